@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace platform {
+
+class Value;
+
+// A dictionary with string keys that keeps the order of insertion, through copies, files and the
+// wire. A plain value: copying it copies the entries (each a cheap handle). To share one, put it
+// into a Value.
+class Dictionary {
+ public:
+  using Entry = std::pair<std::string, Value>;
+  using const_iterator = std::vector<Entry>::const_iterator;
+
+  Dictionary();
+  Dictionary(std::initializer_list<Entry> entries);
+  Dictionary(const Dictionary&);
+  Dictionary(Dictionary&&) noexcept;
+  Dictionary& operator=(const Dictionary&);
+  Dictionary& operator=(Dictionary&&) noexcept;
+  ~Dictionary();
+
+  bool empty() const;
+  std::size_t size() const;
+  const_iterator begin() const;
+  const_iterator end() const;
+
+  bool contains(std::string_view key) const;
+
+  // The value under `key`, nil where there is none.
+  const Value& operator[](std::string_view key) const;
+
+  // A new key goes to the end, a known one keeps its place. A dictionary holds no nil: it is kept
+  // as the null marker.
+  void set(std::string_view key, Value value);
+
+  // Whether there was such a key.
+  bool remove(std::string_view key);
+
+  // The same keys with equal values, in any order.
+  bool operator==(const Dictionary& other) const;
+
+ private:
+  static constexpr std::uint32_t kFree = UINT32_MAX;
+
+  std::size_t find(std::string_view key) const;  // size() where there is none
+  void index(std::uint32_t position);
+  void rebuildIndex();
+
+  std::vector<Entry> entries_;
+  // Open addressing over positions in `entries_`; empty for the few entries that a scan finds
+  // faster.
+  std::vector<std::uint32_t> slots_;
+};
+
+}  // namespace platform

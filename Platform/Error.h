@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <expected>
+#include <string>
+
+namespace platform {
+
+// What kind of failure it is, for callers that tell kinds apart.
+enum class ErrorCode {
+  kNotFound,   // the thing asked for is not there
+  kDenied,     // not permitted, or not trusted
+  kInvalid,    // malformed input
+  kExhausted,  // out of descriptors, memory, space, or over one of our limits
+  kSystem,     // any other failure of a system call; `osError` says which
+};
+
+// A failure nobody nearby can repair: it travels up to the function that logs it.
+struct Error {
+  ErrorCode code = ErrorCode::kSystem;
+  int osError = 0;      // errno at the failing call, 0 when no system call was involved
+  std::string context;  // what failed, where, and what was expected; one line, for people
+};
+
+// `E` is `Error`, or an enum of outcomes that the direct caller handles and never passes on.
+template <typename T, typename E = Error>
+using Result = std::expected<T, E>;
+
+// "CONTEXT" or "CONTEXT: the system's text for osError".
+std::string describe(const Error& error);
+
+// The error object that the system's operations hand out and log lines show with `%@`.
+struct NSError {
+  std::string domain;
+  std::int64_t code = 0;
+  std::string localizedDescription;
+
+  bool operator==(const NSError&) const = default;
+};
+
+}  // namespace platform

@@ -1,0 +1,13 @@
+# Everything comes from the distribution's packages; see docs/architecture.md for what each is for.
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(fmt REQUIRED)
+find_package(LibXml2 REQUIRED)
+find_package(ICU REQUIRED COMPONENTS uc i18n)
+find_package(GTest REQUIRED)
+find_package(benchmark REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(CLI11 REQUIRED)
+# An oracle for tests; not used in the product.
+pkg_check_modules(libplist REQUIRED IMPORTED_TARGET libplist-2.0)

@@ -1,0 +1,83 @@
+# One library per source folder, which sees the headers of the libraries it is linked to and no
+# others: each library publishes a directory of its own below ${CMAKE_BINARY_DIR}/include that holds
+# links to its folder's headers under their paths in the source tree. A dependency against the
+# arrows of docs/architecture.md therefore fails to compile.
+
+include(GoogleTest)
+
+# Sources shared by the precompiled headers of all libraries and of all tests.
+file(WRITE "${CMAKE_BINARY_DIR}/pch/empty.cpp" "")
+add_library(pch OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
+target_precompile_headers(pch PRIVATE
+  <algorithm> <atomic> <chrono> <expected> <functional> <map> <memory> <mutex> <optional> <span>
+  <string> <string_view> <unordered_map> <utility> <variant> <vector>)
+add_library(test_pch OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
+target_link_libraries(test_pch PRIVATE GTest::gmock)
+target_precompile_headers(test_pch PRIVATE
+  <algorithm> <atomic> <chrono> <expected> <functional> <map> <memory> <mutex> <optional> <span>
+  <string> <string_view> <unordered_map> <utility> <variant> <vector> <gmock/gmock.h>
+  <gtest/gtest.h>)
+
+function(_publish_headers target)
+  file(RELATIVE_PATH folder "${CMAKE_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
+  set(published "${CMAKE_BINARY_DIR}/include/${target}")
+  file(REMOVE_RECURSE "${published}")
+  file(MAKE_DIRECTORY "${published}/${folder}")
+  file(GLOB headers CONFIGURE_DEPENDS *.h)
+  foreach(header IN LISTS headers)
+    get_filename_component(name "${header}" NAME)
+    file(CREATE_LINK "${header}" "${published}/${folder}/${name}" SYMBOLIC)
+  endforeach()
+  set(${target}_INCLUDE "${published}" PARENT_SCOPE)
+endfunction()
+
+# folder_library(TARGET [LINK targets...] [PRIVATE targets...] [TEST targets...])
+#
+# A static library of every .cpp in this folder but main.cpp, and a test program TARGET_tests of
+# every *_test.cpp, if any. LINK is visible to users of the library, PRIVATE to its own sources, TEST
+# to its tests.
+function(folder_library target)
+  cmake_parse_arguments(ARG "" "" "LINK;PRIVATE;TEST" ${ARGN})
+  _publish_headers(${target})
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  set(tests ${sources})
+  list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
+  list(FILTER sources EXCLUDE REGEX "(_test|/main)\\.cpp$")
+  if(sources)
+    add_library(${target} STATIC ${sources})
+    target_include_directories(${target} PUBLIC "${${target}_INCLUDE}")
+    target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
+    target_precompile_headers(${target} REUSE_FROM pch)
+  else()
+    add_library(${target} INTERFACE)
+    target_include_directories(${target} INTERFACE "${${target}_INCLUDE}")
+    target_link_libraries(${target} INTERFACE ${ARG_LINK})
+  endif()
+  if(tests)
+    folder_tests(${target}_tests SOURCES ${tests} LINK ${target} ${ARG_TEST})
+  endif()
+endfunction()
+
+# folder_tests(TARGET SOURCES files... LINK targets...): a GoogleTest program, each test known to
+# ctest by its own name.
+function(folder_tests target)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${target} ${ARG_SOURCES})
+  target_link_libraries(${target} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
+  target_compile_definitions(${target} PRIVATE "SOURCE_ROOT=\"${CMAKE_SOURCE_DIR}\"")
+  target_precompile_headers(${target} REUSE_FROM test_pch)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
+endfunction()
+
+# folder_program(TARGET [OUTPUT name] LINK targets...): a program of every .cpp in this folder but
+# the tests.
+function(folder_program target)
+  cmake_parse_arguments(ARG "" "OUTPUT" "LINK" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
+  add_executable(${target} ${sources})
+  target_link_libraries(${target} PRIVATE ${ARG_LINK})
+  if(ARG_OUTPUT)
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME "${ARG_OUTPUT}")
+  endif()
+endfunction()
