@@ -1,8 +1,8 @@
 #include "Platform/Description.h"
 
-#include <gtest/gtest.h>
-
 #include <limits>
+
+#include <gtest/gtest.h>
 
 namespace platform {
 namespace {

@@ -1,8 +1,8 @@
 #include "Platform/NotificationCenter.h"
 
-#include <gtest/gtest.h>
-
 #include <optional>
+
+#include <gtest/gtest.h>
 
 namespace platform {
 namespace {
@@ -47,7 +47,9 @@ TEST_F(NotificationCenterTest, CarriesTheUserInformation) {
 }
 
 TEST_F(NotificationCenterTest, NothingIsDeliveredAfterTheObservationEnds) {
-  { const auto observation = center_.addObserver("n", nullptr, record("gone")); }
+  {
+    const auto observation = center_.addObserver("n", nullptr, record("gone"));
+  }
   center_.post({.name = "n"});
   EXPECT_TRUE(delivered_.empty());
 }

@@ -12,7 +12,8 @@ namespace platform {
 
 // One method of a protocol.
 struct MethodDescription {
-  // A one-way message is sent and forgotten: nobody waits for it, it has no result and no exception.
+  // A one-way message is sent and forgotten: nobody waits for it, it has no result and no
+  // exception.
   enum class Kind { kTwoWay, kOneWay };
 
   std::string selector;  // the whole one, colons and all; it is the message name on the wire

@@ -6,9 +6,8 @@ namespace platform {
 namespace {
 
 TEST(ProtocolTest, AdmitsItsOwnSelectorsToTheLetterAndNoOthers) {
-  const Protocol protocol("Installer",
-                          {{"evaluateServices", MethodDescription::Kind::kOneWay},
-                           {"shutdownServices:", MethodDescription::Kind::kTwoWay}});
+  const Protocol protocol("Installer", {{"evaluateServices", MethodDescription::Kind::kOneWay},
+                                        {"shutdownServices:", MethodDescription::Kind::kTwoWay}});
   ASSERT_NE(protocol.method("shutdownServices:"), nullptr);
   EXPECT_EQ(protocol.method("shutdownServices:")->kind, MethodDescription::Kind::kTwoWay);
   EXPECT_EQ(protocol.method("evaluateServices")->kind, MethodDescription::Kind::kOneWay);
@@ -23,8 +22,8 @@ TEST(ProtocolTest, ASelectorHasOneArgumentForEachColon) {
 }
 
 TEST(ProtocolTest, TheFirstMethodOfASelectorStands) {
-  const Protocol protocol("P", {{"a", MethodDescription::Kind::kOneWay},
-                                {"a", MethodDescription::Kind::kTwoWay}});
+  const Protocol protocol(
+      "P", {{"a", MethodDescription::Kind::kOneWay}, {"a", MethodDescription::Kind::kTwoWay}});
   EXPECT_EQ(protocol.methods().size(), 1u);
   EXPECT_EQ(protocol.method("a")->kind, MethodDescription::Kind::kOneWay);
 }

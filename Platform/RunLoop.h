@@ -51,11 +51,16 @@ class RunLoop {
 
   // Calls `callback` whenever `descriptor` is readable (or at its end, or in error). An ordinary
   // source goes on calling once a turn for as long as it is readable; a more urgent one calls once,
-  // since a process exits and a connection dies only once. The descriptor stays the caller's, must
-  // outlive the source, and may be made non-blocking. Fails when the system has no room for it or
-  // the descriptor can't be waited for.
-  [[nodiscard]] virtual Result<std::unique_ptr<RunLoopHandle>> watchReadable(
-      Descriptor descriptor, Urgency urgency, Callback callback) = 0;
+  // since a process exits and a connection dies only once. For kConnectionDeath only the peer's end
+  // counts, not what it sent before.
+  //
+  // The descriptor stays the caller's, must outlive the source, and may be made non-blocking. It
+  // has at most one ordinary and one more urgent source. Fails with kInvalid when there is one
+  // already or the descriptor can't be waited for, and with kExhausted when the system has no room
+  // for it.
+  [[nodiscard]] virtual Result<std::unique_ptr<RunLoopHandle>> watchReadable(Descriptor descriptor,
+                                                                             Urgency urgency,
+                                                                             Callback callback) = 0;
 
   // Serves timers, posts and sources until stop(), also when there is nothing to do. A stop() that
   // comes before run() makes the next run() return at once.

@@ -6,7 +6,7 @@
 include(GoogleTest)
 
 # Sources shared by the precompiled headers of all libraries and of all tests.
-file(WRITE "${CMAKE_BINARY_DIR}/pch/empty.cpp" "")
+file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/pch/empty.cpp" CONTENT "\n")  # Touched only if new.
 add_library(pch OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
 target_precompile_headers(pch PRIVATE
   <algorithm> <atomic> <chrono> <expected> <functional> <map> <memory> <mutex> <optional> <span>
@@ -69,15 +69,26 @@ function(folder_tests target)
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)
 endfunction()
 
-# folder_program(TARGET [OUTPUT name] LINK targets...): a program of every .cpp in this folder but
-# the tests.
+# folder_program(TARGET [OUTPUT name] LINK targets... [TEST targets...])
+#
+# A program of every .cpp in this folder but the tests, and a test program TARGET_tests of every
+# *_test.cpp, if any, with the program's sources but main.cpp.
 function(folder_program target)
-  cmake_parse_arguments(ARG "" "OUTPUT" "LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "OUTPUT" "LINK;TEST" ${ARGN})
+  _publish_headers(${target})
   file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  set(tests ${sources})
+  list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
   list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
   add_executable(${target} ${sources})
+  target_include_directories(${target} PRIVATE "${${target}_INCLUDE}")
   target_link_libraries(${target} PRIVATE ${ARG_LINK})
   if(ARG_OUTPUT)
     set_target_properties(${target} PROPERTIES OUTPUT_NAME "${ARG_OUTPUT}")
+  endif()
+  if(tests)
+    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+    folder_tests(${target}_tests SOURCES ${tests} ${sources} LINK ${ARG_LINK} ${ARG_TEST})
+    target_include_directories(${target}_tests PRIVATE "${${target}_INCLUDE}")
   endif()
 endfunction()

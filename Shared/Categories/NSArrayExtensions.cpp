@@ -4,9 +4,7 @@
 
 namespace NSArrayExtensions {
 
-bool isNilOrEmpty(const platform::Array* array) {
-  return !array || array->empty();
-}
+bool isNilOrEmpty(const platform::Array* array) { return !array || array->empty(); }
 
 std::string singleLineDescription(const platform::Array& receiver) {
   return platform::singleLineDescription(receiver);

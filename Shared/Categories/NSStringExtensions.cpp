@@ -1,9 +1,9 @@
 #include "Shared/Categories/NSStringExtensions.h"
 
+#include <cstdint>
+
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
-
-#include <cstdint>
 
 namespace NSStringExtensions {
 namespace {

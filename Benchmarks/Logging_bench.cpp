@@ -1,0 +1,155 @@
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Benchmarks/Goal.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Linux/AsioSerialQueues.h"
+#include "Platform/Linux/FileLogSink.h"
+#include "Platform/Linux/JournalLogSink.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/StringFormat.h"
+#include "Platform/SystemLog.h"
+#include "Platform/Testing/LogReceiver.h"
+#include "Platform/Thread.h"
+
+namespace benchmarks {
+namespace {
+
+using namespace platform;
+
+const std::string kMessage =
+    "Service com.vantor.service.example is running, nothing needs to be done.";
+const LogRecord kRecord{"ORBServiceManager", "com.vantor.hostagent", ASL_LEVEL_DEBUG,
+                        "[ORBServiceManager.cpp:1234] Service com.vantor.service.example is "
+                        "running, nothing needs to be done."};
+
+// What the caller of a line pays: its text, and handing it over. Lines are logged in bursts of what
+// a busy moment of the daemon writes, to the sink that takes longest, and what waits is written
+// between them untimed: what is measured is the caller, not how fast the log takes lines.
+constexpr int kBurst = 256;
+
+double monotonicSeconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+template <typename Line>
+void timeBurst(benchmark::State& state, Line line) {
+  const double begin = monotonicSeconds();
+  for (int i = 0; i < kBurst; ++i) line();
+  state.SetIterationTime(monotonicSeconds() - begin);
+}
+
+void logLines(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  FileLogSink sink(folder.path("system.log"));
+  SystemLog log(sink, "benchmark");
+  AsioSerialQueues queues(1);
+  Logger2State logger(log, queues);
+  Logger2Binding binding(logger);
+  const std::uint32_t thread = mach_thread_self();
+  vantorlogger2_open("ORBServiceManager", thread);
+  for (auto _ : state) {
+    timeBurst(state, [] { vantorlogger2_line(ASL_LEVEL_DEBUG, kMessage); });
+    get_queue(thread)->sync([] {});
+  }
+  if (log.dropped() != 0) state.SkipWithError("lines were lost");
+  vantorlogger2_close(thread);
+}
+
+void formatLines(benchmark::State& state) {
+  for (auto _ : state) {
+    timeBurst(state, [] {
+      const std::string line =
+          stringWithFormat("[%s:%u] %@", vantorlogger2_srcbasename(__FILE__), 1234U, kMessage);
+      benchmark::DoNotOptimize(line.data());
+    });
+  }
+}
+
+void writeThroughFileSink(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  FileLogSink sink(folder.path("system.log"));
+  for (auto _ : state)
+    if (!sink.write(kRecord)) state.SkipWithError("the sink refused");
+}
+
+void writeToFile(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  FileLogSink sink(folder.path("sample"));
+  if (!sink.write(kRecord)) state.SkipWithError("the sink refused");
+  const std::string line(std::filesystem::file_size(folder.path("sample")), 'x');
+  const UniqueFd file(
+      ::open(folder.path("system.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  // As large as the sink lets its file become.
+  const std::int64_t lines = static_cast<std::int64_t>(FileLogSink::Limits{}.bytes / line.size());
+  std::int64_t written = 0;
+  for (auto _ : state) {
+    if (::write(file.get(), line.data(), line.size()) < 0) state.SkipWithError("write failed");
+    if (++written % lines == 0) benchmark::DoNotOptimize(::ftruncate(file.get(), 0));
+  }
+}
+
+// Reads after every message, on the same thread, so that the sink never meets a full queue and no
+// thread's wake-up is measured.
+void receive(int socket) {
+  std::array<char, 4096> buffer;
+  benchmark::DoNotOptimize(::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT));
+}
+
+void sendThroughJournalSink(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  LogReceiver receiver(folder.path("socket"));
+  const auto sink = JournalLogSink::make(folder.path("socket")).value();
+  for (auto _ : state) {
+    if (!sink->write(kRecord)) state.SkipWithError("the sink refused");
+    receive(receiver.descriptor());
+  }
+}
+
+void sendToSocket(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  LogReceiver receiver(folder.path("socket"));
+  if (!JournalLogSink::make(folder.path("socket")).value()->write(kRecord))
+    state.SkipWithError("the sink refused");
+  const std::string entry = receiver.take().at(0).bytes;
+  std::array<int, 2> ends{};
+  if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
+    state.SkipWithError("no socket pair");
+  const UniqueFd sender(ends[0]);
+  const UniqueFd reader(ends[1]);
+  for (auto _ : state) {
+    if (::send(sender.get(), entry.data(), entry.size(), MSG_DONTWAIT) < 0)
+      state.SkipWithError("send failed");
+    receive(reader.get());
+  }
+}
+
+BENCHMARK(logLines)->Name("log2-caller/subject")->UseManualTime();
+BENCHMARK(formatLines)->Name("log2-caller/baseline")->UseManualTime();
+BENCHMARK(writeThroughFileSink)->Name("log-sink-file/subject")->UseRealTime();
+BENCHMARK(writeToFile)->Name("log-sink-file/baseline")->UseRealTime();
+BENCHMARK(sendThroughJournalSink)->Name("log-sink-journal/subject")->UseRealTime();
+BENCHMARK(sendToSocket)->Name("log-sink-journal/baseline")->UseRealTime();
+
+[[maybe_unused]] const bool kGoals =
+    atMost({"log2-caller", 2.0, "the caller of 256 lines of logger 2 : formatting them"}) &&
+    atMost({"log-sink-file", 2.0, "a line of the log file : one write of it"}) &&
+    atMost({"log-sink-journal", 2.0, "an entry to the journal : one send of it"});
+
+}  // namespace
+}  // namespace benchmarks

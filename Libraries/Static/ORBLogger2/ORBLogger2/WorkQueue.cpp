@@ -1,0 +1,51 @@
+#include "Libraries/Static/ORBLogger2/ORBLogger2/WorkQueue.h"
+
+#include <utility>
+
+namespace {
+
+// Memory that a burst of lines has taken is kept up to this size for the next.
+constexpr std::size_t kKeptText = std::size_t{64} << 10;
+constexpr std::size_t kKeptLines = 1024;
+
+}  // namespace
+
+WorkQueue::WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::SerialQueue> queue)
+    : systemLog_(systemLog), queue_(std::move(queue)) {}
+
+void WorkQueue::add(int level, std::string_view text) {
+  {
+    const std::lock_guard lock(mutex_);
+    const std::size_t cost = waiting_.cost() + costInWriting_ + text.size() + kLineOverhead;
+    if (cost > kMaximumBacklog) {
+      systemLog_.countLost();
+      return;
+    }
+    waiting_.texts += text;
+    waiting_.lines.push_back({level, text.size()});
+    if (std::exchange(blockOnItsWay_, true)) return;
+  }
+  queue_->async([self = shared_from_this()] { self->writeWaiting(); });
+}
+
+void WorkQueue::writeWaiting() {
+  {
+    const std::lock_guard lock(mutex_);
+    std::swap(waiting_, inWriting_);
+    costInWriting_ = inWriting_.cost();
+    blockOnItsWay_ = false;
+  }
+  const auto* client = static_cast<const platform::AslClient*>(queue_->context());
+  std::size_t begin = 0;
+  for (const Lines::Line& line : inWriting_.lines) {
+    systemLog_.asl_log(client, line.level,
+                       std::string_view(inWriting_.texts).substr(begin, line.size));
+    begin += line.size;
+  }
+  inWriting_.texts.clear();
+  inWriting_.lines.clear();
+  if (inWriting_.texts.capacity() > kKeptText) inWriting_.texts = {};
+  if (inWriting_.lines.capacity() > kKeptLines) inWriting_.lines = {};
+  const std::lock_guard lock(mutex_);
+  costInWriting_ = 0;
+}

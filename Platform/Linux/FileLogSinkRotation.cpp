@@ -1,0 +1,57 @@
+#include "Platform/Linux/FileLogSinkRotation.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "Platform/Linux/UniqueFd.h"
+
+namespace platform {
+namespace {
+
+std::string rotatedName(const std::string& path, unsigned number) {
+  return fmt::format("{}.{}", path, number);
+}
+
+bool isAt(const std::string& path, const struct stat& expected) {
+  struct stat found{};
+  return ::lstat(path.c_str(), &found) == 0 && isSameFile(found, expected);
+}
+
+}  // namespace
+
+bool isSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+}
+
+// The lock is on the file that is to be renamed, through an opening of its own (a forked process
+// shares the lock of a shared opening). While it is held the name still stands for that file, so
+// nobody else can have begun a next rotation; once the file has been renamed, whoever waits with
+// the same idea finds another file under the name.
+void rotateLogFile(const std::string& path, const struct stat& expected, unsigned kept) {
+  const UniqueFd file(
+      ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat opened{};
+  if (!file || ::fstat(file.get(), &opened) != 0 || !isSameFile(opened, expected)) return;
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) return;
+  if (!isAt(path, expected)) return;
+
+  // Only as far as to the first free number, so that a gap costs no old file.
+  unsigned last = 1;
+  while (last < kept && ::access(rotatedName(path, last).c_str(), F_OK) == 0) ++last;
+  for (unsigned number = last; number > 1; --number)
+    ::rename(rotatedName(path, number - 1).c_str(), rotatedName(path, number).c_str());
+  if (kept == 1) ::unlink(rotatedName(path, 1).c_str());
+  // A file that somebody has put there meanwhile is not ours to lose, where the file system can
+  // say.
+  const std::string first = rotatedName(path, 1);
+  if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, first.c_str(), RENAME_NOREPLACE) != 0 &&
+      errno == EINVAL)
+    ::rename(path.c_str(), first.c_str());
+}
+
+}  // namespace platform

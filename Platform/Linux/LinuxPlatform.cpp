@@ -1,0 +1,49 @@
+#include "Platform/Linux/LinuxPlatform.h"
+
+#include <utility>
+
+#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/Linux/ExecutablePath.h"
+#include "Platform/Linux/LogSinkChoice.h"
+#include "Platform/Linux/PlatformRoot.h"
+
+namespace platform {
+
+LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::uint64_t originalDescriptorLimit_,
+                             PlatformConfiguration configuration_, Bundle mainBundle_,
+                             std::unique_ptr<LogSink> logSink_,
+                             std::unique_ptr<AsioRunLoop> runLoop_)
+    : readiness(std::move(readiness_)),
+      originalDescriptorLimit(originalDescriptorLimit_),
+      configuration(std::move(configuration_)),
+      mainBundle(std::move(mainBundle_)),
+      systemInformation(configuration, "/proc"),
+      logSink(std::move(logSink_)),
+      systemLog(*logSink,
+                mainBundle.executablePath().substr(mainBundle.executablePath().rfind('/') + 1),
+                configuration.logLevel),
+      runLoop(std::move(runLoop_)) {}
+
+Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::make() {
+  ServiceNotify readiness = ServiceNotify::takeFromEnvironment();
+  auto descriptorLimit = raiseDescriptorLimit();
+  if (!descriptorLimit) return std::unexpected(std::move(descriptorLimit.error()));
+  const auto executable = runningExecutablePath();
+  if (!executable) return std::unexpected(executable.error());
+  const auto root = platformRootOfExecutable(*executable);
+  if (!root) return std::unexpected(root.error());
+  auto configuration = readPlatformConfiguration(*root);
+  if (!configuration) return std::unexpected(std::move(configuration.error()));
+  auto mainBundle = bundleOfExecutable(*executable);
+  if (!mainBundle) return std::unexpected(std::move(mainBundle.error()));
+  if (!configuration->logSink) configuration->logSink = chooseLogSink(*root);
+  auto logSink = makeLogSink(*root, *configuration->logSink);
+  if (!logSink) return std::unexpected(std::move(logSink.error()));
+  auto runLoop = AsioRunLoop::create();
+  if (!runLoop) return std::unexpected(std::move(runLoop.error()));
+  return std::unique_ptr<LinuxPlatform>(
+      new LinuxPlatform(std::move(readiness), *descriptorLimit, *std::move(configuration),
+                        *std::move(mainBundle), *std::move(logSink), *std::move(runLoop)));
+}
+
+}  // namespace platform

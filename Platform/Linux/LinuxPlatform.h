@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "Platform/Bundle.h"
+#include "Platform/Error.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/AsioSerialQueues.h"
+#include "Platform/Linux/AsioTerminationSignals.h"
+#include "Platform/Linux/LinuxSystemInformation.h"
+#include "Platform/Linux/PidfdExitWatcher.h"
+#include "Platform/Linux/ServiceNotify.h"
+#include "Platform/LogSink.h"
+#include "Platform/PlatformConfiguration.h"
+#include "Platform/SystemLog.h"
+
+namespace platform {
+
+// What a program gets from Linux: everything made in one order, ended in the other. For `main`,
+// which hands it on by the interfaces.
+struct LinuxPlatform {
+  // Finds the platform root of the running program, reads its configuration and makes the rest. To
+  // be called first thing in `main`, before there are other threads. Every error says what to do.
+  static Result<std::unique_ptr<LinuxPlatform>> make();
+
+  LinuxPlatform(const LinuxPlatform&) = delete;
+  LinuxPlatform& operator=(const LinuxPlatform&) = delete;
+
+  ServiceNotify readiness;
+  std::uint64_t originalDescriptorLimit;  // what programs that are started from here get back
+  PlatformConfiguration configuration;    // with the log sink that was chosen
+  Bundle mainBundle;
+  LinuxSystemInformation systemInformation;
+  std::unique_ptr<LogSink> logSink;
+  SystemLog systemLog;
+  std::unique_ptr<AsioRunLoop> runLoop;
+  PidfdExitWatcher exitWatcher{*runLoop};
+  AsioTerminationSignals terminationSignals{*runLoop};
+  // Its destruction waits for what is still to be written, so it ends first.
+  AsioSerialQueues utilityQueues{kUtilityThreads};
+
+ private:
+  static constexpr std::size_t kUtilityThreads = 2;
+
+  LinuxPlatform(ServiceNotify readiness, std::uint64_t originalDescriptorLimit,
+                PlatformConfiguration configuration, Bundle mainBundle,
+                std::unique_ptr<LogSink> logSink, std::unique_ptr<AsioRunLoop> runLoop);
+};
+
+}  // namespace platform

@@ -1,0 +1,34 @@
+#include "Platform/Testing/FakeTerminationSignals.h"
+
+#include <gtest/gtest.h>
+
+#include "Platform/TerminationSignals_contract.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+
+namespace platform {
+namespace {
+
+class FakeSignals final : public TerminationHarness {
+ public:
+  RunLoop& loop() override { return loop_; }
+  TerminationSignals& signals() override { return signals_; }
+  void request() override { signals_.request(); }
+
+ private:
+  VirtualRunLoop loop_;
+  FakeTerminationSignals signals_{loop_};
+};
+
+std::unique_ptr<TerminationHarness> makeHarness() { return std::make_unique<FakeSignals>(); }
+
+INSTANTIATE_TEST_SUITE_P(Fake, TerminationSignalsContract, testing::Values(&makeHarness));
+
+TEST(FakeTerminationSignalsTest, ARequestThatNobodyWatchesForEndsTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  VirtualRunLoop loop;
+  FakeTerminationSignals signals(loop);
+  EXPECT_DEATH(signals.request(), "");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Platform/ExitWatcher.h"
+#include "Platform/Linux/UniqueFd.h"
+
+namespace platform {
+
+// A real program that a test started and speaks to through its standard files. Every wait ends
+// after a minute at the latest, as a failure of the test. A program that still runs at the end is
+// killed.
+class ChildProgram {
+ public:
+  // `arguments` begin with the program's path. It gets no environment but `environment`, each as
+  // "NAME=VALUE", and what the sanitizers read.
+  ChildProgram(std::vector<std::string> arguments, std::vector<std::string> environment);
+  ChildProgram(const ChildProgram&) = delete;
+  ChildProgram& operator=(const ChildProgram&) = delete;
+  ~ChildProgram();
+
+  ProcessId process() const { return process_; }
+  void signal(int number) const;
+  void closeInput() { input_.reset(); }
+
+  // The next line of its output, without the line end.
+  std::string nextLine();
+
+  // How it ended.
+  ExitStatus waitForExit();
+
+  // What has not been read of its output, and its errors; once it has ended.
+  std::string restOfOutput();
+  std::string errors();
+
+ private:
+  ProcessId process_ = -1;
+  bool ended_ = false;
+  UniqueFd input_;
+  UniqueFd output_;
+  UniqueFd errors_;
+};
+
+// A service manager's datagram socket.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path);
+
+  // The next announcement, waited for.
+  std::string next();
+  // Whether there is another one already.
+  bool hasMore() const;
+
+ private:
+  UniqueFd socket_;
+};
+
+}  // namespace platform

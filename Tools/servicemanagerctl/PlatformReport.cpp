@@ -1,0 +1,116 @@
+#include "Tools/servicemanagerctl/PlatformReport.h"
+
+#include <iterator>
+
+#include <fmt/format.h>
+
+#include "Libraries/Static/Interprocess Communications/utilities/BootTime.h"
+#include "Platform/Description.h"
+#include "Shared/Categories/NSProcessInfo+Extensions.h"
+
+namespace {
+
+using namespace platform;
+
+// More ancestors than any process has; a table of processes that changes while it is read could
+// otherwise lead round in a circle.
+constexpr std::size_t kMaximumAncestors = 64;
+
+std::vector<PlatformReport::Process> lineage(const SystemInformation& system, ProcessId youngest) {
+  std::vector<PlatformReport::Process> processes;
+  for (ProcessId pid = youngest; pid > 0 && processes.size() < kMaximumAncestors;) {
+    const auto record = system.kernelProcess(pid);
+    if (!record || !*record) break;
+    processes.push_back({pid, **record, system.processPath(pid)});
+    pid = (*record)->e_ppid;
+  }
+  return processes;
+}
+
+std::string bootText(double bootTime) {
+  if (bootTime < 0) return "unknown";
+  return description(Value(Date{bootTime - static_cast<double>(kReferenceDateUnixSeconds)}));
+}
+
+// The configuration of a running platform names the sink that was chosen.
+const char* sinkText(const PlatformConfiguration& configuration) {
+  switch (configuration.logSink.value_or(PlatformConfiguration::LogSink::kFile)) {
+    case PlatformConfiguration::LogSink::kJournal:
+      return "journal";
+    case PlatformConfiguration::LogSink::kSyslog:
+      return "syslog";
+    case PlatformConfiguration::LogSink::kFile:
+      return "file";
+  }
+  return "";
+}
+
+}  // namespace
+
+PlatformReport makePlatformReport(const SystemInformation& system,
+                                  const PlatformConfiguration& configuration, ProcessId self,
+                                  UserId caller) {
+  PlatformReport report{
+      .configuration = configuration,
+      .kernelRelease = system.unameRelease(),
+      .systemVersion = NSProcessInfo::Extensions::osVersionString(&system),
+      .marketingVersion = NSProcessInfo::Extensions::systemMajorString(&system).value_or(""),
+      .bootTime = systemBootTime(system),
+      .users = {},
+      .processes = lineage(system, self)};
+  for (const UserId uid : {UserId{0}, caller}) {
+    const auto identity = system.identityForPosixId(uid);
+    if (identity && (uid != 0 || report.users.empty())) report.users.push_back({uid, *identity});
+  }
+  return report;
+}
+
+std::string asTable(const PlatformReport& report) {
+  std::string text;
+  const auto out = std::back_inserter(text);
+  fmt::format_to(out, "Platform root   {}\n", report.configuration.root);
+  fmt::format_to(out, "Release         {}\n", report.kernelRelease);
+  fmt::format_to(out, "Version         {} ({})\n", report.systemVersion, report.marketingVersion);
+  fmt::format_to(out, "Booted          {}\n", bootText(report.bootTime));
+  fmt::format_to(out, "Log             {}, levels to {}\n", sinkText(report.configuration),
+                 report.configuration.logLevel);
+  fmt::format_to(out, "\n{:>7}  {:<16} {}\n", "UID", "USER", "FULL NAME");
+  for (const auto& [uid, identity] : report.users) {
+    fmt::format_to(out, "{:>7}  {:<16} {}\n", uid, identity.posixName, identity.fullName);
+  }
+  fmt::format_to(out, "\n{:>7}  {:>7}  {:>7}  {:<16} {}\n", "PID", "PARENT", "UID", "PROCESS",
+                 "PATH");
+  for (const auto& [pid, record, path] : report.processes) {
+    fmt::format_to(out, "{:>7}  {:>7}  {:>7}  {:<16} {}\n", pid, record.e_ppid, record.cr_uid,
+                   record.p_comm, path.value_or("-"));
+  }
+  return text;
+}
+
+nlohmann::ordered_json asJson(const PlatformReport& report) {
+  nlohmann::ordered_json json;
+  json["root"] = report.configuration.root;
+  json["kernelRelease"] = report.kernelRelease;
+  json["systemVersion"] = report.systemVersion;
+  json["marketingVersion"] = report.marketingVersion;
+  json["bootTime"] = nullptr;
+  if (report.bootTime >= 0) json["bootTime"] = report.bootTime;
+  json["logSink"] = sinkText(report.configuration);
+  json["logLevel"] = report.configuration.logLevel;
+  json["users"] = nlohmann::ordered_json::array();
+  for (const auto& [uid, identity] : report.users) {
+    json["users"].push_back(
+        {{"uid", uid}, {"name", identity.posixName}, {"fullName", identity.fullName}});
+  }
+  json["processes"] = nlohmann::ordered_json::array();
+  for (const auto& [pid, record, path] : report.processes) {
+    nlohmann::ordered_json process{{"pid", pid},
+                                   {"parent", record.e_ppid},
+                                   {"realUid", record.p_ruid},
+                                   {"effectiveUid", record.cr_uid},
+                                   {"name", record.p_comm}};
+    process["path"] = path ? nlohmann::ordered_json(*path) : nlohmann::ordered_json();
+    json["processes"].push_back(std::move(process));
+  }
+  return json;
+}

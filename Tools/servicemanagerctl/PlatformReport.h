@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Platform/PlatformConfiguration.h"
+#include "Platform/SystemInformation.h"
+
+// What the platform layer knows of this machine, for people and for programs.
+struct PlatformReport {
+  struct User {
+    platform::UserId uid;
+    platform::UserIdentity identity;
+  };
+  struct Process {
+    platform::ProcessId pid;
+    platform::KernelProcess record;
+    std::optional<std::string> path;
+  };
+
+  platform::PlatformConfiguration configuration;
+  std::string kernelRelease;
+  std::string systemVersion;       // three numbers
+  std::string marketingVersion;    // 10.MINOR
+  double bootTime = -1;            // seconds since 1970, -1 where it can't be read
+  std::vector<User> users;         // root, and who runs this
+  std::vector<Process> processes;  // this one and its ancestors, the youngest first
+};
+
+// Reads it all anew. `self` is the process whose line of ancestors is told, `caller` the user who
+// asks.
+PlatformReport makePlatformReport(const platform::SystemInformation& system,
+                                  const platform::PlatformConfiguration& configuration,
+                                  platform::ProcessId self, platform::UserId caller);
+
+std::string asTable(const PlatformReport& report);
+nlohmann::ordered_json asJson(const PlatformReport& report);
