@@ -115,7 +115,7 @@ TEST_P(LogSinkContract, ThreadsWritingAtOnceLoseAndTearNothing) {
   constexpr int kThreads = 4;
   constexpr int kMessages = 100;
   const std::string filling(300, 'x');
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kMessages; ++i) {
@@ -135,7 +135,7 @@ TEST_P(LogSinkContract, ThreadsWritingAtOnceLoseAndTearNothing) {
     }
     std::this_thread::yield();
   }
-  for (std::thread& thread : threads) thread.join();
+  for (std::jthread& thread : threads) thread.join();
   for (int thread = 0; thread < kThreads; ++thread)
     for (int i = 0; i < kMessages; ++i)
       EXPECT_EQ(arrived[static_cast<std::size_t>(thread)][static_cast<std::size_t>(i)],

@@ -240,7 +240,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishKey(std::size_t tag) 
     return atTag(tag,
                  fmt::format("<key> {} occurs twice in its <dict>, expected once", quoted(text_)));
   }
-  dictionary.key = text_;
+  dictionary.key = std::move(text_);
   dictionary.keyTag = tag;
   return std::nullopt;
 }

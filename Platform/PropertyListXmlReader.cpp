@@ -145,28 +145,16 @@ Builder::Step XmlReading::element(const xmlNode& node) {
 // What must be known before libxml2 sees the text: what would cost it too much, and declarations,
 // which could change what the text means (entities, default attributes).
 std::optional<Error> XmlReading::checkBeforehand() const {
-  Scanner scanner(text_);
-  while (const auto piece = scanner.next()) {
-    const std::string_view text = text_.substr(piece->begin, piece->end - piece->begin);
-    switch (piece->token) {
-      case Scanner::Token::kDoctype:
-        if (!Scanner::hasInternalSubset(text)) break;
-        return errorAt(piece->begin,
-                       "the document type declares something of its own, expected none or only the "
-                       "public one");
-      case Scanner::Token::kStartTag:
-      case Scanner::Token::kEndTag:
-      case Scanner::Token::kEmptyTag:
-        if (text.size() <= kMaxPropertyListTagBytes) break;
-        return errorAt(piece->begin,
-                       fmt::format("a tag of more than {} bytes", kMaxPropertyListTagBytes),
-                       ErrorCode::kExhausted);
-      case Scanner::Token::kText:
-      case Scanner::Token::kCharacterData:
-      case Scanner::Token::kComment:
-      case Scanner::Token::kInstruction:
-        break;
-    }
+  const auto doctype = Scanner::findDoctype(text_);
+  if (doctype &&
+      Scanner::hasInternalSubset(text_.substr(doctype->begin, doctype->end - doctype->begin))) {
+    return errorAt(doctype->begin,
+                   "the document type declares something of its own, expected none or only the "
+                   "public one");
+  }
+  if (const auto tag = Scanner::findTagLongerThan(text_, kMaxPropertyListTagBytes)) {
+    return errorAt(tag->begin, fmt::format("a tag of more than {} bytes", kMaxPropertyListTagBytes),
+                   ErrorCode::kExhausted);
   }
   return std::nullopt;
 }

@@ -1,5 +1,6 @@
 #include "Platform/PropertyListXmlScanner.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "Platform/PropertyListScalars.h"
@@ -7,6 +8,15 @@
 namespace platform {
 
 using Piece = PropertyListXmlScanner::Piece;
+
+namespace {
+
+bool isTag(PropertyListXmlScanner::Token token) {
+  using Token = PropertyListXmlScanner::Token;
+  return token == Token::kStartTag || token == Token::kEndTag || token == Token::kEmptyTag;
+}
+
+}  // namespace
 
 std::optional<Piece> PropertyListXmlScanner::next() {
   if (offset_ >= text_.size()) return std::nullopt;
@@ -85,21 +95,29 @@ std::size_t PropertyListXmlScanner::afterQuote(std::size_t quote) const {
 Piece PropertyListXmlScanner::findTag(std::string_view text, std::size_t number) {
   PropertyListXmlScanner scanner(text);
   while (const auto piece = scanner.next()) {
-    switch (piece->token) {
-      case Token::kStartTag:
-      case Token::kEndTag:
-      case Token::kEmptyTag:
-        if (number-- == 0) return *piece;
-        break;
-      case Token::kText:
-      case Token::kCharacterData:
-      case Token::kComment:
-      case Token::kInstruction:
-      case Token::kDoctype:
-        break;
-    }
+    if (isTag(piece->token) && number-- == 0) return *piece;
   }
   return {Token::kText, text.size(), text.size(), true};
+}
+
+std::optional<Piece> PropertyListXmlScanner::findTagLongerThan(std::string_view text,
+                                                               std::size_t bytes) {
+  // A tag holds no other "<", so that most documents are done with by looking for those alone.
+  const auto mayHaveOne = [text, bytes] {
+    std::size_t last = text.find('<');
+    while (last != text.npos) {
+      const std::size_t next = text.find('<', last + 1);
+      if (std::min(next, text.size()) - last > bytes) return true;
+      last = next;
+    }
+    return false;
+  };
+  if (!mayHaveOne()) return std::nullopt;
+  PropertyListXmlScanner scanner(text);
+  while (const auto piece = scanner.next()) {
+    if (isTag(piece->token) && piece->end - piece->begin > bytes) return piece;
+  }
+  return std::nullopt;
 }
 
 std::size_t PropertyListXmlScanner::findContent(std::string_view text, std::size_t offset) {
@@ -117,19 +135,8 @@ std::size_t PropertyListXmlScanner::findContent(std::string_view text, std::size
 std::optional<Piece> PropertyListXmlScanner::findDoctype(std::string_view text) {
   PropertyListXmlScanner scanner(text);
   while (const auto piece = scanner.next()) {
-    switch (piece->token) {
-      case Token::kDoctype:
-        return piece;
-      case Token::kStartTag:
-      case Token::kEndTag:
-      case Token::kEmptyTag:
-        return std::nullopt;
-      case Token::kText:
-      case Token::kCharacterData:
-      case Token::kComment:
-      case Token::kInstruction:
-        break;
-    }
+    if (piece->token == Token::kDoctype) return piece;
+    if (isTag(piece->token)) return std::nullopt;
   }
   return std::nullopt;
 }

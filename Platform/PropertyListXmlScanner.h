@@ -47,6 +47,9 @@ class PropertyListXmlScanner {
   // piece at the end where there are fewer.
   static Piece findTag(std::string_view text, std::size_t number);
 
+  // The first tag of more than so many bytes.
+  static std::optional<Piece> findTagLongerThan(std::string_view text, std::size_t bytes);
+
   // Begin of the first text or character data from `offset` that is not white space alone.
   static std::size_t findContent(std::string_view text, std::size_t offset);
 

@@ -63,7 +63,8 @@ class RunLoop {
                                                                              Callback callback) = 0;
 
   // Serves timers, posts and sources until stop(), also when there is nothing to do. A stop() that
-  // comes before run() makes the next run() return at once.
+  // comes before run() makes the next run() return at once. Not to be called by a callback: what
+  // waits inside another wait could be kept from its end.
   virtual void run() = 0;
   virtual void stop() = 0;
 

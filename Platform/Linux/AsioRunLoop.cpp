@@ -89,7 +89,10 @@ Result<std::unique_ptr<RunLoopHandle>> AsioRunLoop::watchReadable(Descriptor des
 }
 
 void AsioRunLoop::run() {
+  assert(!running_);
+  running_ = true;
   if (!stopping_) io_.run();
+  running_ = false;
   stopping_ = false;
   io_.restart();
 }

@@ -64,6 +64,7 @@ class AsioRunLoop final : public RunLoop {
   asio::io_context io_{1};
   asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
   std::atomic<bool> stopping_ = false;
+  bool running_ = false;
 
   std::array<HandOverQueue<Callback>, 3> posts_;  // by Urgency
   std::atomic<bool> awake_ = false;               // servePosts() is on its way

@@ -7,10 +7,10 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Linux/BlockedSignal.h"
-#include "Platform/Linux/FileLogSinkRotation.h"
 #include "Platform/Linux/LogSinkText.h"
 #include "Platform/Linux/SystemCall.h"
 
@@ -54,15 +54,13 @@ Result<void> FileLogSink::write(const LogRecord& record) {
 
 // Looks at the name before every line: that is how a rotation by anybody is noticed at once.
 Result<void> FileLogSink::openCurrent() {
-  struct stat named{};
-  if (::lstat(path_.c_str(), &named) != 0) {
-    if (errno != ENOENT) return std::unexpected(systemError("stat " + path_));
-    return open();
-  }
+  const auto named = LogFileStatus::ofName(path_);
+  if (!named && errno != ENOENT) return std::unexpected(systemError("stat " + path_));
+  if (!named) return open();
   // Before it is opened, since to open a device can have an effect.
-  if (!S_ISREG(named.st_mode)) return notRegular(path_);
-  if (!file_ || !isSameFile(named, current_)) return open();
-  current_ = named;
+  if (!named->isRegular) return notRegular(path_);
+  if (!file_ || !named->isSameFileAs(current_)) return open();
+  current_ = *named;
   return {};
 }
 
@@ -75,11 +73,13 @@ Result<void> FileLogSink::open() {
     file_ = UniqueFd(retryOnInterrupt(openFile));
   }
   if (!file_) return std::unexpected(systemError("open " + path_));
-  if (::fstat(file_.get(), &current_) != 0) return std::unexpected(systemError("fstat " + path_));
-  if (!S_ISREG(current_.st_mode)) {
+  const auto opened = LogFileStatus::ofDescriptor(file_.get());
+  if (!opened || !opened->isRegular) {
+    const Error error = systemError("fstat " + path_);
     file_.reset();
-    return notRegular(path_);
+    return opened ? notRegular(path_) : std::unexpected(error);
   }
+  current_ = *opened;
   host_ = hostName();
   expectedSize_ = kUnknownSize;
   rotateAbove_ = limits_.bytes;
@@ -87,13 +87,13 @@ Result<void> FileLogSink::open() {
 }
 
 Result<void> FileLogSink::rotateIfFull(std::size_t added) {
-  const auto size = static_cast<std::uint64_t>(current_.st_size);
+  const std::uint64_t size = current_.size;
   if (size == 0 || size + added <= rotateAbove_) return {};
   rotateLogFile(path_, current_, limits_.kept);
-  const struct stat before = current_;
+  const LogFileStatus before = current_;
   if (auto opened = openCurrent(); !opened) return opened;
   // Where it can't be rotated, trying again for every line would double what a line costs.
-  if (isSameFile(before, current_)) rotateAbove_ = size + limits_.bytes / 16;
+  if (before.isSameFileAs(current_)) rotateAbove_ = size + limits_.bytes / 16;
   return {};
 }
 
@@ -142,7 +142,7 @@ Result<void> FileLogSink::writeLine() {
   if (static_cast<std::size_t>(written) < line_.size())
     return std::unexpected(
         Error{ErrorCode::kExhausted, 0, "a part of a line was written to " + path_});
-  expectedSize_ = static_cast<std::uint64_t>(current_.st_size) + line_.size();
+  expectedSize_ = current_.size + line_.size();
   return {};
 }
 
@@ -151,15 +151,15 @@ Result<void> FileLogSink::writeLine() {
 bool FileLogSink::endsInTornLine() const {
   // A process may be in the middle of a write of several pages: then the size is still moving.
   constexpr int kLooks = 4;
-  auto size = static_cast<std::uint64_t>(current_.st_size);
+  std::uint64_t size = current_.size;
   for (int look = 0; look < kLooks && size != 0 && size != expectedSize_; ++look) {
     char last = '\n';
     if (::pread(file_.get(), &last, 1, static_cast<off_t>(size) - 1) != 1 || last == '\n')
       return false;
-    struct stat now{};
-    if (::fstat(file_.get(), &now) != 0) return false;
-    if (static_cast<std::uint64_t>(now.st_size) == size) return true;
-    size = static_cast<std::uint64_t>(now.st_size);
+    const auto now = LogFileStatus::ofDescriptor(file_.get());
+    if (!now) return false;
+    if (now->size == size) return true;
+    size = now->size;
   }
   return false;
 }

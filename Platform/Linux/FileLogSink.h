@@ -5,8 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include <sys/stat.h>
-
+#include "Platform/Linux/FileLogSinkRotation.h"
 #include "Platform/Linux/UniqueFd.h"
 #include "Platform/LogSink.h"
 
@@ -54,7 +53,7 @@ class FileLogSink final : public LogSink {
 
   std::mutex mutex_;
   UniqueFd file_;
-  struct stat current_{};           // of `file_`, as of the last look
+  LogFileStatus current_;           // of `file_`, as of the last look
   std::uint64_t expectedSize_ = 0;  // when nobody else has written since our last whole line
   std::uint64_t rotateAbove_ = 0;
   std::string host_;

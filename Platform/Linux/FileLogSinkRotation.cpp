@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Linux/UniqueFd.h"
@@ -17,28 +18,36 @@ std::string rotatedName(const std::string& path, unsigned number) {
   return fmt::format("{}.{}", path, number);
 }
 
-bool isAt(const std::string& path, const struct stat& expected) {
-  struct stat found{};
-  return ::lstat(path.c_str(), &found) == 0 && isSameFile(found, expected);
+std::optional<LogFileStatus> status(int folder, const char* name, int flags) {
+  struct statx found{};
+  constexpr unsigned kWanted = STATX_TYPE | STATX_INO | STATX_SIZE;
+  if (::statx(folder, name, flags, kWanted, &found) != 0) return std::nullopt;
+  const std::uint64_t device = std::uint64_t{found.stx_dev_major} << 32U | found.stx_dev_minor;
+  return LogFileStatus{device, found.stx_ino, found.stx_size, S_ISREG(found.stx_mode)};
 }
 
 }  // namespace
 
-bool isSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_ino == other.st_ino && one.st_dev == other.st_dev;
+std::optional<LogFileStatus> LogFileStatus::ofName(const std::string& path) {
+  return status(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW);
+}
+
+std::optional<LogFileStatus> LogFileStatus::ofDescriptor(int descriptor) {
+  return status(descriptor, "", AT_EMPTY_PATH);
 }
 
 // The lock is on the file that is to be renamed, through an opening of its own (a forked process
 // shares the lock of a shared opening). While it is held the name still stands for that file, so
 // nobody else can have begun a next rotation; once the file has been renamed, whoever waits with
 // the same idea finds another file under the name.
-void rotateLogFile(const std::string& path, const struct stat& expected, unsigned kept) {
+void rotateLogFile(const std::string& path, const LogFileStatus& expected, unsigned kept) {
   const UniqueFd file(
       ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  struct stat opened{};
-  if (!file || ::fstat(file.get(), &opened) != 0 || !isSameFile(opened, expected)) return;
-  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) return;
-  if (!isAt(path, expected)) return;
+  if (!file || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) return;
+  const auto opened = LogFileStatus::ofDescriptor(file.get());
+  if (!opened || !opened->isSameFileAs(expected)) return;
+  const auto named = LogFileStatus::ofName(path);
+  if (!named || !named->isSameFileAs(expected)) return;
 
   // Only as far as to the first free number, so that a gap costs no old file.
   unsigned last = 1;

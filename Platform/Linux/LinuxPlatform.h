@@ -12,7 +12,9 @@
 #include "Platform/Linux/LinuxSystemInformation.h"
 #include "Platform/Linux/PidfdExitWatcher.h"
 #include "Platform/Linux/ServiceNotify.h"
+#include "Platform/Linux/StandardErrorLogSink.h"
 #include "Platform/LogSink.h"
+#include "Platform/NSLog.h"
 #include "Platform/PlatformConfiguration.h"
 #include "Platform/SystemLog.h"
 
@@ -35,6 +37,8 @@ struct LinuxPlatform {
   LinuxSystemInformation systemInformation;
   std::unique_ptr<LogSink> logSink;
   SystemLog systemLog;
+  StandardErrorLogSink standardError;
+  NSLogOutput nsLog{systemLog, standardError};
   std::unique_ptr<AsioRunLoop> runLoop;
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};

@@ -43,14 +43,22 @@ void appendHexadecimal(std::string& line, std::string_view bytes) {
   }
 }
 
-bool isPlain(char character) { return character >= ' ' && character < '\x7F' && character != '\\'; }
+// ASCII characters that stand for themselves.
+constexpr std::array<bool, 256> kPlain = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t character = ' '; character < 0x7F; ++character) plain[character] = true;
+  plain['\\'] = false;
+  return plain;
+}();
 
 }  // namespace
 
 void appendEscaped(std::string& line, std::string_view text, std::string_view reserved) {
   for (std::size_t at = 0; at < text.size();) {
     std::size_t end = at;
-    while (end < text.size() && isPlain(text[end]) && !reserved.contains(text[end])) ++end;
+    while (end < text.size() && kPlain[static_cast<unsigned char>(text[end])] &&
+           (reserved.empty() || !reserved.contains(text[end])))
+      ++end;
     line += text.substr(at, end - at);
     at = end;
     if (at == text.size()) return;

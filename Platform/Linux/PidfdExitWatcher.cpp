@@ -30,12 +30,16 @@ std::optional<ExitStatus> reapIfOurs(int pidfd) {
 // A process that can be waited for.
 class PidfdWatch final : public RunLoopHandle {
  public:
-  static Result<std::unique_ptr<RunLoopHandle>> create(RunLoop& loop, UniqueFd pidfd,
+  static Result<std::unique_ptr<RunLoopHandle>> create(RunLoop& loop, const std::string& what,
+                                                       UniqueFd pidfd,
                                                        ExitWatcher::Callback onExit) {
     auto watch = std::make_unique<PidfdWatch>(std::move(pidfd), std::move(onExit));
     auto source = loop.watchReadable(watch->pidfd_.get(), Urgency::kProcessExit,
                                      [self = watch.get()] { self->ended(); });
-    if (!source) return std::unexpected(std::move(source.error()));
+    if (!source) {
+      source.error().context.insert(0, what + ": ");
+      return std::unexpected(std::move(source.error()));
+    }
     watch->source_ = std::move(*source);
     return watch;
   }
@@ -65,13 +69,17 @@ class GoneWatch final : public RunLoopHandle {
       : onExit_(std::make_shared<ExitWatcher::Callback>(std::move(onExit))) {
     loop.post(
         [alive = std::weak_ptr(onExit_)] {
-          if (const auto onExit = alive.lock()) (*onExit)(std::nullopt);
+          const auto held = alive.lock();
+          if (!held) return;
+          // A handle may be kept for long after its process, and with it what the callback holds.
+          ExitWatcher::Callback onExit = std::move(*held);
+          onExit(std::nullopt);
         },
         Urgency::kProcessExit);
   }
 
  private:
-  // Shared with the call while it is under way: it may destroy the watch.
+  // Shared with the post for as long as it looks whether the watch still stands.
   std::shared_ptr<ExitWatcher::Callback> onExit_;
 };
 
@@ -84,7 +92,7 @@ Result<std::unique_ptr<RunLoopHandle>> PidfdExitWatcher::watchExit(ProcessId pro
   const std::string what = "watching process " + std::to_string(process);
   if (process <= 0) return std::unexpected(Error{ErrorCode::kInvalid, 0, what});
   UniqueFd pidfd(::pidfd_open(process, 0));
-  if (pidfd) return PidfdWatch::create(loop_, std::move(pidfd), std::move(onExit));
+  if (pidfd) return PidfdWatch::create(loop_, what, std::move(pidfd), std::move(onExit));
   Error error = systemError(what);
   switch (error.osError) {
     case ESRCH:

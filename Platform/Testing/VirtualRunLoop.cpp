@@ -41,8 +41,11 @@ Result<std::unique_ptr<RunLoopHandle>> VirtualRunLoop::watchReadable(Descriptor 
 }
 
 void VirtualRunLoop::run() {
+  assert(!running_);
+  running_ = true;
   while (!stopping_ && (serveOne() || moveToNext(Instant::max()))) {
   }
+  running_ = false;
   stopping_ = false;
 }
 

@@ -81,6 +81,7 @@ class VirtualRunLoop final : public RunLoop {
                               std::chrono::hours(3) + std::chrono::minutes(4) +
                               std::chrono::seconds(5);
   std::atomic<bool> stopping_ = false;
+  bool running_ = false;
   std::atomic<std::uint64_t> lastOrder_ = 0;
 
   TimerQueue timers_;

@@ -7,12 +7,15 @@
 #include <memory>
 #include <string>
 
+#include <unistd.h>
+
 #include "Platform/BackgroundService.h"
 #include "Platform/Linux/AsioRunLoop.h"
 #include "Platform/Linux/AsioTerminationSignals.h"
 #include "Platform/Linux/ExecutablePath.h"
 #include "Platform/Linux/PlatformRoot.h"
 #include "Platform/Linux/ServiceNotify.h"
+#include "Platform/Linux/SystemCall.h"
 
 namespace {
 
@@ -24,7 +27,9 @@ void say(const std::string& line) {
 }
 
 void readInputToItsEnd() {
-  while (std::getchar() != EOF) {
+  char byte = 0;
+  // The signals that these tests send interrupt it.
+  while (retryOnInterrupt([&] { return ::read(0, &byte, 1); }) > 0) {
   }
 }
 

@@ -27,14 +27,35 @@ void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
 }
 
 // One line through each logger, so that an administrator sees where the product's lines end.
-void writeTestLines(const std::string& message) {
+// Returns how many were lost.
+std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQueues& queues,
+                             const std::string& message) {
+  const LoggerBinding logger(systemLog);
+  Logger2State logger2(systemLog, queues);
+  const Logger2Binding logger2Binding(logger2);
   const std::uint32_t thread = platform::mach_thread_self();
   vantorlogger2_open("servicemanagerctl", thread);
   vantorlogger2_line(platform::ASL_LEVEL_INFO, message + " (logger 2)");
+  get_queue(thread)->sync([] {});  // Until it is written or lost.
   vantorlogger2_close(thread);
   vantorlogger_open("servicemanagerctl", "com.vantor.hostagent.servicemanagerctl");
   vantorlogger_line(platform::ASL_LEVEL_INFO, message + " (logger 1)");
   vantorlogger_close();
+  return systemLog.dropped();
+}
+
+int fail(const std::string& why) {
+  std::fputs(("servicemanagerctl: " + why + "\n").c_str(), stderr);
+  return EXIT_FAILURE;
+}
+
+int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
+  const std::uint64_t lost =
+      writeTestLines(linuxPlatform.systemLog, linuxPlatform.utilityQueues, message);
+  if (lost == 0) return EXIT_SUCCESS;
+  return fail("the log took " + std::to_string(lost) +
+              " of 2 lines not; see where it goes with \"servicemanagerctl platform\", and whether "
+              "there is room and permission to write");
 }
 
 }  // namespace
@@ -58,18 +79,10 @@ int main(int argc, char** argv) {
 
   auto linuxPlatform = platform::LinuxPlatform::make();
   if (!linuxPlatform) {
-    const std::string text =
-        "servicemanagerctl: " + platform::describe(linuxPlatform.error()) + "\n";
-    std::fputs(text.c_str(), stderr);
-    return EXIT_FAILURE;
+    return fail(platform::describe(linuxPlatform.error()));
   }
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
-  if (logTestCommand->parsed()) {
-    const LoggerBinding logger(linux.systemLog);
-    Logger2State logger2(linux.systemLog, linux.utilityQueues);
-    const Logger2Binding logger2Binding(logger2);
-    writeTestLines(message);
-  }
+  if (logTestCommand->parsed()) return runLogTest(linux, message);
   return EXIT_SUCCESS;
 }

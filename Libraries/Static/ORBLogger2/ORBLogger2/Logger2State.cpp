@@ -127,18 +127,37 @@ void Logger2State::closeOnControlQueue(std::uint32_t threadNumber) {
 
 std::shared_ptr<WorkQueue> Logger2State::queueUnder(std::string_view key) const {
   const std::lock_guard lock(threadQueuesMutex_);
-  const auto found = threadQueues_->find(key);
-  if (found == threadQueues_->end()) return nullptr;
-  return std::get<std::shared_ptr<WorkQueue>>(found->second);
+  const std::shared_ptr<WorkQueue>* found = find(key);
+  return found != nullptr ? *found : nullptr;
 }
 
-std::shared_ptr<WorkQueue> Logger2State::queueFor(std::uint32_t threadNumber) {
-  initDefault();
-  if (auto queue = queueUnder(QueueKey(threadNumber).text())) return queue;
-  if (auto queue = queueUnder(kProcessQueueKey)) return queue;
+const std::shared_ptr<WorkQueue>* Logger2State::find(std::string_view key) const {
+  const auto found = threadQueues_->find(key);
+  if (found == threadQueues_->end()) return nullptr;
+  return std::get_if<std::shared_ptr<WorkQueue>>(&found->second);
+}
+
+const std::shared_ptr<WorkQueue>& Logger2State::choose(std::uint32_t threadNumber) const {
+  if (const auto* queue = find(QueueKey(threadNumber).text())) return *queue;
+  if (const auto* queue = find(kProcessQueueKey)) return *queue;
   return defaultLogger2ControlQueue_;
 }
 
+std::shared_ptr<SerialQueue> Logger2State::queueFor(std::uint32_t threadNumber) {
+  initDefault();
+  const std::lock_guard lock(threadQueuesMutex_);
+  return choose(threadNumber)->queue();
+}
+
 void Logger2State::log(std::uint32_t threadNumber, int level, std::string_view message) {
-  queueFor(threadNumber)->add(level, message);
+  initDefault();
+  std::shared_ptr<WorkQueue> toStart;
+  {
+    // Under the lock the table's hold on the queue is enough; a line that joins others that wait
+    // needs no more.
+    const std::lock_guard lock(threadQueuesMutex_);
+    const std::shared_ptr<WorkQueue>& queue = choose(threadNumber);
+    if (queue->add(level, message)) toStart = queue;
+  }
+  if (toStart) toStart->start();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -33,7 +34,7 @@ class Logger2State {
   void log(std::uint32_t threadNumber, int level, std::string_view message);
 
   // Shared with the table and with the block that writes what waits.
-  std::shared_ptr<WorkQueue> queueFor(std::uint32_t threadNumber);
+  std::shared_ptr<platform::SerialQueue> queueFor(std::uint32_t threadNumber);
 
  private:
   // A queue under its key, or the number of its users under the key with ".count". The table owns a
@@ -41,8 +42,10 @@ class Logger2State {
   using TableValue = std::variant<std::shared_ptr<WorkQueue>, int>;
   struct KeyHash {
     using is_transparent = void;
+    // Keys differ at their end; a line of the log is not to pay for the rest.
     std::size_t operator()(std::string_view key) const {
-      return std::hash<std::string_view>{}(key);
+      constexpr std::size_t kTail = 8;
+      return std::hash<std::string_view>{}(key.substr(key.size() - std::min(kTail, key.size())));
     }
   };
   using Table = std::unordered_map<std::string, TableValue, KeyHash, std::equal_to<>>;
@@ -51,6 +54,10 @@ class Logger2State {
   void openOnControlQueue(std::string_view ident, std::uint32_t threadNumber);
   void closeOnControlQueue(std::uint32_t threadNumber);
   std::shared_ptr<WorkQueue> queueUnder(std::string_view key) const;
+
+  // With the lock held.
+  const std::shared_ptr<WorkQueue>* find(std::string_view key) const;
+  const std::shared_ptr<WorkQueue>& choose(std::uint32_t threadNumber) const;
 
   platform::SystemLog& systemLog_;
   platform::SerialQueues& queues_;

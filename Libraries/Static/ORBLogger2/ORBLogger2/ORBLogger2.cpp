@@ -42,7 +42,7 @@ void vantorlogger2_close(std::uint32_t threadNumber) {
 
 std::shared_ptr<platform::SerialQueue> get_queue(std::uint32_t threadNumber) {
   Logger2State* state = bound();
-  return state != nullptr ? state->queueFor(threadNumber)->queue() : nullptr;
+  return state != nullptr ? state->queueFor(threadNumber) : nullptr;
 }
 
 void work_queue_finalizer(void* context) {

@@ -13,18 +13,19 @@ constexpr std::size_t kKeptLines = 1024;
 WorkQueue::WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::SerialQueue> queue)
     : systemLog_(systemLog), queue_(std::move(queue)) {}
 
-void WorkQueue::add(int level, std::string_view text) {
-  {
-    const std::lock_guard lock(mutex_);
-    const std::size_t cost = waiting_.cost() + costInWriting_ + text.size() + kLineOverhead;
-    if (cost > kMaximumBacklog) {
-      systemLog_.countLost();
-      return;
-    }
-    waiting_.texts += text;
-    waiting_.lines.push_back({level, text.size()});
-    if (std::exchange(blockOnItsWay_, true)) return;
+bool WorkQueue::add(int level, std::string_view text) {
+  const std::lock_guard lock(mutex_);
+  const std::size_t cost = waiting_.cost() + costInWriting_ + text.size() + kLineOverhead;
+  if (cost > kMaximumBacklog) {
+    systemLog_.countLost();
+    return false;
   }
+  waiting_.texts += text;
+  waiting_.lines.push_back({level, text.size()});
+  return !std::exchange(blockOnItsWay_, true);
+}
+
+void WorkQueue::start() {
   queue_->async([self = shared_from_this()] { self->writeWaiting(); });
 }
 

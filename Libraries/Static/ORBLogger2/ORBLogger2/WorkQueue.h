@@ -14,8 +14,8 @@
 // written by the same block: a block for each would cost the caller more than the line's text does,
 // for its memory, which another thread would have to free, and for waking that thread.
 //
-// Owned jointly by the logger's table, by callers for the time of a call, and by the block that is
-// on its way, so that what waits is written also after the last close. Any thread may use it.
+// Owned jointly by the logger's table, by callers that start it, and by the block that is on its
+// way, so that what waits is written also after the last close. Any thread may use it.
 class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
  public:
   // What may wait, in bytes. A disk that has become slow would otherwise take the memory; what is
@@ -30,8 +30,11 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   // Shared with its pending blocks and with whoever asked the logger for it.
   const std::shared_ptr<platform::SerialQueue>& queue() const { return queue_; }
 
-  // Copies the text and returns at once.
-  void add(int level, std::string_view text);
+  // Copies the text. Whether start() is to be called, since no block is on its way yet.
+  [[nodiscard]] bool add(int level, std::string_view text);
+
+  // Submits the block that writes what waits. Returns at once.
+  void start();
 
  private:
   struct Lines {
