@@ -18,6 +18,13 @@ constexpr ExitStatus kSuccess{ExitStatus::Kind::kExited, 0};
 
 class BackgroundServiceProgramTest : public testing::Test {
  protected:
+#ifdef __SANITIZE_THREAD__
+  // Its runtime keeps a signal back until the program's next call, which never comes when the
+  // program has begun to wait for that signal in between: one run in eighty hangs, and a second
+  // signal ends it. The program has one thread.
+  void SetUp() override { GTEST_SKIP() << "ThreadSanitizer delays signals"; }
+#endif
+
   static std::vector<std::string> arguments(const std::string& className) {
     return {BACKGROUND_SERVICE_PROGRAM, className};
   }
