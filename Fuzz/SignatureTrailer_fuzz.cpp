@@ -1,0 +1,38 @@
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <span>
+
+#include "Platform/Linux/CodeVerifier.h"
+#include "Platform/Linux/SignatureTrailer.h"
+
+// A signed program as somebody else may have left it: the trailer at its end, then the CMS
+// signature that it points to, checked against no anchors at all, so that whatever is accepted is
+// wrong.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  using namespace platform;
+  const std::span file(bytes, size);
+  const auto ending = file.last(std::min(size, kTrailerBytes));
+  const auto trailer = readSignatureTrailer(size, ending);
+  // Without a trailer it is taken for the signature itself.
+  const std::span signature =
+      trailer
+          ? file.subspan(static_cast<std::size_t>(trailer->payloadBytes), trailer->signatureBytes)
+          : file;
+  if (trailer && trailer->payloadBytes + trailer->signatureBytes + kTrailerBytes != size) abort();
+  static const AnchorSet anchors = [] {
+    AnchorSet none;
+    none.store.reset(X509_STORE_new());
+    none.certificates.reset(sk_X509_new_null());
+    return none;
+  }();
+  const TrustedPlace place(0);
+  const auto accepted = verifySignature(
+      signature, "file", {anchors, place, std::chrono::sys_seconds()},
+      [](const EVP_MD*) -> CodeSigningResult<DigestedContent> { return DigestedContent{}; });
+  if (accepted) abort();
+  (void)readSignature(signature, "file");
+  return 0;
+}

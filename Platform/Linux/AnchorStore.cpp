@@ -1,0 +1,102 @@
+#include "Platform/Linux/AnchorStore.h"
+
+#include <algorithm>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+#include <openssl/pem.h>
+
+#include "Platform/Linux/FolderNames.h"
+#include "Platform/Linux/RegularFile.h"
+
+namespace platform {
+namespace {
+
+void addCertificate(CertificateHandle certificate, AnchorSet& set) {
+  if (!certificate || sk_X509_num(set.certificates.get()) >= AnchorStore::kMaxCertificates) return;
+  X509_STORE_add_cert(set.store.get(), certificate.get());  // Takes a reference of its own.
+  if (sk_X509_push(set.certificates.get(), certificate.get()) > 0) (void)certificate.release();
+}
+
+// How many certificates the file's bytes held.
+int addCertificates(std::span<const std::uint8_t> bytes, AnchorSet& set) {
+  const int before = sk_X509_num(set.certificates.get());
+  const unsigned char* next = bytes.data();
+  CertificateHandle der(d2i_X509(nullptr, &next, static_cast<long>(bytes.size())));
+  if (der) {
+    addCertificate(std::move(der), set);
+  } else {
+    const BioHandle bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    while (bio) {
+      CertificateHandle pem(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+      if (!pem) break;
+      addCertificate(std::move(pem), set);
+    }
+  }
+  takeOpenSslError();
+  return sk_X509_num(set.certificates.get()) - before;
+}
+
+}  // namespace
+
+AnchorStore::AnchorStore(std::string folder, TrustedPlace place)
+    : folder_(std::move(folder)), place_(place) {}
+
+std::shared_ptr<const AnchorSet> AnchorStore::current(WallTime now) {
+  const std::scoped_lock lock(mutex_);
+  const bool unchanged = set_ && settled_ && std::ranges::all_of(facts_, &FileFact::stillHolds);
+  if (!unchanged) set_ = load(now);
+  return set_;
+}
+
+std::shared_ptr<const AnchorSet> AnchorStore::load(WallTime now) {
+  facts_.clear();
+  const auto set = std::make_shared<AnchorSet>();
+  set->generation = ++generation_;
+  set->store.reset(X509_STORE_new());
+  set->certificates.reset(sk_X509_new_null());
+  FileFacts folders;
+  if (auto trusted = place_.check(folder_, folders); !trusted) {
+    set->remarks.push_back(trusted.error().reason);
+    settled_ = false;  // Without anchors nothing is remembered either.
+    return set;
+  }
+  // The folders above decide once: every look at the anchors would pay for them.
+  facts_.push_back(std::move(folders.back()));
+  const auto names = namesInFolder(folder_, kMaxFiles);
+  if (!names) set->remarks.push_back(names.error().reason);
+  if (names && names->size() > kMaxFiles) {
+    set->remarks.push_back(fmt::format("{}: holds more than {} files", folder_, kMaxFiles));
+  } else if (names) {
+    for (const std::string& name : *names) loadFile(folder_ + "/" + name, *set);
+  }
+  settled_ = names && std::ranges::none_of(facts_, [&](const FileFact& fact) {
+               return changedRecently(fact.status, now);
+             });
+  return set;
+}
+
+void AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
+  const auto seen = lookAt(path);
+  if (!seen) return set.remarks.push_back(seen.error().reason);
+  facts_.push_back({path, FileFact::Covers::kContents, *seen});
+  if (!S_ISREG(seen->st_mode)) return set.remarks.push_back(path + ": is not a regular file");
+  if (auto trusted = place_.checkFile(path, *seen); !trusted) {
+    return set.remarks.push_back(trusted.error().reason);
+  }
+  const auto file = openRegularFile(path);
+  if (!file) return set.remarks.push_back(describe(file.error()));
+  struct stat opened{};
+  if (::fstat(file->get(), &opened) != 0 || !isSameState(*seen, opened)) {
+    return set.remarks.push_back(path + ": was replaced while it was looked at");
+  }
+  const auto bytes = readToEnd(file->get(), kMaxFileBytes, path);
+  if (!bytes) return set.remarks.push_back(describe(bytes.error()));
+  const std::span content(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size());
+  if (addCertificates(content, set) == 0) set.remarks.push_back(path + ": holds no certificate");
+}
+
+}  // namespace platform

@@ -1,0 +1,38 @@
+#include "Platform/Linux/FolderNames.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+
+#include <dirent.h>
+
+#include "Platform/Linux/FileFact.h"
+
+namespace platform {
+namespace {
+
+struct FolderCloser {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+
+}  // namespace
+
+CodeSigningResult<std::vector<std::string>> namesInFolder(const std::string& path,
+                                                          std::size_t most) {
+  const std::unique_ptr<DIR, FolderCloser> folder(::opendir(path.c_str()));
+  if (!folder) return std::unexpected(failureOfSystemCall(path, errno));
+  std::vector<std::string> names;
+  while (names.size() <= most) {
+    errno = 0;
+    const dirent* const entry = ::readdir(folder.get());
+    if (!entry && errno != 0) return std::unexpected(failureOfSystemCall(path, errno));
+    if (!entry) break;
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  std::ranges::sort(names);
+  return names;
+}
+
+}  // namespace platform

@@ -1,0 +1,14 @@
+#include "Platform/Linux/OpenSslHandles.h"
+
+#include <openssl/err.h>
+
+namespace platform {
+
+std::string takeOpenSslError() {
+  const unsigned long code = ERR_peek_error();
+  ERR_clear_error();
+  const char* const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
+  return reason ? reason : "no reason given";
+}
+
+}  // namespace platform

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include <sys/types.h>
+
+#include "Platform/Error.h"
+#include "Platform/Linux/UniqueFd.h"
+
+namespace platform {
+
+// A new file that takes the place of another at once, or leaves no trace.
+class ReplacementFile {
+ public:
+  // An empty file of mode 0600 beside `path`.
+  static Result<ReplacementFile> createFor(const std::string& path);
+
+  ReplacementFile(ReplacementFile&& other) noexcept;
+  ReplacementFile& operator=(ReplacementFile&&) = delete;
+  ~ReplacementFile();
+
+  Result<void> append(std::span<const std::uint8_t> bytes);
+  // The first `size` bytes of an open file.
+  Result<void> appendFrom(int file, std::uint64_t size);
+  // Keeps its own owner where that one is refused.
+  Result<void> setOwnerAndMode(uid_t owner, gid_t group, mode_t mode);
+  // Puts the file in place when the disk has it.
+  Result<void> commit();
+
+ private:
+  ReplacementFile() = default;
+
+  std::string path_;
+  std::string temporary_;  // empty once it is in place
+  UniqueFd file_;
+};
+
+}  // namespace platform

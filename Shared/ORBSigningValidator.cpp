@@ -1,0 +1,53 @@
+#include "Shared/ORBSigningValidator.h"
+
+#include "Logger/Logger.h"
+#include "Platform/StringFormat.h"
+
+using namespace platform;
+
+ORBSigningValidator::Verdict ORBSigningValidator::validateBundle(const std::string& path) const {
+  return validate(path, SecStaticCode::Kind::kBundle);
+}
+
+ORBSigningValidator::Verdict ORBSigningValidator::validateProgram(const std::string& path) const {
+  return validate(path, SecStaticCode::Kind::kProgram);
+}
+
+ORBSigningValidator::Verdict ORBSigningValidator::validate(const std::string& path,
+                                                           SecStaticCode::Kind wanted) const {
+  const char* const what = wanted == SecStaticCode::Kind::kBundle ? "bundle" : "program";
+  const auto information = check(path, wanted);
+  if (!information) {
+    const CodeSigningFailure& failure = information.error();
+    vantorlogger_line(ASL_LEVEL_ERR, stringWithFormat("The %s '%@' is not intact (status: %i): %@",
+                                                      what, path, failure.status, failure.reason));
+    return {false, failure.status, failure.reason, std::nullopt};
+  }
+  Verdict verdict{true, errSecSuccess, {}, std::nullopt};
+  if (const std::string* text = (*information)[kSecCodeInfoIdentifier].string()) {
+    verdict.identifier = *text;
+  }
+  vantorlogger_line(ASL_LEVEL_DEBUG, stringWithFormat("The %s '%@' is intact, identifier: %@", what,
+                                                      path, verdict.identifier));
+  return verdict;
+}
+
+CodeSigningResult<Dictionary> ORBSigningValidator::check(const std::string& path,
+                                                         SecStaticCode::Kind wanted) const {
+  const auto code = signatures_.SecStaticCodeCreateWithPath(path);
+  if (!code) return std::unexpected(code.error());
+  if ((*code)->kind() != wanted) {
+    const bool isBundle = (*code)->kind() == SecStaticCode::Kind::kBundle;
+    return std::unexpected(CodeSigningFailure{
+        errSecCSBadObjectFormat,
+        path + (isBundle ? ": is a folder, not a program" : ": is a file, not a bundle")});
+  }
+  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
+  if (!requirement) return std::unexpected(requirement.error());
+  if (auto valid =
+          (*code)->SecStaticCodeCheckValidityWithErrors(kSecCSCheckAllArchitectures, *requirement);
+      !valid) {
+    return std::unexpected(valid.error());
+  }
+  return (*code)->SecCodeCopySigningInformation(kSecCSDefaultFlags);
+}
