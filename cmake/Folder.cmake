@@ -64,7 +64,6 @@ function(folder_tests target)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${target} ${ARG_SOURCES})
   target_link_libraries(${target} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
-  target_compile_definitions(${target} PRIVATE "SOURCE_ROOT=\"${CMAKE_SOURCE_DIR}\"")
   target_precompile_headers(${target} REUSE_FROM test_pch)
   # Without values in the names: some are addresses, which differ from run to run.
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES PROPERTIES TIMEOUT 120)

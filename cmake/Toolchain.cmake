@@ -34,12 +34,14 @@ if(VANTOR_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# ccache keeps a second build, and a switch between presets, short. Precompiled headers need the two
-# sloppinesses and -fpch-preprocess to be cached at all.
+# ccache keeps a second build, a switch between presets, and another checkout short: for the latter
+# it must see paths relative to the checkout. Precompiled headers need the two sloppinesses and
+# -fpch-preprocess to be cached at all.
 find_program(CCACHE ccache)
 if(CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER
-      ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+      ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros
+      CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fpch-preprocess>)
   endif()
