@@ -12,13 +12,13 @@
 #include "Logger/Logger.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Thread.h"
+#include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 
 namespace {
 
 constexpr int kNotUnderstood = 2;
-
-void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const PlatformReport report = makePlatformReport(
@@ -42,11 +42,6 @@ std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQue
   vantorlogger_line(platform::ASL_LEVEL_INFO, message + " (logger 1)");
   vantorlogger_close();
   return systemLog.dropped();
-}
-
-int fail(const std::string& why) {
-  std::fputs(("servicemanagerctl: " + why + "\n").c_str(), stderr);
-  return EXIT_FAILURE;
 }
 
 int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
