@@ -5,18 +5,34 @@
 
 include(GoogleTest)
 
-# Sources shared by the precompiled headers of all libraries and of all tests.
-file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/pch/empty.cpp" CONTENT "\n")  # Touched only if new.
-add_library(pch OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
-target_precompile_headers(pch PRIVATE
+# _precompile(TARGET HEADERS...): a precompiled header for others to reuse.
+#
+# Its file holds absolute paths, by which ccache would take it for another one in each checkout; the
+# checksum beside it, of what it was made from, is what ccache goes by instead.
+function(_precompile target)
+  file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/pch/empty.cpp" CONTENT "\n")  # Touched only if new.
+  add_library(${target} OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
+  list(TRANSFORM ARGN PREPEND "#include " OUTPUT_VARIABLE includes)
+  list(JOIN includes "\n" includes)
+  set(probe "${CMAKE_BINARY_DIR}/pch/${target}.cpp")
+  file(CONFIGURE OUTPUT "${probe}" CONTENT "${includes}\n")
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -std=c++23 -E -P "${probe}" OUTPUT_VARIABLE text
+                  COMMAND_ERROR_IS_FATAL ANY)
+  string(SHA256 checksum "${CMAKE_CXX_COMPILER_VERSION} ${text}")
+  file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/CMakeFiles/${target}.dir/cmake_pch.hxx.gch.sum"
+       CONTENT "${checksum}\n")
+  target_precompile_headers(${target} PRIVATE ${ARGN})
+endfunction()
+if(EXISTS /var/lib/dpkg/status)  # Another version of a package may bring other headers.
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS /var/lib/dpkg/status)
+endif()
+
+set(common_headers
   <algorithm> <atomic> <chrono> <expected> <functional> <map> <memory> <mutex> <optional> <span>
   <string> <string_view> <unordered_map> <utility> <variant> <vector>)
-add_library(test_pch OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
+_precompile(pch ${common_headers})
+_precompile(test_pch ${common_headers} <gmock/gmock.h> <gtest/gtest.h>)
 target_link_libraries(test_pch PRIVATE GTest::gmock)
-target_precompile_headers(test_pch PRIVATE
-  <algorithm> <atomic> <chrono> <expected> <functional> <map> <memory> <mutex> <optional> <span>
-  <string> <string_view> <unordered_map> <utility> <variant> <vector> <gmock/gmock.h>
-  <gtest/gtest.h>)
 
 function(_publish_headers target)
   file(RELATIVE_PATH folder "${CMAKE_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
