@@ -212,7 +212,9 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
 }
 
 Processes::OnEnd JobHost::onEndOf(Job& job) {
-  return [this, &job](Ending ending) { processEnded(job, ending); };
+  return [this, &job, alive = std::weak_ptr(alive_)](Ending ending) {
+    if (!alive.expired()) processEnded(job, ending);
+  };
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
