@@ -6,9 +6,13 @@
 #include <string>
 #include <utility>
 
+#include <unistd.h>
+
 #include "JobHost/JobHost.h"
+#include "JobHost/JobServer.h"
 #include "JobHost/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
+#include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 
 namespace {
@@ -35,7 +39,10 @@ int main() {
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
   if (!host) return fail(host.error());
 
-  // Here the server that takes requests from clients is made, on `**host`; it ends before the host.
+  const auto server = jobhost::JobServer::listen(linux.peerTransport,
+                                                 platform::jobHostSocket(linux.configuration.root),
+                                                 ::geteuid(), **host, linux.systemLog);
+  if (!server) return fail(server.error());
 
   bool isStopping = false;
   const auto termination = linux.terminationSignals.watchTermination([&] {

@@ -24,6 +24,8 @@ class FakeMachine final : public JobsMachine {
   Jobs& jobs() override { return jobs_; }
   std::string program() override { return "/opt/agent"; }
   std::string stubbornProgram() override { return "/opt/stubborn"; }
+  std::string outputPath() override { return "/var/log/agent"; }
+  void awaitOutput(const std::string& label) override { jobs_.ignoreTermination(label); }
   std::string unstartableProgram() override { return "/etc/hosts"; }
   void kill(const std::string& label, ProcessId) override { jobs_.endProcess(label, kKilled); }
   bool isRunning(ProcessId process) override { return exitWatcher_.isKnown(process); }
