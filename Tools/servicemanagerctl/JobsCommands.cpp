@@ -1,7 +1,5 @@
 #include "Tools/servicemanagerctl/JobsCommands.h"
 
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <optional>
 
@@ -12,45 +10,17 @@
 #include "Platform/Linux/PropertyListFile.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/RemovalProgress.h"
 
 namespace {
 
 using namespace platform;
-using namespace std::chrono_literals;
 
 constexpr std::int64_t kDefaultExitTimeOut = 20;
 
-Colours coloursOf(int descriptor) {
-  return ::isatty(descriptor) == 1 ? Colours::kTerminal : Colours::kNone;
+Reader readerOf(int descriptor) {
+  return ::isatty(descriptor) == 1 ? Reader::kTerminal : Reader::kOther;
 }
-
-// Tells people each second that a removal is under way; a file or pipe gets one line of it.
-class RemovalProgress {
- public:
-  RemovalProgress(RunLoop& loop, std::string label, std::int64_t exitTimeOut)
-      : label_(std::move(label)),
-        exitTimeOut_(exitTimeOut),
-        timer_(loop.startTimer(1s, RunLoop::Repeat::kEvery, [this] { tell(); })) {}
-
-  ~RemovalProgress() {
-    if (isTerminal_ && seconds_ > 0) std::fputs("\r\033[K", stderr);
-  }
-
- private:
-  void tell() {
-    ++seconds_;
-    if (!isTerminal_ && seconds_ > 1) return;
-    std::string text = fmt::format("Waiting for {} to end, {} s so far", label_, seconds_);
-    if (exitTimeOut_ > 0) text += fmt::format(" (killed after {} s)", exitTimeOut_);
-    std::fputs((isTerminal_ ? "\r\033[K" + text : text + "\n").c_str(), stderr);
-  }
-
-  const std::string label_;
-  const std::int64_t exitTimeOut_;
-  const bool isTerminal_ = ::isatty(STDERR_FILENO) == 1;
-  std::int64_t seconds_ = 0;
-  std::unique_ptr<RunLoopHandle> timer_;
-};
 
 }  // namespace
 
@@ -99,7 +69,7 @@ int JobsCommands::list(const Connected& to) const {
   if (!states) return to.refuse(states.error());
   const std::vector<JobState> jobs = jobStates(*states);
   if (!json_) {
-    print(asTable(jobs, coloursOf(STDOUT_FILENO)));
+    print(asTable(jobs, readerOf(STDOUT_FILENO)));
     return EXIT_SUCCESS;
   }
   auto json = nlohmann::ordered_json::array();
@@ -113,7 +83,7 @@ int JobsCommands::show(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label_);
   const JobState state = jobState(label_, *job);
-  print(json_ ? asJson(state, *job).dump(2) + "\n" : asText(state, *job, coloursOf(STDOUT_FILENO)));
+  print(json_ ? asJson(state, *job).dump(2) + "\n" : asText(state, *job, readerOf(STDOUT_FILENO)));
   return EXIT_SUCCESS;
 }
 
@@ -136,7 +106,8 @@ int JobsCommands::remove(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label_);
   std::optional<RemovalProgress> progress;
-  progress.emplace(to.loop, label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut));
+  progress.emplace(to.loop, label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut),
+                   readerOf(STDERR_FILENO), warn);
   std::expected<void, NSError> outcome;
   to.jobs.removeAsync(label_, [&](std::expected<void, NSError> removed) {
     outcome = std::move(removed);

@@ -27,8 +27,8 @@ constexpr std::string_view kRed = "\033[31m";
 constexpr std::string_view kGreen = "\033[32m";
 constexpr std::string_view kPlain = "\033[0m";
 
-std::string coloured(std::string_view text, std::string_view colour, Colours colours) {
-  if (colours == Colours::kNone) return std::string(text);
+std::string coloured(std::string_view text, std::string_view colour, Reader reader) {
+  if (reader == Reader::kOther) return std::string(text);
   return fmt::format("{}{}{}", colour, text, kPlain);
 }
 
@@ -146,7 +146,7 @@ std::string inWords(const JobState::Ending& ending) {
   return "";
 }
 
-std::string asTable(const std::vector<JobState>& jobs, Colours colours) {
+std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
   if (jobs.empty()) return "No jobs.\n";
   constexpr std::string_view kLabelHeading = "LABEL";
   std::size_t width = kLabelHeading.size();
@@ -155,13 +155,13 @@ std::string asTable(const std::vector<JobState>& jobs, Colours colours) {
   const auto out = std::back_inserter(text);
   const std::string heading =
       fmt::format("{:<{}}  {:>7}  {}", kLabelHeading, width, "PID", "LAST EXIT");
-  fmt::format_to(out, "{}\n", coloured(heading, kBold, colours));
+  fmt::format_to(out, "{}\n", coloured(heading, kBold, reader));
   for (const JobState& job : jobs) {
     const std::string process = fmt::format("{:>7}", processText(job));
     const std::string ending = inWords(job.lastExit);
     fmt::format_to(out, "{:<{}}  {}  {}\n", job.label, width,
-                   job.process ? coloured(process, kGreen, colours) : process,
-                   isFailure(job.lastExit) ? coloured(ending, kRed, colours) : ending);
+                   job.process ? coloured(process, kGreen, reader) : process,
+                   isFailure(job.lastExit) ? coloured(ending, kRed, reader) : ending);
   }
   return text;
 }
@@ -173,8 +173,8 @@ Json asJson(const JobState& job) {
   return json;
 }
 
-std::string asText(const JobState& job, const Value& dictionary, Colours colours) {
-  std::string text = asTable({job}, colours);
+std::string asText(const JobState& job, const Value& dictionary, Reader reader) {
+  std::string text = asTable({job}, reader);
   text += '\n';
   const auto out = std::back_inserter(text);
   std::size_t width = 0;

@@ -10,6 +10,7 @@
 #include "Platform/Error.h"
 #include "Platform/ExitWatcher.h"
 #include "Platform/Value.h"
+#include "Tools/servicemanagerctl/Output.h"
 
 // What the job host tells of its jobs, for people and for programs.
 
@@ -31,8 +32,6 @@ struct JobState {
   bool operator==(const JobState&) const = default;
 };
 
-enum class Colours { kNone, kTerminal };
-
 // From a job's dictionary, or from what the host tells of its process.
 JobState jobState(std::string label, const platform::Value& dictionary);
 
@@ -43,11 +42,11 @@ std::vector<JobState> jobStates(const platform::Dictionary& byLabel);
 std::string inWords(const JobState::Ending& ending);
 
 // Every line with a line end. No job at all is told in words.
-std::string asTable(const std::vector<JobState>& jobs, Colours colours);
+std::string asTable(const std::vector<JobState>& jobs, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job);
 
 // One job in full: its state, then the dictionary that was submitted.
-std::string asText(const JobState& job, const platform::Value& dictionary, Colours colours);
+std::string asText(const JobState& job, const platform::Value& dictionary, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job, const platform::Value& dictionary);
 
 // What became of a job that was just submitted, in a sentence.

@@ -46,18 +46,18 @@ TEST(JobsReportTest, OnlyAPositiveNumberIsAProcess) {
 }
 
 TEST(JobsReportTest, TheTableIsAlignedAndSorted) {
-  EXPECT_EQ(asTable(twoJobs(), Colours::kNone),
+  EXPECT_EQ(asTable(twoJobs(), Reader::kOther),
             "LABEL                        PID  LAST EXIT\n"
             "agent                          -  killed by SIGKILL\n"
             "com.example.longer.name  1234567  -\n");
 }
 
 TEST(JobsReportTest, ATableWithoutJobsSaysSo) {
-  EXPECT_EQ(asTable({}, Colours::kTerminal), "No jobs.\n");
+  EXPECT_EQ(asTable({}, Reader::kTerminal), "No jobs.\n");
 }
 
 TEST(JobsReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {
-  EXPECT_THAT(asTable(twoJobs(), Colours::kTerminal),
+  EXPECT_THAT(asTable(twoJobs(), Reader::kTerminal),
               AllOf(HasSubstr("\033[31mkilled by SIGKILL\033[0m"),
                     HasSubstr("\033[32m1234567\033[0m"), HasSubstr("\033[1mLABEL")));
 }
@@ -81,7 +81,7 @@ TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
                  {"KeepAlive", true}, {"Key", Data{0xff}},
                  {"PID", 12},         {"LastExitStatus", 0}};
   const JobState job = jobState("agent", dictionary);
-  EXPECT_EQ(asText(job, dictionary, Colours::kNone),
+  EXPECT_EQ(asText(job, dictionary, Reader::kOther),
             "LABEL      PID  LAST EXIT\n"
             "agent       12  succeeded\n"
             "\n"
@@ -98,7 +98,7 @@ TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
 
 TEST(JobsReportTest, NoControlCharacterOfAKeyReachesTheTerminal) {
   const Value dictionary = Dictionary{{"\033[2J", "\n"}};
-  EXPECT_THAT(asText(jobState("a", dictionary), dictionary, Colours::kNone),
+  EXPECT_THAT(asText(jobState("a", dictionary), dictionary, Reader::kOther),
               AllOf(Not(HasSubstr("\033")), HasSubstr("\\u001b[2J  \"\\n\"\n")));
 }
 

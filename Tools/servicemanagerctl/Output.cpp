@@ -5,7 +5,9 @@
 
 void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
+void warn(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
+
 int fail(const std::string& why) {
-  std::fputs(("servicemanagerctl: " + why + "\n").c_str(), stderr);
+  warn("servicemanagerctl: " + why + "\n");
   return EXIT_FAILURE;
 }
