@@ -54,6 +54,20 @@ std::string readToItsEnd(int descriptor) {
   return text;
 }
 
+std::string readLine(int descriptor) {
+  std::string line;
+  for (;;) {
+    char character = 0;
+    if (!waitUntilReadable(descriptor, kDeadlineMilliseconds) ||
+        ::read(descriptor, &character, 1) != 1) {
+      ADD_FAILURE() << "no further line but \"" << line << "\"";
+      return line;
+    }
+    if (character == '\n') return line;
+    line += character;
+  }
+}
+
 }  // namespace
 
 ChildProgram::ChildProgram(std::vector<std::string> arguments,
@@ -94,19 +108,9 @@ void ChildProgram::signal(int number) const {
   EXPECT_EQ(::kill(process_, number), 0);
 }
 
-std::string ChildProgram::nextLine() {
-  std::string line;
-  for (;;) {
-    char character = 0;
-    if (!waitUntilReadable(output_.get(), kDeadlineMilliseconds) ||
-        ::read(output_.get(), &character, 1) != 1) {
-      ADD_FAILURE() << "no further line but \"" << line << "\"";
-      return line;
-    }
-    if (character == '\n') return line;
-    line += character;
-  }
-}
+std::string ChildProgram::nextLine() { return readLine(output_.get()); }
+
+std::string ChildProgram::nextError() { return readLine(errors_.get()); }
 
 ExitStatus ChildProgram::waitForExit() {
   const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));

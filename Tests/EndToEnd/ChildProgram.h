@@ -24,8 +24,9 @@ class ChildProgram {
   void signal(int number) const;
   void closeInput() { input_.reset(); }
 
-  // The next line of its output, without the line end.
+  // The next line of its output, and of its errors, without the line end.
   std::string nextLine();
+  std::string nextError();
 
   // How it ended.
   ExitStatus waitForExit();
