@@ -259,6 +259,9 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
   ProcessSpawner spawner;
   spawner.originalDescriptorLimit_ = originalDescriptorLimit;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
+  auto own = lookUpAccount({}, {});
+  if (!own) return std::unexpected(std::move(own.error()));
+  spawner.ownAccount_ = *std::move(own);
   UniqueFd null(::open(kNull, O_RDWR | O_CLOEXEC | O_NOCTTY));
   if (!null) return std::unexpected(systemError("opening /dev/null"));
   auto moved = aboveStandardFiles(std::move(null), kNull);
@@ -277,6 +280,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
 ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
       hasUniquePidfds_(other.hasUniquePidfds_),
+      ownAccount_(std::move(other.ownAccount_)),
       null_(std::move(other.null_)),
       stack_(std::exchange(other.stack_, nullptr)) {}
 
@@ -291,7 +295,8 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
     error.context.insert(0, fmt::format("job {}: ", platform::quoted(job.label)));
     return std::unexpected(std::move(error));
   };
-  auto account = lookUpAccount(job.userName, job.groupName);
+  const bool isOwn = !job.userName && !job.groupName;
+  auto account = isOwn ? ownAccount_ : lookUpAccount(job.userName, job.groupName);
   if (!account) return failed(std::move(account.error()));
   UniqueFd ownListener;
   if (listener >= 0 && listener < kFirstOwnDescriptor) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <span>
 
+#include "JobHost/JobAccount.h"
 #include "JobHost/JobDefinition.h"
 #include "Platform/Error.h"
 #include "Platform/ExitWatcher.h"
@@ -51,6 +52,8 @@ class ProcessSpawner {
 
   std::uint64_t originalDescriptorLimit_ = 0;
   bool hasUniquePidfds_ = false;
+  // The host's own, which most jobs run as; the same for as long as the host runs.
+  JobAccount ownAccount_;
   platform::UniqueFd null_;  // /dev/null, which most standard files are
   void* stack_ = nullptr;    // the child's, until it executes its program
 };

@@ -173,8 +173,9 @@ Bytes makeRecord(RecordKind kind, View payload) {
 Result<Bytes> submittedPayload(JobOrigin origin, const Value& dictionary) {
   const auto list = platform::writePropertyList(dictionary, platform::PropertyListFormat::kBinary);
   if (!list) return std::unexpected(list.error());
-  Bytes bytes{static_cast<std::uint8_t>(origin)};
-  bytes.insert(bytes.end(), list->begin(), list->end());
+  Bytes bytes(1 + list->size());
+  bytes.front() = static_cast<std::uint8_t>(origin);
+  std::ranges::copy(*list, bytes.begin() + 1);
   return bytes;
 }
 

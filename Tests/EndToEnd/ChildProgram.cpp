@@ -17,6 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/Linux/BlockedSignal.h"
+
 namespace platform {
 namespace {
 
@@ -54,15 +56,16 @@ std::string readToItsEnd(int descriptor) {
   return text;
 }
 
-std::string readLine(int descriptor) {
+// Nothing at the end, where what has no line end is dropped.
+std::optional<std::string> lineFrom(int descriptor) {
   std::string line;
   for (;;) {
-    char character = 0;
-    if (!waitUntilReadable(descriptor, kDeadlineMilliseconds) ||
-        ::read(descriptor, &character, 1) != 1) {
-      ADD_FAILURE() << "no further line but \"" << line << "\"";
-      return line;
+    if (!waitUntilReadable(descriptor, kDeadlineMilliseconds)) {
+      ADD_FAILURE() << "nothing comes behind \"" << line << "\"";
+      return std::nullopt;
     }
+    char character = 0;
+    if (::read(descriptor, &character, 1) != 1) return std::nullopt;
     if (character == '\n') return line;
     line += character;
   }
@@ -108,9 +111,25 @@ void ChildProgram::signal(int number) const {
   EXPECT_EQ(::kill(process_, number), 0);
 }
 
-std::string ChildProgram::nextLine() { return readLine(output_.get()); }
+void ChildProgram::send(const std::string& line) const {
+  const std::string text = line + "\n";
+  BlockedSignal brokenPipe(SIGPIPE);
+  if (::write(input_.get(), text.data(), text.size()) < 0) brokenPipe.discard();
+}
 
-std::string ChildProgram::nextError() { return readLine(errors_.get()); }
+std::string ChildProgram::nextLine() {
+  const auto line = lineFrom(output_.get());
+  if (!line) ADD_FAILURE() << "no further line";
+  return line.value_or("");
+}
+
+std::optional<std::string> ChildProgram::nextLineIfAny() { return lineFrom(output_.get()); }
+
+std::string ChildProgram::nextErrorLine() {
+  const auto line = lineFrom(errors_.get());
+  if (!line) ADD_FAILURE() << "no further line of errors";
+  return line.value_or("");
+}
 
 ExitStatus ChildProgram::waitForExit() {
   const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));

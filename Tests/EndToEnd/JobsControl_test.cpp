@@ -171,7 +171,7 @@ TEST_F(JobsControlTest, ARemovalThatTakesLongerSaysSo) {
   EXPECT_EQ(root_.nextOutput(), "ready");
   const ProcessId process = agent();
   ChildProgram removal({root_.controlProgram(), "jobs", "remove", "com.example.agent"}, {});
-  EXPECT_EQ(removal.nextError(),
+  EXPECT_EQ(removal.nextErrorLine(),
             "Waiting for com.example.agent to end, 1 s so far (killed after 20 s)");
   EXPECT_TRUE(isRunning(process));
   killAndAwait(process);
