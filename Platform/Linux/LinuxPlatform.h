@@ -9,6 +9,7 @@
 #include "Platform/Linux/AsioRunLoop.h"
 #include "Platform/Linux/AsioSerialQueues.h"
 #include "Platform/Linux/AsioTerminationSignals.h"
+#include "Platform/Linux/DBusPeerTransport.h"
 #include "Platform/Linux/LinuxSystemInformation.h"
 #include "Platform/Linux/PidfdExitWatcher.h"
 #include "Platform/Linux/ServiceNotify.h"
@@ -42,6 +43,7 @@ struct LinuxPlatform {
   std::unique_ptr<AsioRunLoop> runLoop;
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
+  DBusPeerTransport peerTransport{*runLoop};
   // Its destruction waits for what is still to be written, so it ends first.
   AsioSerialQueues utilityQueues{kUtilityThreads};
 
