@@ -230,7 +230,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
     expectNoneLostNoneDoubled();
     if (HasFailure()) return;
   }
-  EXPECT_GT(kills, 20);
+  EXPECT_GT(kills, 10);  // Else what was traced is not what was killed.
   RecordProperty("calls", static_cast<int>(calls.size()));
   RecordProperty("kills", static_cast<int>(kills));
 }
@@ -264,7 +264,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
     ASSERT_EQ(now, jobs_);
     if (HasFailure()) return;
   }
-  EXPECT_GT(kills, 20);
+  EXPECT_GT(kills, 10);  // Else what was traced is not what was killed.
   RecordProperty("calls", static_cast<int>(calls.size()));
   RecordProperty("kills", static_cast<int>(kills));
 }
