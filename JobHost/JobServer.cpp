@@ -113,7 +113,10 @@ void JobServer::remove(PeerMessage message) {
   if (*wait || host_.copy(*label).isNil()) {
     return host_.remove(*label, answering(std::move(message.reply)));
   }
-  host_.remove(*label, [](const JobHost::Outcome&) {});
+  host_.remove(*label, [&log = log_](const JobHost::Outcome& outcome) {
+    if (outcome) return;  // Nobody waits for it.
+    log.asl_log(nullptr, ASL_LEVEL_ERR, outcome.error().localizedDescription);
+  });
   answer(message.reply, Value());
 }
 
