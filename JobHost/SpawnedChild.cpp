@@ -124,10 +124,15 @@ void resetSignals() {
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, kKernelSignalSetBytes);
 }
 
-void writeDigits(char* digits, long number) {
-  for (int i = kPidDigits - 1; i >= 0; --i, number /= 10) {
-    digits[i] = static_cast<char>('0' + number % 10);
+// Without zeros in front: some readers take those for another base.
+void writeNumber(char* place, long number) {
+  char reversed[kPidDigits];
+  int count = 0;
+  for (; number > 0 && count < kPidDigits; number /= 10) {
+    reversed[count++] = static_cast<char>('0' + number % 10);
   }
+  while (count > 0) *place++ = reversed[--count];
+  *place = '\0';
 }
 
 bool prepare(SpawnedChild& child) {
@@ -142,7 +147,7 @@ bool prepare(SpawnedChild& child) {
   if (child.nice != 0 && ::syscall(SYS_setpriority, PRIO_PROCESS, 0, child.nice) != 0) return false;
   if (!enterFolders(child)) return false;
   if (child.umask >= 0) ::syscall(SYS_umask, child.umask);
-  if (child.listenPid) writeDigits(child.listenPid, process);
+  if (child.listenPid) writeNumber(child.listenPid, process);
   return true;
 }
 

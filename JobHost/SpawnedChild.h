@@ -36,7 +36,8 @@ struct SpawnedChild {
   const char* program;
   char* const* arguments;
   char* const* environment;
-  // Where the child's number goes as ten digits, in one of the variables; null for nowhere.
+  // Where the child's number goes, at the end of one of the variables, with room for ten digits;
+  // null for nowhere.
   char* listenPid;
 
   // Become 0, 1, 2 and so on. All are above the last of these numbers.
