@@ -34,7 +34,7 @@ class StateFile {
   // How long open() waits for another host's end.
   static constexpr platform::Duration kLockPatience = std::chrono::seconds(5);
   // The most that the file may hold; a record beyond that is refused.
-  static constexpr std::size_t kMaximumBytes = std::size_t{64} << 20;
+  static constexpr std::size_t kMaximumBytes = std::size_t{16} << 20;
 
   struct Opened {
     std::unique_ptr<StateFile> file;
