@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <expected>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -69,8 +71,9 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
     friend class NSConnection;
     Maker() = default;
   };
-  NSConnection(Maker, NamedConnections& connections, std::unique_ptr<PeerConnection> peer,
-               std::weak_ptr<NSConnection> parent);
+  enum class Role { kServer, kClient, kChild };
+  NSConnection(Maker, NamedConnections& connections, Role role, std::string name,
+               std::unique_ptr<PeerConnection> peer, std::weak_ptr<NSConnection> parent);
   NSConnection(const NSConnection&) = delete;
   NSConnection& operator=(const NSConnection&) = delete;
   ~NSConnection();
@@ -80,7 +83,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   bool registerName(std::string_view name);
 
   // What clients of the name speak to; it admits only its protocol. Child connections that exist
-  // keep theirs. Null: every message raises NSInvalidArgumentException.
+  // keep theirs. Null: every message raises NSInvalidSendPortException.
   void setRootObject(std::shared_ptr<const NSProtocolChecker> rootObject);
 
   void setDelegate(NSConnectionDelegate* delegate) { delegate_ = delegate; }
@@ -112,34 +115,49 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   const std::vector<std::shared_ptr<NSConnection>>& childConnections() const { return children_; }
 
  private:
+  friend class NamedConnections;
   friend class NSDistantObject;
 
-  // What a peer may send: nothing but its data, or anything.
+  // What a peer may send: its authentication data alone, or anything.
   enum class Stage { kUnauthenticated, kAuthenticating, kOpen };
 
-  void start();
+  void listenToPeer();
   void accept(std::unique_ptr<PeerConnection> peer);
-  void end();
-
-  // Messages of ours, see NSDistantObject::sendMessage().
-  MessageResult sendTwoWay(std::int64_t object, std::string_view selector, const Array& arguments);
-  MessageResult sendOneWay(std::int64_t object, std::string_view selector, const Array& arguments);
-  std::expected<Array, NSException> encode(std::int64_t object, const Array& arguments);
-  std::expected<void, NSException> authenticate();
-
-  // Messages of the peer's.
-  void handle(PeerMessage message);
-  void handleAuthentication(PeerMessage message);
-  std::expected<MessageResult, Error> serve(PeerMessage& message);
-  void refuse(std::unique_ptr<PeerReply> reply, std::string_view why);
   void died(const Error& why);
   void logRefusal(std::string_view why);
 
+  // Our messages, see NSDistantObject::sendMessage().
+  MessageResult sendTwoWay(std::int64_t object, std::string_view selector, const Array& arguments);
+  MessageResult sendOneWay(std::int64_t object, std::string_view selector, const Array& arguments);
+  std::expected<PeerMessage, NSException> compose(std::int64_t object, std::string_view selector,
+                                                  const Array& arguments);
+  std::expected<void, NSException> authenticate();
+
+  // The peer's messages.
+  void handle(PeerMessage message);
+  void handleAuthentication(PeerMessage message);
+  struct Request {
+    std::shared_ptr<const NSProxy> object;  // null where it is gone
+    std::string selector;
+    Array arguments;
+  };
+  // Fails where the message breaks the rules.
+  Result<Request> readRequest(const PeerMessage& message);
+  MessageResult perform(const Request& request);
+
+  // End the connection for what the peer did, which it is told and the log is: the first before it
+  // is trusted, the second after that.
+  void refuse(std::unique_ptr<PeerReply> reply, std::string_view why);
+  void breakOff(std::unique_ptr<PeerReply> reply, std::string_view why);
+  void end(std::unique_ptr<PeerReply> reply, const NSException& why);
+
   NamedConnections& connections_;
+  const Role role_;
+  std::string name_;  // that was registered, or looked up
   std::unique_ptr<PeerConnection> peer_;
   std::unique_ptr<PeerListener> listener_;
   const std::weak_ptr<NSConnection> parent_;
-  // Shared with the proxies of their root objects and references, see above.
+  // Shared with their proxies, see above.
   std::vector<std::shared_ptr<NSConnection>> children_;
   std::shared_ptr<const NSProtocolChecker> rootObject_;
   std::weak_ptr<NSDistantObject> rootProxy_;

@@ -119,7 +119,9 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
              std::optional<std::string> startUpNotificationName);
   void invalidateConnection();
   bool isSetUp() const { return remoteServerName_.has_value(); }
-  std::expected<platform::Value, platform::NSException> attempt(const NSInvocation& invocation);
+  platform::MessageResult attempt(const NSInvocation& invocation);
+  // Tries, and repeats where that is wanted.
+  void deliver(NSInvocation& invocation);
 
   const Environment environment_;
   const platform::Protocol* remoteProtocol_ = nullptr;
