@@ -133,6 +133,18 @@ TEST_P(NamedConnectionsSocketTest, EverybodyMayConnectToASocket) {
   EXPECT_EQ(status.st_mode & 0777, 0666u);
 }
 
+TEST_P(NamedConnectionsSocketTest, ANameCanBeLongerThanAFilesName) {
+  const std::string name(1000, 'n');
+  EXPECT_TRUE(here().connections.makeConnection()->registerName("name/with/slashes"));
+  there([&](ConnectedProgram& there) {
+    server_.connection = there.connections.makeConnection();
+    server_.connection->setDelegate(&server_.delegate);
+    ASSERT_TRUE(server_.connection->registerName(name));
+  });
+  EXPECT_NE(here().connections.connectionWithRegisteredName(name), nullptr);
+  EXPECT_EQ(here().connections.connectionWithRegisteredName(name + "n"), nullptr);
+}
+
 TEST_P(NamedConnectionsSocketTest, ADeadOwnersLeftoverBlocksNobody) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(
