@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -29,7 +29,8 @@ constexpr std::string_view kMagic = "vantorjobs 1\n";
 template <typename Fields>
 void add(Bytes& bytes, const Fields& fields) {
   const auto raw = std::bit_cast<std::array<std::uint8_t, sizeof(Fields)>>(fields);
-  bytes.insert(bytes.end(), raw.begin(), raw.end());
+  // Not insert(), in which GCC 12 sees an overflow under the sanitizers.
+  std::ranges::copy(raw, std::back_inserter(bytes));
 }
 
 void add(Bytes& bytes, std::string_view text) {
