@@ -223,6 +223,10 @@ TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNotAFloodOfLines) {
   for (std::size_t peer = 0; peer < RefusalLog::kLinesPerPeriod + 5; ++peer)
     EXPECT_EQ(callOf(intrude(), "echo:", {Value(1)}), kNSFailedAuthenticationException);
   EXPECT_EQ(linesThere("its first message was not"), RefusalLog::kLinesPerPeriod);
+  there([](ConnectedProgram& there) {
+    EXPECT_FALSE(there.connections.makeConnection()->registerName("server"));
+  });
+  EXPECT_EQ(linesThere("The name \"server\" was not registered: "), 1u);
 }
 
 TEST_P(NamedConnectionsPeersContract, RequestsInsideOneAnotherComeToAnEnd) {
