@@ -163,7 +163,7 @@ Result<Paths, NSError> matchesForWildCardedPath(FileManager& receiver,
   return matches;
 }
 
-NSError substringError(Range prefixRange, Range suffixRange,
+NSError substringError(platform::NSRange prefixRange, platform::NSRange suffixRange,
                        const std::optional<std::string>& prefix,
                        const std::optional<std::string>& suffix,
                        const platform::NSException& exception) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +9,7 @@
 #include "Platform/Error.h"
 #include "Platform/Exception.h"
 #include "Platform/FileManager.h"
+#include "Platform/Range.h"
 #include "Platform/Value.h"
 
 // What the product asks of the file manager. `std::nullopt` is nil. Any thread; a call blocks as
@@ -57,15 +57,9 @@ Result<std::vector<std::string>, NSError> expandPathForAllUsers(
 Result<std::vector<std::string>, NSError> matchesForWildCardedPath(
     FileManager& receiver, std::optional<std::string_view> path);
 
-// A place in a text, in characters.
-struct Range {
-  std::int64_t location = 0;
-  std::int64_t length = 0;
-};
-
 // What the matcher says where the platform raises an exception at taking the text before or behind
 // the "*". No text raises it here.
-NSError substringError(Range prefixRange, Range suffixRange,
+NSError substringError(platform::NSRange prefixRange, platform::NSRange suffixRange,
                        const std::optional<std::string>& prefix,
                        const std::optional<std::string>& suffix,
                        const platform::NSException& exception);
