@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <bit>
-#include <functional>
+#include <random>
 
 #include "Platform/Value.h"
 
@@ -13,6 +13,21 @@ namespace {
 constexpr std::size_t kScanLimit = 8;
 
 const Value kNil;
+
+// Keys come from files and peers: with a hash that they could foresee they could make one long
+// probe of every look-up.
+std::size_t hashOf(std::string_view key) {
+  static const std::uint64_t secret = [] {
+    std::random_device device;
+    return std::uint64_t{device()} << 32U | device() | 1U;  // Odd, so that no bit is lost below.
+  }();
+  std::uint64_t hash = secret;
+  for (const char character : key) {
+    hash = (hash ^ static_cast<unsigned char>(character)) * secret;
+    hash ^= hash >> 32U;  // The low bits are what counts, and a product's depend on low bits only.
+  }
+  return static_cast<std::size_t>(hash);
+}
 
 }  // namespace
 
@@ -77,7 +92,7 @@ std::size_t Dictionary::find(std::string_view key) const {
     return static_cast<std::size_t>(found - entries_.begin());
   }
   const std::size_t mask = slots_.size() - 1;
-  for (std::size_t slot = std::hash<std::string_view>{}(key)&mask;; slot = (slot + 1) & mask) {
+  for (std::size_t slot = hashOf(key) & mask;; slot = (slot + 1) & mask) {
     if (slots_[slot] == kFree) return entries_.size();
     if (entries_[slots_[slot]].first == key) return slots_[slot];
   }
@@ -85,7 +100,7 @@ std::size_t Dictionary::find(std::string_view key) const {
 
 void Dictionary::index(std::uint32_t position) {
   const std::size_t mask = slots_.size() - 1;
-  std::size_t slot = std::hash<std::string_view>{}(entries_[position].first) & mask;
+  std::size_t slot = hashOf(entries_[position].first) & mask;
   while (slots_[slot] != kFree) slot = (slot + 1) & mask;
   slots_[slot] = position;
 }

@@ -107,6 +107,22 @@ TEST_P(ExitWatcherContract, AChildsStatusIsReported) {
   }
 }
 
+// A handle may be kept for long after its process, and must not keep what the callback holds.
+TEST_P(ExitWatcherContract, TheCallbackIsReleasedWhenItHasRun) {
+  const ProcessId ended = harness_->startChild();
+  endAndAwait(ended);
+  harness_->reap(ended);
+  for (const ProcessId process : {harness_->startChild(), ended}) {
+    const auto held = std::make_shared<int>();
+    const auto handle = watch(process, [held] {});
+    if (process != ended) harness_->end(process, kKilled);
+    EXPECT_EQ(held.use_count(), 2);
+    runToReports(1);
+    EXPECT_EQ(held.use_count(), 1);
+    reports_.clear();
+  }
+}
+
 TEST_P(ExitWatcherContract, TheStatusOfAnotherParentsProcessIsUnknown) {
   const ProcessId process = harness_->startForeignProcess();
   const auto handle = watch(process);

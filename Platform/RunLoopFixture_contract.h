@@ -45,6 +45,25 @@ class RunLoopContract : public testing::TestWithParam<std::unique_ptr<RunLoop> (
     return source ? std::move(*source) : nullptr;
   }
 
+  // Two sources that are ready at once, of which whichever is called first destroys both.
+  void runSourcesThatDestroyEachOther(Urgency urgency) {
+    using namespace std::chrono_literals;
+    TestStream stream;
+    TestStream other;
+    stream.write(1);
+    other.write(1);
+    std::unique_ptr<RunLoopHandle> first;
+    std::unique_ptr<RunLoopHandle> second;
+    const auto destroyBoth = [&] {
+      log_.push_back("called");
+      first.reset();
+      second.reset();
+    };
+    first = watch(stream, urgency, destroyBoth);
+    second = watch(other, urgency, destroyBoth);
+    runFor(2ms);
+  }
+
   std::unique_ptr<RunLoop> loop_ = GetParam()();
   Log log_;
 };

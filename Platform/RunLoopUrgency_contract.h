@@ -21,20 +21,7 @@ TEST_P(RunLoopContract, AnUrgentSourceCallsOnce) {
 }
 
 TEST_P(RunLoopContract, ADestroyedUrgentSourceDoesNotCall) {
-  TestStream stream;
-  TestStream other;
-  stream.write(1);
-  other.write(1);
-  std::unique_ptr<RunLoopHandle> first;
-  std::unique_ptr<RunLoopHandle> second;
-  const auto destroyBoth = [&] {
-    log_.push_back("called");
-    first.reset();
-    second.reset();
-  };
-  first = watch(stream, Urgency::kProcessExit, destroyBoth);
-  second = watch(other, Urgency::kProcessExit, destroyBoth);
-  runFor(1ms);
+  runSourcesThatDestroyEachOther(Urgency::kProcessExit);
   EXPECT_EQ(log_, Log{"called"});
 }
 

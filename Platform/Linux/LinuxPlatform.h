@@ -11,6 +11,7 @@
 #include "Platform/Linux/AsioRunLoop.h"
 #include "Platform/Linux/AsioSerialQueues.h"
 #include "Platform/Linux/AsioTerminationSignals.h"
+#include "Platform/Linux/DBusPeerTransport.h"
 #include "Platform/Linux/LinuxFileManager.h"
 #include "Platform/Linux/LinuxSystemInformation.h"
 #include "Platform/Linux/LinuxTasks.h"
@@ -51,6 +52,7 @@ struct LinuxPlatform {
   LinuxTasks tasks;
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
+  DBusPeerTransport peerTransport{*runLoop};
   // Its destruction waits for what is still to be written, so it ends first.
   AsioSerialQueues utilityQueues{kUtilityThreads};
 

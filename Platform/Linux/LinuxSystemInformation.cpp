@@ -56,6 +56,25 @@ Error inFile(Error error, const std::string& path) {
   return error;
 }
 
+// What the files of a process's folder say of it, nothing when it has ended or is a thread.
+Result<std::optional<KernelProcess>> readProcess(int folder, ProcessId process,
+                                                 const std::string& path) {
+  const auto statText = readProcessFile(folder, "stat", path);
+  if (!statText) return std::unexpected(statText.error());
+  const auto statusText = readProcessFile(folder, "status", path);
+  if (!statusText) return std::unexpected(statusText.error());
+  if (!*statText || !*statusText) return std::nullopt;
+
+  auto stat = parseProcessStat(**statText);
+  if (!stat) return std::unexpected(inFile(std::move(stat).error(), path));
+  const auto status = parseProcessStatus(**statusText);
+  if (!status) return std::unexpected(inFile(status.error(), path));
+  // The kernel shows a thread's number too when asked for it by name.
+  if (status->threadGroup != process) return std::nullopt;
+  return KernelProcess{stat->parent, status->realUser, status->effectiveUser,
+                       std::move(stat->command)};
+}
+
 }  // namespace
 
 LinuxSystemInformation::LinuxSystemInformation(const PlatformConfiguration& configuration,
@@ -75,29 +94,21 @@ Result<std::optional<KernelProcess>> LinuxSystemInformation::kernelProcess(
   const auto folder = openProcessFolder(procFolder_, path);
   if (!folder) return std::unexpected(folder.error());
   if (!*folder) return std::nullopt;
-
-  const auto statText = readProcessFile((*folder)->get(), "stat", path);
-  if (!statText) return std::unexpected(statText.error());
-  const auto statusText = readProcessFile((*folder)->get(), "status", path);
-  if (!statusText) return std::unexpected(statusText.error());
-  if (!*statText || !*statusText) return std::nullopt;
-
-  auto stat = parseProcessStat(**statText);
-  if (!stat) return std::unexpected(inFile(std::move(stat).error(), path));
-  const auto status = parseProcessStatus(**statusText);
-  if (!status) return std::unexpected(inFile(status.error(), path));
-  // The kernel shows a thread's number too when asked for it by name.
-  if (status->threadGroup != process) return std::nullopt;
-  return KernelProcess{stat->parent, status->realUser, status->effectiveUser,
-                       std::move(stat->command)};
+  return readProcess((*folder)->get(), process, path);
 }
 
 std::optional<std::string> LinuxSystemInformation::processPath(ProcessId process) const {
-  const auto record = kernelProcess(process);
+  if (process <= 0) return std::nullopt;
+  const std::string path = procFolder_ + "/" + std::to_string(process);
+  const auto folder = openProcessFolder(procFolder_, path);
+  if (!folder || !*folder) return std::nullopt;
+  const auto record = readProcess((*folder)->get(), process, path);
   if (!record || !*record) return std::nullopt;
-  auto path = executablePathOfLink(procFolder_ + "/" + std::to_string(process) + "/exe");
-  if (!path) return std::nullopt;
-  return *std::move(path);
+  // By the folder, since the number may be another process's by now.
+  auto executable =
+      executablePathOfLink("/proc/self/fd/" + std::to_string((*folder)->get()) + "/exe");
+  if (!executable) return std::nullopt;
+  return *std::move(executable);
 }
 
 std::optional<UserIdentity> LinuxSystemInformation::identityForPosixId(UserId user) const {

@@ -99,7 +99,8 @@ void FakeExitWatcher::report(const std::shared_ptr<Watched>& watched) {
           std::erase_if(processes_,
                         [&](const auto& entry) { return entry.second == reported->process; });
         }
-        reported->onExit(status);
+        Callback onExit = std::move(reported->onExit);  // Goes when it has run.
+        onExit(status);
       },
       Urgency::kProcessExit);
 }

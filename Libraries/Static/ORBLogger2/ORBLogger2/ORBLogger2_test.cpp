@@ -1,7 +1,9 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 
+#include <atomic>
 #include <deque>
 #include <functional>
+#include <latch>
 #include <memory>
 #include <optional>
 #include <string>
@@ -275,6 +277,7 @@ TEST_F(ORBLogger2Test, ItsOwnErrorsAreSilent) {
 }
 
 TEST_F(ORBLogger2Test, ALineOfAClassShowsItsFileLineAndThread) {
+  vantorlogger2_open("Process", kThread);  // The one that lines of other threads fall back to.
   vantorlogger2_open("Main", mach_thread_self());
   const auto here = std::source_location::current();
   vantorlogger2_line(ASL_LEVEL_ERR, "100% of it");
@@ -285,7 +288,9 @@ TEST_F(ORBLogger2Test, ALineOfAClassShowsItsFileLineAndThread) {
   EXPECT_EQ(messages[0].text, stringWithFormat("[ORBLogger2_test.cpp:%u] 100%% of it",
                                                static_cast<unsigned>(here.line() + 1)));
   EXPECT_EQ(messages[0].level, ASL_LEVEL_ERR);
+  EXPECT_EQ(messages[0].ident, "Main");
   EXPECT_EQ(messages[1].level, ASL_LEVEL_DEBUG);
+  EXPECT_EQ(messages[1].ident, "Process");
 }
 
 TEST(ORBLogger2NamesTest, TheBaseNameIsWhatFollowsTheLastSlash) {
@@ -391,6 +396,64 @@ TEST_F(ORBLogger2ThreadsTest, OpensClosesAndLinesAtOnceLoseNoLine) {
   EXPECT_EQ(sink_.count("line"), static_cast<std::size_t>(kThreads * kLines * 2));
   EXPECT_EQ(get_queue(0)->label(), "com.vantor.logger2.default.process");
   EXPECT_EQ(get_queue(1)->label(), "com.vantor.logger2.default.process");
+}
+
+// Returns from a write only when released.
+class BlockingLogSink final : public LogSink {
+ public:
+  Result<void> write(const LogRecord& /*record*/) override {
+    entered_.test_and_set();
+    entered_.notify_all();
+    released_.wait(false);
+    return {};
+  }
+  void awaitWriter() { entered_.wait(false); }
+  void release() {
+    released_.test_and_set();
+    released_.notify_all();
+  }
+
+ private:
+  std::atomic_flag entered_;
+  std::atomic_flag released_;
+};
+
+TEST(ORBLogger2BlockedTest, ASinkThatBlocksHoldsUpNeitherLinesNorOpensOfOthers) {
+  BlockingLogSink sink;
+  SystemLog log{sink, "program"};
+  AsioSerialQueues queues{2};
+  Logger2State state{log, queues};
+  const Logger2Binding binding{state};
+  vantorlogger2_open("Process", kThread);
+  vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "stuck");
+  sink.awaitWriter();
+  // Each of these would hang here if it waited for the writer.
+  vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "behind it");
+  vantorlogger2_open("Other", kOther);
+  vantorlogger2_log(kOther, ASL_LEVEL_DEBUG, "beside it");
+  vantorlogger2_close(kOther);
+  EXPECT_EQ(get_queue(kThread)->label(), "com.vantor.logger2.workqueue.7");
+  EXPECT_EQ(get_queue(kOther)->label(), "com.vantor.logger2.default.process");
+  sink.release();
+}
+
+TEST_F(ORBLogger2ThreadsTest, ALineDoesNotWaitForTheControlQueue) {
+  vantorlogger2_init_default();
+  const auto control = get_queue(kThread);
+  ASSERT_EQ(control->label(), "com.vantor.logger2.default");
+  vantorlogger2_open("Process", kThread);
+  std::latch occupied{1};
+  std::latch released{1};
+  control->async([&] {
+    occupied.count_down();
+    released.wait();
+  });
+  occupied.wait();
+  vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "line");
+  get_queue(kThread)->sync([] {});
+  EXPECT_THAT(sink_.texts(), ElementsAre("line"));
+  released.count_down();
+  control->sync([] {});  // The block uses what ends here.
 }
 
 TEST_F(ORBLogger2ThreadsTest, ASinkThatRefusesHoldsNobodyUp) {

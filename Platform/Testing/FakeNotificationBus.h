@@ -1,0 +1,37 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/DistributedNotificationCenter.h"
+#include "Platform/DistributedObservers.h"
+#include "Platform/RunLoop.h"
+#include "Platform/SystemLog.h"
+
+namespace platform {
+
+// A bus between centres that stand for different programs, on one run loop, which it must not
+// outlive.
+class FakeNotificationBus {
+ public:
+  explicit FakeNotificationBus(RunLoop& loop) : loop_(loop) {}
+  ~FakeNotificationBus();
+
+  // What can't be posted is logged there, as the real centre does.
+  std::unique_ptr<DistributedNotificationCenter> makeCenter(SystemLog& log);
+
+  // What is posted while it is stopped is lost.
+  void stop() { running_ = false; }
+  void start() { running_ = true; }
+
+ private:
+  class Center;
+
+  RunLoop& loop_;
+  std::atomic<bool> running_ = true;
+  DistributedObservers observers_;
+};
+
+}  // namespace platform
