@@ -1,0 +1,11 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "Platform/RandomDevice.h"
+
+// Fills `buffer` with bytes that nobody can guess. False where not all of them came. A device that
+// can't be opened ends the process with status 255, after a line on standard error that begins with
+// "randgetter: ".
+bool generateRandomNumber(platform::RandomDevice& device, std::span<std::uint8_t> buffer);

@@ -1,0 +1,109 @@
+#include "Platform/Linux/ConnectionsFolder.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <optional>
+#include <vector>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <grp.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/UniqueFd.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kFolder = "/run/vantor/connections";
+constexpr std::string_view kDigestMark = "sha256-";
+constexpr mode_t kMode = 01775;
+constexpr std::size_t kMaxGroupEntry = std::size_t{1} << 20;
+
+bool isFileName(std::string_view name) {
+  return !name.empty() && name.size() <= NAME_MAX && name.front() != '.' &&
+         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::string digestOf(std::string_view name) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int size = 0;
+  // SHA-256 is built in, so this can't fail.
+  EVP_Digest(name.data(), name.size(), digest.data(), &size, EVP_sha256(), nullptr);
+  std::string text(kDigestMark);
+  for (unsigned int at = 0; at < size; ++at) text += fmt::format("{:02x}", digest[at]);
+  return text;
+}
+
+ErrorCode codeOf(int number) {
+  if (number == ENOENT) return ErrorCode::kNotFound;
+  // ELOOP and ENOTDIR: somebody has put something else in the folder's place.
+  return number == EACCES || number == EPERM || number == ELOOP || number == ENOTDIR
+             ? ErrorCode::kDenied
+             : ErrorCode::kSystem;
+}
+
+std::unexpected<Error> failure(std::string what) {
+  return std::unexpected(systemError(std::move(what), codeOf(errno)));
+}
+
+Result<gid_t> groupNumber(const std::string& name) {
+  std::vector<char> buffer(1024);
+  group entry{};
+  group* found = nullptr;
+  int number = ERANGE;
+  while ((number = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) ==
+             ERANGE &&
+         buffer.size() < kMaxGroupEntry)
+    buffer.resize(buffer.size() * 2);
+  if (found != nullptr) return found->gr_gid;
+  return std::unexpected(
+      Error{ErrorCode::kNotFound, number, fmt::format("there is no group \"{}\"", name)});
+}
+
+Result<UniqueFd> makeAndOpen(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    if (::mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
+      return failure("making " + path.substr(0, slash));
+  }
+  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return failure("making " + path);
+  UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder) return failure("opening " + path);
+  struct stat status{};
+  if (::fstat(folder.get(), &status) != 0) return failure("looking at " + path);
+  if (status.st_uid != ::geteuid())
+    return std::unexpected(
+        Error{ErrorCode::kDenied, 0, fmt::format("{} belongs to user {}", path, status.st_uid)});
+  return folder;
+}
+
+}  // namespace
+
+std::string pathOfConnection(std::string_view root, std::string_view name) {
+  const bool asItIs = isFileName(name) && !name.starts_with(kDigestMark);
+  return fmt::format("{}{}/{}", root == "/" ? "" : root, kFolder, asItIs ? name : digestOf(name));
+}
+
+Result<void> makeConnectionsFolder(const PlatformConfiguration& configuration) {
+  std::optional<gid_t> group;
+  if (configuration.group) {
+    const auto number = groupNumber(*configuration.group);
+    if (!number) return std::unexpected(number.error());
+    group = *number;
+  }
+  std::string path(configuration.root == "/" ? "" : configuration.root);
+  path += kFolder;
+  const auto folder = makeAndOpen(path);
+  if (!folder) return std::unexpected(folder.error());
+  if (group && ::fchown(folder->get(), static_cast<uid_t>(-1), *group) != 0)
+    return failure(fmt::format("giving {} to the group \"{}\"", path, *configuration.group));
+  if (::fchmod(folder->get(), kMode) != 0) return failure("setting the mode of " + path);
+  return {};
+}
+
+}  // namespace platform

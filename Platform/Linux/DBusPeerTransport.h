@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/PeerTransport.h"
+
+namespace platform {
+
+// Connections over Unix sockets that speak D-Bus from peer to peer; DBusMessages.h says how.
+class DBusPeerTransport final : public PeerTransport {
+ public:
+  explicit DBusPeerTransport(AsioRunLoop& loop);
+
+  Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
+                                               const PeerListenerOptions& options,
+                                               NewConnection onConnection) override;
+  // The descriptor must be 3, the first that LISTEN_FDS stands for, since libdbus looks there only.
+  // Sets LISTEN_FDS and LISTEN_PID for a moment, so no other thread may read the environment.
+  Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
+                                                 const PeerListenerOptions& options,
+                                                 NewConnection onConnection) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
+      const std::string& path, const PeerConnectOptions& options) override;
+
+ private:
+  AsioRunLoop& loop_;
+};
+
+}  // namespace platform

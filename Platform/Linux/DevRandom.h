@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/RandomDevice.h"
+
+namespace platform {
+
+class DevRandom final : public RandomDevice {
+ public:
+  DevRandom() : DevRandom("/dev/random") {}
+  explicit DevRandom(std::string path) : path_(std::move(path)) {}
+
+  Result<std::size_t> read(std::span<std::uint8_t> buffer) override;
+
+ private:
+  const std::string path_;
+};
+
+}  // namespace platform

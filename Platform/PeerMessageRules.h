@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "Platform/Error.h"
+#include "Platform/Exception.h"
+#include "Platform/Value.h"
+
+namespace platform {
+
+// What a message between processes may be, whoever carries it. Each error is kInvalid and says
+// which argument is wrong, and where in it.
+
+// Whether a selector can name a message with so many arguments.
+Result<void> checkPeerSelector(std::string_view selector, std::size_t argumentCount);
+
+// Checks a message's arguments or an exception against PeerLimits.h and returns the exact bytes of
+// its body as D-Bus lays it out:
+//   boolean b, integer x, real d, string s, data ay, array av, dictionary a{sv}, date (d), and
+//   nil and the null marker (y), 0 and 1; each inside a variant. An exception is its reason and
+//   name as strings and its user info in a variant.
+Result<std::size_t> peerBodyBytes(const Array& arguments);
+Result<std::size_t> peerBodyBytes(const NSException& exception);
+
+}  // namespace platform
