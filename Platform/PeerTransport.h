@@ -174,8 +174,9 @@ class PeerTransport {
   [[nodiscard]] virtual Result<std::unique_ptr<PeerListener>> listenOn(
       Descriptor passed, const PeerListenerOptions& options, NewConnection onConnection) = 0;
 
-  // Connects to the name `path`. Blocks for the time-out at most, and serves nothing meanwhile, so
-  // a listener of this same loop can't be reached by it.
+  // Connects to the name `path`, and returns when the other side's owner has the connection. Blocks
+  // for the time-out at most and serves nothing meanwhile, so a listener of this same loop can't be
+  // reached by it.
   [[nodiscard]] virtual std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
       const std::string& path, const PeerConnectOptions& options) = 0;
 };

@@ -10,15 +10,12 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 }
 #include <csignal>
 
-#include <linux/sockios.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "Platform/Linux/SystemCall.h"
 #include "Platform/Linux/UniqueFd.h"
 #include "Platform/PeerLimits.h"
-#include "Platform/TimerQueue.h"
 
 #ifndef SO_PEERPIDFD  // Newer than this C library.
 #define SO_PEERPIDFD 77
@@ -35,12 +32,6 @@ std::unexpected<NSException> raised(const char* name, std::string reason) {
 std::unexpected<NSException> raisedGone() {
   return raised(kNSInvalidSendPortException, "The connection has ended.");
 }
-
-std::unexpected<NSException> raisedTimeout() {
-  return raised(kNSPortTimeoutException, "No answer in time.");
-}
-
-Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
 bool isAnswer(DBusMessage* message) {
   const int type = dbus_message_get_type(message);
@@ -120,14 +111,6 @@ bool DBusPeerLink::isConnected() const {
   return !ended_ && dbus_connection_get_is_connected(connection_.get());
 }
 
-bool DBusPeerLink::awaitAuthentication(Instant deadline) {
-  while (!dbus_connection_get_is_authenticated(connection_.get())) {
-    if (!isConnected() || !waitOnce(deadline)) return false;
-  }
-  authenticated_ = true;
-  return isConnected();
-}
-
 void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
                              std::function<void()> gone) {
   lease_ = std::move(lease);
@@ -172,154 +155,6 @@ void DBusPeerLink::setHandlers(PeerHandlers handlers) {
         if (const auto link = weak.lock()) link->reportDeath();
       },
       Urgency::kConnectionDeath);
-}
-
-PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments, Duration timeout) {
-  const auto self = shared_from_this();
-  const Instant deadline = instantAfter(loop_.now(), timeout);
-  if (!isConnected()) return raisedGone();
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay);
-  if (!encoded) return raised(kNSInvalidArgumentException, describe(encoded.error()));
-  if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
-    return raised(kNSInvalidArgumentException, "Too many calls await their answer.");
-  }
-  while (!hasRoom(*encoded)) {
-    if (!isConnected()) return raisedGone();
-    if (!waitOnce(deadline)) return raisedTimeout();
-  }
-  auto serial = transmit(*encoded);
-  if (!serial) return raisedGone();
-  encoded->message.reset();
-  outstanding_[*serial];
-  PeerResult result = awaitAnswer(*serial, deadline);
-  outstanding_.erase(*serial);
-  if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
-  return result;
-}
-
-PeerResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline) {
-  for (;;) {
-    if (!ended_) collect();
-    const auto found = outstanding_.find(serial);
-    if (found != outstanding_.end() && found->second.answer) {
-      return decodeAnswer(found->second.answer.get());
-    }
-    if (ended_ || closed_) return raisedGone();
-    if (loop_.now() >= deadline) return raisedTimeout();
-    if (whileWaiting_ == WhileWaiting::kServe && serveOneRequest()) continue;
-    if (!isConnected()) {
-      sources_->scheduleDispatch();  // Which finds that it is dead.
-      return raisedGone();
-    }
-    waitOnce(deadline);
-  }
-}
-
-bool DBusPeerLink::waitOnce(Instant deadline) {
-  const Duration left = deadline - loop_.now();
-  if (left <= Duration::zero()) return false;
-  switch (sources_->handleWithin(left)) {
-    case DBusSources::Handled::kSome:
-      return true;
-    case DBusSources::Handled::kTimedOut:
-      return false;
-    case DBusSources::Handled::kNothingToWaitFor:
-      break;
-  }
-  // The peer has ended while so much of it is undelivered that libdbus reads no more.
-  dbus_connection_close(connection_.get());
-  return true;
-}
-
-void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                             PeerConnection::Completion completion) {
-  const auto failLater = [&](NSException why) {
-    loop_.post([weak = weak_from_this(), why = std::move(why),
-                completion = std::move(completion)]() mutable {
-      const auto link = weak.lock();
-      if (link && !link->closed_) completion(std::unexpected(std::move(why)));
-    });
-  };
-  if (!isConnected()) return failLater(raisedGone().error());
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay);
-  if (!encoded) {
-    return failLater({kNSInvalidArgumentException, describe(encoded.error()), {}});
-  }
-  if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
-    return failLater({kNSInvalidArgumentException, "Too many calls await their answer.", {}});
-  }
-  if (!hasRoom(*encoded)) {
-    return failLater({kNSPortTimeoutException, "The peer leaves too much unread.", {}});
-  }
-  const auto serial = transmit(*encoded);
-  if (!serial) return failLater(raisedGone().error());
-  Outstanding& entry = outstanding_[*serial];
-  entry.completion = std::move(completion);
-  if (timeout == Duration::max()) return;
-  entry.timer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial = *serial] {
-    auto expired = outstanding_.extract(serial);
-    if (!expired.empty()) expired.mapped().completion(raisedTimeout());
-  });
-}
-
-Result<void> DBusPeerLink::send(std::string_view selector, const Array& arguments) {
-  if (!isConnected()) return std::unexpected(gone());
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kOneWay);
-  if (!encoded) return std::unexpected(std::move(encoded.error()));
-  if (!hasRoom(*encoded)) {
-    return std::unexpected(Error{ErrorCode::kExhausted, 0, "the peer leaves too much unread"});
-  }
-  auto sent = transmit(*encoded);
-  if (!sent) return std::unexpected(std::move(sent.error()));
-  return {};
-}
-
-Result<void> DBusPeerLink::answer(std::uint32_t serial, const PeerResult& result) {
-  if (!isConnected()) return std::unexpected(gone());
-  Result<void> outcome;
-  auto encoded = encodeAnswer(serial, result);
-  if (!encoded) {
-    outcome = std::unexpected(encoded.error());
-    encoded =
-        encodeAnswer(serial, raised(kNSInvalidArgumentException,
-                                    "An answer that can't travel: " + describe(encoded.error())));
-    if (!encoded) return std::unexpected(std::move(encoded.error()));
-  }
-  if (!hasRoom(*encoded)) {
-    Error why{ErrorCode::kExhausted, 0, "the peer leaves too many answers unread"};
-    refuse(why);
-    return std::unexpected(std::move(why));
-  }
-  auto sent = transmit(*encoded);
-  if (!sent) return std::unexpected(std::move(sent.error()));
-  return outcome;
-}
-
-bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
-  const auto unread =
-      static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
-  if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
-  if (message.fileBytes == 0) return true;
-  // libdbus does not count the files, and the socket takes hundreds of descriptors.
-  int inSocket = 0;
-  if (unread == 0 && ::ioctl(socket_, SIOCOUTQ, &inSocket) == 0 && inSocket == 0) {
-    unreadFileBytes_ = 0;
-  }
-  return unreadFileBytes_ + message.fileBytes <= kMaxPeerMemoryFileBytes;
-}
-
-Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
-  if (message.fileBytes > 0 &&
-      !dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD)) {
-    return std::unexpected(
-        Error{ErrorCode::kInvalid, 0, "a large message to a peer that takes no descriptors"});
-  }
-  dbus_uint32_t serial = 0;
-  if (!dbus_connection_send(connection_.get(), message.message.get(), &serial)) {
-    return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory to send a message"});
-  }
-  unreadFileBytes_ += message.fileBytes;
-  return serial;
 }
 
 void DBusPeerLink::dispatch() {
@@ -383,6 +218,10 @@ bool DBusPeerLink::serveOneRequest() {
 void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
   const bool twoWay = wantsAnswer(message.get());
   const std::uint32_t serial = dbus_message_get_serial(message.get());
+  if (dbus_message_is_method_call(message.get(), DBUS_INTERFACE_PEER, "Ping")) {
+    if (twoWay) std::ignore = answer(serial, Value());
+    return;
+  }
   auto decoded = decodeMessage(message.get());
   message.reset();  // Its bytes no longer count as unread.
   const auto handlers = handlers_;

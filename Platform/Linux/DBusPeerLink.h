@@ -42,9 +42,11 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   DBusPeerLink(const DBusPeerLink&) = delete;
   DBusPeerLink& operator=(const DBusPeerLink&) = delete;
 
-  // Connecting side: waits until the other side has let us in. False where it has ended or the
-  // time was over, which isConnected() tells apart.
-  bool awaitAuthentication(Instant deadline);
+  // Connecting side: waits until the other side's owner has the connection, which a ping shows. Not
+  // before that may anything large be sent: the other side bounds it, and libdbus loses descriptors
+  // that arrive together with the end of the authentication. False where the connection has ended
+  // or the time was over, which isConnected() tells apart.
+  bool awaitWelcome(Instant deadline);
 
   // Accepting side: `authenticated` is called on the loop once the peer has said who it is, `gone`
   // where it ends before.
@@ -86,7 +88,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   bool serveOneRequest();
   void deliverRequest(UniqueDBusMessage message);
   void deliverAnswer(UniqueDBusMessage message);
-  PeerResult awaitAnswer(std::uint32_t serial, Instant deadline);
+  PeerResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
   bool waitOnce(Instant deadline);
   bool hasRoom(const EncodedMessage& message);
   Result<std::uint32_t> transmit(const EncodedMessage& message);

@@ -152,7 +152,7 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTrans
   }
   auto link = DBusPeerLink::create(loop_, std::move(*connection), options.whileWaiting);
   if (!link) return std::unexpected(PeerConnectFailure{Kind::kSystem, std::move(link.error())});
-  if (!(*link)->awaitAuthentication(deadline)) {
+  if (!(*link)->awaitWelcome(deadline)) {
     const bool timedOut = (*link)->isConnected();
     (*link)->close();
     return timedOut ? failed(Kind::kTimedOut, "no answer in time")

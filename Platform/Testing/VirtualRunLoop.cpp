@@ -55,6 +55,18 @@ void VirtualRunLoop::sleepFor(Duration duration) {
   now_ = std::max(now(), end);
 }
 
+bool VirtualRunLoop::waitFor(Duration limit, const std::function<bool()>& done) {
+  const Instant end = instantAfter(now(), limit);
+  while (!done()) {
+    const bool nothingComes = outsideEvents_.empty() || outsideEvents_.begin()->first > end;
+    const Instant next = nothingComes ? end : outsideEvents_.begin()->first;
+    happen(next);
+    now_ = std::max(now(), next);
+    if (nothingComes) return done();
+  }
+  return true;
+}
+
 void VirtualRunLoop::runReady() {
   do {
     happen(now());

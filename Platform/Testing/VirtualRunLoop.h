@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -46,6 +47,10 @@ class VirtualRunLoop final : public RunLoop {
 
   // Moves the time; no timer, post or source is served, outside events happen.
   void sleepFor(Duration duration) override;
+
+  // A wait like sleepFor() that ends early when `done` holds, which is asked at the start and after
+  // the outside events of each instant. Whether it came to hold.
+  bool waitFor(Duration limit, const std::function<bool()>& done);
 
   // Runs what is due now, until nothing is.
   void runReady();
