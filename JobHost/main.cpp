@@ -12,6 +12,7 @@
 #include "JobHost/JobServer.h"
 #include "JobHost/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
+#include "Platform/Linux/ConnectionsFolder.h"
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 
@@ -28,6 +29,10 @@ int main() {
   auto made = platform::LinuxPlatform::make();
   if (!made) return fail(made.error());
   platform::LinuxPlatform& linux = **made;
+  // Every other program of the root registers its connections there.
+  if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
+    return fail(folder.error());
+  }
   auto bootId = jobhost::readBootId();
   if (!bootId) return fail(bootId.error());
   auto processes = jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit);
