@@ -95,6 +95,45 @@ class FakeUserClient final : public platform::NSProxy {
   mutable std::vector<platform::Value> notices;
 };
 
+// Removes nothing, or not the one label, whoever asks.
+class RefusingJobs final : public platform::Jobs {
+ public:
+  explicit RefusingJobs(platform::Jobs& jobs, std::optional<std::string> label = {})
+      : jobs_(jobs), label_(std::move(label)) {}
+  std::expected<void, platform::NSError> SMJobSubmit(
+      std::string_view domain, const platform::Value& job,
+      const platform::AuthorizationRef* authorization) override {
+    return jobs_.SMJobSubmit(domain, job, authorization);
+  }
+  std::expected<void, platform::NSError> SMJobRemove(
+      std::string_view domain, std::string_view label,
+      const platform::AuthorizationRef* authorization, bool wait) override {
+    if (label_ && label != *label_) return jobs_.SMJobRemove(domain, label, authorization, wait);
+    return std::unexpected(platform::NSError{platform::kCFErrorDomainLaunchd, 4, "not you"});
+  }
+  platform::Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override {
+    return jobs_.SMJobCopyDictionary(domain, label);
+  }
+
+ private:
+  platform::Jobs& jobs_;
+  std::optional<std::string> label_;
+};
+
+// Answers from settings that the test holds.
+class FakeSettingsClient final : public SettingsClient {
+ public:
+  explicit FakeSettingsClient(const std::map<std::string, platform::Value>& settings)
+      : settings_(settings) {}
+  platform::Value objectForKey(std::string_view key) override {
+    const auto found = settings_.find(std::string(key));
+    return found == settings_.end() ? platform::Value() : found->second;
+  }
+
+ private:
+  const std::map<std::string, platform::Value>& settings_;
+};
+
 // The program of the primary service, as far as the daemon asks it.
 class FakeConfigurationServer final : public platform::MessageReceiver {
  public:
@@ -168,6 +207,16 @@ class ServiceManagerFixture : public testing::Test {
   void damageProgram(const std::string& program) {
     signatures_.addRefused(pathOf(program), platform::SecStaticCode::Kind::kProgram,
                            {platform::errSecCSSignatureFailed, "changed"});
+  }
+
+  // The settings that a prefix's server holds; naming them makes the prefix resolve.
+  std::map<std::string, Value>& settings(const std::string& prefix) {
+    factories_.add(prefix + "SettingsClientWithDelegate:",
+                   [this, prefix](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                     ++clientsMade_;
+                     return std::make_unique<FakeSettingsClient>(settings_[prefix]);
+                   });
+    return settings_[prefix];
   }
 
   void useHealth() { manager().setHealthInfo(std::make_unique<FakeServiceHealth>(reports_)); }
@@ -283,11 +332,12 @@ class ServiceManagerFixture : public testing::Test {
   static std::string nameInFolder(std::string_view name) { return "/names/" + std::string(name); }
 
   platform::VirtualRunLoop loop_;
-  platform::VirtualSerialQueues queues_{loop_};
   platform::FakeLogSink logSink_;
   platform::FakeLogSink systemSink_;  // what the platform says for itself
   platform::SystemLog log_{logSink_, "test"};
   platform::SystemLog systemLog_{systemSink_, "test"};
+  // Writes what waits when it ends, so it ends before what it writes to.
+  platform::VirtualSerialQueues queues_{loop_};
   Logger2State logger2_{log_, queues_};
   Logger2Binding binding_{logger2_};
   platform::FakeExitWatcher exitWatcher_{loop_};
@@ -313,6 +363,8 @@ class ServiceManagerFixture : public testing::Test {
       {}};
   ProcessOwner owner_{501, 0, 20};
   SettingsClientFactories factories_;
+  std::map<std::string, std::map<std::string, Value>> settings_;
+  int clientsMade_ = 0;
   std::vector<std::string> reports_;
   FakeConfigurationServer configurationServer_;
   std::optional<Program> configurationProgram_;
