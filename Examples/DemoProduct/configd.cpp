@@ -72,11 +72,11 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **made;
   const LoggerBinding logger(linux.systemLog);
   platform::NotificationCenter localCenter;
-  platform::NamedConnections connections(
-      *linux.runLoop, linux.peerTransport, localCenter, linux.systemLog,
-      [&](std::string_view name) {
-        return platform::pathOfConnection(linux.configuration.root, name);
-      });
+  platform::NamedConnections connections(*linux.runLoop, linux.peerTransport, localCenter,
+                                         linux.systemLog, [&](std::string_view name) {
+                                           return platform::pathOfConnection(
+                                               linux.configuration.root, name);
+                                         });
   const auto center = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::ProtocolTable protocols;

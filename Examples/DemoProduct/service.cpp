@@ -50,8 +50,7 @@ int main(int argc, char** argv) {
   platform::BackgroundServiceClasses classes;
   classes.add("DemoService", [&] {
     return std::make_unique<DemoService>(
-        *center, linux.systemLog,
-        argc > 1 ? std::optional<std::string>(argv[1]) : std::nullopt);
+        *center, linux.systemLog, argc > 1 ? std::optional<std::string>(argv[1]) : std::nullopt);
   });
   platform::BackgroundServiceHost host{*linux.runLoop, linux.terminationSignals, linux.readiness,
                                        classes};

@@ -47,7 +47,8 @@ TEST_F(MessagesTest, TheRequestsDoWhatTheirSelectorsSay) {
   EXPECT_FALSE(isRunning(kHelper));
   EXPECT_EQ(send("evaluateServices"), Value(true));
   const auto client = std::make_shared<FakeUserClient>();
-  EXPECT_TRUE(send("registerClient:", {Value(std::shared_ptr<const RemoteObject>(client))}).isNil());
+  EXPECT_TRUE(
+      send("registerClient:", {Value(std::shared_ptr<const RemoteObject>(client))}).isNil());
   EXPECT_THAT(manager().userClients(), ElementsAre(client));
   EXPECT_TRUE(send("registerClient:", {Value()}).isNil());
   EXPECT_EQ(manager().userClients().size(), 1u);
