@@ -23,9 +23,11 @@
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
+#include "Tools/servicemanagerctl/WatchCommand.h"
 
 namespace {
 
@@ -81,7 +83,9 @@ int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxP
   return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
 }
 
-int runServiceCommand(const ServiceCommands& commands, platform::LinuxPlatform& linuxPlatform) {
+// `commands` speak to the service manager.
+template <typename Commands>
+int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPlatform) {
   const LoggerBinding logger(linuxPlatform.systemLog);
   const std::string& root = linuxPlatform.configuration.root;
   const auto path = [&](std::string_view name) { return platform::pathOfConnection(root, name); };
@@ -122,6 +126,8 @@ int main(int argc, char** argv) {
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
   const ServiceCommands serviceCommands(app);
+  const WatchCommand watchCommand(app);
+  const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   std::string root;
   addRootOption(app, root);
@@ -139,6 +145,8 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
+  if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
+  if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
   if (logTestCommand->parsed()) return runLogTest(linux, message);
