@@ -29,7 +29,10 @@ constexpr std::string_view kMagic = "vantorjobs 1\n";
 template <typename Fields>
 void add(Bytes& bytes, const Fields& fields) {
   const auto raw = std::bit_cast<std::array<std::uint8_t, sizeof(Fields)>>(fields);
-  bytes.insert(bytes.end(), raw.begin(), raw.end());
+  // Not insert(): with the instrumentation for threads the compiler sees an overflow in it.
+  const std::size_t size = bytes.size();
+  bytes.resize(size + raw.size());
+  std::ranges::copy(raw, bytes.begin() + static_cast<std::ptrdiff_t>(size));
 }
 
 void add(Bytes& bytes, std::string_view text) {
