@@ -160,12 +160,12 @@ TEST_F(DBusPeerNamesTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
       kMaxPeerUnreadBytes - unread - 8 - kPeerMessageHeaderBytes;  // for the second one's data
   for (const int excess : {-1, 0, 1}) {
     SCOPED_TRACE(excess);
+    const std::size_t kept = journal_.count("kept");
     for (int i = 0; i < 2; ++i) {
       client_->callAsync("keep", {}, Duration::max(), [this](const PeerResult& result) {
         journal_.note(result ? "answered" : result.error().name);
       });
     }
-    const std::size_t kept = journal_.count("kept");
     runUntilNoted("kept", kept + 2);
     processes_.there([&](PeerTransport&) {
       ASSERT_EQ(server_.kept.size(), 2u);

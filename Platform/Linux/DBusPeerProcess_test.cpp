@@ -105,7 +105,9 @@ class DBusPeerProcessTest : public testing::Test {
     address.sun_family = AF_UNIX;
     path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
     EXPECT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    if (listening) EXPECT_EQ(::listen(socket.get(), 16), 0);
+    if (listening) {
+      EXPECT_EQ(::listen(socket.get(), 16), 0);
+    }
     return socket;
   }
 
