@@ -7,12 +7,10 @@
 #include <string_view>
 
 #include "Platform/Error.h"
+#include "Platform/OSStatus.h"
 #include "Platform/Value.h"
 
 namespace platform {
-
-// The platform's status numbers, as the static-code calls give them.
-using OSStatus = std::int32_t;
 
 inline constexpr OSStatus errSecSuccess = 0;
 inline constexpr OSStatus errSecCSUnsigned = -67062;         // carries no signature
@@ -20,9 +18,6 @@ inline constexpr OSStatus errSecCSSignatureFailed = -67061;  // is not what was 
 inline constexpr OSStatus errSecCSBadResource = -67054;      // a sealed resource is amiss
 inline constexpr OSStatus errSecCSReqFailed = -67050;        // the signer is not accepted
 inline constexpr OSStatus errSecCSBadObjectFormat = -67049;  // neither code nor a signature
-
-// A failed system call: this plus its errno.
-inline constexpr OSStatus kErrnoStatusBase = 100'000;
 
 // Why code is not valid, or why that can't be told.
 struct CodeSigningFailure {

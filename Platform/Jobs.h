@@ -22,8 +22,8 @@ enum class LaunchdError : int {
   kInvalidJob = 10,    // a dictionary that names no possible job; the text names label and key
 };
 
-// The right that a caller holds to change jobs. What it stands for is the implementation's
-// business.
+// The rights that a caller holds (Platform/Authorization.h). Whoever does the work looks at the
+// caller itself, so that a missing one is no hindrance to a caller that may.
 class AuthorizationRef;
 
 // The jobs of this machine: programs that the job host starts, keeps alive and removes, whoever

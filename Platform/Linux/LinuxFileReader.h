@@ -1,0 +1,13 @@
+#pragma once
+
+#include "Platform/FileReader.h"
+
+namespace platform {
+
+class LinuxFileReader final : public FileReader {
+ public:
+  bool fileExistsAtPath(const std::string& path) override;
+  Result<Value> propertyListAtPath(const std::string& path) override;
+};
+
+}  // namespace platform

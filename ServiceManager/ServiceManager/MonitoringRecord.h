@@ -1,0 +1,19 @@
+#pragma once
+
+#include <string_view>
+
+#include "Platform/Value.h"
+
+// What the daemon keeps of each service in `monitoredProcessesInfo`. A record is replaced whole.
+
+// Whether an exit watch for the service's process is armed.
+inline constexpr std::string_view kMonitoringRecordMonitored = "Monitored";
+// A placeholder that is written once and never read.
+inline constexpr std::string_view kMonitoringRecordPid = "PID";
+// Whether a user-interface client asked for the service to be stopped.
+inline constexpr std::string_view kORBUserClientDidRequestShutdown =
+    "kORBUserClientDidRequestShutdown";
+
+platform::Value initialMonitoringRecord();
+platform::Value monitoringRecordBySetting(const platform::Value& record, std::string_view mark,
+                                          bool value);

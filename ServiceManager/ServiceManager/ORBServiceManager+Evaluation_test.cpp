@@ -1,0 +1,360 @@
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr char kScanner[] = "com.example.scanner";
+constexpr char kEvaluating[] = "7 Evaluating the system configuration";
+
+class EvaluationTest : public ServiceManagerFixture {
+ protected:
+  EvaluationTest() { use(catalogue()); }
+
+  // A feature service beside the primary one, with the features that are given.
+  void useScanner(Value features, Dictionary allFeatures) {
+    Dictionary withFeatures =
+        catalogue({{kPrimary, entry("configd")},
+                   {kScanner, entry("scanner", {{"Features", std::move(features)}})}});
+    withFeatures.set("Features", std::move(allFeatures));
+    use(withFeatures);
+  }
+  void useScannerWithSwitches(Dictionary switches) {
+    useScanner(Array{"scan"}, {{"scan", feature("common", std::move(switches))}});
+  }
+  static Dictionary feature(const char* source, Dictionary switches) {
+    return {{"Config", Array{Dictionary{{"Source", source}, {"Switches", std::move(switches)}}}}};
+  }
+
+  void evaluateScanner() { manager().evaluateInformationForService(kScanner); }
+};
+
+TEST_F(EvaluationTest, EveryCoreServiceIsMadeToRunAfterThePrimaryOne) {
+  const auto client = registerClient();
+  takeLog();
+  manager().evaluateSystemConfiguration();
+  EXPECT_THAT(client->notices, ElementsAre(notice(kPrimary, 1, process(kPrimary)),
+                                           notice(kAgent, 1, process(kAgent)),
+                                           notice(kHelper, 1, process(kHelper))));
+  EXPECT_THAT(takeLog(), ElementsAre(kEvaluating, "7 Service com.example.configd is not running",
+                                     "7 Starting up service com.example.configd",
+                                     "7 Evaluating service: com.example.agent",
+                                     "7 Service com.example.agent is not running",
+                                     "7 Starting up service com.example.agent",
+                                     "7 Evaluating service: com.example.helper",
+                                     "7 Service com.example.helper is not running",
+                                     "7 Starting up service com.example.helper"));
+}
+
+TEST_F(EvaluationTest, NothingIsEvaluatedButInNormalMode) {
+  for (const auto mode : {ORBOperatingModeInstaller, ORBOperatingModeWaitingForPrimaryService}) {
+    manager().setOperatingMode(mode);
+    manager().evaluateSystemConfiguration();
+    EXPECT_THAT(takeLog(), ElementsAre(kEvaluating));
+    EXPECT_THAT(jobs_.labels(), IsEmpty());
+    EXPECT_EQ(manager().operatingMode(), mode);
+  }
+}
+
+TEST_F(EvaluationTest, APrimaryServiceThatTheUserInterfaceStoppedEndsTheEvaluation) {
+  manager().trackServiceForUserClientShutdownRequest(kPrimary, true);
+  manager().evaluateSystemConfiguration();
+  EXPECT_THAT(takeLog(), ElementsAre(kEvaluating,
+                                     "7 com.example.configd is not actively being monitored as per "
+                                     "the request of the user interface"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(EvaluationTest, WithoutThePrimaryServiceNoOtherIsEvaluated) {
+  damageProgram("configd");
+  manager().evaluateSystemConfiguration();
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  EXPECT_THAT(takeLog(), Not(Contains("7 Evaluating service: com.example.agent")));
+}
+
+TEST_F(EvaluationTest, AServiceThatCannotBeStartedHindersNoOther) {
+  files_.remove(pathOf("agent"));
+  manager().evaluateSystemConfiguration();
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary, kHelper));
+}
+
+TEST_F(EvaluationTest, InInstallerModeAnyServiceIsOnlyLogged) {
+  manager().setOperatingMode(ORBOperatingModeInstaller);
+  manager().evaluateInformationForService(kAgent);
+  EXPECT_THAT(takeLog(), ElementsAre("7 Installer operation mode: Cannot evalaute feature "
+                                     "information for service: com.example.agent at this time"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(EvaluationTest, WhileThePrimaryServiceIsAwaitedAnyServiceIsOnlyLogged) {
+  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().evaluateInformationForService(kAgent);
+  EXPECT_THAT(takeLog(), ElementsAre("7 Primary Service is not ready: Cannot evalaute feature "
+                                     "information for service: com.example.agent at this time"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(EvaluationTest, AServiceThatTheUserInterfaceStoppedIsLeftAlone) {
+  manager().trackServiceForUserClientShutdownRequest(kAgent, true);
+  manager().evaluateInformationForService(kAgent);
+  EXPECT_THAT(takeLog(), ElementsAre("7 com.example.agent is not actively being monitored as per "
+                                     "the request of the user interface"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(EvaluationTest, AMatchingSwitchMakesAFeatureServiceRunAndNothingShutsItDown) {
+  settings("common")["mode"] = "on";
+  useScannerWithSwitches({{"mode", "on"}});
+  evaluateScanner();
+  EXPECT_TRUE(isRunning(kScanner));
+  loop_.advanceBy(10s);
+  EXPECT_TRUE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationTest, WithoutAMatchAFeatureServiceIsShutDownAfterThreeSeconds) {
+  settings("common")["mode"] = "on";
+  useScannerWithSwitches({{"mode", "on"}});
+  evaluateScanner();
+  settings("common")["mode"] = "off";
+  evaluateScanner();
+  loop_.advanceBy(3s - 1ns);
+  EXPECT_TRUE(isRunning(kScanner));
+  loop_.advanceBy(1ns);
+  EXPECT_THAT(jobs_.labels(), Not(Contains(kScanner)));
+}
+
+TEST_F(EvaluationTest, AShutdownThatIsDueIsNotWithdrawn) {
+  useScannerWithSwitches({{"mode", "on"}});
+  settings("common")["mode"] = "off";
+  evaluateScanner();
+  settings("common")["mode"] = "on";
+  evaluateScanner();
+  EXPECT_TRUE(isRunning(kScanner));
+  manager().setOperatingMode(ORBOperatingModeInstaller);  // Nor does it look at the mode again.
+  loop_.advanceBy(3s);
+  EXPECT_FALSE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationTest, AFeatureServiceWhoseOnlySwitchIsAbsentIsShutDownWithAWarning) {
+  useHealth();
+  settings("common")["another"] = 1;
+  useScannerWithSwitches({{"mode", 1}});
+  evaluateScanner();
+  EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner",
+                                     "4 scan exposes an invalid configuration switch key \"mode\" "
+                                     "referenced by service com.example.scanner"));
+  loop_.advanceBy(3s);
+  EXPECT_FALSE(isRunning(kScanner));
+  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.scanner"));
+}
+
+TEST_F(EvaluationTest, ANumberDoesNotMatchATextAndTheClashIsLogged) {
+  settings("common")["mode"] = "1";
+  useScannerWithSwitches({{"mode", 1}});
+  evaluateScanner();
+  EXPECT_FALSE(isRunning(kScanner));
+  EXPECT_THAT(takeLog(),
+              ElementsAre("7 Evaluating service: com.example.scanner",
+                          "3 com.example.scanner:The expected object for the switchkey \"mode\" do "
+                          "not match the return switchkey value \"1\" of type \"NSString\""));
+}
+
+TEST_F(EvaluationTest, AClashIsOneSwitchsAndTheOthersCountStill) {
+  settings("common") = {{"text", "x"}, {"number", 5}};
+  useScannerWithSwitches({{"text", 1}, {"number", 5}});
+  evaluateScanner();
+  EXPECT_TRUE(isRunning(kScanner));
+  EXPECT_EQ(countInLog("of type \"NSString\""), 1u);
+}
+
+TEST_F(EvaluationTest, AnExpectedValueOfAnotherKindNeverMatchesAndSaysNothing) {
+  settings("common")["mode"] = Array{1};
+  useScannerWithSwitches({{"mode", Array{1}}});
+  evaluateScanner();
+  EXPECT_FALSE(isRunning(kScanner));
+  EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner"));
+}
+
+TEST_F(EvaluationTest, AnySwitchOfAnyConfigurationOfAnyFeatureIsEnough) {
+  const Dictionary off = feature("common", {{"a", 1}, {"b", 1}});
+  const Dictionary last{
+      {"Config",
+       Array{Dictionary{{"Source", "common"}, {"Switches", Dictionary{{"a", 1}}}},
+             Dictionary{{"Source", "update"}, {"Switches", Dictionary{{"c", 1}, {"d", "yes"}}}}}}};
+  settings("common") = {{"a", 0}, {"b", 0}};
+  settings("update") = {{"c", 0}, {"d", "yes"}};
+  useScanner(Array{"off", "last"}, {{"off", off}, {"last", last}});
+  evaluateScanner();
+  EXPECT_TRUE(isRunning(kScanner));
+  loop_.advanceBy(3s);
+  EXPECT_TRUE(isRunning(kScanner));
+
+  settings("update")["d"] = "no";
+  evaluateScanner();
+  loop_.advanceBy(3s);
+  EXPECT_FALSE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationTest, EveryMatchingSwitchEnforcesTheRunAgain) {
+  settings("common") = {{"a", 1}, {"b", 1}};
+  useScannerWithSwitches({{"a", 1}, {"b", 1}});
+  evaluateScanner();
+  EXPECT_EQ(jobs_.starts(kScanner), 1u);
+  EXPECT_EQ(countInLog("The job com.example.scanner already being monitored"), 1u);
+}
+
+TEST_F(EvaluationTest, FeaturesThatAreNoArrayLeaveTheServiceAsItIs) {
+  useScanner("scan", {{"scan", feature("common", {{"mode", 1}})}});
+  settings("common")["mode"] = 1;
+  evaluateScanner();
+  EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner",
+                                     "3 Malformed features referrences information encountered"));
+  EXPECT_FALSE(isRunning(kScanner));
+
+  std::optional<NSError> error;
+  manager().submitJobRequest(ORBServiceManager::jobInfoWithLabel(kScanner, manager().serviceInfo()),
+                             kSMDomainSystemLaunchd, error);
+  evaluateScanner();
+  loop_.advanceBy(10s);
+  EXPECT_TRUE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationTest, AFeatureServiceWithoutFeaturesIsShutDown) {
+  useHealth();
+  useScanner(Array{}, {});
+  evaluateScanner();
+  loop_.advanceBy(3s);
+  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.scanner"));
+}
+
+TEST_F(EvaluationTest, WhatIsMalformedInAFeatureCountsAsAbsent) {
+  const Dictionary features{
+      {"text", "x"},
+      {"config", Dictionary{{"Config", "x"}}},
+      {"entries", Dictionary{{"Config", Array{"x", 1, Dictionary{}}}}},
+      {"switches",
+       Dictionary{{"Config", Array{Dictionary{{"Source", "common"}, {"Switches", Array{}}}}}}}};
+  useScanner(Array{1, "unknown", "text", "config", "entries", "switches"}, features);
+  evaluateScanner();
+  EXPECT_THAT(takeLog(),
+              ElementsAre("7 Evaluating service: com.example.scanner",
+                          "3 Unable to resolve method name for selector: "
+                          "commonSettingsClientWithDelegate:: Exception: "
+                          "+[KLXGlobalSettingsClient commonSettingsClientWithDelegate:]: "
+                          "unrecognized selector sent to class"));
+  EXPECT_FALSE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationTest, AnUnknownSourceIsLoggedOnceAndItsSwitchesWarnEachTime) {
+  useScannerWithSwitches({{"a", 1}, {"b", 1}});
+  for (int evaluation = 0; evaluation < 3; ++evaluation) evaluateScanner();
+  EXPECT_EQ(countInLog("Unable to resolve method name for selector: "
+                       "commonSettingsClientWithDelegate:: Exception: "),
+            1u);
+  EXPECT_EQ(countInLog("exposes an invalid configuration switch key"), 6u);
+}
+
+TEST_F(EvaluationTest, ASourceThatFailedOnceIsNeverTriedAgain) {
+  EXPECT_FALSE(manager().configurationWithSelectorPrefix("common"));
+  settings("common");  // Now it would resolve.
+  EXPECT_FALSE(manager().configurationWithSelectorPrefix("common"));
+  EXPECT_TRUE(manager().configurationClients()->at("common") == nullptr);
+}
+
+TEST_F(EvaluationTest, ASourcesClientIsMadeOnce) {
+  EXPECT_FALSE(manager().configurationClients());
+  settings("common");
+  SettingsClient* const client = manager().configurationWithSelectorPrefix("common");
+  EXPECT_TRUE(client);
+  EXPECT_EQ(manager().configurationWithSelectorPrefix("common"), client);
+  EXPECT_EQ(clientsMade_, 1);
+}
+
+TEST_F(EvaluationTest, AFactoryThatGivesNothingIsRememberedSilently) {
+  factories_.add("cmxSettingsClientWithDelegate:",
+                 [](KLXGlobalSettingsClientDelegate&) { return SettingsClientResult(nullptr); });
+  EXPECT_FALSE(manager().configurationWithSelectorPrefix("cmx"));
+  EXPECT_TRUE(manager().configurationClients()->contains("cmx"));
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+// The modes, event by event.
+
+class OperatingModeTest : public EvaluationTest {
+ protected:
+  OperatingModeTest() { useConfigurationServer(); }
+
+  void expectEvaluated() { EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u); }
+  void expectNotEvaluated() { EXPECT_EQ(countInLog("Evaluating the system configuration"), 0u); }
+};
+
+TEST_F(OperatingModeTest, Waiting_WatchdogAndServerUp_NormalAndEvaluatedAtOnce) {
+  startConfigurationServer();
+  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  expectEvaluated();
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+TEST_F(OperatingModeTest, Waiting_WatchdogAndServerDown_Waiting) {
+  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  expectNotEvaluated();
+}
+
+TEST_F(OperatingModeTest, Waiting_WatchdogAndServerSaysNo_Waiting) {
+  startConfigurationServer();
+  configurationServer_.answer = Value(false);
+  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(configurationServer_.questions, 1);
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  expectNotEvaluated();
+}
+
+TEST_F(OperatingModeTest, Normal_WatchdogAndServerUp_NormalAndNothing) {
+  startConfigurationServer();
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  expectNotEvaluated();
+}
+
+TEST_F(OperatingModeTest, Normal_WatchdogAndServerDown_WaitingAndPrimaryNotStarted) {
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  expectNotEvaluated();
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(OperatingModeTest, Installer_Watchdog_Installer) {
+  startConfigurationServer();
+  manager().setOperatingMode(ORBOperatingModeInstaller);
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_EQ(configurationServer_.questions, 0);
+  expectNotEvaluated();
+}
+
+TEST_F(OperatingModeTest, OnlyAPlainYesMeansThatTheServerIsUp) {
+  startConfigurationServer();
+  for (const Value& answer : {Value(2), Value("YES"), Value(), Value(Array{true})}) {
+    configurationServer_.answer = answer;
+    manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+    manager().evaluateWaitingForPrimaryServiceOperatingMode();
+    EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  }
+  configurationServer_.answer = std::unexpected(NSException{kNSInvalidArgumentException, "no", {}});
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include <chrono>
+
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "ServiceManager/ServiceManager/MinimumOSVersion.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "Shared/Categories/NSProcessInfo+Extensions.h"
+
+using namespace platform;
+
+namespace {
+
+constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
+constexpr Duration kReevaluationPeriod = std::chrono::seconds(20);
+constexpr Duration kEvaluationDelay = std::chrono::milliseconds(100);
+
+Value setOfLabels(const std::set<std::string>& labels) {
+  return Array(labels.begin(), labels.end());
+}
+
+}  // namespace
+
+void ORBServiceManager::handleGlobalSettingsServerDidStart(
+    const DistributedNotification& /*notification*/) {
+  if (!isPrimaryServiceUp()) return;
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
+  if (operatingMode_ == ORBOperatingModeInstaller) return;
+  // Its settings may be others than before: everything is decided anew, also from normal mode.
+  operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
+  evaluateWaitingForPrimaryServiceOperatingMode();
+}
+
+void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
+    const DistributedNotification& /*notification*/) {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service is shutting down");
+  operatingMode_ = ORBOperatingModeWaitingForPrimaryService;  // The installer's mode ends, too.
+}
+
+void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Notification received for global settings change: %@",
+                                      notification.userInfo["KLXGlobalSettingsKeyModified"]));
+  // Spent or not: only an evaluation in normal mode makes room for another.
+  if (globalSettingsDidChangeEffectTimer_) return;
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Will evaluate the system configuration in %f seconds",
+                                      kSettingsChangeDelay.count()));
+  globalSettingsDidChangeEffectTimer_ = platform_.runLoop.startTimer(
+      std::chrono::duration_cast<Duration>(kSettingsChangeDelay), RunLoop::Repeat::kOnce,
+      [this] { evaluateSystemConfiguration(); });
+}
+
+void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*/) {
+  evaluateSystemConfiguration();
+}
+
+bool ORBServiceManager::evaluateServices() {
+  if (healthInfo_) healthInfo_->reportInstallerEventFinished();
+  // Later, so that the installer has its answer at once.
+  performAfterDelay(kEvaluationDelay, [this] { evaluateRunningModeAfterInstallerEvent(); });
+  return true;
+}
+
+void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
+  operatingMode_ = ORBOperatingModeNormal;
+  if (!isPrimaryServiceUp()) {
+    operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
+    enforceRunningForService(primaryLabel(), nullptr);
+    return;
+  }
+  performAfterDelay(kEvaluationDelay, [this] { evaluateSystemConfiguration(); });
+}
+
+void ORBServiceManager::scheduleReevaluation() {
+  if (reevaluationTimer_) return;
+  if (!healthInfo_ || healthInfo_->problemServices().empty()) return;
+  reevaluationTimer_ =
+      platform_.runLoop.startTimer(kReevaluationPeriod, RunLoop::Repeat::kOnce,
+                                   [this] { reevaluateConfiguration(reevaluationTimer_.get()); });
+}
+
+void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) {
+  reevaluationTimer_.reset();
+  const std::set<std::string> labels =
+      healthInfo_ ? healthInfo_->problemServices() : std::set<std::string>();
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Reevaluating configuration for service(s): %@",
+                                      healthInfo_ ? setOfLabels(labels) : Value()));
+  for (const std::string& label : labels) enforceRunningForService(label, nullptr);
+  scheduleReevaluation();
+}
+
+bool ORBServiceManager::checkOSSupportForService(const std::string& label) {
+  const Value version = serviceEntryWithLabel(label, serviceInfo_)["MinimumOSVersion"];
+  if (!version.string()) return true;
+  const auto needed = kernelMajorNumberForMinimumOSVersion(*version.string());
+  if (!needed) {
+    vantorlogger2_line(
+        ASL_LEVEL_ERR,
+        stringWithFormat("Unknown OS version: '%@'.  Not starting service", version));
+    return false;
+  }
+  return NSProcessInfo::Extensions::systemMajorNumber(&platform_.system) >= *needed;
+}
+
+Value ORBServiceManager::getLastLoggedInUserHomeDirectory() {
+  // A client of its own: the answer must not depend on what the catalogue's features made before.
+  const auto* factory = platform_.settingsClientFactories.find("cmxSettingsClientWithDelegate:");
+  if (!factory) return {};
+  const SettingsClientResult client = (*factory)(*this);
+  return client && *client ? (*client)->objectForKey("ORBCmxLastLoggedInUser") : Value();
+}

@@ -1,0 +1,21 @@
+#include "ServiceManager/ServiceManager/Protocols.h"
+
+using namespace platform;
+
+void addServiceManagerProtocols(ProtocolTable& protocols) {
+  using enum MethodDescription::Kind;
+  const auto add = [&](const char* name, std::initializer_list<MethodDescription> methods) {
+    protocols.add(name, Protocol(name, methods));
+  };
+  add(kORBServiceManagerInstallerProtocol,
+      {{"evaluateServices", kTwoWay}, {"shutdownServices:", kTwoWay}});
+  add(kORBServiceManagerUserInterfaceProtocol, {{"registerClient:", kOneWay},
+                                                {"services", kTwoWay},
+                                                {"pidForService:", kTwoWay},
+                                                {"lastExitStatusForService:", kTwoWay},
+                                                {"stopServices:", kOneWay},
+                                                {"startServices:", kOneWay}});
+  add(kORBServiceManagerUserInterfaceDelegateProtocol, {{"jobStatusDidChangeWithInfo:", kTwoWay}});
+  add(kServiceManagerAuthProtocol, {{"retrieveKey", kTwoWay}});
+  add(kORBServiceManagerConfigurationServerStatusProtocol, {{"isServerUp", kTwoWay}});
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The record of how each service is, as the daemon keeps it. Only some products have one.
+//
+// Reports return at once and are taken in the order of the calls.
+class ServiceHealth {
+ public:
+  virtual ~ServiceHealth() = default;
+
+  virtual void setMonitoredServices(const std::vector<std::string>& labels) = 0;
+  // By label.
+  virtual void setServiceNamesToReport(std::map<std::string, std::string> names) = 0;
+  virtual void setReadyToReport(bool ready) = 0;
+
+  virtual void stopMonitoringForService(std::string_view label) = 0;
+  virtual void reportUnreadyStateForService(std::string_view label) = 0;
+  virtual void reportStartForService(std::string_view label) = 0;
+  virtual void reportStopForService(std::string_view label) = 0;
+  virtual void reportForcedStopForService(std::string_view label) = 0;
+  virtual void reportIntallerEventStartedForService(std::string_view label) = 0;  // spelled so
+  virtual void reportInstallerEventFinished() = 0;
+
+  // The labels of the services that are not ready. Waits for the reports made before.
+  virtual std::set<std::string> problemServices() = 0;
+};

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
+#include "Platform/Authorization.h"
+#include "Platform/Bundle.h"
+#include "Platform/CodeSignature.h"
+#include "Platform/DistributedNotificationCenter.h"
+#include "Platform/ExitWatcher.h"
+#include "Platform/FileReader.h"
+#include "Platform/Jobs.h"
+#include "Platform/NamedConnections.h"
+#include "Platform/NotificationCenter.h"
+#include "Platform/Protocol.h"
+#include "Platform/RandomDevice.h"
+#include "Platform/RunLoop.h"
+#include "Platform/SystemInformation.h"
+#include "ServiceManager/ServiceManager/ServiceHealth.h"
+#include "ServiceManager/ServiceManager/SettingsClient.h"
+
+// Whose program runs, as the kernel says.
+struct ProcessOwner {
+  std::uint32_t realUser = 0;
+  std::uint32_t effectiveUser = 0;
+  std::uint32_t realGroup = 0;
+};
+
+// Everything that the daemon needs from outside. It outlives the daemon.
+struct ServiceManagerPlatform {
+  platform::RunLoop& runLoop;
+  platform::Jobs& jobs;
+  platform::Authorization& authorization;
+  platform::ExitWatcher& exitWatcher;
+  platform::FileReader& files;
+  platform::CodeSignatures& codeSignatures;
+  platform::RandomDevice& randomDevice;
+  const platform::SystemInformation& system;
+  platform::NamedConnections& connections;
+  platform::DistributedNotificationCenter& distributedCenter;
+  platform::NotificationCenter& notificationCenter;
+  const platform::ProtocolTable& protocols;
+  const platform::Bundle& mainBundle;
+  ProcessOwner owner;
+  const SettingsClientFactories& settingsClientFactories;
+  // Makes the health record of a product that has one; empty where none is kept.
+  std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
+};
