@@ -34,10 +34,9 @@ TEST_F(UserInterfaceTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
   loop_.runReady();  // Its exit makes everything be evaluated.
   manager().evaluateSystemConfiguration();
   EXPECT_FALSE(isRunning(kAgent));
-  EXPECT_THAT(takeReports(),
-              ElementsAre("stop com.example.agent", "forced stop com.example.agent",
-                          "start com.example.configd", "start com.example.helper",
-                          "start com.example.configd", "start com.example.helper"));
+  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent", "forced stop com.example.agent",
+                                         "start com.example.configd", "start com.example.helper",
+                                         "start com.example.configd", "start com.example.helper"));
   EXPECT_EQ(countInLog("com.example.agent is not actively being monitored as per the request of "
                        "the user interface"),
             2u);
