@@ -1,21 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <span>
-#include <string_view>
+#include <string>
 
+#include "Fuzz/Require.h"
 #include "Platform/PropertyList.h"
 
 namespace fuzz {
-
-// Ends the process, so that the fuzzer keeps the input.
-inline void require(bool holds, std::string_view what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %.*s\n", static_cast<int>(what.size()), what.data());
-  std::abort();
-}
 
 // Whether the value has at most so many nodes, which are taken off. A few bytes with shared
 // children can mean a million values: reading them is quick, writing them is what would fill the

@@ -27,6 +27,10 @@ class JobsMachine {
   // A program that runs until it gets SIGTERM, and one that goes on even then.
   virtual std::string program() = 0;
   virtual std::string stubbornProgram() = 0;
+  // A path for "StandardOutPath" of the job `label`, and a wait until its process has written
+  // there, which the stubborn one does when it has stopped taking notice of SIGTERM.
+  virtual std::string outputPath() = 0;
+  virtual void awaitOutput(const std::string& label) = 0;
   // The path of something that can't be executed.
   virtual std::string unstartableProgram() = 0;
 
@@ -178,10 +182,22 @@ TEST_P(JobsContract, ARemovalThatWaitsReturnsWhenTheProcessHasGone) {
 }
 
 TEST_P(JobsContract, WhatDoesNotEndByItselfIsKilledAfterTheExitTimeOut) {
-  submit(job(machine_->stubbornProgram(), {{"ExitTimeOut", 1}}));
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
   const ProcessId first = process();
   EXPECT_TRUE(remove());
   EXPECT_FALSE(machine_->isRunning(first));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, ARemovalThatDoesNotWaitLeavesTheProcessItsTime) {
+  submit(job(machine_->stubbornProgram(), {{"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  EXPECT_TRUE(remove(false));
+  EXPECT_TRUE(machine_->isRunning(first));
+  machine_->kill(kLabel, first);
   EXPECT_TRUE(copy().isNil());
 }
 

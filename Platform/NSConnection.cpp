@@ -35,7 +35,7 @@ void NSConnection::listenToPeer() {
 
 bool NSConnection::registerName(std::string_view name) {
   const auto fail = [&](std::string_view why) {
-    connections_.refusals_.write(
+    connections_.failures_.write(
         stringWithFormat("The name \"%@\" was not registered: %@", name, why));
     return false;
   };

@@ -27,8 +27,9 @@ class NSConnection;
 // is the connection. Once for each.
 inline constexpr char kNSConnectionDidDieNotification[] = "NSConnectionDidDieNotification";
 
-// Decides whom a connection speaks with. Not retained: it takes itself off its connections before
-// it ends. Called on the loop's thread; a call may invalidate the connection.
+// Decides whom a connection speaks with. Not retained: before it ends, its connections have ended,
+// the children of those that it let in among them, or have been given another delegate or none.
+// Called on the loop's thread; a call may invalidate the connection.
 class NSConnectionDelegate {
  public:
   virtual ~NSConnectionDelegate() = default;

@@ -5,13 +5,19 @@
 #include "Platform/StringFormat.h"
 
 namespace platform {
+namespace {
+
+constexpr char kIdent[] = "NSConnection";
+
+}  // namespace
 
 NamedConnections::NamedConnections(RunLoop& loop, PeerTransport& transport,
                                    NotificationCenter& center, SystemLog& log, PathOfName path)
     : loop_(loop),
       transport_(transport),
       center_(center),
-      refusals_(loop, log, "NSConnection"),
+      failures_(loop, log, kIdent),
+      refusals_(loop, log, kIdent),
       path_(std::move(path)) {}
 
 std::shared_ptr<NSConnection> NamedConnections::makeConnection() {
@@ -33,7 +39,7 @@ std::shared_ptr<NSConnection> NamedConnections::connectionWithRegisteredName(
     const PeerConnectFailure& failure = peer.error();
     if (failure.kind == Kind::kTimedOut) noteSilence(server);
     if (failure.kind != Kind::kNobodyThere)
-      refusals_.write(
+      failures_.write(
           stringWithFormat("No connection with \"%@\": %@", server, describe(failure.error)));
     return nullptr;
   }

@@ -56,7 +56,8 @@ class NamedConnections {
   RunLoop& loop_;
   PeerTransport& transport_;
   NotificationCenter& center_;
-  RefusalLog refusals_;
+  RefusalLog failures_;  // of this program's own calls
+  RefusalLog refusals_;  // of peers, who must not be able to hide the others
   PathOfName path_;
   // Only names that this program itself looks up.
   std::map<std::string, Instant> silentUntil_;

@@ -64,6 +64,7 @@ inline const Protocol kServerProtocol("ServerProtocol",
                                        {"conforms:"},
                                        {"isSame:"},
                                        {"serverObject"},
+                                       {"much"},
                                        {"note:", MethodDescription::Kind::kOneWay}});
 inline const Protocol kCallbackProtocol("CallbackProtocol",
                                         {{"called:"}, {"calledWithin:of:"}, {"raised"}});
@@ -88,6 +89,7 @@ class TestServerObject final : public MessageReceiver {
     if (selector == "conforms:") return Value(proxy->conformsToProtocol("CallbackProtocol"));
     if (selector == "isSame:") return Value(proxy == kept_);
     if (selector == "serverObject") return Value(object_);
+    if (selector == "much") return Value(Data(kMaxPeerUnreadBytes / 8));
     return argument.type() == Value::Type::kRemoteObject ? Value() : argument;
   }
 

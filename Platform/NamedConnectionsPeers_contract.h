@@ -126,16 +126,15 @@ TEST_P(NamedConnectionsPeersContract, WithoutADelegateNobodyIsTrusted) {
   client_->setDelegate(nullptr);
   EXPECT_EQ(failureOfRootProxy(), kNSFailedAuthenticationException);
   there([this](ConnectedProgram&) { server_.connection->setDelegate(nullptr); });
-  client_ = lookUp();
-  EXPECT_NE(failureOfRootProxy(), "no exception");
+  EXPECT_EQ(lookUp(), nullptr);
   EXPECT_EQ(linesThere("this server has no delegate"), 1u);
 }
 
 TEST_P(NamedConnectionsPeersContract, ADelegateCanRefuseNewConnections) {
   vend();
   there([this](ConnectedProgram&) { server_.delegate.refuseNewConnections(); });
-  client_ = lookUp();
-  EXPECT_EQ(failureOfRootProxy(), kNSInvalidSendPortException);
+  EXPECT_EQ(lookUp(), nullptr);
+  EXPECT_EQ(here().sink.count("No connection with \"server\": "), 1u);
   EXPECT_EQ(children(), 0u);
 }
 
@@ -224,6 +223,10 @@ TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNotAFloodOfLines) {
   for (std::size_t peer = 0; peer < RefusalLog::kLinesPerPeriod + 5; ++peer)
     EXPECT_EQ(callOf(intrude(), "echo:", {Value(1)}), kNSFailedAuthenticationException);
   EXPECT_EQ(linesThere("its first message was not"), RefusalLog::kLinesPerPeriod);
+  there([](ConnectedProgram& there) {
+    EXPECT_FALSE(there.connections.makeConnection()->registerName("server"));
+  });
+  EXPECT_EQ(linesThere("The name \"server\" was not registered: "), 1u);
 }
 
 TEST_P(NamedConnectionsPeersContract, RequestsInsideOneAnotherComeToAnEnd) {

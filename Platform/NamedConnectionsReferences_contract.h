@@ -142,6 +142,32 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatHangsLosesItsConnectionAnd
   EXPECT_TRUE(send("nothing"));
 }
 
+TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNobodyForEver) {
+  start();
+  const auto other = root_;
+  connect();
+  client_->setReplyTimeout(200ms);
+  struct Asking final : MessageReceiver {
+    MessageResult receiveMessage(std::string_view, const Array&) override {
+      return root->sendMessage("nothing", {});
+    }
+    std::shared_ptr<NSDistantObject> root;
+  } asking;
+  asking.root = root_;
+  object_ = std::make_shared<NSProtocolChecker>(&asking, &kCallbackProtocol);
+  ASSERT_TRUE(send("keep:", {Value(object_)}));
+  there([this](ConnectedProgram& there) {
+    server_.connection->childConnections().back()->setReplyTimeout(20ms);
+    there.loop.post([this] {
+      // The server serves nothing while it waits, so neither gets an answer.
+      const auto result = server_.object.kept()->sendMessage("called:", {Value("now")});
+      journal_.note(result ? "answered" : "unanswered");
+    });
+  });
+  runUntilNoted("unanswered");
+  EXPECT_TRUE(other->sendMessage("nothing", {}));
+}
+
 TEST_P(NamedConnectionsReferencesContract, SoManyObjectsCanBeHeldAtOnce) {
   start();
   std::vector<std::shared_ptr<const NSProtocolChecker>> objects;

@@ -44,6 +44,14 @@ INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsPeersContract, testing::Values(&m
 
 class NamedConnectionsTest : public testing::Test {
  protected:
+  std::shared_ptr<NSConnection> vend(std::string_view name) {
+    auto connection = server_.connections.makeConnection();
+    connection->setDelegate(&delegate_);
+    EXPECT_TRUE(connection->registerName(name));
+    return connection;
+  }
+
+  TokenDelegate delegate_{"server", "client"};
   VirtualRunLoop loop_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport transport_{network_, {100, 1, 1}};
@@ -55,8 +63,7 @@ class NamedConnectionsTest : public testing::Test {
 };
 
 TEST_F(NamedConnectionsTest, AServerThatAcceptsNobodyIsAskedAgainAfterAPause) {
-  const auto connection = server_.connections.makeConnection();
-  ASSERT_TRUE(connection->registerName("server"));
+  const auto connection = vend("server");
   serverTransport_.hang();
   const Instant start = loop_.now();
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
@@ -72,23 +79,16 @@ TEST_F(NamedConnectionsTest, AServerThatAcceptsNobodyIsAskedAgainAfterAPause) {
 }
 
 TEST_F(NamedConnectionsTest, ASilentServerKeepsNobodyFromAnother) {
-  const auto connection = server_.connections.makeConnection();
-  ASSERT_TRUE(connection->registerName("server"));
-  const auto own = program_.connections.makeConnection();
+  const auto connection = vend("server");
+  const auto other = vend("other");
   serverTransport_.hang();
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
   serverTransport_.goOn();
-  ASSERT_TRUE(server_.connections.makeConnection()->registerName("unused"));
-  const auto other = server_.connections.makeConnection();
-  ASSERT_TRUE(other->registerName("other"));
   EXPECT_NE(program_.connections.connectionWithRegisteredName("other"), nullptr);
 }
 
 TEST_F(NamedConnectionsTest, AClientThatShowsNothingInTimeIsLetGo) {
-  TokenDelegate delegate("server", "client");
-  const auto connection = server_.connections.makeConnection();
-  connection->setDelegate(&delegate);
-  ASSERT_TRUE(connection->registerName("server"));
+  const auto connection = vend("server");
   const auto client = program_.connections.connectionWithRegisteredName("server");
   ASSERT_TRUE(client);
   loop_.advanceBy(kPeerAdmissionTime - 1ns);
@@ -100,17 +100,15 @@ TEST_F(NamedConnectionsTest, AClientThatShowsNothingInTimeIsLetGo) {
 }
 
 TEST_F(NamedConnectionsTest, ADeadOwnersNameIsFree) {
-  const auto connection = server_.connections.makeConnection();
-  ASSERT_TRUE(connection->registerName("server"));
+  const auto connection = vend("server");
   serverTransport_.die();
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
   EXPECT_TRUE(program_.connections.makeConnection()->registerName("server"));
 }
 
 TEST_F(NamedConnectionsTest, TimeOutsBeginWithWhatASideCanWaitFor) {
-  const auto connection = server_.connections.makeConnection();
+  const auto connection = vend("server");
   EXPECT_EQ(connection->replyTimeout(), 2s);
-  ASSERT_TRUE(connection->registerName("server"));
   const auto client = program_.connections.connectionWithRegisteredName("server");
   ASSERT_TRUE(client);
   EXPECT_EQ(client->replyTimeout(), 10s);

@@ -75,8 +75,7 @@ class PeerJournal {
 //   relay:         nothing; calls back without waiting, and notes the answer
 //   closeHere      nothing; closes the connection from inside the handler
 //   anything else, if one-way: is noted with its first argument, if any
-class PeerTransportContract
-    : public testing::TestWithParam<std::unique_ptr<PeerTransportHarness> (*)()> {
+class PeerTransportBed {
  protected:
   using Log = std::vector<std::string>;
 
@@ -88,9 +87,12 @@ class PeerTransportContract
     bool admits = true;
   };
 
-  PeerTransportContract() : harness_(GetParam()()), journal_(*harness_) {}
+  explicit PeerTransportBed(std::unique_ptr<PeerTransportHarness> harness)
+      : harness_(std::move(harness)), journal_(*harness_) {}
+  PeerTransportBed(const PeerTransportBed&) = delete;
+  PeerTransportBed& operator=(const PeerTransportBed&) = delete;
 
-  ~PeerTransportContract() override {
+  ~PeerTransportBed() {
     harness_->goOn();
     client_.reset();
     harness_->there([this](PeerTransport&) {
@@ -198,6 +200,13 @@ class PeerTransportContract
   }
 
   std::size_t settled_ = 0;
+};
+
+class PeerTransportContract
+    : public testing::TestWithParam<std::unique_ptr<PeerTransportHarness> (*)()>,
+      protected PeerTransportBed {
+ protected:
+  PeerTransportContract() : PeerTransportBed(GetParam()()) {}
 };
 
 }  // namespace platform

@@ -38,12 +38,13 @@ step() {
   fail "" "$text failed. The whole output is in $log."
 }
 
+# install_missing_packages [FILE...]: what packaging/debian-packages lists, and each further file.
 install_missing_packages() {
   local package missing=() sudo=()
   while read -r package; do
     dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed ||
       missing+=("$package")
-  done < <(grep -v '^#' packaging/debian-packages)
+  done < <(grep -hv '^#' packaging/debian-packages "$@")
   [ ${#missing[@]} -eq 0 ] && return
   command -v apt-get >/dev/null ||
     fail "This needs Debian 12's apt-get. On another system, install the counterparts of:" \

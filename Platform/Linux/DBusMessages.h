@@ -23,8 +23,9 @@ namespace platform {
 //              D-Bus name): reason, name, user info. Of any other error the D-Bus name and the
 //              first text count.
 //
-// org.freedesktop.DBus.Peer.Ping is answered too. A message that would be too large has the body "ht" instead: a sealed memory file with the whole
-// message as D-Bus lays it out, of which the body counts, and that message's size.
+// org.freedesktop.DBus.Peer.Ping is answered too. A message that would be too large has the body
+// "ht" instead: a sealed memory file with the whole message as D-Bus lays it out, of which the body
+// counts, and that message's size.
 inline constexpr char kPeerInterface[] = "com.vantor.Peer";
 
 enum class PeerMessageKind { kTwoWay, kOneWay };

@@ -161,10 +161,8 @@ void DBusPeerLink::dispatch() {
   const auto self = shared_from_this();
   if (ended_) return;
   if (authenticated_ && onAuthenticated_) {
-    onGone_ = nullptr;
     sources_->scheduleDispatch();  // What it has sent comes in a turn of its own.
-    const auto authenticated = std::exchange(onAuthenticated_, nullptr);
-    return authenticated();
+    return handOn();
   }
   if (!authenticated_ && !isConnected()) return die();
   if (!authenticated_) return;
@@ -175,6 +173,11 @@ void DBusPeerLink::dispatch() {
   }
   deliverOne();
   if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
+}
+
+void DBusPeerLink::handOn() {
+  onGone_ = nullptr;
+  std::exchange(onAuthenticated_, nullptr)();
 }
 
 // Takes over what libdbus has read. Answers to blocking calls go to them at once.
@@ -290,10 +293,16 @@ void DBusPeerLink::scheduleDeath(Error why) {
 void DBusPeerLink::die() {
   const auto self = shared_from_this();
   if (closed_ || finished_) return;
-  // What the peer sent before its end comes before its end.
-  while (!ended_ && authenticated_ && !onAuthenticated_) {
-    collect();
-    if (deliverOne()) continue;
+  // What the peer sent before its end comes before its end, even the end of its authentication.
+  while (!ended_) {
+    if (authenticated_ && onAuthenticated_) {
+      handOn();
+      continue;
+    }
+    if (authenticated_) {
+      collect();
+      if (deliverOne()) continue;
+    }
     if (!isConnected() || sources_->handleWithin(Duration::zero()) != DBusSources::Handled::kSome) {
       break;
     }

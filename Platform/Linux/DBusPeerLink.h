@@ -83,6 +83,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
 
   void allowMessages(std::size_t bytes);
   void dispatch();
+  void handOn();
   void collect();
   bool deliverOne();
   bool serveOneRequest();

@@ -25,9 +25,17 @@ NSError errorOf(LaunchdError code, std::string text) {
 }
 
 NSError errorOf(const Error& error) {
-  const bool isDenied = error.code == ErrorCode::kDenied;
-  return errorOf(isDenied ? LaunchdError::kNotAuthorized : LaunchdError::kUnavailable,
-                 describe(error));
+  switch (error.code) {
+    case ErrorCode::kDenied:
+      return errorOf(LaunchdError::kNotAuthorized, describe(error));
+    case ErrorCode::kInvalid:  // It could not be sent.
+      return errorOf(LaunchdError::kInvalidJob, describe(error));
+    case ErrorCode::kNotFound:
+    case ErrorCode::kExhausted:
+    case ErrorCode::kSystem:
+      break;
+  }
+  return errorOf(LaunchdError::kUnavailable, describe(error));
 }
 
 std::expected<void, NSError> checkDomain(std::string_view domain) {

@@ -11,9 +11,9 @@ using namespace std::chrono_literals;
 // How often a host that is not there is looked for.
 constexpr Duration kLookEvery = 50ms;
 
-Error unreachable(const PeerConnectFailure& failure, const std::string& socket) {
+Error unreachable(const PeerConnectFailure& failure) {
   Error error = failure.error;
-  error.context = "the job host at " + socket + " can't be reached: " + error.context;
+  error.context = "the job host can't be reached: " + error.context;
   switch (failure.kind) {
     case PeerConnectFailure::Kind::kNobodyThere:
       error.code = ErrorCode::kNotFound;
@@ -62,7 +62,7 @@ Result<void> JobHostClient::connect(Instant deadline) {
       return {};
     }
     if (!mayPass(connected.error()) || loop_.now() >= deadline) {
-      return std::unexpected(unreachable(connected.error(), socket_));
+      return std::unexpected(unreachable(connected.error()));
     }
     loop_.sleepFor(kLookEvery);
   }

@@ -4,6 +4,10 @@
 
 namespace platform {
 
+std::string jobHostSocket(const std::string& root) {
+  return (root == "/" ? "" : root) + "/run/vantor/launchd";
+}
+
 Value failureAnswer(const NSError& error) { return Array{error.code, error.localizedDescription}; }
 
 std::optional<NSError> failureIn(const Value& answer) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "Platform/Error.h"
 #include "Platform/Value.h"
@@ -11,7 +12,8 @@ namespace platform {
 // request that fails is answered by an array (no result is one): the code and the text of an error
 // in CFErrorDomainLaunchd.
 
-inline constexpr char kJobHostSocket[] = "run/vantor/launchd";
+// The path of the socket of the host of the platform at `root`.
+std::string jobHostSocket(const std::string& root);
 
 // A job's dictionary; nil. Answered when the process runs or has failed to start.
 inline constexpr char kSubmitJobMessage[] = "submitJob:";

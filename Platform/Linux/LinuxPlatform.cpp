@@ -2,12 +2,24 @@
 
 #include <utility>
 
+#include "Platform/IntegerValue.h"
 #include "Platform/Linux/DescriptorLimit.h"
 #include "Platform/Linux/ExecutablePath.h"
 #include "Platform/Linux/LogSinkChoice.h"
 #include "Platform/Linux/PlatformRoot.h"
+#include "Platform/Linux/PreferredLanguages.h"
 
 namespace platform {
+namespace {
+
+// This platform's file handles call them from its release 10.7 on, whose kernel is 11.
+constexpr std::int64_t kFirstKernelWithReadabilityHandlers = 11;
+
+bool hasReadabilityHandlers(const PlatformConfiguration& configuration) {
+  return integerValue(configuration.kernelRelease) >= kFirstKernelWithReadabilityHandlers;
+}
+
+}  // namespace
 
 LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::uint64_t originalDescriptorLimit_,
                              PlatformConfiguration configuration_, Bundle mainBundle_,
@@ -18,11 +30,16 @@ LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::uint64_t originalDes
       configuration(std::move(configuration_)),
       mainBundle(std::move(mainBundle_)),
       systemInformation(configuration, "/proc"),
+      preferredLanguages(platform::preferredLanguages(configuration)),
+      fileManager(configuration.usersRoot),
       logSink(std::move(logSink_)),
       systemLog(*logSink,
                 mainBundle.executablePath().substr(mainBundle.executablePath().rfind('/') + 1),
                 configuration.logLevel),
-      runLoop(std::move(runLoop_)) {}
+      runLoop(std::move(runLoop_)),
+      tasks(*runLoop, notificationCenter,
+            {.callsReadabilityHandlers = hasReadabilityHandlers(configuration),
+             .descriptorLimit = originalDescriptorLimit}) {}
 
 Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::make() {
   ServiceNotify readiness = ServiceNotify::takeFromEnvironment();

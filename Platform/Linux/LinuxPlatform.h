@@ -3,18 +3,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "Platform/Bundle.h"
 #include "Platform/Error.h"
 #include "Platform/Linux/AsioRunLoop.h"
 #include "Platform/Linux/AsioSerialQueues.h"
 #include "Platform/Linux/AsioTerminationSignals.h"
+#include "Platform/Linux/DBusPeerTransport.h"
+#include "Platform/Linux/LinuxFileManager.h"
 #include "Platform/Linux/LinuxSystemInformation.h"
+#include "Platform/Linux/LinuxTasks.h"
 #include "Platform/Linux/PidfdExitWatcher.h"
 #include "Platform/Linux/ServiceNotify.h"
 #include "Platform/Linux/StandardErrorLogSink.h"
 #include "Platform/LogSink.h"
 #include "Platform/NSLog.h"
+#include "Platform/NotificationCenter.h"
 #include "Platform/PlatformConfiguration.h"
 #include "Platform/SystemLog.h"
 
@@ -35,13 +41,18 @@ struct LinuxPlatform {
   PlatformConfiguration configuration;    // with the log sink that was chosen
   Bundle mainBundle;
   LinuxSystemInformation systemInformation;
+  std::vector<std::string> preferredLanguages;
+  LinuxFileManager fileManager;
   std::unique_ptr<LogSink> logSink;
   SystemLog systemLog;
   StandardErrorLogSink standardError;
   NSLogOutput nsLog{systemLog, standardError};
   std::unique_ptr<AsioRunLoop> runLoop;
+  NotificationCenter notificationCenter;
+  LinuxTasks tasks;
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
+  DBusPeerTransport peerTransport{*runLoop};
   // Its destruction waits for what is still to be written, so it ends first.
   AsioSerialQueues utilityQueues{kUtilityThreads};
 

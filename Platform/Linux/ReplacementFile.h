@@ -29,6 +29,9 @@ class ReplacementFile {
   // Puts the file in place when the disk has it.
   Result<void> commit();
 
+  // Of the new file, before and after it is in place; as long as this lives.
+  int descriptor() const { return file_.get(); }
+
  private:
   ReplacementFile() = default;
 

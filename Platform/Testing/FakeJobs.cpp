@@ -82,6 +82,7 @@ const FakeJobs::Job* FakeJobs::find(std::string_view label) const {
 void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
   Job& ended = job(label);
   end(ended, status);
+  if (ended.removing) return static_cast<void>(jobs_.erase(std::string(label)));
   if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
 }
 
@@ -186,6 +187,8 @@ std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, cons
   if (auto admitted = admit(domain); !admitted) return admitted;
   if (auto checked = check(job); !checked) return checked;
   const std::string label = *job["Label"].string();
+  // A job that is being removed is submitted when it has gone.
+  awaitRemoval(label);
   const bool isNew = !jobs_.contains(label);
   Job& submitted = jobs_[label];
   submitted.dictionary = job;
@@ -207,21 +210,27 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
     return failure(LaunchdError::kNoSuchJob, "job \"" + std::string(label) + "\": no such job");
   }
   Job& removed = found->second;
-  removed.removing = true;
-  const auto finish = [this, name = std::string(label)](int signal) {
-    const auto job = jobs_.find(name);
-    if (job == jobs_.end() || !job->second.removing) return;
-    if (job->second.process) end(job->second, {ExitStatus::Kind::kSignalled, signal});
-    jobs_.erase(job);
-  };
   if (!removed.process || !removed.ignoresTermination) {
-    finish(SIGTERM);
+    if (removed.process) end(removed, {ExitStatus::Kind::kSignalled, SIGTERM});
+    jobs_.erase(found);
     return {};
   }
-  const Duration exitTimeOut = secondsOf(removed.dictionary, "ExitTimeOut", kExitTimeOut);
-  loop_.scheduleOutsideEvent(exitTimeOut, [finish] { finish(SIGKILL); });
-  if (wait) loop_.sleepFor(exitTimeOut);
+  if (!removed.removing) {
+    const Duration exitTimeOut = secondsOf(removed.dictionary, "ExitTimeOut", kExitTimeOut);
+    removed.removing = true;
+    loop_.scheduleOutsideEvent(exitTimeOut,
+                               [this, process = *removed.process, name = found->first] {
+                                 if (this->process(name) == process) {
+                                   endProcess(name, {ExitStatus::Kind::kSignalled, SIGKILL});
+                                 }
+                               });
+  }
+  if (wait) awaitRemoval(label);
   return {};
+}
+
+void FakeJobs::awaitRemoval(std::string_view label) {
+  while (find(label) && find(label)->removing) loop_.sleepFor(kLookEvery);
 }
 
 Value FakeJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {

@@ -76,6 +76,7 @@ class FakeJobs final : public Jobs {
   void startWhenThrottleAllows(const std::string& label);
   void startAgain(const std::string& label);
   void end(Job& job, ExitStatus status);
+  void awaitRemoval(std::string_view label);
 
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;

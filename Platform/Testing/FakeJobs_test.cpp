@@ -24,6 +24,8 @@ class FakeMachine final : public JobsMachine {
   Jobs& jobs() override { return jobs_; }
   std::string program() override { return "/opt/agent"; }
   std::string stubbornProgram() override { return "/opt/stubborn"; }
+  std::string outputPath() override { return "/var/log/agent"; }
+  void awaitOutput(const std::string& label) override { jobs_.ignoreTermination(label); }
   std::string unstartableProgram() override { return "/etc/hosts"; }
   void kill(const std::string& label, ProcessId) override { jobs_.endProcess(label, kKilled); }
   bool isRunning(ProcessId process) override { return exitWatcher_.isKnown(process); }
@@ -154,6 +156,31 @@ TEST_F(FakeJobsTest, ARemovalThatDoesNotWaitGoesOnByItself) {
   EXPECT_TRUE(jobs_.process(kLabel));
   loop_.advanceBy(7s);
   EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(FakeJobsTest, ARemovalIsOverWhenTheProcessEndsByItself) {
+  submit({{"ExitTimeOut", 7}});
+  jobs_.ignoreTermination(kLabel);
+  loop_.scheduleOutsideEvent(2s, [this] { jobs_.endProcess(kLabel); });
+  const Instant before = loop_.now();
+  EXPECT_TRUE(remove(true));
+  EXPECT_EQ(loop_.now() - before, 2s);
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  submit();
+  loop_.advanceBy(7s);
+  EXPECT_TRUE(jobs_.process(kLabel));
+}
+
+TEST_F(FakeJobsTest, AJobThatIsBeingRemovedIsSubmittedWhenItHasGone) {
+  submit({{"ExitTimeOut", 7}});
+  const auto first = jobs_.process(kLabel);
+  jobs_.ignoreTermination(kLabel);
+  EXPECT_TRUE(remove(false));
+  const Instant before = loop_.now();
+  submit();
+  EXPECT_EQ(loop_.now() - before, 7s);
+  EXPECT_NE(jobs_.process(kLabel), first);
+  EXPECT_EQ(jobs_.starts(kLabel), 1u);
 }
 
 TEST_F(FakeJobsTest, AnUnreachableHostCostsFiveSeconds) {

@@ -209,5 +209,18 @@ TEST_F(VirtualRunLoopTest, SourcesAreCalledInTurn) {
   for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(log_[i].first, std::to_string(i % 3));
 }
 
+TEST_F(VirtualRunLoopTest, AWaitEndsWithTheOutsideEventThatItWaitsFor) {
+  bool answered = false;
+  const auto timer = loop_.startTimer(1s, Repeat::kOnce, note("timer"));
+  loop_.scheduleOutsideEvent(1s, [] {});
+  loop_.scheduleOutsideEvent(2s, [&] { answered = true; });
+  const Instant before = loop_.now();
+  EXPECT_TRUE(loop_.waitFor(5s, [&] { return answered; }));
+  EXPECT_EQ(loop_.now() - before, 2s);
+  EXPECT_TRUE(log_.empty());
+  EXPECT_FALSE(loop_.waitFor(5s, [] { return false; }));
+  EXPECT_EQ(loop_.now() - before, 7s);
+}
+
 }  // namespace
 }  // namespace platform

@@ -17,6 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/Linux/BlockedSignal.h"
+
 namespace platform {
 namespace {
 
@@ -52,6 +54,21 @@ std::string readToItsEnd(int descriptor) {
     text.append(chunk.data(), static_cast<std::size_t>(size));
   }
   return text;
+}
+
+// Nothing at the end, where what has no line end is dropped.
+std::optional<std::string> lineFrom(int descriptor) {
+  std::string line;
+  for (;;) {
+    if (!waitUntilReadable(descriptor, kDeadlineMilliseconds)) {
+      ADD_FAILURE() << "nothing comes behind \"" << line << "\"";
+      return std::nullopt;
+    }
+    char character = 0;
+    if (::read(descriptor, &character, 1) != 1) return std::nullopt;
+    if (character == '\n') return line;
+    line += character;
+  }
 }
 
 }  // namespace
@@ -94,18 +111,24 @@ void ChildProgram::signal(int number) const {
   EXPECT_EQ(::kill(process_, number), 0);
 }
 
+void ChildProgram::send(const std::string& line) const {
+  const std::string text = line + "\n";
+  BlockedSignal brokenPipe(SIGPIPE);
+  if (::write(input_.get(), text.data(), text.size()) < 0) brokenPipe.discard();
+}
+
 std::string ChildProgram::nextLine() {
-  std::string line;
-  for (;;) {
-    char character = 0;
-    if (!waitUntilReadable(output_.get(), kDeadlineMilliseconds) ||
-        ::read(output_.get(), &character, 1) != 1) {
-      ADD_FAILURE() << "no further line but \"" << line << "\"";
-      return line;
-    }
-    if (character == '\n') return line;
-    line += character;
-  }
+  const auto line = lineFrom(output_.get());
+  if (!line) ADD_FAILURE() << "no further line";
+  return line.value_or("");
+}
+
+std::optional<std::string> ChildProgram::nextLineIfAny() { return lineFrom(output_.get()); }
+
+std::string ChildProgram::nextErrorLine() {
+  const auto line = lineFrom(errors_.get());
+  if (!line) ADD_FAILURE() << "no further line of errors";
+  return line.value_or("");
 }
 
 ExitStatus ChildProgram::waitForExit() {

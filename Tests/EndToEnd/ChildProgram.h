@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,15 @@ class ChildProgram {
   ProcessId process() const { return process_; }
   void signal(int number) const;
   void closeInput() { input_.reset(); }
+  // Gives it a line to read; what has ended takes none.
+  void send(const std::string& line) const;
 
   // The next line of its output, without the line end.
   std::string nextLine();
+  // The same, or nothing when the program has closed its output.
+  std::optional<std::string> nextLineIfAny();
+  // The same of its errors.
+  std::string nextErrorLine();
 
   // How it ended.
   ExitStatus waitForExit();

@@ -1,4 +1,5 @@
-// The operator's command. Exit status: 0 done, 1 failed, 2 not understood.
+// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, and of the job commands
+// 3 no such job, 4 not permitted, 5 no job host.
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,15 +11,18 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
+#include "Platform/Linux/EmbeddedJobs.h"
+#include "Platform/Linux/JobHostClient.h"
+#include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Thread.h"
+#include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 
 namespace {
 
 constexpr int kNotUnderstood = 2;
-
-void print(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const PlatformReport report = makePlatformReport(
@@ -44,11 +48,6 @@ std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQue
   return systemLog.dropped();
 }
 
-int fail(const std::string& why) {
-  std::fputs(("servicemanagerctl: " + why + "\n").c_str(), stderr);
-  return EXIT_FAILURE;
-}
-
 int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
   const std::uint64_t lost =
       writeTestLines(linuxPlatform.systemLog, linuxPlatform.utilityQueues, message);
@@ -56,6 +55,20 @@ int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& messag
   return fail("the log took " + std::to_string(lost) +
               " of 2 lines not; see where it goes with \"servicemanagerctl platform\", and whether "
               "there is room and permission to write");
+}
+
+std::string hostProgram(const platform::Bundle& tool) {
+  const std::string& path = tool.executablePath();
+  return path.substr(0, path.rfind('/') + 1) + "jobhost";
+}
+
+int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform) {
+  // Without patience: a person can ask again, and wants to know at once that no host runs.
+  platform::JobHostClient client(linuxPlatform.peerTransport, *linuxPlatform.runLoop,
+                                 platform::jobHostSocket(linuxPlatform.configuration.root),
+                                 platform::Duration::zero());
+  platform::EmbeddedJobs jobs(client);
+  return commands.run(jobs, *linuxPlatform.runLoop, hostProgram(linuxPlatform.mainBundle));
 }
 
 }  // namespace
@@ -71,6 +84,7 @@ int main(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  const JobsCommands jobsCommands(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -83,6 +97,7 @@ int main(int argc, char** argv) {
   }
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
+  if (jobsCommands.parsed()) return runJobsCommand(jobsCommands, linux);
   if (logTestCommand->parsed()) return runLogTest(linux, message);
   return EXIT_SUCCESS;
 }

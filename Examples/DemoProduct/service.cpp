@@ -1,0 +1,58 @@
+// A service of the demo product: says in the log that it runs, announces its start by the
+// notification that its second argument names, if any, and runs until it is asked to end.
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Platform/BackgroundService.h"
+#include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NotificationBus.h"
+
+namespace {
+
+class DemoService final : public platform::VGBackgroundServiceDelegate {
+ public:
+  DemoService(platform::DistributedNotificationCenter& center, platform::SystemLog& log,
+              std::optional<std::string> startNotification)
+      : center_(center), log_(log), startNotification_(std::move(startNotification)) {}
+
+  void backgroundServiceDidFinishLaunching(const platform::Value& /*notification*/) override {
+    log_.asl_log(nullptr, platform::ASL_LEVEL_NOTICE, "at work");
+    if (!startNotification_) return;
+    center_.postNotificationName(*startNotification_, std::nullopt, {},
+                                 platform::NSNotificationPosting::kPostToAllSessions);
+  }
+  void backgroundServiceWillTerminate(const platform::Value& /*notification*/) override {
+    log_.asl_log(nullptr, platform::ASL_LEVEL_NOTICE, "asked to end");
+  }
+
+ private:
+  platform::DistributedNotificationCenter& center_;
+  platform::SystemLog& log_;
+  std::optional<std::string> startNotification_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto made = platform::LinuxPlatform::make();
+  if (!made) {
+    std::fputs((platform::describe(made.error()) + "\n").c_str(), stderr);
+    return EXIT_FAILURE;
+  }
+  platform::LinuxPlatform& linux = **made;
+  const auto center = platform::makeBusNotificationCenter(
+      *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
+  platform::BackgroundServiceClasses classes;
+  classes.add("DemoService", [&] {
+    return std::make_unique<DemoService>(
+        *center, linux.systemLog, argc > 1 ? std::optional<std::string>(argv[1]) : std::nullopt);
+  });
+  platform::BackgroundServiceHost host{*linux.runLoop, linux.terminationSignals, linux.readiness,
+                                       classes};
+  return platform::VGBackgroundServiceMain("DemoService", argc, argv, host);
+}

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+// Checksums of a file's content, which the caller holds as a whole. Pure; any thread; nothing
+// fails.
+class ORBInstallerChecksum {
+ public:
+  // Lower-case hexadecimal digits, 64 of SHA-256 and 40 of SHA-1.
+  static std::string generateSHA256(std::span<const std::uint8_t> data);
+  static std::string generateSHA1(std::span<const std::uint8_t> data);
+};

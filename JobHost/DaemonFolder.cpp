@@ -1,0 +1,108 @@
+#include "JobHost/DaemonFolder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Linux/PlatformRoot.h"
+#include "Platform/Linux/RegularFile.h"
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/PropertyList.h"
+#include "Platform/PropertyListText.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+
+constexpr std::string_view kSuffix = ".plist";
+// More would be somebody's mistake.
+constexpr std::size_t kMaximumFiles = 4096;
+// Far more than the largest definition takes as a file.
+constexpr std::size_t kMaximumFileBytes = std::size_t{4} << 20;
+
+Result<std::vector<std::string>> plistsIn(const std::string& path) {
+  struct stat status{};
+  if (::lstat(path.c_str(), &status) != 0) {
+    if (errno == ENOENT) return {};
+    return std::unexpected(platform::systemError(path));
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, path + ": is not a folder"});
+  }
+  if (auto trust =
+          platform::checkConfigurationTrust(path, status.st_uid, status.st_mode, ::geteuid());
+      !trust) {
+    return std::unexpected(trust.error());
+  }
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
+  if (!folder) return std::unexpected(platform::systemError(path));
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(folder.get())) {
+    const std::string_view name = entry->d_name;
+    if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
+    if (names.size() == kMaximumFiles) {
+      return std::unexpected(
+          Error{ErrorCode::kExhausted, 0,
+                fmt::format("{}: expected at most {} files", path, kMaximumFiles)});
+    }
+    names.emplace_back(name);
+  }
+  std::ranges::sort(names);
+  return names;
+}
+
+Result<JobDefinition> definitionIn(const std::string& path) {
+  const auto file = platform::openRegularFile(path);
+  if (!file) return std::unexpected(file.error());
+  struct stat status{};
+  if (::fstat(file->get(), &status) != 0) return std::unexpected(platform::systemError(path));
+  if (auto trust =
+          platform::checkConfigurationTrust(path, status.st_uid, status.st_mode, ::geteuid());
+      !trust) {
+    return std::unexpected(trust.error());
+  }
+  const auto bytes = platform::readToEnd(file->get(), kMaximumFileBytes, path);
+  if (!bytes) return std::unexpected(bytes.error());
+  const auto contents = platform::readPropertyList(*bytes, path);
+  if (!contents) return std::unexpected(contents.error());
+  auto definition = parseJobDefinition(*contents);
+  if (!definition) definition.error().context.insert(0, path + ": ");
+  return definition;
+}
+
+}  // namespace
+
+DaemonFolder readDaemonFolder(const std::string& path) {
+  DaemonFolder folder;
+  const auto names = plistsIn(path);
+  if (!names) {
+    folder.faults.push_back(platform::describe(names.error()));
+    return folder;
+  }
+  for (const std::string& name : *names) {
+    const std::string file = path + "/" + name;
+    auto definition = definitionIn(file);
+    if (!definition) {
+      folder.faults.push_back(platform::describe(definition.error()));
+    } else if (std::ranges::find(folder.definitions, definition->label, &JobDefinition::label) !=
+               folder.definitions.end()) {
+      folder.faults.push_back(fmt::format("{}: another file defines the job {}", file,
+                                          platform::quoted(definition->label)));
+    } else {
+      folder.definitions.push_back(*std::move(definition));
+    }
+  }
+  return folder;
+}
+
+}  // namespace jobhost

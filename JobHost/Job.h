@@ -1,0 +1,47 @@
+#pragma once
+
+#include <expected>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "JobHost/RestartPolicy.h"
+#include "JobHost/StoredJob.h"
+#include "Platform/Error.h"
+#include "Platform/RunLoop.h"
+#include "Platform/Value.h"
+
+namespace jobhost {
+
+// A job that is being removed, and who waits for that.
+struct Removal {
+  std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
+  // Requests for the same label that came meanwhile, in their order.
+  std::vector<std::move_only_function<void()>> afterwards;
+  std::unique_ptr<platform::RunLoopHandle> killTimer;
+};
+
+// What the host keeps of a job. The rest of its definition is read anew from the dictionary at each
+// start: of thousands of jobs most do nothing most of the time.
+struct Job {
+  std::string label;
+  platform::Value dictionary;
+  RestartRules rules;
+  platform::Duration exitTimeOut{};
+  std::string machService;  // empty for none
+  JobOrigin origin = JobOrigin::kSubmitted;
+  JobPhase phase = JobPhase::kIdle;
+  // The last start whose record stands; its process is the leader of the job's group while
+  // `hasLeader`.
+  StartFields lastStart;
+  bool hasLeader = false;
+  // Also of a start that failed.
+  std::optional<platform::Instant> lastTry;
+  std::optional<Ending> lastEnd;
+  std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or a look at a removed group
+  std::unique_ptr<Removal> removal;
+};
+
+}  // namespace jobhost

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/Error.h"
+#include "Platform/Jobs.h"
+
+namespace jobhost {
+
+// An error as the job host's clients get it.
+platform::NSError jobError(platform::LaunchdError code, std::string text);
+// What is wrong with the caller's input is kInvalidJob, a missing permission kNotAuthorized, all
+// else kInternal: a process that could not be started, whatever the reason.
+platform::NSError jobError(const platform::Error& error);
+
+}  // namespace jobhost

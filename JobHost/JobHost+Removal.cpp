@@ -1,0 +1,135 @@
+#include <csignal>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "JobHost/JobErrors.h"
+#include "JobHost/JobHost.h"
+#include "Platform/PropertyListText.h"
+
+namespace jobhost {
+
+using platform::LaunchdError;
+
+namespace {
+
+// How often a group is looked at whose leader has gone: its last members may be anybody's children.
+constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
+
+// Jobs of a lower rank are stopped first.
+int stoppingRank(const Job& job) {
+  if (job.label == kNotificationBusLabel) return 2;
+  return job.origin == JobOrigin::kLoaded ? 0 : 1;
+}
+
+}  // namespace
+
+void JobHost::answer(Completion completion, Outcome outcome) {
+  loop_.post([alive = std::weak_ptr(alive_), completion = std::move(completion),
+              outcome = std::move(outcome)]() mutable {
+    if (!alive.expired()) completion(std::move(outcome));
+  });
+}
+
+void JobHost::remove(std::string_view label, Completion completion) {
+  Job* const job = find(label);
+  if (!job) {
+    const std::string text = fmt::format("no job has the label {}", platform::quoted(label));
+    answer(std::move(completion), std::unexpected(jobError(LaunchdError::kNoSuchJob, text)));
+    return;
+  }
+  if (job->removal && !job->removal->afterwards.empty()) {
+    // It is meant for the job that is to come.
+    job->removal->afterwards.push_back(
+        [this, label = std::string(label), completion = std::move(completion)]() mutable {
+          remove(label, std::move(completion));
+        });
+    return;
+  }
+  if (job->removal) {
+    job->removal->completions.push_back(std::move(completion));
+    return;
+  }
+  // Before anything happens: a host that came after us would take the job for one that crashed.
+  if (auto written = state_->appendRemoving(job->label); !written) {
+    answer(std::move(completion), std::unexpected(jobError(written.error())));
+    return;
+  }
+  job->removal = std::make_unique<Removal>();
+  job->removal->completions.push_back(std::move(completion));
+  beginRemoval(*job);
+}
+
+void JobHost::beginRemoval(Job& job) {
+  job.timer.reset();
+  job.phase = JobPhase::kRemoving;
+  if (!job.hasLeader) return finishRemoval(job);
+  processes_.signalGroup(job.lastStart.process, SIGTERM);
+  if (job.exitTimeOut <= platform::Duration::zero()) return;
+  job.removal->killTimer =
+      loop_.startTimer(job.exitTimeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
+        log(platform::ASL_LEVEL_WARNING,
+            fmt::format("job {}: process group {} did not end when asked to, and is killed",
+                        platform::quoted(job.label), job.lastStart.process));
+        processes_.signalGroup(job.lastStart.process, SIGKILL);
+      });
+}
+
+void JobHost::awaitGroup(Job& job) {
+  if (processes_.isGroupEmpty(job.lastStart.process)) return finishRemoval(job);
+  job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
+    if (processes_.isGroupEmpty(job.lastStart.process)) finishRemoval(job);
+  });
+}
+
+void JobHost::finishRemoval(Job& job) {
+  if (auto written = state_->appendRemoved(job.label); !written) {
+    // The next host finds a removal without a process, and finishes it.
+    log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
+  }
+  if (!job.machService.empty()) sockets_.close(job.machService, job.label);
+  log(platform::ASL_LEVEL_INFO, fmt::format("job {}: removed", platform::quoted(job.label)));
+  const std::unique_ptr<Removal> removal = std::move(job.removal);
+  jobs_.erase(job.label);
+  for (Completion& completion : removal->completions) answer(std::move(completion), {});
+  for (auto& request : removal->afterwards) request();
+  compactIfWanted();
+  if (isShuttingDown_) {
+    loop_.post([this, alive = std::weak_ptr(alive_)] {
+      if (!alive.expired()) shutDownNext();
+    });
+  }
+}
+
+void JobHost::shutDown(std::move_only_function<void()> completion) {
+  isShuttingDown_ = true;
+  onShutDown_ = std::move(completion);
+  shutDownNext();
+}
+
+void JobHost::shutDownNext() {
+  if (jobs_.empty()) {
+    if (!onShutDown_) return;
+    loop_.post([alive = std::weak_ptr(alive_),
+                completion = std::exchange(onShutDown_, nullptr)]() mutable {
+      if (!alive.expired()) completion();
+    });
+    return;
+  }
+  int lowest = stoppingRank(jobs_.begin()->second);
+  for (const auto& [label, job] : jobs_) lowest = std::min(lowest, stoppingRank(job));
+  std::vector<std::string> next;
+  for (const auto& [label, job] : jobs_) {
+    if (stoppingRank(job) == lowest && !job.removal) next.push_back(label);
+  }
+  for (const std::string& label : next) {
+    Job& job = *find(label);
+    if (auto written = state_->appendRemoving(label); !written) {
+      log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
+    }
+    job.removal = std::make_unique<Removal>();
+    beginRemoval(job);
+  }
+}
+
+}  // namespace jobhost

@@ -1,0 +1,213 @@
+// Removing jobs, and shutting down.
+
+#include <csignal>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "JobHost/JobHostFixture_contract.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Dictionary;
+using platform::LaunchdError;
+using platform::Value;
+using testing::ElementsAre;
+
+TEST_F(JobHostTest, RemovingEndsTheGroupAndForgetsTheJob) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  EXPECT_TRUE(removeLater("com.example.a")->value());
+  EXPECT_EQ(processes_.signals.front().signal, SIGTERM);
+  EXPECT_EQ(processes_.signals.front().group, 101);
+  EXPECT_TRUE(host_->copy("com.example.a").isNil());
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), 1);
+}
+
+TEST_F(JobHostTest, RemovingAJobThatWaitsForItsThrottleIsDoneAtOnce) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  endLast();
+  EXPECT_TRUE(removeLater("com.example.a")->value());
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), 1);
+}
+
+TEST_F(JobHostTest, AProcessThatStaysIsKilledAfterTheExitTimeOut) {
+  processes_.obeysTermination = false;
+  for (const auto& [more, timeOut] :
+       {std::pair<Dictionary, platform::Duration>{{}, 20s}, {{{"ExitTimeOut", 3}}, 3s}}) {
+    ASSERT_TRUE(submit(job("com.example.a", more)));
+    processes_.signals.clear();
+    const Answer answer = removeLater("com.example.a");
+    loop_.advanceBy(timeOut - 1ns);
+    EXPECT_FALSE(*answer);
+    EXPECT_EQ(processes_.signals.size(), 1);
+    EXPECT_FALSE(pid("com.example.a").isNil());
+    loop_.advanceBy(1ns);
+    ASSERT_TRUE(*answer);
+    EXPECT_TRUE(answer->value());
+    EXPECT_EQ(processes_.signals.back().signal, SIGKILL);
+  }
+}
+
+TEST_F(JobHostTest, AnExitTimeOutOfZeroNeverKills) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a", {{"ExitTimeOut", 0}})));
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(24h);
+  EXPECT_FALSE(*answer);
+  endLast();
+  EXPECT_TRUE(*answer);
+}
+
+TEST_F(JobHostTest, RemovingWaitsForMembersWhoseLeaderHasGone) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  processes_.addMember(101);
+  const Answer answer = removeLater("com.example.a");
+  endLast();
+  loop_.advanceBy(1s);
+  EXPECT_FALSE(*answer);
+  EXPECT_TRUE(pid("com.example.a").isNil());
+  processes_.endMembers(101);
+  loop_.advanceBy(20ms);
+  ASSERT_TRUE(*answer);
+  EXPECT_TRUE(answer->value());
+}
+
+TEST_F(JobHostTest, MembersWhoseLeaderHasGoneAreKilledToo) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  processes_.addMember(101);
+  const Answer answer = removeLater("com.example.a");
+  endLast();
+  loop_.advanceBy(20s + 20ms);
+  EXPECT_TRUE(*answer);
+  EXPECT_EQ(processes_.signals.back().signal, SIGKILL);
+}
+
+TEST_F(JobHostTest, WhatAProcessLeavesOfItsGroupDoesNotOutliveIt) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  processes_.addMember(101);
+  endLast();
+  EXPECT_TRUE(processes_.isGroupEmpty(101));
+}
+
+TEST_F(JobHostTest, EverybodyWhoRemovesAJobIsAnswered) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const Answer first = removeLater("com.example.a");
+  const Answer second = removeLater("com.example.a");
+  EXPECT_FALSE(*first || *second);
+  endLast();
+  EXPECT_TRUE(*first && *second);
+}
+
+TEST_F(JobHostTest, WhatComesDuringARemovalConcernsTheNextJob) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const Answer removed = removeLater("com.example.a");
+  const Answer submitted = submitLater(job("com.example.a", {{"Program", "/bin/false"}}));
+  EXPECT_FALSE(*removed || *submitted);
+  EXPECT_EQ(host_->copy("com.example.a")["Program"], Value("/bin/true"));
+  endLast();
+  EXPECT_TRUE(*removed && *submitted);
+  EXPECT_EQ(processes_.started.back().program, "/bin/false");
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+}
+
+TEST_F(JobHostTest, ARemovalBehindASubmissionRemovesWhatThatOneStarts) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const Answer removed = removeLater("com.example.a");
+  const Answer submitted = submitLater(job("com.example.a"));
+  const Answer removedAgain = removeLater("com.example.a");
+  endLast();
+  EXPECT_TRUE(*removed && *submitted);
+  EXPECT_FALSE(*removedAgain);
+  endLast();
+  EXPECT_TRUE(*removedAgain);
+  EXPECT_TRUE(host_->labels().empty());
+}
+
+// Shutting down.
+
+TEST_F(JobHostTest, ShuttingDownStopsLoadedJobsThenSubmittedOnesThenTheBus) {
+  killHost();
+  root_.write("Library/LaunchDaemons/com.example.daemon.plist",
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+              "<key>Label</key><string>com.example.daemon</string>"
+              "<key>Program</key><string>/bin/true</string>"
+              "<key>KeepAlive</key><true/></dict></plist>");
+  startHost();
+  loop_.runReady();
+  ASSERT_TRUE(submit(job(kNotificationBusLabel)));
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  ASSERT_EQ(starts(), 4);
+  const auto daemon = processes_.started[0].process;
+  const auto bus = processes_.started[1].process;
+  const auto first = processes_.started[2].process;
+  const auto second = processes_.started[3].process;
+  processes_.obeysTermination = false;
+  processes_.signals.clear();
+  bool done = false;
+  host_->shutDown([&] { done = true; });
+  const auto groups = [&] {
+    std::vector<platform::ProcessId> result;
+    for (const auto& entry : processes_.signals) result.push_back(entry.group);
+    return result;
+  };
+  loop_.advanceBy(1s);
+  EXPECT_THAT(groups(), ElementsAre(daemon));
+  processes_.end(daemon);
+  loop_.runReady();
+  EXPECT_THAT(groups(), ElementsAre(daemon, first, second));
+  processes_.end(second);
+  loop_.runReady();
+  EXPECT_EQ(groups().size(), 3);
+  processes_.end(first);
+  loop_.runReady();
+  EXPECT_THAT(groups(), ElementsAre(daemon, first, second, bus));
+  EXPECT_FALSE(done);
+  processes_.end(bus);
+  loop_.runReady();
+  EXPECT_TRUE(done);
+  killHost();
+  root_.write("Library/LaunchDaemons/com.example.daemon.plist", "");
+  startHost();
+  EXPECT_TRUE(host_->labels().empty());
+}
+
+TEST_F(JobHostTest, WithoutJobsShuttingDownIsDoneButNotInsideTheCall) {
+  bool done = false;
+  host_->shutDown([&] { done = true; });
+  EXPECT_FALSE(done);
+  loop_.runReady();
+  EXPECT_TRUE(done);
+}
+
+TEST_F(JobHostTest, WhileShuttingDownNothingIsSubmitted) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const Answer removed = removeLater("com.example.a");
+  const Answer waiting = submitLater(job("com.example.a"));
+  host_->shutDown([] {});
+  for (const char* label : {"com.example.a", "com.example.b"}) {
+    const auto outcome = submit(job(label));
+    ASSERT_FALSE(outcome);
+    EXPECT_EQ(outcome.error().code, static_cast<int>(LaunchdError::kUnavailable));
+  }
+  endLast();
+  EXPECT_TRUE(removed->value());
+  ASSERT_TRUE(*waiting);
+  EXPECT_FALSE(waiting->value());
+  EXPECT_EQ(starts(), 1);
+}
+
+}  // namespace
+}  // namespace jobhost

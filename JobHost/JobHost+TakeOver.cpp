@@ -1,0 +1,136 @@
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "JobHost/DaemonFolder.h"
+#include "JobHost/JobErrors.h"
+#include "JobHost/JobHost.h"
+#include "Platform/PropertyListText.h"
+
+namespace jobhost {
+
+using platform::ErrorCode;
+using platform::Instant;
+using platform::Result;
+
+namespace {
+
+// The number that the first passed descriptor has in a process.
+constexpr platform::Descriptor kFirstPassedDescriptor = 3;
+
+}  // namespace
+
+Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored) {
+  for (const StoredJob& job : stored) {
+    if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
+  }
+  // From here on the new file says what was found, so that nothing is found twice.
+  if (auto written = state_->compact(snapshot()); !written) return written;
+  for (const StoredJob& job : stored) {
+    if (Job* const known = find(job.label)) resume(*known);
+  }
+  return {};
+}
+
+Result<void> JobHost::takeOverJob(const StoredJob& stored) {
+  const auto definition = parseJobDefinition(stored.dictionary);
+  if (!definition) {
+    log(platform::ASL_LEVEL_ERR, fmt::format("{}; the job of an earlier host is forgotten",
+                                             platform::describe(definition.error())));
+    return {};
+  }
+  Job& job = jobs_[stored.label];
+  fillIn(job, stored.origin, *definition);
+  job.lastEnd = stored.lastEnd;
+  if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();
+  if (!stored.lastStart) return {};
+  job.lastStart = *stored.lastStart;
+  // The clock counts from the boot, and the record is of this one; but a clock is not trusted.
+  job.lastTry = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
+  return stored.runs ? takeOverProcess(job) : Result<void>();
+}
+
+Result<void> JobHost::takeOverProcess(Job& job) {
+  const auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
+  const std::string what = fmt::format("job {}: process {} of an earlier host",
+                                       platform::quoted(job.label), job.lastStart.process);
+  if (!watched && watched.error().code != ErrorCode::kNotFound) return watched;
+  if (!watched) {
+    job.lastEnd = Ending();
+    log(platform::ASL_LEVEL_NOTICE, what + " has ended meanwhile");
+    return {};
+  }
+  job.hasLeader = true;
+  job.phase = JobPhase::kRunning;
+  log(platform::ASL_LEVEL_NOTICE, what + " taken over");
+  if (!job.machService.empty() &&
+      !sockets_.takeOver(
+          job.machService, job.label,
+          processes_.copyDescriptor(job.lastStart.process, kFirstPassedDescriptor))) {
+    log(platform::ASL_LEVEL_NOTICE,
+        fmt::format("job {}: the socket of {} stays with its process, and is bound anew when that "
+                    "has ended",
+                    platform::quoted(job.label), platform::quoted(job.machService)));
+  }
+  return {};
+}
+
+void JobHost::resume(Job& job) {
+  if (job.removal) return beginRemoval(job);
+  if (job.hasLeader) return;
+  if (!job.machService.empty()) {
+    if (const auto socket = sockets_.listen(job.machService, job.label); !socket) {
+      log(platform::ASL_LEVEL_ERR, platform::describe(socket.error()));
+    }
+  }
+  const bool wants =
+      job.lastEnd ? wantsProcessAfter(job.rules, *job.lastEnd) : wantsProcessAtLoad(job.rules);
+  const bool mayStart = loop_.now() >= earliestStart(job.rules, job.lastTry);
+  const JobEvent event = job.lastEnd ? JobEvent::kProcessEnded : JobEvent::kSubmitted;
+  const auto done = perform(job, nextAction(job.phase, event, wants, mayStart), nullptr);
+  if (!done) failedLater(job, done.error());
+}
+
+void JobHost::loadDaemons() {
+  DaemonFolder folder = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
+  for (const std::string& fault : folder.faults) log(platform::ASL_LEVEL_ERR, fault);
+  for (JobDefinition& definition : folder.definitions) {
+    Job* const job = find(definition.label);
+    if (job && job->removal) {
+      job->removal->afterwards.push_back(
+          [this, definition = std::move(definition)]() mutable { load(std::move(definition)); });
+    } else {
+      load(std::move(definition));
+    }
+  }
+}
+
+void JobHost::load(JobDefinition definition) {
+  const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
+  if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
+}
+
+std::vector<StoredJob> JobHost::snapshot() const {
+  std::vector<StoredJob> jobs;
+  for (const auto& [label, job] : jobs_) {
+    StoredJob& stored = jobs.emplace_back();
+    stored.label = label;
+    stored.origin = job.origin;
+    stored.dictionary = job.dictionary;
+    if (job.lastStart.process != 0) stored.lastStart = job.lastStart;
+    stored.runs = job.hasLeader;
+    stored.lastEnd = job.lastEnd;
+    stored.isBeingRemoved = job.removal != nullptr;
+  }
+  return jobs;
+}
+
+void JobHost::compactIfWanted() {
+  if (!state_->wantsCompaction()) return;
+  if (auto written = state_->compact(snapshot()); !written) {
+    log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
+  }
+}
+
+}  // namespace jobhost

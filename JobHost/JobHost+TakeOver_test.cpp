@@ -1,0 +1,158 @@
+// What one host leaves to the next, and what it loads from files.
+
+#include <algorithm>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/JobHostFixture_contract.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Dictionary;
+using platform::Value;
+using testing::ElementsAre;
+
+TEST_F(JobHostTest, TheNextHostKnowsEveryJobAndItsProcess) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"Unknown", platform::Array{1, 2.5, "x"}}})));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  endLast(kSegmentationFault);
+  ASSERT_TRUE(submit(job("com.example.idle", {{"KeepAlive", false}})));
+  const Value a = host_->copy("com.example.a");
+  const Value b = host_->copy("com.example.b");
+  for (int i = 0; i < 3; ++i) {
+    restartHost();
+    loop_.runReady();
+    EXPECT_EQ(host_->copy("com.example.a"), a);
+    EXPECT_EQ(host_->copy("com.example.b"), b);
+    EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.idle"));
+  }
+  EXPECT_EQ(starts(), 3);
+}
+
+TEST_F(JobHostTest, AProcessTakenOverIsKeptAliveAndItsEndUnknown) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(10s);
+  restartHost();
+  endLast(kSegmentationFault);
+  EXPECT_EQ(host_->copy("com.example.a"),
+            Value(job("com.example.a", {{"PID", 102}, {"LastExitStatusUnknown", true}})));
+}
+
+TEST_F(JobHostTest, AProcessThatEndedWithoutAHostIsStartedAgainByTheRules) {
+  ASSERT_TRUE(submit(job("com.example.kept")));
+  ASSERT_TRUE(submit(job("com.example.once", {{"KeepAlive", false}, {"RunAtLoad", true}})));
+  loop_.advanceBy(10s);
+  killHost();
+  processes_.end(101);
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(pid("com.example.kept"), Value(103));
+  EXPECT_EQ(host_->copy("com.example.kept")["LastExitStatusUnknown"], Value(true));
+  EXPECT_TRUE(pid("com.example.once").isNil());
+  EXPECT_EQ(host_->copy("com.example.once")["LastExitStatusUnknown"], Value(true));
+  EXPECT_EQ(starts(), 3);
+}
+
+TEST_F(JobHostTest, TheThrottleHoldsFromOneHostToTheNext) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(4s);
+  killHost();
+  processes_.end(101);
+  startHost();
+  EXPECT_EQ(starts(), 1);
+  loop_.advanceBy(6s - 1ns);
+  EXPECT_EQ(starts(), 1);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostTest, ANumberThatAnotherProcessHasNowIsNotTakenOver) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(10s);
+  killHost();
+  processes_.reuse(101);
+  startHost();
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+  EXPECT_TRUE(processes_.isAlive(101));
+}
+
+TEST_F(JobHostTest, ARemovalIsFinishedByTheNextHost) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.lives")));
+  ASSERT_TRUE(submit(job("com.example.gone")));
+  const Answer lives = removeLater("com.example.lives");
+  const Answer gone = removeLater("com.example.gone");
+  killHost();
+  processes_.end(102);
+  loop_.runReady();
+  processes_.signals.clear();
+  startHost();
+  EXPECT_FALSE(*lives || *gone);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.lives"));
+  EXPECT_EQ(processes_.signals.size(), 1);
+  processes_.end(101);
+  loop_.runReady();
+  EXPECT_TRUE(host_->labels().empty());
+  restartHost();
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  killHost();
+  bootId_.front() = '2';
+  startHost();
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_EQ(sink_.count("not from this boot"), 1);
+}
+
+TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
+  std::size_t largest = 0;
+  for (int i = 0; i < 2500; ++i) {
+    endLast();
+    struct stat status{};
+    ASSERT_EQ(::stat(root_.path("run/vantor/launchd.state").c_str(), &status), 0);
+    largest = std::max(largest, static_cast<std::size_t>(status.st_size));
+  }
+  EXPECT_LT(largest, 300 * 1024);
+  restartHost();
+  EXPECT_EQ(pid("com.example.a"), Value(2601));
+}
+
+// Daemons from files.
+
+TEST_F(JobHostTest, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
+  killHost();
+  const auto plist = [](const std::string& label) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Label</key><string>" + label +
+           "</string><key>Program</key><string>/bin/true</string><key>RunAtLoad</key><true/></dict>"
+           "</plist>";
+  };
+  const std::string folder = "Library/LaunchDaemons/";
+  root_.write(folder + "a.plist", plist("com.example.a"));
+  root_.write(folder + "b.plist", plist("com.example.a"));
+  root_.write(folder + "c.plist", "no property list");
+  root_.write(folder + "d.plist", "<plist version=\"1.0\"><dict/></plist>");
+  root_.write(folder + "e.text", plist("com.example.e"));
+  ASSERT_EQ(::chmod(root_.write(folder + "f.plist", plist("com.example.f")).c_str(), 0666), 0);
+  ASSERT_EQ(::symlink("a.plist", root_.path(folder + "g.plist").c_str()), 0);
+  root_.write(folder + "h.plist", plist("com.example.h"));
+  startHost();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.h"));
+  EXPECT_EQ(starts(), 2);
+  for (const char* file : {"b.plist", "c.plist", "d.plist", "f.plist", "g.plist"}) {
+    EXPECT_EQ(sink_.count(file), 1) << file;
+  }
+}
+
+}  // namespace
+}  // namespace jobhost

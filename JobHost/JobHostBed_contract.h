@@ -1,0 +1,186 @@
+#pragma once
+
+// Job hosts for tests: one with real processes, below a platform root of its own.
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/JobHost.h"
+#include "JobHost/LinuxProcesses.h"
+#include "JobHost/RuntimeFolders.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/TemporaryFolder.h"
+
+namespace jobhost {
+
+inline constexpr platform::Duration kTestDeadline = std::chrono::seconds(60);
+
+// A named pipe that jobs write lines to.
+class LineChannel {
+ public:
+  LineChannel(platform::RunLoop& loop, std::string path) : loop_(loop), path_(std::move(path)) {
+    EXPECT_EQ(::mkfifo(path_.c_str(), 0666), 0) << path_;
+    // With a writer of our own it never ends.
+    pipe_.reset(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_TRUE(pipe_) << path_;
+  }
+
+  const std::string& path() const { return path_; }
+
+  // The next line, waited for.
+  std::string nextLine() {
+    if (const auto line = takeLine()) return *line;
+    std::string line;
+    auto source = loop_.watchReadable(pipe_.get(), platform::Urgency::kOrdinary, [&] {
+      if (auto taken = takeLine()) {
+        line = *std::move(taken);
+        loop_.stop();
+      }
+    });
+    EXPECT_TRUE(source);
+    const auto deadline = loop_.startTimer(kTestDeadline, platform::RunLoop::Repeat::kOnce, [&] {
+      ADD_FAILURE() << "no line in " << path_;
+      loop_.stop();
+    });
+    loop_.run();
+    return line;
+  }
+
+ private:
+  std::optional<std::string> takeLine() {
+    char bytes[4096];
+    ssize_t count = 0;
+    while ((count = ::read(pipe_.get(), bytes, sizeof bytes)) > 0) {
+      text_.append(bytes, static_cast<std::size_t>(count));
+    }
+    const std::size_t end = text_.find('\n');
+    if (end == text_.npos) return std::nullopt;
+    std::string line = text_.substr(0, end);
+    text_.erase(0, end + 1);
+    return line;
+  }
+
+  platform::RunLoop& loop_;
+  std::string path_;
+  platform::UniqueFd pipe_;
+  std::string text_;
+};
+
+// One job host after another below one root, in this process.
+class RealJobHostTest : public testing::Test {
+ protected:
+  RealJobHostTest() {
+    const auto limit = platform::raiseDescriptorLimit();
+    EXPECT_TRUE(limit);
+    originalDescriptorLimit_ = limit ? *limit : 1024;
+    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_);
+    EXPECT_TRUE(processes) << describe(processes.error());
+    processes_ = std::move(*processes);
+    startHost();
+  }
+
+  ~RealJobHostTest() override {
+    if (host_) shutDown();
+  }
+
+  platform::AsioRunLoop& loop() { return *loop_; }
+
+  void startHost() {
+    JobHostOptions options;
+    options.root = root_.path();
+    options.bootId = *readBootId();
+    auto host = JobHost::create(loop(), *processes_, log_, std::move(options));
+    ASSERT_TRUE(host) << platform::describe(host.error());
+    host_ = std::move(*host);
+  }
+
+  // As a host that is killed: its jobs go on. (They stay this process's children.)
+  void dropHost() {
+    host_.reset();
+    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_);
+    ASSERT_TRUE(processes);
+    processes_ = std::move(*processes);
+  }
+
+  // Runs the loop until `start`, which is given a function to call at the end, has ended.
+  void await(const std::function<void(std::function<void()>)>& start) {
+    bool done = false;
+    start([&] {
+      done = true;
+      loop().stop();
+    });
+    const auto deadline = loop().startTimer(kTestDeadline, platform::RunLoop::Repeat::kOnce, [&] {
+      ADD_FAILURE() << "nothing came";
+      loop().stop();
+    });
+    if (!done) loop().run();
+  }
+
+  JobHost::Outcome submit(platform::Dictionary dictionary) {
+    const auto definition = parseJobDefinition(platform::Value(std::move(dictionary)));
+    EXPECT_TRUE(definition) << platform::describe(definition.error());
+    JobHost::Outcome result;
+    await([&](auto done) {
+      host_->submit(*definition, [&, done](JobHost::Outcome outcome) {
+        result = std::move(outcome);
+        done();
+      });
+    });
+    return result;
+  }
+
+  JobHost::Outcome remove(std::string_view label) {
+    JobHost::Outcome result;
+    await([&](auto done) {
+      host_->remove(label, [&, done](JobHost::Outcome outcome) {
+        result = std::move(outcome);
+        done();
+      });
+    });
+    return result;
+  }
+
+  void shutDown() {
+    await([&](auto done) { host_->shutDown(done); });
+    EXPECT_TRUE(host_->labels().empty());
+  }
+
+  platform::ProcessId pidOf(std::string_view label) {
+    return static_cast<platform::ProcessId>(host_->copy(label)["PID"].integer().value_or(0));
+  }
+
+  // A job that runs a shell script.
+  static platform::Dictionary scriptJob(const std::string& label, const std::string& script) {
+    return {{"Label", label},
+            {"ProgramArguments", platform::Array{"/bin/sh", "-c", script}},
+            {"KeepAlive", true},
+            {"ThrottleInterval", 0}};
+  }
+
+  static bool exists(platform::ProcessId process) { return ::kill(process, 0) == 0; }
+
+  platform::TemporaryFolder root_;
+  platform::FakeLogSink sink_;
+  platform::SystemLog log_{sink_, "jobhost"};
+  std::unique_ptr<platform::AsioRunLoop> loop_ = std::move(*platform::AsioRunLoop::create());
+  std::uint64_t originalDescriptorLimit_ = 0;
+  std::unique_ptr<LinuxProcesses> processes_;
+  std::unique_ptr<JobHost> host_;
+};
+
+}  // namespace jobhost

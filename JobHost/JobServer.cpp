@@ -1,0 +1,136 @@
+#include "JobHost/JobServer.h"
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "JobHost/JobDefinition.h"
+#include "Platform/Jobs.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/PropertyListText.h"
+
+namespace jobhost {
+namespace {
+
+using namespace platform;
+
+constexpr std::uint32_t kRoot = 0;
+
+Value failure(LaunchdError code, std::string text) {
+  return failureAnswer({kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
+}
+
+PeerResult wrongArgument(const PeerMessage& message, const char* expected) {
+  return std::unexpected(NSException{
+      kNSInvalidArgumentException, fmt::format("{}: expected {}", message.selector, expected), {}});
+}
+
+// Who no longer listens has had the work done all the same: a failed answer concerns nobody.
+void answer(const std::unique_ptr<PeerReply>& reply, const PeerResult& result) {
+  static_cast<void>(reply->answer(result));
+}
+
+JobHost::Completion answering(std::unique_ptr<PeerReply> reply) {
+  return [reply = std::move(reply)](JobHost::Outcome outcome) {
+    answer(reply, outcome ? Value() : failureAnswer(outcome.error()));
+  };
+}
+
+}  // namespace
+
+Result<std::unique_ptr<JobServer>> JobServer::listen(PeerTransport& transport,
+                                                     const std::string& path, std::uint32_t user,
+                                                     JobHost& host, SystemLog& log) {
+  std::unique_ptr<JobServer> server(new JobServer(user, host, log));
+  // Only who may use it can open the socket (root always can); the credentials are looked at too,
+  // since an administrator may change the mode.
+  auto listener = transport.listen(
+      path, {.socketMode = 0600}, [raw = server.get()](std::unique_ptr<PeerConnection> connection) {
+        raw->accept(std::move(connection));
+      });
+  if (!listener) return std::unexpected(std::move(listener.error()));
+  server->listener_ = *std::move(listener);
+  return server;
+}
+
+void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
+  const PeerCredentials peer = connection->peer();
+  const bool isAllowed = peer.user == kRoot || peer.user == user_;
+  if (isAllowed) {
+    connection->admit();
+  } else {
+    // It keeps the place of one who has not been admitted, for as long as that lasts: enough to be
+    // told.
+    log_.asl_log(
+        nullptr, ASL_LEVEL_WARNING,
+        fmt::format("process {} of user {} may not use the jobs", peer.process, peer.user));
+  }
+  const ClientId id = ++lastClient_;
+  connection->setHandlers(
+      {.message = [this, isAllowed](PeerMessage message) { serve(isAllowed, std::move(message)); },
+       .death = [this, id](const Error&) { clients_.erase(id); }});
+  clients_.emplace(id, std::move(connection));
+}
+
+void JobServer::serve(bool isAllowed, PeerMessage message) {
+  if (!message.reply) return;  // There is nothing that could be said one way.
+  if (message.selector == kMayChangeJobsMessage) return answer(message.reply, Value(isAllowed));
+  if (isAllowed) return serveAllowed(std::move(message));
+  answer(message.reply,
+         failure(LaunchdError::kNotAuthorized,
+                 fmt::format("only root and user {} may use the jobs of this host", user_)));
+}
+
+void JobServer::serveAllowed(PeerMessage message) {
+  if (message.selector == kSubmitJobMessage) return submit(std::move(message));
+  if (message.selector == kRemoveJobMessage) return remove(std::move(message));
+  if (message.selector == kCopyJobStatesMessage) return answer(message.reply, copyStates());
+  if (message.selector == kCopyJobMessage) {
+    const std::string* label = message.arguments.front().string();
+    return answer(message.reply,
+                  label ? PeerResult(host_.copy(*label)) : wrongArgument(message, "a label"));
+  }
+  answer(
+      message.reply,
+      std::unexpected(NSException{
+          kNSInvalidArgumentException, quoted(message.selector) + ": unrecognized selector", {}}));
+}
+
+void JobServer::submit(PeerMessage message) {
+  auto definition = parseJobDefinition(message.arguments.front());
+  if (!definition) {
+    return answer(message.reply, failure(LaunchdError::kInvalidJob, describe(definition.error())));
+  }
+  host_.submit(*std::move(definition), answering(std::move(message.reply)));
+}
+
+void JobServer::remove(PeerMessage message) {
+  const std::string* label = message.arguments[0].string();
+  const auto wait = message.arguments[1].boolean();
+  if (!label || !wait) {
+    return answer(message.reply, wrongArgument(message, "a label and a boolean"));
+  }
+  if (*wait || host_.copy(*label).isNil()) {
+    return host_.remove(*label, answering(std::move(message.reply)));
+  }
+  host_.remove(*label, [&log = log_](const JobHost::Outcome& outcome) {
+    if (outcome) return;  // Nobody waits for it.
+    log.asl_log(nullptr, ASL_LEVEL_ERR, outcome.error().localizedDescription);
+  });
+  answer(message.reply, Value());
+}
+
+Value JobServer::copyStates() {
+  Dictionary states;
+  for (const std::string& label : host_.labels()) {
+    const Value job = host_.copy(label);
+    Dictionary state;
+    for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
+      if (!job[key].isNil()) state.set(key, job[key]);
+    }
+    states.set(label, std::move(state));
+  }
+  return states;
+}
+
+}  // namespace jobhost

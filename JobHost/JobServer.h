@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "JobHost/JobHost.h"
+#include "Platform/Error.h"
+#include "Platform/PeerTransport.h"
+#include "Platform/SystemLog.h"
+
+namespace jobhost {
+
+// Serves the host's jobs to other processes (Platform/Linux/JobHostMessages.h). Root and the user
+// whom the host runs under may change and read them, by the kernel's word on who has connected;
+// everybody else is told that they may not. Belongs to the run loop's thread.
+class JobServer {
+ public:
+  // Takes the socket at `path`, in a folder that exists. `user` is the one whom this host runs
+  // under. The references outlive this.
+  static platform::Result<std::unique_ptr<JobServer>> listen(platform::PeerTransport& transport,
+                                                             const std::string& path,
+                                                             std::uint32_t user, JobHost& host,
+                                                             platform::SystemLog& log);
+
+  JobServer(const JobServer&) = delete;
+  JobServer& operator=(const JobServer&) = delete;
+
+ private:
+  using ClientId = std::uint64_t;
+
+  JobServer(std::uint32_t user, JobHost& host, platform::SystemLog& log)
+      : user_(user), host_(host), log_(log) {}
+
+  void accept(std::unique_ptr<platform::PeerConnection> connection);
+  void serve(bool isAllowed, platform::PeerMessage message);
+  void serveAllowed(platform::PeerMessage message);
+  void submit(platform::PeerMessage message);
+  void remove(platform::PeerMessage message);
+  platform::Value copyStates();
+
+  const std::uint32_t user_;
+  JobHost& host_;
+  platform::SystemLog& log_;
+  std::map<ClientId, std::unique_ptr<platform::PeerConnection>> clients_;
+  ClientId lastClient_ = 0;
+  std::unique_ptr<platform::PeerListener> listener_;  // Ends first: it calls accept().
+};
+
+}  // namespace jobhost

@@ -1,0 +1,273 @@
+#include "JobHost/JobServer.h"
+
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "JobHost/FakeProcesses_contract.h"
+#include "Platform/Jobs.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/FakePeerTransport.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+
+namespace jobhost {
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr char kSocket[] = "/run/vantor/launchd";
+constexpr char kLabel[] = "com.example.agent";
+constexpr std::uint32_t kHostsUser = 500;
+
+// A process of this user that is connected to the host's socket.
+struct Client {
+  Client(FakePeerNetwork& network, std::uint32_t user)
+      : transport(network, PeerCredentials{77, user, user}) {
+    auto connected = transport.connect(kSocket, {});
+    EXPECT_TRUE(connected);
+    if (connected) connection = *std::move(connected);
+  }
+
+  FakePeerTransport transport;
+  std::unique_ptr<PeerConnection> connection;
+};
+
+class JobServerTest : public testing::Test {
+ protected:
+  using Answer = std::shared_ptr<std::optional<PeerResult>>;
+
+  JobServerTest() {
+    JobHostOptions options;
+    options.root = root_.path();
+    options.bootId = "boot";
+    host_ = *JobHost::create(loop_, processes_, log_, std::move(options));
+    auto server = JobServer::listen(hostTransport_, kSocket, kHostsUser, *host_, log_);
+    EXPECT_TRUE(server);
+    server_ = *std::move(server);
+    rootClient_.emplace(network_, 0);
+  }
+
+  // Asks, and lets the host do what it can at once.
+  Answer ask(Client& client, const char* selector, const Array& arguments) {
+    auto answer = std::make_shared<std::optional<PeerResult>>();
+    client.connection->callAsync(selector, arguments, 1h,
+                                 [answer](PeerResult result) { *answer = std::move(result); });
+    loop_.runReady();
+    return answer;
+  }
+  Answer ask(const char* selector, const Array& arguments) {
+    return ask(*rootClient_, selector, arguments);
+  }
+
+  // The result of what is answered at once.
+  static Value value(const Answer& answer) {
+    EXPECT_TRUE(*answer) << "no answer";
+    if (!*answer) return {};
+    EXPECT_TRUE(**answer) << (**answer).error().reason;
+    return **answer ? ***answer : Value();
+  }
+  static std::optional<NSError> error(const Answer& answer) { return failureIn(value(answer)); }
+  static void expectError(const Answer& answer, LaunchdError code, const std::string& text) {
+    const auto failure = error(answer);
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->code, static_cast<int>(code));
+    EXPECT_THAT(failure->localizedDescription, HasSubstr(text));
+  }
+  static void expectInvalidArgument(const Answer& answer, const std::string& text) {
+    ASSERT_TRUE(*answer && !**answer);
+    EXPECT_EQ((**answer).error().name, kNSInvalidArgumentException);
+    EXPECT_THAT((**answer).error().reason, HasSubstr(text));
+  }
+
+  static Dictionary job(Dictionary more = {}) {
+    Dictionary dictionary{{"Label", kLabel}, {"Program", "/opt/agent"}, {"KeepAlive", true}};
+    for (const auto& [key, value] : more) dictionary.set(key, value);
+    return dictionary;
+  }
+  void submitJob(Dictionary more = {}) {
+    EXPECT_EQ(error(ask(kSubmitJobMessage, {job(std::move(more))})), std::nullopt);
+  }
+  ProcessId lastProcess() { return processes_.started.back().process; }
+
+  TemporaryFolder root_;
+  VirtualRunLoop loop_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "jobhost"};
+  FakeProcesses processes_{loop_};
+  FakePeerNetwork network_{loop_};
+  FakePeerTransport hostTransport_{network_, PeerCredentials{1, kHostsUser, kHostsUser}};
+  std::unique_ptr<JobHost> host_;
+  std::unique_ptr<JobServer> server_;
+  std::optional<Client> rootClient_;
+};
+
+TEST_F(JobServerTest, ASubmitIsAnsweredWhenTheProcessRuns) {
+  EXPECT_EQ(value(ask(kSubmitJobMessage, {job()})), Value());
+  ASSERT_EQ(processes_.started.size(), 1u);
+  EXPECT_EQ(processes_.started[0].label, kLabel);
+}
+
+TEST_F(JobServerTest, ASubmitWhoseProcessCannotBeStartedIsRefusedWithTheReason) {
+  processes_.failure = Error{ErrorCode::kSystem, ENOEXEC, "executing /opt/agent"};
+  expectError(ask(kSubmitJobMessage, {job()}), LaunchdError::kInternal, "executing /opt/agent");
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, AnImpossibleDictionaryIsRefusedWithLabelAndKey) {
+  expectError(ask(kSubmitJobMessage, {job({{"KeepAlive", "yes"}})}), LaunchdError::kInvalidJob,
+              "job \"com.example.agent\": key \"KeepAlive\": expected a boolean");
+  expectError(ask(kSubmitJobMessage, {"text"}), LaunchdError::kInvalidJob, "expected a dictionary");
+  expectError(ask(kSubmitJobMessage, {Value()}), LaunchdError::kInvalidJob,
+              "expected a dictionary");
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, AJobIsCopiedWithItsProcess) {
+  submitJob({{"Other", 1}});
+  const Value copy = value(ask(kCopyJobMessage, {kLabel}));
+  EXPECT_EQ(copy["Other"], Value(1));
+  EXPECT_EQ(copy["PID"], Value(lastProcess()));
+  EXPECT_TRUE(value(ask(kCopyJobMessage, {"com.example.other"})).isNil());
+}
+
+TEST_F(JobServerTest, TheStatesAreThoseOfAllJobs) {
+  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
+  submitJob();
+  processes_.end(lastProcess(), {ExitStatus::Kind::kExited, 3});
+  loop_.runReady();
+  EXPECT_EQ(error(ask(kSubmitJobMessage, {job({{"Label", "another"}})})), std::nullopt);
+  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})),
+            Value(Dictionary{{"another", Dictionary{{"PID", lastProcess()}}},
+                             {kLabel, Dictionary{{"LastExitStatus", 3 << 8}}}}));
+}
+
+TEST_F(JobServerTest, ARemovalThatWaitsIsAnsweredWhenTheGroupIsEmpty) {
+  submitJob();
+  processes_.obeysTermination = false;
+  const Answer answer = ask(kRemoveJobMessage, {kLabel, true});
+  EXPECT_FALSE(*answer);
+  loop_.advanceBy(20s - 1ns);
+  EXPECT_FALSE(*answer);
+  loop_.advanceBy(1s);
+  EXPECT_EQ(value(answer), Value());
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, ARemovalThatDoesNotWaitIsAnsweredAtOnce) {
+  submitJob();
+  processes_.obeysTermination = false;
+  EXPECT_EQ(value(ask(kRemoveJobMessage, {kLabel, false})), Value());
+  EXPECT_TRUE(processes_.isAlive(lastProcess()));
+  loop_.advanceBy(21s);
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, AJobThatIsNotThereCannotBeRemoved) {
+  expectError(ask(kRemoveJobMessage, {kLabel, true}), LaunchdError::kNoSuchJob, kLabel);
+  expectError(ask(kRemoveJobMessage, {kLabel, false}), LaunchdError::kNoSuchJob, kLabel);
+}
+
+TEST_F(JobServerTest, TheHostsUserMayWhatRootMay) {
+  Client client(network_, kHostsUser);
+  EXPECT_EQ(value(ask(client, kMayChangeJobsMessage, {})), Value(true));
+  EXPECT_EQ(error(ask(client, kSubmitJobMessage, {job()})), std::nullopt);
+  EXPECT_FALSE(value(ask(client, kCopyJobMessage, {kLabel})).isNil());
+  EXPECT_EQ(error(ask(client, kRemoveJobMessage, {kLabel, true})), std::nullopt);
+}
+
+TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
+  submitJob();
+  Client client(network_, kHostsUser + 1);
+  EXPECT_EQ(value(ask(client, kMayChangeJobsMessage, {})), Value(false));
+  const std::pair<const char*, Array> requests[] = {
+      {kSubmitJobMessage, {job({{"Label", "another"}})}},
+      {kRemoveJobMessage, {kLabel, true}},
+      {kRemoveJobMessage, {kLabel, false}},
+      {kCopyJobMessage, {kLabel}},
+      {kCopyJobStatesMessage, {}},
+      {"inventedMessage", {}},
+  };
+  for (const auto& [selector, arguments] : requests) {
+    expectError(ask(client, selector, arguments), LaunchdError::kNotAuthorized,
+                "only root and user 500 may use the jobs of this host");
+  }
+  EXPECT_THAT(host_->labels(), ElementsAre(kLabel));
+  EXPECT_TRUE(processes_.isAlive(lastProcess()));
+}
+
+TEST_F(JobServerTest, WhoIsRefusedIsLoggedOnce) {
+  Client client(network_, kHostsUser + 1);
+  ask(client, kCopyJobMessage, {kLabel});
+  ask(client, kCopyJobMessage, {kLabel});
+  EXPECT_EQ(sink_.count("process 77 of user 501 may not use the jobs"), 1u);
+}
+
+TEST_F(JobServerTest, WhoIsRefusedKeepsNoPlaceForLong) {
+  Client client(network_, kHostsUser + 1);
+  bool died = false;
+  client.connection->setHandlers({.message = {}, .death = [&](const Error&) { died = true; }});
+  loop_.advanceBy(kPeerAdmissionTime - 1ns);
+  EXPECT_FALSE(died);
+  loop_.advanceBy(1ns);
+  EXPECT_TRUE(died);
+  EXPECT_EQ(value(ask(kMayChangeJobsMessage, {})), Value(true));
+}
+
+TEST_F(JobServerTest, ArgumentsOfAWrongKindAreRefused) {
+  expectInvalidArgument(ask(kCopyJobMessage, {1}), "copyJob:: expected a label");
+  expectInvalidArgument(ask(kRemoveJobMessage, {1, true}), "expected a label and a boolean");
+  expectInvalidArgument(ask(kRemoveJobMessage, {kLabel, 1}), "expected a label and a boolean");
+}
+
+TEST_F(JobServerTest, AnUnknownMessageIsRefused) {
+  expectInvalidArgument(ask("inventedMessage", {}), "\"inventedMessage\": unrecognized selector");
+}
+
+TEST_F(JobServerTest, AMessageThatWantsNoAnswerDoesNothing) {
+  EXPECT_TRUE(rootClient_->connection->send(kSubmitJobMessage, {job()}));
+  loop_.runReady();
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, WhatAClientAskedForIsDoneAlsoWhenItGoes) {
+  submitJob();
+  processes_.obeysTermination = false;
+  ask(kRemoveJobMessage, {kLabel, true});
+  rootClient_->transport.die();
+  loop_.advanceBy(21s);
+  EXPECT_THAT(host_->labels(), IsEmpty());
+  Client next(network_, 0);
+  EXPECT_EQ(value(ask(next, kMayChangeJobsMessage, {})), Value(true));
+}
+
+TEST_F(JobServerTest, TheServerMayEndWhileAClientWaits) {
+  submitJob();
+  processes_.obeysTermination = false;
+  const Answer answer = ask(kRemoveJobMessage, {kLabel, true});
+  server_.reset();
+  loop_.advanceBy(21s);
+  ASSERT_TRUE(*answer && !**answer);
+  EXPECT_EQ((**answer).error().name, kNSInvalidSendPortException);
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, ASocketThatIsTakenIsAnError) {
+  const auto second = JobServer::listen(hostTransport_, kSocket, kHostsUser, *host_, log_);
+  ASSERT_FALSE(second);
+  EXPECT_EQ(second.error().code, ErrorCode::kDenied);
+}
+
+}  // namespace
+}  // namespace jobhost

@@ -1,0 +1,122 @@
+#include "JobHost/MachSockets.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/PropertyListText.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Descriptor;
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+using platform::systemError;
+using platform::UniqueFd;
+
+// Who may talk is decided by those who talk; the name only has to be found.
+constexpr mode_t kSocketMode = 0666;
+
+// The name that a service's socket is bound by before it gets its own: short enough for an address
+// whatever the service is called, and what a socket still says of itself afterwards.
+std::string boundName(std::string_view service) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char byte : service) {
+    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
+  }
+  return fmt::format(".bind-{:016x}", hash);
+}
+
+bool isOption(int socket, int option, int expected) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  return ::getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 && value == expected;
+}
+
+Result<UniqueFd> bindListener(int folder, const std::string& service) {
+  const std::string what = "binding the service " + platform::quoted(service);
+  const std::string name = boundName(service);
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket) return std::unexpected(systemError(what));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = fmt::format("/proc/self/fd/{}/{}", folder, name);
+  std::memcpy(address.sun_path, path.data(), path.size());
+  ::unlinkat(folder, name.c_str(), 0);
+  if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return std::unexpected(systemError(what));
+  }
+  if (::fchmodat(folder, name.c_str(), kSocketMode, 0) != 0 ||
+      ::listen(socket.get(), SOMAXCONN) != 0 ||
+      ::renameat(folder, name.c_str(), folder, service.c_str()) != 0) {
+    Error error = systemError(what);
+    ::unlinkat(folder, name.c_str(), 0);
+    return std::unexpected(std::move(error));
+  }
+  return socket;
+}
+
+}  // namespace
+
+Result<MachSockets> MachSockets::open(const std::string& folder) {
+  UniqueFd descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!descriptor) return std::unexpected(systemError("opening " + folder));
+  return MachSockets(std::move(descriptor));
+}
+
+Result<Descriptor> MachSockets::listen(const std::string& service, std::string_view label) {
+  const auto found = listeners_.find(service);
+  if (found != listeners_.end()) {
+    if (found->second.label == label) return found->second.socket.get();
+    return std::unexpected(
+        Error{ErrorCode::kInvalid, 0,
+              fmt::format("job {}: key \"MachServices\": the service {} is that of job {}",
+                          platform::quoted(label), platform::quoted(service),
+                          platform::quoted(found->second.label))});
+  }
+  auto socket = bindListener(folder_.get(), service);
+  if (!socket) return std::unexpected(std::move(socket.error()));
+  const Descriptor descriptor = socket->get();
+  listeners_.emplace(service, Listener{std::string(label), *std::move(socket)});
+  return descriptor;
+}
+
+bool MachSockets::takeOver(const std::string& service, std::string_view label, UniqueFd socket) {
+  if (!socket || listeners_.contains(service)) return false;
+  sockaddr_un address{};
+  socklen_t size = sizeof address;
+  if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+      address.sun_family != AF_UNIX || size <= offsetof(sockaddr_un, sun_path)) {
+    return false;
+  }
+  const std::string_view path(address.sun_path,
+                              ::strnlen(address.sun_path, sizeof address.sun_path));
+  struct stat status{};
+  if (!path.ends_with("/" + boundName(service)) || !isOption(socket.get(), SO_ACCEPTCONN, 1) ||
+      ::fstatat(folder_.get(), service.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+      !S_ISSOCK(status.st_mode)) {
+    return false;
+  }
+  listeners_.emplace(service, Listener{std::string(label), std::move(socket)});
+  return true;
+}
+
+void MachSockets::close(const std::string& service, std::string_view label) {
+  const auto found = listeners_.find(service);
+  if (found == listeners_.end() || found->second.label != label) return;
+  ::unlinkat(folder_.get(), service.c_str(), 0);
+  listeners_.erase(found);
+}
+
+}  // namespace jobhost

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "JobHost/JobAccount.h"
+#include "JobHost/JobDefinition.h"
+#include "Platform/Error.h"
+#include "Platform/ExitWatcher.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/RunLoop.h"
+
+namespace jobhost {
+
+// What a started process writes down before it executes its program.
+struct StartTicket {
+  platform::Descriptor file = -1;  // open for appending
+  std::span<std::uint8_t> record;  // with a place for what only the process knows
+};
+
+// Starts the processes of jobs: children of this process, each in a session and a process group of
+// its own, by a clone that shares memory until the program is executed, so that its cost does not
+// grow with the host. One at a time, from one thread.
+class ProcessSpawner {
+ public:
+  struct Spawned {
+    platform::ProcessId process = 0;
+    platform::UniqueFd pidfd;
+  };
+
+  // `originalDescriptorLimit` is the soft limit that the processes get where their job sets none.
+  static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit);
+
+  ProcessSpawner(ProcessSpawner&&) noexcept;
+  ProcessSpawner& operator=(ProcessSpawner&&) = delete;
+  ~ProcessSpawner();
+
+  // Returns when the program is being executed, and the record of `ticket` is in its file. The
+  // process gets `listener` as its descriptor 3 where that is not -1.
+  //
+  // The error says which stage failed (finding the user, opening which file, fork, setuid, exec
+  // ...) and why; there is no process then, but the record may be in the file, in part or whole.
+  platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
+                                  platform::Descriptor listener);
+
+  // Whether each process of this boot has a pidfd with an inode number of its own.
+  bool hasUniquePidfds() const { return hasUniquePidfds_; }
+
+ private:
+  ProcessSpawner() = default;
+
+  std::uint64_t originalDescriptorLimit_ = 0;
+  bool hasUniquePidfds_ = false;
+  // The host's own, which most jobs run as; the same for as long as the host runs.
+  JobAccount ownAccount_;
+  platform::UniqueFd null_;  // /dev/null, which most standard files are
+  void* stack_ = nullptr;    // the child's, until it executes its program
+};
+
+// Whether pidfds have inode numbers that are unique in this boot.
+bool pidfdsAreUnique();
+
+}  // namespace jobhost

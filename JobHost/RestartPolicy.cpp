@@ -1,0 +1,71 @@
+#include "JobHost/RestartPolicy.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <limits>
+
+namespace jobhost {
+namespace {
+
+using platform::Duration;
+using platform::ExitStatus;
+using platform::Instant;
+
+constexpr Duration kLeastRetryInterval = std::chrono::seconds(1);
+
+constexpr std::array kCrashes{SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS};
+
+Instant after(Instant start, Duration interval) {
+  constexpr Instant kNever = Instant::max();
+  return interval < kNever - std::max(start, Instant{}) ? start + interval : kNever;
+}
+
+}  // namespace
+
+bool isCrash(int signal) { return std::ranges::find(kCrashes, signal) != kCrashes.end(); }
+
+bool wantsProcessAtLoad(const RestartRules& rules) {
+  return rules.runAtLoad || rules.keepAlive != KeepAlive{};
+}
+
+bool wantsProcessAfter(const RestartRules& rules, const Ending& ending) {
+  const KeepAlive& keepAlive = rules.keepAlive;
+  if (keepAlive.always) return true;
+  const bool succeeded = ending == ExitStatus{ExitStatus::Kind::kExited, 0};
+  if (keepAlive.successfulExit == succeeded) return true;
+  if (!keepAlive.crashed) return false;
+  if (!ending) return true;
+  const bool crashed = ending->kind == ExitStatus::Kind::kSignalled && isCrash(ending->number);
+  return *keepAlive.crashed == crashed;
+}
+
+Instant earliestStart(const RestartRules& rules, std::optional<Instant> lastStart) {
+  return lastStart ? after(*lastStart, rules.throttleInterval) : Instant::min();
+}
+
+Instant earliestRetry(const RestartRules& rules, Instant failedStart) {
+  return after(failedStart, std::max(rules.throttleInterval, kLeastRetryInterval));
+}
+
+JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool mayStart) {
+  // What is being removed only ends, and a process that runs is left alone by whatever is not its
+  // end.
+  if (phase == JobPhase::kRemoving) return JobAction::kNothing;
+  if (phase == JobPhase::kRunning && event != JobEvent::kProcessEnded) return JobAction::kNothing;
+  switch (event) {
+    case JobEvent::kSubmitted:
+    case JobEvent::kProcessEnded:
+      if (!wantsProcess) return JobAction::kRest;
+      return mayStart ? JobAction::kStart : JobAction::kWait;
+    case JobEvent::kStartFailed:
+      return JobAction::kWait;
+    case JobEvent::kDue:
+      if (phase != JobPhase::kWaiting) return JobAction::kNothing;
+      return mayStart ? JobAction::kStart : JobAction::kWait;
+  }
+  return JobAction::kNothing;
+}
+
+}  // namespace jobhost

@@ -1,0 +1,77 @@
+#include "JobHost/RuntimeFolders.h"
+
+#include <cerrno>
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Linux/RegularFile.h"
+#include "Platform/Linux/SystemCall.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+
+constexpr mode_t kFolderMode = 0755;
+constexpr char kBootIdFile[] = "/proc/sys/kernel/random/boot_id";
+constexpr std::size_t kMaximumBootIdBytes = 64;
+
+Result<void> makeFolder(const std::string& path) {
+  if (::mkdir(path.c_str(), kFolderMode) == 0) {
+    // The umask may have taken from it.
+    if (::chmod(path.c_str(), kFolderMode) == 0) return {};
+  } else if (errno == EEXIST) {
+    return {};
+  }
+  return std::unexpected(platform::systemError("making the folder " + path));
+}
+
+Result<void> checkFolder(const std::string& path) {
+  struct stat status{};
+  if (::lstat(path.c_str(), &status) != 0) return std::unexpected(platform::systemError(path));
+  const auto refuse = [&](std::string_view why) {
+    return std::unexpected(
+        Error{ErrorCode::kDenied, 0, fmt::format("{}: not trusted: {}", path, why)});
+  };
+  if (!S_ISDIR(status.st_mode)) return refuse("expected a folder itself, no link to one");
+  if (status.st_uid != ::geteuid()) {
+    return refuse(fmt::format("it belongs to uid {}, expected uid {}", status.st_uid, ::geteuid()));
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return refuse(
+        fmt::format("others than its owner can write it (mode {:04o})", status.st_mode & 07777u));
+  }
+  return {};
+}
+
+}  // namespace
+
+Result<RuntimeFolders> makeRuntimeFolders(const std::string& root) {
+  const std::string base = root == "/" ? "" : root;
+  RuntimeFolders folders{base + "/run/vantor", base + "/run/vantor/mach"};
+  if (auto made = makeFolder(base + "/run"); !made) return std::unexpected(made.error());
+  for (const std::string& folder : {folders.runtime, folders.mach}) {
+    if (auto made = makeFolder(folder); !made) return std::unexpected(made.error());
+    if (auto checked = checkFolder(folder); !checked) return std::unexpected(checked.error());
+  }
+  return folders;
+}
+
+Result<std::string> readBootId() {
+  const auto file = platform::openRegularFile(kBootIdFile);
+  if (!file) return std::unexpected(file.error());
+  auto text = platform::readAtMost(file->get(), kMaximumBootIdBytes, kBootIdFile);
+  if (!text) return text;
+  while (!text->empty() && text->back() == '\n') text->pop_back();
+  if (text->empty()) {
+    return std::unexpected(
+        Error{ErrorCode::kInvalid, 0, std::string(kBootIdFile) + ": it is empty"});
+  }
+  return text;
+}
+
+}  // namespace jobhost

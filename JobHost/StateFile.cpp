@@ -1,0 +1,250 @@
+#include "JobHost/StateFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/StateReader.h"
+#include "Platform/Linux/RegularFile.h"
+#include "Platform/Linux/SystemCall.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+using platform::retryOnInterrupt;
+using platform::systemError;
+using platform::UniqueFd;
+
+constexpr char kFileName[] = "/launchd.state";
+constexpr char kLockName[] = "/launchd.lock";
+constexpr char kNewSuffix[] = ".new";
+constexpr char kSetAsideSuffix[] = ".set-aside";
+constexpr mode_t kMode = 0600;
+// A file smaller than this is never worth compacting.
+constexpr std::size_t kSmallBytes = 256 * 1024;
+constexpr platform::Duration kLockInterval = std::chrono::milliseconds(5);
+
+Result<UniqueFd> takeLock(const std::string& path, platform::RunLoop& loop) {
+  UniqueFd lock(retryOnInterrupt([&] {
+    return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode);
+  }));
+  if (!lock) return std::unexpected(systemError("opening " + path));
+  const platform::Instant deadline = loop.now() + StateFile::kLockPatience;
+  while (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
+    if (errno != EWOULDBLOCK) return std::unexpected(systemError("locking " + path));
+    if (loop.now() >= deadline) {
+      return std::unexpected(
+          Error{ErrorCode::kDenied, 0, path + ": another job host holds it; stop that one first"});
+    }
+    loop.sleepFor(kLockInterval);
+  }
+  return lock;
+}
+
+// Whether the open file is one that only this host can have written.
+Result<void> checkTrust(int file) {
+  struct stat status{};
+  if (::fstat(file, &status) != 0) return std::unexpected(systemError("fstat"));
+  const auto refuse = [](std::string text) {
+    return std::unexpected(Error{ErrorCode::kDenied, 0, std::move(text)});
+  };
+  if (status.st_uid != ::geteuid()) {
+    return refuse(fmt::format("it belongs to uid {}, expected uid {}", status.st_uid, ::geteuid()));
+  }
+  if ((status.st_mode & 07777) != kMode) {
+    return refuse(fmt::format("it has mode {:04o}, expected {:04o}", status.st_mode & 07777u,
+                              static_cast<unsigned>(kMode)));
+  }
+  return {};
+}
+
+Result<StateContents> readTrusted(const std::string& path, std::string_view bootId) {
+  const auto file = platform::openRegularFile(path);
+  if (!file) return std::unexpected(file.error());
+  if (auto trust = checkTrust(file->get()); !trust) return std::unexpected(trust.error());
+  const auto bytes = platform::readToEnd(file->get(), StateFile::kMaximumBytes, path);
+  if (!bytes) return std::unexpected(bytes.error());
+  return readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+}
+
+// A torn file gets a second name and keeps its own until it is replaced: a host killed in between
+// must find it again. Anything else just goes. Only one is kept, so that no number of them fills
+// the disk.
+std::string setAside(const std::string& path, bool isTorn, const std::string& why) {
+  const std::string aside = path + kSetAsideSuffix;
+  ::unlink(aside.c_str());
+  const int result =
+      isTorn ? ::link(path.c_str(), aside.c_str()) : ::rename(path.c_str(), aside.c_str());
+  if (result == 0) return fmt::format("{}: {}; set aside as {}", path, why, aside);
+  return fmt::format("{}: {}; it could not be set aside as {}: {}", path, why, aside,
+                     platform::describe(systemError("rename")));
+}
+
+// All of it or nothing.
+Result<void> writeWhole(int file, std::span<const std::uint8_t> bytes, const std::string& what) {
+  const ssize_t written =
+      retryOnInterrupt([&] { return ::write(file, bytes.data(), bytes.size()); });
+  if (written == static_cast<ssize_t>(bytes.size())) return {};
+  if (written >= 0) errno = ENOSPC;
+  return std::unexpected(
+      systemError(what, errno == ENOSPC ? ErrorCode::kExhausted : ErrorCode::kSystem));
+}
+
+Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
+                                             std::string_view bootId) {
+  std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
+  const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
+    const auto record = makeRecord(kind, payload);
+    bytes.insert(bytes.end(), record.begin(), record.end());
+  };
+  for (const StoredJob& job : jobs) {
+    const auto submitted = submittedPayload(job.origin, job.dictionary);
+    if (!submitted) return std::unexpected(submitted.error());
+    add(RecordKind::kSubmitted, *submitted);
+    // The last end of a job that runs was before its start.
+    if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
+    if (job.lastStart) add(RecordKind::kStarted, startPayload(*job.lastStart, job.label));
+    if (!job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
+    if (job.isBeingRemoved) {
+      add(RecordKind::kRemoving,
+          {reinterpret_cast<const std::uint8_t*>(job.label.data()), job.label.size()});
+    }
+  }
+  return bytes;
+}
+
+}  // namespace
+
+Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string_view bootId,
+                                          platform::RunLoop& loop) {
+  Opened opened;
+  opened.file.reset(new StateFile);
+  StateFile& self = *opened.file;
+  self.path_ = folder + kFileName;
+  self.bootId_ = bootId;
+  auto lock = takeLock(folder + kLockName, loop);
+  if (!lock) return std::unexpected(std::move(lock.error()));
+  self.lock_ = *std::move(lock);
+  auto contents = readTrusted(self.path_, bootId);
+  if (contents) {
+    opened.jobs = std::move(contents->jobs);
+    if (contents->isTorn) {
+      opened.warnings.push_back(
+          setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
+    }
+  } else if (contents.error().code != ErrorCode::kNotFound) {
+    opened.warnings.push_back(
+        setAside(self.path_, false, "not trusted: " + platform::describe(contents.error())));
+  }
+  return opened;
+}
+
+Result<void> StateFile::compact(std::span<const StoredJob> jobs) {
+  const auto bytes = contentsOf(jobs, bootId_);
+  if (!bytes) return std::unexpected(bytes.error());
+  const std::string temporary = path_ + kNewSuffix;
+  if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+    return std::unexpected(systemError("removing " + temporary));
+  }
+  UniqueFd file(::open(temporary.c_str(),
+                       O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
+  if (!file) return std::unexpected(systemError("creating " + temporary));
+  // The umask may have taken from it what open() expects of it.
+  if (::fchmod(file.get(), kMode) != 0) {
+    Error error = systemError("fchmod " + temporary);
+    ::unlink(temporary.c_str());
+    return std::unexpected(std::move(error));
+  }
+  if (auto written = writeWhole(file.get(), *bytes, "writing " + temporary); !written) {
+    ::unlink(temporary.c_str());
+    return written;
+  }
+  if (::rename(temporary.c_str(), path_.c_str()) != 0) {
+    Error error = systemError("putting " + temporary + " in the place of " + path_);
+    ::unlink(temporary.c_str());
+    return std::unexpected(std::move(error));
+  }
+  file_ = std::move(file);
+  size_ = compactedSize_ = bytes->size();
+  isTorn_ = false;
+  return {};
+}
+
+bool StateFile::wantsCompaction() const {
+  return size_ > std::max(2 * compactedSize_, kSmallBytes);
+}
+
+Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> payload) {
+  if (auto mended = mend(); !mended) return mended;
+  const auto record = makeRecord(kind, payload);
+  if (size_ + record.size() > kMaximumBytes) {
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, 0,
+              fmt::format("{}: expected at most {} bytes", path_, kMaximumBytes)});
+  }
+  if (auto written = writeWhole(file_.get(), record, "writing " + path_); !written) {
+    // What can't be cut off now is cut off before the next record, or found torn.
+    isTorn_ = true;
+    static_cast<void>(cutBackTo(size_));
+    return written;
+  }
+  size_ += record.size();
+  return {};
+}
+
+Result<void> StateFile::appendSubmitted(JobOrigin origin, const platform::Value& dictionary) {
+  const auto payload = submittedPayload(origin, dictionary);
+  if (!payload) return std::unexpected(payload.error());
+  return append(RecordKind::kSubmitted, *payload);
+}
+
+Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending) {
+  return append(RecordKind::kEnded, endPayload(ending, label));
+}
+
+Result<void> StateFile::appendRemoving(std::string_view label) {
+  return append(RecordKind::kRemoving,
+                {reinterpret_cast<const std::uint8_t*>(label.data()), label.size()});
+}
+
+Result<void> StateFile::appendRemoved(std::string_view label) {
+  return append(RecordKind::kRemoved,
+                {reinterpret_cast<const std::uint8_t*>(label.data()), label.size()});
+}
+
+Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,
+                                                             platform::Instant startedAt) {
+  if (auto mended = mend(); !mended) return std::unexpected(std::move(mended.error()));
+  StartFields fields;
+  fields.startedAt = startedAt.time_since_epoch().count();
+  return makeRecord(RecordKind::kStarted, startPayload(fields, label));
+}
+
+StartFields StateFile::countStart(std::span<const std::uint8_t> record) {
+  size_ += record.size();
+  StartFields fields;
+  std::memcpy(&fields, record.data() + sizeof(RecordHeader), sizeof fields);
+  return fields;
+}
+
+Result<void> StateFile::cutBackTo(std::size_t mark) {
+  isTorn_ = true;
+  size_ = mark;
+  if (retryOnInterrupt([&] { return ::ftruncate(file_.get(), static_cast<off_t>(mark)); }) != 0) {
+    return std::unexpected(systemError("cutting " + path_));
+  }
+  isTorn_ = false;
+  return {};
+}
+
+}  // namespace jobhost

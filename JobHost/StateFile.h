@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "JobHost/ProcessSpawner.h"
+#include "JobHost/StoredJob.h"
+#include "Platform/Error.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/RunLoop.h"
+
+namespace jobhost {
+
+// What a job host must know of its jobs should it be killed: an append-only file of this boot,
+// replaced at once by a shorter one when it has grown.
+//
+// A record is written by one write() before what it tells of is answered or executed, a start by
+// the started process itself. SIGKILL does not tear a write, so each record is in the file or not.
+// A full disk can: then the part is cut off again, and what it was to tell of does not happen. A
+// host killed before that leaves a torn tail, of which the same is true: it belongs to something
+// that was neither answered nor executed. Such a file is set aside, and what stands before the torn
+// record is taken over. A file with anything else amiss is set aside and not believed at all: from
+// another boot, somebody else's, one that others could write, a symbolic link, no regular file, one
+// without a beginning, or with a record that does not check.
+//
+// Nothing waits for the disk: what a power failure would lose is of no use in the next boot.
+class StateFile {
+ public:
+  // How long open() waits for another host's end.
+  static constexpr platform::Duration kLockPatience = std::chrono::seconds(5);
+  // The most that the file may hold; a record beyond that is refused.
+  static constexpr std::size_t kMaximumBytes = std::size_t{16} << 20;
+
+  struct Opened {
+    std::unique_ptr<StateFile> file;
+    std::vector<StoredJob> jobs;        // in the order in which they came
+    std::vector<std::string> warnings;  // what was set aside, and why; for the log
+  };
+
+  // The state file in `folder` and what it holds. Until compact() has put a new file in its place
+  // nothing can be appended. `bootId` names the boot that goes on.
+  //
+  // No other host can open it meanwhile: one that still runs is waited for, by `loop`, as are the
+  // processes that a killed one had started and that have not executed their programs yet. Fails
+  // with kDenied when that takes too long.
+  static platform::Result<Opened> open(const std::string& folder, std::string_view bootId,
+                                       platform::RunLoop& loop);
+
+  // Replaces the file by one that holds `jobs`. The old one stays where that fails.
+  platform::Result<void> compact(std::span<const StoredJob> jobs);
+  // Whether the file holds much that is out of date.
+  bool wantsCompaction() const;
+
+  // Each appends one record, or fails and leaves the file as it was.
+  platform::Result<void> appendSubmitted(JobOrigin origin, const platform::Value& dictionary);
+  platform::Result<void> appendEnded(std::string_view label, const Ending& ending);
+  platform::Result<void> appendRemoving(std::string_view label);
+  platform::Result<void> appendRemoved(std::string_view label);
+
+  // The record of a start at `startedAt`, which the process itself completes and appends.
+  // Fails where the file is not as it should be and can't be mended.
+  platform::Result<std::vector<std::uint8_t>> makeStartRecord(std::string_view label,
+                                                              platform::Instant startedAt);
+  StartTicket ticketFor(std::span<std::uint8_t> record) const { return {file_.get(), record}; }
+  // The process has appended it: what it says.
+  StartFields countStart(std::span<const std::uint8_t> record);
+
+  // Undoes what was appended since mark(), also by a process that then failed to start.
+  std::size_t mark() const { return size_; }
+  platform::Result<void> cutBackTo(std::size_t mark);
+
+ private:
+  StateFile() = default;
+
+  platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
+  // A record behind a torn one would make the whole file worthless.
+  platform::Result<void> mend() { return isTorn_ ? cutBackTo(size_) : platform::Result<void>(); }
+
+  std::string path_;
+  std::string bootId_;
+  // Shared with each started process until it executes its program, which is how the next host
+  // knows that none is on its way.
+  platform::UniqueFd lock_;
+  platform::UniqueFd file_;
+  std::size_t size_ = 0;
+  std::size_t compactedSize_ = 0;
+  bool isTorn_ = false;  // there is more in the file than `size_`
+};
+
+}  // namespace jobhost

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "JobHost/StateRecord.h"
+#include "Platform/ExitWatcher.h"
+#include "Platform/Value.h"
+
+namespace jobhost {
+
+// Where a job came from, which decides when it is stopped.
+enum class JobOrigin : std::uint8_t {
+  kLoaded = 1,     // a file of the daemons' folder
+  kSubmitted = 2,  // a client
+};
+
+// How a job's last process ended: nothing where nobody could be told.
+using Ending = std::optional<platform::ExitStatus>;
+
+// What the state file knows of a job.
+struct StoredJob {
+  std::string label;
+  JobOrigin origin = JobOrigin::kSubmitted;
+  platform::Value dictionary;
+  std::optional<StartFields> lastStart;
+  bool runs = false;              // no end followed the last start
+  std::optional<Ending> lastEnd;  // absent before the first end
+  bool isBeingRemoved = false;
+};
+
+// A wait status, as "LastExitStatus" has it.
+std::int32_t waitStatusOf(const platform::ExitStatus& status);
+platform::ExitStatus exitStatusOf(std::int32_t waitStatus);
+
+}  // namespace jobhost

@@ -1,0 +1,65 @@
+// The job host: runs until it is asked to end, and then ends its jobs. Killed, it leaves them to
+// the host that is started next. It has no options.
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+#include <unistd.h>
+
+#include "JobHost/JobHost.h"
+#include "JobHost/JobServer.h"
+#include "JobHost/LinuxProcesses.h"
+#include "JobHost/RuntimeFolders.h"
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Linux/LinuxPlatform.h"
+
+namespace {
+
+int fail(const platform::Error& error) {
+  std::fputs(("jobhost: " + platform::describe(error) + "\n").c_str(), stderr);
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main() {
+  auto made = platform::LinuxPlatform::make();
+  if (!made) return fail(made.error());
+  platform::LinuxPlatform& linux = **made;
+  // Every other program of the root registers its connections there.
+  if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
+    return fail(folder.error());
+  }
+  auto bootId = jobhost::readBootId();
+  if (!bootId) return fail(bootId.error());
+  auto processes = jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit);
+  if (!processes) return fail(processes.error());
+  jobhost::JobHostOptions options;
+  options.root = linux.configuration.root;
+  options.bootId = *std::move(bootId);
+  auto host =
+      jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
+  if (!host) return fail(host.error());
+
+  const auto server = jobhost::JobServer::listen(linux.peerTransport,
+                                                 platform::jobHostSocket(linux.configuration.root),
+                                                 ::geteuid(), **host, linux.systemLog);
+  if (!server) return fail(server.error());
+
+  bool isStopping = false;
+  const auto termination = linux.terminationSignals.watchTermination([&] {
+    if (std::exchange(isStopping, true)) return;
+    static_cast<void>(linux.readiness.announceStopping());
+    (*host)->shutDown([&] { linux.runLoop->stop(); });
+  });
+  if (!termination) return fail(termination.error());
+  if (const auto announced = linux.readiness.announceReady(); !announced) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
+                            platform::describe(announced.error()));
+  }
+  linux.runLoop->run();
+  return EXIT_SUCCESS;
+}

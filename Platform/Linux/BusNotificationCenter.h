@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "Platform/DistributedNotificationCenter.h"
+#include "Platform/DistributedObservers.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/DBusHandles.h"
+#include "Platform/Linux/DBusSources.h"
+#include "Platform/SystemLog.h"
+
+namespace platform {
+
+// Distributed notifications as signals on a D-Bus message bus, see the D-Bus specification's
+// "Message Bus". Path, interface and member are always the same; the arguments are
+//   STRING          the name, by which observers match
+//   ARRAY of STRING the object, none or one
+//   VARIANT         the user info; left out where there is none
+//
+// Whoever may send is the bus's policy; everybody may receive.
+//
+// Connects and connects again on the loop for as long as it lives. While it is being made to wait
+// for the bus's answers posts are kept, up to a bound.
+class BusNotificationCenter final : public DistributedNotificationCenter {
+ public:
+  // See makeBusNotificationCenter() in NotificationBus.h.
+  BusNotificationCenter(AsioRunLoop& loop, std::string address, SystemLog& log,
+                        Duration confirmationTime);
+  BusNotificationCenter(const BusNotificationCenter&) = delete;
+  BusNotificationCenter& operator=(const BusNotificationCenter&) = delete;
+  ~BusNotificationCenter() override;
+
+  std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
+                                           std::optional<std::string> object, Handler handler,
+                                           NSNotificationSuspensionBehavior behavior) override;
+  void postNotificationName(std::string_view name, std::optional<std::string> object,
+                            Value userInfo, NSNotificationPosting posting) override;
+
+ private:
+  class Observer;
+  enum class Awaited { kHello, kMatch };
+
+  void connect();
+  void connectLater();
+  void lost();
+  bool sayHello();
+  void registered();
+
+  void observe(const std::string& rule);
+  void forget(const std::string& rule);
+  bool requestMatch(const std::string& rule);
+  void waitForConfirmation();
+
+  void send(const DistributedNotification& notification);
+  Result<void> trySend(const DistributedNotification& notification);
+  Result<void> queue(UniqueDBusMessage message);
+
+  void dispatch();
+  void handleReply(DBusMessage& reply);
+  void handleSignal(DBusMessage& signal);
+
+  AsioRunLoop& loop_;
+  const std::string address_;
+  SystemLog& log_;
+  const Duration confirmationTime_;
+  const std::thread::id thread_ = std::this_thread::get_id();
+
+  DistributedObservers observers_;
+  std::map<std::string, int> rules_;  // match rules and how many observers need each
+
+  // In the order in which they go: the sources before the connection that they drive.
+  UniqueDBusConnection connection_;
+  std::unique_ptr<DBusSources> sources_;
+  bool registered_ = false;
+  std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
+  std::deque<UniqueDBusMessage> early_;       // posts that wait for the registration
+  std::size_t earlyBytes_ = 0;
+  std::deque<UniqueDBusMessage> stash_;  // signals that came while a confirmation was waited for
+  std::unique_ptr<RunLoopHandle> retry_;
+
+  // Looked at by observations and by posts of other threads, which may outlive this.
+  std::shared_ptr<BusNotificationCenter*> alive_;
+};
+
+}  // namespace platform

@@ -1,0 +1,301 @@
+#include "Platform/Linux/EmbeddedJobs.h"
+
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Linux/EmbeddedAuthorization.h"
+#include "Platform/Linux/JobHostClient.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Testing/FakePeerTransport.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr char kSocket[] = "/run/vantor/launchd";
+constexpr char kLabel[] = "com.example.agent";
+
+// A job host that answers as the test says.
+class ScriptedHost {
+ public:
+  using Answer = std::function<void(PeerMessage)>;
+
+  ScriptedHost(FakePeerNetwork& network, Answer answer)
+      : transport_(network, PeerCredentials{1, 0, 0}), answer_(std::move(answer)) {
+    auto listener = transport_.listen(kSocket, {}, [this](std::unique_ptr<PeerConnection> peer) {
+      ++connections;
+      peer->admit();
+      peer->setHandlers({.message =
+                             [this](PeerMessage message) {
+                               asked.push_back(message.selector);
+                               answer_(std::move(message));
+                             },
+                         .death = {}});
+      peers_.push_back(std::move(peer));
+    });
+    EXPECT_TRUE(listener);
+    if (listener) listener_ = *std::move(listener);
+  }
+
+  void die() { transport_.die(); }
+
+  std::vector<std::string> asked;
+  int connections = 0;
+
+ private:
+  FakePeerTransport transport_;
+  Answer answer_;
+  std::unique_ptr<PeerListener> listener_;
+  std::vector<std::unique_ptr<PeerConnection>> peers_;
+};
+
+class EmbeddedJobsTest : public testing::Test {
+ protected:
+  static ScriptedHost::Answer answering(Value value) {
+    return [value = std::move(value)](const PeerMessage& message) {
+      EXPECT_TRUE(message.reply->answer(value));
+    };
+  }
+  static ScriptedHost::Answer failing(LaunchdError code, std::string text) {
+    return answering(
+        failureAnswer({kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)}));
+  }
+  // Keeps the questions, and answers none.
+  ScriptedHost::Answer keeping() {
+    return [this](PeerMessage message) { kept_.push_back(std::move(message)); };
+  }
+
+  void startHost(ScriptedHost::Answer answer) {
+    host_ = std::make_unique<ScriptedHost>(network_, std::move(answer));
+  }
+
+  auto submit() { return jobs_.SMJobSubmit(kSMDomainSystemLaunchd, job_, nullptr); }
+  auto remove(bool wait = true) {
+    return jobs_.SMJobRemove(kSMDomainSystemLaunchd, kLabel, nullptr, wait);
+  }
+
+  template <typename T>
+  static void expectError(const std::expected<T, NSError>& result, LaunchdError code,
+                          const std::string& text) {
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().domain, kCFErrorDomainLaunchd);
+    EXPECT_EQ(result.error().code, static_cast<int>(code));
+    EXPECT_THAT(result.error().localizedDescription, HasSubstr(text));
+  }
+
+  // How long a call blocks.
+  template <typename Call>
+  Duration timeOf(Call call) {
+    const Instant before = loop_.now();
+    call();
+    return loop_.now() - before;
+  }
+
+  VirtualRunLoop loop_;
+  FakePeerNetwork network_{loop_};
+  FakePeerTransport transport_{network_, PeerCredentials{50, 0, 0}};
+  JobHostClient client_{transport_, loop_, kSocket};
+  EmbeddedJobs jobs_{client_};
+  EmbeddedAuthorization authorization_{client_};
+  std::unique_ptr<ScriptedHost> host_;
+  std::vector<PeerMessage> kept_;
+  const Value job_ = Dictionary{{"Label", kLabel}, {"Program", "/opt/agent"}};
+};
+
+TEST_F(EmbeddedJobsTest, CallsShareOneConnection) {
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());
+  EXPECT_TRUE(remove(false));
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel).isNil());
+  EXPECT_THAT(host_->asked, ElementsAre("submitJob:", "removeJob:wait:", "copyJob:"));
+  EXPECT_EQ(host_->connections, 1);
+}
+
+TEST_F(EmbeddedJobsTest, TheHostsErrorsAreHandedOn) {
+  startHost(failing(LaunchdError::kInvalidJob, "key \"Nice\""));
+  expectError(submit(), LaunchdError::kInvalidJob, "key \"Nice\"");
+  expectError(jobs_.copyJob(kLabel), LaunchdError::kInvalidJob, "key \"Nice\"");
+  expectError(jobs_.copyJobStates(), LaunchdError::kInvalidJob, "key \"Nice\"");
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel).isNil());
+}
+
+TEST_F(EmbeddedJobsTest, MalformedAnswersAreErrors) {
+  for (const Value& answer : {Value(Array{}), Value(Array{1}), Value(Array{"6", "text"}),
+                              Value(Array{6, 7}), Value(Array{6, "text", 1})}) {
+    startHost(answering(answer));
+    expectError(submit(), LaunchdError::kInternal, "malformed");
+    host_->die();
+  }
+  startHost(answering("text"));
+  expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "malformed");
+  expectError(jobs_.copyJobStates(), LaunchdError::kInternal, "malformed");
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsNotThereIsWaitedForFiveSeconds) {
+  EXPECT_EQ(timeOf([&] { expectError(submit(), LaunchdError::kUnavailable, "can't be reached"); }),
+            5s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatComesInTimeIsAsked) {
+  loop_.scheduleOutsideEvent(4900ms, [this] { startHost(answering(Value())); });
+  EXPECT_TRUE(submit());
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatComesTooLateIsNot) {
+  loop_.scheduleOutsideEvent(5100ms, [this] { startHost(answering(Value())); });
+  EXPECT_FALSE(submit());
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatWasRestartedMeanwhileIsAskedAtOnce) {
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());
+  host_->die();
+  startHost(answering(Value()));
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+  EXPECT_THAT(host_->asked, ElementsAre("submitJob:"));
+}
+
+TEST_F(EmbeddedJobsTest, ARequestWhoseAnswerWasLostIsRepeated) {
+  startHost([this](const PeerMessage&) { host_->die(); });
+  loop_.scheduleOutsideEvent(1s, [this] { startHost(answering(Value())); });
+  EXPECT_TRUE(submit());
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatEndsEachTimeIsGivenUp) {
+  startHost([this](const PeerMessage&) { host_->die(); });
+  for (Duration at = 1s; at <= 20s; at += 1s) {
+    loop_.scheduleOutsideEvent(at,
+                               [this] { startHost([this](const PeerMessage&) { host_->die(); }); });
+  }
+  const Duration time = timeOf(
+      [&] { expectError(submit(), LaunchdError::kUnavailable, "ended before it answered"); });
+  EXPECT_GE(time, 5s);
+  EXPECT_LE(time, 7s);
+}
+
+TEST_F(EmbeddedJobsTest, ARemovalThatIsRepeatedAndFindsNoJobHasBeenDone) {
+  startHost([this](PeerMessage message) {
+    if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+    host_->die();
+  });
+  loop_.scheduleOutsideEvent(
+      1s, [this] { startHost(failing(LaunchdError::kNoSuchJob, "no such job")); });
+  EXPECT_TRUE(remove());
+  expectError(remove(), LaunchdError::kNoSuchJob, "no such job");
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
+  startHost(keeping());
+  EXPECT_EQ(timeOf([&] {
+              expectError(submit(), LaunchdError::kUnavailable, "did not answer within 30 s");
+            }),
+            30s);
+}
+
+struct RemovalTime {
+  Value exitTimeOut;
+  Duration time;
+};
+
+TEST_F(EmbeddedJobsTest, ARemovalMayTakeAsLongAsTheJobIsGivenToEnd) {
+  const std::vector<RemovalTime> table = {{Value(), 20s + 30s}, {5, 5s + 30s},
+                                          {3599, 3599s + 30s},  {3600, 3600s + 30s},
+                                          {3601, 3600s + 30s},  {0, 3600s + 30s}};
+  for (const auto& [exitTimeOut, time] : table) {
+    Dictionary job = *job_.dictionary();
+    if (!exitTimeOut.isNil()) job.set("ExitTimeOut", exitTimeOut);
+    startHost([&](PeerMessage message) {
+      if (message.selector == kCopyJobMessage) return answering(job)(std::move(message));
+      kept_.push_back(std::move(message));
+    });
+    EXPECT_EQ(timeOf([&] { expectError(remove(), LaunchdError::kUnavailable, "did not answer"); }),
+              time);
+    kept_.clear();
+    host_->die();
+  }
+}
+
+TEST_F(EmbeddedJobsTest, ThereIsOneDomain) {
+  startHost(answering(job_));
+  expectError(jobs_.SMJobSubmit("kSMDomainUserLaunchd", job_, nullptr), LaunchdError::kUnavailable,
+              "domain \"kSMDomainUserLaunchd\"");
+  expectError(jobs_.SMJobRemove("", kLabel, nullptr, true), LaunchdError::kUnavailable,
+              "domain \"\"");
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary("", kLabel).isNil());
+  EXPECT_THAT(host_->asked, ElementsAre());
+}
+
+TEST_F(EmbeddedJobsTest, WhatCannotTravelIsRefused) {
+  startHost(answering(Value()));
+  expectError(jobs_.SMJobSubmit(kSMDomainSystemLaunchd, Dictionary{{"Label", "\xff"}}, nullptr),
+              LaunchdError::kInvalidJob, "could not be asked");
+  EXPECT_THAT(host_->asked, ElementsAre());
+}
+
+TEST_F(EmbeddedJobsTest, ARemovalNeedNotBlock) {
+  startHost([this](PeerMessage message) {
+    if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  std::optional<std::expected<void, NSError>> removed;
+  jobs_.removeAsync(kLabel, [&](auto outcome) { removed = std::move(outcome); });
+  loop_.advanceBy(10s);
+  EXPECT_FALSE(removed);
+  ASSERT_EQ(kept_.size(), 1u);
+  EXPECT_TRUE(kept_[0].reply->answer(Value()));
+  loop_.runReady();
+  ASSERT_TRUE(removed);
+  EXPECT_TRUE(*removed);
+}
+
+TEST_F(EmbeddedJobsTest, ARemovalThatDoesNotBlockTellsThatTheHostHasEnded) {
+  startHost([this](PeerMessage message) {
+    if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  std::optional<std::expected<void, NSError>> removed;
+  jobs_.removeAsync(kLabel, [&](auto outcome) { removed = std::move(outcome); });
+  loop_.runReady();
+  host_->die();
+  loop_.runReady();
+  ASSERT_TRUE(removed);
+  expectError(*removed, LaunchdError::kUnavailable, "ended before it answered");
+}
+
+TEST_F(EmbeddedJobsTest, AuthorizationIsGrantedAsTheHostSays) {
+  const std::array<std::string_view, 1> rights{kSMRightModifySystemDaemons};
+  for (const auto& [answer, status] : {std::pair{Value(true), 0},
+                                       {Value(false), -60005},
+                                       {Value(), -60005},
+                                       {Value("yes"), -60005}}) {
+    startHost(answering(answer));
+    const auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
+    ASSERT_TRUE(created);
+    EXPECT_EQ(
+        authorization_.AuthorizationCopyRights(**created, rights, kAuthorizationFlagExtendRights),
+        status);
+    host_->die();
+  }
+}
+
+TEST_F(EmbeddedJobsTest, AuthorizationFromAStuckHostIsNoneAndSaysSo) {
+  startHost(keeping());
+  const auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
+  ASSERT_FALSE(created);
+  EXPECT_EQ(created.error(), kErrnoStatusBase + ETIMEDOUT);
+}
+
+}  // namespace
+}  // namespace platform

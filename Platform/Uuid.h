@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace platform {
+
+// A new random UUID (version 4) as 36 characters of upper case. Any thread; waits only in the first
+// moments of a machine that has not gathered any chance yet.
+std::string newUuidString();
+
+}  // namespace platform

@@ -1,0 +1,93 @@
+// The service manager daemon. It has no options: Service.plist in its bundle says what there is to
+// manage, and etc/vantor/platform.plist of the platform root what it runs on.
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <unistd.h>
+
+#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Logger/Logger.h"
+#include "Platform/BackgroundService.h"
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/DevRandom.h"
+#include "Platform/Linux/EmbeddedAuthorization.h"
+#include "Platform/Linux/EmbeddedJobs.h"
+#include "Platform/Linux/JobHostClient.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Linux/LinuxCodeSignatures.h"
+#include "Platform/Linux/LinuxFileReader.h"
+#include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NotificationBus.h"
+#include "Platform/NamedConnections.h"
+#include "Platform/NotificationCenter.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+
+namespace {
+
+int fail(const platform::Error& error) {
+  std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto made = platform::LinuxPlatform::make();
+  if (!made) return fail(made.error());
+  platform::LinuxPlatform& linux = **made;
+  platform::RunLoop& loop = *linux.runLoop;
+  const std::string& root = linux.configuration.root;
+  const auto signatures =
+      platform::LinuxCodeSignatures::create(root, [&] { return loop.wallTime(); });
+  if (!signatures) return fail(signatures.error());
+
+  const LoggerBinding logger(linux.systemLog);
+  Logger2State logger2(linux.systemLog, linux.utilityQueues);
+  const Logger2Binding logger2Binding(logger2);
+
+  platform::JobHostClient host(linux.peerTransport, loop, platform::jobHostSocket(root));
+  platform::EmbeddedJobs jobs(host);
+  platform::EmbeddedAuthorization authorization(host);
+  platform::LinuxFileReader files;
+  platform::DevRandom randomDevice;
+  platform::NotificationCenter center;
+  platform::NamedConnections connections(
+      loop, linux.peerTransport, center, linux.systemLog,
+      [&](std::string_view name) { return platform::pathOfConnection(root, name); });
+  const auto distributedCenter = platform::makeBusNotificationCenter(
+      *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
+  platform::ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  const SettingsClientFactories settingsClientFactories;
+
+  const ServiceManagerPlatform serviceManagerPlatform{
+      .runLoop = loop,
+      .jobs = jobs,
+      .authorization = authorization,
+      .exitWatcher = linux.exitWatcher,
+      .files = files,
+      .codeSignatures = **signatures,
+      .randomDevice = randomDevice,
+      .system = linux.systemInformation,
+      .connections = connections,
+      .distributedCenter = *distributedCenter,
+      .notificationCenter = center,
+      .protocols = protocols,
+      .mainBundle = linux.mainBundle,
+      .owner = {::getuid(), ::geteuid(), ::getgid()},
+      .settingsClientFactories = settingsClientFactories,
+      .makeHealthInfo = {},
+  };
+  platform::BackgroundServiceClasses classes;
+  classes.add(ORBServiceManager::kClassName,
+              [&] { return std::make_unique<ORBServiceManager>(serviceManagerPlatform); });
+  platform::BackgroundServiceHost backgroundHost{loop, linux.terminationSignals, linux.readiness,
+                                                 classes};
+  return platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv,
+                                           backgroundHost);
+}

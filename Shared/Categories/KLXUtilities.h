@@ -1,0 +1,30 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string_view>
+
+#include "Platform/NameTable.h"
+
+// Calls by name.
+namespace KLXUtilities {
+
+// The methods of a class that can be called by name: those with one argument. What they return is
+// of no interest.
+template <typename Target, typename Argument>
+using Methods = platform::SelectorTable<void(Target&, const Argument&)>;
+
+// Calls the method of `target` that has this name among the methods of its class. False, and
+// nothing is called, where there is none, or no target.
+template <typename Target, typename Argument>
+bool invokeSelector(const Methods<Target, Argument>& methods,
+                    std::optional<std::string_view> selector, Target* target,
+                    const Argument& argument) {
+  if (!selector || !target) return false;
+  const auto* const method = methods.find(*selector);
+  if (!method) return false;
+  (*method)(*target, argument);
+  return true;
+}
+
+}  // namespace KLXUtilities

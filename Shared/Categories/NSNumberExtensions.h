@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "Platform/Value.h"
+
+// Boolean numbers. Pure; any thread.
+namespace NSNumberExtensions {
+
+platform::Value booleanTrue();
+platform::Value booleanFalse();
+
+// True for "true", "YES", "on" and "1" in any letter case; false for everything else, nil and words
+// that are not known among it.
+platform::Value booleanForStringValue(std::optional<std::string_view> text);
+
+}  // namespace NSNumberExtensions

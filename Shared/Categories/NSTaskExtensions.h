@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Task.h"
+#include "Platform/Value.h"
+
+// Characters of standard output and of standard error that are kept, the last ones, and those of
+// standard output that a log line shows.
+inline constexpr unsigned long kMaximumStdOutBufferSize = 32000;
+inline constexpr unsigned long kMaximumStdErrBufferSize = 1000;
+inline constexpr unsigned long kMaximumStdOutLoggingSize = 100;
+
+// Runs other programs to their end. A task object serves one run. Logged through logger 1; belongs
+// to the run loop's thread.
+namespace NSTaskExtensions {
+
+enum class ArgumentLogging {
+  kShown,
+  kSuppressed,  // "<suppressed>" stands in their place
+};
+
+// Runs the program at `launchPath` with the arguments (null for none), blocks until it ends, and
+// hands out the ends of what it has written and its status: each only where there is a place for
+// it. Whether it ran and its status is 0.
+//
+// - A path that is nil or white space, and a receiver that has a launch path already: false, and
+//   nothing is logged, run or handed out.
+// - A program that can't be launched: false; the status is -1, standard error the exception's name
+//   and reason. Standard output is left as it is.
+// - A program ended by a signal: the status is the signal's number.
+//
+// Output that is not UTF-8 is lost chunk by chunk: a chunk is what one reading gives.
+bool launchTask(platform::Task& receiver, std::optional<std::string_view> launchPath,
+                const std::vector<std::string>* withArguments, std::string* standardOutput,
+                std::string* standardError, int* statusCode,
+                ArgumentLogging suppressArgumentLogging);
+// With the arguments shown.
+bool launchTask(platform::Task& receiver, std::optional<std::string_view> launchPath,
+                const std::vector<std::string>* withArguments, std::string* standardOutput,
+                std::string* standardError, int* statusCode);
+
+// Appends the chunk to the text, of which then the last `andKeepLastNumberOfCharacters` stay.
+// Nothing happens where one of the two is null or that number is 0; a chunk that is not UTF-8 adds
+// nothing.
+void appendData(const platform::Data* data, std::string* toMutableString,
+                std::size_t andKeepLastNumberOfCharacters);
+
+// Whether the handle of the receiver's standard error calls readability handlers; false while it
+// has none.
+bool isSetReadabilityHandlerAvailable(const platform::Task& receiver);
+
+}  // namespace NSTaskExtensions

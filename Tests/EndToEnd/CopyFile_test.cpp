@@ -1,0 +1,68 @@
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+
+namespace platform {
+namespace {
+
+class KilledCopyTest : public testing::Test {
+ protected:
+  // Copies, and is killed at its system call of this name and number. Whether it came to its end
+  // before.
+  static bool copyKilledAt(const std::string& call, int number, const std::string& source,
+                           const std::string& destination) {
+    const std::string kill = "inject=" + call + ":signal=SIGKILL:when=" + std::to_string(number);
+    ChildProgram program(
+        {"/usr/bin/strace", "-o", "/dev/null", "-e", kill, COPY_PROGRAM, source, destination}, {});
+    const ExitStatus status = program.waitForExit();
+    if (status.kind == ExitStatus::Kind::kSignalled) return false;
+    EXPECT_EQ(status.number, 0) << program.errors();
+    return true;
+  }
+
+  static std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(KilledCopyTest, TheDestinationHoldsTheOldOrTheNewContentWhateverTheMoment) {
+  const std::string fresh(300'000, 'n');
+  const std::string stale(1000, 'o');
+  const std::string source = folder_.write("source", fresh);
+  ASSERT_EQ(::chmod(source.c_str(), 0644), 0);
+  int keptOld = 0;
+  int gotNew = 0;
+  for (const char* call : {"openat", "fstat,newfstatat", "read", "write", "fsync", "rename",
+                           "fchown", "fchmod", "utimensat", "close", "exit_group"}) {
+    bool ended = false;
+    for (int number = 1; !ended; ++number) {
+      SCOPED_TRACE(std::string(call) + " " + std::to_string(number));
+      const std::string destination = folder_.write("folder/destination", stale);
+      ended = copyKilledAt(call, number, source, destination);
+      const std::string content = contentOf(destination);
+      ASSERT_TRUE(content == stale || content == fresh);
+      ++(content == stale ? keptOld : gotNew);
+      if (content == stale) continue;
+      struct stat status{};
+      ASSERT_EQ(::stat(destination.c_str(), &status), 0);
+      const mode_t mode = status.st_mode & 07777;
+      EXPECT_TRUE(mode == 0600 || mode == 0644) << std::oct << mode;
+    }
+  }
+  // Reading, writing and synchronising come before the rename, the attributes behind it.
+  EXPECT_GT(keptOld, 10);
+  EXPECT_GT(gotNew, 10);
+}
+
+}  // namespace
+}  // namespace platform

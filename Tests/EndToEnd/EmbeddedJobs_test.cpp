@@ -1,0 +1,93 @@
+#include "Platform/Linux/EmbeddedJobs.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Platform/Authorization_contract.h"
+#include "Platform/Jobs_contract.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/DBusPeerTransport.h"
+#include "Platform/Linux/EmbeddedAuthorization.h"
+#include "Platform/Linux/JobHostClient.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+#include "Tests/EndToEnd/JobHostRoot.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A client of a real host. Only its own waits, for a host that is not there, pass in virtual time.
+class Client {
+ public:
+  explicit Client(const JobHostRoot& root)
+      : client_(transport_, waits_, jobHostSocket(root.folder().path())) {}
+
+  EmbeddedJobs& jobs() { return jobs_; }
+  EmbeddedAuthorization& authorization() { return authorization_; }
+  VirtualRunLoop& waits() { return waits_; }
+
+ private:
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
+  DBusPeerTransport transport_{*loop_};
+  VirtualRunLoop waits_;
+  JobHostClient client_;
+  EmbeddedJobs jobs_{client_};
+  EmbeddedAuthorization authorization_{client_};
+};
+
+class RealMachine final : public JobsMachine {
+ public:
+  Jobs& jobs() override { return client_.jobs(); }
+  std::string program() override { return root_.program(); }
+  std::string stubbornProgram() override { return root_.stubbornProgram(); }
+  std::string outputPath() override { return root_.outputPath(); }
+  void awaitOutput(const std::string&) override { EXPECT_EQ(root_.nextOutput(), "ready"); }
+  std::string unstartableProgram() override { return root_.unstartableProgram(); }
+  void kill(const std::string&, ProcessId process) override { killAndAwait(process); }
+  bool isRunning(ProcessId process) override { return platform::isRunning(process); }
+  void awaitProcessAfter(const std::string& label, ProcessId process) override {
+    const Instant deadline = loop_->now() + 1min;
+    while (loop_->now() < deadline) {
+      const Value job = jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
+      if (job["PID"].integer().value_or(process) != process) return;
+    }
+    ADD_FAILURE() << "the job has no other process";
+  }
+  void stopHost() override { root_.killHost(); }
+  void startHost() override { root_.startHost(); }
+  void startHostSoon() override {
+    client_.waits().scheduleOutsideEvent(1s, [this] { root_.startHost(); });
+  }
+
+ private:
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
+  JobHostRoot root_;
+  Client client_{root_};
+};
+
+std::unique_ptr<JobsMachine> makeMachine() { return std::make_unique<RealMachine>(); }
+
+INSTANTIATE_TEST_SUITE_P(Embedded, JobsContract, testing::Values(&makeMachine));
+
+class RealOffice final : public AuthorizationOffice {
+ public:
+  Authorization& authorization() override { return client_.authorization(); }
+  void open() override { root_.startHost(); }
+  void close() override { root_.killHost(); }
+
+ private:
+  JobHostRoot root_;
+  Client client_{root_};
+};
+
+std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<RealOffice>(); }
+
+INSTANTIATE_TEST_SUITE_P(Embedded, AuthorizationContract, testing::Values(&makeOffice));
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+
+namespace platform {
+
+// A platform root of its own with the programs of the job host and the operator, and a job host
+// that runs there.
+class JobHostRoot {
+ public:
+  struct Finished {
+    ExitStatus status;
+    std::string output;
+    std::string errors;
+  };
+
+  // Starts the host.
+  JobHostRoot();
+  JobHostRoot(const JobHostRoot&) = delete;
+  JobHostRoot& operator=(const JobHostRoot&) = delete;
+  // Ends the host and all jobs.
+  ~JobHostRoot();
+
+  const TemporaryFolder& folder() const { return folder_; }
+  std::string hostProgram() const { return folder_.path("jobhost"); }
+  std::string controlProgram() const { return folder_.path("servicemanagerctl"); }
+  // Runs until SIGTERM; the other one takes no notice of that.
+  std::string program() const { return folder_.path("agent"); }
+  std::string stubbornProgram() const { return folder_.path("stubborn"); }
+  // Neither a program nor a script.
+  std::string unstartableProgram() const { return folder_.path("text"); }
+
+  // A path for jobs' output, and the next line that came there, waited for.
+  std::string outputPath() const { return folder_.path("output"); }
+  std::string nextOutput();
+
+  // Returns when the host takes requests.
+  void startHost();
+  // SIGKILL: the jobs go on.
+  void killHost();
+
+  // Runs the operator's command to its end.
+  Finished control(std::vector<std::string> arguments) const;
+
+ private:
+  TemporaryFolder folder_;
+  NotifySocket readiness_{folder_.path("notify")};
+  UniqueFd output_;
+  std::unique_ptr<ChildProgram> host_;
+};
+
+// Ends a process by SIGKILL, and returns when it has ended.
+void killAndAwait(ProcessId process);
+
+// Whether there is such a process that has not ended.
+bool isRunning(ProcessId process);
+
+}  // namespace platform

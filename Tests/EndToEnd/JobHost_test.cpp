@@ -1,0 +1,50 @@
+// The job host's program in a platform root of its own.
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+
+namespace {
+
+using platform::ChildProgram;
+using platform::ExitStatus;
+using platform::NotifySocket;
+
+class JobHostProgram : public testing::Test {
+ protected:
+  JobHostProgram() {
+    root_.write("etc/vantor/platform.plist", "<plist version=\"1.0\"><dict/></plist>");
+    std::filesystem::create_directories(root_.path("log"));
+    std::filesystem::create_directories(root_.path("bin"));
+    std::filesystem::copy_file(JOBHOST, program_);
+    std::filesystem::create_directories(root_.path("Library/LaunchDaemons"));
+    root_.write("Library/LaunchDaemons/com.example.daemon.plist",
+                "<plist version=\"1.0\"><dict><key>Label</key><string>com.example.daemon</string>"
+                "<key>ProgramArguments</key><array><string>/bin/sh</string><string>-c</string>"
+                "<string>echo $$; exec sleep 1000</string></array>"
+                "<key>StandardOutPath</key><string>" +
+                    root_.path("output") + "</string><key>KeepAlive</key><true/></dict></plist>");
+  }
+
+  platform::TemporaryFolder root_;
+  const std::string program_ = root_.path("bin/jobhost");
+};
+
+TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsAskedToEnd) {
+  NotifySocket manager(root_.path("notify"));
+  ChildProgram host({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
+  EXPECT_EQ(manager.next(), "READY=1");
+  ASSERT_TRUE(std::filesystem::exists(root_.path("output")));
+  host.signal(SIGTERM);
+  EXPECT_EQ(manager.next(), "STOPPING=1");
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+  // Nothing is left for the next one.
+  EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
+}
+
+}  // namespace

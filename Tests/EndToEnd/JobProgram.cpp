@@ -1,0 +1,15 @@
+// A job for the tests: says "ready", then runs until a signal ends it. Under a name that ends with
+// "stubborn" it takes no notice of SIGTERM.
+
+#include <csignal>
+#include <cstdio>
+#include <string_view>
+
+#include <unistd.h>
+
+int main(int, char** argv) {
+  if (std::string_view(argv[0]).ends_with("stubborn")) std::signal(SIGTERM, SIG_IGN);
+  std::puts("ready");
+  std::fflush(stdout);
+  for (;;) ::pause();
+}

@@ -1,0 +1,239 @@
+// Distributed notifications on a real bus, with the configuration that the product ships.
+
+#include "Platform/Linux/NotificationBus.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "Platform/DistributedNotificationCenter_contract.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A bus with the configuration that the product ships, in a folder of its own.
+class TestBus {
+ public:
+  TestBus() {
+    // So that it is the bus that turns others away.
+    std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
+                                 std::filesystem::perm_options::add);
+    std::ifstream shipped(NOTIFICATION_BUS_CONFIGURATION);
+    folder_.write("bus.conf", std::string(std::istreambuf_iterator<char>(shipped), {}));
+    if (::geteuid() != 0) {
+      folder_.write("notification-bus.d/owner.conf",
+                    "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
+                        "\"><allow send_type=\"signal\" "
+                        "send_interface=\"com.vantor.DistributedNotification\"/>"
+                        "</policy></busconfig>");
+    }
+    start();
+  }
+
+  void start() {
+    program_.emplace(
+        std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
+                                 "--print-address", "--address=" + address_,
+                                 "--config-file=" + folder_.path("bus.conf")},
+        std::vector<std::string>{});
+    EXPECT_THAT(program_->nextLine(), testing::StartsWith(address_));
+  }
+  void stop() {
+    program_->signal(SIGKILL);
+    program_->waitForExit();
+  }
+
+  ChildProgram& program() { return *program_; }
+  const std::string& address() const { return address_; }
+
+ private:
+  TemporaryFolder folder_;
+  const std::string address_ = "unix:path=" + folder_.path("bus");
+  std::optional<ChildProgram> program_;
+};
+
+class BusHarness final : public NotificationHarness {
+ public:
+  RunLoop& loop() override { return *loop_; }
+  DistributedNotificationCenter& center() override { return *center_; }
+  DistributedNotificationCenter& other() override { return *other_; }
+  FakeLogSink& log() override { return sink_; }
+  void stopBus() override { bus_.stop(); }
+  void startBus() override { bus_.start(); }
+
+ private:
+  TestBus bus_;
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(AsioRunLoop::create().value());
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "program"};
+  const std::unique_ptr<DistributedNotificationCenter> center_ =
+      makeBusNotificationCenter(*loop_, bus_.address(), log_);
+  const std::unique_ptr<DistributedNotificationCenter> other_ =
+      makeBusNotificationCenter(*loop_, bus_.address(), log_);
+};
+
+std::unique_ptr<NotificationHarness> makeBusHarness() { return std::make_unique<BusHarness>(); }
+
+INSTANTIATE_TEST_SUITE_P(Bus, DistributedNotificationCenterContract,
+                         testing::Values(&makeBusHarness));
+
+class NotificationBusTest : public testing::Test {
+ protected:
+  using Observation = std::unique_ptr<DistributedNotificationCenter::Observation>;
+
+  void post(std::string_view name, Value userInfo = {}) {
+    center_->postNotificationName(name, std::nullopt, std::move(userInfo),
+                                  NSNotificationPosting::kThisSession);
+  }
+
+  // A signal from a client that is none of ours.
+  int postAsStranger(std::vector<std::string> runner, std::vector<std::string> arguments) {
+    runner.insert(runner.end(), {"/usr/bin/dbus-send", "--bus=" + bus_.address(), "--type=signal",
+                                 "/com/vantor/DistributedNotification",
+                                 "com.vantor.DistributedNotification.Posted"});
+    runner.insert(runner.end(), arguments.begin(), arguments.end());
+    return ChildProgram(runner, {}).waitForExit().number;
+  }
+
+  // Delivers what has reached the bus.
+  void deliver() {
+    const Observation end = center_->addObserver(
+        "com.vantor.end", std::nullopt, [&](const DistributedNotification&) { loop_->stop(); });
+    post("com.vantor.end");
+    loop_->run();
+  }
+
+  DistributedNotificationCenter::Handler note() {
+    return
+        [this](const DistributedNotification& notification) { got_.push_back(notification.name); };
+  }
+
+  TestBus bus_;
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(AsioRunLoop::create().value());
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "program"};
+  const std::unique_ptr<DistributedNotificationCenter> center_ =
+      makeBusNotificationCenter(*loop_, bus_.address(), log_, 20ms);
+  std::vector<std::string> got_;
+};
+
+TEST_F(NotificationBusTest, AStrangersSignalOfOurLayoutIsDelivered) {
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  deliver();
+  EXPECT_THAT(got_, testing::ElementsAre("a"));
+}
+
+TEST_F(NotificationBusTest, AStrangersSignalOfAnotherLayoutIsDropped) {
+  const Observation all = center_->addObserver(std::nullopt, std::nullopt, note());
+  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+           {},
+           {"int32:1"},
+           {"string:a"},
+           {"string:a", "string:object"},
+           {"string:a", "array:int32:1"},
+           {"string:a", "array:string:object", "variant:string:text"},
+           {"string:a", "array:string:object", "string:text"}}) {
+    EXPECT_EQ(postAsStranger({}, arguments), 0);
+  }
+  deliver();
+  EXPECT_THAT(got_, testing::ElementsAre("com.vantor.end"));
+}
+
+TEST_F(NotificationBusTest, WhoIsNeitherRootNorAddedMayListenButNotPost) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                           "--clear-groups"};
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  postAsStranger(nobody, {"string:a", "array:string:object"});
+  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  deliver();
+  EXPECT_THAT(got_, testing::ElementsAre("a"));
+
+  const auto callBus = [&](const std::string& method, const std::string& argument) {
+    std::vector<std::string> call = nobody;
+    call.insert(call.end(), {"/usr/bin/dbus-send", "--bus=" + bus_.address(), "--print-reply",
+                             "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                             "org.freedesktop.DBus." + method, argument});
+    return ChildProgram(call, {}).waitForExit().number;
+  };
+  EXPECT_EQ(callBus("AddMatch", "string:type='signal'"), 0);
+  EXPECT_NE(callBus("RequestName", "string:com.vantor.stranger"), 0);
+}
+
+TEST_F(NotificationBusTest, ALongNameIsObservedAllTheSame) {
+  const std::string name(2000, 'n');
+  const Observation observer = center_->addObserver(name, std::nullopt, note());
+  post(name + "n");
+  post(name);
+  deliver();
+  EXPECT_THAT(got_, testing::ElementsAre(name));
+}
+
+TEST_F(NotificationBusTest, WhatDBusCannotCarryIsLoggedAndTheBusStays) {
+  const Observation all = center_->addObserver("a", std::nullopt, note());
+  post("ill-formed \xFF");
+  post(std::string("nul \0", 5));
+  post("a", Dictionary{{"key", "\xC0\x80"}});
+  post("a", Dictionary{{"key", std::string(64 * 1024, 'x')}});
+  Value deep = Dictionary{{"key", 1}};
+  for (int depth = 0; depth < 16; ++depth) deep = Dictionary{{"key", deep}};
+  post("a", deep);
+  deliver();
+  EXPECT_THAT(got_, testing::IsEmpty());
+  EXPECT_EQ(sink_.texts().size(), 5U);
+  for (const std::string& text : sink_.texts())
+    EXPECT_THAT(text, testing::HasSubstr(" was not posted: "));
+}
+
+TEST_F(NotificationBusTest, ABusThatDoesNotAnswerHoldsNobodyUpForLong) {
+  deliver();  // Connected.
+  bus_.program().signal(SIGSTOP);
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  const std::string text(60 * 1024, 'x');
+  for (int i = 0; i < 64; ++i) post("a", Dictionary{{"key", text}});
+  EXPECT_THAT(sink_.texts(), testing::Contains(testing::HasSubstr("does not read")));
+  bus_.program().signal(SIGCONT);
+  deliver();
+  EXPECT_THAT(got_, testing::Contains("a"));
+}
+
+TEST_F(NotificationBusTest, PostsBeforeTheRegistrationAreNotLost) {
+  const auto fresh = makeBusNotificationCenter(*loop_, bus_.address(), log_);
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  fresh->postNotificationName("a", std::nullopt, {}, NSNotificationPosting::kThisSession);
+  const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (!got_.empty()) loop_->stop();
+  });
+  loop_->run();
+  EXPECT_THAT(got_, testing::ElementsAre("a"));
+}
+
+TEST_F(NotificationBusTest, AnObservationMayOutliveItsCenter) {
+  auto center = makeBusNotificationCenter(*loop_, bus_.address(), log_);
+  Observation observer = center->addObserver("a", std::nullopt, note());
+  center.reset();
+  observer.reset();
+  deliver();
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,122 @@
+#include "Tools/servicemanagerctl/JobsCommands.h"
+
+#include <cstdlib>
+#include <optional>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "Platform/Jobs.h"
+#include "Platform/Linux/PropertyListFile.h"
+#include "Tools/servicemanagerctl/JobsReport.h"
+#include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/RemovalProgress.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr std::int64_t kDefaultExitTimeOut = 20;
+
+Reader readerOf(int descriptor) {
+  return ::isatty(descriptor) == 1 ? Reader::kTerminal : Reader::kOther;
+}
+
+}  // namespace
+
+struct JobsCommands::Connected {
+  EmbeddedJobs& jobs;
+  RunLoop& loop;
+  const std::string& hostProgram;
+
+  int refuse(const NSError& error) const {
+    fail(asAdvice(error, hostProgram));
+    return exitStatusOf(error);
+  }
+
+  int refuseUnknown(const std::string& label) const {
+    return refuse({kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kNoSuchJob),
+                   "no job has the label \"" + label + "\""});
+  }
+};
+
+JobsCommands::JobsCommands(CLI::App& app)
+    : jobs_(app.add_subcommand("jobs", "Look at the job host's jobs, and change them")),
+      list_(jobs_->add_subcommand("list", "All jobs: label, process, how the last one ended")),
+      show_(jobs_->add_subcommand("show", "One job with its dictionary")),
+      submit_(jobs_->add_subcommand("submit", "Submit the job that a property list describes")),
+      remove_(jobs_->add_subcommand("remove", "End a job's processes and forget the job")) {
+  jobs_->require_subcommand(1);
+  for (CLI::App* command : {list_, show_, submit_, remove_}) {
+    command->add_flag("--json", json_, "For programs");
+  }
+  for (CLI::App* command : {show_, remove_}) {
+    command->add_option("label", label_, "The job's label")->required();
+  }
+  submit_->add_option("file", file_, "A property list, XML or binary")->required();
+}
+
+int JobsCommands::run(EmbeddedJobs& jobs, RunLoop& loop, const std::string& hostProgram) const {
+  const Connected to{jobs, loop, hostProgram};
+  if (list_->parsed()) return list(to);
+  if (show_->parsed()) return show(to);
+  if (submit_->parsed()) return submit(to);
+  return remove(to);
+}
+
+int JobsCommands::list(const Connected& to) const {
+  const auto states = to.jobs.copyJobStates();
+  if (!states) return to.refuse(states.error());
+  const std::vector<JobState> jobs = jobStates(*states);
+  if (!json_) {
+    print(asTable(jobs, readerOf(STDOUT_FILENO)));
+    return EXIT_SUCCESS;
+  }
+  auto json = nlohmann::ordered_json::array();
+  for (const JobState& job : jobs) json.push_back(asJson(job));
+  print(json.dump(2) + "\n");
+  return EXIT_SUCCESS;
+}
+
+int JobsCommands::show(const Connected& to) const {
+  const auto job = to.jobs.copyJob(label_);
+  if (!job) return to.refuse(job.error());
+  if (job->isNil()) return to.refuseUnknown(label_);
+  const JobState state = jobState(label_, *job);
+  print(json_ ? asJson(state, *job).dump(2) + "\n" : asText(state, *job, readerOf(STDOUT_FILENO)));
+  return EXIT_SUCCESS;
+}
+
+int JobsCommands::submit(const Connected& to) const {
+  const auto dictionary = readPropertyListFile(file_);
+  if (!dictionary) return fail(describe(dictionary.error()));
+  const auto submitted = to.jobs.SMJobSubmit(kSMDomainSystemLaunchd, *dictionary, nullptr);
+  if (!submitted) return to.refuse(submitted.error());
+  const std::string label = *(*dictionary)["Label"].string();  // Else it had been refused.
+  const auto job = to.jobs.copyJob(label);
+  if (!job) return to.refuse(job.error());
+  if (job->isNil()) return to.refuseUnknown(label);  // Somebody else has removed it already.
+  const JobState state = jobState(label, *job);
+  print(json_ ? asJson(state).dump(2) + "\n" : asSentence(state));
+  return EXIT_SUCCESS;
+}
+
+int JobsCommands::remove(const Connected& to) const {
+  const auto job = to.jobs.copyJob(label_);
+  if (!job) return to.refuse(job.error());
+  if (job->isNil()) return to.refuseUnknown(label_);
+  std::optional<RemovalProgress> progress;
+  progress.emplace(to.loop, label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut),
+                   readerOf(STDERR_FILENO), warn);
+  std::expected<void, NSError> outcome;
+  to.jobs.removeAsync(label_, [&](std::expected<void, NSError> removed) {
+    outcome = std::move(removed);
+    to.loop.stop();
+  });
+  to.loop.run();
+  progress.reset();
+  if (!outcome) return to.refuse(outcome.error());
+  print(json_ ? nlohmann::ordered_json{{"label", label_}, {"removed", true}}.dump(2) + "\n"
+              : label_ + " is removed.\n");
+  return EXIT_SUCCESS;
+}

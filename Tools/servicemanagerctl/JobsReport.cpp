@@ -1,0 +1,235 @@
+#include "Tools/servicemanagerctl/JobsReport.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include <fmt/format.h>
+#include <sys/wait.h>
+
+#include "Platform/Jobs.h"
+#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/PropertyListScalars.h"
+
+namespace {
+
+using namespace platform;
+using Json = nlohmann::ordered_json;
+using Kind = JobState::Ending::Kind;
+
+constexpr int kFailed = 1;
+constexpr int kNoSuchJob = 3;
+constexpr int kNotPermitted = 4;
+constexpr int kNoHost = 5;
+
+constexpr std::string_view kBold = "\033[1m";
+constexpr std::string_view kRed = "\033[31m";
+constexpr std::string_view kGreen = "\033[32m";
+constexpr std::string_view kPlain = "\033[0m";
+
+std::string coloured(std::string_view text, std::string_view colour, Reader reader) {
+  if (reader == Reader::kOther) return std::string(text);
+  return fmt::format("{}{}{}", colour, text, kPlain);
+}
+
+std::string signalName(int number) {
+  const char* abbreviation = ::sigabbrev_np(number);
+  return abbreviation ? fmt::format("SIG{}", abbreviation) : fmt::format("signal {}", number);
+}
+
+JobState::Ending endingIn(const Value& dictionary) {
+  if (!dictionary[kJobLastStatusUnknownKey].isNil()) return {.kind = Kind::kUnknown};
+  const auto reported = dictionary[kJobLastStatusKey].integer();
+  if (!reported) return {};
+  const int status = static_cast<int>(*reported);
+  if (WIFEXITED(status)) return {.kind = Kind::kExited, .number = WEXITSTATUS(status)};
+  if (!WIFSIGNALED(status)) return {.kind = Kind::kUnknown};
+  return {.kind = Kind::kSignalled,
+          .number = WTERMSIG(status),
+          .dumped = static_cast<bool>(WCOREDUMP(status))};
+}
+
+bool isFailure(const JobState::Ending& ending) {
+  return ending.kind == Kind::kSignalled || (ending.kind == Kind::kExited && ending.number != 0);
+}
+
+std::string processText(const JobState& job) {
+  return job.process ? fmt::format("{}", *job.process) : "-";
+}
+
+Json jsonOf(const Value& value) {
+  switch (value.type()) {
+    case Value::Type::kBoolean:
+      return *value.boolean();
+    case Value::Type::kInteger:
+      return *value.integer();
+    case Value::Type::kReal:
+      return *value.real();
+    case Value::Type::kString:
+      return *value.string();
+    case Value::Type::kData:
+      return textFromData(*value.data());
+    case Value::Type::kDate:
+      return textFromDate(*value.date());
+    case Value::Type::kArray: {
+      Json array = Json::array();
+      for (const Value& element : *value.array()) array.push_back(jsonOf(element));
+      return array;
+    }
+    case Value::Type::kDictionary: {
+      Json object = Json::object();
+      for (const auto& [key, element] : *value.dictionary()) object[key] = jsonOf(element);
+      return object;
+    }
+    case Value::Type::kNil:
+    case Value::Type::kNullMarker:
+    case Value::Type::kRemoteObject:
+      break;
+  }
+  return nullptr;
+}
+
+// As it stands in JSON: unambiguous, on one line, and in ASCII, so that it can't steer a terminal.
+std::string shown(const Value& value) {
+  return jsonOf(value).dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+bool isState(std::string_view key) {
+  return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey;
+}
+
+Json jsonOf(const JobState::Ending& ending) {
+  switch (ending.kind) {
+    case Kind::kNone:
+      return nullptr;
+    case Kind::kUnknown:
+      return {{"kind", "unknown"}};
+    case Kind::kExited:
+      return {{"kind", "exited"}, {"code", ending.number}};
+    case Kind::kSignalled:
+      return {{"kind", "signalled"},
+              {"signal", ending.number},
+              {"name", signalName(ending.number)},
+              {"dumpedCore", ending.dumped}};
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+JobState jobState(std::string label, const Value& dictionary) {
+  JobState job{.label = std::move(label), .process = {}, .lastExit = endingIn(dictionary)};
+  const auto process = dictionary[kJobProcessKey].integer();
+  if (process && *process > 0) job.process = static_cast<ProcessId>(*process);
+  return job;
+}
+
+std::vector<JobState> jobStates(const Dictionary& byLabel) {
+  std::vector<JobState> jobs;
+  for (const auto& [label, dictionary] : byLabel) jobs.push_back(jobState(label, dictionary));
+  std::ranges::sort(jobs, {}, &JobState::label);
+  return jobs;
+}
+
+std::string inWords(const JobState::Ending& ending) {
+  switch (ending.kind) {
+    case Kind::kNone:
+      return "-";
+    case Kind::kUnknown:
+      return "unknown";
+    case Kind::kExited:
+      return ending.number == 0 ? "succeeded" : fmt::format("exited with {}", ending.number);
+    case Kind::kSignalled:
+      return fmt::format("killed by {}{}", signalName(ending.number),
+                         ending.dumped ? ", core dumped" : "");
+  }
+  return "";
+}
+
+std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
+  if (jobs.empty()) return "No jobs.\n";
+  constexpr std::string_view kLabelHeading = "LABEL";
+  std::size_t width = kLabelHeading.size();
+  for (const JobState& job : jobs) width = std::max(width, fmt::formatted_size("{}", job.label));
+  std::string text;
+  const auto out = std::back_inserter(text);
+  const std::string heading =
+      fmt::format("{:<{}}  {:>7}  {}", kLabelHeading, width, "PID", "LAST EXIT");
+  fmt::format_to(out, "{}\n", coloured(heading, kBold, reader));
+  for (const JobState& job : jobs) {
+    const std::string process = fmt::format("{:>7}", processText(job));
+    const std::string ending = inWords(job.lastExit);
+    fmt::format_to(out, "{:<{}}  {}  {}\n", job.label, width,
+                   job.process ? coloured(process, kGreen, reader) : process,
+                   isFailure(job.lastExit) ? coloured(ending, kRed, reader) : ending);
+  }
+  return text;
+}
+
+Json asJson(const JobState& job) {
+  Json json{{"label", job.label}};
+  json["pid"] = job.process ? Json(*job.process) : Json();
+  json["lastExit"] = jsonOf(job.lastExit);
+  return json;
+}
+
+std::string asText(const JobState& job, const Value& dictionary, Reader reader) {
+  std::string text = asTable({job}, reader);
+  text += '\n';
+  const auto out = std::back_inserter(text);
+  std::size_t width = 0;
+  for (const auto& [key, value] : *dictionary.dictionary()) width = std::max(width, key.size());
+  for (const auto& [key, value] : *dictionary.dictionary()) {
+    if (isState(key)) continue;
+    // A key is the submitter's choice: in JSON no control character of it reaches the terminal.
+    const std::string name = shown(key);
+    fmt::format_to(out, "{:<{}}  {}\n", name.substr(1, name.size() - 2), width, shown(value));
+  }
+  return text;
+}
+
+Json asJson(const JobState& job, const Value& dictionary) {
+  Json json = asJson(job);
+  json["dictionary"] = Json::object();
+  for (const auto& [key, value] : *dictionary.dictionary()) {
+    if (!isState(key)) json["dictionary"][key] = jsonOf(value);
+  }
+  return json;
+}
+
+std::string asSentence(const JobState& job) {
+  if (job.process) return fmt::format("{} runs as process {}.\n", job.label, *job.process);
+  return fmt::format("{} is loaded and has no process now; its last exit: {}.\n", job.label,
+                     inWords(job.lastExit));
+}
+
+std::string asAdvice(const NSError& error, const std::string& hostProgram) {
+  const std::string& text = error.localizedDescription;
+  switch (static_cast<LaunchdError>(error.code)) {
+    case LaunchdError::kUnavailable:
+      return fmt::format("{}; is it running? Start it with \"{}\"", text, hostProgram);
+    case LaunchdError::kNotAuthorized:
+      return fmt::format("{}; ask as root, or as the user whom the job host runs under", text);
+    case LaunchdError::kNoSuchJob:
+      return fmt::format("{}; \"servicemanagerctl jobs list\" tells which there are", text);
+    case LaunchdError::kInternal:
+    case LaunchdError::kInvalidJob:
+      break;
+  }
+  return text;
+}
+
+int exitStatusOf(const NSError& error) {
+  switch (static_cast<LaunchdError>(error.code)) {
+    case LaunchdError::kNoSuchJob:
+      return kNoSuchJob;
+    case LaunchdError::kNotAuthorized:
+      return kNotPermitted;
+    case LaunchdError::kUnavailable:
+      return kNoHost;
+    case LaunchdError::kInternal:
+    case LaunchdError::kInvalidJob:
+      break;
+  }
+  return kFailed;
+}

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Platform/Error.h"
+#include "Platform/ExitWatcher.h"
+#include "Platform/Value.h"
+#include "Tools/servicemanagerctl/Output.h"
+
+// What the job host tells of its jobs, for people and for programs.
+
+struct JobState {
+  // How a job's last process ended.
+  struct Ending {
+    enum class Kind { kNone, kUnknown, kExited, kSignalled };
+    Kind kind = Kind::kNone;
+    int number = 0;       // the exit code, or the signal's number
+    bool dumped = false;  // with a core file
+
+    bool operator==(const Ending&) const = default;
+  };
+
+  std::string label;
+  std::optional<platform::ProcessId> process;
+  Ending lastExit;
+
+  bool operator==(const JobState&) const = default;
+};
+
+// From a job's dictionary, or from what the host tells of its process.
+JobState jobState(std::string label, const platform::Value& dictionary);
+
+// Sorted by label.
+std::vector<JobState> jobStates(const platform::Dictionary& byLabel);
+
+// "-", "unknown", "succeeded", "exited with 3", "killed by SIGKILL".
+std::string inWords(const JobState::Ending& ending);
+
+// Every line with a line end. No job at all is told in words.
+std::string asTable(const std::vector<JobState>& jobs, Reader reader);
+nlohmann::ordered_json asJson(const JobState& job);
+
+// One job in full: its state, then the dictionary that was submitted.
+std::string asText(const JobState& job, const platform::Value& dictionary, Reader reader);
+nlohmann::ordered_json asJson(const JobState& job, const platform::Value& dictionary);
+
+// What became of a job that was just submitted, in a sentence.
+std::string asSentence(const JobState& job);
+
+// The error, with what to do next. `hostProgram` is the path of the job host's program.
+std::string asAdvice(const platform::NSError& error, const std::string& hostProgram);
+
+// The exit status for an error: 1 failed, 3 no such job, 4 not permitted, 5 no job host.
+int exitStatusOf(const platform::NSError& error);

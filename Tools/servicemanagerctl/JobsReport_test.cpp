@@ -1,0 +1,130 @@
+#include "Tools/servicemanagerctl/JobsReport.h"
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Jobs.h"
+
+namespace {
+
+using namespace platform;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr int kCoreDumped = 0x80;
+
+std::string wordsFor(Dictionary state) {
+  return inWords(jobState("a", Value(std::move(state))).lastExit);
+}
+
+std::vector<JobState> twoJobs() {
+  return jobStates({{"com.example.longer.name", Dictionary{{"PID", 1234567}}},
+                    {"agent", Dictionary{{"LastExitStatus", SIGKILL}}}});
+}
+
+TEST(JobsReportTest, AnEndIsToldInWords) {
+  EXPECT_EQ(wordsFor({}), "-");
+  EXPECT_EQ(wordsFor({{"LastExitStatusUnknown", true}}), "unknown");
+  EXPECT_EQ(wordsFor({{"LastExitStatus", 0}}), "succeeded");
+  EXPECT_EQ(wordsFor({{"LastExitStatus", 3 << 8}}), "exited with 3");
+  EXPECT_EQ(wordsFor({{"LastExitStatus", SIGKILL}}), "killed by SIGKILL");
+  EXPECT_EQ(wordsFor({{"LastExitStatus", SIGSEGV | kCoreDumped}}),
+            "killed by SIGSEGV, core dumped");
+  EXPECT_EQ(wordsFor({{"LastExitStatus", SIGRTMIN + 3}}),
+            "killed by signal " + std::to_string(SIGRTMIN + 3));
+}
+
+TEST(JobsReportTest, OnlyAPositiveNumberIsAProcess) {
+  EXPECT_EQ(jobState("a", Dictionary{{"PID", 7}}).process, 7);
+  for (const Value& none : {Value(0), Value(-1), Value("7")}) {
+    EXPECT_EQ(jobState("a", Dictionary{{"PID", none}}).process, std::nullopt);
+  }
+}
+
+TEST(JobsReportTest, TheTableIsAlignedAndSorted) {
+  EXPECT_EQ(asTable(twoJobs(), Reader::kOther),
+            "LABEL                        PID  LAST EXIT\n"
+            "agent                          -  killed by SIGKILL\n"
+            "com.example.longer.name  1234567  -\n");
+}
+
+TEST(JobsReportTest, ATableWithoutJobsSaysSo) {
+  EXPECT_EQ(asTable({}, Reader::kTerminal), "No jobs.\n");
+}
+
+TEST(JobsReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {
+  EXPECT_THAT(asTable(twoJobs(), Reader::kTerminal),
+              AllOf(HasSubstr("\033[31mkilled by SIGKILL\033[0m"),
+                    HasSubstr("\033[32m1234567\033[0m"), HasSubstr("\033[1mLABEL")));
+}
+
+TEST(JobsReportTest, ProgramsGetNumbers) {
+  const auto jobs = twoJobs();
+  EXPECT_EQ(asJson(jobs[0]).dump(),
+            R"({"label":"agent","pid":null,"lastExit":{"kind":"signalled","signal":9,)"
+            R"("name":"SIGKILL","dumpedCore":false}})");
+  EXPECT_EQ(asJson(jobs[1]).dump(),
+            R"({"label":"com.example.longer.name","pid":1234567,"lastExit":null})");
+  EXPECT_EQ(asJson(jobState("a", Dictionary{{"LastExitStatus", 3 << 8}}))["lastExit"].dump(),
+            R"({"kind":"exited","code":3})");
+  EXPECT_EQ(asJson(jobState("a", Dictionary{{"LastExitStatusUnknown", true}}))["lastExit"].dump(),
+            R"({"kind":"unknown"})");
+}
+
+TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
+  const Value dictionary =
+      Dictionary{{"Label", "agent"},  {"ProgramArguments", Array{"a b", "\033[2J"}},
+                 {"KeepAlive", true}, {"Key", Data{0xff}},
+                 {"PID", 12},         {"LastExitStatus", 0}};
+  const JobState job = jobState("agent", dictionary);
+  EXPECT_EQ(asText(job, dictionary, Reader::kOther),
+            "LABEL      PID  LAST EXIT\n"
+            "agent       12  succeeded\n"
+            "\n"
+            "Label             \"agent\"\n"
+            "ProgramArguments  [\"a b\",\"\\u001b[2J\"]\n"
+            "KeepAlive         true\n"
+            "Key               \"/w==\"\n");
+  const auto json = asJson(job, dictionary);
+  EXPECT_EQ(json["pid"], 12);
+  EXPECT_EQ(json["dictionary"]["KeepAlive"], true);
+  EXPECT_FALSE(json["dictionary"].contains("PID"));
+  EXPECT_FALSE(json["dictionary"].contains("LastExitStatus"));
+}
+
+TEST(JobsReportTest, NoControlCharacterOfAKeyReachesTheTerminal) {
+  const Value dictionary = Dictionary{{"\033[2J", "\n"}};
+  EXPECT_THAT(asText(jobState("a", dictionary), dictionary, Reader::kOther),
+              AllOf(Not(HasSubstr("\033")), HasSubstr("\\u001b[2J  \"\\n\"\n")));
+}
+
+TEST(JobsReportTest, WhatBecameOfASubmittedJobIsToldInASentence) {
+  EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"PID", 12}})), "agent runs as process 12.\n");
+  EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"LastExitStatus", 9}})),
+            "agent is loaded and has no process now; its last exit: killed by SIGKILL.\n");
+}
+
+TEST(JobsReportTest, AnErrorSaysWhatToDoNextAndHasAStatus) {
+  const auto error = [](LaunchdError code) {
+    return NSError{kCFErrorDomainLaunchd, static_cast<int>(code), "text"};
+  };
+  const auto advice = [&](LaunchdError code) { return asAdvice(error(code), "/opt/jobhost"); };
+  EXPECT_EQ(advice(LaunchdError::kUnavailable),
+            "text; is it running? Start it with \"/opt/jobhost\"");
+  EXPECT_EQ(advice(LaunchdError::kNotAuthorized),
+            "text; ask as root, or as the user whom the job host runs under");
+  EXPECT_EQ(advice(LaunchdError::kNoSuchJob),
+            "text; \"servicemanagerctl jobs list\" tells which there are");
+  EXPECT_EQ(advice(LaunchdError::kInvalidJob), "text");
+  EXPECT_EQ(exitStatusOf(error(LaunchdError::kInternal)), 1);
+  EXPECT_EQ(exitStatusOf(error(LaunchdError::kInvalidJob)), 1);
+  EXPECT_EQ(exitStatusOf(error(LaunchdError::kNoSuchJob)), 3);
+  EXPECT_EQ(exitStatusOf(error(LaunchdError::kNotAuthorized)), 4);
+  EXPECT_EQ(exitStatusOf(error(LaunchdError::kUnavailable)), 5);
+}
+
+}  // namespace

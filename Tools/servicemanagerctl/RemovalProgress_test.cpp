@@ -1,0 +1,56 @@
+#include "Tools/servicemanagerctl/RemovalProgress.h"
+
+#include <chrono>
+#include <optional>
+
+#include <gtest/gtest.h>
+
+#include "Platform/Testing/VirtualRunLoop.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class RemovalProgressTest : public testing::Test {
+ protected:
+  void begin(Reader reader, std::int64_t exitTimeOut = 20) {
+    progress_.emplace(loop_, "agent", exitTimeOut, reader,
+                      [this](const std::string& text) { written_ += text; });
+  }
+
+  platform::VirtualRunLoop loop_;
+  std::string written_;
+  std::optional<RemovalProgress> progress_;
+};
+
+TEST_F(RemovalProgressTest, AShortRemovalIsNotWorthALine) {
+  begin(Reader::kTerminal);
+  loop_.advanceBy(1s - 1ns);
+  progress_.reset();
+  EXPECT_EQ(written_, "");
+}
+
+TEST_F(RemovalProgressTest, AtATerminalOneLineChangesAndGoesAway) {
+  begin(Reader::kTerminal);
+  loop_.advanceBy(2s);
+  progress_.reset();
+  EXPECT_EQ(written_,
+            "\r\033[KWaiting for agent to end, 1 s so far (killed after 20 s)"
+            "\r\033[KWaiting for agent to end, 2 s so far (killed after 20 s)"
+            "\r\033[K");
+}
+
+TEST_F(RemovalProgressTest, ElsewhereOneLineIsEnough) {
+  begin(Reader::kOther);
+  loop_.advanceBy(1h);
+  progress_.reset();
+  EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far (killed after 20 s)\n");
+}
+
+TEST_F(RemovalProgressTest, AJobThatIsNeverKilledIsNotSaidToBe) {
+  begin(Reader::kOther, 0);
+  loop_.advanceBy(1s);
+  EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far\n");
+}
+
+}  // namespace
