@@ -42,12 +42,21 @@ LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::uint64_t originalDes
              .descriptorLimit = originalDescriptorLimit}) {}
 
 Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::make() {
+  return makeWith(platformRootOfExecutable);
+}
+
+Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeAt(const std::string& root) {
+  return makeWith([&](const std::string&) { return platformRootAt(root); });
+}
+
+Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeWith(
+    const std::function<Result<std::string>(const std::string& executable)>& findRoot) {
   ServiceNotify readiness = ServiceNotify::takeFromEnvironment();
   auto descriptorLimit = raiseDescriptorLimit();
   if (!descriptorLimit) return std::unexpected(std::move(descriptorLimit.error()));
   const auto executable = runningExecutablePath();
   if (!executable) return std::unexpected(executable.error());
-  const auto root = platformRootOfExecutable(*executable);
+  const auto root = findRoot(*executable);
   if (!root) return std::unexpected(root.error());
   auto configuration = readPlatformConfiguration(*root);
   if (!configuration) return std::unexpected(std::move(configuration.error()));

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,10 @@ struct LinuxPlatform {
   // be called first thing in `main`, before there are other threads. Every error says what to do.
   static Result<std::unique_ptr<LinuxPlatform>> make();
 
+  // The same for the platform whose root is the folder `root`, wherever this program lies. Fails
+  // with kInvalid where that is no platform root, with kNotFound where there is no such folder.
+  static Result<std::unique_ptr<LinuxPlatform>> makeAt(const std::string& root);
+
   LinuxPlatform(const LinuxPlatform&) = delete;
   LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
@@ -58,6 +63,9 @@ struct LinuxPlatform {
 
  private:
   static constexpr std::size_t kUtilityThreads = 2;
+
+  static Result<std::unique_ptr<LinuxPlatform>> makeWith(
+      const std::function<Result<std::string>(const std::string& executable)>& findRoot);
 
   LinuxPlatform(ServiceNotify readiness, std::uint64_t originalDescriptorLimit,
                 PlatformConfiguration configuration, Bundle mainBundle,

@@ -33,6 +33,10 @@ Choice chooseLogSink(const std::string& root, const LogSockets& sockets) {
   return Choice::kFile;
 }
 
+std::string logFile(const std::string& root) {
+  return (root.ends_with('/') ? root : root + "/") + "log/system.log";
+}
+
 Result<std::unique_ptr<LogSink>> makeLogSink(const std::string& root, Choice choice,
                                              const LogSockets& sockets) {
   switch (choice) {
@@ -43,8 +47,7 @@ Result<std::unique_ptr<LogSink>> makeLogSink(const std::string& root, Choice cho
     case Choice::kFile:
       break;
   }
-  return std::make_unique<FileLogSink>((root.ends_with('/') ? root : root + "/") +
-                                       "log/system.log");
+  return std::make_unique<FileLogSink>(logFile(root));
 }
 
 }  // namespace platform

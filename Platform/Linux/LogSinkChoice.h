@@ -22,7 +22,10 @@ struct LogSockets {
 PlatformConfiguration::LogSink chooseLogSink(const std::string& root,
                                              const LogSockets& sockets = {});
 
-// That sink; the file is log/system.log below the root. Its receiver need not be there. Fails only
+// The log file of the platform at `root`: log/system.log below it.
+std::string logFile(const std::string& root);
+
+// That sink; the file is logFile(). Its receiver need not be there. Fails only
 // when the system has no descriptor left.
 Result<std::unique_ptr<LogSink>> makeLogSink(const std::string& root,
                                              PlatformConfiguration::LogSink choice,

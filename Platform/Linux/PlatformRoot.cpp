@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include <fmt/format.h>
@@ -39,6 +41,24 @@ Result<std::string> platformRootOfExecutable(std::string_view executablePath) {
     }
   }
   return "/";
+}
+
+Result<std::string> platformRootAt(const std::string& folder) {
+  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(folder.c_str(), nullptr),
+                                                             &std::free);
+  if (!resolved) {
+    const bool isMissing = errno == ENOENT || errno == ENOTDIR;
+    return std::unexpected(systemError("the platform root " + folder,
+                                       isMissing ? ErrorCode::kNotFound : ErrorCode::kSystem));
+  }
+  std::string root(resolved.get());
+  const std::string file = configurationPath(root);
+  struct stat status{};
+  if (root == "/" || ::lstat(file.c_str(), &status) == 0) return root;
+  if (errno != ENOENT && errno != ENOTDIR) return std::unexpected(systemError(file));
+  return std::unexpected(
+      Error{ErrorCode::kInvalid, 0,
+            fmt::format("{} is no platform root: it has no {}", root, kConfigurationFile)});
 }
 
 Result<void> checkConfigurationTrust(const std::string& file, uid_t owner, mode_t mode,

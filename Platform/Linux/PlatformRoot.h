@@ -16,6 +16,11 @@ namespace platform {
 // answer would depend on who asks.
 Result<std::string> platformRootOfExecutable(std::string_view executablePath);
 
+// The platform root that `folder` is, absolute and without symbolic links. Every root but "/" has
+// its etc/vantor/platform.plist: without it fails with kInvalid, with kNotFound or another kind
+// where the folder can't be found.
+Result<std::string> platformRootAt(const std::string& folder);
+
 // The configuration of the platform at `root`, the defaults where it has no file. The file is
 // trusted only if it belongs to root or to the caller and nobody else can write it: it decides
 // which bus and which users this process, possibly root, listens to. It must be a regular file of

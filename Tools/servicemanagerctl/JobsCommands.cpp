@@ -10,17 +10,13 @@
 #include "Platform/Linux/PropertyListFile.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/Output.h"
-#include "Tools/servicemanagerctl/RemovalProgress.h"
+#include "Tools/servicemanagerctl/WaitProgress.h"
 
 namespace {
 
 using namespace platform;
 
 constexpr std::int64_t kDefaultExitTimeOut = 20;
-
-Reader readerOf(int descriptor) {
-  return ::isatty(descriptor) == 1 ? Reader::kTerminal : Reader::kOther;
-}
 
 }  // namespace
 
@@ -105,8 +101,10 @@ int JobsCommands::remove(const Connected& to) const {
   const auto job = to.jobs.copyJob(label_);
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label_);
-  std::optional<RemovalProgress> progress;
-  progress.emplace(to.loop, label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut),
+  std::optional<WaitProgress> progress;
+  progress.emplace(to.loop,
+                   WaitProgress::removalOf(
+                       label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut)),
                    readerOf(STDERR_FILENO), warn);
   std::expected<void, NSError> outcome;
   to.jobs.removeAsync(label_, [&](std::expected<void, NSError> removed) {

@@ -10,27 +10,13 @@
 #include "Platform/Jobs.h"
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/PropertyListScalars.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
 
 namespace {
 
 using namespace platform;
 using Json = nlohmann::ordered_json;
 using Kind = JobState::Ending::Kind;
-
-constexpr int kFailed = 1;
-constexpr int kNoSuchJob = 3;
-constexpr int kNotPermitted = 4;
-constexpr int kNoHost = 5;
-
-constexpr std::string_view kBold = "\033[1m";
-constexpr std::string_view kRed = "\033[31m";
-constexpr std::string_view kGreen = "\033[32m";
-constexpr std::string_view kPlain = "\033[0m";
-
-std::string coloured(std::string_view text, std::string_view colour, Reader reader) {
-  if (reader == Reader::kOther) return std::string(text);
-  return fmt::format("{}{}{}", colour, text, kPlain);
-}
 
 std::string signalName(int number) {
   const char* abbreviation = ::sigabbrev_np(number);
@@ -47,10 +33,6 @@ JobState::Ending endingIn(const Value& dictionary) {
   return {.kind = Kind::kSignalled,
           .number = WTERMSIG(status),
           .dumped = static_cast<bool>(WCOREDUMP(status))};
-}
-
-bool isFailure(const JobState::Ending& ending) {
-  return ending.kind == Kind::kSignalled || (ending.kind == Kind::kExited && ending.number != 0);
 }
 
 std::string processText(const JobState& job) {
@@ -131,6 +113,10 @@ std::vector<JobState> jobStates(const Dictionary& byLabel) {
   return jobs;
 }
 
+bool isFailure(const JobState::Ending& ending) {
+  return ending.kind == Kind::kSignalled || (ending.kind == Kind::kExited && ending.number != 0);
+}
+
 std::string inWords(const JobState::Ending& ending) {
   switch (ending.kind) {
     case Kind::kNone:
@@ -155,13 +141,13 @@ std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
   const auto out = std::back_inserter(text);
   const std::string heading =
       fmt::format("{:<{}}  {:>7}  {}", kLabelHeading, width, "PID", "LAST EXIT");
-  fmt::format_to(out, "{}\n", coloured(heading, kBold, reader));
+  fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
   for (const JobState& job : jobs) {
     const std::string process = fmt::format("{:>7}", processText(job));
     const std::string ending = inWords(job.lastExit);
     fmt::format_to(out, "{:<{}}  {}  {}\n", job.label, width,
-                   job.process ? coloured(process, kGreen, reader) : process,
-                   isFailure(job.lastExit) ? coloured(ending, kRed, reader) : ending);
+                   job.process ? coloured(process, Colour::kGreen, reader) : process,
+                   isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
   }
   return text;
 }
@@ -222,14 +208,14 @@ std::string asAdvice(const NSError& error, const std::string& hostProgram) {
 int exitStatusOf(const NSError& error) {
   switch (static_cast<LaunchdError>(error.code)) {
     case LaunchdError::kNoSuchJob:
-      return kNoSuchJob;
+      return kExitUnknownLabel;
     case LaunchdError::kNotAuthorized:
-      return kNotPermitted;
+      return kExitNotPermitted;
     case LaunchdError::kUnavailable:
-      return kNoHost;
+      return kExitNobodyThere;
     case LaunchdError::kInternal:
     case LaunchdError::kInvalidJob:
       break;
   }
-  return kFailed;
+  return kExitFailed;
 }

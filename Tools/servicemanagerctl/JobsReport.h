@@ -38,6 +38,9 @@ JobState jobState(std::string label, const platform::Value& dictionary);
 // Sorted by label.
 std::vector<JobState> jobStates(const platform::Dictionary& byLabel);
 
+// Whether the process did not end well. Of an unknown end nobody can say.
+bool isFailure(const JobState::Ending& ending);
+
 // "-", "unknown", "succeeded", "exited with 3", "killed by SIGKILL".
 std::string inWords(const JobState::Ending& ending);
 

@@ -1,5 +1,6 @@
-// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, and of the job commands
-// 3 no such job, 4 not permitted, 5 no job host.
+// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service or
+// job, 4 not permitted, 5 no service manager or job host, 6 the service manager is not this
+// product's.
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,18 +12,24 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
+#include "Platform/Linux/ConnectionsFolder.h"
 #include "Platform/Linux/EmbeddedJobs.h"
 #include "Platform/Linux/JobHostClient.h"
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NotificationBus.h"
+#include "Platform/NamedConnections.h"
 #include "Platform/Thread.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
+#include "Tools/servicemanagerctl/ServiceCommands.h"
+#include "Tools/servicemanagerctl/WatchCommand.h"
 
 namespace {
-
-constexpr int kNotUnderstood = 2;
 
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const PlatformReport report = makePlatformReport(
@@ -57,18 +64,52 @@ int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& messag
               "there is room and permission to write");
 }
 
-std::string hostProgram(const platform::Bundle& tool) {
-  const std::string& path = tool.executablePath();
-  return path.substr(0, path.rfind('/') + 1) + "jobhost";
+// Where the job host's program is to be found: beside this one, or where it is installed in another
+// root.
+std::string hostProgram(const platform::LinuxPlatform& linuxPlatform, bool isOtherRoot) {
+  const std::string& path = linuxPlatform.mainBundle.executablePath();
+  if (!isOtherRoot) return path.substr(0, path.rfind('/') + 1) + "jobhost";
+  const std::string& root = linuxPlatform.configuration.root;
+  return (root == "/" ? root : root + "/") + "usr/bin/jobhost";
 }
 
-int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform) {
+int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform,
+                   const std::string& hostProgram) {
   // Without patience: a person can ask again, and wants to know at once that no host runs.
   platform::JobHostClient client(linuxPlatform.peerTransport, *linuxPlatform.runLoop,
                                  platform::jobHostSocket(linuxPlatform.configuration.root),
                                  platform::Duration::zero());
   platform::EmbeddedJobs jobs(client);
-  return commands.run(jobs, *linuxPlatform.runLoop, hostProgram(linuxPlatform.mainBundle));
+  return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
+}
+
+// `commands` speak to the service manager.
+template <typename Commands>
+int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPlatform) {
+  const LoggerBinding logger(linuxPlatform.systemLog);
+  const std::string& root = linuxPlatform.configuration.root;
+  const auto path = [&](std::string_view name) { return platform::pathOfConnection(root, name); };
+  platform::NotificationCenter center;
+  platform::NamedConnections connections(*linuxPlatform.runLoop, linuxPlatform.peerTransport,
+                                         center, linuxPlatform.systemLog, path);
+  const auto distributedCenter = platform::makeBusNotificationCenter(
+      *linuxPlatform.runLoop, platform::notificationBusAddress(linuxPlatform.configuration),
+      linuxPlatform.systemLog);
+  platform::ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  return commands.run({.objects = {*linuxPlatform.runLoop, connections, *distributedCenter, center,
+                                   protocols, linuxPlatform.systemInformation},
+                       .transport = linuxPlatform.peerTransport,
+                       .path = path,
+                       .root = root});
+}
+
+// For every command, before and behind its name.
+void addRootOption(CLI::App& command, std::string& root) {
+  command.add_option("--root", root, "Another platform root than the one this program lies in")
+      ->type_name("DIR");
+  for (CLI::App* nested : command.get_subcommands([](CLI::App*) { return true; }))
+    addRootOption(*nested, root);
 }
 
 }  // namespace
@@ -84,20 +125,30 @@ int main(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  const ServiceCommands serviceCommands(app);
+  const WatchCommand watchCommand(app);
+  const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
+  std::string root;
+  addRootOption(app, root);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? EXIT_SUCCESS : kNotUnderstood;
+    return app.exit(error) == 0 ? EXIT_SUCCESS : kExitNotUnderstood;
   }
 
-  auto linuxPlatform = platform::LinuxPlatform::make();
+  auto linuxPlatform =
+      root.empty() ? platform::LinuxPlatform::make() : platform::LinuxPlatform::makeAt(root);
   if (!linuxPlatform) {
     return fail(platform::describe(linuxPlatform.error()));
   }
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
-  if (jobsCommands.parsed()) return runJobsCommand(jobsCommands, linux);
+  if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
+  if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
+  if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
+  if (jobsCommands.parsed())
+    return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
   if (logTestCommand->parsed()) return runLogTest(linux, message);
   return EXIT_SUCCESS;
 }

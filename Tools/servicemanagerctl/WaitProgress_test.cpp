@@ -1,4 +1,4 @@
-#include "Tools/servicemanagerctl/RemovalProgress.h"
+#include "Tools/servicemanagerctl/WaitProgress.h"
 
 #include <chrono>
 #include <optional>
@@ -11,26 +11,26 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class RemovalProgressTest : public testing::Test {
+class WaitProgressTest : public testing::Test {
  protected:
   void begin(Reader reader, std::int64_t exitTimeOut = 20) {
-    progress_.emplace(loop_, "agent", exitTimeOut, reader,
+    progress_.emplace(loop_, WaitProgress::removalOf("agent", exitTimeOut), reader,
                       [this](const std::string& text) { written_ += text; });
   }
 
   platform::VirtualRunLoop loop_;
   std::string written_;
-  std::optional<RemovalProgress> progress_;
+  std::optional<WaitProgress> progress_;
 };
 
-TEST_F(RemovalProgressTest, AShortRemovalIsNotWorthALine) {
+TEST_F(WaitProgressTest, AShortRemovalIsNotWorthALine) {
   begin(Reader::kTerminal);
   loop_.advanceBy(1s - 1ns);
   progress_.reset();
   EXPECT_EQ(written_, "");
 }
 
-TEST_F(RemovalProgressTest, AtATerminalOneLineChangesAndGoesAway) {
+TEST_F(WaitProgressTest, AtATerminalOneLineChangesAndGoesAway) {
   begin(Reader::kTerminal);
   loop_.advanceBy(2s);
   progress_.reset();
@@ -40,14 +40,14 @@ TEST_F(RemovalProgressTest, AtATerminalOneLineChangesAndGoesAway) {
             "\r\033[K");
 }
 
-TEST_F(RemovalProgressTest, ElsewhereOneLineIsEnough) {
+TEST_F(WaitProgressTest, ElsewhereOneLineIsEnough) {
   begin(Reader::kOther);
   loop_.advanceBy(1h);
   progress_.reset();
   EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far (killed after 20 s)\n");
 }
 
-TEST_F(RemovalProgressTest, AJobThatIsNeverKilledIsNotSaidToBe) {
+TEST_F(WaitProgressTest, AJobThatIsNeverKilledIsNotSaidToBe) {
   begin(Reader::kOther, 0);
   loop_.advanceBy(1s);
   EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far\n");

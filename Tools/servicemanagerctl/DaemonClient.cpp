@@ -1,0 +1,117 @@
+#include "Tools/servicemanagerctl/DaemonClient.h"
+
+#include <cerrno>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "Tools/servicemanagerctl/ExitStatus.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr char kNoProxy[] = "VantorNilProxyException";
+
+std::int64_t inSeconds(Duration duration) {
+  return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
+}
+
+}  // namespace
+
+DaemonClient::DaemonClient(const Environment& environment, std::string server, std::string protocol)
+    : environment_(environment),
+      server_(std::move(server)),
+      protocol_(std::move(protocol)),
+      client_(environment_.objects, server_, protocol_, std::nullopt) {}
+
+Answer<void> DaemonClient::connect() {
+  const auto connection = lookUp();
+  if (!connection) return std::unexpected(connection.error());
+  // Step by step: the client itself would keep from us why it has no proxy.
+  (*connection)->setDelegate(&client_);
+  (*connection)->setRequestTimeout(kPatience);
+  const auto proxy = (*connection)->rootProxy();
+  if (!proxy) return std::unexpected(refusal(proxy.error(), kPatience));
+  (*proxy)->setProtocolForProxy(environment_.objects.protocols.find(protocol_));
+  client_.setConnection(*connection);
+  client_.setRootProxy(*proxy);
+  return {};
+}
+
+Answer<std::shared_ptr<NSConnection>> DaemonClient::lookUp() {
+  const Instant deadline = environment_.objects.loop.now() + kPatience;
+  for (;;) {
+    if (auto connection = environment_.objects.connections.connectionWithRegisteredName(server_))
+      return connection;
+    const auto tried = environment_.transport.connect(environment_.path(server_), {});
+    const bool isLate = environment_.objects.loop.now() >= deadline;
+    if (!tried && (isLate || tried.error().kind != PeerConnectFailure::Kind::kTimedOut))
+      return std::unexpected(refusal(tried.error()));
+    if (isLate) return std::unexpected(nobodyThere());
+    // It is there but busy; a program that nobody waits for would leave it alone for a while.
+    environment_.objects.connections.serverDidStart(server_);
+  }
+}
+
+Answer<Value> DaemonClient::ask(std::string_view selector, Array arguments, Duration patience) {
+  if (connection()) connection()->setReplyTimeout(patience);
+  auto result = client_.sendMessage(selector, std::move(arguments));
+  if (!result) return std::unexpected(refusal(result.error(), patience));
+  if (const auto& raised = client_.recentException())
+    return std::unexpected(refusal(*raised, patience));
+  return std::move(*result);
+}
+
+Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
+  using Kind = PeerConnectFailure::Kind;
+  const std::string why = describe(failure.error);
+  switch (failure.kind) {
+    case Kind::kNobodyThere:
+      return nobodyThere();
+    case Kind::kRefused:
+      if (failure.error.osError != EACCES && failure.error.osError != EPERM) break;
+      return {
+          kExitNotPermitted,
+          fmt::format("{}; ask as root, or as the user whom the service manager runs under", why)};
+    case Kind::kTimedOut:
+      return {
+          kExitFailed,
+          fmt::format("the service manager is there but has not answered for {} s; it may be "
+                      "waiting for a job to end, so try again later, and see \"servicemanagerctl "
+                      "log\"",
+                      inSeconds(kPatience))};
+    case Kind::kSystem:
+      break;
+  }
+  return {kExitFailed, "the service manager can't be reached: " + why};
+}
+
+Refusal DaemonClient::refusal(const NSException& exception, Duration patience) const {
+  if (exception.name == kNSFailedAuthenticationException)
+    return {kExitNotAuthenticated,
+            fmt::format("the service manager and this tool don't recognize each other: {}; both "
+                        "must be of the same product and run on this machine itself, so use the "
+                        "servicemanagerctl that was installed with it",
+                        exception.reason)};
+  if (exception.name == kNSPortTimeoutException)
+    return {kExitFailed,
+            fmt::format("the service manager has not answered for {} s; it may still be at it: see "
+                        "\"servicemanagerctl list\" and \"servicemanagerctl log\"",
+                        inSeconds(patience))};
+  if (exception.name == kNSInvalidSendPortException)
+    return {kExitNobodyThere,
+            "the service manager ended before it answered; the job host starts it again, so try "
+            "once more"};
+  if (exception.name == kNoProxy) return nobodyThere();
+  return {kExitFailed,
+          fmt::format("the service manager refused: {}: {}", exception.name, exception.reason)};
+}
+
+Refusal DaemonClient::nobodyThere() const {
+  return {kExitNobodyThere,
+          fmt::format("no service manager serves below {}; is it running? \"servicemanagerctl jobs "
+                      "show com.vantor.servicemanager\" tells, and \"servicemanagerctl log\" why "
+                      "one that runs may be idle",
+                      environment_.root)};
+}

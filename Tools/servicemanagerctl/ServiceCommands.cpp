@@ -1,0 +1,236 @@
+#include "Tools/servicemanagerctl/ServiceCommands.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/Output.h"
+
+namespace {
+
+using namespace platform;
+
+// The service manager looks for a new job's process for twelve seconds, and the job host takes its
+// time to stop one that is in the way.
+constexpr Duration kStartTime = std::chrono::seconds(60);
+constexpr std::int64_t kDefaultExitTimeOut = 20;
+// Beyond a day nobody waits; it also bounds what a catalogue can make of the sum.
+constexpr std::int64_t kLongestWait = 24 * 60 * 60;
+
+Array asArray(const std::vector<std::string>& labels) { return {labels.begin(), labels.end()}; }
+
+Answer<void> connect(DaemonClient& daemon) {
+  const BlockedCallProgress progress({.what = "the service manager to answer"});
+  return daemon.connect();
+}
+
+// All entries of the catalogue.
+Answer<Value> readCatalogue(DaemonClient& daemon) {
+  auto services = daemon.ask("services");
+  if (services && services->dictionary() == nullptr) return Value(Dictionary());
+  return services;
+}
+
+Answer<std::vector<ServiceState>> readStates(DaemonClient& daemon, const Value& catalogue,
+                                             const std::vector<std::string>& labels,
+                                             const SystemInformation& system) {
+  std::vector<ServiceState> states;
+  for (const std::string& label : labels) {
+    const auto process = daemon.ask("pidForService:", {label});
+    if (!process) return std::unexpected(process.error());
+    const auto status = daemon.ask("lastExitStatusForService:", {label});
+    if (!status) return std::unexpected(status.error());
+    states.push_back(serviceState(label, catalogue, *process, *status, system));
+  }
+  return states;
+}
+
+// The same, but fails where one of the labels is no service's: before anything is done to others.
+Answer<Value> readCatalogueWith(DaemonClient& daemon, const std::vector<std::string>& labels) {
+  auto catalogue = readCatalogue(daemon);
+  if (!catalogue) return catalogue;
+  std::string unknown;
+  for (const std::string& label : labels) {
+    if (catalogue->dictionary()->contains(label)) continue;
+    unknown += fmt::format("{}\"{}\"", unknown.empty() ? "" : ", ", label);
+  }
+  if (unknown.empty()) return catalogue;
+  return std::unexpected(
+      Refusal{kExitUnknownLabel,
+              fmt::format("no service has the label {}; \"servicemanagerctl list\" tells which "
+                          "there are. Nothing was done",
+                          unknown)});
+}
+
+std::int64_t exitTimeOutOf(const std::string& label, const Value& catalogue) {
+  const auto given = catalogue[label]["JobSpec"]["ExitTimeOut"].integer();
+  return std::clamp<std::int64_t>(given.value_or(kDefaultExitTimeOut), 0, kLongestWait);
+}
+
+// How long the removal of these services may take: they are removed one after the other, and 0
+// means that a process is never killed.
+Duration removalTime(const std::vector<std::string>& labels, const Value& catalogue) {
+  std::int64_t seconds = 0;
+  for (const std::string& label : labels) {
+    const std::int64_t exitTimeOut = exitTimeOutOf(label, catalogue);
+    seconds += exitTimeOut == 0 ? kLongestWait : exitTimeOut;
+  }
+  return DaemonClient::kPatience + std::chrono::seconds(std::min(seconds, kLongestWait));
+}
+
+WaitProgress::Wait removalOf(const std::vector<std::string>& labels, const Value& catalogue) {
+  if (labels.size() == 1)
+    return WaitProgress::removalOf(labels.front(), exitTimeOutOf(labels.front(), catalogue));
+  return {.what = fmt::format("{} services to end", labels.size())};
+}
+
+}  // namespace
+
+ServiceCommands::ServiceCommands(CLI::App& app)
+    : list_(
+          app.add_subcommand("list", "All services: type, state, process, how the last one ended")),
+      start_(app.add_subcommand("start", "Start services, also ones that were stopped")),
+      stop_(app.add_subcommand("stop", "Stop services until they are started again")),
+      installer_(app.add_subcommand("installer", "Make way for an installer")),
+      begin_(installer_->add_subcommand("begin",
+                                        "Stop services; none is started until the installer ends")),
+      end_(installer_->add_subcommand("end", "Let the service manager decide again")) {
+  installer_->require_subcommand(1);
+  for (CLI::App* command : {list_, start_, stop_, begin_, end_}) {
+    command->add_flag("--json", json_, "For programs");
+  }
+  for (CLI::App* command : {start_, stop_, begin_}) {
+    command->add_option("label", labels_, "The services' labels")->required();
+  }
+}
+
+bool ServiceCommands::parsed() const {
+  return list_->parsed() || start_->parsed() || stop_->parsed() || installer_->parsed();
+}
+
+int ServiceCommands::run(const DaemonClient::Environment& environment) const {
+  const SystemInformation& system = environment.objects.system;
+  const auto act = [&]() -> Answer<int> {
+    if (end_->parsed()) return endInstaller(environment);
+    DaemonClient userInterface(environment, kUserInterfaceServer,
+                               kORBServiceManagerUserInterfaceProtocol);
+    if (const auto connected = connect(userInterface); !connected)
+      return std::unexpected(connected.error());
+    if (list_->parsed()) return list(userInterface, system);
+    if (start_->parsed()) return start(userInterface, system);
+    if (stop_->parsed()) return stop(userInterface, system);
+    return beginInstaller(userInterface, environment);
+  };
+  const Answer<int> outcome = act();
+  if (outcome) return *outcome;
+  fail(outcome.error().text);
+  return outcome.error().exitStatus;
+}
+
+Answer<int> ServiceCommands::list(DaemonClient& userInterface,
+                                  const SystemInformation& system) const {
+  const BlockedCallProgress progress({.what = "the service manager to answer"});
+  const auto catalogue = readCatalogue(userInterface);
+  if (!catalogue) return std::unexpected(catalogue.error());
+  std::vector<std::string> labels;
+  for (const auto& [label, entry] : *catalogue->dictionary()) labels.push_back(label);
+  std::ranges::sort(labels);
+  const auto services = readStates(userInterface, *catalogue, labels, system);
+  if (!services) return std::unexpected(services.error());
+  print(json_ ? asJson(*services).dump(2) + "\n" : asTable(*services, readerOf(STDOUT_FILENO)));
+  return EXIT_SUCCESS;
+}
+
+Answer<int> ServiceCommands::start(DaemonClient& userInterface,
+                                   const SystemInformation& system) const {
+  const auto catalogue = readCatalogueWith(userInterface, labels_);
+  if (!catalogue) return std::unexpected(catalogue.error());
+  Answer<std::vector<ServiceState>> services;
+  {
+    const BlockedCallProgress progress(
+        {.what = labels_.size() == 1 ? labels_.front() + " to start"
+                                     : fmt::format("{} services to start", labels_.size())});
+    const auto sent = userInterface.ask("startServices:", {asArray(labels_)});
+    if (!sent) return std::unexpected(sent.error());
+    // The request itself has no answer. The next one is answered when it is done.
+    const auto done = userInterface.ask("pidForService:", {labels_.front()},
+                                        kStartTime * static_cast<std::int64_t>(labels_.size()));
+    if (!done) return std::unexpected(done.error());
+    services = readStates(userInterface, *catalogue, labels_, system);
+  }
+  if (!services) return std::unexpected(services.error());
+  return conclude(*services, true);
+}
+
+Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
+                                  const SystemInformation& system) const {
+  const auto catalogue = readCatalogueWith(userInterface, labels_);
+  if (!catalogue) return std::unexpected(catalogue.error());
+  Answer<std::vector<ServiceState>> services;
+  {
+    const BlockedCallProgress progress(removalOf(labels_, *catalogue));
+    const auto sent = userInterface.ask("stopServices:", {asArray(labels_)});
+    if (!sent) return std::unexpected(sent.error());
+    const auto done =
+        userInterface.ask("pidForService:", {labels_.front()}, removalTime(labels_, *catalogue));
+    if (!done) return std::unexpected(done.error());
+    services = readStates(userInterface, *catalogue, labels_, system);
+  }
+  if (!services) return std::unexpected(services.error());
+  return conclude(*services, false);
+}
+
+Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
+                                            const DaemonClient::Environment& environment) const {
+  const auto catalogue = readCatalogueWith(userInterface, labels_);
+  if (!catalogue) return std::unexpected(catalogue.error());
+  DaemonClient installer(environment, kInstallerServer, kORBServiceManagerInstallerProtocol);
+  if (const auto connected = connect(installer); !connected)
+    return std::unexpected(connected.error());
+  Answer<std::vector<ServiceState>> services;
+  {
+    const BlockedCallProgress progress(removalOf(labels_, *catalogue));
+    const auto done =
+        installer.ask("shutdownServices:", {asArray(labels_)}, removalTime(labels_, *catalogue));
+    if (!done) return std::unexpected(done.error());
+    services = readStates(userInterface, *catalogue, labels_, environment.objects.system);
+  }
+  if (!services) return std::unexpected(services.error());
+  const int status = conclude(*services, false);
+  if (!json_) print("No service is started by itself until \"servicemanagerctl installer end\".\n");
+  return status;
+}
+
+Answer<int> ServiceCommands::endInstaller(const DaemonClient::Environment& environment) const {
+  DaemonClient installer(environment, kInstallerServer, kORBServiceManagerInstallerProtocol);
+  if (const auto connected = connect(installer); !connected)
+    return std::unexpected(connected.error());
+  const auto answer = installer.ask("evaluateServices");
+  if (!answer) return std::unexpected(answer.error());
+  if (*answer != Value(true))
+    return std::unexpected(Refusal{kExitFailed,
+                                   "the service manager did not take the request; see "
+                                   "\"servicemanagerctl log\""});
+  print(json_ ? nlohmann::ordered_json{{"evaluating", true}}.dump(2) + "\n"
+              : "The service manager decides anew which services run.\n");
+  return EXIT_SUCCESS;
+}
+
+int ServiceCommands::conclude(const std::vector<ServiceState>& services, bool shouldRun) const {
+  bool asWanted = true;
+  std::string text;
+  for (const ServiceState& service : services) {
+    asWanted = asWanted && service.job.process.has_value() == shouldRun;
+    text += asSentence(service);
+  }
+  print(json_ ? asJson(services).dump(2) + "\n" : text);
+  if (asWanted) return EXIT_SUCCESS;
+  return fail(fmt::format("not every service {}; \"servicemanagerctl log\" tells why",
+                          shouldRun ? "runs" : "is stopped"));
+}

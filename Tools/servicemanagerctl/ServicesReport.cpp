@@ -1,0 +1,169 @@
+#include "Tools/servicemanagerctl/ServicesReport.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <fmt/format.h>
+
+#include "Platform/Linux/JobHostMessages.h"
+#include "ServiceManager/ServiceManager/MinimumOSVersion.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "Shared/Categories/NSProcessInfo+Extensions.h"
+
+namespace {
+
+using namespace platform;
+using Activity = ServiceState::Activity;
+using Json = nlohmann::ordered_json;
+
+// Whether the service manager would refuse it on this system; it says so only in its log.
+bool isUnsupported(const std::string& neededSystem, const SystemInformation& system) {
+  if (neededSystem.empty()) return false;
+  const auto needed = kernelMajorNumberForMinimumOSVersion(neededSystem);
+  return !needed || NSProcessInfo::Extensions::systemMajorNumber(&system) < *needed;
+}
+
+Activity activityOf(const JobState& job, const std::string& neededSystem,
+                    const SystemInformation& system) {
+  if (job.process) return Activity::kRunning;
+  if (isUnsupported(neededSystem, system)) return Activity::kUnsupported;
+  return job.lastExit == JobState::Ending{} ? Activity::kStopped : Activity::kWaiting;
+}
+
+std::string_view nameOf(ServiceState::Type type) {
+  return type == ServiceState::Type::kFeature ? "feature" : "core";
+}
+
+std::string_view nameOf(Activity activity) {
+  switch (activity) {
+    case Activity::kRunning:
+      return "running";
+    case Activity::kWaiting:
+      return "waiting";
+    case Activity::kStopped:
+      return "stopped";
+    case Activity::kUnsupported:
+      return "unsupported";
+  }
+  return "";
+}
+
+// What a notice says; the process is there only where one runs.
+struct Notice {
+  std::string label;
+  std::optional<std::int64_t> process;
+};
+
+std::optional<Notice> readNotice(const Value& notice) {
+  const std::string* label = notice["Label"].string();
+  const auto status = notice["status"].integer();
+  const auto process = notice["PID"].integer();
+  if (label == nullptr || !status) return std::nullopt;
+  if (*status != ORBServiceManager::kJobRuns) return Notice{*label, std::nullopt};
+  if (!process) return std::nullopt;
+  return Notice{*label, process};
+}
+
+}  // namespace
+
+ServiceState serviceState(const std::string& label, const Value& services, const Value& process,
+                          const Value& lastExitStatus, const SystemInformation& system) {
+  Dictionary job;
+  if (!process.isNil()) job.set(kJobProcessKey, process);
+  if (!lastExitStatus.isNil()) job.set(kJobLastStatusKey, lastExitStatus);
+  const bool isFeature =
+      ORBServiceManager::serviceTypeForLabel(label, Dictionary{{"Services", services}}) ==
+      ORBServiceManager::kFeatureService;
+  const std::string* needed = services[label]["MinimumOSVersion"].string();
+  ServiceState state{.job = jobState(label, Value(std::move(job))),
+                     .type = isFeature ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
+                     .neededSystem = needed == nullptr ? "" : *needed};
+  state.activity = activityOf(state.job, state.neededSystem, system);
+  return state;
+}
+
+std::string inWords(const ServiceState& service) {
+  if (service.activity == Activity::kUnsupported) return "needs " + service.neededSystem;
+  return std::string(nameOf(service.activity));
+}
+
+std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
+  if (services.empty()) return "No services.\n";
+  constexpr std::string_view kLabelHeading = "LABEL";
+  constexpr std::string_view kStateHeading = "STATE";
+  std::size_t labelWidth = kLabelHeading.size();
+  std::size_t stateWidth = kStateHeading.size();
+  for (const ServiceState& service : services) {
+    labelWidth = std::max(labelWidth, service.job.label.size());
+    stateWidth = std::max(stateWidth, inWords(service).size());
+  }
+  std::string text;
+  const auto out = std::back_inserter(text);
+  const std::string heading =
+      fmt::format("{:<{}}  {:<7}  {:<{}}  {:>7}  {}", kLabelHeading, labelWidth, "TYPE",
+                  kStateHeading, stateWidth, "PID", "LAST EXIT");
+  fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
+  for (const ServiceState& service : services) {
+    const JobState& job = service.job;
+    const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
+    const std::string ending = inWords(job.lastExit);
+    fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", job.label, labelWidth,
+                   nameOf(service.type),
+                   job.process ? coloured(state, Colour::kGreen, reader) : state,
+                   job.process ? fmt::format("{}", *job.process) : "-",
+                   isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
+  }
+  return text;
+}
+
+Json asJson(const ServiceState& service) {
+  const Json job = asJson(service.job);
+  Json json{{"label", service.job.label},
+            {"type", nameOf(service.type)},
+            {"state", nameOf(service.activity)}};
+  json["pid"] = job["pid"];
+  json["lastExit"] = job["lastExit"];
+  json["neededSystem"] = service.neededSystem.empty() ? Json() : Json(service.neededSystem);
+  return json;
+}
+
+Json asJson(const std::vector<ServiceState>& services) {
+  Json json = Json::array();
+  for (const ServiceState& service : services) json.push_back(asJson(service));
+  return json;
+}
+
+std::string asSentence(const ServiceState& service) {
+  const std::string& label = service.job.label;
+  switch (service.activity) {
+    case Activity::kRunning:
+      return fmt::format("{} runs as process {}.\n", label, *service.job.process);
+    case Activity::kWaiting:
+      return fmt::format("{} has no process now and is to be started again; its last exit: {}.\n",
+                         label, inWords(service.job.lastExit));
+    case Activity::kStopped:
+      return fmt::format("{} is stopped.\n", label);
+    case Activity::kUnsupported:
+      return fmt::format("{} is not started here: it needs release {}.\n", label,
+                         service.neededSystem);
+  }
+  return "";
+}
+
+std::optional<std::string> noticeAsText(const Value& notice, std::string_view time, Reader reader) {
+  const auto read = readNotice(notice);
+  if (!read) return std::nullopt;
+  if (!read->process)
+    return fmt::format("{}  {}  {}\n", time, read->label, coloured("ended", Colour::kRed, reader));
+  return fmt::format("{}  {}  {} as process {}\n", time, read->label,
+                     coloured("runs", Colour::kGreen, reader), *read->process);
+}
+
+std::optional<std::string> noticeAsJson(const Value& notice, std::string_view time) {
+  const auto read = readNotice(notice);
+  if (!read) return std::nullopt;
+  Json json{{"time", time}, {"label", read->label}};
+  json["state"] = read->process ? "running" : "ended";
+  json["pid"] = read->process ? Json(*read->process) : Json();
+  return json.dump() + "\n";
+}

@@ -1,0 +1,93 @@
+#include "Tools/servicemanagerctl/WatchCommand.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "Platform/NSProtocolChecker.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ServicesReport.h"
+
+namespace {
+
+using namespace platform;
+
+// In the manner of the log, so that the two can be laid beside each other.
+std::string textOf(WallTime time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  return fmt::format("{:%FT%T}Z", fmt::gmtime(seconds.time_since_epoch().count()));
+}
+
+// What the service manager tells of its services.
+class NoticePrinter final : public MessageReceiver {
+ public:
+  NoticePrinter(RunLoop& loop, bool json) : loop_(loop), json_(json) {}
+
+  MessageResult receiveMessage(std::string_view /*jobStatusDidChangeWithInfo:*/,
+                               const Array& arguments) override {
+    const std::string time = textOf(loop_.wallTime());
+    const auto line = json_ ? noticeAsJson(arguments.front(), time)
+                            : noticeAsText(arguments.front(), time, readerOf(STDOUT_FILENO));
+    // Where nobody reads any more, the service manager need not tell us either.
+    if (line && !print(*line)) loop_.stop();
+    return Value();
+  }
+
+ private:
+  RunLoop& loop_;
+  const bool json_;
+};
+
+// Returns how many services there are, once the service manager has taken the client.
+Answer<std::size_t> registerClient(DaemonClient& daemon, const Value& client) {
+  const BlockedCallProgress progress({.what = "the service manager to answer"});
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  if (const auto sent = daemon.ask("registerClient:", {client}); !sent)
+    return std::unexpected(sent.error());
+  const auto services = daemon.ask("services");  // The first had no answer, so wait for this one's.
+  if (!services) return std::unexpected(services.error());
+  return services->dictionary() == nullptr ? 0 : services->dictionary()->size();
+}
+
+}  // namespace
+
+WatchCommand::WatchCommand(CLI::App& app)
+    : watch_(app.add_subcommand("watch", "Each start and end of a service as it happens")) {
+  watch_->add_flag("--json", json_, "For programs, a line each");
+}
+
+int WatchCommand::run(const DaemonClient::Environment& environment) const {
+  RunLoop& loop = environment.objects.loop;
+  DaemonClient daemon(environment, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol);
+  NoticePrinter printer(loop, json_);
+  // Shared with nobody: the connection knows it weakly.
+  const auto client = std::make_shared<NSProtocolChecker>(
+      &printer,
+      environment.objects.protocols.find(kORBServiceManagerUserInterfaceDelegateProtocol));
+  bool hasGone = false;
+  const auto death = environment.objects.center.addObserver(kNSConnectionDidDieNotification,
+                                                            nullptr, [&](const Notification&) {
+                                                              hasGone = true;
+                                                              loop.stop();
+                                                            });
+  const auto services = registerClient(daemon, Value(client));
+  if (!services) {
+    fail(services.error().text);
+    return services.error().exitStatus;
+  }
+  warn(fmt::format("Watching {} services; Ctrl-C ends it.\n", *services));
+  loop.run();
+  if (!hasGone) return EXIT_SUCCESS;
+  fail("the service manager has gone; the job host starts it again, so watch again then");
+  return kExitNobodyThere;
+}
