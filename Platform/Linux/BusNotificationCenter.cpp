@@ -5,7 +5,10 @@
 
 #include <poll.h>
 
+#include "Platform/Linux/DBusConnecting.h"
 #include "Platform/Linux/DBusValues.h"
+#include "Platform/Linux/NotificationBus.h"
+#include "Platform/Linux/SocketName.h"
 #include "Platform/PeerMessageRules.h"
 #include "Platform/StringFormat.h"
 
@@ -19,20 +22,24 @@ constexpr char kMember[] = "Posted";
 constexpr char kBus[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
-// What the bus takes as one message from an observer's point of view: more than any notification of
-// the product needs.
-constexpr std::size_t kMaximumUserInfoBytes = std::size_t{64} * 1024;
-
-// What may wait for the registration, and what the bus may leave unread.
-constexpr std::size_t kMaximumUnsentBytes = std::size_t{1} << 20;
-
-// The bus ends the connection of who sends a longer rule.
-constexpr std::size_t kMaximumRuleBytes = 1024;
-
 constexpr std::chrono::milliseconds kRetryTime{500};
 
-// A bus that ends or refuses a message costs less than one that grows without bound here.
+// What may have come and not been looked at; a bus that sends more waits.
 constexpr long kMaximumReceivedBytes = 1L << 20;
+
+// Empty where the address is no socket's path.
+std::string socketPathOf(const std::string& address) {
+  DBusErrorText error;
+  DBusAddressEntry** entries = nullptr;
+  int count = 0;
+  if (!dbus_parse_address(address.c_str(), &entries, &count, error.get())) return {};
+  const char* path = nullptr;
+  if (count > 0 && std::string_view(dbus_address_entry_get_method(entries[0])) == "unix")
+    path = dbus_address_entry_get_value(entries[0], "path");
+  std::string result = path != nullptr ? path : "";
+  dbus_address_entries_free(entries);
+  return result;
+}
 
 std::string quoted(std::string_view text) {
   std::string result = "'";
@@ -53,7 +60,7 @@ std::string ruleFor(const std::optional<std::string>& name) {
   if (!name || name->find('\0') != std::string::npos || !dbus_validate_utf8(name->c_str(), nullptr))
     return all;
   std::string rule = all + ",arg0=" + quoted(*name);
-  return rule.size() <= kMaximumRuleBytes ? rule : all;
+  return rule.size() <= kMaxMatchRuleBytes ? rule : all;
 }
 
 std::unexpected<Error> failed(ErrorCode code, std::string what) {
@@ -103,9 +110,9 @@ Result<UniqueDBusMessage> encode(const DistributedNotification& notification) {
   if (!notification.userInfo.isNil()) parts.push_back(notification.userInfo);
   const auto size = peerBodyBytes(parts);
   if (!size) return std::unexpected(size.error());
-  if (*size > kMaximumUserInfoBytes)
+  if (*size > kMaxNotificationBytes)
     return failed(ErrorCode::kExhausted, stringWithFormat("it has %lu bytes, more than %lu", *size,
-                                                          kMaximumUserInfoBytes));
+                                                          kMaxNotificationBytes));
 
   UniqueDBusMessage message(dbus_message_new_signal(kPath, kInterface, kMember));
   if (!message) return outOfMemory();
@@ -170,24 +177,37 @@ BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string addr
                                              Duration confirmationTime)
     : loop_(loop),
       address_(std::move(address)),
+      socketPath_(socketPathOf(address_)),
       log_(log),
       confirmationTime_(confirmationTime),
       alive_(std::make_shared<BusNotificationCenter*>(this)) {
-  connect();
+  if (!socketPath_.empty()) {
+    connect();
+    return;
+  }
+  const AslClient client{"DistributedNotificationCenter", "com.vantor.platform"};
+  log_.asl_log(&client, ASL_LEVEL_ERR,
+               stringWithFormat("The address of the notification bus is \"%@\", expected "
+                                "\"unix:path=\" and a path: there are no notifications",
+                                address_));
 }
 
 BusNotificationCenter::~BusNotificationCenter() = default;
 
 void BusNotificationCenter::connect() {
-  DBusErrorText error;
-  connection_.reset(dbus_connection_open_private(address_.c_str(), error.get()));
-  if (!connection_) return connectLater();
+  // Anybody may have filled the bus's backlog: connecting must not wait for its turn.
+  auto socket = connectToSocket(socketPath_, Duration::zero());
+  if (!socket) return connectLater();
+  auto connection = openOverSocket(*std::move(socket));
+  if (!connection) return connectLater();
+  connection_ = *std::move(connection);
   dbus_connection_set_exit_on_disconnect(connection_.get(), 0);
+  dbus_connection_set_max_message_size(connection_.get(), 2 * kMaxNotificationBytes);
   dbus_connection_set_max_received_size(connection_.get(), kMaximumReceivedBytes);
   dbus_connection_set_max_message_unix_fds(connection_.get(), 0);
   auto sources = DBusSources::attach(
       loop_, connection_.get(),
-      {.dispatch = [this] { dispatch(); }, .peerEnded = [this] { lost(); }, .handled = {}});
+      {.dispatch = [this] { dispatch(); }, .peerEnded = [this] { peerEnded(); }, .handled = {}});
   if (!sources) return lost();
   sources_ = std::move(*sources);
   if (!sayHello()) lost();
@@ -197,14 +217,40 @@ void BusNotificationCenter::connectLater() {
   retry_ = loop_.startTimer(kRetryTime, RunLoop::Repeat::kOnce, [this] { connect(); });
 }
 
+void BusNotificationCenter::peerEnded() {
+  // What the bus sent before its end counts; it is delivered when its turn comes.
+  do {
+    keepSignals();
+  } while (sources_->handleWithin(Duration::zero()) == DBusSources::Handled::kSome);
+  lost();
+}
+
+void BusNotificationCenter::keepSignals() {
+  while (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
+    if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) {
+      stash_.push_back(std::move(message));
+    } else {
+      handleReply(*message);
+    }
+  }
+}
+
 void BusNotificationCenter::lost() {
+  if (connection_) keepSignals();
   sources_.reset();
   connection_.reset();
   registered_ = false;
   awaited_.clear();
   early_.clear();
   earlyBytes_ = 0;
+  if (!stash_.empty()) dispatchLater();
   connectLater();
+}
+
+void BusNotificationCenter::dispatchLater() {
+  loop_.post([center = std::weak_ptr(alive_)] {
+    if (const auto alive = center.lock()) (*alive)->dispatch();
+  });
 }
 
 bool BusNotificationCenter::sayHello() {
@@ -268,14 +314,8 @@ bool BusNotificationCenter::requestMatch(const std::string& rule) {
 void BusNotificationCenter::waitForConfirmation() {
   const Instant deadline = loop_.now() + confirmationTime_;
   while (connection_ && !awaited_.empty()) {
-    while (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
-      if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) {
-        stash_.push_back(std::move(message));
-        sources_->scheduleDispatch();
-      } else {
-        handleReply(*message);
-      }
-    }
+    keepSignals();
+    if (!stash_.empty()) sources_->scheduleDispatch();
     if (awaited_.empty() || loop_.now() >= deadline) return;
     if (sources_->handleWithin(deadline - loop_.now()) == DBusSources::Handled::kNothingToWaitFor)
       return;
@@ -304,7 +344,8 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   if (!connection_)
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
   if (!registered_) return queue(*std::move(message));
-  if (dbus_connection_get_outgoing_size(connection_.get()) > static_cast<long>(kMaximumUnsentBytes))
+  if (dbus_connection_get_outgoing_size(connection_.get()) >
+      static_cast<long>(kMaxUnsentNotificationBytes))
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
   if (hasEnded(sources_->descriptor()))
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " has gone");
@@ -314,7 +355,7 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
 
 Result<void> BusNotificationCenter::queue(UniqueDBusMessage message) {
   const std::size_t size = sizeOf(message.get());
-  if (size > kMaximumUnsentBytes - earlyBytes_)
+  if (size > kMaxUnsentNotificationBytes - earlyBytes_)
     return failed(ErrorCode::kExhausted, "the notification bus does not answer");
   earlyBytes_ += size;
   early_.push_back(std::move(message));
@@ -330,9 +371,17 @@ void BusNotificationCenter::dispatch() {
     message.reset(dbus_connection_pop_message(connection_.get()));
   }
   if (!message) return;
-  if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) return lost();
+  if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) {
+    if (connection_) return lost();
+    if (!stash_.empty()) dispatchLater();
+    return;
+  }
   // One at a time: what is more urgent comes in between.
-  if (sources_) sources_->scheduleDispatch();
+  if (sources_) {
+    sources_->scheduleDispatch();
+  } else if (!stash_.empty()) {
+    dispatchLater();
+  }
   if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) {
     handleSignal(*message);
   } else {

@@ -49,7 +49,10 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
 
   void connect();
   void connectLater();
+  void peerEnded();
+  void keepSignals();
   void lost();
+  void dispatchLater();
   bool sayHello();
   void registered();
 
@@ -68,6 +71,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
 
   AsioRunLoop& loop_;
   const std::string address_;
+  const std::string socketPath_;  // empty where the address has none
   SystemLog& log_;
   const Duration confirmationTime_;
   const std::thread::id thread_ = std::this_thread::get_id();
@@ -82,7 +86,8 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
   std::deque<UniqueDBusMessage> early_;       // posts that wait for the registration
   std::size_t earlyBytes_ = 0;
-  std::deque<UniqueDBusMessage> stash_;  // signals that came while a confirmation was waited for
+  // Signals that came while a confirmation was waited for, or before the bus's end.
+  std::deque<UniqueDBusMessage> stash_;
   std::unique_ptr<RunLoopHandle> retry_;
 
   // Looked at by observations and by posts of other threads, which may outlive this.

@@ -1,6 +1,7 @@
 #include "Platform/Linux/DBusPeerLink.h"
 
 #include <algorithm>
+#include <deque>
 #include <string>
 #include <tuple>
 #include <utility>

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -112,7 +112,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   Lease lease_;
 
   std::shared_ptr<PeerHandlers> handlers_;  // shared with the call of one that replaces it
-  std::deque<UniqueDBusMessage> inbox_;     // read, not yet delivered; libdbus bounds their bytes
+  std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus bounds their bytes
   std::map<std::uint32_t, Outstanding> outstanding_;
   std::size_t answersOwed_ = 0;
   std::size_t unreadFileBytes_ = 0;

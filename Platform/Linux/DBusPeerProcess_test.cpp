@@ -190,6 +190,10 @@ TEST_F(DBusPeerProcessTest, AKilledProcessFailsItsCallsAndLeavesANameThatIsRepla
 }
 
 TEST_F(DBusPeerProcessTest, WithoutDescriptorsNewcomersAreTurnedAwayAndNobodySpins) {
+#ifdef __SANITIZE_ADDRESS__
+  // The type checks that come with it open a pipe of their own, and fail without descriptors.
+  GTEST_SKIP() << "the sanitizer needs descriptors itself";
+#endif
   startServer([this](DBusPeerTransport& transport, PeerTransport::NewConnection onConnection) {
     auto listener = transport.listen(path_, {}, std::move(onConnection));
     const int next = ::fcntl(0, F_DUPFD_CLOEXEC, 0);

@@ -21,6 +21,8 @@
 namespace platform {
 namespace {
 
+using namespace std::string_view_literals;
+
 UniqueDBusMessage newMessage(const char* member) {
   return UniqueDBusMessage(dbus_message_new_method_call(nullptr, "/", kPeerInterface, member));
 }
@@ -73,7 +75,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
 TEST_F(DBusPeerStrangersTest, HalfAnAuthenticationEndsWithItsTime) {
   start({.admissionTime = 50ms});
   RawPeer peer(path());
-  EXPECT_TRUE(peer.write(std::string(1, '\0') + "AUTH EXTER"));
+  EXPECT_TRUE(peer.write("\0AUTH EXTER"sv));
   EXPECT_TRUE(peer.awaitClose());
   RawPeer silent(path());
   EXPECT_TRUE(silent.awaitClose());
@@ -83,7 +85,8 @@ TEST_F(DBusPeerStrangersTest, HalfAnAuthenticationEndsWithItsTime) {
 TEST_F(DBusPeerStrangersTest, AnAuthenticationThatDoesNotEndIsCutOff) {
   start({.admissionTime = 60s});
   RawPeer peer(path());
-  peer.write(std::string(1, '\0') + std::string(1024 * 1024, 'A'));
+  peer.write("\0"sv);
+  peer.write(std::string(1024 * 1024, 'A'));
   EXPECT_TRUE(peer.awaitClose());
   expectNothingElseDisturbed();
 }
@@ -91,7 +94,7 @@ TEST_F(DBusPeerStrangersTest, AnAuthenticationThatDoesNotEndIsCutOff) {
 TEST_F(DBusPeerStrangersTest, AnotherUsersNameIsNotBelieved) {
   start({.admissionTime = 60s});
   RawPeer peer(path());
-  peer.write(std::string(1, '\0') + "AUTH EXTERNAL 3132333435\r\n");  // 12345
+  peer.write("\0AUTH EXTERNAL 3132333435\r\n"sv);  // 12345
   peer.write("AUTH ANONYMOUS\r\nAUTH DBUS_COOKIE_SHA1 30\r\nBEGIN\r\n");
   EXPECT_TRUE(peer.awaitClose());
   expectNothingElseDisturbed();

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -25,6 +26,8 @@
 
 namespace platform {
 namespace {
+
+using namespace std::string_view_literals;
 
 std::unique_ptr<AsioRunLoop> makeLoop() {
   auto loop = AsioRunLoop::create();
@@ -176,10 +179,11 @@ TEST_P(NamedConnectionsSocketTest, PeersThatSayNothingOrHalfAFrameKeepNobodyOut)
   std::vector<UniqueFd> sockets;
   while (sockets.size() < 3 * kPeerPlaces) {
     sockets.push_back(connectSocket());
-    // NUL and the authentication; every other one goes on to a header of a gigabyte.
-    const std::string hello = sockets.size() % 2 == 0 ? std::string("\0AUTH EXTER", 11)
-                                                      : std::string("\0AUTH EXTERNAL ", 15) +
-                                                            "30\r\nBEGIN\r\nl\1\0\1\0\0\0\x40";
+    // Every other one authenticates itself to D-Bus and goes on to the header of a gigabyte.
+    const std::string_view hello =
+        sockets.size() % 2 == 0
+            ? "\0AUTH EXTER"sv
+            : "\0AUTH EXTERNAL 30\r\nBEGIN\r\nl\1\0\1\0\0\0\x40\1\0\0\0\0\0\0\0"sv;
     EXPECT_GT(::send(sockets.back().get(), hello.data(), hello.size(), MSG_NOSIGNAL), 0);
   }
   EXPECT_TRUE(send("nothing"));

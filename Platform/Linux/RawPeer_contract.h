@@ -48,7 +48,8 @@ class RawPeer {
   void authenticate() {
     std::string digits;
     for (const char digit : std::to_string(::geteuid())) digits += {'3', digit};
-    write(std::string(1, '\0') + "AUTH EXTERNAL " + digits + "\r\n");
+    write(std::string_view("\0AUTH EXTERNAL ", 15));
+    write(digits + "\r\n");
     EXPECT_TRUE(readLine().starts_with("OK "));
     write("NEGOTIATE_UNIX_FD\r\n");
     EXPECT_EQ(readLine(), "AGREE_UNIX_FD");

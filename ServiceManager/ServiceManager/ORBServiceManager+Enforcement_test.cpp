@@ -172,6 +172,16 @@ TEST_F(EnforcementTest, ARunningServiceWithADamagedProgramIsRemovedUntilTheCheck
   EXPECT_TRUE(isRunning(kAgent));
 }
 
+TEST_F(EnforcementTest, AStoppedServiceWithADamagedProgramLosesItsJobToo) {
+  useThrottle(3600);
+  run(kAgent);
+  jobs_.endProcess(kAgent);
+  damageProgram("agent");
+  EXPECT_FALSE(enforceRunning(kAgent));
+  EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
 TEST_F(EnforcementTest, ARunningServiceWhoseProgramHasGoneIsRemoved) {
   run(kAgent);
   files_.remove(pathOf("agent"));

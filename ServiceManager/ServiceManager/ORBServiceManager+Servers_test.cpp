@@ -1,11 +1,13 @@
-#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
 
 namespace {
 
 using namespace platform;
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 // Messages as the protocol checkers let them through.
 class MessagesTest : public ServiceManagerFixture {
@@ -71,6 +73,179 @@ TEST_F(MessagesTest, AnUnknownSelectorRaises) {
   const MessageResult result = manager().receiveMessage("release", {});
   ASSERT_FALSE(result);
   EXPECT_EQ(result.error().name, kNSInvalidArgumentException);
+}
+
+// The servers, as other programs reach them.
+
+class ServersTest : public StartUpFixture {
+ protected:
+  static constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
+  static constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
+  static constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
+
+  ServersTest() {
+    startConfigurationServer();
+    start();
+    loop_.advanceBy(1s);
+  }
+
+  // A client of another program's.
+  std::unique_ptr<VantorDistantObject> client(const char* server, const char* protocol) {
+    return std::make_unique<VantorDistantObject>(
+        VantorDistantObject::Environment{loop_, user_.connections, *otherCenter_, user_.center,
+                                         protocols_, system_},
+        server, protocol, std::nullopt);
+  }
+
+  // What the user interface's own object hears.
+  class Listener final : public MessageReceiver {
+   public:
+    MessageResult receiveMessage(std::string_view, const Array& arguments) override {
+      notices.push_back(arguments.at(0));
+      if (onNotice) onNotice();
+      return Value();
+    }
+    std::vector<Value> notices;
+    std::function<void()> onNotice;
+  };
+
+  // The user interface's connection, over which its listener has been registered.
+  std::unique_ptr<VantorDistantObject> registerListener() {
+    auto ui = client(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol);
+    ui->sendMessage("registerClient:", {Value(std::shared_ptr<const RemoteObject>(proxy_))});
+    loop_.runReady();
+    EXPECT_EQ(manager().userClients().size(), 1u);
+    return ui;
+  }
+
+  Program user_{*this, 300};
+  Listener listener_;
+  std::shared_ptr<NSProtocolChecker> proxy_ = std::make_shared<NSProtocolChecker>(
+      &listener_, protocols_.find(kORBServiceManagerUserInterfaceDelegateProtocol));
+};
+
+TEST_F(ServersTest, TheUserInterfacesServerAnswersAnAuthenticatedPeer) {
+  const auto ui = client(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol);
+  EXPECT_EQ(ui->sendMessage("services"), manager().services());
+  EXPECT_EQ(ui->sendMessage("pidForService:", {kAgent}), Value(process(kAgent)));
+  ui->sendMessage("stopServices:", {Array{kAgent}});
+  loop_.runReady();
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_FALSE(ui->recentException());
+}
+
+TEST_F(ServersTest, TheInstallersServerBeginsAndEnds) {
+  const auto installer = client(kInstallerServer, kORBServiceManagerInstallerProtocol);
+  EXPECT_EQ(installer->sendMessage("shutdownServices:", {Array{kAgent}}), Value(true));
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_EQ(installer->sendMessage("evaluateServices"), Value(true));
+  loop_.advanceBy(200ms);
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+TEST_F(ServersTest, TheSecretIsHandedOutWhole) {
+  const auto auth = client(kAuthServer, kServiceManagerAuthProtocol);
+  const MessageResult key = auth->sendMessage("retrieveKey");
+  ASSERT_TRUE(key && key->data());
+  EXPECT_EQ(key->data()->size(), 8u);
+  EXPECT_EQ(*key, manager().secret());
+}
+
+TEST_F(ServersTest, EachServerAdmitsItsOwnProtocolOnly) {
+  const auto raised = [&](const char* server, const char* protocol, const char* selector,
+                          Array arguments) {
+    const auto stranger = client(server, protocol);
+    stranger->sendMessage(selector, std::move(arguments));
+    return stranger->recentException() ? stranger->recentException()->name : "";
+  };
+  EXPECT_EQ(raised(kUserInterfaceServer, kServiceManagerAuthProtocol, "retrieveKey", {}),
+            kNSInvalidArgumentException);
+  EXPECT_EQ(raised(kAuthServer, kORBServiceManagerUserInterfaceProtocol, "services", {}),
+            kNSInvalidArgumentException);
+  EXPECT_EQ(raised(kUserInterfaceServer, kORBServiceManagerInstallerProtocol,
+                   "shutdownServices:", {Array{kAgent}}),
+            kNSInvalidArgumentException);
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+TEST_F(ServersTest, APeerOfAnotherBootIsRefusedByEach) {
+  FakeSystemInformation otherBoot;
+  otherBoot.setBootTime(FakeSystemInformation::kBootTime + 1);
+  for (const auto& [server, protocol, selector] :
+       {std::tuple(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol, "services"),
+        std::tuple(kInstallerServer, kORBServiceManagerInstallerProtocol, "evaluateServices"),
+        std::tuple(kAuthServer, kServiceManagerAuthProtocol, "retrieveKey")}) {
+    VantorDistantObject stranger(
+        {loop_, user_.connections, *otherCenter_, user_.center, protocols_, otherBoot}, server,
+        protocol, std::nullopt);
+    const MessageResult answer = stranger.sendMessage(selector);
+    EXPECT_TRUE(answer && answer->isNil()) << server;
+    EXPECT_TRUE(stranger.recentException()) << server;
+  }
+}
+
+TEST_F(ServersTest, ARegisteredClientHearsOfAnExitAndOfTheNewProcess) {
+  const auto ui = registerListener();
+  kill(kAgent);
+  EXPECT_THAT(listener_.notices,
+              ElementsAre(notice(kAgent, 0), notice(kAgent, 1, process(kAgent))));
+  EXPECT_EQ(manager().userClients().size(), 1u);
+}
+
+TEST_F(ServersTest, AClientThatDiedIsDroppedAtTheNextNotice) {
+  const auto ui = registerListener();
+  const auto other = registerClient();
+  user_.transport.die();
+  kill(kAgent);
+  EXPECT_THAT(manager().userClients(), ElementsAre(other));
+  EXPECT_EQ(other->notices.size(), 2u);
+}
+
+TEST_F(ServersTest, AClientThatHangsCostsTwoSecondsOnceAndEveryOtherIsTold) {
+  const auto ui = registerListener();
+  const auto other = registerClient();
+  user_.transport.hang();
+  const Instant before = loop_.now();
+  kill(kAgent);
+  EXPECT_EQ(loop_.now() - before, 2s);
+  EXPECT_THAT(manager().userClients(), ElementsAre(other));
+  EXPECT_EQ(other->notices.size(), 2u);
+}
+
+TEST_F(ServersTest, AClientThatAsksWhileItIsToldDeadlocksWithNobody) {
+  const auto ui = registerListener();
+  listener_.onNotice = [&] { ui->sendMessage("pidForService:", {kAgent}); };
+  const Instant before = loop_.now();
+  kill(kAgent);
+  EXPECT_LE(loop_.now() - before, 30s);
+  EXPECT_TRUE(isRunning(kAgent));
+  // Another program finds the daemon at work.
+  Program other(*this, 301);
+  VantorDistantObject asking(
+      {loop_, other.connections, *otherCenter_, other.center, protocols_, system_},
+      kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol, std::nullopt);
+  EXPECT_EQ(asking.sendMessage("pidForService:", {kAgent}), Value(process(kAgent)));
+}
+
+TEST_F(ServersTest, AConfigurationServerThatSaysNothingCostsOneBoundedWait) {
+  manager_.reset();
+  configurationProgram_->transport.hang();
+  const Instant before = loop_.now();
+  start();
+  EXPECT_LE(loop_.now() - before, 15s);
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  EXPECT_TRUE(manager().userInterfaceConnection()->isValid());
+}
+
+TEST_F(ServersTest, ANameThatIsTakenHindersNoOtherServer) {
+  manager_.reset();
+  user_.vend(kInstallerServer, listener_, kORBServiceManagerInstallerProtocol);
+  start();
+  const auto auth = client(kAuthServer, kServiceManagerAuthProtocol);
+  EXPECT_EQ(auth->sendMessage("retrieveKey"), manager().secret());
+  EXPECT_EQ(heard_.size(), 2u);
 }
 
 }  // namespace

@@ -27,8 +27,6 @@ using Stream = FakeTasks::Stream;
 constexpr char kPath[] = "/usr/bin/tool";
 constexpr int kUntouched = 77;
 
-Data dataOf(std::string_view text) { return Data(text.begin(), text.end()); }
-
 // With the tasks of either kind of platform: true is one that calls readability handlers.
 class LaunchTaskTest : public testing::TestWithParam<bool> {
  protected:
@@ -367,50 +365,6 @@ TEST_P(LaunchTaskTest, RealProgramsAreRunToTheirEnd) {
   EXPECT_TRUE(shell("yes >&2 & exit 0").succeeded);
   EXPECT_EQ(launch(*tasks.newTask(), "/no/such/tool").error,
             "NSInvalidArgumentException: launch path not accessible");
-}
-
-TEST(AppendDataTest, NothingHappensWithoutATextAChunkOrALimit) {
-  std::string text = "abc";
-  const Data chunk = dataOf("d");
-  appendData(nullptr, &text, 10);
-  appendData(&chunk, nullptr, 10);
-  appendData(&chunk, &text, 0);
-  EXPECT_EQ(text, "abc");
-}
-
-TEST(AppendDataTest, TheLastCharactersStay) {
-  const struct {
-    const char* text;
-    const char* chunk;
-    std::size_t limit;
-    const char* result;
-  } cases[] = {{"", "", 3, ""},
-               {"ab", "c", 4, "abc"},
-               {"ab", "c", 3, "abc"},
-               {"ab", "c", 2, "bc"},
-               {"ab", "c", 1, "c"},
-               {"abc", "", 2, "bc"},
-               {"", "abcdef", 2, "ef"},
-               {"\u00e9\u20ac", "\U0001f600x", 3, "\u20ac\U0001f600x"},
-               {"\u00e9\u20ac", "\U0001f600x", 4, "\u00e9\u20ac\U0001f600x"},
-               {"ab", "\xff", 1, "ab"},
-               {"ab", "c\xc3", 9, "ab"}};
-  for (const auto& [before, chunk, limit, result] : cases) {
-    std::string text = before;
-    const Data data = dataOf(chunk);
-    appendData(&data, &text, limit);
-    EXPECT_EQ(text, result);
-  }
-}
-
-TEST(AppendDataTest, AnyNumberOfSmallChunksIsBounded) {
-  std::string text;
-  for (int i = 0; i < 20'000; ++i) {
-    const Data chunk = dataOf(i % 2 ? "\u20ac" : "x");
-    appendData(&chunk, &text, 1000);
-    ASSERT_LE(text.size(), 3000u);
-  }
-  EXPECT_TRUE(text.ends_with("x\u20ac"));
 }
 
 }  // namespace

@@ -56,8 +56,8 @@ class HashValue {
   // (C++'s own copy is the same object once more and keeps all.)
   HashValue copyWithZone() const { return initWithBuffer(value_, type_); }
 
-  // The value as entries of an archive: "value", a data object of the whole buffer, and "type", a
-  // 32-bit integer.
+  // The value as entries of an archive, and of a message to another program: "value", a data object
+  // of the whole buffer, and "type", a 32-bit integer.
   platform::Dictionary encodeWithCoder() const;
   // Of a longer "value" the first 48 bytes count, a shorter one is filled up with zeros. kInvalid,
   // naming the entry, where one is absent or not what it must be; others are ignored.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,6 +45,9 @@ class JobHostRoot {
   void startHost();
   // SIGKILL: the jobs go on.
   void killHost();
+  // It stands still, and goes on.
+  void stopHost() const { host_->signal(SIGSTOP); }
+  void continueHost() const { host_->signal(SIGCONT); }
 
   // Runs the operator's command to its end.
   Finished control(std::vector<std::string> arguments) const;

@@ -20,6 +20,8 @@
 
 #include "Platform/DistributedNotificationCenter_contract.h"
 #include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/SocketName.h"
+#include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
@@ -29,15 +31,33 @@ namespace {
 
 using namespace std::chrono_literals;
 
+std::string contentsOf(const std::string& path) {
+  std::ifstream file(path);
+  EXPECT_TRUE(file) << path;
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// What a system bus lets everybody do, with our policy for it.
+std::string systemBusConfiguration() {
+  return "<busconfig><listen>unix:path=/none</listen><auth>EXTERNAL</auth>"
+         "<policy context=\"default\"><allow user=\"*\"/><deny own=\"*\"/>"
+         "<deny send_type=\"method_call\"/><allow send_type=\"signal\"/>"
+         "<allow send_requested_reply=\"true\" send_type=\"method_return\"/>"
+         "<allow receive_type=\"method_call\"/><allow receive_type=\"method_return\"/>"
+         "<allow receive_type=\"error\"/><allow receive_type=\"signal\"/>"
+         "<allow send_destination=\"org.freedesktop.DBus\"/></policy><include>" +
+         std::string(SYSTEM_BUS_POLICY) + "</include></busconfig>";
+}
+
 // A bus with the configuration that the product ships, in a folder of its own.
 class TestBus {
  public:
-  TestBus() {
+  TestBus() : TestBus(contentsOf(NOTIFICATION_BUS_CONFIGURATION)) {}
+  explicit TestBus(const std::string& configuration) {
     // So that it is the bus that turns others away.
     std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
                                  std::filesystem::perm_options::add);
-    std::ifstream shipped(NOTIFICATION_BUS_CONFIGURATION);
-    folder_.write("bus.conf", std::string(std::istreambuf_iterator<char>(shipped), {}));
+    folder_.write("bus.conf", configuration);
     if (::geteuid() != 0) {
       folder_.write("notification-bus.d/owner.conf",
                     "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
@@ -225,6 +245,119 @@ TEST_F(NotificationBusTest, PostsBeforeTheRegistrationAreNotLost) {
   });
   loop_->run();
   EXPECT_THAT(got_, testing::ElementsAre("a"));
+}
+
+// A notification "a" of so many bytes.
+Value userInfoOf(std::size_t bytes) {
+  // The message's other parts and what D-Bus adds to this one, found by what is refused.
+  constexpr std::size_t kFrame = 50;
+  return Dictionary{{"key", std::string(bytes - kFrame, 'x')}};
+}
+
+TEST_F(NotificationBusTest, ANotificationHasSoManyBytesAtMost) {
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  // Up to the first that is refused.
+  std::size_t taken = 0;
+  for (std::size_t size = kMaxNotificationBytes - 64; sink_.texts().empty(); ++size) {
+    post("a", userInfoOf(size));
+    deliver();
+    if (sink_.texts().empty()) ++taken;
+  }
+  EXPECT_GT(taken, 0U);
+  EXPECT_EQ(got_.size(), taken);
+  EXPECT_THAT(sink_.texts(), testing::ElementsAre(testing::HasSubstr(
+                                 "it has " + std::to_string(kMaxNotificationBytes + 1) +
+                                 " bytes, more than " + std::to_string(kMaxNotificationBytes))));
+}
+
+TEST_F(NotificationBusTest, NamesAroundTheLongestRuleAreAllObserved) {
+  for (std::size_t length = kMaxMatchRuleBytes - 150; length <= kMaxMatchRuleBytes; ++length) {
+    const std::string name(length, 'n');
+    const Observation observer = center_->addObserver(name, std::nullopt, note());
+    post(name);
+    deliver();
+    ASSERT_THAT(got_, testing::ElementsAre(name));
+    got_.clear();
+  }
+}
+
+TEST_F(NotificationBusTest, WhatTheBusSentBeforeItsEndIsDelivered) {
+  const Observation observer = center_->addObserver("a", std::nullopt, note());
+  const auto other = makeBusNotificationCenter(*loop_, bus_.address(), log_);
+  const Observation registered =
+      other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
+  // Confirmed by the bus behind the signal, which has therefore been sent to everybody.
+  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  const Observation confirmed =
+      other->addObserver("c", std::nullopt, [](const DistributedNotification&) {});
+  bus_.stop();
+  const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (!got_.empty()) loop_->stop();
+  });
+  const auto deadline = loop_->startTimer(10s, RunLoop::Repeat::kOnce, [&] { loop_->stop(); });
+  loop_->run();
+  EXPECT_THAT(got_, testing::ElementsAre("a"));
+}
+
+TEST_F(NotificationBusTest, AFullBacklogHoldsNobodyUp) {
+  bus_.program().signal(SIGSTOP);
+  const std::string path = bus_.address().substr(bus_.address().find('/'));
+  std::vector<UniqueFd> strangers;
+  for (;;) {
+    auto stranger = connectToSocket(path, Duration::zero());
+    if (!stranger) break;
+    strangers.push_back(*std::move(stranger));
+  }
+  const auto late = makeBusNotificationCenter(*loop_, bus_.address(), log_);
+  const Observation observer = late->addObserver("a", std::nullopt, note());
+  late->postNotificationName("a", std::nullopt, {}, NSNotificationPosting::kThisSession);
+  EXPECT_THAT(sink_.texts(), testing::ElementsAre(testing::HasSubstr("is not there")));
+  strangers.clear();
+  bus_.program().signal(SIGCONT);
+  const auto poster = loop_->startTimer(20ms, RunLoop::Repeat::kEvery, [&] { post("a"); });
+  const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (!got_.empty()) loop_->stop();
+  });
+  loop_->run();
+}
+
+TEST(NotificationBusAddressTest, WhatIsNoSocketsPathIsLoggedOnceAndHasNoBus) {
+  const std::unique_ptr<AsioRunLoop> loop = std::move(AsioRunLoop::create().value());
+  FakeLogSink sink;
+  SystemLog log(sink, "program");
+  for (const char* address : {"", "nonsense", "tcp:host=localhost", "unix:abstract=name"}) {
+    sink.clear();
+    const auto center = makeBusNotificationCenter(*loop, address, log);
+    EXPECT_THAT(sink.texts(), testing::ElementsAre(testing::HasSubstr("expected \"unix:path=")));
+    center->postNotificationName("a", std::nullopt, {}, NSNotificationPosting::kThisSession);
+    EXPECT_THAT(sink.texts().back(), testing::HasSubstr("was not posted"));
+  }
+}
+
+TEST(SystemBusTest, WithOurPolicyOnlyRootMayPost) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  TestBus bus(systemBusConfiguration());
+  const std::unique_ptr<AsioRunLoop> loop = std::move(AsioRunLoop::create().value());
+  FakeLogSink sink;
+  SystemLog log(sink, "program");
+  const auto center = makeBusNotificationCenter(*loop, bus.address(), log);
+  std::vector<std::string> objects;
+  const auto observer =
+      center->addObserver("a", std::nullopt, [&](const DistributedNotification& notification) {
+        objects.push_back(notification.object.value_or("none"));
+        if (objects.back() == "root") loop->stop();
+      });
+  const auto send = [&](std::vector<std::string> runner, const std::string& object) {
+    runner.insert(runner.end(), {"/usr/bin/dbus-send", "--bus=" + bus.address(), "--type=signal",
+                                 "/com/vantor/DistributedNotification",
+                                 "com.vantor.DistributedNotification.Posted", "string:a",
+                                 "array:string:" + object});
+    ChildProgram(runner, {}).waitForExit();
+  };
+  send({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}, "nobody");
+  send({}, "root");
+  loop->run();
+  EXPECT_THAT(objects, testing::ElementsAre("root"));
 }
 
 TEST_F(NotificationBusTest, AnObservationMayOutliveItsCenter) {

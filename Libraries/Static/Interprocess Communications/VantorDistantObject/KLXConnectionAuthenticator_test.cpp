@@ -62,9 +62,9 @@ TEST_F(KLXConnectionAuthenticatorTest, AChildConnectionIsAuthenticatedByTheSameD
   NSConnection& child = *connection_->childConnections().front();
   EXPECT_EQ(child.delegate(), &authenticator_);
   // And so is a child of that one.
-  NSConnection& grandchild = *server_.connections.makeConnection();
-  EXPECT_TRUE(authenticator_.connection(child, grandchild));
-  EXPECT_EQ(grandchild.delegate(), &authenticator_);
+  const auto grandchild = server_.connections.makeConnection();
+  EXPECT_TRUE(authenticator_.connection(child, *grandchild));
+  EXPECT_EQ(grandchild->delegate(), &authenticator_);
 }
 
 TEST_F(KLXConnectionAuthenticatorTest, ADelegateThatPassesTheQuestionsOnBecomesTheChildsDelegate) {

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/DistributedNotificationCenter.h"
+#include "Platform/Jobs.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/DBusPeerTransport.h"
+#include "Platform/Linux/EmbeddedJobs.h"
+#include "Platform/Linux/JobHostClient.h"
+#include "Platform/Linux/LinuxSystemInformation.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/SystemLog.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Value.h"
+#include "Tests/EndToEnd/JobHostRoot.h"
+
+namespace platform {
+
+// A platform root with the daemon in it, everything signed by a throw-away authority: a job host
+// and a private notification bus run there from the beginning, the daemon once it is started. The
+// test is one of the product's programs, with a loop of its own.
+class DaemonRoot {
+ public:
+  static constexpr char kDaemon[] = "com.vantor.servicemanager";
+  static constexpr char kBus[] = "com.vantor.notificationbus";
+  // The demo product's configuration server, which every other service waits for.
+  static constexpr char kPrimary[] = "com.vantor.test.configd";
+  static constexpr char kDidStart[] = "com.vantor.servicemanager.notification.serverdidstart";
+  static constexpr char kDidStartError[] =
+      "com.vantor.servicemanager.notification.serverdidstartError";
+  static constexpr char kEvaluating[] = "Evaluating the system configuration";
+
+  DaemonRoot();
+  DaemonRoot(const DaemonRoot&) = delete;
+  DaemonRoot& operator=(const DaemonRoot&) = delete;
+  // Ends all jobs. A test fails if the daemon has complained to its standard error, where a
+  // sanitizer reports and a failed assertion speaks, or has ended otherwise than by `endsByKill`.
+  ~DaemonRoot();
+
+  const std::string& path() const { return root_.folder().path(); }
+  const TemporaryFolder& folder() const { return root_.folder(); }
+  AsioRunLoop& loop() { return *loop_; }
+  DBusPeerTransport& transport() { return transport_; }
+  const SystemInformation& system() const { return system_; }
+  DistributedNotificationCenter& center() { return *center_; }
+  EmbeddedJobs& jobs() { return jobs_; }
+
+  // A service that runs until a signal ends it, and is named by its label in the process list.
+  // Started again at once. `program` is a name in the folder of the programs.
+  static Dictionary service(const std::string& label, const std::string& program = "agent");
+  // The configuration server and these services, "com.vantor.test.N", of the product installed.
+  static Dictionary catalogue(int services);
+  static std::string label(int number) { return "com.vantor.test." + std::to_string(number); }
+
+  // Puts the catalogue into the daemon's bundle, and seals that; without a content there is none.
+  void setCatalogue(const Dictionary& catalogue);
+  void setCatalogueFile(const std::optional<std::string>& content);
+  // The same for the product information.
+  void setProductFile(const std::optional<std::string>& content);
+
+  std::string daemonProgram() const;
+  // Submits the daemon's job; `program` stands in for the daemon and executes it in the end.
+  void startDaemon(const std::optional<std::string>& program = std::nullopt);
+  // Waits for the announcement of the daemon's start, which startDaemon() begins to listen for.
+  void awaitStart();
+  // The job's process, 0 where it has none.
+  ProcessId processOf(std::string_view label);
+  // Every process that runs under one of the catalogue's labels, by that.
+  std::vector<std::pair<std::string, ProcessId>> processes() const;
+
+  // Serves the loop until the condition holds, which is looked at after each line of the log, each
+  // notification that the test observes, and each changed(). Fails after a minute.
+  void await(std::string_view what, const std::function<bool()>& condition);
+  void changed();
+  // The same until the log has so many lines with the text, from its beginning on.
+  void awaitLog(std::string_view text, std::size_t count = 1);
+  std::size_t logCount(std::string_view text);
+  // The last lines, for a failure's message.
+  std::string logTail();
+
+  std::size_t starts() const { return starts_; }
+  const std::vector<Value>& startErrors() const { return startErrors_; }
+
+  JobHostRoot& host() { return root_; }
+
+ private:
+  void readLog();
+
+  JobHostRoot root_;
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
+  DBusPeerTransport transport_{*loop_};
+  LinuxSystemInformation system_;
+  FakeLogSink sink_;
+  SystemLog systemLog_{sink_, "test"};
+  JobHostClient client_;
+  EmbeddedJobs jobs_{client_};
+  std::unique_ptr<DistributedNotificationCenter> center_;
+  std::vector<std::unique_ptr<DistributedNotificationCenter::Observation>> observations_;
+  std::size_t starts_ = 0;
+  std::size_t awaitedStarts_ = 0;
+  std::vector<Value> startErrors_;
+
+  UniqueFd logNotices_;
+  std::unique_ptr<RunLoopHandle> logWatch_;
+  UniqueFd logFile_;
+  std::string log_;
+  const std::function<bool()>* awaited_ = nullptr;
+};
+
+}  // namespace platform

@@ -1,0 +1,104 @@
+// Services that end, one by one and many at once, while the daemon watches them.
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+
+class DaemonServices : public DaemonFixture {};
+
+TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
+  constexpr int kTimes = 100;
+  start(1);
+  const std::string label = DaemonRoot::label(0);
+  std::set<ProcessId> processes{root_.processOf(label)};
+  for (int i = 0; i < kTimes && !HasFailure(); ++i) {
+    processes.insert(expectKilledServiceIsReported(label));
+  }
+  EXPECT_EQ(processes.size(), kTimes + 1);
+  EXPECT_EQ(root_.logCount(label + " with PID ["), kTimes);
+  expectNoneLostNoneDoubled(pids());
+}
+
+TEST_F(DaemonServices, TwentyThatAreKilledAtTheSameInstantAreAllBackAndWatched) {
+  start(20);
+  const auto before = pids();
+  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+  // Nobody sees any end before all have ended.
+  ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
+  root_.host().stopHost();
+  for (const auto& [label, process] : before) {
+    if (label != DaemonRoot::kPrimary) killAndAwait(process);
+  }
+  root_.host().continueHost();
+  ASSERT_EQ(::kill(daemon, SIGCONT), 0);
+  root_.await("all services to be back", [&] {
+    int back = 0;
+    for (int i = 0; i < services_; ++i) back += client_->wasTold(DaemonRoot::label(i), 1) ? 1 : 0;
+    return back == services_;
+  });
+  EXPECT_EQ(client_->notices().size(), static_cast<std::size_t>(2 * services_));
+  const auto now = pids();
+  for (int i = 0; i < services_; ++i) {
+    const std::string label = DaemonRoot::label(i);
+    std::vector<Notice> told;
+    for (const Notice& notice : client_->notices()) {
+      if (notice.label == label) told.push_back(notice);
+    }
+    EXPECT_THAT(told, ElementsAre(Notice{label, 0, 0}, Notice{label, 1, now.at(label)}));
+    EXPECT_NE(now.at(label), before.at(label));
+  }
+  expectNoneLostNoneDoubled(now);
+  for (int i = 0; i < services_ && !HasFailure(); ++i) {
+    expectKilledServiceIsReported(DaemonRoot::label(i));
+  }
+}
+
+TEST_F(DaemonServices, WhenTheConfigurationServerComesBackEverythingIsEvaluatedAtOnce) {
+  start(2);
+  // It says that it goes, and the daemon decides nothing any more ...
+  root_.center().postNotificationName("com.vantor.notification.configd.willshutdown", std::nullopt,
+                                      {}, NSNotificationPosting::kPostToAllSessions);
+  root_.awaitLog("Primary service is shutting down");
+  const std::string label = DaemonRoot::label(0);
+  killAndAwait(root_.processOf(label));
+  root_.await("the end of the service", [&] { return client_->wasTold(label, 0); });
+  EXPECT_TRUE(client_->ask("services"));  // It has dealt with that end.
+  EXPECT_FALSE(client_->wasTold(label, 1));
+
+  // ... until it is back.
+  const std::size_t before = evaluations();
+  ASSERT_EQ(::kill(root_.processOf(DaemonRoot::kPrimary), SIGKILL), 0);
+  root_.await("the service to be watched again", [&] { return client_->wasTold(label, 1); });
+  root_.awaitLog("Primary service did start and ready to handle requests", 2);
+  root_.await("the evaluation", [&] { return evaluations() > before; });
+  EXPECT_THAT(client_->notices(), Contains(Notice{label, 1, root_.processOf(label)}));
+  expectKilledServiceIsReported(label);
+}
+
+TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluated) {
+  start(1);
+  const ProcessId before = root_.processOf(DaemonRoot::kPrimary);
+  ASSERT_EQ(::kill(before, SIGTERM), 0);
+  root_.awaitLog("Primary service is shutting down");
+  root_.awaitLog("Primary service did start and ready to handle requests", 2);
+  root_.await("the server to be watched again",
+              [&] { return client_->wasTold(DaemonRoot::kPrimary, 1); });
+  EXPECT_THAT(client_->notices(),
+              Contains(Notice{DaemonRoot::kPrimary, 1, root_.processOf(DaemonRoot::kPrimary)}));
+  EXPECT_NE(root_.processOf(DaemonRoot::kPrimary), before);
+  expectKilledServiceIsReported(DaemonRoot::label(0));
+}
+
+}  // namespace
+}  // namespace platform
