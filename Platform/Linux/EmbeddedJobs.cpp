@@ -108,12 +108,11 @@ std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
 
 void EmbeddedJobs::removeAsync(std::string_view label, Removed removed) {
   client_.callAsync(kRemoveJobMessage, Array{label, true}, removalTime(label),
-                    [removed = std::move(removed)](Result<Value> answer) mutable {
+                    [removed = std::move(removed)](Result<JobHostClient::Answer> answer) mutable {
                       if (!answer) return removed(std::unexpected(errorOf(answer.error())));
-                      if (auto failure = failureIn(*answer)) {
-                        return removed(std::unexpected(*std::move(failure)));
-                      }
-                      removed({});
+                      const auto failure = failureIn(answer->value);
+                      if (!failure || isDone(*failure, answer->wasRepeated)) return removed({});
+                      removed(std::unexpected(*failure));
                     });
 }
 

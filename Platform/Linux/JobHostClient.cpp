@@ -53,14 +53,19 @@ Error unanswered(const NSException& exception, const std::string& socket, Durati
 
 }  // namespace
 
+std::expected<void, PeerConnectFailure> JobHostClient::connectOnce() {
+  auto connected =
+      transport_.connect(socket_, {.timeout = 5s, .whileWaiting = WhileWaiting::kServeNothing});
+  if (!connected) return std::unexpected(std::move(connected.error()));
+  connection_ = *std::move(connected);
+  connection_->setHandlers({.message = {}, .death = [this](const Error&) { dropConnection(); }});
+  return {};
+}
+
 Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
-    auto connected =
-        transport_.connect(socket_, {.timeout = 5s, .whileWaiting = WhileWaiting::kServeNothing});
-    if (connected) {
-      connection_ = *std::move(connected);
-      return {};
-    }
+    const auto connected = connectOnce();
+    if (connected) return {};
     if (!mayPass(connected.error()) || loop_.now() >= deadline) {
       return std::unexpected(unreachable(connected.error()));
     }
@@ -68,9 +73,18 @@ Result<void> JobHostClient::connect(Instant deadline) {
   }
 }
 
+// A connection that is closed completes nothing any more, so the next host is asked for whatever
+// this one still owed.
+void JobHostClient::dropConnection() {
+  connection_.reset();
+  for (auto& [id, request] : requests_) {
+    if (!request.nextTry) repeat(id);
+  }
+}
+
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
                                                   Duration timeout) {
-  const Instant deadline = loop_.now() + patience_;
+  Instant deadline = loop_.now() + patience_;
   bool repeated = false;
   for (;;) {
     const bool isFresh = !connection_;
@@ -82,29 +96,65 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
     PeerResult result = connection_->call(selector, arguments, timeout);
     if (result) return Answer{*std::move(result), repeated};
     const bool hasEnded = result.error().name == kNSInvalidSendPortException;
-    if (hasEnded) connection_.reset();
+    if (hasEnded) dropConnection();
     // On an old connection the host may have ended long ago: the next one is owed a try.
-    if (!hasEnded || (isFresh && loop_.now() >= deadline)) {
+    if (!hasEnded || (repeated && isFresh && loop_.now() >= deadline)) {
       return std::unexpected(unanswered(result.error(), socket_, timeout));
     }
+    // The next host has its time to come from here on, however long this one took to answer.
+    if (!repeated) deadline = loop_.now() + kPatience;
     if (isFresh) loop_.sleepFor(kLookEvery);
     repeated = true;
   }
 }
 
 void JobHostClient::callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                              std::move_only_function<void(Result<Value>)> completion) {
+                              Completion completion) {
+  const RequestId id = ++lastRequest_;
+  requests_.emplace(id, Request{std::string(selector), arguments, timeout, std::move(completion),
+                                loop_.now() + patience_, false, nullptr});
+  tryLater(id, Duration::zero());
+}
+
+void JobHostClient::tryLater(RequestId id, Duration delay) {
+  requests_.at(id).nextTry =
+      loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, id] { ask(id); });
+}
+
+void JobHostClient::ask(RequestId id) {
+  Request& request = requests_.at(id);
   if (!connection_) {
-    if (auto connected = connect(loop_.now() + patience_); !connected) {
-      return completion(std::unexpected(std::move(connected.error())));
+    if (const auto connected = connectOnce(); !connected) {
+      if (mayPass(connected.error()) && loop_.now() < request.deadline) {
+        return tryLater(id, kLookEvery);
+      }
+      return complete(id, std::unexpected(unreachable(connected.error())));
     }
   }
-  connection_->callAsync(
-      selector, arguments, timeout,
-      [this, timeout, completion = std::move(completion)](PeerResult result) mutable {
-        if (result) return completion(*std::move(result));
-        completion(std::unexpected(unanswered(result.error(), socket_, timeout)));
-      });
+  request.nextTry.reset();
+  connection_->callAsync(request.selector, request.arguments, request.timeout,
+                         [this, id](PeerResult result) { answered(id, std::move(result)); });
+}
+
+void JobHostClient::answered(RequestId id, PeerResult result) {
+  const Request& request = requests_.at(id);
+  if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
+  const bool hasEnded = result.error().name == kNSInvalidSendPortException;
+  // The connection stays until it reports its death: others may have yet to be told.
+  if (hasEnded && !(request.wasRepeated && loop_.now() >= request.deadline)) return repeat(id);
+  complete(id, std::unexpected(unanswered(result.error(), socket_, request.timeout)));
+}
+
+void JobHostClient::repeat(RequestId id) {
+  Request& request = requests_.at(id);
+  if (!request.wasRepeated) request.deadline = loop_.now() + kPatience;
+  request.wasRepeated = true;
+  tryLater(id, kLookEvery);
+}
+
+void JobHostClient::complete(RequestId id, Result<Answer> answer) {
+  auto done = requests_.extract(id);
+  done.mapped().completion(std::move(answer));  // It may destroy this.
 }
 
 }  // namespace platform

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <expected>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,7 +20,7 @@ namespace platform {
 // Belongs to the run loop's thread.
 class JobHostClient {
  public:
-  // How long a host that is not there is waited for: as long as one takes to be restarted.
+  // How long a host that has ended is waited for: as long as one takes to be restarted.
   static constexpr Duration kPatience = std::chrono::seconds(5);
 
   struct Answer {
@@ -26,7 +29,8 @@ class JobHostClient {
     bool wasRepeated = false;
   };
 
-  // `socket` is the path of the host's. Both references outlive this.
+  // `socket` is the path of the host's. `patience` is for a host that is not there to begin with;
+  // one that ends while it has a request is waited for in any case. Both references outlive this.
   JobHostClient(PeerTransport& transport, RunLoop& loop, std::string socket,
                 Duration patience = kPatience)
       : transport_(transport), loop_(loop), socket_(std::move(socket)), patience_(patience) {}
@@ -36,19 +40,44 @@ class JobHostClient {
   // kind where it did not answer; `osError` is set where the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
-  // The same without blocking once the host is reached, and asked once only. The completion runs on
-  // the loop, or inside this call where the host can't be reached.
+  using Completion = std::move_only_function<void(Result<Answer>)>;
+
+  // The same without waiting: a host that is not there is looked for, and one that ends is asked
+  // again, while the loop goes on. Only the connecting itself blocks. The completion runs once, on
+  // the loop and never from inside this call; not at all where this is destroyed before.
   void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                 std::move_only_function<void(Result<Value>)> completion);
+                 Completion completion);
 
  private:
+  using RequestId = std::uint64_t;
+
+  // What callAsync() was asked for and has not been answered.
+  struct Request {
+    std::string selector;
+    Array arguments;
+    Duration timeout{};
+    Completion completion;
+    Instant deadline;  // for reaching a host
+    bool wasRepeated = false;
+    std::unique_ptr<RunLoopHandle> nextTry;  // null while the host has the request
+  };
+
+  std::expected<void, PeerConnectFailure> connectOnce();
   Result<void> connect(Instant deadline);
+  void dropConnection();
+  void tryLater(RequestId id, Duration delay);
+  void ask(RequestId id);
+  void answered(RequestId id, PeerResult result);
+  void repeat(RequestId id);
+  void complete(RequestId id, Result<Answer> answer);
 
   PeerTransport& transport_;
   RunLoop& loop_;
   std::string socket_;
   Duration patience_;
   std::unique_ptr<PeerConnection> connection_;
+  std::map<RequestId, Request> requests_;
+  RequestId lastRequest_ = 0;
 };
 
 }  // namespace platform
