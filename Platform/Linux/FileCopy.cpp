@@ -50,16 +50,23 @@ Result<Source, NSError> openSource(const std::string& path) {
   return source;
 }
 
+// What a file may hold that does not tell its size, as those of /proc and /sys don't.
+constexpr std::uint64_t kUntoldBytes = std::uint64_t{16} << 20;
+
 // As much as the file had when it was opened: one that is written to all the while has an end too.
 Result<void, NSError> copyContent(const Source& source, const std::string& sourcePath,
                                   ReplacementFile& copy, const std::string& destination) {
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
-  const auto size = static_cast<std::uint64_t>(source.status.st_size);
+  // A size without a block on the disk may be none at all, or a page's.
+  const bool tellsSize = source.status.st_blocks > 0;
+  const auto size = tellsSize ? static_cast<std::uint64_t>(source.status.st_size)
+                              : std::max<std::uint64_t>(source.status.st_size, kUntoldBytes);
   for (std::uint64_t done = 0; done < size;) {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kPieceBytes));
     const ssize_t count =
         retryOnInterrupt([&] { return ::read(source.file.get(), piece.get(), wanted); });
     if (count < 0) return readFailure(sourcePath, errno);
+    if (count == 0 && !tellsSize) return {};
     if (count == 0) {
       return std::unexpected(NSError{NSCocoaErrorDomain, NSFileReadUnknownError,
                                      sourcePath + ": became shorter while it was read"});

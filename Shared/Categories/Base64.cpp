@@ -180,6 +180,7 @@ Base64Buffer<char> newBase64Encode(const void* input, std::size_t length, Base64
 Base64Buffer<unsigned char> newBase64Decode(const char* input, std::size_t length,
                                             std::size_t* outputLength) {
   if (outputLength) *outputLength = 0;
+  if (!input) length = 0;
   if (length == kBase64ZeroTerminated) length = std::strlen(input);
   // Three bytes for each four characters begun; can't overflow, being less than the length.
   const std::size_t groups = length / kCharactersInGroup + (length % kCharactersInGroup != 0);

@@ -62,6 +62,14 @@ TEST(Base64Test, EverySizeAndByteComesBack) {
   }
 }
 
+TEST(Base64Test, ANullInputOfAnyLengthIsEmpty) {
+  for (const std::size_t length : {std::size_t{0}, std::size_t{5}, kBase64ZeroTerminated}) {
+    std::size_t size = 1;
+    EXPECT_TRUE(newBase64Decode(nullptr, length, &size));
+    EXPECT_EQ(size, 0U);
+  }
+}
+
 TEST(Base64Test, NilAndWhiteSpaceAreEmptyData) {
   EXPECT_TRUE(Base64::dataFromBase64String(std::nullopt).empty());
   for (const char* text : {"", " ", "\n", " \t\r\n", "\u2003"}) {

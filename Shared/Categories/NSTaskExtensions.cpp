@@ -74,6 +74,7 @@ void collectWithNotices(platform::Task& task, const TaskPipes& pipes, Collected&
       platform::NSFileHandleDataAvailableNotification, nullptr,
       [pipes, &collected](const Notification& notice) {
         auto* handle = const_cast<void*>(notice.object);  // Notices of this name have one that may.
+        if (!handle) return;                              // But anybody may post what he likes.
         readNoticed(*static_cast<FileHandle*>(handle), pipes, collected);
       });
   pipes.standardOutput->waitForDataInBackgroundAndNotify();

@@ -337,6 +337,14 @@ TEST_P(LaunchTaskTest, ANoticeOfAnotherHandleIsTakenForOutput) {
   }
 }
 
+TEST_P(LaunchTaskTest, ANoticeOfNoHandleIsNothing) {
+  const Outcome outcome =
+      launch({.whileRunning = {{Stream::kOutput, "own"}}, .atItsEnd = {}, .run = [&] {
+                center_.post({.name = platform::NSFileHandleDataAvailableNotification});
+              }});
+  EXPECT_EQ(outcome.output, "own");
+}
+
 TEST_P(LaunchTaskTest, WhetherHandlersAreCalledIsAskedOfStandardError) {
   EXPECT_FALSE(isSetReadabilityHandlerAvailable(*task_));
   task_->makePipes();

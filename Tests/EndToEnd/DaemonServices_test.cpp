@@ -26,6 +26,7 @@ TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
     processes.insert(expectKilledServiceIsReported(label));
   }
   EXPECT_EQ(processes.size(), kTimes + 1);
+  root_.awaitLog(label + " with PID [", kTimes);  // Lines are written behind the notices.
   EXPECT_EQ(root_.logCount(label + " with PID ["), kTimes);
   expectNoneLostNoneDoubled(pids());
 }
