@@ -32,6 +32,7 @@ struct Job {
   platform::Duration exitTimeOut{};
   std::string machService;  // empty for none
   JobOrigin origin = JobOrigin::kSubmitted;
+  std::size_t cost = 0;  // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
   // The last start whose record stands; its process is the leader of the job's group while
   // `hasLeader`.

@@ -42,6 +42,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);
+  setCost(job, StateFile::costOf(stored.label, stored.submissionBytes));
   job.lastEnd = stored.lastEnd;
   if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();
   if (!stored.lastStart) return {};
@@ -77,6 +78,7 @@ Result<void> JobHost::takeOverProcess(Job& job) {
 }
 
 void JobHost::resume(Job& job) {
+  compactIfWanted();
   if (job.removal) return beginRemoval(job);
   if (job.hasLeader) return;
   if (!job.machService.empty()) {
