@@ -21,6 +21,8 @@ struct Removal {
   // Requests for the same label that came meanwhile, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
   std::unique_ptr<platform::RunLoopHandle> killTimer;
+  // The leader of the group ended under an earlier host, but not all of the group did.
+  bool hasSurvivors = false;
 };
 
 // What the host keeps of a job. The rest of its definition is read anew from the dictionary at each

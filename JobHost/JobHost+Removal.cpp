@@ -64,8 +64,13 @@ void JobHost::remove(std::string_view label, Completion completion) {
 void JobHost::beginRemoval(Job& job) {
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
-  if (!job.hasLeader) return finishRemoval(job);
+  if (!job.hasLeader && !job.removal->hasSurvivors) return finishRemoval(job);
   processes_.signalGroup(job.lastStart.process, SIGTERM);
+  armKill(job);
+  if (!job.hasLeader) awaitGroup(job);  // There is nobody whose end would be reported.
+}
+
+void JobHost::armKill(Job& job) {
   if (job.exitTimeOut <= platform::Duration::zero()) return;
   job.removal->killTimer =
       loop_.startTimer(job.exitTimeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {

@@ -241,6 +241,10 @@ void JobHost::processEnded(Job& job, Ending ending) {
   compactIfWanted();  // Before the end, which a full file would refuse.
   job.hasLeader = false;
   job.lastEnd = ending;
+  // What it left of its group belongs to no process that the job has from now on. The number can't
+  // have come to mean another group since its leader was reaped just now. Before the end is on
+  // record: the next host looks for the group of a process whose end is not.
+  if (!job.removal) processes_.signalGroup(job.lastStart.process, SIGKILL);
   if (auto written = state_->appendEnded(job.label, ending); !written) {
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }
@@ -251,9 +255,6 @@ void JobHost::processEnded(Job& job, Ending ending) {
     awaitGroup(job);
     return;
   }
-  // What it left of its group belongs to no process that the job has from now on. The number can't
-  // have come to mean another group since its leader was reaped just now.
-  processes_.signalGroup(job.lastStart.process, SIGKILL);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const bool wants = wantsProcessAfter(job.rules, ending);
   const auto done = perform(

@@ -106,6 +106,7 @@ class JobHost {
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);
   void beginRemoval(Job& job);
+  void armKill(Job& job);
   void awaitGroup(Job& job);
   void finishRemoval(Job& job);
   void shutDownNext();
@@ -114,6 +115,7 @@ class JobHost {
   platform::Result<void> takeOver(const std::vector<StoredJob>& stored);
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
+  void takeOverSurvivors(Job& job);
   void resume(Job& job);
   void loadDaemons();
   void load(JobDefinition definition);
