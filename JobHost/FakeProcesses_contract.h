@@ -64,6 +64,10 @@ class FakeProcesses final : public Processes {
     return {};
   }
 
+  bool hasSurvivors(const StartFields& identity) override {
+    return members_.contains(identity.process) && !isAlive(identity.process);
+  }
+
   void reportIfEnded(platform::ProcessId process) override {
     const auto found = processes_.find(process);
     if (found != processes_.end() && found->second.ended) report(process);

@@ -21,6 +21,8 @@ struct Removal {
   // Requests for the same label that came meanwhile, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
   std::unique_ptr<platform::RunLoopHandle> killTimer;
+  // The leader of the group ended under an earlier host, but not all of the group did.
+  bool hasSurvivors = false;
 };
 
 // What the host keeps of a job. The rest of its definition is read anew from the dictionary at each
@@ -32,6 +34,7 @@ struct Job {
   platform::Duration exitTimeOut{};
   std::string machService;  // empty for none
   JobOrigin origin = JobOrigin::kSubmitted;
+  std::size_t cost = 0;  // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
   // The last start whose record stands; its process is the leader of the job's group while
   // `hasLeader`.

@@ -50,6 +50,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
     job->removal->completions.push_back(std::move(completion));
     return;
   }
+  compactIfWanted();
   // Before anything happens: a host that came after us would take the job for one that crashed.
   if (auto written = state_->appendRemoving(job->label); !written) {
     answer(std::move(completion), std::unexpected(jobError(written.error())));
@@ -63,8 +64,13 @@ void JobHost::remove(std::string_view label, Completion completion) {
 void JobHost::beginRemoval(Job& job) {
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
-  if (!job.hasLeader) return finishRemoval(job);
+  if (!job.hasLeader && !job.removal->hasSurvivors) return finishRemoval(job);
   processes_.signalGroup(job.lastStart.process, SIGTERM);
+  armKill(job);
+  if (!job.hasLeader) awaitGroup(job);  // There is nobody whose end would be reported.
+}
+
+void JobHost::armKill(Job& job) {
   if (job.exitTimeOut <= platform::Duration::zero()) return;
   job.removal->killTimer =
       loop_.startTimer(job.exitTimeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
@@ -83,6 +89,7 @@ void JobHost::awaitGroup(Job& job) {
 }
 
 void JobHost::finishRemoval(Job& job) {
+  compactIfWanted();
   if (auto written = state_->appendRemoved(job.label); !written) {
     // The next host finds a removal without a process, and finishes it.
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
@@ -90,10 +97,10 @@ void JobHost::finishRemoval(Job& job) {
   if (!job.machService.empty()) sockets_.close(job.machService, job.label);
   log(platform::ASL_LEVEL_INFO, fmt::format("job {}: removed", platform::quoted(job.label)));
   const std::unique_ptr<Removal> removal = std::move(job.removal);
+  setCost(job, 0);
   jobs_.erase(job.label);
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();
-  compactIfWanted();
   if (isShuttingDown_) {
     loop_.post([this, alive = std::weak_ptr(alive_)] {
       if (!alive.expired()) shutDownNext();
@@ -123,6 +130,7 @@ void JobHost::shutDownNext() {
     if (stoppingRank(job) == lowest && !job.removal) next.push_back(label);
   }
   for (const std::string& label : next) {
+    compactIfWanted();
     Job& job = *find(label);
     if (auto written = state_->appendRemoving(label); !written) {
       log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));

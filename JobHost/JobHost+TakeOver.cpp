@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <csignal>
 #include <utility>
 
 #include <fmt/format.h>
@@ -42,13 +43,32 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);
+  setCost(job, StateFile::costOf(stored.label, stored.submissionBytes));
   job.lastEnd = stored.lastEnd;
   if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();
   if (!stored.lastStart) return {};
   job.lastStart = *stored.lastStart;
   // The clock counts from the boot, and the record is of this one; but a clock is not trusted.
   job.lastTry = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
-  return stored.runs ? takeOverProcess(job) : Result<void>();
+  if (stored.runs) {
+    if (auto takenOver = takeOverProcess(job); !takenOver) return takenOver;
+  }
+  // Of a removal the end of the leader may be on record and its group still be waited for.
+  if (!job.hasLeader && (stored.runs || job.removal)) takeOverSurvivors(job);
+  return {};
+}
+
+void JobHost::takeOverSurvivors(Job& job) {
+  if (!processes_.hasSurvivors(job.lastStart)) return;
+  if (job.removal) {
+    job.removal->hasSurvivors = true;
+    return;
+  }
+  log(platform::ASL_LEVEL_NOTICE,
+      fmt::format("job {}: what process {} of an earlier host left of its group is killed",
+                  platform::quoted(job.label), job.lastStart.process));
+  // As after any end: it belongs to no process that the job has from now on.
+  processes_.signalGroup(job.lastStart.process, SIGKILL);
 }
 
 Result<void> JobHost::takeOverProcess(Job& job) {
@@ -77,6 +97,7 @@ Result<void> JobHost::takeOverProcess(Job& job) {
 }
 
 void JobHost::resume(Job& job) {
+  compactIfWanted();
   if (job.removal) return beginRemoval(job);
   if (job.hasLeader) return;
   if (!job.machService.empty()) {

@@ -105,6 +105,49 @@ TEST_F(JobHostTest, ARemovalIsFinishedByTheNextHost) {
   EXPECT_EQ(starts(), 2);
 }
 
+TEST_F(JobHostTest, WhatAProcessLeftThatEndedWithoutAHostIsKilledBeforeTheNextStart) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(10s);
+  killHost();
+  processes_.addMember(101);
+  processes_.end(101);
+  processes_.signals.clear();
+  startHost();
+  ASSERT_EQ(processes_.signals.size(), 1);
+  EXPECT_EQ(processes_.signals[0], (FakeProcesses::Signalled{101, SIGKILL, loop_.now()}));
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+}
+
+TEST_F(JobHostTest, AGroupThatHasEndedWithItsLeaderIsNotSignalledByTheNextHost) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  killHost();
+  processes_.end(101);
+  startHost();
+  EXPECT_TRUE(processes_.signals.empty());
+}
+
+TEST_F(JobHostTest, ARemovalWaitsForTheGroupThatOutlivedLeaderAndHost) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.before", {{"ExitTimeOut", 3}})));
+  ASSERT_TRUE(submit(job("com.example.after", {{"ExitTimeOut", 3}})));
+  for (const int group : {101, 102}) processes_.addMember(group);
+  removeLater("com.example.before");
+  removeLater("com.example.after");
+  processes_.end(101);
+  loop_.runReady();  // Its end is on record, that of the other is not.
+  killHost();
+  processes_.end(102);
+  processes_.signals.clear();
+  startHost();
+  for (const auto& signalled : processes_.signals) EXPECT_EQ(signalled.signal, SIGTERM);
+  EXPECT_EQ(processes_.signals.size(), 2);
+  loop_.advanceBy(3s - 1ns);
+  EXPECT_EQ(host_->labels().size(), 2);
+  loop_.advanceBy(20ms + 1ns);
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_EQ(processes_.signals.back().signal, SIGKILL);
+}
+
 TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   ASSERT_TRUE(submit(job("com.example.a")));
   killHost();

@@ -1,5 +1,6 @@
 #include "JobHost/JobHost.h"
 
+#include <algorithm>
 #include <csignal>
 #include <utility>
 
@@ -86,9 +87,9 @@ JobHost::Outcome JobHost::submitNow(JobOrigin origin, JobDefinition definition) 
         LaunchdError::kUnavailable,
         fmt::format("job {}: the job host is being stopped", platform::quoted(definition.label))));
   }
+  compactIfWanted();  // Now, since a full file would refuse it.
   Job* const job = find(definition.label);
   const auto done = job ? replaceDefinition(*job, origin, definition) : addJob(origin, definition);
-  compactIfWanted();
   if (done) return {};
   return std::unexpected(jobError(done.error()));
 }
@@ -101,10 +102,10 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
                           options_.maximumJobs)});
   }
   const std::size_t mark = state_->mark();
-  if (auto written = state_->appendSubmitted(origin, definition.dictionary); !written) {
-    return written;
-  }
+  const auto cost = record(nullptr, origin, definition);
+  if (!cost) return std::unexpected(cost.error());
   Job& job = jobs_[definition.label];
+  setCost(job, *cost);
   auto done = define(job, origin, definition);
   if (done) {
     const bool wants = wantsProcessAtLoad(job.rules);
@@ -112,6 +113,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   }
   if (!done) {
     sockets_.close(job.machService, job.label);
+    setCost(job, 0);
     jobs_.erase(definition.label);
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
@@ -123,21 +125,39 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
 Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
                                         const JobDefinition& definition) {
   const std::size_t mark = state_->mark();
-  if (auto written = state_->appendSubmitted(origin, definition.dictionary); !written) {
-    return written;
-  }
+  const auto cost = record(&job, origin, definition);
+  if (!cost) return std::unexpected(cost.error());
   if (auto defined = define(job, origin, definition); !defined) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
     return defined;
   }
+  setCost(job, *cost);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
   auto done = perform(job, action, &definition);
   if (!done) retry(job);
   return done;
+}
+
+Result<std::size_t> JobHost::record(const Job* known, JobOrigin origin,
+                                    const JobDefinition& definition) {
+  const std::size_t others = totalCost_ - (known ? known->cost : 0);
+  const std::size_t left = StateFile::kMaximumCost - std::min(others, StateFile::kMaximumCost);
+  const auto bytes = state_->appendSubmitted(origin, definition.dictionary, left);
+  if (!bytes) {
+    Error error = bytes.error();
+    error.context.insert(0, fmt::format("job {}: ", platform::quoted(definition.label)));
+    return std::unexpected(std::move(error));
+  }
+  return StateFile::costOf(definition.label, *bytes);
+}
+
+void JobHost::setCost(Job& job, std::size_t cost) {
+  totalCost_ = totalCost_ - job.cost + cost;
+  job.cost = cost;
 }
 
 Result<void> JobHost::define(Job& job, JobOrigin origin, const JobDefinition& definition) {
@@ -218,8 +238,13 @@ Processes::OnEnd JobHost::onEndOf(Job& job) {
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
+  compactIfWanted();  // Before the end, which a full file would refuse.
   job.hasLeader = false;
   job.lastEnd = ending;
+  // What it left of its group belongs to no process that the job has from now on. The number can't
+  // have come to mean another group since its leader was reaped just now. Before the end is on
+  // record: the next host looks for the group of a process whose end is not.
+  if (!job.removal) processes_.signalGroup(job.lastStart.process, SIGKILL);
   if (auto written = state_->appendEnded(job.label, ending); !written) {
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }
@@ -230,16 +255,12 @@ void JobHost::processEnded(Job& job, Ending ending) {
     awaitGroup(job);
     return;
   }
-  // What it left of its group belongs to no process that the job has from now on. The number can't
-  // have come to mean another group since its leader was reaped just now.
-  processes_.signalGroup(job.lastStart.process, SIGKILL);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const bool wants = wantsProcessAfter(job.rules, ending);
   const auto done = perform(
       job, nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wants, mayStart), nullptr);
   log(platform::ASL_LEVEL_INFO, what);  // After the start, which is not to wait for it.
   if (!done) failedLater(job, done.error());
-  compactIfWanted();
 }
 
 void JobHost::waitUntil(Job& job, platform::Instant due) {
@@ -248,9 +269,9 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
   const platform::Duration delay = due > now ? due - now : platform::Duration::zero();
   job.timer = loop_.startTimer(delay, platform::RunLoop::Repeat::kOnce, [this, &job] {
     const auto timer = std::move(job.timer);  // It lives until this has run.
+    compactIfWanted();
     const auto done = perform(job, nextAction(job.phase, JobEvent::kDue, true, true), nullptr);
     if (!done) failedLater(job, done.error());
-    compactIfWanted();
   });
 }
 

@@ -88,6 +88,10 @@ class JobHost {
   platform::Result<void> replaceDefinition(Job& job, JobOrigin origin,
                                            const JobDefinition& definition);
   platform::Result<void> define(Job& job, JobOrigin origin, const JobDefinition& definition);
+  // Writes the definition down; answers what the job then costs. `known` is null for a new one.
+  platform::Result<std::size_t> record(const Job* known, JobOrigin origin,
+                                       const JobDefinition& definition);
+  void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
   // Reads the definition anew where it is not at hand.
   platform::Result<void> perform(Job& job, JobAction action, const JobDefinition* definition);
@@ -102,6 +106,7 @@ class JobHost {
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);
   void beginRemoval(Job& job);
+  void armKill(Job& job);
   void awaitGroup(Job& job);
   void finishRemoval(Job& job);
   void shutDownNext();
@@ -110,10 +115,12 @@ class JobHost {
   platform::Result<void> takeOver(const std::vector<StoredJob>& stored);
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
+  void takeOverSurvivors(Job& job);
   void resume(Job& job);
   void loadDaemons();
   void load(JobDefinition definition);
   std::vector<StoredJob> snapshot() const;
+  // Not between a mark of the state file and what may cut it back to that.
   void compactIfWanted();
 
   platform::RunLoop& loop_;
@@ -124,6 +131,7 @@ class JobHost {
   std::unique_ptr<StateFile> state_;
   // By label. Their places don't change: callbacks know them.
   std::map<std::string, Job, std::less<>> jobs_;
+  std::size_t totalCost_ = 0;  // of all jobs
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   // Whoever answers looks whether this still lives.

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 #include "JobHost/JobHostBed_contract.h"
 
@@ -92,6 +93,25 @@ TEST_F(JobHostProcesses, WhatAProcessLeavesBehindIsKilledAndReaped) {
   });
   loop().run();
   EXPECT_EQ(host_->copy("com.example.job")["LastExitStatus"], Value(0));
+}
+
+TEST_F(JobHostProcesses, TheNextHostKillsTheGroupOfALeaderThatHasGone) {
+  // The first start leaves a member; what follows has none.
+  const std::string once = root_.path("once");
+  ASSERT_TRUE(submit(
+      scriptJob("com.example.job", "test -e " + once + " && exec sleep 1000; touch " + once +
+                                       "; sleep 1000 & echo $! >" + lines_.path() + "; wait")));
+  const auto member = std::stoi(lines_.nextLine());
+  const auto leader = pidOf("com.example.job");
+  const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, member, 0)));
+  ASSERT_TRUE(pidfd);
+  dropHost();
+  ::kill(leader, SIGKILL);
+  ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
+  startHost();
+  pollfd entry{pidfd.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&entry, 1, 60'000), 1);
+  EXPECT_NE(pidOf("com.example.job"), leader);
 }
 
 TEST_F(JobHostProcesses, AnExitThatSomebodyHasSeenIsInTheNextAnswer) {

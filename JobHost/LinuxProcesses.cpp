@@ -6,6 +6,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -52,18 +53,38 @@ std::string statOf(std::string_view process) {
   return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : std::string();
 }
 
-// Whether a "stat" file tells of a process of this group that has not ended.
-bool livesInGroup(const std::string& stat, ProcessId group) {
+struct Membership {
+  ProcessId group = 0;
+  ProcessId session = 0;
+};
+
+// What a "stat" file tells of a process that has not ended; nothing of one that has.
+std::optional<Membership> membershipIn(const std::string& stat) {
   const std::size_t nameEnd = stat.rfind(')');
-  if (nameEnd == stat.npos || nameEnd + 4 > stat.size()) return false;
+  if (nameEnd == stat.npos || nameEnd + 4 > stat.size()) return std::nullopt;
   const char state = stat[nameEnd + 2];
-  if (state == 'Z' || state == 'X') return false;
+  if (state == 'Z' || state == 'X') return std::nullopt;
   const char* const end = stat.data() + stat.size();
   const std::size_t parentEnd = stat.find(' ', nameEnd + 4);
-  if (parentEnd == stat.npos) return false;
-  ProcessId number = 0;
-  std::from_chars(stat.data() + parentEnd + 1, end, number);
-  return number == group;
+  if (parentEnd == stat.npos) return std::nullopt;
+  Membership membership;
+  const char* const groupEnd =
+      std::from_chars(stat.data() + parentEnd + 1, end, membership.group).ptr;
+  if (groupEnd == end) return std::nullopt;
+  std::from_chars(groupEnd + 1, end, membership.session);
+  return membership;
+}
+
+// Whether `matches` holds of the "stat" file of any process; also where nobody can tell.
+template <typename Matches>
+bool anyProcess(Matches matches) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), &::closedir);
+  if (!folder) return true;
+  while (const dirent* entry = ::readdir(folder.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.front() >= '1' && name.front() <= '9' && matches(statOf(name))) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -152,14 +173,27 @@ void LinuxProcesses::signalGroup(ProcessId group, int signal) { ::kill(-group, s
 bool LinuxProcesses::isGroupEmpty(ProcessId group) {
   if (::kill(-group, 0) != 0 && errno == ESRCH) return true;
   // There may be nothing but ended processes, whose parent is slow to reap them or never does.
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), &::closedir);
-  if (!folder) return false;
-  while (const dirent* entry = ::readdir(folder.get())) {
-    const std::string_view name = entry->d_name;
-    if (name.front() < '1' || name.front() > '9') continue;
-    if (livesInGroup(statOf(name), group)) return false;
-  }
-  return true;
+  return !anyProcess([&](const std::string& stat) {
+    const auto membership = membershipIn(stat);
+    return membership && membership->group == group;
+  });
+}
+
+bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
+  const ProcessId group = identity.process;
+  if (::kill(-group, 0) != 0 && errno == ESRCH) return false;
+  // A process, or a thread, that has the number now: the group is of its making.
+  if (!statOf(std::to_string(group)).empty()) return false;
+  bool isOurs = false;
+  bool isOlder = false;
+  anyProcess([&](const std::string& stat) {
+    const auto membership = membershipIn(stat);
+    if (!membership || membership->group != group) return false;
+    isOurs = membership->session == group;
+    isOlder = isOlder || startTicksIn(stat.data(), stat.size()) < identity.startTicks;
+    return false;
+  });
+  return isOurs && !isOlder;
 }
 
 UniqueFd LinuxProcesses::copyDescriptor(ProcessId process, Descriptor descriptor) {

@@ -23,6 +23,7 @@ class LinuxProcesses final : public Processes {
   platform::Result<platform::ProcessId> start(const JobDefinition& job, const StartTicket& ticket,
                                               platform::Descriptor listener, OnEnd onEnd) override;
   platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) override;
+  bool hasSurvivors(const StartFields& identity) override;
   void reportIfEnded(platform::ProcessId process) override;
   void signalGroup(platform::ProcessId group, int signal) override;
   bool isGroupEmpty(platform::ProcessId group) override;

@@ -181,17 +181,28 @@ Result<void> StateFile::compact(std::span<const StoredJob> jobs) {
 }
 
 bool StateFile::wantsCompaction() const {
-  return size_ > std::max(2 * compactedSize_, kSmallBytes);
+  return size_ > std::max(2 * compactedSize_, kSmallBytes) || size_ + kRoomBytes > kMaximumBytes;
+}
+
+std::size_t StateFile::costOf(std::string_view label, std::size_t submissionBytes) {
+  // A start, an end and the beginning of a removal.
+  return submissionBytes + 3 * (sizeof(RecordHeader) + label.size()) + sizeof(StartFields) +
+         sizeof(EndFields);
+}
+
+Result<void> StateFile::makeReady(std::size_t recordBytes) {
+  if (auto mended = mend(); !mended) return mended;
+  if (size_ + recordBytes <= kMaximumBytes) return {};
+  return std::unexpected(Error{ErrorCode::kExhausted, 0,
+                               fmt::format("{}: expected at most {} bytes", path_, kMaximumBytes)});
 }
 
 Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> payload) {
-  if (auto mended = mend(); !mended) return mended;
-  const auto record = makeRecord(kind, payload);
-  if (size_ + record.size() > kMaximumBytes) {
-    return std::unexpected(
-        Error{ErrorCode::kExhausted, 0,
-              fmt::format("{}: expected at most {} bytes", path_, kMaximumBytes)});
-  }
+  return appendRecord(makeRecord(kind, payload));
+}
+
+Result<void> StateFile::appendRecord(std::span<const std::uint8_t> record) {
+  if (auto ready = makeReady(record.size()); !ready) return ready;
   if (auto written = writeWhole(file_.get(), record, "writing " + path_); !written) {
     // What can't be cut off now is cut off before the next record, or found torn.
     isTorn_ = true;
@@ -202,10 +213,21 @@ Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> pa
   return {};
 }
 
-Result<void> StateFile::appendSubmitted(JobOrigin origin, const platform::Value& dictionary) {
+Result<std::size_t> StateFile::appendSubmitted(JobOrigin origin, const platform::Value& dictionary,
+                                               std::size_t mostCost) {
   const auto payload = submittedPayload(origin, dictionary);
   if (!payload) return std::unexpected(payload.error());
-  return append(RecordKind::kSubmitted, *payload);
+  const auto record = makeRecord(RecordKind::kSubmitted, *payload);
+  const std::string* const label = dictionary["Label"].string();
+  const std::size_t cost = costOf(label ? *label : "", record.size());
+  if (cost > mostCost) {
+    return std::unexpected(Error{
+        ErrorCode::kExhausted, 0,
+        fmt::format("{}: expected jobs of at most {} bytes in all; {} are left and it takes {}",
+                    path_, kMaximumCost, mostCost, cost)});
+  }
+  if (auto appended = appendRecord(record); !appended) return std::unexpected(appended.error());
+  return record.size();
 }
 
 Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending) {
@@ -224,10 +246,12 @@ Result<void> StateFile::appendRemoved(std::string_view label) {
 
 Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,
                                                              platform::Instant startedAt) {
-  if (auto mended = mend(); !mended) return std::unexpected(std::move(mended.error()));
   StartFields fields;
   fields.startedAt = startedAt.time_since_epoch().count();
-  return makeRecord(RecordKind::kStarted, startPayload(fields, label));
+  auto record = makeRecord(RecordKind::kStarted, startPayload(fields, label));
+  // The process can't ask whether there is room.
+  if (auto ready = makeReady(record.size()); !ready) return std::unexpected(ready.error());
+  return record;
 }
 
 StartFields StateFile::countStart(std::span<const std::uint8_t> record) {

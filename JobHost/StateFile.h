@@ -35,6 +35,12 @@ class StateFile {
   static constexpr platform::Duration kLockPatience = std::chrono::seconds(5);
   // The most that the file may hold; a record beyond that is refused.
   static constexpr std::size_t kMaximumBytes = std::size_t{16} << 20;
+  // The most that all known jobs together may cost, each what costOf() says. With this a
+  // compacted file always has room for what happens to these jobs: only a submission is ever
+  // refused for want of room.
+  static constexpr std::size_t kMaximumCost = std::size_t{12} << 20;
+  // A file with less room than this wants compaction: more than any job's submission and start.
+  static constexpr std::size_t kRoomBytes = std::size_t{2} << 20;
 
   struct Opened {
     std::unique_ptr<StateFile> file;
@@ -53,17 +59,23 @@ class StateFile {
 
   // Replaces the file by one that holds `jobs`. The old one stays where that fails.
   platform::Result<void> compact(std::span<const StoredJob> jobs);
-  // Whether the file holds much that is out of date.
+  // Whether the file holds much that is out of date, or has little room left.
   bool wantsCompaction() const;
 
+  // The most that a compacted file holds of a job whose submission takes `submissionBytes`.
+  static std::size_t costOf(std::string_view label, std::size_t submissionBytes);
+
   // Each appends one record, or fails and leaves the file as it was.
-  platform::Result<void> appendSubmitted(JobOrigin origin, const platform::Value& dictionary);
+
+  // The bytes that it takes; kExhausted where the job would cost more than `mostCost`.
+  platform::Result<std::size_t> appendSubmitted(JobOrigin origin, const platform::Value& dictionary,
+                                                std::size_t mostCost = kMaximumCost);
   platform::Result<void> appendEnded(std::string_view label, const Ending& ending);
   platform::Result<void> appendRemoving(std::string_view label);
   platform::Result<void> appendRemoved(std::string_view label);
 
   // The record of a start at `startedAt`, which the process itself completes and appends.
-  // Fails where the file is not as it should be and can't be mended.
+  // Fails where the file is not as it should be and can't be mended, and where it has no room.
   platform::Result<std::vector<std::uint8_t>> makeStartRecord(std::string_view label,
                                                               platform::Instant startedAt);
   StartTicket ticketFor(std::span<std::uint8_t> record) const { return {file_.get(), record}; }
@@ -78,6 +90,8 @@ class StateFile {
   StateFile() = default;
 
   platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
+  platform::Result<void> appendRecord(std::span<const std::uint8_t> record);
+  platform::Result<void> makeReady(std::size_t recordBytes);
   // A record behind a torn one would make the whole file worthless.
   platform::Result<void> mend() { return isTorn_ ? cutBackTo(size_) : platform::Result<void>(); }
 

@@ -267,7 +267,7 @@ TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
   auto file = create();
   const Value large =
       Dictionary{{"Label", "a"}, {"Fill", platform::Data(std::size_t{1} << 20, 'x')}};
-  platform::Result<void> result;
+  platform::Result<std::size_t> result;
   std::size_t before = 0;
   while (result) {
     before = file->mark();
@@ -283,6 +283,52 @@ TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
   EXPECT_TRUE(file->appendRemoving(exact));
   EXPECT_EQ(file->mark(), StateFile::kMaximumBytes);
   EXPECT_FALSE(file->appendRemoving(""));
+}
+
+TEST_F(StateFileTest, AStartForWhichThereIsNoRoomIsRefusedBeforeThereIsAProcess) {
+  auto file = create();
+  const std::size_t needed = file->makeStartRecord("a", {})->size();
+  for (const std::size_t left : {needed + 1, needed, needed - 1}) {
+    ASSERT_TRUE(file->compact({}));
+    const std::size_t fill = StateFile::kMaximumBytes - file->mark() - left;
+    ASSERT_TRUE(file->appendRemoving(std::string(fill - sizeof(RecordHeader), 'x')));
+    const auto record = file->makeStartRecord("a", {});
+    ASSERT_EQ(record.has_value(), left >= needed) << left;
+    if (!record) {
+      EXPECT_EQ(record.error().code, ErrorCode::kExhausted);
+    }
+  }
+}
+
+TEST_F(StateFileTest, AJobThatCostsMoreThanIsLeftIsRefused) {
+  auto file = create();
+  const std::size_t before = file->mark();
+  const auto bytes = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(*bytes, file->mark() - before);
+  const std::size_t cost = StateFile::costOf("a", *bytes);
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost + 1));
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost));
+  const std::size_t mark = file->mark();
+  const auto refused = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost - 1);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(file->mark(), mark);
+}
+
+TEST_F(StateFileTest, ACostIsWhatACompactedFileHoldsAtMost) {
+  auto file = create();
+  const std::size_t empty = file->mark();
+  StoredJob job;
+  job.label = "com.example.a";
+  job.dictionary = jobNamed(job.label);
+  ASSERT_TRUE(file->compact({&job, 1}));
+  const std::size_t submission = file->mark() - empty;
+  job.lastStart = StartFields{1, 0, 2, 3, 4};
+  job.lastEnd = Ending();
+  job.isBeingRemoved = true;
+  ASSERT_TRUE(file->compact({&job, 1}));
+  EXPECT_EQ(file->mark() - empty, StateFile::costOf(job.label, submission));
 }
 
 // Lets no file grow beyond a size while it lives: what is written across it is cut short, as on a

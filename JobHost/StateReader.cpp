@@ -96,6 +96,7 @@ class Replay {
     job.label = *label;
     job.origin = origin;
     job.dictionary = *std::move(dictionary);
+    job.submissionBytes = sizeof(RecordHeader) + payload.size();
     return {};
   }
 

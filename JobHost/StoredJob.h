@@ -24,6 +24,7 @@ struct StoredJob {
   std::string label;
   JobOrigin origin = JobOrigin::kSubmitted;
   platform::Value dictionary;
+  std::size_t submissionBytes = 0;  // what the dictionary's record takes in the file
   std::optional<StartFields> lastStart;
   bool runs = false;              // no end followed the last start
   std::optional<Ending> lastEnd;  // absent before the first end

@@ -1,0 +1,82 @@
+// What the host does where its state file can take no more.
+
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "JobHost/JobHostFixture_contract.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Data;
+using platform::Dictionary;
+using platform::Value;
+using testing::HasSubstr;
+
+class JobHostLimits : public JobHostTest {
+ protected:
+  static constexpr std::size_t kLargeBytes = 250'000;
+
+  static Dictionary large(const std::string& label, char fill = 'x') {
+    return job(label, {{"ThrottleInterval", 0}, {"Fill", Data(kLargeBytes, fill)}});
+  }
+  static std::string nameOf(int number) { return "com.example." + std::to_string(number); }
+
+  // Submits large jobs until there is no room for another; how many there are.
+  int fill() {
+    for (int number = 0;; ++number) {
+      const auto outcome = submit(large(nameOf(number)));
+      if (outcome) continue;
+      EXPECT_THAT(outcome.error().localizedDescription, HasSubstr("bytes in all"));
+      EXPECT_THAT(outcome.error().localizedDescription, HasSubstr(nameOf(number)));
+      return number;
+    }
+  }
+
+  std::size_t stateBytes() const {
+    struct stat status{};
+    EXPECT_EQ(::stat(root_.path("run/vantor/launchd.state").c_str(), &status), 0);
+    return static_cast<std::size_t>(status.st_size);
+  }
+};
+
+TEST_F(JobHostLimits, AHostFullOfJobsGoesOnStartingReplacingAndRemovingThem) {
+  const int count = fill();
+  EXPECT_EQ(count, static_cast<int>(StateFile::kMaximumCost / kLargeBytes));
+  restartHost();
+  // Each of these takes twice what the file has room for.
+  for (int i = 0; i < 40; ++i) {
+    const auto replaced = submit(large(nameOf(0), static_cast<char>('a' + i)));
+    ASSERT_TRUE(replaced) << i << ": " << replaced.error().localizedDescription;
+    ASSERT_LE(stateBytes(), StateFile::kMaximumBytes);
+  }
+  for (int i = 0; i < 10'000; ++i) {
+    endLast();
+    ASSERT_EQ(starts(), static_cast<std::size_t>(count + i + 1));
+  }
+  EXPECT_LE(stateBytes(), StateFile::kMaximumBytes);
+  restartHost();
+  EXPECT_EQ(host_->labels().size(), static_cast<std::size_t>(count));
+  EXPECT_EQ(starts(), static_cast<std::size_t>(count + 10'000));
+  for (int number = 0; number < count; ++number) {
+    ASSERT_TRUE(removeLater(nameOf(number))->value()) << number;
+  }
+  EXPECT_EQ(fill(), count);
+}
+
+TEST_F(JobHostLimits, ARemovedOrReplacedJobMakesRoomForAnother) {
+  const int count = fill();
+  EXPECT_FALSE(submit(large("com.example.another")));
+  ASSERT_TRUE(removeLater(nameOf(1))->value());
+  ASSERT_TRUE(submit(large("com.example.another")));
+  EXPECT_FALSE(submit(large(nameOf(count))));
+  ASSERT_TRUE(submit(job(nameOf(2))));
+  EXPECT_TRUE(submit(large(nameOf(count))));
+}
+
+}  // namespace
+}  // namespace jobhost
