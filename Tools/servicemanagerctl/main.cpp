@@ -1,6 +1,6 @@
-// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service or
-// job, 4 not permitted, 5 no service manager or job host, 6 the service manager is not this
-// product's.
+// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service,
+// job or setting, 4 not permitted, 5 no service manager or job host, 6 the service manager is not
+// this product's.
 
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
@@ -27,6 +28,7 @@
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
+#include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 
 namespace {
@@ -83,7 +85,7 @@ int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxP
   return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
 }
 
-// `commands` speak to the service manager.
+// `commands` speak to the service manager or another server of the product.
 template <typename Commands>
 int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPlatform) {
   const LoggerBinding logger(linuxPlatform.systemLog);
@@ -97,6 +99,7 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
       linuxPlatform.systemLog);
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
+  addGlobalSettingsProtocol(protocols);
   return commands.run({.objects = {*linuxPlatform.runLoop, connections, *distributedCenter, center,
                                    protocols, linuxPlatform.systemInformation},
                        .transport = linuxPlatform.peerTransport,
@@ -127,6 +130,7 @@ int main(int argc, char** argv) {
   logTestCommand->add_option("message", message, "The text of the lines")->required();
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
+  const SettingsCommands settingsCommands(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   std::string root;
@@ -146,6 +150,7 @@ int main(int argc, char** argv) {
   if (platformCommand->parsed()) reportPlatform(linux, json);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
+  if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
