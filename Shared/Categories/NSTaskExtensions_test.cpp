@@ -318,6 +318,25 @@ TEST_P(LaunchTaskTest, OfWhatStandardErrorHoldsAtTheEndOneChunkIsTaken) {
   EXPECT_EQ(outcome.error, GetParam() ? "first second" : "first ");
 }
 
+// Deliberate: behind the chunk of standard error comes a reading of standard output, which has ended
+// up with nothing before, and what that gives is standard error's.
+TEST_P(LaunchTaskTest, AfterAChunkOfStandardErrorStandardOutputIsReadAgain) {
+  if (GetParam()) GTEST_SKIP() << "nothing is read at the end where handlers are called";
+  const Outcome outcome = launch({.whileRunning = {},
+                                  .atItsEnd = {{Stream::kOutput, "out"},
+                                               {Stream::kOutput, ""},
+                                               {Stream::kOutput, "late"},
+                                               {Stream::kOutput, "later"},
+                                               {Stream::kError, "first "},
+                                               {Stream::kError, "second"}}});
+  EXPECT_EQ(outcome.output, "out");
+  EXPECT_EQ(outcome.error, "first latelater");
+  const std::string stderrLine = "Added remaining data to stderr string after task termination.";
+  EXPECT_THAT(lines(ASL_LEVEL_DEBUG),
+              ElementsAre("Added remaining data to stdout string after task termination.",
+                          stderrLine, stderrLine, stderrLine, HasSubstr("Termination status")));
+}
+
 TEST_P(LaunchTaskTest, ANoticeOfAnotherHandleIsTakenForOutput) {
   FakeFileHandle other(center_, false);
   other.waitForDataInBackgroundAndNotify();
