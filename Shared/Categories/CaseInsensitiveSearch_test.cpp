@@ -81,8 +81,8 @@ TEST(CaseInsensitiveSearchTest, EnormousTextsAreAnswered) {
   EXPECT_FALSE(isSuffix("\u0301", marks));
 }
 
-// "a" with this many of each of two marks, whose order does not matter to a reader: that above comes
-// before the one to the right of it, or the other way around.
+// "a" with this many of each of two marks, whose order does not matter to a reader: that above
+// comes before the one to the right of it, or the other way around.
 std::string marked(int count, const char* first, const char* second) {
   std::string text = "a";
   for (int i = 0; i < count; ++i) text += first;

@@ -144,8 +144,7 @@ TEST(NSArrayExtensionsTest, AKeyPathOfEnormousLengthOverAnEnormousArrayIsAnswere
   const Array numbers(100'000, Value(1));
   std::string path = "all";
   for (int i = 0; i < 1'000'000; ++i) path += ".x";
-  const Array result =
-      NSArrayExtensions::objectsForKeyPath({Dictionary{{"all", numbers}}}, path);
+  const Array result = NSArrayExtensions::objectsForKeyPath({Dictionary{{"all", numbers}}}, path);
   ASSERT_EQ(result.size(), 1u);
   EXPECT_EQ(result[0], Value(Array(100'000, Value::nullMarker())));
 }

@@ -318,8 +318,8 @@ TEST_P(LaunchTaskTest, OfWhatStandardErrorHoldsAtTheEndOneChunkIsTaken) {
   EXPECT_EQ(outcome.error, GetParam() ? "first second" : "first ");
 }
 
-// Deliberate: behind the chunk of standard error comes a reading of standard output, which has ended
-// up with nothing before, and what that gives is standard error's.
+// Deliberate: behind the chunk of standard error comes a reading of standard output, which has
+// ended up with nothing before, and what that gives is standard error's.
 TEST_P(LaunchTaskTest, AfterAChunkOfStandardErrorStandardOutputIsReadAgain) {
   if (GetParam()) GTEST_SKIP() << "nothing is read at the end where handlers are called";
   const Outcome outcome = launch({.whileRunning = {},
