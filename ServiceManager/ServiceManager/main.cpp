@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Logger/Logger.h"
 #include "Platform/BackgroundService.h"
@@ -64,7 +66,10 @@ int main(int argc, char** argv) {
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
-  const SettingsClientFactories settingsClientFactories;
+  addGlobalSettingsProtocol(protocols);
+  SettingsClientFactories settingsClientFactories;
+  addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
+                                                       center, protocols, linux.systemInformation});
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
