@@ -25,8 +25,6 @@ using platform::ErrorCode;
 using platform::Result;
 
 constexpr std::string_view kSuffix = ".plist";
-// More would be somebody's mistake.
-constexpr std::size_t kMaximumFiles = 4096;
 // Far more than the largest definition takes as a file.
 constexpr std::size_t kMaximumFileBytes = std::size_t{4} << 20;
 
@@ -50,10 +48,10 @@ Result<std::vector<std::string>> plistsIn(const std::string& path) {
   while (const dirent* entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;
     if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
-    if (names.size() == kMaximumFiles) {
+    if (names.size() == kMaximumDaemonFiles) {
       return std::unexpected(
           Error{ErrorCode::kExhausted, 0,
-                fmt::format("{}: expected at most {} files", path, kMaximumFiles)});
+                fmt::format("{}: expected at most {} files", path, kMaximumDaemonFiles)});
     }
     names.emplace_back(name);
   }

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include "JobHost/JobDefinition.h"
 
 namespace jobhost {
+
+// More would be somebody's mistake.
+inline constexpr std::size_t kMaximumDaemonFiles = 4096;
 
 // What the *.plist files of a folder define, in the order of the files' names.
 struct DaemonFolder {

@@ -52,10 +52,14 @@ void JobHost::remove(std::string_view label, Completion completion) {
   }
   compactIfWanted();
   // Before anything happens: a host that came after us would take the job for one that crashed.
-  if (auto written = state_->appendRemoving(job->label); !written) {
+  const bool isLoaded = job->origin == JobOrigin::kLoaded;
+  const auto written =
+      isLoaded ? state_->appendDismissed(job->label) : state_->appendRemoving(job->label);
+  if (!written) {
     answer(std::move(completion), std::unexpected(jobError(written.error())));
     return;
   }
+  if (isLoaded) dismissed_.insert(job->label);
   job->removal = std::make_unique<Removal>();
   job->removal->completions.push_back(std::move(completion));
   beginRemoval(*job);
@@ -117,6 +121,11 @@ void JobHost::shutDown(std::move_only_function<void()> completion) {
 void JobHost::shutDownNext() {
   if (jobs_.empty()) {
     if (!onShutDown_) return;
+    // Whoever starts a host again starts all of its daemons.
+    dismissed_.clear();
+    if (auto written = state_->compact({}); !written) {
+      log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
+    }
     loop_.post([alive = std::weak_ptr(alive_),
                 completion = std::exchange(onShutDown_, nullptr)]() mutable {
       if (!alive.expired()) completion();

@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "JobHost/DaemonFolder.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/JobHost.h"
 #include "Platform/PropertyListText.h"
@@ -22,15 +21,21 @@ constexpr platform::Descriptor kFirstPassedDescriptor = 3;
 
 }  // namespace
 
-Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored) {
+Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Labels& dismissed) {
+  dismissed_ = dismissed;
   for (const StoredJob& job : stored) {
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
+  DaemonFolder daemons = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
+  forgetDismissals(daemons);
   // From here on the new file says what was found, so that nothing is found twice.
-  if (auto written = state_->compact(snapshot()); !written) return written;
+  if (auto written = state_->compact(snapshot(), dismissed_); !written) return written;
+  // Before the jobs go on: what their rules are now is what they go on by.
+  std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
   }
+  loadDaemons(std::move(unknown));
   return {};
 }
 
@@ -113,25 +118,6 @@ void JobHost::resume(Job& job) {
   if (!done) failedLater(job, done.error());
 }
 
-void JobHost::loadDaemons() {
-  DaemonFolder folder = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
-  for (const std::string& fault : folder.faults) log(platform::ASL_LEVEL_ERR, fault);
-  for (JobDefinition& definition : folder.definitions) {
-    Job* const job = find(definition.label);
-    if (job && job->removal) {
-      job->removal->afterwards.push_back(
-          [this, definition = std::move(definition)]() mutable { load(std::move(definition)); });
-    } else {
-      load(std::move(definition));
-    }
-  }
-}
-
-void JobHost::load(JobDefinition definition) {
-  const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
-  if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
-}
-
 std::vector<StoredJob> JobHost::snapshot() const {
   std::vector<StoredJob> jobs;
   for (const auto& [label, job] : jobs_) {
@@ -149,7 +135,7 @@ std::vector<StoredJob> JobHost::snapshot() const {
 
 void JobHost::compactIfWanted() {
   if (!state_->wantsCompaction()) return;
-  if (auto written = state_->compact(snapshot()); !written) {
+  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
   }
 }

@@ -1,4 +1,4 @@
-// What one host leaves to the next, and what it loads from files.
+// What one host leaves to the next.
 
 #include <algorithm>
 #include <string>
@@ -169,32 +169,6 @@ TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   EXPECT_LT(largest, 300 * 1024);
   restartHost();
   EXPECT_EQ(pid("com.example.a"), Value(2601));
-}
-
-// Daemons from files.
-
-TEST_F(JobHostTest, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
-  killHost();
-  const auto plist = [](const std::string& label) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Label</key><string>" + label +
-           "</string><key>Program</key><string>/bin/true</string><key>RunAtLoad</key><true/></dict>"
-           "</plist>";
-  };
-  const std::string folder = "Library/LaunchDaemons/";
-  root_.write(folder + "a.plist", plist("com.example.a"));
-  root_.write(folder + "b.plist", plist("com.example.a"));
-  root_.write(folder + "c.plist", "no property list");
-  root_.write(folder + "d.plist", "<plist version=\"1.0\"><dict/></plist>");
-  root_.write(folder + "e.text", plist("com.example.e"));
-  ASSERT_EQ(::chmod(root_.write(folder + "f.plist", plist("com.example.f")).c_str(), 0666), 0);
-  ASSERT_EQ(::symlink("a.plist", root_.path(folder + "g.plist").c_str()), 0);
-  root_.write(folder + "h.plist", plist("com.example.h"));
-  startHost();
-  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.h"));
-  EXPECT_EQ(starts(), 2);
-  for (const char* file : {"b.plist", "c.plist", "d.plist", "f.plist", "g.plist"}) {
-    EXPECT_EQ(sink_.count(file), 1) << file;
-  }
 }
 
 }  // namespace

@@ -44,10 +44,9 @@ Result<std::unique_ptr<JobHost>> JobHost::create(platform::RunLoop& loop, Proces
   for (const std::string& warning : state->warnings) {
     host->log(platform::ASL_LEVEL_WARNING, warning);
   }
-  if (auto takenOver = host->takeOver(state->jobs); !takenOver) {
+  if (auto takenOver = host->takeOver(state->jobs, state->dismissed); !takenOver) {
     return std::unexpected(std::move(takenOver.error()));
   }
-  host->loadDaemons();
   return host;
 }
 
@@ -124,6 +123,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
 
 Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
                                         const JobDefinition& definition) {
+  const bool isReplaced = isReplacedByClient(job.origin, origin);
   const std::size_t mark = state_->mark();
   const auto cost = record(&job, origin, definition);
   if (!cost) return std::unexpected(cost.error());
@@ -134,6 +134,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
     return defined;
   }
   setCost(job, *cost);
+  if (isReplaced) dismissed_.insert(job.label);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
