@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "JobHost/JobAccount.h"
 #include "JobHost/JobHost.h"
 #include "Platform/PropertyListText.h"
 
@@ -48,6 +49,7 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
 
 Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
   if (job.dictionary == definition.dictionary) return {};
+  if (auto known = checkAccount(definition); !known) return known;
   compactIfWanted();
   const std::size_t mark = state_->mark();
   const auto cost = record(&job, JobOrigin::kLoaded, definition);

@@ -160,6 +160,17 @@ TEST_F(JobHostDaemons, AChangedFileReplacesTheDefinitionForTheNextStartOnly) {
   EXPECT_EQ(starts(), 1);
 }
 
+TEST_F(JobHostDaemons, AChangedFileWithAnUnknownUserLeavesTheDefinitionAsItWas) {
+  put(kept(kLabel));
+  startHost();
+  killHost();
+  put(plist(kLabel, "<key>UserName</key><string>no-such-user</string>"));
+  startHost();
+  EXPECT_EQ(pid(kLabel), Value(101));
+  EXPECT_EQ(host_->copy(kLabel)["KeepAlive"], Value(true));
+  EXPECT_EQ(sink_.count("no-such-user"), 1);
+}
+
 TEST_F(JobHostDaemons, AProcessThatEndedWithoutAHostIsJudgedByTheChangedFile) {
   put(once(kLabel));
   startHost();

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "JobHost/JobAccount.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/PropertyListText.h"
@@ -85,6 +86,9 @@ JobHost::Outcome JobHost::submitNow(JobOrigin origin, JobDefinition definition) 
     return std::unexpected(jobError(
         LaunchdError::kUnavailable,
         fmt::format("job {}: the job host is being stopped", platform::quoted(definition.label))));
+  }
+  if (auto known = checkAccount(definition); !known) {
+    return std::unexpected(jobError(known.error()));
   }
   compactIfWanted();  // Now, since a full file would refuse it.
   Job* const job = find(definition.label);

@@ -62,7 +62,8 @@ class JobHost {
   // Completes when the job's process runs or has failed to start, and at once where nothing wants
   // a process yet or the throttle puts the start off. A new job whose process can't be started is
   // no job; one that was known stays and is tried again. A job that is being removed is submitted
-  // when it has gone. Refused once shutDown() was called.
+  // when it has gone. Refused once shutDown() was called, and where the system does not know the
+  // job's user or group.
   void submit(JobDefinition definition, Completion completion);
 
   // Ends the job's processes and forgets the job; completes when the last of them has gone. The

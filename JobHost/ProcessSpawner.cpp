@@ -20,6 +20,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <unistd.h>
 
 #include "JobHost/JobAccount.h"
+#include "JobHost/JobKeys.h"
 #include "JobHost/SpawnedChild.h"
 #include "Platform/Linux/SystemCall.h"
 #include "Platform/PropertyListText.h"
@@ -172,7 +173,8 @@ Result<void> Orders::addLimits(const JobDefinition& job, std::uint64_t originalD
       if (!soft) soft = std::min<rlim_t>(originalDescriptorLimit, limit.hard.value_or(~rlim_t{0}));
     }
     if (!add(limit.resource, soft, limit.hard)) {
-      return std::unexpected(systemError(fmt::format("getrlimit({})", limit.resource)));
+      return std::unexpected(
+          systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(limit.resource))));
     }
   }
   // Programs that use select() break with as many descriptors as the host may have.
@@ -228,7 +230,8 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kDescriptors:
       return "passing the descriptors";
     case ChildStage::kLimit:
-      return fmt::format("setrlimit of resource {}", child.limits[child.failedLimit].resource);
+      return fmt::format("setrlimit of \"{}\"",
+                         nameOfLimit(child.limits[child.failedLimit].resource));
     case ChildStage::kNice:
       return fmt::format("setpriority to {}", job.nice);
     case ChildStage::kRootDirectory:

@@ -297,9 +297,9 @@ TEST_F(ProcessSpawnerTest, FoldersFilesAndLimitsThatCannotBeHadAreRefused) {
       {"opening \"/no/such/out\"", ENOENT, [](auto& job) { job.standardOutPath = "/no/such/out"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardInPath = "/"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardOutPath = "/"; }},
-      {"setrlimit of resource 7", EPERM,
+      {"setrlimit of \"NumberOfFiles\"", EPERM,
        [](auto& job) { job.limits = {{RLIMIT_NOFILE, 1, rlim_t{1} << 60}}; }},
-      {"setrlimit of resource 4", EINVAL, [](auto& job) { job.limits = {{RLIMIT_CORE, 2, 1}}; }},
+      {"setrlimit of \"Core\"", EINVAL, [](auto& job) { job.limits = {{RLIMIT_CORE, 2, 1}}; }},
   };
   for (const Row& row : rows) {
     JobDefinition job = script("echo ran");
