@@ -6,6 +6,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "JobHost/FileSystemIdentity.h"
 #include "JobHost/JobAccount.h"
 #include "JobHost/JobKeys.h"
 #include "JobHost/SpawnedChild.h"
@@ -95,7 +97,7 @@ class Orders {
 
  private:
   void addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens);
-  Result<void> openFiles(const JobDefinition& job, int null, int listener);
+  Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
   Result<void> addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit);
 
   std::vector<char*> arguments_;
@@ -132,23 +134,29 @@ void Orders::addEnvironment(const JobDefinition& job, const JobAccount& account,
   if (listens) child.listenPid = variables_.back().data() + variables_.back().find('0');
 }
 
-Result<void> Orders::openFiles(const JobDefinition& job, int null, int listener) {
+Result<void> Orders::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
   const std::pair<const std::string&, int> files[kStandardFiles] = {
       {job.standardInPath, O_RDONLY},
       {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
       {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
   };
+  // With the host's rights a link that the job's user has put there would lead it anywhere.
+  std::optional<FileSystemIdentity> identity;
   for (const auto& [path, flags] : files) {
     if (path == kNull) {
       descriptors_.push_back(null);
       continue;
+    }
+    if (!identity && ::geteuid() == 0 && account.user != 0) {
+      auto assumed = FileSystemIdentity::assume(account);
+      if (!assumed) return std::unexpected(std::move(assumed.error()));
+      identity.emplace(*std::move(assumed));
     }
     auto file = openStandardFile(path, flags);
     if (!file) return std::unexpected(std::move(file.error()));
     descriptors_.push_back(file->get());
     opened_.push_back(*std::move(file));
   }
-  if (listener >= 0) descriptors_.push_back(listener);
   return {};
 }
 
@@ -193,7 +201,8 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   }
   arguments_.push_back(nullptr);
   addEnvironment(job, account, listener >= 0);
-  if (auto opened = openFiles(job, null, listener); !opened) return opened;
+  if (auto opened = openFiles(job, account, null); !opened) return opened;
+  if (listener >= 0) descriptors_.push_back(listener);
   if (auto added = addLimits(job, originalDescriptorLimit); !added) return added;
   child.arguments = arguments_.data();
   child.environment = environment_.data();
