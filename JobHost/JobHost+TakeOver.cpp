@@ -29,7 +29,13 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
   DaemonFolder daemons = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
   forgetDismissals(daemons);
   // From here on the new file says what was found, so that nothing is found twice.
-  if (auto written = state_->compact(snapshot(), dismissed_); !written) return written;
+  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
+    if (!state_->isWritable()) return written;
+    // The old file says the same, if at greater length. A full disk is no reason to leave the jobs
+    // to themselves.
+    log(platform::ASL_LEVEL_WARNING, fmt::format("{}; the file of the host before is used further",
+                                                 platform::describe(written.error())));
+  }
   // Before the jobs go on: what their rules are now is what they go on by.
   std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
   for (const StoredJob& job : stored) {

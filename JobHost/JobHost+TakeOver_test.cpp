@@ -157,6 +157,51 @@ TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   EXPECT_EQ(sink_.count("not from this boot"), 1);
 }
 
+// Where the new state file would be made, as on a disk that has no room for it.
+class JobHostWithoutRoom : public JobHostTest {
+ protected:
+  const std::string obstacle_ = root_.path("run/vantor/launchd.state.new");
+  void putObstacle() {
+    ASSERT_EQ(::mkdir(obstacle_.c_str(), 0700), 0);
+    root_.write("run/vantor/launchd.state.new/file", "");
+  }
+};
+
+TEST_F(JobHostWithoutRoom, AHostThatCannotCompactItsFileUsesTheOneOfTheHostBefore) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  killHost();
+  putObstacle();
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(sink_.count("the file of the host before is used further"), 1);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(pid("com.example.b"), Value(103));
+  ASSERT_TRUE(submit(job("com.example.c")));
+  ASSERT_TRUE(**removeLater("com.example.a"));
+  for (int i = 0; i < 2; ++i) {
+    restartHost();
+    EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.c"));
+    EXPECT_EQ(pid("com.example.b"), Value(103));
+    EXPECT_EQ(pid("com.example.c"), Value(104));
+  }
+  EXPECT_EQ(starts(), 4);
+}
+
+TEST_F(JobHostWithoutRoom, AHostWithoutAnyFileThatIsInOrderDoesNotStart) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  killHost();
+  putObstacle();
+  ASSERT_EQ(::chmod(root_.path("run/vantor/launchd.state").c_str(), 0666), 0);
+  JobHostOptions options;
+  options.root = root_.path();
+  options.bootId = bootId_;
+  const auto host = JobHost::create(loop_, processes_, log_, std::move(options));
+  ASSERT_FALSE(host);
+  EXPECT_NE(platform::describe(host.error()).find("launchd.state.new"), std::string::npos);
+}
+
 TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
   std::size_t largest = 0;

@@ -68,13 +68,29 @@ Result<void> checkTrust(int file) {
   return {};
 }
 
-Result<StateContents> readTrusted(const std::string& path, std::string_view bootId) {
-  const auto file = platform::openRegularFile(path);
+struct Trusted {
+  StateContents contents;
+  UniqueFd file;  // for reading
+  std::size_t size = 0;
+};
+
+Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
+  auto file = platform::openRegularFile(path);
   if (!file) return std::unexpected(file.error());
   if (auto trust = checkTrust(file->get()); !trust) return std::unexpected(trust.error());
   const auto bytes = platform::readToEnd(file->get(), StateFile::kMaximumBytes, path);
   if (!bytes) return std::unexpected(bytes.error());
-  return readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+  auto contents =
+      readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+  if (!contents) return std::unexpected(std::move(contents.error()));
+  return Trusted{*std::move(contents), *std::move(file), bytes->size()};
+}
+
+// The same file for appending: its path may have come to name another one.
+UniqueFd reopenForAppending(const UniqueFd& file) {
+  const std::string path = fmt::format("/proc/self/fd/{}", file.get());
+  return UniqueFd(
+      retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
 }
 
 // A torn file gets a second name and keeps its own until it is replaced: a host killed in between
@@ -138,17 +154,20 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   auto lock = takeLock(folder + kLockName, loop);
   if (!lock) return std::unexpected(std::move(lock.error()));
   self.lock_ = *std::move(lock);
-  auto contents = readTrusted(self.path_, bootId);
-  if (contents) {
-    opened.jobs = std::move(contents->jobs);
-    opened.dismissed = std::move(contents->dismissed);
-    if (contents->isTorn) {
+  auto trusted = readTrusted(self.path_, bootId);
+  if (trusted) {
+    opened.jobs = std::move(trusted->contents.jobs);
+    opened.dismissed = std::move(trusted->contents.dismissed);
+    if (trusted->contents.isTorn) {
       opened.warnings.push_back(
           setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
+    } else {
+      self.file_ = reopenForAppending(trusted->file);
+      self.size_ = self.compactedSize_ = trusted->size;
     }
-  } else if (contents.error().code != ErrorCode::kNotFound) {
+  } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
-        setAside(self.path_, false, "not trusted: " + platform::describe(contents.error())));
+        setAside(self.path_, false, "not trusted: " + platform::describe(trusted.error())));
   }
   return opened;
 }

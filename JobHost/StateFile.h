@@ -50,14 +50,17 @@ class StateFile {
     std::vector<std::string> warnings;  // what was set aside, and why; for the log
   };
 
-  // The state file in `folder` and what it holds. Until compact() has put a new file in its place
-  // nothing can be appended. `bootId` names the boot that goes on.
+  // The state file in `folder` and what it holds. Where none is in order nothing can be appended
+  // until compact() has put a new one in its place. `bootId` names the boot that goes on.
   //
   // No other host can open it meanwhile: one that still runs is waited for, by `loop`, as are the
   // processes that a killed one had started and that have not executed their programs yet. Fails
   // with kDenied when that takes too long.
   static platform::Result<Opened> open(const std::string& folder, std::string_view bootId,
                                        platform::RunLoop& loop);
+
+  // Whether records can be appended.
+  bool isWritable() const { return static_cast<bool>(file_); }
 
   // Replaces the file by one that holds these. The old one stays where that fails.
   platform::Result<void> compact(std::span<const StoredJob> jobs, const Labels& dismissed = {});
