@@ -16,6 +16,10 @@ namespace {
 // How often a group is looked at whose leader has gone: its last members may be anybody's children.
 constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
 
+// What a job gets that is never to be killed while the host is stopped: as long as a job that says
+// nothing. Otherwise one that does not end would keep all that are stopped after it.
+constexpr platform::Duration kStoppingPatience = std::chrono::seconds(20);
+
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
   if (job.label == kNotificationBusLabel) return 2;
@@ -75,9 +79,13 @@ void JobHost::beginRemoval(Job& job) {
 }
 
 void JobHost::armKill(Job& job) {
-  if (job.exitTimeOut <= platform::Duration::zero()) return;
+  platform::Duration patience = job.exitTimeOut;
+  if (patience <= platform::Duration::zero()) {
+    if (!isShuttingDown_) return;
+    patience = kStoppingPatience;
+  }
   job.removal->killTimer =
-      loop_.startTimer(job.exitTimeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
+      loop_.startTimer(patience, platform::RunLoop::Repeat::kOnce, [this, &job] {
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quoted(job.label), job.lastStart.process));
@@ -115,6 +123,9 @@ void JobHost::finishRemoval(Job& job) {
 void JobHost::shutDown(std::move_only_function<void()> completion) {
   isShuttingDown_ = true;
   onShutDown_ = std::move(completion);
+  for (auto& [label, job] : jobs_) {
+    if (job.removal && !job.removal->killTimer) armKill(job);
+  }
   shutDownNext();
 }
 

@@ -46,11 +46,15 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
 }
 
 Result<void> JobHost::takeOverJob(const StoredJob& stored) {
-  const auto definition = parseJobDefinition(stored.dictionary);
+  auto definition = parseJobDefinition(stored.dictionary);
   if (!definition) {
-    log(platform::ASL_LEVEL_ERR, fmt::format("{}; the job of an earlier host is forgotten",
-                                             platform::describe(definition.error())));
-    return {};
+    log(platform::ASL_LEVEL_ERR,
+        fmt::format("{}; the job of an earlier host is kept, and started no more",
+                    platform::describe(definition.error())));
+    // Its process, if it has one, must still be known, and be there to be removed.
+    definition = JobDefinition();
+    definition->label = stored.label;
+    definition->dictionary = stored.dictionary;
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);

@@ -202,6 +202,35 @@ TEST_F(JobHostWithoutRoom, AHostWithoutAnyFileThatIsInOrderDoesNotStart) {
   EXPECT_NE(platform::describe(host.error()).find("launchd.state.new"), std::string::npos);
 }
 
+TEST_F(JobHostTest, AJobThatCannotBeReadAnyMoreIsKeptWithItsProcessAndStartedNoMore) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.idle")));
+  endLast();
+  loop_.advanceBy(1s);
+  killHost();
+  {  // As a host would leave it that honours more than this one does.
+    auto state = StateFile::open(root_.path("run/vantor"), bootId_, loop_);
+    ASSERT_TRUE(state);
+    for (StoredJob& stored : state->jobs) {
+      stored.dictionary = job(stored.label, {{"Nice", "a lot"}});
+    }
+    ASSERT_TRUE(state->file->compact(state->jobs));
+  }
+  startHost();
+  EXPECT_EQ(sink_.count("is kept, and started no more"), 2);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(host_->copy("com.example.a")["Nice"], Value("a lot"));
+  processes_.end(101);
+  loop_.advanceBy(1min);
+  EXPECT_TRUE(pid("com.example.a").isNil());
+  EXPECT_EQ(host_->copy("com.example.a")["LastExitStatusUnknown"], Value(true));
+  EXPECT_EQ(starts(), 2);
+  // A definition that can be read makes it a job like any other.
+  ASSERT_TRUE(submit(job("com.example.a")));
+  EXPECT_EQ(starts(), 3);
+  ASSERT_TRUE(**removeLater("com.example.idle"));
+}
+
 TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
   std::size_t largest = 0;

@@ -79,8 +79,8 @@ class JobHost {
   std::vector<std::string> labels() const;
 
   // Takes no more submissions and removes everything: the loaded jobs first, then the submitted
-  // ones, all at once, the notification bus last. Completes when no process of them is left. The
-  // next host begins as in a new boot.
+  // ones, all at once, the notification bus last; what is never to be killed is after 20 s.
+  // Completes when no process of them is left. The next host begins as in a new boot.
   void shutDown(std::move_only_function<void()> completion);
 
  private:
