@@ -50,7 +50,7 @@ int main() {
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
   if (!host) return fail(host.error());
 
-  const auto server = jobhost::JobServer::listen(linux.peerTransport,
+  const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
                                                  platform::jobHostSocket(linux.configuration.root),
                                                  ::geteuid(), **host, linux.systemLog);
   if (!server) return fail(server.error());
