@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 class DaemonKill : public DaemonFixture {
  protected:
   static constexpr char kRun[] = "test: run ";
+  static constexpr char kLastEvaluation[] = "Evaluating service: com.vantor.test.2\n";
 
   // What is to be done to the daemon in each of its runs: strace's options.
   void writePlan(const std::vector<std::string>& runs) {
@@ -49,18 +50,19 @@ class DaemonKill : public DaemonFixture {
     std::size_t survivors = 0;
     root_.startDaemon(root_.folder().path("daemon"));
     for (;;) {
+      // It answers as soon as it has done all that it was about to do.
       std::size_t run = 0;
-      std::size_t before = evaluations();
-      root_.await("a daemon that has evaluated all services, or the end of the plan", [&] {
+      root_.await("a daemon that has evaluated all services", [&] {
         run = root_.logCount(kRun) - runsBefore;
-        return run > runs || evaluations() > before;
+        return run > 0 && root_.logHasBehind(kRun, kLastEvaluation);
       });
-      // One that answers has done all that it was about to do.
       const bool answers = root_.transport().connect(server, {.timeout = 60s}).has_value();
-      if (HasFailure() || run > runs) return survivors;
+      if (HasFailure()) return survivors;
       if (!answers || root_.logCount(kRun) - runsBefore != run) continue;
+      if (run > runs) return survivors;
       ++survivors;
       ::kill(root_.processOf(DaemonRoot::kDaemon), SIGKILL);
+      root_.await("the next one", [&] { return root_.logCount(kRun) - runsBefore > run; });
     }
   }
 
@@ -102,7 +104,14 @@ std::vector<Call> callsIn(const std::string& traceFile) {
     isOurs = isOurs || line.find("platform.plist") != line.npos;
     if (isOurs) calls.push_back({name, number});
   }
-  return calls;
+  // Of many in a row, most of which read the files that are verified, the first and the last.
+  std::vector<Call> kept;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    const bool isWithin = i > 0 && i + 1 < calls.size() && calls[i - 1].name == calls[i].name &&
+                          calls[i + 1].name == calls[i].name;
+    if (!isWithin) kept.push_back(calls[i]);
+  }
+  return kept;
 }
 
 TEST_F(DaemonKill, ItsServicesGoOnAndAreWatchedByTheNextOne) {
@@ -139,7 +148,7 @@ TEST_F(DaemonKill, ServicesThatEndWhileThereIsNoDaemonAreWatchedAgain) {
   for (const std::string& each : labels()) expectKilledServiceIsReported(each);
 }
 
-TEST_F(DaemonKill, AtEverySystemCallOfItsStart) {
+TEST_F(DaemonKill, AtSystemCallsAllOverItsStart) {
   if (!canTrace()) GTEST_SKIP() << "programs can't be traced here (ptrace is not permitted)";
   services_ = 3;
   root_.setCatalogue(DaemonRoot::catalogue(services_));
@@ -153,13 +162,13 @@ TEST_F(DaemonKill, AtEverySystemCallOfItsStart) {
 
   // From nothing: the first daemons die before they have started anything, each gets one call
   // further, and the last ones find everything running.
-  // There are some 1,400 calls, which would take minutes; these are evenly spread over them.
+  // All of them would take minutes; these are evenly spread over them.
   constexpr std::size_t kMaxRuns = 64;
   const std::size_t stride = (calls.size() + kMaxRuns - 1) / kMaxRuns;
   std::vector<std::string> plan;
   for (std::size_t i = 0; i < calls.size(); i += stride) {
     const auto& [name, number] = calls[i];
-    plan.push_back("--seccomp-bpf -o /dev/null -e trace=" + name + " -e inject=" + name +
+    plan.push_back("-o /dev/null -e trace=" + name + " -e inject=" + name +
                    ":signal=SIGKILL:when=" + std::to_string(number));
   }
   writePlan(plan);
@@ -170,7 +179,8 @@ TEST_F(DaemonKill, AtEverySystemCallOfItsStart) {
     EXPECT_EQ(startsOf(label) - startsBefore[label], 1U) << label;
   }
   expectNoneLostNoneDoubled(pids());
-  EXPECT_GT(plan.size() - survivors, plan.size() * 3 / 4);
+  // Where services run already there are fewer calls than in the trace, which began from nothing.
+  EXPECT_GT(2 * (plan.size() - survivors), plan.size());
   RecordProperty("calls", static_cast<int>(calls.size()));
   RecordProperty("kills", static_cast<int>(plan.size() - survivors));
 

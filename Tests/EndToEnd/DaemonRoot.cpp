@@ -278,6 +278,12 @@ std::size_t DaemonRoot::logCount(std::string_view text) {
   return count;
 }
 
+bool DaemonRoot::logHasBehind(std::string_view mark, std::string_view text) {
+  readLog();
+  const std::size_t last = log_.rfind(mark);
+  return last != log_.npos && log_.find(text, last) != log_.npos;
+}
+
 std::string DaemonRoot::logTail() {
   constexpr std::size_t kTail = 8000;
   readLog();

@@ -87,6 +87,8 @@ class DaemonRoot {
   // The same until the log has so many lines with the text, from its beginning on.
   void awaitLog(std::string_view text, std::size_t count = 1);
   std::size_t logCount(std::string_view text);
+  // Whether the text stands behind the last place of the other one.
+  bool logHasBehind(std::string_view mark, std::string_view text);
   // The last lines, for a failure's message.
   std::string logTail();
 
