@@ -159,9 +159,9 @@ TEST_F(DaemonCatalogue, AWrongTypeAtAnyKeyOfAServiceCostsThatServiceAtMost) {
   EXPECT_EQ(root_.processOf(DaemonRoot::kDaemon), daemon);
   EXPECT_TRUE(root_.startErrors().empty());
   // Not an array: seven of the types.
-  EXPECT_GE(root_.logCount("Malformed features referrences information encountered"), 7U);
+  root_.awaitLog("Malformed features referrences information encountered", 7);
   // What is no version, or not one that is known, is no reason to start a service.
-  EXPECT_GE(root_.logCount("Unknown OS version: 'text'.  Not starting service"), 1U);
+  root_.awaitLog("Unknown OS version: 'text'.  Not starting service");
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ TEST_F(DaemonClients, WhoHangsDiesOrAnswersGarbageIsDroppedAndTheOthersAreTold) 
   const ProcessId now = expectKilledServiceIsReported(label);
   root_.await("the last client to be told", [&] { return last.wasTold(label, 1); });
   EXPECT_THAT(last.notices(), ElementsAre(Notice{label, 0, 0}, Notice{label, 1, now}));
-  EXPECT_EQ(root_.logCount(kAbandoned), 1 + crude_.size());
+  root_.awaitLog(kAbandoned, 1 + crude_.size());
 
   expectKilledServiceIsReported(label);
   EXPECT_EQ(root_.logCount(kAbandoned), 1 + crude_.size());

@@ -26,7 +26,9 @@ TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
     processes.insert(expectKilledServiceIsReported(label));
   }
   EXPECT_EQ(processes.size(), kTimes + 1);
-  EXPECT_EQ(root_.logCount(label + " with PID ["), kTimes);
+  const std::string ended = label + " with PID [";
+  root_.awaitLog(ended, kTimes);  // The log comes behind.
+  EXPECT_EQ(root_.logCount(ended), kTimes);
   expectNoneLostNoneDoubled(pids());
 }
 
