@@ -38,6 +38,7 @@
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakeRandomDevice.h"
 #include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
@@ -120,8 +121,9 @@ void serveJobs(const TemporaryFolder& root, int started) {
   const auto host =
       jobhost::JobHost::create(*program.loop, **processes, program.log, std::move(options));
   if (!host) return;
-  const auto server = jobhost::JobServer::listen(program.transport, jobHostSocket(root.path()),
-                                                 ::geteuid(), **host, program.log);
+  const auto server =
+      jobhost::JobServer::listen(*program.loop, program.transport, jobHostSocket(root.path()),
+                                 ::geteuid(), **host, program.log);
   if (!server || !announce(started)) return;
   program.loop->run();
 }

@@ -16,10 +16,10 @@
 struct HealthReport {
   struct Service {
     std::string label;
-    std::string name;                    // under which the health reporter knows it
-    std::optional<HealthStatus> status;  // nothing for one that is not supervised any more
-    std::int64_t crashes = 0;            // since the last summary
-    std::optional<bool> isHealthy;       // as a summary would say now; nothing: it is left out
+    std::string name;                         // under which the health reporter knows it
+    std::optional<HealthStatus> status = {};  // nothing for one that is not supervised any more
+    std::int64_t crashes = 0;                 // since the last summary
+    std::optional<bool> isHealthy = {};       // as a summary would say now; nothing: it is left out
 
     bool operator==(const Service&) const = default;
   };
