@@ -27,6 +27,7 @@
 #include "Platform/NamedConnections.h"
 #include "Platform/NotificationCenter.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
@@ -86,7 +87,12 @@ int main(int argc, char** argv) {
       .mainBundle = linux.mainBundle,
       .owner = {::getuid(), ::geteuid(), ::getgid()},
       .settingsClientFactories = settingsClientFactories,
-      .makeHealthInfo = {},
+      .makeHealthInfo =
+          [&] {
+            return std::make_unique<ORBServiceManagerHealthInfo>(
+                ORBServiceManagerHealthInfo::Environment{linux.utilityQueues, connections,
+                                                         protocols, linux.systemInformation});
+          },
   };
   platform::BackgroundServiceClasses classes;
   classes.add(ORBServiceManager::kClassName,

@@ -106,8 +106,7 @@ std::string asTable(const std::vector<SettingState>& settings, std::string_view 
   if (settings.empty()) return fmt::format("{} has no settings.\n", domain);
   constexpr std::string_view kKeyHeading = "KEY";
   std::size_t width = kKeyHeading.size();
-  for (const SettingState& setting : settings)
-    width = std::max(width, plain(setting.key).size());
+  for (const SettingState& setting : settings) width = std::max(width, plain(setting.key).size());
   std::string text;
   const auto out = std::back_inserter(text);
   const std::string heading =
@@ -137,7 +136,6 @@ Json asJson(const std::vector<SettingState>& settings) {
 std::string asSentence(const SettingState& setting, std::string_view domain) {
   if (setting.value.isNil())
     return fmt::format("{} of {} is not set.\n", plain(setting.key), domain);
-  return fmt::format("{} of {} is {} ({}{}).\n", plain(setting.key), domain,
-                     shown(setting.value), typeName(setting.value),
-                     setting.isDefault ? ", by default" : "");
+  return fmt::format("{} of {} is {} ({}{}).\n", plain(setting.key), domain, shown(setting.value),
+                     typeName(setting.value), setting.isDefault ? ", by default" : "");
 }

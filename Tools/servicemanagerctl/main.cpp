@@ -25,6 +25,7 @@
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
+#include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
@@ -131,6 +132,7 @@ int main(int argc, char** argv) {
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
   const SettingsCommands settingsCommands(app);
+  const OperatorCommands operatorCommands(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   std::string root;
@@ -149,6 +151,7 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
+  if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
   if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
