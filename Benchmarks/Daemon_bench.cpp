@@ -30,6 +30,7 @@
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 
@@ -50,6 +51,9 @@ const bool kAdded[] = {
     atMost({"daemon-evaluation", 3,
             "evaluating a healthy service, of 1,000 / one SMJobCopyDictionary(), daemon and job "
             "host pinned"}),
+    atMost({"daemon-evaluation-10000", 1.5,
+            "evaluating a healthy service, of 10,000 / the same, of 1,000, with jobs that are only "
+            "played"}),
     atMost({"daemon-1000-start", 2,
             "1,000 services from none to all running and watched / a loop of 1,000 forks and "
             "execs"}),
@@ -178,10 +182,12 @@ void restartSubject(benchmark::State& state) {
     if (notice.status == 1) daemon.root().loop().stop();
   };
   for (auto _ : state) {
-    const ProcessId process = daemon.root().processOf(label);
+    // It answers when it has evaluated all services after the one before.
+    const MessageResult process = client.ask("pidForService:", {label});
+    if (!process || !process->integer()) return state.SkipWithError("no process");
     client.forgetNotices();
     const auto start = Clock::now();
-    ::kill(process, SIGKILL);
+    ::kill(static_cast<pid_t>(*process->integer()), SIGKILL);
     while (!client.wasTold(label, 1)) daemon.root().loop().run();
     state.SetIterationTime(since(start));
   }
@@ -252,6 +258,46 @@ void evaluationBaseline(benchmark::State& state) {
   }
 }
 BENCHMARK(evaluationBaseline)->Name("daemon-evaluation/baseline")->UseRealTime();
+
+// The daemon's class on a machine that is only played: as many processes as wanted cost nothing.
+class PlayedDaemon : public ServiceManagerFixture {
+ public:
+  explicit PlayedDaemon(int services) {
+    Dictionary entries{{kPrimary, entry("program")}};
+    for (int i = 1; i < services; ++i) entries.set(DaemonRoot::label(i), entry("program"));
+    use(catalogue(std::move(entries)));
+    evaluate();
+  }
+
+  void evaluate() {
+    manager().evaluateSystemConfiguration();
+    queues_.runPending();
+    logSink_.take();
+  }
+
+ private:
+  void TestBody() override {}
+};
+
+void evaluatePlayed(benchmark::State& state) {
+  const auto services = static_cast<int>(state.range(0));
+  PlayedDaemon daemon(services);
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    daemon.evaluate();
+    state.SetIterationTime(since(start) / services);
+  }
+}
+BENCHMARK(evaluatePlayed)
+    ->Name("daemon-evaluation-10000/subject")
+    ->Arg(10'000)
+    ->UseManualTime()
+    ->Iterations(5);
+BENCHMARK(evaluatePlayed)
+    ->Name("daemon-evaluation-10000/baseline")
+    ->Arg(1000)
+    ->UseManualTime()
+    ->Iterations(5);
 
 void startSubject(benchmark::State& state) {
   for (auto _ : state) {
