@@ -35,13 +35,17 @@ void PipeReader::run(std::vector<PipeHandle*> handles) {
     entries.push_back({.fd = handle->reader(), .events = POLLIN, .revents = 0});
   }
   entries.push_back({.fd = stop_.get(), .events = POLLIN, .revents = 0});
-  for (;;) {
+  std::size_t open = handles.size();
+  while (open > 0) {
     if (retryOnInterrupt([&] { return ::poll(entries.data(), entries.size(), -1); }) < 0) return;
     if (entries.back().revents != 0) return;
     for (std::size_t i = 0; i < handles.size(); ++i) {
       if (entries[i].revents == 0) continue;
       // At its end a pipe stays ready for ever; a negative number is not looked at.
-      if ((entries[i].revents & POLLIN) == 0) entries[i].fd = -1;
+      if ((entries[i].revents & POLLIN) == 0) {
+        entries[i].fd = -1;
+        --open;
+      }
       handles[i]->callHandler();
     }
   }

@@ -1,12 +1,16 @@
 #include "Shared/Categories/Base64.h"
 
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <random>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 
@@ -147,6 +151,25 @@ TEST(Base64Test, WithoutMemoryTheEncoderGivesNull) {
     EXPECT_FALSE(newBase64Encode(&byte, std::numeric_limits<std::size_t>::max(), lines, &length));
     EXPECT_EQ(length, 0u);
   }
+}
+
+// In a process of its own, whose memory does not grow any more.
+TEST(Base64DeathTest, WithoutMemoryTheTextIsEmpty) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer ends a program without memory";
+#endif
+  const Data data(64 * 1024 * 1024);
+  const auto encodeWithoutMemory = [&] {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlim_t size = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + 16 * 1024 * 1024;
+    const rlimit limit{size, size};
+    if (pages == 0 || ::setrlimit(RLIMIT_AS, &limit) != 0) std::_Exit(2);
+    const bool isEmpty = Base64::base64EncodedString(data).empty() &&
+                         Base64::base64EncodedStringWithoutLineBreaks(data).empty();
+    std::_Exit(isEmpty ? 0 : 1);
+  };
+  EXPECT_EXIT(encodeWithoutMemory(), testing::ExitedWithCode(0), "");
 }
 
 TEST(Base64Test, EnormousDataComesBack) {

@@ -21,13 +21,42 @@ bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 
 char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
+// Counts the marks that follow one another. Putting them in order takes time that is quadratic in
+// their number, so that no more than this many in a row are: a joiner after them, as in Unicode's
+// stream-safe text (UAX #15), which nobody sees.
+class MarksInARow {
+ public:
+  // Whether the joiner is due before this character.
+  bool needsJoinerBefore(UChar32 character) {
+    if (!decompose_ || decompose_->hasBoundaryBefore(character)) {
+      count_ = 0;
+      return false;
+    }
+    if (count_++ < kMost) return false;
+    count_ = 1;
+    return true;
+  }
+
+ private:
+  static constexpr int kMost = 30;
+
+  UErrorCode status_ = U_ZERO_ERROR;
+  const icu::Normalizer2* decompose_ = icu::Normalizer2::getNFDInstance(status_);
+  int count_ = 0;
+};
+
 // Each ill-formed byte becomes a lone surrogate of its own, which folds to itself.
 UnicodeString utf16(std::string_view text) {
   constexpr UChar32 kIllFormed = 0xdc00;
+  constexpr UChar32 kCombiningGraphemeJoiner = 0x034f;
   UnicodeString converted(static_cast<std::int32_t>(text.size()), UChar32{0}, 0);
+  MarksInARow marks;
   for (std::size_t at = 0; at < text.size();) {
     const auto byte = static_cast<unsigned char>(text[at]);
     const UChar32 character = CodePoints::next(text, at);
+    if (character >= 0 && marks.needsJoinerBefore(character)) {
+      converted.append(kCombiningGraphemeJoiner);
+    }
     converted.append(character >= 0 ? character : kIllFormed + byte);
   }
   return converted;

@@ -81,6 +81,35 @@ TEST(CaseInsensitiveSearchTest, EnormousTextsAreAnswered) {
   EXPECT_FALSE(isSuffix("\u0301", marks));
 }
 
+// "a" with this many of each of two marks, whose order does not matter to a reader: that above
+// comes before the one to the right of it, or the other way around.
+std::string marked(int count, const char* first, const char* second) {
+  std::string text = "a";
+  for (int i = 0; i < count; ++i) text += first;
+  for (int i = 0; i < count; ++i) text += second;
+  return text;
+}
+
+TEST(CaseInsensitiveSearchTest, TheOrderOfMarksCountsFromTheThirtyFirstInARowOn) {
+  EXPECT_TRUE(areEqual(marked(15, "\u0315", "\u0301"), marked(15, "\u0301", "\u0315")));
+  EXPECT_FALSE(areEqual(marked(16, "\u0315", "\u0301"), marked(16, "\u0301", "\u0315")));
+  EXPECT_TRUE(areEqual(marked(16, "\u0315", "\u0301"), marked(16, "\u0315", "\u0301")));
+  // Each character has a row of its own.
+  const std::string row = marked(15, "\u0315", "\u0301");
+  EXPECT_TRUE(areEqual(row + row, row + marked(15, "\u0301", "\u0315")));
+  EXPECT_TRUE(isPrefix(marked(15, "\u0301", "\u0315"), row + "x"));
+}
+
+// Takes minutes where the marks are put in order.
+TEST(CaseInsensitiveSearchTest, AMillionMarksAreAnswered) {
+  std::string marks = "a";
+  for (int i = 0; i < 500'000; ++i) marks += "\u0315\u0301";
+  EXPECT_TRUE(areEqual(marks, marks));
+  EXPECT_FALSE(areEqual(marks, marks + "\u0301"));
+  EXPECT_TRUE(isPrefix(marks, marks));
+  EXPECT_TRUE(isSuffix(marks, marks));
+}
+
 TEST(CaseInsensitiveSearchTest, APartIsFoundWhereItFirstStands) {
   EXPECT_EQ(find("</a>", "x</A></a>", 0), 1u);
   EXPECT_EQ(find("</a>", "x</A></a>", 2), 5u);

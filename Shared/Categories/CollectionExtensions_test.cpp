@@ -139,4 +139,14 @@ TEST(NSArrayExtensionsTest, AKeyPathWithEmptyKeysFindsWhatIsUnderThem) {
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(array, std::string(100'000, '.')), Array{});
 }
 
+// Takes hours where each key is looked for in each element.
+TEST(NSArrayExtensionsTest, AKeyPathOfEnormousLengthOverAnEnormousArrayIsAnswered) {
+  const Array numbers(100'000, Value(1));
+  std::string path = "all";
+  for (int i = 0; i < 1'000'000; ++i) path += ".x";
+  const Array result = NSArrayExtensions::objectsForKeyPath({Dictionary{{"all", numbers}}}, path);
+  ASSERT_EQ(result.size(), 1u);
+  EXPECT_EQ(result[0], Value(Array(100'000, Value::nullMarker())));
+}
+
 }  // namespace

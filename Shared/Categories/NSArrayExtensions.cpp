@@ -1,5 +1,6 @@
 #include "Shared/Categories/NSArrayExtensions.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Platform/Description.h"
@@ -21,11 +22,20 @@ Value valueForKey(const Value& holder, std::string_view key) {
   return values;
 }
 
+// Whether nothing is left in it that a key could lead to.
+bool isWithoutValue(const Value& value) {
+  const Array* array = value.array();
+  if (!array) return value.isNil() || value.type() == Value::Type::kNullMarker;
+  return std::ranges::all_of(*array, isWithoutValue);
+}
+
+// Ends with the last value, however many keys follow: a path can be made to have any number.
 Value valueForKeyPath(Value value, std::string_view keyPath) {
   for (;;) {
     const std::size_t dot = keyPath.find('.');
     value = valueForKey(value, keyPath.substr(0, dot));
     if (dot == keyPath.npos || value.isNil()) return value;
+    if (value.array() && isWithoutValue(value)) return value;
     keyPath.remove_prefix(dot + 1);
   }
 }

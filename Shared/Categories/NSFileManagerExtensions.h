@@ -50,7 +50,8 @@ Result<std::vector<std::string>, NSError> expandPathForAllUsers(
 // What exists of the expanded path, whose last component may hold a wildcard: its first "*" stands
 // for any text, further ones for themselves. Letter case does not matter with a wildcard, and does
 // without. What stands before and behind the "*" may overlap in a name, deliberately: "ab*ba"
-// matches "aba". A bare "*" matches every entry, hidden ones too.
+// matches "aba". A bare "*" matches every entry, hidden ones too. A match is the folder, a slash
+// and the name, with one slash below the root: "/*" gives "/a", not "//a".
 //
 // In the order of the folders. A folder that does not exist has no matches; one that can't be read
 // is an error, and there is no answer then.

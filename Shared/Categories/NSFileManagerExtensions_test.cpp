@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "Platform/Linux/LinuxFileManager.h"
 #include "Platform/Testing/FakeFileManager.h"
@@ -248,6 +249,20 @@ TEST(FileManagerExtensionsOnLinuxTest, RealFoldersAreMatched) {
   const auto paths = matchesForWildCardedPath(manager, folder.path(std::string(300, 'x') + "/*"));
   ASSERT_FALSE(paths);
   EXPECT_EQ(paths.error().code, 256);
+}
+
+TEST(FileManagerExtensionsOnLinuxTest, AFolderOfAHundredThousandEntriesIsMatched) {
+  constexpr std::size_t kEntries = 100'000;
+  const platform::TemporaryFolder folder;
+  for (std::size_t i = 0; i < kEntries; ++i) {
+    const std::string path = folder.path(std::to_string(i) + (i % 4 == 0 ? ".KEXT" : ".txt"));
+    ASSERT_EQ(::mknod(path.c_str(), S_IFREG | 0600, 0), 0);
+  }
+  platform::LinuxFileManager manager("/home");
+  EXPECT_EQ(matchesForWildCardedPath(manager, folder.path("*"))->size(), kEntries);
+  EXPECT_EQ(matchesForWildCardedPath(manager, folder.path("*.kext"))->size(), kEntries / 4);
+  EXPECT_EQ(matchesForWildCardedPath(manager, folder.path("99*.txt"))->size(), 834u);
+  EXPECT_EQ(matchesForWildCardedPath(manager, folder.path("99996.KEXT"))->size(), 1u);
 }
 
 }  // namespace

@@ -318,6 +318,29 @@ TEST_P(LaunchTaskTest, OfWhatStandardErrorHoldsAtTheEndOneChunkIsTaken) {
   EXPECT_EQ(outcome.error, GetParam() ? "first second" : "first ");
 }
 
+// Deliberate, and only on a platform without readability handlers: behind the chunk of standard
+// error comes a reading of standard output, and what that gives is taken for standard error.
+TEST_P(LaunchTaskTest, AfterAChunkOfStandardErrorStandardOutputIsReadAgain) {
+  const Outcome outcome = launch({.whileRunning = {},
+                                  .atItsEnd = {{Stream::kOutput, "out"},
+                                               {Stream::kOutput, ""},
+                                               {Stream::kOutput, "late"},
+                                               {Stream::kOutput, "later"},
+                                               {Stream::kError, "first "},
+                                               {Stream::kError, "second"}}});
+  if (GetParam()) {
+    EXPECT_EQ(outcome.output, "outlatelater");
+    EXPECT_EQ(outcome.error, "first second");
+    return;
+  }
+  EXPECT_EQ(outcome.output, "out");
+  EXPECT_EQ(outcome.error, "first latelater");
+  const std::string line = "Added remaining data to stderr string after task termination.";
+  EXPECT_THAT(lines(ASL_LEVEL_DEBUG),
+              ElementsAre("Added remaining data to stdout string after task termination.", line,
+                          line, line, HasSubstr("Termination status")));
+}
+
 TEST_P(LaunchTaskTest, ANoticeOfAnotherHandleIsTakenForOutput) {
   FakeFileHandle other(center_, false);
   other.waitForDataInBackgroundAndNotify();
