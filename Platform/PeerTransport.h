@@ -59,7 +59,8 @@ struct PeerHandlers {
 
   // The connection has ended, by the peer or by one of the limits: called once, with
   // Urgency::kConnectionDeath, after what the peer sent before its end has been delivered and the
-  // outstanding calls have failed. Not after close().
+  // outstanding calls have failed. Not after close(). kNotFound where the peer has ended by itself,
+  // kInvalid where it has broken the protocol and was still there, another kind for a limit.
   std::function<void(const Error& why)> death;
 };
 

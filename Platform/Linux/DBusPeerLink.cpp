@@ -169,8 +169,9 @@ void DBusPeerLink::dispatch() {
   if (!authenticated_) return;
   collect();
   if (!dbus_connection_get_is_connected(connection_.get())) {
-    return scheduleDeath(
-        Error{ErrorCode::kNotFound, 0, "the peer has ended or broken the protocol"});
+    return scheduleDeath(sources_->wasGivenUp()
+                             ? Error{ErrorCode::kInvalid, 0, "the peer has broken the protocol"}
+                             : Error{ErrorCode::kNotFound, 0, "the peer has ended"});
   }
   deliverOne();
   if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();

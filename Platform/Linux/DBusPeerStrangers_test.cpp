@@ -137,6 +137,27 @@ TEST_F(DBusPeerStrangersTest, BytesThatAreNoMessageAreRefused) {
   expectNothingElseDisturbed();
 }
 
+TEST_F(DBusPeerStrangersTest, WhoBreaksTheProtocolIsToldApartFromWhoJustGoes) {
+  start();
+  {
+    RawPeer peer(path());
+    peer.authenticate();
+  }
+  runUntilNoted("client died");
+  {  // In the middle of a message.
+    RawPeer peer(path());
+    peer.authenticate();
+    peer.write(messageOfBytes(200).substr(0, 100));
+  }
+  runUntilNoted("client died", 2);
+  EXPECT_EQ(journal_.count("the peer has broken the protocol"), 0u);
+  RawPeer peer(path());
+  peer.authenticate();
+  peer.write(std::string(64, 'x'));
+  runUntilNoted("the peer has broken the protocol");
+  EXPECT_EQ(journal_.count("client died"), 3u);
+}
+
 TEST_F(DBusPeerStrangersTest, AMessageIsOfSoManyBytesAndNoMore) {
   start();
   for (const std::size_t size : {kMaxPeerMessageBytes - 1, kMaxPeerMessageBytes}) {
