@@ -38,6 +38,7 @@
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakeRandomDevice.h"
 #include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
