@@ -20,7 +20,7 @@ NSXPCListener::NSXPCListener(Maker, XPC& xpc, SerialQueues& queues, std::string 
       machService_(std::move(machService)) {}
 
 NSXPCListener::~NSXPCListener() {
-  xpc_.environment_.loop.post([listener = std::move(listener_)] {});
+  xpc_.environment_.performOnLoop([this] { listener_.reset(); });
 }
 
 std::shared_ptr<const NSXPCListenerEndpoint> NSXPCListener::endpoint() {

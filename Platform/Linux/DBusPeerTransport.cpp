@@ -112,8 +112,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
                                                                 const PeerListenerOptions& options,
                                                                 NewConnection onConnection) {
   if (auto passed = passed_.extract(path); !passed.empty()) {
-    return DBusPeerListener::create(loop_, std::move(passed.mapped()), std::nullopt, options,
-                                    wrapping(std::move(onConnection)));
+    return DBusPeerListener::create(loop_, UniqueDBusServer(passed.mapped().release()),
+                                    std::nullopt, options, wrapping(std::move(onConnection)));
   }
   UniqueDBusServer server;
   auto name = SocketName::take(path, options.socketMode, [&](const std::string& bindPath) {
@@ -144,7 +144,7 @@ Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
   return Anonymous{std::move(*listener), std::move(made->endpoint)};
 }
 
-void DBusPeerTransport::adopt(std::string path, UniqueDBusServer passed) {
+void DBusPeerTransport::adopt(std::string path, PassedServer passed) {
   passed_.insert_or_assign(std::move(path), std::move(passed));
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusHandles.h"
+#include "Platform/Linux/PassedSocket.h"
 #include "Platform/PeerTransport.h"
 
 namespace platform {
@@ -31,11 +31,11 @@ class DBusPeerTransport final : public PeerTransport {
 
   // A socket that listens already, because this process was started with it, and which listen()
   // takes for the name `path`, once. To be called before the loop runs on another thread.
-  void adopt(std::string path, UniqueDBusServer passed);
+  void adopt(std::string path, PassedServer passed);
 
  private:
   AsioRunLoop& loop_;
-  std::map<std::string, UniqueDBusServer> passed_;  // by path
+  std::map<std::string, PassedServer> passed_;  // by path
 };
 
 }  // namespace platform

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Platform/Linux/DBusHandles.h"
+
 namespace platform {
 
 namespace {
@@ -42,12 +44,14 @@ Result<std::optional<PassedSocket>> take(const std::string& name) {
   dbus_threads_init_default();
   DBusErrorText error;
   // The only address by which libdbus takes a socket that is there already.
-  UniqueDBusServer server(dbus_server_listen("systemd:", error.get()));
+  PassedServer server(dbus_server_listen("systemd:", error.get()));
   if (!server) return invalid(error.text());
   return PassedSocket{name, std::move(server)};
 }
 
 }  // namespace
+
+void PassedServerClose::operator()(DBusServer* server) const { DBusServerClose()(server); }
 
 Result<std::optional<PassedSocket>> PassedSocket::takeFromEnvironment() {
   Result<std::optional<PassedSocket>> taken;

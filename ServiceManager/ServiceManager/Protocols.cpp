@@ -17,5 +17,10 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                                 {"startServices:", kOneWay}});
   add(kORBServiceManagerUserInterfaceDelegateProtocol, {{"jobStatusDidChangeWithInfo:", kTwoWay}});
   add(kServiceManagerAuthProtocol, {{"retrieveKey", kTwoWay}});
+  add(kORBServiceManagerXPCInterfaceProtocol,
+      {{"signatureWithReply:", kTwoWay},
+       {"registerXPCListenerEndpoint:forPasskey:withName:withReply:", kTwoWay},
+       {"xpcListenerEndpointForPasskey:withName:withReply:", kTwoWay}});
+  add(kORBExecutableInfoProtocol, {{"requestExecutableInfo:withReply:", kTwoWay}});
   add(kORBServiceManagerConfigurationServerStatusProtocol, {{"isServerUp", kTwoWay}});
 }
