@@ -26,6 +26,8 @@
 #include "Platform/Linux/LinuxCodeSignatures.h"
 #include "Platform/Linux/LinuxFileReader.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Testing/FakeExtendedAttributes.h"
+#include "Platform/Testing/FakeXPC.h"
 #include "Platform/Thread.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
@@ -129,6 +131,9 @@ class DaemonInProcess {
         .owner = {},
         .settingsClientFactories = factories_,
         .makeHealthInfo = {},
+        .xpc = xpc_.xpc,
+        .attributes = attributes_,
+        .withSettingsOfThisThread = {},
     });
     manager_->setServiceInfo(Dictionary{{"Primary", labels_.front()},
                                         {"ProgramPath", root_.folder().path("opt")},
@@ -166,6 +171,11 @@ class DaemonInProcess {
       [this](std::string_view name) { return pathOfConnection(root_.path(), name); }};
   ProtocolTable protocols_;
   SettingsClientFactories factories_;
+  // Of no use to what is measured.
+  VirtualRunLoop nobodysLoop_;
+  FakePeerNetwork nobodysNetwork_{nobodysLoop_};
+  FakeXPC xpc_{nobodysNetwork_, {}, linux_->systemLog};
+  FakeExtendedAttributes attributes_;
   std::vector<std::string> labels_;
   Dictionary entries_;
   Dictionary records_;

@@ -35,8 +35,10 @@
 #include "Platform/Linux/PidfdExitWatcher.h"
 #include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
+#include "Platform/Testing/FakeExtendedAttributes.h"
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakeRandomDevice.h"
+#include "Platform/Testing/FakeXPC.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
@@ -242,6 +244,9 @@ class Bed {
             bundle_,
             {},
             factories_,
+            {},
+            xpc_.xpc,
+            attributes_,
             {}};
   }
 
@@ -266,6 +271,9 @@ class Bed {
   FakeRandomDevice random_;
   const Bundle bundle_{{"/", "/", "/", "/"}, {}};
   SettingsClientFactories factories_;
+  FakePeerNetwork nobodysNetwork_{nobodysLoop_};
+  FakeXPC xpc_{nobodysNetwork_, {}, program_.log};
+  FakeExtendedAttributes attributes_;
   ORBServiceManager manager_{platform()};
   std::unique_ptr<KLXGlobalSettingsClient> client_;
   bool isReady_ = false;

@@ -52,7 +52,7 @@ class DeafCenter final : public platform::DistributedNotificationCenter {
 // Connections of the calling thread alone, with a loop that nobody runs: a client that only calls
 // waits on its own connection. Without descriptors nothing can be asked.
 void withSettingsOfThisThread(platform::LinuxPlatform& linux,
-                              const platform::ProtocolTable& /*protocols*/,
+                              const platform::ProtocolTable& protocols,
                               const std::function<void(const SettingsClientFactories&)>& ask) {
   const auto loop = platform::AsioRunLoop::create();
   if (!loop) return;
@@ -63,7 +63,9 @@ void withSettingsOfThisThread(platform::LinuxPlatform& linux,
         return platform::pathOfConnection(linux.configuration.root, name);
       });
   DeafCenter deaf;
-  const SettingsClientFactories factories;
+  SettingsClientFactories factories;
+  addSettingsClientFactories(
+      factories, {**loop, connections, deaf, center, protocols, linux.systemInformation});
   ask(factories);
 }
 
