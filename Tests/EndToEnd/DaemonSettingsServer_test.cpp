@@ -107,7 +107,7 @@ TEST_F(DaemonSettingsServer, ASwitchOfAnyKindAndAnyDomainTurnsItsFeatureOn) {
 }
 
 TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfManyChanges) {
-  constexpr int kRounds = 20;
+  constexpr int kRounds = 8;
   constexpr int kKeys = 100;
   startServer();
   std::set<std::string> announced;
@@ -133,7 +133,7 @@ TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfMa
 }
 
 TEST_F(DaemonSettingsServer, NothingThatWasReadOrSaidYesToIsLostByAKill) {
-  constexpr int kRounds = 20;
+  constexpr int kRounds = 5;
   startServer();
   for (int round = 1; round <= kRounds && !HasFailure(); ++round) {
     program_->set("read", round);
