@@ -38,8 +38,7 @@ class DeafCenter final : public platform::DistributedNotificationCenter {
  public:
   std::unique_ptr<Observation> addObserver(
       std::optional<std::string> /*name*/, std::optional<std::string> /*object*/,
-      Handler /*handler*/,
-      platform::NSNotificationSuspensionBehavior /*behavior*/) override {
+      Handler /*handler*/, platform::NSNotificationSuspensionBehavior /*behavior*/) override {
     return nullptr;
   }
   void postNotificationName(std::string_view /*name*/, std::optional<std::string> /*object*/,
