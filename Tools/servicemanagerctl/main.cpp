@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -18,6 +19,7 @@
 #include "Platform/Linux/JobHostClient.h"
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxXPC.h"
 #include "Platform/Linux/NotificationBus.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/Thread.h"
@@ -31,6 +33,7 @@
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
+#include "Tools/servicemanagerctl/XPCCommands.h"
 
 namespace {
 
@@ -108,6 +111,15 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
                        .root = root});
 }
 
+int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
+  const std::string& root = linuxPlatform.configuration.root;
+  const auto xpc = platform::LinuxXPC::make(linuxPlatform.systemLog, root, std::nullopt);
+  if (!xpc) return fail(platform::describe(xpc.error()));
+  platform::ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  return commands.run({(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root});
+}
+
 // For every command, before and behind its name.
 void addRootOption(CLI::App& command, std::string& root) {
   command.add_option("--root", root, "Another platform root than the one this program lies in")
@@ -135,6 +147,7 @@ int main(int argc, char** argv) {
   const OperatorCommands operatorCommands(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
+  const XPCCommands xpcCommands(app);
   std::string root;
   addRootOption(app, root);
   try {
@@ -154,6 +167,7 @@ int main(int argc, char** argv) {
   if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
   if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
+  if (xpcCommands.parsed()) return runXPCCommand(xpcCommands, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
