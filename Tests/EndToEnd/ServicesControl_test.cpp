@@ -153,7 +153,7 @@ TEST_F(ServicesControlTest, WithoutAServiceManagerTheToolSaysWhereToLook) {
     const auto finished = root_.control(command);
     EXPECT_EQ(finished.status, exited(kNobodyThere)) << command.front();
     EXPECT_THAT(finished.errors,
-                AllOf(HasSubstr("no service manager serves below " + root_.path()),
+                AllOf(HasSubstr("the service manager does not serve below " + root_.path()),
                       HasSubstr("\"servicemanagerctl jobs show com.vantor.servicemanager\"")));
   }
 }
