@@ -103,6 +103,10 @@ class XPCTestObject final : public NSXPCExportedObject {
     journal_.note("kept");
   }
 
+  void dropKept() {
+    const std::lock_guard lock(mutex_);
+    kept_.clear();
+  }
   XPCReply takeKept() {
     const std::lock_guard lock(mutex_);
     XPCReply reply = std::move(kept_.front());
@@ -156,6 +160,7 @@ class XPCContract : public testing::TestWithParam<XPCHarnessFactory> {
 
   ~XPCContract() override {
     client_.reset();
+    if (delegate_) delegate_->object().dropKept();  // Rights to reply end before their XPC.
     listener_.reset();
     anonymous_.reset();
     harness_->end();
