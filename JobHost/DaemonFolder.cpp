@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include <dirent.h>
@@ -25,15 +27,18 @@ using platform::ErrorCode;
 using platform::Result;
 
 constexpr std::string_view kSuffix = ".plist";
-// More would be somebody's mistake.
-constexpr std::size_t kMaximumFiles = 4096;
 // Far more than the largest definition takes as a file.
 constexpr std::size_t kMaximumFileBytes = std::size_t{4} << 20;
 
-Result<std::vector<std::string>> plistsIn(const std::string& path) {
+struct Plists {
+  std::set<std::string> names;  // the first of them
+  std::size_t left = 0;         // how many more there are
+};
+
+Result<Plists> plistsIn(const std::string& path) {
   struct stat status{};
   if (::lstat(path.c_str(), &status) != 0) {
-    if (errno == ENOENT) return {};
+    if (errno == ENOENT) return Plists();
     return std::unexpected(platform::systemError(path));
   }
   if (!S_ISDIR(status.st_mode)) {
@@ -46,19 +51,17 @@ Result<std::vector<std::string>> plistsIn(const std::string& path) {
   }
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
   if (!folder) return std::unexpected(platform::systemError(path));
-  std::vector<std::string> names;
+  Plists plists;
   while (const dirent* entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;
     if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
-    if (names.size() == kMaximumFiles) {
-      return std::unexpected(
-          Error{ErrorCode::kExhausted, 0,
-                fmt::format("{}: expected at most {} files", path, kMaximumFiles)});
-    }
-    names.emplace_back(name);
+    plists.names.emplace(name);
+    if (plists.names.size() <= kMaximumDaemonFiles) continue;
+    // By their names, so that it does not depend on how the folder lies on the disk which they are.
+    plists.names.erase(std::prev(plists.names.end()));
+    ++plists.left;
   }
-  std::ranges::sort(names);
-  return names;
+  return plists;
 }
 
 Result<JobDefinition> definitionIn(const std::string& path) {
@@ -84,12 +87,18 @@ Result<JobDefinition> definitionIn(const std::string& path) {
 
 DaemonFolder readDaemonFolder(const std::string& path) {
   DaemonFolder folder;
-  const auto names = plistsIn(path);
-  if (!names) {
-    folder.faults.push_back(platform::describe(names.error()));
+  const auto plists = plistsIn(path);
+  if (!plists) {
+    folder.faults.push_back(platform::describe(plists.error()));
     return folder;
   }
-  for (const std::string& name : *names) {
+  if (plists->left > 0) {
+    folder.faults.push_back(fmt::format(
+        "{}: expected at most {} files, found {}; those with names behind {} are not loaded", path,
+        kMaximumDaemonFiles, kMaximumDaemonFiles + plists->left,
+        platform::quoted(*plists->names.rbegin())));
+  }
+  for (const std::string& name : plists->names) {
     const std::string file = path + "/" + name;
     auto definition = definitionIn(file);
     if (!definition) {

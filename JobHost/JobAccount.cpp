@@ -103,4 +103,21 @@ Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
   return account;
 }
 
+Result<void> checkAccount(const JobDefinition& job) {
+  // One after the other, since the text names the key.
+  const auto check = [&](const char* key, const std::optional<std::string>& user,
+                         const std::optional<std::string>& group) -> Result<void> {
+    const auto account = lookUpAccount(user, group);
+    if (account) return {};
+    Error error = account.error();
+    if (error.code == ErrorCode::kNotFound) error.code = ErrorCode::kInvalid;
+    error.context.insert(0, fmt::format("job {}: key \"{}\": ", platform::quoted(job.label), key));
+    return std::unexpected(std::move(error));
+  };
+  if (job.userName) {
+    if (auto known = check("UserName", job.userName, {}); !known) return known;
+  }
+  return job.groupName ? check("GroupName", job.userName, job.groupName) : Result<void>();
+}
+
 }  // namespace jobhost

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include "JobHost/JobDefinition.h"
 #include "Platform/Error.h"
 
 namespace jobhost {
@@ -25,5 +26,10 @@ struct JobAccount {
 // the two, where the system does not know it. May block on the name service.
 platform::Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
                                            const std::optional<std::string>& groupName);
+
+// Whether the system knows the user and the group of the job. kInvalid, with a text that names the
+// label, the key and the name, where it does not; another error where nobody can tell. May block on
+// the name service.
+platform::Result<void> checkAccount(const JobDefinition& job);
 
 }  // namespace jobhost

@@ -55,7 +55,7 @@ struct JobDefinition {
   KeepAlive keepAlive;
   bool runAtLoad = false;
   platform::Duration throttleInterval = std::chrono::seconds(10);
-  platform::Duration exitTimeOut = std::chrono::seconds(20);  // 0: no SIGKILL ever follows
+  platform::Duration exitTimeOut = std::chrono::seconds(20);  // 0: no SIGKILL follows
   std::vector<std::string> machServices;
 
   // As it was submitted, keys unknown to the host included.

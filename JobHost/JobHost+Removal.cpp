@@ -16,6 +16,10 @@ namespace {
 // How often a group is looked at whose leader has gone: its last members may be anybody's children.
 constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
 
+// What a job gets that is never to be killed while the host is stopped: as long as a job that says
+// nothing. Otherwise one that does not end would keep all that are stopped after it.
+constexpr platform::Duration kStoppingPatience = std::chrono::seconds(20);
+
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
   if (job.label == kNotificationBusLabel) return 2;
@@ -52,10 +56,14 @@ void JobHost::remove(std::string_view label, Completion completion) {
   }
   compactIfWanted();
   // Before anything happens: a host that came after us would take the job for one that crashed.
-  if (auto written = state_->appendRemoving(job->label); !written) {
+  const bool isLoaded = job->origin == JobOrigin::kLoaded;
+  const auto written =
+      isLoaded ? state_->appendDismissed(job->label) : state_->appendRemoving(job->label);
+  if (!written) {
     answer(std::move(completion), std::unexpected(jobError(written.error())));
     return;
   }
+  if (isLoaded) dismissed_.insert(job->label);
   job->removal = std::make_unique<Removal>();
   job->removal->completions.push_back(std::move(completion));
   beginRemoval(*job);
@@ -71,9 +79,13 @@ void JobHost::beginRemoval(Job& job) {
 }
 
 void JobHost::armKill(Job& job) {
-  if (job.exitTimeOut <= platform::Duration::zero()) return;
+  platform::Duration patience = job.exitTimeOut;
+  if (patience <= platform::Duration::zero()) {
+    if (!isShuttingDown_) return;
+    patience = kStoppingPatience;
+  }
   job.removal->killTimer =
-      loop_.startTimer(job.exitTimeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
+      loop_.startTimer(patience, platform::RunLoop::Repeat::kOnce, [this, &job] {
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quoted(job.label), job.lastStart.process));
@@ -111,12 +123,20 @@ void JobHost::finishRemoval(Job& job) {
 void JobHost::shutDown(std::move_only_function<void()> completion) {
   isShuttingDown_ = true;
   onShutDown_ = std::move(completion);
+  for (auto& [label, job] : jobs_) {
+    if (job.removal && !job.removal->killTimer) armKill(job);
+  }
   shutDownNext();
 }
 
 void JobHost::shutDownNext() {
   if (jobs_.empty()) {
     if (!onShutDown_) return;
+    // Whoever starts a host again starts all of its daemons.
+    dismissed_.clear();
+    if (auto written = state_->compact({}); !written) {
+      log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
+    }
     loop_.post([alive = std::weak_ptr(alive_),
                 completion = std::exchange(onShutDown_, nullptr)]() mutable {
       if (!alive.expired()) completion();

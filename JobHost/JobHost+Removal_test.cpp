@@ -209,5 +209,25 @@ TEST_F(JobHostTest, WhileShuttingDownNothingIsSubmitted) {
   EXPECT_EQ(starts(), 1);
 }
 
+TEST_F(JobHostTest, WhatIsNeverKilledIsKilledWhileTheHostIsStopped) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.before", {{"ExitTimeOut", 0}})));
+  ASSERT_TRUE(submit(job("com.example.during", {{"ExitTimeOut", 0}})));
+  ASSERT_TRUE(submit(job("com.example.long", {{"ExitTimeOut", 21}})));
+  removeLater("com.example.before");
+  loop_.advanceBy(24h);
+  EXPECT_TRUE(processes_.isAlive(101));
+  bool isStopped = false;
+  host_->shutDown([&] { isStopped = true; });
+  loop_.advanceBy(20s - 1ns);
+  EXPECT_TRUE(processes_.isAlive(101) && processes_.isAlive(102));
+  loop_.advanceBy(1ns);
+  EXPECT_FALSE(processes_.isAlive(101) || processes_.isAlive(102));
+  EXPECT_TRUE(processes_.isAlive(103));
+  EXPECT_FALSE(isStopped);
+  loop_.advanceBy(1s);
+  EXPECT_TRUE(isStopped);
+}
+
 }  // namespace
 }  // namespace jobhost

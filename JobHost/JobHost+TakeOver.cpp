@@ -4,7 +4,6 @@
 
 #include <fmt/format.h>
 
-#include "JobHost/DaemonFolder.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/JobHost.h"
 #include "Platform/PropertyListText.h"
@@ -22,24 +21,40 @@ constexpr platform::Descriptor kFirstPassedDescriptor = 3;
 
 }  // namespace
 
-Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored) {
+Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Labels& dismissed) {
+  dismissed_ = dismissed;
   for (const StoredJob& job : stored) {
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
+  DaemonFolder daemons = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
+  forgetDismissals(daemons);
   // From here on the new file says what was found, so that nothing is found twice.
-  if (auto written = state_->compact(snapshot()); !written) return written;
+  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
+    if (!state_->isWritable()) return written;
+    // The old file says the same, if at greater length. A full disk is no reason to leave the jobs
+    // to themselves.
+    log(platform::ASL_LEVEL_WARNING, fmt::format("{}; the file of the host before is used further",
+                                                 platform::describe(written.error())));
+  }
+  // Before the jobs go on: what their rules are now is what they go on by.
+  std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
   }
+  loadDaemons(std::move(unknown));
   return {};
 }
 
 Result<void> JobHost::takeOverJob(const StoredJob& stored) {
-  const auto definition = parseJobDefinition(stored.dictionary);
+  auto definition = parseJobDefinition(stored.dictionary);
   if (!definition) {
-    log(platform::ASL_LEVEL_ERR, fmt::format("{}; the job of an earlier host is forgotten",
-                                             platform::describe(definition.error())));
-    return {};
+    log(platform::ASL_LEVEL_ERR,
+        fmt::format("{}; the job of an earlier host is kept, and started no more",
+                    platform::describe(definition.error())));
+    // Its process, if it has one, must still be known, and be there to be removed.
+    definition = JobDefinition();
+    definition->label = stored.label;
+    definition->dictionary = stored.dictionary;
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);
@@ -113,25 +128,6 @@ void JobHost::resume(Job& job) {
   if (!done) failedLater(job, done.error());
 }
 
-void JobHost::loadDaemons() {
-  DaemonFolder folder = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
-  for (const std::string& fault : folder.faults) log(platform::ASL_LEVEL_ERR, fault);
-  for (JobDefinition& definition : folder.definitions) {
-    Job* const job = find(definition.label);
-    if (job && job->removal) {
-      job->removal->afterwards.push_back(
-          [this, definition = std::move(definition)]() mutable { load(std::move(definition)); });
-    } else {
-      load(std::move(definition));
-    }
-  }
-}
-
-void JobHost::load(JobDefinition definition) {
-  const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
-  if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
-}
-
 std::vector<StoredJob> JobHost::snapshot() const {
   std::vector<StoredJob> jobs;
   for (const auto& [label, job] : jobs_) {
@@ -149,7 +145,7 @@ std::vector<StoredJob> JobHost::snapshot() const {
 
 void JobHost::compactIfWanted() {
   if (!state_->wantsCompaction()) return;
-  if (auto written = state_->compact(snapshot()); !written) {
+  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
   }
 }

@@ -1,4 +1,4 @@
-// What one host leaves to the next, and what it loads from files.
+// What one host leaves to the next.
 
 #include <algorithm>
 #include <string>
@@ -157,6 +157,80 @@ TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   EXPECT_EQ(sink_.count("not from this boot"), 1);
 }
 
+// Where the new state file would be made, as on a disk that has no room for it.
+class JobHostWithoutRoom : public JobHostTest {
+ protected:
+  const std::string obstacle_ = root_.path("run/vantor/launchd.state.new");
+  void putObstacle() {
+    ASSERT_EQ(::mkdir(obstacle_.c_str(), 0700), 0);
+    root_.write("run/vantor/launchd.state.new/file", "");
+  }
+};
+
+TEST_F(JobHostWithoutRoom, AHostThatCannotCompactItsFileUsesTheOneOfTheHostBefore) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  killHost();
+  putObstacle();
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(sink_.count("the file of the host before is used further"), 1);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(pid("com.example.b"), Value(103));
+  ASSERT_TRUE(submit(job("com.example.c")));
+  ASSERT_TRUE(**removeLater("com.example.a"));
+  for (int i = 0; i < 2; ++i) {
+    restartHost();
+    EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.c"));
+    EXPECT_EQ(pid("com.example.b"), Value(103));
+    EXPECT_EQ(pid("com.example.c"), Value(104));
+  }
+  EXPECT_EQ(starts(), 4);
+}
+
+TEST_F(JobHostWithoutRoom, AHostWithoutAnyFileThatIsInOrderDoesNotStart) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  killHost();
+  putObstacle();
+  ASSERT_EQ(::chmod(root_.path("run/vantor/launchd.state").c_str(), 0666), 0);
+  JobHostOptions options;
+  options.root = root_.path();
+  options.bootId = bootId_;
+  const auto host = JobHost::create(loop_, processes_, log_, std::move(options));
+  ASSERT_FALSE(host);
+  EXPECT_NE(platform::describe(host.error()).find("launchd.state.new"), std::string::npos);
+}
+
+TEST_F(JobHostTest, AJobThatCannotBeReadAnyMoreIsKeptWithItsProcessAndStartedNoMore) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.idle")));
+  endLast();
+  loop_.advanceBy(1s);
+  killHost();
+  {  // As a host would leave it that honours more than this one does.
+    auto state = StateFile::open(root_.path("run/vantor"), bootId_, loop_);
+    ASSERT_TRUE(state);
+    for (StoredJob& stored : state->jobs) {
+      stored.dictionary = job(stored.label, {{"Nice", "a lot"}});
+    }
+    ASSERT_TRUE(state->file->compact(state->jobs));
+  }
+  startHost();
+  EXPECT_EQ(sink_.count("is kept, and started no more"), 2);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(host_->copy("com.example.a")["Nice"], Value("a lot"));
+  processes_.end(101);
+  loop_.advanceBy(1min);
+  EXPECT_TRUE(pid("com.example.a").isNil());
+  EXPECT_EQ(host_->copy("com.example.a")["LastExitStatusUnknown"], Value(true));
+  EXPECT_EQ(starts(), 2);
+  // A definition that can be read makes it a job like any other.
+  ASSERT_TRUE(submit(job("com.example.a")));
+  EXPECT_EQ(starts(), 3);
+  ASSERT_TRUE(**removeLater("com.example.idle"));
+}
+
 TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
   std::size_t largest = 0;
@@ -169,32 +243,6 @@ TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   EXPECT_LT(largest, 300 * 1024);
   restartHost();
   EXPECT_EQ(pid("com.example.a"), Value(2601));
-}
-
-// Daemons from files.
-
-TEST_F(JobHostTest, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
-  killHost();
-  const auto plist = [](const std::string& label) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Label</key><string>" + label +
-           "</string><key>Program</key><string>/bin/true</string><key>RunAtLoad</key><true/></dict>"
-           "</plist>";
-  };
-  const std::string folder = "Library/LaunchDaemons/";
-  root_.write(folder + "a.plist", plist("com.example.a"));
-  root_.write(folder + "b.plist", plist("com.example.a"));
-  root_.write(folder + "c.plist", "no property list");
-  root_.write(folder + "d.plist", "<plist version=\"1.0\"><dict/></plist>");
-  root_.write(folder + "e.text", plist("com.example.e"));
-  ASSERT_EQ(::chmod(root_.write(folder + "f.plist", plist("com.example.f")).c_str(), 0666), 0);
-  ASSERT_EQ(::symlink("a.plist", root_.path(folder + "g.plist").c_str()), 0);
-  root_.write(folder + "h.plist", plist("com.example.h"));
-  startHost();
-  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.h"));
-  EXPECT_EQ(starts(), 2);
-  for (const char* file : {"b.plist", "c.plist", "d.plist", "f.plist", "g.plist"}) {
-    EXPECT_EQ(sink_.count(file), 1) << file;
-  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "JobHost/JobAccount.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/PropertyListText.h"
@@ -44,10 +45,9 @@ Result<std::unique_ptr<JobHost>> JobHost::create(platform::RunLoop& loop, Proces
   for (const std::string& warning : state->warnings) {
     host->log(platform::ASL_LEVEL_WARNING, warning);
   }
-  if (auto takenOver = host->takeOver(state->jobs); !takenOver) {
+  if (auto takenOver = host->takeOver(state->jobs, state->dismissed); !takenOver) {
     return std::unexpected(std::move(takenOver.error()));
   }
-  host->loadDaemons();
   return host;
 }
 
@@ -87,6 +87,9 @@ JobHost::Outcome JobHost::submitNow(JobOrigin origin, JobDefinition definition) 
         LaunchdError::kUnavailable,
         fmt::format("job {}: the job host is being stopped", platform::quoted(definition.label))));
   }
+  if (auto known = checkAccount(definition); !known) {
+    return std::unexpected(jobError(known.error()));
+  }
   compactIfWanted();  // Now, since a full file would refuse it.
   Job* const job = find(definition.label);
   const auto done = job ? replaceDefinition(*job, origin, definition) : addJob(origin, definition);
@@ -124,6 +127,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
 
 Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
                                         const JobDefinition& definition) {
+  const bool isReplaced = isReplacedByClient(job.origin, origin);
   const std::size_t mark = state_->mark();
   const auto cost = record(&job, origin, definition);
   if (!cost) return std::unexpected(cost.error());
@@ -134,6 +138,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
     return defined;
   }
   setCost(job, *cost);
+  if (isReplaced) dismissed_.insert(job.label);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);

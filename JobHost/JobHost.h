@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "JobHost/DaemonFolder.h"
 #include "JobHost/Job.h"
 #include "JobHost/JobDefinition.h"
 #include "JobHost/MachSockets.h"
@@ -45,7 +46,9 @@ class JobHost {
   using Completion = std::move_only_function<void(Outcome)>;
 
   // Takes over what the state file knows, then loads Library/LaunchDaemons/*.plist; both lie below
-  // the root. A job that can't be taken over, loaded or started is logged. Fails where another
+  // the root. Of what an earlier host of this boot has loaded only the definition is replaced, and
+  // what a client removed or replaced stays so; a file that has gone takes no job with it. A job
+  // that can't be taken over, loaded or started is logged. Fails where another
   // host runs there (after waiting for it for StateFile::kLockPatience), and where the folders for
   // sockets and state can't be made. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
@@ -59,10 +62,12 @@ class JobHost {
   // Completes when the job's process runs or has failed to start, and at once where nothing wants
   // a process yet or the throttle puts the start off. A new job whose process can't be started is
   // no job; one that was known stays and is tried again. A job that is being removed is submitted
-  // when it has gone. Refused once shutDown() was called.
+  // when it has gone. Refused once shutDown() was called, and where the system does not know the
+  // job's user or group.
   void submit(JobDefinition definition, Completion completion);
 
-  // Ends the job's processes and forgets the job; completes when the last of them has gone.
+  // Ends the job's processes and forgets the job; completes when the last of them has gone. The
+  // file that defined it, if one did, is not loaded again in this boot until shutDown().
   void remove(std::string_view label, Completion completion);
 
   // The job's dictionary as it was submitted, with "PID" while its process runs, and
@@ -74,7 +79,8 @@ class JobHost {
   std::vector<std::string> labels() const;
 
   // Takes no more submissions and removes everything: the loaded jobs first, then the submitted
-  // ones, all at once, the notification bus last. Completes when no process of them is left.
+  // ones, all at once, the notification bus last; what is never to be killed is after 20 s.
+  // Completes when no process of them is left. The next host begins as in a new boot.
   void shutDown(std::move_only_function<void()> completion);
 
  private:
@@ -112,16 +118,22 @@ class JobHost {
   void shutDownNext();
 
   // JobHost+TakeOver.cpp
-  platform::Result<void> takeOver(const std::vector<StoredJob>& stored);
+  platform::Result<void> takeOver(const std::vector<StoredJob>& stored, const Labels& dismissed);
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
   void takeOverSurvivors(Job& job);
   void resume(Job& job);
-  void loadDaemons();
-  void load(JobDefinition definition);
   std::vector<StoredJob> snapshot() const;
   // Not between a mark of the state file and what may cut it back to that.
   void compactIfWanted();
+
+  // JobHost+Daemons.cpp
+  void forgetDismissals(const DaemonFolder& folder);
+  // Answers what the last host had not loaded.
+  std::vector<JobDefinition> refreshDaemons(DaemonFolder folder);
+  platform::Result<void> refresh(Job& job, const JobDefinition& definition);
+  void loadDaemons(std::vector<JobDefinition> definitions);
+  void load(JobDefinition definition);
 
   platform::RunLoop& loop_;
   Processes& processes_;
@@ -132,6 +144,7 @@ class JobHost {
   // By label. Their places don't change: callbacks know them.
   std::map<std::string, Job, std::less<>> jobs_;
   std::size_t totalCost_ = 0;  // of all jobs
+  Labels dismissed_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   // Whoever answers looks whether this still lives.

@@ -184,5 +184,26 @@ TEST_F(JobHostTest, AsManyJobsAsAllowedAndNoMore) {
   EXPECT_TRUE(submit(job("d")));
 }
 
+TEST_F(JobHostTest, AnUnknownUserOrGroupIsRefusedWhateverWantsAProcess) {
+  const auto refusal = [&](Dictionary more) {
+    more.set("KeepAlive", false);  // Nothing wants a process yet.
+    const auto outcome = submit(job("com.example.a", std::move(more)));
+    EXPECT_FALSE(outcome);
+    if (outcome) return std::string();
+    EXPECT_EQ(outcome.error().code, static_cast<int>(platform::LaunchdError::kInvalidJob));
+    return outcome.error().localizedDescription;
+  };
+  EXPECT_EQ(refusal({{"UserName", "no-such-user"}}),
+            "job \"com.example.a\": key \"UserName\": the user \"no-such-user\" does not exist");
+  EXPECT_EQ(refusal({{"UserName", "nobody"}, {"GroupName", "no-such-group"}}),
+            "job \"com.example.a\": key \"GroupName\": the group \"no-such-group\" does not exist");
+  EXPECT_EQ(refusal({{"GroupName", "no-such-group"}}),
+            "job \"com.example.a\": key \"GroupName\": the group \"no-such-group\" does not exist");
+  EXPECT_TRUE(host_->labels().empty());
+  ASSERT_TRUE(submit(job("com.example.a", {{"UserName", "nobody"}})));
+  refusal({{"UserName", "no-such-user"}});
+  EXPECT_EQ(host_->copy("com.example.a")["UserName"], Value("nobody"));
+}
+
 }  // namespace
 }  // namespace jobhost

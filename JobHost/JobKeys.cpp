@@ -299,6 +299,11 @@ Fault takeJobKey(std::string_view key, const Value& value, JobDefinition& defini
   return checkUnsupportedKey(key, value);
 }
 
+std::string nameOfLimit(int resource) {
+  const auto known = std::ranges::find(kResources, resource, &NamedResource::resource);
+  return known == kResources.end() ? fmt::format("{}", resource) : std::string(known->name);
+}
+
 std::string mismatch(std::string_view expected, const Value& value) {
   std::string found;
   switch (value.type()) {

@@ -21,4 +21,8 @@ Fault takeJobKey(std::string_view key, const platform::Value& value, JobDefiniti
 // "expected EXPECTED, found ..." with the kind of `value`, and the value itself where it is short.
 std::string mismatch(std::string_view expected, const platform::Value& value);
 
+// What the limit of this resource (RLIMIT_...) is called in a job's dictionary; its number where it
+// has no name there.
+std::string nameOfLimit(int resource);
+
 }  // namespace jobhost

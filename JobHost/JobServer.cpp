@@ -38,10 +38,10 @@ JobHost::Completion answering(std::unique_ptr<PeerReply> reply) {
 
 }  // namespace
 
-Result<std::unique_ptr<JobServer>> JobServer::listen(PeerTransport& transport,
+Result<std::unique_ptr<JobServer>> JobServer::listen(RunLoop& loop, PeerTransport& transport,
                                                      const std::string& path, std::uint32_t user,
                                                      JobHost& host, SystemLog& log) {
-  std::unique_ptr<JobServer> server(new JobServer(user, host, log));
+  std::unique_ptr<JobServer> server(new JobServer(loop, user, host, log));
   // Only who may use it can open the socket (root always can); the credentials are looked at too,
   // since an administrator may change the mode.
   auto listener = transport.listen(
@@ -61,14 +61,22 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
   } else {
     // It keeps the place of one who has not been admitted, for as long as that lasts: enough to be
     // told.
-    log_.asl_log(
-        nullptr, ASL_LEVEL_WARNING,
+    refusals_.write(
         fmt::format("process {} of user {} may not use the jobs", peer.process, peer.user));
   }
   const ClientId id = ++lastClient_;
   connection->setHandlers(
       {.message = [this, isAllowed](PeerMessage message) { serve(isAllowed, std::move(message)); },
-       .death = [this, id](const Error&) { clients_.erase(id); }});
+       .death =
+           [this, id, isAllowed, peer](const Error& why) {
+             // Who goes by itself is nothing to tell of, and who may not use the jobs has been told
+             // of already.
+             if (isAllowed && why.code != ErrorCode::kNotFound) {
+               refusals_.write(fmt::format("process {} of user {} was cut off: {}", peer.process,
+                                           peer.user, describe(why)));
+             }
+             clients_.erase(id);
+           }});
   clients_.emplace(id, std::move(connection));
 }
 

@@ -9,6 +9,8 @@
 #include "JobHost/JobHost.h"
 #include "Platform/Error.h"
 #include "Platform/PeerTransport.h"
+#include "Platform/RefusalLog.h"
+#include "Platform/RunLoop.h"
 #include "Platform/SystemLog.h"
 
 namespace jobhost {
@@ -20,7 +22,8 @@ class JobServer {
  public:
   // Takes the socket at `path`, in a folder that exists. `user` is the one whom this host runs
   // under. The references outlive this.
-  static platform::Result<std::unique_ptr<JobServer>> listen(platform::PeerTransport& transport,
+  static platform::Result<std::unique_ptr<JobServer>> listen(platform::RunLoop& loop,
+                                                             platform::PeerTransport& transport,
                                                              const std::string& path,
                                                              std::uint32_t user, JobHost& host,
                                                              platform::SystemLog& log);
@@ -31,8 +34,8 @@ class JobServer {
  private:
   using ClientId = std::uint64_t;
 
-  JobServer(std::uint32_t user, JobHost& host, platform::SystemLog& log)
-      : user_(user), host_(host), log_(log) {}
+  JobServer(platform::RunLoop& loop, std::uint32_t user, JobHost& host, platform::SystemLog& log)
+      : user_(user), host_(host), log_(log), refusals_(loop, log, "jobhost") {}
 
   void accept(std::unique_ptr<platform::PeerConnection> connection);
   void serve(bool isAllowed, platform::PeerMessage message);
@@ -44,6 +47,7 @@ class JobServer {
   const std::uint32_t user_;
   JobHost& host_;
   platform::SystemLog& log_;
+  platform::RefusalLog refusals_;
   std::map<ClientId, std::unique_ptr<platform::PeerConnection>> clients_;
   ClientId lastClient_ = 0;
   std::unique_ptr<platform::PeerListener> listener_;  // Ends first: it calls accept().

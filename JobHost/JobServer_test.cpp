@@ -53,7 +53,7 @@ class JobServerTest : public testing::Test {
     options.root = root_.path();
     options.bootId = "boot";
     host_ = *JobHost::create(loop_, processes_, log_, std::move(options));
-    auto server = JobServer::listen(hostTransport_, kSocket, kHostsUser, *host_, log_);
+    auto server = JobServer::listen(loop_, hostTransport_, kSocket, kHostsUser, *host_, log_);
     EXPECT_TRUE(server);
     server_ = *std::move(server);
     rootClient_.emplace(network_, 0);
@@ -214,6 +214,29 @@ TEST_F(JobServerTest, WhoIsRefusedIsLoggedOnce) {
   EXPECT_EQ(sink_.count("process 77 of user 501 may not use the jobs"), 1u);
 }
 
+TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
+  submitJob({{"Comment", std::string(kMaxPeerMessageBytes / 2, 'x')}});
+  Client client(network_, kHostsUser);
+  client.transport.hang();
+  for (int i = 0; i < 8; ++i) ask(client, kCopyJobMessage, {kLabel});
+  EXPECT_EQ(sink_.count("process 77 of user 500 was cut off: the peer leaves too many answers"),
+            1u);
+}
+
+TEST_F(JobServerTest, WhoGoesByItselfIsNotLogged) {
+  const std::size_t before = sink_.texts().size();
+  Client client(network_, kHostsUser);
+  ask(client, kCopyJobMessage, {kLabel});
+  client.transport.die();
+  loop_.runReady();
+  EXPECT_EQ(sink_.texts().size(), before);
+}
+
+TEST_F(JobServerTest, AFloodOfTheRefusedIsNoFloodOfLines) {
+  for (std::size_t i = 0; i <= RefusalLog::kLinesPerPeriod; ++i) Client(network_, kHostsUser + 1);
+  EXPECT_EQ(sink_.count("may not use the jobs"), RefusalLog::kLinesPerPeriod);
+}
+
 TEST_F(JobServerTest, WhoIsRefusedKeepsNoPlaceForLong) {
   Client client(network_, kHostsUser + 1);
   bool died = false;
@@ -264,7 +287,7 @@ TEST_F(JobServerTest, TheServerMayEndWhileAClientWaits) {
 }
 
 TEST_F(JobServerTest, ASocketThatIsTakenIsAnError) {
-  const auto second = JobServer::listen(hostTransport_, kSocket, kHostsUser, *host_, log_);
+  const auto second = JobServer::listen(loop_, hostTransport_, kSocket, kHostsUser, *host_, log_);
   ASSERT_FALSE(second);
   EXPECT_EQ(second.error().code, ErrorCode::kDenied);
 }

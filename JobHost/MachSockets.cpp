@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "JobHost/BoundFile.h"
 #include "Platform/Linux/SystemCall.h"
 #include "Platform/PropertyListText.h"
 
@@ -42,6 +43,29 @@ bool isOption(int socket, int option, int expected) {
   int value = -1;
   socklen_t size = sizeof value;
   return ::getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 && value == expected;
+}
+
+// Whether the socket was bound by the name that sockets of this service are bound by.
+bool wasBoundAs(int socket, const std::string& service) {
+  sockaddr_un address{};
+  socklen_t size = sizeof address;
+  if (::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
+      address.sun_family != AF_UNIX || size <= offsetof(sockaddr_un, sun_path)) {
+    return false;
+  }
+  const std::string_view path(address.sun_path,
+                              ::strnlen(address.sun_path, sizeof address.sun_path));
+  return path.ends_with("/" + boundName(service));
+}
+
+// Whether who connects to this file of the service reaches the socket.
+bool isBoundTo(int socket, const struct stat& status, const std::string& service) {
+  const auto file = boundFileOf(socket);
+  if (file && file->inode != static_cast<std::uint32_t>(status.st_ino)) return false;
+  if (file && file->device == status.st_dev) return true;
+  // The kernel can't tell, or means another device than stat() does, as on an overlay of several
+  // file systems. The name is the socket's own word, but a wrong one harms this service alone.
+  return wasBoundAs(socket, service);
 }
 
 Result<UniqueFd> bindListener(int folder, const std::string& service) {
@@ -94,18 +118,10 @@ Result<Descriptor> MachSockets::listen(const std::string& service, std::string_v
 
 bool MachSockets::takeOver(const std::string& service, std::string_view label, UniqueFd socket) {
   if (!socket || listeners_.contains(service)) return false;
-  sockaddr_un address{};
-  socklen_t size = sizeof address;
-  if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0 ||
-      address.sun_family != AF_UNIX || size <= offsetof(sockaddr_un, sun_path)) {
-    return false;
-  }
-  const std::string_view path(address.sun_path,
-                              ::strnlen(address.sun_path, sizeof address.sun_path));
   struct stat status{};
-  if (!path.ends_with("/" + boundName(service)) || !isOption(socket.get(), SO_ACCEPTCONN, 1) ||
+  if (!isOption(socket.get(), SO_ACCEPTCONN, 1) ||
       ::fstatat(folder_.get(), service.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-      !S_ISSOCK(status.st_mode)) {
+      !S_ISSOCK(status.st_mode) || !isBoundTo(socket.get(), status, service)) {
     return false;
   }
   listeners_.emplace(service, Listener{std::string(label), std::move(socket)});

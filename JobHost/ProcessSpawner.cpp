@@ -6,6 +6,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,7 +20,9 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "JobHost/FileSystemIdentity.h"
 #include "JobHost/JobAccount.h"
+#include "JobHost/JobKeys.h"
 #include "JobHost/SpawnedChild.h"
 #include "Platform/Linux/SystemCall.h"
 #include "Platform/PropertyListText.h"
@@ -94,7 +97,7 @@ class Orders {
 
  private:
   void addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens);
-  Result<void> openFiles(const JobDefinition& job, int null, int listener);
+  Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
   Result<void> addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit);
 
   std::vector<char*> arguments_;
@@ -131,23 +134,29 @@ void Orders::addEnvironment(const JobDefinition& job, const JobAccount& account,
   if (listens) child.listenPid = variables_.back().data() + variables_.back().find('0');
 }
 
-Result<void> Orders::openFiles(const JobDefinition& job, int null, int listener) {
+Result<void> Orders::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
   const std::pair<const std::string&, int> files[kStandardFiles] = {
       {job.standardInPath, O_RDONLY},
       {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
       {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
   };
+  // With the host's rights a link that the job's user has put there would lead it anywhere.
+  std::optional<FileSystemIdentity> identity;
   for (const auto& [path, flags] : files) {
     if (path == kNull) {
       descriptors_.push_back(null);
       continue;
+    }
+    if (!identity && ::geteuid() == 0 && account.user != 0) {
+      auto assumed = FileSystemIdentity::assume(account);
+      if (!assumed) return std::unexpected(std::move(assumed.error()));
+      identity.emplace(*std::move(assumed));
     }
     auto file = openStandardFile(path, flags);
     if (!file) return std::unexpected(std::move(file.error()));
     descriptors_.push_back(file->get());
     opened_.push_back(*std::move(file));
   }
-  if (listener >= 0) descriptors_.push_back(listener);
   return {};
 }
 
@@ -172,7 +181,8 @@ Result<void> Orders::addLimits(const JobDefinition& job, std::uint64_t originalD
       if (!soft) soft = std::min<rlim_t>(originalDescriptorLimit, limit.hard.value_or(~rlim_t{0}));
     }
     if (!add(limit.resource, soft, limit.hard)) {
-      return std::unexpected(systemError(fmt::format("getrlimit({})", limit.resource)));
+      return std::unexpected(
+          systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(limit.resource))));
     }
   }
   // Programs that use select() break with as many descriptors as the host may have.
@@ -191,7 +201,8 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   }
   arguments_.push_back(nullptr);
   addEnvironment(job, account, listener >= 0);
-  if (auto opened = openFiles(job, null, listener); !opened) return opened;
+  if (auto opened = openFiles(job, account, null); !opened) return opened;
+  if (listener >= 0) descriptors_.push_back(listener);
   if (auto added = addLimits(job, originalDescriptorLimit); !added) return added;
   child.arguments = arguments_.data();
   child.environment = environment_.data();
@@ -228,7 +239,8 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kDescriptors:
       return "passing the descriptors";
     case ChildStage::kLimit:
-      return fmt::format("setrlimit of resource {}", child.limits[child.failedLimit].resource);
+      return fmt::format("setrlimit of \"{}\"",
+                         nameOfLimit(child.limits[child.failedLimit].resource));
     case ChildStage::kNice:
       return fmt::format("setpriority to {}", job.nice);
     case ChildStage::kRootDirectory:

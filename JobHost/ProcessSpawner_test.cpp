@@ -20,9 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "JobHost/JobAccount.h"
-#include "JobHost/StateReader.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "JobHost/ProcessSpawnerFixture_contract.h"
 
 namespace jobhost {
 namespace {
@@ -34,84 +32,6 @@ using platform::UniqueFd;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-
-constexpr std::uint64_t kDescriptorLimit = 777;
-
-class ProcessSpawnerTest : public testing::Test {
- protected:
-  ProcessSpawnerTest() {
-    auto spawner = ProcessSpawner::create(kDescriptorLimit);
-    EXPECT_TRUE(spawner) << platform::describe(spawner.error());
-    spawner_.emplace(*std::move(spawner));
-    file_.reset(
-        ::open(folder_.path("state").c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  }
-
-  // A job whose shell script writes to a file that output() reads.
-  JobDefinition script(const std::string& text) const {
-    JobDefinition job;
-    job.label = "com.example.job";
-    job.program = "/bin/sh";
-    job.arguments = {"sh", "-c", text};
-    job.standardOutPath = folder_.path("output");
-    job.standardErrorPath = folder_.path("output");
-    return job;
-  }
-
-  platform::Result<ProcessSpawner::Spawned> spawn(const JobDefinition& job, int listener = -1) {
-    record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
-    return spawner_->spawn(job, {file_.get(), record_}, listener);
-  }
-
-  ExitStatus awaitEnd(const ProcessSpawner::Spawned& spawned) {
-    pollfd entry{spawned.pidfd.get(), POLLIN, 0};
-    EXPECT_EQ(::poll(&entry, 1, 60'000), 1);
-    siginfo_t info{};
-    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(spawned.process), &info, WEXITED), 0);
-    return {info.si_code == CLD_EXITED ? ExitStatus::Kind::kExited : ExitStatus::Kind::kSignalled,
-            info.si_status};
-  }
-
-  std::string output() const {
-    std::ifstream file(folder_.path("output"));
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-  }
-
-  std::string outputOf(const JobDefinition& job, int listener = -1) {
-    ::unlink(folder_.path("output").c_str());
-    const auto spawned = spawn(job, listener);
-    EXPECT_TRUE(spawned) << platform::describe(spawned.error());
-    if (spawned) awaitEnd(*spawned);
-    return output();
-  }
-  std::string outputOfScript(const std::string& text) { return outputOf(script(text)); }
-
-  std::string refusal(const JobDefinition& job) {
-    const auto spawned = spawn(job);
-    EXPECT_FALSE(spawned);
-    if (spawned) {
-      awaitEnd(*spawned);
-      return "";
-    }
-    // It has been reaped.
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
-    EXPECT_EQ(errno, ECHILD);
-    return platform::describe(spawned.error());
-  }
-
-  std::size_t recordedBytes() const {
-    struct stat status{};
-    EXPECT_EQ(::fstat(file_.get(), &status), 0);
-    return static_cast<std::size_t>(status.st_size);
-  }
-
-  platform::TemporaryFolder folder_;
-  std::optional<ProcessSpawner> spawner_;
-  UniqueFd file_;
-  std::vector<std::uint8_t> record_;
-};
 
 TEST_F(ProcessSpawnerTest, TheProgramGetsItsArgumentsAndItsOwnSession) {
   JobDefinition job = script("echo \"$0,$1,$2,$$\"; cut -d' ' -f5,6 /proc/$$/stat");
@@ -297,9 +217,9 @@ TEST_F(ProcessSpawnerTest, FoldersFilesAndLimitsThatCannotBeHadAreRefused) {
       {"opening \"/no/such/out\"", ENOENT, [](auto& job) { job.standardOutPath = "/no/such/out"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardInPath = "/"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardOutPath = "/"; }},
-      {"setrlimit of resource 7", EPERM,
+      {"setrlimit of \"NumberOfFiles\"", EPERM,
        [](auto& job) { job.limits = {{RLIMIT_NOFILE, 1, rlim_t{1} << 60}}; }},
-      {"setrlimit of resource 4", EINVAL, [](auto& job) { job.limits = {{RLIMIT_CORE, 2, 1}}; }},
+      {"setrlimit of \"Core\"", EINVAL, [](auto& job) { job.limits = {{RLIMIT_CORE, 2, 1}}; }},
   };
   for (const Row& row : rows) {
     JobDefinition job = script("echo ran");
@@ -336,85 +256,6 @@ TEST_F(ProcessSpawnerTest, WithoutADescriptorForItThereIsNoFork) {
   ASSERT_FALSE(spawned);
   EXPECT_EQ(platform::describe(spawned.error()),
             std::string("job \"com.example.job\": fork: ") + std::strerror(EMFILE));
-}
-
-// As somebody else, which only root can.
-
-class ProcessSpawnerAsRoot : public ProcessSpawnerTest {
- protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-    ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
-    const passwd* nobody = ::getpwnam("nobody");
-    if (!nobody) GTEST_SKIP() << "there is no user nobody";
-    user_ = std::to_string(nobody->pw_uid);
-    group_ = std::to_string(nobody->pw_gid);
-    home_ = nobody->pw_dir;
-  }
-
-  std::string user_;
-  std::string group_;
-  std::string home_;
-};
-
-TEST_F(ProcessSpawnerAsRoot, UserGroupAndGroupsAreTheUsers) {
-  JobDefinition job =
-      script("id -u; id -g; id -G; echo $HOME $USER $LOGNAME; grep -E '^[UG]id' /proc/self/status");
-  job.userName = "nobody";
-  const auto four = [](const std::string& id) { return id + "\t" + id + "\t" + id + "\t" + id; };
-  EXPECT_EQ(outputOf(job), user_ + "\n" + group_ + "\n" + group_ + "\n" + home_ +
-                               " nobody nobody\nUid:\t" + four(user_) + "\nGid:\t" + four(group_) +
-                               "\n");
-}
-
-TEST_F(ProcessSpawnerAsRoot, AGroupOfItsOwnTakesThePlaceOfTheUsers) {
-  const group* daemon = ::getgrnam("daemon");
-  ASSERT_NE(daemon, nullptr);
-  const std::string id = std::to_string(daemon->gr_gid);
-  JobDefinition job = script("id -u; id -g");
-  job.userName = "nobody";
-  job.groupName = "daemon";
-  EXPECT_EQ(outputOf(job), user_ + "\n" + id + "\n");
-  job.userName.reset();
-  EXPECT_EQ(outputOf(job), "0\n" + id + "\n");
-}
-
-TEST_F(ProcessSpawnerAsRoot, AFolderThatTheUserMayNotEnterIsRefused) {
-  ASSERT_EQ(::mkdir(folder_.path("closed").c_str(), 0700), 0);
-  JobDefinition job = script("");
-  job.userName = "nobody";
-  job.workingDirectory = folder_.path("closed");
-  EXPECT_THAT(refusal(job), AllOf(HasSubstr("chdir to"), EndsWith(std::strerror(EACCES))));
-}
-
-TEST_F(ProcessSpawnerAsRoot, AUserWithTooManyProcessesFailsAtTheExecution) {
-  JobDefinition job = script("exec cat " + folder_.path("pipe"));
-  job.userName = "nobody";
-  ASSERT_EQ(::mkfifo(folder_.path("pipe").c_str(), 0644), 0);
-  const auto first = spawn(job);  // Waits for a writer.
-  ASSERT_TRUE(first);
-  job.limits = {{RLIMIT_NPROC, 0, 0}};
-  const auto second = spawn(job);
-  ::kill(first->process, SIGKILL);
-  awaitEnd(*first);
-  ASSERT_FALSE(second);
-  EXPECT_THAT(platform::describe(second.error()),
-              AllOf(HasSubstr("executing \"/bin/sh\""), EndsWith(std::strerror(EAGAIN))));
-}
-
-TEST_F(ProcessSpawnerAsRoot, TheRootDirectoryIsTheJobs) {
-  JobDefinition job = script("");
-  job.rootDirectory = folder_.path();
-  // Nothing is in there to be executed, but the folder is.
-  folder_.write("sub/file", "");
-  job.workingDirectory = "/sub";
-  EXPECT_THAT(refusal(job),
-              AllOf(HasSubstr("executing \"/bin/sh\""), EndsWith(std::strerror(ENOENT))));
-  job.workingDirectory = "/usr";
-  EXPECT_THAT(refusal(job), HasSubstr("chdir to \"/usr\""));
-  job.rootDirectory = "/no/such";
-  EXPECT_THAT(refusal(job),
-              AllOf(HasSubstr("chroot to \"/no/such\""), EndsWith(std::strerror(ENOENT))));
 }
 
 }  // namespace

@@ -68,13 +68,29 @@ Result<void> checkTrust(int file) {
   return {};
 }
 
-Result<StateContents> readTrusted(const std::string& path, std::string_view bootId) {
-  const auto file = platform::openRegularFile(path);
+struct Trusted {
+  StateContents contents;
+  UniqueFd file;  // for reading
+  std::size_t size = 0;
+};
+
+Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
+  auto file = platform::openRegularFile(path);
   if (!file) return std::unexpected(file.error());
   if (auto trust = checkTrust(file->get()); !trust) return std::unexpected(trust.error());
   const auto bytes = platform::readToEnd(file->get(), StateFile::kMaximumBytes, path);
   if (!bytes) return std::unexpected(bytes.error());
-  return readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+  auto contents =
+      readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+  if (!contents) return std::unexpected(std::move(contents.error()));
+  return Trusted{*std::move(contents), *std::move(file), bytes->size()};
+}
+
+// The same file for appending: its path may have come to name another one.
+UniqueFd reopenForAppending(const UniqueFd& file) {
+  const std::string path = fmt::format("/proc/self/fd/{}", file.get());
+  return UniqueFd(
+      retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
 }
 
 // A torn file gets a second name and keeps its own until it is replaced: a host killed in between
@@ -100,13 +116,19 @@ Result<void> writeWhole(int file, std::span<const std::uint8_t> bytes, const std
       systemError(what, errno == ENOSPC ? ErrorCode::kExhausted : ErrorCode::kSystem));
 }
 
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
 Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
-                                             std::string_view bootId) {
+                                             const Labels& dismissed, std::string_view bootId) {
   std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
   const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
     const auto record = makeRecord(kind, payload);
     bytes.insert(bytes.end(), record.begin(), record.end());
   };
+  // Before the jobs: this record also ends a job, and one of the same label has come since.
+  for (const std::string& label : dismissed) add(RecordKind::kDismissed, bytesOf(label));
   for (const StoredJob& job : jobs) {
     const auto submitted = submittedPayload(job.origin, job.dictionary);
     if (!submitted) return std::unexpected(submitted.error());
@@ -115,10 +137,7 @@ Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
     if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
     if (job.lastStart) add(RecordKind::kStarted, startPayload(*job.lastStart, job.label));
     if (!job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
-    if (job.isBeingRemoved) {
-      add(RecordKind::kRemoving,
-          {reinterpret_cast<const std::uint8_t*>(job.label.data()), job.label.size()});
-    }
+    if (job.isBeingRemoved) add(RecordKind::kRemoving, bytesOf(job.label));
   }
   return bytes;
 }
@@ -135,22 +154,26 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   auto lock = takeLock(folder + kLockName, loop);
   if (!lock) return std::unexpected(std::move(lock.error()));
   self.lock_ = *std::move(lock);
-  auto contents = readTrusted(self.path_, bootId);
-  if (contents) {
-    opened.jobs = std::move(contents->jobs);
-    if (contents->isTorn) {
+  auto trusted = readTrusted(self.path_, bootId);
+  if (trusted) {
+    opened.jobs = std::move(trusted->contents.jobs);
+    opened.dismissed = std::move(trusted->contents.dismissed);
+    if (trusted->contents.isTorn) {
       opened.warnings.push_back(
           setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
+    } else {
+      self.file_ = reopenForAppending(trusted->file);
+      self.size_ = self.compactedSize_ = trusted->size;
     }
-  } else if (contents.error().code != ErrorCode::kNotFound) {
+  } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
-        setAside(self.path_, false, "not trusted: " + platform::describe(contents.error())));
+        setAside(self.path_, false, "not trusted: " + platform::describe(trusted.error())));
   }
   return opened;
 }
 
-Result<void> StateFile::compact(std::span<const StoredJob> jobs) {
-  const auto bytes = contentsOf(jobs, bootId_);
+Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& dismissed) {
+  const auto bytes = contentsOf(jobs, dismissed, bootId_);
   if (!bytes) return std::unexpected(bytes.error());
   const std::string temporary = path_ + kNewSuffix;
   if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
@@ -235,13 +258,15 @@ Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending
 }
 
 Result<void> StateFile::appendRemoving(std::string_view label) {
-  return append(RecordKind::kRemoving,
-                {reinterpret_cast<const std::uint8_t*>(label.data()), label.size()});
+  return append(RecordKind::kRemoving, bytesOf(label));
 }
 
 Result<void> StateFile::appendRemoved(std::string_view label) {
-  return append(RecordKind::kRemoved,
-                {reinterpret_cast<const std::uint8_t*>(label.data()), label.size()});
+  return append(RecordKind::kRemoved, bytesOf(label));
+}
+
+Result<void> StateFile::appendDismissed(std::string_view label) {
+  return append(RecordKind::kDismissed, bytesOf(label));
 }
 
 Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,

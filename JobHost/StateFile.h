@@ -37,19 +37,21 @@ class StateFile {
   static constexpr std::size_t kMaximumBytes = std::size_t{16} << 20;
   // The most that all known jobs together may cost, each what costOf() says. With this a
   // compacted file always has room for what happens to these jobs: only a submission is ever
-  // refused for want of room.
+  // refused for want of room. The labels that were dismissed are not counted: those of one folder
+  // of daemons take 1.1 MiB at most.
   static constexpr std::size_t kMaximumCost = std::size_t{12} << 20;
   // A file with less room than this wants compaction: more than any job's submission and start.
   static constexpr std::size_t kRoomBytes = std::size_t{2} << 20;
 
   struct Opened {
     std::unique_ptr<StateFile> file;
-    std::vector<StoredJob> jobs;        // in the order in which they came
+    std::vector<StoredJob> jobs;  // in the order in which they came
+    Labels dismissed;
     std::vector<std::string> warnings;  // what was set aside, and why; for the log
   };
 
-  // The state file in `folder` and what it holds. Until compact() has put a new file in its place
-  // nothing can be appended. `bootId` names the boot that goes on.
+  // The state file in `folder` and what it holds. Where none is in order nothing can be appended
+  // until compact() has put a new one in its place. `bootId` names the boot that goes on.
   //
   // No other host can open it meanwhile: one that still runs is waited for, by `loop`, as are the
   // processes that a killed one had started and that have not executed their programs yet. Fails
@@ -57,8 +59,11 @@ class StateFile {
   static platform::Result<Opened> open(const std::string& folder, std::string_view bootId,
                                        platform::RunLoop& loop);
 
-  // Replaces the file by one that holds `jobs`. The old one stays where that fails.
-  platform::Result<void> compact(std::span<const StoredJob> jobs);
+  // Whether records can be appended.
+  bool isWritable() const { return static_cast<bool>(file_); }
+
+  // Replaces the file by one that holds these. The old one stays where that fails.
+  platform::Result<void> compact(std::span<const StoredJob> jobs, const Labels& dismissed = {});
   // Whether the file holds much that is out of date, or has little room left.
   bool wantsCompaction() const;
 
@@ -73,6 +78,8 @@ class StateFile {
   platform::Result<void> appendEnded(std::string_view label, const Ending& ending);
   platform::Result<void> appendRemoving(std::string_view label);
   platform::Result<void> appendRemoved(std::string_view label);
+  // In the place of appendRemoving(), for a job whose file is not to be loaded again in this boot.
+  platform::Result<void> appendDismissed(std::string_view label);
 
   // The record of a start at `startedAt`, which the process itself completes and appends.
   // Fails where the file is not as it should be and can't be mended, and where it has no room.

@@ -140,6 +140,30 @@ TEST_F(StateFileTest, TheNextHostReadsWhatThisOneWrote) {
   }
 }
 
+TEST_F(StateFileTest, ADismissedDaemonIsRememberedBesideTheJobThatHasItsLabelNow) {
+  auto file = create();
+  for (const char* label : {"again", "gone", "going"}) {
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed(label)));
+    ASSERT_TRUE(file->appendDismissed(label));
+  }
+  ASSERT_TRUE(file->appendRemoved("gone"));
+  ASSERT_TRUE(file->appendRemoved("again"));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("again")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed("replaced")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("replaced")));
+  file.reset();
+  for (int i = 0; i < 2; ++i) {  // As it was written, then as it was compacted.
+    auto opened = open();
+    EXPECT_THAT(opened.warnings, IsEmpty());
+    EXPECT_THAT(opened.dismissed, ElementsAre("again", "going", "gone", "replaced"));
+    ASSERT_THAT(labelsOf(opened.jobs), ElementsAre("going", "again", "replaced"));
+    EXPECT_TRUE(opened.jobs[0].isBeingRemoved);
+    EXPECT_FALSE(opened.jobs[1].isBeingRemoved);
+    EXPECT_FALSE(opened.jobs[2].isBeingRemoved);
+    ASSERT_TRUE(opened.file->compact(opened.jobs, opened.dismissed));
+  }
+}
+
 TEST_F(StateFileTest, EveryEndIsReadAsItWasWritten) {
   using Kind = ExitStatus::Kind;
   for (const ExitStatus status :

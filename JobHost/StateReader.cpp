@@ -63,13 +63,16 @@ class Replay {
         return removing(payload);
       case RecordKind::kRemoved:
         return removed(payload);
+      case RecordKind::kDismissed:
+        return dismissed(payload);
     }
     return "a record of an unknown kind";
   }
 
-  std::vector<StoredJob> jobs() && {
-    std::vector<StoredJob> result;
-    for (auto& [number, job] : jobs_) result.push_back(std::move(job));
+  StateContents contents() && {
+    StateContents result;
+    for (auto& [number, job] : jobs_) result.jobs.push_back(std::move(job));
+    result.dismissed = std::move(dismissed_);
     return result;
   }
 
@@ -93,6 +96,7 @@ class Replay {
     const auto [place, isNew] = numbers_.try_emplace(*label, next_);
     if (isNew) ++next_;
     StoredJob& job = jobs_[place->second];
+    if (!isNew && isReplacedByClient(job.origin, origin)) dismissed_.insert(*label);
     job.label = *label;
     job.origin = origin;
     job.dictionary = *std::move(dictionary);
@@ -136,6 +140,14 @@ class Replay {
     return {};
   }
 
+  std::string_view dismissed(View payload) {
+    if (payload.empty()) return "a dismissal without a label";
+    dismissed_.insert(textOf(payload));
+    if (StoredJob* const job = find(payload)) job->isBeingRemoved = true;
+    return {};
+  }
+
+  Labels dismissed_;
   std::map<std::string, std::size_t> numbers_;
   std::map<std::size_t, StoredJob> jobs_;
   std::size_t next_ = 0;
@@ -226,7 +238,9 @@ Result<StateContents> readState(View bytes, std::string_view bootId) {
     }
     rest = behind.subspan(header.size);
   }
-  return StateContents{std::move(replay).jobs(), !rest.empty()};
+  StateContents contents = std::move(replay).contents();
+  contents.isTorn = !rest.empty();
+  return contents;
 }
 
 }  // namespace jobhost

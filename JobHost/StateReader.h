@@ -27,7 +27,8 @@ std::vector<std::uint8_t> endPayload(const Ending& ending, std::string_view labe
 
 struct StateContents {
   std::vector<StoredJob> jobs;  // in the order in which they came
-  bool isTorn = false;          // the last record is cut short; it does not count
+  Labels dismissed;
+  bool isTorn = false;  // the last record is cut short; it does not count
 };
 
 // What the bytes of a state file say. kInvalid, with the reason and the place, for what is not one

@@ -19,6 +19,9 @@ enum class RecordKind : std::uint32_t {
   kEnded = 3,      // EndFields, then the label
   kRemoving = 4,   // the label
   kRemoved = 5,    // the label
+  // The label: its file is not loaded again in this boot, and the job, where it is known, is being
+  // removed. One record, since half of it would be wrong.
+  kDismissed = 6,
 };
 
 // Which process a job has, so that a later host can tell it from any other that may come to have

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "JobHost/StateRecord.h"
@@ -16,8 +18,17 @@ enum class JobOrigin : std::uint8_t {
   kSubmitted = 2,  // a client
 };
 
+// Whether a client puts its own definition in the place of a file's.
+inline bool isReplacedByClient(JobOrigin before, JobOrigin now) {
+  return before == JobOrigin::kLoaded && now == JobOrigin::kSubmitted;
+}
+
 // How a job's last process ended: nothing where nobody could be told.
 using Ending = std::optional<platform::ExitStatus>;
+
+// The labels of daemons whose files are not loaded again in this boot: a client removed the job
+// that one had defined, or put a definition of its own in the place of the file's.
+using Labels = std::set<std::string, std::less<>>;
 
 // What the state file knows of a job.
 struct StoredJob {

@@ -29,6 +29,12 @@ int main() {
   auto made = platform::LinuxPlatform::make();
   if (!made) return fail(made.error());
   platform::LinuxPlatform& linux = **made;
+  // Nobody reads what a service says to its standard error.
+  const auto fail = [&linux](const platform::Error& error) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
+                            "the job host does not start: " + platform::describe(error));
+    return ::fail(error);
+  };
   // Every other program of the root registers its connections there.
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
     return fail(folder.error());
@@ -44,7 +50,7 @@ int main() {
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
   if (!host) return fail(host.error());
 
-  const auto server = jobhost::JobServer::listen(linux.peerTransport,
+  const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
                                                  platform::jobHostSocket(linux.configuration.root),
                                                  ::geteuid(), **host, linux.systemLog);
   if (!server) return fail(server.error());

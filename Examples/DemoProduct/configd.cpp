@@ -1,5 +1,5 @@
-// The demo product's configuration server, which every other service waits for: tells whether it is
-// up, and announces its start and its end.
+// The demo product's configuration server, which every other service waits for: serves the settings
+// of all domains, tells whether it is up, and announces its start and its end.
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +8,9 @@
 #include <string>
 #include <string_view>
 
+#include "Examples/DemoProduct/Settings/SettingsServers.h"
+#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Logger/Logger.h"
 #include "Platform/BackgroundService.h"
@@ -15,31 +18,32 @@
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NotificationBus.h"
 #include "Platform/NamedConnections.h"
+#include "Platform/RefusalLog.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
 
+constexpr char kStateFolder[] = "/var/lib";
+constexpr char kSettingsFolder[] = "/var/lib/vantor";
+constexpr char kSettingsFile[] = "/var/lib/vantor/settings.sqlite";
+
 class ConfigurationServer final : public platform::VGBackgroundServiceDelegate,
                                   public platform::MessageReceiver {
  public:
-  ConfigurationServer(platform::NamedConnections& connections,
-                      platform::DistributedNotificationCenter& center,
-                      const platform::ProtocolTable& protocols,
-                      const platform::SystemInformation& system)
-      : connection_(connections.makeConnection()),
-        center_(center),
-        statusProtocol_(protocols.find(kORBServiceManagerConfigurationServerStatusProtocol)),
-        authenticator_(system) {}
+  ConfigurationServer(const SettingsServers::Environment& environment)
+      : environment_(environment), connection_(environment.connections.makeConnection()) {}
 
   void backgroundServiceDidFinishLaunching(const platform::Value& /*notification*/) override {
-    connection_->setDelegate(&authenticator_);
-    connection_->setRootObject(
-        std::make_shared<platform::NSProtocolChecker>(this, statusProtocol_));
+    connection_->setDelegate(&environment_.delegate);
+    connection_->setRootObject(std::make_shared<platform::NSProtocolChecker>(
+        this, environment_.protocols.find(kORBServiceManagerConfigurationServerStatusProtocol)));
     connection_->registerName("com.vantor.service.configd.status");
+    settings_.emplace(environment_);
     post("com.vantor.notification.configd.didstart");
   }
   void backgroundServiceWillTerminate(const platform::Value& /*notification*/) override {
     post("com.vantor.notification.configd.willshutdown");
+    settings_.reset();
     connection_->invalidate();
   }
 
@@ -51,26 +55,53 @@ class ConfigurationServer final : public platform::VGBackgroundServiceDelegate,
 
  private:
   void post(std::string_view name) {
-    center_.postNotificationName(name, std::nullopt, {},
-                                 platform::NSNotificationPosting::kPostToAllSessions);
+    environment_.center.postNotificationName(name, std::nullopt, {},
+                                             platform::NSNotificationPosting::kPostToAllSessions);
   }
 
+  const SettingsServers::Environment environment_;
   std::shared_ptr<platform::NSConnection> connection_;  // shared with its clients' connections
-  platform::DistributedNotificationCenter& center_;
-  const platform::Protocol* statusProtocol_;
-  KLXConnectionAuthenticator authenticator_;
+  std::optional<SettingsServers> settings_;
 };
+
+// Nobody else may read the settings, or the blobs that programs keep with them.
+platform::Result<std::unique_ptr<SettingsStore>> openStore(platform::LinuxPlatform& linux,
+                                                           const std::string& root) {
+  const platform::Dictionary ours{{platform::NSFilePosixPermissions, 0700}};
+  for (const auto& [folder, attributes] :
+       {std::pair<std::string, const platform::Dictionary*>{root + kStateFolder, nullptr},
+        {root + kSettingsFolder, &ours}}) {
+    if (auto made = linux.fileManager.createDirectory(folder, attributes); !made) {
+      return std::unexpected(
+          platform::Error{platform::ErrorCode::kSystem, 0, made.error().localizedDescription});
+    }
+  }
+  return SettingsStore::open(root + kSettingsFile, SettingsServers::domainNames(),
+                             [&](std::string_view warning) {
+                               linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR, warning);
+                             });
+}
+
+// To standard error, for whoever starts this by hand, and to the log.
+int fail(platform::SystemLog* log, const platform::Error& error) {
+  const std::string why = platform::describe(error);
+  std::fputs(("configd: " + why + "\n").c_str(), stderr);
+  if (log) log->asl_log(nullptr, platform::ASL_LEVEL_ERR, why);
+  return EXIT_FAILURE;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   auto made = platform::LinuxPlatform::make();
-  if (!made) {
-    std::fputs((platform::describe(made.error()) + "\n").c_str(), stderr);
-    return EXIT_FAILURE;
-  }
+  if (!made) return fail(nullptr, made.error());
   platform::LinuxPlatform& linux = **made;
   const LoggerBinding logger(linux.systemLog);
+  const std::string root = linux.configuration.root == "/" ? "" : linux.configuration.root;
+  // Without its settings it does not serve: whoever asked would take features for switched off. The
+  // job host starts it again, and until then everything stays as it is.
+  const auto store = openStore(linux, root);
+  if (!store) return fail(&linux.systemLog, store.error());
   platform::NotificationCenter localCenter;
   platform::NamedConnections connections(*linux.runLoop, linux.peerTransport, localCenter,
                                          linux.systemLog, [&](std::string_view name) {
@@ -81,10 +112,13 @@ int main(int argc, char** argv) {
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
+  addGlobalSettingsProtocol(protocols);
+  KLXConnectionAuthenticator authenticator(linux.systemInformation);
+  platform::RefusalLog refusals(*linux.runLoop, linux.systemLog, "configd");
   platform::BackgroundServiceClasses classes;
   classes.add("ConfigurationServer", [&] {
-    return std::make_unique<ConfigurationServer>(connections, *center, protocols,
-                                                 linux.systemInformation);
+    return std::make_unique<ConfigurationServer>(SettingsServers::Environment{
+        connections, authenticator, protocols, *center, **store, refusals});
   });
   platform::BackgroundServiceHost host{*linux.runLoop, linux.terminationSignals, linux.readiness,
                                        classes};

@@ -70,6 +70,22 @@ TEST_F(PlatformRootTest, WhatStandsInTheFilesPlaceMarksTheRootAndIsRefused) {
               AllOf(StartsWith(folder_.path(kFile)), HasSubstr("symbolic link")));
 }
 
+TEST_F(PlatformRootTest, AGivenFolderIsARootIfItHasAConfiguration) {
+  writeConfiguration(kFile, propertyList(""));
+  std::filesystem::create_directory_symlink(folder_.path(), folder_.path("link"));
+  EXPECT_EQ(platformRootAt(folder_.path()), folder_.path());
+  EXPECT_EQ(platformRootAt(folder_.path("link/")), folder_.path());
+  EXPECT_EQ(platformRootAt("/"), "/");
+  const auto inner = platformRootAt(folder_.path("etc"));
+  ASSERT_FALSE(inner);
+  EXPECT_EQ(inner.error().code, ErrorCode::kInvalid);
+  EXPECT_THAT(describe(inner.error()),
+              AllOf(StartsWith(folder_.path("etc")), HasSubstr("etc/vantor/platform.plist")));
+  const auto missing = platformRootAt(folder_.path("nowhere"));
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error().code, ErrorCode::kNotFound);
+}
+
 TEST_F(PlatformRootTest, AConfigurationIsReadInBothFormats) {
   writeConfiguration(kFile, propertyList("<key>LogLevel</key><integer>3</integer>"));
   const auto xml = readPlatformConfiguration(folder_.path());

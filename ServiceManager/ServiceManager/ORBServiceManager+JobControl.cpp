@@ -34,6 +34,6 @@ bool ORBServiceManager::unloadJobFromLaunchD(std::string_view label) {
   return false;
 }
 
-Value ORBServiceManager::copyJobDictionary(std::string_view label) {
+Value ORBServiceManager::copyJobDictionary(std::string_view label) const {
   return platform_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
 }

@@ -44,9 +44,10 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
                                       kSettingsChangeDelay.count()));
+  const auto delay = std::chrono::duration_cast<Duration>(kSettingsChangeDelay);
+  settingsEvaluationDue_ = platform_.runLoop.now() + delay;
   globalSettingsDidChangeEffectTimer_ = platform_.runLoop.startTimer(
-      std::chrono::duration_cast<Duration>(kSettingsChangeDelay), RunLoop::Repeat::kOnce,
-      [this] { evaluateSystemConfiguration(); });
+      delay, RunLoop::Repeat::kOnce, [this] { evaluateSystemConfiguration(); });
 }
 
 void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*/) {
@@ -73,6 +74,7 @@ void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
 void ORBServiceManager::scheduleReevaluation() {
   if (reevaluationTimer_) return;
   if (!healthInfo_ || healthInfo_->problemServices().empty()) return;
+  reevaluationDue_ = platform_.runLoop.now() + kReevaluationPeriod;
   reevaluationTimer_ =
       platform_.runLoop.startTimer(kReevaluationPeriod, RunLoop::Repeat::kOnce,
                                    [this] { reevaluateConfiguration(reevaluationTimer_.get()); });

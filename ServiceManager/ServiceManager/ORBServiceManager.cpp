@@ -17,12 +17,12 @@ using namespace platform;
 namespace {
 
 constexpr std::size_t kSecretSize = 8;
-constexpr Duration kWatchDogInterval = std::chrono::seconds(900);
 constexpr Duration kFirstEvaluationDelay = std::chrono::milliseconds(100);
 
 constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
 constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
 constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
+constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 constexpr char kConfigurationStatusServer[] = "com.vantor.service.configd.status";
 
 constexpr char kServerDidStart[] = "com.vantor.servicemanager.notification.serverdidstart";
@@ -50,7 +50,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
 
 ORBServiceManager::~ORBServiceManager() {
   // Their delegate and their root objects' target ends here.
-  for (const auto& server : {installerConnection_, userInterfaceConnection_, deamonConnection_}) {
+  for (const auto& server :
+       {installerConnection_, userInterfaceConnection_, deamonConnection_, operatorConnection_}) {
     if (server) server->invalidate();
   }
 }
@@ -67,6 +68,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   makeMonitoringRecords();
   observeSettings();
   makePrimaryServiceClient();
+  watchDogStart_ = platform_.runLoop.now();
   watchDog_ = platform_.runLoop.startTimer(kWatchDogInterval, RunLoop::Repeat::kEvery, [this] {
     evaluateWaitingForPrimaryServiceOperatingMode();
   });
@@ -75,6 +77,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
+  vendOperatorServer();
 }
 
 void ORBServiceManager::backgroundServiceWillTerminate(const Value& /*notification*/) {
@@ -175,6 +178,10 @@ bool ORBServiceManager::selectServices() {
     announceStartUpError("Uknown product type", why);
     return false;
   }
+  otherProductsServices_ = {};
+  for (const auto& [label, entry] : *serviceInfo_["Services"].dictionary()) {
+    if (!matching.contains(label)) otherProductsServices_.set(label, entry["Products"]);
+  }
   Dictionary catalogue = *serviceInfo_.dictionary();
   catalogue.set("Services", std::move(matching));
   serviceInfo_ = std::move(catalogue);
@@ -257,22 +264,30 @@ void ORBServiceManager::evaluateForTheFirstTime() {
 void ORBServiceManager::vendServers() {
   userClients_.clear();
   connectionAuthenticator_ = std::make_unique<KLXConnectionAuthenticator>(platform_.system);
-  const auto vend = [this](const char* name, const char* protocol, NSConnectionDelegate& delegate,
-                           std::shared_ptr<NSProtocolChecker>& rootObject) {
-    const auto connection = platform_.connections.makeConnection();
-    rootObject = std::make_shared<NSProtocolChecker>(this, platform_.protocols.find(protocol));
-    connection->setDelegate(&delegate);
-    // A name that can't be had is the connection's to log; the other servers go on.
-    connection->registerName(name);
-    connection->setRootObject(rootObject);
-    return connection;
-  };
-  installerConnection_ =
-      vend(kInstallerServer, kORBServiceManagerInstallerProtocol, *this, installerInterface_);
-  userInterfaceConnection_ =
-      vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol, *this, userInterface_);
-  deamonConnection_ =
-      vend(kAuthServer, kServiceManagerAuthProtocol, *connectionAuthenticator_, deamonProxy_);
+  installerConnection_ = vend(kInstallerServer, kORBServiceManagerInstallerProtocol, *this, *this,
+                              installerInterface_);
+  userInterfaceConnection_ = vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
+                                  *this, *this, userInterface_);
+  deamonConnection_ = vend(kAuthServer, kServiceManagerAuthProtocol, *connectionAuthenticator_,
+                           *this, deamonProxy_);
+}
+
+// After the start has been announced: none of its steps depends on who looks on.
+void ORBServiceManager::vendOperatorServer() {
+  operatorConnection_ = vend(kOperatorServer, kORBServiceManagerOperatorProtocol,
+                             *connectionAuthenticator_, operatorServer_, operatorInterface_);
+}
+
+std::shared_ptr<NSConnection> ORBServiceManager::vend(
+    const char* name, const char* protocol, NSConnectionDelegate& delegate, MessageReceiver& target,
+    std::shared_ptr<NSProtocolChecker>& rootObject) {
+  auto connection = platform_.connections.makeConnection();
+  rootObject = std::make_shared<NSProtocolChecker>(&target, platform_.protocols.find(protocol));
+  connection->setDelegate(&delegate);
+  // A name that can't be had is the connection's to log; the other servers go on.
+  connection->registerName(name);
+  connection->setRootObject(rootObject);
+  return connection;
 }
 
 void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -16,6 +17,7 @@
 #include "Platform/DelayedCalls.h"
 #include "Platform/NSConnection.h"
 #include "Platform/Value.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 #include "ServiceManager/ServiceManager/OperatingMode.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "Shared/ORBSigningValidator.h"
@@ -160,6 +162,12 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Tells every client, which gets the process only where it runs.
   void notifyClientsOfService(Label label, std::int64_t withJobStatusChange, std::int64_t andPID);
 
+  // What the operator is told. Nothing changes by asking; see OperatorFacts.h.
+
+  platform::Value operatorOverview() const;
+  // Nil for a label that no service has, of whatever product. Asks the job host and the settings.
+  platform::Value operatorFactsOfService(std::string_view label) const;
+
   // The per-run secret, for whoever has been authenticated.
   platform::Value retrieveKey() const { return secret_; }
 
@@ -226,6 +234,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::shared_ptr<platform::NSConnection>& deamonConnection() const {
     return deamonConnection_;
   }
+  const std::shared_ptr<platform::NSConnection>& operatorConnection() const {
+    return operatorConnection_;
+  }
   const platform::RunLoopHandle* watchDog() const { return watchDog_.get(); }
   // Also one that has fired in another mode than the normal one.
   const platform::RunLoopHandle* globalSettingsDidChangeEffectTimer() const {
@@ -248,6 +259,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void makePrimaryServiceClient();
   void evaluateForTheFirstTime();
   void vendServers();
+  void vendOperatorServer();
+  // A server by that name, whose clients may send `target` what the protocol has.
+  std::shared_ptr<platform::NSConnection> vend(
+      const char* name, const char* protocol, platform::NSConnectionDelegate& delegate,
+      platform::MessageReceiver& target, std::shared_ptr<platform::NSProtocolChecker>& rootObject);
   void announceStartUpError(std::string_view error, std::string_view description);
 
   bool isPrimaryServiceUp();
@@ -275,10 +291,18 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool isProgramSound(const platform::Value& jobInfo) const;
   std::optional<platform::ProcessId> awaitProcess(std::string_view label);
   bool armExitWatch(std::string label, platform::ProcessId process);
-  platform::Value copyJobDictionary(std::string_view label);
+  platform::Value copyJobDictionary(std::string_view label) const;
+  void addOperatingFacts(platform::Dictionary& facts) const;
+  void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
+  void addProgramFacts(platform::Dictionary& facts, std::string_view label) const;
+  void addSwitches(platform::Dictionary& facts, const platform::Value& features) const;
+  platform::Value switchFacts(const platform::Value& feature, const platform::Value& source,
+                              const std::string& key, const platform::Value& expected) const;
   void performAfterDelay(platform::Duration delay, platform::RunLoop::Callback call) {
     delayedCalls_.perform(std::move(call), delay);
   }
+
+  static constexpr platform::Duration kWatchDogInterval = std::chrono::seconds(900);
 
   const ServiceManagerPlatform platform_;
   const ORBSigningValidator validator_;
@@ -288,15 +312,21 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   platform::Dictionary monitoredProcessesRunLoopSources_;
   std::optional<ConfigurationClients> configurationClients_;  // Made on first use.
   platform::Value serviceInfo_;
+  // Which the catalogue has and this product has not: label to the products that have it. Only for
+  // the operator, who may wonder why such a service does not run.
+  platform::Dictionary otherProductsServices_;
   platform::Dictionary serviceToFeatureNotificationMap_;
   std::unique_ptr<KLXConnectionAuthenticator> connectionAuthenticator_;
   // Each server's root object; shared with its connections.
   std::shared_ptr<platform::NSProtocolChecker> installerInterface_;
   std::shared_ptr<platform::NSProtocolChecker> userInterface_;
   std::shared_ptr<platform::NSProtocolChecker> deamonProxy_;
+  std::shared_ptr<platform::NSProtocolChecker> operatorInterface_;
   std::shared_ptr<platform::NSConnection> installerConnection_;
   std::shared_ptr<platform::NSConnection> userInterfaceConnection_;
   std::shared_ptr<platform::NSConnection> deamonConnection_;
+  ORBServiceManagerOperatorServer operatorServer_{*this};
+  std::shared_ptr<platform::NSConnection> operatorConnection_;
   std::optional<std::string> product_;
   std::unique_ptr<VantorDistantObject> primaryServiceNotificationClient_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
@@ -308,8 +338,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
   std::unique_ptr<platform::RunLoopHandle> watchDog_;
+  platform::Instant watchDogStart_;
   std::unique_ptr<platform::RunLoopHandle> globalSettingsDidChangeEffectTimer_;
+  platform::Instant settingsEvaluationDue_;
   std::unique_ptr<platform::RunLoopHandle> reevaluationTimer_;
+  platform::Instant reevaluationDue_;
   platform::DelayedCalls delayedCalls_;
   // Each ends when its process has. A service that was stopped and started again may have two.
   std::list<std::unique_ptr<platform::RunLoopHandle>> exitWatches_;

@@ -17,5 +17,9 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                                 {"startServices:", kOneWay}});
   add(kORBServiceManagerUserInterfaceDelegateProtocol, {{"jobStatusDidChangeWithInfo:", kTwoWay}});
   add(kServiceManagerAuthProtocol, {{"retrieveKey", kTwoWay}});
+  add(kServiceManagerHealthProtocol,
+      {{"isReadyToReport", kTwoWay}, {"getHealthStateForServices", kTwoWay}});
+  add(kORBServiceManagerOperatorProtocol,
+      {{"overview", kTwoWay}, {"healthRecord", kTwoWay}, {"factsOfService:", kTwoWay}});
   add(kORBServiceManagerConfigurationServerStatusProtocol, {{"isServerUp", kTwoWay}});
 }

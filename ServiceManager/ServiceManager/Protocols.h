@@ -17,5 +17,10 @@ inline constexpr char kServiceManagerAuthProtocol[] = "ServiceManagerAuthProtoco
 inline constexpr char kORBServiceManagerConfigurationServerStatusProtocol[] =
     "ORBServiceManagerConfigurationServerStatusProtocol";
 
+// What the product's health reporter may ask.
+inline constexpr char kServiceManagerHealthProtocol[] = "ServiceManagerHealthProtocol";
+// What the operator may ask; nothing changes by it.
+inline constexpr char kORBServiceManagerOperatorProtocol[] = "ORBServiceManagerOperatorProtocol";
+
 // Puts all of them into the table that `main` fills.
 void addServiceManagerProtocols(platform::ProtocolTable& protocols);

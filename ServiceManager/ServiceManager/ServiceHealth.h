@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Value.h"
+
 // The record of how each service is, as the daemon keeps it. Only some products have one.
 //
 // Reports return at once and are taken in the order of the calls.
@@ -28,4 +30,8 @@ class ServiceHealth {
 
   // The labels of the services that are not ready. Waits for the reports made before.
   virtual std::set<std::string> problemServices() = 0;
+
+  // Everything that is on record, for the operator; its keys stand in HealthRecord.h. Looking
+  // changes nothing and clears no counter. Waits for the reports made before.
+  virtual platform::Value healthRecord() = 0;
 };

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 #include "Platform/Authorization.h"
 #include "Platform/Bundle.h"
@@ -19,7 +20,6 @@
 #include "Platform/RunLoop.h"
 #include "Platform/SystemInformation.h"
 #include "ServiceManager/ServiceManager/ServiceHealth.h"
-#include "ServiceManager/ServiceManager/SettingsClient.h"
 
 // Whose program runs, as the kernel says.
 struct ProcessOwner {

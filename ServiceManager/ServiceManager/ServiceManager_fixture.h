@@ -32,6 +32,7 @@
 #include "Platform/Testing/VirtualSerialQueues.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 // A health record that notes what is reported, as "report LABEL", and holds the states that follow.
@@ -62,6 +63,7 @@ class FakeServiceHealth final : public ServiceHealth {
   }
   void reportInstallerEventFinished() override { reports_.push_back("installer event finished"); }
   std::set<std::string> problemServices() override { return problems_; }
+  platform::Value healthRecord() override { return platform::Dictionary(); }
 
  private:
   void note(const std::string& report, std::string_view label) {
@@ -220,6 +222,10 @@ class ServiceManagerFixture : public testing::Test {
   }
 
   void useHealth() { manager().setHealthInfo(std::make_unique<FakeServiceHealth>(reports_)); }
+  std::unique_ptr<ORBServiceManagerHealthInfo> makeHealthInfo() {
+    return std::make_unique<ORBServiceManagerHealthInfo>(
+        ORBServiceManagerHealthInfo::Environment{queues_, connections_, protocols_, system_});
+  }
   std::vector<std::string> takeReports() { return std::exchange(reports_, {}); }
 
   // The configuration server: another program, which serves as long as it lives.
@@ -300,6 +306,7 @@ class ServiceManagerFixture : public testing::Test {
             owner_,
             factories_,
             [this]() -> std::unique_ptr<ServiceHealth> {
+              if (keepsHealthRecord_) return makeHealthInfo();
               return std::make_unique<FakeServiceHealth>(reports_);
             }};
   }
@@ -365,6 +372,8 @@ class ServiceManagerFixture : public testing::Test {
   SettingsClientFactories factories_;
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;
+  // A start makes the health record itself instead of what notes the reports.
+  bool keepsHealthRecord_ = false;
   std::vector<std::string> reports_;
   FakeConfigurationServer configurationServer_;
   std::optional<Program> configurationProgram_;

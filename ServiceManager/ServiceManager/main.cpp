@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Logger/Logger.h"
 #include "Platform/BackgroundService.h"
@@ -25,6 +27,7 @@
 #include "Platform/NamedConnections.h"
 #include "Platform/NotificationCenter.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
@@ -63,7 +66,10 @@ int main(int argc, char** argv) {
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
-  const SettingsClientFactories settingsClientFactories;
+  addGlobalSettingsProtocol(protocols);
+  SettingsClientFactories settingsClientFactories;
+  addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
+                                                       center, protocols, linux.systemInformation});
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
@@ -81,7 +87,12 @@ int main(int argc, char** argv) {
       .mainBundle = linux.mainBundle,
       .owner = {::getuid(), ::geteuid(), ::getgid()},
       .settingsClientFactories = settingsClientFactories,
-      .makeHealthInfo = {},
+      .makeHealthInfo =
+          [&] {
+            return std::make_unique<ORBServiceManagerHealthInfo>(
+                ORBServiceManagerHealthInfo::Environment{linux.utilityQueues, connections,
+                                                         protocols, linux.systemInformation});
+          },
   };
   platform::BackgroundServiceClasses classes;
   classes.add(ORBServiceManager::kClassName,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -141,6 +142,16 @@ DaemonRoot::DaemonRoot()
 }
 
 DaemonRoot::~DaemonRoot() {
+  // Before its services go, which it would otherwise wait for.
+  if (!jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kDaemon).isNil()) {
+    remove(kDaemon);
+  }
+  const std::string ended = std::string("job \"") + kDaemon + "\": process ";
+  readLog();
+  for (std::size_t at = 0; (at = log_.find(ended, at)) != log_.npos; ++at) {
+    const std::string line = log_.substr(at, log_.find('\n', at) - at);
+    EXPECT_FALSE(line.find("(signal ") != line.npos && !line.ends_with("(signal 9)")) << line;
+  }
   EXPECT_EQ(contentOf(folder().path("daemon.errors")), "");
   if (testing::Test::HasFailure()) std::fputs(logTail().c_str(), stderr);
 }
@@ -197,13 +208,25 @@ void DaemonRoot::startDaemon(const std::optional<std::string>& program) {
   if (const Dictionary options = sanitizerOptions(); !options.empty()) {
     job.set("EnvironmentVariables", options);
   }
-  awaitedStarts_ = starts_ + 1;
+  expectStart();
   const auto submitted = jobs_.SMJobSubmit(kSMDomainSystemLaunchd, Value(std::move(job)), nullptr);
   EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
 }
 
+void DaemonRoot::killDaemon() {
+  expectStart();
+  const ProcessId daemon = processOf(kDaemon);
+  ASSERT_GT(daemon, 0);
+  EXPECT_EQ(::kill(daemon, SIGKILL), 0);
+}
+
 void DaemonRoot::awaitStart() {
   await("the daemon's start", [&] { return starts_ >= awaitedStarts_; });
+}
+
+void DaemonRoot::remove(std::string_view label) {
+  const auto removed = jobs_.SMJobRemove(kSMDomainSystemLaunchd, label, nullptr, true);
+  EXPECT_TRUE(removed) << removed.error().localizedDescription;
 }
 
 ProcessId DaemonRoot::processOf(std::string_view label) {
@@ -253,6 +276,12 @@ std::size_t DaemonRoot::logCount(std::string_view text) {
   std::size_t count = 0;
   for (std::size_t at = 0; (at = log_.find(text, at)) != log_.npos; ++at) ++count;
   return count;
+}
+
+bool DaemonRoot::logHasBehind(std::string_view mark, std::string_view text) {
+  readLog();
+  const std::size_t last = log_.rfind(mark);
+  return last != log_.npos && log_.find(text, last) != log_.npos;
 }
 
 std::string DaemonRoot::logTail() {

@@ -41,7 +41,7 @@ class DaemonRoot {
   DaemonRoot(const DaemonRoot&) = delete;
   DaemonRoot& operator=(const DaemonRoot&) = delete;
   // Ends all jobs. A test fails if the daemon has complained to its standard error, where a
-  // sanitizer reports and a failed assertion speaks, or has ended otherwise than by `endsByKill`.
+  // sanitizer reports and a failed assertion speaks, or ended by itself.
   ~DaemonRoot();
 
   const std::string& path() const { return root_.folder().path(); }
@@ -68,7 +68,12 @@ class DaemonRoot {
   std::string daemonProgram() const;
   // Submits the daemon's job; `program` stands in for the daemon and executes it in the end.
   void startDaemon(const std::optional<std::string>& program = std::nullopt);
-  // Waits for the announcement of the daemon's start, which startDaemon() begins to listen for.
+  void remove(std::string_view label);
+  // SIGKILL: the job host starts it again.
+  void killDaemon();
+  // Somebody else is about to make it start.
+  void expectStart() { awaitedStarts_ = starts_ + 1; }
+  // Waits for the announcement of the start that one of these began.
   void awaitStart();
   // The job's process, 0 where it has none.
   ProcessId processOf(std::string_view label);
@@ -82,6 +87,8 @@ class DaemonRoot {
   // The same until the log has so many lines with the text, from its beginning on.
   void awaitLog(std::string_view text, std::size_t count = 1);
   std::size_t logCount(std::string_view text);
+  // Whether the text stands behind the last place of the other one.
+  bool logHasBehind(std::string_view mark, std::string_view text);
   // The last lines, for a failure's message.
   std::string logTail();
 

@@ -26,8 +26,9 @@ TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
     processes.insert(expectKilledServiceIsReported(label));
   }
   EXPECT_EQ(processes.size(), kTimes + 1);
-  root_.awaitLog(label + " with PID [", kTimes);  // Lines are written behind the notices.
-  EXPECT_EQ(root_.logCount(label + " with PID ["), kTimes);
+  const std::string ended = label + " with PID [";
+  root_.awaitLog(ended, kTimes);  // The log comes behind.
+  EXPECT_EQ(root_.logCount(ended), kTimes);
   expectNoneLostNoneDoubled(pids());
 }
 

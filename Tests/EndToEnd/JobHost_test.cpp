@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -45,6 +47,19 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsAskedToEnd) {
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   // Nothing is left for the next one.
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
+}
+
+TEST_F(JobHostProgram, WhyItDoesNotStartIsInTheSystemLogToo) {
+  std::filesystem::create_directories(root_.path("run/vantor/mach"));
+  std::filesystem::permissions(root_.path("run/vantor/mach"), std::filesystem::perms::all);
+  ChildProgram host({program_}, {});
+  EXPECT_EQ(host.waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 1}));
+  const std::string why = root_.path("run/vantor/mach") + ": not trusted";
+  EXPECT_NE(host.errors().find(why), std::string::npos) << host.errors();
+  std::ifstream file(root_.path("log/system.log"));
+  std::ostringstream log;
+  log << file.rdbuf();
+  EXPECT_NE(log.str().find("the job host does not start: " + why), std::string::npos) << log.str();
 }
 
 }  // namespace

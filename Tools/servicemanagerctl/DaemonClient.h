@@ -16,6 +16,7 @@
 // The names of the service manager's servers.
 inline constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
 inline constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
+inline constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
 // Why something could not be done: what to say, what to do about it included, and what to end with.
 struct Refusal {

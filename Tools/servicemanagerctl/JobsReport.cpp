@@ -9,8 +9,8 @@
 
 #include "Platform/Jobs.h"
 #include "Platform/Linux/JobHostMessages.h"
-#include "Platform/PropertyListScalars.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
 
@@ -39,48 +39,11 @@ std::string processText(const JobState& job) {
   return job.process ? fmt::format("{}", *job.process) : "-";
 }
 
-Json jsonOf(const Value& value) {
-  switch (value.type()) {
-    case Value::Type::kBoolean:
-      return *value.boolean();
-    case Value::Type::kInteger:
-      return *value.integer();
-    case Value::Type::kReal:
-      return *value.real();
-    case Value::Type::kString:
-      return *value.string();
-    case Value::Type::kData:
-      return textFromData(*value.data());
-    case Value::Type::kDate:
-      return textFromDate(*value.date());
-    case Value::Type::kArray: {
-      Json array = Json::array();
-      for (const Value& element : *value.array()) array.push_back(jsonOf(element));
-      return array;
-    }
-    case Value::Type::kDictionary: {
-      Json object = Json::object();
-      for (const auto& [key, element] : *value.dictionary()) object[key] = jsonOf(element);
-      return object;
-    }
-    case Value::Type::kNil:
-    case Value::Type::kNullMarker:
-    case Value::Type::kRemoteObject:
-      break;
-  }
-  return nullptr;
-}
-
-// As it stands in JSON: unambiguous, on one line, and in ASCII, so that it can't steer a terminal.
-std::string shown(const Value& value) {
-  return jsonOf(value).dump(-1, ' ', true, Json::error_handler_t::replace);
-}
-
 bool isState(std::string_view key) {
   return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey;
 }
 
-Json jsonOf(const JobState::Ending& ending) {
+Json jsonOfEnding(const JobState::Ending& ending) {
   switch (ending.kind) {
     case Kind::kNone:
       return nullptr;
@@ -155,7 +118,7 @@ std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
 Json asJson(const JobState& job) {
   Json json{{"label", job.label}};
   json["pid"] = job.process ? Json(*job.process) : Json();
-  json["lastExit"] = jsonOf(job.lastExit);
+  json["lastExit"] = jsonOfEnding(job.lastExit);
   return json;
 }
 
@@ -167,9 +130,8 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
   for (const auto& [key, value] : *dictionary.dictionary()) width = std::max(width, key.size());
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (isState(key)) continue;
-    // A key is the submitter's choice: in JSON no control character of it reaches the terminal.
-    const std::string name = shown(key);
-    fmt::format_to(out, "{:<{}}  {}\n", name.substr(1, name.size() - 2), width, shown(value));
+    // A key is the submitter's choice: no control character of it may reach the terminal.
+    fmt::format_to(out, "{:<{}}  {}\n", plain(key), width, shown(value));
   }
   return text;
 }

@@ -24,6 +24,7 @@
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
+#include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
@@ -127,6 +128,7 @@ int main(int argc, char** argv) {
   logTestCommand->add_option("message", message, "The text of the lines")->required();
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
+  const OperatorCommands operatorCommands(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   std::string root;
@@ -145,6 +147,7 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
+  if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())

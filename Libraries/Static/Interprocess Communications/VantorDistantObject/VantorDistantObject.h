@@ -85,7 +85,9 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   // Whether this object answers the selector itself or the remote protocol has it.
   bool respondsToSelector(std::string_view selector) const;
   bool conformsToProtocol(std::string_view name) const;
-  const platform::MethodDescription* methodSignatureForSelector(std::string_view selector) const;
+  // A subclass adds its own methods.
+  virtual const platform::MethodDescription* methodSignatureForSelector(
+      std::string_view selector) const;
 
   // Sends the message to the server. Its failure is in recentException(), and the return value is
   // nil then. Fails itself only for a selector that the remote protocol does not have.

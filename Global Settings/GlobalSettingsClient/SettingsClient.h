@@ -8,8 +8,8 @@
 #include "Platform/NameTable.h"
 #include "Platform/Value.h"
 
-// What the daemon asks of one of the global settings servers. Belongs to the main thread; asking
-// blocks for the server's answer.
+// Who reads one of the global settings servers, as far as decisions need it; tests put settings of
+// their own behind it. Belongs to the main thread; asking blocks for the server's answer.
 class SettingsClient {
  public:
   virtual ~SettingsClient() = default;
@@ -18,11 +18,13 @@ class SettingsClient {
   virtual platform::Value objectForKey(std::string_view key) = 0;
 };
 
-// Who hears that a client's server was started again.
+// Who hears of what happens to a client's server.
 class KLXGlobalSettingsClientDelegate {
  public:
   virtual ~KLXGlobalSettingsClientDelegate() = default;
-  virtual void globalSettingsServerDidRestart(SettingsClient& client) = 0;
+
+  // The server was started again. Optional: who does not take it up is not told.
+  virtual void globalSettingsServerDidRestart(SettingsClient& /*client*/) {}
 };
 
 // The factories by their selectors, e.g. "commonSettingsClientWithDelegate:"; what is not there

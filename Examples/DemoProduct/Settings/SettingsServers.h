@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "Examples/DemoProduct/Settings/SettingsServer.h"
+#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Platform/DistributedNotificationCenter.h"
+#include "Platform/NSConnection.h"
+#include "Platform/NamedConnections.h"
+#include "Platform/Protocol.h"
+#include "Platform/RefusalLog.h"
+
+// The servers of all settings domains, in one program. Belongs to the loop's thread.
+class SettingsServers {
+ public:
+  // What it works with; all of it outlives this. The delegate authenticates the clients, and the
+  // table holds the settings protocol.
+  struct Environment {
+    platform::NamedConnections& connections;
+    platform::NSConnectionDelegate& delegate;
+    const platform::ProtocolTable& protocols;
+    platform::DistributedNotificationCenter& center;
+    SettingsStore& store;
+    platform::RefusalLog& refusals;
+  };
+
+  // The connection names, by which the store must know the domains.
+  static std::vector<std::string> domainNames();
+
+  // Registers all names, and then announces all servers: whoever hears of one can ask each. A name
+  // that can't be had is logged by the connection, and its server is not announced.
+  explicit SettingsServers(const Environment& environment);
+  SettingsServers(const SettingsServers&) = delete;
+  SettingsServers& operator=(const SettingsServers&) = delete;
+  ~SettingsServers();
+
+ private:
+  std::vector<std::unique_ptr<SettingsServer>> servers_;
+  // Shared with the connections of their clients.
+  std::vector<std::shared_ptr<platform::NSConnection>> vended_;
+};

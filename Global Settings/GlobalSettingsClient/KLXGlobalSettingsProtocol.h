@@ -1,0 +1,16 @@
+#pragma once
+
+#include "Platform/Protocol.h"
+
+// What every global settings server answers. Keys and senders are strings; a sender says who asks
+// for a change and may be nil.
+inline constexpr char kKLXGlobalSettingsProtocol[] = "KLXGlobalSettingsProtocol";
+
+// What a settings server posts after each change, and the key of its user info that names the
+// changed setting.
+inline constexpr char kKLXGlobalSettingsDidChangeNotification[] =
+    "KLXGlobalSettingsDidChangeNotification";
+inline constexpr char kKLXGlobalSettingsKeyModified[] = "KLXGlobalSettingsKeyModified";
+
+// Puts the protocol into the table that `main` fills.
+void addGlobalSettingsProtocol(platform::ProtocolTable& protocols);

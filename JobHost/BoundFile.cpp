@@ -1,0 +1,65 @@
+#include "JobHost/BoundFile.h"
+
+#include <cstring>
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include "Platform/Linux/UniqueFd.h"
+
+namespace jobhost {
+namespace {
+
+// How the kernel has a device's number: the minor one in the lower bits.
+constexpr int kMinorBits = 20;
+
+struct Question {
+  nlmsghdr header{};
+  unix_diag_req request{};
+};
+
+}  // namespace
+
+std::optional<BoundFile> boundFileOf(platform::Descriptor socket) {
+  struct stat status{};
+  if (::fstat(socket, &status) != 0) return std::nullopt;
+  const platform::UniqueFd kernel(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!kernel) return std::nullopt;
+  Question question;
+  question.header.nlmsg_len = sizeof question;
+  question.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  question.header.nlmsg_flags = NLM_F_REQUEST;
+  question.request.sdiag_family = AF_UNIX;
+  question.request.udiag_ino = static_cast<std::uint32_t>(status.st_ino);
+  question.request.udiag_show = UDIAG_SHOW_VFS;
+  // The socket is held here, so that its number means no other.
+  question.request.udiag_cookie[0] = question.request.udiag_cookie[1] = ~std::uint32_t{0};
+  if (::send(kernel.get(), &question, sizeof question, 0) != sizeof question) return std::nullopt;
+  // The kernel has answered before send() returns.
+  alignas(nlmsghdr) char bytes[4096];
+  const ssize_t count = ::recv(kernel.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+  if (count < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(unix_diag_msg)))) return std::nullopt;
+  auto* const header = reinterpret_cast<nlmsghdr*>(bytes);
+  if (!NLMSG_OK(header, static_cast<std::size_t>(count)) ||
+      header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+    return std::nullopt;
+  }
+  auto* attribute = reinterpret_cast<rtattr*>(static_cast<char*>(NLMSG_DATA(header)) +
+                                              NLMSG_ALIGN(sizeof(unix_diag_msg)));
+  auto left = static_cast<int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(unix_diag_msg)));
+  for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+    unix_diag_vfs file{};
+    if (attribute->rta_type != UNIX_DIAG_VFS || RTA_PAYLOAD(attribute) < sizeof file) continue;
+    std::memcpy(&file, RTA_DATA(attribute), sizeof file);
+    return BoundFile{file.udiag_vfs_ino, makedev(file.udiag_vfs_dev >> kMinorBits,
+                                                 file.udiag_vfs_dev & ((1U << kMinorBits) - 1))};
+  }
+  return std::nullopt;
+}
+
+}  // namespace jobhost

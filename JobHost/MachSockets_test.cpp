@@ -1,0 +1,110 @@
+#include "JobHost/MachSockets.h"
+
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "JobHost/BoundFile.h"
+#include "Platform/Testing/TemporaryFolder.h"
+
+namespace jobhost {
+namespace {
+
+using platform::UniqueFd;
+
+constexpr char kService[] = "com.example.service";
+constexpr char kLabel[] = "com.example.job";
+
+// The socket that one host has bound, as a process of the job still has it, and the next host.
+class MachSocketsTest : public testing::Test {
+ protected:
+  MachSocketsTest() {
+    auto earlier = open();
+    const auto socket = earlier.listen(kService, kLabel);
+    EXPECT_TRUE(socket);
+    socket_.reset(::dup(*socket));
+  }
+
+  MachSockets open() const {
+    auto sockets = MachSockets::open(folder_.path());
+    EXPECT_TRUE(sockets);
+    return *std::move(sockets);
+  }
+
+  bool isTakenOver(UniqueFd socket) { return next_.takeOver(kService, kLabel, std::move(socket)); }
+
+  // The end of the path that the service's sockets are bound by.
+  std::string boundName() const {
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    const std::string path = address.sun_path;
+    return path.substr(path.rfind('/') + 1);
+  }
+
+  static UniqueFd bindTo(const std::string& path) {
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    EXPECT_LT(path.size(), sizeof address.sun_path);
+    std::memcpy(address.sun_path, path.data(), path.size());
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+  }
+  static UniqueFd listenAt(const std::string& path) {
+    UniqueFd socket = bindTo(path);
+    EXPECT_EQ(::listen(socket.get(), 1), 0);
+    return socket;
+  }
+
+  platform::TemporaryFolder folder_;
+  UniqueFd socket_;
+  MachSockets next_ = open();
+};
+
+TEST_F(MachSocketsTest, TheSocketOfAnEarlierHostIsTakenOverOnce) {
+  EXPECT_TRUE(isTakenOver(UniqueFd(::dup(socket_.get()))));
+  EXPECT_FALSE(isTakenOver(UniqueFd(::dup(socket_.get()))));
+  EXPECT_FALSE(isTakenOver({}));
+}
+
+TEST_F(MachSocketsTest, ASocketBoundElsewhereByTheSameNameIsNotTakenOver) {
+  folder_.write("elsewhere/file", "");
+  EXPECT_FALSE(isTakenOver(listenAt(folder_.path("elsewhere/" + boundName()))));
+}
+
+TEST_F(MachSocketsTest, ASocketWhoseNameAnotherHasTakenIsNotTakenOver) {
+  ASSERT_EQ(::unlink(folder_.path(kService).c_str()), 0);
+  const UniqueFd other = listenAt(folder_.path(kService));
+  EXPECT_FALSE(isTakenOver(std::move(socket_)));
+}
+
+TEST_F(MachSocketsTest, ASocketWithoutANameIsNotTakenOver) {
+  ASSERT_EQ(::unlink(folder_.path(kService).c_str()), 0);
+  EXPECT_FALSE(isTakenOver(std::move(socket_)));
+}
+
+TEST_F(MachSocketsTest, WhatDoesNotListenIsNotTakenOver) {
+  ASSERT_EQ(::unlink(folder_.path(kService).c_str()), 0);
+  EXPECT_FALSE(isTakenOver(bindTo(folder_.path(kService))));
+  EXPECT_FALSE(isTakenOver(UniqueFd(::dup(STDIN_FILENO))));
+}
+
+TEST_F(MachSocketsTest, TheFileThatASocketIsBoundToIsTheKernelsAnswer) {
+  const auto file = boundFileOf(socket_.get());
+  if (!file) GTEST_SKIP() << "this kernel has no diagnosis of Unix sockets";
+  struct stat status{};
+  ASSERT_EQ(::stat(folder_.path(kService).c_str(), &status), 0);
+  EXPECT_EQ(file->inode, static_cast<std::uint32_t>(status.st_ino));
+  const UniqueFd unbound(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_FALSE(boundFileOf(unbound.get()));
+  EXPECT_FALSE(boundFileOf(-1));
+}
+
+}  // namespace
+}  // namespace jobhost

@@ -1,0 +1,172 @@
+// Evaluations of catalogues that are wrong somewhere, and of settings that change meanwhile.
+
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char kScanner[] = "com.example.scanner";
+
+// A sound root "Features", and the same with `wrong` in place of one of its parts.
+Dictionary features() {
+  return {
+      {"scan", Dictionary{{"Config", Array{Dictionary{{"Source", "common"},
+                                                      {"Switches", Dictionary{{"mode", 1}}}}}}}}};
+}
+Value configurationWith(const char* key, const Value& wrong) {
+  Dictionary configuration = *features()["scan"]["Config"].array()->front().dictionary();
+  configuration.set(key, wrong);
+  return configuration;
+}
+Value featuresWith(const std::string& part, const Value& wrong) {
+  if (part == "Features") return wrong;
+  if (part == "feature") return Dictionary{{"scan", wrong}};
+  if (part == "Config") return Dictionary{{"scan", Dictionary{{"Config", wrong}}}};
+  const Value configuration =
+      part == "configuration" ? wrong : configurationWith(part.c_str(), wrong);
+  return Dictionary{{"scan", Dictionary{{"Config", Array{configuration}}}}};
+}
+
+class EvaluationEdgesTest : public ServiceManagerFixture {
+ protected:
+  // A feature service between two core services.
+  void useScanner(const Value& allFeatures) {
+    Dictionary wrong = catalogue({{kPrimary, entry("configd")},
+                                  {kScanner, entry("scanner", {{"Features", Array{"scan"}}})},
+                                  {kAgent, entry("agent")}});
+    wrong.set("Features", allFeatures);
+    use(wrong);
+    settings("common")["mode"] = 1;
+  }
+  void evaluate() { manager().evaluateInformationForService(kScanner); }
+};
+
+TEST_F(EvaluationEdgesTest, WithSoundFeaturesTheServiceRuns) {
+  useScanner(features());
+  evaluate();
+  EXPECT_TRUE(isRunning(kScanner));
+  loop_.advanceBy(3s);
+  EXPECT_TRUE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationEdgesTest, WithoutRootFeaturesAFeatureServiceIsShutDown) {
+  useScanner(features());
+  evaluate();
+  Dictionary without = *manager().serviceInfo().dictionary();
+  without.remove("Features");
+  manager().setServiceInfo(without);
+  evaluate();
+  loop_.advanceBy(3s - 1ns);
+  EXPECT_TRUE(isRunning(kScanner));
+  loop_.advanceBy(1ns);
+  EXPECT_FALSE(isRunning(kScanner));
+}
+
+// Where in the features the wrong value stands, and the wrong value.
+class WrongFeaturesTest : public EvaluationEdgesTest,
+                          public testing::WithParamInterface<std::pair<const char*, Value>> {};
+
+TEST_P(WrongFeaturesTest, CountAsNoMatchAndHinderNoOtherService) {
+  const auto& [part, wrong] = GetParam();
+  useScanner(features());
+  manager().evaluateSystemConfiguration();
+  ASSERT_TRUE(isRunning(kScanner));
+  takeLog();
+
+  Dictionary catalogue = *manager().serviceInfo().dictionary();
+  catalogue.set("Features", featuresWith(part, wrong));
+  manager().setServiceInfo(catalogue);
+  kill(kAgent);
+  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
+  loop_.advanceBy(3s);
+  EXPECT_FALSE(isRunning(kScanner));
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_THAT(takeLog(), Not(Contains(HasSubstr("do not match the return switchkey value"))));
+}
+
+auto wrongFeatures() {
+  const std::pair<const char*, Value> values[] = {{"boolean", true},
+                                                  {"integer", 7},
+                                                  {"real", 0.5},
+                                                  {"string", "scan"},
+                                                  {"data", Data{1}},
+                                                  {"array", Array{"scan"}},
+                                                  {"dictionary", Dictionary{{"scan", 1}}},
+                                                  {"date", Date{}}};
+  const std::pair<const char*, const char*> parts[] = {
+      {"Features", "dictionary"},      {"feature", "dictionary"}, {"Config", "array"},
+      {"configuration", "dictionary"}, {"Source", "string"},      {"Switches", "dictionary"}};
+  std::vector<std::pair<const char*, Value>> wrong;
+  for (const auto& [part, right] : parts) {
+    for (const auto& [type, value] : values) {
+      if (std::string_view(type) != right) wrong.emplace_back(part, value);
+    }
+  }
+  return testing::ValuesIn(wrong);
+}
+INSTANTIATE_TEST_SUITE_P(Types, WrongFeaturesTest, wrongFeatures());
+
+TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
+  // Its settings lack both switches, and it stops being up when it is asked for the first.
+  class EndingClient final : public SettingsClient {
+   public:
+    explicit EndingClient(ORBServiceManager& manager) : manager_(manager) {}
+    Value objectForKey(std::string_view key) override {
+      if (key == "second") manager_.setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+      return {};
+    }
+
+   private:
+    ORBServiceManager& manager_;
+  };
+  Dictionary twoSwitches = features();
+  twoSwitches.set(
+      "scan", Dictionary{{"Config", Array{configurationWith(
+                                        "Switches", Dictionary{{"first", 1}, {"second", 1}})}}});
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   return std::make_unique<EndingClient>(manager());
+                 });
+  useScanner(twoSwitches);
+  evaluate();
+  EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner",
+                                     "4 scan exposes an invalid configuration switch key "
+                                     "\"first\" referenced by service com.example.scanner"));
+}
+
+TEST_F(EvaluationEdgesTest, AFeatureServiceThatIsNotReadyIsStartedAgainWhateverItsSwitches) {
+  useHealth();
+  useScanner(features());
+  files_.remove(pathOf("scanner"));
+  manager().evaluateSystemConfiguration();
+  ASSERT_TRUE(manager().reevaluationTimer());
+  addProgram("scanner");
+  settings_["common"]["mode"] = 0;
+  loop_.advanceBy(20s);
+  EXPECT_TRUE(isRunning(kScanner));
+}
+
+TEST_F(EvaluationEdgesTest, AnEvaluationKeepsToTheCatalogueThatItBeganWith) {
+  useScanner(features());
+  // Whoever is told of the primary service's start replaces the catalogue.
+  const auto client = registerClient();
+  client->onNotice = [this] {
+    manager().setServiceInfo(catalogue({{kPrimary, entry("configd")}, {kAgent, entry("agent")}}));
+  };
+  manager().evaluateSystemConfiguration();
+  EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 1u);
+  EXPECT_FALSE(isRunning(kScanner));  // The catalogue of that moment has no job for it.
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/ServiceManager/MinimumOSVersion.h"
+#include "ServiceManager/ServiceManager/MonitoringRecord.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/SwitchComparison.h"
+#include "Shared/Categories/NSProcessInfo+Extensions.h"
+
+using namespace platform;
+
+// Nothing here may change what the daemon will do: no client of a settings server is made, no
+// counter cleared, nothing of the daemon's own logged.
+
+namespace {
+
+double inSeconds(Duration duration) {
+  return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
+}
+
+void setIfKnown(Dictionary& facts, const char* key, Value value) {
+  if (!value.isNil()) facts.set(key, std::move(value));
+}
+
+const char* outcomeOf(const Value& expected, const Value& current) {
+  if (current.isNil()) return kOutcomeAbsent;
+  switch (compareSwitch(expected, current)) {
+    case SwitchComparison::kMatches:
+      return kOutcomeMatches;
+    case SwitchComparison::kDiffers:
+      return kOutcomeDiffers;
+    case SwitchComparison::kRaises:
+      return kOutcomeClashes;
+  }
+  return kOutcomeAbsent;
+}
+
+}  // namespace
+
+void ORBServiceManager::addOperatingFacts(Dictionary& facts) const {
+  const Instant now = platform_.runLoop.now();
+  facts.set(kFactOperatingMode, operatingMode_);
+  if (product_) facts.set(kFactProduct, *product_);
+  facts.set(kFactPrimary, primaryLabel());
+  if (reevaluationTimer_) facts.set(kFactRetryIn, inSeconds(reevaluationDue_ - now));
+  if (globalSettingsDidChangeEffectTimer_) {
+    // One that has fired already is kept, and then holds up whatever comes.
+    if (settingsEvaluationDue_ > now) {
+      facts.set(kFactSettingsEvaluationIn, inSeconds(settingsEvaluationDue_ - now));
+    } else {
+      facts.set(kFactSettingsChangesWait, true);
+    }
+  }
+  if (watchDog_) {
+    facts.set(kFactWatchDogIn,
+              inSeconds(kWatchDogInterval - (now - watchDogStart_) % kWatchDogInterval));
+  }
+}
+
+void ORBServiceManager::addMarksOfService(Dictionary& facts, std::string_view label) const {
+  facts.set(kFactType, serviceTypeForLabel(label, serviceInfo_));
+  facts.set(kFactIsMonitored, isServiceBeingTrackedForRespawn(label));
+  facts.set(kFactIsStopped, isServiceBeingTrackedForUserClientShutdownRequest(label));
+}
+
+Value ORBServiceManager::operatorOverview() const {
+  Dictionary facts;
+  addOperatingFacts(facts);
+  Dictionary all;
+  const Value services = this->services();
+  if (services.dictionary()) {
+    for (const auto& [label, entry] : *services.dictionary()) {
+      Dictionary service;
+      addMarksOfService(service, label);
+      all.set(label, std::move(service));
+    }
+  }
+  facts.set(kFactServices, std::move(all));
+  facts.set(kFactOtherServices, otherProductsServices_);
+  return facts;
+}
+
+Value ORBServiceManager::operatorFactsOfService(std::string_view label) const {
+  const bool isOfProduct = !serviceEntryWithLabel(label, serviceInfo_).isNil();
+  if (!isOfProduct && !otherProductsServices_.contains(label)) return {};
+  Dictionary facts{{kFactLabel, label}, {kFactIsOfProduct, isOfProduct}};
+  addOperatingFacts(facts);
+  if (!isOfProduct) {
+    facts.set(kFactProducts, otherProductsServices_[label]);
+    return facts;
+  }
+  const Value entry = serviceEntryWithLabel(label, serviceInfo_);
+  setIfKnown(facts, kFactProducts, entry["Products"]);
+  addMarksOfService(facts, label);
+  facts.set(kFactIsPrimaryStopped,
+            isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel()));
+  facts.set(kFactKernel, NSProcessInfo::Extensions::systemMajorNumber(&platform_.system));
+  if (const std::string* version = entry["MinimumOSVersion"].string()) {
+    facts.set(kFactMinimumOSVersion, *version);
+    if (const auto needed = kernelMajorNumberForMinimumOSVersion(*version)) {
+      facts.set(kFactNeededKernel, *needed);
+    }
+  }
+  addProgramFacts(facts, label);
+  if (healthInfo_) {
+    setIfKnown(facts, kFactHealth, healthInfo_->healthRecord()[kHealthServices][label]);
+  }
+  addSwitches(facts, entry["Features"]);
+  return facts;
+}
+
+void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view label) const {
+  const std::string* program = jobInfoWithLabel(label, serviceInfo_)["Program"].string();
+  if (program) {
+    facts.set(kFactProgram, *program);
+    const bool exists = platform_.files.fileExistsAtPath(*program);
+    facts.set(kFactProgramExists, exists);
+    if (exists) {
+      const ORBSigningValidator::Verdict verdict = validator_.validateProgram(*program);
+      facts.set(kFactProgramIsIntact, verdict.isIntact);
+      if (!verdict.isIntact) facts.set(kFactProgramFault, verdict.reason);
+      if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
+    }
+  }
+  const Value job = copyJobDictionary(label);
+  if (job.isNil()) return;
+  Dictionary state;
+  for (const char* key : {"PID", "LastExitStatus", "LastExitStatusUnknown"}) {
+    setIfKnown(state, key, job[key]);
+  }
+  facts.set(kFactJob, std::move(state));
+}
+
+void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) const {
+  if (features.isNil()) return;
+  if (!features.array()) {
+    facts.set(kFactFeaturesAreMalformed, true);
+    return;
+  }
+  Array all;
+  for (const Value& feature : *features.array()) {
+    if (!feature.string()) continue;
+    const Value config = featureEntryWithFeatureName(*feature.string(), serviceInfo_)["Config"];
+    if (!config.array()) continue;
+    for (const Value& configuration : *config.array()) {
+      const Dictionary* switches = configuration["Switches"].dictionary();
+      if (!switches) continue;
+      for (const auto& [key, expected] : *switches) {
+        all.push_back(switchFacts(feature, configuration["Source"], key, expected));
+      }
+    }
+  }
+  facts.set(kFactSwitches, std::move(all));
+}
+
+Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
+                                     const std::string& key, const Value& expected) const {
+  Dictionary facts{{kFactFeature, feature}, {kFactKey, key}, {kFactExpected, expected}};
+  if (!source.string()) {
+    facts.set(kFactOutcome, kOutcomeNoSource);
+    return facts;
+  }
+  facts.set(kFactSource, source);
+  const ConfigurationClients none;
+  const ConfigurationClients& clients = configurationClients_ ? *configurationClients_ : none;
+  const auto known = clients.find(*source.string());
+  if (known == clients.end() || !known->second) {
+    facts.set(kFactOutcome, known == clients.end() ? kOutcomeNotAsked : kOutcomeNoSource);
+    return facts;
+  }
+  const Value current = known->second->objectForKey(key);
+  setIfKnown(facts, kFactCurrent, current);
+  facts.set(kFactOutcome, outcomeOf(expected, current));
+  return facts;
+}

@@ -1,0 +1,268 @@
+// What the operator's server tells, and that asking changes nothing.
+
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::IsEmpty;
+
+constexpr char kHouseholdGuid[] = "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1";
+constexpr char kForeign[] = "com.example.foreign";
+
+class OperatorTest : public StartUpFixture {
+ protected:
+  static constexpr char kServer[] = "com.vantor.servicemanager.operator.server";
+
+  OperatorTest() { keepsHealthRecord_ = true; }
+
+  // Everything runs; the agent is a feature service, and another product has a service, too.
+  void startAll() {
+    Dictionary services = *catalogue()["Services"].dictionary();
+    services.set(kAgent, entry("agent", {{"Features", Array{"web"}}}));
+    services.set(kForeign, Dictionary{{"Products", Array{"kKLXInstallTypePersonalID"}}});
+    Dictionary all = catalogue(services);
+    const auto configuration = [](const char* source, Dictionary switches) {
+      return Dictionary{{"Source", source}, {"Switches", std::move(switches)}};
+    };
+    all.set(
+        "Features",
+        Dictionary{{"web", Dictionary{{"Config", Array{configuration("common", {{"on", 1},
+                                                                                {"level", "high"},
+                                                                                {"kind", 1},
+                                                                                {"none", 1}}),
+                                                       configuration("unknown", {{"on", 1}})}}}}});
+    install(all);
+    settings("common") = {{"on", 1}, {"level", "low"}, {"kind", "1"}};
+    startConfigurationServer();
+    start();
+    loop_.advanceBy(1s);
+    takeLog();
+  }
+
+  Value ask(const char* selector, Array arguments = {}) {
+    if (!client_) {
+      client_.emplace(VantorDistantObject::Environment{loop_, operator_.connections, *otherCenter_,
+                                                       operator_.center, protocols_, system_},
+                      kServer, kORBServiceManagerOperatorProtocol, std::nullopt);
+    }
+    const MessageResult answer = client_->sendMessage(selector, arguments);
+    return answer.value_or(Value());
+  }
+  Value factsOf(const char* label) { return ask("factsOfService:", {label}); }
+
+  Program operator_{*this, 300};
+  std::optional<VantorDistantObject> client_;
+};
+
+TEST_F(OperatorTest, TheServerIsVendedOnceTheStartIsAnnounced) {
+  bool wasThere = true;
+  const auto observation = center_->addObserver(
+      kDidStart, std::nullopt, [&](const DistributedNotification&) { wasThere = false; });
+  start();
+  EXPECT_FALSE(wasThere);
+  ASSERT_TRUE(manager().operatorConnection());
+  EXPECT_EQ(ask("overview")[kFactOperatingMode], Value(2));
+  manager_.reset();
+  loop_.runReady();
+  EXPECT_EQ(ask("overview"), Value());
+}
+
+TEST_F(OperatorTest, AnIdleDaemonHasNoSuchServer) {
+  installProduct("unknown");
+  start();
+  EXPECT_FALSE(manager().operatorConnection());
+}
+
+TEST_F(OperatorTest, AStrangerIsToldNothing) {
+  startAll();
+  FakeSystemInformation otherBoot;
+  otherBoot.setBootTime(FakeSystemInformation::kBootTime + 1);
+  VantorDistantObject stranger(
+      {loop_, operator_.connections, *otherCenter_, operator_.center, protocols_, otherBoot},
+      kServer, kORBServiceManagerOperatorProtocol, std::nullopt);
+  EXPECT_EQ(stranger.sendMessage("overview"), Value());
+  EXPECT_TRUE(stranger.recentException());
+}
+
+TEST_F(OperatorTest, TheOverviewHasTheModeTheTimersAndEachServicesMarks) {
+  startAll();
+  manager().stopServices({kHelper});
+  loop_.runReady();
+  const Value overview = ask("overview");
+  EXPECT_EQ(overview[kFactOperatingMode], Value(0));
+  EXPECT_EQ(overview[kFactProduct], Value(kProduct));
+  EXPECT_EQ(overview[kFactPrimary], Value(kPrimary));
+  EXPECT_EQ(overview[kFactServices],
+            Value(Dictionary{{kPrimary, Dictionary{{kFactType, "CoreService"},
+                                                   {kFactIsMonitored, true},
+                                                   {kFactIsStopped, false}}},
+                             {kAgent, Dictionary{{kFactType, "FeatureService"},
+                                                 {kFactIsMonitored, true},
+                                                 {kFactIsStopped, false}}},
+                             {kHelper, Dictionary{{kFactType, "CoreService"},
+                                                  {kFactIsMonitored, false},
+                                                  {kFactIsStopped, true}}}}));
+  EXPECT_EQ(overview[kFactOtherServices],
+            Value(Dictionary{{kForeign, Array{"kKLXInstallTypePersonalID"}}}));
+  EXPECT_EQ(overview[kFactWatchDogIn], Value(899.0));
+  EXPECT_EQ(overview[kFactRetryIn], Value());
+}
+
+TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {
+  startAll();
+  post("KLXGlobalSettingsDidChangeNotification");
+  loop_.advanceBy(500ms);
+  EXPECT_EQ(ask("overview")[kFactSettingsEvaluationIn], Value(1.5));
+  EXPECT_EQ(ask("overview")[kFactSettingsChangesWait], Value());
+  manager().setOperatingMode(ORBOperatingModeInstaller);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(ask("overview")[kFactSettingsEvaluationIn], Value());
+  EXPECT_EQ(ask("overview")[kFactSettingsChangesWait], Value(true));
+  loop_.advanceBy(900s - 3500ms);
+  EXPECT_EQ(ask("overview")[kFactWatchDogIn], Value(900.0));
+}
+
+TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
+  startAll();
+  const Value facts = factsOf(kAgent);
+  EXPECT_EQ(facts[kFactLabel], Value(kAgent));
+  EXPECT_EQ(facts[kFactIsOfProduct], Value(true));
+  EXPECT_EQ(facts[kFactProducts], Value(Array{kProduct}));
+  EXPECT_EQ(facts[kFactIsPrimaryStopped], Value(false));
+  EXPECT_EQ(facts[kFactProgram], Value("/opt/app/agent"));
+  EXPECT_EQ(facts[kFactProgramExists], Value(true));
+  EXPECT_EQ(facts[kFactProgramIsIntact], Value(true));
+  EXPECT_EQ(facts[kFactJob], Value(Dictionary{{"PID", process(kAgent)}}));
+  EXPECT_EQ(facts[kFactHealth], Value());  // This product keeps none.
+  const auto row = [](const char* source, const char* key, Value expected, Value current,
+                      const char* outcome) {
+    Dictionary facts{{kFactFeature, "web"}, {kFactKey, key}, {kFactExpected, std::move(expected)}};
+    facts.set(kFactSource, source);
+    if (!current.isNil()) facts.set(kFactCurrent, current);
+    facts.set(kFactOutcome, outcome);
+    return facts;
+  };
+  EXPECT_EQ(facts[kFactSwitches], Value(Array{row("common", "on", 1, 1, "matches"),
+                                              row("common", "level", "high", "low", "differs"),
+                                              row("common", "kind", 1, "1", "clashes"),
+                                              row("common", "none", 1, {}, "absent"),
+                                              row("unknown", "on", 1, {}, "noSource")}));
+}
+
+TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
+  startAll();
+  kill(kHelper);
+  damageProgram("helper");
+  manager().evaluateSystemConfiguration();
+  files_.remove(pathOf("agent"));
+  const Value helper = factsOf(kHelper);
+  EXPECT_EQ(helper[kFactProgramIsIntact], Value(false));
+  EXPECT_EQ(helper[kFactProgramFault], Value("changed"));
+  EXPECT_EQ(helper[kFactJob], Value());
+  EXPECT_EQ(helper[kFactSwitches], Value());
+  const Value agent = factsOf(kAgent);
+  EXPECT_EQ(agent[kFactProgramExists], Value(false));
+  EXPECT_EQ(agent[kFactProgramIsIntact], Value());
+}
+
+TEST_F(OperatorTest, TheReleaseThatAServiceNeedsIsToldBesideTheSystems) {
+  system_.setRelease("14.0.0", {10, 10, 0});
+  Dictionary services = *catalogue()["Services"].dictionary();
+  services.set(kAgent, entry("agent", {{"MinimumOSVersion", "10.11"}}));
+  services.set(kHelper, entry("helper", {{"MinimumOSVersion", "10.12"}, {"Features", "none"}}));
+  install(catalogue(services));
+  start();
+  const Value agent = factsOf(kAgent);
+  EXPECT_EQ(agent[kFactMinimumOSVersion], Value("10.11"));
+  EXPECT_EQ(agent[kFactNeededKernel], Value(15));
+  EXPECT_EQ(agent[kFactKernel], Value(14));
+  const Value helper = factsOf(kHelper);
+  EXPECT_EQ(helper[kFactNeededKernel], Value());
+  EXPECT_EQ(helper[kFactFeaturesAreMalformed], Value(true));
+  EXPECT_EQ(countInLog("Unknown OS version"), 0u);  // It was not evaluated for it.
+}
+
+TEST_F(OperatorTest, AServiceOfAnotherProductIsToldAsSuchAndAnUnknownOneNot) {
+  startAll();
+  const Value facts = factsOf(kForeign);
+  EXPECT_EQ(facts[kFactIsOfProduct], Value(false));
+  EXPECT_EQ(facts[kFactProducts], Value(Array{"kKLXInstallTypePersonalID"}));
+  EXPECT_EQ(facts[kFactProduct], Value(kProduct));
+  EXPECT_EQ(factsOf("com.example.nobody"), Value());
+}
+
+TEST_F(OperatorTest, AskingMakesNoSettingsClientAndLogsNothing) {
+  settings("common")["on"] = 1;
+  Dictionary services = *catalogue()["Services"].dictionary();
+  services.set(kAgent, entry("agent", {{"Features", Array{"web"}}}));
+  Dictionary all = catalogue(services);
+  all.set("Features",
+          Dictionary{
+              {"web",
+               Dictionary{{"Config", Array{Dictionary{{"Source", "common"},
+                                                      {"Switches", Dictionary{{"on", 1}}}},
+                                           Dictionary{{"Switches", Dictionary{{"off", 1}}}}}}}}});
+  install(all);
+  start();  // Only the primary service has been evaluated.
+  takeLog();
+  const Value switches = factsOf(kAgent)[kFactSwitches];
+  ASSERT_TRUE(switches.array() && switches.array()->size() == 2);
+  EXPECT_EQ((*switches.array())[0][kFactOutcome], Value("notAsked"));
+  EXPECT_EQ((*switches.array())[1][kFactOutcome], Value("noSource"));
+  EXPECT_EQ(clientsMade_, 0);
+  EXPECT_FALSE(manager().configurationClients());
+  ask("overview");
+  EXPECT_THAT(takeLog(), IsEmpty());
+  EXPECT_FALSE(isRunning(kAgent));
+}
+
+TEST_F(OperatorTest, LookingAtTheHealthRecordClearsNoCounter) {
+  installProduct(kHouseholdGuid);
+  Dictionary services;
+  for (const char* program : {"configd", "agent"}) {
+    Dictionary service = entry(program);
+    service.set("Products", Array{"kKLXInstallTypeHouseholdID"});
+    services.set(program == std::string("agent") ? kAgent : kPrimary, service);
+  }
+  install(catalogue(services));
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  kill(kAgent);
+  for (int i = 0; i < 2; ++i) {
+    const Value health = ask("healthRecord");
+    EXPECT_EQ(health[kHealthReadyToReport], Value(true));
+    EXPECT_EQ(health[kHealthServices][kAgent][kHealthCrashes], Value(1));
+    EXPECT_EQ(factsOf(kAgent)[kFactHealth][kHealthCrashes], Value(1));
+  }
+}
+
+TEST_F(OperatorTest, AProductWithoutAHealthRecordHasNone) {
+  startAll();
+  EXPECT_EQ(ask("healthRecord"), Value());
+  EXPECT_FALSE(client_->recentException());
+}
+
+TEST_F(OperatorTest, WhatIsNoLabelOrNoMessageRaises) {
+  startAll();
+  for (const Value& argument : {Value(), Value(1), Value(Array{kAgent})}) {
+    EXPECT_EQ(ask("factsOfService:", {argument}), Value());
+    ASSERT_TRUE(client_->recentException());
+    EXPECT_EQ(client_->recentException()->name, kNSInvalidArgumentException);
+  }
+  ORBServiceManagerOperatorServer server(manager());
+  const MessageResult unknown = server.receiveMessage("stopServices:", {Array{kAgent}});
+  ASSERT_FALSE(unknown);
+  EXPECT_EQ(unknown.error().reason,
+            "-[ORBServiceManagerOperatorServer stopServices:]: unrecognized selector sent to "
+            "instance");
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+}  // namespace

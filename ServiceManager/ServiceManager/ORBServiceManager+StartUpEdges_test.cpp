@@ -1,0 +1,79 @@
+// Starts on other systems, and with catalogues whose optional parts are wrong.
+
+#include <string>
+#include <utility>
+
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+
+namespace {
+
+using namespace platform;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+
+class StartUpEdgesTest : public StartUpFixture {
+ protected:
+  bool isVended(const char* name) {
+    Program other(*this, 300);
+    return other.connections.connectionWithRegisteredName(name) != nullptr;
+  }
+};
+
+TEST_F(StartUpEdgesTest, OnVersionElevenTheThreeServersAreVended) {
+  system_.setRelease("20.0.0", {11, 0, 0});
+  start();
+  for (const char* name : {"com.vantor.servicemanager.installer.server",
+                           "com.vantor.servicemanager.userinterface.server",
+                           "com.vantor.common.servicemanager.auth"}) {
+    EXPECT_TRUE(isVended(name)) << name;
+  }
+  EXPECT_THAT(heard_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
+}
+
+TEST_F(StartUpEdgesTest, AnIdleDaemonVendsNothing) {
+  files_.remove(kProductFile);
+  start();
+  for (const char* name : {"com.vantor.servicemanager.installer.server",
+                           "com.vantor.servicemanager.userinterface.server",
+                           "com.vantor.common.servicemanager.auth"}) {
+    EXPECT_FALSE(isVended(name)) << name;
+  }
+  EXPECT_FALSE(manager().watchDog());
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+// A key that a service can do without, and a value of a type that it should not have.
+class WrongOptionalTest : public StartUpEdgesTest,
+                          public testing::WithParamInterface<std::pair<const char*, Value>> {};
+
+TEST_P(WrongOptionalTest, CostsTheStartNothing) {
+  const auto& [key, wrong] = GetParam();
+  Dictionary wrongAtRoot = catalogue();
+  wrongAtRoot.set(key, wrong);
+  Dictionary services = *wrongAtRoot["Services"].dictionary();
+  Dictionary agent = entry("agent");
+  agent.set(key, wrong);
+  services.set(kAgent, agent);
+  wrongAtRoot.set("Services", services);
+  install(wrongAtRoot);
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(std::chrono::milliseconds(100));
+  EXPECT_THAT(heard_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
+  EXPECT_TRUE(isRunning(kPrimary));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, WrongOptionalTest,
+                         testing::Values(std::pair("Features", Value("text")),
+                                         std::pair("Features", Value(5)),
+                                         std::pair("Features", Value(Array{Dictionary{}})),
+                                         std::pair("KernelExtensions", Value("text")),
+                                         std::pair("KernelExtensions", Value(Dictionary{{"a", 1}})),
+                                         std::pair("Notification", Value(5)),
+                                         std::pair("Notification", Value(Dictionary{{"a", 1}})),
+                                         std::pair("MinimumOSVersion", Value(10.11)),
+                                         std::pair("MinimumOSVersion", Value(Array{"10.11"}))));
+
+}  // namespace

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
+#include "Platform/NSConnection.h"
+#include "Platform/NamedConnections.h"
+#include "Platform/Protocol.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/SystemInformation.h"
+#include "Platform/Value.h"
+#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/ServiceManager/ServiceHealth.h"
+
+// How each service is and how often it ended by itself, and the server that tells the product's
+// health reporter.
+//
+// A report is queued and returns at once; a query waits for the queue and so sees every report made
+// before it. Everything but the queue's own work belongs to the main thread. Nothing fails.
+class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform::MessageReceiver {
+ public:
+  static constexpr char kClassName[] = "ORBServiceManagerHealthInfo";
+  static constexpr char kConnectionName[] = "ServiceManagerHealthInfo";
+  static constexpr char kQueueLabel[] = "com.vantor.servicemanager.servicemanagerhealthqueue";
+  static constexpr std::int64_t kDefaultCrashLimit = 3;
+
+  // All of it outlives the health information.
+  struct Environment {
+    platform::SerialQueues& queues;
+    platform::NamedConnections& connections;
+    const platform::ProtocolTable& protocols;
+    const platform::SystemInformation& system;
+  };
+
+  // Registers the server's name. Where that is not to be had nobody is told anything, and all else
+  // goes on.
+  explicit ORBServiceManagerHealthInfo(const Environment& environment);
+  ORBServiceManagerHealthInfo(const ORBServiceManagerHealthInfo&) = delete;
+  ORBServiceManagerHealthInfo& operator=(const ORBServiceManagerHealthInfo&) = delete;
+  // Waits for what is queued.
+  ~ORBServiceManagerHealthInfo() override;
+
+  // Reports.
+  void setMonitoredServices(const std::vector<std::string>& labels) override;
+  void stopMonitoringForService(std::string_view label) override;
+  void reportUnreadyStateForService(std::string_view label) override;
+  void reportStartForService(std::string_view label) override;
+  void reportStopForService(std::string_view label) override;
+  // A process that ended without having been told to.
+  void reportForcedStopForService(std::string_view label) override;
+  void reportIntallerEventStartedForService(std::string_view label) override;
+  void reportInstallerEventFinished() override;
+
+  // Queries.
+  std::set<std::string> problemServices() override;
+  // Any thread may ask; it does not wait for reports that are still queued.
+  bool isReadyToReport() const { return readyToReport_; }
+  // By name, kHealthy or kUnhealthy: what the health reporter reads. Clears all crash counters.
+  platform::Value getHealthStateForServices();
+  platform::Value healthRecord() override;
+
+  // Properties.
+  const std::shared_ptr<platform::SerialQueue>& taskQueue() const { return taskQueue_; }
+  platform::Dictionary serviceStates();
+  platform::Dictionary crashCounters();
+  void setReadyToReport(bool ready) override;
+  // Forced stops at which a service is unhealthy whatever its status.
+  std::int64_t crashLimit();
+  void setCrashLimit(std::int64_t limit);
+  std::map<std::string, std::string> serviceNamesToReport();
+  void setServiceNamesToReport(std::map<std::string, std::string> names) override;
+  const std::unique_ptr<KLXConnectionAuthenticator>& connectionAuthenticator() const {
+    return connectionAuthenticator_;
+  }
+  const std::shared_ptr<platform::NSConnection>& distantConnection() const {
+    return distantConnection_;
+  }
+
+  // The server's messages, by their selectors.
+  platform::MessageResult receiveMessage(std::string_view selector,
+                                         const platform::Array& arguments) override;
+
+ private:
+  // On the queue.
+  void setStatus(std::string_view label, HealthStatus status);
+  std::optional<HealthStatus> status(std::string_view label) const;
+  std::string nameToReport(const std::string& label) const;
+  // What a summary says of the service, nothing where it leaves it out.
+  std::optional<std::int64_t> health(const std::string& label, HealthStatus status) const;
+  platform::Value summarize();
+  platform::Value record() const;
+
+  // The status is set on the queue, and the line logged from there.
+  void report(std::string_view label, HealthStatus status, const char* what);
+
+  // Shared with the blocks that it has yet to run.
+  const std::shared_ptr<platform::SerialQueue> taskQueue_;
+
+  // Of the queue.
+  platform::Dictionary serviceStates_;  // label to status
+  platform::Dictionary crashCounters_;  // label to forced stops since the last summary
+  std::int64_t crashLimit_ = kDefaultCrashLimit;
+  std::map<std::string, std::string> serviceNamesToReport_;
+
+  std::atomic<bool> readyToReport_ = false;  // written on the queue
+
+  const std::unique_ptr<KLXConnectionAuthenticator> connectionAuthenticator_;
+  // Shared with its connections.
+  const std::shared_ptr<platform::NSProtocolChecker> rootObject_;
+  const std::shared_ptr<platform::NSConnection> distantConnection_;
+};

@@ -1,0 +1,35 @@
+#include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
+
+#include "Platform/StringFormat.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+
+using namespace platform;
+
+namespace {
+
+MessageResult raiseInvalidArgument(std::string_view selector, std::string_view why) {
+  return std::unexpected(
+      NSException{kNSInvalidArgumentException,
+                  stringWithFormat("-[ORBServiceManagerOperatorServer %@]: %@", selector, why),
+                  {}});
+}
+
+}  // namespace
+
+MessageResult ORBServiceManagerOperatorServer::receiveMessage(std::string_view selector,
+                                                              const Array& arguments) {
+  if (selector == "overview") return manager_.operatorOverview();
+  if (selector == "healthRecord") {
+    return manager_.healthInfo() ? manager_.healthInfo()->healthRecord() : Value();
+  }
+  if (selector == "factsOfService:") {
+    const Value argument = arguments.empty() ? Value() : arguments.front();
+    if (!argument.string()) {
+      return raiseInvalidArgument(selector,
+                                  stringWithFormat("expected a label, got %@",
+                                                   argument.isNil() ? "nil" : className(argument)));
+    }
+    return manager_.operatorFactsOfService(*argument.string());
+  }
+  return raiseInvalidArgument(selector, "unrecognized selector sent to instance");
+}

@@ -1,0 +1,346 @@
+// The operating mode as a table: each mode, each event, with the configuration server up and down.
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <ostream>
+
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+enum Mode : std::int64_t {
+  kNormal = ORBOperatingModeNormal,
+  kInstaller = ORBOperatingModeInstaller,
+  kWaiting = ORBOperatingModeWaitingForPrimaryService,
+};
+enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog };
+enum class Server { kUp, kDown };
+enum class Action { kNone, kEvaluate, kStartPrimary, kStopServices };
+
+struct Transition {
+  Mode from;
+  Event event;
+  Server server;  // when the event comes
+  Mode to;
+  Action action = Action::kNone;
+};
+
+constexpr std::array kTransitions{
+    Transition{kNormal, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
+    Transition{kNormal, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
+    Transition{kInstaller, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
+    Transition{kInstaller, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
+    Transition{kWaiting, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
+    Transition{kWaiting, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
+
+    Transition{kNormal, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kNormal, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
+    Transition{kInstaller, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kInstaller, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
+    Transition{kWaiting, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kWaiting, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
+
+    // Its notice; where it is down again by then, nothing comes of it.
+    Transition{kNormal, Event::kServerUp, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kNormal, Event::kServerUp, Server::kDown, kNormal},
+    Transition{kInstaller, Event::kServerUp, Server::kUp, kInstaller},
+    Transition{kInstaller, Event::kServerUp, Server::kDown, kInstaller},
+    Transition{kWaiting, Event::kServerUp, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kWaiting, Event::kServerUp, Server::kDown, kWaiting},
+
+    // Its notice comes while it still answers, or not any more. It ends the installer's mode too.
+    Transition{kNormal, Event::kServerDown, Server::kUp, kWaiting},
+    Transition{kNormal, Event::kServerDown, Server::kDown, kWaiting},
+    Transition{kInstaller, Event::kServerDown, Server::kUp, kWaiting},
+    Transition{kInstaller, Event::kServerDown, Server::kDown, kWaiting},
+    Transition{kWaiting, Event::kServerDown, Server::kUp, kWaiting},
+    Transition{kWaiting, Event::kServerDown, Server::kDown, kWaiting},
+
+    Transition{kNormal, Event::kWatchdog, Server::kUp, kNormal},
+    Transition{kNormal, Event::kWatchdog, Server::kDown, kWaiting},
+    Transition{kInstaller, Event::kWatchdog, Server::kUp, kInstaller},
+    Transition{kInstaller, Event::kWatchdog, Server::kDown, kInstaller},
+    Transition{kWaiting, Event::kWatchdog, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kWaiting, Event::kWatchdog, Server::kDown, kWaiting},
+};
+
+std::string nameOf(Mode mode) {
+  switch (mode) {
+    case kNormal:
+      return "Normal";
+    case kInstaller:
+      return "Installer";
+    case kWaiting:
+      return "Waiting";
+  }
+  return "";
+}
+
+std::string nameOf(Event event) {
+  switch (event) {
+    case Event::kBegin:
+      return "Begin";
+    case Event::kEnd:
+      return "End";
+    case Event::kServerUp:
+      return "ServerUp";
+    case Event::kServerDown:
+      return "ServerDown";
+    case Event::kWatchdog:
+      return "Watchdog";
+  }
+  return "";
+}
+
+void PrintTo(const Transition& row, std::ostream* out) {
+  *out << nameOf(row.from) << ", " << nameOf(row.event);
+}
+
+const Transition& rowOf(std::int64_t mode, Event event, Server server) {
+  return *std::ranges::find_if(kTransitions, [&](const Transition& row) {
+    return row.from == mode && row.event == event && row.server == server;
+  });
+}
+
+class TransitionFixture : public ServiceManagerFixture {
+ protected:
+  TransitionFixture() {
+    use(catalogue());
+    useConfigurationServer();
+  }
+
+  void set(Server server) {
+    if (server == Server::kDown) {
+      stopConfigurationServer();
+    } else if (!configurationProgram_) {
+      startConfigurationServer();
+    }
+    loop_.runReady();
+  }
+
+  // The installer's end takes effect in two steps of a tenth of a second.
+  void happen(Event event) {
+    switch (event) {
+      case Event::kBegin:
+        EXPECT_TRUE(manager().shutdownServices({kAgent}));
+        break;
+      case Event::kEnd:
+        EXPECT_TRUE(manager().evaluateServices());
+        loop_.advanceBy(200ms);
+        break;
+      case Event::kServerUp:
+        manager().handleGlobalSettingsServerDidStart({});
+        break;
+      case Event::kServerDown:
+        manager().handleGlobalSettingsServerWillShutdown({});
+        break;
+      case Event::kWatchdog:
+        manager().evaluateWaitingForPrimaryServiceOperatingMode();
+        break;
+    }
+  }
+
+  std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
+  void change() {
+    manager().handleGlobalSettingsDidChange({"KLXGlobalSettingsDidChangeNotification", std::nullopt,
+                                             Dictionary{{"KLXGlobalSettingsKeyModified", "k"}}});
+  }
+};
+
+class TransitionTest : public TransitionFixture, public testing::WithParamInterface<Transition> {};
+
+TEST_P(TransitionTest, HasItsModeAndItsAction) {
+  const Transition& row = GetParam();
+  set(row.server);
+  manager().setOperatingMode(row.from);
+  happen(row.event);
+  EXPECT_EQ(manager().operatingMode(), row.to);
+  EXPECT_EQ(evaluations(), row.action == Action::kEvaluate ? 1u : 0u);
+  std::vector<std::string> running;
+  if (row.action == Action::kEvaluate) running = {kAgent, kPrimary, kHelper};
+  if (row.action == Action::kStartPrimary) running = {kPrimary};
+  EXPECT_EQ(jobs_.labels(), running);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, testing::ValuesIn(kTransitions),
+                         [](const auto& row) {
+                           return nameOf(row.param.from) + "_" + nameOf(row.param.event) + "_" +
+                                  (row.param.server == Server::kUp ? "Up" : "Down");
+                         });
+
+TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
+  EXPECT_EQ(kTransitions.size(), 3u * 5 * 2);
+  for (const Mode mode : {kNormal, kInstaller, kWaiting}) {
+    for (const Event event :
+         {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown, Event::kWatchdog}) {
+      for (const Server server : {Server::kUp, Server::kDown}) {
+        EXPECT_EQ(std::ranges::count_if(kTransitions,
+                                        [&](const Transition& row) {
+                                          return row.from == mode && row.event == event &&
+                                                 row.server == server;
+                                        }),
+                  1);
+      }
+    }
+  }
+}
+
+// The installer's begin and end, with the server going down and coming up in between, in every
+// order: each step as the table says, and once all is over everything runs.
+TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
+  std::array events{Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown};
+  std::ranges::sort(events);
+  int orders = 0;
+  do {
+    ++orders;
+    std::string path = "Normal";
+    Server server = Server::kUp;
+    set(server);
+    manager().setOperatingMode(kNormal);
+    manager().evaluateSystemConfiguration();
+    for (const Event event : events) {
+      if (event == Event::kServerUp) server = Server::kUp;
+      if (event == Event::kServerDown) server = Server::kDown;
+      set(server);
+      const Transition& row = rowOf(manager().operatingMode(), event, server);
+      takeLog();
+      happen(event);
+      loop_.runReady();
+      path += " " + nameOf(event);
+      // A begin's own stop is seen as an exit, which evaluates; in that mode it does nothing.
+      const std::size_t exits = countInLog("Handling Process terminiation callback");
+      EXPECT_EQ(evaluations() - exits, row.action == Action::kEvaluate ? 1u : 0u) << path;
+      EXPECT_EQ(manager().operatingMode(), row.to) << path;
+      if (event == Event::kBegin) {
+        EXPECT_FALSE(isRunning(kAgent)) << path;
+      }
+    }
+    set(Server::kUp);
+    happen(Event::kServerUp);
+    happen(Event::kEnd);
+    EXPECT_EQ(manager().operatingMode(), kNormal) << path;
+    EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent, kPrimary, kHelper)) << path;
+    EXPECT_TRUE(isRunning(kAgent)) << path;
+  } while (std::ranges::next_permutation(events).found);
+  EXPECT_EQ(orders, 24);
+}
+
+TEST_F(TransitionFixture, WhatComesWhileTheInstallersEndIsDueIsOverriddenByIt) {
+  set(Server::kUp);
+  for (const Event event : {Event::kBegin, Event::kServerDown}) {
+    takeLog();
+    manager().evaluateServices();
+    happen(event);
+    EXPECT_NE(manager().operatingMode(), kNormal);
+    loop_.advanceBy(100ms);
+    EXPECT_EQ(manager().operatingMode(), kNormal);
+    loop_.advanceBy(100ms);
+    EXPECT_TRUE(isRunning(kAgent));
+  }
+}
+
+TEST_F(TransitionFixture, WhatComesBeforeTheInstallersEvaluationKeepsItFromHappening) {
+  set(Server::kUp);
+  for (const Event event : {Event::kBegin, Event::kServerDown}) {
+    manager().shutdownServices({kAgent});
+    manager().evaluateServices();
+    loop_.advanceBy(150ms);
+    EXPECT_EQ(manager().operatingMode(), kNormal);
+    happen(event);
+    loop_.advanceBy(1s);
+    EXPECT_NE(manager().operatingMode(), kNormal);
+    EXPECT_FALSE(isRunning(kAgent));
+  }
+}
+
+// Changes of the settings in another mode than the normal one.
+
+class ChangeTest : public TransitionFixture, public testing::WithParamInterface<Mode> {
+ protected:
+  // Whatever makes the daemon evaluate in normal mode again.
+  void comeBack() { happen(GetParam() == kInstaller ? Event::kEnd : Event::kServerUp); }
+};
+
+TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
+  set(Server::kUp);
+  manager().setOperatingMode(GetParam());
+  change();
+  loop_.advanceBy(2s);
+  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  EXPECT_EQ(evaluations(), 1u);  // Of which there is the line and nothing more.
+  EXPECT_TRUE(jobs_.labels().empty());
+  takeLog();
+  for (int i = 0; i < 3; ++i) {
+    change();
+    loop_.advanceBy(10s);
+  }
+  EXPECT_EQ(countInLog("Notification received for global settings change: k"), 3u);
+  EXPECT_EQ(countInLog("Will evaluate the system configuration"), 0u);
+  EXPECT_EQ(evaluations(), 0u);
+
+  // Back in normal mode, but not evaluated yet: the same.
+  manager().setOperatingMode(kNormal);
+  change();
+  loop_.advanceBy(10s);
+  EXPECT_EQ(evaluations(), 0u);
+
+  manager().setOperatingMode(GetParam());
+  comeBack();
+  EXPECT_EQ(evaluations(), 1u);
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+  takeLog();
+  change();
+  loop_.advanceBy(2s);
+  EXPECT_EQ(countInLog("Will evaluate the system configuration in 2.000000 seconds"), 1u);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
+TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
+  set(Server::kUp);
+  manager().setOperatingMode(kNormal);
+  change();
+  loop_.advanceBy(1s);
+  manager().setOperatingMode(GetParam());
+  loop_.advanceBy(1s);
+  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  EXPECT_TRUE(jobs_.labels().empty());
+  comeBack();
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+}
+
+TEST_P(ChangeTest, ThatIsStillPendingWhenTheModeEndsIsCoveredByTheEvaluationThen) {
+  set(Server::kUp);
+  manager().setOperatingMode(GetParam());
+  change();
+  loop_.advanceBy(1s);
+  comeBack();
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+  loop_.advanceBy(1min);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
+TEST_P(ChangeTest, TenWithinTwoSecondsAreTenLinesAndOneEvaluationOnceBack) {
+  set(Server::kUp);
+  manager().setOperatingMode(GetParam());
+  change();
+  loop_.advanceBy(2s);
+  comeBack();
+  takeLog();
+  for (int i = 0; i < 10; ++i) {
+    change();
+    loop_.advanceBy(150ms);
+  }
+  loop_.advanceBy(1min);
+  EXPECT_EQ(countInLog("Notification received for global settings change: k"), 10u);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(InMode, ChangeTest, testing::Values(kInstaller, kWaiting),
+                         [](const auto& mode) { return nameOf(mode.param); });
+
+}  // namespace

@@ -1,0 +1,60 @@
+#pragma once
+
+// The keys of what the operator's server tells: dictionaries of plain values. What is not known or
+// does not apply is absent.
+
+// Of the service manager and of every service.
+inline constexpr char kFactOperatingMode[] = "OperatingMode";  // integer, see OperatingMode.h
+inline constexpr char kFactProduct[] = "Product";              // the installed one's name
+inline constexpr char kFactPrimary[] = "Primary";              // the primary service's label
+// Seconds until services that are not ready are started again, until a change of the settings is
+// evaluated, and until the watchdog looks for the configuration server; reals.
+inline constexpr char kFactRetryIn[] = "RetryIn";
+inline constexpr char kFactSettingsEvaluationIn[] = "SettingsEvaluationIn";
+inline constexpr char kFactWatchDogIn[] = "WatchDogIn";
+// Boolean: a change of the settings came outside normal mode, and further ones wait for an
+// evaluation in normal mode.
+inline constexpr char kFactSettingsChangesWait[] = "SettingsChangesWait";
+
+// Of the service manager alone.
+inline constexpr char kFactServices[] = "Services";  // by label, the facts marked with * below
+inline constexpr char kFactOtherServices[] = "OtherServices";  // other products': label to products
+
+// Of a service.
+inline constexpr char kFactLabel[] = "Label";
+inline constexpr char kFactProducts[] = "Products";        // the names of those that it belongs to
+inline constexpr char kFactIsOfProduct[] = "IsOfProduct";  // boolean: the rest is there
+inline constexpr char kFactType[] = "Type";                // * see serviceTypeForLabel()
+inline constexpr char kFactIsMonitored[] = "IsMonitored";  // * boolean
+// * boolean: a user interface asked for it to be stopped.
+inline constexpr char kFactIsStopped[] = "IsStoppedByUserInterface";
+inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
+inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";
+inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
+inline constexpr char kFactKernel[] = "KernelMajorNumber";
+inline constexpr char kFactProgram[] = "Program";  // its path; absent: the service has no job
+inline constexpr char kFactProgramExists[] = "ProgramExists";
+inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
+inline constexpr char kFactProgramFault[] = "ProgramFault";            // why it is not
+inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
+// What the job host knows of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent:
+// there is no job, or no host answers.
+inline constexpr char kFactJob[] = "Job";
+inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
+// Boolean: its "Features" are no array.
+inline constexpr char kFactFeaturesAreMalformed[] = "FeaturesAreMalformed";
+inline constexpr char kFactSwitches[] = "Switches";  // array; a feature service's alone
+
+// Of a switch.
+inline constexpr char kFactFeature[] = "Feature";
+inline constexpr char kFactSource[] = "Source";  // the prefix of its settings server
+inline constexpr char kFactKey[] = "Key";
+inline constexpr char kFactExpected[] = "Expected";
+inline constexpr char kFactCurrent[] = "Current";
+inline constexpr char kFactOutcome[] = "Outcome";  // one of these
+inline constexpr char kOutcomeMatches[] = "matches";
+inline constexpr char kOutcomeDiffers[] = "differs";
+inline constexpr char kOutcomeClashes[] = "clashes";    // of kinds that can't be compared
+inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting, or no answer
+inline constexpr char kOutcomeNotAsked[] = "notAsked";  // no evaluation has needed it yet
+inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such settings server

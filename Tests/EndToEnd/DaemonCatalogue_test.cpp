@@ -1,0 +1,168 @@
+// Catalogues that are not as they should be: each ends in its own announcement or costs one
+// service, and the daemon stays.
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Platform/PropertyList.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+std::string xmlOf(const Value& value) {
+  const Data xml = writePropertyList(value, PropertyListFormat::kXml).value();
+  return std::string(xml.begin(), xml.end());
+}
+
+// One value of each type.
+std::vector<std::pair<std::string, Value>> oneOfEach() {
+  return {{"boolean", true},
+          {"integer", 7},
+          {"real", 0.5},
+          {"string", "text"},
+          {"data", Data{1, 2, 3}},
+          {"date", Date{}},
+          {"array", Array{"text"}},
+          {"dictionary", Dictionary{{"key", 1}}}};
+}
+
+class DaemonCatalogue : public DaemonFixture {
+ protected:
+  Dictionary sound() {
+    Dictionary catalogue = DaemonRoot::catalogue(1);
+    catalogue.set("ProgramPath", root_.folder().path("opt"));
+    return catalogue;
+  }
+  Dictionary with(const std::string& key, const Value& value) {
+    Dictionary catalogue = sound();
+    catalogue.set(key, value);
+    return catalogue;
+  }
+  Dictionary withPrimaryJob(const Value& job) {
+    return with("Services", Dictionary{{DaemonRoot::kPrimary, Dictionary{{"JobSpec", job}}}});
+  }
+
+  // A daemon that finds the files as they are now ends idle, having announced this.
+  void expectFailure(const std::string& error, const std::string& description) {
+    const std::size_t before = root_.startErrors().size();
+    if (isSubmitted_) {
+      root_.killDaemon();
+    } else {
+      root_.startDaemon();
+      isSubmitted_ = true;
+    }
+    root_.await("the announcement of a failure",
+                [&] { return root_.startErrors().size() > before; });
+    if (HasFailure()) return;
+    EXPECT_EQ(root_.startErrors().back(),
+              Value(Dictionary{{"Error", error}, {"Description", description}}));
+    EXPECT_GT(root_.processOf(DaemonRoot::kDaemon), 0);
+    EXPECT_EQ(root_.starts(), 0U);
+  }
+
+  bool isSubmitted_ = false;
+};
+
+TEST_F(DaemonCatalogue, WithoutAPrimaryServiceIsAnnouncedAndTheDaemonStaysIdle) {
+  const std::string whole = xmlOf(sound());
+  Dictionary noPrimary = sound();
+  noPrimary.remove("Primary");
+  const std::vector<std::pair<const char*, std::optional<std::string>>> files{
+      {"missing", std::nullopt},
+      {"empty", ""},
+      {"truncated", whole.substr(0, whole.size() / 2)},
+      {"no property list", "Services"},
+      {"an array", xmlOf(Array{sound()})},
+      {"a string", xmlOf("Services")},
+      {"an empty dictionary", xmlOf(Dictionary())},
+      {"no primary service", xmlOf(noPrimary)},
+      {"a number for the primary service", xmlOf(with("Primary", 1))},
+      {"an array for the program path", xmlOf(with("ProgramPath", Array()))},
+      {"an array for the services", xmlOf(with("Services", Array()))},
+      {"a string for the primary service's entry",
+       xmlOf(with("Services", Dictionary{{DaemonRoot::kPrimary, "text"}}))},
+      {"a string for its job", xmlOf(withPrimaryJob("text"))},
+      {"a number for its program", xmlOf(withPrimaryJob(Dictionary{{"Program", 1}}))}};
+  for (const auto& [what, content] : files) {
+    SCOPED_TRACE(what);
+    root_.setCatalogueFile(content);
+    expectFailure("Malformed Configuration", "Unable to resolve primary service information");
+    if (HasFailure()) return;
+  }
+}
+
+TEST_F(DaemonCatalogue, WithoutAProductIsAnnouncedAndTheDaemonStaysIdle) {
+  const auto expectUnreadable = [&] {
+    expectFailure("Malformed Configuration", "Unable to resolve product information");
+  };
+  const auto expectUnknown = [&] {
+    expectFailure("Unkown product type", "Unable to resolve GUID");
+  };
+  root_.setCatalogueFile(xmlOf(with("ProductInfo", 1)));
+  expectUnreadable();
+  root_.setCatalogueFile(xmlOf(with("ProductInfoKey", Array())));
+  expectUnknown();
+  root_.setCatalogueFile(xmlOf(sound()));
+  root_.setProductFile(xmlOf(Array()));
+  expectUnreadable();
+  root_.setProductFile(std::nullopt);
+  expectUnreadable();
+  root_.setProductFile(xmlOf(Dictionary{{"GUID", 1}}));
+  expectUnknown();
+  root_.setProductFile(xmlOf(Dictionary{{"GUID", "5b13d7e2-8c40-4d9f-a27b-6e08f4c1b952"}}));
+  expectUnknown();
+  root_.setProductFile(xmlOf(Dictionary{{"GUID", "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1"}}));
+  expectFailure("Uknown product type",
+                "Unable to resolve services that match the current product: "
+                "kKLXInstallTypeHouseholdID");
+}
+
+TEST_F(DaemonCatalogue, AWrongTypeAtAnyKeyOfAServiceCostsThatServiceAtMost) {
+  Dictionary catalogue = DaemonRoot::catalogue(0);
+  Dictionary services = *catalogue["Services"].dictionary();
+  for (const auto& [type, value] : oneOfEach()) {
+    services.set("com.vantor.test.odd." + type, value);
+    for (const char* key : {"Products", "JobSpec", "Notification", "Features", "MinimumOSVersion",
+                            "KernelExtensions", "Unknown"}) {
+      const std::string label = std::string("com.vantor.test.odd.") + key + "." + type;
+      Dictionary service = DaemonRoot::service(label);
+      service.set(key, value);
+      services.set(label, std::move(service));
+    }
+    for (const char* key : {"Program", "ProgramArguments", "UserName", "WorkingDirectory",
+                            "ThrottleInterval", "EnvironmentVariables", "KeepAlive", "Label"}) {
+      const std::string label = std::string("com.vantor.test.odd.job.") + key + "." + type;
+      Dictionary service = DaemonRoot::service(label);
+      Dictionary job = *service["JobSpec"].dictionary();
+      job.set(key, value);
+      service.set("JobSpec", std::move(job));
+      services.set(label, std::move(service));
+    }
+  }
+  services_ = 1;
+  const std::string label = DaemonRoot::label(0);
+  services.set(label, DaemonRoot::service(label));  // The last, which the others must not cost.
+  catalogue.set("Services", std::move(services));
+  root_.setCatalogue(catalogue);
+  root_.startDaemon();
+  root_.awaitStart();
+  awaitEvaluation(0);
+  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+  client_ = std::make_unique<UserInterfaceClient>(root_);
+  client_->registerClient();
+  expectKilledServiceIsReported(label);
+  EXPECT_EQ(root_.processOf(DaemonRoot::kDaemon), daemon);
+  EXPECT_TRUE(root_.startErrors().empty());
+  // Not an array: seven of the types.
+  root_.awaitLog("Malformed features referrences information encountered", 7);
+  // What is no version, or not one that is known, is no reason to start a service.
+  root_.awaitLog("Unknown OS version: 'text'.  Not starting service");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,82 @@
+// Clients that misbehave when they are told what happens to the services.
+
+#include <csignal>
+#include <list>
+#include <optional>
+
+#include <gmock/gmock.h>
+
+#include "Platform/Linux/AsioRunLoop.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tests/EndToEnd/CrudeClient.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+using testing::ElementsAre;
+
+class DaemonClients : public DaemonFixture {
+ protected:
+  static constexpr char kAbandoned[] = "Did remove an abandoned remote user client";
+
+  CrudeClient& addCrudeClient(const Array& protocols) {
+    CrudeClient& client = crude_.emplace_back(root_, UserInterfaceClient::kServer);
+    client.authenticate();
+    client.registerClient(protocols);
+    return client;
+  }
+
+  std::list<CrudeClient> crude_;
+};
+
+TEST_F(DaemonClients, WhoHangsDiesOrAnswersGarbageIsDroppedAndTheOthersAreTold) {
+  start(1);
+  const Array conforming{kORBServiceManagerUserInterfaceDelegateProtocol};
+  // Its loop does not run any more.
+  const auto stopped = std::move(*AsioRunLoop::create());
+  std::optional<UserInterfaceClient> hanging(std::in_place, root_, *stopped);
+  hanging->registerClient();
+  // Ends before it can be told, and while it is told.
+  addCrudeClient(conforming).peer().close();
+  addCrudeClient(conforming).answerWith(std::nullopt);
+  // Garbage: an exception, a reference that is none, and one with a key of its own.
+  addCrudeClient(conforming).answerWith(std::unexpected(NSException{"Garbage", "no reason", {}}));
+  addCrudeClient(conforming).answerWith(Value(Dictionary{{"NSDistantObject", "garbage"}}));
+  addCrudeClient(conforming)
+      .answerWith(Value(Dictionary{{"NSDistantObject", Value(Dictionary{{"Number", -1}})}}));
+  // Conforms to something else.
+  addCrudeClient({"NSObject"}).answerWith(Value());
+  UserInterfaceClient last(root_);
+  last.registerClient();
+
+  const std::string label = DaemonRoot::label(0);
+  const ProcessId now = expectKilledServiceIsReported(label);
+  root_.await("the last client to be told", [&] { return last.wasTold(label, 1); });
+  EXPECT_THAT(last.notices(), ElementsAre(Notice{label, 0, 0}, Notice{label, 1, now}));
+  root_.awaitLog(kAbandoned, 1 + crude_.size());
+
+  expectKilledServiceIsReported(label);
+  EXPECT_EQ(root_.logCount(kAbandoned), 1 + crude_.size());
+}
+
+TEST_F(DaemonClients, WhoAsksForAProcessWhileBeingToldOneDeadlocksWithNobody) {
+  start(1);
+  const std::string label = DaemonRoot::label(0);
+  UserInterfaceClient asking(root_);
+  asking.registerClient();
+  std::optional<MessageResult> answer;
+  asking.onNotice = [&](const Notice&) {
+    if (!answer) answer = asking.ask("pidForService:", {label});
+  };
+  const ProcessId now = expectKilledServiceIsReported(label);
+  // The daemon serves nobody while it tells; who does not return in time is no longer told.
+  ASSERT_TRUE(answer);
+  EXPECT_FALSE(*answer);
+  EXPECT_FALSE(asking.isConnected());
+  EXPECT_EQ(client_->ask("pidForService:", {label}), MessageResult(now));
+  expectKilledServiceIsReported(label);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,194 @@
+// A daemon that is killed at any moment: no service loses its process, each is watched again, and
+// none is started twice.
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+class DaemonKill : public DaemonFixture {
+ protected:
+  static constexpr char kRun[] = "test: run ";
+  static constexpr char kLastEvaluation[] = "Evaluating service: com.vantor.test.2\n";
+
+  // What is to be done to the daemon in each of its runs: strace's options.
+  void writePlan(const std::vector<std::string>& runs) {
+    std::filesystem::remove_all(root_.folder().path("plan"));
+    root_.folder().write("plan/next", "1\n");
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+      root_.folder().write("plan/" + std::to_string(i + 1), runs[i] + "\n");
+    }
+    // Each start by the job host takes the next; behind the last the daemon runs as ever.
+    const std::string plan = root_.folder().path("plan");
+    const std::string script = root_.folder().write(
+        "daemon", "#!/bin/sh\nread -r n <" + plan + "/next\n" + "echo $((n + 1)) >" + plan +
+                      "/next\n" + "echo \"" + kRun + "$n\" >>" + root_.folder().path("log") +
+                      "/system.log\n" + "[ -e " + plan + "/$n ] || exec " + root_.daemonProgram() +
+                      "\nread -r options <" + plan + "/$n\n" +
+                      "exec /usr/bin/strace -f -qq $options " + root_.daemonProgram() + "\n");
+    std::filesystem::permissions(script, std::filesystem::perms(0755));
+  }
+
+  // Starts the daemon at the beginning of the plan, and ends each run that its plan does not end
+  // once it has nothing more to do. Returns how many that were.
+  std::size_t runPlan(std::size_t runs) {
+    const std::string server = pathOfConnection(root_.path(), UserInterfaceClient::kServer);
+    const std::size_t runsBefore = root_.logCount(kRun);
+    std::size_t survivors = 0;
+    root_.startDaemon(root_.folder().path("daemon"));
+    for (;;) {
+      // It answers as soon as it has done all that it was about to do.
+      std::size_t run = 0;
+      root_.await("a daemon that has evaluated all services", [&] {
+        run = root_.logCount(kRun) - runsBefore;
+        return run > 0 && root_.logHasBehind(kRun, kLastEvaluation);
+      });
+      const bool answers = root_.transport().connect(server, {.timeout = 60s}).has_value();
+      if (HasFailure()) return survivors;
+      if (!answers || root_.logCount(kRun) - runsBefore != run) continue;
+      if (run > runs) return survivors;
+      ++survivors;
+      ::kill(root_.processOf(DaemonRoot::kDaemon), SIGKILL);
+      root_.await("the next one", [&] { return root_.logCount(kRun) - runsBefore > run; });
+    }
+  }
+
+  std::size_t startsOf(const std::string& label) {
+    return root_.logCount("job \"" + label + "\": started process ");
+  }
+};
+
+// Whether this machine lets a program be traced.
+bool canTrace() {
+  ChildProgram strace({"/usr/bin/strace", "-o", "/dev/null", "/bin/true"}, {});
+  return strace.waitForExit() == ExitStatus{};
+}
+
+// One system call of a program: the how many-th of its name it is.
+struct Call {
+  std::string name;
+  int number = 0;
+};
+
+// The calls of the program's first thread in a trace, from where it begins to be ours: before that
+// there is only the loading of its libraries.
+std::vector<Call> callsIn(const std::string& traceFile) {
+  std::vector<Call> calls;
+  std::map<std::string, int> numbers;
+  std::string who;
+  bool isOurs = false;
+  std::ifstream file(traceFile);
+  for (std::string line; std::getline(file, line);) {
+    if (who.empty()) who = line.substr(0, line.find(' ') + 1);
+    if (!line.starts_with(who)) continue;
+    line.erase(0, line.find_first_not_of(' ', who.size()));
+    const std::string name = line.substr(0, line.find('('));
+    if (name.empty() ||
+        name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789") != name.npos) {
+      continue;  // The rest of a call that another thread's fell into.
+    }
+    const int number = ++numbers[name];
+    isOurs = isOurs || line.find("platform.plist") != line.npos;
+    if (isOurs) calls.push_back({name, number});
+  }
+  // Of many in a row, most of which read the files that are verified, the first and the last.
+  std::vector<Call> kept;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    const bool isWithin = i > 0 && i + 1 < calls.size() && calls[i - 1].name == calls[i].name &&
+                          calls[i + 1].name == calls[i].name;
+    if (!isWithin) kept.push_back(calls[i]);
+  }
+  return kept;
+}
+
+TEST_F(DaemonKill, ItsServicesGoOnAndAreWatchedByTheNextOne) {
+  start(5);
+  const auto before = pids();
+  for (int i = 0; i < 3; ++i) {
+    const std::size_t evaluated = evaluations();
+    root_.killDaemon();
+    root_.awaitStart();
+    awaitEvaluation(evaluated);
+    expectNoneLostNoneDoubled(before);
+  }
+  client_ = std::make_unique<UserInterfaceClient>(root_);
+  client_->registerClient();
+  for (const auto& [label, process] : before) expectKilledServiceIsReported(label);
+}
+
+TEST_F(DaemonKill, ServicesThatEndWhileThereIsNoDaemonAreWatchedAgain) {
+  start(3);
+  const std::string label = DaemonRoot::label(1);
+  const std::size_t evaluated = evaluations();
+  const ProcessId service = root_.processOf(label);
+  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+  // Neither of them can be started again before the other has ended.
+  root_.host().stopHost();
+  killAndAwait(daemon);
+  killAndAwait(service);
+  root_.expectStart();
+  root_.host().continueHost();
+  root_.awaitStart();
+  awaitEvaluation(evaluated);
+  client_ = std::make_unique<UserInterfaceClient>(root_);
+  client_->registerClient();
+  for (const std::string& each : labels()) expectKilledServiceIsReported(each);
+}
+
+TEST_F(DaemonKill, AtSystemCallsAllOverItsStart) {
+  if (!canTrace()) GTEST_SKIP() << "programs can't be traced here (ptrace is not permitted)";
+  services_ = 3;
+  root_.setCatalogue(DaemonRoot::catalogue(services_));
+  const std::string trace = root_.folder().path("trace");
+  writePlan({"-o " + trace});
+  EXPECT_EQ(runPlan(1), 1U);
+  const std::vector<Call> calls = callsIn(trace);
+  ASSERT_GT(calls.size(), 100U);
+  root_.remove(DaemonRoot::kDaemon);  // First: it would start what is removed before it.
+  for (const std::string& label : labels()) root_.remove(label);
+
+  // From nothing: the first daemons die before they have started anything, each gets further than
+  // the one before, and the last ones find everything running. A daemon for each of the calls would
+  // take minutes; these calls are evenly spread over all of them.
+  constexpr std::size_t kMaxRuns = 48;
+  const std::size_t stride = (calls.size() + kMaxRuns - 1) / kMaxRuns;
+  std::vector<std::string> plan;
+  for (std::size_t i = 0; i < calls.size(); i += stride) {
+    const auto& [name, number] = calls[i];
+    plan.push_back("-o /dev/null -e trace=" + name + " -e inject=" + name +
+                   ":signal=SIGKILL:when=" + std::to_string(number));
+  }
+  writePlan(plan);
+  std::map<std::string, std::size_t> startsBefore;
+  for (const std::string& label : labels()) startsBefore[label] = startsOf(label);
+  const std::size_t survivors = runPlan(plan.size());
+  for (const std::string& label : labels()) {
+    EXPECT_EQ(startsOf(label) - startsBefore[label], 1U) << label;
+  }
+  expectNoneLostNoneDoubled(pids());
+  // Where services run already there are fewer calls than in the trace, which began from nothing.
+  EXPECT_GT(2 * (plan.size() - survivors), plan.size());
+  std::cout << "killed at " << plan.size() - survivors << " of " << calls.size()
+            << " system calls\n";
+
+  client_ = std::make_unique<UserInterfaceClient>(root_);
+  client_->registerClient();
+  for (const std::string& label : labels()) expectKilledServiceIsReported(label);
+}
+
+}  // namespace
+}  // namespace platform

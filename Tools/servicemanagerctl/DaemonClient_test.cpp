@@ -1,0 +1,186 @@
+#include "Tools/servicemanagerctl/DaemonClient.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
+#include "Logger/Logger.h"
+#include "Platform/Testing/ConnectedProgram.h"
+#include "Platform/Testing/FakeNotificationBus.h"
+#include "Platform/Testing/FakePeerTransport.h"
+#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::HasSubstr;
+
+constexpr std::string_view kServices = "services";
+
+std::string pathOf(std::string_view name) { return "/srv/root/" + std::string(name); }
+
+ProtocolTable protocols() {
+  ProtocolTable table;
+  addServiceManagerProtocols(table);
+  return table;
+}
+
+// The operator's program, and one that vends the user-interface server.
+class DaemonClientTest : public testing::Test, public MessageReceiver {
+ protected:
+  void vend(NSConnectionDelegate& delegate) {
+    vended_ = daemon_.connections.makeConnection();
+    vended_->setDelegate(&delegate);
+    vended_->setRootObject(std::make_shared<NSProtocolChecker>(
+        this, protocols_.find(kORBServiceManagerUserInterfaceProtocol)));
+    ASSERT_TRUE(vended_->registerName(kUserInterfaceServer));
+  }
+
+  // How long `action` blocked.
+  template <typename Action>
+  Duration timeOf(Action action) {
+    const Instant start = loop_.now();
+    action();
+    return loop_.now() - start;
+  }
+
+  MessageResult receiveMessage(std::string_view selector, const Array& /*arguments*/) override {
+    received_.emplace_back(selector);
+    if (selector == "pidForService:")
+      return std::unexpected(NSException{"ServerException", "because", {}});
+    return Value(Dictionary{{"agent", Dictionary{}}});
+  }
+
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "program"};
+  LoggerBinding binding_{log_};
+  FakeSystemInformation system_;
+  const ProtocolTable protocols_ = protocols();
+  VirtualRunLoop loop_;
+  FakeNotificationBus bus_{loop_};
+  FakePeerNetwork network_{loop_};
+  FakePeerTransport transport_{network_, {100, 0, 0}};
+  FakePeerTransport daemonTransport_{network_, {200, 0, 0}};
+  ConnectedProgram program_{loop_, transport_, pathOf};
+  ConnectedProgram daemon_{loop_, daemonTransport_, pathOf};
+  std::unique_ptr<DistributedNotificationCenter> distributed_ = bus_.makeCenter(log_);
+  KLXConnectionAuthenticator authenticator_{system_};
+  std::vector<std::string> received_;
+  std::shared_ptr<NSConnection> vended_;
+  DaemonClient client_{{.objects = {loop_, program_.connections, *distributed_, program_.center,
+                                    protocols_, system_},
+                        .transport = transport_,
+                        .path = pathOf,
+                        .root = "/srv/root"},
+                       kUserInterfaceServer,
+                       kORBServiceManagerUserInterfaceProtocol};
+};
+
+TEST_F(DaemonClientTest, AsksTheServerOfTheName) {
+  vend(authenticator_);
+  ASSERT_TRUE(client_.connect());
+  const auto services = client_.ask(kServices);
+  ASSERT_TRUE(services) << services.error().text;
+  EXPECT_EQ((*services)["agent"], Value(Dictionary{}));
+}
+
+TEST_F(DaemonClientTest, AOneWayMessageIsNotWaitedFor) {
+  vend(authenticator_);
+  ASSERT_TRUE(client_.connect());
+  EXPECT_EQ(client_.ask("stopServices:", {Array{"agent"}}), Value());
+  EXPECT_TRUE(received_.empty());
+  const auto services = client_.ask(kServices);
+  EXPECT_TRUE(services) << services.error().text;
+  EXPECT_EQ(received_, (std::vector<std::string>{"stopServices:", "services"}));
+}
+
+TEST_F(DaemonClientTest, ADaemonThatIsNotThereIsSaidSoAtOnce) {
+  Answer<void> connected;
+  EXPECT_EQ(timeOf([&] { connected = client_.connect(); }), 0s);
+  ASSERT_FALSE(connected);
+  EXPECT_EQ(connected.error().exitStatus, kExitNobodyThere);
+  EXPECT_THAT(connected.error().text, AllOf(HasSubstr("below /srv/root"),
+                                            HasSubstr("jobs show com.vantor.servicemanager")));
+}
+
+TEST_F(DaemonClientTest, AStrangerAtTheNameIsNotTrusted) {
+  TokenDelegate stranger("other", "token");  // Neither knows our token nor shows its own.
+  vend(stranger);
+  const auto connected = client_.connect();
+  ASSERT_FALSE(connected);
+  EXPECT_EQ(connected.error().exitStatus, kExitNotAuthenticated);
+  EXPECT_THAT(connected.error().text, HasSubstr("don't recognize each other"));
+  EXPECT_TRUE(received_.empty());
+}
+
+TEST_F(DaemonClientTest, AServerThatLetsEverybodyInIsStillNotTrusted) {
+  class Careless final : public NSConnectionDelegate {
+    bool connection(NSConnection& parent, NSConnection& child) override {
+      child.setDelegate(parent.delegate());
+      return true;
+    }
+    Data authenticationDataForComponents(const Array& /*components*/) override { return {1, 2}; }
+    bool authenticateComponents(const Array& /*components*/, const Data& /*data*/) override {
+      return true;
+    }
+  } careless;
+  vend(careless);
+  const auto connected = client_.connect();
+  ASSERT_FALSE(connected);
+  EXPECT_EQ(connected.error().exitStatus, kExitNotAuthenticated);
+  vended_->invalidate();
+}
+
+TEST_F(DaemonClientTest, ABusyDaemonIsWaitedForAndThenSaidToBeBusy) {
+  vend(authenticator_);
+  daemonTransport_.hang();
+  Answer<void> connected;
+  EXPECT_GE(timeOf([&] { connected = client_.connect(); }), DaemonClient::kPatience);
+  ASSERT_FALSE(connected);
+  EXPECT_EQ(connected.error().exitStatus, kExitFailed);
+  EXPECT_THAT(connected.error().text, HasSubstr("is there but has not answered for 60 s"));
+}
+
+TEST_F(DaemonClientTest, ADaemonThatIsBusyForAWhileIsReached) {
+  vend(authenticator_);
+  daemonTransport_.hang();
+  loop_.scheduleOutsideEvent(20s, [&] { daemonTransport_.goOn(); });
+  EXPECT_TRUE(client_.connect());
+}
+
+TEST_F(DaemonClientTest, AnAnswerThatDoesNotComeInTimeIsSaidSo) {
+  vend(authenticator_);
+  ASSERT_TRUE(client_.connect());
+  daemonTransport_.hang();
+  Answer<Value> answer;
+  EXPECT_EQ(timeOf([&] { answer = client_.ask(kServices, {}, 90s); }), 90s);
+  ASSERT_FALSE(answer);
+  EXPECT_EQ(answer.error().exitStatus, kExitFailed);
+  EXPECT_THAT(answer.error().text, HasSubstr("has not answered for 90 s"));
+}
+
+TEST_F(DaemonClientTest, WhatTheDaemonRaisesIsToldWithItsReason) {
+  vend(authenticator_);
+  ASSERT_TRUE(client_.connect());
+  const auto answer = client_.ask("pidForService:", {"agent"});
+  ASSERT_FALSE(answer);
+  EXPECT_EQ(answer.error(),
+            (Refusal{kExitFailed, "the service manager refused: ServerException: because"}));
+}
+
+TEST_F(DaemonClientTest, ADaemonThatEndsIsSaidToHaveGone) {
+  vend(authenticator_);
+  ASSERT_TRUE(client_.connect());
+  vended_->invalidate();
+  loop_.runReady();
+  const auto answer = client_.ask(kServices);
+  ASSERT_FALSE(answer);
+  EXPECT_EQ(answer.error().exitStatus, kExitNobodyThere);
+}
+
+}  // namespace

@@ -1,0 +1,329 @@
+#include "Tools/servicemanagerctl/Explanation.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <fmt/format.h>
+
+#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/OperatingMode.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/HealthReport.h"
+#include "Tools/servicemanagerctl/JobsReport.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
+
+namespace {
+
+using namespace platform;
+using Json = nlohmann::ordered_json;
+
+// The facts, read as they are needed.
+class Facts {
+ public:
+  explicit Facts(const Value& facts)
+      : facts_(facts), job_(jobState(text(kFactLabel), facts[kFactJob])) {}
+
+  bool is(const char* key) const { return facts_[key].boolean().value_or(false); }
+  bool has(const char* key) const { return !facts_[key].isNil(); }
+  // Fit for a terminal.
+  std::string text(const char* key) const {
+    const std::string* text = facts_[key].string();
+    return text ? plain(*text) : "";
+  }
+  std::int64_t number(const char* key) const { return facts_[key].integer().value_or(0); }
+  const Value& operator[](const char* key) const { return facts_[key]; }
+
+  std::string label() const { return text(kFactLabel); }
+  const JobState& job() const { return job_; }
+  std::int64_t mode() const { return number(kFactOperatingMode); }
+  bool isPrimary() const { return label() == text(kFactPrimary); }
+  bool isFeature() const { return text(kFactType) == ORBServiceManager::kFeatureService; }
+  bool isSupported() const {
+    if (!has(kFactMinimumOSVersion)) return true;
+    return has(kFactNeededKernel) && number(kFactKernel) >= number(kFactNeededKernel);
+  }
+  const Array& switches() const {
+    static const Array kNone;
+    const Array* switches = facts_[kFactSwitches].array();
+    return switches ? *switches : kNone;
+  }
+  // The first switch of that outcome, nil where there is none.
+  Value switchThat(std::string_view outcome) const {
+    const auto found = std::ranges::find_if(switches(), [&](const Value& row) {
+      return row[kFactOutcome].string() && *row[kFactOutcome].string() == outcome;
+    });
+    return found == switches().end() ? Value() : *found;
+  }
+
+ private:
+  const Value& facts_;
+  const JobState job_;
+};
+
+std::string inSeconds(const Value& seconds) {
+  return fmt::format("{:.1f} s", seconds.real().value_or(0));
+}
+
+std::string textOf(const Value& value) {
+  return value.string() ? plain(*value.string()) : shown(value);
+}
+
+std::string namesIn(const Value& names) {
+  std::string text;
+  if (!names.array()) return "no product";
+  for (const Value& name : *names.array()) {
+    if (!text.empty()) text += ", ";
+    text += textOf(name);
+  }
+  return text.empty() ? "no product" : text;
+}
+
+std::string nameOfSwitch(const Value& row) {
+  return fmt::format("\"{}\" of feature \"{}\"", textOf(row[kFactKey]), textOf(row[kFactFeature]));
+}
+
+// A reason's word, and what stands behind "LABEL runs as process N" or "LABEL does not run: ".
+using Reason = std::pair<std::string, std::string>;
+
+// Why a service is wanted, where the daemon may decide.
+Reason whyWanted(const Facts& facts) {
+  if (facts.isPrimary()) return {"primary", "every other service waits for it"};
+  if (!facts.isFeature()) return {"core", "every core service of the product is to run"};
+  const Value matching = facts.switchThat(kOutcomeMatches);
+  return {"switch", fmt::format("switch {} asks for it", nameOfSwitch(matching))};
+}
+
+bool isUnwantedFeature(const Facts& facts) {
+  return facts.isFeature() && !facts.isPrimary() && facts.switchThat(kOutcomeMatches).isNil();
+}
+
+Reason whyUnwanted(const Facts& facts) {
+  if (facts.is(kFactFeaturesAreMalformed)) {
+    return {"malformedFeatures", "the features that the catalogue gives it are no list"};
+  }
+  if (facts.switches().empty()) return {"noSwitch", "no switch could ask for it"};
+  if (!facts.switchThat(kOutcomeNotAsked).isNil()) {
+    return {"notEvaluated", "its switches have not been looked at yet"};
+  }
+  return {"noMatch", "none of its switches asks for it"};
+}
+
+Reason whyItRuns(const Facts& facts) {
+  if (facts.is(kFactIsStopped)) return {"outlivedStop", "although it was asked to be stopped"};
+  if (!facts.isSupported()) return {"unsupported", "although this system is too old for it"};
+  if (isUnwantedFeature(facts)) {
+    const auto [word, text] = whyUnwanted(facts);
+    return {word, "although " + text + ", for the moment or until the next evaluation"};
+  }
+  const auto [word, text] = whyWanted(facts);
+  return {word, "because " + text};
+}
+
+// What keeps the daemon from starting it, whatever is wanted; an empty word where nothing does.
+Reason whatForbidsIt(const Facts& facts) {
+  if (!facts.has(kFactProgram)) {
+    return {"noJob", "the catalogue names no program that could be run for it"};
+  }
+  if (!facts.isSupported()) {
+    return {"unsupported", facts.has(kFactNeededKernel)
+                               ? fmt::format("it needs release {}, and this system is older",
+                                             facts.text(kFactMinimumOSVersion))
+                               : fmt::format("it asks for release {}, which is not known",
+                                             facts.text(kFactMinimumOSVersion))};
+  }
+  if (facts.is(kFactIsStopped)) {
+    return {"stopped", fmt::format("it was asked to be stopped; \"servicemanagerctl start {}\" "
+                                   "starts it",
+                                   facts.label())};
+  }
+  if (facts.mode() == ORBOperatingModeInstaller) {
+    return {"installer", "an installer is at work, and nothing is started until it has finished"};
+  }
+  if (facts.isPrimary()) return {};
+  if (facts.mode() == ORBOperatingModeWaitingForPrimaryService) {
+    return {"waiting", fmt::format("the configuration server is not up, and nothing is started "
+                                   "until it is; \"servicemanagerctl explain {}\" tells of it",
+                                   facts.text(kFactPrimary))};
+  }
+  if (facts.is(kFactIsPrimaryStopped)) {
+    return {"primaryStopped",
+            "the primary service was asked to be stopped, and without it no other "
+            "is started"};
+  }
+  return {};
+}
+
+Reason whyItDoesNotRun(const Facts& facts) {
+  if (Reason reason = whatForbidsIt(facts); !reason.first.empty()) return reason;
+  if (isUnwantedFeature(facts)) return whyUnwanted(facts);
+  if (!facts.is(kFactProgramExists)) {
+    return {"noProgram", fmt::format("its program {} is not there", facts.text(kFactProgram))};
+  }
+  if (!facts.is(kFactProgramIsIntact)) {
+    return {"damaged", fmt::format("its program is damaged or not signed as it should be: {}",
+                                   facts.text(kFactProgramFault))};
+  }
+  if (facts.has(kFactJob)) {
+    return {"ended",
+            fmt::format("it is wanted, and its process has ended ({}); the job host starts "
+                        "it again when its throttle allows it",
+                        inWords(facts.job().lastExit))};
+  }
+  return {"notStarted", "it is wanted but was not started; \"servicemanagerctl log\" tells why"};
+}
+
+// The details.
+
+std::string aboutProduct(const Facts& facts) {
+  const std::string belongs = "belongs to " + namesIn(facts[kFactProducts]);
+  return fmt::format("{}; installed is {}", belongs, facts.text(kFactProduct));
+}
+
+std::string aboutSystem(const Facts& facts) {
+  if (!facts.has(kFactMinimumOSVersion)) return "runs on any release";
+  const std::string version = facts.text(kFactMinimumOSVersion);
+  if (!facts.has(kFactNeededKernel)) {
+    return fmt::format("asks for release {}, which is not known: never started", version);
+  }
+  return fmt::format("needs release {} (kernel {}), and this is kernel {}: {}", version,
+                     facts.number(kFactNeededKernel), facts.number(kFactKernel),
+                     facts.isSupported() ? "supported" : "not supported");
+}
+
+std::string aboutMode(const Facts& facts) {
+  switch (facts.mode()) {
+    case ORBOperatingModeNormal:
+      return "normal";
+    case ORBOperatingModeInstaller:
+      return "an installer is at work";
+    case ORBOperatingModeWaitingForPrimaryService:
+      return "waiting for the configuration server";
+    default:
+      return fmt::format("{}, which this tool does not know", facts.mode());
+  }
+}
+
+std::string aboutProgram(const Facts& facts) {
+  if (!facts.has(kFactProgram)) return "none";
+  const std::string path = facts.text(kFactProgram);
+  if (!facts.is(kFactProgramExists)) return path + ", which is not there";
+  if (!facts.is(kFactProgramIsIntact)) {
+    return fmt::format("{}, refused: {}", path, facts.text(kFactProgramFault));
+  }
+  return facts.has(kFactProgramIdentifier)
+             ? fmt::format("{}, intact, signed as {}", path, facts.text(kFactProgramIdentifier))
+             : path + ", intact";
+}
+
+std::string aboutSwitch(const Value& row) {
+  const std::string* given = row[kFactOutcome].string();
+  const std::string outcome = given ? *given : "";
+  const std::string source = row[kFactSource].isNil() ? "" : textOf(row[kFactSource]) + ": ";
+  const std::string name =
+      fmt::format("{}{}, expected {}", source, nameOfSwitch(row), shown(row[kFactExpected]));
+  const std::string is = ", is " + shown(row[kFactCurrent]);
+  if (outcome == kOutcomeMatches) return name + is + ": asks for it";
+  if (outcome == kOutcomeDiffers) return name + is + ": does not";
+  if (outcome == kOutcomeClashes) return name + is + ", which is of another kind: does not";
+  if (outcome == kOutcomeAbsent) return name + ", and there is no such setting now: does not";
+  if (outcome == kOutcomeNotAsked) return name + ", not looked at yet";
+  return name + ", and there is no such settings server: does not";
+}
+
+std::string aboutHealth(const Facts& facts) {
+  const Value& health = facts[kFactHealth];
+  const auto status = health[kHealthStatus].integer();
+  const std::string crashes = fmt::format("{} ends by itself since the last summary",
+                                          health[kHealthCrashes].integer().value_or(0));
+  if (!status || *status < 0 || *status > 3) return "not supervised; " + crashes;
+  return fmt::format("{}; {}", nameOf(static_cast<HealthStatus>(*status)), crashes);
+}
+
+std::string aboutRetry(const Facts& facts) {
+  if (facts[kFactHealth][kHealthStatus] == Value(0) && facts.has(kFactRetryIn)) {
+    return "in " + inSeconds(facts[kFactRetryIn]);
+  }
+  if (facts.has(kFactSettingsEvaluationIn)) {
+    return fmt::format("everything is evaluated in {}, since a setting was changed",
+                       inSeconds(facts[kFactSettingsEvaluationIn]));
+  }
+  if (facts.mode() == ORBOperatingModeWaitingForPrimaryService && facts.has(kFactWatchDogIn)) {
+    return fmt::format("when the configuration server announces itself, or in {}",
+                       inSeconds(facts[kFactWatchDogIn]));
+  }
+  return "none is due";
+}
+
+std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
+  std::vector<std::pair<std::string, std::string>> details{{"product", aboutProduct(facts)}};
+  if (!facts.is(kFactIsOfProduct)) return details;
+  details.emplace_back("system", aboutSystem(facts));
+  const char* const type = facts.isFeature() ? "feature service" : "core service";
+  details.emplace_back("type", facts.isPrimary() ? "the primary service" : type);
+  details.emplace_back("mode", aboutMode(facts));
+  details.emplace_back("user interface", facts.is(kFactIsStopped) ? "has asked for it to be stopped"
+                                                                  : "has not asked for a stop");
+  for (const Value& row : facts.switches()) details.emplace_back("switch", aboutSwitch(row));
+  if (facts.is(kFactFeaturesAreMalformed)) details.emplace_back("switch", "features are no list");
+  details.emplace_back("program", aboutProgram(facts));
+  details.emplace_back("process",
+                       facts.job().process ? fmt::format("{}", *facts.job().process) : "none");
+  const JobState::Ending ending = facts.job().lastExit;
+  details.emplace_back("last exit", ending == JobState::Ending{} ? "none yet" : inWords(ending));
+  details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
+  if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
+  details.emplace_back("next retry", aboutRetry(facts));
+  if (facts.is(kFactSettingsChangesWait)) {
+    details.emplace_back("settings",
+                         "a change came outside normal mode; further ones are evaluated "
+                         "once everything has been in normal mode again");
+  }
+  return details;
+}
+
+}  // namespace
+
+Explanation explain(const Value& value) {
+  const Facts facts(value);
+  Explanation explanation{
+      .runs = facts.job().process.has_value(), .reason = {}, .verdict = {}, .details = {}};
+  explanation.details = detailsOf(facts);
+  if (!facts.is(kFactIsOfProduct)) {
+    explanation.reason = "otherProduct";
+    explanation.verdict =
+        fmt::format("{} is not managed here: it belongs to {}, and installed is {}.", facts.label(),
+                    namesIn(facts[kFactProducts]), facts.text(kFactProduct));
+    return explanation;
+  }
+  const Reason reason = explanation.runs ? whyItRuns(facts) : whyItDoesNotRun(facts);
+  explanation.reason = reason.first;
+  explanation.verdict = explanation.runs
+                            ? fmt::format("{} runs as process {}, {}.", facts.label(),
+                                          *facts.job().process, reason.second)
+                            : fmt::format("{} does not run: {}.", facts.label(), reason.second);
+  return explanation;
+}
+
+std::string asText(const Explanation& explanation, Reader reader) {
+  std::string text =
+      coloured(explanation.verdict, explanation.runs ? Colour::kGreen : Colour::kBold, reader) +
+      "\n\n";
+  std::size_t width = 0;
+  for (const auto& [heading, sentence] : explanation.details) {
+    width = std::max(width, heading.size());
+  }
+  for (const auto& [heading, sentence] : explanation.details) {
+    fmt::format_to(std::back_inserter(text), "  {:<{}}  {}\n", heading, width, sentence);
+  }
+  return text;
+}
+
+Json asJson(const Explanation& explanation, const Value& facts) {
+  const std::string* label = facts[kFactLabel].string();
+  return {{"label", label ? *label : ""},
+          {"runs", explanation.runs},
+          {"reason", explanation.reason},
+          {"verdict", explanation.verdict},
+          {"facts", jsonOf(facts)}};
+}

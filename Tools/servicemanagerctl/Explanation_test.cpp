@@ -1,0 +1,281 @@
+#include "Tools/servicemanagerctl/Explanation.h"
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/OperatorCommands.h"
+
+namespace {
+
+using namespace platform;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+using testing::Pair;
+
+using Changes = std::vector<Dictionary::Entry>;
+
+// A core service that runs, with these facts instead; nil takes one away.
+Value factsWith(const Changes& changes) {
+  Dictionary facts{{kFactLabel, "agent"},
+                   {kFactIsOfProduct, true},
+                   {kFactProduct, "home"},
+                   {kFactProducts, Array{"home", "office"}},
+                   {kFactPrimary, "configd"},
+                   {kFactOperatingMode, 0},
+                   {kFactType, "CoreService"},
+                   {kFactIsMonitored, true},
+                   {kFactIsStopped, false},
+                   {kFactIsPrimaryStopped, false},
+                   {kFactKernel, 15},
+                   {kFactProgram, "/opt/agent"},
+                   {kFactProgramExists, true},
+                   {kFactProgramIsIntact, true},
+                   {kFactWatchDogIn, 100.0},
+                   {kFactProgramIdentifier, "com.example.agent"},
+                   {kFactJob, Dictionary{{"PID", 7}}}};
+  for (const auto& [key, value] : changes) {
+    if (value.isNil()) {
+      facts.remove(key);
+    } else {
+      facts.set(key, value);
+    }
+  }
+  return facts;
+}
+
+Dictionary aSwitch(const char* outcome, Value current = {}) {
+  Dictionary row{{kFactFeature, "web"},
+                 {kFactSource, "common"},
+                 {kFactKey, "on"},
+                 {kFactExpected, 1},
+                 {kFactOutcome, outcome}};
+  if (!current.isNil()) row.set(kFactCurrent, std::move(current));
+  return row;
+}
+
+Changes feature(Array switches, Changes more = {}) {
+  more.emplace_back(kFactType, "FeatureService");
+  more.emplace_back(kFactSwitches, std::move(switches));
+  return more;
+}
+
+struct Row {
+  const char* reason;
+  Changes changes;
+  const char* verdict;
+};
+
+const Value kNoJob;
+
+const std::vector<Row> kRunning{
+    {"core", {}, "agent runs as process 7, because every core service of the product is to run."},
+    {"primary",
+     {{kFactPrimary, "agent"}},
+     "agent runs as process 7, because every other service waits for it."},
+    {"switch", feature({aSwitch("differs", 0), aSwitch("matches", 1)}),
+     "agent runs as process 7, because switch \"on\" of feature \"web\" asks for it."},
+    {"noMatch", feature({aSwitch("differs", 0)}),
+     "agent runs as process 7, although none of its switches asks for it, for the moment or until "
+     "the next evaluation."},
+    {"outlivedStop",
+     {{kFactIsStopped, true}},
+     "agent runs as process 7, although it was asked to be stopped."},
+    {"unsupported",
+     {{kFactMinimumOSVersion, "10.12"}},
+     "agent runs as process 7, although this system is too old for it."},
+};
+
+const std::vector<Row> kNotRunning{
+    {"noJob",
+     {{kFactProgram, {}}},
+     "agent does not run: the catalogue names no program that could be run for it."},
+    {"unsupported",
+     {{kFactMinimumOSVersion, "10.11"}, {kFactNeededKernel, 15}, {kFactKernel, 14}},
+     "agent does not run: it needs release 10.11, and this system is older."},
+    {"unsupported",
+     {{kFactMinimumOSVersion, "10.12"}},
+     "agent does not run: it asks for release 10.12, which is not known."},
+    {"stopped",
+     {{kFactIsStopped, true}, {kFactOperatingMode, 1}},
+     "agent does not run: it was asked to be stopped; \"servicemanagerctl start agent\" starts "
+     "it."},
+    {"installer",
+     {{kFactOperatingMode, 1}},
+     "agent does not run: an installer is at work, and nothing is started until it has finished."},
+    {"waiting",
+     {{kFactOperatingMode, 2}},
+     "agent does not run: the configuration server is not up, and nothing is started until it is; "
+     "\"servicemanagerctl explain configd\" tells of it."},
+    {"primaryStopped",
+     {{kFactIsPrimaryStopped, true}},
+     "agent does not run: the primary service was asked to be stopped, and without it no other is "
+     "started."},
+    {"malformedFeatures", feature({}, {{kFactFeaturesAreMalformed, true}}),
+     "agent does not run: the features that the catalogue gives it are no list."},
+    {"noSwitch", feature({}), "agent does not run: no switch could ask for it."},
+    {"notEvaluated", feature({aSwitch("notAsked")}),
+     "agent does not run: its switches have not been looked at yet."},
+    {"noMatch", feature({aSwitch("absent"), aSwitch("clashes", "1"), aSwitch("noSource")}),
+     "agent does not run: none of its switches asks for it."},
+    {"noProgram",
+     {{kFactProgramExists, false}},
+     "agent does not run: its program /opt/agent is not there."},
+    {"damaged",
+     {{kFactProgramIsIntact, false}, {kFactProgramFault, "the digest differs"}},
+     "agent does not run: its program is damaged or not signed as it should be: the digest "
+     "differs."},
+    {"damaged", feature({aSwitch("matches", 1)}, {{kFactProgramIsIntact, {}}}),
+     "agent does not run: its program is damaged or not signed as it should be: ."},
+    {"notStarted",
+     {{kFactPrimary, "agent"}, {kFactOperatingMode, 2}},
+     "agent does not run: it is wanted but was not started; \"servicemanagerctl log\" tells why."},
+};
+
+TEST(ExplanationTest, AServiceThatRunsHasOneOfTheseReasons) {
+  for (const Row& row : kRunning) {
+    const Explanation explanation = explain(factsWith(row.changes));
+    EXPECT_TRUE(explanation.runs);
+    EXPECT_EQ(explanation.reason, row.reason);
+    EXPECT_EQ(explanation.verdict, row.verdict);
+  }
+}
+
+TEST(ExplanationTest, AServiceThatDoesNotRunHasTheFirstReasonThatApplies) {
+  for (const Row& row : kNotRunning) {
+    Changes changes = row.changes;
+    changes.emplace_back(kFactJob, Value());
+    const Explanation explanation = explain(factsWith(changes));
+    EXPECT_FALSE(explanation.runs);
+    EXPECT_EQ(explanation.reason, row.reason);
+    EXPECT_EQ(explanation.verdict, row.verdict);
+  }
+}
+
+TEST(ExplanationTest, AJobWithoutAProcessIsWaitedFor) {
+  const Explanation explanation =
+      explain(factsWith({{kFactJob, Dictionary{{"LastExitStatus", SIGKILL}}}}));
+  EXPECT_EQ(explanation.reason, "ended");
+  EXPECT_EQ(explanation.verdict,
+            "agent does not run: it is wanted, and its process has ended (killed by SIGKILL); the "
+            "job host starts it again when its throttle allows it.");
+  EXPECT_THAT(explanation.details, Contains(Pair("last exit", "killed by SIGKILL")));
+}
+
+TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {
+  const Explanation explanation = explain(Dictionary{{kFactLabel, "agent"},
+                                                     {kFactIsOfProduct, false},
+                                                     {kFactProduct, "home"},
+                                                     {kFactProducts, Array{"office"}}});
+  EXPECT_EQ(explanation.verdict,
+            "agent is not managed here: it belongs to office, and installed is home.");
+  EXPECT_EQ(explanation.reason, "otherProduct");
+  EXPECT_EQ(explanation.details.size(), 1u);
+}
+
+TEST(ExplanationTest, EachThingThatCountsIsTold) {
+  const Explanation explanation = explain(
+      factsWith(feature({aSwitch("matches", 1), aSwitch("differs", 0), aSwitch("clashes", "1"),
+                         aSwitch("absent"), aSwitch("notAsked"), aSwitch("noSource")},
+                        {{kFactMinimumOSVersion, "10.10"},
+                         {kFactNeededKernel, 14},
+                         {kFactRetryIn, 12.34},
+                         {kFactSettingsChangesWait, true},
+                         {kFactHealth, Dictionary{{kHealthStatus, 0}, {kHealthCrashes, 4}}}})));
+  EXPECT_EQ(
+      asText(explanation, Reader::kOther),
+      "agent runs as process 7, because switch \"on\" of feature \"web\" asks for it.\n"
+      "\n"
+      "  product         belongs to home, office; installed is home\n"
+      "  system          needs release 10.10 (kernel 14), and this is kernel 15: supported\n"
+      "  type            feature service\n"
+      "  mode            normal\n"
+      "  user interface  has not asked for a stop\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, is 1: asks for it\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, is 0: does not\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, is \"1\", which is of "
+      "another kind: does not\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, and there is no such "
+      "setting now: does not\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, not looked at yet\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, and there is no such "
+      "settings server: does not\n"
+      "  program         /opt/agent, intact, signed as com.example.agent\n"
+      "  process         7\n"
+      "  last exit       none yet\n"
+      "  watched         yes\n"
+      "  health          unready; 4 ends by itself since the last summary\n"
+      "  next retry      in 12.3 s\n"
+      "  settings        a change came outside normal mode; further ones are evaluated once "
+      "everything has been in normal mode again\n");
+}
+
+TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {
+  const auto retry = [](Changes changes) {
+    for (const auto& [heading, text] : explain(factsWith(changes)).details) {
+      if (heading == "next retry") return text;
+    }
+    return std::string();
+  };
+  EXPECT_EQ(retry({}), "none is due");
+  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactHealth, Dictionary{{kHealthStatus, 1}}}}),
+            "none is due");  // Of others.
+  EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}}),
+            "everything is evaluated in 1.5 s, since a setting was changed");
+  EXPECT_EQ(retry({{kFactOperatingMode, 2}}),
+            "when the configuration server announces itself, or in 100.0 s");
+}
+
+TEST(ExplanationTest, WhatIsMissingOrMalformedCountsAsAbsent) {
+  EXPECT_EQ(explain(Value()).reason, "otherProduct");
+  EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, 1}}).reason, "otherProduct");
+  EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, true}}).reason, "noJob");
+  const Explanation odd = explain(factsWith({{kFactSwitches, Array{1, "x", Dictionary()}},
+                                             {kFactOperatingMode, 9},
+                                             {kFactHealth, "text"},
+                                             {kFactProducts, 3}}));
+  EXPECT_THAT(odd.details, Contains(Pair("mode", "9, which this tool does not know")));
+  EXPECT_THAT(odd.details, Contains(Pair("product", "belongs to no product; installed is home")));
+}
+
+TEST(ExplanationTest, NoControlCharacterReachesTheTerminal) {
+  const char kHostile[] = "\033[2J\n";
+  const Explanation explanation = explain(factsWith(feature({Dictionary{{kFactFeature, kHostile},
+                                                                        {kFactKey, kHostile},
+                                                                        {kFactSource, kHostile},
+                                                                        {kFactExpected, kHostile},
+                                                                        {kFactCurrent, kHostile},
+                                                                        {kFactOutcome, "matches"}}},
+                                                            {{kFactLabel, kHostile},
+                                                             {kFactProgram, kHostile},
+                                                             {kFactProduct, kHostile},
+                                                             {kFactProgramIdentifier, kHostile},
+                                                             {kFactProducts, Array{kHostile}}})));
+  EXPECT_THAT(asText(explanation, Reader::kOther), Not(HasSubstr("\033")));
+}
+
+TEST(ExplanationTest, ProgramsGetTheFactsToo) {
+  const Value facts = factsWith({});
+  const auto json = asJson(explain(facts), facts);
+  EXPECT_EQ(json["label"], "agent");
+  EXPECT_EQ(json["runs"], true);
+  EXPECT_EQ(json["reason"], "core");
+  EXPECT_EQ(json["facts"]["Job"]["PID"], 7);
+}
+
+TEST(ExplanationTest, AnUnknownLabelNamesTheKnownOnes) {
+  const Value overview =
+      Dictionary{{kFactServices, Dictionary{{"web", Dictionary()}, {"agent", Dictionary()}}},
+                 {kFactOtherServices, Dictionary{{"mail", Array{"office"}}}}};
+  EXPECT_EQ(unknownLabel("agnt\033", overview),
+            (Refusal{kExitUnknownLabel,
+                     "no service has the label \"agnt\\u001b\"; there are: agent, mail, web"}));
+  EXPECT_EQ(unknownLabel("x", {}).exitStatus, kExitUnknownLabel);
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+#include "Tools/servicemanagerctl/OperatorCommands.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <unistd.h>
+
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/Explanation.h"
+#include "Tools/servicemanagerctl/HealthReport.h"
+#include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
+
+using namespace platform;
+
+OperatorCommands::OperatorCommands(CLI::App& app)
+    : health_(app.add_subcommand("health", "How each service is, and how often it crashed")),
+      explain_(app.add_subcommand("explain", "Why a service runs or does not")) {
+  for (CLI::App* command : {health_, explain_}) {
+    command->add_flag("--json", json_, "For programs");
+  }
+  health_->add_flag("--openmetrics", openMetrics_, "For monitoring systems")->excludes("--json");
+  explain_->add_option("label", label_, "The service's label")->required();
+}
+
+int OperatorCommands::run(const DaemonClient::Environment& environment) const {
+  const auto act = [&]() -> Answer<std::string> {
+    const BlockedCallProgress progress({.what = "the service manager to answer"});
+    DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+    if (const auto connected = daemon.connect(); !connected) {
+      return std::unexpected(connected.error());
+    }
+    return health_->parsed() ? health(daemon) : explain(daemon);
+  };
+  const Answer<std::string> text = act();
+  if (!text) {
+    fail(text.error().text);
+    return text.error().exitStatus;
+  }
+  return print(*text) ? EXIT_SUCCESS : kExitFailed;
+}
+
+Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
+  const auto record = daemon.ask("healthRecord");
+  if (!record) return std::unexpected(record.error());
+  const auto report = healthReport(*record);
+  if (json_) return asJson(report).dump(2) + "\n";
+  if (openMetrics_) return asOpenMetrics(report);
+  return asTable(report, readerOf(STDOUT_FILENO));
+}
+
+Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
+  const auto facts = daemon.ask("factsOfService:", {label_});
+  if (!facts) return std::unexpected(facts.error());
+  if (!facts->dictionary()) {
+    const auto overview = daemon.ask("overview");
+    return std::unexpected(overview ? unknownLabel(label_, *overview) : overview.error());
+  }
+  const Explanation explanation = ::explain(*facts);
+  return json_ ? asJson(explanation, *facts).dump(2) + "\n"
+               : asText(explanation, readerOf(STDOUT_FILENO));
+}
+
+Refusal unknownLabel(const std::string& label, const Value& overview) {
+  std::vector<std::string> known;
+  for (const char* key : {kFactServices, kFactOtherServices}) {
+    const Dictionary* services = overview[key].dictionary();
+    if (!services) continue;
+    for (const auto& [name, facts] : *services) known.push_back(plain(name));
+  }
+  std::ranges::sort(known);
+  return {kExitUnknownLabel, fmt::format("no service has the label \"{}\"; there are: {}",
+                                         plain(label), fmt::join(known, ", "))};
+}

@@ -1,0 +1,106 @@
+#include "Tools/servicemanagerctl/ServicesReport.h"
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Testing/FakeSystemInformation.h"
+
+namespace {
+
+using namespace platform;
+using testing::AllOf;
+using testing::HasSubstr;
+using Activity = ServiceState::Activity;
+using Type = ServiceState::Type;
+
+class ServicesReportTest : public testing::Test {
+ protected:
+  ServiceState state(const std::string& label, const Value& process = {},
+                     const Value& lastExitStatus = {}) {
+    return serviceState(label, catalogue_, process, lastExitStatus, system_);
+  }
+  std::vector<ServiceState> services() {
+    return {state("agent", 4711), state("filter", {}, SIGKILL), state("modern"), state("scanner")};
+  }
+
+  FakeSystemInformation system_;  // of release 15, which is 10.11
+  const Value catalogue_ = Dictionary{
+      {"agent", Dictionary{{"MinimumOSVersion", "10.11"}}},
+      {"scanner", Dictionary{}},
+      {"filter", Dictionary{{"Features", Array{"Filter"}}}},
+      {"modern", Dictionary{{"MinimumOSVersion", "10.99"}}},
+  };
+};
+
+TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromWhatIsKnownOfIt) {
+  EXPECT_EQ(state("agent", 4711).activity, Activity::kRunning);
+  EXPECT_EQ(state("agent").activity, Activity::kStopped);
+  EXPECT_EQ(state("agent", {}, 0).activity, Activity::kWaiting);
+  EXPECT_EQ(state("modern").activity, Activity::kUnsupported);
+  EXPECT_EQ(state("modern", 4711).activity, Activity::kRunning);
+  EXPECT_EQ(state("agent").type, Type::kCore);
+  EXPECT_EQ(state("filter").type, Type::kFeature);
+  EXPECT_EQ(state("unknown"), (ServiceState{.job = jobState("unknown", {})}));
+}
+
+TEST_F(ServicesReportTest, TheTableIsAligned) {
+  EXPECT_EQ(asTable(services(), Reader::kOther),
+            "LABEL    TYPE     STATE            PID  LAST EXIT\n"
+            "agent    core     running         4711  -\n"
+            "filter   feature  waiting            -  killed by SIGKILL\n"
+            "modern   core     needs 10.99        -  -\n"
+            "scanner  core     stopped            -  -\n");
+  EXPECT_EQ(asTable(std::vector<ServiceState>{}, Reader::kTerminal), "No services.\n");
+}
+
+TEST_F(ServicesReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {
+  EXPECT_THAT(asTable(services(), Reader::kTerminal),
+              AllOf(HasSubstr("\033[32mrunning    \033[0m"),
+                    HasSubstr("\033[31mkilled by SIGKILL\033[0m"), HasSubstr("\033[1mLABEL")));
+}
+
+TEST_F(ServicesReportTest, ProgramsGetWordsThatDoNotChange) {
+  EXPECT_EQ(asJson(state("agent", 4711)).dump(),
+            R"({"label":"agent","type":"core","state":"running","pid":4711,"lastExit":null,)"
+            R"("neededSystem":"10.11"})");
+  EXPECT_EQ(asJson(state("filter", {}, 3 << 8)).dump(),
+            R"({"label":"filter","type":"feature","state":"waiting","pid":null,)"
+            R"("lastExit":{"kind":"exited","code":3},"neededSystem":null})");
+  EXPECT_EQ(asJson(services()).size(), 4u);
+  EXPECT_EQ(asJson(std::vector<ServiceState>{}).dump(), "[]");
+}
+
+TEST_F(ServicesReportTest, WhatBecameOfAServiceIsToldInASentence) {
+  EXPECT_EQ(asSentence(state("agent", 4711)), "agent runs as process 4711.\n");
+  EXPECT_EQ(asSentence(state("agent")), "agent is stopped.\n");
+  EXPECT_EQ(asSentence(state("modern")), "modern is not started here: it needs release 10.99.\n");
+  EXPECT_EQ(asSentence(state("agent", {}, SIGTERM)),
+            "agent has no process now and is to be started again; its last exit: killed by "
+            "SIGTERM.\n");
+}
+
+TEST_F(ServicesReportTest, ANoticeIsALine) {
+  const Value runs = Dictionary{{"Label", "agent"}, {"status", 1}, {"PID", 4711}};
+  const Value ended = Dictionary{{"Label", "agent"}, {"status", 0}};
+  EXPECT_EQ(noticeAsText(runs, "T", Reader::kOther), "T  agent  runs as process 4711\n");
+  EXPECT_EQ(noticeAsText(ended, "T", Reader::kOther), "T  agent  ended\n");
+  EXPECT_EQ(noticeAsText(ended, "T", Reader::kTerminal), "T  agent  \033[31mended\033[0m\n");
+  EXPECT_EQ(noticeAsJson(runs, "T"), R"({"time":"T","label":"agent","state":"running","pid":4711})"
+                                     "\n");
+  EXPECT_EQ(noticeAsJson(ended, "T"), R"({"time":"T","label":"agent","state":"ended","pid":null})"
+                                      "\n");
+}
+
+TEST_F(ServicesReportTest, WhatIsNoNoticeIsNoLine) {
+  for (const Value& notice :
+       {Value(), Value("agent"), Value(Dictionary{{"Label", "agent"}}),
+        Value(Dictionary{{"status", 0}}), Value(Dictionary{{"Label", 1}, {"status", 0}}),
+        Value(Dictionary{{"Label", "agent"}, {"status", 1}})}) {
+    EXPECT_EQ(noticeAsText(notice, "T", Reader::kOther), std::nullopt);
+    EXPECT_EQ(noticeAsJson(notice, "T"), std::nullopt);
+  }
+}
+
+}  // namespace

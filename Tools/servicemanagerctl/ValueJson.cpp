@@ -1,0 +1,47 @@
+#include "Tools/servicemanagerctl/ValueJson.h"
+
+#include "Platform/PropertyListScalars.h"
+
+using namespace platform;
+using Json = nlohmann::ordered_json;
+
+Json jsonOf(const Value& value) {
+  switch (value.type()) {
+    case Value::Type::kBoolean:
+      return *value.boolean();
+    case Value::Type::kInteger:
+      return *value.integer();
+    case Value::Type::kReal:
+      return *value.real();
+    case Value::Type::kString:
+      return *value.string();
+    case Value::Type::kData:
+      return textFromData(*value.data());
+    case Value::Type::kDate:
+      return textFromDate(*value.date());
+    case Value::Type::kArray: {
+      Json array = Json::array();
+      for (const Value& element : *value.array()) array.push_back(jsonOf(element));
+      return array;
+    }
+    case Value::Type::kDictionary: {
+      Json object = Json::object();
+      for (const auto& [key, element] : *value.dictionary()) object[key] = jsonOf(element);
+      return object;
+    }
+    case Value::Type::kNil:
+    case Value::Type::kNullMarker:
+    case Value::Type::kRemoteObject:
+      break;
+  }
+  return nullptr;
+}
+
+std::string shown(const Value& value) {
+  return jsonOf(value).dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+std::string plain(const std::string& text) {
+  const std::string quoted = shown(Value(text));
+  return quoted.substr(1, quoted.size() - 2);
+}

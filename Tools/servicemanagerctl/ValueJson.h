@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "Platform/Value.h"
+
+// A value as JSON has it: data as base64, a date as text, what JSON has nothing for as null.
+nlohmann::ordered_json jsonOf(const platform::Value& value);
+
+// The same as text on one line, in ASCII: unambiguous, and it can't steer a terminal.
+std::string shown(const platform::Value& value);
+
+// Text that somebody else has chosen, as shown() but without its quotation marks.
+std::string plain(const std::string& text);
