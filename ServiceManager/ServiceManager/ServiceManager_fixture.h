@@ -23,11 +23,14 @@
 #include "Platform/Testing/FakeExitWatcher.h"
 #include "Platform/Testing/FakeFileReader.h"
 #include "Platform/Testing/FakeJobs.h"
+#include "Platform/Testing/FakeKernelControls.h"
+#include "Platform/Testing/FakeKernelExtensions.h"
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakePeerTransport.h"
 #include "Platform/Testing/FakeRandomDevice.h"
 #include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/FakeTasks.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 #include "Platform/Testing/VirtualSerialQueues.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
@@ -303,6 +306,7 @@ class ServiceManagerFixture : public testing::Test {
             notificationCenter_,
             protocols_,
             bundle_,
+            {extensions_, controls_, tasks_, "/root"},
             owner_,
             factories_,
             [this]() -> std::unique_ptr<ServiceHealth> {
@@ -359,6 +363,9 @@ class ServiceManagerFixture : public testing::Test {
   std::unique_ptr<platform::DistributedNotificationCenter> otherCenter_ =
       bus_.makeCenter(systemLog_);
   platform::NotificationCenter notificationCenter_;
+  platform::FakeKernelControls controls_{loop_};
+  platform::FakeKernelExtensions extensions_{loop_, controls_};
+  platform::FakeTasks tasks_{notificationCenter_, true};
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
   platform::NamedConnections connections_{loop_, transport_, notificationCenter_, systemLog_,
