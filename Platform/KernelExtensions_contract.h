@@ -14,6 +14,7 @@
 
 #include "Platform/KernelControls.h"
 #include "Platform/KernelExtensions.h"
+#include "Platform/Value.h"
 
 namespace platform {
 

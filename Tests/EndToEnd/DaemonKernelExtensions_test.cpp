@@ -223,7 +223,7 @@ TEST_F(DaemonKernelExtensions, TheProgramUnloadsByIdentifierAndByPath) {
   const auto run = [&](std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), program);
     ChildProgram child(std::move(arguments), {});
-    const int code = child.waitForExit().code;
+    const int code = child.waitForExit().value;
     return std::pair(code, child.errors());
   };
   {
