@@ -215,7 +215,7 @@ TEST_F(JobServerTest, WhoIsRefusedIsLoggedOnce) {
 }
 
 TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
-  submitJob({{"Comment", std::string(kMaxPeerMessageBytes / 2, 'x')}});
+  submitJob({{"Comment", std::string(kMaxPeerUnreadBytes / 5, 'x')}});
   Client client(network_, kHostsUser);
   client.transport.hang();
   for (int i = 0; i < 8; ++i) ask(client, kCopyJobMessage, {kLabel});

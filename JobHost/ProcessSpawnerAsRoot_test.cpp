@@ -10,9 +10,12 @@
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <pwd.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "JobHost/ProcessSpawnerFixture_contract.h"
@@ -100,6 +103,49 @@ TEST_F(ProcessSpawnerAsRoot, TheRootDirectoryIsTheJobs) {
   job.rootDirectory = "/no/such";
   EXPECT_THAT(refusal(job),
               AllOf(HasSubstr("chroot to \"/no/such\""), EndsWith(std::strerror(ENOENT))));
+}
+
+// Takes a capability from the calling process, as a container may have done.
+bool giveUp(int capability) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[2]{};
+  if (::syscall(SYS_capget, &header, sets) != 0) return false;
+  sets[0].effective &= ~(1U << capability);
+  return ::syscall(SYS_capset, &header, sets) == 0;
+}
+
+TEST_F(ProcessSpawnerAsRoot, AHostThatMayNotBecomeTheUserSaysAtWhichStep) {
+  struct Row {
+    int capability;
+    std::string stage;
+  };
+  const Row rows[] = {{CAP_SETGID, "setgroups for \"nobody\""},
+                      {CAP_SETUID, "setuid to " + user_ + " (\"nobody\")"}};
+  for (const Row& row : rows) {
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const pid_t host = ::fork();
+    ASSERT_GE(host, 0);
+    if (host == 0) {
+      JobDefinition job = script("");
+      job.userName = "nobody";
+      job.standardOutPath = job.standardErrorPath = "/dev/null";
+      const auto spawned = giveUp(row.capability)
+                               ? spawn(job)
+                               : std::unexpected(platform::Error{{}, errno, "capset"});
+      const std::string text = spawned ? "started" : platform::describe(spawned.error());
+      const ssize_t written = ::write(pipe[1], text.data(), text.size());
+      ::_exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    char text[256];
+    const ssize_t size = ::read(pipe[0], text, sizeof text);
+    ::close(pipe[0]);
+    EXPECT_EQ(::waitpid(host, nullptr, 0), host);
+    ASSERT_GT(size, 0);
+    EXPECT_EQ(std::string(text, static_cast<std::size_t>(size)),
+              "job \"com.example.job\": " + row.stage + ": " + std::strerror(EPERM));
+  }
 }
 
 // What the standard files are opened with.

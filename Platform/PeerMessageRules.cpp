@@ -6,6 +6,7 @@
 
 #include <unicode/utf8.h>
 
+#include "Platform/NSXPCListenerEndpoint.h"
 #include "Platform/PeerLimits.h"
 
 namespace platform {
@@ -35,6 +36,9 @@ std::unexpected<Error> inside(std::string where, Error error) {
 // Walks over what is to be sent as the marshaller will.
 class Measure {
  public:
+  explicit Measure(PeerMessageContents contents = PeerMessageContents::kValues)
+      : contents_(contents) {}
+
   Result<void> variant(const Value& value) {
     if (++nodes_ > kMaxPeerNodes) {
       return invalid(": more than " + std::to_string(kMaxPeerNodes) + " values");
@@ -95,10 +99,20 @@ class Measure {
       case Value::Type::kDictionary:
         return dictionary(*value.dictionary());
       case Value::Type::kRemoteObject:
+        if (contents_ == PeerMessageContents::kValuesAndEndpoints && endpointIn(value)) {
+          return endpoint();
+        }
         return invalid(": a reference to an object (" + std::string(className(value)) +
                        ") can't travel in a plain message");
     }
     return {};
+  }
+
+  Result<void> endpoint() {
+    if (++descriptors_ > kMaxPeerDescriptors) {
+      return invalid(": more than " + std::to_string(kMaxPeerDescriptors) + " endpoints");
+    }
+    return add(4, 4);
   }
 
   Result<void> array(const Array& elements) {
@@ -137,8 +151,10 @@ class Measure {
                    " deep");
   }
 
+  const PeerMessageContents contents_;
   std::size_t bytes_ = 0;
   std::size_t nodes_ = 0;
+  std::size_t descriptors_ = 0;
   std::size_t depth_ = 0;
 };
 
@@ -170,8 +186,8 @@ Result<void> checkPeerSelector(std::string_view selector, std::size_t argumentCo
   return {};
 }
 
-Result<std::size_t> peerBodyBytes(const Array& arguments) {
-  Measure measure;
+Result<std::size_t> peerBodyBytes(const Array& arguments, PeerMessageContents contents) {
+  Measure measure(contents);
   std::size_t number = 0;
   for (const Value& argument : arguments) {
     ++number;

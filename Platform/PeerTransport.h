@@ -10,7 +10,9 @@
 #include "Platform/Error.h"
 #include "Platform/Exception.h"
 #include "Platform/ExitWatcher.h"
+#include "Platform/NSXPCListenerEndpoint.h"
 #include "Platform/PeerLimits.h"
+#include "Platform/PeerMessageRules.h"
 #include "Platform/RunLoop.h"
 #include "Platform/Time.h"
 #include "Platform/Value.h"
@@ -59,7 +61,8 @@ struct PeerHandlers {
 
   // The connection has ended, by the peer or by one of the limits: called once, with
   // Urgency::kConnectionDeath, after what the peer sent before its end has been delivered and the
-  // outstanding calls have failed. Not after close().
+  // outstanding calls have failed. Not after close(). kNotFound where the peer has ended by itself,
+  // kInvalid where it has broken the protocol and was still there, another kind for a limit.
   std::function<void(const Error& why)> death;
 };
 
@@ -68,7 +71,8 @@ struct PeerHandlers {
 //
 // A selector is made of letters, digits and colons, and has one argument for each of its colons.
 // Arguments and results are values of every kind but remote objects; an argument may be nil. What
-// breaks this or the limits of PeerLimits.h is refused before anything is sent.
+// breaks this or the limits of PeerLimits.h is refused before anything is sent. Endpoints travel
+// where both sides' options say so; a message with one must fit on the socket as it is.
 class PeerConnection {
  public:
   using Completion = std::move_only_function<void(PeerResult)>;
@@ -129,11 +133,13 @@ struct PeerListenerOptions {
   Duration admissionTime = kPeerAdmissionTime;
   // Root and our own user are not bound by it.
   std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
+  PeerMessageContents contents = PeerMessageContents::kValues;
 };
 
 struct PeerConnectOptions {
   Duration timeout = std::chrono::seconds(5);
   WhileWaiting whileWaiting = WhileWaiting::kServe;
+  PeerMessageContents contents = PeerMessageContents::kValues;
 };
 
 // Why there is no connection.
@@ -174,11 +180,24 @@ class PeerTransport {
   [[nodiscard]] virtual Result<std::unique_ptr<PeerListener>> listenOn(
       Descriptor passed, const PeerListenerOptions& options, NewConnection onConnection) = 0;
 
+  // A listener without a name. Whoever holds its endpoint may connect, whatever the options' mode.
+  struct Anonymous {
+    std::unique_ptr<PeerListener> listener;
+    std::shared_ptr<const NSXPCListenerEndpoint> endpoint;  // shared with those it is handed to
+  };
+  // Fails with kExhausted without descriptors, with kSystem where no socket can be made.
+  [[nodiscard]] virtual Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
+                                                            NewConnection onConnection) = 0;
+
   // Connects to the name `path`, and returns when the other side's owner has the connection. Blocks
   // for the time-out at most and serves nothing meanwhile, so a listener of this same loop can't be
   // reached by it.
   [[nodiscard]] virtual std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
       const std::string& path, const PeerConnectOptions& options) = 0;
+
+  // The same for the listener that the endpoint is of; one that has ended is kNobodyThere.
+  [[nodiscard]] virtual std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure>
+  connectToEndpoint(const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) = 0;
 };
 
 }  // namespace platform

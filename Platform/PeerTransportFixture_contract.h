@@ -168,7 +168,11 @@ class PeerTransportBed {
     connection->setHandlers(
         {.message = [this,
                      connection](PeerMessage message) { handle(*connection, std::move(message)); },
-         .death = [this](const Error&) { journal_.note("client died"); }});
+         .death =
+             [this](const Error& why) {
+               journal_.note("client died");
+               if (why.code != ErrorCode::kNotFound) journal_.note(describe(why));
+             }});
     journal_.note("connected");
   }
 

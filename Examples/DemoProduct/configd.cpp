@@ -17,6 +17,7 @@
 #include "Platform/Linux/ConnectionsFolder.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NotificationBus.h"
+#include "Platform/Linux/PropertyListFile.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/RefusalLog.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
@@ -82,6 +83,26 @@ platform::Result<std::unique_ptr<SettingsStore>> openStore(platform::LinuxPlatfo
                              });
 }
 
+// The product's defaults, which lie beside this program: by the domains' prefixes. A file that
+// can't be had is logged, since the product works without, if not as it was meant to.
+void registerDefaults(platform::LinuxPlatform& linux, SettingsStore& store) {
+  const std::string& program = linux.mainBundle.executablePath();
+  const std::string path = program.substr(0, program.rfind('/') + 1) + "defaults.plist";
+  const auto log = [&](const platform::Error& error) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
+                            "the product's defaults: " + describe(error));
+  };
+  const auto defaults = platform::readPropertyListFile(path);
+  if (!defaults && defaults.error().code == platform::ErrorCode::kNotFound) return;
+  if (!defaults) return log(defaults.error());
+  for (const GlobalSettingsDomain& domain : kGlobalSettingsDomains) {
+    const platform::Dictionary* ofDomain = (*defaults)[domain.prefix].dictionary();
+    if (ofDomain == nullptr) continue;
+    const auto done = store.registerDefaults(domain.connectionName, *ofDomain);
+    if (!done) log(done.error());
+  }
+}
+
 // To standard error, for whoever starts this by hand, and to the log.
 int fail(platform::SystemLog* log, const platform::Error& error) {
   const std::string why = platform::describe(error);
@@ -102,6 +123,7 @@ int main(int argc, char** argv) {
   // job host starts it again, and until then everything stays as it is.
   const auto store = openStore(linux, root);
   if (!store) return fail(&linux.systemLog, store.error());
+  registerDefaults(linux, **store);
   platform::NotificationCenter localCenter;
   platform::NamedConnections connections(*linux.runLoop, linux.peerTransport, localCenter,
                                          linux.systemLog, [&](std::string_view name) {

@@ -1,5 +1,6 @@
 // A service of the demo product: says in the log that it runs, announces its start by the
-// notification that its second argument names, if any, and runs until it is asked to end.
+// notification that its second argument names, if any, and runs until it is asked to end. Who looks
+// for the endpoint "com.vantor.demo.NAME.endpoint", NAME being its own, finds one that greets.
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,9 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "Examples/DemoProduct/GreetingEndpoint.h"
 #include "Platform/BackgroundService.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxXPC.h"
 #include "Platform/Linux/NotificationBus.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
 
@@ -47,6 +51,18 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **made;
   const auto center = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
+  const auto xpc =
+      platform::LinuxXPC::make(linux.systemLog, linux.configuration.root, std::nullopt);
+  if (!xpc) {
+    std::fputs((platform::describe(xpc.error()) + "\n").c_str(), stderr);
+    return EXIT_FAILURE;
+  }
+  platform::ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  const std::string& program = linux.mainBundle.executablePath();
+  const GreetingEndpoint endpoint(
+      (*xpc)->xpc(), *center, linux.systemInformation, protocols, linux.systemLog,
+      "com.vantor.demo." + program.substr(program.rfind('/') + 1) + ".endpoint");
   platform::BackgroundServiceClasses classes;
   classes.add("DemoService", [&] {
     return std::make_unique<DemoService>(

@@ -20,6 +20,7 @@ namespace platform {
 namespace {
 
 constexpr std::string_view kFolder = "/run/vantor/connections";
+constexpr std::string_view kMachFolder = "/run/vantor/mach";
 constexpr std::string_view kDigestMark = "sha256-";
 constexpr mode_t kMode = 01775;
 constexpr std::size_t kMaxGroupEntry = std::size_t{1} << 20;
@@ -37,6 +38,11 @@ std::string digestOf(std::string_view name) {
   std::string text(kDigestMark);
   for (unsigned int at = 0; at < size; ++at) text += fmt::format("{:02x}", digest[at]);
   return text;
+}
+
+std::string pathIn(std::string_view folder, std::string_view root, std::string_view name) {
+  const bool asItIs = isFileName(name) && !name.starts_with(kDigestMark);
+  return fmt::format("{}{}/{}", root == "/" ? "" : root, folder, asItIs ? name : digestOf(name));
 }
 
 ErrorCode codeOf(int number) {
@@ -85,8 +91,11 @@ Result<UniqueFd> makeAndOpen(const std::string& path) {
 }  // namespace
 
 std::string pathOfConnection(std::string_view root, std::string_view name) {
-  const bool asItIs = isFileName(name) && !name.starts_with(kDigestMark);
-  return fmt::format("{}{}/{}", root == "/" ? "" : root, kFolder, asItIs ? name : digestOf(name));
+  return pathIn(kFolder, root, name);
+}
+
+std::string pathOfMachService(std::string_view root, std::string_view name) {
+  return pathIn(kMachFolder, root, name);
 }
 
 Result<void> makeConnectionsFolder(const PlatformConfiguration& configuration) {

@@ -13,6 +13,9 @@ namespace platform {
 // its digest, and so is one that looks like a digest.
 std::string pathOfConnection(std::string_view root, std::string_view name);
 
+// The same of a Mach service.
+std::string pathOfMachService(std::string_view root, std::string_view name);
+
 // Makes the folder of these sockets, for the program that everything else of the root depends on.
 // It is that program's user's; the configured group may register names too, and nobody can take
 // away a name of another's. Fails with kNotFound without such a group, and with kDenied where the

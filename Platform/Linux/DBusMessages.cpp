@@ -47,6 +47,10 @@ Result<EncodedMessage> encode(std::size_t bodyBytes, Make make, Fill fill) {
   if (bodyBytes + kPeerMessageHeaderBytes <= kMaxPeerMessageBytes) {
     return EncodedMessage{std::move(message), bodyBytes + kPeerMessageHeaderBytes, 0};
   }
+  if (dbus_message_contains_unix_fds(message.get())) {
+    return invalid("endpoints in a message of more than " + std::to_string(kMaxPeerMessageBytes) +
+                   " bytes");
+  }
   dbus_message_set_serial(message.get(), 1);  // libdbus reads no message without one.
   char* marshalled = nullptr;
   int size = 0;
@@ -94,9 +98,10 @@ std::string errorNameOf(const std::string& exceptionName) {
   return dbus_validate_error_name(name.c_str(), nullptr) ? name : kExceptionPrefix;
 }
 
-Result<EncodedMessage> encodeValue(std::uint32_t serial, const Value& value) {
+Result<EncodedMessage> encodeValue(std::uint32_t serial, const Value& value,
+                                   PeerMessageContents contents) {
   const Array body = value.isNil() ? Array{} : Array{value};
-  const auto bytes = peerBodyBytes(body);
+  const auto bytes = peerBodyBytes(body, contents);
   if (!bytes) return std::unexpected(bytes.error());
   return encode(
       *bytes, [&] { return newReturn(serial); },
@@ -151,13 +156,13 @@ class Body {
   UniqueDBusMessage inner_;
 };
 
-Result<Array> readValues(DBusMessage* message) {
+Result<Array> readValues(DBusMessage* message, PeerMessageContents contents) {
   auto body = Body::of(message);
   if (!body) return std::unexpected(std::move(body.error()));
   Array values;
   DBusMessageIter iterator;
   if (!dbus_message_iter_init(body->get(), &iterator)) return values;
-  DBusValueReader reader;
+  DBusValueReader reader(contents);
   do {
     if (values.size() == kMaxPeerArguments) {
       return invalid("more than " + std::to_string(kMaxPeerArguments) + " arguments");
@@ -191,11 +196,11 @@ NSException exceptionOf(DBusMessage* message, const Array& values) {
 }  // namespace
 
 Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arguments,
-                                     PeerMessageKind kind) {
+                                     PeerMessageKind kind, PeerMessageContents contents) {
   if (auto checked = checkPeerSelector(selector, arguments.size()); !checked) {
     return std::unexpected(std::move(checked.error()));
   }
-  const auto bytes = peerBodyBytes(arguments);
+  const auto bytes = peerBodyBytes(arguments, contents);
   if (!bytes) {
     Error error = bytes.error();
     error.context.insert(0, "\"" + std::string(selector) + "\": ");
@@ -211,8 +216,9 @@ Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arg
       });
 }
 
-Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result) {
-  return result ? encodeValue(serial, *result) : encodeException(serial, result.error());
+Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result,
+                                    PeerMessageContents contents) {
+  return result ? encodeValue(serial, *result, contents) : encodeException(serial, result.error());
 }
 
 bool wantsAnswer(DBusMessage* message) {
@@ -220,7 +226,7 @@ bool wantsAnswer(DBusMessage* message) {
          !dbus_message_get_no_reply(message);
 }
 
-Result<PeerMessage> decodeMessage(DBusMessage* message) {
+Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents contents) {
   const char* interface = dbus_message_get_interface(message);
   if (interface != nullptr && std::strcmp(interface, kPeerInterface) != 0) {
     return invalid("the interface " + std::string(interface) + " instead of " + kPeerInterface);
@@ -231,7 +237,7 @@ Result<PeerMessage> decodeMessage(DBusMessage* message) {
   decoded.selector = member;
   if (decoded.selector.contains(':')) return invalid("a member with a colon");
   std::ranges::replace(decoded.selector, '_', ':');
-  auto arguments = readValues(message);
+  auto arguments = readValues(message, contents);
   if (!arguments) {
     arguments.error().context.insert(0, "\"" + decoded.selector + "\": ");
     return std::unexpected(std::move(arguments.error()));
@@ -243,8 +249,8 @@ Result<PeerMessage> decodeMessage(DBusMessage* message) {
   return decoded;
 }
 
-PeerResult decodeAnswer(DBusMessage* message) {
-  const auto values = readValues(message);
+PeerResult decodeAnswer(DBusMessage* message, PeerMessageContents contents) {
+  const auto values = readValues(message, contents);
   if (!values) return unreadable(values.error());
   if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_ERROR) {
     return std::unexpected(exceptionOf(message, *values));

@@ -24,8 +24,8 @@ namespace platform {
 //              first text count.
 //
 // org.freedesktop.DBus.Peer.Ping is answered too. A message that would be too large has the body
-// "ht" instead: a sealed memory file with the whole message as D-Bus lays it out, of which the body
-// counts, and that message's size.
+// "ht" instead (none that carries an endpoint, a descriptor too, is moved so): a sealed memory file
+// with the whole message as D-Bus lays it out, of which the body counts, and that message's size.
 inline constexpr char kPeerInterface[] = "com.vantor.Peer";
 
 enum class PeerMessageKind { kTwoWay, kOneWay };
@@ -38,15 +38,19 @@ struct EncodedMessage {
 
 // Everything is checked first: kInvalid says what can't travel.
 Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arguments,
-                                     PeerMessageKind kind);
+                                     PeerMessageKind kind,
+                                     PeerMessageContents contents = PeerMessageContents::kValues);
 // The answer to the call with this serial number.
-Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result);
+Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result,
+                                    PeerMessageContents contents = PeerMessageContents::kValues);
 
 bool wantsAnswer(DBusMessage* message);
 
 // A method call or a signal. Without the reply object.
-Result<PeerMessage> decodeMessage(DBusMessage* message);
+Result<PeerMessage> decodeMessage(DBusMessage* message,
+                                  PeerMessageContents contents = PeerMessageContents::kValues);
 // A method return or an error. What can't be read is an NSInvalidArgumentException of ours.
-PeerResult decodeAnswer(DBusMessage* message);
+PeerResult decodeAnswer(DBusMessage* message,
+                        PeerMessageContents contents = PeerMessageContents::kValues);
 
 }  // namespace platform

@@ -66,7 +66,8 @@ class DBusPeerLink::Reply final : public PeerReply {
 
 Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
                                                            UniqueDBusConnection connection,
-                                                           WhileWaiting whileWaiting) {
+                                                           WhileWaiting whileWaiting,
+                                                           PeerMessageContents contents) {
   int socket = -1;
   if (!dbus_connection_get_socket(connection.get(), &socket)) {
     return std::unexpected(Error{ErrorCode::kSystem, 0, "a D-Bus connection without a socket"});
@@ -76,7 +77,8 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
     return std::unexpected(systemError("SO_PEERCRED"));
   }
-  auto link = std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, socket);
+  auto link =
+      std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, contents, socket);
   link->peer_ = {credentials.pid, credentials.uid, credentials.gid};
   DBusPeerLink* self = link.get();  // It outlives its sources.
   auto sources = DBusSources::attach(loop, link->connection_.get(),
@@ -89,10 +91,11 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
 }
 
 DBusPeerLink::DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection,
-                           WhileWaiting whileWaiting, int socket)
+                           WhileWaiting whileWaiting, PeerMessageContents contents, int socket)
     : loop_(loop),
       socket_(socket),
       whileWaiting_(whileWaiting),
+      contents_(contents),
       connection_(std::move(connection)),
       handlers_(std::make_shared<PeerHandlers>()) {
   dbus_connection_set_exit_on_disconnect(connection_.get(), false);
@@ -169,8 +172,9 @@ void DBusPeerLink::dispatch() {
   if (!authenticated_) return;
   collect();
   if (!dbus_connection_get_is_connected(connection_.get())) {
-    return scheduleDeath(
-        Error{ErrorCode::kNotFound, 0, "the peer has ended or broken the protocol"});
+    return scheduleDeath(sources_->wasGivenUp()
+                             ? Error{ErrorCode::kInvalid, 0, "the peer has broken the protocol"}
+                             : Error{ErrorCode::kNotFound, 0, "the peer has ended"});
   }
   deliverOne();
   if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
@@ -226,7 +230,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
     if (twoWay) std::ignore = answer(serial, Value());
     return;
   }
-  auto decoded = decodeMessage(message.get());
+  auto decoded = decodeMessage(message.get(), contents_);
   message.reset();  // Its bytes no longer count as unread.
   const auto handlers = handlers_;
   std::string problem;
@@ -251,7 +255,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
 void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
   auto answered = outstanding_.extract(dbus_message_get_reply_serial(message.get()));
   if (answered.empty()) return;
-  const PeerResult result = decodeAnswer(message.get());
+  const PeerResult result = decodeAnswer(message.get(), contents_);
   message.reset();
   answered.mapped().completion(result);
 }

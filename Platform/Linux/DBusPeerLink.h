@@ -35,10 +35,11 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
 
   static Result<std::shared_ptr<DBusPeerLink>> create(AsioRunLoop& loop,
                                                       UniqueDBusConnection connection,
-                                                      WhileWaiting whileWaiting);
+                                                      WhileWaiting whileWaiting,
+                                                      PeerMessageContents contents);
 
   DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection, WhileWaiting whileWaiting,
-               int socket);
+               PeerMessageContents contents, int socket);
   DBusPeerLink(const DBusPeerLink&) = delete;
   DBusPeerLink& operator=(const DBusPeerLink&) = delete;
 
@@ -104,6 +105,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   PeerCredentials peer_;
   const int socket_;
   const WhileWaiting whileWaiting_;
+  const PeerMessageContents contents_;
   UniqueDBusConnection connection_;
   std::unique_ptr<DBusSources> sources_;  // Goes before the connection.
   bool authenticated_ = false;

@@ -52,7 +52,7 @@ PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments,
   const auto self = shared_from_this();
   const Instant deadline = instantAfter(loop_.now(), timeout);
   if (!isConnected()) return raisedGone();
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay);
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay, contents_);
   if (!encoded) return raised(kNSInvalidArgumentException, describe(encoded.error()));
   if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
     return raised(kNSInvalidArgumentException, "Too many calls await their answer.");
@@ -77,7 +77,7 @@ PeerResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
     if (!ended_) collect();
     const auto found = outstanding_.find(serial);
     if (found != outstanding_.end() && found->second.answer) {
-      return decodeAnswer(found->second.answer.get());
+      return decodeAnswer(found->second.answer.get(), contents_);
     }
     if (ended_ || closed_) return raisedGone();
     if (loop_.now() >= deadline) return raisedTimeout();
@@ -116,7 +116,7 @@ void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, 
     });
   };
   if (!isConnected()) return failLater(raisedGone().error());
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay);
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay, contents_);
   if (!encoded) {
     return failLater({kNSInvalidArgumentException, describe(encoded.error()), {}});
   }
@@ -139,7 +139,7 @@ void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, 
 
 Result<void> DBusPeerLink::send(std::string_view selector, const Array& arguments) {
   if (!isConnected()) return std::unexpected(gone());
-  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kOneWay);
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kOneWay, contents_);
   if (!encoded) return std::unexpected(std::move(encoded.error()));
   if (!hasRoom(*encoded)) {
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "the peer leaves too much unread"});
@@ -152,7 +152,7 @@ Result<void> DBusPeerLink::send(std::string_view selector, const Array& argument
 Result<void> DBusPeerLink::answer(std::uint32_t serial, const PeerResult& result) {
   if (!isConnected()) return std::unexpected(gone());
   Result<void> outcome;
-  auto encoded = encodeAnswer(serial, result);
+  auto encoded = encodeAnswer(serial, result, contents_);
   if (!encoded) {
     outcome = std::unexpected(encoded.error());
     encoded =
@@ -174,6 +174,12 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
   const auto unread =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
+  // Each that libdbus has not written yet is a descriptor of ours.
+  if (dbus_connection_get_outgoing_unix_fds(connection_.get()) >=
+          static_cast<long>(kMaxPeerDescriptors) &&
+      dbus_message_contains_unix_fds(message.message.get())) {
+    return false;
+  }
   if (message.fileBytes == 0) return true;
   // libdbus does not count the files, and the socket takes hundreds of descriptors.
   int inSocket = 0;
@@ -184,10 +190,11 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
 }
 
 Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
-  if (message.fileBytes > 0 &&
+  if (dbus_message_contains_unix_fds(message.message.get()) &&
       !dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD)) {
-    return std::unexpected(
-        Error{ErrorCode::kInvalid, 0, "a large message to a peer that takes no descriptors"});
+    return std::unexpected(Error{ErrorCode::kInvalid, 0,
+                                 "a large message or an endpoint to a peer that takes no "
+                                 "descriptors"});
   }
   dbus_uint32_t serial = 0;
   if (!dbus_connection_send(connection_.get(), message.message.get(), &serial)) {

@@ -71,7 +71,7 @@ DBusPeerListener::~DBusPeerListener() {
 void DBusPeerListener::accepted(DBusConnection* connection) {
   acceptedOne_ = true;
   auto created = DBusPeerLink::create(loop_, UniqueDBusConnection(dbus_connection_ref(connection)),
-                                      options_.whileWaiting);
+                                      options_.whileWaiting, options_.contents);
   if (!created) return;
   const std::shared_ptr<DBusPeerLink>& link = *created;
   const std::uint32_t user = link->peer().user;

@@ -11,6 +11,8 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "Platform/Linux/DBusMessages.h"
 #include "Platform/Linux/PeerThreads_contract.h"
@@ -137,6 +139,27 @@ TEST_F(DBusPeerStrangersTest, BytesThatAreNoMessageAreRefused) {
   expectNothingElseDisturbed();
 }
 
+TEST_F(DBusPeerStrangersTest, WhoBreaksTheProtocolIsToldApartFromWhoJustGoes) {
+  start();
+  {
+    RawPeer peer(path());
+    peer.authenticate();
+  }
+  runUntilNoted("client died");
+  {  // In the middle of a message.
+    RawPeer peer(path());
+    peer.authenticate();
+    peer.write(messageOfBytes(200).substr(0, 100));
+  }
+  runUntilNoted("client died", 2);
+  EXPECT_EQ(journal_.count("the peer has broken the protocol"), 0u);
+  RawPeer peer(path());
+  peer.authenticate();
+  peer.write(std::string(64, 'x'));
+  runUntilNoted("the peer has broken the protocol");
+  EXPECT_EQ(journal_.count("client died"), 3u);
+}
+
 TEST_F(DBusPeerStrangersTest, AMessageIsOfSoManyBytesAndNoMore) {
   start();
   for (const std::size_t size : {kMaxPeerMessageBytes - 1, kMaxPeerMessageBytes}) {
@@ -206,6 +229,40 @@ TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromWhoIsAdmitted) 
   const auto another = connect();  // The newest is let in.
   ASSERT_TRUE(another);
   EXPECT_TRUE(another->call("echo:", {Value(1)}, 60s));
+}
+
+// What this thread connects to while this lives sees an ordinary user. The other threads stay root,
+// for which the library's function is no good.
+class AsOrdinaryUser {
+ public:
+  AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0); }
+  AsOrdinaryUser(const AsOrdinaryUser&) = delete;
+  AsOrdinaryUser& operator=(const AsOrdinaryUser&) = delete;
+  ~AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0); }
+};
+
+TEST_F(DBusPeerStrangersTest, AnOrdinaryUserHoldsSoManyConnectionsAndNoMore) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  start({.socketMode = 0666, .connectionsPerUser = 2});
+  ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
+  const auto connected = [&] {
+    const AsOrdinaryUser user;
+    auto peer = std::make_unique<RawPeer>(path());
+    peer->authenticate();
+    return peer;
+  };
+  const auto first = connected();
+  auto second = connected();
+  {
+    const AsOrdinaryUser user;
+    EXPECT_TRUE(RawPeer(path()).awaitClose());
+  }
+  expectNothingElseDisturbed();
+  RawPeer(path()).authenticate();  // Root is not counted with others.
+  runUntilNoted("client died");
+  second.reset();
+  runUntilNoted("client died", 2);
+  second = connected();
 }
 
 TEST_F(DBusPeerStrangersTest, AMessageBringsSoManyDescriptorsAndNoMore) {

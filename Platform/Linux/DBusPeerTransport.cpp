@@ -10,6 +10,7 @@
 #include "Platform/Linux/DBusConnecting.h"
 #include "Platform/Linux/DBusPeerLink.h"
 #include "Platform/Linux/DBusPeerListener.h"
+#include "Platform/Linux/SocketEndpoint.h"
 #include "Platform/Linux/SocketName.h"
 #include "Platform/TimerQueue.h"
 
@@ -110,6 +111,10 @@ DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop) : loop_(loop) {
 Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::string& path,
                                                                 const PeerListenerOptions& options,
                                                                 NewConnection onConnection) {
+  if (auto passed = passed_.extract(path); !passed.empty()) {
+    return DBusPeerListener::create(loop_, UniqueDBusServer(passed.mapped().release()),
+                                    std::nullopt, options, wrapping(std::move(onConnection)));
+  }
   UniqueDBusServer server;
   auto name = SocketName::take(path, options.socketMode, [&](const std::string& bindPath) {
     auto listening = listenAt("unix:path=" + bindPath);
@@ -120,6 +125,27 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
   if (!name) return std::unexpected(std::move(name.error()));
   return DBusPeerListener::create(loop_, std::move(server), std::move(*name), options,
                                   wrapping(std::move(onConnection)));
+}
+
+Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
+    const PeerListenerOptions& options, NewConnection onConnection) {
+  UniqueDBusServer server;
+  auto made = SocketEndpoint::make([&](const std::string& path) {
+    auto listening = listenAt("unix:path=" + path);
+    if (!listening) return Result<void>(std::unexpected(std::move(listening.error())));
+    server = std::move(*listening);
+    return Result<void>();
+  });
+  if (!made) return std::unexpected(std::move(made.error()));
+  auto listener = DBusPeerListener::create(loop_, std::move(server),
+                                           SocketName::nameless(std::move(made->birthplace)),
+                                           options, wrapping(std::move(onConnection)));
+  if (!listener) return std::unexpected(std::move(listener.error()));
+  return Anonymous{std::move(*listener), std::move(made->endpoint)};
+}
+
+void DBusPeerTransport::adopt(std::string path, PassedServer passed) {
+  passed_.insert_or_assign(std::move(path), std::move(passed));
 }
 
 Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listenOn(
@@ -150,7 +176,8 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTrans
   if (!connection) {
     return std::unexpected(PeerConnectFailure{Kind::kSystem, std::move(connection.error())});
   }
-  auto link = DBusPeerLink::create(loop_, std::move(*connection), options.whileWaiting);
+  auto link =
+      DBusPeerLink::create(loop_, std::move(*connection), options.whileWaiting, options.contents);
   if (!link) return std::unexpected(PeerConnectFailure{Kind::kSystem, std::move(link.error())});
   if (!(*link)->awaitWelcome(deadline)) {
     const bool timedOut = (*link)->isConnected();
@@ -159,6 +186,17 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTrans
                     : failed(Kind::kRefused, "the other side has closed");
   }
   return std::make_unique<DBusPeerConnection>(std::move(*link));
+}
+
+std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure>
+DBusPeerTransport::connectToEndpoint(const NSXPCListenerEndpoint& endpoint,
+                                     const PeerConnectOptions& options) {
+  const auto* socket = dynamic_cast<const SocketEndpoint*>(&endpoint);
+  if (socket == nullptr) {
+    return std::unexpected(PeerConnectFailure{
+        Kind::kSystem, Error{ErrorCode::kInvalid, 0, "an endpoint of another transport"}});
+  }
+  return connect(socket->path(), options);
 }
 
 }  // namespace platform

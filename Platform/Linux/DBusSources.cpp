@@ -21,6 +21,11 @@ unsigned wantedOf(const std::vector<DBusWatch*>& watches) {
   return wanted;
 }
 
+bool isOpenAtTheOtherEnd(Descriptor socket) {
+  pollfd entry{socket, POLLRDHUP, 0};
+  return ::poll(&entry, 1, 0) == 0;
+}
+
 std::unexpected<Error> noRoom() {
   return std::unexpected(Error{ErrorCode::kExhausted, 0, "waiting for a D-Bus socket"});
 }
@@ -150,6 +155,7 @@ void DBusSources::removeWatch(DBusWatch* watch, void* self) {
   for (auto entry = sources->entries_.begin(); entry != sources->entries_.end(); ++entry) {
     if (std::erase((*entry)->watches, watch) == 0) continue;
     if ((*entry)->watches.empty()) {
+      sources->wasGivenUp_ = isOpenAtTheOtherEnd((*entry)->descriptor);
       sources->armWriting(**entry, false);
       sources->entries_.erase(entry);
     } else {

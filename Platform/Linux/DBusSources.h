@@ -61,6 +61,11 @@ class DBusSources {
   void pause();
   void resume();
 
+  // Whether libdbus gave the last descriptor up although the other side still had its end open, as
+  // it does with a peer that breaks the protocol. It says so nowhere itself, and of a peer that
+  // breaks it and closes at once nobody can tell.
+  bool wasGivenUp() const { return wasGivenUp_; }
+
   // The first descriptor, -1 where there is none (any more).
   Descriptor descriptor() const;
 
@@ -105,6 +110,7 @@ class DBusSources {
   std::uint64_t lastWriter_ = 0;
   bool dispatchPosted_ = false;
   bool paused_ = false;
+  bool wasGivenUp_ = false;
 };
 
 }  // namespace platform

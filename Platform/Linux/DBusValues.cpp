@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/SocketEndpoint.h"
 #include "Platform/PeerLimits.h"
 
 namespace platform {
@@ -32,9 +33,10 @@ const char* signatureOf(const Value& value) {
       return "av";
     case Value::Type::kDictionary:
       return "a{sv}";
+    case Value::Type::kRemoteObject:  // The rules have refused all but endpoints.
+      return "h";
     case Value::Type::kNil:
     case Value::Type::kNullMarker:
-    case Value::Type::kRemoteObject:  // Refused by the rules.
       break;
   }
   return "(y)";
@@ -88,6 +90,13 @@ bool appendInStruct(DBusMessageIter* into, int type, const void* content) {
   });
 }
 
+bool appendEndpoint(DBusMessageIter* into, const Value& value) {
+  const auto endpoint = std::dynamic_pointer_cast<const SocketEndpoint>(value.remoteObject());
+  if (!endpoint) return false;
+  const int descriptor = endpoint->descriptor();
+  return dbus_message_iter_append_basic(into, DBUS_TYPE_UNIX_FD, &descriptor);
+}
+
 bool appendContent(DBusMessageIter* into, const Value& value) {
   switch (value.type()) {
     case Value::Type::kBoolean: {
@@ -116,8 +125,9 @@ bool appendContent(DBusMessageIter* into, const Value& value) {
       return appendDictionary(into, *value.dictionary());
     case Value::Type::kNullMarker:
       return appendInStruct(into, DBUS_TYPE_BYTE, &kNullMark);
-    case Value::Type::kNil:
     case Value::Type::kRemoteObject:
+      return appendEndpoint(into, value);
+    case Value::Type::kNil:
       break;
   }
   return appendInStruct(into, DBUS_TYPE_BYTE, &kNilMark);
@@ -160,6 +170,9 @@ Result<Value> DBusValueReader::read(DBusMessageIter* from) {
       return readArray(from);
     case DBUS_TYPE_STRUCT:
       return readStruct(from);
+    case DBUS_TYPE_UNIX_FD:
+      if (contents_ == PeerMessageContents::kValuesAndEndpoints) return readEndpoint(from);
+      [[fallthrough]];
     default:
       return readScalar(from, type);
   }
@@ -195,6 +208,14 @@ Result<Value> DBusValueReader::readScalar(DBusMessageIter* from, int type) {
     default:
       return invalid("a descriptor where a value is expected");
   }
+}
+
+Result<Value> DBusValueReader::readEndpoint(DBusMessageIter* from) {
+  UniqueFd descriptor(basic<int>(from));  // One of our own, which libdbus has made for this.
+  if (!descriptor) return invalid("a descriptor that can't be had");
+  auto endpoint = SocketEndpoint::of(std::move(descriptor));
+  if (!endpoint) return std::unexpected(std::move(endpoint.error()));
+  return Value(std::shared_ptr<const RemoteObject>(std::move(*endpoint)));
 }
 
 Result<Value> DBusValueReader::readArray(DBusMessageIter* from) {

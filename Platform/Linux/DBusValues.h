@@ -5,6 +5,7 @@
 #include <dbus/dbus.h>
 
 #include "Platform/Error.h"
+#include "Platform/PeerMessageRules.h"
 #include "Platform/Value.h"
 
 namespace platform {
@@ -19,16 +20,21 @@ bool appendVariant(DBusMessageIter* into, const Value& value);
 // by kMaxPeerDepth and kMaxPeerNodes for all that one reader reads.
 class DBusValueReader {
  public:
+  explicit DBusValueReader(PeerMessageContents contents = PeerMessageContents::kValues)
+      : contents_(contents) {}
+
   // The value that the iterator stands on. Fails with kInvalid, saying what can't be a value.
   Result<Value> read(DBusMessageIter* from);
 
  private:
+  Result<Value> readEndpoint(DBusMessageIter* from);
   Result<Value> readScalar(DBusMessageIter* from, int type);
   Result<Value> readArray(DBusMessageIter* from);
   Result<Value> readElements(DBusMessageIter* elements);
   Result<Value> readEntries(DBusMessageIter* entries);
   Result<Value> readStruct(DBusMessageIter* from);
 
+  const PeerMessageContents contents_;
   std::size_t nodes_ = 0;
   std::size_t depth_ = 0;
 };

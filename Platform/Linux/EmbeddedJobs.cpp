@@ -1,6 +1,7 @@
 #include "Platform/Linux/EmbeddedJobs.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -25,6 +26,8 @@ NSError errorOf(LaunchdError code, std::string text) {
 }
 
 NSError errorOf(const Error& error) {
+  // Not unavailable, which who is told takes for "not running".
+  if (error.osError == ETIMEDOUT) return errorOf(LaunchdError::kInternal, describe(error));
   switch (error.code) {
     case ErrorCode::kDenied:
       return errorOf(LaunchdError::kNotAuthorized, describe(error));

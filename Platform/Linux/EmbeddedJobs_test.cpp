@@ -50,6 +50,7 @@ class ScriptedHost {
   }
 
   void die() { transport_.die(); }
+  void hang() { transport_.hang(); }
 
   std::vector<std::string> asked;
   int connections = 0;
@@ -148,6 +149,15 @@ TEST_F(EmbeddedJobsTest, AHostThatIsNotThereIsWaitedForFiveSeconds) {
             5s);
 }
 
+TEST_F(EmbeddedJobsTest, AHostThatIsThereAndAcceptsNobodyIsSaidToBeThere) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_EQ(timeOf([&] {
+              expectError(submit(), LaunchdError::kInternal, "is there, but does not answer");
+            }),
+            5s);
+}
+
 TEST_F(EmbeddedJobsTest, AHostThatComesInTimeIsAsked) {
   loop_.scheduleOutsideEvent(4900ms, [this] { startHost(answering(Value())); });
   EXPECT_TRUE(submit());
@@ -198,10 +208,9 @@ TEST_F(EmbeddedJobsTest, ARemovalThatIsRepeatedAndFindsNoJobHasBeenDone) {
 
 TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
   startHost(keeping());
-  EXPECT_EQ(timeOf([&] {
-              expectError(submit(), LaunchdError::kUnavailable, "did not answer within 30 s");
-            }),
-            30s);
+  EXPECT_EQ(
+      timeOf([&] { expectError(submit(), LaunchdError::kInternal, "did not answer within 30 s"); }),
+      30s);
 }
 
 struct RemovalTime {
@@ -220,7 +229,7 @@ TEST_F(EmbeddedJobsTest, ARemovalMayTakeAsLongAsTheJobIsGivenToEnd) {
       if (message.selector == kCopyJobMessage) return answering(job)(std::move(message));
       kept_.push_back(std::move(message));
     });
-    EXPECT_EQ(timeOf([&] { expectError(remove(), LaunchdError::kUnavailable, "did not answer"); }),
+    EXPECT_EQ(timeOf([&] { expectError(remove(), LaunchdError::kInternal, "did not answer"); }),
               time);
     kept_.clear();
     host_->die();
@@ -393,7 +402,7 @@ TEST_F(AsynchronousRemovalTest, AHostThatIsStuckIsGivenUpAndNotAskedAgain) {
   const auto removed = startRemoval();
   loop_.advanceBy(50s);
   ASSERT_TRUE(*removed);
-  expectError(**removed, LaunchdError::kUnavailable, "did not answer within 50 s");
+  expectError(**removed, LaunchdError::kInternal, "did not answer within 50 s");
   EXPECT_EQ(kept_.size(), 1u);
 }
 

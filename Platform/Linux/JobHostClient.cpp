@@ -11,7 +11,12 @@ using namespace std::chrono_literals;
 // How often a host that is not there is looked for.
 constexpr Duration kLookEvery = 50ms;
 
-Error unreachable(const PeerConnectFailure& failure) {
+Error unreachable(const PeerConnectFailure& failure, const std::string& socket) {
+  if (failure.kind == PeerConnectFailure::Kind::kTimedOut) {
+    // Somebody holds the socket: to start another host would be no help.
+    return Error{ErrorCode::kSystem, ETIMEDOUT,
+                 "the job host at " + socket + " is there, but does not answer"};
+  }
   Error error = failure.error;
   error.context = "the job host can't be reached: " + error.context;
   switch (failure.kind) {
@@ -67,7 +72,7 @@ Result<void> JobHostClient::connect(Instant deadline) {
     const auto connected = connectOnce();
     if (connected) return {};
     if (!mayPass(connected.error()) || loop_.now() >= deadline) {
-      return std::unexpected(unreachable(connected.error()));
+      return std::unexpected(unreachable(connected.error(), socket_));
     }
     loop_.sleepFor(kLookEvery);
   }
@@ -128,7 +133,7 @@ void JobHostClient::ask(RequestId id) {
       if (mayPass(connected.error()) && loop_.now() < request.deadline) {
         return tryLater(id, kLookEvery);
       }
-      return complete(id, std::unexpected(unreachable(connected.error())));
+      return complete(id, std::unexpected(unreachable(connected.error(), socket_)));
     }
   }
   request.nextTry.reset();

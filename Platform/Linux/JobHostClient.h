@@ -37,7 +37,8 @@ class JobHostClient {
 
   // Blocks until the host has answered, for `timeout` at most once it has been reached. Fails with
   // kDenied where this user may not connect, with kNotFound where no host was there, with another
-  // kind where it did not answer; `osError` is set where the system gave a reason.
+  // kind where it did not answer; `osError` is ETIMEDOUT where it is there and does not answer, and
+  // otherwise set where the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
   using Completion = std::move_only_function<void(Result<Answer>)>;

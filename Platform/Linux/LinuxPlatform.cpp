@@ -21,11 +21,13 @@ bool hasReadabilityHandlers(const PlatformConfiguration& configuration) {
 
 }  // namespace
 
-LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::uint64_t originalDescriptorLimit_,
+LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::optional<PassedSocket> passedSocket_,
+                             std::uint64_t originalDescriptorLimit_,
                              PlatformConfiguration configuration_, Bundle mainBundle_,
                              std::unique_ptr<LogSink> logSink_,
                              std::unique_ptr<AsioRunLoop> runLoop_)
     : readiness(std::move(readiness_)),
+      passedSocket(std::move(passedSocket_)),
       originalDescriptorLimit(originalDescriptorLimit_),
       configuration(std::move(configuration_)),
       mainBundle(std::move(mainBundle_)),
@@ -52,6 +54,8 @@ Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeAt(const std::string& 
 Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeWith(
     const std::function<Result<std::string>(const std::string& executable)>& findRoot) {
   ServiceNotify readiness = ServiceNotify::takeFromEnvironment();
+  auto passedSocket = PassedSocket::takeFromEnvironment();
+  if (!passedSocket) return std::unexpected(std::move(passedSocket.error()));
   auto descriptorLimit = raiseDescriptorLimit();
   if (!descriptorLimit) return std::unexpected(std::move(descriptorLimit.error()));
   const auto executable = runningExecutablePath();
@@ -67,9 +71,9 @@ Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeWith(
   if (!logSink) return std::unexpected(std::move(logSink.error()));
   auto runLoop = AsioRunLoop::create();
   if (!runLoop) return std::unexpected(std::move(runLoop.error()));
-  return std::unique_ptr<LinuxPlatform>(
-      new LinuxPlatform(std::move(readiness), *descriptorLimit, *std::move(configuration),
-                        *std::move(mainBundle), *std::move(logSink), *std::move(runLoop)));
+  return std::unique_ptr<LinuxPlatform>(new LinuxPlatform(
+      std::move(readiness), *std::move(passedSocket), *descriptorLimit, *std::move(configuration),
+      *std::move(mainBundle), *std::move(logSink), *std::move(runLoop)));
 }
 
 }  // namespace platform

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "Platform/Linux/LinuxFileManager.h"
 #include "Platform/Linux/LinuxSystemInformation.h"
 #include "Platform/Linux/LinuxTasks.h"
+#include "Platform/Linux/PassedSocket.h"
 #include "Platform/Linux/PidfdExitWatcher.h"
 #include "Platform/Linux/ServiceNotify.h"
 #include "Platform/Linux/StandardErrorLogSink.h"
@@ -42,8 +44,9 @@ struct LinuxPlatform {
   LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
   ServiceNotify readiness;
-  std::uint64_t originalDescriptorLimit;  // what programs that are started from here get back
-  PlatformConfiguration configuration;    // with the log sink that was chosen
+  std::optional<PassedSocket> passedSocket;  // of the Mach service that this program serves
+  std::uint64_t originalDescriptorLimit;     // what programs that are started from here get back
+  PlatformConfiguration configuration;       // with the log sink that was chosen
   Bundle mainBundle;
   LinuxSystemInformation systemInformation;
   std::vector<std::string> preferredLanguages;
@@ -67,9 +70,10 @@ struct LinuxPlatform {
   static Result<std::unique_ptr<LinuxPlatform>> makeWith(
       const std::function<Result<std::string>(const std::string& executable)>& findRoot);
 
-  LinuxPlatform(ServiceNotify readiness, std::uint64_t originalDescriptorLimit,
-                PlatformConfiguration configuration, Bundle mainBundle,
-                std::unique_ptr<LogSink> logSink, std::unique_ptr<AsioRunLoop> runLoop);
+  LinuxPlatform(ServiceNotify readiness, std::optional<PassedSocket> passedSocket,
+                std::uint64_t originalDescriptorLimit, PlatformConfiguration configuration,
+                Bundle mainBundle, std::unique_ptr<LogSink> logSink,
+                std::unique_ptr<AsioRunLoop> runLoop);
 };
 
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -24,6 +25,12 @@ class SocketName {
   // Binds where nobody else can connect yet, sets the mode, and only then gives it its name, which
   // may be longer than a socket's address. Fails as PeerTransport::listen() says.
   static Result<SocketName> take(const std::string& path, std::uint32_t mode, const Bind& bind);
+
+  // Of a socket that has no name any more, in a folder that `birthplace` keeps, gone from its
+  // parent too.
+  static SocketName nameless(UniqueFd birthplace) {
+    return {UniqueFd(), std::string(), std::move(birthplace)};
+  }
 
   SocketName(SocketName&& other) noexcept = default;
   SocketName& operator=(SocketName&& other) noexcept = default;

@@ -27,11 +27,22 @@ std::unexpected<NSException> raisedGone() {
 
 Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
-Result<std::size_t> checkedBytes(std::string_view selector, const Array& arguments) {
+// A name that nobody can guess.
+class FakeEndpoint final : public NSXPCListenerEndpoint {
+ public:
+  explicit FakeEndpoint(std::string path) : path_(std::move(path)) {}
+  const std::string& path() const { return path_; }
+
+ private:
+  const std::string path_;
+};
+
+Result<std::size_t> checkedBytes(std::string_view selector, const Array& arguments,
+                                 PeerMessageContents contents) {
   if (auto checked = checkPeerSelector(selector, arguments.size()); !checked) {
     return std::unexpected(std::move(checked.error()));
   }
-  return peerBodyBytes(arguments);
+  return peerBodyBytes(arguments, contents);
 }
 
 }  // namespace
@@ -54,8 +65,8 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     std::optional<PeerResult> answer;
   };
 
-  End(FakePeerTransport& process, WhileWaiting whileWaiting)
-      : process_(process), whileWaiting_(whileWaiting) {}
+  End(FakePeerTransport& process, WhileWaiting whileWaiting, PeerMessageContents contents)
+      : process_(process), whileWaiting_(whileWaiting), contents_(contents) {}
 
   VirtualRunLoop& loop() { return process_.network_.loop(); }
   bool isConnected() const { return !ended_ && !other_->ended_; }
@@ -140,6 +151,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
 
   FakePeerTransport& process_;
   const WhileWaiting whileWaiting_;
+  const PeerMessageContents contents_;
   PeerCredentials peer_;
   std::shared_ptr<End> other_;  // until both have ended
   std::shared_ptr<PeerHandlers> handlers_ = std::make_shared<PeerHandlers>();
@@ -232,7 +244,7 @@ PeerResult FakePeerTransport::End::call(std::string_view selector, const Array& 
                                         Duration timeout) {
   const auto self = shared_from_this();
   if (!isConnected()) return raisedGone();
-  const auto bytes = checkedBytes(selector, arguments);
+  const auto bytes = checkedBytes(selector, arguments, contents_);
   if (!bytes) return raised(kNSInvalidArgumentException, describe(bytes.error()));
   if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
     return raised(kNSInvalidArgumentException, "Too many calls await their answer.");
@@ -289,7 +301,7 @@ void FakePeerTransport::End::callAsync(std::string_view selector, const Array& a
     });
   };
   if (!isConnected()) return failLater(raisedGone().error());
-  const auto bytes = checkedBytes(selector, arguments);
+  const auto bytes = checkedBytes(selector, arguments, contents_);
   if (!bytes) return failLater({kNSInvalidArgumentException, describe(bytes.error()), {}});
   if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
     return failLater({kNSInvalidArgumentException, "Too many calls await their answer.", {}});
@@ -310,7 +322,7 @@ void FakePeerTransport::End::callAsync(std::string_view selector, const Array& a
 
 Result<void> FakePeerTransport::End::send(std::string_view selector, const Array& arguments) {
   if (!isConnected()) return std::unexpected(gone());
-  const auto bytes = checkedBytes(selector, arguments);
+  const auto bytes = checkedBytes(selector, arguments, contents_);
   if (!bytes) return std::unexpected(bytes.error());
   if (!transmit({Item::Kind::kRequest, 0, std::string(selector), arguments, {}, *bytes})) {
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "the peer leaves too much unread"});
@@ -321,7 +333,7 @@ Result<void> FakePeerTransport::End::send(std::string_view selector, const Array
 Result<void> FakePeerTransport::End::answer(std::uint32_t serial, const PeerResult& result) {
   if (!isConnected()) return std::unexpected(gone());
   Item item{Item::Kind::kAnswer, serial, {}, {}, result, 0};
-  const auto bytes = result ? peerBodyBytes(result->isNil() ? Array{} : Array{*result})
+  const auto bytes = result ? peerBodyBytes(result->isNil() ? Array{} : Array{*result}, contents_)
                             : peerBodyBytes(result.error());
   if (bytes) {
     item.bytes = *bytes;
@@ -513,8 +525,9 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> FakePeerTrans
   const auto answers = [&] { return there.mayServe(nullptr); };
   if (!network_.loop_.waitFor(options.timeout, answers)) return failed(Kind::kTimedOut, 0);
 
-  const auto ours = std::make_shared<End>(*this, options.whileWaiting);
-  const auto theirs = std::make_shared<End>(there, listener.options_.whileWaiting);
+  const auto ours = std::make_shared<End>(*this, options.whileWaiting, options.contents);
+  const auto theirs =
+      std::make_shared<End>(there, listener.options_.whileWaiting, listener.options_.contents);
   ours->join(theirs);
   theirs->join(ours);
   ends_.push_back(ours);
@@ -525,6 +538,20 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> FakePeerTrans
     return failed(Kind::kRefused, 0);
   }
   return std::make_unique<Connection>(ours);
+}
+
+Result<PeerTransport::Anonymous> FakePeerTransport::listenAnonymously(
+    const PeerListenerOptions& options, NewConnection onConnection) {
+  const std::string path = "anonymous/" + std::to_string(++network_.anonymous_);
+  auto listener = listen(path, options, std::move(onConnection));
+  if (!listener) return std::unexpected(std::move(listener.error()));
+  return Anonymous{std::move(*listener), std::make_shared<FakeEndpoint>(path)};
+}
+
+std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure>
+FakePeerTransport::connectToEndpoint(const NSXPCListenerEndpoint& endpoint,
+                                     const PeerConnectOptions& options) {
+  return connect(dynamic_cast<const FakeEndpoint&>(endpoint).path(), options);
 }
 
 void FakePeerTransport::hang() { hung_ = true; }

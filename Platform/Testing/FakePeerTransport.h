@@ -28,6 +28,7 @@ class FakePeerNetwork {
   VirtualRunLoop& loop_;
   class Listener;
   std::map<std::string, Listener*> listeners_;
+  std::size_t anonymous_ = 0;  // of those, made so far
 };
 
 // The connections of one process. All processes share the virtual loop and the test's one thread: a
@@ -46,12 +47,16 @@ class FakePeerTransport final : public PeerTransport {
   Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
                                                const PeerListenerOptions& options,
                                                NewConnection onConnection) override;
+  Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
+                                      NewConnection onConnection) override;
   // Any number: the descriptor stands for a name "passed/NUMBER" to connect to.
   Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
                                                  const PeerListenerOptions& options,
                                                  NewConnection onConnection) override;
   std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
       const std::string& path, const PeerConnectOptions& options) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connectToEndpoint(
+      const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) override;
 
   // The process takes nothing from its sockets until it is let go on.
   void hang();

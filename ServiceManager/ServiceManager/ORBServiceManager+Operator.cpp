@@ -111,7 +111,8 @@ Value ORBServiceManager::operatorFactsOfService(std::string_view label) const {
 }
 
 void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view label) const {
-  const std::string* program = jobInfoWithLabel(label, serviceInfo_)["Program"].string();
+  const Value jobInfo = jobInfoWithLabel(label, serviceInfo_);
+  const std::string* program = jobInfo["Program"].string();
   if (program) {
     facts.set(kFactProgram, *program);
     const bool exists = platform_.files.fileExistsAtPath(*program);

@@ -106,8 +106,17 @@ bool ORBServiceManager::checkOSSupportForService(const std::string& label) {
 
 Value ORBServiceManager::getLastLoggedInUserHomeDirectory() {
   // A client of its own: the answer must not depend on what the catalogue's features made before.
-  const auto* factory = platform_.settingsClientFactories.find("cmxSettingsClientWithDelegate:");
-  if (!factory) return {};
-  const SettingsClientResult client = (*factory)(*this);
-  return client && *client ? (*client)->objectForKey("ORBCmxLastLoggedInUser") : Value();
+  Value home;
+  const auto ask = [&](const SettingsClientFactories& factories) {
+    const auto* factory = factories.find("cmxSettingsClientWithDelegate:");
+    if (!factory) return;
+    const SettingsClientResult client = (*factory)(*this);
+    if (client && *client) home = (*client)->objectForKey("ORBCmxLastLoggedInUser");
+  };
+  if (platform_.withSettingsOfThisThread) {
+    platform_.withSettingsOfThisThread(ask);
+  } else {
+    ask(platform_.settingsClientFactories);
+  }
+  return home;
 }

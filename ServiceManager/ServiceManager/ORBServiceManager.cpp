@@ -49,6 +49,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
     : platform_(platform), validator_(platform_.codeSignatures), delayedCalls_(platform_.runLoop) {}
 
 ORBServiceManager::~ORBServiceManager() {
+  endXPCListeners();
   // Their delegate and their root objects' target ends here.
   for (const auto& server :
        {installerConnection_, userInterfaceConnection_, deamonConnection_, operatorConnection_}) {
@@ -74,6 +75,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   });
   evaluateForTheFirstTime();
   vendServers();
+  vendXPCListeners();
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);

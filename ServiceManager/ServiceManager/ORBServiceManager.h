@@ -16,9 +16,12 @@
 #include "Platform/BackgroundService.h"
 #include "Platform/DelayedCalls.h"
 #include "Platform/NSConnection.h"
+#include "Platform/NSXPCListener.h"
 #include "Platform/Value.h"
 #include "ServiceManager/ServiceManager/KextLoading.h"
+#include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 #include "ServiceManager/ServiceManager/OperatingMode.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "Shared/ORBSigningValidator.h"
@@ -44,6 +47,7 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                                 public KLXGlobalSettingsClientDelegate,
                                 public platform::NSConnectionDelegate,
+                                public ExecInfoHandlerDelegate,
                                 public platform::MessageReceiver {
  public:
   // A service's label: its key in the catalogue and its job's label. Nothing is nil.
@@ -106,8 +110,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void reevaluateConfiguration(const platform::RunLoopHandle* timer);
   // Whether this system is recent enough for the service.
   bool checkOSSupportForService(const std::string& label);
-  // For the executable-information service; nil where it is not known.
-  platform::Value getLastLoggedInUserHomeDirectory();
+  // For the executable-information service, on one of its queues; nil where it is not known.
+  platform::Value getLastLoggedInUserHomeDirectory() override;
 
   // Jobs.
 
@@ -260,6 +264,13 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::shared_ptr<platform::NSConnection>& operatorConnection() const {
     return operatorConnection_;
   }
+  // Null where the system is too old for them.
+  const std::shared_ptr<ORBServiceManagerXPCHandler>& xpcHandler() const { return xpcHandler_; }
+  const std::shared_ptr<ORBExecInfoHandler>& execHandler() const { return execHandler_; }
+  const std::shared_ptr<platform::NSXPCListener>& xpcListener() const { return xpcListener_; }
+  const std::shared_ptr<platform::NSXPCListener>& execHandlerXPCListener() const {
+    return execHandlerXPCListener_;
+  }
   const platform::RunLoopHandle* watchDog() const { return watchDog_.get(); }
   // Also one that has fired in another mode than the normal one.
   const platform::RunLoopHandle* globalSettingsDidChangeEffectTimer() const {
@@ -287,6 +298,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::shared_ptr<platform::NSConnection> vend(
       const char* name, const char* protocol, platform::NSConnectionDelegate& delegate,
       platform::MessageReceiver& target, std::shared_ptr<platform::NSProtocolChecker>& rootObject);
+  void vendXPCListeners();
+  void endXPCListeners();
   void announceStartUpError(std::string_view error, std::string_view description);
 
   bool isPrimaryServiceUp();
@@ -358,6 +371,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::shared_ptr<platform::NSConnection> deamonConnection_;
   ORBServiceManagerOperatorServer operatorServer_{*this};
   std::shared_ptr<platform::NSConnection> operatorConnection_;
+  // Shared with their connections.
+  std::shared_ptr<ORBServiceManagerXPCHandler> xpcHandler_;
+  std::shared_ptr<ORBExecInfoHandler> execHandler_;
+  std::shared_ptr<platform::NSXPCListener> xpcListener_;
+  std::shared_ptr<platform::NSXPCListener> execHandlerXPCListener_;
   std::optional<std::string> product_;
   std::unique_ptr<VantorDistantObject> primaryServiceNotificationClient_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;

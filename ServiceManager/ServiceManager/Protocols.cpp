@@ -21,5 +21,10 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
       {{"isReadyToReport", kTwoWay}, {"getHealthStateForServices", kTwoWay}});
   add(kORBServiceManagerOperatorProtocol,
       {{"overview", kTwoWay}, {"healthRecord", kTwoWay}, {"factsOfService:", kTwoWay}});
+  add(kORBServiceManagerXPCInterfaceProtocol,
+      {{"signatureWithReply:", kTwoWay},
+       {"registerXPCListenerEndpoint:forPasskey:withName:withReply:", kTwoWay},
+       {"xpcListenerEndpointForPasskey:withName:withReply:", kTwoWay}});
+  add(kORBExecutableInfoProtocol, {{"requestExecutableInfo:withReply:", kTwoWay}});
   add(kORBServiceManagerConfigurationServerStatusProtocol, {{"isServerUp", kTwoWay}});
 }

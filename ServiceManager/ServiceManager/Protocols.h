@@ -16,6 +16,20 @@ inline constexpr char kServiceManagerAuthProtocol[] = "ServiceManagerAuthProtoco
 // What the configuration server tells of itself.
 inline constexpr char kORBServiceManagerConfigurationServerStatusProtocol[] =
     "ORBServiceManagerConfigurationServerStatusProtocol";
+// What the registry of XPC endpoints answers, and the executable-information service. A two-way
+// method's last argument stands for its reply.
+inline constexpr char kORBServiceManagerXPCInterfaceProtocol[] =
+    "ORBServiceManagerXPCInterfaceProtocol";
+inline constexpr char kORBExecutableInfoProtocol[] = "ORBExecutableInfoProtocol";
+
+// The names under which they are found: the first is a Mach service, the second is registered with
+// the first.
+inline constexpr char kEndpointRegistryService[] = "com.vantor.common.servicemanager";
+inline constexpr char kExecInfoEndpoint[] = "com.vantor.xpc.name.execinfohandler";
+// Asks whoever owns a name, which stands under that key of the user info, to register it.
+inline constexpr char kEndpointRequestNotification[] =
+    "com.vantor.servicemanager.xpc.notification.registration";
+inline constexpr char kEndpointRequestName[] = "requestName";
 
 // What the product's health reporter may ask.
 inline constexpr char kServiceManagerHealthProtocol[] = "ServiceManagerHealthProtocol";

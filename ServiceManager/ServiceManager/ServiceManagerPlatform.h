@@ -12,6 +12,7 @@
 #include "Platform/CodeSignature.h"
 #include "Platform/DistributedNotificationCenter.h"
 #include "Platform/ExitWatcher.h"
+#include "Platform/ExtendedAttributes.h"
 #include "Platform/FileReader.h"
 #include "Platform/Jobs.h"
 #include "Platform/KernelControls.h"
@@ -23,6 +24,7 @@
 #include "Platform/RunLoop.h"
 #include "Platform/SystemInformation.h"
 #include "Platform/Task.h"
+#include "Platform/XPC.h"
 #include "ServiceManager/ServiceManager/ServiceHealth.h"
 
 // Whose program runs, as the kernel says.
@@ -60,4 +62,10 @@ struct ServiceManagerPlatform {
   const SettingsClientFactories& settingsClientFactories;
   // Makes the health record of a product that has one; empty where none is kept.
   std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
+  platform::XPC& xpc;
+  platform::ExtendedAttributes& attributes;
+  // Does something with factories whose clients belong to the calling thread, which need not be the
+  // main one, and end with it. Where it is empty, the factories above are used.
+  std::function<void(const std::function<void(const SettingsClientFactories&)>&)>
+      withSettingsOfThisThread;
 };

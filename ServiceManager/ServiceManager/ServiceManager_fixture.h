@@ -21,6 +21,7 @@
 #include "Platform/Testing/FakeAuthorization.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
 #include "Platform/Testing/FakeExitWatcher.h"
+#include "Platform/Testing/FakeExtendedAttributes.h"
 #include "Platform/Testing/FakeFileReader.h"
 #include "Platform/Testing/FakeJobs.h"
 #include "Platform/Testing/FakeKernelControls.h"
@@ -31,6 +32,7 @@
 #include "Platform/Testing/FakeRandomDevice.h"
 #include "Platform/Testing/FakeSystemInformation.h"
 #include "Platform/Testing/FakeTasks.h"
+#include "Platform/Testing/FakeXPC.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 #include "Platform/Testing/VirtualSerialQueues.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
@@ -312,7 +314,10 @@ class ServiceManagerFixture : public testing::Test {
             [this]() -> std::unique_ptr<ServiceHealth> {
               if (keepsHealthRecord_) return makeHealthInfo();
               return std::make_unique<FakeServiceHealth>(reports_);
-            }};
+            },
+            xpc_.xpc,
+            attributes_,
+            {}};
   }
 
   // A program beside the daemon.
@@ -370,6 +375,8 @@ class ServiceManagerFixture : public testing::Test {
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
   platform::NamedConnections connections_{loop_, transport_, notificationCenter_, systemLog_,
                                           &nameInFolder};
+  platform::FakeXPC xpc_{network_, {100, 0, 0}, systemLog_};
+  platform::FakeExtendedAttributes attributes_;
   platform::ProtocolTable protocols_;
   platform::Bundle bundle_{
       {"/Daemon.bundle", "/Daemon.bundle/Contents/Info.plist",

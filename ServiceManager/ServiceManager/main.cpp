@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <unistd.h>
 
@@ -23,10 +24,12 @@
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/KmodModules.h"
 #include "Platform/Linux/LinuxCodeSignatures.h"
+#include "Platform/Linux/LinuxExtendedAttributes.h"
 #include "Platform/Linux/LinuxFileReader.h"
 #include "Platform/Linux/LinuxKernelControls.h"
 #include "Platform/Linux/LinuxKernelExtensions.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxXPC.h"
 #include "Platform/Linux/NotificationBus.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/NotificationCenter.h"
@@ -35,6 +38,40 @@
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
+
+// A worker's client asks once and ends; it need not hear of its server's start, and the centre's
+// observers belong to the main thread.
+class DeafCenter final : public platform::DistributedNotificationCenter {
+ public:
+  std::unique_ptr<Observation> addObserver(
+      std::optional<std::string> /*name*/, std::optional<std::string> /*object*/,
+      Handler /*handler*/, platform::NSNotificationSuspensionBehavior /*behavior*/) override {
+    return nullptr;
+  }
+  void postNotificationName(std::string_view /*name*/, std::optional<std::string> /*object*/,
+                            platform::Value /*userInfo*/,
+                            platform::NSNotificationPosting /*posting*/) override {}
+};
+
+// Connections of the calling thread alone, with a loop that nobody runs: a client that only calls
+// waits on its own connection. Without descriptors nothing can be asked.
+void withSettingsOfThisThread(platform::LinuxPlatform& linux,
+                              const platform::ProtocolTable& protocols,
+                              const std::function<void(const SettingsClientFactories&)>& ask) {
+  const auto loop = platform::AsioRunLoop::create();
+  if (!loop) return;
+  platform::DBusPeerTransport transport(**loop);
+  platform::NotificationCenter center;
+  platform::NamedConnections connections(
+      **loop, transport, center, linux.systemLog, [&](std::string_view name) {
+        return platform::pathOfConnection(linux.configuration.root, name);
+      });
+  DeafCenter deaf;
+  SettingsClientFactories factories;
+  addSettingsClientFactories(
+      factories, {**loop, connections, deaf, center, protocols, linux.systemInformation});
+  ask(factories);
+}
 
 int fail(const platform::Error& error) {
   std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
@@ -70,6 +107,10 @@ int main(int argc, char** argv) {
       [&](std::string_view name) { return platform::pathOfConnection(root, name); });
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
+  platform::LinuxExtendedAttributes attributes;
+  // Before what it stands on: its threads serve requests until it ends.
+  const auto xpc = platform::LinuxXPC::make(linux.systemLog, root, std::move(linux.passedSocket));
+  if (!xpc) return fail(xpc.error());
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
   addGlobalSettingsProtocol(protocols);
@@ -105,6 +146,12 @@ int main(int argc, char** argv) {
             return std::make_unique<ORBServiceManagerHealthInfo>(
                 ORBServiceManagerHealthInfo::Environment{linux.utilityQueues, connections,
                                                          protocols, linux.systemInformation});
+          },
+      .xpc = (*xpc)->xpc(),
+      .attributes = attributes,
+      .withSettingsOfThisThread =
+          [&](const std::function<void(const SettingsClientFactories&)>& ask) {
+            withSettingsOfThisThread(linux, protocols, ask);
           },
   };
   platform::BackgroundServiceClasses classes;

@@ -45,6 +45,7 @@ class JobHostRoot {
   void startHost();
   // SIGKILL: the jobs go on.
   void killHost();
+  ProcessId hostProcess() const { return host_->process(); }
   // It stands still, and goes on.
   void stopHost() const { host_->signal(SIGSTOP); }
   void continueHost() const { host_->signal(SIGCONT); }

@@ -153,6 +153,15 @@ TEST_F(JobsControlTest, WithoutAHostTheToolSaysHowToStartIt) {
   }
 }
 
+TEST_F(JobsControlTest, AHostThatIsThereAndDoesNotAnswerIsNotSaidToBeMissing) {
+  root_.stopHost();
+  const auto listed = root_.control({"jobs", "list"});
+  root_.continueHost();
+  EXPECT_EQ(listed.status, exited(kFailed)) << listed.errors;
+  EXPECT_THAT(listed.errors, HasSubstr("is there, but does not answer"));
+  EXPECT_THAT(listed.errors, testing::Not(HasSubstr("is it running?")));
+}
+
 TEST_F(JobsControlTest, TheNextHostStillHasTheJob) {
   submitAgent();
   const ProcessId first = agent();

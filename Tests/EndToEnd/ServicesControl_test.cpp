@@ -33,7 +33,7 @@ class ServicesControlTest : public testing::Test {
     std::vector<std::string> arguments{root_.controlProgram(), "watch"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     auto program = std::make_unique<ChildProgram>(std::move(arguments), std::vector<std::string>());
-    EXPECT_EQ(program->nextErrorLine(), "Watching 7 services; Ctrl-C ends it.");
+    EXPECT_EQ(program->nextErrorLine(), "Watching 9 services; Ctrl-C ends it.");
     return program;
   }
 

@@ -19,10 +19,12 @@ std::int64_t inSeconds(Duration duration) {
 
 }  // namespace
 
-DaemonClient::DaemonClient(const Environment& environment, std::string server, std::string protocol)
+DaemonClient::DaemonClient(const Environment& environment, std::string server, std::string protocol,
+                           Who who)
     : environment_(environment),
       server_(std::move(server)),
       protocol_(std::move(protocol)),
+      who_(std::move(who)),
       client_(environment_.objects, server_, protocol_, std::nullopt) {}
 
 Answer<void> DaemonClient::connect() {
@@ -71,47 +73,43 @@ Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
       return nobodyThere();
     case Kind::kRefused:
       if (failure.error.osError != EACCES && failure.error.osError != EPERM) break;
-      return {
-          kExitNotPermitted,
-          fmt::format("{}; ask as root, or as the user whom the service manager runs under", why)};
+      return {kExitNotPermitted,
+              fmt::format("{}; ask as root, or as the user whom {} runs under", why, who_.name)};
     case Kind::kTimedOut:
       return {
           kExitFailed,
-          fmt::format("the service manager is there but has not answered for {} s; it may be "
-                      "waiting for a job to end, so try again later, and see \"servicemanagerctl "
-                      "log\"",
-                      inSeconds(kPatience))};
+          fmt::format("{} is there but has not answered for {} s; it may be waiting for a job to "
+                      "end, so try again later, and see \"servicemanagerctl log\"",
+                      who_.name, inSeconds(kPatience))};
     case Kind::kSystem:
       break;
   }
-  return {kExitFailed, "the service manager can't be reached: " + why};
+  return {kExitFailed, who_.name + " can't be reached: " + why};
 }
 
 Refusal DaemonClient::refusal(const NSException& exception, Duration patience) const {
   if (exception.name == kNSFailedAuthenticationException)
     return {kExitNotAuthenticated,
-            fmt::format("the service manager and this tool don't recognize each other: {}; both "
-                        "must be of the same product and run on this machine itself, so use the "
-                        "servicemanagerctl that was installed with it",
-                        exception.reason)};
+            fmt::format("{} and this tool don't recognize each other: {}; both must be of the same "
+                        "product and run on this machine itself, so use the servicemanagerctl that "
+                        "was installed with it",
+                        who_.name, exception.reason)};
   if (exception.name == kNSPortTimeoutException)
-    return {kExitFailed,
-            fmt::format("the service manager has not answered for {} s; it may still be at it: see "
-                        "\"servicemanagerctl list\" and \"servicemanagerctl log\"",
-                        inSeconds(patience))};
+    return {kExitFailed, fmt::format("{} has not answered for {} s; it may still be at it: see "
+                                     "\"servicemanagerctl list\" and \"servicemanagerctl log\"",
+                                     who_.name, inSeconds(patience))};
   if (exception.name == kNSInvalidSendPortException)
-    return {kExitNobodyThere,
-            "the service manager ended before it answered; the job host starts it again, so try "
-            "once more"};
+    return {
+        kExitNobodyThere,
+        who_.name + " ended before it answered; the job host starts it again, so try once more"};
   if (exception.name == kNoProxy) return nobodyThere();
   return {kExitFailed,
-          fmt::format("the service manager refused: {}: {}", exception.name, exception.reason)};
+          fmt::format("{} refused: {}: {}", who_.name, exception.name, exception.reason)};
 }
 
 Refusal DaemonClient::nobodyThere() const {
   return {kExitNobodyThere,
-          fmt::format("no service manager serves below {}; is it running? \"servicemanagerctl jobs "
-                      "show com.vantor.servicemanager\" tells, and \"servicemanagerctl log\" why "
-                      "one that runs may be idle",
-                      environment_.root)};
+          fmt::format("{} does not serve below {}; is it running? \"servicemanagerctl {}\" tells, "
+                      "and \"servicemanagerctl log\" why one that runs may be idle",
+                      who_.name, environment_.root, who_.whereToLook)};
 }

@@ -29,8 +29,8 @@ struct Refusal {
 template <typename T>
 using Answer = std::expected<T, Refusal>;
 
-// Speaks to one server of the service manager, and says why it can't. Belongs to the loop's thread;
-// every call blocks.
+// Speaks to one server, the service manager's unless told otherwise, and says why it can't. Belongs
+// to the loop's thread; every call blocks.
 class DaemonClient {
  public:
   // How long the service manager may take to answer what asks for no work. It serves nobody while
@@ -45,7 +45,14 @@ class DaemonClient {
     std::string root;  // of the platform, for texts
   };
 
-  DaemonClient(const Environment& environment, std::string server, std::string protocol);
+  // Who serves there, for texts.
+  struct Who {
+    std::string name;
+    std::string whereToLook;  // the arguments with which this tool tells whether it runs
+  };
+
+  DaemonClient(const Environment& environment, std::string server, std::string protocol,
+               Who who = {"the service manager", "jobs show com.vantor.servicemanager"});
 
   // Finds the server and authenticates both sides; for kPatience at most each. To be called first.
   Answer<void> connect();
@@ -67,5 +74,6 @@ class DaemonClient {
   const Environment environment_;
   const std::string server_;
   const std::string protocol_;
+  const Who who_;
   VantorDistantObject client_;
 };

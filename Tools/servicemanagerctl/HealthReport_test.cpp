@@ -64,7 +64,7 @@ TEST(HealthReportTest, TheTableIsAligned) {
 }
 
 TEST(HealthReportTest, ATableThatIsNotToBeReliedOnSaysSo) {
-  EXPECT_EQ(asTable(HealthReport{}, Reader::kOther),
+  EXPECT_EQ(asTable(healthReport(Dictionary()), Reader::kOther),
             "The health reporter is told not to rely on this now.\n");
   EXPECT_EQ(asTable(std::nullopt, Reader::kOther),
             "The installed product keeps no health record.\n");
@@ -75,8 +75,9 @@ TEST(HealthReportTest, OnATerminalTroubleStandsOutAndNothingSteersIt) {
   EXPECT_THAT(table, HasSubstr("\033[31munhealthy\033[0m"));
   EXPECT_THAT(table, HasSubstr("\033[32mhealthy\033[0m"));
   EXPECT_THAT(table, HasSubstr("\033[31m     12\033[0m"));
-  HealthReport hostile{.services = {{.label = "\033[2J", .name = "x"}}};
-  EXPECT_THAT(asTable(hostile, Reader::kOther), Not(HasSubstr("\033")));
+  const Value hostile =
+      Dictionary{{kHealthServices, Dictionary{{"\033[2J", service("\033", 1, 0)}}}};
+  EXPECT_THAT(asTable(healthReport(hostile), Reader::kOther), Not(HasSubstr("\033")));
 }
 
 TEST(HealthReportTest, ProgramsGetEverything) {

@@ -1,14 +1,16 @@
-// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service or
-// job, 4 not permitted, 5 no service manager or job host, 6 the service manager is not this
-// product's.
+// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service,
+// job or setting, 4 not permitted, 5 no service manager or job host, 6 the service manager is not
+// this product's.
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
@@ -17,6 +19,7 @@
 #include "Platform/Linux/JobHostClient.h"
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxXPC.h"
 #include "Platform/Linux/NotificationBus.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/Thread.h"
@@ -28,7 +31,9 @@
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
+#include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
+#include "Tools/servicemanagerctl/XPCCommands.h"
 
 namespace {
 
@@ -84,7 +89,7 @@ int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxP
   return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
 }
 
-// `commands` speak to the service manager.
+// `commands` speak to the service manager or another server of the product.
 template <typename Commands>
 int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPlatform) {
   const LoggerBinding logger(linuxPlatform.systemLog);
@@ -98,11 +103,21 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
       linuxPlatform.systemLog);
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
+  addGlobalSettingsProtocol(protocols);
   return commands.run({.objects = {*linuxPlatform.runLoop, connections, *distributedCenter, center,
                                    protocols, linuxPlatform.systemInformation},
                        .transport = linuxPlatform.peerTransport,
                        .path = path,
                        .root = root});
+}
+
+int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
+  const std::string& root = linuxPlatform.configuration.root;
+  const auto xpc = platform::LinuxXPC::make(linuxPlatform.systemLog, root, std::nullopt);
+  if (!xpc) return fail(platform::describe(xpc.error()));
+  platform::ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  return commands.run({(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root});
 }
 
 // For every command, before and behind its name.
@@ -128,9 +143,11 @@ int main(int argc, char** argv) {
   logTestCommand->add_option("message", message, "The text of the lines")->required();
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
+  const SettingsCommands settingsCommands(app);
   const OperatorCommands operatorCommands(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
+  const XPCCommands xpcCommands(app);
   std::string root;
   addRootOption(app, root);
   try {
@@ -149,6 +166,8 @@ int main(int argc, char** argv) {
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
   if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
+  if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
+  if (xpcCommands.parsed()) return runXPCCommand(xpcCommands, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));

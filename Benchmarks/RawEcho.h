@@ -1,0 +1,62 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include <benchmark/benchmark.h>
+#include <sched.h>
+#include <sys/types.h>
+
+#include "Platform/Linux/DBusHandles.h"
+#include "Platform/Testing/TemporaryFolder.h"
+
+namespace benchmarks {
+
+// Unpinned, figures of round trips vary threefold. `thread` 0 is the calling one.
+void pinTo(unsigned processor, pid_t thread = 0);
+
+// A server in a process of its own, which ends with this object. It is pinned to the one processor,
+// and the calling thread to the other as long as it lives.
+class ServerProcess {
+ public:
+  // `serve` listens at the path, writes to `started`, and does not return while it is wanted.
+  using Serve = std::function<void(const std::string& path, int started)>;
+  explicit ServerProcess(const Serve& serve);
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+  ~ServerProcess();
+
+  bool started() const { return started_; }
+  std::string path() const { return folder_.path("server"); }
+  double residentBytes() const;
+  std::chrono::nanoseconds processorTime() const;
+
+ private:
+  platform::TemporaryFolder folder_;
+  cpu_set_t before_{};
+  pid_t process_ = 0;
+  bool started_ = false;
+};
+
+void sayStarted(int started);
+
+// Answers a number with the same, by libdbus alone, peer to peer: what every round trip of ours is
+// measured against.
+void serveRawEcho(const std::string& path, int started);
+
+class RawEchoClient {
+ public:
+  explicit RawEchoClient(const std::string& path);
+  bool isConnected() const { return static_cast<bool>(connection_); }
+  // Whether the right answer came.
+  bool roundTrip() const;
+
+ private:
+  platform::UniqueDBusConnection connection_;
+};
+
+// The baseline of what asks another process: one number to the echo and back, and again.
+void rawRoundTrips(benchmark::State& state);
+
+}  // namespace benchmarks

@@ -1,0 +1,50 @@
+#include "Platform/Linux/LinuxXPC.h"
+
+#include <future>
+#include <utility>
+
+#include "Platform/Linux/AsioSerialQueues.h"
+#include "Platform/Linux/ConnectionsFolder.h"
+
+namespace platform {
+
+Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string root,
+                                                 std::optional<PassedSocket> passed) {
+  auto loop = AsioRunLoop::create();
+  if (!loop) return std::unexpected(std::move(loop.error()));
+  return std::unique_ptr<LinuxXPC>(
+      new LinuxXPC(log, std::move(root), std::move(passed), std::move(*loop)));
+}
+
+LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
+                   std::unique_ptr<AsioRunLoop> loop)
+    : root_(std::move(root)), loop_(std::move(loop)) {
+  if (passed) {
+    transport_.adopt(pathOfMachService(root_, passed->machService), std::move(passed->server));
+  }
+  xpc_.emplace(XPC::Environment{
+      .loop = *loop_,
+      .transport = transport_,
+      .log = log,
+      .performOnLoop = [this](const std::function<void()>& action) { performOnLoop(action); },
+      .makeQueues = [] { return std::make_unique<AsioSerialQueues>(kThreadsPerListener); },
+      .path = [this](std::string_view name) { return pathOfMachService(root_, name); }});
+  thread_ = std::thread([this] { loop_->run(); });
+}
+
+LinuxXPC::~LinuxXPC() {
+  loop_->stop();
+  thread_.join();
+}
+
+void LinuxXPC::performOnLoop(const std::function<void()>& action) {
+  if (std::this_thread::get_id() == thread_.get_id()) return action();
+  std::promise<void> done;
+  loop_->post([&] {
+    action();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
+}  // namespace platform

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "Platform/Error.h"
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/DBusPeerTransport.h"
+#include "Platform/Linux/PassedSocket.h"
+#include "Platform/PlatformConfiguration.h"
+#include "Platform/SystemLog.h"
+#include "Platform/XPC.h"
+
+namespace platform {
+
+// The XPC of a program, with a thread and a loop of its own for its connections.
+class LinuxXPC {
+ public:
+  // Threads for the requests of one listener: two, so that a long one leaves another going.
+  static constexpr std::size_t kThreadsPerListener = 2;
+
+  // Mach services are sockets below `root`; one that was passed to the process is used as it is.
+  // The log outlives this. Fails with kExhausted without descriptors.
+  static Result<std::unique_ptr<LinuxXPC>> make(SystemLog& log, std::string root,
+                                                std::optional<PassedSocket> passed);
+
+  LinuxXPC(const LinuxXPC&) = delete;
+  LinuxXPC& operator=(const LinuxXPC&) = delete;
+  // Ends the connections; waits for requests that are being served.
+  ~LinuxXPC();
+
+  XPC& xpc() { return *xpc_; }
+
+ private:
+  LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
+           std::unique_ptr<AsioRunLoop> loop);
+
+  void performOnLoop(const std::function<void()>& action);
+
+  const std::string root_;
+  const std::unique_ptr<AsioRunLoop> loop_;
+  DBusPeerTransport transport_{*loop_};
+  std::optional<XPC> xpc_;
+  std::thread thread_;
+};
+
+}  // namespace platform

@@ -1,0 +1,59 @@
+#include "Platform/Linux/LinuxXPC.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include <unistd.h>
+
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/XPC_contract.h"
+
+namespace platform {
+namespace {
+
+// Two of them in this process: they can't tell that from two processes.
+class LinuxHarness final : public XPCHarness {
+ public:
+  LinuxHarness() {
+    std::filesystem::create_directories(folder_.path("run/vantor/mach"));
+    here_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
+    there_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
+  }
+
+  XPC& here() override { return here_->xpc(); }
+  XPC& there() override { return there_->xpc(); }
+  void endThere() override { there_.reset(); }
+  void end() override {
+    there_.reset();
+    here_.reset();
+  }
+  PeerCredentials self() override { return {::getpid(), ::geteuid(), ::getegid()}; }
+
+  void await(const std::function<bool()>& done) override {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(60), [&] { return done(); });
+  }
+  void changed() override {
+    const std::lock_guard lock(mutex_);
+    changed_.notify_all();
+  }
+
+ private:
+  TemporaryFolder folder_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::unique_ptr<LinuxXPC> here_;
+  std::unique_ptr<LinuxXPC> there_;
+};
+
+std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<LinuxHarness>(); }
+
+INSTANTIATE_TEST_SUITE_P(DBus, XPCContract, testing::Values(&makeHarness));
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,66 @@
+#include "Platform/Linux/PassedSocket.h"
+
+#include <cstdlib>
+#include <string_view>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Platform/Linux/DBusHandles.h"
+
+namespace platform {
+
+namespace {
+
+constexpr char kProcess[] = "LISTEN_PID";
+constexpr char kCount[] = "LISTEN_FDS";
+constexpr char kNames[] = "LISTEN_FDNAMES";
+constexpr int kFirstPassed = 3;
+
+std::string_view variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+int optionOf(int descriptor, int name) {
+  int content = -1;
+  socklen_t length = sizeof(content);
+  return ::getsockopt(descriptor, SOL_SOCKET, name, &content, &length) == 0 ? content : -1;
+}
+
+std::unexpected<Error> invalid(const std::string& what) {
+  return std::unexpected(
+      Error{ErrorCode::kInvalid, 0, "the sockets that this process was started with: " + what});
+}
+
+Result<std::optional<PassedSocket>> take(const std::string& name) {
+  if (variable(kCount) != "1") return invalid("expected one, not " + std::string(variable(kCount)));
+  if (name.empty() || name.contains(':')) return invalid("expected one name in LISTEN_FDNAMES");
+  if (optionOf(kFirstPassed, SO_DOMAIN) != AF_UNIX ||
+      optionOf(kFirstPassed, SO_TYPE) != SOCK_STREAM ||
+      optionOf(kFirstPassed, SO_ACCEPTCONN) != 1) {
+    return invalid("descriptor 3 is not a Unix stream socket that listens");
+  }
+  dbus_threads_init_default();
+  DBusErrorText error;
+  // The only address by which libdbus takes a socket that is there already.
+  PassedServer server(dbus_server_listen("systemd:", error.get()));
+  if (!server) return invalid(error.text());
+  return PassedSocket{name, std::move(server)};
+}
+
+}  // namespace
+
+void PassedServerClose::operator()(DBusServer* server) const { DBusServerClose()(server); }
+
+Result<std::optional<PassedSocket>> PassedSocket::takeFromEnvironment() {
+  Result<std::optional<PassedSocket>> taken;
+  const std::string self = std::to_string(::getpid());
+  if (!variable(kCount).empty() && variable(kProcess) == self) {
+    taken = take(std::string(variable(kNames)));
+  }
+  for (const char* name : {kProcess, kCount, kNames}) ::unsetenv(name);
+  return taken;
+}
+
+}  // namespace platform

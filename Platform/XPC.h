@@ -1,0 +1,78 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/NSXPCConnection.h"
+#include "Platform/NSXPCListener.h"
+#include "Platform/PeerTransport.h"
+#include "Platform/RefusalLog.h"
+#include "Platform/RunLoop.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/SystemLog.h"
+
+namespace platform {
+
+// Makes listeners and connections that call objects of other programs, off the main thread: their
+// transport lives on a loop of its own, requests and replies are served on queues. Nobody shows a
+// token here and nobody is asked for one; who may do what is the objects' business.
+//
+// Outlives everything that it makes. Any thread may use it.
+class XPC {
+ public:
+  // How long connecting may take. Meanwhile nothing else of this XPC is sent or read.
+  static constexpr Duration kConnectTimeout = std::chrono::seconds(5);
+
+  // What it stands on; all of it outlives this.
+  struct Environment {
+    RunLoop& loop;
+    PeerTransport& transport;
+    SystemLog& log;
+    // Does something on the loop's thread and returns when it is done.
+    std::function<void(const std::function<void()>&)> performOnLoop;
+    // Makes queues with threads of their own, which end with them.
+    std::function<std::unique_ptr<SerialQueues>()> makeQueues;
+    // Which file stands for a Mach service.
+    std::function<std::string(std::string_view machService)> path;
+  };
+  explicit XPC(Environment environment);
+  XPC(const XPC&) = delete;
+  XPC& operator=(const XPC&) = delete;
+  // The queues' blocks have run. Not on the loop's thread, which may have stopped by then.
+  ~XPC();
+
+  // initWithMachServiceName: of the listener; anonymousListener.
+  std::shared_ptr<NSXPCListener> makeListener(std::string machService);
+  std::shared_ptr<NSXPCListener> makeAnonymousListener();
+
+  // initWithMachServiceName:options: and initWithListenerEndpoint: of the connection. Nobody is
+  // connected to before it is resumed.
+  std::shared_ptr<NSXPCConnection> makeConnection(std::string machService);
+  std::shared_ptr<NSXPCConnection> makeConnection(
+      std::shared_ptr<const NSXPCListenerEndpoint> endpoint);
+
+ private:
+  friend class NSXPCConnection;
+  friend class NSXPCListener;
+
+  SerialQueues& addQueues();
+  // What the other side or the system did, so many lines a minute at most. On the loop.
+  void logFailure(std::string_view line) { failures_.write(line); }
+
+  const Environment environment_;
+  RefusalLog failures_;
+  // The loop's: accepted connections live until they end.
+  std::set<std::shared_ptr<NSXPCConnection>> accepted_;
+
+  std::mutex mutex_;
+  // Kept to the end: a listener may end on a thread of its own queues.
+  std::vector<std::unique_ptr<SerialQueues>> queues_;
+  SerialQueues& clientQueues_;
+};
+
+}  // namespace platform

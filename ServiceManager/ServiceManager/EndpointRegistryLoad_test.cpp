@@ -1,0 +1,119 @@
+// The registry on the real transport, with as many clients at once as a machine may have.
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <latch>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/Linux/LinuxXPC.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/FakeNotificationBus.h"
+#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr int kClients = 1000;
+
+std::size_t openDescriptors() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+class EndpointRegistryLoadTest : public testing::Test {
+ protected:
+  EndpointRegistryLoadTest() {
+    EXPECT_TRUE(raiseDescriptorLimit());
+    std::filesystem::create_directories(folder_.path("run/vantor/mach"));
+    addServiceManagerProtocols(protocols_);
+    handler_ = std::make_shared<ORBServiceManagerXPCHandler>(system_, *center_, protocols_);
+  }
+
+  std::unique_ptr<LinuxXPC> makeXPC() {
+    auto xpc = LinuxXPC::make(log_, folder_.path(), std::nullopt);
+    EXPECT_TRUE(xpc);
+    return std::move(*xpc);
+  }
+  std::shared_ptr<NSXPCConnection> connect(LinuxXPC& xpc) {
+    auto connection = xpc.xpc().makeConnection(kEndpointRegistryService);
+    connection->setRemoteObjectInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
+    connection->resume();
+    return connection;
+  }
+
+  TemporaryFolder folder_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  VirtualRunLoop loop_;
+  FakeNotificationBus bus_{loop_};
+  std::unique_ptr<DistributedNotificationCenter> center_ = bus_.makeCenter(log_);
+  FakeSystemInformation system_;
+  ProtocolTable protocols_;
+  std::shared_ptr<ORBServiceManagerXPCHandler> handler_;
+};
+
+TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) {
+  const std::size_t before = openDescriptors();
+  {
+    const auto server = makeXPC();
+    const auto listener = server->xpc().makeListener(kEndpointRegistryService);
+    listener->setDelegate(handler_);
+    listener->resume();
+    const auto clients = makeXPC();
+    const auto dying = makeXPC();
+    const auto own = clients->xpc().makeAnonymousListener();
+    const Value endpoint(std::shared_ptr<const RemoteObject>(own->endpoint()));
+    const Value passkey(systemProfileData(system_));
+
+    std::vector<std::shared_ptr<NSXPCConnection>> connections;
+    std::vector<std::shared_ptr<NSXPCConnection>> doomed;
+    std::latch done(kClients);
+    std::atomic<int> right = 0;
+    for (int i = 0; i < kClients; ++i) {
+      const std::string name = "name " + std::to_string(i % 100);
+      // One that asks and dies without a word, for every fourth.
+      if (i % 4 == 0) {
+        doomed.push_back(connect(*dying));
+        doomed.back()->sendMessage("xpcListenerEndpointForPasskey:withName:withReply:",
+                                   {passkey, Value(name)}, nullptr, nullptr);
+      }
+      NSXPCConnection& connection = *connections.emplace_back(connect(*clients));
+      const auto failed = [&](const NSError&) { done.count_down(); };
+      connection.sendMessage(
+          "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
+          {endpoint, passkey, Value(name)},
+          [&, name](const Array& reply) {
+            if (reply != Array{Value(true), Value()}) return done.count_down();
+            connection.sendMessage(
+                "xpcListenerEndpointForPasskey:withName:withReply:", {passkey, Value(name)},
+                [&](const Array& found) {
+                  if (found.size() == 1 && endpointIn(found[0])) ++right;
+                  done.count_down();
+                },
+                failed);
+          },
+          failed);
+      if (i == kClients / 2) doomed.clear();  // In mid-request.
+    }
+    done.wait();
+    EXPECT_EQ(right, kClients);
+    doomed.clear();
+    connections.clear();
+  }
+  handler_.reset();  // With the endpoints that it holds.
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+}  // namespace

@@ -1,0 +1,167 @@
+#include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
+
+#include <source_location>
+#include <utility>
+
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Digest.h"
+#include "Platform/FileDigest.h"
+#include "Platform/LogSink.h"
+#include "Platform/PropertyList.h"
+#include "Platform/StringFormat.h"
+#include "Platform/Thread.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/ServiceManager/QuarantineDatabase.h"
+#include "Shared/Categories/NSStringExtensions.h"
+
+using namespace platform;
+
+namespace {
+
+constexpr std::string_view kWhereFroms = "com.apple.metadata:kMDItemWhereFroms";
+constexpr std::string_view kQuarantine = "com.apple.quarantine";
+constexpr std::size_t kAttributeBytes = 4096;
+
+void logDebug(std::string_view message,
+              const std::source_location& where = std::source_location::current()) {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, message, where);
+}
+
+// What is wrong with the code's signature, or its identifier.
+std::expected<Value, std::string> checkSigning(CodeSignatures& signatures,
+                                               const std::string& path) {
+  const auto code = signatures.SecStaticCodeCreateWithPath(path);
+  if (!code) {
+    return std::unexpected(
+        stringWithFormat("Can't create security reference (SecStaticCodeCreateWithPath  status: "
+                         "%i)",
+                         code.error().status));
+  }
+  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
+  if (!requirement) {
+    return std::unexpected(
+        stringWithFormat("Requirement creation failed (SecRequirementCreateWithString status: %i)",
+                         requirement.error().status));
+  }
+  const auto verdict =
+      (*code)->SecStaticCodeCheckValidityWithErrors(kSecCSCheckAllArchitectures, *requirement);
+  if (!verdict) {
+    return std::unexpected(stringWithFormat(
+        "Unable to check validity (SecStaticCodeCheckValidityWithErrors status: %i, error: %@)",
+        verdict.error().status, errorObject(verdict.error())));
+  }
+  const auto information = (*code)->SecCodeCopySigningInformation(kSecCSSigningInformation);
+  if (!information) {
+    return std::unexpected(stringWithFormat(
+        "Unable to collect signing informatino (SecCodeCopySigningInformation status: %i, error: "
+        "%@)",
+        information.error().status, errorObject(information.error())));
+  }
+  return (*information)[kSecCodeInfoIdentifier];
+}
+
+}  // namespace
+
+ORBExecInfoHandler::ORBExecInfoHandler(const Environment& environment,
+                                       ExecInfoHandlerDelegate* delegate)
+    : environment_(environment), delegate_(delegate) {
+  vantorlogger2_open(kClassName, mach_thread_self());
+}
+
+void ORBExecInfoHandler::setDelegate(ExecInfoHandlerDelegate* delegate) {
+  const std::lock_guard lock(delegateMutex_);
+  delegate_ = delegate;
+}
+
+bool ORBExecInfoHandler::listener(
+    NSXPCListener& /*listener*/,
+    const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
+  NSXPCConnection& connection = *shouldAcceptNewConnection;
+  logDebug(stringWithFormat("Received a new connection request. pid: %d, uid: %d",
+                            connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  connection.setExportedInterface(environment_.protocols.find(kORBExecutableInfoProtocol));
+  connection.setExportedObject(shared_from_this());
+  connection.resume();
+  return true;
+}
+
+void ORBExecInfoHandler::receiveMessage(std::string_view selector, const Array& arguments,
+                                        XPCReply reply) {
+  if (selector != "requestExecutableInfo:withReply:") return;
+  const std::string* path = arguments.at(0).string();
+  // What is no text is no path, of which nothing is known.
+  requestExecutableInfo(
+      path ? *path : std::string(),
+      [&](const std::string& signing, const std::string& hash, const std::string& sourceUrl) {
+        reply({Value(signing), Value(hash), Value(sourceUrl)});
+      });
+}
+
+void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply withReply) {
+  logDebug(stringWithFormat("requestExecutableInfo request for path '%@'", path));
+  const std::string signing = calculateSigningForPath(path);
+  const std::string hash = calculateHashForPath(path);
+  const std::string sourceUrl = calculateSourceUrlForPath(path);
+  withReply(signing, hash, sourceUrl);
+}
+
+std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path) {
+  const auto identifier = checkSigning(environment_.codeSignatures, path);
+  if (identifier) return stringWithFormat("valid: %@", *identifier);
+  if (!NSStringExtensions::isNilOrWhiteSpace(identifier.error())) {
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("%@", identifier.error()));
+  }
+  return {};
+}
+
+std::string ORBExecInfoHandler::calculateHashForPath(const std::string& path) {
+  const auto digest = sha256OfFile(path, stop_.get_token());
+  if (digest && *digest) return hexadecimalText(**digest);
+  if (!digest) logDebug(describe(digest.error()));
+  return {};
+}
+
+std::string ORBExecInfoHandler::calculateSourceUrlForPath(const std::string& path) {
+  if (auto url = getURLFromMetaDataForFile(path)) return std::move(*url);
+  if (auto url = getURLFromQuarantineForFile(path)) return std::move(*url);
+  return {};
+}
+
+std::optional<Data> ORBExecInfoHandler::attribute(const std::string& path, std::string_view name) {
+  auto bytes = environment_.attributes.getxattr(path, name, kAttributeBytes);
+  if (bytes) return std::move(*bytes);
+  logDebug(
+      stringWithFormat("Failed to get attributes for file '%@': %d", path, bytes.error().osError));
+  return std::nullopt;
+}
+
+std::optional<std::string> ORBExecInfoHandler::getURLFromMetaDataForFile(const std::string& path) {
+  const auto bytes = attribute(path, kWhereFroms);
+  if (!bytes) return std::nullopt;
+  const auto list = readPropertyList(*bytes, path);
+  const Array* urls = list ? list->array() : nullptr;
+  const std::string* url = urls && !urls->empty() ? urls->front().string() : nullptr;
+  return url ? std::optional(*url) : std::nullopt;
+}
+
+std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
+    const std::string& path) {
+  const auto bytes = attribute(path, kQuarantine);
+  if (!bytes) return std::nullopt;
+  const std::string text(bytes->begin(), bytes->end());
+  const std::string identifier = text.substr(text.rfind(';') + 1);  // All of it without a ";".
+  const auto home = homeOfLastUser();
+  if (!home) {
+    logDebug("Couldn't locate quarantine database");
+    return std::nullopt;
+  }
+  if (auto url = originOfQuarantineEvent(*home, identifier)) return url;
+  logDebug(stringWithFormat("No source url found for path '%@'\n", path));
+  return std::nullopt;
+}
+
+std::optional<std::string> ORBExecInfoHandler::homeOfLastUser() {
+  const std::lock_guard lock(delegateMutex_);
+  const Value home = delegate_ ? delegate_->getLastLoggedInUserHomeDirectory() : Value();
+  return home.string() ? std::optional(*home.string()) : std::nullopt;
+}

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <string_view>
+
+#include "Platform/CodeSignature.h"
+#include "Platform/ExtendedAttributes.h"
+#include "Platform/NSXPCListener.h"
+#include "Platform/Protocol.h"
+#include "Platform/Value.h"
+
+// Who knows where the user who last logged in lives.
+class ExecInfoHandlerDelegate {
+ public:
+  virtual ~ExecInfoHandlerDelegate() = default;
+  // That user's home folder, a string, or nil. Called on an XPC queue.
+  virtual platform::Value getLastLoggedInUserHomeDirectory() = 0;
+};
+
+// Tells of any file who signed it, what its SHA-256 is and where it was downloaded from. Only who
+// got the endpoint out of the registry can ask.
+//
+// Each request is served on its connection's queue, however long that takes; several at once. Each
+// answer that can't be had is the empty text, and the cause is in the log.
+class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
+                                 public platform::NSXPCExportedObject,
+                                 public std::enable_shared_from_this<ORBExecInfoHandler> {
+ public:
+  static constexpr char kClassName[] = "ORBExecInfoHandler";
+
+  // What it asks of the platform; all of it outlives this.
+  struct Environment {
+    platform::CodeSignatures& codeSignatures;
+    platform::ExtendedAttributes& attributes;
+    const platform::ProtocolTable& protocols;
+  };
+  // initWithDelegate: - the delegate is let go of by setDelegate(nullptr) before it ends.
+  ORBExecInfoHandler(const Environment& environment, ExecInfoHandlerDelegate* delegate);
+  ORBExecInfoHandler(const ORBExecInfoHandler&) = delete;
+  ORBExecInfoHandler& operator=(const ORBExecInfoHandler&) = delete;
+
+  // Waits for a question to the delegate that is being answered.
+  void setDelegate(ExecInfoHandlerDelegate* delegate);
+  // Requests that are being served end soon, without what they have not found out yet: the daemon
+  // is about to end, and a large file is not to hold it up.
+  void stop() { stop_.request_stop(); }
+
+  bool listener(
+      platform::NSXPCListener& listener,
+      const std::shared_ptr<platform::NSXPCConnection>& shouldAcceptNewConnection) override;
+  void receiveMessage(std::string_view selector, const platform::Array& arguments,
+                      platform::XPCReply reply) override;
+
+  using Reply = std::move_only_function<void(const std::string& signing, const std::string& hash,
+                                             const std::string& sourceUrl)>;
+  void requestExecutableInfo(const std::string& path, Reply withReply);
+
+  // "valid: IDENTIFIER", or the empty text.
+  std::string calculateSigningForPath(const std::string& path);
+  // 64 hexadecimal digits; the empty text also for an empty file.
+  std::string calculateHashForPath(const std::string& path);
+  std::string calculateSourceUrlForPath(const std::string& path);
+  std::optional<std::string> getURLFromMetaDataForFile(const std::string& path);
+  std::optional<std::string> getURLFromQuarantineForFile(const std::string& path);
+
+ private:
+  std::optional<platform::Data> attribute(const std::string& path, std::string_view name);
+  std::optional<std::string> homeOfLastUser();
+
+  const Environment environment_;
+  std::stop_source stop_;
+  std::mutex delegateMutex_;
+  ExecInfoHandlerDelegate* delegate_;
+};

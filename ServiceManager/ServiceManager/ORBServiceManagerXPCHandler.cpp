@@ -1,0 +1,151 @@
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
+
+#include <source_location>
+#include <utility>
+
+#include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/LogSink.h"
+#include "Platform/StringFormat.h"
+#include "Platform/Thread.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+
+using namespace platform;
+
+namespace {
+
+void logError(std::string_view message,
+              const std::source_location& where = std::source_location::current()) {
+  vantorlogger2_line(ASL_LEVEL_ERR, message, where);
+}
+void logDebug(std::string_view message,
+              const std::source_location& where = std::source_location::current()) {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, message, where);
+}
+
+Value valueOf(const std::shared_ptr<const NSXPCListenerEndpoint>& endpoint) {
+  return Value(std::shared_ptr<const RemoteObject>(endpoint));
+}
+
+}  // namespace
+
+ORBServiceManagerXPCHandler::ORBServiceManagerXPCHandler(
+    const SystemInformation& system, DistributedNotificationCenter& distributedCenter,
+    const ProtocolTable& protocols)
+    : system_(system),
+      distributedCenter_(distributedCenter),
+      protocols_(protocols),
+      threadOfLogger_(mach_thread_self()) {
+  vantorlogger2_open(kClassName, threadOfLogger_);
+}
+
+// Of the thread that opened it, on whichever the last connection lets go of this.
+ORBServiceManagerXPCHandler::~ORBServiceManagerXPCHandler() {
+  vantorlogger2_close(threadOfLogger_);
+}
+
+bool ORBServiceManagerXPCHandler::listener(
+    NSXPCListener& /*listener*/,
+    const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
+  NSXPCConnection& connection = *shouldAcceptNewConnection;
+  logDebug(stringWithFormat("Received a new connection request. pid: %d, uid: %d",
+                            connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  connection.setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
+  connection.setExportedObject(shared_from_this());
+  connection.resume();
+  return true;
+}
+
+void ORBServiceManagerXPCHandler::receiveMessage(std::string_view selector, const Array& arguments,
+                                                 XPCReply reply) {
+  const auto textAt = [&](std::size_t index) {
+    const std::string* text = arguments.at(index).string();
+    return text ? *text : std::string();
+  };
+  if (selector == "signatureWithReply:") {
+    return signature([&](const Data& signature) { reply({Value(signature)}); });
+  }
+  if (selector == "registerXPCListenerEndpoint:forPasskey:withName:withReply:") {
+    return registerXPCListenerEndpoint(
+        endpointIn(arguments.at(0)), arguments.at(1), textAt(2),
+        [&](bool success, const std::optional<std::string>& message) {
+          reply({Value(success), message ? Value(*message) : Value()});
+        });
+  }
+  if (selector == "xpcListenerEndpointForPasskey:withName:withReply:") {
+    return xpcListenerEndpoint(arguments.at(0), textAt(1),
+                               [&](const Endpoint& endpoint) { reply({valueOf(endpoint)}); });
+  }
+}
+
+void ORBServiceManagerXPCHandler::signature(SignatureReply withReply) {
+  withReply(clientProfileData(system_));
+}
+
+bool ORBServiceManagerXPCHandler::validatePasskey(const Value& passkey) const {
+  const Data* data = passkey.data();
+  if (data && tokensAreEqual(*data, systemProfileData(system_))) return true;
+  logError("Invalid profile detected.");
+  return false;
+}
+
+void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
+                                                              const Value& forPasskey,
+                                                              const std::string& withName,
+                                                              RegisterReply withReply) {
+  if (!validatePasskey(forPasskey)) {
+    logError("Received invalid passkey for registration.");
+    return withReply(false, "Invalid passkey for the registration.");
+  }
+  logDebug(stringWithFormat("Received register request for '%@'.", withName));
+  if (const auto refusal = refusalOf(endpoint, withName)) return withReply(false, refusal);
+  registerXPCListenerEndpoint(endpoint, withName);
+  withReply(true, std::nullopt);
+}
+
+void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
+                                                      const std::string& withName,
+                                                      EndpointReply withReply) {
+  if (!validatePasskey(forPasskey)) {
+    logError("Received invalid passkey for listener endpoint request.");
+    return;
+  }
+  const Endpoint endpoint = xpcListenerEndpointByName(withName);
+  logDebug(stringWithFormat("Received listenerendpoint request for '%@'", withName));
+  if (!endpoint) {
+    logDebug(stringWithFormat("Cannot find listener for endpoint '%@'.", withName));
+    sendNotificationToRegisterForName(withName);
+  }
+  withReply(endpoint);
+}
+
+void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::string& name) {
+  logDebug(stringWithFormat("Send a registration request notification for '%@'.", name));
+  distributedCenter_.postNotificationName(kEndpointRequestNotification, std::nullopt,
+                                          Dictionary{{kEndpointRequestName, name}},
+                                          NSNotificationPosting::kPostToAllSessions);
+}
+
+std::optional<std::string> ORBServiceManagerXPCHandler::refusalOf(const Endpoint& endpoint,
+                                                                  const std::string& name) const {
+  if (!endpoint) return "There is no endpoint to register.";
+  if (name.size() > kMaxNameBytes) return "The name is too long.";
+  const std::lock_guard lock(mutex_);
+  if (endpointListeners_.size() < kMaxNames || endpointListeners_.contains(name)) return {};
+  return "Too many names are registered.";
+}
+
+void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
+                                                              const std::string& withName) {
+  Endpoint replaced = endpoint;  // Its end, a system call, is not to keep others waiting.
+  const std::lock_guard lock(mutex_);
+  endpointListeners_[withName].swap(replaced);
+}
+
+ORBServiceManagerXPCHandler::Endpoint ORBServiceManagerXPCHandler::xpcListenerEndpointByName(
+    const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = endpointListeners_.find(name);
+  return found == endpointListeners_.end() ? nullptr : found->second;
+}

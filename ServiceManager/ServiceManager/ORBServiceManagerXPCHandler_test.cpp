@@ -1,0 +1,267 @@
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
+
+#include <string>
+#include <vector>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+
+namespace {
+
+using namespace platform;
+
+// A listener's endpoint, as far as the registry looks at it.
+struct NamedEndpoint final : NSXPCListenerEndpoint {};
+
+class EndpointRegistryTest : public StartUpFixture {
+ protected:
+  EndpointRegistryTest() {
+    observations_.push_back(
+        otherCenter_->addObserver(kEndpointRequestNotification, std::nullopt,
+                                  [this](const DistributedNotification& notification) {
+                                    requests_.push_back(notification);
+                                  }));
+  }
+
+  ORBServiceManagerXPCHandler& handler() {
+    if (!handler_) {
+      handler_ = std::make_shared<ORBServiceManagerXPCHandler>(system_, *center_, protocols_);
+    }
+    return *handler_;
+  }
+  Value passkey() const { return systemProfileData(system_); }
+
+  // What the reply was; nothing where it was not called.
+  using Lookup = std::optional<ORBServiceManagerXPCHandler::Endpoint>;
+  Lookup lookUp(const Value& passkey, const std::string& name) {
+    Lookup found;
+    handler().xpcListenerEndpoint(
+        passkey, name,
+        [&](const ORBServiceManagerXPCHandler::Endpoint& endpoint) { found = endpoint; });
+    loop_.runReady();
+    return found;
+  }
+  std::string registerAs(const ORBServiceManagerXPCHandler::Endpoint& endpoint,
+                         const Value& passkey, const std::string& name) {
+    std::string answer = "none";
+    handler().registerXPCListenerEndpoint(
+        endpoint, passkey, name, [&](bool success, const std::optional<std::string>& message) {
+          answer = (success ? "YES " : "NO ") + message.value_or("nil");
+        });
+    return answer;
+  }
+  // Without where the lines are from.
+  std::vector<std::string> lines() {
+    queues_.runPending();
+    std::vector<std::string> lines;
+    for (const auto& message : logSink_.take()) {
+      EXPECT_TRUE(message.text.starts_with("[ORBServiceManagerXPCHandler.cpp:")) << message.text;
+      lines.push_back(std::to_string(message.level) +
+                      message.text.substr(message.text.find("] ") + 1));
+    }
+    return lines;
+  }
+
+  std::vector<DistributedNotification> requests_;
+  std::shared_ptr<ORBServiceManagerXPCHandler> handler_;
+  const ORBServiceManagerXPCHandler::Endpoint one_ = std::make_shared<NamedEndpoint>();
+  const ORBServiceManagerXPCHandler::Endpoint other_ = std::make_shared<NamedEndpoint>();
+};
+
+TEST_F(EndpointRegistryTest, TheSignatureIsTheServersToken) {
+  Data shown;
+  handler().signature([&](const Data& signature) { shown = signature; });
+  EXPECT_EQ(shown, clientProfileData(system_));
+}
+
+TEST_F(EndpointRegistryTest, ARegisteredEndpointIsFound) {
+  EXPECT_EQ(registerAs(one_, passkey(), "name"), "YES nil");
+  EXPECT_EQ(lookUp(passkey(), "name"), Lookup(one_));
+  EXPECT_EQ(lines(), (std::vector<std::string>{"7 Received register request for 'name'.",
+                                               "7 Received listenerendpoint request for 'name'"}));
+  EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(EndpointRegistryTest, ANameThatIsTakenIsReplaced) {
+  registerAs(one_, passkey(), "name");
+  EXPECT_EQ(registerAs(other_, passkey(), "name"), "YES nil");
+  EXPECT_EQ(lookUp(passkey(), "name"), Lookup(other_));
+}
+
+TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndAskedForOnce) {
+  EXPECT_EQ(lookUp(passkey(), "missing"), Lookup(nullptr));
+  ASSERT_EQ(requests_.size(), 1u);
+  EXPECT_EQ(requests_[0],
+            (DistributedNotification{"com.vantor.servicemanager.xpc.notification.registration",
+                                     std::nullopt, Dictionary{{"requestName", "missing"}}}));
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         "7 Received listenerendpoint request for 'missing'",
+                         "7 Cannot find listener for endpoint 'missing'.",
+                         "7 Send a registration request notification for 'missing'."}));
+}
+
+class WrongPasskey : public EndpointRegistryTest, public testing::WithParamInterface<int> {
+ protected:
+  // By which byte it differs, or, from 16 on, of which length it is.
+  Value wrong() const {
+    Data key = *passkey().data();
+    if (GetParam() < 16) {
+      key[static_cast<std::size_t>(GetParam())] ^= 1;
+      return key;
+    }
+    key.resize(static_cast<std::size_t>(GetParam() - 16));
+    return key;
+  }
+};
+
+TEST_P(WrongPasskey, RegistersNothingAndIsTold) {
+  if (wrong() == passkey()) return;
+  EXPECT_EQ(registerAs(one_, wrong(), "name"), "NO Invalid passkey for the registration.");
+  EXPECT_EQ(lines(), (std::vector<std::string>{"3 Invalid profile detected.",
+                                               "3 Received invalid passkey for registration."}));
+  EXPECT_EQ(handler().xpcListenerEndpointByName("name"), nullptr);
+}
+
+TEST_P(WrongPasskey, FindsNothingAndIsNotAnswered) {
+  if (wrong() == passkey()) return;
+  registerAs(one_, passkey(), "name");
+  lines();
+  EXPECT_EQ(lookUp(wrong(), "name"), std::nullopt);
+  EXPECT_EQ(lookUp(wrong(), "missing"), std::nullopt);
+  const std::vector<std::string> refusal{
+      "3 Invalid profile detected.", "3 Received invalid passkey for listener endpoint request."};
+  auto twice = refusal;
+  twice.insert(twice.end(), refusal.begin(), refusal.end());
+  EXPECT_EQ(lines(), twice);
+  EXPECT_TRUE(requests_.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(BytesAndLengths, WrongPasskey,
+                         testing::Values(0, 7, 15, 16, 17, 31, 33, 16 + 4096));
+
+TEST_F(EndpointRegistryTest, APasskeyThatIsNoDataIsWrong) {
+  EXPECT_FALSE(handler().validatePasskey(Value()));
+  EXPECT_FALSE(handler().validatePasskey(Value("text")));
+  EXPECT_TRUE(handler().validatePasskey(passkey()));
+}
+
+TEST_F(EndpointRegistryTest, NothingAndTooMuchAreNotRegistered) {
+  EXPECT_EQ(registerAs(nullptr, passkey(), "name"), "NO There is no endpoint to register.");
+  const std::string longest(ORBServiceManagerXPCHandler::kMaxNameBytes, 'n');
+  EXPECT_EQ(registerAs(one_, passkey(), longest), "YES nil");
+  EXPECT_EQ(registerAs(one_, passkey(), longest + "n"), "NO The name is too long.");
+  for (std::size_t i = 1; i < ORBServiceManagerXPCHandler::kMaxNames; ++i) {
+    ASSERT_EQ(registerAs(one_, passkey(), std::to_string(i)), "YES nil");
+  }
+  EXPECT_EQ(registerAs(one_, passkey(), "one more"), "NO Too many names are registered.");
+  EXPECT_EQ(registerAs(other_, passkey(), longest), "YES nil");
+}
+
+TEST_F(EndpointRegistryTest, TheDaemonItselfNeedsNoPasskey) {
+  EXPECT_EQ(handler().xpcListenerEndpointByName("name"), nullptr);
+  handler().registerXPCListenerEndpoint(one_, "name");
+  EXPECT_EQ(handler().xpcListenerEndpointByName("name"), one_);
+  EXPECT_TRUE(lines().empty());
+}
+
+// The daemon as it starts, spoken to by another process.
+class XPCStartUpTest : public EndpointRegistryTest {
+ protected:
+  std::shared_ptr<NSXPCConnection> connect(std::shared_ptr<NSXPCConnection> connection,
+                                           const char* protocol) {
+    connection->setRemoteObjectInterface(protocols_.find(protocol));
+    connection->setInvalidationHandler([this] { invalid_ = true; });
+    connection->resume();
+    return connection;
+  }
+  std::optional<Array> call(NSXPCConnection& connection, std::string_view selector,
+                            Array arguments) {
+    std::optional<Array> reply;
+    connection.sendMessage(
+        selector, std::move(arguments), [&](Array values) { reply = std::move(values); },
+        [](const NSError&) {});
+    loop_.runReady();
+    return reply;
+  }
+
+  FakeXPC client_{network_, {300, 501, 20}, systemLog_};
+  bool invalid_ = false;
+};
+
+TEST_F(XPCStartUpTest, TheExecutableInformationServiceIsFoundThroughTheRegistry) {
+  start();
+  const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
+                                "ORBServiceManagerXPCInterfaceProtocol");
+  EXPECT_EQ(call(*registry, "signatureWithReply:", {}), Array{Value(clientProfileData(system_))});
+  const auto found = call(*registry, "xpcListenerEndpointForPasskey:withName:withReply:",
+                          {passkey(), Value("com.vantor.xpc.name.execinfohandler")});
+  ASSERT_TRUE(found);
+  const auto service =
+      connect(client_.xpc.makeConnection(endpointIn(found->at(0))), "ORBExecutableInfoProtocol");
+  EXPECT_EQ(call(*service, "requestExecutableInfo:withReply:", {Value("/nowhere")}),
+            (Array{Value(""), Value(""), Value("")}));
+  EXPECT_EQ(countInLog("Received a new connection request. pid: 300, uid: 501"), 2u);
+  EXPECT_EQ(countInLog("requestExecutableInfo request for path '/nowhere'"), 1u);
+}
+
+TEST_F(XPCStartUpTest, RequestsOverAConnectionAreAnsweredAsTheyAreLocally) {
+  start();
+  const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
+                                "ORBServiceManagerXPCInterfaceProtocol");
+  const auto own = client_.xpc.makeAnonymousListener();
+  const Value endpoint(std::shared_ptr<const RemoteObject>(own->endpoint()));
+  EXPECT_EQ(call(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
+                 {endpoint, passkey(), Value("mine")}),
+            (Array{Value(true), Value()}));
+  EXPECT_EQ(call(*registry,
+                 "xpcListenerEndpointForPasskey:withName:withReply:", {passkey(), Value("mine")}),
+            Array{endpoint});
+  EXPECT_EQ(call(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
+                 {endpoint, Value(Data(16)), Value("mine")}),
+            (Array{Value(false), Value("Invalid passkey for the registration.")}));
+  EXPECT_EQ(call(*registry, "xpcListenerEndpointForPasskey:withName:withReply:",
+                 {Value(Data(16)), Value("mine")}),
+            std::nullopt);
+  EXPECT_FALSE(invalid_);
+}
+
+TEST_F(XPCStartUpTest, OnASystemThatReads11_0ThereAreNoListenersAndAllServers) {
+  system_.setRelease("20.0.0", {11, 0, 0});
+  start();
+  EXPECT_EQ(manager().xpcListener(), nullptr);
+  EXPECT_EQ(manager().execHandlerXPCListener(), nullptr);
+  EXPECT_EQ(manager().xpcHandler(), nullptr);
+  EXPECT_EQ(manager().execHandler(), nullptr);
+  const auto nobody = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
+                              "ORBServiceManagerXPCInterfaceProtocol");
+  loop_.runReady();
+  EXPECT_TRUE(invalid_);
+  for (const auto& server : {manager().installerConnection(), manager().userInterfaceConnection(),
+                             manager().deamonConnection()}) {
+    ASSERT_NE(server, nullptr);
+    EXPECT_TRUE(server->isValid());
+  }
+  ASSERT_EQ(heard_.size(), 1u);
+  EXPECT_EQ(heard_[0].name, kDidStart);
+}
+
+TEST_F(XPCStartUpTest, TheMinorVersionAloneDecides) {
+  for (const auto& [major, minor, expected] :
+       {std::tuple(10u, 7u, false), std::tuple(10u, 8u, true), std::tuple(9u, 9u, true)}) {
+    manager_.reset();
+    loop_.runReady();
+    system_.setRelease("15.0.0", {major, minor, 0});
+    start();
+    EXPECT_EQ(manager().xpcListener() != nullptr, expected) << major << "." << minor;
+  }
+}
+
+TEST_F(XPCStartUpTest, TheDaemonsEndLeavesNobodyWithItsDelegate) {
+  start();
+  const auto handler = manager().execHandler();
+  manager_.reset();
+  attributes_.set("/file", "com.apple.quarantine", "0;1;agent;id");
+  EXPECT_EQ(handler->getURLFromQuarantineForFile("/file"), std::nullopt);
+}
+
+}  // namespace

@@ -1,0 +1,204 @@
+// Settings that are changed, and what follows: features that start and stop, and values that
+// outlive the server.
+
+#include <csignal>
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/DaemonRoot.h"
+#include "Tests/EndToEnd/SettingsProgram.h"
+#include "Tests/EndToEnd/UserInterfaceClient.h"
+
+namespace platform {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr char kFeatureService[] = "com.vantor.test.feature";
+
+// A feature that two switches turn on, and a third that no setting holds.
+Dictionary catalogueWithFeature() {
+  Dictionary catalogue = DaemonRoot::catalogue(1);
+  Dictionary feature = DaemonRoot::service(kFeatureService);
+  feature.set("Features", Array{"Feature"});
+  Dictionary services = *catalogue["Services"].dictionary();
+  services.set(kFeatureService, feature);
+  catalogue.set("Services", services);
+  catalogue.set(
+      "Features",
+      Dictionary{
+          {"Feature",
+           Dictionary{
+               {"Config",
+                Array{Dictionary{{"Source", "common"},
+                                 {"Switches", Dictionary{{"Enabled", 1}, {"Mode", "strict"}}}},
+                      Dictionary{{"Source", "ntp"}, {"Switches", Dictionary{{"Nowhere", 1}}}}}}}}});
+  return catalogue;
+}
+
+class DaemonSettingsServer : public testing::Test {
+ protected:
+  void startDaemon() {
+    root_.setCatalogue(catalogueWithFeature());
+    root_.startDaemon();
+    root_.awaitStart();
+    program_.emplace(root_);
+    root_.awaitLog("Evaluating service: " + std::string(kFeatureService));
+    userInterface_.emplace(root_);
+    userInterface_->registerClient();
+  }
+  // The configuration server alone, as a job.
+  void startServer() {
+    program_.emplace(root_);
+    Dictionary job{*DaemonRoot::service(DaemonRoot::kPrimary, "configd")["JobSpec"].dictionary()};
+    job.set("Label", DaemonRoot::kPrimary);
+    job.set("Program", root_.folder().path("opt/configd"));
+    job.set("KeepAlive", true);
+    const auto submitted =
+        root_.jobs().SMJobSubmit(kSMDomainSystemLaunchd, Value(std::move(job)), nullptr);
+    ASSERT_TRUE(submitted) << submitted.error().localizedDescription;
+    root_.await("the settings server", [&] { return program_->starts() > 0; });
+  }
+  void killServer() {
+    const int before = program_->starts();
+    ASSERT_EQ(::kill(root_.processOf(DaemonRoot::kPrimary), SIGKILL), 0);
+    root_.await("the settings server to be back", [&] { return program_->starts() > before; });
+  }
+  void awaitFeature(std::int64_t status) {
+    root_.await("the feature's service",
+                [&] { return userInterface_->wasTold(kFeatureService, status); });
+    userInterface_->forgetNotices();
+  }
+  // The exit status of the tool; what it said is in `output_` and `errors_`.
+  int control(std::vector<std::string> arguments) {
+    std::vector<std::string> all{SERVICEMANAGERCTL, "--root", root_.path(), "settings"};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    ChildProgram tool(all, {});
+    const ExitStatus status = tool.waitForExit();
+    output_ = tool.restOfOutput();
+    errors_ = tool.errors();
+    return status.kind == ExitStatus::Kind::kExited ? status.number : -1;
+  }
+
+  DaemonRoot root_;
+  std::optional<SettingsProgram> program_;
+  std::optional<UserInterfaceClient> userInterface_;
+  std::string output_;
+  std::string errors_;
+};
+
+TEST_F(DaemonSettingsServer, ASwitchOfAnyKindAndAnyDomainTurnsItsFeatureOn) {
+  startDaemon();
+  EXPECT_EQ(root_.processOf(kFeatureService), 0);
+  program_->set("Enabled", 1);
+  awaitFeature(1);
+  program_->set("Enabled", 0);
+  awaitFeature(0);
+  root_.await("the job's end", [&] { return root_.processOf(kFeatureService) == 0; });
+  // By its other switch, of another kind.
+  program_->set("Mode", "strict");
+  awaitFeature(1);
+  program_->client().sendMessage("removeObjectForKey:sender:", {"Mode", "test"});
+  awaitFeature(0);
+  EXPECT_GT(root_.logCount("Feature exposes an invalid configuration switch key \"Nowhere\""), 0u);
+}
+
+TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfManyChanges) {
+  constexpr int kRounds = 8;
+  constexpr int kKeys = 100;
+  startServer();
+  std::set<std::string> announced;
+  std::size_t killAt = 0;
+  const auto observation = root_.center().addObserver(
+      kKLXGlobalSettingsDidChangeNotification, std::nullopt,
+      [&](const DistributedNotification& notification) {
+        announced.insert(*notification.userInfo[kKLXGlobalSettingsKeyModified].string());
+        root_.changed();
+      });
+  for (int round = 1; round <= kRounds && !HasFailure(); ++round) {
+    announced.clear();
+    const ProcessId server = root_.processOf(DaemonRoot::kPrimary);
+    const int starts = program_->starts();
+    for (int key = 0; key < kKeys; ++key) program_->set("key " + std::to_string(key), round);
+    killAt = static_cast<std::size_t>(1 + (round - 1) * (kKeys - 1) / kRounds);
+    root_.await("changes", [&] { return announced.size() >= killAt; });
+    ASSERT_EQ(::kill(server, SIGKILL), 0);
+    root_.await("the server", [&] { return program_->starts() > starts; });
+    for (const std::string& key : announced)
+      EXPECT_EQ(program_->client().objectForKey(key), Value(round)) << key;
+  }
+}
+
+TEST_F(DaemonSettingsServer, NothingThatWasReadOrSaidYesToIsLostByAKill) {
+  constexpr int kRounds = 5;
+  startServer();
+  for (int round = 1; round <= kRounds && !HasFailure(); ++round) {
+    program_->set("read", round);
+    ASSERT_EQ(program_->client().objectForKey("read"), Value(round));
+    program_->client().sendMessage("registerDefaults:", {Dictionary{{"default", round}}});
+    ASSERT_EQ(program_->client().objectForKey("default"), Value(round));
+    const Data bytes(10'000, static_cast<std::uint8_t>(round));
+    ASSERT_EQ(program_->client().sendMessage("persistBlob:forKey:sender:", {bytes, "blob", "test"}),
+              MessageResult(Value(true)));
+    killServer();
+    EXPECT_EQ(program_->client().objectForKey("read"), Value(round));
+    EXPECT_EQ(program_->client().objectForKey("default"), Value(round));
+    EXPECT_EQ(program_->client().sendMessage("persistedBlobForKey:", {"blob"}),
+              MessageResult(Value(bytes)));
+  }
+}
+
+TEST_F(DaemonSettingsServer, TheOperatorReadsAndChangesSettings) {
+  startServer();
+  EXPECT_EQ(control({"list", "common"}), 0) << errors_;
+  EXPECT_EQ(output_, "common has no settings.\n");
+  EXPECT_EQ(control({"set", "common", "Enabled", "1"}), 0) << errors_;
+  EXPECT_EQ(output_, "Enabled of common is 1 (integer).\n");
+  EXPECT_EQ(program_->client().objectForKey("Enabled").integer(), 1);
+  EXPECT_EQ(control({"set", "common", "Enabled", "--type", "boolean", "yes"}), 0) << errors_;
+  EXPECT_EQ(program_->client().objectForKey("Enabled").boolean(), true);
+  EXPECT_EQ(control({"set", "common", "Level", "--", "-5"}), 0) << errors_;
+  EXPECT_EQ(program_->client().objectForKey("Level").integer(), -5);
+  EXPECT_EQ(control({"set", "common", "Blob", "--type", "data", "AQI="}), 0) << errors_;
+  EXPECT_EQ(program_->client().objectForKey("Blob"), Value(Data{1, 2}));
+  EXPECT_EQ(control({"get", "common", "Blob"}), 0) << errors_;
+  EXPECT_EQ(output_, "AQI=\n");
+  EXPECT_EQ(control({"get", "com.vantor.CommonPreferences", "Enabled", "--json"}), 0) << errors_;
+  EXPECT_THAT(output_, HasSubstr("\"type\": \"boolean\""));
+  EXPECT_EQ(control({"list", "common"}), 0) << errors_;
+  EXPECT_EQ(output_,
+            "KEY      TYPE        SET      VALUE\n"
+            "Blob     data        yes      \"AQI=\"\n"
+            "Enabled  boolean     yes      true\n"
+            "Level    integer     yes      -5\n");
+  program_->client().sendMessage("registerDefaults:", {Dictionary{{"Enabled", 0}}});
+  EXPECT_EQ(control({"unset", "common", "Enabled"}), 0) << errors_;
+  EXPECT_EQ(output_, "Enabled of common is 0 (integer, by default).\n");
+  EXPECT_EQ(control({"unset", "common", "Level"}), 0) << errors_;
+  EXPECT_EQ(output_, "Level of common is not set.\n");
+}
+
+TEST_F(DaemonSettingsServer, TheOperatorIsToldWhatIsWrong) {
+  EXPECT_EQ(control({"list", "common"}), 5);
+  EXPECT_THAT(errors_, HasSubstr("the settings server of common does not serve below"));
+  EXPECT_EQ(control({"list", "commons"}), 2);
+  EXPECT_THAT(errors_, HasSubstr("there is no settings domain \"commons\"; there are update, "
+                                 "common, deviceControl, appControl, cmx, heartbeat, ntp, "
+                                 "webControl"));
+  startServer();
+  EXPECT_EQ(control({"get", "common", "nothing"}), 3);
+  EXPECT_THAT(errors_, HasSubstr("common has no setting \"nothing\""));
+  EXPECT_EQ(control({"set", "common", "a", "x", "--type", "integer"}), 2);
+  EXPECT_THAT(errors_, HasSubstr("\"x\" is not an integer of 64 bits"));
+  EXPECT_EQ(control({"set", "common", std::string(256, 'k'), "1"}), 1);
+  EXPECT_THAT(errors_, HasSubstr("the server does not hold what was set"));
+  root_.awaitLog("its key has 256 bytes, the most are 255");
+  EXPECT_EQ(control({"set", "common", "a"}), 2);
+  EXPECT_EQ(control({"set", "common", "a", "1", "--type", "colour"}), 2);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,141 @@
+#include "Tools/servicemanagerctl/SettingsReport.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <fmt/format.h>
+
+#include "Platform/PropertyListScalars.h"
+#include "Shared/Categories/NSStringExtensions.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
+
+namespace {
+
+using namespace platform;
+using Json = nlohmann::ordered_json;
+using Type = Value::Type;
+using Parsed = std::expected<Value, std::string>;
+
+std::optional<bool> booleanIn(const std::string& text) {
+  namespace Strings = NSStringExtensions;
+  for (const char* word : {"true", "yes", "on", "1"}) {
+    if (Strings::isCaseInsensitiveEqualToString(text, word)) return true;
+  }
+  for (const char* word : {"false", "no", "off", "0"}) {
+    if (Strings::isCaseInsensitiveEqualToString(text, word)) return false;
+  }
+  return std::nullopt;
+}
+
+Parsed wrong(const std::string& text, std::string_view expected) {
+  return std::unexpected(fmt::format("\"{}\" is not {}", plain(text), expected));
+}
+
+Parsed parseInteger(const std::string& text) {
+  if (const auto integer = integerFromText(text)) return *integer;
+  return wrong(text, "an integer of 64 bits");
+}
+
+Parsed parseReal(const std::string& text) {
+  if (const auto real = realFromText(text)) return *real;
+  return wrong(text, "a number");
+}
+
+Parsed parseNumber(const std::string& text) {
+  if (const auto integer = integerFromText(text)) return *integer;
+  return parseReal(text);
+}
+
+Parsed parseAs(std::string_view type, const std::string& text) {
+  if (type == "integer") return parseInteger(text);
+  if (type == "real") return parseReal(text);
+  if (type == "number") return parseNumber(text);
+  if (type == "string") return text;
+  if (type == "boolean") {
+    if (const auto boolean = booleanIn(text)) return *boolean;
+    return wrong(text, "true or false");
+  }
+  if (auto data = dataFromText(text)) return std::move(*data);
+  return wrong(text, "data in base 64");
+}
+
+bool canBeTyped(const Value& value) {
+  return value.isNumber() || value.type() == Type::kString || value.type() == Type::kData;
+}
+
+}  // namespace
+
+std::string_view typeName(const Value& value) {
+  switch (value.type()) {
+    case Type::kBoolean:
+      return "boolean";
+    case Type::kInteger:
+      return "integer";
+    case Type::kReal:
+      return "real";
+    case Type::kString:
+      return "string";
+    case Type::kData:
+      return "data";
+    case Type::kDate:
+      return "date";
+    case Type::kArray:
+      return "array";
+    case Type::kDictionary:
+      return "dictionary";
+    case Type::kNullMarker:
+      return "null";
+    case Type::kNil:
+    case Type::kRemoteObject:
+      break;
+  }
+  return "none";
+}
+
+Parsed parseSetting(const std::string& text, const std::optional<std::string>& type,
+                    const Value& current) {
+  if (type) return parseAs(*type, text);
+  if (canBeTyped(current)) return parseAs(typeName(current), text);
+  if (text == "true" || text == "false") return text == "true";
+  if (auto number = parseNumber(text)) return number;
+  return text;
+}
+
+std::string asTable(const std::vector<SettingState>& settings, std::string_view domain,
+                    Reader reader) {
+  if (settings.empty()) return fmt::format("{} has no settings.\n", domain);
+  constexpr std::string_view kKeyHeading = "KEY";
+  std::size_t width = kKeyHeading.size();
+  for (const SettingState& setting : settings) width = std::max(width, plain(setting.key).size());
+  std::string text;
+  const auto out = std::back_inserter(text);
+  const std::string heading =
+      fmt::format("{:<{}}  {:<10}  {:<7}  VALUE", kKeyHeading, width, "TYPE", "SET");
+  fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
+  for (const SettingState& setting : settings) {
+    fmt::format_to(out, "{:<{}}  {:<10}  {:<7}  {}\n", plain(setting.key), width,
+                   typeName(setting.value), setting.isDefault ? "default" : "yes",
+                   shown(setting.value));
+  }
+  return text;
+}
+
+Json asJson(const SettingState& setting) {
+  return {{"key", setting.key},
+          {"type", typeName(setting.value)},
+          {"value", jsonOf(setting.value)},
+          {"default", setting.isDefault}};
+}
+
+Json asJson(const std::vector<SettingState>& settings) {
+  Json array = Json::array();
+  for (const SettingState& setting : settings) array.push_back(asJson(setting));
+  return array;
+}
+
+std::string asSentence(const SettingState& setting, std::string_view domain) {
+  if (setting.value.isNil())
+    return fmt::format("{} of {} is not set.\n", plain(setting.key), domain);
+  return fmt::format("{} of {} is {} ({}{}).\n", plain(setting.key), domain, shown(setting.value),
+                     typeName(setting.value), setting.isDefault ? ", by default" : "");
+}

@@ -1,0 +1,199 @@
+#include "Tools/servicemanagerctl/XPCCommands.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <utility>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Platform/NSXPCListener.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/Output.h"
+
+namespace {
+
+using namespace platform;
+
+// The registry answers at once. A hash takes as long as the file is long.
+constexpr std::chrono::seconds kRegistryPatience(10);
+constexpr std::chrono::hours kHashPatience(1);
+
+Refusal nobodyThere(const std::string& root) {
+  return {kExitNobodyThere,
+          fmt::format("no service manager serves endpoints below {}; is it running? "
+                      "\"servicemanagerctl jobs show com.vantor.servicemanager\" tells",
+                      root)};
+}
+
+// Blocks for the reply.
+Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array arguments,
+                  std::chrono::seconds patience, const std::string& root) {
+  // Shared with the handlers, which may outlive the wait.
+  const auto answer = std::make_shared<std::promise<Answer<Array>>>();
+  connection.sendMessage(
+      selector, std::move(arguments),
+      [answer](Array values) { answer->set_value(std::move(values)); },
+      [answer, root](const NSError& error) {
+        answer->set_value(std::unexpected(
+            error.code == NSXPCConnectionReplyInvalid
+                ? Refusal{kExitFailed, "the service manager refused: " + error.localizedDescription}
+                : nobodyThere(root)));
+      });
+  auto future = answer->get_future();
+  if (future.wait_for(patience) != std::future_status::ready) {
+    return std::unexpected(Refusal{
+        kExitNotAuthenticated,
+        fmt::format("the service manager has not answered for {} s; it answers nobody who is not "
+                    "of its product: use the servicemanagerctl that was installed with it",
+                    patience.count())});
+  }
+  return future.get();
+}
+
+std::shared_ptr<NSXPCConnection> connected(std::shared_ptr<NSXPCConnection> connection,
+                                           const ProtocolTable& protocols, const char* protocol) {
+  connection->setRemoteObjectInterface(protocols.find(protocol));
+  connection->resume();
+  return connection;
+}
+
+Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
+    const XPCCommands::Environment& environment, NSXPCConnection& registry,
+    const std::string& name) {
+  auto reply = ask(registry, "xpcListenerEndpointForPasskey:withName:withReply:",
+                   {Value(systemProfileData(environment.system)), Value(name)}, kRegistryPatience,
+                   environment.root);
+  if (!reply) return std::unexpected(std::move(reply.error()));
+  return reply->empty() ? nullptr : endpointIn(reply->front());
+}
+
+// Says who connects, and accepts nobody: the tool has nothing to offer.
+class Doorman final : public NSXPCListenerDelegate {
+ public:
+  bool listener(NSXPCListener& /*listener*/,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    print(fmt::format("process {} of user {} connects\n", connection->processIdentifier(),
+                      connection->effectiveUserIdentifier()));
+    return false;
+  }
+};
+
+std::string textAt(const Array& reply, std::size_t index) {
+  const std::string* text = index < reply.size() ? reply[index].string() : nullptr;
+  return text ? *text : std::string();
+}
+
+}  // namespace
+
+XPCCommands::XPCCommands(CLI::App& app) {
+  endpoints_ = app.add_subcommand("endpoints", "The registry of endpoints");
+  endpoints_->require_subcommand(1);
+  register_ = endpoints_->add_subcommand(
+      "register", "Register a listener of this command's own, and say who connects until it ends");
+  lookup_ = endpoints_->add_subcommand("lookup", "Whether a name is registered");
+  for (CLI::App* command : {register_, lookup_}) {
+    command->add_option("NAME", name_, "The endpoint's name")->required();
+  }
+  lookup_->add_flag("--json", json_, "For programs");
+  execinfo_ = app.add_subcommand(
+      "execinfo", "Who signed files, their SHA-256, and where they were downloaded from");
+  execinfo_->add_option("PATH", paths_, "The files")->required();
+  execinfo_->add_flag("--json", json_, "For programs");
+}
+
+int XPCCommands::run(const Environment& environment) const {
+  const auto registry = connected(environment.xpc.makeConnection(kEndpointRegistryService),
+                                  environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
+  const auto signature =
+      ask(*registry, "signatureWithReply:", {}, kRegistryPatience, environment.root);
+  Answer<int> done = EXIT_SUCCESS;
+  if (!signature) {
+    done = std::unexpected(signature.error());
+  } else if (signature->empty() ||
+             signature->front() != Value(clientProfileData(environment.system))) {
+    done = std::unexpected(Refusal{kExitNotAuthenticated,
+                                   "what serves endpoints here is not this product's service "
+                                   "manager"});
+  } else if (execinfo_->parsed()) {
+    done = tellExecutables(environment, registry);
+  } else if (lookup_->parsed()) {
+    done = lookUp(environment, registry);
+  } else if (auto registered = registerName(environment, registry); !registered) {
+    done = std::unexpected(std::move(registered.error()));
+  }
+  if (done) return *done;
+  fail(done.error().text);
+  return done.error().exitStatus;
+}
+
+Answer<void> XPCCommands::registerName(const Environment& environment,
+                                       const Connection& registry) const {
+  const auto doorman = std::make_shared<Doorman>();
+  const auto listener = environment.xpc.makeAnonymousListener();
+  listener->setDelegate(doorman);
+  listener->resume();
+  const auto endpoint = listener->endpoint();
+  if (!endpoint) return std::unexpected(Refusal{kExitFailed, "no listener can be made here"});
+  const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
+                         {Value(std::shared_ptr<const RemoteObject>(endpoint)),
+                          Value(systemProfileData(environment.system)), Value(name_)},
+                         kRegistryPatience, environment.root);
+  if (!reply) return std::unexpected(reply.error());
+  if (reply->empty() || reply->front() != Value(true)) {
+    return std::unexpected(
+        Refusal{kExitFailed, "the service manager refused: " + textAt(*reply, 1)});
+  }
+  print(fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", name_));
+  for (;;) ::pause();
+}
+
+Answer<int> XPCCommands::lookUp(const Environment& environment, const Connection& registry) const {
+  const auto endpoint = endpointOf(environment, *registry, name_);
+  if (!endpoint) return std::unexpected(endpoint.error());
+  if (json_) {
+    print(nlohmann::json{{"name", name_}, {"registered", *endpoint != nullptr}}.dump(2) + "\n");
+  } else {
+    print(fmt::format(
+        "{} is {}\n", name_,
+        *endpoint ? "registered" : "not registered; its owner has been asked to register it"));
+  }
+  return *endpoint ? EXIT_SUCCESS : kExitFailed;
+}
+
+Answer<int> XPCCommands::tellExecutables(const Environment& environment,
+                                         const Connection& registry) const {
+  const auto endpoint = endpointOf(environment, *registry, kExecInfoEndpoint);
+  if (!endpoint) return std::unexpected(endpoint.error());
+  if (!*endpoint) return std::unexpected(nobodyThere(environment.root));
+  const auto service = connected(environment.xpc.makeConnection(*endpoint), environment.protocols,
+                                 kORBExecutableInfoProtocol);
+  auto list = nlohmann::json::array();
+  for (const std::string& path : paths_) {
+    // The service has a folder of its own, and wants to be told the file itself.
+    std::error_code error;
+    const auto canonical = std::filesystem::weakly_canonical(path, error);
+    const std::string file = error ? path : canonical.string();
+    const auto reply = ask(*service, "requestExecutableInfo:withReply:", {Value(file)},
+                           kHashPatience, environment.root);
+    if (!reply) return std::unexpected(reply.error());
+    const std::string signing = textAt(*reply, 0);
+    const std::string hash = textAt(*reply, 1);
+    const std::string source = textAt(*reply, 2);
+    if (json_) {
+      list.push_back({{"path", file}, {"signing", signing}, {"sha256", hash}, {"source", source}});
+    } else {
+      const auto shown = [](const std::string& text) { return text.empty() ? "-" : text.c_str(); };
+      print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", file, shown(signing),
+                        shown(hash), shown(source)));
+    }
+  }
+  // A path may hold any bytes, and so may the text from an attribute.
+  if (json_) print(list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "Platform/NSXPCConnection.h"
+#include "Platform/Protocol.h"
+#include "Platform/SystemInformation.h"
+#include "Platform/Value.h"
+#include "Platform/XPC.h"
+#include "Tools/servicemanagerctl/DaemonClient.h"
+
+// "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": what any client of the
+// registry can do, with the same passkey.
+class XPCCommands {
+ public:
+  // Adds the commands to `app`, which outlives this.
+  explicit XPCCommands(CLI::App& app);
+  XPCCommands(const XPCCommands&) = delete;
+  XPCCommands& operator=(const XPCCommands&) = delete;
+
+  bool parsed() const { return endpoints_->parsed() || execinfo_->parsed(); }
+
+  struct Environment {
+    platform::XPC& xpc;
+    const platform::SystemInformation& system;
+    const platform::ProtocolTable& protocols;
+    std::string root;  // of the platform, for texts
+  };
+  // Does what was asked, and returns the exit status. Registering blocks until the process is
+  // ended.
+  int run(const Environment& environment) const;
+
+ private:
+  using Connection = std::shared_ptr<platform::NSXPCConnection>;
+
+  Answer<void> registerName(const Environment& environment, const Connection& registry) const;
+  Answer<int> lookUp(const Environment& environment, const Connection& registry) const;
+  Answer<int> tellExecutables(const Environment& environment, const Connection& registry) const;
+
+  CLI::App* endpoints_;
+  CLI::App* register_;
+  CLI::App* lookup_;
+  CLI::App* execinfo_;
+  bool json_ = false;
+  std::string name_;
+  std::vector<std::string> paths_;
+};
