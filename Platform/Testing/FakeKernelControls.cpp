@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <utility>
 
 namespace platform {
@@ -55,7 +54,8 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
       return fail(ErrorCode::kSystem, EMSGSIZE, "a long option");
     }
     ControlInteger integer{0, bytes->size()};
-    std::memcpy(&integer.value, bytes->data(), std::min(bytes->size(), sizeof integer.value));
+    std::copy_n(bytes->begin(), std::min(bytes->size(), sizeof integer.value),
+                reinterpret_cast<std::uint8_t*>(&integer.value));
     return integer;
   }
 
