@@ -27,6 +27,8 @@
 #include "Platform/Linux/LinuxFileReader.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Testing/FakeExtendedAttributes.h"
+#include "Platform/Testing/FakeKernelControls.h"
+#include "Platform/Testing/FakeKernelExtensions.h"
 #include "Platform/Testing/FakeXPC.h"
 #include "Platform/Thread.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
@@ -128,6 +130,7 @@ class DaemonInProcess {
         .notificationCenter = linux_->notificationCenter,
         .protocols = protocols_,
         .mainBundle = linux_->mainBundle,
+        .extensions = {extensions_, controls_, linux_->tasks, root_.path()},
         .owner = {},
         .settingsClientFactories = factories_,
         .makeHealthInfo = {},
@@ -175,6 +178,8 @@ class DaemonInProcess {
   VirtualRunLoop nobodysLoop_;
   FakePeerNetwork nobodysNetwork_{nobodysLoop_};
   FakeXPC xpc_{nobodysNetwork_, {}, linux_->systemLog};
+  FakeKernelControls controls_{nobodysLoop_};
+  FakeKernelExtensions extensions_{nobodysLoop_, controls_};
   FakeExtendedAttributes attributes_;
   std::vector<std::string> labels_;
   Dictionary entries_;

@@ -36,8 +36,11 @@
 #include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
 #include "Platform/Testing/FakeExtendedAttributes.h"
+#include "Platform/Testing/FakeKernelControls.h"
+#include "Platform/Testing/FakeKernelExtensions.h"
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakeRandomDevice.h"
+#include "Platform/Testing/FakeTasks.h"
 #include "Platform/Testing/FakeXPC.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Platform/Testing/VirtualRunLoop.h"
@@ -242,6 +245,7 @@ class Bed {
             program_.center,
             program_.protocols,
             bundle_,
+            {extensions_, controls_, tasks_, "/"},
             {},
             factories_,
             {},
@@ -260,6 +264,7 @@ class Bed {
   Logger2Binding logger2Binding_{logger2_};
   LoggerBinding logger_{program_.log};
   VirtualRunLoop nobodysLoop_;
+  NotificationCenter nobodysCenter_;
   FakeNotificationBus network_{nobodysLoop_};
   std::unique_ptr<DistributedNotificationCenter> bus_ = network_.makeCenter(program_.log);
   JobHostClient hostClient_{program_.transport, *program_.loop, jobHostSocket(root_.path())};
@@ -274,6 +279,9 @@ class Bed {
   FakePeerNetwork nobodysNetwork_{nobodysLoop_};
   FakeXPC xpc_{nobodysNetwork_, {}, program_.log};
   FakeExtendedAttributes attributes_;
+  FakeKernelControls controls_{nobodysLoop_};
+  FakeKernelExtensions extensions_{nobodysLoop_, controls_};
+  FakeTasks tasks_{nobodysCenter_, true};
   ORBServiceManager manager_{platform()};
   std::unique_ptr<KLXGlobalSettingsClient> client_;
   bool isReady_ = false;

@@ -1,5 +1,7 @@
 #include "Platform/Bundle.h"
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -9,7 +11,7 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view kBundleSuffix = ".bundle";
+constexpr std::array<std::string_view, 3> kBundleSuffixes{".bundle", ".kext", ".app"};
 
 struct Split {
   std::string_view folder;  // without a slash at its end; empty for the root folder
@@ -20,10 +22,6 @@ Split splitLast(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   if (slash == path.npos) return {{}, path};
   return {path.substr(0, slash), path.substr(slash + 1)};
-}
-
-bool isBundleName(std::string_view name) {
-  return name.ends_with(kBundleSuffix) && name.size() > kBundleSuffix.size();
 }
 
 // Whether a relative path stays below the folder that it is taken in, symbolic links aside.
@@ -39,6 +37,12 @@ bool staysInside(std::string_view path) {
 }
 
 }  // namespace
+
+bool isBundleName(std::string_view name) {
+  return std::ranges::any_of(kBundleSuffixes, [name](std::string_view suffix) {
+    return name.ends_with(suffix) && name.size() > suffix.size();
+  });
+}
 
 BundleLayout bundleLayoutOfExecutable(std::string_view executablePath) {
   const Split program = splitLast(executablePath);

@@ -10,9 +10,10 @@ namespace platform {
 
 // Where the parts of a bundle lie; all paths are absolute.
 //
-// A bundle is a folder NAME.bundle with Contents/Info.plist, Contents/Linux/PROGRAM,
-// Contents/Resources/ and the seal Contents/_CodeSignature/. A program outside of such a folder has
-// a flat bundle: its own folder, with Info.plist and the resources beside it.
+// A bundle is a folder NAME.bundle (or with another of a bundle's suffixes) with
+// Contents/Info.plist, Contents/Linux/PROGRAM, Contents/Resources/ and the seal
+// Contents/_CodeSignature/. A program outside of such a folder has a flat bundle: its own folder,
+// with Info.plist and the resources beside it.
 struct BundleLayout {
   std::string path;
   std::string infoPath;
@@ -21,6 +22,10 @@ struct BundleLayout {
 
   bool operator==(const BundleLayout&) const = default;
 };
+
+// Whether a folder of this name, without its path, is a bundle: NAME.bundle, NAME.kext (an
+// extension) or NAME.app.
+bool isBundleName(std::string_view name);
 
 // The bundle of the program `executablePath`, which is absolute and without symbolic links. Looks
 // at the path only, not at files.

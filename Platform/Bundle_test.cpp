@@ -23,10 +23,16 @@ TEST(BundleLayoutTest, AProgramAnywhereElseHasItsFolderForAFlatBundle) {
   const BundleLayout expected{"/usr/sbin", "/usr/sbin/Info.plist", "/usr/sbin/demo", "/usr/sbin"};
   EXPECT_EQ(bundleLayoutOfExecutable("/usr/sbin/demo"), expected);
   for (const char* folder :
-       {"/Demo.bundle/Contents/linux", "/Demo.bundle/contents/Linux", "/Demo.app/Contents/Linux",
+       {"/Demo.bundle/Contents/linux", "/Demo.bundle/contents/Linux", "/Demo.d/Contents/Linux",
         "/.bundle/Contents/Linux", "/Demo.bundle/Linux", "/Demo.bundle/Contents/Linux/Helpers",
         "/Contents/Linux", "/Linux", "/Demo.bundle/Contents/Resources"}) {
     EXPECT_EQ(bundleLayoutOfExecutable(std::string(folder) + "/demo").path, folder);
+  }
+}
+
+TEST(BundleLayoutTest, AnExtensionIsABundleToo) {
+  for (const char* name : {"/opt/Demo.kext", "/opt/Demo.app"}) {
+    EXPECT_EQ(bundleLayoutOfExecutable(std::string(name) + "/Contents/Linux/demo").path, name);
   }
 }
 

@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Platform/Bundle.h"
 #include "Platform/Linux/FolderNames.h"
 #include "Platform/Linux/SystemCall.h"
 #include "Platform/Linux/UniqueFd.h"
@@ -18,7 +19,6 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view kBundleSuffix = ".bundle";
 constexpr std::size_t kMostLinkBytes = 4095;
 
 std::unexpected<CodeSigningFailure> refuse(std::string reason) {
@@ -128,17 +128,15 @@ class Listing {
 }  // namespace
 
 std::string sealFolderOfBundle(std::string_view path) {
-  return fmt::format("{}{}/_CodeSignature", path, path.ends_with(kBundleSuffix) ? "/Contents" : "");
+  const bool hasContents = isBundleName(path.substr(path.rfind('/') + 1));
+  return fmt::format("{}{}/_CodeSignature", path, hasContents ? "/Contents" : "");
 }
 
 std::string bundleAroundProgram(std::string_view path) {
   constexpr std::string_view kInside = "/Contents/";
   for (std::size_t at = 0; (at = path.find(kInside, at)) != path.npos; at += kInside.size() - 1) {
     const std::string_view folder = path.substr(0, at);
-    const std::string_view name = folder.substr(folder.rfind('/') + 1);
-    if (name.size() > kBundleSuffix.size() && name.ends_with(kBundleSuffix)) {
-      return std::string(folder);
-    }
+    if (isBundleName(folder.substr(folder.rfind('/') + 1))) return std::string(folder);
   }
   return {};
 }

@@ -16,7 +16,8 @@ namespace platform {
 inline constexpr std::size_t kMaxBundleItems = 16'384;
 inline constexpr std::size_t kMaxBundleDepth = 32;
 
-// Where the seal of the bundle at `path` lies: NAME.bundle/Contents/_CodeSignature, and
+// Where the seal of the bundle at `path` lies: NAME.bundle/Contents/_CodeSignature (so
+// for every name of a bundle, see Platform/Bundle.h), and
 // FOLDER/_CodeSignature in any other (a flat bundle).
 std::string sealFolderOfBundle(std::string_view path);
 inline constexpr std::string_view kSealListName = "CodeResources";

@@ -46,6 +46,25 @@ TEST_F(BundleSignatureTest, ASealedBundleAndItsProgramAreAccepted) {
   EXPECT_TRUE(bed_.check(inside("Linux/program")));
 }
 
+// Whatever suffix a bundle has, its programs are checked together with its seal.
+TEST(BundleSuffixTest, TheSealOfEveryKindOfBundleCoversItsPrograms) {
+  for (const char* name : {"Sample.bundle", "Sample.kext", "Sample.app"}) {
+    CodeSigningBed bed;
+    const std::string bundle = bed.makeBundle(name);
+    const std::string program = bundle + "/Contents/Linux/program";
+    EXPECT_TRUE(bed.check(bundle)) << name;
+    EXPECT_TRUE(bed.check(program)) << name;
+    bed.folder().write(std::string(name) + "/Contents/Resources/text", "changed");
+    for (const std::string& path : {bundle, program}) {
+      EXPECT_EQ(bed.refusal(path).status, errSecCSBadResource) << path;
+    }
+    std::filesystem::remove_all(bundle + "/Contents/_CodeSignature");
+    for (const std::string& path : {bundle, program}) {
+      EXPECT_EQ(bed.refusal(path).status, errSecCSUnsigned) << path;
+    }
+  }
+}
+
 TEST_F(BundleSignatureTest, AFlatBundleIsAccepted) {
   bed_.makeFile("flat/program");
   bed_.folder().write("flat/text", "text");
@@ -202,6 +221,12 @@ TEST(BundleAroundProgramTest, IsTheOutermost) {
   EXPECT_EQ(bundleAroundProgram("/a/.bundle/Contents/Linux/p"), "");
   EXPECT_EQ(bundleAroundProgram("/a/X.bundle/Linux/p"), "");
   EXPECT_EQ(bundleAroundProgram("/usr/bin/p"), "");
+  EXPECT_EQ(bundleAroundProgram("/a/X.kext/Contents/Linux/p"), "/a/X.kext");
+  EXPECT_EQ(bundleAroundProgram("/a/X.app/Contents/Linux/p"), "/a/X.app");
+  EXPECT_EQ(bundleAroundProgram("/X.bundle/Contents/Resources/Y.kext/Contents/Linux/p"),
+            "/X.bundle");
+  EXPECT_EQ(bundleAroundProgram("/a/.kext/Contents/Linux/p"), "");
+  EXPECT_EQ(bundleAroundProgram("/a/X.d/Contents/Linux/p"), "");
 }
 
 }  // namespace

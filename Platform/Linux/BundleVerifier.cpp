@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Bundle.h"
 #include "Platform/Linux/BundleContents.h"
 #include "Platform/Linux/BundleSeal.h"
 #include "Platform/Linux/CodeVerifier.h"
@@ -53,7 +54,7 @@ CodeSigningResult<void> checkIsBundleFolder(const std::string& path) {
   if (!S_ISDIR(status->st_mode)) {
     return refuse(errSecCSBadObjectFormat, path + ": is not a folder, so it is no bundle");
   }
-  if (!path.ends_with(".bundle")) return {};
+  if (!isBundleName(path.substr(path.rfind('/') + 1))) return {};
   const auto contents = lookAt(path + "/Contents");
   if (contents && S_ISDIR(contents->st_mode)) return {};
   return refuse(errSecCSBadObjectFormat, path + ": has no folder \"Contents\", so it is no bundle");

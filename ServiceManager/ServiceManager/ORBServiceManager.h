@@ -18,6 +18,7 @@
 #include "Platform/NSConnection.h"
 #include "Platform/NSXPCListener.h"
 #include "Platform/Value.h"
+#include "ServiceManager/ServiceManager/KextLoading.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
@@ -146,8 +147,29 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // if any of them could not be stopped. What is no string is no label.
   bool shutdownServices(const platform::Array& labels);
 
-  // Kernel extensions: loads and configures those of the service.
+  // Kernel extensions.
+
+  // Loads and configures those of the service that are not known to be, all that it can. Whether
+  // that were all.
   bool startAssociatedSystemExtensions(const std::string& label);
+  // Loads one as far as it is not, and configures it. Where it has to be unloaded for that, the
+  // services that use it are stopped and evaluated again 5 seconds later.
+  bool loadKextWithIdentifier(const std::optional<std::string>& identifier,
+                              const std::string& kextName, const platform::Array& withOptions);
+  // Connected to an extension's control; null where that can't be done.
+  std::unique_ptr<platform::ControlSocket> createControlSocketWithIdentifier(
+      std::string_view controlName);
+  std::set<std::string> daemonsUsingKext(const std::string& kextName) const;
+  // For the operator: the catalogue's extensions by name, each a dictionary with the keys below.
+  // Blocks for a second at most for an extension that does not accept connections.
+  platform::Dictionary systemExtensions() const;
+  static constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
+  static constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
+  static constexpr char kFactKextIsLoaded[] = "IsLoaded";
+  static constexpr char kFactKextProcess[] = "PID";  // of a user-space extension that runs
+  static constexpr char kFactKextIsConnected[] = "IsConnected";    // its control takes connections
+  static constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
+  static constexpr char kFactKextServices[] = "Services";          // the labels that name it
 
   // Requests of the user interface.
 
@@ -215,6 +237,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
     return userClients_;
   }
   const platform::Value& secret() const { return secret_; }
+  void setSecret(platform::Value secret) { secret_ = std::move(secret); }
   const std::set<std::string>& kextsLoaded() const { return kextsLoaded_; }
   void setKextsLoaded(std::set<std::string> names) { kextsLoaded_ = std::move(names); }
   ServiceHealth* healthInfo() const { return healthInfo_.get(); }
@@ -301,6 +324,14 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                                                  const platform::Value& known);
   std::optional<EnforcedJob> startStoppedService(const std::string& label,
                                                  const platform::Value& known);
+  struct KextLoad;
+  KextLoadingOutcome loadKextThroughState(KextLoadingState state, KextLoad& load);
+  KextLoadingOutcome connectKext(KextLoad& load);
+  KextLoadingOutcome configureKext(KextLoad& load);
+  KextLoadingOutcome unloadKext(KextLoad& load);
+  bool unloadKextWithIdentifier(const std::optional<std::string>& identifier);
+  platform::Dictionary factsOfKext(const std::string& name,
+                                   const std::optional<std::string>& identifier) const;
   bool isProgramSound(const platform::Value& jobInfo) const;
   std::optional<platform::ProcessId> awaitProcess(std::string_view label);
   bool armExitWatch(std::string label, platform::ProcessId process);

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
@@ -14,12 +15,15 @@
 #include "Platform/ExtendedAttributes.h"
 #include "Platform/FileReader.h"
 #include "Platform/Jobs.h"
+#include "Platform/KernelControls.h"
+#include "Platform/KernelExtensions.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/NotificationCenter.h"
 #include "Platform/Protocol.h"
 #include "Platform/RandomDevice.h"
 #include "Platform/RunLoop.h"
 #include "Platform/SystemInformation.h"
+#include "Platform/Task.h"
 #include "Platform/XPC.h"
 #include "ServiceManager/ServiceManager/ServiceHealth.h"
 
@@ -28,6 +32,14 @@ struct ProcessOwner {
   std::uint32_t realUser = 0;
   std::uint32_t effectiveUser = 0;
   std::uint32_t realGroup = 0;
+};
+
+// What kernel extensions are loaded with.
+struct KernelExtensionsPlatform {
+  platform::KernelExtensions& loader;
+  platform::KernelControls& controls;
+  platform::Tasks& tasks;
+  std::string root;  // of the platform: older releases have a program there that unloads
 };
 
 // Everything that the daemon needs from outside. It outlives the daemon.
@@ -45,6 +57,7 @@ struct ServiceManagerPlatform {
   platform::NotificationCenter& notificationCenter;
   const platform::ProtocolTable& protocols;
   const platform::Bundle& mainBundle;
+  KernelExtensionsPlatform extensions;
   ProcessOwner owner;
   const SettingsClientFactories& settingsClientFactories;
   // Makes the health record of a product that has one; empty where none is kept.

@@ -24,11 +24,14 @@
 #include "Platform/Testing/FakeExtendedAttributes.h"
 #include "Platform/Testing/FakeFileReader.h"
 #include "Platform/Testing/FakeJobs.h"
+#include "Platform/Testing/FakeKernelControls.h"
+#include "Platform/Testing/FakeKernelExtensions.h"
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/FakePeerTransport.h"
 #include "Platform/Testing/FakeRandomDevice.h"
 #include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/FakeTasks.h"
 #include "Platform/Testing/FakeXPC.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 #include "Platform/Testing/VirtualSerialQueues.h"
@@ -305,6 +308,7 @@ class ServiceManagerFixture : public testing::Test {
             notificationCenter_,
             protocols_,
             bundle_,
+            {extensions_, controls_, tasks_, "/root"},
             owner_,
             factories_,
             [this]() -> std::unique_ptr<ServiceHealth> {
@@ -364,6 +368,9 @@ class ServiceManagerFixture : public testing::Test {
   std::unique_ptr<platform::DistributedNotificationCenter> otherCenter_ =
       bus_.makeCenter(systemLog_);
   platform::NotificationCenter notificationCenter_;
+  platform::FakeKernelControls controls_{loop_};
+  platform::FakeKernelExtensions extensions_{loop_, controls_};
+  platform::FakeTasks tasks_{notificationCenter_, true};
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
   platform::NamedConnections connections_{loop_, transport_, notificationCenter_, systemLog_,

@@ -16,14 +16,18 @@
 #include "Logger/Logger.h"
 #include "Platform/BackgroundService.h"
 #include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/CoreDumps.h"
 #include "Platform/Linux/DevRandom.h"
 #include "Platform/Linux/EmbeddedAuthorization.h"
 #include "Platform/Linux/EmbeddedJobs.h"
 #include "Platform/Linux/JobHostClient.h"
 #include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Linux/KmodModules.h"
 #include "Platform/Linux/LinuxCodeSignatures.h"
 #include "Platform/Linux/LinuxExtendedAttributes.h"
 #include "Platform/Linux/LinuxFileReader.h"
+#include "Platform/Linux/LinuxKernelControls.h"
+#include "Platform/Linux/LinuxKernelExtensions.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxXPC.h"
 #include "Platform/Linux/NotificationBus.h"
@@ -80,6 +84,8 @@ int main(int argc, char** argv) {
   auto made = platform::LinuxPlatform::make();
   if (!made) return fail(made.error());
   platform::LinuxPlatform& linux = **made;
+  // It holds the secret of this run.
+  if (auto forbidden = platform::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
   platform::RunLoop& loop = *linux.runLoop;
   const std::string& root = linux.configuration.root;
   const auto signatures =
@@ -112,6 +118,12 @@ int main(int argc, char** argv) {
   addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
                                                        center, protocols, linux.systemInformation});
 
+  platform::LinuxKernelControls controls(root);
+  platform::KmodModules modules;
+  platform::LinuxKernelExtensions extensions(
+      {loop, jobs, **signatures, controls, modules, linux.systemLog},
+      platform::LinuxKernelExtensions::folders(root, linux.mainBundle.resourcePath()));
+
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
       .jobs = jobs,
@@ -126,6 +138,7 @@ int main(int argc, char** argv) {
       .notificationCenter = center,
       .protocols = protocols,
       .mainBundle = linux.mainBundle,
+      .extensions = {extensions, controls, linux.tasks, root},
       .owner = {::getuid(), ::geteuid(), ::getgid()},
       .settingsClientFactories = settingsClientFactories,
       .makeHealthInfo =

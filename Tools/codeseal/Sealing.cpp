@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "Platform/Bundle.h"
+
 namespace {
 
 using namespace platform;
@@ -11,7 +13,7 @@ using namespace platform;
 SigningOptions withIdentifier(SigningOptions options, const std::string& path) {
   if (options.identifier) return options;
   const std::filesystem::path name = std::filesystem::path(path).filename();
-  options.identifier = name.extension() == ".bundle" ? name.stem().string() : name.string();
+  options.identifier = isBundleName(name.string()) ? name.stem().string() : name.string();
   return options;
 }
 

@@ -1,0 +1,97 @@
+// A user-space extension of the demo product, network and ordinary one in the same program: the
+// identifier in its bundle's Info.plist says which. "ControlVersion" there is what option 3 answers
+// (5 where there is none); with "ControlIsDeaf" it never offers its control, with
+// "ControlHangs" it answers nothing once it has been connected to, and with "CrashesAfter" it
+// crashes that many seconds after its start: for demonstrations of what the daemon does then.
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <unistd.h>
+
+#include "Examples/DemoProduct/Extensions/NetworkControl.h"
+#include "Platform/BackgroundService.h"
+#include "Platform/Linux/ControlServer.h"
+#include "Platform/Linux/CoreDumps.h"
+#include "Platform/Linux/LinuxPlatform.h"
+
+namespace {
+
+class OrdinaryControl final : public platform::ControlHandler {
+ public:
+  platform::Result<platform::Data> getOption(std::uint32_t /*option*/) override {
+    return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, ENOPROTOOPT, "none"});
+  }
+  platform::Result<void> setOption(std::uint32_t /*option*/,
+                                   std::span<const std::uint8_t> /*bytes*/) override {
+    return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, ENOPROTOOPT, "none"});
+  }
+};
+
+class DemoExtension final : public platform::VGBackgroundServiceDelegate {
+ public:
+  explicit DemoExtension(platform::LinuxPlatform& linux)
+      : linux_(linux), info_(linux.mainBundle.infoDictionary()) {}
+
+  void backgroundServiceDidFinishLaunching(const platform::Value& /*notification*/) override {
+    if (const auto seconds = info_["CrashesAfter"].integer()) {
+      crash_ = linux_.runLoop->startTimer(std::chrono::seconds(*seconds),
+                                          platform::RunLoop::Repeat::kOnce, [] { std::abort(); });
+    }
+    if (info_["ControlIsDeaf"].boolean() == true) return log("at work, without a control");
+    const std::string* const identifier = info_["CFBundleIdentifier"].string();
+    auto server = platform::ControlServer::listen(*linux_.runLoop, linux_.configuration.root,
+                                                  identifier ? *identifier : std::string(),
+                                                  [this] { return makeHandler(); });
+    if (!server) return log("no control: " + platform::describe(server.error()));
+    server_ = *std::move(server);
+    log("at work");
+  }
+  void backgroundServiceWillTerminate(const platform::Value& /*notification*/) override {
+    log("asked to end");
+    server_.reset();
+  }
+
+ private:
+  std::unique_ptr<platform::ControlHandler> makeHandler() {
+    if (info_["ControlHangs"].boolean() == true) ::raise(SIGSTOP);
+    const std::string* const identifier = info_["CFBundleIdentifier"].string();
+    if (!identifier || *identifier != "com.vantor.nke.wfk") {
+      return std::make_unique<OrdinaryControl>();
+    }
+    const auto version = static_cast<std::int32_t>(info_["ControlVersion"].integer().value_or(5));
+    return std::make_unique<NetworkControl>(version, secret_, [this] { log("has been told"); });
+  }
+  void log(const std::string& line) {
+    linux_.systemLog.asl_log(nullptr, platform::ASL_LEVEL_NOTICE, line);
+  }
+
+  platform::LinuxPlatform& linux_;
+  const platform::Dictionary& info_;
+  KeptSecret secret_;
+  std::unique_ptr<platform::ControlServer> server_;
+  std::unique_ptr<platform::RunLoopHandle> crash_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto made = platform::LinuxPlatform::make();
+  // Before there is a secret.
+  auto forbidden = platform::forbidCoreDumps();
+  if (!made || !forbidden) {
+    const platform::Error& error = made ? forbidden.error() : made.error();
+    std::fputs((platform::describe(error) + "\n").c_str(), stderr);
+    return EXIT_FAILURE;
+  }
+  platform::LinuxPlatform& linux = **made;
+  platform::BackgroundServiceClasses classes;
+  classes.add("DemoExtension", [&] { return std::make_unique<DemoExtension>(linux); });
+  platform::BackgroundServiceHost host{*linux.runLoop, linux.terminationSignals, linux.readiness,
+                                       classes};
+  return platform::VGBackgroundServiceMain("DemoExtension", argc, argv, host);
+}

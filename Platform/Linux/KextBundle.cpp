@@ -1,0 +1,80 @@
+#include "Platform/Linux/KextBundle.h"
+
+#include <fmt/format.h>
+
+#include "Platform/Linux/ControlFolder.h"
+#include "Platform/Linux/FolderNames.h"
+#include "Platform/Linux/PropertyListFile.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kSuffix = ".kext";
+constexpr std::size_t kMaxNameBytes = 255;
+
+std::unexpected<Error> refuse(const std::string& infoPath, std::string_view why) {
+  return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", infoPath, why)});
+}
+
+bool isPlainName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxNameBytes && name.front() != '.' &&
+         name.find('/') == name.npos && name.find('\0') == name.npos;
+}
+
+}  // namespace
+
+Result<KextBundle> readKextBundle(const std::string& path) {
+  const std::string infoPath = path + "/Contents/Info.plist";
+  const auto info = readPropertyListFile(infoPath);
+  if (!info) return std::unexpected(info.error());
+  const std::string* const identifier = (*info)["CFBundleIdentifier"].string();
+  if (identifier == nullptr || !isPlainName(*identifier)) {
+    return refuse(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
+  }
+  KextBundle bundle{path, *identifier, std::nullopt, std::nullopt};
+  const Value& program = (*info)["CFBundleExecutable"];
+  const Value& module = (*info)["OSKernelModule"];
+  if (program.isNil() == module.isNil()) {
+    return refuse(infoPath,
+                  "expected either \"CFBundleExecutable\" (a program in Contents/Linux) or "
+                  "\"OSKernelModule\" (the name or alias of a module)");
+  }
+  const Value& named = program.isNil() ? module : program;
+  if (named.string() == nullptr || !isPlainName(*named.string())) {
+    return refuse(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
+  }
+  if (program.isNil()) {
+    bundle.kernelModule = *module.string();
+  } else {
+    bundle.programPath = path + "/Contents/Linux/" + *program.string();
+  }
+  return bundle;
+}
+
+Result<KextBundle> findKextBundle(const std::string& identifier,
+                                  const std::vector<std::string>& folders) {
+  std::string unreadable;
+  const auto look = [&](const std::string& path) -> std::optional<KextBundle> {
+    auto bundle = readKextBundle(path);
+    if (bundle && bundle->identifier == identifier) return *std::move(bundle);
+    if (!bundle && unreadable.empty()) unreadable = fmt::format(" ({})", describe(bundle.error()));
+    return std::nullopt;
+  };
+  for (const std::string& folder : folders) {
+    if (folder.ends_with(kSuffix)) {
+      if (auto bundle = look(folder)) return *std::move(bundle);
+      continue;
+    }
+    const auto names = namesInFolder(folder, kMaxKextsInFolder);
+    if (!names) continue;
+    for (const std::string& name : *names) {
+      if (!name.ends_with(kSuffix)) continue;
+      if (auto bundle = look(folder + "/" + name)) return *std::move(bundle);
+    }
+  }
+  return std::unexpected(
+      Error{ErrorCode::kNotFound, 0,
+            fmt::format("{}: there is no such extension{}", identifier, unreadable)});
+}
+
+}  // namespace platform

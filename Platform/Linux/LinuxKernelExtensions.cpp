@@ -1,0 +1,192 @@
+#include "Platform/Linux/LinuxKernelExtensions.h"
+
+#include <cerrno>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kIdent[] = "KextManager";
+constexpr auto kPause = 20ms;
+// An extension that does not end by itself is killed: whoever unloads it waits meanwhile.
+constexpr std::int64_t kExitTimeOut = 1;
+
+Error errorOf(const std::string& identifier, const NSError& error) {
+  return {ErrorCode::kSystem, 0, fmt::format("{}: {}", identifier, error.localizedDescription)};
+}
+
+}  // namespace
+
+LinuxKernelExtensions::LinuxKernelExtensions(const Environment& environment,
+                                             std::vector<std::string> folders)
+    : environment_(environment),
+      folders_(std::move(folders)),
+      failures_(environment.loop, environment.log, kIdent) {}
+
+std::vector<std::string> LinuxKernelExtensions::folders(const std::string& root,
+                                                        const std::string& resourcePath) {
+  return {(root == "/" ? "" : root) + "/Library/Extensions", resourcePath};
+}
+
+Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifier(
+    const std::string& identifier) {
+  auto bundle = findKextBundle(identifier, folders_);
+  if (!bundle) return std::unexpected(std::move(bundle.error()));
+  return std::move(bundle->path);
+}
+
+Result<void> LinuxKernelExtensions::KextManagerLoadKextWithIdentifier(
+    const std::string& identifier, const std::vector<std::string>& folders) {
+  return logged(load(identifier, folders));
+}
+
+Result<void> LinuxKernelExtensions::KextManagerUnloadKextWithIdentifier(
+    const std::string& identifier) {
+  return logged(unload(identifier));
+}
+
+Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
+    const std::vector<std::string>& identifiers) {
+  Dictionary loaded;
+  for (const std::string& identifier : identifiers) {
+    const auto bundle = findKextBundle(identifier, folders_);
+    const Value job = copyJob(identifier);
+    if (job.isNil() && !(bundle && isLoaded(*bundle))) continue;
+    Dictionary info;
+    if (bundle) info.set(kOSBundlePathKey, bundle->path);
+    if (job["PID"].integer()) info.set(kOSBundleProcessKey, job["PID"]);
+    loaded.set(identifier, std::move(info));
+  }
+  return loaded;
+}
+
+Result<void> LinuxKernelExtensions::logged(Result<void> result) {
+  if (!result) failures_.write(describe(result.error()));
+  return result;
+}
+
+Result<void> LinuxKernelExtensions::load(const std::string& identifier,
+                                         const std::vector<std::string>& folders) {
+  std::vector<std::string> places = folders_;
+  places.insert(places.end(), folders.begin(), folders.end());
+  const auto bundle = findKextBundle(identifier, places);
+  if (!bundle) return std::unexpected(bundle.error());
+  // What runs already was somebody else's to start, and stays if it does not answer.
+  if (isLoaded(*bundle)) return awaitControl(identifier);
+  if (auto checked = checkSignature(*bundle); !checked) return checked;
+  if (auto counted = countStart(identifier); !counted) return counted;
+  if (auto started = start(*bundle); !started) return started;
+  auto listens = awaitControl(identifier);
+  if (!listens) {
+    if (auto ended = end(*bundle); !ended) {
+      listens.error().context += fmt::format(" (and {})", describe(ended.error()));
+    }
+  }
+  return listens;
+}
+
+Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
+  if (!copyJob(identifier).isNil()) {
+    const auto socket = connectToControl(environment_.controls, identifier);
+    if (socket) {
+      const auto prepared = (*socket)->prepareToUnload();
+      if (!prepared && prepared.error().code == ErrorCode::kDenied) {
+        return std::unexpected(Error{ErrorCode::kDenied, prepared.error().osError,
+                                     identifier + ": can't be unloaded"});
+      }
+    }
+    return removeJob(identifier);
+  }
+  const auto bundle = findKextBundle(identifier, folders_);
+  if (bundle && bundle->kernelModule) return environment_.modules.unload(*bundle->kernelModule);
+  return std::unexpected(Error{ErrorCode::kNotFound, 0, identifier + ": is not loaded"});
+}
+
+bool LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
+  return bundle.kernelModule ? environment_.modules.isLoaded(*bundle.kernelModule)
+                             : !copyJob(bundle.identifier).isNil();
+}
+
+Result<void> LinuxKernelExtensions::checkSignature(const KextBundle& bundle) {
+  // A program is checked together with the bundle around it.
+  const std::string& code = bundle.programPath.value_or(bundle.path);
+  const auto refuse = [&](const CodeSigningFailure& failure) {
+    return std::unexpected(
+        Error{ErrorCode::kDenied, 0,
+              fmt::format("{}: {} ({})", bundle.identifier, failure.reason, failure.status)});
+  };
+  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
+  if (!requirement) return refuse(requirement.error());
+  auto checked = environment_.signatures.SecStaticCodeCreateWithPath(code);
+  if (!checked) return refuse(checked.error());
+  const auto valid =
+      (*checked)->SecStaticCodeCheckValidityWithErrors(kSecCSCheckAllArchitectures, *requirement);
+  if (!valid) return refuse(valid.error());
+  return {};
+}
+
+Result<void> LinuxKernelExtensions::start(const KextBundle& bundle) {
+  if (bundle.kernelModule) return environment_.modules.load(*bundle.kernelModule);
+  const Dictionary job{{"Label", jobLabel(bundle.identifier)},
+                       {"Program", *bundle.programPath},
+                       {"ProgramArguments", Array{*bundle.programPath}},
+                       {"KeepAlive", true},
+                       {"ExitTimeOut", kExitTimeOut}};
+  const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
+  if (submitted) return {};
+  return std::unexpected(errorOf(bundle.identifier, submitted.error()));
+}
+
+Result<void> LinuxKernelExtensions::end(const KextBundle& bundle) {
+  return bundle.kernelModule ? environment_.modules.unload(*bundle.kernelModule)
+                             : removeJob(bundle.identifier);
+}
+
+Result<void> LinuxKernelExtensions::removeJob(const std::string& identifier) {
+  const auto removed = environment_.jobs.SMJobRemove(kSMDomainSystemLaunchd, jobLabel(identifier),
+                                                     nullptr, /*wait=*/true);
+  if (removed) return {};
+  return std::unexpected(errorOf(identifier, removed.error()));
+}
+
+Result<void> LinuxKernelExtensions::countStart(const std::string& identifier) {
+  const Instant now = environment_.loop.now();
+  std::deque<Instant>& starts = starts_[identifier];
+  while (!starts.empty() && now - starts.front() >= kStartsPeriod) starts.pop_front();
+  if (starts.size() >= kMostStarts) {
+    const auto wait =
+        std::chrono::ceil<std::chrono::seconds>(kStartsPeriod - (now - starts.front()));
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, 0,
+              fmt::format("{}: was started {} times within a minute; not again within {} s",
+                          identifier, kMostStarts, wait.count())});
+  }
+  starts.push_back(now);
+  return {};
+}
+
+Result<void> LinuxKernelExtensions::awaitControl(const std::string& identifier) {
+  RunLoop& loop = environment_.loop;
+  const Instant deadline = loop.now() + kControlWait;
+  for (;;) {
+    const auto socket = connectToControl(environment_.controls, identifier);
+    if (socket) return {};
+    if (loop.now() >= deadline) {
+      return std::unexpected(
+          Error{socket.error().code, socket.error().osError,
+                fmt::format("{}: its control does not listen after {} s: {}", identifier,
+                            kControlWait / 1s, socket.error().context)});
+    }
+    loop.sleepFor(kPause);
+  }
+}
+
+Value LinuxKernelExtensions::copyJob(const std::string& identifier) {
+  return environment_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, jobLabel(identifier));
+}
+
+}  // namespace platform

@@ -1,0 +1,371 @@
+#include "Platform/Linux/LinuxKernelExtensions.h"
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/KernelExtensions_contract.h"
+#include "Platform/Linux/KmodModules.h"
+#include "Platform/Testing/FakeCodeSignatures.h"
+#include "Platform/Testing/FakeExitWatcher.h"
+#include "Platform/Testing/FakeJobs.h"
+#include "Platform/Testing/FakeKernelControls.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/KeepingHandler.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A kernel with modules that a test describes.
+class FakeKernelModules final : public KernelModules {
+ public:
+  bool isLoaded(const std::string& module) override { return loaded.contains(module); }
+  Result<void> load(const std::string& module) override {
+    if (refusal) return std::unexpected(*refusal);
+    loaded.insert(module);
+    return {};
+  }
+  Result<void> unload(const std::string& module) override {
+    if (isInUse) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, module});
+    if (loaded.erase(module) == 1) return {};
+    return std::unexpected(Error{ErrorCode::kNotFound, ENOENT, module});
+  }
+
+  std::set<std::string> loaded;
+  std::optional<Error> refusal;
+  bool isInUse = false;
+};
+
+// Extensions in a folder, with everything below them a fake.
+class Machine final : public ExtensionsMachine {
+ public:
+  Machine() {
+    installProgram(kGood);
+    installProgram(kSilent);
+    offer(kGood);
+  }
+  ~Machine() override {
+    for (const std::string& label : jobs.labels()) {
+      static_cast<void>(jobs.SMJobRemove(kSMDomainSystemLaunchd, label, nullptr, true));
+    }
+  }
+
+  KernelExtensions& extensions() override { return loader; }
+  KernelControls& controls() override { return fakeControls; }
+
+  std::string bundle(const std::string& identifier) const {
+    return folder.path("Library/Extensions/" + identifier + ".kext");
+  }
+  std::string program(const std::string& identifier) const {
+    return bundle(identifier) + "/Contents/Linux/program";
+  }
+  void install(const std::string& identifier, const std::string& keys) {
+    folder.write("Library/Extensions/" + identifier + ".kext/Contents/Info.plist",
+                 "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + identifier +
+                     "</string>" + keys + "</dict></plist>");
+  }
+  void installProgram(const std::string& identifier) {
+    install(identifier, "<key>CFBundleExecutable</key><string>program</string>");
+    signatures.addValid(program(identifier), SecStaticCode::Kind::kProgram, identifier);
+  }
+  void installModule(const std::string& identifier, const std::string& module) {
+    install(identifier, "<key>OSKernelModule</key><string>" + module + "</string>");
+    signatures.addValid(bundle(identifier), SecStaticCode::Kind::kBundle, identifier);
+  }
+  // Whose control listens while the extension runs.
+  void offer(const std::string& identifier) {
+    fakeControls.offer(
+        identifier, [this] { return std::make_unique<KeepingHandler>(kept); },
+        [this, identifier] { return listens && processOf(identifier).has_value(); });
+  }
+  std::optional<ProcessId> processOf(const std::string& identifier) const {
+    return jobs.process(LinuxKernelExtensions::jobLabel(identifier));
+  }
+  Result<void> load(const std::string& identifier, const std::vector<std::string>& folders = {}) {
+    return loader.KextManagerLoadKextWithIdentifier(identifier, folders);
+  }
+  Result<void> unload(const std::string& identifier) {
+    return loader.KextManagerUnloadKextWithIdentifier(identifier);
+  }
+
+  TemporaryFolder folder;
+  VirtualRunLoop loop;
+  FakeLogSink sink;
+  SystemLog log{sink, "test"};
+  FakeExitWatcher watcher{loop};
+  FakeJobs jobs{loop, watcher};
+  FakeCodeSignatures signatures;
+  FakeKernelControls fakeControls{loop};
+  FakeKernelModules modules;
+  KeepingHandler::Kept kept;
+  bool listens = true;
+  LinuxKernelExtensions loader{
+      {loop, jobs, signatures, fakeControls, modules, log},
+      LinuxKernelExtensions::folders(folder.path(), folder.path("resources"))};
+};
+
+std::unique_ptr<ExtensionsMachine> makeMachine() { return std::make_unique<Machine>(); }
+
+INSTANTIATE_TEST_SUITE_P(OnFakes, KernelExtensionsContract, testing::Values(&makeMachine));
+
+class LinuxKernelExtensionsTest : public testing::Test {
+ protected:
+  static constexpr const char* kGood = ExtensionsMachine::kGood;
+  static constexpr const char* kSilent = ExtensionsMachine::kSilent;
+
+  void expectRefused(const Result<void>& result, ErrorCode code, const std::string& reason) {
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code, code);
+    EXPECT_THAT(describe(result.error()), HasSubstr(reason));
+    EXPECT_EQ(machine_.sink.count(reason), 1u);
+  }
+
+  Machine machine_;
+};
+
+TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAJobThatIsKeptAlive) {
+  ASSERT_TRUE(machine_.load(kGood));
+  const Value job =
+      machine_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "kext." + std::string(kGood));
+  EXPECT_EQ(job["Program"], Value(machine_.program(kGood)));
+  EXPECT_EQ(job["KeepAlive"], Value(true));
+  EXPECT_EQ(job["ExitTimeOut"], Value(1));
+}
+
+TEST_F(LinuxKernelExtensionsTest, TheSignatureIsCheckedBeforeAnythingRuns) {
+  machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
+                                 {errSecCSSignatureFailed, "is not what was signed"});
+  expectRefused(machine_.load(kGood), ErrorCode::kDenied, "is not what was signed (-67061)");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  machine_.signatures.remove(machine_.program(kGood));
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsWaitedForFiveSeconds) {
+  const Instant before = machine_.loop.now();
+  machine_.listens = false;
+  machine_.loop.scheduleOutsideEvent(4999ms, [&] { machine_.listens = true; });
+  EXPECT_TRUE(machine_.load(kGood));
+  EXPECT_LT(machine_.loop.now() - before, 5100ms);
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatListensTooLateIsEndedAgain) {
+  machine_.listens = false;
+  machine_.loop.scheduleOutsideEvent(5100ms, [&] { machine_.listens = true; });
+  const auto refused = machine_.load(kGood);
+  expectRefused(refused, ErrorCode::kNotFound, "its control does not listen after 5 s");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatRunsAndDoesNotListenFailsAndIsLeftAlone) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.listens = false;
+  const Instant before = machine_.loop.now();
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_GE(machine_.loop.now() - before, 5s);
+  EXPECT_TRUE(machine_.processOf(kGood));
+  EXPECT_TRUE(machine_.unload(kGood));  // By force, since it can't be asked.
+  EXPECT_FALSE(machine_.processOf(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatHangsIsUnloadedByForce) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.fakeControls.setHanging(kGood, true);
+  machine_.jobs.ignoreTermination("kext." + std::string(kGood));
+  const Instant before = machine_.loop.now();
+  EXPECT_TRUE(machine_.unload(kGood));
+  EXPECT_LE(machine_.loop.now() - before, 2s + 100ms);  // Its answer, and its end.
+  EXPECT_FALSE(machine_.processOf(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatCrashesIsStartedAgainByTheHost) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.loop.advanceBy(10s);
+  machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 11});
+  machine_.loop.runReady();
+  EXPECT_TRUE(machine_.processOf(kGood));
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+// Whoever needs one that never becomes usable unloads and loads it again and again.
+TEST_F(LinuxKernelExtensionsTest, NoExtensionIsStartedMoreThanThreeTimesAMinute) {
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(machine_.load(kGood)) << i;
+    ASSERT_TRUE(machine_.unload(kGood)) << i;
+    machine_.loop.advanceBy(1s);
+  }
+  expectRefused(machine_.load(kGood), ErrorCode::kExhausted,
+                "was started 3 times within a minute; not again within 57 s");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  machine_.offer(kSilent);
+  EXPECT_TRUE(machine_.load(kSilent));  // Another one's starts are its own.
+  machine_.loop.advanceBy(57s - 1ns);
+  EXPECT_FALSE(machine_.load(kGood));
+  machine_.loop.advanceBy(1ns);
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AnExtensionThatIsLoadedCountsAsNoStart) {
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AHostThatStartsNothingIsTheReason) {
+  machine_.jobs.setUnstartable(machine_.program(kGood), "no such interpreter");
+  expectRefused(machine_.load(kGood), ErrorCode::kSystem, "no such interpreter");
+  machine_.jobs.setReachable(false);
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_FALSE(machine_.unload(kGood));
+  machine_.jobs.setReachable(true);
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedByTheKernel) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.fakeControls.offer("com.example.module",
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  ASSERT_TRUE(machine_.load("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({"com.example.module"})
+                  .contains("com.example.module"));
+  EXPECT_TRUE(machine_.load("com.example.module"));
+  machine_.modules.isInUse = true;
+  const auto inUse = machine_.unload("com.example.module");
+  ASSERT_FALSE(inUse);
+  EXPECT_EQ(inUse.error().osError, EBUSY);
+  machine_.modules.isInUse = false;
+  EXPECT_TRUE(machine_.unload("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModulesBundleIsCheckedFirst) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.signatures.addRefused(machine_.bundle("com.example.module"),
+                                 SecStaticCode::Kind::kBundle,
+                                 {errSecCSBadResource, "Info.plist was changed"});
+  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied, "Info.plist was changed");
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AKernelThatTakesNoModulesIsTheReason) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.modules.refusal = Error{ErrorCode::kDenied, EPERM, "the kernel does not load it"};
+  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied,
+                "the kernel does not load it");
+}
+
+// Otherwise its user would connect and load in turn for ever.
+TEST_F(LinuxKernelExtensionsTest, AModuleWithoutAControlIsUnloadedAgain) {
+  machine_.installModule("com.example.module", "example_module");
+  EXPECT_FALSE(machine_.load("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, ResourcesAndFoldersOfTheCallerAreLookedIntoToo) {
+  const auto move = [&](const std::string& to) {
+    std::filesystem::create_directories(std::filesystem::path(to).parent_path());
+    std::filesystem::rename(machine_.bundle(kGood), to);
+    return machine_.loader.KextManagerCreateURLForBundleIdentifier(kGood);
+  };
+  const std::string inResources = machine_.folder.path("resources/G.kext");
+  EXPECT_EQ(move(inResources), inResources);
+  std::filesystem::create_directories(machine_.folder.path("elsewhere"));
+  const std::string elsewhere = machine_.folder.path("elsewhere/G.kext");
+  std::filesystem::rename(inResources, elsewhere);
+  machine_.signatures.addValid(elsewhere + "/Contents/Linux/program", SecStaticCode::Kind::kProgram,
+                               kGood);
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_TRUE(machine_.load(kGood, {elsewhere}));
+  EXPECT_TRUE(machine_.unload(kGood));
+  EXPECT_TRUE(machine_.load(kGood, {machine_.folder.path("elsewhere")}));
+}
+
+class KextBundleTest : public testing::Test {
+ protected:
+  Result<KextBundle> read(const std::string& keys) {
+    folder_.write("X.kext/Contents/Info.plist",
+                  "<plist version=\"1.0\"><dict>" + keys + "</dict></plist>");
+    return readKextBundle(folder_.path("X.kext"));
+  }
+  static std::string key(const std::string& name, const std::string& value) {
+    return "<key>" + name + "</key><string>" + value + "</string>";
+  }
+  void expectRefused(const Result<KextBundle>& bundle, const std::string& reason) {
+    ASSERT_FALSE(bundle);
+    EXPECT_EQ(bundle.error().code, ErrorCode::kInvalid);
+    EXPECT_THAT(bundle.error().context,
+                AllOf(HasSubstr("X.kext/Contents/Info.plist"), HasSubstr(reason)));
+  }
+
+  TemporaryFolder folder_;
+  const std::string identifier_ = key("CFBundleIdentifier", "com.example.x");
+};
+
+TEST_F(KextBundleTest, IsAProgramOrAModule) {
+  const auto program = read(identifier_ + key("CFBundleExecutable", "wfk"));
+  ASSERT_TRUE(program);
+  EXPECT_EQ(program->identifier, "com.example.x");
+  EXPECT_EQ(program->programPath, folder_.path("X.kext/Contents/Linux/wfk"));
+  EXPECT_FALSE(program->kernelModule);
+  const auto module = read(identifier_ + key("OSKernelModule", "net-pf-10"));
+  ASSERT_TRUE(module);
+  EXPECT_EQ(module->kernelModule, "net-pf-10");
+  EXPECT_FALSE(module->programPath);
+}
+
+TEST_F(KextBundleTest, NeitherOrBothIsNoExtension) {
+  expectRefused(read(identifier_), "expected either");
+  expectRefused(read(identifier_ + key("CFBundleExecutable", "a") + key("OSKernelModule", "b")),
+                "expected either");
+}
+
+TEST_F(KextBundleTest, NamesThatLeadElsewhereAreRefused) {
+  for (const char* name : {"", "../x", "a/b", "/bin/sh", ".", ".."}) {
+    expectRefused(read(identifier_ + key("CFBundleExecutable", name)), "is no name");
+    expectRefused(read(identifier_ + key("OSKernelModule", name)), "is no name");
+    expectRefused(read(key("CFBundleIdentifier", name) + key("OSKernelModule", "b")),
+                  "CFBundleIdentifier");
+  }
+  EXPECT_TRUE(read(identifier_ + key("OSKernelModule", std::string(255, 'a'))));
+  expectRefused(read(identifier_ + key("OSKernelModule", std::string(256, 'a'))), "is no name");
+  expectRefused(read("<key>CFBundleIdentifier</key><integer>1</integer>"), "CFBundleIdentifier");
+}
+
+TEST_F(KextBundleTest, AnUnreadableOneIsNamedWhereNoneIsFound) {
+  folder_.write("Bad.kext/Contents/Info.plist", "<plist>");
+  const auto found = findKextBundle("com.example.x", {folder_.path()});
+  ASSERT_FALSE(found);
+  EXPECT_EQ(found.error().code, ErrorCode::kNotFound);
+  EXPECT_THAT(found.error().context, HasSubstr("Bad.kext/Contents/Info.plist"));
+  read(identifier_ + key("CFBundleExecutable", "wfk"));
+  EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path("not there"), folder_.path()}));
+}
+
+#ifndef __SANITIZE_THREAD__  // libkmod is not built with it.
+TEST(KmodModulesTest, AModuleThatNobodyHasIsNotFound) {
+  KmodModules modules;
+  const std::string name = "no_such_module_as_this";
+  EXPECT_FALSE(modules.isLoaded(name));
+  const auto loaded = modules.load(name);
+  ASSERT_FALSE(loaded);
+  EXPECT_EQ(loaded.error().code, ErrorCode::kNotFound) << describe(loaded.error());
+  EXPECT_THAT(loaded.error().context, HasSubstr(name));
+  const auto unloaded = modules.unload(name);
+  ASSERT_FALSE(unloaded);
+  EXPECT_EQ(unloaded.error().code, ErrorCode::kNotFound);
+}
+#endif
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,558 @@
+#include <cerrno>
+#include <chrono>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+constexpr char kConnected[] = "7 Connected to Generic Kext";
+constexpr char kNotConnected[] = "7 Unable to establish connection with the Generic kext";
+constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
+constexpr char kUnloadNetwork[] = "unload com.vantor.nke.wfk";
+constexpr char kLoadOther[] = "load com.example.nke.other";
+constexpr char kUnloadOther[] = "unload com.example.nke.other";
+
+class KernelExtensionsTest : public KernelExtensionsFixture {};
+
+// The control socket.
+
+TEST_F(KernelExtensionsTest, AControlSocketIsConnected) {
+  extensions_.setLoaded(kNetwork);
+  EXPECT_TRUE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_THAT(takeLog(), ElementsAre(kConnected));
+}
+
+TEST_F(KernelExtensionsTest, WithoutAControlOfTheNameThereIsNoSocketAndNoLine) {
+  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(manager().createControlSocketWithIdentifier(""));
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, ASocketThatCannotBeOpenedIsNoneAndWritesNoLine) {
+  extensions_.setLoaded(kNetwork);
+  controls_.setWithoutDescriptors(true);
+  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, AConnectionThatFailsIsLogged) {
+  extensions_.setLoaded(kNetwork);
+  controls_.setUnreachable(kNetwork);
+  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
+}
+
+TEST_F(KernelExtensionsTest, AnotherUsersControlIsNotConnectedTo) {
+  extensions_.setLoaded(kNetwork);
+  controls_.setForeign(kNetwork);
+  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
+}
+
+TEST_F(KernelExtensionsTest, AControlsNameIsCutTo96Bytes) {
+  for (const std::size_t size : {95u, 96u, 97u, 1000u}) {
+    const std::string name(size, 'a');
+    const std::string cut = name.substr(0, 96);
+    controls_.offer(cut, [this] { return std::make_unique<Handler>(network_); });
+    EXPECT_TRUE(manager().createControlSocketWithIdentifier(name)) << size;
+    controls_.withdraw(cut);
+  }
+}
+
+// Who uses what.
+
+TEST_F(KernelExtensionsTest, TheServicesThatUseAnExtensionAreThoseThatNameIt) {
+  EXPECT_THAT(manager().daemonsUsingKext("net"), UnorderedElementsAre(kAgent, kHelper));
+  EXPECT_THAT(manager().daemonsUsingKext("other"), UnorderedElementsAre(kAgent));
+  EXPECT_THAT(manager().daemonsUsingKext(kNetwork), IsEmpty());
+  manager().setServiceInfo({});
+  EXPECT_THAT(manager().daemonsUsingKext("net"), IsEmpty());
+}
+
+// A service's extensions.
+
+TEST_F(KernelExtensionsTest, AServiceWithoutExtensionsNeedsNone) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kPrimary));
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions("com.example.unknown"));
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, EachOfAServicesExtensionsIsLoadedInTheirOrder) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net", "other"));
+  EXPECT_THAT(takeLog(), ElementsAre(kConnected, kConnected));
+}
+
+TEST_F(KernelExtensionsTest, WhatIsKnownToBeLoadedIsNotLookedAtAgain) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  const int before = controls_.searches(kNetwork);
+  extensions_.crash(kNetwork);  // Behind the daemon's back.
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_EQ(controls_.searches(kNetwork), before);
+}
+
+TEST_F(KernelExtensionsTest, WhereTheFirstExtensionFailsTheSecondIsStillLoaded) {
+  extensions_.setLoadFails(kNetwork, true);
+  EXPECT_FALSE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
+  EXPECT_TRUE(extensions_.isLoaded(kOther));
+  EXPECT_THAT(takeLog(), Contains("6 Failed to load kext 'com.vantor.nke.wfk'"));
+}
+
+TEST_F(KernelExtensionsTest, AnExtensionThatTheCatalogueDoesNotDescribeFails) {
+  use(catalogue({{kAgent, entry("agent", {{"KernelExtensions", Array{"net", 7, "unknown"}}})}}));
+  EXPECT_FALSE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 2u);
+  EXPECT_EQ(countInLog("Failed to load kext '(null)'"), 2u);
+}
+
+// The states.
+
+TEST_F(KernelExtensionsTest, OneThatAnswersIsConfiguredWithoutBeingLoaded) {
+  extensions_.setLoaded(kOther);
+  EXPECT_TRUE(load(kOther, "other"));
+  EXPECT_THAT(requests(), IsEmpty());
+  EXPECT_THAT(takeLog(), ElementsAre(kConnected));
+}
+
+TEST_F(KernelExtensionsTest, ANetworkExtensionWhoseVersionIs5IsConfiguredAtOnce) {
+  extensions_.setLoaded(kNetwork);
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), IsEmpty());
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+}
+
+TEST_F(KernelExtensionsTest, ANetworkExtensionWhoseVersionIs4IsUnloadedAndLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(takeLog(), Contains(kConnected).Times(2));
+}
+
+TEST_F(KernelExtensionsTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough) {
+  const auto isUnloaded = [this](Data version) {
+    extensions_.setLoaded(kNetwork);
+    network_.version = std::move(version);
+    extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+    const std::size_t before = requests().size();
+    EXPECT_TRUE(load(kNetwork, "net"));
+    return requests().size() > before;
+  };
+  EXPECT_FALSE(isUnloaded(integer(5)));
+  EXPECT_FALSE(isUnloaded(integer(6)));
+  EXPECT_FALSE(isUnloaded(integer(0x7fffffff)));
+  EXPECT_TRUE(isUnloaded(integer(4)));
+  EXPECT_TRUE(isUnloaded(integer(0)));
+  EXPECT_TRUE(isUnloaded(integer(-1)));
+  EXPECT_TRUE(isUnloaded({}));
+  EXPECT_TRUE(isUnloaded({5, 0, 0}));                  // A short answer.
+  EXPECT_FALSE(isUnloaded({5, 0, 0, 0, 9, 9, 9, 9}));  // A long one.
+  EXPECT_TRUE(isUnloaded({4, 0, 0, 0, 9, 9, 9, 9}));
+  EXPECT_TRUE(isUnloaded(Data(kMaxControlOptionBytes + 1, 9)));
+}
+
+TEST_F(KernelExtensionsTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.refusesToAnswer = true;
+  extensions_.setOnLoad(kNetwork, [this] { network_.refusesToAnswer = false; });
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+}
+
+TEST_F(KernelExtensionsTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  controls_.setHanging(kNetwork, true);
+  extensions_.setOnLoad(kNetwork, [this] { controls_.setHanging(kNetwork, false); });
+  bool isLoaded = false;
+  const Duration time = timeOf([&] { isLoaded = load(kNetwork, "net"); });
+  EXPECT_TRUE(isLoaded);
+  EXPECT_LE(time, 2s);  // For its version, and for whether it can be unloaded.
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+}
+
+TEST_F(KernelExtensionsTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.refusesSecrets = true;
+  extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+}
+
+TEST_F(KernelExtensionsTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.onQuestion = [this] {
+    network_.onQuestion = nullptr;
+    extensions_.crash(kNetwork);
+  };
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+}
+
+TEST_F(KernelExtensionsTest, OneThatIsNotLoadedIsLoaded) {
+  EXPECT_TRUE(load(kOther, "other"));
+  EXPECT_THAT(requests(), ElementsAre(kLoadOther));
+}
+
+TEST_F(KernelExtensionsTest, OneThatCannotBeLoadedIsUnloadedAndReloaded) {
+  extensions_.setLoaded(kOther);
+  extensions_.crash(kOther);  // The loader waits for its control in vain.
+  EXPECT_TRUE(load(kOther, "other"));
+  EXPECT_THAT(requests(), ElementsAre(kLoadOther, kUnloadOther, kLoadOther));
+}
+
+TEST_F(KernelExtensionsTest, OneThatCannotBeReloadedFails) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { extensions_.setLoadFails(kNetwork, true); });
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+  EXPECT_THAT(takeLog(), Not(Contains(testing::HasSubstr("Unable to unload"))));
+}
+
+// The time is looked at after each try, and is up when it is later than a second after the first.
+TEST_F(KernelExtensionsTest, OneThatIsNotUnloadedWithinASecondFails) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 100);
+  bool isLoaded = true;
+  const Duration time = timeOf([&] { isLoaded = load(kNetwork, "net"); });
+  EXPECT_FALSE(isLoaded);
+  EXPECT_EQ(time, 1200ms);
+  EXPECT_THAT(requests(), testing::Each(kUnloadNetwork));
+  EXPECT_EQ(requests().size(), 7u);  // At 0, 0.2, ... 1.0, and 1.2.
+  EXPECT_THAT(takeLog(), Contains("3 Unable to unload kext 'com.vantor.nke.wfk'."));
+}
+
+TEST_F(KernelExtensionsTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  extensions_.setBusy(kNetwork, 6);
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_EQ(requests().size(), 8u);
+}
+
+TEST_F(KernelExtensionsTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  // Unloaded at once the first time; the second time too late for any further try.
+  extensions_.setOnLoad(kNetwork, [this] {
+    loop_.sleepFor(2s);
+    extensions_.setBusy(kNetwork, 100);
+  });
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork, kUnloadNetwork));
+}
+
+TEST_F(KernelExtensionsTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWithoutLimit) {
+  constexpr int kRounds = 10'000;
+  int rounds = 0;
+  extensions_.setWithoutControl(kOther, true);
+  extensions_.setOnLoad(kOther, [&] {
+    if (++rounds == kRounds) extensions_.setWithoutControl(kOther, false);
+  });
+  EXPECT_TRUE(load(kOther, "other"));
+  EXPECT_EQ(rounds, kRounds);
+}
+
+TEST_F(KernelExtensionsTest, ThatCycleEndsWhenALoadFails) {
+  int rounds = 0;
+  extensions_.setWithoutControl(kOther, true);
+  extensions_.setBusy(kOther, 100);
+  extensions_.setOnLoad(kOther, [&] {
+    if (++rounds == 50) extensions_.setLoadFails(kOther, true);
+  });
+  EXPECT_FALSE(load(kOther, "other"));
+  EXPECT_EQ(rounds, 50);
+  EXPECT_THAT(requests(), Contains(kUnloadOther));
+}
+
+TEST_F(KernelExtensionsTest, TheControlConnectionIsNotKept) {
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_EQ(controls_.clients(kNetwork), 0);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 100);
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_EQ(controls_.clients(kNetwork), 0);
+}
+
+// The secret.
+
+TEST_F(KernelExtensionsTest, WithoutTheSecureOptionNobodyIsToldTheSecret) {
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_TRUE(load(kNetwork, "net", {"Secure", "insecure", "", 1, Array{"secure"}}));
+  EXPECT_THAT(network_.told, IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, OnlyTheNetworkExtensionIsToldTheSecret) {
+  EXPECT_TRUE(load(kOther, "net", {"secure"}));
+  EXPECT_THAT(other_.told, IsEmpty());
+  Extension similar;
+  install("com.vantor.nke.wfk2", similar);
+  EXPECT_TRUE(load("com.vantor.nke.wfk2", "net", {"secure"}));
+  install("com.vantor.nke.WFK", similar);
+  EXPECT_TRUE(load("com.vantor.nke.WFK", "net", {"secure"}));
+  EXPECT_THAT(similar.told, IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, TheSecretIsToldForEachSecureOption) {
+  EXPECT_TRUE(load(kNetwork, "net", {"secure", "other", "secure"}));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_), Pair(5u, secret_)));
+}
+
+TEST_F(KernelExtensionsTest, TheSecretIsInNoLine) {
+  network_.refusesSecrets = true;
+  extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  for (const std::string& line : takeLog()) {
+    EXPECT_THAT(line, Not(testing::HasSubstr("01020304")));
+    EXPECT_THAT(line, Not(testing::HasSubstr(std::string(secret_.begin(), secret_.end()))));
+  }
+}
+
+// The services.
+
+TEST_F(KernelExtensionsTest, UnloadingStopsItsServicesAndFiveSecondsLaterTheyAreEvaluatedAgain) {
+  manager().enforceRunningForService(kAgent, nullptr);
+  manager().enforceRunningForService(kHelper, nullptr);
+  manager().enforceRunningForService(kPrimary, nullptr);
+  ASSERT_TRUE(isRunning(kAgent) && isRunning(kHelper) && isRunning(kPrimary));
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  takeLog();
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_FALSE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kPrimary));
+  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
+  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
+  loop_.advanceBy(1s);  // The ends of their processes have everything evaluated, too.
+  takeLog();
+  loop_.advanceBy(4s - 1ns);
+  EXPECT_EQ(countInLog("Evaluating service"), 0u);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.helper"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service"), 2u);
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(KernelExtensionsTest, ServicesThatAFailedUnloadingHasStoppedAreEvaluatedAgainToo) {
+  manager().enforceRunningForService(kHelper, nullptr);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 7);
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_FALSE(isRunning(kHelper));
+  network_.version = integer(5);
+  loop_.advanceBy(5s);
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(KernelExtensionsTest, TheServicesAreStoppedAtEveryTryToUnload) {
+  useHealth();
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 100);
+  takeReports();
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_EQ(std::ranges::count(takeReports(), std::string("stop ") + kHelper), 7);
+}
+
+TEST_F(KernelExtensionsTest, WithoutAnUnloadingNothingIsEvaluated) {
+  EXPECT_TRUE(load(kNetwork, "net"));
+  takeLog();
+  loop_.advanceBy(10s);
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, AServiceThatItsUserStoppedIsNotStartedByTheLaterEvaluation) {
+  manager().enforceRunningForService(kHelper, nullptr);
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  EXPECT_TRUE(load(kNetwork, "net"));
+  manager().stopServices({kHelper});
+  loop_.advanceBy(5s);
+  EXPECT_FALSE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+TEST_F(KernelExtensionsTest, AServiceWhoseExtensionFailsIsNotSubmitted) {
+  extensions_.setLoadFails(kOther, true);
+  EXPECT_TRUE(manager().launchService(kAgent, true).isNil());
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_THAT(takeLog(), Contains("7 Failed to load kext for com.example.agent"));
+}
+
+TEST_F(KernelExtensionsTest, ARunningServiceWhoseExtensionFailsIsNotReady) {
+  useHealth();
+  manager().enforceRunningForService(kHelper, nullptr);
+  manager().setKextsLoaded({});
+  network_.version = integer(4);
+  extensions_.setLoadFails(kNetwork, true);
+  takeReports();
+  takeLog();
+  manager().enforceRunningForService(kHelper, nullptr);
+  EXPECT_THAT(takeLog(), Contains("7 Failed to configure kext for already running service "
+                                  "com.example.helper"));
+  EXPECT_THAT(takeReports(), Contains("unready com.example.helper"));
+}
+
+// Two services that share an extension: what is known to be loaded, step by step.
+TEST_F(KernelExtensionsTest, SharedExtensionsAreKnownUntilOneOfTheirServicesStops) {
+  const auto start = [this](const char* label) { manager().startServices({label}); };
+  const auto stop = [this](const char* label) { manager().stopServices({label}); };
+  const auto known = [this] { return manager().kextsLoaded(); };
+  using Names = std::set<std::string>;
+  for (const bool agentFirst : {true, false}) {
+    const char* const first = agentFirst ? kAgent : kHelper;
+    const char* const second = agentFirst ? kHelper : kAgent;
+    start(first);
+    EXPECT_EQ(known(), (agentFirst ? Names{"net", "other"} : Names{"net"}));
+    start(second);
+    EXPECT_EQ(known(), (Names{"net", "other"}));
+    stop(first);  // The other one still runs, and its extension is forgotten all the same.
+    EXPECT_EQ(known(), (agentFirst ? Names{} : Names{"other"}));
+    start(first);
+    EXPECT_EQ(known(), (Names{"net", "other"}));
+    stop(second);
+    EXPECT_EQ(known(), (agentFirst ? Names{"other"} : Names{}));
+    stop(first);
+    EXPECT_EQ(known(), Names{});
+  }
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));  // None is ever unloaded for that.
+  EXPECT_TRUE(extensions_.isLoaded(kOther));
+}
+
+TEST_F(KernelExtensionsTest, AStartMakesASecretAndForgetsWhatWasLoaded) {
+  manager().setKextsLoaded({"net"});
+  manager().backgroundServiceDidFinishLaunching({});
+  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  EXPECT_EQ(manager().secret().data()->size(), 8u);
+}
+
+// Releases before 10.7 unload by a program.
+
+class OldReleaseTest : public KernelExtensionsFixture {
+ protected:
+  OldReleaseTest() {
+    system_.setRelease("10.8.0", {10, 6, 8});
+    extensions_.setLoaded(kNetwork);
+    network_.version = integer(4);
+    extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+    tasks_.setProgram("/root/sbin/kextunload", {});
+  }
+  std::vector<std::string> argumentsOf(const char* identifier) {
+    load(identifier, "net");
+    return tasks_.launches().empty() ? std::vector<std::string>()
+                                     : tasks_.launches().back().arguments;
+  }
+};
+
+TEST_F(OldReleaseTest, TheProgramUnloads) {
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_THAT(requests(), ElementsAre(kLoadNetwork));
+  ASSERT_EQ(tasks_.launches().size(), 1u);
+  EXPECT_EQ(tasks_.launches()[0].path, "/root/sbin/kextunload");
+}
+
+TEST_F(OldReleaseTest, AnExtensionIsNamedByItsIdentifier) {
+  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre("-b", kNetwork));
+}
+
+TEST_F(OldReleaseTest, AnIdentifierThatIsAFileIsItself) {
+  files_.addFile(kNetwork);
+  files_.addFile(std::string("/root/System/Library/Extensions/") + kNetwork);
+  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
+}
+
+TEST_F(OldReleaseTest, OneOfTheSystemsIsNamedByItsPath) {
+  const std::string path = std::string("/root/System/Library/Extensions/") + kNetwork;
+  files_.addFile(path);
+  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(path));
+}
+
+TEST_F(OldReleaseTest, AProgramThatFailsIsTriedForASecond) {
+  for (const int status : {1, 2, 255}) {
+    network_.version = integer(4);
+    tasks_.setProgram("/root/sbin/kextunload", {{}, {}, status});
+    EXPECT_EQ(timeOf([&] { EXPECT_FALSE(load(kNetwork, "net")); }), 1200ms);
+    EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
+    takeLog();
+  }
+  EXPECT_EQ(tasks_.launches().size(), 21u);
+}
+
+TEST_F(OldReleaseTest, AProgramThatIsNotThereIsAFailureToo) {
+  tasks_.setProgram("/root/sbin/kextunload",
+                    {{}, {}, 0, NSException{kNSInvalidArgumentException, "no", {}}});
+  EXPECT_FALSE(load(kNetwork, "net"));
+}
+
+TEST_F(OldReleaseTest, WithoutAnIdentifierNothingIsRun) {
+  EXPECT_FALSE(manager().loadKextWithIdentifier(std::nullopt, "net", {}));
+  EXPECT_THAT(tasks_.launches(), IsEmpty());
+  EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 1u);
+}
+
+TEST_F(OldReleaseTest, FromRelease11OnThePlatformUnloads) {
+  system_.setRelease("11.0.0", {10, 7, 0});
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_THAT(tasks_.launches(), IsEmpty());
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+}
+
+// For the operator.
+
+TEST_F(KernelExtensionsTest, TheOperatorIsToldOfEachExtension) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  takeLog();
+  const Dictionary facts = manager().systemExtensions();
+  EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
+                                           {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
+                                           {"IsLoaded", true},
+                                           {"IsConnected", true},
+                                           {"IsConfigured", true},
+                                           {"Services", Array{kAgent, kHelper}}}));
+  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
+  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
+  EXPECT_EQ(facts["other"]["IsConfigured"], Value(false));
+  EXPECT_EQ(facts["other"]["Services"], Value(Array{kAgent}));
+  EXPECT_THAT(takeLog(), IsEmpty());
+  EXPECT_EQ(controls_.clients(kNetwork), 0);
+}
+
+TEST_F(KernelExtensionsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
+  Dictionary catalogue = catalogueOfKexts();
+  catalogue.set("KernelExtensions", Dictionary{{"x", Dictionary()},
+                                               {"y", Dictionary{{"Identifier", "com.example.y"}}}});
+  manager().setServiceInfo(Value(catalogue));
+  const Dictionary facts = manager().systemExtensions();
+  EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
+  EXPECT_TRUE(facts["y"]["Path"].isNil());
+  manager().setServiceInfo({});
+  EXPECT_TRUE(manager().systemExtensions().empty());
+}
+
+}  // namespace
