@@ -81,6 +81,7 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) 
     std::vector<std::shared_ptr<NSXPCConnection>> doomed;
     std::latch done(kClients);
     std::atomic<int> right = 0;
+    const auto failed = [&](const NSError&) { done.count_down(); };
     for (int i = 0; i < kClients; ++i) {
       const std::string name = "name " + std::to_string(i % 100);
       // One that asks and dies without a word, for every fourth.
@@ -89,14 +90,13 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) 
         doomed.back()->sendMessage("xpcListenerEndpointForPasskey:withName:withReply:",
                                    {passkey, Value(name)}, nullptr, nullptr);
       }
-      NSXPCConnection& connection = *connections.emplace_back(connect(*clients));
-      const auto failed = [&](const NSError&) { done.count_down(); };
-      connection.sendMessage(
+      NSXPCConnection* const connection = connections.emplace_back(connect(*clients)).get();
+      connection->sendMessage(
           "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
           {endpoint, passkey, Value(name)},
-          [&, name](const Array& reply) {
+          [&, name, connection](const Array& reply) {
             if (reply != Array{Value(true), Value()}) return done.count_down();
-            connection.sendMessage(
+            connection->sendMessage(
                 "xpcListenerEndpointForPasskey:withName:withReply:", {passkey, Value(name)},
                 [&](const Array& found) {
                   if (found.size() == 1 && endpointIn(found[0])) ++right;
