@@ -6,6 +6,7 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/KernelControls.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/PathComponents.h"
 #include "ServiceManager/ServiceManager/VGKextManager.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"

@@ -114,6 +114,20 @@ TEST_F(OperatorTest, TheOverviewHasTheModeTheTimersAndEachServicesMarks) {
   EXPECT_EQ(overview[kFactRetryIn], Value());
 }
 
+TEST_F(OperatorTest, TheExtensionsOfTheCatalogueAreTold) {
+  Dictionary all = catalogue({{kPrimary, entry("configd", {{"KernelExtensions", Array{"net"}}})}});
+  all.set("KernelExtensions",
+          Dictionary{{"net", Dictionary{{"Identifier", "com.example.absent"}}}});
+  install(all);
+  start();
+  EXPECT_EQ(ask("extensions"),
+            Value(Dictionary{{"net", Dictionary{{kFactKextIdentifier, "com.example.absent"},
+                                                {kFactKextIsLoaded, false},
+                                                {kFactKextIsConnected, false},
+                                                {kFactKextIsConfigured, false},
+                                                {kFactKextServices, Array{kPrimary}}}}}));
+}
+
 TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {
   startAll();
   post("KLXGlobalSettingsDidChangeNotification");

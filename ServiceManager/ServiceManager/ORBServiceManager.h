@@ -160,16 +160,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::unique_ptr<platform::ControlSocket> createControlSocketWithIdentifier(
       std::string_view controlName);
   std::set<std::string> daemonsUsingKext(const std::string& kextName) const;
-  // For the operator: the catalogue's extensions by name, each a dictionary with the keys below.
+  // For the operator: the catalogue's extensions by name, each a dictionary with keys of
+  // OperatorFacts.h.
   // Blocks for a second at most for an extension that does not accept connections.
   platform::Dictionary systemExtensions() const;
-  static constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
-  static constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
-  static constexpr char kFactKextIsLoaded[] = "IsLoaded";
-  static constexpr char kFactKextProcess[] = "PID";  // of a user-space extension that runs
-  static constexpr char kFactKextIsConnected[] = "IsConnected";    // its control takes connections
-  static constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
-  static constexpr char kFactKextServices[] = "Services";          // the labels that name it
 
   // Requests of the user interface.
 

@@ -22,6 +22,7 @@ MessageResult ORBServiceManagerOperatorServer::receiveMessage(std::string_view s
   if (selector == "healthRecord") {
     return manager_.healthInfo() ? manager_.healthInfo()->healthRecord() : Value();
   }
+  if (selector == "extensions") return Value(manager_.systemExtensions());
   if (selector == "factsOfService:") {
     const Value argument = arguments.empty() ? Value() : arguments.front();
     if (!argument.string()) {

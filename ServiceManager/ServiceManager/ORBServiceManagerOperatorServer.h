@@ -17,6 +17,8 @@ class ORBServiceManagerOperatorServer final : public platform::MessageReceiver {
   // "overview", "healthRecord" (nil where the product keeps none) and "factsOfService:" (nil for a
   // label that no service of any product has). The last asks the job host and, for the service's
   // switches, the settings servers, and so may take as long as that service's evaluation.
+  // "extensions" tells of the catalogue's extensions by name; each that does not accept connections
+  // costs a second.
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override;
 

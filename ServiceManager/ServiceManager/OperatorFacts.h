@@ -58,3 +58,12 @@ inline constexpr char kOutcomeClashes[] = "clashes";    // of kinds that can't b
 inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting, or no answer
 inline constexpr char kOutcomeNotAsked[] = "notAsked";  // no evaluation has needed it yet
 inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such settings server
+
+// Of an extension of the catalogue.
+inline constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
+inline constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
+inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
+inline constexpr char kFactKextProcess[] = "PID";  // of a user-space extension that runs
+inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control takes connections
+inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
+inline constexpr char kFactKextServices[] = "Services";          // the labels that name it

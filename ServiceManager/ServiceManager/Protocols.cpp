@@ -19,8 +19,10 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
   add(kServiceManagerAuthProtocol, {{"retrieveKey", kTwoWay}});
   add(kServiceManagerHealthProtocol,
       {{"isReadyToReport", kTwoWay}, {"getHealthStateForServices", kTwoWay}});
-  add(kORBServiceManagerOperatorProtocol,
-      {{"overview", kTwoWay}, {"healthRecord", kTwoWay}, {"factsOfService:", kTwoWay}});
+  add(kORBServiceManagerOperatorProtocol, {{"overview", kTwoWay},
+                                           {"healthRecord", kTwoWay},
+                                           {"factsOfService:", kTwoWay},
+                                           {"extensions", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
       {{"signatureWithReply:", kTwoWay},
        {"registerXPCListenerEndpoint:forPasskey:withName:withReply:", kTwoWay},

@@ -13,6 +13,7 @@
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Explanation.h"
+#include "Tools/servicemanagerctl/ExtensionsReport.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -21,8 +22,10 @@ using namespace platform;
 
 OperatorCommands::OperatorCommands(CLI::App& app)
     : health_(app.add_subcommand("health", "How each service is, and how often it crashed")),
-      explain_(app.add_subcommand("explain", "Why a service runs or does not")) {
-  for (CLI::App* command : {health_, explain_}) {
+      explain_(app.add_subcommand("explain", "Why a service runs or does not")),
+      extensions_(
+          app.add_subcommand("extensions", "How each kernel extension is, and who uses it")) {
+  for (CLI::App* command : {health_, explain_, extensions_}) {
     command->add_flag("--json", json_, "For programs");
   }
   health_->add_flag("--openmetrics", openMetrics_, "For monitoring systems")->excludes("--json");
@@ -36,6 +39,7 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
     if (const auto connected = daemon.connect(); !connected) {
       return std::unexpected(connected.error());
     }
+    if (extensions_->parsed()) return extensions(daemon);
     return health_->parsed() ? health(daemon) : explain(daemon);
   };
   const Answer<std::string> text = act();
@@ -65,6 +69,13 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
   const Explanation explanation = ::explain(*facts);
   return json_ ? asJson(explanation, *facts).dump(2) + "\n"
                : asText(explanation, readerOf(STDOUT_FILENO));
+}
+
+Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {
+  const auto facts = daemon.ask("extensions");
+  if (!facts) return std::unexpected(facts.error());
+  if (json_) return jsonOf(*facts).dump(2) + "\n";
+  return tableOfExtensions(*facts, readerOf(STDOUT_FILENO));
 }
 
 Refusal unknownLabel(const std::string& label, const Value& overview) {

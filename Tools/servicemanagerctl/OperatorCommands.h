@@ -6,7 +6,8 @@
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl health | explain LABEL": what the service manager thinks, without changing it.
+// "servicemanagerctl health | explain LABEL | extensions": what the service manager thinks, without
+// changing it.
 class OperatorCommands {
  public:
   // Adds the commands to `app`, which outlives this.
@@ -14,7 +15,7 @@ class OperatorCommands {
   OperatorCommands(const OperatorCommands&) = delete;
   OperatorCommands& operator=(const OperatorCommands&) = delete;
 
-  bool parsed() const { return health_->parsed() || explain_->parsed(); }
+  bool parsed() const { return health_->parsed() || explain_->parsed() || extensions_->parsed(); }
 
   // Does what was asked, and returns the exit status.
   int run(const DaemonClient::Environment& environment) const;
@@ -23,9 +24,11 @@ class OperatorCommands {
   // What to print.
   Answer<std::string> health(DaemonClient& daemon) const;
   Answer<std::string> explain(DaemonClient& daemon) const;
+  Answer<std::string> extensions(DaemonClient& daemon) const;
 
   CLI::App* health_;
   CLI::App* explain_;
+  CLI::App* extensions_;
   bool json_ = false;
   bool openMetrics_ = false;
   std::string label_;

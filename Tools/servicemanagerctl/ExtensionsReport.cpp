@@ -1,0 +1,79 @@
+#include "Tools/servicemanagerctl/ExtensionsReport.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr std::size_t kColumns = 7;
+using Row = std::array<std::string, kColumns>;
+
+std::string yesOrNo(const Value& fact) {
+  const auto known = fact.boolean();
+  if (!known) return "-";
+  return *known ? "yes" : "no";
+}
+
+// With the process, where it runs as one.
+std::string loading(const Value& extension) {
+  const auto process = extension[kFactKextProcess].integer();
+  return process ? fmt::format("process {}", *process) : yesOrNo(extension[kFactKextIsLoaded]);
+}
+
+std::string servicesOf(const Value& extension) {
+  const Array* services = extension[kFactKextServices].array();
+  if (!services || services->empty()) return "-";
+  std::vector<std::string> labels;
+  for (const Value& label : *services) {
+    if (label.string()) labels.push_back(plain(*label.string()));
+  }
+  return fmt::format("{}", fmt::join(labels, ", "));
+}
+
+Row rowOf(const std::string& name, const Value& extension) {
+  const std::string* identifier = extension[kFactKextIdentifier].string();
+  return {plain(name),
+          identifier ? plain(*identifier) : "-",
+          extension[kFactKextPath].string() ? "yes" : "no",
+          loading(extension),
+          yesOrNo(extension[kFactKextIsConnected]),
+          yesOrNo(extension[kFactKextIsConfigured]),
+          servicesOf(extension)};
+}
+
+std::string lineOf(const Row& row, const std::array<std::size_t, kColumns>& widths) {
+  std::string line;
+  for (std::size_t i = 0; i + 1 < kColumns; ++i) {
+    line += fmt::format("{:<{}}  ", row[i], widths[i]);
+  }
+  return line + row.back();
+}
+
+}  // namespace
+
+std::string tableOfExtensions(const Value& facts, Reader reader) {
+  const Dictionary* extensions = facts.dictionary();
+  if (!extensions || extensions->empty()) return "The catalogue names no kernel extension.\n";
+  std::vector<Row> rows;
+  for (const auto& [name, extension] : *extensions) rows.push_back(rowOf(name, extension));
+  std::ranges::sort(rows);
+  const Row heading{"NAME",      "IDENTIFIER", "INSTALLED", "LOADED",
+                    "CONNECTED", "CONFIGURED", "USED BY"};
+  std::array<std::size_t, kColumns> widths{};
+  for (std::size_t i = 0; i < kColumns; ++i) {
+    widths[i] = heading[i].size();
+    for (const Row& row : rows) widths[i] = std::max(widths[i], row[i].size());
+  }
+  std::string text = coloured(lineOf(heading, widths), Colour::kBold, reader) + "\n";
+  for (const Row& row : rows) text += lineOf(row, widths) + "\n";
+  return text;
+}

@@ -1,0 +1,48 @@
+#include "Tools/servicemanagerctl/ExtensionsReport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace platform;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(ExtensionsReportTest, EachExtensionHasItsLine) {
+  const Dictionary facts{
+      {"other", Dictionary{{"Identifier", "com.vantor.other"},
+                           {"IsLoaded", false},
+                           {"IsConnected", false},
+                           {"IsConfigured", false},
+                           {"Services", Array()}}},
+      {"net", Dictionary{{"Identifier", "com.vantor.nke.wfk"},
+                         {"Path", "/Library/Extensions/net.kext"},
+                         {"IsLoaded", true},
+                         {"PID", 42},
+                         {"IsConnected", true},
+                         {"IsConfigured", true},
+                         {"Services", Array{"com.example.agent", "com.example.helper"}}}}};
+  EXPECT_EQ(tableOfExtensions(facts, Reader::kOther),
+            "NAME   IDENTIFIER          INSTALLED  LOADED      CONNECTED  CONFIGURED  USED BY\n"
+            "net    com.vantor.nke.wfk  yes        process 42  yes        yes         "
+            "com.example.agent, com.example.helper\n"
+            "other  com.vantor.other    no         no          no         no          -\n");
+}
+
+TEST(ExtensionsReportTest, WithoutExtensionsItSaysSo) {
+  for (const Value& nothing : {Value(), Value(Dictionary()), Value(7)}) {
+    EXPECT_EQ(tableOfExtensions(nothing, Reader::kTerminal),
+              "The catalogue names no kernel extension.\n");
+  }
+}
+
+TEST(ExtensionsReportTest, WhatIsMalformedCountsAsAbsentAndNothingSteersTheTerminal) {
+  const Dictionary facts{{"\033[2J", Dictionary{{"IsLoaded", "yes"}, {"Services", Array{7}}}},
+                         {"number", 7}};
+  const std::string table = tableOfExtensions(facts, Reader::kOther);
+  EXPECT_THAT(table, Not(HasSubstr("\033")));
+  EXPECT_THAT(table, HasSubstr("number"));
+}
+
+}  // namespace
