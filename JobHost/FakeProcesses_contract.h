@@ -9,10 +9,13 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "JobHost/Processes.h"
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 
 namespace jobhost {
@@ -44,10 +47,14 @@ class FakeProcesses final : public Processes {
     if (failure && !recordsFailures) return std::unexpected(*failure);
     const platform::ProcessId process = next_++;
     completeStartRecord(ticket.record.data(), process, ticksOf(process), inodeOf(process));
-    EXPECT_EQ(::write(ticket.file, ticket.record.data(), ticket.record.size()),
-              static_cast<ssize_t>(ticket.record.size()));
+    if (::write(ticket.file, ticket.record.data(), ticket.record.size()) !=
+        static_cast<ssize_t>(ticket.record.size())) {
+      return std::unexpected(platform::systemError("recording the start"));
+    }
     if (failure) return std::unexpected(*failure);
-    processes_[process].onEnd = std::make_shared<OnEnd>(std::move(onEnd));
+    Process& state = processes_[process];
+    state.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
+    if (listener >= 0) state.listener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
     started.push_back({process, job.label, job.program, listener, loop_.now()});
     return process;
   }
@@ -85,8 +92,11 @@ class FakeProcesses final : public Processes {
     return !isAlive(group) && !members_.contains(group);
   }
 
-  platform::UniqueFd copyDescriptor(platform::ProcessId, platform::Descriptor) override {
-    return platform::UniqueFd(descriptorToCopy >= 0 ? ::dup(descriptorToCopy) : -1);
+  platform::UniqueFd copyDescriptor(platform::ProcessId process,
+                                    platform::Descriptor descriptor) override {
+    const auto found = processes_.find(process);
+    if (found == processes_.end() || descriptor != 3) return {};
+    return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
   }
 
   bool isAlive(platform::ProcessId process) const {
@@ -125,7 +135,6 @@ class FakeProcesses final : public Processes {
   std::optional<platform::Error> failure;
   bool recordsFailures = false;
   bool obeysTermination = true;
-  platform::Descriptor descriptorToCopy = -1;
 
  private:
   struct Process {
@@ -134,6 +143,7 @@ class FakeProcesses final : public Processes {
     bool ended = false;
     bool isChild = true;
     platform::ExitStatus status;
+    platform::UniqueFd listener;  // its descriptor 3
   };
 
   std::uint64_t ticksOf(platform::ProcessId process) const {

@@ -35,6 +35,10 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
     // to themselves.
     log(platform::ASL_LEVEL_WARNING, fmt::format("{}; the file of the host before is used further",
                                                  platform::describe(written.error())));
+    // Where even that fails, each record that would be appended tries it again.
+    if (auto mended = state_->mend(); !mended) {
+      log(platform::ASL_LEVEL_WARNING, platform::describe(mended.error()));
+    }
   }
   // Before the jobs go on: what their rules are now is what they go on by.
   std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));

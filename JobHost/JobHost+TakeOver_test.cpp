@@ -1,6 +1,7 @@
 // What one host leaves to the next.
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -186,6 +187,26 @@ TEST_F(JobHostWithoutRoom, AHostThatCannotCompactItsFileUsesTheOneOfTheHostBefor
     EXPECT_EQ(pid("com.example.b"), Value(103));
     EXPECT_EQ(pid("com.example.c"), Value(104));
   }
+  EXPECT_EQ(starts(), 4);
+}
+
+TEST_F(JobHostWithoutRoom, AHostThatCannotReplaceATornFileGoesOnWithWhatIsInOrder) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  killHost();
+  std::ofstream(root_.path("run/vantor/launchd.state"), std::ios::app) << "torn";
+  putObstacle();
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(sink_.count("torn"), 1);
+  EXPECT_EQ(sink_.count("the file of the host before is used further"), 1);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(pid("com.example.b"), Value(103));
+  ASSERT_TRUE(submit(job("com.example.c")));
+  restartHost();
+  EXPECT_EQ(sink_.count("torn"), 1);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.c"));
   EXPECT_EQ(starts(), 4);
 }
 

@@ -71,7 +71,6 @@ Result<void> checkTrust(int file) {
 struct Trusted {
   StateContents contents;
   UniqueFd file;  // for reading
-  std::size_t size = 0;
 };
 
 Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
@@ -83,7 +82,7 @@ Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
   auto contents =
       readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
   if (!contents) return std::unexpected(std::move(contents.error()));
-  return Trusted{*std::move(contents), *std::move(file), bytes->size()};
+  return Trusted{*std::move(contents), *std::move(file)};
 }
 
 // The same file for appending: its path may have come to name another one.
@@ -158,12 +157,12 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   if (trusted) {
     opened.jobs = std::move(trusted->contents.jobs);
     opened.dismissed = std::move(trusted->contents.dismissed);
+    self.file_ = reopenForAppending(trusted->file);
+    self.size_ = self.compactedSize_ = trusted->contents.wholeBytes;
     if (trusted->contents.isTorn) {
+      self.isTorn_ = self.isNamedTwice_ = true;
       opened.warnings.push_back(
           setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
-    } else {
-      self.file_ = reopenForAppending(trusted->file);
-      self.size_ = self.compactedSize_ = trusted->size;
     }
   } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
@@ -199,7 +198,7 @@ Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& d
   }
   file_ = std::move(file);
   size_ = compactedSize_ = bytes->size();
-  isTorn_ = false;
+  isTorn_ = isNamedTwice_ = false;
   return {};
 }
 
@@ -211,6 +210,17 @@ std::size_t StateFile::costOf(std::string_view label, std::size_t submissionByte
   // A start, an end and the beginning of a removal.
   return submissionBytes + 3 * (sizeof(RecordHeader) + label.size()) + sizeof(StartFields) +
          sizeof(EndFields);
+}
+
+Result<void> StateFile::mend() {
+  if (!isTorn_) return {};
+  if (isNamedTwice_) {
+    // What was set aside is this very file, which goes on without what made it worth keeping. A
+    // second name that stays does no harm.
+    ::unlink((path_ + kSetAsideSuffix).c_str());
+    isNamedTwice_ = false;
+  }
+  return cutBackTo(size_);
 }
 
 Result<void> StateFile::makeReady(std::size_t recordBytes) {

@@ -51,7 +51,8 @@ class StateFile {
   };
 
   // The state file in `folder` and what it holds. Where none is in order nothing can be appended
-  // until compact() has put a new one in its place. `bootId` names the boot that goes on.
+  // until compact() has put a new one in its place. One with a torn record is set aside by a second
+  // name, and goes on under its own, by compact() or mend(). `bootId` names the boot that goes on.
   //
   // No other host can open it meanwhile: one that still runs is waited for, by `loop`, as are the
   // processes that a killed one had started and that have not executed their programs yet. Fails
@@ -66,6 +67,10 @@ class StateFile {
   platform::Result<void> compact(std::span<const StoredJob> jobs, const Labels& dismissed = {});
   // Whether the file holds much that is out of date, or has little room left.
   bool wantsCompaction() const;
+
+  // Cuts a torn record off where there is one, which takes no room on the disk. Each append does so
+  // first: a record behind a torn one would make the whole file worthless.
+  platform::Result<void> mend();
 
   // The most that a compacted file holds of a job whose submission takes `submissionBytes`.
   static std::size_t costOf(std::string_view label, std::size_t submissionBytes);
@@ -99,8 +104,6 @@ class StateFile {
   platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
   platform::Result<void> appendRecord(std::span<const std::uint8_t> record);
   platform::Result<void> makeReady(std::size_t recordBytes);
-  // A record behind a torn one would make the whole file worthless.
-  platform::Result<void> mend() { return isTorn_ ? cutBackTo(size_) : platform::Result<void>(); }
 
   std::string path_;
   std::string bootId_;
@@ -110,7 +113,8 @@ class StateFile {
   platform::UniqueFd file_;
   std::size_t size_ = 0;
   std::size_t compactedSize_ = 0;
-  bool isTorn_ = false;  // there is more in the file than `size_`
+  bool isTorn_ = false;        // there is more in the file than `size_`
+  bool isNamedTwice_ = false;  // the file is also the one that was set aside
 };
 
 }  // namespace jobhost

@@ -404,6 +404,46 @@ TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
   EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
 }
 
+TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string whole = contents();
+  for (const bool mendsAtOnce : {true, false}) {
+    put(whole + "torn");
+    auto opened = open();
+    ASSERT_EQ(opened.warnings.size(), 1);
+    EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
+    EXPECT_TRUE(opened.file->isWritable());
+    {
+      const FileSizeLimit limit(10);
+      EXPECT_FALSE(opened.file->compact(opened.jobs));
+      EXPECT_EQ(contents(), whole + "torn");
+      if (mendsAtOnce) {
+        ASSERT_TRUE(opened.file->mend());
+        EXPECT_EQ(contents(), whole);
+      }
+    }
+    ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    opened.file.reset();
+    // What was set aside would go on being written to.
+    EXPECT_EQ(::access((path_ + ".set-aside").c_str(), F_OK), -1);
+    const auto next = open();
+    EXPECT_THAT(next.warnings, IsEmpty());
+    EXPECT_THAT(labelsOf(next.jobs), ElementsAre("a", "b"));
+  }
+}
+
+TEST_F(StateFileTest, ATornFileThatIsReplacedLaterStaysSetAside) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string torn = contents() + "torn";
+  put(torn);
+  auto opened = open();
+  ASSERT_TRUE(opened.file->compact(opened.jobs));
+  ASSERT_TRUE(opened.file->mend());
+  ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+  std::ifstream aside(path_ + ".set-aside", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), torn);
+}
+
 TEST_F(StateFileTest, WhatAFailedStartHasWrittenIsCutOff) {
   auto file = create();
   const std::string before = contents();

@@ -240,6 +240,7 @@ Result<StateContents> readState(View bytes, std::string_view bootId) {
   }
   StateContents contents = std::move(replay).contents();
   contents.isTorn = !rest.empty();
+  contents.wholeBytes = total - rest.size();
   return contents;
 }
 

@@ -28,7 +28,8 @@ std::vector<std::uint8_t> endPayload(const Ending& ending, std::string_view labe
 struct StateContents {
   std::vector<StoredJob> jobs;  // in the order in which they came
   Labels dismissed;
-  bool isTorn = false;  // the last record is cut short; it does not count
+  bool isTorn = false;         // the last record is cut short; it does not count
+  std::size_t wholeBytes = 0;  // of the file, without a torn record
 };
 
 // What the bytes of a state file say. kInvalid, with the reason and the place, for what is not one

@@ -128,6 +128,7 @@ class PeerTransportBed {
   void startHasty(Duration admissionTime) {
     listen({.admissionTime = admissionTime});
     for (int attempt = 0; attempt < 1000 && !client_; ++attempt) {
+      begun_ = harness_->loop().now();
       auto connection = harness_->here().connect(path(), {.timeout = 60s});
       if (connection) client_ = std::move(*connection);
     }
@@ -159,6 +160,7 @@ class PeerTransportBed {
   PeerJournal journal_;
   Server server_;
   std::unique_ptr<PeerConnection> client_;
+  Instant begun_;  // startHasty() began to connect
 
  private:
   void serve(std::unique_ptr<PeerConnection> newcomer) {

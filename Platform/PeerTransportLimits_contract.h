@@ -2,6 +2,7 @@
 
 // What a message and a peer may cost.
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -182,6 +183,19 @@ TEST_P(PeerTransportContract, WhoIsNotAdmittedInTimeIsRefusedOnce) {
   runUntilNoted("later");
   EXPECT_EQ(journal_.count("death"), 1u);
   EXPECT_EQ(journal_.count("client died"), journal_.count("connected"));
+}
+
+TEST_P(PeerTransportContract, NobodyIsRefusedBeforeItsTime) {
+  server_.admits = false;
+  constexpr Duration kTime = 50ms;
+  startHasty(kTime);
+  std::optional<Instant> refused;
+  client_->setHandlers({.message = {}, .death = [&](const Error&) {
+                          refused = harness_->loop().now();
+                          journal_.note("death");
+                        }});
+  runUntilNoted("death");
+  EXPECT_GE(*refused - begun_, kTime);
 }
 
 TEST_P(PeerTransportContract, WhoIsAdmittedStays) {

@@ -146,6 +146,23 @@ TEST_F(ProgramSignatureTest, ASparseFileOfTerabytesIsRefusedAtOnce) {
   expectRefused(path, kErrnoStatusBase + EFBIG, "is larger than");
 }
 
+// As much as is checked, but for its last byte a hole; the signature stands behind it.
+TEST_F(ProgramSignatureTest, AProgramOneByteLargerThanIsCheckedIsRefusedAtOnce) {
+  const std::string path = bed_.makeProgram("bin/program");
+  const std::string content = contentOf(path);
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(content.data());
+  const auto trailer =
+      readSignatureTrailer(content.size(), {bytes + content.size() - kTrailerBytes, kTrailerBytes});
+  ASSERT_TRUE(trailer);
+  const std::string signature = content.substr(static_cast<std::size_t>(trailer->payloadBytes));
+  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (::pwrite(file.get(), signature.data(), signature.size(),
+               static_cast<off_t>(kMaxCodeBytes) + 1) < 0) {
+    GTEST_SKIP() << "no files of this size here";
+  }
+  expectRefused(path, kErrnoStatusBase + EFBIG, "is larger than");
+}
+
 TEST_F(ProgramSignatureTest, AnEmptyFileIsUnsigned) {
   expectRefused(makeFile(""), errSecCSUnsigned, "is empty");
 }
