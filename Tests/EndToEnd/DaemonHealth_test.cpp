@@ -114,7 +114,7 @@ TEST_F(DaemonHealth, TheOperatorIsToldHowAndWhy) {
               AllOf(HasSubstr(kA + " runs as process " + std::to_string(root_.processOf(kA)) +
                               ", because every core service of the product is to run.\n"),
                     HasSubstr("killed by SIGKILL"), HasSubstr("intact, signed as"),
-                    HasSubstr("1 ends by itself since the last summary")));
+                    HasSubstr("has ended by itself once since the last summary")));
   EXPECT_TRUE(client_->ask("stopServices:", Array{Value(Array{kB})}));
   root_.await("the stop to be told", [&] { return client_->wasTold(kB, 0); });
   EXPECT_THAT(control({"explain", kB}).second,

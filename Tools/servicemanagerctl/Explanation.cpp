@@ -231,11 +231,16 @@ std::string aboutSwitch(const Value& row) {
   return name + ", and there is no such settings server: does not";
 }
 
+std::string aboutCrashes(std::int64_t crashes) {
+  if (crashes == 0) return "has not ended by itself since the last summary";
+  if (crashes == 1) return "has ended by itself once since the last summary";
+  return fmt::format("has ended by itself {} times since the last summary", crashes);
+}
+
 std::string aboutHealth(const Facts& facts) {
   const Value& health = facts[kFactHealth];
   const auto status = health[kHealthStatus].integer();
-  const std::string crashes = fmt::format("{} ends by itself since the last summary",
-                                          health[kHealthCrashes].integer().value_or(0));
+  const std::string crashes = aboutCrashes(health[kHealthCrashes].integer().value_or(0));
   if (!status || *status < 0 || *status > 3) return "not supervised; " + crashes;
   return fmt::format("{}; {}", nameOf(static_cast<HealthStatus>(*status)), crashes);
 }

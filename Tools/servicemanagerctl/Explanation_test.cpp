@@ -209,10 +209,25 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "  process         7\n"
       "  last exit       none yet\n"
       "  watched         yes\n"
-      "  health          unready; 4 ends by itself since the last summary\n"
+      "  health          unready; has ended by itself 4 times since the last summary\n"
       "  next retry      in 12.3 s\n"
       "  settings        a change came outside normal mode; further ones are evaluated once "
       "everything has been in normal mode again\n");
+}
+
+TEST(ExplanationTest, HowOftenItEndedByItselfIsASentence) {
+  const auto health = [](const Dictionary& record) {
+    for (const auto& [heading, text] : explain(factsWith({{kFactHealth, record}})).details) {
+      if (heading == "health") return text;
+    }
+    return std::string();
+  };
+  EXPECT_EQ(health({{kHealthStatus, 1}, {kHealthCrashes, 0}}),
+            "running; has not ended by itself since the last summary");
+  EXPECT_EQ(health({{kHealthStatus, 1}, {kHealthCrashes, 1}}),
+            "running; has ended by itself once since the last summary");
+  EXPECT_EQ(health({{kHealthCrashes, 2}}),
+            "not supervised; has ended by itself 2 times since the last summary");
 }
 
 TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {

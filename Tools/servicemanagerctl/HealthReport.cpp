@@ -72,7 +72,8 @@ void addServices(std::string& text, const std::vector<Service>& services) {
   }
   // No counter: a summary begins it anew.
   constexpr std::string_view kForcedStops = "servicemanager_service_forced_stops";
-  describe(text, kForcedStops, "gauge", "Ends by itself since the health reporter last asked.");
+  describe(text, kForcedStops, "gauge",
+           "How often the service ended by itself since the health reporter last asked.");
   for (const Service& service : services) {
     fmt::format_to(out, "{}{{{}}} {}\n", kForcedStops, labelsOf(service), service.crashes);
   }

@@ -1,6 +1,7 @@
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <utility>
 
@@ -36,6 +37,9 @@ std::string domainNames() {
 
 // 1 and true are equal, but not what was asked for.
 bool isSame(const Value& one, const Value& other) {
+  const auto real = one.real();
+  const auto otherReal = other.real();
+  if (real && otherReal && std::isnan(*real)) return std::isnan(*otherReal);
   return one.type() == other.type() && one == other;
 }
 
@@ -98,9 +102,9 @@ Answer<int> SettingsCommands::list(DaemonClient& server) const {
     settings.push_back({key, value, *isDefault == Value(true)});
   }
   std::ranges::sort(settings, {}, &SettingState::key);
-  print(json_ ? asJson(settings).dump(2) + "\n"
-              : asTable(settings, domain_, readerOf(STDOUT_FILENO)));
-  return EXIT_SUCCESS;
+  const bool isTold = print(json_ ? asJson(settings).dump(2) + "\n"
+                                  : asTable(settings, domain_, readerOf(STDOUT_FILENO)));
+  return isTold ? EXIT_SUCCESS : kExitFailed;
 }
 
 Answer<SettingState> SettingsCommands::read(DaemonClient& server) const {
@@ -111,8 +115,9 @@ Answer<SettingState> SettingsCommands::read(DaemonClient& server) const {
   return SettingState{key_, std::move(*value), *isDefault == Value(true)};
 }
 
-void SettingsCommands::report(const SettingState& setting) const {
-  print(json_ ? asJson(setting).dump(2) + "\n" : asSentence(setting, domain_));
+int SettingsCommands::report(const SettingState& setting) const {
+  const bool isTold = print(json_ ? asJson(setting).dump(2) + "\n" : asSentence(setting, domain_));
+  return isTold ? EXIT_SUCCESS : kExitFailed;
 }
 
 Answer<int> SettingsCommands::get(DaemonClient& server) const {
@@ -124,13 +129,11 @@ Answer<int> SettingsCommands::get(DaemonClient& server) const {
                                                "settings list {}\" tells which there are",
                                                domain_, plain(key_), domain_)});
   }
-  if (json_) {
-    report(*setting);
-  } else {
-    const nlohmann::ordered_json value = jsonOf(setting->value);
-    print((value.is_string() ? plain(value.get<std::string>()) : shown(setting->value)) + "\n");
-  }
-  return EXIT_SUCCESS;
+  if (json_) return report(*setting);
+  const nlohmann::ordered_json value = jsonOf(setting->value);
+  const std::string text =
+      value.is_string() ? plain(value.get<std::string>()) : shown(setting->value);
+  return print(text + "\n") ? EXIT_SUCCESS : kExitFailed;
 }
 
 Answer<int> SettingsCommands::set(DaemonClient& server) const {
@@ -151,8 +154,8 @@ Answer<int> SettingsCommands::set(DaemonClient& server) const {
   // The message has no answer: what the server holds now is one.
   const auto now = read(server);
   if (!now) return std::unexpected(now.error());
-  report(*now);
-  if (isSame(now->value, *wanted)) return EXIT_SUCCESS;
+  const int told = report(*now);
+  if (isSame(now->value, *wanted)) return told;
   return std::unexpected(Refusal{
       kExitFailed, "the server does not hold what was set; \"servicemanagerctl log\" tells why"});
 }
@@ -162,8 +165,8 @@ Answer<int> SettingsCommands::unset(DaemonClient& server) const {
   if (!sent) return std::unexpected(sent.error());
   const auto now = read(server);
   if (!now) return std::unexpected(now.error());
-  report(*now);
-  if (now->value.isNil() || now->isDefault) return EXIT_SUCCESS;
+  const int told = report(*now);
+  if (now->value.isNil() || now->isDefault) return told;
   return std::unexpected(
       Refusal{kExitFailed, "the server still holds a value; \"servicemanagerctl log\" tells why"});
 }

@@ -31,7 +31,8 @@ class SettingsCommands {
 
   // What the server holds now.
   Answer<SettingState> read(DaemonClient& server) const;
-  void report(const SettingState& setting) const;
+  // The exit status.
+  int report(const SettingState& setting) const;
 
   CLI::App* settings_;
   CLI::App* list_;

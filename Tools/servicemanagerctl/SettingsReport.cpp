@@ -37,13 +37,31 @@ Parsed parseInteger(const std::string& text) {
 }
 
 Parsed parseReal(const std::string& text) {
-  if (const auto real = realFromText(text)) return *real;
-  return wrong(text, "a number");
+  const auto real = realFromText(text);
+  if (real) return *real;
+  return wrong(text,
+               real.error() == ScalarProblem::kOutOfRange ? "a number of 64 bits" : "a number");
 }
 
 Parsed parseNumber(const std::string& text) {
-  if (const auto integer = integerFromText(text)) return *integer;
+  const auto integer = integerFromText(text);
+  if (integer) return *integer;
+  // As a real it would be rounded to another number than was asked for.
+  if (integer.error() == ScalarProblem::kOutOfRange) return wrong(text, "an integer of 64 bits");
   return parseReal(text);
+}
+
+// Words like "inf" are numbers only where one is asked for.
+bool beginsLikeANumber(std::string_view text) {
+  if (text.starts_with('-') || text.starts_with('+')) text.remove_prefix(1);
+  return !text.empty() && (text.front() == '.' || (text.front() >= '0' && text.front() <= '9'));
+}
+
+bool isOutOfRange(const std::string& text) {
+  const auto integer = integerFromText(text);
+  const auto real = realFromText(text);
+  return (!integer && integer.error() == ScalarProblem::kOutOfRange) ||
+         (!real && real.error() == ScalarProblem::kOutOfRange);
 }
 
 Parsed parseAs(std::string_view type, const std::string& text) {
@@ -96,8 +114,14 @@ Parsed parseSetting(const std::string& text, const std::optional<std::string>& t
                     const Value& current) {
   if (type) return parseAs(*type, text);
   if (canBeTyped(current)) return parseAs(typeName(current), text);
+  if (!current.isNil()) {
+    return std::unexpected(
+        fmt::format("a value of type {} can't be given in one word", typeName(current)));
+  }
   if (text == "true" || text == "false") return text == "true";
-  if (auto number = parseNumber(text)) return number;
+  if (!beginsLikeANumber(text)) return text;
+  auto number = parseNumber(text);
+  if (number || isOutOfRange(text)) return number;
   return text;
 }
 

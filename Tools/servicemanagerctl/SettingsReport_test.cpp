@@ -1,5 +1,7 @@
 #include "Tools/servicemanagerctl/SettingsReport.h"
 
+#include <limits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -37,8 +39,35 @@ TEST(SettingsReportTest, AnUntypedWordTakesTheTypeThatTheSettingHas) {
   expectParsed("1", {}, "text", "1");
   expectParsed("1", {}, 2.5, 1.0);
   expectParsed("AQI=", {}, Data{}, Data{1, 2});
-  expectParsed("1", {}, Array{}, 1);  // Which can't be typed.
+  EXPECT_EQ(parseSetting("1", {}, Array{1, 2}).error(),
+            "a value of type array can't be given in one word");
+  EXPECT_EQ(parseSetting("1", {}, Dictionary{}).error(),
+            "a value of type dictionary can't be given in one word");
+  expectParsed("1", "integer", Array{1, 2}, 1);
   EXPECT_EQ(parseSetting("text", {}, 5).error(), "\"text\" is not an integer of 64 bits");
+}
+
+TEST(SettingsReportTest, AnUntypedNumberThatDoesNotFitIsNoOther) {
+  expectParsed("9223372036854775807", {}, {}, std::numeric_limits<std::int64_t>::max());
+  expectParsed("-9223372036854775808", {}, {}, std::numeric_limits<std::int64_t>::min());
+  expectParsed("1e308", {}, {}, 1e308);
+  const auto errorOf = [](const char* text) {
+    const auto parsed = parseSetting(text, std::nullopt, {});
+    return parsed ? "accepted" : parsed.error();
+  };
+  EXPECT_EQ(errorOf("9223372036854775808"), "\"9223372036854775808\" is not an integer of 64 bits");
+  EXPECT_EQ(errorOf("-9223372036854775809"),
+            "\"-9223372036854775809\" is not an integer of 64 bits");
+  EXPECT_EQ(errorOf("0x10000000000000000"), "\"0x10000000000000000\" is not an integer of 64 bits");
+  EXPECT_EQ(errorOf("1e309"), "\"1e309\" is not a number of 64 bits");
+}
+
+TEST(SettingsReportTest, AnUntypedWordThatNamesANumberIsText) {
+  for (const char* word : {"inf", "-Infinity", "nan", "-", ".", "1.2.3", "--5"}) {
+    expectParsed(word, {}, {}, word);
+  }
+  expectParsed("inf", "real", {}, std::numeric_limits<double>::infinity());
+  expectParsed("-inf", {}, 1.0, -std::numeric_limits<double>::infinity());
 }
 
 TEST(SettingsReportTest, ATypeOfTheCommandLineComesFirst) {

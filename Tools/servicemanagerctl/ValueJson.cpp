@@ -1,9 +1,22 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
+#include <cmath>
+
 #include "Platform/PropertyListScalars.h"
 
 using namespace platform;
 using Json = nlohmann::ordered_json;
+
+namespace {
+
+// JSON has no such numbers: the words by which they can be set again.
+Json jsonOfReal(double real) {
+  if (std::isnan(real)) return "nan";
+  if (std::isinf(real)) return real < 0 ? "-inf" : "inf";
+  return real;
+}
+
+}  // namespace
 
 Json jsonOf(const Value& value) {
   switch (value.type()) {
@@ -12,7 +25,7 @@ Json jsonOf(const Value& value) {
     case Value::Type::kInteger:
       return *value.integer();
     case Value::Type::kReal:
-      return *value.real();
+      return jsonOfReal(*value.real());
     case Value::Type::kString:
       return *value.string();
     case Value::Type::kData:

@@ -6,7 +6,8 @@
 
 #include "Platform/Value.h"
 
-// A value as JSON has it: data as base64, a date as text, what JSON has nothing for as null.
+// A value as JSON has it: data as base64, a date as text, a real that is no number or
+// infinite as "nan", "inf" or "-inf", what else JSON has nothing for as null.
 nlohmann::ordered_json jsonOf(const platform::Value& value);
 
 // The same as text on one line, in ASCII: unambiguous, and it can't steer a terminal.

@@ -1,5 +1,7 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
+#include <limits>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -12,6 +14,13 @@ TEST(ValueJsonTest, EachKindOfValueHasItsJson) {
   EXPECT_EQ(jsonOf(Data{0xff}).dump(), R"("/w==")");
   EXPECT_TRUE(jsonOf(Value()).is_null());
   EXPECT_TRUE(jsonOf(Value::nullMarker()).is_null());
+}
+
+TEST(ValueJsonTest, ARealThatJsonHasNotIsAWord) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(jsonOf(Array{kInfinity, -kInfinity, std::numeric_limits<double>::quiet_NaN()}).dump(),
+            R"(["inf","-inf","nan"])");
+  EXPECT_EQ(jsonOf(Array{-0.0, 1.0}).dump(), "[-0.0,1.0]");
 }
 
 TEST(ValueJsonTest, ShownTextIsAsciiOnOneLine) {

@@ -13,6 +13,9 @@ namespace {
 
 constexpr char kVersion[] = "1";
 
+// More changes than any file has seen; one more can still be counted.
+constexpr std::int64_t kMostChanges = std::int64_t{1} << 62;
+
 constexpr char kSchema[] =
     "BEGIN;"
     "CREATE TABLE state(changes INTEGER NOT NULL);"
@@ -71,7 +74,12 @@ Result<void> SettingsFile::check(const std::string& path) {
                                      ", or is something else; this program knows version " +
                                      kVersion});
   }
-  if (auto known = changes(); !known) return std::unexpected(known.error());
+  const auto counted = changes();
+  if (!counted) return std::unexpected(counted.error());
+  if (*counted < 0 || *counted > kMostChanges) {
+    return std::unexpected(Error{
+        ErrorCode::kInvalid, 0, path + ": damaged: it does not tell how many changes it has seen"});
+  }
   return read([](const Row&) {});
 }
 
@@ -84,11 +92,11 @@ Result<std::string> SettingsFile::textOf(std::string_view sql) {
 }
 
 Result<std::int64_t> SettingsFile::changes() {
-  auto statement = database_.prepare("SELECT changes FROM state");
+  auto statement = database_.prepare("SELECT changes FROM state WHERE typeof(changes) = 'integer'");
   if (!statement) return std::unexpected(statement.error());
   const auto row = statement->step();
   if (!row) return std::unexpected(row.error());
-  return *row ? statement->integer(0) : 0;
+  return *row ? statement->integer(0) : -1;
 }
 
 Result<void> SettingsFile::read(const std::function<void(const Row&)>& each) {

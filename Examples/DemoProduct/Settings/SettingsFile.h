@@ -36,7 +36,8 @@ class SettingsFile {
   };
   // Calls `each` for every setting.
   platform::Result<void> read(const std::function<void(const Row&)>& each);
-  // The number that the latest change had; 0 before the first. Never falls.
+  // The number that the latest change had; 0 before the first. Never falls. Leaves room to count
+  // further.
   platform::Result<std::int64_t> changes();
 
   // Makes all of these changes, and remembers `changes`; on failure none.

@@ -187,7 +187,7 @@ SettingsServer::Answer SettingsServer::set(const Arguments& arguments) {
   if (!key) return std::unexpected(key.error());
   const Value value = convert(arguments[0]);
   if (value.isNil()) {
-    return std::unexpected(wrongArgument("the value for \"" + *key + "\"",
+    return std::unexpected(wrongArgument("the value for " + quotedKey(*key),
                                          "of the kind that this message sets", arguments[0]));
   }
   if (auto done = store_.set(domain_.connectionName, *key, value); !done)
@@ -207,7 +207,7 @@ SettingsServer::Answer SettingsServer::persistBlob(const Arguments& arguments) {
   if (!key) return std::unexpected(key.error());
   const platform::Data* bytes = arguments[0].data();
   if (!bytes)
-    return std::unexpected(wrongArgument("the blob \"" + *key + "\"", "data", arguments[0]));
+    return std::unexpected(wrongArgument("the blob " + quotedKey(*key), "data", arguments[0]));
   if (auto done = store_.persistBlob(domain_.connectionName, *key, *bytes); !done)
     return std::unexpected(done.error());
   return Value(true);

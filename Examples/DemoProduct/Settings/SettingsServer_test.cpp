@@ -299,6 +299,18 @@ TEST_F(SettingsServerTest, BadInputIsRefusedWithALineThatNamesIt) {
   EXPECT_THAT(takeChanges(), IsEmpty());
 }
 
+TEST_F(SettingsServerTest, AKeyOfAnyLengthMakesAShortLine) {
+  const std::string key(500'000, 'k');
+  ask("setObject:forKey:sender:", {1, key, Value()});
+  ask("setInteger:forKey:sender:", {"1", key, Value()});
+  EXPECT_EQ(ask("persistBlob:forKey:sender:", {"text", key, Value()}), Value(false));
+  ask("registerDefaults:", {Dictionary{{key, 1}}});
+  EXPECT_EQ(sink_.texts().size(), 4u);
+  for (const std::string& line : sink_.texts()) EXPECT_LT(line.size(), 500u) << line;
+  EXPECT_TRUE(ask("objectForKey:", {key}).isNil());
+  EXPECT_EQ(ask("dictionaryRepresentation"), Value(Dictionary{}));
+}
+
 TEST_F(SettingsServerTest, ATwoWayMessageLearnsWhyItIsRefused) {
   EXPECT_TRUE(ask("objectForKey:", {5}).isNil());
   EXPECT_THAT(raised(), HasSubstr("the key is NSNumber, not a string"));

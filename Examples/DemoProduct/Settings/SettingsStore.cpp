@@ -18,9 +18,7 @@ namespace {
 
 Error refusal(ErrorCode code, std::string_view domain, std::string_view key,
               const std::string& why) {
-  return {code, 0,
-          "\"" + std::string(key.substr(0, SettingsLimits::kKeyBytes)) + "\" of " +
-              std::string(domain) + ": " + why};
+  return {code, 0, quotedKey(key) + " of " + std::string(domain) + ": " + why};
 }
 
 Error tooMuch(std::string_view domain, std::string_view key, const std::string& what,
@@ -57,7 +55,23 @@ bool areTheSame(const Value& one, const Value& other) {
   return list && otherList && *list == *otherList;
 }
 
+// All that the settings of a layer take in messages.
+template <typename Layer>
+std::size_t travellingBytes(const Layer& layer) {
+  std::size_t total = 0;
+  for (const auto& [key, setting] : layer) total += setting.bytes;
+  return total;
+}
+
 }  // namespace
+
+std::string quotedKey(std::string_view key) {
+  if (key.size() <= SettingsLimits::kKeyBytes) return "\"" + std::string(key) + "\"";
+  std::size_t end = SettingsLimits::kKeyBytes;
+  // Not in the middle of a character.
+  while (end > 0 && (static_cast<unsigned char>(key[end]) & 0xC0) == 0x80) --end;
+  return "\"" + std::string(key.substr(0, end)) + "...\"";
+}
 
 const SettingsStore::Setting* SettingsStore::find(const Domain& domain, std::string_view key) {
   if (const auto found = domain.values.find(key); found != domain.values.end())
@@ -99,6 +113,13 @@ void SettingsStore::readRow(const SettingsFile::Row& row, const Warn& warn) {
   }
   Layer& layer =
       row.layer == SettingsLayer::kDefaults ? known->second.defaults : known->second.values;
+  // Put there by somebody else: as many could not be sent to anybody.
+  if (layer.size() >= SettingsLimits::kDomainSettings ||
+      travellingBytes(layer) + *bytes > SettingsLimits::kDomainBytes) {
+    warn(describe(refusal(ErrorCode::kExhausted, row.domain, row.key,
+                          "the domain holds as much as it may; it is left out")));
+    return;
+  }
   layer[row.key] = {*value, *bytes, row.version};
 }
 
@@ -141,8 +162,7 @@ Result<void> SettingsStore::put(std::string_view inDomain, SettingsLayer inLayer
   Domain& held = domain(inDomain);
   Layer& layer = inLayer == SettingsLayer::kDefaults ? held.defaults : held.values;
   std::size_t count = layer.size();
-  std::size_t total = 0;
-  for (const auto& [key, setting] : layer) total += setting.bytes;
+  std::size_t total = travellingBytes(layer);
   std::vector<SettingsFile::Row> rows;
   Layer added;
   for (const auto& [key, value] : settings) {

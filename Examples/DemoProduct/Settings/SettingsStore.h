@@ -27,6 +27,10 @@ struct SettingsLimits {
   static constexpr std::size_t kDomainBlobs = 64;
 };
 
+// The key as an error's text names it: in quotation marks, and cut where it is longer than a key
+// may be.
+std::string quotedKey(std::string_view key);
+
 // The settings of all domains. A setting has a value, a default, or both, and then the value
 // counts. Both are kept on the disk: a default that somebody has read is as much relied on as a
 // value. What a call has changed outlives the process, however it ends, and a call that fails has
@@ -40,7 +44,7 @@ class SettingsStore {
   using Warn = std::function<void(std::string_view)>;
 
   // The settings that the file at `path` holds, see SettingsFile::open(). Single settings that
-  // can't be read or are over a limit are left out.
+  // can't be read or are over a limit, their domain's included, are left out.
   static platform::Result<std::unique_ptr<SettingsStore>> open(
       const std::string& path, const std::vector<std::string>& domains, const Warn& warn);
 

@@ -344,6 +344,60 @@ TEST_F(SettingsStoreTest, ASingleSettingThatCanNotBeReadIsLeftOut) {
   EXPECT_EQ(warnings_.size(), 2u);
 }
 
+TEST_F(SettingsStoreTest, AnImpossibleCountOfChangesIsDamage) {
+  for (const char* sql : {"UPDATE state SET changes = 9223372036854775807",
+                          "UPDATE state SET changes = -1", "UPDATE state SET changes = x'01'",
+                          "DELETE FROM state", "UPDATE state SET changes = 4611686018427387905"}) {
+    SCOPED_TRACE(sql);
+    warnings_.clear();
+    execute(sql);
+    open();
+    EXPECT_THAT(warnings_, ElementsAre(HasSubstr("does not tell how many changes it has seen")));
+    EXPECT_TRUE(store_->set(kOne, "a", 1));
+  }
+  warnings_.clear();
+  execute("UPDATE state SET changes = 4611686018427387904");
+  open();
+  EXPECT_THAT(warnings_, IsEmpty());
+  ASSERT_TRUE(store_->set(kOne, "a", 2));
+  EXPECT_EQ(store_->versions(kOne)["a"], Value(4611686018427387905));
+}
+
+TEST_F(SettingsStoreTest, WhatADomainHoldsAboveItsLimitIsLeftOut) {
+  // As a program would that does not know the limits.
+  ASSERT_TRUE(store_->set(kOne, "0", 1));
+  execute(
+      "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 1024)"
+      " INSERT INTO setting SELECT domain, layer, CAST(n AS TEXT), value, 1 FROM setting, number");
+  open();
+  EXPECT_EQ(store_->dictionaryRepresentation(kOne).size(), SettingsLimits::kDomainSettings);
+  EXPECT_THAT(warnings_, ElementsAre(HasSubstr("holds as much as it may; it is left out")));
+
+  warnings_.clear();
+  execute("DELETE FROM setting");
+  open();
+  const Value third = valueOfBytes(SettingsLimits::kSettingBytes);
+  ASSERT_TRUE(store_->set(kOne, "a", third));
+  ASSERT_TRUE(store_->set(kOne, "b", third));
+  ASSERT_TRUE(store_->set(kOne, "c", third));
+  openAsAfterAKill();
+  EXPECT_THAT(warnings_, IsEmpty());
+  EXPECT_EQ(store_->dictionaryRepresentation(kOne).size(), 3u);
+  execute("INSERT INTO setting SELECT domain, layer, 'd', value, 1 FROM setting WHERE key = 'a'");
+  open();
+  EXPECT_EQ(store_->dictionaryRepresentation(kOne).size(), 3u);
+  EXPECT_EQ(warnings_.size(), 1u);
+}
+
+TEST(QuotedKeyTest, IsCutBetweenCharactersWhereItIsTooLong) {
+  EXPECT_EQ(quotedKey("key"), "\"key\"");
+  const std::string most(SettingsLimits::kKeyBytes, 'k');
+  EXPECT_EQ(quotedKey(most), "\"" + most + "\"");
+  EXPECT_EQ(quotedKey(most + "k"), "\"" + most + "...\"");
+  const std::string beside = most.substr(1) + "\xC3\xA4";
+  EXPECT_EQ(quotedKey(beside), "\"" + most.substr(1) + "...\"");
+}
+
 TEST_F(SettingsStoreTest, WhereNoFileCanBeThatIsAnError) {
   const auto opened = SettingsStore::open(folder_.path("missing/settings.sqlite"), {kOne},
                                           [](std::string_view) { ADD_FAILURE(); });
