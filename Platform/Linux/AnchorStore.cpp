@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include "Platform/Linux/FolderNames.h"
 #include "Platform/Linux/RegularFile.h"
@@ -17,6 +18,8 @@ namespace {
 
 void addCertificate(CertificateHandle certificate, AnchorSet& set) {
   if (!certificate || sk_X509_num(set.certificates.get()) >= AnchorStore::kMaxCertificates) return;
+  // Fills what a certificate caches while one thread alone has it: later ones only read.
+  X509_check_purpose(certificate.get(), -1, 0);
   X509_STORE_add_cert(set.store.get(), certificate.get());  // Takes a reference of its own.
   if (sk_X509_push(set.certificates.get(), certificate.get()) > 0) (void)certificate.release();
 }
