@@ -20,7 +20,11 @@ Value setOfLabels(const std::set<std::string>& labels) {
 }  // namespace
 
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
-    const DistributedNotification& /*notification*/) {
+    const DistributedNotification& notification) {
+  // The client observes this notification, too, but after us, and until it has heard that the
+  // server is a new one it does not ask one that was silent lately.
+  if (primaryServiceNotificationClient_)
+    primaryServiceNotificationClient_->serverDidStart(notification);
   if (!isPrimaryServiceUp()) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
   if (operatingMode_ == ORBOperatingModeInstaller) return;

@@ -43,6 +43,36 @@ TEST_F(StartUpEdgesTest, AnIdleDaemonVendsNothing) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
+TEST_F(StartUpEdgesTest, AServerThatWasSilentAndComesBackIsNoticedAtOnce) {
+  startConfigurationServer();
+  configurationProgram_->transport.hang();
+  start();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  stopConfigurationServer();
+  startConfigurationServer();
+  loop_.advanceBy(std::chrono::seconds(1));
+  takeLog();
+  post("com.vantor.notification.configd.didstart");
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+}
+
+TEST_F(StartUpEdgesTest, AServerThatFellSilentAndComesBackIsNoticedAtOnce) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(std::chrono::seconds(1));
+  configurationProgram_->transport.hang();
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  manager().evaluateRunningModeAfterInstallerEvent();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  stopConfigurationServer();
+  startConfigurationServer();
+  takeLog();
+  post("com.vantor.notification.configd.didstart");
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+}
+
 // A key that a service can do without, and a value of a type that it should not have.
 class WrongOptionalTest : public StartUpEdgesTest,
                           public testing::WithParamInterface<std::pair<const char*, Value>> {};

@@ -2,6 +2,8 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/NSConnection.h"
+#include "Platform/NSDistantObject.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
@@ -22,6 +24,12 @@ Value statusNotice(std::string_view label, std::int64_t status, std::int64_t pro
 bool tell(const NSProxy& client, const Value& notice) {
   return client.conformsToProtocol(kORBServiceManagerUserInterfaceDelegateProtocol) &&
          client.sendMessage("jobStatusDidChangeWithInfo:", {notice}).has_value();
+}
+
+// Whether it can never be told anything again, without asking it.
+bool hasGone(const std::shared_ptr<const NSProxy>& client) {
+  const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
+  return distant && !distant->connectionForProxy()->isValid();
 }
 
 }  // namespace
@@ -61,6 +69,9 @@ void ORBServiceManager::startServices(const Array& labels) {
 void ORBServiceManager::registerClient(std::shared_ptr<const NSProxy> client) {
   if (!client) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Will register a user interface client remote proxy");
+  // Those that ended since the last notice must not keep others out until the next, which may be
+  // long in coming.
+  if (userClients_.size() == kMaxUserClients) std::erase_if(userClients_, hasGone);
   if (userClients_.size() == kMaxUserClients) {
     const NSException tooMany{kNSInvalidArgumentException,
                               stringWithFormat("there are %zu clients", userClients_.size()),

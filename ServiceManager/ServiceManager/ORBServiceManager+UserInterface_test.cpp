@@ -103,6 +103,20 @@ TEST_F(UserInterfaceTest, RegistrationsEndAtALimit) {
                                      "Exception: there are 1024 clients"));
 }
 
+TEST_F(UserInterfaceTest, ClientsThatHaveGoneMakeRoomForNewOnesAtTheLimit) {
+  const auto connection = connections_.makeConnection();
+  const auto passing =
+      std::make_shared<NSDistantObject>(connection, NSDistantObject::Description{1, "Window", {}});
+  for (std::size_t number = 1; number < 1024; ++number) manager().registerClient(passing);
+  const auto staying = registerClient();
+  EXPECT_EQ(manager().userClients().size(), 1024u);
+  registerClient();
+  EXPECT_EQ(manager().userClients().size(), 1024u);
+  connection->invalidate();
+  const auto late = registerClient();
+  EXPECT_THAT(manager().userClients(), ElementsAre(staying, late));
+}
+
 // Telling.
 
 TEST_F(UserInterfaceTest, ANoticeOfARunningServiceNamesItsProcess) {
