@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Platform/PropertyListText.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -43,6 +45,12 @@ bool isSame(const Value& one, const Value& other) {
   return one.type() == other.type() && one == other;
 }
 
+// What is wrong with a word of the command line, before any server is asked.
+std::optional<Refusal> faultOf(const std::string& what, const std::string& word) {
+  if (!findIllFormedUtf8(word)) return std::nullopt;
+  return Refusal{kExitNotUnderstood, fmt::format("the {} \"{}\" is not UTF-8", what, plain(word))};
+}
+
 }  // namespace
 
 SettingsCommands::SettingsCommands(CLI::App& app)
@@ -73,6 +81,10 @@ int SettingsCommands::run(const DaemonClient::Environment& environment) const {
                                      fmt::format("there is no settings domain \"{}\"; there are {}",
                                                  plain(domain_), domainNames())});
     }
+    if (!list_->parsed() && key_.empty())
+      return std::unexpected(Refusal{kExitNotUnderstood, "the key is empty"});
+    if (const auto fault = faultOf("key", key_)) return std::unexpected(*fault);
+    if (const auto fault = faultOf("value", value_)) return std::unexpected(*fault);
     DaemonClient server(environment, domain->connectionName, kKLXGlobalSettingsProtocol,
                         {fmt::format("the settings server of {}", domain->prefix), "list"});
     if (const auto connected = server.connect(); !connected)
