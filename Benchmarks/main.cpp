@@ -50,6 +50,8 @@ class Collector final : public benchmark::BenchmarkReporter {
   void print(const Goal& goal) {
     const auto subject = typical(goal.group + "/subject");
     const auto baseline = typical(goal.group + "/baseline");
+    if (!subject && !baseline && !benchmark::GetBenchmarkFilter().empty() && errors_.empty())
+      return;
     if (!subject || !baseline) {
       const std::string& why = errors_.empty() ? "not run" : errors_.begin()->second;
       fmt::print("{:<28} not measured: {}\n", goal.group, why);
