@@ -1,5 +1,7 @@
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -7,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/Testing/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
 
 namespace {
@@ -188,6 +191,50 @@ TEST_F(KernelExtensionsTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain
   EXPECT_TRUE(isLoaded);
   EXPECT_LE(time, 2s);  // For its version, and for whether it can be unloaded.
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+}
+
+TEST_F(KernelExtensionsTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
+  constexpr int kLoads = 3;
+  extensions_.setLoaded(kNetwork);
+  controls_.setHanging(kNetwork, true);
+  int loads = 0;
+  extensions_.setOnLoad(kNetwork, [&] {
+    if (++loads > kLoads) extensions_.setLoadFails(kNetwork, true);
+  });
+  const Duration time = timeOf([&] { EXPECT_FALSE(load(kNetwork, "net", {"secure"})); });
+  EXPECT_EQ(loads, kLoads + 1);
+  EXPECT_EQ(time, (kLoads + 1) * 2s);  // Each time for its version, and for whether it is in use.
+  EXPECT_THAT(network_.told, IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.onQuestion = [this] { controls_.setHanging(kNetwork, true); };
+  extensions_.setOnLoad(kNetwork, [this] {
+    controls_.setHanging(kNetwork, false);
+    network_.onQuestion = nullptr;
+  });
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+}
+
+// Nobody asks it anything.
+TEST_F(KernelExtensionsTest, AnotherExtensionThatHangsIsConfiguredAtOnce) {
+  extensions_.setLoaded(kOther);
+  controls_.setHanging(kOther, true);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(load(kOther, "other", {"secure"})); }), 0s);
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  auto client = connectToControl(controls_, kNetwork);
+  ASSERT_TRUE(client);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(load(kNetwork, "net")); }), 1200ms);
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));
+  EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
 }
 
 TEST_F(KernelExtensionsTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
@@ -445,6 +492,65 @@ TEST_F(KernelExtensionsTest, SharedExtensionsAreKnownUntilOneOfTheirServicesStop
   EXPECT_TRUE(extensions_.isLoaded(kOther));
 }
 
+// A start knows all of a service's extensions, a stop forgets them, whoever else uses them.
+TEST_F(KernelExtensionsTest, WhateverTheOrderOfStartsAndStopsWhatIsKnownFollowsTheLastOfEach) {
+  struct Step {
+    const char* label;
+    bool starts;
+    std::set<std::string> kexts;
+  };
+  const std::vector<Step> kinds{{kAgent, true, {"net", "other"}},
+                                {kAgent, false, {"net", "other"}},
+                                {kHelper, true, {"net"}},
+                                {kHelper, false, {"net"}}};
+  constexpr int kSteps = 5;
+  const auto orders = static_cast<std::size_t>(std::pow(kinds.size(), kSteps));
+  for (std::size_t order = 0; order < orders; ++order) {
+    manager().stopServices({kAgent, kHelper});
+    ASSERT_THAT(manager().kextsLoaded(), IsEmpty());
+    std::set<std::string> expected;
+    std::string steps;
+    std::size_t rest = order;
+    for (int i = 0; i < kSteps; ++i, rest /= kinds.size()) {
+      const Step& step = kinds[rest % kinds.size()];
+      steps += std::string(step.starts ? " start " : " stop ") + step.label;
+      if (step.starts) {
+        manager().startServices({step.label});
+        expected.insert(step.kexts.begin(), step.kexts.end());
+      } else {
+        manager().stopServices({step.label});
+        for (const std::string& name : step.kexts) expected.erase(name);
+      }
+      ASSERT_EQ(manager().kextsLoaded(), expected) << steps;
+      ASSERT_EQ(isRunning(step.label), step.starts) << steps;
+    }
+  }
+  // Each was loaded once, and none is ever unloaded for that.
+  EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
+}
+
+// The end of the process of the one that stopped has everything evaluated.
+TEST_F(KernelExtensionsTest, AServiceThatStillRunsConfiguresTheSharedExtensionAnew) {
+  manager().startServices({kAgent, kHelper});
+  network_.told.clear();
+  manager().stopServices({kAgent});
+  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  loop_.runReady();
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net"));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+// Its service is stopped with all that this service has been found to use.
+TEST_F(KernelExtensionsTest, UnloadingOneForgetsTheOthersOfTheServicesThatItStops) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  extensions_.setLoaded(kOther);
+  extensions_.crash(kOther);  // So that it has to be unloaded first.
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
+}
+
 TEST_F(KernelExtensionsTest, AStartMakesASecretAndForgetsWhatWasLoaded) {
   manager().setKextsLoaded({"net"});
   manager().backgroundServiceDidFinishLaunching({});
@@ -485,6 +591,44 @@ TEST_F(OldReleaseTest, AnIdentifierThatIsAFileIsItself) {
   files_.addFile(kNetwork);
   files_.addFile(std::string("/root/System/Library/Extensions/") + kNetwork);
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
+}
+
+// The daemon's own bundle lies on a real disk: a resource is asked of the file system.
+class OldReleaseWithResourceTest : public OldReleaseTest {
+ protected:
+  OldReleaseWithResourceTest() {
+    bundle_ = platform::Bundle(
+        {folder_.path(), folder_.path("Info.plist"), folder_.path("daemon"), folder_.path()}, {});
+    folder_.write(std::string(kNetwork) + ".kext/Contents/Info.plist", "");
+    files_.addFile(std::string("/root/System/Library/Extensions/") + kNetwork);
+  }
+  std::string resource() const { return folder_.path(std::string(kNetwork) + ".kext"); }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(OldReleaseWithResourceTest, OneOfTheDaemonsOwnIsNamedByItsPathBeforeOneOfTheSystems) {
+  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(resource()));
+}
+
+TEST_F(OldReleaseWithResourceTest, AnIdentifierThatIsAFileComesBeforeIt) {
+  files_.addFile(kNetwork);
+  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
+}
+
+TEST_F(OldReleaseWithResourceTest, AnotherKindOfResourceIsNone) {
+  std::filesystem::rename(resource(), folder_.path(kNetwork));
+  EXPECT_THAT(argumentsOf(kNetwork),
+              ElementsAre(std::string("/root/System/Library/Extensions/") + kNetwork));
+}
+
+TEST_F(OldReleaseWithResourceTest, FromRelease11OnItIsNotLookedAt) {
+  for (const char* release : {"11.0.0", "12.0.0", "15.0.0"}) {
+    system_.setRelease(release, {10, 7, 0});
+    network_.version = integer(4);
+    EXPECT_TRUE(load(kNetwork, "net"));
+    EXPECT_THAT(tasks_.launches(), IsEmpty()) << release;
+  }
 }
 
 TEST_F(OldReleaseTest, OneOfTheSystemsIsNamedByItsPath) {
@@ -533,6 +677,7 @@ TEST_F(KernelExtensionsTest, TheOperatorIsToldOfEachExtension) {
                                            {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
                                            {"IsLoaded", true},
                                            {"IsConnected", true},
+                                           {"IsAnswering", true},
                                            {"IsConfigured", true},
                                            {"Services", Array{kAgent, kHelper}}}));
   EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
@@ -543,6 +688,25 @@ TEST_F(KernelExtensionsTest, TheOperatorIsToldOfEachExtension) {
   EXPECT_EQ(controls_.clients(kNetwork), 0);
 }
 
+TEST_F(KernelExtensionsTest, TheOperatorIsToldOfOneThatStandsStillAndItCostsASecond) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  controls_.setHanging(kNetwork, true);
+  Dictionary facts;
+  EXPECT_EQ(timeOf([&] { facts = manager().systemExtensions(); }), 1s);
+  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
+  EXPECT_EQ(facts["net"]["IsAnswering"], Value(false));
+  EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
+}
+
+TEST_F(KernelExtensionsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
+  extensions_.setLoadFails(kOther, true);
+  const Dictionary facts = manager().systemExtensions();
+  EXPECT_TRUE(facts["net"]["Fault"].isNil());
+  EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
+  EXPECT_FALSE(facts["other"]["Path"].isNil());
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
 TEST_F(KernelExtensionsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
   Dictionary catalogue = catalogueOfKexts();
   catalogue.set("KernelExtensions", Dictionary{{"x", Dictionary()},
@@ -551,6 +715,7 @@ TEST_F(KernelExtensionsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
   const Dictionary facts = manager().systemExtensions();
   EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
   EXPECT_TRUE(facts["y"]["Path"].isNil());
+  EXPECT_EQ(facts["y"]["Fault"], Value("com.example.y: no such extension"));
   manager().setServiceInfo({});
   EXPECT_TRUE(manager().systemExtensions().empty());
 }
