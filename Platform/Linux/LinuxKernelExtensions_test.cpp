@@ -2,9 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <set>
 
@@ -12,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "Platform/KernelExtensions_contract.h"
-#include "Platform/Linux/KmodModules.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
 #include "Platform/Testing/FakeExitWatcher.h"
 #include "Platform/Testing/FakeJobs.h"
@@ -26,7 +23,6 @@ namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -342,223 +338,6 @@ TEST_F(LinuxKernelExtensionsTest, ResourcesAndFoldersOfTheCallerAreLookedIntoToo
   EXPECT_TRUE(machine_.unload(kGood));
   EXPECT_TRUE(machine_.load(kGood, {machine_.folder.path("elsewhere")}));
 }
-
-class KextBundleTest : public testing::Test {
- protected:
-  Result<KextBundle> read(const std::string& keys) {
-    folder_.write("X.kext/Contents/Info.plist",
-                  "<plist version=\"1.0\"><dict>" + keys + "</dict></plist>");
-    return readKextBundle(folder_.path("X.kext"));
-  }
-  static std::string key(const std::string& name, const std::string& value) {
-    return "<key>" + name + "</key><string>" + value + "</string>";
-  }
-  void expectRefused(const Result<KextBundle>& bundle, const std::string& reason) {
-    ASSERT_FALSE(bundle);
-    EXPECT_EQ(bundle.error().code, ErrorCode::kInvalid);
-    EXPECT_THAT(bundle.error().context,
-                AllOf(HasSubstr("X.kext/Contents/Info.plist"), HasSubstr(reason)));
-  }
-
-  TemporaryFolder folder_;
-  const std::string identifier_ = key("CFBundleIdentifier", "com.example.x");
-};
-
-TEST_F(KextBundleTest, IsAProgramOrAModule) {
-  const auto program = read(identifier_ + key("CFBundleExecutable", "wfk"));
-  ASSERT_TRUE(program);
-  EXPECT_EQ(program->identifier, "com.example.x");
-  EXPECT_EQ(program->programPath, folder_.path("X.kext/Contents/Linux/wfk"));
-  EXPECT_FALSE(program->kernelModule);
-  const auto module = read(identifier_ + key("OSKernelModule", "net-pf-10"));
-  ASSERT_TRUE(module);
-  EXPECT_EQ(module->kernelModule, "net-pf-10");
-  EXPECT_FALSE(module->programPath);
-}
-
-TEST_F(KextBundleTest, NeitherOrBothIsNoExtension) {
-  expectRefused(read(identifier_), "expected either");
-  expectRefused(read(identifier_ + key("CFBundleExecutable", "a") + key("OSKernelModule", "b")),
-                "expected either");
-}
-
-TEST_F(KextBundleTest, NamesThatLeadElsewhereAreRefused) {
-  for (const char* name : {"", "../x", "a/b", "/bin/sh", ".", ".."}) {
-    expectRefused(read(identifier_ + key("CFBundleExecutable", name)), "is no name");
-    expectRefused(read(identifier_ + key("OSKernelModule", name)), "is no name");
-    expectRefused(read(key("CFBundleIdentifier", name) + key("OSKernelModule", "b")),
-                  "CFBundleIdentifier");
-  }
-  EXPECT_TRUE(read(identifier_ + key("OSKernelModule", std::string(255, 'a'))));
-  expectRefused(read(identifier_ + key("OSKernelModule", std::string(256, 'a'))), "is no name");
-  expectRefused(read("<key>CFBundleIdentifier</key><integer>1</integer>"), "CFBundleIdentifier");
-}
-
-TEST_F(KextBundleTest, AnUnreadableOneIsNamedWhereNoneIsFound) {
-  folder_.write("Bad.kext/Contents/Info.plist", "<plist>");
-  const auto found = findKextBundle("com.example.x", {folder_.path()});
-  ASSERT_FALSE(found);
-  EXPECT_EQ(found.error().code, ErrorCode::kNotFound);
-  EXPECT_THAT(found.error().context, HasSubstr("Bad.kext/Contents/Info.plist"));
-  read(identifier_ + key("CFBundleExecutable", "wfk"));
-  EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path("not there"), folder_.path()}));
-}
-
-TEST_F(KextBundleTest, OneInAnEarlierFolderComesFirst) {
-  for (const char* folder : {"first", "second"}) {
-    folder_.write(std::string(folder) + "/X.kext/Contents/Info.plist",
-                  "<plist version=\"1.0\"><dict>" + identifier_ + key("OSKernelModule", folder) +
-                      "</dict></plist>");
-  }
-  const auto found =
-      findKextBundle("com.example.x", {folder_.path("first"), folder_.path("second")});
-  ASSERT_TRUE(found) << describe(found.error());
-  EXPECT_EQ(found->kernelModule, "first");
-}
-
-TEST_F(KextBundleTest, TwoInOneFolderAreNone) {
-  read(identifier_ + key("OSKernelModule", "a"));
-  std::filesystem::copy(folder_.path("X.kext"), folder_.path("A.kext"),
-                        std::filesystem::copy_options::recursive);
-  const auto found = findKextBundle("com.example.x", {folder_.path()});
-  ASSERT_FALSE(found);
-  EXPECT_EQ(found.error().code, ErrorCode::kInvalid);
-  EXPECT_EQ(found.error().context, "com.example.x: " + folder_.path("A.kext") + " and " +
-                                       folder_.path("X.kext") + " both claim to be it");
-}
-
-TEST_F(KextBundleTest, ABundleIsGivenByItsOwnPathHoweverThatIsWritten) {
-  read(identifier_ + key("OSKernelModule", "a"));
-  std::filesystem::rename(folder_.path("X.kext"), folder_.path("X"));
-  for (const char* path : {"X", "X/"}) {
-    EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path(path)})) << path;
-  }
-}
-
-TEST_F(KextBundleTest, AFolderWithMoreEntriesThanItMayHaveIsNotSearched) {
-  read(identifier_ + key("OSKernelModule", "a"));
-  std::size_t entries = 1;
-  const auto find = [&](std::size_t count) {
-    for (; entries < count; ++entries) folder_.write(std::to_string(entries), "");
-    return findKextBundle("com.example.x", {folder_.path()});
-  };
-  EXPECT_TRUE(find(kMaxKextsInFolder - 1));
-  EXPECT_TRUE(find(kMaxKextsInFolder));
-  const auto refused = find(kMaxKextsInFolder + 1);
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
-}
-
-TEST_F(KextBundleTest, LinksThatLeadNowhereOrInCirclesAreNoBundles) {
-  std::filesystem::create_symlink("Circle.kext", folder_.path("Circle.kext"));
-  std::filesystem::create_symlink("nowhere", folder_.path("Dangling.kext"));
-  const auto missing = findKextBundle("com.example.x", {folder_.path()});
-  ASSERT_FALSE(missing);
-  EXPECT_EQ(missing.error().code, ErrorCode::kNotFound);
-  EXPECT_THAT(missing.error().context, HasSubstr("Circle.kext"));
-  read(identifier_ + key("OSKernelModule", "a"));
-  EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path()}));
-}
-
-#ifndef __SANITIZE_THREAD__  // libkmod is not built with it.
-// A folder of modules as depmod would make it.
-class ModulesFolder {
- public:
-  // Of one module whose file holds `content`, known by its name.
-  void addFile(const std::string& name, const std::string& content) {
-    folder_.write("kernel/" + name + ".ko", content);
-    writeIndex("modules.dep.bin", name, "kernel/" + name + ".ko:");
-  }
-  // Of one module that the kernel was built with.
-  void addBuiltIn(const std::string& name) { writeIndex("modules.builtin.bin", name, ""); }
-  std::string path(const std::string& name) const { return folder_.path(name); }
-  KmodModules modules() const { return KmodModules(folder_.path()); }
-
- private:
-  // libkmod's index with one key: its head, then the root, which has the key for its prefix.
-  void writeIndex(const std::string& file, const std::string& key, const std::string& value) {
-    constexpr std::uint32_t kMagic = 0xb007f457;
-    constexpr std::uint32_t kVersion = 0x00020001;
-    constexpr std::uint32_t kPrefix = 0x80000000;
-    constexpr std::uint32_t kValues = 0x40000000;
-    std::string index;
-    const auto add = [&](std::uint32_t number) {
-      for (const int shift : {24, 16, 8, 0}) index += static_cast<char>(number >> shift);
-    };
-    add(kMagic);
-    add(kVersion);
-    add(12 | kPrefix | kValues);
-    index += key + '\0';
-    add(1);  // how many values, and the priority of the only one
-    add(0);
-    index += value + '\0';
-    folder_.write(file, index);
-  }
-
-  TemporaryFolder folder_;
-};
-
-TEST(KmodModulesTest, AModuleThatTheKernelDoesNotTakeIsRefusedWithTheReason) {
-  ModulesFolder folder;
-  folder.addFile("vantor_test_no_module", "this is no module");
-  KmodModules modules = folder.modules();
-  EXPECT_FALSE(modules.isLoaded("vantor_test_no_module"));
-  const auto refused = modules.load("vantor_test_no_module");
-  ASSERT_FALSE(refused);
-  EXPECT_THAT(refused.error().context, AllOf(HasSubstr("\"vantor_test_no_module\""),
-                                             HasSubstr("the kernel does not load it")));
-  // No right to load any, none of that form, or no kernel that takes any.
-  EXPECT_THAT(refused.error().osError, testing::AnyOf(EPERM, ENOEXEC, ENOSYS));
-  EXPECT_NE(describe(refused.error()).find(std::strerror(refused.error().osError)),
-            std::string::npos)
-      << describe(refused.error());
-  EXPECT_FALSE(modules.isLoaded("vantor_test_no_module"));
-}
-
-TEST(KmodModulesTest, AModuleWhoseFileHasGoneIsNotFound) {
-  ModulesFolder folder;
-  folder.addFile("vantor_test_no_module", "");
-  std::filesystem::remove(folder.path("kernel/vantor_test_no_module.ko"));
-  const auto refused = folder.modules().load("vantor_test_no_module");
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
-}
-
-TEST(KmodModulesTest, AModuleThatTheKernelWasBuiltWithIsLoadedAndStays) {
-  ModulesFolder folder;
-  folder.addBuiltIn("vantor_test_built_in");
-  KmodModules modules = folder.modules();
-  EXPECT_TRUE(modules.isLoaded("vantor_test_built_in"));
-  EXPECT_TRUE(modules.load("vantor_test_built_in"));
-  const auto refused = modules.unload("vantor_test_built_in");
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
-  EXPECT_THAT(refused.error().context, HasSubstr("it is built into the kernel"));
-}
-
-TEST(KmodModulesTest, AModuleThatRunsIsLoadedThoughItsFolderHasGone) {
-  std::string running;
-  std::ifstream("/proc/modules") >> running;
-  if (running.empty()) GTEST_SKIP() << "this kernel has no modules loaded";
-  const ModulesFolder empty;
-  KmodModules modules = empty.modules();
-  EXPECT_TRUE(modules.isLoaded(running));
-  EXPECT_TRUE(modules.load(running));
-}
-
-TEST(KmodModulesTest, AModuleThatNobodyHasIsNotFound) {
-  KmodModules modules;
-  const std::string name = "no_such_module_as_this";
-  EXPECT_FALSE(modules.isLoaded(name));
-  const auto loaded = modules.load(name);
-  ASSERT_FALSE(loaded);
-  EXPECT_EQ(loaded.error().code, ErrorCode::kNotFound) << describe(loaded.error());
-  EXPECT_THAT(loaded.error().context, HasSubstr(name));
-  const auto unloaded = modules.unload(name);
-  ASSERT_FALSE(unloaded);
-  EXPECT_EQ(unloaded.error().code, ErrorCode::kNotFound);
-}
-#endif
 
 }  // namespace
 }  // namespace platform
