@@ -112,6 +112,22 @@ TEST_F(DaemonExtensionFaults, OneThatWasKilledIsToldTheSecretWithTheNextStartOfI
   EXPECT_TRUE(runs(0) && runs(1) && runs(2));
 }
 
+// Extensions outlive the daemon; the next one has another secret and knows of none of them.
+TEST_F(DaemonExtensionFaults, ADaemonThatStartsAgainTellsTheRunningExtensionItsNewSecret) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  root_.awaitLog("has been told");
+  const Data before = secret();
+  const ProcessId process = extension(kNetwork);
+  root_.killDaemon();
+  root_.awaitStart();
+  root_.awaitLog("has been told", 2);
+  EXPECT_NE(secret(), before);
+  expectToHaveTheSecret();
+  EXPECT_EQ(extension(kNetwork), process);
+}
+
 TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtension) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
