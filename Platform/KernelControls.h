@@ -48,6 +48,9 @@ class ControlSocket {
   virtual Result<ControlInteger> getIntegerOption(std::uint32_t option) = 0;
   virtual Result<void> setOption(std::uint32_t option, std::span<const std::uint8_t> bytes) = 0;
 
+  // Asks for nothing but an answer: who is connected may stand still. Fails as the options do.
+  virtual Result<void> ping() = 0;
+
   // Asks the extension to make itself ready to be unloaded. kDenied with its reason's errno where
   // it can't be, for instance EBUSY while other clients are connected.
   virtual Result<void> prepareToUnload() = 0;

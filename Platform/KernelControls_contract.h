@@ -169,9 +169,27 @@ TEST_P(KernelControlsContract, WithoutAConnectionNothingCanBeAsked) {
   const auto socket = open();
   EXPECT_FALSE(socket->getIntegerOption(3));
   EXPECT_FALSE(socket->setOption(5, Data(1)));
+  EXPECT_FALSE(socket->ping());
   EXPECT_FALSE(socket->prepareToUnload());
   ASSERT_TRUE(socket->findControl(kName));
   EXPECT_FALSE(socket->getIntegerOption(3));
+}
+
+TEST_P(KernelControlsContract, AnExtensionThatIsThereAnswersWhoAsksForNothing) {
+  const auto socket = connected();
+  EXPECT_TRUE(socket->ping());
+  EXPECT_TRUE(socket->ping());
+}
+
+TEST_P(KernelControlsContract, OneThatHangsCanBeConnectedToAndDoesNotAnswer) {
+  const auto before = connectToControl(machine_->impatientControls(), kName).value();
+  machine_->hang(kName);
+  EXPECT_FALSE(before->ping());
+  const auto after = connectToControl(machine_->impatientControls(), kName);
+  ASSERT_TRUE(after);
+  const auto silent = (*after)->ping();
+  ASSERT_FALSE(silent);
+  EXPECT_EQ(silent.error().osError, ETIMEDOUT);
 }
 
 TEST_P(KernelControlsContract, AnExtensionThatHangsCostsATimeOutAndTheConnection) {

@@ -10,7 +10,8 @@ namespace platform {
 
 // Keys of what is known of a loaded extension.
 inline constexpr char kOSBundlePathKey[] = "OSBundlePath";  // of the extension's bundle
-inline constexpr char kOSBundleProcessKey[] = "PID";        // only of a user-space extension
+// Only of a user-space extension: 0 while it has none, since it crashed and is to be started again.
+inline constexpr char kOSBundleProcessKey[] = "PID";
 
 // The system's extensions: bundles NAME.kext in Library/Extensions of the platform root, or in the
 // program's own resources, known by their "CFBundleIdentifier". One whose Info.plist names a
@@ -23,10 +24,14 @@ class KernelExtensions {
  public:
   virtual ~KernelExtensions() = default;
 
-  // Where the extension lies. kNotFound where there is none of this identifier, kInvalid where its
-  // bundle is malformed. Says nothing of its signature.
+  // Where the extension lies. kNotFound where there is none of this identifier (the error names a
+  // bundle that could not be read), kInvalid where two bundles of one folder claim it. Says nothing
+  // of its signature.
   virtual Result<std::string> KextManagerCreateURLForBundleIdentifier(
       const std::string& identifier) = 0;
+
+  // Whether loading would take the extension for what was signed. Loads nothing.
+  virtual Result<void> OSKextAuthenticate(const std::string& identifier) = 0;
 
   // Loads the extension, after its signature has been checked. Also succeeds where it is loaded,
   // and in either case only once its control can be connected to, which is waited for up to 5
@@ -39,7 +44,8 @@ class KernelExtensions {
   // (kDenied, EBUSY); an extension that answers nobody is unloaded by force.
   virtual Result<void> KextManagerUnloadKextWithIdentifier(const std::string& identifier) = 0;
 
-  // What is known of those of the extensions that are loaded: a dictionary each, by identifier.
+  // What is known of those of the extensions that are loaded: a dictionary each, by identifier,
+  // also where what lies on the disk has changed since.
   virtual Dictionary KextManagerCopyLoadedKextInfo(const std::vector<std::string>& identifiers) = 0;
 };
 

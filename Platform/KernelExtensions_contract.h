@@ -68,6 +68,13 @@ TEST_P(KernelExtensionsContract, AnExtensionIsFoundByItsIdentifier) {
   EXPECT_EQ(missing.error().code, ErrorCode::kNotFound);
 }
 
+TEST_P(KernelExtensionsContract, WhatIsInstalledIsAuthenticAndNotLoadedForThat) {
+  const auto authentic = extensions_.OSKextAuthenticate(kGood);
+  EXPECT_TRUE(authentic) << describe(authentic.error());
+  EXPECT_FALSE(isLoaded(kGood));
+  expectError(extensions_.OSKextAuthenticate(kMissing), ErrorCode::kNotFound);
+}
+
 TEST_P(KernelExtensionsContract, OnceItIsLoadedItsControlListens) {
   EXPECT_FALSE(isLoaded(kGood));
   EXPECT_FALSE(listens(kGood));

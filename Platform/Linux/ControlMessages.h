@@ -14,7 +14,8 @@ namespace platform {
 enum class ControlOperation : std::uint32_t {
   kGetOption = 1,
   kSetOption = 2,
-  kPrepareToUnload = 3
+  kPrepareToUnload = 3,
+  kPing = 4  // answered without the extension's handler
 };
 
 // Followed by the bytes of an option that is set, and by nothing else.

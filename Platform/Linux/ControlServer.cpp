@@ -156,6 +156,8 @@ bool ControlServer::serve(Client& client) {
     case ControlOperation::kPrepareToUnload:
       answer.errorNumber = prepareToUnload();
       break;
+    case ControlOperation::kPing:
+      break;
     default:  // A number that a client made up.
       answer.errorNumber = EOPNOTSUPP;
   }

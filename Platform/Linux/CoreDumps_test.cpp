@@ -1,9 +1,18 @@
 #include "Platform/Linux/CoreDumps.h"
 
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "Platform/Testing/TemporaryFolder.h"
 
 namespace platform {
 namespace {
@@ -20,6 +29,31 @@ int statusOf(int (*call)()) {
 TEST(CoreDumpsTest, AreForbiddenToThisProgramAlone) {
   EXPECT_EQ(statusOf([] { return forbidCoreDumps() ? ::prctl(PR_GET_DUMPABLE) : 99; }), 0);
   EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1);
+}
+
+// Crashes in a folder where a core dump would be found; whether there was one.
+bool leavesCoreDump(const std::string& folder, bool isForbidden) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_CORE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 1 << 20);
+    ::setrlimit(RLIMIT_CORE, &limit);
+    std::signal(SIGABRT, SIG_DFL);
+    if (::chdir(folder.c_str()) != 0 || (isForbidden && !forbidCoreDumps())) ::_exit(1);
+    std::abort();
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status)) << status;
+  return WCOREDUMP(status) || !std::filesystem::is_empty(folder);
+}
+
+TEST(CoreDumpsTest, ACrashLeavesNone) {
+  const TemporaryFolder folder;
+  EXPECT_FALSE(leavesCoreDump(folder.path(), true));
+  const TemporaryFolder another;
+  if (!leavesCoreDump(another.path(), false)) GTEST_SKIP() << "nothing leaves a core dump here";
 }
 
 // Another process of the same user, without any privilege, can't look into it.

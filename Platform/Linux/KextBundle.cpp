@@ -1,5 +1,8 @@
 #include "Platform/Linux/KextBundle.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include <fmt/format.h>
 
 #include "Platform/Linux/ControlFolder.h"
@@ -19,6 +22,24 @@ std::unexpected<Error> refuse(const std::string& infoPath, std::string_view why)
 bool isPlainName(const std::string& name) {
   return !name.empty() && name.size() <= kMaxNameBytes && name.front() != '.' &&
          name.find('/') == name.npos && name.find('\0') == name.npos;
+}
+
+// The bundles that `place` stands for: itself, or those in it.
+Result<std::vector<std::string>> kextsAt(const std::string& place) {
+  std::error_code error;
+  if (std::filesystem::exists(place + "/Contents", error)) return std::vector{place};
+  std::vector<std::string> paths;
+  const auto names = namesInFolder(place, kMaxKextsInFolder);
+  if (!names) return paths;
+  if (names->size() > kMaxKextsInFolder) {
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, 0,
+              fmt::format("{}: has more than {} entries", place, kMaxKextsInFolder)});
+  }
+  for (const std::string& name : *names) {
+    if (name.ends_with(kSuffix)) paths.push_back(place + "/" + name);
+  }
+  return paths;
 }
 
 }  // namespace
@@ -46,7 +67,7 @@ Result<KextBundle> readKextBundle(const std::string& path) {
   if (program.isNil()) {
     bundle.kernelModule = *module.string();
   } else {
-    bundle.programPath = path + "/Contents/Linux/" + *program.string();
+    bundle.programPath = fmt::format("{}{}{}", path, kProgramsFolder, *program.string());
   }
   return bundle;
 }
@@ -61,16 +82,20 @@ Result<KextBundle> findKextBundle(const std::string& identifier,
     return std::nullopt;
   };
   for (const std::string& folder : folders) {
-    if (folder.ends_with(kSuffix)) {
-      if (auto bundle = look(folder)) return *std::move(bundle);
-      continue;
+    const auto paths = kextsAt(folder);
+    if (!paths) return std::unexpected(paths.error());
+    std::optional<KextBundle> found;
+    for (const std::string& path : *paths) {
+      auto bundle = look(path);
+      if (!bundle) continue;
+      if (found) {
+        return std::unexpected(
+            Error{ErrorCode::kInvalid, 0,
+                  fmt::format("{}: {} and {} both claim to be it", identifier, found->path, path)});
+      }
+      found = std::move(bundle);
     }
-    const auto names = namesInFolder(folder, kMaxKextsInFolder);
-    if (!names) continue;
-    for (const std::string& name : *names) {
-      if (!name.ends_with(kSuffix)) continue;
-      if (auto bundle = look(folder + "/" + name)) return *std::move(bundle);
-    }
+    if (found) return *std::move(found);
   }
   return std::unexpected(
       Error{ErrorCode::kNotFound, 0,

@@ -46,9 +46,14 @@ struct Lookup {
   ModuleList modules;  // none where no module has the name
 };
 
-Result<Lookup> lookUp(const std::string& module) {
+bool isInKernel(kmod_module* module) {
+  const int state = kmod_module_get_initstate(module);
+  return state == KMOD_MODULE_LIVE || state == KMOD_MODULE_BUILTIN;
+}
+
+Result<Lookup> lookUp(const std::optional<std::string>& folder, const std::string& module) {
   Lookup lookup;
-  lookup.context.reset(kmod_new(nullptr, nullptr));
+  lookup.context.reset(kmod_new(folder ? folder->c_str() : nullptr, nullptr));
   if (!lookup.context) return failure(module, "libkmod", errno);
   // It would write to standard error.
   kmod_set_log_priority(lookup.context.get(), 0);
@@ -61,11 +66,24 @@ Result<Lookup> lookUp(const std::string& module) {
   return lookup;
 }
 
+// One that runs and that the folder of modules does not know: the kernel's package has gone.
+Module runningModule(const Lookup& lookup, const std::string& name) {
+  kmod_module* module = nullptr;
+  if (kmod_module_new_from_name(lookup.context.get(), name.c_str(), &module) != 0) return nullptr;
+  Module found(module);
+  return isInKernel(module) ? std::move(found) : nullptr;
+}
+
 template <typename Call>
-Result<void> forEach(const std::string& module, Call call) {
-  const auto lookup = lookUp(module);
+Result<void> forEach(const std::optional<std::string>& folder, const std::string& module,
+                     Call call) {
+  const auto lookup = lookUp(folder, module);
   if (!lookup) return std::unexpected(lookup.error());
-  if (!lookup->modules) return failure(module, "this system has none of that name", ENOENT);
+  if (!lookup->modules) {
+    const Module running = runningModule(*lookup, module);
+    if (!running) return failure(module, "this system has none of that name", ENOENT);
+    return call(running.get());
+  }
   for (kmod_list* item = lookup->modules.get(); item != nullptr;
        item = kmod_list_next(lookup->modules.get(), item)) {
     const Module found(kmod_module_get_module(item));
@@ -74,16 +92,11 @@ Result<void> forEach(const std::string& module, Call call) {
   return {};
 }
 
-bool isInKernel(kmod_module* module) {
-  const int state = kmod_module_get_initstate(module);
-  return state == KMOD_MODULE_LIVE || state == KMOD_MODULE_BUILTIN;
-}
-
 }  // namespace
 
 bool KmodModules::isLoaded(const std::string& module) {
   bool isLoaded = true;
-  const auto looked = forEach(module, [&](kmod_module* found) -> Result<void> {
+  const auto looked = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
     isLoaded = isLoaded && isInKernel(found);
     return {};
   });
@@ -91,7 +104,7 @@ bool KmodModules::isLoaded(const std::string& module) {
 }
 
 Result<void> KmodModules::load(const std::string& module) {
-  return forEach(module, [&](kmod_module* found) -> Result<void> {
+  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
     const int result = kmod_module_probe_insert_module(
         found, KMOD_PROBE_APPLY_BLACKLIST_ALIAS_ONLY | KMOD_PROBE_IGNORE_COMMAND, nullptr, nullptr,
         nullptr, nullptr);
@@ -103,7 +116,10 @@ Result<void> KmodModules::load(const std::string& module) {
 
 Result<void> KmodModules::unload(const std::string& module) {
   if (!isLoaded(module)) return failure(module, "it is not loaded", ENOENT);
-  return forEach(module, [&](kmod_module* found) -> Result<void> {
+  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    if (kmod_module_get_initstate(found) == KMOD_MODULE_BUILTIN) {
+      return failure(module, "it is built into the kernel", EBUSY);
+    }
     const int result = kmod_module_remove_module(found, O_NONBLOCK);
     if (result == 0) return {};
     const bool isInUse = result == -EBUSY || result == -EWOULDBLOCK;

@@ -96,6 +96,8 @@ class LinuxControlSocket final : public ControlSocket {
     return askWithoutAnswer(ControlOperation::kSetOption, option, bytes);
   }
 
+  Result<void> ping() override { return askWithoutAnswer(ControlOperation::kPing, 0, {}); }
+
   Result<void> prepareToUnload() override {
     auto prepared = askWithoutAnswer(ControlOperation::kPrepareToUnload, 0, {});
     if (!prepared && isConnected_) prepared.error().code = ErrorCode::kDenied;

@@ -217,7 +217,7 @@ TEST_F(ControlServerTest, AnUnknownOperationIsRefused) {
   const auto server = listen();
   ASSERT_TRUE(server);
   const UniqueFd client = rawClient();
-  for (const std::uint32_t operation : {0u, 4u, 0xffffffffu}) {
+  for (const std::uint32_t operation : {0u, 5u, 0xffffffffu}) {
     const ControlRequest request{operation, 3};
     ASSERT_EQ(::send(client.get(), &request, sizeof request, 0), ssize_t{sizeof request});
     serve();

@@ -15,6 +15,15 @@ constexpr auto kPause = 20ms;
 // An extension that does not end by itself is killed: whoever unloads it waits meanwhile.
 constexpr std::int64_t kExitTimeOut = 1;
 
+// Of what runs, wherever its bundle may be by now.
+Dictionary informationOf(const Value& job) {
+  Dictionary information{{kOSBundleProcessKey, job["PID"].integer().value_or(0)}};
+  if (const std::string* const program = job["Program"].string()) {
+    information.set(kOSBundlePathKey, program->substr(0, program->rfind(kProgramsFolder)));
+  }
+  return information;
+}
+
 Error errorOf(const std::string& identifier, const NSError& error) {
   return {ErrorCode::kSystem, 0, fmt::format("{}: {}", identifier, error.localizedDescription)};
 }
@@ -39,6 +48,12 @@ Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifi
   return std::move(bundle->path);
 }
 
+Result<void> LinuxKernelExtensions::OSKextAuthenticate(const std::string& identifier) {
+  const auto bundle = findKextBundle(identifier, folders_);
+  if (!bundle) return std::unexpected(bundle.error());
+  return checkSignature(*bundle);
+}
+
 Result<void> LinuxKernelExtensions::KextManagerLoadKextWithIdentifier(
     const std::string& identifier, const std::vector<std::string>& folders) {
   return logged(load(identifier, folders));
@@ -53,13 +68,13 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
     const std::vector<std::string>& identifiers) {
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
+    if (const Value job = copyJob(identifier); !job.isNil()) {
+      loaded.set(identifier, informationOf(job));
+      continue;
+    }
     const auto bundle = findKextBundle(identifier, folders_);
-    const Value job = copyJob(identifier);
-    if (job.isNil() && !(bundle && isLoaded(*bundle))) continue;
-    Dictionary info;
-    if (bundle) info.set(kOSBundlePathKey, bundle->path);
-    if (job["PID"].integer()) info.set(kOSBundleProcessKey, job["PID"]);
-    loaded.set(identifier, std::move(info));
+    if (!bundle || !bundle->kernelModule || !isLoaded(*bundle)) continue;
+    loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
   }
   return loaded;
 }

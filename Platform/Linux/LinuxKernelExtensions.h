@@ -50,6 +50,7 @@ class LinuxKernelExtensions final : public KernelExtensions {
 
   Result<std::string> KextManagerCreateURLForBundleIdentifier(
       const std::string& identifier) override;
+  Result<void> OSKextAuthenticate(const std::string& identifier) override;
   Result<void> KextManagerLoadKextWithIdentifier(const std::string& identifier,
                                                  const std::vector<std::string>& folders) override;
   Result<void> KextManagerUnloadKextWithIdentifier(const std::string& identifier) override;

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include "Platform/KernelExtensions_contract.h"
-#include "Platform/Linux/KmodModules.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
 #include "Platform/Testing/FakeExitWatcher.h"
 #include "Platform/Testing/FakeJobs.h"
@@ -24,7 +23,6 @@ namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -152,6 +150,56 @@ TEST_F(LinuxKernelExtensionsTest, TheSignatureIsCheckedBeforeAnythingRuns) {
   machine_.signatures.remove(machine_.program(kGood));
   EXPECT_FALSE(machine_.load(kGood));
   EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, WhatWouldNotBeLoadedIsNotAuthenticAndTheReasonIsTold) {
+  machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
+                                 {errSecCSSignatureFailed, "is not what was signed"});
+  const auto refused = machine_.loader.OSKextAuthenticate(kGood);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
+  EXPECT_THAT(refused.error().context, HasSubstr("is not what was signed (-67061)"));
+  EXPECT_EQ(machine_.sink.count("is not what was signed"), 0u);  // Nobody wanted it loaded.
+}
+
+TEST_F(LinuxKernelExtensionsTest, WhatRunsIsToldOfWhateverBecomesOfItsBundle) {
+  ASSERT_TRUE(machine_.load(kGood));
+  const Value process = Value(machine_.processOf(kGood).value());
+  const auto expectTold = [&] {
+    EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood],
+              Value(Dictionary{{kOSBundleProcessKey, process},
+                               {kOSBundlePathKey, machine_.bundle(kGood)}}));
+  };
+  expectTold();
+  machine_.install(kGood, "<broken>");
+  expectTold();
+  machine_.install("com.example.nke.goof", "");
+  std::filesystem::remove_all(machine_.bundle(kGood));
+  expectTold();
+  EXPECT_TRUE(machine_.unload(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgain) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 9});
+  machine_.loop.runReady();
+  ASSERT_FALSE(machine_.processOf(kGood));  // It ran for less than the host's throttle.
+  const auto process = [&] {
+    return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood][kOSBundleProcessKey];
+  };
+  EXPECT_EQ(process(), Value(0));
+  machine_.loop.advanceBy(10s);
+  EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {
+  const std::string other = machine_.folder.path("Library/Extensions/A.kext");
+  std::filesystem::copy(machine_.bundle(kGood), other, std::filesystem::copy_options::recursive);
+  expectRefused(machine_.load(kGood), ErrorCode::kInvalid, "both claim to be it");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  EXPECT_FALSE(machine_.loader.OSKextAuthenticate(kGood));
+  std::filesystem::remove_all(other);
+  EXPECT_TRUE(machine_.load(kGood));
 }
 
 TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsWaitedForFiveSeconds) {
@@ -290,82 +338,6 @@ TEST_F(LinuxKernelExtensionsTest, ResourcesAndFoldersOfTheCallerAreLookedIntoToo
   EXPECT_TRUE(machine_.unload(kGood));
   EXPECT_TRUE(machine_.load(kGood, {machine_.folder.path("elsewhere")}));
 }
-
-class KextBundleTest : public testing::Test {
- protected:
-  Result<KextBundle> read(const std::string& keys) {
-    folder_.write("X.kext/Contents/Info.plist",
-                  "<plist version=\"1.0\"><dict>" + keys + "</dict></plist>");
-    return readKextBundle(folder_.path("X.kext"));
-  }
-  static std::string key(const std::string& name, const std::string& value) {
-    return "<key>" + name + "</key><string>" + value + "</string>";
-  }
-  void expectRefused(const Result<KextBundle>& bundle, const std::string& reason) {
-    ASSERT_FALSE(bundle);
-    EXPECT_EQ(bundle.error().code, ErrorCode::kInvalid);
-    EXPECT_THAT(bundle.error().context,
-                AllOf(HasSubstr("X.kext/Contents/Info.plist"), HasSubstr(reason)));
-  }
-
-  TemporaryFolder folder_;
-  const std::string identifier_ = key("CFBundleIdentifier", "com.example.x");
-};
-
-TEST_F(KextBundleTest, IsAProgramOrAModule) {
-  const auto program = read(identifier_ + key("CFBundleExecutable", "wfk"));
-  ASSERT_TRUE(program);
-  EXPECT_EQ(program->identifier, "com.example.x");
-  EXPECT_EQ(program->programPath, folder_.path("X.kext/Contents/Linux/wfk"));
-  EXPECT_FALSE(program->kernelModule);
-  const auto module = read(identifier_ + key("OSKernelModule", "net-pf-10"));
-  ASSERT_TRUE(module);
-  EXPECT_EQ(module->kernelModule, "net-pf-10");
-  EXPECT_FALSE(module->programPath);
-}
-
-TEST_F(KextBundleTest, NeitherOrBothIsNoExtension) {
-  expectRefused(read(identifier_), "expected either");
-  expectRefused(read(identifier_ + key("CFBundleExecutable", "a") + key("OSKernelModule", "b")),
-                "expected either");
-}
-
-TEST_F(KextBundleTest, NamesThatLeadElsewhereAreRefused) {
-  for (const char* name : {"", "../x", "a/b", "/bin/sh", ".", ".."}) {
-    expectRefused(read(identifier_ + key("CFBundleExecutable", name)), "is no name");
-    expectRefused(read(identifier_ + key("OSKernelModule", name)), "is no name");
-    expectRefused(read(key("CFBundleIdentifier", name) + key("OSKernelModule", "b")),
-                  "CFBundleIdentifier");
-  }
-  EXPECT_TRUE(read(identifier_ + key("OSKernelModule", std::string(255, 'a'))));
-  expectRefused(read(identifier_ + key("OSKernelModule", std::string(256, 'a'))), "is no name");
-  expectRefused(read("<key>CFBundleIdentifier</key><integer>1</integer>"), "CFBundleIdentifier");
-}
-
-TEST_F(KextBundleTest, AnUnreadableOneIsNamedWhereNoneIsFound) {
-  folder_.write("Bad.kext/Contents/Info.plist", "<plist>");
-  const auto found = findKextBundle("com.example.x", {folder_.path()});
-  ASSERT_FALSE(found);
-  EXPECT_EQ(found.error().code, ErrorCode::kNotFound);
-  EXPECT_THAT(found.error().context, HasSubstr("Bad.kext/Contents/Info.plist"));
-  read(identifier_ + key("CFBundleExecutable", "wfk"));
-  EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path("not there"), folder_.path()}));
-}
-
-#ifndef __SANITIZE_THREAD__  // libkmod is not built with it.
-TEST(KmodModulesTest, AModuleThatNobodyHasIsNotFound) {
-  KmodModules modules;
-  const std::string name = "no_such_module_as_this";
-  EXPECT_FALSE(modules.isLoaded(name));
-  const auto loaded = modules.load(name);
-  ASSERT_FALSE(loaded);
-  EXPECT_EQ(loaded.error().code, ErrorCode::kNotFound) << describe(loaded.error());
-  EXPECT_THAT(loaded.error().context, HasSubstr(name));
-  const auto unloaded = modules.unload(name);
-  ASSERT_FALSE(unloaded);
-  EXPECT_EQ(unloaded.error().code, ErrorCode::kNotFound);
-}
-#endif
 
 }  // namespace
 }  // namespace platform

@@ -69,6 +69,8 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
     return {};
   }
 
+  Result<void> ping() override { return await(); }
+
   Result<void> prepareToUnload() override {
     if (auto answers = await(); !answers) return answers;
     if (controls_.find(name_)->clients == 1) return {};

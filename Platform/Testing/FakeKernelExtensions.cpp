@@ -36,6 +36,14 @@ Result<std::string> FakeKernelExtensions::KextManagerCreateURLForBundleIdentifie
   return "/Library/Extensions/" + identifier + ".kext";
 }
 
+Result<void> FakeKernelExtensions::OSKextAuthenticate(const std::string& identifier) {
+  if (auto found = KextManagerCreateURLForBundleIdentifier(identifier); !found) {
+    return std::unexpected(found.error());
+  }
+  if (at(identifier).loadFails) return fail(ErrorCode::kDenied, 0, identifier, "unsigned");
+  return {};
+}
+
 Result<void> FakeKernelExtensions::KextManagerLoadKextWithIdentifier(
     const std::string& identifier, const std::vector<std::string>& /*folders*/) {
   requests_.push_back("load " + identifier);

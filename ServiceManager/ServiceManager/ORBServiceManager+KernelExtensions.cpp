@@ -211,14 +211,24 @@ Dictionary ORBServiceManager::factsOfKext(const std::string& name,
   for (const std::string& label : daemonsUsingKext(name)) services.push_back(Value(label));
   facts.set(kFactKextServices, std::move(services));
   if (!identifier) return facts;
-  const KernelExtensionsPlatform& extensions = platform_.extensions;
+  KernelExtensions& loader = platform_.extensions.loader;
   facts.set(kFactKextIdentifier, *identifier);
-  const auto path = extensions.loader.KextManagerCreateURLForBundleIdentifier(*identifier);
+  const auto path = loader.KextManagerCreateURLForBundleIdentifier(*identifier);
   if (path) facts.set(kFactKextPath, *path);
-  const Dictionary loaded = extensions.loader.KextManagerCopyLoadedKextInfo({*identifier});
+  if (const auto authentic = loader.OSKextAuthenticate(*identifier); !authentic) {
+    facts.set(kFactKextFault, describe(authentic.error()));
+  }
+  const Dictionary loaded = loader.KextManagerCopyLoadedKextInfo({*identifier});
   facts.set(kFactKextIsLoaded, loaded.contains(*identifier));
-  const Value process = loaded[*identifier][kOSBundleProcessKey];
+  const Value information = loaded[*identifier];
+  const Value& loadedPath = information[kOSBundlePathKey];
+  if (!loadedPath.isNil() && loadedPath != facts[kFactKextPath]) {
+    facts.set(kFactKextLoadedPath, loadedPath);
+  }
+  const Value& process = information[kOSBundleProcessKey];
   if (!process.isNil()) facts.set(kFactKextProcess, process);
-  facts.set(kFactKextIsConnected, connectToControl(extensions.controls, *identifier).has_value());
+  const auto socket = connectToControl(platform_.extensions.controls, *identifier);
+  facts.set(kFactKextIsConnected, socket.has_value());
+  if (socket) facts.set(kFactKextIsAnswering, (*socket)->ping().has_value());
   return facts;
 }

@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <chrono>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -190,6 +189,50 @@ TEST_F(KernelExtensionsTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
+TEST_F(KernelExtensionsTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
+  constexpr int kLoads = 3;
+  extensions_.setLoaded(kNetwork);
+  controls_.setHanging(kNetwork, true);
+  int loads = 0;
+  extensions_.setOnLoad(kNetwork, [&] {
+    if (++loads > kLoads) extensions_.setLoadFails(kNetwork, true);
+  });
+  const Duration time = timeOf([&] { EXPECT_FALSE(load(kNetwork, "net", {"secure"})); });
+  EXPECT_EQ(loads, kLoads + 1);
+  EXPECT_EQ(time, (kLoads + 1) * 2s);  // Each time for its version, and for whether it is in use.
+  EXPECT_THAT(network_.told, IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+  extensions_.setLoaded(kNetwork);
+  network_.onQuestion = [this] { controls_.setHanging(kNetwork, true); };
+  extensions_.setOnLoad(kNetwork, [this] {
+    controls_.setHanging(kNetwork, false);
+    network_.onQuestion = nullptr;
+  });
+  EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
+  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+}
+
+// Nobody asks it anything.
+TEST_F(KernelExtensionsTest, AnotherExtensionThatHangsIsConfiguredAtOnce) {
+  extensions_.setLoaded(kOther);
+  controls_.setHanging(kOther, true);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(load(kOther, "other", {"secure"})); }), 0s);
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(KernelExtensionsTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  auto client = connectToControl(controls_, kNetwork);
+  ASSERT_TRUE(client);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(load(kNetwork, "net")); }), 1200ms);
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));
+  EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
+}
+
 TEST_F(KernelExtensionsTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   network_.refusesSecrets = true;
@@ -329,230 +372,6 @@ TEST_F(KernelExtensionsTest, TheSecretIsInNoLine) {
     EXPECT_THAT(line, Not(testing::HasSubstr("01020304")));
     EXPECT_THAT(line, Not(testing::HasSubstr(std::string(secret_.begin(), secret_.end()))));
   }
-}
-
-// The services.
-
-TEST_F(KernelExtensionsTest, UnloadingStopsItsServicesAndFiveSecondsLaterTheyAreEvaluatedAgain) {
-  manager().enforceRunningForService(kAgent, nullptr);
-  manager().enforceRunningForService(kHelper, nullptr);
-  manager().enforceRunningForService(kPrimary, nullptr);
-  ASSERT_TRUE(isRunning(kAgent) && isRunning(kHelper) && isRunning(kPrimary));
-  network_.version = integer(4);
-  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
-  takeLog();
-  EXPECT_TRUE(load(kNetwork, "net"));
-  EXPECT_FALSE(isRunning(kAgent));
-  EXPECT_FALSE(isRunning(kHelper));
-  EXPECT_TRUE(isRunning(kPrimary));
-  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
-  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
-  loop_.advanceBy(1s);  // The ends of their processes have everything evaluated, too.
-  takeLog();
-  loop_.advanceBy(4s - 1ns);
-  EXPECT_EQ(countInLog("Evaluating service"), 0u);
-  loop_.advanceBy(1ns);
-  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
-  EXPECT_EQ(countInLog("Evaluating service: com.example.helper"), 1u);
-  EXPECT_EQ(countInLog("Evaluating service"), 2u);
-  EXPECT_TRUE(isRunning(kAgent));
-  EXPECT_TRUE(isRunning(kHelper));
-}
-
-TEST_F(KernelExtensionsTest, ServicesThatAFailedUnloadingHasStoppedAreEvaluatedAgainToo) {
-  manager().enforceRunningForService(kHelper, nullptr);
-  network_.version = integer(4);
-  extensions_.setBusy(kNetwork, 7);
-  EXPECT_FALSE(load(kNetwork, "net"));
-  EXPECT_FALSE(isRunning(kHelper));
-  network_.version = integer(5);
-  loop_.advanceBy(5s);
-  EXPECT_TRUE(isRunning(kHelper));
-}
-
-TEST_F(KernelExtensionsTest, TheServicesAreStoppedAtEveryTryToUnload) {
-  useHealth();
-  extensions_.setLoaded(kNetwork);
-  network_.version = integer(4);
-  extensions_.setBusy(kNetwork, 100);
-  takeReports();
-  EXPECT_FALSE(load(kNetwork, "net"));
-  EXPECT_EQ(std::ranges::count(takeReports(), std::string("stop ") + kHelper), 7);
-}
-
-TEST_F(KernelExtensionsTest, WithoutAnUnloadingNothingIsEvaluated) {
-  EXPECT_TRUE(load(kNetwork, "net"));
-  takeLog();
-  loop_.advanceBy(10s);
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
-TEST_F(KernelExtensionsTest, AServiceThatItsUserStoppedIsNotStartedByTheLaterEvaluation) {
-  manager().enforceRunningForService(kHelper, nullptr);
-  network_.version = integer(4);
-  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
-  EXPECT_TRUE(load(kNetwork, "net"));
-  manager().stopServices({kHelper});
-  loop_.advanceBy(5s);
-  EXPECT_FALSE(isRunning(kHelper));
-  EXPECT_TRUE(isRunning(kAgent));
-}
-
-TEST_F(KernelExtensionsTest, AServiceWhoseExtensionFailsIsNotSubmitted) {
-  extensions_.setLoadFails(kOther, true);
-  EXPECT_TRUE(manager().launchService(kAgent, true).isNil());
-  EXPECT_FALSE(isRunning(kAgent));
-  EXPECT_THAT(takeLog(), Contains("7 Failed to load kext for com.example.agent"));
-}
-
-TEST_F(KernelExtensionsTest, ARunningServiceWhoseExtensionFailsIsNotReady) {
-  useHealth();
-  manager().enforceRunningForService(kHelper, nullptr);
-  manager().setKextsLoaded({});
-  network_.version = integer(4);
-  extensions_.setLoadFails(kNetwork, true);
-  takeReports();
-  takeLog();
-  manager().enforceRunningForService(kHelper, nullptr);
-  EXPECT_THAT(takeLog(), Contains("7 Failed to configure kext for already running service "
-                                  "com.example.helper"));
-  EXPECT_THAT(takeReports(), Contains("unready com.example.helper"));
-}
-
-// Two services that share an extension: what is known to be loaded, step by step.
-TEST_F(KernelExtensionsTest, SharedExtensionsAreKnownUntilOneOfTheirServicesStops) {
-  const auto start = [this](const char* label) { manager().startServices({label}); };
-  const auto stop = [this](const char* label) { manager().stopServices({label}); };
-  const auto known = [this] { return manager().kextsLoaded(); };
-  using Names = std::set<std::string>;
-  for (const bool agentFirst : {true, false}) {
-    const char* const first = agentFirst ? kAgent : kHelper;
-    const char* const second = agentFirst ? kHelper : kAgent;
-    start(first);
-    EXPECT_EQ(known(), (agentFirst ? Names{"net", "other"} : Names{"net"}));
-    start(second);
-    EXPECT_EQ(known(), (Names{"net", "other"}));
-    stop(first);  // The other one still runs, and its extension is forgotten all the same.
-    EXPECT_EQ(known(), (agentFirst ? Names{} : Names{"other"}));
-    start(first);
-    EXPECT_EQ(known(), (Names{"net", "other"}));
-    stop(second);
-    EXPECT_EQ(known(), (agentFirst ? Names{"other"} : Names{}));
-    stop(first);
-    EXPECT_EQ(known(), Names{});
-  }
-  EXPECT_TRUE(extensions_.isLoaded(kNetwork));  // None is ever unloaded for that.
-  EXPECT_TRUE(extensions_.isLoaded(kOther));
-}
-
-TEST_F(KernelExtensionsTest, AStartMakesASecretAndForgetsWhatWasLoaded) {
-  manager().setKextsLoaded({"net"});
-  manager().backgroundServiceDidFinishLaunching({});
-  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
-  EXPECT_EQ(manager().secret().data()->size(), 8u);
-}
-
-// Releases before 10.7 unload by a program.
-
-class OldReleaseTest : public KernelExtensionsFixture {
- protected:
-  OldReleaseTest() {
-    system_.setRelease("10.8.0", {10, 6, 8});
-    extensions_.setLoaded(kNetwork);
-    network_.version = integer(4);
-    extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
-    tasks_.setProgram("/root/sbin/kextunload", {});
-  }
-  std::vector<std::string> argumentsOf(const char* identifier) {
-    load(identifier, "net");
-    return tasks_.launches().empty() ? std::vector<std::string>()
-                                     : tasks_.launches().back().arguments;
-  }
-};
-
-TEST_F(OldReleaseTest, TheProgramUnloads) {
-  EXPECT_TRUE(load(kNetwork, "net"));
-  EXPECT_THAT(requests(), ElementsAre(kLoadNetwork));
-  ASSERT_EQ(tasks_.launches().size(), 1u);
-  EXPECT_EQ(tasks_.launches()[0].path, "/root/sbin/kextunload");
-}
-
-TEST_F(OldReleaseTest, AnExtensionIsNamedByItsIdentifier) {
-  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre("-b", kNetwork));
-}
-
-TEST_F(OldReleaseTest, AnIdentifierThatIsAFileIsItself) {
-  files_.addFile(kNetwork);
-  files_.addFile(std::string("/root/System/Library/Extensions/") + kNetwork);
-  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
-}
-
-TEST_F(OldReleaseTest, OneOfTheSystemsIsNamedByItsPath) {
-  const std::string path = std::string("/root/System/Library/Extensions/") + kNetwork;
-  files_.addFile(path);
-  EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(path));
-}
-
-TEST_F(OldReleaseTest, AProgramThatFailsIsTriedForASecond) {
-  for (const int status : {1, 2, 255}) {
-    network_.version = integer(4);
-    tasks_.setProgram("/root/sbin/kextunload", {{}, {}, status});
-    EXPECT_EQ(timeOf([&] { EXPECT_FALSE(load(kNetwork, "net")); }), 1200ms);
-    EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
-    takeLog();
-  }
-  EXPECT_EQ(tasks_.launches().size(), 21u);
-}
-
-TEST_F(OldReleaseTest, AProgramThatIsNotThereIsAFailureToo) {
-  tasks_.setProgram("/root/sbin/kextunload",
-                    {{}, {}, 0, NSException{kNSInvalidArgumentException, "no", {}}});
-  EXPECT_FALSE(load(kNetwork, "net"));
-}
-
-TEST_F(OldReleaseTest, WithoutAnIdentifierNothingIsRun) {
-  EXPECT_FALSE(manager().loadKextWithIdentifier(std::nullopt, "net", {}));
-  EXPECT_THAT(tasks_.launches(), IsEmpty());
-  EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 1u);
-}
-
-TEST_F(OldReleaseTest, FromRelease11OnThePlatformUnloads) {
-  system_.setRelease("11.0.0", {10, 7, 0});
-  EXPECT_TRUE(load(kNetwork, "net"));
-  EXPECT_THAT(tasks_.launches(), IsEmpty());
-  EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-}
-
-// For the operator.
-
-TEST_F(KernelExtensionsTest, TheOperatorIsToldOfEachExtension) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
-  takeLog();
-  const Dictionary facts = manager().systemExtensions();
-  EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
-                                           {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
-                                           {"IsLoaded", true},
-                                           {"IsConnected", true},
-                                           {"IsConfigured", true},
-                                           {"Services", Array{kAgent, kHelper}}}));
-  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
-  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
-  EXPECT_EQ(facts["other"]["IsConfigured"], Value(false));
-  EXPECT_EQ(facts["other"]["Services"], Value(Array{kAgent}));
-  EXPECT_THAT(takeLog(), IsEmpty());
-  EXPECT_EQ(controls_.clients(kNetwork), 0);
-}
-
-TEST_F(KernelExtensionsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
-  Dictionary catalogue = catalogueOfKexts();
-  catalogue.set("KernelExtensions", Dictionary{{"x", Dictionary()},
-                                               {"y", Dictionary{{"Identifier", "com.example.y"}}}});
-  manager().setServiceInfo(Value(catalogue));
-  const Dictionary facts = manager().systemExtensions();
-  EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
-  EXPECT_TRUE(facts["y"]["Path"].isNil());
-  manager().setServiceInfo({});
-  EXPECT_TRUE(manager().systemExtensions().empty());
 }
 
 }  // namespace

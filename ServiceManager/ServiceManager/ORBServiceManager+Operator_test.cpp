@@ -120,12 +120,14 @@ TEST_F(OperatorTest, TheExtensionsOfTheCatalogueAreTold) {
           Dictionary{{"net", Dictionary{{"Identifier", "com.example.absent"}}}});
   install(all);
   start();
-  EXPECT_EQ(ask("extensions"),
-            Value(Dictionary{{"net", Dictionary{{kFactKextIdentifier, "com.example.absent"},
-                                                {kFactKextIsLoaded, false},
-                                                {kFactKextIsConnected, false},
-                                                {kFactKextIsConfigured, false},
-                                                {kFactKextServices, Array{kPrimary}}}}}));
+  EXPECT_EQ(
+      ask("extensions"),
+      Value(Dictionary{{"net", Dictionary{{kFactKextIdentifier, "com.example.absent"},
+                                          {kFactKextFault, "com.example.absent: no such extension"},
+                                          {kFactKextIsLoaded, false},
+                                          {kFactKextIsConnected, false},
+                                          {kFactKextIsConfigured, false},
+                                          {kFactKextServices, Array{kPrimary}}}}}));
 }
 
 TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {

@@ -62,8 +62,13 @@ inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such sett
 // Of an extension of the catalogue.
 inline constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
 inline constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
+inline constexpr char kFactKextFault[] = "Fault";            // why loading it would fail
 inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
-inline constexpr char kFactKextProcess[] = "PID";  // of a user-space extension that runs
+// Where what is loaded was loaded from, if that is not the path above.
+inline constexpr char kFactKextLoadedPath[] = "LoadedPath";
+// Of a loaded user-space extension; 0 while it has no process.
+inline constexpr char kFactKextProcess[] = "PID";
 inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control takes connections
+inline constexpr char kFactKextIsAnswering[] = "IsAnswering";    // and answers; absent: takes none
 inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
 inline constexpr char kFactKextServices[] = "Services";          // the labels that name it

@@ -23,10 +23,22 @@ std::string yesOrNo(const Value& fact) {
   return *known ? "yes" : "no";
 }
 
+// A bundle that would not be loaded is no good, whatever still runs of it.
+std::string installation(const Value& extension) {
+  if (!extension[kFactKextPath].string()) return "no";
+  return extension[kFactKextFault].string() ? "damaged" : "yes";
+}
+
 // With the process, where it runs as one.
 std::string loading(const Value& extension) {
   const auto process = extension[kFactKextProcess].integer();
-  return process ? fmt::format("process {}", *process) : yesOrNo(extension[kFactKextIsLoaded]);
+  if (!process) return yesOrNo(extension[kFactKextIsLoaded]);
+  return *process > 0 ? fmt::format("process {}", *process) : "no process";
+}
+
+std::string connection(const Value& extension) {
+  if (extension[kFactKextIsAnswering].boolean() == false) return "no answer";
+  return yesOrNo(extension[kFactKextIsConnected]);
 }
 
 std::string servicesOf(const Value& extension) {
@@ -43,9 +55,9 @@ Row rowOf(const std::string& name, const Value& extension) {
   const std::string* identifier = extension[kFactKextIdentifier].string();
   return {plain(name),
           identifier ? plain(*identifier) : "-",
-          extension[kFactKextPath].string() ? "yes" : "no",
+          installation(extension),
           loading(extension),
-          yesOrNo(extension[kFactKextIsConnected]),
+          connection(extension),
           yesOrNo(extension[kFactKextIsConfigured]),
           servicesOf(extension)};
 }
@@ -58,13 +70,29 @@ std::string lineOf(const Row& row, const std::array<std::size_t, kColumns>& widt
   return line + row.back();
 }
 
+// What the table has no room for.
+std::string notesOn(const std::string& name, const Value& extension) {
+  std::string notes;
+  if (const std::string* fault = extension[kFactKextFault].string()) {
+    notes += fmt::format("{}: {}\n", plain(name), plain(*fault));
+  }
+  if (const std::string* path = extension[kFactKextLoadedPath].string()) {
+    notes += fmt::format("{}: was loaded from {}\n", plain(name), plain(*path));
+  }
+  return notes;
+}
+
 }  // namespace
 
 std::string tableOfExtensions(const Value& facts, Reader reader) {
   const Dictionary* extensions = facts.dictionary();
   if (!extensions || extensions->empty()) return "The catalogue names no kernel extension.\n";
   std::vector<Row> rows;
-  for (const auto& [name, extension] : *extensions) rows.push_back(rowOf(name, extension));
+  std::string notes;
+  for (const auto& [name, extension] : *extensions) {
+    rows.push_back(rowOf(name, extension));
+    notes += notesOn(name, extension);
+  }
   std::ranges::sort(rows);
   const Row heading{"NAME",      "IDENTIFIER", "INSTALLED", "LOADED",
                     "CONNECTED", "CONFIGURED", "USED BY"};
@@ -75,5 +103,5 @@ std::string tableOfExtensions(const Value& facts, Reader reader) {
   }
   std::string text = coloured(lineOf(heading, widths), Colour::kBold, reader) + "\n";
   for (const Row& row : rows) text += lineOf(row, widths) + "\n";
-  return text;
+  return notes.empty() ? text : text + "\n" + notes;
 }

@@ -30,6 +30,32 @@ TEST(ExtensionsReportTest, EachExtensionHasItsLine) {
             "other  com.vantor.other    no         no          no         no          -\n");
 }
 
+TEST(ExtensionsReportTest, WhatIsWrongIsToldBelow) {
+  const Dictionary facts{{"a", Dictionary{{"Identifier", "i"},
+                                          {"Path", "/a.kext"},
+                                          {"Fault", "i: was changed\n"},
+                                          {"IsLoaded", true},
+                                          {"PID", 42},
+                                          {"IsConnected", true},
+                                          {"IsAnswering", false},
+                                          {"IsConfigured", true}}},
+                         {"b", Dictionary{{"Identifier", "j"},
+                                          {"Fault", "j: there is no such extension"},
+                                          {"IsLoaded", true},
+                                          {"LoadedPath", "/b.kext"},
+                                          {"PID", 0},
+                                          {"IsConnected", false},
+                                          {"IsConfigured", true}}}};
+  EXPECT_EQ(tableOfExtensions(facts, Reader::kOther),
+            "NAME  IDENTIFIER  INSTALLED  LOADED      CONNECTED  CONFIGURED  USED BY\n"
+            "a     i           damaged    process 42  no answer  yes         -\n"
+            "b     j           no         no process  no         yes         -\n"
+            "\n"
+            "a: i: was changed\\n\n"
+            "b: j: there is no such extension\n"
+            "b: was loaded from /b.kext\n");
+}
+
 TEST(ExtensionsReportTest, WithoutExtensionsItSaysSo) {
   for (const Value& nothing : {Value(), Value(Dictionary()), Value(7)}) {
     EXPECT_EQ(tableOfExtensions(nothing, Reader::kTerminal),

@@ -1,20 +1,24 @@
 // A user-space extension of the demo product, network and ordinary one in the same program: the
 // identifier in its bundle's Info.plist says which. "ControlVersion" there is what option 3 answers
-// (5 where there is none); with "ControlIsDeaf" it never offers its control, with
-// "ControlHangs" it answers nothing once it has been connected to, and with "CrashesAfter" it
-// crashes that many seconds after its start: for demonstrations of what the daemon does then.
+// (5 where there is none), "ControlAnswerBytes" how long that answer is made; with "ControlIsDeaf"
+// it never offers its control, with "ControlHangs" it answers nothing once it has been connected
+// to, with "ControlCrashes" it crashes when it is asked anything, and with "CrashesAfter" that many
+// seconds after its start: for demonstrations of what the daemon does then.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <unistd.h>
 
 #include "Examples/DemoProduct/Extensions/NetworkControl.h"
 #include "Platform/BackgroundService.h"
+#include "Platform/KernelControls.h"
 #include "Platform/Linux/ControlServer.h"
 #include "Platform/Linux/CoreDumps.h"
 #include "Platform/Linux/LinuxPlatform.h"
@@ -30,6 +34,39 @@ class OrdinaryControl final : public platform::ControlHandler {
                                    std::span<const std::uint8_t> /*bytes*/) override {
     return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, ENOPROTOOPT, "none"});
   }
+};
+
+// More than any option may have.
+constexpr std::int64_t kMostAnswerBytes = 2 * platform::kMaxControlOptionBytes;
+
+// The network extension's control as a faulty one would be.
+class FaultyControl final : public platform::ControlHandler {
+ public:
+  FaultyControl(std::unique_ptr<platform::ControlHandler> control, const platform::Dictionary& info)
+      : control_(std::move(control)), info_(info) {}
+
+  platform::Result<platform::Data> getOption(std::uint32_t option) override {
+    crashIfToldTo();
+    auto answer = control_->getOption(option);
+    const auto length = info_["ControlAnswerBytes"].integer();
+    if (answer && length)
+      answer->resize(
+          static_cast<std::size_t>(std::clamp<std::int64_t>(*length, 0, kMostAnswerBytes)));
+    return answer;
+  }
+  platform::Result<void> setOption(std::uint32_t option,
+                                   std::span<const std::uint8_t> bytes) override {
+    crashIfToldTo();
+    return control_->setOption(option, bytes);
+  }
+
+ private:
+  void crashIfToldTo() const {
+    if (info_["ControlCrashes"].boolean() == true) std::abort();
+  }
+
+  const std::unique_ptr<platform::ControlHandler> control_;
+  const platform::Dictionary& info_;
 };
 
 class DemoExtension final : public platform::VGBackgroundServiceDelegate {
@@ -64,7 +101,9 @@ class DemoExtension final : public platform::VGBackgroundServiceDelegate {
       return std::make_unique<OrdinaryControl>();
     }
     const auto version = static_cast<std::int32_t>(info_["ControlVersion"].integer().value_or(5));
-    return std::make_unique<NetworkControl>(version, secret_, [this] { log("has been told"); });
+    return std::make_unique<FaultyControl>(
+        std::make_unique<NetworkControl>(version, secret_, [this] { log("has been told"); }),
+        info_);
   }
   void log(const std::string& line) {
     linux_.systemLog.asl_log(nullptr, platform::ASL_LEVEL_NOTICE, line);

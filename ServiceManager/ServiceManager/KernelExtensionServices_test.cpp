@@ -1,0 +1,208 @@
+// What extensions do to the services that use them, and these to what is known of extensions.
+
+#include <chrono>
+#include <cmath>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
+constexpr char kLoadOther[] = "load com.example.nke.other";
+
+class KernelExtensionServicesTest : public KernelExtensionsFixture {};
+
+TEST_F(KernelExtensionServicesTest,
+       UnloadingStopsItsServicesAndFiveSecondsLaterTheyAreEvaluatedAgain) {
+  manager().enforceRunningForService(kAgent, nullptr);
+  manager().enforceRunningForService(kHelper, nullptr);
+  manager().enforceRunningForService(kPrimary, nullptr);
+  ASSERT_TRUE(isRunning(kAgent) && isRunning(kHelper) && isRunning(kPrimary));
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  takeLog();
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_FALSE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kPrimary));
+  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
+  EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
+  loop_.advanceBy(1s);  // The ends of their processes have everything evaluated, too.
+  takeLog();
+  loop_.advanceBy(4s - 1ns);
+  EXPECT_EQ(countInLog("Evaluating service"), 0u);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.helper"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service"), 2u);
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(KernelExtensionServicesTest, ServicesThatAFailedUnloadingHasStoppedAreEvaluatedAgainToo) {
+  manager().enforceRunningForService(kHelper, nullptr);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 7);
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_FALSE(isRunning(kHelper));
+  network_.version = integer(5);
+  loop_.advanceBy(5s);
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(KernelExtensionServicesTest, TheServicesAreStoppedAtEveryTryToUnload) {
+  useHealth();
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  extensions_.setBusy(kNetwork, 100);
+  takeReports();
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_EQ(std::ranges::count(takeReports(), std::string("stop ") + kHelper), 7);
+}
+
+TEST_F(KernelExtensionServicesTest, WithoutAnUnloadingNothingIsEvaluated) {
+  EXPECT_TRUE(load(kNetwork, "net"));
+  takeLog();
+  loop_.advanceBy(10s);
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(KernelExtensionServicesTest, AServiceThatItsUserStoppedIsNotStartedByTheLaterEvaluation) {
+  manager().enforceRunningForService(kHelper, nullptr);
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  EXPECT_TRUE(load(kNetwork, "net"));
+  manager().stopServices({kHelper});
+  loop_.advanceBy(5s);
+  EXPECT_FALSE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
+TEST_F(KernelExtensionServicesTest, AServiceWhoseExtensionFailsIsNotSubmitted) {
+  extensions_.setLoadFails(kOther, true);
+  EXPECT_TRUE(manager().launchService(kAgent, true).isNil());
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_THAT(takeLog(), Contains("7 Failed to load kext for com.example.agent"));
+}
+
+TEST_F(KernelExtensionServicesTest, ARunningServiceWhoseExtensionFailsIsNotReady) {
+  useHealth();
+  manager().enforceRunningForService(kHelper, nullptr);
+  manager().setKextsLoaded({});
+  network_.version = integer(4);
+  extensions_.setLoadFails(kNetwork, true);
+  takeReports();
+  takeLog();
+  manager().enforceRunningForService(kHelper, nullptr);
+  EXPECT_THAT(takeLog(), Contains("7 Failed to configure kext for already running service "
+                                  "com.example.helper"));
+  EXPECT_THAT(takeReports(), Contains("unready com.example.helper"));
+}
+
+// Two services that share an extension: what is known to be loaded, step by step.
+TEST_F(KernelExtensionServicesTest, SharedExtensionsAreKnownUntilOneOfTheirServicesStops) {
+  const auto start = [this](const char* label) { manager().startServices({label}); };
+  const auto stop = [this](const char* label) { manager().stopServices({label}); };
+  const auto known = [this] { return manager().kextsLoaded(); };
+  using Names = std::set<std::string>;
+  for (const bool agentFirst : {true, false}) {
+    const char* const first = agentFirst ? kAgent : kHelper;
+    const char* const second = agentFirst ? kHelper : kAgent;
+    start(first);
+    EXPECT_EQ(known(), (agentFirst ? Names{"net", "other"} : Names{"net"}));
+    start(second);
+    EXPECT_EQ(known(), (Names{"net", "other"}));
+    stop(first);  // The other one still runs, and its extension is forgotten all the same.
+    EXPECT_EQ(known(), (agentFirst ? Names{} : Names{"other"}));
+    start(first);
+    EXPECT_EQ(known(), (Names{"net", "other"}));
+    stop(second);
+    EXPECT_EQ(known(), (agentFirst ? Names{"other"} : Names{}));
+    stop(first);
+    EXPECT_EQ(known(), Names{});
+  }
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));  // None is ever unloaded for that.
+  EXPECT_TRUE(extensions_.isLoaded(kOther));
+}
+
+// A start knows all of a service's extensions, a stop forgets them, whoever else uses them.
+TEST_F(KernelExtensionServicesTest,
+       WhateverTheOrderOfStartsAndStopsWhatIsKnownFollowsTheLastOfEach) {
+  struct Step {
+    const char* label;
+    bool starts;
+    std::set<std::string> kexts;
+  };
+  const std::vector<Step> kinds{{kAgent, true, {"net", "other"}},
+                                {kAgent, false, {"net", "other"}},
+                                {kHelper, true, {"net"}},
+                                {kHelper, false, {"net"}}};
+  constexpr int kSteps = 5;
+  const auto orders = static_cast<std::size_t>(std::pow(kinds.size(), kSteps));
+  for (std::size_t order = 0; order < orders; ++order) {
+    manager().stopServices({kAgent, kHelper});
+    ASSERT_THAT(manager().kextsLoaded(), IsEmpty());
+    std::set<std::string> expected;
+    std::string steps;
+    std::size_t rest = order;
+    for (int i = 0; i < kSteps; ++i, rest /= kinds.size()) {
+      const Step& step = kinds[rest % kinds.size()];
+      steps += std::string(step.starts ? " start " : " stop ") + step.label;
+      if (step.starts) {
+        manager().startServices({step.label});
+        expected.insert(step.kexts.begin(), step.kexts.end());
+      } else {
+        manager().stopServices({step.label});
+        for (const std::string& name : step.kexts) expected.erase(name);
+      }
+      ASSERT_EQ(manager().kextsLoaded(), expected) << steps;
+      ASSERT_EQ(isRunning(step.label), step.starts) << steps;
+    }
+  }
+  // Each was loaded once, and none is ever unloaded for that.
+  EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
+}
+
+// The end of the process of the one that stopped has everything evaluated.
+TEST_F(KernelExtensionServicesTest, AServiceThatStillRunsConfiguresTheSharedExtensionAnew) {
+  manager().startServices({kAgent, kHelper});
+  network_.told.clear();
+  manager().stopServices({kAgent});
+  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  loop_.runReady();
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net"));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+// Its service is stopped with all that this service has been found to use.
+TEST_F(KernelExtensionServicesTest, UnloadingOneForgetsTheOthersOfTheServicesThatItStops) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  extensions_.setLoaded(kOther);
+  extensions_.crash(kOther);  // So that it has to be unloaded first.
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
+}
+
+TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndForgetsWhatWasLoaded) {
+  manager().setKextsLoaded({"net"});
+  manager().backgroundServiceDidFinishLaunching({});
+  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  EXPECT_EQ(manager().secret().data()->size(), 8u);
+}
+
+}  // namespace

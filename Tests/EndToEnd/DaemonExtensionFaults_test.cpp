@@ -1,0 +1,290 @@
+// Extensions that go wrong, one way after the other, and what the daemon and its operator make of
+// it.
+
+#include <csignal>
+#include <fstream>
+#include <functional>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include "Tests/EndToEnd/DaemonExtensions_fixture.h"
+
+namespace platform {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+class DaemonExtensionFaults : public DaemonExtensionsFixture {
+ protected:
+  // A network extension with these keys is of no use: it is loaded as often as it may be.
+  void expectUseless(const std::string& keys) {
+    installExtension(root_, kNetwork, keys);
+    installExtension(root_, kOther);
+    start();
+    EXPECT_FALSE(runs(0));
+    EXPECT_TRUE(runs(1) && runs(2));
+    EXPECT_EQ(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
+    EXPECT_EQ(root_.logCount("was started 3 times within a minute"), 1u);
+    EXPECT_EQ(root_.logCount("has been told"), 0u);
+    EXPECT_EQ(extension(kNetwork), 0);
+  }
+  std::string bundleOf(const char* identifier) const {
+    return root_.folder().path(std::string("Library/Extensions/") + identifier + ".kext");
+  }
+  void changeProgramOf(const char* identifier) {
+    const std::string program = bundleOf(identifier) + "/Contents/Linux/extension";
+    std::filesystem::copy_file(program, program + ".new");  // The running one can't be written to.
+    std::ofstream(program + ".new", std::ios::app) << "and more";
+    std::filesystem::rename(program + ".new", program);
+  }
+  // What "servicemanagerctl extensions" prints.
+  std::string report() {
+    const auto finished = root_.host().control({"extensions"});
+    EXPECT_EQ(finished.status, ExitStatus{}) << finished.errors;
+    return finished.output;
+  }
+  static std::string textOf(const Value& value) { return value.string() ? *value.string() : ""; }
+};
+
+TEST_F(DaemonExtensionFaults, OneThatCrashesWhenItIsAskedFails) {
+  expectUseless("<key>ControlCrashes</key><true/>");
+}
+
+TEST_F(DaemonExtensionFaults, OneThatAnswersShortFails) {
+  expectUseless("<key>ControlAnswerBytes</key><integer>3</integer>");
+}
+
+TEST_F(DaemonExtensionFaults, OneThatAnswersLongerThanAnyOptionFails) {
+  expectUseless("<key>ControlAnswerBytes</key><integer>4097</integer>");
+}
+
+TEST_F(DaemonExtensionFaults, OneThatAnswersLongWithARecentVersionIsConfigured) {
+  installExtension(root_, kNetwork, "<key>ControlAnswerBytes</key><integer>4096</integer>");
+  installExtension(root_, kOther);
+  start();
+  EXPECT_TRUE(runs(0) && runs(1) && runs(2));
+  root_.awaitLog("has been told");
+}
+
+TEST_F(DaemonExtensionFaults, OneThatSomebodyElseUsesIsNotUnloadedAndTheServiceDoesNotStart) {
+  installExtension(root_, kNetwork, "<key>ControlVersion</key><integer>4</integer>");
+  installExtension(root_, kOther);
+  // It runs, and is used, before the daemon comes.
+  const auto submitted = root_.jobs().SMJobSubmit(
+      kSMDomainSystemLaunchd,
+      Dictionary{{"Label", LinuxKernelExtensions::jobLabel(kNetwork)},
+                 {"Program", bundleOf(kNetwork) + "/Contents/Linux/extension"},
+                 {"KeepAlive", true},
+                 {"ExitTimeOut", 1}},
+      nullptr);
+  ASSERT_TRUE(submitted) << submitted.error().localizedDescription;
+  root_.awaitLog("at work");
+  const ProcessId process = extension(kNetwork);
+  const auto client = connectToControl(controls_, kNetwork);
+  ASSERT_TRUE(client) << describe(client.error());
+  EXPECT_TRUE((*client)->ping());  // It has been accepted.
+  start();
+  EXPECT_FALSE(runs(0));
+  EXPECT_TRUE(runs(1) && runs(2));
+  EXPECT_GE(root_.logCount("com.vantor.nke.wfk: can't be unloaded"), 1u);
+  EXPECT_EQ(root_.logCount("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
+  EXPECT_EQ(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
+  EXPECT_EQ(extension(kNetwork), process);
+  EXPECT_TRUE((*client)->ping());
+}
+
+// It comes back without a secret; nothing looks at it until one of its services has stopped.
+TEST_F(DaemonExtensionFaults, OneThatWasKilledIsToldTheSecretWithTheNextStartOfItsService) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  root_.awaitLog("has been told");
+  killAndAwait(extension(kNetwork));
+  EXPECT_EQ(facts()["net"]["IsConfigured"], Value(true));
+  askFor("stopServices:", 0);
+  EXPECT_EQ(facts()["net"]["IsConfigured"], Value(false));
+  askFor("startServices:", 0);
+  root_.awaitLog("has been told", 2);
+  expectToHaveTheSecret();
+  EXPECT_TRUE(UserInterfaceClient(root_).ask("services"));
+  EXPECT_TRUE(runs(0) && runs(1) && runs(2));
+}
+
+// Extensions outlive the daemon; the next one has another secret and knows of none of them.
+TEST_F(DaemonExtensionFaults, ADaemonThatStartsAgainTellsTheRunningExtensionItsNewSecret) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  root_.awaitLog("has been told");
+  const Data before = secret();
+  const ProcessId process = extension(kNetwork);
+  root_.killDaemon();
+  root_.awaitStart();
+  root_.awaitLog("has been told", 2);
+  EXPECT_NE(secret(), before);
+  expectToHaveTheSecret();
+  EXPECT_EQ(extension(kNetwork), process);
+}
+
+TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtension) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  const ProcessId process = extension(kOther);
+  const std::string running = "process " + std::to_string(process);
+  const auto expectRunning = [&](const Value& fact) {
+    EXPECT_EQ(fact["PID"], Value(process));
+    EXPECT_EQ(fact["IsLoaded"], Value(true));
+    EXPECT_EQ(fact["IsAnswering"], Value(true));
+    EXPECT_EQ(fact["IsConfigured"], Value(true));
+  };
+  Value fact = facts()["files"];
+  expectRunning(fact);
+  EXPECT_EQ(fact["Path"], Value(bundleOf(kOther)));
+  EXPECT_TRUE(fact["Fault"].isNil());
+
+  ASSERT_EQ(::kill(process, SIGSTOP), 0);  // It stands still.
+  fact = facts()["files"];
+  EXPECT_EQ(fact["IsConnected"], Value(true));
+  EXPECT_EQ(fact["IsAnswering"], Value(false));
+  EXPECT_THAT(report(), AllOf(HasSubstr(running), HasSubstr("no answer")));
+  ASSERT_EQ(::kill(process, SIGCONT), 0);
+  expectRunning(facts()["files"]);
+
+  changeProgramOf(kOther);
+  fact = facts()["files"];
+  expectRunning(fact);  // What runs is what was signed.
+  EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("Contents/Linux/extension"));
+  EXPECT_THAT(report(), AllOf(HasSubstr("damaged"), HasSubstr(running)));
+
+  installExtension(root_, kOther);
+  root_.folder().write(std::string("Library/Extensions/") + kOther + ".kext/Contents/Info.plist",
+                       "garbage");
+  fact = facts()["files"];
+  expectRunning(fact);
+  EXPECT_TRUE(fact["Path"].isNil());
+  EXPECT_EQ(fact["LoadedPath"], Value(bundleOf(kOther)));
+  EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("there is no such extension (" + bundleOf(kOther)));
+
+  installExtension(root_, kOther);
+  const std::string again = installExtensionAt(root_, "Library/Extensions/A.kext", kOther);
+  fact = facts()["files"];
+  expectRunning(fact);
+  EXPECT_TRUE(fact["Path"].isNil());
+  EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("both claim to be it"));
+  std::filesystem::remove_all(again);
+
+  std::filesystem::create_symlink("Circle.kext",
+                                  root_.folder().path("Library/Extensions/Circle.kext"));
+  fact = facts()["files"];
+  expectRunning(fact);
+  EXPECT_TRUE(fact["Fault"].isNil());
+
+  std::filesystem::remove_all(bundleOf(kOther));
+  fact = facts()["files"];
+  expectRunning(fact);
+  EXPECT_TRUE(fact["Path"].isNil());
+  EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("there is no such extension"));
+  EXPECT_THAT(report(), HasSubstr("was loaded from " + bundleOf(kOther)));
+  // Its neighbour is not concerned.
+  EXPECT_TRUE(facts()["net"]["Fault"].isNil());
+}
+
+TEST_F(DaemonExtensionFaults, TheOperatorIsToldOfOneThatWasKilledWhatTheJobHostKnows) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  killAndAwait(extension(kOther));
+  const ProcessId before = extension(kOther);
+  const Value fact = facts()["files"];
+  // The host starts it again at once where it had run for ten seconds.
+  if (before == 0 && extension(kOther) == 0) {
+    EXPECT_EQ(fact["PID"], Value(0));
+    EXPECT_EQ(fact["IsConnected"], Value(false));
+  } else {
+    EXPECT_EQ(fact["PID"], Value(extension(kOther)));
+  }
+  EXPECT_EQ(fact["IsLoaded"], Value(true));
+  EXPECT_EQ(fact["IsConfigured"], Value(true));  // As it was found when its service started.
+}
+
+// A program that somebody signed does not make its bundle what its Info.plist says.
+TEST_F(DaemonExtensionFaults, ABundleThatClaimsAnothersIdentifierIsNotStarted) {
+  installExtension(root_, kOther);
+  const std::string bundle =
+      installExtensionAt(root_, "Library/Extensions/Claims.kext", "com.example.nke.claims");
+  root_.folder().write("Library/Extensions/Claims.kext/Contents/Info.plist",
+                       std::string("<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
+                                   "<string>") +
+                           kNetwork +
+                           "</string><key>CFBundleExecutable</key><string>extension</string>"
+                           "</dict></plist>");
+  start();
+  EXPECT_FALSE(runs(0));
+  EXPECT_TRUE(runs(1) && runs(2));
+  EXPECT_EQ(extension(kNetwork), 0);
+  EXPECT_EQ(root_.logCount("has been told"), 0u);
+  EXPECT_GE(root_.logCount(bundle + "/Contents/Info.plist"), 1u);
+  // Nor is it where the seal that says so has gone.
+  std::filesystem::remove_all(bundle + "/Contents/_CodeSignature");
+  EXPECT_THAT(textOf(facts()["net"]["Fault"]), HasSubstr("the bundle has no seal"));
+}
+
+// Releases before 10.7 unload by a program.
+class DaemonOldRelease : public DaemonExtensionsFixture {
+ protected:
+  DaemonOldRelease() {
+    const std::string file = root_.folder().path("etc/vantor/platform.plist");
+    std::string content;
+    std::getline(std::ifstream(file), content, '\0');
+    content.replace(content.find("<dict>"), 6,
+                    "<dict><key>KernelRelease</key><string>10.8.0</string>");
+    root_.folder().write("etc/vantor/platform.plist", content);
+    // What it is given is kept; then it does its work.
+    const std::string program = root_.folder().path("sbin/kextunload.real");
+    std::filesystem::create_directories(root_.folder().path("sbin"));
+    std::filesystem::copy_file(KEXTUNLOAD, program);
+    const std::string script =
+        root_.folder().write("sbin/kextunload", "#!/bin/sh\nprintf '%s\\n' \"$*\" >>" + calls() +
+                                                    "\nexec " + program + " \"$@\"\n");
+    EXPECT_EQ(::chmod(script.c_str(), 0755), 0);
+  }
+  std::string calls() const { return root_.folder().path("kextunload.calls"); }
+  std::string firstCall() const {
+    std::string line;
+    std::getline(std::ifstream(calls()), line);
+    return line;
+  }
+  void expectUnloadedAndLoadedAgain() {
+    EXPECT_FALSE(runs(0));
+    EXPECT_TRUE(runs(1) && runs(2));
+    EXPECT_EQ(root_.logCount("Unable to unload kext"), 0u);
+    EXPECT_EQ(root_.logCount("was started 3 times within a minute"), 1u);
+    EXPECT_EQ(extension(kNetwork), 0);
+  }
+};
+
+TEST_F(DaemonOldRelease, UnloadsByTheProgramAndTheIdentifier) {
+  installExtension(root_, kNetwork, "<key>ControlVersion</key><integer>4</integer>");
+  installExtension(root_, kOther);
+  start();
+  EXPECT_EQ(firstCall(), std::string("-b ") + kNetwork);
+  expectUnloadedAndLoadedAgain();
+}
+
+TEST_F(DaemonOldRelease, UnloadsOneOfItsOwnResourcesByItsPath) {
+  const std::string bundle = installExtensionAt(
+      root_,
+      std::string("Library/ServiceManager/ServiceManager.bundle/Contents/Resources/") + kNetwork +
+          ".kext",
+      kNetwork, "<key>ControlVersion</key><integer>4</integer>");
+  installExtension(root_, kOther);
+  start();
+  EXPECT_EQ(firstCall(), bundle);
+  expectUnloadedAndLoadedAgain();
+}
+
+}  // namespace
+}  // namespace platform
