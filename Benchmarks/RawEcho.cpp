@@ -74,13 +74,20 @@ void sayStarted(int started) {
   if (::write(started, "y", 1) != 1) ::_exit(1);
 }
 
+namespace {
+
+// The answer to a call with that number.
+using Answer = UniqueDBusMessage (*)(DBusMessage* call, dbus_int64_t number);
+
 // With the least that libdbus itself needs: a watch to accept by, then its own loop.
-void serveRawEcho(const std::string& path, int started) {
+void serve(const std::string& path, int started, Answer answer) {
   const std::string address = "unix:path=" + path;
   DBusErrorText error;
   const UniqueDBusServer server(dbus_server_listen(address.c_str(), error.get()));
   static DBusWatch* accepting = nullptr;
   static DBusConnection* accepted = nullptr;
+  static Answer answering = nullptr;
+  answering = answer;
   dbus_server_set_watch_functions(
       server.get(),
       [](DBusWatch* watch, void*) -> dbus_bool_t {
@@ -107,9 +114,7 @@ void serveRawEcho(const std::string& path, int started) {
         }
         dbus_int64_t number = 0;
         dbus_message_get_args(message, nullptr, DBUS_TYPE_INT64, &number, DBUS_TYPE_INVALID);
-        const UniqueDBusMessage answer(dbus_message_new_method_return(message));
-        dbus_message_append_args(answer.get(), DBUS_TYPE_INT64, &number, DBUS_TYPE_INVALID);
-        dbus_connection_send(to, answer.get(), nullptr);
+        dbus_connection_send(to, answering(message, number).get(), nullptr);
         return DBUS_HANDLER_RESULT_HANDLED;
       },
       nullptr, nullptr);
@@ -117,24 +122,54 @@ void serveRawEcho(const std::string& path, int started) {
   }
 }
 
+}  // namespace
+
+void serveRawEcho(const std::string& path, int started) {
+  serve(path, started, [](DBusMessage* call, dbus_int64_t number) {
+    UniqueDBusMessage answer(dbus_message_new_method_return(call));
+    dbus_message_append_args(answer.get(), DBUS_TYPE_INT64, &number, DBUS_TYPE_INVALID);
+    return answer;
+  });
+}
+
+void serveRawDescriptor(const std::string& path, int started) {
+  serve(path, started, [](DBusMessage* call, dbus_int64_t /*number*/) {
+    static const int kDescriptor = ::open("/dev/null", O_PATH | O_CLOEXEC);
+    UniqueDBusMessage answer(dbus_message_new_method_return(call));
+    dbus_message_append_args(answer.get(), DBUS_TYPE_UNIX_FD, &kDescriptor, DBUS_TYPE_INVALID);
+    return answer;
+  });
+}
+
 RawEchoClient::RawEchoClient(const std::string& path) {
   DBusErrorText error;
   connection_.reset(dbus_connection_open_private(("unix:path=" + path).c_str(), error.get()));
 }
 
-bool RawEchoClient::roundTrip() const {
+UniqueDBusMessage RawEchoClient::ask() const {
   const UniqueDBusMessage message(
       dbus_message_new_method_call(nullptr, "/", "com.vantor.Peer", "echo_"));
   dbus_int64_t number = 7;
   dbus_message_append_args(message.get(), DBUS_TYPE_INT64, &number, DBUS_TYPE_INVALID);
   DBusErrorText error;
-  const UniqueDBusMessage answer(dbus_connection_send_with_reply_and_block(
+  return UniqueDBusMessage(dbus_connection_send_with_reply_and_block(
       connection_.get(), message.get(), 60'000, error.get()));
-  number = 0;
-  if (answer) {
+}
+
+bool RawEchoClient::roundTrip() const {
+  dbus_int64_t number = 0;
+  if (const UniqueDBusMessage answer = ask()) {
     dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_INT64, &number, DBUS_TYPE_INVALID);
   }
   return number == 7;
+}
+
+bool RawEchoClient::roundTripForDescriptor() const {
+  int descriptor = -1;
+  if (const UniqueDBusMessage answer = ask()) {
+    dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
+  }
+  return static_cast<bool>(UniqueFd(descriptor));
 }
 
 void rawRoundTrips(benchmark::State& state) {

@@ -44,6 +44,8 @@ void sayStarted(int started);
 // Answers a number with the same, by libdbus alone, peer to peer: what every round trip of ours is
 // measured against.
 void serveRawEcho(const std::string& path, int started);
+// The same, with a descriptor in each answer.
+void serveRawDescriptor(const std::string& path, int started);
 
 class RawEchoClient {
  public:
@@ -51,8 +53,12 @@ class RawEchoClient {
   bool isConnected() const { return static_cast<bool>(connection_); }
   // Whether the right answer came.
   bool roundTrip() const;
+  // Whether a descriptor came with it.
+  bool roundTripForDescriptor() const;
 
  private:
+  platform::UniqueDBusMessage ask() const;
+
   platform::UniqueDBusConnection connection_;
 };
 

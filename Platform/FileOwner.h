@@ -10,4 +10,8 @@ namespace platform {
 // this program may not change its rights, or there is no such path, with its own.
 void performAsOwnerOf(const std::string& path, const std::function<void()>& action);
 
+// As the system's own open(), flags, mode and result, but for what such a user may have put in the
+// place of a file: the other end of a pipe is not waited for, and no terminal becomes ours.
+int openWithoutWaiting(const char* path, int flags, int mode);
+
 }  // namespace platform

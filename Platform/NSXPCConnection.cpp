@@ -21,10 +21,6 @@ Array withNil(const Array& values) {
   return converted;
 }
 
-std::size_t bytesOf(const PeerMessage& message) {
-  return peerBodyBytes(message.arguments, PeerMessageContents::kValuesAndEndpoints).value_or(0);
-}
-
 }  // namespace
 
 NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
@@ -145,19 +141,21 @@ void NSXPCConnection::listenToPeer() {
 }
 
 void NSXPCConnection::arrived(PeerMessage message) {
-  const std::size_t bytes = bytesOf(message);
-  const bool isAlone = waitingMessages_ == 0;
-  if (waitingMessages_ >= kMaxWaitingMessages ||
-      (!isAlone && waitingBytes_ + bytes > kMaxWaitingBytes)) {
+  const WaitingMessages::Cost cost = WaitingMessages::costOf(message.arguments);
+  auto place = xpc_.waiting_->take(effectiveUserIdentifier_, cost);
+  if (waitingMessages_ >= kMaxWaitingMessages || waitingBytes_ + cost.bytes > kMaxWaitingBytes ||
+      !place) {
     xpc_.logFailure("Process " + std::to_string(processIdentifier_) +
                     " sends faster than it is served; its connection has been closed.");
     return becomeInvalid(NSXPCConnectionInvalid);
   }
   ++waitingMessages_;
-  waitingBytes_ += bytes;
-  deliver([self = shared_from_this(), message = std::move(message), bytes]() mutable {
+  waitingBytes_ += cost.bytes;
+  deliver([self = shared_from_this(), message = std::move(message), place = std::move(place),
+           bytes = cost.bytes]() mutable {
     --self->waitingMessages_;
     self->waitingBytes_ -= bytes;
+    place.reset();
     self->serve(std::move(message));
   });
 }

@@ -54,9 +54,10 @@ class NSXPCExportedObject {
 // invalidates it without a word; an accepted one lives until it ends. It ends before its XPC.
 class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnection> {
  public:
-  // Messages of the peer that wait to be served, and what they hold together unless it is one.
+  // Messages of the peer that wait to be served, and what they hold together: one of the largest,
+  // and others behind it. All of one user's connections are bound by WaitingMessages.
   static constexpr std::size_t kMaxWaitingMessages = kMaxPeerCallsAwaitingReply;
-  static constexpr std::size_t kMaxWaitingBytes = kMaxPeerMessageBytes;
+  static constexpr std::size_t kMaxWaitingBytes = kMaxPeerMemoryFileBytes + kMaxPeerMessageBytes;
 
   using Handler = std::function<void()>;
   // The reply's values, as many as the other side gave; null markers come as nil.

@@ -15,6 +15,7 @@
 #include "Platform/RunLoop.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/SystemLog.h"
+#include "Platform/WaitingMessages.h"
 
 namespace platform {
 
@@ -66,6 +67,8 @@ class XPC {
 
   const Environment environment_;
   RefusalLog failures_;
+  // Shared with the messages that wait.
+  const std::shared_ptr<WaitingMessages> waiting_ = std::make_shared<WaitingMessages>();
   // The loop's: accepted connections live until they end.
   std::set<std::shared_ptr<NSXPCConnection>> accepted_;
 

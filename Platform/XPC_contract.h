@@ -262,6 +262,20 @@ TEST_P(XPCContract, WhatIsSentBeforeAResumeIsSentThen) {
   journal_.await("reply", 2);
 }
 
+// A caller that is never answered can't know when to go on.
+TEST_P(XPCContract, WhatIsSentBehindALargeMessageWaitsWithIt) {
+  start();
+  call(*client_, "echo:withReply:", {Value(1)});
+  const auto serverSide = delegate_->accepted.at(0).lock();
+  serverSide->suspend();
+  send(*client_, "dropWithReply:");
+  send(*client_, "echo:withReply:", {Value(Data(4 * kMaxPeerMessageBytes))});
+  send(*client_, "echo:withReply:", {Value(2)});
+  serverSide->resume();
+  journal_.await("reply", 3);
+  EXPECT_EQ(journal_.count("interrupted"), 0u);
+}
+
 // Who sends without end to one that is not served is cut off, and nobody else is.
 TEST_P(XPCContract, SoMuchMayWaitToBeServedAndNoMore) {
   start();

@@ -28,7 +28,7 @@ Result<Data> LinuxExtendedAttributes::getxattr(const std::string& path, std::str
   auto bytes = read(path, "user." + std::string(name), bufferSize);
   if (bytes || name != kWhereFromsAttribute || bytes.error().osError != ENODATA) return bytes;
   const auto origin = read(path, kOrigin, bufferSize);
-  if (!origin) return bytes;
+  if (!origin) return origin.error().osError == ERANGE ? origin : bytes;
   auto list = writePropertyList(Array{Value(std::string(origin->begin(), origin->end()))},
                                 PropertyListFormat::kBinary);
   if (!list) return bytes;  // No text.

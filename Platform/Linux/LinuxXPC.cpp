@@ -1,6 +1,5 @@
 #include "Platform/Linux/LinuxXPC.h"
 
-#include <future>
 #include <utility>
 
 #include "Platform/Linux/AsioSerialQueues.h"
@@ -35,16 +34,37 @@ LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket>
 LinuxXPC::~LinuxXPC() {
   loop_->stop();
   thread_.join();
+  const std::lock_guard lock(mutex_);
+  loopHasEnded_ = true;
+  for (const Awaited& left : std::exchange(awaited_, {})) {
+    (*left.action)();
+    left.done->set_value();
+  }
 }
 
 void LinuxXPC::performOnLoop(const std::function<void()>& action) {
   if (std::this_thread::get_id() == thread_.get_id()) return action();
-  std::promise<void> done;
-  loop_->post([&] {
-    action();
-    done.set_value();
-  });
-  done.get_future().wait();
+  const auto done = std::make_shared<std::promise<void>>();
+  {
+    // Without the loop's thread one thread after the other stands in for it: what is still being
+    // served may hold the last of a listener.
+    const std::lock_guard lock(mutex_);
+    if (loopHasEnded_) return action();
+    awaited_.push_back({&action, done});
+  }
+  loop_->post([this] { performNext(); });
+  done->get_future().wait();
+}
+
+void LinuxXPC::performNext() {
+  Awaited next;
+  {
+    const std::lock_guard lock(mutex_);
+    next = std::move(awaited_.front());
+    awaited_.pop_front();
+  }
+  (*next.action)();
+  next.done->set_value();
 }
 
 }  // namespace platform

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <deque>
+#include <functional>
+#include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,9 +42,19 @@ class LinuxXPC {
   LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
            std::unique_ptr<AsioRunLoop> loop);
 
+  // What a thread waits for.
+  struct Awaited {
+    const std::function<void()>* action;
+    std::shared_ptr<std::promise<void>> done;  // shared with the thread
+  };
+
   void performOnLoop(const std::function<void()>& action);
+  void performNext();
 
   const std::string root_;
+  std::mutex mutex_;
+  std::deque<Awaited> awaited_;
+  bool loopHasEnded_ = false;
   const std::unique_ptr<AsioRunLoop> loop_;
   DBusPeerTransport transport_{*loop_};
   std::optional<XPC> xpc_;

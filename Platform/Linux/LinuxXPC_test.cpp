@@ -1,10 +1,15 @@
 #include "Platform/Linux/LinuxXPC.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <future>
+#include <memory>
 #include <mutex>
+#include <tuple>
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "Platform/Testing/FakeLogSink.h"
@@ -54,6 +59,42 @@ class LinuxHarness final : public XPCHarness {
 std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<LinuxHarness>(); }
 
 INSTANTIATE_TEST_SUITE_P(DBus, XPCContract, testing::Values(&makeHarness));
+
+// Asks its listener without a pause, from before its XPC's end until after that has begun; and is
+// then the last that holds it.
+class Busy final : public NSXPCListenerDelegate {
+ public:
+  bool listener(NSXPCListener& listener, const std::shared_ptr<NSXPCConnection>&) override {
+    begun.set_value();
+    while (!isEnding) std::ignore = listener.endpoint();
+    for (int i = 0; i < kTurns; ++i) std::ignore = listener.endpoint();
+    return false;
+  }
+
+  std::promise<void> begun;
+  std::atomic<bool> isEnding = false;
+
+ private:
+  static constexpr int kTurns = 1000;  // The XPC's loop stops at one of the first.
+};
+
+TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
+  TemporaryFolder folder;
+  FakeLogSink sink;
+  SystemLog log(sink, "test");
+  const auto client = std::move(*LinuxXPC::make(log, folder.path(), std::nullopt));
+  auto server = std::move(*LinuxXPC::make(log, folder.path(), std::nullopt));
+  const auto delegate = std::make_shared<Busy>();
+  auto listener = server->xpc().makeAnonymousListener();
+  listener->setDelegate(delegate);
+  listener->resume();
+  const auto connection = client->xpc().makeConnection(listener->endpoint());
+  connection->resume();
+  delegate->begun.get_future().wait();
+  listener.reset();
+  delegate->isEnding = true;
+  server.reset();
+}
 
 }  // namespace
 }  // namespace platform

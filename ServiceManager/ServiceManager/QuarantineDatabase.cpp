@@ -1,6 +1,7 @@
 #include "ServiceManager/ServiceManager/QuarantineDatabase.h"
 
 #include <memory>
+#include <tuple>
 
 #include <sqlite3.h>
 
@@ -32,8 +33,21 @@ struct FinalizeStatement {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
+// SQLite opens the file, its journals and what else belongs to it by name, and any of them may be a
+// pipe that its owner has put there: without another end SQLite would wait for one for ever. Only
+// the daemon's one database is concerned.
+void makeSqliteOpenWithoutWaiting() {
+  static const int kDone = [] {
+    sqlite3_vfs* system = sqlite3_vfs_find(nullptr);
+    return system->xSetSystemCall(system, "open",
+                                  reinterpret_cast<sqlite3_syscall_ptr>(&openWithoutWaiting));
+  }();
+  std::ignore = kDone;
+}
+
 // The query is asked also where this has failed, and fails then.
 Database open(const std::string& path) {
+  makeSqliteOpenWithoutWaiting();
   sqlite3* opened = nullptr;
   if (sqlite3_open(path.c_str(), &opened) != SQLITE_OK) {
     vantorlogger2_line(ASL_LEVEL_DEBUG, "Failed to open database!");
@@ -46,6 +60,9 @@ void bound(sqlite3* database, int& checks) {
   sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kMaxTextBytes);
   sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  // Otherwise a log written ahead would come with a file that we map, and its owner could cut it
+  // off under us.
+  sqlite3_exec(database, "PRAGMA locking_mode = EXCLUSIVE", nullptr, nullptr, nullptr);
   sqlite3_progress_handler(
       database, kInstructionsPerCheck,
       [](void* left) { return --*static_cast<int*>(left) < 0 ? 1 : 0; }, &checks);

@@ -1,0 +1,328 @@
+// The daemon's registry of endpoints, with as many clients as a machine may have and with such that
+// do not belong to the product.
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <latch>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/DBusMessages.h"
+#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/Linux/RawPeer_contract.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/RegistryClient.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+constexpr char kWho[] = "whoWithReply:";
+
+const Protocol& whoProtocol() {
+  static const Protocol protocol("Who", {{kWho, MethodDescription::Kind::kTwoWay}});
+  return protocol;
+}
+
+// What a service of the product's exports: it says who it is.
+class Greeter final : public NSXPCListenerDelegate,
+                      public NSXPCExportedObject,
+                      public std::enable_shared_from_this<Greeter> {
+ public:
+  explicit Greeter(std::string name) : name_(std::move(name)) {}
+
+  bool listener(NSXPCListener& /*listener*/,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    connection->setExportedInterface(&whoProtocol());
+    connection->setExportedObject(shared_from_this());
+    connection->resume();
+    return true;
+  }
+  void receiveMessage(std::string_view /*selector*/, const Array& /*arguments*/,
+                      XPCReply reply) override {
+    reply({Value(name_)});
+  }
+
+ private:
+  const std::string name_;
+};
+
+// Such a service. Ends before its XPC.
+class Owner {
+ public:
+  Owner(XPC& xpc, std::string name)
+      : greeter_(std::make_shared<Greeter>(std::move(name))),
+        listener_(xpc.makeAnonymousListener()) {
+    listener_->setDelegate(greeter_);
+    listener_->resume();
+  }
+
+  Value endpoint() { return Value(std::shared_ptr<const RemoteObject>(listener_->endpoint())); }
+
+ private:
+  const std::shared_ptr<Greeter> greeter_;
+  const std::shared_ptr<NSXPCListener> listener_;
+};
+
+class DaemonEndpoints : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    EXPECT_TRUE(raiseDescriptorLimit());
+    start(1);
+    atStart_ = descriptorsOfDaemon();
+  }
+
+  std::size_t descriptorsOfDaemon() {
+    const std::filesystem::directory_iterator descriptors(
+        "/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+  }
+  // It takes the daemon a few turns to learn that connections have ended.
+  void expectDescriptors(std::size_t expected) {
+    const auto connection = askers_.connect();
+    RegistryClient::ask(*connection, RegistryClient::kSignature);
+    const Instant deadline = root_.loop().now() + 30s;
+    while (descriptorsOfDaemon() != expected + 1 && root_.loop().now() < deadline) {
+      RegistryClient::ask(*connection, RegistryClient::kSignature);
+    }
+    EXPECT_EQ(descriptorsOfDaemon(), expected + 1);  // One is that connection.
+  }
+
+  void registerOwner(Owner& owner, const std::string& name) {
+    const auto connection = owners_.connect();
+    EXPECT_EQ(RegistryClient::ask(*connection, RegistryClient::kRegister,
+                                  {owner.endpoint(), owners_.passkey(), Value(name)}),
+              (Array{Value(true), Value()}));
+  }
+  std::shared_ptr<const NSXPCListenerEndpoint> lookUp(const std::string& name) {
+    const auto connection = askers_.connect();
+    const auto found =
+        RegistryClient::ask(*connection, RegistryClient::kLookUp, {askers_.passkey(), Value(name)});
+    return found && !found->empty() ? endpointIn(found->front()) : nullptr;
+  }
+  // What the owner of that endpoint answers to another program; nothing where there is none.
+  std::optional<Array> askOwner(std::shared_ptr<const NSXPCListenerEndpoint> endpoint) {
+    const auto connection = askers_.xpc().makeConnection(std::move(endpoint));
+    connection->setRemoteObjectInterface(&whoProtocol());
+    connection->resume();
+    return RegistryClient::ask(*connection, kWho);
+  }
+
+  // How often the daemon's main thread has answered meanwhile.
+  int askMainThreadUntil(const std::function<bool()>& isDone) {
+    UserInterfaceClient interface(root_);
+    int answers = 0;
+    while (!isDone() && !HasFailure()) {
+      const Instant begun = root_.loop().now();
+      EXPECT_TRUE(interface.ask("pidForService:", {Value(DaemonRoot::label(0))}));
+      EXPECT_LT(root_.loop().now() - begun, 5s);
+      ++answers;
+    }
+    return answers;
+  }
+
+  std::size_t atStart_ = 0;
+  // Two programs: who registers, and who looks up.
+  RegistryClient owners_{root_.path(), root_.system()};
+  RegistryClient askers_{root_.path(), root_.system()};
+};
+
+TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidRequest) {
+  constexpr int kClients = 1000;
+  constexpr int kNames = 50;
+  std::list<Owner> owners;
+  std::vector<Value> endpoints;
+  for (int i = 0; i < kNames; ++i) {
+    owners.emplace_back(owners_.xpc(), std::to_string(i));
+    endpoints.push_back(owners.back().endpoint());
+    registerOwner(owners.back(), "name " + std::to_string(i));
+  }
+  expectDescriptors(atStart_ + kNames);
+  std::list<ChildProgram> doomed;
+  for (int i = 0; i < 3; ++i) {
+    doomed.emplace_back(std::vector<std::string>{REGISTRY_PROGRAM, root_.path()},
+                        std::vector<std::string>());
+    EXPECT_EQ(doomed.back().nextLine(), "asking");
+  }
+  std::latch done(kClients);
+  std::atomic<int> right = 0;
+  std::atomic<int> finished = 0;
+  const auto finish = [&] {
+    ++finished;
+    done.count_down();
+  };
+  std::vector<std::shared_ptr<NSXPCConnection>> connections;
+  for (int i = 0; i < kClients; ++i) {
+    const auto number = static_cast<std::size_t>(i % kNames);
+    const Value name("name " + std::to_string(number));
+    NSXPCConnection* const connection = connections.emplace_back(owners_.connect()).get();
+    connection->sendMessage(
+        RegistryClient::kRegister, {endpoints[number], owners_.passkey(), name},
+        [&, name, connection](const Array& reply) {
+          if (reply != Array{Value(true), Value()}) return finish();
+          connection->sendMessage(
+              RegistryClient::kLookUp, {owners_.passkey(), name},
+              [&](const Array& found) {
+                if (found.size() == 1 && endpointIn(found[0])) ++right;
+                finish();
+              },
+              [&](const NSError&) { finish(); });
+        },
+        [&](const NSError&) { finish(); });
+    if (i == kClients / 2) {
+      for (const ChildProgram& program : doomed) program.signal(SIGKILL);
+    }
+  }
+  EXPECT_GT(askMainThreadUntil([&] { return finished == kClients; }), 1);
+  done.wait();
+  EXPECT_EQ(right, kClients);
+  connections.clear();
+  for (ChildProgram& program : doomed) program.waitForExit();
+  // What is registered stays, also of who has died.
+  constexpr std::size_t kDoomedNames = 40;
+  expectDescriptors(atStart_ + kNames + kDoomedNames);
+
+  for (int i = 0; i < kNames; ++i) {
+    const std::string number = std::to_string(i);
+    EXPECT_EQ(askOwner(lookUp("name " + number)), Array{Value(number)});
+  }
+  expectDescriptors(atStart_ + kNames + kDoomedNames);
+  EXPECT_EQ(root_.starts(), 1U);
+}
+
+TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered) {
+  Owner owner(owners_.xpc(), "right");
+  registerOwner(owner, "name");
+  Owner intruder(owners_.xpc(), "wrong");
+  const Value foreign = intruder.endpoint();
+  const Data right = *owners_.passkey().data();
+  Data longer = right;
+  longer.push_back(0);
+  Data lastBit = right;
+  lastBit.back() ^= 1;
+  // With an endpoint a message must fit on the socket as it is.
+  constexpr std::size_t kLong = kMaxPeerMessageBytes - 2 * kPeerMessageHeaderBytes;
+  const std::vector<Value> wrong{Data(),
+                                 Data(right.begin(), right.begin() + 1),
+                                 Data(right.begin(), right.end() - 1),
+                                 lastBit,
+                                 longer,
+                                 Data(kLong),
+                                 clientProfileData(root_.system()),
+                                 Value(),
+                                 Value("text")};
+  const auto connection = owners_.connect();
+  std::atomic<int> answered = 0;
+  for (const Value& passkey : wrong) {
+    EXPECT_EQ(RegistryClient::ask(*connection, RegistryClient::kRegister,
+                                  {foreign, passkey, Value("name")}),
+              (Array{Value(false), Value("Invalid passkey for the registration.")}));
+    connection->sendMessage(
+        RegistryClient::kLookUp, {passkey, Value("name")}, [&](const Array&) { ++answered; },
+        nullptr);
+  }
+  connection->sendMessage(
+      RegistryClient::kLookUp, {Value(Data(4 * kMaxPeerMessageBytes)), Value("name")},
+      [&](const Array&) { ++answered; }, nullptr);
+  // Behind all of them on the same connection, which goes on.
+  EXPECT_EQ(RegistryClient::ask(*connection, RegistryClient::kSignature),
+            Array{Value(clientProfileData(root_.system()))});
+  EXPECT_EQ(answered, 0);
+  EXPECT_EQ(askOwner(lookUp("name")), Array{Value("right")});
+  root_.awaitLog("Received invalid passkey for registration.", wrong.size());
+  root_.awaitLog("Received invalid passkey for listener endpoint request.", wrong.size() + 1);
+  EXPECT_EQ(root_.logCount("<Error> [ORBServiceManagerXPCHandler.cpp"), 2 * (2 * wrong.size() + 1));
+  connection->invalidate();
+  EXPECT_EQ(answered, 0);
+}
+
+// A peer that does not count what it is owed itself: its places are free again at once.
+TEST_F(DaemonEndpoints, ACallerThatIsNeverAnsweredHoldsNoPlace) {
+  RawPeer peer(pathOfMachService(root_.path(), kEndpointRegistryService));
+  peer.authenticate();
+  const auto lookup = encodeMessage(RegistryClient::kLookUp, {Value(Data(16)), Value("name"), {}},
+                                    PeerMessageKind::kTwoWay);
+  const auto signature =
+      encodeMessage(RegistryClient::kSignature, {Value()}, PeerMessageKind::kTwoWay);
+  ASSERT_TRUE(lookup && signature);
+  const std::string unanswered = RawPeer::marshalled(lookup->message.get(), 2);
+  const std::string answered = RawPeer::marshalled(signature->message.get(), 3);
+  // Fewer at once than may wait to be served, and more together than may await a reply.
+  constexpr std::size_t kAtOnce = kMaxPeerCallsAwaitingReply / 2;
+  for (std::size_t round = 0; round < 5; ++round) {
+    for (std::size_t i = 0; i < kAtOnce; ++i) ASSERT_TRUE(peer.write(unanswered));
+    ASSERT_TRUE(peer.write(answered));
+    pollfd entry{peer.socket(), POLLIN, 0};
+    ASSERT_EQ(::poll(&entry, 1, 60'000), 1);
+    std::array<char, 1024> bytes;
+    const ssize_t size = ::recv(peer.socket(), bytes.data(), bytes.size(), 0);
+    ASSERT_GT(size, 0);
+    // One message, and no error: what was asked last.
+    const int whole = dbus_message_demarshal_bytes_needed(bytes.data(), static_cast<int>(size));
+    EXPECT_EQ(whole, size);
+    const UniqueDBusMessage reply(
+        dbus_message_demarshal(bytes.data(), static_cast<int>(size), nullptr));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(dbus_message_get_type(reply.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    EXPECT_EQ(dbus_message_get_reply_serial(reply.get()), 3U);
+  }
+}
+
+TEST_F(DaemonEndpoints, AnUnknownNameIsAskedForAndADeadOwnersEndpointFailsCleanly) {
+  std::vector<Value> requests;
+  const auto observation = root_.center().addObserver(
+      kEndpointRequestNotification, std::nullopt, [&](const DistributedNotification& notification) {
+        requests.push_back(notification.userInfo);
+        root_.changed();
+      });
+  EXPECT_EQ(lookUp("missing"), nullptr);
+  root_.await("the request to register", [&] { return !requests.empty(); });
+  EXPECT_EQ(requests, (std::vector<Value>{Dictionary{{"requestName", "missing"}}}));
+  {
+    RegistryClient mortal(root_.path(), root_.system());
+    Owner owner(mortal.xpc(), "mortal");
+    registerOwner(owner, "missing");
+    EXPECT_EQ(askOwner(lookUp("missing")), Array{Value("mortal")});
+  }
+  // Its entry stays, and says so at once; nobody else is harmed.
+  const auto dead = lookUp("missing");
+  ASSERT_TRUE(dead);
+  EXPECT_EQ(askOwner(dead), std::nullopt);
+  Owner successor(owners_.xpc(), "successor");
+  registerOwner(successor, "missing");
+  EXPECT_EQ(askOwner(lookUp("missing")), Array{Value("successor")});
+  EXPECT_EQ(requests.size(), 1U);
+}
+
+TEST_F(DaemonEndpoints, TheOperatorsCommandRegistersAndLooksUpAsAnyClient) {
+  const std::string control = root_.host().controlProgram();
+  const auto missing = root_.host().control({"endpoints", "lookup", "mine"});
+  EXPECT_EQ(missing.status.number, 1);
+  EXPECT_THAT(missing.output, HasSubstr("mine is not registered"));
+  ChildProgram registering({control, "endpoints", "register", "mine"}, {});
+  EXPECT_THAT(registering.nextLine(), HasSubstr("mine is registered"));
+  const auto found = root_.host().control({"endpoints", "lookup", "mine", "--json"});
+  EXPECT_EQ(found.status.number, 0) << found.errors;
+  EXPECT_THAT(found.output, HasSubstr("\"registered\": true"));
+  EXPECT_EQ(askOwner(lookUp("mine")), std::nullopt);  // It turns everybody away.
+  EXPECT_THAT(registering.nextLine(), HasSubstr("connects"));
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,211 @@
+// What the daemon tells of files, whatever they are.
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include "Platform/Digest.h"
+#include "Platform/FileDigest.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/RegistryClient.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+const Array kNothing{Value(""), Value(""), Value("")};
+
+class DaemonExecInfo : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    start(1);
+    service_ = asker_.connectToExecInfo();
+    ASSERT_TRUE(service_);
+  }
+
+  std::optional<Array> tell(const std::string& path) {
+    return RegistryClient::ask(*service_, RegistryClient::kExecInfo, {Value(path)});
+  }
+  std::string hashOf(const std::string& path) {
+    const auto told = tell(path);
+    EXPECT_TRUE(told && told->size() == 3) << path;
+    return told && told->size() == 3 ? *told->at(1).string() : "no answer";
+  }
+  std::string sparseFile(const std::string& name, std::uintmax_t size) {
+    const std::string path = root_.folder().write("files/" + name, "");
+    std::filesystem::resize_file(path, size);
+    return path;
+  }
+  // In kibibytes, the most that the daemon has ever had in memory.
+  long mostMemory() {
+    std::ifstream file("/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/status");
+    for (std::string name; file >> name;) {
+      long size = 0;
+      if (name == "VmHWM:" && file >> size) return size;
+    }
+    ADD_FAILURE() << "the daemon is gone";
+    return 0;
+  }
+  // Serves one file to a download tool, and runs that to its end.
+  void download(std::vector<std::string> tool, const std::string& target);
+
+  RegistryClient asker_{root_.path(), root_.system()};
+  std::shared_ptr<NSXPCConnection> service_;
+};
+
+// Each has four times the size that a daemon with a file in its memory would be noticed by. It
+// makes no difference to what is shown that they are not larger still, but to the time that this
+// takes.
+TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemoryAndHoldUpNobodyElse) {
+  constexpr std::uintmax_t kSize = std::uintmax_t{1} << 29;
+  const std::vector<std::string> files{sparseFile("one", kSize), sparseFile("two", kSize)};
+  const std::string small = root_.folder().write("files/small", "abc");
+  hashOf(small);
+  const long before = mostMemory();
+
+  std::vector<std::shared_ptr<NSXPCConnection>> connections;
+  std::vector<std::future<Array>> answers;
+  std::atomic<int> answered = 0;
+  for (const std::string& file : files) {
+    auto answer = std::make_shared<std::promise<Array>>();
+    answers.push_back(answer->get_future());
+    connections.push_back(asker_.connectToExecInfo());
+    connections.back()->sendMessage(
+        RegistryClient::kExecInfo, {Value(file)},
+        [answer, &answered](Array values) {
+          ++answered;
+          answer->set_value(std::move(values));
+        },
+        nullptr);
+  }
+  for (const std::string& file : files) {
+    root_.awaitLog("requestExecutableInfo request for path '" + file + "'");
+  }
+  // The registry, the log and the main thread go on.
+  const auto registry = asker_.connect();
+  EXPECT_EQ(RegistryClient::ask(*registry, RegistryClient::kLookUp,
+                                {asker_.passkey(), Value("meanwhile")}),
+            Array{Value()});
+  root_.awaitLog("Received listenerendpoint request for 'meanwhile'");
+  UserInterfaceClient interface(root_);
+  EXPECT_TRUE(interface.ask("services"));
+  EXPECT_EQ(answered, 0);
+
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    ASSERT_EQ(answers[i].wait_for(100s), std::future_status::ready);
+    EXPECT_EQ(answers[i].get().at(1), Value(hexadecimalText(**sha256OfFile(files[i], {}))));
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(mostMemory(), before + 32 * 1024);
+#endif
+}
+
+TEST_F(DaemonExecInfo, WhatIsNoPlainFileIsAnsweredAtOnce) {
+  const std::string pipe = root_.folder().path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const std::string link = root_.folder().path("link");
+  ASSERT_EQ(::symlink(pipe.c_str(), link.c_str()), 0);
+  const std::string circle = root_.folder().path("circle");
+  ASSERT_EQ(::symlink(circle.c_str(), circle.c_str()), 0);
+  const std::string empty = root_.folder().write("files/empty", "");
+  for (const std::string& path :
+       {pipe, link, circle, empty, root_.path(), std::string("/"), std::string("/dev/zero"),
+        std::string("/dev/random"), std::string("/proc/kmsg"), std::string("/proc/self/mem"),
+        root_.folder().path("missing"), std::string("relative"), std::string()}) {
+    EXPECT_EQ(tell(path), kNothing) << path;
+  }
+  const std::string unreadable = root_.folder().write("files/unreadable", "abc");
+  ASSERT_EQ(::chmod(unreadable.c_str(), 0), 0);
+  // Root reads it nevertheless.
+  EXPECT_EQ(hashOf(unreadable),
+            ::geteuid() == 0 ? hexadecimalText(**sha256OfFile(unreadable, {})) : "");
+  EXPECT_EQ(RegistryClient::ask(*service_, RegistryClient::kExecInfo, {Value(7)}), kNothing);
+}
+
+TEST_F(DaemonExecInfo, AFileThatChangesWhileItIsReadIsAnswered) {
+  constexpr std::uintmax_t kSize = std::uintmax_t{1} << 27;
+  const std::vector<std::pair<const char*, std::function<void(const std::string&)>>> changes{
+      {"cut off", [](const std::string& path) { std::filesystem::resize_file(path, 1); }},
+      {"longer", [](const std::string& path) { std::filesystem::resize_file(path, 2 * kSize); }},
+      {"removed", [](const std::string& path) { std::filesystem::remove(path); }},
+      {"a pipe", [](const std::string& path) {
+         std::filesystem::remove(path);
+         EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+       }}};
+  const std::string whole = hexadecimalText(**sha256OfFile(sparseFile("whole", kSize), {}));
+  const std::string longer = hexadecimalText(**sha256OfFile(sparseFile("double", 2 * kSize), {}));
+  const std::string one = hexadecimalText(CC_SHA256(Data(1)));
+  for (const auto& [name, change] : changes) {
+    SCOPED_TRACE(name);
+    const std::string path = sparseFile(name, kSize);
+    const auto answer = std::make_shared<std::promise<Array>>();
+    auto answered = answer->get_future();
+    service_->sendMessage(
+        RegistryClient::kExecInfo, {Value(path)},
+        [answer](Array values) { answer->set_value(std::move(values)); }, nullptr);
+    root_.awaitLog("requestExecutableInfo request for path '" + path + "'");
+    change(path);
+    ASSERT_EQ(answered.wait_for(100s), std::future_status::ready);
+    // What it held when it was opened, just before or after, or nothing.
+    EXPECT_THAT(*answered.get().at(1).string(), testing::AnyOf("", whole, longer, one));
+  }
+}
+
+TEST_F(DaemonExecInfo, ASignedProgramTellsItsIdentifierAndAnUnsignedOneDoesNot) {
+  const std::string program = root_.folder().path("opt/agent");
+  EXPECT_EQ(tell(program), (Array{Value("valid: com.vantor.test"),
+                                  Value(hexadecimalText(**sha256OfFile(program, {}))), Value("")}));
+  EXPECT_EQ(tell("/bin/true")->at(0), Value(""));
+  root_.awaitLog("<Error> [ORBExecInfoHandler.cpp");
+}
+
+void DaemonExecInfo::download(std::vector<std::string> tool, const std::string& target) {
+  const std::string probe = root_.folder().write("probe", "");
+  if (::setxattr(probe.c_str(), "user.test", "", 0, 0) != 0) {
+    ASSERT_EQ(errno, ENOTSUP);
+    GTEST_SKIP() << "this file system takes no attributes";
+  }
+  root_.folder().write("served/file", "abc");
+  ChildProgram server({"/usr/bin/python3", "-u", "-m", "http.server", "0", "--bind", "127.0.0.1",
+                       "--directory", root_.folder().path("served")},
+                      {});
+  const std::string line = server.nextLine();
+  const std::size_t start = line.find("http://");
+  ASSERT_NE(start, line.npos) << line;
+  const std::string url = line.substr(start, line.find(')', start) - start) + "file";
+  tool.push_back(url);
+  ChildProgram client(tool, {});
+  ASSERT_EQ(client.waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 0})) << client.errors();
+  EXPECT_EQ(tell(target)->at(2), Value(url));
+  const auto told = root_.host().control({"execinfo", target});
+  EXPECT_EQ(told.status.number, 0) << told.errors;
+  EXPECT_THAT(told.output, HasSubstr("source   " + url + "\n"));
+}
+
+TEST_F(DaemonExecInfo, WhatCurlDownloadedTellsItsSource) {
+  const std::string target = root_.folder().path("by-curl");
+  download({"/usr/bin/curl", "--xattr", "--silent", "--show-error", "--output", target}, target);
+}
+
+TEST_F(DaemonExecInfo, WhatWgetDownloadedTellsItsSource) {
+  const std::string target = root_.folder().path("by-wget");
+  download({"/usr/bin/wget", "--xattr", "--quiet", "--output-document", target}, target);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,49 @@
+#include "Tests/EndToEnd/RegistryClient.h"
+
+#include <chrono>
+#include <future>
+#include <utility>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+
+namespace platform {
+
+RegistryClient::RegistryClient(std::string root, const SystemInformation& system)
+    : passkey_(systemProfileData(system)),
+      xpc_(std::move(*LinuxXPC::make(log_, std::move(root), std::nullopt))) {
+  addServiceManagerProtocols(protocols_);
+}
+
+std::shared_ptr<NSXPCConnection> RegistryClient::connect() {
+  auto connection = xpc().makeConnection(kEndpointRegistryService);
+  connection->setRemoteObjectInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
+  connection->resume();
+  return connection;
+}
+
+std::shared_ptr<NSXPCConnection> RegistryClient::connectToExecInfo() {
+  const auto registry = connect();
+  const auto found = ask(*registry, kLookUp, {passkey_, Value(kExecInfoEndpoint)});
+  auto endpoint = found && !found->empty() ? endpointIn(found->front()) : nullptr;
+  if (!endpoint) return nullptr;
+  auto connection = xpc().makeConnection(std::move(endpoint));
+  connection->setRemoteObjectInterface(protocols_.find(kORBExecutableInfoProtocol));
+  connection->resume();
+  return connection;
+}
+
+std::optional<Array> RegistryClient::ask(NSXPCConnection& connection, std::string_view selector,
+                                         Array arguments) {
+  // Shared with the handlers, which may outlive the wait.
+  const auto answer = std::make_shared<std::promise<std::optional<Array>>>();
+  connection.sendMessage(
+      selector, std::move(arguments),
+      [answer](Array values) { answer->set_value(std::move(values)); },
+      [answer](const NSError& /*error*/) { answer->set_value(std::nullopt); });
+  auto future = answer->get_future();
+  if (future.wait_for(std::chrono::minutes(1)) != std::future_status::ready) return std::nullopt;
+  return future.get();
+}
+
+}  // namespace platform

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Linux/LinuxXPC.h"
+#include "Platform/NSXPCConnection.h"
+#include "Platform/Protocol.h"
+#include "Platform/SystemInformation.h"
+#include "Platform/SystemLog.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Value.h"
+
+namespace platform {
+
+// A program of the product's as the registry of endpoints sees it, with any number of connections.
+// Its replies come on threads of its own.
+class RegistryClient {
+ public:
+  static constexpr char kRegister[] = "registerXPCListenerEndpoint:forPasskey:withName:withReply:";
+  static constexpr char kLookUp[] = "xpcListenerEndpointForPasskey:withName:withReply:";
+  static constexpr char kSignature[] = "signatureWithReply:";
+  static constexpr char kExecInfo[] = "requestExecutableInfo:withReply:";
+
+  // Of the daemon below that root.
+  RegistryClient(std::string root, const SystemInformation& system);
+
+  XPC& xpc() { return xpc_->xpc(); }
+  // What it shows, for a registration and for a look-up.
+  const Value& passkey() const { return passkey_; }
+
+  // To the registry.
+  std::shared_ptr<NSXPCConnection> connect();
+  // To the executable-information service, whose endpoint the registry tells; null where it does
+  // not.
+  std::shared_ptr<NSXPCConnection> connectToExecInfo();
+
+  // Blocks for the reply, for a minute at most; nothing where there is an error instead.
+  static std::optional<Array> ask(NSXPCConnection& connection, std::string_view selector,
+                                  Array arguments = {});
+
+ private:
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  ProtocolTable protocols_;
+  const Value passkey_;
+  const std::unique_ptr<LinuxXPC> xpc_;
+};
+
+}  // namespace platform

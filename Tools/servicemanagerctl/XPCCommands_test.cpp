@@ -1,0 +1,199 @@
+#include "Tools/servicemanagerctl/XPCCommands.h"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "Platform/Linux/LinuxXPC.h"
+#include "Platform/PropertyList.h"
+#include "Platform/Testing/FakeCodeSignatures.h"
+#include "Platform/Testing/FakeExtendedAttributes.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/FakeNotificationBus.h"
+#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/VirtualRunLoop.h"
+#include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+
+namespace {
+
+using namespace platform;
+using testing::HasSubstr;
+
+constexpr char kAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+// The operator's program, and a daemon that serves endpoints, both on the real transport: the
+// command waits for what its other threads bring.
+class XPCCommandsTest : public testing::Test {
+ protected:
+  struct Ran {
+    int status;
+    std::string output;
+    std::string errors;
+  };
+
+  XPCCommandsTest() {
+    std::filesystem::create_directories(folder_.path("run/vantor/mach"));
+    addServiceManagerProtocols(protocols_);
+  }
+  ~XPCCommandsTest() override {
+    execListener_.reset();
+    listener_.reset();
+    daemon_.reset();
+  }
+
+  std::unique_ptr<LinuxXPC> makeXPC() {
+    return std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
+  }
+  void serve() {
+    daemon_ = makeXPC();
+    registry_ = std::make_shared<ORBServiceManagerXPCHandler>(daemonsSystem_, *center_, protocols_);
+    listener_ = daemon_->xpc().makeListener(kEndpointRegistryService);
+    listener_->setDelegate(registry_);
+    listener_->resume();
+    info_ = std::make_shared<ORBExecInfoHandler>(
+        ORBExecInfoHandler::Environment{signatures_, attributes_, protocols_}, nullptr);
+    execListener_ = daemon_->xpc().makeAnonymousListener();
+    execListener_->setDelegate(info_);
+    execListener_->resume();
+    registry_->registerXPCListenerEndpoint(execListener_->endpoint(), kExecInfoEndpoint);
+  }
+
+  Ran run(std::vector<std::string> arguments) {
+    CLI::App app;
+    const XPCCommands commands(app);
+    std::ranges::reverse(arguments);  // As CLI11 wants them.
+    app.parse(std::move(arguments));
+    EXPECT_TRUE(commands.parsed());
+    const auto xpc = makeXPC();
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root"});
+    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+  }
+
+  TemporaryFolder folder_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  VirtualRunLoop loop_;
+  FakeNotificationBus bus_{loop_};
+  std::unique_ptr<DistributedNotificationCenter> center_ = bus_.makeCenter(log_);
+  FakeSystemInformation system_;
+  FakeSystemInformation daemonsSystem_;
+  FakeCodeSignatures signatures_;
+  FakeExtendedAttributes attributes_;
+  ProtocolTable protocols_;
+  std::unique_ptr<LinuxXPC> daemon_;
+  std::shared_ptr<ORBServiceManagerXPCHandler> registry_;
+  std::shared_ptr<ORBExecInfoHandler> info_;
+  std::shared_ptr<NSXPCListener> listener_;
+  std::shared_ptr<NSXPCListener> execListener_;
+};
+
+TEST_F(XPCCommandsTest, ANameThatIsRegisteredIsSaidToBe) {
+  serve();
+  const Ran found = run({"endpoints", "lookup", kExecInfoEndpoint});
+  EXPECT_EQ(found.status, 0);
+  EXPECT_EQ(found.output, "com.vantor.xpc.name.execinfohandler is registered\n");
+  EXPECT_EQ(found.errors, "");
+  const Ran asJson = run({"endpoints", "lookup", "--json", kExecInfoEndpoint});
+  EXPECT_EQ(asJson.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(asJson.output),
+            (nlohmann::json{{"name", kExecInfoEndpoint}, {"registered", true}}));
+}
+
+TEST_F(XPCCommandsTest, ANameThatIsNotRegisteredIsAFailureWithItsReason) {
+  serve();
+  const Ran missing = run({"endpoints", "lookup", "nobody"});
+  EXPECT_EQ(missing.status, kExitFailed);
+  EXPECT_EQ(missing.output, "nobody is not registered; its owner has been asked to register it\n");
+  const Ran asJson = run({"endpoints", "lookup", "nobody", "--json"});
+  EXPECT_EQ(asJson.status, kExitFailed);
+  EXPECT_EQ(nlohmann::json::parse(asJson.output),
+            (nlohmann::json{{"name", "nobody"}, {"registered", false}}));
+}
+
+TEST_F(XPCCommandsTest, ARegistrationThatIsRefusedSaysWhy) {
+  serve();
+  const Ran refused = run(
+      {"endpoints", "register", std::string(ORBServiceManagerXPCHandler::kMaxNameBytes + 1, 'n')});
+  EXPECT_EQ(refused.status, kExitFailed);
+  EXPECT_EQ(refused.output, "");
+  EXPECT_EQ(refused.errors,
+            "servicemanagerctl: the service manager refused: The name is too long.\n");
+}
+
+TEST_F(XPCCommandsTest, FilesAreToldAsATable) {
+  serve();
+  const std::string known = folder_.write("known", "abc");
+  signatures_.addValid(known, SecStaticCode::Kind::kProgram, "com.vantor.sample");
+  attributes_.set(
+      known, kWhereFromsAttribute,
+      *writePropertyList(Array{"https://example.com/known"}, PropertyListFormat::kBinary));
+  const std::string unknown = folder_.path("unknown");
+  const Ran told = run({"execinfo", known, unknown});
+  EXPECT_EQ(told.status, 0);
+  EXPECT_EQ(told.output, known +
+                             "\n"
+                             "  signing  valid: com.vantor.sample\n"
+                             "  sha256   " +
+                             kAbc +
+                             "\n"
+                             "  source   https://example.com/known\n" +
+                             unknown +
+                             "\n"
+                             "  signing  -\n"
+                             "  sha256   -\n"
+                             "  source   -\n");
+  EXPECT_EQ(told.errors, "");
+}
+
+TEST_F(XPCCommandsTest, FilesAreToldToPrograms) {
+  serve();
+  const std::string known = folder_.write("known", "abc");
+  const Ran told = run({"execinfo", "--json", folder_.path("folder/../known"), "/nowhere"});
+  EXPECT_EQ(told.status, 0);
+  EXPECT_EQ(
+      nlohmann::json::parse(told.output),
+      (nlohmann::json{{{"path", known}, {"signing", ""}, {"sha256", kAbc}, {"source", ""}},
+                      {{"path", "/nowhere"}, {"signing", ""}, {"sha256", ""}, {"source", ""}}}));
+}
+
+TEST_F(XPCCommandsTest, APathThatIsNoTextIsRefusedByName) {
+  serve();
+  const Ran told = run({"execinfo", folder_.path("\xff")});
+  EXPECT_EQ(told.status, kExitFailed);
+  EXPECT_THAT(told.errors, HasSubstr("UTF-8"));
+}
+
+TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"endpoints", "lookup", "name"},
+        {"endpoints", "register", "name"},
+        {"execinfo", "/bin/true"}}) {
+    const Ran alone = run(command);
+    EXPECT_EQ(alone.status, kExitNobodyThere);
+    EXPECT_EQ(alone.output, "");
+    EXPECT_THAT(alone.errors,
+                HasSubstr("no service manager serves endpoints below /srv/root; is it running?"));
+  }
+}
+
+TEST_F(XPCCommandsTest, AnotherProductsDaemonIsNotTrusted) {
+  daemonsSystem_.setBootTime(FakeSystemInformation::kBootTime + 1);
+  serve();
+  const Ran stranger = run({"execinfo", "/bin/true"});
+  EXPECT_EQ(stranger.status, kExitNotAuthenticated);
+  EXPECT_EQ(stranger.output, "");
+  EXPECT_THAT(stranger.errors, HasSubstr("not this product's service manager"));
+}
+
+}  // namespace
