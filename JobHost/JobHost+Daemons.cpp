@@ -15,6 +15,13 @@ namespace jobhost {
 
 using platform::Result;
 
+namespace {
+
+// How often a host without a state file tries to write one, for the sake of the daemons.
+constexpr platform::Duration kStateInterval = std::chrono::seconds(10);
+
+}  // namespace
+
 void JobHost::forgetDismissals(const DaemonFolder& folder) {
   // Behind a fault the file may still be there; but no number of those makes this grow.
   if (!folder.faults.empty() && dismissed_.size() <= kMaximumDaemonFiles) return;
@@ -79,6 +86,16 @@ void JobHost::loadDaemons(std::vector<JobDefinition> definitions) {
       load(std::move(definition));
     }
   }
+}
+
+void JobHost::loadDaemonsWhenWritable(std::vector<JobDefinition> definitions) {
+  daemonsToLoad_ = std::move(definitions);
+  stateTimer_ = loop_.startTimer(kStateInterval, platform::RunLoop::Repeat::kEvery, [this] {
+    compactIfWanted();
+    if (!state_->isWritable()) return;
+    const auto timer = std::move(stateTimer_);  // It lives until this has run.
+    loadDaemons(std::exchange(daemonsToLoad_, {}));
+  });
 }
 
 void JobHost::load(JobDefinition definition) {

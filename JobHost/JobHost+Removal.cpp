@@ -123,6 +123,7 @@ void JobHost::finishRemoval(Job& job) {
 void JobHost::shutDown(std::move_only_function<void()> completion) {
   isShuttingDown_ = true;
   onShutDown_ = std::move(completion);
+  stateTimer_.reset();
   for (auto& [label, job] : jobs_) {
     if (job.removal && !job.removal->killTimer) armKill(job);
   }

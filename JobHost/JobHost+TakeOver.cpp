@@ -30,13 +30,14 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
   forgetDismissals(daemons);
   // From here on the new file says what was found, so that nothing is found twice.
   if (auto written = state_->compact(snapshot(), dismissed_); !written) {
-    if (!state_->isWritable()) return written;
-    // The old file says the same, if at greater length. A full disk is no reason to leave the jobs
-    // to themselves.
-    log(platform::ASL_LEVEL_WARNING, fmt::format("{}; the file of the host before is used further",
-                                                 platform::describe(written.error())));
+    // A full disk is no reason to leave the jobs to themselves, nor to be absent.
+    const bool goesOn = state_->isWritable();  // The old file says the same, if at greater length.
+    log(goesOn ? platform::ASL_LEVEL_WARNING : platform::ASL_LEVEL_ERR,
+        fmt::format("{}; {}", platform::describe(written.error()),
+                    goesOn ? "the file of the host before is used further"
+                           : "no job is started until it can be written"));
     // Where even that fails, each record that would be appended tries it again.
-    if (auto mended = state_->mend(); !mended) {
+    if (auto mended = state_->mend(); goesOn && !mended) {
       log(platform::ASL_LEVEL_WARNING, platform::describe(mended.error()));
     }
   }
@@ -45,7 +46,11 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
   }
-  loadDaemons(std::move(unknown));
+  if (state_->isWritable()) {
+    loadDaemons(std::move(unknown));
+  } else {
+    loadDaemonsWhenWritable(std::move(unknown));
+  }
   return {};
 }
 

@@ -1,7 +1,10 @@
 // What one host leaves to the next.
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -9,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "JobHost/FileSizeLimit_contract.h"
 #include "JobHost/JobHostFixture_contract.h"
 
 namespace jobhost {
@@ -210,18 +214,83 @@ TEST_F(JobHostWithoutRoom, AHostThatCannotReplaceATornFileGoesOnWithWhatIsInOrde
   EXPECT_EQ(starts(), 4);
 }
 
-TEST_F(JobHostWithoutRoom, AHostWithoutAnyFileThatIsInOrderDoesNotStart) {
-  ASSERT_TRUE(submit(job("com.example.a")));
-  killHost();
-  putObstacle();
-  ASSERT_EQ(::chmod(root_.path("run/vantor/launchd.state").c_str(), 0666), 0);
-  JobHostOptions options;
-  options.root = root_.path();
-  options.bootId = bootId_;
-  const auto host = JobHost::create(loop_, processes_, log_, std::move(options));
-  ASSERT_FALSE(host);
-  EXPECT_NE(platform::describe(host.error()).find("launchd.state.new"), std::string::npos);
+// What a state file may be that is set aside as a whole.
+struct Untrusted {
+  const char* name;
+  void (*make)(const std::string& path);
+};
+
+class JobHostWithoutAnyFile : public JobHostTest, public testing::WithParamInterface<Untrusted> {
+ protected:
+  void startWithoutRoom() {
+    ASSERT_TRUE(submit(job("com.example.a")));
+    killHost();
+    GetParam().make(root_.path("run/vantor/launchd.state"));
+    root_.write("Library/LaunchDaemons/d.plist",
+                "<plist><dict><key>Label</key><string>com.example.d</string><key>Program</key>"
+                "<string>/bin/true</string><key>RunAtLoad</key><true/></dict></plist>");
+    disk_.emplace(10);
+    startHost();
+  }
+
+  std::optional<FileSizeLimit> disk_;
+};
+
+TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsWhenThereIsRoom) {
+  startWithoutRoom();
+  EXPECT_EQ(sink_.count("launchd.state: not trusted: "), 1);
+  EXPECT_EQ(sink_.count("no job is started until it can be written"), 1);
+  EXPECT_TRUE(host_->labels().empty());
+  const std::size_t before = starts();
+  const auto refused = submit(job("com.example.b"));
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().localizedDescription, "job \"com.example.b\": writing " +
+                                                      root_.path("run/vantor/launchd.state.new") +
+                                                      ": " + std::strerror(ENOSPC));
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), before);
+
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(10s);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.d"));
+  EXPECT_EQ(starts(), before + 2);
+  restartHost();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.d"));
+  EXPECT_EQ(starts(), before + 2);
 }
+
+TEST_P(JobHostWithoutAnyFile, StopsOnAFullDisk) {
+  startWithoutRoom();
+  bool isDown = false;
+  host_->shutDown([&] { isDown = true; });
+  loop_.advanceBy(1h);
+  EXPECT_TRUE(isDown);
+  disk_.reset();
+  loop_.advanceBy(1h);
+  EXPECT_TRUE(host_->labels().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, JobHostWithoutAnyFile,
+    testing::Values(
+        Untrusted{"Empty", [](const auto& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }},
+        Untrusted{"OfAnotherBoot",
+                  [](const auto& path) {
+                    // The number of the boot stands behind 13 bytes that say what the file is.
+                    std::fstream(path, std::ios::in | std::ios::out).seekp(13) << '2';
+                  }},
+        Untrusted{"Damaged",
+                  [](const auto& path) {
+                    std::fstream(path, std::ios::in | std::ios::out).seekp(60) << "damage";
+                  }},
+        Untrusted{"Foreign", [](const auto& path) { EXPECT_EQ(::chmod(path.c_str(), 0666), 0); }},
+        Untrusted{"ALink",
+                  [](const auto& path) {
+                    EXPECT_EQ(::unlink(path.c_str()), 0);
+                    EXPECT_EQ(::symlink("/dev/null", path.c_str()), 0);
+                  }}),
+    [](const auto& made) { return made.param.name; });
 
 TEST_F(JobHostTest, AJobThatCannotBeReadAnyMoreIsKeptWithItsProcessAndStartedNoMore) {
   ASSERT_TRUE(submit(job("com.example.a")));

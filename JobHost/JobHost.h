@@ -48,9 +48,10 @@ class JobHost {
   // Takes over what the state file knows, then loads Library/LaunchDaemons/*.plist; both lie below
   // the root. Of what an earlier host of this boot has loaded only the definition is replaced, and
   // what a client removed or replaced stays so; a file that has gone takes no job with it. A job
-  // that can't be taken over, loaded or started is logged. Fails where another
-  // host runs there (after waiting for it for StateFile::kLockPatience), and where the folders for
-  // sockets and state can't be made. The arguments outlive this.
+  // that can't be taken over, loaded or started is logged. Where no state file can be written, as
+  // on a full disk, no job is taken or loaded until one can. Fails where another host runs there
+  // (after waiting for it for StateFile::kLockPatience), and where the folders for sockets and
+  // state can't be made. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
                                                            Processes& processes,
                                                            platform::SystemLog& log,
@@ -133,6 +134,7 @@ class JobHost {
   std::vector<JobDefinition> refreshDaemons(DaemonFolder folder);
   platform::Result<void> refresh(Job& job, const JobDefinition& definition);
   void loadDaemons(std::vector<JobDefinition> definitions);
+  void loadDaemonsWhenWritable(std::vector<JobDefinition> definitions);
   void load(JobDefinition definition);
 
   platform::RunLoop& loop_;
@@ -145,6 +147,8 @@ class JobHost {
   std::map<std::string, Job, std::less<>> jobs_;
   std::size_t totalCost_ = 0;  // of all jobs
   Labels dismissed_;
+  std::vector<JobDefinition> daemonsToLoad_;  // when there is a state file
+  std::unique_ptr<platform::RunLoopHandle> stateTimer_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   // Whoever answers looks whether this still lives.

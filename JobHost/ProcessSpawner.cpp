@@ -44,6 +44,8 @@ constexpr int kStandardFiles = 3;
 // Above every number that a descriptor of the child gets.
 constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
 constexpr mode_t kNewFileMode = 0644;
+// How often a child that somebody may have stopped is told to go on, before its program.
+constexpr platform::Duration kContinueInterval = std::chrono::milliseconds(50);
 constexpr char kNull[] = "/dev/null";
 constexpr char kDefaultPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
 
@@ -224,6 +226,11 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   return {};
 }
 
+timespec timespecOf(platform::Duration duration) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+  return {seconds.count(), (duration - seconds).count()};
+}
+
 std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
                           const JobAccount& account) {
   using platform::quoted;
@@ -232,6 +239,8 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
       return "the new process";
     case ChildStage::kSession:
       return "setsid";
+    case ChildStage::kTimers:
+      return "setting the time for the start";
     case ChildStage::kIdentity:
       return "reading the new process's start time from /proc";
     case ChildStage::kRecord:
@@ -267,9 +276,11 @@ bool pidfdsAreUnique() {
   return self && ::fstatfs(self.get(), &status) == 0 && status.f_type == kPidfdFileSystem;
 }
 
-Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLimit) {
+Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLimit,
+                                              platform::Duration patience) {
   ProcessSpawner spawner;
   spawner.originalDescriptorLimit_ = originalDescriptorLimit;
+  spawner.patience_ = patience;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
   auto own = lookUpAccount({}, {});
   if (!own) return std::unexpected(std::move(own.error()));
@@ -291,6 +302,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
 
 ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
+      patience_(other.patience_),
       hasUniquePidfds_(other.hasUniquePidfds_),
       ownAccount_(std::move(other.ownAccount_)),
       null_(std::move(other.null_)),
@@ -307,6 +319,9 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
     error.context.insert(0, fmt::format("job {}: ", platform::quoted(job.label)));
     return std::unexpected(std::move(error));
   };
+  if (listener >= 0 && job.machServices.empty()) {
+    return failed(Error{ErrorCode::kInvalid, 0, "a socket is passed to it, and it has no service"});
+  }
   const bool isOwn = !job.userName && !job.groupName;
   auto account = isOwn ? ownAccount_ : lookUpAccount(job.userName, job.groupName);
   if (!account) return failed(std::move(account.error()));
@@ -327,7 +342,11 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   child.startRecord = ticket.record.data();
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
+  child.continueEvery = timespecOf(kContinueInterval);
+  child.patience = timespecOf(patience_);
 
+  // The kernel lets this thread wait until the child has executed its program or ended, whatever
+  // anybody does to it meanwhile: the child's own timers see to it that this does not take long.
   int pidfd = -1;
   int process = -1;
   {
@@ -343,7 +362,12 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
       [&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), nullptr, WEXITED | __WALL); });
   const std::string stage = describeStage(child, job, *account);
   if (child.error == 0) {
-    return failed(Error{ErrorCode::kSystem, 0, stage + ": somebody killed the new process"});
+    const auto seconds = std::chrono::duration<double>(patience_).count();
+    return failed(
+        Error{ErrorCode::kSystem, 0,
+              fmt::format("{}: somebody killed the new process, or it had not come to its "
+                          "program after {} s",
+                          stage, seconds)});
   }
   return failed(Error{ErrorCode::kSystem, child.error, stage});
 }

@@ -24,23 +24,29 @@ struct StartTicket {
 // grow with the host. One at a time, from one thread.
 class ProcessSpawner {
  public:
+  // How long a process may take to come to its program: the host waits for it.
+  static constexpr platform::Duration kPatience = std::chrono::seconds(5);
+
   struct Spawned {
     platform::ProcessId process = 0;
     platform::UniqueFd pidfd;
   };
 
   // `originalDescriptorLimit` is the soft limit that the processes get where their job sets none.
-  static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit);
+  static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit,
+                                                 platform::Duration patience = kPatience);
 
   ProcessSpawner(ProcessSpawner&&) noexcept;
   ProcessSpawner& operator=(ProcessSpawner&&) = delete;
   ~ProcessSpawner();
 
   // Returns when the program is being executed, and the record of `ticket` is in its file. The
-  // process gets `listener` as its descriptor 3 where that is not -1.
+  // process gets `listener` as its descriptor 3 where that is not -1; the job then has a service.
   //
   // The error says which stage failed (finding the user, opening which file, fork, setuid, exec
   // ...) and why; there is no process then, but the record may be in the file, in part or whole.
+  // Somebody who stops the process on its way delays it a little; one that takes longer than the
+  // patience is killed.
   platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
                                   platform::Descriptor listener);
 
@@ -51,6 +57,7 @@ class ProcessSpawner {
   ProcessSpawner() = default;
 
   std::uint64_t originalDescriptorLimit_ = 0;
+  platform::Duration patience_{};
   bool hasUniquePidfds_ = false;
   // The host's own, which most jobs run as; the same for as long as the host runs.
   JobAccount ownAccount_;

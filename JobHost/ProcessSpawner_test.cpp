@@ -1,11 +1,17 @@
 #include "JobHost/ProcessSpawner.h"
 
+#include <array>
+#include <atomic>
+#include <bit>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -256,6 +262,107 @@ TEST_F(ProcessSpawnerTest, WithoutADescriptorForItThereIsNoFork) {
   ASSERT_FALSE(spawned);
   EXPECT_EQ(platform::describe(spawned.error()),
             std::string("job \"com.example.job\": fork: ") + std::strerror(EMFILE));
+}
+
+TEST_F(ProcessSpawnerTest, ASocketIsNotPassedToAJobWithoutAService) {
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const auto spawned = spawn(script("echo ran"), socket.get());
+  ASSERT_FALSE(spawned);
+  EXPECT_EQ(spawned.error().code, ErrorCode::kInvalid);
+  EXPECT_EQ(output(), "");
+}
+
+// Who is on its way to its program for ever: its start is never recorded, since nobody reads what
+// is in the pipe already.
+class ProcessOnItsWay : public ProcessSpawnerTest {
+ protected:
+  static constexpr int kPipeBytes = 4096;
+
+  ProcessOnItsWay() {
+    int ends[2];
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    reader_.reset(ends[0]);
+    file_.reset(ends[1]);
+    EXPECT_EQ(::fcntl(file_.get(), F_SETPIPE_SZ, kPipeBytes), kPipeBytes);
+    const std::vector<char> filling(kPipeBytes, 'x');
+    EXPECT_EQ(::write(file_.get(), filling.data(), filling.size()), kPipeBytes);
+  }
+
+  // Spawns while another thread does something to the process, as soon as it is about to record
+  // itself, for as long as it is to be there.
+  platform::Result<ProcessSpawner::Spawned> spawnBeside(
+      const std::function<void(int process, const std::atomic<bool>& isOver)>& somebody) {
+    const JobDefinition job = script("echo ran");
+    record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
+    std::atomic<bool> isOver = false;
+    std::thread thread([&] {
+      int process = 0;
+      while (!isOver && process == 0) process = recordedProcess();
+      if (process != 0) somebody(process, isOver);
+    });
+    auto spawned = spawner_->spawn(job, {file_.get(), record_}, -1);
+    isOver = true;
+    thread.join();
+    return spawned;
+  }
+
+  UniqueFd reader_;
+
+ private:
+  // The new process puts it there: it shares this memory.
+  int recordedProcess() const {
+    const volatile std::uint8_t* bytes = record_.data() + sizeof(RecordHeader);
+    std::array<std::uint8_t, sizeof(std::int32_t)> copy;
+    for (std::uint8_t& byte : copy) byte = *bytes++;
+    return std::bit_cast<std::int32_t>(copy);
+  }
+};
+
+TEST_F(ProcessOnItsWay, IsKilledWhenItTakesTooLong) {
+  auto impatient = ProcessSpawner::create(kDescriptorLimit, std::chrono::milliseconds(1));
+  ASSERT_TRUE(impatient);
+  spawner_.emplace(*std::move(impatient));
+  EXPECT_THAT(refusal(script("echo ran")),
+              EndsWith(": somebody killed the new process, or it had not come to its program after "
+                       "0.001 s"));
+  EXPECT_EQ(output(), "");
+}
+
+TEST_F(ProcessOnItsWay, IsKilledAlsoWhileSomebodyKeepsItStopped) {
+  auto impatient = ProcessSpawner::create(kDescriptorLimit, std::chrono::milliseconds(200));
+  ASSERT_TRUE(impatient);
+  spawner_.emplace(*std::move(impatient));
+  int stops = 0;
+  const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
+    for (; !isOver; std::this_thread::yield()) stops += ::kill(process, SIGSTOP) == 0 ? 1 : 0;
+  });
+  ASSERT_FALSE(spawned);
+  EXPECT_THAT(platform::describe(spawned.error()), HasSubstr("it had not come to its program"));
+  EXPECT_GT(stops, 0);
+  expectReaped();
+  EXPECT_EQ(output(), "");
+}
+
+TEST_F(ProcessOnItsWay, GoesOnWhenSomebodyHasStoppedIt) {
+  bool hasGoneOn = false;
+  const auto spawned = spawnBeside([&](int process, const std::atomic<bool>&) {
+    EXPECT_EQ(::kill(process, SIGSTOP), 0);
+    siginfo_t info{};
+    hasGoneOn = ::waitid(P_PID, static_cast<id_t>(process), &info, WCONTINUED | WNOWAIT) == 0;
+    char bytes[kPipeBytes];
+    EXPECT_EQ(::read(reader_.get(), bytes, sizeof bytes), kPipeBytes);
+  });
+  ASSERT_TRUE(spawned) << platform::describe(spawned.error());
+  EXPECT_TRUE(hasGoneOn);
+  EXPECT_EQ(awaitEnd(*spawned), ExitStatus{});
+  EXPECT_EQ(output(), "ran\n");
+}
+
+TEST_F(ProcessSpawnerTest, AProgramThatRunsHasNoMoreTimers) {
+  auto impatient = ProcessSpawner::create(kDescriptorLimit, std::chrono::seconds(1));
+  ASSERT_TRUE(impatient);
+  spawner_.emplace(*std::move(impatient));
+  EXPECT_EQ(outputOfScript("cat /proc/$$/timers; echo end"), "end\n");
 }
 
 }  // namespace

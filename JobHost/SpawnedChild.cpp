@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -34,6 +35,18 @@ struct KernelSignalAction {
 int failure(SpawnedChild& child) {
   child.error = errno != 0 ? errno : EIO;
   return 1;
+}
+
+// The kernel signals a process by its timers whatever ids it has taken by then, and whether or not
+// it stands still; when it executes its program they go.
+bool startTimer(int signal, const timespec& first, const timespec& every) {
+  sigevent event{};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = signal;
+  int timer = 0;  // The kernel's number of it.
+  if (::syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer) != 0) return false;
+  const itimerspec times{every, first};
+  return ::syscall(SYS_timer_settime, timer, 0, &times, nullptr) == 0;
 }
 
 // The caller's start time; 0 where /proc can't say.
@@ -138,6 +151,9 @@ void writeNumber(char* place, long number) {
 bool prepare(SpawnedChild& child) {
   child.stage = ChildStage::kSession;
   if (::syscall(SYS_setsid) < 0) return false;
+  child.stage = ChildStage::kTimers;
+  if (!startTimer(SIGCONT, child.continueEvery, child.continueEvery)) return false;
+  if (!startTimer(SIGKILL, child.patience, {})) return false;
   const long process = ::syscall(SYS_getpid);
   // Before the limits, which may forbid it to write.
   if (!writeStartRecord(child, process)) return false;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include <sys/resource.h>
 #include <sys/types.h>
@@ -12,6 +13,7 @@ namespace jobhost {
 enum class ChildStage : int {
   kBegin,
   kSession,
+  kTimers,
   kIdentity,  // reading its own start time
   kRecord,
   kDescriptors,
@@ -57,6 +59,11 @@ struct SpawnedChild {
   std::size_t limitCount;
   int umask;  // -1 for the host's
   int nice;   // 0 for the host's
+
+  // Once it has its user's ids, others of that user may stop it. It is told to go on this often,
+  // and killed where it has not come to its program after the whole time.
+  timespec continueEvery;
+  timespec patience;
 
   int stateFile;
   std::uint8_t* startRecord;

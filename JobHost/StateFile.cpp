@@ -153,6 +153,7 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   auto lock = takeLock(folder + kLockName, loop);
   if (!lock) return std::unexpected(std::move(lock.error()));
   self.lock_ = *std::move(lock);
+  self.whyNoFile_ = Error{ErrorCode::kNotFound, 0, self.path_ + " has not been made"};
   auto trusted = readTrusted(self.path_, bootId);
   if (trusted) {
     opened.jobs = std::move(trusted->contents.jobs);
@@ -172,6 +173,12 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
 }
 
 Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& dismissed) {
+  auto replaced = replaceBy(jobs, dismissed);
+  if (!replaced) whyNoFile_ = replaced.error();
+  return replaced;
+}
+
+Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels& dismissed) {
   const auto bytes = contentsOf(jobs, dismissed, bootId_);
   if (!bytes) return std::unexpected(bytes.error());
   const std::string temporary = path_ + kNewSuffix;
@@ -203,7 +210,8 @@ Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& d
 }
 
 bool StateFile::wantsCompaction() const {
-  return size_ > std::max(2 * compactedSize_, kSmallBytes) || size_ + kRoomBytes > kMaximumBytes;
+  return !file_ || size_ > std::max(2 * compactedSize_, kSmallBytes) ||
+         size_ + kRoomBytes > kMaximumBytes;
 }
 
 std::size_t StateFile::costOf(std::string_view label, std::size_t submissionBytes) {
@@ -224,6 +232,7 @@ Result<void> StateFile::mend() {
 }
 
 Result<void> StateFile::makeReady(std::size_t recordBytes) {
+  if (!file_) return std::unexpected(whyNoFile_);
   if (auto mended = mend(); !mended) return mended;
   if (size_ + recordBytes <= kMaximumBytes) return {};
   return std::unexpected(Error{ErrorCode::kExhausted, 0,

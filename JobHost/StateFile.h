@@ -51,8 +51,9 @@ class StateFile {
   };
 
   // The state file in `folder` and what it holds. Where none is in order nothing can be appended
-  // until compact() has put a new one in its place. One with a torn record is set aside by a second
-  // name, and goes on under its own, by compact() or mend(). `bootId` names the boot that goes on.
+  // until compact() has put a new one in its place; each append then says why that failed. One with
+  // a torn record is set aside by a second name, and goes on under its own, by compact() or mend().
+  // `bootId` names the boot that goes on.
   //
   // No other host can open it meanwhile: one that still runs is waited for, by `loop`, as are the
   // processes that a killed one had started and that have not executed their programs yet. Fails
@@ -65,7 +66,7 @@ class StateFile {
 
   // Replaces the file by one that holds these. The old one stays where that fails.
   platform::Result<void> compact(std::span<const StoredJob> jobs, const Labels& dismissed = {});
-  // Whether the file holds much that is out of date, or has little room left.
+  // Whether there is no file, or one that holds much that is out of date or has little room left.
   bool wantsCompaction() const;
 
   // Cuts a torn record off where there is one, which takes no room on the disk. Each append does so
@@ -101,6 +102,7 @@ class StateFile {
  private:
   StateFile() = default;
 
+  platform::Result<void> replaceBy(std::span<const StoredJob> jobs, const Labels& dismissed);
   platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
   platform::Result<void> appendRecord(std::span<const std::uint8_t> record);
   platform::Result<void> makeReady(std::size_t recordBytes);
@@ -111,6 +113,7 @@ class StateFile {
   // knows that none is on its way.
   platform::UniqueFd lock_;
   platform::UniqueFd file_;
+  platform::Error whyNoFile_;  // where there is none
   std::size_t size_ = 0;
   std::size_t compactedSize_ = 0;
   bool isTorn_ = false;        // there is more in the file than `size_`

@@ -1,16 +1,16 @@
 #include "JobHost/StateFile.h"
 
-#include <csignal>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "JobHost/FileSizeLimit_contract.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 
@@ -355,26 +355,6 @@ TEST_F(StateFileTest, ACostIsWhatACompactedFileHoldsAtMost) {
   EXPECT_EQ(file->mark() - empty, StateFile::costOf(job.label, submission));
 }
 
-// Lets no file grow beyond a size while it lives: what is written across it is cut short, as on a
-// full disk.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(std::size_t size) {
-    handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &before_), 0);
-    const rlimit limit{size, before_.rlim_max};
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-  }
-  ~FileSizeLimit() {
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before_), 0);
-    std::signal(SIGXFSZ, handler_);
-  }
-
- private:
-  rlimit before_{};
-  sighandler_t handler_;
-};
-
 TEST_F(StateFileTest, ARecordThatFindsNoRoomLeavesTheFileAsItWas) {
   auto file = create();
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
@@ -402,6 +382,32 @@ TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
   file.reset();
   EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
+}
+
+TEST_F(StateFileTest, WithoutAFileEachRecordIsRefusedWithTheReason) {
+  for (const char* const content : {"", "no state file"}) {
+    put(content);
+    auto opened = open();
+    StateFile& file = *opened.file;
+    EXPECT_EQ(opened.warnings.size(), 1);
+    EXPECT_FALSE(file.isWritable());
+    {
+      const FileSizeLimit limit(10);
+      EXPECT_FALSE(file.compact({}));
+      EXPECT_TRUE(file.wantsCompaction());
+      const auto refused = file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+      ASSERT_FALSE(refused);
+      EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+      EXPECT_EQ(platform::describe(refused.error()),
+                "writing " + path_ + ".new: " + std::strerror(ENOSPC));
+      EXPECT_FALSE(file.makeStartRecord("a", {}));
+      EXPECT_FALSE(file.appendRemoving("a"));
+      EXPECT_EQ(::access((path_ + ".new").c_str(), F_OK), -1);
+    }
+    ASSERT_TRUE(file.compact({}));
+    EXPECT_FALSE(file.wantsCompaction());
+    EXPECT_TRUE(file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  }
 }
 
 TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 #include <fcntl.h>
@@ -147,6 +148,18 @@ ExitStatus ChildProgram::waitForExit() {
 std::string ChildProgram::restOfOutput() { return readToItsEnd(output_.get()); }
 
 std::string ChildProgram::errors() { return readToItsEnd(errors_.get()); }
+
+void runTestAsNobody(const std::string& name) {
+  ChildProgram nobody(
+      {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+       std::filesystem::read_symlink("/proc/self/exe").string(), "--gtest_filter=" + name},
+      {});
+  std::string output;
+  while (const auto line = nobody.nextLineIfAny()) output += *line + "\n";
+  EXPECT_EQ(nobody.waitForExit(), ExitStatus{}) << nobody.errors();
+  EXPECT_NE(output.find("] 1 test"), output.npos) << output;
+  EXPECT_EQ(output.find("[  FAILED  ]"), output.npos) << output;
+}
 
 NotifySocket::NotifySocket(const std::string& path)
     : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {

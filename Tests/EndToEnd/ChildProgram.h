@@ -49,6 +49,10 @@ class ChildProgram {
   UniqueFd errors_;
 };
 
+// Runs a test of this program alone in a process of a user with no rights and no groups, and wants
+// it to pass, or to be skipped.
+void runTestAsNobody(const std::string& name);
+
 // A service manager's datagram socket.
 class NotifySocket {
  public:

@@ -1,6 +1,5 @@
 // The daemon and its job host as an ordinary user, who owns the platform root.
 
-#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,22 +13,10 @@ namespace {
 
 class DaemonOrdinaryUser : public DaemonFixture {};
 
-// Runs the current test alone as a user with no rights and no groups.
-void runThisTestAsNobody() {
-  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-  const std::string name = std::string(test.test_suite_name()) + "." + test.name();
-  ChildProgram nobody(
-      {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-       std::filesystem::read_symlink("/proc/self/exe").string(), "--gtest_filter=" + name},
-      {});
-  std::string output;
-  while (const auto line = nobody.nextLineIfAny()) output += *line + "\n";
-  EXPECT_EQ(nobody.waitForExit(), ExitStatus{}) << nobody.errors();
-  EXPECT_NE(output.find("[  PASSED  ] 1 test."), output.npos) << output;
-}
-
 TEST_F(DaemonOrdinaryUser, RunsTheProductBelowARootOfItsOwn) {
-  if (::geteuid() == 0) return runThisTestAsNobody();
+  if (::geteuid() == 0) {
+    return runTestAsNobody("DaemonOrdinaryUser.RunsTheProductBelowARootOfItsOwn");
+  }
   start(2);
   const std::string owner = std::to_string(::geteuid());
   root_.awaitLog("real UID: " + owner + " | effective UID: " + owner);

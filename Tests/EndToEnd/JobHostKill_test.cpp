@@ -30,10 +30,15 @@ using platform::ProcessId;
 constexpr int kJobs = 20;
 constexpr ExitStatus kKilled{ExitStatus::Kind::kSignalled, SIGKILL};
 
-// Whether this machine lets a program be traced.
+// Whether this machine lets this user trace a program that runs already.
 bool canTrace() {
-  ChildProgram strace({"/usr/bin/strace", "-o", "/dev/null", "/bin/true"}, {});
-  return strace.waitForExit() == ExitStatus{};
+  ChildProgram cat({"/bin/cat"}, {});
+  ChildProgram strace({"/usr/bin/strace", "-o", "/dev/null", "-p", std::to_string(cat.process())},
+                      {});
+  const bool isAttached = strace.nextErrorLine().ends_with(" attached");
+  strace.signal(SIGTERM);
+  strace.waitForExit();
+  return isAttached;
 }
 
 std::string firstArgument(const std::filesystem::path& process) {
@@ -337,5 +342,38 @@ TEST_F(JobHostKill, WhileAProcessHasNotYetExecutedItsProgram) {
   expectNoneLostNoneDoubled();
   expectKilledJobIsStartedAgain(extra, now[extra]);
 }
+
+TEST_F(JobHostKill, IsNotNeededWhenSomebodyStopsAProcessBeforeItsProgram) {
+  const std::string extra = label(kJobs);
+  // While it is the host's still, and when it has become its user's.
+  for (const std::string call : {"getpid", "chdir"}) {
+    {
+      const Tracer tracer(host_->process(), {"-f", "-e", "inject=" + call + ":signal=SIGSTOP"});
+      host_->send("submit " + extra + " 0");
+      EXPECT_EQ(host_->nextLine(), "done");
+    }
+    EXPECT_EQ(list().size(), kJobs + 1);
+    expectNoneLostNoneDoubled();
+    host_->send("remove " + extra);
+    ASSERT_EQ(host_->nextLine(), "done");
+  }
+  EXPECT_EQ(list(), jobs_);
+}
+
+// An ordinary user's host is as sure.
+class JobHostKillAsNobody : public testing::TestWithParam<const char*> {};
+
+TEST_P(JobHostKillAsNobody, LosesAndDoublesNone) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the tests of JobHostKill are an ordinary user's already";
+  platform::runTestAsNobody(std::string("JobHostKill.") + GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, JobHostKillAsNobody,
+                         testing::Values("AtEverySystemCallOfASubmission",
+                                         "AtEverySystemCallOfAnExit",
+                                         "AtEverySystemCallOfANewProcess",
+                                         "WhileAProcessHasNotYetExecutedItsProgram",
+                                         "IsNotNeededWhenSomebodyStopsAProcessBeforeItsProgram"),
+                         [](const auto& name) { return std::string(name.param); });
 
 }  // namespace
