@@ -48,7 +48,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   enum class Awaited { kHello, kMatch };
 
   void connect();
-  void connectLater();
+  void connectAfter(Duration delay);
   void peerEnded();
   void keepSignals();
   void lost();
