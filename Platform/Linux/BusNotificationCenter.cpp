@@ -242,6 +242,7 @@ void BusNotificationCenter::lost() {
   // The next bus has the same socket, which is there already: whoever waits at it before the bus
   // starts hears also what is posted first. One that did not even say Hello is given time.
   const bool wasRegistered = std::exchange(registered_, false);
+  mayHaveMissed_ = true;
   awaited_.clear();
   early_.clear();
   earlyBytes_ = 0;
@@ -283,8 +284,11 @@ std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCente
 }
 
 void BusNotificationCenter::observe(const std::string& rule) {
-  if (rules_[rule]++ > 0 || !connection_) return;
-  if (requestMatch(rule)) waitForConfirmation();
+  if (rules_[rule]++ > 0) return;
+  // One wait is enough for a bus that does not answer.
+  const bool isAnswering = connection_ && !mayHaveMissed_;
+  if (connection_ && requestMatch(rule) && isAnswering) waitForConfirmation();
+  if (!registered_ || !awaited_.empty()) mayHaveMissed_ = true;
 }
 
 void BusNotificationCenter::forget(const std::string& rule) {
@@ -407,6 +411,15 @@ void BusNotificationCenter::handleReply(DBusMessage& reply) {
   } else if (what == Awaited::kHello) {
     registered();
   }
+  if (mayHaveMissed_ && registered_ && awaited_.empty()) tellOfReturn();
+}
+
+// Later: a reply may be looked at while an observer is being added.
+void BusNotificationCenter::tellOfReturn() {
+  mayHaveMissed_ = false;
+  loop_.post([center = std::weak_ptr(alive_)] {
+    if (const auto alive = center.lock()) (*alive)->returnObservers_.tell();
+  });
 }
 
 void BusNotificationCenter::handleSignal(DBusMessage& signal) {
