@@ -36,7 +36,8 @@ enum class NSNotificationPosting { kThisSession, kPostToAllSessions };
 // and nobody answers. The poster gets its own, too, if it observes the name.
 //
 // Announcing is not delivering: where the bus is gone a post is lost, which is logged, and nobody
-// is told what was posted before he observed. Observers stay through a restart of the bus.
+// is told what was posted before he observed. Observers stay through a restart of the bus; what was
+// posted meanwhile passes them by, and observeReturn() tells of that.
 class DistributedNotificationCenter {
  public:
   using Handler = std::function<void(const DistributedNotification&)>;
@@ -53,11 +54,17 @@ class DistributedNotificationCenter {
   // Calls `handler` on the run loop for each notification of that name about that object; nothing
   // stands for any. Observers that a notification suits are called in the order of adding. Returns
   // when the bus has confirmed it, so that nothing posted from then on is missed: blocks for two
-  // seconds at most, and where the bus is gone it observes from when that is back. On the run
-  // loop's thread.
+  // seconds at most, and where the bus is gone, or has let such a wait pass, it observes from when
+  // that is back. On the run loop's thread.
   [[nodiscard]] virtual std::unique_ptr<Observation> addObserver(
       std::optional<std::string> name, std::optional<std::string> object, Handler handler,
       NSNotificationSuspensionBehavior behavior = NSNotificationSuspensionBehavior::kCoalesce) = 0;
+
+  // Calls `handler` on the run loop, and never from inside a call of this centre, each time that
+  // the bus has confirmed all observers after a time in which they may have missed something: it
+  // was gone, or did not answer. On the run loop's thread.
+  [[nodiscard]] virtual std::unique_ptr<Observation> observeReturn(
+      std::function<void()> handler) = 0;
 
   // Posts, and returns without waiting for anybody. What can't be sent (no bus; a user info that is
   // no dictionary, has a remote object in it or is too large; an empty name) is logged and dropped.

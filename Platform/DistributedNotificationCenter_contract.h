@@ -233,4 +233,39 @@ TEST_P(DistributedNotificationCenterContract, ObserversAreThereAgainWhenTheBusIs
   runUntil([&] { return has("before") && has("during"); });
 }
 
+TEST_P(DistributedNotificationCenterContract, TheReturnOfTheBusIsToldOnceItsObserversAreThere) {
+  const Observation observer = center().addObserver("com.vantor.a", "after", note());
+  const Observation before = center().observeReturn([this] { calls_.push_back("told"); });
+  Observation ended = center().observeReturn([this] { calls_.push_back("ended"); });
+  deliver();
+  EXPECT_TRUE(calls_.empty());
+  harness_->stopBus();
+  const Observation during = center().observeReturn([this] {
+    calls_.push_back("told");
+    center().postNotificationName("com.vantor.a", "after", {}, kThisSession);
+  });
+  ended.reset();
+  harness_->startBus();
+  EXPECT_TRUE(calls_.empty());
+  runUntil([&] { return !got_.empty(); });
+  EXPECT_THAT(calls_, testing::ElementsAre("told", "told"));
+  EXPECT_EQ(got_.size(), 1U);
+}
+
+TEST_P(DistributedNotificationCenterContract, AHandlerOfTheReturnMayEndTheOthersAndItself) {
+  Observation first;
+  Observation second;
+  const auto endBoth = [&] {
+    calls_.push_back("told");
+    first.reset();
+    second.reset();
+  };
+  first = center().observeReturn(endBoth);
+  second = center().observeReturn(endBoth);
+  harness_->stopBus();
+  harness_->startBus();
+  runUntil([&] { return !calls_.empty(); });
+  EXPECT_THAT(calls_, testing::ElementsAre("told"));
+}
+
 }  // namespace platform

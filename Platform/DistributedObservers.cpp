@@ -51,6 +51,29 @@ std::vector<std::optional<std::string>> DistributedObservers::names() const {
   return names;
 }
 
+class ReturnObservers::Observer final : public DistributedNotificationCenter::Observation {
+ public:
+  explicit Observer(std::shared_ptr<Entry> entry) : entry_(std::move(entry)) {}
+
+ private:
+  std::shared_ptr<Entry> entry_;
+};
+
+std::unique_ptr<DistributedNotificationCenter::Observation> ReturnObservers::add(
+    std::function<void()> handler) {
+  std::erase_if(entries_, [](const auto& entry) { return entry.expired(); });
+  auto entry = std::make_shared<Entry>(std::move(handler));
+  entries_.push_back(entry);
+  return std::make_unique<Observer>(std::move(entry));
+}
+
+void ReturnObservers::tell() {
+  // A copy: handlers may add others.
+  for (const auto& observer : std::vector(entries_)) {
+    if (const auto handler = observer.lock()) (*handler)();
+  }
+}
+
 Result<void> checkDistributedNotification(const DistributedNotification& notification) {
   const auto invalid = [](const char* what) {
     return std::unexpected(Error{ErrorCode::kInvalid, 0, what});

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,21 @@ class DistributedObservers {
  private:
   std::vector<std::weak_ptr<Entry>> entries_;
   std::atomic<std::uint64_t> nextNumber_ = 0;  // Posts of other threads ask for it.
+};
+
+// Who wants to know that the observers are with the bus again. Belongs to one thread.
+class ReturnObservers {
+ public:
+  [[nodiscard]] std::unique_ptr<DistributedNotificationCenter::Observation> add(
+      std::function<void()> handler);
+  // Calls all, in the order of adding. Whoever is let go of before his turn is not called.
+  void tell();
+
+ private:
+  using Entry = std::function<void()>;
+  class Observer;
+  // Shared with their observations, and with a call that runs at this moment.
+  std::vector<std::weak_ptr<Entry>> entries_;
 };
 
 // Whether it can be posted: a name, and a user info that is a dictionary or nil and holds no remote

@@ -197,9 +197,9 @@ BusNotificationCenter::~BusNotificationCenter() = default;
 void BusNotificationCenter::connect() {
   // Anybody may have filled the bus's backlog: connecting must not wait for its turn.
   auto socket = connectToSocket(socketPath_, Duration::zero());
-  if (!socket) return connectLater();
+  if (!socket) return connectAfter(kRetryTime);
   auto connection = openOverSocket(*std::move(socket));
-  if (!connection) return connectLater();
+  if (!connection) return connectAfter(kRetryTime);
   connection_ = *std::move(connection);
   dbus_connection_set_exit_on_disconnect(connection_.get(), 0);
   dbus_connection_set_max_message_size(connection_.get(), 2 * kMaxNotificationBytes);
@@ -213,8 +213,8 @@ void BusNotificationCenter::connect() {
   if (!sayHello()) lost();
 }
 
-void BusNotificationCenter::connectLater() {
-  retry_ = loop_.startTimer(kRetryTime, RunLoop::Repeat::kOnce, [this] { connect(); });
+void BusNotificationCenter::connectAfter(Duration delay) {
+  retry_ = loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this] { connect(); });
 }
 
 void BusNotificationCenter::peerEnded() {
@@ -239,12 +239,15 @@ void BusNotificationCenter::lost() {
   if (connection_) keepSignals();
   sources_.reset();
   connection_.reset();
-  registered_ = false;
+  // The next bus has the same socket, which is there already: whoever waits at it before the bus
+  // starts hears also what is posted first. One that did not even say Hello is given time.
+  const bool wasRegistered = std::exchange(registered_, false);
+  mayHaveMissed_ = true;
   awaited_.clear();
   early_.clear();
   earlyBytes_ = 0;
   if (!stash_.empty()) dispatchLater();
-  connectLater();
+  connectAfter(wasRegistered ? Duration::zero() : kRetryTime);
 }
 
 void BusNotificationCenter::dispatchLater() {
@@ -281,8 +284,11 @@ std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCente
 }
 
 void BusNotificationCenter::observe(const std::string& rule) {
-  if (rules_[rule]++ > 0 || !connection_) return;
-  if (requestMatch(rule)) waitForConfirmation();
+  if (rules_[rule]++ > 0) return;
+  // One wait is enough for a bus that does not answer.
+  const bool isAnswering = connection_ && !mayHaveMissed_;
+  if (connection_ && requestMatch(rule) && isAnswering) waitForConfirmation();
+  if (!registered_ || !awaited_.empty()) mayHaveMissed_ = true;
 }
 
 void BusNotificationCenter::forget(const std::string& rule) {
@@ -405,6 +411,15 @@ void BusNotificationCenter::handleReply(DBusMessage& reply) {
   } else if (what == Awaited::kHello) {
     registered();
   }
+  if (mayHaveMissed_ && registered_ && awaited_.empty()) tellOfReturn();
+}
+
+// Later: a reply may be looked at while an observer is being added.
+void BusNotificationCenter::tellOfReturn() {
+  mayHaveMissed_ = false;
+  loop_.post([center = std::weak_ptr(alive_)] {
+    if (const auto alive = center.lock()) (*alive)->returnObservers_.tell();
+  });
 }
 
 void BusNotificationCenter::handleSignal(DBusMessage& signal) {

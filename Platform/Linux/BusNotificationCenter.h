@@ -40,6 +40,9 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
                                            std::optional<std::string> object, Handler handler,
                                            NSNotificationSuspensionBehavior behavior) override;
+  std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
+    return returnObservers_.add(std::move(handler));
+  }
   void postNotificationName(std::string_view name, std::optional<std::string> object,
                             Value userInfo, NSNotificationPosting posting) override;
 
@@ -48,13 +51,14 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   enum class Awaited { kHello, kMatch };
 
   void connect();
-  void connectLater();
+  void connectAfter(Duration delay);
   void peerEnded();
   void keepSignals();
   void lost();
   void dispatchLater();
   bool sayHello();
   void registered();
+  void tellOfReturn();
 
   void observe(const std::string& rule);
   void forget(const std::string& rule);
@@ -77,12 +81,15 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   const std::thread::id thread_ = std::this_thread::get_id();
 
   DistributedObservers observers_;
+  ReturnObservers returnObservers_;
   std::map<std::string, int> rules_;  // match rules and how many observers need each
 
   // In the order in which they go: the sources before the connection that they drive.
   UniqueDBusConnection connection_;
   std::unique_ptr<DBusSources> sources_;
   bool registered_ = false;
+  // What was posted since may have passed the observers by: until the bus has confirmed them all.
+  bool mayHaveMissed_ = false;
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
   std::deque<UniqueDBusMessage> early_;       // posts that wait for the registration
   std::size_t earlyBytes_ = 0;

@@ -51,6 +51,7 @@ class ScriptedHost {
 
   void die() { transport_.die(); }
   void hang() { transport_.hang(); }
+  void goOn() { transport_.goOn(); }
 
   std::vector<std::string> asked;
   int connections = 0;
@@ -210,7 +211,73 @@ TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
   startHost(keeping());
   EXPECT_EQ(
       timeOf([&] { expectError(submit(), LaunchdError::kInternal, "did not answer within 30 s"); }),
-      30s);
+      30s + JobHostClient::kLifeSignTime);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckCostsOneWaitHoweverManyLabelsAreAskedFor) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  EXPECT_EQ(timeOf([&] {
+              for (int i = 0; i < 1000; ++i) {
+                expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "does not answer");
+                expectError(remove(), LaunchdError::kInternal, "does not answer");
+                EXPECT_TRUE(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel).isNil());
+              }
+            }),
+            0s);
+  // However much later.
+  loop_.advanceBy(1h);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  EXPECT_EQ(kept_.size(), 3u);  // The first, and two for a sign of life.
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainAtOnce) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.runReady();
+  ASSERT_EQ(kept_.size(), 3u);
+  for (const PeerMessage& message : std::exchange(kept_, {}))
+    EXPECT_TRUE(message.reply->answer(Value()));
+  EXPECT_FALSE(submit());  // The loop has not heard of it.
+  loop_.runReady();
+  loop_.scheduleOutsideEvent(1s, [this] { EXPECT_TRUE(kept_.at(0).reply->answer(Value())); });
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 1s);
+}
+
+TEST_F(EmbeddedJobsTest, TheNextHostIsAskedAtOnceAfterOneThatWasStuck) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  host_->die();
+  startHost(answering(Value()));
+  loop_.runReady();
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatOnlyTakesLongOverOneQuestionIsAskedTheOthers) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
+  EXPECT_TRUE(remove(false));
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsNotAskedAgainForAWhile) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
+  EXPECT_EQ(timeOf([&] {
+              expectError(submit(), LaunchdError::kInternal, "is there, but does not answer");
+            }),
+            0s);
+  loop_.advanceBy(JobHostClient::kSilentHostPause - 1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
+  host_->goOn();
+  loop_.advanceBy(JobHostClient::kSilentHostPause);
+  EXPECT_TRUE(submit());
 }
 
 struct RemovalTime {
@@ -226,7 +293,7 @@ TEST_F(EmbeddedJobsTest, ARemovalMayTakeAsLongAsTheJobIsGivenToEnd) {
     Dictionary job = *job_.dictionary();
     if (!exitTimeOut.isNil()) job.set("ExitTimeOut", exitTimeOut);
     startHost([&](PeerMessage message) {
-      if (message.selector == kCopyJobMessage) return answering(job)(std::move(message));
+      if (message.selector != kRemoveJobMessage) return answering(job)(std::move(message));
       kept_.push_back(std::move(message));
     });
     EXPECT_EQ(timeOf([&] { expectError(remove(), LaunchdError::kInternal, "did not answer"); }),

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Linux/JobHostMessages.h"
+
 namespace platform {
 namespace {
 
@@ -11,12 +13,14 @@ using namespace std::chrono_literals;
 // How often a host that is not there is looked for.
 constexpr Duration kLookEvery = 50ms;
 
+// Somebody holds the socket: to start another host would be no help.
+Error silent(const std::string& socket) {
+  return Error{ErrorCode::kSystem, ETIMEDOUT,
+               "the job host at " + socket + " is there, but does not answer"};
+}
+
 Error unreachable(const PeerConnectFailure& failure, const std::string& socket) {
-  if (failure.kind == PeerConnectFailure::Kind::kTimedOut) {
-    // Somebody holds the socket: to start another host would be no help.
-    return Error{ErrorCode::kSystem, ETIMEDOUT,
-                 "the job host at " + socket + " is there, but does not answer"};
-  }
+  if (failure.kind == PeerConnectFailure::Kind::kTimedOut) return silent(socket);
   Error error = failure.error;
   error.context = "the job host can't be reached: " + error.context;
   switch (failure.kind) {
@@ -71,6 +75,8 @@ Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
     const auto connected = connectOnce();
     if (connected) return {};
+    if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut)
+      silentUntil_ = loop_.now() + kSilentHostPause;
     if (!mayPass(connected.error()) || loop_.now() >= deadline) {
       return std::unexpected(unreachable(connected.error(), socket_));
     }
@@ -82,13 +88,24 @@ Result<void> JobHostClient::connect(Instant deadline) {
 // this one still owed.
 void JobHostClient::dropConnection() {
   connection_.reset();
+  isSilent_ = false;
   for (auto& [id, request] : requests_) {
     if (!request.nextTry) repeat(id);
   }
 }
 
+// The next question would be one more that is not answered.
+void JobHostClient::lookForLife() {
+  const auto sign = connection_->call(kMayChangeJobsMessage, {}, kLifeSignTime);
+  if (sign || sign.error().name != kNSPortTimeoutException) return;
+  isSilent_ = true;
+  connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
+                         [this](const PeerResult&) { isSilent_ = false; });
+}
+
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
                                                   Duration timeout) {
+  if (isSilent()) return std::unexpected(silent(socket_));
   Instant deadline = loop_.now() + patience_;
   bool repeated = false;
   for (;;) {
@@ -102,6 +119,7 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
     if (result) return Answer{*std::move(result), repeated};
     const bool hasEnded = result.error().name == kNSInvalidSendPortException;
     if (hasEnded) dropConnection();
+    if (result.error().name == kNSPortTimeoutException) lookForLife();
     // On an old connection the host may have ended long ago: the next one is owed a try.
     if (!hasEnded || (repeated && isFresh && loop_.now() >= deadline)) {
       return std::unexpected(unanswered(result.error(), socket_, timeout));

@@ -22,6 +22,10 @@ class JobHostClient {
  public:
   // How long a host that has ended is waited for: as long as one takes to be restarted.
   static constexpr Duration kPatience = std::chrono::seconds(5);
+  // What a host that has let a question's time pass gets to show that it only takes long over that.
+  static constexpr Duration kLifeSignTime = std::chrono::seconds(1);
+  // How long one that takes no connections is not asked again.
+  static constexpr Duration kSilentHostPause = std::chrono::seconds(10);
 
   struct Answer {
     Value value;
@@ -35,10 +39,12 @@ class JobHostClient {
                 Duration patience = kPatience)
       : transport_(transport), loop_(loop), socket_(std::move(socket)), patience_(patience) {}
 
-  // Blocks until the host has answered, for `timeout` at most once it has been reached. Fails with
-  // kDenied where this user may not connect, with kNotFound where no host was there, with another
-  // kind where it did not answer; `osError` is ETIMEDOUT where it is there and does not answer, and
-  // otherwise set where the system gave a reason.
+  // Blocks until the host has answered, for `timeout` at most once it has been reached, and one
+  // second more where that has passed. A host that is there and gives no sign of life costs one
+  // such wait and not one for each call: until the loop hears of it, the next ones fail at once.
+  // Fails with kDenied where this user may not connect, with kNotFound where no host was there,
+  // with another kind where it did not answer; `osError` is ETIMEDOUT where it is there and does
+  // not answer, and otherwise set where the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
   using Completion = std::move_only_function<void(Result<Answer>)>;
@@ -66,6 +72,8 @@ class JobHostClient {
   std::expected<void, PeerConnectFailure> connectOnce();
   Result<void> connect(Instant deadline);
   void dropConnection();
+  bool isSilent() const { return isSilent_ || loop_.now() < silentUntil_; }
+  void lookForLife();
   void tryLater(RequestId id, Duration delay);
   void ask(RequestId id);
   void answered(RequestId id, PeerResult result);
@@ -77,6 +85,8 @@ class JobHostClient {
   std::string socket_;
   Duration patience_;
   std::unique_ptr<PeerConnection> connection_;
+  bool isSilent_ = false;  // The connection has an unanswered question.
+  Instant silentUntil_{};  // No connection could be made.
   std::map<RequestId, Request> requests_;
   RequestId lastRequest_ = 0;
 };

@@ -17,6 +17,10 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
         bus_.observers_.add(std::move(name), std::move(object), std::move(handler)));
   }
 
+  std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
+    return bus_.returnObservers_.add(std::move(handler));
+  }
+
   void postNotificationName(std::string_view name, std::optional<std::string> object,
                             Value userInfo, NSNotificationPosting /*posting*/) override {
     DistributedNotification notification{std::string(name), std::move(object), std::move(userInfo)};
@@ -45,6 +49,11 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
 };
 
 FakeNotificationBus::~FakeNotificationBus() = default;
+
+void FakeNotificationBus::start() {
+  if (running_.exchange(true)) return;
+  loop_.post([this] { returnObservers_.tell(); });
+}
 
 std::unique_ptr<DistributedNotificationCenter> FakeNotificationBus::makeCenter(SystemLog& log) {
   return std::make_unique<Center>(*this, log);

@@ -22,9 +22,9 @@ class FakeNotificationBus {
   // What can't be posted is logged there, as the real centre does.
   std::unique_ptr<DistributedNotificationCenter> makeCenter(SystemLog& log);
 
-  // What is posted while it is stopped is lost.
+  // What is posted while it is stopped is lost. Its return is told once it has been stopped.
   void stop() { running_ = false; }
-  void start() { running_ = true; }
+  void start();
 
  private:
   class Center;
@@ -32,6 +32,7 @@ class FakeNotificationBus {
   RunLoop& loop_;
   std::atomic<bool> running_ = true;
   DistributedObservers observers_;
+  ReturnObservers returnObservers_;
 };
 
 }  // namespace platform

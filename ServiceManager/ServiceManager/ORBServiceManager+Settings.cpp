@@ -39,6 +39,16 @@ void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;  // The installer's mode ends, too.
 }
 
+// The primary service may have gone, or come, or both. What the watchdog would find out in up to a
+// quarter of an hour is found out now; in normal mode the settings may be others, too.
+void ORBServiceManager::handleNotificationsReturn() {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
+  if (primaryServiceNotificationClient_) primaryServiceNotificationClient_->serverDidStart({});
+  const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
+  evaluateWaitingForPrimaryServiceOperatingMode();
+  if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
+}
+
 void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",

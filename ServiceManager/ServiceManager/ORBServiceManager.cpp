@@ -240,6 +240,8 @@ void ORBServiceManager::observeSettings() {
   observe(kConfigurationServerWillShutdown,
           &ORBServiceManager::handleGlobalSettingsServerWillShutdown);
   observe(kSettingsDidChange, &ORBServiceManager::handleGlobalSettingsDidChange);
+  observations_.push_back(
+      platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {

@@ -101,6 +101,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void handleGlobalSettingsServerWillShutdown(
       const platform::DistributedNotification& notification);
   void handleGlobalSettingsDidChange(const platform::DistributedNotification& notification);
+  // Notices may have been missed: decides as if those of the primary service and of a change of the
+  // settings had come.
+  void handleNotificationsReturn();
   void globalSettingsServerDidRestart(SettingsClient& client) override;
   // The installer has finished. Always true.
   bool evaluateServices();

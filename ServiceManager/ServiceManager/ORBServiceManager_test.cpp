@@ -363,6 +363,68 @@ TEST_F(StartUpTest, APrimaryServiceThatGoesDownAndComesBackHasEverythingEvaluate
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
 }
 
+// Notices that nobody hears because the bus has gone.
+
+TEST_F(StartUpTest, APrimaryServiceThatComesBackWhileTheBusIsGoneIsNoticedWhenThatReturns) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  post("com.vantor.notification.configd.willshutdown");
+  stopConfigurationServer();
+  bus_.stop();
+  startConfigurationServer();
+  post("com.vantor.notification.configd.didstart");
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  takeLog();
+  bus_.start();
+  loop_.runReady();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+}
+
+TEST_F(StartUpTest, APrimaryServiceThatIsStillDownWhenTheBusReturnsIsHeardLater) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  bus_.stop();
+  stopConfigurationServer();
+  bus_.start();
+  loop_.runReady();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  startConfigurationServer();
+  post("com.vantor.notification.configd.didstart");
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+}
+
+TEST_F(StartUpTest, ASettingThatChangedWhileTheBusWasGoneIsEvaluatedWhenThatReturns) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  bus_.stop();
+  post("KLXGlobalSettingsDidChangeNotification",
+       Dictionary{{"KLXGlobalSettingsKeyModified", "mode"}});
+  takeLog();
+  bus_.start();
+  loop_.runReady();
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
+}
+
+TEST_F(StartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  manager().shutdownServices({kAgent});
+  loop_.runReady();
+  takeLog();
+  bus_.stop();
+  bus_.start();
+  loop_.runReady();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_EQ(countInLog("Evaluating"), 0u);
+  EXPECT_FALSE(isRunning(kAgent));
+}
+
 TEST_F(StartUpTest, ASettingsChangeIsObserved) {
   startConfigurationServer();
   start();

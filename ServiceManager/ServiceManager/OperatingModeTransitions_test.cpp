@@ -18,7 +18,7 @@ enum Mode : std::int64_t {
   kInstaller = ORBOperatingModeInstaller,
   kWaiting = ORBOperatingModeWaitingForPrimaryService,
 };
-enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog };
+enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog, kBusReturn };
 enum class Server { kUp, kDown };
 enum class Action { kNone, kEvaluate, kStartPrimary, kStopServices };
 
@@ -67,6 +67,14 @@ constexpr std::array kTransitions{
     Transition{kInstaller, Event::kWatchdog, Server::kDown, kInstaller},
     Transition{kWaiting, Event::kWatchdog, Server::kUp, kNormal, Action::kEvaluate},
     Transition{kWaiting, Event::kWatchdog, Server::kDown, kWaiting},
+
+    // Any notice may have been lost meanwhile.
+    Transition{kNormal, Event::kBusReturn, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kNormal, Event::kBusReturn, Server::kDown, kWaiting},
+    Transition{kInstaller, Event::kBusReturn, Server::kUp, kInstaller},
+    Transition{kInstaller, Event::kBusReturn, Server::kDown, kInstaller},
+    Transition{kWaiting, Event::kBusReturn, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kWaiting, Event::kBusReturn, Server::kDown, kWaiting},
 };
 
 std::string nameOf(Mode mode) {
@@ -93,6 +101,8 @@ std::string nameOf(Event event) {
       return "ServerDown";
     case Event::kWatchdog:
       return "Watchdog";
+    case Event::kBusReturn:
+      return "BusReturn";
   }
   return "";
 }
@@ -142,6 +152,9 @@ class TransitionFixture : public ServiceManagerFixture {
       case Event::kWatchdog:
         manager().evaluateWaitingForPrimaryServiceOperatingMode();
         break;
+      case Event::kBusReturn:
+        manager().handleNotificationsReturn();
+        break;
     }
   }
 
@@ -174,10 +187,10 @@ INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, testing::ValuesIn(kTransitions),
                          });
 
 TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
-  EXPECT_EQ(kTransitions.size(), 3u * 5 * 2);
+  EXPECT_EQ(kTransitions.size(), 3u * 6 * 2);
   for (const Mode mode : {kNormal, kInstaller, kWaiting}) {
-    for (const Event event :
-         {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown, Event::kWatchdog}) {
+    for (const Event event : {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown,
+                              Event::kWatchdog, Event::kBusReturn}) {
       for (const Server server : {Server::kUp, Server::kDown}) {
         EXPECT_EQ(std::ranges::count_if(kTransitions,
                                         [&](const Transition& row) {

@@ -48,6 +48,9 @@ class DeafCenter final : public platform::DistributedNotificationCenter {
       Handler /*handler*/, platform::NSNotificationSuspensionBehavior /*behavior*/) override {
     return nullptr;
   }
+  std::unique_ptr<Observation> observeReturn(std::function<void()> /*handler*/) override {
+    return nullptr;
+  }
   void postNotificationName(std::string_view /*name*/, std::optional<std::string> /*object*/,
                             platform::Value /*userInfo*/,
                             platform::NSNotificationPosting /*posting*/) override {}

@@ -117,17 +117,7 @@ DaemonRoot::DaemonRoot()
     changed();
   }));
 
-  const auto bus = jobs_.SMJobSubmit(
-      kSMDomainSystemLaunchd,
-      Dictionary{
-          {"Label", kBus},
-          {"ProgramArguments", Array{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
-                                     "--nosyslog", "--config-file=" + folder().path("bus.conf")}},
-          {"MachServices", Dictionary{{kBus, true}}},
-          {"KeepAlive", true},
-          {"ThrottleInterval", 0}},
-      nullptr);
-  EXPECT_TRUE(bus) << bus.error().localizedDescription;
+  startBus();
   center_ = makeBusNotificationCenter(*loop_, busAddress(path()), systemLog_);
   observations_.push_back(
       center_->addObserver(kDidStart, std::nullopt, [this](const DistributedNotification&) {
@@ -211,6 +201,20 @@ void DaemonRoot::startDaemon(const std::optional<std::string>& program) {
   expectStart();
   const auto submitted = jobs_.SMJobSubmit(kSMDomainSystemLaunchd, Value(std::move(job)), nullptr);
   EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
+}
+
+void DaemonRoot::startBus() {
+  const auto bus = jobs_.SMJobSubmit(
+      kSMDomainSystemLaunchd,
+      Dictionary{
+          {"Label", kBus},
+          {"ProgramArguments", Array{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
+                                     "--nosyslog", "--config-file=" + folder().path("bus.conf")}},
+          {"MachServices", Dictionary{{kBus, true}}},
+          {"KeepAlive", true},
+          {"ThrottleInterval", 0}},
+      nullptr);
+  EXPECT_TRUE(bus) << bus.error().localizedDescription;
 }
 
 void DaemonRoot::killDaemon() {

@@ -69,6 +69,8 @@ class DaemonRoot {
   // Submits the daemon's job; `program` stands in for the daemon and executes it in the end.
   void startDaemon(const std::optional<std::string>& program = std::nullopt);
   void remove(std::string_view label);
+  // Submits the bus's job, as the constructor does.
+  void startBus();
   // SIGKILL: the job host starts it again.
   void killDaemon();
   // Somebody else is about to make it start.

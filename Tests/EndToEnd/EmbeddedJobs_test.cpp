@@ -1,5 +1,6 @@
 #include "Platform/Linux/EmbeddedJobs.h"
 
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -88,6 +89,28 @@ class RealOffice final : public AuthorizationOffice {
 std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<RealOffice>(); }
 
 INSTANTIATE_TEST_SUITE_P(Embedded, AuthorizationContract, testing::Values(&makeOffice));
+
+TEST(StoppedJobHostTest, CostsOneWaitUntilItGoesOn) {
+  JobHostRoot root;
+  const std::unique_ptr<AsioRunLoop> loop = std::move(*AsioRunLoop::create());
+  DBusPeerTransport transport(*loop);
+  JobHostClient client(transport, *loop, jobHostSocket(root.folder().path()));
+  const auto ask = [&] { return client.call(kCopyJobStatesMessage, {}, 50ms); };
+  ASSERT_TRUE(client.call(kCopyJobStatesMessage, {}, 1min));
+  root.stopHost();
+  const Instant start = loop->now();
+  for (int i = 0; i < 1000; ++i) {
+    const auto answer = ask();
+    ASSERT_FALSE(answer);
+    EXPECT_EQ(answer.error().osError, ETIMEDOUT);
+  }
+  EXPECT_LT(loop->now() - start, 1000 * 50ms);
+  root.continueHost();
+  const auto look = loop->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (client.call(kCopyJobStatesMessage, {}, 1min)) loop->stop();
+  });
+  loop->run();
+}
 
 }  // namespace
 }  // namespace platform

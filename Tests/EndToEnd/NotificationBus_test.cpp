@@ -232,8 +232,47 @@ TEST_F(NotificationBusTest, ABusThatDoesNotAnswerHoldsNobodyUpForLong) {
   for (int i = 0; i < 64; ++i) post("a", Dictionary{{"key", text}});
   EXPECT_THAT(sink_.texts(), testing::Contains(testing::HasSubstr("does not read")));
   bus_.program().signal(SIGCONT);
-  deliver();
+  const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (!got_.empty()) loop_->stop();
+  });
+  loop_->run();
   EXPECT_THAT(got_, testing::Contains("a"));
+}
+
+TEST_F(NotificationBusTest, ABusThatDoesNotAnswerIsWaitedForOnceAndItsReturnIsTold) {
+  int returns = 0;
+  const Observation returned = center_->observeReturn([&] {
+    ++returns;
+    loop_->stop();
+  });
+  deliver();  // Connected.
+  bus_.program().signal(SIGSTOP);
+  const Instant start = loop_->now();
+  std::vector<Observation> observers;
+  for (int i = 0; i < 100; ++i)
+    observers.push_back(center_->addObserver("a" + std::to_string(i), std::nullopt, note()));
+  EXPECT_LT(loop_->now() - start, 100 * 20ms);
+  bus_.program().signal(SIGCONT);
+  loop_->run();
+  EXPECT_EQ(returns, 1);
+  post("a99");
+  deliver();
+  EXPECT_THAT(got_, testing::ElementsAre("a99"));
+}
+
+TEST_F(NotificationBusTest, ABusThatWasNotThereAtFirstReturnsToo) {
+  bus_.stop();
+  const auto early = makeBusNotificationCenter(*loop_, bus_.address(), log_, 20ms);
+  const Observation observer = early->addObserver("a", std::nullopt, note());
+  const Observation returned = early->observeReturn([&] { loop_->stop(); });
+  bus_.start();
+  loop_->run();
+  early->postNotificationName("a", std::nullopt, {}, NSNotificationPosting::kThisSession);
+  const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+    if (!got_.empty()) loop_->stop();
+  });
+  loop_->run();
+  EXPECT_THAT(got_, testing::ElementsAre("a"));
 }
 
 TEST_F(NotificationBusTest, PostsBeforeTheRegistrationAreNotLost) {
