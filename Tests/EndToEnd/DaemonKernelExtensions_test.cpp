@@ -34,8 +34,8 @@ TEST_F(DaemonKernelExtensions, OneThatIsAlwaysTooOldFailsInTheEndAndTheDaemonLiv
   start();
   EXPECT_FALSE(runs(0));
   EXPECT_TRUE(runs(1) && runs(2));
-  EXPECT_EQ(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
-  EXPECT_EQ(root_.logCount("was started 3 times within a minute"), 1u);
+  EXPECT_GE(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
+  EXPECT_GE(root_.logCount("was started 3 times within a minute"), 1u);
   EXPECT_EQ(root_.logCount("has been told"), 0u);
   // The service that needs it is evaluated again five seconds later, and so are no others.
   root_.awaitLog("Evaluating service: " + DaemonRoot::label(0) + "\n", 2);
@@ -64,7 +64,7 @@ TEST_F(DaemonKernelExtensions, OneThatHangsIsEndedByForceAndTheDaemonLives) {
   EXPECT_FALSE(runs(0));
   EXPECT_TRUE(runs(1) && runs(2));
   EXPECT_EQ(extension(kNetwork), 0);
-  EXPECT_EQ(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
+  EXPECT_GE(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
 }
 
 TEST_F(DaemonKernelExtensions, AChangedExtensionIsNotStarted) {
