@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,9 +17,18 @@
 
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Platform/Linux/AsioSerialQueues.h"
+#include "Platform/Linux/FileLogSink.h"
 #include "Platform/Linux/LinuxCodeSignatures.h"
 #include "Platform/Linux/LinuxExtendedAttributes.h"
+#include "Platform/Linux/LinuxSystemInformation.h"
+#include "Platform/Linux/LinuxXPC.h"
+#include "Platform/Testing/FakeCodeSignatures.h"
+#include "Platform/Testing/FakeNotificationBus.h"
+#include "Platform/Testing/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
+#include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/RegistryClient.h"
@@ -32,55 +42,97 @@ constexpr std::size_t kLargeBytes = std::size_t{256} << 20;
 
 const bool kAdded[] = {
     atMost({"registry-lookup", 2,
-            "a name's endpoint from the daemon's registry / a round trip by libdbus alone that "
+            "a name's endpoint from the registry / a round trip by libdbus alone that "
             "passes one descriptor, both pinned"}),
     atMost({"execinfo-large", 1 / 0.9,
-            "execinfo of a file of 256 MiB, warm, asked of the daemon / sha256sum of the same"}),
+            "execinfo of a file of 256 MiB, warm, asked of the service / sha256sum of the same"}),
     atMost({"execinfo-signed", 20,
             "signing and source of a signed program seen before / a round trip by libdbus alone"}),
 };
 
-bool hasFailed() { return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed(); }
+// The two services as the daemon has them, with the log that it writes, in a process that shares
+// this one's priority.
+void serveXPC(const std::string& path, int started) {
+  const std::string root = path + "-root";
+  std::filesystem::create_directories(root + "/run/vantor/mach");
+  FileLogSink sink(path + ".log");
+  SystemLog log(sink, "server");
+  AsioSerialQueues queues(1);
+  Logger2State logger(log, queues);
+  const Logger2Binding binding(logger);
+  VirtualRunLoop loop;
+  FakeNotificationBus bus(loop);
+  const auto center = bus.makeCenter(log);
+  const LinuxSystemInformation system(defaultPlatformConfiguration(root), "/proc");
+  FakeCodeSignatures signatures;
+  LinuxExtendedAttributes attributes;
+  ProtocolTable protocols;
+  addServiceManagerProtocols(protocols);
+  const auto xpc = LinuxXPC::make(log, root, std::nullopt);
+  if (!xpc) return;
+  const auto registry = std::make_shared<ORBServiceManagerXPCHandler>(system, *center, protocols);
+  const auto listener = (*xpc)->xpc().makeListener(kEndpointRegistryService);
+  listener->setDelegate(registry);
+  listener->resume();
+  const auto info = std::make_shared<ORBExecInfoHandler>(
+      ORBExecInfoHandler::Environment{signatures, attributes, protocols}, nullptr);
+  const auto infoListener = (*xpc)->xpc().makeAnonymousListener();
+  infoListener->setDelegate(info);
+  infoListener->resume();
+  registry->registerXPCListenerEndpoint(infoListener->endpoint(), kExecInfoEndpoint);
+  sayStarted(started);
+  for (;;) ::pause();
+}
 
-// The real daemon, on one processor; the calling thread and those that it makes are on the other.
-class PinnedDaemon {
+// A client of theirs in this process.
+struct Client {
+  explicit Client(const ServerProcess& server) : registry(server.path() + "-root", system) {}
+
+  LinuxSystemInformation system{defaultPlatformConfiguration("/"), "/proc"};
+  RegistryClient registry;
+};
+
+// As clients of this kind are written: each reply asks the next question.
+class Chain {
  public:
-  PinnedDaemon() {
-    ::sched_getaffinity(0, sizeof(before_), &before_);
-    root_.setCatalogue(DaemonRoot::catalogue(1));
-    root_.startDaemon();
-    root_.awaitStart();
-    const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
-    const std::filesystem::path tasks = "/proc/" + std::to_string(daemon) + "/task";
-    for (const auto& entry : std::filesystem::directory_iterator(tasks)) {
-      pinTo(1, std::stoi(entry.path().filename()));
-    }
-    pinTo(0);
-    client_.emplace(root_.path(), root_.system());
-  }
-  PinnedDaemon(const PinnedDaemon&) = delete;
-  PinnedDaemon& operator=(const PinnedDaemon&) = delete;
-  ~PinnedDaemon() { ::sched_setaffinity(0, sizeof(before_), &before_); }
+  Chain(NSXPCConnection& connection, Array question)
+      : connection_(connection), question_(std::move(question)) {}
 
-  bool isReady() const { return !hasFailed(); }
-  DaemonRoot& root() { return root_; }
-  RegistryClient& client() { return *client_; }
+  // Whether all answers were right.
+  bool lookUp(int times) {
+    left_ = times;
+    done_ = {};
+    ask();
+    return done_.get_future().get();
+  }
 
  private:
-  cpu_set_t before_{};
-  DaemonRoot root_;
-  std::optional<RegistryClient> client_;
+  void ask() {
+    connection_.sendMessage(
+        RegistryClient::kLookUp, question_,
+        [this](const Array& found) {
+          if (found.empty() || !endpointIn(found.front())) return done_.set_value(false);
+          if (--left_ == 0) return done_.set_value(true);
+          ask();
+        },
+        [this](const NSError&) { done_.set_value(false); });
+  }
+
+  NSXPCConnection& connection_;
+  const Array question_;
+  int left_ = 0;
+  std::promise<bool> done_;
 };
 
 void lookUp(benchmark::State& state) {
-  PinnedDaemon daemon;
-  if (!daemon.isReady()) return state.SkipWithError("no daemon");
-  RegistryClient& client = daemon.client();
-  const auto connection = client.connect();
-  const Array question{client.passkey(), Value(kExecInfoEndpoint)};
-  for (auto _ : state) {
-    const auto found = RegistryClient::ask(*connection, RegistryClient::kLookUp, question);
-    if (!found || !endpointIn(found->front())) return state.SkipWithError("no endpoint");
+  constexpr int kAtOnce = 64;
+  const ServerProcess server(&serveXPC);
+  if (!server.started()) return state.SkipWithError("no server");
+  Client client(server);
+  const auto connection = client.registry.connect();
+  Chain chain(*connection, {client.registry.passkey(), Value(kExecInfoEndpoint)});
+  while (state.KeepRunningBatch(kAtOnce)) {
+    if (!chain.lookUp(kAtOnce)) return state.SkipWithError("no endpoint");
   }
 }
 BENCHMARK(lookUp)->Name("registry-lookup/subject")->UseRealTime();
@@ -111,9 +163,10 @@ const std::string& largeFile() {
 }
 
 void execInfoOfLarge(benchmark::State& state) {
-  PinnedDaemon daemon;
-  if (!daemon.isReady()) return state.SkipWithError("no daemon");
-  const auto service = daemon.client().connectToExecInfo();
+  const ServerProcess server(&serveXPC);
+  if (!server.started()) return state.SkipWithError("no server");
+  Client client(server);
+  const auto service = client.registry.connectToExecInfo();
   if (!service) return state.SkipWithError("no service");
   const std::string& path = largeFile();
   for (auto _ : state) {
@@ -144,7 +197,8 @@ void signingAndSource(benchmark::State& state) {
   ::setxattr(program.c_str(), "user.xdg.origin.url", "https://example.com/agent", 25, 0);
   auto signatures =
       LinuxCodeSignatures::create(root.path(), [&] { return root.loop().wallTime(); });
-  if (!signatures || hasFailed()) return state.SkipWithError("no root");
+  const bool hasFailed = testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed();
+  if (!signatures || hasFailed) return state.SkipWithError("no root");
   LinuxExtendedAttributes attributes;
   ProtocolTable protocols;
   addServiceManagerProtocols(protocols);

@@ -60,6 +60,16 @@ void NSXPCConnection::deliver(SerialQueue::Block block) {
   }
 }
 
+void NSXPCConnection::deliverMessage(SerialQueue::Block block) {
+  {
+    const std::lock_guard lock(mutex_);  // Under which the flag has been set, too: by resume().
+    if (suspensions_ > 0) return held_.push_back(std::move(block));
+    if (!servesAtOnce_) return queue_->async(std::move(block));
+  }
+  xpc_.noteLoopThread();
+  queue_->sync(std::move(block));
+}
+
 void NSXPCConnection::resume() {
   {
     const std::lock_guard lock(mutex_);
@@ -151,8 +161,8 @@ void NSXPCConnection::arrived(PeerMessage message) {
   }
   ++waitingMessages_;
   waitingBytes_ += cost.bytes;
-  deliver([self = shared_from_this(), message = std::move(message), place = std::move(place),
-           bytes = cost.bytes]() mutable {
+  deliverMessage([self = shared_from_this(), message = std::move(message), place = std::move(place),
+                  bytes = cost.bytes]() mutable {
     --self->waitingMessages_;
     self->waitingBytes_ -= bytes;
     place.reset();
@@ -196,14 +206,16 @@ XPCReply NSXPCConnection::makeReply(std::unique_ptr<PeerReply> reply) {
                                                DropOnLoop{&xpc_.environment_.loop});
   return [xpc = &xpc_, right = std::move(right)](Array values) mutable {
     if (!right) return;
-    xpc->environment_.loop.post([xpc, reply = std::unique_ptr<PeerReply>(right.release()),
-                                 values = Value(std::move(values))] {
+    auto answer = [xpc, reply = std::unique_ptr<PeerReply>(right.release()),
+                   values = Value(std::move(values))] {
       const auto answered = reply->answer(values);
       // That the caller has gone is nobody's fault.
       if (!answered && answered.error().code != ErrorCode::kNotFound) {
         xpc->logFailure("A reply could not be sent: " + describe(answered.error()));
       }
-    });
+    };
+    if (xpc->isOnLoop()) return answer();
+    xpc->environment_.loop.post(std::move(answer));
   };
 }
 

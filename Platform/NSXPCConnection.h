@@ -92,6 +92,11 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   // The other side of a Mach service has ended; the next message connects anew.
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
 
+  // For an object that answers at once and waits for nothing: its messages need not go through
+  // other threads. They are served on the queue as ever, but where that is idle, on the XPC's own
+  // thread, which carries all of its connections. Before the first resume().
+  void setServesAtOnce() { servesAtOnce_ = true; }
+
   // Begins to deliver what comes, and to send. Each suspend() needs another resume(); what comes
   // meanwhile waits, within the limits above.
   void resume();
@@ -147,6 +152,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   XPCReply makeReply(std::unique_ptr<PeerReply> reply);
 
   void deliver(SerialQueue::Block block);
+  void deliverMessage(SerialQueue::Block block);
 
   XPC& xpc_;
   const std::shared_ptr<SerialQueue> queue_;  // shared with its pending blocks
@@ -166,6 +172,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
 
   std::mutex mutex_;
   int suspensions_ = 1;
+  bool servesAtOnce_ = false;
   std::deque<SerialQueue::Block> held_;  // while suspended
 
   // The loop's.

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Platform/NSXPCConnection.h"
@@ -62,11 +64,15 @@ class XPC {
   friend class NSXPCListener;
 
   SerialQueues& addQueues();
+  // Whether this is the loop's thread, as far as noteLoopThread() has told.
+  bool isOnLoop() const { return std::this_thread::get_id() == loopThread_; }
+  void noteLoopThread() { loopThread_ = std::this_thread::get_id(); }
   // What the other side or the system did, so many lines a minute at most. On the loop.
   void logFailure(std::string_view line) { failures_.write(line); }
 
   const Environment environment_;
   RefusalLog failures_;
+  std::atomic<std::thread::id> loopThread_;
   // Shared with the messages that wait.
   const std::shared_ptr<WaitingMessages> waiting_ = std::make_shared<WaitingMessages>();
   // The loop's: accepted connections live until they end.

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <limits>
 #include <string>
 
 #include "Platform/PlatformConfiguration.h"
@@ -27,6 +30,9 @@ class LinuxSystemInformation final : public SystemInformation {
   std::string kernelRelease_;
   OperatingSystemVersion osVersion_;
   std::string procFolder_;
+  // What /proc has said while the clocks said the same: it need not be asked again until they say
+  // something else.
+  mutable std::atomic<std::int64_t> confirmedBootTime_ = std::numeric_limits<std::int64_t>::min();
 };
 
 }  // namespace platform

@@ -293,6 +293,16 @@ TEST_F(ProcFolderTest, TheBootTimeIsReadAnewEachTime) {
   EXPECT_EQ(system_.bootTime(), 1767323046);
 }
 
+TEST_F(ProcFolderTest, ABootTimeThatTheClocksConfirmIsReadOnce) {
+  const LinuxSystemInformation real(defaultPlatformConfiguration("/"), "/proc");
+  const auto seconds = real.bootTime();
+  ASSERT_TRUE(seconds);
+  proc_.write("stat", "btime " + std::to_string(*seconds) + "\n");
+  EXPECT_EQ(system_.bootTime(), *seconds);
+  EXPECT_EQ(system_.bootTime(), *seconds);
+  EXPECT_EQ(real.bootTime(), *seconds);
+}
+
 TEST_F(ProcFolderTest, AMalformedBootTimeIsAnErrorThatNamesTheFile) {
   proc_.write("stat", "cpu 1\n");
   const auto seconds = system_.bootTime();

@@ -53,6 +53,7 @@ bool ORBServiceManagerXPCHandler::listener(
                             connection.processIdentifier(), connection.effectiveUserIdentifier()));
   connection.setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
   connection.setExportedObject(shared_from_this());
+  connection.setServesAtOnce();  // A look into a table.
   connection.resume();
   return true;
 }
