@@ -81,6 +81,23 @@ TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutTheFavoured) {
   EXPECT_EQ(out_, (std::vector<std::string>{"anna", "root 0"}));
 }
 
+TEST_F(PeerPlacesTest, AListenerHasSoManyPlacesAndSoManyOfThemKept) {
+  places_ = std::make_shared<PeerPlaces>(kOwn);
+  constexpr std::size_t kForAll = kPeerPlaces - kKeptPeerPlaces;
+  for (std::size_t i = 0; i < kForAll - 1; ++i) EXPECT_TRUE(take(kAnna, std::to_string(i)));
+  EXPECT_TRUE(take(kAnna, "last"));
+  EXPECT_TRUE(out_.empty());
+  EXPECT_TRUE(take(kAnna, "one more"));
+  EXPECT_EQ(out_, std::vector<std::string>{"0"});
+
+  for (std::size_t i = 0; i < kKeptPeerPlaces; ++i) EXPECT_TRUE(take(kRoot, "root"));
+  EXPECT_EQ(out_.size(), 1u);
+  EXPECT_EQ(places_->taken(), kPeerPlaces);
+  EXPECT_TRUE(take(kRoot, "one more"));
+  EXPECT_EQ(out_, (std::vector<std::string>{"0", "1"}));
+  EXPECT_EQ(places_->taken(), kPeerPlaces);
+}
+
 TEST_F(PeerPlacesTest, APlaceThatIsGivenBackIsFree) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kAnna, "anna " + std::to_string(i)));
   give("anna 1");
@@ -105,6 +122,16 @@ TEST(PeerUserCountsTest, AUserHoldsSoManyAndNoMore) {
   first.reset();
   EXPECT_TRUE(counts->hold(kAnna, 2));
   EXPECT_FALSE(counts->hold(kBen, 0));
+}
+
+TEST(PeerUserCountsTest, AListenersUserHoldsSoManyAndNoMore) {
+  const auto counts = std::make_shared<PeerUserCounts>();
+  std::vector<decltype(counts->hold(kAnna, 0))> held;
+  for (std::size_t i = 1; i <= kMaxPeerConnectionsPerUser; ++i) {
+    held.push_back(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
+    EXPECT_TRUE(held.back()) << i;
+  }
+  EXPECT_FALSE(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
 }
 
 }  // namespace

@@ -16,31 +16,40 @@
 namespace platform {
 namespace {
 
+bool isFull(const AnchorSet& set) {
+  return sk_X509_num(set.certificates.get()) >= AnchorStore::kMaxCertificates;
+}
+
+// There is room for it.
 void addCertificate(CertificateHandle certificate, AnchorSet& set) {
-  if (!certificate || sk_X509_num(set.certificates.get()) >= AnchorStore::kMaxCertificates) return;
   // Fills what a certificate caches while one thread alone has it: later ones only read.
   X509_check_purpose(certificate.get(), -1, 0);
   X509_STORE_add_cert(set.store.get(), certificate.get());  // Takes a reference of its own.
   if (sk_X509_push(set.certificates.get(), certificate.get()) > 0) (void)certificate.release();
 }
 
-// How many certificates the file's bytes held.
-int addCertificates(std::span<const std::uint8_t> bytes, AnchorSet& set) {
-  const int before = sk_X509_num(set.certificates.get());
+// Takes the certificates in the file's bytes; what is wrong with them, or nothing.
+std::string_view addCertificates(std::span<const std::uint8_t> bytes, AnchorSet& set) {
+  constexpr std::string_view kTooMany = "holds one certificate too many";
+  int count = 0;
   const unsigned char* next = bytes.data();
   CertificateHandle der(d2i_X509(nullptr, &next, static_cast<long>(bytes.size())));
   if (der) {
+    if (isFull(set)) return kTooMany;
     addCertificate(std::move(der), set);
+    ++count;
   } else {
     const BioHandle bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
     while (bio) {
       CertificateHandle pem(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
       if (!pem) break;
+      if (isFull(set)) return kTooMany;
       addCertificate(std::move(pem), set);
+      ++count;
     }
   }
   takeOpenSslError();
-  return sk_X509_num(set.certificates.get()) - before;
+  return count > 0 ? std::string_view() : "holds no certificate";
 }
 
 }  // namespace
@@ -99,7 +108,9 @@ void AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
   const auto bytes = readToEnd(file->get(), kMaxFileBytes, path);
   if (!bytes) return set.remarks.push_back(describe(bytes.error()));
   const std::span content(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size());
-  if (addCertificates(content, set) == 0) set.remarks.push_back(path + ": holds no certificate");
+  if (const auto fault = addCertificates(content, set); !fault.empty()) {
+    set.remarks.push_back(fmt::format("{}: {}", path, fault));
+  }
 }
 
 }  // namespace platform

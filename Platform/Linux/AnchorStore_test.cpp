@@ -1,5 +1,6 @@
 #include "Platform/Linux/AnchorStore.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -118,6 +119,22 @@ TEST_F(AnchorStoreTest, TheNumberOfFilesIsBounded) {
   write("more.pem", foreignPem());
   EXPECT_EQ(count(), 0);
   EXPECT_THAT(load()->remarks, ElementsAre(HasSubstr("holds more than 64 files")));
+}
+
+TEST_F(AnchorStoreTest, TheNumberOfCertificatesIsBounded) {
+  constexpr int kMost = AnchorStore::kMaxCertificates;
+  for (const int certificates : {kMost - 1, kMost, kMost + 1}) {
+    std::string text;
+    for (int i = 1; i < certificates; ++i) text += foreignPem();  // Beside the one that is there.
+    write("many.pem", text);
+    EXPECT_EQ(count(), std::min(certificates, kMost));
+    if (certificates <= kMost) {
+      EXPECT_THAT(load()->remarks, IsEmpty());
+    } else {
+      EXPECT_THAT(load()->remarks,
+                  ElementsAre(path("many.pem") + ": holds one certificate too many"));
+    }
+  }
 }
 
 TEST_F(AnchorStoreTest, WhatWasChangedWithinTwoSecondsIsLoadedAgain) {

@@ -160,13 +160,15 @@ class AttributeTest : public ForeignSignatureTest {
 };
 
 TEST_F(AttributeTest, AnIdentifierOfEverySizeAllowedIsAccepted) {
-  EXPECT_THAT(refusalWith([](auto* signer) { addIdentifier(signer, "x"); }), IsEmpty());
-  EXPECT_THAT(refusalWith([](auto* signer) { addIdentifier(signer, std::string(255, 'x')); }),
-              IsEmpty());
+  for (const std::size_t size : {std::size_t{1}, kMaxIdentifierBytes - 1, kMaxIdentifierBytes}) {
+    EXPECT_THAT(refusalWith([&](auto* signer) { addIdentifier(signer, std::string(size, 'x')); }),
+                IsEmpty())
+        << size;
+  }
 }
 
 TEST_F(AttributeTest, AnIllFormedIdentifierIsRefused) {
-  const std::string large(256, 'x');
+  const std::string large(kMaxIdentifierBytes + 1, 'x');
   for (const std::string_view text :
        {std::string_view(""), std::string_view("a\nb"), std::string_view("\xff"),
         std::string_view("a\0b", 3), std::string_view("\xe2\x80\xa8"), std::string_view(large)}) {
