@@ -125,6 +125,10 @@ Value KLXGlobalSettingsClient::objectForKey(std::string_view key) {
   return sendMessage("objectForKey:", {Value(key)}).value_or(Value());
 }
 
+platform::MessageResult KLXGlobalSettingsClient::lookAtObjectForKey(std::string_view key) {
+  return lookWithMessage("objectForKey:", {Value(key)});
+}
+
 void KLXGlobalSettingsClient::serverDidStart(const DistributedNotification& notification) {
   VantorDistantObject::serverDidStart(notification);
   if (delegate_) delegate_->globalSettingsServerDidRestart(*this);

@@ -245,6 +245,28 @@ TEST_F(KLXGlobalSettingsClientTest, EachFailedMessageIsOneAttemptOfTenSeconds) {
   EXPECT_EQ(sink_.messagesAtLevel(platform::ASL_LEVEL_ERR).size(), 1u);
 }
 
+TEST_F(KLXGlobalSettingsClientTest, WhoOnlyLooksIsToldOfAFailureWithoutAnErrorInTheLog) {
+  const auto vended = vend("com.vantor.CommonPreferences", server_);
+  const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
+  EXPECT_EQ(client->lookAtObjectForKey("a"), MessageResult(client->objectForKey("a")));
+  serverTransport_.hang();
+  const MessageResult late = client->lookAtObjectForKey("a");
+  ASSERT_FALSE(late);
+  EXPECT_EQ(late.error().name, platform::kNSPortTimeoutException);
+  EXPECT_THAT(sink_.messagesAtLevel(platform::ASL_LEVEL_ERR), testing::IsEmpty());
+}
+
+TEST_F(KLXGlobalSettingsClientTest, AServerThatWasSilentIsAskedAgainOnceItsConnectionIsForgotten) {
+  const auto vended = vend("com.vantor.CommonPreferences", server_);
+  const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
+  serverTransport_.hang();
+  EXPECT_TRUE(client->objectForKey("a").isNil());
+  serverTransport_.goOn();
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(client->objectForKey("a").isNil()); }), 0s);
+  client->forgetConnection();
+  EXPECT_FALSE(client->objectForKey("a").isNil());
+}
+
 TEST_F(KLXGlobalSettingsClientTest, AnotherObjectsRetryingInitialiserRaisesItsTimeOut) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "Platform/Exception.h"
+#include "Platform/NSProxy.h"
 #include "Platform/NameTable.h"
 #include "Platform/Value.h"
 
@@ -16,6 +17,13 @@ class SettingsClient {
 
   // The setting's current value, nil where there is none or the server can't be reached.
   virtual platform::Value objectForKey(std::string_view key) = 0;
+
+  // The same for who only looks: what keeps the server from answering is returned, and not logged.
+  virtual platform::MessageResult lookAtObjectForKey(std::string_view key) = 0;
+
+  // The server's start may have been missed: the next message looks it up, also where it did not
+  // answer lately.
+  virtual void forgetConnection() = 0;
 };
 
 // Who hears of what happens to a client's server.

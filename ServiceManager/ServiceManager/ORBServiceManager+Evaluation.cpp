@@ -107,7 +107,11 @@ void ORBServiceManager::evaluateFeatureService(const std::string& label) {
     if (feature.string() && evaluateFeature(label, *feature.string())) shutDown = false;
   }
   if (!shutDown) return;
-  performAfterDelay(kFeatureShutdownDelay, [this, label] { enforceShutdownForService(label); });
+  const auto due = dueShutdowns_.emplace(label, platform_.runLoop.now() + kFeatureShutdownDelay);
+  performAfterDelay(kFeatureShutdownDelay, [this, label, due] {
+    dueShutdowns_.erase(due);
+    enforceShutdownForService(label);
+  });
 }
 
 bool ORBServiceManager::evaluateFeature(const std::string& label, const std::string& feature) {

@@ -125,6 +125,8 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
       if (key == "second") manager_.setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
       return {};
     }
+    MessageResult lookAtObjectForKey(std::string_view key) override { return objectForKey(key); }
+    void forgetConnection() override {}
 
    private:
     ORBServiceManager& manager_;

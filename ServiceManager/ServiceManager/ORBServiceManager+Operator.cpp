@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <chrono>
+#include <set>
 
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
@@ -62,6 +64,10 @@ void ORBServiceManager::addMarksOfService(Dictionary& facts, std::string_view la
   facts.set(kFactType, serviceTypeForLabel(label, serviceInfo_));
   facts.set(kFactIsMonitored, isServiceBeingTrackedForRespawn(label));
   facts.set(kFactIsStopped, isServiceBeingTrackedForUserClientShutdownRequest(label));
+  if (const auto due = dueShutdowns_.lower_bound(label);
+      due != dueShutdowns_.end() && due->first == label) {
+    facts.set(kFactStopIn, inSeconds(due->second - platform_.runLoop.now()));
+  }
 }
 
 Value ORBServiceManager::operatorOverview() const {
@@ -140,6 +146,7 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
     return;
   }
   Array all;
+  std::set<std::string> silent;
   for (const Value& feature : *features.array()) {
     if (!feature.string()) continue;
     const Value config = featureEntryWithFeatureName(*feature.string(), serviceInfo_)["Config"];
@@ -148,7 +155,7 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
       const Dictionary* switches = configuration["Switches"].dictionary();
       if (!switches) continue;
       for (const auto& [key, expected] : *switches) {
-        all.push_back(switchFacts(feature, configuration["Source"], key, expected));
+        all.push_back(switchFacts(feature, configuration["Source"], key, expected, silent));
       }
     }
   }
@@ -156,7 +163,8 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
 }
 
 Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
-                                     const std::string& key, const Value& expected) const {
+                                     const std::string& key, const Value& expected,
+                                     std::set<std::string>& silent) const {
   Dictionary facts{{kFactFeature, feature}, {kFactKey, key}, {kFactExpected, expected}};
   if (!source.string()) {
     facts.set(kFactOutcome, kOutcomeNoSource);
@@ -170,8 +178,16 @@ Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
     facts.set(kFactOutcome, known == clients.end() ? kOutcomeNotAsked : kOutcomeNoSource);
     return facts;
   }
-  const Value current = known->second->objectForKey(key);
-  setIfKnown(facts, kFactCurrent, current);
-  facts.set(kFactOutcome, outcomeOf(expected, current));
+  // One wait for each server, however many of its switches there are.
+  const MessageResult current = silent.contains(known->first)
+                                    ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
+                                    : known->second->lookAtObjectForKey(key);
+  if (!current) {
+    if (current.error().name == kNSPortTimeoutException) silent.insert(known->first);
+    facts.set(kFactOutcome, kOutcomeNoAnswer);
+    return facts;
+  }
+  setIfKnown(facts, kFactCurrent, *current);
+  facts.set(kFactOutcome, outcomeOf(expected, *current));
   return facts;
 }

@@ -171,6 +171,61 @@ TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
                                               row("unknown", "on", 1, {}, "noSource")}));
 }
 
+// A server that takes the whole time-out over everything.
+class HangingClient final : public SettingsClient {
+ public:
+  explicit HangingClient(VirtualRunLoop& loop) : loop_(loop) {}
+  Value objectForKey(std::string_view key) override {
+    return lookAtObjectForKey(key).value_or(Value());
+  }
+  MessageResult lookAtObjectForKey(std::string_view) override {
+    loop_.sleepFor(10s);
+    return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
+  }
+  void forgetConnection() override {}
+
+ private:
+  VirtualRunLoop& loop_;
+};
+
+TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesItHas) {
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   return std::make_unique<HangingClient>(loop_);
+                 });
+  startAll();
+  const Instant before = loop_.now();
+  const Value facts = manager().operatorFactsOfService(kAgent);
+  EXPECT_EQ(loop_.now() - before, 10s);
+  const Array& switches = *facts[kFactSwitches].array();
+  ASSERT_EQ(switches.size(), 5u);
+  for (std::size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(switches[i][kFactOutcome], Value("noAnswer"));
+    EXPECT_EQ(switches[i][kFactCurrent], Value());
+  }
+  EXPECT_EQ(switches[4][kFactOutcome], Value("noSource"));
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(OperatorTest, AServiceThatIsAboutToBeStoppedIsToldSo) {
+  startAll();
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
+  settings_["common"]["on"] = 0;
+  manager().evaluateSystemConfiguration();
+  loop_.advanceBy(1s);
+  manager().evaluateSystemConfiguration();
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(2.0));  // The first of the two.
+  EXPECT_EQ(ask("overview")[kFactServices][kAgent][kFactStopIn], Value(2.0));
+  EXPECT_EQ(factsOf(kHelper)[kFactStopIn], Value());
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(1.0));
+  loop_.advanceBy(1s);
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(2.0));  // Its end was an evaluation, too.
+  loop_.advanceBy(2s);
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
+}
+
 TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
   startAll();
   kill(kHelper);

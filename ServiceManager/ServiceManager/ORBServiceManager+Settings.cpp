@@ -43,7 +43,13 @@ void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
 // quarter of an hour is found out now; in normal mode the settings may be others, too.
 void ORBServiceManager::handleNotificationsReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
+  // None of them has heard of a start either, and one that was silent is asked again.
   if (primaryServiceNotificationClient_) primaryServiceNotificationClient_->serverDidStart({});
+  if (configurationClients_) {
+    for (const auto& [prefix, client] : *configurationClients_) {
+      if (client) client->forgetConnection();
+    }
+  }
   const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
   evaluateWaitingForPrimaryServiceOperatingMode();
   if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();

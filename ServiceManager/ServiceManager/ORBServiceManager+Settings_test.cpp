@@ -120,6 +120,17 @@ TEST_F(SettingsTest, ThePrimaryServiceThatComesBackIsNoticedAtOnce) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+TEST_F(SettingsTest, WhenTheBusReturnsSettingsServersAreLookedUpAnew) {
+  settings("common");
+  const auto* client =
+      static_cast<FakeSettingsClient*>(manager().configurationWithSelectorPrefix("common"));
+  EXPECT_EQ(manager().configurationWithSelectorPrefix("unknown"), nullptr);
+  startConfigurationServer();
+  manager().handleNotificationsReturn();
+  EXPECT_EQ(client->lookedUpAnew, 1);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
 TEST_F(SettingsTest, TheInstallersEndIsReported) {
   useHealth();
   manager().evaluateServices();

@@ -337,8 +337,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
   void addProgramFacts(platform::Dictionary& facts, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, const platform::Value& features) const;
+  // `silent` are the sources that have been asked for these facts and have not answered.
   platform::Value switchFacts(const platform::Value& feature, const platform::Value& source,
-                              const std::string& key, const platform::Value& expected) const;
+                              const std::string& key, const platform::Value& expected,
+                              std::set<std::string>& silent) const;
   void performAfterDelay(platform::Duration delay, platform::RunLoop::Callback call) {
     delayedCalls_.perform(std::move(call), delay);
   }
@@ -390,6 +392,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::unique_ptr<platform::RunLoopHandle> reevaluationTimer_;
   platform::Instant reevaluationDue_;
   platform::DelayedCalls delayedCalls_;
+  // When which service is stopped, by its label; in the order of the evaluations that decided so.
+  std::multimap<std::string, platform::Instant, std::less<>> dueShutdowns_;
   // Each ends when its process has. A service that was stopped and started again may have two.
   std::list<std::unique_ptr<platform::RunLoopHandle>> exitWatches_;
 };

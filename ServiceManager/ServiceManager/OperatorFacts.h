@@ -28,6 +28,8 @@ inline constexpr char kFactType[] = "Type";                // * see serviceTypeF
 inline constexpr char kFactIsMonitored[] = "IsMonitored";  // * boolean
 // * boolean: a user interface asked for it to be stopped.
 inline constexpr char kFactIsStopped[] = "IsStoppedByUserInterface";
+// * real: seconds until it is stopped, because an evaluation found no switch that asks for it.
+inline constexpr char kFactStopIn[] = "StopIn";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
 inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
@@ -55,7 +57,8 @@ inline constexpr char kFactOutcome[] = "Outcome";  // one of these
 inline constexpr char kOutcomeMatches[] = "matches";
 inline constexpr char kOutcomeDiffers[] = "differs";
 inline constexpr char kOutcomeClashes[] = "clashes";    // of kinds that can't be compared
-inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting, or no answer
+inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting
+inline constexpr char kOutcomeNoAnswer[] = "noAnswer";  // its settings server does not answer
 inline constexpr char kOutcomeNotAsked[] = "notAsked";  // no evaluation has needed it yet
 inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such settings server
 

@@ -136,6 +136,12 @@ class FakeSettingsClient final : public SettingsClient {
     const auto found = settings_.find(std::string(key));
     return found == settings_.end() ? platform::Value() : found->second;
   }
+  platform::MessageResult lookAtObjectForKey(std::string_view key) override {
+    return objectForKey(key);
+  }
+  void forgetConnection() override { ++lookedUpAnew; }
+
+  int lookedUpAnew = 0;
 
  private:
   const std::map<std::string, platform::Value>& settings_;

@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/ConnectionsFolder.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/Tracing.h"
 
 namespace platform {
 namespace {
@@ -80,22 +81,10 @@ class DaemonKill : public DaemonFixture {
 // spread. With this in the environment of the test program it takes them all.
 bool isForEveryCall() { return std::getenv("VANTOR_TEST_EVERY_CALL") != nullptr; }
 
-// Whether this machine lets a program be traced.
-bool canTrace() {
-  ChildProgram strace({"/usr/bin/strace", "-o", "/dev/null", "/bin/true"}, {});
-  return strace.waitForExit() == ExitStatus{};
-}
-
-// One system call of a program: the how many-th of its name it is.
-struct Call {
-  std::string name;
-  int number = 0;
-};
-
 // The calls of the program's first thread in a trace, from where it begins to be ours: before that
 // there is only the loading of its libraries.
-std::vector<Call> callsIn(const std::string& traceFile) {
-  std::vector<Call> calls;
+std::vector<TracedCall> callsOfTheStart(const std::string& traceFile) {
+  std::vector<TracedCall> calls;
   std::map<std::string, int> numbers;
   std::string who;
   bool isOurs = false;
@@ -115,7 +104,7 @@ std::vector<Call> callsIn(const std::string& traceFile) {
   }
   if (isForEveryCall()) return calls;
   // Of many in a row, most of which read the files that are verified, the first and the last.
-  std::vector<Call> kept;
+  std::vector<TracedCall> kept;
   for (std::size_t i = 0; i < calls.size(); ++i) {
     const bool isWithin = i > 0 && i + 1 < calls.size() && calls[i - 1].name == calls[i].name &&
                           calls[i + 1].name == calls[i].name;
@@ -165,7 +154,7 @@ TEST_F(DaemonKill, AtSystemCallsAllOverItsStart) {
   const std::string trace = root_.folder().path("trace");
   writePlan({"-o " + trace});
   EXPECT_EQ(runPlan(1), 1U);
-  const std::vector<Call> calls = callsIn(trace);
+  const std::vector<TracedCall> calls = callsOfTheStart(trace);
   ASSERT_GT(calls.size(), 100U);
   root_.remove(DaemonRoot::kDaemon);  // First: it would start what is removed before it.
   for (const std::string& label : labels()) root_.remove(label);

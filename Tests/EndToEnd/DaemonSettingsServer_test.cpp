@@ -1,13 +1,18 @@
 // Settings that are changed, and what follows: features that start and stop, and values that
 // outlive the server.
 
+#include <chrono>
 #include <csignal>
 #include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/SocketName.h"
+#include "Platform/Linux/UniqueFd.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/CrudeClient.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/SettingsProgram.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
@@ -15,6 +20,7 @@
 namespace platform {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 
 constexpr char kFeatureService[] = "com.vantor.test.feature";
@@ -149,6 +155,43 @@ TEST_F(DaemonSettingsServer, NothingThatWasReadOrSaidYesToIsLostByAKill) {
     EXPECT_EQ(program_->client().sendMessage("persistedBlobForKey:", {"blob"}),
               MessageResult(Value(bytes)));
   }
+}
+
+TEST_F(DaemonSettingsServer, AFloodOfConnectionsAndRequestsKeepsNobodyFromItsSettings) {
+  constexpr char kServer[] = "com.vantor.CommonPreferences";
+  startServer();
+  const ProcessId server = root_.processOf(DaemonRoot::kPrimary);
+  program_->set("large", std::string(50'000, 'x'));
+  program_->set("key", 0);
+  ASSERT_EQ(program_->client().objectForKey("key"), Value(0));
+  // Some that say nothing, and some that ask for more than they read.
+  std::vector<UniqueFd> strangers;
+  const std::string path = pathOfConnection(root_.path(), kServer);
+  while (strangers.size() < 1000 && !HasFailure()) {
+    auto socket = connectToSocket(path, 60s);
+    ASSERT_TRUE(socket) << describe(socket.error());
+    strangers.push_back(std::move(*socket));
+  }
+  std::vector<std::unique_ptr<CrudeClient>> askers;
+  int answers = 0;
+  for (int i = 0; i < 20; ++i) {
+    askers.push_back(std::make_unique<CrudeClient>(root_, kServer));
+    askers.back()->authenticate();
+    for (int call = 0; call < 200; ++call) {
+      askers.back()->peer().callAsync("objectForKey:", {"large"}, Duration::max(),
+                                      [&](const PeerResult&) {
+                                        ++answers;
+                                        root_.changed();
+                                      });
+    }
+    program_->set("key", i);
+    ASSERT_EQ(program_->client().objectForKey("key"), Value(i));
+  }
+  SettingsProgram another(root_);
+  EXPECT_EQ(another.client().objectForKey("key"), Value(19));
+  root_.await("an answer or a refusal for each", [&] { return answers == 20 * 200; });
+  EXPECT_EQ(program_->client().objectForKey("key"), Value(19));
+  EXPECT_EQ(root_.processOf(DaemonRoot::kPrimary), server);
 }
 
 TEST_F(DaemonSettingsServer, TheOperatorReadsAndChangesSettings) {

@@ -1,9 +1,12 @@
 // A service that hangs on a switch, and a settings server that hangs, dies and comes back.
 
 #include <csignal>
+#include <optional>
+#include <string>
 
 #include <gmock/gmock.h>
 
+#include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 
@@ -46,6 +49,11 @@ class DaemonSettings : public testing::Test {
     EXPECT_TRUE(settings.ask("setObject:forKey:sender:", {value, "on", "test"}));
     EXPECT_EQ(settings.ask("objectForKey:", {"on"}), Value(value));
   }
+  // The same without waiting for an answer.
+  void announceSetting(int value) {
+    if (!settings_) settings_ = std::make_unique<UserInterfaceClient>(root_, kServer);
+    EXPECT_TRUE(settings_->ask("setObject:forKey:sender:", {value, "on", "test"}));
+  }
   void awaitRunning(const std::string& label) {
     root_.await(label + " to run", [&] { return client_->wasTold(label, 1); });
   }
@@ -81,6 +89,7 @@ class DaemonSettings : public testing::Test {
   const std::string kFeature = DaemonRoot::label(0);
   const std::string kCore = DaemonRoot::label(1);
   std::unique_ptr<UserInterfaceClient> client_;
+  std::unique_ptr<UserInterfaceClient> settings_;
   std::size_t registered_ = 1;  // how often
 };
 
@@ -126,6 +135,30 @@ TEST_F(DaemonSettings, AServerThatHangsStopsWhatHangsOnItUntilItIsRestarted) {
   awaitRunning(kFeature);
   EXPECT_NE(configurationServer(), before);
   expectAtWork();
+}
+
+TEST_F(DaemonSettings, AServerThatAnswersSlowlyIsWaitedForAndItsAnswersCount) {
+  const ProcessId server = configurationServer();
+  constexpr char kMissing[] = "feature exposes an invalid configuration switch key \"on\"";
+  const std::size_t missing = root_.logCount(kMissing);
+  // It stands still most of the time, whatever the test itself waits for.
+  const std::string process = std::to_string(server);
+  std::optional<ChildProgram> brake;
+  brake.emplace(std::vector<std::string>{"/bin/sh", "-c",
+                                         "while kill -STOP " + process +
+                                             " && /bin/sleep 0.09 && kill -CONT " + process +
+                                             " && /bin/sleep 0.01; do :; done"},
+                std::vector<std::string>{});
+  announceSetting(0);
+  awaitEnd(kFeature);
+  client_->forgetNotices();
+  announceSetting(1);
+  awaitRunning(kFeature);
+  expectAtWork();
+  EXPECT_EQ(root_.logCount(kMissing), missing);
+  EXPECT_EQ(configurationServer(), server);
+  brake.reset();
+  ::kill(server, SIGCONT);
 }
 
 TEST_F(DaemonSettings, AServerThatDiesAgainAndAgainCostsItsServicesNothingForGood) {

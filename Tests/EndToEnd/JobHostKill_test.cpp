@@ -20,26 +20,20 @@
 #include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/Tracing.h"
 
 namespace {
 
+using Call = platform::TracedCall;
+using platform::callsIn;
+using platform::canTrace;
 using platform::ChildProgram;
 using platform::ExitStatus;
 using platform::ProcessId;
+using platform::Tracer;
 
 constexpr int kJobs = 20;
 constexpr ExitStatus kKilled{ExitStatus::Kind::kSignalled, SIGKILL};
-
-// Whether this machine lets this user trace a program that runs already.
-bool canTrace() {
-  ChildProgram cat({"/bin/cat"}, {});
-  ChildProgram strace({"/usr/bin/strace", "-o", "/dev/null", "-p", std::to_string(cat.process())},
-                      {});
-  const bool isAttached = strace.nextErrorLine().ends_with(" attached");
-  strace.signal(SIGTERM);
-  strace.waitForExit();
-  return isAttached;
-}
 
 std::string firstArgument(const std::filesystem::path& process) {
   for (;;) {
@@ -65,29 +59,6 @@ std::multimap<std::string, ProcessId> processesByLabel(const std::string& prefix
   }
   return processes;
 }
-
-// Makes strace do something to a program, from its own next system call on.
-class Tracer {
- public:
-  Tracer(ProcessId process, std::vector<std::string> options,
-         const std::string& output = "/dev/null") {
-    std::vector<std::string> arguments{"/usr/bin/strace", "-o", output};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    arguments.insert(arguments.end(), {"-p", std::to_string(process)});
-    strace_ = std::make_unique<ChildProgram>(arguments, std::vector<std::string>{});
-    nextMessage();
-  }
-  ~Tracer() {
-    strace_->signal(SIGTERM);  // It lets go of what it traces.
-    strace_->waitForExit();
-  }
-
-  // "strace: Process N attached" for each that it has begun to trace.
-  std::string nextMessage() { return strace_->nextErrorLine(); }
-
- private:
-  std::unique_ptr<ChildProgram> strace_;
-};
 
 class JobHostKill : public testing::Test {
  protected:
@@ -168,34 +139,6 @@ class JobHostKill : public testing::Test {
   std::unique_ptr<ChildProgram> host_;
   std::map<std::string, ProcessId> jobs_;
 };
-
-// One system call of a program: the how many-th of its name it is.
-struct Call {
-  std::string name;
-  int number = 0;
-
-  std::vector<std::string> killThere() const {
-    return {"-e", "inject=" + name + ":signal=SIGKILL:when=" + std::to_string(number)};
-  }
-};
-
-// The calls in a trace, in their order. Each line begins with `who`, which is not shown.
-std::vector<Call> callsIn(const std::string& traceFile, const std::string& who = "") {
-  std::vector<Call> calls;
-  std::map<std::string, int> numbers;
-  std::ifstream file(traceFile);
-  for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with(who)) continue;
-    line.erase(0, line.find_first_not_of(' ', who.size()));
-    const std::string name = line.substr(0, line.find('('));
-    if (name.empty() ||
-        name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789") != name.npos) {
-      continue;  // A signal, or the rest of a call that the tracing fell into.
-    }
-    calls.push_back({name, ++numbers[name]});
-  }
-  return calls;
-}
 
 TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
   const std::string extra = label(kJobs);

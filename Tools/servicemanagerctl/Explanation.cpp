@@ -227,6 +227,8 @@ std::string aboutSwitch(const Value& row) {
   if (outcome == kOutcomeDiffers) return name + is + ": does not";
   if (outcome == kOutcomeClashes) return name + is + ", which is of another kind: does not";
   if (outcome == kOutcomeAbsent) return name + ", and there is no such setting now: does not";
+  if (outcome == kOutcomeNoAnswer)
+    return name + ", and its settings server gives no answer: does not";
   if (outcome == kOutcomeNotAsked) return name + ", not looked at yet";
   return name + ", and there is no such settings server: does not";
 }
@@ -278,6 +280,10 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   details.emplace_back("last exit", ending == JobState::Ending{} ? "none yet" : inWords(ending));
   details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
   if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
+  if (facts.has(kFactStopIn)) {
+    details.emplace_back("stop", fmt::format("will be stopped in {}, since no switch asked for it",
+                                             inSeconds(facts[kFactStopIn])));
+  }
   details.emplace_back("next retry", aboutRetry(facts));
   if (facts.is(kFactSettingsChangesWait)) {
     details.emplace_back("settings",

@@ -179,14 +179,15 @@ TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {
 }
 
 TEST(ExplanationTest, EachThingThatCountsIsTold) {
-  const Explanation explanation = explain(
-      factsWith(feature({aSwitch("matches", 1), aSwitch("differs", 0), aSwitch("clashes", "1"),
-                         aSwitch("absent"), aSwitch("notAsked"), aSwitch("noSource")},
-                        {{kFactMinimumOSVersion, "10.10"},
-                         {kFactNeededKernel, 14},
-                         {kFactRetryIn, 12.34},
-                         {kFactSettingsChangesWait, true},
-                         {kFactHealth, Dictionary{{kHealthStatus, 0}, {kHealthCrashes, 4}}}})));
+  const Explanation explanation = explain(factsWith(
+      feature({aSwitch("matches", 1), aSwitch("differs", 0), aSwitch("clashes", "1"),
+               aSwitch("absent"), aSwitch("noAnswer"), aSwitch("notAsked"), aSwitch("noSource")},
+              {{kFactMinimumOSVersion, "10.10"},
+               {kFactNeededKernel, 14},
+               {kFactRetryIn, 12.34},
+               {kFactStopIn, 2.04},
+               {kFactSettingsChangesWait, true},
+               {kFactHealth, Dictionary{{kHealthStatus, 0}, {kHealthCrashes, 4}}}})));
   EXPECT_EQ(
       asText(explanation, Reader::kOther),
       "agent runs as process 7, because switch \"on\" of feature \"web\" asks for it.\n"
@@ -202,6 +203,8 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "another kind: does not\n"
       "  switch          common: \"on\" of feature \"web\", expected 1, and there is no such "
       "setting now: does not\n"
+      "  switch          common: \"on\" of feature \"web\", expected 1, and its settings server "
+      "gives no answer: does not\n"
       "  switch          common: \"on\" of feature \"web\", expected 1, not looked at yet\n"
       "  switch          common: \"on\" of feature \"web\", expected 1, and there is no such "
       "settings server: does not\n"
@@ -210,6 +213,7 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "  last exit       none yet\n"
       "  watched         yes\n"
       "  health          unready; has ended by itself 4 times since the last summary\n"
+      "  stop            will be stopped in 2.0 s, since no switch asked for it\n"
       "  next retry      in 12.3 s\n"
       "  settings        a change came outside normal mode; further ones are evaluated once "
       "everything has been in normal mode again\n");

@@ -248,6 +248,10 @@ MessageResult VantorDistantObject::sendMessage(std::string_view selector, Array 
   return std::move(invocation.returnValue);
 }
 
+MessageResult VantorDistantObject::lookWithMessage(std::string_view selector, Array arguments) {
+  return attempt({std::string(selector), std::move(arguments), {}});
+}
+
 bool VantorDistantObject::connection(NSConnection& /*parent*/,
                                      NSConnection& /*shouldMakeNewConnection*/) {
   return false;

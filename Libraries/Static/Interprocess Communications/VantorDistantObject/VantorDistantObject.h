@@ -96,6 +96,11 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   // The same for a message put together here; its return value.
   platform::MessageResult sendMessage(std::string_view selector, platform::Array arguments = {});
 
+  // The same for who only looks: one attempt, whose failure is returned, and nothing of it logged
+  // as an error or left behind.
+  platform::MessageResult lookWithMessage(std::string_view selector,
+                                          platform::Array arguments = {});
+
   bool connection(platform::NSConnection& parent,
                   platform::NSConnection& shouldMakeNewConnection) override;
   platform::Data authenticationDataForComponents(const platform::Array& components) override;

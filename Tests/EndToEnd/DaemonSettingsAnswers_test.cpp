@@ -1,0 +1,140 @@
+// Settings servers that answer what they should not. The test is the servers.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
+#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/NSProtocolChecker.h"
+#include "Platform/NamedConnections.h"
+#include "Platform/NotificationCenter.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tests/EndToEnd/DaemonRoot.h"
+#include "Tests/EndToEnd/UserInterfaceClient.h"
+
+namespace platform {
+namespace {
+
+class DaemonSettingsAnswers : public testing::Test, public MessageReceiver {
+ protected:
+  DaemonSettingsAnswers() {
+    addServiceManagerProtocols(protocols_);
+    addGlobalSettingsProtocol(protocols_);
+    status_ = vend("com.vantor.service.configd.status",
+                   kORBServiceManagerConfigurationServerStatusProtocol);
+    settings_ = vend("com.vantor.CommonPreferences", kKLXGlobalSettingsProtocol);
+    // Service 0 runs while the setting "on" is 1; the primary service serves nothing.
+    Dictionary catalogue = DaemonRoot::catalogue(1);
+    Dictionary services = *catalogue["Services"].dictionary();
+    Dictionary feature = *services[kFeature].dictionary();
+    feature.set("Features", Array{"feature"});
+    services.set(kFeature, std::move(feature));
+    services.set(DaemonRoot::kPrimary, DaemonRoot::service(DaemonRoot::kPrimary));
+    catalogue.set("Services", std::move(services));
+    catalogue.set(
+        "Features",
+        Dictionary{{"feature", Dictionary{{"Config", Array{Dictionary{
+                                                         {"Source", "common"},
+                                                         {"Switches", Dictionary{{"on", 1}}}}}}}}});
+    root_.setCatalogue(catalogue);
+  }
+  ~DaemonSettingsAnswers() override {
+    for (const auto& server : {status_, settings_}) server->invalidate();
+  }
+
+  std::shared_ptr<NSConnection> vend(const char* name, const char* protocol) {
+    auto server = connections_.makeConnection();
+    server->setDelegate(&authenticator_);
+    server->setRootObject(std::make_shared<NSProtocolChecker>(this, protocols_.find(protocol)));
+    EXPECT_TRUE(server->registerName(name));
+    return server;
+  }
+  MessageResult receiveMessage(std::string_view selector, const Array&) override {
+    if (selector != "isServerUp") return on_;
+    ++questions_;
+    root_.changed();
+    return isUp_;
+  }
+
+  void post(const char* name) {
+    root_.center().postNotificationName(name, std::nullopt, {},
+                                        NSNotificationPosting::kPostToAllSessions);
+  }
+  // Answers this from now on, and has it asked for; the daemon then says so.
+  void answer(MessageResult on, const std::string& line) {
+    on_ = std::move(on);
+    const std::size_t before = root_.logCount(line);
+    post(kKLXGlobalSettingsDidChangeNotification);
+    root_.awaitLog(line, before + 1);
+  }
+
+  DaemonRoot root_;
+  const std::string kFeature = DaemonRoot::label(0);
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  NotificationCenter center_;
+  ProtocolTable protocols_;
+  KLXConnectionAuthenticator authenticator_{root_.system()};
+  NamedConnections connections_{
+      root_.loop(), root_.transport(), center_, log_,
+      [this](std::string_view name) { return pathOfConnection(root_.path(), name); }};
+  std::shared_ptr<NSConnection> status_;
+  std::shared_ptr<NSConnection> settings_;
+  int questions_ = 0;  // whether it is up
+  MessageResult isUp_ = Value(true);
+  MessageResult on_ = Value(1);
+};
+
+TEST_F(DaemonSettingsAnswers, AValueOfAnotherTypeStopsWhatHangsOnItUntilItIsRightAgain) {
+  root_.startDaemon();
+  root_.awaitStart();
+  root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
+  UserInterfaceClient client(root_);
+  client.registerClient();
+  const std::string clash = kFeature +
+                            ":The expected object for the switchkey \"on\" do not match the return "
+                            "switchkey value \"";
+  answer(Value("1"), clash + "1\" of type \"NSString\"");
+  root_.await(kFeature + " to end", [&] { return client.wasTold(kFeature, 0); });
+  answer(Array{1}, clash + "[1]\" of type \"NSArray\"");
+  answer(Dictionary{{"on", 1}}, clash);
+  answer(Data{1}, clash);
+  const std::string missing = "feature exposes an invalid configuration switch key \"on\"";
+  answer(Value(), missing);
+  answer(std::unexpected(NSException{"ServerException", "because", {}}), missing);
+  EXPECT_TRUE(client.ask("services"));
+  EXPECT_EQ(root_.processOf(kFeature), 0);
+
+  client.forgetNotices();
+  on_ = Value(1.0);
+  post(kKLXGlobalSettingsDidChangeNotification);
+  root_.await(kFeature + " to run", [&] { return client.wasTold(kFeature, 1); });
+  EXPECT_EQ(root_.starts(), 1U);
+}
+
+TEST_F(DaemonSettingsAnswers, AStatusOfAnotherTypeIsNotUp) {
+  isUp_ = Value("yes");
+  root_.startDaemon();
+  root_.awaitStart();
+  root_.awaitLog("Evaluating primary service");
+  const int before = questions_;
+  isUp_ = Array{true};
+  post("com.vantor.notification.configd.didstart");
+  root_.await("the question", [&] { return questions_ > before; });
+  isUp_ = std::unexpected(NSException{"ServerException", "because", {}});
+  const std::size_t raised = root_.logCount("ServerException. Retrying: 1 attempt(s)");
+  post("com.vantor.notification.configd.didstart");
+  root_.awaitLog("ServerException. Retrying: 1 attempt(s)", raised + 1);
+  EXPECT_EQ(root_.logCount("Primary service did start"), 0U);
+  EXPECT_EQ(root_.processOf(kFeature), 0);
+  isUp_ = Value(true);
+  post("com.vantor.notification.configd.didstart");
+  root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
+}
+
+}  // namespace
+}  // namespace platform
