@@ -41,17 +41,19 @@ Result<void> setFileAside(const std::string& path) {
 }  // namespace
 
 Result<SettingsFile> SettingsFile::open(const std::string& path,
-                                        const std::function<void(std::string_view)>& setAside) {
-  auto file = openChecked(path);
+                                        const std::function<void(std::string_view)>& setAside,
+                                        std::chrono::milliseconds patience) {
+  auto file = openChecked(path, patience);
   if (file || file.error().code != ErrorCode::kInvalid) return file;
   if (auto done = setFileAside(path); !done) return std::unexpected(done.error());
   setAside(describe(file.error()) + "; it is kept as " + path +
            ".damaged, and all settings begin anew");
-  return openChecked(path);
+  return openChecked(path, patience);
 }
 
-Result<SettingsFile> SettingsFile::openChecked(const std::string& path) {
-  auto database = SqliteDatabase::open(path);
+Result<SettingsFile> SettingsFile::openChecked(const std::string& path,
+                                               std::chrono::milliseconds patience) {
+  auto database = SqliteDatabase::open(path, patience);
   if (!database) return std::unexpected(database.error());
   SettingsFile file(std::move(*database));
   if (auto sound = file.check(path); !sound) return std::unexpected(sound.error());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -22,9 +23,11 @@ class SettingsFile {
   // Opens the file, makes it where it is missing, and checks the whole of it. One that is damaged,
   // holds something else, or is of another version of this program is set aside under its name with
   // ".damaged" behind (in the place of an earlier one), which `setAside` is told, and a new one
-  // begun. Fails where that can't be, or the system refuses.
-  static platform::Result<SettingsFile> open(const std::string& path,
-                                             const std::function<void(std::string_view)>& setAside);
+  // begun. Fails where that can't be, or the system refuses, or another program has not let go of
+  // the file after `patience`; the file is left as it is then.
+  static platform::Result<SettingsFile> open(
+      const std::string& path, const std::function<void(std::string_view)>& setAside,
+      std::chrono::milliseconds patience = SqliteDatabase::kPatience);
 
   struct Row {
     std::string domain;
@@ -53,7 +56,8 @@ class SettingsFile {
 
  private:
   explicit SettingsFile(SqliteDatabase database) : database_(std::move(database)) {}
-  static platform::Result<SettingsFile> openChecked(const std::string& path);
+  static platform::Result<SettingsFile> openChecked(const std::string& path,
+                                                    std::chrono::milliseconds patience);
   platform::Result<void> check(const std::string& path);
   // The first column of the first row.
   platform::Result<std::string> textOf(std::string_view sql);

@@ -90,9 +90,16 @@ Result<std::unique_ptr<SettingsStore>> SettingsStore::open(const std::string& pa
   const auto changes = store->file_.changes();
   if (!changes) return std::unexpected(changes.error());
   store->changes_ = *changes;
-  const auto read =
-      store->file_.read([&](const SettingsFile::Row& row) { store->readRow(row, warn); });
+  std::size_t leftOut = 0;
+  const auto read = store->file_.read([&](const SettingsFile::Row& row) {
+    store->readRow(row, [&](std::string_view warning) {
+      if (++leftOut <= kMostNamed) warn(warning);
+    });
+  });
   if (!read) return std::unexpected(read.error());
+  // Whoever filled the file must not fill the log.
+  if (leftOut > kMostNamed)
+    warn(path + ": " + std::to_string(leftOut - kMostNamed) + " more settings are left out");
   return store;
 }
 

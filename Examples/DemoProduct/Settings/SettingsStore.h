@@ -40,8 +40,10 @@ std::string quotedKey(std::string_view key);
 // does.
 class SettingsStore {
  public:
-  // Whoever is told of what was wrong with the file and was left out.
+  // Whoever is told of what was wrong with the file and was left out: so many settings by name, and
+  // how many more there are.
   using Warn = std::function<void(std::string_view)>;
+  static constexpr std::size_t kMostNamed = 10;
 
   // The settings that the file at `path` holds, see SettingsFile::open(). Single settings that
   // can't be read or are over a limit, their domain's included, are left out.

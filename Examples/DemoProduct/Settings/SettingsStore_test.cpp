@@ -344,6 +344,25 @@ TEST_F(SettingsStoreTest, ASingleSettingThatCanNotBeReadIsLeftOut) {
   EXPECT_EQ(warnings_.size(), 2u);
 }
 
+TEST_F(SettingsStoreTest, OnlyTenSettingsThatAreLeftOutAreNamed) {
+  for (const int many : {9, 10, 11, 5000}) {
+    execute(("DELETE FROM setting; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n"
+             " WHERE i < " +
+             std::to_string(many) +
+             ") INSERT INTO setting SELECT 'com.vantor.One', 1, 'key' || i, X'00', 1 FROM n;")
+                .c_str());
+    warnings_.clear();
+    open();
+    const std::size_t named = static_cast<std::size_t>(std::min(many, 10));
+    ASSERT_EQ(warnings_.size(), named + (many > 10 ? 1 : 0)) << many;
+    for (std::size_t i = 0; i < named; ++i) EXPECT_THAT(warnings_[i], HasSubstr("it is left out"));
+    if (many > 10) {
+      EXPECT_EQ(warnings_.back(),
+                path_ + ": " + std::to_string(many - 10) + " more settings are left out");
+    }
+  }
+}
+
 TEST_F(SettingsStoreTest, AnImpossibleCountOfChangesIsDamage) {
   for (const char* sql : {"UPDATE state SET changes = 9223372036854775807",
                           "UPDATE state SET changes = -1", "UPDATE state SET changes = x'01'",

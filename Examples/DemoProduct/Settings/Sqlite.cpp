@@ -10,8 +10,6 @@ using platform::Result;
 
 namespace {
 
-constexpr int kBusyMilliseconds = 5000;
-
 ErrorCode codeOf(int status) {
   switch (status & 0xff) {
     case SQLITE_CORRUPT:
@@ -108,7 +106,8 @@ std::int64_t SqliteStatement::integer(int column) const {
 
 void SqliteDatabase::Closer::operator()(sqlite3* database) const { sqlite3_close_v2(database); }
 
-Result<SqliteDatabase> SqliteDatabase::open(const std::string& path) {
+Result<SqliteDatabase> SqliteDatabase::open(const std::string& path,
+                                            std::chrono::milliseconds patience) {
   sqlite3* opened = nullptr;
   const int status =
       sqlite3_open_v2(path.c_str(), &opened,
@@ -118,7 +117,7 @@ Result<SqliteDatabase> SqliteDatabase::open(const std::string& path) {
   SqliteDatabase database(opened, path);
   if (opened == nullptr) return std::unexpected(Error{ErrorCode::kExhausted, 0, path});
   if (status != SQLITE_OK) return std::unexpected(database.lastError());
-  sqlite3_busy_timeout(opened, kBusyMilliseconds);
+  sqlite3_busy_timeout(opened, static_cast<int>(patience.count()));
   sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
   // Exclusive, since nobody else has business here; the log then needs no shared memory. A commit

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -48,12 +49,15 @@ class SqliteStatement {
 // full disk, kDenied, else kSystem. Not for several threads; calls block as long as the disk does.
 class SqliteDatabase {
  public:
+  static constexpr std::chrono::milliseconds kPatience{5000};
+
   // Opens the file, or makes it. Its folder, in which SQLite keeps a log beside it, decides who may
-  // read it. A symbolic link is refused. Waits five seconds for another program to let go of it.
+  // read it. A symbolic link is refused. Waits so long for another program to let go of it.
   //
   // What has been committed survives the end of this program, however it ends. A power failure may
   // cost the last changes but never the file.
-  static platform::Result<SqliteDatabase> open(const std::string& path);
+  static platform::Result<SqliteDatabase> open(const std::string& path,
+                                               std::chrono::milliseconds patience = kPatience);
 
   // Without rows; several statements may stand in `sql`.
   platform::Result<void> execute(const char* sql);
