@@ -80,6 +80,7 @@ class EmbeddedJobsTest : public testing::Test {
   }
 
   void startHost(ScriptedHost::Answer answer) {
+    kept_.clear();  // They are the old host's, and end with it.
     host_ = std::make_unique<ScriptedHost>(network_, std::move(answer));
   }
 
