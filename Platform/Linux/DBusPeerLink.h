@@ -82,7 +82,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   };
   class Reply;
 
-  void allowMessages(std::size_t bytes);
+  void allowMessages(std::size_t bytes, std::size_t descriptors);
   void dispatch();
   void handOn();
   void collect();
