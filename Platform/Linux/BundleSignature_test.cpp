@@ -1,11 +1,17 @@
 // Bundles: what of the sealed resources is refused, each with its own reason.
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +46,62 @@ class BundleSignatureTest : public testing::Test {
   CodeSigningBed bed_;
   const std::string bundle_ = bed_.makeBundle("Sample.bundle");
 };
+
+// Cuts short what is written into any file beyond a size, as a full disk does.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(std::size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &before_), 0);
+    const rlimit limit{bytes, before_.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  ~FileSizeLimit() {
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before_), 0);
+    std::signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  rlimit before_{};
+  sighandler_t handler_;
+};
+
+// Of the folder with the seal, names and contents.
+std::map<std::string, std::string> filesIn(const std::string& folder) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    files[entry.path().filename()] = std::string(std::istreambuf_iterator<char>(file), {});
+  }
+  return files;
+}
+
+TEST_F(BundleSignatureTest, SealingThatFailsLeavesTheOldSeal) {
+  const std::string folder = inside("_CodeSignature");
+  const auto before = filesIn(folder);
+  const std::size_t larger =
+      std::max(before.at("CodeResources").size(), before.at("CodeSignature").size());
+  bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // Needs another list.
+  // Room for neither, and for the smaller of the two only; signatures differ by a few bytes.
+  ASSERT_GT(larger, 128u);
+  for (std::size_t room = 0; room < larger - 64; room += 64) {
+    const FileSizeLimit limit(room);
+    EXPECT_FALSE(signBundle(bundle_, CodeSigningBed::signer(), CodeSigningBed::options()));
+    EXPECT_EQ(filesIn(folder), before) << room;
+  }
+  bed_.folder().write("Sample.bundle/Contents/Resources/text", "text");
+  EXPECT_TRUE(bed_.check(bundle_));
+}
+
+TEST_F(BundleSignatureTest, ASealThatFailsToBeMadeLeavesNothing) {
+  const std::string unsealed = bed_.makeUnsealedBundle("Unsealed.bundle");
+  {
+    const FileSizeLimit limit(0);
+    EXPECT_FALSE(signBundle(unsealed, CodeSigningBed::signer(), CodeSigningBed::options()));
+  }
+  EXPECT_FALSE(std::filesystem::exists(unsealed + "/Contents/_CodeSignature"));
+}
 
 TEST_F(BundleSignatureTest, ASealedBundleAndItsProgramAreAccepted) {
   EXPECT_TRUE(bed_.check(bundle_));

@@ -81,6 +81,11 @@ std::size_t sizeOf(DBusMessage* message) {
   return static_cast<std::size_t>(size);
 }
 
+// What libdbus itself puts behind all that the bus sent.
+bool isEndOfConnection(const UniqueDBusMessage& message) {
+  return dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected");
+}
+
 // libdbus itself takes no notice of a peer's end before it reads.
 bool hasEnded(Descriptor descriptor) {
   pollfd entry{.fd = descriptor, .events = 0, .revents = 0};
@@ -201,6 +206,7 @@ void BusNotificationCenter::connect() {
   auto connection = openOverSocket(*std::move(socket));
   if (!connection) return connectAfter(kRetryTime);
   connection_ = *std::move(connection);
+  connectedAt_ = loop_.now();
   dbus_connection_set_exit_on_disconnect(connection_.get(), 0);
   dbus_connection_set_max_message_size(connection_.get(), 2 * kMaxNotificationBytes);
   dbus_connection_set_max_received_size(connection_.get(), kMaximumReceivedBytes);
@@ -237,17 +243,28 @@ void BusNotificationCenter::keepSignals() {
 
 void BusNotificationCenter::lost() {
   if (connection_) keepSignals();
+  // Its end is dealt with here; when the stash's turn comes it would pass for the next one's.
+  std::erase_if(stash_, isEndOfConnection);
   sources_.reset();
   connection_.reset();
   // The next bus has the same socket, which is there already: whoever waits at it before the bus
-  // starts hears also what is posted first. One that did not even say Hello is given time.
+  // starts hears also what is posted first. One that ends us as soon as we come is given time.
   const bool wasRegistered = std::exchange(registered_, false);
+  const bool hasLasted = wasRegistered && loop_.now() - connectedAt_ >= kRetryTime;
   mayHaveMissed_ = true;
   awaited_.clear();
-  early_.clear();
-  earlyBytes_ = 0;
+  loseEarlyPosts();
   if (!stash_.empty()) dispatchLater();
-  connectAfter(wasRegistered ? Duration::zero() : kRetryTime);
+  connectAfter(hasLasted ? Duration::zero() : kRetryTime);
+}
+
+void BusNotificationCenter::loseEarlyPosts() {
+  earlyBytes_ = 0;
+  for (const EarlyPost& post : std::exchange(early_, {})) {
+    logLostPost(log_, post.name,
+                Error{ErrorCode::kNotFound, 0,
+                      "the notification bus at " + address_ + " has gone before it answered"});
+  }
 }
 
 void BusNotificationCenter::dispatchLater() {
@@ -268,8 +285,8 @@ bool BusNotificationCenter::sayHello() {
 
 void BusNotificationCenter::registered() {
   registered_ = true;
-  for (const UniqueDBusMessage& message : early_)
-    dbus_connection_send(connection_.get(), message.get(), nullptr);
+  for (const EarlyPost& post : early_)
+    dbus_connection_send(connection_.get(), post.message.get(), nullptr);
   early_.clear();
   earlyBytes_ = 0;
 }
@@ -349,7 +366,7 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   if (!message) return std::unexpected(std::move(message.error()));
   if (!connection_)
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
-  if (!registered_) return queue(*std::move(message));
+  if (!registered_) return queue({notification.name, *std::move(message)});
   if (dbus_connection_get_outgoing_size(connection_.get()) >
       static_cast<long>(kMaxUnsentNotificationBytes))
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
@@ -359,12 +376,12 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   return {};
 }
 
-Result<void> BusNotificationCenter::queue(UniqueDBusMessage message) {
-  const std::size_t size = sizeOf(message.get());
+Result<void> BusNotificationCenter::queue(EarlyPost post) {
+  const std::size_t size = sizeOf(post.message.get());
   if (size > kMaxUnsentNotificationBytes - earlyBytes_)
     return failed(ErrorCode::kExhausted, "the notification bus does not answer");
   earlyBytes_ += size;
-  early_.push_back(std::move(message));
+  early_.push_back(std::move(post));
   return {};
 }
 
@@ -377,11 +394,7 @@ void BusNotificationCenter::dispatch() {
     message.reset(dbus_connection_pop_message(connection_.get()));
   }
   if (!message) return;
-  if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) {
-    if (connection_) return lost();
-    if (!stash_.empty()) dispatchLater();
-    return;
-  }
+  if (isEndOfConnection(message)) return lost();
   // One at a time: what is more urgent comes in between.
   if (sources_) {
     sources_->scheduleDispatch();

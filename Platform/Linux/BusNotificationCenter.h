@@ -49,12 +49,17 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
  private:
   class Observer;
   enum class Awaited { kHello, kMatch };
+  struct EarlyPost {
+    std::string name;
+    UniqueDBusMessage message;
+  };
 
   void connect();
   void connectAfter(Duration delay);
   void peerEnded();
   void keepSignals();
   void lost();
+  void loseEarlyPosts();
   void dispatchLater();
   bool sayHello();
   void registered();
@@ -67,7 +72,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
 
   void send(const DistributedNotification& notification);
   Result<void> trySend(const DistributedNotification& notification);
-  Result<void> queue(UniqueDBusMessage message);
+  Result<void> queue(EarlyPost post);
 
   void dispatch();
   void handleReply(DBusMessage& reply);
@@ -87,11 +92,12 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   // In the order in which they go: the sources before the connection that they drive.
   UniqueDBusConnection connection_;
   std::unique_ptr<DBusSources> sources_;
+  Instant connectedAt_;  // of the connection, or of the last one
   bool registered_ = false;
   // What was posted since may have passed the observers by: until the bus has confirmed them all.
   bool mayHaveMissed_ = false;
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
-  std::deque<UniqueDBusMessage> early_;       // posts that wait for the registration
+  std::deque<EarlyPost> early_;               // posts that wait for the registration
   std::size_t earlyBytes_ = 0;
   // Signals that came while a confirmation was waited for, or before the bus's end.
   std::deque<UniqueDBusMessage> stash_;

@@ -66,13 +66,15 @@ Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std
   return signature;
 }
 
-Result<void> writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes,
-                          const struct stat& like) {
+// All but putting it in place.
+Result<ReplacementFile> writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes,
+                                     const struct stat& like) {
   auto file = ReplacementFile::createFor(path);
-  if (!file) return std::unexpected(file.error());
-  if (auto done = file->append(bytes); !done) return done;
-  if (auto done = file->setOwnerAndMode(like.st_uid, like.st_gid, kNewFileMode); !done) return done;
-  return file->commit();
+  if (!file) return file;
+  if (auto done = file->append(bytes); !done) return std::unexpected(std::move(done.error()));
+  if (auto done = file->setOwnerAndMode(like.st_uid, like.st_gid, kNewFileMode); !done)
+    return std::unexpected(std::move(done.error()));
+  return file;
 }
 
 }  // namespace
@@ -114,17 +116,17 @@ Result<void> signDetached(const std::string& path, const SigningIdentity& identi
   }
   const auto signature = signatureOver(*opened, size, path, identity, options);
   if (!signature) return std::unexpected(signature.error());
-  return writeNewFile(path + ".p7s", *signature, opened->status);
+  auto file = writeNewFile(path + ".p7s", *signature, opened->status);
+  if (!file) return std::unexpected(std::move(file.error()));
+  return file->commit();
 }
 
-Result<void> signBundle(const std::string& path, const SigningIdentity& identity,
-                        const SigningOptions& options) {
-  const std::string folder = sealFolderOfBundle(path);
-  struct stat status{};
-  if (::lstat(path.c_str(), &status) != 0) return std::unexpected(systemError(path));
-  if (::mkdir(folder.c_str(), kNewFolderMode) != 0 && errno != EEXIST) {
-    return std::unexpected(systemError(folder));
-  }
+namespace {
+
+// Both files are whole, and the disk has them, before either is put in place: a list without its
+// own signature is a broken seal.
+Result<void> writeSeal(const std::string& path, const std::string& folder, const struct stat& like,
+                       const SigningIdentity& identity, const SigningOptions& options) {
   const auto contents = listBundle(path);
   if (!contents) return std::unexpected(errorOf(contents.error()));
   const auto list = makeBundleSeal(*contents);
@@ -133,10 +135,30 @@ Result<void> signBundle(const std::string& path, const SigningIdentity& identity
   if (!digest) return std::unexpected(errorOf(digest.error()));
   const auto signature = makeCmsSignature(identity, options, *digest);
   if (!signature) return std::unexpected(signature.error());
-  if (auto done = writeNewFile(folder + "/" + std::string(kSealListName), *list, status); !done) {
-    return done;
+  auto newList = writeNewFile(folder + "/" + std::string(kSealListName), *list, like);
+  if (!newList) return std::unexpected(std::move(newList.error()));
+  auto newSignature =
+      writeNewFile(folder + "/" + std::string(kSealSignatureName), *signature, like);
+  if (!newSignature) return std::unexpected(std::move(newSignature.error()));
+  for (ReplacementFile* file : {&*newList, &*newSignature}) {
+    if (auto done = file->synchronise(); !done) return done;
   }
-  return writeNewFile(folder + "/" + std::string(kSealSignatureName), *signature, status);
+  if (auto done = newList->commit(); !done) return done;
+  return newSignature->commit();
+}
+
+}  // namespace
+
+Result<void> signBundle(const std::string& path, const SigningIdentity& identity,
+                        const SigningOptions& options) {
+  const std::string folder = sealFolderOfBundle(path);
+  struct stat status{};
+  if (::lstat(path.c_str(), &status) != 0) return std::unexpected(systemError(path));
+  const bool isNew = ::mkdir(folder.c_str(), kNewFolderMode) == 0;
+  if (!isNew && errno != EEXIST) return std::unexpected(systemError(folder));
+  auto done = writeSeal(path, folder, status, identity, options);
+  if (!done && isNew) ::rmdir(folder.c_str());
+  return done;
 }
 
 Result<bool> canCarrySignature(const std::string& path) {

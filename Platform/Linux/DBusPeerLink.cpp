@@ -99,16 +99,16 @@ DBusPeerLink::DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection,
       connection_(std::move(connection)),
       handlers_(std::make_shared<PeerHandlers>()) {
   dbus_connection_set_exit_on_disconnect(connection_.get(), false);
-  dbus_connection_set_max_message_unix_fds(connection_.get(), kMaxPeerDescriptors);
   dbus_connection_set_max_received_unix_fds(connection_.get(), kMaxPeerDescriptors);
-  allowMessages(kMaxPeerMessageBytes);
+  allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
 }
 
 // Those that are read and not yet handled may be as much as one message; with the one under way
 // that is all that a peer makes us hold.
-void DBusPeerLink::allowMessages(std::size_t bytes) {
+void DBusPeerLink::allowMessages(std::size_t bytes, std::size_t descriptors) {
   dbus_connection_set_max_message_size(connection_.get(), static_cast<long>(bytes));
   dbus_connection_set_max_received_size(connection_.get(), static_cast<long>(bytes));
+  dbus_connection_set_max_message_unix_fds(connection_.get(), static_cast<long>(descriptors));
 }
 
 bool DBusPeerLink::isConnected() const {
@@ -120,7 +120,8 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
   lease_ = std::move(lease);
   onAuthenticated_ = std::move(authenticated);
   onGone_ = std::move(gone);
-  allowMessages(kMaxUnadmittedPeerMessageBytes);
+  // Nor descriptors: a memory file would bring far more than the message may.
+  allowMessages(kMaxUnadmittedPeerMessageBytes, 0);
   // Only libdbus knows when the peer has said who it is; asking it in here would not end.
   dbus_connection_set_unix_user_function(
       connection_.get(),
@@ -148,7 +149,7 @@ bool DBusPeerLink::peerLives() const {
 void DBusPeerLink::admit() {
   lease_.place.reset();
   lease_.admissionTimer.reset();
-  if (!ended_) allowMessages(kMaxPeerMessageBytes);
+  if (!ended_) allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
 }
 
 void DBusPeerLink::setHandlers(PeerHandlers handlers) {

@@ -82,7 +82,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   };
   class Reply;
 
-  void allowMessages(std::size_t bytes);
+  void allowMessages(std::size_t bytes, std::size_t descriptors);
   void dispatch();
   void handOn();
   void collect();
@@ -91,6 +91,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   void deliverRequest(UniqueDBusMessage message);
   void deliverAnswer(UniqueDBusMessage message);
   PeerResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
+  bool waitForRoom(Instant deadline);
   bool waitOnce(Instant deadline);
   bool hasRoom(const EncodedMessage& message);
   Result<std::uint32_t> transmit(const EncodedMessage& message);

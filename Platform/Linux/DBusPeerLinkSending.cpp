@@ -1,5 +1,6 @@
 // What goes out: calls, one-way messages and answers.
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -25,6 +26,9 @@ std::unexpected<NSException> raisedGone() {
 std::unexpected<NSException> raisedTimeout() {
   return raised(kNSPortTimeoutException, "No answer in time.");
 }
+
+// How often a blocking call looks whether the peer has read the files before it.
+constexpr Duration kFileCheckInterval = std::chrono::milliseconds(2);
 
 Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
@@ -59,7 +63,7 @@ PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments,
   }
   while (!hasRoom(*encoded)) {
     if (!isConnected()) return raisedGone();
-    if (!waitOnce(deadline)) return raisedTimeout();
+    if (!waitForRoom(deadline)) return raisedTimeout();
   }
   auto serial = transmit(*encoded);
   if (!serial) return raisedGone();
@@ -88,6 +92,13 @@ PeerResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
     }
     waitOnce(deadline);
   }
+}
+
+bool DBusPeerLink::waitForRoom(Instant deadline) {
+  if (dbus_connection_get_outgoing_size(connection_.get()) > 0) return waitOnce(deadline);
+  // Only files in the socket are in the way, and nothing tells when the peer takes those out.
+  waitOnce(std::min(deadline, instantAfter(loop_.now(), kFileCheckInterval)));
+  return loop_.now() < deadline;
 }
 
 bool DBusPeerLink::waitOnce(Instant deadline) {

@@ -57,6 +57,31 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
     EXPECT_EQ(call("echo:", {Value("undisturbed")}), PeerResult("undisturbed"));
   }
 
+  // A client of libdbus's own, authenticated, so that it can pass descriptors.
+  UniqueDBusConnection openPeer() {
+    DBusErrorText error;
+    const std::string address = "unix:path=" + path();
+    UniqueDBusConnection peer(dbus_connection_open_private(address.c_str(), error.get()));
+    EXPECT_TRUE(peer) << error.text();
+    UniqueDBusMessage ping(dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
+    UniqueDBusMessage pong(
+        dbus_connection_send_with_reply_and_block(peer.get(), ping.get(), 60'000, nullptr));
+    EXPECT_TRUE(pong);
+    dbus_connection_set_exit_on_disconnect(peer.get(), false);
+    return peer;
+  }
+
+  // "answered", or why not.
+  static std::string answerTo(DBusConnection* peer, int descriptor, dbus_uint64_t size) {
+    UniqueDBusMessage message = newMessage("echo_");
+    dbus_message_append_args(message.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_UINT64, &size,
+                             DBUS_TYPE_INVALID);
+    DBusErrorText error;
+    UniqueDBusMessage answer(
+        dbus_connection_send_with_reply_and_block(peer, message.get(), 60'000, error.get()));
+    return answer ? std::string("answered") : std::string(error.text());
+  }
+
   // The output of a command; dbus-send as its own users run it.
   static std::string output(const std::string& command) {
     std::string text;
@@ -298,21 +323,8 @@ TEST_F(DBusPeerStrangersTest, AMessageBringsSoManyDescriptorsAndNoMore) {
 
 TEST_F(DBusPeerStrangersTest, AMemoryFileThatCouldChangeIsRefused) {
   start();
-  const auto answerTo = [&](int descriptor, dbus_uint64_t size) {
-    DBusErrorText error;
-    const std::string address = "unix:path=" + path();
-    const UniqueDBusConnection peer(dbus_connection_open_private(address.c_str(), error.get()));
-    EXPECT_TRUE(peer) << error.text();
-    // Authenticated before descriptors can be passed.
-    UniqueDBusMessage ping(dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
-    UniqueDBusMessage pong(
-        dbus_connection_send_with_reply_and_block(peer.get(), ping.get(), 60'000, nullptr));
-    UniqueDBusMessage message = newMessage("echo_");
-    dbus_message_append_args(message.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_UINT64, &size,
-                             DBUS_TYPE_INVALID);
-    UniqueDBusMessage answer(
-        dbus_connection_send_with_reply_and_block(peer.get(), message.get(), 60'000, error.get()));
-    return answer ? std::string("answered") : std::string(error.text());
+  const auto answerTo = [this](int descriptor, dbus_uint64_t size) {
+    return DBusPeerStrangersTest::answerTo(openPeer().get(), descriptor, size);
   };
   const std::string good = messageOfBytes(200);
   const auto sealed = makeSealedFile(good);
@@ -338,6 +350,22 @@ TEST_F(DBusPeerStrangersTest, AMemoryFileThatCouldChangeIsRefused) {
   ASSERT_EQ(::ftruncate(large.get(), kMaxPeerMemoryFileBytes + 1), 0);
   ASSERT_EQ(::fcntl(large.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE), 0);
   EXPECT_THAT(answerTo(large.get(), kMaxPeerMemoryFileBytes + 1), testing::HasSubstr("more than"));
+  expectNothingElseDisturbed();
+}
+
+TEST_F(DBusPeerStrangersTest, BeforeItIsAdmittedAMemoryFileIsRefused) {
+  server_.admits = false;
+  start({.admissionTime = 60s});
+  const std::string good = messageOfBytes(200);
+  const auto sealed = makeSealedFile(good);
+  ASSERT_TRUE(sealed);
+  const UniqueDBusConnection stranger = openPeer();
+  EXPECT_NE(answerTo(stranger.get(), sealed->get(), good.size()), "answered");
+  EXPECT_FALSE(dbus_connection_get_is_connected(stranger.get()));
+  runUntilNoted("client died");
+  const UniqueDBusConnection admitted = openPeer();
+  harness_->there([this](PeerTransport&) { server_.connections.back()->admit(); });
+  EXPECT_EQ(answerTo(admitted.get(), sealed->get(), good.size()), "answered");
   expectNothingElseDisturbed();
 }
 

@@ -82,10 +82,15 @@ Result<void> ReplacementFile::setOwnerAndMode(uid_t owner, gid_t group, mode_t m
   return {};
 }
 
-Result<void> ReplacementFile::commit() {
+Result<void> ReplacementFile::synchronise() {
   if (retryOnInterrupt([&] { return ::fsync(file_.get()); }) != 0) {
     return std::unexpected(systemError(path_ + ": can't be synchronised"));
   }
+  return {};
+}
+
+Result<void> ReplacementFile::commit() {
+  if (auto done = synchronise(); !done) return done;
   if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
     return std::unexpected(systemError(path_ + ": can't be replaced"));
   }

@@ -26,6 +26,8 @@ class ReplacementFile {
   Result<void> appendFrom(int file, std::uint64_t size);
   // Keeps its own owner where that one is refused.
   Result<void> setOwnerAndMode(uid_t owner, gid_t group, mode_t mode);
+  // Waits until the disk has what was appended.
+  Result<void> synchronise();
   // Puts the file in place when the disk has it.
   Result<void> commit();
 

@@ -1,0 +1,91 @@
+// Memory files that the peer has not read yet.
+
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "Platform/Linux/DBusMessages.h"
+#include "Platform/Linux/PeerThreads_contract.h"
+#include "Platform/PeerLimits.h"
+
+namespace platform {
+namespace {
+
+constexpr std::size_t kLarge = 2 * kMaxPeerMessageBytes;
+
+class DBusPeerFilesTest : public testing::Test, protected PeerTransportBed {
+ protected:
+  DBusPeerFilesTest() : PeerTransportBed(std::make_unique<PeerThreads>()) {}
+
+  Result<void> sendNote(std::size_t dataBytes) {
+    return client_->send("note:", {Value(Data(dataBytes))});
+  }
+};
+
+// Waits until the thread waits for something itself.
+void awaitSleepOf(pid_t thread) {
+  for (std::string state; state != "S";) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    state = text.substr(text.rfind(')') + 2, 1);
+    std::this_thread::yield();
+  }
+}
+
+TEST_F(DBusPeerFilesTest, ACallGoesOnWhenTheFilesBeforeItHaveBeenRead) {
+  start();
+  settle();
+  harness_->hang();
+  std::size_t sent = 0;
+  while (sendNote(kLarge)) ++sent;
+  EXPECT_EQ(sent, kMaxPeerMemoryFileBytes / kLarge - 1);
+  const Value argument(Data(kLarge, std::uint8_t{0x5a}));
+  {
+    const std::jthread waker([this, caller = ::gettid()] {
+      awaitSleepOf(caller);
+      harness_->goOn();
+    });
+    EXPECT_EQ(call("echo:", {argument}, 30s), PeerResult(argument));
+  }
+  EXPECT_EQ(journal_.count("note:"), sent);
+}
+
+TEST_F(DBusPeerFilesTest, ACallBehindUnreadFilesEndsWithItsTime) {
+  start();
+  settle();
+  harness_->hang();
+  while (sendNote(kLarge)) continue;
+  EXPECT_EQ(call("echo:", {Value(Data(kLarge))}, 10ms).error().name, kNSPortTimeoutException);
+}
+
+TEST_F(DBusPeerFilesTest, SoManyBytesOfFilesMayBeUnreadAndNoMore) {
+  start();
+  const auto probe = encodeMessage("note:", {Value(Data(kLarge))}, PeerMessageKind::kOneWay);
+  ASSERT_TRUE(probe);
+  const std::size_t frame = probe->fileBytes - kLarge;
+  std::size_t noted = 0;
+  for (const std::size_t total :
+       {kMaxPeerMemoryFileBytes - 1, kMaxPeerMemoryFileBytes, kMaxPeerMemoryFileBytes + 1}) {
+    settle();
+    harness_->hang();
+    ASSERT_TRUE(sendNote(kLarge));
+    const bool fits = total <= kMaxPeerMemoryFileBytes;
+    const auto second = sendNote(total - kLarge - 2 * frame);
+    EXPECT_EQ(second.has_value(), fits) << total;
+    if (!second) {
+      EXPECT_EQ(second.error().code, ErrorCode::kExhausted);
+    }
+    harness_->goOn();
+    noted += fits ? 2 : 1;
+    runUntilNoted("note:", noted);
+  }
+  EXPECT_TRUE(sendNote(kLarge));
+}
+
+}  // namespace
+}  // namespace platform

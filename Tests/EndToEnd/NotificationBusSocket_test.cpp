@@ -1,0 +1,118 @@
+// Buses that come and go behind a socket that stays, as the service manager of the system and the
+// job host keep one.
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/NotificationBus.h"
+#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+class NotificationBusSocketTest : public testing::Test {
+ protected:
+  NotificationBusSocketTest() {
+    // Everything is allowed to everybody who gets here.
+    folder_.write("bus.conf",
+                  "<busconfig><listen>unix:path=/none</listen><auth>EXTERNAL</auth>"
+                  "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                  "<allow eavesdrop=\"true\"/></policy>"
+                  "</busconfig>");
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    path_.copy(name.sun_path, sizeof(name.sun_path) - 1);
+    EXPECT_EQ(::bind(listening_.get(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)), 0);
+    EXPECT_EQ(::listen(listening_.get(), 64), 0);
+  }
+
+  void startBus() {
+    // Passed as descriptors are: as the first behind the standard files, to this process.
+    const std::string passing =
+        "exec 3<&" + std::to_string(listening_.get()) + "; LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"";
+    bus_ = std::make_unique<ChildProgram>(
+        std::vector<std::string>{"/bin/bash", "-c", passing, "bash", "/usr/bin/dbus-daemon",
+                                 "--nofork", "--nopidfile", "--nosyslog", "--print-address",
+                                 "--address=systemd:", "--config-file=" + folder_.path("bus.conf")},
+        std::vector<std::string>{});
+    EXPECT_THAT(bus_->nextLine(), testing::StartsWith(address_));
+  }
+  void killBus() {
+    bus_->signal(SIGKILL);
+    bus_->waitForExit();
+  }
+
+  void postAsStranger(const std::string& name) {
+    ChildProgram poster(
+        {"/usr/bin/dbus-send", "--bus=" + address_, "--type=signal",
+         "/com/vantor/DistributedNotification", "com.vantor.DistributedNotification.Posted",
+         "string:" + name, "array:string:object"},
+        {});
+    EXPECT_EQ(poster.waitForExit(), ExitStatus{}) << poster.errors();
+  }
+
+  void runFor(Duration time) {
+    const auto end = loop_->startTimer(time, RunLoop::Repeat::kOnce, [&] { loop_->stop(); });
+    loop_->run();
+  }
+  void runUntilGot(const std::string& name) {
+    const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+      if (std::ranges::find(got_, name) != got_.end()) loop_->stop();
+    });
+    runFor(5s);
+  }
+
+  TemporaryFolder folder_;
+  const std::string path_ = folder_.path("bus");
+  const std::string address_ = "unix:path=" + path_;
+  UniqueFd listening_{::socket(AF_UNIX, SOCK_STREAM, 0)};  // inherited
+  std::unique_ptr<ChildProgram> bus_;
+  std::unique_ptr<AsioRunLoop> loop_ = std::move(AsioRunLoop::create().value());
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "program"};
+  std::vector<std::string> got_;
+};
+
+TEST_F(NotificationBusSocketTest, WhatTheBusSentBeforeItsEndDoesNotCostTheNextConnection) {
+  startBus();
+  const auto center = makeBusNotificationCenter(*loop_, address_, log_);
+  const auto all = center->addObserver(
+      std::nullopt, std::nullopt,
+      [&](const DistributedNotification& notification) { got_.push_back(notification.name); });
+  postAsStranger("first");
+  runUntilGot("first");
+  runFor(600ms);  // The connection lasts, so that the next one follows at once.
+  for (int i = 0; i < 5; ++i) postAsStranger("before the end");
+  const auto other = makeBusNotificationCenter(*loop_, address_, log_);
+  // Confirmed by the bus behind the signals, which have therefore been sent to everybody.
+  const auto confirmed =
+      other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
+  const auto returned = center->observeReturn([&] { loop_->stop(); });
+  killBus();
+  runFor(20ms);
+  startBus();
+  runFor(250ms);  // Or less: until it is back, far sooner than one that has to come again.
+  postAsStranger("after the end");
+  runUntilGot("after the end");
+  EXPECT_EQ(std::ranges::count(got_, "before the end"), 5);
+  EXPECT_EQ(std::ranges::count(got_, "after the end"), 1);
+}
+
+}  // namespace
+}  // namespace platform
