@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,6 +68,15 @@ class NotificationBusSocketTest : public testing::Test {
     EXPECT_EQ(poster.waitForExit(), ExitStatus{}) << poster.errors();
   }
 
+  // One that waits for the next bus.
+  UniqueFd nextConnection() {
+    const auto come =
+        loop_->watchReadable(listening_.get(), Urgency::kOrdinary, [&] { loop_->stop(); });
+    EXPECT_TRUE(come);
+    runFor(5s);
+    return UniqueFd(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  }
+
   void runFor(Duration time) {
     const auto end = loop_->startTimer(time, RunLoop::Repeat::kOnce, [&] { loop_->stop(); });
     loop_->run();
@@ -103,15 +113,13 @@ TEST_F(NotificationBusSocketTest, WhatTheBusSentBeforeItsEndDoesNotCostTheNextCo
   // Confirmed by the bus behind the signals, which have therefore been sent to everybody.
   const auto confirmed =
       other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
-  const auto returned = center->observeReturn([&] { loop_->stop(); });
   killBus();
-  runFor(20ms);
-  startBus();
-  runFor(250ms);  // Or less: until it is back, far sooner than one that has to come again.
-  postAsStranger("after the end");
-  runUntilGot("after the end");
+  const UniqueFd next = nextConnection();
+  while (std::ranges::count(got_, "before the end") < 5) runFor(1ms);
+  runFor(20ms);  // What else the old connection has left.
+  pollfd entry{next.get(), POLLRDHUP, 0};
+  EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the next connection was given up";
   EXPECT_EQ(std::ranges::count(got_, "before the end"), 5);
-  EXPECT_EQ(std::ranges::count(got_, "after the end"), 1);
 }
 
 }  // namespace
