@@ -53,9 +53,15 @@ class Jobs {
   // The job's dictionary as it was submitted, with "PID" only while its process runs and
   // "LastExitStatus" (a wait status) after the first end, or "LastExitStatusUnknown" where nobody
   // can know it. Never older than an exit that anybody could have seen. Nil where no job has the
-  // label, and where the host can't be reached.
+  // label or the domain is another; an empty dictionary where the host could not tell
+  // (isJobUnknown()), so that nobody takes a job that may well run for one that is gone.
   [[nodiscard]] virtual Value SMJobCopyDictionary(std::string_view domain,
                                                   std::string_view label) = 0;
 };
+
+// Whether this copy of SMJobCopyDictionary() says only that the host could not tell.
+inline bool isJobUnknown(const Value& copy) {
+  return copy.dictionary() && copy.dictionary()->empty();
+}
 
 }  // namespace platform

@@ -242,10 +242,12 @@ TEST_P(JobsContract, WithoutAHostNothingIsKnownAndNothingDone) {
   expectError(jobs_.SMJobSubmit(kDomain, job(machine_->program()), nullptr),
               LaunchdError::kUnavailable);
   expectError(remove(), LaunchdError::kUnavailable);
-  EXPECT_TRUE(copy().isNil());
+  EXPECT_TRUE(isJobUnknown(copy()));
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary("kSMDomainUserLaunchd", kLabel).isNil());
   EXPECT_TRUE(machine_->isRunning(first));
   machine_->startHost();
   EXPECT_EQ(process(), first);
+  EXPECT_FALSE(isJobUnknown(copy()));
 }
 
 TEST_P(JobsContract, AHostThatIsBeingRestartedIsWaitedFor) {

@@ -90,7 +90,7 @@ std::expected<void, NSError> EmbeddedJobs::SMJobRemove(std::string_view domain,
 
 Value EmbeddedJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {
   if (!checkDomain(domain)) return {};
-  return copyJob(label).value_or(Value());
+  return copyJob(label).value_or(Value(Dictionary()));
 }
 
 std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {

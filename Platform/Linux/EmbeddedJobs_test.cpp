@@ -131,7 +131,7 @@ TEST_F(EmbeddedJobsTest, TheHostsErrorsAreHandedOn) {
   expectError(submit(), LaunchdError::kInvalidJob, "key \"Nice\"");
   expectError(jobs_.copyJob(kLabel), LaunchdError::kInvalidJob, "key \"Nice\"");
   expectError(jobs_.copyJobStates(), LaunchdError::kInvalidJob, "key \"Nice\"");
-  EXPECT_TRUE(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel).isNil());
+  EXPECT_TRUE(isJobUnknown(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel)));
 }
 
 TEST_F(EmbeddedJobsTest, MalformedAnswersAreErrors) {
@@ -218,18 +218,67 @@ TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
 TEST_F(EmbeddedJobsTest, AHostThatIsStuckCostsOneWaitHoweverManyLabelsAreAskedFor) {
   startHost(keeping());
   EXPECT_FALSE(submit());
-  EXPECT_EQ(timeOf([&] {
-              for (int i = 0; i < 1000; ++i) {
-                expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "does not answer");
-                expectError(remove(), LaunchdError::kInternal, "does not answer");
-                EXPECT_TRUE(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel).isNil());
-              }
-            }),
-            0s);
+  EXPECT_EQ(
+      timeOf([&] {
+        for (int i = 0; i < 1000; ++i) {
+          expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "does not answer");
+          expectError(remove(), LaunchdError::kInternal, "does not answer");
+          EXPECT_TRUE(isJobUnknown(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel)));
+        }
+      }),
+      0s);
+  EXPECT_EQ(kept_.size(), 2u);  // The first, and one for a sign of life.
   // However much later.
   loop_.advanceBy(1h);
+  EXPECT_EQ(timeOf([&] {
+              for (int i = 0; i < 1000; ++i) EXPECT_FALSE(submit());
+            }),
+            JobHostClient::kLookTime);
+  EXPECT_EQ(kept_.size(), 4u);  // And the sign that is waited for, and the look.
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsLookedAtOnceASecond) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1s - 1ns);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
-  EXPECT_EQ(kept_.size(), 3u);  // The first, and two for a sign of life.
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  loop_.advanceBy(1s - 1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainWithinTheTurn) {
+  bool isStuck = true;
+  startHost([&](PeerMessage message) {
+    if (!isStuck) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_FALSE(submit());
+  isStuck = false;
+  loop_.sleepFor(1s);  // Nothing is served meanwhile.
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(remove(false)); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, ASilentHostThatHasEndedIsReplacedWithinTheTurn) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  host_->die();
+  startHost(answering(Value()));
+  loop_.sleepFor(1s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, ARemovalIsSentToAHostThatLivesAlthoughItDidNotTellOfTheJob) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kCopyJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_TRUE(remove());
+  EXPECT_THAT(host_->asked, ElementsAre("copyJob:", kMayChangeJobsMessage, "removeJob:wait:"));
 }
 
 TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainAtOnce) {
@@ -264,7 +313,7 @@ TEST_F(EmbeddedJobsTest, AHostThatOnlyTakesLongOverOneQuestionIsAskedTheOthers) 
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsNotAskedAgainForAWhile) {
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsLookedAtOnceASecond) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
@@ -275,10 +324,28 @@ TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsNotAskedAgainForAWhile) {
   loop_.advanceBy(JobHostClient::kSilentHostPause - 1ns);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
   loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsAgainWithinThePauseIsAskedAtOnce) {
+  startHost(answering(Value()));
+  host_->hang();
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
   host_->goOn();
-  loop_.advanceBy(JobHostClient::kSilentHostPause);
-  EXPECT_TRUE(submit());
+  loop_.sleepFor(JobHostClient::kSilentHostPause);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, ARequestThatDoesNotWaitEndsTheSilenceOfAHostThatAcceptsAgain) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_FALSE(submit());
+  host_->goOn();
+  client_.callAsync(kMayChangeJobsMessage, {}, 1s, [](const auto& answer) { EXPECT_TRUE(answer); });
+  loop_.runReady();
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
 struct RemovalTime {

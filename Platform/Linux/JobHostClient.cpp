@@ -1,6 +1,7 @@
 #include "Platform/Linux/JobHostClient.h"
 
 #include <cerrno>
+#include <tuple>
 #include <utility>
 
 #include "Platform/Linux/JobHostMessages.h"
@@ -62,10 +63,15 @@ Error unanswered(const NSException& exception, const std::string& socket, Durati
 
 }  // namespace
 
-std::expected<void, PeerConnectFailure> JobHostClient::connectOnce() {
-  auto connected =
-      transport_.connect(socket_, {.timeout = 5s, .whileWaiting = WhileWaiting::kServeNothing});
-  if (!connected) return std::unexpected(std::move(connected.error()));
+std::expected<void, PeerConnectFailure> JobHostClient::connectOnce(Duration timeout) {
+  auto connected = transport_.connect(
+      socket_, {.timeout = timeout, .whileWaiting = WhileWaiting::kServeNothing});
+  if (!connected) {
+    isSilent_ = false;
+    if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut) noteSilence();
+    return std::unexpected(std::move(connected.error()));
+  }
+  isSilent_ = false;
   connection_ = *std::move(connected);
   connection_->setHandlers({.message = {}, .death = [this](const Error&) { dropConnection(); }});
   return {};
@@ -75,8 +81,6 @@ Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
     const auto connected = connectOnce();
     if (connected) return {};
-    if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut)
-      silentUntil_ = loop_.now() + kSilentHostPause;
     if (!mayPass(connected.error()) || loop_.now() >= deadline) {
       return std::unexpected(unreachable(connected.error(), socket_));
     }
@@ -94,18 +98,44 @@ void JobHostClient::dropConnection() {
   }
 }
 
+void JobHostClient::noteSilence() {
+  isSilent_ = true;
+  lastLook_ = loop_.now();
+}
+
+// Also an end is one: there may be another host by now.
+bool JobHostClient::givesSign(Duration timeout) {
+  const auto sign = connection_->call(kMayChangeJobsMessage, {}, timeout);
+  if (sign || sign.error().name != kNSPortTimeoutException) return true;
+  noteSilence();
+  return false;
+}
+
+// Whether a host that was silent may be asked again. The loop need not have turned meanwhile: one
+// evaluation asks for many jobs, and a host may go on in the middle of it.
+bool JobHostClient::showsLife() {
+  if (loop_.now() - lastLook_ < kSilentHostPause) return false;
+  if (connection_) {
+    if (givesSign(kLookTime)) isSilent_ = false;
+  } else {
+    std::ignore = connectOnce(kLookTime);
+  }
+  return !isSilent_;
+}
+
 // The next question would be one more that is not answered.
 void JobHostClient::lookForLife() {
-  const auto sign = connection_->call(kMayChangeJobsMessage, {}, kLifeSignTime);
-  if (sign || sign.error().name != kNSPortTimeoutException) return;
-  isSilent_ = true;
+  if (givesSign(kLifeSignTime)) return;
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
-                         [this](const PeerResult&) { isSilent_ = false; });
+                         [this](const PeerResult& sign) {
+                           if (sign || sign.error().name != kNSPortTimeoutException)
+                             isSilent_ = false;
+                         });
 }
 
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
                                                   Duration timeout) {
-  if (isSilent()) return std::unexpected(silent(socket_));
+  if (isSilent_ && !showsLife()) return std::unexpected(silent(socket_));
   Instant deadline = loop_.now() + patience_;
   bool repeated = false;
   for (;;) {

@@ -24,8 +24,10 @@ class JobHostClient {
   static constexpr Duration kPatience = std::chrono::seconds(5);
   // What a host that has let a question's time pass gets to show that it only takes long over that.
   static constexpr Duration kLifeSignTime = std::chrono::seconds(1);
-  // How long one that takes no connections is not asked again.
-  static constexpr Duration kSilentHostPause = std::chrono::seconds(10);
+  // How long a host that was silent is taken to be so still, before somebody looks again.
+  static constexpr Duration kSilentHostPause = std::chrono::seconds(1);
+  // What such a look may take.
+  static constexpr Duration kLookTime = std::chrono::milliseconds(100);
 
   struct Answer {
     Value value;
@@ -41,7 +43,8 @@ class JobHostClient {
 
   // Blocks until the host has answered, for `timeout` at most once it has been reached, and one
   // second more where that has passed. A host that is there and gives no sign of life costs one
-  // such wait and not one for each call: until the loop hears of it, the next ones fail at once.
+  // such wait and not one for each call: the calls of the next second fail at once, and after that
+  // one a second looks for a tenth of a second whether the host has gone on, and asks it if so.
   // Fails with kDenied where this user may not connect, with kNotFound where no host was there,
   // with another kind where it did not answer; `osError` is ETIMEDOUT where it is there and does
   // not answer, and otherwise set where the system gave a reason.
@@ -58,6 +61,8 @@ class JobHostClient {
  private:
   using RequestId = std::uint64_t;
 
+  static constexpr Duration kConnectTime = std::chrono::seconds(5);
+
   // What callAsync() was asked for and has not been answered.
   struct Request {
     std::string selector;
@@ -69,10 +74,12 @@ class JobHostClient {
     std::unique_ptr<RunLoopHandle> nextTry;  // null while the host has the request
   };
 
-  std::expected<void, PeerConnectFailure> connectOnce();
+  std::expected<void, PeerConnectFailure> connectOnce(Duration timeout = kConnectTime);
   Result<void> connect(Instant deadline);
   void dropConnection();
-  bool isSilent() const { return isSilent_ || loop_.now() < silentUntil_; }
+  void noteSilence();
+  bool showsLife();
+  bool givesSign(Duration timeout);
   void lookForLife();
   void tryLater(RequestId id, Duration delay);
   void ask(RequestId id);
@@ -85,8 +92,8 @@ class JobHostClient {
   std::string socket_;
   Duration patience_;
   std::unique_ptr<PeerConnection> connection_;
-  bool isSilent_ = false;  // The connection has an unanswered question.
-  Instant silentUntil_{};  // No connection could be made.
+  bool isSilent_ = false;  // It is there, and nothing came from it in time.
+  Instant lastLook_{};     // when that was seen last, while it is silent
   std::map<RequestId, Request> requests_;
   RequestId lastRequest_ = 0;
 };

@@ -28,6 +28,11 @@ Error errorOf(const std::string& identifier, const NSError& error) {
   return {ErrorCode::kSystem, 0, fmt::format("{}: {}", identifier, error.localizedDescription)};
 }
 
+Error unknownJob(const std::string& identifier) {
+  return {ErrorCode::kSystem, 0,
+          identifier + ": the job host does not tell whether its program runs"};
+}
+
 }  // namespace
 
 LinuxKernelExtensions::LinuxKernelExtensions(const Environment& environment,
@@ -68,12 +73,13 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
     const std::vector<std::string>& identifiers) {
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
-    if (const Value job = copyJob(identifier); !job.isNil()) {
+    if (const Value job = copyJob(identifier); !job.isNil() && !isJobUnknown(job)) {
       loaded.set(identifier, informationOf(job));
       continue;
     }
     const auto bundle = findKextBundle(identifier, folders_);
-    if (!bundle || !bundle->kernelModule || !isLoaded(*bundle)) continue;
+    if (!bundle || !bundle->kernelModule || !environment_.modules.isLoaded(*bundle->kernelModule))
+      continue;
     loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
   }
   return loaded;
@@ -91,7 +97,9 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   const auto bundle = findKextBundle(identifier, places);
   if (!bundle) return std::unexpected(bundle.error());
   // What runs already was somebody else's to start, and stays if it does not answer.
-  if (isLoaded(*bundle)) return awaitControl(identifier);
+  const auto loaded = isLoaded(*bundle);
+  if (!loaded) return std::unexpected(loaded.error());
+  if (*loaded) return awaitControl(identifier);
   if (auto checked = checkSignature(*bundle); !checked) return checked;
   if (auto counted = countStart(identifier); !counted) return counted;
   if (auto started = start(*bundle); !started) return started;
@@ -105,7 +113,8 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
 }
 
 Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
-  if (!copyJob(identifier).isNil()) {
+  const Value job = copyJob(identifier);
+  if (!job.isNil() && !isJobUnknown(job)) {
     const auto socket = connectToControl(environment_.controls, identifier);
     if (socket) {
       const auto prepared = (*socket)->prepareToUnload();
@@ -118,12 +127,16 @@ Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
   }
   const auto bundle = findKextBundle(identifier, folders_);
   if (bundle && bundle->kernelModule) return environment_.modules.unload(*bundle->kernelModule);
+  if (isJobUnknown(job)) return std::unexpected(unknownJob(identifier));
   return std::unexpected(Error{ErrorCode::kNotFound, 0, identifier + ": is not loaded"});
 }
 
-bool LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
-  return bundle.kernelModule ? environment_.modules.isLoaded(*bundle.kernelModule)
-                             : !copyJob(bundle.identifier).isNil();
+Result<bool> LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
+  if (bundle.kernelModule) return environment_.modules.isLoaded(*bundle.kernelModule);
+  const Value job = copyJob(bundle.identifier);
+  // What may run already is neither trusted unchecked nor started a second time.
+  if (isJobUnknown(job)) return std::unexpected(unknownJob(bundle.identifier));
+  return !job.isNil();
 }
 
 Result<void> LinuxKernelExtensions::checkSignature(const KextBundle& bundle) {

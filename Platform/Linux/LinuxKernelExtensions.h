@@ -60,7 +60,7 @@ class LinuxKernelExtensions final : public KernelExtensions {
   Result<void> logged(Result<void> result);
   Result<void> load(const std::string& identifier, const std::vector<std::string>& folders);
   Result<void> unload(const std::string& identifier);
-  bool isLoaded(const KextBundle& bundle);
+  Result<bool> isLoaded(const KextBundle& bundle);
   Result<void> checkSignature(const KextBundle& bundle);
   Result<void> start(const KextBundle& bundle);
   Result<void> end(const KextBundle& bundle);

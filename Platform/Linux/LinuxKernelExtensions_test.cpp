@@ -273,10 +273,27 @@ TEST_F(LinuxKernelExtensionsTest, AnExtensionThatIsLoadedCountsAsNoStart) {
 TEST_F(LinuxKernelExtensionsTest, AHostThatStartsNothingIsTheReason) {
   machine_.jobs.setUnstartable(machine_.program(kGood), "no such interpreter");
   expectRefused(machine_.load(kGood), ErrorCode::kSystem, "no such interpreter");
+}
+
+TEST_F(LinuxKernelExtensionsTest, AHostThatDoesNotAnswerLeavesAllAsItIs) {
+  ASSERT_TRUE(machine_.load(kGood));
   machine_.jobs.setReachable(false);
-  EXPECT_FALSE(machine_.load(kGood));
-  EXPECT_FALSE(machine_.unload(kGood));
+  expectRefused(machine_.load(kGood), ErrorCode::kSystem, "the job host does not tell");
+  const auto unloaded = machine_.unload(kGood);
+  ASSERT_FALSE(unloaded);
+  EXPECT_THAT(unloaded.error().context, testing::HasSubstr("the job host does not tell"));
   machine_.jobs.setReachable(true);
+  EXPECT_TRUE(machine_.unload(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsUnloadedWithoutTheJobHost) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.fakeControls.offer("com.example.module",
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  ASSERT_TRUE(machine_.load("com.example.module"));
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(machine_.unload("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
 }
 
 TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedByTheKernel) {

@@ -234,7 +234,8 @@ void FakeJobs::awaitRemoval(std::string_view label) {
 }
 
 Value FakeJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {
-  if (!admit(domain)) return {};
+  if (domain != kSMDomainSystemLaunchd) return {};
+  if (!admit(domain)) return Dictionary();
   const Job* known = find(label);
   if (!known) return {};
   Dictionary dictionary = *known->dictionary.dictionary();

@@ -103,7 +103,8 @@ std::optional<ORBServiceManager::EnforcedJob> ORBServiceManager::startStoppedSer
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Service %@ is not running%@", label, suffix));
   Value launched = launchService(label, known.isNil());
-  if (launched.isNil()) {
+  // Of a job host that went away meanwhile there is no process to wait for.
+  if (launched.isNil() || isJobUnknown(launched)) {
     if (healthInfo_) healthInfo_->reportUnreadyStateForService(label);
     return std::nullopt;
   }
@@ -122,6 +123,7 @@ bool ORBServiceManager::enforceShutdownForService(Label label) {
   // Before the job goes, so that its end does not count as a crash.
   if (healthInfo_) healthInfo_->reportStopForService(*label);
   trackServiceForRespawn(label, false);
+  // Where the job host can't tell there may be a job, and only a removal that succeeds ends it.
   if (copyJobDictionary(*label).isNil()) return true;
   std::optional<NSError> error;
   if (submitJobRequest(Value(*label), kSMDomainSystemLaunchd, error)) {

@@ -11,6 +11,29 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
+// Its host goes as soon as it has taken a job.
+class VanishingJobs final : public Jobs {
+ public:
+  explicit VanishingJobs(FakeJobs& jobs) : jobs_(jobs) {}
+  std::expected<void, NSError> SMJobSubmit(std::string_view domain, const Value& job,
+                                           const AuthorizationRef* authorization) override {
+    auto submitted = jobs_.SMJobSubmit(domain, job, authorization);
+    jobs_.setReachable(false);
+    return submitted;
+  }
+  std::expected<void, NSError> SMJobRemove(std::string_view domain, std::string_view label,
+                                           const AuthorizationRef* authorization,
+                                           bool wait) override {
+    return jobs_.SMJobRemove(domain, label, authorization, wait);
+  }
+  Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override {
+    return jobs_.SMJobCopyDictionary(domain, label);
+  }
+
+ private:
+  FakeJobs& jobs_;
+};
+
 class EnforcementTest : public ServiceManagerFixture {
  protected:
   EnforcementTest() {
@@ -250,6 +273,42 @@ TEST_F(EnforcementTest, AStopThatFailsIsLoggedTwice) {
                                      "Domain=CFErrorDomainLaunchd Code=4 \"not you\""));
 }
 
+TEST_F(EnforcementTest, AStopThatTheJobHostDoesNotAnswerFails) {
+  run(kAgent);
+  jobs_.setReachable(false);
+  EXPECT_FALSE(manager().enforceShutdownForService(kAgent));
+  EXPECT_THAT(takeLog(),
+              ElementsAre("3 Unable to remove job: com.example.agent\n:Error "
+                          "Domain=CFErrorDomainLaunchd Code=7 \"the job host can't be reached\"",
+                          "3 Unable to unload com.example.agent.\nError "
+                          "Domain=CFErrorDomainLaunchd Code=7 \"the job host can't be reached\""));
+  // As with every removal that fails.
+  EXPECT_FALSE(manager().isServiceBeingTrackedForRespawn(kAgent));
+  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
+  jobs_.setReachable(true);
+  EXPECT_TRUE(manager().enforceShutdownForService(kAgent));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(EnforcementTest, AStopThatTheJobHostDoesNotAnswerKeepsTheClientsMark) {
+  run(kAgent);
+  jobs_.setReachable(false);
+  manager().stopServices({kAgent});
+  EXPECT_TRUE(manager().isServiceBeingTrackedForUserClientShutdownRequest(kAgent));
+  EXPECT_THAT(takeLog(), Contains(testing::HasSubstr("3 Unable to unload com.example.agent")));
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
+}
+
+TEST_F(EnforcementTest, AJobHostThatGoesAfterASubmissionIsNotWaitedFor) {
+  VanishingJobs vanishing(jobs_);
+  ORBServiceManager manager(platform(vanishing));
+  manager.setHealthInfo(std::make_unique<FakeServiceHealth>(reports_));
+  const Instant before = loop_.now();
+  manager.enforceRunningForService(kAgent, nullptr);
+  EXPECT_EQ(loop_.now() - before, 5s);
+  EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
+}
+
 TEST_F(EnforcementTest, AStoppedServicesExtensionsAreForgotten) {
   use(catalogue({{kAgent, entry("agent", {{"KernelExtensions", Array{"net", 5, "file"}}})}}));
   manager().setKextsLoaded({"net", "file", "another"});
@@ -302,6 +361,16 @@ TEST_F(EnforcementTest, AShutdownThatFailsIsAnsweredButEveryOtherServiceIsStoppe
   EXPECT_THAT(takeReports(),
               ElementsAre("stop com.example.agent", "installer event com.example.agent",
                           "stop com.example.helper", "installer event com.example.helper"));
+}
+
+TEST_F(EnforcementTest, AShutdownThatTheJobHostDoesNotAnswerFails) {
+  run(kAgent);
+  jobs_.setReachable(false);
+  EXPECT_FALSE(manager().shutdownServices({kAgent}));
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_THAT(takeReports(),
+              ElementsAre("stop com.example.agent", "installer event com.example.agent"));
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
 }
 
 TEST_F(EnforcementTest, WhatIsNoLabelIsPassedOver) {

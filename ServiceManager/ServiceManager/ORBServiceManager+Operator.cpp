@@ -132,6 +132,7 @@ void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view labe
   }
   const Value job = copyJobDictionary(label);
   if (job.isNil()) return;
+  if (isJobUnknown(job)) return facts.set(kFactJobIsUnknown, true);
   Dictionary state;
   for (const char* key : {"PID", "LastExitStatus", "LastExitStatusUnknown"}) {
     setIfKnown(state, key, job[key]);
@@ -183,7 +184,7 @@ Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
                                     : known->second->lookAtObjectForKey(key);
   if (!current) {
-    if (current.error().name == kNSPortTimeoutException) silent.insert(known->first);
+    silent.insert(known->first);
     facts.set(kFactOutcome, kOutcomeNoAnswer);
     return facts;
   }

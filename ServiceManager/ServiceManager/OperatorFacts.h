@@ -42,6 +42,7 @@ inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that i
 // What the job host knows of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent:
 // there is no job, or no host answers.
 inline constexpr char kFactJob[] = "Job";
+inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, where the host is silent
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
 // Boolean: its "Features" are no array.
 inline constexpr char kFactFeaturesAreMalformed[] = "FeaturesAreMalformed";

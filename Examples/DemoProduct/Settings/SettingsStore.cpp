@@ -93,6 +93,7 @@ Result<std::unique_ptr<SettingsStore>> SettingsStore::open(const std::string& pa
   std::size_t leftOut = 0;
   const auto read = store->file_.read([&](const SettingsFile::Row& row) {
     store->readRow(row, [&](std::string_view warning) {
+      store->hasLeftOut_ = true;
       if (++leftOut <= kMostNamed) warn(warning);
     });
   });
@@ -209,7 +210,12 @@ Result<std::vector<std::string>> SettingsStore::removeValues(std::string_view in
     rows.push_back({std::string(inDomain), layer, key, std::move(value), changes_ + 1});
   };
   for (const std::string& key : keys) {
-    if (!held.values.contains(key) || std::ranges::find(removed, key) != removed.end()) continue;
+    if (std::ranges::find(removed, key) != removed.end()) continue;
+    if (!held.values.contains(key)) {
+      // One that was left out would be back after the next start, where there is room for it then.
+      if (hasLeftOut_) add(SettingsLayer::kValues, key, std::nullopt);
+      continue;
+    }
     removed.push_back(key);
     add(SettingsLayer::kValues, key, std::nullopt);
     // Its default is read from now on, which must not look like an older change.
@@ -220,10 +226,10 @@ Result<std::vector<std::string>> SettingsStore::removeValues(std::string_view in
       add(SettingsLayer::kDefaults, key, std::move(*list));
     }
   }
-  if (removed.empty()) return removed;
-  if (auto written = file_.write(rows, changes_ + 1); !written)
-    return std::unexpected(written.error());
-  ++changes_;
+  if (rows.empty()) return removed;
+  const std::int64_t changes = removed.empty() ? changes_ : changes_ + 1;
+  if (auto written = file_.write(rows, changes); !written) return std::unexpected(written.error());
+  changes_ = changes;
   for (const std::string& key : removed) {
     held.values.erase(key);
     if (const auto below = held.defaults.find(key); below != held.defaults.end())

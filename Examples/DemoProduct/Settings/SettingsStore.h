@@ -65,7 +65,8 @@ class SettingsStore {
   // limit.
   platform::Result<void> set(std::string_view domain, std::string_view key,
                              const platform::Value& value);
-  // Takes the values of these keys away. Returns the keys that had one.
+  // Takes the values of these keys away, also from the file where they were left out at the start.
+  // Returns the keys that had one.
   platform::Result<std::vector<std::string>> removeValues(std::string_view domain,
                                                           const std::vector<std::string>& keys);
   // Adds defaults, and replaces those that there are. All of them or none. Returns the keys by
@@ -105,4 +106,5 @@ class SettingsStore {
   SettingsFile file_;
   std::map<std::string, Domain, std::less<>> domains_;
   std::int64_t changes_ = 0;
+  bool hasLeftOut_ = false;  // The file has settings that are not held here.
 };

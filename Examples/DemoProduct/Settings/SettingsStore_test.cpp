@@ -408,6 +408,34 @@ TEST_F(SettingsStoreTest, WhatADomainHoldsAboveItsLimitIsLeftOut) {
   EXPECT_EQ(warnings_.size(), 1u);
 }
 
+TEST_F(SettingsStoreTest, ASettingThatWasLeftOutCanBeRemovedForGood) {
+  ASSERT_TRUE(store_->set(kOne, "a", 1));
+  execute("INSERT INTO setting VALUES('com.vantor.One', 1, 'bad', x'00', 1)");
+  open();
+  ASSERT_EQ(warnings_.size(), 1u);
+  const auto removed = store_->removeValues(kOne, {"bad"});
+  ASSERT_TRUE(removed);
+  EXPECT_THAT(*removed, IsEmpty());  // Nobody could read it.
+  EXPECT_EQ(store_->versions(kOne), (Dictionary{{"a", 1}}));
+  warnings_.clear();
+  open();
+  EXPECT_THAT(warnings_, IsEmpty());
+  EXPECT_EQ(store_->dictionaryRepresentation(kOne), (Dictionary{{"a", 1}}));
+}
+
+TEST_F(SettingsStoreTest, WhatWasLeftOutIsRemovedTogetherWithWhatWasNot) {
+  ASSERT_TRUE(store_->set(kOne, "a", 1));
+  execute("INSERT INTO setting VALUES('com.vantor.One', 1, 'bad', x'00', 1)");
+  open();
+  const auto removed = store_->removeValues(kOne, {"bad", "a"});
+  ASSERT_TRUE(removed);
+  EXPECT_THAT(*removed, ElementsAre("a"));
+  warnings_.clear();
+  open();
+  EXPECT_THAT(warnings_, IsEmpty());
+  EXPECT_TRUE(store_->dictionaryRepresentation(kOne).empty());
+}
+
 TEST(QuotedKeyTest, IsCutBetweenCharactersWhereItIsTooLong) {
   EXPECT_EQ(quotedKey("key"), "\"key\"");
   const std::string most(SettingsLimits::kKeyBytes, 'k');
