@@ -67,7 +67,9 @@ void NSXPCConnection::deliverMessage(SerialQueue::Block block) {
     if (!servesAtOnce_) return queue_->async(std::move(block));
   }
   xpc_.noteLoopThread();
-  queue_->sync(std::move(block));
+  // This thread, which carries every connection, waits for none. Whatever is delivered is delivered
+  // on it, so that nothing can come in between.
+  if (!queue_->trySync(block)) queue_->async(std::move(block));
 }
 
 void NSXPCConnection::resume() {

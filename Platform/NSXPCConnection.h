@@ -93,8 +93,9 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
 
   // For an object that answers at once and waits for nothing: its messages need not go through
-  // other threads. They are served on the queue as ever, but where that is idle, on the XPC's own
-  // thread, which carries all of its connections. Before the first resume().
+  // other threads. They are served on the queue and in their order as ever; where that is idle, on
+  // the XPC's own thread, which carries all of its connections and never waits for the queue.
+  // Before the first resume().
   void setServesAtOnce() { servesAtOnce_ = true; }
 
   // Begins to deliver what comes, and to send. Each suspend() needs another resume(); what comes

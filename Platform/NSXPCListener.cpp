@@ -58,6 +58,7 @@ void NSXPCListener::invalidate() {
 void NSXPCListener::listenOnce() {
   if (std::exchange(hasListened_, true)) return;
   const PeerListenerOptions options{.socketMode = kSocketMode,
+                                    .connectionsPerUser = xpc_.environment_.connectionsPerUser,
                                     .contents = PeerMessageContents::kValuesAndEndpoints};
   const auto onConnection = [weak = weak_from_this()](std::unique_ptr<PeerConnection> peer) {
     if (const auto self = weak.lock()) self->arrived(std::move(peer));
@@ -100,7 +101,12 @@ void NSXPCListener::offer(const std::shared_ptr<NSXPCConnection>& connection) {
   queue_->async([weak = weak_from_this(), connection] {
     const auto self = weak.lock();
     const auto delegate = self ? self->delegate_.lock() : nullptr;
-    if (!delegate || !delegate->listener(*self, connection)) connection->invalidate();
+    // On the connection's own queue: its end, which lets go of what the delegate sets, may come at
+    // any time.
+    connection->queue_->sync([&] {
+      if (connection->invalid_) return;  // It has ended already, and would keep what is set.
+      if (!delegate || !delegate->listener(*self, connection)) connection->invalidate();
+    });
   });
 }
 

@@ -20,8 +20,9 @@ class NSXPCListenerDelegate {
  public:
   virtual ~NSXPCListenerDelegate() = default;
 
-  // listener:shouldAcceptNewConnection: - runs on the listener's queue. To accept, it sets the
-  // connection up, resumes it and returns true; otherwise the connection is invalidated.
+  // listener:shouldAcceptNewConnection: - runs on the listener's queue and, so that the connection
+  // can't end meanwhile, on the connection's. To accept, it sets the connection up, resumes it and
+  // returns true; otherwise the connection is invalidated. Who has gone already is not shown.
   virtual bool listener(NSXPCListener& listener,
                         const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) = 0;
 };

@@ -32,6 +32,11 @@ class SerialQueue {
   // Returns when `block` has run, after everything submitted before it. On an idle queue it runs on
   // the calling thread itself.
   virtual void sync(Block block) = 0;
+
+  // For a thread that may not wait. On an idle queue, runs `block` at once on the calling thread,
+  // lets go of it and returns true; otherwise, also within a block of this queue, leaves it as it
+  // is and returns false.
+  virtual bool trySync(Block& block) = 0;
 };
 
 // Makes queues that share one small pool of threads. Work that may take long belongs to a pool of

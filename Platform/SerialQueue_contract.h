@@ -49,6 +49,55 @@ TEST_P(SerialQueueContract, SyncOnAnIdleQueueRunsOnTheCallingThread) {
   }
 }
 
+TEST_P(SerialQueueContract, TrySyncOnAnIdleQueueRunsOnTheCallingThreadAndReleasesTheBlock) {
+  const auto queue = queues_->makeQueue("queue");
+  const auto held = std::make_shared<int>();  // Owned by the block and this test.
+  std::thread::id thread;
+  SerialQueue::Block block = [&thread, held] { thread = std::this_thread::get_id(); };
+  EXPECT_TRUE(queue->trySync(block));
+  EXPECT_EQ(thread, std::this_thread::get_id());
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_P(SerialQueueContract, TrySyncOnABusyQueueLeavesTheBlock) {
+  const auto queue = queues_->makeQueue("queue");
+  const auto other = queues_->makeQueue("other");
+  int ran = 0;
+  SerialQueue::Block block = [&ran] { ++ran; };
+  queue->sync([&] {
+    EXPECT_FALSE(queue->trySync(block));
+    other->sync([&] { EXPECT_FALSE(queue->trySync(block)); });
+  });
+  EXPECT_EQ(ran, 0);
+  EXPECT_TRUE(queue->trySync(block));
+  EXPECT_EQ(ran, 1);
+}
+
+TEST_P(SerialQueueContract, TrySyncPassesNothingThatWaits) {
+  const auto queue = queues_->makeQueue("queue");
+  std::vector<int> ran;
+  for (int i = 0; i < 1000; ++i) {
+    queue->async([&ran, i] { ran.push_back(2 * i); });
+    SerialQueue::Block block = [&ran, i] { ran.push_back(2 * i + 1); };
+    if (!queue->trySync(block)) queue->async(std::move(block));
+  }
+  queue->sync([] {});
+  ASSERT_EQ(ran.size(), 2000);
+  for (int i = 0; i < 2000; ++i) EXPECT_EQ(ran[i], i);
+}
+
+TEST_P(SerialQueueContract, WhatIsSubmittedDuringTrySyncRunsAfterIt) {
+  const auto queue = queues_->makeQueue("queue");
+  std::vector<int> ran;
+  SerialQueue::Block block = [&] {
+    queue->async([&] { ran.push_back(1); });
+    ran.push_back(0);
+  };
+  EXPECT_TRUE(queue->trySync(block));
+  queues_.reset();
+  EXPECT_EQ(ran, (std::vector{0, 1}));
+}
+
 TEST_P(SerialQueueContract, ABlockMaySubmitToItsOwnQueue) {
   const auto queue = queues_->makeQueue("queue");
   std::vector<int> ran;

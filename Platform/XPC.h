@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -22,7 +23,8 @@
 namespace platform {
 
 // Makes listeners and connections that call objects of other programs, off the main thread: their
-// transport lives on a loop of its own, requests and replies are served on queues. Nobody shows a
+// transport lives on a loop of its own, requests and replies are served on queues, whose blocks run
+// on threads of theirs or, see NSXPCConnection::setServesAtOnce(), on the loop's. Nobody shows a
 // token here and nobody is asked for one; who may do what is the objects' business.
 //
 // Outlives everything that it makes. Any thread may use it.
@@ -42,6 +44,8 @@ class XPC {
     std::function<std::unique_ptr<SerialQueues>()> makeQueues;
     // Which file stands for a Mach service.
     std::function<std::string(std::string_view machService)> path;
+    // Of each listener; see PeerListenerOptions.
+    std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   };
   explicit XPC(Environment environment);
   XPC(const XPC&) = delete;

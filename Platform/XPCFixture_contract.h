@@ -132,9 +132,11 @@ class XPCTestDelegate final : public NSXPCListenerDelegate {
       journal_.note("refused");
       return false;
     }
+    if (whileDeciding) whileDeciding();
     connection->setExportedInterface(&xpcTestProtocol());
     connection->setExportedObject(object_);
     connection->setInvalidationHandler([this] { journal_.note("server side invalid"); });
+    if (servesAtOnce) connection->setServesAtOnce();
     accepted.push_back(connection);
     connection->resume();
     journal_.note("accepted");
@@ -147,6 +149,8 @@ class XPCTestDelegate final : public NSXPCListenerDelegate {
   std::vector<PeerCredentials> peers;
   std::vector<std::weak_ptr<NSXPCConnection>> accepted;
   bool refuses = false;
+  bool servesAtOnce = false;
+  std::function<void()> whileDeciding;
 
  private:
   XPCJournal& journal_;

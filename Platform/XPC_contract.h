@@ -3,6 +3,10 @@
 // What every XPC must do, whatever carries it. A test program instantiates it with a harness:
 //   INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeFakeXPCHarness));
 
+#include <string>
+#include <tuple>
+#include <vector>
+
 #include "Platform/XPCFixture_contract.h"
 
 namespace platform {
@@ -239,6 +243,64 @@ TEST_P(XPCContract, ASuspendedConnectionDeliversNothingUntilItIsResumed) {
   EXPECT_EQ(journal_.count("note held"), 0u);
   serverSide->resume();
   journal_.await("note held");
+}
+
+// What ends meanwhile ends behind the decision, and finds everything that was set.
+TEST_P(XPCContract, WhoGoesWhileTheDelegateDecidesIsLetGoOf) {
+  delegate_->whileDeciding = [this] {
+    client_->invalidate();
+    journal_.await("invalid");
+    std::ignore = listener_->endpoint();  // A turn of the loop that hears of it.
+    EXPECT_EQ(journal_.count("server side invalid"), 0u);
+  };
+  listen();
+  client_ = prepare(harness_->here().makeConnection(kService));
+  client_->resume();
+  journal_.await("accepted");
+  journal_.await("server side invalid");
+  EXPECT_EQ(journal_.count("server side invalid"), 1u);
+  delegate_.reset();
+  journal_.await("object gone");
+}
+
+TEST_P(XPCContract, AnObjectThatServesAtOnceIsNotCalledWhileSuspended) {
+  delegate_->servesAtOnce = true;
+  start();
+  call(*client_, "echo:withReply:", {Value(1)});
+  const auto serverSide = delegate_->accepted.at(0).lock();
+  serverSide->suspend();
+  client_->sendMessage("note:", {Value("held")}, nullptr, nullptr);
+  const auto other = connect();
+  call(*other, "echo:withReply:", {Value(2)});
+  EXPECT_EQ(journal_.count("note held"), 0u);
+  serverSide->resume();
+  journal_.await("note held");
+}
+
+TEST_P(XPCContract, WhatIsServedAtOnceComesInOrderBehindWhatWasHeld) {
+  constexpr std::size_t kEach = NSXPCConnection::kMaxWaitingMessages / 2 - 1;
+  delegate_->servesAtOnce = true;
+  start();
+  call(*client_, "echo:withReply:", {Value(1)});
+  const auto serverSide = delegate_->accepted.at(0).lock();
+  std::vector<std::string> sent;
+  const auto sendNotes = [&] {
+    for (std::size_t i = 0; i < kEach; ++i) {
+      const std::string text = std::to_string(sent.size());
+      sent.push_back("note " + text);
+      client_->sendMessage("note:", {Value(text)}, nullptr, nullptr);
+    }
+  };
+  serverSide->suspend();
+  sendNotes();
+  const auto other = connect();
+  call(*other, "echo:withReply:", {Value(2)});
+  sendNotes();
+  serverSide->resume();
+  journal_.await(sent.back());
+  std::vector<std::string> notes = journal_.entries();
+  std::erase_if(notes, [](const std::string& entry) { return !entry.starts_with("note "); });
+  EXPECT_EQ(notes, sent);
 }
 
 TEST_P(XPCContract, ASuspendedListenerKeepsWhoComesUntilItIsResumed) {

@@ -72,16 +72,7 @@ class AsioSerialQueues::Queue final : public SerialQueue,
     std::unique_lock lock(mutex_);
     // The block would wait for the end of the block that waits for it.
     if (runner_ == std::this_thread::get_id()) std::abort();
-    const bool idle = runner_ == std::thread::id() && blocks_.empty();
-    if (idle) {
-      runner_ = std::this_thread::get_id();
-      lock.unlock();
-      block();
-      lock.lock();
-      runner_ = {};
-      schedule(lock);
-      return;
-    }
+    if (isIdle()) return runHere(block, lock);
     std::promise<void> done;
     blocks_.push_back([&] {
       block();
@@ -94,7 +85,29 @@ class AsioSerialQueues::Queue final : public SerialQueue,
     done.get_future().wait();
   }
 
+  bool trySync(Block& block) override {
+    const auto self = shared_from_this();  // The block may let go of the caller's.
+    std::unique_lock lock(mutex_);
+    if (!isIdle()) return false;
+    runHere(block, lock);
+    if (lock.owns_lock()) lock.unlock();
+    block = nullptr;
+    return true;
+  }
+
  private:
+  bool isIdle() const { return runner_ == std::thread::id() && blocks_.empty(); }
+
+  // Runs a block of an idle queue on this thread. May let go of the lock.
+  void runHere(Block& block, std::unique_lock<std::mutex>& lock) {
+    runner_ = std::this_thread::get_id();
+    lock.unlock();
+    block();
+    lock.lock();
+    runner_ = {};
+    schedule(lock);
+  }
+
   // Sees to it that waiting blocks are run. May let go of the lock.
   void schedule(std::unique_lock<std::mutex>& lock) {
     while (!blocks_.empty() && runner_ == std::thread::id() && !scheduled_) {

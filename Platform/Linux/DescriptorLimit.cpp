@@ -19,4 +19,10 @@ Result<std::uint64_t> raiseDescriptorLimit() {
   return before;
 }
 
+std::uint64_t softDescriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for this process itself.
+  return limit.rlim_cur;
+}
+
 }  // namespace platform

@@ -11,4 +11,7 @@ namespace platform {
 // back: those that use select() break with more.
 Result<std::uint64_t> raiseDescriptorLimit();
 
+// How many this process may open now: the soft limit.
+std::uint64_t softDescriptorLimit();
+
 }  // namespace platform

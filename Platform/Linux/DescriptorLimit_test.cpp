@@ -13,7 +13,9 @@ TEST(DescriptorLimitTest, TheSoftLimitIsRaisedToTheHardOneAndItsOldValueReturned
   low.rlim_cur = 200;
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
 
+  EXPECT_EQ(softDescriptorLimit(), 200U);
   EXPECT_EQ(raiseDescriptorLimit(), 200U);
+  EXPECT_EQ(softDescriptorLimit(), original.rlim_max);
   rlimit raised{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &raised), 0);
   EXPECT_EQ(raised.rlim_cur, original.rlim_max);

@@ -1,9 +1,12 @@
 #include "Platform/Linux/LinuxXPC.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Platform/Linux/AsioSerialQueues.h"
 #include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/PeerLimits.h"
 
 namespace platform {
 
@@ -13,6 +16,14 @@ Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string roo
   if (!loop) return std::unexpected(std::move(loop.error()));
   return std::unique_ptr<LinuxXPC>(
       new LinuxXPC(log, std::move(root), std::move(passed), std::move(*loop)));
+}
+
+std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
+  // A connection, and what comes with a message that is never completed.
+  constexpr std::uint64_t kDescriptorsEach = 1 + kMaxPeerDescriptors;
+  constexpr std::uint64_t kShare = 4;
+  return static_cast<std::size_t>(std::clamp<std::uint64_t>(
+      descriptorLimit / kShare / kDescriptorsEach, 1, kMaxPeerConnectionsPerUser));
 }
 
 LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
@@ -27,8 +38,10 @@ LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket>
       .log = log,
       .performOnLoop = [this](const std::function<void()>& action) { performOnLoop(action); },
       .makeQueues = [] { return std::make_unique<AsioSerialQueues>(kThreadsPerListener); },
-      .path = [this](std::string_view name) { return pathOfMachService(root_, name); }});
+      .path = [this](std::string_view name) { return pathOfMachService(root_, name); },
+      .connectionsPerUser = connectionsPerUser(softDescriptorLimit())});
   thread_ = std::thread([this] { loop_->run(); });
+  loopThread_ = thread_.get_id();
 }
 
 LinuxXPC::~LinuxXPC() {
@@ -43,7 +56,7 @@ LinuxXPC::~LinuxXPC() {
 }
 
 void LinuxXPC::performOnLoop(const std::function<void()>& action) {
-  if (std::this_thread::get_id() == thread_.get_id()) return action();
+  if (std::this_thread::get_id() == loopThread_) return action();
   const auto done = std::make_shared<std::promise<void>>();
   {
     // Without the loop's thread one thread after the other stands in for it: what is still being

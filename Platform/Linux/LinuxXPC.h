@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <future>
@@ -23,7 +25,8 @@ namespace platform {
 // The XPC of a program, with a thread and a loop of its own for its connections.
 class LinuxXPC {
  public:
-  // Threads for the requests of one listener: two, so that a long one leaves another going.
+  // Threads for the requests of one listener: two, so that a long one leaves another going. Objects
+  // that serve at once hold up neither; they are served on the loop's thread where that can be.
   static constexpr std::size_t kThreadsPerListener = 2;
 
   // Mach services are sockets below `root`; one that was passed to the process is used as it is.
@@ -37,6 +40,11 @@ class LinuxXPC {
   ~LinuxXPC();
 
   XPC& xpc() { return *xpc_; }
+
+  // How many connections one user may have to a listener, in a process that may open so many
+  // descriptors. Everybody may connect, so that nobody is to have more than a quarter of them: with
+  // messages that it never completes, too. At least one, at most kMaxPeerConnectionsPerUser.
+  static std::size_t connectionsPerUser(std::uint64_t descriptorLimit);
 
  private:
   LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
@@ -59,6 +67,7 @@ class LinuxXPC {
   DBusPeerTransport transport_{*loop_};
   std::optional<XPC> xpc_;
   std::thread thread_;
+  std::thread::id loopThread_;  // that other threads may read while it is joined
 };
 
 }  // namespace platform

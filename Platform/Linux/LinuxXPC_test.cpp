@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <future>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <tuple>
@@ -94,6 +95,83 @@ TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
   listener.reset();
   delegate->isEnding = true;
   server.reset();
+}
+
+// Accepts everybody, and holds the second up until it is told to go on.
+class Hesitating final : public NSXPCListenerDelegate {
+ public:
+  explicit Hesitating(XPCJournal& journal)
+      : journal_(journal), object_(std::make_shared<XPCTestObject>(journal)) {}
+
+  bool listener(NSXPCListener& /*listener*/,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    connection->setExportedInterface(&xpcTestProtocol());
+    connection->setExportedObject(object_);
+    connection->setServesAtOnce();
+    connection->resume();
+    journal_.note("resumed");
+    if (++accepted_ == 2) mayGoOn.get_future().wait();
+    return true;
+  }
+
+  std::promise<void> mayGoOn;
+
+ private:
+  XPCJournal& journal_;
+  const std::shared_ptr<XPCTestObject> object_;
+  int accepted_ = 0;
+};
+
+// A message for a busy queue waits behind it, and the thread that reads for all does not.
+TEST(LinuxXPCTest, WhatIsServedAtOnceOnABusyQueueHoldsUpNoOtherConnection) {
+  LinuxHarness harness;
+  XPCJournal journal(harness);
+  auto delegate = std::make_shared<Hesitating>(journal);
+  auto listener = harness.there().makeListener("com.example.test");
+  listener->setDelegate(delegate);
+  listener->resume();
+  const auto connect = [&] {
+    auto connection = harness.here().makeConnection("com.example.test");
+    connection->setRemoteObjectInterface(&xpcTestProtocol());
+    connection->resume();
+    return connection;
+  };
+  const auto ask = [&](NSXPCConnection& connection, const char* name) {
+    connection.sendMessage(
+        "echo:withReply:", {Value(1)}, [&journal, name](const Array&) { journal.note(name); },
+        nullptr);
+  };
+  auto other = connect();
+  ask(*other, "other");
+  journal.await("other");
+  auto busy = connect();
+  journal.await("resumed", 2);
+  for (std::size_t i = 1; i <= 10; ++i) {
+    ask(*busy, "busy");
+    ask(*other, "other");
+    journal.await("other", 1 + i);
+  }
+  EXPECT_EQ(journal.count("busy"), 0u);
+  delegate->mayGoOn.set_value();
+  journal.await("busy", 10);
+  other.reset();
+  busy.reset();
+  listener.reset();
+  harness.end();
+}
+
+TEST(LinuxXPCTest, AUserMayHoldAQuarterOfTheDescriptorsAndAtMostAsManyConnectionsAsAnywhere) {
+  constexpr std::uint64_t kEach = 4 * (1 + kMaxPeerDescriptors);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(0), 1u);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach - 1), 1u);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach), 2u);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(1024), 15u);
+  const std::uint64_t enough = kEach * kMaxPeerConnectionsPerUser;
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough - 1), kMaxPeerConnectionsPerUser - 1);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough), kMaxPeerConnectionsPerUser);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough + kEach), kMaxPeerConnectionsPerUser);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(std::numeric_limits<std::uint64_t>::max()),
+            kMaxPeerConnectionsPerUser);
 }
 
 }  // namespace

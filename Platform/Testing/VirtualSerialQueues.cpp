@@ -46,6 +46,13 @@ class VirtualSerialQueues::Queue final : public SerialQueue,
     run(std::move(block));
   }
 
+  bool trySync(Block& block) override {
+    if (running_ || !blocks_.empty()) return false;
+    const auto self = shared_from_this();  // The block may let go of the caller's.
+    run(std::exchange(block, nullptr));
+    return true;
+  }
+
   // Where a block of this queue runs already, the turn is put off until that one is done.
   void runOne() {
     if (running_) {

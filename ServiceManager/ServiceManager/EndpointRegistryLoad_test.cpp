@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <latch>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -114,6 +116,44 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) 
   }
   handler_.reset();  // With the endpoints that it holds.
   EXPECT_EQ(openDescriptors(), before);
+}
+
+// As many queues as threads: whatever they do at once, there are never more names than may be.
+TEST_F(EndpointRegistryLoadTest, ThreadsMayRegisterAndLookUpAtOnce) {
+  struct AnyEndpoint final : NSXPCListenerEndpoint {};
+  constexpr std::size_t kThreads = 4;
+  constexpr std::size_t kNames = ORBServiceManagerXPCHandler::kMaxNames;
+  constexpr std::size_t kNamesEach = kNames / kThreads + 50;
+  const Value passkey(systemProfileData(system_));
+  std::atomic<std::size_t> registered = 0;
+  std::atomic<std::size_t> refused = 0;
+  std::atomic<std::size_t> wrong = 0;
+  std::latch allAreThere(kThreads);
+  const auto work = [&](std::size_t thread) {
+    allAreThere.arrive_and_wait();
+    for (std::size_t i = 0; i < kNamesEach; ++i) {
+      const std::string name = std::to_string(thread) + ' ' + std::to_string(i);
+      const auto endpoint = std::make_shared<AnyEndpoint>();
+      bool isRegistered = false;
+      handler_->registerXPCListenerEndpoint(
+          endpoint, passkey, name, [&](bool success, const std::optional<std::string>& message) {
+            isRegistered = success;
+            if (message && *message != "Too many names are registered.") ++wrong;
+          });
+      ++(isRegistered ? registered : refused);
+      if (!isRegistered) continue;
+      handler_->xpcListenerEndpoint(passkey, name, [&](const auto& found) {
+        if (found != endpoint) ++wrong;
+      });
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
+  }
+  EXPECT_EQ(registered, kNames);
+  EXPECT_EQ(refused, kThreads * kNamesEach - kNames);
+  EXPECT_EQ(wrong, 0u);
 }
 
 }  // namespace

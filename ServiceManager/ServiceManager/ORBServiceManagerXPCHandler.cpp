@@ -100,9 +100,8 @@ void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& en
     return withReply(false, "Invalid passkey for the registration.");
   }
   logDebug(stringWithFormat("Received register request for '%@'.", withName));
-  if (const auto refusal = refusalOf(endpoint, withName)) return withReply(false, refusal);
-  registerXPCListenerEndpoint(endpoint, withName);
-  withReply(true, std::nullopt);
+  const auto refusal = registerWithinLimits(endpoint, withName);
+  withReply(!refusal, refusal);
 }
 
 void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
@@ -128,18 +127,23 @@ void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::s
                                           NSNotificationPosting::kPostToAllSessions);
 }
 
-std::optional<std::string> ORBServiceManagerXPCHandler::refusalOf(const Endpoint& endpoint,
-                                                                  const std::string& name) const {
+// `endpoint` outlives the lock: the end of what it replaces, a system call, is not to keep others
+// waiting.
+std::optional<std::string> ORBServiceManagerXPCHandler::registerWithinLimits(
+    Endpoint endpoint, const std::string& name) {
   if (!endpoint) return "There is no endpoint to register.";
   if (name.size() > kMaxNameBytes) return "The name is too long.";
   const std::lock_guard lock(mutex_);
-  if (endpointListeners_.size() < kMaxNames || endpointListeners_.contains(name)) return {};
-  return "Too many names are registered.";
+  if (endpointListeners_.size() >= kMaxNames && !endpointListeners_.contains(name)) {
+    return "Too many names are registered.";
+  }
+  endpointListeners_[name].swap(endpoint);
+  return std::nullopt;
 }
 
 void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
                                                               const std::string& withName) {
-  Endpoint replaced = endpoint;  // Its end, a system call, is not to keep others waiting.
+  Endpoint replaced = endpoint;  // Which ends without the lock.
   const std::lock_guard lock(mutex_);
   endpointListeners_[withName].swap(replaced);
 }

@@ -74,8 +74,8 @@ class ORBServiceManagerXPCHandler final
   Endpoint xpcListenerEndpointByName(const std::string& name) const;
 
  private:
-  // Why these can't be registered; nothing where they can.
-  std::optional<std::string> refusalOf(const Endpoint& endpoint, const std::string& name) const;
+  // Registers them, within the limits above. Why they can't be, or nothing.
+  std::optional<std::string> registerWithinLimits(Endpoint endpoint, const std::string& name);
 
   const platform::SystemInformation& system_;
   platform::DistributedNotificationCenter& distributedCenter_;

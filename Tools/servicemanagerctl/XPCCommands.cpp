@@ -20,9 +20,24 @@ namespace {
 
 using namespace platform;
 
-// The registry answers at once. A hash takes as long as the file is long.
-constexpr std::chrono::seconds kRegistryPatience(10);
-constexpr std::chrono::hours kHashPatience(1);
+// How long to wait for a reply, and what it may mean that there is none.
+struct Patience {
+  std::chrono::seconds limit;
+  std::string text;
+  int exitStatus;
+};
+
+// It answers at once.
+Patience withRegistry() {
+  return {std::chrono::seconds(10),
+          "it answers nobody who is not of its product: use the servicemanagerctl that was "
+          "installed with it",
+          kExitNotAuthenticated};
+}
+
+Patience withHashOf(const std::string& file, std::chrono::seconds limit) {
+  return {limit, file + " is too large, or what it lies on does not answer", kExitFailed};
+}
 
 Refusal nobodyThere(const std::string& root) {
   return {kExitNobodyThere,
@@ -33,7 +48,7 @@ Refusal nobodyThere(const std::string& root) {
 
 // Blocks for the reply.
 Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array arguments,
-                  std::chrono::seconds patience, const std::string& root) {
+                  const Patience& patience, const std::string& root) {
   // Shared with the handlers, which may outlive the wait.
   const auto answer = std::make_shared<std::promise<Answer<Array>>>();
   connection.sendMessage(
@@ -46,12 +61,10 @@ Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array 
                 : nobodyThere(root)));
       });
   auto future = answer->get_future();
-  if (future.wait_for(patience) != std::future_status::ready) {
-    return std::unexpected(Refusal{
-        kExitNotAuthenticated,
-        fmt::format("the service manager has not answered for {} s; it answers nobody who is not "
-                    "of its product: use the servicemanagerctl that was installed with it",
-                    patience.count())});
+  if (future.wait_for(patience.limit) != std::future_status::ready) {
+    return std::unexpected(Refusal{patience.exitStatus,
+                                   fmt::format("the service manager has not answered for {} s; {}",
+                                               patience.limit.count(), patience.text)});
   }
   return future.get();
 }
@@ -67,7 +80,7 @@ Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
     const XPCCommands::Environment& environment, NSXPCConnection& registry,
     const std::string& name) {
   auto reply = ask(registry, "xpcListenerEndpointForPasskey:withName:withReply:",
-                   {Value(systemProfileData(environment.system)), Value(name)}, kRegistryPatience,
+                   {Value(systemProfileData(environment.system)), Value(name)}, withRegistry(),
                    environment.root);
   if (!reply) return std::unexpected(std::move(reply.error()));
   return reply->empty() ? nullptr : endpointIn(reply->front());
@@ -111,7 +124,7 @@ int XPCCommands::run(const Environment& environment) const {
   const auto registry = connected(environment.xpc.makeConnection(kEndpointRegistryService),
                                   environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
   const auto signature =
-      ask(*registry, "signatureWithReply:", {}, kRegistryPatience, environment.root);
+      ask(*registry, "signatureWithReply:", {}, withRegistry(), environment.root);
   Answer<int> done = EXIT_SUCCESS;
   if (!signature) {
     done = std::unexpected(signature.error());
@@ -143,7 +156,7 @@ Answer<void> XPCCommands::registerName(const Environment& environment,
   const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
                          {Value(std::shared_ptr<const RemoteObject>(endpoint)),
                           Value(systemProfileData(environment.system)), Value(name_)},
-                         kRegistryPatience, environment.root);
+                         withRegistry(), environment.root);
   if (!reply) return std::unexpected(reply.error());
   if (reply->empty() || reply->front() != Value(true)) {
     return std::unexpected(
@@ -174,14 +187,18 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
   const auto service = connected(environment.xpc.makeConnection(*endpoint), environment.protocols,
                                  kORBExecutableInfoProtocol);
   auto list = nlohmann::json::array();
+  Answer<int> done = EXIT_SUCCESS;
   for (const std::string& path : paths_) {
     // The service has a folder of its own, and wants to be told the file itself.
     std::error_code error;
     const auto canonical = std::filesystem::weakly_canonical(path, error);
     const std::string file = error ? path : canonical.string();
     const auto reply = ask(*service, "requestExecutableInfo:withReply:", {Value(file)},
-                           kHashPatience, environment.root);
-    if (!reply) return std::unexpected(reply.error());
+                           withHashOf(file, environment.hashPatience), environment.root);
+    if (!reply) {
+      done = std::unexpected(reply.error());
+      break;
+    }
     const std::string signing = textAt(*reply, 0);
     const std::string hash = textAt(*reply, 1);
     const std::string source = textAt(*reply, 2);
@@ -193,7 +210,8 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
                         shown(hash), shown(source)));
     }
   }
-  // A path may hold any bytes, and so may the text from an attribute.
+  // Also where a later file failed. A path may hold any bytes, and so may the text from an
+  // attribute.
   if (json_) print(list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
-  return EXIT_SUCCESS;
+  return done;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -30,6 +31,8 @@ class XPCCommands {
     const platform::SystemInformation& system;
     const platform::ProtocolTable& protocols;
     std::string root;  // of the platform, for texts
+    // For each file: a hash takes as long as the file is long.
+    std::chrono::seconds hashPatience = std::chrono::hours(1);
   };
   // Does what was asked, and returns the exit status. Registering blocks until the process is
   // ended.

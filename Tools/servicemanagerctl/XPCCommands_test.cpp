@@ -1,5 +1,6 @@
 #include "Tools/servicemanagerctl/XPCCommands.h"
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -67,7 +68,8 @@ class XPCCommandsTest : public testing::Test {
     registry_->registerXPCListenerEndpoint(execListener_->endpoint(), kExecInfoEndpoint);
   }
 
-  Ran run(std::vector<std::string> arguments) {
+  Ran run(std::vector<std::string> arguments,
+          std::chrono::seconds hashPatience = std::chrono::hours(1)) {
     CLI::App app;
     const XPCCommands commands(app);
     std::ranges::reverse(arguments);  // As CLI11 wants them.
@@ -76,7 +78,7 @@ class XPCCommandsTest : public testing::Test {
     const auto xpc = makeXPC();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root"});
+    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root", hashPatience});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
 
@@ -172,6 +174,28 @@ TEST_F(XPCCommandsTest, APathThatIsNoTextIsRefusedByName) {
   const Ran told = run({"execinfo", folder_.path("\xff")});
   EXPECT_EQ(told.status, kExitFailed);
   EXPECT_THAT(told.errors, HasSubstr("UTF-8"));
+}
+
+TEST_F(XPCCommandsTest, WhatWasToldBeforeAFailureIsToldToProgramsToo) {
+  serve();
+  const std::string known = folder_.write("known", "abc");
+  const Ran told = run({"execinfo", "--json", known, folder_.path("\xff"), known});
+  EXPECT_EQ(told.status, kExitFailed);
+  EXPECT_EQ(nlohmann::json::parse(told.output),
+            (nlohmann::json{{{"path", known}, {"signing", ""}, {"sha256", kAbc}, {"source", ""}}}));
+  EXPECT_THAT(told.errors, HasSubstr("UTF-8"));
+}
+
+TEST_F(XPCCommandsTest, AFileThatIsNeverToldOfIsNamedInTheEnd) {
+  serve();
+  // Never resumed: who connects waits.
+  auto listener = daemon_->xpc().makeAnonymousListener();
+  registry_->registerXPCListenerEndpoint(listener->endpoint(), kExecInfoEndpoint);
+  const Ran told = run({"execinfo", "/bin/true"}, std::chrono::seconds(0));
+  EXPECT_EQ(told.status, kExitFailed);
+  EXPECT_EQ(told.output, "");
+  EXPECT_THAT(told.errors, HasSubstr("has not answered for 0 s; /"));
+  EXPECT_THAT(told.errors, testing::Not(HasSubstr("product")));
 }
 
 TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {

@@ -69,6 +69,7 @@ class HeldQueues final : public SerialQueues {
       queues_.pending_.emplace_back(shared_from_this(), std::move(block));
     }
     void sync(Block block) override { block(); }
+    bool trySync(Block& /*block*/) override { return false; }
 
    private:
     HeldQueues& queues_;
