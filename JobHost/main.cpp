@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -43,25 +44,29 @@ int main() {
   if (!bootId) return fail(bootId.error());
   auto processes = jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit);
   if (!processes) return fail(processes.error());
-  jobhost::JobHostOptions options;
-  options.root = linux.configuration.root;
-  options.bootId = *std::move(bootId);
-  auto host =
-      jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
-  if (!host) return fail(host.error());
-
-  const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
-                                                 platform::jobHostSocket(linux.configuration.root),
-                                                 ::geteuid(), **host, linux.systemLog);
-  if (!server) return fail(server.error());
-
+  std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;
+  // Before the first job is started: whoever ends a host that is still starting its daemons wants
+  // them ended too. The request is heard when the loop runs, and then there is a host.
   const auto termination = linux.terminationSignals.watchTermination([&] {
     if (std::exchange(isStopping, true)) return;
     static_cast<void>(linux.readiness.announceStopping());
-    (*host)->shutDown([&] { linux.runLoop->stop(); });
+    host->shutDown([&] { linux.runLoop->stop(); });
   });
   if (!termination) return fail(termination.error());
+  jobhost::JobHostOptions options;
+  options.root = linux.configuration.root;
+  options.bootId = *std::move(bootId);
+  auto created =
+      jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
+  if (!created) return fail(created.error());
+  host = *std::move(created);
+
+  const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
+                                                 platform::jobHostSocket(linux.configuration.root),
+                                                 ::geteuid(), *host, linux.systemLog);
+  if (!server) return fail(server.error());
+
   if (const auto announced = linux.readiness.announceReady(); !announced) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
                             platform::describe(announced.error()));

@@ -10,6 +10,7 @@
 
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/JobHostRoot.h"
 
 namespace {
 
@@ -46,6 +47,30 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsAskedToEnd) {
   EXPECT_EQ(manager.next(), "STOPPING=1");
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   // Nothing is left for the next one.
+  EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
+}
+
+TEST_F(JobHostProgram, AskedToEndWhileItStartsItsDaemonsItEndsThemToo) {
+  // The first daemon asks for the end, while the host has all the others still to start.
+  root_.write("Library/LaunchDaemons/com.example.daemon.plist",
+              "<plist version=\"1.0\"><dict><key>Label</key><string>com.example.daemon</string>"
+              "<key>ProgramArguments</key><array><string>/bin/sh</string><string>-c</string>"
+              "<string>echo $$; kill -TERM $PPID; exec sleep 1000</string></array>"
+              "<key>StandardOutPath</key><string>" +
+                  root_.path("output") + "</string><key>KeepAlive</key><true/></dict></plist>");
+  for (int number = 100; number < 200; ++number) {
+    const std::string label = "com.example.later" + std::to_string(number);
+    root_.write("Library/LaunchDaemons/" + label + ".plist",
+                "<plist version=\"1.0\"><dict><key>Label</key><string>" + label +
+                    "</string><key>ProgramArguments</key><array><string>/bin/sleep</string>"
+                    "<string>1000</string></array><key>RunAtLoad</key><true/></dict></plist>");
+  }
+  ChildProgram host({program_}, {});
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+  platform::ProcessId daemon = 0;
+  std::ifstream(root_.path("output")) >> daemon;
+  ASSERT_GT(daemon, 0);
+  EXPECT_FALSE(platform::isRunning(daemon));
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
