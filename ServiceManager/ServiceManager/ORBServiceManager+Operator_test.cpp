@@ -226,6 +226,14 @@ TEST_F(OperatorTest, AServiceThatIsAboutToBeStoppedIsToldSo) {
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
 }
 
+TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
+  startAll();
+  EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value());
+  jobs_.setReachable(false);
+  EXPECT_EQ(factsOf(kAgent)[kFactJob], Value());
+  EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value(true));
+}
+
 TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
   startAll();
   kill(kHelper);

@@ -1,6 +1,7 @@
 #include <chrono>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/NamedConnections.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
@@ -11,6 +12,8 @@ namespace {
 
 constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
 constexpr Duration kReevaluationPeriod = std::chrono::seconds(20);
+// By then a server that did not answer is asked again.
+constexpr Duration kSilenceIsOver = NamedConnections::kSilentServerPause + std::chrono::seconds(1);
 constexpr Duration kEvaluationDelay = std::chrono::milliseconds(100);
 
 Value setOfLabels(const std::set<std::string>& labels) {
@@ -52,7 +55,13 @@ void ORBServiceManager::handleNotificationsReturn() {
   }
   const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
   evaluateWaitingForPrimaryServiceOperatingMode();
-  if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
+  if (!wasNormal) return;
+  if (operatingMode_ == ORBOperatingModeNormal) return evaluateSystemConfiguration();
+  // A server that only stood still announces no start, and the watchdog is long in coming.
+  performAfterDelay(kSilenceIsOver, [this] {
+    if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
+      evaluateWaitingForPrimaryServiceOperatingMode();
+  });
 }
 
 void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {

@@ -131,6 +131,22 @@ TEST_F(SettingsTest, WhenTheBusReturnsSettingsServersAreLookedUpAnew) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
+  startConfigurationServer();
+  didStart();
+  ASSERT_EQ(manager().operatingMode(), kNormal);
+  configurationProgram_->transport.hang();
+  manager().handleNotificationsReturn();
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  configurationProgram_->transport.goOn();
+  takeLog();
+  loop_.advanceBy(31s - 1ns);
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(manager().operatingMode(), kNormal);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
 TEST_F(SettingsTest, TheInstallersEndIsReported) {
   useHealth();
   manager().evaluateServices();

@@ -155,6 +155,7 @@ Reason whatForbidsIt(const Facts& facts) {
 }
 
 Reason whyItDoesNotRun(const Facts& facts) {
+  if (facts.is(kFactJobIsUnknown)) return {"unknown", "the job host gives no answer"};
   if (Reason reason = whatForbidsIt(facts); !reason.first.empty()) return reason;
   if (isUnwantedFeature(facts)) return whyUnwanted(facts);
   if (!facts.is(kFactProgramExists)) {
@@ -274,13 +275,15 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   for (const Value& row : facts.switches()) details.emplace_back("switch", aboutSwitch(row));
   if (facts.is(kFactFeaturesAreMalformed)) details.emplace_back("switch", "features are no list");
   details.emplace_back("program", aboutProgram(facts));
-  details.emplace_back("process",
-                       facts.job().process ? fmt::format("{}", *facts.job().process) : "none");
+  details.emplace_back("process", facts.job().process ? fmt::format("{}", *facts.job().process)
+                                  : facts.is(kFactJobIsUnknown) ? "not known"
+                                                                : "none");
   const JobState::Ending ending = facts.job().lastExit;
   details.emplace_back("last exit", ending == JobState::Ending{} ? "none yet" : inWords(ending));
   details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
   if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
-  if (facts.has(kFactStopIn)) {
+  // What has ended meanwhile is only left as it is.
+  if (facts.has(kFactStopIn) && facts.job().process) {
     details.emplace_back("stop", fmt::format("will be stopped in {}, since no switch asked for it",
                                              inSeconds(facts[kFactStopIn])));
   }
@@ -309,10 +312,12 @@ Explanation explain(const Value& value) {
   }
   const Reason reason = explanation.runs ? whyItRuns(facts) : whyItDoesNotRun(facts);
   explanation.reason = reason.first;
-  explanation.verdict = explanation.runs
-                            ? fmt::format("{} runs as process {}, {}.", facts.label(),
-                                          *facts.job().process, reason.second)
-                            : fmt::format("{} does not run: {}.", facts.label(), reason.second);
+  explanation.verdict =
+      explanation.runs ? fmt::format("{} runs as process {}, {}.", facts.label(),
+                                     *facts.job().process, reason.second)
+      : facts.is(kFactJobIsUnknown)
+          ? fmt::format("Whether {} runs is not known: {}.", facts.label(), reason.second)
+          : fmt::format("{} does not run: {}.", facts.label(), reason.second);
   return explanation;
 }
 

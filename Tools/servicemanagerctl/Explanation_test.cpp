@@ -219,6 +219,22 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "everything has been in normal mode again\n");
 }
 
+TEST(ExplanationTest, OnlyWhatRunsWillBeStopped) {
+  for (const bool runs : {true, false}) {
+    const Value job = runs ? Value(Dictionary{{"PID", 7}}) : Value();
+    const std::string text =
+        asText(explain(factsWith({{kFactStopIn, 2.04}, {kFactJob, job}})), Reader::kOther);
+    EXPECT_EQ(text.contains("will be stopped in"), runs);
+  }
+}
+
+TEST(ExplanationTest, WhatTheJobHostDoesNotTellIsNotKnown) {
+  const Explanation explanation =
+      explain(factsWith({{kFactJob, Value()}, {kFactJobIsUnknown, true}}));
+  EXPECT_EQ(explanation.reason, "unknown");
+  EXPECT_EQ(explanation.verdict, "Whether agent runs is not known: the job host gives no answer.");
+}
+
 TEST(ExplanationTest, HowOftenItEndedByItselfIsASentence) {
   const auto health = [](const Dictionary& record) {
     for (const auto& [heading, text] : explain(factsWith({{kFactHealth, record}})).details) {

@@ -194,16 +194,21 @@ Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
   if (const auto connected = connect(installer); !connected)
     return std::unexpected(connected.error());
   Answer<std::vector<ServiceState>> services;
+  bool haveAllStopped = false;
   {
     const BlockedCallProgress progress(removalOf(labels_, *catalogue));
     const auto done =
         installer.ask("shutdownServices:", {asArray(labels_)}, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
+    haveAllStopped = *done == Value(true);
     services = readStates(userInterface, *catalogue, labels_, environment.objects.system);
   }
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
   if (!json_) print("No service is started by itself until \"servicemanagerctl installer end\".\n");
+  // A service whose process nobody can tell of looks like one that is stopped.
+  if (status == EXIT_SUCCESS && !haveAllStopped)
+    return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");
   return status;
 }
 
