@@ -72,7 +72,8 @@ class FakeProcesses final : public Processes {
   }
 
   bool hasSurvivors(const StartFields& identity) override {
-    return members_.contains(identity.process) && !isAlive(identity.process);
+    return members_.contains(identity.process) && !isAlive(identity.process) &&
+           identity.pidfdInode == inodeOf(identity.process);
   }
 
   void reportIfEnded(platform::ProcessId process) override {
@@ -84,7 +85,8 @@ class FakeProcesses final : public Processes {
     signals.push_back({group, signal, loop_.now()});
     if (signal == SIGKILL || (signal == SIGTERM && obeysTermination)) {
       members_.erase(group);
-      if (isAlive(group)) end(group, {platform::ExitStatus::Kind::kSignalled, signal});
+      if (isAlive(group))
+        end(group, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
     }
   }
 
@@ -105,15 +107,21 @@ class FakeProcesses final : public Processes {
   }
 
   // The process ends; its host is told as soon as the loop runs.
-  void end(platform::ProcessId process, platform::ExitStatus status = {}) {
+  void end(platform::ProcessId process, ProcessEnd status = {}) {
+    endUnreported(process, status);
     Process& ended = processes_.at(process);
-    ended.ended = true;
-    ended.status = status;
     loop_.post(
         [this, process, alive = std::weak_ptr(ended.onEnd)] {
           if (!alive.expired()) report(process);
         },
         platform::Urgency::kProcessExit);
+  }
+
+  // The process has ended, and its host is not told unless it asks.
+  void endUnreported(platform::ProcessId process, ProcessEnd status = {}) {
+    Process& ended = processes_.at(process);
+    ended.ended = true;
+    ended.status = status;
   }
 
   // Another process of the group, which outlives its leader.
@@ -142,7 +150,7 @@ class FakeProcesses final : public Processes {
     std::shared_ptr<OnEnd> onEnd;
     bool ended = false;
     bool isChild = true;
-    platform::ExitStatus status;
+    ProcessEnd status;
     platform::UniqueFd listener;  // its descriptor 3
   };
 

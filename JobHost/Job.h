@@ -20,6 +20,7 @@ struct Removal {
   std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
   // Requests for the same label that came meanwhile, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
+  std::optional<platform::Instant> killAt;  // none for never
   std::unique_ptr<platform::RunLoopHandle> killTimer;
   // The leader of the group ended under an earlier host, but not all of the group did.
   bool hasSurvivors = false;

@@ -20,6 +20,8 @@ namespace {
 // How often a host without a state file tries to write one, for the sake of the daemons.
 constexpr platform::Duration kStateInterval = std::chrono::seconds(10);
 
+constexpr std::string_view kSubmittedMeanwhile = "a client has submitted the job";
+
 }  // namespace
 
 void JobHost::forgetDismissals(const DaemonFolder& folder) {
@@ -31,13 +33,16 @@ void JobHost::forgetDismissals(const DaemonFolder& folder) {
   std::erase_if(dismissed_, [&](const std::string& label) { return !found.contains(label); });
 }
 
+std::string JobHost::daemonFolder() const { return options_.root + "/Library/LaunchDaemons"; }
+
+void JobHost::skip(const JobDefinition& definition, std::string_view why) {
+  log(platform::ASL_LEVEL_NOTICE,
+      fmt::format("job {}: its file is not loaded: {}", platform::quoted(definition.label), why));
+}
+
 std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
   for (const std::string& fault : folder.faults) log(platform::ASL_LEVEL_ERR, fault);
   std::vector<JobDefinition> unknown;
-  const auto skip = [&](const JobDefinition& definition, std::string_view why) {
-    log(platform::ASL_LEVEL_NOTICE,
-        fmt::format("job {}: its file is not loaded: {}", platform::quoted(definition.label), why));
-  };
   for (JobDefinition& definition : folder.definitions) {
     Job* const job = find(definition.label);
     if (dismissed_.contains(definition.label)) {
@@ -45,7 +50,7 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
     } else if (!job || job->removal) {
       unknown.push_back(std::move(definition));
     } else if (job->origin == JobOrigin::kSubmitted) {
-      skip(definition, "a client has submitted the job");
+      skip(definition, kSubmittedMeanwhile);
     } else if (const auto refreshed = refresh(*job, definition); !refreshed) {
       log(platform::ASL_LEVEL_ERR, fmt::format("{}; the definition that it had stays",
                                                platform::describe(refreshed.error())));
@@ -88,17 +93,19 @@ void JobHost::loadDaemons(std::vector<JobDefinition> definitions) {
   }
 }
 
-void JobHost::loadDaemonsWhenWritable(std::vector<JobDefinition> definitions) {
-  daemonsToLoad_ = std::move(definitions);
+void JobHost::loadDaemonsWhenWritable() {
   stateTimer_ = loop_.startTimer(kStateInterval, platform::RunLoop::Repeat::kEvery, [this] {
     compactIfWanted();
     if (!state_->isWritable()) return;
     const auto timer = std::move(stateTimer_);  // It lives until this has run.
-    loadDaemons(std::exchange(daemonsToLoad_, {}));
+    // Anew: it may have taken days, and both the files and the clients' jobs are others by now.
+    loadDaemons(refreshDaemons(readDaemonFolder(daemonFolder())));
   });
 }
 
 void JobHost::load(JobDefinition definition) {
+  // Who waited for the end of a job may come after a client who waited for it too.
+  if (find(definition.label)) return skip(definition, kSubmittedMeanwhile);
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
   if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
 }

@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <csignal>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -73,17 +76,29 @@ void JobHost::beginRemoval(Job& job) {
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
   if (!job.hasLeader && !job.removal->hasSurvivors) return finishRemoval(job);
+  if (job.hasLeader) {
+    // A process that was taken over is reaped by its parent, and then its number is free for
+    // anybody's group: one that has ended is not signalled by its number unheard.
+    const std::string label = job.label;
+    processes_.reportIfEnded(job.lastStart.process);
+    if (!find(label)) return;  // Nothing was left of it.
+  }
   processes_.signalGroup(job.lastStart.process, SIGTERM);
   armKill(job);
-  if (!job.hasLeader) awaitGroup(job);  // There is nobody whose end would be reported.
+  // There is nobody whose end would be reported.
+  if (!job.hasLeader && !job.timer) awaitGroup(job);
+}
+
+platform::Duration JobHost::patienceWith(const Job& job) const {
+  if (!isShuttingDown_) return job.exitTimeOut;
+  if (job.exitTimeOut <= platform::Duration::zero()) return kStoppingPatience;
+  return std::min(job.exitTimeOut, kLongestStoppingPatience);
 }
 
 void JobHost::armKill(Job& job) {
-  platform::Duration patience = job.exitTimeOut;
-  if (patience <= platform::Duration::zero()) {
-    if (!isShuttingDown_) return;
-    patience = kStoppingPatience;
-  }
+  const platform::Duration patience = patienceWith(job);
+  if (patience <= platform::Duration::zero()) return;
+  job.removal->killAt = loop_.now() + patience;
   job.removal->killTimer =
       loop_.startTimer(patience, platform::RunLoop::Repeat::kOnce, [this, &job] {
         log(platform::ASL_LEVEL_WARNING,
@@ -106,7 +121,15 @@ void JobHost::finishRemoval(Job& job) {
     // The next host finds a removal without a process, and finishes it.
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }
-  if (!job.machService.empty()) sockets_.close(job.machService, job.label);
+  if (!job.machService.empty()) {
+    sockets_.close(job.machService, job.label);
+    // Where the name is an earlier host's, whose socket went with the process. Of another job's
+    // socket that was not taken over either it is still the name.
+    const bool isAnothers = std::ranges::any_of(jobs_, [&](const auto& entry) {
+      return entry.first != job.label && entry.second.machService == job.machService;
+    });
+    if (!isAnothers) sockets_.removeName(job.machService);
+  }
   log(platform::ASL_LEVEL_INFO, fmt::format("job {}: removed", platform::quoted(job.label)));
   const std::unique_ptr<Removal> removal = std::move(job.removal);
   setCost(job, 0);
@@ -125,7 +148,9 @@ void JobHost::shutDown(std::move_only_function<void()> completion) {
   onShutDown_ = std::move(completion);
   stateTimer_.reset();
   for (auto& [label, job] : jobs_) {
-    if (job.removal && !job.removal->killTimer) armKill(job);
+    if (!job.removal) continue;
+    const auto killAt = job.removal->killAt;
+    if (!killAt || *killAt > loop_.now() + kLongestStoppingPatience) armKill(job);
   }
   shutDownNext();
 }

@@ -1,6 +1,7 @@
 // Removing jobs, and shutting down.
 
 #include <csignal>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -226,6 +227,42 @@ TEST_F(JobHostTest, WhatIsNeverKilledIsKilledWhileTheHostIsStopped) {
   EXPECT_TRUE(processes_.isAlive(103));
   EXPECT_FALSE(isStopped);
   loop_.advanceBy(1s);
+  EXPECT_TRUE(isStopped);
+}
+
+TEST_F(JobHostTest, NoExitTimeOutKeepsTheHostFromStoppingInTime) {
+  processes_.obeysTermination = false;
+  const platform::Duration most = kLongestStoppingPatience;
+  for (const int seconds : {24, 25, 26, 3600}) {
+    const std::string label = "com.example.after" + std::to_string(seconds);
+    ASSERT_TRUE(submit(job(label, {{"ExitTimeOut", seconds}})));
+  }
+  ASSERT_TRUE(submit(job("com.example.removed", {{"ExitTimeOut", 3600}})));
+  ASSERT_TRUE(submit(job("com.example.soon", {{"ExitTimeOut", 3600}})));
+  ASSERT_TRUE(submit(job(kNotificationBusLabel, {{"ExitTimeOut", 3600}})));
+  removeLater("com.example.soon");
+  loop_.advanceBy(3590s);
+  removeLater("com.example.removed");
+  bool isStopped = false;
+  host_->shutDown([&] { isStopped = true; });
+  const auto alive = [&] {
+    std::vector<platform::ProcessId> result;
+    for (int process = 101; process <= 107; ++process) {
+      if (processes_.isAlive(process)) result.push_back(process);
+    }
+    return result;
+  };
+  loop_.advanceBy(10s);  // A removal that was under way keeps its time where that is the shorter.
+  EXPECT_THAT(alive(), ElementsAre(101, 102, 103, 104, 105, 107));
+  loop_.advanceBy(14s);
+  EXPECT_THAT(alive(), ElementsAre(102, 103, 104, 105, 107));
+  loop_.advanceBy(1s - 1ns);
+  EXPECT_THAT(alive(), ElementsAre(102, 103, 104, 105, 107));
+  loop_.advanceBy(1ns);
+  EXPECT_THAT(alive(), ElementsAre(107));
+  loop_.advanceBy(most - 1ns);
+  EXPECT_FALSE(isStopped);
+  loop_.advanceBy(1ns);
   EXPECT_TRUE(isStopped);
 }
 

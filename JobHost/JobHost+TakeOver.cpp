@@ -26,7 +26,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
   for (const StoredJob& job : stored) {
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
-  DaemonFolder daemons = readDaemonFolder(options_.root + "/Library/LaunchDaemons");
+  DaemonFolder daemons = readDaemonFolder(daemonFolder());
   forgetDismissals(daemons);
   // From here on the new file says what was found, so that nothing is found twice.
   if (auto written = state_->compact(snapshot(), dismissed_); !written) {
@@ -49,7 +49,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Label
   if (state_->isWritable()) {
     loadDaemons(std::move(unknown));
   } else {
-    loadDaemonsWhenWritable(std::move(unknown));
+    loadDaemonsWhenWritable();
   }
   return {};
 }

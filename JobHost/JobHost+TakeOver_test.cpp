@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -131,6 +132,60 @@ TEST_F(JobHostTest, AGroupThatHasEndedWithItsLeaderIsNotSignalledByTheNextHost) 
   EXPECT_TRUE(processes_.signals.empty());
 }
 
+TEST_F(JobHostTest, WhatAProcessTakenOverLeavesOfItsGroupIsKilled) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  restartHost();
+  processes_.addMember(101);
+  endLast();
+  ASSERT_EQ(processes_.signals.size(), 1);
+  EXPECT_EQ(processes_.signals[0], (FakeProcesses::Signalled{101, SIGKILL, loop_.now()}));
+}
+
+TEST_F(JobHostTest, AGroupThatHasTheNumberOfAProcessTakenOverIsNotSignalled) {
+  ASSERT_TRUE(submit(job("com.example.kept", {{"ThrottleInterval", 3600}})));
+  ASSERT_TRUE(submit(job("com.example.removed")));
+  ASSERT_TRUE(submit(job("com.example.ends")));
+  processes_.obeysTermination = false;
+  restartHost();
+  const Answer ends = removeLater("com.example.ends");
+  processes_.signals.clear();
+  // Somebody reaps them, and others get their numbers.
+  for (const int process : {101, 102, 103}) {
+    processes_.reuse(process);
+    processes_.addMember(process);
+  }
+  processes_.endUnreported(102);
+  const Answer removed = removeLater("com.example.removed");
+  for (const int process : {101, 103}) processes_.end(process);
+  loop_.advanceBy(1min);
+  EXPECT_TRUE(*ends && *removed);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.kept"));
+  EXPECT_THAT(processes_.signals, testing::IsEmpty());
+}
+
+TEST_F(JobHostTest, ARemovalThatTheNextHostFinishesLeavesNoNameOfASocket) {
+  processes_.obeysTermination = false;
+  const platform::Dictionary services{{"com.example.service", true}};
+  ASSERT_TRUE(submit(job("com.example.a", {{"MachServices", services}})));
+  removeLater("com.example.a");
+  killHost();
+  const std::string name = root_.path("run/vantor/mach/com.example.service");
+  ASSERT_EQ(::access(name.c_str(), F_OK), 0);
+  processes_.end(101);
+  startHost();
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_NE(::access(name.c_str(), F_OK), 0);
+}
+
+TEST_F(JobHostTest, AnEndWithACoreIsToldByEveryHost) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  endLast({kSegmentationFault, true});
+  for (int i = 0; i < 3; ++i) {  // As it was written, then as it was compacted.
+    EXPECT_EQ(host_->copy("com.example.a")["LastExitStatus"], Value(128 + SIGSEGV));
+    restartHost();
+  }
+}
+
 TEST_F(JobHostTest, ARemovalWaitsForTheGroupThatOutlivedLeaderAndHost) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.before", {{"ExitTimeOut", 3}})));
@@ -258,6 +313,44 @@ TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsWhenThereIsRoom) {
   restartHost();
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.d"));
   EXPECT_EQ(starts(), before + 2);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceAClientsJob) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.d", {{"Nice", 5}})));
+  const Value process = pid("com.example.d");
+  const std::size_t before = starts();
+  loop_.advanceBy(10s);
+  EXPECT_EQ(host_->copy("com.example.d")["Nice"], Value(5));
+  EXPECT_EQ(pid("com.example.d"), process);
+  EXPECT_EQ(starts(), before);
+  EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceWhatWaitsForTheSameRemoval) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.d")));
+  processes_.obeysTermination = false;
+  removeLater("com.example.d");
+  const Answer submitted = submitLater(job("com.example.d", {{"Nice", 5}}));
+  loop_.advanceBy(10s);
+  endLast();
+  EXPECT_TRUE(*submitted);
+  EXPECT_EQ(host_->copy("com.example.d")["Nice"], Value(5));
+  EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonWhoseFileWentWhileItWaitedForRoomIsNotLoaded) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_EQ(::unlink(root_.path("Library/LaunchDaemons/d.plist").c_str()), 0);
+  root_.write("Library/LaunchDaemons/e.plist",
+              "<plist><dict><key>Label</key><string>com.example.e</string><key>Program</key>"
+              "<string>/bin/true</string></dict></plist>");
+  loop_.advanceBy(10s);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.e"));
 }
 
 TEST_P(JobHostWithoutAnyFile, StopsOnAFullDisk) {

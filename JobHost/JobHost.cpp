@@ -25,9 +25,10 @@ bool isDue(platform::Instant due, platform::Instant now) { return now >= due; }
 
 std::string describeEnding(const Ending& ending) {
   if (!ending) return "nobody could learn how";
-  return fmt::format("{} {}",
-                     ending->kind == platform::ExitStatus::Kind::kExited ? "status" : "signal",
-                     ending->number);
+  const platform::ExitStatus& status = ending->status;
+  return fmt::format("{} {}{}",
+                     status.kind == platform::ExitStatus::Kind::kExited ? "status" : "signal",
+                     status.number, ending->hasCore ? ", with a core" : "");
 }
 
 }  // namespace
@@ -246,10 +247,12 @@ void JobHost::processEnded(Job& job, Ending ending) {
   compactIfWanted();  // Before the end, which a full file would refuse.
   job.hasLeader = false;
   job.lastEnd = ending;
-  // What it left of its group belongs to no process that the job has from now on. The number can't
-  // have come to mean another group since its leader was reaped just now. Before the end is on
-  // record: the next host looks for the group of a process whose end is not.
-  if (!job.removal) processes_.signalGroup(job.lastStart.process, SIGKILL);
+  // Who could learn how it ended has reaped it just now, so that the number can't have come to mean
+  // another group. Somebody else's child may have been reaped by its parent at any time since.
+  const bool hasGroup = ending || processes_.hasSurvivors(job.lastStart);
+  // What it left of its group belongs to no process that the job has from now on. Before the end is
+  // on record: the next host looks for the group of a process whose end is not.
+  if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
   if (auto written = state_->appendEnded(job.label, ending); !written) {
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }
@@ -257,6 +260,7 @@ void JobHost::processEnded(Job& job, Ending ending) {
                                        job.lastStart.process, describeEnding(ending));
   if (job.removal) {
     log(platform::ASL_LEVEL_INFO, what);
+    if (!hasGroup) return finishRemoval(job);
     awaitGroup(job);
     return;
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <expected>
 #include <functional>
@@ -33,6 +34,12 @@ struct JobHostOptions {
 // stopped, so it goes last.
 inline constexpr char kNotificationBusLabel[] = "com.vantor.notificationbus";
 
+// The most that a job gets to end while the host is stopped, whatever its ExitTimeOut. Three times
+// this, for what is stopped one after the other, is less than the service manager gives the host
+// before it kills that and leaves the jobs to themselves (TimeoutStopSec in
+// vantor-jobhost.service).
+inline constexpr platform::Duration kLongestStoppingPatience = std::chrono::seconds(25);
+
 // The jobs by their labels: starts their processes, keeps them alive, reports and removes them. A
 // host that is killed leaves them running, and the next one with the same root takes them over.
 //
@@ -49,9 +56,10 @@ class JobHost {
   // the root. Of what an earlier host of this boot has loaded only the definition is replaced, and
   // what a client removed or replaced stays so; a file that has gone takes no job with it. A job
   // that can't be taken over, loaded or started is logged. Where no state file can be written, as
-  // on a full disk, no job is taken or loaded until one can. Fails where another host runs there
-  // (after waiting for it for StateFile::kLockPatience), and where the folders for sockets and
-  // state can't be made. The arguments outlive this.
+  // on a full disk, no job is taken or loaded until one can; the files are those of that time, and
+  // a job that a client has submitted by then stays. Fails where another host runs there (after
+  // waiting for it for StateFile::kLockPatience), and where the folders for sockets and state can't
+  // be made. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
                                                            Processes& processes,
                                                            platform::SystemLog& log,
@@ -80,7 +88,8 @@ class JobHost {
   std::vector<std::string> labels() const;
 
   // Takes no more submissions and removes everything: the loaded jobs first, then the submitted
-  // ones, all at once, the notification bus last; what is never to be killed is after 20 s.
+  // ones, all at once, the notification bus last. Of each of these nothing lives longer than
+  // kLongestStoppingPatience after it was asked to end; what is never to be killed is after 20 s.
   // Completes when no process of them is left. The next host begins as in a new boot.
   void shutDown(std::move_only_function<void()> completion);
 
@@ -114,6 +123,7 @@ class JobHost {
   void answer(Completion completion, Outcome outcome);
   void beginRemoval(Job& job);
   void armKill(Job& job);
+  platform::Duration patienceWith(const Job& job) const;
   void awaitGroup(Job& job);
   void finishRemoval(Job& job);
   void shutDownNext();
@@ -129,12 +139,14 @@ class JobHost {
   void compactIfWanted();
 
   // JobHost+Daemons.cpp
+  std::string daemonFolder() const;
+  void skip(const JobDefinition& definition, std::string_view why);
   void forgetDismissals(const DaemonFolder& folder);
   // Answers what the last host had not loaded.
   std::vector<JobDefinition> refreshDaemons(DaemonFolder folder);
   platform::Result<void> refresh(Job& job, const JobDefinition& definition);
   void loadDaemons(std::vector<JobDefinition> definitions);
-  void loadDaemonsWhenWritable(std::vector<JobDefinition> definitions);
+  void loadDaemonsWhenWritable();
   void load(JobDefinition definition);
 
   platform::RunLoop& loop_;
@@ -147,8 +159,7 @@ class JobHost {
   std::map<std::string, Job, std::less<>> jobs_;
   std::size_t totalCost_ = 0;  // of all jobs
   Labels dismissed_;
-  std::vector<JobDefinition> daemonsToLoad_;  // when there is a state file
-  std::unique_ptr<platform::RunLoopHandle> stateTimer_;
+  std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   // Whoever answers looks whether this still lives.

@@ -73,7 +73,7 @@ class JobHostTest : public testing::Test {
   }
 
   platform::Value pid(std::string_view label) { return host_->copy(label)["PID"]; }
-  void endLast(platform::ExitStatus status = {}) {
+  void endLast(ProcessEnd status = {}) {
     processes_.end(processes_.started.back().process, status);
     loop_.runReady();
   }

@@ -104,7 +104,7 @@ TEST_F(JobHostTest, AJobOlderThanItsThrottleIsStartedAgainAtOnce) {
 TEST_F(JobHostTest, AYoungerOneIsStartedAgainWhenItsThrottleLetsIt) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s - 1ns);
-  endLast({ExitStatus::Kind::kExited, 7});
+  endLast(ExitStatus{ExitStatus::Kind::kExited, 7});
   EXPECT_EQ(starts(), 1);
   EXPECT_EQ(host_->copy("com.example.a"),
             Value(job("com.example.a", {{"LastExitStatus", 7 << 8}})));

@@ -132,6 +132,7 @@ Value JobServer::copyStates() {
   Dictionary states;
   for (const std::string& label : host_.labels()) {
     const Value job = host_.copy(label);
+    if (job.isNil()) continue;  // To look at it was to learn that it has gone.
     Dictionary state;
     for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
       if (!job[key].isNil()) state.set(key, job[key]);

@@ -145,12 +145,21 @@ TEST_F(JobServerTest, AJobIsCopiedWithItsProcess) {
 TEST_F(JobServerTest, TheStatesAreThoseOfAllJobs) {
   EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
   submitJob();
-  processes_.end(lastProcess(), {ExitStatus::Kind::kExited, 3});
+  processes_.end(lastProcess(), ExitStatus{ExitStatus::Kind::kExited, 3});
   loop_.runReady();
   EXPECT_EQ(error(ask(kSubmitJobMessage, {job({{"Label", "another"}})})), std::nullopt);
   EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})),
             Value(Dictionary{{"another", Dictionary{{"PID", lastProcess()}}},
                              {kLabel, Dictionary{{"LastExitStatus", 3 << 8}}}}));
+}
+
+TEST_F(JobServerTest, AJobThatIsFoundToHaveGoneHasNoState) {
+  submitJob();
+  processes_.obeysTermination = false;
+  const Answer removed = ask(kRemoveJobMessage, {kLabel, true});
+  processes_.endUnreported(lastProcess());
+  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
+  EXPECT_TRUE(*removed);
 }
 
 TEST_F(JobServerTest, ARemovalThatWaitsIsAnsweredWhenTheGroupIsEmpty) {

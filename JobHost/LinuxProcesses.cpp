@@ -4,9 +4,9 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
 #include <cerrno>
-#include <charconv>
 #include <csignal>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -40,7 +40,8 @@ Ending reap(int pidfd) {
   });
   if (result != 0 || info.si_pid == 0) return std::nullopt;  // It is somebody else's child.
   if (info.si_code == CLD_EXITED) return ExitStatus{ExitStatus::Kind::kExited, info.si_status};
-  return ExitStatus{ExitStatus::Kind::kSignalled, info.si_status};
+  return ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, info.si_status},
+                    info.si_code == CLD_DUMPED);
 }
 
 // What is in the process's "stat" file, empty where there is no such process.
@@ -61,17 +62,20 @@ struct Membership {
 // What a "stat" file tells of a process that has not ended; nothing of one that has.
 std::optional<Membership> membershipIn(const std::string& stat) {
   const std::size_t nameEnd = stat.rfind(')');
-  if (nameEnd == stat.npos || nameEnd + 4 > stat.size()) return std::nullopt;
-  const char state = stat[nameEnd + 2];
-  if (state == 'Z' || state == 'X') return std::nullopt;
-  const char* const end = stat.data() + stat.size();
-  const std::size_t parentEnd = stat.find(' ', nameEnd + 4);
-  if (parentEnd == stat.npos) return std::nullopt;
+  if (nameEnd == stat.npos) return std::nullopt;
+  std::istringstream fields(stat.substr(nameEnd + 1));
+  char state = 0;
+  ProcessId parent = 0;
   Membership membership;
-  const char* const groupEnd =
-      std::from_chars(stat.data() + parentEnd + 1, end, membership.group).ptr;
-  if (groupEnd == end) return std::nullopt;
-  std::from_chars(groupEnd + 1, end, membership.session);
+  fields >> state >> parent >> membership.group >> membership.session;
+  // From the terminal to the niceness; then comes the number of threads.
+  std::string skipped;
+  for (int i = 0; i < 13; ++i) fields >> skipped;
+  long threads = 0;
+  fields >> threads;
+  if (!fields || state == 'X') return std::nullopt;
+  // It is the state of the first thread only, which may end before the others.
+  if (state == 'Z' && threads <= 1) return std::nullopt;
   return membership;
 }
 
@@ -182,8 +186,11 @@ bool LinuxProcesses::isGroupEmpty(ProcessId group) {
 bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
   const ProcessId group = identity.process;
   if (::kill(-group, 0) != 0 && errno == ESRCH) return false;
-  // A process, or a thread, that has the number now: the group is of its making.
-  if (!statOf(std::to_string(group)).empty()) return false;
+  // A process, or a thread, that has the number now: the group is of its making. But for the leader
+  // itself, when it has ended and its parent is slow to reap it.
+  const std::string stat = statOf(std::to_string(group));
+  const bool isLeader = startTicksIn(stat.data(), stat.size()) == identity.startTicks;
+  if (!stat.empty() && (!isLeader || membershipIn(stat))) return false;
   bool isOurs = false;
   bool isOlder = false;
   anyProcess([&](const std::string& stat) {

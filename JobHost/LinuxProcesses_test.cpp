@@ -3,11 +3,17 @@
 extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
+#include <fstream>
 #include <map>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include "JobHost/FakeProcesses_contract.h"
@@ -149,6 +155,68 @@ std::unique_ptr<ProcessesHarness> makeLinuxHarness() {
 }
 std::unique_ptr<ProcessesHarness> makeFakeHarness() {
   return std::make_unique<FakeProcessesHarness>();
+}
+
+// Ends by a signal that makes the system dump its memory, where it does so.
+ProcessEnd endWithCore() {
+  JobDefinition job = jobNamed(0);
+  job.program = "/bin/sh";
+  job.arguments = {"sh", "-c", "ulimit -c unlimited; kill -SEGV $$"};
+  platform::TemporaryFolder folder;
+  job.workingDirectory = folder.path();
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
+  Ending result;
+  const auto process = processes->start(job, {file.get(), record}, -1, [&](Ending ending) {
+    result = ending;
+    loop->stop();
+  });
+  EXPECT_TRUE(process);
+  if (process) loop->run();
+  return result.value_or(ProcessEnd());
+}
+
+TEST(LinuxProcesses, AnEndWithACoreIsTold) {
+  std::string pattern;
+  std::getline(std::ifstream("/proc/sys/kernel/core_pattern"), pattern);
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_CORE, &limit), 0);
+  if (pattern.empty() || pattern.find_first_of("|/@") == 0 || limit.rlim_max != RLIM_INFINITY) {
+    GTEST_SKIP() << "nobody may leave a core in a folder of the test here: " << pattern;
+  }
+  EXPECT_EQ(endWithCore(), ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV}, true));
+}
+
+TEST(LinuxProcesses, AGroupLivesWhereOnlyTheFirstThreadOfAProcessHasEnded) {
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd reading(ends[0]);
+  UniqueFd writing(ends[1]);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::setsid();
+    std::thread([&] {
+      std::string stat;
+      do {
+        std::getline(std::ifstream("/proc/self/stat"), stat);
+      } while (stat.find(") Z ") == stat.npos);
+      static_cast<void>(::write(writing.get(), "!", 1));
+      for (;;) ::pause();
+    }).detach();
+    ::syscall(SYS_exit, 0);  // This thread alone.
+  }
+  writing.reset();
+  char byte = 0;
+  EXPECT_EQ(::read(reading.get(), &byte, 1), 1);
+  EXPECT_FALSE(processes->isGroupEmpty(child));
+  EXPECT_EQ(::kill(-child, SIGKILL), 0);
+  EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(processes->isGroupEmpty(child));
+  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));

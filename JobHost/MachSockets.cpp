@@ -135,4 +135,8 @@ void MachSockets::close(const std::string& service, std::string_view label) {
   listeners_.erase(found);
 }
 
+void MachSockets::removeName(const std::string& service) {
+  if (!listeners_.contains(service)) ::unlinkat(folder_.get(), service.c_str(), 0);
+}
+
 }  // namespace jobhost

@@ -28,6 +28,8 @@ class MachSockets {
 
   // Closes it and takes its name away, where it is this job's.
   void close(const std::string& service, std::string_view label);
+  // Takes the name of a service away that has no socket here, if there is one.
+  void removeName(const std::string& service);
 
  private:
   struct Listener {

@@ -33,10 +33,10 @@ class Processes {
   // has gone, whatever has its number now.
   virtual platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) = 0;
 
-  // Whether something of the group still lives of a process that takeOver() did not find. A number
-  // that still means a group is given to no new process, so what has it is what was left behind,
-  // as long as no process has it, and nothing of it is older than its leader. May look at every
-  // process of the system.
+  // Whether something of the group still lives of a process that takeOver() did not find, or of
+  // which nobody could learn how it ended. A number that still means a group is given to no new
+  // process, so what has it is what was left behind, as long as no other process has it, and
+  // nothing of it is older than its leader. May look at every process of the system.
   virtual bool hasSurvivors(const StartFields& identity) = 0;
 
   // Calls the `onEnd` of this process now where it has ended and that has not been called.

@@ -262,6 +262,20 @@ TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnkno
   EXPECT_EQ(ends_[0], Ending());
 }
 
+TEST_P(ProcessesContract, WhatAProcessTakenOverLeavesOfItsGroupSurvives) {
+  const StartFields identity = startElsewhere(Kind::kWithMember);
+  ASSERT_TRUE(processes().takeOver(identity, reporting()));
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  runToEnds(1);
+  EXPECT_EQ(ends_[0], Ending());
+  // Whether or not its parent has reaped it yet.
+  EXPECT_TRUE(processes().hasSurvivors(identity));
+  processes().signalGroup(identity.process, SIGKILL);
+  runUntil([&] { return processes().isGroupEmpty(identity.process); });
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+}
+
 TEST_P(ProcessesContract, WhatOnlyHasTheNumberIsNotTakenOver) {
   const StartFields identity = startElsewhere(Kind::kAlone);
   StartFields later = identity;

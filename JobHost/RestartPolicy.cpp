@@ -33,11 +33,12 @@ bool wantsProcessAtLoad(const RestartRules& rules) {
 bool wantsProcessAfter(const RestartRules& rules, const Ending& ending) {
   const KeepAlive& keepAlive = rules.keepAlive;
   if (keepAlive.always) return true;
-  const bool succeeded = ending == ExitStatus{ExitStatus::Kind::kExited, 0};
+  const bool succeeded = ending == Ending(ExitStatus{ExitStatus::Kind::kExited, 0});
   if (keepAlive.successfulExit == succeeded) return true;
   if (!keepAlive.crashed) return false;
   if (!ending) return true;
-  const bool crashed = ending->kind == ExitStatus::Kind::kSignalled && isCrash(ending->number);
+  const ExitStatus& status = ending->status;
+  const bool crashed = status.kind == ExitStatus::Kind::kSignalled && isCrash(status.number);
   return *keepAlive.crashed == crashed;
 }
 

@@ -166,10 +166,11 @@ TEST_F(StateFileTest, ADismissedDaemonIsRememberedBesideTheJobThatHasItsLabelNow
 
 TEST_F(StateFileTest, EveryEndIsReadAsItWasWritten) {
   using Kind = ExitStatus::Kind;
-  for (const ExitStatus status :
-       {ExitStatus{Kind::kExited, 0}, ExitStatus{Kind::kExited, 255},
-        ExitStatus{Kind::kSignalled, 1}, ExitStatus{Kind::kSignalled, 64}}) {
-    EXPECT_EQ(exitStatusOf(waitStatusOf(status)), status);
+  for (const ProcessEnd end :
+       {ProcessEnd({Kind::kExited, 0}), ProcessEnd({Kind::kExited, 255}),
+        ProcessEnd({Kind::kSignalled, 1}), ProcessEnd({Kind::kSignalled, 64}),
+        ProcessEnd({Kind::kSignalled, 11}, true)}) {
+    EXPECT_EQ(processEndOf(waitStatusOf(end)), end);
   }
 }
 

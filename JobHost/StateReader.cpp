@@ -121,7 +121,7 @@ class Replay {
     StoredJob* const job = find(payload);
     if (!job) return kNobody;
     job->runs = false;
-    job->lastEnd = fields.isKnown != 0 ? Ending(exitStatusOf(fields.waitStatus)) : Ending();
+    job->lastEnd = fields.isKnown != 0 ? Ending(processEndOf(fields.waitStatus)) : Ending();
     return {};
   }
 
@@ -155,14 +155,17 @@ class Replay {
 
 }  // namespace
 
-std::int32_t waitStatusOf(const ExitStatus& status) {
-  return status.kind == ExitStatus::Kind::kExited ? (status.number & 0xff) << 8
-                                                  : status.number & 0x7f;
+std::int32_t waitStatusOf(const ProcessEnd& end) {
+  const ExitStatus& status = end.status;
+  if (status.kind == ExitStatus::Kind::kExited) return (status.number & 0xff) << 8;
+  return (status.number & 0x7f) | (end.hasCore ? WCOREFLAG : 0);
 }
 
-ExitStatus exitStatusOf(std::int32_t waitStatus) {
-  if (WIFSIGNALED(waitStatus)) return {ExitStatus::Kind::kSignalled, WTERMSIG(waitStatus)};
-  return {ExitStatus::Kind::kExited, WEXITSTATUS(waitStatus)};
+ProcessEnd processEndOf(std::int32_t waitStatus) {
+  if (!WIFSIGNALED(waitStatus)) {
+    return ExitStatus{ExitStatus::Kind::kExited, WEXITSTATUS(waitStatus)};
+  }
+  return {ExitStatus{ExitStatus::Kind::kSignalled, WTERMSIG(waitStatus)}, WCOREDUMP(waitStatus)};
 }
 
 Bytes stateFileHeader(std::string_view bootId) {

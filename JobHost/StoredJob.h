@@ -23,8 +23,19 @@ inline bool isReplacedByClient(JobOrigin before, JobOrigin now) {
   return before == JobOrigin::kLoaded && now == JobOrigin::kSubmitted;
 }
 
+// How a process ended.
+struct ProcessEnd {
+  constexpr ProcessEnd(platform::ExitStatus ended = {}, bool core = false)
+      : status(ended), hasCore(core) {}
+
+  platform::ExitStatus status;
+  bool hasCore = false;  // the signal that ended it made the system dump its memory
+
+  bool operator==(const ProcessEnd&) const = default;
+};
+
 // How a job's last process ended: nothing where nobody could be told.
-using Ending = std::optional<platform::ExitStatus>;
+using Ending = std::optional<ProcessEnd>;
 
 // The labels of daemons whose files are not loaded again in this boot: a client removed the job
 // that one had defined, or put a definition of its own in the place of the file's.
@@ -43,7 +54,7 @@ struct StoredJob {
 };
 
 // A wait status, as "LastExitStatus" has it.
-std::int32_t waitStatusOf(const platform::ExitStatus& status);
-platform::ExitStatus exitStatusOf(std::int32_t waitStatus);
+std::int32_t waitStatusOf(const ProcessEnd& end);
+ProcessEnd processEndOf(std::int32_t waitStatus);
 
 }  // namespace jobhost
