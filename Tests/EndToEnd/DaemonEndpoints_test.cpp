@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -204,6 +205,30 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
   }
   expectDescriptors(atStart_ + kNames + kDoomedNames);
   EXPECT_EQ(root_.starts(), 1U);
+}
+
+// Requests are served until the last moment, by what the daemon's end takes apart.
+TEST_F(DaemonEndpoints, ClientsThatAskWhileTheDaemonEndsHarmNothing) {
+  for (int round = 0; round < 3; ++round) {
+    std::list<ChildProgram> asking;
+    for (int i = 0; i < 3; ++i) {
+      asking.emplace_back(std::vector<std::string>{REGISTRY_PROGRAM, root_.path()},
+                          std::vector<std::string>());
+      EXPECT_EQ(asking.back().nextLine(), "asking");
+    }
+    const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+    ASSERT_GT(daemon, 0);
+    root_.expectStart();
+    ASSERT_EQ(::kill(daemon, SIGTERM), 0);
+    root_.awaitStart();
+    const Value job = root_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, DaemonRoot::kDaemon);
+    EXPECT_EQ(job["LastExitStatus"], Value(0));
+    EXPECT_NE(root_.processOf(DaemonRoot::kDaemon), daemon);
+    for (ChildProgram& program : asking) {
+      program.signal(SIGKILL);
+      program.waitForExit();
+    }
+  }
 }
 
 TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered) {
