@@ -99,9 +99,12 @@ void ORBExecInfoHandler::receiveMessage(std::string_view selector, const Array& 
 
 void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply withReply) {
   logDebug(stringWithFormat("requestExecutableInfo request for path '%@'", path));
-  const std::string signing = calculateSigningForPath(path);
-  const std::string hash = calculateHashForPath(path);
-  const std::string sourceUrl = calculateSourceUrlForPath(path);
+  std::string signing;
+  std::string hash;
+  std::string sourceUrl;
+  if (!stop_.stop_requested()) signing = calculateSigningForPath(path);
+  if (!stop_.stop_requested()) hash = calculateHashForPath(path);
+  if (!stop_.stop_requested()) sourceUrl = calculateSourceUrlForPath(path);
   withReply(signing, hash, sourceUrl);
 }
 
@@ -155,13 +158,23 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
     logDebug("Couldn't locate quarantine database");
     return std::nullopt;
   }
-  if (auto url = originOfQuarantineEvent(*home, identifier)) return url;
+  const Instant deadline = environment_.now() + kQuarantineQueryTime;
+  const auto isOver = [&] { return stop_.stop_requested() || environment_.now() >= deadline; };
+  if (auto url = originOfQuarantineEvent(*home, identifier, isOver)) return url;
   logDebug(stringWithFormat("No source url found for path '%@'\n", path));
   return std::nullopt;
 }
 
 std::optional<std::string> ORBExecInfoHandler::homeOfLastUser() {
   const std::lock_guard lock(delegateMutex_);
-  const Value home = delegate_ ? delegate_->getLastLoggedInUserHomeDirectory() : Value();
-  return home.string() ? std::optional(*home.string()) : std::nullopt;
+  // Others may have had the delegate until now, for as long as it takes.
+  if (!delegate_ || stop_.stop_requested()) return std::nullopt;
+  const Instant asked = environment_.now();
+  if (pausedUntil_ && asked < *pausedUntil_) return std::nullopt;
+  const Value home = delegate_->getLastLoggedInUserHomeDirectory();
+  const Instant answered = environment_.now();
+  pausedUntil_.reset();
+  if (home.string()) return *home.string();
+  if (answered - asked >= kLongQuestion) pausedUntil_ = answered + kQuestionPause;
+  return std::nullopt;
 }

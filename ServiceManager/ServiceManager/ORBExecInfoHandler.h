@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -10,8 +11,10 @@
 
 #include "Platform/CodeSignature.h"
 #include "Platform/ExtendedAttributes.h"
+#include "Platform/MonotonicTime.h"
 #include "Platform/NSXPCListener.h"
 #include "Platform/Protocol.h"
+#include "Platform/Time.h"
 #include "Platform/Value.h"
 
 // Who knows where the user who last logged in lives.
@@ -33,11 +36,19 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
  public:
   static constexpr char kClassName[] = "ORBExecInfoHandler";
 
+  // How long a user's quarantine database may be looked at.
+  static constexpr std::chrono::seconds kQuarantineQueryTime{2};
+  // A delegate that has taken so long to know of no home is not asked again before that time: it
+  // waits for a settings server that hangs, and would for every file with a quarantine record.
+  static constexpr std::chrono::seconds kLongQuestion{1};
+  static constexpr std::chrono::seconds kQuestionPause{30};
+
   // What it asks of the platform; all of it outlives this.
   struct Environment {
     platform::CodeSignatures& codeSignatures;
     platform::ExtendedAttributes& attributes;
     const platform::ProtocolTable& protocols;
+    std::function<platform::Instant()> now = platform::monotonicTime;  // any thread
   };
   // initWithDelegate: - the delegate is let go of by setDelegate(nullptr) before it ends.
   ORBExecInfoHandler(const Environment& environment, ExecInfoHandlerDelegate* delegate);
@@ -46,8 +57,10 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
 
   // Waits for a question to the delegate that is being answered.
   void setDelegate(ExecInfoHandlerDelegate* delegate);
-  // Requests that are being served end soon, without what they have not found out yet: the daemon
-  // is about to end, and a large file is not to hold it up.
+  // Requests that are being served end soon, without what they have not found out yet, and later
+  // ones are answered with nothing: the daemon is about to end, and neither a large file nor a
+  // user's database is to hold it up. The look at a signature that has begun, and a question to the
+  // delegate, are not cut short.
   void stop() { stop_.request_stop(); }
 
   bool listener(
@@ -76,4 +89,5 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   std::stop_source stop_;
   std::mutex delegateMutex_;
   ExecInfoHandlerDelegate* delegate_;
+  std::optional<platform::Instant> pausedUntil_;  // under that mutex
 };

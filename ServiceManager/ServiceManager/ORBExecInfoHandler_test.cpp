@@ -1,6 +1,8 @@
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 
 #include <cerrno>
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,11 +26,15 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
  protected:
   ExecInfoTest() {
     handler_ = std::make_shared<ORBExecInfoHandler>(
-        ORBExecInfoHandler::Environment{signatures_, attributes_, protocols_}, this);
+        ORBExecInfoHandler::Environment{signatures_, attributes_, protocols_,
+                                        [this] { return now_ += tick_; }},
+        this);
   }
 
   Value getLastLoggedInUserHomeDirectory() override {
     ++questions_;
+    now_ += answerTime_;
+    if (stopsMeanwhile_) handler_->stop();
     return home_;
   }
 
@@ -70,6 +76,10 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
   TemporaryFolder folder_;
   Value home_;
   int questions_ = 0;
+  Instant now_{};
+  Duration tick_{};  // how much later it is at each look at the clock
+  Duration answerTime_{};
+  bool stopsMeanwhile_ = false;
   std::shared_ptr<ORBExecInfoHandler> handler_;
 };
 
@@ -143,6 +153,80 @@ TEST_F(ExecInfoTest, TheDaemonsEndEndsAHash) {
   const std::string file = folder_.write("abc", "abc");
   handler_->stop();
   EXPECT_EQ(handler_->calculateHashForPath(file), "");
+}
+
+TEST_F(ExecInfoTest, AfterTheDaemonsEndRequestsAreAnsweredWithNothing) {
+  const std::string file = folder_.write("abc", "abc");
+  signatures_.addValid(file, Kind::kProgram, "com.vantor.sample");
+  attributes_.set(file, kWhereFroms,
+                  *writePropertyList(Array{"https://example.com/"}, PropertyListFormat::kBinary));
+  const auto told = [&] {
+    std::optional<std::string> all;
+    handler_->requestExecutableInfo(
+        file, [&](const std::string& signing, const std::string& hash, const std::string& source) {
+          EXPECT_FALSE(all);
+          all = signing + " " + std::to_string(hash.size()) + " " + source;
+        });
+    return all;
+  };
+  EXPECT_EQ(told(), "valid: com.vantor.sample 64 https://example.com/");
+  handler_->stop();
+  EXPECT_EQ(told(), " 0 ");
+}
+
+// As it would be where others are told the user's home while this one waits for its turn.
+TEST_F(ExecInfoTest, AfterTheDaemonsEndTheDelegateIsNotAsked) {
+  attributes_.set("/file", kQuarantine, "id");
+  home_ = folder_.path();
+  handler_->stop();
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+  EXPECT_EQ(questions_, 0);
+}
+
+class LongExecInfoQuery : public ExecInfoTest {
+ protected:
+  LongExecInfoQuery() {
+    makeDatabase(
+        events("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < "
+               "10000) INSERT INTO LSQuarantineEvent SELECT 'other', 'url' FROM n;" +
+               event("id", "https://example.com/id")));
+    attributes_.set("/file", kQuarantine, "id");
+  }
+};
+
+TEST_F(LongExecInfoQuery, TheDaemonsEndEndsAQuery) {
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/id");
+  stopsMeanwhile_ = true;
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+}
+
+TEST_F(LongExecInfoQuery, TimeEndsAQuery) {
+  tick_ = std::chrono::microseconds(1);
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/id");
+  tick_ = ORBExecInfoHandler::kQuarantineQueryTime;
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+}
+
+TEST_F(ExecInfoTest, ADelegateThatTakesLongToKnowNothingIsLeftAloneForAWhile) {
+  using std::chrono::nanoseconds;
+  attributes_.set("/file", kQuarantine, "id");
+  const auto isAsked = [&] {
+    const int before = questions_;
+    lines();
+    EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+    EXPECT_EQ(lines(), (Lines{"7 Couldn't locate quarantine database"}));
+    return questions_ > before;
+  };
+  answerTime_ = ORBExecInfoHandler::kLongQuestion - nanoseconds(1);
+  EXPECT_TRUE(isAsked());
+  answerTime_ += nanoseconds(1);
+  EXPECT_TRUE(isAsked());
+  EXPECT_FALSE(isAsked());
+  now_ += ORBExecInfoHandler::kQuestionPause - nanoseconds(1);
+  EXPECT_FALSE(isAsked());
+  now_ += nanoseconds(1);
+  EXPECT_TRUE(isAsked());
+  EXPECT_FALSE(isAsked());
 }
 
 TEST_F(ExecInfoTest, TheSourceIsTheFirstOfTheWhereFroms) {

@@ -18,10 +18,12 @@ constexpr char kFile[] = "Library/Preferences/com.apple.LaunchServices.Quarantin
 constexpr char kQuery[] =
     "SELECT LSQuarantineOriginURLString FROM LSQuarantineEvent WHERE LSQuarantineEventIdentifier "
     "== ?1";
-constexpr int kMaxTextBytes = 1 << 20;
-// A table may be a view of its owner's that never ends. A million rows take less.
-constexpr int kInstructionsPerCheck = 1'000'000;
-constexpr int kMaxChecks = 10;
+// Of any text or blob. The identifiers that we are given have 4096 at most.
+constexpr int kMaxTextBytes = 16 * 1024;
+constexpr int kMaxPatternBytes = 16;
+constexpr int kInstructionsPerCheck = 1000;
+// Of all databases that are being looked at: a schema may have any number of tables.
+constexpr sqlite3_int64 kMaxMemoryBytes = 32 << 20;
 
 struct CloseDatabase {
   void operator()(sqlite3* database) const { sqlite3_close(database); }
@@ -33,11 +35,13 @@ struct FinalizeStatement {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
+// For the whole program, of which only this has to do with SQLite.
+//
 // SQLite opens the file, its journals and what else belongs to it by name, and any of them may be a
-// pipe that its owner has put there: without another end SQLite would wait for one for ever. Only
-// the daemon's one database is concerned.
-void makeSqliteOpenWithoutWaiting() {
+// pipe that its owner has put there: without another end SQLite would wait for one for ever.
+void setUpSqlite() {
   static const int kDone = [] {
+    sqlite3_hard_heap_limit64(kMaxMemoryBytes);
     sqlite3_vfs* system = sqlite3_vfs_find(nullptr);
     return system->xSetSystemCall(system, "open",
                                   reinterpret_cast<sqlite3_syscall_ptr>(&openWithoutWaiting));
@@ -45,27 +49,41 @@ void makeSqliteOpenWithoutWaiting() {
   std::ignore = kDone;
 }
 
+void logThatItIsNotOpen() { vantorlogger2_line(ASL_LEVEL_DEBUG, "Failed to open database!"); }
+
 // The query is asked also where this has failed, and fails then.
 Database open(const std::string& path) {
-  makeSqliteOpenWithoutWaiting();
+  setUpSqlite();
   sqlite3* opened = nullptr;
-  if (sqlite3_open(path.c_str(), &opened) != SQLITE_OK) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG, "Failed to open database!");
-  }
+  if (sqlite3_open(path.c_str(), &opened) != SQLITE_OK) logThatItIsNotOpen();
   return Database(opened);
 }
 
-// `checks` counts down, and outlives the use of the database.
-void bound(sqlite3* database, int& checks) {
+// `isOver` outlives the use of the database.
+//
+// It is asked between instructions, so that none of them may take long: functions, of
+// which one call can compare or make megabytes, may have no arguments, which makes a schema with
+// any other an error; views, triggers and virtual tables are of no use to the query.
+void bound(sqlite3* database, const std::function<bool()>& isOver) {
   sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kMaxTextBytes);
-  sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  sqlite3_limit(database, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kMaxPatternBytes);
+  sqlite3_limit(database, SQLITE_LIMIT_FUNCTION_ARG, 0);
+  sqlite3_drop_modules(database, nullptr);
+  for (const int allowed : {SQLITE_DBCONFIG_ENABLE_VIEW, SQLITE_DBCONFIG_ENABLE_TRIGGER,
+                            SQLITE_DBCONFIG_TRUSTED_SCHEMA}) {
+    sqlite3_db_config(database, allowed, 0, nullptr);
+  }
+  // A log written ahead stays as it is, whose work at the end no bound would end.
+  for (const int wanted : {SQLITE_DBCONFIG_DEFENSIVE, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE}) {
+    sqlite3_db_config(database, wanted, 1, nullptr);
+  }
   // Otherwise a log written ahead would come with a file that we map, and its owner could cut it
   // off under us.
   sqlite3_exec(database, "PRAGMA locking_mode = EXCLUSIVE", nullptr, nullptr, nullptr);
   sqlite3_progress_handler(
       database, kInstructionsPerCheck,
-      [](void* left) { return --*static_cast<int*>(left) < 0 ? 1 : 0; }, &checks);
+      [](void* asked) { return (*static_cast<const std::function<bool()>*>(asked))() ? 1 : 0; },
+      const_cast<std::function<bool()>*>(&isOver));
 }
 
 std::optional<std::string> query(sqlite3* database, const std::string& identifier) {
@@ -85,14 +103,15 @@ std::optional<std::string> query(sqlite3* database, const std::string& identifie
 }  // namespace
 
 std::optional<std::string> originOfQuarantineEvent(const std::string& home,
-                                                   const std::string& identifier) {
+                                                   const std::string& identifier,
+                                                   const std::function<bool()>& isOver) {
   std::optional<std::string> origin;
-  performAsOwnerOf(home, [&] {
+  const auto done = performAsOwnerOf(home, kFile, [&] {
     const Database database = open(stringWithFormat("%@/%@", home, kFile));
     if (!database) return;  // Without memory even for a failure.
-    int checks = kMaxChecks;
-    bound(database.get(), checks);
+    bound(database.get(), isOver);
     origin = query(database.get(), identifier);
   });
+  if (!done) logThatItIsNotOpen();
   return origin;
 }

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/FileOwner.h"
 #include "Platform/Testing/TemporaryFolder.h"
 
 namespace {
@@ -46,7 +48,11 @@ class QuarantineDatabaseTest : public testing::Test {
                 std::string(kUrl) + "');");
   }
   std::string file() const { return home_.path(kFile); }
-  std::optional<std::string> origin() const { return originOfQuarantineEvent(home_.path(), "id"); }
+  std::optional<std::string> origin() const { return originIn(home_); }
+  static std::optional<std::string> originIn(const TemporaryFolder& home,
+                                             const std::string& identifier = "id") {
+    return originOfQuarantineEvent(home.path(), identifier, [] { return false; });
+  }
 
   TemporaryFolder home_;
 };
@@ -54,7 +60,7 @@ class QuarantineDatabaseTest : public testing::Test {
 TEST_F(QuarantineDatabaseTest, TellsTheOriginOfAnEvent) {
   fill(open());
   EXPECT_EQ(origin(), kUrl);
-  EXPECT_EQ(originOfQuarantineEvent(home_.path(), "' OR '' == '"), std::nullopt);
+  EXPECT_EQ(originIn(home_, "' OR '' == '"), std::nullopt);
 }
 
 // Opening a pipe for reading waits for a writer, of which there is none.
@@ -90,7 +96,7 @@ TEST_F(QuarantineDatabaseTest, ALogWrittenAheadIsReadWithoutAMappedFile) {
     std::filesystem::copy_file(file() + beside, crashed.path(kFile) + beside);
   }
   EXPECT_EQ(origin(), std::nullopt);  // In use.
-  EXPECT_EQ(originOfQuarantineEvent(crashed.path(), "id"), kUrl);
+  EXPECT_EQ(originIn(crashed), kUrl);
   EXPECT_FALSE(std::filesystem::exists(crashed.path(kFile) + std::string("-shm")));
 }
 
@@ -100,6 +106,97 @@ TEST_F(QuarantineDatabaseTest, FoldersAndDevicesTellNothing) {
   ASSERT_EQ(::rmdir(file().c_str()), 0);
   ASSERT_EQ(::symlink("/dev/zero", file().c_str()), 0);
   EXPECT_EQ(origin(), std::nullopt);
+}
+
+// Its one call would compare bytes for half a minute. An insertion would compute it, too.
+TEST_F(QuarantineDatabaseTest, AFunctionThatTakesForEverIsEnded) {
+  execute(open(),
+          "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT); "
+          "INSERT INTO LSQuarantineEvent VALUES ('id'); ALTER TABLE LSQuarantineEvent ADD COLUMN "
+          "LSQuarantineOriginURLString TEXT AS (instr(hex(zeroblob(500000)), "
+          "hex(zeroblob(250000)) || 'b'))");
+  EXPECT_EQ(origin(), std::nullopt);
+}
+
+TEST_F(QuarantineDatabaseTest, NoFunctionOfItsOwnersIsComputed) {
+  for (const char* column :
+       {"upper('x')", "'a' LIKE '%a%'", "printf('%s', 'x')", "CASE 1 WHEN 1 THEN hex(x'00') END"}) {
+    execute(open(), std::string("CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT, "
+                                "LSQuarantineOriginURLString TEXT AS (") +
+                        column + ")); INSERT INTO LSQuarantineEvent VALUES ('id');");
+    EXPECT_EQ(origin(), std::nullopt) << column;
+    ASSERT_EQ(::unlink(file().c_str()), 0);
+  }
+}
+
+TEST_F(QuarantineDatabaseTest, ViewsAreNotLookedAt) {
+  execute(open(),
+          "CREATE VIEW LSQuarantineEvent AS SELECT 'id' AS LSQuarantineEventIdentifier, 'url' AS "
+          "LSQuarantineOriginURLString");
+  EXPECT_EQ(origin(), std::nullopt);
+}
+
+TEST_F(QuarantineDatabaseTest, VirtualTablesAreNotLookedAt) {
+  execute(open(),
+          "CREATE VIRTUAL TABLE LSQuarantineEvent USING fts4(LSQuarantineEventIdentifier, "
+          "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', 'url')");
+  EXPECT_EQ(origin(), std::nullopt);
+}
+
+TEST_F(QuarantineDatabaseTest, ADatabaseThatIsTooLargeIsNotRead) {
+  fill(open());
+  const auto isRead = [this](long long size) {
+    std::filesystem::resize_file(file(), static_cast<std::uintmax_t>(size));
+    return origin() == kUrl;
+  };
+  EXPECT_TRUE(isRead(kMostFileBytes - 1));
+  EXPECT_TRUE(isRead(kMostFileBytes));
+  EXPECT_FALSE(isRead(kMostFileBytes + 1));
+}
+
+TEST_F(QuarantineDatabaseTest, TextsMayBe16KiBAndNoMore) {
+  fill(open());
+  for (const std::size_t size : {16383u, 16384u, 16385u}) {
+    const std::string url(size, 'u');
+    execute(open(), "UPDATE LSQuarantineEvent SET LSQuarantineOriginURLString = '" + url + "'");
+    EXPECT_EQ(origin(), size <= 16384 ? std::optional(url) : std::nullopt) << size;
+  }
+}
+
+// So many rows that the query is looked at before it is through.
+class LongQuarantineDatabase : public QuarantineDatabaseTest {
+ protected:
+  LongQuarantineDatabase() {
+    const Database database = open();
+    fill(database);
+    execute(database,
+            "DELETE FROM LSQuarantineEvent; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + "
+            "1 FROM n WHERE i < 10000) INSERT INTO LSQuarantineEvent SELECT 'other', 'url' FROM n; "
+            "INSERT INTO LSQuarantineEvent VALUES ('id', '" +
+                std::string(kUrl) + "')");
+  }
+};
+
+TEST_F(LongQuarantineDatabase, AQueryEndsWhenItIsOver) {
+  int questions = 0;
+  EXPECT_EQ(originOfQuarantineEvent(home_.path(), "id",
+                                    [&] {
+                                      ++questions;
+                                      return false;
+                                    }),
+            kUrl);
+  ASSERT_GT(questions, 3);
+  questions = 0;
+  EXPECT_EQ(originOfQuarantineEvent(home_.path(), "id", [&] { return ++questions == 3; }),
+            std::nullopt);
+  EXPECT_EQ(questions, 3);
+}
+
+// There is room for the tables of any honest schema.
+TEST_F(QuarantineDatabaseTest, ItsMemoryIsBounded) {
+  fill(open());
+  EXPECT_EQ(origin(), kUrl);
+  EXPECT_EQ(sqlite3_hard_heap_limit64(-1), 32 << 20);
 }
 
 // What only root may read, a link of the user's does not lead to.
@@ -115,11 +212,16 @@ TEST_F(QuarantineDatabaseTest, ItIsOpenedWithTheRightsOfTheHomesOwner) {
     ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
   }
   ASSERT_EQ(::chmod(another.path().c_str(), 0755), 0);
-  ASSERT_EQ(originOfQuarantineEvent(another.path(), "id"), kUrl);
+  ASSERT_EQ(originIn(another), kUrl);
   constexpr uid_t kNobody = 65534;
   ASSERT_EQ(::chown(another.path().c_str(), kNobody, kNobody), 0);
-  EXPECT_EQ(originOfQuarantineEvent(another.path(), "id"), std::nullopt);
+  EXPECT_EQ(originIn(another), std::nullopt);
   EXPECT_EQ(origin(), kUrl);  // The rights are root's again.
+
+  // Nor where only a folder in it is the user's.
+  ASSERT_EQ(::chown(another.path().c_str(), 0, 0), 0);
+  ASSERT_EQ(::chown(another.path("Library").c_str(), kNobody, kNobody), 0);
+  EXPECT_EQ(originIn(another), std::nullopt);
 }
 
 }  // namespace
