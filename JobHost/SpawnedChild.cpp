@@ -49,6 +49,12 @@ bool startTimer(int signal, const timespec& first, const timespec& every) {
   return ::syscall(SYS_timer_settime, timer, 0, &times, nullptr) == 0;
 }
 
+// The host has no handler of its own for what is unblocked so.
+bool unblock(int signal) {
+  const std::uint64_t signals = std::uint64_t{1} << (signal - 1);
+  return ::syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &signals, nullptr, kKernelSignalSetBytes) == 0;
+}
+
 // The caller's start time; 0 where /proc can't say.
 std::uint64_t ownStartTicks() {
   const long file = ::syscall(SYS_openat, AT_FDCWD, "/proc/self/stat", O_RDONLY | O_CLOEXEC, 0);
@@ -152,6 +158,8 @@ bool prepare(SpawnedChild& child) {
   child.stage = ChildStage::kSession;
   if (::syscall(SYS_setsid) < 0) return false;
   child.stage = ChildStage::kTimers;
+  // While a signal is blocked its timer runs out once and never again.
+  if (!unblock(SIGCONT)) return false;
   if (!startTimer(SIGCONT, child.continueEvery, child.continueEvery)) return false;
   if (!startTimer(SIGKILL, child.patience, {})) return false;
   const long process = ::syscall(SYS_getpid);

@@ -302,6 +302,8 @@ TEST_F(EnforcementTest, AStopThatTheJobHostDoesNotAnswerKeepsTheClientsMark) {
 TEST_F(EnforcementTest, AJobHostThatGoesAfterASubmissionIsNotWaitedFor) {
   VanishingJobs vanishing(jobs_);
   ORBServiceManager manager(platform(vanishing));
+  manager.setServiceInfo(this->manager().serviceInfo());
+  manager.setMonitoredProcessesInfo(this->manager().monitoredProcessesInfo());
   manager.setHealthInfo(std::make_unique<FakeServiceHealth>(reports_));
   const Instant before = loop_.now();
   manager.enforceRunningForService(kAgent, nullptr);
