@@ -350,11 +350,10 @@ TEST_F(ProcessOnItsWay, GoesOnWhenSomebodyHasStoppedIt) {
     siginfo_t info{};
     while (info.si_pid == 0 && !isOver) {
       EXPECT_EQ(::kill(process, SIGSTOP), 0);
-      EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(process), &info, WCONTINUED | WNOWAIT | WNOHANG),
-                0);
-      std::this_thread::yield();
+      const int options = WSTOPPED | WNOWAIT | WNOHANG;
+      EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(process), &info, options), 0);
     }
-    hasGoneOn = info.si_pid == process;
+    hasGoneOn = ::waitid(P_PID, static_cast<id_t>(process), &info, WCONTINUED | WNOWAIT) == 0;
     char bytes[kPipeBytes];
     EXPECT_EQ(::read(reader_.get(), bytes, sizeof bytes), kPipeBytes);
   });
