@@ -44,8 +44,8 @@ constexpr int kStandardFiles = 3;
 // Above every number that a descriptor of the child gets.
 constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
 constexpr mode_t kNewFileMode = 0644;
-// How often a child that somebody may have stopped is told to go on, before its program.
-constexpr platform::Duration kContinueInterval = std::chrono::milliseconds(50);
+// After how long a child that somebody may have stopped is first told to go on, before its program.
+constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
 constexpr char kNull[] = "/dev/null";
 constexpr char kDefaultPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
 
@@ -342,7 +342,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   child.startRecord = ticket.record.data();
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
-  child.continueEvery = timespecOf(kContinueInterval);
+  child.continueAfter = timespecOf(kContinueAfter);
   child.patience = timespecOf(patience_);
 
   // The kernel lets this thread wait until the child has executed its program or ended, whatever

@@ -345,9 +345,14 @@ TEST_F(ProcessOnItsWay, IsKilledAlsoWhileSomebodyKeepsItStopped) {
 
 TEST_F(ProcessOnItsWay, GoesOnWhenSomebodyHasStoppedIt) {
   bool hasGoneOn = false;
-  const auto spawned = spawnBeside([&](int process, const std::atomic<bool>&) {
-    EXPECT_EQ(::kill(process, SIGSTOP), 0);
+  const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
+    // Again and again: one that is told to go on before it has stood still has never stopped.
     siginfo_t info{};
+    while (info.si_pid == 0 && !isOver) {
+      EXPECT_EQ(::kill(process, SIGSTOP), 0);
+      const int options = WSTOPPED | WNOWAIT | WNOHANG;
+      EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(process), &info, options), 0);
+    }
     hasGoneOn = ::waitid(P_PID, static_cast<id_t>(process), &info, WCONTINUED | WNOWAIT) == 0;
     char bytes[kPipeBytes];
     EXPECT_EQ(::read(reader_.get(), bytes, sizeof bytes), kPipeBytes);

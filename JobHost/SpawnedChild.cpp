@@ -39,14 +39,26 @@ int failure(SpawnedChild& child) {
 
 // The kernel signals a process by its timers whatever ids it has taken by then, and whether or not
 // it stands still; when it executes its program they go.
-bool startTimer(int signal, const timespec& first, const timespec& every) {
+bool startTimer(int signal, const timespec& after) {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = signal;
   int timer = 0;  // The kernel's number of it.
   if (::syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer) != 0) return false;
-  const itimerspec times{every, first};
+  const itimerspec times{{}, after};
   return ::syscall(SYS_timer_settime, timer, 0, &times, nullptr) == 0;
+}
+
+// Timers of their own, further and further apart: of a signal that is blocked or ignored a timer
+// that repeats runs out only once.
+bool startContinuing(const SpawnedChild& child) {
+  for (timespec at = child.continueAfter; at.tv_sec < child.patience.tv_sec;) {
+    if (!startTimer(SIGCONT, at)) return false;
+    constexpr long kSecond = 1'000'000'000;
+    const long nanoseconds = 2 * at.tv_nsec;
+    at = {2 * at.tv_sec + nanoseconds / kSecond, nanoseconds % kSecond};
+  }
+  return true;
 }
 
 // The caller's start time; 0 where /proc can't say.
@@ -152,8 +164,7 @@ bool prepare(SpawnedChild& child) {
   child.stage = ChildStage::kSession;
   if (::syscall(SYS_setsid) < 0) return false;
   child.stage = ChildStage::kTimers;
-  if (!startTimer(SIGCONT, child.continueEvery, child.continueEvery)) return false;
-  if (!startTimer(SIGKILL, child.patience, {})) return false;
+  if (!startContinuing(child) || !startTimer(SIGKILL, child.patience)) return false;
   const long process = ::syscall(SYS_getpid);
   // Before the limits, which may forbid it to write.
   if (!writeStartRecord(child, process)) return false;

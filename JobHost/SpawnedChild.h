@@ -60,9 +60,10 @@ struct SpawnedChild {
   int umask;  // -1 for the host's
   int nice;   // 0 for the host's
 
-  // Once it has its user's ids, others of that user may stop it. It is told to go on this often,
-  // and killed where it has not come to its program after the whole time.
-  timespec continueEvery;
+  // Once it has its user's ids, others of that user may stop it. It is told to go on after
+  // this time and then after twice as long each, and killed where it has not come to its program
+  // after the whole time.
+  timespec continueAfter;
   timespec patience;
 
   int stateFile;

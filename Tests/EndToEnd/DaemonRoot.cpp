@@ -246,7 +246,10 @@ std::vector<std::pair<std::string, ProcessId>> DaemonRoot::processes() const {
     if (name.find_first_not_of("0123456789") != name.npos) continue;
     const auto program = std::filesystem::read_symlink(entry.path() / "exe", error);
     if (error || program.parent_path() != folder().path("opt")) continue;
-    std::string first = contentOf(entry.path() / "cmdline");
+    std::string first;
+    do {  // Its arguments come a moment after its program.
+      first = contentOf(entry.path() / "cmdline");
+    } while (first.empty() && std::filesystem::exists(entry.path() / "fd/0", error));
     first.resize(std::min(first.size(), first.find('\0')));
     found.emplace_back(std::move(first), std::stoi(name));
   }
