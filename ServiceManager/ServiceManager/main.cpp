@@ -111,12 +111,12 @@ int main(int argc, char** argv) {
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::LinuxExtendedAttributes attributes;
-  // Before what it stands on: its threads serve requests until it ends.
-  const auto xpc = platform::LinuxXPC::make(linux.systemLog, root, std::move(linux.passedSocket));
-  if (!xpc) return fail(xpc.error());
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
   addGlobalSettingsProtocol(protocols);
+  // Behind all that requests use, for its threads serve them until it ends: the protocols, too.
+  const auto xpc = platform::LinuxXPC::make(linux.systemLog, root, std::move(linux.passedSocket));
+  if (!xpc) return fail(xpc.error());
   SettingsClientFactories settingsClientFactories;
   addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
                                                        center, protocols, linux.systemInformation});
