@@ -18,18 +18,6 @@ using testing::HasSubstr;
 
 class DaemonExtensionFaults : public DaemonExtensionsFixture {
  protected:
-  // A network extension with these keys is of no use: it is loaded as often as it may be.
-  void expectUseless(const std::string& keys) {
-    installExtension(root_, kNetwork, keys);
-    installExtension(root_, kOther);
-    start();
-    EXPECT_FALSE(runs(0));
-    EXPECT_TRUE(runs(1) && runs(2));
-    EXPECT_GE(root_.logCount("Failed to load kext 'com.vantor.nke.wfk'"), 1u);
-    EXPECT_GE(root_.logCount("was started 3 times within a minute"), 1u);
-    EXPECT_EQ(root_.logCount("has been told"), 0u);
-    EXPECT_EQ(extension(kNetwork), 0);
-  }
   std::string bundleOf(const char* identifier) const {
     return root_.folder().path(std::string("Library/Extensions/") + identifier + ".kext");
   }
