@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "JobHost/FileSizeLimit_contract.h"
 #include "JobHost/JobHostFixture_contract.h"
+#include "Platform/Testing/FileSizeLimit.h"
 
 namespace jobhost {
 namespace {
@@ -288,7 +288,7 @@ class JobHostWithoutAnyFile : public JobHostTest, public testing::WithParamInter
     startHost();
   }
 
-  std::optional<FileSizeLimit> disk_;
+  std::optional<platform::FullDisk> disk_;
 };
 
 TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsWhenThereIsRoom) {

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "JobHost/FileSizeLimit_contract.h"
+#include "Platform/Testing/FileSizeLimit.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 
@@ -361,7 +361,7 @@ TEST_F(StateFileTest, ARecordThatFindsNoRoomLeavesTheFileAsItWas) {
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string before = contents();
   for (const std::size_t room : {0, 1, 20}) {
-    const FileSizeLimit limit(before.size() + room);
+    const platform::FullDisk disk(before.size() + room);
     EXPECT_FALSE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
     EXPECT_EQ(contents(), before);
   }
@@ -377,7 +377,7 @@ TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
   job.label = "b";
   job.dictionary = jobNamed("b");
   {
-    const FileSizeLimit limit(10);
+    const platform::FullDisk disk(10);
     EXPECT_FALSE(file->compact({&job, 1}));
   }
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
@@ -393,7 +393,7 @@ TEST_F(StateFileTest, WithoutAFileEachRecordIsRefusedWithTheReason) {
     EXPECT_EQ(opened.warnings.size(), 1);
     EXPECT_FALSE(file.isWritable());
     {
-      const FileSizeLimit limit(10);
+      const platform::FullDisk disk(10);
       EXPECT_FALSE(file.compact({}));
       EXPECT_TRUE(file.wantsCompaction());
       const auto refused = file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
@@ -421,7 +421,7 @@ TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {
     EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
     EXPECT_TRUE(opened.file->isWritable());
     {
-      const FileSizeLimit limit(10);
+      const platform::FullDisk disk(10);
       EXPECT_FALSE(opened.file->compact(opened.jobs));
       EXPECT_EQ(contents(), whole + "torn");
       if (mendsAtOnce) {

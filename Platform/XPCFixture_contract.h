@@ -203,6 +203,19 @@ class XPCContract : public testing::TestWithParam<XPCHarnessFactory> {
     client_ = connect();
   }
 
+  // What a client sends while the server's side is suspended waits there, and for nobody else.
+  void expectHeldWhileSuspended() {
+    call(*client_, "echo:withReply:", {Value(1)});
+    const auto serverSide = delegate_->accepted.at(0).lock();
+    serverSide->suspend();
+    client_->sendMessage("note:", {Value("held")}, nullptr, nullptr);
+    const auto other = connect();
+    call(*other, "echo:withReply:", {Value(2)});
+    EXPECT_EQ(journal_.count("note held"), 0u);
+    serverSide->resume();
+    journal_.await("note held");
+  }
+
   // Notes "reply" or "error CODE".
   void send(NSXPCConnection& connection, std::string_view selector, Array arguments = {}) {
     connection.sendMessage(

@@ -234,15 +234,7 @@ TEST_P(XPCContract, AnAcceptedConnectionsEndIsToldAndItsObjectLetGo) {
 
 TEST_P(XPCContract, ASuspendedConnectionDeliversNothingUntilItIsResumed) {
   start();
-  call(*client_, "echo:withReply:", {Value(1)});
-  const auto serverSide = delegate_->accepted.at(0).lock();
-  serverSide->suspend();
-  client_->sendMessage("note:", {Value("held")}, nullptr, nullptr);
-  const auto other = connect();
-  call(*other, "echo:withReply:", {Value(2)});
-  EXPECT_EQ(journal_.count("note held"), 0u);
-  serverSide->resume();
-  journal_.await("note held");
+  expectHeldWhileSuspended();
 }
 
 // What ends meanwhile ends behind the decision, and finds everything that was set.
@@ -266,15 +258,7 @@ TEST_P(XPCContract, WhoGoesWhileTheDelegateDecidesIsLetGoOf) {
 TEST_P(XPCContract, AnObjectThatServesAtOnceIsNotCalledWhileSuspended) {
   delegate_->servesAtOnce = true;
   start();
-  call(*client_, "echo:withReply:", {Value(1)});
-  const auto serverSide = delegate_->accepted.at(0).lock();
-  serverSide->suspend();
-  client_->sendMessage("note:", {Value("held")}, nullptr, nullptr);
-  const auto other = connect();
-  call(*other, "echo:withReply:", {Value(2)});
-  EXPECT_EQ(journal_.count("note held"), 0u);
-  serverSide->resume();
-  journal_.await("note held");
+  expectHeldWhileSuspended();
 }
 
 TEST_P(XPCContract, WhatIsServedAtOnceComesInOrderBehindWhatWasHeld) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,7 +10,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 #include "Platform/Linux/BundleSeal.h"
 #include "Platform/PropertyList.h"
 #include "Platform/Testing/CodeSigningBed.h"
+#include "Platform/Testing/FileSizeLimit.h"
 
 namespace platform {
 namespace {
@@ -47,26 +46,6 @@ class BundleSignatureTest : public testing::Test {
   const std::string bundle_ = bed_.makeBundle("Sample.bundle");
 };
 
-// Cuts short what is written into any file beyond a size, as a full disk does.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(std::size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &before_), 0);
-    const rlimit limit{bytes, before_.rlim_max};
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  ~FileSizeLimit() {
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before_), 0);
-    std::signal(SIGXFSZ, handler_);
-  }
-
- private:
-  rlimit before_{};
-  sighandler_t handler_;
-};
-
 // Of the folder with the seal, names and contents.
 std::map<std::string, std::string> filesIn(const std::string& folder) {
   std::map<std::string, std::string> files;
@@ -86,7 +65,7 @@ TEST_F(BundleSignatureTest, SealingThatFailsLeavesTheOldSeal) {
   // Room for neither, and for the smaller of the two only; signatures differ by a few bytes.
   ASSERT_GT(larger, 128u);
   for (std::size_t room = 0; room < larger - 64; room += 64) {
-    const FileSizeLimit limit(room);
+    const FullDisk disk(room);
     EXPECT_FALSE(signBundle(bundle_, CodeSigningBed::signer(), CodeSigningBed::options()));
     EXPECT_EQ(filesIn(folder), before) << room;
   }
@@ -97,7 +76,7 @@ TEST_F(BundleSignatureTest, SealingThatFailsLeavesTheOldSeal) {
 TEST_F(BundleSignatureTest, ASealThatFailsToBeMadeLeavesNothing) {
   const std::string unsealed = bed_.makeUnsealedBundle("Unsealed.bundle");
   {
-    const FileSizeLimit limit(0);
+    const FullDisk disk(0);
     EXPECT_FALSE(signBundle(unsealed, CodeSigningBed::signer(), CodeSigningBed::options()));
   }
   EXPECT_FALSE(std::filesystem::exists(unsealed + "/Contents/_CodeSignature"));

@@ -12,12 +12,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Platform/SystemLog.h"
+#include "Platform/Testing/FileSizeLimit.h"
 #include "Platform/Testing/LogReceiver.h"
 
 namespace platform {
@@ -294,23 +294,6 @@ TEST_F(FileLogSinkTest, TwoProcessesRotatingAtOnceLoseAndTearNoLine) {
     full += std::filesystem::file_size(folder_.path(file.string())) > 3900 ? 1 : 0;
   EXPECT_GE(full + 1, files.size());
 }
-
-// A disk is full when the limit on the size of files says so: the system then takes what fits.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(std::uint64_t bytes) {
-    EXPECT_EQ(::getrlimit(RLIMIT_FSIZE, &before_), 0);
-    rlimit limit = before_;
-    limit.rlim_cur = bytes;
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  ~FileSizeLimit() { EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &before_), 0); }
-
- private:
-  rlimit before_{};
-};
 
 TEST_F(FileLogSinkTest, AFullDiskRefusesAndDoesNotKill) {
   FileLogSink sink(path_);

@@ -3,7 +3,6 @@
 #include "Examples/DemoProduct/Settings/SettingsFile.h"
 
 #include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -12,10 +11,10 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/fsuid.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Platform/Testing/FileSizeLimit.h"
 #include "Platform/Testing/TemporaryFolder.h"
 
 namespace {
@@ -23,6 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using platform::Data;
 using platform::ErrorCode;
+using platform::FullDisk;
 using platform::Value;
 using testing::StartsWith;
 
@@ -91,29 +91,12 @@ TEST_F(SettingsFileTest, OneThatMayOnlyBeReadIsRefusedAndLeftAlone) {
   EXPECT_THAT(keysIn(*file), testing::ElementsAre("kept"));
 }
 
-// No file of this process may grow beyond so much, as on a full disk.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit now{bytes, before_.rlim_max};
-    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &now), 0);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-  ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  void (*const handler_)(int) = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit before_{};
-};
-
 TEST_F(SettingsFileTest, AChangeWithoutRoomIsNoneAndTheNextOneIs) {
   auto file = open();
   ASSERT_TRUE(file) << describe(file.error());
   ASSERT_TRUE(file->write({row("kept", 1)}, 1));
   {
-    const FileSizeLimit full(std::filesystem::file_size(path_ + "-wal"));
+    const FullDisk full(std::filesystem::file_size(path_ + "-wal"));
     const auto refused = file->write({row("large", 100'000), row("small", 1)}, 2);
     ASSERT_FALSE(refused);
     EXPECT_THAT(describe(refused.error()), StartsWith(path_ + ": "));
@@ -137,7 +120,7 @@ TEST_F(SettingsFileTest, ASettingThatCouldNotBeWrittenIsReadAsBefore) {
   ASSERT_TRUE((*store)->set(kDomain, "a", 1));
   const Value versions = (*store)->versions(kDomain);
   {
-    const FileSizeLimit full(std::filesystem::file_size(path_ + "-wal"));
+    const FullDisk full(std::filesystem::file_size(path_ + "-wal"));
     EXPECT_FALSE((*store)->set(kDomain, "a", 2));
     EXPECT_FALSE((*store)->registerDefaults(kDomain, {{"a", 3}, {"b", 3}}));
     EXPECT_FALSE((*store)->removeValues(kDomain, {"a"}));
@@ -150,7 +133,7 @@ TEST_F(SettingsFileTest, ASettingThatCouldNotBeWrittenIsReadAsBefore) {
 }
 
 TEST_F(SettingsFileTest, WithoutRoomForANewFileThereIsNone) {
-  const FileSizeLimit full(0);
+  const FullDisk full(0);
   const auto refused = open();
   ASSERT_FALSE(refused);
   EXPECT_THAT(describe(refused.error()), StartsWith(path_ + ": "));
