@@ -10,6 +10,7 @@
 
 #include "Platform/Linux/DBusMessages.h"
 #include "Platform/Linux/PeerThreads_contract.h"
+#include "Platform/Linux/RawPeer_contract.h"
 #include "Platform/PeerLimits.h"
 
 namespace platform {
@@ -85,6 +86,29 @@ TEST_F(DBusPeerFilesTest, SoManyBytesOfFilesMayBeUnreadAndNoMore) {
     runUntilNoted("note:", noted);
   }
   EXPECT_TRUE(sendNote(kLarge));
+}
+
+// Its socket is never empty: there is always one file more than it has read.
+TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesOneAfterTheOther) {
+  start();
+  RawPeer peer(path());
+  peer.authenticate();
+  runUntilNoted("connected", 2);
+  constexpr std::size_t kFiles = 4 * kMaxPeerMemoryFileBytes / kLarge;
+  for (std::size_t i = 0; i < kFiles; ++i) {
+    harness_->there([this](PeerTransport&) {
+      const auto sent = server_.connections.back()->send("note:", {Value(Data(kLarge))});
+      EXPECT_TRUE(sent) << describe(sent.error());
+    });
+    if (HasFailure()) return;
+    if (i > 0) peer.readMessage();
+  }
+  // It stops to read: what it may leave is what it would be without all those before.
+  std::size_t unread = 1;
+  harness_->there([&](PeerTransport&) {
+    while (server_.connections.back()->send("note:", {Value(Data(kLarge))})) ++unread;
+  });
+  EXPECT_EQ(unread, kMaxPeerMemoryFileBytes / kLarge - 1);
 }
 
 }  // namespace
