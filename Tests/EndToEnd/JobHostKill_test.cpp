@@ -91,6 +91,21 @@ class JobHostKill : public testing::Test {
     EXPECT_EQ(host_->waitForExit(), kKilled);
   }
 
+  // Which calls a host makes beside those that it must is a matter of time: of two events it may
+  // learn in one wait or in two. So it does not come to each that was traced. But it was killed at
+  // most of them, and at the first of each kind in `changes`, without which nothing is done.
+  static void expectKilled(const std::vector<Call>& killed, const std::vector<Call>& traced,
+                           const std::vector<std::string>& changes) {
+    EXPECT_GT(2 * killed.size(), traced.size());
+    for (const std::string& change : changes) {
+      const bool isKilled = std::ranges::any_of(
+          killed, [&](const Call& call) { return call.name == change && call.number == 1; });
+      EXPECT_TRUE(isKilled) << "never killed at " << change;
+    }
+    RecordProperty("calls", static_cast<int>(traced.size()));
+    RecordProperty("kills", static_cast<int>(killed.size()));
+  }
+
   std::string label(int number) const { return prefix_ + std::to_string(number); }
 
   std::map<std::string, ProcessId> list() {
@@ -154,7 +169,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
   }
   removeExtra();
   const std::vector<Call> calls = callsIn(trace);
-  std::size_t kills = 0;
+  std::vector<Call> killed;
   for (const Call& call : calls) {
     SCOPED_TRACE("killed at call " + std::to_string(call.number) + " of " + call.name);
     std::optional<std::string> answer;
@@ -163,7 +178,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
       host_->send("submit " + extra + " 0");
       answer = host_->nextLineIfAny();
     }
-    if (!answer) ++kills;
+    if (!answer) killed.push_back(call);
     endHost();
     startHost();
     auto now = list();
@@ -178,10 +193,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
     expectNoneLostNoneDoubled();
     if (HasFailure()) return;
   }
-  EXPECT_GT(kills, 10);
-  EXPECT_GE(kills + 5, calls.size());  // But for those behind the answer.
-  RecordProperty("calls", static_cast<int>(calls.size()));
-  RecordProperty("kills", static_cast<int>(kills));
+  expectKilled(killed, calls, {"write", "clone"});
 }
 
 TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
@@ -193,7 +205,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
   }
   const std::vector<Call> calls = callsIn(trace);
   jobs_ = list();
-  std::size_t kills = 0;
+  std::vector<Call> killed;
   for (const Call& call : calls) {
     SCOPED_TRACE("killed at call " + std::to_string(call.number) + " of " + call.name);
     const ProcessId before = jobs_[victim];
@@ -201,7 +213,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
       const Tracer tracer(host_->process(), call.killThere());
       killAndAwait(before);
       host_->send("list");
-      if (!restOfList()) ++kills;
+      if (!restOfList()) killed.push_back(call);
     }
     endHost();
     startHost();
@@ -213,10 +225,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
     ASSERT_EQ(now, jobs_);
     if (HasFailure()) return;
   }
-  EXPECT_GT(kills, 10);
-  EXPECT_GE(kills + 5, calls.size());  // But for those behind the answer.
-  RecordProperty("calls", static_cast<int>(calls.size()));
-  RecordProperty("kills", static_cast<int>(kills));
+  expectKilled(killed, calls, {"waitid", "kill", "write", "clone"});
 }
 
 TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
@@ -237,6 +246,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
   const auto execute = std::ranges::find(calls, "execve", &Call::name);
   ASSERT_NE(execute, calls.end());
   calls.erase(execute + 1, calls.end());
+  std::vector<Call> killed;
   for (const Call& call : calls) {
     SCOPED_TRACE("killed at call " + std::to_string(call.number) + " of " + call.name);
     std::vector<std::string> options = call.killThere();
@@ -247,13 +257,15 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
       host_->send(order);
       answer = host_->nextLineIfAny();
     }
+    const bool isRefused = answer && answer->starts_with("refused");
+    if (isRefused) killed.push_back(call);
     if (!answer) {  // It was the host that came there first.
       EXPECT_EQ(host_->waitForExit(), kKilled);
       startHost();
     }
     auto now = list();
     EXPECT_TRUE(now.contains(extra) || answer != "done");
-    EXPECT_FALSE(now.contains(extra) && answer && answer->starts_with("refused"));
+    EXPECT_FALSE(now.contains(extra) && isRefused);
     if (now.contains(extra)) {
       EXPECT_EQ(processesByLabel(extra).size(), now[extra] > 0 ? 1 : 0);
       host_->send("remove " + extra);
@@ -264,8 +276,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
     expectNoneLostNoneDoubled();
     if (HasFailure()) return;
   }
-  EXPECT_GT(calls.size(), 20);
-  RecordProperty("calls", static_cast<int>(calls.size()));
+  expectKilled(killed, calls, {"setsid", "openat", "dup3", "chdir"});
 }
 
 TEST_F(JobHostKill, WhileAProcessHasNotYetExecutedItsProgram) {
