@@ -183,11 +183,9 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
   // Each that libdbus has not written yet is a descriptor of ours.
-  if (dbus_connection_get_outgoing_unix_fds(connection_.get()) >=
-          static_cast<long>(kMaxPeerDescriptors) &&
-      dbus_message_contains_unix_fds(message.message.get())) {
-    return false;
-  }
+  const auto unsent =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_unix_fds(connection_.get()));
+  if (message.descriptors > 0 && unsent + message.descriptors > kMaxPeerDescriptors) return false;
   if (message.fileBytes == 0) return true;
   // libdbus does not count the files, and the socket takes hundreds of descriptors.
   return unreadFiles_.bytes(unread == 0) + message.fileBytes <= kMaxPeerMemoryFileBytes;
