@@ -5,6 +5,8 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "Platform/Testing/TemporaryFolder.h"
 
@@ -29,6 +31,11 @@ class DaemonFolderTest : public testing::Test {
     root_.write("daemons/" + nameOf(number) + ".plist", plist(nameOf(number)));
   }
   DaemonFolder read() const { return readDaemonFolder(root_.path("daemons")); }
+  void expectNothing(const testing::Matcher<std::string>& fault) const {
+    const DaemonFolder folder = read();
+    EXPECT_THAT(folder.definitions, IsEmpty());
+    EXPECT_THAT(folder.faults, ElementsAre(fault));
+  }
 
   platform::TemporaryFolder root_;
 };
@@ -73,6 +80,64 @@ TEST_F(DaemonFolderTest, AFileIsReadUpToItsLargestSize) {
       EXPECT_THAT(folder.faults[0], AllOf(HasSubstr("a.plist"), HasSubstr("4194304")));
     }
   }
+}
+
+// Who may write the folder may put any file of root's own there, whoever wrote that and for what.
+TEST_F(DaemonFolderTest, AFolderThatOthersCanWriteIsNotRead) {
+  add(0);
+  const std::string path = root_.path("daemons");
+  for (const mode_t mode : {0775, 0757, 0777, 01777}) {
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    expectNothing(AllOf(HasSubstr(path + ": not trusted"),
+                        HasSubstr(fmt::format("mode {:04o}", mode)), HasSubstr("chmod go-w")));
+  }
+  for (const mode_t mode : {0755, 0700}) {
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    EXPECT_EQ(read().definitions.size(), 1) << mode;
+  }
+}
+
+TEST_F(DaemonFolderTest, AFolderOfAnotherUserIsNotRead) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
+  add(0);
+  const std::string path = root_.path("daemons");
+  ASSERT_EQ(::chown(path.c_str(), 12345, 0), 0);
+  expectNothing(AllOf(HasSubstr(path + ": not trusted"), HasSubstr("belongs to uid 12345")));
+  ASSERT_EQ(::chown(path.c_str(), 0, 12345), 0);  // Its group can't write it.
+  EXPECT_EQ(read().definitions.size(), 1);
+}
+
+TEST_F(DaemonFolderTest, AFolderBehindASymbolicLinkIsNotRead) {
+  root_.write("elsewhere/a.plist", plist("a"));
+  ASSERT_EQ(::symlink("elsewhere", root_.path("daemons").c_str()), 0);
+  expectNothing(HasSubstr(root_.path("daemons") + ": is not a folder"));
+}
+
+TEST_F(DaemonFolderTest, AFileIsNoFolder) {
+  root_.write("daemons", plist("a"));
+  expectNothing(HasSubstr(root_.path("daemons") + ": is not a folder"));
+}
+
+TEST_F(DaemonFolderTest, AFileOfAnotherUserOrThatOthersCanWriteIsNotLoaded) {
+  add(0);
+  add(1);
+  const std::string path = root_.path("daemons/00000.plist");
+  const auto expectOther = [&](const std::string& why) {
+    const DaemonFolder folder = read();
+    ASSERT_EQ(folder.definitions.size(), 1);
+    EXPECT_EQ(folder.definitions.front().label, nameOf(1));
+    EXPECT_THAT(folder.faults,
+                ElementsAre(AllOf(HasSubstr(path + ": not trusted"), HasSubstr(why))));
+  };
+  for (const mode_t mode : {0664, 0646}) {
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    expectOther("chmod go-w");
+  }
+  ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+  EXPECT_EQ(read().definitions.size(), 2);
+  if (::geteuid() != 0) return;
+  ASSERT_EQ(::chown(path.c_str(), 12345, 0), 0);
+  expectOther("belongs to uid 12345");
 }
 
 }  // namespace

@@ -83,6 +83,7 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
 
 void JobHost::loadDaemons(std::vector<JobDefinition> definitions) {
   for (JobDefinition& definition : definitions) {
+    if (isAskedToEnd()) return;
     Job* const job = find(definition.label);
     if (job && job->removal) {
       job->removal->afterwards.push_back(

@@ -259,5 +259,36 @@ TEST_F(JobHostDaemons, AFileOfALabelThatAClientHasSubmittedIsNotLoaded) {
   EXPECT_EQ(sink_.count("a client has submitted the job"), 1);
 }
 
+TEST_F(JobHostDaemons, AHostThatIsAskedToEndWhileItStartsThemStartsNoneMore) {
+  for (const char* name : {"a", "b", "c"}) {
+    root_.write(kFolder + name + ".plist", kept(std::string("com.example.") + name));
+  }
+  isAskedToEnd_ = [this] { return starts() >= 2; };
+  startHost();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b"));
+  isAskedToEnd_ = nullptr;
+  stopAndStartHost();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.c"));
+  EXPECT_EQ(starts(), 5);
+}
+
+TEST_F(JobHostDaemons, AHostThatIsAskedToEndStartsNothingOfTheOneBeforeAgain) {
+  put(kept(kLabel));
+  startHost();
+  ASSERT_TRUE(submit(job("com.example.submitted")));
+  loop_.advanceBy(1min);
+  killHost();
+  processes_.end(101);
+  isAskedToEnd_ = [] { return true; };
+  startHost();
+  EXPECT_EQ(pid(kLabel), Value());
+  EXPECT_EQ(pid("com.example.submitted"), Value(102));  // It runs, and is to be ended.
+  // Killed before it has ended anything, it has forgotten nothing.
+  isAskedToEnd_ = nullptr;
+  restartHost();
+  EXPECT_EQ(pid(kLabel), Value(103));
+  EXPECT_EQ(pid("com.example.submitted"), Value(102));
+}
+
 }  // namespace
 }  // namespace jobhost

@@ -123,7 +123,7 @@ Result<void> JobHost::takeOverProcess(Job& job) {
 void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
-  if (job.hasLeader) return;
+  if (job.hasLeader || isAskedToEnd()) return;
   if (!job.machService.empty()) {
     if (const auto socket = sockets_.listen(job.machService, job.label); !socket) {
       log(platform::ASL_LEVEL_ERR, platform::describe(socket.error()));

@@ -28,6 +28,9 @@ struct JobHostOptions {
   std::string root;    // the platform root
   std::string bootId;  // names the boot that goes on
   std::size_t maximumJobs = 4096;
+  // Whether somebody has asked for the end while the host is being created, asked again before each
+  // job that this would start. Nobody has where there is no such function.
+  std::function<bool()> isAskedToEnd = {};
 };
 
 // The job that runs the notification bus: everybody may still have something to say while being
@@ -57,9 +60,10 @@ class JobHost {
   // what a client removed or replaced stays so; a file that has gone takes no job with it. A job
   // that can't be taken over, loaded or started is logged. Where no state file can be written, as
   // on a full disk, no job is taken or loaded until one can; the files are those of that time, and
-  // a job that a client has submitted by then stays. Fails where another host runs there (after
-  // waiting for it for StateFile::kLockPatience), and where the folders for sockets and state can't
-  // be made. The arguments outlive this.
+  // a job that a client has submitted by then stays. Once it is asked to end it starts nothing
+  // more: what is still to be loaded is left to the host that comes after shutDown(). Fails where
+  // another host runs there (after waiting for it for StateFile::kLockPatience), and where the
+  // folders for sockets and state can't be made. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
                                                            Processes& processes,
                                                            platform::SystemLog& log,
@@ -145,6 +149,7 @@ class JobHost {
   // Answers what the last host had not loaded.
   std::vector<JobDefinition> refreshDaemons(DaemonFolder folder);
   platform::Result<void> refresh(Job& job, const JobDefinition& definition);
+  bool isAskedToEnd() const { return options_.isAskedToEnd && options_.isAskedToEnd(); }
   void loadDaemons(std::vector<JobDefinition> definitions);
   void loadDaemonsWhenWritable();
   void load(JobDefinition definition);

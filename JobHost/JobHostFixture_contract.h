@@ -2,6 +2,7 @@
 
 // A job host on virtual time, with processes that exist in the test only.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,7 @@ class JobHostTest : public testing::Test {
     options.root = root_.path();
     options.bootId = bootId_;
     options.maximumJobs = maximumJobs;
+    options.isAskedToEnd = isAskedToEnd_;
     auto host = JobHost::create(loop_, processes_, log_, std::move(options));
     ASSERT_TRUE(host) << platform::describe(host.error());
     host_ = std::move(*host);
@@ -85,6 +87,7 @@ class JobHostTest : public testing::Test {
   platform::FakeLogSink sink_;
   platform::SystemLog log_{sink_, "jobhost"};
   FakeProcesses processes_{loop_};
+  std::function<bool()> isAskedToEnd_;  // for the next host
   std::unique_ptr<JobHost> host_;
 };
 

@@ -37,11 +37,23 @@ class JobHostLimits : public JobHostTest {
     }
   }
 
+  // What the host reckons for a job, by a state file of its own.
+  std::size_t costOf(const Dictionary& job) {
+    auto state = StateFile::open(scratch_.path(), bootId_, loop_);
+    EXPECT_TRUE(state);
+    EXPECT_TRUE(state->file->compact({}));
+    const auto bytes = state->file->appendSubmitted(JobOrigin::kSubmitted, job, SIZE_MAX);
+    EXPECT_TRUE(bytes);
+    return StateFile::costOf(*job["Label"].string(), *bytes);
+  }
+
   std::size_t stateBytes() const {
     struct stat status{};
     EXPECT_EQ(::stat(root_.path("run/vantor/launchd.state").c_str(), &status), 0);
     return static_cast<std::size_t>(status.st_size);
   }
+
+  platform::TemporaryFolder scratch_;
 };
 
 TEST_F(JobHostLimits, AHostFullOfJobsGoesOnStartingReplacingAndRemovingThem) {
@@ -66,6 +78,25 @@ TEST_F(JobHostLimits, AHostFullOfJobsGoesOnStartingReplacingAndRemovingThem) {
     ASSERT_TRUE(removeLater(nameOf(number))->value()) << number;
   }
   EXPECT_EQ(fill(), count);
+}
+
+TEST_F(JobHostLimits, TheLastByteThatJobsMayCostIsTakenAndNoneMore) {
+  const int count = fill();
+  std::size_t left = StateFile::kMaximumCost;
+  for (int number = 0; number < count; ++number) left -= costOf(large(nameOf(number)));
+  const std::string label = "com.example.last";
+  const auto ofBytes = [&](std::size_t bytes) { return job(label, {{"Fill", Data(bytes, 'x')}}); };
+  // Of nearly the size: the larger a property list is, the wider are the numbers in it.
+  const std::size_t nearly = left - 500;
+  const std::size_t frame = costOf(ofBytes(nearly)) - nearly;
+  for (const std::size_t cost : {left - 1, left, left + 1}) {
+    const Dictionary last = ofBytes(cost - frame);
+    ASSERT_EQ(costOf(last), cost);
+    EXPECT_EQ(submit(last).has_value(), cost <= left) << cost << " of " << left;
+    if (cost <= left) {
+      EXPECT_TRUE(removeLater(label)->value());
+    }
+  }
 }
 
 TEST_F(JobHostLimits, ARemovedOrReplacedJobMakesRoomForAnother) {

@@ -104,18 +104,21 @@ TEST_F(AnchorStoreTest, TheSizeOfAFileIsBounded) {
     text.resize(size, '\n');
     return text;
   };
-  write("large.pem", padded(AnchorStore::kMaxFileBytes));
-  EXPECT_EQ(count(), 2);
+  for (const std::size_t size : {AnchorStore::kMaxFileBytes - 1, AnchorStore::kMaxFileBytes}) {
+    write("large.pem", padded(size));
+    EXPECT_EQ(count(), 2) << size;
+  }
   write("large.pem", padded(AnchorStore::kMaxFileBytes + 1));
   EXPECT_EQ(count(), 1);
   EXPECT_THAT(load()->remarks, ElementsAre(HasSubstr("is larger than")));
 }
 
 TEST_F(AnchorStoreTest, TheNumberOfFilesIsBounded) {
-  for (std::size_t i = 1; i < AnchorStore::kMaxFiles; ++i) {
-    write(std::to_string(i) + ".pem", foreignPem());
+  for (std::size_t files = 2; files <= AnchorStore::kMaxFiles; ++files) {
+    write(std::to_string(files) + ".pem", foreignPem());
+    if (files + 1 < AnchorStore::kMaxFiles) continue;
+    EXPECT_EQ(count(), static_cast<int>(files));
   }
-  EXPECT_EQ(count(), static_cast<int>(AnchorStore::kMaxFiles));
   write("more.pem", foreignPem());
   EXPECT_EQ(count(), 0);
   EXPECT_THAT(load()->remarks, ElementsAre(HasSubstr("holds more than 64 files")));

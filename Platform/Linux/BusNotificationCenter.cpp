@@ -367,8 +367,9 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   if (!connection_)
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
   if (!registered_) return queue({notification.name, *std::move(message)});
-  if (dbus_connection_get_outgoing_size(connection_.get()) >
-      static_cast<long>(kMaxUnsentNotificationBytes))
+  const auto unsent =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
+  if (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent)
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
   if (hasEnded(sources_->descriptor()))
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " has gone");

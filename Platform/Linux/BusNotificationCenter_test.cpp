@@ -1,4 +1,4 @@
-// Buses that break off; working ones are among the end-to-end tests.
+// Buses that break off or stand still; working ones are among the end-to-end tests.
 
 #include <memory>
 #include <string>
@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -64,10 +65,13 @@ TEST_F(BusNotificationCenterTest, PostsThatWaitForABusThatNeverComesAreLogged) {
                            testing::AllOf(HasSubstr("\"b\" was not posted"), HasSubstr(path_))));
 }
 
-// Answers a Hello and closes.
-class ShortBus {
+// A bus of which it is said what it does when somebody says Hello. It reads while the loop runs.
+class StrangeBus {
  public:
-  ShortBus(AsioRunLoop& loop, const std::string& address) : loop_(loop) {
+  enum class AtHello { kAnswers, kAnswersAndCloses, kSaysNothing };
+
+  StrangeBus(AsioRunLoop& loop, const std::string& address, AtHello atHello)
+      : loop_(loop), atHello_(atHello) {
     dbus_threads_init_default();
     DBusErrorText error;
     server_.reset(dbus_server_listen(address.c_str(), error.get()));
@@ -75,7 +79,7 @@ class ShortBus {
     dbus_server_set_new_connection_function(
         server_.get(),
         [](DBusServer*, DBusConnection* connection, void* self) {
-          static_cast<ShortBus*>(self)->take(connection);
+          static_cast<StrangeBus*>(self)->take(connection);
         },
         this, nullptr);
     sources_ = std::move(
@@ -84,6 +88,18 @@ class ShortBus {
   }
 
   const std::vector<Instant>& hellos() const { return hellos_; }
+  // The bytes of each signal that came.
+  const std::vector<std::size_t>& signalBytes() const { return signalBytes_; }
+
+  // What its only client has written and it has not read.
+  std::size_t unreadBytes() const {
+    int socket = -1;
+    int bytes = 0;
+    EXPECT_EQ(clients_.size(), 1u);
+    EXPECT_TRUE(dbus_connection_get_socket(clients_.front()->connection.get(), &socket));
+    EXPECT_EQ(::ioctl(socket, FIONREAD, &bytes), 0);
+    return static_cast<std::size_t>(bytes);
+  }
 
  private:
   struct Client {
@@ -106,28 +122,98 @@ class ShortBus {
 
   void answer(DBusConnection* connection) {
     while (UniqueDBusMessage message{dbus_connection_pop_message(connection)}) {
+      if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) note(message.get());
       if (!dbus_message_is_method_call(message.get(), "org.freedesktop.DBus", "Hello")) continue;
       hellos_.push_back(loop_.now());
+      if (atHello_ == AtHello::kSaysNothing) continue;
       UniqueDBusMessage reply(dbus_message_new_method_return(message.get()));
       dbus_connection_send(connection, reply.get(), nullptr);
+      if (atHello_ == AtHello::kAnswers) continue;
       dbus_connection_flush(connection);
       return dbus_connection_close(connection);
     }
   }
 
+  void note(DBusMessage* message) {
+    char* bytes = nullptr;
+    int size = 0;
+    ASSERT_TRUE(dbus_message_marshal(message, &bytes, &size));
+    dbus_free(bytes);
+    signalBytes_.push_back(static_cast<std::size_t>(size));
+  }
+
   AsioRunLoop& loop_;
+  const AtHello atHello_;
   UniqueDBusServer server_;
   std::unique_ptr<DBusSources> sources_;
   std::vector<std::unique_ptr<Client>> clients_;
   std::vector<Instant> hellos_;
+  std::vector<std::size_t> signalBytes_;
 };
 
 TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsGivenTime) {
-  ShortBus bus(*loop_, address_);
+  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
   connect();
   runUntil([&] { return bus.hellos().size() >= 2; });
   ASSERT_GE(bus.hellos().size(), 2u);
   EXPECT_GE(bus.hellos()[1] - bus.hellos()[0], 400ms);
+}
+
+// As many messages of one size as the limit holds, for sizes around one that divides it.
+class UnsentNotificationsTest : public BusNotificationCenterTest {
+ protected:
+  static constexpr std::size_t kSize = kMaxUnsentNotificationBytes / 16;
+
+  void post(std::size_t textBytes) {
+    center_->postNotificationName("a", std::nullopt,
+                                  Dictionary{{"key", std::string(textBytes, 'x')}},
+                                  NSNotificationPosting::kThisSession);
+  }
+  // How many are taken before one is refused, for this reason.
+  std::size_t postUntilRefused(std::size_t bytes, const std::string& reason) {
+    std::size_t taken = 0;
+    const std::size_t before = sink_.texts().size();
+    while (post(bytes - frame_), sink_.texts().size() == before) ++taken;
+    EXPECT_THAT(sink_.texts().back(), testing::HasSubstr(reason));
+    return taken;
+  }
+  // Learns what a message takes beside its text, from one that arrives.
+  void startWith(StrangeBus& bus) {
+    connect();
+    post(1000);
+    runUntil([&] { return bus.signalBytes().size() == 1; });
+    frame_ = bus.signalBytes().front() - 1000;
+  }
+
+  std::size_t frame_ = 0;
+};
+
+TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotRead) {
+  for (const std::size_t size : {kSize - 1, kSize, kSize + 1}) {
+    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+    startWith(bus);
+    const std::size_t taken = postUntilRefused(size, "does not read");
+    // What is not written to its end waits as a whole.
+    EXPECT_EQ(taken - bus.unreadBytes() / size, kMaxUnsentNotificationBytes / size) << size;
+    runUntil([&] { return bus.signalBytes().size() == 1 + taken; });
+    EXPECT_EQ(bus.signalBytes().back(), size);
+    center_.reset();
+  }
+}
+
+TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotAnswer) {
+  {
+    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+    startWith(bus);
+    center_.reset();
+  }
+  for (const std::size_t size : {kSize - 1, kSize, kSize + 1}) {
+    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kSaysNothing);
+    connect();
+    runUntil([&] { return bus.hellos().size() == 1; });
+    EXPECT_EQ(postUntilRefused(size, "does not answer"), kMaxUnsentNotificationBytes / size);
+    center_.reset();
+  }
 }
 
 }  // namespace

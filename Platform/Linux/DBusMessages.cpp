@@ -8,6 +8,7 @@
 #include "Platform/Linux/DBusValues.h"
 #include "Platform/Linux/SealedFile.h"
 #include "Platform/Linux/UniqueFd.h"
+#include "Platform/NSXPCListenerEndpoint.h"
 #include "Platform/PeerLimits.h"
 #include "Platform/PeerMessageRules.h"
 
@@ -35,6 +36,25 @@ struct FreeString {
   void operator()(char* text) const { dbus_free(text); }
 };
 
+std::size_t endpointsIn(const Value& value) {
+  std::size_t count = endpointIn(value) ? 1 : 0;
+  if (const Array* const elements = value.array()) {
+    for (const Value& element : *elements) count += endpointsIn(element);
+  }
+  if (const Dictionary* const entries = value.dictionary()) {
+    for (const auto& [key, entry] : *entries) count += endpointsIn(entry);
+  }
+  return count;
+}
+
+// Counts the endpoints that `contents` have brought into a message.
+Result<EncodedMessage> counted(Result<EncodedMessage> encoded, const Array& contents) {
+  const bool isCounted = !encoded || encoded->descriptors > 0;
+  if (isCounted || !dbus_message_contains_unix_fds(encoded->message.get())) return encoded;
+  for (const Value& value : contents) encoded->descriptors += endpointsIn(value);
+  return encoded;
+}
+
 // Fills a message made by `make`, and moves it into a memory file where it is too large to go as it
 // is; `make` then makes the one that carries it.
 template <typename Make, typename Fill>
@@ -45,7 +65,7 @@ Result<EncodedMessage> encode(std::size_t bodyBytes, Make make, Fill fill) {
   dbus_message_iter_init_append(message.get(), &iterator);
   if (!fill(&iterator)) return noMemory();
   if (bodyBytes + kPeerMessageHeaderBytes <= kMaxPeerMessageBytes) {
-    return EncodedMessage{std::move(message), bodyBytes + kPeerMessageHeaderBytes, 0};
+    return EncodedMessage{std::move(message), bodyBytes + kPeerMessageHeaderBytes, 0, 0};
   }
   if (dbus_message_contains_unix_fds(message.get())) {
     return invalid("endpoints in a message of more than " + std::to_string(kMaxPeerMessageBytes) +
@@ -65,8 +85,8 @@ Result<EncodedMessage> encode(std::size_t bodyBytes, Make make, Fill fill) {
                                             DBUS_TYPE_UINT64, &length, DBUS_TYPE_INVALID)) {
     return noMemory();
   }
-  return EncodedMessage{std::move(carrier), kPeerMessageHeaderBytes,
-                        static_cast<std::size_t>(size)};
+  return EncodedMessage{std::move(carrier), kPeerMessageHeaderBytes, static_cast<std::size_t>(size),
+                        1};
 }
 
 UniqueDBusMessage newCall(const std::string& member, PeerMessageKind kind) {
@@ -103,9 +123,11 @@ Result<EncodedMessage> encodeValue(std::uint32_t serial, const Value& value,
   const Array body = value.isNil() ? Array{} : Array{value};
   const auto bytes = peerBodyBytes(body, contents);
   if (!bytes) return std::unexpected(bytes.error());
-  return encode(
-      *bytes, [&] { return newReturn(serial); },
-      [&](DBusMessageIter* into) { return body.empty() || appendVariant(into, value); });
+  return counted(
+      encode(
+          *bytes, [&] { return newReturn(serial); },
+          [&](DBusMessageIter* into) { return body.empty() || appendVariant(into, value); }),
+      body);
 }
 
 Result<EncodedMessage> encodeException(std::uint32_t serial, const NSException& exception) {
@@ -208,12 +230,14 @@ Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arg
   }
   std::string member(selector);
   std::ranges::replace(member, ':', '_');
-  return encode(
-      *bytes, [&] { return newCall(member, kind); },
-      [&](DBusMessageIter* into) {
-        return std::ranges::all_of(
-            arguments, [&](const Value& argument) { return appendVariant(into, argument); });
-      });
+  return counted(encode(
+                     *bytes, [&] { return newCall(member, kind); },
+                     [&](DBusMessageIter* into) {
+                       return std::ranges::all_of(arguments, [&](const Value& argument) {
+                         return appendVariant(into, argument);
+                       });
+                     }),
+                 arguments);
 }
 
 Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result,

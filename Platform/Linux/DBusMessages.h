@@ -34,6 +34,7 @@ struct EncodedMessage {
   UniqueDBusMessage message;
   std::size_t wireBytes = 0;  // on the socket, at most
   std::size_t fileBytes = 0;  // in its memory file
+  std::size_t descriptors = 0;
 };
 
 // Everything is checked first: kInvalid says what can't travel.

@@ -1,15 +1,19 @@
-// Memory files that the peer has not read yet.
+// Memory files that the peer has not read yet, and descriptors that are not sent yet.
 
 #include <fstream>
 #include <string>
 #include <thread>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "Platform/Linux/DBusMessages.h"
 #include "Platform/Linux/PeerThreads_contract.h"
+#include "Platform/Linux/RawPeer_contract.h"
+#include "Platform/Linux/SocketEndpoint.h"
+#include "Platform/NSXPCListenerEndpoint.h"
 #include "Platform/PeerLimits.h"
 
 namespace platform {
@@ -85,6 +89,96 @@ TEST_F(DBusPeerFilesTest, SoManyBytesOfFilesMayBeUnreadAndNoMore) {
     runUntilNoted("note:", noted);
   }
   EXPECT_TRUE(sendNote(kLarge));
+}
+
+// Its socket is never empty: there is always one file more than it has read.
+TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesOneAfterTheOther) {
+  start();
+  RawPeer peer(path());
+  peer.authenticate();
+  runUntilNoted("connected", 2);
+  constexpr std::size_t kFiles = 4 * kMaxPeerMemoryFileBytes / kLarge;
+  for (std::size_t i = 0; i < kFiles; ++i) {
+    harness_->there([this](PeerTransport&) {
+      const auto sent = server_.connections.back()->send("note:", {Value(Data(kLarge))});
+      EXPECT_TRUE(sent) << describe(sent.error());
+    });
+    if (HasFailure()) return;
+    if (i > 0) peer.readMessage();
+  }
+  // It stops to read: what it may leave is what it would be without all those before.
+  std::size_t unread = 1;
+  harness_->there([&](PeerTransport&) {
+    while (server_.connections.back()->send("note:", {Value(Data(kLarge))})) ++unread;
+  });
+  EXPECT_EQ(unread, kMaxPeerMemoryFileBytes / kLarge - 1);
+}
+
+// Descriptors that can't be written yet, because the socket is full.
+class DBusPeerEndpointsTest : public DBusPeerFilesTest {
+ protected:
+  void startWithEndpoints() {
+    listen({.contents = PeerMessageContents::kValuesAndEndpoints});
+    client_ = connect({.timeout = 60s, .contents = PeerMessageContents::kValuesAndEndpoints});
+    ASSERT_TRUE(client_);
+    const auto endpoint = SocketEndpoint::of(UniqueFd(::open(path().c_str(), O_PATH | O_CLOEXEC)));
+    ASSERT_TRUE(endpoint) << describe(endpoint.error());
+    endpoint_ = Value(std::shared_ptr<const RemoteObject>(*endpoint));
+  }
+
+  // The peer reads nothing, and libdbus keeps what comes behind this.
+  void fillSocket() {
+    settle();
+    harness_->hang();
+    ASSERT_TRUE(sendNote(700'000));
+  }
+  Result<void> sendEndpoints(std::size_t count) {
+    return client_->send("note:", {Value(Array(count, endpoint_))});
+  }
+
+  Value endpoint_;
+};
+
+TEST_F(DBusPeerEndpointsTest, SoManyDescriptorsMayBeUnsentAndNoMore) {
+  startWithEndpoints();
+  fillSocket();
+  for (std::size_t i = 0; i < kMaxPeerDescriptors; ++i) EXPECT_TRUE(sendEndpoints(1)) << i;
+  const auto refused = sendEndpoints(1);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+  EXPECT_TRUE(sendNote(1));  // What brings none has room.
+  harness_->goOn();
+  runUntilNoted("note:", kMaxPeerDescriptors + 2);
+  EXPECT_TRUE(sendEndpoints(1));
+}
+
+TEST_F(DBusPeerEndpointsTest, AllThoseOfAMessageCount) {
+  startWithEndpoints();
+  std::size_t noted = 0;
+  for (const std::size_t total :
+       {kMaxPeerDescriptors - 1, kMaxPeerDescriptors, kMaxPeerDescriptors + 1}) {
+    fillSocket();
+    ASSERT_TRUE(sendEndpoints(10));
+    const bool fits = total <= kMaxPeerDescriptors;
+    EXPECT_EQ(sendEndpoints(total - 10).has_value(), fits) << total;
+    harness_->goOn();
+    noted += fits ? 3 : 2;
+    runUntilNoted("note:", noted);
+  }
+}
+
+TEST_F(DBusPeerEndpointsTest, ACallWaitsUntilTheDescriptorsBeforeItAreSent) {
+  startWithEndpoints();
+  fillSocket();
+  ASSERT_TRUE(sendEndpoints(kMaxPeerDescriptors));
+  EXPECT_EQ(call("echo:", {endpoint_}, 10ms).error().name, kNSPortTimeoutException);
+  const std::jthread waker([this, caller = ::gettid()] {
+    awaitSleepOf(caller);
+    harness_->goOn();
+  });
+  const auto answer = call("echo:", {endpoint_}, 30s);
+  ASSERT_TRUE(answer) << answer.error().reason;
+  EXPECT_TRUE(endpointIn(*answer));
 }
 
 }  // namespace

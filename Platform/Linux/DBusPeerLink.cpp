@@ -97,7 +97,8 @@ DBusPeerLink::DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection,
       whileWaiting_(whileWaiting),
       contents_(contents),
       connection_(std::move(connection)),
-      handlers_(std::make_shared<PeerHandlers>()) {
+      handlers_(std::make_shared<PeerHandlers>()),
+      unreadFiles_(socket) {
   dbus_connection_set_exit_on_disconnect(connection_.get(), false);
   dbus_connection_set_max_received_unix_fds(connection_.get(), kMaxPeerDescriptors);
   allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);

@@ -15,6 +15,7 @@
 #include "Platform/Linux/DBusHandles.h"
 #include "Platform/Linux/DBusMessages.h"
 #include "Platform/Linux/DBusSources.h"
+#include "Platform/Linux/UnreadFiles.h"
 #include "Platform/PeerPlaces.h"
 #include "Platform/PeerTransport.h"
 
@@ -118,7 +119,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus bounds their bytes
   std::map<std::uint32_t, Outstanding> outstanding_;
   std::size_t answersOwed_ = 0;
-  std::size_t unreadFileBytes_ = 0;
+  UnreadFiles unreadFiles_;
 
   bool ended_ = false;     // nothing more is sent or read
   bool finished_ = false;  // the outstanding calls have failed, the death is known

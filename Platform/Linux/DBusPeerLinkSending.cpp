@@ -4,9 +4,6 @@
 #include <string>
 #include <utility>
 
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
-
 #include "Platform/Linux/DBusPeerLink.h"
 #include "Platform/PeerLimits.h"
 #include "Platform/TimerQueue.h"
@@ -186,18 +183,12 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
   // Each that libdbus has not written yet is a descriptor of ours.
-  if (dbus_connection_get_outgoing_unix_fds(connection_.get()) >=
-          static_cast<long>(kMaxPeerDescriptors) &&
-      dbus_message_contains_unix_fds(message.message.get())) {
-    return false;
-  }
+  const auto unsent =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_unix_fds(connection_.get()));
+  if (message.descriptors > 0 && unsent + message.descriptors > kMaxPeerDescriptors) return false;
   if (message.fileBytes == 0) return true;
   // libdbus does not count the files, and the socket takes hundreds of descriptors.
-  int inSocket = 0;
-  if (unread == 0 && ::ioctl(socket_, SIOCOUTQ, &inSocket) == 0 && inSocket == 0) {
-    unreadFileBytes_ = 0;
-  }
-  return unreadFileBytes_ + message.fileBytes <= kMaxPeerMemoryFileBytes;
+  return unreadFiles_.bytes(unread == 0) + message.fileBytes <= kMaxPeerMemoryFileBytes;
 }
 
 Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
@@ -207,11 +198,15 @@ Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
                                  "a large message or an endpoint to a peer that takes no "
                                  "descriptors"});
   }
+  const auto isWritten = [this] {
+    return dbus_connection_get_outgoing_size(connection_.get()) == 0;
+  };
+  unreadFiles_.willSend(message.fileBytes, isWritten());
   dbus_uint32_t serial = 0;
   if (!dbus_connection_send(connection_.get(), message.message.get(), &serial)) {
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory to send a message"});
   }
-  unreadFileBytes_ += message.fileBytes;
+  unreadFiles_.sent(message.fileBytes, isWritten());
   return serial;
 }
 

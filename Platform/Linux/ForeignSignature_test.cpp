@@ -123,7 +123,8 @@ TEST_F(ForeignSignatureTest, OneOverAnotherSignaturesAttributesIsRefused) {
 }
 
 TEST_F(ForeignSignatureTest, TooManyCertificatesAreRefused) {
-  for (const int count : {kMaxSignatureCertificates, kMaxSignatureCertificates + 1}) {
+  for (const int count :
+       {kMaxSignatureCertificates - 1, kMaxSignatureCertificates, kMaxSignatureCertificates + 1}) {
     const CmsHandle cms = sign(kFlags, EVP_sha256());
     for (int i = 1; i < count; ++i) {
       CertificateRequest extra = CodeSigningBed::signerRequest();

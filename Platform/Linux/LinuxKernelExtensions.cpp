@@ -73,6 +73,9 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
     const std::vector<std::string>& identifiers) {
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
+    // An extension of which the job host can't tell whether it runs is none that is known to. Only
+    // who shows what there is goes by this; to load and to unload look for themselves, and take it
+    // for neither.
     if (const Value job = copyJob(identifier); !job.isNil() && !isJobUnknown(job)) {
       loaded.set(identifier, informationOf(job));
       continue;

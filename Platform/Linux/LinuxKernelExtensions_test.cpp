@@ -192,6 +192,14 @@ TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgai
   EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
 }
 
+TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsNotAmongThoseKnownToBeLoaded) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kGood}).empty());
+  machine_.jobs.setReachable(true);
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kGood}).contains(kGood));
+}
+
 TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {
   const std::string other = machine_.folder.path("Library/Extensions/A.kext");
   std::filesystem::copy(machine_.bundle(kGood), other, std::filesystem::copy_options::recursive);

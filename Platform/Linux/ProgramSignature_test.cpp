@@ -173,8 +173,10 @@ TEST_F(ProgramSignatureTest, AnUnusableDetachedSignatureIsRefused) {
   EXPECT_THAT(bed_.refusal(script).reason, HasSubstr("script.p7s: is empty"));
   bed_.folder().write("bin/script.p7s", std::string(kMaxSignatureBytes + 1, '0'));
   EXPECT_THAT(bed_.refusal(script).reason, HasSubstr("larger than a signature may be"));
-  bed_.folder().write("bin/script.p7s", std::string(kMaxSignatureBytes, '0'));
-  EXPECT_THAT(bed_.refusal(script).reason, HasSubstr("is not CMS signed data"));
+  for (const std::size_t size : {kMaxSignatureBytes - 1, kMaxSignatureBytes}) {
+    bed_.folder().write("bin/script.p7s", std::string(size, '0'));
+    EXPECT_THAT(bed_.refusal(script).reason, HasSubstr("is not CMS signed data")) << size;
+  }
   ASSERT_EQ(::unlink((script + ".p7s").c_str()), 0);
   ASSERT_EQ(::mkfifo((script + ".p7s").c_str(), 0600), 0);
   EXPECT_THAT(bed_.refusal(script).reason, HasSubstr("script.p7s: is a pipe"));

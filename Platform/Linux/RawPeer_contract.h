@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -62,6 +63,16 @@ class RawPeer {
     EXPECT_GT(::recv(socket_.get(), answer, sizeof(answer), 0), 0);
   }
 
+  // One message, whatever it is. The kernel closes the descriptors that come with it.
+  void readMessage() {
+    std::string header = readBytes(16);
+    std::uint32_t body = 0;
+    std::uint32_t fields = 0;
+    std::memcpy(&body, header.data() + 4, sizeof(body));
+    std::memcpy(&fields, header.data() + 12, sizeof(fields));
+    readBytes((fields + 7) / 8 * 8 + body);
+  }
+
   // With descriptors attached to the first byte.
   bool writeWith(std::string_view bytes, const std::vector<int>& descriptors) {
     iovec part{const_cast<char*>(bytes.data()), bytes.size()};
@@ -104,6 +115,20 @@ class RawPeer {
   bool await(short events) {
     pollfd entry{socket_.get(), events, 0};
     return ::poll(&entry, 1, 60'000) == 1;
+  }
+
+  std::string readBytes(std::size_t count) {
+    std::string bytes(count, '\0');
+    for (std::size_t got = 0; got < count;) {
+      const auto more =
+          await(POLLIN) ? ::recv(socket_.get(), bytes.data() + got, count - got, 0) : 0;
+      if (more <= 0) {
+        ADD_FAILURE() << "no further bytes behind " << got;
+        break;
+      }
+      got += static_cast<std::size_t>(more);
+    }
+    return bytes;
   }
 
   std::string readLine() {

@@ -195,8 +195,10 @@ TEST_F(VerdictCacheTest, TheNumberOfFactsIsBounded) {
   const WallTime now{};
   cache.remember("too much", 1, now, codeOf(VerdictCache::kMaxFacts + 1));
   EXPECT_EQ(cache.size(), 0u);
-  cache.remember("all", 1, now, codeOf(VerdictCache::kMaxFacts));
-  EXPECT_TRUE(cache.find("all", 1, now));
+  for (const std::size_t facts : {VerdictCache::kMaxFacts - 1, VerdictCache::kMaxFacts}) {
+    cache.remember("all", 1, now, codeOf(facts));
+    EXPECT_TRUE(cache.find("all", 1, now)) << facts;
+  }
   cache.remember("one more", 1, now, codeOf(1));
   EXPECT_EQ(cache.size(), 1u);
   EXPECT_TRUE(cache.find("one more", 1, now));

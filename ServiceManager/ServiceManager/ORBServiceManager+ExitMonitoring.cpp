@@ -58,10 +58,13 @@ bool ORBServiceManager::monitorJobWithIdentifier(Label label, bool /*retryOnFail
 }
 
 // The job host answers a submission when the process has been started, so the first look is enough
-// unless a throttle puts the start off.
+// unless a throttle puts the start off. That is what is waited for: a host that can't tell has had
+// its time with the first look, and would get it six times over.
 std::optional<ProcessId> ORBServiceManager::awaitProcess(std::string_view label) {
   for (int poll = 0; poll < kPidPolls; ++poll) {
-    const std::int64_t process = copyJobDictionary(label)["PID"].integer().value_or(0);
+    const Value job = copyJobDictionary(label);
+    if (isJobUnknown(job)) break;
+    const std::int64_t process = job["PID"].integer().value_or(0);
     const bool isProcess = process > 0 && process <= std::numeric_limits<ProcessId>::max();
     if (isProcess) return static_cast<ProcessId>(process);
     platform_.runLoop.sleepFor(kPidPollInterval);

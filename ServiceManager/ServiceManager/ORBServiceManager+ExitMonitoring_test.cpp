@@ -94,6 +94,21 @@ TEST_F(ExitMonitoringTest, AJobThatNeverGetsAProcessIsLookedAtSixTimesInTwelveSe
   }
 }
 
+TEST_F(ExitMonitoringTest, AJobThatTheHostCannotTellOfIsLookedAtOnce) {
+  CountedJobs counted(jobs_);
+  ORBServiceManager manager(platform(counted));
+  submit(kAgent);
+  jobs_.setReachable(false);
+  const Instant before = loop_.now();
+  EXPECT_FALSE(manager.monitorJobWithIdentifier(kAgent, true));
+  EXPECT_EQ(counted.copies, 1);
+  EXPECT_EQ(loop_.now() - before, 5s);  // The look's own: as long as a host takes to come back.
+  EXPECT_THAT(takeLog(), ElementsAre("4 Could not determine the PID of the requested job "
+                                     "label:com.example.agent"));
+  jobs_.setReachable(true);
+  EXPECT_TRUE(monitor(kAgent));
+}
+
 TEST_F(ExitMonitoringTest, AProcessThatComesWhileItIsWaitedForIsWatched) {
   submit(kAgent, 5);
   jobs_.endProcess(kAgent);

@@ -2,158 +2,18 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
 #include <optional>
-#include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/TemporaryFolder.h"
-#include "Tests/EndToEnd/ChildProgram.h"
-#include "Tests/EndToEnd/Tracing.h"
+#include "Tests/EndToEnd/JobHostKill_fixture.h"
 
+namespace platform {
 namespace {
 
-using Call = platform::TracedCall;
-using platform::callsIn;
-using platform::canTrace;
-using platform::ChildProgram;
-using platform::ExitStatus;
-using platform::ProcessId;
-using platform::Tracer;
-
-constexpr int kJobs = 20;
-constexpr ExitStatus kKilled{ExitStatus::Kind::kSignalled, SIGKILL};
-
-std::string firstArgument(const std::filesystem::path& process) {
-  for (;;) {
-    std::ifstream file(process / "cmdline");
-    std::string first;
-    std::getline(file, first, '\0');
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink(process / "exe", error);
-    // Its arguments come a moment after its program.
-    if (!first.empty() || program.filename() != "sleep") return first;
-  }
-}
-
-// Processes whose first argument is a label, by that. What has ended has none.
-std::multimap<std::string, ProcessId> processesByLabel(const std::string& prefix) {
-  std::multimap<std::string, ProcessId> processes;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-    const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") != name.npos) continue;
-    const std::string first = firstArgument(entry.path());
-    if (first.starts_with(prefix)) processes.emplace(first, std::stoi(name));
-  }
-  return processes;
-}
-
-class JobHostKill : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!canTrace()) GTEST_SKIP() << "programs can't be traced here (ptrace is not permitted)";
-    startHost();
-    for (int i = 0; i < kJobs; ++i) {
-      host_->send("submit " + label(i) + " 0");
-      ASSERT_EQ(host_->nextLine(), "done");
-    }
-    jobs_ = list();
-    ASSERT_EQ(jobs_.size(), kJobs);
-  }
-
-  void TearDown() override {
-    host_.reset();
-    for (const auto& [label, process] : processesByLabel(prefix_)) ::kill(process, SIGKILL);
-  }
-
-  // Also shows what it writes to the log, where something is wrong.
-  void startHost() {
-    host_ = std::make_unique<ChildProgram>(std::vector<std::string>{JOB_HOST_PROGRAM, root_.path()},
-                                           std::vector<std::string>{});
-    ASSERT_EQ(host_->nextLine(), "ready") << host_->errors();
-  }
-
-  // A call may also come behind the answer, or not at all where they differ from those traced.
-  void endHost() {
-    host_->signal(SIGKILL);
-    EXPECT_EQ(host_->waitForExit(), kKilled);
-  }
-
-  // Which calls a host makes beside those that it must is a matter of time: of two events it may
-  // learn in one wait or in two. So it does not come to each that was traced. But it was killed at
-  // most of them, and at the first of each kind in `changes`, without which nothing is done.
-  static void expectKilled(const std::vector<Call>& killed, const std::vector<Call>& traced,
-                           const std::vector<std::string>& changes) {
-    EXPECT_GT(2 * killed.size(), traced.size());
-    for (const std::string& change : changes) {
-      const bool isKilled = std::ranges::any_of(
-          killed, [&](const Call& call) { return call.name == change && call.number == 1; });
-      EXPECT_TRUE(isKilled) << "never killed at " << change;
-    }
-    RecordProperty("calls", static_cast<int>(traced.size()));
-    RecordProperty("kills", static_cast<int>(killed.size()));
-  }
-
-  std::string label(int number) const { return prefix_ + std::to_string(number); }
-
-  std::map<std::string, ProcessId> list() {
-    host_->send("list");
-    return restOfList().value_or(std::map<std::string, ProcessId>());
-  }
-
-  // Nothing where the host ends before.
-  std::optional<std::map<std::string, ProcessId>> restOfList() {
-    std::map<std::string, ProcessId> jobs;
-    for (;;) {
-      const auto line = host_->nextLineIfAny();
-      if (!line) return std::nullopt;
-      if (*line == "end") return jobs;
-      std::istringstream words(*line);
-      std::string label;
-      words >> label >> jobs[label];
-    }
-  }
-
-  // What the host says is what there is: each job one process, and no other process.
-  void expectNoneLostNoneDoubled() {
-    std::multimap<std::string, ProcessId> listed;
-    for (const auto& [label, process] : list()) listed.emplace(label, process);
-    EXPECT_EQ(listed, processesByLabel(prefix_));
-  }
-
-  static void killAndAwait(ProcessId process) {
-    const platform::UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
-    ASSERT_TRUE(pidfd);
-    ASSERT_EQ(::kill(process, SIGKILL), 0);
-    pollfd entry{pidfd.get(), POLLIN, 0};
-    ASSERT_EQ(::poll(&entry, 1, 60'000), 1);
-  }
-
-  void expectKilledJobIsStartedAgain(const std::string& label, ProcessId process) {
-    killAndAwait(process);
-    const ProcessId next = list()[label];
-    EXPECT_GT(next, 0);
-    EXPECT_NE(next, process);
-  }
-
-  platform::TemporaryFolder root_;
-  // Told from what another test, or another run, has left.
-  const std::string prefix_ = "com.example." + std::to_string(::getpid()) + ".";
-  std::unique_ptr<ChildProgram> host_;
-  std::map<std::string, ProcessId> jobs_;
-};
+using Call = TracedCall;
 
 TEST_F(JobHostKill, AtEverySystemCallOfASubmission) {
   const std::string extra = label(kJobs);
@@ -319,7 +179,7 @@ class JobHostKillAsNobody : public testing::TestWithParam<const char*> {};
 
 TEST_P(JobHostKillAsNobody, LosesAndDoublesNone) {
   if (::geteuid() != 0) GTEST_SKIP() << "the tests of JobHostKill are an ordinary user's already";
-  platform::runTestAsNobody(std::string("JobHostKill.") + GetParam());
+  runTestAsNobody(std::string("JobHostKill.") + GetParam());
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, JobHostKillAsNobody,
@@ -331,3 +191,4 @@ INSTANTIATE_TEST_SUITE_P(Each, JobHostKillAsNobody,
                          [](const auto& name) { return std::string(name.param); });
 
 }  // namespace
+}  // namespace platform

@@ -2,6 +2,7 @@
 // standard output. Its argument is the platform root.
 //
 //   submit LABEL SECONDS   a job whose process is named after it, throttled so
+//   serve LABEL SECONDS    the same with a service of that name
 //   remove LABEL
 //   list                   "LABEL PID" for each job, then "end"
 
@@ -39,13 +40,14 @@ void sayOutcome(JobHost::Outcome outcome) {
   say(outcome ? "done" : "refused: " + outcome.error().localizedDescription);
 }
 
-void submit(JobHost& host, const std::string& label, int seconds) {
+void submit(JobHost& host, const std::string& label, int seconds, platform::Dictionary services) {
   auto job = parseJobDefinition(Value(platform::Dictionary{
       {"Label", label},
       {"Program", "/bin/sleep"},
       {"ProgramArguments", platform::Array{label, "1000"}},
       {"KeepAlive", true},
       {"ThrottleInterval", seconds},
+      {"MachServices", std::move(services)},
   }));
   if (!job) fail(job.error());
   host.submit(*std::move(job), sayOutcome);
@@ -57,7 +59,8 @@ void obey(JobHost& host, const std::string& order) {
   std::string label;
   int seconds = 0;
   words >> verb >> label >> seconds;
-  if (verb == "submit") return submit(host, label, seconds);
+  if (verb == "submit") return submit(host, label, seconds, {});
+  if (verb == "serve") return submit(host, label, seconds, {{label, true}});
   if (verb == "remove") return host.remove(label, sayOutcome);
   for (const std::string& known : host.labels()) {
     say(known + " " + std::to_string(host.copy(known)["PID"].integer().value_or(0)));

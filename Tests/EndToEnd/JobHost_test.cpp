@@ -74,6 +74,15 @@ TEST_F(JobHostProgram, AskedToEndWhileItStartsItsDaemonsItEndsThemToo) {
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
+// The request is there before the program is, whose signals are blocked as well.
+TEST_F(JobHostProgram, AskedToEndBeforeItStartsADaemonItStartsNone) {
+  ChildProgram host(
+      {"/usr/bin/env", "--block-signal=TERM", "/bin/sh", "-c", "kill -TERM $$; exec " + program_},
+      {});
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+  EXPECT_FALSE(std::filesystem::exists(root_.path("output")));
+}
+
 TEST_F(JobHostProgram, WhyItDoesNotStartIsInTheSystemLogToo) {
   std::filesystem::create_directories(root_.path("run/vantor/mach"));
   std::filesystem::permissions(root_.path("run/vantor/mach"), std::filesystem::perms::all);
