@@ -1,6 +1,7 @@
 // What the registry of endpoints adds to the transport, and what the executable-information service
 // needs beside a hash.
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +13,7 @@
 
 #include <benchmark/benchmark.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -19,12 +21,13 @@
 #include "Benchmarks/RawEcho.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Platform/Linux/AsioSerialQueues.h"
+#include "Platform/Linux/CertificateMaker.h"
+#include "Platform/Linux/CodeSigner.h"
 #include "Platform/Linux/FileLogSink.h"
 #include "Platform/Linux/LinuxCodeSignatures.h"
 #include "Platform/Linux/LinuxExtendedAttributes.h"
 #include "Platform/Linux/LinuxSystemInformation.h"
 #include "Platform/Linux/LinuxXPC.h"
-#include "Platform/Testing/FakeCodeSignatures.h"
 #include "Platform/Testing/FakeNotificationBus.h"
 #include "Platform/Testing/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
@@ -39,15 +42,29 @@ namespace {
 using namespace platform;
 
 constexpr std::size_t kLargeBytes = std::size_t{256} << 20;
+constexpr useconds_t kTillRemembered = 2'200'000;  // What has just been written is not.
+
+constexpr std::chrono::sys_seconds kFrom = std::chrono::sys_days{std::chrono::January / 1 / 2020};
+constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::January / 1 / 2030};
+constexpr std::chrono::sys_seconds kNow = std::chrono::sys_days{std::chrono::January / 1 / 2060};
+constexpr std::chrono::sys_seconds kTo = std::chrono::sys_days{std::chrono::January / 1 / 2070};
 
 const bool kAdded[] = {
     atMost({"registry-lookup", 2,
             "a name's endpoint from the registry / a round trip by libdbus alone that "
             "passes one descriptor, both pinned"}),
     atMost({"execinfo-large", 1 / 0.9,
-            "execinfo of a file of 256 MiB, warm, asked of the service / sha256sum of the same"}),
+            "execinfo of a signed program of 256 MiB that was seen before, warm, asked of the "
+            "service / sha256sum of the same"}),
     atMost({"execinfo-signed", 20,
             "signing and source of a signed program seen before / a round trip by libdbus alone"}),
+};
+
+WallTime timeOfChecks() { return kNow; }
+
+// Whose home has no record of any file here.
+struct LastUser final : ExecInfoHandlerDelegate {
+  Value getLastLoggedInUserHomeDirectory() override { return "/nonexistent"; }
 };
 
 // The two services as the daemon has them, with the log that it writes, in a process that shares
@@ -64,10 +81,12 @@ void serveXPC(const std::string& path, int started) {
   FakeNotificationBus bus(loop);
   const auto center = bus.makeCenter(log);
   const LinuxSystemInformation system(defaultPlatformConfiguration(root), "/proc");
-  FakeCodeSignatures signatures;
+  const auto signatures = LinuxCodeSignatures::create(root, &timeOfChecks);
+  if (!signatures) return;
   LinuxExtendedAttributes attributes;
   ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
+  LastUser lastUser;
   const auto xpc = LinuxXPC::make(log, root, std::nullopt);
   if (!xpc) return;
   const auto registry = std::make_shared<ORBServiceManagerXPCHandler>(system, *center, protocols);
@@ -75,7 +94,7 @@ void serveXPC(const std::string& path, int started) {
   listener->setDelegate(registry);
   listener->resume();
   const auto info = std::make_shared<ORBExecInfoHandler>(
-      ORBExecInfoHandler::Environment{signatures, attributes, protocols}, nullptr);
+      ORBExecInfoHandler::Environment{**signatures, attributes, protocols}, &lastUser);
   const auto infoListener = (*xpc)->xpc().makeAnonymousListener();
   infoListener->setDelegate(info);
   infoListener->resume();
@@ -148,30 +167,53 @@ void rawDescriptors(benchmark::State& state) {
 }
 BENCHMARK(rawDescriptors)->Name("registry-lookup/baseline")->UseRealTime();
 
-const std::string& largeFile() {
-  static const TemporaryFolder folder;
-  static const std::string path = [] {
-    std::string made = folder.path("large");
-    std::ofstream file(made, std::ios::binary);
-    const std::vector<char> piece(std::size_t{1} << 20, 'x');
-    for (std::size_t done = 0; done < kLargeBytes; done += piece.size()) {
-      file.write(piece.data(), static_cast<std::streamsize>(piece.size()));
-    }
-    return made;
-  }();
-  return path;
+void writeLarge(const std::string& path) {
+  std::ofstream file(path, std::ios::binary);
+  const std::vector<char> piece(std::size_t{1} << 20, 'x');
+  for (std::size_t done = 0; done < kLargeBytes; done += piece.size()) {
+    file.write(piece.data(), static_cast<std::streamsize>(piece.size()));
+  }
+}
+
+// A file of that size in the server's root, signed by whom that trusts; the empty text where there
+// can't be one.
+std::string largeProgram(const ServerProcess& server) {
+  const std::string root = server.path() + "-root";
+  const auto authority =
+      makeIdentity(authorityRequest("Authority", kFrom, kTo), makeEcKey("P-256").value(), nullptr);
+  if (!authority) return {};
+  CertificateRequest request;
+  request.commonName = "Signer";
+  request.notBefore = kFrom;
+  request.notAfter = kTo;
+  const auto signer = makeIdentity(request, makeEcKey("P-256").value(), &*authority);
+  const auto anchor = pemOfCertificate(authority->chain.front().get());
+  if (!signer || !anchor) return {};
+  for (const char* folder : {"/etc/vantor/anchors", "/opt"}) {
+    std::filesystem::create_directories(root + folder);
+  }
+  std::ofstream(root + "/etc/vantor/anchors/authority.pem") << *anchor;
+  const std::string path = root + "/opt/large";
+  writeLarge(path);
+  return signProgram(path, *signer, {"com.vantor.sample", kSigned}) ? path : std::string();
 }
 
 void execInfoOfLarge(benchmark::State& state) {
+  ::umask(022);  // Nobody else may write what is trusted.
   const ServerProcess server(&serveXPC);
   if (!server.started()) return state.SkipWithError("no server");
   Client client(server);
   const auto service = client.registry.connectToExecInfo();
   if (!service) return state.SkipWithError("no service");
-  const std::string& path = largeFile();
-  for (auto _ : state) {
+  const std::string path = largeProgram(server);
+  ::usleep(kTillRemembered);
+  const auto isTold = [&] {
     const auto told = RegistryClient::ask(*service, RegistryClient::kExecInfo, {Value(path)});
-    if (!told || told->at(1) == Value("")) return state.SkipWithError("no hash");
+    return told && told->at(0) == Value("valid: com.vantor.sample") && told->at(1) != Value("");
+  };
+  if (!isTold()) return state.SkipWithError("not valid");
+  for (auto _ : state) {
+    if (!isTold()) return state.SkipWithError("no hash");
   }
 }
 BENCHMARK(execInfoOfLarge)
@@ -180,7 +222,10 @@ BENCHMARK(execInfoOfLarge)
     ->UseRealTime();
 
 void sumOfLarge(benchmark::State& state) {
-  const std::string command = "sha256sum '" + largeFile() + "' >/dev/null";
+  const TemporaryFolder folder;
+  const std::string path = folder.path("large");
+  writeLarge(path);
+  const std::string command = "sha256sum '" + path + "' >/dev/null";
   for (auto _ : state) {
     if (std::system(command.c_str()) != 0) state.SkipWithError("sha256sum failed");
   }
@@ -204,7 +249,7 @@ void signingAndSource(benchmark::State& state) {
   addServiceManagerProtocols(protocols);
   const auto handler = std::make_shared<ORBExecInfoHandler>(
       ORBExecInfoHandler::Environment{**signatures, attributes, protocols}, nullptr);
-  ::usleep(2'200'000);  // A file that has just been written is not remembered.
+  ::usleep(kTillRemembered);
   for (auto _ : state) {
     if (handler->calculateSigningForPath(program) != "valid: com.vantor.test") {
       return state.SkipWithError("not valid");

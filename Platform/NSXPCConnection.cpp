@@ -12,6 +12,21 @@ namespace {
 constexpr char kEnded[] = "The other side has ended.";
 constexpr char kInvalidated[] = "The connection has been invalidated.";
 
+// What this thread serves.
+thread_local NSXPCConnection* currentlyServed = nullptr;
+
+class Serving {
+ public:
+  explicit Serving(NSXPCConnection* connection)
+      : before_(std::exchange(currentlyServed, connection)) {}
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+  ~Serving() { currentlyServed = before_; }
+
+ private:
+  NSXPCConnection* const before_;
+};
+
 // Where nil can't stand, in the array of a reply, the null marker does.
 Array withNil(const Array& values) {
   Array converted = values;
@@ -165,10 +180,41 @@ void NSXPCConnection::arrived(PeerMessage message) {
   waitingBytes_ += cost.bytes;
   deliverMessage([self = shared_from_this(), message = std::move(message), place = std::move(place),
                   bytes = cost.bytes]() mutable {
-    --self->waitingMessages_;
-    self->waitingBytes_ -= bytes;
-    place.reset();
-    self->serve(std::move(message));
+    NSXPCConnection& here = *self;
+    here.unserved_.push_back(
+        [&here, message = std::move(message), place = std::move(place), bytes]() mutable {
+          --here.waitingMessages_;
+          here.waitingBytes_ -= bytes;
+          place.reset();
+          here.serve(std::move(message));
+        });
+    here.serveWaiting();
+  });
+}
+
+// One message in each block, so that the other queues have their turns between any two.
+void NSXPCConnection::serveWaiting() {
+  if (isContinued_ || unserved_.empty()) return;
+  SerialQueue::Block serving = std::move(unserved_.front());
+  unserved_.pop_front();
+  serving();
+  if (isContinued_ || unserved_.empty()) return;
+  queue_->async([self = shared_from_this()] { self->serveWaiting(); });
+}
+
+NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; }
+
+// Behind the turns that the other queues wait for, after some of this one: SerialQueues see to it.
+// Whatever comes off the queue in between finds the connection busy, and waits.
+void NSXPCConnection::continueServing(SerialQueue::Block block) {
+  isContinued_ = true;
+  queue_->async([self = shared_from_this(), block = std::move(block)]() mutable {
+    self->isContinued_ = false;
+    {
+      const Serving serving(self.get());
+      std::exchange(block, nullptr)();
+    }
+    self->serveWaiting();
   });
 }
 
@@ -192,6 +238,7 @@ void NSXPCConnection::serve(PeerMessage message) {
   }
   if (wantsReply && !message.arguments.empty()) message.arguments.pop_back();
   XPCReply reply = makeReply(std::move(message.reply));
+  const Serving serving(this);
   exportedObject_->receiveMessage(message.selector, message.arguments,
                                   wantsReply ? std::move(reply) : XPCReply());
 }

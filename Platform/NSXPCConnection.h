@@ -107,6 +107,18 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   // then the invalidation handler runs. Later calls do nothing.
   void invalidate();
 
+  // The connection whose message this thread serves, within receiveMessage() and what that
+  // continues by continueServing(); null elsewhere.
+  static NSXPCConnection* currentConnection();
+  // Whether the connection has ended for good, from either side. To ask while a message of it is
+  // served is to learn that nobody waits for the answer any more.
+  bool isInvalid() const { return invalid_; }
+  // For what takes long, on the current connection: leaves the thread to the listener's other
+  // connections and runs `block` when they have had their turn, on the queue. Meanwhile no other
+  // message of this connection is served; they wait, within the limits above. Also of a connection
+  // that has ended, whose invalidation handler may have run by then. Once in each such call.
+  void continueServing(SerialQueue::Block block);
+
   // Sends a message of the remote object's interface, with an argument for each of its colons but a
   // two-way method's last, which stands for the reply. Exactly one of the handlers runs, once, on
   // the queue; where the other side never replies, neither before the connection ends. There is no
@@ -149,6 +161,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void dropPeer();
 
   // On the queue.
+  void serveWaiting();
   void serve(PeerMessage message);
   XPCReply makeReply(std::unique_ptr<PeerReply> reply);
 
@@ -175,6 +188,10 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   int suspensions_ = 1;
   bool servesAtOnce_ = false;
   std::deque<SerialQueue::Block> held_;  // while suspended
+
+  // The queue's.
+  std::deque<SerialQueue::Block> unserved_;  // messages, in their order
+  bool isContinued_ = false;
 
   // The loop's.
   std::unique_ptr<PeerConnection> peer_;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -71,13 +72,16 @@ class XPCJournal {
 //   pairWithReply:    two values, of which the second is nil
 //   keepWithReply:    nothing, and keeps the right to reply
 //   dropWithReply:    nothing, and gives the right back
-//   note:             nothing; is noted
+//   lingerWithReply:  nothing, when it has let others have so many turns as turnsToLinger says;
+//                     a caller that goes meanwhile is noted
+//   note:             nothing; is noted, and who lingers may reply
 inline const Protocol& xpcTestProtocol() {
   using enum MethodDescription::Kind;
   static const Protocol protocol("TestProtocol", {{"echo:withReply:", kTwoWay},
                                                   {"pairWithReply:", kTwoWay},
                                                   {"keepWithReply:", kTwoWay},
                                                   {"dropWithReply:", kTwoWay},
+                                                  {"lingerWithReply:", kTwoWay},
                                                   {"note:", kOneWay}});
   return protocol;
 }
@@ -92,7 +96,12 @@ class XPCTestObject final : public NSXPCExportedObject {
     if (selector == "pairWithReply:") return reply({Value(true), Value()});
     if (selector == "note:") {
       EXPECT_FALSE(reply);
+      turnsToLinger = 0;
       return journal_.note("note " + *arguments.at(0).string());
+    }
+    if (selector == "lingerWithReply:") {
+      if (whileLingering) whileLingering();
+      return linger(std::move(reply));
     }
     if (selector == "dropWithReply:") {
       reply = nullptr;
@@ -102,6 +111,9 @@ class XPCTestObject final : public NSXPCExportedObject {
     kept_.push_back(std::move(reply));
     journal_.note("kept");
   }
+
+  std::atomic<int> turnsToLinger = 0;
+  std::function<void()> whileLingering;
 
   void dropKept() {
     const std::lock_guard lock(mutex_);
@@ -115,6 +127,17 @@ class XPCTestObject final : public NSXPCExportedObject {
   }
 
  private:
+  void linger(XPCReply reply) {
+    NSXPCConnection* const connection = NSXPCConnection::currentConnection();
+    if (connection->isInvalid()) return journal_.note("caller gone");
+    if (turnsToLinger-- <= 0) {
+      journal_.note("lingered");
+      return reply({Value(true)});
+    }
+    connection->continueServing(
+        [this, reply = std::move(reply)]() mutable { linger(std::move(reply)); });
+  }
+
   XPCJournal& journal_;
   std::mutex mutex_;
   std::vector<XPCReply> kept_;

@@ -7,6 +7,7 @@
 
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/FakeXPC.h"
+#include "Platform/XPCTurns_contract.h"
 #include "Platform/XPC_contract.h"
 
 namespace platform {
@@ -57,21 +58,11 @@ TEST_P(XPCContract, WhoHasGoneBeforeItIsDecidedIsNotShownToTheDelegate) {
   EXPECT_EQ(delegate_->peers.size(), 1u);
 }
 
-TEST(XPCTest, AListenerHasSoManyConnectionsOfOneUserAndNoMore) {
-  constexpr std::size_t kConnections = 3;
-  VirtualRunLoop loop;
-  FakeLogSink sink;
-  SystemLog log(sink, "test");
-  FakePeerNetwork network(loop);
-  FakeXPC client(network, {100, 501, 20}, log);
-  FakePeerTransport transport(network, {200, 0, 0});
-  XPC xpc({.loop = loop,
-           .transport = transport,
-           .log = log,
-           .performOnLoop = [](const std::function<void()>& action) { action(); },
-           .makeQueues = [&loop] { return std::make_unique<VirtualSerialQueues>(loop); },
-           .path = [](std::string_view name) { return "/mach/" + std::string(name); },
-           .connectionsPerUser = kConnections});
+// An XPC whose listeners have so many connections of one user, and its clients.
+class ConnectionsOfOneUser : public testing::Test {
+ protected:
+  static constexpr std::size_t kMost = 3;
+
   struct Welcoming final : NSXPCListenerDelegate {
     bool listener(NSXPCListener& /*listener*/,
                   const std::shared_ptr<NSXPCConnection>& connection) override {
@@ -79,25 +70,72 @@ TEST(XPCTest, AListenerHasSoManyConnectionsOfOneUserAndNoMore) {
       return true;
     }
   };
-  const auto delegate = std::make_shared<Welcoming>();
-  const auto listener = xpc.makeListener("service");
-  listener->setDelegate(delegate);
-  listener->resume();
-  std::size_t ended = 0;
-  std::vector<std::shared_ptr<NSXPCConnection>> connections;
-  const auto connect = [&] {
-    connections.push_back(client.xpc.makeConnection("service"));
-    connections.back()->setInvalidationHandler([&] { ++ended; });
-    connections.back()->setInterruptionHandler([&] { ++ended; });
-    connections.back()->resume();
-    loop.runReady();
-  };
-  for (std::size_t i = 0; i < kConnections; ++i) connect();
-  EXPECT_EQ(ended, 0u);
-  connect();
-  EXPECT_EQ(ended, 1u);
-  connections.clear();
-  loop.runReady();
+
+  std::shared_ptr<NSXPCListener> start(std::shared_ptr<NSXPCListener> listener) {
+    listener->setDelegate(delegate_);
+    listener->resume();
+    return listener;
+  }
+  // Whether it stays connected.
+  bool add(std::shared_ptr<NSXPCConnection> connection) {
+    const auto hasEnded = std::make_shared<bool>(false);
+    connection->setInvalidationHandler([hasEnded] { *hasEnded = true; });
+    connection->setInterruptionHandler([hasEnded] { *hasEnded = true; });
+    connection->resume();
+    connections_.push_back(std::move(connection));
+    loop_.runReady();
+    return !*hasEnded;
+  }
+  ~ConnectionsOfOneUser() override {
+    connections_.clear();
+    loop_.runReady();
+  }
+
+  VirtualRunLoop loop_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  FakePeerNetwork network_{loop_};
+  FakeXPC client_{network_, {100, 501, 20}, log_};
+  FakeXPC neighbour_{network_, {101, 502, 20}, log_};
+  FakePeerTransport transport_{network_, {200, 0, 0}};
+  XPC xpc_{{.loop = loop_,
+            .transport = transport_,
+            .log = log_,
+            .performOnLoop = [](const std::function<void()>& action) { action(); },
+            .makeQueues = [this] { return std::make_unique<VirtualSerialQueues>(loop_); },
+            .path = [](std::string_view name) { return "/mach/" + std::string(name); },
+            .connectionsPerUser = kMost}};
+  const std::shared_ptr<Welcoming> delegate_ = std::make_shared<Welcoming>();
+  std::vector<std::shared_ptr<NSXPCConnection>> connections_;
+};
+
+TEST_F(ConnectionsOfOneUser, AreSoManyAndNoMore) {
+  const auto listener = start(xpc_.makeListener("service"));
+  for (std::size_t i = 0; i < kMost - 1; ++i)
+    EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+  EXPECT_TRUE(add(neighbour_.xpc.makeConnection("service")));
+}
+
+TEST_F(ConnectionsOfOneUser, MakeRoomByTheirEnd) {
+  const auto listener = start(xpc_.makeListener("service"));
+  for (std::size_t i = 0; i < kMost; ++i) EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  connections_.pop_back();
+  loop_.runReady();
+  EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+}
+
+TEST_F(ConnectionsOfOneUser, AreCountedForEachListener) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto anonymous = start(xpc_.makeAnonymousListener());
+  for (std::size_t i = 0; i < kMost; ++i) {
+    EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+    EXPECT_TRUE(add(client_.xpc.makeConnection(anonymous->endpoint())));
+  }
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection(anonymous->endpoint())));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -55,33 +56,59 @@ std::unexpected<Error> noDigest(const std::string& path) {
 
 }  // namespace
 
-Result<std::optional<Sha256>> sha256OfFile(const std::string& path, const std::stop_token& stop) {
-  const auto file = openRegular(path);
-  if (!file) return std::unexpected(file.error());
+struct FileDigest::State {
+  std::string path;
+  UniqueFd file;
+  std::uint64_t left;
+  DigestContext context;  // null for an empty file
+};
+
+FileDigest::FileDigest(std::unique_ptr<State> state) : state_(std::move(state)) {}
+FileDigest::FileDigest(FileDigest&& other) noexcept = default;
+FileDigest& FileDigest::operator=(FileDigest&& other) noexcept = default;
+FileDigest::~FileDigest() = default;
+
+Result<FileDigest> FileDigest::open(const std::string& path) {
+  auto file = openRegular(path);
+  if (!file) return std::unexpected(std::move(file.error()));
   struct stat status{};
   if (::fstat(file->get(), &status) != 0) return failure(path);
-  auto left = static_cast<std::uint64_t>(status.st_size);
-  if (left == 0) return std::nullopt;
-  const DigestContext context(EVP_MD_CTX_new());
-  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-    return noDigest(path);
-  }
-  ::posix_fadvise(file->get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
-  while (left > 0) {
-    if (stop.stop_requested()) return invalid(path, "is not wanted any more");
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left, kPieceBytes));
-    const ssize_t count =
-        retryOnInterrupt([&] { return ::read(file->get(), piece.get(), wanted); });
-    if (count < 0) return failure(path);
-    if (count == 0) return invalid(path, "became shorter while it was read");
-    if (EVP_DigestUpdate(context.get(), piece.get(), static_cast<std::size_t>(count)) != 1) {
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  DigestContext context(size > 0 ? EVP_MD_CTX_new() : nullptr);
+  if (size > 0) {
+    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
       return noDigest(path);
     }
-    left -= static_cast<std::uint64_t>(count);
+    ::posix_fadvise(file->get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   }
+  return FileDigest(
+      std::make_unique<State>(State{path, std::move(*file), size, std::move(context)}));
+}
+
+Result<bool> FileDigest::readOn(std::uint64_t bytes) {
+  State& state = *state_;
+  const std::uint64_t end = state.left - std::min(state.left, bytes);
+  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
+  while (state.left > end) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(state.left, kPieceBytes));
+    const ssize_t count =
+        retryOnInterrupt([&] { return ::read(state.file.get(), piece.get(), wanted); });
+    if (count < 0) return failure(state.path);
+    if (count == 0) return invalid(state.path, "became shorter while it was read");
+    if (EVP_DigestUpdate(state.context.get(), piece.get(), static_cast<std::size_t>(count)) != 1) {
+      return noDigest(state.path);
+    }
+    state.left -= std::min(state.left, static_cast<std::uint64_t>(count));
+  }
+  return state.left == 0;
+}
+
+Result<std::optional<Sha256>> FileDigest::finish() {
+  if (!state_->context) return std::nullopt;
   Sha256 digest;
-  if (EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) != 1) return noDigest(path);
+  if (EVP_DigestFinal_ex(state_->context.get(), digest.data(), nullptr) != 1) {
+    return noDigest(state_->path);
+  }
   return digest;
 }
 

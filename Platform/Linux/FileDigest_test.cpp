@@ -1,7 +1,6 @@
 #include "Platform/FileDigest.h"
 
 #include <filesystem>
-#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -9,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Testing/FileSha256.h"
 #include "Platform/Testing/TemporaryFolder.h"
 
 namespace platform {
@@ -21,7 +21,7 @@ constexpr std::size_t kPiece = 256 * 1024;  // as much as is read at once
 class FileDigestTest : public testing::Test {
  protected:
   static Result<std::optional<Sha256>> digestOf(const std::string& path) {
-    return sha256OfFile(path, std::stop_token());
+    return sha256OfFile(path);
   }
   static void expectRefused(const std::string& path, const char* why) {
     const auto digest = digestOf(path);
@@ -85,12 +85,38 @@ TEST_F(FileDigestTest, AMissingFileIsNotFound) {
   }
 }
 
-TEST_F(FileDigestTest, AStopEndsIt) {
-  std::stop_source stop;
-  stop.request_stop();
-  const auto digest = sha256OfFile(folder_.write("file", "content"), stop.get_token());
-  ASSERT_FALSE(digest);
-  EXPECT_THAT(digest.error().context, HasSubstr("is not wanted any more"));
+TEST_F(FileDigestTest, CanBeLeftAndTakenUpAgain) {
+  const std::string path = folder_.write("file", std::string(3 * kPiece, 'x'));
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  EXPECT_EQ(digest->readOn(1), false);  // A piece.
+  FileDigest moved = std::move(*digest);
+  EXPECT_EQ(moved.readOn(kPiece), false);
+  EXPECT_EQ(moved.readOn(kPiece), true);
+  const auto sum = moved.finish();
+  ASSERT_TRUE(sum && *sum);
+  EXPECT_EQ(**sum, **digestOf(path));
+}
+
+TEST_F(FileDigestTest, OfAFileThatIsCutOffMeanwhileThereIsNone) {
+  const std::string path = folder_.write("file", std::string(2 * kPiece, 'x'));
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  EXPECT_EQ(digest->readOn(kPiece), false);
+  std::filesystem::resize_file(path, kPiece);
+  const auto cutOff = digest->readOn(kPiece);
+  ASSERT_FALSE(cutOff);
+  EXPECT_EQ(cutOff.error().code, ErrorCode::kInvalid);
+}
+
+TEST_F(FileDigestTest, IsOfWhatTheFileHeldWhenItWasOpened) {
+  const std::string path = folder_.write("file", "content");
+  const Sha256 before = **digestOf(path);
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  std::filesystem::resize_file(path, 2 * kPiece);
+  EXPECT_EQ(digest->readOn(kPiece), true);
+  EXPECT_EQ(**digest->finish(), before);
 }
 
 }  // namespace

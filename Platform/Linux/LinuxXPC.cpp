@@ -19,8 +19,8 @@ Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string roo
 }
 
 std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
-  // A connection, and what comes with a message that is never completed.
-  constexpr std::uint64_t kDescriptorsEach = 1 + kMaxPeerDescriptors;
+  // A connection, a file that is read for it, and what comes with a message never completed.
+  constexpr std::uint64_t kDescriptorsEach = 2 + kMaxPeerDescriptors;
   constexpr std::uint64_t kShare = 4;
   return static_cast<std::size_t>(std::clamp<std::uint64_t>(
       descriptorLimit / kShare / kDescriptorsEach, 1, kMaxPeerConnectionsPerUser));

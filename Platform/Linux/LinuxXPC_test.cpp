@@ -15,6 +15,7 @@
 
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/XPCTurns_contract.h"
 #include "Platform/XPC_contract.h"
 
 namespace platform {
@@ -60,6 +61,39 @@ class LinuxHarness final : public XPCHarness {
 std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<LinuxHarness>(); }
 
 INSTANTIATE_TEST_SUITE_P(DBus, XPCContract, testing::Values(&makeHarness));
+
+TEST_P(XPCContract, MoreLongRequestsThanThreadsLeaveAnotherOneServed) {
+  delegate_->object().turnsToLinger = kForEver;
+  start();
+  std::vector<std::shared_ptr<NSXPCConnection>> long_;
+  for (std::size_t i = 0; i < 2 * LinuxXPC::kThreadsPerListener; ++i) {
+    long_.push_back(connect());
+    send(*long_.back(), "lingerWithReply:");
+  }
+  call(*client_, "echo:withReply:", {Value(1)});
+  EXPECT_EQ(journal_.count("lingered"), 0u);
+  client_->sendMessage("note:", {Value("end")}, nullptr, nullptr);
+  journal_.await("lingered", long_.size());
+}
+
+TEST_P(XPCContract, SoMuchMayWaitBehindALongRequestAndNoMore) {
+  delegate_->object().turnsToLinger = kForEver;
+  start();
+  const auto other = connect();
+  delegate_->object().whileLingering = [this] { journal_.note("begun"); };
+  send(*client_, "lingerWithReply:");
+  journal_.await("begun");
+  const auto sendNote = [&] {
+    client_->sendMessage("note:", {Value("behind")}, nullptr, nullptr);
+    call(*other, "echo:withReply:", {Value(1)});  // By then it has arrived.
+  };
+  for (std::size_t i = 0; i < NSXPCConnection::kMaxWaitingMessages; ++i) sendNote();
+  EXPECT_EQ(journal_.count("interrupted"), 0u);
+  sendNote();
+  journal_.await("interrupted");
+  journal_.await("caller gone");
+  EXPECT_EQ(journal_.count("note behind"), 0u);
+}
 
 // Asks its listener without a pause, from before its XPC's end until after that has begun; and is
 // then the last that holds it.
@@ -161,11 +195,11 @@ TEST(LinuxXPCTest, WhatIsServedAtOnceOnABusyQueueHoldsUpNoOtherConnection) {
 }
 
 TEST(LinuxXPCTest, AUserMayHoldAQuarterOfTheDescriptorsAndAtMostAsManyConnectionsAsAnywhere) {
-  constexpr std::uint64_t kEach = 4 * (1 + kMaxPeerDescriptors);
+  constexpr std::uint64_t kEach = 4 * (2 + kMaxPeerDescriptors);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(0), 1u);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach - 1), 1u);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach), 2u);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(1024), 15u);
+  EXPECT_EQ(LinuxXPC::connectionsPerUser(1024), 14u);
   const std::uint64_t enough = kEach * kMaxPeerConnectionsPerUser;
   EXPECT_EQ(LinuxXPC::connectionsPerUser(enough - 1), kMaxPeerConnectionsPerUser - 1);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(enough), kMaxPeerConnectionsPerUser);

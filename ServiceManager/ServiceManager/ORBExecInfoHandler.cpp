@@ -28,16 +28,16 @@ void logDebug(std::string_view message,
 }
 
 // What is wrong with the code's signature, or its identifier.
-std::expected<Value, std::string> checkSigning(CodeSignatures& signatures,
+std::expected<Value, std::string> checkSigning(const ORBExecInfoHandler::Environment& environment,
                                                const std::string& path) {
-  const auto code = signatures.SecStaticCodeCreateWithPath(path);
+  const auto code = environment.codeSignatures.SecStaticCodeCreateWithPath(path);
   if (!code) {
     return std::unexpected(
         stringWithFormat("Can't create security reference (SecStaticCodeCreateWithPath  status: "
                          "%i)",
                          code.error().status));
   }
-  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
+  const auto requirement = environment.makeRequirement("anchor apple generic");
   if (!requirement) {
     return std::unexpected(
         stringWithFormat("Requirement creation failed (SecRequirementCreateWithString status: %i)",
@@ -59,6 +59,41 @@ std::expected<Value, std::string> checkSigning(CodeSignatures& signatures,
   }
   return (*information)[kSecCodeInfoIdentifier];
 }
+
+// The hash of a file, some of it at a time.
+class FileHash {
+ public:
+  explicit FileHash(std::string path) : path_(std::move(path)) {}
+
+  // Whether all has been done that can be.
+  bool proceed() {
+    if (!digest_) {
+      auto opened = FileDigest::open(path_);
+      if (!opened) return fail(opened.error());
+      digest_.emplace(std::move(*opened));
+    }
+    const auto done = digest_->readOn(ORBExecInfoHandler::kBytesInOneGo);
+    if (!done) return fail(done.error());
+    if (!*done) return false;
+    const auto digest = digest_->finish();
+    if (!digest) return fail(digest.error());
+    if (*digest) text_ = hexadecimalText(**digest);
+    return true;
+  }
+
+  // 64 hexadecimal digits, or nothing.
+  const std::string& text() const { return text_; }
+
+ private:
+  static bool fail(const Error& error) {
+    logDebug(describe(error));
+    return true;
+  }
+
+  const std::string path_;
+  std::optional<FileDigest> digest_;
+  std::string text_;
+};
 
 }  // namespace
 
@@ -92,24 +127,50 @@ void ORBExecInfoHandler::receiveMessage(std::string_view selector, const Array& 
   // What is no text is no path, of which nothing is known.
   requestExecutableInfo(
       path ? *path : std::string(),
-      [&](const std::string& signing, const std::string& hash, const std::string& sourceUrl) {
+      [reply = std::move(reply)](const std::string& signing, const std::string& hash,
+                                 const std::string& sourceUrl) mutable {
         reply({Value(signing), Value(hash), Value(sourceUrl)});
       });
 }
 
+struct ORBExecInfoHandler::Request {
+  Request(const std::string& asked, Reply withReply)
+      : path(asked), reply(std::move(withReply)), hash(asked) {}
+
+  const std::string path;
+  Reply reply;
+  std::string signing;
+  FileHash hash;
+};
+
 void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply withReply) {
   logDebug(stringWithFormat("requestExecutableInfo request for path '%@'", path));
-  std::string signing;
-  std::string hash;
+  auto request = std::make_unique<Request>(path, std::move(withReply));
+  if (!isUnwanted()) request->signing = calculateSigningForPath(path);
+  proceed(std::move(request));
+}
+
+void ORBExecInfoHandler::proceed(std::unique_ptr<Request> request) {
+  while (!isUnwanted() && !request->hash.proceed()) {
+    NSXPCConnection* const connection = NSXPCConnection::currentConnection();
+    if (connection == nullptr) continue;
+    return connection->continueServing(
+        [self = shared_from_this(), request = std::move(request)]() mutable {
+          self->proceed(std::move(request));
+        });
+  }
   std::string sourceUrl;
-  if (!stop_.stop_requested()) signing = calculateSigningForPath(path);
-  if (!stop_.stop_requested()) hash = calculateHashForPath(path);
-  if (!stop_.stop_requested()) sourceUrl = calculateSourceUrlForPath(path);
-  withReply(signing, hash, sourceUrl);
+  if (!isUnwanted()) sourceUrl = calculateSourceUrlForPath(request->path);
+  request->reply(request->signing, request->hash.text(), sourceUrl);
+}
+
+bool ORBExecInfoHandler::isUnwanted() const {
+  const NSXPCConnection* const connection = NSXPCConnection::currentConnection();
+  return stop_.stop_requested() || (connection != nullptr && connection->isInvalid());
 }
 
 std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path) {
-  const auto identifier = checkSigning(environment_.codeSignatures, path);
+  const auto identifier = checkSigning(environment_, path);
   if (identifier) return stringWithFormat("valid: %@", *identifier);
   if (!NSStringExtensions::isNilOrWhiteSpace(identifier.error())) {
     vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("%@", identifier.error()));
@@ -118,10 +179,9 @@ std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path)
 }
 
 std::string ORBExecInfoHandler::calculateHashForPath(const std::string& path) {
-  const auto digest = sha256OfFile(path, stop_.get_token());
-  if (digest && *digest) return hexadecimalText(**digest);
-  if (!digest) logDebug(describe(digest.error()));
-  return {};
+  FileHash hash(path);
+  while (!isUnwanted() && !hash.proceed()) continue;
+  return hash.text();
 }
 
 std::string ORBExecInfoHandler::calculateSourceUrlForPath(const std::string& path) {
@@ -159,7 +219,7 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
     return std::nullopt;
   }
   const Instant deadline = environment_.now() + kQuarantineQueryTime;
-  const auto isOver = [&] { return stop_.stop_requested() || environment_.now() >= deadline; };
+  const auto isOver = [&] { return isUnwanted() || environment_.now() >= deadline; };
   if (auto url = originOfQuarantineEvent(*home, identifier, isOver)) return url;
   logDebug(stringWithFormat("No source url found for path '%@'\n", path));
   return std::nullopt;
@@ -168,7 +228,7 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
 std::optional<std::string> ORBExecInfoHandler::homeOfLastUser() {
   const std::lock_guard lock(delegateMutex_);
   // Others may have had the delegate until now, for as long as it takes.
-  if (!delegate_ || stop_.stop_requested()) return std::nullopt;
+  if (!delegate_ || isUnwanted()) return std::nullopt;
   const Instant asked = environment_.now();
   if (pausedUntil_ && asked < *pausedUntil_) return std::nullopt;
   const Value home = delegate_->getLastLoggedInUserHomeDirectory();

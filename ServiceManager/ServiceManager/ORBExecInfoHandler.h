@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -28,7 +29,9 @@ class ExecInfoHandlerDelegate {
 // Tells of any file who signed it, what its SHA-256 is and where it was downloaded from. Only who
 // got the endpoint out of the registry can ask.
 //
-// Each request is served on its connection's queue, however long that takes; several at once. Each
+// Each request is served on its connection's queue, however long that takes; several at once. While
+// a file is hashed the other connections have their turns after every few pieces of it, so that
+// nobody's large file holds up another's small one; who ends the connection ends the request. Each
 // answer that can't be had is the empty text, and the cause is in the log.
 class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
                                  public platform::NSXPCExportedObject,
@@ -36,6 +39,8 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
  public:
   static constexpr char kClassName[] = "ORBExecInfoHandler";
 
+  // How much of a file is hashed in one go, between which the others on this thread may be served.
+  static constexpr std::uint64_t kBytesInOneGo = 1 << 20;
   // How long a user's quarantine database may be looked at.
   static constexpr std::chrono::seconds kQuarantineQueryTime{2};
   // A delegate that has taken so long to know of no home is not asked again before that time: it
@@ -48,7 +53,10 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
     platform::CodeSignatures& codeSignatures;
     platform::ExtendedAttributes& attributes;
     const platform::ProtocolTable& protocols;
-    std::function<platform::Instant()> now = platform::monotonicTime;  // any thread
+    // Any thread calls these two.
+    std::function<platform::Instant()> now = platform::monotonicTime;
+    std::function<platform::CodeSigningResult<platform::SecRequirement>(std::string_view text)>
+        makeRequirement = platform::SecRequirementCreateWithString;
   };
   // initWithDelegate: - the delegate is let go of by setDelegate(nullptr) before it ends.
   ORBExecInfoHandler(const Environment& environment, ExecInfoHandlerDelegate* delegate);
@@ -71,6 +79,7 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
 
   using Reply = std::move_only_function<void(const std::string& signing, const std::string& hash,
                                              const std::string& sourceUrl)>;
+  // Replies at once, but within a connection's message, where that may take longer than this call.
   void requestExecutableInfo(const std::string& path, Reply withReply);
 
   // "valid: IDENTIFIER", or the empty text.
@@ -82,6 +91,12 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   std::optional<std::string> getURLFromQuarantineForFile(const std::string& path);
 
  private:
+  struct Request;
+
+  // Hashes on, and replies when all is known.
+  void proceed(std::unique_ptr<Request> request);
+  // Whether nobody waits for the answer: the daemon ends, or the caller has ended the connection.
+  bool isUnwanted() const;
   std::optional<platform::Data> attribute(const std::string& path, std::string_view name);
   std::optional<std::string> homeOfLastUser();
 

@@ -83,6 +83,13 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
   std::shared_ptr<ORBExecInfoHandler> handler_;
 };
 
+TEST_F(ExecInfoTest, ItsLinesAreUnderItsOwnName) {
+  handler_->calculateSourceUrlForPath("/file");
+  queues_.runPending();
+  EXPECT_EQ(logSink_.messagesOf("ORBExecInfoHandler").size(), 2u);
+  EXPECT_EQ(logSink_.messages().size(), 2u);
+}
+
 TEST_F(ExecInfoTest, AValidSignatureTellsItsIdentifier) {
   signatures_.addValid("/program", Kind::kProgram, "com.vantor.sample");
   EXPECT_EQ(handler_->calculateSigningForPath("/program"), "valid: com.vantor.sample");
@@ -100,6 +107,20 @@ TEST_F(ExecInfoTest, EachFailureOfASignatureHasItsOwnErrorLine) {
   EXPECT_EQ(lines(),
             (Lines{"3 Unable to check validity (SecStaticCodeCheckValidityWithErrors status: "
                    "-67050, error: Error Domain=NSOSStatusErrorDomain Code=-67050 \"not ours\")"}));
+}
+
+TEST_F(ExecInfoTest, ARequirementThatCantBeMadeIsAnErrorLine) {
+  signatures_.addValid("/program", Kind::kProgram, "com.vantor.sample");
+  const auto refuse = [](std::string_view text) -> CodeSigningResult<SecRequirement> {
+    EXPECT_EQ(text, "anchor apple generic");
+    return std::unexpected(CodeSigningFailure{errSecCSReqFailed, "no requirement"});
+  };
+  ORBExecInfoHandler handler(
+      {signatures_, attributes_, protocols_, [this] { return now_; }, refuse}, nullptr);
+  EXPECT_EQ(handler.calculateSigningForPath("/program"), "");
+  EXPECT_EQ(lines(), (Lines{"3 Requirement creation failed (SecRequirementCreateWithString status: "
+                            "-67050)"}));
+  EXPECT_EQ(signatures_.checks("/program"), 0);
 }
 
 // Valid code whose information is gone by then.
@@ -351,7 +372,12 @@ TEST_F(ExecInfoTest, ARequestIsAnsweredOnceWithThreeTexts) {
         EXPECT_EQ(signing + hash + source, "");
       });
   EXPECT_EQ(replies, 1);
-  EXPECT_EQ(lines().front(), "7 requestExecutableInfo request for path '/file'");
+  // In the order in which they are found out.
+  EXPECT_THAT(lines(), testing::ElementsAre("7 requestExecutableInfo request for path '/file'",
+                                            testing::StartsWith("3 Unable to check validity"),
+                                            testing::StartsWith("7 /file: "),
+                                            "7 Failed to get attributes for file '/file': 61",
+                                            "7 Failed to get attributes for file '/file': 61"));
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 #include <vector>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/LogSink.h"
+#include "Platform/Thread.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
 
 namespace {
@@ -67,6 +70,20 @@ class EndpointRegistryTest : public StartUpFixture {
   const ORBServiceManagerXPCHandler::Endpoint one_ = std::make_shared<NamedEndpoint>();
   const ORBServiceManagerXPCHandler::Endpoint other_ = std::make_shared<NamedEndpoint>();
 };
+
+TEST_F(EndpointRegistryTest, ItsLinesAreUnderItsOwnNameUntilItEnds) {
+  handler().validatePasskey(Value());
+  queues_.runPending();
+  EXPECT_EQ(logSink_.messagesOf("ORBServiceManagerXPCHandler").size(), 1u);
+  handler_.reset();
+  // As long as one has a thread's queue open, nobody else's name counts there.
+  vantorlogger2_open("Next", mach_thread_self());
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "of the next");
+  vantorlogger2_close(mach_thread_self());
+  queues_.runPending();
+  EXPECT_EQ(logSink_.messagesOf("ORBServiceManagerXPCHandler").size(), 1u);
+  EXPECT_EQ(logSink_.messagesOf("Next").size(), 1u);
+}
 
 TEST_F(EndpointRegistryTest, TheSignatureIsTheServersToken) {
   Data shown;

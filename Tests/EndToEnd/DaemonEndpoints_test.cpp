@@ -1,16 +1,17 @@
 // The daemon's registry of endpoints, with as many clients as a machine may have and with such that
 // do not belong to the product.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <iterator>
 #include <latch>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -89,20 +90,33 @@ class DaemonEndpoints : public DaemonFixture {
     atStart_ = descriptorsOfDaemon();
   }
 
-  std::size_t descriptorsOfDaemon() {
-    const std::filesystem::directory_iterator descriptors(
+  // Each by its number and what the kernel says it is: of a socket, the inode.
+  using Descriptors = std::set<std::pair<std::string, std::string>>;
+  Descriptors descriptorsOfDaemon() {
+    Descriptors descriptors;
+    const std::filesystem::directory_iterator entries(
         "/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+    for (const auto& entry : entries) {
+      std::error_code isGone;
+      const auto target = std::filesystem::read_symlink(entry.path(), isGone);
+      if (!isGone) descriptors.emplace(entry.path().filename(), target);
+    }
+    return descriptors;
   }
-  // It takes the daemon a few turns to learn that connections have ended.
-  void expectDescriptors(std::size_t expected) {
+  // Those of the start, each of them still the same, and so many more. It takes the daemon a few
+  // turns to learn that connections have ended.
+  void expectDescriptors(std::size_t more) {
     const auto connection = askers_.connect();
     RegistryClient::ask(*connection, RegistryClient::kSignature);
+    const std::size_t expected = atStart_.size() + more + 1;  // One is that connection.
     const Instant deadline = root_.loop().now() + 30s;
-    while (descriptorsOfDaemon() != expected + 1 && root_.loop().now() < deadline) {
+    Descriptors now = descriptorsOfDaemon();
+    while (now.size() != expected && root_.loop().now() < deadline) {
       RegistryClient::ask(*connection, RegistryClient::kSignature);
+      now = descriptorsOfDaemon();
     }
-    EXPECT_EQ(descriptorsOfDaemon(), expected + 1);  // One is that connection.
+    EXPECT_EQ(now.size(), expected);
+    EXPECT_TRUE(std::ranges::includes(now, atStart_)) << testing::PrintToString(now);
   }
 
   void registerOwner(Owner& owner, const std::string& name) {
@@ -138,7 +152,7 @@ class DaemonEndpoints : public DaemonFixture {
     return answers;
   }
 
-  std::size_t atStart_ = 0;
+  Descriptors atStart_;
   // Two programs: who registers, and who looks up.
   RegistryClient owners_{root_.path(), root_.system()};
   RegistryClient askers_{root_.path(), root_.system()};
@@ -154,7 +168,7 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
     endpoints.push_back(owners.back().endpoint());
     registerOwner(owners.back(), "name " + std::to_string(i));
   }
-  expectDescriptors(atStart_ + kNames);
+  expectDescriptors(kNames);
   std::list<ChildProgram> doomed;
   for (int i = 0; i < 3; ++i) {
     doomed.emplace_back(std::vector<std::string>{REGISTRY_PROGRAM, root_.path()},
@@ -193,17 +207,19 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
   EXPECT_GT(askMainThreadUntil([&] { return finished == kClients; }), 1);
   done.wait();
   EXPECT_EQ(right, kClients);
+  // What is not let go of is seen.
+  EXPECT_GE(descriptorsOfDaemon().size(), atStart_.size() + kNames + kClients);
   connections.clear();
   for (ChildProgram& program : doomed) program.waitForExit();
   // What is registered stays, also of who has died.
   constexpr std::size_t kDoomedNames = 40;
-  expectDescriptors(atStart_ + kNames + kDoomedNames);
+  expectDescriptors(kNames + kDoomedNames);
 
   for (int i = 0; i < kNames; ++i) {
     const std::string number = std::to_string(i);
     EXPECT_EQ(askOwner(lookUp("name " + number)), Array{Value(number)});
   }
-  expectDescriptors(atStart_ + kNames + kDoomedNames);
+  expectDescriptors(kNames + kDoomedNames);
   EXPECT_EQ(root_.starts(), 1U);
 }
 

@@ -1,24 +1,29 @@
 // What the daemon tells of files, whatever they are.
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include "Platform/Digest.h"
-#include "Platform/FileDigest.h"
+#include "Platform/Testing/FileSha256.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
@@ -60,6 +65,20 @@ class DaemonExecInfo : public DaemonFixture {
     }
     ADD_FAILURE() << "the daemon is gone";
     return 0;
+  }
+  bool isOpenInDaemon(const std::string& path) {
+    const std::filesystem::directory_iterator descriptors(
+        "/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/fd");
+    return std::ranges::any_of(descriptors, [&](const auto& descriptor) {
+      std::error_code isGone;
+      return std::filesystem::read_symlink(descriptor.path(), isGone) == path;
+    });
+  }
+  // Whether the file has the attribute now; where no file here can have one, no.
+  static bool setAttribute(const std::string& path, const char* name, std::string_view value) {
+    if (::setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0) return true;
+    EXPECT_EQ(errno, ENOTSUP);
+    return false;
   }
   // Serves one file to a download tool, and runs that to its end.
   void download(std::vector<std::string> tool, const std::string& target);
@@ -106,7 +125,7 @@ TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemoryAndHoldUpNobodyElse) {
   EXPECT_TRUE(interface.ask("services"));
   EXPECT_EQ(answered, 0);
 
-  const Value expected(hexadecimalText(**sha256OfFile(files.front(), {})));  // Of both.
+  const Value expected(hexadecimalText(**sha256OfFile(files.front())));  // Of both.
   for (std::future<Array>& answer : answers) {
     ASSERT_EQ(answer.wait_for(100s), std::future_status::ready);
     EXPECT_EQ(answer.get().at(1), expected);
@@ -114,6 +133,32 @@ TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemoryAndHoldUpNobodyElse) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(mostMemory(), before + 32 * 1024);
 #endif
+}
+
+// More of them than the service has threads, for hours each.
+TEST_F(DaemonExecInfo, CallersThatAskForAnEndlessFileAndDieHarmNobody) {
+  const std::string endless = sparseFile("endless", std::uintmax_t{1} << 43);
+  const std::string small = root_.folder().write("files/small", "abc");
+  const std::string expected = hexadecimalText(**sha256OfFile(small));
+  std::list<ChildProgram> callers;
+  for (std::size_t i = 0; i <= LinuxXPC::kThreadsPerListener; ++i) {
+    callers.emplace_back(
+        std::vector<std::string>{root_.host().controlProgram(), "execinfo", endless},
+        std::vector<std::string>());
+  }
+  root_.awaitLog("requestExecutableInfo request for path '" + endless + "'", callers.size());
+  EXPECT_TRUE(isOpenInDaemon(endless));
+  EXPECT_EQ(hashOf(small), expected);  // As they live.
+  for (ChildProgram& caller : callers) {
+    caller.signal(SIGKILL);
+    caller.waitForExit();
+  }
+  EXPECT_EQ(hashOf(small), expected);
+  // It takes the daemon a few turns to learn of their end.
+  const Instant deadline = root_.loop().now() + 60s;
+  while (isOpenInDaemon(endless) && root_.loop().now() < deadline) hashOf(small);
+  EXPECT_FALSE(isOpenInDaemon(endless));
+  EXPECT_EQ(root_.starts(), 1U);
 }
 
 TEST_F(DaemonExecInfo, WhatIsNoPlainFileIsAnsweredAtOnce) {
@@ -134,7 +179,7 @@ TEST_F(DaemonExecInfo, WhatIsNoPlainFileIsAnsweredAtOnce) {
   ASSERT_EQ(::chmod(unreadable.c_str(), 0), 0);
   // Root reads it nevertheless.
   EXPECT_EQ(hashOf(unreadable),
-            ::geteuid() == 0 ? hexadecimalText(**sha256OfFile(unreadable, {})) : "");
+            ::geteuid() == 0 ? hexadecimalText(**sha256OfFile(unreadable)) : "");
   EXPECT_EQ(RegistryClient::ask(*service_, RegistryClient::kExecInfo, {Value(7)}), kNothing);
 }
 
@@ -148,8 +193,8 @@ TEST_F(DaemonExecInfo, AFileThatChangesWhileItIsReadIsAnswered) {
          std::filesystem::remove(path);
          EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
        }}};
-  const std::string whole = hexadecimalText(**sha256OfFile(sparseFile("whole", kSize), {}));
-  const std::string longer = hexadecimalText(**sha256OfFile(sparseFile("double", 2 * kSize), {}));
+  const std::string whole = hexadecimalText(**sha256OfFile(sparseFile("whole", kSize)));
+  const std::string longer = hexadecimalText(**sha256OfFile(sparseFile("double", 2 * kSize)));
   const std::string one = hexadecimalText(CC_SHA256(Data(1)));
   for (const auto& [name, change] : changes) {
     SCOPED_TRACE(name);
@@ -170,15 +215,45 @@ TEST_F(DaemonExecInfo, AFileThatChangesWhileItIsReadIsAnswered) {
 TEST_F(DaemonExecInfo, ASignedProgramTellsItsIdentifierAndAnUnsignedOneDoesNot) {
   const std::string program = root_.folder().path("opt/agent");
   EXPECT_EQ(tell(program), (Array{Value("valid: com.vantor.test"),
-                                  Value(hexadecimalText(**sha256OfFile(program, {}))), Value("")}));
+                                  Value(hexadecimalText(**sha256OfFile(program))), Value("")}));
   EXPECT_EQ(tell("/bin/true")->at(0), Value(""));
   root_.awaitLog("<Error> [ORBExecInfoHandler.cpp");
 }
 
+TEST_F(DaemonExecInfo, TheQuarantineRecordOfTheLastUserIsToldThroughTheSettingsServer) {
+  const std::string file = root_.folder().write("files/quarantined", "abc");
+  if (!setAttribute(file, "user.com.apple.quarantine", "0081;5f3e9c02;Browser;0E2D-77A1")) {
+    GTEST_SKIP() << "this file system takes no attributes";
+  }
+  const std::string home = root_.folder().path("home/last");
+  root_.folder().write("home/last/Library/Preferences/keep", "");
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open((home + "/Library/Preferences/"
+                                 "com.apple.LaunchServices.QuarantineEventsV2")
+                             .c_str(),
+                         &database),
+            SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database,
+                         "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT, "
+                         "LSQuarantineOriginURLString TEXT);"
+                         "INSERT INTO LSQuarantineEvent VALUES "
+                         "('other', 'https://example.com/other'), "
+                         "('0E2D-77A1', 'https://example.com/quarantined');",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(database);
+  constexpr char kSetting[] = "ORBCmxLastLoggedInUser";
+  const auto set = root_.host().control({"settings", "set", "cmx", kSetting, home});
+  ASSERT_EQ(set.status.number, 0) << set.errors;
+  EXPECT_EQ(tell(file)->at(2), Value("https://example.com/quarantined"));
+  const auto unset = root_.host().control({"settings", "unset", "cmx", kSetting});
+  ASSERT_EQ(unset.status.number, 0) << unset.errors;
+  EXPECT_EQ(tell(file)->at(2), Value(""));
+  root_.awaitLog("Couldn't locate quarantine database");
+}
+
 void DaemonExecInfo::download(std::vector<std::string> tool, const std::string& target) {
-  const std::string probe = root_.folder().write("probe", "");
-  if (::setxattr(probe.c_str(), "user.test", "", 0, 0) != 0) {
-    ASSERT_EQ(errno, ENOTSUP);
+  if (!setAttribute(root_.folder().write("probe", ""), "user.test", "")) {
     GTEST_SKIP() << "this file system takes no attributes";
   }
   root_.folder().write("served/file", "abc");

@@ -27,9 +27,16 @@ struct Patience {
   int exitStatus;
 };
 
-// It answers at once.
-Patience withRegistry() {
-  return {std::chrono::seconds(10),
+// Everybody is answered at once.
+Patience withAnyAnswer(const XPCCommands::Environment& environment) {
+  return {environment.anyAnswerPatience,
+          "it is there, but too busy or stuck: try again later, and see \"servicemanagerctl log\"",
+          kExitFailed};
+}
+
+// So is a look-up, of whoever has the right passkey; others never are.
+Patience withLookUp(const XPCCommands::Environment& environment) {
+  return {environment.lookUpPatience,
           "it answers nobody who is not of its product: use the servicemanagerctl that was "
           "installed with it",
           kExitNotAuthenticated};
@@ -80,8 +87,8 @@ Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
     const XPCCommands::Environment& environment, NSXPCConnection& registry,
     const std::string& name) {
   auto reply = ask(registry, "xpcListenerEndpointForPasskey:withName:withReply:",
-                   {Value(systemProfileData(environment.system)), Value(name)}, withRegistry(),
-                   environment.root);
+                   {Value(systemProfileData(environment.system)), Value(name)},
+                   withLookUp(environment), environment.root);
   if (!reply) return std::unexpected(std::move(reply.error()));
   return reply->empty() ? nullptr : endpointIn(reply->front());
 }
@@ -124,7 +131,7 @@ int XPCCommands::run(const Environment& environment) const {
   const auto registry = connected(environment.xpc.makeConnection(kEndpointRegistryService),
                                   environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
   const auto signature =
-      ask(*registry, "signatureWithReply:", {}, withRegistry(), environment.root);
+      ask(*registry, "signatureWithReply:", {}, withAnyAnswer(environment), environment.root);
   Answer<int> done = EXIT_SUCCESS;
   if (!signature) {
     done = std::unexpected(signature.error());
@@ -156,7 +163,7 @@ Answer<void> XPCCommands::registerName(const Environment& environment,
   const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
                          {Value(std::shared_ptr<const RemoteObject>(endpoint)),
                           Value(systemProfileData(environment.system)), Value(name_)},
-                         withRegistry(), environment.root);
+                         withAnyAnswer(environment), environment.root);
   if (!reply) return std::unexpected(reply.error());
   if (reply->empty() || reply->front() != Value(true)) {
     return std::unexpected(

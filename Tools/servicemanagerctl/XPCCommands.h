@@ -33,6 +33,9 @@ class XPCCommands {
     std::string root;  // of the platform, for texts
     // For each file: a hash takes as long as the file is long.
     std::chrono::seconds hashPatience = std::chrono::hours(1);
+    // For what everybody is answered, and for what only the product's own programs are.
+    std::chrono::seconds anyAnswerPatience{10};
+    std::chrono::seconds lookUpPatience{10};
   };
   // Does what was asked, and returns the exit status. Registering blocks until the process is
   // ended.

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Platform/Linux/LinuxXPC.h"
 #include "Platform/PropertyList.h"
 #include "Platform/Testing/FakeCodeSignatures.h"
@@ -30,6 +32,31 @@ using namespace platform;
 using testing::HasSubstr;
 
 constexpr char kAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+// A registry that is what it says, and then answers nothing; or not even says what it is.
+class SilentRegistry final : public NSXPCListenerDelegate,
+                             public NSXPCExportedObject,
+                             public std::enable_shared_from_this<SilentRegistry> {
+ public:
+  SilentRegistry(const ProtocolTable& protocols, std::optional<Value> signature)
+      : protocols_(protocols), signature_(std::move(signature)) {}
+
+  bool listener(NSXPCListener& /*listener*/,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    connection->setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
+    connection->setExportedObject(shared_from_this());
+    connection->resume();
+    return true;
+  }
+  void receiveMessage(std::string_view selector, const Array& /*arguments*/,
+                      XPCReply reply) override {
+    if (selector == "signatureWithReply:" && signature_) reply({*signature_});
+  }
+
+ private:
+  const ProtocolTable& protocols_;
+  const std::optional<Value> signature_;
+};
 
 // The operator's program, and a daemon that serves endpoints, both on the real transport: the
 // command waits for what its other threads bring.
@@ -54,6 +81,13 @@ class XPCCommandsTest : public testing::Test {
   std::unique_ptr<LinuxXPC> makeXPC() {
     return std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
   }
+  void serveNothing(std::optional<Value> signature) {
+    daemon_ = makeXPC();
+    silent_ = std::make_shared<SilentRegistry>(protocols_, std::move(signature));
+    listener_ = daemon_->xpc().makeListener(kEndpointRegistryService);
+    listener_->setDelegate(silent_);
+    listener_->resume();
+  }
   void serve() {
     daemon_ = makeXPC();
     registry_ = std::make_shared<ORBServiceManagerXPCHandler>(daemonsSystem_, *center_, protocols_);
@@ -68,8 +102,13 @@ class XPCCommandsTest : public testing::Test {
     registry_->registerXPCListenerEndpoint(execListener_->endpoint(), kExecInfoEndpoint);
   }
 
-  Ran run(std::vector<std::string> arguments,
-          std::chrono::seconds hashPatience = std::chrono::hours(1)) {
+  // How long it waits, for tests that are about that.
+  struct Patience {
+    std::chrono::seconds hash = std::chrono::hours(1);
+    std::chrono::seconds anyAnswer = std::chrono::hours(1);
+    std::chrono::seconds lookUp = std::chrono::hours(1);
+  };
+  Ran run(std::vector<std::string> arguments, const Patience& patience) {
     CLI::App app;
     const XPCCommands commands(app);
     std::ranges::reverse(arguments);  // As CLI11 wants them.
@@ -78,9 +117,11 @@ class XPCCommandsTest : public testing::Test {
     const auto xpc = makeXPC();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root", hashPatience});
+    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root", patience.hash,
+                                     patience.anyAnswer, patience.lookUp});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
+  Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), Patience()); }
 
   TemporaryFolder folder_;
   FakeLogSink sink_;
@@ -95,6 +136,7 @@ class XPCCommandsTest : public testing::Test {
   ProtocolTable protocols_;
   std::unique_ptr<LinuxXPC> daemon_;
   std::shared_ptr<ORBServiceManagerXPCHandler> registry_;
+  std::shared_ptr<SilentRegistry> silent_;
   std::shared_ptr<ORBExecInfoHandler> info_;
   std::shared_ptr<NSXPCListener> listener_;
   std::shared_ptr<NSXPCListener> execListener_;
@@ -191,11 +233,40 @@ TEST_F(XPCCommandsTest, AFileThatIsNeverToldOfIsNamedInTheEnd) {
   // Never resumed: who connects waits.
   auto listener = daemon_->xpc().makeAnonymousListener();
   registry_->registerXPCListenerEndpoint(listener->endpoint(), kExecInfoEndpoint);
-  const Ran told = run({"execinfo", "/bin/true"}, std::chrono::seconds(0));
+  const Ran told = run({"execinfo", "/bin/true"}, {.hash = std::chrono::seconds(0)});
   EXPECT_EQ(told.status, kExitFailed);
   EXPECT_EQ(told.output, "");
   EXPECT_THAT(told.errors, HasSubstr("has not answered for 0 s; /"));
   EXPECT_THAT(told.errors, testing::Not(HasSubstr("product")));
+}
+
+TEST_F(XPCCommandsTest, ADaemonThatNeverAnswersIsGivenUp) {
+  serveNothing(std::nullopt);
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"endpoints", "lookup", "name"},
+        {"endpoints", "register", "name"},
+        {"execinfo", "/bin/true"}}) {
+    const Ran unanswered = run(command, {.anyAnswer = std::chrono::seconds(0)});
+    EXPECT_EQ(unanswered.status, kExitFailed);
+    EXPECT_EQ(unanswered.output, "");
+    EXPECT_EQ(unanswered.errors,
+              "servicemanagerctl: the service manager has not answered for 0 s; it is there, but "
+              "too busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
+  }
+}
+
+// Which is all that a stranger learns.
+TEST_F(XPCCommandsTest, ALookUpThatIsNeverAnsweredSaysWhoseProgramToUse) {
+  serveNothing(Value(clientProfileData(system_)));
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"endpoints", "lookup", "name"}, {"execinfo", "/bin/true"}}) {
+    const Ran unanswered = run(command, {.lookUp = std::chrono::seconds(0)});
+    EXPECT_EQ(unanswered.status, kExitNotAuthenticated);
+    EXPECT_EQ(unanswered.output, "");
+    EXPECT_EQ(unanswered.errors,
+              "servicemanagerctl: the service manager has not answered for 0 s; it answers nobody "
+              "who is not of its product: use the servicemanagerctl that was installed with it\n");
+  }
 }
 
 TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {

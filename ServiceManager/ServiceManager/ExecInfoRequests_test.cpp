@@ -1,0 +1,170 @@
+// Requests for executable information as their callers' connections bring them: in turns, and no
+// longer than somebody waits for the answer.
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Digest.h"
+#include "Platform/Testing/FileSha256.h"
+#include "Platform/Testing/TemporaryFolder.h"
+#include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+
+namespace {
+
+using namespace platform;
+using Names = std::vector<std::string>;
+
+constexpr std::uintmax_t kGo = ORBExecInfoHandler::kBytesInOneGo;
+constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // 8 TiB, which no test would survive.
+
+// Does something where a request for one file begins; there is no code anywhere.
+class Interrupting final : public CodeSignatures {
+ public:
+  CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
+      const std::string& path) override {
+    if (path == file) action();
+    return std::unexpected(CodeSigningFailure{});
+  }
+
+  std::string file;
+  std::function<void()> action;
+};
+
+class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDelegate {
+ protected:
+  ExecInfoRequests() {
+    listener_ = server_.xpc.makeAnonymousListener();
+    listener_->setDelegate(delegate_);
+    listener_->resume();
+  }
+  ~ExecInfoRequests() override {
+    clients_.clear();
+    accepted_.clear();
+    listener_.reset();
+    loop_.runReady();
+  }
+
+  // The handler's word, but what is sent waits until serve(), so that it begins in a known order.
+  bool listener(NSXPCListener& listener,
+                const std::shared_ptr<NSXPCConnection>& connection) override {
+    accepted_.push_back(connection);
+    const bool accepts = handler_->listener(listener, connection);
+    connection->suspend();
+    return accepts;
+  }
+  void serve() {
+    loop_.runReady();
+    for (const auto& connection : accepted_) connection->resume();
+    loop_.runReady();
+  }
+
+  std::size_t connect() {
+    auto connection = client_.xpc.makeConnection(listener_->endpoint());
+    connection->setRemoteObjectInterface(protocols_.find(kORBExecutableInfoProtocol));
+    connection->resume();
+    clients_.push_back(std::move(connection));
+    loop_.runReady();
+    return clients_.size() - 1;
+  }
+  // Its answer is added to the answers; of an end of the connection, "gone".
+  void ask(std::size_t client, const std::string& path) {
+    clients_[client]->sendMessage(
+        "requestExecutableInfo:withReply:", {Value(path)},
+        [this, path](const Array& reply) {
+          const std::string hash = *reply.at(1).string();
+          const auto name = std::filesystem::path(path).filename().string();
+          answers_.push_back(name + (hash.empty() ? " unknown" : ""));
+          if (!hash.empty()) {
+            EXPECT_EQ(hash, hexadecimalText(**sha256OfFile(path))) << name;
+          }
+        },
+        [this](const NSError&) { answers_.emplace_back("gone"); });
+  }
+
+  std::string sparseFile(const std::string& name, std::uintmax_t size) {
+    const std::string path = folder_.write(name, "");
+    std::filesystem::resize_file(path, size);
+    return path;
+  }
+
+  TemporaryFolder folder_;
+  Interrupting interruptible_;
+  FakeXPC server_{network_, {200, 0, 0}, systemLog_};
+  FakeXPC client_{network_, {300, 501, 20}, systemLog_};
+  std::shared_ptr<ORBExecInfoHandler> handler_ = std::make_shared<ORBExecInfoHandler>(
+      ORBExecInfoHandler::Environment{interruptible_, attributes_, protocols_}, nullptr);
+  const std::shared_ptr<NSXPCListenerDelegate> delegate_{this, [](NSXPCListenerDelegate*) {}};
+  std::shared_ptr<NSXPCListener> listener_;
+  std::vector<std::shared_ptr<NSXPCConnection>> accepted_;
+  std::vector<std::shared_ptr<NSXPCConnection>> clients_;
+  Names answers_;
+};
+
+TEST_F(ExecInfoRequests, AShortOneIsAnsweredBeforeLongOnesThatHaveBegun) {
+  ask(connect(), sparseFile("long", 3 * kGo + 1));
+  ask(connect(), sparseFile("longer", 5 * kGo));
+  ask(connect(), folder_.write("short", "abc"));
+  serve();
+  EXPECT_EQ(answers_, (Names{"short", "long", "longer"}));
+}
+
+TEST_F(ExecInfoRequests, WhatFitsIntoOneGoIsAnsweredInItsOrder) {
+  ask(connect(), sparseFile("at", kGo));
+  ask(connect(), sparseFile("above", kGo + 1));
+  ask(connect(), sparseFile("below", kGo - 1));
+  serve();
+  EXPECT_EQ(answers_, (Names{"at", "below", "above"}));
+}
+
+TEST_F(ExecInfoRequests, ThoseOfOneConnectionAreAnsweredInTheirOrder) {
+  const std::size_t client = connect();
+  ask(client, sparseFile("first", 5 * kGo));
+  ask(client, folder_.write("second", "abc"));
+  ask(client, sparseFile("third", 2 * kGo));
+  serve();
+  EXPECT_EQ(answers_, (Names{"first", "second", "third"}));
+}
+
+TEST_F(ExecInfoRequests, TheEndOfItsConnectionEndsAHash) {
+  ask(connect(), sparseFile("endless", kEndless));
+  const std::size_t other = connect();
+  interruptible_.file = folder_.write("short", "abc");
+  interruptible_.action = [this] { accepted_[0]->invalidate(); };
+  ask(other, interruptible_.file);
+  serve();
+  // What was found out till then may still be sent.
+  EXPECT_THAT(answers_,
+              testing::UnorderedElementsAre("short", testing::AnyOf("gone", "endless unknown")));
+}
+
+TEST_F(ExecInfoRequests, ACallerThatHasGoneIsNotServedAnyFurther) {
+  const std::size_t client = connect();
+  interruptible_.file = sparseFile("endless", kEndless);
+  attributes_.set(interruptible_.file, "com.apple.quarantine", "id");
+  interruptible_.action = [&] {
+    clients_[client]->invalidate();
+    loop_.runReady();
+  };
+  ask(client, interruptible_.file);
+  serve();
+  EXPECT_EQ(answers_, Names{"gone"});
+  EXPECT_EQ(countInLog("Can't create security reference"), 1u);
+  EXPECT_EQ(countInLog("Failed to get attributes"), 0u);
+  EXPECT_EQ(countInLog("Couldn't locate quarantine database"), 0u);
+}
+
+TEST_F(ExecInfoRequests, TheDaemonsEndEndsAHashAndAnswersIt) {
+  ask(connect(), sparseFile("endless", kEndless));
+  const std::size_t other = connect();
+  interruptible_.file = folder_.write("short", "abc");
+  interruptible_.action = [this] { handler_->stop(); };
+  ask(other, interruptible_.file);
+  serve();
+  EXPECT_EQ(answers_, (Names{"short unknown", "endless unknown"}));
+}
+
+}  // namespace
