@@ -188,7 +188,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // What the operator is told. Nothing changes by asking; see OperatorFacts.h.
 
   platform::Value operatorOverview() const;
-  // Nil for a label that no service has, of whatever product. Asks the job host and the settings.
+  // Nil for a label that no service has, of whatever product. Asks the job host, which blocks for
+  // its time at most, and each settings server of the service's switches for two seconds at most.
   platform::Value operatorFactsOfService(std::string_view label) const;
 
   // The per-run secret, for whoever has been authenticated.
@@ -337,10 +338,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
   void addProgramFacts(platform::Dictionary& facts, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, const platform::Value& features) const;
-  // `silent` are the sources that have been asked for these facts and have not answered.
+  // What is left of the time that each source gets to answer for these facts.
+  using SourceTimes = std::map<std::string, platform::Duration>;
   platform::Value switchFacts(const platform::Value& feature, const platform::Value& source,
                               const std::string& key, const platform::Value& expected,
-                              std::set<std::string>& silent) const;
+                              SourceTimes& left) const;
   void performAfterDelay(platform::Duration delay, platform::RunLoop::Callback call) {
     delayedCalls_.perform(std::move(call), delay);
   }
