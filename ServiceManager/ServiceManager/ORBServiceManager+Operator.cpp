@@ -135,6 +135,10 @@ void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view labe
       if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
     }
   }
+  addJobFacts(facts, label);
+}
+
+void ORBServiceManager::addJobFacts(Dictionary& facts, std::string_view label) const {
   const Value job = copyJobDictionary(label);
   if (job.isNil()) return;
   if (isJobUnknown(job)) return facts.set(kFactJobIsUnknown, true);
@@ -143,6 +147,25 @@ void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view labe
     setIfKnown(state, key, job[key]);
   }
   facts.set(kFactJob, std::move(state));
+}
+
+Value ORBServiceManager::operatorJobsOfServices(const Array& labels) const {
+  Dictionary all;
+  bool isHostAway = false;
+  for (const Value& label : labels) {
+    if (!label.string() || serviceEntryWithLabel(*label.string(), serviceInfo_).isNil()) continue;
+    Dictionary facts;
+    if (isHostAway) {
+      facts.set(kFactJobIsUnknown, true);
+    } else {
+      const Instant start = platform_.runLoop.now();
+      addJobFacts(facts, *label.string());
+      isHostAway =
+          facts.contains(kFactJobIsUnknown) && platform_.runLoop.now() - start >= kLongForAJobHost;
+    }
+    all.set(*label.string(), std::move(facts));
+  }
+  return all;
 }
 
 void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) const {

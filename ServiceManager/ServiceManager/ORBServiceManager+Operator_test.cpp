@@ -252,6 +252,22 @@ TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
   EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value(true));
 }
 
+TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
+  startAll();
+  kill(kHelper);
+  manager().stopServices({kAgent});
+  EXPECT_EQ(ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}}),
+            Value(Dictionary{{kHelper, Dictionary{{kFactJob, Dictionary{{"PID", process(kHelper)},
+                                                                        {"LastExitStatus", 9}}}}},
+                             {kAgent, Dictionary()}}));
+  jobs_.setReachable(false);
+  const Dictionary unknown{{kFactJobIsUnknown, true}};
+  const Instant before = loop_.now();
+  EXPECT_EQ(manager().operatorJobsOfServices({kHelper, kAgent, kPrimary}),
+            Value(Dictionary{{kHelper, unknown}, {kAgent, unknown}, {kPrimary, unknown}}));
+  EXPECT_EQ(loop_.now() - before, 5s);  // One wait for the job host.
+}
+
 TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
   startAll();
   kill(kHelper);
@@ -353,6 +369,8 @@ TEST_F(OperatorTest, WhatIsNoLabelOrNoMessageRaises) {
     ASSERT_TRUE(client_->recentException());
     EXPECT_EQ(client_->recentException()->name, kNSInvalidArgumentException);
   }
+  EXPECT_EQ(ask("jobsOfServices:", {kAgent}), Value());
+  EXPECT_TRUE(client_->recentException());
   ORBServiceManagerOperatorServer server(manager());
   const MessageResult unknown = server.receiveMessage("stopServices:", {Array{kAgent}});
   ASSERT_FALSE(unknown);

@@ -194,6 +194,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   // The per-run secret, for whoever has been authenticated.
   platform::Value retrieveKey() const { return secret_; }
+  // The facts of the jobs of those of the labels that are this product's services, by label.
+  platform::Value operatorJobsOfServices(const platform::Array& labels) const;
 
   // The servers' messages, by their selectors.
   platform::MessageResult receiveMessage(std::string_view selector,
@@ -340,6 +342,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void addSwitches(platform::Dictionary& facts, const platform::Value& features) const;
   // What is left of the time that each source gets to answer for these facts.
   using SourceTimes = std::map<std::string, platform::Duration>;
+  void addJobFacts(platform::Dictionary& facts, std::string_view label) const;
   platform::Value switchFacts(const platform::Value& feature, const platform::Value& source,
                               const std::string& key, const platform::Value& expected,
                               SourceTimes& left) const;
