@@ -425,6 +425,19 @@ TEST_F(StartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
+TEST_F(StartUpTest, TheReturnOfTheJobHostIsObservedFromTheStartOnToTheEnd) {
+  startConfigurationServer();
+  EXPECT_FALSE(jobHostReturned_);
+  start();
+  loop_.advanceBy(1s);
+  takeLog();
+  ASSERT_TRUE(jobHostReturned_);
+  jobHostReturned_();
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+  manager_.reset();
+  EXPECT_FALSE(jobHostReturned_);
+}
+
 TEST_F(StartUpTest, ASettingsChangeIsObserved) {
   startConfigurationServer();
   start();
