@@ -475,4 +475,16 @@ TEST_F(StartUpTest, TheEndStopsNoService) {
   EXPECT_TRUE(isRunning(kPrimary) && isRunning(kAgent) && isRunning(kHelper));
 }
 
+TEST_F(StartUpTest, TheEndRemovesNoObserverAndEndsNoTimer) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  manager().backgroundServiceWillTerminate({});
+  EXPECT_TRUE(manager().watchDog());
+  post("KLXGlobalSettingsDidChangeNotification");
+  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());  // It was evaluated.
+}
+
 }  // namespace
