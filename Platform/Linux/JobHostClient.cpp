@@ -169,8 +169,11 @@ void JobHostClient::lookForReturn() {
 void JobHostClient::returned() {
   isSilent_ = false;
   isMissed_ = false;
-  const auto onReturn = onReturn_;  // It may replace itself.
-  onReturn();
+  // Not from inside the answer: who is told asks the host at once, and may find it gone again.
+  nextLook_ = loop_.startTimer(Duration::zero(), RunLoop::Repeat::kOnce, [this] {
+    const auto onReturn = onReturn_;  // It may replace itself.
+    onReturn();
+  });
 }
 
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
