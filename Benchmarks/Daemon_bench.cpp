@@ -136,6 +136,7 @@ class DaemonInProcess {
         .makeHealthInfo = {},
         .xpc = xpc_.xpc,
         .attributes = attributes_,
+        .observeJobHostReturn = {},
         .withSettingsOfThisThread = {},
     });
     manager_->setServiceInfo(Dictionary{{"Primary", labels_.front()},

@@ -251,6 +251,7 @@ class Bed {
             {},
             xpc_.xpc,
             attributes_,
+            {},
             {}};
   }
 

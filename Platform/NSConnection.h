@@ -168,6 +168,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   Duration requestTimeout_;
   Stage stage_ = Stage::kUnauthenticated;
   std::size_t nestedRequests_ = 0;
+  bool onlyLooks_ = false;  // What it finds out changes nothing for others.
   bool valid_ = true;
 };
 

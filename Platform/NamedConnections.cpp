@@ -28,24 +28,46 @@ std::shared_ptr<NSConnection> NamedConnections::makeConnection() {
 std::shared_ptr<NSConnection> NamedConnections::connectionWithRegisteredName(
     std::string_view name, const std::optional<std::string>& host) {
   if (name.empty() || (host && !host->empty() && *host != "*")) return nullptr;
-  std::string server(name);
-  if (const auto silent = silentUntil_.find(server); silent != silentUntil_.end()) {
-    if (loop_.now() < silent->second) return nullptr;
-    silentUntil_.erase(silent);
-  }
-  auto peer = transport_.connect(path_(name), {});
+  const std::string server(name);
+  if (isSilent(server)) return nullptr;
+  auto connection = connect(server, {});
+  if (connection) return *std::move(connection);
+  if (connection.error() == PeerConnectFailure::Kind::kTimedOut) noteSilence(server);
+  return nullptr;
+}
+
+std::shared_ptr<NSConnection> NamedConnections::lookAtRegisteredName(std::string_view name,
+                                                                     Duration timeout) {
+  const std::string server(name);
+  if (server.empty() || isSilent(server)) return nullptr;
+  auto connection = connect(server, {.timeout = timeout});
+  if (!connection) return nullptr;
+  (*connection)->onlyLooks_ = true;
+  return *std::move(connection);
+}
+
+bool NamedConnections::isSilent(const std::string& name) {
+  const auto silent = silentUntil_.find(name);
+  if (silent == silentUntil_.end()) return false;
+  if (loop_.now() < silent->second) return true;
+  silentUntil_.erase(silent);
+  return false;
+}
+
+std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> NamedConnections::connect(
+    const std::string& name, const PeerConnectOptions& options) {
+  using Kind = PeerConnectFailure::Kind;
+  auto peer = transport_.connect(path_(name), options);
   if (!peer) {
-    using Kind = PeerConnectFailure::Kind;
     const PeerConnectFailure& failure = peer.error();
-    if (failure.kind == Kind::kTimedOut) noteSilence(server);
     if (failure.kind != Kind::kNobodyThere)
       failures_.write(
-          stringWithFormat("No connection with \"%@\": %@", server, describe(failure.error)));
-    return nullptr;
+          stringWithFormat("No connection with \"%@\": %@", name, describe(failure.error)));
+    return std::unexpected(failure.kind);
   }
-  auto connection = std::make_shared<NSConnection>(NSConnection::Maker(), *this,
-                                                   NSConnection::Role::kClient, std::move(server),
-                                                   std::move(*peer), std::weak_ptr<NSConnection>());
+  auto connection =
+      std::make_shared<NSConnection>(NSConnection::Maker(), *this, NSConnection::Role::kClient,
+                                     name, std::move(*peer), std::weak_ptr<NSConnection>());
   connection->listenToPeer();
   return connection;
 }

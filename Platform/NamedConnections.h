@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <expected>
 #include <functional>
 #include <map>
 #include <memory>
@@ -44,12 +45,19 @@ class NamedConnections {
   std::shared_ptr<NSConnection> connectionWithRegisteredName(
       std::string_view name, const std::optional<std::string>& host = std::nullopt);
 
+  // The same for who only looks: it blocks for `timeout` at most, and neither it nor the connection
+  // leaves it behind that a server was silent.
+  std::shared_ptr<NSConnection> lookAtRegisteredName(std::string_view name, Duration timeout);
+
   // A server has announced itself by `name`: it is asked again even if that name was silent.
   void serverDidStart(std::string_view name) { silentUntil_.erase(std::string(name)); }
 
  private:
   friend class NSConnection;
 
+  bool isSilent(const std::string& name);
+  std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> connect(
+      const std::string& name, const PeerConnectOptions& options);
   // That nothing came from `name` in time.
   void noteSilence(const std::string& name);
 

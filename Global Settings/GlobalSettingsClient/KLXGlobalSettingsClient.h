@@ -56,7 +56,8 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
 
   // Forwarded like every other message.
   platform::Value objectForKey(std::string_view key) override;
-  platform::MessageResult lookAtObjectForKey(std::string_view key) override;
+  platform::MessageResult lookAtObjectForKey(std::string_view key,
+                                             platform::Duration patience) override;
   void forgetConnection() override { VantorDistantObject::serverDidStart({}); }
 
   // Forgets the connection, and then tells the delegate.

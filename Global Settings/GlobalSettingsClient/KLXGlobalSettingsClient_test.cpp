@@ -248,9 +248,9 @@ TEST_F(KLXGlobalSettingsClientTest, EachFailedMessageIsOneAttemptOfTenSeconds) {
 TEST_F(KLXGlobalSettingsClientTest, WhoOnlyLooksIsToldOfAFailureWithoutAnErrorInTheLog) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
-  EXPECT_EQ(client->lookAtObjectForKey("a"), MessageResult(client->objectForKey("a")));
+  EXPECT_EQ(client->lookAtObjectForKey("a", 1s), MessageResult(client->objectForKey("a")));
   serverTransport_.hang();
-  const MessageResult late = client->lookAtObjectForKey("a");
+  const MessageResult late = client->lookAtObjectForKey("a", 1s);
   ASSERT_FALSE(late);
   EXPECT_EQ(late.error().name, platform::kNSPortTimeoutException);
   EXPECT_THAT(sink_.messagesAtLevel(platform::ASL_LEVEL_ERR), testing::IsEmpty());

@@ -7,6 +7,7 @@
 #include "Platform/Exception.h"
 #include "Platform/NSProxy.h"
 #include "Platform/NameTable.h"
+#include "Platform/Time.h"
 #include "Platform/Value.h"
 
 // Who reads one of the global settings servers, as far as decisions need it; tests put settings of
@@ -18,8 +19,10 @@ class SettingsClient {
   // The setting's current value, nil where there is none or the server can't be reached.
   virtual platform::Value objectForKey(std::string_view key) = 0;
 
-  // The same for who only looks: what keeps the server from answering is returned, and not logged.
-  virtual platform::MessageResult lookAtObjectForKey(std::string_view key) = 0;
+  // The same for who only looks: what keeps the server from answering within `patience` is
+  // returned, and neither logged nor remembered.
+  virtual platform::MessageResult lookAtObjectForKey(std::string_view key,
+                                                     platform::Duration patience) = 0;
 
   // The server's start may have been missed: the next message looks it up, also where it did not
   // answer lately.

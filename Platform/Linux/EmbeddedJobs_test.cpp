@@ -338,6 +338,100 @@ TEST_F(EmbeddedJobsTest, AHostThatAcceptsAgainWithinThePauseIsAskedAtOnce) {
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
+class MissedHostTest : public EmbeddedJobsTest {
+ protected:
+  MissedHostTest() {
+    client_.setReturnHandler([this] { ++returns_; });
+  }
+  // The host goes on.
+  void answerAll() {
+    for (const PeerMessage& message : std::exchange(kept_, {}))
+      EXPECT_TRUE(message.reply->answer(Value()));
+  }
+
+  int returns_ = 0;
+};
+
+TEST_F(MissedHostTest, TheReturnOfASilentHostIsToldOnceForAllThatItFailed) {
+  startHost(keeping());
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(submit());
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 0);
+  EXPECT_LE(kept_.size(), 4u);  // However long it is missed.
+  answerAll();
+  EXPECT_EQ(returns_, 0);  // Not before the loop turns.
+  loop_.runReady();
+  EXPECT_EQ(returns_, 1);
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 1);
+  // And again the next time.
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1s);
+  answerAll();
+  loop_.runReady();
+  EXPECT_EQ(returns_, 2);
+}
+
+TEST_F(MissedHostTest, TheReturnOfAHostThatAcceptedNobodyIsTold) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  host_->goOn();
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatTakesThePlaceOfOneThatWasMissedHasReturned) {
+  EXPECT_FALSE(submit());  // There is none.
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  startHost(keeping());
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 0);  // It is there, but has not answered.
+  host_->die();
+  startHost(answering(Value()));
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatIsSilentAndEndsInACallIsStillMissed) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  host_->die();
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());  // It finds the old host dead, and asks the new one.
+  EXPECT_EQ(returns_, 0);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatOnlyTakesLongIsNotMissed) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_FALSE(submit());
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+}
+
+TEST_F(MissedHostTest, WhoNoLongerListensIsNotTold) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  client_.setReturnHandler({});
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  EXPECT_FALSE(submit());  // Nor is anybody looked for, or missed.
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+}
+
 TEST_F(EmbeddedJobsTest, ARequestThatDoesNotWaitEndsTheSilenceOfAHostThatAcceptsAgain) {
   startHost(answering(Value()));
   host_->hang();

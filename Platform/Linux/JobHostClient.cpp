@@ -81,7 +81,9 @@ Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
     const auto connected = connectOnce();
     if (connected) return {};
-    if (!mayPass(connected.error()) || loop_.now() >= deadline) {
+    const bool canPass = mayPass(connected.error());
+    if (!canPass || loop_.now() >= deadline) {
+      if (canPass || isSilent_) noteMissed();
       return std::unexpected(unreachable(connected.error(), socket_));
     }
     loop_.sleepFor(kLookEvery);
@@ -96,6 +98,7 @@ void JobHostClient::dropConnection() {
   for (auto& [id, request] : requests_) {
     if (!request.nextTry) repeat(id);
   }
+  if (isMissed_) lookForReturnLater();  // What was to tell of its return has gone with it.
 }
 
 void JobHostClient::noteSilence() {
@@ -133,9 +136,52 @@ void JobHostClient::lookForLife() {
                          });
 }
 
+void JobHostClient::setReturnHandler(std::function<void()> onReturn) {
+  onReturn_ = std::move(onReturn);
+  if (onReturn_) return;
+  isMissed_ = false;
+  nextLook_.reset();
+}
+
+void JobHostClient::noteMissed() {
+  if (!onReturn_ || isMissed_) return;
+  isMissed_ = true;
+  lookForReturnLater();
+}
+
+void JobHostClient::lookForReturnLater() {
+  nextLook_ =
+      loop_.startTimer(kSilentHostPause, RunLoop::Repeat::kOnce, [this] { lookForReturn(); });
+}
+
+// A host that is there and silent is asked once, and tells of its return by its answer.
+void JobHostClient::lookForReturn() {
+  if (!connection_ && !connectOnce(kLookTime)) return lookForReturnLater();
+  nextLook_.reset();
+  connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
+                         [this](const PeerResult& sign) {
+                           if (!isMissed_) return;
+                           if (!sign) return lookForReturnLater();
+                           returned();
+                         });
+}
+
+void JobHostClient::returned() {
+  isSilent_ = false;
+  isMissed_ = false;
+  // Not from inside the answer: who is told asks the host at once, and may find it gone again.
+  nextLook_ = loop_.startTimer(Duration::zero(), RunLoop::Repeat::kOnce, [this] {
+    const auto onReturn = onReturn_;  // It may replace itself.
+    onReturn();
+  });
+}
+
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
                                                   Duration timeout) {
-  if (isSilent_ && !showsLife()) return std::unexpected(silent(socket_));
+  if (isSilent_ && !showsLife()) {
+    noteMissed();
+    return std::unexpected(silent(socket_));
+  }
   Instant deadline = loop_.now() + patience_;
   bool repeated = false;
   for (;;) {
@@ -152,6 +198,7 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
     if (result.error().name == kNSPortTimeoutException) lookForLife();
     // On an old connection the host may have ended long ago: the next one is owed a try.
     if (!hasEnded || (repeated && isFresh && loop_.now() >= deadline)) {
+      if (hasEnded || isSilent_) noteMissed();
       return std::unexpected(unanswered(result.error(), socket_, timeout));
     }
     // The next host has its time to come from here on, however long this one took to answer.

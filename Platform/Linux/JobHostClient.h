@@ -50,6 +50,12 @@ class JobHostClient {
   // not answer, and otherwise set where the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
+  // Calls `onReturn` each time that a host answers again after a call() has failed by its silence
+  // or absence: on the loop, never from inside a call, once for all that have failed until then. An
+  // empty handler ends that. While a host is missed it is looked for once a second, which blocks
+  // for a tenth of one where it accepts nobody.
+  void setReturnHandler(std::function<void()> onReturn);
+
   using Completion = std::move_only_function<void(Result<Answer>)>;
 
   // The same without waiting: a host that is not there is looked for, and one that ends is asked
@@ -81,6 +87,10 @@ class JobHostClient {
   bool showsLife();
   bool givesSign(Duration timeout);
   void lookForLife();
+  void noteMissed();
+  void lookForReturnLater();
+  void lookForReturn();
+  void returned();
   void tryLater(RequestId id, Duration delay);
   void ask(RequestId id);
   void answered(RequestId id, PeerResult result);
@@ -94,6 +104,9 @@ class JobHostClient {
   std::unique_ptr<PeerConnection> connection_;
   bool isSilent_ = false;  // It is there, and nothing came from it in time.
   Instant lastLook_{};     // when that was seen last, while it is silent
+  std::function<void()> onReturn_;
+  bool isMissed_ = false;  // A call has failed, and `onReturn_` is to be told.
+  std::unique_ptr<RunLoopHandle> nextLook_;
   std::map<RequestId, Request> requests_;
   RequestId lastRequest_ = 0;
 };

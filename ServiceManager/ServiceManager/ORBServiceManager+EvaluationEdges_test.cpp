@@ -125,7 +125,9 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
       if (key == "second") manager_.setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
       return {};
     }
-    MessageResult lookAtObjectForKey(std::string_view key) override { return objectForKey(key); }
+    MessageResult lookAtObjectForKey(std::string_view key, Duration) override {
+      return objectForKey(key);
+    }
     void forgetConnection() override {}
 
    private:

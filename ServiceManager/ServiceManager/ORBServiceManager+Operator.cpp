@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <chrono>
-#include <set>
 
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
@@ -16,6 +15,12 @@ using namespace platform;
 // counter cleared, nothing of the daemon's own logged.
 
 namespace {
+
+// What each settings server gets to answer for all of a service's switches. With the job host's
+// time, all servers that there are fit into what who asks is ready to wait.
+constexpr Duration kLookTime = std::chrono::seconds(2);
+// A job host that took so long to tell nothing of one job is not asked for others.
+constexpr Duration kLongForAJobHost = std::chrono::seconds(1);
 
 double inSeconds(Duration duration) {
   return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
@@ -130,6 +135,10 @@ void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view labe
       if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
     }
   }
+  addJobFacts(facts, label);
+}
+
+void ORBServiceManager::addJobFacts(Dictionary& facts, std::string_view label) const {
   const Value job = copyJobDictionary(label);
   if (job.isNil()) return;
   if (isJobUnknown(job)) return facts.set(kFactJobIsUnknown, true);
@@ -140,6 +149,25 @@ void ORBServiceManager::addProgramFacts(Dictionary& facts, std::string_view labe
   facts.set(kFactJob, std::move(state));
 }
 
+Value ORBServiceManager::operatorJobsOfServices(const Array& labels) const {
+  Dictionary all;
+  bool isHostAway = false;
+  for (const Value& label : labels) {
+    if (!label.string() || serviceEntryWithLabel(*label.string(), serviceInfo_).isNil()) continue;
+    Dictionary facts;
+    if (isHostAway) {
+      facts.set(kFactJobIsUnknown, true);
+    } else {
+      const Instant start = platform_.runLoop.now();
+      addJobFacts(facts, *label.string());
+      isHostAway =
+          facts.contains(kFactJobIsUnknown) && platform_.runLoop.now() - start >= kLongForAJobHost;
+    }
+    all.set(*label.string(), std::move(facts));
+  }
+  return all;
+}
+
 void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) const {
   if (features.isNil()) return;
   if (!features.array()) {
@@ -147,7 +175,7 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
     return;
   }
   Array all;
-  std::set<std::string> silent;
+  SourceTimes left;
   for (const Value& feature : *features.array()) {
     if (!feature.string()) continue;
     const Value config = featureEntryWithFeatureName(*feature.string(), serviceInfo_)["Config"];
@@ -156,7 +184,7 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
       const Dictionary* switches = configuration["Switches"].dictionary();
       if (!switches) continue;
       for (const auto& [key, expected] : *switches) {
-        all.push_back(switchFacts(feature, configuration["Source"], key, expected, silent));
+        all.push_back(switchFacts(feature, configuration["Source"], key, expected, left));
       }
     }
   }
@@ -165,7 +193,7 @@ void ORBServiceManager::addSwitches(Dictionary& facts, const Value& features) co
 
 Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
                                      const std::string& key, const Value& expected,
-                                     std::set<std::string>& silent) const {
+                                     SourceTimes& left) const {
   Dictionary facts{{kFactFeature, feature}, {kFactKey, key}, {kFactExpected, expected}};
   if (!source.string()) {
     facts.set(kFactOutcome, kOutcomeNoSource);
@@ -179,12 +207,15 @@ Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
     facts.set(kFactOutcome, known == clients.end() ? kOutcomeNotAsked : kOutcomeNoSource);
     return facts;
   }
-  // One wait for each server, however many of its switches there are.
-  const MessageResult current = silent.contains(known->first)
+  // However many of its switches there are.
+  Duration& time = left.try_emplace(known->first, kLookTime).first->second;
+  const Instant start = platform_.runLoop.now();
+  const MessageResult current = time <= Duration::zero()
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
-                                    : known->second->lookAtObjectForKey(key);
+                                    : known->second->lookAtObjectForKey(key, time);
+  time -= platform_.runLoop.now() - start;
   if (!current) {
-    silent.insert(known->first);
+    time = Duration::zero();  // It is not asked for the others.
     facts.set(kFactOutcome, kOutcomeNoAnswer);
     return facts;
   }

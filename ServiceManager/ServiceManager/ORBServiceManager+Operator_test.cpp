@@ -10,6 +10,7 @@ namespace {
 
 using namespace platform;
 using namespace std::chrono_literals;
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char kHouseholdGuid[] = "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1";
@@ -171,32 +172,49 @@ TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
                                               row("unknown", "on", 1, {}, "noSource")}));
 }
 
-// A server that takes the whole time-out over everything.
-class HangingClient final : public SettingsClient {
+// A server that takes its time over everything.
+class SlowClient final : public SettingsClient {
  public:
-  explicit HangingClient(VirtualRunLoop& loop) : loop_(loop) {}
+  SlowClient(VirtualRunLoop& loop, Duration time) : loop_(loop), time_(time) {}
   Value objectForKey(std::string_view key) override {
-    return lookAtObjectForKey(key).value_or(Value());
+    return lookAtObjectForKey(key, 10s).value_or(Value());
   }
-  MessageResult lookAtObjectForKey(std::string_view) override {
-    loop_.sleepFor(10s);
+  MessageResult lookAtObjectForKey(std::string_view, Duration patience) override {
+    loop_.sleepFor(std::min(patience, time_));
+    if (time_ <= patience) return Value(1);
     return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
   }
   void forgetConnection() override {}
 
  private:
   VirtualRunLoop& loop_;
+  const Duration time_;
 };
 
-TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesItHas) {
+TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsForAllOfAServicesSwitches) {
   factories_.add("commonSettingsClientWithDelegate:",
                  [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<HangingClient>(loop_);
+                   return std::make_unique<SlowClient>(loop_, 1s);
                  });
   startAll();
   const Instant before = loop_.now();
   const Value facts = manager().operatorFactsOfService(kAgent);
-  EXPECT_EQ(loop_.now() - before, 10s);
+  EXPECT_EQ(loop_.now() - before, 2s);
+  std::vector<std::string> outcomes;
+  for (const Value& row : *facts[kFactSwitches].array())
+    outcomes.push_back(*row[kFactOutcome].string());
+  EXPECT_THAT(outcomes, ElementsAre("matches", "clashes", "noAnswer", "noAnswer", "noSource"));
+}
+
+TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesItHas) {
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   return std::make_unique<SlowClient>(loop_, 10s);
+                 });
+  startAll();
+  const Instant before = loop_.now();
+  const Value facts = manager().operatorFactsOfService(kAgent);
+  EXPECT_EQ(loop_.now() - before, 2s);
   const Array& switches = *facts[kFactSwitches].array();
   ASSERT_EQ(switches.size(), 5u);
   for (std::size_t i = 0; i < 4; ++i) {
@@ -232,6 +250,22 @@ TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
   jobs_.setReachable(false);
   EXPECT_EQ(factsOf(kAgent)[kFactJob], Value());
   EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value(true));
+}
+
+TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
+  startAll();
+  kill(kHelper);
+  manager().stopServices({kAgent});
+  EXPECT_EQ(ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}}),
+            Value(Dictionary{{kHelper, Dictionary{{kFactJob, Dictionary{{"PID", process(kHelper)},
+                                                                        {"LastExitStatus", 9}}}}},
+                             {kAgent, Dictionary()}}));
+  jobs_.setReachable(false);
+  const Dictionary unknown{{kFactJobIsUnknown, true}};
+  const Instant before = loop_.now();
+  EXPECT_EQ(manager().operatorJobsOfServices({kHelper, kAgent, kPrimary}),
+            Value(Dictionary{{kHelper, unknown}, {kAgent, unknown}, {kPrimary, unknown}}));
+  EXPECT_EQ(loop_.now() - before, 5s);  // One wait for the job host.
 }
 
 TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
@@ -335,6 +369,8 @@ TEST_F(OperatorTest, WhatIsNoLabelOrNoMessageRaises) {
     ASSERT_TRUE(client_->recentException());
     EXPECT_EQ(client_->recentException()->name, kNSInvalidArgumentException);
   }
+  EXPECT_EQ(ask("jobsOfServices:", {kAgent}), Value());
+  EXPECT_TRUE(client_->recentException());
   ORBServiceManagerOperatorServer server(manager());
   const MessageResult unknown = server.receiveMessage("stopServices:", {Array{kAgent}});
   ASSERT_FALSE(unknown);

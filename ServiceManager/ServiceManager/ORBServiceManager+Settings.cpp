@@ -64,6 +64,25 @@ void ORBServiceManager::handleNotificationsReturn() {
   });
 }
 
+// Jobs that could not be submitted, removed or told of are nobody else's business: the watchdog
+// starts none, and services are retried by themselves only where there is a health record.
+void ORBServiceManager::handleJobHostReturn() {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
+  switch (operatingMode_) {
+    case ORBOperatingModeNormal:
+      return evaluateSystemConfiguration();
+    case ORBOperatingModeWaitingForPrimaryService:
+      evaluateWaitingForPrimaryServiceOperatingMode();
+      // It may be what could not be started.
+      if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService &&
+          !isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel()))
+        enforceRunningForService(primaryLabel(), nullptr);
+      return;
+    default:
+      return;  // The installer's end decides.
+  }
+}
+
 void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",

@@ -147,6 +147,31 @@ TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+TEST_F(SettingsTest, TheReturnOfTheBusClearsASpentTimer) {
+  startConfigurationServer();
+  manager().setOperatingMode(kWaiting);
+  didChange();
+  loop_.advanceBy(2s);
+  ASSERT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  manager().handleNotificationsReturn();
+  EXPECT_EQ(manager().operatingMode(), kNormal);
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+  takeLog();
+  didChange();
+  loop_.advanceBy(2s);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
+TEST_F(SettingsTest, TheReturnOfTheBusCoversAPendingChange) {
+  startConfigurationServer();
+  didChange();
+  loop_.advanceBy(1s);
+  manager().handleNotificationsReturn();
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+  loop_.advanceBy(10s);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
 TEST_F(SettingsTest, TheInstallersEndIsReported) {
   useHealth();
   manager().evaluateServices();

@@ -49,6 +49,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
     : platform_(platform), validator_(platform_.codeSignatures), delayedCalls_(platform_.runLoop) {}
 
 ORBServiceManager::~ORBServiceManager() {
+  if (platform_.observeJobHostReturn) platform_.observeJobHostReturn({});
   endXPCListeners();
   // Their delegate and their root objects' target ends here.
   for (const auto& server :
@@ -242,6 +243,8 @@ void ORBServiceManager::observeSettings() {
   observe(kSettingsDidChange, &ORBServiceManager::handleGlobalSettingsDidChange);
   observations_.push_back(
       platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
+  if (platform_.observeJobHostReturn)
+    platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {

@@ -101,9 +101,12 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void handleGlobalSettingsServerWillShutdown(
       const platform::DistributedNotification& notification);
   void handleGlobalSettingsDidChange(const platform::DistributedNotification& notification);
-  // Notices may have been missed: decides as if those of the primary service and of a change of the
-  // settings had come.
+  // Notices may have been missed: decides, outside an installer's work, as if those of the primary
+  // service and of a change of the settings had come.
   void handleNotificationsReturn();
+  // The job host answers again: decides once more, outside an installer's work, what may have
+  // failed only because it did not.
+  void handleJobHostReturn();
   void globalSettingsServerDidRestart(SettingsClient& client) override;
   // The installer has finished. Always true.
   bool evaluateServices();
@@ -188,8 +191,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // What the operator is told. Nothing changes by asking; see OperatorFacts.h.
 
   platform::Value operatorOverview() const;
-  // Nil for a label that no service has, of whatever product. Asks the job host and the settings.
+  // Nil for a label that no service has, of whatever product. Asks the job host, which blocks for
+  // its time at most, and each settings server of the service's switches for two seconds at most.
   platform::Value operatorFactsOfService(std::string_view label) const;
+  // The facts of the jobs of those of the labels that are this product's services, by label.
+  platform::Value operatorJobsOfServices(const platform::Array& labels) const;
 
   // The per-run secret, for whoever has been authenticated.
   platform::Value retrieveKey() const { return secret_; }
@@ -336,11 +342,13 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void addOperatingFacts(platform::Dictionary& facts) const;
   void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
   void addProgramFacts(platform::Dictionary& facts, std::string_view label) const;
+  void addJobFacts(platform::Dictionary& facts, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, const platform::Value& features) const;
-  // `silent` are the sources that have been asked for these facts and have not answered.
+  // What is left of the time that each source gets to answer for these facts.
+  using SourceTimes = std::map<std::string, platform::Duration>;
   platform::Value switchFacts(const platform::Value& feature, const platform::Value& source,
                               const std::string& key, const platform::Value& expected,
-                              std::set<std::string>& silent) const;
+                              SourceTimes& left) const;
   void performAfterDelay(platform::Duration delay, platform::RunLoop::Callback call) {
     delayedCalls_.perform(std::move(call), delay);
   }

@@ -365,6 +365,8 @@ TEST_F(HealthServerTest, OnlyARegisteredConnectionHasADelegate) {
   EXPECT_TRUE(second->distantConnection()->isValid());
   EXPECT_TRUE(second->connectionAuthenticator());
   EXPECT_THAT(takeLog(), IsEmpty());
+  // The platform alone says why no reporter will find it.
+  EXPECT_EQ(systemSink_.count("The name \"ServiceManagerHealthInfo\" was not registered"), 1u);
   second->reportUnreadyStateForService(kAgent);
   EXPECT_THAT(second->problemServices(), ElementsAre(kAgent));
 }

@@ -32,5 +32,14 @@ MessageResult ORBServiceManagerOperatorServer::receiveMessage(std::string_view s
     }
     return manager_.operatorFactsOfService(*argument.string());
   }
+  if (selector == "jobsOfServices:") {
+    const Value argument = arguments.empty() ? Value() : arguments.front();
+    if (!argument.array()) {
+      return raiseInvalidArgument(selector,
+                                  stringWithFormat("expected an array of labels, got %@",
+                                                   argument.isNil() ? "nil" : className(argument)));
+    }
+    return manager_.operatorJobsOfServices(*argument.array());
+  }
   return raiseInvalidArgument(selector, "unrecognized selector sent to instance");
 }

@@ -14,9 +14,11 @@ class ORBServiceManagerOperatorServer final : public platform::MessageReceiver {
   // `manager` outlives this.
   explicit ORBServiceManagerOperatorServer(const ORBServiceManager& manager) : manager_(manager) {}
 
-  // "overview", "healthRecord" (nil where the product keeps none) and "factsOfService:" (nil for a
-  // label that no service of any product has). The last asks the job host and, for the service's
-  // switches, the settings servers, and so may take as long as that service's evaluation.
+  // "overview", "healthRecord" (nil where the product keeps none), "factsOfService:" (nil for a
+  // label that no service of any product has) and "jobsOfServices:", which tells of each label of
+  // this product's services what the job host knows. The last two ask the job host, which costs
+  // half a minute where it is there and does not answer; the facts also ask the settings servers of
+  // the service's switches, for two seconds each at most.
   // "extensions" tells of the catalogue's extensions by name; each that does not accept connections
   // costs a second.
   platform::MessageResult receiveMessage(std::string_view selector,

@@ -425,6 +425,19 @@ TEST_F(StartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
+TEST_F(StartUpTest, TheReturnOfTheJobHostIsObservedFromTheStartOnToTheEnd) {
+  startConfigurationServer();
+  EXPECT_FALSE(jobHostReturned_);
+  start();
+  loop_.advanceBy(1s);
+  takeLog();
+  ASSERT_TRUE(jobHostReturned_);
+  jobHostReturned_();
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
+  manager_.reset();
+  EXPECT_FALSE(jobHostReturned_);
+}
+
 TEST_F(StartUpTest, ASettingsChangeIsObserved) {
   startConfigurationServer();
   start();
@@ -460,6 +473,18 @@ TEST_F(StartUpTest, TheEndStopsNoService) {
   EXPECT_TRUE(manager().serviceToFeatureNotificationMap().empty());
   manager_.reset();
   EXPECT_TRUE(isRunning(kPrimary) && isRunning(kAgent) && isRunning(kHelper));
+}
+
+TEST_F(StartUpTest, TheEndRemovesNoObserverAndEndsNoTimer) {
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  manager().backgroundServiceWillTerminate({});
+  EXPECT_TRUE(manager().watchDog());
+  post("KLXGlobalSettingsDidChangeNotification");
+  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());  // It was evaluated.
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ enum Mode : std::int64_t {
   kInstaller = ORBOperatingModeInstaller,
   kWaiting = ORBOperatingModeWaitingForPrimaryService,
 };
-enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog, kBusReturn };
+enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog, kBusReturn, kHostReturn };
 enum class Server { kUp, kDown };
 enum class Action { kNone, kEvaluate, kStartPrimary, kStopServices };
 
@@ -75,6 +75,14 @@ constexpr std::array kTransitions{
     Transition{kInstaller, Event::kBusReturn, Server::kDown, kInstaller},
     Transition{kWaiting, Event::kBusReturn, Server::kUp, kNormal, Action::kEvaluate},
     Transition{kWaiting, Event::kBusReturn, Server::kDown, kWaiting},
+
+    // What was decided meanwhile may not have been done.
+    Transition{kNormal, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kNormal, Event::kHostReturn, Server::kDown, kNormal, Action::kEvaluate},
+    Transition{kInstaller, Event::kHostReturn, Server::kUp, kInstaller},
+    Transition{kInstaller, Event::kHostReturn, Server::kDown, kInstaller},
+    Transition{kWaiting, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},
+    Transition{kWaiting, Event::kHostReturn, Server::kDown, kWaiting, Action::kStartPrimary},
 };
 
 std::string nameOf(Mode mode) {
@@ -103,6 +111,8 @@ std::string nameOf(Event event) {
       return "Watchdog";
     case Event::kBusReturn:
       return "BusReturn";
+    case Event::kHostReturn:
+      return "HostReturn";
   }
   return "";
 }
@@ -155,6 +165,9 @@ class TransitionFixture : public ServiceManagerFixture {
       case Event::kBusReturn:
         manager().handleNotificationsReturn();
         break;
+      case Event::kHostReturn:
+        manager().handleJobHostReturn();
+        break;
     }
   }
 
@@ -187,10 +200,10 @@ INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, testing::ValuesIn(kTransitions),
                          });
 
 TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
-  EXPECT_EQ(kTransitions.size(), 3u * 6 * 2);
+  EXPECT_EQ(kTransitions.size(), 3u * 7 * 2);
   for (const Mode mode : {kNormal, kInstaller, kWaiting}) {
     for (const Event event : {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown,
-                              Event::kWatchdog, Event::kBusReturn}) {
+                              Event::kWatchdog, Event::kBusReturn, Event::kHostReturn}) {
       for (const Server server : {Server::kUp, Server::kDown}) {
         EXPECT_EQ(std::ranges::count_if(kTransitions,
                                         [&](const Transition& row) {

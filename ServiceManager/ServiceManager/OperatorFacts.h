@@ -40,7 +40,7 @@ inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
 inline constexpr char kFactProgramFault[] = "ProgramFault";            // why it is not
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
 // What the job host knows of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent:
-// there is no job, or no host answers.
+// there is no job, or no host answers. This and the next are what "jobsOfServices:" tells.
 inline constexpr char kFactJob[] = "Job";
 inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, where the host is silent
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()

@@ -22,6 +22,7 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
   add(kORBServiceManagerOperatorProtocol, {{"overview", kTwoWay},
                                            {"healthRecord", kTwoWay},
                                            {"factsOfService:", kTwoWay},
+                                           {"jobsOfServices:", kTwoWay},
                                            {"extensions", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
       {{"signatureWithReply:", kTwoWay},

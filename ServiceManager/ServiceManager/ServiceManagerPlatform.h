@@ -64,6 +64,9 @@ struct ServiceManagerPlatform {
   std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
   platform::XPC& xpc;
   platform::ExtendedAttributes& attributes;
+  // Takes whom to call each time that the job host answers again after it has failed somebody by
+  // its silence or absence; an empty one for nobody. Empty where no host can be missed.
+  std::function<void(std::function<void()> onReturn)> observeJobHostReturn;
   // Does something with factories whose clients belong to the calling thread, which need not be the
   // main one, and end with it. Where it is empty, the factories above are used.
   std::function<void(const std::function<void(const SettingsClientFactories&)>&)>

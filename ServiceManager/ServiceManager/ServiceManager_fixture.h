@@ -136,7 +136,7 @@ class FakeSettingsClient final : public SettingsClient {
     const auto found = settings_.find(std::string(key));
     return found == settings_.end() ? platform::Value() : found->second;
   }
-  platform::MessageResult lookAtObjectForKey(std::string_view key) override {
+  platform::MessageResult lookAtObjectForKey(std::string_view key, platform::Duration) override {
     return objectForKey(key);
   }
   void forgetConnection() override { ++lookedUpAnew; }
@@ -323,6 +323,7 @@ class ServiceManagerFixture : public testing::Test {
             },
             xpc_.xpc,
             attributes_,
+            [this](std::function<void()> onReturn) { jobHostReturned_ = std::move(onReturn); },
             {}};
   }
 
@@ -392,6 +393,7 @@ class ServiceManagerFixture : public testing::Test {
   SettingsClientFactories factories_;
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;
+  std::function<void()> jobHostReturned_;
   // A start makes the health record itself instead of what notes the reports.
   bool keepsHealthRecord_ = false;
   std::vector<std::string> reports_;

@@ -152,6 +152,8 @@ int main(int argc, char** argv) {
           },
       .xpc = (*xpc)->xpc(),
       .attributes = attributes,
+      .observeJobHostReturn =
+          [&](std::function<void()> onReturn) { host.setReturnHandler(std::move(onReturn)); },
       .withSettingsOfThisThread =
           [&](const std::function<void(const SettingsClientFactories&)>& ask) {
             withSettingsOfThisThread(linux, protocols, ask);

@@ -11,9 +11,13 @@ namespace {
 
 using testing::AllOf;
 using testing::Contains;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::Field;
+using testing::HasSubstr;
 using testing::IsEmpty;
+
+constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
 
 class DaemonServices : public DaemonFixture {};
 
@@ -100,6 +104,58 @@ TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluate
               Contains(Notice{DaemonRoot::kPrimary, 1, root_.processOf(DaemonRoot::kPrimary)}));
   EXPECT_NE(root_.processOf(DaemonRoot::kPrimary), before);
   expectKilledServiceIsReported(DaemonRoot::label(0));
+}
+
+TEST_F(DaemonServices, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
+  start(2);
+  const std::string label = DaemonRoot::label(0);
+  const ProcessId process = root_.processOf(label);
+  client_.reset();  // It could take no notice while a command is waited for.
+  root_.host().stopHost();
+  const auto stopped = root_.host().control({"stop", label});
+  EXPECT_EQ(stopped.status, exited(1));
+  const std::string notKnown =
+      "Whether " + label + " runs is not known: the job host does not answer.\n";
+  EXPECT_EQ(stopped.output, notKnown);
+  EXPECT_THAT(stopped.errors, HasSubstr("the job host does not answer, so that not every service "
+                                        "is known to be stopped"));
+  root_.awaitLog("Unable to unload " + label);
+  EXPECT_TRUE(isRunning(process));
+  // Nobody else is told that it is stopped, or waits for the host as long again.
+  EXPECT_THAT(root_.host().control({"list"}).output,
+              ContainsRegex(label + " +core +unknown +-  -\n"));
+  EXPECT_THAT(root_.host().control({"explain", label}).output,
+              HasSubstr("Whether " + label + " runs is not known: the job host gives no answer."));
+
+  const std::string other = "Evaluating service: " + DaemonRoot::label(1) + "\n";
+  const std::size_t before = root_.logCount(other);
+  root_.host().continueHost();
+  root_.awaitLog("The job host answers again");
+  root_.awaitLog(other, before + 1);
+  const auto again = root_.host().control({"stop", label});
+  EXPECT_EQ(again.status, exited(0)) << again.errors;
+  EXPECT_EQ(again.output, label + " is stopped.\n");
+  EXPECT_FALSE(isRunning(process));
+  EXPECT_EQ(root_.host().control({"start", label}).status, exited(0));
+  client_ = std::make_unique<UserInterfaceClient>(root_);
+  client_->registerClient();
+  for (const std::string& each : {label, DaemonRoot::label(1)}) expectKilledServiceIsReported(each);
+  expectNoneLostNoneDoubled(pids());
+}
+
+TEST_F(DaemonServices, WhatEndedWhileTheJobHostStoodStillIsBackOnceItGoesOn) {
+  start(2);
+  const std::string label = DaemonRoot::label(0);
+  const ProcessId before = root_.processOf(label);
+  root_.host().stopHost();
+  killAndAwait(before);
+  root_.awaitLog("Unable to submit job:");  // The evaluation after its end finds no host.
+  client_->forgetNotices();
+  root_.host().continueHost();
+  root_.await(label + " to be back", [&] { return client_->wasTold(label, 1); });
+  EXPECT_NE(root_.processOf(label), before);
+  expectNoneLostNoneDoubled(pids());
+  expectKilledServiceIsReported(label);
 }
 
 }  // namespace

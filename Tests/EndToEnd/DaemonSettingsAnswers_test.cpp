@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
@@ -18,6 +19,11 @@
 
 namespace platform {
 namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+
+constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
 
 class DaemonSettingsAnswers : public testing::Test, public MessageReceiver {
  protected:
@@ -114,6 +120,23 @@ TEST_F(DaemonSettingsAnswers, AValueOfAnotherTypeStopsWhatHangsOnItUntilItIsRigh
   post(kKLXGlobalSettingsDidChangeNotification);
   root_.await(kFeature + " to run", [&] { return client.wasTold(kFeature, 1); });
   EXPECT_EQ(root_.starts(), 1U);
+}
+
+TEST_F(DaemonSettingsAnswers, AnExplanationNamesTheServerThatHangsAndChangesNothing) {
+  root_.startDaemon();
+  root_.awaitStart();
+  root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
+  const ProcessId before = root_.processOf(kFeature);
+  // Nothing is served here until the command has ended.
+  const auto explained = root_.host().control({"explain", kFeature});
+  EXPECT_EQ(explained.status, exited(0)) << explained.errors;
+  EXPECT_THAT(explained.output,
+              AllOf(HasSubstr("no answer came from the settings server of common"),
+                    HasSubstr("common: \"on\" of feature \"feature\", expected 1, and its settings "
+                              "server gives no answer")));
+  EXPECT_EQ(root_.processOf(kFeature), before);
+  // The next evaluation asks the server as ever.
+  answer(Array{1}, ":The expected object for the switchkey \"on\" do not match");
 }
 
 TEST_F(DaemonSettingsAnswers, AStatusOfAnotherTypeIsNotUp) {

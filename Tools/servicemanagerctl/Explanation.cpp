@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
@@ -98,6 +100,15 @@ bool isUnwantedFeature(const Facts& facts) {
   return facts.isFeature() && !facts.isPrimary() && facts.switchThat(kOutcomeMatches).isNil();
 }
 
+// The names of the settings servers that did not answer, each once.
+std::string silentSources(const Facts& facts) {
+  std::set<std::string> names;
+  for (const Value& row : facts.switches()) {
+    if (row[kFactOutcome] == Value(kOutcomeNoAnswer)) names.insert(textOf(row[kFactSource]));
+  }
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
 Reason whyUnwanted(const Facts& facts) {
   if (facts.is(kFactFeaturesAreMalformed)) {
     return {"malformedFeatures", "the features that the catalogue gives it are no list"};
@@ -105,6 +116,12 @@ Reason whyUnwanted(const Facts& facts) {
   if (facts.switches().empty()) return {"noSwitch", "no switch could ask for it"};
   if (!facts.switchThat(kOutcomeNotAsked).isNil()) {
     return {"notEvaluated", "its switches have not been looked at yet"};
+  }
+  if (const std::string silent = silentSources(facts); !silent.empty()) {
+    return {"noAnswer",
+            "no switch asks for it that could be looked at, and no answer came from "
+            "the settings server of " +
+                silent};
   }
   return {"noMatch", "none of its switches asks for it"};
 }

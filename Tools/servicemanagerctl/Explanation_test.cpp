@@ -121,6 +121,9 @@ const std::vector<Row> kNotRunning{
     {"noSwitch", feature({}), "agent does not run: no switch could ask for it."},
     {"notEvaluated", feature({aSwitch("notAsked")}),
      "agent does not run: its switches have not been looked at yet."},
+    {"noAnswer", feature({aSwitch("noAnswer"), aSwitch("differs", 0), aSwitch("noAnswer")}),
+     "agent does not run: no switch asks for it that could be looked at, and no answer came from "
+     "the settings server of common."},
     {"noMatch", feature({aSwitch("absent"), aSwitch("clashes", "1"), aSwitch("noSource")}),
      "agent does not run: none of its switches asks for it."},
     {"noProgram",

@@ -37,17 +37,19 @@ Answer<Value> readCatalogue(DaemonClient& daemon) {
   return services;
 }
 
-Answer<std::vector<ServiceState>> readStates(DaemonClient& daemon, const Value& catalogue,
-                                             const std::vector<std::string>& labels,
-                                             const SystemInformation& system) {
+// From the operator's server: the user interface's would tell of a job host that does not answer as
+// of a service that is stopped.
+Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& environment,
+                                             const Value& catalogue,
+                                             const std::vector<std::string>& labels) {
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  const auto jobs = daemon.ask("jobsOfServices:", {asArray(labels)});
+  if (!jobs) return std::unexpected(jobs.error());
   std::vector<ServiceState> states;
-  for (const std::string& label : labels) {
-    const auto process = daemon.ask("pidForService:", {label});
-    if (!process) return std::unexpected(process.error());
-    const auto status = daemon.ask("lastExitStatusForService:", {label});
-    if (!status) return std::unexpected(status.error());
-    states.push_back(serviceState(label, catalogue, *process, *status, system));
-  }
+  for (const std::string& label : labels)
+    states.push_back(serviceState(label, catalogue, (*jobs)[label], environment.objects.system));
   return states;
 }
 
@@ -84,6 +86,10 @@ Duration removalTime(const std::vector<std::string>& labels, const Value& catalo
   return DaemonClient::kPatience + std::chrono::seconds(std::min(seconds, kLongestWait));
 }
 
+bool isUnknown(const ServiceState& service) {
+  return service.activity == ServiceState::Activity::kUnknown;
+}
+
 WaitProgress::Wait removalOf(const std::vector<std::string>& labels, const Value& catalogue) {
   if (labels.size() == 1)
     return WaitProgress::removalOf(labels.front(), exitTimeOutOf(labels.front(), catalogue));
@@ -115,16 +121,15 @@ bool ServiceCommands::parsed() const {
 }
 
 int ServiceCommands::run(const DaemonClient::Environment& environment) const {
-  const SystemInformation& system = environment.objects.system;
   const auto act = [&]() -> Answer<int> {
     if (end_->parsed()) return endInstaller(environment);
     DaemonClient userInterface(environment, kUserInterfaceServer,
                                kORBServiceManagerUserInterfaceProtocol);
     if (const auto connected = connect(userInterface); !connected)
       return std::unexpected(connected.error());
-    if (list_->parsed()) return list(userInterface, system);
-    if (start_->parsed()) return start(userInterface, system);
-    if (stop_->parsed()) return stop(userInterface, system);
+    if (list_->parsed()) return list(userInterface, environment);
+    if (start_->parsed()) return start(userInterface, environment);
+    if (stop_->parsed()) return stop(userInterface, environment);
     return beginInstaller(userInterface, environment);
   };
   const Answer<int> outcome = act();
@@ -134,21 +139,21 @@ int ServiceCommands::run(const DaemonClient::Environment& environment) const {
 }
 
 Answer<int> ServiceCommands::list(DaemonClient& userInterface,
-                                  const SystemInformation& system) const {
+                                  const DaemonClient::Environment& environment) const {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
   const auto catalogue = readCatalogue(userInterface);
   if (!catalogue) return std::unexpected(catalogue.error());
   std::vector<std::string> labels;
   for (const auto& [label, entry] : *catalogue->dictionary()) labels.push_back(label);
   std::ranges::sort(labels);
-  const auto services = readStates(userInterface, *catalogue, labels, system);
+  const auto services = readStates(environment, *catalogue, labels);
   if (!services) return std::unexpected(services.error());
   print(json_ ? asJson(*services).dump(2) + "\n" : asTable(*services, readerOf(STDOUT_FILENO)));
   return EXIT_SUCCESS;
 }
 
 Answer<int> ServiceCommands::start(DaemonClient& userInterface,
-                                   const SystemInformation& system) const {
+                                   const DaemonClient::Environment& environment) const {
   const auto catalogue = readCatalogueWith(userInterface, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   Answer<std::vector<ServiceState>> services;
@@ -162,14 +167,14 @@ Answer<int> ServiceCommands::start(DaemonClient& userInterface,
     const auto done = userInterface.ask("pidForService:", {labels_.front()},
                                         kStartTime * static_cast<std::int64_t>(labels_.size()));
     if (!done) return std::unexpected(done.error());
-    services = readStates(userInterface, *catalogue, labels_, system);
+    services = readStates(environment, *catalogue, labels_);
   }
   if (!services) return std::unexpected(services.error());
   return conclude(*services, true);
 }
 
 Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
-                                  const SystemInformation& system) const {
+                                  const DaemonClient::Environment& environment) const {
   const auto catalogue = readCatalogueWith(userInterface, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   Answer<std::vector<ServiceState>> services;
@@ -180,7 +185,7 @@ Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
     const auto done =
         userInterface.ask("pidForService:", {labels_.front()}, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
-    services = readStates(userInterface, *catalogue, labels_, system);
+    services = readStates(environment, *catalogue, labels_);
   }
   if (!services) return std::unexpected(services.error());
   return conclude(*services, false);
@@ -201,12 +206,12 @@ Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
         installer.ask("shutdownServices:", {asArray(labels_)}, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
     haveAllStopped = *done == Value(true);
-    services = readStates(userInterface, *catalogue, labels_, environment.objects.system);
+    services = readStates(environment, *catalogue, labels_);
   }
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
   if (!json_) print("No service is started by itself until \"servicemanagerctl installer end\".\n");
-  // A service whose process nobody can tell of looks like one that is stopped.
+  // It may have been, meanwhile.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");
   return status;
@@ -235,6 +240,12 @@ int ServiceCommands::conclude(const std::vector<ServiceState>& services, bool sh
     text += asSentence(service);
   }
   print(json_ ? asJson(services).dump(2) + "\n" : text);
+  if (std::ranges::any_of(services, isUnknown)) {
+    return fail(
+        fmt::format("the job host does not answer, so that not every service is known to {}; "
+                    "\"servicemanagerctl list\" tells once it does, and then try again",
+                    shouldRun ? "run" : "be stopped"));
+  }
   if (asWanted) return EXIT_SUCCESS;
   return fail(fmt::format("not every service {}; \"servicemanagerctl log\" tells why",
                           shouldRun ? "runs" : "is stopped"));

@@ -23,9 +23,10 @@ class ServiceCommands {
   int run(const DaemonClient::Environment& environment) const;
 
  private:
-  Answer<int> list(DaemonClient& userInterface, const platform::SystemInformation& system) const;
-  Answer<int> start(DaemonClient& userInterface, const platform::SystemInformation& system) const;
-  Answer<int> stop(DaemonClient& userInterface, const platform::SystemInformation& system) const;
+  Answer<int> list(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
+  Answer<int> start(DaemonClient& userInterface,
+                    const DaemonClient::Environment& environment) const;
+  Answer<int> stop(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
   Answer<int> beginInstaller(DaemonClient& userInterface,
                              const DaemonClient::Environment& environment) const;
   Answer<int> endInstaller(const DaemonClient::Environment& environment) const;

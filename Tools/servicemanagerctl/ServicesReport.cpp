@@ -5,9 +5,9 @@
 
 #include <fmt/format.h>
 
-#include "Platform/Linux/JobHostMessages.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 namespace {
@@ -44,6 +44,8 @@ std::string_view nameOf(Activity activity) {
       return "stopped";
     case Activity::kUnsupported:
       return "unsupported";
+    case Activity::kUnknown:
+      return "unknown";
   }
   return "";
 }
@@ -66,19 +68,18 @@ std::optional<Notice> readNotice(const Value& notice) {
 
 }  // namespace
 
-ServiceState serviceState(const std::string& label, const Value& services, const Value& process,
-                          const Value& lastExitStatus, const SystemInformation& system) {
-  Dictionary job;
-  if (!process.isNil()) job.set(kJobProcessKey, process);
-  if (!lastExitStatus.isNil()) job.set(kJobLastStatusKey, lastExitStatus);
+ServiceState serviceState(const std::string& label, const Value& services, const Value& jobFacts,
+                          const SystemInformation& system) {
   const bool isFeature =
       ORBServiceManager::serviceTypeForLabel(label, Dictionary{{"Services", services}}) ==
       ORBServiceManager::kFeatureService;
   const std::string* needed = services[label]["MinimumOSVersion"].string();
-  ServiceState state{.job = jobState(label, Value(std::move(job))),
+  ServiceState state{.job = jobState(label, jobFacts[kFactJob]),
                      .type = isFeature ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
                      .neededSystem = needed == nullptr ? "" : *needed};
-  state.activity = activityOf(state.job, state.neededSystem, system);
+  state.activity = jobFacts[kFactJobIsUnknown] == Value(true)
+                       ? Activity::kUnknown
+                       : activityOf(state.job, state.neededSystem, system);
   return state;
 }
 
@@ -146,6 +147,8 @@ std::string asSentence(const ServiceState& service) {
     case Activity::kUnsupported:
       return fmt::format("{} is not started here: it needs release {}.\n", label,
                          service.neededSystem);
+    case Activity::kUnknown:
+      return fmt::format("Whether {} runs is not known: the job host does not answer.\n", label);
   }
   return "";
 }

@@ -21,6 +21,7 @@ struct ServiceState {
     kWaiting,      // its process has ended and is to be started again
     kStopped,      // it has no process, and none that ended
     kUnsupported,  // it has no process and needs a newer system
+    kUnknown,      // the job host does not tell
   };
 
   JobState job;
@@ -31,13 +32,13 @@ struct ServiceState {
   bool operator==(const ServiceState&) const = default;
 };
 
-// A service's state from its entry in the catalogue and from what the service manager answers:
-// `process` and `lastExitStatus` are nil where there is none. `services` are all entries.
+// A service's state from its entry in the catalogue and from the facts of its job, see
+// OperatorFacts.h. `services` are all entries.
 ServiceState serviceState(const std::string& label, const platform::Value& services,
-                          const platform::Value& process, const platform::Value& lastExitStatus,
+                          const platform::Value& jobFacts,
                           const platform::SystemInformation& system);
 
-// "running", "waiting", "stopped", "needs 10.11".
+// "running", "waiting", "stopped", "needs 10.11", "unknown".
 std::string inWords(const ServiceState& service);
 
 // Every line with a line end. No service at all is told in words.

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "Platform/Testing/FakeSystemInformation.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 
 namespace {
 
@@ -19,7 +20,13 @@ class ServicesReportTest : public testing::Test {
  protected:
   ServiceState state(const std::string& label, const Value& process = {},
                      const Value& lastExitStatus = {}) {
-    return serviceState(label, catalogue_, process, lastExitStatus, system_);
+    Dictionary job;
+    if (!process.isNil()) job.set("PID", process);
+    if (!lastExitStatus.isNil()) job.set("LastExitStatus", lastExitStatus);
+    return serviceState(label, catalogue_, Dictionary{{kFactJob, std::move(job)}}, system_);
+  }
+  ServiceState unknown(const std::string& label) {
+    return serviceState(label, catalogue_, Dictionary{{kFactJobIsUnknown, true}}, system_);
   }
   std::vector<ServiceState> services() {
     return {state("agent", 4711), state("filter", {}, SIGKILL), state("modern"), state("scanner")};
@@ -43,6 +50,23 @@ TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromWhatIsKnownOfIt) {
   EXPECT_EQ(state("agent").type, Type::kCore);
   EXPECT_EQ(state("filter").type, Type::kFeature);
   EXPECT_EQ(state("unknown"), (ServiceState{.job = jobState("unknown", {})}));
+}
+
+TEST_F(ServicesReportTest, AServiceOfASilentJobHostIsNotCalledStopped) {
+  for (const char* label : {"agent", "modern"}) {
+    EXPECT_EQ(unknown(label).activity, Activity::kUnknown);
+    EXPECT_EQ(inWords(unknown(label)), "unknown");
+  }
+  EXPECT_EQ(asSentence(unknown("agent")),
+            "Whether agent runs is not known: the job host does not answer.\n");
+  EXPECT_EQ(asJson(unknown("scanner")).dump(),
+            R"({"label":"scanner","type":"core","state":"unknown","pid":null,"lastExit":null,)"
+            R"("neededSystem":null})");
+}
+
+TEST_F(ServicesReportTest, WhoseLastEndNobodyKnowsHasEnded) {
+  const Value facts = Dictionary{{kFactJob, Dictionary{{"LastExitStatusUnknown", true}}}};
+  EXPECT_EQ(serviceState("agent", catalogue_, facts, system_).activity, Activity::kWaiting);
 }
 
 TEST_F(ServicesReportTest, TheTableIsAligned) {

@@ -1,5 +1,6 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
@@ -12,6 +13,7 @@ using platform::Array;
 using platform::Data;
 using platform::DistributedNotification;
 using platform::Duration;
+using platform::Instant;
 using platform::MessageResult;
 using platform::MethodDescription;
 using platform::Notification;
@@ -248,8 +250,39 @@ MessageResult VantorDistantObject::sendMessage(std::string_view selector, Array 
   return std::move(invocation.returnValue);
 }
 
-MessageResult VantorDistantObject::lookWithMessage(std::string_view selector, Array arguments) {
-  return attempt({std::string(selector), std::move(arguments), {}});
+MessageResult VantorDistantObject::lookWithMessage(std::string_view selector,
+                                                   const Array& arguments, Duration patience) {
+  const auto proxy = rootProxy_;
+  if (!proxy) return lookByOwnConnection(selector, arguments, environment_.loop.now() + patience);
+  const auto connection = proxy->connectionForProxy();
+  const Duration usual = connection->replyTimeout();
+  connection->setReplyTimeout(std::min(patience, usual));
+  MessageResult result = proxy->sendMessage(selector, arguments);
+  connection->setReplyTimeout(usual);
+  return result;
+}
+
+MessageResult VantorDistantObject::lookByOwnConnection(std::string_view selector,
+                                                       const Array& arguments, Instant deadline) {
+  const auto left = [&] { return std::max(deadline - environment_.loop.now(), Duration::zero()); };
+  const auto connection =
+      remoteServerName_ ? environment_.connections.lookAtRegisteredName(*remoteServerName_, left())
+                        : nullptr;
+  if (!connection) return std::unexpected(NSException{kNilProxyException, "", {}});
+  connection->setDelegate(this);
+  connection->setRequestTimeout(left());
+  const auto proxy = connection->rootProxy();
+  MessageResult result;
+  if (proxy) {
+    (*proxy)->setProtocolForProxy(remoteProtocol_);
+    connection->setReplyTimeout(left());
+    result = (*proxy)->sendMessage(selector, arguments);
+  } else {
+    result = std::unexpected(proxy.error());
+  }
+  connection->setDelegate(nullptr);
+  connection->invalidate();
+  return result;
 }
 
 bool VantorDistantObject::connection(NSConnection& /*parent*/,

@@ -96,10 +96,13 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   // The same for a message put together here; its return value.
   platform::MessageResult sendMessage(std::string_view selector, platform::Array arguments = {});
 
-  // The same for who only looks: one attempt, whose failure is returned, and nothing of it logged
-  // as an error or left behind.
+  // The same for who only looks: one attempt, which takes `patience` at most and whose failure is
+  // returned. Nothing of it is logged here or left behind: where there is no connection yet it has
+  // one of its own, a server that is silent is not remembered as such, and one that is known to be
+  // is not waited for.
   platform::MessageResult lookWithMessage(std::string_view selector,
-                                          platform::Array arguments = {});
+                                          const platform::Array& arguments,
+                                          platform::Duration patience);
 
   bool connection(platform::NSConnection& parent,
                   platform::NSConnection& shouldMakeNewConnection) override;
@@ -127,6 +130,9 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   void invalidateConnection();
   bool isSetUp() const { return remoteServerName_.has_value(); }
   platform::MessageResult attempt(const NSInvocation& invocation);
+  platform::MessageResult lookByOwnConnection(std::string_view selector,
+                                              const platform::Array& arguments,
+                                              platform::Instant deadline);
   // Tries, and repeats where that is wanted.
   void deliver(NSInvocation& invocation);
 

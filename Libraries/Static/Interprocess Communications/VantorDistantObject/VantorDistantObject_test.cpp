@@ -171,27 +171,6 @@ TEST_F(VantorDistantObjectTest, AServerThatDoesNotAnswerIsATimeOut) {
   EXPECT_THAT(errors(), ElementsAre(errorLine("NSPortTimeoutException", 1)));
 }
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksIsToldOfAFailureAndLeavesNothingBehind) {
-  startServer();
-  const auto object = makeRetrying();
-  EXPECT_EQ(object->lookWithMessage("isServerUp"), MessageResult(Value(true)));
-  const auto connection = object->connection();
-  const MessageResult raised = object->lookWithMessage("fail");
-  ASSERT_FALSE(raised);
-  EXPECT_EQ(raised.error(), (platform::NSException{"ServerException", "because", {}}));
-  EXPECT_EQ(object->connection(), connection);
-  EXPECT_TRUE(connection->isValid());
-  serverTransport_.hang();
-  EXPECT_EQ(timeOf([&] {
-              const MessageResult late = object->lookWithMessage("isServerUp");
-              ASSERT_FALSE(late);
-              EXPECT_EQ(late.error().name, "NSPortTimeoutException");
-            }),
-            300s);
-  EXPECT_EQ(recentName(*object), "none");
-  EXPECT_THAT(errors(), IsEmpty());
-}
-
 TEST_F(VantorDistantObjectTest, AServerThatSaysNothingCostsOneWaitNotOnePerMessage) {
   startServer();
   const auto object = make();
