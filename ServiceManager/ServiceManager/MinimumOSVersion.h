@@ -2,8 +2,9 @@
 
 #include <cstdint>
 #include <optional>
-#include <string_view>
+
+#include "Platform/Value.h"
 
 // The lowest major number of the kernel on which a service with this "MinimumOSVersion" may run;
-// nothing for a release that is not known. Pure.
-std::optional<std::int64_t> kernelMajorNumberForMinimumOSVersion(std::string_view version);
+// nothing for a release that is not known, and for what is no text. Pure.
+std::optional<std::int64_t> kernelMajorNumberForMinimumOSVersion(const platform::Value& version);

@@ -174,6 +174,7 @@ void ORBServiceManager::handleServiceDidStartNotification(
 
 bool ORBServiceManager::shutdownServices(const Array& labels) {
   operatingMode_ = ORBOperatingModeInstaller;
+  isInstallerAtWork_ = true;
   bool haveAllStopped = true;
   for (const Value& element : labels) {
     const std::string* label = element.string();

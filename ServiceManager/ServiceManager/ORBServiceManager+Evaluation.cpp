@@ -166,9 +166,10 @@ SettingsClient* ORBServiceManager::configurationWithSelectorPrefix(const std::st
       known != configurationClients_->end()) {
     return known->second.get();
   }
-  auto client = makeSettingsClient(prefix + kClientFactorySuffix);
-  // Also a failed one: it is not tried again.
-  return configurationClients_->emplace(prefix, std::move(client)).first->second.get();
+  // Also a failed one, whatever it throws: it is not tried again.
+  const auto entry = configurationClients_->emplace(prefix, nullptr).first;
+  entry->second = makeSettingsClient(prefix + kClientFactorySuffix);
+  return entry->second.get();
 }
 
 std::unique_ptr<SettingsClient> ORBServiceManager::makeSettingsClient(const std::string& selector) {

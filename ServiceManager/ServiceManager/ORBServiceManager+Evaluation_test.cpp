@@ -1,4 +1,5 @@
 #include <chrono>
+#include <stdexcept>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
@@ -266,6 +267,15 @@ TEST_F(EvaluationTest, ASourceThatFailedOnceIsNeverTriedAgain) {
   settings("common");  // Now it would resolve.
   EXPECT_FALSE(manager().configurationWithSelectorPrefix("common"));
   EXPECT_TRUE(manager().configurationClients()->at("common") == nullptr);
+}
+
+TEST_F(EvaluationTest, AFactoryThatThrowsIsRememberedAndTheErrorPassedOn) {
+  factories_.add("cmxSettingsClientWithDelegate:",
+                 [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   throw std::runtime_error("out of order");
+                 });
+  EXPECT_THROW(manager().configurationWithSelectorPrefix("cmx"), std::runtime_error);
+  EXPECT_FALSE(manager().configurationWithSelectorPrefix("cmx"));
 }
 
 TEST_F(EvaluationTest, ASourcesClientIsMadeOnce) {

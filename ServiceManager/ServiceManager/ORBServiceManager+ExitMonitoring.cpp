@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <limits>
 
@@ -72,8 +73,14 @@ std::optional<ProcessId> ORBServiceManager::awaitProcess(std::string_view label)
   return std::nullopt;
 }
 
+// A process whose stop failed is no longer marked and still watched: a second watch would tell of
+// its end twice, and of the next one's, for good.
 bool ORBServiceManager::armExitWatch(std::string label, ProcessId process) {
-  const auto watch = exitWatches_.emplace(exitWatches_.end());
+  const bool isArmed = std::ranges::any_of(exitWatches_, [&](const ExitWatch& watch) {
+    return watch.label == label && watch.process == process;
+  });
+  if (isArmed) return true;
+  const auto watch = exitWatches_.insert(exitWatches_.end(), {label, process, nullptr});
   auto armed = platform_.exitWatcher.watchExit(
       process, [this, watch, context = ExitNoteContext{this, std::move(label)},
                 process](std::optional<ExitStatus>) {
@@ -85,6 +92,6 @@ bool ORBServiceManager::armExitWatch(std::string label, ProcessId process) {
     exitWatches_.erase(watch);
     return false;
   }
-  *watch = std::move(*armed);
+  watch->handle = std::move(*armed);
   return true;
 }

@@ -200,7 +200,7 @@ TEST_F(ExitMonitoringTest, AnExitMakesTheEvaluationWatchTheNewProcess) {
                                            notice(kHelper, 1, process(kHelper))));
 }
 
-TEST_F(ExitMonitoringTest, AProcessThatHasEndedBeforeItWasWatchedIsReported) {
+TEST_F(ExitMonitoringTest, AnExitThatTheLoopHasNotHeardOfYetIsReportedWithItsNextTurn) {
   manager().setOperatingMode(ORBOperatingModeInstaller);
   submit(kAgent, 3600);
   const auto client = registerClient();
@@ -211,6 +211,30 @@ TEST_F(ExitMonitoringTest, AProcessThatHasEndedBeforeItWasWatchedIsReported) {
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first)));
   loop_.runReady();
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first), notice(kAgent, 0)));
+}
+
+// The process goes on and its watch with it, though neither is marked any more.
+TEST_F(ExitMonitoringTest, AServiceThatCouldNotBeStoppedHasOneWatch) {
+  submit(kPrimary);
+  submit(kAgent);
+  submit(kHelper);
+  for (const char* label : {kPrimary, kAgent, kHelper}) monitor(label);
+  jobs_.setReachable(false);
+  EXPECT_FALSE(manager().enforceShutdownForService(kAgent));
+  EXPECT_FALSE(isMonitored(kAgent));
+  jobs_.setReachable(true);
+  const auto client = registerClient();
+  EXPECT_TRUE(monitor(kAgent));
+  EXPECT_TRUE(isMonitored(kAgent));
+  EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, process(kAgent))));
+  EXPECT_EQ(exitWatcher_.watchCount(), 3u);
+  for (int exit = 0; exit < 2; ++exit) {
+    client->notices.clear();
+    kill(kAgent);
+    EXPECT_THAT(client->notices,
+                ElementsAre(notice(kAgent, 0), notice(kAgent, 1, process(kAgent))));
+    EXPECT_EQ(exitWatcher_.watchCount(), 3u);
+  }
 }
 
 TEST_F(ExitMonitoringTest, AHundredExitsAreEachSeenOnceWithTheNewProcessAfterwards) {

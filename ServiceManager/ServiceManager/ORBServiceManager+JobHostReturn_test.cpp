@@ -24,6 +24,7 @@ class JobHostReturnTest : public ServiceManagerFixture {
 };
 
 TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStartedIs) {
+  startConfigurationServer();
   jobs_.setReachable(false);
   manager().evaluateSystemConfiguration();
   jobs_.setReachable(true);
@@ -37,6 +38,7 @@ TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStartedIs) {
 }
 
 TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStoppedIs) {
+  startConfigurationServer();
   settings("common")["on"] = 1;
   Dictionary services = *catalogue()["Services"].dictionary();
   services.set(kAgent, entry("agent", {{"Features", Array{"web"}}}));
@@ -68,6 +70,79 @@ TEST_F(JobHostReturnTest, TheReturnOfTheJobHostStartsNothingThatTheUserInterface
     EXPECT_FALSE(isRunning(kPrimary));
     EXPECT_FALSE(isRunning(kAgent));
   }
+}
+
+TEST_F(JobHostReturnTest, AStopThatFailedIsDoneOnceTheJobHostReturns) {
+  startConfigurationServer();
+  manager().evaluateSystemConfiguration();
+  jobs_.setReachable(false);
+  manager().stopServices({kAgent});
+  jobs_.setReachable(true);
+  ASSERT_TRUE(isRunning(kAgent));
+  manager().setOperatingMode(ORBOperatingModeInstaller);
+  manager().handleJobHostReturn();
+  EXPECT_TRUE(isRunning(kAgent));
+  manager().setOperatingMode(kNormal);
+  manager().handleJobHostReturn();
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(JobHostReturnTest, AnInstallersPrimaryServiceIsNotStartedByTheReturn) {
+  startConfigurationServer();
+  manager().evaluateSystemConfiguration();
+  manager().shutdownServices({kPrimary, kAgent});
+  manager().handleGlobalSettingsServerWillShutdown({});
+  stopConfigurationServer();
+  ASSERT_EQ(manager().operatingMode(), kWaiting);
+  manager().handleJobHostReturn();
+  EXPECT_FALSE(isRunning(kPrimary));
+  manager().evaluateServices();
+  loop_.advanceBy(100ms);
+  EXPECT_TRUE(isRunning(kPrimary));
+  // And from then on it is again.
+  EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kPrimary, nullptr, true));
+  manager().handleJobHostReturn();
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
+TEST_F(JobHostReturnTest, APrimaryServiceThatEndedMeanwhileComesFirst) {
+  startConfigurationServer();
+  manager().evaluateSystemConfiguration();
+  stopConfigurationServer();
+  takeLog();
+  manager().handleJobHostReturn();
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  EXPECT_EQ(evaluations(), 0u);
+  startConfigurationServer();
+  manager().handleGlobalSettingsServerDidStart({});
+  EXPECT_EQ(evaluations(), 1u);
+}
+
+TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeWatchedIs) {
+  startConfigurationServer();
+  manager().evaluateSystemConfiguration();
+  const auto client = registerClient();
+  jobs_.endProcess(kAgent);
+  jobs_.setReachable(false);
+  loop_.runReady();
+  ASSERT_FALSE(manager().isServiceBeingTrackedForRespawn(kAgent));
+  jobs_.setReachable(true);
+  client->notices.clear();
+  manager().handleJobHostReturn();
+  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
+  EXPECT_THAT(client->notices, testing::Contains(notice(kAgent, 1, process(kAgent))));
+}
+
+TEST_F(JobHostReturnTest, TheReturnOfTheJobHostCoversAPendingChange) {
+  startConfigurationServer();
+  manager().handleGlobalSettingsDidChange({"KLXGlobalSettingsDidChangeNotification", std::nullopt,
+                                           Dictionary{{"KLXGlobalSettingsKeyModified", "on"}}});
+  loop_.advanceBy(1s);
+  manager().handleJobHostReturn();
+  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
+  loop_.advanceBy(10s);
+  EXPECT_EQ(evaluations(), 1u);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "Platform/StringFormat.h"
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
@@ -107,9 +108,9 @@ Value ORBServiceManager::operatorFactsOfService(std::string_view label) const {
   facts.set(kFactIsPrimaryStopped,
             isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel()));
   facts.set(kFactKernel, NSProcessInfo::Extensions::systemMajorNumber(&platform_.system));
-  if (const std::string* version = entry["MinimumOSVersion"].string()) {
-    facts.set(kFactMinimumOSVersion, *version);
-    if (const auto needed = kernelMajorNumberForMinimumOSVersion(*version)) {
+  if (const Value version = entry["MinimumOSVersion"]; !version.isNil()) {
+    facts.set(kFactMinimumOSVersion, stringWithFormat("%@", version));
+    if (const auto needed = kernelMajorNumberForMinimumOSVersion(version)) {
       facts.set(kFactNeededKernel, *needed);
     }
   }

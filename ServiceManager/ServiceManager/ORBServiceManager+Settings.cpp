@@ -42,8 +42,15 @@ void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;  // The installer's mode ends, too.
 }
 
-// The primary service may have gone, or come, or both. What the watchdog would find out in up to a
-// quarter of an hour is found out now; in normal mode the settings may be others, too.
+// What the watchdog would find out in up to a quarter of an hour is found out now; what is decided
+// in normal mode is decided anew.
+void ORBServiceManager::decideAnew() {
+  const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
+  evaluateWaitingForPrimaryServiceOperatingMode();
+  if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
+}
+
+// The primary service may have gone, or come, or both, and the settings may be others.
 void ORBServiceManager::handleNotificationsReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
   // None of them has heard of a start either, and one that was silent is asked again.
@@ -53,10 +60,8 @@ void ORBServiceManager::handleNotificationsReturn() {
       if (client) client->forgetConnection();
     }
   }
-  const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
-  evaluateWaitingForPrimaryServiceOperatingMode();
-  if (!wasNormal) return;
-  if (operatingMode_ == ORBOperatingModeNormal) return evaluateSystemConfiguration();
+  decideAnew();
+  if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
   // A server that only stood still announces no start, and the watchdog is long in coming.
   performAfterDelay(kSilenceIsOver, [this] {
     if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
@@ -64,23 +69,29 @@ void ORBServiceManager::handleNotificationsReturn() {
   });
 }
 
+// The evaluation passes over what the user interface has stopped, and so over what still runs of
+// it.
+void ORBServiceManager::endWhatWasToBeStopped() {
+  const Dictionary services = monitoredProcessesInfo_;  // Stopping one changes its record.
+  for (const auto& [label, record] : services) {
+    if (!isServiceBeingTrackedForUserClientShutdownRequest(label)) continue;
+    const Value job = copyJobDictionary(label);
+    if (!job.isNil() && !isJobUnknown(job)) enforceShutdownForService(label);
+  }
+}
+
 // Jobs that could not be submitted, removed or told of are nobody else's business: the watchdog
 // starts none, and services are retried by themselves only where there is a health record.
+//
+// The primary service comes first, as at the start: without its settings the services that hang on
+// them would all be stopped. It may be what could not be started.
 void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
-  switch (operatingMode_) {
-    case ORBOperatingModeNormal:
-      return evaluateSystemConfiguration();
-    case ORBOperatingModeWaitingForPrimaryService:
-      evaluateWaitingForPrimaryServiceOperatingMode();
-      // It may be what could not be started.
-      if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService &&
-          !isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel()))
-        enforceRunningForService(primaryLabel(), nullptr);
-      return;
-    default:
-      return;  // The installer's end decides.
-  }
+  if (operatingMode_ != ORBOperatingModeInstaller) endWhatWasToBeStopped();
+  decideAnew();
+  if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;
+  if (isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel())) return;
+  enforceRunningForService(primaryLabel(), nullptr);
 }
 
 void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {
@@ -110,6 +121,7 @@ bool ORBServiceManager::evaluateServices() {
 }
 
 void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
+  isInstallerAtWork_ = false;
   operatingMode_ = ORBOperatingModeNormal;
   if (!isPrimaryServiceUp()) {
     operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
@@ -141,8 +153,8 @@ void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) 
 
 bool ORBServiceManager::checkOSSupportForService(const std::string& label) {
   const Value version = serviceEntryWithLabel(label, serviceInfo_)["MinimumOSVersion"];
-  if (!version.string()) return true;
-  const auto needed = kernelMajorNumberForMinimumOSVersion(*version.string());
+  if (version.isNil()) return true;
+  const auto needed = kernelMajorNumberForMinimumOSVersion(version);
   if (!needed) {
     vantorlogger2_line(
         ASL_LEVEL_ERR,

@@ -147,6 +147,18 @@ TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+TEST_F(SettingsTest, AServerThatStoodStillWhileItWasAwaitedIsAskedOnceMore) {
+  startConfigurationServer();
+  manager().setOperatingMode(kWaiting);
+  configurationProgram_->transport.hang();
+  manager().handleNotificationsReturn();
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  configurationProgram_->transport.goOn();
+  loop_.advanceBy(31s);
+  EXPECT_EQ(manager().operatingMode(), kNormal);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
 TEST_F(SettingsTest, TheReturnOfTheBusClearsASpentTimer) {
   startConfigurationServer();
   manager().setOperatingMode(kWaiting);
@@ -343,7 +355,14 @@ TEST_F(OSSupportTest, AServiceRunsFromItsReleaseOn) {
 TEST_F(OSSupportTest, AServiceWithoutAReleaseRunsOnAny) {
   EXPECT_TRUE(manager().checkOSSupportForService(kAgent));
   EXPECT_TRUE(manager().checkOSSupportForService("com.example.unknown"));
-  EXPECT_TRUE(isSupported(10.8, "1.0.0"));  // A number is no release.
+}
+
+TEST_F(OSSupportTest, AReleaseOfAnotherTypeIsUnknown) {
+  for (const Value& version : {Value(10.5), Value(15), Value(true), Value(Array{"10.8"})}) {
+    EXPECT_FALSE(isSupported(version, "15.0.0"));
+    EXPECT_THAT(takeLog(), ElementsAre(stringWithFormat(
+                               "3 Unknown OS version: '%@'.  Not starting service", version)));
+  }
 }
 
 TEST_F(OSSupportTest, AnUnknownReleaseRunsOnNoneAndIsLogged) {

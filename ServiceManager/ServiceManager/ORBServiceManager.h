@@ -104,8 +104,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Notices may have been missed: decides, outside an installer's work, as if those of the primary
   // service and of a change of the settings had come.
   void handleNotificationsReturn();
-  // The job host answers again: decides once more, outside an installer's work, what may have
-  // failed only because it did not.
+  // The job host answers again: what may have failed only because it did not is done, outside an
+  // installer's work: what the user interface has stopped is, and all else is decided anew.
   void handleJobHostReturn();
   void globalSettingsServerDidRestart(SettingsClient& client) override;
   // The installer has finished. Always true.
@@ -316,6 +316,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
                       const platform::Value& expected, SettingsClient* client);
   std::unique_ptr<SettingsClient> makeSettingsClient(const std::string& selector);
+  void decideAnew();
+  void endWhatWasToBeStopped();
   // A job that runs or has been submitted.
   struct EnforcedJob {
     platform::Value dictionary;
@@ -386,6 +388,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::optional<std::string> product_;
   std::unique_ptr<VantorDistantObject> primaryServiceNotificationClient_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
+  // The mode does not tell: the end of the primary service, which may be what is installed, ends
+  // it.
+  bool isInstallerAtWork_ = false;
   // In the order of registration. Shared with whoever else speaks to the same object.
   std::vector<std::shared_ptr<const platform::NSProxy>> userClients_;
   platform::Value secret_;
@@ -403,5 +408,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // When which service is stopped, by its label; in the order of the evaluations that decided so.
   std::multimap<std::string, platform::Instant, std::less<>> dueShutdowns_;
   // Each ends when its process has. A service that was stopped and started again may have two.
-  std::list<std::unique_ptr<platform::RunLoopHandle>> exitWatches_;
+  struct ExitWatch {
+    std::string label;
+    platform::ProcessId process;
+    std::unique_ptr<platform::RunLoopHandle> handle;
+  };
+  std::list<ExitWatch> exitWatches_;
 };

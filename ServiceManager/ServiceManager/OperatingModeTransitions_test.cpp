@@ -78,7 +78,7 @@ constexpr std::array kTransitions{
 
     // What was decided meanwhile may not have been done.
     Transition{kNormal, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kNormal, Event::kHostReturn, Server::kDown, kNormal, Action::kEvaluate},
+    Transition{kNormal, Event::kHostReturn, Server::kDown, kWaiting, Action::kStartPrimary},
     Transition{kInstaller, Event::kHostReturn, Server::kUp, kInstaller},
     Transition{kInstaller, Event::kHostReturn, Server::kDown, kInstaller},
     Transition{kWaiting, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},

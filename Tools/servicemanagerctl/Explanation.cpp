@@ -50,6 +50,10 @@ class Facts {
     const Array* switches = facts_[kFactSwitches].array();
     return switches ? *switches : kNone;
   }
+  // Then it is started in any mode.
+  bool isRetried() const {
+    return facts_[kFactHealth][kHealthStatus] == Value(0) && has(kFactRetryIn);
+  }
   // The first switch of that outcome, nil where there is none.
   Value switchThat(std::string_view outcome) const {
     const auto found = std::ranges::find_if(switches(), [&](const Value& row) {
@@ -154,13 +158,14 @@ Reason whatForbidsIt(const Facts& facts) {
                                    "starts it",
                                    facts.label())};
   }
+  if (facts.isRetried()) return {};
   if (facts.mode() == ORBOperatingModeInstaller) {
-    return {"installer", "an installer is at work, and nothing is started until it has finished"};
+    return {"installer", "an installer is at work, and it is not started until that has finished"};
   }
   if (facts.isPrimary()) return {};
   if (facts.mode() == ORBOperatingModeWaitingForPrimaryService) {
-    return {"waiting", fmt::format("the configuration server is not up, and nothing is started "
-                                   "until it is; \"servicemanagerctl explain {}\" tells of it",
+    return {"waiting", fmt::format("the configuration server is not up, and it is not started "
+                                   "until that is; \"servicemanagerctl explain {}\" tells of it",
                                    facts.text(kFactPrimary))};
   }
   if (facts.is(kFactIsPrimaryStopped)) {
@@ -266,7 +271,7 @@ std::string aboutHealth(const Facts& facts) {
 }
 
 std::string aboutRetry(const Facts& facts) {
-  if (facts[kFactHealth][kHealthStatus] == Value(0) && facts.has(kFactRetryIn)) {
+  if (facts.isRetried()) {
     return "in " + inSeconds(facts[kFactRetryIn]);
   }
   if (facts.has(kFactSettingsEvaluationIn)) {

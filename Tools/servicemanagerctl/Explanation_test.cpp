@@ -107,10 +107,16 @@ const std::vector<Row> kNotRunning{
      "it."},
     {"installer",
      {{kFactOperatingMode, 1}},
-     "agent does not run: an installer is at work, and nothing is started until it has finished."},
+     "agent does not run: an installer is at work, and it is not started until that has finished."},
+    {"noProgram",
+     {{kFactOperatingMode, 1},
+      {kFactHealth, Dictionary{{kHealthStatus, 0}}},
+      {kFactRetryIn, 7.5},
+      {kFactProgramExists, false}},
+     "agent does not run: its program /opt/agent is not there."},
     {"waiting",
      {{kFactOperatingMode, 2}},
-     "agent does not run: the configuration server is not up, and nothing is started until it is; "
+     "agent does not run: the configuration server is not up, and it is not started until that is; "
      "\"servicemanagerctl explain configd\" tells of it."},
     {"primaryStopped",
      {{kFactIsPrimaryStopped, true}},

@@ -210,7 +210,8 @@ Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
   }
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
-  if (!json_) print("No service is started by itself until \"servicemanagerctl installer end\".\n");
+  if (!json_)
+    print("None of these is started by itself until \"servicemanagerctl installer end\".\n");
   // It may have been, meanwhile.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");

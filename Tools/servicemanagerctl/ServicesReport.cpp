@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "Platform/StringFormat.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
@@ -17,13 +18,13 @@ using Activity = ServiceState::Activity;
 using Json = nlohmann::ordered_json;
 
 // Whether the service manager would refuse it on this system; it says so only in its log.
-bool isUnsupported(const std::string& neededSystem, const SystemInformation& system) {
-  if (neededSystem.empty()) return false;
+bool isUnsupported(const Value& neededSystem, const SystemInformation& system) {
+  if (neededSystem.isNil()) return false;
   const auto needed = kernelMajorNumberForMinimumOSVersion(neededSystem);
   return !needed || NSProcessInfo::Extensions::systemMajorNumber(&system) < *needed;
 }
 
-Activity activityOf(const JobState& job, const std::string& neededSystem,
+Activity activityOf(const JobState& job, const Value& neededSystem,
                     const SystemInformation& system) {
   if (job.process) return Activity::kRunning;
   if (isUnsupported(neededSystem, system)) return Activity::kUnsupported;
@@ -73,13 +74,13 @@ ServiceState serviceState(const std::string& label, const Value& services, const
   const bool isFeature =
       ORBServiceManager::serviceTypeForLabel(label, Dictionary{{"Services", services}}) ==
       ORBServiceManager::kFeatureService;
-  const std::string* needed = services[label]["MinimumOSVersion"].string();
+  const Value needed = services[label]["MinimumOSVersion"];
   ServiceState state{.job = jobState(label, jobFacts[kFactJob]),
                      .type = isFeature ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
-                     .neededSystem = needed == nullptr ? "" : *needed};
+                     .neededSystem = needed.isNil() ? "" : stringWithFormat("%@", needed)};
   state.activity = jobFacts[kFactJobIsUnknown] == Value(true)
                        ? Activity::kUnknown
-                       : activityOf(state.job, state.neededSystem, system);
+                       : activityOf(state.job, needed, system);
   return state;
 }
 
