@@ -6,7 +6,8 @@
 namespace platform {
 
 std::expected<std::unique_ptr<AuthorizationRef>, OSStatus> FakeAuthorization::AuthorizationCreate(
-    AuthorizationFlags) {
+    AuthorizationFlags flags) {
+  created.push_back(flags);
   if (!jobs_.awaitHost()) return std::unexpected(kErrnoStatusBase + ECONNREFUSED);
   return std::make_unique<AuthorizationRef>();
 }
@@ -14,6 +15,7 @@ std::expected<std::unique_ptr<AuthorizationRef>, OSStatus> FakeAuthorization::Au
 OSStatus FakeAuthorization::AuthorizationCopyRights(AuthorizationRef&,
                                                     std::span<const std::string_view> rights,
                                                     AuthorizationFlags flags) {
+  asked.push_back({{rights.begin(), rights.end()}, flags});
   if (!(flags & kAuthorizationFlagExtendRights)) return errAuthorizationDenied;
   if (!std::ranges::all_of(rights,
                            [](auto right) { return right == kSMRightModifySystemDaemons; })) {

@@ -3,7 +3,9 @@
 #include <expected>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Authorization.h"
 #include "Platform/Testing/FakeJobs.h"
@@ -21,6 +23,14 @@ class FakeAuthorization final : public Authorization {
   OSStatus AuthorizationCopyRights(AuthorizationRef& authorization,
                                    std::span<const std::string_view> rights,
                                    AuthorizationFlags flags) override;
+
+  // What was asked of it, in order.
+  struct Asked {
+    std::vector<std::string> rights;
+    AuthorizationFlags flags;
+  };
+  std::vector<AuthorizationFlags> created;
+  std::vector<Asked> asked;
 
  private:
   FakeJobs& jobs_;

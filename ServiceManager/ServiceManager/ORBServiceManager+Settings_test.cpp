@@ -319,12 +319,18 @@ TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainEveryTwentySecondsUntilItIs) {
 
 TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainInAnyMode) {
   useHealth();
-  files_.remove(pathOf("agent"));
-  manager().evaluateSystemConfiguration();
-  addProgram("agent");
-  manager().setOperatingMode(kInstaller);
-  loop_.advanceBy(20s);
-  EXPECT_TRUE(isRunning(kAgent));
+  for (const auto mode : {kNormal, kInstaller, kWaiting}) {
+    manager().setOperatingMode(kNormal);
+    files_.remove(pathOf("agent"));
+    EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true) ||
+                mode == kNormal);
+    manager().evaluateSystemConfiguration();
+    EXPECT_FALSE(isRunning(kAgent));
+    addProgram("agent");
+    manager().setOperatingMode(mode);
+    loop_.advanceBy(20s);
+    EXPECT_TRUE(isRunning(kAgent)) << mode;
+  }
 }
 
 // The release that a service needs.

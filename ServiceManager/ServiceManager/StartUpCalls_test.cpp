@@ -1,0 +1,139 @@
+// What the daemon asks of the platform while it starts, to the letter.
+
+#include <functional>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+
+namespace {
+
+using namespace platform;
+using testing::ElementsAre;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+// Hands everything on, and notes what a bus does not carry.
+class RecordingCenter final : public DistributedNotificationCenter {
+ public:
+  explicit RecordingCenter(std::unique_ptr<DistributedNotificationCenter> center)
+      : center_(std::move(center)) {}
+
+  std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
+                                           std::optional<std::string> object, Handler handler,
+                                           NSNotificationSuspensionBehavior behavior) override {
+    EXPECT_FALSE(object);
+    behaviors.emplace(name.value_or("any"), behavior);
+    return center_->addObserver(std::move(name), std::move(object), std::move(handler), behavior);
+  }
+  std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
+    ++returnsObserved;
+    return center_->observeReturn(std::move(handler));
+  }
+  void postNotificationName(std::string_view name, std::optional<std::string> object,
+                            Value userInfo, NSNotificationPosting posting) override {
+    postings.emplace_back(name, posting);
+    if (onPost) onPost();
+    center_->postNotificationName(name, std::move(object), std::move(userInfo), posting);
+  }
+
+  std::multimap<std::string, NSNotificationSuspensionBehavior> behaviors;
+  std::vector<std::pair<std::string, NSNotificationPosting>> postings;
+  std::function<void()> onPost;
+  int returnsObserved = 0;
+
+ private:
+  std::unique_ptr<DistributedNotificationCenter> center_;
+};
+
+class StartUpCallsTest : public StartUpFixture {
+ protected:
+  StartUpCallsTest() {
+    auto recording = std::make_unique<RecordingCenter>(std::move(center_));
+    recording_ = recording.get();
+    center_ = std::move(recording);
+  }
+
+  RecordingCenter* recording_;
+};
+
+TEST_F(StartUpCallsTest, AnnouncementsGoToAllSessions) {
+  start();
+  jobs_.setCallerAllowed(false);
+  start();
+  EXPECT_THAT(recording_->postings,
+              ElementsAre(Pair(kDidStart, NSNotificationPosting::kPostToAllSessions),
+                          Pair(kDidStartError, NSNotificationPosting::kPostToAllSessions)));
+}
+
+TEST_F(StartUpCallsTest, OnlyWhatTheConfigurationServerTellsIsToBeDeliveredImmediately) {
+  install(catalogue({{kPrimary, entry("configd")},
+                     {kAgent, entry("agent", {{"Notification", "com.example.up"}})}}));
+  start();
+  using enum NSNotificationSuspensionBehavior;
+  EXPECT_THAT(recording_->behaviors,
+              testing::IsSupersetOf(
+                  {Pair("com.example.up", kCoalesce),
+                   Pair("com.vantor.notification.configd.didstart", kDeliverImmediately),
+                   Pair("com.vantor.notification.configd.willshutdown", kDeliverImmediately),
+                   Pair("KLXGlobalSettingsDidChangeNotification", kDeliverImmediately)}));
+}
+
+TEST_F(StartUpCallsTest, TheStartIsAnnouncedWhenEverythingElseIsDone) {
+  useHealth();
+  int announcements = 0;
+  recording_->onPost = [&] {
+    ++announcements;
+    EXPECT_TRUE(manager().installerConnection());
+    EXPECT_TRUE(manager().userInterfaceConnection());
+    EXPECT_TRUE(manager().deamonConnection());
+    EXPECT_TRUE(manager().xpcListener());
+    EXPECT_TRUE(manager().watchDog());
+    EXPECT_FALSE(manager().monitoredProcessesInfo().empty());
+  };
+  start();
+  EXPECT_EQ(announcements, 1);
+}
+
+TEST_F(StartUpCallsTest, TheOneRightIsAskedForAheadOfItsUse) {
+  start();
+  EXPECT_THAT(authorization_.created, ElementsAre(kAuthorizationFlagDefaults));
+  ASSERT_EQ(authorization_.asked.size(), 1u);
+  EXPECT_THAT(authorization_.asked[0].rights,
+              ElementsAre("com.apple.ServiceManagement.daemons.modify"));
+  EXPECT_EQ(authorization_.asked[0].flags, 18u);
+}
+
+// Each would do by itself.
+TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsTold) {
+  const auto error = [&] {
+    heard_.clear();
+    start();
+    EXPECT_EQ(heard_.size(), 1u);
+    return heard_.empty() ? Value() : heard_.front().userInfo["Error"];
+  };
+  installProduct("no product's");
+  EXPECT_EQ(error(), Value("Unkown product type"));
+  files_.remove(kProductFile);
+  EXPECT_EQ(error(), Value("Malformed Configuration"));
+  EXPECT_EQ(heard_.front().userInfo["Description"], Value("Unable to resolve product information"));
+  files_.remove(kCatalogueFile);
+  EXPECT_EQ(error(), Value("Malformed Configuration"));
+  EXPECT_EQ(heard_.front().userInfo["Description"],
+            Value("Unable to resolve primary service information"));
+  signatures_.addRefused("/Daemon.bundle", SecStaticCode::Kind::kBundle,
+                         {errSecCSBadResource, "changed"});
+  EXPECT_EQ(error(), Value("Internal inconsistency"));
+  jobs_.setCallerAllowed(false);
+  EXPECT_EQ(error(), Value("Authorization failure"));
+}
+
+TEST_F(StartUpCallsTest, AnIdleDaemonHearsOfNoReturn) {
+  files_.remove(kCatalogueFile);
+  start();
+  EXPECT_EQ(recording_->returnsObserved, 0);
+  EXPECT_FALSE(jobHostReturned_);
+}
+
+}  // namespace
