@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <map>
-#include <set>
 #include <utility>
 
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
@@ -12,7 +11,6 @@ namespace {
 using namespace platform;
 using testing::ElementsAre;
 using testing::Pair;
-using testing::UnorderedElementsAre;
 
 // Hands everything on, and notes what a bus does not carry.
 class RecordingCenter final : public DistributedNotificationCenter {
