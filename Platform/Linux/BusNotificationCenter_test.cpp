@@ -228,8 +228,9 @@ TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotLiftIt) {
   const std::size_t smallest = frame_ + 1;
   postUntilRefused(smallest, "does not read");
   // Asking for its signals, and no longer asking, is more than one of these posts.
-  center_->addObserver("b", std::nullopt, [](const DistributedNotification&) {},
-                       NSNotificationSuspensionBehavior::kDeliverImmediately);
+  center_->addObserver(
+      "b", std::nullopt, [](const DistributedNotification&) {},
+      NSNotificationSuspensionBehavior::kDeliverImmediately);
   for (const std::size_t size : {smallest, kMaxNotificationBytes}) {
     const std::size_t before = sink_.texts().size();
     post(size - frame_);
