@@ -101,6 +101,8 @@ void JobHost::armKill(Job& job) {
   job.removal->killAt = loop_.now() + patience;
   job.removal->killTimer =
       loop_.startTimer(patience, platform::RunLoop::Repeat::kOnce, [this, &job] {
+        // The number may be another group's since the last look; the next one finds ours gone.
+        if (!job.hasLeader && !processes_.hasSurvivors(job.lastStart)) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quoted(job.label), job.lastStart.process));
@@ -108,10 +110,12 @@ void JobHost::armKill(Job& job) {
       });
 }
 
+// The leader has been reaped, or may be at any time: the last member's end frees the group's number
+// for anybody's.
 void JobHost::awaitGroup(Job& job) {
-  if (processes_.isGroupEmpty(job.lastStart.process)) return finishRemoval(job);
+  if (!processes_.hasSurvivors(job.lastStart)) return finishRemoval(job);
   job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
-    if (processes_.isGroupEmpty(job.lastStart.process)) finishRemoval(job);
+    if (!processes_.hasSurvivors(job.lastStart)) finishRemoval(job);
   });
 }
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -161,6 +162,31 @@ TEST_F(JobHostTest, AGroupThatHasTheNumberOfAProcessTakenOverIsNotSignalled) {
   EXPECT_TRUE(*ends && *removed);
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.kept"));
   EXPECT_THAT(processes_.signals, testing::IsEmpty());
+}
+
+TEST_F(JobHostTest, AGroupThatTakesTheNumberDuringARemovalIsNotKilled) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  ASSERT_TRUE(submit(job("com.example.late")));
+  restartHost();
+  ASSERT_TRUE(submit(job("com.example.child")));
+  std::vector<Answer> removed;
+  for (const int process : {101, 102, 103, 104}) processes_.addMember(process);
+  for (const std::string& label : host_->labels()) removed.push_back(removeLater(label));
+  for (const int process : {101, 102, 103, 104}) processes_.end(process);
+  loop_.advanceBy(10s);
+  for (const Answer& answer : removed) EXPECT_FALSE(*answer);
+  processes_.signals.clear();
+  // The last member ends, and another group is there when the host looks next.
+  for (const int process : {101, 102, 104}) processes_.reuse(process);
+  loop_.advanceBy(20ms);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.late"));
+  // Also between the last look and the kill.
+  loop_.scheduleOutsideEvent(10s - 20ms, [this] { processes_.reuse(103); });
+  loop_.advanceBy(1min);
+  for (const Answer& answer : removed) EXPECT_TRUE(*answer);
+  EXPECT_TRUE(processes_.signals.empty());
 }
 
 TEST_F(JobHostTest, ARemovalThatTheNextHostFinishesLeavesNoNameOfASocket) {

@@ -285,6 +285,8 @@ bool BusNotificationCenter::sayHello() {
 
 void BusNotificationCenter::registered() {
   registered_ = true;
+  // Nothing goes into a connection that has ended: lost(), which is to come, says what is lost.
+  if (!sources_ || hasEnded(sources_->descriptor())) return;
   for (const EarlyPost& post : early_)
     dbus_connection_send(connection_.get(), post.message.get(), nullptr);
   early_.clear();
@@ -369,7 +371,9 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   if (!registered_) return queue({notification.name, *std::move(message)});
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
-  if (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent)
+  // It may be above the limit: the requests for signals are not held back.
+  if (unsent >= kMaxUnsentNotificationBytes ||
+      (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent))
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
   if (hasEnded(sources_->descriptor()))
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " has gone");
@@ -428,11 +432,13 @@ void BusNotificationCenter::handleReply(DBusMessage& reply) {
   if (mayHaveMissed_ && registered_ && awaited_.empty()) tellOfReturn();
 }
 
-// Later: a reply may be looked at while an observer is being added.
+// Later: a reply may be looked at while an observer is being added, or when its bus has gone; then
+// the next bus's return is told.
 void BusNotificationCenter::tellOfReturn() {
   mayHaveMissed_ = false;
   loop_.post([center = std::weak_ptr(alive_)] {
-    if (const auto alive = center.lock()) (*alive)->returnObservers_.tell();
+    const auto alive = center.lock();
+    if (alive && (*alive)->registered_) (*alive)->returnObservers_.tell();
   });
 }
 

@@ -159,6 +159,27 @@ TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsGivenTime) {
   EXPECT_GE(bus.hellos()[1] - bus.hellos()[0], 400ms);
 }
 
+TEST_F(BusNotificationCenterTest, EarlyPostsToABusThatClosesAfterItsHelloAreLogged) {
+  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
+  connect();
+  post("a");
+  post("b");
+  runUntil([&] { return sink_.texts().size() >= 2; });
+  using testing::HasSubstr;
+  EXPECT_THAT(sink_.texts(), testing::ElementsAre(HasSubstr("\"a\" was not posted"),
+                                                  HasSubstr("\"b\" was not posted")));
+}
+
+TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloHasNotReturned) {
+  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
+  connect();
+  int returns = 0;
+  const auto observation = center_->observeReturn([&] { ++returns; });
+  // The second follows one that was lost, and has ended when the third comes.
+  runUntil([&] { return bus.hellos().size() >= 3; });
+  EXPECT_EQ(returns, 0);
+}
+
 // As many messages of one size as the limit holds, for sizes around one that divides it.
 class UnsentNotificationsTest : public BusNotificationCenterTest {
  protected:
@@ -198,6 +219,23 @@ TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotRead) {
     runUntil([&] { return bus.signalBytes().size() == 1 + taken; });
     EXPECT_EQ(bus.signalBytes().back(), size);
     center_.reset();
+  }
+}
+
+TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotLiftIt) {
+  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+  startWith(bus);
+  const std::size_t smallest = frame_ + 1;
+  postUntilRefused(smallest, "does not read");
+  // Asking for its signals, and no longer asking, is more than one of these posts.
+  center_->addObserver(
+      "b", std::nullopt, [](const DistributedNotification&) {},
+      NSNotificationSuspensionBehavior::kDeliverImmediately);
+  for (const std::size_t size : {smallest, kMaxNotificationBytes}) {
+    const std::size_t before = sink_.texts().size();
+    post(size - frame_);
+    ASSERT_EQ(sink_.texts().size(), before + 1) << size;
+    EXPECT_THAT(sink_.texts().back(), testing::HasSubstr("does not read"));
   }
 }
 

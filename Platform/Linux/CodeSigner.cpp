@@ -54,16 +54,22 @@ Result<std::uint64_t> payloadBytes(const OpenFile& opened, const std::string& pa
                                    "; build the program anew before signing it"});
 }
 
-Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std::string& path,
-                           const SigningIdentity& identity, const SigningOptions& options) {
-  const auto digest = digestOfFile(opened.file.get(), size, EVP_sha256(), path);
-  if (!digest) return std::unexpected(errorOf(digest.error()));
-  auto signature = makeCmsSignature(identity, options, *digest);
+// A larger one would be refused by whoever checks it, whatever it signs.
+Result<Data> boundedSignature(const std::string& path, const SigningIdentity& identity,
+                              const SigningOptions& options, std::span<const std::uint8_t> digest) {
+  auto signature = makeCmsSignature(identity, options, digest);
   if (signature && signature->size() > kMaxSignatureBytes) {
     return std::unexpected(
         Error{ErrorCode::kExhausted, 0, path + ": its signature is larger than 65536 bytes"});
   }
   return signature;
+}
+
+Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std::string& path,
+                           const SigningIdentity& identity, const SigningOptions& options) {
+  const auto digest = digestOfFile(opened.file.get(), size, EVP_sha256(), path);
+  if (!digest) return std::unexpected(errorOf(digest.error()));
+  return boundedSignature(path, identity, options, *digest);
 }
 
 // All but putting it in place.
@@ -133,7 +139,7 @@ Result<void> writeSeal(const std::string& path, const std::string& folder, const
   if (!list) return std::unexpected(errorOf(list.error()));
   const auto digest = digestOfBytes(*list, EVP_sha256(), path);
   if (!digest) return std::unexpected(errorOf(digest.error()));
-  const auto signature = makeCmsSignature(identity, options, *digest);
+  const auto signature = boundedSignature(path, identity, options, *digest);
   if (!signature) return std::unexpected(signature.error());
   auto newList = writeNewFile(folder + "/" + std::string(kSealListName), *list, like);
   if (!newList) return std::unexpected(std::move(newList.error()));

@@ -181,5 +181,28 @@ TEST_F(DBusPeerEndpointsTest, ACallWaitsUntilTheDescriptorsBeforeItAreSent) {
   EXPECT_TRUE(endpointIn(*answer));
 }
 
+TEST_F(DBusPeerEndpointsTest, WhoLeavesAnswersWithDescriptorsUnreadIsCutOff) {
+  startWithEndpoints();
+  noteDeath(*client_);
+  constexpr std::size_t kCalls = kMaxPeerDescriptors + 2;
+  for (std::size_t i = 0; i < kCalls; ++i) {
+    client_->callAsync("keep", {}, Duration::max(), [](const PeerResult&) {});
+  }
+  runUntilNoted("kept", kCalls);
+  // This side does not read while its loop stands still.
+  harness_->there([&](PeerTransport&) {
+    ASSERT_EQ(server_.kept.size(), kCalls);
+    EXPECT_TRUE(server_.kept.front()->answer(Value(Data(700'000))));  // Fills the socket.
+    for (std::size_t i = 1; i + 1 < kCalls; ++i) {
+      EXPECT_TRUE(server_.kept[i]->answer(endpoint_)) << i;
+    }
+    const auto refused = server_.kept.back()->answer(endpoint_);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+    server_.kept.clear();
+  });
+  runUntilNoted("death");
+}
+
 }  // namespace
 }  // namespace platform

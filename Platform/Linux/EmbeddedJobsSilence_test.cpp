@@ -236,6 +236,39 @@ TEST_F(MissedHostTest, WhoNoLongerListensIsNotTold) {
   EXPECT_EQ(returns_, 0);
 }
 
+TEST_F(MissedHostTest, AHostMissedAgainBeforeItsReturnIsToldIsToldOnceItIsBack) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  answerAll();
+  loop_.post([this] { EXPECT_FALSE(submit()); });  // Behind the answer, before what tells of it.
+  loop_.runReady();
+  EXPECT_EQ(returns_, 0);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 0);
+  answerAll();
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, TheHandlerMayEndItself) {
+  client_.setReturnHandler([this] {
+    client_.setReturnHandler({});
+    ++returns_;
+  });
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  answerAll();
+  loop_.runReady();
+  EXPECT_EQ(returns_, 1);
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1min);
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 1);
+}
+
 TEST_F(EmbeddedJobsTest, ARequestThatDoesNotWaitEndsTheSilenceOfAHostThatAcceptsAgain) {
   startHost(answering(Value()));
   host_->hang();
