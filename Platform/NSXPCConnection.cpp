@@ -192,7 +192,7 @@ void NSXPCConnection::arrived(PeerMessage message) {
   });
 }
 
-// One message in each block, so that the other queues have their turns between any two.
+// One message in each block, since it is blocks that the queues count for their turns.
 void NSXPCConnection::serveWaiting() {
   if (isContinued_ || unserved_.empty()) return;
   SerialQueue::Block serving = std::move(unserved_.front());
@@ -204,8 +204,11 @@ void NSXPCConnection::serveWaiting() {
 
 NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; }
 
-// Behind the turns that the other queues wait for, after some of this one: SerialQueues see to it.
-// Whatever comes off the queue in between finds the connection busy, and waits.
+bool NSXPCConnection::isInvalid() const { return invalid_ || xpc_.isEnding_; }
+
+// At the end of the queue, which leaves its thread to the others after so many blocks, as
+// AsioSerialQueues promises. Whatever comes off the queue before finds the connection busy, and
+// waits.
 void NSXPCConnection::continueServing(SerialQueue::Block block) {
   isContinued_ = true;
   queue_->async([self = shared_from_this(), block = std::move(block)]() mutable {
@@ -219,7 +222,7 @@ void NSXPCConnection::continueServing(SerialQueue::Block block) {
 }
 
 void NSXPCConnection::serve(PeerMessage message) {
-  if (invalid_) {
+  if (isInvalid()) {
     makeReply(std::move(message.reply));  // Which lets go of it where it belongs.
     return;
   }

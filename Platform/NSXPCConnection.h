@@ -110,13 +110,15 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   // The connection whose message this thread serves, within receiveMessage() and what that
   // continues by continueServing(); null elsewhere.
   static NSXPCConnection* currentConnection();
-  // Whether the connection has ended for good, from either side. To ask while a message of it is
-  // served is to learn that nobody waits for the answer any more.
-  bool isInvalid() const { return invalid_; }
-  // For what takes long, on the current connection: leaves the thread to the listener's other
-  // connections and runs `block` when they have had their turn, on the queue. Meanwhile no other
-  // message of this connection is served; they wait, within the limits above. Also of a connection
-  // that has ended, whose invalidation handler may have run by then. Once in each such call.
+  // Whether the connection has ended for good, from either side or with its XPC. To ask while a
+  // message of it is served is to learn that nobody waits for the answer any more.
+  bool isInvalid() const;
+  // For what takes long, on the current connection: runs `block` as a block of its own, on the
+  // queue. The listener's other connections have their turns in between, not each time but after so
+  // many blocks as one queue may run in a row. Meanwhile no other message of this connection is
+  // served; they wait, within the limits above. Also of a connection that has ended, whose
+  // invalidation handler may have run by then: what goes on without an end asks isInvalid(), or its
+  // XPC never ends. Once in each such call.
   void continueServing(SerialQueue::Block block);
 
   // Sends a message of the remote object's interface, with an argument for each of its colons but a

@@ -10,6 +10,8 @@ XPC::XPC(Environment environment)
       clientQueues_(addQueues()) {}
 
 XPC::~XPC() {
+  // Or what continues as long as somebody waits for it would, and the queues never be empty.
+  isEnding_ = true;
   // Their blocks may still send replies, and may be what keeps a connection.
   queues_.clear();
   const auto ending = std::exchange(accepted_, {});

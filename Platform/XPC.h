@@ -50,7 +50,9 @@ class XPC {
   explicit XPC(Environment environment);
   XPC(const XPC&) = delete;
   XPC& operator=(const XPC&) = delete;
-  // The queues' blocks have run. Not on the loop's thread, which may have stopped by then.
+  // Every connection counts as ended, so that what takes long ends soon; what has not been served
+  // yet is not. Then waits for what is being served. Not on the loop's thread, which may have
+  // stopped by then.
   ~XPC();
 
   // initWithMachServiceName: of the listener; anonymousListener.
@@ -77,6 +79,7 @@ class XPC {
   const Environment environment_;
   RefusalLog failures_;
   std::atomic<std::thread::id> loopThread_;
+  std::atomic<bool> isEnding_ = false;
   // Shared with the messages that wait.
   const std::shared_ptr<WaitingMessages> waiting_ = std::make_shared<WaitingMessages>();
   // The loop's: accepted connections live until they end.

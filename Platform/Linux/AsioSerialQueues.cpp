@@ -13,13 +13,6 @@
 
 namespace platform {
 
-namespace {
-
-// What a queue runs before the other queues of the pool have their turn.
-constexpr std::size_t kBlocksPerTurn = 64;
-
-}  // namespace
-
 class AsioSerialQueues::Pool {
  public:
   explicit Pool(std::size_t threads) : threads_(threads) {}

@@ -10,10 +10,17 @@ namespace platform {
 
 // Serial queues on a thread pool of Asio.
 //
+// They take turns: a queue that never runs out of blocks, as one whose blocks submit the next ones,
+// leaves its thread to the queues that wait after kBlocksPerTurn of them, and goes on behind those.
+// Who wants others to be served during long work therefore submits it block by block.
+//
 // A queue may outlive this: from the moment this is being destroyed its blocks run on the threads
-// that submit them, still one at a time and in order. Not to be destroyed on a thread of the pool.
+// that submit them, still one at a time and in order, and without turns: blocks that submit the
+// next ones without an end keep this from ending. Not to be destroyed on a thread of the pool.
 class AsioSerialQueues final : public SerialQueues {
  public:
+  static constexpr std::size_t kBlocksPerTurn = 64;
+
   // At least one thread.
   explicit AsioSerialQueues(std::size_t threads);
   AsioSerialQueues(const AsioSerialQueues&) = delete;

@@ -131,6 +131,31 @@ TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
   server.reset();
 }
 
+TEST(LinuxXPCTest, WhatTakesLongLearnsThatItsXPCHasEnded) {
+  LinuxHarness harness;
+  XPCJournal journal(harness);
+  auto delegate = std::make_shared<XPCTestDelegate>(journal);
+  delegate->object().turnsToLinger = kForEver;
+  delegate->object().whileLingering = [&] { journal.note("begun"); };
+  auto listener = harness.there().makeListener("com.example.test");
+  listener->setDelegate(delegate);
+  listener->resume();
+  std::vector<std::shared_ptr<NSXPCConnection>> clients;
+  for (std::size_t i = 0; i <= LinuxXPC::kThreadsPerListener; ++i) {
+    clients.push_back(harness.here().makeConnection("com.example.test"));
+    clients.back()->setRemoteObjectInterface(&xpcTestProtocol());
+    clients.back()->resume();
+    clients.back()->sendMessage("lingerWithReply:", {}, nullptr, nullptr);
+  }
+  journal.await("begun", clients.size());
+  listener.reset();
+  harness.endThere();
+  EXPECT_EQ(journal.count("caller gone"), clients.size());
+  EXPECT_EQ(journal.count("lingered"), 0u);
+  clients.clear();
+  harness.end();
+}
+
 // Accepts everybody, and holds the second up until it is told to go on.
 class Hesitating final : public NSXPCListenerDelegate {
  public:

@@ -4,11 +4,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <memory>
+#include <semaphore>
 #include <utility>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Platform/NSXPCListener.h"
@@ -43,7 +44,9 @@ Patience withLookUp(const XPCCommands::Environment& environment) {
 }
 
 Patience withHashOf(const std::string& file, std::chrono::seconds limit) {
-  return {limit, file + " is too large, or what it lies on does not answer", kExitFailed};
+  return {limit,
+          file + " is too large, what it lies on does not answer, or too many others are asked for",
+          kExitFailed};
 }
 
 Refusal nobodyThere(const std::string& root) {
@@ -104,6 +107,19 @@ class Doorman final : public NSXPCListenerDelegate {
   }
 };
 
+// The service has a folder of its own, and wants to be told the file itself: without links where
+// they can be followed from here, else at least from the root on.
+Answer<std::string> absolutePath(const std::string& path) {
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(path, error);
+  if (error) {
+    return std::unexpected(Refusal{
+        kExitFailed, fmt::format("\"{}\" can't be told from here: {}", path, error.message())});
+  }
+  const auto canonical = std::filesystem::weakly_canonical(absolute, error);
+  return (error ? absolute : canonical).string();
+}
+
 std::string textAt(const Array& reply, std::size_t index) {
   const std::string* text = index < reply.size() ? reply[index].string() : nullptr;
   return text ? *text : std::string();
@@ -128,8 +144,12 @@ XPCCommands::XPCCommands(CLI::App& app) {
 }
 
 int XPCCommands::run(const Environment& environment) const {
-  const auto registry = connected(environment.xpc.makeConnection(kEndpointRegistryService),
-                                  environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
+  auto registry = environment.xpc.makeConnection(kEndpointRegistryService);
+  // Shared with the handler, which may be running when the wait is over.
+  const auto ended = std::make_shared<std::counting_semaphore<>>(0);
+  registry->setInterruptionHandler([ended] { ended->release(); });
+  registry =
+      connected(std::move(registry), environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
   const auto signature =
       ask(*registry, "signatureWithReply:", {}, withAnyAnswer(environment), environment.root);
   Answer<int> done = EXIT_SUCCESS;
@@ -144,33 +164,33 @@ int XPCCommands::run(const Environment& environment) const {
     done = tellExecutables(environment, registry);
   } else if (lookup_->parsed()) {
     done = lookUp(environment, registry);
-  } else if (auto registered = registerName(environment, registry); !registered) {
-    done = std::unexpected(std::move(registered.error()));
+  } else {
+    done = std::unexpected(registerName(environment, registry, *ended));
   }
   if (done) return *done;
   fail(done.error().text);
   return done.error().exitStatus;
 }
 
-Answer<void> XPCCommands::registerName(const Environment& environment,
-                                       const Connection& registry) const {
+Refusal XPCCommands::registerName(const Environment& environment, const Connection& registry,
+                                  std::counting_semaphore<>& ended) const {
   const auto doorman = std::make_shared<Doorman>();
   const auto listener = environment.xpc.makeAnonymousListener();
   listener->setDelegate(doorman);
   listener->resume();
   const auto endpoint = listener->endpoint();
-  if (!endpoint) return std::unexpected(Refusal{kExitFailed, "no listener can be made here"});
+  if (!endpoint) return {kExitFailed, "no listener can be made here"};
   const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
                          {Value(std::shared_ptr<const RemoteObject>(endpoint)),
                           Value(systemProfileData(environment.system)), Value(name_)},
                          withAnyAnswer(environment), environment.root);
-  if (!reply) return std::unexpected(reply.error());
+  if (!reply) return reply.error();
   if (reply->empty() || reply->front() != Value(true)) {
-    return std::unexpected(
-        Refusal{kExitFailed, "the service manager refused: " + textAt(*reply, 1)});
+    return {kExitFailed, "the service manager refused: " + textAt(*reply, 1)};
   }
   print(fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", name_));
-  for (;;) ::pause();
+  ended.acquire();
+  return {kExitFailed, "the service manager has ended; " + name_ + " is no longer registered"};
 }
 
 Answer<int> XPCCommands::lookUp(const Environment& environment, const Connection& registry) const {
@@ -196,10 +216,12 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
   auto list = nlohmann::json::array();
   Answer<int> done = EXIT_SUCCESS;
   for (const std::string& path : paths_) {
-    // The service has a folder of its own, and wants to be told the file itself.
-    std::error_code error;
-    const auto canonical = std::filesystem::weakly_canonical(path, error);
-    const std::string file = error ? path : canonical.string();
+    const auto absolute = absolutePath(path);
+    if (!absolute) {
+      done = std::unexpected(absolute.error());
+      break;
+    }
+    const std::string& file = *absolute;
     const auto reply = ask(*service, "requestExecutableInfo:withReply:", {Value(file)},
                            withHashOf(file, environment.hashPatience), environment.root);
     if (!reply) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <semaphore>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,14 +38,16 @@ class XPCCommands {
     std::chrono::seconds anyAnswerPatience{10};
     std::chrono::seconds lookUpPatience{10};
   };
-  // Does what was asked, and returns the exit status. Registering blocks until the process is
-  // ended.
+  // Does what was asked, and returns the exit status. A registration lasts until the
+  // process is ended, or the service manager is, which fails.
   int run(const Environment& environment) const;
 
  private:
   using Connection = std::shared_ptr<platform::NSXPCConnection>;
 
-  Answer<void> registerName(const Environment& environment, const Connection& registry) const;
+  // Returns why it is over; `ended` is released when the registry's side of the connection ends.
+  Refusal registerName(const Environment& environment, const Connection& registry,
+                       std::counting_semaphore<>& ended) const;
   Answer<int> lookUp(const Environment& environment, const Connection& registry) const;
   Answer<int> tellExecutables(const Environment& environment, const Connection& registry) const;
 

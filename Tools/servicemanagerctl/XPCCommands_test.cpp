@@ -58,6 +58,20 @@ class SilentRegistry final : public NSXPCListenerDelegate,
   const std::optional<Value> signature_;
 };
 
+// Where the program is started.
+class InFolder {
+ public:
+  explicit InFolder(const std::string& folder) : before_(std::filesystem::current_path()) {
+    std::filesystem::current_path(folder);
+  }
+  InFolder(const InFolder&) = delete;
+  InFolder& operator=(const InFolder&) = delete;
+  ~InFolder() { std::filesystem::current_path(before_); }
+
+ private:
+  const std::filesystem::path before_;
+};
+
 // The operator's program, and a daemon that serves endpoints, both on the real transport: the
 // command waits for what its other threads bring.
 class XPCCommandsTest : public testing::Test {
@@ -209,6 +223,47 @@ TEST_F(XPCCommandsTest, FilesAreToldToPrograms) {
       nlohmann::json::parse(told.output),
       (nlohmann::json{{{"path", known}, {"signing", ""}, {"sha256", kAbc}, {"source", ""}},
                       {{"path", "/nowhere"}, {"signing", ""}, {"sha256", ""}, {"source", ""}}}));
+}
+
+// What is told of "etc/passwd" is never told of the one in the daemon's folder.
+TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereNothingIsThere) {
+  serve();
+  const InFolder here(folder_.path());
+  const Ran told = run({"execinfo", "--json", "etc/passwd"});
+  EXPECT_EQ(told.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(told.output),
+            (nlohmann::json{{{"path", folder_.path("etc/passwd")},
+                             {"signing", ""},
+                             {"sha256", ""},
+                             {"source", ""}}}));
+}
+
+// Root enters the closed folder, and finds nothing there; nobody gets through the circle.
+TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereItCantBeFollowed) {
+  serve();
+  const std::string closed = folder_.path("closed");
+  std::filesystem::create_directory(closed);
+  std::filesystem::permissions(closed, std::filesystem::perms::none);
+  std::filesystem::create_symlink("circle", folder_.path("circle"));
+  const InFolder here(folder_.path());
+  const Ran told = run({"execinfo", "closed/file", "circle/file"});
+  std::filesystem::permissions(closed, std::filesystem::perms::owner_all);
+  EXPECT_EQ(told.status, 0);
+  EXPECT_THAT(told.output, HasSubstr(folder_.path("closed/file\n")));
+  EXPECT_THAT(told.output, HasSubstr(folder_.path("circle/file\n")));
+}
+
+TEST_F(XPCCommandsTest, APathThatIsNoneIsRefused) {
+  serve();
+  const Ran empty = run({"execinfo", ""});
+  EXPECT_EQ(empty.status, kExitFailed);
+  EXPECT_EQ(empty.errors, "servicemanagerctl: \"\" can't be told from here: Invalid argument\n");
+  std::filesystem::create_directory(folder_.path("removed"));
+  const InFolder here(folder_.path("removed"));
+  std::filesystem::remove(folder_.path("removed"));
+  const Ran lost = run({"execinfo", "file"});
+  EXPECT_EQ(lost.status, kExitFailed);
+  EXPECT_THAT(lost.errors, HasSubstr("\"file\" can't be told from here: No such file"));
 }
 
 TEST_F(XPCCommandsTest, APathThatIsNoTextIsRefusedByName) {
