@@ -5,6 +5,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -81,6 +83,53 @@ TEST_F(JobHostProgram, AskedToEndBeforeItStartsADaemonItStartsNone) {
       {});
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   EXPECT_FALSE(std::filesystem::exists(root_.path("output")));
+}
+
+TEST_F(JobHostProgram, StartedWithBlockedSignalsItStillEnds) {
+  NotifySocket manager(root_.path("notify"));
+  ChildProgram host({"/usr/bin/env", "--block-signal=TERM", "--block-signal=INT", program_},
+                    {"NOTIFY_SOCKET=" + root_.path("notify")});
+  EXPECT_EQ(manager.next(), "READY=1");
+  host.signal(SIGTERM);
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+}
+
+// Returns when the process has the file open.
+void awaitOpenFile(platform::ProcessId process, const std::string& path) {
+  const std::filesystem::path folder = "/proc/" + std::to_string(process) + "/fd";
+  for (int attempt = 0; attempt < 100'000; ++attempt) {
+    std::error_code error;  // Files are closed while they are looked at.
+    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+      if (std::filesystem::read_symlink(*entry, error) == path) return;
+      error.clear();
+    }
+    std::this_thread::yield();
+  }
+  FAIL() << "process " << process << " does not open " << path;
+}
+
+TEST_F(JobHostProgram, AskedToEndWhileItWaitsForTheHostBeforeItEnds) {
+  NotifySocket manager(root_.path("notify"));
+  ChildProgram first({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
+  EXPECT_EQ(manager.next(), "READY=1");
+  for (const bool firstEnds : {false, true}) {
+    ChildProgram second({program_}, {});
+    awaitOpenFile(second.process(), root_.path("run/vantor/launchd.lock"));
+    second.signal(SIGTERM);
+    if (firstEnds) first.signal(SIGKILL);  // Now the second gets the daemon.
+    // By the signal itself where it has never come to the loop that would hear the request.
+    const ExitStatus status =
+        firstEnds ? ExitStatus{} : ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM};
+    EXPECT_EQ(second.waitForExit(), status) << second.errors();
+  }
+  // It was started once, by the first, and ended by the one that took it over.
+  std::ifstream output(root_.path("output"));
+  platform::ProcessId daemon = 0;
+  output >> daemon;
+  ASSERT_GT(daemon, 0);
+  EXPECT_FALSE(platform::isRunning(daemon));
+  EXPECT_FALSE(output >> daemon);
 }
 
 TEST_F(JobHostProgram, WhyItDoesNotStartIsInTheSystemLogToo) {
