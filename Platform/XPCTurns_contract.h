@@ -69,24 +69,4 @@ TEST_P(XPCContract, WhatTakesLongLearnsThatItsCallerHasGone) {
   EXPECT_EQ(journal_.count("lingered"), 0u);
 }
 
-TEST_P(XPCContract, WhatServesAtOnceMayTakeLongToo) {
-  delegate_->servesAtOnce = true;
-  delegate_->object().turnsToLinger = kForEver;
-  start();
-  const auto other = connect();
-  call(*other, "echo:withReply:", {Value(1)});
-  delegate_->object().whileLingering = [&] {
-    other->sendMessage("note:", {Value("meanwhile")}, nullptr, nullptr);  // Which ends it.
-  };
-  send(*client_, "lingerWithReply:");
-  client_->sendMessage("note:", {Value("behind")}, nullptr, nullptr);
-  journal_.await("note behind");
-  journal_.await("note meanwhile");
-  std::vector<std::string> entries = journal_.entries();
-  std::erase_if(entries, [](const std::string& entry) {
-    return entry != "lingered" && entry != "note behind";
-  });
-  EXPECT_EQ(entries, (std::vector<std::string>{"lingered", "note behind"}));
-}
-
 }  // namespace platform
