@@ -76,6 +76,27 @@ TEST_P(XPCContract, MoreLongRequestsThanThreadsLeaveAnotherOneServed) {
   journal_.await("lingered", long_.size());
 }
 
+// Here alone: where queues and loop share a thread, what has no end lets nothing else arrive.
+TEST_P(XPCContract, WhatServesAtOnceMayTakeLongToo) {
+  delegate_->servesAtOnce = true;
+  delegate_->object().turnsToLinger = kForEver;
+  start();
+  const auto other = connect();
+  call(*other, "echo:withReply:", {Value(1)});
+  delegate_->object().whileLingering = [&] {
+    other->sendMessage("note:", {Value("meanwhile")}, nullptr, nullptr);  // Which ends it.
+  };
+  send(*client_, "lingerWithReply:");
+  client_->sendMessage("note:", {Value("behind")}, nullptr, nullptr);
+  journal_.await("note behind");
+  journal_.await("note meanwhile");
+  std::vector<std::string> entries = journal_.entries();
+  std::erase_if(entries, [](const std::string& entry) {
+    return entry != "lingered" && entry != "note behind";
+  });
+  EXPECT_EQ(entries, (std::vector<std::string>{"lingered", "note behind"}));
+}
+
 TEST_P(XPCContract, SoMuchMayWaitBehindALongRequestAndNoMore) {
   delegate_->object().turnsToLinger = kForEver;
   start();

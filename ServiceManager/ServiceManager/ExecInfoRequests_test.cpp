@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Digest.h"
+#include "Platform/PropertyList.h"
 #include "Platform/Testing/FileSha256.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
@@ -21,17 +22,44 @@ using Names = std::vector<std::string>;
 constexpr std::uintmax_t kGo = ORBExecInfoHandler::kBytesInOneGo;
 constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // 8 TiB, which no test would survive.
 
-// Does something where a request for one file begins; there is no code anywhere.
+std::string nameOf(const std::string& path) {
+  return std::filesystem::path(path).filename().string();
+}
+
+// Does something where a request for one file begins, and notes where each does.
 class Interrupting final : public CodeSignatures {
  public:
+  Interrupting(CodeSignatures& signatures, Names& steps) : signatures_(signatures), steps_(steps) {}
+
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override {
+    steps_.push_back("signing of " + nameOf(path));
     if (path == file) action();
-    return std::unexpected(CodeSigningFailure{});
+    return signatures_.SecStaticCodeCreateWithPath(path);
   }
 
   std::string file;
   std::function<void()> action;
+
+ private:
+  CodeSignatures& signatures_;
+  Names& steps_;
+};
+
+// Notes each look at a file's attributes.
+class Watched final : public ExtendedAttributes {
+ public:
+  Watched(ExtendedAttributes& attributes, Names& steps) : attributes_(attributes), steps_(steps) {}
+
+  Result<Data> getxattr(const std::string& path, std::string_view name,
+                        std::size_t bufferSize) override {
+    steps_.push_back("source of " + nameOf(path));
+    return attributes_.getxattr(path, name, bufferSize);
+  }
+
+ private:
+  ExtendedAttributes& attributes_;
+  Names& steps_;
 };
 
 class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDelegate {
@@ -76,7 +104,8 @@ class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDeleg
         "requestExecutableInfo:withReply:", {Value(path)},
         [this, path](const Array& reply) {
           const std::string hash = *reply.at(1).string();
-          const auto name = std::filesystem::path(path).filename().string();
+          const std::string name = nameOf(path);
+          replies_.push_back(reply);
           answers_.push_back(name + (hash.empty() ? " unknown" : ""));
           if (!hash.empty()) {
             EXPECT_EQ(hash, hexadecimalText(**sha256OfFile(path))) << name;
@@ -92,17 +121,53 @@ class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDeleg
   }
 
   TemporaryFolder folder_;
-  Interrupting interruptible_;
+  Names steps_;
+  Interrupting interruptible_{signatures_, steps_};
+  Watched watched_{attributes_, steps_};
   FakeXPC server_{network_, {200, 0, 0}, systemLog_};
   FakeXPC client_{network_, {300, 501, 20}, systemLog_};
   std::shared_ptr<ORBExecInfoHandler> handler_ = std::make_shared<ORBExecInfoHandler>(
-      ORBExecInfoHandler::Environment{interruptible_, attributes_, protocols_}, nullptr);
+      ORBExecInfoHandler::Environment{interruptible_, watched_, protocols_}, nullptr);
   const std::shared_ptr<NSXPCListenerDelegate> delegate_{this, [](NSXPCListenerDelegate*) {}};
   std::shared_ptr<NSXPCListener> listener_;
   std::vector<std::shared_ptr<NSXPCConnection>> accepted_;
   std::vector<std::shared_ptr<NSXPCConnection>> clients_;
   Names answers_;
+  std::vector<Array> replies_;
 };
+
+class RequestOfSeveralTurns : public ExecInfoRequests {
+ protected:
+  RequestOfSeveralTurns() {
+    signatures_.addValid(file_, SecStaticCode::Kind::kProgram, "com.vantor.sample");
+    attributes_.set(
+        file_, "com.apple.metadata:kMDItemWhereFroms",
+        *writePropertyList(Array{"https://example.com/long"}, PropertyListFormat::kBinary));
+    ask(connect(), file_);
+    interruptible_.file = folder_.write("short", "abc");
+    interruptible_.action = [] {};
+    ask(connect(), interruptible_.file);  // In the middle of that.
+  }
+
+  const std::string file_ = sparseFile("long", 3 * kGo + 1);
+};
+
+TEST_F(RequestOfSeveralTurns, IsToldOnceWithItsSigningAndSource) {
+  serve();
+  EXPECT_EQ(answers_, (Names{"short", "long"}));
+  EXPECT_EQ(replies_.back(),
+            (Array{Value("valid: com.vantor.sample"), Value(hexadecimalText(**sha256OfFile(file_))),
+                   Value("https://example.com/long")}));
+  EXPECT_EQ(steps_, (Names{"signing of long", "signing of short", "source of short",
+                           "source of short", "source of long"}));
+}
+
+TEST_F(RequestOfSeveralTurns, IsNotLookedIntoWhenItsCallerHasGone) {
+  interruptible_.action = [this] { accepted_[0]->invalidate(); };
+  serve();
+  EXPECT_EQ(steps_,
+            (Names{"signing of long", "signing of short", "source of short", "source of short"}));
+}
 
 TEST_F(ExecInfoRequests, AShortOneIsAnsweredBeforeLongOnesThatHaveBegun) {
   ask(connect(), sparseFile("long", 3 * kGo + 1));

@@ -215,7 +215,8 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
   const std::string identifier = text.substr(text.rfind(';') + 1);  // All of it without a ";".
   const auto home = homeOfLastUser();
   if (!home) {
-    logDebug("Couldn't locate quarantine database");
+    // Whom nobody waits for has not asked, and knows nothing of a database.
+    if (!isUnwanted()) logDebug("Couldn't locate quarantine database");
     return std::nullopt;
   }
   const Instant deadline = environment_.now() + kQuarantineQueryTime;

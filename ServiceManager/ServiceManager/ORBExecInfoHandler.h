@@ -29,17 +29,18 @@ class ExecInfoHandlerDelegate {
 // Tells of any file who signed it, what its SHA-256 is and where it was downloaded from. Only who
 // got the endpoint out of the registry can ask.
 //
-// Each request is served on its connection's queue, however long that takes; several at once. While
-// a file is hashed the other connections have their turns after every few pieces of it, so that
-// nobody's large file holds up another's small one; who ends the connection ends the request. Each
-// answer that can't be had is the empty text, and the cause is in the log.
+// Each request is served on its connection's queue, however long that takes; several at once. A
+// file is hashed in pieces, each a block of that queue, and after so many of them as a queue may
+// run in a row the other connections have their turns, so that nobody's large file holds up
+// another's small one; who ends the connection ends the request. Each answer that can't be had is
+// the empty text, and the cause is in the log.
 class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
                                  public platform::NSXPCExportedObject,
                                  public std::enable_shared_from_this<ORBExecInfoHandler> {
  public:
   static constexpr char kClassName[] = "ORBExecInfoHandler";
 
-  // How much of a file is hashed in one go, between which the others on this thread may be served.
+  // How much of a file is hashed in one block of the queue.
   static constexpr std::uint64_t kBytesInOneGo = 1 << 20;
   // How long a user's quarantine database may be looked at.
   static constexpr std::chrono::seconds kQuarantineQueryTime{2};

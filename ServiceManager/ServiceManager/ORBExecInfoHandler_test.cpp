@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,7 +36,7 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
   Value getLastLoggedInUserHomeDirectory() override {
     ++questions_;
     now_ += answerTime_;
-    if (stopsMeanwhile_) handler_->stop();
+    if (meanwhile_) meanwhile_();
     return home_;
   }
 
@@ -79,7 +81,7 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
   Instant now_{};
   Duration tick_{};  // how much later it is at each look at the clock
   Duration answerTime_{};
-  bool stopsMeanwhile_ = false;
+  std::function<void()> meanwhile_;  // while the delegate is asked
   std::shared_ptr<ORBExecInfoHandler> handler_;
 };
 
@@ -202,6 +204,7 @@ TEST_F(ExecInfoTest, AfterTheDaemonsEndTheDelegateIsNotAsked) {
   handler_->stop();
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
   EXPECT_EQ(questions_, 0);
+  EXPECT_TRUE(lines().empty());
 }
 
 class LongExecInfoQuery : public ExecInfoTest {
@@ -217,8 +220,37 @@ class LongExecInfoQuery : public ExecInfoTest {
 
 TEST_F(LongExecInfoQuery, TheDaemonsEndEndsAQuery) {
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/id");
-  stopsMeanwhile_ = true;
+  meanwhile_ = [this] { handler_->stop(); };
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+}
+
+TEST_F(LongExecInfoQuery, TheCallersEndEndsAQuery) {
+  FakeXPC server(network_, {200, 0, 0}, systemLog_);
+  FakeXPC client(network_, {300, 501, 20}, systemLog_);
+  auto listener = server.xpc.makeAnonymousListener();
+  listener->setDelegate(handler_);
+  listener->resume();
+  auto connection = client.xpc.makeConnection(listener->endpoint());
+  connection->setRemoteObjectInterface(protocols_.find(kORBExecutableInfoProtocol));
+  connection->resume();
+  Lines sources;
+  const auto ask = [&] {
+    connection->sendMessage(
+        "requestExecutableInfo:withReply:", {Value("/file")},
+        [&](const Array& reply) { sources.push_back(*reply.at(2).string()); }, nullptr);
+    lines();
+    loop_.runReady();
+    return lines();
+  };
+  const std::string inVain = "7 No source url found for path '/file'\n";
+  EXPECT_THAT(ask(), testing::Not(testing::Contains(inVain)));
+  meanwhile_ = [] { NSXPCConnection::currentConnection()->invalidate(); };
+  EXPECT_THAT(ask(), testing::Contains(inVain));
+  EXPECT_EQ(questions_, 2);
+  EXPECT_THAT(sources, testing::Contains("https://example.com/id").Times(1));
+  connection.reset();
+  listener.reset();
+  loop_.runReady();
 }
 
 TEST_F(LongExecInfoQuery, TimeEndsAQuery) {

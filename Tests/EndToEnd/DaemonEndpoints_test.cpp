@@ -365,5 +365,17 @@ TEST_F(DaemonEndpoints, TheOperatorsCommandRegistersAndLooksUpAsAnyClient) {
   EXPECT_THAT(registering.nextLine(), HasSubstr("connects"));
 }
 
+// The next daemon knows nothing of it.
+TEST_F(DaemonEndpoints, TheOperatorsRegistrationEndsWithTheDaemon) {
+  ChildProgram registering({root_.host().controlProgram(), "endpoints", "register", "mine"}, {});
+  EXPECT_THAT(registering.nextLine(), HasSubstr("mine is registered"));
+  root_.killDaemon();
+  EXPECT_EQ(registering.waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 1}));
+  EXPECT_EQ(registering.errors(),
+            "servicemanagerctl: the service manager has ended; mine is no longer registered\n");
+  root_.awaitStart();
+  EXPECT_EQ(lookUp("mine"), nullptr);
+}
+
 }  // namespace
 }  // namespace platform

@@ -33,6 +33,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
+constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // Hours to hash.
 const Array kNothing{Value(""), Value(""), Value("")};
 
 class DaemonExecInfo : public DaemonFixture {
@@ -74,6 +75,24 @@ class DaemonExecInfo : public DaemonFixture {
       return std::filesystem::read_symlink(descriptor.path(), isGone) == path;
     });
   }
+  // It takes the daemon a few turns to learn that a caller has gone.
+  void awaitClosedInDaemon(const std::string& path) {
+    const std::string small = root_.folder().write("files/any", "abc");
+    const Instant deadline = root_.loop().now() + 60s;
+    while (isOpenInDaemon(path) && root_.loop().now() < deadline) hashOf(small);
+    EXPECT_FALSE(isOpenInDaemon(path));
+  }
+  // So many programs, each with a request for it that has begun.
+  std::list<ChildProgram> askFor(const std::string& path, std::size_t callers) {
+    std::list<ChildProgram> programs;
+    for (std::size_t i = 0; i < callers; ++i) {
+      programs.emplace_back(
+          std::vector<std::string>{root_.host().controlProgram(), "execinfo", path},
+          std::vector<std::string>());
+    }
+    root_.awaitLog("requestExecutableInfo request for path '" + path + "'", callers);
+    return programs;
+  }
   // Whether the file has the attribute now; where no file here can have one, no.
   static bool setAttribute(const std::string& path, const char* name, std::string_view value) {
     if (::setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0) return true;
@@ -90,26 +109,41 @@ class DaemonExecInfo : public DaemonFixture {
 // Each has four times the size that a daemon with a file in its memory would be noticed by. It
 // makes no difference to what is shown that they are not larger still, but to the time that this
 // takes.
-TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemoryAndHoldUpNobodyElse) {
+TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemory) {
   constexpr std::uintmax_t kSize = std::uintmax_t{1} << 29;
   const std::vector<std::string> files{sparseFile("one", kSize), sparseFile("two", kSize)};
-  const std::string small = root_.folder().write("files/small", "abc");
-  hashOf(small);
+  hashOf(root_.folder().write("files/small", "abc"));
   [[maybe_unused]] const long before = mostMemory();
 
   std::vector<std::shared_ptr<NSXPCConnection>> connections;
   std::vector<std::future<Array>> answers;
-  std::atomic<int> answered = 0;
   for (const std::string& file : files) {
     auto answer = std::make_shared<std::promise<Array>>();
     answers.push_back(answer->get_future());
     connections.push_back(asker_.connectToExecInfo());
     connections.back()->sendMessage(
         RegistryClient::kExecInfo, {Value(file)},
-        [answer, &answered](Array values) {
-          ++answered;
-          answer->set_value(std::move(values));
-        },
+        [answer](Array values) { answer->set_value(std::move(values)); }, nullptr);
+  }
+  const Value expected(hexadecimalText(**sha256OfFile(files.front())));  // Of both.
+  for (std::future<Array>& answer : answers) {
+    ASSERT_EQ(answer.wait_for(100s), std::future_status::ready);
+    EXPECT_EQ(answer.get().at(1), expected);
+  }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(mostMemory(), before + 32 * 1024);
+#endif
+}
+
+// As many as the service has threads.
+TEST_F(DaemonExecInfo, EndlessFilesHoldUpNobody) {
+  const std::vector<std::string> files{sparseFile("one", kEndless), sparseFile("two", kEndless)};
+  std::vector<std::shared_ptr<NSXPCConnection>> connections;
+  std::atomic<int> answered = 0;
+  for (const std::string& file : files) {
+    connections.push_back(asker_.connectToExecInfo());
+    connections.back()->sendMessage(
+        RegistryClient::kExecInfo, {Value(file)}, [&answered](const Array&) { ++answered; },
         nullptr);
   }
   for (const std::string& file : files) {
@@ -124,29 +158,41 @@ TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemoryAndHoldUpNobodyElse) {
   UserInterfaceClient interface(root_);
   EXPECT_TRUE(interface.ask("services"));
   EXPECT_EQ(answered, 0);
+  for (const auto& connection : connections) connection->invalidate();
+  for (const std::string& file : files) awaitClosedInDaemon(file);
+}
 
-  const Value expected(hexadecimalText(**sha256OfFile(files.front())));  // Of both.
-  for (std::future<Array>& answer : answers) {
-    ASSERT_EQ(answer.wait_for(100s), std::future_status::ready);
-    EXPECT_EQ(answer.get().at(1), expected);
+// Of more callers than the service has threads, none of whom goes.
+TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
+  const std::string endless = sparseFile("endless", kEndless);
+  std::list<ChildProgram> callers = askFor(endless, LinuxXPC::kThreadsPerListener + 1);
+  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+  ASSERT_GT(daemon, 0);
+  root_.expectStart();
+  ASSERT_EQ(::kill(daemon, SIGTERM), 0);
+  root_.awaitStart();
+  const Value job = root_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, DaemonRoot::kDaemon);
+  EXPECT_EQ(job["LastExitStatus"], Value(0));
+  EXPECT_NE(root_.processOf(DaemonRoot::kDaemon), daemon);
+  for (ChildProgram& caller : callers) {
+    const ExitStatus status = caller.waitForExit();
+    EXPECT_EQ(status.kind, ExitStatus::Kind::kExited);
+    // That nothing is known, or that nobody is there any more: the answer may come too late.
+    if (status.number == 0) {
+      EXPECT_THAT(caller.restOfOutput(), HasSubstr("  sha256   -\n"));
+    } else {
+      EXPECT_EQ(status.number, 5);
+      EXPECT_THAT(caller.errors(), HasSubstr("no service manager serves endpoints"));
+    }
   }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-  EXPECT_LT(mostMemory(), before + 32 * 1024);
-#endif
 }
 
 // More of them than the service has threads, for hours each.
 TEST_F(DaemonExecInfo, CallersThatAskForAnEndlessFileAndDieHarmNobody) {
-  const std::string endless = sparseFile("endless", std::uintmax_t{1} << 43);
+  const std::string endless = sparseFile("endless", kEndless);
   const std::string small = root_.folder().write("files/small", "abc");
   const std::string expected = hexadecimalText(**sha256OfFile(small));
-  std::list<ChildProgram> callers;
-  for (std::size_t i = 0; i <= LinuxXPC::kThreadsPerListener; ++i) {
-    callers.emplace_back(
-        std::vector<std::string>{root_.host().controlProgram(), "execinfo", endless},
-        std::vector<std::string>());
-  }
-  root_.awaitLog("requestExecutableInfo request for path '" + endless + "'", callers.size());
+  std::list<ChildProgram> callers = askFor(endless, LinuxXPC::kThreadsPerListener + 1);
   EXPECT_TRUE(isOpenInDaemon(endless));
   EXPECT_EQ(hashOf(small), expected);  // As they live.
   for (ChildProgram& caller : callers) {
@@ -154,10 +200,7 @@ TEST_F(DaemonExecInfo, CallersThatAskForAnEndlessFileAndDieHarmNobody) {
     caller.waitForExit();
   }
   EXPECT_EQ(hashOf(small), expected);
-  // It takes the daemon a few turns to learn of their end.
-  const Instant deadline = root_.loop().now() + 60s;
-  while (isOpenInDaemon(endless) && root_.loop().now() < deadline) hashOf(small);
-  EXPECT_FALSE(isOpenInDaemon(endless));
+  awaitClosedInDaemon(endless);
   EXPECT_EQ(root_.starts(), 1U);
 }
 
