@@ -193,14 +193,15 @@ bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
   if (!stat.empty() && (!isLeader || membershipIn(stat))) return false;
   bool isOurs = false;
   bool isOlder = false;
-  anyProcess([&](const std::string& stat) {
+  const bool isUnseen = anyProcess([&](const std::string& stat) {
     const auto membership = membershipIn(stat);
     if (!membership || membership->group != group) return false;
     isOurs = membership->session == group;
     isOlder = isOlder || startTicksIn(stat.data(), stat.size()) < identity.startTicks;
     return false;
   });
-  return isOurs && !isOlder;
+  // Without descriptors nobody can look: what has the number is not taken for gone.
+  return isUnseen || (isOurs && !isOlder);
 }
 
 UniqueFd LinuxProcesses::copyDescriptor(ProcessId process, Descriptor descriptor) {

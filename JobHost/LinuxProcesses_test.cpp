@@ -219,6 +219,29 @@ TEST(LinuxProcesses, AGroupLivesWhereOnlyTheFirstThreadOfAProcessHasEnded) {
   EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
+TEST(LinuxProcesses, WithoutDescriptorsWhatIsLeftOfAGroupIsNotTakenForGone) {
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const pid_t leader = ::fork();
+  if (leader == 0) {
+    ::setsid();
+    if (::fork() == 0) {
+      for (;;) ::pause();
+    }
+    ::_exit(0);
+  }
+  ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
+  const StartFields identity{.process = leader, .startTicks = 1};
+  EXPECT_TRUE(processes->hasSurvivors(identity));
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_TRUE(processes->hasSurvivors(identity));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(::kill(-leader, SIGKILL), 0);
+}
+
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
 
