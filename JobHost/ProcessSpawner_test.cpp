@@ -1,8 +1,6 @@
 #include "JobHost/ProcessSpawner.h"
 
-#include <array>
 #include <atomic>
-#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -309,12 +307,16 @@ class ProcessOnItsWay : public ProcessSpawnerTest {
   UniqueFd reader_;
 
  private:
-  // The new process puts it there: it shares this memory.
+  // The new process puts it there byte by byte, in this memory, and its check at last.
   int recordedProcess() const {
-    const volatile std::uint8_t* bytes = record_.data() + sizeof(RecordHeader);
-    std::array<std::uint8_t, sizeof(std::int32_t)> copy;
+    std::vector<std::uint8_t> copy(record_.size());
+    const volatile std::uint8_t* bytes = record_.data();
     for (std::uint8_t& byte : copy) byte = *bytes++;
-    return std::bit_cast<std::int32_t>(copy);
+    RecordHeader header;
+    std::memcpy(&header, copy.data(), sizeof header);
+    StartFields fields;
+    std::memcpy(&fields, copy.data() + sizeof header, sizeof fields);
+    return header.check == recordCheck(header, copy.data() + sizeof header) ? fields.process : 0;
   }
 };
 
