@@ -5,13 +5,38 @@
 #include <deque>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
+#include <sched.h>
 
 namespace platform {
+namespace {
+
+// While it lives, threads that this one makes run under SCHED_BATCH. Under any other policy than
+// the usual one, which somebody has chosen, it does nothing.
+class MakingBatchThreads {
+ public:
+  MakingBatchThreads() {
+    const sched_param none{};
+    isUsual_ = ::sched_getscheduler(0) == SCHED_OTHER;
+    if (isUsual_) ::sched_setscheduler(0, SCHED_BATCH, &none);
+  }
+  MakingBatchThreads(const MakingBatchThreads&) = delete;
+  MakingBatchThreads& operator=(const MakingBatchThreads&) = delete;
+  ~MakingBatchThreads() {
+    const sched_param none{};
+    if (isUsual_) ::sched_setscheduler(0, SCHED_OTHER, &none);
+  }
+
+ private:
+  bool isUsual_ = false;
+};
+
+}  // namespace
 
 class AsioSerialQueues::Pool {
  public:
@@ -144,8 +169,11 @@ class AsioSerialQueues::Queue final : public SerialQueue,
   bool scheduled_ = false;
 };
 
-AsioSerialQueues::AsioSerialQueues(std::size_t threads) : pool_(std::make_shared<Pool>(threads)) {
+AsioSerialQueues::AsioSerialQueues(std::size_t threads, Work work) {
   assert(threads > 0);
+  std::optional<MakingBatchThreads> batch;
+  if (work == Work::kBehindOthers) batch.emplace();
+  pool_ = std::make_shared<Pool>(threads);
 }
 
 AsioSerialQueues::~AsioSerialQueues() { pool_->close(); }

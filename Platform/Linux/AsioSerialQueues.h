@@ -21,8 +21,15 @@ class AsioSerialQueues final : public SerialQueues {
  public:
   static constexpr std::size_t kBlocksPerTurn = 64;
 
-  // At least one thread.
-  explicit AsioSerialQueues(std::size_t threads);
+  // What the threads' work is to those who submit it.
+  enum class Work {
+    kAwaited,       // done as soon as the threads of this process do theirs
+    kBehindOthers,  // never at the price of the thread that submits it, as the writing of a log
+  };
+
+  // At least one thread. Threads of what is done behind others run under SCHED_BATCH (see sched(7))
+  // where their maker runs under SCHED_OTHER: waking them never takes the processor away.
+  explicit AsioSerialQueues(std::size_t threads, Work work = Work::kAwaited);
   AsioSerialQueues(const AsioSerialQueues&) = delete;
   AsioSerialQueues& operator=(const AsioSerialQueues&) = delete;
   ~AsioSerialQueues() override;

@@ -1,10 +1,12 @@
 #include "Platform/Linux/AsioSerialQueues.h"
 
 #include <atomic>
+#include <future>
 #include <latch>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include "Platform/SerialQueue_contract.h"
 
@@ -30,6 +32,22 @@ TEST(AsioSerialQueuesTest, SubmittedBlocksRunOnThreadsOfThePool) {
   });
   ran.wait();
   EXPECT_NE(thread, std::this_thread::get_id());
+}
+
+// The policy that the pool's thread runs under.
+int policyOf(AsioSerialQueues::Work work) {
+  std::promise<int> policy;
+  AsioSerialQueues queues(1, work);
+  queues.makeQueue("queue")->async([&] { policy.set_value(::sched_getscheduler(0)); });
+  return policy.get_future().get();
+}
+
+TEST(AsioSerialQueuesTest, OnlyThreadsOfWorkBehindOthersNeverTakeTheProcessorFromWhoSubmitsIt) {
+  const int own = ::sched_getscheduler(0);
+  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBehindOthers),
+            own == SCHED_OTHER ? SCHED_BATCH : own);
+  EXPECT_EQ(::sched_getscheduler(0), own);
+  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kAwaited), own);
 }
 
 TEST(AsioSerialQueuesTest, QueuesRunSideBySideOnAsManyThreads) {

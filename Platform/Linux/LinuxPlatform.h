@@ -62,7 +62,7 @@ struct LinuxPlatform {
   AsioTerminationSignals terminationSignals{*runLoop};
   DBusPeerTransport peerTransport{*runLoop};
   // Its destruction waits for what is still to be written, so it ends first.
-  AsioSerialQueues utilityQueues{kUtilityThreads};
+  AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBehindOthers};
 
  private:
   static constexpr std::size_t kUtilityThreads = 2;
