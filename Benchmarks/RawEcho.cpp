@@ -28,6 +28,13 @@ void pinTo(unsigned processor, pid_t thread) {
   ::sched_setaffinity(thread, sizeof(set), &set);
 }
 
+Pinned::Pinned(unsigned processor) {
+  ::sched_getaffinity(0, sizeof(before_), &before_);
+  pinTo(processor);
+}
+
+Pinned::~Pinned() { ::sched_setaffinity(0, sizeof(before_), &before_); }
+
 ServerProcess::ServerProcess(const Serve& serve) {
   ::sched_getaffinity(0, sizeof(before_), &before_);
   int ends[2];

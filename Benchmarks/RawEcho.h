@@ -16,6 +16,18 @@ namespace benchmarks {
 // Unpinned, figures of round trips vary threefold. `thread` 0 is the calling one.
 void pinTo(unsigned processor, pid_t thread = 0);
 
+// Keeps the calling thread, and what it starts, on one processor as long as it lives.
+class Pinned {
+ public:
+  explicit Pinned(unsigned processor);
+  Pinned(const Pinned&) = delete;
+  Pinned& operator=(const Pinned&) = delete;
+  ~Pinned();
+
+ private:
+  cpu_set_t before_{};
+};
+
 // A server in a process of its own, which ends with this object. It is pinned to the one processor,
 // and the calling thread to the other as long as it lives.
 class ServerProcess {

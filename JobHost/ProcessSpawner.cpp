@@ -226,6 +226,21 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   return {};
 }
 
+// What this process may have given a disposition by the time that it starts others. Real-time
+// signals are half of all, and nothing here uses them: they are as its own start left them.
+std::uint64_t signalsToReset() {
+  constexpr int kFirstRealTimeSignal = 32;  // the kernel's; the library keeps some of them
+  constexpr int kLastSignal = 64;
+  std::uint64_t signals = (std::uint64_t{1} << (kFirstRealTimeSignal - 1)) - 1;
+  for (int signal = kFirstRealTimeSignal; signal <= kLastSignal; ++signal) {
+    struct sigaction now{};
+    // Of the ones that it keeps the library tells nothing.
+    const bool isDefault = ::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL;
+    if (!isDefault) signals |= std::uint64_t{1} << (signal - 1);
+  }
+  return signals;
+}
+
 timespec timespecOf(platform::Duration duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
   return {seconds.count(), (duration - seconds).count()};
@@ -282,6 +297,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
   spawner.originalDescriptorLimit_ = originalDescriptorLimit;
   spawner.patience_ = patience;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
+  spawner.signalsToReset_ = signalsToReset();
   auto own = lookUpAccount({}, {});
   if (!own) return std::unexpected(std::move(own.error()));
   spawner.ownAccount_ = *std::move(own);
@@ -304,6 +320,7 @@ ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
       patience_(other.patience_),
       hasUniquePidfds_(other.hasUniquePidfds_),
+      signalsToReset_(other.signalsToReset_),
       ownAccount_(std::move(other.ownAccount_)),
       null_(std::move(other.null_)),
       stack_(std::exchange(other.stack_, nullptr)) {}
@@ -342,6 +359,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   child.startRecord = ticket.record.data();
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
+  child.signalsToReset = signalsToReset_;
   child.continueAfter = timespecOf(kContinueAfter);
   child.patience = timespecOf(patience_);
 

@@ -33,6 +33,7 @@ class ProcessSpawner {
   };
 
   // `originalDescriptorLimit` is the soft limit that the processes get where their job sets none.
+  // Real-time signals of this process are taken to stay as they are at this moment.
   static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit,
                                                  platform::Duration patience = kPatience);
 
@@ -59,6 +60,7 @@ class ProcessSpawner {
   std::uint64_t originalDescriptorLimit_ = 0;
   platform::Duration patience_{};
   bool hasUniquePidfds_ = false;
+  std::uint64_t signalsToReset_ = 0;
   // The host's own, which most jobs run as; the same for as long as the host runs.
   JobAccount ownAccount_;
   platform::UniqueFd null_;  // /dev/null, which most standard files are

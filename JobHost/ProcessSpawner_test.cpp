@@ -109,6 +109,20 @@ TEST_F(ProcessSpawnerTest, TheHostsSignalsAreNotTheJobs) {
   std::signal(SIGUSR2, other);
 }
 
+TEST_F(ProcessSpawnerTest, RealTimeSignalsThatTheHostWasStartedIgnoringAreNotIgnoredByTheJob) {
+  const int signals[] = {SIGRTMIN, SIGRTMIN + 7, SIGRTMAX};
+  for (const int signal : signals) std::signal(signal, SIG_IGN);
+  auto again = ProcessSpawner::create(kDescriptorLimit);
+  for (const int signal : signals) EXPECT_EQ(std::signal(signal, SIG_IGN), SIG_IGN);
+  ASSERT_TRUE(again);
+  spawner_.emplace(*std::move(again));
+  JobDefinition job = script("");
+  job.program = "/bin/cat";
+  job.arguments = {"cat", "/proc/self/status"};
+  EXPECT_THAT(outputOf(job), HasSubstr("SigIgn:\t0000000000000000\n"));
+  for (const int signal : signals) std::signal(signal, SIG_DFL);
+}
+
 TEST_F(ProcessSpawnerTest, NoDescriptorOfTheHostReachesTheJob) {
   const UniqueFd inheritable(::open("/dev/null", O_RDONLY));
   ASSERT_TRUE(inheritable);

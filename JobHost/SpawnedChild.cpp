@@ -20,7 +20,6 @@
 namespace jobhost {
 namespace {
 
-constexpr int kSignals = 64;
 constexpr std::size_t kKernelSignalSetBytes = 8;
 constexpr int kPidDigits = 10;
 
@@ -55,8 +54,8 @@ bool startContinuing(const SpawnedChild& child) {
   for (timespec at = child.continueAfter; at.tv_sec < child.patience.tv_sec;) {
     if (!startTimer(SIGCONT, at)) return false;
     constexpr long kSecond = 1'000'000'000;
-    const long nanoseconds = 2 * at.tv_nsec;
-    at = {2 * at.tv_sec + nanoseconds / kSecond, nanoseconds % kSecond};
+    const long nanoseconds = 4 * at.tv_nsec;
+    at = {4 * at.tv_sec + nanoseconds / kSecond, nanoseconds % kSecond};
   }
   return true;
 }
@@ -138,11 +137,12 @@ bool enterFolders(SpawnedChild& child) {
   return ::syscall(SYS_chdir, child.workingDirectory) == 0;
 }
 
-void resetSignals() {
+void resetSignals(std::uint64_t signals) {
   // Ignored signals would stay ignored, and until the program is executed a handler of the host
   // would run in its memory.
   const KernelSignalAction byDefault{};
-  for (int signal = 1; signal <= kSignals; ++signal) {
+  for (int signal = 1; signals != 0; ++signal, signals >>= 1) {
+    if ((signals & 1) == 0) continue;
     ::syscall(SYS_rt_sigaction, signal, &byDefault, nullptr, kKernelSignalSetBytes);
   }
   const std::uint64_t none = 0;
@@ -183,7 +183,7 @@ bool prepare(SpawnedChild& child) {
 int runSpawnedChild(void* argument) {
   auto& child = *static_cast<SpawnedChild*>(argument);
   if (!prepare(child)) return failure(child);
-  resetSignals();
+  resetSignals(child.signalsToReset);
   child.stage = ChildStage::kExecute;
   ::syscall(SYS_execve, child.program, child.arguments, child.environment);
   return failure(child);

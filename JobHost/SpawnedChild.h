@@ -60,9 +60,12 @@ struct SpawnedChild {
   int umask;  // -1 for the host's
   int nice;   // 0 for the host's
 
+  // What may not be at its default: bit 0 is signal 1.
+  std::uint64_t signalsToReset;
+
   // Once it has its user's ids, others of that user may stop it. It is told to go on after
-  // this time and then after twice as long each, and killed where it has not come to its program
-  // after the whole time.
+  // this time and then after four times as long each, and killed where it has not come to its
+  // program after the whole time.
   timespec continueAfter;
   timespec patience;
 
