@@ -90,16 +90,15 @@ class FakeProcesses final : public Processes {
     }
   }
 
-  bool isGroupEmpty(platform::ProcessId group) override {
-    return !isAlive(group) && !members_.contains(group);
-  }
-
   platform::UniqueFd copyDescriptor(platform::ProcessId process,
                                     platform::Descriptor descriptor) override {
     const auto found = processes_.find(process);
     if (found == processes_.end() || descriptor != 3) return {};
     return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
   }
+
+  // Whether anything but its leader lives of the group.
+  bool hasMembers(platform::ProcessId group) const { return members_.contains(group); }
 
   bool isAlive(platform::ProcessId process) const {
     const auto found = processes_.find(process);

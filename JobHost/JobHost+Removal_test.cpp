@@ -95,7 +95,7 @@ TEST_F(JobHostTest, WhatAProcessLeavesOfItsGroupDoesNotOutliveIt) {
   ASSERT_TRUE(submit(job("com.example.a")));
   processes_.addMember(101);
   endLast();
-  EXPECT_TRUE(processes_.isGroupEmpty(101));
+  EXPECT_FALSE(processes_.hasMembers(101));
 }
 
 TEST_F(JobHostTest, EverybodyWhoRemovesAJobIsAnswered) {

@@ -174,15 +174,6 @@ void LinuxProcesses::reportIfEnded(ProcessId process) {
 
 void LinuxProcesses::signalGroup(ProcessId group, int signal) { ::kill(-group, signal); }
 
-bool LinuxProcesses::isGroupEmpty(ProcessId group) {
-  if (::kill(-group, 0) != 0 && errno == ESRCH) return true;
-  // There may be nothing but ended processes, whose parent is slow to reap them or never does.
-  return !anyProcess([&](const std::string& stat) {
-    const auto membership = membershipIn(stat);
-    return membership && membership->group == group;
-  });
-}
-
 bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
   const ProcessId group = identity.process;
   if (::kill(-group, 0) != 0 && errno == ESRCH) return false;

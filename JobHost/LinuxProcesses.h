@@ -26,7 +26,6 @@ class LinuxProcesses final : public Processes {
   bool hasSurvivors(const StartFields& identity) override;
   void reportIfEnded(platform::ProcessId process) override;
   void signalGroup(platform::ProcessId group, int signal) override;
-  bool isGroupEmpty(platform::ProcessId group) override;
   platform::UniqueFd copyDescriptor(platform::ProcessId process,
                                     platform::Descriptor descriptor) override;
 

@@ -189,34 +189,43 @@ TEST(LinuxProcesses, AnEndWithACoreIsTold) {
   EXPECT_EQ(endWithCore(), ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV}, true));
 }
 
-TEST(LinuxProcesses, AGroupLivesWhereOnlyTheFirstThreadOfAProcessHasEnded) {
+// A process of which the first thread has ended, and another lives.
+[[noreturn]] void endFirstThread(const UniqueFd& tellTo) {
+  std::thread([&] {
+    std::string stat;
+    do {
+      std::getline(std::ifstream("/proc/self/stat"), stat);
+    } while (stat.find(") Z ") == stat.npos);
+    const pid_t self = ::getpid();
+    static_cast<void>(::write(tellTo.get(), &self, sizeof self));
+    for (;;) ::pause();
+  }).detach();
+  ::syscall(SYS_exit, 0);  // This thread alone.
+  ::_exit(1);
+}
+
+TEST(LinuxProcesses, OfAGroupSurvivesAlsoAProcessOfWhichOnlyTheFirstThreadHasEnded) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
   const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const UniqueFd reading(ends[0]);
-  UniqueFd writing(ends[1]);
-  const pid_t child = ::fork();
-  if (child == 0) {
+  const UniqueFd writing(ends[1]);
+  const pid_t leader = ::fork();
+  if (leader == 0) {
     ::setsid();
-    std::thread([&] {
-      std::string stat;
-      do {
-        std::getline(std::ifstream("/proc/self/stat"), stat);
-      } while (stat.find(") Z ") == stat.npos);
-      static_cast<void>(::write(writing.get(), "!", 1));
-      for (;;) ::pause();
-    }).detach();
-    ::syscall(SYS_exit, 0);  // This thread alone.
+    if (::fork() == 0) endFirstThread(writing);
+    ::_exit(0);
   }
-  writing.reset();
-  char byte = 0;
-  EXPECT_EQ(::read(reading.get(), &byte, 1), 1);
-  EXPECT_FALSE(processes->isGroupEmpty(child));
-  EXPECT_EQ(::kill(-child, SIGKILL), 0);
-  EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child), nullptr, WEXITED | WNOWAIT), 0);
-  EXPECT_TRUE(processes->isGroupEmpty(child));
-  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+  ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
+  pid_t member = 0;
+  ASSERT_EQ(::read(reading.get(), &member, sizeof member), ssize_t{sizeof member});
+  const StartFields identity{.process = leader, .startTicks = 1};
+  EXPECT_TRUE(processes->hasSurvivors(identity));
+  EXPECT_EQ(::kill(-leader, SIGKILL), 0);
+  EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(member), nullptr, WEXITED | WNOWAIT), 0);
+  EXPECT_FALSE(processes->hasSurvivors(identity));  // Though nobody has reaped it.
+  EXPECT_EQ(::waitpid(member, nullptr, 0), member);
 }
 
 TEST(LinuxProcesses, WithoutDescriptorsWhatIsLeftOfAGroupIsNotTakenForGone) {

@@ -36,8 +36,8 @@ class Processes {
   // Whether something of the group still lives of a process that takeOver() did not find, or of
   // which nobody could learn how it ended. A number that still means a group is given to no new
   // process, so what has it is what was left behind, as long as no other process has it, and
-  // nothing of it is older than its leader. So it does where that can't be found out. May look at
-  // every process of the system.
+  // nothing of it is older than its leader. So it does where that can't be found out. Ended
+  // processes that nobody has reaped don't count. May look at every process of the system.
   virtual bool hasSurvivors(const StartFields& identity) = 0;
 
   // Calls the `onEnd` of this process now where it has ended and that has not been called.
@@ -46,9 +46,6 @@ class Processes {
   // Signals every process of the group; nothing happens where there is none. The number must be
   // that of a group of which a member still lived a moment ago.
   virtual void signalGroup(platform::ProcessId group, int signal) = 0;
-  // Whether nothing of the group lives; ended processes that nobody has reaped don't count. May
-  // look at every process of the system.
-  virtual bool isGroupEmpty(platform::ProcessId group) = 0;
 
   // A copy of a watched process's descriptor, empty where the system or the process has none to
   // give.

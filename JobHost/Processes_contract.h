@@ -134,7 +134,6 @@ TEST_P(ProcessesContract, AStartedProcessIsOnRecord) {
   EXPECT_EQ(recorded().process, process);
   EXPECT_NE(recorded().startTicks, 0);
   EXPECT_EQ(contents(), std::string(record_.begin(), record_.end()));
-  EXPECT_FALSE(processes().isGroupEmpty(process));
   EXPECT_FALSE(processes().hasSurvivors(recorded()));
   runToEnds(0);
 }
@@ -147,7 +146,7 @@ TEST_P(ProcessesContract, HowAProcessEndedIsReportedOnce) {
     EXPECT_TRUE(ends_.empty());
     runToEnds(1);
     EXPECT_EQ(ends_, std::vector<Ending>{status});
-    EXPECT_TRUE(processes().isGroupEmpty(process));
+    EXPECT_FALSE(processes().hasSurvivors(recorded()));
     ends_.clear();
   }
 }
@@ -194,7 +193,7 @@ TEST_P(ProcessesContract, AProgramThatCannotBeExecutedIsNoProcess) {
   ASSERT_FALSE(refused);
   EXPECT_NE(platform::describe(refused.error()), "");
   if (recorded().process != 0) {
-    EXPECT_TRUE(processes().isGroupEmpty(recorded().process));
+    EXPECT_FALSE(processes().hasSurvivors(recorded()));
   }
   runToEnds(0);
 }
@@ -207,7 +206,7 @@ TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNone) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().osError, ENOSPC);
   ASSERT_NE(recorded().process, 0);
-  EXPECT_TRUE(processes().isGroupEmpty(recorded().process));
+  EXPECT_FALSE(processes().hasSurvivors(recorded()));
   runToEnds(0);
 }
 
@@ -233,7 +232,7 @@ TEST_P(ProcessesContract, ASignalReachesTheProcess) {
   processes().signalGroup(process, SIGTERM);
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending(Status{Status::Kind::kSignalled, SIGTERM}));
-  EXPECT_TRUE(processes().isGroupEmpty(process));
+  EXPECT_FALSE(processes().hasSurvivors(recorded()));
 }
 
 TEST_P(ProcessesContract, WhatAProcessLeavesOfItsGroupSurvivesUntilItIsKilled) {
@@ -242,10 +241,9 @@ TEST_P(ProcessesContract, WhatAProcessLeavesOfItsGroupSurvivesUntilItIsKilled) {
   EXPECT_FALSE(processes().hasSurvivors(identity));
   harness_->end(process, {Status::Kind::kExited, 0});
   runToEnds(1);
-  EXPECT_FALSE(processes().isGroupEmpty(process));
   EXPECT_TRUE(processes().hasSurvivors(identity));
   processes().signalGroup(process, SIGKILL);
-  runUntil([&] { return processes().isGroupEmpty(process); });
+  runUntil([&] { return !processes().hasSurvivors(identity); });
   EXPECT_FALSE(processes().hasSurvivors(identity));
   EXPECT_EQ(ends_.size(), 1);
 }
@@ -253,7 +251,6 @@ TEST_P(ProcessesContract, WhatAProcessLeavesOfItsGroupSurvivesUntilItIsKilled) {
 TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnknown) {
   const StartFields identity = startElsewhere(Kind::kAlone);
   ASSERT_TRUE(processes().takeOver(identity, reporting()));
-  EXPECT_FALSE(processes().isGroupEmpty(identity.process));
   processes().reportIfEnded(identity.process);
   runToEnds(0);
   harness_->end(identity.process, {Status::Kind::kExited, 0});
@@ -272,7 +269,7 @@ TEST_P(ProcessesContract, WhatAProcessTakenOverLeavesOfItsGroupSurvives) {
   // Whether or not its parent has reaped it yet.
   EXPECT_TRUE(processes().hasSurvivors(identity));
   processes().signalGroup(identity.process, SIGKILL);
-  runUntil([&] { return processes().isGroupEmpty(identity.process); });
+  runUntil([&] { return !processes().hasSurvivors(identity); });
   EXPECT_FALSE(processes().hasSurvivors(identity));
 }
 

@@ -232,14 +232,7 @@ TEST_F(DaemonEndpoints, ClientsThatAskWhileTheDaemonEndsHarmNothing) {
                           std::vector<std::string>());
       EXPECT_EQ(asking.back().nextLine(), "asking");
     }
-    const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
-    ASSERT_GT(daemon, 0);
-    root_.expectStart();
-    ASSERT_EQ(::kill(daemon, SIGTERM), 0);
-    root_.awaitStart();
-    const Value job = root_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, DaemonRoot::kDaemon);
-    EXPECT_EQ(job["LastExitStatus"], Value(0));
-    EXPECT_NE(root_.processOf(DaemonRoot::kDaemon), daemon);
+    root_.endDaemonAndAwaitNext();
     for (ChildProgram& program : asking) {
       program.signal(SIGKILL);
       program.waitForExit();

@@ -166,14 +166,7 @@ TEST_F(DaemonExecInfo, EndlessFilesHoldUpNobody) {
 TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
   const std::string endless = sparseFile("endless", kEndless);
   std::list<ChildProgram> callers = askFor(endless, LinuxXPC::kThreadsPerListener + 1);
-  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
-  ASSERT_GT(daemon, 0);
-  root_.expectStart();
-  ASSERT_EQ(::kill(daemon, SIGTERM), 0);
-  root_.awaitStart();
-  const Value job = root_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, DaemonRoot::kDaemon);
-  EXPECT_EQ(job["LastExitStatus"], Value(0));
-  EXPECT_NE(root_.processOf(DaemonRoot::kDaemon), daemon);
+  root_.endDaemonAndAwaitNext();
   for (ChildProgram& caller : callers) {
     const ExitStatus status = caller.waitForExit();
     EXPECT_EQ(status.kind, ExitStatus::Kind::kExited);

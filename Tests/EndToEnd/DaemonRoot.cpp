@@ -224,6 +224,17 @@ void DaemonRoot::killDaemon() {
   EXPECT_EQ(::kill(daemon, SIGKILL), 0);
 }
 
+void DaemonRoot::endDaemonAndAwaitNext() {
+  expectStart();
+  const ProcessId daemon = processOf(kDaemon);
+  ASSERT_GT(daemon, 0);
+  ASSERT_EQ(::kill(daemon, SIGTERM), 0);
+  awaitStart();
+  const Value job = jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kDaemon);
+  EXPECT_EQ(job["LastExitStatus"], Value(0));
+  EXPECT_NE(processOf(kDaemon), daemon);
+}
+
 void DaemonRoot::awaitStart() {
   await("the daemon's start", [&] { return starts_ >= awaitedStarts_; });
 }

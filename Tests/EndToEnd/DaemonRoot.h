@@ -73,6 +73,8 @@ class DaemonRoot {
   void startBus();
   // SIGKILL: the job host starts it again.
   void killDaemon();
+  // SIGTERM: it ends in order, and the job host starts it again; returns when it has.
+  void endDaemonAndAwaitNext();
   // Somebody else is about to make it start.
   void expectStart() { awaitedStarts_ = starts_ + 1; }
   // Waits for the announcement of the start that one of these began.
