@@ -44,6 +44,16 @@ TEST_F(FileDigestTest, IsThatOfTheWholeContentInPiecesOfAnySize) {
   }
 }
 
+// No count of its bytes passes through 32 bits on its way.
+TEST_F(FileDigestTest, AFileOfMoreThanFourGibibytesIsHashedWhole) {
+  const std::string path = folder_.write("large", "");
+  std::filesystem::resize_file(path, (std::uintmax_t{1} << 32) + 1);  // Zeros that take no room.
+  const auto digest = digestOf(path);
+  ASSERT_TRUE(digest && *digest);
+  EXPECT_EQ(hexadecimalText(**digest),
+            "fbb82f7b353676bb562eb82157fcf0ea42c36492ca13ee56dbf82c08b6802c5c");
+}
+
 TEST_F(FileDigestTest, AnEmptyFileHasNone) {
   const auto digest = digestOf(folder_.write("empty", ""));
   ASSERT_TRUE(digest);

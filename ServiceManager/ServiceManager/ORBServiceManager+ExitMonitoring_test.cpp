@@ -1,4 +1,6 @@
 #include <chrono>
+#include <functional>
+#include <utility>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
@@ -54,7 +56,7 @@ TEST_F(ExitMonitoringTest, ANilOrBlankLabelIsRefused) {
   EXPECT_THAT(takeLog(), ElementsAre(line, line, line));
 }
 
-// Counts the looks at a job.
+// Counts the looks at a job, and lets things happen in between.
 class CountedJobs final : public Jobs {
  public:
   explicit CountedJobs(Jobs& jobs) : jobs_(jobs) {}
@@ -69,9 +71,12 @@ class CountedJobs final : public Jobs {
   }
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override {
     ++copies;
-    return jobs_.SMJobCopyDictionary(domain, label);
+    const Value job = jobs_.SMJobCopyDictionary(domain, label);
+    if (onCopied) std::exchange(onCopied, {})();
+    return job;
   }
   int copies = 0;
+  std::function<void()> onCopied;  // called after the next one, before it is answered
 
  private:
   Jobs& jobs_;
@@ -211,6 +216,28 @@ TEST_F(ExitMonitoringTest, AnExitThatTheLoopHasNotHeardOfYetIsReportedWithItsNex
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first)));
   loop_.runReady();
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first), notice(kAgent, 0)));
+}
+
+TEST_F(ExitMonitoringTest, AProcessThatEndsBetweenTheLookAndTheWatchIsReportedOnceAndReplaced) {
+  CountedJobs jobs(jobs_);
+  manager_.emplace(platform(jobs));
+  use(catalogue());
+  submit(kPrimary);
+  submit(kAgent);
+  monitor(kPrimary);
+  const auto client = registerClient();
+  const int first = process(kAgent);
+  jobs.onCopied = [&] { jobs_.endProcess(kAgent); };
+  EXPECT_TRUE(monitor(kAgent));
+  EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first)));
+  loop_.runReady();
+  const int second = process(kAgent);
+  EXPECT_NE(second, first);
+  EXPECT_THAT(client->notices,
+              ElementsAre(notice(kAgent, 1, first), notice(kAgent, 0), notice(kAgent, 1, second),
+                          notice(kHelper, 1, process(kHelper))));
+  EXPECT_EQ(exitWatcher_.watchCount(), 3u);
+  manager_.reset();
 }
 
 // The process goes on and its watch with it, though neither is marked any more.

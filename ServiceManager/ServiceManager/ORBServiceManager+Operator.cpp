@@ -44,6 +44,14 @@ const char* outcomeOf(const Value& expected, const Value& current) {
   return kOutcomeAbsent;
 }
 
+bool isSilence(const NSException& exception) {
+  return exception.name == kNSPortTimeoutException || exception.name == kNSInvalidSendPortException;
+}
+
+std::string refusalIn(const NSException& exception) {
+  return exception.reason.empty() ? exception.name : exception.name + ": " + exception.reason;
+}
+
 }  // namespace
 
 void ORBServiceManager::addOperatingFacts(Dictionary& facts) const {
@@ -215,9 +223,14 @@ Value ORBServiceManager::switchFacts(const Value& feature, const Value& source,
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
                                     : known->second->lookAtObjectForKey(key, time);
   time -= platform_.runLoop.now() - start;
-  if (!current) {
+  if (!current && isSilence(current.error())) {
     time = Duration::zero();  // It is not asked for the others.
     facts.set(kFactOutcome, kOutcomeNoAnswer);
+    return facts;
+  }
+  if (!current) {
+    facts.set(kFactRefusal, refusalIn(current.error()));
+    facts.set(kFactOutcome, kOutcomeRefused);
     return facts;
   }
   setIfKnown(facts, kFactCurrent, *current);

@@ -225,6 +225,34 @@ TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesI
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+// Raises for one of its keys, at once.
+class RaisingClient final : public SettingsClient {
+ public:
+  Value objectForKey(std::string_view key) override {
+    return lookAtObjectForKey(key, 10s).value_or(Value());
+  }
+  MessageResult lookAtObjectForKey(std::string_view key, Duration) override {
+    if (key == "level") return std::unexpected(NSException{"Corrupt", "page 7\033", {}});
+    return Value(1);
+  }
+  void forgetConnection() override {}
+};
+
+TEST_F(OperatorTest, ASettingsServerThatRaisesIsNotASilentOneAndIsAskedForTheOthers) {
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   return std::make_unique<RaisingClient>();
+                 });
+  startAll();
+  const Value facts = factsOf(kAgent);
+  const Array& switches = *facts[kFactSwitches].array();
+  ASSERT_EQ(switches.size(), 5u);
+  EXPECT_EQ(switches[0][kFactOutcome], Value("matches"));
+  EXPECT_EQ(switches[1][kFactOutcome], Value("refused"));
+  EXPECT_EQ(switches[1][kFactRefusal], Value("Corrupt: page 7\033"));
+  EXPECT_EQ(switches[2][kFactOutcome], Value("matches"));
+}
+
 TEST_F(OperatorTest, AServiceThatIsAboutToBeStoppedIsToldSo) {
   startAll();
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());

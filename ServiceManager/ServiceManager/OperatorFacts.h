@@ -54,12 +54,14 @@ inline constexpr char kFactSource[] = "Source";  // the prefix of its settings s
 inline constexpr char kFactKey[] = "Key";
 inline constexpr char kFactExpected[] = "Expected";
 inline constexpr char kFactCurrent[] = "Current";
+inline constexpr char kFactRefusal[] = "Refusal";  // that exception's name and reason
 inline constexpr char kFactOutcome[] = "Outcome";  // one of these
 inline constexpr char kOutcomeMatches[] = "matches";
 inline constexpr char kOutcomeDiffers[] = "differs";
 inline constexpr char kOutcomeClashes[] = "clashes";    // of kinds that can't be compared
 inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting
 inline constexpr char kOutcomeNoAnswer[] = "noAnswer";  // its settings server does not answer
+inline constexpr char kOutcomeRefused[] = "refused";    // it answers with an exception
 inline constexpr char kOutcomeNotAsked[] = "notAsked";  // no evaluation has needed it yet
 inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such settings server
 

@@ -1,9 +1,13 @@
 // What the daemon asks of the platform while it starts, to the letter.
 
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <string>
 #include <utility>
 
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Thread.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
 
 namespace {
@@ -101,6 +105,14 @@ TEST_F(StartUpCallsTest, TheOneRightIsAskedForAheadOfItsUse) {
   EXPECT_THAT(authorization_.asked[0].rights,
               ElementsAre("com.apple.ServiceManagement.daemons.modify"));
   EXPECT_EQ(authorization_.asked[0].flags, 18u);
+}
+
+TEST_F(StartUpCallsTest, TheEndClosesItsLog) {
+  start();
+  const std::uint32_t thread = mach_thread_self();
+  EXPECT_EQ(get_queue(thread)->label(), "com.vantor.logger2.workqueue." + std::to_string(thread));
+  manager().backgroundServiceWillTerminate({});
+  EXPECT_EQ(get_queue(thread)->label(), "com.vantor.logger2.default.process");
 }
 
 // Each would do by itself.

@@ -104,11 +104,11 @@ bool isUnwantedFeature(const Facts& facts) {
   return facts.isFeature() && !facts.isPrimary() && facts.switchThat(kOutcomeMatches).isNil();
 }
 
-// The names of the settings servers that did not answer, each once.
-std::string silentSources(const Facts& facts) {
+// The names of the settings servers of which a switch has this outcome, each once.
+std::string sourcesWith(const char* outcome, const Facts& facts) {
   std::set<std::string> names;
   for (const Value& row : facts.switches()) {
-    if (row[kFactOutcome] == Value(kOutcomeNoAnswer)) names.insert(textOf(row[kFactSource]));
+    if (row[kFactOutcome] == Value(outcome)) names.insert(textOf(row[kFactSource]));
   }
   return fmt::format("{}", fmt::join(names, ", "));
 }
@@ -121,11 +121,17 @@ Reason whyUnwanted(const Facts& facts) {
   if (!facts.switchThat(kOutcomeNotAsked).isNil()) {
     return {"notEvaluated", "its switches have not been looked at yet"};
   }
-  if (const std::string silent = silentSources(facts); !silent.empty()) {
+  if (const std::string silent = sourcesWith(kOutcomeNoAnswer, facts); !silent.empty()) {
     return {"noAnswer",
             "no switch asks for it that could be looked at, and no answer came from "
             "the settings server of " +
                 silent};
+  }
+  if (const std::string refusing = sourcesWith(kOutcomeRefused, facts); !refusing.empty()) {
+    return {"refused",
+            "no switch asks for it that could be looked at, and an exception came from the "
+            "settings server of " +
+                refusing};
   }
   return {"noMatch", "none of its switches asks for it"};
 }
@@ -252,6 +258,10 @@ std::string aboutSwitch(const Value& row) {
   if (outcome == kOutcomeAbsent) return name + ", and there is no such setting now: does not";
   if (outcome == kOutcomeNoAnswer)
     return name + ", and its settings server gives no answer: does not";
+  if (outcome == kOutcomeRefused) {
+    return fmt::format("{}, and its settings server answers with {}: does not", name,
+                       textOf(row[kFactRefusal]));
+  }
   if (outcome == kOutcomeNotAsked) return name + ", not looked at yet";
   return name + ", and there is no such settings server: does not";
 }

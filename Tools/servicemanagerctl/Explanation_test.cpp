@@ -130,6 +130,12 @@ const std::vector<Row> kNotRunning{
     {"noAnswer", feature({aSwitch("noAnswer"), aSwitch("differs", 0), aSwitch("noAnswer")}),
      "agent does not run: no switch asks for it that could be looked at, and no answer came from "
      "the settings server of common."},
+    {"noAnswer", feature({aSwitch("refused"), aSwitch("noAnswer")}),
+     "agent does not run: no switch asks for it that could be looked at, and no answer came from "
+     "the settings server of common."},
+    {"refused", feature({aSwitch("refused"), aSwitch("differs", 0)}),
+     "agent does not run: no switch asks for it that could be looked at, and an exception came from "
+     "the settings server of common."},
     {"noMatch", feature({aSwitch("absent"), aSwitch("clashes", "1"), aSwitch("noSource")}),
      "agent does not run: none of its switches asks for it."},
     {"noProgram",
@@ -226,6 +232,14 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "  next retry      in 12.3 s\n"
       "  settings        a change came outside normal mode; further ones are evaluated once "
       "everything has been in normal mode again\n");
+}
+
+TEST(ExplanationTest, WhatASettingsServerRaisedIsToldAndCannotWriteToTheTerminal) {
+  Dictionary row = aSwitch("refused");
+  row.set(kFactRefusal, "Corrupt: page\033[2J 7");
+  EXPECT_THAT(
+      asText(explain(factsWith(feature({row}))), Reader::kOther),
+      HasSubstr(", and its settings server answers with Corrupt: page\\u001b[2J 7: does not\n"));
 }
 
 TEST(ExplanationTest, OnlyWhatRunsWillBeStopped) {
