@@ -134,7 +134,8 @@ const std::vector<Row> kNotRunning{
      "agent does not run: no switch asks for it that could be looked at, and no answer came from "
      "the settings server of common."},
     {"refused", feature({aSwitch("refused"), aSwitch("differs", 0)}),
-     "agent does not run: no switch asks for it that could be looked at, and an exception came from "
+     "agent does not run: no switch asks for it that could be looked at, and an exception came "
+     "from "
      "the settings server of common."},
     {"noMatch", feature({aSwitch("absent"), aSwitch("clashes", "1"), aSwitch("noSource")}),
      "agent does not run: none of its switches asks for it."},

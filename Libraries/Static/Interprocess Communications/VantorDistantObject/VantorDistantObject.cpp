@@ -268,7 +268,8 @@ MessageResult VantorDistantObject::lookByOwnConnection(std::string_view selector
   const auto connection =
       remoteServerName_ ? environment_.connections.lookAtRegisteredName(*remoteServerName_, left())
                         : nullptr;
-  if (!connection) return std::unexpected(NSException{kNSInvalidSendPortException, "", {}});
+  if (!connection)
+    return std::unexpected(NSException{platform::kNSInvalidSendPortException, "", {}});
   connection->setDelegate(this);
   connection->setRequestTimeout(left());
   const auto proxy = connection->rootProxy();

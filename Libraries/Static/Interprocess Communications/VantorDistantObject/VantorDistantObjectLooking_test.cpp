@@ -47,7 +47,7 @@ TEST_F(VantorDistantObjectTest, WhoOnlyLooksWithoutAConnectionMakesNoneThatStays
   stopServer();
   const MessageResult gone = object->lookWithMessage("isServerUp", {}, 2s);
   ASSERT_FALSE(gone);
-  EXPECT_EQ(gone.error().name, kNilProxy);
+  EXPECT_EQ(gone.error().name, platform::kNSInvalidSendPortException);
   EXPECT_THAT(sink_.messages(), IsEmpty());
 }
 
