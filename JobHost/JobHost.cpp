@@ -244,15 +244,15 @@ Processes::OnEnd JobHost::onEndOf(Job& job) {
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
-  compactIfWanted();  // Before the end, which a full file would refuse.
-  job.hasLeader = false;
-  job.lastEnd = ending;
   // Who could learn how it ended has reaped it just now, so that the number can't have come to mean
   // another group. Somebody else's child may have been reaped by its parent at any time since.
   const bool hasGroup = ending || processes_.hasSurvivors(job.lastStart);
   // What it left of its group belongs to no process that the job has from now on. Before the end is
   // on record: the next host looks for the group of a process whose end is not.
   if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
+  compactIfWanted();  // Before the end, which a full file would refuse.
+  job.hasLeader = false;
+  job.lastEnd = ending;
   if (auto written = state_->appendEnded(job.label, ending); !written) {
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }

@@ -18,6 +18,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Shortage.h"
 #include "Platform/Linux/SystemCall.h"
 
 namespace jobhost {
@@ -27,6 +28,7 @@ using platform::Descriptor;
 using platform::Error;
 using platform::ErrorCode;
 using platform::ExitStatus;
+using platform::isShortage;
 using platform::ProcessId;
 using platform::Result;
 using platform::retryOnInterrupt;
@@ -44,13 +46,15 @@ Ending reap(int pidfd) {
                     info.si_code == CLD_DUMPED);
 }
 
-// What is in the process's "stat" file, empty where there is no such process.
-std::string statOf(std::string_view process) {
+// What is in the process's "stat" file, empty where there is no such process; nothing where nobody
+// can look.
+std::optional<std::string> statOf(std::string_view process) {
   const std::string path = fmt::format("/proc/{}/stat", process);
   const UniqueFd file(retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  if (!file) return {};
   char text[1024];
-  const ssize_t size = retryOnInterrupt([&] { return ::read(file.get(), text, sizeof text); });
+  const ssize_t size =
+      file ? retryOnInterrupt([&] { return ::read(file.get(), text, sizeof text); }) : -1;
+  if (size < 0 && isShortage(errno)) return std::nullopt;
   return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : std::string();
 }
 
@@ -84,11 +88,16 @@ template <typename Matches>
 bool anyProcess(Matches matches) {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), &::closedir);
   if (!folder) return true;
+  errno = 0;
   while (const dirent* entry = ::readdir(folder.get())) {
     const std::string_view name = entry->d_name;
-    if (name.front() >= '1' && name.front() <= '9' && matches(statOf(name))) return true;
+    if (name.front() >= '1' && name.front() <= '9') {
+      const auto stat = statOf(name);
+      if (!stat || matches(*stat)) return true;
+    }
+    errno = 0;
   }
-  return false;
+  return errno != 0;
 }
 
 }  // namespace
@@ -134,9 +143,10 @@ Result<void> LinuxProcesses::takeOver(const StartFields& identity, OnEnd onEnd) 
   }
   // From here on the number can't change hands unnoticed: what was true of it before the process
   // behind the pidfd ended was true of that process.
-  const std::string stat = statOf(std::to_string(identity.process));
+  const auto stat = statOf(std::to_string(identity.process));
+  if (!stat) return std::unexpected(systemError(what, ErrorCode::kExhausted));
   struct stat status{};
-  const bool isSame = startTicksIn(stat.data(), stat.size()) == identity.startTicks &&
+  const bool isSame = startTicksIn(stat->data(), stat->size()) == identity.startTicks &&
                       ::fstat(pidfd.get(), &status) == 0 &&
                       (identity.pidfdInode == 0 || !spawner_.hasUniquePidfds() ||
                        status.st_ino == identity.pidfdInode);
@@ -179,9 +189,10 @@ bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
   if (::kill(-group, 0) != 0 && errno == ESRCH) return false;
   // A process, or a thread, that has the number now: the group is of its making. But for the leader
   // itself, when it has ended and its parent is slow to reap it.
-  const std::string stat = statOf(std::to_string(group));
-  const bool isLeader = startTicksIn(stat.data(), stat.size()) == identity.startTicks;
-  if (!stat.empty() && (!isLeader || membershipIn(stat))) return false;
+  const auto stat = statOf(std::to_string(group));
+  if (!stat) return true;
+  const bool isLeader = startTicksIn(stat->data(), stat->size()) == identity.startTicks;
+  if (!stat->empty() && (!isLeader || membershipIn(*stat))) return false;
   bool isOurs = false;
   bool isOlder = false;
   const bool isUnseen = anyProcess([&](const std::string& stat) {

@@ -18,10 +18,12 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include "JobHost/FakeProcesses_contract.h"
 #include "JobHost/Processes_contract.h"
+#include "Platform/Testing/DescriptorShortage.h"
 
 namespace jobhost {
 namespace {
 
+using platform::DescriptorShortage;
 using platform::ExitStatus;
 using platform::ProcessId;
 using platform::UniqueFd;
@@ -242,13 +244,25 @@ TEST(LinuxProcesses, WithoutDescriptorsWhatIsLeftOfAGroupIsNotTakenForGone) {
   ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
   const StartFields identity{.process = leader, .startTicks = 1};
   EXPECT_TRUE(processes->hasSurvivors(identity));
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  const rlimit none{0, before.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  EXPECT_TRUE(processes->hasSurvivors(identity));
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  // The one may list the processes, and look at none.
+  for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
+    const DescriptorShortage shortage(left);
+    EXPECT_TRUE(processes->hasSurvivors(identity));
+  }
   EXPECT_EQ(::kill(-leader, SIGKILL), 0);
+}
+
+TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForGone) {
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const StartFields identity{.process = ::getpid(), .startTicks = 1};
+  for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
+    const DescriptorShortage shortage(left);
+    const auto taken = processes->takeOver(identity, {});
+    ASSERT_FALSE(taken);
+    EXPECT_EQ(taken.error().code, platform::ErrorCode::kExhausted);
+  }
+  EXPECT_EQ(processes->takeOver(identity, {}).error().code, platform::ErrorCode::kNotFound);
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));

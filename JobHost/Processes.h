@@ -33,11 +33,11 @@ class Processes {
   // has gone, whatever has its number now.
   virtual platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) = 0;
 
-  // Whether something of the group still lives of a process that takeOver() did not find, or of
-  // which nobody could learn how it ended. A number that still means a group is given to no new
-  // process, so what has it is what was left behind, as long as no other process has it, and
-  // nothing of it is older than its leader. So it does where that can't be found out. Ended
-  // processes that nobody has reaped don't count. May look at every process of the system.
+  // Whether something of the group still lives of a process that has ended; not while that lives
+  // itself. A number that still means a group is given to no new process, so what has it is what
+  // was left behind, as long as no other process has it, and nothing of it is older than its
+  // leader. So it does where that can't be found out. Ended processes that nobody has reaped don't
+  // count. May look at every process of the system.
   virtual bool hasSurvivors(const StartFields& identity) = 0;
 
   // Calls the `onEnd` of this process now where it has ended and that has not been called.

@@ -121,6 +121,14 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     EXPECT_EQ(ends_.size(), count);
   }
 
+  // Neither it nor anything of its group is there.
+  void expectGone(const StartFields& identity) {
+    const auto refused = processes().takeOver(identity, reporting());
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
+    EXPECT_FALSE(processes().hasSurvivors(identity));
+  }
+
   platform::TemporaryFolder root_;
   const std::string path_ = root_.path("state");
   platform::UniqueFd file_;
@@ -192,9 +200,7 @@ TEST_P(ProcessesContract, AProgramThatCannotBeExecutedIsNoProcess) {
   const auto refused = processes().start(job, makeTicket(job), -1, reporting());
   ASSERT_FALSE(refused);
   EXPECT_NE(platform::describe(refused.error()), "");
-  if (recorded().process != 0) {
-    EXPECT_FALSE(processes().hasSurvivors(recorded()));
-  }
+  if (recorded().process != 0) expectGone(recorded());
   runToEnds(0);
 }
 
@@ -206,7 +212,7 @@ TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNone) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().osError, ENOSPC);
   ASSERT_NE(recorded().process, 0);
-  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+  expectGone(recorded());
   runToEnds(0);
 }
 
@@ -296,10 +302,7 @@ TEST_P(ProcessesContract, AProcessThatHasGoneIsNotTakenOver) {
   const auto process = start(Kind::kAlone);
   harness_->end(process, kKilled);
   runToEnds(1);
-  const auto refused = processes().takeOver(recorded(), reporting());
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
-  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+  expectGone(recorded());
   runToEnds(1);
 }
 

@@ -13,6 +13,7 @@
 
 #include "JobHost/StateReader.h"
 #include "Platform/Linux/RegularFile.h"
+#include "Platform/Linux/Shortage.h"
 #include "Platform/Linux/SystemCall.h"
 
 namespace jobhost {
@@ -165,6 +166,9 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
       opened.warnings.push_back(
           setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
     }
+  } else if (platform::isShortage(trusted.error().osError)) {
+    // The file may be as good as ever: to go on without it would be to start all jobs twice.
+    return std::unexpected(std::move(trusted.error()));
   } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
         setAside(self.path_, false, "not trusted: " + platform::describe(trusted.error())));

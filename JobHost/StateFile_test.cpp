@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Testing/DescriptorShortage.h"
 #include "Platform/Testing/FileSizeLimit.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Platform/Testing/VirtualRunLoop.h"
@@ -286,6 +287,23 @@ TEST_F(StateFileTest, AFileLargerThanAllowedIsSetAsideUnread) {
     ASSERT_EQ(::truncate(path_.c_str(), size), 0);
     expectSetAside(reason);
   }
+}
+
+// The lock is the last descriptor that there is.
+TEST_F(StateFileTest, AFileThatCannotBeOpenedNowStaysAndNothingIsForgotten) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  {
+    const platform::DescriptorShortage shortage(platform::DescriptorShortage::Left::kOne);
+    const auto refused = StateFile::open(folder_.path(), kBoot, loop_);
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+    EXPECT_THAT(refused.error().context, HasSubstr(path_));
+  }
+  EXPECT_EQ(contents(), before);
+  const auto opened = open();
+  EXPECT_THAT(opened.warnings, IsEmpty());
+  EXPECT_THAT(labelsOf(opened.jobs), ElementsAre("a"));
 }
 
 TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {

@@ -40,7 +40,11 @@ Array withNil(const Array& values) {
 
 NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
                                  std::unique_ptr<PeerConnection> accepted)
-    : xpc_(xpc), queue_(std::move(queue)), role_(Role::kAccepted), peer_(std::move(accepted)) {
+    : xpc_(xpc),
+      loop_(xpc.environment_.loop),
+      queue_(std::move(queue)),
+      role_(Role::kAccepted),
+      peer_(std::move(accepted)) {
   processIdentifier_ = peer_->peer().process;
   effectiveUserIdentifier_ = peer_->peer().user;
 }
@@ -48,6 +52,7 @@ NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> q
 NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
                                  std::string machService)
     : xpc_(xpc),
+      loop_(xpc.environment_.loop),
       queue_(std::move(queue)),
       role_(Role::kMachClient),
       machService_(std::move(machService)) {}
@@ -55,6 +60,7 @@ NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> q
 NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
                                  std::shared_ptr<const NSXPCListenerEndpoint> endpoint)
     : xpc_(xpc),
+      loop_(xpc.environment_.loop),
       queue_(std::move(queue)),
       role_(Role::kEndpointClient),
       endpoint_(std::move(endpoint)) {}
@@ -63,7 +69,7 @@ NSXPCConnection::~NSXPCConnection() { dropPeer(); }
 
 // The transport's connection belongs to the loop's thread, wherever this ends.
 void NSXPCConnection::dropPeer() {
-  if (peer_) xpc_.environment_.loop.post([peer = std::move(peer_)] {});
+  if (peer_) loop_.post([peer = std::move(peer_)] {});
 }
 
 void NSXPCConnection::deliver(SerialQueue::Block block) {
@@ -95,7 +101,7 @@ void NSXPCConnection::resume() {
     held_.clear();
   }
   if (role_ == Role::kAccepted) return;
-  xpc_.environment_.loop.post([weak = weak_from_this()] {
+  loop_.post([weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->begin();
   });
 }
@@ -113,8 +119,7 @@ void NSXPCConnection::suspend() {
 
 void NSXPCConnection::invalidate() {
   if (invalid_.exchange(true)) return;
-  xpc_.environment_.loop.post(
-      [self = shared_from_this()] { self->becomeInvalid(NSXPCConnectionInvalid); });
+  loop_.post([self = shared_from_this()] { self->becomeInvalid(NSXPCConnectionInvalid); });
 }
 
 void NSXPCConnection::becomeInvalid(std::int64_t whyMessagesFail) {
@@ -234,7 +239,7 @@ void NSXPCConnection::serve(PeerMessage message) {
     NSException why{kNSInvalidArgumentException,
                     "-[" + message.selector + "]: not a message of this object",
                     {}};
-    xpc_.environment_.loop.post([reply = std::move(message.reply), why = std::move(why)] {
+    loop_.post([reply = std::move(message.reply), why = std::move(why)] {
       std::ignore = reply->answer(std::unexpected(why));
     });
     return;
@@ -254,8 +259,7 @@ XPCReply NSXPCConnection::makeReply(std::unique_ptr<PeerReply> reply) {
       loop->post([dropped = std::unique_ptr<PeerReply>(owned)] {});
     }
   };
-  std::unique_ptr<PeerReply, DropOnLoop> right(reply.release(),
-                                               DropOnLoop{&xpc_.environment_.loop});
+  std::unique_ptr<PeerReply, DropOnLoop> right(reply.release(), DropOnLoop{&loop_});
   return [xpc = &xpc_, right = std::move(right)](Array values) mutable {
     if (!right) return;
     auto answer = [xpc, reply = std::unique_ptr<PeerReply>(right.release()),
@@ -277,7 +281,7 @@ void NSXPCConnection::sendMessage(std::string_view selector, Array arguments, Re
                                   ErrorHandler error) {
   auto message = std::make_shared<Outgoing>(
       Outgoing{std::string(selector), std::move(arguments), std::move(reply), std::move(error)});
-  xpc_.environment_.loop.post([self = shared_from_this(), message = std::move(message)]() mutable {
+  loop_.post([self = shared_from_this(), message = std::move(message)]() mutable {
     self->transmit(std::move(message));
   });
 }

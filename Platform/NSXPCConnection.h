@@ -171,6 +171,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void deliverMessage(SerialQueue::Block block);
 
   XPC& xpc_;
+  RunLoop& loop_;  // The XPC's, which outlives it, and what the loop still holds of connections.
   const std::shared_ptr<SerialQueue> queue_;  // shared with its pending blocks
   const Role role_;
   const std::string machService_;

@@ -21,6 +21,7 @@ NSXPCListener::NSXPCListener(Maker, XPC& xpc, SerialQueues& queues, std::string 
 
 NSXPCListener::~NSXPCListener() {
   xpc_.environment_.performOnLoop([this] { listener_.reset(); });
+  for (const auto& connection : held_) connection->invalidate();
 }
 
 std::shared_ptr<const NSXPCListenerEndpoint> NSXPCListener::endpoint() {

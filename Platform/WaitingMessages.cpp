@@ -4,6 +4,7 @@
 
 #include "Platform/CurrentUser.h"
 #include "Platform/NSXPCListenerEndpoint.h"
+#include "Platform/PeerLimits.h"
 #include "Platform/PeerMessageRules.h"
 
 namespace platform {
@@ -46,7 +47,9 @@ class WaitingMessages::Taken final : public Place {
 
 WaitingMessages::Cost WaitingMessages::costOf(const Array& arguments) {
   Cost cost;
-  cost.bytes = peerBodyBytes(arguments, PeerMessageContents::kValuesAndEndpoints).value_or(0);
+  // What we could not send ourselves has come all the same: laid out otherwise, and larger then.
+  cost.bytes = peerBodyBytes(arguments, PeerMessageContents::kValuesAndEndpoints)
+                   .value_or(kMaxPeerMemoryFileBytes);
   for (const Value& argument : arguments) cost.endpoints += endpointsIn(argument);
   return cost;
 }

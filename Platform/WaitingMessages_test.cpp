@@ -6,6 +6,7 @@
 
 #include "Platform/CurrentUser.h"
 #include "Platform/NSXPCListenerEndpoint.h"
+#include "Platform/PeerLimits.h"
 
 namespace platform {
 namespace {
@@ -31,6 +32,15 @@ TEST_F(WaitingMessagesTest, EndpointsAreCountedWhereverTheyStand) {
                 .endpoints,
             3U);
   EXPECT_GT(WaitingMessages::costOf({Value(Data(1000))}).bytes, 1000U);
+}
+
+// A peer may lay out what we would make too large, and may not be forgiven that.
+TEST_F(WaitingMessagesTest, WhatIsTooLargeToBeMeasuredCostsTheMost) {
+  const Data measured(kMaxPeerMemoryFileBytes - 2000);
+  EXPECT_GT(WaitingMessages::costOf({Value(measured)}).bytes, measured.size());
+  EXPECT_LT(WaitingMessages::costOf({Value(measured)}).bytes, kMaxPeerMemoryFileBytes);
+  const Data unmeasured(kMaxPeerMemoryFileBytes - 600);
+  EXPECT_EQ(WaitingMessages::costOf({Value(unmeasured)}).bytes, kMaxPeerMemoryFileBytes);
 }
 
 TEST_F(WaitingMessagesTest, AUserMayHoldSoManyEndpointsAndNoMore) {

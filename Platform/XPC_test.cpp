@@ -58,6 +58,18 @@ TEST_P(XPCContract, WhoHasGoneBeforeItIsDecidedIsNotShownToTheDelegate) {
   EXPECT_EQ(delegate_->peers.size(), 1u);
 }
 
+TEST_P(XPCContract, WhoWaitsForAListenerThatEndsIsTurnedAway) {
+  listen();
+  listener_->suspend();
+  client_ = connect();
+  send(*client_, "echo:withReply:", {Value(1)});
+  journal_.await("interrupted", 0);  // It has connected, and waits.
+  listener_.reset();
+  journal_.await("interrupted");
+  EXPECT_EQ(journal_.count("error 4097"), 1u);
+  EXPECT_EQ(journal_.count("accepted"), 0u);
+}
+
 // An XPC whose listeners have so many connections of one user, and its clients.
 class ConnectionsOfOneUser : public testing::Test {
  protected:

@@ -12,6 +12,7 @@
 
 #include "Platform/Linux/FolderNames.h"
 #include "Platform/Linux/RegularFile.h"
+#include "Platform/Linux/Shortage.h"
 
 namespace platform {
 namespace {
@@ -78,39 +79,48 @@ std::shared_ptr<const AnchorSet> AnchorStore::load(WallTime now) {
   }
   // The folders above decide once: every look at the anchors would pay for them.
   facts_.push_back(std::move(folders.back()));
+  bool sawAll = true;
   const auto names = namesInFolder(folder_, kMaxFiles);
   if (!names) set->remarks.push_back(names.error().reason);
   if (names && names->size() > kMaxFiles) {
     set->remarks.push_back(fmt::format("{}: holds more than {} files", folder_, kMaxFiles));
   } else if (names) {
-    for (const std::string& name : *names) loadFile(folder_ + "/" + name, *set);
+    for (const std::string& name : *names) {
+      // Every file is loaded, whatever becomes of the others.
+      sawAll = loadFile(folder_ + "/" + name, *set) && sawAll;
+    }
   }
-  settled_ = names && std::ranges::none_of(facts_, [&](const FileFact& fact) {
+  settled_ = names && sawAll && std::ranges::none_of(facts_, [&](const FileFact& fact) {
                return changedRecently(fact.status, now);
              });
   return set;
 }
 
-void AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
+bool AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
+  const auto remark = [&](std::string what) {
+    set.remarks.push_back(std::move(what));
+    return true;
+  };
   const auto seen = lookAt(path);
-  if (!seen) return set.remarks.push_back(seen.error().reason);
+  if (!seen) return remark(seen.error().reason);
   facts_.push_back({path, FileFact::Covers::kContents, *seen});
-  if (!S_ISREG(seen->st_mode)) return set.remarks.push_back(path + ": is not a regular file");
+  if (!S_ISREG(seen->st_mode)) return remark(path + ": is not a regular file");
   if (auto trusted = place_.checkFile(path, *seen); !trusted) {
-    return set.remarks.push_back(trusted.error().reason);
+    return remark(trusted.error().reason);
   }
   const auto file = openRegularFile(path);
-  if (!file) return set.remarks.push_back(describe(file.error()));
+  if (!file) return remark(describe(file.error())) && !isShortage(file.error().osError);
   struct stat opened{};
   if (::fstat(file->get(), &opened) != 0 || !isSameState(*seen, opened)) {
-    return set.remarks.push_back(path + ": was replaced while it was looked at");
+    return remark(path + ": was replaced while it was looked at");
   }
   const auto bytes = readToEnd(file->get(), kMaxFileBytes, path);
-  if (!bytes) return set.remarks.push_back(describe(bytes.error()));
+  if (!bytes) return remark(describe(bytes.error())) && !isShortage(bytes.error().osError);
   const std::span content(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size());
   if (const auto fault = addCertificates(content, set); !fault.empty()) {
-    set.remarks.push_back(fmt::format("{}: {}", path, fault));
+    return remark(fmt::format("{}: {}", path, fault));
   }
+  return true;
 }
 
 }  // namespace platform

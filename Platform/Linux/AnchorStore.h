@@ -40,7 +40,8 @@ class AnchorStore {
 
  private:
   std::shared_ptr<const AnchorSet> load(WallTime now);
-  void loadFile(const std::string& path, AnchorSet& set);
+  // False where it is only now that the file can't be read.
+  bool loadFile(const std::string& path, AnchorSet& set);
 
   const std::string folder_;
   const TrustedPlace place_;

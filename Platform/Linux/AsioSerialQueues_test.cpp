@@ -50,6 +50,15 @@ TEST(AsioSerialQueuesTest, OnlyThreadsOfWorkBehindOthersNeverTakeTheProcessorFro
   EXPECT_EQ(policyOf(AsioSerialQueues::Work::kAwaited), own);
 }
 
+TEST(AsioSerialQueuesTest, APolicyThatSomebodyHasChosenStays) {
+  std::thread([] {
+    const sched_param none{};
+    ASSERT_EQ(::sched_setscheduler(0, SCHED_IDLE, &none), 0);
+    EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBehindOthers), SCHED_IDLE);
+    EXPECT_EQ(::sched_getscheduler(0), SCHED_IDLE);
+  }).join();
+}
+
 TEST(AsioSerialQueuesTest, QueuesRunSideBySideOnAsManyThreads) {
   constexpr int kThreads = 3;
   AsioSerialQueues queues(kThreads);

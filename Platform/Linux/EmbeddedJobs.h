@@ -31,8 +31,8 @@ class EmbeddedJobs final : public Jobs {
   // What is known of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
   // "LastExitStatusUnknown" as far as they apply.
   std::expected<Dictionary, NSError> copyJobStates();
-  // SMJobRemove() that waits without blocking. The callback runs once, on the loop and never from
-  // inside this call.
+  // SMJobRemove() that waits without blocking; only how long that may take is asked first, by
+  // copyJob(). The callback runs once, on the loop and never from inside this call.
   void removeAsync(std::string_view label, Removed removed);
 
  private:

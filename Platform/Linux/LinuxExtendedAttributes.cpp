@@ -29,9 +29,9 @@ Result<Data> LinuxExtendedAttributes::getxattr(const std::string& path, std::str
   if (bytes || name != kWhereFromsAttribute || bytes.error().osError != ENODATA) return bytes;
   const auto origin = read(path, kOrigin, bufferSize);
   if (!origin) return origin.error().osError == ERANGE ? origin : bytes;
-  auto list = writePropertyList(Array{Value(std::string(origin->begin(), origin->end()))},
-                                PropertyListFormat::kBinary);
-  if (!list) return bytes;  // No text.
+  const std::string text(origin->begin(), origin->end());
+  auto list = writePropertyList(Array{Value(text)}, PropertyListFormat::kBinary);
+  if (!list || text.contains('\0')) return bytes;  // No text.
   if (list->size() > bufferSize) {
     return std::unexpected(Error{ErrorCode::kSystem, ERANGE, path + ": " + kOrigin});
   }

@@ -88,8 +88,11 @@ TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsTooLargeIsNoList) {
 }
 
 TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsNoTextIsNone) {
-  set(kOrigin, "https://example.com/\xff");
-  EXPECT_EQ(get(kWhereFromsAttribute), "errno " + std::to_string(ENODATA));
+  for (const std::string& bytes :
+       {std::string("https://example.com/\xff"), std::string("https://example.com/\0", 21)}) {
+    set(kOrigin, bytes);
+    EXPECT_EQ(get(kWhereFromsAttribute), "errno " + std::to_string(ENODATA));
+  }
 }
 
 TEST_F(LinuxExtendedAttributesTest, AFileThatIsNotThereHasItsOwnNumber) {

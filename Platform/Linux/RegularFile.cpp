@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Shortage.h"
 #include "Platform/Linux/SystemCall.h"
 
 namespace platform {
@@ -16,7 +17,7 @@ namespace {
 ErrorCode codeOfOpen(int number) {
   if (number == ENOENT || number == ENOTDIR) return ErrorCode::kNotFound;
   if (number == EACCES || number == EPERM) return ErrorCode::kDenied;
-  if (number == EMFILE || number == ENFILE || number == ENOMEM) return ErrorCode::kExhausted;
+  if (isShortage(number)) return ErrorCode::kExhausted;
   return ErrorCode::kSystem;
 }
 

@@ -41,7 +41,8 @@ Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descri
   struct stat status{};
   const int flags = ::fcntl(descriptor.get(), F_GETFL);
   if (flags < 0 || ::fstat(descriptor.get(), &status) != 0) return failure("an endpoint");
-  if ((flags & O_PATH) == 0 || !S_ISSOCK(status.st_mode)) {
+  // One with a name may be somebody's who lets only others than the sender connect.
+  if ((flags & O_PATH) == 0 || !S_ISSOCK(status.st_mode) || status.st_nlink != 0) {
     return std::unexpected(Error{ErrorCode::kInvalid, 0, "a descriptor that is no endpoint"});
   }
   return std::shared_ptr<const SocketEndpoint>(new SocketEndpoint(std::move(descriptor)));

@@ -16,7 +16,8 @@ namespace platform {
 class SocketEndpoint final : public NSXPCListenerEndpoint {
  public:
   // What a peer has sent. kInvalid where it is anything but such a descriptor: a connected socket,
-  // for instance, would name whoever connected it and not its holder.
+  // for instance, would name whoever connected it and not its holder, and one that has a name may
+  // be closed to the peer.
   static Result<std::shared_ptr<const SocketEndpoint>> of(UniqueFd descriptor);
 
   // The endpoint of a new socket, which every user who has it may connect to. `bind` binds the

@@ -121,6 +121,17 @@ TEST_F(SocketEndpointTest, ASocketThatCanBeUsedIsNone) {
   expectRefused(UniqueFd(::fcntl(listener_.get(), F_DUPFD_CLOEXEC, 0)));
 }
 
+// Who can see a socket may not be among those who may connect to it.
+TEST_F(SocketEndpointTest, ASocketThatHasANameIsNone) {
+  const std::string path = folder_.path("socket");
+  ASSERT_EQ(bindTo(listener_, path), 0);
+  ASSERT_EQ(::listen(listener_.get(), 8), 0);
+  UniqueFd descriptor = pathOnly(path);
+  expectRefused(UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, 0)));
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  EXPECT_TRUE(SocketEndpoint::of(std::move(descriptor)));
+}
+
 TEST_F(SocketEndpointTest, FilesFoldersPipesAndLinksAreNone) {
   const std::string file = folder_.write("file", "content");
   const std::string pipe = folder_.path("pipe");

@@ -204,7 +204,9 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromMetaDataForFile(const s
   const auto list = readPropertyList(*bytes, path);
   const Array* urls = list ? list->array() : nullptr;
   const std::string* url = urls && !urls->empty() ? urls->front().string() : nullptr;
-  return url ? std::optional(*url) : std::nullopt;
+  // One with NUL could not be sent to whom asks, and its signature and hash with it.
+  if (!url || url->contains('\0')) return std::nullopt;
+  return *url;
 }
 
 std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(

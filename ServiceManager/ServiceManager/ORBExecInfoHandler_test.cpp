@@ -294,7 +294,8 @@ TEST_F(ExecInfoTest, WhereFromsThatSayNothingLeaveItToTheQuarantineRecord) {
   makeDatabase(events(event("id", "https://example.com/q")));
   attributes_.set("/file", kQuarantine, "0081;5f;Browser;id");
   for (const Value& list :
-       {Value(Array{}), Value(Dictionary{{"a", 1}}), Value("text"), Value(Array{1})}) {
+       {Value(Array{}), Value(Dictionary{{"a", 1}}), Value("text"), Value(Array{1}),
+        Value(Array{std::string("https://example.com/\0", 21)})}) {
     setWhereFroms(list);
     EXPECT_EQ(handler_->calculateSourceUrlForPath("/file"), "https://example.com/q");
   }
@@ -368,6 +369,8 @@ INSTANTIATE_TEST_SUITE_P(
         "", "CREATE TABLE Other (a);", "CREATE TABLE LSQuarantineEvent (a);",
         "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier, "
         "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', NULL);",
+        "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier, "
+        "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', x'ff');",
         // Its owner would have us look for ever.
         "CREATE VIEW LSQuarantineEvent AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
         "FROM n) SELECT i AS LSQuarantineEventIdentifier, i AS LSQuarantineOriginURLString FROM "

@@ -28,6 +28,16 @@ Value valueOf(const std::shared_ptr<const NSXPCListenerEndpoint>& endpoint) {
   return Value(std::shared_ptr<const RemoteObject>(endpoint));
 }
 
+bool canBeRegistered(const std::optional<std::string>& name) {
+  return name && name->size() <= ORBServiceManagerXPCHandler::kMaxNameBytes;
+}
+
+// For the log, which is not to carry all that somebody sends.
+std::optional<std::string> shown(const std::optional<std::string>& name) {
+  if (!name || canBeRegistered(name)) return name;
+  return name->substr(0, ORBServiceManagerXPCHandler::kMaxNameBytes) + "...";
+}
+
 }  // namespace
 
 ORBServiceManagerXPCHandler::ORBServiceManagerXPCHandler(
@@ -62,7 +72,7 @@ void ORBServiceManagerXPCHandler::receiveMessage(std::string_view selector, cons
                                                  XPCReply reply) {
   const auto textAt = [&](std::size_t index) {
     const std::string* text = arguments.at(index).string();
-    return text ? *text : std::string();
+    return text ? std::optional(*text) : std::nullopt;
   };
   if (selector == "signatureWithReply:") {
     return signature([&](const Data& signature) { reply({Value(signature)}); });
@@ -91,31 +101,31 @@ bool ORBServiceManagerXPCHandler::validatePasskey(const Value& passkey) const {
   return false;
 }
 
-void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
-                                                              const Value& forPasskey,
-                                                              const std::string& withName,
-                                                              RegisterReply withReply) {
+void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(
+    const Endpoint& endpoint, const Value& forPasskey, const std::optional<std::string>& withName,
+    RegisterReply withReply) {
   if (!validatePasskey(forPasskey)) {
     logError("Received invalid passkey for registration.");
     return withReply(false, "Invalid passkey for the registration.");
   }
-  logDebug(stringWithFormat("Received register request for '%@'.", withName));
+  logDebug(stringWithFormat("Received register request for '%@'.", shown(withName)));
   const auto refusal = registerWithinLimits(endpoint, withName);
   withReply(!refusal, refusal);
 }
 
 void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
-                                                      const std::string& withName,
+                                                      const std::optional<std::string>& withName,
                                                       EndpointReply withReply) {
   if (!validatePasskey(forPasskey)) {
     logError("Received invalid passkey for listener endpoint request.");
     return;
   }
-  const Endpoint endpoint = xpcListenerEndpointByName(withName);
-  logDebug(stringWithFormat("Received listenerendpoint request for '%@'", withName));
+  const bool mayExist = canBeRegistered(withName);
+  const Endpoint endpoint = mayExist ? xpcListenerEndpointByName(*withName) : nullptr;
+  logDebug(stringWithFormat("Received listenerendpoint request for '%@'", shown(withName)));
   if (!endpoint) {
-    logDebug(stringWithFormat("Cannot find listener for endpoint '%@'.", withName));
-    sendNotificationToRegisterForName(withName);
+    logDebug(stringWithFormat("Cannot find listener for endpoint '%@'.", shown(withName)));
+    if (mayExist) sendNotificationToRegisterForName(*withName);
   }
   withReply(endpoint);
 }
@@ -130,14 +140,15 @@ void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::s
 // `endpoint` outlives the lock: the end of what it replaces, a system call, is not to keep others
 // waiting.
 std::optional<std::string> ORBServiceManagerXPCHandler::registerWithinLimits(
-    Endpoint endpoint, const std::string& name) {
+    Endpoint endpoint, const std::optional<std::string>& name) {
   if (!endpoint) return "There is no endpoint to register.";
-  if (name.size() > kMaxNameBytes) return "The name is too long.";
+  if (!name) return "There is no name to register it under.";
+  if (!canBeRegistered(name)) return "The name is too long.";
   const std::lock_guard lock(mutex_);
-  if (endpointListeners_.size() >= kMaxNames && !endpointListeners_.contains(name)) {
+  if (endpointListeners_.size() >= kMaxNames && !endpointListeners_.contains(*name)) {
     return "Too many names are registered.";
   }
-  endpointListeners_[name].swap(endpoint);
+  endpointListeners_[*name].swap(endpoint);
   return std::nullopt;
 }
 

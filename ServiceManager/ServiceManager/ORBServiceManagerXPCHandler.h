@@ -61,12 +61,15 @@ class ORBServiceManagerXPCHandler final
   void signature(SignatureReply withReply);
   // Byte for byte, in a time that says nothing of the bytes.
   bool validatePasskey(const platform::Value& passkey) const;
+  // A name that is not there or too long can't be registered.
   void registerXPCListenerEndpoint(const Endpoint& endpoint, const platform::Value& forPasskey,
-                                   const std::string& withName, RegisterReply withReply);
+                                   const std::optional<std::string>& withName,
+                                   RegisterReply withReply);
   // With a wrong passkey the reply is never called, deliberately: who does not belong here learns
-  // nothing. A name that nobody has is answered with null, and its owner asked to register.
-  void xpcListenerEndpoint(const platform::Value& forPasskey, const std::string& withName,
-                           EndpointReply withReply);
+  // nothing. A name that nobody has is answered with null, and its owner asked to register; of a
+  // name that can't be registered there is none.
+  void xpcListenerEndpoint(const platform::Value& forPasskey,
+                           const std::optional<std::string>& withName, EndpointReply withReply);
   void sendNotificationToRegisterForName(const std::string& name);
 
   // For the daemon itself.
@@ -75,7 +78,8 @@ class ORBServiceManagerXPCHandler final
 
  private:
   // Registers them, within the limits above. Why they can't be, or nothing.
-  std::optional<std::string> registerWithinLimits(Endpoint endpoint, const std::string& name);
+  std::optional<std::string> registerWithinLimits(Endpoint endpoint,
+                                                  const std::optional<std::string>& name);
 
   const platform::SystemInformation& system_;
   platform::DistributedNotificationCenter& distributedCenter_;

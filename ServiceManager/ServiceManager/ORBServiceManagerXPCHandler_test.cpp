@@ -36,7 +36,7 @@ class EndpointRegistryTest : public StartUpFixture {
 
   // What the reply was; nothing where it was not called.
   using Lookup = std::optional<ORBServiceManagerXPCHandler::Endpoint>;
-  Lookup lookUp(const Value& passkey, const std::string& name) {
+  Lookup lookUp(const Value& passkey, const std::optional<std::string>& name) {
     Lookup found;
     handler().xpcListenerEndpoint(
         passkey, name,
@@ -45,7 +45,7 @@ class EndpointRegistryTest : public StartUpFixture {
     return found;
   }
   std::string registerAs(const ORBServiceManagerXPCHandler::Endpoint& endpoint,
-                         const Value& passkey, const std::string& name) {
+                         const Value& passkey, const std::optional<std::string>& name) {
     std::string answer = "none";
     handler().registerXPCListenerEndpoint(
         endpoint, passkey, name, [&](bool success, const std::optional<std::string>& message) {
@@ -174,6 +174,23 @@ TEST_F(EndpointRegistryTest, NothingAndTooMuchAreNotRegistered) {
   EXPECT_EQ(registerAs(other_, passkey(), longest), "YES nil");
 }
 
+TEST_F(EndpointRegistryTest, ANameThatCantBeRegisteredIsNobodys) {
+  EXPECT_EQ(registerAs(one_, passkey(), std::nullopt), "NO There is no name to register it under.");
+  EXPECT_EQ(registerAs(one_, passkey(), ""), "YES nil");
+  const std::string longest(ORBServiceManagerXPCHandler::kMaxNameBytes, 'n');
+  lines();
+  EXPECT_EQ(lookUp(passkey(), std::nullopt), Lookup(nullptr));
+  EXPECT_EQ(lookUp(passkey(), longest + "n"), Lookup(nullptr));
+  EXPECT_EQ(lines(), (std::vector<std::string>{
+                         "7 Received listenerendpoint request for '(null)'",
+                         "7 Cannot find listener for endpoint '(null)'.",
+                         "7 Received listenerendpoint request for '" + longest + "...'",
+                         "7 Cannot find listener for endpoint '" + longest + "...'."}));
+  EXPECT_TRUE(requests_.empty());
+  EXPECT_EQ(lookUp(passkey(), longest), Lookup(nullptr));
+  EXPECT_EQ(requests_.size(), 1u);
+}
+
 TEST_F(EndpointRegistryTest, TheDaemonItselfNeedsNoPasskey) {
   EXPECT_EQ(handler().xpcListenerEndpointByName("name"), nullptr);
   handler().registerXPCListenerEndpoint(one_, "name");
@@ -260,6 +277,42 @@ TEST_F(XPCStartUpTest, OnASystemThatReads11_0ThereAreNoListenersAndAllServers) {
   }
   ASSERT_EQ(heard_.size(), 1u);
   EXPECT_EQ(heard_[0].name, kDidStart);
+}
+
+TEST_F(XPCStartUpTest, ANameThatIsNoTextIsNotRegistered) {
+  start();
+  const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
+                                "ORBServiceManagerXPCInterfaceProtocol");
+  const auto own = client_.xpc.makeAnonymousListener();
+  const Value endpoint(std::shared_ptr<const RemoteObject>(own->endpoint()));
+  for (const Value& name : {Value(), Value(7)}) {
+    EXPECT_EQ(call(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
+                   {endpoint, passkey(), name}),
+              (Array{Value(false), Value("There is no name to register it under.")}));
+    EXPECT_EQ(
+        call(*registry, "xpcListenerEndpointForPasskey:withName:withReply:", {passkey(), name}),
+        Array{Value()});
+  }
+  EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(XPCStartUpTest, ANewConnectionIsADebugLineOfEachHandler) {
+  start();
+  const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
+                                "ORBServiceManagerXPCInterfaceProtocol");
+  const auto service =
+      connect(client_.xpc.makeConnection(manager().execHandlerXPCListener()->endpoint()),
+              "ORBExecutableInfoProtocol");
+  loop_.runReady();
+  queues_.runPending();
+  std::vector<std::string> accepted;
+  for (const auto& message : logSink_.take()) {
+    if (!message.text.ends_with("Received a new connection request. pid: 300, uid: 501")) continue;
+    EXPECT_EQ(message.level, ASL_LEVEL_DEBUG);
+    accepted.push_back(message.text.substr(0, message.text.find(':')));
+  }
+  EXPECT_THAT(accepted, testing::UnorderedElementsAre("[ORBServiceManagerXPCHandler.cpp",
+                                                      "[ORBExecInfoHandler.cpp"));
 }
 
 TEST_F(XPCStartUpTest, TheMinorVersionAloneDecides) {

@@ -9,6 +9,7 @@
 #include "Platform/FileOwner.h"
 #include "Platform/LogSink.h"
 #include "Platform/StringFormat.h"
+#include "Shared/Categories/CodePoints.h"
 
 using namespace platform;
 
@@ -97,7 +98,10 @@ std::optional<std::string> query(sqlite3* database, const std::string& identifie
   }
   const unsigned char* text = sqlite3_column_text(prepared, 0);
   if (text == nullptr) return {};
-  return std::string(reinterpret_cast<const char*>(text));
+  // Of a blob, and of what somebody has written there as text, these may be any bytes.
+  std::string origin(reinterpret_cast<const char*>(text));
+  if (!CodePoints::areWellFormed(origin)) return {};
+  return origin;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -12,6 +13,7 @@
 
 #include "Platform/FileOwner.h"
 #include "Platform/Testing/TemporaryFolder.h"
+#include "Shared/Categories/CodePoints.h"
 
 namespace {
 
@@ -61,6 +63,52 @@ TEST_F(QuarantineDatabaseTest, TellsTheOriginOfAnEvent) {
   fill(open());
   EXPECT_EQ(origin(), kUrl);
   EXPECT_EQ(originIn(home_, "' OR '' == '"), std::nullopt);
+}
+
+TEST_F(QuarantineDatabaseTest, AnOriginThatIsNoTextIsNone) {
+  for (const char* origin : {"CAST(x'68ff' AS TEXT)", "x'ff'", "x'edb2a9'"}) {
+    execute(open(),
+            "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT, "
+            "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', " +
+                std::string(origin) + ")");
+    EXPECT_EQ(this->origin(), std::nullopt) << origin;
+    ASSERT_EQ(::unlink(file().c_str()), 0);
+  }
+  execute(open(),
+          "PRAGMA encoding = 'UTF-16le'; CREATE TABLE LSQuarantineEvent "
+          "(LSQuarantineEventIdentifier TEXT, LSQuarantineOriginURLString TEXT); INSERT INTO "
+          "LSQuarantineEvent VALUES ('id', 'h' || CAST(x'00d8' AS TEXT))");
+  const auto origin = this->origin();
+  EXPECT_TRUE(!origin || CodePoints::areWellFormed(*origin));
+}
+
+// The files of a database, by the paths of this process's descriptors.
+std::size_t openFilesBelow(const std::string& folder) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const auto target = std::filesystem::read_symlink(entry.path(), gone);
+    if (!gone && target.string().starts_with(folder)) ++count;
+  }
+  return count;
+}
+
+TEST_F(QuarantineDatabaseTest, ItsFilesAreClosedOnEveryPath) {
+  fill(open());
+  EXPECT_EQ(origin(), kUrl);
+  EXPECT_EQ(originIn(home_, "nobody"), std::nullopt);
+  EXPECT_EQ(originOfQuarantineEvent(home_.path(), "id", [] { return true; }), std::nullopt);
+  {
+    const Database locked = open();
+    execute(locked, "BEGIN EXCLUSIVE");
+    EXPECT_EQ(origin(), std::nullopt);
+  }
+  EXPECT_EQ(openFilesBelow(home_.path()), 0u);
+  execute(open(), "DROP TABLE LSQuarantineEvent");  // So that the query can't be prepared.
+  EXPECT_EQ(origin(), std::nullopt);
+  std::filesystem::resize_file(file(), 100);
+  EXPECT_EQ(origin(), std::nullopt);
+  EXPECT_EQ(openFilesBelow(home_.path()), 0u);
 }
 
 // Opening a pipe for reading waits for a writer, of which there is none.
