@@ -15,6 +15,7 @@ constexpr Duration kAnswerTime = std::chrono::seconds(5);
 
 // Whether the host lets this caller change jobs, or why nobody can say.
 OSStatus EmbeddedAuthorization::askHost() {
+  client_.waitAgain();  // Who asks can do nothing at all without the host.
   const auto answer = client_.call(kMayChangeJobsMessage, {}, kAnswerTime);
   if (answer) {
     return answer->value.boolean() == true ? errAuthorizationSuccess : errAuthorizationDenied;

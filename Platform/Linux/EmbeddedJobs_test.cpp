@@ -58,6 +58,23 @@ TEST_F(EmbeddedJobsTest, AHostThatIsThereAndAcceptsNobodyIsSaidToBeThere) {
             5s);
 }
 
+TEST_F(EmbeddedJobsTest, AHostThatWasWaitedForInVainIsOnlyLookedForUntilItWasThere) {
+  const auto missing = [&] {
+    expectError(submit(), LaunchdError::kUnavailable, "can't be reached");
+  };
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(timeOf(missing), 5s);
+    for (int call = 0; call < 3; ++call) EXPECT_EQ(timeOf(missing), 0s);
+    client_.waitAgain();
+    EXPECT_EQ(timeOf(missing), 5s);
+    loop_.advanceBy(1h);
+    EXPECT_EQ(timeOf(missing), 0s);
+    startHost(answering(Value()));
+    EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+    host_->die();
+  }
+}
+
 TEST_F(EmbeddedJobsTest, AHostThatComesInTimeIsAsked) {
   loop_.scheduleOutsideEvent(4900ms, [this] { startHost(answering(Value())); });
   EXPECT_TRUE(submit());

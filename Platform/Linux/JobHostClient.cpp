@@ -72,6 +72,7 @@ std::expected<void, PeerConnectFailure> JobHostClient::connectOnce(Duration time
     return std::unexpected(std::move(connected.error()));
   }
   isSilent_ = false;
+  hasWaitedInVain_ = false;
   connection_ = *std::move(connected);
   connection_->setHandlers({.message = {}, .death = [this](const Error&) { dropConnection(); }});
   return {};
@@ -82,7 +83,8 @@ Result<void> JobHostClient::connect(Instant deadline) {
     const auto connected = connectOnce();
     if (connected) return {};
     const bool canPass = mayPass(connected.error());
-    if (!canPass || loop_.now() >= deadline) {
+    if (!canPass || hasWaitedInVain_ || loop_.now() >= deadline) {
+      hasWaitedInVain_ = canPass;
       if (canPass || isSilent_) noteMissed();
       return std::unexpected(unreachable(connected.error(), socket_));
     }

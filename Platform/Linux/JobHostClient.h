@@ -44,11 +44,16 @@ class JobHostClient {
   // Blocks until the host has answered, for `timeout` at most once it has been reached, and one
   // second more where that has passed. A host that is there and gives no sign of life costs one
   // such wait and not one for each call: the calls of the next second fail at once, and after that
-  // one a second looks for a tenth of a second whether the host has gone on, and asks it if so.
+  // one a second looks for a tenth of a second whether the host has gone on, and asks it if so. A
+  // host that is not there likewise: who has been waited for in vain is only looked for, until it
+  // has been there again.
   // Fails with kDenied where this user may not connect, with kNotFound where no host was there,
   // with another kind where it did not answer; `osError` is ETIMEDOUT where it is there and does
   // not answer, and otherwise set where the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
+
+  // The next call waits for a host that is not there in any case.
+  void waitAgain() { hasWaitedInVain_ = false; }
 
   // Calls `onReturn` each time that a host answers again after a call() has failed by its silence
   // or absence: on the loop, never from inside a call, once for all that have failed until then. An
@@ -102,8 +107,9 @@ class JobHostClient {
   std::string socket_;
   Duration patience_;
   std::unique_ptr<PeerConnection> connection_;
-  bool isSilent_ = false;  // It is there, and nothing came from it in time.
-  Instant lastLook_{};     // when that was seen last, while it is silent
+  bool isSilent_ = false;         // It is there, and nothing came from it in time.
+  Instant lastLook_{};            // when that was seen last, while it is silent
+  bool hasWaitedInVain_ = false;  // for one that is not there
   std::function<void()> onReturn_;
   bool isMissed_ = false;  // A call has failed, and `onReturn_` is to be told.
   std::unique_ptr<RunLoopHandle> nextLook_;

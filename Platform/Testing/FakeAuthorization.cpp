@@ -8,6 +8,7 @@ namespace platform {
 std::expected<std::unique_ptr<AuthorizationRef>, OSStatus> FakeAuthorization::AuthorizationCreate(
     AuthorizationFlags flags) {
   created.push_back(flags);
+  jobs_.waitAgain();
   if (!jobs_.awaitHost()) return std::unexpected(kErrnoStatusBase + ECONNREFUSED);
   return std::make_unique<AuthorizationRef>();
 }
@@ -21,6 +22,7 @@ OSStatus FakeAuthorization::AuthorizationCopyRights(AuthorizationRef&,
                            [](auto right) { return right == kSMRightModifySystemDaemons; })) {
     return errAuthorizationDenied;
   }
+  jobs_.waitAgain();
   if (!jobs_.awaitHost()) return kErrnoStatusBase + ECONNREFUSED;
   return jobs_.isCallerAllowed() ? errAuthorizationSuccess : errAuthorizationDenied;
 }

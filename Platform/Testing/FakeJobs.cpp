@@ -128,9 +128,11 @@ std::size_t FakeJobs::starts(std::string_view label) const {
 }
 
 bool FakeJobs::awaitHost() {
+  if (hasWaitedInVain_ && !reachable_) return false;
   for (Duration waited{}; !reachable_ && waited < kPatience; waited += kLookEvery) {
     loop_.sleepFor(kLookEvery);
   }
+  hasWaitedInVain_ = !reachable_;
   return reachable_;
 }
 

@@ -53,8 +53,9 @@ class FakeJobs final : public Jobs {
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
 
   // What every call, and whoever else asks the host, does first: waits for a host that is not
-  // there, as long as the real client does.
+  // there, as long as the real client does, and not again before it has been there.
   bool awaitHost();
+  void waitAgain() { hasWaitedInVain_ = false; }
   bool isCallerAllowed() const { return callerAllowed_; }
 
  private:
@@ -83,6 +84,7 @@ class FakeJobs final : public Jobs {
   std::map<std::string, Job, std::less<>> jobs_;
   std::map<std::string, std::string> unstartable_;  // why, by path
   bool reachable_ = true;
+  bool hasWaitedInVain_ = false;
   bool callerAllowed_ = true;
   ProcessId lastProcess_ = 5000;
 };

@@ -23,6 +23,14 @@ class JobHostReturnTest : public ServiceManagerFixture {
   std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
 };
 
+TEST_F(JobHostReturnTest, AJobHostThatIsNotThereHoldsTheDaemonUpOnce) {
+  startConfigurationServer();
+  jobs_.setReachable(false);
+  const Instant before = loop_.now();
+  for (int i = 0; i < 3; ++i) manager().evaluateSystemConfiguration();
+  EXPECT_EQ(loop_.now() - before, 5s);
+}
+
 TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStartedIs) {
   startConfigurationServer();
   jobs_.setReachable(false);
