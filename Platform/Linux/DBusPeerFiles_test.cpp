@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Linux/DBusMessages.h"
@@ -121,9 +122,13 @@ class DBusPeerEndpointsTest : public DBusPeerFilesTest {
     listen({.contents = PeerMessageContents::kValuesAndEndpoints});
     client_ = connect({.timeout = 60s, .contents = PeerMessageContents::kValuesAndEndpoints});
     ASSERT_TRUE(client_);
-    const auto endpoint = SocketEndpoint::of(UniqueFd(::open(path().c_str(), O_PATH | O_CLOEXEC)));
-    ASSERT_TRUE(endpoint) << describe(endpoint.error());
-    endpoint_ = Value(std::shared_ptr<const RemoteObject>(*endpoint));
+    // Nobody connects to it.
+    const auto made = SocketEndpoint::make([](const std::string& path) -> Result<void> {
+      EXPECT_EQ(::mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
+      return {};
+    });
+    ASSERT_TRUE(made) << describe(made.error());
+    endpoint_ = Value(std::shared_ptr<const RemoteObject>(made->endpoint));
   }
 
   // The peer reads nothing, and libdbus keeps what comes behind this.
