@@ -1,4 +1,7 @@
 #include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
@@ -383,6 +386,26 @@ TEST_F(SettingsTest, TheLastLoggedInUsersFolderIsTheSettingsWithAClientOfItsOwn)
   manager().configurationWithSelectorPrefix("cmx");
   EXPECT_EQ(manager().getLastLoggedInUserHomeDirectory(), Value("/home/user"));
   EXPECT_EQ(clientsMade_, 2);
+}
+
+TEST_F(SettingsTest, TheLastLoggedInUsersFolderIsAskedForWithTheSettingsOfTheAskingThread) {
+  settings("cmx")["ORBCmxLastLoggedInUser"] = "/home/user";
+  ServiceManagerPlatform environment = platform(jobs_);
+  std::vector<std::thread::id> askedOn;
+  environment.withSettingsOfThisThread =
+      [&](const std::function<void(const SettingsClientFactories&)>& ask) {
+        EXPECT_EQ(clientsMade_, 0);
+        ask(factories_);
+        askedOn.push_back(std::this_thread::get_id());
+      };
+  ORBServiceManager manager(environment);
+  std::thread::id asking;
+  std::thread([&] {
+    asking = std::this_thread::get_id();
+    EXPECT_EQ(manager.getLastLoggedInUserHomeDirectory(), Value("/home/user"));
+    EXPECT_THAT(askedOn, ElementsAre(asking));
+  }).join();
+  EXPECT_EQ(clientsMade_, 1);
 }
 
 TEST_F(SettingsTest, WithoutAClientOrTheSettingThereIsNoLastUser) {
