@@ -79,6 +79,9 @@ TEST_F(StartUpTest, AnAuthorizationThatCannotBeCreatedIsPassedOver) {
   loop_.scheduleOutsideEvent(5500ms, [this] { jobs_.setReachable(true); });
   start();
   EXPECT_THAT(heard_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+  loop_.advanceBy(1s);
+  ASSERT_TRUE(jobHostReturned_);
+  jobHostReturned_();
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
