@@ -146,7 +146,6 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNob
   start();
   const auto other = root_;
   connect();
-  client_->setReplyTimeout(200ms);
   struct Asking final : MessageReceiver {
     MessageResult receiveMessage(std::string_view, const Array&) override {
       return root->sendMessage("nothing", {});
@@ -156,6 +155,7 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNob
   asking.root = root_;
   object_ = std::make_shared<NSProtocolChecker>(&asking, &kCallbackProtocol);
   ASSERT_TRUE(send("keep:", {Value(object_)}));
+  client_->setReplyTimeout(200ms);
   there([this](ConnectedProgram& there) {
     server_.connection->childConnections().back()->setReplyTimeout(20ms);
     there.loop.post([this] {

@@ -144,7 +144,8 @@ TEST_P(RunLoopContract, NothingRunsAfterStopAndNothingIsLost) {
   // What is ready beside the stopping callback may have come before it.
   const Log before = log_;
   EXPECT_TRUE(before.empty() || before == Log{"timer"}) << testing::PrintToString(before);
-  runFor(1ms);
+  // Again where a busy machine lets the end of that time come first.
+  for (int i = 0; i < 1000 && log_.size() < 5; ++i) runFor(1ms);
   ASSERT_EQ(log_.size(), 5);
   EXPECT_EQ(log_[before.size()], "exit");
   EXPECT_EQ(log_[before.size() + 1], "death");

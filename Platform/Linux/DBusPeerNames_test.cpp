@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -84,8 +85,9 @@ TEST_F(DBusPeerNamesTest, OfTwoThatReplaceALeftoverOneGetsTheName) {
     });
     auto ours = listenAt(path());
     other.join();
-    EXPECT_NE(ours.has_value(), theirs.has_value());
-    EXPECT_EQ((ours ? theirs : ours).error().osError, EADDRINUSE);
+    ASSERT_NE(ours.has_value(), theirs.has_value());
+    // The second where the first is kept from its work for so long that its lock is not waited for.
+    EXPECT_THAT((ours ? theirs : ours).error().osError, testing::AnyOf(EADDRINUSE, EWOULDBLOCK));
     if (ours) ours->reset();
     processes_.there([&](PeerTransport&) {
       if (theirs) theirs->reset();

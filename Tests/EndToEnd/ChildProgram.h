@@ -50,7 +50,7 @@ class ChildProgram {
 };
 
 // Runs a test of this program alone in a process of a user with no rights and no groups, and wants
-// it to pass, or to be skipped.
+// it to pass, or to be skipped; skips it where that user can't reach the program.
 void runTestAsNobody(const std::string& name);
 
 // A service manager's datagram socket.

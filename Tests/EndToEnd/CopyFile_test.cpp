@@ -8,6 +8,7 @@
 
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/Tracing.h"
 
 namespace platform {
 namespace {
@@ -36,6 +37,7 @@ class KilledCopyTest : public testing::Test {
 };
 
 TEST_F(KilledCopyTest, TheDestinationHoldsTheOldOrTheNewContentWhateverTheMoment) {
+  if (!canTrace()) GTEST_SKIP() << "programs can't be traced here (ptrace is not permitted)";
   const std::string fresh(300'000, 'n');
   const std::string stale(1000, 'o');
   const std::string source = folder_.write("source", fresh);

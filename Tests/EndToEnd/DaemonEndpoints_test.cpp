@@ -139,17 +139,11 @@ class DaemonEndpoints : public DaemonFixture {
     return RegistryClient::ask(*connection, kWho);
   }
 
-  // How often the daemon's main thread has answered meanwhile.
-  int askMainThreadUntil(const std::function<bool()>& isDone) {
-    UserInterfaceClient interface(root_);
-    int answers = 0;
-    while (!isDone() && !HasFailure()) {
-      const Instant begun = root_.loop().now();
-      EXPECT_TRUE(interface.ask("pidForService:", {Value(DaemonRoot::label(0))}));
-      EXPECT_LT(root_.loop().now() - begun, 5s);
-      ++answers;
-    }
-    return answers;
+  // The daemon's main thread answers within a time that only a slow machine needs.
+  void expectMainThreadAnswers(UserInterfaceClient& interface) {
+    const Instant begun = root_.loop().now();
+    EXPECT_TRUE(interface.ask("pidForService:", {Value(DaemonRoot::label(0))}));
+    EXPECT_LT(root_.loop().now() - begun, 30s);
   }
 
   Descriptors atStart_;
@@ -161,6 +155,9 @@ class DaemonEndpoints : public DaemonFixture {
 TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidRequest) {
   constexpr int kClients = 1000;
   constexpr int kNames = 50;
+  // Those of the clients, with room for the daemon's others and what the test itself has open.
+  constexpr std::uint64_t kDescriptors = 3 * kClients;
+  if (softDescriptorLimit() < kDescriptors) GTEST_SKIP() << "too few descriptors";
   std::list<Owner> owners;
   std::vector<Value> endpoints;
   for (int i = 0; i < kNames; ++i) {
@@ -182,6 +179,20 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
     ++finished;
     done.count_down();
   };
+  // They go on until the main thread has answered beside them.
+  std::atomic<bool> hasMainThreadAnswered = false;
+  std::function<void(NSXPCConnection*, const Value&)> lookUpAgain = [&](NSXPCConnection* connection,
+                                                                        const Value& name) {
+    connection->sendMessage(
+        RegistryClient::kLookUp, {owners_.passkey(), name},
+        [&, connection, name](const Array& found) {
+          if (found.size() != 1 || !endpointIn(found[0])) return finish();
+          if (!hasMainThreadAnswered) return lookUpAgain(connection, name);
+          ++right;
+          finish();
+        },
+        [&](const NSError&) { finish(); });
+  };
   std::vector<std::shared_ptr<NSXPCConnection>> connections;
   for (int i = 0; i < kClients; ++i) {
     const auto number = static_cast<std::size_t>(i % kNames);
@@ -191,20 +202,19 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
         RegistryClient::kRegister, {endpoints[number], owners_.passkey(), name},
         [&, name, connection](const Array& reply) {
           if (reply != Array{Value(true), Value()}) return finish();
-          connection->sendMessage(
-              RegistryClient::kLookUp, {owners_.passkey(), name},
-              [&](const Array& found) {
-                if (found.size() == 1 && endpointIn(found[0])) ++right;
-                finish();
-              },
-              [&](const NSError&) { finish(); });
+          lookUpAgain(connection, name);
         },
         [&](const NSError&) { finish(); });
     if (i == kClients / 2) {
       for (const ChildProgram& program : doomed) program.signal(SIGKILL);
     }
   }
-  EXPECT_GT(askMainThreadUntil([&] { return finished == kClients; }), 1);
+  {
+    UserInterfaceClient interface(root_);
+    for (int i = 0; i < 2; ++i) expectMainThreadAnswers(interface);
+    EXPECT_EQ(finished, 0);
+    hasMainThreadAnswered = true;
+  }
   done.wait();
   EXPECT_EQ(right, kClients);
   // What is not let go of is seen.

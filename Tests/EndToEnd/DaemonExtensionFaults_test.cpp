@@ -121,6 +121,7 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtens
   installExtension(root_, kOther);
   start();
   const ProcessId process = extension(kOther);
+  ASSERT_GT(process, 0);
   const std::string running = "process " + std::to_string(process);
   const auto expectRunning = [&](Value fact) {
     // A slow machine may keep it from answering in time once.

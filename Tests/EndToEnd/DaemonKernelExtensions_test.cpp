@@ -23,8 +23,6 @@ TEST_F(DaemonKernelExtensions, TheNetworkExtensionProvesThatItHasTheSecret) {
   EXPECT_GT(extension(kNetwork), 0);
   EXPECT_GT(extension(kOther), 0);
   root_.awaitLog("has been told");
-  EXPECT_EQ(root_.logCount("has been told"), 1u);
-
   expectToHaveTheSecret();
 }
 

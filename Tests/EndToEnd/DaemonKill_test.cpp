@@ -66,8 +66,10 @@ class DaemonKill : public DaemonFixture {
       if (HasFailure()) return survivors;
       if (!answers || root_.logCount(kRun) - runsBefore != run) continue;
       if (run > runs) return survivors;
+      const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+      if (daemon <= 0) continue;  // Its plan has ended it after all.
       ++survivors;
-      ::kill(root_.processOf(DaemonRoot::kDaemon), SIGKILL);
+      ::kill(daemon, SIGKILL);
       root_.await("the next one", [&] { return root_.logCount(kRun) - runsBefore > run; });
     }
   }

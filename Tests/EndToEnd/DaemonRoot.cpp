@@ -217,18 +217,21 @@ void DaemonRoot::startBus() {
   EXPECT_TRUE(bus) << bus.error().localizedDescription;
 }
 
+void DaemonRoot::kill(std::string_view label, int signal) {
+  const ProcessId process = processOf(label);
+  ASSERT_GT(process, 0) << label;  // 0 would be all that run beside this test.
+  ASSERT_EQ(::kill(process, signal), 0) << label;
+}
+
 void DaemonRoot::killDaemon() {
   expectStart();
-  const ProcessId daemon = processOf(kDaemon);
-  ASSERT_GT(daemon, 0);
-  EXPECT_EQ(::kill(daemon, SIGKILL), 0);
+  kill(kDaemon, SIGKILL);
 }
 
 void DaemonRoot::endDaemonAndAwaitNext() {
   expectStart();
   const ProcessId daemon = processOf(kDaemon);
-  ASSERT_GT(daemon, 0);
-  ASSERT_EQ(::kill(daemon, SIGTERM), 0);
+  ASSERT_NO_FATAL_FAILURE(kill(kDaemon, SIGTERM));
   awaitStart();
   const Value job = jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kDaemon);
   EXPECT_EQ(job["LastExitStatus"], Value(0));

@@ -71,6 +71,8 @@ class DaemonRoot {
   void remove(std::string_view label);
   // Submits the bus's job, as the constructor does.
   void startBus();
+  // Sends the signal to the job's process; a test fails, and nobody gets it, where it has none.
+  void kill(std::string_view label, int signal);
   // SIGKILL: the job host starts it again.
   void killDaemon();
   // SIGTERM: it ends in order, and the job host starts it again; returns when it has.

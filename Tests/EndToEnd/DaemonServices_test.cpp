@@ -40,6 +40,7 @@ TEST_F(DaemonServices, TwentyThatAreKilledAtTheSameInstantAreAllBackAndWatched) 
   start(20);
   const auto before = pids();
   const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
+  ASSERT_GT(daemon, 0);
   // Nobody sees any end before all have ended.
   ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
   root_.host().stopHost();
@@ -84,7 +85,7 @@ TEST_F(DaemonServices, WhenTheConfigurationServerComesBackEverythingIsEvaluatedA
 
   // ... until it is back.
   const std::size_t before = evaluations();
-  ASSERT_EQ(::kill(root_.processOf(DaemonRoot::kPrimary), SIGKILL), 0);
+  root_.kill(DaemonRoot::kPrimary, SIGKILL);
   root_.await("the service to be watched again", [&] { return client_->wasTold(label, 1); });
   root_.awaitLog("Primary service did start and ready to handle requests", 2);
   root_.await("the evaluation", [&] { return evaluations() > before; });
@@ -95,6 +96,7 @@ TEST_F(DaemonServices, WhenTheConfigurationServerComesBackEverythingIsEvaluatedA
 TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluated) {
   start(1);
   const ProcessId before = root_.processOf(DaemonRoot::kPrimary);
+  ASSERT_GT(before, 0);
   ASSERT_EQ(::kill(before, SIGTERM), 0);
   root_.awaitLog("Primary service is shutting down");
   root_.awaitLog("Primary service did start and ready to handle requests", 2);

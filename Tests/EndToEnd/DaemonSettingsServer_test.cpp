@@ -70,7 +70,7 @@ class DaemonSettingsServer : public testing::Test {
   }
   void killServer() {
     const int before = program_->starts();
-    ASSERT_EQ(::kill(root_.processOf(DaemonRoot::kPrimary), SIGKILL), 0);
+    root_.kill(DaemonRoot::kPrimary, SIGKILL);
     root_.await("the settings server to be back", [&] { return program_->starts() > before; });
   }
   void awaitFeature(std::int64_t status) {
@@ -127,6 +127,7 @@ TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfMa
   for (int round = 1; round <= kRounds && !HasFailure(); ++round) {
     announced.clear();
     const ProcessId server = root_.processOf(DaemonRoot::kPrimary);
+    ASSERT_GT(server, 0);
     const int starts = program_->starts();
     for (int key = 0; key < kKeys; ++key) program_->set("key " + std::to_string(key), round);
     killAt = static_cast<std::size_t>(1 + (round - 1) * (kKeys - 1) / kRounds);

@@ -37,7 +37,7 @@ class DaemonSettings : public testing::Test {
     set(1);
     // Its first evaluation found no setting, and what it has put off because of that would stop the
     // service at some time; the next daemon has nothing put off.
-    EXPECT_EQ(::kill(root_.processOf(DaemonRoot::kDaemon), SIGKILL), 0);
+    root_.kill(DaemonRoot::kDaemon, SIGKILL);
     root_.await("the next daemon", [&] { return root_.starts() >= 2; });
     root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
     client_ = std::make_unique<UserInterfaceClient>(root_);
@@ -121,6 +121,7 @@ TEST_F(DaemonSettings, TenChangesAtOnceAreTenLinesAndOneEvaluation) {
 
 TEST_F(DaemonSettings, AServerThatHangsStopsWhatHangsOnItUntilItIsRestarted) {
   const ProcessId before = configurationServer();
+  ASSERT_GT(before, 0);
   ASSERT_EQ(::kill(before, SIGSTOP), 0);
   announceChange();
   root_.awaitLog("feature exposes an invalid configuration switch key \"on\"",
@@ -139,6 +140,7 @@ TEST_F(DaemonSettings, AServerThatHangsStopsWhatHangsOnItUntilItIsRestarted) {
 
 TEST_F(DaemonSettings, AServerThatAnswersSlowlyIsWaitedForAndItsAnswersCount) {
   const ProcessId server = configurationServer();
+  ASSERT_GT(server, 0);
   constexpr char kMissing[] = "feature exposes an invalid configuration switch key \"on\"";
   const std::size_t missing = root_.logCount(kMissing);
   // It stands still most of the time, whatever the test itself waits for.
@@ -164,7 +166,7 @@ TEST_F(DaemonSettings, AServerThatAnswersSlowlyIsWaitedForAndItsAnswersCount) {
 TEST_F(DaemonSettings, AServerThatDiesAgainAndAgainCostsItsServicesNothingForGood) {
   for (int i = 0; i < 3; ++i) {
     client_->forgetNotices();
-    ASSERT_EQ(::kill(configurationServer(), SIGKILL), 0);
+    root_.kill(DaemonRoot::kPrimary, SIGKILL);
     awaitEnd(DaemonRoot::kPrimary);
     awaitRunning(DaemonRoot::kPrimary);
     EXPECT_TRUE(client_->ask("services"));

@@ -5,11 +5,12 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <system_error>
-#include <thread>
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/inotify.h>
 
+#include "Platform/Linux/UniqueFd.h"
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
@@ -19,6 +20,7 @@ namespace {
 using platform::ChildProgram;
 using platform::ExitStatus;
 using platform::NotifySocket;
+using platform::UniqueFd;
 
 class JobHostProgram : public testing::Test {
  protected:
@@ -94,28 +96,29 @@ TEST_F(JobHostProgram, StartedWithBlockedSignalsItStillEnds) {
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
 }
 
-// Returns when the process has the file open.
-void awaitOpenFile(platform::ProcessId process, const std::string& path) {
-  const std::filesystem::path folder = "/proc/" + std::to_string(process) + "/fd";
-  for (int attempt = 0; attempt < 100'000; ++attempt) {
-    std::error_code error;  // Files are closed while they are looked at.
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
-      if (std::filesystem::read_symlink(*entry, error) == path) return;
-      error.clear();
-    }
-    std::this_thread::yield();
+// Tells of the next time that somebody opens a file.
+class OpeningOf {
+ public:
+  explicit OpeningOf(const std::string& path) : notices_(::inotify_init1(IN_CLOEXEC)) {
+    EXPECT_GE(::inotify_add_watch(notices_.get(), path.c_str(), IN_OPEN), 0) << path;
   }
-  FAIL() << "process " << process << " does not open " << path;
-}
+  void await() const {
+    pollfd entry{notices_.get(), POLLIN, 0};
+    ASSERT_EQ(::poll(&entry, 1, 60'000), 1) << "nobody opens the file";
+  }
+
+ private:
+  const UniqueFd notices_;
+};
 
 TEST_F(JobHostProgram, AskedToEndWhileItWaitsForTheHostBeforeItEnds) {
   NotifySocket manager(root_.path("notify"));
   ChildProgram first({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
   EXPECT_EQ(manager.next(), "READY=1");
   for (const bool firstEnds : {false, true}) {
+    const OpeningOf lock(root_.path("run/vantor/launchd.lock"));
     ChildProgram second({program_}, {});
-    awaitOpenFile(second.process(), root_.path("run/vantor/launchd.lock"));
+    lock.await();
     second.signal(SIGTERM);
     if (firstEnds) first.signal(SIGKILL);  // Now the second gets the daemon.
     // By the signal itself where it has never come to the loop that would hear the request.

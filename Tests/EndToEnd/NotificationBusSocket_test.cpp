@@ -73,7 +73,7 @@ class NotificationBusSocketTest : public testing::Test {
     const auto come =
         loop_->watchReadable(listening_.get(), Urgency::kOrdinary, [&] { loop_->stop(); });
     EXPECT_TRUE(come);
-    runFor(5s);
+    runOrFail("nobody comes for the next bus");
     return UniqueFd(::accept4(listening_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   }
 
@@ -81,11 +81,18 @@ class NotificationBusSocketTest : public testing::Test {
     const auto end = loop_->startTimer(time, RunLoop::Repeat::kOnce, [&] { loop_->stop(); });
     loop_->run();
   }
-  void runUntilGot(const std::string& name) {
-    const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
-      if (std::ranges::find(got_, name) != got_.end()) loop_->stop();
+  void runOrFail(const char* failure) {
+    const auto deadline = loop_->startTimer(60s, RunLoop::Repeat::kOnce, [&] {
+      ADD_FAILURE() << failure;
+      loop_->stop();
     });
-    runFor(5s);
+    loop_->run();
+  }
+  void runUntilGot(const std::string& name, int times) {
+    const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+      if (std::ranges::count(got_, name) >= times) loop_->stop();
+    });
+    runOrFail("not all that was posted has come");
   }
 
   TemporaryFolder folder_;
@@ -101,21 +108,21 @@ class NotificationBusSocketTest : public testing::Test {
 
 TEST_F(NotificationBusSocketTest, WhatTheBusSentBeforeItsEndDoesNotCostTheNextConnection) {
   startBus();
-  const auto center = makeBusNotificationCenter(*loop_, address_, log_);
+  const auto center = makeBusNotificationCenter(*loop_, address_, log_, 60s);
   const auto all = center->addObserver(
       std::nullopt, std::nullopt,
       [&](const DistributedNotification& notification) { got_.push_back(notification.name); });
   postAsStranger("first");
-  runUntilGot("first");
+  runUntilGot("first", 1);
   runFor(600ms);  // The connection lasts, so that the next one follows at once.
   for (int i = 0; i < 5; ++i) postAsStranger("before the end");
-  const auto other = makeBusNotificationCenter(*loop_, address_, log_);
+  const auto other = makeBusNotificationCenter(*loop_, address_, log_, 60s);
   // Confirmed by the bus behind the signals, which have therefore been sent to everybody.
   const auto confirmed =
       other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
   killBus();
   const UniqueFd next = nextConnection();
-  while (std::ranges::count(got_, "before the end") < 5) runFor(1ms);
+  runUntilGot("before the end", 5);
   runFor(20ms);  // What else the old connection has left.
   pollfd entry{next.get(), POLLRDHUP, 0};
   EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the next connection was given up";

@@ -110,6 +110,7 @@ TEST_F(ServicesControlTest, AServiceThatNeedsANewerSystemIsSaidNotToRun) {
 
 TEST_F(ServicesControlTest, AStopThatTakesLongerSaysSo) {
   const ProcessId agent = root_.processOf(kAgent);
+  ASSERT_GT(agent, 0);
   ASSERT_EQ(::kill(agent, SIGSTOP), 0);  // It can't end before it goes on.
   ChildProgram stop({root_.controlProgram(), "stop", kAgent}, {});
   EXPECT_EQ(stop.nextErrorLine(),
