@@ -74,7 +74,9 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
 Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {
   const auto facts = daemon.ask("extensions");
   if (!facts) return std::unexpected(facts.error());
-  if (json_) return jsonOf(*facts).dump(2) + "\n";
+  if (isAnyLoadingUnknown(*facts))
+    remark("the job host does not answer, so that not every extension is known to be loaded");
+  if (json_) return jsonOfExtensions(*facts).dump(2) + "\n";
   return tableOfExtensions(*facts, readerOf(STDOUT_FILENO));
 }
 

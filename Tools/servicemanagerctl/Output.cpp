@@ -39,7 +39,9 @@ bool print(const std::string& text) {
 
 void warn(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
 
+void remark(const std::string& text) { warn("servicemanagerctl: " + text + "\n"); }
+
 int fail(const std::string& why) {
-  warn("servicemanagerctl: " + why + "\n");
+  remark(why);
   return kExitFailed;
 }

@@ -19,5 +19,7 @@ std::string coloured(std::string_view text, Colour colour, Reader reader);
 bool print(const std::string& text);
 void warn(const std::string& text);
 
-// To standard error, with the program's name and a line end. Returns the exit status for a failure.
+// To standard error, with the program's name and a line end: what goes with an answer, and why
+// there is none. The latter returns the exit status for a failure.
+void remark(const std::string& text);
 int fail(const std::string& why);

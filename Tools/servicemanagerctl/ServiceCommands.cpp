@@ -149,6 +149,8 @@ Answer<int> ServiceCommands::list(DaemonClient& userInterface,
   const auto services = readStates(environment, *catalogue, labels);
   if (!services) return std::unexpected(services.error());
   print(json_ ? asJson(*services).dump(2) + "\n" : asTable(*services, readerOf(STDOUT_FILENO)));
+  if (std::ranges::any_of(*services, isUnknown))
+    remark("the job host does not answer, so that not every service is known to run");
   return EXIT_SUCCESS;
 }
 
