@@ -5,6 +5,7 @@
 
 #include "Platform/Dictionary.h"
 #include "Platform/Error.h"
+#include "Platform/Value.h"
 
 namespace platform {
 
@@ -45,8 +46,14 @@ class KernelExtensions {
   virtual Result<void> KextManagerUnloadKextWithIdentifier(const std::string& identifier) = 0;
 
   // What is known of those of the extensions that are loaded: a dictionary each, by identifier,
-  // also where what lies on the disk has changed since.
+  // also where what lies on the disk has changed since. An empty one for each of which can't be
+  // told whether it is loaded (isKextUnknown()).
   virtual Dictionary KextManagerCopyLoadedKextInfo(const std::vector<std::string>& identifiers) = 0;
 };
+
+// Whether this entry of KextManagerCopyLoadedKextInfo() says only that it can't be told.
+inline bool isKextUnknown(const Value& information) {
+  return information.dictionary() && information.dictionary()->empty();
+}
 
 }  // namespace platform

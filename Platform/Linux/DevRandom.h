@@ -6,6 +6,7 @@
 
 namespace platform {
 
+// Random bytes from the kernel's device.
 class DevRandom final : public RandomDevice {
  public:
   DevRandom() : DevRandom("/dev/random") {}

@@ -4,6 +4,7 @@
 
 namespace platform {
 
+// Looks at the files of this system, each time anew.
 class LinuxFileReader final : public FileReader {
  public:
   bool fileExistsAtPath(const std::string& path) override;

@@ -73,17 +73,19 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
     const std::vector<std::string>& identifiers) {
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
-    // An extension of which the job host can't tell whether it runs is none that is known to. Only
-    // who shows what there is goes by this; to load and to unload look for themselves, and take it
-    // for neither.
-    if (const Value job = copyJob(identifier); !job.isNil() && !isJobUnknown(job)) {
+    const Value job = copyJob(identifier);
+    if (!job.isNil() && !isJobUnknown(job)) {
       loaded.set(identifier, informationOf(job));
       continue;
     }
     const auto bundle = findKextBundle(identifier, folders_);
-    if (!bundle || !bundle->kernelModule || !environment_.modules.isLoaded(*bundle->kernelModule))
-      continue;
-    loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
+    if (bundle && bundle->kernelModule) {
+      // The kernel tells of a module, whatever the job host does.
+      if (environment_.modules.isLoaded(*bundle->kernelModule))
+        loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
+    } else if (isJobUnknown(job)) {
+      loaded.set(identifier, Dictionary());
+    }
   }
   return loaded;
 }

@@ -192,12 +192,33 @@ TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgai
   EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsNotAmongThoseKnownToBeLoaded) {
-  ASSERT_TRUE(machine_.load(kGood));
+TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsUnknown) {
+  const auto information = [&] {
+    return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood];
+  };
   machine_.jobs.setReachable(false);
-  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kGood}).empty());
+  EXPECT_TRUE(isKextUnknown(information()));
   machine_.jobs.setReachable(true);
-  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kGood}).contains(kGood));
+  EXPECT_TRUE(information().isNil());
+  ASSERT_TRUE(machine_.load(kGood));
+  EXPECT_FALSE(isKextUnknown(information()));
+  EXPECT_FALSE(information().isNil());
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(isKextUnknown(information()));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OfAModuleTheKernelTellsWithoutTheJobHost) {
+  constexpr char kModule[] = "com.example.module";
+  machine_.installModule(kModule, "example_module");
+  machine_.fakeControls.offer(kModule,
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kModule}).empty());
+  machine_.jobs.setReachable(true);
+  ASSERT_TRUE(machine_.load(kModule));
+  machine_.jobs.setReachable(false);
+  EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kModule})[kModule][kOSBundlePathKey],
+            Value(machine_.bundle(kModule)));
 }
 
 TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {

@@ -89,7 +89,9 @@ Dictionary FakeKernelExtensions::KextManagerCopyLoadedKextInfo(
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
     const auto found = extensions_.find(identifier);
-    if (found == extensions_.end() || !found->second.isLoaded) continue;
+    if (found == extensions_.end()) continue;
+    if (found->second.isUnknown) loaded.set(identifier, Dictionary());
+    if (found->second.isUnknown || !found->second.isLoaded) continue;
     loaded.set(identifier,
                Dictionary{{kOSBundlePathKey, "/Library/Extensions/" + identifier + ".kext"}});
   }

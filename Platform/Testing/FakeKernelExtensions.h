@@ -33,6 +33,10 @@ class FakeKernelExtensions final : public KernelExtensions {
   void setOnLoad(const std::string& identifier, std::function<void()> onLoad) {
     at(identifier).onLoad = std::move(onLoad);
   }
+  // Whether it is loaded can't be told for now; or can again.
+  void setUnknown(const std::string& identifier, bool unknown) {
+    at(identifier).isUnknown = unknown;
+  }
   // Loaded before anybody asked.
   void setLoaded(const std::string& identifier) { at(identifier).isLoaded = true; }
 
@@ -51,6 +55,7 @@ class FakeKernelExtensions final : public KernelExtensions {
  private:
   struct Extension {
     bool isLoaded = false;
+    bool isUnknown = false;
     bool loadFails = false;
     bool isWithoutControl = false;
     bool hasCrashed = false;

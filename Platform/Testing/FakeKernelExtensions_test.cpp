@@ -53,6 +53,19 @@ TEST(FakeKernelExtensionsTest, OneThatHasCrashedIsLoadedAndDoesNotListen) {
   EXPECT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeMachine::kGood, {}));
 }
 
+TEST(FakeKernelExtensionsTest, WhetherOneIsLoadedMayNotBeKnown) {
+  FakeMachine machine;
+  const std::string good = FakeMachine::kGood;
+  const auto information = [&] { return machine.fake.KextManagerCopyLoadedKextInfo({good})[good]; };
+  machine.fake.setUnknown(good, true);
+  EXPECT_TRUE(isKextUnknown(information()));
+  machine.fake.setLoaded(good);
+  EXPECT_TRUE(isKextUnknown(information()));
+  machine.fake.setUnknown(good, false);
+  EXPECT_FALSE(isKextUnknown(information()));
+  EXPECT_FALSE(information().isNil());
+}
+
 TEST(FakeKernelExtensionsTest, DoesWhatTheTestSays) {
   FakeMachine machine;
   const std::string good = FakeMachine::kGood;

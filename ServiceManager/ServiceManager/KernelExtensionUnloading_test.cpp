@@ -163,6 +163,23 @@ TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCosts
   EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
 }
 
+TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeftOut) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  extensions_.setUnknown(kNetwork, true);
+  extensions_.setUnknown(kOther, true);
+  Dictionary facts = manager().systemExtensions();
+  EXPECT_TRUE(facts["net"]["IsLoaded"].isNil());
+  EXPECT_TRUE(facts["net"]["PID"].isNil());
+  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
+  EXPECT_TRUE(facts["other"]["IsLoaded"].isNil());
+  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
+  extensions_.setUnknown(kNetwork, false);
+  extensions_.setUnknown(kOther, false);
+  facts = manager().systemExtensions();
+  EXPECT_EQ(facts["net"]["IsLoaded"], Value(true));
+  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
+}
+
 TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
   extensions_.setLoadFails(kOther, true);
   const Dictionary facts = manager().systemExtensions();

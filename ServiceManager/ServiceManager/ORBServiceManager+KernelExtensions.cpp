@@ -218,9 +218,8 @@ Dictionary ORBServiceManager::factsOfKext(const std::string& name,
   if (const auto authentic = loader.OSKextAuthenticate(*identifier); !authentic) {
     facts.set(kFactKextFault, describe(authentic.error()));
   }
-  const Dictionary loaded = loader.KextManagerCopyLoadedKextInfo({*identifier});
-  facts.set(kFactKextIsLoaded, loaded.contains(*identifier));
-  const Value information = loaded[*identifier];
+  const Value information = loader.KextManagerCopyLoadedKextInfo({*identifier})[*identifier];
+  if (!isKextUnknown(information)) facts.set(kFactKextIsLoaded, !information.isNil());
   const Value& loadedPath = information[kOSBundlePathKey];
   if (!loadedPath.isNil() && loadedPath != facts[kFactKextPath]) {
     facts.set(kFactKextLoadedPath, loadedPath);

@@ -69,6 +69,7 @@ inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such sett
 inline constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
 inline constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
 inline constexpr char kFactKextFault[] = "Fault";            // why loading it would fail
+// Absent where it has an identifier: the job host does not answer.
 inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
 // Where what is loaded was loaded from, if that is not the path above.
 inline constexpr char kFactKextLoadedPath[] = "LoadedPath";

@@ -244,9 +244,9 @@ TEST_F(DaemonSettingsServer, TheOperatorIsToldWhatIsWrong) {
   EXPECT_EQ(control({"set", "common", "", "1"}), 2);
   EXPECT_THAT(errors_, HasSubstr("the key is empty"));
   EXPECT_EQ(control({"get", "common", "\xFF"}), 2);
-  EXPECT_THAT(errors_, HasSubstr("the key \"\\ufffd\" is not UTF-8"));
+  EXPECT_THAT(errors_, HasSubstr("argument \"\\ufffd\" is not UTF-8"));
   EXPECT_EQ(control({"set", "common", "a", "\xC3"}), 2);
-  EXPECT_THAT(errors_, HasSubstr("the value \"\\ufffd\" is not UTF-8"));
+  EXPECT_THAT(errors_, HasSubstr("argument \"\\ufffd\" is not UTF-8"));
   EXPECT_EQ(control({"set", "common", "a", "1", "--type", "colour"}), 2);
 }
 

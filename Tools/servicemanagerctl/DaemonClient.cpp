@@ -76,11 +76,10 @@ Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
       return {kExitNotPermitted,
               fmt::format("{}; ask as root, or as the user whom {} runs under", why, who_.name)};
     case Kind::kTimedOut:
-      return {
-          kExitFailed,
-          fmt::format("{} is there but has not answered for {} s; it may be waiting for a job to "
-                      "end, so try again later, and see \"servicemanagerctl log\"",
-                      who_.name, inSeconds(kPatience))};
+      return {kExitFailed,
+              fmt::format("{} is there but has not answered for {} s; {}, so try again later, and "
+                          "see \"servicemanagerctl log\"",
+                          who_.name, inSeconds(kPatience), who_.whySilent)};
     case Kind::kSystem:
       break;
   }

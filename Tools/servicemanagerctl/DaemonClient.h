@@ -49,10 +49,13 @@ class DaemonClient {
   struct Who {
     std::string name;
     std::string whereToLook;  // the arguments with which this tool tells whether it runs
+    std::string whySilent;    // why one that is there may not answer
   };
 
   DaemonClient(const Environment& environment, std::string server, std::string protocol,
-               Who who = {"the service manager", "jobs show com.vantor.servicemanager"});
+               Who who = {.name = "the service manager",
+                          .whereToLook = "jobs show com.vantor.servicemanager",
+                          .whySilent = "it may be waiting for a job to end"});
 
   // Finds the server and authenticates both sides; for kPatience at most each. To be called first.
   Answer<void> connect();

@@ -72,13 +72,12 @@ class DaemonClientTest : public testing::Test, public MessageReceiver {
   KLXConnectionAuthenticator authenticator_{system_};
   std::vector<std::string> received_;
   std::shared_ptr<NSConnection> vended_;
-  DaemonClient client_{{.objects = {loop_, program_.connections, *distributed_, program_.center,
-                                    protocols_, system_},
-                        .transport = transport_,
-                        .path = pathOf,
-                        .root = "/srv/root"},
-                       kUserInterfaceServer,
-                       kORBServiceManagerUserInterfaceProtocol};
+  const DaemonClient::Environment environment_{
+      .objects = {loop_, program_.connections, *distributed_, program_.center, protocols_, system_},
+      .transport = transport_,
+      .path = pathOf,
+      .root = "/srv/root"};
+  DaemonClient client_{environment_, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol};
 };
 
 TEST_F(DaemonClientTest, AsksTheServerOfTheName) {
@@ -143,7 +142,19 @@ TEST_F(DaemonClientTest, ABusyDaemonIsWaitedForAndThenSaidToBeBusy) {
   EXPECT_GE(timeOf([&] { connected = client_.connect(); }), DaemonClient::kPatience);
   ASSERT_FALSE(connected);
   EXPECT_EQ(connected.error().exitStatus, kExitFailed);
-  EXPECT_THAT(connected.error().text, HasSubstr("is there but has not answered for 60 s"));
+  EXPECT_THAT(connected.error().text, HasSubstr("is there but has not answered for 60 s; it "
+                                                "may be waiting for a job to end"));
+}
+
+TEST_F(DaemonClientTest, OfAnotherServerItIsSaidWhyThatMayBeSilent) {
+  vend(authenticator_);
+  daemonTransport_.hang();
+  DaemonClient other(environment_, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
+                     {.name = "the other one", .whereToLook = "list", .whySilent = "it may sleep"});
+  const auto connected = other.connect();
+  ASSERT_FALSE(connected);
+  EXPECT_THAT(connected.error().text,
+              HasSubstr("the other one is there but has not answered for 60 s; it may sleep"));
 }
 
 TEST_F(DaemonClientTest, ADaemonThatIsBusyForAWhileIsReached) {

@@ -280,6 +280,14 @@ std::string aboutHealth(const Facts& facts) {
   return fmt::format("{}; {}", nameOf(static_cast<HealthStatus>(*status)), crashes);
 }
 
+std::string aboutLastExit(const Facts& facts) {
+  if (facts.is(kFactJobIsUnknown)) return "not known";
+  // The job host forgets it with the job, which a stop removes.
+  if (!facts.has(kFactJob)) return "not known, since it has no job now";
+  const JobState::Ending ending = facts.job().lastExit;
+  return ending == JobState::Ending{} ? "none yet" : inWords(ending);
+}
+
 std::string aboutRetry(const Facts& facts) {
   if (facts.isRetried()) {
     return "in " + inSeconds(facts[kFactRetryIn]);
@@ -310,8 +318,7 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   details.emplace_back("process", facts.job().process ? fmt::format("{}", *facts.job().process)
                                   : facts.is(kFactJobIsUnknown) ? "not known"
                                                                 : "none");
-  const JobState::Ending ending = facts.job().lastExit;
-  details.emplace_back("last exit", ending == JobState::Ending{} ? "none yet" : inWords(ending));
+  details.emplace_back("last exit", aboutLastExit(facts));
   details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
   if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
   // What has ended meanwhile is only left as it is.

@@ -71,8 +71,6 @@ struct Row {
   const char* verdict;
 };
 
-const Value kNoJob;
-
 const std::vector<Row> kRunning{
     {"core", {}, "agent runs as process 7, because every core service of the product is to run."},
     {"primary",
@@ -335,6 +333,20 @@ TEST(ExplanationTest, AnUnknownLabelNamesTheKnownOnes) {
             (Refusal{kExitUnknownLabel,
                      "no service has the label \"agnt\\u001b\"; there are: agent, mail, web"}));
   EXPECT_EQ(unknownLabel("x", {}).exitStatus, kExitUnknownLabel);
+}
+
+TEST(ExplanationTest, HowItLastEndedIsForgottenWithItsJob) {
+  const auto lastExit = [](const Changes& changes) {
+    for (const auto& [heading, sentence] : explain(factsWith(changes)).details) {
+      if (heading == "last exit") return sentence;
+    }
+    return std::string();
+  };
+  EXPECT_EQ(lastExit({}), "none yet");
+  EXPECT_EQ(lastExit({{kFactJob, Dictionary{{"LastExitStatus", 0}}}}), "succeeded");
+  EXPECT_EQ(lastExit({{kFactJob, Value()}, {kFactIsStopped, true}}),
+            "not known, since it has no job now");
+  EXPECT_EQ(lastExit({{kFactJob, Value()}, {kFactJobIsUnknown, true}}), "not known");
 }
 
 }  // namespace

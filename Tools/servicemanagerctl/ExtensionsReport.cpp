@@ -29,8 +29,13 @@ std::string installation(const Value& extension) {
   return extension[kFactKextFault].string() ? "damaged" : "yes";
 }
 
+bool isLoadingUnknown(const Value& extension) {
+  return extension[kFactKextIdentifier].string() && extension[kFactKextIsLoaded].isNil();
+}
+
 // With the process, where it runs as one.
 std::string loading(const Value& extension) {
+  if (isLoadingUnknown(extension)) return "unknown";
   const auto process = extension[kFactKextProcess].integer();
   if (!process) return yesOrNo(extension[kFactKextIsLoaded]);
   return *process > 0 ? fmt::format("process {}", *process) : "no process";
@@ -104,4 +109,21 @@ std::string tableOfExtensions(const Value& facts, Reader reader) {
   std::string text = coloured(lineOf(heading, widths), Colour::kBold, reader) + "\n";
   for (const Row& row : rows) text += lineOf(row, widths) + "\n";
   return notes.empty() ? text : text + "\n" + notes;
+}
+
+nlohmann::ordered_json jsonOfExtensions(const Value& facts) {
+  auto json = jsonOf(facts);
+  if (!facts.dictionary()) return json;
+  for (const auto& [name, extension] : *facts.dictionary()) {
+    // Absent would look like a word that a program has to leave out of account.
+    if (isLoadingUnknown(extension)) json[name][kFactKextIsLoaded] = nullptr;
+  }
+  return json;
+}
+
+bool isAnyLoadingUnknown(const Value& facts) {
+  const Dictionary* extensions = facts.dictionary();
+  return extensions && std::ranges::any_of(*extensions, [](const auto& entry) {
+           return isLoadingUnknown(entry.second);
+         });
 }

@@ -56,6 +56,29 @@ TEST(ExtensionsReportTest, WhatIsWrongIsToldBelow) {
             "b: was loaded from /b.kext\n");
 }
 
+TEST(ExtensionsReportTest, WhatTheJobHostDoesNotTellIsUnknownAndNotNo) {
+  const auto extension = [](bool isTold) {
+    Dictionary facts{{"Identifier", "i"}, {"Path", "/a.kext"}, {"IsConnected", false}};
+    if (isTold) facts.set("IsLoaded", false);
+    return facts;
+  };
+  const Dictionary untold{{"a", extension(true)}, {"b", extension(false)}, {"c", Dictionary()}};
+  EXPECT_EQ(tableOfExtensions(untold, Reader::kOther),
+            "NAME  IDENTIFIER  INSTALLED  LOADED   CONNECTED  CONFIGURED  USED BY\n"
+            "a     i           yes        no       no         -           -\n"
+            "b     i           yes        unknown  no         -           -\n"
+            "c     -           no         -        -          -           -\n");
+  const auto json = jsonOfExtensions(untold);
+  EXPECT_EQ(json["a"]["IsLoaded"], false);
+  ASSERT_TRUE(json["b"].contains("IsLoaded"));
+  EXPECT_TRUE(json["b"]["IsLoaded"].is_null());
+  EXPECT_FALSE(
+      json["c"].contains("IsLoaded"));  // The catalogue says of it what nobody can ask for.
+  EXPECT_TRUE(isAnyLoadingUnknown(untold));
+  EXPECT_FALSE(isAnyLoadingUnknown(Dictionary{{"a", extension(true)}, {"c", Dictionary()}}));
+  EXPECT_FALSE(isAnyLoadingUnknown(Value()));
+}
+
 TEST(ExtensionsReportTest, WithoutExtensionsItSaysSo) {
   for (const Value& nothing : {Value(), Value(Dictionary()), Value(7)}) {
     EXPECT_EQ(tableOfExtensions(nothing, Reader::kTerminal),

@@ -8,8 +8,11 @@
 
 #include "Platform/Jobs.h"
 #include "Platform/Linux/PropertyListFile.h"
+#include "Tools/servicemanagerctl/Arguments.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WaitProgress.h"
 
 namespace {
@@ -32,7 +35,7 @@ struct JobsCommands::Connected {
 
   int refuseUnknown(const std::string& label) const {
     return refuse({kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kNoSuchJob),
-                   "no job has the label \"" + label + "\""});
+                   "no job has the label \"" + abridged(label) + "\""});
   }
 };
 
@@ -49,7 +52,7 @@ JobsCommands::JobsCommands(CLI::App& app)
   for (CLI::App* command : {show_, remove_}) {
     command->add_option("label", label_, "The job's label")->required();
   }
-  submit_->add_option("file", file_, "A property list, XML or binary")->required();
+  submit_->add_option(kFileOption, file_, "A property list, XML or binary")->required();
 }
 
 int JobsCommands::run(EmbeddedJobs& jobs, RunLoop& loop, const std::string& hostProgram) const {
@@ -70,7 +73,7 @@ int JobsCommands::list(const Connected& to) const {
   }
   auto json = nlohmann::ordered_json::array();
   for (const JobState& job : jobs) json.push_back(asJson(job));
-  print(json.dump(2) + "\n");
+  print(dumped(json));
   return EXIT_SUCCESS;
 }
 
@@ -79,13 +82,13 @@ int JobsCommands::show(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label_);
   const JobState state = jobState(label_, *job);
-  print(json_ ? asJson(state, *job).dump(2) + "\n" : asText(state, *job, readerOf(STDOUT_FILENO)));
+  print(json_ ? dumped(asJson(state, *job)) : asText(state, *job, readerOf(STDOUT_FILENO)));
   return EXIT_SUCCESS;
 }
 
 int JobsCommands::submit(const Connected& to) const {
   const auto dictionary = readPropertyListFile(file_);
-  if (!dictionary) return fail(describe(dictionary.error()));
+  if (!dictionary) return fail(dictionary.error());
   const auto submitted = to.jobs.SMJobSubmit(kSMDomainSystemLaunchd, *dictionary, nullptr);
   if (!submitted) return to.refuse(submitted.error());
   const std::string label = *(*dictionary)["Label"].string();  // Else it had been refused.
@@ -93,7 +96,7 @@ int JobsCommands::submit(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label);  // Somebody else has removed it already.
   const JobState state = jobState(label, *job);
-  print(json_ ? asJson(state).dump(2) + "\n" : asSentence(state));
+  print(json_ ? dumped(asJson(state)) : asSentence(state));
   return EXIT_SUCCESS;
 }
 
@@ -114,7 +117,7 @@ int JobsCommands::remove(const Connected& to) const {
   to.loop.run();
   progress.reset();
   if (!outcome) return to.refuse(outcome.error());
-  print(json_ ? nlohmann::ordered_json{{"label", label_}, {"removed", true}}.dump(2) + "\n"
-              : label_ + " is removed.\n");
+  print(json_ ? dumped(nlohmann::ordered_json{{"label", label_}, {"removed", true}})
+              : plain(label_) + " is removed.\n");
   return EXIT_SUCCESS;
 }

@@ -99,7 +99,7 @@ std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
   if (jobs.empty()) return "No jobs.\n";
   constexpr std::string_view kLabelHeading = "LABEL";
   std::size_t width = kLabelHeading.size();
-  for (const JobState& job : jobs) width = std::max(width, fmt::formatted_size("{}", job.label));
+  for (const JobState& job : jobs) width = std::max(width, plain(job.label).size());
   std::string text;
   const auto out = std::back_inserter(text);
   const std::string heading =
@@ -108,7 +108,7 @@ std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
   for (const JobState& job : jobs) {
     const std::string process = fmt::format("{:>7}", processText(job));
     const std::string ending = inWords(job.lastExit);
-    fmt::format_to(out, "{:<{}}  {}  {}\n", job.label, width,
+    fmt::format_to(out, "{:<{}}  {}  {}\n", plain(job.label), width,
                    job.process ? coloured(process, Colour::kGreen, reader) : process,
                    isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
   }
@@ -127,7 +127,8 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
   text += '\n';
   const auto out = std::back_inserter(text);
   std::size_t width = 0;
-  for (const auto& [key, value] : *dictionary.dictionary()) width = std::max(width, key.size());
+  for (const auto& [key, value] : *dictionary.dictionary())
+    width = std::max(width, plain(key).size());
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (isState(key)) continue;
     // A key is the submitter's choice: no control character of it may reach the terminal.
@@ -146,8 +147,8 @@ Json asJson(const JobState& job, const Value& dictionary) {
 }
 
 std::string asSentence(const JobState& job) {
-  if (job.process) return fmt::format("{} runs as process {}.\n", job.label, *job.process);
-  return fmt::format("{} is loaded and has no process now; its last exit: {}.\n", job.label,
+  if (job.process) return fmt::format("{} runs as process {}.\n", plain(job.label), *job.process);
+  return fmt::format("{} is loaded and has no process now; its last exit: {}.\n", plain(job.label),
                      inWords(job.lastExit));
 }
 

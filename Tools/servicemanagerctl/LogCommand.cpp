@@ -3,6 +3,8 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
+#include <system_error>
 
 #include <fmt/format.h>
 #include <sys/inotify.h>
@@ -22,23 +24,14 @@ using Sink = PlatformConfiguration::LogSink;
 
 constexpr std::size_t kLinesBefore = 10;
 
-enum class Copied { kAll, kNobodyReads, kFailed };
-
-Copied copyRest(LogReader& reader) {
+// The exit status where nothing more can be copied. What can't be written main() tells of.
+std::optional<int> copyRest(LogReader& reader) {
   for (;;) {
     const auto part = reader.next();
-    if (!part) {
-      fail(describe(part.error()));
-      return Copied::kFailed;
-    }
-    if (part->empty()) return Copied::kAll;
-    if (!print(*part)) return Copied::kNobodyReads;
+    if (!part) return fail(part.error());
+    if (part->empty()) return std::nullopt;
+    if (!print(*part)) return EXIT_SUCCESS;
   }
-}
-
-int statusOf(Copied copied) {
-  // Who has seen enough (a pager, head) has been served.
-  return copied == Copied::kFailed ? kExitFailed : EXIT_SUCCESS;
 }
 
 // Tells by a readable descriptor that something changes in the folder.
@@ -60,19 +53,18 @@ int follow(const std::string& path, RunLoop& loop) {
   LogReader reader(path);
   // Watched before it is read, so that nothing can happen in between.
   const auto notices = watchFolder(std::filesystem::path(path).parent_path());
-  if (!notices) return fail(describe(notices.error()));
-  if (const auto skipped = reader.skipToLast(kLinesBefore); !skipped)
-    return fail(describe(skipped.error()));
-  Copied copied = copyRest(reader);
-  if (copied != Copied::kAll) return statusOf(copied);
+  if (!notices) return fail(notices.error());
+  if (const auto skipped = reader.skipToLast(kLinesBefore); !skipped) return fail(skipped.error());
+  std::optional<int> ended = copyRest(reader);
+  if (ended) return *ended;
   const auto source = loop.watchReadable(notices->get(), Urgency::kOrdinary, [&] {
     discardNotices(*notices);
-    copied = copyRest(reader);
-    if (copied != Copied::kAll) loop.stop();
+    ended = copyRest(reader);
+    if (ended) loop.stop();
   });
-  if (!source) return fail(describe(source.error()));
+  if (!source) return fail(source.error());
   loop.run();
-  return statusOf(copied);
+  return ended.value_or(EXIT_SUCCESS);
 }
 
 }  // namespace
@@ -93,9 +85,11 @@ int LogCommand::run(const PlatformConfiguration& configuration, RunLoop& loop) c
         "this platform logs to the system log; its daemon decides where that goes, usually "
         "/var/log/daemon.log and /var/log/syslog");
   const std::string path = logFile(configuration.root);
-  if (!std::filesystem::exists(path) && !follow_)
-    return fail(fmt::format("nothing has been logged yet: there is no {}", path));
+  letReaderLeave();  // A pager, or head.
   if (follow_) return follow(path, loop);
+  std::error_code error;
+  if (!std::filesystem::exists(path, error) && !error)
+    return fail(fmt::format("nothing has been logged yet: there is no {}", path));
   LogReader reader(path);
-  return statusOf(copyRest(reader));
+  return copyRest(reader).value_or(EXIT_SUCCESS);
 }

@@ -47,14 +47,15 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
     fail(text.error().text);
     return text.error().exitStatus;
   }
-  return print(*text) ? EXIT_SUCCESS : kExitFailed;
+  print(*text);
+  return EXIT_SUCCESS;
 }
 
 Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
   const auto record = daemon.ask("healthRecord");
   if (!record) return std::unexpected(record.error());
   const auto report = healthReport(*record);
-  if (json_) return asJson(report).dump(2) + "\n";
+  if (json_) return dumped(asJson(report));
   if (openMetrics_) return asOpenMetrics(report);
   return asTable(report, readerOf(STDOUT_FILENO));
 }
@@ -67,14 +68,16 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
     return std::unexpected(overview ? unknownLabel(label_, *overview) : overview.error());
   }
   const Explanation explanation = ::explain(*facts);
-  return json_ ? asJson(explanation, *facts).dump(2) + "\n"
-               : asText(explanation, readerOf(STDOUT_FILENO));
+  return json_ ? dumped(asJson(explanation, *facts))
+               : withRootInHints(asText(explanation, readerOf(STDOUT_FILENO)));
 }
 
 Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {
   const auto facts = daemon.ask("extensions");
   if (!facts) return std::unexpected(facts.error());
-  if (json_) return jsonOf(*facts).dump(2) + "\n";
+  if (isAnyLoadingUnknown(*facts))
+    remark("the job host does not answer, so that not every extension is known to be loaded");
+  if (json_) return dumped(jsonOfExtensions(*facts));
   return tableOfExtensions(*facts, readerOf(STDOUT_FILENO));
 }
 
@@ -87,5 +90,5 @@ Refusal unknownLabel(const std::string& label, const Value& overview) {
   }
   std::ranges::sort(known);
   return {kExitUnknownLabel, fmt::format("no service has the label \"{}\"; there are: {}",
-                                         plain(label), fmt::join(known, ", "))};
+                                         abridged(label), fmt::join(known, ", "))};
 }

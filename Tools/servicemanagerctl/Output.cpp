@@ -1,10 +1,19 @@
 #include "Tools/servicemanagerctl/Output.h"
 
+#include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <utility>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCall.h"
+#include "Platform/PropertyListText.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 
 namespace {
@@ -21,6 +30,30 @@ std::string_view codeOf(Colour colour) {
   return "";
 }
 
+// Why something that was printed is lost, as errno has it; 0 while nothing is.
+std::atomic<int> whyOutputWasLost = 0;
+std::atomic<bool> mayReaderLeave = false;
+std::string rootOfHints;  // written by main before there are other threads
+
+// As one word of a shell's command line.
+std::string asWord(const std::string& text) {
+  constexpr std::string_view kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%";
+  if (text.find_first_not_of(kPlain) == text.npos) return text;
+  std::string word = "'";
+  for (const char character : text) {
+    if (character == '\'') word += "'\\'";
+    word += character;
+  }
+  return word + "'";
+}
+
+// Whether it is one of U+0080 to U+009F, which some terminals take for control characters, too.
+bool isSecondControl(std::string_view character) {
+  return character.size() == 2 && character[0] == '\xc2' &&
+         static_cast<unsigned char>(character[1]) < 0xa0;
+}
+
 }  // namespace
 
 Reader readerOf(int descriptor) {
@@ -32,14 +65,89 @@ std::string coloured(std::string_view text, Colour colour, Reader reader) {
   return fmt::format("{}{}\033[0m", codeOf(colour), text);
 }
 
+void prepareStandardFiles() {
+  int descriptor = 0;
+  do {
+    // The lowest number that is free. Lost where there is no room, then nothing else opens either.
+    descriptor = ::open("/", O_PATH | O_CLOEXEC);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) ::close(descriptor);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
 bool print(const std::string& text) {
-  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
-         std::fflush(stdout) == 0;
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const ssize_t written = platform::retryOnInterrupt(
+        [&] { return ::write(STDOUT_FILENO, rest.data(), rest.size()); });
+    if (written < 0) {
+      whyOutputWasLost = errno;
+      return false;
+    }
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
 }
 
 void warn(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); }
 
+void letReaderLeave() { mayReaderLeave = true; }
+
+int concludingStatus(int status) {
+  const int error = whyOutputWasLost.exchange(0);
+  if (error == 0 || (error == EPIPE && mayReaderLeave)) return status;
+  const int failure = fail("standard output: " + std::generic_category().message(error));
+  return status == EXIT_SUCCESS ? failure : status;
+}
+
+void remark(const std::string& text) {
+  warn("servicemanagerctl: " + escaped(withRootInHints(text)) + "\n");
+}
+
 int fail(const std::string& why) {
-  warn("servicemanagerctl: " + why + "\n");
+  remark(why);
   return kExitFailed;
+}
+
+int fail(const platform::Error& error) {
+  fail(platform::describe(error));
+  return error.code == platform::ErrorCode::kDenied ? kExitNotPermitted : kExitFailed;
+}
+
+void setRootOfHints(std::string root) { rootOfHints = std::move(root); }
+
+std::string withRootInHints(std::string_view text) {
+  if (rootOfHints.empty()) return std::string(text);
+  constexpr std::string_view kHint = "\"servicemanagerctl ";
+  std::string result;
+  for (;;) {
+    const std::size_t at = text.find(kHint);
+    result += text.substr(0, at);
+    if (at == text.npos) return result;
+    result += fmt::format("{}--root {} ", kHint, asWord(rootOfHints));
+    text.remove_prefix(at + kHint.size());
+  }
+}
+
+std::string escaped(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    // The bytes of the next character, or one that begins none.
+    std::size_t length = 1;
+    while (length < 4 && platform::findIllFormedUtf8(text.substr(0, length))) ++length;
+    const std::string_view character = text.substr(0, length);
+    const auto code = static_cast<unsigned char>(character.front());
+    if (platform::findIllFormedUtf8(character)) {
+      length = 1;
+      result += "\\ufffd";
+    } else if (character.size() == 1 && (code < 0x20 || code == 0x7f)) {
+      result += code == '\n' ? "\\n" : fmt::format("\\u{:04x}", code);
+    } else if (isSecondControl(character)) {
+      result += fmt::format("\\u{:04x}", static_cast<unsigned char>(character[1]));
+    } else {
+      result += character;
+    }
+    text.remove_prefix(length);
+  }
+  return result;
 }

@@ -7,6 +7,7 @@
 #include "Libraries/Static/Interprocess Communications/utilities/BootTime.h"
 #include "Platform/Description.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
+#include "Tools/servicemanagerctl/Output.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ PlatformReport makePlatformReport(const SystemInformation& system,
 std::string asTable(const PlatformReport& report) {
   std::string text;
   const auto out = std::back_inserter(text);
-  fmt::format_to(out, "Platform root   {}\n", report.configuration.root);
+  fmt::format_to(out, "Platform root   {}\n", escaped(report.configuration.root));
   fmt::format_to(out, "Release         {}\n", report.kernelRelease);
   fmt::format_to(out, "Version         {} ({})\n", report.systemVersion, report.marketingVersion);
   fmt::format_to(out, "Booted          {}\n", bootText(report.bootTime));
@@ -76,13 +77,14 @@ std::string asTable(const PlatformReport& report) {
                  report.configuration.logLevel);
   fmt::format_to(out, "\n{:>7}  {:<16} {}\n", "UID", "USER", "FULL NAME");
   for (const auto& [uid, identity] : report.users) {
-    fmt::format_to(out, "{:>7}  {:<16} {}\n", uid, identity.posixName, identity.fullName);
+    fmt::format_to(out, "{:>7}  {:<16} {}\n", uid, escaped(identity.posixName),
+                   escaped(identity.fullName));
   }
   fmt::format_to(out, "\n{:>7}  {:>7}  {:>7}  {:<16} {}\n", "PID", "PARENT", "UID", "PROCESS",
                  "PATH");
   for (const auto& [pid, record, path] : report.processes) {
     fmt::format_to(out, "{:>7}  {:>7}  {:>7}  {:<16} {}\n", pid, record.e_ppid, record.cr_uid,
-                   record.p_comm, path.value_or("-"));
+                   escaped(record.p_comm), escaped(path.value_or("-")));
   }
   return text;
 }

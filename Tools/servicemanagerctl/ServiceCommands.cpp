@@ -11,6 +11,7 @@
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ Answer<Value> readCatalogueWith(DaemonClient& daemon, const std::vector<std::str
   std::string unknown;
   for (const std::string& label : labels) {
     if (catalogue->dictionary()->contains(label)) continue;
-    unknown += fmt::format("{}\"{}\"", unknown.empty() ? "" : ", ", label);
+    unknown += fmt::format("{}\"{}\"", unknown.empty() ? "" : ", ", abridged(label));
   }
   if (unknown.empty()) return catalogue;
   return std::unexpected(
@@ -148,7 +149,9 @@ Answer<int> ServiceCommands::list(DaemonClient& userInterface,
   std::ranges::sort(labels);
   const auto services = readStates(environment, *catalogue, labels);
   if (!services) return std::unexpected(services.error());
-  print(json_ ? asJson(*services).dump(2) + "\n" : asTable(*services, readerOf(STDOUT_FILENO)));
+  print(json_ ? dumped(asJson(*services)) : asTable(*services, readerOf(STDOUT_FILENO)));
+  if (std::ranges::any_of(*services, isUnknown))
+    remark("the job host does not answer, so that not every service is known to run");
   return EXIT_SUCCESS;
 }
 
@@ -211,7 +214,8 @@ Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
   if (!json_)
-    print("None of these is started by itself until \"servicemanagerctl installer end\".\n");
+    print(withRootInHints(
+        "None of these is started by itself until \"servicemanagerctl installer end\".\n"));
   // It may have been, meanwhile.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");
@@ -228,7 +232,7 @@ Answer<int> ServiceCommands::endInstaller(const DaemonClient::Environment& envir
     return std::unexpected(Refusal{kExitFailed,
                                    "the service manager did not take the request; see "
                                    "\"servicemanagerctl log\""});
-  print(json_ ? nlohmann::ordered_json{{"evaluating", true}}.dump(2) + "\n"
+  print(json_ ? dumped(nlohmann::ordered_json{{"evaluating", true}})
               : "The service manager decides anew which services run.\n");
   return EXIT_SUCCESS;
 }
@@ -240,7 +244,7 @@ int ServiceCommands::conclude(const std::vector<ServiceState>& services, bool sh
     asWanted = asWanted && service.job.process.has_value() == shouldRun;
     text += asSentence(service);
   }
-  print(json_ ? asJson(services).dump(2) + "\n" : text);
+  print(json_ ? dumped(asJson(services)) : text);
   if (std::ranges::any_of(services, isUnknown)) {
     return fail(
         fmt::format("the job host does not answer, so that not every service is known to {}; "

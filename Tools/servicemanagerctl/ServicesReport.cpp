@@ -10,6 +10,7 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
 
@@ -85,7 +86,7 @@ ServiceState serviceState(const std::string& label, const Value& services, const
 }
 
 std::string inWords(const ServiceState& service) {
-  if (service.activity == Activity::kUnsupported) return "needs " + service.neededSystem;
+  if (service.activity == Activity::kUnsupported) return "needs " + plain(service.neededSystem);
   return std::string(nameOf(service.activity));
 }
 
@@ -96,7 +97,7 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
   std::size_t labelWidth = kLabelHeading.size();
   std::size_t stateWidth = kStateHeading.size();
   for (const ServiceState& service : services) {
-    labelWidth = std::max(labelWidth, service.job.label.size());
+    labelWidth = std::max(labelWidth, plain(service.job.label).size());
     stateWidth = std::max(stateWidth, inWords(service).size());
   }
   std::string text;
@@ -109,7 +110,7 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
     const JobState& job = service.job;
     const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
     const std::string ending = inWords(job.lastExit);
-    fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", job.label, labelWidth,
+    fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", plain(job.label), labelWidth,
                    nameOf(service.type),
                    job.process ? coloured(state, Colour::kGreen, reader) : state,
                    job.process ? fmt::format("{}", *job.process) : "-",
@@ -136,7 +137,7 @@ Json asJson(const std::vector<ServiceState>& services) {
 }
 
 std::string asSentence(const ServiceState& service) {
-  const std::string& label = service.job.label;
+  const std::string label = plain(service.job.label);
   switch (service.activity) {
     case Activity::kRunning:
       return fmt::format("{} runs as process {}.\n", label, *service.job.process);
@@ -147,7 +148,7 @@ std::string asSentence(const ServiceState& service) {
       return fmt::format("{} is stopped.\n", label);
     case Activity::kUnsupported:
       return fmt::format("{} is not started here: it needs release {}.\n", label,
-                         service.neededSystem);
+                         plain(service.neededSystem));
     case Activity::kUnknown:
       return fmt::format("Whether {} runs is not known: the job host does not answer.\n", label);
   }
@@ -158,8 +159,9 @@ std::optional<std::string> noticeAsText(const Value& notice, std::string_view ti
   const auto read = readNotice(notice);
   if (!read) return std::nullopt;
   if (!read->process)
-    return fmt::format("{}  {}  {}\n", time, read->label, coloured("ended", Colour::kRed, reader));
-  return fmt::format("{}  {}  {} as process {}\n", time, read->label,
+    return fmt::format("{}  {}  {}\n", time, plain(read->label),
+                       coloured("ended", Colour::kRed, reader));
+  return fmt::format("{}  {}  {} as process {}\n", time, plain(read->label),
                      coloured("runs", Colour::kGreen, reader), *read->process);
 }
 

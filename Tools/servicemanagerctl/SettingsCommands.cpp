@@ -4,14 +4,14 @@
 #include <cmath>
 #include <cstdlib>
 #include <optional>
-#include <utility>
 
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/PeerMessageRules.h"
+#include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -45,12 +45,6 @@ bool isSame(const Value& one, const Value& other) {
   return one.type() == other.type() && one == other;
 }
 
-// What is wrong with a word of the command line, before any server is asked.
-std::optional<Refusal> faultOf(const std::string& what, const std::string& word) {
-  if (!findIllFormedUtf8(word)) return std::nullopt;
-  return Refusal{kExitNotUnderstood, fmt::format("the {} \"{}\" is not UTF-8", what, plain(word))};
-}
-
 }  // namespace
 
 SettingsCommands::SettingsCommands(CLI::App& app)
@@ -79,14 +73,15 @@ int SettingsCommands::run(const DaemonClient::Environment& environment) const {
     if (domain == nullptr) {
       return std::unexpected(Refusal{kExitNotUnderstood,
                                      fmt::format("there is no settings domain \"{}\"; there are {}",
-                                                 plain(domain_), domainNames())});
+                                                 abridged(domain_), domainNames())});
     }
     if (!list_->parsed() && key_.empty())
       return std::unexpected(Refusal{kExitNotUnderstood, "the key is empty"});
-    if (const auto fault = faultOf("key", key_)) return std::unexpected(*fault);
-    if (const auto fault = faultOf("value", value_)) return std::unexpected(*fault);
-    DaemonClient server(environment, domain->connectionName, kKLXGlobalSettingsProtocol,
-                        {fmt::format("the settings server of {}", domain->prefix), "list"});
+    const std::string name = fmt::format("the settings server of {}", domain->prefix);
+    const BlockedCallProgress progress({.what = name + " to answer"});
+    DaemonClient server(
+        environment, domain->connectionName, kKLXGlobalSettingsProtocol,
+        {.name = name, .whereToLook = "list", .whySilent = "it may be busy or stand still"});
     if (const auto connected = server.connect(); !connected)
       return std::unexpected(connected.error());
     if (list_->parsed()) return list(server);
@@ -114,9 +109,8 @@ Answer<int> SettingsCommands::list(DaemonClient& server) const {
     settings.push_back({key, value, *isDefault == Value(true)});
   }
   std::ranges::sort(settings, {}, &SettingState::key);
-  const bool isTold = print(json_ ? asJson(settings).dump(2) + "\n"
-                                  : asTable(settings, domain_, readerOf(STDOUT_FILENO)));
-  return isTold ? EXIT_SUCCESS : kExitFailed;
+  print(json_ ? dumped(asJson(settings)) : asTable(settings, domain_, readerOf(STDOUT_FILENO)));
+  return EXIT_SUCCESS;
 }
 
 Answer<SettingState> SettingsCommands::read(DaemonClient& server) const {
@@ -127,9 +121,8 @@ Answer<SettingState> SettingsCommands::read(DaemonClient& server) const {
   return SettingState{key_, std::move(*value), *isDefault == Value(true)};
 }
 
-int SettingsCommands::report(const SettingState& setting) const {
-  const bool isTold = print(json_ ? asJson(setting).dump(2) + "\n" : asSentence(setting, domain_));
-  return isTold ? EXIT_SUCCESS : kExitFailed;
+void SettingsCommands::report(const SettingState& setting) const {
+  print(json_ ? dumped(asJson(setting)) : asSentence(setting, domain_));
 }
 
 Answer<int> SettingsCommands::get(DaemonClient& server) const {
@@ -139,13 +132,17 @@ Answer<int> SettingsCommands::get(DaemonClient& server) const {
     return std::unexpected(
         Refusal{kExitUnknownLabel, fmt::format("{} has no setting \"{}\"; \"servicemanagerctl "
                                                "settings list {}\" tells which there are",
-                                               domain_, plain(key_), domain_)});
+                                               domain_, abridged(key_), domain_)});
   }
-  if (json_) return report(*setting);
+  if (json_) {
+    report(*setting);
+    return EXIT_SUCCESS;
+  }
   const nlohmann::ordered_json value = jsonOf(setting->value);
   const std::string text =
       value.is_string() ? plain(value.get<std::string>()) : shown(setting->value);
-  return print(text + "\n") ? EXIT_SUCCESS : kExitFailed;
+  print(text + "\n");
+  return EXIT_SUCCESS;
 }
 
 Answer<int> SettingsCommands::set(DaemonClient& server) const {
@@ -161,13 +158,21 @@ Answer<int> SettingsCommands::set(DaemonClient& server) const {
                                   wanted.error())
                     : wanted.error()});
   }
+  // What its server would not take it could not say, since the message has no answer.
+  const auto bytes = peerBodyBytes(Array{Dictionary{{key_, *wanted}}});
+  if (!bytes || *bytes > kKLXGlobalSettingsMaxSettingBytes) {
+    return std::unexpected(Refusal{
+        kExitFailed,
+        fmt::format("the setting \"{}\" is too large: key and value may take {} bytes together",
+                    abridged(key_), kKLXGlobalSettingsMaxSettingBytes)});
+  }
   const auto sent = server.ask("setObject:forKey:sender:", {*wanted, key_, kSender});
   if (!sent) return std::unexpected(sent.error());
   // The message has no answer: what the server holds now is one.
   const auto now = read(server);
   if (!now) return std::unexpected(now.error());
-  const int told = report(*now);
-  if (isSame(now->value, *wanted)) return told;
+  report(*now);
+  if (isSame(now->value, *wanted)) return EXIT_SUCCESS;
   return std::unexpected(Refusal{
       kExitFailed, "the server does not hold what was set; \"servicemanagerctl log\" tells why"});
 }
@@ -177,8 +182,8 @@ Answer<int> SettingsCommands::unset(DaemonClient& server) const {
   if (!sent) return std::unexpected(sent.error());
   const auto now = read(server);
   if (!now) return std::unexpected(now.error());
-  const int told = report(*now);
-  if (now->value.isNil() || now->isDefault) return told;
+  report(*now);
+  if (now->value.isNil() || now->isDefault) return EXIT_SUCCESS;
   return std::unexpected(
       Refusal{kExitFailed, "the server still holds a value; \"servicemanagerctl log\" tells why"});
 }

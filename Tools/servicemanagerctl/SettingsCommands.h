@@ -31,8 +31,7 @@ class SettingsCommands {
 
   // What the server holds now.
   Answer<SettingState> read(DaemonClient& server) const;
-  // The exit status.
-  int report(const SettingState& setting) const;
+  void report(const SettingState& setting) const;
 
   CLI::App* settings_;
   CLI::App* list_;

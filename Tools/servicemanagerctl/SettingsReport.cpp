@@ -28,7 +28,7 @@ std::optional<bool> booleanIn(const std::string& text) {
 }
 
 Parsed wrong(const std::string& text, std::string_view expected) {
-  return std::unexpected(fmt::format("\"{}\" is not {}", plain(text), expected));
+  return std::unexpected(fmt::format("\"{}\" is not {}", abridged(text), expected));
 }
 
 Parsed parseInteger(const std::string& text) {

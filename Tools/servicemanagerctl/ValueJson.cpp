@@ -58,3 +58,19 @@ std::string plain(const std::string& text) {
   const std::string quoted = shown(Value(text));
   return quoted.substr(1, quoted.size() - 2);
 }
+
+std::string abridged(const std::string& text) {
+  constexpr std::size_t kMostCharacters = 80;
+  constexpr std::size_t kMostBytes = 4 * kMostCharacters;
+  std::size_t characters = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool isContinued = (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80;
+    if (!isContinued) ++characters;
+    if (characters > kMostCharacters || i >= kMostBytes) return plain(text.substr(0, i)) + "...";
+  }
+  return plain(text);
+}
+
+std::string dumped(const Json& json) {
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}

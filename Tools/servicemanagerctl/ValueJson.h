@@ -15,3 +15,9 @@ std::string shown(const platform::Value& value);
 
 // Text that somebody else has chosen, as shown() but without its quotation marks.
 std::string plain(const std::string& text);
+
+// As plain(), and of a long text no more than its first 80 characters: for messages.
+std::string abridged(const std::string& text);
+
+// For programs: what is no UTF-8 in it (paths may hold any bytes) becomes U+FFFD.
+std::string dumped(const nlohmann::ordered_json& json);

@@ -29,4 +29,22 @@ TEST(ValueJsonTest, ShownTextIsAsciiOnOneLine) {
   EXPECT_EQ(plain("\033"), "\\u001b");
 }
 
+TEST(ValueJsonTest, AMessageRepeatsNoMoreThan80Characters) {
+  const std::string most(80, 'x');
+  EXPECT_EQ(abridged(most), most);
+  EXPECT_EQ(abridged(most + "y"), most + "...");
+  std::string accented;
+  for (int i = 0; i < 81; ++i) accented += "\u00e9";
+  const std::string cut = abridged(accented);
+  EXPECT_EQ(cut.size(), 80 * std::string("\\u00e9").size() + 3);
+  EXPECT_TRUE(cut.ends_with("\\u00e9..."));
+  EXPECT_EQ(abridged("\033"), "\\u001b");
+  // Bytes that begin no character are bounded, too.
+  EXPECT_LT(abridged(std::string(100'000, '\x80')).size(), 3000u);
+}
+
+TEST(ValueJsonTest, ProgramsGetJsonAlsoOfWhatIsNoText) {
+  EXPECT_EQ(dumped({{"path", "/\xff"}}), "{\n  \"path\": \"/\ufffd\"\n}\n");
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <expected>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
 
@@ -28,11 +30,12 @@ struct Patience {
   int exitStatus;
 };
 
+constexpr char kBusy[] =
+    "it is there, but too busy or stuck: try again later, and see \"servicemanagerctl log\"";
+
 // Everybody is answered at once.
 Patience withAnyAnswer(const XPCCommands::Environment& environment) {
-  return {environment.anyAnswerPatience,
-          "it is there, but too busy or stuck: try again later, and see \"servicemanagerctl log\"",
-          kExitFailed};
+  return {environment.anyAnswerPatience, kBusy, kExitFailed};
 }
 
 // So is a look-up, of whoever has the right passkey; others never are.
@@ -49,34 +52,37 @@ Patience withHashOf(const std::string& file, std::chrono::seconds limit) {
           kExitFailed};
 }
 
-Refusal nobodyThere(const std::string& root) {
+// Why there is no connection. That there is none is all that an XPC connection tells.
+Refusal notConnected(const XPCCommands::Environment& environment) {
+  if (environment.isAnybodyThere())
+    return {kExitFailed, fmt::format("the service manager takes no connection; {}", kBusy)};
   return {kExitNobodyThere,
           fmt::format("no service manager serves endpoints below {}; is it running? "
                       "\"servicemanagerctl jobs show com.vantor.servicemanager\" tells",
-                      root)};
+                      environment.root)};
 }
 
 // Blocks for the reply.
 Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array arguments,
-                  const Patience& patience, const std::string& root) {
+                  const Patience& patience, const XPCCommands::Environment& environment) {
   // Shared with the handlers, which may outlive the wait.
-  const auto answer = std::make_shared<std::promise<Answer<Array>>>();
+  const auto answer = std::make_shared<std::promise<std::expected<Array, NSError>>>();
   connection.sendMessage(
       selector, std::move(arguments),
       [answer](Array values) { answer->set_value(std::move(values)); },
-      [answer, root](const NSError& error) {
-        answer->set_value(std::unexpected(
-            error.code == NSXPCConnectionReplyInvalid
-                ? Refusal{kExitFailed, "the service manager refused: " + error.localizedDescription}
-                : nobodyThere(root)));
-      });
+      [answer](const NSError& error) { answer->set_value(std::unexpected(error)); });
   auto future = answer->get_future();
   if (future.wait_for(patience.limit) != std::future_status::ready) {
     return std::unexpected(Refusal{patience.exitStatus,
                                    fmt::format("the service manager has not answered for {} s; {}",
                                                patience.limit.count(), patience.text)});
   }
-  return future.get();
+  auto reply = future.get();
+  if (reply) return std::move(*reply);
+  if (reply.error().code != NSXPCConnectionReplyInvalid)
+    return std::unexpected(notConnected(environment));
+  return std::unexpected(
+      Refusal{kExitFailed, "the service manager refused: " + reply.error().localizedDescription});
 }
 
 std::shared_ptr<NSXPCConnection> connected(std::shared_ptr<NSXPCConnection> connection,
@@ -91,7 +97,7 @@ Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
     const std::string& name) {
   auto reply = ask(registry, "xpcListenerEndpointForPasskey:withName:withReply:",
                    {Value(systemProfileData(environment.system)), Value(name)},
-                   withLookUp(environment), environment.root);
+                   withLookUp(environment), environment);
   if (!reply) return std::unexpected(std::move(reply.error()));
   return reply->empty() ? nullptr : endpointIn(reply->front());
 }
@@ -144,6 +150,10 @@ XPCCommands::XPCCommands(CLI::App& app) {
 }
 
 int XPCCommands::run(const Environment& environment) const {
+  if (!execinfo_->parsed() && name_.empty()) {
+    fail("the endpoint's name is empty");
+    return kExitNotUnderstood;
+  }
   auto registry = environment.xpc.makeConnection(kEndpointRegistryService);
   // Shared with the handler, which may be running when the wait is over.
   const auto ended = std::make_shared<std::counting_semaphore<>>(0);
@@ -151,7 +161,7 @@ int XPCCommands::run(const Environment& environment) const {
   registry =
       connected(std::move(registry), environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
   const auto signature =
-      ask(*registry, "signatureWithReply:", {}, withAnyAnswer(environment), environment.root);
+      ask(*registry, "signatureWithReply:", {}, withAnyAnswer(environment), environment);
   Answer<int> done = EXIT_SUCCESS;
   if (!signature) {
     done = std::unexpected(signature.error());
@@ -183,24 +193,25 @@ Refusal XPCCommands::registerName(const Environment& environment, const Connecti
   const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
                          {Value(std::shared_ptr<const RemoteObject>(endpoint)),
                           Value(systemProfileData(environment.system)), Value(name_)},
-                         withAnyAnswer(environment), environment.root);
+                         withAnyAnswer(environment), environment);
   if (!reply) return reply.error();
   if (reply->empty() || reply->front() != Value(true)) {
     return {kExitFailed, "the service manager refused: " + textAt(*reply, 1)};
   }
-  print(fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", name_));
+  print(fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", plain(name_)));
   ended.acquire();
-  return {kExitFailed, "the service manager has ended; " + name_ + " is no longer registered"};
+  return {kExitFailed,
+          "the service manager has ended; " + abridged(name_) + " is no longer registered"};
 }
 
 Answer<int> XPCCommands::lookUp(const Environment& environment, const Connection& registry) const {
   const auto endpoint = endpointOf(environment, *registry, name_);
   if (!endpoint) return std::unexpected(endpoint.error());
   if (json_) {
-    print(nlohmann::json{{"name", name_}, {"registered", *endpoint != nullptr}}.dump(2) + "\n");
+    print(dumped(nlohmann::ordered_json{{"name", name_}, {"registered", *endpoint != nullptr}}));
   } else {
     print(fmt::format(
-        "{} is {}\n", name_,
+        "{} is {}\n", plain(name_),
         *endpoint ? "registered" : "not registered; its owner has been asked to register it"));
   }
   return *endpoint ? EXIT_SUCCESS : kExitFailed;
@@ -210,10 +221,10 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
                                          const Connection& registry) const {
   const auto endpoint = endpointOf(environment, *registry, kExecInfoEndpoint);
   if (!endpoint) return std::unexpected(endpoint.error());
-  if (!*endpoint) return std::unexpected(nobodyThere(environment.root));
+  if (!*endpoint) return std::unexpected(notConnected(environment));
   const auto service = connected(environment.xpc.makeConnection(*endpoint), environment.protocols,
                                  kORBExecutableInfoProtocol);
-  auto list = nlohmann::json::array();
+  auto list = nlohmann::ordered_json::array();
   Answer<int> done = EXIT_SUCCESS;
   for (const std::string& path : paths_) {
     const auto absolute = absolutePath(path);
@@ -223,7 +234,7 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     }
     const std::string& file = *absolute;
     const auto reply = ask(*service, "requestExecutableInfo:withReply:", {Value(file)},
-                           withHashOf(file, environment.hashPatience), environment.root);
+                           withHashOf(file, environment.hashPatience), environment);
     if (!reply) {
       done = std::unexpected(reply.error());
       break;
@@ -234,13 +245,13 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     if (json_) {
       list.push_back({{"path", file}, {"signing", signing}, {"sha256", hash}, {"source", source}});
     } else {
-      const auto shown = [](const std::string& text) { return text.empty() ? "-" : text.c_str(); };
-      print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", file, shown(signing),
-                        shown(hash), shown(source)));
+      const auto told = [](const std::string& text) { return text.empty() ? "-" : plain(text); };
+      print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", plain(file),
+                        told(signing), told(hash), told(source)));
     }
   }
   // Also where a later file failed. A path may hold any bytes, and so may the text from an
   // attribute.
-  if (json_) print(list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+  if (json_) print(dumped(list));
   return done;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <semaphore>
 #include <string>
@@ -32,6 +33,8 @@ class XPCCommands {
     const platform::SystemInformation& system;
     const platform::ProtocolTable& protocols;
     std::string root;  // of the platform, for texts
+    // Whether somebody has the registry's name, though perhaps without answering.
+    std::function<bool()> isAnybodyThere;
     // For each file: a hash takes as long as the file is long.
     std::chrono::seconds hashPatience = std::chrono::hours(1);
     // For what everybody is answered, and for what only the product's own programs are.

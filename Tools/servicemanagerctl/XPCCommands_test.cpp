@@ -131,12 +131,14 @@ class XPCCommandsTest : public testing::Test {
     const auto xpc = makeXPC();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root", patience.hash,
+    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root",
+                                     [this] { return isAnybodyThere_; }, patience.hash,
                                      patience.anyAnswer, patience.lookUp});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
   Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), Patience()); }
 
+  bool isAnybodyThere_ = false;
   TemporaryFolder folder_;
   FakeLogSink sink_;
   SystemLog log_{sink_, "test"};
@@ -335,6 +337,40 @@ TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
     EXPECT_THAT(alone.errors,
                 HasSubstr("no service manager serves endpoints below /srv/root; is it running?"));
   }
+}
+
+TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotSaidToBeMissing) {
+  isAnybodyThere_ = true;  // As one that was stopped by a signal.
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"endpoints", "lookup", "name"},
+        {"endpoints", "register", "name"},
+        {"execinfo", "/bin/true"}}) {
+    const Ran alone = run(command);
+    EXPECT_EQ(alone.status, kExitFailed);
+    EXPECT_EQ(alone.output, "");
+    EXPECT_EQ(alone.errors,
+              "servicemanagerctl: the service manager takes no connection; it is there, but too "
+              "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
+  }
+}
+
+TEST_F(XPCCommandsTest, AnEmptyNameIsNotUnderstood) {
+  serve();
+  for (const char* command : {"lookup", "register"}) {
+    const Ran empty = run({"endpoints", command, ""});
+    EXPECT_EQ(empty.status, kExitNotUnderstood);
+    EXPECT_EQ(empty.output, "");
+    EXPECT_EQ(empty.errors, "servicemanagerctl: the endpoint's name is empty\n");
+  }
+}
+
+TEST_F(XPCCommandsTest, WhatOthersHaveChosenCannotSteerTheTerminal) {
+  serve();
+  const Ran missing = run({"endpoints", "lookup", "a\033[2J"});
+  EXPECT_EQ(missing.output,
+            "a\\u001b[2J is not registered; its owner has been asked to register it\n");
+  const Ran told = run({"execinfo", folder_.path("a\033[2J")});
+  EXPECT_THAT(told.output, testing::StartsWith(folder_.path("a\\u001b[2J\n")));
 }
 
 TEST_F(XPCCommandsTest, AnotherProductsDaemonIsNotTrusted) {

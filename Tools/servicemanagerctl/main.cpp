@@ -1,13 +1,15 @@
-// The operator's command. Exit status: 0 done, 1 failed, 2 not understood, 3 no such service,
-// job or setting, 4 not permitted, 5 no service manager or job host, 6 the service manager is not
-// this product's.
+// The operator's command. What it ends with stands in ExitStatus.h.
 
-#include <cstdio>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <optional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
@@ -20,10 +22,12 @@
 #include "Platform/Linux/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxXPC.h"
+#include "Platform/Linux/LogSinkChoice.h"
 #include "Platform/Linux/NotificationBus.h"
 #include "Platform/NamedConnections.h"
 #include "Platform/Thread.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/Arguments.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
@@ -32,6 +36,7 @@
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
 
@@ -40,7 +45,7 @@ namespace {
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const PlatformReport report = makePlatformReport(
       linuxPlatform.systemInformation, linuxPlatform.configuration, ::getpid(), ::getuid());
-  print(json ? asJson(report).dump(2) + "\n" : asTable(report));
+  print(json ? dumped(asJson(report)) : asTable(report));
 }
 
 // One line through each logger, so that an administrator sees where the product's lines end.
@@ -61,10 +66,22 @@ std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQue
   return systemLog.dropped();
 }
 
+bool mayNotWrite(const std::string& path) {
+  return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno == EACCES;
+}
+
 int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
   const std::uint64_t lost =
       writeTestLines(linuxPlatform.systemLog, linuxPlatform.utilityQueues, message);
   if (lost == 0) return EXIT_SUCCESS;
+  const platform::PlatformConfiguration& configuration = linuxPlatform.configuration;
+  if (configuration.logSink == platform::PlatformConfiguration::LogSink::kFile) {
+    const std::string path = platform::logFile(configuration.root);
+    if (mayNotWrite(path)) {
+      fail(path + ": this user may not write it");
+      return kExitNotPermitted;
+    }
+  }
   return fail("the log took " + std::to_string(lost) +
               " of 2 lines not; see where it goes with \"servicemanagerctl platform\", and whether "
               "there is room and permission to write");
@@ -114,23 +131,22 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
 int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
   const std::string& root = linuxPlatform.configuration.root;
   const auto xpc = platform::LinuxXPC::make(linuxPlatform.systemLog, root, std::nullopt);
-  if (!xpc) return fail(platform::describe(xpc.error()));
+  if (!xpc) return fail(xpc.error());
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
-  return commands.run({(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root});
+  // Who is there but stands still takes no time to be told from nobody.
+  constexpr platform::Duration kGlance = std::chrono::milliseconds(100);
+  const auto isAnybodyThere = [&] {
+    const auto tried = linuxPlatform.peerTransport.connect(
+        platform::pathOfMachService(root, kEndpointRegistryService), {.timeout = kGlance});
+    return tried || tried.error().kind == platform::PeerConnectFailure::Kind::kTimedOut;
+  };
+  return commands.run(
+      {(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root, isAnybodyThere});
 }
 
-// For every command, before and behind its name.
-void addRootOption(CLI::App& command, std::string& root) {
-  command.add_option("--root", root, "Another platform root than the one this program lies in")
-      ->type_name("DIR");
-  for (CLI::App* nested : command.get_subcommands([](CLI::App*) { return true; }))
-    addRootOption(*nested, root);
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
+// For main(), which says what became of the output.
+int run(int argc, char** argv) {
   CLI::App app("Looks at the service manager and what it runs on.", "servicemanagerctl");
   app.require_subcommand(1);
   bool json = false;
@@ -152,15 +168,25 @@ int main(int argc, char** argv) {
   addRootOption(app, root);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::Success& help) {
+    std::ostringstream text;
+    app.exit(help, text, text);
+    print(text.str());
+    return EXIT_SUCCESS;
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? EXIT_SUCCESS : kExitNotUnderstood;
+    fail(whyNotUnderstood(app, error, {argv + 1, argv + argc}));
+    warn("Run with --help for more information.\n");
+    return kExitNotUnderstood;
   }
+  if (const auto checked = checkArguments(app); !checked) {
+    fail(checked.error().text);
+    return checked.error().exitStatus;
+  }
+  setRootOfHints(root);
 
   auto linuxPlatform =
       root.empty() ? platform::LinuxPlatform::make() : platform::LinuxPlatform::makeAt(root);
-  if (!linuxPlatform) {
-    return fail(platform::describe(linuxPlatform.error()));
-  }
+  if (!linuxPlatform) return fail(linuxPlatform.error());
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
@@ -173,4 +199,11 @@ int main(int argc, char** argv) {
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
   if (logTestCommand->parsed()) return runLogTest(linux, message);
   return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  prepareStandardFiles();
+  return concludingStatus(run(argc, argv));
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Examples/DemoProduct/Settings/SettingsFile.h"
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Platform/Error.h"
 #include "Platform/Value.h"
 
@@ -18,7 +19,7 @@
 struct SettingsLimits {
   static constexpr std::size_t kKeyBytes = 255;
   // One setting, key and value as they travel in a message.
-  static constexpr std::size_t kSettingBytes = std::size_t{64} * 1024;
+  static constexpr std::size_t kSettingBytes = kKLXGlobalSettingsMaxSettingBytes;
   // All values of a domain, and again all of its defaults. Both together must still fit into one
   // message, and no value takes less than four bytes of the 100,000 that a message may have.
   static constexpr std::size_t kDomainBytes = std::size_t{192} * 1024;

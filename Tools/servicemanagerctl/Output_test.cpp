@@ -1,0 +1,163 @@
+#include "Tools/servicemanagerctl/Output.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "Platform/Linux/UniqueFd.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+
+namespace {
+
+using platform::UniqueFd;
+
+// Standard output is that file for as long as this lives.
+class OutputTo {
+ public:
+  explicit OutputTo(UniqueFd file) : before_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+    EXPECT_EQ(::dup2(file.get(), STDOUT_FILENO), STDOUT_FILENO);
+  }
+  OutputTo(const OutputTo&) = delete;
+  OutputTo& operator=(const OutputTo&) = delete;
+  ~OutputTo() { ::dup2(before_.get(), STDOUT_FILENO); }
+
+ private:
+  const UniqueFd before_;
+};
+
+UniqueFd fullDevice() { return UniqueFd(::open("/dev/full", O_WRONLY | O_CLOEXEC)); }
+
+UniqueFd pipeThatNobodyReads() {
+  int ends[2];
+  EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  ::close(ends[0]);
+  return UniqueFd(ends[1]);
+}
+
+struct Concluded {
+  bool isPrinted;
+  int status;
+  std::string errors;
+};
+
+Concluded printTo(UniqueFd file, int status = 0) {
+  bool isPrinted = false;
+  {
+    const OutputTo output(std::move(file));
+    isPrinted = print("text");
+  }
+  testing::internal::CaptureStderr();
+  const int concluded = concludingStatus(status);
+  return {isPrinted, concluded, testing::internal::GetCapturedStderr()};
+}
+
+constexpr char kNoSpace[] = "servicemanagerctl: standard output: No space left on device\n";
+
+TEST(OutputTest, WhatIsWrittenLeavesTheStatusAsItIs) {
+  for (const int status : {0, 3}) {
+    const Concluded written = printTo(UniqueFd(::open("/dev/null", O_WRONLY | O_CLOEXEC)), status);
+    EXPECT_TRUE(written.isPrinted);
+    EXPECT_EQ(written.status, status);
+    EXPECT_EQ(written.errors, "");
+  }
+}
+
+TEST(OutputTest, WhatCannotBeWrittenIsAFailureThatIsToldOnce) {
+  const Concluded lost = printTo(fullDevice());
+  EXPECT_FALSE(lost.isPrinted);
+  EXPECT_EQ(lost.status, kExitFailed);
+  EXPECT_EQ(lost.errors, kNoSpace);
+  EXPECT_EQ(concludingStatus(0), 0);
+}
+
+TEST(OutputTest, ACommandThatFailedAnywayKeepsItsStatus) {
+  const Concluded lost = printTo(fullDevice(), kExitUnknownLabel);
+  EXPECT_EQ(lost.status, kExitUnknownLabel);
+  EXPECT_EQ(lost.errors, kNoSpace);
+}
+
+TEST(OutputDeathTest, AReaderThatHasGoneIsAFailureUnlessItMayLeave) {
+  // In a process of its own: what may leave once may leave for ever.
+  EXPECT_EXIT(
+      {
+        prepareStandardFiles();
+        const Concluded alone = printTo(pipeThatNobodyReads());
+        letReaderLeave();
+        const Concluded left = printTo(pipeThatNobodyReads());
+        const Concluded full = printTo(fullDevice());
+        const bool isRight = !alone.isPrinted && alone.status == kExitFailed &&
+                             alone.errors == "servicemanagerctl: standard output: Broken pipe\n" &&
+                             !left.isPrinted && left.status == 0 && left.errors.empty() &&
+                             full.status == kExitFailed && full.errors == kNoSpace;
+        std::_Exit(isRight ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(OutputDeathTest, WhereStandardOutputIsClosedNothingElseTakesItsPlace) {
+  EXPECT_EXIT(
+      {
+        ::close(STDOUT_FILENO);
+        prepareStandardFiles();
+        const UniqueFd next(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+        const bool isRight = next.get() > STDERR_FILENO && !print("text") && errno == EBADF &&
+                             concludingStatus(0) == kExitFailed;
+        std::_Exit(isRight ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "standard output: Bad file descriptor");
+}
+
+TEST(OutputTest, WhatSteersATerminalIsEscapedAndOtherTextStays) {
+  EXPECT_EQ(escaped("caf\u00e9 \u20ac \U0001F600 \"a\\b\""),
+            "caf\u00e9 \u20ac \U0001F600 \"a\\b\"");
+  EXPECT_EQ(escaped("\033[2J\r\n\t\x7f"), "\\u001b[2J\\u000d\\n\\u0009\\u007f");
+  EXPECT_EQ(escaped("\u0080\u009b\u009f\u00a0"), "\\u0080\\u009b\\u009f\u00a0");
+  EXPECT_EQ(escaped("\xff"
+                    "a\xc3"),
+            "\\ufffda\\ufffd");
+  EXPECT_EQ(escaped(""), "");
+}
+
+TEST(OutputTest, AnErrorMessageCannotSteerTheTerminal) {
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fail("no \"\033[31m\xff\""), kExitFailed);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "servicemanagerctl: no \"\\u001b[31m\\ufffd\"\n");
+}
+
+TEST(OutputTest, WhatThisUserMayNotDoHasAStatusOfItsOwn) {
+  using platform::ErrorCode;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(fail(platform::Error{ErrorCode::kDenied, EACCES, "/log"}), kExitNotPermitted);
+  EXPECT_EQ(fail(platform::Error{ErrorCode::kNotFound, ENOENT, "/log"}), kExitFailed);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "servicemanagerctl: /log: Permission denied\n"
+            "servicemanagerctl: /log: No such file or directory\n");
+}
+
+class HintsTest : public testing::Test {
+ protected:
+  ~HintsTest() override { setRootOfHints(""); }
+};
+
+TEST_F(HintsTest, NameTheRootThatWasGiven) {
+  constexpr char kText[] = "see \"servicemanagerctl list\" and \"servicemanagerctl log\"; x";
+  EXPECT_EQ(withRootInHints(kText), kText);
+  setRootOfHints("/srv/root");
+  EXPECT_EQ(withRootInHints(kText),
+            "see \"servicemanagerctl --root /srv/root list\" and \"servicemanagerctl --root "
+            "/srv/root log\"; x");
+  EXPECT_EQ(withRootInHints("use the servicemanagerctl of it"), "use the servicemanagerctl of it");
+}
+
+TEST_F(HintsTest, NameItAsAShellTakesIt) {
+  setRootOfHints("/a b's");
+  testing::internal::CaptureStderr();
+  fail("see \"servicemanagerctl list\"");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "servicemanagerctl: see \"servicemanagerctl --root '/a b'\\''s' list\"\n");
+}
+
+}  // namespace
