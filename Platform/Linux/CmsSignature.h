@@ -22,9 +22,6 @@ inline constexpr int kMaxSignatureCertificates = 16;
 // CertificateChain.h), checkContent().
 class CmsSignature {
  public:
-  // The size in bytes of the largest digest that is accepted.
-  static constexpr std::size_t kMaxDigestBytes = 64;
-
   // Takes signed data with exactly one signer, without content of its own, with a digest of the
   // SHA-2 family of 256 bits or more, and with well-formed attributes; nothing after it. `name`
   // begins the reason of every failure, also later.

@@ -72,7 +72,6 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   void releaseAnswer() { --answersOwed_; }
 
   bool isConnected() const;
-  bool isAuthenticated() const { return authenticated_; }
 
  private:
   // A call of ours. A blocking one waits on the stack of call() and finds its answer here.

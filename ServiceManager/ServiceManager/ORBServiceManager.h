@@ -245,9 +245,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void setKextsLoaded(std::set<std::string> names) { kextsLoaded_ = std::move(names); }
   ServiceHealth* healthInfo() const { return healthInfo_.get(); }
   void setHealthInfo(std::unique_ptr<ServiceHealth> info) { healthInfo_ = std::move(info); }
-  VantorDistantObject* primaryServiceNotificationClient() const {
-    return primaryServiceNotificationClient_.get();
-  }
   void setPrimaryServiceNotificationClient(std::unique_ptr<VantorDistantObject> client) {
     primaryServiceNotificationClient_ = std::move(client);
   }

@@ -76,10 +76,6 @@ class VantorDistantObjectTest : public testing::Test {
     vended_->invalidate();
     loop_.runReady();
   }
-  void restartServer() {
-    stopServer();
-    startServer();
-  }
   void announceStart() {
     serverDistributed_->postNotificationName(kStarted, std::nullopt, {},
                                              platform::NSNotificationPosting::kPostToAllSessions);
