@@ -7,6 +7,7 @@
 
 #include "Platform/Testing/FakeLogSink.h"
 #include "Platform/Testing/FakeXPC.h"
+#include "Platform/WaitingMessages.h"
 #include "Platform/XPCTurns_contract.h"
 #include "Platform/XPC_contract.h"
 
@@ -68,6 +69,26 @@ TEST_P(XPCContract, WhoWaitsForAListenerThatEndsIsTurnedAway) {
   journal_.await("interrupted");
   EXPECT_EQ(journal_.count("error 4097"), 1u);
   EXPECT_EQ(journal_.count("accepted"), 0u);
+}
+
+TEST_P(XPCContract, SoManyBytesMayWaitToBeServedAndNoMore) {
+  constexpr std::size_t kFirst = std::size_t{12} << 20;
+  const std::size_t none = WaitingMessages::costOf({Value("")}).bytes;
+  const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - none, 'x')); };
+  listen();
+  for (const std::size_t excess : {std::size_t{0}, std::size_t{1}}) {
+    client_ = connect();
+    call(*client_, "echo:withReply:", {Value(1)});
+    const auto serverSide = delegate_->accepted.back().lock();
+    serverSide->suspend();
+    client_->sendMessage("note:", {costing(kFirst)}, nullptr, nullptr);
+    client_->sendMessage("note:", {costing(NSXPCConnection::kMaxWaitingBytes - kFirst + excess)},
+                         nullptr, nullptr);
+    journal_.await("interrupted", excess);
+    EXPECT_EQ(journal_.count("interrupted"), excess);
+    EXPECT_EQ(serverSide->isInvalid(), excess == 1);
+    serverSide->resume();
+  }
 }
 
 // An XPC whose listeners have so many connections of one user, and its clients.
