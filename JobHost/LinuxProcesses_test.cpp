@@ -257,8 +257,10 @@ TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForGone) {
   const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
   const StartFields identity{.process = ::getpid(), .startTicks = 1};
   for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
-    const DescriptorShortage shortage(left);
-    const auto taken = processes->takeOver(identity, {});
+    const auto taken = [&] {
+      const DescriptorShortage shortage(left);
+      return processes->takeOver(identity, {});
+    }();
     ASSERT_FALSE(taken);
     EXPECT_EQ(taken.error().code, platform::ErrorCode::kExhausted);
   }
