@@ -138,6 +138,23 @@ class XPCCommandsTest : public testing::Test {
   }
   Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), Patience()); }
 
+  // Each of these commands ends with that status and nothing but that to say.
+  using CommandLines = std::vector<std::vector<std::string>>;
+  void expectFailures(const CommandLines& commands, const Patience& patience, int status,
+                      const testing::Matcher<const std::string&>& errors) {
+    for (const std::vector<std::string>& command : commands) {
+      SCOPED_TRACE(testing::PrintToString(command));
+      const Ran failed = run(command, patience);
+      EXPECT_EQ(failed.status, status);
+      EXPECT_EQ(failed.output, "");
+      EXPECT_THAT(failed.errors, errors);
+    }
+  }
+  const CommandLines asking_{{"endpoints", "lookup", "name"}, {"execinfo", "/bin/true"}};
+  const CommandLines all_{{"endpoints", "lookup", "name"},
+                          {"endpoints", "register", "name"},
+                          {"execinfo", "/bin/true"}};
+
   bool isAnybodyThere_ = false;
   TemporaryFolder folder_;
   FakeLogSink sink_;
@@ -299,59 +316,30 @@ TEST_F(XPCCommandsTest, AFileThatIsNeverToldOfIsNamedInTheEnd) {
 
 TEST_F(XPCCommandsTest, ADaemonThatNeverAnswersIsGivenUp) {
   serveNothing(std::nullopt);
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"endpoints", "lookup", "name"},
-        {"endpoints", "register", "name"},
-        {"execinfo", "/bin/true"}}) {
-    const Ran unanswered = run(command, {.anyAnswer = std::chrono::seconds(0)});
-    EXPECT_EQ(unanswered.status, kExitFailed);
-    EXPECT_EQ(unanswered.output, "");
-    EXPECT_EQ(unanswered.errors,
-              "servicemanagerctl: the service manager has not answered for 0 s; it is there, but "
-              "too busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
-  }
+  expectFailures(all_, {.anyAnswer = std::chrono::seconds(0)}, kExitFailed,
+                 "servicemanagerctl: the service manager has not answered for 0 s; it is there, "
+                 "but too busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
 }
 
 // Which is all that a stranger learns.
 TEST_F(XPCCommandsTest, ALookUpThatIsNeverAnsweredSaysWhoseProgramToUse) {
   serveNothing(Value(clientProfileData(system_)));
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"endpoints", "lookup", "name"}, {"execinfo", "/bin/true"}}) {
-    const Ran unanswered = run(command, {.lookUp = std::chrono::seconds(0)});
-    EXPECT_EQ(unanswered.status, kExitNotAuthenticated);
-    EXPECT_EQ(unanswered.output, "");
-    EXPECT_EQ(unanswered.errors,
-              "servicemanagerctl: the service manager has not answered for 0 s; it answers nobody "
-              "who is not of its product: use the servicemanagerctl that was installed with it\n");
-  }
+  expectFailures(asking_, {.lookUp = std::chrono::seconds(0)}, kExitNotAuthenticated,
+                 "servicemanagerctl: the service manager has not answered for 0 s; it answers "
+                 "nobody who is not of its product: use the servicemanagerctl that was installed "
+                 "with it\n");
 }
 
 TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"endpoints", "lookup", "name"},
-        {"endpoints", "register", "name"},
-        {"execinfo", "/bin/true"}}) {
-    const Ran alone = run(command);
-    EXPECT_EQ(alone.status, kExitNobodyThere);
-    EXPECT_EQ(alone.output, "");
-    EXPECT_THAT(alone.errors,
-                HasSubstr("no service manager serves endpoints below /srv/root; is it running?"));
-  }
+  expectFailures(all_, Patience(), kExitNobodyThere,
+                 HasSubstr("no service manager serves endpoints below /srv/root; is it running?"));
 }
 
 TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotSaidToBeMissing) {
   isAnybodyThere_ = true;  // As one that was stopped by a signal.
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"endpoints", "lookup", "name"},
-        {"endpoints", "register", "name"},
-        {"execinfo", "/bin/true"}}) {
-    const Ran alone = run(command);
-    EXPECT_EQ(alone.status, kExitFailed);
-    EXPECT_EQ(alone.output, "");
-    EXPECT_EQ(alone.errors,
-              "servicemanagerctl: the service manager takes no connection; it is there, but too "
-              "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
-  }
+  expectFailures(all_, Patience(), kExitFailed,
+                 "servicemanagerctl: the service manager takes no connection; it is there, but too "
+                 "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
 }
 
 TEST_F(XPCCommandsTest, AnEmptyNameIsNotUnderstood) {
