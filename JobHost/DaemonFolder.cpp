@@ -96,7 +96,7 @@ DaemonFolder readDaemonFolder(const std::string& path) {
     folder.faults.push_back(fmt::format(
         "{}: expected at most {} files, found {}; those with names behind {} are not loaded", path,
         kMaximumDaemonFiles, kMaximumDaemonFiles + plists->left,
-        platform::quoted(*plists->names.rbegin())));
+        platform::quotedInMessage(*plists->names.rbegin())));
   }
   for (const std::string& name : plists->names) {
     const std::string file = path + "/" + name;
@@ -106,7 +106,7 @@ DaemonFolder readDaemonFolder(const std::string& path) {
     } else if (std::ranges::find(folder.definitions, definition->label, &JobDefinition::label) !=
                folder.definitions.end()) {
       folder.faults.push_back(fmt::format("{}: another file defines the job {}", file,
-                                          platform::quoted(definition->label)));
+                                          platform::quotedInMessage(definition->label)));
     } else {
       folder.definitions.push_back(*std::move(definition));
     }

@@ -39,7 +39,7 @@ bool setFileSystemUser(uid_t user) {
 
 Result<FileSystemIdentity> FileSystemIdentity::assume(const JobAccount& account) {
   FileSystemIdentity identity;
-  const std::string what = "taking the file rights of " + platform::quoted(account.name);
+  const std::string what = "taking the file rights of " + platform::quotedInMessage(account.name);
   identity.user_ = static_cast<uid_t>(::syscall(SYS_setfsuid, kNobody));
   identity.group_ = static_cast<gid_t>(::syscall(SYS_setfsgid, kNobody));
   const int count = ::getgroups(0, nullptr);

@@ -48,7 +48,7 @@ Result<void> lookUp(const std::string& what, Lookup lookup, Take take) {
   }
 }
 
-std::string textOf(const char* text) { return text ? text : ""; }
+std::string textOrEmpty(const char* text) { return text ? text : ""; }
 
 Result<std::vector<gid_t>> groupsOf(const JobAccount& account) {
   int count = kFirstGroups;
@@ -62,7 +62,7 @@ Result<std::vector<gid_t>> groupsOf(const JobAccount& account) {
       return std::unexpected(
           Error{ErrorCode::kExhausted, 0,
                 fmt::format("user {}: expected at most {} groups, found {}",
-                            platform::quoted(account.name), kMaximumGroups, count)});
+                            platform::quotedInMessage(account.name), kMaximumGroups, count)});
     }
   }
 }
@@ -72,7 +72,7 @@ Result<std::vector<gid_t>> groupsOf(const JobAccount& account) {
 Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
                                  const std::optional<std::string>& groupName) {
   JobAccount account;
-  const std::string who = userName ? "the user " + platform::quoted(*userName)
+  const std::string who = userName ? "the user " + platform::quotedInMessage(*userName)
                                    : fmt::format("the user with the number {}", ::geteuid());
   const auto user = lookUp<passwd>(
       who,
@@ -83,14 +83,14 @@ Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
       [&](const passwd& entry) {
         account.user = entry.pw_uid;
         account.group = entry.pw_gid;
-        account.name = textOf(entry.pw_name);
-        account.home = textOf(entry.pw_dir);
-        account.shell = textOf(entry.pw_shell);
+        account.name = textOrEmpty(entry.pw_name);
+        account.home = textOrEmpty(entry.pw_dir);
+        account.shell = textOrEmpty(entry.pw_shell);
       });
   if (!user) return std::unexpected(user.error());
   if (groupName) {
     const auto group = lookUp<::group>(
-        "the group " + platform::quoted(*groupName),
+        "the group " + platform::quotedInMessage(*groupName),
         [&](::group* entry, char* buffer, std::size_t size, ::group** found) {
           return ::getgrnam_r(groupName->c_str(), entry, buffer, size, found);
         },
@@ -111,7 +111,8 @@ Result<void> checkAccount(const JobDefinition& job) {
     if (account) return {};
     Error error = account.error();
     if (error.code == ErrorCode::kNotFound) error.code = ErrorCode::kInvalid;
-    error.context.insert(0, fmt::format("job {}: key \"{}\": ", platform::quoted(job.label), key));
+    error.context.insert(
+        0, fmt::format("job {}: key \"{}\": ", platform::quotedInMessage(job.label), key));
     return std::unexpected(std::move(error));
   };
   if (job.userName) {

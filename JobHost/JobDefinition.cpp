@@ -66,7 +66,7 @@ class Measure {
 
   Fault takeText(const std::string& text) {
     if (platform::findIllFormedUtf8(text)) {
-      return fmt::format("expected UTF-8, found {}", platform::quoted(text));
+      return fmt::format("expected UTF-8, found {}", platform::quotedInMessage(text));
     }
     return takeBytes(text.size());
   }
@@ -95,7 +95,7 @@ Fault complete(JobDefinition& definition) {
       return fmt::format(
           "key \"ProgramArguments\": expected an absolute path of at most {} bytes as the first, "
           "since there is no \"Program\", found {}",
-          kMaximumPathBytes, platform::quoted(first));
+          kMaximumPathBytes, platform::quotedInMessage(first));
     }
     definition.program = first;
   }
@@ -114,7 +114,8 @@ Fault complete(JobDefinition& definition) {
 // "job "LABEL": " as far as there is a label that can be shown.
 std::string prefix(const Value& dictionary) {
   const std::string* label = dictionary["Label"].string();
-  return label ? fmt::format("job {}: ", platform::quoted(*label)) : "job without a label: ";
+  return label ? fmt::format("job {}: ", platform::quotedInMessage(*label))
+               : "job without a label: ";
 }
 
 }  // namespace
@@ -131,7 +132,7 @@ platform::Result<JobDefinition> parseJobDefinition(const Value& dictionary) {
   JobDefinition definition;
   for (const auto& [key, value] : *entries) {
     if (const Fault fault = takeJobKey(key, value, definition)) {
-      return invalid(fmt::format("key {}: {}", platform::quoted(key), *fault));
+      return invalid(fmt::format("key {}: {}", platform::quotedInMessage(key), *fault));
     }
   }
   if (const Fault fault = complete(definition)) return invalid(*fault);

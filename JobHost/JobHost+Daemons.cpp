@@ -36,8 +36,8 @@ void JobHost::forgetDismissals(const DaemonFolder& folder) {
 std::string JobHost::daemonFolder() const { return options_.root + "/Library/LaunchDaemons"; }
 
 void JobHost::skip(const JobDefinition& definition, std::string_view why) {
-  log(platform::ASL_LEVEL_NOTICE,
-      fmt::format("job {}: its file is not loaded: {}", platform::quoted(definition.label), why));
+  log(platform::ASL_LEVEL_NOTICE, fmt::format("job {}: its file is not loaded: {}",
+                                              platform::quotedInMessage(definition.label), why));
 }
 
 std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {

@@ -41,7 +41,8 @@ void JobHost::answer(Completion completion, Outcome outcome) {
 void JobHost::remove(std::string_view label, Completion completion) {
   Job* const job = find(label);
   if (!job) {
-    const std::string text = fmt::format("no job has the label {}", platform::quoted(label));
+    const std::string text =
+        fmt::format("no job has the label {}", platform::quotedInMessage(label));
     answer(std::move(completion), std::unexpected(jobError(LaunchdError::kNoSuchJob, text)));
     return;
   }
@@ -105,7 +106,7 @@ void JobHost::armKill(Job& job) {
         if (!job.hasLeader && !processes_.hasSurvivors(job.lastStart)) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
-                        platform::quoted(job.label), job.lastStart.process));
+                        platform::quotedInMessage(job.label), job.lastStart.process));
         processes_.signalGroup(job.lastStart.process, SIGKILL);
       });
 }
@@ -134,7 +135,8 @@ void JobHost::finishRemoval(Job& job) {
     });
     if (!isAnothers) sockets_.removeName(job.machService);
   }
-  log(platform::ASL_LEVEL_INFO, fmt::format("job {}: removed", platform::quoted(job.label)));
+  log(platform::ASL_LEVEL_INFO,
+      fmt::format("job {}: removed", platform::quotedInMessage(job.label)));
   const std::unique_ptr<Removal> removal = std::move(job.removal);
   setCost(job, 0);
   jobs_.erase(job.label);

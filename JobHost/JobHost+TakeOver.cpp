@@ -90,7 +90,7 @@ void JobHost::takeOverSurvivors(Job& job) {
   }
   log(platform::ASL_LEVEL_NOTICE,
       fmt::format("job {}: what process {} of an earlier host left of its group is killed",
-                  platform::quoted(job.label), job.lastStart.process));
+                  platform::quotedInMessage(job.label), job.lastStart.process));
   // As after any end: it belongs to no process that the job has from now on.
   processes_.signalGroup(job.lastStart.process, SIGKILL);
 }
@@ -98,7 +98,7 @@ void JobHost::takeOverSurvivors(Job& job) {
 Result<void> JobHost::takeOverProcess(Job& job) {
   const auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
   const std::string what = fmt::format("job {}: process {} of an earlier host",
-                                       platform::quoted(job.label), job.lastStart.process);
+                                       platform::quotedInMessage(job.label), job.lastStart.process);
   if (!watched && watched.error().code != ErrorCode::kNotFound) return watched;
   if (!watched) {
     job.lastEnd = Ending();
@@ -115,7 +115,8 @@ Result<void> JobHost::takeOverProcess(Job& job) {
     log(platform::ASL_LEVEL_NOTICE,
         fmt::format("job {}: the socket of {} stays with its process, and is bound anew when that "
                     "has ended",
-                    platform::quoted(job.label), platform::quoted(job.machService)));
+                    platform::quotedInMessage(job.label),
+                    platform::quotedInMessage(job.machService)));
   }
   return {};
 }

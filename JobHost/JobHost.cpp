@@ -84,9 +84,9 @@ void JobHost::submit(JobDefinition definition, Completion completion) {
 
 JobHost::Outcome JobHost::submitNow(JobOrigin origin, JobDefinition definition) {
   if (isShuttingDown_) {
-    return std::unexpected(jobError(
-        LaunchdError::kUnavailable,
-        fmt::format("job {}: the job host is being stopped", platform::quoted(definition.label))));
+    return std::unexpected(jobError(LaunchdError::kUnavailable,
+                                    fmt::format("job {}: the job host is being stopped",
+                                                platform::quotedInMessage(definition.label))));
   }
   if (auto known = checkAccount(definition); !known) {
     return std::unexpected(jobError(known.error()));
@@ -102,8 +102,8 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   if (jobs_.size() >= options_.maximumJobs) {
     return std::unexpected(
         Error{ErrorCode::kExhausted, 0,
-              fmt::format("job {}: expected at most {} jobs", platform::quoted(definition.label),
-                          options_.maximumJobs)});
+              fmt::format("job {}: expected at most {} jobs",
+                          platform::quotedInMessage(definition.label), options_.maximumJobs)});
   }
   const std::size_t mark = state_->mark();
   const auto cost = record(nullptr, origin, definition);
@@ -155,7 +155,7 @@ Result<std::size_t> JobHost::record(const Job* known, JobOrigin origin,
   const auto bytes = state_->appendSubmitted(origin, definition.dictionary, left);
   if (!bytes) {
     Error error = bytes.error();
-    error.context.insert(0, fmt::format("job {}: ", platform::quoted(definition.label)));
+    error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(definition.label)));
     return std::unexpected(std::move(error));
   }
   return StateFile::costOf(definition.label, *bytes);
@@ -233,7 +233,7 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
   log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: started process {}", platform::quoted(job.label), *process));
+      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
   return {};
 }
 
@@ -256,8 +256,9 @@ void JobHost::processEnded(Job& job, Ending ending) {
   if (auto written = state_->appendEnded(job.label, ending); !written) {
     log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
   }
-  const std::string what = fmt::format("job {}: process {} ended ({})", platform::quoted(job.label),
-                                       job.lastStart.process, describeEnding(ending));
+  const std::string what =
+      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
+                  job.lastStart.process, describeEnding(ending));
   if (job.removal) {
     log(platform::ASL_LEVEL_INFO, what);
     if (!hasGroup) return finishRemoval(job);

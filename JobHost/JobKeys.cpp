@@ -18,7 +18,7 @@ namespace {
 
 using platform::Array;
 using platform::Dictionary;
-using platform::quoted;
+using platform::quotedInMessage;
 using platform::Value;
 using namespace std::string_view_literals;
 
@@ -109,12 +109,12 @@ Fault takeEnvironment(const Value& value, JobDefinition& definition) {
   for (const auto& [name, content] : *variables) {
     if (name.empty() || name.find('=') != name.npos || holdsZero(name)) {
       return fmt::format("expected names of variables without \"=\" and zero bytes, found {}",
-                         quoted(name));
+                         quotedInMessage(name));
     }
     const std::string* text = content.string();
     if (!text || holdsZero(*text) || name.size() + 1 + text->size() > kMaximumArgumentBytes) {
       return fmt::format(
-          "variable {}: {}", quoted(name),
+          "variable {}: {}", quotedInMessage(name),
           mismatch(fmt::format("a string without zero bytes, with its name at most {} bytes",
                                kMaximumArgumentBytes),
                    content));
@@ -183,7 +183,8 @@ Fault takeLimits(const Value& value, JobDefinition& definition) {
     if (known == kResources.end()) {
       std::vector<std::string_view> names;
       for (const NamedResource& resource : kResources) names.push_back(resource.name);
-      return fmt::format("expected limits of {}, found {}", fmt::join(names, ", "), quoted(name));
+      return fmt::format("expected limits of {}, found {}", fmt::join(names, ", "),
+                         quotedInMessage(name));
     }
     if (!number.integer() || *number.integer() < 0) {
       return fmt::format("limit \"{}\": {}", name, mismatch("an integer of at least 0", number));
@@ -208,14 +209,14 @@ Fault takeKeepAlive(const Value& value, JobDefinition& definition) {
   if (!conditions || conditions->empty()) return mismatch(kExpected, value);
   for (const auto& [name, wanted] : *conditions) {
     if (const Fault fault = checkUnsupportedCondition(name)) {
-      return fmt::format("condition {}: {}", quoted(name), *fault);
+      return fmt::format("condition {}: {}", quotedInMessage(name), *fault);
     }
     const bool isSuccess = name == "SuccessfulExit";
     if (!isSuccess && name != "Crashed") {
-      return fmt::format("expected {}, found the condition {}", kExpected, quoted(name));
+      return fmt::format("expected {}, found the condition {}", kExpected, quotedInMessage(name));
     }
     if (!wanted.boolean()) {
-      return fmt::format("condition {}: {}", quoted(name), mismatch("a boolean", wanted));
+      return fmt::format("condition {}: {}", quotedInMessage(name), mismatch("a boolean", wanted));
     }
     (isSuccess ? definition.keepAlive.successfulExit : definition.keepAlive.crashed) =
         *wanted.boolean();
@@ -253,10 +254,11 @@ Fault takeMachServices(const Value& value, JobDefinition& definition) {
       return fmt::format(
           "expected a service's name of 1 to {} bytes without slashes, control characters and a "
           "leading dot, found {}",
-          kMaximumServiceNameBytes, quoted(name));
+          kMaximumServiceNameBytes, quotedInMessage(name));
     }
     if (options.boolean() != true && !options.dictionary()) {
-      return fmt::format("service {}: {}", quoted(name), mismatch("true or a dictionary", options));
+      return fmt::format("service {}: {}", quotedInMessage(name),
+                         mismatch("true or a dictionary", options));
     }
     definition.machServices.push_back(name);
   }
@@ -323,7 +325,7 @@ std::string mismatch(std::string_view expected, const Value& value) {
       found = fmt::format("the real {}", *value.real());
       break;
     case Value::Type::kString:
-      found = fmt::format("the string {}", quoted(*value.string()));
+      found = fmt::format("the string {}", quotedInMessage(*value.string()));
       break;
     case Value::Type::kData:
       found = "data";

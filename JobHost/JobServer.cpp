@@ -16,7 +16,7 @@ using namespace platform;
 
 constexpr std::uint32_t kRoot = 0;
 
-Value failure(LaunchdError code, std::string text) {
+Value answerOfFailure(LaunchdError code, std::string text) {
   return failureAnswer({kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
 }
 
@@ -84,9 +84,10 @@ void JobServer::serve(bool isAllowed, PeerMessage message) {
   if (!message.reply) return;  // There is nothing that could be said one way.
   if (message.selector == kMayChangeJobsMessage) return answer(message.reply, Value(isAllowed));
   if (isAllowed) return serveAllowed(std::move(message));
-  answer(message.reply,
-         failure(LaunchdError::kNotAuthorized,
-                 fmt::format("only root and user {} may use the jobs of this host", user_)));
+  answer(
+      message.reply,
+      answerOfFailure(LaunchdError::kNotAuthorized,
+                      fmt::format("only root and user {} may use the jobs of this host", user_)));
 }
 
 void JobServer::serveAllowed(PeerMessage message) {
@@ -98,16 +99,17 @@ void JobServer::serveAllowed(PeerMessage message) {
     return answer(message.reply,
                   label ? PeerResult(host_.copy(*label)) : wrongArgument(message, "a label"));
   }
-  answer(
-      message.reply,
-      std::unexpected(NSException{
-          kNSInvalidArgumentException, quoted(message.selector) + ": unrecognized selector", {}}));
+  answer(message.reply,
+         std::unexpected(NSException{kNSInvalidArgumentException,
+                                     quotedInMessage(message.selector) + ": unrecognized selector",
+                                     {}}));
 }
 
 void JobServer::submit(PeerMessage message) {
   auto definition = parseJobDefinition(message.arguments.front());
   if (!definition) {
-    return answer(message.reply, failure(LaunchdError::kInvalidJob, describe(definition.error())));
+    return answer(message.reply,
+                  answerOfFailure(LaunchdError::kInvalidJob, describe(definition.error())));
   }
   host_.submit(*std::move(definition), answering(std::move(message.reply)));
 }

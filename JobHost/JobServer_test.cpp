@@ -28,7 +28,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr char kSocket[] = "/run/vantor/launchd";
-constexpr char kLabel[] = "com.example.agent";
+constexpr char kAgent[] = "com.example.agent";
 constexpr std::uint32_t kHostsUser = 500;
 
 // A process of this user that is connected to the host's socket.
@@ -92,7 +92,7 @@ class JobServerTest : public testing::Test {
   }
 
   static Dictionary job(Dictionary more = {}) {
-    Dictionary dictionary{{"Label", kLabel}, {"Program", "/opt/agent"}, {"KeepAlive", true}};
+    Dictionary dictionary{{"Label", kAgent}, {"Program", "/opt/agent"}, {"KeepAlive", true}};
     for (const auto& [key, value] : more) dictionary.set(key, value);
     return dictionary;
   }
@@ -116,7 +116,7 @@ class JobServerTest : public testing::Test {
 TEST_F(JobServerTest, ASubmitIsAnsweredWhenTheProcessRuns) {
   EXPECT_EQ(value(ask(kSubmitJobMessage, {job()})), Value());
   ASSERT_EQ(processes_.started.size(), 1u);
-  EXPECT_EQ(processes_.started[0].label, kLabel);
+  EXPECT_EQ(processes_.started[0].label, kAgent);
 }
 
 TEST_F(JobServerTest, ASubmitWhoseProcessCannotBeStartedIsRefusedWithTheReason) {
@@ -136,7 +136,7 @@ TEST_F(JobServerTest, AnImpossibleDictionaryIsRefusedWithLabelAndKey) {
 
 TEST_F(JobServerTest, AJobIsCopiedWithItsProcess) {
   submitJob({{"Other", 1}});
-  const Value copy = value(ask(kCopyJobMessage, {kLabel}));
+  const Value copy = value(ask(kCopyJobMessage, {kAgent}));
   EXPECT_EQ(copy["Other"], Value(1));
   EXPECT_EQ(copy["PID"], Value(lastProcess()));
   EXPECT_TRUE(value(ask(kCopyJobMessage, {"com.example.other"})).isNil());
@@ -150,13 +150,13 @@ TEST_F(JobServerTest, TheStatesAreThoseOfAllJobs) {
   EXPECT_EQ(error(ask(kSubmitJobMessage, {job({{"Label", "another"}})})), std::nullopt);
   EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})),
             Value(Dictionary{{"another", Dictionary{{"PID", lastProcess()}}},
-                             {kLabel, Dictionary{{"LastExitStatus", 3 << 8}}}}));
+                             {kAgent, Dictionary{{"LastExitStatus", 3 << 8}}}}));
 }
 
 TEST_F(JobServerTest, AJobThatIsFoundToHaveGoneHasNoState) {
   submitJob();
   processes_.obeysTermination = false;
-  const Answer removed = ask(kRemoveJobMessage, {kLabel, true});
+  const Answer removed = ask(kRemoveJobMessage, {kAgent, true});
   processes_.endUnreported(lastProcess());
   EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
   EXPECT_TRUE(*removed);
@@ -165,7 +165,7 @@ TEST_F(JobServerTest, AJobThatIsFoundToHaveGoneHasNoState) {
 TEST_F(JobServerTest, ARemovalThatWaitsIsAnsweredWhenTheGroupIsEmpty) {
   submitJob();
   processes_.obeysTermination = false;
-  const Answer answer = ask(kRemoveJobMessage, {kLabel, true});
+  const Answer answer = ask(kRemoveJobMessage, {kAgent, true});
   EXPECT_FALSE(*answer);
   loop_.advanceBy(20s - 1ns);
   EXPECT_FALSE(*answer);
@@ -177,23 +177,23 @@ TEST_F(JobServerTest, ARemovalThatWaitsIsAnsweredWhenTheGroupIsEmpty) {
 TEST_F(JobServerTest, ARemovalThatDoesNotWaitIsAnsweredAtOnce) {
   submitJob();
   processes_.obeysTermination = false;
-  EXPECT_EQ(value(ask(kRemoveJobMessage, {kLabel, false})), Value());
+  EXPECT_EQ(value(ask(kRemoveJobMessage, {kAgent, false})), Value());
   EXPECT_TRUE(processes_.isAlive(lastProcess()));
   loop_.advanceBy(21s);
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
 TEST_F(JobServerTest, AJobThatIsNotThereCannotBeRemoved) {
-  expectError(ask(kRemoveJobMessage, {kLabel, true}), LaunchdError::kNoSuchJob, kLabel);
-  expectError(ask(kRemoveJobMessage, {kLabel, false}), LaunchdError::kNoSuchJob, kLabel);
+  expectError(ask(kRemoveJobMessage, {kAgent, true}), LaunchdError::kNoSuchJob, kAgent);
+  expectError(ask(kRemoveJobMessage, {kAgent, false}), LaunchdError::kNoSuchJob, kAgent);
 }
 
 TEST_F(JobServerTest, TheHostsUserMayWhatRootMay) {
   Client client(network_, kHostsUser);
   EXPECT_EQ(value(ask(client, kMayChangeJobsMessage, {})), Value(true));
   EXPECT_EQ(error(ask(client, kSubmitJobMessage, {job()})), std::nullopt);
-  EXPECT_FALSE(value(ask(client, kCopyJobMessage, {kLabel})).isNil());
-  EXPECT_EQ(error(ask(client, kRemoveJobMessage, {kLabel, true})), std::nullopt);
+  EXPECT_FALSE(value(ask(client, kCopyJobMessage, {kAgent})).isNil());
+  EXPECT_EQ(error(ask(client, kRemoveJobMessage, {kAgent, true})), std::nullopt);
 }
 
 TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
@@ -202,9 +202,9 @@ TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
   EXPECT_EQ(value(ask(client, kMayChangeJobsMessage, {})), Value(false));
   const std::pair<const char*, Array> requests[] = {
       {kSubmitJobMessage, {job({{"Label", "another"}})}},
-      {kRemoveJobMessage, {kLabel, true}},
-      {kRemoveJobMessage, {kLabel, false}},
-      {kCopyJobMessage, {kLabel}},
+      {kRemoveJobMessage, {kAgent, true}},
+      {kRemoveJobMessage, {kAgent, false}},
+      {kCopyJobMessage, {kAgent}},
       {kCopyJobStatesMessage, {}},
       {"inventedMessage", {}},
   };
@@ -212,14 +212,14 @@ TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
     expectError(ask(client, selector, arguments), LaunchdError::kNotAuthorized,
                 "only root and user 500 may use the jobs of this host");
   }
-  EXPECT_THAT(host_->labels(), ElementsAre(kLabel));
+  EXPECT_THAT(host_->labels(), ElementsAre(kAgent));
   EXPECT_TRUE(processes_.isAlive(lastProcess()));
 }
 
 TEST_F(JobServerTest, WhoIsRefusedIsLoggedOnce) {
   Client client(network_, kHostsUser + 1);
-  ask(client, kCopyJobMessage, {kLabel});
-  ask(client, kCopyJobMessage, {kLabel});
+  ask(client, kCopyJobMessage, {kAgent});
+  ask(client, kCopyJobMessage, {kAgent});
   EXPECT_EQ(sink_.count("process 77 of user 501 may not use the jobs"), 1u);
 }
 
@@ -227,7 +227,7 @@ TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
   submitJob({{"Comment", std::string(kMaxPeerUnreadBytes / 5, 'x')}});
   Client client(network_, kHostsUser);
   client.transport.hang();
-  for (int i = 0; i < 8; ++i) ask(client, kCopyJobMessage, {kLabel});
+  for (int i = 0; i < 8; ++i) ask(client, kCopyJobMessage, {kAgent});
   EXPECT_EQ(sink_.count("process 77 of user 500 was cut off: the peer leaves too many answers"),
             1u);
 }
@@ -235,7 +235,7 @@ TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
 TEST_F(JobServerTest, WhoGoesByItselfIsNotLogged) {
   const std::size_t before = sink_.texts().size();
   Client client(network_, kHostsUser);
-  ask(client, kCopyJobMessage, {kLabel});
+  ask(client, kCopyJobMessage, {kAgent});
   client.transport.die();
   loop_.runReady();
   EXPECT_EQ(sink_.texts().size(), before);
@@ -260,7 +260,7 @@ TEST_F(JobServerTest, WhoIsRefusedKeepsNoPlaceForLong) {
 TEST_F(JobServerTest, ArgumentsOfAWrongKindAreRefused) {
   expectInvalidArgument(ask(kCopyJobMessage, {1}), "copyJob:: expected a label");
   expectInvalidArgument(ask(kRemoveJobMessage, {1, true}), "expected a label and a boolean");
-  expectInvalidArgument(ask(kRemoveJobMessage, {kLabel, 1}), "expected a label and a boolean");
+  expectInvalidArgument(ask(kRemoveJobMessage, {kAgent, 1}), "expected a label and a boolean");
 }
 
 TEST_F(JobServerTest, AnUnknownMessageIsRefused) {
@@ -276,7 +276,7 @@ TEST_F(JobServerTest, AMessageThatWantsNoAnswerDoesNothing) {
 TEST_F(JobServerTest, WhatAClientAskedForIsDoneAlsoWhenItGoes) {
   submitJob();
   processes_.obeysTermination = false;
-  ask(kRemoveJobMessage, {kLabel, true});
+  ask(kRemoveJobMessage, {kAgent, true});
   rootClient_->transport.die();
   loop_.advanceBy(21s);
   EXPECT_THAT(host_->labels(), IsEmpty());
@@ -287,7 +287,7 @@ TEST_F(JobServerTest, WhatAClientAskedForIsDoneAlsoWhenItGoes) {
 TEST_F(JobServerTest, TheServerMayEndWhileAClientWaits) {
   submitJob();
   processes_.obeysTermination = false;
-  const Answer answer = ask(kRemoveJobMessage, {kLabel, true});
+  const Answer answer = ask(kRemoveJobMessage, {kAgent, true});
   server_.reset();
   loop_.advanceBy(21s);
   ASSERT_TRUE(*answer && !**answer);

@@ -28,7 +28,7 @@ using platform::ExitStatus;
 using platform::ProcessId;
 using platform::UniqueFd;
 
-JobDefinition jobNamed(int number) {
+JobDefinition numberedJob(int number) {
   JobDefinition job;
   job.label = "com.example.job" + std::to_string(number);
   return job;
@@ -49,7 +49,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
   LinuxProcesses& processes() override { return *processes_; }
 
   JobDefinition job(Kind kind) override {
-    JobDefinition job = jobNamed(++jobs_);
+    JobDefinition job = numberedJob(++jobs_);
     const std::string pipe = folder_.path(job.label);
     EXPECT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     // With a writer of ours nobody waits when opening it.
@@ -133,7 +133,7 @@ class FakeProcessesHarness final : public ProcessesHarness {
     if (kind == Kind::kUnstartable) {
       processes_.failure = platform::Error{platform::ErrorCode::kSystem, ENOENT, "executing"};
     }
-    return jobNamed(++jobs_);
+    return numberedJob(++jobs_);
   }
   void started(ProcessId process, const JobDefinition&) override {
     if (kind_ == Kind::kWithMember) processes_.addMember(process);
@@ -161,7 +161,7 @@ std::unique_ptr<ProcessesHarness> makeFakeHarness() {
 
 // Ends by a signal that makes the system dump its memory, where it does so.
 ProcessEnd endWithCore() {
-  JobDefinition job = jobNamed(0);
+  JobDefinition job = numberedJob(0);
   job.program = "/bin/sh";
   job.arguments = {"sh", "-c", "ulimit -c unlimited; kill -SEGV $$"};
   platform::TemporaryFolder folder;

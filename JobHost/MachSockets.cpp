@@ -69,7 +69,7 @@ bool isBoundTo(int socket, const struct stat& status, const std::string& service
 }
 
 Result<UniqueFd> bindListener(int folder, const std::string& service) {
-  const std::string what = "binding the service " + platform::quoted(service);
+  const std::string what = "binding the service " + platform::quotedInMessage(service);
   const std::string name = boundName(service);
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) return std::unexpected(systemError(what));
@@ -106,8 +106,8 @@ Result<Descriptor> MachSockets::listen(const std::string& service, std::string_v
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0,
               fmt::format("job {}: key \"MachServices\": the service {} is that of job {}",
-                          platform::quoted(label), platform::quoted(service),
-                          platform::quoted(found->second.label))});
+                          platform::quotedInMessage(label), platform::quotedInMessage(service),
+                          platform::quotedInMessage(found->second.label))});
   }
   auto socket = bindListener(folder_.get(), service);
   if (!socket) return std::unexpected(std::move(socket.error()));

@@ -18,14 +18,14 @@ namespace {
 using platform::UniqueFd;
 
 constexpr char kService[] = "com.example.service";
-constexpr char kLabel[] = "com.example.job";
+constexpr char kJob[] = "com.example.job";
 
 // The socket that one host has bound, as a process of the job still has it, and the next host.
 class MachSocketsTest : public testing::Test {
  protected:
   MachSocketsTest() {
     auto earlier = open();
-    const auto socket = earlier.listen(kService, kLabel);
+    const auto socket = earlier.listen(kService, kJob);
     EXPECT_TRUE(socket);
     socket_.reset(::dup(*socket));
   }
@@ -36,7 +36,7 @@ class MachSocketsTest : public testing::Test {
     return *std::move(sockets);
   }
 
-  bool isTakenOver(UniqueFd socket) { return next_.takeOver(kService, kLabel, std::move(socket)); }
+  bool isTakenOver(UniqueFd socket) { return next_.takeOver(kService, kJob, std::move(socket)); }
 
   // The end of the path that the service's sockets are bound by.
   std::string boundName() const {

@@ -74,7 +74,7 @@ Result<UniqueFd> aboveStandardFiles(UniqueFd file, const std::string& path) {
 
 // Without waiting for a pipe's other end; the process then finds it as if it had opened it itself.
 Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
-  const std::string what = "opening " + platform::quoted(path);
+  const std::string what = "opening " + platform::quotedInMessage(path);
   UniqueFd file(retryOnInterrupt([&] {
     return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
   }));
@@ -86,7 +86,7 @@ Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
   if (now < 0 || ::fcntl(file.get(), F_SETFL, now & ~O_NONBLOCK) != 0) {
     return std::unexpected(systemError(what));
   }
-  return aboveStandardFiles(std::move(file), platform::quoted(path));
+  return aboveStandardFiles(std::move(file), platform::quotedInMessage(path));
 }
 
 // What the orders of the child point into.
@@ -248,7 +248,7 @@ timespec timespecOf(platform::Duration duration) {
 
 std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
                           const JobAccount& account) {
-  using platform::quoted;
+  using platform::quotedInMessage;
   switch (child.stage) {
     case ChildStage::kBegin:
       return "the new process";
@@ -268,17 +268,17 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kNice:
       return fmt::format("setpriority to {}", job.nice);
     case ChildStage::kRootDirectory:
-      return "chroot to " + quoted(job.rootDirectory.value_or("/"));
+      return "chroot to " + quotedInMessage(job.rootDirectory.value_or("/"));
     case ChildStage::kGroups:
-      return "setgroups for " + quoted(account.name);
+      return "setgroups for " + quotedInMessage(account.name);
     case ChildStage::kGroup:
       return fmt::format("setgid to {}", account.group);
     case ChildStage::kUser:
-      return fmt::format("setuid to {} ({})", account.user, quoted(account.name));
+      return fmt::format("setuid to {} ({})", account.user, quotedInMessage(account.name));
     case ChildStage::kWorkingDirectory:
-      return "chdir to " + quoted(job.workingDirectory);
+      return "chdir to " + quotedInMessage(job.workingDirectory);
     case ChildStage::kExecute:
-      return "executing " + quoted(job.program);
+      return "executing " + quotedInMessage(job.program);
   }
   return "starting";
 }
@@ -333,7 +333,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
                                                       const StartTicket& ticket,
                                                       platform::Descriptor listener) {
   const auto failed = [&](Error error) {
-    error.context.insert(0, fmt::format("job {}: ", platform::quoted(job.label)));
+    error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
   };
   if (listener >= 0 && job.machServices.empty()) {

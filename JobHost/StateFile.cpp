@@ -88,7 +88,7 @@ Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
 
 // The same file for appending: its path may have come to name another one.
 UniqueFd reopenForAppending(const UniqueFd& file) {
-  const std::string path = fmt::format("/proc/self/fd/{}", file.get());
+  const std::string path = pathOfDescriptor(file);
   return UniqueFd(
       retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
 }

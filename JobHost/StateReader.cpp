@@ -165,7 +165,8 @@ ProcessEnd processEndOf(std::int32_t waitStatus) {
   if (!WIFSIGNALED(waitStatus)) {
     return ExitStatus{ExitStatus::Kind::kExited, WEXITSTATUS(waitStatus)};
   }
-  return {ExitStatus{ExitStatus::Kind::kSignalled, WTERMSIG(waitStatus)}, WCOREDUMP(waitStatus)};
+  return {ExitStatus{ExitStatus::Kind::kSignalled, WTERMSIG(waitStatus)},
+          WCOREDUMP(waitStatus) != 0};
 }
 
 Bytes stateFileHeader(std::string_view bootId) {

@@ -30,6 +30,13 @@ struct CodeSigningFailure {
 template <typename T>
 using CodeSigningResult = std::expected<T, CodeSigningFailure>;
 
+inline std::unexpected<CodeSigningFailure> refuse(OSStatus status, std::string reason) {
+  return std::unexpected(CodeSigningFailure{status, std::move(reason)});
+}
+inline std::unexpected<CodeSigningFailure> refuseResource(std::string reason) {
+  return refuse(errSecCSBadResource, std::move(reason));
+}
+
 // The failure as the object that log lines show with `%@`: the domain "NSOSStatusErrorDomain", the
 // status as its code, the reason as its description.
 NSError errorObject(const CodeSigningFailure& failure);

@@ -12,7 +12,7 @@ namespace {
 // Below this many entries a scan is faster than hashing.
 constexpr std::size_t kScanLimit = 8;
 
-const Value kNil;
+const Value kNilValue;
 
 // Keys come from files and peers: with a hash that they could foresee they could make one long
 // probe of every look-up.
@@ -51,7 +51,7 @@ bool Dictionary::contains(std::string_view key) const { return find(key) != entr
 
 const Value& Dictionary::operator[](std::string_view key) const {
   const std::size_t position = find(key);
-  return position == entries_.size() ? kNil : entries_[position].second;
+  return position == entries_.size() ? kNilValue : entries_[position].second;
 }
 
 void Dictionary::set(std::string_view key, Value value) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <expected>
 #include <string>
+#include <utility>
 
 namespace platform {
 
@@ -25,6 +26,11 @@ struct Error {
 // `E` is `Error`, or an enum of outcomes that the direct caller handles and never passes on.
 template <typename T, typename E = Error>
 using Result = std::expected<T, E>;
+
+// The failure of malformed input.
+inline std::unexpected<Error> invalid(std::string what) {
+  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
+}
 
 // "CONTEXT" or "CONTEXT: the system's text for osError".
 std::string describe(const Error& error);

@@ -22,4 +22,13 @@ inline constexpr char kNSFailedAuthenticationException[] = "NSFailedAuthenticati
 // An unknown selector, an argument of the wrong class, or an unusable launch path.
 inline constexpr char kNSInvalidArgumentException[] = "NSInvalidArgumentException";
 
+// For functions whose results hold exceptions.
+inline std::unexpected<NSException> raised(const char* name, std::string reason) {
+  return std::unexpected(NSException{name, std::move(reason), {}});
+}
+// For what is asked of a connection that has ended.
+inline std::unexpected<NSException> raisedGone() {
+  return raised(kNSInvalidSendPortException, "The connection has ended.");
+}
+
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <string>
 #include <string_view>
@@ -21,6 +22,9 @@ enum class LaunchdError : int {
   kUnavailable = 7,    // the job host can't be reached
   kInvalidJob = 10,    // a dictionary that names no possible job; the text names label and key
 };
+
+// How long, in seconds, a job is given to end where its dictionary has no "ExitTimeOut".
+inline constexpr std::int64_t kDefaultExitTimeOut = 20;
 
 // The rights that a caller holds (Platform/Authorization.h). Whoever does the work looks at the
 // caller itself, so that a missing one is no hindrance to a caller that may.

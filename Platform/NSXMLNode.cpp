@@ -14,10 +14,6 @@
 namespace platform {
 namespace {
 
-std::unexpected<Error> invalid(std::string what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
-}
-
 const xmlChar* xmlText(const std::string& text) {
   return reinterpret_cast<const xmlChar*>(text.c_str());
 }
@@ -27,18 +23,18 @@ std::optional<Error> checkName(std::string_view name) {
   const bool isName = name.find('\0') == name.npos && !findIllFormedUtf8(name) &&
                       xmlValidateName(xmlText(terminated), 0) == 0;
   if (isName) return std::nullopt;
-  return Error{ErrorCode::kInvalid, 0, fmt::format("{} is no name of XML", quoted(name))};
+  return Error{ErrorCode::kInvalid, 0, fmt::format("{} is no name of XML", quotedInMessage(name))};
 }
 
 std::optional<Error> checkText(std::string_view text) {
   if (const auto offset = findIllFormedUtf8(text)) {
     return Error{ErrorCode::kInvalid, 0,
-                 fmt::format("{} is not UTF-8 at its byte {}", quoted(text), *offset)};
+                 fmt::format("{} is not UTF-8 at its byte {}", quotedInMessage(text), *offset)};
   }
   if (const auto offset = findCharacterXmlExcludes(text)) {
-    return Error{
-        ErrorCode::kInvalid, 0,
-        fmt::format("{} has a character at its byte {} that XML excludes", quoted(text), *offset)};
+    return Error{ErrorCode::kInvalid, 0,
+                 fmt::format("{} has a character at its byte {} that XML excludes",
+                             quotedInMessage(text), *offset)};
   }
   return std::nullopt;
 }
@@ -96,12 +92,12 @@ Result<NSXMLNode> NSXMLNode::textWithStringValue(std::string_view stringValue) {
 Result<void> NSXMLNode::addChild(NSXMLNode child) {
   if (kind_ != Kind::kElement) return invalid("only an element has children");
   if (child.kind_ == Kind::kAttribute) {
-    return invalid(fmt::format("the attribute {} can't be a child", quoted(child.name_)));
+    return invalid(fmt::format("the attribute {} can't be a child", quotedInMessage(child.name_)));
   }
   if (child.depth_ + 1 > kMaxDepth) {
-    return std::unexpected(Error{
-        ErrorCode::kExhausted, 0,
-        fmt::format("more than {} elements inside one another in {}", kMaxDepth, quoted(name_))});
+    return std::unexpected(Error{ErrorCode::kExhausted, 0,
+                                 fmt::format("more than {} elements inside one another in {}",
+                                             kMaxDepth, quotedInMessage(name_))});
   }
   depth_ = std::max(depth_, child.depth_ + 1);
   children_.push_back(std::move(child));

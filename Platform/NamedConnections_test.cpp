@@ -9,7 +9,7 @@
 namespace platform {
 namespace {
 
-class FakeHarness final : public NamedConnectionsHarness {
+class FakeConnectionsHarness final : public NamedConnectionsHarness {
  public:
   ConnectedProgram& here() override { return here_; }
   void there(const std::function<void(ConnectedProgram&)>& action) override { action(there_); }
@@ -34,7 +34,7 @@ class FakeHarness final : public NamedConnectionsHarness {
 };
 
 std::unique_ptr<NamedConnectionsHarness> makeFakeHarness() {
-  return std::make_unique<FakeHarness>();
+  return std::make_unique<FakeConnectionsHarness>();
 }
 
 INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsContract, testing::Values(&makeFakeHarness));

@@ -24,10 +24,6 @@ bool isUtf8(std::string_view text) {
   return true;
 }
 
-std::unexpected<Error> invalid(std::string what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
-}
-
 std::unexpected<Error> inside(std::string where, Error error) {
   error.context.insert(0, std::move(where));
   return std::unexpected(std::move(error));

@@ -172,7 +172,7 @@ std::string knownKeys() {
 }
 
 // A key or value from the file, harmless in a line of text.
-std::string quoted(std::string_view text) {
+std::string quotedExcerpt(std::string_view text) {
   constexpr std::size_t kShown = 64;
   std::string shown(text.substr(0, kShown));
   std::ranges::replace_if(shown, isControl, '?');
@@ -181,7 +181,7 @@ std::string quoted(std::string_view text) {
 
 // What stands in the file, for the end of an error text.
 std::string found(const Value& value) {
-  if (value.string()) return quoted(*value.string());
+  if (value.string()) return quotedExcerpt(*value.string());
   if (value.integer()) return fmt::format("{}", *value.integer());
   return fmt::format("an {}", className(value));
 }
@@ -212,7 +212,8 @@ Result<PlatformConfiguration> parsePlatformConfiguration(const Value& contents,
   for (const auto& [name, value] : *entries) {
     const auto key = std::ranges::find(kKeys, name, &Key::name);
     if (key == kKeys.end()) {
-      return invalid(fmt::format("unknown key {}; expected one of: {}", quoted(name), knownKeys()));
+      return invalid(
+          fmt::format("unknown key {}; expected one of: {}", quotedExcerpt(name), knownKeys()));
     }
     if (!key->read(value, configuration)) {
       return invalid(

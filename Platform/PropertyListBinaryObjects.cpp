@@ -38,10 +38,6 @@ enum Kind : std::uint8_t {
   kDictionaries = 0xD,
 };
 
-std::unexpected<Failure> invalid(std::size_t offset, std::string text) {
-  return std::unexpected(Failure{ErrorCode::kInvalid, offset, std::move(text)});
-}
-
 }  // namespace
 
 Outcome<PropertyListBinaryObjects> PropertyListBinaryObjects::open(

@@ -32,6 +32,11 @@ class PropertyListBinaryObjects {
   template <typename T>
   using Outcome = Result<T, Failure>;
 
+  // The failure of malformed input at `offset`.
+  static std::unexpected<Failure> invalid(std::size_t offset, std::string text) {
+    return std::unexpected(Failure{ErrorCode::kInvalid, offset, std::move(text)});
+  }
+
   enum class Kind { kScalar, kArray, kDictionary };
 
   // The content of an object: where it stands and how many bytes or references it has.

@@ -29,10 +29,6 @@ std::string tooMuchContent() {
       kMaxPropertyListContentBytes);
 }
 
-std::unexpected<Failure> invalid(std::size_t offset, std::string text) {
-  return std::unexpected(Failure{ErrorCode::kInvalid, offset, std::move(text)});
-}
-
 std::unexpected<Failure> overLimit(std::size_t offset, std::string text) {
   return std::unexpected(Failure{ErrorCode::kExhausted, offset, std::move(text)});
 }
@@ -88,7 +84,8 @@ Outcome<const Object*> BinaryReading::object(std::size_t number, std::size_t dep
   Object& object = read_[number];
   switch (states_[number]) {
     case State::kBeingRead:
-      return invalid(referredAt, fmt::format("object {} contains itself", number));
+      return PropertyListBinaryObjects::invalid(referredAt,
+                                                fmt::format("object {} contains itself", number));
     case State::kRead:
       break;
     case State::kUnread: {
@@ -168,7 +165,8 @@ Outcome<Object> BinaryReading::parseDictionary(std::size_t offset, std::size_t d
     const auto key = reference(keyAt, depth + 1);
     if (!key) return std::unexpected(key.error());
     const std::string* name = (*key)->value.string();
-    if (name == nullptr) return invalid(keyAt, "a dictionary's key that is no string");
+    if (name == nullptr)
+      return PropertyListBinaryObjects::invalid(keyAt, "a dictionary's key that is no string");
     if (auto failure = copyKey(name->size(), keyAt)) {
       return std::unexpected(*std::move(failure));
     }
@@ -179,8 +177,9 @@ Outcome<Object> BinaryReading::parseDictionary(std::size_t offset, std::size_t d
     }
     entries.set(*name, (*value)->value);
     if (entries.size() != i + 1) {
-      return invalid(keyAt, fmt::format("key {} occurs twice in its dictionary, expected once",
-                                        quoted(*name)));
+      return PropertyListBinaryObjects::invalid(
+          keyAt, fmt::format("key {} occurs twice in its dictionary, expected once",
+                             quotedInMessage(*name)));
     }
   }
   whole.value = Value(std::move(entries));

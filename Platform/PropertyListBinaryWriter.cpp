@@ -31,7 +31,7 @@ std::size_t sizeFor(std::uint64_t value) {
 }
 
 template <typename Bytes>
-void append(Bytes& bytes, std::uint64_t value, std::size_t size) {
+void appendBigEndian(Bytes& bytes, std::uint64_t value, std::size_t size) {
   for (std::size_t i = size; i-- > 0;) {
     bytes.push_back(static_cast<typename Bytes::value_type>(value >> (8 * i) & 0xFF));
   }
@@ -40,15 +40,15 @@ void append(Bytes& bytes, std::uint64_t value, std::size_t size) {
 std::string integerObject(std::uint64_t value) {
   const std::size_t size = sizeFor(value);
   std::string object;
-  append(object, 0x10u | static_cast<unsigned>(std::countr_zero(size)), 1);
-  append(object, value, size);
+  appendBigEndian(object, 0x10u | static_cast<unsigned>(std::countr_zero(size)), 1);
+  appendBigEndian(object, value, size);
   return object;
 }
 
 std::string floatingObject(std::uint8_t marker, double real) {
   std::string object;
-  append(object, marker, 1);
-  append(object, std::bit_cast<std::uint64_t>(real), sizeof real);
+  appendBigEndian(object, marker, 1);
+  appendBigEndian(object, std::bit_cast<std::uint64_t>(real), sizeof real);
   return object;
 }
 
@@ -56,7 +56,7 @@ std::string floatingObject(std::uint8_t marker, double real) {
 std::string countedObject(std::uint8_t kind, std::size_t count) {
   constexpr std::size_t kCountFollows = 0xF;
   std::string object;
-  append(object, kind << 4 | std::min(count, kCountFollows), 1);
+  appendBigEndian(object, kind << 4 | std::min(count, kCountFollows), 1);
   if (count >= kCountFollows) object += integerObject(count);
   return object;
 }
@@ -73,7 +73,7 @@ std::string stringObject(std::string_view text) {
   if (ascii) return countedObject(0x5, text.size()).append(text);
   const std::u16string units = utf16FromUtf8(text);
   std::string object = countedObject(0x6, units.size());
-  for (const char16_t unit : units) append(object, unit, 2);
+  for (const char16_t unit : units) appendBigEndian(object, unit, 2);
   return object;
 }
 
@@ -165,17 +165,18 @@ Result<Data> BinaryWriting::take(const Value& value) && {
   for (const Object& object : objects_) {
     offsets.push_back(output.size());
     output.insert(output.end(), object.bytes.begin(), object.bytes.end());
-    for (const Number reference : object.references) append(output, reference, referenceSize);
+    for (const Number reference : object.references)
+      appendBigEndian(output, reference, referenceSize);
   }
   const std::size_t table = output.size();
   const std::size_t offsetSize = sizeFor(table);
-  for (const std::size_t offset : offsets) append(output, offset, offsetSize);
-  append(output, 0, 6);
-  append(output, offsetSize, 1);
-  append(output, referenceSize, 1);
-  append(output, offsets.size(), 8);
-  append(output, top, 8);
-  append(output, table, 8);
+  for (const std::size_t offset : offsets) appendBigEndian(output, offset, offsetSize);
+  appendBigEndian(output, 0, 6);
+  appendBigEndian(output, offsetSize, 1);
+  appendBigEndian(output, referenceSize, 1);
+  appendBigEndian(output, offsets.size(), 8);
+  appendBigEndian(output, top, 8);
+  appendBigEndian(output, table, 8);
   if (output.size() <= kMaxPropertyListBytes) return output;
   return std::unexpected(
       Error{ErrorCode::kExhausted, 0,

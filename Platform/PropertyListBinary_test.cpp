@@ -12,7 +12,7 @@ namespace {
 using namespace std::string_literals;
 using Layout = BinaryPropertyListLayout;
 
-std::string errorOf(std::string_view bytes, ErrorCode code = ErrorCode::kInvalid) {
+std::string binaryErrorOf(std::string_view bytes, ErrorCode code = ErrorCode::kInvalid) {
   const Result<Value> value = readPropertyList(bytes, "a.plist");
   EXPECT_FALSE(value);
   if (value) return "";
@@ -26,7 +26,9 @@ Value readOne(const std::string& object) {
   return value.value_or(Value());
 }
 
-std::string errorOfOne(const std::string& object) { return errorOf(Layout{{object}}.bytes()); }
+std::string errorOfOne(const std::string& object) {
+  return binaryErrorOf(Layout{{object}}.bytes());
+}
 
 TEST(PropertyListBinaryTest, ReadsEveryKindOfValue) {
   EXPECT_EQ(readOne("\x00"s), Value::nullMarker());
@@ -107,7 +109,7 @@ TEST(PropertyListBinaryTest, CountsThatOverflowAreRefused) {
     for (const std::uint64_t count :
          {UINT64_MAX, UINT64_MAX / 2 + 1, UINT64_MAX / 4, std::uint64_t{2}}) {
       const std::string error =
-          errorOf(Layout{{kind + "\x13" + bigEndian(count, 8) + "\x01"}}.bytes());
+          binaryErrorOf(Layout{{kind + "\x13" + bigEndian(count, 8) + "\x01"}}.bytes());
       EXPECT_NE(error.find(" items of "), error.npos) << error;
     }
   }
@@ -147,31 +149,32 @@ TEST(PropertyListBinaryTest, IllFormedTextIsRefusedAtItsByte) {
 }
 
 TEST(PropertyListBinaryTest, KeysMustBeStringsAndOccurOnce) {
-  EXPECT_EQ(errorOf(Layout{{"\xD1\x01\x01", "\x10\x07"}}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xD1\x01\x01", "\x10\x07"}}.bytes()),
             "a.plist: offset 9: a dictionary's key that is no string");
-  EXPECT_EQ(errorOf(Layout{{"\xD2\x01\x02\x03\x03"s, "\x51k", "\x51k", "\x09"}}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xD2\x01\x02\x03\x03"s, "\x51k", "\x51k", "\x09"}}.bytes()),
             "a.plist: offset 10: key \"k\" occurs twice in its dictionary, expected once");
-  EXPECT_EQ(errorOf(Layout{{"\xD2\x01\x02\x03\x03"s, "\x51k", "\x61\x00k"s, "\x09"}}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xD2\x01\x02\x03\x03"s, "\x51k", "\x61\x00k"s, "\x09"}}.bytes()),
             "a.plist: offset 10: key \"k\" occurs twice in its dictionary, expected once");
 }
 
 TEST(PropertyListBinaryTest, CyclesAreRefused) {
-  EXPECT_EQ(errorOf(Layout{{"\xA1\x00"s}}.bytes()), "a.plist: offset 9: object 0 contains itself");
-  EXPECT_EQ(errorOf(Layout{{"\xA1\x01", "\xD1\x02\x00"s, "\x51k"}}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xA1\x00"s}}.bytes()),
+            "a.plist: offset 9: object 0 contains itself");
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xA1\x01", "\xD1\x02\x00"s, "\x51k"}}.bytes()),
             "a.plist: offset 12: object 0 contains itself");
 }
 
 TEST(PropertyListBinaryTest, ReferencesAndOffsetsMustLieWithinTheList) {
-  EXPECT_EQ(errorOf(Layout{{"\xA1\x02", "\x09"}}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\xA1\x02", "\x09"}}.bytes()),
             "a.plist: offset 9: reference to object 2, expected 0 to 1");
-  EXPECT_EQ(errorOf(Layout{{"\x09"}, 1}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\x09"}, 1}.bytes()),
             "a.plist: offset 27: top object 1, expected 0 to 0");
   for (const std::size_t offset : {std::size_t{0}, std::size_t{7}, std::size_t{9}, SIZE_MAX / 2}) {
     Layout layout{{"\x09"}, 0, 8};
     std::string bytes = layout.bytes();
     bytes.replace(9, 8, bigEndian(offset, 8));
-    EXPECT_EQ(errorOf(bytes), "a.plist: offset 9: offset " + std::to_string(offset) +
-                                  " of object 0, expected 8 to 8");
+    EXPECT_EQ(binaryErrorOf(bytes), "a.plist: offset 9: offset " + std::to_string(offset) +
+                                        " of object 0, expected 8 to 8");
   }
 }
 
@@ -180,16 +183,16 @@ TEST(PropertyListBinaryTest, SizesOfOffsetsAndReferencesMustFit) {
     const Layout layout{{"\xA1" + bigEndian(1, size), "\x10\x07"}, 0, size, size};
     EXPECT_EQ(readPropertyList(layout.bytes(), "a"), Value(Array{7})) << size;
   }
-  EXPECT_EQ(errorOf(Layout{{"\x09"}, 0, 2, 0}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\x09"}, 0, 2, 0}.bytes()),
             "a.plist: offset 18: references of 0 bytes, expected 1 to 8");
-  EXPECT_EQ(errorOf(Layout{{"\x09"}, 0, 2, 9}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\x09"}, 0, 2, 9}.bytes()),
             "a.plist: offset 18: references of 9 bytes, expected 1 to 8");
-  EXPECT_EQ(errorOf(Layout{{"\x52xy"}, 0, 0, 1}.bytes()),
+  EXPECT_EQ(binaryErrorOf(Layout{{"\x52xy"}, 0, 0, 1}.bytes()),
             "a.plist: offset 17: offsets of 0 bytes, expected 1 to 8");
   Layout many{std::vector<std::string>(256, "\x09")};
   EXPECT_TRUE(readPropertyList(many.bytes(), "a"));
   many.objects.push_back("\x09");
-  const std::string error = errorOf(many.bytes());
+  const std::string error = binaryErrorOf(many.bytes());
   EXPECT_NE(error.find("references of 1 bytes can't tell 257 objects apart"), error.npos) << error;
 }
 
@@ -201,17 +204,17 @@ TEST(PropertyListBinaryTest, TheTrailerMustAccountForEveryByte) {
   // Bytes between the offset table and the trailer.
   std::string padded = list;
   padded.insert(list.size() - 32, "xx");
-  EXPECT_EQ(errorOf(padded),
+  EXPECT_EQ(binaryErrorOf(padded),
             "a.plist: offset 21: 1 objects with offsets of 2 bytes, expected the 4 bytes between "
             "offset table and trailer");
   std::string hugeCount = list;
   hugeCount.replace(list.size() - 24, 8, bigEndian(UINT64_MAX / 2 + 2, 8));
-  EXPECT_NE(errorOf(hugeCount).find("9223372036854775809 objects"), std::string::npos);
+  EXPECT_NE(binaryErrorOf(hugeCount).find("9223372036854775809 objects"), std::string::npos);
   for (const std::uint64_t table :
        {std::uint64_t{0}, std::uint64_t{8}, UINT64_MAX, std::uint64_t{11}}) {
     std::string moved = list;
     moved.replace(list.size() - 8, 8, bigEndian(table, 8));
-    EXPECT_NE(errorOf(moved).find("offset table at "), std::string::npos) << table;
+    EXPECT_NE(binaryErrorOf(moved).find("offset table at "), std::string::npos) << table;
   }
 }
 
@@ -222,7 +225,7 @@ TEST(PropertyListBinaryTest, AFileCutAnywhereIsRefused) {
   for (std::size_t size = 0; size < whole.size(); ++size) {
     EXPECT_FALSE(readPropertyList(std::string_view(whole).substr(0, size), "a")) << size;
   }
-  EXPECT_EQ(errorOf("bplist00"),
+  EXPECT_EQ(binaryErrorOf("bplist00"),
             "a.plist: offset 8: the file ends here, expected a binary property list of at least 42 "
             "bytes");
 }
@@ -235,7 +238,7 @@ TEST(PropertyListBinaryTest, SharedChildrenThatMeanTooManyElementsAreRefusedAtOn
   bomb.offsetSize = 1;
   const std::string bytes = bomb.bytes();
   EXPECT_LT(bytes.size(), 300u);
-  const std::string error = errorOf(bytes, ErrorCode::kExhausted);
+  const std::string error = binaryErrorOf(bytes, ErrorCode::kExhausted);
   EXPECT_NE(error.find("more than 1000000 values and keys"), error.npos) << error;
 }
 
@@ -256,7 +259,7 @@ TEST(PropertyListBinaryTest, OverlappingObjectsAreRefused) {
   for (int i = 0; i < 30; ++i) bytes += bigEndian(text, 1);
   bytes +=
       std::string(6, '\0') + "\x01\x01" + bigEndian(31, 8) + bigEndian(0, 8) + bigEndian(table, 8);
-  EXPECT_EQ(errorOf(bytes),
+  EXPECT_EQ(binaryErrorOf(bytes),
             "a.plist: offset 41: objects that overlap, expected one behind another");
 }
 

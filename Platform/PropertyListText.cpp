@@ -35,7 +35,7 @@ UChar32 nextCharacter(std::string_view text, std::size_t& offset) {
   return character;
 }
 
-void append(std::string& text, UChar32 character) {
+void appendCharacter(std::string& text, UChar32 character) {
   char bytes[U8_MAX_LENGTH];
   int length = 0;
   U8_APPEND_UNSAFE(bytes, length, character);
@@ -79,12 +79,12 @@ Result<std::string, std::size_t> utf8FromUtf16(std::span<const std::uint8_t> byt
     if (bytes.size() - at < 2) return std::unexpected(at);
     const char16_t first = unit(at);
     if (!U16_IS_SURROGATE(first)) {
-      append(text, first);
+      appendCharacter(text, first);
       continue;
     }
     const bool paired = U16_IS_LEAD(first) && bytes.size() - at >= 4 && U16_IS_TRAIL(unit(at + 2));
     if (!paired) return std::unexpected(at);
-    append(text, U16_GET_SUPPLEMENTARY(first, unit(at + 2)));
+    appendCharacter(text, U16_GET_SUPPLEMENTARY(first, unit(at + 2)));
     at += 2;
   }
   return text;
@@ -144,6 +144,6 @@ std::string shownInMessage(std::string_view text) {
   return shown;
 }
 
-std::string quoted(std::string_view text) { return '"' + shownInMessage(text) + '"'; }
+std::string quotedInMessage(std::string_view text) { return '"' + shownInMessage(text) + '"'; }
 
 }  // namespace platform

@@ -43,7 +43,7 @@ Error errorInText(std::string_view text, std::size_t offset, std::string_view so
 
 // The text between quotes, on one line and short enough for a log: control characters and
 // ill-formed bytes as \xNN, and "..." for what is left out of a long one.
-std::string quoted(std::string_view text);
+std::string quotedInMessage(std::string_view text);
 
 // The same without the quotes.
 std::string shownInMessage(std::string_view text);

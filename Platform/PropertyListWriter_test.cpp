@@ -30,7 +30,7 @@ std::string xml(const Value& value) {
   return bytes ? std::string(bytes->begin(), bytes->end()) : "";
 }
 
-std::string errorOf(const Value& value, PropertyListFormat format) {
+std::string writingErrorOf(const Value& value, PropertyListFormat format) {
   const Result<Data> bytes = writePropertyList(value, format);
   EXPECT_FALSE(bytes);
   if (bytes) return "";
@@ -39,8 +39,8 @@ std::string errorOf(const Value& value, PropertyListFormat format) {
 }
 
 void expectErrorInBoth(const Value& value, std::string_view error) {
-  EXPECT_EQ(errorOf(value, PropertyListFormat::kXml), error);
-  EXPECT_EQ(errorOf(value, PropertyListFormat::kBinary), error);
+  EXPECT_EQ(writingErrorOf(value, PropertyListFormat::kXml), error);
+  EXPECT_EQ(writingErrorOf(value, PropertyListFormat::kBinary), error);
 }
 
 Value inside(Value value) {
@@ -143,7 +143,7 @@ TEST(PropertyListWriterTest, WhatXmlCannotHoldIsAnErrorThereOnly) {
             "excludes"},
            {Dictionary{{"\x01", 1}},
             "Services/com.x/2/\\x01: a key with a character at byte 0 that XML excludes"}}) {
-    EXPECT_EQ(errorOf(inside(value), PropertyListFormat::kXml), error);
+    EXPECT_EQ(writingErrorOf(inside(value), PropertyListFormat::kXml), error);
     const auto bytes = writePropertyList(inside(value), PropertyListFormat::kBinary);
     ASSERT_TRUE(bytes);
     EXPECT_EQ(readPropertyList(*bytes, "a"), inside(value));

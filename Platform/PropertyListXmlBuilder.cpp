@@ -24,20 +24,22 @@ Problem atContent(std::size_t tag, std::string text) {
   return {ErrorCode::kInvalid, {tag, Place::At::kContent}, std::move(text)};
 }
 
-Problem overLimit(std::size_t tag, std::string text) {
+Problem overLimitAtTag(std::size_t tag, std::string text) {
   return {ErrorCode::kExhausted, {tag, Place::At::kTag}, std::move(text)};
 }
 
 bool isBlank(std::string_view text) { return withoutSurroundingWhiteSpace(text).empty(); }
 
 // What is wrong with a number or date, in words: `whatIsExpected` for a malformed one.
-std::string describe(ScalarProblem problem, std::string_view text, std::string_view whatItIsNot,
-                     std::string_view whatIsExpected, std::string_view range) {
+std::string describeScalar(ScalarProblem problem, std::string_view text,
+                           std::string_view whatItIsNot, std::string_view whatIsExpected,
+                           std::string_view range) {
   if (problem == ScalarProblem::kOutOfRange) {
-    return fmt::format("{} is out of range, expected {}", quoted(text), range);
+    return fmt::format("{} is out of range, expected {}", quotedInMessage(text), range);
   }
   if (text.empty()) return fmt::format("no {}, expected {}", whatItIsNot, whatIsExpected);
-  return fmt::format("{} is no {}, expected {}", quoted(text), whatItIsNot, whatIsExpected);
+  return fmt::format("{} is no {}, expected {}", quotedInMessage(text), whatItIsNot,
+                     whatIsExpected);
 }
 
 }  // namespace
@@ -113,7 +115,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::startElement(std::string_vi
   }
   if (Step problem = checkMayStandHere(*element, tag)) return problem;
   if (++nodes_ > kMaxPropertyListNodes) {
-    return overLimit(tag, fmt::format("more than {} values and keys", kMaxPropertyListNodes));
+    return overLimitAtTag(tag, fmt::format("more than {} values and keys", kMaxPropertyListNodes));
   }
   if (*element == Element::kArray || *element == Element::kDictionary) {
     Step problem = openCollection(*element == Element::kDictionary, tag);
@@ -133,8 +135,8 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::startPropertyList(
     return atTag(0, "<plist> has an attribute other than version, expected none");
   }
   if (attributes.version && *attributes.version != "1.0") {
-    return atTag(
-        0, fmt::format("<plist> has version {}, expected \"1.0\"", quoted(*attributes.version)));
+    return atTag(0, fmt::format("<plist> has version {}, expected \"1.0\"",
+                                quotedInMessage(*attributes.version)));
   }
   inPropertyList_ = true;
   return std::nullopt;
@@ -155,7 +157,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::checkMayStandHere(Element e
   if (element == Element::kKey && collection.key) {
     return atTag(collection.keyTag, fmt::format("<key> {} has no value, expected one before the "
                                                 "next <key>",
-                                                quoted(*collection.key)));
+                                                quotedInMessage(*collection.key)));
   }
   if (element != Element::kKey && !collection.key) {
     return atTag(tag,
@@ -167,7 +169,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::checkMayStandHere(Element e
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::openCollection(bool isDictionary,
                                                                     std::size_t tag) {
   if (collections_.size() == kMaxPropertyListDepth) {
-    return overLimit(
+    return overLimitAtTag(
         tag, fmt::format("more than {} collections inside one another", kMaxPropertyListDepth));
   }
   collections_.emplace_back().isDictionary = isDictionary;
@@ -182,9 +184,9 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::closeCollection() {
     return std::nullopt;
   }
   if (collection.key) {
-    return atTag(
-        collection.keyTag,
-        fmt::format("<key> {} has no value, expected one before </dict>", quoted(*collection.key)));
+    return atTag(collection.keyTag,
+                 fmt::format("<key> {} has no value, expected one before </dict>",
+                             quotedInMessage(*collection.key)));
   }
   add(Value(std::move(collection.entries)));
   return std::nullopt;
@@ -208,7 +210,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::text(std::string_view text)
                                                                     : "<array>";
   return atContent(tags_ == 0 ? 0 : tags_ - 1,
                    fmt::format("text {} inside {}, expected an element",
-                               quoted(withoutSurroundingWhiteSpace(text)), where));
+                               quotedInMessage(withoutSurroundingWhiteSpace(text)), where));
 }
 
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::entityReference(std::string_view name) {
@@ -237,8 +239,8 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishLeaf() {
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishKey(std::size_t tag) {
   Collection& dictionary = collections_.back();
   if (dictionary.entries.contains(text_)) {
-    return atTag(tag,
-                 fmt::format("<key> {} occurs twice in its <dict>, expected once", quoted(text_)));
+    return atTag(tag, fmt::format("<key> {} occurs twice in its <dict>, expected once",
+                                  quotedInMessage(text_)));
   }
   dictionary.key = std::move(text_);
   dictionary.keyTag = tag;
@@ -253,23 +255,23 @@ Result<Value, std::string> PropertyListXmlBuilder::scalar() const {
     case Element::kInteger: {
       const auto integer = integerFromText(trimmed);
       if (integer) return Value(*integer);
-      return std::unexpected(describe(integer.error(), trimmed, "integer",
-                                      "decimal digits, or 0x and hexadecimal digits",
-                                      "-9223372036854775808 to 9223372036854775807"));
+      return std::unexpected(describeScalar(integer.error(), trimmed, "integer",
+                                            "decimal digits, or 0x and hexadecimal digits",
+                                            "-9223372036854775808 to 9223372036854775807"));
     }
     case Element::kReal: {
       const auto real = realFromText(trimmed);
       if (real) return Value(*real);
-      return std::unexpected(describe(real.error(), trimmed, "real",
-                                      "a decimal number, nan or infinity",
-                                      "what 64 bits can hold"));
+      return std::unexpected(describeScalar(real.error(), trimmed, "real",
+                                            "a decimal number, nan or infinity",
+                                            "what 64 bits can hold"));
     }
     case Element::kDate: {
       const auto date = dateFromText(trimmed);
       if (date) return Value(*date);
-      return std::unexpected(describe(date.error(), trimmed, "date",
-                                      "the form 2026-01-02T03:04:05Z",
-                                      "a day and time of the years 0001 to 9999"));
+      return std::unexpected(describeScalar(date.error(), trimmed, "date",
+                                            "the form 2026-01-02T03:04:05Z",
+                                            "a day and time of the years 0001 to 9999"));
     }
     case Element::kData: {
       auto data = dataFromText(text_);
@@ -277,13 +279,13 @@ Result<Value, std::string> PropertyListXmlBuilder::scalar() const {
       return std::unexpected(
           fmt::format("{} is no base64, expected groups of four of A-Z a-z 0-9 "
                       "+ / and = at the end",
-                      quoted(trimmed)));
+                      quotedInMessage(trimmed)));
     }
     case Element::kTrue:
     case Element::kFalse:
       if (trimmed.empty()) return Value(leaf_->element == Element::kTrue);
-      return std::unexpected(fmt::format("text {} inside <{}>, expected none", quoted(trimmed),
-                                         nameOf(leaf_->element)));
+      return std::unexpected(fmt::format("text {} inside <{}>, expected none",
+                                         quotedInMessage(trimmed), nameOf(leaf_->element)));
     case Element::kPropertyList:
     case Element::kKey:
     case Element::kArray:

@@ -76,7 +76,7 @@ Result<std::string_view> utf8OfXml(std::span<const std::uint8_t> bytes, std::str
       encoding.empty() || (order ? isOneOf(encoding, {"UTF-16", "UTF-16LE", "UTF-16BE"})
                                  : isOneOf(encoding, {"UTF-8", "US-ASCII", "ASCII"}));
   if (fits) return text;
-  return refuse(0, fmt::format("encoding {}, expected {}", quoted(encoding),
+  return refuse(0, fmt::format("encoding {}, expected {}", quotedInMessage(encoding),
                                order ? "UTF-16, as the file's bytes are"
                                      : "UTF-8, or UTF-16 with a byte order mark"));
 }

@@ -20,7 +20,7 @@ Value read(std::string_view text) {
 // What stands inside <plist> of the second line.
 Value readBody(std::string_view body) { return read(plist(body)); }
 
-std::string errorOf(std::string_view text) {
+std::string xmlErrorOf(std::string_view text) {
   const Result<Value> value = readPropertyList(text, "Service.plist");
   EXPECT_FALSE(value) << text;
   if (value) return "";
@@ -28,7 +28,7 @@ std::string errorOf(std::string_view text) {
   return value.error().context;
 }
 
-std::string errorOfBody(std::string_view body) { return errorOf(plist(body)); }
+std::string errorOfBody(std::string_view body) { return xmlErrorOf(plist(body)); }
 
 TEST(PropertyListXmlTest, ReadsEveryKindOfValue) {
   const Value value = readBody(
@@ -250,7 +250,7 @@ TEST(PropertyListXmlTest, ANulByteIsRefused) {
   EXPECT_EQ(errorOfBody("<string>a\0b</string>"sv),
             "Service.plist:2:10: a NUL character, expected well-formed XML");
   // Four bytes that libxml2 would take for UCS-4.
-  EXPECT_EQ(errorOf("<\0\0\0plist>"sv),
+  EXPECT_EQ(xmlErrorOf("<\0\0\0plist>"sv),
             "Service.plist:1:2: a NUL character, expected well-formed XML");
 }
 
@@ -262,11 +262,11 @@ TEST(PropertyListXmlTest, ADocumentTypeThatDeclaresAnythingIsRefused) {
        {"<!ENTITY a \"b\">", "<!ELEMENT plist ANY>", "<!ATTLIST plist x CDATA \"1\">",
         "<!ENTITY % p \"q\">", "<!NOTATION n SYSTEM \"x\">", "<?x y?>", "%p;",
         "<!-- c --><!ENTITY a \"b\">", "<!ENTITY a SYSTEM \"file:///x\">"}) {
-    EXPECT_EQ(errorOf("<!-- c -->\n <!DOCTYPE plist [" + subset + "]>\n" + plist("<true/>")),
+    EXPECT_EQ(xmlErrorOf("<!-- c -->\n <!DOCTYPE plist [" + subset + "]>\n" + plist("<true/>")),
               kRefusal)
         << subset;
   }
-  EXPECT_EQ(errorOf("<!DOCTYPE html>\n" + plist("<true/>")),
+  EXPECT_EQ(xmlErrorOf("<!DOCTYPE html>\n" + plist("<true/>")),
             "Service.plist:1:1: document type html, expected plist");
 }
 
@@ -277,47 +277,47 @@ TEST(PropertyListXmlTest, ExponentialEntitiesCostNothing) {
     for (int j = 0; j < 10; ++j) text += "&a" + std::to_string(i - 1) + ";";
     text += "\">";
   }
-  const std::string error = errorOf(text + "]><plist version=\"&a29;\"><string>&a29;</string>");
+  const std::string error = xmlErrorOf(text + "]><plist version=\"&a29;\"><string>&a29;</string>");
   EXPECT_EQ(error.substr(0, 18), "Service.plist:1:1:") << error;
 }
 
 TEST(PropertyListXmlTest, AnEntityInAnAttributeIsRefusedAlsoWhereADocumentTypeMightDefineIt) {
-  EXPECT_EQ(errorOf("<!DOCTYPE plist SYSTEM \"x\">\n<plist version=\"&v;1.0\"><true/></plist>"),
+  EXPECT_EQ(xmlErrorOf("<!DOCTYPE plist SYSTEM \"x\">\n<plist version=\"&v;1.0\"><true/></plist>"),
             "Service.plist:2:17: entity &v;, expected none but &amp; &lt; &gt; &quot; &apos; and "
             "character references");
-  EXPECT_EQ(errorOf("<!DOCTYPE plist SYSTEM \"x\">\n" + plist("<string>&v;</string>")),
+  EXPECT_EQ(xmlErrorOf("<!DOCTYPE plist SYSTEM \"x\">\n" + plist("<string>&v;</string>")),
             "Service.plist:3:9: entity &v;, expected none but &amp; &lt; &gt; &quot; &apos; and "
             "character references");
 }
 
 TEST(PropertyListXmlTest, PlistHasNoAttributeButItsVersion) {
   EXPECT_EQ(read("<plist><true/></plist>"), Value(true));
-  EXPECT_EQ(errorOf("<plist version=\"2.0\"><true/></plist>"),
+  EXPECT_EQ(xmlErrorOf("<plist version=\"2.0\"><true/></plist>"),
             "Service.plist:1:1: <plist> has version \"2.0\", expected \"1.0\"");
-  EXPECT_EQ(errorOf("<plist version=\"1.0\" xml:space=\"default\"><true/></plist>"),
+  EXPECT_EQ(xmlErrorOf("<plist version=\"1.0\" xml:space=\"default\"><true/></plist>"),
             "Service.plist:1:1: <plist> has an attribute other than version, expected none");
-  EXPECT_EQ(errorOf("<plist xmlns:x=\"urn:x\"><true/></plist>"),
+  EXPECT_EQ(xmlErrorOf("<plist xmlns:x=\"urn:x\"><true/></plist>"),
             "Service.plist:1:1: <plist> has an attribute other than version, expected none");
-  EXPECT_EQ(errorOf("<dict/>"), "Service.plist:1:1: <dict>, expected <plist>");
+  EXPECT_EQ(xmlErrorOf("<dict/>"), "Service.plist:1:1: <dict>, expected <plist>");
 }
 
 TEST(PropertyListXmlTest, ContentBehindTheListIsRefused) {
   EXPECT_EQ(read("<plist><true/></plist>\n<!-- end -->\n"), Value(true));
-  EXPECT_EQ(errorOf("<plist><true/></plist>\n<plist/>"),
+  EXPECT_EQ(xmlErrorOf("<plist><true/></plist>\n<plist/>"),
             "Service.plist:2:1: content after </plist>, expected the end of the file");
-  EXPECT_EQ(errorOf("<plist><true/></plist>\nx"),
+  EXPECT_EQ(xmlErrorOf("<plist><true/></plist>\nx"),
             "Service.plist:2:1: content after </plist>, expected the end of the file");
 }
 
 TEST(PropertyListXmlTest, ATruncatedFileSaysWhatItEndsInside) {
-  EXPECT_EQ(errorOf(""), "Service.plist:1:1: the file is empty, expected a property list");
-  EXPECT_EQ(errorOf(" \n"), "Service.plist:2:1: the file is empty, expected a property list");
-  EXPECT_EQ(errorOf("<!-- c -->"), "Service.plist:1:11: the file ends here, expected <plist>");
-  EXPECT_EQ(errorOf("<plist>\n <dict>\n  <key>a</key>\n"),
+  EXPECT_EQ(xmlErrorOf(""), "Service.plist:1:1: the file is empty, expected a property list");
+  EXPECT_EQ(xmlErrorOf(" \n"), "Service.plist:2:1: the file is empty, expected a property list");
+  EXPECT_EQ(xmlErrorOf("<!-- c -->"), "Service.plist:1:11: the file ends here, expected <plist>");
+  EXPECT_EQ(xmlErrorOf("<plist>\n <dict>\n  <key>a</key>\n"),
             "Service.plist:4:1: the file ends inside <dict> of 2:2, expected </dict>");
-  EXPECT_EQ(errorOf("<plist>\n <string>ab"),
+  EXPECT_EQ(xmlErrorOf("<plist>\n <string>ab"),
             "Service.plist:2:12: the file ends inside <string> of 2:2, expected </string>");
-  EXPECT_EQ(errorOf("<plist>\n <stri"),
+  EXPECT_EQ(xmlErrorOf("<plist>\n <stri"),
             "Service.plist:2:7: the file ends inside what begins at 2:2, expected the rest of it");
 }
 
@@ -329,7 +329,7 @@ TEST(PropertyListXmlTest, AFileCutAnywhereIsRefusedAtItsEnd) {
       "<plist version=\"1.0\">\n<dict>\n\t<key>a</key>\n\t<array><true/><!-- c -->"
       "<string>x &amp; <![CDATA[y]]></string></array>\n</dict>\n</plist>";
   for (std::size_t size = 0; size < whole.size(); ++size) {
-    const std::string error = errorOf(std::string_view(whole).substr(0, size));
+    const std::string error = xmlErrorOf(std::string_view(whole).substr(0, size));
     EXPECT_NE(error.find("the file "), error.npos) << size << ": " << error;
   }
 }
@@ -356,15 +356,15 @@ TEST(PropertyListXmlTest, ByteOrderMarksAndUtf16AreUnderstood) {
     }
   }
   EXPECT_EQ(read("\xEF\xBB\xBF<plist><true/></plist>"), Value(true));
-  EXPECT_EQ(errorOf("\xEF\xBB\xBF<plist><x/></plist>").substr(0, 18), "Service.plist:1:8:");
+  EXPECT_EQ(xmlErrorOf("\xEF\xBB\xBF<plist><x/></plist>").substr(0, 18), "Service.plist:1:8:");
   std::string halved = encode(true, true);
-  EXPECT_EQ(errorOf(halved.substr(0, halved.size() - 1)),
+  EXPECT_EQ(xmlErrorOf(halved.substr(0, halved.size() - 1)),
             "Service.plist: offset " + std::to_string(halved.size() - 2) + ": ill-formed UTF-16");
 }
 
 TEST(PropertyListXmlTest, OtherEncodingsAreRefused) {
   EXPECT_EQ(read("<?xml version='1.0' encoding='utf-8'?>" + plist("<true/>")), Value(true));
-  EXPECT_EQ(errorOf("<?xml version='1.0' encoding='ISO-8859-1'?>" + plist("<true/>")),
+  EXPECT_EQ(xmlErrorOf("<?xml version='1.0' encoding='ISO-8859-1'?>" + plist("<true/>")),
             "Service.plist:1:1: encoding \"ISO-8859-1\", expected UTF-8, or UTF-16 with a byte "
             "order mark");
 }

@@ -16,10 +16,6 @@ constexpr char kClass[] = "Class";
 constexpr char kProtocols[] = "Protocols";
 constexpr char kValue[] = "Value";
 
-std::unexpected<Error> invalid(std::string what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
-}
-
 std::unexpected<Error> tooMany() {
   return std::unexpected(
       Error{ErrorCode::kExhausted, 0,

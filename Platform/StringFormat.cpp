@@ -13,7 +13,7 @@ namespace {
 
 using format_detail::Conversion;
 
-constexpr std::string_view kNil = "(null)";
+constexpr std::string_view kNilText = "(null)";
 
 // The object's text; `storage` keeps it where it is made anew.
 std::string_view objectText(const FormatArgument& argument, std::string& storage) {
@@ -22,7 +22,7 @@ std::string_view objectText(const FormatArgument& argument, std::string& storage
     std::string_view operator()(std::int64_t n) { return storage = fmt::to_string(n); }
     std::string_view operator()(std::uint64_t n) { return storage = fmt::to_string(n); }
     std::string_view operator()(double n) { return storage = description(Value(n)); }
-    std::string_view operator()(FormatArgument::Text text) { return text.value_or(kNil); }
+    std::string_view operator()(FormatArgument::Text text) { return text.value_or(kNilText); }
     std::string_view operator()(const Value* value) {
       if (const std::string* string = value->string()) return *string;
       return storage = description(*value);
@@ -146,7 +146,7 @@ std::string formatArguments(std::string_view format, std::span<const FormatArgum
     } else if (conversion.type == '%') {
       text += '%';
     } else if (next == arguments.size()) {
-      text += kNil;
+      text += kNilText;
     } else {
       appendConverted(text, conversion, arguments[next++]);
     }

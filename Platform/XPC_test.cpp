@@ -14,7 +14,7 @@
 namespace platform {
 namespace {
 
-class FakeHarness final : public XPCHarness {
+class FakeXPCHarness final : public XPCHarness {
  public:
   XPC& here() override { return here_->xpc; }
   XPC& there() override { return there_->xpc; }
@@ -41,7 +41,7 @@ class FakeHarness final : public XPCHarness {
   std::optional<FakeXPC> there_{std::in_place, network_, PeerCredentials{200, 0, 0}, log_};
 };
 
-std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<FakeHarness>(); }
+std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<FakeXPCHarness>(); }
 
 INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeHarness));
 

@@ -22,6 +22,7 @@ function(_precompile target)
   file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/CMakeFiles/${target}.dir/cmake_pch.hxx.gch.sum"
        CONTENT "${checksum}\n")
   target_precompile_headers(${target} PRIVATE ${ARGN})
+  set_target_properties(${target} PROPERTIES UNITY_BUILD OFF)
 endfunction()
 if(EXISTS /var/lib/dpkg/status)  # Another version of a package may bring other headers.
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS /var/lib/dpkg/status)
@@ -33,6 +34,7 @@ set(common_headers
 _precompile(pch ${common_headers})
 _precompile(test_pch ${common_headers} <gmock/gmock.h> <gtest/gtest.h>)
 target_link_libraries(test_pch PRIVATE GTest::gmock)
+target_compile_options(test_pch PRIVATE -O0)
 
 function(_publish_headers target)
   file(RELATIVE_PATH folder "${CMAKE_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
@@ -81,30 +83,21 @@ function(folder_tests target)
   add_executable(${target} ${ARG_SOURCES})
   target_link_libraries(${target} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
   target_precompile_headers(${target} REUSE_FROM test_pch)
+  # To optimise a test takes longer than to run it. (What it tests is optimised.)
+  target_compile_options(${target} PRIVATE -O0)
+  # Smaller batches than a library's: a test that has changed is to run soon.
+  set_target_properties(${target} PROPERTIES UNITY_BUILD_BATCH_SIZE 6)
   # Without values in the names: some are addresses, which differ from run to run.
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES PROPERTIES TIMEOUT 120)
 endfunction()
 
-# folder_program(TARGET [OUTPUT name] LINK targets... [TEST targets...])
+# folder_program(TARGET LINK targets... [TEST targets...])
 #
-# A program of every .cpp in this folder but the tests, and a test program TARGET_tests of every
-# *_test.cpp, if any, with the program's sources but main.cpp.
+# A program of main.cpp and of a library TARGET_parts with every other .cpp in this folder, and a test
+# program TARGET_tests of every *_test.cpp, if any, which is linked with the same library.
 function(folder_program target)
-  cmake_parse_arguments(ARG "" "OUTPUT" "LINK;TEST" ${ARGN})
-  _publish_headers(${target})
-  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
-  set(tests ${sources})
-  list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
-  list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
-  add_executable(${target} ${sources})
-  target_include_directories(${target} PRIVATE "${${target}_INCLUDE}")
-  target_link_libraries(${target} PRIVATE ${ARG_LINK})
-  if(ARG_OUTPUT)
-    set_target_properties(${target} PROPERTIES OUTPUT_NAME "${ARG_OUTPUT}")
-  endif()
-  if(tests)
-    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
-    folder_tests(${target}_tests SOURCES ${tests} ${sources} LINK ${ARG_LINK} ${ARG_TEST})
-    target_include_directories(${target}_tests PRIVATE "${${target}_INCLUDE}")
-  endif()
+  cmake_parse_arguments(ARG "" "" "LINK;TEST" ${ARGN})
+  folder_library(${target}_parts LINK ${ARG_LINK} TEST ${ARG_TEST})
+  add_executable(${target} main.cpp)
+  target_link_libraries(${target} PRIVATE ${target}_parts)
 endfunction()

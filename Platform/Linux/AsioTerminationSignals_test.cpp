@@ -22,13 +22,14 @@ class RealSignals final : public TerminationHarness {
 };
 
 template <int signal>
-std::unique_ptr<TerminationHarness> makeHarness() {
+std::unique_ptr<TerminationHarness> makeSignalsHarness() {
   return std::make_unique<RealSignals<signal>>();
 }
 
 INSTANTIATE_TEST_SUITE_P(Sigterm, TerminationSignalsContract,
-                         testing::Values(&makeHarness<SIGTERM>));
-INSTANTIATE_TEST_SUITE_P(Sigint, TerminationSignalsContract, testing::Values(&makeHarness<SIGINT>));
+                         testing::Values(&makeSignalsHarness<SIGTERM>));
+INSTANTIATE_TEST_SUITE_P(Sigint, TerminationSignalsContract,
+                         testing::Values(&makeSignalsHarness<SIGINT>));
 
 TEST(AsioTerminationSignalsTest, WithoutAWatchTheSignalEndsTheProgram) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -21,10 +21,6 @@ namespace {
 
 constexpr std::size_t kMostLinkBytes = 4095;
 
-std::unexpected<CodeSigningFailure> refuse(std::string reason) {
-  return std::unexpected(CodeSigningFailure{errSecCSBadResource, std::move(reason)});
-}
-
 // The kernel resolves the link, since a text alone does not tell through which other links it goes.
 CodeSigningResult<void> checkStaysInside(int bundle, const std::string& relative,
                                          const std::string& path) {
@@ -34,8 +30,9 @@ CodeSigningResult<void> checkStaysInside(int bundle, const std::string& relative
   const UniqueFd target(static_cast<int>(retryOnInterrupt(
       [&] { return ::syscall(SYS_openat2, bundle, relative.c_str(), &how, sizeof how); })));
   if (target) return {};
-  if (errno == EXDEV) return refuse(path + ": is a symbolic link that leads out of the bundle");
-  if (errno == ENOENT) return refuse(path + ": is a symbolic link that leads nowhere");
+  if (errno == EXDEV)
+    return refuseResource(path + ": is a symbolic link that leads out of the bundle");
+  if (errno == ENOENT) return refuseResource(path + ": is a symbolic link that leads nowhere");
   return std::unexpected(failureOfSystemCall(path, errno));
 }
 
@@ -82,7 +79,7 @@ class Listing {
       return std::nullopt;
     }
     if (contents_.facts.size() >= kMaxBundleItems) {
-      return refuse(
+      return refuseResource(
           fmt::format("{}: holds more than {} files, folders and links", bundle_, kMaxBundleItems));
     }
     const auto status = lookAt(path);
@@ -90,7 +87,8 @@ class Listing {
     contents_.facts.push_back({path, FileFact::Covers::kContents, *status});
     if (S_ISDIR(status->st_mode)) {
       if (in.depth + 1 > kMaxBundleDepth) {
-        return refuse(fmt::format("{}: lies more than {} folders deep", path, kMaxBundleDepth));
+        return refuseResource(
+            fmt::format("{}: lies more than {} folders deep", path, kMaxBundleDepth));
       }
       return Folder{std::move(path), in.depth + 1};
     }
@@ -103,7 +101,7 @@ class Listing {
     std::string relative = path.substr(bundle_.size() + 1);
     const bool isLink = S_ISLNK(status.st_mode);
     if (!isLink && !S_ISREG(status.st_mode)) {
-      return refuse(path + ": is neither a file, a folder nor a symbolic link");
+      return refuseResource(path + ": is neither a file, a folder nor a symbolic link");
     }
     std::string text;
     if (isLink) {

@@ -18,22 +18,18 @@ constexpr std::string_view kHash = "hash2";
 constexpr std::string_view kLink = "symlink";
 constexpr std::size_t kHashBytes = 32;
 
-std::unexpected<CodeSigningFailure> refuse(std::string reason) {
-  return std::unexpected(CodeSigningFailure{errSecCSBadResource, std::move(reason)});
-}
-
 CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
   const auto file = openRegularFile(item.path);
   if (!file && file.error().osError != 0) {
     return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
   }
-  if (!file) return refuse(describe(file.error()));
+  if (!file) return refuseResource(describe(file.error()));
   struct stat status{};
   if (::fstat(file->get(), &status) != 0) {
     return std::unexpected(failureOfSystemCall(item.path, errno));
   }
   if (static_cast<std::uint64_t>(status.st_size) != item.size) {
-    return refuse(item.path + ": was changed while it was looked at");
+    return refuseResource(item.path + ": was changed while it was looked at");
   }
   return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);
 }
@@ -56,17 +52,17 @@ std::optional<SealedItem> readItem(const Value& entry) {
 CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes,
                                              const std::string& name) {
   const auto list = readPropertyList(bytes, name);
-  if (!list) return refuse(describe(list.error()));
+  if (!list) return refuseResource(describe(list.error()));
   const Dictionary* const files = (*list)[kFiles].dictionary();
   if (!files || list->dictionary()->size() != 1) {
-    return refuse(name + ": expected a dictionary with the one key \"files2\"");
+    return refuseResource(name + ": expected a dictionary with the one key \"files2\"");
   }
   BundleSeal seal;
   for (const auto& [path, entry] : *files) {
     auto item = readItem(entry);
     if (!item) {
-      return refuse(name + ": \"" + path +
-                    "\": expected \"hash2\" with 32 bytes or \"symlink\" with a text");
+      return refuseResource(name + ": \"" + path +
+                            "\": expected \"hash2\" with 32 bytes or \"symlink\" with a text");
     }
     seal.emplace(path, *std::move(item));
   }
@@ -86,7 +82,7 @@ CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents) {
   }
   auto bytes = writePropertyList(Dictionary{{std::string(kFiles), std::move(files)}},
                                  PropertyListFormat::kXml);
-  if (!bytes) return refuse(describe(bytes.error()));
+  if (!bytes) return refuseResource(describe(bytes.error()));
   return *std::move(bytes);
 }
 
@@ -94,18 +90,19 @@ CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleCont
                                         const std::string& bundle) {
   for (const auto& [path, item] : contents.items) {
     const auto sealed = seal.find(path);
-    if (sealed == seal.end()) return refuse(item.path + ": was added after the bundle was sealed");
+    if (sealed == seal.end())
+      return refuseResource(item.path + ": was added after the bundle was sealed");
     if (item.isLink != sealed->second.sha256.empty()) {
-      return refuse(item.path + ": was a " + (item.isLink ? "file" : "symbolic link") +
-                    " when the bundle was sealed");
+      return refuseResource(item.path + ": was a " + (item.isLink ? "file" : "symbolic link") +
+                            " when the bundle was sealed");
     }
     if (item.linkText != sealed->second.linkText) {
-      return refuse(item.path + ": leads elsewhere than when the bundle was sealed");
+      return refuseResource(item.path + ": leads elsewhere than when the bundle was sealed");
     }
   }
   for (const auto& [path, sealed] : seal) {
     if (!contents.items.contains(path)) {
-      return refuse(bundle + "/" + path + ": is missing from the bundle");
+      return refuseResource(bundle + "/" + path + ": is missing from the bundle");
     }
   }
   for (const auto& [path, item] : contents.items) {
@@ -113,7 +110,7 @@ CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleCont
     const auto digest = digestOfItem(item);
     if (!digest) return std::unexpected(digest.error());
     if (*digest != seal.find(path)->second.sha256) {
-      return refuse(item.path + ": was changed after the bundle was sealed");
+      return refuseResource(item.path + ": was changed after the bundle was sealed");
     }
   }
   return {};

@@ -13,10 +13,6 @@
 namespace platform {
 namespace {
 
-std::unexpected<CodeSigningFailure> refuse(OSStatus status, std::string reason) {
-  return std::unexpected(CodeSigningFailure{status, std::move(reason)});
-}
-
 // A part of the seal whole, with what was seen of it added to `facts`.
 CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t mostBytes,
                                             OSStatus statusOfMissing, FileFacts& facts) {

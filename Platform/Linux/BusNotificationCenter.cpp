@@ -41,7 +41,7 @@ std::string socketPathOf(const std::string& address) {
   return result;
 }
 
-std::string quoted(std::string_view text) {
+std::string quotedForMatchRule(std::string_view text) {
   std::string result = "'";
   for (const char character : text) {
     if (character == '\'') {
@@ -59,7 +59,7 @@ std::string ruleFor(const std::optional<std::string>& name) {
                                            kInterface, kMember, kPath);
   if (!name || name->find('\0') != std::string::npos || !dbus_validate_utf8(name->c_str(), nullptr))
     return all;
-  std::string rule = all + ",arg0=" + quoted(*name);
+  std::string rule = all + ",arg0=" + quotedForMatchRule(*name);
   return rule.size() <= kMaxMatchRuleBytes ? rule : all;
 }
 
@@ -106,7 +106,7 @@ bool appendObject(DBusMessageIter* into, const std::optional<std::string>& objec
   return dbus_message_iter_close_container(into, &array);
 }
 
-Result<UniqueDBusMessage> encode(const DistributedNotification& notification) {
+Result<UniqueDBusMessage> encodeNotification(const DistributedNotification& notification) {
   if (auto possible = checkDistributedNotification(notification); !possible)
     return std::unexpected(std::move(possible.error()));
   // As one message: its rules are those of every text and value that libdbus is handed.
@@ -364,7 +364,7 @@ void BusNotificationCenter::send(const DistributedNotification& notification) {
 }
 
 Result<void> BusNotificationCenter::trySend(const DistributedNotification& notification) {
-  auto message = encode(notification);
+  auto message = encodeNotification(notification);
   if (!message) return std::unexpected(std::move(message.error()));
   if (!connection_)
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -228,7 +229,7 @@ TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotLiftIt) {
   const std::size_t smallest = frame_ + 1;
   postUntilRefused(smallest, "does not read");
   // Asking for its signals, and no longer asking, is more than one of these posts.
-  center_->addObserver(
+  std::ignore = center_->addObserver(
       "b", std::nullopt, [](const DistributedNotification&) {},
       NSNotificationSuspensionBehavior::kDeliverImmediately);
   for (const std::size_t size : {smallest, kMaxNotificationBytes}) {

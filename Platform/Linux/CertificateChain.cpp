@@ -13,7 +13,8 @@
 namespace platform {
 namespace {
 
-std::unexpected<CodeSigningFailure> refuse(const std::string& name, const std::string& reason) {
+std::unexpected<CodeSigningFailure> refuseChain(const std::string& name,
+                                                const std::string& reason) {
   takeOpenSslError();
   return std::unexpected(CodeSigningFailure{errSecCSReqFailed, name + ": " + reason});
 }
@@ -71,21 +72,22 @@ CodeSigningResult<void> checkRules(STACK_OF(X509) * chain, STACK_OF(X509) * anch
   const int last = sk_X509_num(chain) - 1;
   for (int i = 0; i <= last; ++i) {
     X509* const certificate = sk_X509_value(chain, i);
-    if (const auto weak = faultOfKey(certificate)) return refuse(name, fault(certificate, *weak));
+    if (const auto weak = faultOfKey(certificate))
+      return refuseChain(name, fault(certificate, *weak));
     if (i == last || contains(anchors, certificate)) continue;
     if (const auto weak = faultOfDigest(certificate)) {
-      return refuse(name, fault(certificate, *weak));
+      return refuseChain(name, fault(certificate, *weak));
     }
   }
   for (int i = 1; i <= last; ++i) {
     X509* const issuer = sk_X509_value(chain, i);
-    if (const auto wrong = faultOfIssuer(issuer)) return refuse(name, fault(issuer, *wrong));
+    if (const auto wrong = faultOfIssuer(issuer)) return refuseChain(name, fault(issuer, *wrong));
   }
   X509* const signer = sk_X509_value(chain, 0);
   const auto standing =
       contains(anchors, signer) ? SignerStanding::kAnchor : SignerStanding::kIssued;
   if (const auto wrong = faultOfSigner(signer, standing)) {
-    return refuse(name, fault(signer, *wrong));
+    return refuseChain(name, fault(signer, *wrong));
   }
   return {};
 }
@@ -97,7 +99,7 @@ CodeSigningResult<CertificateChain> describeChain(STACK_OF(X509) * certificates,
     X509* const certificate = sk_X509_value(certificates, i);
     const auto from = timeOfAsn1(X509_get0_notBefore(certificate));
     const auto to = timeOfAsn1(X509_get0_notAfter(certificate));
-    if (!from || !to) return refuse(name, fault(certificate, "has ill-formed dates"));
+    if (!from || !to) return refuseChain(name, fault(certificate, "has ill-formed dates"));
     chain.notBefore = std::max(chain.notBefore, *from);
     chain.notAfter = std::min(chain.notAfter, *to);
     chain.certificates.push_back(derOfCertificate(certificate));
@@ -126,7 +128,7 @@ CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF
   X509_VERIFY_PARAM_set_auth_level(parameters, 0);
   X509_VERIFY_PARAM_set_time(parameters, time.time_since_epoch().count());
   if (X509_verify_cert(check.get()) != 1) {
-    return refuse(name, reasonOfChain(check.get(), signer, time));
+    return refuseChain(name, reasonOfChain(check.get(), signer, time));
   }
   STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(check.get());
   if (auto checked = checkRules(chain, anchors, name); !checked) {

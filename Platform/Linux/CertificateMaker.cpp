@@ -12,10 +12,6 @@ namespace {
 
 constexpr int kSerialBits = 128;
 
-std::unexpected<Error> failed(const std::string& what) {
-  return std::unexpected(Error{ErrorCode::kSystem, 0, what + ": " + takeOpenSslError()});
-}
-
 bool setName(X509* certificate, const std::string& commonName) {
   X509_NAME* const name = X509_get_subject_name(certificate);
   return X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
@@ -66,20 +62,20 @@ CertificateRequest authorityRequest(std::string commonName, std::chrono::sys_sec
 
 Result<KeyHandle> makeEcKey(const char* curve) {
   KeyHandle key(EVP_EC_gen(curve));
-  if (!key) return failed("making a key");
+  if (!key) return openSslFailure("making a key");
   return key;
 }
 
 Result<KeyHandle> makeRsaKey(unsigned int bits) {
   KeyHandle key(EVP_RSA_gen(bits));
-  if (!key) return failed("making a key");
+  if (!key) return openSslFailure("making a key");
   return key;
 }
 
 Result<CertificateHandle> makeCertificate(const CertificateRequest& request, EVP_PKEY* key,
                                           const SigningIdentity* issuer) {
   CertificateHandle certificate(X509_new());
-  if (!certificate) return failed("making a certificate");
+  if (!certificate) return openSslFailure("making a certificate");
   X509* const made = certificate.get();
   X509* const by = issuer ? issuer->chain.front().get() : made;
   EVP_PKEY* const byKey = issuer ? issuer->key.get() : key;
@@ -93,7 +89,7 @@ Result<CertificateHandle> makeCertificate(const CertificateRequest& request, EVP
                     addExtension(made, by, NID_subject_key_identifier, "hash") &&
                     addExtension(made, by, NID_authority_key_identifier, issuer ? "keyid" : "") &&
                     X509_sign(made, byKey, request.digest) > 0;
-  if (!done) return failed("making the certificate \"" + request.commonName + "\"");
+  if (!done) return openSslFailure("making the certificate \"" + request.commonName + "\"");
   return certificate;
 }
 

@@ -28,7 +28,7 @@ Attribute onlyValue(const CMS_SignerInfo* signer, int kind, const char* name) {
   return onlyValue(signer, OBJ_nid2obj(kind), name);
 }
 
-std::span<const std::uint8_t> bytesOf(const ASN1_STRING* text) {
+std::span<const std::uint8_t> bytesOfAttribute(const ASN1_STRING* text) {
   return {ASN1_STRING_get0_data(text), static_cast<std::size_t>(ASN1_STRING_length(text))};
 }
 
@@ -45,7 +45,7 @@ std::expected<void, std::string> readDigest(const CMS_SignerInfo* signer,
   if (!*digest || (*digest)->type != V_ASN1_OCTET_STRING) {
     return std::unexpected("has signed attributes without a digest");
   }
-  const auto bytes = bytesOf((*digest)->value.octet_string);
+  const auto bytes = bytesOfAttribute((*digest)->value.octet_string);
   attributes.messageDigest.assign(bytes.begin(), bytes.end());
   return {};
 }
@@ -69,7 +69,7 @@ std::expected<void, std::string> readIdentifier(const CMS_SignerInfo* signer,
   if (!identifier) return std::unexpected(identifier.error());
   if (!*identifier) return {};
   if ((*identifier)->type == V_ASN1_UTF8STRING) {
-    const auto bytes = bytesOf((*identifier)->value.utf8string);
+    const auto bytes = bytesOfAttribute((*identifier)->value.utf8string);
     std::string text(bytes.begin(), bytes.end());
     if (isUsableIdentifier(text)) attributes.identifier = std::move(text);
   }
@@ -84,7 +84,7 @@ std::expected<void, std::string> readSigningCertificates(const CMS_SignerInfo* s
   if (!value) return std::unexpected(value.error());
   if (!*value) return {};
   if ((*value)->type == V_ASN1_SEQUENCE) {
-    const auto bytes = bytesOf((*value)->value.sequence);
+    const auto bytes = bytesOfAttribute((*value)->value.sequence);
     const unsigned char* next = bytes.data();
     attributes.signingCertificates.reset(
         d2i_ESS_SIGNING_CERT_V2(nullptr, &next, static_cast<long>(bytes.size())));

@@ -9,10 +9,6 @@
 namespace platform {
 namespace {
 
-std::unexpected<Error> failed(const std::string& what) {
-  return std::unexpected(Error{ErrorCode::kSystem, 0, what + ": " + takeOpenSslError()});
-}
-
 bool addTime(CMS_SignerInfo* signer, std::chrono::sys_seconds time) {
   const std::unique_ptr<ASN1_TIME, OpenSslDeleter<ASN1_TIME_free>> value(
       ASN1_TIME_adj(nullptr, static_cast<std::time_t>(time.time_since_epoch().count()), 0, 0));
@@ -62,7 +58,7 @@ Result<Data> makeCmsSignature(const SigningIdentity& identity, const SigningOpti
   }
   const unsigned int flags = CMS_PARTIAL | CMS_DETACHED | CMS_BINARY | CMS_NOSMIMECAP;
   const CmsHandle cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
-  if (!cms) return failed("making a signature");
+  if (!cms) return openSslFailure("making a signature");
   CMS_SignerInfo* const signer = CMS_add1_signer(cms.get(), identity.chain.front().get(),
                                                  identity.key.get(), EVP_sha256(), flags);
   bool done = signer && addDigest(signer, sha256) && addTime(signer, options.time) &&
@@ -72,11 +68,11 @@ Result<Data> makeCmsSignature(const SigningIdentity& identity, const SigningOpti
   for (std::size_t i = 1; done && i < identity.chain.size(); ++i) {
     done = CMS_add1_cert(cms.get(), identity.chain[i].get()) == 1;
   }
-  if (!done || CMS_SignerInfo_sign(signer) != 1) return failed("signing");
+  if (!done || CMS_SignerInfo_sign(signer) != 1) return openSslFailure("signing");
   unsigned char* bytes = nullptr;
   const int size = i2d_CMS_ContentInfo(cms.get(), &bytes);
   const OpenSslMemory<unsigned char> held(bytes);
-  if (size <= 0) return failed("writing a signature");
+  if (size <= 0) return openSslFailure("writing a signature");
   return Data(bytes, bytes + size);
 }
 

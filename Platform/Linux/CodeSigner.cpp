@@ -22,7 +22,7 @@ namespace {
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kNewFolderMode = 0755;
 
-Error errorOf(const CodeSigningFailure& failure) {
+Error signingError(const CodeSigningFailure& failure) {
   return Error{ErrorCode::kInvalid, 0, failure.reason};
 }
 
@@ -45,7 +45,7 @@ Result<std::uint64_t> payloadBytes(const OpenFile& opened, const std::string& pa
   const auto size = static_cast<std::uint64_t>(opened.status.st_size);
   const auto endingBytes = static_cast<std::size_t>(std::min<std::uint64_t>(size, kTrailerBytes));
   const auto ending = readRange(opened.file.get(), size - endingBytes, endingBytes, path);
-  if (!ending) return std::unexpected(errorOf(ending.error()));
+  if (!ending) return std::unexpected(signingError(ending.error()));
   const auto trailer = readSignatureTrailer(size, *ending);
   if (trailer) return trailer->payloadBytes;
   if (trailer.error() == TrailerFault::kAbsent) return size;
@@ -68,7 +68,7 @@ Result<Data> boundedSignature(const std::string& path, const SigningIdentity& id
 Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std::string& path,
                            const SigningIdentity& identity, const SigningOptions& options) {
   const auto digest = digestOfFile(opened.file.get(), size, EVP_sha256(), path);
-  if (!digest) return std::unexpected(errorOf(digest.error()));
+  if (!digest) return std::unexpected(signingError(digest.error()));
   return boundedSignature(path, identity, options, *digest);
 }
 
@@ -134,11 +134,11 @@ namespace {
 Result<void> writeSeal(const std::string& path, const std::string& folder, const struct stat& like,
                        const SigningIdentity& identity, const SigningOptions& options) {
   const auto contents = listBundle(path);
-  if (!contents) return std::unexpected(errorOf(contents.error()));
+  if (!contents) return std::unexpected(signingError(contents.error()));
   const auto list = makeBundleSeal(*contents);
-  if (!list) return std::unexpected(errorOf(list.error()));
+  if (!list) return std::unexpected(signingError(list.error()));
   const auto digest = digestOfBytes(*list, EVP_sha256(), path);
-  if (!digest) return std::unexpected(errorOf(digest.error()));
+  if (!digest) return std::unexpected(signingError(digest.error()));
   const auto signature = boundedSignature(path, identity, options, *digest);
   if (!signature) return std::unexpected(signature.error());
   auto newList = writeNewFile(folder + "/" + std::string(kSealListName), *list, like);
@@ -173,7 +173,7 @@ Result<bool> canCarrySignature(const std::string& path) {
   constexpr std::array<std::uint8_t, 4> kElf{0x7f, 'E', 'L', 'F'};
   if (opened->status.st_size < static_cast<off_t>(kElf.size())) return false;
   const auto start = readRange(opened->file.get(), 0, kElf.size(), path);
-  if (!start) return std::unexpected(errorOf(start.error()));
+  if (!start) return std::unexpected(signingError(start.error()));
   return std::ranges::equal(*start, kElf);
 }
 

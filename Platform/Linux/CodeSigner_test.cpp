@@ -16,11 +16,6 @@
 namespace platform {
 namespace {
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 // An identity whose signatures have as many bytes as the test wants. RSA: those of elliptic curves
 // differ by a few bytes each time.
 class SignatureSizeTest : public testing::Test {
@@ -75,13 +70,13 @@ TEST_F(SignatureSizeTest, ASealsSignatureIsOfSoManyBytesAndNoMore) {
     EXPECT_EQ(std::filesystem::file_size(signature), bytes);
   }
   const std::string list = bundle + "/Contents/_CodeSignature/CodeResources";
-  const auto before = std::pair(contentOf(signature), contentOf(list));
+  const auto before = std::pair(contentOfFile(signature), contentOfFile(list));
   bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // Needs another list.
   const auto done = signBundle(bundle, identity_, optionsForBytes(kMaxSignatureBytes + 1));
   ASSERT_FALSE(done);
   EXPECT_EQ(done.error().code, ErrorCode::kExhausted);
   EXPECT_THAT(describe(done.error()), testing::HasSubstr(bundle));
-  EXPECT_EQ(std::pair(contentOf(signature), contentOf(list)), before);
+  EXPECT_EQ(std::pair(contentOfFile(signature), contentOfFile(list)), before);
 }
 
 TEST_F(SignatureSizeTest, AProgramsSignatureIsOfSoManyBytesAndNoMore) {
@@ -92,11 +87,11 @@ TEST_F(SignatureSizeTest, AProgramsSignatureIsOfSoManyBytesAndNoMore) {
     ASSERT_TRUE(done) << describe(done.error());
     EXPECT_EQ(std::filesystem::file_size(program), payload + bytes + kTrailerBytes);
   }
-  const std::string before = contentOf(program);
+  const std::string before = contentOfFile(program);
   const auto done = signProgram(program, identity_, optionsForBytes(kMaxSignatureBytes + 1));
   ASSERT_FALSE(done);
   EXPECT_EQ(done.error().code, ErrorCode::kExhausted);
-  EXPECT_EQ(contentOf(program), before);
+  EXPECT_EQ(contentOfFile(program), before);
 }
 
 }  // namespace

@@ -19,10 +19,10 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view kFolder = "/run/vantor/connections";
+constexpr std::string_view kConnectionsFolder = "/run/vantor/connections";
 constexpr std::string_view kMachFolder = "/run/vantor/mach";
 constexpr std::string_view kDigestMark = "sha256-";
-constexpr mode_t kMode = 01775;
+constexpr mode_t kConnectionsFolderMode = 01775;
 constexpr std::size_t kMaxGroupEntry = std::size_t{1} << 20;
 
 bool isFileName(std::string_view name) {
@@ -45,7 +45,7 @@ std::string pathIn(std::string_view folder, std::string_view root, std::string_v
   return fmt::format("{}{}/{}", root == "/" ? "" : root, folder, asItIs ? name : digestOf(name));
 }
 
-ErrorCode codeOf(int number) {
+ErrorCode codeOfFolderError(int number) {
   if (number == ENOENT) return ErrorCode::kNotFound;
   // ELOOP and ENOTDIR: somebody has put something else in the folder's place.
   return number == EACCES || number == EPERM || number == ELOOP || number == ENOTDIR
@@ -53,8 +53,8 @@ ErrorCode codeOf(int number) {
              : ErrorCode::kSystem;
 }
 
-std::unexpected<Error> failure(std::string what) {
-  return std::unexpected(systemError(std::move(what), codeOf(errno)));
+std::unexpected<Error> folderFailure(std::string what) {
+  return std::unexpected(systemError(std::move(what), codeOfFolderError(errno)));
 }
 
 Result<gid_t> groupNumber(const std::string& name) {
@@ -75,13 +75,13 @@ Result<UniqueFd> makeAndOpen(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
        slash = path.find('/', slash + 1)) {
     if (::mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
-      return failure("making " + path.substr(0, slash));
+      return folderFailure("making " + path.substr(0, slash));
   }
-  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return failure("making " + path);
+  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return folderFailure("making " + path);
   UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!folder) return failure("opening " + path);
+  if (!folder) return folderFailure("opening " + path);
   struct stat status{};
-  if (::fstat(folder.get(), &status) != 0) return failure("looking at " + path);
+  if (::fstat(folder.get(), &status) != 0) return folderFailure("looking at " + path);
   if (status.st_uid != ::geteuid())
     return std::unexpected(
         Error{ErrorCode::kDenied, 0, fmt::format("{} belongs to user {}", path, status.st_uid)});
@@ -91,7 +91,7 @@ Result<UniqueFd> makeAndOpen(const std::string& path) {
 }  // namespace
 
 std::string pathOfConnection(std::string_view root, std::string_view name) {
-  return pathIn(kFolder, root, name);
+  return pathIn(kConnectionsFolder, root, name);
 }
 
 std::string pathOfMachService(std::string_view root, std::string_view name) {
@@ -106,12 +106,13 @@ Result<void> makeConnectionsFolder(const PlatformConfiguration& configuration) {
     group = *number;
   }
   std::string path(configuration.root == "/" ? "" : configuration.root);
-  path += kFolder;
+  path += kConnectionsFolder;
   const auto folder = makeAndOpen(path);
   if (!folder) return std::unexpected(folder.error());
   if (group && ::fchown(folder->get(), static_cast<uid_t>(-1), *group) != 0)
-    return failure(fmt::format("giving {} to the group \"{}\"", path, *configuration.group));
-  if (::fchmod(folder->get(), kMode) != 0) return failure("setting the mode of " + path);
+    return folderFailure(fmt::format("giving {} to the group \"{}\"", path, *configuration.group));
+  if (::fchmod(folder->get(), kConnectionsFolderMode) != 0)
+    return folderFailure("setting the mode of " + path);
   return {};
 }
 

@@ -14,7 +14,7 @@ namespace platform {
 namespace {
 
 // Large enough that system calls don't count, small enough for the second-level cache.
-constexpr std::size_t kPieceBytes = 128 * 1024;
+constexpr std::size_t kDigestPieceBytes = 128 * 1024;
 
 std::unexpected<CodeSigningFailure> digestFailure(const std::string& name) {
   return std::unexpected(CodeSigningFailure{kErrnoStatusBase + ENOMEM,
@@ -61,9 +61,10 @@ CodeSigningResult<std::vector<std::uint8_t>> digestOfFile(int file, std::uint64_
   }
   const DigestContext context(EVP_MD_CTX_new());
   if (!context || EVP_DigestInit_ex(context.get(), kind, nullptr) != 1) return digestFailure(name);
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
+  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kDigestPieceBytes);
   for (std::uint64_t done = 0; done < size;) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kPieceBytes));
+    const auto wanted =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kDigestPieceBytes));
     const auto count = readAt(file, piece.get(), wanted, done, name);
     if (!count) return std::unexpected(count.error());
     if (*count != wanted) return becameShorter(name);

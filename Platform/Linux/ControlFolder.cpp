@@ -13,18 +13,18 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view kFolder = "/run/vantor/control";
-constexpr mode_t kMode = 0700;
+constexpr std::string_view kControlFolder = "/run/vantor/control";
+constexpr mode_t kControlFolderMode = 0700;
 
 }  // namespace
 
 std::string controlFolder(std::string_view root) {
-  return fmt::format("{}{}", root == "/" ? "" : root, kFolder);
+  return fmt::format("{}{}", root == "/" ? "" : root, kControlFolder);
 }
 
 Result<void> makeControlFolder(const std::string& root) {
   const std::string path = controlFolder(root);
-  const std::size_t below = path.size() - kFolder.size();
+  const std::size_t below = path.size() - kControlFolder.size();
   for (std::size_t slash = path.find('/', below + 1); slash != path.npos;
        slash = path.find('/', slash + 1)) {
     const std::string folder = path.substr(0, slash);
@@ -32,7 +32,7 @@ Result<void> makeControlFolder(const std::string& root) {
       return std::unexpected(systemError("making " + folder));
     }
   }
-  if (::mkdir(path.c_str(), kMode) != 0 && errno != EEXIST) {
+  if (::mkdir(path.c_str(), kControlFolderMode) != 0 && errno != EEXIST) {
     return std::unexpected(systemError("making " + path));
   }
   struct stat status{};

@@ -24,7 +24,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr Duration kShortTimeout = std::chrono::milliseconds(10);
+constexpr Duration kMessageTimeout = std::chrono::milliseconds(10);
 
 // An extension that does not keep to the protocol: what it is about to answer lies there before it
 // is asked.
@@ -59,7 +59,7 @@ class CrudeExtensionTest : public testing::Test {
 
   TemporaryFolder root_;
   UniqueFd listening_{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
-  LinuxKernelControls controls_{root_.path(), kShortTimeout};
+  LinuxKernelControls controls_{root_.path(), kMessageTimeout};
   std::unique_ptr<ControlSocket> socket_;
   UniqueFd accepted_;
 };

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kBacklog = 16;
 // Without a descriptor to accept with, the socket stays readable: not to be looked at all the time.
-constexpr Duration kPause = std::chrono::milliseconds(100);
+constexpr Duration kAcceptPause = std::chrono::milliseconds(100);
 
 Result<UniqueFd> bindAndListen(const std::string& path) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -93,7 +93,7 @@ void ControlServer::accept() {
   }
   if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
   source_.reset();
-  pause_ = loop_.startTimer(kPause, RunLoop::Repeat::kOnce, [this] {
+  pause_ = loop_.startTimer(kAcceptPause, RunLoop::Repeat::kOnce, [this] {
     // Where it still can't be watched, the next client that goes brings it back.
     if (clients_.size() < kMaxClients) static_cast<void>(watchForClients());
   });

@@ -23,10 +23,6 @@ std::unexpected<Error> noMemory() {
   return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory for a D-Bus message"});
 }
 
-std::unexpected<Error> invalid(std::string what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
-}
-
 std::unexpected<NSException> unreadable(const Error& error) {
   return std::unexpected(NSException{
       kNSInvalidArgumentException, "An answer that can't be read: " + describe(error), {}});

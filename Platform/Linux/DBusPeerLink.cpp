@@ -26,14 +26,6 @@ namespace platform {
 
 namespace {
 
-std::unexpected<NSException> raised(const char* name, std::string reason) {
-  return std::unexpected(NSException{name, std::move(reason), {}});
-}
-
-std::unexpected<NSException> raisedGone() {
-  return raised(kNSInvalidSendPortException, "The connection has ended.");
-}
-
 bool isAnswer(DBusMessage* message) {
   const int type = dbus_message_get_type(message);
   return type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;

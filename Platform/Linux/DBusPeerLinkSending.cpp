@@ -12,14 +12,6 @@ namespace platform {
 
 namespace {
 
-std::unexpected<NSException> raised(const char* name, std::string reason) {
-  return std::unexpected(NSException{name, std::move(reason), {}});
-}
-
-std::unexpected<NSException> raisedGone() {
-  return raised(kNSInvalidSendPortException, "The connection has ended.");
-}
-
 std::unexpected<NSException> raisedTimeout() {
   return raised(kNSPortTimeoutException, "No answer in time.");
 }

@@ -20,8 +20,6 @@ namespace {
 
 using Kind = PeerConnectFailure::Kind;
 
-constexpr Descriptor kFirstPassed = 3;
-
 // The owner's end of a connection.
 class DBusPeerConnection final : public PeerConnection {
  public:
@@ -71,7 +69,7 @@ Result<void> checkPassed(Descriptor passed) {
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0, "descriptor " + std::to_string(passed) + " is not " + what});
   };
-  if (passed != kFirstPassed) return wrong("the first that is passed to a process, 3");
+  if (passed != kFirstPassedDescriptor) return wrong("the first that is passed to a process, 3");
   const auto option = [passed](int name) {
     int content = -1;
     socklen_t length = sizeof(content);

@@ -8,9 +8,9 @@
 namespace platform {
 namespace {
 
-std::unique_ptr<PeerTransportHarness> makeHarness() { return std::make_unique<PeerThreads>(); }
+std::unique_ptr<PeerTransportHarness> makePeerHarness() { return std::make_unique<PeerThreads>(); }
 
-INSTANTIATE_TEST_SUITE_P(DBus, PeerTransportContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(DBus, PeerTransportContract, testing::Values(&makePeerHarness));
 
 }  // namespace
 }  // namespace platform

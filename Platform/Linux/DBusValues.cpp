@@ -140,10 +140,6 @@ T basic(DBusMessageIter* from) {
   return content;
 }
 
-std::unexpected<Error> invalid(std::string what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, std::move(what)});
-}
-
 }  // namespace
 
 bool appendVariant(DBusMessageIter* into, const Value& value) {

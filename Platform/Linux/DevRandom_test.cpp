@@ -10,12 +10,12 @@
 namespace platform {
 namespace {
 
-using Bytes = std::array<std::uint8_t, 8>;
+using EightBytes = std::array<std::uint8_t, 8>;
 
 TEST(DevRandomTest, GivesOtherBytesEachTime) {
   DevRandom device;
-  Bytes one{};
-  Bytes other{};
+  EightBytes one{};
+  EightBytes other{};
   EXPECT_EQ(device.read(one).value(), 8u);
   EXPECT_EQ(device.read(other).value(), 8u);
   EXPECT_NE(one, other);
@@ -24,22 +24,22 @@ TEST(DevRandomTest, GivesOtherBytesEachTime) {
 TEST(DevRandomTest, ReadsWhatThereIs) {
   const TemporaryFolder folder;
   DevRandom device(folder.write("seven", "1234567"));
-  Bytes bytes{};
+  EightBytes bytes{};
   EXPECT_EQ(device.read(bytes).value(), 7u);
-  EXPECT_EQ(bytes, (Bytes{'1', '2', '3', '4', '5', '6', '7'}));
+  EXPECT_EQ(bytes, (EightBytes{'1', '2', '3', '4', '5', '6', '7'}));
 }
 
 TEST(DevRandomTest, ADeviceThatCannotBeReadGivesNoBytes) {
   const TemporaryFolder folder;
   DevRandom device(folder.path());
-  Bytes bytes{};
+  EightBytes bytes{};
   EXPECT_EQ(device.read(bytes).value(), 0u);
 }
 
 TEST(DevRandomTest, ADeviceThatIsMissingIsTheSystemsError) {
   const TemporaryFolder folder;
   DevRandom device(folder.path("missing"));
-  Bytes bytes{};
+  EightBytes bytes{};
   const auto read = device.read(bytes);
   ASSERT_FALSE(read);
   EXPECT_EQ(read.error().osError, ENOENT);

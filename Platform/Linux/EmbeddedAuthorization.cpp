@@ -9,14 +9,14 @@
 namespace platform {
 namespace {
 
-constexpr Duration kAnswerTime = std::chrono::seconds(5);
+constexpr Duration kAuthorizationAnswerTime = std::chrono::seconds(5);
 
 }  // namespace
 
 // Whether the host lets this caller change jobs, or why nobody can say.
 OSStatus EmbeddedAuthorization::askHost() {
   client_.waitAgain();  // Who asks can do nothing at all without the host.
-  const auto answer = client_.call(kMayChangeJobsMessage, {}, kAnswerTime);
+  const auto answer = client_.call(kMayChangeJobsMessage, {}, kAuthorizationAnswerTime);
   if (answer) {
     return answer->value.boolean() == true ? errAuthorizationSuccess : errAuthorizationDenied;
   }

@@ -14,36 +14,35 @@ namespace {
 using namespace std::chrono_literals;
 
 // A host that answers later is stuck. Starting a program can take as long as a disk takes to wake.
-constexpr Duration kAnswerTime = 30s;
+constexpr Duration kJobsAnswerTime = 30s;
 
 // A removal takes as long as the job's processes are given to end. Nobody waits longer than this,
 // also not for a job that is never killed.
-constexpr std::int64_t kDefaultExitTimeOut = 20;
 constexpr std::int64_t kLongestExitTimeOut = 3600;
 
-NSError errorOf(LaunchdError code, std::string text) {
+NSError launchdErrorOf(LaunchdError code, std::string text) {
   return NSError{kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)};
 }
 
-NSError errorOf(const Error& error) {
+NSError launchdErrorOf(const Error& error) {
   // Not unavailable, which who is told takes for "not running".
-  if (error.osError == ETIMEDOUT) return errorOf(LaunchdError::kInternal, describe(error));
+  if (error.osError == ETIMEDOUT) return launchdErrorOf(LaunchdError::kInternal, describe(error));
   switch (error.code) {
     case ErrorCode::kDenied:
-      return errorOf(LaunchdError::kNotAuthorized, describe(error));
+      return launchdErrorOf(LaunchdError::kNotAuthorized, describe(error));
     case ErrorCode::kInvalid:  // It could not be sent.
-      return errorOf(LaunchdError::kInvalidJob, describe(error));
+      return launchdErrorOf(LaunchdError::kInvalidJob, describe(error));
     case ErrorCode::kNotFound:
     case ErrorCode::kExhausted:
     case ErrorCode::kSystem:
       break;
   }
-  return errorOf(LaunchdError::kUnavailable, describe(error));
+  return launchdErrorOf(LaunchdError::kUnavailable, describe(error));
 }
 
 std::expected<void, NSError> checkDomain(std::string_view domain) {
   if (domain == kSMDomainSystemLaunchd) return {};
-  return std::unexpected(errorOf(
+  return std::unexpected(launchdErrorOf(
       LaunchdError::kUnavailable,
       "domain \"" + std::string(domain) + "\": there is only \"" + kSMDomainSystemLaunchd + "\""));
 }
@@ -53,8 +52,8 @@ bool isDone(const NSError& error, bool wasRepeated) {
   return wasRepeated && error.code == static_cast<int>(LaunchdError::kNoSuchJob);
 }
 
-NSError malformed() {
-  return errorOf(LaunchdError::kInternal, "the job host's answer is malformed");
+NSError malformedAnswer() {
+  return launchdErrorOf(LaunchdError::kInternal, "the job host's answer is malformed");
 }
 
 }  // namespace
@@ -63,14 +62,14 @@ std::expected<JobHostClient::Answer, NSError> EmbeddedJobs::ask(std::string_view
                                                                 const Array& arguments,
                                                                 Duration timeout) {
   auto answer = client_.call(selector, arguments, timeout);
-  if (!answer) return std::unexpected(errorOf(answer.error()));
+  if (!answer) return std::unexpected(launchdErrorOf(answer.error()));
   return *std::move(answer);
 }
 
 std::expected<void, NSError> EmbeddedJobs::SMJobSubmit(std::string_view domain, const Value& job,
                                                        const AuthorizationRef*) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const auto answer = ask(kSubmitJobMessage, Array{job}, kAnswerTime);
+  const auto answer = ask(kSubmitJobMessage, Array{job}, kJobsAnswerTime);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
   return {};
@@ -80,7 +79,7 @@ std::expected<void, NSError> EmbeddedJobs::SMJobRemove(std::string_view domain,
                                                        std::string_view label,
                                                        const AuthorizationRef*, bool wait) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const Duration time = wait ? removalTime(label) : kAnswerTime;
+  const Duration time = wait ? removalTime(label) : kJobsAnswerTime;
   const auto answer = ask(kRemoveJobMessage, Array{label, wait}, time);
   if (!answer) return std::unexpected(answer.error());
   const auto failure = failureIn(answer->value);
@@ -94,25 +93,26 @@ Value EmbeddedJobs::SMJobCopyDictionary(std::string_view domain, std::string_vie
 }
 
 std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {
-  const auto answer = ask(kCopyJobMessage, Array{label}, kAnswerTime);
+  const auto answer = ask(kCopyJobMessage, Array{label}, kJobsAnswerTime);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
-  if (!answer->value.isNil() && !answer->value.dictionary()) return std::unexpected(malformed());
+  if (!answer->value.isNil() && !answer->value.dictionary())
+    return std::unexpected(malformedAnswer());
   return answer->value;
 }
 
 std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
-  const auto answer = ask(kCopyJobStatesMessage, {}, kAnswerTime);
+  const auto answer = ask(kCopyJobStatesMessage, {}, kJobsAnswerTime);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
-  if (!answer->value.dictionary()) return std::unexpected(malformed());
+  if (!answer->value.dictionary()) return std::unexpected(malformedAnswer());
   return *answer->value.dictionary();
 }
 
 void EmbeddedJobs::removeAsync(std::string_view label, Removed removed) {
   client_.callAsync(kRemoveJobMessage, Array{label, true}, removalTime(label),
                     [removed = std::move(removed)](Result<JobHostClient::Answer> answer) mutable {
-                      if (!answer) return removed(std::unexpected(errorOf(answer.error())));
+                      if (!answer) return removed(std::unexpected(launchdErrorOf(answer.error())));
                       const auto failure = failureIn(answer->value);
                       if (!failure || isDone(*failure, answer->wasRepeated)) return removed({});
                       removed(std::unexpected(*failure));
@@ -125,7 +125,7 @@ Duration EmbeddedJobs::removalTime(std::string_view label) {
   const auto exitTimeOut = job ? (*job)["ExitTimeOut"].integer() : std::nullopt;
   std::int64_t seconds = exitTimeOut.value_or(kDefaultExitTimeOut);
   if (seconds <= 0) seconds = kLongestExitTimeOut;  // Never killed.
-  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kAnswerTime;
+  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kJobsAnswerTime;
 }
 
 }  // namespace platform

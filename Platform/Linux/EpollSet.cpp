@@ -12,7 +12,7 @@ namespace platform {
 
 namespace {
 
-ErrorCode codeOf(int number) {
+ErrorCode codeOfEpollError(int number) {
   switch (number) {
     case EPERM:  // Its kind has nothing to wait for.
     case EEXIST:
@@ -34,7 +34,7 @@ ErrorCode codeOf(int number) {
 
 Result<EpollSet> EpollSet::create() {
   UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
-  if (!epoll) return std::unexpected(systemError("epoll_create1", codeOf(errno)));
+  if (!epoll) return std::unexpected(systemError("epoll_create1", codeOfEpollError(errno)));
   return EpollSet(std::move(epoll));
 }
 
@@ -43,8 +43,8 @@ Result<void> EpollSet::add(Descriptor descriptor, std::uint32_t events, std::uin
   event.events = events;
   event.data.u64 = id;
   if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
-    return std::unexpected(
-        systemError("waiting for descriptor " + std::to_string(descriptor), codeOf(errno)));
+    return std::unexpected(systemError("waiting for descriptor " + std::to_string(descriptor),
+                                       codeOfEpollError(errno)));
   }
   ++size_;
   return {};

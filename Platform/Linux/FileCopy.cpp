@@ -18,7 +18,7 @@
 namespace platform {
 namespace {
 
-constexpr std::size_t kPieceBytes = 128 * 1024;
+constexpr std::size_t kCopyPieceBytes = 128 * 1024;
 
 std::unexpected<NSError> readFailure(const std::string& path, int number) {
   return std::unexpected(cocoaReadError(path, number));
@@ -56,13 +56,14 @@ constexpr std::uint64_t kUntoldBytes = std::uint64_t{16} << 20;
 // As much as the file had when it was opened: one that is written to all the while has an end too.
 Result<void, NSError> copyContent(const Source& source, const std::string& sourcePath,
                                   ReplacementFile& copy, const std::string& destination) {
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
+  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kCopyPieceBytes);
   // A size without a block on the disk may be none at all, or a page's.
   const bool tellsSize = source.status.st_blocks > 0;
   const auto size = tellsSize ? static_cast<std::uint64_t>(source.status.st_size)
                               : std::max<std::uint64_t>(source.status.st_size, kUntoldBytes);
   for (std::uint64_t done = 0; done < size;) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kPieceBytes));
+    const auto wanted =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kCopyPieceBytes));
     const ssize_t count =
         retryOnInterrupt([&] { return ::read(source.file.get(), piece.get(), wanted); });
     if (count < 0) return readFailure(sourcePath, errno);
@@ -82,8 +83,8 @@ Result<void, NSError> copyContent(const Source& source, const std::string& sourc
 
 // In this order, since a change of the owner takes the set-user-id bit. By the descriptor: what may
 // have taken the path's place meanwhile is not touched.
-Result<void, NSError> applyAttributes(const struct stat& status, int file,
-                                      const std::string& destination) {
+Result<void, NSError> applyAttributesToCopy(const struct stat& status, int file,
+                                            const std::string& destination) {
   const timespec times[] = {status.st_atim, status.st_mtim};
   if (::fchown(file, status.st_uid, static_cast<gid_t>(-1)) != 0 ||
       ::fchown(file, static_cast<uid_t>(-1), status.st_gid) != 0 ||
@@ -105,7 +106,7 @@ Result<void, NSError> overwriteWithCopyOfFile(const std::string& source,
   if (const auto placed = copy->commit(); !placed) {
     return writeFailure(destination, placed.error().osError);
   }
-  return applyAttributes(opened->status, copy->descriptor(), destination);
+  return applyAttributesToCopy(opened->status, copy->descriptor(), destination);
 }
 
 }  // namespace platform

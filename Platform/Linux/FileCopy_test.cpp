@@ -31,11 +31,6 @@ TEST(FileCopyProgram, DISABLED_CopiesWhatItsEnvironmentNames) {
   std::ofstream(std::getenv(kResult)) << (copied ? 0 : copied.error().code);
 }
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 class FileCopyTest : public testing::Test {
  protected:
   // A system call of the copy: its name, and which of the program's of that name it is.
@@ -71,7 +66,7 @@ class FileCopyTest : public testing::Test {
         quoted(std::filesystem::read_symlink("/proc/self/exe")) +
         "--gtest_also_run_disabled_tests --gtest_filter='FileCopyProgram.*' >/dev/null 2>&1";
     EXPECT_NE(std::system(command.c_str()), -1);
-    return contentOf(folder_.path("result"));
+    return contentOfFile(folder_.path("result"));
   }
 
   // The calls of a copy that succeeds which have to do with the new file or its folder.
@@ -128,7 +123,7 @@ TEST_F(FileCopyTest, WhatFailsBeforeTheCopyIsInPlaceLeavesTheOldContentAndNothin
   for (const Call& call : {calls[0], calls[1], calls[2]}) {
     for (const auto& [error, code] : errors) {
       EXPECT_EQ(copy(at(call, std::string("error=") + error)), code) << call.name << " " << error;
-      EXPECT_EQ(contentOf(destination_), kOld) << call.name << " " << error;
+      EXPECT_EQ(contentOfFile(destination_), kOld) << call.name << " " << error;
       EXPECT_THAT(namesBelow(), ElementsAre("destination")) << call.name << " " << error;
     }
   }
@@ -142,7 +137,7 @@ TEST_F(FileCopyTest, WhatFailsAfterwardsIsAnErrorAndTheCopyStays) {
   for (std::size_t i = 4; i < calls.size(); ++i) {
     setUpDestination();
     EXPECT_EQ(copy(at(calls[i], "error=EPERM")), "513") << calls[i].name;
-    EXPECT_EQ(contentOf(destination_), kNew) << calls[i].name;
+    EXPECT_EQ(contentOfFile(destination_), kNew) << calls[i].name;
     EXPECT_THAT(namesBelow(), ElementsAre("destination")) << calls[i].name;
   }
 }
@@ -152,7 +147,7 @@ TEST_F(FileCopyTest, KilledAtAnyOfItsCallsItLeavesTheOldContentOrAllOfTheNew) {
     for (const char* what : {"signal=SIGKILL", "error=EIO:signal=SIGKILL"}) {  // behind and before
       setUpDestination();
       EXPECT_EQ(copy(at(call, what)), "") << call.name << " " << what;
-      EXPECT_THAT(contentOf(destination_), AnyOf(kOld, kNew)) << call.name << " " << what;
+      EXPECT_THAT(contentOfFile(destination_), AnyOf(kOld, kNew)) << call.name << " " << what;
     }
   }
 }

@@ -19,33 +19,33 @@ namespace platform {
 
 namespace {
 
-constexpr std::size_t kPieceBytes = 256 * 1024;
+constexpr std::size_t kFilePieceBytes = 256 * 1024;
 
-std::unexpected<Error> failure(const std::string& path) {
+std::unexpected<Error> fileFailure(const std::string& path) {
   const bool isMissing = errno == ENOENT || errno == ENOTDIR;
   return std::unexpected(systemError(path, isMissing         ? ErrorCode::kNotFound
                                            : errno == EACCES ? ErrorCode::kDenied
                                                              : ErrorCode::kSystem));
 }
 
-std::unexpected<Error> invalid(const std::string& path, const char* what) {
+std::unexpected<Error> unfit(const std::string& path, const char* what) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, path + ": " + what});
 }
 
 // Looked at before it is opened: to open some devices is to set them going.
 Result<UniqueFd> openRegular(const std::string& path) {
   const UniqueFd found(::open(path.c_str(), O_PATH | O_CLOEXEC));
-  if (!found) return failure(path);
+  if (!found) return fileFailure(path);
   struct stat status{};
   struct statfs system{};
   if (::fstat(found.get(), &status) != 0 || ::fstatfs(found.get(), &system) != 0) {
-    return failure(path);
+    return fileFailure(path);
   }
-  if (!S_ISREG(status.st_mode)) return invalid(path, "is not a regular file");
-  if (system.f_type == PROC_SUPER_MAGIC) return invalid(path, "is the kernel's");
-  UniqueFd file(::open(fmt::format("/proc/self/fd/{}", found.get()).c_str(),
-                       O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file) return failure(path);
+  if (!S_ISREG(status.st_mode)) return unfit(path, "is not a regular file");
+  if (system.f_type == PROC_SUPER_MAGIC) return unfit(path, "is the kernel's");
+  UniqueFd file(
+      ::open(pathOfDescriptor(found).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) return fileFailure(path);
   return file;
 }
 
@@ -72,7 +72,7 @@ Result<FileDigest> FileDigest::open(const std::string& path) {
   auto file = openRegular(path);
   if (!file) return std::unexpected(std::move(file.error()));
   struct stat status{};
-  if (::fstat(file->get(), &status) != 0) return failure(path);
+  if (::fstat(file->get(), &status) != 0) return fileFailure(path);
   const auto size = static_cast<std::uint64_t>(status.st_size);
   DigestContext context(size > 0 ? EVP_MD_CTX_new() : nullptr);
   if (size > 0) {
@@ -88,13 +88,14 @@ Result<FileDigest> FileDigest::open(const std::string& path) {
 Result<bool> FileDigest::readOn(std::uint64_t bytes) {
   State& state = *state_;
   const std::uint64_t end = state.left - std::min(state.left, bytes);
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
+  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kFilePieceBytes);
   while (state.left > end) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(state.left, kPieceBytes));
+    const auto wanted =
+        static_cast<std::size_t>(std::min<std::uint64_t>(state.left, kFilePieceBytes));
     const ssize_t count =
         retryOnInterrupt([&] { return ::read(state.file.get(), piece.get(), wanted); });
-    if (count < 0) return failure(state.path);
-    if (count == 0) return invalid(state.path, "became shorter while it was read");
+    if (count < 0) return fileFailure(state.path);
+    if (count == 0) return unfit(state.path, "became shorter while it was read");
     if (EVP_DigestUpdate(state.context.get(), piece.get(), static_cast<std::size_t>(count)) != 1) {
       return noDigest(state.path);
     }

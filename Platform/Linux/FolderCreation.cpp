@@ -51,7 +51,7 @@ Result<Attributes, NSError> readAttributes(const Dictionary& attributes, const s
   return Attributes{*owner, *group, *permissions};
 }
 
-int applyAttributes(const Attributes& attributes, const std::string& path) {
+int applyAttributesToFolder(const Attributes& attributes, const std::string& path) {
   const UniqueFd folder(retryOnInterrupt(
       [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
   if (!folder) return errno;
@@ -82,7 +82,7 @@ class MadeFolders {
     const bool decidedLater = attributes && attributes->permissions;
     if (::mkdir(path.c_str(), decidedLater ? 0700 : 0777) != 0) return errno == EEXIST ? 0 : errno;
     paths_.push_back(path);
-    return attributes ? applyAttributes(*attributes, path) : 0;
+    return attributes ? applyAttributesToFolder(*attributes, path) : 0;
   }
 
   void keep() { paths_.clear(); }

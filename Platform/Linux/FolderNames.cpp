@@ -2,25 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 #include <string_view>
 
-#include <dirent.h>
-
 #include "Platform/Linux/FileFact.h"
+#include "Platform/Linux/FolderHandle.h"
 
 namespace platform {
-namespace {
-
-struct FolderCloser {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
-}  // namespace
-
 CodeSigningResult<std::vector<std::string>> namesInFolder(const std::string& path,
                                                           std::size_t most) {
-  const std::unique_ptr<DIR, FolderCloser> folder(::opendir(path.c_str()));
+  const FolderHandle folder(::opendir(path.c_str()));
   if (!folder) return std::unexpected(failureOfSystemCall(path, errno));
   std::vector<std::string> names;
   while (names.size() <= most) {

@@ -11,11 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxPemBytes = 256 * 1024;
 
-std::unexpected<Error> failed(const std::string& what) {
-  return std::unexpected(Error{ErrorCode::kInvalid, 0, what + ": " + takeOpenSslError()});
-}
-
-std::string contentOf(BIO* bio) {
+std::string contentOfBio(BIO* bio) {
   char* text = nullptr;
   const long size = BIO_get_mem_data(bio, &text);
   return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : std::string();
@@ -39,18 +35,18 @@ int noPassword(char*, int, int, void*) { return -1; }
 Result<std::string> pemOfCertificate(X509* certificate) {
   const BioHandle bio(BIO_new(BIO_s_mem()));
   if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1) {
-    return failed("writing a certificate");
+    return openSslFailure("writing a certificate", ErrorCode::kInvalid);
   }
-  return contentOf(bio.get());
+  return contentOfBio(bio.get());
 }
 
 Result<std::string> pemOfKey(EVP_PKEY* key) {
   const BioHandle bio(BIO_new(BIO_s_secmem()));
   if (!bio ||
       PEM_write_bio_PKCS8PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1) {
-    return failed("writing a key");
+    return openSslFailure("writing a key", ErrorCode::kInvalid);
   }
-  return contentOf(bio.get());
+  return contentOfBio(bio.get());
 }
 
 Result<SigningIdentity> readIdentity(const std::string& keyPath,
@@ -61,7 +57,9 @@ Result<SigningIdentity> readIdentity(const std::string& keyPath,
   identity.key.reset(
       PEM_read_bio_PrivateKey(readerOf(*keyText).get(), nullptr, noPassword, nullptr));
   OPENSSL_cleanse(keyText->data(), keyText->size());
-  if (!identity.key) return failed(keyPath + ": holds no private key in PEM without a password");
+  if (!identity.key)
+    return openSslFailure(keyPath + ": holds no private key in PEM without a password",
+                          ErrorCode::kInvalid);
   const auto certificates = readPem(certificatesPath);
   if (!certificates) return std::unexpected(certificates.error());
   const BioHandle reader = readerOf(*certificates);

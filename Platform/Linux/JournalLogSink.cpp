@@ -28,7 +28,7 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
   entry += '\n';
 }
 
-Result<void> writeAll(int descriptor, std::string_view bytes) {
+Result<void> writeEntry(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const auto written =
         retryOnInterrupt([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
@@ -63,7 +63,7 @@ Result<void> JournalLogSink::write(const LogRecord& record) {
 Result<void> JournalLogSink::sendAsMemoryFile(std::string_view entry) const {
   const UniqueFd file(::memfd_create("log-message", MFD_ALLOW_SEALING | MFD_CLOEXEC));
   if (!file) return std::unexpected(systemError("memfd_create", ErrorCode::kExhausted));
-  if (auto written = writeAll(file.get(), entry); !written) return written;
+  if (auto written = writeEntry(file.get(), entry); !written) return written;
   if (::fcntl(file.get(), F_ADD_SEALS, kSeals) != 0)
     return std::unexpected(systemError("fcntl F_ADD_SEALS"));
   return socket_.sendDescriptor(file.get());

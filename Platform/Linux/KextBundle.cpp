@@ -15,7 +15,7 @@ namespace {
 constexpr std::string_view kSuffix = ".kext";
 constexpr std::size_t kMaxNameBytes = 255;
 
-std::unexpected<Error> refuse(const std::string& infoPath, std::string_view why) {
+std::unexpected<Error> unusable(const std::string& infoPath, std::string_view why) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", infoPath, why)});
 }
 
@@ -50,19 +50,19 @@ Result<KextBundle> readKextBundle(const std::string& path) {
   if (!info) return std::unexpected(info.error());
   const std::string* const identifier = (*info)["CFBundleIdentifier"].string();
   if (identifier == nullptr || !isPlainName(*identifier)) {
-    return refuse(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
+    return unusable(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
   }
   KextBundle bundle{path, *identifier, std::nullopt, std::nullopt};
   const Value& program = (*info)["CFBundleExecutable"];
   const Value& module = (*info)["OSKernelModule"];
   if (program.isNil() == module.isNil()) {
-    return refuse(infoPath,
-                  "expected either \"CFBundleExecutable\" (a program in Contents/Linux) or "
-                  "\"OSKernelModule\" (the name or alias of a module)");
+    return unusable(infoPath,
+                    "expected either \"CFBundleExecutable\" (a program in Contents/Linux) or "
+                    "\"OSKernelModule\" (the name or alias of a module)");
   }
   const Value& named = program.isNil() ? module : program;
   if (named.string() == nullptr || !isPlainName(*named.string())) {
-    return refuse(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
+    return unusable(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
   }
   if (program.isNil()) {
     bundle.kernelModule = *module.string();

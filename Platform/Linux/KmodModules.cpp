@@ -21,7 +21,7 @@ using Context = std::unique_ptr<kmod_ctx, KmodDeleter>;
 using ModuleList = std::unique_ptr<kmod_list, KmodDeleter>;
 using Module = std::unique_ptr<kmod_module, KmodDeleter>;
 
-ErrorCode codeOf(int number) {
+ErrorCode codeOfModuleError(int number) {
   switch (number) {
     case ENOENT:
       return ErrorCode::kNotFound;
@@ -35,9 +35,9 @@ ErrorCode codeOf(int number) {
   }
 }
 
-std::unexpected<Error> failure(const std::string& module, std::string_view what, int number) {
-  return std::unexpected(
-      Error{codeOf(number), number, fmt::format("the kernel module \"{}\": {}", module, what)});
+std::unexpected<Error> moduleFailure(const std::string& module, std::string_view what, int number) {
+  return std::unexpected(Error{codeOfModuleError(number), number,
+                               fmt::format("the kernel module \"{}\": {}", module, what)});
 }
 
 // libkmod gives errors as negative numbers, whoever's they are.
@@ -54,14 +54,14 @@ bool isInKernel(kmod_module* module) {
 Result<Lookup> lookUp(const std::optional<std::string>& folder, const std::string& module) {
   Lookup lookup;
   lookup.context.reset(kmod_new(folder ? folder->c_str() : nullptr, nullptr));
-  if (!lookup.context) return failure(module, "libkmod", errno);
+  if (!lookup.context) return moduleFailure(module, "libkmod", errno);
   // It would write to standard error.
   kmod_set_log_priority(lookup.context.get(), 0);
   kmod_list* list = nullptr;
   const int result = kmod_module_new_from_lookup(lookup.context.get(), module.c_str(), &list);
   lookup.modules.reset(list);
   if (result < 0 && result != -ENOENT && result != -ENOSYS) {
-    return failure(module, "looking for it", -result);
+    return moduleFailure(module, "looking for it", -result);
   }
   return lookup;
 }
@@ -81,7 +81,7 @@ Result<void> forEach(const std::optional<std::string>& folder, const std::string
   if (!lookup) return std::unexpected(lookup.error());
   if (!lookup->modules) {
     const Module running = runningModule(*lookup, module);
-    if (!running) return failure(module, "this system has none of that name", ENOENT);
+    if (!running) return moduleFailure(module, "this system has none of that name", ENOENT);
     return call(running.get());
   }
   for (kmod_list* item = lookup->modules.get(); item != nullptr;
@@ -109,22 +109,23 @@ Result<void> KmodModules::load(const std::string& module) {
         found, KMOD_PROBE_APPLY_BLACKLIST_ALIAS_ONLY | KMOD_PROBE_IGNORE_COMMAND, nullptr, nullptr,
         nullptr, nullptr);
     if (result == 0) return {};
-    if (result > 0) return failure(module, "modprobe.d says that it is not to be loaded", EPERM);
-    return failure(module, "the kernel does not load it", -result);
+    if (result > 0)
+      return moduleFailure(module, "modprobe.d says that it is not to be loaded", EPERM);
+    return moduleFailure(module, "the kernel does not load it", -result);
   });
 }
 
 Result<void> KmodModules::unload(const std::string& module) {
-  if (!isLoaded(module)) return failure(module, "it is not loaded", ENOENT);
+  if (!isLoaded(module)) return moduleFailure(module, "it is not loaded", ENOENT);
   return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
     if (kmod_module_get_initstate(found) == KMOD_MODULE_BUILTIN) {
-      return failure(module, "it is built into the kernel", EBUSY);
+      return moduleFailure(module, "it is built into the kernel", EBUSY);
     }
     const int result = kmod_module_remove_module(found, O_NONBLOCK);
     if (result == 0) return {};
     const bool isInUse = result == -EBUSY || result == -EWOULDBLOCK;
-    if (isInUse) return failure(module, "it is in use", EBUSY);
-    return failure(module, "the kernel does not unload it", -result);
+    if (isInUse) return moduleFailure(module, "it is in use", EBUSY);
+    return moduleFailure(module, "the kernel does not unload it", -result);
   });
 }
 

@@ -11,7 +11,7 @@
 namespace platform {
 namespace {
 
-class LinuxHarness final : public CodeSignatureHarness {
+class LinuxSignaturesHarness final : public CodeSignatureHarness {
  public:
   CodeSignatures& signatures() override { return bed_.signatures(); }
   std::string makeValid(SecStaticCode::Kind kind, std::optional<std::string> identifier) override {
@@ -44,10 +44,12 @@ class LinuxHarness final : public CodeSignatureHarness {
   CodeSigningBed bed_;
 };
 
-std::unique_ptr<CodeSignatureHarness> makeHarness() { return std::make_unique<LinuxHarness>(); }
+std::unique_ptr<CodeSignatureHarness> makeSignaturesHarness() {
+  return std::make_unique<LinuxSignaturesHarness>();
+}
 
 INSTANTIATE_TEST_SUITE_P(Linux, CodeSignatureContract,
-                         testing::Combine(testing::Values(&makeHarness),
+                         testing::Combine(testing::Values(&makeSignaturesHarness),
                                           testing::Values(SecStaticCode::Kind::kProgram,
                                                           SecStaticCode::Kind::kBundle)));
 

@@ -1,20 +1,14 @@
 #include "Platform/Linux/LinuxFileManager.h"
 
 #include <cerrno>
-#include <memory>
-
-#include <dirent.h>
 
 #include "Platform/Linux/CocoaFileErrors.h"
 #include "Platform/Linux/FileCopy.h"
 #include "Platform/Linux/FolderCreation.h"
+#include "Platform/Linux/FolderHandle.h"
 
 namespace platform {
 namespace {
-
-struct FolderCloser {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
 
 // The system would take such a path to end at the zero byte, and mean another file.
 bool holdsZeroByte(std::string_view path) { return path.find('\0') != path.npos; }
@@ -46,7 +40,7 @@ Result<void, NSError> LinuxFileManager::eachNameInDirectory(std::string_view pat
                                                             const EachName& each) {
   const std::string name = upToZeroByte(path);
   if (holdsZeroByte(path)) return std::unexpected(cocoaReadError(name, EINVAL));
-  const std::unique_ptr<DIR, FolderCloser> folder(::opendir(name.c_str()));
+  const FolderHandle folder(::opendir(name.c_str()));
   if (!folder) return std::unexpected(cocoaReadError(name, errno));
   for (;;) {
     errno = 0;

@@ -26,7 +26,7 @@ timeval timevalOf(Duration duration) {
           static_cast<suseconds_t>(microseconds % 1'000'000)};
 }
 
-ErrorCode codeOf(int number) {
+ErrorCode codeOfControlError(int number) {
   switch (number) {
     case ENOENT:
     case ECONNREFUSED:  // What a dead extension has left.
@@ -51,9 +51,10 @@ class LinuxControlSocket final : public ControlSocket {
     if (!isControlName(name)) return fail(ErrorCode::kInvalid, 0, "this is no control's name");
     // Held from here on, so that it is this one that is connected to.
     target_.reset(::open(path_.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
-    if (!target_) return fail(codeOf(errno), errno, "the control");
+    if (!target_) return fail(codeOfControlError(errno), errno, "the control");
     struct stat status{};
-    if (::fstat(target_.get(), &status) != 0) return fail(codeOf(errno), errno, "the control");
+    if (::fstat(target_.get(), &status) != 0)
+      return fail(codeOfControlError(errno), errno, "the control");
     if (S_ISSOCK(status.st_mode)) return {};
     target_.reset();
     return fail(ErrorCode::kInvalid, ENOTSOCK, "the control");
@@ -69,7 +70,7 @@ class LinuxControlSocket final : public ControlSocket {
     const int connected = retryOnInterrupt([&] {
       return ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
     });
-    if (connected != 0) return fail(codeOf(errno), errno, "connecting");
+    if (connected != 0) return fail(codeOfControlError(errno), errno, "connecting");
     if (auto checked = checkControlPeer(socket_.get()); !checked) {
       return fail(checked.error().code, checked.error().osError, checked.error().context);
     }

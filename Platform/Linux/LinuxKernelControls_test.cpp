@@ -77,7 +77,7 @@ class ServingThread {
   std::jthread thread_;
 };
 
-class LinuxMachine final : public ControlsMachine {
+class LinuxControlsMachine final : public ControlsMachine {
  public:
   KernelControls& controls() override { return controls_; }
   KernelControls& impatientControls() override { return impatientControls_; }
@@ -94,9 +94,11 @@ class LinuxMachine final : public ControlsMachine {
   std::map<std::string, ServingThread> servers_;
 };
 
-std::unique_ptr<ControlsMachine> makeMachine() { return std::make_unique<LinuxMachine>(); }
+std::unique_ptr<ControlsMachine> makeControlsMachine() {
+  return std::make_unique<LinuxControlsMachine>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Linux, KernelControlsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(Linux, KernelControlsContract, testing::Values(&makeControlsMachine));
 
 class ControlServerTest : public testing::Test {
  protected:

@@ -11,12 +11,12 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr char kIdent[] = "KextManager";
-constexpr auto kPause = 20ms;
+constexpr auto kUnloadingPause = 20ms;
 // An extension that does not end by itself is killed: whoever unloads it waits meanwhile.
 constexpr std::int64_t kExitTimeOut = 1;
 
 // Of what runs, wherever its bundle may be by now.
-Dictionary informationOf(const Value& job) {
+Dictionary jobInformationOf(const Value& job) {
   Dictionary information{{kOSBundleProcessKey, job["PID"].integer().value_or(0)}};
   if (const std::string* const program = job["Program"].string()) {
     information.set(kOSBundlePathKey, program->substr(0, program->rfind(kProgramsFolder)));
@@ -24,7 +24,7 @@ Dictionary informationOf(const Value& job) {
   return information;
 }
 
-Error errorOf(const std::string& identifier, const NSError& error) {
+Error extensionErrorOf(const std::string& identifier, const NSError& error) {
   return {ErrorCode::kSystem, 0, fmt::format("{}: {}", identifier, error.localizedDescription)};
 }
 
@@ -75,7 +75,7 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
   for (const std::string& identifier : identifiers) {
     const Value job = copyJob(identifier);
     if (!job.isNil() && !isJobUnknown(job)) {
-      loaded.set(identifier, informationOf(job));
+      loaded.set(identifier, jobInformationOf(job));
       continue;
     }
     const auto bundle = findKextBundle(identifier, folders_);
@@ -171,7 +171,7 @@ Result<void> LinuxKernelExtensions::start(const KextBundle& bundle) {
                        {"ExitTimeOut", kExitTimeOut}};
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
   if (submitted) return {};
-  return std::unexpected(errorOf(bundle.identifier, submitted.error()));
+  return std::unexpected(extensionErrorOf(bundle.identifier, submitted.error()));
 }
 
 Result<void> LinuxKernelExtensions::end(const KextBundle& bundle) {
@@ -183,7 +183,7 @@ Result<void> LinuxKernelExtensions::removeJob(const std::string& identifier) {
   const auto removed = environment_.jobs.SMJobRemove(kSMDomainSystemLaunchd, jobLabel(identifier),
                                                      nullptr, /*wait=*/true);
   if (removed) return {};
-  return std::unexpected(errorOf(identifier, removed.error()));
+  return std::unexpected(extensionErrorOf(identifier, removed.error()));
 }
 
 Result<void> LinuxKernelExtensions::countStart(const std::string& identifier) {
@@ -214,7 +214,7 @@ Result<void> LinuxKernelExtensions::awaitControl(const std::string& identifier) 
                 fmt::format("{}: its control does not listen after {} s: {}", identifier,
                             kControlWait / 1s, socket.error().context)});
     }
-    loop.sleepFor(kPause);
+    loop.sleepFor(kUnloadingPause);
   }
 }
 

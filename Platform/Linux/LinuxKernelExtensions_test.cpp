@@ -114,9 +114,10 @@ class Machine final : public ExtensionsMachine {
       LinuxKernelExtensions::folders(folder.path(), folder.path("resources"))};
 };
 
-std::unique_ptr<ExtensionsMachine> makeMachine() { return std::make_unique<Machine>(); }
+std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() { return std::make_unique<Machine>(); }
 
-INSTANTIATE_TEST_SUITE_P(OnFakes, KernelExtensionsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(OnFakes, KernelExtensionsContract,
+                         testing::Values(&makeExtensionsMachine));
 
 class LinuxKernelExtensionsTest : public testing::Test {
  protected:

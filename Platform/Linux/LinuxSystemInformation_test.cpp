@@ -70,9 +70,9 @@ class WaitingProcess {
   UniqueFd writer_;
 };
 
-class LinuxMachine final : public SystemInformationMachine {
+class LinuxInformationMachine final : public SystemInformationMachine {
  public:
-  LinuxMachine() {
+  LinuxInformationMachine() {
     auto ended = std::make_unique<WaitingProcess>("/bin/cat");
     ended_ = ended->process();
   }
@@ -93,7 +93,7 @@ class LinuxMachine final : public SystemInformationMachine {
 };
 
 std::unique_ptr<SystemInformationMachine> makeLinuxMachine() {
-  return std::make_unique<LinuxMachine>();
+  return std::make_unique<LinuxInformationMachine>();
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, SystemInformationContract, testing::Values(&makeLinuxMachine));

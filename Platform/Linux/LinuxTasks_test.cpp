@@ -54,12 +54,12 @@ class RealPrograms final : public TaskHarness {
 };
 
 template <bool CallsHandlers>
-std::unique_ptr<TaskHarness> make() {
+std::unique_ptr<TaskHarness> makeTaskHarness() {
   return std::make_unique<RealPrograms<CallsHandlers>>();
 }
 
-INSTANTIATE_TEST_SUITE_P(LinuxHandlers, TaskContract, testing::Values(&make<true>));
-INSTANTIATE_TEST_SUITE_P(LinuxNotices, TaskContract, testing::Values(&make<false>));
+INSTANTIATE_TEST_SUITE_P(LinuxHandlers, TaskContract, testing::Values(&makeTaskHarness<true>));
+INSTANTIATE_TEST_SUITE_P(LinuxNotices, TaskContract, testing::Values(&makeTaskHarness<false>));
 
 class LinuxTasksTest : public testing::TestWithParam<bool> {
  protected:

@@ -22,9 +22,9 @@ namespace platform {
 namespace {
 
 // Two of them in this process: they can't tell that from two processes.
-class LinuxHarness final : public XPCHarness {
+class LinuxXPCHarness final : public XPCHarness {
  public:
-  LinuxHarness() {
+  LinuxXPCHarness() {
     std::filesystem::create_directories(folder_.path("run/vantor/mach"));
     here_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
     there_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
@@ -58,9 +58,9 @@ class LinuxHarness final : public XPCHarness {
   std::unique_ptr<LinuxXPC> there_;
 };
 
-std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<LinuxHarness>(); }
+std::unique_ptr<XPCHarness> makeXPCHarness() { return std::make_unique<LinuxXPCHarness>(); }
 
-INSTANTIATE_TEST_SUITE_P(DBus, XPCContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(DBus, XPCContract, testing::Values(&makeXPCHarness));
 
 TEST_P(XPCContract, MoreLongRequestsThanThreadsLeaveAnotherOneServed) {
   delegate_->object().turnsToLinger = kForEver;
@@ -153,7 +153,7 @@ TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
 }
 
 TEST(LinuxXPCTest, WhatTakesLongLearnsThatItsXPCHasEnded) {
-  LinuxHarness harness;
+  LinuxXPCHarness harness;
   XPCJournal journal(harness);
   auto delegate = std::make_shared<XPCTestDelegate>(journal);
   delegate->object().turnsToLinger = kForEver;
@@ -204,7 +204,7 @@ class Hesitating final : public NSXPCListenerDelegate {
 
 // A message for a busy queue waits behind it, and the thread that reads for all does not.
 TEST(LinuxXPCTest, WhatIsServedAtOnceOnABusyQueueHoldsUpNoOtherConnection) {
-  LinuxHarness harness;
+  LinuxXPCHarness harness;
   XPCJournal journal(harness);
   auto delegate = std::make_shared<Hesitating>(journal);
   auto listener = harness.there().makeListener("com.example.test");

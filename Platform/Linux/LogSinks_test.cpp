@@ -57,15 +57,17 @@ class SocketHarness final : public LogSinkHarness {
 };
 
 template <typename Harness>
-std::unique_ptr<LogSinkHarness> make() {
+std::unique_ptr<LogSinkHarness> makeLogSinkHarness() {
   return std::make_unique<Harness>();
 }
 
 using JournalHarness = SocketHarness<JournalLogSink, &readJournal>;
 using SyslogHarness = SocketHarness<SyslogLogSink, &readSyslog>;
 
-INSTANTIATE_TEST_SUITE_P(Journal, LogSinkContract, testing::Values(&make<JournalHarness>));
-INSTANTIATE_TEST_SUITE_P(Syslog, LogSinkContract, testing::Values(&make<SyslogHarness>));
+INSTANTIATE_TEST_SUITE_P(Journal, LogSinkContract,
+                         testing::Values(&makeLogSinkHarness<JournalHarness>));
+INSTANTIATE_TEST_SUITE_P(Syslog, LogSinkContract,
+                         testing::Values(&makeLogSinkHarness<SyslogHarness>));
 
 class FileHarness final : public LogSinkHarness {
  public:

@@ -29,7 +29,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-std::unique_ptr<AsioRunLoop> makeLoop() {
+std::unique_ptr<AsioRunLoop> makeProgramLoop() {
   auto loop = AsioRunLoop::create();
   EXPECT_TRUE(loop);
   return std::move(*loop);
@@ -41,7 +41,7 @@ struct RealProgram {
       : program(*loop, transport,
                 [root](std::string_view name) { return pathOfConnection(root, name); }) {}
 
-  std::unique_ptr<AsioRunLoop> loop = makeLoop();
+  std::unique_ptr<AsioRunLoop> loop = makeProgramLoop();
   DBusPeerTransport transport{*loop};
   ConnectedProgram program;
 };

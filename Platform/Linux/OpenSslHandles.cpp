@@ -11,4 +11,8 @@ std::string takeOpenSslError() {
   return reason ? reason : "no reason given";
 }
 
+std::unexpected<Error> openSslFailure(const std::string& what, ErrorCode code) {
+  return std::unexpected(Error{code, 0, what + ": " + takeOpenSslError()});
+}
+
 }  // namespace platform

@@ -9,6 +9,8 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include "Platform/Error.h"
+
 namespace platform {
 
 template <auto Free>
@@ -46,5 +48,8 @@ using OpenSslMemory = std::unique_ptr<T, OpenSslMemoryDeleter>;
 // OpenSSL's own words for what just failed on this thread, and forgets them. Also to be called
 // where a failure is expected, so that it is not taken for a later one's.
 std::string takeOpenSslError();
+
+// "WHAT: OpenSSL's own words", which are then forgotten.
+std::unexpected<Error> openSslFailure(const std::string& what, ErrorCode code = ErrorCode::kSystem);
 
 }  // namespace platform

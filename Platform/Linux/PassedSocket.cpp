@@ -15,7 +15,6 @@ namespace {
 constexpr char kProcess[] = "LISTEN_PID";
 constexpr char kCount[] = "LISTEN_FDS";
 constexpr char kNames[] = "LISTEN_FDNAMES";
-constexpr int kFirstPassed = 3;
 
 std::string_view variable(const char* name) {
   const char* value = std::getenv(name);
@@ -28,24 +27,26 @@ int optionOf(int descriptor, int name) {
   return ::getsockopt(descriptor, SOL_SOCKET, name, &content, &length) == 0 ? content : -1;
 }
 
-std::unexpected<Error> invalid(const std::string& what) {
+std::unexpected<Error> invalidSockets(const std::string& what) {
   return std::unexpected(
       Error{ErrorCode::kInvalid, 0, "the sockets that this process was started with: " + what});
 }
 
-Result<std::optional<PassedSocket>> take(const std::string& name) {
-  if (variable(kCount) != "1") return invalid("expected one, not " + std::string(variable(kCount)));
-  if (name.empty() || name.contains(':')) return invalid("expected one name in LISTEN_FDNAMES");
-  if (optionOf(kFirstPassed, SO_DOMAIN) != AF_UNIX ||
-      optionOf(kFirstPassed, SO_TYPE) != SOCK_STREAM ||
-      optionOf(kFirstPassed, SO_ACCEPTCONN) != 1) {
-    return invalid("descriptor 3 is not a Unix stream socket that listens");
+Result<std::optional<PassedSocket>> takeSockets(const std::string& name) {
+  if (variable(kCount) != "1")
+    return invalidSockets("expected one, not " + std::string(variable(kCount)));
+  if (name.empty() || name.contains(':'))
+    return invalidSockets("expected one name in LISTEN_FDNAMES");
+  if (optionOf(kFirstPassedDescriptor, SO_DOMAIN) != AF_UNIX ||
+      optionOf(kFirstPassedDescriptor, SO_TYPE) != SOCK_STREAM ||
+      optionOf(kFirstPassedDescriptor, SO_ACCEPTCONN) != 1) {
+    return invalidSockets("descriptor 3 is not a Unix stream socket that listens");
   }
   dbus_threads_init_default();
   DBusErrorText error;
   // The only address by which libdbus takes a socket that is there already.
   PassedServer server(dbus_server_listen("systemd:", error.get()));
-  if (!server) return invalid(error.text());
+  if (!server) return invalidSockets(error.text());
   return PassedSocket{name, std::move(server)};
 }
 
@@ -57,7 +58,7 @@ Result<std::optional<PassedSocket>> PassedSocket::takeFromEnvironment() {
   Result<std::optional<PassedSocket>> taken;
   const std::string self = std::to_string(::getpid());
   if (!variable(kCount).empty() && variable(kProcess) == self) {
-    taken = take(std::string(variable(kNames)));
+    taken = takeSockets(std::string(variable(kNames)));
   }
   for (const char* name : {kProcess, kCount, kNames}) ::unsetenv(name);
   return taken;

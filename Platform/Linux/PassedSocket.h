@@ -15,6 +15,9 @@ struct PassedServerClose {
 };
 using PassedServer = std::unique_ptr<DBusServer, PassedServerClose>;
 
+// The first descriptor that is passed to a program by the protocol of sd_listen_fds(3).
+inline constexpr int kFirstPassedDescriptor = 3;
+
 // The listening socket of a Mach service that this process was started with: the job host binds it
 // before, so that whoever connects earlier waits and is not refused.
 struct PassedSocket {

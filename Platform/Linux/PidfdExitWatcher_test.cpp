@@ -144,9 +144,9 @@ class RealProcesses final : public ExitWatcherHarness {
   PidfdExitWatcher watcher_{*loop_};
 };
 
-std::unique_ptr<ExitWatcherHarness> makeHarness() { return std::make_unique<RealProcesses>(); }
+std::unique_ptr<ExitWatcherHarness> makeExitHarness() { return std::make_unique<RealProcesses>(); }
 
-INSTANTIATE_TEST_SUITE_P(Pidfd, ExitWatcherContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(Pidfd, ExitWatcherContract, testing::Values(&makeExitHarness));
 
 class PidfdExitWatcherTest : public testing::Test {
  protected:

@@ -17,7 +17,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr char kFile[] = "etc/vantor/platform.plist";
+constexpr char kConfigurationFile[] = "etc/vantor/platform.plist";
 
 std::string propertyList(const std::string& entries) {
   return R"(<?xml version="1.0" encoding="UTF-8"?>
@@ -44,8 +44,8 @@ class PlatformRootTest : public testing::Test {
 };
 
 TEST_F(PlatformRootTest, TheNearestFolderWithAConfigurationIsTheRoot) {
-  writeConfiguration(kFile, propertyList(""));
-  writeConfiguration("inner/" + std::string(kFile), propertyList(""));
+  writeConfiguration(kConfigurationFile, propertyList(""));
+  writeConfiguration("inner/" + std::string(kConfigurationFile), propertyList(""));
   const auto rootOf = [&](const char* below) {
     return platformRootOfExecutable(folder_.path(below));
   };
@@ -64,14 +64,14 @@ TEST_F(PlatformRootTest, WithoutAnyConfigurationTheRootIsTheSystems) {
 
 TEST_F(PlatformRootTest, WhatStandsInTheFilesPlaceMarksTheRootAndIsRefused) {
   std::filesystem::create_directories(folder_.path("etc/vantor"));
-  std::filesystem::create_symlink("nowhere", folder_.path(kFile));
+  std::filesystem::create_symlink("nowhere", folder_.path(kConfigurationFile));
   EXPECT_EQ(platformRootOfExecutable(folder_.path("program")), folder_.path());
   EXPECT_THAT(refusal().context,
-              AllOf(StartsWith(folder_.path(kFile)), HasSubstr("symbolic link")));
+              AllOf(StartsWith(folder_.path(kConfigurationFile)), HasSubstr("symbolic link")));
 }
 
 TEST_F(PlatformRootTest, AGivenFolderIsARootIfItHasAConfiguration) {
-  writeConfiguration(kFile, propertyList(""));
+  writeConfiguration(kConfigurationFile, propertyList(""));
   std::filesystem::create_directory_symlink(folder_.path(), folder_.path("link"));
   EXPECT_EQ(platformRootAt(folder_.path()), folder_.path());
   EXPECT_EQ(platformRootAt(folder_.path("link/")), folder_.path());
@@ -87,7 +87,7 @@ TEST_F(PlatformRootTest, AGivenFolderIsARootIfItHasAConfiguration) {
 }
 
 TEST_F(PlatformRootTest, AConfigurationIsReadInBothFormats) {
-  writeConfiguration(kFile, propertyList("<key>LogLevel</key><integer>3</integer>"));
+  writeConfiguration(kConfigurationFile, propertyList("<key>LogLevel</key><integer>3</integer>"));
   const auto xml = readPlatformConfiguration(folder_.path());
   ASSERT_TRUE(xml) << xml.error().context;
   EXPECT_EQ(xml->logLevel, 3);
@@ -99,7 +99,7 @@ TEST_F(PlatformRootTest, AConfigurationIsReadInBothFormats) {
                                   0x14, 0,   0,   0,   0,   0,   0,   1,   1,    0,    0,    0,
                                   0,    0,   0,   0,   3,   0,   0,   0,   0,    0,    0,    0,
                                   0,    0,   0,   0,   0,   0,   0,   0,   0x16};
-  writeConfiguration(kFile, std::string(std::begin(binary), std::end(binary)));
+  writeConfiguration(kConfigurationFile, std::string(std::begin(binary), std::end(binary)));
   const auto fromBinary = readPlatformConfiguration(folder_.path());
   ASSERT_TRUE(fromBinary) << fromBinary.error().context;
   EXPECT_EQ(fromBinary->logLevel, 4);
@@ -113,14 +113,15 @@ TEST_F(PlatformRootTest, AMissingConfigurationMeansTheDefaults) {
 }
 
 TEST_F(PlatformRootTest, ErrorsInTheFileNameIt) {
-  const std::string path = writeConfiguration(kFile, propertyList("<key>LogLevel</key><true/>"));
+  const std::string path =
+      writeConfiguration(kConfigurationFile, propertyList("<key>LogLevel</key><true/>"));
   EXPECT_THAT(refusal().context, AllOf(StartsWith(path), HasSubstr("\"LogLevel\"")));
-  writeConfiguration(kFile, "{}");
+  writeConfiguration(kConfigurationFile, "{}");
   EXPECT_THAT(refusal().context, StartsWith(path));
 }
 
 TEST_F(PlatformRootTest, AFileThatOthersCanWriteIsNotTrusted) {
-  const std::string path = writeConfiguration(kFile, propertyList(""));
+  const std::string path = writeConfiguration(kConfigurationFile, propertyList(""));
   ASSERT_EQ(::chmod(path.c_str(), 0664), 0);
   const Error error = refusal();
   EXPECT_EQ(error.code, ErrorCode::kDenied);
@@ -133,7 +134,7 @@ TEST_F(PlatformRootTest, AFileThatOthersCanWriteIsNotTrusted) {
 }
 
 TEST_F(PlatformRootTest, AnothersFileIsNotTrusted) {
-  const std::string path = writeConfiguration(kFile, propertyList(""));
+  const std::string path = writeConfiguration(kConfigurationFile, propertyList(""));
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
   const Error error = refusal();
@@ -166,13 +167,13 @@ TEST_F(PlatformRootTest, OnlyARegularFileOfModestSizeIsRead) {
   const auto padded = [&](std::size_t size) {
     return empty + std::string(size - empty.size(), ' ');
   };
-  writeConfiguration(kFile, padded(64 * 1024));
+  writeConfiguration(kConfigurationFile, padded(64 * 1024));
   EXPECT_TRUE(readPlatformConfiguration(folder_.path()));
-  writeConfiguration(kFile, padded(64 * 1024 + 1));
+  writeConfiguration(kConfigurationFile, padded(64 * 1024 + 1));
   EXPECT_EQ(refusal().code, ErrorCode::kExhausted);
 
-  std::filesystem::remove(folder_.path(kFile));
-  ASSERT_EQ(::mkfifo(folder_.path(kFile).c_str(), 0600), 0);
+  std::filesystem::remove(folder_.path(kConfigurationFile));
+  ASSERT_EQ(::mkfifo(folder_.path(kConfigurationFile).c_str(), 0600), 0);
   EXPECT_THAT(refusal().context, HasSubstr("is not a regular file"));
 }
 

@@ -12,7 +12,7 @@ constexpr std::size_t kMaxLocaleFileBytes = 4096;
 constexpr const char* kLocaleFiles[] = {"/etc/locale.conf", "/etc/default/locale"};
 constexpr char kLanguageOtherwise[] = "en";
 
-std::optional<std::string> contentOf(const std::string& path) {
+std::optional<std::string> contentOfLocaleFile(const std::string& path) {
   const auto file = openRegularFile(path);
   if (!file) return std::nullopt;
   auto content = readToEnd(file->get(), kMaxLocaleFileBytes, path);
@@ -73,7 +73,7 @@ std::vector<std::string> preferredLanguages(const PlatformConfiguration& configu
   if (!configuration.languages.empty()) return configuration.languages;
   const std::string root = configuration.root == "/" ? "" : configuration.root;
   for (const char* file : kLocaleFiles) {
-    const auto content = contentOf(root + file);
+    const auto content = contentOfLocaleFile(root + file);
     if (!content) continue;
     auto languages = languagesOfLocaleFile(*content);
     if (!languages.empty()) return languages;

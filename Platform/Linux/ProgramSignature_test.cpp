@@ -24,11 +24,6 @@ namespace {
 
 using testing::HasSubstr;
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 class ProgramSignatureTest : public testing::Test {
  protected:
   void expectRefused(const std::string& path, OSStatus status, const std::string& reason) {
@@ -54,7 +49,7 @@ TEST_F(ProgramSignatureTest, AScriptIsAcceptedByTheSignatureBesideIt) {
   expectRefused(script, errSecCSUnsigned, "carries no signature, and there is no .p7s beside it");
   ASSERT_TRUE(signDetached(script, CodeSigningBed::signer(), CodeSigningBed::options()));
   EXPECT_TRUE(bed_.check(script));
-  EXPECT_EQ(contentOf(script), "#!/bin/sh\nexit 0\n");
+  EXPECT_EQ(contentOfFile(script), "#!/bin/sh\nexit 0\n");
 }
 
 TEST_F(ProgramSignatureTest, AChangedScriptIsRefused) {
@@ -65,7 +60,7 @@ TEST_F(ProgramSignatureTest, AChangedScriptIsRefused) {
 }
 
 TEST_F(ProgramSignatureTest, EveryChangedByteIsRefused) {
-  const std::string signedContent = contentOf(bed_.makeProgram("bin/program"));
+  const std::string signedContent = contentOfFile(bed_.makeProgram("bin/program"));
   ASSERT_LT(signedContent.size(), 4000u);
   for (std::size_t at = 0; at < signedContent.size(); ++at) {
     std::string changed = signedContent;
@@ -75,25 +70,25 @@ TEST_F(ProgramSignatureTest, EveryChangedByteIsRefused) {
 }
 
 TEST_F(ProgramSignatureTest, AChangedByteOfTheProgramIsToldAsSuch) {
-  std::string content = contentOf(bed_.makeProgram("bin/program"));
+  std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   content[2] ^= 1;
   expectRefused(makeFile(content), errSecCSSignatureFailed, "is not what was signed");
 }
 
 TEST_F(ProgramSignatureTest, AnAddedByteIsRefused) {
-  const std::string content = contentOf(bed_.makeProgram("bin/program"));
+  const std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   expectRefused(makeFile("x" + content), errSecCSSignatureFailed, "is not what was signed");
   expectRefused(makeFile(content + "x"), errSecCSUnsigned, "carries no signature");
 }
 
 TEST_F(ProgramSignatureTest, ATruncatedTrailerIsRefused) {
-  const std::string content = contentOf(bed_.makeProgram("bin/program"));
+  const std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   expectRefused(makeFile(content.substr(0, content.size() - 1)), errSecCSBadObjectFormat,
                 "its signature trailer is cut short");
 }
 
 TEST_F(ProgramSignatureTest, ANestedTrailerIsRefused) {
-  const std::string once = contentOf(bed_.makeProgram("bin/program"));
+  const std::string once = contentOfFile(bed_.makeProgram("bin/program"));
   // Made by hand, since signProgram() replaces the signature that is there.
   const std::string plain = makeFile(once);
   const UniqueFd file(::open(plain.c_str(), O_RDONLY | O_CLOEXEC));
@@ -107,7 +102,7 @@ TEST_F(ProgramSignatureTest, ANestedTrailerIsRefused) {
 }
 
 TEST_F(ProgramSignatureTest, AForgedTrailerIsRefused) {
-  const std::string content = contentOf(bed_.makeProgram("bin/program"));
+  const std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   const std::size_t fields = content.size() - kTrailerBytes;
   std::string kind = content;
   kind[fields + 2] = 1;
@@ -121,7 +116,7 @@ TEST_F(ProgramSignatureTest, AForgedTrailerIsRefused) {
 }
 
 TEST_F(ProgramSignatureTest, ImpossibleSizesInTheTrailerAreRefused) {
-  const std::string content = contentOf(bed_.makeProgram("bin/program"));
+  const std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   const std::string start = content.substr(0, content.size() - kTrailerBytes);
   const auto withSize = [&](std::uint32_t size) {
     const auto trailer = makeSignatureTrailer(size);
@@ -137,7 +132,7 @@ TEST_F(ProgramSignatureTest, ImpossibleSizesInTheTrailerAreRefused) {
 
 TEST_F(ProgramSignatureTest, ASparseFileOfTerabytesIsRefusedAtOnce) {
   const std::string path = bed_.makeProgram("bin/program");
-  const std::string content = contentOf(path);
+  const std::string content = contentOfFile(path);
   const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
   const off_t start = off_t{1} << 42;
   if (::pwrite(file.get(), content.data(), content.size(), start) < 0) {
@@ -149,7 +144,7 @@ TEST_F(ProgramSignatureTest, ASparseFileOfTerabytesIsRefusedAtOnce) {
 // As much as is checked, but for its last byte a hole; the signature stands behind it.
 TEST_F(ProgramSignatureTest, AProgramOneByteLargerThanIsCheckedIsRefusedAtOnce) {
   const std::string path = bed_.makeProgram("bin/program");
-  const std::string content = contentOf(path);
+  const std::string content = contentOfFile(path);
   const auto* const bytes = reinterpret_cast<const std::uint8_t*>(content.data());
   const auto trailer =
       readSignatureTrailer(content.size(), {bytes + content.size() - kTrailerBytes, kTrailerBytes});
@@ -288,7 +283,7 @@ TEST_F(ProgramSignatureTest, SigningLeavesNothingBehindWhenItFails) {
   EXPECT_FALSE(signProgram(path, CodeSigningBed::signer(), CodeSigningBed::options("bad\n")));
   EXPECT_FALSE(signProgram(bed_.folder().path("bin/none"), CodeSigningBed::signer(),
                            CodeSigningBed::options()));
-  EXPECT_EQ(contentOf(path),
+  EXPECT_EQ(contentOfFile(path),
             "\x7f"
             "ELF program");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(bed_.folder().path("bin")), {}), 1);

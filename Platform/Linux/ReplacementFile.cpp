@@ -15,7 +15,7 @@
 namespace platform {
 namespace {
 
-constexpr std::size_t kPieceBytes = 128 * 1024;
+constexpr std::size_t kReplacementPieceBytes = 128 * 1024;
 
 std::string folderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -54,9 +54,10 @@ Result<void> ReplacementFile::append(std::span<const std::uint8_t> bytes) {
 }
 
 Result<void> ReplacementFile::appendFrom(int file, std::uint64_t size) {
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kPieceBytes);
+  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kReplacementPieceBytes);
   for (std::uint64_t done = 0; done < size;) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kPieceBytes));
+    const auto wanted =
+        static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kReplacementPieceBytes));
     const ssize_t count = retryOnInterrupt(
         [&] { return ::pread(file, piece.get(), wanted, static_cast<off_t>(done)); });
     if (count < 0) return std::unexpected(systemError(path_));

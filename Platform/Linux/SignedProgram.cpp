@@ -12,10 +12,6 @@
 namespace platform {
 namespace {
 
-std::unexpected<CodeSigningFailure> refuse(OSStatus status, std::string reason) {
-  return std::unexpected(CodeSigningFailure{status, std::move(reason)});
-}
-
 CodeSigningResult<UniqueFd> openSeen(const std::string& path, const struct stat& seen) {
   auto file = openRegularFile(path);
   if (!file && file.error().osError != 0) {

@@ -16,11 +16,7 @@ namespace {
 constexpr char kBirthplace[] = "/tmp/.endpoint-XXXXXX";
 constexpr char kSocketName[] = "socket";
 
-std::string pathOf(const UniqueFd& descriptor) {
-  return fmt::format("/proc/self/fd/{}", descriptor.get());
-}
-
-std::unexpected<Error> failure(const char* what) {
+std::unexpected<Error> endpointFailure(const char* what) {
   const bool isExhausted = errno == EMFILE || errno == ENFILE || errno == ENOSPC;
   return std::unexpected(
       systemError(what, isExhausted ? ErrorCode::kExhausted : ErrorCode::kSystem));
@@ -30,8 +26,8 @@ std::unexpected<Error> failure(const char* what) {
 Result<UniqueFd> bindAndOpen(const std::string& path, const SocketEndpoint::Bind& bind) {
   if (auto bound = bind(path); !bound) return std::unexpected(std::move(bound.error()));
   UniqueFd descriptor(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  if (!descriptor) return failure("a new endpoint");
-  if (::chmod(path.c_str(), 0666) != 0) return failure("a new endpoint's mode");
+  if (!descriptor) return endpointFailure("a new endpoint");
+  if (::chmod(path.c_str(), 0666) != 0) return endpointFailure("a new endpoint's mode");
   return descriptor;
 }
 
@@ -40,7 +36,7 @@ Result<UniqueFd> bindAndOpen(const std::string& path, const SocketEndpoint::Bind
 Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descriptor) {
   struct stat status{};
   const int flags = ::fcntl(descriptor.get(), F_GETFL);
-  if (flags < 0 || ::fstat(descriptor.get(), &status) != 0) return failure("an endpoint");
+  if (flags < 0 || ::fstat(descriptor.get(), &status) != 0) return endpointFailure("an endpoint");
   // One with a name may be somebody's who lets only others than the sender connect.
   if ((flags & O_PATH) == 0 || !S_ISSOCK(status.st_mode) || status.st_nlink != 0) {
     return std::unexpected(Error{ErrorCode::kInvalid, 0, "a descriptor that is no endpoint"});
@@ -50,11 +46,11 @@ Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descri
 
 Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
   std::string folder = kBirthplace;
-  if (::mkdtemp(folder.data()) == nullptr) return failure("a folder for a new endpoint");
+  if (::mkdtemp(folder.data()) == nullptr) return endpointFailure("a folder for a new endpoint");
   UniqueFd birthplace(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  Result<UniqueFd> descriptor = birthplace
-                                    ? bindAndOpen(pathOf(birthplace) + "/" + kSocketName, bind)
-                                    : failure("a new endpoint's folder");
+  Result<UniqueFd> descriptor =
+      birthplace ? bindAndOpen(pathOfDescriptor(birthplace) + "/" + kSocketName, bind)
+                 : endpointFailure("a new endpoint's folder");
   ::unlinkat(birthplace.get(), kSocketName, 0);
   ::rmdir(folder.c_str());
   if (!descriptor) return std::unexpected(std::move(descriptor.error()));
@@ -63,6 +59,6 @@ Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
   return New{std::move(*endpoint), std::move(birthplace)};
 }
 
-std::string SocketEndpoint::path() const { return pathOf(descriptor_); }
+std::string SocketEndpoint::path() const { return pathOfDescriptor(descriptor_); }
 
 }  // namespace platform

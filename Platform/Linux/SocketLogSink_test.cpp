@@ -18,7 +18,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-const LogRecord kRecord{"Ident", "com.vantor.test", ASL_LEVEL_INFO, "text"};
+const LogRecord kInfoRecord{"Ident", "com.vantor.test", ASL_LEVEL_INFO, "text"};
 
 class SocketLogSinkTest
     : public testing::TestWithParam<Result<std::unique_ptr<LogSink>> (*)(std::string)> {
@@ -40,20 +40,20 @@ INSTANTIATE_TEST_SUITE_P(Syslog, SocketLogSinkTest, testing::Values(&makeSyslog)
 
 TEST_P(SocketLogSinkTest, AReceiverMayComeLater) {
   const auto sink = makeSink(path_);
-  const auto refused = sink->write(kRecord);
+  const auto refused = sink->write(kInfoRecord);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
   LogReceiver receiver(path_);
-  EXPECT_TRUE(sink->write(kRecord));
+  EXPECT_TRUE(sink->write(kInfoRecord));
   EXPECT_THAT(receiver.take(), SizeIs(1));
 }
 
 TEST_P(SocketLogSinkTest, AReceiverThatReplacesALivingOneGetsTheMessages) {
   const auto sink = makeSink(path_);
   LogReceiver first(path_);
-  ASSERT_TRUE(sink->write(kRecord));
+  ASSERT_TRUE(sink->write(kInfoRecord));
   LogReceiver second(path_);
-  ASSERT_TRUE(sink->write(kRecord));
+  ASSERT_TRUE(sink->write(kInfoRecord));
   EXPECT_THAT(first.take(), SizeIs(1));
   EXPECT_THAT(second.take(), SizeIs(1));
 }
@@ -64,7 +64,7 @@ TEST_P(SocketLogSinkTest, AReceiverThatWasKilledRefuses) {
     LogReceiver receiver(path_);
   }
   ASSERT_TRUE(std::filesystem::is_socket(path_));
-  const auto refused = sink->write(kRecord);
+  const auto refused = sink->write(kInfoRecord);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
 }
@@ -90,7 +90,7 @@ TEST_P(SocketLogSinkTest, AFullReceiverIsToldApartFromAMissingOne) {
   const auto sink = makeSink(path_);
   LogReceiver receiver(path_);
   Result<void> written;
-  for (int i = 0; i < 100'000 && written; ++i) written = sink->write(kRecord);
+  for (int i = 0; i < 100'000 && written; ++i) written = sink->write(kInfoRecord);
   ASSERT_FALSE(written);
   EXPECT_EQ(written.error().code, ErrorCode::kExhausted);
   EXPECT_EQ(written.error().osError, EAGAIN);
@@ -111,16 +111,16 @@ TEST_P(SocketLogSinkTest, PathsOfAnyLengthWork) {
     ASSERT_EQ(path.size(), size);
     LogReceiver receiver(path);
     const auto sink = makeSink(path);
-    const auto written = sink->write(kRecord);
+    const auto written = sink->write(kInfoRecord);
     EXPECT_TRUE(written) << path.size() << ' ' << describe(written.error());
     EXPECT_THAT(receiver.take(), SizeIs(1)) << path.size();
   }
 }
 
 TEST_P(SocketLogSinkTest, AFolderThatIsMissingRefuses) {
-  EXPECT_FALSE(makeSink(folder_.path("missing/socket"))->write(kRecord));
-  EXPECT_FALSE(makeSink(folder_.path(std::string(120, 'm') + "/socket"))->write(kRecord));
-  EXPECT_FALSE(makeSink(folder_.path(std::string(120, 'n')))->write(kRecord));
+  EXPECT_FALSE(makeSink(folder_.path("missing/socket"))->write(kInfoRecord));
+  EXPECT_FALSE(makeSink(folder_.path(std::string(120, 'm') + "/socket"))->write(kInfoRecord));
+  EXPECT_FALSE(makeSink(folder_.path(std::string(120, 'n')))->write(kInfoRecord));
 }
 
 TEST(JournalLogSinkTest, AnEntryIsWhatTheJournalsProtocolSays) {

@@ -26,9 +26,9 @@ using Clock = std::chrono::steady_clock;
 constexpr char kLockName[] = ".lock";
 constexpr char kSocketInBirthplace[] = "socket";
 constexpr auto kLockWait = 1s;
-constexpr auto kPause = 5ms;
+constexpr auto kNamingPause = 5ms;
 
-ErrorCode codeOf(int number) {
+ErrorCode codeOfSocketError(int number) {
   switch (number) {
     case ENOENT:
     case ENOTDIR:
@@ -53,27 +53,23 @@ ErrorCode codeOf(int number) {
   }
 }
 
-std::unexpected<Error> failure(std::string what) {
+std::unexpected<Error> socketFailure(std::string what) {
   const int number = errno;
-  return std::unexpected(Error{codeOf(number), number, std::move(what)});
-}
-
-std::string pathOf(const UniqueFd& descriptor) {
-  return fmt::format("/proc/self/fd/{}", descriptor.get());
+  return std::unexpected(Error{codeOfSocketError(number), number, std::move(what)});
 }
 
 // Through a descriptor of the socket itself: an address holds 107 bytes.
 Result<UniqueFd> connectOnce(const UniqueFd& target) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket) return failure("socket");
+  if (!socket) return socketFailure("socket");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const std::string path = pathOf(target);
+  const std::string path = pathOfDescriptor(target);
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   const int connected = retryOnInterrupt([&] {
     return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
   });
-  if (connected != 0) return failure("connect");
+  if (connected != 0) return socketFailure("connect");
   return socket;
 }
 
@@ -82,7 +78,7 @@ Result<UniqueFd> connectOnce(const UniqueFd& target) {
 Result<UniqueFd> lock(const UniqueFd& folder) {
   UniqueFd file(
       ::openat(folder.get(), kLockName, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
-  if (!file) return failure("the folder's lock");
+  if (!file) return socketFailure("the folder's lock");
   struct stat status{};
   if (::fstat(folder.get(), &status) == 0) {
     std::ignore = ::fchown(file.get(), static_cast<uid_t>(-1), status.st_gid);
@@ -90,9 +86,9 @@ Result<UniqueFd> lock(const UniqueFd& folder) {
   }
   const auto deadline = Clock::now() + kLockWait;
   while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EWOULDBLOCK && errno != EINTR) return failure("locking the folder");
-    if (Clock::now() >= deadline) return failure("another process keeps the folder's lock");
-    std::this_thread::sleep_for(kPause);
+    if (errno != EWOULDBLOCK && errno != EINTR) return socketFailure("locking the folder");
+    if (Clock::now() >= deadline) return socketFailure("another process keeps the folder's lock");
+    std::this_thread::sleep_for(kNamingPause);
   }
   return file;
 }
@@ -118,22 +114,22 @@ Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode,
   }
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   UniqueFd folder(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!folder) return inContext(failure("the folder").error());
+  if (!folder) return inContext(socketFailure("the folder").error());
 
   const std::string temporary = randomName();
   if (::mkdirat(folder.get(), temporary.c_str(), 0700) != 0) {
-    return inContext(failure("making a folder for the socket").error());
+    return inContext(socketFailure("making a folder for the socket").error());
   }
   UniqueFd birthplace(
       ::openat(folder.get(), temporary.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
   SocketName taken(std::move(folder), name, std::move(birthplace));
   Result<void> done;
   if (!taken.birthplace_) {
-    done = failure("the socket's folder");
-  } else if (done = bind(pathOf(taken.birthplace_) + "/" + kSocketInBirthplace); done) {
+    done = socketFailure("the socket's folder");
+  } else if (done = bind(pathOfDescriptor(taken.birthplace_) + "/" + kSocketInBirthplace); done) {
     done = ::fchmodat(taken.birthplace_.get(), kSocketInBirthplace, mode, 0) == 0
                ? taken.publish()
-               : failure("the socket's mode");
+               : socketFailure("the socket's mode");
   }
   if (taken.birthplace_) ::unlinkat(taken.birthplace_.get(), kSocketInBirthplace, 0);
   ::unlinkat(taken.folder_.get(), temporary.c_str(), AT_REMOVEDIR);
@@ -144,19 +140,19 @@ Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode,
 Result<void> SocketName::publish() {
   struct stat status{};
   if (::fstatat(birthplace_.get(), kSocketInBirthplace, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return failure("the new socket");
+    return socketFailure("the new socket");
   }
   const auto link = [this] {
     return ::linkat(birthplace_.get(), kSocketInBirthplace, folder_.get(), name_.c_str(), 0) == 0;
   };
   if (!link()) {
-    if (errno != EEXIST) return failure("naming the socket");
+    if (errno != EEXIST) return socketFailure("naming the socket");
     const auto locked = lock(folder_);
     if (!locked) return std::unexpected(locked.error());
     if (auto replaced = replaceLeftover(); !replaced) return replaced;
     if (!link()) {
       if (errno == EEXIST) errno = EADDRINUSE;  // Somebody else was quicker.
-      return failure("naming the socket");
+      return socketFailure("naming the socket");
     }
   }
   device_ = status.st_dev;
@@ -166,9 +162,9 @@ Result<void> SocketName::publish() {
 
 Result<void> SocketName::replaceLeftover() {
   const UniqueFd found(::openat(folder_.get(), name_.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
-  if (!found) return errno == ENOENT ? Result<void>() : failure("what has the name");
+  if (!found) return errno == ENOENT ? Result<void>() : socketFailure("what has the name");
   struct stat status{};
-  if (::fstat(found.get(), &status) != 0) return failure("what has the name");
+  if (::fstat(found.get(), &status) != 0) return socketFailure("what has the name");
   if (!S_ISSOCK(status.st_mode)) {
     return std::unexpected(Error{ErrorCode::kInvalid, EEXIST, "something else has the name"});
   }
@@ -178,7 +174,7 @@ Result<void> SocketName::replaceLeftover() {
         Error{ErrorCode::kDenied, EADDRINUSE, "another process listens on the name"});
   }
   if (::unlinkat(folder_.get(), name_.c_str(), 0) != 0 && errno != ENOENT) {
-    return failure("removing what a dead process has left");
+    return socketFailure("removing what a dead process has left");
   }
   return {};
 }
@@ -196,9 +192,9 @@ void SocketName::remove() {
 Result<UniqueFd> connectToSocket(const std::string& path, Duration wait) {
   const auto deadline = Clock::now() + wait;
   const UniqueFd target(::open(path.c_str(), O_PATH | O_CLOEXEC));
-  if (!target) return failure("connecting to " + path);
+  if (!target) return socketFailure("connecting to " + path);
   struct stat status{};
-  if (::fstat(target.get(), &status) != 0) return failure("connecting to " + path);
+  if (::fstat(target.get(), &status) != 0) return socketFailure("connecting to " + path);
   if (!S_ISSOCK(status.st_mode)) {
     return std::unexpected(Error{ErrorCode::kInvalid, ENOTSOCK, "connecting to " + path});
   }
@@ -210,7 +206,7 @@ Result<UniqueFd> connectToSocket(const std::string& path, Duration wait) {
       connected.error().context = "connecting to " + path;
       return connected;
     }
-    std::this_thread::sleep_for(kPause);
+    std::this_thread::sleep_for(kNamingPause);
   }
 }
 

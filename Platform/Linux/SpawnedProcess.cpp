@@ -81,7 +81,7 @@ bool isThePathsFault(int number) {
   }
 }
 
-bool holdsZeroByte(const std::string& text) { return text.find('\0') != std::string::npos; }
+bool argumentHoldsZeroByte(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 // It may be running already, but no program opens a thousand files in its first moments. One of
 // another user (its file says so) keeps ours.
@@ -98,8 +98,8 @@ Result<SpawnedProcess> SpawnedProcess::spawn(const std::string& path,
                                              std::vector<std::string> arguments,
                                              std::optional<Outputs> outputs,
                                              std::optional<std::uint64_t> descriptorLimit) {
-  if (holdsZeroByte(path)) return std::unexpected(Error{ErrorCode::kInvalid, EINVAL, path});
-  if (std::ranges::any_of(arguments, holdsZeroByte)) {
+  if (argumentHoldsZeroByte(path)) return std::unexpected(Error{ErrorCode::kInvalid, EINVAL, path});
+  if (std::ranges::any_of(arguments, argumentHoldsZeroByte)) {
     return std::unexpected(Error{ErrorCode::kSystem, EINVAL, path + ": an argument"});
   }
   arguments.insert(arguments.begin(), path);

@@ -16,7 +16,7 @@
 namespace platform {
 namespace {
 
-const LogRecord kRecord{"program", "", ASL_LEVEL_WARNING, "a text\nof two lines"};
+const LogRecord kWarningRecord{"program", "", ASL_LEVEL_WARNING, "a text\nof two lines"};
 
 struct Ends {
   UniqueFd read;
@@ -52,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(Socket, StandardErrorLogSinkTest, testing::Values(&make
 
 TEST_P(StandardErrorLogSinkTest, ALineHasTimeProgramProcessAndThread) {
   StandardErrorLogSink sink(ends_.write.get());
-  ASSERT_TRUE(sink.write(kRecord));
+  ASSERT_TRUE(sink.write(kWarningRecord));
   EXPECT_THAT(
       readOnce(ends_.read),
       testing::MatchesRegex("....-..-.. ..:..:..\\.... program\\[" + std::to_string(::getpid()) +
@@ -62,7 +62,7 @@ TEST_P(StandardErrorLogSinkTest, ALineHasTimeProgramProcessAndThread) {
 TEST_P(StandardErrorLogSinkTest, AReaderThatDoesNotReadIsNotWaitedFor) {
   StandardErrorLogSink sink(ends_.write.get());
   Result<void> written;
-  for (int i = 0; i < 100'000 && written; ++i) written = sink.write(kRecord);
+  for (int i = 0; i < 100'000 && written; ++i) written = sink.write(kWarningRecord);
   ASSERT_FALSE(written);
   EXPECT_EQ(written.error().code, ErrorCode::kExhausted);
   // The flag would reach every process that shares the descriptor.
@@ -72,7 +72,7 @@ TEST_P(StandardErrorLogSinkTest, AReaderThatDoesNotReadIsNotWaitedFor) {
 TEST_P(StandardErrorLogSinkTest, AReaderThatIsGoneDoesNotKill) {
   StandardErrorLogSink sink(ends_.write.get());
   ends_.read.reset();
-  const auto refused = sink.write(kRecord);
+  const auto refused = sink.write(kWarningRecord);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
   sigset_t pending;
@@ -94,7 +94,7 @@ TEST(StandardErrorFileTest, LinesAreAddedToAFile) {
   std::ofstream(path) << "older\n";
   const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
   StandardErrorLogSink sink(file.get());
-  ASSERT_TRUE(sink.write(kRecord));
+  ASSERT_TRUE(sink.write(kWarningRecord));
   std::ifstream stream(path);
   std::string line;
   std::getline(stream, line);
@@ -105,13 +105,13 @@ TEST(StandardErrorFileTest, LinesAreAddedToAFile) {
 
 TEST(StandardErrorFileTest, AFullDiskRefuses) {
   const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-  const auto refused = StandardErrorLogSink(full.get()).write(kRecord);
+  const auto refused = StandardErrorLogSink(full.get()).write(kWarningRecord);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
 }
 
 TEST(StandardErrorFileTest, WithoutAStandardErrorEverythingIsRefused) {
-  EXPECT_FALSE(StandardErrorLogSink(-1).write(kRecord));
+  EXPECT_FALSE(StandardErrorLogSink(-1).write(kWarningRecord));
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ bool isPlain(std::string_view path) {
   return true;
 }
 
-std::unexpected<CodeSigningFailure> refuse(int errorNumber, std::string reason) {
+std::unexpected<CodeSigningFailure> refusePlace(int errorNumber, std::string reason) {
   return std::unexpected(CodeSigningFailure{kErrnoStatusBase + errorNumber, std::move(reason)});
 }
 
@@ -34,13 +34,13 @@ CodeSigningResult<void> TrustedPlace::checkFile(const std::string& path,
                                                 const struct stat& status) const {
   const char* const kind = S_ISDIR(status.st_mode) ? "the folder" : "the file";
   if (status.st_uid != 0 && status.st_uid != owner_) {
-    return refuse(EPERM,
-                  fmt::format("{} {} belongs to uid {}, {}", kind, path, status.st_uid, kWhere));
+    return refusePlace(
+        EPERM, fmt::format("{} {} belongs to uid {}, {}", kind, path, status.st_uid, kWhere));
   }
   const bool othersWrite = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
   if (othersWrite && !S_ISLNK(status.st_mode)) {  // A link's mode means nothing.
-    return refuse(EPERM, fmt::format("{} {} can be written by others (mode {:04o}), {}", kind, path,
-                                     status.st_mode & 07777u, kWhere));
+    return refusePlace(EPERM, fmt::format("{} {} can be written by others (mode {:04o}), {}", kind,
+                                          path, status.st_mode & 07777u, kWhere));
   }
   return {};
 }
@@ -57,7 +57,7 @@ CodeSigningResult<void> TrustedPlace::check(const std::string& path, FileFacts& 
     const auto status = lookAt(part);
     if (!status) return std::unexpected(status.error());
     if (S_ISLNK(status->st_mode)) {
-      return refuse(ELOOP, part + ": is a symbolic link; name the real path");
+      return refusePlace(ELOOP, part + ": is a symbolic link; name the real path");
     }
     const bool protectsNames = !last && S_ISDIR(status->st_mode) && (status->st_mode & S_ISVTX);
     struct stat judged = *status;

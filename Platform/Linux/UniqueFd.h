@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string>
 #include <utility>
 
 #include <unistd.h>
@@ -33,5 +34,10 @@ class [[nodiscard]] UniqueFd {
  private:
   int fd_ = -1;
 };
+
+// A path to what the descriptor holds, for this process while it is open.
+inline std::string pathOfDescriptor(const UniqueFd& descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor.get());
+}
 
 }  // namespace platform

@@ -13,7 +13,7 @@
 namespace platform {
 namespace {
 
-constexpr std::size_t kFile = 2 * kMaxPeerMessageBytes;
+constexpr std::size_t kFileBytes = 2 * kMaxPeerMessageBytes;
 constexpr std::size_t kFrame = 200;  // what stands on the socket for a file
 
 // The socket is the kernel's own. What the files hold does not matter to it, so there are none.
@@ -69,11 +69,11 @@ TEST_F(UnreadFilesTest, TheKernelCountsThatMuchForTheShortestMessageAndMoreForAL
 }
 
 TEST_F(UnreadFilesTest, EachCountsUntilItIsRead) {
-  for (int i = 0; i < 5; ++i) send(kFile);
-  EXPECT_EQ(files_.bytes(true), 5 * kFile);
+  for (int i = 0; i < 5; ++i) send(kFileBytes);
+  EXPECT_EQ(files_.bytes(true), 5 * kFileBytes);
   for (std::size_t left = 4; left > 0; --left) {
     read();
-    EXPECT_EQ(files_.bytes(true), left * kFile);
+    EXPECT_EQ(files_.bytes(true), left * kFileBytes);
   }
   read();
   EXPECT_EQ(files_.bytes(true), 0u);
@@ -81,56 +81,56 @@ TEST_F(UnreadFilesTest, EachCountsUntilItIsRead) {
 
 TEST_F(UnreadFilesTest, WhatIsReadBeforeAFileDoesNotCountForIt) {
   for (int i = 0; i < 20; ++i) send(0);
-  send(kFile);
+  send(kFileBytes);
   for (int i = 0; i < 20; ++i) send(0);
   for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(files_.bytes(true), kFile);
+    EXPECT_EQ(files_.bytes(true), kFileBytes);
     read();
   }
-  EXPECT_EQ(files_.bytes(true), kFile);
+  EXPECT_EQ(files_.bytes(true), kFileBytes);
   read();
   EXPECT_EQ(files_.bytes(true), 0u);  // What stands behind it is still there.
   EXPECT_GT(inSocket(), 0u);
 }
 
 TEST_F(UnreadFilesTest, APeerThatIsAlwaysOneBehindHasReadTheOthers) {
-  send(kFile);
-  for (std::size_t sent = kFile; sent < 256 * kFile; sent += kFile) {
-    send(kFile);
-    EXPECT_EQ(files_.bytes(true), 2 * kFile);
+  send(kFileBytes);
+  for (std::size_t sent = kFileBytes; sent < 256 * kFileBytes; sent += kFileBytes) {
+    send(kFileBytes);
+    EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);
     read();
-    EXPECT_EQ(files_.bytes(true), kFile);
+    EXPECT_EQ(files_.bytes(true), kFileBytes);
   }
 }
 
 // What such a message adds can't be seen: the queue is no longer behind it than it was before.
 TEST_F(UnreadFilesTest, APeerThatReadsWhileAMessageIsWrittenIsBelievedALittleLater) {
-  send(kFile);
+  send(kFileBytes);
   for (int i = 0; i < 100; ++i) {
-    files_.willSend(kFile, true);
+    files_.willSend(kFileBytes, true);
     write(kFrame);
     read();
-    files_.sent(kFile, true);
-    EXPECT_GE(files_.bytes(true), kFile);
-    EXPECT_LE(files_.bytes(true), 4 * kFile);
+    files_.sent(kFileBytes, true);
+    EXPECT_GE(files_.bytes(true), kFileBytes);
+    EXPECT_LE(files_.bytes(true), 4 * kFileBytes);
   }
   read();
   EXPECT_EQ(files_.bytes(true), 0u);
 }
 
 TEST_F(UnreadFilesTest, WhatWaitsOutsideTheSocketIsUnread) {
-  files_.willSend(kFile, true);
-  files_.sent(kFile, false);
-  files_.willSend(kFile, false);
-  files_.sent(kFile, false);
-  EXPECT_EQ(files_.bytes(false), 2 * kFile);  // Though the socket is empty.
+  files_.willSend(kFileBytes, true);
+  files_.sent(kFileBytes, false);
+  files_.willSend(kFileBytes, false);
+  files_.sent(kFileBytes, false);
+  EXPECT_EQ(files_.bytes(false), 2 * kFileBytes);  // Though the socket is empty.
   write(kFrame);
   write(kFrame);
-  EXPECT_EQ(files_.bytes(true), 2 * kFile);
+  EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);
   send(0);
   send(0);
   read();
-  EXPECT_EQ(files_.bytes(true), 2 * kFile);  // Written unseen, they count as one.
+  EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);  // Written unseen, they count as one.
   read();
   read();
   EXPECT_GT(inSocket(), 0u);
@@ -138,26 +138,26 @@ TEST_F(UnreadFilesTest, WhatWaitsOutsideTheSocketIsUnread) {
 }
 
 TEST_F(UnreadFilesTest, WhatIsWrittenInPartsIsNotReadBeforeItsEnd) {
-  send(kFile);
-  files_.willSend(kFile, true);
+  send(kFileBytes);
+  files_.willSend(kFileBytes, true);
   write(kFrame / 2);
-  files_.sent(kFile, false);
-  EXPECT_EQ(files_.bytes(false), 2 * kFile);
+  files_.sent(kFileBytes, false);
+  EXPECT_EQ(files_.bytes(false), 2 * kFileBytes);
   read();
-  EXPECT_EQ(files_.bytes(false), kFile);
+  EXPECT_EQ(files_.bytes(false), kFileBytes);
   read(kFrame / 2);
-  EXPECT_EQ(files_.bytes(false), kFile);
+  EXPECT_EQ(files_.bytes(false), kFileBytes);
   write(kFrame / 2);
-  EXPECT_EQ(files_.bytes(true), kFile);
+  EXPECT_EQ(files_.bytes(true), kFileBytes);
   read(kFrame / 2);
   EXPECT_EQ(files_.bytes(true), 0u);
 }
 
 TEST_F(UnreadFilesTest, WithoutASocketNothingIsRead) {
   UnreadFiles files(-1);
-  files.willSend(kFile, true);
-  files.sent(kFile, true);
-  EXPECT_EQ(files.bytes(true), kFile);
+  files.willSend(kFileBytes, true);
+  files.sent(kFileBytes, true);
+  EXPECT_EQ(files.bytes(true), kFileBytes);
 }
 
 }  // namespace

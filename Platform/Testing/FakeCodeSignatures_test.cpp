@@ -5,7 +5,7 @@
 namespace platform {
 namespace {
 
-class FakeHarness final : public CodeSignatureHarness {
+class FakeSignaturesHarness final : public CodeSignatureHarness {
  public:
   CodeSignatures& signatures() override { return fake_; }
   std::string makeValid(SecStaticCode::Kind kind, std::optional<std::string> identifier) override {
@@ -32,10 +32,12 @@ class FakeHarness final : public CodeSignatureHarness {
   FakeCodeSignatures fake_;
 };
 
-std::unique_ptr<CodeSignatureHarness> makeFakeHarness() { return std::make_unique<FakeHarness>(); }
+std::unique_ptr<CodeSignatureHarness> makeFakeSignaturesHarness() {
+  return std::make_unique<FakeSignaturesHarness>();
+}
 
 INSTANTIATE_TEST_SUITE_P(Fake, CodeSignatureContract,
-                         testing::Combine(testing::Values(&makeFakeHarness),
+                         testing::Combine(testing::Values(&makeFakeSignaturesHarness),
                                           testing::Values(SecStaticCode::Kind::kProgram,
                                                           SecStaticCode::Kind::kBundle)));
 

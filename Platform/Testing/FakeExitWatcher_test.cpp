@@ -7,7 +7,7 @@
 namespace platform {
 namespace {
 
-class FakeProcesses final : public ExitWatcherHarness {
+class FakeExitProcesses final : public ExitWatcherHarness {
  public:
   RunLoop& loop() override { return loop_; }
   ExitWatcher& watcher() override { return watcher_; }
@@ -40,9 +40,11 @@ class FakeProcesses final : public ExitWatcherHarness {
   ProcessId last_ = 1000;
 };
 
-std::unique_ptr<ExitWatcherHarness> makeHarness() { return std::make_unique<FakeProcesses>(); }
+std::unique_ptr<ExitWatcherHarness> makeFakeExitHarness() {
+  return std::make_unique<FakeExitProcesses>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, ExitWatcherContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, ExitWatcherContract, testing::Values(&makeFakeExitHarness));
 
 class FakeExitWatcherTest : public testing::Test {
  protected:

@@ -23,8 +23,8 @@ std::unexpected<NSError> failure(LaunchdError code, std::string text) {
   return std::unexpected(NSError{kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
 }
 
-std::unexpected<NSError> invalid(const std::string& label, const std::string& key,
-                                 const std::string& expected) {
+std::unexpected<NSError> invalidJob(const std::string& label, const std::string& key,
+                                    const std::string& expected) {
   return failure(LaunchdError::kInvalidJob,
                  "job \"" + label + "\": key \"" + key + "\": expected " + expected);
 }
@@ -45,18 +45,18 @@ Duration secondsOf(const Value& dictionary, std::string_view key, Duration other
 bool isTrue(const Value& value) { return value.boolean() == true; }
 
 std::expected<void, NSError> check(const Value& dictionary) {
-  if (!dictionary.dictionary()) return invalid("", "", "a dictionary");
+  if (!dictionary.dictionary()) return invalidJob("", "", "a dictionary");
   const std::string* label = dictionary["Label"].string();
-  if (!label || label->empty()) return invalid("", "Label", "a string");
-  if (!programOf(dictionary).starts_with('/')) return invalid(*label, "Program", "a path");
+  if (!label || label->empty()) return invalidJob("", "Label", "a string");
+  if (!programOf(dictionary).starts_with('/')) return invalidJob(*label, "Program", "a path");
   for (const char* key : {"KeepAlive", "RunAtLoad"}) {
     if (!dictionary[key].isNil() && !dictionary[key].boolean()) {
-      return invalid(*label, key, "a boolean");
+      return invalidJob(*label, key, "a boolean");
     }
   }
   for (const char* key : {"ThrottleInterval", "ExitTimeOut"}) {
     if (!dictionary[key].isNil() && dictionary[key].integer().value_or(-1) < 0) {
-      return invalid(*label, key, "an integer of seconds");
+      return invalidJob(*label, key, "an integer of seconds");
     }
   }
   return {};

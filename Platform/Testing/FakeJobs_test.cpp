@@ -17,9 +17,9 @@ using testing::IsEmpty;
 
 constexpr ExitStatus kKilled{ExitStatus::Kind::kSignalled, SIGKILL};
 
-class FakeMachine final : public JobsMachine {
+class FakeJobsMachine final : public JobsMachine {
  public:
-  FakeMachine() { jobs_.setUnstartable(unstartableProgram(), "Permission denied"); }
+  FakeJobsMachine() { jobs_.setUnstartable(unstartableProgram(), "Permission denied"); }
 
   Jobs& jobs() override { return jobs_; }
   std::string program() override { return "/opt/agent"; }
@@ -45,9 +45,9 @@ class FakeMachine final : public JobsMachine {
   FakeJobs jobs_{loop_, exitWatcher_};
 };
 
-std::unique_ptr<JobsMachine> makeMachine() { return std::make_unique<FakeMachine>(); }
+std::unique_ptr<JobsMachine> makeJobsMachine() { return std::make_unique<FakeJobsMachine>(); }
 
-INSTANTIATE_TEST_SUITE_P(Fake, JobsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(Fake, JobsContract, testing::Values(&makeJobsMachine));
 
 class FakeJobsTest : public testing::Test {
  protected:

@@ -10,7 +10,7 @@ namespace {
 
 constexpr Duration kTimeout = std::chrono::seconds(1);
 
-std::unexpected<Error> fail(ErrorCode code, int number, std::string_view what) {
+std::unexpected<Error> controlFailure(ErrorCode code, int number, std::string_view what) {
   return std::unexpected(Error{code, number, "fake control: " + std::string(what)});
 }
 
@@ -29,17 +29,18 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
   ~FakeSocket() override { hangUp(); }
 
   Result<void> findControl(std::string_view name) override {
-    if (!isName(name)) return fail(ErrorCode::kInvalid, 0, "no name");
+    if (!isName(name)) return controlFailure(ErrorCode::kInvalid, 0, "no name");
     ++controls_.searches_[std::string(name)];
-    if (!controls_.find(name)) return fail(ErrorCode::kNotFound, ENOENT, name);
+    if (!controls_.find(name)) return controlFailure(ErrorCode::kNotFound, ENOENT, name);
     name_ = name;
     return {};
   }
 
   Result<void> connect() override {
     Control* const control = controls_.find(name_);
-    if (!control || control->isUnreachable) return fail(ErrorCode::kNotFound, ECONNREFUSED, name_);
-    if (control->isForeign) return fail(ErrorCode::kDenied, EPERM, name_);
+    if (!control || control->isUnreachable)
+      return controlFailure(ErrorCode::kNotFound, ECONNREFUSED, name_);
+    if (control->isForeign) return controlFailure(ErrorCode::kDenied, EPERM, name_);
     handler_ = control->makeHandler();
     ++control->clients;
     ++control->connections;
@@ -51,7 +52,7 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
     const auto bytes = handler_->getOption(option);
     if (!bytes) return refused(bytes.error());
     if (bytes->size() > kMaxControlOptionBytes) {
-      return fail(ErrorCode::kSystem, EMSGSIZE, "a long option");
+      return controlFailure(ErrorCode::kSystem, EMSGSIZE, "a long option");
     }
     ControlInteger integer{0, bytes->size()};
     std::copy_n(bytes->begin(), std::min(bytes->size(), sizeof integer.value),
@@ -61,7 +62,7 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
 
   Result<void> setOption(std::uint32_t option, std::span<const std::uint8_t> bytes) override {
     if (bytes.size() > kMaxControlOptionBytes) {
-      return fail(ErrorCode::kInvalid, EMSGSIZE, "too many bytes");
+      return controlFailure(ErrorCode::kInvalid, EMSGSIZE, "too many bytes");
     }
     if (auto answers = await(); !answers) return answers;
     const auto done = handler_->setOption(option, bytes);
@@ -74,21 +75,22 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
   Result<void> prepareToUnload() override {
     if (auto answers = await(); !answers) return answers;
     if (controls_.find(name_)->clients == 1) return {};
-    return fail(ErrorCode::kDenied, EBUSY, "has other clients");
+    return controlFailure(ErrorCode::kDenied, EBUSY, "has other clients");
   }
 
  private:
   static std::unexpected<Error> refused(const Error& error) {
-    return fail(ErrorCode::kSystem, error.osError == 0 ? EINVAL : error.osError, error.context);
+    return controlFailure(ErrorCode::kSystem, error.osError == 0 ? EINVAL : error.osError,
+                          error.context);
   }
 
   Result<void> await() {
-    if (!handler_) return fail(ErrorCode::kInvalid, ENOTCONN, name_);
+    if (!handler_) return controlFailure(ErrorCode::kInvalid, ENOTCONN, name_);
     const Control* const control = controls_.find(name_);
     if (control && !control->isHanging) return {};
     if (control) controls_.loop_.sleepFor(kTimeout);
     hangUp();
-    return fail(ErrorCode::kSystem, control ? ETIMEDOUT : ECONNRESET, name_);
+    return controlFailure(ErrorCode::kSystem, control ? ETIMEDOUT : ECONNRESET, name_);
   }
 
   void hangUp() {
@@ -120,7 +122,7 @@ FakeKernelControls::Control* FakeKernelControls::find(std::string_view name) {
 }
 
 Result<std::unique_ptr<ControlSocket>> FakeKernelControls::openControlSocket() {
-  if (withoutDescriptors_) return fail(ErrorCode::kExhausted, EMFILE, "no descriptor");
+  if (withoutDescriptors_) return controlFailure(ErrorCode::kExhausted, EMFILE, "no descriptor");
   return std::make_unique<FakeSocket>(*this);
 }
 

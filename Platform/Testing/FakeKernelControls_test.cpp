@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class FakeMachine final : public ControlsMachine {
+class FakeControlsMachine final : public ControlsMachine {
  public:
   KernelControls& controls() override { return controls_; }
   void offer(const std::string& name, MakeControlHandler makeHandler) override {
@@ -23,9 +23,11 @@ class FakeMachine final : public ControlsMachine {
   FakeKernelControls controls_{loop_};
 };
 
-std::unique_ptr<ControlsMachine> makeMachine() { return std::make_unique<FakeMachine>(); }
+std::unique_ptr<ControlsMachine> makeControlsMachine() {
+  return std::make_unique<FakeControlsMachine>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, KernelControlsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(Fake, KernelControlsContract, testing::Values(&makeControlsMachine));
 
 TEST(FakeKernelControlsTest, ARequestToOneThatHangsTakesASecond) {
   VirtualRunLoop loop;

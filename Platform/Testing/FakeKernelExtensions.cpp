@@ -9,8 +9,8 @@ namespace {
 
 constexpr Duration kControlWait = std::chrono::seconds(5);
 
-std::unexpected<Error> fail(ErrorCode code, int number, const std::string& identifier,
-                            const char* what) {
+std::unexpected<Error> extensionFailure(ErrorCode code, int number, const std::string& identifier,
+                                        const char* what) {
   return std::unexpected(Error{code, number, identifier + ": " + what});
 }
 
@@ -31,7 +31,7 @@ bool FakeKernelExtensions::canBeConnectedTo(const std::string& identifier) {
 Result<std::string> FakeKernelExtensions::KextManagerCreateURLForBundleIdentifier(
     const std::string& identifier) {
   if (!extensions_.contains(identifier)) {
-    return fail(ErrorCode::kNotFound, 0, identifier, "no such extension");
+    return extensionFailure(ErrorCode::kNotFound, 0, identifier, "no such extension");
   }
   return "/Library/Extensions/" + identifier + ".kext";
 }
@@ -40,7 +40,8 @@ Result<void> FakeKernelExtensions::OSKextAuthenticate(const std::string& identif
   if (auto found = KextManagerCreateURLForBundleIdentifier(identifier); !found) {
     return std::unexpected(found.error());
   }
-  if (at(identifier).loadFails) return fail(ErrorCode::kDenied, 0, identifier, "unsigned");
+  if (at(identifier).loadFails)
+    return extensionFailure(ErrorCode::kDenied, 0, identifier, "unsigned");
   return {};
 }
 
@@ -48,36 +49,36 @@ Result<void> FakeKernelExtensions::KextManagerLoadKextWithIdentifier(
     const std::string& identifier, const std::vector<std::string>& /*folders*/) {
   requests_.push_back("load " + identifier);
   if (!extensions_.contains(identifier)) {
-    return fail(ErrorCode::kNotFound, 0, identifier, "no such extension");
+    return extensionFailure(ErrorCode::kNotFound, 0, identifier, "no such extension");
   }
   // A copy, since the test's callback may change everything.
   if (const auto onLoad = at(identifier).onLoad) onLoad();
   Extension& extension = at(identifier);
-  if (extension.loadFails) return fail(ErrorCode::kDenied, 0, identifier, "unsigned");
+  if (extension.loadFails) return extensionFailure(ErrorCode::kDenied, 0, identifier, "unsigned");
   const bool wasLoaded = std::exchange(extension.isLoaded, true);
   if (!wasLoaded) extension.hasCrashed = false;
   if (extension.isWithoutControl || canBeConnectedTo(identifier)) return {};
   loop_.sleepFor(kControlWait);
   if (canBeConnectedTo(identifier)) return {};
   extension.isLoaded = wasLoaded;
-  return fail(ErrorCode::kNotFound, 0, identifier, "its control does not listen");
+  return extensionFailure(ErrorCode::kNotFound, 0, identifier, "its control does not listen");
 }
 
 Result<void> FakeKernelExtensions::KextManagerUnloadKextWithIdentifier(
     const std::string& identifier) {
   requests_.push_back("unload " + identifier);
   if (!extensions_.contains(identifier) || !at(identifier).isLoaded) {
-    return fail(ErrorCode::kNotFound, 0, identifier, "not loaded");
+    return extensionFailure(ErrorCode::kNotFound, 0, identifier, "not loaded");
   }
   Extension& extension = at(identifier);
   if (extension.busyTimes > 0) {
     --extension.busyTimes;
-    return fail(ErrorCode::kDenied, EBUSY, identifier, "in use");
+    return extensionFailure(ErrorCode::kDenied, EBUSY, identifier, "in use");
   }
   if (const auto socket = connectToControl(controls_, identifier)) {
     const auto prepared = (*socket)->prepareToUnload();
     if (!prepared && prepared.error().code == ErrorCode::kDenied) {
-      return fail(ErrorCode::kDenied, EBUSY, identifier, "in use");
+      return extensionFailure(ErrorCode::kDenied, EBUSY, identifier, "in use");
     }
   }
   extension.isLoaded = false;

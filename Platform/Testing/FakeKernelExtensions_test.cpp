@@ -10,9 +10,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class FakeMachine final : public ExtensionsMachine {
+class FakeExtensionsMachine final : public ExtensionsMachine {
  public:
-  FakeMachine() {
+  FakeExtensionsMachine() {
     for (const char* identifier : {kGood, kSilent}) {
       fake.install(identifier, [this] { return std::make_unique<KeepingHandler>(kept_); });
     }
@@ -32,30 +32,32 @@ class FakeMachine final : public ExtensionsMachine {
   FakeKernelExtensions fake{loop_, controls_};
 };
 
-std::unique_ptr<ExtensionsMachine> makeMachine() { return std::make_unique<FakeMachine>(); }
+std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() {
+  return std::make_unique<FakeExtensionsMachine>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, KernelExtensionsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(Fake, KernelExtensionsContract, testing::Values(&makeExtensionsMachine));
 
 TEST(FakeKernelExtensionsTest, OneWhoseControlDoesNotListenIsWaitedForFiveSeconds) {
-  FakeMachine machine;
+  FakeExtensionsMachine machine;
   const Instant before = machine.loop().now();
-  EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(FakeMachine::kSilent, {}));
+  EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kSilent, {}));
   EXPECT_EQ(machine.loop().now() - before, 5s);
 }
 
 TEST(FakeKernelExtensionsTest, OneThatHasCrashedIsLoadedAndDoesNotListen) {
-  FakeMachine machine;
-  ASSERT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeMachine::kGood, {}));
-  machine.fake.crash(FakeMachine::kGood);
-  EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(FakeMachine::kGood, {}));
-  EXPECT_TRUE(machine.fake.isLoaded(FakeMachine::kGood));
-  EXPECT_TRUE(machine.fake.KextManagerUnloadKextWithIdentifier(FakeMachine::kGood));
-  EXPECT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeMachine::kGood, {}));
+  FakeExtensionsMachine machine;
+  ASSERT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kGood, {}));
+  machine.fake.crash(FakeExtensionsMachine::kGood);
+  EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kGood, {}));
+  EXPECT_TRUE(machine.fake.isLoaded(FakeExtensionsMachine::kGood));
+  EXPECT_TRUE(machine.fake.KextManagerUnloadKextWithIdentifier(FakeExtensionsMachine::kGood));
+  EXPECT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kGood, {}));
 }
 
 TEST(FakeKernelExtensionsTest, WhetherOneIsLoadedMayNotBeKnown) {
-  FakeMachine machine;
-  const std::string good = FakeMachine::kGood;
+  FakeExtensionsMachine machine;
+  const std::string good = FakeExtensionsMachine::kGood;
   const auto information = [&] { return machine.fake.KextManagerCopyLoadedKextInfo({good})[good]; };
   machine.fake.setUnknown(good, true);
   EXPECT_TRUE(isKextUnknown(information()));
@@ -67,8 +69,8 @@ TEST(FakeKernelExtensionsTest, WhetherOneIsLoadedMayNotBeKnown) {
 }
 
 TEST(FakeKernelExtensionsTest, DoesWhatTheTestSays) {
-  FakeMachine machine;
-  const std::string good = FakeMachine::kGood;
+  FakeExtensionsMachine machine;
+  const std::string good = FakeExtensionsMachine::kGood;
   machine.fake.setLoadFails(good, true);
   EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(good, {}));
   machine.fake.setLoadFails(good, false);

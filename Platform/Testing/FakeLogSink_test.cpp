@@ -8,7 +8,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class FakeHarness final : public LogSinkHarness {
+class FakeLogSinkHarness final : public LogSinkHarness {
  public:
   LogSink& sink() override { return sink_; }
   std::vector<ReceivedMessage> take() override {
@@ -24,9 +24,11 @@ class FakeHarness final : public LogSinkHarness {
   FakeLogSink sink_;
 };
 
-std::unique_ptr<LogSinkHarness> makeFakeHarness() { return std::make_unique<FakeHarness>(); }
+std::unique_ptr<LogSinkHarness> makeFakeLogSinkHarness() {
+  return std::make_unique<FakeLogSinkHarness>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, LogSinkContract, testing::Values(&makeFakeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, LogSinkContract, testing::Values(&makeFakeLogSinkHarness));
 
 TEST(FakeLogSinkTest, AnswersWhatWasWritten) {
   FakeLogSink sink;

@@ -11,7 +11,7 @@
 namespace platform {
 namespace {
 
-class FakeHarness final : public NotificationHarness {
+class FakeBusHarness final : public NotificationHarness {
  public:
   RunLoop& loop() override { return loop_; }
   DistributedNotificationCenter& center() override { return *center_; }
@@ -29,10 +29,12 @@ class FakeHarness final : public NotificationHarness {
   std::unique_ptr<DistributedNotificationCenter> other_ = bus_.makeCenter(log_);
 };
 
-std::unique_ptr<NotificationHarness> makeFakeHarness() { return std::make_unique<FakeHarness>(); }
+std::unique_ptr<NotificationHarness> makeFakeBusHarness() {
+  return std::make_unique<FakeBusHarness>();
+}
 
 INSTANTIATE_TEST_SUITE_P(Fake, DistributedNotificationCenterContract,
-                         testing::Values(&makeFakeHarness));
+                         testing::Values(&makeFakeBusHarness));
 
 }  // namespace
 }  // namespace platform

@@ -17,14 +17,6 @@ namespace platform {
 
 namespace {
 
-std::unexpected<NSException> raised(const char* name, std::string reason) {
-  return std::unexpected(NSException{name, std::move(reason), {}});
-}
-
-std::unexpected<NSException> raisedGone() {
-  return raised(kNSInvalidSendPortException, "The connection has ended.");
-}
-
 Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
 // A name that nobody can guess.

@@ -10,7 +10,7 @@ namespace {
 constexpr PeerCredentials kHere{100, 0, 0};
 constexpr PeerCredentials kThere{200, 0, 0};
 
-class FakeProcesses final : public PeerTransportHarness {
+class FakePeerProcesses final : public PeerTransportHarness {
  public:
   RunLoop& loop() override { return loop_; }
   PeerTransport& here() override { return here_; }
@@ -41,9 +41,11 @@ class FakeProcesses final : public PeerTransportHarness {
   const std::function<bool()>* done_ = nullptr;
 };
 
-std::unique_ptr<PeerTransportHarness> makeHarness() { return std::make_unique<FakeProcesses>(); }
+std::unique_ptr<PeerTransportHarness> makeFakePeerHarness() {
+  return std::make_unique<FakePeerProcesses>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, PeerTransportContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, PeerTransportContract, testing::Values(&makeFakePeerHarness));
 
 class FakePeerTransportTest : public testing::Test {
  protected:

@@ -9,9 +9,9 @@
 namespace platform {
 namespace {
 
-class FakeMachine final : public SystemInformationMachine {
+class FakeInformationMachine final : public SystemInformationMachine {
  public:
-  FakeMachine() {
+  FakeInformationMachine() {
     system_.setRelease("15.6.0", {10, 11, 6});
     system_.addProcess(runningProcess(), recordOfRunningProcess(), pathOfRunningProcess());
     system_.addProcess(endedProcess(), {}, "/usr/bin/ended");
@@ -29,7 +29,7 @@ class FakeMachine final : public SystemInformationMachine {
 };
 
 std::unique_ptr<SystemInformationMachine> makeFakeMachine() {
-  return std::make_unique<FakeMachine>();
+  return std::make_unique<FakeInformationMachine>();
 }
 
 INSTANTIATE_TEST_SUITE_P(Fake, SystemInformationContract, testing::Values(&makeFakeMachine));

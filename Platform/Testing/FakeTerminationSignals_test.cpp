@@ -19,9 +19,12 @@ class FakeSignals final : public TerminationHarness {
   FakeTerminationSignals signals_{loop_};
 };
 
-std::unique_ptr<TerminationHarness> makeHarness() { return std::make_unique<FakeSignals>(); }
+std::unique_ptr<TerminationHarness> makeFakeSignalsHarness() {
+  return std::make_unique<FakeSignals>();
+}
 
-INSTANTIATE_TEST_SUITE_P(Fake, TerminationSignalsContract, testing::Values(&makeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, TerminationSignalsContract,
+                         testing::Values(&makeFakeSignalsHarness));
 
 TEST(FakeTerminationSignalsTest, ARequestThatNobodyWatchesForEndsTheProgram) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include "Platform/Testing/TemporaryFolder.h"
+
 namespace platform {
 namespace {
 
@@ -44,23 +46,6 @@ for line in open(sys.argv[1]):
           sep=";")
 )py";
 
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    if (::mkdtemp(path_.data()) == nullptr) path_.clear();
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_ = (std::filesystem::temp_directory_path() / "plistsXXXXXX").string();
-};
-
 Data fromHex(std::string_view text) {
   const auto digit = [](char c) { return c <= '9' ? c - '0' : c - 'a' + 10; };
   Data data;
@@ -94,7 +79,6 @@ std::optional<std::string> outputOf(const std::string& command) {
 
 std::optional<std::vector<PythonPropertyList>> readWithPython(const std::vector<Data>& lists) {
   const TemporaryFolder folder;
-  if (folder.path().empty()) return std::nullopt;
   const std::string script = folder.path() + "/script.py";
   const std::string input = folder.path() + "/input";
   std::ofstream(script) << kScript;

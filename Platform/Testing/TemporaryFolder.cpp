@@ -29,4 +29,9 @@ std::string TemporaryFolder::write(std::string_view below, std::string_view cont
   return file;
 }
 
+std::string contentOfFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
 }  // namespace platform

@@ -26,4 +26,7 @@ class TemporaryFolder {
   std::string path_;
 };
 
+// All that the file holds; nothing where it can't be read.
+std::string contentOfFile(const std::string& path);
+
 }  // namespace platform

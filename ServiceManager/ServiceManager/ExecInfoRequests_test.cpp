@@ -22,7 +22,7 @@ using Names = std::vector<std::string>;
 constexpr std::uintmax_t kGo = ORBExecInfoHandler::kBytesInOneGo;
 constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // 8 TiB, which no test would survive.
 
-std::string nameOf(const std::string& path) {
+std::string fileNameOf(const std::string& path) {
   return std::filesystem::path(path).filename().string();
 }
 
@@ -33,7 +33,7 @@ class Interrupting final : public CodeSignatures {
 
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override {
-    steps_.push_back("signing of " + nameOf(path));
+    steps_.push_back("signing of " + fileNameOf(path));
     if (path == file) action();
     return signatures_.SecStaticCodeCreateWithPath(path);
   }
@@ -53,7 +53,7 @@ class Watched final : public ExtendedAttributes {
 
   Result<Data> getxattr(const std::string& path, std::string_view name,
                         std::size_t bufferSize) override {
-    steps_.push_back("source of " + nameOf(path));
+    steps_.push_back("source of " + fileNameOf(path));
     return attributes_.getxattr(path, name, bufferSize);
   }
 
@@ -104,7 +104,7 @@ class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDeleg
         "requestExecutableInfo:withReply:", {Value(path)},
         [this, path](const Array& reply) {
           const std::string hash = *reply.at(1).string();
-          const std::string name = nameOf(path);
+          const std::string name = fileNameOf(path);
           replies_.push_back(reply);
           answers_.push_back(name + (hash.empty() ? " unknown" : ""));
           if (!hash.empty()) {

@@ -20,9 +20,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
-constexpr char kLoadOther[] = "load com.example.nke.other";
-
 class KernelExtensionServicesTest : public KernelExtensionsFixture {};
 
 TEST_F(KernelExtensionServicesTest,

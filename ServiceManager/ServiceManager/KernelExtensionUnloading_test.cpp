@@ -18,9 +18,6 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
-constexpr char kUnloadNetwork[] = "unload com.vantor.nke.wfk";
-
 // Releases before 10.7 unload by a program.
 
 class OldReleaseTest : public KernelExtensionsFixture {

@@ -12,6 +12,10 @@
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
+inline constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
+inline constexpr char kUnloadNetwork[] = "unload com.vantor.nke.wfk";
+inline constexpr char kLoadOther[] = "load com.example.nke.other";
+
 class KernelExtensionsFixture : public ServiceManagerFixture {
  protected:
   using Data = platform::Data;

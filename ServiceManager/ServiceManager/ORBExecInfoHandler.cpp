@@ -22,11 +22,6 @@ constexpr std::string_view kWhereFroms = "com.apple.metadata:kMDItemWhereFroms";
 constexpr std::string_view kQuarantine = "com.apple.quarantine";
 constexpr std::size_t kAttributeBytes = 4096;
 
-void logDebug(std::string_view message,
-              const std::source_location& where = std::source_location::current()) {
-  vantorlogger2_line(ASL_LEVEL_DEBUG, message, where);
-}
-
 // What is wrong with the code's signature, or its identifier.
 std::expected<Value, std::string> checkSigning(const ORBExecInfoHandler::Environment& environment,
                                                const std::string& path) {
@@ -60,8 +55,10 @@ std::expected<Value, std::string> checkSigning(const ORBExecInfoHandler::Environ
   return (*information)[kSecCodeInfoIdentifier];
 }
 
+}  // namespace
+
 // The hash of a file, some of it at a time.
-class FileHash {
+class ORBExecInfoHandler::FileHash {
  public:
   explicit FileHash(std::string path) : path_(std::move(path)) {}
 
@@ -86,7 +83,7 @@ class FileHash {
 
  private:
   static bool fail(const Error& error) {
-    logDebug(describe(error));
+    vantorlogger2_line(ASL_LEVEL_DEBUG, describe(error));
     return true;
   }
 
@@ -94,8 +91,6 @@ class FileHash {
   std::optional<FileDigest> digest_;
   std::string text_;
 };
-
-}  // namespace
 
 ORBExecInfoHandler::ORBExecInfoHandler(const Environment& environment,
                                        ExecInfoHandlerDelegate* delegate)
@@ -112,8 +107,10 @@ bool ORBExecInfoHandler::listener(
     NSXPCListener& /*listener*/,
     const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   NSXPCConnection& connection = *shouldAcceptNewConnection;
-  logDebug(stringWithFormat("Received a new connection request. pid: %d, uid: %d",
-                            connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  vantorlogger2_line(
+      ASL_LEVEL_DEBUG,
+      stringWithFormat("Received a new connection request. pid: %d, uid: %d",
+                       connection.processIdentifier(), connection.effectiveUserIdentifier()));
   connection.setExportedInterface(environment_.protocols.find(kORBExecutableInfoProtocol));
   connection.setExportedObject(shared_from_this());
   connection.resume();
@@ -144,7 +141,8 @@ struct ORBExecInfoHandler::Request {
 };
 
 void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply withReply) {
-  logDebug(stringWithFormat("requestExecutableInfo request for path '%@'", path));
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("requestExecutableInfo request for path '%@'", path));
   auto request = std::make_unique<Request>(path, std::move(withReply));
   if (!isUnwanted()) request->signing = calculateSigningForPath(path);
   proceed(std::move(request));
@@ -193,8 +191,8 @@ std::string ORBExecInfoHandler::calculateSourceUrlForPath(const std::string& pat
 std::optional<Data> ORBExecInfoHandler::attribute(const std::string& path, std::string_view name) {
   auto bytes = environment_.attributes.getxattr(path, name, kAttributeBytes);
   if (bytes) return std::move(*bytes);
-  logDebug(
-      stringWithFormat("Failed to get attributes for file '%@': %d", path, bytes.error().osError));
+  vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Failed to get attributes for file '%@': %d",
+                                                       path, bytes.error().osError));
   return std::nullopt;
 }
 
@@ -218,13 +216,14 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
   const auto home = homeOfLastUser();
   if (!home) {
     // Whom nobody waits for has not asked, and knows nothing of a database.
-    if (!isUnwanted()) logDebug("Couldn't locate quarantine database");
+    if (!isUnwanted()) vantorlogger2_line(ASL_LEVEL_DEBUG, "Couldn't locate quarantine database");
     return std::nullopt;
   }
   const Instant deadline = environment_.now() + kQuarantineQueryTime;
   const auto isOver = [&] { return isUnwanted() || environment_.now() >= deadline; };
   if (auto url = originOfQuarantineEvent(*home, identifier, isOver)) return url;
-  logDebug(stringWithFormat("No source url found for path '%@'\n", path));
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("No source url found for path '%@'\n", path));
   return std::nullopt;
 }
 

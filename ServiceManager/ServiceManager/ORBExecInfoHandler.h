@@ -92,6 +92,7 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   std::optional<std::string> getURLFromQuarantineForFile(const std::string& path);
 
  private:
+  class FileHash;
   struct Request;
 
   // Hashes on, and replies when all is known.

@@ -15,8 +15,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kScanner[] = "com.example.scanner";
-
 // A sound root "Features", and the same with `wrong` in place of one of its parts.
 Dictionary features() {
   return {

@@ -12,9 +12,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr char kScanner[] = "com.example.scanner";
-constexpr char kEvaluating[] = "7 Evaluating the system configuration";
-
 class EvaluationTest : public ServiceManagerFixture {
  protected:
   EvaluationTest() { use(catalogue()); }

@@ -14,13 +14,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
-constexpr char kHostedManagedGuid[] = "71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875";
 constexpr char kHostedManaged[] = "kKLXInstallTypeHostedManagedID";
-
-constexpr std::int64_t kUnready = 0;
-constexpr std::int64_t kRunning = 1;
-constexpr std::int64_t kStopped = 2;
-constexpr std::int64_t kUpdating = 3;
 
 class DaemonHealthTest : public StartUpFixture {
  protected:

@@ -10,9 +10,6 @@ using namespace platform;
 using namespace std::chrono_literals;
 using testing::IsEmpty;
 
-constexpr auto kNormal = ORBOperatingModeNormal;
-constexpr auto kWaiting = ORBOperatingModeWaitingForPrimaryService;
-
 class JobHostReturnTest : public ServiceManagerFixture {
  protected:
   JobHostReturnTest() {

@@ -27,7 +27,7 @@ constexpr std::string_view kSecureOption = "secure";
 constexpr char kSystemExtensions[] = "/System/Library/Extensions";
 constexpr Duration kUnloadTime = 1s;
 constexpr Duration kUnloadPause = 200ms;
-constexpr Duration kEvaluationDelay = 5s;
+constexpr Duration kReloadEvaluationDelay = 5s;
 
 std::optional<std::string> textOf(const Value& value) {
   const std::string* const text = value.string();
@@ -89,7 +89,8 @@ bool ORBServiceManager::loadKextWithIdentifier(const std::optional<std::string>&
     state = nextKextLoadingState(state, loadKextThroughState(state, load));
   }
   for (const std::string& label : load.stopped) {
-    performAfterDelay(kEvaluationDelay, [this, label] { evaluateInformationForService(label); });
+    performAfterDelay(kReloadEvaluationDelay,
+                      [this, label] { evaluateInformationForService(label); });
   }
   return state == kDone;
 }

@@ -21,9 +21,6 @@ using testing::UnorderedElementsAre;
 
 constexpr char kConnected[] = "7 Connected to Generic Kext";
 constexpr char kNotConnected[] = "7 Unable to establish connection with the Generic kext";
-constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
-constexpr char kUnloadNetwork[] = "unload com.vantor.nke.wfk";
-constexpr char kLoadOther[] = "load com.example.nke.other";
 constexpr char kUnloadOther[] = "unload com.example.nke.other";
 
 class KernelExtensionsTest : public KernelExtensionsFixture {};

@@ -13,7 +13,6 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kHouseholdGuid[] = "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1";
 constexpr char kForeign[] = "com.example.foreign";
 
 class OperatorTest : public StartUpFixture {

@@ -12,12 +12,6 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr auto kNormal = ORBOperatingModeNormal;
-constexpr auto kInstaller = ORBOperatingModeInstaller;
-constexpr auto kWaiting = ORBOperatingModeWaitingForPrimaryService;
-
-constexpr char kEvaluating[] = "7 Evaluating the system configuration";
-
 class SettingsTest : public ServiceManagerFixture {
  protected:
   SettingsTest() {

@@ -32,8 +32,6 @@ constexpr char kConfigurationServerDidStart[] = "com.vantor.notification.configd
 constexpr char kConfigurationServerWillShutdown[] = "com.vantor.notification.configd.willshutdown";
 constexpr char kSettingsDidChange[] = "KLXGlobalSettingsDidChangeNotification";
 
-void logError(std::string_view message) { vantorlogger2_line(ASL_LEVEL_ERR, message); }
-
 // A dictionary, or nil; why it could not be had is in the log.
 Value dictionaryAtPath(FileReader& files, const std::string& path) {
   const auto list = files.propertyListAtPath(path);
@@ -94,7 +92,9 @@ void ORBServiceManager::backgroundServiceWillTerminate(const Value& /*notificati
 bool ORBServiceManager::makeSecret() {
   Data bytes(kSecretSize);
   if (!generateRandomNumber(platform_.randomDevice, bytes)) {
-    logError("Service Manager is unable to continue because it can't initialize the kexts");
+    vantorlogger2_line(
+        ASL_LEVEL_ERR,
+        "Service Manager is unable to continue because it can't initialize the kexts");
     return false;
   }
   secret_ = std::move(bytes);
@@ -120,7 +120,7 @@ bool ORBServiceManager::acquireAuthorization() {
   const OSStatus status = platform_.authorization.AuthorizationCopyRights(
       *authRef_, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
   if (status == errAuthorizationSuccess) return true;
-  logError(stringWithFormat("Copy Rights Unsuccessful: %d", status));
+  vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status));
   announceStartUpError("Authorization failure",
                        "Unable to acquire the correct rights to run background services");
   return false;
@@ -128,7 +128,8 @@ bool ORBServiceManager::acquireAuthorization() {
 
 bool ORBServiceManager::checkOwnIntegrity() {
   if (validator_.validateBundle(platform_.mainBundle.path()).isIntact) return true;
-  logError(
+  vantorlogger2_line(
+      ASL_LEVEL_ERR,
       "Internal inconsistency! The service manager bundle appears to have been tampered with\n "
       "Service Manager is going into limbo");
   announceStartUpError("Internal inconsistency",
@@ -141,7 +142,8 @@ bool ORBServiceManager::readCatalogue() {
       platform_.files,
       pathByAppendingComponent(platform_.mainBundle.resourcePath(), "Service.plist"));
   if (!primaryServiceInfo(serviceInfo_).isNil()) return true;
-  logError("Malformed configuration file. Unable to resolve primary service information");
+  vantorlogger2_line(ASL_LEVEL_ERR,
+                     "Malformed configuration file. Unable to resolve primary service information");
   announceStartUpError("Malformed Configuration", "Unable to resolve primary service information");
   return false;
 }
@@ -154,7 +156,8 @@ bool ORBServiceManager::readProduct() {
           ? dictionaryAtPath(platform_.files, pathByAppendingComponent(*programPath, *file))
           : Value();
   if (information.isNil()) {
-    logError("Malformed configuration file. Unable to resolve product information");
+    vantorlogger2_line(ASL_LEVEL_ERR,
+                       "Malformed configuration file. Unable to resolve product information");
     announceStartUpError("Malformed Configuration", "Unable to resolve product information");
     return false;
   }
@@ -163,7 +166,7 @@ bool ORBServiceManager::readProduct() {
   const std::string* guid = key ? information[*key].string() : nullptr;
   const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr;
   if (!type) {
-    logError("Uknown product type. Unable to resolve GUID");
+    vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID");
     announceStartUpError("Unkown product type", "Unable to resolve GUID");
     return false;
   }
@@ -177,7 +180,7 @@ bool ORBServiceManager::selectServices() {
   if (matching.empty()) {
     const std::string why =
         stringWithFormat("Unable to resolve services that match the current product: %@", product_);
-    logError(stringWithFormat("Cannot resolve product services. %@", why));
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
     announceStartUpError("Uknown product type", why);
     return false;
   }

@@ -11,11 +11,6 @@ using namespace platform;
 
 namespace {
 
-void logDebug(std::string_view message,
-              const std::source_location& where = std::source_location::current()) {
-  vantorlogger2_line(ASL_LEVEL_DEBUG, message, where);
-}
-
 std::string lineOf(const char* what, std::string_view label) {
   return stringWithFormat("Reported %s for service: %@", what, label);
 }
@@ -77,7 +72,7 @@ void ORBServiceManagerHealthInfo::reportStopForService(std::string_view label) {
 
 void ORBServiceManagerHealthInfo::reportForcedStopForService(std::string_view label) {
   taskQueue_->async([this, label = std::string(label)] {
-    logDebug(lineOf("forced stop", label));
+    vantorlogger2_line(ASL_LEVEL_DEBUG, lineOf("forced stop", label));
     const auto known = status(label);
     // It was told to end: by us, or by the installer.
     if (known == HealthStatus::kStopped || known == HealthStatus::kUpdating) return;
@@ -87,7 +82,7 @@ void ORBServiceManagerHealthInfo::reportForcedStopForService(std::string_view la
 }
 
 void ORBServiceManagerHealthInfo::reportIntallerEventStartedForService(std::string_view label) {
-  logDebug(lineOf("installer event", label));
+  vantorlogger2_line(ASL_LEVEL_DEBUG, lineOf("installer event", label));
   taskQueue_->async([this, label = std::string(label)] {
     readyToReport_ = false;
     setStatus(label, HealthStatus::kUpdating);
@@ -96,7 +91,7 @@ void ORBServiceManagerHealthInfo::reportIntallerEventStartedForService(std::stri
 
 void ORBServiceManagerHealthInfo::reportInstallerEventFinished() {
   taskQueue_->async([this] {
-    logDebug("Reported installer event finish");
+    vantorlogger2_line(ASL_LEVEL_DEBUG, "Reported installer event finish");
     readyToReport_ = true;
     const Dictionary before = serviceStates_;
     for (const auto& [label, value] : before) {
@@ -109,7 +104,7 @@ void ORBServiceManagerHealthInfo::report(std::string_view label, HealthStatus st
                                          const char* what) {
   taskQueue_->async([this, label = std::string(label), status, what] {
     setStatus(label, status);
-    logDebug(lineOf(what, label));
+    vantorlogger2_line(ASL_LEVEL_DEBUG, lineOf(what, label));
   });
 }
 
@@ -167,9 +162,11 @@ Value ORBServiceManagerHealthInfo::summarize() {
     if (const auto said = health(label, known)) summary.set(nameToReport(label), *said);
   }
   crashCounters_ = {};
-  logDebug(stringWithFormat(
-      "Evaluating services (status: 0 - Unready, 1 - Running, 2 - Stopped, 3 - Updating):%@",
-      text));
+  vantorlogger2_line(
+      ASL_LEVEL_DEBUG,
+      stringWithFormat(
+          "Evaluating services (status: 0 - Unready, 1 - Running, 2 - Stopped, 3 - Updating):%@",
+          text));
   return summary;
 }
 

@@ -8,12 +8,7 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::int64_t kUnready = 0;
-constexpr std::int64_t kRunning = 1;
-constexpr std::int64_t kStopped = 2;
-constexpr std::int64_t kUpdating = 3;
-
-constexpr char kEvaluating[] =
+constexpr char kEvaluatingServices[] =
     "7 Evaluating services (status: 0 - Unready, 1 - Running, 2 - Stopped, 3 - Updating):";
 
 class HealthInfoTest : public ServiceManagerFixture {
@@ -214,12 +209,13 @@ TEST_F(HealthInfoTest, ASummaryTellsOfTheUnreadyAndTheRunningAlone) {
   health_->serviceStates();
   takeLog();
   EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary{{"a", 1}, {"b", 0}}));
-  EXPECT_THAT(takeLog(), ElementsAre(kEvaluating + std::string("\na: 0\nb: 1\nc: 2\nd: 3")));
+  EXPECT_THAT(takeLog(),
+              ElementsAre(kEvaluatingServices + std::string("\na: 0\nb: 1\nc: 2\nd: 3")));
 }
 
 TEST_F(HealthInfoTest, AnEmptySummaryIsLoggedToo) {
   EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary()));
-  EXPECT_THAT(takeLog(), ElementsAre(kEvaluating));
+  EXPECT_THAT(takeLog(), ElementsAre(kEvaluatingServices));
 }
 
 TEST_F(HealthInfoTest, ThreeForcedStopsMakeARunningServiceUnhealthyOnce) {

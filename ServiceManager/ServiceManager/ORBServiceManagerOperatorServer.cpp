@@ -7,7 +7,7 @@ using namespace platform;
 
 namespace {
 
-MessageResult raiseInvalidArgument(std::string_view selector, std::string_view why) {
+MessageResult raiseInvalidOperatorArgument(std::string_view selector, std::string_view why) {
   return std::unexpected(
       NSException{kNSInvalidArgumentException,
                   stringWithFormat("-[ORBServiceManagerOperatorServer %@]: %@", selector, why),
@@ -26,20 +26,20 @@ MessageResult ORBServiceManagerOperatorServer::receiveMessage(std::string_view s
   if (selector == "factsOfService:") {
     const Value argument = arguments.empty() ? Value() : arguments.front();
     if (!argument.string()) {
-      return raiseInvalidArgument(selector,
-                                  stringWithFormat("expected a label, got %@",
-                                                   argument.isNil() ? "nil" : className(argument)));
+      return raiseInvalidOperatorArgument(
+          selector, stringWithFormat("expected a label, got %@",
+                                     argument.isNil() ? "nil" : className(argument)));
     }
     return manager_.operatorFactsOfService(*argument.string());
   }
   if (selector == "jobsOfServices:") {
     const Value argument = arguments.empty() ? Value() : arguments.front();
     if (!argument.array()) {
-      return raiseInvalidArgument(selector,
-                                  stringWithFormat("expected an array of labels, got %@",
-                                                   argument.isNil() ? "nil" : className(argument)));
+      return raiseInvalidOperatorArgument(
+          selector, stringWithFormat("expected an array of labels, got %@",
+                                     argument.isNil() ? "nil" : className(argument)));
     }
     return manager_.operatorJobsOfServices(*argument.array());
   }
-  return raiseInvalidArgument(selector, "unrecognized selector sent to instance");
+  return raiseInvalidOperatorArgument(selector, "unrecognized selector sent to instance");
 }

@@ -15,15 +15,6 @@ using namespace platform;
 
 namespace {
 
-void logError(std::string_view message,
-              const std::source_location& where = std::source_location::current()) {
-  vantorlogger2_line(ASL_LEVEL_ERR, message, where);
-}
-void logDebug(std::string_view message,
-              const std::source_location& where = std::source_location::current()) {
-  vantorlogger2_line(ASL_LEVEL_DEBUG, message, where);
-}
-
 Value valueOf(const std::shared_ptr<const NSXPCListenerEndpoint>& endpoint) {
   return Value(std::shared_ptr<const RemoteObject>(endpoint));
 }
@@ -59,8 +50,10 @@ bool ORBServiceManagerXPCHandler::listener(
     NSXPCListener& /*listener*/,
     const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   NSXPCConnection& connection = *shouldAcceptNewConnection;
-  logDebug(stringWithFormat("Received a new connection request. pid: %d, uid: %d",
-                            connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  vantorlogger2_line(
+      ASL_LEVEL_DEBUG,
+      stringWithFormat("Received a new connection request. pid: %d, uid: %d",
+                       connection.processIdentifier(), connection.effectiveUserIdentifier()));
   connection.setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
   connection.setExportedObject(shared_from_this());
   connection.setServesAtOnce();  // A look into a table.
@@ -97,7 +90,7 @@ void ORBServiceManagerXPCHandler::signature(SignatureReply withReply) {
 bool ORBServiceManagerXPCHandler::validatePasskey(const Value& passkey) const {
   const Data* data = passkey.data();
   if (data && tokensAreEqual(*data, systemProfileData(system_))) return true;
-  logError("Invalid profile detected.");
+  vantorlogger2_line(ASL_LEVEL_ERR, "Invalid profile detected.");
   return false;
 }
 
@@ -105,10 +98,11 @@ void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(
     const Endpoint& endpoint, const Value& forPasskey, const std::optional<std::string>& withName,
     RegisterReply withReply) {
   if (!validatePasskey(forPasskey)) {
-    logError("Received invalid passkey for registration.");
+    vantorlogger2_line(ASL_LEVEL_ERR, "Received invalid passkey for registration.");
     return withReply(false, "Invalid passkey for the registration.");
   }
-  logDebug(stringWithFormat("Received register request for '%@'.", shown(withName)));
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Received register request for '%@'.", shown(withName)));
   const auto refusal = registerWithinLimits(endpoint, withName);
   withReply(!refusal, refusal);
 }
@@ -117,21 +111,24 @@ void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
                                                       const std::optional<std::string>& withName,
                                                       EndpointReply withReply) {
   if (!validatePasskey(forPasskey)) {
-    logError("Received invalid passkey for listener endpoint request.");
+    vantorlogger2_line(ASL_LEVEL_ERR, "Received invalid passkey for listener endpoint request.");
     return;
   }
   const bool mayExist = canBeRegistered(withName);
   const Endpoint endpoint = mayExist ? xpcListenerEndpointByName(*withName) : nullptr;
-  logDebug(stringWithFormat("Received listenerendpoint request for '%@'", shown(withName)));
+  vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Received listenerendpoint request for '%@'",
+                                                       shown(withName)));
   if (!endpoint) {
-    logDebug(stringWithFormat("Cannot find listener for endpoint '%@'.", shown(withName)));
+    vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Cannot find listener for endpoint '%@'.",
+                                                         shown(withName)));
     if (mayExist) sendNotificationToRegisterForName(*withName);
   }
   withReply(endpoint);
 }
 
 void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::string& name) {
-  logDebug(stringWithFormat("Send a registration request notification for '%@'.", name));
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Send a registration request notification for '%@'.", name));
   distributedCenter_.postNotificationName(kEndpointRequestNotification, std::nullopt,
                                           Dictionary{{kEndpointRequestName, name}},
                                           NSNotificationPosting::kPostToAllSessions);

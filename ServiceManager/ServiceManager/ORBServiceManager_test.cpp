@@ -13,8 +13,6 @@ using testing::Not;
 
 constexpr char kPersonalGuid[] = "E60F4B38-97A1-4C25-BD83-0F5C2D7E19A6";
 constexpr char kUnmanagedGuid[] = "A4E92C17-D35B-4A08-8F6C-2B71E0D94A3E";
-constexpr char kHostedManagedGuid[] = "71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875";
-constexpr char kHouseholdGuid[] = "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1";
 
 class StartUpTest : public StartUpFixture {
  protected:

@@ -14,9 +14,9 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 
 enum Mode : std::int64_t {
-  kNormal = ORBOperatingModeNormal,
-  kInstaller = ORBOperatingModeInstaller,
-  kWaiting = ORBOperatingModeWaitingForPrimaryService,
+  kInNormal = ORBOperatingModeNormal,
+  kInInstaller = ORBOperatingModeInstaller,
+  kInWaiting = ORBOperatingModeWaitingForPrimaryService,
 };
 enum class Event { kBegin, kEnd, kServerUp, kServerDown, kWatchdog, kBusReturn, kHostReturn };
 enum class Server { kUp, kDown };
@@ -31,67 +31,67 @@ struct Transition {
 };
 
 constexpr std::array kTransitions{
-    Transition{kNormal, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
-    Transition{kNormal, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
-    Transition{kInstaller, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
-    Transition{kInstaller, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
-    Transition{kWaiting, Event::kBegin, Server::kUp, kInstaller, Action::kStopServices},
-    Transition{kWaiting, Event::kBegin, Server::kDown, kInstaller, Action::kStopServices},
+    Transition{kInNormal, Event::kBegin, Server::kUp, kInInstaller, Action::kStopServices},
+    Transition{kInNormal, Event::kBegin, Server::kDown, kInInstaller, Action::kStopServices},
+    Transition{kInInstaller, Event::kBegin, Server::kUp, kInInstaller, Action::kStopServices},
+    Transition{kInInstaller, Event::kBegin, Server::kDown, kInInstaller, Action::kStopServices},
+    Transition{kInWaiting, Event::kBegin, Server::kUp, kInInstaller, Action::kStopServices},
+    Transition{kInWaiting, Event::kBegin, Server::kDown, kInInstaller, Action::kStopServices},
 
-    Transition{kNormal, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kNormal, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
-    Transition{kInstaller, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kInstaller, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
-    Transition{kWaiting, Event::kEnd, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kWaiting, Event::kEnd, Server::kDown, kWaiting, Action::kStartPrimary},
+    Transition{kInNormal, Event::kEnd, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInNormal, Event::kEnd, Server::kDown, kInWaiting, Action::kStartPrimary},
+    Transition{kInInstaller, Event::kEnd, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInInstaller, Event::kEnd, Server::kDown, kInWaiting, Action::kStartPrimary},
+    Transition{kInWaiting, Event::kEnd, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInWaiting, Event::kEnd, Server::kDown, kInWaiting, Action::kStartPrimary},
 
     // Its notice; where it is down again by then, nothing comes of it.
-    Transition{kNormal, Event::kServerUp, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kNormal, Event::kServerUp, Server::kDown, kNormal},
-    Transition{kInstaller, Event::kServerUp, Server::kUp, kInstaller},
-    Transition{kInstaller, Event::kServerUp, Server::kDown, kInstaller},
-    Transition{kWaiting, Event::kServerUp, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kWaiting, Event::kServerUp, Server::kDown, kWaiting},
+    Transition{kInNormal, Event::kServerUp, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInNormal, Event::kServerUp, Server::kDown, kInNormal},
+    Transition{kInInstaller, Event::kServerUp, Server::kUp, kInInstaller},
+    Transition{kInInstaller, Event::kServerUp, Server::kDown, kInInstaller},
+    Transition{kInWaiting, Event::kServerUp, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInWaiting, Event::kServerUp, Server::kDown, kInWaiting},
 
     // Its notice comes while it still answers, or not any more. It ends the installer's mode too.
-    Transition{kNormal, Event::kServerDown, Server::kUp, kWaiting},
-    Transition{kNormal, Event::kServerDown, Server::kDown, kWaiting},
-    Transition{kInstaller, Event::kServerDown, Server::kUp, kWaiting},
-    Transition{kInstaller, Event::kServerDown, Server::kDown, kWaiting},
-    Transition{kWaiting, Event::kServerDown, Server::kUp, kWaiting},
-    Transition{kWaiting, Event::kServerDown, Server::kDown, kWaiting},
+    Transition{kInNormal, Event::kServerDown, Server::kUp, kInWaiting},
+    Transition{kInNormal, Event::kServerDown, Server::kDown, kInWaiting},
+    Transition{kInInstaller, Event::kServerDown, Server::kUp, kInWaiting},
+    Transition{kInInstaller, Event::kServerDown, Server::kDown, kInWaiting},
+    Transition{kInWaiting, Event::kServerDown, Server::kUp, kInWaiting},
+    Transition{kInWaiting, Event::kServerDown, Server::kDown, kInWaiting},
 
-    Transition{kNormal, Event::kWatchdog, Server::kUp, kNormal},
-    Transition{kNormal, Event::kWatchdog, Server::kDown, kWaiting},
-    Transition{kInstaller, Event::kWatchdog, Server::kUp, kInstaller},
-    Transition{kInstaller, Event::kWatchdog, Server::kDown, kInstaller},
-    Transition{kWaiting, Event::kWatchdog, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kWaiting, Event::kWatchdog, Server::kDown, kWaiting},
+    Transition{kInNormal, Event::kWatchdog, Server::kUp, kInNormal},
+    Transition{kInNormal, Event::kWatchdog, Server::kDown, kInWaiting},
+    Transition{kInInstaller, Event::kWatchdog, Server::kUp, kInInstaller},
+    Transition{kInInstaller, Event::kWatchdog, Server::kDown, kInInstaller},
+    Transition{kInWaiting, Event::kWatchdog, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInWaiting, Event::kWatchdog, Server::kDown, kInWaiting},
 
     // Any notice may have been lost meanwhile.
-    Transition{kNormal, Event::kBusReturn, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kNormal, Event::kBusReturn, Server::kDown, kWaiting},
-    Transition{kInstaller, Event::kBusReturn, Server::kUp, kInstaller},
-    Transition{kInstaller, Event::kBusReturn, Server::kDown, kInstaller},
-    Transition{kWaiting, Event::kBusReturn, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kWaiting, Event::kBusReturn, Server::kDown, kWaiting},
+    Transition{kInNormal, Event::kBusReturn, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInNormal, Event::kBusReturn, Server::kDown, kInWaiting},
+    Transition{kInInstaller, Event::kBusReturn, Server::kUp, kInInstaller},
+    Transition{kInInstaller, Event::kBusReturn, Server::kDown, kInInstaller},
+    Transition{kInWaiting, Event::kBusReturn, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInWaiting, Event::kBusReturn, Server::kDown, kInWaiting},
 
     // What was decided meanwhile may not have been done.
-    Transition{kNormal, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kNormal, Event::kHostReturn, Server::kDown, kWaiting, Action::kStartPrimary},
-    Transition{kInstaller, Event::kHostReturn, Server::kUp, kInstaller},
-    Transition{kInstaller, Event::kHostReturn, Server::kDown, kInstaller},
-    Transition{kWaiting, Event::kHostReturn, Server::kUp, kNormal, Action::kEvaluate},
-    Transition{kWaiting, Event::kHostReturn, Server::kDown, kWaiting, Action::kStartPrimary},
+    Transition{kInNormal, Event::kHostReturn, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInNormal, Event::kHostReturn, Server::kDown, kInWaiting, Action::kStartPrimary},
+    Transition{kInInstaller, Event::kHostReturn, Server::kUp, kInInstaller},
+    Transition{kInInstaller, Event::kHostReturn, Server::kDown, kInInstaller},
+    Transition{kInWaiting, Event::kHostReturn, Server::kUp, kInNormal, Action::kEvaluate},
+    Transition{kInWaiting, Event::kHostReturn, Server::kDown, kInWaiting, Action::kStartPrimary},
 };
 
 std::string nameOf(Mode mode) {
   switch (mode) {
-    case kNormal:
+    case kInNormal:
       return "Normal";
-    case kInstaller:
+    case kInInstaller:
       return "Installer";
-    case kWaiting:
+    case kInWaiting:
       return "Waiting";
   }
   return "";
@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, testing::ValuesIn(kTransitions),
 
 TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
   EXPECT_EQ(kTransitions.size(), 3u * 7 * 2);
-  for (const Mode mode : {kNormal, kInstaller, kWaiting}) {
+  for (const Mode mode : {kInNormal, kInInstaller, kInWaiting}) {
     for (const Event event : {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown,
                               Event::kWatchdog, Event::kBusReturn, Event::kHostReturn}) {
       for (const Server server : {Server::kUp, Server::kDown}) {
@@ -227,7 +227,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
     std::string path = "Normal";
     Server server = Server::kUp;
     set(server);
-    manager().setOperatingMode(kNormal);
+    manager().setOperatingMode(kInNormal);
     manager().evaluateSystemConfiguration();
     for (const Event event : events) {
       if (event == Event::kServerUp) server = Server::kUp;
@@ -249,7 +249,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
     set(Server::kUp);
     happen(Event::kServerUp);
     happen(Event::kEnd);
-    EXPECT_EQ(manager().operatingMode(), kNormal) << path;
+    EXPECT_EQ(manager().operatingMode(), kInNormal) << path;
     EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent, kPrimary, kHelper)) << path;
     EXPECT_TRUE(isRunning(kAgent)) << path;
   } while (std::ranges::next_permutation(events).found);
@@ -262,9 +262,9 @@ TEST_F(TransitionFixture, WhatComesWhileTheInstallersEndIsDueIsOverriddenByIt) {
     takeLog();
     manager().evaluateServices();
     happen(event);
-    EXPECT_NE(manager().operatingMode(), kNormal);
+    EXPECT_NE(manager().operatingMode(), kInNormal);
     loop_.advanceBy(100ms);
-    EXPECT_EQ(manager().operatingMode(), kNormal);
+    EXPECT_EQ(manager().operatingMode(), kInNormal);
     loop_.advanceBy(100ms);
     EXPECT_TRUE(isRunning(kAgent));
   }
@@ -276,10 +276,10 @@ TEST_F(TransitionFixture, WhatComesBeforeTheInstallersEvaluationKeepsItFromHappe
     manager().shutdownServices({kAgent});
     manager().evaluateServices();
     loop_.advanceBy(150ms);
-    EXPECT_EQ(manager().operatingMode(), kNormal);
+    EXPECT_EQ(manager().operatingMode(), kInNormal);
     happen(event);
     loop_.advanceBy(1s);
-    EXPECT_NE(manager().operatingMode(), kNormal);
+    EXPECT_NE(manager().operatingMode(), kInNormal);
     EXPECT_FALSE(isRunning(kAgent));
   }
 }
@@ -289,7 +289,7 @@ TEST_F(TransitionFixture, WhatComesBeforeTheInstallersEvaluationKeepsItFromHappe
 class ChangeTest : public TransitionFixture, public testing::WithParamInterface<Mode> {
  protected:
   // Whatever makes the daemon evaluate in normal mode again.
-  void comeBack() { happen(GetParam() == kInstaller ? Event::kEnd : Event::kServerUp); }
+  void comeBack() { happen(GetParam() == kInInstaller ? Event::kEnd : Event::kServerUp); }
 };
 
 TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
@@ -310,7 +310,7 @@ TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
   EXPECT_EQ(evaluations(), 0u);
 
   // Back in normal mode, but not evaluated yet: the same.
-  manager().setOperatingMode(kNormal);
+  manager().setOperatingMode(kInNormal);
   change();
   loop_.advanceBy(10s);
   EXPECT_EQ(evaluations(), 0u);
@@ -328,7 +328,7 @@ TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
 
 TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
   set(Server::kUp);
-  manager().setOperatingMode(kNormal);
+  manager().setOperatingMode(kInNormal);
   change();
   loop_.advanceBy(1s);
   manager().setOperatingMode(GetParam());
@@ -366,7 +366,7 @@ TEST_P(ChangeTest, TenWithinTwoSecondsAreTenLinesAndOneEvaluationOnceBack) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(InMode, ChangeTest, testing::Values(kInstaller, kWaiting),
+INSTANTIATE_TEST_SUITE_P(InMode, ChangeTest, testing::Values(kInInstaller, kInWaiting),
                          [](const auto& mode) { return nameOf(mode.param); });
 
 }  // namespace

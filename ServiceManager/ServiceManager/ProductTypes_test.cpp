@@ -12,13 +12,13 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-struct Row {
+struct ProductRow {
   const char* guid;
   const char* name;
   bool keepsHealthInfo;
 };
 
-class ProductTypesTest : public testing::TestWithParam<Row> {};
+class ProductTypesTest : public testing::TestWithParam<ProductRow> {};
 
 TEST_P(ProductTypesTest, AGuidNamesItsInstallType) {
   const ProductType* type = productTypeForGuid(GetParam().guid);
@@ -30,11 +30,11 @@ TEST_P(ProductTypesTest, AGuidNamesItsInstallType) {
 INSTANTIATE_TEST_SUITE_P(
     All, ProductTypesTest,
     testing::Values(
-        Row{"E60F4B38-97A1-4C25-BD83-0F5C2D7E19A6", "kKLXInstallTypePersonalID", false},
-        Row{"5B13D7E2-8C40-4D9F-A27B-6E08F4C1B952", "kKLXInstallTypeServerManagedID", false},
-        Row{"A4E92C17-D35B-4A08-8F6C-2B71E0D94A3E", "kKLXInstallTypeUnmanagedID", false},
-        Row{"71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875", "kKLXInstallTypeHostedManagedID", true},
-        Row{"3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1", "kKLXInstallTypeHouseholdID", true}));
+        ProductRow{"E60F4B38-97A1-4C25-BD83-0F5C2D7E19A6", "kKLXInstallTypePersonalID", false},
+        ProductRow{"5B13D7E2-8C40-4D9F-A27B-6E08F4C1B952", "kKLXInstallTypeServerManagedID", false},
+        ProductRow{"A4E92C17-D35B-4A08-8F6C-2B71E0D94A3E", "kKLXInstallTypeUnmanagedID", false},
+        ProductRow{"71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875", "kKLXInstallTypeHostedManagedID", true},
+        ProductRow{"3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1", "kKLXInstallTypeHouseholdID", true}));
 
 TEST(ProductTypes, AGuidIsComparedExactly) {
   EXPECT_FALSE(productTypeForGuid("e60f4b38-97a1-4c25-bd83-0f5c2d7e19a6"));

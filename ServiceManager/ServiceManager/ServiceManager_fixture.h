@@ -40,6 +40,21 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
+inline constexpr char kScanner[] = "com.example.scanner";
+inline constexpr char kHostedManagedGuid[] = "71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875";
+inline constexpr char kHouseholdGuid[] = "3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1";
+inline constexpr char kEvaluating[] = "7 Evaluating the system configuration";
+
+inline constexpr auto kNormal = ORBOperatingModeNormal;
+inline constexpr auto kInstaller = ORBOperatingModeInstaller;
+inline constexpr auto kWaiting = ORBOperatingModeWaitingForPrimaryService;
+
+// The health record's states as numbers, as they go over a connection.
+inline constexpr std::int64_t kUnready = 0;
+inline constexpr std::int64_t kRunning = 1;
+inline constexpr std::int64_t kStopped = 2;
+inline constexpr std::int64_t kUpdating = 3;
+
 // A health record that notes what is reported, as "report LABEL", and holds the states that follow.
 class FakeServiceHealth final : public ServiceHealth {
  public:

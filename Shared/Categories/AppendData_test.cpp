@@ -10,11 +10,11 @@ namespace {
 using NSTaskExtensions::appendData;
 using platform::Data;
 
-Data dataOf(std::string_view text) { return Data(text.begin(), text.end()); }
+Data chunkOf(std::string_view text) { return Data(text.begin(), text.end()); }
 
 TEST(AppendDataTest, NothingHappensWithoutATextAChunkOrALimit) {
   std::string text = "abc";
-  const Data chunk = dataOf("d");
+  const Data chunk = chunkOf("d");
   appendData(nullptr, &text, 10);
   appendData(&chunk, nullptr, 10);
   appendData(&chunk, &text, 0);
@@ -40,7 +40,7 @@ TEST(AppendDataTest, TheLastCharactersStay) {
                {"ab", "c\xc3", 9, "ab"}};
   for (const auto& [before, chunk, limit, result] : cases) {
     std::string text = before;
-    const Data data = dataOf(chunk);
+    const Data data = chunkOf(chunk);
     appendData(&data, &text, limit);
     EXPECT_EQ(text, result);
   }
@@ -49,7 +49,7 @@ TEST(AppendDataTest, TheLastCharactersStay) {
 TEST(AppendDataTest, AnyNumberOfSmallChunksIsBounded) {
   std::string text;
   for (int i = 0; i < 20'000; ++i) {
-    const Data chunk = dataOf(i % 2 ? "\u20ac" : "x");
+    const Data chunk = chunkOf(i % 2 ? "\u20ac" : "x");
     appendData(&chunk, &text, 1000);
     ASSERT_LE(text.size(), 3000u);
   }

@@ -16,7 +16,7 @@ namespace {
 
 using platform::Data;
 
-Data dataOf(std::string_view text) { return Data(text.begin(), text.end()); }
+Data bytesOfText(std::string_view text) { return Data(text.begin(), text.end()); }
 std::string textOf(const Data& data) { return std::string(data.begin(), data.end()); }
 
 std::string decoded(std::string_view text) { return textOf(Base64::dataFromBase64String(text)); }
@@ -34,8 +34,8 @@ TEST(Base64Test, ThePublishedVectorsHoldBothWays) {
                  {"fooba", "Zm9vYmE="},
                  {"foobar", "Zm9vYmFy"}};
   for (const auto& [bytes, text] : vectors) {
-    EXPECT_EQ(Base64::base64EncodedString(dataOf(bytes)), text);
-    EXPECT_EQ(Base64::base64EncodedStringWithoutLineBreaks(dataOf(bytes)), text);
+    EXPECT_EQ(Base64::base64EncodedString(bytesOfText(bytes)), text);
+    EXPECT_EQ(Base64::base64EncodedStringWithoutLineBreaks(bytesOfText(bytes)), text);
     EXPECT_EQ(decoded(text), bytes);
   }
 }

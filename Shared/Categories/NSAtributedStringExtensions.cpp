@@ -13,19 +13,19 @@ constexpr std::string_view kAnchorStart = "<a href";
 constexpr std::string_view kAnchorEnd = "</a>";
 
 // In bytes.
-struct Anchor {
+struct LinkAnchor {
   std::size_t start;
   std::size_t end;
 };
 
 // The first anchor that begins at `from` or later and whose beginning ends at `to` at the latest.
-std::optional<Anchor> findAnchor(std::string_view text, std::size_t from, std::size_t to) {
+std::optional<LinkAnchor> findAnchor(std::string_view text, std::size_t from, std::size_t to) {
   const std::size_t start = CaseInsensitiveSearch::find(kAnchorStart, text.substr(0, to), from);
   if (start == text.npos) return std::nullopt;
   const std::size_t end =
       CaseInsensitiveSearch::find(kAnchorEnd, text, start + kAnchorStart.size());
   if (end == text.npos) return std::nullopt;
-  return Anchor{start, end + kAnchorEnd.size()};
+  return LinkAnchor{start, end + kAnchorEnd.size()};
 }
 
 std::int64_t charactersIn(std::string_view text) {

@@ -8,13 +8,12 @@
 
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 
 namespace platform {
 namespace {
 
 using testing::HasSubstr;
-
-constexpr ExitStatus kSuccess{ExitStatus::Kind::kExited, 0};
 
 class BackgroundServiceProgramTest : public testing::Test {
  protected:

@@ -118,9 +118,9 @@ TEST_F(DaemonKernelExtensions, TheProgramUnloadsByIdentifierAndByPath) {
 }
 
 // The real loader on a real job host; the daemon is not needed.
-class RealMachine final : public ExtensionsMachine {
+class RealExtensionsMachine final : public ExtensionsMachine {
  public:
-  RealMachine() {
+  RealExtensionsMachine() {
     installExtension(root_, kGood);
     installExtension(root_, kSilent, "<key>ControlIsDeaf</key><true/>");
   }
@@ -140,9 +140,12 @@ class RealMachine final : public ExtensionsMachine {
       LinuxKernelExtensions::folders(root_.path(), root_.folder().path("resources"))};
 };
 
-std::unique_ptr<ExtensionsMachine> makeMachine() { return std::make_unique<RealMachine>(); }
+std::unique_ptr<ExtensionsMachine> makeRealExtensionsMachine() {
+  return std::make_unique<RealExtensionsMachine>();
+}
 
-INSTANTIATE_TEST_SUITE_P(DaemonRoot, KernelExtensionsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(DaemonRoot, KernelExtensionsContract,
+                         testing::Values(&makeRealExtensionsMachine));
 
 }  // namespace
 }  // namespace platform

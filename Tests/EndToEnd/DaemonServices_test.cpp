@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 
 namespace platform {
 namespace {
@@ -16,8 +17,6 @@ using testing::ElementsAre;
 using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
 
 class DaemonServices : public DaemonFixture {};
 

@@ -15,6 +15,7 @@
 #include "Platform/NotificationCenter.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 
 namespace platform {
@@ -22,8 +23,6 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-
-constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
 
 class DaemonSettingsAnswers : public testing::Test, public MessageReceiver {
  protected:

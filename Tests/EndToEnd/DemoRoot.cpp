@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "Tests/EndToEnd/ExitStatuses.h"
+
 namespace platform {
 namespace {
-
-constexpr ExitStatus kSuccess{ExitStatus::Kind::kExited, 0};
 
 JobHostRoot::Finished runToEnd(std::vector<std::string> arguments) {
   ChildProgram program(std::move(arguments), {"PATH=/usr/bin:/bin"});

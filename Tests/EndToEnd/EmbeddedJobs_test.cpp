@@ -41,7 +41,7 @@ class Client {
   EmbeddedAuthorization authorization_{client_};
 };
 
-class RealMachine final : public JobsMachine {
+class RealJobsMachine final : public JobsMachine {
  public:
   Jobs& jobs() override { return client_.jobs(); }
   std::string program() override { return root_.program(); }
@@ -71,9 +71,9 @@ class RealMachine final : public JobsMachine {
   Client client_{root_};
 };
 
-std::unique_ptr<JobsMachine> makeMachine() { return std::make_unique<RealMachine>(); }
+std::unique_ptr<JobsMachine> makeRealJobsMachine() { return std::make_unique<RealJobsMachine>(); }
 
-INSTANTIATE_TEST_SUITE_P(Embedded, JobsContract, testing::Values(&makeMachine));
+INSTANTIATE_TEST_SUITE_P(Embedded, JobsContract, testing::Values(&makeRealJobsMachine));
 
 class RealOffice final : public AuthorizationOffice {
  public:

@@ -18,7 +18,7 @@
 namespace platform {
 namespace {
 
-constexpr int kDeadlineMilliseconds = 60'000;
+constexpr int kHostDeadlineMilliseconds = 60'000;
 
 UniqueFd openProcess(ProcessId process) {
   return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
@@ -59,7 +59,7 @@ JobHostRoot::~JobHostRoot() {
 std::string JobHostRoot::nextOutput() {
   std::string line;
   for (char character = 0;; line += character) {
-    if (!awaitReadable(output_, kDeadlineMilliseconds) ||
+    if (!awaitReadable(output_, kHostDeadlineMilliseconds) ||
         ::read(output_.get(), &character, 1) != 1) {
       ADD_FAILURE() << "no further output but \"" << line << "\"";
       return line;
@@ -92,7 +92,7 @@ void killAndAwait(ProcessId process) {
   const UniqueFd pidfd = openProcess(process);
   ASSERT_TRUE(pidfd) << std::strerror(errno);
   ASSERT_EQ(::kill(process, SIGKILL), 0) << std::strerror(errno);
-  ASSERT_TRUE(awaitReadable(pidfd, kDeadlineMilliseconds));
+  ASSERT_TRUE(awaitReadable(pidfd, kHostDeadlineMilliseconds));
 }
 
 bool isRunning(ProcessId process) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Platform/PropertyList.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 
 namespace platform {
@@ -17,9 +18,6 @@ using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
-constexpr int kFailed = 1;
-constexpr int kNotUnderstood = 2;
 constexpr int kNoSuchJob = 3;
 constexpr int kNotPermitted = 4;
 constexpr int kNoHost = 5;

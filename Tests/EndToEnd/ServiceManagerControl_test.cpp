@@ -8,6 +8,7 @@
 
 #include "Platform/Testing/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 
 namespace platform {
 namespace {
@@ -15,10 +16,6 @@ namespace {
 using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-constexpr ExitStatus kSuccess{ExitStatus::Kind::kExited, 0};
-constexpr ExitStatus kFailure{ExitStatus::Kind::kExited, 1};
-constexpr ExitStatus kNotUnderstood{ExitStatus::Kind::kExited, 2};
 
 class ServiceManagerControlTest : public testing::Test {
  protected:
@@ -72,14 +69,14 @@ TEST_F(ServiceManagerControlTest, WritesALineThroughEachLogger) {
 TEST_F(ServiceManagerControlTest, SaysThatTheLogTookNothing) {
   std::filesystem::create_directories(folder_.path("log/system.log"));  // A folder, not a file.
   ChildProgram program({control_, "log-test", "hello"}, {});
-  EXPECT_EQ(program.waitForExit(), kFailure);
+  EXPECT_EQ(program.waitForExit(), exited(kFailed));
   EXPECT_THAT(program.errors(), HasSubstr("the log took 2 of 2 lines not"));
 }
 
 TEST_F(ServiceManagerControlTest, SaysWhatIsWrongWithTheConfiguration) {
   configure("<key>LogLevel</key><integer>8</integer>");
   ChildProgram program({control_, "platform"}, {});
-  EXPECT_EQ(program.waitForExit(), kFailure);
+  EXPECT_EQ(program.waitForExit(), exited(kFailed));
   const std::string errors = program.errors();
   EXPECT_THAT(errors, HasSubstr(folder_.path("etc/vantor/platform.plist")));
   EXPECT_THAT(errors, HasSubstr("LogLevel"));
@@ -87,7 +84,7 @@ TEST_F(ServiceManagerControlTest, SaysWhatIsWrongWithTheConfiguration) {
 
 TEST_F(ServiceManagerControlTest, WhatItDoesNotUnderstandHasAStatusOfItsOwn) {
   ChildProgram program({control_, "plattform"}, {});
-  EXPECT_EQ(program.waitForExit(), kNotUnderstood);
+  EXPECT_EQ(program.waitForExit(), exited(kNotUnderstood));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "Tests/EndToEnd/DemoRoot.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 
 namespace platform {
 namespace {
@@ -17,9 +18,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
-constexpr int kFailed = 1;
-constexpr int kNotUnderstood = 2;
 constexpr int kUnknownLabel = 3;
 constexpr int kNobodyThere = 5;
 constexpr char kAgent[] = "com.vantor.demo.agent";

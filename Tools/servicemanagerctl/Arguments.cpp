@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kRoot[] = "--root";
 
-Answer<void> refuse(std::string text) {
+Answer<void> refuseWord(std::string text) {
   return std::unexpected(Refusal{kExitNotUnderstood, std::move(text)});
 }
 
@@ -40,9 +40,9 @@ Answer<void> checkArguments(const CLI::App& app) {
   for (const CLI::Option* option : app.get_options()) {
     for (const std::string& word : option->results()) {
       if (!isPath(*option) && platform::findIllFormedUtf8(word))
-        return refuse(fmt::format("argument \"{}\" is not UTF-8", abridged(word)));
+        return refuseWord(fmt::format("argument \"{}\" is not UTF-8", abridged(word)));
       if (word.empty() && option->check_lname("root"))
-        return refuse("--root is empty; it is the folder that another platform lies in");
+        return refuseWord("--root is empty; it is the folder that another platform lies in");
     }
   }
   for (const CLI::App* nested : app.get_subcommands()) {

@@ -13,7 +13,7 @@ using namespace platform;
 
 constexpr char kNoProxy[] = "VantorNilProxyException";
 
-std::int64_t inSeconds(Duration duration) {
+std::int64_t wholeSeconds(Duration duration) {
   return std::chrono::duration_cast<std::chrono::seconds>(duration).count();
 }
 
@@ -79,7 +79,7 @@ Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
       return {kExitFailed,
               fmt::format("{} is there but has not answered for {} s; {}, so try again later, and "
                           "see \"servicemanagerctl log\"",
-                          who_.name, inSeconds(kPatience), who_.whySilent)};
+                          who_.name, wholeSeconds(kPatience), who_.whySilent)};
     case Kind::kSystem:
       break;
   }
@@ -96,7 +96,7 @@ Refusal DaemonClient::refusal(const NSException& exception, Duration patience) c
   if (exception.name == kNSPortTimeoutException)
     return {kExitFailed, fmt::format("{} has not answered for {} s; it may still be at it: see "
                                      "\"servicemanagerctl list\" and \"servicemanagerctl log\"",
-                                     who_.name, inSeconds(patience))};
+                                     who_.name, wholeSeconds(patience))};
   if (exception.name == kNSInvalidSendPortException)
     return {
         kExitNobodyThere,

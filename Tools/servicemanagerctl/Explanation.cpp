@@ -71,7 +71,7 @@ std::string inSeconds(const Value& seconds) {
   return fmt::format("{:.1f} s", seconds.real().value_or(0));
 }
 
-std::string textOf(const Value& value) {
+std::string plainOrShown(const Value& value) {
   return value.string() ? plain(*value.string()) : shown(value);
 }
 
@@ -80,13 +80,14 @@ std::string namesIn(const Value& names) {
   if (!names.array()) return "no product";
   for (const Value& name : *names.array()) {
     if (!text.empty()) text += ", ";
-    text += textOf(name);
+    text += plainOrShown(name);
   }
   return text.empty() ? "no product" : text;
 }
 
 std::string nameOfSwitch(const Value& row) {
-  return fmt::format("\"{}\" of feature \"{}\"", textOf(row[kFactKey]), textOf(row[kFactFeature]));
+  return fmt::format("\"{}\" of feature \"{}\"", plainOrShown(row[kFactKey]),
+                     plainOrShown(row[kFactFeature]));
 }
 
 // A reason's word, and what stands behind "LABEL runs as process N" or "LABEL does not run: ".
@@ -108,7 +109,7 @@ bool isUnwantedFeature(const Facts& facts) {
 std::string sourcesWith(const char* outcome, const Facts& facts) {
   std::set<std::string> names;
   for (const Value& row : facts.switches()) {
-    if (row[kFactOutcome] == Value(outcome)) names.insert(textOf(row[kFactSource]));
+    if (row[kFactOutcome] == Value(outcome)) names.insert(plainOrShown(row[kFactSource]));
   }
   return fmt::format("{}", fmt::join(names, ", "));
 }
@@ -248,7 +249,7 @@ std::string aboutProgram(const Facts& facts) {
 std::string aboutSwitch(const Value& row) {
   const std::string* given = row[kFactOutcome].string();
   const std::string outcome = given ? *given : "";
-  const std::string source = row[kFactSource].isNil() ? "" : textOf(row[kFactSource]) + ": ";
+  const std::string source = row[kFactSource].isNil() ? "" : plainOrShown(row[kFactSource]) + ": ";
   const std::string name =
       fmt::format("{}{}, expected {}", source, nameOfSwitch(row), shown(row[kFactExpected]));
   const std::string is = ", is " + shown(row[kFactCurrent]);
@@ -260,7 +261,7 @@ std::string aboutSwitch(const Value& row) {
     return name + ", and its settings server gives no answer: does not";
   if (outcome == kOutcomeRefused) {
     return fmt::format("{}, and its settings server answers with {}: does not", name,
-                       textOf(row[kFactRefusal]));
+                       plainOrShown(row[kFactRefusal]));
   }
   if (outcome == kOutcomeNotAsked) return name + ", not looked at yet";
   return name + ", and there is no such settings server: does not";

@@ -65,13 +65,13 @@ Changes feature(Array switches, Changes more = {}) {
   return more;
 }
 
-struct Row {
+struct ExplanationRow {
   const char* reason;
   Changes changes;
   const char* verdict;
 };
 
-const std::vector<Row> kRunning{
+const std::vector<ExplanationRow> kRunning{
     {"core", {}, "agent runs as process 7, because every core service of the product is to run."},
     {"primary",
      {{kFactPrimary, "agent"}},
@@ -89,7 +89,7 @@ const std::vector<Row> kRunning{
      "agent runs as process 7, although this system is too old for it."},
 };
 
-const std::vector<Row> kNotRunning{
+const std::vector<ExplanationRow> kNotRunning{
     {"noJob",
      {{kFactProgram, {}}},
      "agent does not run: the catalogue names no program that could be run for it."},
@@ -152,7 +152,7 @@ const std::vector<Row> kNotRunning{
 };
 
 TEST(ExplanationTest, AServiceThatRunsHasOneOfTheseReasons) {
-  for (const Row& row : kRunning) {
+  for (const ExplanationRow& row : kRunning) {
     const Explanation explanation = explain(factsWith(row.changes));
     EXPECT_TRUE(explanation.runs);
     EXPECT_EQ(explanation.reason, row.reason);
@@ -161,7 +161,7 @@ TEST(ExplanationTest, AServiceThatRunsHasOneOfTheseReasons) {
 }
 
 TEST(ExplanationTest, AServiceThatDoesNotRunHasTheFirstReasonThatApplies) {
-  for (const Row& row : kNotRunning) {
+  for (const ExplanationRow& row : kNotRunning) {
     Changes changes = row.changes;
     changes.emplace_back(kFactJob, Value());
     const Explanation explanation = explain(factsWith(changes));

@@ -36,7 +36,7 @@ std::string_view healthOf(const Service& service) {
 std::string crashesOf(const Service& service) { return fmt::format("{}", service.crashes); }
 
 // A label's value of a metric: the format knows three escapes.
-std::string escaped(const std::string& text) {
+std::string escapedLabelValue(const std::string& text) {
   std::string result;
   for (const char character : text) {
     if (character == '\n') {
@@ -50,19 +50,20 @@ std::string escaped(const std::string& text) {
 }
 
 std::string labelsOf(const Service& service) {
-  return fmt::format("service=\"{}\",name=\"{}\"", escaped(service.label), escaped(service.name));
+  return fmt::format("service=\"{}\",name=\"{}\"", escapedLabelValue(service.label),
+                     escapedLabelValue(service.name));
 }
 
 // Adds a metric's head.
-void describe(std::string& text, std::string_view metric, std::string_view type,
-              std::string_view help) {
+void describeMetric(std::string& text, std::string_view metric, std::string_view type,
+                    std::string_view help) {
   fmt::format_to(std::back_inserter(text), "# TYPE {0} {1}\n# HELP {0} {2}\n", metric, type, help);
 }
 
 void addServices(std::string& text, const std::vector<Service>& services) {
   const auto out = std::back_inserter(text);
   constexpr std::string_view kStatus = "servicemanager_service_status";
-  describe(text, kStatus, "stateset", "How the service is.");
+  describeMetric(text, kStatus, "stateset", "How the service is.");
   for (const Service& service : services) {
     if (!service.status) continue;
     for (const HealthStatus status : kStatuses) {
@@ -72,14 +73,14 @@ void addServices(std::string& text, const std::vector<Service>& services) {
   }
   // No counter: a summary begins it anew.
   constexpr std::string_view kForcedStops = "servicemanager_service_forced_stops";
-  describe(text, kForcedStops, "gauge",
-           "How often the service ended by itself since the health reporter last asked.");
+  describeMetric(text, kForcedStops, "gauge",
+                 "How often the service ended by itself since the health reporter last asked.");
   for (const Service& service : services) {
     fmt::format_to(out, "{}{{{}}} {}\n", kForcedStops, labelsOf(service), service.crashes);
   }
   constexpr std::string_view kHealthyMetric = "servicemanager_service_healthy";
-  describe(text, kHealthyMetric, "gauge",
-           "Whether the health reporter would be told that the service is healthy.");
+  describeMetric(text, kHealthyMetric, "gauge",
+                 "Whether the health reporter would be told that the service is healthy.");
   for (const Service& service : services) {
     if (!service.isHealthy) continue;
     fmt::format_to(out, "{}{{{}}} {}\n", kHealthyMetric, labelsOf(service),
@@ -174,10 +175,10 @@ std::string asOpenMetrics(const std::optional<HealthReport>& health) {
   std::string text;
   if (health) {
     constexpr std::string_view kReady = "servicemanager_ready_to_report";
-    describe(text, kReady, "gauge", "Whether the health reporter may rely on the rest.");
+    describeMetric(text, kReady, "gauge", "Whether the health reporter may rely on the rest.");
     fmt::format_to(std::back_inserter(text), "{} {}\n", kReady, health->isReadyToReport ? 1 : 0);
     constexpr std::string_view kLimit = "servicemanager_crash_limit";
-    describe(text, kLimit, "gauge", "Forced stops at which a service is unhealthy.");
+    describeMetric(text, kLimit, "gauge", "Forced stops at which a service is unhealthy.");
     fmt::format_to(std::back_inserter(text), "{} {}\n", kLimit, health->crashLimit);
     addServices(text, health->services);
   }

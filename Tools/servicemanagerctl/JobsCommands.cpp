@@ -19,8 +19,6 @@ namespace {
 
 using namespace platform;
 
-constexpr std::int64_t kDefaultExitTimeOut = 20;
-
 }  // namespace
 
 struct JobsCommands::Connected {

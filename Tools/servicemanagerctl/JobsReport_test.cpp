@@ -53,7 +53,7 @@ TEST(JobsReportTest, TheTableIsAlignedAndSorted) {
 }
 
 TEST(JobsReportTest, ATableWithoutJobsSaysSo) {
-  EXPECT_EQ(asTable({}, Reader::kTerminal), "No jobs.\n");
+  EXPECT_EQ(asTable(std::vector<JobState>{}, Reader::kTerminal), "No jobs.\n");
 }
 
 TEST(JobsReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "Platform/Jobs.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
@@ -20,7 +21,6 @@ using namespace platform;
 // The service manager looks for a new job's process for twelve seconds, and the job host takes its
 // time to stop one that is in the way.
 constexpr Duration kStartTime = std::chrono::seconds(60);
-constexpr std::int64_t kDefaultExitTimeOut = 20;
 // Beyond a day nobody waits; it also bounds what a catalogue can make of the sum.
 constexpr std::int64_t kLongestWait = 24 * 60 * 60;
 

@@ -32,11 +32,11 @@ Activity activityOf(const JobState& job, const Value& neededSystem,
   return job.lastExit == JobState::Ending{} ? Activity::kStopped : Activity::kWaiting;
 }
 
-std::string_view nameOf(ServiceState::Type type) {
+std::string_view wordOf(ServiceState::Type type) {
   return type == ServiceState::Type::kFeature ? "feature" : "core";
 }
 
-std::string_view nameOf(Activity activity) {
+std::string_view wordOf(Activity activity) {
   switch (activity) {
     case Activity::kRunning:
       return "running";
@@ -87,7 +87,7 @@ ServiceState serviceState(const std::string& label, const Value& services, const
 
 std::string inWords(const ServiceState& service) {
   if (service.activity == Activity::kUnsupported) return "needs " + plain(service.neededSystem);
-  return std::string(nameOf(service.activity));
+  return std::string(wordOf(service.activity));
 }
 
 std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
@@ -111,7 +111,7 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
     const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
     const std::string ending = inWords(job.lastExit);
     fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", plain(job.label), labelWidth,
-                   nameOf(service.type),
+                   wordOf(service.type),
                    job.process ? coloured(state, Colour::kGreen, reader) : state,
                    job.process ? fmt::format("{}", *job.process) : "-",
                    isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
@@ -122,8 +122,8 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
 Json asJson(const ServiceState& service) {
   const Json job = asJson(service.job);
   Json json{{"label", service.job.label},
-            {"type", nameOf(service.type)},
-            {"state", nameOf(service.activity)}};
+            {"type", wordOf(service.type)},
+            {"state", wordOf(service.activity)}};
   json["pid"] = job["pid"];
   json["lastExit"] = job["lastExit"];
   json["neededSystem"] = service.neededSystem.empty() ? Json() : Json(service.neededSystem);

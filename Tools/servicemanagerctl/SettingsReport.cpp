@@ -13,7 +13,7 @@ namespace {
 
 using namespace platform;
 using Json = nlohmann::ordered_json;
-using Type = Value::Type;
+using ValueType = Value::Type;
 using Parsed = std::expected<Value, std::string>;
 
 std::optional<bool> booleanIn(const std::string& text) {
@@ -78,33 +78,33 @@ Parsed parseAs(std::string_view type, const std::string& text) {
 }
 
 bool canBeTyped(const Value& value) {
-  return value.isNumber() || value.type() == Type::kString || value.type() == Type::kData;
+  return value.isNumber() || value.type() == ValueType::kString || value.type() == ValueType::kData;
 }
 
 }  // namespace
 
 std::string_view typeName(const Value& value) {
   switch (value.type()) {
-    case Type::kBoolean:
+    case ValueType::kBoolean:
       return "boolean";
-    case Type::kInteger:
+    case ValueType::kInteger:
       return "integer";
-    case Type::kReal:
+    case ValueType::kReal:
       return "real";
-    case Type::kString:
+    case ValueType::kString:
       return "string";
-    case Type::kData:
+    case ValueType::kData:
       return "data";
-    case Type::kDate:
+    case ValueType::kDate:
       return "date";
-    case Type::kArray:
+    case ValueType::kArray:
       return "array";
-    case Type::kDictionary:
+    case ValueType::kDictionary:
       return "dictionary";
-    case Type::kNullMarker:
+    case ValueType::kNullMarker:
       return "null";
-    case Type::kNil:
-    case Type::kRemoteObject:
+    case ValueType::kNil:
+    case ValueType::kRemoteObject:
       break;
   }
   return "none";

@@ -9,7 +9,7 @@ namespace {
 
 using namespace platform;
 using testing::HasSubstr;
-using Type = Value::Type;
+using SettingType = Value::Type;
 
 // Same value and same kind.
 void expectParsed(const std::string& text, const std::optional<std::string>& type,
