@@ -10,25 +10,45 @@ fail() {
   exit 1
 }
 
-# step TEXT LOG COMMAND...: runs the command with its output in LOG. After a second it says TEXT, on
-# a terminal with the last line of the log's progress; when the command fails it shows the log's end.
+# time_since START: how long ago that was by $SECONDS, for people.
+time_since() {
+  local seconds=$((SECONDS - $1))
+  if [ "$seconds" -lt 60 ]; then
+    printf '%d s' "$seconds"
+  else
+    printf '%d min %02d s' $((seconds / 60)) $((seconds % 60))
+  fi
+}
+
+# progress_in LOG: the newest "[DONE/ALL]" of a build's log, or " DONE/ALL Test" of a run of tests, with
+# a blank before it; nothing where there is none.
+progress_in() {
+  grep -oE '^(\[[0-9]+/[0-9]+\]| *[0-9]+/[0-9]+ Test)' "$1" | tail -n 1 |
+    sed -E 's/[^0-9]*([0-9]+)\/([0-9]+).*/ \1 of \2,/' || true
+}
+
+# step TEXT LOG COMMAND...: runs the command with its output in LOG. After a second it says TEXT, and
+# then how far it is and since when: on a terminal in the same line, elsewhere in a line every half a
+# minute. When the command fails it shows the log's end.
 step() {
-  local text=$1 log=$2 start=$SECONDS said='' pid status=0 progress
+  local text=$1 log=$2 start=$SECONDS said='' next=1 pid status=0
   shift 2
   mkdir -p "$(dirname "$log")"
   "$@" >"$log" 2>&1 </dev/null &
   pid=$!
   trap 'kill "$pid" 2>/dev/null || true' INT TERM
   while sleep 0.25; kill -0 "$pid" 2>/dev/null; do
+    [ $((SECONDS - start)) -ge "$next" ] || continue
     if [ -t 1 ]; then
-      [ $((SECONDS - start)) -lt 1 ] && continue
-      progress=$(grep -oE '^\[[0-9]+/[0-9]+\]' "$log" | tail -n 1 || true)
-      printf '\r\033[K%s %s' "$text" "$progress"
-      said=yes
-    elif [ -z "$said" ] && [ $((SECONDS - start)) -ge 1 ]; then
+      printf '\r\033[K%s:%s %s so far' "$text" "$(progress_in "$log")" "$(time_since "$start")"
+    elif [ -z "$said" ]; then
       printf '%s\n' "$text"
-      said=yes
+      next=30
+    else
+      printf '%s:%s %s so far\n' "$text" "$(progress_in "$log")" "$(time_since "$start")"
+      next=$((next + 30))
     fi
+    said=yes
   done
   wait "$pid" || status=$?
   trap - INT TERM
@@ -36,6 +56,19 @@ step() {
   [ "$status" -eq 0 ] && return
   tail -n 40 "$log" >&2
   fail "" "$text failed. The whole output is in $log."
+}
+
+# announce PRESET BUILDING REST TEXT: what comes, and about how many minutes it takes: that of building
+# everything, which is done once, and that of all the rest.
+announce() {
+  local preset=$1 building=$2 rest=$3 text=$4
+  if [ -e "build/$preset/.ninja_log" ]; then
+    printf '%s: about %d min, and at most %d more where everything has changed.\n' \
+      "$text" "$rest" "$building"
+  else
+    printf '%s: about %d min on two cores, and about %d the next time.\n' \
+      "$text" $((building + rest)) "$rest"
+  fi
 }
 
 # install_missing_packages [FILE...]: what packaging/debian-packages lists, and each further file.

@@ -75,7 +75,7 @@ TEST(DigestTest, NothingAtAllIsHashedLikeAnEmptyText) {
 }
 
 // The size of the bytes does not pass through 32 bits on its way.
-TEST(DigestTest, MoreThanFourGibibytesAreHashedWhole) {
+TEST(DigestLong, MoreThanFourGibibytesAreHashedWhole) {
   constexpr std::size_t kSize = (std::size_t{1} << 32) + 1;
   // Reads as zeros and takes no memory.
   void* const zeros =

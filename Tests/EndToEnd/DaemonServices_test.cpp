@@ -19,6 +19,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 class DaemonServices : public DaemonFixture {};
+// Half a minute each: so long the daemon waits for an answer of a host that stands still.
+class DaemonServicesLong : public DaemonServices {};
 
 TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
   constexpr int kTimes = 100;
@@ -107,7 +109,7 @@ TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluate
   expectKilledServiceIsReported(DaemonRoot::label(0));
 }
 
-TEST_F(DaemonServices, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
+TEST_F(DaemonServicesLong, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
   start(2);
   const std::string label = DaemonRoot::label(0);
   const ProcessId process = root_.processOf(label);
@@ -142,7 +144,7 @@ TEST_F(DaemonServices, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
   expectNoneLostNoneDoubled(pids());
 }
 
-TEST_F(DaemonServices, WhatEndedWhileTheJobHostStoodStillIsBackOnceItGoesOn) {
+TEST_F(DaemonServicesLong, WhatEndedWhileTheJobHostStoodStillIsBackOnceItGoesOn) {
   start(2);
   const std::string label = DaemonRoot::label(0);
   const ProcessId before = root_.processOf(label);
