@@ -14,11 +14,11 @@
 #include <unistd.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Linux/CertificateMaker.h"
-#include "Platform/Linux/CodeSigner.h"
-#include "Platform/Linux/LinuxCodeSignatures.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/Certificates/CertificateMaker.h"
+#include "Platform/Linux/CodeSigning/CodeSigner.h"
+#include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace {
 

@@ -15,10 +15,10 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <unistd.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/PidfdExitWatcher.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/Processes/PidfdExitWatcher.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace benchmarks {
 namespace {

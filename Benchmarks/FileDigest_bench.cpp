@@ -8,8 +8,8 @@
 #include <benchmark/benchmark.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Testing/FileSha256.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Digests/FileSha256.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace benchmarks {
 namespace {

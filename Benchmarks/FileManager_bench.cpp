@@ -10,9 +10,9 @@
 #include <fcntl.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Linux/LinuxFileManager.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/Files/LinuxFileManager.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Shared/Categories/NSFileManagerExtensions.h"
 
 namespace {

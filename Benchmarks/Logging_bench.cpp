@@ -16,14 +16,14 @@
 #include "Benchmarks/Goal.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/Linux/AsioSerialQueues.h"
-#include "Platform/Linux/FileLogSink.h"
-#include "Platform/Linux/JournalLogSink.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/StringFormat.h"
-#include "Platform/SystemLog.h"
-#include "Platform/Testing/LogReceiver.h"
-#include "Platform/Thread.h"
+#include "Platform/Linux/Logging/FileLogSink.h"
+#include "Platform/Linux/Logging/JournalLogSink.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Testing/Logging/LogReceiver.h"
+#include "Platform/Texts/StringFormat.h"
 
 namespace benchmarks {
 namespace {

@@ -9,9 +9,9 @@
 
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusPeerTransport.h"
-#include "Platform/Testing/ConnectedProgram.h"
+#include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
 
 namespace benchmarks {
 namespace {

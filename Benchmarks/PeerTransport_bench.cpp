@@ -10,9 +10,9 @@
 
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusPeerTransport.h"
-#include "Platform/Linux/DescriptorLimit.h"
+#include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 
 namespace benchmarks {
 namespace {

@@ -8,7 +8,7 @@
 #include <libxml/xmlreader.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/PropertyList.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 namespace benchmarks {
 namespace {

@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace benchmarks {
 

@@ -8,8 +8,8 @@
 #include <sched.h>
 #include <sys/types.h>
 
-#include "Platform/Linux/DBusHandles.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/DBus/DBusHandles.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace benchmarks {
 

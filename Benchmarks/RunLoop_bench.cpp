@@ -10,7 +10,7 @@
 #include <benchmark/benchmark.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace benchmarks {
 namespace {

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "Benchmarks/Goal.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/SettingsProgram.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"

@@ -12,11 +12,11 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusPeerTransport.h"
-#include "Platform/Testing/ConnectedProgram.h"
-#include "Platform/Testing/FakeNotificationBus.h"
-#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
+#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 namespace benchmarks {
 namespace {

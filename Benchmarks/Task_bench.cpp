@@ -12,10 +12,10 @@
 
 #include "Benchmarks/Goal.h"
 #include "Logger/Logger.h"
-#include "Platform/Linux/LinuxTasks.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Linux/Processes/LinuxTasks.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Shared/Categories/NSTaskExtensions.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <dbus/dbus.h>
 
 #include "Fuzz/Require.h"
-#include "Platform/Linux/DBusMessages.h"
+#include "Platform/Linux/Peers/DBusMessages.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Fuzz/Require.h"
-#include "Platform/PropertyList.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 namespace fuzz {
 

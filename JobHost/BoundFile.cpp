@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace jobhost {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "Platform/RunLoop.h"
+#include "Platform/RunLoops/RunLoop.h"
 
 namespace jobhost {
 

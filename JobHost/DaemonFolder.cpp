@@ -13,11 +13,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/PlatformRoot.h"
-#include "Platform/Linux/RegularFile.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/PropertyList.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemFacts/PlatformRoot.h"
+#include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
 namespace {

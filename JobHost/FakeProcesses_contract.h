@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include "JobHost/Processes.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace jobhost {
 

@@ -7,8 +7,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 #include "JobHost/JobAccount.h"
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -9,9 +9,9 @@
 
 #include "JobHost/RestartPolicy.h"
 #include "JobHost/StoredJob.h"
-#include "Platform/Error.h"
-#include "Platform/RunLoop.h"
-#include "Platform/Value.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
 
 namespace jobhost {
 

@@ -9,7 +9,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "Platform/PropertyListText.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

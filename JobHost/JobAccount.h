@@ -7,7 +7,7 @@
 #include <sys/types.h>
 
 #include "JobHost/JobDefinition.h"
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -4,7 +4,7 @@
 
 #include "JobHost/JobDefinitionLimits.h"
 #include "JobHost/JobKeys.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

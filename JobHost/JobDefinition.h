@@ -9,9 +9,9 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
-#include "Platform/Error.h"
-#include "Platform/Time.h"
-#include "Platform/Value.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Time.h"
+#include "Platform/Values/Value.h"
 
 namespace jobhost {
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "Platform/Error.h"
-#include "Platform/Jobs.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -9,7 +9,7 @@
 
 #include "JobHost/JobAccount.h"
 #include "JobHost/JobHost.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 

@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHostFixture_contract.h"
-#include "Platform/Testing/FileSizeLimit.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
 
 namespace jobhost {
 namespace {

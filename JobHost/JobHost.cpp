@@ -9,7 +9,7 @@
 #include "JobHost/JobAccount.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/RuntimeFolders.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 

@@ -16,10 +16,10 @@
 #include "JobHost/MachSockets.h"
 #include "JobHost/Processes.h"
 #include "JobHost/StateFile.h"
-#include "Platform/Error.h"
-#include "Platform/Jobs.h"
-#include "Platform/RunLoop.h"
-#include "Platform/SystemLog.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -19,12 +19,12 @@
 #include "JobHost/JobHost.h"
 #include "JobHost/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
 

@@ -12,9 +12,9 @@
 
 #include "JobHost/FakeProcesses_contract.h"
 #include "JobHost/JobHost.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/TemporaryFolder.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace jobhost {
 

@@ -11,7 +11,7 @@
 
 #include "JobHost/JobDefinitionLimits.h"
 #include "JobHost/UnsupportedKeys.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

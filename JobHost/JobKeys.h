@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "JobHost/JobDefinition.h"
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 namespace jobhost {
 

@@ -5,9 +5,9 @@
 #include <fmt/format.h>
 
 #include "JobHost/JobDefinition.h"
-#include "Platform/Jobs.h"
-#include "Platform/Linux/JobHostMessages.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

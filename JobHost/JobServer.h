@@ -7,17 +7,17 @@
 #include <string>
 
 #include "JobHost/JobHost.h"
-#include "Platform/Error.h"
-#include "Platform/PeerTransport.h"
-#include "Platform/RefusalLog.h"
-#include "Platform/RunLoop.h"
-#include "Platform/SystemLog.h"
+#include "Platform/Logging/RefusalLog.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 
-// Serves the host's jobs to other processes (Platform/Linux/JobHostMessages.h). Root and the user
-// whom the host runs under may change and read them, by the kernel's word on who has connected;
-// everybody else is told that they may not. Belongs to the run loop's thread.
+// Serves the host's jobs to other processes (Platform/Linux/Jobs/JobHostMessages.h). Root and the
+// user whom the host runs under may change and read them, by the kernel's word on who has
+// connected; everybody else is told that they may not. Belongs to the run loop's thread.
 class JobServer {
  public:
   // Takes the socket at `path`, in a folder that exists. `user` is the one whom this host runs

@@ -11,12 +11,12 @@
 #include <gtest/gtest.h>
 
 #include "JobHost/FakeProcesses_contract.h"
-#include "Platform/Jobs.h"
-#include "Platform/Linux/JobHostMessages.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/TemporaryFolder.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace jobhost {
 namespace {

@@ -18,8 +18,8 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Shortage.h"
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace jobhost {
 namespace {

@@ -7,7 +7,7 @@
 #include "JobHost/OrphanReaper.h"
 #include "JobHost/ProcessSpawner.h"
 #include "JobHost/Processes.h"
-#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 
 namespace jobhost {
 

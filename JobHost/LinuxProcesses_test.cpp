@@ -18,7 +18,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include "JobHost/FakeProcesses_contract.h"
 #include "JobHost/Processes_contract.h"
-#include "Platform/Testing/DescriptorShortage.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
 
 namespace jobhost {
 namespace {

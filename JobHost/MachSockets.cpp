@@ -13,8 +13,8 @@
 #include <unistd.h>
 
 #include "JobHost/BoundFile.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Error.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/RunLoop.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "JobHost/BoundFile.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
 namespace {

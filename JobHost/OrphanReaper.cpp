@@ -9,7 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace jobhost {
 

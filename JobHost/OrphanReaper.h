@@ -3,9 +3,9 @@
 #include <functional>
 #include <memory>
 
-#include "Platform/Error.h"
-#include "Platform/ExitWatcher.h"
-#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Processes/ExitWatcher.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -24,8 +24,8 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/JobAccount.h"
 #include "JobHost/JobKeys.h"
 #include "JobHost/SpawnedChild.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/PropertyListText.h"
 
 namespace jobhost {
 namespace {

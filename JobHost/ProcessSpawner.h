@@ -6,10 +6,10 @@
 
 #include "JobHost/JobAccount.h"
 #include "JobHost/JobDefinition.h"
-#include "Platform/Error.h"
-#include "Platform/ExitWatcher.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/RunLoop.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Processes/ExitWatcher.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

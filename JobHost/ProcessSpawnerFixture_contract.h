@@ -21,7 +21,7 @@
 
 #include "JobHost/ProcessSpawner.h"
 #include "JobHost/StateReader.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
 

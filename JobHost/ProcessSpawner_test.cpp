@@ -25,7 +25,7 @@
 #include <unistd.h>
 
 #include "JobHost/ProcessSpawnerFixture_contract.h"
-#include "Platform/Testing/DescriptorShortage.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
 
 namespace jobhost {
 namespace {

@@ -5,9 +5,9 @@
 #include "JobHost/JobDefinition.h"
 #include "JobHost/ProcessSpawner.h"
 #include "JobHost/StoredJob.h"
-#include "Platform/Error.h"
-#include "Platform/ExitWatcher.h"
-#include "Platform/RunLoop.h"
+#include "Platform/Processes/ExitWatcher.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

@@ -22,8 +22,8 @@
 
 #include "JobHost/Processes.h"
 #include "JobHost/StateReader.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
 

@@ -4,7 +4,7 @@
 
 #include "JobHost/JobDefinition.h"
 #include "JobHost/StoredJob.h"
-#include "Platform/Time.h"
+#include "Platform/Values/Time.h"
 
 namespace jobhost {
 

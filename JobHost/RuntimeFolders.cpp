@@ -6,8 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/RegularFile.h"
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace jobhost {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

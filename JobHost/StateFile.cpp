@@ -12,9 +12,9 @@
 #include <unistd.h>
 
 #include "JobHost/StateReader.h"
-#include "Platform/Linux/RegularFile.h"
-#include "Platform/Linux/Shortage.h"
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace jobhost {
 namespace {

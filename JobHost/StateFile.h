@@ -10,9 +10,9 @@
 
 #include "JobHost/ProcessSpawner.h"
 #include "JobHost/StoredJob.h"
-#include "Platform/Error.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/RunLoop.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

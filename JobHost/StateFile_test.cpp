@@ -10,10 +10,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Testing/DescriptorShortage.h"
-#include "Platform/Testing/FileSizeLimit.h"
-#include "Platform/Testing/TemporaryFolder.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace jobhost {
 namespace {

@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 #include <sys/wait.h>
 
-#include "Platform/PropertyList.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 namespace jobhost {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "JobHost/StateRecord.h"
 #include "JobHost/StoredJob.h"
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 namespace jobhost {
 

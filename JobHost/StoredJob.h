@@ -7,8 +7,8 @@
 #include <string>
 
 #include "JobHost/StateRecord.h"
-#include "Platform/ExitWatcher.h"
-#include "Platform/Value.h"
+#include "Platform/Processes/ExitWatcher.h"
+#include "Platform/Values/Value.h"
 
 namespace jobhost {
 

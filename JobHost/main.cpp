@@ -15,9 +15,9 @@
 #include "JobHost/JobServer.h"
 #include "JobHost/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 
 namespace {
 

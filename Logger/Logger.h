@@ -6,8 +6,8 @@
 #include <string_view>
 #include <type_traits>
 
-#include "Platform/StringFormat.h"
-#include "Platform/SystemLog.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Texts/StringFormat.h"
 
 // Logger 1, the logger of the library code. Each thread has a client of the system log of its own,
 // and a line is written before the call returns, on the caller's thread.

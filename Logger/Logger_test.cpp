@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "Shared/ORBSigningValidator.h"
 
 #include "Logger/Logger.h"
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 
 using namespace platform;
 

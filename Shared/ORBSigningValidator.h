@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/CodeSignature.h"
+#include "Platform/CodeSigning/CodeSignature.h"
 
 // Answers whether code is what its makers signed, for the integrity checks. Every answer is logged
 // through logger 1: a refusal as an error with its reason, anything else for debugging.

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "Logger/Logger.h"
-#include "Platform/Testing/FakeCodeSignatures.h"
-#include "Platform/Testing/FakeLogSink.h"
+#include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
 
 namespace {
 

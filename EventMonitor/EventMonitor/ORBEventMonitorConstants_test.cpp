@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 namespace {
 

@@ -3,12 +3,12 @@
 #include <memory>
 #include <string>
 
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/NSXPCListener.h"
-#include "Platform/Protocol.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/SystemLog.h"
-#include "Platform/XPC.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/XPC/NSXPCListener.h"
+#include "Platform/XPC/XPC.h"
 
 // What a service of the demo product answers: "greetWithReply:" with a text.
 inline const platform::Protocol& greetingProtocol() {

@@ -12,7 +12,7 @@
 #include "Examples/DemoProduct/GreetingEndpoint.h"
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/LinuxXPC.h"
+#include "Platform/Linux/XPC/LinuxXPC.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {

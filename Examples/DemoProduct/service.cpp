@@ -10,10 +10,10 @@
 #include <utility>
 
 #include "Examples/DemoProduct/GreetingEndpoint.h"
-#include "Platform/BackgroundService.h"
+#include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/LinuxXPC.h"
-#include "Platform/Linux/NotificationBus.h"
+#include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/XPC/LinuxXPC.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
-#include "Platform/NSLog.h"
+#include "Platform/Logging/NSLog.h"
 
 // The handle on the server of one settings domain. Every message of KLXGlobalSettingsProtocol is
 // forwarded to it, by sendMessage(); one attempt each, and a failure is in recentException().

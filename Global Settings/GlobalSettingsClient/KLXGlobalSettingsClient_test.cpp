@@ -12,12 +12,12 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Logger/Logger.h"
-#include "Platform/Testing/ConnectedProgram.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakeNotificationBus.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/FakeSystemInformation.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
+#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 namespace {
 

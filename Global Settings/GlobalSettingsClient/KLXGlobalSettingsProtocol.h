@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "Platform/Protocol.h"
+#include "Platform/Messages/Protocol.h"
 
 // What every global settings server answers. Keys and senders are strings; a sender says who asks
 // for a change and may be nil.

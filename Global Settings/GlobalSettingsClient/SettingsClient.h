@@ -4,11 +4,11 @@
 #include <memory>
 #include <string_view>
 
-#include "Platform/Exception.h"
-#include "Platform/NSProxy.h"
-#include "Platform/NameTable.h"
-#include "Platform/Time.h"
-#include "Platform/Value.h"
+#include "Platform/Messages/NSProxy.h"
+#include "Platform/Values/Exception.h"
+#include "Platform/Values/NameTable.h"
+#include "Platform/Values/Time.h"
+#include "Platform/Values/Value.h"
 
 // Who reads one of the global settings servers, as far as decisions need it; tests put settings of
 // their own behind it. Belongs to the main thread; asking blocks for the server's answer.

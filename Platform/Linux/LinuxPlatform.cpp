@@ -2,12 +2,12 @@
 
 #include <utility>
 
-#include "Platform/IntegerValue.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/ExecutablePath.h"
-#include "Platform/Linux/LogSinkChoice.h"
-#include "Platform/Linux/PlatformRoot.h"
-#include "Platform/Linux/PreferredLanguages.h"
+#include "Platform/Linux/Logging/LogSinkChoice.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/SystemFacts/ExecutablePath.h"
+#include "Platform/Linux/SystemFacts/PlatformRoot.h"
+#include "Platform/Linux/SystemFacts/PreferredLanguages.h"
+#include "Platform/Texts/IntegerValue.h"
 
 namespace platform {
 namespace {

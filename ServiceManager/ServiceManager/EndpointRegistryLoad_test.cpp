@@ -13,13 +13,13 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/LinuxXPC.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakeNotificationBus.h"
-#include "Platform/Testing/FakeSystemInformation.h"
-#include "Platform/Testing/TemporaryFolder.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/XPC/LinuxXPC.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 

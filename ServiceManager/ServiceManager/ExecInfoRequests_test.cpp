@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Digest.h"
-#include "Platform/PropertyList.h"
-#include "Platform/Testing/FileSha256.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Testing/Digests/FileSha256.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 

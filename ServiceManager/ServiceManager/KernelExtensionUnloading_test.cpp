@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // The lowest major number of the kernel on which a service with this "MinimumOSVersion" may run;
 // nothing for a release that is not known, and for what is no text. Pure.

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // What the daemon keeps of each service in `monitoredProcessesInfo`. A record is replaced whole.
 

@@ -4,12 +4,12 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/Digest.h"
-#include "Platform/FileDigest.h"
-#include "Platform/LogSink.h"
-#include "Platform/PropertyList.h"
-#include "Platform/StringFormat.h"
-#include "Platform/Thread.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/Digests/FileDigest.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/ServiceManager/QuarantineDatabase.h"
 #include "Shared/Categories/NSStringExtensions.h"

@@ -10,13 +10,13 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/CodeSignature.h"
-#include "Platform/ExtendedAttributes.h"
-#include "Platform/MonotonicTime.h"
-#include "Platform/NSXPCListener.h"
-#include "Platform/Protocol.h"
-#include "Platform/Time.h"
-#include "Platform/Value.h"
+#include "Platform/CodeSigning/CodeSignature.h"
+#include "Platform/Files/ExtendedAttributes.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/Values/Time.h"
+#include "Platform/Values/Value.h"
+#include "Platform/XPC/NSXPCListener.h"
 
 // Who knows where the user who last logged in lives.
 class ExecInfoHandlerDelegate {

@@ -11,8 +11,8 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include "Platform/PropertyList.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/KernelControls.h"
+#include "Platform/KernelExtensions/KernelControls.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/PathComponents.h"

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"

@@ -2,7 +2,7 @@
 #include <map>
 #include <string>
 
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 using namespace platform;

@@ -1,7 +1,7 @@
 #include <chrono>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/NamedConnections.h"
+#include "Platform/NamedConnections/NamedConnections.h"
 #include "ServiceManager/ServiceManager/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"

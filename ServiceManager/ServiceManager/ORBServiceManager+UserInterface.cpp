@@ -2,8 +2,8 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NSDistantObject.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NSDistantObject.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 

@@ -1,4 +1,4 @@
-#include "Platform/XPC.h"
+#include "Platform/XPC/XPC.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"

@@ -6,7 +6,7 @@
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/RandomNumber.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/Thread.h"
+#include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/PathComponents.h"
 #include "ServiceManager/ServiceManager/ProductTypes.h"

@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
-#include "Platform/BackgroundService.h"
-#include "Platform/DelayedCalls.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NSXPCListener.h"
-#include "Platform/Value.h"
+#include "Platform/BackgroundServices/BackgroundService.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/RunLoops/DelayedCalls.h"
+#include "Platform/Values/Value.h"
+#include "Platform/XPC/NSXPCListener.h"
 #include "ServiceManager/ServiceManager/KextLoading.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"

@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/StringFormat.h"
-#include "Platform/Thread.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 using namespace platform;

@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/Protocol.h"
-#include "Platform/SerialQueue.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/Value.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/RunLoops/SerialQueue.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Value.h"
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/ServiceHealth.h"
 

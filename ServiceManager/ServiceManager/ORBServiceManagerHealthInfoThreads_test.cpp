@@ -5,11 +5,11 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/Linux/AsioSerialQueues.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/FakeSystemInformation.h"
-#include "Platform/Thread.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 

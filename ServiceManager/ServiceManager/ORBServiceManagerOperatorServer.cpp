@@ -1,6 +1,6 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 using namespace platform;

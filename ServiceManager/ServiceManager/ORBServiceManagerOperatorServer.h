@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Platform/NSProxy.h"
+#include "Platform/Messages/NSProxy.h"
 
 class ORBServiceManager;
 

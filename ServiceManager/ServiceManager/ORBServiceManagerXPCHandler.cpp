@@ -6,9 +6,9 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/LogSink.h"
-#include "Platform/StringFormat.h"
-#include "Platform/Thread.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 using namespace platform;

@@ -10,11 +10,11 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/NSXPCListener.h"
-#include "Platform/Protocol.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/Value.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Value.h"
+#include "Platform/XPC/NSXPCListener.h"
 
 // The registry of endpoints: the product's processes publish their listeners in it by name, and
 // find those of others. Whoever shows the passkey, the product's token, may do either; the daemon

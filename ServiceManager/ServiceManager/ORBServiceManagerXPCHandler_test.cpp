@@ -5,8 +5,8 @@
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/LogSink.h"
-#include "Platform/Thread.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // Which product is installed, and which services belong to it. Pure; any thread.
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Protocol.h"
+#include "Platform/Messages/Protocol.h"
 
 // The protocols that the daemon speaks, as it names them when it asks for them.
 

@@ -6,9 +6,9 @@
 #include <sqlite3.h>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/FileOwner.h"
-#include "Platform/LogSink.h"
-#include "Platform/StringFormat.h"
+#include "Platform/Files/FileOwner.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/Texts/StringFormat.h"
 #include "Shared/Categories/CodePoints.h"
 
 using namespace platform;

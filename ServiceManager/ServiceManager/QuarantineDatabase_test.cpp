@@ -11,8 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/FileOwner.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Files/FileOwner.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Shared/Categories/CodePoints.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // The record of how each service is, as the daemon keeps it. Only some products have one.
 //

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/Thread.h"
+#include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
 
 namespace {

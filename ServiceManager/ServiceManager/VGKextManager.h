@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Task.h"
+#include "Platform/Processes/Task.h"
 
 // Where the program lies below the platform root.
 inline constexpr char kKextUnloadPath[] = "/sbin/kextunload";

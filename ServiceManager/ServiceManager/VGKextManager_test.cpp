@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/NotificationCenter.h"
-#include "Platform/Testing/FakeTasks.h"
+#include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/Testing/Processes/FakeTasks.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // Base64 with the standard alphabet and "=" for padding (RFC 4648, basic alphabet). Pure; any
 // thread; time is linear.

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/NameTable.h"
+#include "Platform/Values/NameTable.h"
 
 // Calls by name.
 namespace KLXUtilities {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "Platform/Description.h"
+#include "Platform/Texts/Description.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
 namespace NSArrayExtensions {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // Null is nil. Pure; any thread.
 namespace NSArrayExtensions {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "Platform/HtmlText.h"
+#include "Platform/Texts/HtmlText.h"
 #include "Shared/Categories/CaseInsensitiveSearch.h"
 #include "Shared/Categories/CodePoints.h"
 

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/AttributedString.h"
-#include "Platform/Range.h"
+#include "Platform/Texts/AttributedString.h"
+#include "Platform/Texts/Range.h"
 
 // Text with hyperlinks. `std::nullopt` is nil. Pure; any thread.
 namespace NSAtributedStringExtensions {
@@ -19,8 +19,8 @@ using platform::NSRange;
 NSRange rangeOfLink(std::optional<std::string_view> text, NSRange range);
 
 // The text with its anchor elements as links, in the style of what is around them. An anchor that
-// has no text to show, or is more than Platform/HtmlText.h reads, stays as it is written. Empty for
-// nil.
+// has no text to show, or is more than Platform/Texts/HtmlText.h reads, stays as it is written.
+// Empty for nil.
 AttributedString attributedStringWithHyperLink(std::optional<std::string_view> text);
 
 }  // namespace NSAtributedStringExtensions

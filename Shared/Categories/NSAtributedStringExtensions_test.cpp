@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/HtmlText.h"
+#include "Platform/Texts/HtmlText.h"
 
 namespace NSAtributedStringExtensions {
 namespace {

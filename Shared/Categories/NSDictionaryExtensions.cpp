@@ -4,7 +4,7 @@
 
 #include <unicode/uchar.h>
 
-#include "Platform/Description.h"
+#include "Platform/Texts/Description.h"
 #include "Shared/Categories/CodePoints.h"
 
 namespace NSDictionaryExtensions {

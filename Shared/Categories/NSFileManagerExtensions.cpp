@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
 namespace NSFileManagerExtensions {

@@ -6,11 +6,11 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Error.h"
-#include "Platform/Exception.h"
-#include "Platform/FileManager.h"
-#include "Platform/Range.h"
-#include "Platform/Value.h"
+#include "Platform/Files/FileManager.h"
+#include "Platform/Texts/Range.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Exception.h"
+#include "Platform/Values/Value.h"
 
 // What the product asks of the file manager. `std::nullopt` is nil. Any thread; a call blocks as
 // long as the disk does. A failure that has no error is `NSError()`: the caller's stays untouched.

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Platform/Linux/LinuxFileManager.h"
-#include "Platform/Testing/FakeFileManager.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/Files/LinuxFileManager.h"
+#include "Platform/Testing/Files/FakeFileManager.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace {
 

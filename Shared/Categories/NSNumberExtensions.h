@@ -3,7 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // Boolean numbers. Pure; any thread.
 namespace NSNumberExtensions {

@@ -3,7 +3,7 @@
 
 #include <unicode/utf8.h>
 
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Shared/Categories/NSStringExtensions.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/IntegerValue.h"
-#include "Platform/SystemInformation.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Texts/IntegerValue.h"
 
 // Releases of the operating system, as the major number of their kernel.
 inline constexpr std::int64_t kORBSystemMajorNumber5Leopard = 9;

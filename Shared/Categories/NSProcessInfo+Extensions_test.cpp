@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 namespace {

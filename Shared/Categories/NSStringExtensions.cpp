@@ -8,8 +8,8 @@
 
 #include <unicode/uchar.h>
 
-#include "Platform/Digest.h"
-#include "Platform/Uuid.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/SystemFacts/Uuid.h"
 #include "Shared/Categories/CaseInsensitiveSearch.h"
 #include "Shared/Categories/CodePoints.h"
 

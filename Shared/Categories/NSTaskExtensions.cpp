@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "Logger/Logger.h"
-#include "Platform/CurrentUser.h"
-#include "Platform/LogSink.h"
-#include "Platform/StringFormat.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/SystemFacts/CurrentUser.h"
+#include "Platform/Texts/StringFormat.h"
 #include "Shared/Categories/CodePoints.h"
 #include "Shared/Categories/NSArrayExtensions.h"
 #include "Shared/Categories/NSStringExtensions.h"

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Task.h"
-#include "Platform/Value.h"
+#include "Platform/Processes/Task.h"
+#include "Platform/Values/Value.h"
 
 // Characters of standard output and of standard error that are kept, the last ones, and those of
 // standard output that a log line shows.

@@ -7,12 +7,12 @@
 #include <gtest/gtest.h>
 
 #include "Logger/Logger.h"
-#include "Platform/CurrentUser.h"
-#include "Platform/Linux/LinuxTasks.h"
-#include "Platform/StringFormat.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakeTasks.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Linux/Processes/LinuxTasks.h"
+#include "Platform/SystemFacts/CurrentUser.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Processes/FakeTasks.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Texts/StringFormat.h"
 
 namespace {
 

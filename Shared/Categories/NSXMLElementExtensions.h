@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "Platform/NSXMLNode.h"
-#include "Platform/Value.h"
+#include "Platform/Texts/NSXMLNode.h"
+#include "Platform/Values/Value.h"
 
 // Elements of XML. Pure; any thread. A failure leaves the receiver as it was.
 namespace NSXMLElementExtensions {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Platform/Description.h"
+#include "Platform/Texts/Description.h"
 
 namespace NSXMLNodeExtensions {
 

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/NSXMLNode.h"
-#include "Platform/Value.h"
+#include "Platform/Texts/NSXMLNode.h"
+#include "Platform/Values/Value.h"
 
 // Nodes of XML. Pure; any thread. kInvalid, showing what is wrong, where it can't be in XML; a name
 // that is nil counts as an empty one.

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "Platform/Digest.h"
-#include "Platform/PropertyList.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 namespace {
 

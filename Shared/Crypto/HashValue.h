@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Error.h"
-#include "Platform/Value.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
 
 // A digest as an immutable value: MD5 or SHA-256. It can be copied, archived, and be the key of a
 // table. Any thread; nothing blocks.

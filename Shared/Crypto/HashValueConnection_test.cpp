@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/NSProtocolChecker.h"
-#include "Platform/Testing/ConnectedProgram.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Messages/NSProtocolChecker.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Shared/Crypto/HashValue.h"
 
 namespace {

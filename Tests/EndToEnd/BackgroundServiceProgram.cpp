@@ -9,13 +9,13 @@
 
 #include <unistd.h>
 
-#include "Platform/BackgroundService.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/AsioTerminationSignals.h"
-#include "Platform/Linux/ExecutablePath.h"
-#include "Platform/Linux/PlatformRoot.h"
-#include "Platform/Linux/ServiceNotify.h"
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/BackgroundServices/BackgroundService.h"
+#include "Platform/Linux/BackgroundServices/AsioTerminationSignals.h"
+#include "Platform/Linux/BackgroundServices/ServiceNotify.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemFacts/ExecutablePath.h"
+#include "Platform/Linux/SystemFacts/PlatformRoot.h"
 
 namespace {
 

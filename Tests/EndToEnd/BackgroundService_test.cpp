@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/ExitStatuses.h"
 

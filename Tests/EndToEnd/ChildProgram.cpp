@@ -18,7 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Linux/BlockedSignal.h"
+#include "Platform/Linux/Logging/BlockedSignal.h"
 
 namespace platform {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform/ExitWatcher.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Processes/ExitWatcher.h"
 
 namespace platform {
 

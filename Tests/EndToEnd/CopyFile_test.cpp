@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/Tracing.h"
 

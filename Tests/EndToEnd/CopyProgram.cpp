@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "Platform/Linux/LinuxFileManager.h"
+#include "Platform/Linux/Files/LinuxFileManager.h"
 
 int main(int argc, char** argv) {
   int status = 0;

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 
 namespace platform {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/PeerTransport.h"
+#include "Platform/Peers/PeerTransport.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 
 namespace platform {

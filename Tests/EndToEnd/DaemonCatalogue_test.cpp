@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/PropertyList.h"
+#include "Platform/PropertyLists/PropertyList.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 
 namespace platform {

@@ -6,7 +6,7 @@
 
 #include <gmock/gmock.h>
 
-#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/CrudeClient.h"
 #include "Tests/EndToEnd/DaemonFixture.h"

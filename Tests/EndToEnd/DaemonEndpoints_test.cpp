@@ -21,10 +21,10 @@
 #include <sys/socket.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Linux/DBusMessages.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/RawPeer_contract.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/RawPeer_contract.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 #include "Tests/EndToEnd/RegistryClient.h"

@@ -22,8 +22,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "Platform/Digest.h"
-#include "Platform/Testing/FileSha256.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/Testing/Digests/FileSha256.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 

@@ -19,10 +19,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Digest.h"
-#include "Platform/Linux/ControlFolder.h"
-#include "Platform/Linux/ControlMessages.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Digests/Digest.h"
+#include "Platform/Linux/KernelExtensions/ControlFolder.h"
+#include "Platform/Linux/KernelExtensions/ControlMessages.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonExtensions_fixture.h"
 

@@ -12,10 +12,10 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include "Platform/Linux/CodeSigner.h"
-#include "Platform/Linux/LinuxKernelControls.h"
-#include "Platform/Linux/LinuxKernelExtensions.h"
-#include "Platform/Testing/CodeSigningBed.h"
+#include "Platform/Linux/CodeSigning/CodeSigner.h"
+#include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
+#include "Platform/Linux/KernelExtensions/LinuxKernelControls.h"
+#include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 

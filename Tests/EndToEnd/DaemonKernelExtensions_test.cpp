@@ -4,8 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include "Platform/KernelExtensions_contract.h"
-#include "Platform/Linux/KmodModules.h"
+#include "Platform/KernelExtensions/KernelExtensions_contract.h"
+#include "Platform/Linux/KernelExtensions/KmodModules.h"
 #include "Tests/EndToEnd/DaemonExtensions_fixture.h"
 
 namespace platform {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 #include "Tests/EndToEnd/Tracing.h"
 

@@ -11,11 +11,11 @@
 #include <sys/socket.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Linux/DBusMessages.h"
-#include "Platform/Linux/DescriptorLimit.h"
-#include "Platform/Linux/RawPeer_contract.h"
-#include "Platform/Linux/SocketName.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/RawPeer_contract.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Tests/EndToEnd/CrudeClient.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 

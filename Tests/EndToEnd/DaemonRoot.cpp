@@ -16,11 +16,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/CodeSigner.h"
-#include "Platform/Linux/JobHostMessages.h"
-#include "Platform/Linux/NotificationBus.h"
-#include "Platform/PropertyList.h"
-#include "Platform/Testing/CodeSigningBed.h"
+#include "Platform/Linux/CodeSigning/CodeSigner.h"
+#include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+#include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 namespace platform {
 namespace {

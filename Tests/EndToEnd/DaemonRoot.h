@@ -8,17 +8,17 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/Jobs.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusPeerTransport.h"
-#include "Platform/Linux/EmbeddedJobs.h"
-#include "Platform/Linux/JobHostClient.h"
-#include "Platform/Linux/LinuxSystemInformation.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/SystemLog.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Value.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Jobs/EmbeddedJobs.h"
+#include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Values/Value.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 
 namespace platform {

@@ -8,9 +8,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Linux/SocketName.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/CrudeClient.h"
 #include "Tests/EndToEnd/DaemonRoot.h"

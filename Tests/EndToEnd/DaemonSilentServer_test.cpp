@@ -9,8 +9,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 
 namespace platform {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 

@@ -1,4 +1,4 @@
-#include "Platform/Linux/EmbeddedJobs.h"
+#include "Platform/Linux/Jobs/EmbeddedJobs.h"
 
 #include <cerrno>
 #include <chrono>
@@ -7,14 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Authorization_contract.h"
-#include "Platform/Jobs_contract.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/DBusPeerTransport.h"
-#include "Platform/Linux/EmbeddedAuthorization.h"
-#include "Platform/Linux/JobHostClient.h"
-#include "Platform/Linux/JobHostMessages.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Jobs/Authorization_contract.h"
+#include "Platform/Jobs/Jobs_contract.h"
+#include "Platform/Linux/Jobs/EmbeddedAuthorization.h"
+#include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+#include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 
 namespace platform {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/ExitWatcher.h"
+#include "Platform/Processes/ExitWatcher.h"
 
 namespace platform {
 

@@ -19,7 +19,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "Platform/Linux/SocketName.h"
+#include "Platform/Linux/Sockets/SocketName.h"
 #include "Tests/EndToEnd/JobHostKill_fixture.h"
 
 namespace platform {

@@ -19,8 +19,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/Tracing.h"
 

@@ -18,8 +18,8 @@
 #include "JobHost/JobHost.h"
 #include "JobHost/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/StandardErrorLogSink.h"
+#include "Platform/Linux/Logging/StandardErrorLogSink.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 
 namespace {
 

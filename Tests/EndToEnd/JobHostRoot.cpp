@@ -13,7 +13,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
 namespace {

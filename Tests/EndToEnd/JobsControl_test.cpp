@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "Platform/PropertyList.h"
+#include "Platform/PropertyLists/PropertyList.h"
 #include "Tests/EndToEnd/ExitStatuses.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 

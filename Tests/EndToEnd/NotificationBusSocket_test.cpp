@@ -15,11 +15,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/NotificationBus.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 
 namespace platform {

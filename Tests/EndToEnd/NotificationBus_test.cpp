@@ -1,6 +1,6 @@
 // Distributed notifications on a real bus, with the configuration that the product ships.
 
-#include "Platform/Linux/NotificationBus.h"
+#include "Platform/Linux/Notifications/NotificationBus.h"
 
 #include <chrono>
 #include <csignal>
@@ -18,12 +18,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "Platform/DistributedNotificationCenter_contract.h"
-#include "Platform/Linux/AsioRunLoop.h"
-#include "Platform/Linux/SocketName.h"
-#include "Platform/Linux/UniqueFd.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Notifications/DistributedNotificationCenter_contract.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 
 namespace platform {

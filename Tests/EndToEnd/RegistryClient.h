@@ -5,13 +5,13 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Linux/LinuxXPC.h"
-#include "Platform/NSXPCConnection.h"
-#include "Platform/Protocol.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/SystemLog.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Value.h"
+#include "Platform/Linux/XPC/LinuxXPC.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Values/Value.h"
+#include "Platform/XPC/NSXPCConnection.h"
 
 namespace platform {
 

@@ -11,8 +11,8 @@
 
 #include <unistd.h>
 
-#include "Platform/Linux/LinuxSystemInformation.h"
-#include "Platform/PlatformConfiguration.h"
+#include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
 namespace {

@@ -7,9 +7,9 @@
 
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/NotificationCenter.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/NotificationCenter.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 
 namespace platform {

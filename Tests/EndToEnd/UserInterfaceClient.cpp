@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Linux/ConnectionsFolder.h"
-#include "Platform/Testing/ConnectedProgram.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace platform {

@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/NSConnection.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/NotificationCenter.h"
-#include "Platform/Protocol.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/NotificationCenter.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 
 namespace platform {

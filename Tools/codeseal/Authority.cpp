@@ -9,10 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/CertificateMaker.h"
-#include "Platform/Linux/RegularFile.h"
-#include "Platform/Linux/ReplacementFile.h"
-#include "Platform/Linux/SystemCall.h"
+#include "Platform/Linux/Certificates/CertificateMaker.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/Files/ReplacementFile.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace {
 

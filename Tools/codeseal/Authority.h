@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 // A throw-away authority for development, in a folder of its own:
 //

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "Platform/Bundle.h"
+#include "Platform/Files/Bundle.h"
 
 namespace {
 

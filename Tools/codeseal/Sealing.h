@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Error.h"
-#include "Platform/Linux/CodeSigner.h"
+#include "Platform/Linux/CodeSigning/CodeSigner.h"
+#include "Platform/Values/Error.h"
 
 // Signs what lies at `path`: an ELF program by a signature at its end, another file by one beside
 // it (also where `detached`), a bundle by a seal, after each program in its Contents/Linux. Tells

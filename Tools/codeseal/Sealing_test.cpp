@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "Platform/Linux/CodeVerifier.h"
-#include "Platform/Testing/CodeSigningBed.h"
+#include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
+#include "Platform/Linux/CodeSigning/CodeVerifier.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/SignatureReport.h"
 

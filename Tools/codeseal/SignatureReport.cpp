@@ -5,9 +5,9 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include "Platform/Linux/CertificateChain.h"
-#include "Platform/Linux/CmsAttributes.h"
-#include "Platform/Linux/OpenSslHandles.h"
+#include "Platform/Linux/Certificates/CertificateChain.h"
+#include "Platform/Linux/Certificates/CmsAttributes.h"
+#include "Platform/Linux/Digests/OpenSslHandles.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/CodeSignature.h"
-#include "Platform/Linux/CodeVerifier.h"
+#include "Platform/CodeSigning/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeVerifier.h"
 
 // What there is to tell of the code at a path, for people and for programs.
 struct SignatureReport {

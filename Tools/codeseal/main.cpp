@@ -13,9 +13,9 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "Platform/CodeSignature.h"
-#include "Platform/Linux/CodeVerifier.h"
-#include "Platform/Linux/LinuxCodeSignatures.h"
+#include "Platform/CodeSigning/CodeSignature.h"
+#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/Sealing.h"
 #include "Tools/codeseal/SignatureReport.h"

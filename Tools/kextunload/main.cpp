@@ -7,14 +7,14 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Linux/EmbeddedJobs.h"
-#include "Platform/Linux/JobHostClient.h"
-#include "Platform/Linux/JobHostMessages.h"
-#include "Platform/Linux/KextBundle.h"
-#include "Platform/Linux/KmodModules.h"
-#include "Platform/Linux/LinuxCodeSignatures.h"
-#include "Platform/Linux/LinuxKernelControls.h"
-#include "Platform/Linux/LinuxKernelExtensions.h"
+#include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
+#include "Platform/Linux/Jobs/EmbeddedJobs.h"
+#include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+#include "Platform/Linux/KernelExtensions/KextBundle.h"
+#include "Platform/Linux/KernelExtensions/KmodModules.h"
+#include "Platform/Linux/KernelExtensions/LinuxKernelControls.h"
+#include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 #include "Platform/Linux/LinuxPlatform.h"
 
 namespace {

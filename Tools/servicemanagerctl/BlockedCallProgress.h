@@ -3,7 +3,7 @@
 #include <memory>
 #include <thread>
 
-#include "Platform/Linux/AsioRunLoop.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Tools/servicemanagerctl/WaitProgress.h"
 
 // Tells on standard error of a wait, for as long as it lives. On a thread and a loop of its own: a

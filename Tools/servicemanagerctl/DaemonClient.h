@@ -7,11 +7,11 @@
 #include <string_view>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/PeerTransport.h"
-#include "Platform/Time.h"
-#include "Platform/Value.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/Values/Time.h"
+#include "Platform/Values/Value.h"
 
 // The names of the service manager's servers.
 inline constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";

@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // Why a service runs or not, in plain words.

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // What the service manager tells of its kernel extensions (OperatorFacts.h), for a person: sorted

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 #include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "Tools/servicemanagerctl/Output.h"
 

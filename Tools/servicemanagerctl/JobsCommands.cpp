@@ -6,8 +6,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/Jobs.h"
-#include "Platform/Linux/PropertyListFile.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Files/PropertyListFile.h"
 #include "Tools/servicemanagerctl/Arguments.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsReport.h"

@@ -4,8 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "Platform/Linux/EmbeddedJobs.h"
-#include "Platform/RunLoop.h"
+#include "Platform/Linux/Jobs/EmbeddedJobs.h"
+#include "Platform/RunLoops/RunLoop.h"
 
 // "servicemanagerctl jobs list | show LABEL | submit FILE | remove LABEL".
 class JobsCommands {

@@ -7,8 +7,8 @@
 #include <fmt/format.h>
 #include <sys/wait.h>
 
-#include "Platform/Jobs.h"
-#include "Platform/Linux/JobHostMessages.h"
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 

@@ -7,9 +7,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Error.h"
-#include "Platform/ExitWatcher.h"
-#include "Platform/Value.h"
+#include "Platform/Processes/ExitWatcher.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // What the job host tells of its jobs, for people and for programs.

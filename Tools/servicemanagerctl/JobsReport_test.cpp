@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Jobs.h"
+#include "Platform/Jobs/Jobs.h"
 
 namespace {
 

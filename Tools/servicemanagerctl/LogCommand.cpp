@@ -10,9 +10,9 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include "Platform/Linux/LogSinkChoice.h"
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/Logging/LogSinkChoice.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/LogReader.h"
 #include "Tools/servicemanagerctl/Output.h"

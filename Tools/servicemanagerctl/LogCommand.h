@@ -2,8 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "Platform/PlatformConfiguration.h"
-#include "Platform/RunLoop.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 
 // "servicemanagerctl log [-f]": the log file of the platform, or where the log goes instead.
 class LogCommand {

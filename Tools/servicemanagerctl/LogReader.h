@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string>
 
-#include "Platform/Error.h"
-#include "Platform/Linux/UniqueFd.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Values/Error.h"
 
 // Reads a log file from its beginning and as it grows, also when a full one is put aside and a new
 // one begins under its name. Never blocks but for the disk.

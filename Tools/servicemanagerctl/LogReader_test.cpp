@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/Linux/SystemCall.h"
-#include "Platform/PropertyListText.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/PropertyListText.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 
 namespace {

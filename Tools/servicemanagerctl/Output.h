@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 // Who reads what the tool writes: only people at a terminal get colours and lines that change.
 enum class Reader { kTerminal, kOther };

@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/BootTime.h"
-#include "Platform/Description.h"
+#include "Platform/Texts/Description.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Tools/servicemanagerctl/Output.h"
 

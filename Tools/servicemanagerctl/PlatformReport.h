@@ -7,8 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/PlatformConfiguration.h"
-#include "Platform/SystemInformation.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/SystemFacts/SystemInformation.h"
 
 // What the platform layer knows of this machine, for people and for programs.
 struct PlatformReport {

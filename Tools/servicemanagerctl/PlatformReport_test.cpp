@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/Jobs.h"
+#include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"

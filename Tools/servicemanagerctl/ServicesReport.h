@@ -7,8 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/SystemInformation.h"
-#include "Platform/Value.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/Output.h"
 

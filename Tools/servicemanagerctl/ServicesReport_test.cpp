@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 
 namespace {

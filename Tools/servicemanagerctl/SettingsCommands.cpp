@@ -10,7 +10,7 @@
 
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
-#include "Platform/PeerMessageRules.h"
+#include "Platform/Peers/PeerMessageRules.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"

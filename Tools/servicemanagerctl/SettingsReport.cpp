@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "Platform/PropertyListScalars.h"
+#include "Platform/PropertyLists/PropertyListScalars.h"
 #include "Shared/Categories/NSStringExtensions.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 

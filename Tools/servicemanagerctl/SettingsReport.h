@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // Settings as the tool reads and writes them.

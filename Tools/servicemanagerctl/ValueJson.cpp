@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "Platform/PropertyListScalars.h"
+#include "Platform/PropertyLists/PropertyListScalars.h"
 
 using namespace platform;
 using Json = nlohmann::ordered_json;

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // A value as JSON has it: data as base64, a date as text, a real that is no number or
 // infinite as "nan", "inf" or "-inf", what else JSON has nothing for as null.

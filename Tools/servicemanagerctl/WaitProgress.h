@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "Platform/RunLoop.h"
+#include "Platform/RunLoops/RunLoop.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // Tells that something is waited for as soon as it has taken a second: at a terminal each second,

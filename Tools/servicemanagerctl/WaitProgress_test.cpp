@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace {
 

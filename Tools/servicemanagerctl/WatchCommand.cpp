@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/NSProtocolChecker.h"
+#include "Platform/Messages/NSProtocolChecker.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"

@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/NSXPCListener.h"
+#include "Platform/XPC/NSXPCListener.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"

@@ -10,11 +10,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "Platform/NSXPCConnection.h"
-#include "Platform/Protocol.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/Value.h"
-#include "Platform/XPC.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Value.h"
+#include "Platform/XPC/NSXPCConnection.h"
+#include "Platform/XPC/XPC.h"
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
 // "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": what any client of the

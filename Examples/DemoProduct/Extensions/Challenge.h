@@ -4,7 +4,7 @@
 #include <optional>
 #include <span>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // The options of the demo's network extension beyond those that every one has.
 inline constexpr std::uint32_t kChallengeOption = 6;  // written: what is to be answered

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Digest.h"
+#include "Platform/Digests/Digest.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <optional>
 #include <span>
 
-#include "Platform/ControlHandler.h"
-#include "Platform/Value.h"
+#include "Platform/KernelExtensions/ControlHandler.h"
+#include "Platform/Values/Value.h"
 
 // The secret that the network extension has been told. Only the last one is kept, and none is left
 // in memory when this ends.

@@ -17,11 +17,11 @@
 #include <unistd.h>
 
 #include "Examples/DemoProduct/Extensions/NetworkControl.h"
-#include "Platform/BackgroundService.h"
-#include "Platform/KernelControls.h"
-#include "Platform/Linux/ControlServer.h"
-#include "Platform/Linux/CoreDumps.h"
+#include "Platform/BackgroundServices/BackgroundService.h"
+#include "Platform/KernelExtensions/KernelControls.h"
+#include "Platform/Linux/KernelExtensions/ControlServer.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/SystemCalls/CoreDumps.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <limits>
 #include <string>
 
-#include "Platform/Description.h"
-#include "Platform/IntegerValue.h"
-#include "Platform/PropertyListScalars.h"
+#include "Platform/PropertyLists/PropertyListScalars.h"
+#include "Platform/Texts/Description.h"
+#include "Platform/Texts/IntegerValue.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
 using platform::Value;

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // What a setting is to somebody who asks for it as another kind. Numbers and texts are turned into
 // each other; everything else, and nil, is nil or zero.

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Examples/DemoProduct/Settings/Sqlite.h"
-#include "Platform/Error.h"
-#include "Platform/Value.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
 
 // What registered defaults and stored values are kept apart by; a value stands above its default.
 enum class SettingsLayer : std::uint8_t { kDefaults, kValues };

@@ -14,8 +14,8 @@
 #include <unistd.h>
 
 #include "Examples/DemoProduct/Settings/SettingsStore.h"
-#include "Platform/Testing/FileSizeLimit.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace {
 

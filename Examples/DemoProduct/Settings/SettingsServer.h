@@ -6,9 +6,9 @@
 
 #include "Examples/DemoProduct/Settings/SettingsStore.h"
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/NSProxy.h"
-#include "Platform/RefusalLog.h"
+#include "Platform/Logging/RefusalLog.h"
+#include "Platform/Messages/NSProxy.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
 
 // The root object of one settings domain: answers KLXGlobalSettingsProtocol from the store, and
 // posts each change, once it is on the disk, with the domain's connection name as its object. To

@@ -5,11 +5,11 @@
 
 #include "Examples/DemoProduct/Settings/SettingsServer.h"
 #include "Examples/DemoProduct/Settings/SettingsStore.h"
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/Protocol.h"
-#include "Platform/RefusalLog.h"
+#include "Platform/Logging/RefusalLog.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
 
 // The servers of all settings domains, in one program. Belongs to the loop's thread.
 class SettingsServers {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "Platform/PeerMessageRules.h"
-#include "Platform/PropertyList.h"
+#include "Platform/Peers/PeerMessageRules.h"
+#include "Platform/PropertyLists/PropertyList.h"
 
 using platform::Array;
 using platform::Data;

@@ -12,8 +12,8 @@
 
 #include "Examples/DemoProduct/Settings/SettingsFile.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
-#include "Platform/Error.h"
-#include "Platform/Value.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
 
 // What a client can make the server keep. Each is the largest that is accepted.
 struct SettingsLimits {

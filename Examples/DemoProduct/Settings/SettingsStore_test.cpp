@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "Platform/PeerLimits.h"
-#include "Platform/PeerMessageRules.h"
-#include "Platform/Testing/TemporaryFolder.h"
+#include "Platform/Peers/PeerLimits.h"
+#include "Platform/Peers/PeerMessageRules.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace {
 

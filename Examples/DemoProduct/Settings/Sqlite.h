@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Error.h"
+#include "Platform/Values/Error.h"
 
 struct sqlite3;
 struct sqlite3_stmt;

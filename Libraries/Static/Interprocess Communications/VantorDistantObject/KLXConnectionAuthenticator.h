@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Platform/NSConnection.h"
-#include "Platform/SystemInformation.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/SystemFacts/SystemInformation.h"
 
 // The server's side of the authentication: the delegate of a vended connection and of all its
 // children. A peer is let in when it shows the token of this machine and this boot. Logs nothing.

@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
-#include "Platform/Testing/ConnectedProgram.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/FakeSystemInformation.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 namespace {
 

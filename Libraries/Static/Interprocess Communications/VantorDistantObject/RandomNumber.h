@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <span>
 
-#include "Platform/RandomDevice.h"
+#include "Platform/SystemFacts/RandomDevice.h"
 
 // Fills `buffer` with bytes that nobody can guess. False where not all of them came. A device that
 // can't be opened ends the process with status 255, after a line on standard error that begins with

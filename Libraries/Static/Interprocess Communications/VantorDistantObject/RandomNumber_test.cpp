@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/Testing/FakeRandomDevice.h"
+#include "Platform/Testing/SystemFacts/FakeRandomDevice.h"
 
 namespace {
 

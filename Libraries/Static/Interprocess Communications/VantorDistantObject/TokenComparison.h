@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/Value.h"
+#include "Platform/Values/Value.h"
 
 // Whether two tokens are equal, byte for byte. How long it takes depends on their sizes alone, so
 // that nobody finds a token out byte by byte.

@@ -6,8 +6,8 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Logger/Logger.h"
-#include "Platform/LogSink.h"
-#include "Platform/StringFormat.h"
+#include "Platform/Logging/LogSink.h"
+#include "Platform/Texts/StringFormat.h"
 
 using platform::Array;
 using platform::Data;

@@ -7,15 +7,15 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/DistributedNotificationCenter.h"
-#include "Platform/NSConnection.h"
-#include "Platform/NSProtocolChecker.h"
-#include "Platform/NamedConnections.h"
-#include "Platform/NotificationCenter.h"
-#include "Platform/Protocol.h"
-#include "Platform/RunLoop.h"
-#include "Platform/SystemInformation.h"
-#include "Platform/Time.h"
+#include "Platform/Messages/NSProtocolChecker.h"
+#include "Platform/Messages/Protocol.h"
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
+#include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Time.h"
 
 // A message on its way, and what came back.
 struct NSInvocation {

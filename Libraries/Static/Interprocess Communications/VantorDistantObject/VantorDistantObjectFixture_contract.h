@@ -13,12 +13,12 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 #include "Logger/Logger.h"
-#include "Platform/Testing/ConnectedProgram.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Testing/FakeNotificationBus.h"
-#include "Platform/Testing/FakePeerTransport.h"
-#include "Platform/Testing/FakeSystemInformation.h"
-#include "Platform/Testing/VirtualRunLoop.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
+#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 // A program with distant objects, and a server of the status protocol.
 class VantorDistantObjectTest : public testing::Test {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/SystemInformation.h"
+#include "Platform/SystemFacts/SystemInformation.h"
 
 // When the system started: seconds since 1970 as a double. -1.0, and a line on standard error that
 // begins with "sysctl: ", where it can't be read. Read anew at every call; any thread.

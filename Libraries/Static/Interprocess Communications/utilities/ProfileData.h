@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Platform/SystemInformation.h"
-#include "Platform/Value.h"
+#include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Value.h"
 
 // The tokens by which the product's processes on one machine know each other: 16 bytes, the same in
 // every process until the next boot. Built anew at every call from the boot time (-1.0 where it

@@ -7,8 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Linux/LinuxSystemInformation.h"
-#include "Platform/Testing/FakeSystemInformation.h"
+#include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
+#include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/StringFormat.h"
+#include "Platform/Texts/StringFormat.h"
 
 using platform::AslClient;
 using platform::SerialQueue;

@@ -11,8 +11,8 @@
 #include <variant>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/WorkQueue.h"
-#include "Platform/SerialQueue.h"
-#include "Platform/SystemLog.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/RunLoops/SerialQueue.h"
 
 // What logger 2 holds for the whole process. `main` makes one and binds it; the functions of
 // ORBLogger2.h, which have the meaning of the members here, work on the one that is bound.

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
-#include "Platform/SystemLog.h"
-#include "Platform/Thread.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/SystemFacts/Thread.h"
 
 std::atomic<const char*> defaultLogger2Sender = "<no sender name>";
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <type_traits>
 
-#include "Platform/SerialQueue.h"
-#include "Platform/StringFormat.h"
+#include "Platform/RunLoops/SerialQueue.h"
+#include "Platform/Texts/StringFormat.h"
 
 // Logger 2, the logger of the daemon's own classes. A line is formatted on the caller's thread and
 // written on a serial queue that belongs to that thread, so that the caller does not wait for the

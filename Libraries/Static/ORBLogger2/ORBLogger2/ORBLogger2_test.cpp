@@ -15,10 +15,10 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
-#include "Platform/Linux/AsioSerialQueues.h"
-#include "Platform/SystemLog.h"
-#include "Platform/Testing/FakeLogSink.h"
-#include "Platform/Thread.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/SerialQueue.h"
-#include "Platform/SystemLog.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/RunLoops/SerialQueue.h"
 
 // The lines that wait for one of logger 2's serial queues. Those that come while others wait are
 // written by the same block: a block for each would cost the caller more than the line's text does,

@@ -1,0 +1,110 @@
+#pragma once
+
+// What all termination signals must do. A test program derives a TerminationHarness and
+// instantiates TerminationSignalsContract with a function that makes one.
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "Platform/BackgroundServices/TerminationSignals.h"
+
+namespace platform {
+
+class TerminationHarness {
+ public:
+  virtual ~TerminationHarness() = default;
+  virtual RunLoop& loop() = 0;
+  virtual TerminationSignals& signals() = 0;
+  // Asks the program to end.
+  virtual void request() = 0;
+};
+
+class TerminationSignalsContract
+    : public testing::TestWithParam<std::unique_ptr<TerminationHarness> (*)()> {
+ protected:
+  std::unique_ptr<RunLoopHandle> watch(RunLoop::Callback onRequest) {
+    auto handle = harness_->signals().watchTermination(std::move(onRequest));
+    EXPECT_TRUE(handle.has_value());
+    return handle ? std::move(*handle) : nullptr;
+  }
+
+  void runToStop() {
+    using namespace std::chrono_literals;
+    const auto deadline = harness_->loop().startTimer(60s, RunLoop::Repeat::kOnce, [this] {
+      ADD_FAILURE() << "nobody stopped the loop";
+      harness_->loop().stop();
+    });
+    harness_->loop().run();
+  }
+
+  std::unique_ptr<TerminationHarness> harness_ = GetParam()();
+};
+
+TEST_P(TerminationSignalsContract, ARequestBeforeRunIsDeliveredByIt) {
+  bool called = false;
+  const auto handle = watch([&] {
+    called = true;
+    harness_->loop().stop();
+  });
+  harness_->request();
+  EXPECT_FALSE(called);
+  runToStop();
+  EXPECT_TRUE(called);
+}
+
+TEST_P(TerminationSignalsContract, EveryLaterRequestIsDeliveredToo) {
+  int called = 0;
+  const auto handle = watch([&] {
+    if (++called < 5) {
+      harness_->request();
+    } else {
+      harness_->loop().stop();
+    }
+  });
+  harness_->request();
+  runToStop();
+  EXPECT_EQ(called, 5);
+}
+
+// However far the request has come on its way.
+TEST_P(TerminationSignalsContract, ADestroyedWatchIsNotCalled) {
+  for (int turns = 0; turns < 5; ++turns) {
+    bool destroyed = false;
+    auto handle = watch([&] { EXPECT_FALSE(destroyed); });
+    harness_->request();
+    int left = turns + 5;
+    std::function<void()> turn = [&] {
+      if (--left == 5) {
+        handle.reset();
+        destroyed = true;
+      }
+      if (left == 0) return harness_->loop().stop();
+      harness_->loop().post([&] { turn(); });
+    };
+    if (turns == 0) {
+      handle.reset();
+      destroyed = true;
+    }
+    harness_->loop().post([&] { turn(); });
+    runToStop();
+    EXPECT_TRUE(destroyed);
+  }
+}
+
+TEST_P(TerminationSignalsContract, ACallbackMayDestroyItsWatchAndAnotherMayFollow) {
+  std::unique_ptr<RunLoopHandle> handle;
+  for (int i = 0; i < 2; ++i) {
+    handle = watch([&] {
+      handle.reset();
+      harness_->loop().stop();
+    });
+    harness_->request();
+    runToStop();
+    EXPECT_EQ(handle, nullptr);
+  }
+}
+
+}  // namespace platform

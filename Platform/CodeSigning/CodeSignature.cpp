@@ -1,0 +1,42 @@
+#include "Platform/CodeSigning/CodeSignature.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "Platform/Texts/StringFormat.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kAnchored = "anchor apple generic";
+
+// The words of a requirement with one blank between them.
+std::string withSingleBlanks(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r\n";
+  std::string words;
+  for (std::size_t at = 0; (at = text.find_first_not_of(kBlanks, at)) != text.npos;) {
+    const std::size_t end = std::min(text.find_first_of(kBlanks, at), text.size());
+    if (!words.empty()) words += ' ';
+    words += text.substr(at, end - at);
+    at = end;
+  }
+  return words;
+}
+
+}  // namespace
+
+NSError errorObject(const CodeSigningFailure& failure) {
+  return {"NSOSStatusErrorDomain", failure.status, failure.reason};
+}
+
+CodeSigningResult<SecRequirement> SecRequirementCreateWithString(std::string_view text) {
+  const std::string words = withSingleBlanks(text);
+  if (words != kAnchored) {
+    return std::unexpected(CodeSigningFailure{
+        errSecCSReqFailed,
+        stringWithFormat("\"%@\": the only requirement known here is \"%@\"", words, kAnchored)});
+  }
+  return SecRequirement(std::string(kAnchored));
+}
+
+}  // namespace platform

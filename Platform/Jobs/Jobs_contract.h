@@ -1,0 +1,263 @@
+#pragma once
+
+// What every implementation of Jobs must do. A test program derives a machine from JobsMachine and
+// instantiates the suite with a function that makes it:
+//   INSTANTIATE_TEST_SUITE_P(Fake, JobsContract, testing::Values(&makeFakeMachine));
+
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Jobs/Jobs.h"
+
+namespace platform {
+
+// A machine with a job host that has no jobs yet, and with programs to make jobs of.
+class JobsMachine {
+ public:
+  virtual ~JobsMachine() = default;
+
+  virtual Jobs& jobs() = 0;
+
+  // A program that runs until it gets SIGTERM, and one that goes on even then.
+  virtual std::string program() = 0;
+  virtual std::string stubbornProgram() = 0;
+  // A path for "StandardOutPath" of the job `label`, and a wait until its process has written
+  // there, which the stubborn one does when it has stopped taking notice of SIGTERM.
+  virtual std::string outputPath() = 0;
+  virtual void awaitOutput(const std::string& label) = 0;
+  // The path of something that can't be executed.
+  virtual std::string unstartableProgram() = 0;
+
+  // Ends the job's process by SIGKILL, and returns when it has ended.
+  virtual void kill(const std::string& label, ProcessId process) = 0;
+  // Whether there is such a process.
+  virtual bool isRunning(ProcessId process) = 0;
+  // Returns when the job has another process than this, at the latest after a minute.
+  virtual void awaitProcessAfter(const std::string& label, ProcessId process) = 0;
+
+  // The host ends, its jobs go on.
+  virtual void stopHost() = 0;
+  virtual void startHost() = 0;
+  // Starts the host a little after this call has returned.
+  virtual void startHostSoon() = 0;
+};
+
+class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> (*)()> {
+ protected:
+  static constexpr char kLabel[] = "com.example.agent";
+  static constexpr char kDomain[] = "kSMDomainSystemLaunchd";
+
+  Value job(const std::string& program, Dictionary more = {}) {
+    Dictionary dictionary{{"Label", kLabel}, {"Program", program}, {"KeepAlive", true}};
+    for (const auto& [key, value] : more) dictionary.set(key, value);
+    return dictionary;
+  }
+
+  void submit(const Value& job) {
+    const auto submitted = jobs_.SMJobSubmit(kDomain, job, nullptr);
+    EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
+  }
+
+  std::expected<void, NSError> remove(bool wait = true) {
+    return jobs_.SMJobRemove(kDomain, kLabel, nullptr, wait);
+  }
+
+  Value copy() { return jobs_.SMJobCopyDictionary(kDomain, kLabel); }
+
+  ProcessId process() {
+    const auto process = copy()["PID"].integer();
+    EXPECT_GT(process.value_or(0), 0);
+    return static_cast<ProcessId>(process.value_or(0));
+  }
+
+  static void expectError(const std::expected<void, NSError>& result, LaunchdError code) {
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().domain, kCFErrorDomainLaunchd);
+    EXPECT_EQ(result.error().code, static_cast<int>(code)) << result.error().localizedDescription;
+    EXPECT_NE(result.error().localizedDescription, "");
+  }
+
+  std::unique_ptr<JobsMachine> machine_ = GetParam()();
+  Jobs& jobs_ = machine_->jobs();
+};
+
+TEST_P(JobsContract, ASubmittedJobRunsAtTheFirstLook) {
+  submit(job(machine_->program()));
+  EXPECT_TRUE(machine_->isRunning(process()));
+  EXPECT_TRUE(copy()["LastExitStatus"].isNil());
+}
+
+TEST_P(JobsContract, TheDictionaryIsKeptWithAllItsKeys) {
+  const Value dictionary = job(machine_->program(), {{"Unheard", Array{"of", 1, 2.5}}});
+  submit(dictionary);
+  for (const auto& [key, value] : *dictionary.dictionary()) EXPECT_EQ(copy()[key], value) << key;
+}
+
+TEST_P(JobsContract, AJobThatNobodySubmittedIsNil) {
+  EXPECT_TRUE(copy().isNil());
+  submit(job(machine_->program()));
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary(kDomain, "com.example.other").isNil());
+}
+
+TEST_P(JobsContract, AnEndedProcessLeavesItsStatusAndNoNumber) {
+  submit(job(machine_->program(), {{"KeepAlive", false}, {"RunAtLoad", true}}));
+  machine_->kill(kLabel, process());
+  EXPECT_TRUE(copy()["PID"].isNil());
+  EXPECT_EQ(copy()["LastExitStatus"].integer(), SIGKILL);
+}
+
+TEST_P(JobsContract, AJobWithoutAThrottleIsStartedAgainAtOnce) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  const ProcessId first = process();
+  machine_->kill(kLabel, first);
+  machine_->awaitProcessAfter(kLabel, first);
+  EXPECT_TRUE(machine_->isRunning(process()));
+  EXPECT_EQ(copy()["LastExitStatus"].integer(), SIGKILL);
+}
+
+TEST_P(JobsContract, AThrottledJobStaysDownAlsoWhenItIsSubmittedAgain) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
+  machine_->kill(kLabel, process());
+  EXPECT_TRUE(copy()["PID"].isNil());
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}, {"Again", true}}));
+  EXPECT_TRUE(copy()["PID"].isNil());
+  EXPECT_EQ(copy()["Again"], Value(true));
+  EXPECT_EQ(copy()["LastExitStatus"].integer(), SIGKILL);
+}
+
+TEST_P(JobsContract, SubmittingALabelThatExistsLeavesItsProcessAlone) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  submit(job(machine_->stubbornProgram(), {{"Again", true}}));
+  EXPECT_EQ(process(), first);
+  EXPECT_EQ(copy()["Again"], Value(true));
+  EXPECT_EQ(copy()["Program"], Value(machine_->stubbornProgram()));
+}
+
+TEST_P(JobsContract, AProgramThatCannotBeExecutedLeavesNoJob) {
+  const auto submitted = jobs_.SMJobSubmit(kDomain, job(machine_->unstartableProgram()), nullptr);
+  expectError(submitted, LaunchdError::kInternal);
+  EXPECT_THAT(submitted.error().localizedDescription,
+              testing::AllOf(testing::HasSubstr(kLabel),
+                             testing::HasSubstr(machine_->unstartableProgram())));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, AnImpossibleDictionaryIsRefusedWithLabelAndKey) {
+  const auto wrong =
+      jobs_.SMJobSubmit(kDomain, job(machine_->program(), {{"RunAtLoad", 3}}), nullptr);
+  expectError(wrong, LaunchdError::kInvalidJob);
+  EXPECT_THAT(wrong.error().localizedDescription,
+              testing::AllOf(testing::HasSubstr(kLabel), testing::HasSubstr("\"RunAtLoad\""),
+                             testing::HasSubstr("expected a boolean")));
+  EXPECT_TRUE(copy().isNil());
+  expectError(jobs_.SMJobSubmit(kDomain, Dictionary{{"Label", kLabel}}, nullptr),
+              LaunchdError::kInvalidJob);
+  expectError(jobs_.SMJobSubmit(kDomain, Dictionary{{"Program", machine_->program()}}, nullptr),
+              LaunchdError::kInvalidJob);
+  expectError(jobs_.SMJobSubmit(kDomain, "a text", nullptr), LaunchdError::kInvalidJob);
+}
+
+TEST_P(JobsContract, ARefusedDictionaryLeavesTheJobAsItWas) {
+  submit(job(machine_->program()));
+  const Value before = copy();
+  expectError(jobs_.SMJobSubmit(kDomain, job(machine_->program(), {{"RunAtLoad", 3}}), nullptr),
+              LaunchdError::kInvalidJob);
+  EXPECT_EQ(copy(), before);
+}
+
+TEST_P(JobsContract, ARemovalThatWaitsReturnsWhenTheProcessHasGone) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  const auto removed = remove();
+  EXPECT_TRUE(removed) << removed.error().localizedDescription;
+  EXPECT_FALSE(machine_->isRunning(first));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, WhatDoesNotEndByItselfIsKilledAfterTheExitTimeOut) {
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  EXPECT_TRUE(remove());
+  EXPECT_FALSE(machine_->isRunning(first));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, ARemovalThatDoesNotWaitLeavesTheProcessItsTime) {
+  submit(job(machine_->stubbornProgram(), {{"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  EXPECT_TRUE(remove(false));
+  EXPECT_TRUE(machine_->isRunning(first));
+  machine_->kill(kLabel, first);
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, ARemovedJobCanBeSubmittedAnew) {
+  submit(job(machine_->program()));
+  EXPECT_TRUE(remove());
+  submit(job(machine_->program()));
+  EXPECT_TRUE(machine_->isRunning(process()));
+  EXPECT_TRUE(copy()["LastExitStatus"].isNil());
+}
+
+TEST_P(JobsContract, AJobWithoutAProcessCanBeRemoved) {
+  submit(job(machine_->program(), {{"KeepAlive", false}, {"RunAtLoad", true}}));
+  machine_->kill(kLabel, process());
+  EXPECT_TRUE(remove());
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, ThereIsNothingToRemoveTwice) {
+  expectError(remove(), LaunchdError::kNoSuchJob);
+  submit(job(machine_->program()));
+  EXPECT_TRUE(remove());
+  expectError(remove(), LaunchdError::kNoSuchJob);
+}
+
+TEST_P(JobsContract, ThereIsOneDomain) {
+  const auto submitted =
+      jobs_.SMJobSubmit("kSMDomainUserLaunchd", job(machine_->program()), nullptr);
+  expectError(submitted, LaunchdError::kUnavailable);
+  EXPECT_THAT(submitted.error().localizedDescription, testing::HasSubstr("kSMDomainUserLaunchd"));
+  submit(job(machine_->program()));
+  expectError(jobs_.SMJobRemove("kSMDomainUserLaunchd", kLabel, nullptr, true),
+              LaunchdError::kUnavailable);
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary("kSMDomainUserLaunchd", kLabel).isNil());
+  EXPECT_FALSE(copy().isNil());
+}
+
+TEST_P(JobsContract, WithoutAHostNothingIsKnownAndNothingDone) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  machine_->stopHost();
+  expectError(jobs_.SMJobSubmit(kDomain, job(machine_->program()), nullptr),
+              LaunchdError::kUnavailable);
+  expectError(remove(), LaunchdError::kUnavailable);
+  EXPECT_TRUE(isJobUnknown(copy()));
+  EXPECT_TRUE(jobs_.SMJobCopyDictionary("kSMDomainUserLaunchd", kLabel).isNil());
+  EXPECT_TRUE(machine_->isRunning(first));
+  machine_->startHost();
+  EXPECT_EQ(process(), first);
+  EXPECT_FALSE(isJobUnknown(copy()));
+}
+
+TEST_P(JobsContract, AHostThatIsBeingRestartedIsWaitedFor) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  machine_->stopHost();
+  machine_->startHostSoon();
+  EXPECT_EQ(process(), first);
+}
+
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(JobsContract);
+
+}  // namespace platform

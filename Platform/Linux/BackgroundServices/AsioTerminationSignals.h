@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+
+#include "Platform/BackgroundServices/TerminationSignals.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+
+namespace platform {
+
+// SIGTERM and SIGINT. Which thread the kernel hands the signal to does not matter, and programs
+// that are executed from here get the default actions back.
+class AsioTerminationSignals final : public TerminationSignals {
+ public:
+  // `loop` outlives this and its watch.
+  explicit AsioTerminationSignals(AsioRunLoop& loop) : loop_(loop) {}
+
+  Result<std::unique_ptr<RunLoopHandle>> watchTermination(RunLoop::Callback onRequest) override;
+
+ private:
+  AsioRunLoop& loop_;
+};
+
+}  // namespace platform

@@ -1,0 +1,144 @@
+#include "Platform/Linux/BackgroundServices/ServiceNotify.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace platform {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::chrono::milliseconds kPatience(1);
+
+// A service manager's end.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& address)
+      : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    std::memcpy(name.sun_path, address.data(), address.size());
+    std::size_t size = offsetof(sockaddr_un, sun_path) + address.size();
+    if (address[0] == '@') {
+      name.sun_path[0] = '\0';
+    } else {
+      ++size;
+    }
+    EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&name),
+                     static_cast<socklen_t>(size)),
+              0)
+        << std::strerror(errno);
+  }
+
+  // What has been announced, "" for nothing. Sending over such a socket is done when it returns.
+  std::string next() {
+    std::array<char, 256> message;
+    const ssize_t size = ::recv(socket_.get(), message.data(), message.size(), 0);
+    return size < 0 ? "" : std::string(message.data(), static_cast<std::size_t>(size));
+  }
+
+ private:
+  UniqueFd socket_;
+};
+
+class ServiceNotifyTest : public testing::Test {
+ protected:
+  ~ServiceNotifyTest() override { ::unsetenv("NOTIFY_SOCKET"); }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(ServiceNotifyTest, AnnouncesToASocketWithAPath) {
+  NotifySocket socket(folder_.path("notify"));
+  ServiceNotify notify(folder_.path("notify"), kPatience);
+  EXPECT_TRUE(notify.announceReady());
+  EXPECT_EQ(socket.next(), "READY=1");
+  EXPECT_TRUE(notify.announceStopping());
+  EXPECT_EQ(socket.next(), "STOPPING=1");
+  EXPECT_EQ(socket.next(), "");
+}
+
+TEST_F(ServiceNotifyTest, AnnouncesToASocketInTheAbstractNamespace) {
+  const std::string unique = "@" + folder_.path();
+  for (const std::string& address : {unique, unique + std::string(108 - unique.size(), 'a')}) {
+    NotifySocket socket(address);
+    ServiceNotify notify(address, kPatience);
+    EXPECT_TRUE(notify.announceReady());
+    EXPECT_EQ(socket.next(), "READY=1");
+  }
+}
+
+TEST_F(ServiceNotifyTest, APathMayFillTheAddress) {
+  const std::string path = folder_.path(std::string(107 - folder_.path().size() - 1, 'p'));
+  ASSERT_EQ(path.size(), 107u);
+  NotifySocket socket(path);
+  EXPECT_TRUE(ServiceNotify(path, kPatience).announceReady());
+  EXPECT_EQ(socket.next(), "READY=1");
+}
+
+TEST_F(ServiceNotifyTest, WithoutAnAddressThereIsNobodyToTell) {
+  EXPECT_TRUE(ServiceNotify("", kPatience).announceReady());
+  EXPECT_TRUE(ServiceNotify("", kPatience).announceStopping());
+}
+
+TEST_F(ServiceNotifyTest, AnAddressThatCanNotBeIsAnErrorThatSaysWhatWasExpected) {
+  for (const std::string& address :
+       {std::string("/"), std::string("@"), std::string("notify"), std::string("vsock:2:1"),
+        "/" + std::string(107, 'p'), "@" + std::string(108, 'a')}) {
+    const auto announced = ServiceNotify(address, kPatience).announceReady();
+    ASSERT_FALSE(announced) << address;
+    EXPECT_EQ(announced.error().code, ErrorCode::kInvalid);
+    EXPECT_THAT(announced.error().context, HasSubstr("NOTIFY_SOCKET \"" + address + "\""));
+  }
+}
+
+TEST_F(ServiceNotifyTest, AListenerThatIsGoneIsAnError) {
+  const auto missing = ServiceNotify(folder_.path("missing"), kPatience).announceReady();
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error().osError, ENOENT);
+  {
+    NotifySocket closed(folder_.path("closed"));
+  }
+  EXPECT_EQ(ServiceNotify(folder_.path("closed"), kPatience).announceReady().error().osError,
+            ECONNREFUSED);
+}
+
+TEST_F(ServiceNotifyTest, AListenerThatHangsIsGivenUp) {
+  NotifySocket hanging(folder_.path("hanging"));
+  ServiceNotify notify(folder_.path("hanging"), kPatience);
+  Result<void> announced;
+  // Its queue holds as many as the system allows, the first that finds no room waits.
+  for (int sent = 0; announced && sent < 100'000; ++sent) announced = notify.announceReady();
+  ASSERT_FALSE(announced);
+  EXPECT_EQ(announced.error().osError, EAGAIN);
+}
+
+TEST_F(ServiceNotifyTest, TheAddressIsTakenOutOfTheEnvironment) {
+  const std::string path = folder_.path("notify");
+  NotifySocket socket(path);
+  ASSERT_EQ(::setenv("NOTIFY_SOCKET", path.c_str(), 1), 0);
+  ServiceNotify notify = ServiceNotify::takeFromEnvironment();
+  EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
+  EXPECT_TRUE(notify.announceReady());
+  EXPECT_EQ(socket.next(), "READY=1");
+
+  ServiceNotify second = ServiceNotify::takeFromEnvironment();
+  EXPECT_TRUE(second.announceReady());
+  EXPECT_EQ(socket.next(), "");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,119 @@
+#include "Platform/Linux/CodeSigning/BundleSeal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <sys/stat.h>
+
+#include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/PropertyLists/PropertyList.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kFiles = "files2";
+constexpr std::string_view kHash = "hash2";
+constexpr std::string_view kLink = "symlink";
+constexpr std::size_t kHashBytes = 32;
+
+CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
+  const auto file = openRegularFile(item.path);
+  if (!file && file.error().osError != 0) {
+    return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
+  }
+  if (!file) return refuseResource(describe(file.error()));
+  struct stat status{};
+  if (::fstat(file->get(), &status) != 0) {
+    return std::unexpected(failureOfSystemCall(item.path, errno));
+  }
+  if (static_cast<std::uint64_t>(status.st_size) != item.size) {
+    return refuseResource(item.path + ": was changed while it was looked at");
+  }
+  return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);
+}
+
+// Nothing where the entry is ill-formed.
+std::optional<SealedItem> readItem(const Value& entry) {
+  const Dictionary* const fields = entry.dictionary();
+  if (!fields || fields->size() != 1) return std::nullopt;
+  if (const Data* hash = entry[kHash].data(); hash && hash->size() == kHashBytes) {
+    return SealedItem{*hash, {}};
+  }
+  if (const std::string* text = entry[kLink].string(); text && !text->empty()) {
+    return SealedItem{{}, *text};
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes,
+                                             const std::string& name) {
+  const auto list = readPropertyList(bytes, name);
+  if (!list) return refuseResource(describe(list.error()));
+  const Dictionary* const files = (*list)[kFiles].dictionary();
+  if (!files || list->dictionary()->size() != 1) {
+    return refuseResource(name + ": expected a dictionary with the one key \"files2\"");
+  }
+  BundleSeal seal;
+  for (const auto& [path, entry] : *files) {
+    auto item = readItem(entry);
+    if (!item) {
+      return refuseResource(name + ": \"" + path +
+                            "\": expected \"hash2\" with 32 bytes or \"symlink\" with a text");
+    }
+    seal.emplace(path, *std::move(item));
+  }
+  return seal;
+}
+
+CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents) {
+  Dictionary files;
+  for (const auto& [path, item] : contents.items) {
+    if (item.isLink) {
+      files.set(path, Dictionary{{std::string(kLink), item.linkText}});
+      continue;
+    }
+    auto digest = digestOfItem(item);
+    if (!digest) return std::unexpected(digest.error());
+    files.set(path, Dictionary{{std::string(kHash), *std::move(digest)}});
+  }
+  auto bytes = writePropertyList(Dictionary{{std::string(kFiles), std::move(files)}},
+                                 PropertyListFormat::kXml);
+  if (!bytes) return refuseResource(describe(bytes.error()));
+  return *std::move(bytes);
+}
+
+CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleContents& contents,
+                                        const std::string& bundle) {
+  for (const auto& [path, item] : contents.items) {
+    const auto sealed = seal.find(path);
+    if (sealed == seal.end())
+      return refuseResource(item.path + ": was added after the bundle was sealed");
+    if (item.isLink != sealed->second.sha256.empty()) {
+      return refuseResource(item.path + ": was a " + (item.isLink ? "file" : "symbolic link") +
+                            " when the bundle was sealed");
+    }
+    if (item.linkText != sealed->second.linkText) {
+      return refuseResource(item.path + ": leads elsewhere than when the bundle was sealed");
+    }
+  }
+  for (const auto& [path, sealed] : seal) {
+    if (!contents.items.contains(path)) {
+      return refuseResource(bundle + "/" + path + ": is missing from the bundle");
+    }
+  }
+  for (const auto& [path, item] : contents.items) {
+    if (item.isLink) continue;
+    const auto digest = digestOfItem(item);
+    if (!digest) return std::unexpected(digest.error());
+    if (*digest != seal.find(path)->second.sha256) {
+      return refuseResource(item.path + ": was changed after the bundle was sealed");
+    }
+  }
+  return {};
+}
+
+}  // namespace platform

@@ -1,0 +1,109 @@
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Files/Bundle.h"
+#include "Platform/Linux/CodeSigning/BundleContents.h"
+#include "Platform/Linux/CodeSigning/BundleSeal.h"
+#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/SignatureTrailer.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/PropertyLists/PropertyListLimits.h"
+
+namespace platform {
+namespace {
+
+// A part of the seal whole, with what was seen of it added to `facts`.
+CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t mostBytes,
+                                            OSStatus statusOfMissing, FileFacts& facts) {
+  const auto seen = lookAt(path);
+  if (!seen && seen.error().status == kErrnoStatusBase + ENOENT) {
+    return refuse(statusOfMissing, path + ": is missing, so the bundle has no seal");
+  }
+  if (!seen) return std::unexpected(seen.error());
+  const auto file = openRegularFile(path);
+  if (!file) return refuse(errSecCSBadObjectFormat, describe(file.error()));
+  struct stat opened{};
+  if (::fstat(file->get(), &opened) != 0 || !isSameState(*seen, opened)) {
+    return refuse(errSecCSSignatureFailed, path + ": was replaced while it was looked at");
+  }
+  auto bytes = readToEnd(file->get(), mostBytes, path);
+  if (!bytes) return refuse(errSecCSBadObjectFormat, describe(bytes.error()));
+  facts.push_back({path, FileFact::Covers::kContents, *seen});
+  return *std::move(bytes);
+}
+
+std::span<const std::uint8_t> bytesOf(const std::string& text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+CodeSigningResult<void> checkPlaces(const FileFacts& facts, const TrustedPlace& place) {
+  for (const FileFact& fact : facts) {
+    if (auto trusted = place.checkFile(fact.path, fact.status); !trusted) return trusted;
+  }
+  return {};
+}
+
+CodeSigningResult<void> checkIsBundleFolder(const std::string& path) {
+  const auto status = lookAt(path);
+  if (!status) return std::unexpected(status.error());
+  if (!S_ISDIR(status->st_mode)) {
+    return refuse(errSecCSBadObjectFormat, path + ": is not a folder, so it is no bundle");
+  }
+  if (!isBundleName(path.substr(path.rfind('/') + 1))) return {};
+  const auto contents = lookAt(path + "/Contents");
+  if (contents && S_ISDIR(contents->st_mode)) return {};
+  return refuse(errSecCSBadObjectFormat, path + ": has no folder \"Contents\", so it is no bundle");
+}
+
+}  // namespace
+
+CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
+                                             const VerificationContext& context) {
+  FileFacts facts;
+  if (auto usable = checkIsBundleFolder(path); !usable) return std::unexpected(usable.error());
+  if (auto trusted = context.place.check(path, facts); !trusted) {
+    return std::unexpected(trusted.error());
+  }
+  const std::string folder = sealFolderOfBundle(path) + "/";
+  const auto signature = readSealFile(folder + std::string(kSealSignatureName), kMaxSignatureBytes,
+                                      errSecCSUnsigned, facts);
+  if (!signature) return std::unexpected(signature.error());
+  const auto list = readSealFile(folder + std::string(kSealListName), kMaxPropertyListBytes,
+                                 errSecCSBadResource, facts);
+  if (!list) return std::unexpected(list.error());
+  const std::string listPath = folder + std::string(kSealListName);
+  auto verified = verifySignature(bytesOf(*signature), listPath, context,
+                                  [&](const EVP_MD* kind) -> CodeSigningResult<DigestedContent> {
+                                    auto digest = digestOfBytes(bytesOf(*list), kind, listPath);
+                                    if (!digest) return std::unexpected(digest.error());
+                                    return DigestedContent{
+                                        *std::move(digest),
+                                        list->empty() ? std::uint8_t{0} : bytesOf(*list).front()};
+                                  });
+  if (!verified) return std::unexpected(verified.error());
+  const auto seal = readBundleSeal(bytesOf(*list), listPath);
+  if (!seal) return std::unexpected(seal.error());
+  const auto contents = listBundle(path);
+  if (!contents) return std::unexpected(contents.error());
+  if (auto trusted = checkPlaces(contents->facts, context.place); !trusted) {
+    return std::unexpected(trusted.error());
+  }
+  if (auto intact = checkBundleSeal(*seal, *contents, path); !intact) {
+    return std::unexpected(intact.error());
+  }
+  facts.insert(facts.end(), contents->facts.begin(), contents->facts.end());
+  return VerifiedCode{*std::move(verified), std::move(facts)};
+}
+
+CodeSigningResult<SignatureStatement> readBundleSignature(const std::string& path) {
+  if (auto usable = checkIsBundleFolder(path); !usable) return std::unexpected(usable.error());
+  const std::string folder = sealFolderOfBundle(path) + "/";
+  FileFacts facts;
+  const auto signature = readSealFile(folder + std::string(kSealSignatureName), kMaxSignatureBytes,
+                                      errSecCSUnsigned, facts);
+  if (!signature) return std::unexpected(signature.error());
+  return readSignature(bytesOf(*signature), folder + std::string(kSealListName));
+}
+
+}  // namespace platform

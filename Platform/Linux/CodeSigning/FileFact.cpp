@@ -1,0 +1,66 @@
+#include "Platform/Linux/CodeSigning/FileFact.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <tuple>
+#include <utility>
+
+#include <fcntl.h>
+
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Values/Error.h"
+
+namespace platform {
+namespace {
+
+auto placeOf(const struct stat& status) {
+  return std::tuple(status.st_dev, status.st_ino, status.st_uid, status.st_mode);
+}
+
+auto contentsOf(const struct stat& status) {
+  return std::tuple(status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
+                    status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+}
+
+WallTime timeOf(const timespec& time) {
+  return WallTime(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+}
+
+// Every path begins in the root folder, and nothing else can come to be at its path: to ask a
+// descriptor of it costs half of what a path costs.
+int lookAgain(const std::string& path, struct stat& status) {
+  static const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return path == "/" && root ? ::fstat(root.get(), &status) : ::lstat(path.c_str(), &status);
+}
+
+}  // namespace
+
+bool FileFact::stillHolds() const {
+  struct stat now{};
+  if (lookAgain(path, now) != 0) return false;
+  return covers == Covers::kContents ? isSameState(status, now) : placeOf(status) == placeOf(now);
+}
+
+bool isSameState(const struct stat& one, const struct stat& other) {
+  return placeOf(one) == placeOf(other) && contentsOf(one) == contentsOf(other);
+}
+
+bool changedRecently(const struct stat& status, WallTime now) {
+  // The clock may have been set back since, so that a time to come says nothing either.
+  return now - std::max(timeOf(status.st_mtim), timeOf(status.st_ctim)) < kSettledAfter;
+}
+
+CodeSigningResult<struct stat> lookAt(const std::string& path) {
+  struct stat status{};
+  if (path.find('\0') != path.npos) return std::unexpected(failureOfSystemCall(path, EINVAL));
+  if (::lstat(path.c_str(), &status) != 0) {
+    return std::unexpected(failureOfSystemCall(path, errno));
+  }
+  return status;
+}
+
+CodeSigningFailure failureOfSystemCall(const std::string& path, int errorNumber) {
+  return {kErrnoStatusBase + errorNumber, describe(Error{ErrorCode::kSystem, errorNumber, path})};
+}
+
+}  // namespace platform

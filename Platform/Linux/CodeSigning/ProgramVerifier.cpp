@@ -1,0 +1,54 @@
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Linux/CodeSigning/BundleContents.h"
+#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/SignedProgram.h"
+
+namespace platform {
+
+CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
+                                              const VerificationContext& context) {
+  FileFacts facts;
+  if (auto trusted = context.place.check(path, facts); !trusted) {
+    return std::unexpected(trusted.error());
+  }
+  auto program = openSignedProgram(path);
+  if (!program) return std::unexpected(program.error());
+  auto signature = verifySignature(program->signature, path, context,
+                                   [&](const EVP_MD* kind) -> CodeSigningResult<DigestedContent> {
+                                     auto digest = digestOfFile(program->file.get(),
+                                                                program->payloadBytes, kind, path);
+                                     if (!digest) return std::unexpected(digest.error());
+                                     return DigestedContent{*std::move(digest), program->firstByte};
+                                   });
+  if (!signature) return std::unexpected(signature.error());
+  struct stat after{};
+  if (::fstat(program->file.get(), &after) != 0) {
+    return std::unexpected(failureOfSystemCall(path, errno));
+  }
+  if (!isSameState(facts.back().status, after)) {
+    return std::unexpected(
+        CodeSigningFailure{errSecCSSignatureFailed, path + ": was changed while it was read"});
+  }
+  facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
+  VerifiedCode code{*std::move(signature), std::move(facts)};
+  const std::string bundle = bundleAroundProgram(path);
+  if (bundle.empty()) return code;
+  const auto sealed = verifyBundle(bundle, context);
+  if (!sealed) return std::unexpected(sealed.error());
+  code.facts.insert(code.facts.end(), sealed->facts.begin(), sealed->facts.end());
+  code.signature.notBefore = std::max(code.signature.notBefore, sealed->signature.notBefore);
+  code.signature.notAfter = std::min(code.signature.notAfter, sealed->signature.notAfter);
+  return code;
+}
+
+CodeSigningResult<SignatureStatement> readProgramSignature(const std::string& path) {
+  const auto program = openSignedProgram(path);
+  if (!program) return std::unexpected(program.error());
+  return readSignature(program->signature, path);
+}
+
+}  // namespace platform

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+
+#include <dbus/dbus.h>
+
+#include "Platform/Peers/PeerMessageRules.h"
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
+
+namespace platform {
+
+// Appends a value as a variant, in the layout of Platform/Peers/PeerMessageRules.h. It must have
+// been checked by those rules: libdbus ends the process on what it finds ill-formed. False without
+// memory.
+bool appendVariant(DBusMessageIter* into, const Value& value);
+
+// Reads the values of one message, which may be a stranger's: beside our own layout, integers of
+// every width, arrays and dictionaries of any element type, and variants inside variants. Bounded
+// by kMaxPeerDepth and kMaxPeerNodes for all that one reader reads.
+class DBusValueReader {
+ public:
+  explicit DBusValueReader(PeerMessageContents contents = PeerMessageContents::kValues)
+      : contents_(contents) {}
+
+  // The value that the iterator stands on. Fails with kInvalid, saying what can't be a value.
+  Result<Value> read(DBusMessageIter* from);
+
+ private:
+  Result<Value> readEndpoint(DBusMessageIter* from);
+  Result<Value> readScalar(DBusMessageIter* from, int type);
+  Result<Value> readArray(DBusMessageIter* from);
+  Result<Value> readElements(DBusMessageIter* elements);
+  Result<Value> readEntries(DBusMessageIter* entries);
+  Result<Value> readStruct(DBusMessageIter* from);
+
+  const PeerMessageContents contents_;
+  std::size_t nodes_ = 0;
+  std::size_t depth_ = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,135 @@
+#include "Platform/Digests/FileDigest.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Testing/Digests/FileSha256.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace platform {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::size_t kPiece = 256 * 1024;  // as much as is read at once
+
+class FileDigestTest : public testing::Test {
+ protected:
+  static Result<std::optional<Sha256>> digestOf(const std::string& path) {
+    return sha256OfFile(path);
+  }
+  static void expectRefused(const std::string& path, const char* why) {
+    const auto digest = digestOf(path);
+    ASSERT_FALSE(digest) << path;
+    EXPECT_EQ(digest.error().code, ErrorCode::kInvalid) << path;
+    EXPECT_THAT(digest.error().context, HasSubstr(path + ": " + why));
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(FileDigestTest, IsThatOfTheWholeContentInPiecesOfAnySize) {
+  for (const std::size_t size : {std::size_t{1}, kPiece - 1, kPiece, kPiece + 1, 3 * kPiece}) {
+    const std::string content(size, 'x');
+    const Sha256 expected =
+        CC_SHA256({reinterpret_cast<const std::uint8_t*>(content.data()), content.size()});
+    const auto digest = digestOf(folder_.write("file", content));
+    ASSERT_TRUE(digest && *digest) << size;
+    EXPECT_EQ(**digest, expected) << size;
+  }
+}
+
+class FileDigestLong : public FileDigestTest {};
+
+// No count of its bytes passes through 32 bits on its way.
+TEST_F(FileDigestLong, AFileOfMoreThanFourGibibytesIsHashedWhole) {
+  const std::string path = folder_.write("large", "");
+  std::filesystem::resize_file(path, (std::uintmax_t{1} << 32) + 1);  // Zeros that take no room.
+  const auto digest = digestOf(path);
+  ASSERT_TRUE(digest && *digest);
+  EXPECT_EQ(hexadecimalText(**digest),
+            "fbb82f7b353676bb562eb82157fcf0ea42c36492ca13ee56dbf82c08b6802c5c");
+}
+
+TEST_F(FileDigestTest, AnEmptyFileHasNone) {
+  const auto digest = digestOf(folder_.write("empty", ""));
+  ASSERT_TRUE(digest);
+  EXPECT_FALSE(*digest);
+}
+
+TEST_F(FileDigestTest, ALinkLeadsToItsFile) {
+  folder_.write("file", "content");
+  std::filesystem::create_symlink("file", folder_.path("link"));
+  const auto digest = digestOf(folder_.path("link"));
+  ASSERT_TRUE(digest && *digest);
+  EXPECT_EQ(**digest, **digestOf(folder_.path("file")));
+}
+
+TEST_F(FileDigestTest, WhatIsNoRegularFileIsRefusedUnopened) {
+  const std::string pipe = folder_.path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& path : {pipe, folder_.path(), std::string("/dev/zero")}) {
+    expectRefused(path, "is not a regular file");
+  }
+  expectRefused("/proc/self/status", "is the kernel's");
+}
+
+// The kernel says of such a file that it has a page, and gives less.
+TEST_F(FileDigestTest, AFileThatEndsBeforeItsSizeIsRefused) {
+  const std::string shorter = "/sys/devices/system/cpu/online";
+  struct stat status{};
+  if (::stat(shorter.c_str(), &status) != 0 || status.st_size < 4096) {
+    GTEST_SKIP() << "no such file in this system";
+  }
+  expectRefused(shorter, "became shorter while it was read");
+}
+
+TEST_F(FileDigestTest, AMissingFileIsNotFound) {
+  for (const std::string& path : {folder_.path("missing"), folder_.write("file", "x") + "/below"}) {
+    const auto digest = digestOf(path);
+    ASSERT_FALSE(digest);
+    EXPECT_EQ(digest.error().code, ErrorCode::kNotFound) << path;
+  }
+}
+
+TEST_F(FileDigestTest, CanBeLeftAndTakenUpAgain) {
+  const std::string path = folder_.write("file", std::string(3 * kPiece, 'x'));
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  EXPECT_EQ(digest->readOn(1), false);  // A piece.
+  FileDigest moved = std::move(*digest);
+  EXPECT_EQ(moved.readOn(kPiece), false);
+  EXPECT_EQ(moved.readOn(kPiece), true);
+  const auto sum = moved.finish();
+  ASSERT_TRUE(sum && *sum);
+  EXPECT_EQ(**sum, **digestOf(path));
+}
+
+TEST_F(FileDigestTest, OfAFileThatIsCutOffMeanwhileThereIsNone) {
+  const std::string path = folder_.write("file", std::string(2 * kPiece, 'x'));
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  EXPECT_EQ(digest->readOn(kPiece), false);
+  std::filesystem::resize_file(path, kPiece);
+  const auto cutOff = digest->readOn(kPiece);
+  ASSERT_FALSE(cutOff);
+  EXPECT_EQ(cutOff.error().code, ErrorCode::kInvalid);
+}
+
+TEST_F(FileDigestTest, IsOfWhatTheFileHeldWhenItWasOpened) {
+  const std::string path = folder_.write("file", "content");
+  const Sha256 before = **digestOf(path);
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest);
+  std::filesystem::resize_file(path, 2 * kPiece);
+  EXPECT_EQ(digest->readOn(kPiece), true);
+  EXPECT_EQ(**digest->finish(), before);
+}
+
+}  // namespace
+}  // namespace platform

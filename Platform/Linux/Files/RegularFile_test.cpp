@@ -1,0 +1,93 @@
+#include "Platform/Linux/Files/RegularFile.h"
+
+#include <cerrno>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace platform {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class RegularFileTest : public testing::Test {
+ protected:
+  TemporaryFolder folder_;
+};
+
+TEST_F(RegularFileTest, ARegularFileIsOpenedAndReadWhole) {
+  for (const std::size_t size : {0, 1, 4095, 4096, 4097, 100'000}) {
+    const std::string content(size, 'x');
+    const std::string path = folder_.write("file", content);
+    const auto file = openRegularFile(path);
+    ASSERT_TRUE(file) << file.error().context;
+    EXPECT_EQ(readToEnd(file->get(), 200'000, path), content);
+  }
+}
+
+TEST_F(RegularFileTest, TheLimitCountsWhatIsReadAndNotWhatTheSystemSays) {
+  const std::string path = folder_.write("file", std::string(5000, 'x'));
+  EXPECT_TRUE(readToEnd(openRegularFile(path)->get(), 5000, path));
+  const auto tooLarge = readToEnd(openRegularFile(path)->get(), 4999, path);
+  ASSERT_FALSE(tooLarge);
+  EXPECT_EQ(tooLarge.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(tooLarge.error().context, path + ": is larger than 4999 bytes");
+
+  // The size of such a file is 0 until it is read.
+  EXPECT_FALSE(readToEnd(openRegularFile("/proc/self/maps")->get(), 10, "maps"));
+}
+
+TEST_F(RegularFileTest, ABeginningCanBeReadAlone) {
+  const std::string path = folder_.write("file", "0123456789");
+  EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 0, path), "");
+  EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 9, path), "012345678");
+  EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 10, path), "0123456789");
+  EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 11, path), "0123456789");
+}
+
+TEST_F(RegularFileTest, AMissingFileIsNotFound) {
+  folder_.write("file", "");
+  for (const char* name : {"missing", "missing/below", "file/below"}) {
+    const auto file = openRegularFile(folder_.path(name));
+    ASSERT_FALSE(file) << name;
+    EXPECT_EQ(file.error().code, ErrorCode::kNotFound) << name;
+  }
+}
+
+TEST_F(RegularFileTest, ASymbolicLinkIsRefusedEvenToAGoodFile) {
+  const std::string target = folder_.write("file", "x");
+  const std::string link = folder_.path("link");
+  ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+  const auto file = openRegularFile(link);
+  ASSERT_FALSE(file);
+  EXPECT_EQ(file.error().code, ErrorCode::kInvalid);
+  EXPECT_THAT(file.error().context, StartsWith(link + ": is a symbolic link"));
+}
+
+TEST_F(RegularFileTest, WhatIsNoFileIsRefusedWithoutWaiting) {
+  const std::string pipe = folder_.path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& path : {pipe, folder_.path(), std::string("/dev/null")}) {
+    const auto file = openRegularFile(path);
+    ASSERT_FALSE(file) << path;
+    EXPECT_EQ(file.error().code, ErrorCode::kInvalid) << path;
+    EXPECT_THAT(file.error().context, HasSubstr("is not a regular file")) << path;
+  }
+}
+
+TEST_F(RegularFileTest, AReadThatFailsNamesTheFile) {
+  const auto bytes = readToEnd(-1, 10, "some file");
+  ASSERT_FALSE(bytes);
+  EXPECT_EQ(bytes.error().osError, EBADF);
+  EXPECT_EQ(bytes.error().context, "some file");
+}
+
+}  // namespace
+}  // namespace platform

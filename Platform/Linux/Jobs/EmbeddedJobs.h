@@ -1,0 +1,46 @@
+#pragma once
+
+#include <expected>
+#include <functional>
+#include <string_view>
+
+#include "Platform/Jobs/Jobs.h"
+#include "Platform/Linux/Jobs/JobHostClient.h"
+
+namespace platform {
+
+// The jobs of the job host that this platform root has of its own.
+class EmbeddedJobs final : public Jobs {
+ public:
+  using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
+
+  // `client` outlives this.
+  explicit EmbeddedJobs(JobHostClient& client) : client_(client) {}
+
+  std::expected<void, NSError> SMJobSubmit(std::string_view domain, const Value& job,
+                                           const AuthorizationRef* authorization) override;
+  std::expected<void, NSError> SMJobRemove(std::string_view domain, std::string_view label,
+                                           const AuthorizationRef* authorization,
+                                           bool wait) override;
+  Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+
+  // For the operator, who wants to know why there is nothing, and to see all.
+
+  // A job's dictionary, nil where no job has the label.
+  std::expected<Value, NSError> copyJob(std::string_view label);
+  // What is known of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
+  // "LastExitStatusUnknown" as far as they apply.
+  std::expected<Dictionary, NSError> copyJobStates();
+  // SMJobRemove() that waits without blocking; only how long that may take is asked first, by
+  // copyJob(). The callback runs once, on the loop and never from inside this call.
+  void removeAsync(std::string_view label, Removed removed);
+
+ private:
+  std::expected<JobHostClient::Answer, NSError> ask(std::string_view selector,
+                                                    const Array& arguments, Duration timeout);
+  Duration removalTime(std::string_view label);
+
+  JobHostClient& client_;
+};
+
+}  // namespace platform

@@ -1,0 +1,186 @@
+#include <expected>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "Platform/Linux/Jobs/EmbeddedJobs_fixture.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+// A removal that nobody waits for.
+
+class AsynchronousRemovalTest : public EmbeddedJobsTest {
+ protected:
+  using Outcome = std::optional<std::expected<void, NSError>>;
+
+  // Tells of the job, and keeps the removals.
+  ScriptedHost::Answer keepingRemovals() {
+    return [this](PeerMessage message) {
+      if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+      kept_.push_back(std::move(message));
+    };
+  }
+  // Tells of the job, and dies of the removal.
+  ScriptedHost::Answer dyingOfRemovals() {
+    return [this](PeerMessage message) {
+      if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+      host_->die();
+    };
+  }
+
+  std::shared_ptr<Outcome> startRemoval() {
+    auto removed = std::make_shared<Outcome>();
+    jobs_.removeAsync(kLabel, [removed](auto outcome) {
+      EXPECT_FALSE(*removed);
+      *removed = std::move(outcome);
+    });
+    EXPECT_FALSE(*removed);
+    return removed;
+  }
+};
+
+TEST_F(AsynchronousRemovalTest, ARemovalNeedNotBlock) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.advanceBy(10s);
+  EXPECT_FALSE(*removed);
+  ASSERT_EQ(kept_.size(), 1u);
+  EXPECT_TRUE(kept_[0].reply->answer(Value()));
+  loop_.runReady();
+  ASSERT_TRUE(*removed);
+  EXPECT_TRUE(**removed);
+}
+
+TEST_F(AsynchronousRemovalTest, TheHostsErrorIsHandedOn) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.runReady();
+  ASSERT_EQ(kept_.size(), 1u);
+  failing(LaunchdError::kNoSuchJob, "no such job")(std::move(kept_[0]));
+  loop_.runReady();
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kNoSuchJob, "no such job");
+}
+
+TEST_F(AsynchronousRemovalTest, TheNextHostIsAskedAgain) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.advanceBy(10s);  // Longer than a host is waited for.
+  host_->die();
+  loop_.advanceBy(4900ms);
+  EXPECT_FALSE(*removed);
+  startHost(answering(Value()));
+  loop_.advanceBy(100ms);
+  ASSERT_TRUE(*removed);
+  EXPECT_TRUE(**removed);
+  EXPECT_THAT(host_->asked, ElementsAre("removeJob:wait:"));
+}
+
+TEST_F(AsynchronousRemovalTest, ANextHostThatFindsNoJobHasRemovedIt) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.runReady();
+  host_->die();
+  startHost(failing(LaunchdError::kNoSuchJob, "no such job"));
+  loop_.advanceBy(50ms);
+  ASSERT_TRUE(*removed);
+  EXPECT_TRUE(**removed);
+}
+
+TEST_F(AsynchronousRemovalTest, AHostThatDoesNotComeBackIsGivenUpAfterFiveSeconds) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.runReady();
+  host_->die();
+  loop_.advanceBy(5s - 1ns);
+  EXPECT_FALSE(*removed);
+  loop_.advanceBy(50ms);
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kUnavailable, "can't be reached");
+}
+
+TEST_F(AsynchronousRemovalTest, AHostThatEndsEachTimeIsGivenUp) {
+  startHost(dyingOfRemovals());
+  const auto removed = startRemoval();
+  for (Duration at = 1s; at <= 6s; at += 1s) {
+    loop_.scheduleOutsideEvent(at, [this] { startHost(dyingOfRemovals()); });
+  }
+  loop_.advanceBy(4s);
+  EXPECT_FALSE(*removed);
+  loop_.advanceBy(3s);
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kUnavailable, "ended before it answered");
+}
+
+TEST_F(AsynchronousRemovalTest, TheConnectionOfADeadHostIsNotKept) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.runReady();
+  host_->die();
+  loop_.advanceBy(6s);
+  ASSERT_TRUE(*removed);
+  startHost(answering(Value()));
+  const auto again = jobs_.SMJobRemove(kSMDomainSystemLaunchd, kLabel, nullptr, false);
+  EXPECT_TRUE(again);
+  EXPECT_EQ(host_->connections, 1);
+}
+
+TEST_F(AsynchronousRemovalTest, AllThatTheHostOwedIsAskedAgain) {
+  startHost(keepingRemovals());
+  const auto first = startRemoval();
+  const auto second = startRemoval();
+  loop_.runReady();
+  ASSERT_EQ(kept_.size(), 2u);
+  host_->die();
+  startHost(answering(Value()));
+  loop_.advanceBy(50ms);
+  ASSERT_TRUE(*first && *second);
+  EXPECT_TRUE(**first);
+  EXPECT_TRUE(**second);
+}
+
+TEST_F(AsynchronousRemovalTest, ACallThatFindsTheHostDeadLosesNoRemoval) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.runReady();
+  host_->die();
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());  // Before the loop has told of the death.
+  EXPECT_FALSE(*removed);
+  loop_.advanceBy(50ms);
+  ASSERT_TRUE(*removed);
+  EXPECT_TRUE(**removed);
+  EXPECT_EQ(host_->connections, 1);
+}
+
+TEST_F(AsynchronousRemovalTest, AHostThatIsStuckIsGivenUpAndNotAskedAgain) {
+  startHost(keepingRemovals());
+  const auto removed = startRemoval();
+  loop_.advanceBy(50s);
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kInternal, "did not answer within 50 s");
+  EXPECT_EQ(kept_.size(), 1u);
+}
+
+TEST_F(AsynchronousRemovalTest, WhoDoesNotWaitForAHostWaitsForOneThatHasEnded) {
+  JobHostClient impatient(transport_, loop_, kSocket, Duration::zero());
+  EmbeddedJobs jobs(impatient);
+  startHost(keepingRemovals());
+  std::optional<std::expected<void, NSError>> removed;
+  jobs.removeAsync(kLabel, [&](auto outcome) { removed = std::move(outcome); });
+  loop_.runReady();
+  host_->die();
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(removed);
+  startHost(answering(Value()));
+  loop_.advanceBy(50ms);
+  ASSERT_TRUE(removed);
+  EXPECT_TRUE(*removed);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,283 @@
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Jobs/EmbeddedJobs_fixture.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+// A job host that stands still, accepts nobody or has gone, and its return.
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
+  startHost(keeping());
+  EXPECT_EQ(
+      timeOf([&] { expectError(submit(), LaunchdError::kInternal, "did not answer within 30 s"); }),
+      30s + JobHostClient::kLifeSignTime);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckCostsOneWaitHoweverManyLabelsAreAskedFor) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  EXPECT_EQ(
+      timeOf([&] {
+        for (int i = 0; i < 1000; ++i) {
+          expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "does not answer");
+          expectError(remove(), LaunchdError::kInternal, "does not answer");
+          EXPECT_TRUE(isJobUnknown(jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel)));
+        }
+      }),
+      0s);
+  EXPECT_EQ(kept_.size(), 2u);  // The first, and one for a sign of life.
+  // However much later.
+  loop_.advanceBy(1h);
+  EXPECT_EQ(timeOf([&] {
+              for (int i = 0; i < 1000; ++i) EXPECT_FALSE(submit());
+            }),
+            JobHostClient::kLookTime);
+  EXPECT_EQ(kept_.size(), 4u);  // And the sign that is waited for, and the look.
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsLookedAtOnceASecond) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1s - 1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  loop_.advanceBy(1s - 1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainWithinTheTurn) {
+  bool isStuck = true;
+  startHost([&](PeerMessage message) {
+    if (!isStuck) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_FALSE(submit());
+  isStuck = false;
+  loop_.sleepFor(1s);  // Nothing is served meanwhile.
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(remove(false)); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, ASilentHostThatHasEndedIsReplacedWithinTheTurn) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  host_->die();
+  startHost(answering(Value()));
+  loop_.sleepFor(1s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, ARemovalIsSentToAHostThatLivesAlthoughItDidNotTellOfTheJob) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kCopyJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_TRUE(remove());
+  EXPECT_THAT(host_->asked, ElementsAre("copyJob:", kMayChangeJobsMessage, "removeJob:wait:"));
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainAtOnce) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.runReady();
+  ASSERT_EQ(kept_.size(), 3u);
+  for (const PeerMessage& message : std::exchange(kept_, {}))
+    EXPECT_TRUE(message.reply->answer(Value()));
+  EXPECT_FALSE(submit());  // The loop has not heard of it.
+  loop_.runReady();
+  loop_.scheduleOutsideEvent(1s, [this] { EXPECT_TRUE(kept_.at(0).reply->answer(Value())); });
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 1s);
+}
+
+TEST_F(EmbeddedJobsTest, TheNextHostIsAskedAtOnceAfterOneThatWasStuck) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  host_->die();
+  startHost(answering(Value()));
+  loop_.runReady();
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatOnlyTakesLongOverOneQuestionIsAskedTheOthers) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
+  EXPECT_TRUE(remove(false));
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsLookedAtOnceASecond) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
+  EXPECT_EQ(timeOf([&] {
+              expectError(submit(), LaunchdError::kInternal, "is there, but does not answer");
+            }),
+            0s);
+  loop_.advanceBy(JobHostClient::kSilentHostPause - 1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
+}
+
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsAgainWithinThePauseIsAskedAtOnce) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
+  host_->goOn();
+  loop_.sleepFor(JobHostClient::kSilentHostPause);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+class MissedHostTest : public EmbeddedJobsTest {
+ protected:
+  MissedHostTest() {
+    client_.setReturnHandler([this] { ++returns_; });
+  }
+  // The host goes on.
+  void answerAll() {
+    for (const PeerMessage& message : std::exchange(kept_, {}))
+      EXPECT_TRUE(message.reply->answer(Value()));
+  }
+
+  int returns_ = 0;
+};
+
+TEST_F(MissedHostTest, TheReturnOfASilentHostIsToldOnceForAllThatItFailed) {
+  startHost(keeping());
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(submit());
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 0);
+  EXPECT_LE(kept_.size(), 4u);  // However long it is missed.
+  answerAll();
+  EXPECT_EQ(returns_, 0);  // Not before the loop turns.
+  loop_.runReady();
+  EXPECT_EQ(returns_, 1);
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 1);
+  // And again the next time.
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1s);
+  answerAll();
+  loop_.runReady();
+  EXPECT_EQ(returns_, 2);
+}
+
+TEST_F(MissedHostTest, TheReturnOfAHostThatAcceptedNobodyIsTold) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  host_->goOn();
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatTakesThePlaceOfOneThatWasMissedHasReturned) {
+  EXPECT_FALSE(submit());  // There is none.
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  startHost(keeping());
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 0);  // It is there, but has not answered.
+  host_->die();
+  startHost(answering(Value()));
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatIsSilentAndEndsInACallIsStillMissed) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  host_->die();
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());  // It finds the old host dead, and asks the new one.
+  EXPECT_EQ(returns_, 0);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, AHostThatOnlyTakesLongIsNotMissed) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  EXPECT_FALSE(submit());
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+}
+
+TEST_F(MissedHostTest, WhoNoLongerListensIsNotTold) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  client_.setReturnHandler({});
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+  EXPECT_FALSE(submit());  // Nor is anybody looked for, or missed.
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 0);
+}
+
+TEST_F(MissedHostTest, AHostMissedAgainBeforeItsReturnIsToldIsToldOnceItIsBack) {
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  answerAll();
+  loop_.post([this] { EXPECT_FALSE(submit()); });  // Behind the answer, before what tells of it.
+  loop_.runReady();
+  EXPECT_EQ(returns_, 0);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns_, 0);
+  answerAll();
+  loop_.advanceBy(1h);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(MissedHostTest, TheHandlerMayEndItself) {
+  client_.setReturnHandler([this] {
+    client_.setReturnHandler({});
+    ++returns_;
+  });
+  startHost(keeping());
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(2s);
+  answerAll();
+  loop_.runReady();
+  EXPECT_EQ(returns_, 1);
+  EXPECT_FALSE(submit());
+  loop_.advanceBy(1min);
+  answerAll();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns_, 1);
+}
+
+TEST_F(EmbeddedJobsTest, ARequestThatDoesNotWaitEndsTheSilenceOfAHostThatAcceptsAgain) {
+  startHost(answering(Value()));
+  host_->hang();
+  EXPECT_FALSE(submit());
+  host_->goOn();
+  client_.callAsync(kMayChangeJobsMessage, {}, 1s, [](const auto& answer) { EXPECT_TRUE(answer); });
+  loop_.runReady();
+  EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
+}
+
+}  // namespace
+}  // namespace platform

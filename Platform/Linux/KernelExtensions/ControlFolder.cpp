@@ -1,0 +1,70 @@
+#include "Platform/Linux/KernelExtensions/ControlFolder.h"
+
+#include <cerrno>
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/KernelExtensions/KernelControls.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kControlFolder = "/run/vantor/control";
+constexpr mode_t kControlFolderMode = 0700;
+
+}  // namespace
+
+std::string controlFolder(std::string_view root) {
+  return fmt::format("{}{}", root == "/" ? "" : root, kControlFolder);
+}
+
+Result<void> makeControlFolder(const std::string& root) {
+  const std::string path = controlFolder(root);
+  const std::size_t below = path.size() - kControlFolder.size();
+  for (std::size_t slash = path.find('/', below + 1); slash != path.npos;
+       slash = path.find('/', slash + 1)) {
+    const std::string folder = path.substr(0, slash);
+    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
+      return std::unexpected(systemError("making " + folder));
+    }
+  }
+  if (::mkdir(path.c_str(), kControlFolderMode) != 0 && errno != EEXIST) {
+    return std::unexpected(systemError("making " + path));
+  }
+  struct stat status{};
+  if (::lstat(path.c_str(), &status) != 0) return std::unexpected(systemError(path));
+  if (!S_ISDIR(status.st_mode) || status.st_uid != ::geteuid() || (status.st_mode & 077) != 0) {
+    return std::unexpected(Error{
+        ErrorCode::kDenied, 0,
+        fmt::format("{}: not trusted: expected a folder of uid {} with mode 0700, found uid {}, "
+                    "mode {:06o}",
+                    path, ::geteuid(), status.st_uid, status.st_mode)});
+  }
+  return {};
+}
+
+bool isControlName(std::string_view name) {
+  return !name.empty() && name.size() <= kControlNameBytes && name.front() != '.' &&
+         name.find('/') == name.npos && name.find('\0') == name.npos;
+}
+
+Result<void> checkControlUser(uid_t user, uid_t ours) {
+  if (user == 0 || user == ours) return {};
+  return std::unexpected(Error{ErrorCode::kDenied, EPERM,
+                               fmt::format("the other side of the control is uid {}'s", user)});
+}
+
+Result<void> checkControlPeer(int socket) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    return std::unexpected(systemError("asking who is on the control's other side"));
+  }
+  return checkControlUser(peer.uid, ::geteuid());
+}
+
+}  // namespace platform

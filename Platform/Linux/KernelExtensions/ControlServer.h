@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Platform/KernelExtensions/ControlHandler.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/RunLoops/RunLoop.h"
+
+namespace platform {
+
+// The control that an extension offers to root and to its own user; anybody else is cut off. It
+// never waits: a client that does not take its answer is cut off as well. Belongs to the loop's
+// thread.
+class ControlServer {
+ public:
+  // A client beyond these waits until another one goes.
+  static constexpr std::size_t kMaxClients = 16;
+
+  // Offers the control `name` of the platform at `root`. `loop` outlives it. Fails with kInvalid
+  // for what can't be such a name, with kDenied where another process offers it.
+  static Result<std::unique_ptr<ControlServer>> listen(RunLoop& loop, const std::string& root,
+                                                       std::string_view name,
+                                                       MakeControlHandler makeHandler);
+  ControlServer(const ControlServer&) = delete;
+  ControlServer& operator=(const ControlServer&) = delete;
+  // Takes the name away and hangs up.
+  ~ControlServer();
+
+  std::size_t clients() const { return clients_.size(); }
+
+ private:
+  struct Client {
+    UniqueFd socket;
+    std::unique_ptr<ControlHandler> handler;
+    std::unique_ptr<RunLoopHandle> source;
+  };
+
+  ControlServer(RunLoop& loop, UniqueFd socket, SocketName name, MakeControlHandler makeHandler);
+  Result<void> watchForClients();
+  void accept();
+  void add(UniqueFd socket);
+  void drop(std::list<Client>::iterator client);
+  // Whether the client may stay.
+  bool serve(Client& client);
+  int prepareToUnload() const;
+
+  RunLoop& loop_;
+  UniqueFd socket_;
+  SocketName name_;
+  const MakeControlHandler makeHandler_;
+  std::unique_ptr<RunLoopHandle> source_;  // none while there is no place
+  std::unique_ptr<RunLoopHandle> pause_;   // after a failure to accept
+  std::list<Client> clients_;
+};
+
+}  // namespace platform

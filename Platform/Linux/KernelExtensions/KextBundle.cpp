@@ -1,0 +1,105 @@
+#include "Platform/Linux/KernelExtensions/KextBundle.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/Files/PropertyListFile.h"
+#include "Platform/Linux/KernelExtensions/ControlFolder.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kSuffix = ".kext";
+constexpr std::size_t kMaxNameBytes = 255;
+
+std::unexpected<Error> unusable(const std::string& infoPath, std::string_view why) {
+  return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", infoPath, why)});
+}
+
+bool isPlainName(const std::string& name) {
+  return !name.empty() && name.size() <= kMaxNameBytes && name.front() != '.' &&
+         name.find('/') == name.npos && name.find('\0') == name.npos;
+}
+
+// The bundles that `place` stands for: itself, or those in it.
+Result<std::vector<std::string>> kextsAt(const std::string& place) {
+  std::error_code error;
+  if (std::filesystem::exists(place + "/Contents", error)) return std::vector{place};
+  std::vector<std::string> paths;
+  const auto names = namesInFolder(place, kMaxKextsInFolder);
+  if (!names) return paths;
+  if (names->size() > kMaxKextsInFolder) {
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, 0,
+              fmt::format("{}: has more than {} entries", place, kMaxKextsInFolder)});
+  }
+  for (const std::string& name : *names) {
+    if (name.ends_with(kSuffix)) paths.push_back(place + "/" + name);
+  }
+  return paths;
+}
+
+}  // namespace
+
+Result<KextBundle> readKextBundle(const std::string& path) {
+  const std::string infoPath = path + "/Contents/Info.plist";
+  const auto info = readPropertyListFile(infoPath);
+  if (!info) return std::unexpected(info.error());
+  const std::string* const identifier = (*info)["CFBundleIdentifier"].string();
+  if (identifier == nullptr || !isPlainName(*identifier)) {
+    return unusable(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
+  }
+  KextBundle bundle{path, *identifier, std::nullopt, std::nullopt};
+  const Value& program = (*info)["CFBundleExecutable"];
+  const Value& module = (*info)["OSKernelModule"];
+  if (program.isNil() == module.isNil()) {
+    return unusable(infoPath,
+                    "expected either \"CFBundleExecutable\" (a program in Contents/Linux) or "
+                    "\"OSKernelModule\" (the name or alias of a module)");
+  }
+  const Value& named = program.isNil() ? module : program;
+  if (named.string() == nullptr || !isPlainName(*named.string())) {
+    return unusable(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
+  }
+  if (program.isNil()) {
+    bundle.kernelModule = *module.string();
+  } else {
+    bundle.programPath = fmt::format("{}{}{}", path, kProgramsFolder, *program.string());
+  }
+  return bundle;
+}
+
+Result<KextBundle> findKextBundle(const std::string& identifier,
+                                  const std::vector<std::string>& folders) {
+  std::string unreadable;
+  const auto look = [&](const std::string& path) -> std::optional<KextBundle> {
+    auto bundle = readKextBundle(path);
+    if (bundle && bundle->identifier == identifier) return *std::move(bundle);
+    if (!bundle && unreadable.empty()) unreadable = fmt::format(" ({})", describe(bundle.error()));
+    return std::nullopt;
+  };
+  for (const std::string& folder : folders) {
+    const auto paths = kextsAt(folder);
+    if (!paths) return std::unexpected(paths.error());
+    std::optional<KextBundle> found;
+    for (const std::string& path : *paths) {
+      auto bundle = look(path);
+      if (!bundle) continue;
+      if (found) {
+        return std::unexpected(
+            Error{ErrorCode::kInvalid, 0,
+                  fmt::format("{}: {} and {} both claim to be it", identifier, found->path, path)});
+      }
+      found = std::move(bundle);
+    }
+    if (found) return *std::move(found);
+  }
+  return std::unexpected(
+      Error{ErrorCode::kNotFound, 0,
+            fmt::format("{}: there is no such extension{}", identifier, unreadable)});
+}
+
+}  // namespace platform

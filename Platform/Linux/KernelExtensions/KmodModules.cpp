@@ -1,0 +1,132 @@
+#include "Platform/Linux/KernelExtensions/KmodModules.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <libkmod.h>
+
+namespace platform {
+namespace {
+
+struct KmodDeleter {
+  void operator()(kmod_ctx* context) const { kmod_unref(context); }
+  void operator()(kmod_list* list) const { kmod_module_unref_list(list); }
+  void operator()(kmod_module* module) const { kmod_module_unref(module); }
+};
+using Context = std::unique_ptr<kmod_ctx, KmodDeleter>;
+using ModuleList = std::unique_ptr<kmod_list, KmodDeleter>;
+using Module = std::unique_ptr<kmod_module, KmodDeleter>;
+
+ErrorCode codeOfModuleError(int number) {
+  switch (number) {
+    case ENOENT:
+      return ErrorCode::kNotFound;
+    case EPERM:
+    case EACCES:
+    case ENOSYS:
+    case EBUSY:
+      return ErrorCode::kDenied;
+    default:
+      return ErrorCode::kSystem;
+  }
+}
+
+std::unexpected<Error> moduleFailure(const std::string& module, std::string_view what, int number) {
+  return std::unexpected(Error{codeOfModuleError(number), number,
+                               fmt::format("the kernel module \"{}\": {}", module, what)});
+}
+
+// libkmod gives errors as negative numbers, whoever's they are.
+struct Lookup {
+  Context context;
+  ModuleList modules;  // none where no module has the name
+};
+
+bool isInKernel(kmod_module* module) {
+  const int state = kmod_module_get_initstate(module);
+  return state == KMOD_MODULE_LIVE || state == KMOD_MODULE_BUILTIN;
+}
+
+Result<Lookup> lookUp(const std::optional<std::string>& folder, const std::string& module) {
+  Lookup lookup;
+  lookup.context.reset(kmod_new(folder ? folder->c_str() : nullptr, nullptr));
+  if (!lookup.context) return moduleFailure(module, "libkmod", errno);
+  // It would write to standard error.
+  kmod_set_log_priority(lookup.context.get(), 0);
+  kmod_list* list = nullptr;
+  const int result = kmod_module_new_from_lookup(lookup.context.get(), module.c_str(), &list);
+  lookup.modules.reset(list);
+  if (result < 0 && result != -ENOENT && result != -ENOSYS) {
+    return moduleFailure(module, "looking for it", -result);
+  }
+  return lookup;
+}
+
+// One that runs and that the folder of modules does not know: the kernel's package has gone.
+Module runningModule(const Lookup& lookup, const std::string& name) {
+  kmod_module* module = nullptr;
+  if (kmod_module_new_from_name(lookup.context.get(), name.c_str(), &module) != 0) return nullptr;
+  Module found(module);
+  return isInKernel(module) ? std::move(found) : nullptr;
+}
+
+template <typename Call>
+Result<void> forEach(const std::optional<std::string>& folder, const std::string& module,
+                     Call call) {
+  const auto lookup = lookUp(folder, module);
+  if (!lookup) return std::unexpected(lookup.error());
+  if (!lookup->modules) {
+    const Module running = runningModule(*lookup, module);
+    if (!running) return moduleFailure(module, "this system has none of that name", ENOENT);
+    return call(running.get());
+  }
+  for (kmod_list* item = lookup->modules.get(); item != nullptr;
+       item = kmod_list_next(lookup->modules.get(), item)) {
+    const Module found(kmod_module_get_module(item));
+    if (auto done = call(found.get()); !done) return done;
+  }
+  return {};
+}
+
+}  // namespace
+
+bool KmodModules::isLoaded(const std::string& module) {
+  bool isLoaded = true;
+  const auto looked = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    isLoaded = isLoaded && isInKernel(found);
+    return {};
+  });
+  return looked && isLoaded;
+}
+
+Result<void> KmodModules::load(const std::string& module) {
+  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    const int result = kmod_module_probe_insert_module(
+        found, KMOD_PROBE_APPLY_BLACKLIST_ALIAS_ONLY | KMOD_PROBE_IGNORE_COMMAND, nullptr, nullptr,
+        nullptr, nullptr);
+    if (result == 0) return {};
+    if (result > 0)
+      return moduleFailure(module, "modprobe.d says that it is not to be loaded", EPERM);
+    return moduleFailure(module, "the kernel does not load it", -result);
+  });
+}
+
+Result<void> KmodModules::unload(const std::string& module) {
+  if (!isLoaded(module)) return moduleFailure(module, "it is not loaded", ENOENT);
+  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    if (kmod_module_get_initstate(found) == KMOD_MODULE_BUILTIN) {
+      return moduleFailure(module, "it is built into the kernel", EBUSY);
+    }
+    const int result = kmod_module_remove_module(found, O_NONBLOCK);
+    if (result == 0) return {};
+    const bool isInUse = result == -EBUSY || result == -EWOULDBLOCK;
+    if (isInUse) return moduleFailure(module, "it is in use", EBUSY);
+    return moduleFailure(module, "the kernel does not unload it", -result);
+  });
+}
+
+}  // namespace platform

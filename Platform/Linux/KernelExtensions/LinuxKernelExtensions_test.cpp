@@ -1,0 +1,390 @@
+#include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/KernelExtensions/KernelExtensions_contract.h"
+#include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
+#include "Platform/Testing/Jobs/FakeJobs.h"
+#include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
+#include "Platform/Testing/KernelExtensions/KeepingHandler.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/Processes/FakeExitWatcher.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// A kernel with modules that a test describes.
+class FakeKernelModules final : public KernelModules {
+ public:
+  bool isLoaded(const std::string& module) override { return loaded.contains(module); }
+  Result<void> load(const std::string& module) override {
+    if (refusal) return std::unexpected(*refusal);
+    loaded.insert(module);
+    return {};
+  }
+  Result<void> unload(const std::string& module) override {
+    if (isInUse) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, module});
+    if (loaded.erase(module) == 1) return {};
+    return std::unexpected(Error{ErrorCode::kNotFound, ENOENT, module});
+  }
+
+  std::set<std::string> loaded;
+  std::optional<Error> refusal;
+  bool isInUse = false;
+};
+
+// Extensions in a folder, with everything below them a fake.
+class Machine final : public ExtensionsMachine {
+ public:
+  Machine() {
+    installProgram(kGood);
+    installProgram(kSilent);
+    offer(kGood);
+  }
+  ~Machine() override {
+    for (const std::string& label : jobs.labels()) {
+      static_cast<void>(jobs.SMJobRemove(kSMDomainSystemLaunchd, label, nullptr, true));
+    }
+  }
+
+  KernelExtensions& extensions() override { return loader; }
+  KernelControls& controls() override { return fakeControls; }
+
+  std::string bundle(const std::string& identifier) const {
+    return folder.path("Library/Extensions/" + identifier + ".kext");
+  }
+  std::string program(const std::string& identifier) const {
+    return bundle(identifier) + "/Contents/Linux/program";
+  }
+  void install(const std::string& identifier, const std::string& keys) {
+    folder.write("Library/Extensions/" + identifier + ".kext/Contents/Info.plist",
+                 "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + identifier +
+                     "</string>" + keys + "</dict></plist>");
+  }
+  void installProgram(const std::string& identifier) {
+    install(identifier, "<key>CFBundleExecutable</key><string>program</string>");
+    signatures.addValid(program(identifier), SecStaticCode::Kind::kProgram, identifier);
+  }
+  void installModule(const std::string& identifier, const std::string& module) {
+    install(identifier, "<key>OSKernelModule</key><string>" + module + "</string>");
+    signatures.addValid(bundle(identifier), SecStaticCode::Kind::kBundle, identifier);
+  }
+  // Whose control listens while the extension runs.
+  void offer(const std::string& identifier) {
+    fakeControls.offer(
+        identifier, [this] { return std::make_unique<KeepingHandler>(kept); },
+        [this, identifier] { return listens && processOf(identifier).has_value(); });
+  }
+  std::optional<ProcessId> processOf(const std::string& identifier) const {
+    return jobs.process(LinuxKernelExtensions::jobLabel(identifier));
+  }
+  Result<void> load(const std::string& identifier, const std::vector<std::string>& folders = {}) {
+    return loader.KextManagerLoadKextWithIdentifier(identifier, folders);
+  }
+  Result<void> unload(const std::string& identifier) {
+    return loader.KextManagerUnloadKextWithIdentifier(identifier);
+  }
+
+  TemporaryFolder folder;
+  VirtualRunLoop loop;
+  FakeLogSink sink;
+  SystemLog log{sink, "test"};
+  FakeExitWatcher watcher{loop};
+  FakeJobs jobs{loop, watcher};
+  FakeCodeSignatures signatures;
+  FakeKernelControls fakeControls{loop};
+  FakeKernelModules modules;
+  KeepingHandler::Kept kept;
+  bool listens = true;
+  LinuxKernelExtensions loader{
+      {loop, jobs, signatures, fakeControls, modules, log},
+      LinuxKernelExtensions::folders(folder.path(), folder.path("resources"))};
+};
+
+std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() { return std::make_unique<Machine>(); }
+
+INSTANTIATE_TEST_SUITE_P(OnFakes, KernelExtensionsContract,
+                         testing::Values(&makeExtensionsMachine));
+
+class LinuxKernelExtensionsTest : public testing::Test {
+ protected:
+  static constexpr const char* kGood = ExtensionsMachine::kGood;
+  static constexpr const char* kSilent = ExtensionsMachine::kSilent;
+
+  void expectRefused(const Result<void>& result, ErrorCode code, const std::string& reason) {
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code, code);
+    EXPECT_THAT(describe(result.error()), HasSubstr(reason));
+    EXPECT_EQ(machine_.sink.count(reason), 1u);
+  }
+
+  Machine machine_;
+};
+
+TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAJobThatIsKeptAlive) {
+  ASSERT_TRUE(machine_.load(kGood));
+  const Value job =
+      machine_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "kext." + std::string(kGood));
+  EXPECT_EQ(job["Program"], Value(machine_.program(kGood)));
+  EXPECT_EQ(job["KeepAlive"], Value(true));
+  EXPECT_EQ(job["ExitTimeOut"], Value(1));
+}
+
+TEST_F(LinuxKernelExtensionsTest, TheSignatureIsCheckedBeforeAnythingRuns) {
+  machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
+                                 {errSecCSSignatureFailed, "is not what was signed"});
+  expectRefused(machine_.load(kGood), ErrorCode::kDenied, "is not what was signed (-67061)");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  machine_.signatures.remove(machine_.program(kGood));
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, WhatWouldNotBeLoadedIsNotAuthenticAndTheReasonIsTold) {
+  machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
+                                 {errSecCSSignatureFailed, "is not what was signed"});
+  const auto refused = machine_.loader.OSKextAuthenticate(kGood);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
+  EXPECT_THAT(refused.error().context, HasSubstr("is not what was signed (-67061)"));
+  EXPECT_EQ(machine_.sink.count("is not what was signed"), 0u);  // Nobody wanted it loaded.
+}
+
+TEST_F(LinuxKernelExtensionsTest, WhatRunsIsToldOfWhateverBecomesOfItsBundle) {
+  ASSERT_TRUE(machine_.load(kGood));
+  const Value process = Value(machine_.processOf(kGood).value());
+  const auto expectTold = [&] {
+    EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood],
+              Value(Dictionary{{kOSBundleProcessKey, process},
+                               {kOSBundlePathKey, machine_.bundle(kGood)}}));
+  };
+  expectTold();
+  machine_.install(kGood, "<broken>");
+  expectTold();
+  machine_.install("com.example.nke.goof", "");
+  std::filesystem::remove_all(machine_.bundle(kGood));
+  expectTold();
+  EXPECT_TRUE(machine_.unload(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgain) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 9});
+  machine_.loop.runReady();
+  ASSERT_FALSE(machine_.processOf(kGood));  // It ran for less than the host's throttle.
+  const auto process = [&] {
+    return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood][kOSBundleProcessKey];
+  };
+  EXPECT_EQ(process(), Value(0));
+  machine_.loop.advanceBy(10s);
+  EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsUnknown) {
+  const auto information = [&] {
+    return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood];
+  };
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(isKextUnknown(information()));
+  machine_.jobs.setReachable(true);
+  EXPECT_TRUE(information().isNil());
+  ASSERT_TRUE(machine_.load(kGood));
+  EXPECT_FALSE(isKextUnknown(information()));
+  EXPECT_FALSE(information().isNil());
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(isKextUnknown(information()));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OfAModuleTheKernelTellsWithoutTheJobHost) {
+  constexpr char kModule[] = "com.example.module";
+  machine_.installModule(kModule, "example_module");
+  machine_.fakeControls.offer(kModule,
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kModule}).empty());
+  machine_.jobs.setReachable(true);
+  ASSERT_TRUE(machine_.load(kModule));
+  machine_.jobs.setReachable(false);
+  EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kModule})[kModule][kOSBundlePathKey],
+            Value(machine_.bundle(kModule)));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {
+  const std::string other = machine_.folder.path("Library/Extensions/A.kext");
+  std::filesystem::copy(machine_.bundle(kGood), other, std::filesystem::copy_options::recursive);
+  expectRefused(machine_.load(kGood), ErrorCode::kInvalid, "both claim to be it");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  EXPECT_FALSE(machine_.loader.OSKextAuthenticate(kGood));
+  std::filesystem::remove_all(other);
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsWaitedForFiveSeconds) {
+  const Instant before = machine_.loop.now();
+  machine_.listens = false;
+  machine_.loop.scheduleOutsideEvent(4999ms, [&] { machine_.listens = true; });
+  EXPECT_TRUE(machine_.load(kGood));
+  EXPECT_LT(machine_.loop.now() - before, 5100ms);
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatListensTooLateIsEndedAgain) {
+  machine_.listens = false;
+  machine_.loop.scheduleOutsideEvent(5100ms, [&] { machine_.listens = true; });
+  const auto refused = machine_.load(kGood);
+  expectRefused(refused, ErrorCode::kNotFound, "its control does not listen after 5 s");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatRunsAndDoesNotListenFailsAndIsLeftAlone) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.listens = false;
+  const Instant before = machine_.loop.now();
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_GE(machine_.loop.now() - before, 5s);
+  EXPECT_TRUE(machine_.processOf(kGood));
+  EXPECT_TRUE(machine_.unload(kGood));  // By force, since it can't be asked.
+  EXPECT_FALSE(machine_.processOf(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatHangsIsUnloadedByForce) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.fakeControls.setHanging(kGood, true);
+  machine_.jobs.ignoreTermination("kext." + std::string(kGood));
+  const Instant before = machine_.loop.now();
+  EXPECT_TRUE(machine_.unload(kGood));
+  EXPECT_LE(machine_.loop.now() - before, 2s + 100ms);  // Its answer, and its end.
+  EXPECT_FALSE(machine_.processOf(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, OneThatCrashesIsStartedAgainByTheHost) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.loop.advanceBy(10s);
+  machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 11});
+  machine_.loop.runReady();
+  EXPECT_TRUE(machine_.processOf(kGood));
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+// Whoever needs one that never becomes usable unloads and loads it again and again.
+TEST_F(LinuxKernelExtensionsTest, NoExtensionIsStartedMoreThanThreeTimesAMinute) {
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(machine_.load(kGood)) << i;
+    ASSERT_TRUE(machine_.unload(kGood)) << i;
+    machine_.loop.advanceBy(1s);
+  }
+  expectRefused(machine_.load(kGood), ErrorCode::kExhausted,
+                "was started 3 times within a minute; not again within 57 s");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  machine_.offer(kSilent);
+  EXPECT_TRUE(machine_.load(kSilent));  // Another one's starts are its own.
+  machine_.loop.advanceBy(57s - 1ns);
+  EXPECT_FALSE(machine_.load(kGood));
+  machine_.loop.advanceBy(1ns);
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AnExtensionThatIsLoadedCountsAsNoStart) {
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AHostThatStartsNothingIsTheReason) {
+  machine_.jobs.setUnstartable(machine_.program(kGood), "no such interpreter");
+  expectRefused(machine_.load(kGood), ErrorCode::kSystem, "no such interpreter");
+}
+
+TEST_F(LinuxKernelExtensionsTest, AHostThatDoesNotAnswerLeavesAllAsItIs) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.jobs.setReachable(false);
+  expectRefused(machine_.load(kGood), ErrorCode::kSystem, "the job host does not tell");
+  const auto unloaded = machine_.unload(kGood);
+  ASSERT_FALSE(unloaded);
+  EXPECT_THAT(unloaded.error().context, testing::HasSubstr("the job host does not tell"));
+  machine_.jobs.setReachable(true);
+  EXPECT_TRUE(machine_.unload(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsUnloadedWithoutTheJobHost) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.fakeControls.offer("com.example.module",
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  ASSERT_TRUE(machine_.load("com.example.module"));
+  machine_.jobs.setReachable(false);
+  EXPECT_TRUE(machine_.unload("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedByTheKernel) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.fakeControls.offer("com.example.module",
+                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
+  ASSERT_TRUE(machine_.load("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({"com.example.module"})
+                  .contains("com.example.module"));
+  EXPECT_TRUE(machine_.load("com.example.module"));
+  machine_.modules.isInUse = true;
+  const auto inUse = machine_.unload("com.example.module");
+  ASSERT_FALSE(inUse);
+  EXPECT_EQ(inUse.error().osError, EBUSY);
+  machine_.modules.isInUse = false;
+  EXPECT_TRUE(machine_.unload("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModulesBundleIsCheckedFirst) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.signatures.addRefused(machine_.bundle("com.example.module"),
+                                 SecStaticCode::Kind::kBundle,
+                                 {errSecCSBadResource, "Info.plist was changed"});
+  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied, "Info.plist was changed");
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AKernelThatTakesNoModulesIsTheReason) {
+  machine_.installModule("com.example.module", "example_module");
+  machine_.modules.refusal = Error{ErrorCode::kDenied, EPERM, "the kernel does not load it"};
+  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied,
+                "the kernel does not load it");
+}
+
+// Otherwise its user would connect and load in turn for ever.
+TEST_F(LinuxKernelExtensionsTest, AModuleWithoutAControlIsUnloadedAgain) {
+  machine_.installModule("com.example.module", "example_module");
+  EXPECT_FALSE(machine_.load("com.example.module"));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, ResourcesAndFoldersOfTheCallerAreLookedIntoToo) {
+  const auto move = [&](const std::string& to) {
+    std::filesystem::create_directories(std::filesystem::path(to).parent_path());
+    std::filesystem::rename(machine_.bundle(kGood), to);
+    return machine_.loader.KextManagerCreateURLForBundleIdentifier(kGood);
+  };
+  const std::string inResources = machine_.folder.path("resources/G.kext");
+  EXPECT_EQ(move(inResources), inResources);
+  std::filesystem::create_directories(machine_.folder.path("elsewhere"));
+  const std::string elsewhere = machine_.folder.path("elsewhere/G.kext");
+  std::filesystem::rename(inResources, elsewhere);
+  machine_.signatures.addValid(elsewhere + "/Contents/Linux/program", SecStaticCode::Kind::kProgram,
+                               kGood);
+  EXPECT_FALSE(machine_.load(kGood));
+  EXPECT_TRUE(machine_.load(kGood, {elsewhere}));
+  EXPECT_TRUE(machine_.unload(kGood));
+  EXPECT_TRUE(machine_.load(kGood, {machine_.folder.path("elsewhere")}));
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,113 @@
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+
+#include <cerrno>
+#include <climits>
+#include <optional>
+#include <vector>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Digests/Digest.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kConnectionsFolder = "/run/vantor/connections";
+constexpr std::string_view kMachFolder = "/run/vantor/mach";
+constexpr std::string_view kDigestMark = "sha256-";
+constexpr mode_t kConnectionsFolderMode = 01775;
+constexpr std::size_t kMaxGroupEntry = std::size_t{1} << 20;
+
+bool isFileName(std::string_view name) {
+  return !name.empty() && name.size() <= NAME_MAX && name.front() != '.' &&
+         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::string digestOf(std::string_view name) {
+  const std::vector<std::uint8_t> bytes(name.begin(), name.end());
+  return std::string(kDigestMark) + hexadecimalText(CC_SHA256(bytes));
+}
+
+std::string pathIn(std::string_view folder, std::string_view root, std::string_view name) {
+  const bool asItIs = isFileName(name) && !name.starts_with(kDigestMark);
+  return fmt::format("{}{}/{}", root == "/" ? "" : root, folder, asItIs ? name : digestOf(name));
+}
+
+ErrorCode codeOfFolderError(int number) {
+  if (number == ENOENT) return ErrorCode::kNotFound;
+  // ELOOP and ENOTDIR: somebody has put something else in the folder's place.
+  return number == EACCES || number == EPERM || number == ELOOP || number == ENOTDIR
+             ? ErrorCode::kDenied
+             : ErrorCode::kSystem;
+}
+
+std::unexpected<Error> folderFailure(std::string what) {
+  return std::unexpected(systemError(std::move(what), codeOfFolderError(errno)));
+}
+
+Result<gid_t> groupNumber(const std::string& name) {
+  std::vector<char> buffer(1024);
+  group entry{};
+  group* found = nullptr;
+  int number = ERANGE;
+  while ((number = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) ==
+             ERANGE &&
+         buffer.size() < kMaxGroupEntry)
+    buffer.resize(buffer.size() * 2);
+  if (found != nullptr) return found->gr_gid;
+  return std::unexpected(
+      Error{ErrorCode::kNotFound, number, fmt::format("there is no group \"{}\"", name)});
+}
+
+Result<UniqueFd> makeAndOpen(const std::string& path) {
+  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    if (::mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
+      return folderFailure("making " + path.substr(0, slash));
+  }
+  if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return folderFailure("making " + path);
+  UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder) return folderFailure("opening " + path);
+  struct stat status{};
+  if (::fstat(folder.get(), &status) != 0) return folderFailure("looking at " + path);
+  if (status.st_uid != ::geteuid())
+    return std::unexpected(
+        Error{ErrorCode::kDenied, 0, fmt::format("{} belongs to user {}", path, status.st_uid)});
+  return folder;
+}
+
+}  // namespace
+
+std::string pathOfConnection(std::string_view root, std::string_view name) {
+  return pathIn(kConnectionsFolder, root, name);
+}
+
+std::string pathOfMachService(std::string_view root, std::string_view name) {
+  return pathIn(kMachFolder, root, name);
+}
+
+Result<void> makeConnectionsFolder(const PlatformConfiguration& configuration) {
+  std::optional<gid_t> group;
+  if (configuration.group) {
+    const auto number = groupNumber(*configuration.group);
+    if (!number) return std::unexpected(number.error());
+    group = *number;
+  }
+  std::string path(configuration.root == "/" ? "" : configuration.root);
+  path += kConnectionsFolder;
+  const auto folder = makeAndOpen(path);
+  if (!folder) return std::unexpected(folder.error());
+  if (group && ::fchown(folder->get(), static_cast<uid_t>(-1), *group) != 0)
+    return folderFailure(fmt::format("giving {} to the group \"{}\"", path, *configuration.group));
+  if (::fchmod(folder->get(), kConnectionsFolderMode) != 0)
+    return folderFailure("setting the mode of " + path);
+  return {};
+}
+
+}  // namespace platform

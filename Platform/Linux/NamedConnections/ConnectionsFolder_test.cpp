@@ -1,0 +1,122 @@
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+
+#include <cerrno>
+#include <climits>
+#include <string>
+#include <string_view>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kFolder = "/run/vantor/connections/";
+
+std::string fileNameOf(std::string_view name) {
+  const std::string path = pathOfConnection("/root", name);
+  const std::size_t folder = path.find(kFolder);
+  EXPECT_EQ(folder, std::string_view("/root").size()) << path;
+  return path.substr(folder + kFolder.size());
+}
+
+TEST(ConnectionNamesTest, ANameIsItsOwnFileName) {
+  EXPECT_EQ(fileNameOf("com.vantor.service.configd.status"), "com.vantor.service.configd.status");
+  EXPECT_EQ(pathOfConnection("/", "name"), "/run/vantor/connections/name");
+}
+
+TEST(ConnectionNamesTest, ALongerNameThanAFileNameAllowsIsStoredByItsDigest) {
+  EXPECT_EQ(fileNameOf(std::string(NAME_MAX - 1, 'n')), std::string(NAME_MAX - 1, 'n'));
+  EXPECT_EQ(fileNameOf(std::string(NAME_MAX, 'n')), std::string(NAME_MAX, 'n'));
+  const std::string digest = fileNameOf(std::string(NAME_MAX + 1, 'n'));
+  EXPECT_TRUE(digest.starts_with("sha256-")) << digest;
+  EXPECT_EQ(digest.size(), 7u + 64u);
+  EXPECT_NE(digest, fileNameOf(std::string(NAME_MAX + 1, 'm')));
+}
+
+TEST(ConnectionNamesTest, ANameThatLeadsElsewhereIsStoredByItsDigest) {
+  for (const std::string_view name :
+       {std::string_view(""), std::string_view("."), std::string_view(".."),
+        std::string_view(".lock"), std::string_view("../launchd"), std::string_view("a/b"),
+        std::string_view("a\0b", 3)}) {
+    EXPECT_TRUE(fileNameOf(name).starts_with("sha256-")) << name;
+  }
+  EXPECT_EQ(fileNameOf("a/b"),
+            "sha256-c14cddc033f64b9dea80ea675cf280a015e672516090a5626781153dc68fea11");
+}
+
+TEST(ConnectionNamesTest, ANameThatLooksLikeADigestIsNotTheNameThatHasThatDigest) {
+  EXPECT_NE(fileNameOf(fileNameOf("a/b")), fileNameOf("a/b"));
+}
+
+class ConnectionsFolderTest : public testing::Test {
+ protected:
+  ConnectionsFolderTest() { configuration_.root = folder_.path(); }
+
+  std::string path() const { return folder_.path("run/vantor/connections"); }
+  mode_t mode() const {
+    struct stat status{};
+    EXPECT_EQ(::stat(path().c_str(), &status), 0);
+    return status.st_mode & 07777;
+  }
+
+  const TemporaryFolder folder_;
+  PlatformConfiguration configuration_;
+};
+
+TEST_F(ConnectionsFolderTest, LetsTheGroupRegisterNamesAndNobodyRemoveAnothers) {
+  const mode_t before = ::umask(077);
+  const auto made = makeConnectionsFolder(configuration_);
+  ::umask(before);
+  ASSERT_TRUE(made) << describe(made.error());
+  EXPECT_EQ(mode(), 01775u);
+}
+
+TEST_F(ConnectionsFolderTest, IsMendedWhereItExists) {
+  ASSERT_TRUE(makeConnectionsFolder(configuration_));
+  ASSERT_EQ(::chmod(path().c_str(), 0777), 0);
+  ASSERT_TRUE(makeConnectionsFolder(configuration_));
+  EXPECT_EQ(mode(), 01775u);
+}
+
+TEST_F(ConnectionsFolderTest, IsNotMadeForAGroupThatDoesNotExist) {
+  configuration_.group = "no-such-group-here";
+  const auto made = makeConnectionsFolder(configuration_);
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().code, ErrorCode::kNotFound);
+  EXPECT_EQ(made.error().context, "there is no group \"no-such-group-here\"");
+  EXPECT_NE(::access(path().c_str(), F_OK), 0);
+}
+
+TEST_F(ConnectionsFolderTest, IsGivenToItsGroup) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may give a folder to any group";
+  configuration_.group = "daemon";
+  ASSERT_TRUE(makeConnectionsFolder(configuration_));
+  struct stat status{};
+  ASSERT_EQ(::stat(path().c_str(), &status), 0);
+  EXPECT_NE(status.st_gid, ::getegid());
+}
+
+TEST_F(ConnectionsFolderTest, ASymbolicLinkInItsPlaceIsRefused) {
+  folder_.write("run/vantor/elsewhere/file", "");
+  ASSERT_EQ(::symlink("elsewhere", path().c_str()), 0);
+  const auto made = makeConnectionsFolder(configuration_);
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().code, ErrorCode::kDenied);
+}
+
+TEST_F(ConnectionsFolderTest, AFolderOfAnotherUsersIsRefused) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make one";
+  ASSERT_TRUE(makeConnectionsFolder(configuration_));
+  ASSERT_EQ(::chown(path().c_str(), 12345, 12345), 0);
+  const auto made = makeConnectionsFolder(configuration_);
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().code, ErrorCode::kDenied);
+  EXPECT_EQ(made.error().context, path() + " belongs to user 12345");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,449 @@
+#include "Platform/Linux/Notifications/BusNotificationCenter.h"
+
+#include <utility>
+#include <vector>
+
+#include <poll.h>
+
+#include "Platform/Linux/DBus/DBusConnecting.h"
+#include "Platform/Linux/DBus/DBusValues.h"
+#include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Peers/PeerMessageRules.h"
+#include "Platform/Texts/StringFormat.h"
+
+namespace platform {
+namespace {
+
+constexpr char kPath[] = "/com/vantor/DistributedNotification";
+constexpr char kInterface[] = "com.vantor.DistributedNotification";
+constexpr char kMember[] = "Posted";
+
+constexpr char kBus[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+
+constexpr std::chrono::milliseconds kRetryTime{500};
+
+// What may have come and not been looked at; a bus that sends more waits.
+constexpr long kMaximumReceivedBytes = 1L << 20;
+
+// Empty where the address is no socket's path.
+std::string socketPathOf(const std::string& address) {
+  DBusErrorText error;
+  DBusAddressEntry** entries = nullptr;
+  int count = 0;
+  if (!dbus_parse_address(address.c_str(), &entries, &count, error.get())) return {};
+  const char* path = nullptr;
+  if (count > 0 && std::string_view(dbus_address_entry_get_method(entries[0])) == "unix")
+    path = dbus_address_entry_get_value(entries[0], "path");
+  std::string result = path != nullptr ? path : "";
+  dbus_address_entries_free(entries);
+  return result;
+}
+
+std::string quotedForMatchRule(std::string_view text) {
+  std::string result = "'";
+  for (const char character : text) {
+    if (character == '\'') {
+      result += "'\\''";  // Ends the quoting, an apostrophe, begins it again.
+    } else {
+      result += character;
+    }
+  }
+  return result + "'";
+}
+
+// What the bus is asked to send us. A name that does not fit into a rule is picked out here.
+std::string ruleFor(const std::optional<std::string>& name) {
+  const std::string all = stringWithFormat("type='signal',interface='%s',member='%s',path='%s'",
+                                           kInterface, kMember, kPath);
+  if (!name || name->find('\0') != std::string::npos || !dbus_validate_utf8(name->c_str(), nullptr))
+    return all;
+  std::string rule = all + ",arg0=" + quotedForMatchRule(*name);
+  return rule.size() <= kMaxMatchRuleBytes ? rule : all;
+}
+
+std::unexpected<Error> failed(ErrorCode code, std::string what) {
+  return std::unexpected(Error{code, 0, std::move(what)});
+}
+
+std::unexpected<Error> outOfMemory() { return failed(ErrorCode::kExhausted, "there is no memory"); }
+
+UniqueDBusMessage busCall(const char* method) {
+  return UniqueDBusMessage(dbus_message_new_method_call(kBus, kBusPath, kBus, method));
+}
+
+std::size_t sizeOf(DBusMessage* message) {
+  char* bytes = nullptr;
+  int size = 0;
+  if (!dbus_message_marshal(message, &bytes, &size)) return SIZE_MAX;
+  dbus_free(bytes);
+  return static_cast<std::size_t>(size);
+}
+
+// What libdbus itself puts behind all that the bus sent.
+bool isEndOfConnection(const UniqueDBusMessage& message) {
+  return dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected");
+}
+
+// libdbus itself takes no notice of a peer's end before it reads.
+bool hasEnded(Descriptor descriptor) {
+  pollfd entry{.fd = descriptor, .events = 0, .revents = 0};
+  return descriptor < 0 || (::poll(&entry, 1, 0) == 1 && entry.revents != 0);
+}
+
+bool appendObject(DBusMessageIter* into, const std::optional<std::string>& object) {
+  DBusMessageIter array;
+  if (!dbus_message_iter_open_container(into, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING, &array))
+    return false;
+  if (object) {
+    const char* text = object->c_str();
+    if (!dbus_message_iter_append_basic(&array, DBUS_TYPE_STRING, &text)) {
+      dbus_message_iter_abandon_container(into, &array);
+      return false;
+    }
+  }
+  return dbus_message_iter_close_container(into, &array);
+}
+
+Result<UniqueDBusMessage> encodeNotification(const DistributedNotification& notification) {
+  if (auto possible = checkDistributedNotification(notification); !possible)
+    return std::unexpected(std::move(possible.error()));
+  // As one message: its rules are those of every text and value that libdbus is handed.
+  Array parts{notification.name};
+  if (notification.object) parts.emplace_back(*notification.object);
+  if (!notification.userInfo.isNil()) parts.push_back(notification.userInfo);
+  const auto size = peerBodyBytes(parts);
+  if (!size) return std::unexpected(size.error());
+  if (*size > kMaxNotificationBytes)
+    return failed(ErrorCode::kExhausted, stringWithFormat("it has %lu bytes, more than %lu", *size,
+                                                          kMaxNotificationBytes));
+
+  UniqueDBusMessage message(dbus_message_new_signal(kPath, kInterface, kMember));
+  if (!message) return outOfMemory();
+  DBusMessageIter arguments;
+  dbus_message_iter_init_append(message.get(), &arguments);
+  const char* name = notification.name.c_str();
+  if (!dbus_message_iter_append_basic(&arguments, DBUS_TYPE_STRING, &name) ||
+      !appendObject(&arguments, notification.object) ||
+      (!notification.userInfo.isNil() && !appendVariant(&arguments, notification.userInfo)))
+    return outOfMemory();
+  return message;
+}
+
+std::optional<std::string> readText(DBusMessageIter* from) {
+  if (dbus_message_iter_get_arg_type(from) != DBUS_TYPE_STRING) return std::nullopt;
+  const char* text = nullptr;
+  dbus_message_iter_get_basic(from, &text);
+  return text;
+}
+
+// Nothing for what no centre of ours sends: whoever may post is the bus's business, not what.
+std::optional<DistributedNotification> decode(DBusMessage& signal) {
+  DBusMessageIter arguments;
+  if (!dbus_message_is_signal(&signal, kInterface, kMember) ||
+      !dbus_message_iter_init(&signal, &arguments))
+    return std::nullopt;
+  auto name = readText(&arguments);
+  if (!name || !dbus_message_iter_next(&arguments) ||
+      dbus_message_iter_get_arg_type(&arguments) != DBUS_TYPE_ARRAY ||
+      dbus_message_iter_get_element_type(&arguments) != DBUS_TYPE_STRING)
+    return std::nullopt;
+  DBusMessageIter objects;
+  dbus_message_iter_recurse(&arguments, &objects);
+  DistributedNotification notification{*std::move(name), readText(&objects)};
+  if (dbus_message_iter_next(&arguments)) {
+    auto userInfo = DBusValueReader().read(&arguments);
+    if (!userInfo || userInfo->dictionary() == nullptr) return std::nullopt;
+    notification.userInfo = *std::move(userInfo);
+  }
+  return notification;
+}
+
+}  // namespace
+
+class BusNotificationCenter::Observer final : public Observation {
+ public:
+  Observer(std::shared_ptr<DistributedObservers::Entry> entry, std::string rule,
+           std::weak_ptr<BusNotificationCenter*> center)
+      : entry_(std::move(entry)), rule_(std::move(rule)), center_(std::move(center)) {}
+  ~Observer() override {
+    entry_.reset();
+    if (const auto center = center_.lock()) (*center)->forget(rule_);
+  }
+
+ private:
+  std::shared_ptr<DistributedObservers::Entry> entry_;  // shared with a delivery under way
+  std::string rule_;
+  std::weak_ptr<BusNotificationCenter*> center_;
+};
+
+BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string address, SystemLog& log,
+                                             Duration confirmationTime)
+    : loop_(loop),
+      address_(std::move(address)),
+      socketPath_(socketPathOf(address_)),
+      log_(log),
+      confirmationTime_(confirmationTime),
+      alive_(std::make_shared<BusNotificationCenter*>(this)) {
+  if (!socketPath_.empty()) {
+    connect();
+    return;
+  }
+  const AslClient client{"DistributedNotificationCenter", "com.vantor.platform"};
+  log_.asl_log(&client, ASL_LEVEL_ERR,
+               stringWithFormat("The address of the notification bus is \"%@\", expected "
+                                "\"unix:path=\" and a path: there are no notifications",
+                                address_));
+}
+
+BusNotificationCenter::~BusNotificationCenter() = default;
+
+void BusNotificationCenter::connect() {
+  // Anybody may have filled the bus's backlog: connecting must not wait for its turn.
+  auto socket = connectToSocket(socketPath_, Duration::zero());
+  if (!socket) return connectAfter(kRetryTime);
+  auto connection = openOverSocket(*std::move(socket));
+  if (!connection) return connectAfter(kRetryTime);
+  connection_ = *std::move(connection);
+  connectedAt_ = loop_.now();
+  dbus_connection_set_exit_on_disconnect(connection_.get(), 0);
+  dbus_connection_set_max_message_size(connection_.get(), 2 * kMaxNotificationBytes);
+  dbus_connection_set_max_received_size(connection_.get(), kMaximumReceivedBytes);
+  dbus_connection_set_max_message_unix_fds(connection_.get(), 0);
+  auto sources = DBusSources::attach(
+      loop_, connection_.get(),
+      {.dispatch = [this] { dispatch(); }, .peerEnded = [this] { peerEnded(); }, .handled = {}});
+  if (!sources) return lost();
+  sources_ = std::move(*sources);
+  if (!sayHello()) lost();
+}
+
+void BusNotificationCenter::connectAfter(Duration delay) {
+  retry_ = loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this] { connect(); });
+}
+
+void BusNotificationCenter::peerEnded() {
+  // What the bus sent before its end counts; it is delivered when its turn comes.
+  do {
+    keepSignals();
+  } while (sources_->handleWithin(Duration::zero()) == DBusSources::Handled::kSome);
+  lost();
+}
+
+void BusNotificationCenter::keepSignals() {
+  while (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
+    if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) {
+      stash_.push_back(std::move(message));
+    } else {
+      handleReply(*message);
+    }
+  }
+}
+
+void BusNotificationCenter::lost() {
+  if (connection_) keepSignals();
+  // Its end is dealt with here; when the stash's turn comes it would pass for the next one's.
+  std::erase_if(stash_, isEndOfConnection);
+  sources_.reset();
+  connection_.reset();
+  // The next bus has the same socket, which is there already: whoever waits at it before the bus
+  // starts hears also what is posted first. One that ends us as soon as we come is given time.
+  const bool wasRegistered = std::exchange(registered_, false);
+  const bool hasLasted = wasRegistered && loop_.now() - connectedAt_ >= kRetryTime;
+  mayHaveMissed_ = true;
+  awaited_.clear();
+  loseEarlyPosts();
+  if (!stash_.empty()) dispatchLater();
+  connectAfter(hasLasted ? Duration::zero() : kRetryTime);
+}
+
+void BusNotificationCenter::loseEarlyPosts() {
+  earlyBytes_ = 0;
+  for (const EarlyPost& post : std::exchange(early_, {})) {
+    logLostPost(log_, post.name,
+                Error{ErrorCode::kNotFound, 0,
+                      "the notification bus at " + address_ + " has gone before it answered"});
+  }
+}
+
+void BusNotificationCenter::dispatchLater() {
+  loop_.post([center = std::weak_ptr(alive_)] {
+    if (const auto alive = center.lock()) (*alive)->dispatch();
+  });
+}
+
+bool BusNotificationCenter::sayHello() {
+  const UniqueDBusMessage hello = busCall("Hello");
+  std::uint32_t serial = 0;
+  if (!hello || !dbus_connection_send(connection_.get(), hello.get(), &serial)) return false;
+  awaited_.emplace(serial, Awaited::kHello);
+  // Behind it in the bus's order, so that nothing that is posted after them is missed.
+  for (const auto& [rule, users] : rules_) requestMatch(rule);
+  return true;
+}
+
+void BusNotificationCenter::registered() {
+  registered_ = true;
+  // Nothing goes into a connection that has ended: lost(), which is to come, says what is lost.
+  if (!sources_ || hasEnded(sources_->descriptor())) return;
+  for (const EarlyPost& post : early_)
+    dbus_connection_send(connection_.get(), post.message.get(), nullptr);
+  early_.clear();
+  earlyBytes_ = 0;
+}
+
+std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCenter::addObserver(
+    std::optional<std::string> name, std::optional<std::string> object, Handler handler,
+    NSNotificationSuspensionBehavior /*behavior*/) {
+  std::string rule = ruleFor(name);
+  auto entry = observers_.add(std::move(name), std::move(object), std::move(handler));
+  observe(rule);
+  return std::make_unique<Observer>(std::move(entry), std::move(rule), alive_);
+}
+
+void BusNotificationCenter::observe(const std::string& rule) {
+  if (rules_[rule]++ > 0) return;
+  // One wait is enough for a bus that does not answer.
+  const bool isAnswering = connection_ && !mayHaveMissed_;
+  if (connection_ && requestMatch(rule) && isAnswering) waitForConfirmation();
+  if (!registered_ || !awaited_.empty()) mayHaveMissed_ = true;
+}
+
+void BusNotificationCenter::forget(const std::string& rule) {
+  const auto found = rules_.find(rule);
+  if (--found->second > 0) return;
+  rules_.erase(found);
+  if (!connection_) return;
+  const UniqueDBusMessage message = busCall("RemoveMatch");
+  const char* text = rule.c_str();
+  if (!message ||
+      !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
+    return;  // What comes for nobody is dropped.
+  dbus_message_set_no_reply(message.get(), 1);
+  dbus_connection_send(connection_.get(), message.get(), nullptr);
+}
+
+bool BusNotificationCenter::requestMatch(const std::string& rule) {
+  const UniqueDBusMessage message = busCall("AddMatch");
+  const char* text = rule.c_str();
+  std::uint32_t serial = 0;
+  if (!message ||
+      !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) ||
+      !dbus_connection_send(connection_.get(), message.get(), &serial))
+    return false;
+  awaited_.emplace(serial, Awaited::kMatch);
+  return true;
+}
+
+void BusNotificationCenter::waitForConfirmation() {
+  const Instant deadline = loop_.now() + confirmationTime_;
+  while (connection_ && !awaited_.empty()) {
+    keepSignals();
+    if (!stash_.empty()) sources_->scheduleDispatch();
+    if (awaited_.empty() || loop_.now() >= deadline) return;
+    if (sources_->handleWithin(deadline - loop_.now()) == DBusSources::Handled::kNothingToWaitFor)
+      return;
+    if (!dbus_connection_get_is_connected(connection_.get())) return;  // Its death is on its way.
+  }
+}
+
+void BusNotificationCenter::postNotificationName(std::string_view name,
+                                                 std::optional<std::string> object, Value userInfo,
+                                                 NSNotificationPosting /*posting*/) {
+  DistributedNotification notification{std::string(name), std::move(object), std::move(userInfo)};
+  if (std::this_thread::get_id() == thread_) return send(notification);
+  loop_.post([center = std::weak_ptr(alive_), notification = std::move(notification)] {
+    if (const auto alive = center.lock()) (*alive)->send(notification);
+  });
+}
+
+void BusNotificationCenter::send(const DistributedNotification& notification) {
+  if (const auto sent = trySend(notification); !sent)
+    logLostPost(log_, notification.name, sent.error());
+}
+
+Result<void> BusNotificationCenter::trySend(const DistributedNotification& notification) {
+  auto message = encodeNotification(notification);
+  if (!message) return std::unexpected(std::move(message.error()));
+  if (!connection_)
+    return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
+  if (!registered_) return queue({notification.name, *std::move(message)});
+  const auto unsent =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
+  // It may be above the limit: the requests for signals are not held back.
+  if (unsent >= kMaxUnsentNotificationBytes ||
+      (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent))
+    return failed(ErrorCode::kExhausted, "the notification bus does not read");
+  if (hasEnded(sources_->descriptor()))
+    return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " has gone");
+  if (!dbus_connection_send(connection_.get(), message->get(), nullptr)) return outOfMemory();
+  return {};
+}
+
+Result<void> BusNotificationCenter::queue(EarlyPost post) {
+  const std::size_t size = sizeOf(post.message.get());
+  if (size > kMaxUnsentNotificationBytes - earlyBytes_)
+    return failed(ErrorCode::kExhausted, "the notification bus does not answer");
+  earlyBytes_ += size;
+  early_.push_back(std::move(post));
+  return {};
+}
+
+void BusNotificationCenter::dispatch() {
+  UniqueDBusMessage message;
+  if (!stash_.empty()) {
+    message = std::move(stash_.front());
+    stash_.pop_front();
+  } else if (connection_) {
+    message.reset(dbus_connection_pop_message(connection_.get()));
+  }
+  if (!message) return;
+  if (isEndOfConnection(message)) return lost();
+  // One at a time: what is more urgent comes in between.
+  if (sources_) {
+    sources_->scheduleDispatch();
+  } else if (!stash_.empty()) {
+    dispatchLater();
+  }
+  if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL) {
+    handleSignal(*message);
+  } else {
+    handleReply(*message);
+  }
+}
+
+void BusNotificationCenter::handleReply(DBusMessage& reply) {
+  const auto found = awaited_.find(dbus_message_get_reply_serial(&reply));
+  if (found == awaited_.end()) return;
+  const Awaited what = found->second;
+  awaited_.erase(found);
+  const bool refused = dbus_message_get_type(&reply) == DBUS_MESSAGE_TYPE_ERROR;
+  if (refused) {
+    DBusErrorText error;
+    dbus_set_error_from_message(error.get(), &reply);
+    const AslClient client{"DistributedNotificationCenter", "com.vantor.platform"};
+    log_.asl_log(&client, ASL_LEVEL_WARNING,
+                 stringWithFormat("The notification bus at %@ refuses %s: %s", address_,
+                                  what == Awaited::kHello ? "us" : "an observer", error.text()));
+  } else if (what == Awaited::kHello) {
+    registered();
+  }
+  if (mayHaveMissed_ && registered_ && awaited_.empty()) tellOfReturn();
+}
+
+// Later: a reply may be looked at while an observer is being added, or when its bus has gone; then
+// the next bus's return is told.
+void BusNotificationCenter::tellOfReturn() {
+  mayHaveMissed_ = false;
+  loop_.post([center = std::weak_ptr(alive_)] {
+    const auto alive = center.lock();
+    if (alive && (*alive)->registered_) (*alive)->returnObservers_.tell();
+  });
+}
+
+void BusNotificationCenter::handleSignal(DBusMessage& signal) {
+  if (const auto notification = decode(signal)) observers_.deliver(*notification);
+}
+
+}  // namespace platform

@@ -1,0 +1,345 @@
+#include "Platform/Linux/Peers/DBusPeerLink.h"
+
+#include <algorithm>
+#include <deque>
+#include <string>
+#include <tuple>
+#include <utility>
+
+extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
+#include <sys/pidfd.h>
+}
+#include <csignal>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Peers/PeerLimits.h"
+
+#ifndef SO_PEERPIDFD  // Newer than this C library.
+#define SO_PEERPIDFD 77
+#endif
+
+namespace platform {
+
+namespace {
+
+bool isAnswer(DBusMessage* message) {
+  const int type = dbus_message_get_type(message);
+  return type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
+}
+
+}  // namespace
+
+// The right to answer, which counts against the peer until it is given back.
+class DBusPeerLink::Reply final : public PeerReply {
+ public:
+  Reply(std::shared_ptr<DBusPeerLink> link, std::uint32_t serial)
+      : link_(std::move(link)), serial_(serial) {}
+  Reply(const Reply&) = delete;
+  Reply& operator=(const Reply&) = delete;
+  ~Reply() override {
+    if (link_) link_->releaseAnswer();
+  }
+
+  Result<void> answer(const PeerResult& result) override {
+    const std::shared_ptr<DBusPeerLink> link = std::move(link_);
+    if (!link) return std::unexpected(Error{ErrorCode::kInvalid, 0, "a second answer"});
+    link->releaseAnswer();
+    return link->answer(serial_, result);
+  }
+
+ private:
+  std::shared_ptr<DBusPeerLink> link_;  // none once it is answered
+  const std::uint32_t serial_;
+};
+
+Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
+                                                           UniqueDBusConnection connection,
+                                                           WhileWaiting whileWaiting,
+                                                           PeerMessageContents contents) {
+  int socket = -1;
+  if (!dbus_connection_get_socket(connection.get(), &socket)) {
+    return std::unexpected(Error{ErrorCode::kSystem, 0, "a D-Bus connection without a socket"});
+  }
+  ucred credentials{};
+  socklen_t length = sizeof(credentials);
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+    return std::unexpected(systemError("SO_PEERCRED"));
+  }
+  auto link =
+      std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, contents, socket);
+  link->peer_ = {credentials.pid, credentials.uid, credentials.gid};
+  DBusPeerLink* self = link.get();  // It outlives its sources.
+  auto sources = DBusSources::attach(loop, link->connection_.get(),
+                                     {.dispatch = [self] { self->dispatch(); },
+                                      .peerEnded = [self] { self->die(); },
+                                      .handled = {}});
+  if (!sources) return std::unexpected(std::move(sources.error()));
+  link->sources_ = std::move(*sources);
+  return link;
+}
+
+DBusPeerLink::DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection,
+                           WhileWaiting whileWaiting, PeerMessageContents contents, int socket)
+    : loop_(loop),
+      socket_(socket),
+      whileWaiting_(whileWaiting),
+      contents_(contents),
+      connection_(std::move(connection)),
+      handlers_(std::make_shared<PeerHandlers>()),
+      unreadFiles_(socket) {
+  dbus_connection_set_exit_on_disconnect(connection_.get(), false);
+  dbus_connection_set_max_received_unix_fds(connection_.get(), kMaxPeerDescriptors);
+  allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
+}
+
+// Those that are read and not yet handled may be as much as one message; with the one under way
+// that is all that a peer makes us hold.
+void DBusPeerLink::allowMessages(std::size_t bytes, std::size_t descriptors) {
+  dbus_connection_set_max_message_size(connection_.get(), static_cast<long>(bytes));
+  dbus_connection_set_max_received_size(connection_.get(), static_cast<long>(bytes));
+  dbus_connection_set_max_message_unix_fds(connection_.get(), static_cast<long>(descriptors));
+}
+
+bool DBusPeerLink::isConnected() const {
+  return !ended_ && dbus_connection_get_is_connected(connection_.get());
+}
+
+void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
+                             std::function<void()> gone) {
+  lease_ = std::move(lease);
+  onAuthenticated_ = std::move(authenticated);
+  onGone_ = std::move(gone);
+  // Nor descriptors: a memory file would bring far more than the message may.
+  allowMessages(kMaxUnadmittedPeerMessageBytes, 0);
+  // Only libdbus knows when the peer has said who it is; asking it in here would not end.
+  dbus_connection_set_unix_user_function(
+      connection_.get(),
+      [](DBusConnection*, unsigned long, void* self) -> dbus_bool_t {
+        auto* link = static_cast<DBusPeerLink*>(self);
+        link->authenticated_ = true;
+        if (link->sources_) link->sources_->scheduleDispatch();
+        return true;  // Whoever it is: telling users apart is for those above.
+      },
+      this, nullptr);
+}
+
+bool DBusPeerLink::peerLives() const {
+  if (!isConnected()) return false;
+  int descriptor = -1;
+  socklen_t length = sizeof(descriptor);
+  if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
+    const UniqueFd process(descriptor);
+    pollfd entry{process.get(), POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 0;
+  }
+  return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
+}
+
+void DBusPeerLink::admit() {
+  lease_.place.reset();
+  lease_.admissionTimer.reset();
+  if (!ended_) allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
+}
+
+void DBusPeerLink::setHandlers(PeerHandlers handlers) {
+  handlers_ = std::make_shared<PeerHandlers>(std::move(handlers));
+  if (!finished_ || !deathToReport_) return;
+  loop_.post(
+      [weak = weak_from_this()] {
+        if (const auto link = weak.lock()) link->reportDeath();
+      },
+      Urgency::kConnectionDeath);
+}
+
+void DBusPeerLink::dispatch() {
+  const auto self = shared_from_this();
+  if (ended_) return;
+  if (authenticated_ && onAuthenticated_) {
+    sources_->scheduleDispatch();  // What it has sent comes in a turn of its own.
+    return handOn();
+  }
+  if (!authenticated_ && !isConnected()) return die();
+  if (!authenticated_) return;
+  collect();
+  if (!dbus_connection_get_is_connected(connection_.get())) {
+    return scheduleDeath(sources_->wasGivenUp()
+                             ? Error{ErrorCode::kInvalid, 0, "the peer has broken the protocol"}
+                             : Error{ErrorCode::kNotFound, 0, "the peer has ended"});
+  }
+  deliverOne();
+  if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
+}
+
+void DBusPeerLink::handOn() {
+  onGone_ = nullptr;
+  std::exchange(onAuthenticated_, nullptr)();
+}
+
+// Takes over what libdbus has read. Answers to blocking calls go to them at once.
+void DBusPeerLink::collect() {
+  while (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
+    if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) continue;
+    if (isAnswer(message.get())) {
+      const auto found = outstanding_.find(dbus_message_get_reply_serial(message.get()));
+      if (found == outstanding_.end()) continue;  // Too late.
+      if (!found->second.completion) {
+        found->second.answer = std::move(message);
+        continue;
+      }
+    }
+    inbox_.push_back(std::move(message));
+  }
+}
+
+bool DBusPeerLink::deliverOne() {
+  if (inbox_.empty()) return false;
+  UniqueDBusMessage message = std::move(inbox_.front());
+  inbox_.pop_front();
+  if (isAnswer(message.get())) {
+    deliverAnswer(std::move(message));
+  } else {
+    deliverRequest(std::move(message));
+  }
+  return true;
+}
+
+bool DBusPeerLink::serveOneRequest() {
+  const auto found = std::ranges::find_if_not(
+      inbox_, [](const UniqueDBusMessage& message) { return isAnswer(message.get()); });
+  if (found == inbox_.end()) return false;
+  UniqueDBusMessage message = std::move(*found);
+  inbox_.erase(found);
+  deliverRequest(std::move(message));
+  return true;
+}
+
+void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
+  const bool twoWay = wantsAnswer(message.get());
+  const std::uint32_t serial = dbus_message_get_serial(message.get());
+  if (dbus_message_is_method_call(message.get(), DBUS_INTERFACE_PEER, "Ping")) {
+    if (twoWay) std::ignore = answer(serial, Value());
+    return;
+  }
+  auto decoded = decodeMessage(message.get(), contents_);
+  message.reset();  // Its bytes no longer count as unread.
+  const auto handlers = handlers_;
+  std::string problem;
+  if (!decoded) {
+    problem = describe(decoded.error());
+  } else if (!handlers->message) {
+    problem = "This side takes no messages.";
+  } else if (twoWay && answersOwed_ >= kMaxPeerCallsAwaitingReply) {
+    problem = "Too many calls await their answer.";
+  }
+  if (!problem.empty()) {
+    if (twoWay) std::ignore = answer(serial, raised(kNSInvalidArgumentException, problem));
+    return;
+  }
+  if (twoWay) {
+    ++answersOwed_;
+    decoded->reply = std::make_unique<Reply>(shared_from_this(), serial);
+  }
+  handlers->message(std::move(*decoded));
+}
+
+void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
+  auto answered = outstanding_.extract(dbus_message_get_reply_serial(message.get()));
+  if (answered.empty()) return;
+  const PeerResult result = decodeAnswer(message.get(), contents_);
+  message.reset();
+  answered.mapped().completion(result);
+}
+
+void DBusPeerLink::close() {
+  closed_ = true;
+  handlers_ = std::make_shared<PeerHandlers>();
+  deathToReport_.reset();
+  onAuthenticated_ = nullptr;
+  onGone_ = nullptr;
+  dropConnection();
+  // A completion may hold this connection's owner, so none is destroyed while the table stands.
+  const auto dropped = std::exchange(outstanding_, {});
+}
+
+void DBusPeerLink::refuse(Error why) {
+  if (ended_) return;
+  inbox_.clear();
+  dropConnection();
+  scheduleDeath(std::move(why));
+}
+
+void DBusPeerLink::dropConnection() {
+  ended_ = true;
+  lease_ = {};
+  inbox_.clear();
+  sources_.reset();
+  if (connection_) dbus_connection_close(connection_.get());
+}
+
+void DBusPeerLink::scheduleDeath(Error why) {
+  deathToReport_ = std::move(why);
+  loop_.post(
+      [weak = weak_from_this()] {
+        if (const auto link = weak.lock()) link->die();
+      },
+      Urgency::kConnectionDeath);
+}
+
+void DBusPeerLink::die() {
+  const auto self = shared_from_this();
+  if (closed_ || finished_) return;
+  // What the peer sent before its end comes before its end, even the end of its authentication.
+  while (!ended_) {
+    if (authenticated_ && onAuthenticated_) {
+      handOn();
+      continue;
+    }
+    if (authenticated_) {
+      collect();
+      if (deliverOne()) continue;
+    }
+    if (!isConnected() || sources_->handleWithin(Duration::zero()) != DBusSources::Handled::kSome) {
+      break;
+    }
+  }
+  if (!closed_ && !finished_) finish();
+}
+
+void DBusPeerLink::finish() {
+  finished_ = true;
+  if (!deathToReport_) deathToReport_ = Error{ErrorCode::kNotFound, 0, "the peer has ended"};
+  if (!ended_) dropConnection();
+  if (onGone_) {
+    onAuthenticated_ = nullptr;
+    const auto gone = std::exchange(onGone_, nullptr);
+    return gone();
+  }
+  failOutstanding();
+  if (!closed_) reportDeath();
+}
+
+void DBusPeerLink::failOutstanding() {
+  // Blocking calls see for themselves.
+  std::deque<Outstanding> failing;
+  for (auto& [serial, entry] : outstanding_) {
+    if (entry.completion) failing.push_back(std::move(entry));
+  }
+  std::erase_if(outstanding_, [](const auto& entry) { return !entry.second.completion; });
+  for (Outstanding& entry : failing) {
+    if (closed_) return;
+    entry.completion(raisedGone());
+  }
+}
+
+void DBusPeerLink::reportDeath() {
+  const auto handlers = handlers_;
+  if (closed_ || !deathToReport_ || !handlers->death) return;
+  const Error why = *std::exchange(deathToReport_, std::nullopt);
+  handlers->death(why);
+}
+
+}  // namespace platform

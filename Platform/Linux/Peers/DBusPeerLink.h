@@ -1,0 +1,129 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Linux/DBus/DBusHandles.h"
+#include "Platform/Linux/DBus/DBusSources.h"
+#include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/UnreadFiles.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Peers/PeerPlaces.h"
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/Values/Error.h"
+
+namespace platform {
+
+// Both ends of a connection between processes, from its socket to its end. The owner's
+// PeerConnection refers to it; it is shared with that, with the replies that are still to be given,
+// with its listener until it has been handed on, and with its own calls under way, since any
+// handler may destroy the connection.
+class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
+ public:
+  // What a listener lends to a connection until it is admitted, or for as long as it lasts.
+  struct Lease {
+    std::unique_ptr<PeerPlaces::Place> place;
+    std::unique_ptr<PeerUserCounts::Held> held;
+    std::unique_ptr<RunLoopHandle> admissionTimer;
+  };
+
+  static Result<std::shared_ptr<DBusPeerLink>> create(AsioRunLoop& loop,
+                                                      UniqueDBusConnection connection,
+                                                      WhileWaiting whileWaiting,
+                                                      PeerMessageContents contents);
+
+  DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection, WhileWaiting whileWaiting,
+               PeerMessageContents contents, int socket);
+  DBusPeerLink(const DBusPeerLink&) = delete;
+  DBusPeerLink& operator=(const DBusPeerLink&) = delete;
+
+  // Connecting side: waits until the other side's owner has the connection, which a ping shows. Not
+  // before that may anything large be sent: the other side bounds it, and libdbus loses descriptors
+  // that arrive together with the end of the authentication. False where the connection has ended
+  // or the time was over, which isConnected() tells apart.
+  bool awaitWelcome(Instant deadline);
+
+  // Accepting side: `authenticated` is called on the loop once the peer has said who it is, `gone`
+  // where it ends before.
+  void awaitPeer(Lease lease, std::function<void()> authenticated, std::function<void()> gone);
+
+  // What PeerConnection says.
+  PeerCredentials peer() const { return peer_; }
+  bool peerLives() const;
+  void admit();
+  void setHandlers(PeerHandlers handlers);
+  PeerResult call(std::string_view selector, const Array& arguments, Duration timeout);
+  void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
+                 PeerConnection::Completion completion);
+  Result<void> send(std::string_view selector, const Array& arguments);
+  void close();
+
+  // Ends the connection from our side for the peer's fault; the owner is told.
+  void refuse(Error why);
+
+  Result<void> answer(std::uint32_t serial, const PeerResult& result);
+  void releaseAnswer() { --answersOwed_; }
+
+  bool isConnected() const;
+
+ private:
+  // A call of ours. A blocking one waits on the stack of call() and finds its answer here.
+  struct Outstanding {
+    PeerConnection::Completion completion;  // none for a blocking one
+    std::unique_ptr<RunLoopHandle> timer;
+    UniqueDBusMessage answer;
+  };
+  class Reply;
+
+  void allowMessages(std::size_t bytes, std::size_t descriptors);
+  void dispatch();
+  void handOn();
+  void collect();
+  bool deliverOne();
+  bool serveOneRequest();
+  void deliverRequest(UniqueDBusMessage message);
+  void deliverAnswer(UniqueDBusMessage message);
+  PeerResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
+  bool waitForRoom(Instant deadline);
+  bool waitOnce(Instant deadline);
+  bool hasRoom(const EncodedMessage& message);
+  Result<std::uint32_t> transmit(const EncodedMessage& message);
+  void scheduleDeath(Error why);
+  void die();
+  void finish();
+  void dropConnection();
+  void reportDeath();
+  void failOutstanding();
+
+  AsioRunLoop& loop_;
+  PeerCredentials peer_;
+  const int socket_;
+  const WhileWaiting whileWaiting_;
+  const PeerMessageContents contents_;
+  UniqueDBusConnection connection_;
+  std::unique_ptr<DBusSources> sources_;  // Goes before the connection.
+  bool authenticated_ = false;
+  std::function<void()> onAuthenticated_;
+  std::function<void()> onGone_;
+  Lease lease_;
+
+  std::shared_ptr<PeerHandlers> handlers_;  // shared with the call of one that replaces it
+  std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus bounds their bytes
+  std::map<std::uint32_t, Outstanding> outstanding_;
+  std::size_t answersOwed_ = 0;
+  UnreadFiles unreadFiles_;
+
+  bool ended_ = false;     // nothing more is sent or read
+  bool finished_ = false;  // the outstanding calls have failed, the death is known
+  bool closed_ = false;    // by its owner: nothing calls back
+  std::optional<Error> deathToReport_;
+};
+
+}  // namespace platform

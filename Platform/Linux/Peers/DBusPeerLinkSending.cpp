@@ -1,0 +1,205 @@
+// What goes out: calls, one-way messages and answers.
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Peers/PeerLimits.h"
+#include "Platform/RunLoops/TimerQueue.h"
+
+namespace platform {
+
+namespace {
+
+std::unexpected<NSException> raisedTimeout() {
+  return raised(kNSPortTimeoutException, "No answer in time.");
+}
+
+// How often a blocking call looks whether the peer has read the files before it.
+constexpr Duration kFileCheckInterval = std::chrono::milliseconds(2);
+
+Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
+
+}  // namespace
+
+bool DBusPeerLink::awaitWelcome(Instant deadline) {
+  while (!dbus_connection_get_is_authenticated(connection_.get())) {
+    if (!isConnected() || !waitOnce(deadline)) return false;
+  }
+  authenticated_ = true;
+  EncodedMessage ping{
+      UniqueDBusMessage(dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping")),
+      kPeerMessageHeaderBytes, 0};
+  if (!ping.message || !isConnected()) return false;
+  const auto serial = transmit(ping);
+  if (!serial) return false;
+  outstanding_[*serial];
+  const PeerResult result = awaitAnswer(*serial, deadline, WhileWaiting::kServeNothing);
+  outstanding_.erase(*serial);
+  if (!inbox_.empty()) sources_->scheduleDispatch();
+  return result.has_value();
+}
+
+PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments, Duration timeout) {
+  const auto self = shared_from_this();
+  const Instant deadline = instantAfter(loop_.now(), timeout);
+  if (!isConnected()) return raisedGone();
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay, contents_);
+  if (!encoded) return raised(kNSInvalidArgumentException, describe(encoded.error()));
+  if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
+    return raised(kNSInvalidArgumentException, "Too many calls await their answer.");
+  }
+  while (!hasRoom(*encoded)) {
+    if (!isConnected()) return raisedGone();
+    if (!waitForRoom(deadline)) return raisedTimeout();
+  }
+  auto serial = transmit(*encoded);
+  if (!serial) return raisedGone();
+  encoded->message.reset();
+  outstanding_[*serial];
+  PeerResult result = awaitAnswer(*serial, deadline, whileWaiting_);
+  outstanding_.erase(*serial);
+  if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
+  return result;
+}
+
+PeerResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
+                                     WhileWaiting whileWaiting) {
+  for (;;) {
+    if (!ended_) collect();
+    const auto found = outstanding_.find(serial);
+    if (found != outstanding_.end() && found->second.answer) {
+      return decodeAnswer(found->second.answer.get(), contents_);
+    }
+    if (ended_ || closed_) return raisedGone();
+    if (loop_.now() >= deadline) return raisedTimeout();
+    if (whileWaiting == WhileWaiting::kServe && serveOneRequest()) continue;
+    if (!isConnected()) {
+      sources_->scheduleDispatch();  // Which finds that it is dead.
+      return raisedGone();
+    }
+    waitOnce(deadline);
+  }
+}
+
+bool DBusPeerLink::waitForRoom(Instant deadline) {
+  if (dbus_connection_get_outgoing_size(connection_.get()) > 0) return waitOnce(deadline);
+  // Only files in the socket are in the way, and nothing tells when the peer takes those out.
+  waitOnce(std::min(deadline, instantAfter(loop_.now(), kFileCheckInterval)));
+  return loop_.now() < deadline;
+}
+
+bool DBusPeerLink::waitOnce(Instant deadline) {
+  const Duration left = deadline - loop_.now();
+  if (left <= Duration::zero()) return false;
+  switch (sources_->handleWithin(left)) {
+    case DBusSources::Handled::kSome:
+      return true;
+    case DBusSources::Handled::kTimedOut:
+      return false;
+    case DBusSources::Handled::kNothingToWaitFor:
+      break;
+  }
+  // The peer has ended while so much of it is undelivered that libdbus reads no more.
+  dbus_connection_close(connection_.get());
+  return true;
+}
+
+void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, Duration timeout,
+                             PeerConnection::Completion completion) {
+  const auto failLater = [&](NSException why) {
+    loop_.post([weak = weak_from_this(), why = std::move(why),
+                completion = std::move(completion)]() mutable {
+      const auto link = weak.lock();
+      if (link && !link->closed_) completion(std::unexpected(std::move(why)));
+    });
+  };
+  if (!isConnected()) return failLater(raisedGone().error());
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kTwoWay, contents_);
+  if (!encoded) {
+    return failLater({kNSInvalidArgumentException, describe(encoded.error()), {}});
+  }
+  if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
+    return failLater({kNSInvalidArgumentException, "Too many calls await their answer.", {}});
+  }
+  if (!hasRoom(*encoded)) {
+    return failLater({kNSPortTimeoutException, "The peer leaves too much unread.", {}});
+  }
+  const auto serial = transmit(*encoded);
+  if (!serial) return failLater(raisedGone().error());
+  Outstanding& entry = outstanding_[*serial];
+  entry.completion = std::move(completion);
+  if (timeout == Duration::max()) return;
+  entry.timer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial = *serial] {
+    auto expired = outstanding_.extract(serial);
+    if (!expired.empty()) expired.mapped().completion(raisedTimeout());
+  });
+}
+
+Result<void> DBusPeerLink::send(std::string_view selector, const Array& arguments) {
+  if (!isConnected()) return std::unexpected(gone());
+  auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kOneWay, contents_);
+  if (!encoded) return std::unexpected(std::move(encoded.error()));
+  if (!hasRoom(*encoded)) {
+    return std::unexpected(Error{ErrorCode::kExhausted, 0, "the peer leaves too much unread"});
+  }
+  auto sent = transmit(*encoded);
+  if (!sent) return std::unexpected(std::move(sent.error()));
+  return {};
+}
+
+Result<void> DBusPeerLink::answer(std::uint32_t serial, const PeerResult& result) {
+  if (!isConnected()) return std::unexpected(gone());
+  Result<void> outcome;
+  auto encoded = encodeAnswer(serial, result, contents_);
+  if (!encoded) {
+    outcome = std::unexpected(encoded.error());
+    encoded =
+        encodeAnswer(serial, raised(kNSInvalidArgumentException,
+                                    "An answer that can't travel: " + describe(encoded.error())));
+    if (!encoded) return std::unexpected(std::move(encoded.error()));
+  }
+  if (!hasRoom(*encoded)) {
+    Error why{ErrorCode::kExhausted, 0, "the peer leaves too many answers unread"};
+    refuse(why);
+    return std::unexpected(std::move(why));
+  }
+  auto sent = transmit(*encoded);
+  if (!sent) return std::unexpected(std::move(sent.error()));
+  return outcome;
+}
+
+bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
+  const auto unread =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
+  if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
+  // Each that libdbus has not written yet is a descriptor of ours.
+  const auto unsent =
+      static_cast<std::size_t>(dbus_connection_get_outgoing_unix_fds(connection_.get()));
+  if (message.descriptors > 0 && unsent + message.descriptors > kMaxPeerDescriptors) return false;
+  if (message.fileBytes == 0) return true;
+  // libdbus does not count the files, and the socket takes hundreds of descriptors.
+  return unreadFiles_.bytes(unread == 0) + message.fileBytes <= kMaxPeerMemoryFileBytes;
+}
+
+Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
+  if (dbus_message_contains_unix_fds(message.message.get()) &&
+      !dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD)) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0,
+                                 "a large message or an endpoint to a peer that takes no "
+                                 "descriptors"});
+  }
+  const auto isWritten = [this] {
+    return dbus_connection_get_outgoing_size(connection_.get()) == 0;
+  };
+  unreadFiles_.willSend(message.fileBytes, isWritten());
+  dbus_uint32_t serial = 0;
+  if (!dbus_connection_send(connection_.get(), message.message.get(), &serial)) {
+    return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory to send a message"});
+  }
+  unreadFiles_.sent(message.fileBytes, isWritten());
+  return serial;
+}
+
+}  // namespace platform

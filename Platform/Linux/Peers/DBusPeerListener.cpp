@@ -1,0 +1,119 @@
+#include "Platform/Linux/Peers/DBusPeerListener.h"
+
+#include <chrono>
+#include <limits>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace platform {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// How long nobody is accepted after that has failed.
+constexpr auto kBackOff = 100ms;
+
+UniqueFd openReserve() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
+
+}  // namespace
+
+Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
+    AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
+    const PeerListenerOptions& options, NewLink onLink) {
+  std::unique_ptr<DBusPeerListener> listener(
+      new DBusPeerListener(loop, std::move(server), std::move(name), options, std::move(onLink)));
+  listener->reserve_ = openReserve();
+  if (!listener->reserve_) {
+    return std::unexpected(systemError("a listener's reserve", ErrorCode::kExhausted));
+  }
+  DBusPeerListener* self = listener.get();  // It outlives its server and sources.
+  const char* mechanisms[] = {"EXTERNAL", nullptr};
+  if (!dbus_server_set_auth_mechanisms(self->server_.get(), mechanisms)) {
+    return std::unexpected(Error{ErrorCode::kExhausted, 0, "a listener's mechanisms"});
+  }
+  dbus_server_set_new_connection_function(
+      self->server_.get(),
+      [](DBusServer*, DBusConnection* connection, void* data) {
+        static_cast<DBusPeerListener*>(data)->accepted(connection);
+      },
+      self, nullptr);
+  auto sources = DBusSources::attach(
+      loop, self->server_.get(),
+      {.dispatch = [] {}, .peerEnded = {}, .handled = [self] { self->afterAccepting(); }});
+  if (!sources) return std::unexpected(std::move(sources.error()));
+  self->sources_ = std::move(*sources);
+  return listener;
+}
+
+DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server,
+                                   std::optional<SocketName> name,
+                                   const PeerListenerOptions& options, NewLink onLink)
+    : loop_(loop),
+      options_(options),
+      onLink_(std::make_shared<const NewLink>(std::move(onLink))),
+      name_(std::move(name)),
+      server_(std::move(server)),
+      places_(std::make_shared<PeerPlaces>(::geteuid())),
+      users_(std::make_shared<PeerUserCounts>()) {}
+
+DBusPeerListener::~DBusPeerListener() {
+  if (name_) name_->remove();
+  for (const auto& [address, link] : unknown_) link->close();
+}
+
+// Where this returns without keeping the connection, libdbus closes it.
+void DBusPeerListener::accepted(DBusConnection* connection) {
+  acceptedOne_ = true;
+  auto created = DBusPeerLink::create(loop_, UniqueDBusConnection(dbus_connection_ref(connection)),
+                                      options_.whileWaiting, options_.contents);
+  if (!created) return;
+  const std::shared_ptr<DBusPeerLink>& link = *created;
+  const std::uint32_t user = link->peer().user;
+  const std::size_t limit = places_->isFavoured(user) ? std::numeric_limits<std::size_t>::max()
+                                                      : options_.connectionsPerUser;
+  DBusPeerLink::Lease lease;
+  lease.held = users_->hold(user, limit);
+  if (!lease.held) return link->close();
+  const auto refuse = [weak = std::weak_ptr(link)](const char* why) {
+    if (const auto held = weak.lock()) held->refuse({ErrorCode::kDenied, 0, why});
+  };
+  lease.place = places_->take(user, [refuse] { refuse("pushed out by newer connections"); });
+  if (!lease.place) return link->close();
+  lease.admissionTimer = loop_.startTimer(options_.admissionTime, RunLoop::Repeat::kOnce, [refuse] {
+    refuse("did not show in time that it belongs here");
+  });
+  DBusPeerLink* key = link.get();
+  unknown_.emplace(key, link);
+  link->awaitPeer(
+      std::move(lease), [this, key] { handOn(key); }, [this, key] { unknown_.erase(key); });
+}
+
+void DBusPeerListener::handOn(DBusPeerLink* link) {
+  auto known = unknown_.extract(link);
+  const auto onLink = onLink_;
+  (*onLink)(std::move(known.mapped()));
+}
+
+void DBusPeerListener::afterAccepting() {
+  if (std::exchange(acceptedOne_, false)) return;
+  // Most likely without a descriptor for it. The socket stays readable, so that the loop would turn
+  // without end.
+  turnOneAway();
+  sources_->pause();
+  backingOff_ = loop_.startTimer(kBackOff, RunLoop::Repeat::kOnce, [this] { sources_->resume(); });
+}
+
+// Better a clear end than a connection that nobody ever takes.
+void DBusPeerListener::turnOneAway() {
+  reserve_.reset();
+  std::ignore = UniqueFd(::accept4(sources_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+  reserve_ = openReserve();
+}
+
+}  // namespace platform

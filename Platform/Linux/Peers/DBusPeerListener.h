@@ -1,0 +1,61 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "Platform/Linux/DBus/DBusHandles.h"
+#include "Platform/Linux/DBus/DBusSources.h"
+#include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Peers/PeerPlaces.h"
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/Values/Error.h"
+
+namespace platform {
+
+// A libdbus server that hands on a connection when its peer has said who it is.
+class DBusPeerListener final : public PeerListener {
+ public:
+  using NewLink = std::function<void(std::shared_ptr<DBusPeerLink>)>;
+
+  // `name` where the socket has one that is ours to take away.
+  static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
+                                                          UniqueDBusServer server,
+                                                          std::optional<SocketName> name,
+                                                          const PeerListenerOptions& options,
+                                                          NewLink onLink);
+
+  DBusPeerListener(const DBusPeerListener&) = delete;
+  DBusPeerListener& operator=(const DBusPeerListener&) = delete;
+  ~DBusPeerListener() override;
+
+ private:
+  DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
+                   const PeerListenerOptions& options, NewLink onLink);
+
+  void accepted(DBusConnection* connection);
+  void handOn(DBusPeerLink* link);
+  void afterAccepting();
+  void turnOneAway();
+
+  AsioRunLoop& loop_;
+  const PeerListenerOptions options_;
+  std::shared_ptr<const NewLink> onLink_;  // shared with its own call, which may destroy this
+  std::optional<SocketName> name_;
+  UniqueDBusServer server_;
+  std::unique_ptr<DBusSources> sources_;  // Goes before the server.
+  std::unique_ptr<RunLoopHandle> backingOff_;
+  UniqueFd reserve_;  // given up for a moment when there is no other descriptor
+  bool acceptedOne_ = false;
+
+  // Shared with the connections that still hold places.
+  std::shared_ptr<PeerPlaces> places_;
+  std::shared_ptr<PeerUserCounts> users_;
+  std::map<DBusPeerLink*, std::shared_ptr<DBusPeerLink>> unknown_;  // not yet handed on
+};
+
+}  // namespace platform

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "Platform/Linux/Peers/PassedSocket.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Peers/PeerTransport.h"
+
+namespace platform {
+
+// Connections over Unix sockets that speak D-Bus from peer to peer; DBusMessages.h says how.
+class DBusPeerTransport final : public PeerTransport {
+ public:
+  explicit DBusPeerTransport(AsioRunLoop& loop);
+
+  Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
+                                               const PeerListenerOptions& options,
+                                               NewConnection onConnection) override;
+  Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
+                                      NewConnection onConnection) override;
+  // The descriptor must be 3, the first that LISTEN_FDS stands for, since libdbus looks there only.
+  // Sets LISTEN_FDS and LISTEN_PID for a moment, so no other thread may read the environment.
+  Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
+                                                 const PeerListenerOptions& options,
+                                                 NewConnection onConnection) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
+      const std::string& path, const PeerConnectOptions& options) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connectToEndpoint(
+      const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) override;
+
+  // A socket that listens already, because this process was started with it, and which listen()
+  // takes for the name `path`, once. To be called before the loop runs on another thread.
+  void adopt(std::string path, PassedServer passed);
+
+ private:
+  AsioRunLoop& loop_;
+  std::map<std::string, PassedServer> passed_;  // by path
+};
+
+}  // namespace platform

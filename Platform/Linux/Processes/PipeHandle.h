@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include "Platform/Linux/Processes/DataAvailableNotices.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Processes/Task.h"
+
+namespace platform {
+
+// A pipe for a program's output. The reading end is a file handle; the other goes to the program.
+class PipeHandle final : public FileHandle {
+ public:
+  // How much one call reads: what a pipe of the usual size holds.
+  static constexpr std::size_t kMaximumChunk = 64 * 1024;
+
+  // Neither end is one of the standard files, also where this program has none. Fails with the
+  // system's own error. `notices` outlives it.
+  static Result<std::unique_ptr<PipeHandle>> create(DataAvailableNotices& notices,
+                                                    bool callsHandlers);
+  PipeHandle(const PipeHandle&) = delete;
+  PipeHandle& operator=(const PipeHandle&) = delete;
+  ~PipeHandle() override;
+
+  Data availableData() override;
+  bool respondsToSetReadabilityHandler() const override { return callsHandlers_; }
+  void setReadabilityHandler(ReadabilityHandler handler) override { handler_ = std::move(handler); }
+  void waitForDataInBackgroundAndNotify() override;
+
+  int reader() const { return reader_.get(); }
+  int writer() const { return writer_.get(); }
+  void closeWriter() { writer_.reset(); }
+
+  bool hasHandler() const { return handler_ != nullptr; }
+  // Calls the handler for what is there now.
+  void callHandler();
+  // Calls it as often as what is there now takes.
+  void callHandlerForTheRest();
+
+ private:
+  PipeHandle(DataAvailableNotices& notices, bool callsHandlers)
+      : notices_(notices), callsHandlers_(callsHandlers) {}
+
+  std::size_t held();
+
+  DataAvailableNotices& notices_;
+  const bool callsHandlers_;
+  UniqueFd reader_;
+  UniqueFd writer_;
+  ReadabilityHandler handler_;
+  std::optional<std::size_t> left_;  // of what was there when the reading began
+  bool ended_ = false;               // availableData() has met the end
+};
+
+}  // namespace platform

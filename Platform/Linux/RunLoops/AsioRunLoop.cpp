@@ -1,0 +1,198 @@
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+
+#include <cassert>
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <asio/post.hpp>
+
+namespace platform {
+
+namespace {
+
+// What a turn may call of the sources before the timers and posts have theirs.
+constexpr int kSourcesPerTurn = 16;
+
+std::size_t indexOf(Urgency urgency) { return static_cast<std::size_t>(urgency); }
+
+}  // namespace
+
+Result<std::unique_ptr<AsioRunLoop>> AsioRunLoop::create() {
+  auto urgent = EpollSet::create();
+  if (!urgent) return std::unexpected(std::move(urgent.error()));
+  auto ordinary = EpollSet::create();
+  if (!ordinary) return std::unexpected(std::move(ordinary.error()));
+  try {
+    return std::unique_ptr<AsioRunLoop>(new AsioRunLoop(std::move(*urgent), std::move(*ordinary)));
+  } catch (const std::system_error& error) {
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, error.code().value(), "creating the run loop"});
+  }
+}
+
+AsioRunLoop::AsioRunLoop(EpollSet urgent, EpollSet ordinary)
+    : urgent_(std::move(urgent)),
+      ordinary_(std::move(ordinary)),
+      urgentReady_(io_),
+      ordinaryReady_(io_),
+      alarm_(io_) {
+  urgentReady_.assign(urgent_.descriptor());
+  try {
+    ordinaryReady_.assign(ordinary_.descriptor());
+  } catch (...) {
+    std::ignore = urgentReady_.release();  // The set closes it.
+    throw;
+  }
+  awaitUrgent();
+  awaitSources();
+}
+
+AsioRunLoop::~AsioRunLoop() {
+  // While everything still stands: a callback may hold timers and sources of this loop, and may
+  // post once more when it goes.
+  for (auto& queue : posts_) {
+    while (queue.pop()) {
+    }
+  }
+  std::ignore = urgentReady_.release();  // The sets close them.
+  std::ignore = ordinaryReady_.release();
+}
+
+Instant AsioRunLoop::now() const {
+  return Instant(std::chrono::steady_clock::now().time_since_epoch());
+}
+
+WallTime AsioRunLoop::wallTime() const { return std::chrono::system_clock::now(); }
+
+std::unique_ptr<RunLoopHandle> AsioRunLoop::startTimer(Duration delay, Repeat repeat,
+                                                       Callback callback) {
+  assert(repeat == Repeat::kOnce || delay > Duration::zero());
+  const Duration period = repeat == Repeat::kEvery ? delay : Duration::zero();
+  const TimerQueue::Key key{instantAfter(now(), delay), ++lastTimer_};
+  auto timer = timers_.add(key, period, std::move(callback));
+  awaitTimer();
+  return timer;
+}
+
+void AsioRunLoop::post(Callback callback, Urgency urgency) {
+  posts_[indexOf(urgency)].push(std::move(callback));
+  wake();
+}
+
+Result<std::unique_ptr<RunLoopHandle>> AsioRunLoop::watchReadable(Descriptor descriptor,
+                                                                  Urgency urgency,
+                                                                  Callback callback) {
+  ReadableSources& sources = urgency == Urgency::kOrdinary ? ordinary_ : urgent_;
+  return sources.add(descriptor, urgency, std::move(callback));
+}
+
+void AsioRunLoop::run() {
+  assert(!running_);
+  running_ = true;
+  if (!stopping_) io_.run();
+  running_ = false;
+  stopping_ = false;
+  io_.restart();
+}
+
+void AsioRunLoop::stop() {
+  stopping_ = true;
+  io_.stop();
+}
+
+void AsioRunLoop::sleepFor(Duration duration) { std::this_thread::sleep_for(duration); }
+
+bool AsioRunLoop::callUrgent() {
+  if (auto callback = posts_[indexOf(Urgency::kProcessExit)].pop()) {
+    (*callback)();
+    return true;
+  }
+  if (urgent_.callCollected(Urgency::kProcessExit)) return true;
+  // An exit may have happened since the last look, so before each death there is another one.
+  urgent_.collect();
+  if (urgent_.callCollected(Urgency::kProcessExit)) return true;
+  if (auto callback = posts_[indexOf(Urgency::kConnectionDeath)].pop()) {
+    (*callback)();
+    return true;
+  }
+  return urgent_.callCollected(Urgency::kConnectionDeath);
+}
+
+void AsioRunLoop::deliverUrgent() {
+  while (!stopping_ && callUrgent()) {
+  }
+}
+
+void AsioRunLoop::wake() {
+  if (awake_.exchange(true)) return;
+  asio::post(io_, [this] { servePosts(); });
+}
+
+void AsioRunLoop::servePosts() {
+  awake_ = false;
+  deliverUrgent();
+  HandOverQueue<Callback>& posts = posts_[indexOf(Urgency::kOrdinary)];
+  // Those that are posted meanwhile wait for the next turn, so that the sources get theirs.
+  for (std::size_t left = posts.size(); left > 0 && !stopping_; --left) {
+    auto callback = posts.pop();
+    assert(callback);
+    (*callback)();
+    callback.reset();
+    deliverUrgent();
+  }
+  for (const auto& queue : posts_) {
+    if (!queue.empty()) wake();
+  }
+}
+
+void AsioRunLoop::serveTimers() {
+  // Those that fall due meanwhile wait for the next turn, so that the sources get theirs.
+  const Instant limit = now();
+  for (;;) {
+    deliverUrgent();
+    if (stopping_ || timers_.empty() || timers_.earliest().due > limit) break;
+    timers_.fireEarliest(now());
+  }
+  awaitTimer();
+}
+
+void AsioRunLoop::serveSources() {
+  for (int left = kSourcesPerTurn; left > 0; --left) {
+    deliverUrgent();
+    if (stopping_ || !ordinary_.callOne()) break;
+  }
+  awaitSources();
+}
+
+void AsioRunLoop::awaitUrgent() {
+  urgentReady_.async_wait(asio::posix::stream_descriptor::wait_read, [this](std::error_code error) {
+    if (error) return;
+    deliverUrgent();
+    awaitUrgent();
+  });
+}
+
+void AsioRunLoop::awaitSources() {
+  // Waiting anew reports what is readable already, so what this turn left over is not lost.
+  ordinaryReady_.async_wait(asio::posix::stream_descriptor::wait_read,
+                            [this](std::error_code error) {
+                              if (!error) serveSources();
+                            });
+}
+
+void AsioRunLoop::awaitTimer() {
+  if (timers_.empty()) return;
+  const Instant due = timers_.earliest().due;
+  if (alarmAt_ && *alarmAt_ <= due) return;  // It comes early enough and looks again.
+  alarmAt_ = due;
+  alarm_.expires_at(std::chrono::steady_clock::time_point(due.time_since_epoch()));
+  alarm_.async_wait([this](std::error_code error) {
+    if (error) return;  // Replaced by an earlier one.
+    alarmAt_.reset();
+    serveTimers();
+  });
+}
+
+}  // namespace platform

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "Platform/Linux/RunLoops/ReadableSources.h"
+#include "Platform/RunLoops/HandOverQueue.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/RunLoops/TimerQueue.h"
+
+namespace platform {
+
+// The run loop on an io_context of Asio.
+//
+// Asio waits, for the earliest timer, for posts and for two sets of descriptors, the urgent and the
+// ordinary. Which of them is ready the loop asks the sets itself: Asio could not tell whether an
+// exit has already happened without running what else is ready first.
+class AsioRunLoop final : public RunLoop {
+ public:
+  // Fails with kExhausted when the system has no descriptors left.
+  static Result<std::unique_ptr<AsioRunLoop>> create();
+
+  AsioRunLoop(const AsioRunLoop&) = delete;
+  AsioRunLoop& operator=(const AsioRunLoop&) = delete;
+  ~AsioRunLoop() override;
+
+  Instant now() const override;
+  WallTime wallTime() const override;
+  std::unique_ptr<RunLoopHandle> startTimer(Duration delay, Repeat repeat,
+                                            Callback callback) override;
+  void post(Callback callback, Urgency urgency = Urgency::kOrdinary) override;
+  Result<std::unique_ptr<RunLoopHandle>> watchReadable(Descriptor descriptor, Urgency urgency,
+                                                       Callback callback) override;
+  void run() override;
+  void stop() override;
+  void sleepFor(Duration duration) override;
+
+  // For what else in this folder waits with Asio on this loop. Handlers that run on it must do no
+  // more than post(): only the loop's own calls keep the order of urgencies.
+  asio::io_context& context() { return io_; }
+
+ private:
+  // Throws what Asio's constructors throw.
+  AsioRunLoop(EpollSet urgent, EpollSet ordinary);
+
+  bool callUrgent();
+  void deliverUrgent();
+  void wake();
+  void servePosts();
+  void serveTimers();
+  void serveSources();
+  void awaitUrgent();
+  void awaitSources();
+  void awaitTimer();
+
+  asio::io_context io_{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
+  std::atomic<bool> stopping_ = false;
+  bool running_ = false;
+
+  std::array<HandOverQueue<Callback>, 3> posts_;  // by Urgency
+  std::atomic<bool> awake_ = false;               // servePosts() is on its way
+
+  ReadableSources urgent_;
+  ReadableSources ordinary_;
+  asio::posix::stream_descriptor urgentReady_;
+  asio::posix::stream_descriptor ordinaryReady_;
+
+  TimerQueue timers_;
+  std::uint64_t lastTimer_ = 0;
+  asio::steady_timer alarm_;
+  std::optional<Instant> alarmAt_;
+};
+
+}  // namespace platform

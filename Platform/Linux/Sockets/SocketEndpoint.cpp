@@ -1,0 +1,64 @@
+#include "Platform/Linux/Sockets/SocketEndpoint.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace platform {
+
+namespace {
+
+// Where the socket is born. It has a name here for a moment only, in a folder of its own that
+// nobody else may enter, so that no one but a holder of the endpoint ever connects.
+constexpr char kBirthplace[] = "/tmp/.endpoint-XXXXXX";
+constexpr char kSocketName[] = "socket";
+
+std::unexpected<Error> endpointFailure(const char* what) {
+  const bool isExhausted = errno == EMFILE || errno == ENFILE || errno == ENOSPC;
+  return std::unexpected(
+      systemError(what, isExhausted ? ErrorCode::kExhausted : ErrorCode::kSystem));
+}
+
+// Binds at `path`, opens the socket's inode and lets everybody connect to it.
+Result<UniqueFd> bindAndOpen(const std::string& path, const SocketEndpoint::Bind& bind) {
+  if (auto bound = bind(path); !bound) return std::unexpected(std::move(bound.error()));
+  UniqueFd descriptor(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!descriptor) return endpointFailure("a new endpoint");
+  if (::chmod(path.c_str(), 0666) != 0) return endpointFailure("a new endpoint's mode");
+  return descriptor;
+}
+
+}  // namespace
+
+Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descriptor) {
+  struct stat status{};
+  const int flags = ::fcntl(descriptor.get(), F_GETFL);
+  if (flags < 0 || ::fstat(descriptor.get(), &status) != 0) return endpointFailure("an endpoint");
+  // One with a name may be somebody's who lets only others than the sender connect.
+  if ((flags & O_PATH) == 0 || !S_ISSOCK(status.st_mode) || status.st_nlink != 0) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, "a descriptor that is no endpoint"});
+  }
+  return std::shared_ptr<const SocketEndpoint>(new SocketEndpoint(std::move(descriptor)));
+}
+
+Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
+  std::string folder = kBirthplace;
+  if (::mkdtemp(folder.data()) == nullptr) return endpointFailure("a folder for a new endpoint");
+  UniqueFd birthplace(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  Result<UniqueFd> descriptor =
+      birthplace ? bindAndOpen(pathOfDescriptor(birthplace) + "/" + kSocketName, bind)
+                 : endpointFailure("a new endpoint's folder");
+  ::unlinkat(birthplace.get(), kSocketName, 0);
+  ::rmdir(folder.c_str());
+  if (!descriptor) return std::unexpected(std::move(descriptor.error()));
+  auto endpoint = of(std::move(*descriptor));
+  if (!endpoint) return std::unexpected(std::move(endpoint.error()));
+  return New{std::move(*endpoint), std::move(birthplace)};
+}
+
+std::string SocketEndpoint::path() const { return pathOfDescriptor(descriptor_); }
+
+}  // namespace platform

@@ -1,0 +1,28 @@
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+
+#include <sys/resource.h>
+
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace platform {
+
+Result<std::uint64_t> raiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return std::unexpected(systemError("getrlimit(RLIMIT_NOFILE)"));
+  }
+  const rlim_t before = limit.rlim_cur;
+  limit.rlim_cur = limit.rlim_max;
+  if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return std::unexpected(systemError("setrlimit(RLIMIT_NOFILE)"));
+  }
+  return before;
+}
+
+std::uint64_t softDescriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for this process itself.
+  return limit.rlim_cur;
+}
+
+}  // namespace platform

@@ -1,0 +1,83 @@
+#include "Platform/Linux/XPC/LinuxXPC.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Peers/PeerLimits.h"
+
+namespace platform {
+
+Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string root,
+                                                 std::optional<PassedSocket> passed) {
+  auto loop = AsioRunLoop::create();
+  if (!loop) return std::unexpected(std::move(loop.error()));
+  return std::unique_ptr<LinuxXPC>(
+      new LinuxXPC(log, std::move(root), std::move(passed), std::move(*loop)));
+}
+
+std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
+  // A connection, a file that is read for it, and what comes with a message never completed.
+  constexpr std::uint64_t kDescriptorsEach = 2 + kMaxPeerDescriptors;
+  constexpr std::uint64_t kShare = 4;
+  return static_cast<std::size_t>(std::clamp<std::uint64_t>(
+      descriptorLimit / kShare / kDescriptorsEach, 1, kMaxPeerConnectionsPerUser));
+}
+
+LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
+                   std::unique_ptr<AsioRunLoop> loop)
+    : root_(std::move(root)), loop_(std::move(loop)) {
+  if (passed) {
+    transport_.adopt(pathOfMachService(root_, passed->machService), std::move(passed->server));
+  }
+  xpc_.emplace(XPC::Environment{
+      .loop = *loop_,
+      .transport = transport_,
+      .log = log,
+      .performOnLoop = [this](const std::function<void()>& action) { performOnLoop(action); },
+      .makeQueues = [] { return std::make_unique<AsioSerialQueues>(kThreadsPerListener); },
+      .path = [this](std::string_view name) { return pathOfMachService(root_, name); },
+      .connectionsPerUser = connectionsPerUser(softDescriptorLimit())});
+  thread_ = std::thread([this] { loop_->run(); });
+  loopThread_ = thread_.get_id();
+}
+
+LinuxXPC::~LinuxXPC() {
+  loop_->stop();
+  thread_.join();
+  const std::lock_guard lock(mutex_);
+  loopHasEnded_ = true;
+  for (const Awaited& left : std::exchange(awaited_, {})) {
+    (*left.action)();
+    left.done->set_value();
+  }
+}
+
+void LinuxXPC::performOnLoop(const std::function<void()>& action) {
+  if (std::this_thread::get_id() == loopThread_) return action();
+  const auto done = std::make_shared<std::promise<void>>();
+  {
+    // Without the loop's thread one thread after the other stands in for it: what is still being
+    // served may hold the last of a listener.
+    const std::lock_guard lock(mutex_);
+    if (loopHasEnded_) return action();
+    awaited_.push_back({&action, done});
+  }
+  loop_->post([this] { performNext(); });
+  done->get_future().wait();
+}
+
+void LinuxXPC::performNext() {
+  Awaited next;
+  {
+    const std::lock_guard lock(mutex_);
+    next = std::move(awaited_.front());
+    awaited_.pop_front();
+  }
+  (*next.action)();
+  next.done->set_value();
+}
+
+}  // namespace platform

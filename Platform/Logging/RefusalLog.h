@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Time.h"
+
+namespace platform {
+
+// Logs what peers were refused for, so many lines at most in any minute that begins with one: a
+// flood of peers must not become a flood of lines. The first line after a gap says how many are
+// missing. Belongs to the loop's thread.
+class RefusalLog {
+ public:
+  static constexpr std::size_t kLinesPerPeriod = 10;
+  static constexpr Duration kPeriod = std::chrono::minutes(1);
+
+  // Both outlive this.
+  RefusalLog(RunLoop& loop, SystemLog& log, std::string ident);
+
+  // Writes a warning, or counts it.
+  void write(std::string_view line);
+
+ private:
+  RunLoop& loop_;
+  SystemLog& log_;
+  const AslClient client_;
+  std::optional<Instant> periodStart_;
+  std::size_t linesInPeriod_ = 0;
+  std::size_t missing_ = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,72 @@
+#include "Platform/Logging/SystemLog.h"
+
+#include <algorithm>
+
+#include "Platform/Texts/StringFormat.h"
+
+namespace platform {
+namespace {
+
+// What the platform's default client has.
+constexpr char kDefaultFacility[] = "user";
+
+constexpr char kOwnIdent[] = "SystemLog";
+constexpr char kOwnFacility[] = "com.vantor.platform";
+
+// The first `size` bytes of the text, less what would be half a character.
+std::string_view cutAtCharacter(std::string_view text, std::size_t size) {
+  constexpr int kLongestSequence = 4;
+  std::size_t end = size;
+  for (int back = 0; back < kLongestSequence && end > 0; ++back, --end) {
+    if ((static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U) return text.substr(0, end);
+  }
+  return text.substr(0, size);  // No UTF-8 at all.
+}
+
+}  // namespace
+
+SystemLog::SystemLog(LogSink& sink, std::string programName, int maximumLevel)
+    : sink_(sink),
+      defaultClient_{std::move(programName), kDefaultFacility},
+      maximumLevel_(maximumLevel) {}
+
+SystemLog::~SystemLog() { reportDropped(); }
+
+std::unique_ptr<AslClient> SystemLog::asl_open(std::string_view ident, std::string_view facility,
+                                               std::uint32_t /*options*/) {
+  if (ident.size() > kMaximumNameSize || facility.size() > kMaximumNameSize) return nullptr;
+  return std::make_unique<AslClient>(AslClient{std::string(ident), std::string(facility)});
+}
+
+void SystemLog::asl_log(const AslClient* client, int level, std::string_view message) {
+  const int clamped =
+      std::clamp(level, static_cast<int>(ASL_LEVEL_EMERG), static_cast<int>(ASL_LEVEL_DEBUG));
+  if (clamped > maximumLevel_) return;
+  const AslClient& speaker = client != nullptr ? *client : defaultClient_;
+  std::string cut;
+  if (message.size() > kMaximumMessageSize) {
+    cut = stringWithFormat("%@ (cut, %zu bytes in all)",
+                           cutAtCharacter(message, kMaximumMessageSize), message.size());
+    message = cut;
+  }
+  // A sink that refuses the short report would refuse the message too, so that an outage costs one
+  // attempt for each message and not two.
+  const LogRecord record{speaker.ident, speaker.facility, static_cast<AslLevel>(clamped), message};
+  if (!reportDropped() || !sink_.write(record)) countLost();
+}
+
+void SystemLog::asl_close(std::unique_ptr<AslClient> client) { client.reset(); }
+
+// Whoever takes the count reports it or gives it back, so that of many threads one says it.
+bool SystemLog::reportDropped() {
+  if (dropped_.load(std::memory_order_relaxed) == 0) return true;
+  const std::uint64_t count = dropped_.exchange(0, std::memory_order_relaxed);
+  if (count == 0) return true;
+  const std::string text = count == 1 ? std::string("1 message was lost here.")
+                                      : stringWithFormat("%llu messages were lost here.", count);
+  if (sink_.write({kOwnIdent, kOwnFacility, ASL_LEVEL_WARNING, text})) return true;
+  dropped_.fetch_add(count, std::memory_order_relaxed);
+  return false;
+}
+
+}  // namespace platform

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Platform/Logging/LogSink.h"
+
+namespace platform {
+
+// A client of the system log: who logs, and for which part of the product.
+struct AslClient {
+  std::string ident;
+  std::string facility;
+};
+
+// The system log facility, with the names that the platform gives it. Any thread may use it; a call
+// never blocks beyond the sink's write and never fails to its caller.
+//
+// What a sink refuses is counted. As soon as the sink takes messages again the count is written,
+// once, as a message of this layer that stands before the first message after the gap.
+class SystemLog {
+ public:
+  // The longest ident or facility, in bytes.
+  static constexpr std::size_t kMaximumNameSize = 255;
+  // The longest message, in bytes; a longer one is cut and says so.
+  static constexpr std::size_t kMaximumMessageSize = std::size_t{1} << 20;
+
+  // `programName` is the ident of the default client. Messages with a level above `maximumLevel`
+  // (less grave) are not written. `sink` outlives this.
+  SystemLog(LogSink& sink, std::string programName, int maximumLevel = ASL_LEVEL_DEBUG);
+  SystemLog(const SystemLog&) = delete;
+  SystemLog& operator=(const SystemLog&) = delete;
+  // Tries a last time to report what was lost.
+  ~SystemLog();
+
+  // Opens a client. No option is defined here (the system passes 0 everywhere). Null when a name
+  // is too long.
+  std::unique_ptr<AslClient> asl_open(std::string_view ident, std::string_view facility,
+                                      std::uint32_t options);
+
+  // Writes the finished text `message` as it stands; a null client is the default client, whose
+  // ident is the program's name. Levels outside 0 to 7 count as the nearest of them.
+  void asl_log(const AslClient* client, int level, std::string_view message);
+
+  // Ends the client; null does nothing. Static, since a queue's finaliser knows the client alone.
+  static void asl_close(std::unique_ptr<AslClient> client);
+
+  const std::string& programName() const { return defaultClient_.ident; }
+
+  // Counts a message that had to be given up before it came here, to be reported with the others.
+  void countLost() { dropped_.fetch_add(1, std::memory_order_relaxed); }
+
+  // Messages lost so far and not yet reported.
+  std::uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
+
+ private:
+  bool reportDropped();
+
+  LogSink& sink_;
+  const AslClient defaultClient_;
+  const int maximumLevel_;
+  std::atomic<std::uint64_t> dropped_ = 0;
+};
+
+}  // namespace platform

@@ -1,0 +1,73 @@
+#include "Platform/Messages/NSProtocolChecker.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace platform {
+namespace {
+
+const Protocol kProtocol("Greeting", {{"greet:"}, {"wave", MethodDescription::Kind::kOneWay}});
+
+struct Target final : MessageReceiver {
+  MessageResult receiveMessage(std::string_view selector, const Array& arguments) override {
+    last = selector;
+    return arguments.empty() ? Value() : arguments.front();
+  }
+  std::string last;
+};
+
+std::string reasonOf(const MessageResult& result) {
+  if (result) return "no exception";
+  EXPECT_EQ(result.error().name, kNSInvalidArgumentException);
+  return result.error().reason;
+}
+
+TEST(NSProtocolCheckerTest, AMessageOfTheProtocolReachesTheTarget) {
+  Target target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  EXPECT_EQ(checker.sendMessage("greet:", {Value("you")}), MessageResult(Value("you")));
+  EXPECT_EQ(target.last, "greet:");
+}
+
+TEST(NSProtocolCheckerTest, ASelectorOutsideTheProtocolDoesNotReachTheTarget) {
+  Target target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  for (const char* selector : {"greet", "greet::", "Greet:", "hide:", ""}) {
+    EXPECT_EQ(reasonOf(checker.sendMessage(selector, {Value(1)})),
+              "-[NSProtocolChecker " + std::string(selector) + "]: unrecognized selector");
+  }
+  EXPECT_EQ(target.last, "");
+}
+
+TEST(NSProtocolCheckerTest, TheNumberOfArgumentsMustFitTheSelector) {
+  Target target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  EXPECT_EQ(reasonOf(checker.sendMessage("greet:", {})),
+            "-[NSProtocolChecker greet:]: 0 arguments");
+  EXPECT_EQ(reasonOf(checker.sendMessage("greet:", {1, 2})),
+            "-[NSProtocolChecker greet:]: 2 arguments");
+  EXPECT_EQ(target.last, "");
+}
+
+TEST(NSProtocolCheckerTest, WithoutATargetItOnlyAnswersQuestions) {
+  const NSProtocolChecker checker(nullptr, &kProtocol);
+  EXPECT_TRUE(checker.respondsToSelector("wave"));
+  EXPECT_EQ(checker.methodSignatureForSelector("wave")->kind, MethodDescription::Kind::kOneWay);
+  EXPECT_FALSE(checker.respondsToSelector("greet"));
+  EXPECT_TRUE(checker.conformsToProtocol("Greeting"));
+  EXPECT_FALSE(checker.conformsToProtocol("Farewell"));
+  EXPECT_EQ(reasonOf(checker.sendMessage("wave", {})), "-[NSProtocolChecker wave]: no target");
+}
+
+TEST(NSProtocolCheckerTest, WithoutAProtocolItAdmitsNothing) {
+  Target target;
+  const NSProtocolChecker checker(&target, nullptr);
+  EXPECT_FALSE(checker.respondsToSelector("wave"));
+  EXPECT_FALSE(checker.conformsToProtocol("Greeting"));
+  EXPECT_EQ(reasonOf(checker.sendMessage("wave", {})),
+            "-[NSProtocolChecker wave]: unrecognized selector");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,212 @@
+// What crosses a connection. The first message of a client is
+//
+//   NSConnectionAuthenticate:    its authentication data; answered with the server's
+//
+// After that a message for the root object goes by its own selector, and one for an object that was
+// passed as a reference by that selector behind a keyword that takes the object's number:
+//
+//   NSDistantObject:SELECTOR     number, arguments...
+
+#include <utility>
+
+#include "Platform/NamedConnections/NSConnection.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Texts/StringFormat.h"
+
+namespace platform {
+namespace {
+
+constexpr std::string_view kAuthenticate = "NSConnectionAuthenticate:";
+constexpr std::string_view kObjectKeyword = "NSDistantObject:";
+
+NSException exception(const char* name, std::string reason) {
+  return NSException{name, std::move(reason), {}};
+}
+
+std::unexpected<NSException> raise(const char* name, std::string reason) {
+  return std::unexpected(exception(name, std::move(reason)));
+}
+
+std::unexpected<NSException> raiseEnded() {
+  return raise(kNSInvalidSendPortException, "the connection has ended");
+}
+
+}  // namespace
+
+std::expected<std::shared_ptr<NSDistantObject>, NSException> NSConnection::rootProxy() {
+  const auto self = shared_from_this();
+  if (!valid_ || role_ == Role::kServer) return raiseEnded();
+  if (auto authenticated = authenticate(); !authenticated)
+    return std::unexpected(std::move(authenticated.error()));
+  if (auto known = rootProxy_.lock()) return known;
+  auto proxy = std::make_shared<NSDistantObject>(
+      self, NSDistantObject::Description{NSDistantObject::kRootObject, "NSDistantObject", {}});
+  rootProxy_ = proxy;
+  return proxy;
+}
+
+std::expected<void, NSException> NSConnection::authenticate() {
+  if (stage_ == Stage::kOpen) return {};
+  const auto fail = [&](NSException raised) {
+    invalidate();
+    return std::unexpected(std::move(raised));
+  };
+  const auto failAuthentication = [&](std::string_view why) {
+    logRefusal(why);
+    return fail(exception(kNSFailedAuthenticationException, std::string(why)));
+  };
+  // A child's peer begins; a delegate that asks for the proxy while it is asked for its data gets
+  // none either.
+  if (role_ != Role::kClient || stage_ == Stage::kAuthenticating)
+    return raise(kNSFailedAuthenticationException, "the two sides have not authenticated yet");
+  if (delegate_ == nullptr) return failAuthentication("this client has no delegate");
+  stage_ = Stage::kAuthenticating;
+  auto answer =
+      peer_->call(kAuthenticate, {delegate_->authenticationDataForComponents({})}, requestTimeout_);
+  if (!answer) {
+    if (!onlyLooks_ && answer.error().name == kNSPortTimeoutException)
+      connections_.noteSilence(name_);
+    return fail(std::move(answer.error()));
+  }
+  if (!valid_) return raiseEnded();
+  const Data* data = answer->data();
+  if (data == nullptr || delegate_ == nullptr || !delegate_->authenticateComponents({}, *data))
+    return failAuthentication("the server did not authenticate itself");
+  if (!valid_) return raiseEnded();
+  stage_ = Stage::kOpen;
+  return {};
+}
+
+std::expected<PeerMessage, NSException> NSConnection::compose(std::int64_t object,
+                                                              std::string_view selector,
+                                                              const Array& arguments) {
+  if (!valid_) return raiseEnded();
+  PeerMessage message;
+  if (object != NSDistantObject::kRootObject) {
+    message.selector = kObjectKeyword;
+    message.arguments.emplace_back(object);
+  }
+  message.selector += selector;
+  for (const Value& argument : arguments) {
+    auto encoded = references_.encode(argument);
+    if (!encoded) return raise(kNSInvalidArgumentException, std::move(encoded.error().context));
+    message.arguments.push_back(std::move(*encoded));
+  }
+  return message;
+}
+
+MessageResult NSConnection::sendTwoWay(std::int64_t object, std::string_view selector,
+                                       const Array& arguments) {
+  const auto self = shared_from_this();
+  const auto message = compose(object, selector, arguments);
+  if (!message) return std::unexpected(message.error());
+  auto result = peer_->call(message->selector, message->arguments, replyTimeout_);
+  if (!result) {
+    // A client that hangs would cost a wait for each object that it has passed to us. It learns by
+    // the end of its connection that it is no longer listened to.
+    if (role_ == Role::kChild && result.error().name == kNSPortTimeoutException && valid_) {
+      logRefusal("it did not answer in time");
+      invalidate();
+    }
+    return result;
+  }
+  auto decoded = references_.decode(*result, self);
+  if (decoded) return std::move(*decoded);
+  breakOff(nullptr, decoded.error().context);
+  return raise(kNSInvalidSendPortException, std::move(decoded.error().context));
+}
+
+MessageResult NSConnection::sendOneWay(std::int64_t object, std::string_view selector,
+                                       const Array& arguments) {
+  const auto message = compose(object, selector, arguments);
+  if (!message) return std::unexpected(message.error());
+  const auto sent = peer_->send(message->selector, message->arguments);
+  if (sent) return Value();
+  std::string reason = describe(sent.error());
+  switch (sent.error().code) {
+    case ErrorCode::kInvalid:
+      return raise(kNSInvalidArgumentException, std::move(reason));
+    case ErrorCode::kExhausted:  // The port stays full, as for a peer that never answers.
+      return raise(kNSPortTimeoutException, std::move(reason));
+    default:
+      return raise(kNSInvalidSendPortException, std::move(reason));
+  }
+}
+
+void NSConnection::handle(PeerMessage message) {
+  if (!valid_) return;
+  if (stage_ != Stage::kOpen) return handleAuthentication(std::move(message));
+  if (message.selector == kAuthenticate)
+    return breakOff(std::move(message.reply), "it authenticated itself twice");
+  const auto request = readRequest(message);
+  if (!request) return breakOff(std::move(message.reply), request.error().context);
+  const MessageResult result = perform(*request);
+  // What can't be answered is the peer's loss: it has ended, or does not read.
+  if (message.reply) (void)message.reply->answer(result);
+}
+
+void NSConnection::handleAuthentication(PeerMessage message) {
+  if (role_ != Role::kChild)
+    return refuse(std::move(message.reply), "it spoke before it had authenticated itself");
+  const Data* data = message.selector == kAuthenticate && message.arguments.size() == 1
+                         ? message.arguments.front().data()
+                         : nullptr;
+  if (data == nullptr || !message.reply)
+    return refuse(std::move(message.reply), "its first message was not its authentication");
+  if (delegate_ == nullptr) return refuse(std::move(message.reply), "there is no delegate");
+  if (!delegate_->authenticateComponents({}, *data))
+    return refuse(std::move(message.reply), "its authentication was wrong");
+  if (!valid_ || delegate_ == nullptr) return invalidate();
+  stage_ = Stage::kOpen;
+  peer_->admit();
+  (void)message.reply->answer(Value(delegate_->authenticationDataForComponents({})));
+}
+
+Result<NSConnection::Request> NSConnection::readRequest(const PeerMessage& message) {
+  Request request{rootObject_, message.selector, {}};
+  auto argument = message.arguments.begin();
+  if (message.selector.starts_with(kObjectKeyword)) {
+    request.selector.erase(0, kObjectKeyword.size());
+    const auto number =
+        argument == message.arguments.end() ? std::nullopt : (argument++)->integer();
+    if (!number) return std::unexpected(Error{ErrorCode::kInvalid, 0, "a message to no object"});
+    request.object = references_.find(*number);
+  }
+  for (; argument != message.arguments.end(); ++argument) {
+    auto decoded = references_.decode(*argument, shared_from_this());
+    if (!decoded) return std::unexpected(std::move(decoded.error()));
+    request.arguments.push_back(std::move(*decoded));
+  }
+  return request;
+}
+
+MessageResult NSConnection::perform(const Request& request) {
+  if (!request.object)
+    return raise(kNSInvalidSendPortException, "the object that the message was for is gone");
+  // The peer could go on for ever: a request within our call within its request, and so on.
+  if (nestedRequests_ == kMaxNestedRequests)
+    return raise(kNSInvalidArgumentException, "too many requests inside one another");
+  ++nestedRequests_;
+  MessageResult result = request.object->sendMessage(request.selector, request.arguments);
+  --nestedRequests_;
+  if (!result) return result;
+  auto encoded = references_.encode(*result);
+  if (!encoded) return raise(kNSInvalidArgumentException, std::move(encoded.error().context));
+  return std::move(*encoded);
+}
+
+void NSConnection::refuse(std::unique_ptr<PeerReply> reply, std::string_view why) {
+  end(std::move(reply), exception(kNSFailedAuthenticationException, std::string(why)));
+}
+
+void NSConnection::breakOff(std::unique_ptr<PeerReply> reply, std::string_view why) {
+  end(std::move(reply), exception(kNSInvalidArgumentException, std::string(why)));
+}
+
+void NSConnection::end(std::unique_ptr<PeerReply> reply, const NSException& why) {
+  if (valid_) logRefusal(why.reason);
+  if (reply) (void)reply->answer(std::unexpected(why));
+  invalidate();
+}
+
+}  // namespace platform

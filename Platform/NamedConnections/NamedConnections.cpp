@@ -1,0 +1,79 @@
+#include "Platform/NamedConnections/NamedConnections.h"
+
+#include <utility>
+
+#include "Platform/Texts/StringFormat.h"
+
+namespace platform {
+namespace {
+
+constexpr char kIdent[] = "NSConnection";
+
+}  // namespace
+
+NamedConnections::NamedConnections(RunLoop& loop, PeerTransport& transport,
+                                   NotificationCenter& center, SystemLog& log, PathOfName path)
+    : loop_(loop),
+      transport_(transport),
+      center_(center),
+      failures_(loop, log, kIdent),
+      refusals_(loop, log, kIdent),
+      path_(std::move(path)) {}
+
+std::shared_ptr<NSConnection> NamedConnections::makeConnection() {
+  return std::make_shared<NSConnection>(NSConnection::Maker(), *this, NSConnection::Role::kServer,
+                                        std::string(), nullptr, std::weak_ptr<NSConnection>());
+}
+
+std::shared_ptr<NSConnection> NamedConnections::connectionWithRegisteredName(
+    std::string_view name, const std::optional<std::string>& host) {
+  if (name.empty() || (host && !host->empty() && *host != "*")) return nullptr;
+  const std::string server(name);
+  if (isSilent(server)) return nullptr;
+  auto connection = connect(server, {});
+  if (connection) return *std::move(connection);
+  if (connection.error() == PeerConnectFailure::Kind::kTimedOut) noteSilence(server);
+  return nullptr;
+}
+
+std::shared_ptr<NSConnection> NamedConnections::lookAtRegisteredName(std::string_view name,
+                                                                     Duration timeout) {
+  const std::string server(name);
+  if (server.empty() || isSilent(server)) return nullptr;
+  auto connection = connect(server, {.timeout = timeout});
+  if (!connection) return nullptr;
+  (*connection)->onlyLooks_ = true;
+  return *std::move(connection);
+}
+
+bool NamedConnections::isSilent(const std::string& name) {
+  const auto silent = silentUntil_.find(name);
+  if (silent == silentUntil_.end()) return false;
+  if (loop_.now() < silent->second) return true;
+  silentUntil_.erase(silent);
+  return false;
+}
+
+std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> NamedConnections::connect(
+    const std::string& name, const PeerConnectOptions& options) {
+  using Kind = PeerConnectFailure::Kind;
+  auto peer = transport_.connect(path_(name), options);
+  if (!peer) {
+    const PeerConnectFailure& failure = peer.error();
+    if (failure.kind != Kind::kNobodyThere)
+      failures_.write(
+          stringWithFormat("No connection with \"%@\": %@", name, describe(failure.error)));
+    return std::unexpected(failure.kind);
+  }
+  auto connection =
+      std::make_shared<NSConnection>(NSConnection::Maker(), *this, NSConnection::Role::kClient,
+                                     name, std::move(*peer), std::weak_ptr<NSConnection>());
+  connection->listenToPeer();
+  return connection;
+}
+
+void NamedConnections::noteSilence(const std::string& name) {
+  silentUntil_[name] = loop_.now() + kSilentServerPause;
+}
+
+}  // namespace platform

@@ -1,0 +1,119 @@
+#include "Platform/NamedConnections/NamedConnections.h"
+
+#include <gtest/gtest.h>
+
+#include "Platform/NamedConnections/NamedConnections_contract.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace platform {
+namespace {
+
+class FakeConnectionsHarness final : public NamedConnectionsHarness {
+ public:
+  ConnectedProgram& here() override { return here_; }
+  void there(const std::function<void(ConnectedProgram&)>& action) override { action(there_); }
+  void thereWhileWeHang(const std::function<void(ConnectedProgram&)>& action) override {
+    transportHere_.hang();
+    action(there_);
+    transportHere_.goOn();
+  }
+  std::string path(std::string_view name) override { return "connections/" + std::string(name); }
+
+ private:
+  NamedConnections::PathOfName paths() {
+    return [this](std::string_view name) { return path(name); };
+  }
+
+  VirtualRunLoop loop_;
+  FakePeerNetwork network_{loop_};
+  FakePeerTransport transportHere_{network_, {100, 1, 1}};
+  FakePeerTransport transportThere_{network_, {200, 2, 2}};
+  ConnectedProgram here_{loop_, transportHere_, paths()};
+  ConnectedProgram there_{loop_, transportThere_, paths()};
+};
+
+std::unique_ptr<NamedConnectionsHarness> makeFakeHarness() {
+  return std::make_unique<FakeConnectionsHarness>();
+}
+
+INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsContract, testing::Values(&makeFakeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsReferencesContract,
+                         testing::Values(&makeFakeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsPeersContract, testing::Values(&makeFakeHarness));
+
+class NamedConnectionsTest : public testing::Test {
+ protected:
+  std::shared_ptr<NSConnection> vend(std::string_view name) {
+    auto connection = server_.connections.makeConnection();
+    connection->setDelegate(&delegate_);
+    EXPECT_TRUE(connection->registerName(name));
+    return connection;
+  }
+
+  TokenDelegate delegate_{"server", "client"};
+  VirtualRunLoop loop_;
+  FakePeerNetwork network_{loop_};
+  FakePeerTransport transport_{network_, {100, 1, 1}};
+  FakePeerTransport serverTransport_{network_, {200, 2, 2}};
+  ConnectedProgram program_{loop_, transport_,
+                            [](std::string_view name) { return std::string(name); }};
+  ConnectedProgram server_{loop_, serverTransport_,
+                           [](std::string_view name) { return std::string(name); }};
+};
+
+TEST_F(NamedConnectionsTest, AServerThatAcceptsNobodyIsAskedAgainAfterAPause) {
+  const auto connection = vend("server");
+  serverTransport_.hang();
+  const Instant start = loop_.now();
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+  const Duration wait = loop_.now() - start;
+  EXPECT_EQ(wait, 5s);
+  serverTransport_.goOn();
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+  loop_.advanceBy(NamedConnections::kSilentServerPause - 1ns);
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+  EXPECT_EQ(loop_.now() - start, wait + NamedConnections::kSilentServerPause - 1ns);
+  loop_.advanceBy(1ns);
+  EXPECT_NE(program_.connections.connectionWithRegisteredName("server"), nullptr);
+}
+
+TEST_F(NamedConnectionsTest, ASilentServerKeepsNobodyFromAnother) {
+  const auto connection = vend("server");
+  const auto other = vend("other");
+  serverTransport_.hang();
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+  serverTransport_.goOn();
+  EXPECT_NE(program_.connections.connectionWithRegisteredName("other"), nullptr);
+}
+
+TEST_F(NamedConnectionsTest, AClientThatShowsNothingInTimeIsLetGo) {
+  const auto connection = vend("server");
+  const auto client = program_.connections.connectionWithRegisteredName("server");
+  ASSERT_TRUE(client);
+  loop_.advanceBy(kPeerAdmissionTime - 1ns);
+  EXPECT_EQ(connection->childConnections().size(), 1u);
+  loop_.advanceBy(1ns);
+  EXPECT_TRUE(connection->childConnections().empty());
+  EXPECT_EQ(server_.sink.count("with process 100 of user 1: "), 1u);
+  EXPECT_FALSE(client->isValid());
+}
+
+TEST_F(NamedConnectionsTest, ADeadOwnersNameIsFree) {
+  const auto connection = vend("server");
+  serverTransport_.die();
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+  EXPECT_TRUE(program_.connections.makeConnection()->registerName("server"));
+}
+
+TEST_F(NamedConnectionsTest, TimeOutsBeginWithWhatASideCanWaitFor) {
+  const auto connection = vend("server");
+  EXPECT_EQ(connection->replyTimeout(), 2s);
+  const auto client = program_.connections.connectionWithRegisteredName("server");
+  ASSERT_TRUE(client);
+  EXPECT_EQ(client->replyTimeout(), 10s);
+  EXPECT_EQ(client->requestTimeout(), 10s);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,138 @@
+#include "Platform/Peers/PeerPlaces.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace platform {
+namespace {
+
+constexpr std::uint32_t kRoot = 0;
+constexpr std::uint32_t kOwn = 500;
+constexpr std::uint32_t kAnna = 1000;
+constexpr std::uint32_t kBen = 1001;
+
+class PeerPlacesTest : public testing::Test {
+ protected:
+  // Four places, one of them kept.
+  bool take(std::uint32_t user, const std::string& name) {
+    auto place = places_->take(user, [this, name] { out_.push_back(name); });
+    if (!place) return false;
+    held_.emplace_back(name, std::move(place));
+    return true;
+  }
+  void give(const std::string& name) {
+    std::erase_if(held_, [&](const auto& held) { return held.first == name; });
+  }
+
+  std::shared_ptr<PeerPlaces> places_ = std::make_shared<PeerPlaces>(kOwn, 4, 1);
+  std::vector<std::string> out_;
+  std::vector<std::pair<std::string, std::unique_ptr<PeerPlaces::Place>>> held_;
+};
+
+TEST_F(PeerPlacesTest, TheOldestOfTheUserWhoHasTheMostGoes) {
+  EXPECT_TRUE(take(kBen, "ben"));
+  EXPECT_TRUE(take(kAnna, "first"));
+  EXPECT_TRUE(take(kAnna, "second"));
+  EXPECT_TRUE(out_.empty());
+  EXPECT_TRUE(take(kAnna, "third"));
+  EXPECT_EQ(out_, std::vector<std::string>{"first"});
+  // Also where another comes, who has fewer.
+  EXPECT_TRUE(take(2000, "stranger"));
+  EXPECT_EQ(out_, (std::vector<std::string>{"first", "second"}));
+  EXPECT_EQ(places_->taken(), 3u);
+}
+
+TEST_F(PeerPlacesTest, WhereAllHaveOneTheOldestGoes) {
+  for (const std::uint32_t user : {kAnna, kBen, 2000u, 3000u}) {
+    EXPECT_TRUE(take(user, std::to_string(user)));
+  }
+  EXPECT_EQ(out_, std::vector<std::string>{"1000"});
+}
+
+TEST_F(PeerPlacesTest, ANewcomerWithAsManyAsAnotherPaysItself) {
+  EXPECT_TRUE(take(kBen, "ben 1"));
+  EXPECT_TRUE(take(kBen, "ben 2"));
+  EXPECT_TRUE(take(kAnna, "anna 1"));
+  EXPECT_TRUE(take(kAnna, "anna 2"));
+  EXPECT_EQ(out_, std::vector<std::string>{"anna 1"});
+}
+
+TEST_F(PeerPlacesTest, SomePlacesAreKeptForRootAndOurOwnUser) {
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kAnna, "anna " + std::to_string(i)));
+  EXPECT_TRUE(take(kRoot, "root"));
+  EXPECT_TRUE(out_.empty());
+  EXPECT_EQ(places_->taken(), 4u);
+  EXPECT_TRUE(take(kOwn, "own"));
+  EXPECT_EQ(out_, std::vector<std::string>{"anna 0"});
+}
+
+TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutTheFavoured) {
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kRoot, "root " + std::to_string(i)));
+  EXPECT_TRUE(take(kAnna, "anna"));
+  EXPECT_TRUE(take(kBen, "ben"));
+  EXPECT_EQ(out_, std::vector<std::string>{"anna"});
+  give("ben");
+  EXPECT_TRUE(take(kOwn, "own"));
+  EXPECT_FALSE(take(kAnna, "nowhere"));
+  EXPECT_TRUE(take(kRoot, "root 3"));
+  EXPECT_EQ(out_, (std::vector<std::string>{"anna", "root 0"}));
+}
+
+TEST_F(PeerPlacesTest, AListenerHasSoManyPlacesAndSoManyOfThemKept) {
+  places_ = std::make_shared<PeerPlaces>(kOwn);
+  constexpr std::size_t kForAll = kPeerPlaces - kKeptPeerPlaces;
+  for (std::size_t i = 0; i < kForAll - 1; ++i) EXPECT_TRUE(take(kAnna, std::to_string(i)));
+  EXPECT_TRUE(take(kAnna, "last"));
+  EXPECT_TRUE(out_.empty());
+  EXPECT_TRUE(take(kAnna, "one more"));
+  EXPECT_EQ(out_, std::vector<std::string>{"0"});
+
+  for (std::size_t i = 0; i < kKeptPeerPlaces; ++i) EXPECT_TRUE(take(kRoot, "root"));
+  EXPECT_EQ(out_.size(), 1u);
+  EXPECT_EQ(places_->taken(), kPeerPlaces);
+  EXPECT_TRUE(take(kRoot, "one more"));
+  EXPECT_EQ(out_, (std::vector<std::string>{"0", "1"}));
+  EXPECT_EQ(places_->taken(), kPeerPlaces);
+}
+
+TEST_F(PeerPlacesTest, APlaceThatIsGivenBackIsFree) {
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kAnna, "anna " + std::to_string(i)));
+  give("anna 1");
+  EXPECT_TRUE(take(kAnna, "anna 3"));
+  EXPECT_TRUE(out_.empty());
+}
+
+TEST_F(PeerPlacesTest, APlaceOutlivesTheListener) {
+  EXPECT_TRUE(take(kAnna, "anna"));
+  places_.reset();
+  held_.clear();
+  EXPECT_TRUE(out_.empty());
+}
+
+TEST(PeerUserCountsTest, AUserHoldsSoManyAndNoMore) {
+  const auto counts = std::make_shared<PeerUserCounts>();
+  auto first = counts->hold(kAnna, 2);
+  const auto second = counts->hold(kAnna, 2);
+  EXPECT_TRUE(first && second);
+  EXPECT_FALSE(counts->hold(kAnna, 2));
+  EXPECT_TRUE(counts->hold(kBen, 2));
+  first.reset();
+  EXPECT_TRUE(counts->hold(kAnna, 2));
+  EXPECT_FALSE(counts->hold(kBen, 0));
+}
+
+TEST(PeerUserCountsTest, AListenersUserHoldsSoManyAndNoMore) {
+  const auto counts = std::make_shared<PeerUserCounts>();
+  std::vector<decltype(counts->hold(kAnna, 0))> held;
+  for (std::size_t i = 1; i <= kMaxPeerConnectionsPerUser; ++i) {
+    held.push_back(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
+    EXPECT_TRUE(held.back()) << i;
+  }
+  EXPECT_FALSE(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,8 @@
+#pragma once
+
+// What every transport between processes must do. A test program instantiates it with a harness:
+//   INSTANTIATE_TEST_SUITE_P(Fake, PeerTransportContract, testing::Values(&makeHarness));
+
+#include "Platform/Peers/PeerTransportCalls_contract.h"
+#include "Platform/Peers/PeerTransportEnds_contract.h"
+#include "Platform/Peers/PeerTransportLimits_contract.h"

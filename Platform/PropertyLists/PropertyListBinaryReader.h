@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
+
+namespace platform {
+
+// The binary half of readPropertyList(), which see.
+Result<Value> readBinaryPropertyList(std::span<const std::uint8_t> bytes,
+                                     std::string_view sourceName);
+
+}  // namespace platform

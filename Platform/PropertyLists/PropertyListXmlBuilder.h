@@ -1,0 +1,105 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
+
+namespace platform {
+
+// Makes a value of the elements and texts of an XML property list, one event at a time, and is the
+// one place that knows which may stand where. It knows nothing of libxml2 and holds no positions:
+// an error names its place by the number of a tag.
+class PropertyListXmlBuilder {
+ public:
+  struct Place {
+    enum class At {
+      kTag,      // the tag itself
+      kContent,  // the first content behind the tag that is not white space
+    };
+    std::size_t tag = 0;  // start, end and empty tags, counted from 0 in the order of the document
+    At at = At::kTag;
+  };
+
+  struct Problem {
+    ErrorCode code = ErrorCode::kInvalid;
+    Place place;
+    std::string text;
+  };
+
+  // A step gives the problem that ends the reading, if there is one.
+  using Step = std::optional<Problem>;
+
+  struct Attributes {
+    bool unknown = false;  // any but "version", namespaces included
+    std::optional<std::string_view> version;
+  };
+
+  Step startElement(std::string_view name, const Attributes& attributes, bool isEmptyTag);
+  Step endElement();
+  Step text(std::string_view text);
+  // A reference to an entity that XML does not define by itself.
+  Step entityReference(std::string_view name);
+
+  // The value, once all events have been given.
+  Result<Value, Problem> finish() &&;
+
+ private:
+  enum class Element {
+    kPropertyList,
+    kKey,
+    kString,
+    kInteger,
+    kReal,
+    kTrue,
+    kFalse,
+    kDate,
+    kData,
+    kArray,
+    kDictionary,
+  };
+
+  // A collection under way.
+  struct Collection {
+    bool isDictionary = false;
+    Array elements;
+    Dictionary entries;
+    // The key that waits for its value, and its tag.
+    std::optional<std::string> key;
+    std::size_t keyTag = 0;
+  };
+
+  // A scalar or key under way: from its start tag to its end tag.
+  struct Leaf {
+    Element element = Element::kKey;
+    std::size_t tag = 0;
+  };
+
+  static std::optional<Element> elementNamed(std::string_view name);
+  static std::string_view nameOf(Element element);
+
+  Step startPropertyList(std::optional<Element> element, std::string_view name,
+                         const Attributes& attributes);
+  Step checkMayStandHere(Element element, std::size_t tag);
+  Step openCollection(bool isDictionary, std::size_t tag);
+  Step closeCollection();
+  Step finishLeaf();
+  Step finishKey(std::size_t tag);
+  Result<Value, std::string> scalar() const;
+  void add(Value value);
+
+  std::vector<Collection> collections_;
+  std::optional<Leaf> leaf_;
+  std::string text_;  // of the leaf; kept between leaves for its memory
+  Value root_;
+  bool inPropertyList_ = false;
+  std::size_t tags_ = 0;
+  std::size_t nodes_ = 0;
+};
+
+}  // namespace platform

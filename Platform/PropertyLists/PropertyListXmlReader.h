@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "Platform/Values/Error.h"
+#include "Platform/Values/Value.h"
+
+namespace platform {
+
+// The XML half of readPropertyList(), which see.
+Result<Value> readXmlPropertyList(std::span<const std::uint8_t> bytes, std::string_view sourceName);
+
+}  // namespace platform

@@ -1,0 +1,9 @@
+#pragma once
+
+// What every run loop must do. A test program instantiates it:
+//   INSTANTIATE_TEST_SUITE_P(Virtual, RunLoopContract, testing::Values(&makeVirtualLoop));
+
+#include "Platform/RunLoops/RunLoopRunning_contract.h"
+#include "Platform/RunLoops/RunLoopSources_contract.h"
+#include "Platform/RunLoops/RunLoopTimers_contract.h"
+#include "Platform/RunLoops/RunLoopUrgency_contract.h"

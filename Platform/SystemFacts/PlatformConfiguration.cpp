@@ -1,0 +1,229 @@
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+
+#include <fmt/format.h>
+
+namespace platform {
+namespace {
+
+constexpr std::size_t kMaximumPathBytes = 4095;
+constexpr std::size_t kMaximumGroupBytes = 32;  // what the system's own group tools admit
+constexpr std::size_t kMaximumLanguages = 64;
+constexpr std::size_t kMaximumLanguageBytes = 64;
+constexpr std::size_t kMaximumAddressBytes = 1024;
+constexpr std::size_t kMaximumDigits = 4;
+
+// The marketing release lies this many behind the kernel's.
+constexpr std::uint64_t kKernelMajorOfFirstRelease = 4;
+
+using Configuration = PlatformConfiguration;
+
+bool isControl(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte < 0x20 || byte == 0x7f;
+}
+
+bool isPlainText(const std::string& text, std::size_t maximumBytes) {
+  return !text.empty() && text.size() <= maximumBytes && std::ranges::none_of(text, isControl);
+}
+
+// "15.0.0" as its numbers; nothing unless there are `least` to three, each of one to four digits.
+std::optional<std::vector<std::uint64_t>> dottedNumbers(const std::string& text,
+                                                        std::size_t least) {
+  std::vector<std::uint64_t> numbers;
+  const char* const end = text.data() + text.size();
+  for (const char* at = text.data();; ++at) {
+    std::uint64_t number = 0;
+    const auto [stop, error] = std::from_chars(at, end, number);
+    if (error != std::errc() || stop - at > static_cast<std::ptrdiff_t>(kMaximumDigits)) {
+      return std::nullopt;
+    }
+    numbers.push_back(number);
+    at = stop;
+    if (at == end) break;
+    if (*at != '.' || numbers.size() == 3) return std::nullopt;
+  }
+  if (numbers.size() < least) return std::nullopt;
+  numbers.resize(3);
+  return numbers;
+}
+
+bool readKernelRelease(const Value& value, Configuration& configuration) {
+  if (!value.string()) return false;
+  const auto numbers = dottedNumbers(*value.string(), 1);
+  if (!numbers || (*numbers)[0] < kKernelMajorOfFirstRelease) return false;
+  configuration.kernelRelease = *value.string();
+  return true;
+}
+
+bool readOsVersion(const Value& value, Configuration& configuration) {
+  if (!value.string()) return false;
+  const auto numbers = dottedNumbers(*value.string(), 2);
+  if (!numbers) return false;
+  configuration.osVersion = {(*numbers)[0], (*numbers)[1], (*numbers)[2]};
+  return true;
+}
+
+bool readUsersRoot(const Value& value, Configuration& configuration) {
+  const std::string* path = value.string();
+  if (!path || !isPlainText(*path, kMaximumPathBytes) || path->front() != '/') return false;
+  configuration.usersRoot = *path;
+  return true;
+}
+
+bool readGroup(const Value& value, Configuration& configuration) {
+  const std::string* name = value.string();
+  if (!name || !isPlainText(*name, kMaximumGroupBytes)) return false;
+  if (name->find_first_of(":/, ") != name->npos) return false;
+  configuration.group = *name;
+  return true;
+}
+
+bool readLanguages(const Value& value, Configuration& configuration) {
+  const Array* languages = value.array();
+  if (!languages || languages->size() > kMaximumLanguages) return false;
+  std::vector<std::string> names;
+  for (const Value& language : *languages) {
+    if (!language.string() || !isPlainText(*language.string(), kMaximumLanguageBytes)) return false;
+    names.push_back(*language.string());
+  }
+  configuration.languages = std::move(names);
+  return true;
+}
+
+bool readNotificationBus(const Value& value, Configuration& configuration) {
+  const std::string* address = value.string();
+  if (!address || !isPlainText(*address, kMaximumAddressBytes)) return false;
+  const std::size_t colon = address->find(':');
+  if (*address != "system" && (colon == 0 || colon == address->npos)) return false;
+  configuration.notificationBus = *address;
+  return true;
+}
+
+bool readJobBackend(const Value& value, Configuration& configuration) {
+  const std::string* name = value.string();
+  if (!name) return false;
+  if (*name == "embedded") {
+    configuration.jobBackend = Configuration::JobBackend::kEmbedded;
+  } else if (*name == "systemd") {
+    configuration.jobBackend = Configuration::JobBackend::kSystemd;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool readLogSink(const Value& value, Configuration& configuration) {
+  const std::string* name = value.string();
+  if (!name) return false;
+  if (*name == "journal") {
+    configuration.logSink = Configuration::LogSink::kJournal;
+  } else if (*name == "syslog") {
+    configuration.logSink = Configuration::LogSink::kSyslog;
+  } else if (*name == "file") {
+    configuration.logSink = Configuration::LogSink::kFile;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool readLogLevel(const Value& value, Configuration& configuration) {
+  const auto level = value.integer();
+  if (!level || *level < 0 || *level > 7) return false;
+  configuration.logLevel = static_cast<int>(*level);
+  return true;
+}
+
+struct Key {
+  std::string_view name;
+  std::string_view expected;
+  bool (*read)(const Value& value, Configuration& configuration);
+};
+
+constexpr std::array kKeys{
+    Key{"KernelRelease",
+        "a string of one to three numbers with dots between them, each of at most four digits, the "
+        "first at least 4 (\"15.0.0\")",
+        readKernelRelease},
+    Key{"OSVersion",
+        "a string of two or three numbers with dots between them, each of at most four digits "
+        "(\"10.11.0\")",
+        readOsVersion},
+    Key{"UsersRoot", "an absolute path of at most 4095 bytes", readUsersRoot},
+    Key{"Group", "the name of a group, of at most 32 bytes", readGroup},
+    Key{"Languages", "an array of at most 64 language codes, each a string of 1 to 64 bytes",
+        readLanguages},
+    Key{"NotificationBus", "\"system\" or a D-Bus address (\"unix:path=...\")",
+        readNotificationBus},
+    Key{"JobBackend", "\"embedded\" or \"systemd\"", readJobBackend},
+    Key{"LogSink", "\"journal\", \"syslog\" or \"file\"", readLogSink},
+    Key{"LogLevel", "an integer from 0 to 7", readLogLevel},
+};
+
+std::string knownKeys() {
+  std::vector<std::string_view> names;
+  for (const Key& key : kKeys) names.push_back(key.name);
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
+// A key or value from the file, harmless in a line of text.
+std::string quotedExcerpt(std::string_view text) {
+  constexpr std::size_t kShown = 64;
+  std::string shown(text.substr(0, kShown));
+  std::ranges::replace_if(shown, isControl, '?');
+  return fmt::format("\"{}\"{}", shown, text.size() > kShown ? "..." : "");
+}
+
+// What stands in the file, for the end of an error text.
+std::string found(const Value& value) {
+  if (value.string()) return quotedExcerpt(*value.string());
+  if (value.integer()) return fmt::format("{}", *value.integer());
+  return fmt::format("an {}", className(value));
+}
+
+OperatingSystemVersion versionOfKernelRelease(const std::string& release) {
+  const auto numbers = dottedNumbers(release, 1);
+  return {10, (*numbers)[0] - kKernelMajorOfFirstRelease, (*numbers)[1]};
+}
+
+}  // namespace
+
+PlatformConfiguration defaultPlatformConfiguration(std::string_view root) {
+  PlatformConfiguration configuration;
+  configuration.root = root;
+  return configuration;
+}
+
+Result<PlatformConfiguration> parsePlatformConfiguration(const Value& contents,
+                                                         std::string_view file,
+                                                         std::string_view root) {
+  const auto invalid = [&](std::string text) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", file, text)});
+  };
+  const Dictionary* const entries = contents.dictionary();
+  if (!entries) return invalid(fmt::format("expected a dictionary, found {}", found(contents)));
+
+  PlatformConfiguration configuration = defaultPlatformConfiguration(root);
+  for (const auto& [name, value] : *entries) {
+    const auto key = std::ranges::find(kKeys, name, &Key::name);
+    if (key == kKeys.end()) {
+      return invalid(
+          fmt::format("unknown key {}; expected one of: {}", quotedExcerpt(name), knownKeys()));
+    }
+    if (!key->read(value, configuration)) {
+      return invalid(
+          fmt::format("key \"{}\": expected {}, found {}", name, key->expected, found(value)));
+    }
+  }
+  if (!entries->contains("OSVersion")) {
+    configuration.osVersion = versionOfKernelRelease(configuration.kernelRelease);
+  }
+  return configuration;
+}
+
+}  // namespace platform

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "Platform/Digests/FileDigest.h"
+
+namespace platform {
+
+// The SHA-256 of a file that nobody else waits for, all of it in one go; nothing for an empty one.
+inline Result<std::optional<Sha256>> sha256OfFile(const std::string& path) {
+  auto digest = FileDigest::open(path);
+  if (!digest) return std::unexpected(digest.error());
+  const auto done = digest->readOn(std::numeric_limits<std::uint64_t>::max());
+  if (!done) return std::unexpected(done.error());
+  return digest->finish();
+}
+
+}  // namespace platform

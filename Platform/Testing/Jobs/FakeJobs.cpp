@@ -1,0 +1,249 @@
+#include "Platform/Testing/Jobs/FakeJobs.h"
+
+#include <algorithm>
+#include <cassert>
+#include <chrono>
+#include <csignal>
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A client waits so long for a host that is not there, and looks so often.
+constexpr Duration kPatience = 5s;
+constexpr Duration kLookEvery = 50ms;
+
+constexpr Duration kThrottle = 10s;
+constexpr Duration kExitTimeOut = 20s;
+// A program that can't be started is not tried more often, whatever its throttle.
+constexpr Duration kLeastRetry = 1s;
+
+std::unexpected<NSError> failure(LaunchdError code, std::string text) {
+  return std::unexpected(NSError{kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
+}
+
+std::unexpected<NSError> invalidJob(const std::string& label, const std::string& key,
+                                    const std::string& expected) {
+  return failure(LaunchdError::kInvalidJob,
+                 "job \"" + label + "\": key \"" + key + "\": expected " + expected);
+}
+
+std::string programOf(const Value& dictionary) {
+  if (const std::string* program = dictionary["Program"].string()) return *program;
+  const Array* arguments = dictionary["ProgramArguments"].array();
+  const std::string* first =
+      arguments && !arguments->empty() ? arguments->front().string() : nullptr;
+  return first ? *first : "";
+}
+
+Duration secondsOf(const Value& dictionary, std::string_view key, Duration otherwise) {
+  const auto seconds = dictionary[key].integer();
+  return seconds ? Duration(std::chrono::seconds(*seconds)) : otherwise;
+}
+
+bool isTrue(const Value& value) { return value.boolean() == true; }
+
+std::expected<void, NSError> check(const Value& dictionary) {
+  if (!dictionary.dictionary()) return invalidJob("", "", "a dictionary");
+  const std::string* label = dictionary["Label"].string();
+  if (!label || label->empty()) return invalidJob("", "Label", "a string");
+  if (!programOf(dictionary).starts_with('/')) return invalidJob(*label, "Program", "a path");
+  for (const char* key : {"KeepAlive", "RunAtLoad"}) {
+    if (!dictionary[key].isNil() && !dictionary[key].boolean()) {
+      return invalidJob(*label, key, "a boolean");
+    }
+  }
+  for (const char* key : {"ThrottleInterval", "ExitTimeOut"}) {
+    if (!dictionary[key].isNil() && dictionary[key].integer().value_or(-1) < 0) {
+      return invalidJob(*label, key, "an integer of seconds");
+    }
+  }
+  return {};
+}
+
+int waitStatus(ExitStatus status) {
+  return status.kind == ExitStatus::Kind::kExited ? status.number << 8 : status.number;
+}
+
+}  // namespace
+
+FakeJobs::Job& FakeJobs::job(std::string_view label) {
+  const auto found = jobs_.find(label);
+  assert(found != jobs_.end());
+  return found->second;
+}
+
+const FakeJobs::Job* FakeJobs::find(std::string_view label) const {
+  const auto found = jobs_.find(label);
+  return found == jobs_.end() ? nullptr : &found->second;
+}
+
+void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
+  Job& ended = job(label);
+  end(ended, status);
+  if (ended.removing) return static_cast<void>(jobs_.erase(std::string(label)));
+  if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
+}
+
+void FakeJobs::end(Job& job, ExitStatus status) {
+  assert(job.process);
+  const ProcessId process = *job.process;
+  job.process.reset();
+  job.lastExitStatus = waitStatus(status);
+  exitWatcher_.endProcess(process, status);
+}
+
+void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string> reason) {
+  if (reason) {
+    unstartable_[path] = *reason;
+  } else {
+    unstartable_.erase(path);
+  }
+}
+
+void FakeJobs::setReachable(bool reachable) {
+  reachable_ = reachable;
+  if (!reachable) return;
+  // What a host finds at its start.
+  for (const auto& [label, job] : jobs_) {
+    if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
+  }
+}
+
+std::vector<std::string> FakeJobs::labels() const {
+  std::vector<std::string> labels;
+  for (const auto& [label, job] : jobs_) labels.push_back(label);
+  return labels;
+}
+
+std::optional<ProcessId> FakeJobs::process(std::string_view label) const {
+  const Job* known = find(label);
+  return known ? known->process : std::nullopt;
+}
+
+std::size_t FakeJobs::starts(std::string_view label) const {
+  const Job* known = find(label);
+  return known ? known->starts : 0;
+}
+
+bool FakeJobs::awaitHost() {
+  if (hasWaitedInVain_ && !reachable_) return false;
+  for (Duration waited{}; !reachable_ && waited < kPatience; waited += kLookEvery) {
+    loop_.sleepFor(kLookEvery);
+  }
+  hasWaitedInVain_ = !reachable_;
+  return reachable_;
+}
+
+std::expected<void, NSError> FakeJobs::admit(std::string_view domain) {
+  if (domain != kSMDomainSystemLaunchd) {
+    return failure(
+        LaunchdError::kUnavailable,
+        "domain \"" + std::string(domain) + "\": expected \"" + kSMDomainSystemLaunchd + "\"");
+  }
+  if (!awaitHost()) return failure(LaunchdError::kUnavailable, "the job host can't be reached");
+  if (!callerAllowed_) return failure(LaunchdError::kNotAuthorized, "this user may not");
+  return {};
+}
+
+std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job) {
+  job.lastStart = loop_.now();
+  const std::string program = programOf(job.dictionary);
+  if (const auto reason = unstartable_.find(program); reason != unstartable_.end()) {
+    return failure(LaunchdError::kInternal,
+                   "job \"" + label + "\": " + program + ": " + reason->second);
+  }
+  job.process = ++lastProcess_;
+  job.ignoresTermination = false;
+  ++job.starts;
+  exitWatcher_.startProcess(*job.process);
+  return {};
+}
+
+Instant FakeJobs::earliestStart(const Job& job) const {
+  if (job.lastStart == Instant{}) return loop_.now();
+  return std::max(loop_.now(),
+                  job.lastStart + secondsOf(job.dictionary, "ThrottleInterval", kThrottle));
+}
+
+// The host is another program: it starts processes also while this one waits.
+void FakeJobs::startWhenThrottleAllows(const std::string& label) {
+  const Instant earliest = earliestStart(job(label));
+  if (earliest == loop_.now()) return startAgain(label);
+  loop_.scheduleOutsideEvent(earliest - loop_.now(), [this, label] { startAgain(label); });
+}
+
+void FakeJobs::startAgain(const std::string& label) {
+  const auto found = jobs_.find(label);
+  if (found == jobs_.end() || found->second.process || found->second.removing) return;
+  // The job may have been started and have ended since this start was planned.
+  if (!reachable_ || earliestStart(found->second) > loop_.now()) return;
+  if (start(label, found->second)) return;
+  const Duration throttle = secondsOf(found->second.dictionary, "ThrottleInterval", kThrottle);
+  loop_.scheduleOutsideEvent(std::max(throttle, kLeastRetry), [this, label] { startAgain(label); });
+}
+
+std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, const Value& job,
+                                                   const AuthorizationRef*) {
+  if (auto admitted = admit(domain); !admitted) return admitted;
+  if (auto checked = check(job); !checked) return checked;
+  const std::string label = *job["Label"].string();
+  // A job that is being removed is submitted when it has gone.
+  awaitRemoval(label);
+  const bool isNew = !jobs_.contains(label);
+  Job& submitted = jobs_[label];
+  submitted.dictionary = job;
+  if (submitted.process || (!isTrue(job["KeepAlive"]) && !isTrue(job["RunAtLoad"]))) return {};
+  if (!isNew) {
+    startWhenThrottleAllows(label);
+    return {};
+  }
+  auto started = start(label, submitted);
+  if (!started) jobs_.erase(label);
+  return started;
+}
+
+std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std::string_view label,
+                                                   const AuthorizationRef*, bool wait) {
+  if (auto admitted = admit(domain); !admitted) return admitted;
+  const auto found = jobs_.find(label);
+  if (found == jobs_.end()) {
+    return failure(LaunchdError::kNoSuchJob, "job \"" + std::string(label) + "\": no such job");
+  }
+  Job& removed = found->second;
+  if (!removed.process || !removed.ignoresTermination) {
+    if (removed.process) end(removed, {ExitStatus::Kind::kSignalled, SIGTERM});
+    jobs_.erase(found);
+    return {};
+  }
+  if (!removed.removing) {
+    const Duration exitTimeOut = secondsOf(removed.dictionary, "ExitTimeOut", kExitTimeOut);
+    removed.removing = true;
+    loop_.scheduleOutsideEvent(exitTimeOut,
+                               [this, process = *removed.process, name = found->first] {
+                                 if (this->process(name) == process) {
+                                   endProcess(name, {ExitStatus::Kind::kSignalled, SIGKILL});
+                                 }
+                               });
+  }
+  if (wait) awaitRemoval(label);
+  return {};
+}
+
+void FakeJobs::awaitRemoval(std::string_view label) {
+  while (find(label) && find(label)->removing) loop_.sleepFor(kLookEvery);
+}
+
+Value FakeJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {
+  if (domain != kSMDomainSystemLaunchd) return {};
+  if (!admit(domain)) return Dictionary();
+  const Job* known = find(label);
+  if (!known) return {};
+  Dictionary dictionary = *known->dictionary.dictionary();
+  if (known->process) dictionary.set("PID", *known->process);
+  if (known->lastExitStatus) dictionary.set("LastExitStatus", *known->lastExitStatus);
+  return dictionary;
+}
+
+}  // namespace platform

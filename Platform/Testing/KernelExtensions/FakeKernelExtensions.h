@@ -1,0 +1,74 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/KernelExtensions/KernelExtensions.h"
+#include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
+
+namespace platform {
+
+// Extensions that a test installs. One that is loaded offers its control.
+class FakeKernelExtensions final : public KernelExtensions {
+ public:
+  // Both outlive this.
+  FakeKernelExtensions(VirtualRunLoop& loop, FakeKernelControls& controls)
+      : loop_(loop), controls_(controls) {}
+
+  void install(const std::string& identifier, MakeControlHandler makeHandler);
+
+  // From now on loading it, also again, fails; or does not.
+  void setLoadFails(const std::string& identifier, bool fails) { at(identifier).loadFails = fails; }
+  // Loading it reports success and its control stays away: what the real loader never does.
+  void setWithoutControl(const std::string& identifier, bool without) {
+    at(identifier).isWithoutControl = without;
+  }
+  // Unloading it fails so many times.
+  void setBusy(const std::string& identifier, int times) { at(identifier).busyTimes = times; }
+  // It crashes: it stays loaded without its control, as a job that waits for its next start.
+  void crash(const std::string& identifier) { at(identifier).hasCrashed = true; }
+  void setOnLoad(const std::string& identifier, std::function<void()> onLoad) {
+    at(identifier).onLoad = std::move(onLoad);
+  }
+  // Whether it is loaded can't be told for now; or can again.
+  void setUnknown(const std::string& identifier, bool unknown) {
+    at(identifier).isUnknown = unknown;
+  }
+  // Loaded before anybody asked.
+  void setLoaded(const std::string& identifier) { at(identifier).isLoaded = true; }
+
+  bool isLoaded(const std::string& identifier) const { return extensions_.at(identifier).isLoaded; }
+  // What was asked, in order, as "load ID" and "unload ID".
+  const std::vector<std::string>& requests() const { return requests_; }
+
+  Result<std::string> KextManagerCreateURLForBundleIdentifier(
+      const std::string& identifier) override;
+  Result<void> OSKextAuthenticate(const std::string& identifier) override;
+  Result<void> KextManagerLoadKextWithIdentifier(const std::string& identifier,
+                                                 const std::vector<std::string>& folders) override;
+  Result<void> KextManagerUnloadKextWithIdentifier(const std::string& identifier) override;
+  Dictionary KextManagerCopyLoadedKextInfo(const std::vector<std::string>& identifiers) override;
+
+ private:
+  struct Extension {
+    bool isLoaded = false;
+    bool isUnknown = false;
+    bool loadFails = false;
+    bool isWithoutControl = false;
+    bool hasCrashed = false;
+    int busyTimes = 0;
+    std::function<void()> onLoad;
+  };
+  Extension& at(const std::string& identifier) { return extensions_.at(identifier); }
+  bool canBeConnectedTo(const std::string& identifier);
+
+  VirtualRunLoop& loop_;
+  FakeKernelControls& controls_;
+  std::map<std::string, Extension> extensions_;
+  std::vector<std::string> requests_;
+};
+
+}  // namespace platform

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Logging/LogSink.h"
+
+namespace platform {
+
+// A sink that keeps what it is given, and can be made to refuse. Any thread may use it.
+class FakeLogSink final : public LogSink {
+ public:
+  struct Message {
+    std::string ident;
+    std::string facility;
+    AslLevel level = ASL_LEVEL_DEBUG;
+    std::string text;
+
+    bool operator==(const Message&) const = default;
+  };
+
+  Result<void> write(const LogRecord& record) override;
+
+  // Refuses everything until recover().
+  void fail();
+  void recover();
+
+  // Writes refused so far.
+  std::size_t refused() const;
+
+  std::vector<Message> messages() const;
+  // The texts alone, in order.
+  std::vector<std::string> texts() const;
+  std::vector<Message> messagesAtLevel(AslLevel level) const;
+  std::vector<Message> messagesOf(std::string_view ident) const;
+  // Messages whose text contains `part`.
+  std::size_t count(std::string_view part) const;
+  void clear();
+  // What there is, which is then forgotten.
+  std::vector<Message> take();
+
+ private:
+  template <typename Predicate>
+  std::vector<Message> select(Predicate predicate) const;
+
+  mutable std::mutex mutex_;
+  std::vector<Message> messages_;
+  std::size_t refused_ = 0;
+  bool failing_ = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,62 @@
+#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+
+#include <utility>
+
+#include "Platform/Values/Error.h"
+
+namespace platform {
+
+class FakeNotificationBus::Center final : public DistributedNotificationCenter {
+ public:
+  Center(FakeNotificationBus& bus, SystemLog& log) : bus_(bus), log_(log) {}
+
+  std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
+                                           std::optional<std::string> object, Handler handler,
+                                           NSNotificationSuspensionBehavior /*behavior*/) override {
+    return std::make_unique<Observer>(
+        bus_.observers_.add(std::move(name), std::move(object), std::move(handler)));
+  }
+
+  std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
+    return bus_.returnObservers_.add(std::move(handler));
+  }
+
+  void postNotificationName(std::string_view name, std::optional<std::string> object,
+                            Value userInfo, NSNotificationPosting /*posting*/) override {
+    DistributedNotification notification{std::string(name), std::move(object), std::move(userInfo)};
+    Result<void> possible = checkDistributedNotification(notification);
+    if (possible && !bus_.running_)
+      possible = std::unexpected(Error{ErrorCode::kNotFound, 0, "the bus is not there"});
+    if (!possible) return logLostPost(log_, notification.name, possible.error());
+    bus_.loop_.post(
+        [&bus = bus_, notification = std::move(notification), end = bus_.observers_.nextNumber()] {
+          bus.observers_.deliver(notification, end);
+        });
+  }
+
+ private:
+  class Observer final : public Observation {
+   public:
+    explicit Observer(std::shared_ptr<DistributedObservers::Entry> entry)
+        : entry_(std::move(entry)) {}
+
+   private:
+    std::shared_ptr<DistributedObservers::Entry> entry_;
+  };
+
+  FakeNotificationBus& bus_;
+  SystemLog& log_;
+};
+
+FakeNotificationBus::~FakeNotificationBus() = default;
+
+void FakeNotificationBus::start() {
+  if (running_.exchange(true)) return;
+  loop_.post([this] { returnObservers_.tell(); });
+}
+
+std::unique_ptr<DistributedNotificationCenter> FakeNotificationBus::makeCenter(SystemLog& log) {
+  return std::make_unique<Center>(*this, log);
+}
+
+}  // namespace platform

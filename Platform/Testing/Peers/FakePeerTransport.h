@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace platform {
+
+class FakePeerTransport;
+
+// The names that the processes of a test listen on.
+class FakePeerNetwork {
+ public:
+  explicit FakePeerNetwork(VirtualRunLoop& loop) : loop_(loop) {}
+  FakePeerNetwork(const FakePeerNetwork&) = delete;
+  FakePeerNetwork& operator=(const FakePeerNetwork&) = delete;
+
+  VirtualRunLoop& loop() { return loop_; }
+
+ private:
+  friend class FakePeerTransport;
+
+  VirtualRunLoop& loop_;
+  class Listener;
+  std::map<std::string, Listener*> listeners_;
+  std::size_t anonymous_ = 0;  // of those, made so far
+};
+
+// The connections of one process. All processes share the virtual loop and the test's one thread: a
+// blocking call is served by the other process at once, inside the call; where that keeps the
+// answer, virtual time passes until an outside event brings it or the time-out ends.
+//
+// A process that waits in a call of its own serves only what that connection's options let it, as
+// the real one does. Must outlive its connections, and the network all processes.
+class FakePeerTransport final : public PeerTransport {
+ public:
+  FakePeerTransport(FakePeerNetwork& network, PeerCredentials self);
+  FakePeerTransport(const FakePeerTransport&) = delete;
+  FakePeerTransport& operator=(const FakePeerTransport&) = delete;
+  ~FakePeerTransport() override;
+
+  Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
+                                               const PeerListenerOptions& options,
+                                               NewConnection onConnection) override;
+  Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
+                                      NewConnection onConnection) override;
+  // Any number: the descriptor stands for a name "passed/NUMBER" to connect to.
+  Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
+                                                 const PeerListenerOptions& options,
+                                                 NewConnection onConnection) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connect(
+      const std::string& path, const PeerConnectOptions& options) override;
+  std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connectToEndpoint(
+      const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) override;
+
+  // The process takes nothing from its sockets until it is let go on.
+  void hang();
+  void goOn();
+
+  // The process is gone: its connections end without a word, and nothing calls it back. The names
+  // it listened on stay as leftovers.
+  void die();
+
+ private:
+  class End;
+  class Connection;
+  class Reply;
+  friend class FakePeerNetwork::Listener;
+
+  bool mayServe(const End* end) const;
+  void serveAll();
+
+  FakePeerNetwork& network_;
+  const PeerCredentials self_;
+  bool hung_ = false;
+  bool dead_ = false;
+  std::vector<const End*> waitingIn_;  // calls under way, the innermost last
+  std::vector<std::weak_ptr<End>> ends_;
+};
+
+}  // namespace platform

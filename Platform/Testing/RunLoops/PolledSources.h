@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+
+#include "Platform/RunLoops/RunLoop.h"
+
+namespace platform {
+
+// Readable sources on real descriptors for a loop whose time is not real: they are looked at with
+// poll(2), and nothing is ever waited for.
+class PolledSources {
+ public:
+  using Callback = RunLoop::Callback;
+
+  PolledSources() = default;
+  PolledSources(const PolledSources&) = delete;
+  PolledSources& operator=(const PolledSources&) = delete;
+
+  // The handle must not outlive this.
+  Result<std::unique_ptr<RunLoopHandle>> add(Descriptor descriptor, Urgency urgency,
+                                             Callback callback);
+
+  // Calls back one source of this urgency that is ready, each in its turn. Whether there was one.
+  bool callOne(Urgency urgency);
+
+ private:
+  class Source;
+
+  // By urgency, then in the order of creation.
+  using Key = std::pair<Urgency, std::uint64_t>;
+  std::map<Key, Source*> sources_;
+  std::uint64_t lastId_ = 0;
+  std::uint64_t lastCalled_ = 0;
+};
+
+}  // namespace platform

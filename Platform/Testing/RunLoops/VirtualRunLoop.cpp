@@ -1,0 +1,139 @@
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+namespace platform {
+
+VirtualRunLoop::~VirtualRunLoop() {
+  // While everything still stands: a callback may hold timers and sources of this loop, and may
+  // post once more when it goes.
+  for (auto& queue : urgentPosts_) {
+    while (queue.pop()) {
+    }
+  }
+  nextPost_.reset();
+  while (posts_.pop()) {
+  }
+  outsideEvents_.clear();
+}
+
+std::unique_ptr<RunLoopHandle> VirtualRunLoop::startTimer(Duration delay, Repeat repeat,
+                                                          Callback callback) {
+  assert(repeat == Repeat::kOnce || delay > Duration::zero());
+  const Duration period = repeat == Repeat::kEvery ? delay : Duration::zero();
+  return timers_.add({instantAfter(now(), delay), ++lastOrder_}, period, std::move(callback));
+}
+
+void VirtualRunLoop::post(Callback callback, Urgency urgency) {
+  if (urgency == Urgency::kOrdinary) {
+    posts_.push({{now(), ++lastOrder_}, std::move(callback)});
+  } else {
+    urgentPosts_[static_cast<std::size_t>(urgency)].push(std::move(callback));
+  }
+}
+
+Result<std::unique_ptr<RunLoopHandle>> VirtualRunLoop::watchReadable(Descriptor descriptor,
+                                                                     Urgency urgency,
+                                                                     Callback callback) {
+  return sources_.add(descriptor, urgency, std::move(callback));
+}
+
+void VirtualRunLoop::run() {
+  assert(!running_);
+  running_ = true;
+  while (!stopping_ && (serveOne() || moveToNext(Instant::max()))) {
+  }
+  running_ = false;
+  stopping_ = false;
+}
+
+void VirtualRunLoop::sleepFor(Duration duration) {
+  const Instant end = instantAfter(now(), duration);
+  happen(end);
+  now_ = std::max(now(), end);
+}
+
+bool VirtualRunLoop::waitFor(Duration limit, const std::function<bool()>& done) {
+  const Instant end = instantAfter(now(), limit);
+  while (!done()) {
+    const bool nothingComes = outsideEvents_.empty() || outsideEvents_.begin()->first > end;
+    const Instant next = nothingComes ? end : outsideEvents_.begin()->first;
+    happen(next);
+    now_ = std::max(now(), next);
+    if (nothingComes) return done();
+  }
+  return true;
+}
+
+void VirtualRunLoop::runReady() {
+  do {
+    happen(now());
+  } while (serveOne());
+}
+
+void VirtualRunLoop::advanceBy(Duration duration) {
+  const Instant end = instantAfter(now(), duration);
+  do {
+    runReady();
+  } while (moveToNext(end));
+  now_ = std::max(now(), end);
+}
+
+void VirtualRunLoop::scheduleOutsideEvent(Duration delay, Callback event) {
+  outsideEvents_.emplace(instantAfter(now(), delay), std::move(event));
+}
+
+bool VirtualRunLoop::callUrgent() {
+  for (const Urgency urgency : {Urgency::kProcessExit, Urgency::kConnectionDeath}) {
+    if (auto callback = urgentPosts_[static_cast<std::size_t>(urgency)].pop()) {
+      (*callback)();
+      return true;
+    }
+    if (sources_.callOne(urgency)) return true;
+  }
+  return false;
+}
+
+bool VirtualRunLoop::callDue() {
+  if (!nextPost_) nextPost_ = posts_.pop();
+  const bool timerIsDue = !timers_.empty() && timers_.earliest().due <= now();
+  if (nextPost_ && !(timerIsDue && timers_.earliest() < nextPost_->key)) {
+    auto posted = std::exchange(nextPost_, std::nullopt);  // It may run the loop itself.
+    posted->callback();
+    return true;
+  }
+  if (timerIsDue) timers_.fireEarliest(now());
+  return timerIsDue;
+}
+
+bool VirtualRunLoop::serveOne() {
+  if (callUrgent()) return true;
+  // Sources and the rest take turns, so that none of them keeps the other from being served.
+  if (!sourceWasLast_ && sources_.callOne(Urgency::kOrdinary)) return sourceWasLast_ = true;
+  sourceWasLast_ = false;
+  return callDue() || sources_.callOne(Urgency::kOrdinary);
+}
+
+bool VirtualRunLoop::moveToNext(Instant limit) {
+  Instant next = Instant::max();
+  if (timers_.empty() && outsideEvents_.empty()) return false;
+  if (!timers_.empty()) next = timers_.earliest().due;
+  if (!outsideEvents_.empty()) next = std::min(next, outsideEvents_.begin()->first);
+  if (next > std::max(limit, now())) return false;
+  now_ = std::max(now(), next);
+  happen(now());
+  return true;
+}
+
+void VirtualRunLoop::happen(Instant until) {
+  // An event may take time itself.
+  while (!outsideEvents_.empty() && outsideEvents_.begin()->first <= std::max(until, now())) {
+    auto event = outsideEvents_.extract(outsideEvents_.begin());
+    now_ = std::max(now(), event.key());
+    event.mapped()();
+  }
+}
+
+}  // namespace platform

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/Testing/Peers/FakePeerTransport.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Testing/RunLoops/VirtualSerialQueues.h"
+#include "Platform/XPC/XPC.h"
+
+namespace platform {
+
+// The XPC of one process of a test, on the virtual loop: what the real one does on threads of its
+// own happens when the test runs the loop.
+struct FakeXPC {
+  // All of it outlives this.
+  FakeXPC(FakePeerNetwork& network, PeerCredentials self, SystemLog& log)
+      : transport(network, self),
+        xpc({.loop = network.loop(),
+             .transport = transport,
+             .log = log,
+             .performOnLoop = [](const std::function<void()>& action) { action(); },
+             .makeQueues =
+                 [&network] { return std::make_unique<VirtualSerialQueues>(network.loop()); },
+             .path = [](std::string_view name) { return "/mach/" + std::string(name); }}) {}
+
+  FakePeerTransport transport;
+  XPC xpc;
+};
+
+}  // namespace platform

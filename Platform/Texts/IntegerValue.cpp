@@ -1,0 +1,36 @@
+#include "Platform/Texts/IntegerValue.h"
+
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+namespace platform {
+
+std::int64_t integerValue(std::string_view text) {
+  const auto size = static_cast<std::int64_t>(text.size());
+  std::int64_t at = 0;
+  UChar32 character = U_SENTINEL;
+  const auto next = [&] {
+    character = U_SENTINEL;
+    if (at < size) U8_NEXT(text.data(), at, size, character);
+  };
+  do {
+    next();
+  } while (character >= 0 && u_isUWhiteSpace(character));
+
+  const bool negative = character == '-';
+  if (negative || character == '+') next();
+
+  constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+  std::int64_t value = 0;  // Negative throughout: that side has room for one more.
+  for (; character >= 0 && u_isdigit(character); next()) {
+    const std::int64_t digit = u_charDigitValue(character);
+    if (__builtin_mul_overflow(value, 10, &value) || __builtin_sub_overflow(value, digit, &value)) {
+      return negative ? kLeast : kMost;
+    }
+  }
+  if (negative) return value;
+  return value == kLeast ? kMost : -value;
+}
+
+}  // namespace platform

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/Values/Value.h"
+
+namespace platform {
+
+// An exception that a peer or a facility raised. It travels as a value in a result; nothing throws.
+struct NSException {
+  std::string name;
+  std::string reason;
+  Value userInfo;  // a dictionary, or nil
+
+  bool operator==(const NSException&) const = default;
+};
+
+inline constexpr char kNSPortTimeoutException[] = "NSPortTimeoutException";
+// The peer is gone, or was never there.
+inline constexpr char kNSInvalidSendPortException[] = "NSInvalidSendPortException";
+inline constexpr char kNSFailedAuthenticationException[] = "NSFailedAuthenticationException";
+// An unknown selector, an argument of the wrong class, or an unusable launch path.
+inline constexpr char kNSInvalidArgumentException[] = "NSInvalidArgumentException";
+
+// For functions whose results hold exceptions.
+inline std::unexpected<NSException> raised(const char* name, std::string reason) {
+  return std::unexpected(NSException{name, std::move(reason), {}});
+}
+// For what is asked of a connection that has ended.
+inline std::unexpected<NSException> raisedGone() {
+  return raised(kNSInvalidSendPortException, "The connection has ended.");
+}
+
+}  // namespace platform

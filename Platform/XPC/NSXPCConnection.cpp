@@ -1,0 +1,370 @@
+#include "Platform/XPC/NSXPCConnection.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Platform/XPC/XPC.h"
+
+namespace platform {
+
+namespace {
+
+constexpr char kEnded[] = "The other side has ended.";
+constexpr char kInvalidated[] = "The connection has been invalidated.";
+
+// What this thread serves.
+thread_local NSXPCConnection* currentlyServed = nullptr;
+
+class Serving {
+ public:
+  explicit Serving(NSXPCConnection* connection)
+      : before_(std::exchange(currentlyServed, connection)) {}
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+  ~Serving() { currentlyServed = before_; }
+
+ private:
+  NSXPCConnection* const before_;
+};
+
+// Where nil can't stand, in the array of a reply, the null marker does.
+Array withNil(const Array& values) {
+  Array converted = values;
+  std::ranges::replace_if(
+      converted, [](const Value& value) { return value.type() == Value::Type::kNullMarker; },
+      Value());
+  return converted;
+}
+
+}  // namespace
+
+NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
+                                 std::unique_ptr<PeerConnection> accepted)
+    : xpc_(xpc),
+      loop_(xpc.environment_.loop),
+      queue_(std::move(queue)),
+      role_(Role::kAccepted),
+      peer_(std::move(accepted)) {
+  processIdentifier_ = peer_->peer().process;
+  effectiveUserIdentifier_ = peer_->peer().user;
+}
+
+NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
+                                 std::string machService)
+    : xpc_(xpc),
+      loop_(xpc.environment_.loop),
+      queue_(std::move(queue)),
+      role_(Role::kMachClient),
+      machService_(std::move(machService)) {}
+
+NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> queue,
+                                 std::shared_ptr<const NSXPCListenerEndpoint> endpoint)
+    : xpc_(xpc),
+      loop_(xpc.environment_.loop),
+      queue_(std::move(queue)),
+      role_(Role::kEndpointClient),
+      endpoint_(std::move(endpoint)) {}
+
+NSXPCConnection::~NSXPCConnection() { dropPeer(); }
+
+// The transport's connection belongs to the loop's thread, wherever this ends.
+void NSXPCConnection::dropPeer() {
+  if (peer_) loop_.post([peer = std::move(peer_)] {});
+}
+
+void NSXPCConnection::deliver(SerialQueue::Block block) {
+  const std::lock_guard lock(mutex_);  // So that what was held stays in front.
+  if (suspensions_ > 0) {
+    held_.push_back(std::move(block));
+  } else {
+    queue_->async(std::move(block));
+  }
+}
+
+void NSXPCConnection::deliverMessage(SerialQueue::Block block) {
+  {
+    const std::lock_guard lock(mutex_);  // Under which the flag has been set, too: by resume().
+    if (suspensions_ > 0) return held_.push_back(std::move(block));
+    if (!servesAtOnce_) return queue_->async(std::move(block));
+  }
+  xpc_.noteLoopThread();
+  // This thread, which carries every connection, waits for none. Whatever is delivered is delivered
+  // on it, so that nothing can come in between.
+  if (!queue_->trySync(block)) queue_->async(std::move(block));
+}
+
+void NSXPCConnection::resume() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (suspensions_ == 0 || --suspensions_ > 0) return;
+    for (SerialQueue::Block& block : held_) queue_->async(std::move(block));
+    held_.clear();
+  }
+  if (role_ == Role::kAccepted) return;
+  loop_.post([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->begin();
+  });
+}
+
+void NSXPCConnection::begin() {
+  if (std::exchange(begun_, true)) return;
+  if (!finished_) connect();
+  for (auto& message : std::exchange(early_, {})) transmit(std::move(message));
+}
+
+void NSXPCConnection::suspend() {
+  const std::lock_guard lock(mutex_);
+  ++suspensions_;
+}
+
+void NSXPCConnection::invalidate() {
+  if (invalid_.exchange(true)) return;
+  loop_.post([self = shared_from_this()] { self->becomeInvalid(NSXPCConnectionInvalid); });
+}
+
+void NSXPCConnection::becomeInvalid(std::int64_t whyMessagesFail) {
+  if (std::exchange(finished_, true)) return;
+  invalid_ = true;
+  const auto self = shared_from_this();
+  xpc_.accepted_.erase(self);
+  dropPeer();
+  for (const auto& message : std::exchange(early_, {})) {
+    fail(message, whyMessagesFail, kInvalidated);
+  }
+  failOutstanding(whyMessagesFail,
+                  whyMessagesFail == NSXPCConnectionInvalid ? kInvalidated : kEnded);
+  // Also of a connection that nobody ever resumed, or what is held would never go.
+  const std::lock_guard lock(mutex_);
+  suspensions_ = 0;
+  for (SerialQueue::Block& block : held_) queue_->async(std::move(block));
+  held_.clear();
+  queue_->async([self] {
+    // Whatever they hold, maybe this, goes with them.
+    const Handler invalidated = std::exchange(self->invalidationHandler_, nullptr);
+    self->interruptionHandler_ = nullptr;
+    const auto object = std::exchange(self->exportedObject_, nullptr);
+    if (invalidated) invalidated();
+  });
+}
+
+void NSXPCConnection::failOutstanding(std::int64_t code, const std::string& why) {
+  for (const auto& [number, message] : std::exchange(outstanding_, {})) fail(message, code, why);
+}
+
+void NSXPCConnection::fail(const std::shared_ptr<Outgoing>& message, std::int64_t code,
+                           const std::string& why) {
+  if (!message->error) return;
+  deliver([error = std::move(message->error),
+           reason = NSError{kNSCocoaErrorDomain, code, why}]() mutable { error(reason); });
+  message->reply = nullptr;
+}
+
+// Incoming.
+
+void NSXPCConnection::listenToPeer() {
+  peer_->setHandlers({.message =
+                          [weak = weak_from_this()](PeerMessage message) {
+                            if (const auto self = weak.lock()) self->arrived(std::move(message));
+                          },
+                      .death =
+                          [weak = weak_from_this()](const Error& /*why*/) {
+                            if (const auto self = weak.lock()) self->died();
+                          }});
+}
+
+void NSXPCConnection::arrived(PeerMessage message) {
+  const WaitingMessages::Cost cost = WaitingMessages::costOf(message.arguments);
+  auto place = xpc_.waiting_->take(effectiveUserIdentifier_, cost);
+  if (waitingMessages_ >= kMaxWaitingMessages || waitingBytes_ + cost.bytes > kMaxWaitingBytes ||
+      !place) {
+    xpc_.logFailure("Process " + std::to_string(processIdentifier_) +
+                    " sends faster than it is served; its connection has been closed.");
+    return becomeInvalid(NSXPCConnectionInvalid);
+  }
+  ++waitingMessages_;
+  waitingBytes_ += cost.bytes;
+  deliverMessage([self = shared_from_this(), message = std::move(message), place = std::move(place),
+                  bytes = cost.bytes]() mutable {
+    NSXPCConnection& here = *self;
+    here.unserved_.push_back(
+        [&here, message = std::move(message), place = std::move(place), bytes]() mutable {
+          --here.waitingMessages_;
+          here.waitingBytes_ -= bytes;
+          place.reset();
+          here.serve(std::move(message));
+        });
+    here.serveWaiting();
+  });
+}
+
+// One message in each block, since it is blocks that the queues count for their turns.
+void NSXPCConnection::serveWaiting() {
+  if (isContinued_ || unserved_.empty()) return;
+  SerialQueue::Block serving = std::move(unserved_.front());
+  unserved_.pop_front();
+  serving();
+  if (isContinued_ || unserved_.empty()) return;
+  queue_->async([self = shared_from_this()] { self->serveWaiting(); });
+}
+
+NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; }
+
+bool NSXPCConnection::isInvalid() const { return invalid_ || xpc_.isEnding_; }
+
+// At the end of the queue, which leaves its thread to the others after so many blocks, as
+// AsioSerialQueues promises. Whatever comes off the queue before finds the connection busy, and
+// waits.
+void NSXPCConnection::continueServing(SerialQueue::Block block) {
+  isContinued_ = true;
+  queue_->async([self = shared_from_this(), block = std::move(block)]() mutable {
+    self->isContinued_ = false;
+    {
+      const Serving serving(self.get());
+      std::exchange(block, nullptr)();
+    }
+    self->serveWaiting();
+  });
+}
+
+void NSXPCConnection::serve(PeerMessage message) {
+  if (isInvalid()) {
+    makeReply(std::move(message.reply));  // Which lets go of it where it belongs.
+    return;
+  }
+  const MethodDescription* method =
+      exportedInterface_ ? exportedInterface_->method(message.selector) : nullptr;
+  const bool wantsReply = method && method->kind == MethodDescription::Kind::kTwoWay;
+  if (!method || !exportedObject_ || (wantsReply && !message.reply)) {
+    if (!message.reply) return;
+    NSException why{kNSInvalidArgumentException,
+                    "-[" + message.selector + "]: not a message of this object",
+                    {}};
+    loop_.post([reply = std::move(message.reply), why = std::move(why)] {
+      std::ignore = reply->answer(std::unexpected(why));
+    });
+    return;
+  }
+  if (wantsReply && !message.arguments.empty()) message.arguments.pop_back();
+  XPCReply reply = makeReply(std::move(message.reply));
+  const Serving serving(this);
+  exportedObject_->receiveMessage(message.selector, message.arguments,
+                                  wantsReply ? std::move(reply) : XPCReply());
+}
+
+XPCReply NSXPCConnection::makeReply(std::unique_ptr<PeerReply> reply) {
+  // The right to answer belongs to the loop's thread, wherever it is used or dropped.
+  struct DropOnLoop {
+    RunLoop* loop;
+    void operator()(PeerReply* owned) const {
+      loop->post([dropped = std::unique_ptr<PeerReply>(owned)] {});
+    }
+  };
+  std::unique_ptr<PeerReply, DropOnLoop> right(reply.release(), DropOnLoop{&loop_});
+  return [xpc = &xpc_, right = std::move(right)](Array values) mutable {
+    if (!right) return;
+    auto answer = [xpc, reply = std::unique_ptr<PeerReply>(right.release()),
+                   values = Value(std::move(values))] {
+      const auto answered = reply->answer(values);
+      // That the caller has gone is nobody's fault.
+      if (!answered && answered.error().code != ErrorCode::kNotFound) {
+        xpc->logFailure("A reply could not be sent: " + describe(answered.error()));
+      }
+    };
+    if (xpc->isOnLoop()) return answer();
+    xpc->environment_.loop.post(std::move(answer));
+  };
+}
+
+// Outgoing.
+
+void NSXPCConnection::sendMessage(std::string_view selector, Array arguments, ReplyHandler reply,
+                                  ErrorHandler error) {
+  auto message = std::make_shared<Outgoing>(
+      Outgoing{std::string(selector), std::move(arguments), std::move(reply), std::move(error)});
+  loop_.post([self = shared_from_this(), message = std::move(message)]() mutable {
+    self->transmit(std::move(message));
+  });
+}
+
+void NSXPCConnection::transmit(std::shared_ptr<Outgoing> message) {
+  if (!finished_ && role_ != Role::kAccepted && !begun_) {
+    if (early_.size() < kMaxWaitingMessages) return early_.push_back(std::move(message));
+    return fail(message, NSXPCConnectionReplyInvalid, "Too many messages before a resume.");
+  }
+  if (finished_ || (!peer_ && !connect())) {
+    return fail(message, NSXPCConnectionInvalid, kInvalidated);
+  }
+  const MethodDescription* method =
+      remoteInterface_ ? remoteInterface_->method(message->selector) : nullptr;
+  if (!method) {
+    return fail(message, NSXPCConnectionReplyInvalid,
+                "\"" + message->selector + "\" is no message of the remote object's interface");
+  }
+  if (method->kind == MethodDescription::Kind::kOneWay) {
+    const auto sent = peer_->send(message->selector, message->arguments);
+    if (!sent) fail(message, NSXPCConnectionReplyInvalid, describe(sent.error()));
+    return;
+  }
+  Array arguments = std::move(message->arguments);
+  arguments.emplace_back();  // The place of the reply.
+  const std::uint64_t number = ++lastMessage_;
+  outstanding_.emplace(number, message);
+  peer_->callAsync(message->selector, arguments, Duration::max(),
+                   [weak = weak_from_this(), number](const PeerResult& result) {
+                     const auto self = weak.lock();
+                     if (self) self->replied(number, result);
+                   });
+}
+
+void NSXPCConnection::replied(std::uint64_t number, const PeerResult& result) {
+  const auto answered = outstanding_.extract(number);
+  if (answered.empty()) return;
+  const std::shared_ptr<Outgoing>& message = answered.mapped();
+  if (!result) {
+    const bool isGone = result.error().name == kNSInvalidSendPortException;
+    return fail(message, isGone ? NSXPCConnectionInterrupted : NSXPCConnectionReplyInvalid,
+                result.error().name + ": " + result.error().reason);
+  }
+  const Array* values = result->array();
+  if (!values) {
+    return fail(message, NSXPCConnectionReplyInvalid, "A reply that is no array of values.");
+  }
+  message->error = nullptr;
+  if (!message->reply) return;
+  deliver([reply = std::move(message->reply), values = withNil(*values)]() mutable {
+    reply(std::move(values));
+  });
+}
+
+// False where there is no connection; it is invalid then.
+bool NSXPCConnection::connect() {
+  if (peer_) return true;
+  const PeerConnectOptions options{.timeout = XPC::kConnectTimeout,
+                                   .whileWaiting = WhileWaiting::kServeNothing,
+                                   .contents = PeerMessageContents::kValuesAndEndpoints};
+  PeerTransport& transport = xpc_.environment_.transport;
+  auto connected = role_ == Role::kMachClient
+                       ? transport.connect(xpc_.environment_.path(machService_), options)
+                       : transport.connectToEndpoint(*endpoint_, options);
+  if (!connected) {
+    becomeInvalid(NSXPCConnectionInvalid);
+    return false;
+  }
+  peer_ = std::move(*connected);
+  processIdentifier_ = peer_->peer().process;
+  effectiveUserIdentifier_ = peer_->peer().user;
+  listenToPeer();
+  return true;
+}
+
+void NSXPCConnection::died() {
+  const auto self = shared_from_this();
+  if (role_ != Role::kMachClient) return becomeInvalid(NSXPCConnectionInterrupted);
+  dropPeer();
+  failOutstanding(NSXPCConnectionInterrupted, kEnded);
+  deliver([self] {
+    if (self->interruptionHandler_) self->interruptionHandler_();
+  });
+}
+
+}  // namespace platform

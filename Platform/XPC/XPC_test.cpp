@@ -1,0 +1,175 @@
+#include "Platform/XPC/XPC.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/XPC/FakeXPC.h"
+#include "Platform/XPC/WaitingMessages.h"
+#include "Platform/XPC/XPCTurns_contract.h"
+#include "Platform/XPC/XPC_contract.h"
+
+namespace platform {
+namespace {
+
+class FakeXPCHarness final : public XPCHarness {
+ public:
+  XPC& here() override { return here_->xpc; }
+  XPC& there() override { return there_->xpc; }
+  void endThere() override { there_->transport.die(); }
+  void end() override {
+    loop_.runReady();
+    there_.reset();
+    here_.reset();
+    loop_.runReady();
+  }
+  PeerCredentials self() override { return {100, 501, 20}; }
+  void await(const std::function<bool()>& done) override {
+    loop_.runReady();
+    EXPECT_TRUE(done());
+  }
+  void changed() override {}
+
+ private:
+  VirtualRunLoop loop_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  FakePeerNetwork network_{loop_};
+  std::optional<FakeXPC> here_{std::in_place, network_, PeerCredentials{100, 501, 20}, log_};
+  std::optional<FakeXPC> there_{std::in_place, network_, PeerCredentials{200, 0, 0}, log_};
+};
+
+std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<FakeXPCHarness>(); }
+
+INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeHarness));
+
+// What the delegate would set would never be let go of.
+TEST_P(XPCContract, WhoHasGoneBeforeItIsDecidedIsNotShownToTheDelegate) {
+  listen();
+  listener_->suspend();
+  client_ = connect();
+  journal_.await("invalid", 0);  // It has connected.
+  client_->invalidate();
+  journal_.await("invalid");
+  listener_->resume();
+  client_ = connect();
+  call(*client_, "echo:withReply:", {Value(1)});
+  EXPECT_EQ(delegate_->peers.size(), 1u);
+}
+
+TEST_P(XPCContract, WhoWaitsForAListenerThatEndsIsTurnedAway) {
+  listen();
+  listener_->suspend();
+  client_ = connect();
+  send(*client_, "echo:withReply:", {Value(1)});
+  journal_.await("interrupted", 0);  // It has connected, and waits.
+  listener_.reset();
+  journal_.await("interrupted");
+  EXPECT_EQ(journal_.count("error 4097"), 1u);
+  EXPECT_EQ(journal_.count("accepted"), 0u);
+}
+
+TEST_P(XPCContract, SoManyBytesMayWaitToBeServedAndNoMore) {
+  constexpr std::size_t kFirst = std::size_t{12} << 20;
+  const std::size_t none = WaitingMessages::costOf({Value("")}).bytes;
+  const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - none, 'x')); };
+  listen();
+  for (const std::size_t excess : {std::size_t{0}, std::size_t{1}}) {
+    client_ = connect();
+    call(*client_, "echo:withReply:", {Value(1)});
+    const auto serverSide = delegate_->accepted.back().lock();
+    serverSide->suspend();
+    client_->sendMessage("note:", {costing(kFirst)}, nullptr, nullptr);
+    client_->sendMessage("note:", {costing(NSXPCConnection::kMaxWaitingBytes - kFirst + excess)},
+                         nullptr, nullptr);
+    journal_.await("interrupted", excess);
+    EXPECT_EQ(journal_.count("interrupted"), excess);
+    EXPECT_EQ(serverSide->isInvalid(), excess == 1);
+    serverSide->resume();
+  }
+}
+
+// An XPC whose listeners have so many connections of one user, and its clients.
+class ConnectionsOfOneUser : public testing::Test {
+ protected:
+  static constexpr std::size_t kMost = 3;
+
+  struct Welcoming final : NSXPCListenerDelegate {
+    bool listener(NSXPCListener& /*listener*/,
+                  const std::shared_ptr<NSXPCConnection>& connection) override {
+      connection->resume();
+      return true;
+    }
+  };
+
+  std::shared_ptr<NSXPCListener> start(std::shared_ptr<NSXPCListener> listener) {
+    listener->setDelegate(delegate_);
+    listener->resume();
+    return listener;
+  }
+  // Whether it stays connected.
+  bool add(std::shared_ptr<NSXPCConnection> connection) {
+    const auto hasEnded = std::make_shared<bool>(false);
+    connection->setInvalidationHandler([hasEnded] { *hasEnded = true; });
+    connection->setInterruptionHandler([hasEnded] { *hasEnded = true; });
+    connection->resume();
+    connections_.push_back(std::move(connection));
+    loop_.runReady();
+    return !*hasEnded;
+  }
+  ~ConnectionsOfOneUser() override {
+    connections_.clear();
+    loop_.runReady();
+  }
+
+  VirtualRunLoop loop_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  FakePeerNetwork network_{loop_};
+  FakeXPC client_{network_, {100, 501, 20}, log_};
+  FakeXPC neighbour_{network_, {101, 502, 20}, log_};
+  FakePeerTransport transport_{network_, {200, 0, 0}};
+  XPC xpc_{{.loop = loop_,
+            .transport = transport_,
+            .log = log_,
+            .performOnLoop = [](const std::function<void()>& action) { action(); },
+            .makeQueues = [this] { return std::make_unique<VirtualSerialQueues>(loop_); },
+            .path = [](std::string_view name) { return "/mach/" + std::string(name); },
+            .connectionsPerUser = kMost}};
+  const std::shared_ptr<Welcoming> delegate_ = std::make_shared<Welcoming>();
+  std::vector<std::shared_ptr<NSXPCConnection>> connections_;
+};
+
+TEST_F(ConnectionsOfOneUser, AreSoManyAndNoMore) {
+  const auto listener = start(xpc_.makeListener("service"));
+  for (std::size_t i = 0; i < kMost - 1; ++i)
+    EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+  EXPECT_TRUE(add(neighbour_.xpc.makeConnection("service")));
+}
+
+TEST_F(ConnectionsOfOneUser, MakeRoomByTheirEnd) {
+  const auto listener = start(xpc_.makeListener("service"));
+  for (std::size_t i = 0; i < kMost; ++i) EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  connections_.pop_back();
+  loop_.runReady();
+  EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+}
+
+TEST_F(ConnectionsOfOneUser, AreCountedForEachListener) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto anonymous = start(xpc_.makeAnonymousListener());
+  for (std::size_t i = 0; i < kMost; ++i) {
+    EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
+    EXPECT_TRUE(add(client_.xpc.makeConnection(anonymous->endpoint())));
+  }
+  EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+  EXPECT_FALSE(add(client_.xpc.makeConnection(anonymous->endpoint())));
+}
+
+}  // namespace
+}  // namespace platform
