@@ -16,7 +16,7 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
-#include "JobHost/LinuxProcesses.h"
+#include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Fuzz/Require.h"
-#include "JobHost/StateReader.h"
+#include "JobHost/State/StateReader.h"
 
 namespace {
 

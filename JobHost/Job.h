@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "JobHost/RestartPolicy.h"
-#include "JobHost/StoredJob.h"
+#include "JobHost/State/StoredJob.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"

@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "JobHost/JobAccount.h"
+#include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
 #include "Platform/Texts/PropertyListText.h"
 

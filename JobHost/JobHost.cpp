@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "JobHost/JobAccount.h"
+#include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Texts/PropertyListText.h"

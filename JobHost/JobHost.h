@@ -10,12 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "JobHost/DaemonFolder.h"
+#include "JobHost/Definitions/DaemonFolder.h"
+#include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Job.h"
-#include "JobHost/JobDefinition.h"
 #include "JobHost/MachSockets.h"
-#include "JobHost/Processes.h"
-#include "JobHost/StateFile.h"
+#include "JobHost/Processes/Processes.h"
+#include "JobHost/State/StateFile.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/RunLoop.h"

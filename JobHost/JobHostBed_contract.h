@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
-#include "JobHost/LinuxProcesses.h"
+#include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"

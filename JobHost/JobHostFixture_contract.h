@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "JobHost/FakeProcesses_contract.h"
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/FakeProcesses_contract.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "JobHost/JobDefinition.h"
+#include "JobHost/Definitions/JobDefinition.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Texts/PropertyListText.h"

@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "JobHost/FakeProcesses_contract.h"
+#include "JobHost/Processes/FakeProcesses_contract.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"

@@ -2,8 +2,8 @@
 
 #include <optional>
 
-#include "JobHost/JobDefinition.h"
-#include "JobHost/StoredJob.h"
+#include "JobHost/Definitions/JobDefinition.h"
+#include "JobHost/State/StoredJob.h"
 #include "Platform/Values/Time.h"
 
 namespace jobhost {

@@ -13,7 +13,7 @@
 
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
-#include "JobHost/LinuxProcesses.h"
+#include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"

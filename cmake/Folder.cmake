@@ -90,6 +90,25 @@ function(folder_library target)
   endif()
 endfunction()
 
+# folder_part(TARGET FOLDER [LINK targets...] [PRIVATE targets...])
+#
+# A static library of every .cpp in FOLDER but main.cpp and the tests. tests_below() makes the program
+# of these.
+function(folder_part target folder)
+  cmake_parse_arguments(ARG "" "" "LINK;PRIVATE" ${ARGN})
+  get_filename_component(folder "${folder}" ABSOLUTE)
+  file(GLOB sources CONFIGURE_DEPENDS "${folder}/*.cpp")
+  list(FILTER sources EXCLUDE REGEX "(_test|/main)\\.cpp$")
+  _add_library(${target} "${folder}" SOURCES ${sources} LINK ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
+endfunction()
+
+# tests_below(TARGET LINK targets...): one program of the tests of this folder and of all folders in it.
+function(tests_below target)
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  file(GLOB tests CONFIGURE_DEPENDS *_test.cpp */*_test.cpp)
+  folder_tests(${target} SOURCES ${tests} LINK ${ARG_LINK})
+endfunction()
+
 # The topics of Platform/ have tables of their arrows, one for each column: Platform/CMakeLists.txt,
 # Platform/Linux/CMakeLists.txt and Platform/Testing/CMakeLists.txt.
 #
@@ -108,16 +127,10 @@ function(topic name)
     _topic_target(${other} other_target)
     list(APPEND seen ${other_target})
   endforeach()
-  file(GLOB sources CONFIGURE_DEPENDS "${folder}/*.cpp")
-  list(FILTER sources EXCLUDE REGEX "_test\\.cpp$")
-  _add_library(${target} "${folder}" SOURCES ${sources} LINK ${seen} PRIVATE ${ARG_OUTSIDE})
+  folder_part(${target} "${folder}" LINK ${seen} PRIVATE ${ARG_OUTSIDE})
   if(ARG_DEFINED_BY_SYSTEM)
     _topic_target(Linux/${name} system)
-    if(sources)
-      target_link_libraries(${target} PUBLIC $<LINK_ONLY:${system}>)
-    else()
-      target_link_libraries(${target} INTERFACE $<LINK_ONLY:${system}>)
-    endif()
+    target_link_libraries(${target} INTERFACE $<LINK_ONLY:${system}>)
   endif()
   set_property(DIRECTORY APPEND PROPERTY TOPICS ${target})
 endfunction()
@@ -127,13 +140,6 @@ function(_topic_target name result)
   string(REGEX REPLACE "^Linux/" "linux_" target "${name}")
   string(REGEX REPLACE "^Testing/" "testing_" target "${target}")
   set(${result} platform_${target} PARENT_SCOPE)
-endfunction()
-
-# topic_tests(TARGET LINK targets...): one program of the tests of all topics of this folder.
-function(topic_tests target)
-  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
-  file(GLOB tests CONFIGURE_DEPENDS */*_test.cpp)
-  folder_tests(${target} SOURCES ${tests} LINK ${ARG_LINK})
 endfunction()
 
 # folder_tests(TARGET SOURCES files... LINK targets...): a GoogleTest program, each test known to

@@ -20,11 +20,9 @@ time_since() {
   fi
 }
 
-# progress_in LOG: the newest "[DONE/ALL]" of a build's log, or " DONE/ALL Test" of a run of tests, with
-# a blank before it; nothing where there is none.
+# progress_in LOG: " DONE of ALL," of the newest "[DONE/ALL]" in the log; nothing where there is none.
 progress_in() {
-  grep -oE '^(\[[0-9]+/[0-9]+\]| *[0-9]+/[0-9]+ Test)' "$1" | tail -n 1 |
-    sed -E 's/[^0-9]*([0-9]+)\/([0-9]+).*/ \1 of \2,/' || true
+  grep -oE '^\[[0-9]+/[0-9]+\]' "$1" | tail -n 1 | sed -E 's/\[(.+)\/(.+)\]/ \1 of \2,/' || true
 }
 
 # step TEXT LOG COMMAND...: runs the command with its output in LOG. After a second it says TEXT, and
@@ -37,7 +35,7 @@ step() {
   "$@" >"$log" 2>&1 </dev/null &
   pid=$!
   trap 'kill "$pid" 2>/dev/null || true' INT TERM
-  while sleep 0.25; kill -0 "$pid" 2>/dev/null; do
+  while sleep 0.25; [ -d "/proc/$pid" ]; do  # Of sudo, which is root's, kill -0 would tell nothing.
     [ $((SECONDS - start)) -ge "$next" ] || continue
     if [ -t 1 ]; then
       printf '\r\033[K%s:%s %s so far' "$text" "$(progress_in "$log")" "$(time_since "$start")"
@@ -59,7 +57,7 @@ step() {
 }
 
 # announce PRESET BUILDING REST TEXT: what comes, and about how many minutes it takes: that of building
-# everything, which is done once, and that of all the rest.
+# everything, which is done once, and that of all the rest. Packages that are missing come on top.
 announce() {
   local preset=$1 building=$2 rest=$3 text=$4
   if [ -e "build/$preset/.ninja_log" ]; then

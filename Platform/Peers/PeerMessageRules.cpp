@@ -209,4 +209,15 @@ Result<std::size_t> peerBodyBytes(const NSException& exception) {
   return measure.bytes();
 }
 
+std::size_t endpointsIn(const Value& value) {
+  std::size_t count = endpointIn(value) ? 1 : 0;
+  if (const Array* const elements = value.array()) {
+    for (const Value& element : *elements) count += endpointsIn(element);
+  }
+  if (const Dictionary* const entries = value.dictionary()) {
+    for (const auto& [key, entry] : *entries) count += endpointsIn(entry);
+  }
+  return count;
+}
+
 }  // namespace platform

@@ -28,4 +28,8 @@ Result<std::size_t> peerBodyBytes(const Array& arguments,
                                   PeerMessageContents contents = PeerMessageContents::kValues);
 Result<std::size_t> peerBodyBytes(const NSException& exception);
 
+// How many endpoints are in a value, each of which is a descriptor. For values that passed the
+// check above, since it goes as deep as they do.
+std::size_t endpointsIn(const Value& value);
+
 }  // namespace platform

@@ -9,22 +9,6 @@
 
 namespace platform {
 
-namespace {
-
-// No deeper than a message may be.
-std::size_t endpointsIn(const Value& value) {
-  std::size_t count = endpointIn(value) ? 1 : 0;
-  if (const Array* elements = value.array()) {
-    for (const Value& element : *elements) count += endpointsIn(element);
-  }
-  if (const Dictionary* entries = value.dictionary()) {
-    for (const auto& [key, entry] : *entries) count += endpointsIn(entry);
-  }
-  return count;
-}
-
-}  // namespace
-
 class WaitingMessages::Taken final : public Place {
  public:
   Taken(std::shared_ptr<WaitingMessages> all, std::uint32_t user, const Cost& cost)

@@ -1,6 +1,5 @@
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 
-#include <source_location>
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"

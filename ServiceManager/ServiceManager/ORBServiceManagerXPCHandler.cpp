@@ -1,6 +1,5 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 
-#include <source_location>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"

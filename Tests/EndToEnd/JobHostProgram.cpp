@@ -16,7 +16,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
-#include "JobHost/LinuxProcesses.h"
+#include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Logging/StandardErrorLogSink.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"

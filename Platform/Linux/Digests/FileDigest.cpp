@@ -5,7 +5,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>

@@ -32,17 +32,6 @@ struct FreeString {
   void operator()(char* text) const { dbus_free(text); }
 };
 
-std::size_t endpointsIn(const Value& value) {
-  std::size_t count = endpointIn(value) ? 1 : 0;
-  if (const Array* const elements = value.array()) {
-    for (const Value& element : *elements) count += endpointsIn(element);
-  }
-  if (const Dictionary* const entries = value.dictionary()) {
-    for (const auto& [key, entry] : *entries) count += endpointsIn(entry);
-  }
-  return count;
-}
-
 // Counts the endpoints that `contents` have brought into a message.
 Result<EncodedMessage> counted(Result<EncodedMessage> encoded, const Array& contents) {
   const bool isCounted = !encoded || encoded->descriptors > 0;

@@ -1,7 +1,6 @@
 #include "Platform/Linux/Sockets/SocketEndpoint.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -18,7 +18,7 @@ namespace platform {
 namespace {
 
 // In a child, so that the test program itself stays as it is.
-int statusOf(int (*call)()) {
+int processStatusOf(int (*call)()) {
   const pid_t child = ::fork();
   if (child == 0) ::_exit(call());
   int status = -1;
@@ -27,7 +27,7 @@ int statusOf(int (*call)()) {
 }
 
 TEST(CoreDumpsTest, AreForbiddenToThisProgramAlone) {
-  EXPECT_EQ(statusOf([] { return forbidCoreDumps() ? ::prctl(PR_GET_DUMPABLE) : 99; }), 0);
+  EXPECT_EQ(processStatusOf([] { return forbidCoreDumps() ? ::prctl(PR_GET_DUMPABLE) : 99; }), 0);
   EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1);
 }
 
@@ -58,7 +58,7 @@ TEST(CoreDumpsTest, ACrashLeavesNone) {
 
 // Another process of the same user, without any privilege, can't look into it.
 TEST(CoreDumpsTest, MemoryIsNotReadableFromOutside) {
-  EXPECT_EQ(statusOf([] {
+  EXPECT_EQ(processStatusOf([] {
               if (::geteuid() == 0 && (::setresgid(12345, 12345, 12345) != 0 ||
                                        ::setresuid(12345, 12345, 12345) != 0)) {
                 return 99;

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "JobHost/Definitions/JobDefinition.h"
+#include "Platform/Values/Error.h"
+
+namespace jobhost {
+
+// Whom a job runs as.
+struct JobAccount {
+  uid_t user = 0;
+  gid_t group = 0;
+  std::vector<gid_t> groups;  // supplementary ones, `group` among them
+  std::string name;
+  std::string home;
+  std::string shell;
+};
+
+// The account of the user `userName`, or of the user that the host runs as; with the group
+// `groupName` in place of its own where one is given. kNotFound, with a text that says which of
+// the two, where the system does not know it. May block on the name service.
+platform::Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
+                                           const std::optional<std::string>& groupName);
+
+// Whether the system knows the user and the group of the job. kInvalid, with a text that names the
+// label, the key and the name, where it does not; another error where nobody can tell. May block on
+// the name service.
+platform::Result<void> checkAccount(const JobDefinition& job);
+
+}  // namespace jobhost

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string_view>
+
+#include "JobHost/Definitions/JobKeys.h"
+
+namespace jobhost {
+
+// The fault of a launchd key that decides whether or when a job runs and that this host can't
+// honour: a job that silently ran at other times than it says would be worse than none. A switch
+// that is off asks for nothing and is no fault.
+Fault checkUnsupportedKey(std::string_view key, const platform::Value& value);
+
+// The same for the keys inside "KeepAlive"; nothing where the key is not one of launchd's.
+Fault checkUnsupportedCondition(std::string_view condition);
+
+}  // namespace jobhost

@@ -1,0 +1,177 @@
+#pragma once
+
+#include <csignal>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "JobHost/Processes/Processes.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace jobhost {
+
+// Processes that exist in a test's mind only. They write their start records as real ones do, live
+// until the test ends them or a signal does, and go on when the host that started them is dropped.
+class FakeProcesses final : public Processes {
+ public:
+  struct Started {
+    platform::ProcessId process = 0;
+    std::string label;
+    std::string program;
+    platform::Descriptor listener = -1;
+    platform::Instant at;
+  };
+  struct Signalled {
+    platform::ProcessId group = 0;
+    int signal = 0;
+    platform::Instant at;
+
+    bool operator==(const Signalled&) const = default;
+  };
+
+  explicit FakeProcesses(platform::VirtualRunLoop& loop) : loop_(loop) {}
+
+  platform::Result<platform::ProcessId> start(const JobDefinition& job, const StartTicket& ticket,
+                                              platform::Descriptor listener, OnEnd onEnd) override {
+    ++attempts;
+    if (failure && !recordsFailures) return std::unexpected(*failure);
+    const platform::ProcessId process = next_++;
+    completeStartRecord(ticket.record.data(), process, ticksOf(process), inodeOf(process));
+    if (::write(ticket.file, ticket.record.data(), ticket.record.size()) !=
+        static_cast<ssize_t>(ticket.record.size())) {
+      return std::unexpected(platform::systemError("recording the start"));
+    }
+    if (failure) return std::unexpected(*failure);
+    Process& state = processes_[process];
+    state.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
+    if (listener >= 0) state.listener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
+    started.push_back({process, job.label, job.program, listener, loop_.now()});
+    return process;
+  }
+
+  platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) override {
+    const auto found = processes_.find(identity.process);
+    if (found == processes_.end() || found->second.ended ||
+        identity.startTicks != ticksOf(identity.process) ||
+        identity.pidfdInode != inodeOf(identity.process)) {
+      return std::unexpected(platform::Error{platform::ErrorCode::kNotFound, 0, "gone"});
+    }
+    found->second.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
+    found->second.isChild = false;
+    return {};
+  }
+
+  bool hasSurvivors(const StartFields& identity) override {
+    return members_.contains(identity.process) && !isAlive(identity.process) &&
+           identity.pidfdInode == inodeOf(identity.process);
+  }
+
+  void reportIfEnded(platform::ProcessId process) override {
+    const auto found = processes_.find(process);
+    if (found != processes_.end() && found->second.ended) report(process);
+  }
+
+  void signalGroup(platform::ProcessId group, int signal) override {
+    signals.push_back({group, signal, loop_.now()});
+    if (signal == SIGKILL || (signal == SIGTERM && obeysTermination)) {
+      members_.erase(group);
+      if (isAlive(group))
+        end(group, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
+    }
+  }
+
+  platform::UniqueFd copyDescriptor(platform::ProcessId process,
+                                    platform::Descriptor descriptor) override {
+    const auto found = processes_.find(process);
+    if (found == processes_.end() || descriptor != 3) return {};
+    return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
+  }
+
+  // Whether anything but its leader lives of the group.
+  bool hasMembers(platform::ProcessId group) const { return members_.contains(group); }
+
+  bool isAlive(platform::ProcessId process) const {
+    const auto found = processes_.find(process);
+    return found != processes_.end() && !found->second.ended;
+  }
+
+  // The process ends; its host is told as soon as the loop runs.
+  void end(platform::ProcessId process, ProcessEnd status = {}) {
+    endUnreported(process, status);
+    Process& ended = processes_.at(process);
+    loop_.post(
+        [this, process, alive = std::weak_ptr(ended.onEnd)] {
+          if (!alive.expired()) report(process);
+        },
+        platform::Urgency::kProcessExit);
+  }
+
+  // The process has ended, and its host is not told unless it asks.
+  void endUnreported(platform::ProcessId process, ProcessEnd status = {}) {
+    Process& ended = processes_.at(process);
+    ended.ended = true;
+    ended.status = status;
+  }
+
+  // Another process of the group, which outlives its leader.
+  void addMember(platform::ProcessId group) { members_.insert(group); }
+  void endMembers(platform::ProcessId group) { members_.erase(group); }
+
+  // What a killed host leaves: nobody is told of any end.
+  void dropWatches() {
+    for (auto& [process, state] : processes_) state.onEnd.reset();
+  }
+
+  // Another process gets the number of one that has ended.
+  void reuse(platform::ProcessId process) { reused_.insert(process); }
+
+  std::vector<Started> started;
+  std::vector<Signalled> signals;
+  int attempts = 0;
+  // Starts fail so; with the record in the file or without.
+  std::optional<platform::Error> failure;
+  bool recordsFailures = false;
+  bool obeysTermination = true;
+
+ private:
+  struct Process {
+    // Shared with the report that is under way, which looks whether it is still wanted.
+    std::shared_ptr<OnEnd> onEnd;
+    bool ended = false;
+    bool isChild = true;
+    ProcessEnd status;
+    platform::UniqueFd listener;  // its descriptor 3
+  };
+
+  std::uint64_t ticksOf(platform::ProcessId process) const {
+    return 1000 + static_cast<std::uint64_t>(process);
+  }
+  std::uint64_t inodeOf(platform::ProcessId process) const {
+    return (reused_.contains(process) ? 90000 : 50000) + static_cast<std::uint64_t>(process);
+  }
+
+  void report(platform::ProcessId process) {
+    auto node = processes_.extract(process);
+    if (!node.mapped().onEnd) return;
+    OnEnd onEnd = std::move(*node.mapped().onEnd);
+    onEnd(node.mapped().isChild ? Ending(node.mapped().status) : Ending());
+  }
+
+  platform::VirtualRunLoop& loop_;
+  platform::ProcessId next_ = 101;
+  std::map<platform::ProcessId, Process> processes_;
+  std::set<platform::ProcessId> members_;
+  std::set<platform::ProcessId> reused_;
+};
+
+}  // namespace jobhost

@@ -1,0 +1,70 @@
+#include "JobHost/Processes/FileSystemIdentity.h"
+
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace jobhost {
+namespace {
+
+using testing::EndsWith;
+
+// The ids, groups and powers that a thread's "status" file tells of.
+std::map<std::string, std::string> rightsIn(std::ifstream& file) {
+  std::map<std::string, std::string> rights;
+  for (std::string line; std::getline(file, line);) {
+    const std::string name = line.substr(0, line.find(':'));
+    if (name == "Uid" || name == "Gid" || name == "Groups" || name.starts_with("Cap")) {
+      rights[name] = line.substr(name.size() + 1);
+    }
+  }
+  return rights;
+}
+
+std::map<std::string, std::string> ownRights() {
+  std::ifstream file("/proc/thread-self/status");
+  return rightsIn(file);
+}
+
+class FileSystemIdentityTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can take another account's rights";
+  }
+
+  const JobAccount account_{1234, 2345, {2345, 3456}, "a", "", ""};
+};
+
+TEST_F(FileSystemIdentityTest, IsTheAccountsForAsLongAsItLives) {
+  const auto before = ownRights();
+  {
+    const auto identity = FileSystemIdentity::assume(account_);
+    ASSERT_TRUE(identity);
+    auto during = ownRights();
+    EXPECT_EQ(during["Uid"], "\t0\t0\t0\t1234");
+    EXPECT_EQ(during["Gid"], "\t0\t0\t0\t2345");
+    EXPECT_EQ(during["Groups"], "\t2345 3456 ");
+    EXPECT_NE(during["CapEff"], before.at("CapEff"));  // Without root's powers over files.
+  }
+  EXPECT_EQ(ownRights(), before);
+}
+
+TEST_F(FileSystemIdentityTest, IsThisThreadsAlone) {
+  const auto before = ownRights();
+  std::thread other([&] {
+    const auto identity = FileSystemIdentity::assume(account_);
+    ASSERT_TRUE(identity);
+    EXPECT_THAT(ownRights()["Uid"], EndsWith("\t1234"));
+    std::ifstream main("/proc/self/task/" + std::to_string(::getpid()) + "/status");
+    EXPECT_EQ(rightsIn(main), before);
+  });
+  other.join();
+}
+
+}  // namespace
+}  // namespace jobhost

@@ -1,0 +1,393 @@
+#include "JobHost/Processes/ProcessSpawner.h"
+
+extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
+#include <sys/pidfd.h>
+}
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "JobHost/Definitions/JobAccount.h"
+#include "JobHost/Definitions/JobKeys.h"
+#include "JobHost/Processes/FileSystemIdentity.h"
+#include "JobHost/Processes/SpawnedChild.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/PropertyListText.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+using platform::retryOnInterrupt;
+using platform::systemError;
+using platform::UniqueFd;
+
+constexpr std::size_t kStackBytes = 64 * 1024;
+constexpr std::size_t kGuardBytes = 64 * 1024;  // at least a page, whatever the machine's size
+constexpr long kPidfdFileSystem = 0x50494446;   // PIDFS_MAGIC, newer than our headers
+constexpr int kStandardFiles = 3;
+// Above every number that a descriptor of the child gets.
+constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
+constexpr mode_t kNewFileMode = 0644;
+// After how long a child that somebody may have stopped is first told to go on, before its program.
+constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
+constexpr char kNull[] = "/dev/null";
+constexpr char kDefaultPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
+
+// Signals of this thread wait while it lives: a child must not run the host's handlers.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+Result<UniqueFd> aboveStandardFiles(UniqueFd file, const std::string& path) {
+  if (file.get() >= kFirstOwnDescriptor) return file;
+  UniqueFd moved(::fcntl(file.get(), F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
+  if (!moved) return std::unexpected(systemError("opening " + path));
+  return moved;
+}
+
+// Without waiting for a pipe's other end; the process then finds it as if it had opened it itself.
+Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
+  const std::string what = "opening " + platform::quotedInMessage(path);
+  UniqueFd file(retryOnInterrupt([&] {
+    return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
+  }));
+  if (!file) return std::unexpected(systemError(what));
+  struct stat status{};
+  if (::fstat(file.get(), &status) != 0) return std::unexpected(systemError(what));
+  if (S_ISDIR(status.st_mode)) return std::unexpected(Error{ErrorCode::kSystem, EISDIR, what});
+  const int now = ::fcntl(file.get(), F_GETFL);
+  if (now < 0 || ::fcntl(file.get(), F_SETFL, now & ~O_NONBLOCK) != 0) {
+    return std::unexpected(systemError(what));
+  }
+  return aboveStandardFiles(std::move(file), platform::quotedInMessage(path));
+}
+
+// What the orders of the child point into.
+class Orders {
+ public:
+  Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null, int listener,
+                       std::uint64_t originalDescriptorLimit);
+
+  SpawnedChild child{};
+
+ private:
+  void addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens);
+  Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
+  Result<void> addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit);
+
+  std::vector<char*> arguments_;
+  std::vector<std::string> variables_;
+  std::vector<char*> environment_;
+  std::vector<UniqueFd> opened_;
+  std::vector<int> descriptors_;
+  std::vector<ChildLimit> limits_;
+};
+
+void Orders::addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens) {
+  for (const auto& [name, text] : job.environment) {
+    if (listens && name.starts_with("LISTEN_")) continue;  // It would name other descriptors.
+    variables_.push_back(name + "=" + text);
+  }
+  const auto addMissing = [&](std::string_view name, std::string_view text) {
+    for (const auto& [given, ignored] : job.environment) {
+      if (given == name) return;
+    }
+    variables_.push_back(fmt::format("{}={}", name, text));
+  };
+  addMissing("PATH", kDefaultPath);
+  addMissing("HOME", account.home);
+  addMissing("USER", account.name);
+  addMissing("LOGNAME", account.name);
+  addMissing("SHELL", account.shell);
+  if (listens) {
+    variables_.push_back("LISTEN_FDS=1");
+    variables_.push_back("LISTEN_FDNAMES=" + job.machServices.front());
+    variables_.push_back("LISTEN_PID=0000000000");
+  }
+  for (std::string& variable : variables_) environment_.push_back(variable.data());
+  environment_.push_back(nullptr);
+  if (listens) child.listenPid = variables_.back().data() + variables_.back().find('0');
+}
+
+Result<void> Orders::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
+  const std::pair<const std::string&, int> files[kStandardFiles] = {
+      {job.standardInPath, O_RDONLY},
+      {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
+      {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
+  };
+  // With the host's rights a link that the job's user has put there would lead it anywhere.
+  std::optional<FileSystemIdentity> identity;
+  for (const auto& [path, flags] : files) {
+    if (path == kNull) {
+      descriptors_.push_back(null);
+      continue;
+    }
+    if (!identity && ::geteuid() == 0 && account.user != 0) {
+      auto assumed = FileSystemIdentity::assume(account);
+      if (!assumed) return std::unexpected(std::move(assumed.error()));
+      identity.emplace(*std::move(assumed));
+    }
+    auto file = openStandardFile(path, flags);
+    if (!file) return std::unexpected(std::move(file.error()));
+    descriptors_.push_back(file->get());
+    opened_.push_back(*std::move(file));
+  }
+  return {};
+}
+
+Result<void> Orders::addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit) {
+  const auto add = [&](int resource, std::optional<rlim_t> soft, std::optional<rlim_t> hard) {
+    ChildLimit limit{resource, {}};
+    if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) return false;
+    if (hard) limit.value.rlim_max = *hard;
+    if (soft) limit.value.rlim_cur = *soft;
+    // One of them alone must not contradict the other.
+    if (!soft && limit.value.rlim_cur > limit.value.rlim_max) {
+      limit.value.rlim_cur = limit.value.rlim_max;
+    }
+    limits_.push_back(limit);
+    return true;
+  };
+  bool limitsFiles = false;
+  for (const ResourceLimit& limit : job.limits) {
+    auto soft = limit.soft;
+    if (limit.resource == RLIMIT_NOFILE) {
+      limitsFiles = true;
+      if (!soft) soft = std::min<rlim_t>(originalDescriptorLimit, limit.hard.value_or(~rlim_t{0}));
+    }
+    if (!add(limit.resource, soft, limit.hard)) {
+      return std::unexpected(
+          systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(limit.resource))));
+    }
+  }
+  // Programs that use select() break with as many descriptors as the host may have.
+  if (!limitsFiles && !add(RLIMIT_NOFILE, originalDescriptorLimit, {})) {
+    return std::unexpected(systemError("getrlimit(RLIMIT_NOFILE)"));
+  }
+  return {};
+}
+
+Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account, int null,
+                             int listener, std::uint64_t originalDescriptorLimit) {
+  child.program = job.program.c_str();
+  // execve() does not write to what it is given.
+  for (const std::string& argument : job.arguments) {
+    arguments_.push_back(const_cast<char*>(argument.c_str()));
+  }
+  arguments_.push_back(nullptr);
+  addEnvironment(job, account, listener >= 0);
+  if (auto opened = openFiles(job, account, null); !opened) return opened;
+  if (listener >= 0) descriptors_.push_back(listener);
+  if (auto added = addLimits(job, originalDescriptorLimit); !added) return added;
+  child.arguments = arguments_.data();
+  child.environment = environment_.data();
+  child.descriptors = descriptors_.data();
+  child.descriptorCount = static_cast<int>(descriptors_.size());
+  child.rootDirectory = job.rootDirectory ? job.rootDirectory->c_str() : nullptr;
+  child.workingDirectory = job.workingDirectory.c_str();
+  // An ordinary user's host can only be itself, and may not even set what it has.
+  child.changesIds =
+      ::geteuid() == 0 || account.user != ::geteuid() || account.group != ::getegid();
+  child.user = account.user;
+  child.group = account.group;
+  child.groups = account.groups.data();
+  child.groupCount = account.groups.size();
+  child.limits = limits_.data();
+  child.limitCount = limits_.size();
+  child.umask = job.umask ? static_cast<int>(*job.umask) : -1;
+  child.nice = job.nice;
+  return {};
+}
+
+// What this process may have given a disposition by the time that it starts others. Real-time
+// signals are half of all, and nothing here uses them: they are as its own start left them.
+std::uint64_t signalsToReset() {
+  constexpr int kFirstRealTimeSignal = 32;  // the kernel's; the library keeps some of them
+  constexpr int kLastSignal = 64;
+  std::uint64_t signals = (std::uint64_t{1} << (kFirstRealTimeSignal - 1)) - 1;
+  for (int signal = kFirstRealTimeSignal; signal <= kLastSignal; ++signal) {
+    struct sigaction now{};
+    // Of the ones that it keeps the library tells nothing.
+    const bool isDefault = ::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL;
+    if (!isDefault) signals |= std::uint64_t{1} << (signal - 1);
+  }
+  return signals;
+}
+
+timespec timespecOf(platform::Duration duration) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+  return {seconds.count(), (duration - seconds).count()};
+}
+
+std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
+                          const JobAccount& account) {
+  using platform::quotedInMessage;
+  switch (child.stage) {
+    case ChildStage::kBegin:
+      return "the new process";
+    case ChildStage::kSession:
+      return "setsid";
+    case ChildStage::kTimers:
+      return "setting the time for the start";
+    case ChildStage::kIdentity:
+      return "reading the new process's start time from /proc";
+    case ChildStage::kRecord:
+      return "recording the start in the state file";
+    case ChildStage::kDescriptors:
+      return "passing the descriptors";
+    case ChildStage::kLimit:
+      return fmt::format("setrlimit of \"{}\"",
+                         nameOfLimit(child.limits[child.failedLimit].resource));
+    case ChildStage::kNice:
+      return fmt::format("setpriority to {}", job.nice);
+    case ChildStage::kRootDirectory:
+      return "chroot to " + quotedInMessage(job.rootDirectory.value_or("/"));
+    case ChildStage::kGroups:
+      return "setgroups for " + quotedInMessage(account.name);
+    case ChildStage::kGroup:
+      return fmt::format("setgid to {}", account.group);
+    case ChildStage::kUser:
+      return fmt::format("setuid to {} ({})", account.user, quotedInMessage(account.name));
+    case ChildStage::kWorkingDirectory:
+      return "chdir to " + quotedInMessage(job.workingDirectory);
+    case ChildStage::kExecute:
+      return "executing " + quotedInMessage(job.program);
+  }
+  return "starting";
+}
+
+}  // namespace
+
+bool pidfdsAreUnique() {
+  const UniqueFd self(::pidfd_open(::getpid(), 0));
+  struct statfs status{};
+  return self && ::fstatfs(self.get(), &status) == 0 && status.f_type == kPidfdFileSystem;
+}
+
+Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLimit,
+                                              platform::Duration patience) {
+  ProcessSpawner spawner;
+  spawner.originalDescriptorLimit_ = originalDescriptorLimit;
+  spawner.patience_ = patience;
+  spawner.hasUniquePidfds_ = pidfdsAreUnique();
+  spawner.signalsToReset_ = signalsToReset();
+  auto own = lookUpAccount({}, {});
+  if (!own) return std::unexpected(std::move(own.error()));
+  spawner.ownAccount_ = *std::move(own);
+  UniqueFd null(::open(kNull, O_RDWR | O_CLOEXEC | O_NOCTTY));
+  if (!null) return std::unexpected(systemError("opening /dev/null"));
+  auto moved = aboveStandardFiles(std::move(null), kNull);
+  if (!moved) return std::unexpected(std::move(moved.error()));
+  spawner.null_ = *std::move(moved);
+  void* const stack = ::mmap(nullptr, kGuardBytes + kStackBytes, PROT_READ | PROT_WRITE,
+                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (stack == MAP_FAILED) return std::unexpected(systemError("a stack for new processes"));
+  spawner.stack_ = stack;
+  if (::mprotect(stack, kGuardBytes, PROT_NONE) != 0) {
+    return std::unexpected(systemError("guarding the stack for new processes"));
+  }
+  return spawner;
+}
+
+ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
+    : originalDescriptorLimit_(other.originalDescriptorLimit_),
+      patience_(other.patience_),
+      hasUniquePidfds_(other.hasUniquePidfds_),
+      signalsToReset_(other.signalsToReset_),
+      ownAccount_(std::move(other.ownAccount_)),
+      null_(std::move(other.null_)),
+      stack_(std::exchange(other.stack_, nullptr)) {}
+
+ProcessSpawner::~ProcessSpawner() {
+  if (stack_) ::munmap(stack_, kGuardBytes + kStackBytes);
+}
+
+Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
+                                                      const StartTicket& ticket,
+                                                      platform::Descriptor listener) {
+  const auto failed = [&](Error error) {
+    error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
+    return std::unexpected(std::move(error));
+  };
+  if (listener >= 0 && job.machServices.empty()) {
+    return failed(Error{ErrorCode::kInvalid, 0, "a socket is passed to it, and it has no service"});
+  }
+  const bool isOwn = !job.userName && !job.groupName;
+  auto account = isOwn ? ownAccount_ : lookUpAccount(job.userName, job.groupName);
+  if (!account) return failed(std::move(account.error()));
+  UniqueFd ownListener;
+  if (listener >= 0 && listener < kFirstOwnDescriptor) {
+    ownListener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
+    if (!ownListener) return failed(systemError("passing the descriptors"));
+    listener = ownListener.get();
+  }
+  Orders orders;
+  if (auto prepared =
+          orders.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_);
+      !prepared) {
+    return failed(std::move(prepared.error()));
+  }
+  SpawnedChild& child = orders.child;
+  child.stateFile = ticket.file;
+  child.startRecord = ticket.record.data();
+  child.startRecordSize = ticket.record.size();
+  child.hasUniquePidfds = hasUniquePidfds_;
+  child.signalsToReset = signalsToReset_;
+  child.continueAfter = timespecOf(kContinueAfter);
+  child.patience = timespecOf(patience_);
+
+  // The kernel lets this thread wait until the child has executed its program or ended, whatever
+  // anybody does to it meanwhile: the child's own timers see to it that this does not take long.
+  int pidfd = -1;
+  int process = -1;
+  {
+    const SignalsBlocked blocked;
+    process = ::clone(runSpawnedChild, static_cast<char*>(stack_) + kGuardBytes + kStackBytes,
+                      CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &child, &pidfd);
+  }
+  if (process < 0) return failed(systemError("fork"));
+  Spawned spawned{process, UniqueFd(pidfd)};
+  if (child.error == 0 && child.stage == ChildStage::kExecute) return spawned;
+  // It never executed anything, so its end is at most a moment away.
+  retryOnInterrupt(
+      [&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), nullptr, WEXITED | __WALL); });
+  const std::string stage = describeStage(child, job, *account);
+  if (child.error == 0) {
+    const auto seconds = std::chrono::duration<double>(patience_).count();
+    return failed(
+        Error{ErrorCode::kSystem, 0,
+              fmt::format("{}: somebody killed the new process, or it had not come to its "
+                          "program after {} s",
+                          stage, seconds)});
+  }
+  return failed(Error{ErrorCode::kSystem, child.error, stage});
+}
+
+}  // namespace jobhost

@@ -1,0 +1,309 @@
+#pragma once
+
+// What every kind of processes must do. A test program derives a ProcessesHarness, which knows how
+// to make jobs and to end their processes, and instantiates:
+//   INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/Processes/Processes.h"
+#include "JobHost/State/StateReader.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace jobhost {
+
+class ProcessesHarness {
+ public:
+  enum class Kind { kAlone, kWithMember, kUnstartable };
+
+  virtual ~ProcessesHarness() = default;
+
+  virtual platform::RunLoop& loop() = 0;
+  virtual Processes& processes() = 0;
+
+  // A job whose process lives until it is ended, with another process of its group, which outlives
+  // it, or without; or one whose program can't be executed.
+  virtual JobDefinition job(Kind kind) = 0;
+  // The process of job() was started.
+  virtual void started(platform::ProcessId process, const JobDefinition& job) = 0;
+
+  // Makes the process end and returns when it has.
+  virtual void end(platform::ProcessId process, platform::ExitStatus status) = 0;
+
+  // Another host starts the process and is killed.
+  virtual platform::ProcessId startElsewhere(const JobDefinition& job,
+                                             const StartTicket& ticket) = 0;
+};
+
+class ProcessesContract : public testing::TestWithParam<std::unique_ptr<ProcessesHarness> (*)()> {
+ protected:
+  using Kind = ProcessesHarness::Kind;
+  using Status = platform::ExitStatus;
+  static constexpr Status kKilled{Status::Kind::kSignalled, SIGKILL};
+
+  ProcessesContract() {
+    file_.reset(::open(path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    EXPECT_TRUE(file_);
+  }
+
+  Processes& processes() { return harness_->processes(); }
+
+  Processes::OnEnd reporting() {
+    return [this](Ending ending) { ends_.push_back(ending); };
+  }
+
+  StartTicket makeTicket(const JobDefinition& job) {
+    record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
+    return {file_.get(), record_};
+  }
+  StartFields recorded() const {
+    StartFields fields;
+    std::memcpy(&fields, record_.data() + sizeof(RecordHeader), sizeof fields);
+    return fields;
+  }
+
+  std::string contents() const {
+    std::ifstream file(path_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  platform::ProcessId start(Kind kind, platform::Descriptor listener = -1) {
+    JobDefinition job = harness_->job(kind);
+    if (listener >= 0) job.machServices = {"com.example.service"};
+    const auto process = processes().start(job, makeTicket(job), listener, reporting());
+    EXPECT_TRUE(process) << platform::describe(process.error());
+    if (!process) return 0;
+    harness_->started(*process, job);
+    return *process;
+  }
+  StartFields startElsewhere(Kind kind) {
+    const JobDefinition job = harness_->job(kind);
+    const auto process = harness_->startElsewhere(job, makeTicket(job));
+    harness_->started(process, job);
+    // What the other host learned is in the file.
+    const std::string told = contents();
+    EXPECT_EQ(told.size(), record_.size());
+    record_.assign(told.begin(), told.end());
+    EXPECT_EQ(recorded().process, process);
+    return recorded();
+  }
+
+  // Runs the loop until it holds, and all that is ready then.
+  void runUntil(const std::function<bool()>& holds) {
+    using namespace std::chrono_literals;
+    platform::RunLoop& loop = harness_->loop();
+    const auto look = loop.startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
+      if (holds()) loop.stop();
+    });
+    const auto deadline = loop.startTimer(60s, platform::RunLoop::Repeat::kOnce, [&] {
+      ADD_FAILURE() << "it never came to hold";
+      loop.stop();
+    });
+    loop.run();
+  }
+  void runToEnds(std::size_t count) {
+    runUntil([&] { return ends_.size() >= count; });
+    EXPECT_EQ(ends_.size(), count);
+  }
+
+  // Neither it nor anything of its group is there.
+  void expectGone(const StartFields& identity) {
+    const auto refused = processes().takeOver(identity, reporting());
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
+    EXPECT_FALSE(processes().hasSurvivors(identity));
+  }
+
+  platform::TemporaryFolder root_;
+  const std::string path_ = root_.path("state");
+  platform::UniqueFd file_;
+  std::vector<std::uint8_t> record_;
+  std::vector<Ending> ends_;
+  std::unique_ptr<ProcessesHarness> harness_ = GetParam()();
+};
+
+TEST_P(ProcessesContract, AStartedProcessIsOnRecord) {
+  const auto process = start(Kind::kAlone);
+  EXPECT_EQ(recorded().process, process);
+  EXPECT_NE(recorded().startTicks, 0);
+  EXPECT_EQ(contents(), std::string(record_.begin(), record_.end()));
+  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+  runToEnds(0);
+}
+
+TEST_P(ProcessesContract, HowAProcessEndedIsReportedOnce) {
+  for (const Status status : {Status{Status::Kind::kExited, 0}, Status{Status::Kind::kExited, 255},
+                              Status{Status::Kind::kSignalled, SIGTERM}, kKilled}) {
+    const auto process = start(Kind::kAlone);
+    harness_->end(process, status);
+    EXPECT_TRUE(ends_.empty());
+    runToEnds(1);
+    EXPECT_EQ(ends_, std::vector<Ending>{status});
+    EXPECT_FALSE(processes().hasSurvivors(recorded()));
+    ends_.clear();
+  }
+}
+
+TEST_P(ProcessesContract, AnEndThatHasHappenedIsReportedAtOnceToWhoAsks) {
+  const auto process = start(Kind::kAlone);
+  processes().reportIfEnded(process);
+  EXPECT_TRUE(ends_.empty());
+  harness_->end(process, kKilled);
+  processes().reportIfEnded(process);
+  EXPECT_EQ(ends_, std::vector<Ending>{kKilled});
+  processes().reportIfEnded(process);
+  runToEnds(1);
+}
+
+TEST_P(ProcessesContract, AnEndIsReportedBeforeAnythingLessUrgent) {
+  const auto process = start(Kind::kAlone);
+  std::vector<std::size_t> endsAt;
+  const auto look = [&] { endsAt.push_back(ends_.size()); };
+  harness_->loop().post(look);
+  harness_->loop().post(look, platform::Urgency::kConnectionDeath);
+  harness_->end(process, kKilled);
+  runToEnds(1);
+  EXPECT_EQ(endsAt, std::vector<std::size_t>(2, 1));
+}
+
+TEST_P(ProcessesContract, AReportMayStartTheNextProcess) {
+  const JobDefinition job = harness_->job(Kind::kAlone);
+  const auto first = processes().start(job, makeTicket(job), -1, [this](Ending ending) {
+    ends_.push_back(ending);
+    const auto next = start(Kind::kAlone);
+    harness_->end(next, kKilled);
+  });
+  ASSERT_TRUE(first);
+  harness_->started(*first, job);
+  harness_->end(*first, {Status::Kind::kExited, 1});
+  runToEnds(2);
+  EXPECT_EQ(ends_[1], Ending(kKilled));
+}
+
+TEST_P(ProcessesContract, AProgramThatCannotBeExecutedIsNoProcess) {
+  const JobDefinition job = harness_->job(Kind::kUnstartable);
+  const auto refused = processes().start(job, makeTicket(job), -1, reporting());
+  ASSERT_FALSE(refused);
+  EXPECT_NE(platform::describe(refused.error()), "");
+  if (recorded().process != 0) expectGone(recorded());
+  runToEnds(0);
+}
+
+TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNone) {
+  file_.reset(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+  ASSERT_TRUE(file_);
+  const JobDefinition job = harness_->job(Kind::kAlone);
+  const auto refused = processes().start(job, makeTicket(job), -1, reporting());
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().osError, ENOSPC);
+  ASSERT_NE(recorded().process, 0);
+  expectGone(recorded());
+  runToEnds(0);
+}
+
+TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeHadBack) {
+  const auto process = start(Kind::kAlone, file_.get());
+  const platform::UniqueFd copy = processes().copyDescriptor(process, 3);
+  ASSERT_TRUE(copy);
+  struct stat given{};
+  struct stat had{};
+  ASSERT_EQ(::fstat(file_.get(), &given), 0);
+  ASSERT_EQ(::fstat(copy.get(), &had), 0);
+  EXPECT_EQ(had.st_ino, given.st_ino);
+  EXPECT_EQ(had.st_dev, given.st_dev);
+  EXPECT_NE(::fcntl(copy.get(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_FALSE(processes().copyDescriptor(process, 99));
+  harness_->end(process, kKilled);
+  runToEnds(1);
+  EXPECT_FALSE(processes().copyDescriptor(process, 3));
+}
+
+TEST_P(ProcessesContract, ASignalReachesTheProcess) {
+  const auto process = start(Kind::kAlone);
+  processes().signalGroup(process, SIGTERM);
+  runToEnds(1);
+  EXPECT_EQ(ends_[0], Ending(Status{Status::Kind::kSignalled, SIGTERM}));
+  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+}
+
+TEST_P(ProcessesContract, WhatAProcessLeavesOfItsGroupSurvivesUntilItIsKilled) {
+  const auto process = start(Kind::kWithMember);
+  const StartFields identity = recorded();
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+  harness_->end(process, {Status::Kind::kExited, 0});
+  runToEnds(1);
+  EXPECT_TRUE(processes().hasSurvivors(identity));
+  processes().signalGroup(process, SIGKILL);
+  runUntil([&] { return !processes().hasSurvivors(identity); });
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+  EXPECT_EQ(ends_.size(), 1);
+}
+
+TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnknown) {
+  const StartFields identity = startElsewhere(Kind::kAlone);
+  ASSERT_TRUE(processes().takeOver(identity, reporting()));
+  processes().reportIfEnded(identity.process);
+  runToEnds(0);
+  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  EXPECT_TRUE(ends_.empty());
+  runToEnds(1);
+  EXPECT_EQ(ends_[0], Ending());
+}
+
+TEST_P(ProcessesContract, WhatAProcessTakenOverLeavesOfItsGroupSurvives) {
+  const StartFields identity = startElsewhere(Kind::kWithMember);
+  ASSERT_TRUE(processes().takeOver(identity, reporting()));
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  runToEnds(1);
+  EXPECT_EQ(ends_[0], Ending());
+  // Whether or not its parent has reaped it yet.
+  EXPECT_TRUE(processes().hasSurvivors(identity));
+  processes().signalGroup(identity.process, SIGKILL);
+  runUntil([&] { return !processes().hasSurvivors(identity); });
+  EXPECT_FALSE(processes().hasSurvivors(identity));
+}
+
+TEST_P(ProcessesContract, WhatOnlyHasTheNumberIsNotTakenOver) {
+  const StartFields identity = startElsewhere(Kind::kAlone);
+  StartFields later = identity;
+  ++later.startTicks;
+  std::vector<StartFields> others{later};
+  if (identity.pidfdInode != 0) {
+    StartFields another = identity;
+    ++another.pidfdInode;
+    others.push_back(another);
+  }
+  for (const StartFields& other : others) {
+    const auto refused = processes().takeOver(other, reporting());
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
+  }
+  harness_->end(identity.process, kKilled);
+  runToEnds(0);
+}
+
+TEST_P(ProcessesContract, AProcessThatHasGoneIsNotTakenOver) {
+  const auto process = start(Kind::kAlone);
+  harness_->end(process, kKilled);
+  runToEnds(1);
+  expectGone(recorded());
+  runToEnds(1);
+}
+
+}  // namespace jobhost

@@ -1,0 +1,192 @@
+// Runs in a process that shares the host's memory: system calls only, and nothing that a sanitizer
+// would instrument (see CMakeLists.txt). The host stands still until the program has been executed
+// or this has returned, so its errno may be used.
+
+#include "JobHost/Processes/SpawnedChild.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "JobHost/State/StateRecord.h"
+
+namespace jobhost {
+namespace {
+
+constexpr std::size_t kKernelSignalSetBytes = 8;
+constexpr int kPidDigits = 10;
+
+// The kernel's, which is not the library's. All zeros is the default action.
+struct KernelSignalAction {
+  void* handler;
+  unsigned long flags;
+  void* restorer;
+  std::uint64_t mask;
+};
+
+int failure(SpawnedChild& child) {
+  child.error = errno != 0 ? errno : EIO;
+  return 1;
+}
+
+// The kernel signals a process by its timers whatever ids it has taken by then, and whether or not
+// it stands still; when it executes its program they go.
+bool startTimer(int signal, const timespec& after) {
+  sigevent event{};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = signal;
+  int timer = 0;  // The kernel's number of it.
+  if (::syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer) != 0) return false;
+  const itimerspec times{{}, after};
+  return ::syscall(SYS_timer_settime, timer, 0, &times, nullptr) == 0;
+}
+
+// Timers of their own, further and further apart: of a signal that is blocked or ignored a timer
+// that repeats runs out only once.
+bool startContinuing(const SpawnedChild& child) {
+  for (timespec at = child.continueAfter; at.tv_sec < child.patience.tv_sec;) {
+    if (!startTimer(SIGCONT, at)) return false;
+    constexpr long kSecond = 1'000'000'000;
+    const long nanoseconds = 4 * at.tv_nsec;
+    at = {4 * at.tv_sec + nanoseconds / kSecond, nanoseconds % kSecond};
+  }
+  return true;
+}
+
+// The caller's start time; 0 where /proc can't say.
+std::uint64_t ownStartTicks() {
+  const long file = ::syscall(SYS_openat, AT_FDCWD, "/proc/self/stat", O_RDONLY | O_CLOEXEC, 0);
+  if (file < 0) return 0;
+  char text[1024];
+  const long size = ::syscall(SYS_read, file, text, sizeof text);
+  ::syscall(SYS_close, file);
+  return size > 0 ? startTicksIn(text, static_cast<std::size_t>(size)) : 0;
+}
+
+std::uint64_t ownPidfdInode(long process) {
+  const long pidfd = ::syscall(SYS_pidfd_open, process, 0);
+  if (pidfd < 0) return 0;
+  struct statx status;
+  const long result = ::syscall(SYS_statx, pidfd, "", AT_EMPTY_PATH, STATX_INO, &status);
+  ::syscall(SYS_close, pidfd);
+  return result == 0 ? status.stx_ino : 0;
+}
+
+bool writeStartRecord(SpawnedChild& child, long process) {
+  child.stage = ChildStage::kIdentity;
+  errno = 0;
+  const std::uint64_t ticks = ownStartTicks();
+  if (ticks == 0) return false;
+  const std::uint64_t inode = child.hasUniquePidfds ? ownPidfdInode(process) : 0;
+  if (child.hasUniquePidfds && inode == 0) return false;
+  completeStartRecord(child.startRecord, static_cast<std::int32_t>(process), ticks, inode);
+  child.stage = ChildStage::kRecord;
+  const long written =
+      ::syscall(SYS_write, child.stateFile, child.startRecord, child.startRecordSize);
+  if (written == static_cast<long>(child.startRecordSize)) return true;
+  if (written >= 0) errno = ENOSPC;  // A part of it: the host cuts it off again.
+  return false;
+}
+
+bool placeDescriptors(SpawnedChild& child) {
+  child.stage = ChildStage::kDescriptors;
+  for (int i = 0; i < child.descriptorCount; ++i) {
+    if (::syscall(SYS_dup3, child.descriptors[i], i, 0) < 0) return false;
+  }
+  // The host opens nothing without close-on-exec, but who started the host may have.
+  ::syscall(SYS_close_range, child.descriptorCount, ~0U, CLOSE_RANGE_CLOEXEC);
+  return true;
+}
+
+bool setLimits(SpawnedChild& child) {
+  child.stage = ChildStage::kLimit;
+  for (std::size_t i = 0; i < child.limitCount; ++i) {
+    child.failedLimit = i;
+    const ChildLimit& limit = child.limits[i];
+    if (::syscall(SYS_prlimit64, 0, limit.resource, &limit.value, nullptr) != 0) return false;
+  }
+  return true;
+}
+
+// Groups before the user: afterwards nobody may change them.
+bool takeIds(SpawnedChild& child) {
+  if (!child.changesIds) return true;
+  child.stage = ChildStage::kGroups;
+  if (::syscall(SYS_setgroups, child.groupCount, child.groups) != 0) return false;
+  child.stage = ChildStage::kGroup;
+  if (::syscall(SYS_setresgid, child.group, child.group, child.group) != 0) return false;
+  child.stage = ChildStage::kUser;
+  return ::syscall(SYS_setresuid, child.user, child.user, child.user) == 0;
+}
+
+bool enterFolders(SpawnedChild& child) {
+  child.stage = ChildStage::kRootDirectory;
+  if (child.rootDirectory) {
+    if (::syscall(SYS_chroot, child.rootDirectory) != 0) return false;
+    if (::syscall(SYS_chdir, "/") != 0) return false;
+  }
+  if (!takeIds(child)) return false;
+  child.stage = ChildStage::kWorkingDirectory;
+  return ::syscall(SYS_chdir, child.workingDirectory) == 0;
+}
+
+void resetSignals(std::uint64_t signals) {
+  // Ignored signals would stay ignored, and until the program is executed a handler of the host
+  // would run in its memory.
+  const KernelSignalAction byDefault{};
+  for (int signal = 1; signals != 0; ++signal, signals >>= 1) {
+    if ((signals & 1) == 0) continue;
+    ::syscall(SYS_rt_sigaction, signal, &byDefault, nullptr, kKernelSignalSetBytes);
+  }
+  const std::uint64_t none = 0;
+  ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, kKernelSignalSetBytes);
+}
+
+// Without zeros in front: some readers take those for another base.
+void writeNumber(char* place, long number) {
+  char reversed[kPidDigits];
+  int count = 0;
+  for (; number > 0 && count < kPidDigits; number /= 10) {
+    reversed[count++] = static_cast<char>('0' + number % 10);
+  }
+  while (count > 0) *place++ = reversed[--count];
+  *place = '\0';
+}
+
+bool prepare(SpawnedChild& child) {
+  child.stage = ChildStage::kSession;
+  if (::syscall(SYS_setsid) < 0) return false;
+  child.stage = ChildStage::kTimers;
+  if (!startContinuing(child) || !startTimer(SIGKILL, child.patience)) return false;
+  const long process = ::syscall(SYS_getpid);
+  // Before the limits, which may forbid it to write.
+  if (!writeStartRecord(child, process)) return false;
+  if (!placeDescriptors(child)) return false;
+  if (!setLimits(child)) return false;
+  child.stage = ChildStage::kNice;
+  if (child.nice != 0 && ::syscall(SYS_setpriority, PRIO_PROCESS, 0, child.nice) != 0) return false;
+  if (!enterFolders(child)) return false;
+  if (child.umask >= 0) ::syscall(SYS_umask, child.umask);
+  if (child.listenPid) writeNumber(child.listenPid, process);
+  return true;
+}
+
+}  // namespace
+
+int runSpawnedChild(void* argument) {
+  auto& child = *static_cast<SpawnedChild*>(argument);
+  if (!prepare(child)) return failure(child);
+  resetSignals(child.signalsToReset);
+  child.stage = ChildStage::kExecute;
+  ::syscall(SYS_execve, child.program, child.arguments, child.environment);
+  return failure(child);
+}
+
+}  // namespace jobhost

@@ -1,0 +1,322 @@
+#include "JobHost/State/StateFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/State/StateReader.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+using platform::retryOnInterrupt;
+using platform::systemError;
+using platform::UniqueFd;
+
+constexpr char kFileName[] = "/launchd.state";
+constexpr char kLockName[] = "/launchd.lock";
+constexpr char kNewSuffix[] = ".new";
+constexpr char kSetAsideSuffix[] = ".set-aside";
+constexpr mode_t kMode = 0600;
+// A file smaller than this is never worth compacting.
+constexpr std::size_t kSmallBytes = 256 * 1024;
+constexpr platform::Duration kLockInterval = std::chrono::milliseconds(5);
+
+Result<UniqueFd> takeLock(const std::string& path, platform::RunLoop& loop) {
+  UniqueFd lock(retryOnInterrupt([&] {
+    return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode);
+  }));
+  if (!lock) return std::unexpected(systemError("opening " + path));
+  const platform::Instant deadline = loop.now() + StateFile::kLockPatience;
+  while (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
+    if (errno != EWOULDBLOCK) return std::unexpected(systemError("locking " + path));
+    if (loop.now() >= deadline) {
+      return std::unexpected(
+          Error{ErrorCode::kDenied, 0, path + ": another job host holds it; stop that one first"});
+    }
+    loop.sleepFor(kLockInterval);
+  }
+  return lock;
+}
+
+// Whether the open file is one that only this host can have written.
+Result<void> checkTrust(int file) {
+  struct stat status{};
+  if (::fstat(file, &status) != 0) return std::unexpected(systemError("fstat"));
+  const auto refuse = [](std::string text) {
+    return std::unexpected(Error{ErrorCode::kDenied, 0, std::move(text)});
+  };
+  if (status.st_uid != ::geteuid()) {
+    return refuse(fmt::format("it belongs to uid {}, expected uid {}", status.st_uid, ::geteuid()));
+  }
+  if ((status.st_mode & 07777) != kMode) {
+    return refuse(fmt::format("it has mode {:04o}, expected {:04o}", status.st_mode & 07777u,
+                              static_cast<unsigned>(kMode)));
+  }
+  return {};
+}
+
+struct Trusted {
+  StateContents contents;
+  UniqueFd file;  // for reading
+};
+
+Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
+  auto file = platform::openRegularFile(path);
+  if (!file) return std::unexpected(file.error());
+  if (auto trust = checkTrust(file->get()); !trust) return std::unexpected(trust.error());
+  const auto bytes = platform::readToEnd(file->get(), StateFile::kMaximumBytes, path);
+  if (!bytes) return std::unexpected(bytes.error());
+  auto contents =
+      readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
+  if (!contents) return std::unexpected(std::move(contents.error()));
+  return Trusted{*std::move(contents), *std::move(file)};
+}
+
+// The same file for appending: its path may have come to name another one.
+UniqueFd reopenForAppending(const UniqueFd& file) {
+  const std::string path = pathOfDescriptor(file);
+  return UniqueFd(
+      retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
+}
+
+// A torn file gets a second name and keeps its own until it is replaced: a host killed in between
+// must find it again. Anything else just goes. Only one is kept, so that no number of them fills
+// the disk.
+std::string setAside(const std::string& path, bool isTorn, const std::string& why) {
+  const std::string aside = path + kSetAsideSuffix;
+  ::unlink(aside.c_str());
+  const int result =
+      isTorn ? ::link(path.c_str(), aside.c_str()) : ::rename(path.c_str(), aside.c_str());
+  if (result == 0) return fmt::format("{}: {}; set aside as {}", path, why, aside);
+  return fmt::format("{}: {}; it could not be set aside as {}: {}", path, why, aside,
+                     platform::describe(systemError("rename")));
+}
+
+// All of it or nothing.
+Result<void> writeWhole(int file, std::span<const std::uint8_t> bytes, const std::string& what) {
+  const ssize_t written =
+      retryOnInterrupt([&] { return ::write(file, bytes.data(), bytes.size()); });
+  if (written == static_cast<ssize_t>(bytes.size())) return {};
+  if (written >= 0) errno = ENOSPC;
+  return std::unexpected(
+      systemError(what, errno == ENOSPC ? ErrorCode::kExhausted : ErrorCode::kSystem));
+}
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
+                                             const Labels& dismissed, std::string_view bootId) {
+  std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
+  const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
+    const auto record = makeRecord(kind, payload);
+    bytes.insert(bytes.end(), record.begin(), record.end());
+  };
+  // Before the jobs: this record also ends a job, and one of the same label has come since.
+  for (const std::string& label : dismissed) add(RecordKind::kDismissed, bytesOf(label));
+  for (const StoredJob& job : jobs) {
+    const auto submitted = submittedPayload(job.origin, job.dictionary);
+    if (!submitted) return std::unexpected(submitted.error());
+    add(RecordKind::kSubmitted, *submitted);
+    // The last end of a job that runs was before its start.
+    if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
+    if (job.lastStart) add(RecordKind::kStarted, startPayload(*job.lastStart, job.label));
+    if (!job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
+    if (job.isBeingRemoved) add(RecordKind::kRemoving, bytesOf(job.label));
+  }
+  return bytes;
+}
+
+}  // namespace
+
+Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string_view bootId,
+                                          platform::RunLoop& loop) {
+  Opened opened;
+  opened.file.reset(new StateFile);
+  StateFile& self = *opened.file;
+  self.path_ = folder + kFileName;
+  self.bootId_ = bootId;
+  auto lock = takeLock(folder + kLockName, loop);
+  if (!lock) return std::unexpected(std::move(lock.error()));
+  self.lock_ = *std::move(lock);
+  self.whyNoFile_ = Error{ErrorCode::kNotFound, 0, self.path_ + " has not been made"};
+  auto trusted = readTrusted(self.path_, bootId);
+  if (trusted) {
+    opened.jobs = std::move(trusted->contents.jobs);
+    opened.dismissed = std::move(trusted->contents.dismissed);
+    self.file_ = reopenForAppending(trusted->file);
+    self.size_ = self.compactedSize_ = trusted->contents.wholeBytes;
+    if (trusted->contents.isTorn) {
+      self.isTorn_ = self.isNamedTwice_ = true;
+      opened.warnings.push_back(
+          setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
+    }
+  } else if (platform::isShortage(trusted.error().osError)) {
+    // The file may be as good as ever: to go on without it would be to start all jobs twice.
+    return std::unexpected(std::move(trusted.error()));
+  } else if (trusted.error().code != ErrorCode::kNotFound) {
+    opened.warnings.push_back(
+        setAside(self.path_, false, "not trusted: " + platform::describe(trusted.error())));
+  }
+  return opened;
+}
+
+Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& dismissed) {
+  auto replaced = replaceBy(jobs, dismissed);
+  if (!replaced) whyNoFile_ = replaced.error();
+  return replaced;
+}
+
+Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels& dismissed) {
+  const auto bytes = contentsOf(jobs, dismissed, bootId_);
+  if (!bytes) return std::unexpected(bytes.error());
+  const std::string temporary = path_ + kNewSuffix;
+  if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
+    return std::unexpected(systemError("removing " + temporary));
+  }
+  UniqueFd file(::open(temporary.c_str(),
+                       O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
+  if (!file) return std::unexpected(systemError("creating " + temporary));
+  // The umask may have taken from it what open() expects of it.
+  if (::fchmod(file.get(), kMode) != 0) {
+    Error error = systemError("fchmod " + temporary);
+    ::unlink(temporary.c_str());
+    return std::unexpected(std::move(error));
+  }
+  if (auto written = writeWhole(file.get(), *bytes, "writing " + temporary); !written) {
+    ::unlink(temporary.c_str());
+    return written;
+  }
+  if (::rename(temporary.c_str(), path_.c_str()) != 0) {
+    Error error = systemError("putting " + temporary + " in the place of " + path_);
+    ::unlink(temporary.c_str());
+    return std::unexpected(std::move(error));
+  }
+  file_ = std::move(file);
+  size_ = compactedSize_ = bytes->size();
+  isTorn_ = isNamedTwice_ = false;
+  return {};
+}
+
+bool StateFile::wantsCompaction() const {
+  return !file_ || size_ > std::max(2 * compactedSize_, kSmallBytes) ||
+         size_ + kRoomBytes > kMaximumBytes;
+}
+
+std::size_t StateFile::costOf(std::string_view label, std::size_t submissionBytes) {
+  // A start, an end and the beginning of a removal.
+  return submissionBytes + 3 * (sizeof(RecordHeader) + label.size()) + sizeof(StartFields) +
+         sizeof(EndFields);
+}
+
+Result<void> StateFile::mend() {
+  if (!isTorn_) return {};
+  if (isNamedTwice_) {
+    // What was set aside is this very file, which goes on without what made it worth keeping. A
+    // second name that stays does no harm.
+    ::unlink((path_ + kSetAsideSuffix).c_str());
+    isNamedTwice_ = false;
+  }
+  return cutBackTo(size_);
+}
+
+Result<void> StateFile::makeReady(std::size_t recordBytes) {
+  if (!file_) return std::unexpected(whyNoFile_);
+  if (auto mended = mend(); !mended) return mended;
+  if (size_ + recordBytes <= kMaximumBytes) return {};
+  return std::unexpected(Error{ErrorCode::kExhausted, 0,
+                               fmt::format("{}: expected at most {} bytes", path_, kMaximumBytes)});
+}
+
+Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> payload) {
+  return appendRecord(makeRecord(kind, payload));
+}
+
+Result<void> StateFile::appendRecord(std::span<const std::uint8_t> record) {
+  if (auto ready = makeReady(record.size()); !ready) return ready;
+  if (auto written = writeWhole(file_.get(), record, "writing " + path_); !written) {
+    // What can't be cut off now is cut off before the next record, or found torn.
+    isTorn_ = true;
+    static_cast<void>(cutBackTo(size_));
+    return written;
+  }
+  size_ += record.size();
+  return {};
+}
+
+Result<std::size_t> StateFile::appendSubmitted(JobOrigin origin, const platform::Value& dictionary,
+                                               std::size_t mostCost) {
+  const auto payload = submittedPayload(origin, dictionary);
+  if (!payload) return std::unexpected(payload.error());
+  const auto record = makeRecord(RecordKind::kSubmitted, *payload);
+  const std::string* const label = dictionary["Label"].string();
+  const std::size_t cost = costOf(label ? *label : "", record.size());
+  if (cost > mostCost) {
+    return std::unexpected(Error{
+        ErrorCode::kExhausted, 0,
+        fmt::format("{}: expected jobs of at most {} bytes in all; {} are left and it takes {}",
+                    path_, kMaximumCost, mostCost, cost)});
+  }
+  if (auto appended = appendRecord(record); !appended) return std::unexpected(appended.error());
+  return record.size();
+}
+
+Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending) {
+  return append(RecordKind::kEnded, endPayload(ending, label));
+}
+
+Result<void> StateFile::appendRemoving(std::string_view label) {
+  return append(RecordKind::kRemoving, bytesOf(label));
+}
+
+Result<void> StateFile::appendRemoved(std::string_view label) {
+  return append(RecordKind::kRemoved, bytesOf(label));
+}
+
+Result<void> StateFile::appendDismissed(std::string_view label) {
+  return append(RecordKind::kDismissed, bytesOf(label));
+}
+
+Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,
+                                                             platform::Instant startedAt) {
+  StartFields fields;
+  fields.startedAt = startedAt.time_since_epoch().count();
+  auto record = makeRecord(RecordKind::kStarted, startPayload(fields, label));
+  // The process can't ask whether there is room.
+  if (auto ready = makeReady(record.size()); !ready) return std::unexpected(ready.error());
+  return record;
+}
+
+StartFields StateFile::countStart(std::span<const std::uint8_t> record) {
+  size_ += record.size();
+  StartFields fields;
+  std::memcpy(&fields, record.data() + sizeof(RecordHeader), sizeof fields);
+  return fields;
+}
+
+Result<void> StateFile::cutBackTo(std::size_t mark) {
+  isTorn_ = true;
+  size_ = mark;
+  if (retryOnInterrupt([&] { return ::ftruncate(file_.get(), static_cast<off_t>(mark)); }) != 0) {
+    return std::unexpected(systemError("cutting " + path_));
+  }
+  isTorn_ = false;
+  return {};
+}
+
+}  // namespace jobhost

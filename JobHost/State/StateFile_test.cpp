@@ -1,0 +1,509 @@
+#include "JobHost/State/StateFile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Testing/Machine/DescriptorShortage.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Dictionary;
+using platform::ErrorCode;
+using platform::ExitStatus;
+using platform::Value;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr char kBoot[] = "11111111-2222-3333-4444-555555555555";
+
+Value jobNamed(const std::string& label) {
+  return Dictionary{{"Label", label}, {"Program", "/bin/true"}};
+}
+
+class StateFileTest : public testing::Test {
+ protected:
+  StateFile::Opened open(std::string_view boot = kBoot) {
+    auto opened = StateFile::open(folder_.path(), boot, loop_);
+    EXPECT_TRUE(opened) << platform::describe(opened.error());
+    return opened ? *std::move(opened) : StateFile::Opened{};
+  }
+
+  // A file with nothing in it yet.
+  std::unique_ptr<StateFile> create() {
+    auto opened = open();
+    EXPECT_TRUE(opened.file->compact({}));
+    return std::move(opened.file);
+  }
+
+  // What a process does that has been started.
+  StartFields start(StateFile& file, std::string_view label, std::int32_t process,
+                    platform::Instant at = {}) {
+    auto record = file.makeStartRecord(label, at);
+    EXPECT_TRUE(record);
+    const StartTicket ticket = file.ticketFor(*record);
+    completeStartRecord(ticket.record.data(), process, 77, 88);
+    EXPECT_EQ(::write(ticket.file, ticket.record.data(), ticket.record.size()),
+              static_cast<ssize_t>(ticket.record.size()));
+    return file.countStart(*record);
+  }
+
+  std::string contents() const {
+    std::ifstream file(path_, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+  }
+  void put(const std::string& contents, mode_t mode = 0600) const {
+    ::unlink(path_.c_str());
+    std::ofstream(path_, std::ios::binary) << contents;
+    ::chmod(path_.c_str(), mode);
+  }
+  static std::vector<std::string> labelsOf(const std::vector<StoredJob>& jobs) {
+    std::vector<std::string> labels;
+    for (const StoredJob& job : jobs) labels.push_back(job.label);
+    return labels;
+  }
+
+  // The file at the path is set aside for this reason, and a new one works.
+  void expectSetAside(const std::string& reason, std::string_view boot = kBoot) {
+    {
+      auto opened = open(boot);
+      EXPECT_THAT(opened.jobs, IsEmpty());
+      ASSERT_EQ(opened.warnings.size(), 1);
+      EXPECT_THAT(opened.warnings[0], HasSubstr("not trusted"));
+      EXPECT_THAT(opened.warnings[0], HasSubstr(reason));
+      struct stat status{};
+      EXPECT_EQ(::lstat((path_ + ".set-aside").c_str(), &status), 0);
+      EXPECT_EQ(::lstat(path_.c_str(), &status), -1);
+      ASSERT_TRUE(opened.file->compact({}));
+      ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("new")));
+    }
+    EXPECT_THAT(labelsOf(open(boot).jobs), ElementsAre("new"));
+  }
+
+  platform::TemporaryFolder folder_;
+  platform::VirtualRunLoop loop_;
+  const std::string path_ = folder_.path("launchd.state");
+};
+
+TEST_F(StateFileTest, TheNextHostReadsWhatThisOneWrote) {
+  auto file = create();
+  const Value dictionary =
+      Dictionary{{"Label", "a"}, {"Program", "/bin/true"}, {"More", platform::Array{1, 2.5, "x"}}};
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, dictionary));
+  const StartFields started = start(*file, "a", 123, platform::Instant(5s));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+  start(*file, "b", 124);
+  ASSERT_TRUE(file->appendEnded("b", ExitStatus{ExitStatus::Kind::kExited, 3}));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  start(*file, "c", 125);
+  ASSERT_TRUE(file->appendEnded("c", std::nullopt));
+  start(*file, "c", 126);
+  ASSERT_TRUE(file->appendRemoving("c"));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("d")));
+  ASSERT_TRUE(file->appendRemoving("d"));
+  ASSERT_TRUE(file->appendRemoved("d"));
+
+  file.reset();
+  for (int i = 0; i < 2; ++i) {  // As it was written, then as it was compacted.
+    auto opened = open();
+    EXPECT_THAT(opened.warnings, IsEmpty());
+    ASSERT_THAT(labelsOf(opened.jobs), ElementsAre("a", "b", "c"));
+    const auto& [a, b, c] = std::tie(opened.jobs[0], opened.jobs[1], opened.jobs[2]);
+    EXPECT_EQ(a.origin, JobOrigin::kLoaded);
+    EXPECT_EQ(a.dictionary, dictionary);
+    EXPECT_TRUE(a.runs);
+    EXPECT_EQ(a.lastStart, started);
+    EXPECT_EQ(started, (StartFields{123, 0, 77, 88, std::chrono::nanoseconds(5s).count()}));
+    EXPECT_FALSE(a.lastEnd);
+    EXPECT_FALSE(a.isBeingRemoved);
+    EXPECT_EQ(b.origin, JobOrigin::kSubmitted);
+    EXPECT_FALSE(b.runs);
+    EXPECT_EQ(b.lastEnd, Ending(ExitStatus{ExitStatus::Kind::kExited, 3}));
+    EXPECT_TRUE(c.runs);
+    EXPECT_EQ(c.lastStart->process, 126);
+    EXPECT_EQ(c.lastEnd, std::optional<Ending>(Ending()));
+    EXPECT_TRUE(c.isBeingRemoved);
+    ASSERT_TRUE(opened.file->compact(opened.jobs));
+  }
+}
+
+TEST_F(StateFileTest, ADismissedDaemonIsRememberedBesideTheJobThatHasItsLabelNow) {
+  auto file = create();
+  for (const char* label : {"again", "gone", "going"}) {
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed(label)));
+    ASSERT_TRUE(file->appendDismissed(label));
+  }
+  ASSERT_TRUE(file->appendRemoved("gone"));
+  ASSERT_TRUE(file->appendRemoved("again"));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("again")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed("replaced")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("replaced")));
+  file.reset();
+  for (int i = 0; i < 2; ++i) {  // As it was written, then as it was compacted.
+    auto opened = open();
+    EXPECT_THAT(opened.warnings, IsEmpty());
+    EXPECT_THAT(opened.dismissed, ElementsAre("again", "going", "gone", "replaced"));
+    ASSERT_THAT(labelsOf(opened.jobs), ElementsAre("going", "again", "replaced"));
+    EXPECT_TRUE(opened.jobs[0].isBeingRemoved);
+    EXPECT_FALSE(opened.jobs[1].isBeingRemoved);
+    EXPECT_FALSE(opened.jobs[2].isBeingRemoved);
+    ASSERT_TRUE(opened.file->compact(opened.jobs, opened.dismissed));
+  }
+}
+
+TEST_F(StateFileTest, EveryEndIsReadAsItWasWritten) {
+  using Kind = ExitStatus::Kind;
+  for (const ProcessEnd end :
+       {ProcessEnd({Kind::kExited, 0}), ProcessEnd({Kind::kExited, 255}),
+        ProcessEnd({Kind::kSignalled, 1}), ProcessEnd({Kind::kSignalled, 64}),
+        ProcessEnd({Kind::kSignalled, 11}, true)}) {
+    EXPECT_EQ(processEndOf(waitStatusOf(end)), end);
+  }
+}
+
+TEST_F(StateFileTest, WhatFollowsTheLastWholeRecordIsCutOffAndTheFileSetAside) {
+  auto file = create();
+  std::vector<std::size_t> ends{file->mark()};
+  for (const char* label : {"a", "b", "c"}) {
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed(label)));
+    ends.push_back(file->mark());
+  }
+  file.reset();
+  const std::string whole = contents();
+  ASSERT_EQ(whole.size(), ends.back());
+  for (std::size_t size = ends.front(); size < whole.size(); ++size) {
+    put(whole.substr(0, size));
+    const auto opened = open();
+    std::size_t jobs = 0;
+    while (ends[jobs + 1] <= size) ++jobs;
+    EXPECT_EQ(opened.jobs.size(), jobs) << size;
+    const bool isTorn = size != ends[jobs];
+    ASSERT_EQ(opened.warnings.size(), isTorn ? 1 : 0) << size;
+    if (!isTorn) continue;
+    EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
+    // It keeps its name until a new one replaces it: a host that is killed now must find it again.
+    EXPECT_EQ(contents(), whole.substr(0, size));
+    ASSERT_TRUE(opened.file->compact(opened.jobs));
+    struct stat status{};
+    ASSERT_EQ(::stat((path_ + ".set-aside").c_str(), &status), 0);
+    EXPECT_EQ(static_cast<std::size_t>(status.st_size), size);
+  }
+}
+
+TEST_F(StateFileTest, AFileThatEndsInsideItsHeaderIsNotTrusted) {
+  create().reset();
+  const std::string header = contents();
+  for (std::size_t size = 0; size < header.size(); ++size) {
+    put(header.substr(0, size));
+    expectSetAside(size == 0 ? "empty" : size < 13 ? "no state file" : "not from this boot");
+  }
+}
+
+TEST_F(StateFileTest, AChangedByteIsNeverBelieved) {
+  auto file = create();
+  for (const char* label : {"a", "b"}) {
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed(label)));
+  }
+  file.reset();
+  const std::string whole = contents();
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    std::string changed = whole;
+    changed[i] = static_cast<char>(changed[i] ^ 0x40);
+    put(changed);
+    const auto opened = open();
+    EXPECT_EQ(opened.warnings.size(), 1) << i;
+    // A size that points behind the end looks like a torn record, and what is before it stands.
+    for (const StoredJob& job : opened.jobs) EXPECT_EQ(job.dictionary, jobNamed(job.label));
+    EXPECT_LT(opened.jobs.size(), 2) << i;
+  }
+}
+
+TEST_F(StateFileTest, AFileOfAnotherBootIsSetAside) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  expectSetAside("not from this boot", "21111111-2222-3333-4444-555555555555");
+}
+
+TEST_F(StateFileTest, AFileThatIsNoneIsSetAside) {
+  put(std::string(4096, 'x'));
+  expectSetAside("no state file");
+}
+
+TEST_F(StateFileTest, AFileThatOthersCouldHaveWrittenIsSetAside) {
+  create().reset();
+  for (const mode_t mode : {0602, 0620, 0644, 0700}) {
+    ASSERT_EQ(::chmod(path_.c_str(), mode), 0);
+    expectSetAside("mode");
+  }
+}
+
+TEST_F(StateFileTest, SomebodyElsesFileIsSetAside) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  create().reset();
+  ASSERT_EQ(::chown(path_.c_str(), 1, 1), 0);
+  expectSetAside("belongs to uid 1");
+}
+
+TEST_F(StateFileTest, ASymbolicLinkIsSetAsideAndWhatItPointsToLeftAlone) {
+  create().reset();
+  const std::string target = folder_.path("target");
+  ASSERT_EQ(::rename(path_.c_str(), target.c_str()), 0);
+  ASSERT_EQ(::symlink(target.c_str(), path_.c_str()), 0);
+  expectSetAside("symbolic link");
+  struct stat status{};
+  EXPECT_EQ(::lstat(target.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISREG(status.st_mode));
+}
+
+TEST_F(StateFileTest, APipeIsNotWaitedForAndSetAside) {
+  ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+  expectSetAside("not a regular file");
+}
+
+TEST_F(StateFileTest, AFolderIsSetAside) {
+  ASSERT_EQ(::mkdir(path_.c_str(), 0700), 0);
+  expectSetAside("not a regular file");
+}
+
+TEST_F(StateFileTest, AFileLargerThanAllowedIsSetAsideUnread) {
+  constexpr auto kMost = static_cast<off_t>(StateFile::kMaximumBytes);
+  for (const auto& [size, reason] : {std::pair{kMost - 1, "no state file"},
+                                     {kMost, "no state file"},
+                                     {kMost + 1, "is larger than"}}) {
+    put("");
+    ASSERT_EQ(::truncate(path_.c_str(), size), 0);
+    expectSetAside(reason);
+  }
+}
+
+// The lock is the last descriptor that there is.
+TEST_F(StateFileTest, AFileThatCannotBeOpenedNowStaysAndNothingIsForgotten) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  // Nothing else in there: the sanitizers need descriptors for some of their checks.
+  const auto refused = [&] {
+    const platform::DescriptorShortage shortage(platform::DescriptorShortage::Left::kOne);
+    return StateFile::open(folder_.path(), kBoot, loop_);
+  }();
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+  EXPECT_THAT(refused.error().context, HasSubstr(path_));
+  EXPECT_EQ(contents(), before);
+  const auto opened = open();
+  EXPECT_THAT(opened.warnings, IsEmpty());
+  EXPECT_THAT(labelsOf(opened.jobs), ElementsAre("a"));
+}
+
+TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
+  auto file = create();
+  const Value large =
+      Dictionary{{"Label", "a"}, {"Fill", platform::Data(std::size_t{1} << 20, 'x')}};
+  platform::Result<std::size_t> result;
+  std::size_t before = 0;
+  while (result) {
+    before = file->mark();
+    result = file->appendSubmitted(JobOrigin::kSubmitted, large);
+  }
+  EXPECT_EQ(result.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(file->mark(), before);
+  EXPECT_GT(before, StateFile::kMaximumBytes - (std::size_t{2} << 20));
+  // To the last byte, and not one more.
+  const std::size_t left = StateFile::kMaximumBytes - before;
+  const std::string exact(left - sizeof(RecordHeader), 'x');
+  EXPECT_FALSE(file->appendRemoving(exact + "x"));
+  EXPECT_TRUE(file->appendRemoving(exact));
+  EXPECT_EQ(file->mark(), StateFile::kMaximumBytes);
+  EXPECT_FALSE(file->appendRemoving(""));
+}
+
+TEST_F(StateFileTest, AStartForWhichThereIsNoRoomIsRefusedBeforeThereIsAProcess) {
+  auto file = create();
+  const std::size_t needed = file->makeStartRecord("a", {})->size();
+  for (const std::size_t left : {needed + 1, needed, needed - 1}) {
+    ASSERT_TRUE(file->compact({}));
+    const std::size_t fill = StateFile::kMaximumBytes - file->mark() - left;
+    ASSERT_TRUE(file->appendRemoving(std::string(fill - sizeof(RecordHeader), 'x')));
+    const auto record = file->makeStartRecord("a", {});
+    ASSERT_EQ(record.has_value(), left >= needed) << left;
+    if (!record) {
+      EXPECT_EQ(record.error().code, ErrorCode::kExhausted);
+    }
+  }
+}
+
+TEST_F(StateFileTest, AJobThatCostsMoreThanIsLeftIsRefused) {
+  auto file = create();
+  const std::size_t before = file->mark();
+  const auto bytes = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(*bytes, file->mark() - before);
+  const std::size_t cost = StateFile::costOf("a", *bytes);
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost + 1));
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost));
+  const std::size_t mark = file->mark();
+  const auto refused = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost - 1);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(file->mark(), mark);
+}
+
+TEST_F(StateFileTest, ACostIsWhatACompactedFileHoldsAtMost) {
+  auto file = create();
+  const std::size_t empty = file->mark();
+  StoredJob job;
+  job.label = "com.example.a";
+  job.dictionary = jobNamed(job.label);
+  ASSERT_TRUE(file->compact({&job, 1}));
+  const std::size_t submission = file->mark() - empty;
+  job.lastStart = StartFields{1, 0, 2, 3, 4};
+  job.lastEnd = Ending();
+  job.isBeingRemoved = true;
+  ASSERT_TRUE(file->compact({&job, 1}));
+  EXPECT_EQ(file->mark() - empty, StateFile::costOf(job.label, submission));
+}
+
+TEST_F(StateFileTest, ARecordThatFindsNoRoomLeavesTheFileAsItWas) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  for (const std::size_t room : {0, 1, 20}) {
+    const platform::FullDisk disk(before.size() + room);
+    EXPECT_FALSE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    EXPECT_EQ(contents(), before);
+  }
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  file.reset();
+  EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
+}
+
+TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  StoredJob job;
+  job.label = "b";
+  job.dictionary = jobNamed("b");
+  {
+    const platform::FullDisk disk(10);
+    EXPECT_FALSE(file->compact({&job, 1}));
+  }
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  file.reset();
+  EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
+}
+
+TEST_F(StateFileTest, WithoutAFileEachRecordIsRefusedWithTheReason) {
+  for (const char* const content : {"", "no state file"}) {
+    put(content);
+    auto opened = open();
+    StateFile& file = *opened.file;
+    EXPECT_EQ(opened.warnings.size(), 1);
+    EXPECT_FALSE(file.isWritable());
+    {
+      const platform::FullDisk disk(10);
+      EXPECT_FALSE(file.compact({}));
+      EXPECT_TRUE(file.wantsCompaction());
+      const auto refused = file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+      ASSERT_FALSE(refused);
+      EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+      EXPECT_EQ(platform::describe(refused.error()),
+                "writing " + path_ + ".new: " + std::strerror(ENOSPC));
+      EXPECT_FALSE(file.makeStartRecord("a", {}));
+      EXPECT_FALSE(file.appendRemoving("a"));
+      EXPECT_EQ(::access((path_ + ".new").c_str(), F_OK), -1);
+    }
+    ASSERT_TRUE(file.compact({}));
+    EXPECT_FALSE(file.wantsCompaction());
+    EXPECT_TRUE(file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  }
+}
+
+TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string whole = contents();
+  for (const bool mendsAtOnce : {true, false}) {
+    put(whole + "torn");
+    auto opened = open();
+    ASSERT_EQ(opened.warnings.size(), 1);
+    EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
+    EXPECT_TRUE(opened.file->isWritable());
+    {
+      const platform::FullDisk disk(10);
+      EXPECT_FALSE(opened.file->compact(opened.jobs));
+      EXPECT_EQ(contents(), whole + "torn");
+      if (mendsAtOnce) {
+        ASSERT_TRUE(opened.file->mend());
+        EXPECT_EQ(contents(), whole);
+      }
+    }
+    ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    opened.file.reset();
+    // What was set aside would go on being written to.
+    EXPECT_EQ(::access((path_ + ".set-aside").c_str(), F_OK), -1);
+    const auto next = open();
+    EXPECT_THAT(next.warnings, IsEmpty());
+    EXPECT_THAT(labelsOf(next.jobs), ElementsAre("a", "b"));
+  }
+}
+
+TEST_F(StateFileTest, ATornFileThatIsReplacedLaterStaysSetAside) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string torn = contents() + "torn";
+  put(torn);
+  auto opened = open();
+  ASSERT_TRUE(opened.file->compact(opened.jobs));
+  ASSERT_TRUE(opened.file->mend());
+  ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+  std::ifstream aside(path_ + ".set-aside", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), torn);
+}
+
+TEST_F(StateFileTest, WhatAFailedStartHasWrittenIsCutOff) {
+  auto file = create();
+  const std::string before = contents();
+  const std::size_t mark = file->mark();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  start(*file, "a", 123);
+  ASSERT_TRUE(file->cutBackTo(mark));
+  EXPECT_EQ(contents(), before);
+}
+
+TEST_F(StateFileTest, AnotherHostIsWaitedForButNotForever) {
+  auto first = create();
+  const platform::Instant before = loop_.now();
+  const auto refused = StateFile::open(folder_.path(), kBoot, loop_);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
+  EXPECT_THAT(refused.error().context, HasSubstr("another job host"));
+  EXPECT_GE(loop_.now() - before, StateFile::kLockPatience);
+  EXPECT_LT(loop_.now() - before, StateFile::kLockPatience + 1s);
+
+  loop_.scheduleOutsideEvent(StateFile::kLockPatience - 100ms, [&] { first.reset(); });
+  EXPECT_TRUE(open().file);
+}
+
+TEST(StartTicks, AreTheTwentySecondFieldWhateverTheName) {
+  const std::string rest = " S 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 123456 23 24\n";
+  for (const char* name : {"1 (sh)", "1 (a b)", "1 (a) S 1 (b)", "1 (()"}) {
+    const std::string stat = name + rest;
+    EXPECT_EQ(startTicksIn(stat.data(), stat.size()), 123456) << name;
+  }
+  for (const char* text : {"", ")", "1 (sh", "1 (sh) S 2 3", "1 (sh) "}) {
+    EXPECT_EQ(startTicksIn(text, std::strlen(text)), 0) << text;
+  }
+}
+
+}  // namespace
+}  // namespace jobhost

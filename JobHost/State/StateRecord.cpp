@@ -1,0 +1,64 @@
+// Part of this runs in a process that shares the host's memory and stack of calls: no library
+// calls, and nothing that a sanitizer would instrument (see CMakeLists.txt).
+
+#include "JobHost/State/StateRecord.h"
+
+namespace jobhost {
+namespace {
+
+constexpr std::uint64_t kFnvBasis = 0xcbf29ce484222325;
+constexpr std::uint64_t kFnvPrime = 0x100000001b3;
+
+// The fields of "stat" behind the name: the third is the first of them, the start is the 22nd.
+constexpr int kFieldsBetween = 19;
+
+std::uint64_t addToCheck(std::uint64_t check, const std::uint8_t* bytes, std::size_t size) {
+  for (std::size_t i = 0; i < size; ++i) check = (check ^ bytes[i]) * kFnvPrime;
+  return check;
+}
+
+void copy(std::uint8_t* to, const void* from, std::size_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(from);
+  for (std::size_t i = 0; i < size; ++i) to[i] = bytes[i];
+}
+
+}  // namespace
+
+std::uint64_t recordCheck(const RecordHeader& header, const std::uint8_t* payload) {
+  std::uint64_t check = kFnvBasis;
+  check =
+      addToCheck(check, reinterpret_cast<const std::uint8_t*>(&header.size), sizeof header.size);
+  check =
+      addToCheck(check, reinterpret_cast<const std::uint8_t*>(&header.kind), sizeof header.kind);
+  return addToCheck(check, payload, header.size);
+}
+
+void completeStartRecord(std::uint8_t* record, std::int32_t process, std::uint64_t startTicks,
+                         std::uint64_t pidfdInode) {
+  std::uint8_t* const fields = record + sizeof(RecordHeader);
+  copy(fields + offsetof(StartFields, process), &process, sizeof process);
+  copy(fields + offsetof(StartFields, startTicks), &startTicks, sizeof startTicks);
+  copy(fields + offsetof(StartFields, pidfdInode), &pidfdInode, sizeof pidfdInode);
+  RecordHeader header;
+  copy(reinterpret_cast<std::uint8_t*>(&header), record, sizeof header);
+  header.check = recordCheck(header, fields);
+  copy(record, &header, sizeof header);
+}
+
+std::uint64_t startTicksIn(const char* stat, std::size_t size) {
+  // The name may hold parentheses and spaces, so it is the last one that ends it.
+  std::size_t place = size;
+  while (place > 0 && stat[place - 1] != ')') --place;
+  if (place == 0) return 0;
+  for (int spaces = 0; spaces <= kFieldsBetween; ++place) {
+    if (place >= size) return 0;
+    if (stat[place] == ' ') ++spaces;
+  }
+  std::uint64_t ticks = 0;
+  for (; place < size && stat[place] >= '0' && stat[place] <= '9'; ++place) {
+    ticks = 10 * ticks + static_cast<std::uint64_t>(stat[place] - '0');
+  }
+  return ticks;
+}
+
+}  // namespace jobhost
