@@ -51,7 +51,7 @@ endif()
 # By which a debugger finds what packaging/install-program sets apart.
 add_link_options(-Wl,--build-id)
 
-# mold links in a fifth of the time, which counts where a changed library is linked into fifty programs.
+# mold links in a fifth of the time, which counts where a changed library is linked into forty programs.
 find_program(MOLD mold)
 if(MOLD)
   add_link_options(-fuse-ld=mold)
