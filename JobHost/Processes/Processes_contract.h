@@ -7,9 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -77,10 +75,7 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     return fields;
   }
 
-  std::string contents() const {
-    std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string contents() const { return platform::contentOfFile(path_); }
 
   platform::ProcessId start(Kind kind, platform::Descriptor listener = -1) {
     JobDefinition job = harness_->job(kind);

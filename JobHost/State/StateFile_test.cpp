@@ -466,8 +466,7 @@ TEST_F(StateFileTest, ATornFileThatIsReplacedLaterStaysSetAside) {
   ASSERT_TRUE(opened.file->compact(opened.jobs));
   ASSERT_TRUE(opened.file->mend());
   ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
-  std::ifstream aside(path_ + ".set-aside", std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), torn);
+  EXPECT_EQ(platform::contentOfFile(path_ + ".set-aside"), torn);
 }
 
 TEST_F(StateFileTest, WhatAFailedStartHasWrittenIsCutOff) {

@@ -12,7 +12,7 @@
 
 namespace platform {
 
-// What every run loop must do, see RunLoop_contract.h.
+// The fixture of the behaviour that every run loop must have, see RunLoop_contract.h.
 class RunLoopContract : public testing::TestWithParam<std::unique_ptr<RunLoop> (*)()> {
  protected:
   using Repeat = RunLoop::Repeat;

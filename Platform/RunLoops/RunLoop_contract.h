@@ -1,6 +1,6 @@
 #pragma once
 
-// What every run loop must do. A test program instantiates it:
+// The behaviour that every run loop must have. A test program instantiates it:
 //   INSTANTIATE_TEST_SUITE_P(Virtual, RunLoopContract, testing::Values(&makeVirtualLoop));
 
 #include "Platform/RunLoops/RunLoopRunning_contract.h"

@@ -1,6 +1,4 @@
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -28,11 +26,6 @@ class KilledCopyTest : public testing::Test {
     return true;
   }
 
-  static std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
-
   TemporaryFolder folder_;
 };
 
@@ -51,7 +44,7 @@ TEST_F(KilledCopyTest, TheDestinationHoldsTheOldOrTheNewContentWhateverTheMoment
       SCOPED_TRACE(std::string(call) + " " + std::to_string(number));
       const std::string destination = folder_.write("folder/destination", stale);
       ended = copyKilledAt(call, number, source, destination);
-      const std::string content = contentOf(destination);
+      const std::string content = contentOfFile(destination);
       ASSERT_TRUE(content == stale || content == fresh);
       ++(content == stale ? keptOld : gotNew);
       if (content == stale) continue;

@@ -3,9 +3,7 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
 #include <vector>
 
@@ -23,6 +21,7 @@
 #include "Platform/Linux/KernelExtensions/ControlFolder.h"
 #include "Platform/Linux/KernelExtensions/ControlMessages.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonExtensions_fixture.h"
 
@@ -30,11 +29,6 @@ namespace platform {
 namespace {
 
 constexpr uid_t kNobody = 65534;
-
-std::string contentOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 // The regular files, without those that come while they are looked for.
 std::vector<std::filesystem::path> filesBelow(const std::string& folder) {
@@ -142,7 +136,7 @@ TEST_F(DaemonExtensionSecret, IsInNoFileNoLogAndNoArgumentList) {
   EXPECT_FALSE(facts().isNil());
   const std::vector<std::string> encodings = encodingsOf(bytes);
   const auto expectAbsent = [&](const std::filesystem::path& path) {
-    const std::string content = contentOf(path);
+    const std::string content = contentOfFile(path);
     for (const std::string& encoded : encodings) {
       EXPECT_EQ(content.find(encoded), content.npos) << path;
     }
@@ -157,7 +151,7 @@ TEST_F(DaemonExtensionSecret, IsInNoFileNoLogAndNoArgumentList) {
   for (const ProcessId process : processes) {
     ASSERT_GT(process, 0);
     const std::string folder = "/proc/" + std::to_string(process);
-    EXPECT_NE(contentOf(folder + "/cmdline"), "");
+    EXPECT_NE(contentOfFile(folder + "/cmdline"), "");
     expectAbsent(folder + "/cmdline");
     expectAbsent(folder + "/environ");
   }

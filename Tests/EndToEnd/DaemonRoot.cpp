@@ -6,8 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
 #include <fcntl.h>
@@ -21,6 +19,7 @@
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
 namespace {
@@ -43,11 +42,6 @@ SigningOptions signing(const char* identifier) {
 void sign(const std::string& program) {
   const auto done = signProgram(program, CodeSigningBed::signer(), signing("com.vantor.test"));
   EXPECT_TRUE(done) << describe(done.error());
-}
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 std::string busAddress(const std::string& root) {
@@ -81,7 +75,7 @@ DaemonRoot::DaemonRoot()
                      busAddress(path()) + "</string></dict></plist>");
   folder().write("etc/vantor/anchors/authority.pem",
                  pemOfCertificate(CodeSigningBed::authority().chain.front().get()).value());
-  folder().write("bus.conf", contentOf(NOTIFICATION_BUS_CONFIGURATION));
+  folder().write("bus.conf", contentOfFile(NOTIFICATION_BUS_CONFIGURATION));
   if (::geteuid() != 0) {
     folder().write("notification-bus.d/owner.conf",
                    "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
@@ -142,7 +136,7 @@ DaemonRoot::~DaemonRoot() {
     const std::string line = log_.substr(at, log_.find('\n', at) - at);
     EXPECT_FALSE(line.find("(signal ") != line.npos && !line.ends_with("(signal 9)")) << line;
   }
-  EXPECT_EQ(contentOf(folder().path("daemon.errors")), "");
+  EXPECT_EQ(contentOfFile(folder().path("daemon.errors")), "");
   if (testing::Test::HasFailure()) std::fputs(logTail().c_str(), stderr);
 }
 
@@ -262,7 +256,7 @@ std::vector<std::pair<std::string, ProcessId>> DaemonRoot::processes() const {
     if (error || program.parent_path() != folder().path("opt")) continue;
     std::string first;
     do {  // Its arguments come a moment after its program.
-      first = contentOf(entry.path() / "cmdline");
+      first = contentOfFile(entry.path() / "cmdline");
     } while (first.empty() && std::filesystem::exists(entry.path() / "fd/0", error));
     first.resize(std::min(first.size(), first.find('\0')));
     found.emplace_back(std::move(first), std::stoi(name));

@@ -7,7 +7,8 @@ namespace platform {
 constexpr ExitStatus exited(int number) { return {ExitStatus::Kind::kExited, number}; }
 
 inline constexpr ExitStatus kSuccess = exited(0);
-// What the operator's command ends with.
+// Exit statuses of the operator's command, as its users know them: numbers of its own would not
+// show that one has changed.
 inline constexpr int kFailed = 1;
 inline constexpr int kNotUnderstood = 2;
 

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 
@@ -18,6 +16,7 @@
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
 #include "Platform/PropertyLists/PropertyList.h"
 #include "Platform/Testing/Machine/FileSizeLimit.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
 namespace {
@@ -50,8 +49,7 @@ class BundleSignatureTest : public testing::Test {
 std::map<std::string, std::string> filesIn(const std::string& folder) {
   std::map<std::string, std::string> files;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    std::ifstream file(entry.path(), std::ios::binary);
-    files[entry.path().filename()] = std::string(std::istreambuf_iterator<char>(file), {});
+    files[entry.path().filename()] = contentOfFile(entry.path());
   }
   return files;
 }

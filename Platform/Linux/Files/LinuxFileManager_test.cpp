@@ -185,11 +185,7 @@ TEST_F(LinuxFileManagerTest, AFileThatDoesNotTellItsSizeIsCopiedWhole) {
   const std::string destination = folder_.write("copy", "old");
   const auto copied = manager_.overwriteWithCopy("/proc/version", destination);
   ASSERT_TRUE(copied) << copied.error().localizedDescription;
-  const auto textOf = [](const std::string& path) {
-    std::ifstream file(path);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  };
-  EXPECT_EQ(textOf(destination), textOf("/proc/version"));
+  EXPECT_EQ(contentOfFile(destination), contentOfFile("/proc/version"));
 }
 
 TEST_F(LinuxFileManagerTest, ALinkIsFollowedAsTheSourceAndReplacedAsTheDestination) {

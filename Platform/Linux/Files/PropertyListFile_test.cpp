@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
 namespace {
@@ -28,10 +29,7 @@ class PropertyListFileTest : public testing::Test {
   void put(const std::string& name, std::string_view content) const {
     std::ofstream(path(name), std::ios::binary) << content;
   }
-  std::string get(const std::string& name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-  }
+  std::string get(const std::string& name) const { return contentOfFile(path(name)); }
   std::ptrdiff_t files() const {
     return std::distance(fs::directory_iterator(folder_), fs::directory_iterator());
   }

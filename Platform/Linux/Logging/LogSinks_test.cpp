@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "Platform/Linux/Logging/SyslogLogSink.h"
 #include "Platform/Logging/LogSink_contract.h"
 #include "Platform/Testing/Logging/LogReceiver.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
 namespace {
@@ -74,8 +73,7 @@ class FileHarness final : public LogSinkHarness {
   LogSink& sink() override { return sink_; }
 
   std::vector<ReceivedMessage> take() override {
-    std::ifstream file(path_, std::ios::binary);
-    const std::string contents{std::istreambuf_iterator<char>(file), {}};
+    const std::string contents = contentOfFile(path_);
     std::vector<ReceivedMessage> received;
     for (std::size_t end; (end = contents.find('\n', taken_)) != contents.npos; taken_ = end + 1) {
       const auto line = parseLogFileLine(std::string_view(contents).substr(taken_, end - taken_));
