@@ -29,7 +29,7 @@ if(EXISTS /var/lib/dpkg/status)  # Another version of a package may bring other 
 endif()
 
 # To optimise a test takes longer than to run it (what it tests is optimised), and two of UBSan's checks
-# double a test's code: a null pointer that a test itself follows is reported all the same.
+# are a third of compiling it: a null pointer that a test itself follows is reported all the same.
 set(test_options -O0)
 if(VANTOR_SANITIZE MATCHES "undefined")
   list(APPEND test_options -fno-sanitize=null,alignment)
@@ -56,12 +56,18 @@ function(_publish_headers target source_folder)
   set(${target}_INCLUDE "${published}" PARENT_SCOPE)
 endfunction()
 
-# _add_library(TARGET FOLDER SOURCES files... LINK targets... PRIVATE targets...)
-function(_add_library target folder)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK;PRIVATE" ${ARGN})
+# folder_part(TARGET FOLDER [LINK targets...] [PRIVATE targets...])
+#
+# A static library of every .cpp in FOLDER but main.cpp and the tests. LINK is visible to users of the
+# library, PRIVATE to its own sources.
+function(folder_part target folder)
+  cmake_parse_arguments(ARG "" "" "LINK;PRIVATE" ${ARGN})
+  get_filename_component(folder "${folder}" ABSOLUTE)
+  file(GLOB sources CONFIGURE_DEPENDS "${folder}/*.cpp")
+  list(FILTER sources EXCLUDE REGEX "(_test|/main)\\.cpp$")
   _publish_headers(${target} "${folder}")
-  if(ARG_SOURCES)
-    add_library(${target} STATIC ${ARG_SOURCES})
+  if(sources)
+    add_library(${target} STATIC ${sources})
     target_include_directories(${target} PUBLIC "${${target}_INCLUDE}")
     target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
     target_precompile_headers(${target} REUSE_FROM pch)
@@ -74,32 +80,15 @@ endfunction()
 
 # folder_library(TARGET [LINK targets...] [PRIVATE targets...] [TEST targets...])
 #
-# A static library of every .cpp in this folder but main.cpp, and a test program TARGET_tests of
-# every *_test.cpp, if any. LINK is visible to users of the library, PRIVATE to its own sources, TEST
-# to its tests.
+# The same of this folder, and a test program TARGET_tests of every *_test.cpp in it, if any, which sees
+# TEST besides.
 function(folder_library target)
   cmake_parse_arguments(ARG "" "" "LINK;PRIVATE;TEST" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
-  set(tests ${sources})
-  list(FILTER tests INCLUDE REGEX "_test\\.cpp$")
-  list(FILTER sources EXCLUDE REGEX "(_test|/main)\\.cpp$")
-  _add_library(${target} "${CMAKE_CURRENT_SOURCE_DIR}" SOURCES ${sources}
-               LINK ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
+  folder_part(${target} . LINK ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
+  file(GLOB tests CONFIGURE_DEPENDS *_test.cpp)
   if(tests)
     folder_tests(${target}_tests SOURCES ${tests} LINK ${target} ${ARG_TEST})
   endif()
-endfunction()
-
-# folder_part(TARGET FOLDER [LINK targets...] [PRIVATE targets...])
-#
-# A static library of every .cpp in FOLDER but main.cpp and the tests. tests_below() makes the program
-# of these.
-function(folder_part target folder)
-  cmake_parse_arguments(ARG "" "" "LINK;PRIVATE" ${ARGN})
-  get_filename_component(folder "${folder}" ABSOLUTE)
-  file(GLOB sources CONFIGURE_DEPENDS "${folder}/*.cpp")
-  list(FILTER sources EXCLUDE REGEX "(_test|/main)\\.cpp$")
-  _add_library(${target} "${folder}" SOURCES ${sources} LINK ${ARG_LINK} PRIVATE ${ARG_PRIVATE})
 endfunction()
 
 # tests_below(TARGET LINK targets...): one program of the tests of this folder and of all folders in it.
