@@ -5,7 +5,7 @@
 #include <unicode/utf8.h>
 
 #include "Fuzz/Require.h"
-#include "Shared/Categories/CodePoints.h"
+#include "Platform/Texts/Utf8.h"
 #include "Shared/Categories/NSTaskExtensions.h"
 
 namespace {
@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   using fuzz::require;
   if (size > 300) return -1;  // The work grows with the square.
   const std::string input(bytes, bytes + size);
-  require(CodePoints::areWellFormed(input) == (charactersIn(input) >= 0), "what is well-formed");
+  require(!platform::findIllFormedUtf8(input) == (charactersIn(input) >= 0), "what is well-formed");
   for (std::size_t split = 0; split <= size; ++split) {
     const platform::Data chunks[] = {{bytes, bytes + split}, {bytes + split, bytes + size}};
     for (const std::size_t limit : {std::size_t{1}, std::size_t{7}, size}) {

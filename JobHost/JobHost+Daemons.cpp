@@ -9,7 +9,7 @@
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 

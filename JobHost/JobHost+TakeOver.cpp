@@ -6,7 +6,7 @@
 
 #include "JobHost/JobErrors.h"
 #include "JobHost/JobHost.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 

@@ -9,7 +9,7 @@
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobErrors.h"
 #include "JobHost/RuntimeFolders.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 

@@ -7,7 +7,7 @@
 #include "JobHost/Definitions/JobDefinition.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

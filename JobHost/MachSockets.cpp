@@ -14,7 +14,7 @@
 
 #include "JobHost/BoundFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

@@ -17,7 +17,7 @@
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemFacts/PlatformRoot.h"
 #include "Platform/PropertyLists/PropertyList.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

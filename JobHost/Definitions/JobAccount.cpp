@@ -9,7 +9,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

@@ -4,7 +4,8 @@
 
 #include "JobHost/Definitions/JobDefinitionLimits.h"
 #include "JobHost/Definitions/JobKeys.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace jobhost {
 namespace {

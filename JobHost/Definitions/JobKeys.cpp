@@ -11,7 +11,7 @@
 
 #include "JobHost/Definitions/JobDefinitionLimits.h"
 #include "JobHost/Definitions/UnsupportedKeys.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

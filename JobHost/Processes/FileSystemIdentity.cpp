@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

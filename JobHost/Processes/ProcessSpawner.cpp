@@ -25,7 +25,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Platform/Texts/StringFormat.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {
@@ -12,16 +13,6 @@ constexpr char kDefaultFacility[] = "user";
 
 constexpr char kOwnIdent[] = "SystemLog";
 constexpr char kOwnFacility[] = "com.vantor.platform";
-
-// The first `size` bytes of the text, less what would be half a character.
-std::string_view cutAtCharacter(std::string_view text, std::size_t size) {
-  constexpr int kLongestSequence = 4;
-  std::size_t end = size;
-  for (int back = 0; back < kLongestSequence && end > 0; ++back, --end) {
-    if ((static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U) return text.substr(0, end);
-  }
-  return text.substr(0, size);  // No UTF-8 at all.
-}
 
 }  // namespace
 

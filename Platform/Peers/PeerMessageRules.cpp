@@ -1,28 +1,15 @@
 #include "Platform/Peers/PeerMessageRules.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <string>
-
-#include <unicode/utf8.h>
 
 #include "Platform/Peers/NSXPCListenerEndpoint.h"
 #include "Platform/Peers/PeerLimits.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 
 namespace {
-
-bool isUtf8(std::string_view text) {
-  const char* bytes = text.data();
-  const auto length = static_cast<std::int64_t>(text.size());
-  for (std::int64_t i = 0; i < length;) {
-    UChar32 character = 0;
-    U8_NEXT(bytes, i, length, character);
-    if (character <= 0) return false;  // Ill-formed, or NUL, which would end the text there.
-  }
-  return true;
-}
 
 std::unexpected<Error> inside(std::string where, Error error) {
   error.context.insert(0, std::move(where));
@@ -59,7 +46,8 @@ class Measure {
   }
 
   Result<void> text(std::string_view text) {
-    if (!isUtf8(text)) return invalid(": a text with NUL or that is not UTF-8");
+    if (text.contains('\0') || findIllFormedUtf8(text))
+      return invalid(": a text with NUL or that is not UTF-8");
     return add(4, 4 + text.size() + 1);
   }
 

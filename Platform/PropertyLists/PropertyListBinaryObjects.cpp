@@ -7,7 +7,7 @@
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {

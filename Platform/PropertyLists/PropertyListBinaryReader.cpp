@@ -9,7 +9,7 @@
 
 #include "Platform/PropertyLists/PropertyListBinaryObjects.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 // Objects can be shared, and a hostile file can share them so that it means far more than it holds,
 // or nothing finite at all. Therefore each object is read once, whoever refers to it, and carries

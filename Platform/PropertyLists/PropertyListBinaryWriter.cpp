@@ -11,7 +11,7 @@
 #include "Platform/PropertyLists/PropertyListBinaryObjects.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListWriter.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/Utf8.h"
 
 // Objects are numbered in the order in which they are met: a collection, then its elements, or all
 // its keys and then all its values, depth first. Equal scalars of one type are one object,

@@ -6,7 +6,8 @@
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
 #include "Platform/PropertyLists/PropertyListWriter.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {

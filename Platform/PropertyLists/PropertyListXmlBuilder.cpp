@@ -8,7 +8,7 @@
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace platform {
 namespace {

@@ -5,7 +5,8 @@
 
 #include <fmt/core.h>
 
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {

@@ -14,7 +14,7 @@
 #include "Platform/PropertyLists/PropertyListXmlBuilder.h"
 #include "Platform/PropertyLists/PropertyListXmlEncoding.h"
 #include "Platform/PropertyLists/PropertyListXmlScanner.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace platform {
 namespace {

@@ -10,7 +10,7 @@
 #include <libxml/HTMLparser.h>
 #include <libxml/tree.h>
 
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {

@@ -1,18 +1,15 @@
 #include "Platform/Texts/IntegerValue.h"
 
 #include <unicode/uchar.h>
-#include <unicode/utf8.h>
+
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 
 std::int64_t integerValue(std::string_view text) {
-  const auto size = static_cast<std::int64_t>(text.size());
-  std::int64_t at = 0;
-  UChar32 character = U_SENTINEL;
-  const auto next = [&] {
-    character = U_SENTINEL;
-    if (at < size) U8_NEXT(text.data(), at, size, character);
-  };
+  std::size_t at = 0;
+  std::int32_t character = U_SENTINEL;
+  const auto next = [&] { character = at < text.size() ? nextCharacter(text, at) : U_SENTINEL; };
   do {
     next();
   } while (character >= 0 && u_isUWhiteSpace(character));

@@ -9,7 +9,8 @@
 #include <libxml/tree.h>
 #include <libxml/xmlwriter.h>
 
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/QuotedText.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace platform {
 namespace {

@@ -9,7 +9,7 @@
 #include "Platform/Files/FileOwner.h"
 #include "Platform/Logging/LogSink.h"
 #include "Platform/Texts/StringFormat.h"
-#include "Shared/Categories/CodePoints.h"
+#include "Platform/Texts/Utf8.h"
 
 using namespace platform;
 
@@ -100,7 +100,7 @@ std::optional<std::string> query(sqlite3* database, const std::string& identifie
   if (text == nullptr) return {};
   // Of a blob, and of what somebody has written there as text, these may be any bytes.
   std::string origin(reinterpret_cast<const char*>(text));
-  if (!CodePoints::areWellFormed(origin)) return {};
+  if (platform::findIllFormedUtf8(origin)) return {};
   return origin;
 }
 

@@ -13,7 +13,7 @@
 
 #include "Platform/Files/FileOwner.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
-#include "Shared/Categories/CodePoints.h"
+#include "Platform/Texts/Utf8.h"
 
 namespace {
 
@@ -79,7 +79,7 @@ TEST_F(QuarantineDatabaseTest, AnOriginThatIsNoTextIsNone) {
           "(LSQuarantineEventIdentifier TEXT, LSQuarantineOriginURLString TEXT); INSERT INTO "
           "LSQuarantineEvent VALUES ('id', 'h' || CAST(x'00d8' AS TEXT))");
   const auto origin = this->origin();
-  EXPECT_TRUE(!origin || CodePoints::areWellFormed(*origin));
+  EXPECT_TRUE(!origin || !platform::findIllFormedUtf8(*origin));
 }
 
 // The files of a database, by the paths of this process's descriptors.

@@ -1,58 +1,34 @@
 #include "Shared/Categories/CodePoints.h"
 
 #include <algorithm>
-#include <cstring>
+
+#include "Platform/Texts/Utf8.h"
 
 namespace CodePoints {
 namespace {
-
-// How many bytes from `at` on are certainly ASCII, found several at a time: most text is.
-std::size_t asciiRun(std::string_view text, std::size_t at) {
-  constexpr std::size_t kBlock = 64;
-  const std::size_t start = at;
-  for (; text.size() - at >= kBlock; at += kBlock) {
-    std::uint64_t words[kBlock / sizeof(std::uint64_t)];
-    std::memcpy(words, text.data() + at, kBlock);
-    std::uint64_t bits = 0;
-    for (const std::uint64_t word : words) bits |= word;
-    if (bits & 0x8080808080808080) break;
-  }
-  return at - start;
-}
 
 // Calls `each` with the sizes of pieces and of how many characters they are, until it says no.
 template <typename Each>
 void pieces(std::string_view text, Each each) {
   for (std::size_t at = 0; at < text.size();) {
-    if (const std::size_t run = asciiRun(text, at); run != 0) {
-      if (!each(run, run, false)) return;
-      at += run;
-      continue;
-    }
-    // Up to the next look for ASCII.
+    const std::size_t ascii = platform::endOfAscii(text, at) - at;
+    if (ascii != 0 && !each(ascii, ascii)) return;
+    at += ascii;
+    // Look for ASCII again only then: in other scripts it comes as single characters.
     const std::size_t end = std::min(text.size(), at + 64);
     while (at < end) {
       const std::size_t start = at;
-      const bool illFormed = next(text, at) < 0;
-      if (!each(at - start, std::size_t{1}, illFormed)) return;
+      next(text, at);
+      if (!each(at - start, std::size_t{1})) return;
     }
   }
 }
 
 }  // namespace
 
-bool areWellFormed(std::string_view text) {
-  bool wellFormed = true;
-  pieces(text, [&](std::size_t, std::size_t, bool illFormed) {
-    wellFormed = !illFormed;
-    return wellFormed;
-  });
-  return wellFormed;
-}
-
 std::size_t count(std::string_view text) {
   std::size_t characters = 0;
-  pieces(text, [&](std::size_t, std::size_t number, bool) {
+  pieces(text, [&](std::size_t, std::size_t number) {
     characters += number;
     return true;
   });
@@ -62,7 +38,7 @@ std::size_t count(std::string_view text) {
 std::size_t offsetOf(std::size_t index, std::string_view text) {
   std::size_t left = index;
   std::size_t offset = 0;
-  pieces(text, [&](std::size_t bytes, std::size_t number, bool) {
+  pieces(text, [&](std::size_t bytes, std::size_t number) {
     if (number > left) {
       offset += left;  // Inside a run of ASCII, or before a single character.
       return false;

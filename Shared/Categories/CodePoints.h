@@ -4,14 +4,11 @@
 #include <cstdint>
 #include <string_view>
 
-#include <unicode/utf8.h>
+#include "Platform/Texts/Utf8.h"
 
 // UTF-8 as characters. A character is a Unicode code point; in ill-formed text each byte that
 // belongs to none counts as one. Pure; any thread; time is linear in the text.
 namespace CodePoints {
-
-// Whether the text is well-formed UTF-8 throughout.
-bool areWellFormed(std::string_view text);
 
 // How many there are.
 std::size_t count(std::string_view text);
@@ -22,13 +19,10 @@ std::size_t offsetOf(std::size_t index, std::string_view text);
 
 // The character at the byte `at`, which then moves behind it; negative, and one byte, where the
 // text is ill-formed. `at` is less than the text's size.
-inline UChar32 next(std::string_view text, std::size_t& at) {
+inline std::int32_t next(std::string_view text, std::size_t& at) {
   const std::size_t start = at;
-  const auto size = static_cast<std::int64_t>(text.size());
-  auto position = static_cast<std::int64_t>(at);
-  UChar32 character = U_SENTINEL;
-  U8_NEXT(text.data(), position, size, character);
-  at = character < 0 ? start + 1 : static_cast<std::size_t>(position);
+  const std::int32_t character = platform::nextCharacter(text, at);
+  if (character < 0) at = start + 1;
   return character;
 }
 

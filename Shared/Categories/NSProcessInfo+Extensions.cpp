@@ -1,9 +1,8 @@
 #include <limits>
 #include <utility>
 
-#include <unicode/utf8.h>
-
 #include "Platform/Texts/StringFormat.h"
+#include "Platform/Texts/Utf8.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
@@ -22,12 +21,7 @@ constexpr auto kNoUser = std::numeric_limits<UserId>::max();
 
 // Bytes that are no UTF-8 make no string.
 std::optional<std::string> stringWithUtf8(std::string bytes) {
-  const auto size = static_cast<std::int64_t>(bytes.size());
-  for (std::int64_t at = 0; at < size;) {
-    UChar32 codePoint = U_SENTINEL;
-    U8_NEXT(bytes.data(), at, size, codePoint);
-    if (codePoint < 0) return std::nullopt;
-  }
+  if (platform::findIllFormedUtf8(bytes)) return std::nullopt;
   return bytes;
 }
 

@@ -8,6 +8,7 @@
 #include "Platform/Logging/LogSink.h"
 #include "Platform/SystemFacts/CurrentUser.h"
 #include "Platform/Texts/StringFormat.h"
+#include "Platform/Texts/Utf8.h"
 #include "Shared/Categories/CodePoints.h"
 #include "Shared/Categories/NSArrayExtensions.h"
 #include "Shared/Categories/NSStringExtensions.h"
@@ -174,7 +175,7 @@ void appendData(const Data* data, std::string* toMutableString,
                 std::size_t andKeepLastNumberOfCharacters) {
   if (!data || !toMutableString || andKeepLastNumberOfCharacters == 0) return;
   const std::string_view chunk(reinterpret_cast<const char*>(data->data()), data->size());
-  if (!CodePoints::areWellFormed(chunk)) return;
+  if (platform::findIllFormedUtf8(chunk)) return;
   toMutableString->append(chunk);
   const std::size_t characters = CodePoints::count(*toMutableString);
   if (characters <= andKeepLastNumberOfCharacters) return;

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/Utf8.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 

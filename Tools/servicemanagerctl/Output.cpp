@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Texts/PropertyListText.h"
+#include "Platform/Texts/Utf8.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 
 namespace {

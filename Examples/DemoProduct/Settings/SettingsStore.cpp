@@ -5,6 +5,7 @@
 
 #include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Texts/Utf8.h"
 
 using platform::Array;
 using platform::Data;
@@ -67,10 +68,7 @@ std::size_t travellingBytes(const Layer& layer) {
 
 std::string quotedKey(std::string_view key) {
   if (key.size() <= SettingsLimits::kKeyBytes) return "\"" + std::string(key) + "\"";
-  std::size_t end = SettingsLimits::kKeyBytes;
-  // Not in the middle of a character.
-  while (end > 0 && (static_cast<unsigned char>(key[end]) & 0xC0) == 0x80) --end;
-  return "\"" + std::string(key.substr(0, end)) + "...\"";
+  return "\"" + std::string(platform::cutAtCharacter(key, SettingsLimits::kKeyBytes)) + "...\"";
 }
 
 const SettingsStore::Setting* SettingsStore::find(const Domain& domain, std::string_view key) {

@@ -11,10 +11,21 @@
 
 namespace platform {
 
-// Texts of property lists: encodings, positions, and what an error may quote.
+// UTF-8 as characters, and UTF-16 into it and out of it.
 
 // The offset of the first byte that no well-formed UTF-8 can have there; nothing if there is none.
 std::optional<std::size_t> findIllFormedUtf8(std::string_view text);
+
+// The character at `offset`, which is moved behind it; negative for an ill-formed sequence, of
+// which the longest part that could begin a character is skipped. `offset` is less than the text's
+// size.
+std::int32_t nextCharacter(std::string_view text, std::size_t& offset);
+
+// Where the run of ASCII that begins at `offset` ends.
+std::size_t endOfAscii(std::string_view text, std::size_t offset);
+
+// The first `size` bytes of a longer text, less what would be part of a character.
+std::string_view cutAtCharacter(std::string_view text, std::size_t size);
 
 // The offset of the first character that XML 1.0 excludes (U+0000 to U+001F but tab, line feed and
 // carriage return, U+FFFE, U+FFFF) in well-formed `text`.
@@ -29,23 +40,5 @@ Result<std::string, std::size_t> utf8FromUtf16(std::span<const std::uint8_t> byt
 
 // Well-formed UTF-8 as UTF-16 units.
 std::u16string utf16FromUtf8(std::string_view text);
-
-// Where a person finds an offset: both from 1, columns in characters.
-struct TextPosition {
-  std::size_t line = 1;
-  std::size_t column = 1;
-};
-TextPosition positionInText(std::string_view text, std::size_t offset);
-
-// "NAME:LINE:COLUMN: WHAT", of kind kInvalid.
-Error errorInText(std::string_view text, std::size_t offset, std::string_view sourceName,
-                  std::string_view what);
-
-// The text between quotes, on one line and short enough for a log: control characters and
-// ill-formed bytes as \xNN, and "..." for what is left out of a long one.
-std::string quotedInMessage(std::string_view text);
-
-// The same without the quotes.
-std::string shownInMessage(std::string_view text);
 
 }  // namespace platform
