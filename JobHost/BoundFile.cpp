@@ -15,10 +15,10 @@
 namespace jobhost {
 namespace {
 
-// How the kernel has a device's number: the minor one in the lower bits.
+// The kernel keeps a device's minor number in the lower bits.
 constexpr int kMinorBits = 20;
 
-struct Question {
+struct DiagnosisMessage {
   nlmsghdr header{};
   unix_diag_req request{};
 };
@@ -30,16 +30,16 @@ std::optional<BoundFile> boundFileOf(platform::Descriptor socket) {
   if (::fstat(socket, &status) != 0) return std::nullopt;
   const platform::UniqueFd kernel(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
   if (!kernel) return std::nullopt;
-  Question question;
-  question.header.nlmsg_len = sizeof question;
-  question.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-  question.header.nlmsg_flags = NLM_F_REQUEST;
-  question.request.sdiag_family = AF_UNIX;
-  question.request.udiag_ino = static_cast<std::uint32_t>(status.st_ino);
-  question.request.udiag_show = UDIAG_SHOW_VFS;
-  // The socket is held here, so that its number means no other.
-  question.request.udiag_cookie[0] = question.request.udiag_cookie[1] = ~std::uint32_t{0};
-  if (::send(kernel.get(), &question, sizeof question, 0) != sizeof question) return std::nullopt;
+  DiagnosisMessage message;
+  message.header.nlmsg_len = sizeof message;
+  message.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  message.header.nlmsg_flags = NLM_F_REQUEST;
+  message.request.sdiag_family = AF_UNIX;
+  message.request.udiag_ino = static_cast<std::uint32_t>(status.st_ino);
+  message.request.udiag_show = UDIAG_SHOW_VFS;
+  // The socket is open here, so its number can't mean another one. No cookie is needed.
+  message.request.udiag_cookie[0] = message.request.udiag_cookie[1] = ~std::uint32_t{0};
+  if (::send(kernel.get(), &message, sizeof message, 0) != sizeof message) return std::nullopt;
   // The kernel has answered before send() returns.
   alignas(nlmsghdr) char bytes[4096];
   const ssize_t count = ::recv(kernel.get(), bytes, sizeof bytes, MSG_DONTWAIT);

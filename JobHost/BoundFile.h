@@ -9,14 +9,14 @@
 
 namespace jobhost {
 
-// The file in the file system that a Unix socket is bound to, whatever its name is by now.
+// The file that a Unix socket is bound to, also when the file has been renamed.
 struct BoundFile {
-  std::uint32_t inode = 0;  // the lower half of its number
+  std::uint32_t inode = 0;  // the lower 32 bits
   dev_t device = 0;
 };
 
-// Nothing where the socket is bound to none, and where the kernel can't tell: it was built without
-// the diagnosis of Unix sockets, or keeps this process from asking.
+// Empty if the socket is not bound to a file, and if the kernel can't tell: it was built without
+// unix_diag, or does not let this process ask.
 std::optional<BoundFile> boundFileOf(platform::Descriptor socket);
 
 }  // namespace jobhost

@@ -15,19 +15,19 @@
 
 namespace jobhost {
 
-// A job that is being removed, and who waits for that.
+// A job that is being removed, and the requests that wait for it.
 struct Removal {
   std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
-  // Requests for the same label that came meanwhile, in their order.
+  // Requests for the same label that came during the removal, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
-  std::optional<platform::Instant> killAt;  // none for never
+  std::optional<platform::Instant> killAt;  // empty for never
   std::unique_ptr<platform::RunLoopHandle> killTimer;
-  // The leader of the group ended under an earlier host, but not all of the group did.
-  bool hasSurvivors = false;
+  // The group's leader ended under an earlier host, but other processes of the group still ran.
+  bool hasRemainingProcesses = false;
 };
 
-// What the host keeps of a job. The rest of its definition is read anew from the dictionary at each
-// start: of thousands of jobs most do nothing most of the time.
+// The part of a job that the host keeps in memory. The rest of the definition is parsed again from
+// the dictionary at each start, because most of thousands of jobs do nothing most of the time.
 struct Job {
   std::string label;
   platform::Value dictionary;
@@ -37,14 +37,13 @@ struct Job {
   JobOrigin origin = JobOrigin::kSubmitted;
   std::size_t cost = 0;  // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
-  // The last start whose record stands; its process is the leader of the job's group while
-  // `hasLeader`.
+  // The last start that is in the state file. Its process leads the job's group while `hasLeader`.
   StartFields lastStart;
   bool hasLeader = false;
-  // Also of a start that failed.
+  // The last start, also one that failed.
   std::optional<platform::Instant> lastTry;
   std::optional<Ending> lastEnd;
-  std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or a look at a removed group
+  std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or polls a removed group
   std::unique_ptr<Removal> removal;
 };
 

@@ -1,4 +1,4 @@
-// The jobs that the files of the daemons' folder define.
+// The jobs that the files in Library/LaunchDaemons define.
 
 #include <string>
 #include <string_view>
@@ -17,20 +17,21 @@ using platform::Result;
 
 namespace {
 
-// How often a host without a state file tries to write one, for the sake of the daemons.
-constexpr platform::Duration kStateInterval = std::chrono::seconds(10);
+// How often a host without a state file tries to write one, in order to load its daemons.
+constexpr platform::Duration kStateRetryInterval = std::chrono::seconds(10);
 
 constexpr std::string_view kSubmittedMeanwhile = "a client has submitted the job";
 
 }  // namespace
 
-void JobHost::forgetDismissals(const DaemonFolder& folder) {
-  // Behind a fault the file may still be there; but no number of those makes this grow.
-  if (!folder.faults.empty() && dismissed_.size() <= kMaximumDaemonFiles) return;
+void JobHost::forgetMissingFiles(const DaemonFolder& folder) {
+  // A file with a fault may still be there, so its label is kept. The limit bounds the labels
+  // nonetheless.
+  if (!folder.faults.empty() && removedByClient_.size() <= kMaximumDaemonFiles) return;
   Labels found;
   for (const JobDefinition& definition : folder.definitions) found.insert(definition.label);
-  // A file that has gone and comes back is a new one.
-  std::erase_if(dismissed_, [&](const std::string& label) { return !found.contains(label); });
+  // If a file was deleted, it counts as new when it comes back.
+  std::erase_if(removedByClient_, [&](const std::string& label) { return !found.contains(label); });
 }
 
 std::string JobHost::daemonFolder() const { return options_.root + "/Library/LaunchDaemons"; }
@@ -45,7 +46,7 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
   std::vector<JobDefinition> unknown;
   for (JobDefinition& definition : folder.definitions) {
     Job* const job = find(definition.label);
-    if (dismissed_.contains(definition.label)) {
+    if (removedByClient_.contains(definition.label)) {
       skip(definition, "a client has removed the job, or put another in its place");
     } else if (!job || job->removal) {
       unknown.push_back(std::move(definition));
@@ -69,7 +70,7 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
   const std::string service =
       definition.machServices.empty() ? std::string() : definition.machServices.front();
   if (service == job.machService) {
-    // Its socket may have stayed with its process, whose it is until that ends.
+    // Don't bind the socket: it may still belong to a process that was taken over.
     fillIn(job, JobOrigin::kLoaded, definition);
   } else if (auto defined = define(job, JobOrigin::kLoaded, definition); !defined) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
@@ -83,7 +84,7 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
 
 void JobHost::loadDaemons(std::vector<JobDefinition> definitions) {
   for (JobDefinition& definition : definitions) {
-    if (isAskedToEnd()) return;
+    if (isStopRequested()) return;
     Job* const job = find(definition.label);
     if (job && job->removal) {
       job->removal->afterwards.push_back(
@@ -95,17 +96,18 @@ void JobHost::loadDaemons(std::vector<JobDefinition> definitions) {
 }
 
 void JobHost::loadDaemonsWhenWritable() {
-  stateTimer_ = loop_.startTimer(kStateInterval, platform::RunLoop::Repeat::kEvery, [this] {
+  stateTimer_ = loop_.startTimer(kStateRetryInterval, platform::RunLoop::Repeat::kEvery, [this] {
     compactIfWanted();
     if (!state_->isWritable()) return;
-    const auto timer = std::move(stateTimer_);  // It lives until this has run.
-    // Anew: it may have taken days, and both the files and the clients' jobs are others by now.
+    const auto timer = std::move(stateTimer_);  // The callback is part of it.
+    // Read the folder again: the disk may have been full for days, and the files and the clients'
+    // jobs have changed.
     loadDaemons(refreshDaemons(readDaemonFolder(daemonFolder())));
   });
 }
 
 void JobHost::load(JobDefinition definition) {
-  // Who waited for the end of a job may come after a client who waited for it too.
+  // If the file waited for a removal to finish, a client may have waited too, and have come first.
   if (find(definition.label)) return skip(definition, kSubmittedMeanwhile);
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
   if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);

@@ -1,4 +1,4 @@
-// What the files of the daemons' folder come to, at a boot's first host and at its next ones.
+// The files in Library/LaunchDaemons, at the first host of a boot and at the next ones.
 
 #include <string>
 
@@ -43,7 +43,7 @@ class JobHostDaemons : public JobHostTest {
     ASSERT_TRUE(*answer);
     ASSERT_TRUE(**answer);
   }
-  // As an administrator who stops the host and starts it again.
+  // Stops the host and starts it again, as an administrator does.
   void stopAndStartHost() {
     bool isStopped = false;
     host_->shutDown([&] { isStopped = true; });
@@ -71,7 +71,7 @@ TEST_F(JobHostDaemons, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
   }
 }
 
-TEST_F(JobHostDaemons, ADaemonThatHasRunOnceIsNotRunAgainByTheNextHost) {
+TEST_F(JobHostDaemons, ADaemonThatRanOnceIsNotStartedByTheNextHost) {
   put(once(kLabel));
   startHost();
   loop_.advanceBy(1min);
@@ -84,12 +84,12 @@ TEST_F(JobHostDaemons, ADaemonThatHasRunOnceIsNotRunAgainByTheNextHost) {
   }
 }
 
-TEST_F(JobHostDaemons, ARemovedDaemonIsNotBroughtBackByTheNextHosts) {
+TEST_F(JobHostDaemons, ARemovedDaemonIsNotLoadedByTheNextHosts) {
   put(once(kLabel));
   root_.write(kFolder + "b.plist", kept("com.example.b"));
   startHost();
   removeDaemon();
-  for (int i = 0; i < 3; ++i) {  // As it was written, then as it was compacted.
+  for (int i = 0; i < 3; ++i) {  // First as appended, then as compacted.
     restartHost();
     loop_.advanceBy(1min);
     EXPECT_THAT(host_->labels(), ElementsAre("com.example.b"));
@@ -98,7 +98,7 @@ TEST_F(JobHostDaemons, ARemovedDaemonIsNotBroughtBackByTheNextHosts) {
   EXPECT_EQ(sink_.count("job \"com.example.a\": its file is not loaded"), 3);
 }
 
-TEST_F(JobHostDaemons, ARemovalThatTheNextHostFinishesIsOfTheDaemonToo) {
+TEST_F(JobHostDaemons, ADaemonsRemovalFinishedByTheNextHostIsPermanent) {
   put(kept(kLabel));
   startHost();
   processes_.obeysTermination = false;
@@ -111,7 +111,7 @@ TEST_F(JobHostDaemons, ARemovalThatTheNextHostFinishesIsOfTheDaemonToo) {
   EXPECT_EQ(starts(), 1);
 }
 
-TEST_F(JobHostDaemons, ANewBootLoadsEveryDaemonAnew) {
+TEST_F(JobHostDaemons, ANewBootLoadsEveryDaemonAgain) {
   put(once(kLabel));
   root_.write(kFolder + "b.plist", once("com.example.b"));
   startHost();
@@ -123,7 +123,7 @@ TEST_F(JobHostDaemons, ANewBootLoadsEveryDaemonAnew) {
   EXPECT_EQ(starts(), 4);
 }
 
-TEST_F(JobHostDaemons, AHostThatWasStoppedLoadsEveryDaemonAnew) {
+TEST_F(JobHostDaemons, AHostThatWasStoppedLoadsEveryDaemonAgain) {
   put(once(kLabel));
   root_.write(kFolder + "b.plist", once("com.example.b"));
   startHost();
@@ -133,7 +133,7 @@ TEST_F(JobHostDaemons, AHostThatWasStoppedLoadsEveryDaemonAnew) {
   EXPECT_EQ(starts(), 4);
 }
 
-TEST_F(JobHostDaemons, AHostKilledWhileStoppingLoadsItsDaemonsAnew) {
+TEST_F(JobHostDaemons, AHostKilledWhileStoppingLoadsItsDaemonsAgain) {
   put(once(kLabel));
   startHost();
   processes_.obeysTermination = false;
@@ -171,7 +171,7 @@ TEST_F(JobHostDaemons, AChangedFileWithAnUnknownUserLeavesTheDefinitionAsItWas) 
   EXPECT_EQ(sink_.count("no-such-user"), 1);
 }
 
-TEST_F(JobHostDaemons, AProcessThatEndedWithoutAHostIsJudgedByTheChangedFile) {
+TEST_F(JobHostDaemons, AnEndWithoutAHostIsJudgedByTheChangedFile) {
   put(once(kLabel));
   startHost();
   loop_.advanceBy(1min);
@@ -182,7 +182,7 @@ TEST_F(JobHostDaemons, AProcessThatEndedWithoutAHostIsJudgedByTheChangedFile) {
   EXPECT_EQ(pid(kLabel), Value(102));
 }
 
-TEST_F(JobHostDaemons, AFileThatCameSinceIsLoaded) {
+TEST_F(JobHostDaemons, AFileAddedSinceTheLastHostIsLoaded) {
   startHost();
   killHost();
   put(once(kLabel));
@@ -190,7 +190,7 @@ TEST_F(JobHostDaemons, AFileThatCameSinceIsLoaded) {
   EXPECT_EQ(pid(kLabel), Value(101));
 }
 
-TEST_F(JobHostDaemons, AFileThatHasGoneTakesNoJobWithIt) {
+TEST_F(JobHostDaemons, ADeletedFileRemovesNoJob) {
   put(kept(kLabel));
   startHost();
   killHost();
@@ -199,7 +199,7 @@ TEST_F(JobHostDaemons, AFileThatHasGoneTakesNoJobWithIt) {
   EXPECT_EQ(pid(kLabel), Value(101));
 }
 
-TEST_F(JobHostDaemons, AFileThatWentAndCameBackIsANewOne) {
+TEST_F(JobHostDaemons, AFileThatIsDeletedAndComesBackIsNew) {
   put(once(kLabel));
   startHost();
   removeDaemon();
@@ -212,7 +212,7 @@ TEST_F(JobHostDaemons, AFileThatWentAndCameBackIsANewOne) {
   EXPECT_EQ(pid(kLabel), Value(102));
 }
 
-TEST_F(JobHostDaemons, AFileThatCannotBeReadForAWhileIsNotForgotten) {
+TEST_F(JobHostDaemons, ATemporarilyUnreadableFileIsNotForgotten) {
   put(once(kLabel));
   startHost();
   removeDaemon();
@@ -225,7 +225,7 @@ TEST_F(JobHostDaemons, AFileThatCannotBeReadForAWhileIsNotForgotten) {
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
-TEST_F(JobHostDaemons, AClientsJobInThePlaceOfADaemonStaysUntilItIsRemovedAndNothingFollows) {
+TEST_F(JobHostDaemons, AClientsJobReplacesADaemonForGood) {
   put(kept(kLabel));
   startHost();
   ASSERT_TRUE(submit(job(kLabel, {{"Nice", 5}})));
@@ -249,7 +249,7 @@ TEST_F(JobHostDaemons, AClientsJobOfARemovedDaemonsLabelIsKept) {
   }
 }
 
-TEST_F(JobHostDaemons, AFileOfALabelThatAClientHasSubmittedIsNotLoaded) {
+TEST_F(JobHostDaemons, AFileWithTheLabelOfAClientsJobIsNotLoaded) {
   startHost();
   ASSERT_TRUE(submit(job(kLabel, {{"Nice", 5}})));
   killHost();
@@ -259,32 +259,32 @@ TEST_F(JobHostDaemons, AFileOfALabelThatAClientHasSubmittedIsNotLoaded) {
   EXPECT_EQ(sink_.count("a client has submitted the job"), 1);
 }
 
-TEST_F(JobHostDaemons, AHostThatIsAskedToEndWhileItStartsThemStartsNoneMore) {
+TEST_F(JobHostDaemons, AStopRequestDuringTheStartStartsNoMoreDaemons) {
   for (const char* name : {"a", "b", "c"}) {
     root_.write(kFolder + name + ".plist", kept(std::string("com.example.") + name));
   }
-  isAskedToEnd_ = [this] { return starts() >= 2; };
+  isStopRequested_ = [this] { return starts() >= 2; };
   startHost();
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b"));
-  isAskedToEnd_ = nullptr;
+  isStopRequested_ = nullptr;
   stopAndStartHost();
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.c"));
   EXPECT_EQ(starts(), 5);
 }
 
-TEST_F(JobHostDaemons, AHostThatIsAskedToEndStartsNothingOfTheOneBeforeAgain) {
+TEST_F(JobHostDaemons, AStopRequestDuringTheStartRestartsNoJob) {
   put(kept(kLabel));
   startHost();
   ASSERT_TRUE(submit(job("com.example.submitted")));
   loop_.advanceBy(1min);
   killHost();
   processes_.end(101);
-  isAskedToEnd_ = [] { return true; };
+  isStopRequested_ = [] { return true; };
   startHost();
   EXPECT_EQ(pid(kLabel), Value());
-  EXPECT_EQ(pid("com.example.submitted"), Value(102));  // It runs, and is to be ended.
-  // Killed before it has ended anything, it has forgotten nothing.
-  isAskedToEnd_ = nullptr;
+  EXPECT_EQ(pid("com.example.submitted"), Value(102));  // It runs until it is stopped.
+  // If it is killed before it has ended a job, the next host still knows all jobs.
+  isStopRequested_ = nullptr;
   restartHost();
   EXPECT_EQ(pid(kLabel), Value(103));
   EXPECT_EQ(pid("com.example.submitted"), Value(102));

@@ -16,12 +16,14 @@ using platform::LaunchdError;
 
 namespace {
 
-// How often a group is looked at whose leader has gone: its last members may be anybody's children.
+// How often to poll a group whose leader has ended. Its last members may be children of any
+// process, so no exit is reported.
 constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
 
-// What a job gets that is never to be killed while the host is stopped: as long as a job that says
-// nothing. Otherwise one that does not end would keep all that are stopped after it.
-constexpr platform::Duration kStoppingPatience = std::chrono::seconds(20);
+// While the host stops, the time-out of a job whose ExitTimeOut is 0: as long as that of a job
+// without the key. Without it, one job that does not end would keep the later ones from being
+// stopped.
+constexpr platform::Duration kDefaultShutDownTimeOut = std::chrono::seconds(20);
 
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
@@ -47,7 +49,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
     return;
   }
   if (job->removal && !job->removal->afterwards.empty()) {
-    // It is meant for the job that is to come.
+    // This request is about the job that the waiting requests will submit.
     job->removal->afterwards.push_back(
         [this, label = std::string(label), completion = std::move(completion)]() mutable {
           remove(label, std::move(completion));
@@ -59,15 +61,16 @@ void JobHost::remove(std::string_view label, Completion completion) {
     return;
   }
   compactIfWanted();
-  // Before anything happens: a host that came after us would take the job for one that crashed.
+  // Record the removal first: otherwise the next host takes the job for one that crashed, and
+  // restarts it.
   const bool isLoaded = job->origin == JobOrigin::kLoaded;
   const auto written =
-      isLoaded ? state_->appendDismissed(job->label) : state_->appendRemoving(job->label);
+      isLoaded ? state_->appendRemovedByClient(job->label) : state_->appendRemoving(job->label);
   if (!written) {
     answer(std::move(completion), std::unexpected(jobError(written.error())));
     return;
   }
-  if (isLoaded) dismissed_.insert(job->label);
+  if (isLoaded) removedByClient_.insert(job->label);
   job->removal = std::make_unique<Removal>();
   job->removal->completions.push_back(std::move(completion));
   beginRemoval(*job);
@@ -76,34 +79,35 @@ void JobHost::remove(std::string_view label, Completion completion) {
 void JobHost::beginRemoval(Job& job) {
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
-  if (!job.hasLeader && !job.removal->hasSurvivors) return finishRemoval(job);
+  if (!job.hasLeader && !job.removal->hasRemainingProcesses) return finishRemoval(job);
   if (job.hasLeader) {
-    // A process that was taken over is reaped by its parent, and then its number is free for
-    // anybody's group: one that has ended is not signalled by its number unheard.
+    // If a process was taken over, its parent reaps it, and its number may then mean another group.
+    // So report its end, if it has ended, before signalling by number.
     const std::string label = job.label;
     processes_.reportIfEnded(job.lastStart.process);
-    if (!find(label)) return;  // Nothing was left of it.
+    if (!find(label)) return;  // The report finished the removal.
   }
   processes_.signalGroup(job.lastStart.process, SIGTERM);
   armKill(job);
-  // There is nobody whose end would be reported.
+  // Without a leader no exit is reported, so poll the group.
   if (!job.hasLeader && !job.timer) awaitGroup(job);
 }
 
-platform::Duration JobHost::patienceWith(const Job& job) const {
+platform::Duration JobHost::exitTimeOutOf(const Job& job) const {
   if (!isShuttingDown_) return job.exitTimeOut;
-  if (job.exitTimeOut <= platform::Duration::zero()) return kStoppingPatience;
-  return std::min(job.exitTimeOut, kLongestStoppingPatience);
+  if (job.exitTimeOut <= platform::Duration::zero()) return kDefaultShutDownTimeOut;
+  return std::min(job.exitTimeOut, kMaximumShutDownTimeOut);
 }
 
 void JobHost::armKill(Job& job) {
-  const platform::Duration patience = patienceWith(job);
-  if (patience <= platform::Duration::zero()) return;
-  job.removal->killAt = loop_.now() + patience;
+  const platform::Duration timeOut = exitTimeOutOf(job);
+  if (timeOut <= platform::Duration::zero()) return;
+  job.removal->killAt = loop_.now() + timeOut;
   job.removal->killTimer =
-      loop_.startTimer(patience, platform::RunLoop::Repeat::kOnce, [this, &job] {
-        // The number may be another group's since the last look; the next one finds ours gone.
-        if (!job.hasLeader && !processes_.hasSurvivors(job.lastStart)) return;
+      loop_.startTimer(timeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
+        // The number may mean another group since the last poll. Then the next poll finishes the
+        // removal.
+        if (!job.hasLeader && !processes_.hasRemainingProcesses(job.lastStart)) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quotedInMessage(job.label), job.lastStart.process));
@@ -111,12 +115,12 @@ void JobHost::armKill(Job& job) {
       });
 }
 
-// The leader has been reaped, or may be at any time: the last member's end frees the group's number
-// for anybody's.
+// Polls, because the leader has been reaped or may be at any time, and the number is free for
+// another group once the last member has ended.
 void JobHost::awaitGroup(Job& job) {
-  if (!processes_.hasSurvivors(job.lastStart)) return finishRemoval(job);
+  if (!processes_.hasRemainingProcesses(job.lastStart)) return finishRemoval(job);
   job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
-    if (!processes_.hasSurvivors(job.lastStart)) finishRemoval(job);
+    if (!processes_.hasRemainingProcesses(job.lastStart)) finishRemoval(job);
   });
 }
 
@@ -128,8 +132,9 @@ void JobHost::finishRemoval(Job& job) {
   }
   if (!job.machService.empty()) {
     sockets_.close(job.machService, job.label);
-    // Where the name is an earlier host's, whose socket went with the process. Of another job's
-    // socket that was not taken over either it is still the name.
+    // The name may be left over from an earlier host. Remove it, because the socket behind it ended
+    // with the process. Keep it if another job uses the same Mach service: clients still reach that
+    // job's socket by this name.
     const bool isAnothers = std::ranges::any_of(jobs_, [&](const auto& entry) {
       return entry.first != job.label && entry.second.machService == job.machService;
     });
@@ -156,7 +161,7 @@ void JobHost::shutDown(std::move_only_function<void()> completion) {
   for (auto& [label, job] : jobs_) {
     if (!job.removal) continue;
     const auto killAt = job.removal->killAt;
-    if (!killAt || *killAt > loop_.now() + kLongestStoppingPatience) armKill(job);
+    if (!killAt || *killAt > loop_.now() + kMaximumShutDownTimeOut) armKill(job);
   }
   shutDownNext();
 }
@@ -164,8 +169,8 @@ void JobHost::shutDown(std::move_only_function<void()> completion) {
 void JobHost::shutDownNext() {
   if (jobs_.empty()) {
     if (!onShutDown_) return;
-    // Whoever starts a host again starts all of its daemons.
-    dismissed_.clear();
+    // A host that is started after an orderly stop loads all of its daemons.
+    removedByClient_.clear();
     if (auto written = state_->compact({}); !written) {
       log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
     }

@@ -37,7 +37,7 @@ TEST_F(JobHostTest, RemovingAJobThatWaitsForItsThrottleIsDoneAtOnce) {
   EXPECT_EQ(starts(), 1);
 }
 
-TEST_F(JobHostTest, AProcessThatStaysIsKilledAfterTheExitTimeOut) {
+TEST_F(JobHostTest, AProcessThatDoesNotEndIsKilledAfterTheExitTimeOut) {
   processes_.obeysTermination = false;
   for (const auto& [more, timeOut] :
        {std::pair<Dictionary, platform::Duration>{{}, 20s}, {{{"ExitTimeOut", 3}}, 3s}}) {
@@ -65,7 +65,7 @@ TEST_F(JobHostTest, AnExitTimeOutOfZeroNeverKills) {
   EXPECT_TRUE(*answer);
 }
 
-TEST_F(JobHostTest, RemovingWaitsForMembersWhoseLeaderHasGone) {
+TEST_F(JobHostTest, RemovingWaitsForMembersWhoseLeaderHasEnded) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   processes_.addMember(101);
@@ -80,7 +80,7 @@ TEST_F(JobHostTest, RemovingWaitsForMembersWhoseLeaderHasGone) {
   EXPECT_TRUE(answer->value());
 }
 
-TEST_F(JobHostTest, MembersWhoseLeaderHasGoneAreKilledToo) {
+TEST_F(JobHostTest, MembersWhoseLeaderHasEndedAreKilledToo) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   processes_.addMember(101);
@@ -91,14 +91,14 @@ TEST_F(JobHostTest, MembersWhoseLeaderHasGoneAreKilledToo) {
   EXPECT_EQ(processes_.signals.back().signal, SIGKILL);
 }
 
-TEST_F(JobHostTest, WhatAProcessLeavesOfItsGroupDoesNotOutliveIt) {
+TEST_F(JobHostTest, RemainingProcessesAreKilledWhenTheirLeaderEnds) {
   ASSERT_TRUE(submit(job("com.example.a")));
   processes_.addMember(101);
   endLast();
   EXPECT_FALSE(processes_.hasMembers(101));
 }
 
-TEST_F(JobHostTest, EverybodyWhoRemovesAJobIsAnswered) {
+TEST_F(JobHostTest, EachRemovalOfTheSameJobIsAnswered) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   const Answer first = removeLater("com.example.a");
@@ -108,7 +108,7 @@ TEST_F(JobHostTest, EverybodyWhoRemovesAJobIsAnswered) {
   EXPECT_TRUE(*first && *second);
 }
 
-TEST_F(JobHostTest, WhatComesDuringARemovalConcernsTheNextJob) {
+TEST_F(JobHostTest, ASubmissionDuringARemovalMakesANewJob) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   const Answer removed = removeLater("com.example.a");
@@ -121,7 +121,7 @@ TEST_F(JobHostTest, WhatComesDuringARemovalConcernsTheNextJob) {
   EXPECT_EQ(pid("com.example.a"), Value(102));
 }
 
-TEST_F(JobHostTest, ARemovalBehindASubmissionRemovesWhatThatOneStarts) {
+TEST_F(JobHostTest, ARemovalAfterAWaitingSubmissionRemovesTheNewJob) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   const Answer removed = removeLater("com.example.a");
@@ -192,7 +192,7 @@ TEST_F(JobHostTest, WithoutJobsShuttingDownIsDoneButNotInsideTheCall) {
   EXPECT_TRUE(done);
 }
 
-TEST_F(JobHostTest, WhileShuttingDownNothingIsSubmitted) {
+TEST_F(JobHostTest, WhileShuttingDownSubmissionsAreRejected) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   const Answer removed = removeLater("com.example.a");
@@ -210,7 +210,7 @@ TEST_F(JobHostTest, WhileShuttingDownNothingIsSubmitted) {
   EXPECT_EQ(starts(), 1);
 }
 
-TEST_F(JobHostTest, WhatIsNeverKilledIsKilledWhileTheHostIsStopped) {
+TEST_F(JobHostTest, ShuttingDownKillsAlsoJobsThatAreOtherwiseNeverKilled) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.before", {{"ExitTimeOut", 0}})));
   ASSERT_TRUE(submit(job("com.example.during", {{"ExitTimeOut", 0}})));
@@ -230,9 +230,9 @@ TEST_F(JobHostTest, WhatIsNeverKilledIsKilledWhileTheHostIsStopped) {
   EXPECT_TRUE(isStopped);
 }
 
-TEST_F(JobHostTest, NoExitTimeOutKeepsTheHostFromStoppingInTime) {
+TEST_F(JobHostTest, ShuttingDownLimitsLongExitTimeOuts) {
   processes_.obeysTermination = false;
-  const platform::Duration most = kLongestStoppingPatience;
+  const platform::Duration most = kMaximumShutDownTimeOut;
   for (const int seconds : {24, 25, 26, 3600}) {
     const std::string label = "com.example.after" + std::to_string(seconds);
     ASSERT_TRUE(submit(job(label, {{"ExitTimeOut", seconds}})));
@@ -252,7 +252,7 @@ TEST_F(JobHostTest, NoExitTimeOutKeepsTheHostFromStoppingInTime) {
     }
     return result;
   };
-  loop_.advanceBy(10s);  // A removal that was under way keeps its time where that is the shorter.
+  loop_.advanceBy(10s);  // A removal under way keeps its time-out if that is shorter.
   EXPECT_THAT(alive(), ElementsAre(101, 102, 103, 104, 105, 107));
   loop_.advanceBy(14s);
   EXPECT_THAT(alive(), ElementsAre(102, 103, 104, 105, 107));

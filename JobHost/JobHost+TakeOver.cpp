@@ -16,32 +16,33 @@ using platform::Result;
 
 namespace {
 
-// The number that the first passed descriptor has in a process.
+// The number of the first passed descriptor in a process.
 constexpr platform::Descriptor kFirstPassedDescriptor = 3;
 
 }  // namespace
 
-Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored, const Labels& dismissed) {
-  dismissed_ = dismissed;
+Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
+                               const Labels& removedByClient) {
+  removedByClient_ = removedByClient;
   for (const StoredJob& job : stored) {
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
-  forgetDismissals(daemons);
-  // From here on the new file says what was found, so that nothing is found twice.
-  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
-    // A full disk is no reason to leave the jobs to themselves, nor to be absent.
-    const bool goesOn = state_->isWritable();  // The old file says the same, if at greater length.
+  forgetMissingFiles(daemons);
+  // Write a new file with what was found, so that the next host does not find it a second time.
+  if (auto written = state_->compact(snapshot(), removedByClient_); !written) {
+    // A full disk is no reason to abandon the jobs or to exit.
+    const bool goesOn = state_->isWritable();  // The old file holds the same, in more bytes.
     log(goesOn ? platform::ASL_LEVEL_WARNING : platform::ASL_LEVEL_ERR,
         fmt::format("{}; {}", platform::describe(written.error()),
                     goesOn ? "the file of the host before is used further"
                            : "no job is started until it can be written"));
-    // Where even that fails, each record that would be appended tries it again.
-    if (auto mended = state_->mend(); goesOn && !mended) {
-      log(platform::ASL_LEVEL_WARNING, platform::describe(mended.error()));
+    // If the repair fails too, each appended record retries it.
+    if (auto repaired = state_->repair(); goesOn && !repaired) {
+      log(platform::ASL_LEVEL_WARNING, platform::describe(repaired.error()));
     }
   }
-  // Before the jobs go on: what their rules are now is what they go on by.
+  // Refresh the definitions before the jobs resume, so that they resume by their present rules.
   std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
@@ -60,7 +61,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
     log(platform::ASL_LEVEL_ERR,
         fmt::format("{}; the job of an earlier host is kept, and started no more",
                     platform::describe(definition.error())));
-    // Its process, if it has one, must still be known, and be there to be removed.
+    // Keep the job, so that its process, if it has one, can be listed and removed.
     definition = JobDefinition();
     definition->label = stored.label;
     definition->dictionary = stored.dictionary;
@@ -72,26 +73,28 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();
   if (!stored.lastStart) return {};
   job.lastStart = *stored.lastStart;
-  // The clock counts from the boot, and the record is of this one; but a clock is not trusted.
+  // The clock counts from boot and the record is of this boot. Clamp it nonetheless: clocks are not
+  // trusted.
   job.lastTry = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
   if (stored.runs) {
     if (auto takenOver = takeOverProcess(job); !takenOver) return takenOver;
   }
-  // Of a removal the end of the leader may be on record and its group still be waited for.
-  if (!job.hasLeader && (stored.runs || job.removal)) takeOverSurvivors(job);
+  // While a job was being removed, its leader may already have ended (and been recorded) although
+  // other processes of its group still ran. Look for them.
+  if (!job.hasLeader && (stored.runs || job.removal)) takeOverRemainingProcesses(job);
   return {};
 }
 
-void JobHost::takeOverSurvivors(Job& job) {
-  if (!processes_.hasSurvivors(job.lastStart)) return;
+void JobHost::takeOverRemainingProcesses(Job& job) {
+  if (!processes_.hasRemainingProcesses(job.lastStart)) return;
   if (job.removal) {
-    job.removal->hasSurvivors = true;
+    job.removal->hasRemainingProcesses = true;
     return;
   }
   log(platform::ASL_LEVEL_NOTICE,
       fmt::format("job {}: what process {} of an earlier host left of its group is killed",
                   platform::quotedInMessage(job.label), job.lastStart.process));
-  // As after any end: it belongs to no process that the job has from now on.
+  // As after any end: the remaining processes belong to no later process of the job.
   processes_.signalGroup(job.lastStart.process, SIGKILL);
 }
 
@@ -124,7 +127,7 @@ Result<void> JobHost::takeOverProcess(Job& job) {
 void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
-  if (job.hasLeader || isAskedToEnd()) return;
+  if (job.hasLeader || isStopRequested()) return;
   if (!job.machService.empty()) {
     if (const auto socket = sockets_.listen(job.machService, job.label); !socket) {
       log(platform::ASL_LEVEL_ERR, platform::describe(socket.error()));
@@ -135,7 +138,7 @@ void JobHost::resume(Job& job) {
   const bool mayStart = loop_.now() >= earliestStart(job.rules, job.lastTry);
   const JobEvent event = job.lastEnd ? JobEvent::kProcessEnded : JobEvent::kSubmitted;
   const auto done = perform(job, nextAction(job.phase, event, wants, mayStart), nullptr);
-  if (!done) failedLater(job, done.error());
+  if (!done) logAndRetry(job, done.error());
 }
 
 std::vector<StoredJob> JobHost::snapshot() const {
@@ -155,7 +158,7 @@ std::vector<StoredJob> JobHost::snapshot() const {
 
 void JobHost::compactIfWanted() {
   if (!state_->wantsCompaction()) return;
-  if (auto written = state_->compact(snapshot(), dismissed_); !written) {
+  if (auto written = state_->compact(snapshot(), removedByClient_); !written) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
   }
 }

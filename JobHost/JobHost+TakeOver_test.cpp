@@ -1,4 +1,4 @@
-// What one host leaves to the next.
+// The state that one host leaves to the next.
 
 #include <algorithm>
 #include <cerrno>
@@ -43,7 +43,7 @@ TEST_F(JobHostTest, TheNextHostKnowsEveryJobAndItsProcess) {
   EXPECT_EQ(starts(), 3);
 }
 
-TEST_F(JobHostTest, AProcessTakenOverIsKeptAliveAndItsEndUnknown) {
+TEST_F(JobHostTest, AProcessTakenOverIsKeptAliveAndItsEndIsUnknown) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s);
   restartHost();
@@ -80,7 +80,7 @@ TEST_F(JobHostTest, TheThrottleHoldsFromOneHostToTheNext) {
   EXPECT_EQ(starts(), 2);
 }
 
-TEST_F(JobHostTest, ANumberThatAnotherProcessHasNowIsNotTakenOver) {
+TEST_F(JobHostTest, AReusedProcessNumberIsNotTakenOver) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s);
   killHost();
@@ -112,7 +112,7 @@ TEST_F(JobHostTest, ARemovalIsFinishedByTheNextHost) {
   EXPECT_EQ(starts(), 2);
 }
 
-TEST_F(JobHostTest, WhatAProcessLeftThatEndedWithoutAHostIsKilledBeforeTheNextStart) {
+TEST_F(JobHostTest, RemainingProcessesOfAnEndWithoutAHostAreKilledFirst) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s);
   killHost();
@@ -133,7 +133,7 @@ TEST_F(JobHostTest, AGroupThatHasEndedWithItsLeaderIsNotSignalledByTheNextHost) 
   EXPECT_TRUE(processes_.signals.empty());
 }
 
-TEST_F(JobHostTest, WhatAProcessTakenOverLeavesOfItsGroupIsKilled) {
+TEST_F(JobHostTest, RemainingProcessesOfAProcessTakenOverAreKilled) {
   ASSERT_TRUE(submit(job("com.example.a")));
   restartHost();
   processes_.addMember(101);
@@ -142,7 +142,7 @@ TEST_F(JobHostTest, WhatAProcessTakenOverLeavesOfItsGroupIsKilled) {
   EXPECT_EQ(processes_.signals[0], (FakeProcesses::Signalled{101, SIGKILL, loop_.now()}));
 }
 
-TEST_F(JobHostTest, AGroupThatHasTheNumberOfAProcessTakenOverIsNotSignalled) {
+TEST_F(JobHostTest, AnotherGroupWithTheNumberOfAProcessTakenOverIsNotSignalled) {
   ASSERT_TRUE(submit(job("com.example.kept", {{"ThrottleInterval", 3600}})));
   ASSERT_TRUE(submit(job("com.example.removed")));
   ASSERT_TRUE(submit(job("com.example.ends")));
@@ -150,7 +150,7 @@ TEST_F(JobHostTest, AGroupThatHasTheNumberOfAProcessTakenOverIsNotSignalled) {
   restartHost();
   const Answer ends = removeLater("com.example.ends");
   processes_.signals.clear();
-  // Somebody reaps them, and others get their numbers.
+  // Their parent reaps them, and other processes get their numbers.
   for (const int process : {101, 102, 103}) {
     processes_.reuse(process);
     processes_.addMember(process);
@@ -164,7 +164,7 @@ TEST_F(JobHostTest, AGroupThatHasTheNumberOfAProcessTakenOverIsNotSignalled) {
   EXPECT_THAT(processes_.signals, testing::IsEmpty());
 }
 
-TEST_F(JobHostTest, AGroupThatTakesTheNumberDuringARemovalIsNotKilled) {
+TEST_F(JobHostTest, AnotherGroupThatGetsTheNumberDuringARemovalIsNotKilled) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.b")));
@@ -178,18 +178,18 @@ TEST_F(JobHostTest, AGroupThatTakesTheNumberDuringARemovalIsNotKilled) {
   loop_.advanceBy(10s);
   for (const Answer& answer : removed) EXPECT_FALSE(*answer);
   processes_.signals.clear();
-  // The last member ends, and another group is there when the host looks next.
+  // The last member ends, and another group has the number at the next poll.
   for (const int process : {101, 102, 104}) processes_.reuse(process);
   loop_.advanceBy(20ms);
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.late"));
-  // Also between the last look and the kill.
+  // The same between the last poll and the kill.
   loop_.scheduleOutsideEvent(10s - 20ms, [this] { processes_.reuse(103); });
   loop_.advanceBy(1min);
   for (const Answer& answer : removed) EXPECT_TRUE(*answer);
   EXPECT_TRUE(processes_.signals.empty());
 }
 
-TEST_F(JobHostTest, ARemovalThatTheNextHostFinishesLeavesNoNameOfASocket) {
+TEST_F(JobHostTest, ARemovalFinishedByTheNextHostRemovesTheSocketsName) {
   processes_.obeysTermination = false;
   const platform::Dictionary services{{"com.example.service", true}};
   ASSERT_TRUE(submit(job("com.example.a", {{"MachServices", services}})));
@@ -203,10 +203,10 @@ TEST_F(JobHostTest, ARemovalThatTheNextHostFinishesLeavesNoNameOfASocket) {
   EXPECT_NE(::access(name.c_str(), F_OK), 0);
 }
 
-TEST_F(JobHostTest, AnEndWithACoreIsToldByEveryHost) {
+TEST_F(JobHostTest, ACoreDumpIsReportedByEveryHost) {
   ASSERT_TRUE(submit(job("com.example.a")));
   endLast({kSegmentationFault, true});
-  for (int i = 0; i < 3; ++i) {  // As it was written, then as it was compacted.
+  for (int i = 0; i < 3; ++i) {  // First as appended, then as compacted.
     EXPECT_EQ(host_->copy("com.example.a")["LastExitStatus"], Value(128 + SIGSEGV));
     restartHost();
   }
@@ -220,7 +220,7 @@ TEST_F(JobHostTest, ARemovalWaitsForTheGroupThatOutlivedLeaderAndHost) {
   removeLater("com.example.before");
   removeLater("com.example.after");
   processes_.end(101);
-  loop_.runReady();  // Its end is on record, that of the other is not.
+  loop_.runReady();  // The leader's end is on record, the member's is not.
   killHost();
   processes_.end(102);
   processes_.signals.clear();
@@ -243,8 +243,8 @@ TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   EXPECT_EQ(sink_.count("not from this boot"), 1);
 }
 
-// Where the new state file would be made, as on a disk that has no room for it.
-class JobHostWithoutRoom : public JobHostTest {
+// The new state file can't be made, as on a full disk.
+class JobHostWithoutSpace : public JobHostTest {
  protected:
   const std::string obstacle_ = root_.path("run/vantor/launchd.state.new");
   void putObstacle() {
@@ -253,7 +253,7 @@ class JobHostWithoutRoom : public JobHostTest {
   }
 };
 
-TEST_F(JobHostWithoutRoom, AHostThatCannotCompactItsFileUsesTheOneOfTheHostBefore) {
+TEST_F(JobHostWithoutSpace, AHostThatCannotCompactUsesTheLastHostsFile) {
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.b")));
   loop_.advanceBy(20s);
@@ -275,7 +275,7 @@ TEST_F(JobHostWithoutRoom, AHostThatCannotCompactItsFileUsesTheOneOfTheHostBefor
   EXPECT_EQ(starts(), 4);
 }
 
-TEST_F(JobHostWithoutRoom, AHostThatCannotReplaceATornFileGoesOnWithWhatIsInOrder) {
+TEST_F(JobHostWithoutSpace, AHostThatCannotReplaceATornFileUsesItsValidRecords) {
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.b")));
   loop_.advanceBy(20s);
@@ -295,7 +295,7 @@ TEST_F(JobHostWithoutRoom, AHostThatCannotReplaceATornFileGoesOnWithWhatIsInOrde
   EXPECT_EQ(starts(), 4);
 }
 
-// What a state file may be that is set aside as a whole.
+// The kinds of state file that are set aside as a whole.
 struct Untrusted {
   const char* name;
   void (*make)(const std::string& path);
@@ -317,7 +317,7 @@ class JobHostWithoutAnyFile : public JobHostTest, public testing::WithParamInter
   std::optional<platform::FullDisk> disk_;
 };
 
-TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsWhenThereIsRoom) {
+TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsOnceThereIsSpace) {
   startWithoutRoom();
   EXPECT_EQ(sink_.count("launchd.state: not trusted: "), 1);
   EXPECT_EQ(sink_.count("no job is started until it can be written"), 1);
@@ -341,7 +341,7 @@ TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsWhenThereIsRoom) {
   EXPECT_EQ(starts(), before + 2);
 }
 
-TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceAClientsJob) {
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForSpaceDoesNotReplaceAClientsJob) {
   startWithoutRoom();
   disk_.reset();
   ASSERT_TRUE(submit(job("com.example.d", {{"Nice", 5}})));
@@ -354,7 +354,7 @@ TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceAClientsJob)
   EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
 }
 
-TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceWhatWaitsForTheSameRemoval) {
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForSpaceDoesNotReplaceAWaitingSubmission) {
   startWithoutRoom();
   disk_.reset();
   ASSERT_TRUE(submit(job("com.example.d")));
@@ -368,7 +368,7 @@ TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForRoomDoesNotReplaceWhatWaitsFor
   EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
 }
 
-TEST_P(JobHostWithoutAnyFile, ADaemonWhoseFileWentWhileItWaitedForRoomIsNotLoaded) {
+TEST_P(JobHostWithoutAnyFile, ADaemonWhoseFileIsDeletedWhileItWaitsIsNotLoaded) {
   startWithoutRoom();
   disk_.reset();
   ASSERT_EQ(::unlink(root_.path("Library/LaunchDaemons/d.plist").c_str()), 0);
@@ -396,7 +396,7 @@ INSTANTIATE_TEST_SUITE_P(
         Untrusted{"Empty", [](const auto& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }},
         Untrusted{"OfAnotherBoot",
                   [](const auto& path) {
-                    // The number of the boot stands behind 13 bytes that say what the file is.
+                    // The boot id follows the 13 bytes of the magic.
                     std::fstream(path, std::ios::in | std::ios::out).seekp(13) << '2';
                   }},
         Untrusted{"Damaged",
@@ -411,13 +411,13 @@ INSTANTIATE_TEST_SUITE_P(
                   }}),
     [](const auto& made) { return made.param.name; });
 
-TEST_F(JobHostTest, AJobThatCannotBeReadAnyMoreIsKeptWithItsProcessAndStartedNoMore) {
+TEST_F(JobHostTest, AJobThatNoLongerParsesIsKeptButNotStarted) {
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.idle")));
   endLast();
   loop_.advanceBy(1s);
   killHost();
-  {  // As a host would leave it that honours more than this one does.
+  {  // As left by a host that honours more than this one.
     auto state = StateFile::open(root_.path("run/vantor"), bootId_, loop_);
     ASSERT_TRUE(state);
     for (StoredJob& stored : state->jobs) {
@@ -434,7 +434,7 @@ TEST_F(JobHostTest, AJobThatCannotBeReadAnyMoreIsKeptWithItsProcessAndStartedNoM
   EXPECT_TRUE(pid("com.example.a").isNil());
   EXPECT_EQ(host_->copy("com.example.a")["LastExitStatusUnknown"], Value(true));
   EXPECT_EQ(starts(), 2);
-  // A definition that can be read makes it a job like any other.
+  // A valid definition makes it a job like any other.
   ASSERT_TRUE(submit(job("com.example.a")));
   EXPECT_EQ(starts(), 3);
   ASSERT_TRUE(**removeLater("com.example.idle"));

@@ -46,7 +46,7 @@ Result<std::unique_ptr<JobHost>> JobHost::create(platform::RunLoop& loop, Proces
   for (const std::string& warning : state->warnings) {
     host->log(platform::ASL_LEVEL_WARNING, warning);
   }
-  if (auto takenOver = host->takeOver(state->jobs, state->dismissed); !takenOver) {
+  if (auto takenOver = host->takeOver(state->jobs, state->removedByClient); !takenOver) {
     return std::unexpected(std::move(takenOver.error()));
   }
   return host;
@@ -91,7 +91,7 @@ JobHost::Outcome JobHost::submitNow(JobOrigin origin, JobDefinition definition) 
   if (auto known = checkAccount(definition); !known) {
     return std::unexpected(jobError(known.error()));
   }
-  compactIfWanted();  // Now, since a full file would refuse it.
+  compactIfWanted();  // A full file would reject the submission.
   Job* const job = find(definition.label);
   const auto done = job ? replaceDefinition(*job, origin, definition) : addJob(origin, definition);
   if (done) return {};
@@ -139,12 +139,12 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
     return defined;
   }
   setCost(job, *cost);
-  if (isReplaced) dismissed_.insert(job.label);
+  if (isReplaced) removedByClient_.insert(job.label);
   const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
   auto done = perform(job, action, &definition);
-  if (!done) retry(job);
+  if (!done) retryLater(job);
   return done;
 }
 
@@ -192,7 +192,7 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
   switch (action) {
     case JobAction::kNothing:
       return {};
-    case JobAction::kRest:
+    case JobAction::kBecomeIdle:
       job.timer.reset();
       job.phase = JobPhase::kIdle;
       return {};
@@ -244,13 +244,15 @@ Processes::OnEnd JobHost::onEndOf(Job& job) {
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
-  // Who could learn how it ended has reaped it just now, so that the number can't have come to mean
-  // another group. Somebody else's child may have been reaped by its parent at any time since.
-  const bool hasGroup = ending || processes_.hasSurvivors(job.lastStart);
-  // What it left of its group belongs to no process that the job has from now on. Before the end is
-  // on record: the next host looks for the group of a process whose end is not.
+  // If the ending is known, the process was our child and was reaped just now, so its number can't
+  // mean another group yet. A process of another parent may have been reaped at any time since its
+  // end.
+  const bool hasGroup = ending || processes_.hasRemainingProcesses(job.lastStart);
+  // The remaining processes of the group belong to no later process of the job. Kill them before
+  // the end is recorded: the next host looks for the group of a process only if its end is not on
+  // record.
   if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
-  compactIfWanted();  // Before the end, which a full file would refuse.
+  compactIfWanted();  // A full file would reject the record of the end.
   job.hasLeader = false;
   job.lastEnd = ending;
   if (auto written = state_->appendEnded(job.label, ending); !written) {
@@ -269,8 +271,8 @@ void JobHost::processEnded(Job& job, Ending ending) {
   const bool wants = wantsProcessAfter(job.rules, ending);
   const auto done = perform(
       job, nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wants, mayStart), nullptr);
-  log(platform::ASL_LEVEL_INFO, what);  // After the start, which is not to wait for it.
-  if (!done) failedLater(job, done.error());
+  log(platform::ASL_LEVEL_INFO, what);  // After the start, so as not to delay it.
+  if (!done) logAndRetry(job, done.error());
 }
 
 void JobHost::waitUntil(Job& job, platform::Instant due) {
@@ -278,21 +280,21 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
   const platform::Instant now = loop_.now();
   const platform::Duration delay = due > now ? due - now : platform::Duration::zero();
   job.timer = loop_.startTimer(delay, platform::RunLoop::Repeat::kOnce, [this, &job] {
-    const auto timer = std::move(job.timer);  // It lives until this has run.
+    const auto timer = std::move(job.timer);  // The callback is part of it.
     compactIfWanted();
     const auto done = perform(job, nextAction(job.phase, JobEvent::kDue, true, true), nullptr);
-    if (!done) failedLater(job, done.error());
+    if (!done) logAndRetry(job, done.error());
   });
 }
 
-void JobHost::retry(Job& job) {
+void JobHost::retryLater(Job& job) {
   waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
 }
 
-void JobHost::failedLater(Job& job, const Error& error) {
+void JobHost::logAndRetry(Job& job, const Error& error) {
   log(platform::ASL_LEVEL_ERR,
       fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
-  retry(job);
+  retryLater(job);
 }
 
 Value JobHost::copy(std::string_view label) {
@@ -300,11 +302,11 @@ Value JobHost::copy(std::string_view label) {
   if (!job) return {};
   if (job->hasLeader) {
     processes_.reportIfEnded(job->lastStart.process);
-    job = find(label);  // That may have been the end of it.
+    job = find(label);  // The report may have finished its removal.
     if (!job) return {};
   }
   platform::Dictionary dictionary = *job->dictionary.dictionary();
-  // Nobody but the host says these.
+  // Only the host may set these.
   for (const char* key : {"PID", "LastExitStatus", "LastExitStatusUnknown"}) dictionary.remove(key);
   if (job->hasLeader) dictionary.set("PID", job->lastStart.process);
   if (job->lastEnd && *job->lastEnd) {

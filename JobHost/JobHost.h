@@ -23,31 +23,31 @@
 
 namespace jobhost {
 
-// Where a host keeps what it must find again, and its bounds.
+// Where a host keeps its files, and its bounds.
 struct JobHostOptions {
   std::string root;    // the platform root
-  std::string bootId;  // names the boot that goes on
+  std::string bootId;  // of the current boot
   std::size_t maximumJobs = 4096;
-  // Whether somebody has asked for the end while the host is being created, asked again before each
-  // job that this would start. Nobody has where there is no such function.
-  std::function<bool()> isAskedToEnd = {};
+  // Whether a stop was requested while the host is being created. Called before each job that
+  // create() would start. May be empty.
+  std::function<bool()> isStopRequested = {};
 };
 
-// The job that runs the notification bus: everybody may still have something to say while being
-// stopped, so it goes last.
+// The job that runs the notification bus. It is stopped last, because other jobs may post while
+// they stop.
 inline constexpr char kNotificationBusLabel[] = "com.vantor.notificationbus";
 
-// The most that a job gets to end while the host is stopped, whatever its ExitTimeOut. Three times
-// this, for what is stopped one after the other, is less than the service manager gives the host
-// before it kills that and leaves the jobs to themselves (TimeoutStopSec in
-// vantor-jobhost.service).
-inline constexpr platform::Duration kLongestStoppingPatience = std::chrono::seconds(25);
+// The longest time that a job gets to end while the host stops, whatever its ExitTimeOut. Jobs are
+// stopped in three groups, one after the other. Three times this is less than TimeoutStopSec in
+// vantor-jobhost.service, after which the service manager kills the host and leaves the jobs
+// running.
+inline constexpr platform::Duration kMaximumShutDownTimeOut = std::chrono::seconds(25);
 
-// The jobs by their labels: starts their processes, keeps them alive, reports and removes them. A
-// host that is killed leaves them running, and the next one with the same root takes them over.
+// The jobs by label: starts their processes, keeps them alive, reports and removes them. If the
+// host is killed, the jobs go on, and the next host with the same root takes them over.
 //
 // Everything belongs to the run loop's thread. Starting a process blocks it until the program is
-// being executed. Completions run on the loop, once, never from inside the call; those of calls
+// executed. Completions run on the loop, once, never from inside the call. The completions of calls
 // that are still open when this is destroyed never run.
 class JobHost {
  public:
@@ -55,15 +55,18 @@ class JobHost {
   using Outcome = std::expected<void, platform::NSError>;
   using Completion = std::move_only_function<void(Outcome)>;
 
-  // Takes over what the state file knows, then loads Library/LaunchDaemons/*.plist; both lie below
-  // the root. Of what an earlier host of this boot has loaded only the definition is replaced, and
-  // what a client removed or replaced stays so; a file that has gone takes no job with it. A job
-  // that can't be taken over, loaded or started is logged. Where no state file can be written, as
-  // on a full disk, no job is taken or loaded until one can; the files are those of that time, and
-  // a job that a client has submitted by then stays. Once it is asked to end it starts nothing
-  // more: what is still to be loaded is left to the host that comes after shutDown(). Fails where
-  // another host runs there (after waiting for it for StateFile::kLockPatience), and where the
-  // folders for sockets and state can't be made. The arguments outlive this.
+  // Takes over the jobs in the state file, then loads Library/LaunchDaemons/*.plist. Both lie below
+  // the root. If an earlier host of this boot has loaded a file, only the job's definition is
+  // replaced. A job that a client removed or replaced stays so, and a missing file removes no job.
+  // A job that can't be taken over, loaded or started is logged.
+  //
+  // If no state file can be written, as on a full disk, no job is taken or loaded until one can
+  // be. Then the files of that time are loaded, and a job that a client has submitted by then
+  // stays. After a stop request it starts nothing more, and the host after shutDown() loads the
+  // rest.
+  //
+  // Fails if another host runs there (after waiting for it for StateFile::kLockTimeOut), and if
+  // the folders for sockets and state can't be made. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
                                                            Processes& processes,
                                                            platform::SystemLog& log,
@@ -72,29 +75,29 @@ class JobHost {
   JobHost(const JobHost&) = delete;
   JobHost& operator=(const JobHost&) = delete;
 
-  // Completes when the job's process runs or has failed to start, and at once where nothing wants
-  // a process yet or the throttle puts the start off. A new job whose process can't be started is
-  // no job; one that was known stays and is tried again. A job that is being removed is submitted
-  // when it has gone. Refused once shutDown() was called, and where the system does not know the
-  // job's user or group.
+  // Completes when the job's process runs or has failed to start. Completes at once if no process
+  // is wanted yet or the throttle delays the start. If the first start of a new job fails, there is
+  // no job. A known job stays and is retried. If the label is being removed, the job is submitted
+  // after the removal. Rejected after shutDown(), and if the system does not know the job's user or
+  // group.
   void submit(JobDefinition definition, Completion completion);
 
-  // Ends the job's processes and forgets the job; completes when the last of them has gone. The
-  // file that defined it, if one did, is not loaded again in this boot until shutDown().
+  // Ends the job's processes and forgets the job. Completes when the last of them has ended. If a
+  // file defined the job, it is not loaded again in this boot until shutDown().
   void remove(std::string_view label, Completion completion);
 
-  // The job's dictionary as it was submitted, with "PID" while its process runs, and
-  // "LastExitStatus", or "LastExitStatusUnknown" (true), after the first end. Never older than an
-  // exit that has happened. Nil where there is no such job.
+  // The job's dictionary as it was submitted, with "PID" while its process runs, and with
+  // "LastExitStatus" or "LastExitStatusUnknown" (true) after the first end. Never older than an
+  // exit that has happened. Nil if there is no such job.
   platform::Value copy(std::string_view label);
 
   // Every job's label, sorted.
   std::vector<std::string> labels() const;
 
-  // Takes no more submissions and removes everything: the loaded jobs first, then the submitted
-  // ones, all at once, the notification bus last. Of each of these nothing lives longer than
-  // kLongestStoppingPatience after it was asked to end; what is never to be killed is after 20 s.
-  // Completes when no process of them is left. The next host begins as in a new boot.
+  // Rejects further submissions and removes everything: first the loaded jobs, then the submitted
+  // ones, all at once, then the notification bus. No process lives longer than
+  // kMaximumShutDownTimeOut after its SIGTERM. A job with an ExitTimeOut of 0 is killed after 20 s.
+  // Completes when no process of a job is left. The next host begins as in a new boot.
   void shutDown(std::move_only_function<void()> completion);
 
  private:
@@ -108,48 +111,50 @@ class JobHost {
   platform::Result<void> replaceDefinition(Job& job, JobOrigin origin,
                                            const JobDefinition& definition);
   platform::Result<void> define(Job& job, JobOrigin origin, const JobDefinition& definition);
-  // Writes the definition down; answers what the job then costs. `known` is null for a new one.
+  // Records the definition in the state file and returns the job's cost. `known` is null for a new
+  // job.
   platform::Result<std::size_t> record(const Job* known, JobOrigin origin,
                                        const JobDefinition& definition);
   void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
-  // Reads the definition anew where it is not at hand.
+  // Parses the dictionary if `definition` is null.
   platform::Result<void> perform(Job& job, JobAction action, const JobDefinition* definition);
   platform::Result<void> startProcess(Job& job, const JobDefinition& definition);
   Processes::OnEnd onEndOf(Job& job);
   void processEnded(Job& job, Ending ending);
   void waitUntil(Job& job, platform::Instant due);
-  void retry(Job& job);
-  void failedLater(Job& job, const platform::Error& error);
+  void retryLater(Job& job);
+  void logAndRetry(Job& job, const platform::Error& error);
   void log(platform::AslLevel level, const std::string& text);
 
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);
   void beginRemoval(Job& job);
   void armKill(Job& job);
-  platform::Duration patienceWith(const Job& job) const;
+  platform::Duration exitTimeOutOf(const Job& job) const;
   void awaitGroup(Job& job);
   void finishRemoval(Job& job);
   void shutDownNext();
 
   // JobHost+TakeOver.cpp
-  platform::Result<void> takeOver(const std::vector<StoredJob>& stored, const Labels& dismissed);
+  platform::Result<void> takeOver(const std::vector<StoredJob>& stored,
+                                  const Labels& removedByClient);
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
-  void takeOverSurvivors(Job& job);
+  void takeOverRemainingProcesses(Job& job);
   void resume(Job& job);
   std::vector<StoredJob> snapshot() const;
-  // Not between a mark of the state file and what may cut it back to that.
+  // Must not run between StateFile::mark() and cutBackTo().
   void compactIfWanted();
 
   // JobHost+Daemons.cpp
   std::string daemonFolder() const;
   void skip(const JobDefinition& definition, std::string_view why);
-  void forgetDismissals(const DaemonFolder& folder);
-  // Answers what the last host had not loaded.
+  void forgetMissingFiles(const DaemonFolder& folder);
+  // Returns the definitions that the last host had not loaded.
   std::vector<JobDefinition> refreshDaemons(DaemonFolder folder);
   platform::Result<void> refresh(Job& job, const JobDefinition& definition);
-  bool isAskedToEnd() const { return options_.isAskedToEnd && options_.isAskedToEnd(); }
+  bool isStopRequested() const { return options_.isStopRequested && options_.isStopRequested(); }
   void loadDaemons(std::vector<JobDefinition> definitions);
   void loadDaemonsWhenWritable();
   void load(JobDefinition definition);
@@ -160,14 +165,14 @@ class JobHost {
   const JobHostOptions options_;
   MachSockets sockets_;
   std::unique_ptr<StateFile> state_;
-  // By label. Their places don't change: callbacks know them.
+  // By label. Callbacks hold references to the jobs, which a map does not move.
   std::map<std::string, Job, std::less<>> jobs_;
   std::size_t totalCost_ = 0;  // of all jobs
-  Labels dismissed_;
+  Labels removedByClient_;
   std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
-  // Whoever answers looks whether this still lives.
+  // Callbacks check by it whether this still exists.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Job hosts for tests: one with real processes, below a platform root of its own.
+// A job host with real processes for tests, below a platform root of its own.
 
 #include <chrono>
 #include <csignal>
@@ -35,14 +35,14 @@ class LineChannel {
  public:
   LineChannel(platform::RunLoop& loop, std::string path) : loop_(loop), path_(std::move(path)) {
     EXPECT_EQ(::mkfifo(path_.c_str(), 0666), 0) << path_;
-    // With a writer of our own it never ends.
+    // With a writer of our own, reading never reaches the end.
     pipe_.reset(::open(path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
     EXPECT_TRUE(pipe_) << path_;
   }
 
   const std::string& path() const { return path_; }
 
-  // The next line, waited for.
+  // Waits for the next line.
   std::string nextLine() {
     if (const auto line = takeLine()) return *line;
     std::string line;
@@ -109,7 +109,7 @@ class RealJobHostTest : public testing::Test {
     host_ = std::move(*host);
   }
 
-  // As a host that is killed: its jobs go on. (They stay this process's children.)
+  // Drops the host as a kill does: its jobs go on. (They stay this process's children.)
   void dropHost() {
     host_.reset();
     auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_);
@@ -117,7 +117,7 @@ class RealJobHostTest : public testing::Test {
     processes_ = std::move(*processes);
   }
 
-  // Runs the loop until `start`, which is given a function to call at the end, has ended.
+  // Calls `start` with a function, and runs the loop until that is called.
   void await(const std::function<void(std::function<void()>)>& start) {
     bool done = false;
     start([&] {

@@ -1,6 +1,6 @@
 #pragma once
 
-// A job host on virtual time, with processes that exist in the test only.
+// A job host on virtual time, with processes that exist only in the test.
 
 #include <functional>
 #include <memory>
@@ -30,7 +30,7 @@ class JobHostTest : public testing::Test {
     options.root = root_.path();
     options.bootId = bootId_;
     options.maximumJobs = maximumJobs;
-    options.isAskedToEnd = isAskedToEnd_;
+    options.isStopRequested = isStopRequested_;
     auto host = JobHost::create(loop_, processes_, log_, std::move(options));
     ASSERT_TRUE(host) << platform::describe(host.error());
     host_ = std::move(*host);
@@ -46,7 +46,7 @@ class JobHostTest : public testing::Test {
     processes_.dropWatches();
   }
 
-  // Nothing until the outcome is known.
+  // Empty until the outcome is known.
   using Answer = std::shared_ptr<std::optional<JobHost::Outcome>>;
 
   Answer submitLater(platform::Dictionary job) {
@@ -87,7 +87,7 @@ class JobHostTest : public testing::Test {
   platform::FakeLogSink sink_;
   platform::SystemLog log_{sink_, "jobhost"};
   FakeProcesses processes_{loop_};
-  std::function<bool()> isAskedToEnd_;  // for the next host
+  std::function<bool()> isStopRequested_;  // for the next host
   std::unique_ptr<JobHost> host_;
 };
 

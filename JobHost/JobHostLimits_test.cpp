@@ -1,4 +1,4 @@
-// What the host does where its state file can take no more.
+// The host's behaviour when its state file is full.
 
 #include <string>
 
@@ -26,7 +26,7 @@ class JobHostLimits : public JobHostTest {
   }
   static std::string nameOf(int number) { return "com.example." + std::to_string(number); }
 
-  // Submits large jobs until there is no room for another; how many there are.
+  // Submits large jobs until the next one is rejected. Returns their number.
   int fill() {
     for (int number = 0;; ++number) {
       const auto outcome = submit(large(nameOf(number)));
@@ -37,7 +37,7 @@ class JobHostLimits : public JobHostTest {
     }
   }
 
-  // What the host reckons for a job, by a state file of its own.
+  // The cost of a job, measured in a state file of its own.
   std::size_t costOf(const Dictionary& job) {
     auto state = StateFile::open(scratch_.path(), bootId_, loop_);
     EXPECT_TRUE(state);
@@ -56,11 +56,11 @@ class JobHostLimits : public JobHostTest {
   platform::TemporaryFolder scratch_;
 };
 
-TEST_F(JobHostLimits, AHostFullOfJobsGoesOnStartingReplacingAndRemovingThem) {
+TEST_F(JobHostLimits, AHostFullOfJobsStillStartsReplacesAndRemovesThem) {
   const int count = fill();
   EXPECT_EQ(count, static_cast<int>(StateFile::kMaximumCost / kLargeBytes));
   restartHost();
-  // Each of these takes twice what the file has room for.
+  // All of these together take twice the space of the file.
   for (int i = 0; i < 40; ++i) {
     const auto replaced = submit(large(nameOf(0), static_cast<char>('a' + i)));
     ASSERT_TRUE(replaced) << i << ": " << replaced.error().localizedDescription;
@@ -80,13 +80,13 @@ TEST_F(JobHostLimits, AHostFullOfJobsGoesOnStartingReplacingAndRemovingThem) {
   EXPECT_EQ(fill(), count);
 }
 
-TEST_F(JobHostLimits, TheLastByteThatJobsMayCostIsTakenAndNoneMore) {
+TEST_F(JobHostLimits, TheMaximumCostIsAcceptedAndNotAByteMore) {
   const int count = fill();
   std::size_t left = StateFile::kMaximumCost;
   for (int number = 0; number < count; ++number) left -= costOf(large(nameOf(number)));
   const std::string label = "com.example.last";
   const auto ofBytes = [&](std::size_t bytes) { return job(label, {{"Fill", Data(bytes, 'x')}}); };
-  // Of nearly the size: the larger a property list is, the wider are the numbers in it.
+  // Measure at nearly that size: a larger property list has wider numbers in it.
   const std::size_t nearly = left - 500;
   const std::size_t frame = costOf(ofBytes(nearly)) - nearly;
   for (const std::size_t cost : {left - 1, left, left + 1}) {

@@ -28,7 +28,7 @@ class JobHostProcesses : public RealJobHostTest {
  protected:
   LineChannel lines_{loop(), root_.path("lines")};
 
-  // Reports its number and lives until it is told to end.
+  // Reports its number and lives until it is ended.
   std::string reporting() const { return "echo $$ >" + lines_.path() + "; exec sleep 1000"; }
 };
 
@@ -77,7 +77,7 @@ TEST_F(JobHostProcesses, TheGroupEndsWithItsJob) {
   EXPECT_EQ(::poll(&entry, 1, 0), 1);
 }
 
-TEST_F(JobHostProcesses, WhatAProcessLeavesBehindIsKilledAndReaped) {
+TEST_F(JobHostProcesses, RemainingProcessesAreKilledAndReaped) {
   const std::string child = "sleep 1000 & echo $! >" + lines_.path();
   Dictionary job = scriptJob("com.example.job", child);
   job.set("KeepAlive", false);
@@ -95,8 +95,8 @@ TEST_F(JobHostProcesses, WhatAProcessLeavesBehindIsKilledAndReaped) {
   EXPECT_EQ(host_->copy("com.example.job")["LastExitStatus"], Value(0));
 }
 
-TEST_F(JobHostProcesses, TheNextHostKillsTheGroupOfALeaderThatHasGone) {
-  // The first start leaves a member; what follows has none.
+TEST_F(JobHostProcesses, TheNextHostKillsTheGroupOfALeaderThatHasEnded) {
+  // The first start leaves a member, the later ones leave none.
   const std::string once = root_.path("once");
   ASSERT_TRUE(submit(
       scriptJob("com.example.job", "test -e " + once + " && exec sleep 1000; touch " + once +
@@ -114,7 +114,7 @@ TEST_F(JobHostProcesses, TheNextHostKillsTheGroupOfALeaderThatHasGone) {
   EXPECT_NE(pidOf("com.example.job"), leader);
 }
 
-TEST_F(JobHostProcesses, AnExitThatSomebodyHasSeenIsInTheNextAnswer) {
+TEST_F(JobHostProcesses, AnExitThatAClientHasSeenIsInTheNextAnswer) {
   ASSERT_TRUE(submit(scriptJob("com.example.job", reporting())));
   const auto pid = std::stoi(lines_.nextLine());
   const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
@@ -126,7 +126,7 @@ TEST_F(JobHostProcesses, AnExitThatSomebodyHasSeenIsInTheNextAnswer) {
   EXPECT_NE(pidOf("com.example.job"), pid);
 }
 
-TEST_F(JobHostProcesses, AProgramThatCannotBeExecutedIsNoJob) {
+TEST_F(JobHostProcesses, AProgramThatCannotBeExecutedMakesNoJob) {
   Dictionary job = scriptJob("com.example.job", "");
   job.set("Program", "/no/such/program");
   const auto outcome = submit(job);
@@ -147,7 +147,7 @@ class JobHostServices : public JobHostProcesses {
  protected:
   static constexpr char kService[] = "com.example.service";
 
-  // Reports which socket it was passed, and lives.
+  // Reports which socket it was passed, and goes on.
   Dictionary serviceJob(const std::string& label = "com.example.job") const {
     Dictionary job =
         scriptJob(label, "readlink /proc/$$/fd/3 >" + lines_.path() + "; exec sleep 1000");
@@ -155,7 +155,7 @@ class JobHostServices : public JobHostProcesses {
     return job;
   }
 
-  // What somebody who connects by the name gets: 0 or an error's number.
+  // The result of connecting by the name: 0 or an error number.
   int connectTo(const std::string& service) const {
     const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
@@ -192,9 +192,9 @@ TEST_F(JobHostServices, TheNextHostHasTheSameSocket) {
   EXPECT_EQ(lines_.nextLine(), socket);
 }
 
-TEST_F(JobHostServices, ASocketThatNoProcessKeptIsBoundAnew) {
+TEST_F(JobHostServices, ASocketThatNoProcessKeptIsBoundAgain) {
   Dictionary job = serviceJob();
-  job.set("KeepAlive", false);  // It rests without a process.
+  job.set("KeepAlive", false);  // The job is idle without a process.
   ASSERT_TRUE(submit(job));
   EXPECT_EQ(connectTo(kService), 0);
   dropHost();
@@ -203,7 +203,7 @@ TEST_F(JobHostServices, ASocketThatNoProcessKeptIsBoundAnew) {
   EXPECT_EQ(connectTo(kService), 0);
 }
 
-TEST_F(JobHostServices, AServiceIsOneJobsOnly) {
+TEST_F(JobHostServices, AServiceBelongsToOneJob) {
   ASSERT_TRUE(submit(serviceJob()));
   const auto outcome = submit(serviceJob("com.example.other"));
   ASSERT_FALSE(outcome);
@@ -214,7 +214,7 @@ TEST_F(JobHostServices, AServiceIsOneJobsOnly) {
   EXPECT_EQ(connectTo(kService), 0);
 }
 
-TEST_F(JobHostServices, AServiceHasANameAsLongAsAFileMay) {
+TEST_F(JobHostServices, AServicesNameMayBeAsLongAsAFileName) {
   const std::string longest(255, 'n');
   Dictionary job = serviceJob();
   job.set("MachServices", Dictionary{{longest, true}});

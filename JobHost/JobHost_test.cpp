@@ -1,4 +1,4 @@
-// Submitting, starting again and asking.
+// Submitting, restarting and copying.
 
 #include <cerrno>
 #include <csignal>
@@ -22,7 +22,7 @@ using platform::Value;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-TEST_F(JobHostTest, ASubmittedJobHasAProcessWhenThatIsAnswered) {
+TEST_F(JobHostTest, ASubmissionIsAnsweredWhenTheJobHasAProcess) {
   ASSERT_TRUE(submit(job("com.example.a", {{"Unknown", "kept"}})));
   EXPECT_EQ(host_->copy("com.example.a"),
             Value(job("com.example.a", {{"Unknown", "kept"}, {"PID", 101}})));
@@ -44,7 +44,7 @@ TEST_F(JobHostTest, AnUnknownLabelHasNoDictionaryAndCannotBeRemoved) {
   EXPECT_THAT(outcome.error().localizedDescription, HasSubstr("com.example.a"));
 }
 
-TEST_F(JobHostTest, WhatASubmitterSaysOfProcessesIsNotBelieved) {
+TEST_F(JobHostTest, ASubmittedProcessIdOrExitStatusIsIgnored) {
   ASSERT_TRUE(submit(job(
       "com.example.a",
       {{"KeepAlive", false}, {"PID", 1}, {"LastExitStatus", 3}, {"LastExitStatusUnknown", true}})));
@@ -66,7 +66,7 @@ TEST_F(JobHostTest, AFirstStartThatFailsLeavesNoJob) {
   EXPECT_TRUE(host_->labels().empty());
 }
 
-TEST_F(JobHostTest, ALaterStartThatFailsIsTriedAgainAtTheThrottle) {
+TEST_F(JobHostTest, ALaterStartThatFailsIsRetriedAtTheThrottle) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(1h);
   processes_.failure = Error{ErrorCode::kSystem, ENOENT, "executing"};
@@ -84,7 +84,7 @@ TEST_F(JobHostTest, ALaterStartThatFailsIsTriedAgainAtTheThrottle) {
   EXPECT_EQ(sink_.count("tried again"), 2);
 }
 
-TEST_F(JobHostTest, WithoutAThrottleAFailingStartIsTriedOnceASecond) {
+TEST_F(JobHostTest, WithoutAThrottleAFailedStartIsRetriedOnceASecond) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
   processes_.failure = Error{ErrorCode::kSystem, ENOENT, "executing"};
   endLast();
@@ -101,7 +101,7 @@ TEST_F(JobHostTest, AJobOlderThanItsThrottleIsStartedAgainAtOnce) {
             Value(job("com.example.a", {{"PID", 102}, {"LastExitStatus", SIGSEGV}})));
 }
 
-TEST_F(JobHostTest, AYoungerOneIsStartedAgainWhenItsThrottleLetsIt) {
+TEST_F(JobHostTest, AYoungerJobIsStartedAgainWhenTheThrottleAllowsIt) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s - 1ns);
   endLast(ExitStatus{ExitStatus::Kind::kExited, 7});
@@ -112,7 +112,7 @@ TEST_F(JobHostTest, AYoungerOneIsStartedAgainWhenItsThrottleLetsIt) {
   EXPECT_EQ(starts(), 2);
 }
 
-TEST_F(JobHostTest, AThrottleOfZeroIsNone) {
+TEST_F(JobHostTest, AThrottleOfZeroDelaysNothing) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
   for (int i = 0; i < 5; ++i) endLast();
   EXPECT_EQ(starts(), 6);
@@ -127,7 +127,7 @@ TEST_F(JobHostTest, AJobThatIsNotKeptAliveStaysKnownAfterItsEnd) {
   EXPECT_TRUE(pid("com.example.a").isNil());
 }
 
-TEST_F(JobHostTest, SubmittingAKnownLabelLeavesItsProcessAloneAndCountsForTheNext) {
+TEST_F(JobHostTest, SubmittingAKnownLabelChangesTheNextStartOnly) {
   ASSERT_TRUE(submit(job("com.example.a")));
   loop_.advanceBy(10s);
   ASSERT_TRUE(submit(job("com.example.a", {{"Program", "/bin/false"}})));
@@ -137,7 +137,7 @@ TEST_F(JobHostTest, SubmittingAKnownLabelLeavesItsProcessAloneAndCountsForTheNex
   EXPECT_EQ(processes_.started.back().program, "/bin/false");
 }
 
-TEST_F(JobHostTest, SubmittingACrashingJobAgainDoesNotGetPastItsThrottle) {
+TEST_F(JobHostTest, SubmittingACrashingJobAgainDoesNotBypassTheThrottle) {
   ASSERT_TRUE(submit(job("com.example.a")));
   endLast(kSegmentationFault);
   for (int i = 0; i < 9; ++i) {
@@ -163,7 +163,7 @@ TEST_F(JobHostTest, AnAnswerIsNeverOlderThanAnExit) {
   ASSERT_TRUE(submit(job("com.example.a")));
   Value seen;
   loop_.post([&] {
-    // As when somebody who was woken by the exit asks at once.
+    // As when a client that was woken by the exit asks at once.
     processes_.end(101, kSegmentationFault);
     seen = host_->copy("com.example.a");
   });
@@ -172,7 +172,7 @@ TEST_F(JobHostTest, AnAnswerIsNeverOlderThanAnExit) {
   EXPECT_EQ(seen["LastExitStatus"], Value(SIGSEGV));
 }
 
-TEST_F(JobHostTest, AsManyJobsAsAllowedAndNoMore) {
+TEST_F(JobHostTest, TheMaximumNumberOfJobsIsAcceptedAndNotOneMore) {
   killHost();
   startHost(3);
   for (const char* label : {"a", "b", "c"}) ASSERT_TRUE(submit(job(label)));
@@ -184,9 +184,9 @@ TEST_F(JobHostTest, AsManyJobsAsAllowedAndNoMore) {
   EXPECT_TRUE(submit(job("d")));
 }
 
-TEST_F(JobHostTest, AnUnknownUserOrGroupIsRefusedWhateverWantsAProcess) {
+TEST_F(JobHostTest, AnUnknownUserOrGroupIsRejectedEvenWithoutAStart) {
   const auto refusal = [&](Dictionary more) {
-    more.set("KeepAlive", false);  // Nothing wants a process yet.
+    more.set("KeepAlive", false);  // No process is wanted yet.
     const auto outcome = submit(job("com.example.a", std::move(more)));
     EXPECT_FALSE(outcome);
     if (outcome) return std::string();

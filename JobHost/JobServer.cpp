@@ -25,7 +25,7 @@ PeerResult wrongArgument(const PeerMessage& message, const char* expected) {
       kNSInvalidArgumentException, fmt::format("{}: expected {}", message.selector, expected), {}});
 }
 
-// Who no longer listens has had the work done all the same: a failed answer concerns nobody.
+// If the caller has gone, its request was carried out all the same, so ignore a failed answer.
 void answer(const std::unique_ptr<PeerReply>& reply, const PeerResult& result) {
   static_cast<void>(reply->answer(result));
 }
@@ -42,8 +42,8 @@ Result<std::unique_ptr<JobServer>> JobServer::listen(RunLoop& loop, PeerTranspor
                                                      const std::string& path, std::uint32_t user,
                                                      JobHost& host, SystemLog& log) {
   std::unique_ptr<JobServer> server(new JobServer(loop, user, host, log));
-  // Only who may use it can open the socket (root always can); the credentials are looked at too,
-  // since an administrator may change the mode.
+  // The mode lets only the host's user open the socket (and root always). The credentials are
+  // checked too, because an administrator may change the mode.
   auto listener = transport.listen(
       path, {.socketMode = 0600}, [raw = server.get()](std::unique_ptr<PeerConnection> connection) {
         raw->accept(std::move(connection));
@@ -59,8 +59,8 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
   if (isAllowed) {
     connection->admit();
   } else {
-    // It keeps the place of one who has not been admitted, for as long as that lasts: enough to be
-    // told.
+    // Don't admit it. It keeps an unadmitted peer's place for as long as that lasts, which is
+    // enough to be told.
     refusals_.write(
         fmt::format("process {} of user {} may not use the jobs", peer.process, peer.user));
   }
@@ -69,8 +69,8 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
       {.message = [this, isAllowed](PeerMessage message) { serve(isAllowed, std::move(message)); },
        .death =
            [this, id, isAllowed, peer](const Error& why) {
-             // Who goes by itself is nothing to tell of, and who may not use the jobs has been told
-             // of already.
+             // Don't log a peer that closed its connection, nor one whose refusal was logged when
+             // it connected.
              if (isAllowed && why.code != ErrorCode::kNotFound) {
                refusals_.write(fmt::format("process {} of user {} was cut off: {}", peer.process,
                                            peer.user, describe(why)));
@@ -81,7 +81,7 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
 }
 
 void JobServer::serve(bool isAllowed, PeerMessage message) {
-  if (!message.reply) return;  // There is nothing that could be said one way.
+  if (!message.reply) return;  // No message of this host is one-way.
   if (message.selector == kMayChangeJobsMessage) return answer(message.reply, Value(isAllowed));
   if (isAllowed) return serveAllowed(std::move(message));
   answer(
@@ -124,7 +124,7 @@ void JobServer::remove(PeerMessage message) {
     return host_.remove(*label, answering(std::move(message.reply)));
   }
   host_.remove(*label, [&log = log_](const JobHost::Outcome& outcome) {
-    if (outcome) return;  // Nobody waits for it.
+    if (outcome) return;  // No caller waits for it.
     log.asl_log(nullptr, ASL_LEVEL_ERR, outcome.error().localizedDescription);
   });
   answer(message.reply, Value());
@@ -134,7 +134,7 @@ Value JobServer::copyStates() {
   Dictionary states;
   for (const std::string& label : host_.labels()) {
     const Value job = host_.copy(label);
-    if (job.isNil()) continue;  // To look at it was to learn that it has gone.
+    if (job.isNil()) continue;  // copy() has found its end, which finished its removal.
     Dictionary state;
     for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
       if (!job[key].isNil()) state.set(key, job[key]);

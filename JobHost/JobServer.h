@@ -16,12 +16,12 @@
 namespace jobhost {
 
 // Serves the host's jobs to other processes (Platform/Linux/Jobs/JobHostMessages.h). Root and the
-// user whom the host runs under may change and read them, by the kernel's word on who has
-// connected; everybody else is told that they may not. Belongs to the run loop's thread.
+// host's own user may change and read them. The kernel's credentials of the connection decide.
+// Every other caller is told that it may not. Belongs to the run loop's thread.
 class JobServer {
  public:
-  // Takes the socket at `path`, in a folder that exists. `user` is the one whom this host runs
-  // under. The references outlive this.
+  // Listens on the socket at `path`, whose folder exists. `user` is the host's own user. The
+  // references outlive this.
   static platform::Result<std::unique_ptr<JobServer>> listen(platform::RunLoop& loop,
                                                              platform::PeerTransport& transport,
                                                              const std::string& path,
@@ -50,7 +50,8 @@ class JobServer {
   platform::RefusalLog refusals_;
   std::map<ClientId, std::unique_ptr<platform::PeerConnection>> clients_;
   ClientId lastClient_ = 0;
-  std::unique_ptr<platform::PeerListener> listener_;  // Ends first: it calls accept().
+  std::unique_ptr<platform::PeerListener>
+      listener_;  // Last, to be destroyed first: it calls accept().
 };
 
 }  // namespace jobhost

@@ -31,7 +31,7 @@ constexpr char kSocket[] = "/run/vantor/launchd";
 constexpr char kAgent[] = "com.example.agent";
 constexpr std::uint32_t kHostsUser = 500;
 
-// A process of this user that is connected to the host's socket.
+// A process of a user, connected to the host's socket.
 struct Client {
   Client(FakePeerNetwork& network, std::uint32_t user)
       : transport(network, PeerCredentials{77, user, user}) {
@@ -59,7 +59,7 @@ class JobServerTest : public testing::Test {
     rootClient_.emplace(network_, 0);
   }
 
-  // Asks, and lets the host do what it can at once.
+  // Sends a request, and runs what the host can do at once.
   Answer ask(Client& client, const char* selector, const Array& arguments) {
     auto answer = std::make_shared<std::optional<PeerResult>>();
     client.connection->callAsync(selector, arguments, 1h,
@@ -71,7 +71,7 @@ class JobServerTest : public testing::Test {
     return ask(*rootClient_, selector, arguments);
   }
 
-  // The result of what is answered at once.
+  // The result of an answer that has already come.
   static Value value(const Answer& answer) {
     EXPECT_TRUE(*answer) << "no answer";
     if (!*answer) return {};
@@ -113,19 +113,19 @@ class JobServerTest : public testing::Test {
   std::optional<Client> rootClient_;
 };
 
-TEST_F(JobServerTest, ASubmitIsAnsweredWhenTheProcessRuns) {
+TEST_F(JobServerTest, ASubmissionIsAnsweredWhenTheProcessRuns) {
   EXPECT_EQ(value(ask(kSubmitJobMessage, {job()})), Value());
   ASSERT_EQ(processes_.started.size(), 1u);
   EXPECT_EQ(processes_.started[0].label, kAgent);
 }
 
-TEST_F(JobServerTest, ASubmitWhoseProcessCannotBeStartedIsRefusedWithTheReason) {
+TEST_F(JobServerTest, ASubmissionWhoseStartFailsIsRejectedWithTheReason) {
   processes_.failure = Error{ErrorCode::kSystem, ENOEXEC, "executing /opt/agent"};
   expectError(ask(kSubmitJobMessage, {job()}), LaunchdError::kInternal, "executing /opt/agent");
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
-TEST_F(JobServerTest, AnImpossibleDictionaryIsRefusedWithLabelAndKey) {
+TEST_F(JobServerTest, AnInvalidDictionaryIsRejectedWithLabelAndKey) {
   expectError(ask(kSubmitJobMessage, {job({{"KeepAlive", "yes"}})}), LaunchdError::kInvalidJob,
               "job \"com.example.agent\": key \"KeepAlive\": expected a boolean");
   expectError(ask(kSubmitJobMessage, {"text"}), LaunchdError::kInvalidJob, "expected a dictionary");
@@ -142,7 +142,7 @@ TEST_F(JobServerTest, AJobIsCopiedWithItsProcess) {
   EXPECT_TRUE(value(ask(kCopyJobMessage, {"com.example.other"})).isNil());
 }
 
-TEST_F(JobServerTest, TheStatesAreThoseOfAllJobs) {
+TEST_F(JobServerTest, TheStatesOfAllJobsAreCopied) {
   EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
   submitJob();
   processes_.end(lastProcess(), ExitStatus{ExitStatus::Kind::kExited, 3});
@@ -153,7 +153,7 @@ TEST_F(JobServerTest, TheStatesAreThoseOfAllJobs) {
                              {kAgent, Dictionary{{"LastExitStatus", 3 << 8}}}}));
 }
 
-TEST_F(JobServerTest, AJobThatIsFoundToHaveGoneHasNoState) {
+TEST_F(JobServerTest, AJobWhoseRemovalHasJustFinishedHasNoState) {
   submitJob();
   processes_.obeysTermination = false;
   const Answer removed = ask(kRemoveJobMessage, {kAgent, true});
@@ -183,7 +183,7 @@ TEST_F(JobServerTest, ARemovalThatDoesNotWaitIsAnsweredAtOnce) {
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
-TEST_F(JobServerTest, AJobThatIsNotThereCannotBeRemoved) {
+TEST_F(JobServerTest, AMissingJobCannotBeRemoved) {
   expectError(ask(kRemoveJobMessage, {kAgent, true}), LaunchdError::kNoSuchJob, kAgent);
   expectError(ask(kRemoveJobMessage, {kAgent, false}), LaunchdError::kNoSuchJob, kAgent);
 }
@@ -196,7 +196,7 @@ TEST_F(JobServerTest, TheHostsUserMayWhatRootMay) {
   EXPECT_EQ(error(ask(client, kRemoveJobMessage, {kAgent, true})), std::nullopt);
 }
 
-TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
+TEST_F(JobServerTest, OtherUsersAreToldThatTheyMayNot) {
   submitJob();
   Client client(network_, kHostsUser + 1);
   EXPECT_EQ(value(ask(client, kMayChangeJobsMessage, {})), Value(false));
@@ -216,14 +216,14 @@ TEST_F(JobServerTest, EverybodyElseIsToldThatTheyMayNot) {
   EXPECT_TRUE(processes_.isAlive(lastProcess()));
 }
 
-TEST_F(JobServerTest, WhoIsRefusedIsLoggedOnce) {
+TEST_F(JobServerTest, ARefusedClientIsLoggedOnce) {
   Client client(network_, kHostsUser + 1);
   ask(client, kCopyJobMessage, {kAgent});
   ask(client, kCopyJobMessage, {kAgent});
   EXPECT_EQ(sink_.count("process 77 of user 501 may not use the jobs"), 1u);
 }
 
-TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
+TEST_F(JobServerTest, AClientThatReadsNoAnswersIsCutOffAndLoggedOnce) {
   submitJob({{"Comment", std::string(kMaxPeerUnreadBytes / 5, 'x')}});
   Client client(network_, kHostsUser);
   client.transport.hang();
@@ -232,7 +232,7 @@ TEST_F(JobServerTest, WhoLeavesItsAnswersUnreadIsCutOffAndLoggedOnce) {
             1u);
 }
 
-TEST_F(JobServerTest, WhoGoesByItselfIsNotLogged) {
+TEST_F(JobServerTest, AClientThatDisconnectsIsNotLogged) {
   const std::size_t before = sink_.texts().size();
   Client client(network_, kHostsUser);
   ask(client, kCopyJobMessage, {kAgent});
@@ -241,12 +241,12 @@ TEST_F(JobServerTest, WhoGoesByItselfIsNotLogged) {
   EXPECT_EQ(sink_.texts().size(), before);
 }
 
-TEST_F(JobServerTest, AFloodOfTheRefusedIsNoFloodOfLines) {
+TEST_F(JobServerTest, AFloodOfRefusalsIsNoFloodOfLogLines) {
   for (std::size_t i = 0; i <= RefusalLog::kLinesPerPeriod; ++i) Client(network_, kHostsUser + 1);
   EXPECT_EQ(sink_.count("may not use the jobs"), RefusalLog::kLinesPerPeriod);
 }
 
-TEST_F(JobServerTest, WhoIsRefusedKeepsNoPlaceForLong) {
+TEST_F(JobServerTest, ARefusedClientKeepsItsPlaceForAShortTime) {
   Client client(network_, kHostsUser + 1);
   bool died = false;
   client.connection->setHandlers({.message = {}, .death = [&](const Error&) { died = true; }});
@@ -273,7 +273,7 @@ TEST_F(JobServerTest, AMessageThatWantsNoAnswerDoesNothing) {
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
-TEST_F(JobServerTest, WhatAClientAskedForIsDoneAlsoWhenItGoes) {
+TEST_F(JobServerTest, ARequestIsCarriedOutAfterItsClientHasGone) {
   submitJob();
   processes_.obeysTermination = false;
   ask(kRemoveJobMessage, {kAgent, true});

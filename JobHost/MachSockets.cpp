@@ -26,11 +26,11 @@ using platform::Result;
 using platform::systemError;
 using platform::UniqueFd;
 
-// Who may talk is decided by those who talk; the name only has to be found.
+// Every user may connect: the service itself decides which callers it serves.
 constexpr mode_t kSocketMode = 0666;
 
-// The name that a service's socket is bound by before it gets its own: short enough for an address
-// whatever the service is called, and what a socket still says of itself afterwards.
+// The name that a service's socket is bound by before it is renamed to its own. It is short enough
+// for an address however long the service's name is, and getsockname() still tells it afterwards.
 std::string boundName(std::string_view service) {
   std::uint64_t hash = 0xcbf29ce484222325;
   for (const char byte : service) {
@@ -45,7 +45,7 @@ bool isOption(int socket, int option, int expected) {
   return ::getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 && value == expected;
 }
 
-// Whether the socket was bound by the name that sockets of this service are bound by.
+// Whether the socket was bound by boundName(service).
 bool wasBoundAs(int socket, const std::string& service) {
   sockaddr_un address{};
   socklen_t size = sizeof address;
@@ -58,13 +58,14 @@ bool wasBoundAs(int socket, const std::string& service) {
   return path.ends_with("/" + boundName(service));
 }
 
-// Whether who connects to this file of the service reaches the socket.
+// Whether a client that connects to this file reaches the socket.
 bool isBoundTo(int socket, const struct stat& status, const std::string& service) {
   const auto file = boundFileOf(socket);
   if (file && file->inode != static_cast<std::uint32_t>(status.st_ino)) return false;
   if (file && file->device == status.st_dev) return true;
-  // The kernel can't tell, or means another device than stat() does, as on an overlay of several
-  // file systems. The name is the socket's own word, but a wrong one harms this service alone.
+  // The kernel can't tell, or reports another device than stat() does, as on an overlay of several
+  // file systems. Trust the name that the socket was bound by: the job's own process could fake it,
+  // but harms only this service.
   return wasBoundAs(socket, service);
 }
 

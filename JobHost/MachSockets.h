@@ -10,25 +10,25 @@
 
 namespace jobhost {
 
-// The listening sockets of jobs' services, each a name in one folder. They stay bound for as long
-// as their job is known, so that whoever connects while its process is being started again waits
-// in the backlog and is not refused.
+// The listening sockets of jobs' services, each with a name in one folder. A socket stays bound for
+// as long as its job is known, so that a client that connects while the process is being restarted
+// waits in the backlog and is not refused.
 class MachSockets {
  public:
   // `folder` exists.
   static platform::Result<MachSockets> open(const std::string& folder);
 
-  // The socket of `service`, bound now if it was not, in the place of whatever had its name. It
-  // stays the property of this. kInvalid where it is another job's.
+  // The socket of `service`. Binds it if it is not bound, and replaces any file of that name. This
+  // keeps owning it. kInvalid if it is another job's.
   platform::Result<platform::Descriptor> listen(const std::string& service, std::string_view label);
 
-  // Keeps a socket that another host bound and a process of the job still had. Whether it is the
-  // one that is connected to by that name.
+  // Keeps a socket that another host bound and a process of the job still has. False if clients
+  // that connect by the name do not reach it.
   bool takeOver(const std::string& service, std::string_view label, platform::UniqueFd socket);
 
-  // Closes it and takes its name away, where it is this job's.
+  // Closes the socket and removes its name, if it is this job's.
   void close(const std::string& service, std::string_view label);
-  // Takes the name of a service away that has no socket here, if there is one.
+  // Removes the name of a service that has no socket here.
   void removeName(const std::string& service);
 
  private:

@@ -20,7 +20,7 @@ using platform::UniqueFd;
 constexpr char kService[] = "com.example.service";
 constexpr char kJob[] = "com.example.job";
 
-// The socket that one host has bound, as a process of the job still has it, and the next host.
+// A socket that one host has bound, as a process of the job still has it, and the next host.
 class MachSocketsTest : public testing::Test {
  protected:
   MachSocketsTest() {
@@ -38,7 +38,7 @@ class MachSocketsTest : public testing::Test {
 
   bool isTakenOver(UniqueFd socket) { return next_.takeOver(kService, kJob, std::move(socket)); }
 
-  // The end of the path that the service's sockets are bound by.
+  // The file name that the service's sockets are bound by.
   std::string boundName() const {
     sockaddr_un address{};
     socklen_t size = sizeof address;
@@ -78,7 +78,7 @@ TEST_F(MachSocketsTest, ASocketBoundElsewhereByTheSameNameIsNotTakenOver) {
   EXPECT_FALSE(isTakenOver(listenAt(folder_.path("elsewhere/" + boundName()))));
 }
 
-TEST_F(MachSocketsTest, ASocketWhoseNameAnotherHasTakenIsNotTakenOver) {
+TEST_F(MachSocketsTest, ASocketWhoseNameMeansAnotherIsNotTakenOver) {
   ASSERT_EQ(::unlink(folder_.path(kService).c_str()), 0);
   const UniqueFd other = listenAt(folder_.path(kService));
   EXPECT_FALSE(isTakenOver(std::move(socket_)));
@@ -89,13 +89,13 @@ TEST_F(MachSocketsTest, ASocketWithoutANameIsNotTakenOver) {
   EXPECT_FALSE(isTakenOver(std::move(socket_)));
 }
 
-TEST_F(MachSocketsTest, WhatDoesNotListenIsNotTakenOver) {
+TEST_F(MachSocketsTest, ASocketThatDoesNotListenIsNotTakenOver) {
   ASSERT_EQ(::unlink(folder_.path(kService).c_str()), 0);
   EXPECT_FALSE(isTakenOver(bindTo(folder_.path(kService))));
   EXPECT_FALSE(isTakenOver(UniqueFd(::dup(STDIN_FILENO))));
 }
 
-TEST_F(MachSocketsTest, TheFileThatASocketIsBoundToIsTheKernelsAnswer) {
+TEST_F(MachSocketsTest, TheKernelTellsWhichFileASocketIsBoundTo) {
   const auto file = boundFileOf(socket_.get());
   if (!file) GTEST_SKIP() << "this kernel has no diagnosis of Unix sockets";
   struct stat status{};

@@ -13,7 +13,7 @@ using platform::Duration;
 using platform::ExitStatus;
 using platform::Instant;
 
-constexpr Duration kLeastRetryInterval = std::chrono::seconds(1);
+constexpr Duration kMinimumRetryInterval = std::chrono::seconds(1);
 
 constexpr std::array kCrashes{SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS};
 
@@ -47,18 +47,17 @@ Instant earliestStart(const RestartRules& rules, std::optional<Instant> lastStar
 }
 
 Instant earliestRetry(const RestartRules& rules, Instant failedStart) {
-  return after(failedStart, std::max(rules.throttleInterval, kLeastRetryInterval));
+  return after(failedStart, std::max(rules.throttleInterval, kMinimumRetryInterval));
 }
 
 JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool mayStart) {
-  // What is being removed only ends, and a process that runs is left alone by whatever is not its
-  // end.
+  // A job that is being removed only ends. A running process is affected only by its own end.
   if (phase == JobPhase::kRemoving) return JobAction::kNothing;
   if (phase == JobPhase::kRunning && event != JobEvent::kProcessEnded) return JobAction::kNothing;
   switch (event) {
     case JobEvent::kSubmitted:
     case JobEvent::kProcessEnded:
-      if (!wantsProcess) return JobAction::kRest;
+      if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
     case JobEvent::kStartFailed:
       return JobAction::kWait;

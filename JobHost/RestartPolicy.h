@@ -8,57 +8,57 @@
 
 namespace jobhost {
 
-// When a job's processes are started. Decisions only: who calls does what they say.
+// Decides when a job's processes are started. It only decides: JobHost carries the decisions out.
 
-// What of a definition decides it.
+// The part of a definition that decides about starts.
 struct RestartRules {
   KeepAlive keepAlive;
   bool runAtLoad = false;
   platform::Duration throttleInterval{};
 };
 
-// What a job is doing.
+// The phase that a job is in.
 enum class JobPhase : unsigned char {
-  kIdle,      // nothing wants a process of it
-  kWaiting,   // a process is wanted as soon as the throttle lets it start
+  kIdle,      // no process is wanted
+  kWaiting,   // a process is wanted once the throttle allows it
   kRunning,   // it has a process
-  kRemoving,  // its processes are on their way to their end, and the job with them
+  kRemoving,  // its processes are being ended, then the job is forgotten
 };
 
 enum class JobEvent {
-  kSubmitted,     // its definition has come, or has been replaced
-  kProcessEnded,  // with what `wantsProcess` says of that end
+  kSubmitted,     // its definition is new, or has been replaced
+  kProcessEnded,  // `wantsProcess` is wantsProcessAfter() of that end
   kStartFailed,
-  kDue,  // the throttle lets it start
+  kDue,  // the throttle allows a start
 };
 
 enum class JobAction {
   kNothing,
   kStart,
   kWait,  // for the throttle
-  kRest,  // becomes idle
+  kBecomeIdle,
 };
 
-// Whether a definition that has just come wants a process at once. A condition on how processes end
-// needs a first one that can end.
+// Whether a definition that was just submitted or loaded wants a process at once. A condition on
+// how processes end needs a first process that can end.
 bool wantsProcessAtLoad(const RestartRules& rules);
 
-// Whether it wants another process after this end. Each of its conditions is enough. An end that
-// nobody could be told of was no success; whether it was a crash can't be known, and then a process
-// too many, which the throttle bounds, is better than one that is missing.
+// Whether it wants another process after this end. Each condition suffices. An unknown end counts
+// as no success, and both as a crash and as none: an unneeded process is bounded by the throttle, a
+// missing one would be worse.
 bool wantsProcessAfter(const RestartRules& rules, const Ending& ending);
 
-// Whether a process that ended by this signal crashed, or was told to end.
+// Whether this signal means a crash, not a request to end.
 bool isCrash(int signal);
 
-// The first moment at which a process may be started, where the last one was at `lastStart`.
+// The earliest time of the next start after one at `lastStart`.
 platform::Instant earliestStart(const RestartRules& rules,
                                 std::optional<platform::Instant> lastStart);
-// The same after a start that failed: it costs as much as one that succeeds, so that without a
-// throttle it is tried again only every second.
+// The same after a failed start. A failed start costs as much as one that succeeds, so without a
+// throttle it is retried only every second.
 platform::Instant earliestRetry(const RestartRules& rules, platform::Instant failedStart);
 
-// The next step of a job that is in `phase`, when `event` happens.
+// The next step of a job in `phase` when `event` happens.
 JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool mayStart);
 
 }  // namespace jobhost

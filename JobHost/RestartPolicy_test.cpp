@@ -24,7 +24,7 @@ RestartRules rulesOf(KeepAlive keepAlive, bool runAtLoad = false,
   return {keepAlive, runAtLoad, throttle};
 }
 
-TEST(RestartPolicy, ADefinitionSaysWhetherItWantsAProcessAtOnce) {
+TEST(RestartPolicy, RunAtLoadAndKeepAliveWantAProcessAtOnce) {
   EXPECT_FALSE(wantsProcessAtLoad(rulesOf({})));
   EXPECT_TRUE(wantsProcessAtLoad(rulesOf({}, true)));
   EXPECT_TRUE(wantsProcessAtLoad(rulesOf({true, {}, {}})));
@@ -47,7 +47,7 @@ TEST(RestartPolicy, KeepAliveDecidesByTheEnd) {
       {{false, false, {}}, false, true, true, true, true},
       {{false, {}, true}, false, false, true, false, true},
       {{false, {}, false}, true, true, false, true, true},
-      // Each condition is enough.
+      // Each condition suffices.
       {{false, true, true}, true, false, true, false, true},
       {{false, false, false}, true, true, true, true, true},
   };
@@ -78,7 +78,7 @@ TEST(RestartPolicy, TheSignalsOfFaultsAreCrashes) {
   }
 }
 
-TEST(RestartPolicy, AStartIsOneThrottleIntervalAfterTheLastOne) {
+TEST(RestartPolicy, StartsAreOneThrottleIntervalApart) {
   const Instant start(1h);
   EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), std::nullopt), Instant::min());
   EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), start), start + 10s);
@@ -86,32 +86,32 @@ TEST(RestartPolicy, AStartIsOneThrottleIntervalAfterTheLastOne) {
   EXPECT_EQ(earliestStart(rulesOf({}, false, platform::Duration::max()), start), Instant::max());
 }
 
-TEST(RestartPolicy, AFailedStartIsNeverTriedAgainWithinASecond) {
+TEST(RestartPolicy, AFailedStartIsNotRetriedWithinASecond) {
   const Instant start(1h);
   EXPECT_EQ(earliestRetry(rulesOf({}, false, 0s), start), start + 1s);
   EXPECT_EQ(earliestRetry(rulesOf({}, false, 1s), start), start + 1s);
   EXPECT_EQ(earliestRetry(rulesOf({}, false, 2s), start), start + 2s);
 }
 
-TEST(RestartPolicy, WhatHappensNextFollowsFromPhaseAndEvent) {
+TEST(RestartPolicy, TheNextActionFollowsFromPhaseAndEvent) {
   using enum JobAction;
   struct Row {
     JobPhase phase;
     JobEvent event;
-    // Wanted and allowed, wanted only, allowed only.
+    // A start is wanted and allowed, only wanted, only allowed.
     JobAction start, wait, rest;
   };
   const Row rows[] = {
-      {JobPhase::kIdle, JobEvent::kSubmitted, kStart, kWait, kRest},
-      {JobPhase::kIdle, JobEvent::kProcessEnded, kStart, kWait, kRest},
+      {JobPhase::kIdle, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
+      {JobPhase::kIdle, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
       {JobPhase::kIdle, JobEvent::kStartFailed, kWait, kWait, kWait},
       {JobPhase::kIdle, JobEvent::kDue, kNothing, kNothing, kNothing},
-      {JobPhase::kWaiting, JobEvent::kSubmitted, kStart, kWait, kRest},
-      {JobPhase::kWaiting, JobEvent::kProcessEnded, kStart, kWait, kRest},
+      {JobPhase::kWaiting, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
+      {JobPhase::kWaiting, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
       {JobPhase::kWaiting, JobEvent::kStartFailed, kWait, kWait, kWait},
       {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kStart},
       {JobPhase::kRunning, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
-      {JobPhase::kRunning, JobEvent::kProcessEnded, kStart, kWait, kRest},
+      {JobPhase::kRunning, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
       {JobPhase::kRunning, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kDue, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kSubmitted, kNothing, kNothing, kNothing},

@@ -22,7 +22,7 @@ constexpr std::size_t kMaximumBootIdBytes = 64;
 
 Result<void> makeFolder(const std::string& path) {
   if (::mkdir(path.c_str(), kFolderMode) == 0) {
-    // The umask may have taken from it.
+    // The umask may have cleared bits of the mode.
     if (::chmod(path.c_str(), kFolderMode) == 0) return {};
   } else if (errno == EEXIST) {
     return {};

@@ -11,12 +11,11 @@ struct RuntimeFolders {
   std::string mach;     // the sockets of jobs' services
 };
 
-// The folders below `root` that the host writes, made where they are missing. Others may look into
-// them but must not be able to write: kDenied where they can, or where one is somebody else's or a
-// symbolic link.
+// The folders below `root` that the host writes. Makes them if they are missing. Others may read
+// them but not write: kDenied if they can, or if one belongs to another user or is a symbolic link.
 platform::Result<RuntimeFolders> makeRuntimeFolders(const std::string& root);
 
-// The number of the boot that goes on.
+// The id of the current boot.
 platform::Result<std::string> readBootId();
 
 }  // namespace jobhost

@@ -1,5 +1,5 @@
-// The job host: runs until it is asked to end, and then ends its jobs. Killed, it leaves them to
-// the host that is started next. It has no options.
+// The job host: runs until SIGTERM or SIGINT, and then ends its jobs. If it is killed, the next
+// host takes them over. It has no options.
 
 #include <csignal>
 #include <cstdio>
@@ -21,21 +21,22 @@
 
 namespace {
 
-// Keeps a request to end from being acted on while the host is created, and tells whether there is
-// one: the loop, which would hear it, does not run then. To be made before there are other threads,
-// which would hear it in the place of this one.
-class HeldTermination {
+// Blocks SIGTERM and SIGINT while the host is created, when the loop, which handles them, does not
+// run. Tells whether one is pending. Must be made before there are other threads, which would
+// receive the signals instead.
+class TerminationBlocked {
  public:
-  HeldTermination() {
+  TerminationBlocked() {
     ::sigemptyset(&signals_);
     ::sigaddset(&signals_, SIGTERM);
     ::sigaddset(&signals_, SIGINT);
     ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
   }
-  HeldTermination(const HeldTermination&) = delete;
-  HeldTermination& operator=(const HeldTermination&) = delete;
-  // Also where they were blocked by whoever started this: nothing else would end it.
-  ~HeldTermination() { ::pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr); }
+  TerminationBlocked(const TerminationBlocked&) = delete;
+  TerminationBlocked& operator=(const TerminationBlocked&) = delete;
+  // Unblocks them even if they were blocked at the program's start: nothing else would stop the
+  // host.
+  ~TerminationBlocked() { ::pthread_sigmask(SIG_UNBLOCK, &signals_, nullptr); }
 
   static bool isPending() {
     sigset_t pending;
@@ -55,17 +56,17 @@ int fail(const platform::Error& error) {
 }  // namespace
 
 int main() {
-  std::optional<HeldTermination> held(std::in_place);
+  std::optional<TerminationBlocked> blocked(std::in_place);
   auto made = platform::LinuxPlatform::make();
   if (!made) return fail(made.error());
   platform::LinuxPlatform& linux = **made;
-  // Nobody reads what a service says to its standard error.
+  // Nobody reads the standard error of a service.
   const auto fail = [&linux](const platform::Error& error) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
                             "the job host does not start: " + platform::describe(error));
     return ::fail(error);
   };
-  // Every other program of the root registers its connections there.
+  // All other programs of the root register their connections in this folder.
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
     return fail(folder.error());
   }
@@ -75,9 +76,8 @@ int main() {
   if (!processes) return fail(processes.error());
   std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;
-  // Before the first job is started: whoever ends a host that is still starting its daemons wants
-  // those that it has started ended too. The request is heard when the loop runs, and then there is
-  // a host.
+  // Watch before the first job is started: a stop request during the start also ends the daemons
+  // that were started. The handler runs when the loop does, and then there is a host.
   const auto termination = linux.terminationSignals.watchTermination([&] {
     if (std::exchange(isStopping, true)) return;
     static_cast<void>(linux.readiness.announceStopping());
@@ -87,12 +87,12 @@ int main() {
   jobhost::JobHostOptions options;
   options.root = linux.configuration.root;
   options.bootId = *std::move(bootId);
-  options.isAskedToEnd = &HeldTermination::isPending;
+  options.isStopRequested = &TerminationBlocked::isPending;
   auto created =
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
   if (!created) return fail(created.error());
   host = *std::move(created);
-  held.reset();
+  blocked.reset();
 
   const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
                                                  platform::jobHostSocket(linux.configuration.root),

@@ -31,8 +31,8 @@ constexpr std::string_view kSuffix = ".plist";
 constexpr std::size_t kMaximumFileBytes = std::size_t{4} << 20;
 
 struct Plists {
-  std::set<std::string> names;  // the first of them
-  std::size_t left = 0;         // how many more there are
+  std::set<std::string> names;  // the first ones
+  std::size_t left = 0;         // how many were left out
 };
 
 Result<Plists> plistsIn(const std::string& path) {
@@ -57,7 +57,7 @@ Result<Plists> plistsIn(const std::string& path) {
     if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
     plists.names.emplace(name);
     if (plists.names.size() <= kMaximumDaemonFiles) continue;
-    // By their names, so that it does not depend on how the folder lies on the disk which they are.
+    // Leave out the last by name, so that the choice does not depend on the folder's order on disk.
     plists.names.erase(std::prev(plists.names.end()));
     ++plists.left;
   }

@@ -40,14 +40,14 @@ class DaemonFolderTest : public testing::Test {
   platform::TemporaryFolder root_;
 };
 
-TEST_F(DaemonFolderTest, AMissingFolderIsAnEmptyOne) {
+TEST_F(DaemonFolderTest, AMissingFolderCountsAsEmpty) {
   const DaemonFolder folder = read();
   EXPECT_THAT(folder.definitions, IsEmpty());
   EXPECT_THAT(folder.faults, IsEmpty());
 }
 
-TEST_F(DaemonFolderTest, OfTooManyFilesThoseWithTheFirstNamesAreLoaded) {
-  // Made from the last to the first: it is their names that count.
+TEST_F(DaemonFolderTest, TheFilesWithTheFirstNamesAreLoadedIfThereAreTooMany) {
+  // Made from the last to the first, because only the names count.
   for (std::size_t number = kMaximumDaemonFiles - 1; number > 0; --number) add(number);
   EXPECT_EQ(read().definitions.size(), kMaximumDaemonFiles - 1);
   add(0);
@@ -67,7 +67,7 @@ TEST_F(DaemonFolderTest, OfTooManyFilesThoseWithTheFirstNamesAreLoaded) {
                                 HasSubstr("behind \"04095.plist\" are not loaded"))));
 }
 
-TEST_F(DaemonFolderTest, AFileIsReadUpToItsLargestSize) {
+TEST_F(DaemonFolderTest, AFileIsReadUpToTheMaximumSize) {
   for (const std::size_t size : {kMaximumFileBytes - 1, kMaximumFileBytes, kMaximumFileBytes + 1}) {
     std::string contents = plist("a");
     contents.resize(size, '\n');
@@ -82,7 +82,8 @@ TEST_F(DaemonFolderTest, AFileIsReadUpToItsLargestSize) {
   }
 }
 
-// Who may write the folder may put any file of root's own there, whoever wrote that and for what.
+// A user who can write the folder could move a file of root's there, one written for another
+// purpose.
 TEST_F(DaemonFolderTest, AFolderThatOthersCanWriteIsNotRead) {
   add(0);
   const std::string path = root_.path("daemons");

@@ -104,7 +104,7 @@ Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
 }
 
 Result<void> checkAccount(const JobDefinition& job) {
-  // One after the other, since the text names the key.
+  // Check one after the other, because the text names the key.
   const auto check = [&](const char* key, const std::optional<std::string>& user,
                          const std::optional<std::string>& group) -> Result<void> {
     const auto account = lookUpAccount(user, group);

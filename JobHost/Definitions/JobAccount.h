@@ -11,7 +11,7 @@
 
 namespace jobhost {
 
-// Whom a job runs as.
+// The account that a job runs as.
 struct JobAccount {
   uid_t user = 0;
   gid_t group = 0;
@@ -21,15 +21,15 @@ struct JobAccount {
   std::string shell;
 };
 
-// The account of the user `userName`, or of the user that the host runs as; with the group
-// `groupName` in place of its own where one is given. kNotFound, with a text that says which of
-// the two, where the system does not know it. May block on the name service.
+// The account of the user `userName`, or of the user that the host runs as. If `groupName` is
+// given, it replaces the user's own group. kNotFound, with a text that says which of the two, if
+// the system does not know it. May block on the name service.
 platform::Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
                                            const std::optional<std::string>& groupName);
 
-// Whether the system knows the user and the group of the job. kInvalid, with a text that names the
-// label, the key and the name, where it does not; another error where nobody can tell. May block on
-// the name service.
+// Whether the system knows the job's user and group. kInvalid, with a text that names the label,
+// the key and the name, if it does not. Another error if the lookup fails. May block on the name
+// service.
 platform::Result<void> checkAccount(const JobDefinition& job);
 
 }  // namespace jobhost

@@ -16,7 +16,7 @@ using platform::Error;
 using platform::ErrorCode;
 using platform::Value;
 
-// What a dictionary costs, and whether the host's state file can hold it.
+// Measures a dictionary, and checks that the state file can hold it.
 class Measure {
  public:
   Fault take(const Value& value) {
@@ -83,7 +83,7 @@ class Measure {
   std::size_t depth_ = 0;
 };
 
-// What no key by itself can tell.
+// Checks that concern more than one key.
 Fault complete(JobDefinition& definition) {
   if (definition.label.empty()) return "key \"Label\": expected a string, found no such key";
   if (definition.program.empty()) {
@@ -112,7 +112,7 @@ Fault complete(JobDefinition& definition) {
   return std::nullopt;
 }
 
-// "job "LABEL": " as far as there is a label that can be shown.
+// "job "LABEL": ", or a text for a dictionary without a label.
 std::string prefix(const Value& dictionary) {
   const std::string* label = dictionary["Label"].string();
   return label ? fmt::format("job {}: ", platform::quotedInMessage(*label))

@@ -16,19 +16,19 @@
 
 namespace jobhost {
 
-// When a job whose process has ended is started again.
+// The conditions under which a job is restarted after its process has ended.
 struct KeepAlive {
-  // What "KeepAlive" says of every end.
+  // "KeepAlive" as a boolean: after every end.
   bool always = false;
   // "SuccessfulExit": only after ends with status 0 (true), or only after others (false).
   std::optional<bool> successfulExit;
-  // "Crashed": only after ends by a signal that crashes leave (true), or only after others (false).
+  // "Crashed": only after ends by a crash's signal (true), or only after others (false).
   std::optional<bool> crashed;
 
   bool operator==(const KeepAlive&) const = default;
 };
 
-// One limit of a resource; nothing where the dictionary leaves it as the host has it.
+// One limit of a resource. Empty if the dictionary keeps the host's limit.
 struct ResourceLimit {
   int resource = 0;  // RLIMIT_…
   std::optional<rlim_t> soft;
@@ -37,7 +37,7 @@ struct ResourceLimit {
   bool operator==(const ResourceLimit&) const = default;
 };
 
-// A job's dictionary, checked: what the host needs to start it and to decide about it.
+// A job's dictionary, checked: all that the host needs to start it and to decide about it.
 struct JobDefinition {
   std::string label;
   std::string program;                 // the path to execute, absolute
@@ -60,13 +60,13 @@ struct JobDefinition {
       std::chrono::seconds(platform::kDefaultExitTimeOut);  // 0: no SIGKILL follows
   std::vector<std::string> machServices;
 
-  // As it was submitted, keys unknown to the host included.
+  // As it was submitted, with keys unknown to the host.
   platform::Value dictionary;
 };
 
-// The definition in `dictionary`. kInvalid, with a text that names the label, the key and what was
-// expected, for a key with a wrong type or an impossible value, and for a launchd key that decides
-// whether or when a job runs and that this host can't honour.
+// The definition in `dictionary`. kInvalid, with a text that names the label, the key and the
+// expected value, for a wrong type, an impossible value, and a launchd key that decides whether or
+// when a job runs and that this host can't honour.
 platform::Result<JobDefinition> parseJobDefinition(const platform::Value& dictionary);
 
 }  // namespace jobhost

@@ -24,21 +24,21 @@ using testing::StartsWith;
 
 constexpr char kLabel[] = "com.example.agent";
 
-// The smallest job with `more` in it.
+// The smallest valid job, with `more` added.
 Dictionary job(Dictionary more = {}) {
   Dictionary dictionary{{"Label", kLabel}, {"Program", "/opt/agent"}};
   for (const auto& [key, value] : more) dictionary.set(key, value);
   return dictionary;
 }
 
-// The parsed job; a job that is refused is a failure of the test.
+// The parsed job. A rejected job fails the test.
 JobDefinition parsed(Dictionary dictionary) {
   auto definition = parseJobDefinition(std::move(dictionary));
   EXPECT_TRUE(definition) << definition.error().context;
   return definition ? *std::move(definition) : JobDefinition{};
 }
 
-// Why it is refused, empty where it is not.
+// Why the job is rejected. Empty if it is not.
 std::string refusal(const Dictionary& dictionary) {
   const auto definition = parseJobDefinition(dictionary);
   if (definition) return "";
@@ -115,14 +115,14 @@ TEST(JobDefinitionTest, EveryKeyIsTaken) {
   EXPECT_THAT(definition.machServices, ElementsAre("com.example.port"));
 }
 
-TEST(JobDefinitionTest, WithoutAProgramTheFirstArgumentIsIt) {
+TEST(JobDefinitionTest, WithoutAProgramTheFirstArgumentIsTheProgram) {
   const JobDefinition definition =
       parsed({{"Label", kLabel}, {"ProgramArguments", Array{"/bin/agent", "-v"}}});
   EXPECT_EQ(definition.program, "/bin/agent");
   EXPECT_THAT(definition.arguments, ElementsAre("/bin/agent", "-v"));
 }
 
-TEST(JobDefinitionTest, WithoutArgumentsTheProgramIsTheFirst) {
+TEST(JobDefinitionTest, WithoutArgumentsTheProgramIsTheFirstArgument) {
   EXPECT_THAT(parsed(job({{"ProgramArguments", Array{}}})).arguments, ElementsAre("/opt/agent"));
 }
 
@@ -153,7 +153,7 @@ TEST(JobDefinitionTest, AUmaskMayBeATextAsInC) {
   }
 }
 
-TEST(JobDefinitionTest, SoftAndHardLimitsOfAResourceAreOne) {
+TEST(JobDefinitionTest, SoftAndHardLimitsOfAResourceAreOneEntry) {
   const JobDefinition definition =
       parsed(job({{"SoftResourceLimits", Dictionary{{"NumberOfFiles", 64}, {"Core", 0}}},
                   {"HardResourceLimits", Dictionary{{"NumberOfFiles", 64}, {"Stack", 1 << 20}}}}));
@@ -191,7 +191,7 @@ struct Refused {
   const char* fault;
 };
 
-// What a refusal of `refused` must say: the label, the key and the fault.
+// Expects that a rejection names the label, the key and the fault.
 void expectRefusal(const Refused& refused) {
   EXPECT_THAT(
       refusal(job({{refused.key, refused.value}})),
@@ -200,7 +200,7 @@ void expectRefusal(const Refused& refused) {
       << refused.key;
 }
 
-TEST(JobDefinitionTest, WrongTypesAreRefused) {
+TEST(JobDefinitionTest, WrongTypesAreRejected) {
   const std::vector<Refused> table = {
       {"Program", 1, "expected an absolute path of at most 4095 bytes, found the integer 1"},
       {"ProgramArguments", "-v", "expected an array of strings, found the string \"-v\""},
@@ -229,7 +229,7 @@ TEST(JobDefinitionTest, WrongTypesAreRefused) {
   for (const Refused& refused : table) expectRefusal(refused);
 }
 
-TEST(JobDefinitionTest, ImpossibleValuesAreRefused) {
+TEST(JobDefinitionTest, ImpossibleValuesAreRejected) {
   const std::string zero("/a\0b", 4);
   const std::vector<Refused> table = {
       {"Program", "opt/agent", "expected an absolute path"},
@@ -263,14 +263,14 @@ TEST(JobDefinitionTest, ImpossibleValuesAreRefused) {
   for (const Refused& refused : table) expectRefusal(refused);
 }
 
-TEST(JobDefinitionTest, ASoftLimitAboveTheHardOneIsRefused) {
+TEST(JobDefinitionTest, ASoftLimitAboveTheHardOneIsRejected) {
   EXPECT_THAT(refusal(job({{"SoftResourceLimits", Dictionary{{"CPU", 3}}},
                            {"HardResourceLimits", Dictionary{{"CPU", 2}}}})),
               HasSubstr("key \"SoftResourceLimits\": expected no limit above that of "
                         "\"HardResourceLimits\", found 3 above 2"));
 }
 
-TEST(JobDefinitionTest, KeysThatDecideWhenAJobRunsAndCannotBeHonouredAreRefused) {
+TEST(JobDefinitionTest, UnsupportedKeysThatDecideWhenAJobRunsAreRejected) {
   const std::vector<Refused> table = {
       {"StartInterval", 60, "can't be honoured: this host starts no job by the clock"},
       {"StartCalendarInterval", Dictionary{}, "by the clock"},
@@ -319,7 +319,7 @@ TEST(JobDefinitionTest, OnlyADictionaryWithALabelIsAJob) {
               StartsWith("job \"a\\x0ab\": key \"Label\": expected a string"));
 }
 
-TEST(JobDefinitionTest, WhatNoPropertyListCanHoldIsRefusedUnderAnyKey) {
+TEST(JobDefinitionTest, ValuesThatNoPropertyListHoldsAreRejectedUnderAnyKey) {
   EXPECT_THAT(refusal(job({{"Other", Array{Value::nullMarker()}}})),
               HasSubstr("expected what a property list can hold, found the null marker"));
   EXPECT_THAT(refusal(job({{"Other", "\xff"}})), HasSubstr("expected UTF-8"));
@@ -332,7 +332,7 @@ struct Limit {
   Dictionary (*job)(std::size_t size);
 };
 
-TEST(JobDefinitionTest, EachLimitHoldsOneBelowAtAndOneAbove) {
+TEST(JobDefinitionTest, LimitsAcceptTheMaximumAndNotOneMore) {
   const std::vector<Limit> limits = {
       {"label", kMaximumLabelBytes,
        [](std::size_t n) { return jobWith("Label", std::string(n, 'x')); }},
@@ -363,7 +363,7 @@ TEST(JobDefinitionTest, EachLimitHoldsOneBelowAtAndOneAbove) {
        [](std::size_t n) {
          return jobWith("EnvironmentVariables", Dictionary{{"A", std::string(n - 2, 'x')}});
        }},
-      // Besides the dictionary itself, its label and its program.
+      // In addition to the dictionary itself, its label and its program.
       {"values", kMaximumJobValues, [](std::size_t n) { return jobWith("Other", texts(n - 4)); }},
       {"bytes", kMaximumJobBytes,
        [](std::size_t n) {

@@ -124,7 +124,7 @@ Fault takeEnvironment(const Value& value, JobDefinition& definition) {
   return std::nullopt;
 }
 
-// The number that a mode is written as in C: octal behind a leading 0, sixteens behind 0x.
+// Parses a mode as C does: octal after a leading 0, hexadecimal after 0x.
 std::optional<std::int64_t> numberOfMode(std::string_view text) {
   int base = 10;
   if (text.starts_with("0x") || text.starts_with("0X")) {
@@ -243,12 +243,13 @@ Fault takeSeconds(const Value& value, JobDefinition& definition) {
 Fault takeMachServices(const Value& value, JobDefinition& definition) {
   const Dictionary* services = value.dictionary();
   if (!services) return mismatch("a dictionary with the name of one service", value);
-  // A process can tell only one listening socket from the other descriptors that it is passed.
+  // A process can tell one listening socket from its other passed descriptors, but not two from
+  // each other.
   if (services->size() > 1) {
     return fmt::format("expected at most one service, found {}", services->size());
   }
   for (const auto& [name, options] : *services) {
-    // The name is that of a socket in a folder.
+    // The name becomes a socket's file name.
     if (!isPlainText(name, kMaximumServiceNameBytes) || name.find('/') != name.npos ||
         name.starts_with('.')) {
       return fmt::format(

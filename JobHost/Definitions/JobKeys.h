@@ -9,20 +9,18 @@
 
 namespace jobhost {
 
-// What is wrong with the value of a key: what was expected and what was found. Nothing where it is
-// right.
+// The fault in a key's value: what was expected and what was found. Empty if it is right.
 using Fault = std::optional<std::string>;
 
-// Takes the key over into the definition, if it is one that the host honours, or refuses it, if it
-// is one that decides whether or when a job runs and that the host can't honour. Any other key is
-// no fault.
+// Puts the key's value into the definition if the host honours the key. Rejects a key that decides
+// whether or when a job runs and that the host can't honour. Any other key is no fault.
 Fault takeJobKey(std::string_view key, const platform::Value& value, JobDefinition& definition);
 
-// "expected EXPECTED, found ..." with the kind of `value`, and the value itself where it is short.
+// "expected EXPECTED, found ..." with the kind of `value`, and the value itself if it is short.
 std::string mismatch(std::string_view expected, const platform::Value& value);
 
-// What the limit of this resource (RLIMIT_...) is called in a job's dictionary; its number where it
-// has no name there.
+// The name of a resource's limit (RLIMIT_...) in a job's dictionary, or its number if it has no
+// name there.
 std::string nameOfLimit(int resource);
 
 }  // namespace jobhost

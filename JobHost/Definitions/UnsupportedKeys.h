@@ -11,7 +11,7 @@ namespace jobhost {
 // that is off asks for nothing and is no fault.
 Fault checkUnsupportedKey(std::string_view key, const platform::Value& value);
 
-// The same for the keys inside "KeepAlive"; nothing where the key is not one of launchd's.
+// The same for the keys inside "KeepAlive". Empty if the key is not one of launchd's.
 Fault checkUnsupportedCondition(std::string_view condition);
 
 }  // namespace jobhost

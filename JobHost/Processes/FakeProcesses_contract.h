@@ -20,8 +20,8 @@
 
 namespace jobhost {
 
-// Processes that exist in a test's mind only. They write their start records as real ones do, live
-// until the test ends them or a signal does, and go on when the host that started them is dropped.
+// Processes that exist only in a test. They write their start records as real ones do, live until
+// the test or a signal ends them, and go on when the host that started them is destroyed.
 class FakeProcesses final : public Processes {
  public:
   struct Started {
@@ -71,7 +71,7 @@ class FakeProcesses final : public Processes {
     return {};
   }
 
-  bool hasSurvivors(const StartFields& identity) override {
+  bool hasRemainingProcesses(const StartFields& identity) override {
     return members_.contains(identity.process) && !isAlive(identity.process) &&
            identity.pidfdInode == inodeOf(identity.process);
   }
@@ -97,7 +97,7 @@ class FakeProcesses final : public Processes {
     return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
   }
 
-  // Whether anything but its leader lives of the group.
+  // Whether a process other than the leader lives in the group.
   bool hasMembers(platform::ProcessId group) const { return members_.contains(group); }
 
   bool isAlive(platform::ProcessId process) const {
@@ -105,7 +105,7 @@ class FakeProcesses final : public Processes {
     return found != processes_.end() && !found->second.ended;
   }
 
-  // The process ends; its host is told as soon as the loop runs.
+  // Ends the process and reports it to the host as soon as the loop runs.
   void end(platform::ProcessId process, ProcessEnd status = {}) {
     endUnreported(process, status);
     Process& ended = processes_.at(process);
@@ -116,36 +116,36 @@ class FakeProcesses final : public Processes {
         platform::Urgency::kProcessExit);
   }
 
-  // The process has ended, and its host is not told unless it asks.
+  // Ends the process without a report: the host learns it only if it asks.
   void endUnreported(platform::ProcessId process, ProcessEnd status = {}) {
     Process& ended = processes_.at(process);
     ended.ended = true;
     ended.status = status;
   }
 
-  // Another process of the group, which outlives its leader.
+  // Adds a process to the group, which outlives its leader.
   void addMember(platform::ProcessId group) { members_.insert(group); }
   void endMembers(platform::ProcessId group) { members_.erase(group); }
 
-  // What a killed host leaves: nobody is told of any end.
+  // Drops the watches, as the kill of a host does: no end is reported any more.
   void dropWatches() {
     for (auto& [process, state] : processes_) state.onEnd.reset();
   }
 
-  // Another process gets the number of one that has ended.
+  // Gives another process the number of one that has ended.
   void reuse(platform::ProcessId process) { reused_.insert(process); }
 
   std::vector<Started> started;
   std::vector<Signalled> signals;
   int attempts = 0;
-  // Starts fail so; with the record in the file or without.
+  // Makes starts fail, with the record in the file or without.
   std::optional<platform::Error> failure;
   bool recordsFailures = false;
   bool obeysTermination = true;
 
  private:
   struct Process {
-    // Shared with the report that is under way, which looks whether it is still wanted.
+    // A pending report checks by it whether it is still wanted.
     std::shared_ptr<OnEnd> onEnd;
     bool ended = false;
     bool isChild = true;

@@ -16,9 +16,9 @@ namespace {
 using platform::Result;
 using platform::systemError;
 
-// No user and no group: asking for it changes nothing, and answers which one it is now. The calls
-// tell of no failure in another way.
-constexpr long kNobody = -1;
+// No user and no group. Setting this id changes nothing, and returns the present one. The calls
+// report failure in no other way.
+constexpr long kNoId = -1;
 
 bool setGroups(const std::vector<gid_t>& groups) {
   return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
@@ -26,13 +26,13 @@ bool setGroups(const std::vector<gid_t>& groups) {
 
 bool setFileSystemGroup(gid_t group) {
   ::syscall(SYS_setfsgid, group);
-  return ::syscall(SYS_setfsgid, kNobody) == static_cast<long>(group);
+  return ::syscall(SYS_setfsgid, kNoId) == static_cast<long>(group);
 }
 
-// Leaving root also takes root's powers over files, and coming back gives them back.
+// Leaving root also drops root's capabilities for files, and returning restores them.
 bool setFileSystemUser(uid_t user) {
   ::syscall(SYS_setfsuid, user);
-  return ::syscall(SYS_setfsuid, kNobody) == static_cast<long>(user);
+  return ::syscall(SYS_setfsuid, kNoId) == static_cast<long>(user);
 }
 
 }  // namespace
@@ -40,8 +40,8 @@ bool setFileSystemUser(uid_t user) {
 Result<FileSystemIdentity> FileSystemIdentity::assume(const JobAccount& account) {
   FileSystemIdentity identity;
   const std::string what = "taking the file rights of " + platform::quotedInMessage(account.name);
-  identity.user_ = static_cast<uid_t>(::syscall(SYS_setfsuid, kNobody));
-  identity.group_ = static_cast<gid_t>(::syscall(SYS_setfsgid, kNobody));
+  identity.user_ = static_cast<uid_t>(::syscall(SYS_setfsuid, kNoId));
+  identity.group_ = static_cast<gid_t>(::syscall(SYS_setfsgid, kNoId));
   const int count = ::getgroups(0, nullptr);
   if (count < 0) return std::unexpected(systemError(what));
   identity.groups_.resize(static_cast<std::size_t>(count));
@@ -49,8 +49,8 @@ Result<FileSystemIdentity> FileSystemIdentity::assume(const JobAccount& account)
     return std::unexpected(systemError(what));
   }
   if (!setGroups(account.groups)) return std::unexpected(systemError(what));
-  identity.isAssumed_ = true;  // From here on there is something to restore.
-  // The user last: without root's powers the others can't be changed.
+  identity.isAssumed_ = true;  // From here on the destructor restores.
+  // The user comes last: without root's capabilities the others can't be changed.
   if (!setFileSystemGroup(account.group) || !setFileSystemUser(account.user)) {
     return std::unexpected(platform::Error{platform::ErrorCode::kSystem, EPERM, what});
   }

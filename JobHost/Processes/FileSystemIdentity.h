@@ -9,16 +9,17 @@
 
 namespace jobhost {
 
-// While it lives, this thread reaches files as another account would: with its rights alone, and
-// what it makes is that account's. Other threads keep theirs, which is why the library's functions
-// won't do: they change all of them. For root.
+// While it lives, this thread accesses files as another account: with that account's permissions
+// alone, and new files belong to it. Other threads keep theirs, so it makes the system calls
+// directly: the library's functions change all threads. Needs root.
 class FileSystemIdentity {
  public:
   static platform::Result<FileSystemIdentity> assume(const JobAccount& account);
 
   FileSystemIdentity(FileSystemIdentity&& other) noexcept;
   FileSystemIdentity& operator=(FileSystemIdentity&&) = delete;
-  // Going on with anybody else's rights would be worse than an end: what can't be restored aborts.
+  // Aborts if it can't restore the identity: to go on with another user's permissions would be
+  // worse.
   ~FileSystemIdentity();
 
  private:

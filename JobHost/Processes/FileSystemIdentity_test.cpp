@@ -14,7 +14,7 @@ namespace {
 
 using testing::EndsWith;
 
-// The ids, groups and powers that a thread's "status" file tells of.
+// The ids, groups and capabilities in a thread's "status" file.
 std::map<std::string, std::string> rightsIn(std::ifstream& file) {
   std::map<std::string, std::string> rights;
   for (std::string line; std::getline(file, line);) {
@@ -40,7 +40,7 @@ class FileSystemIdentityTest : public testing::Test {
   const JobAccount account_{1234, 2345, {2345, 3456}, "a", "", ""};
 };
 
-TEST_F(FileSystemIdentityTest, IsTheAccountsForAsLongAsItLives) {
+TEST_F(FileSystemIdentityTest, HasTheAccountsRightsWhileItLives) {
   const auto before = ownRights();
   {
     const auto identity = FileSystemIdentity::assume(account_);
@@ -49,12 +49,12 @@ TEST_F(FileSystemIdentityTest, IsTheAccountsForAsLongAsItLives) {
     EXPECT_EQ(during["Uid"], "\t0\t0\t0\t1234");
     EXPECT_EQ(during["Gid"], "\t0\t0\t0\t2345");
     EXPECT_EQ(during["Groups"], "\t2345 3456 ");
-    EXPECT_NE(during["CapEff"], before.at("CapEff"));  // Without root's powers over files.
+    EXPECT_NE(during["CapEff"], before.at("CapEff"));  // without root's capabilities for files
   }
   EXPECT_EQ(ownRights(), before);
 }
 
-TEST_F(FileSystemIdentityTest, IsThisThreadsAlone) {
+TEST_F(FileSystemIdentityTest, ConcernsThisThreadAlone) {
   const auto before = ownRights();
   std::thread other([&] {
     const auto identity = FileSystemIdentity::assume(account_);

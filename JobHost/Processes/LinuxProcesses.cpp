@@ -40,14 +40,14 @@ Ending reap(int pidfd) {
   const int result = retryOnInterrupt([&] {
     return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | __WALL);
   });
-  if (result != 0 || info.si_pid == 0) return std::nullopt;  // It is somebody else's child.
+  if (result != 0 || info.si_pid == 0) return std::nullopt;  // It is another process's child.
   if (info.si_code == CLD_EXITED) return ExitStatus{ExitStatus::Kind::kExited, info.si_status};
   return ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, info.si_status},
                     info.si_code == CLD_DUMPED);
 }
 
-// What is in the process's "stat" file, empty where there is no such process; nothing where nobody
-// can look.
+// The contents of the process's "stat" file. An empty text if there is no such process, no value if
+// the file can't be read.
 std::optional<std::string> statOf(std::string_view process) {
   const std::string path = fmt::format("/proc/{}/stat", process);
   const UniqueFd file(retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
@@ -63,7 +63,7 @@ struct Membership {
   ProcessId session = 0;
 };
 
-// What a "stat" file tells of a process that has not ended; nothing of one that has.
+// The group and session in a "stat" file, or nothing if the process has ended.
 std::optional<Membership> membershipIn(const std::string& stat) {
   const std::size_t nameEnd = stat.rfind(')');
   if (nameEnd == stat.npos) return std::nullopt;
@@ -72,18 +72,18 @@ std::optional<Membership> membershipIn(const std::string& stat) {
   ProcessId parent = 0;
   Membership membership;
   fields >> state >> parent >> membership.group >> membership.session;
-  // From the terminal to the niceness; then comes the number of threads.
+  // Skip the fields from the terminal to the niceness. The number of threads follows.
   std::string skipped;
   for (int i = 0; i < 13; ++i) fields >> skipped;
   long threads = 0;
   fields >> threads;
   if (!fields || state == 'X') return std::nullopt;
-  // It is the state of the first thread only, which may end before the others.
+  // This is the state of the first thread only, which may end before the others.
   if (state == 'Z' && threads <= 1) return std::nullopt;
   return membership;
 }
 
-// Whether `matches` holds of the "stat" file of any process; also where nobody can tell.
+// Whether `matches` accepts the "stat" file of any process. True if the processes can't be read.
 template <typename Matches>
 bool anyProcess(Matches matches) {
   const platform::FolderHandle folder(::opendir("/proc"));
@@ -124,7 +124,7 @@ Result<ProcessId> LinuxProcesses::start(const JobDefinition& job, const StartTic
   if (!spawned) return std::unexpected(std::move(spawned.error()));
   const ProcessId process = spawned->process;
   if (auto watched = watch(process, std::move(spawned->pidfd), std::move(onEnd)); !watched) {
-    // Nobody would learn of its end.
+    // Its end would never be reported.
     ::kill(-process, SIGKILL);
     ::waitpid(process, nullptr, __WALL);
     return std::unexpected(std::move(watched.error()));
@@ -136,13 +136,13 @@ Result<void> LinuxProcesses::takeOver(const StartFields& identity, OnEnd onEnd) 
   const std::string what = fmt::format("taking over process {}", identity.process);
   UniqueFd pidfd(::pidfd_open(identity.process, 0));
   if (!pidfd) {
-    // EINVAL and ENOENT: the number now is that of a thread, or of a group alone.
+    // EINVAL and ENOENT: the number is now that of a thread, or of a group alone.
     const bool isGone = errno == ESRCH || errno == EINVAL || errno == ENOENT;
     return std::unexpected(
         systemError(what, isGone ? ErrorCode::kNotFound : ErrorCode::kExhausted));
   }
-  // From here on the number can't change hands unnoticed: what was true of it before the process
-  // behind the pidfd ended was true of that process.
+  // From here on a reuse of the number is noticed: until the process behind the pidfd ends, the
+  // number means that process.
   const auto stat = statOf(std::to_string(identity.process));
   if (!stat) return std::unexpected(systemError(what, ErrorCode::kExhausted));
   struct stat status{};
@@ -184,11 +184,11 @@ void LinuxProcesses::reportIfEnded(ProcessId process) {
 
 void LinuxProcesses::signalGroup(ProcessId group, int signal) { ::kill(-group, signal); }
 
-bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
+bool LinuxProcesses::hasRemainingProcesses(const StartFields& identity) {
   const ProcessId group = identity.process;
   if (::kill(-group, 0) != 0 && errno == ESRCH) return false;
-  // A process, or a thread, that has the number now: the group is of its making. But for the leader
-  // itself, when it has ended and its parent is slow to reap it.
+  // If a process or a thread has the number now, the group is of its making. The exception is the
+  // leader itself, if it has ended and its parent has not reaped it yet.
   const auto stat = statOf(std::to_string(group));
   if (!stat) return true;
   const bool isLeader = startTicksIn(stat->data(), stat->size()) == identity.startTicks;
@@ -202,7 +202,7 @@ bool LinuxProcesses::hasSurvivors(const StartFields& identity) {
     isOlder = isOlder || startTicksIn(stat.data(), stat.size()) < identity.startTicks;
     return false;
   });
-  // Without descriptors nobody can look: what has the number is not taken for gone.
+  // If the processes can't be read for want of descriptors, assume that some remain.
   return isUnseen || (isOurs && !isOlder);
 }
 

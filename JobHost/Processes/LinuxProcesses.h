@@ -11,11 +11,11 @@
 
 namespace jobhost {
 
-// Children of this process, each held by one pidfd from its start to its end; and, for what they
-// leave behind, this process as its new parent.
+// Children of this process, each held by one pidfd from its start to its end. This process is also
+// the new parent of the processes that they leave behind.
 class LinuxProcesses final : public Processes {
  public:
-  // Makes this process the parent of its children's orphans, for good. `loop` outlives this.
+  // Makes this process the parent of its children's orphans, permanently. `loop` outlives this.
   // `originalDescriptorLimit` is the soft limit that the processes get.
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
       platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit);
@@ -23,7 +23,7 @@ class LinuxProcesses final : public Processes {
   platform::Result<platform::ProcessId> start(const JobDefinition& job, const StartTicket& ticket,
                                               platform::Descriptor listener, OnEnd onEnd) override;
   platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) override;
-  bool hasSurvivors(const StartFields& identity) override;
+  bool hasRemainingProcesses(const StartFields& identity) override;
   void reportIfEnded(platform::ProcessId process) override;
   void signalGroup(platform::ProcessId group, int signal) override;
   platform::UniqueFd copyDescriptor(platform::ProcessId process,
@@ -33,7 +33,7 @@ class LinuxProcesses final : public Processes {
   struct Watched {
     platform::UniqueFd pidfd;
     OnEnd onEnd;
-    std::unique_ptr<platform::RunLoopHandle> source;  // Goes before the descriptor.
+    std::unique_ptr<platform::RunLoopHandle> source;  // Destroyed before the descriptor.
   };
 
   LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner);

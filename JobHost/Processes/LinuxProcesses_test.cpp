@@ -34,7 +34,7 @@ JobDefinition numberedJob(int number) {
   return job;
 }
 
-// Shells that read from a pipe of their own with which status they are to exit.
+// Shells that read their exit status from a pipe of their own.
 class LinuxProcessesHarness final : public ProcessesHarness {
  public:
   ~LinuxProcessesHarness() override {
@@ -52,7 +52,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
     JobDefinition job = numberedJob(++jobs_);
     const std::string pipe = folder_.path(job.label);
     EXPECT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-    // With a writer of ours nobody waits when opening it.
+    // With a writer of ours, opening it does not wait.
     pipes_[job.label].reset(::open(pipe.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
     EXPECT_TRUE(pipes_[job.label]);
     job.program = kind == Kind::kUnstartable ? "/no/such/program" : "/bin/sh";
@@ -80,8 +80,8 @@ class LinuxProcessesHarness final : public ProcessesHarness {
     started.ended = true;
   }
 
-  // What the other host leaves must not become a child of this process, which would learn how it
-  // ends.
+  // The other host's processes must not become children of this process, which would then learn how
+  // they end.
   ProcessId startElsewhere(const JobDefinition& job, const StartTicket& ticket) override {
     EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 0), 0);
     int ends[2];
@@ -159,7 +159,7 @@ std::unique_ptr<ProcessesHarness> makeFakeHarness() {
   return std::make_unique<FakeProcessesHarness>();
 }
 
-// Ends by a signal that makes the system dump its memory, where it does so.
+// Ends by a signal that dumps core, if the system does so.
 ProcessEnd endWithCore() {
   JobDefinition job = numberedJob(0);
   job.program = "/bin/sh";
@@ -180,7 +180,7 @@ ProcessEnd endWithCore() {
   return result.value_or(ProcessEnd());
 }
 
-TEST(LinuxProcesses, AnEndWithACoreIsTold) {
+TEST(LinuxProcesses, ACoreDumpIsReported) {
   std::string pattern;
   std::getline(std::ifstream("/proc/sys/kernel/core_pattern"), pattern);
   rlimit limit{};
@@ -191,7 +191,7 @@ TEST(LinuxProcesses, AnEndWithACoreIsTold) {
   EXPECT_EQ(endWithCore(), ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV}, true));
 }
 
-// A process of which the first thread has ended, and another lives.
+// A process whose first thread has ended while another one lives.
 [[noreturn]] void endFirstThread(const UniqueFd& tellTo) {
   std::thread([&] {
     std::string stat;
@@ -206,7 +206,7 @@ TEST(LinuxProcesses, AnEndWithACoreIsTold) {
   ::_exit(1);
 }
 
-TEST(LinuxProcesses, OfAGroupSurvivesAlsoAProcessOfWhichOnlyTheFirstThreadHasEnded) {
+TEST(LinuxProcesses, AProcessWhoseFirstThreadHasEndedRemainsInItsGroup) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
   const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
   int ends[2];
@@ -223,14 +223,14 @@ TEST(LinuxProcesses, OfAGroupSurvivesAlsoAProcessOfWhichOnlyTheFirstThreadHasEnd
   pid_t member = 0;
   ASSERT_EQ(::read(reading.get(), &member, sizeof member), ssize_t{sizeof member});
   const StartFields identity{.process = leader, .startTicks = 1};
-  EXPECT_TRUE(processes->hasSurvivors(identity));
+  EXPECT_TRUE(processes->hasRemainingProcesses(identity));
   EXPECT_EQ(::kill(-leader, SIGKILL), 0);
   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(member), nullptr, WEXITED | WNOWAIT), 0);
-  EXPECT_FALSE(processes->hasSurvivors(identity));  // Though nobody has reaped it.
+  EXPECT_FALSE(processes->hasRemainingProcesses(identity));  // Although it is not reaped.
   EXPECT_EQ(::waitpid(member, nullptr, 0), member);
 }
 
-TEST(LinuxProcesses, WithoutDescriptorsWhatIsLeftOfAGroupIsNotTakenForGone) {
+TEST(LinuxProcesses, WithoutDescriptorsAGroupIsNotTakenForEmpty) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
   const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
   const pid_t leader = ::fork();
@@ -243,16 +243,16 @@ TEST(LinuxProcesses, WithoutDescriptorsWhatIsLeftOfAGroupIsNotTakenForGone) {
   }
   ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
   const StartFields identity{.process = leader, .startTicks = 1};
-  EXPECT_TRUE(processes->hasSurvivors(identity));
-  // The one may list the processes, and look at none.
+  EXPECT_TRUE(processes->hasRemainingProcesses(identity));
+  // With the one descriptor it can list the processes, but read none.
   for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
     const DescriptorShortage shortage(left);
-    EXPECT_TRUE(processes->hasSurvivors(identity));
+    EXPECT_TRUE(processes->hasRemainingProcesses(identity));
   }
   EXPECT_EQ(::kill(-leader, SIGKILL), 0);
 }
 
-TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForGone) {
+TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForEnded) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
   const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
   const StartFields identity{.process = ::getpid(), .startTicks = 1};

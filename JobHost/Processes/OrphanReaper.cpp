@@ -17,7 +17,7 @@ using platform::Error;
 using platform::ErrorCode;
 using platform::Result;
 
-// Calls back, on the loop and as something ordinary, some time after children have ended.
+// Calls back on the loop, with ordinary urgency, some time after children have ended.
 class OrphanReaper::Signals {
  public:
   Signals(platform::AsioRunLoop& loop, std::function<void()> onChildren)
@@ -40,7 +40,7 @@ class OrphanReaper::Signals {
 
  private:
   void await() {
-    // A wait that has completed runs its handler also after the set is gone, without an error.
+    // A completed wait runs its handler without an error even after the set is gone.
     set_.async_wait([this, alive = std::weak_ptr(onChildren_)](std::error_code error, int) {
       if (error || alive.expired()) return;
       post();
@@ -50,7 +50,7 @@ class OrphanReaper::Signals {
 
   platform::AsioRunLoop& loop_;
   asio::signal_set set_;
-  // Shared with a call that is under way, which looks whether this still lives.
+  // A pending call checks by it whether this still exists.
   std::shared_ptr<std::function<void()>> onChildren_;
 };
 
@@ -71,7 +71,7 @@ Result<void> OrphanReaper::start() {
   } catch (const std::system_error& error) {  // Asio needs a pipe of its own for the first one.
     return std::unexpected(Error{ErrorCode::kExhausted, error.code().value(), "watching SIGCHLD"});
   }
-  signals_->post();  // Orphans may have come before.
+  signals_->post();  // There may be orphans already.
   return {};
 }
 
@@ -82,8 +82,8 @@ void OrphanReaper::reap() {
         [&] { return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL); });
     if (result != 0 || info.si_pid == 0) return;
     if (isAwaited_(info.si_pid)) {
-      // The system names the same one again until it is reaped, which happens before the next
-      // ordinary callback; then it is the others' turn.
+      // waitid() reports the same child until it is reaped, which happens before the next ordinary
+      // callback. Then look for the others.
       signals_->post();
       return;
     }

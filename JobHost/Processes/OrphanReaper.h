@@ -9,12 +9,12 @@
 
 namespace jobhost {
 
-// Reaps the children of this process that nobody else waits for: what the processes of jobs left
-// behind and the kernel gave to us.
+// Reaps the children of this process that no other code waits for: orphans of the jobs' processes,
+// which the kernel gave to this process.
 class OrphanReaper {
  public:
-  // Whether somebody else waits for this child, and will reap it before the loop's next ordinary
-  // callback once it has ended.
+  // Whether other code waits for this child and, once it has ended, reaps it before the loop's next
+  // ordinary callback.
   using IsAwaited = std::function<bool(platform::ProcessId)>;
 
   // `loop` outlives this.
@@ -23,7 +23,7 @@ class OrphanReaper {
   OrphanReaper& operator=(const OrphanReaper&) = delete;
   ~OrphanReaper();
 
-  // Becomes the parent of orphans and listens for their ends.
+  // Makes this process the parent of orphans and watches for their ends.
   platform::Result<void> start();
 
  private:

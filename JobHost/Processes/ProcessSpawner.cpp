@@ -41,15 +41,15 @@ constexpr std::size_t kStackBytes = 64 * 1024;
 constexpr std::size_t kGuardBytes = 64 * 1024;  // at least a page, whatever the machine's size
 constexpr long kPidfdFileSystem = 0x50494446;   // PIDFS_MAGIC, newer than our headers
 constexpr int kStandardFiles = 3;
-// Above every number that a descriptor of the child gets.
+// Above all descriptor numbers of the child.
 constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
 constexpr mode_t kNewFileMode = 0644;
-// After how long a child that somebody may have stopped is first told to go on, before its program.
+// The time after which the child first gets SIGCONT, in case another process has stopped it.
 constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
 constexpr char kNull[] = "/dev/null";
 constexpr char kDefaultPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
 
-// Signals of this thread wait while it lives: a child must not run the host's handlers.
+// Blocks all signals of this thread while it lives: a child must not run the host's handlers.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -72,7 +72,8 @@ Result<UniqueFd> aboveStandardFiles(UniqueFd file, const std::string& path) {
   return moved;
 }
 
-// Without waiting for a pipe's other end; the process then finds it as if it had opened it itself.
+// Opens without waiting for a pipe's other end. The process then gets the file as if it had opened
+// it itself.
 Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
   const std::string what = "opening " + platform::quotedInMessage(path);
   UniqueFd file(retryOnInterrupt([&] {
@@ -89,8 +90,8 @@ Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
   return aboveStandardFiles(std::move(file), platform::quotedInMessage(path));
 }
 
-// What the orders of the child point into.
-class Orders {
+// The memory that a SpawnedChild points to.
+class ChildSetup {
  public:
   Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null, int listener,
                        std::uint64_t originalDescriptorLimit);
@@ -110,7 +111,7 @@ class Orders {
   std::vector<ChildLimit> limits_;
 };
 
-void Orders::addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens) {
+void ChildSetup::addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens) {
   for (const auto& [name, text] : job.environment) {
     if (listens && name.starts_with("LISTEN_")) continue;  // It would name other descriptors.
     variables_.push_back(name + "=" + text);
@@ -136,13 +137,13 @@ void Orders::addEnvironment(const JobDefinition& job, const JobAccount& account,
   if (listens) child.listenPid = variables_.back().data() + variables_.back().find('0');
 }
 
-Result<void> Orders::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
+Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
   const std::pair<const std::string&, int> files[kStandardFiles] = {
       {job.standardInPath, O_RDONLY},
       {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
       {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
   };
-  // With the host's rights a link that the job's user has put there would lead it anywhere.
+  // With the host's permissions, a link placed by the job's user could lead to any file.
   std::optional<FileSystemIdentity> identity;
   for (const auto& [path, flags] : files) {
     if (path == kNull) {
@@ -162,13 +163,14 @@ Result<void> Orders::openFiles(const JobDefinition& job, const JobAccount& accou
   return {};
 }
 
-Result<void> Orders::addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit) {
+Result<void> ChildSetup::addLimits(const JobDefinition& job,
+                                   std::uint64_t originalDescriptorLimit) {
   const auto add = [&](int resource, std::optional<rlim_t> soft, std::optional<rlim_t> hard) {
     ChildLimit limit{resource, {}};
     if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) return false;
     if (hard) limit.value.rlim_max = *hard;
     if (soft) limit.value.rlim_cur = *soft;
-    // One of them alone must not contradict the other.
+    // A hard limit alone must not be below the present soft one.
     if (!soft && limit.value.rlim_cur > limit.value.rlim_max) {
       limit.value.rlim_cur = limit.value.rlim_max;
     }
@@ -187,15 +189,15 @@ Result<void> Orders::addLimits(const JobDefinition& job, std::uint64_t originalD
           systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(limit.resource))));
     }
   }
-  // Programs that use select() break with as many descriptors as the host may have.
+  // Programs that use select() break with the host's raised limit.
   if (!limitsFiles && !add(RLIMIT_NOFILE, originalDescriptorLimit, {})) {
     return std::unexpected(systemError("getrlimit(RLIMIT_NOFILE)"));
   }
   return {};
 }
 
-Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account, int null,
-                             int listener, std::uint64_t originalDescriptorLimit) {
+Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
+                                 int listener, std::uint64_t originalDescriptorLimit) {
   child.program = job.program.c_str();
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
@@ -212,7 +214,7 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   child.descriptorCount = static_cast<int>(descriptors_.size());
   child.rootDirectory = job.rootDirectory ? job.rootDirectory->c_str() : nullptr;
   child.workingDirectory = job.workingDirectory.c_str();
-  // An ordinary user's host can only be itself, and may not even set what it has.
+  // An unprivileged host can only run jobs as itself, and may not even set the ids that it has.
   child.changesIds =
       ::geteuid() == 0 || account.user != ::geteuid() || account.group != ::getegid();
   child.user = account.user;
@@ -226,15 +228,15 @@ Result<void> Orders::prepare(const JobDefinition& job, const JobAccount& account
   return {};
 }
 
-// What this process may have given a disposition by the time that it starts others. Real-time
-// signals are half of all, and nothing here uses them: they are as its own start left them.
+// The signals whose disposition this process may change before it starts others. Real-time signals
+// are half of all, and this process uses none: they keep the dispositions that it was started with.
 std::uint64_t signalsToReset() {
   constexpr int kFirstRealTimeSignal = 32;  // the kernel's; the library keeps some of them
   constexpr int kLastSignal = 64;
   std::uint64_t signals = (std::uint64_t{1} << (kFirstRealTimeSignal - 1)) - 1;
   for (int signal = kFirstRealTimeSignal; signal <= kLastSignal; ++signal) {
     struct sigaction now{};
-    // Of the ones that it keeps the library tells nothing.
+    // The library reports nothing about the signals that it reserves.
     const bool isDefault = ::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL;
     if (!isDefault) signals |= std::uint64_t{1} << (signal - 1);
   }
@@ -292,10 +294,10 @@ bool pidfdsAreUnique() {
 }
 
 Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLimit,
-                                              platform::Duration patience) {
+                                              platform::Duration startTimeOut) {
   ProcessSpawner spawner;
   spawner.originalDescriptorLimit_ = originalDescriptorLimit;
-  spawner.patience_ = patience;
+  spawner.startTimeOut_ = startTimeOut;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
   spawner.signalsToReset_ = signalsToReset();
   auto own = lookUpAccount({}, {});
@@ -318,7 +320,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
 
 ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
-      patience_(other.patience_),
+      startTimeOut_(other.startTimeOut_),
       hasUniquePidfds_(other.hasUniquePidfds_),
       signalsToReset_(other.signalsToReset_),
       ownAccount_(std::move(other.ownAccount_)),
@@ -348,23 +350,22 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
     if (!ownListener) return failed(systemError("passing the descriptors"));
     listener = ownListener.get();
   }
-  Orders orders;
-  if (auto prepared =
-          orders.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_);
+  ChildSetup setup;
+  if (auto prepared = setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_);
       !prepared) {
     return failed(std::move(prepared.error()));
   }
-  SpawnedChild& child = orders.child;
+  SpawnedChild& child = setup.child;
   child.stateFile = ticket.file;
   child.startRecord = ticket.record.data();
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
   child.signalsToReset = signalsToReset_;
   child.continueAfter = timespecOf(kContinueAfter);
-  child.patience = timespecOf(patience_);
+  child.startTimeOut = timespecOf(startTimeOut_);
 
-  // The kernel lets this thread wait until the child has executed its program or ended, whatever
-  // anybody does to it meanwhile: the child's own timers see to it that this does not take long.
+  // The kernel suspends this thread until the child has executed its program or ended, even while
+  // another process keeps the child stopped. The child's own timers bound that time.
   int pidfd = -1;
   int process = -1;
   {
@@ -375,12 +376,12 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   if (process < 0) return failed(systemError("fork"));
   Spawned spawned{process, UniqueFd(pidfd)};
   if (child.error == 0 && child.stage == ChildStage::kExecute) return spawned;
-  // It never executed anything, so its end is at most a moment away.
+  // It executed no program, so it ends at once.
   retryOnInterrupt(
       [&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), nullptr, WEXITED | __WALL); });
   const std::string stage = describeStage(child, job, *account);
   if (child.error == 0) {
-    const auto seconds = std::chrono::duration<double>(patience_).count();
+    const auto seconds = std::chrono::duration<double>(startTimeOut_).count();
     return failed(
         Error{ErrorCode::kSystem, 0,
               fmt::format("{}: somebody killed the new process, or it had not come to its "

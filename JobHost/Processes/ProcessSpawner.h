@@ -14,51 +14,51 @@
 namespace jobhost {
 
 // Starts the processes of jobs: children of this process, each in a session and a process group of
-// its own, by a clone that shares memory until the program is executed, so that its cost does not
+// its own. It clones with shared memory until the program is executed, so that the cost does not
 // grow with the host. One at a time, from one thread.
 class ProcessSpawner {
  public:
-  // How long a process may take to come to its program: the host waits for it.
-  static constexpr platform::Duration kPatience = std::chrono::seconds(5);
+  // How long a process may take to execute its program. The host waits for it.
+  static constexpr platform::Duration kStartTimeOut = std::chrono::seconds(5);
 
   struct Spawned {
     platform::ProcessId process = 0;
     platform::UniqueFd pidfd;
   };
 
-  // `originalDescriptorLimit` is the soft limit that the processes get where their job sets none.
-  // Real-time signals of this process are taken to stay as they are at this moment.
+  // `originalDescriptorLimit` is the soft limit of the processes whose job sets none. The
+  // dispositions of real-time signals are read now and must not change later.
   static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit,
-                                                 platform::Duration patience = kPatience);
+                                                 platform::Duration startTimeOut = kStartTimeOut);
 
   ProcessSpawner(ProcessSpawner&&) noexcept;
   ProcessSpawner& operator=(ProcessSpawner&&) = delete;
   ~ProcessSpawner();
 
-  // Returns when the program is being executed, and the record of `ticket` is in its file. The
-  // process gets `listener` as its descriptor 3 where that is not -1; the job then has a service.
+  // Returns when the program is being executed and the record of `ticket` is in its file. If
+  // `listener` is not -1, the process gets it as descriptor 3. The job must then have a service.
   //
   // The error says which stage failed (finding the user, opening which file, fork, setuid, exec
-  // ...) and why; there is no process then, but the record may be in the file, in part or whole.
-  // Somebody who stops the process on its way delays it a little; one that takes longer than the
-  // patience is killed.
+  // ...) and why. Then there is no process, but the record may be in the file, in part or whole.
+  // Another process that stops the new one delays it a little. After the start time-out it is
+  // killed.
   platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
                                   platform::Descriptor listener);
 
-  // Whether each process of this boot has a pidfd with an inode number of its own.
+  // Whether each pidfd has an inode number that is unique in this boot.
   bool hasUniquePidfds() const { return hasUniquePidfds_; }
 
  private:
   ProcessSpawner() = default;
 
   std::uint64_t originalDescriptorLimit_ = 0;
-  platform::Duration patience_{};
+  platform::Duration startTimeOut_{};
   bool hasUniquePidfds_ = false;
   std::uint64_t signalsToReset_ = 0;
-  // The host's own, which most jobs run as; the same for as long as the host runs.
+  // The host's own account, which most jobs run as. It stays the same while the host runs.
   JobAccount ownAccount_;
-  platform::UniqueFd null_;  // /dev/null, which most standard files are
-  void* stack_ = nullptr;    // the child's, until it executes its program
+  platform::UniqueFd null_;  // /dev/null, for most standard files
+  void* stack_ = nullptr;    // for the child, until it executes its program
 };
 
 // Whether pidfds have inode numbers that are unique in this boot.

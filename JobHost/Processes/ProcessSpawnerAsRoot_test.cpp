@@ -31,7 +31,7 @@ class ProcessSpawnerAsRoot : public ProcessSpawnerTest {
  protected:
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-    // The users' own output goes there.
+    // The users' processes write their output there.
     ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
     const passwd* nobody = ::getpwnam("nobody");
     if (!nobody) GTEST_SKIP() << "there is no user nobody";
@@ -67,7 +67,7 @@ TEST_F(ProcessSpawnerAsRoot, AGroupOfItsOwnTakesThePlaceOfTheUsers) {
   EXPECT_EQ(outputOf(job), "0\n" + id + "\n");
 }
 
-TEST_F(ProcessSpawnerAsRoot, AFolderThatTheUserMayNotEnterIsRefused) {
+TEST_F(ProcessSpawnerAsRoot, AFolderThatTheUserMayNotEnterIsAnError) {
   ASSERT_EQ(::mkdir(folder_.path("closed").c_str(), 0700), 0);
   JobDefinition job = script("");
   job.userName = "nobody";
@@ -79,7 +79,7 @@ TEST_F(ProcessSpawnerAsRoot, AUserWithTooManyProcessesFailsAtTheExecution) {
   JobDefinition job = script("exec cat " + folder_.path("pipe"));
   job.userName = "nobody";
   ASSERT_EQ(::mkfifo(folder_.path("pipe").c_str(), 0644), 0);
-  const auto first = spawn(job);  // Waits for a writer.
+  const auto first = spawn(job);  // It waits for a writer.
   ASSERT_TRUE(first);
   job.limits = {{RLIMIT_NPROC, 0, 0}};
   const auto second = spawn(job);
@@ -93,7 +93,7 @@ TEST_F(ProcessSpawnerAsRoot, AUserWithTooManyProcessesFailsAtTheExecution) {
 TEST_F(ProcessSpawnerAsRoot, TheRootDirectoryIsTheJobs) {
   JobDefinition job = script("");
   job.rootDirectory = folder_.path();
-  // Nothing is in there to be executed, but the folder is.
+  // The folder exists, but holds no program to execute.
   folder_.write("sub/file", "");
   job.workingDirectory = "/sub";
   EXPECT_THAT(refusal(job),
@@ -114,7 +114,7 @@ bool giveUp(int capability) {
   return ::syscall(SYS_capset, &header, sets) == 0;
 }
 
-TEST_F(ProcessSpawnerAsRoot, AHostThatMayNotBecomeTheUserSaysAtWhichStep) {
+TEST_F(ProcessSpawnerAsRoot, AHostThatMayNotBecomeTheUserReportsTheStep) {
   struct Row {
     int capability;
     std::string stage;
@@ -148,7 +148,7 @@ TEST_F(ProcessSpawnerAsRoot, AHostThatMayNotBecomeTheUserSaysAtWhichStep) {
   }
 }
 
-// What the standard files are opened with.
+// The rights with which the standard files are opened.
 
 TEST_F(ProcessSpawnerAsRoot, StandardFilesAreMadeByTheUser) {
   const group* daemon = ::getgrnam("daemon");
@@ -163,7 +163,7 @@ TEST_F(ProcessSpawnerAsRoot, StandardFilesAreMadeByTheUser) {
   EXPECT_EQ(status.st_gid, daemon->gr_gid);
 }
 
-TEST_F(ProcessSpawnerAsRoot, ALinkOfTheUserLeadsNowhereTheUserMayNotGo) {
+TEST_F(ProcessSpawnerAsRoot, ALinkOfTheUserIsFollowedWithTheUsersRightsOnly) {
   const std::string secret = folder_.write("secret", "root's own\n");
   ASSERT_EQ(::chmod(secret.c_str(), 0600), 0);
   ASSERT_EQ(::symlink(secret.c_str(), folder_.path("link").c_str()), 0);

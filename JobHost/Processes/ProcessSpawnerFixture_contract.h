@@ -90,8 +90,8 @@ class ProcessSpawnerTest : public testing::Test {
     return platform::describe(spawned.error());
   }
 
-  // The process of the last spawn(), if it came so far as to say its number, is no child any more.
-  // Others may be there: what an earlier test of this program has left behind.
+  // Expects that the process of the last spawn(), if it recorded its number, is no child any more.
+  // There may be other children, left by earlier tests of this program.
   void expectReaped() const {
     StartFields fields;
     std::memcpy(&fields, record_.data() + sizeof(RecordHeader), sizeof fields);

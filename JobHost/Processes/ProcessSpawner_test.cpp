@@ -49,7 +49,7 @@ TEST_F(ProcessSpawnerTest, TheProgramGetsItsArgumentsAndItsOwnSession) {
   EXPECT_EQ(output(), "name,one two,," + pid + "\n" + pid + " " + pid + "\n");
 }
 
-TEST_F(ProcessSpawnerTest, TheEnvironmentIsTheDictionarysAndWhatEverybodyNeeds) {
+TEST_F(ProcessSpawnerTest, TheEnvironmentIsTheDictionarysAndTheStandardOne) {
   JobDefinition job;
   job.label = "com.example.job";
   job.program = "/usr/bin/env";
@@ -72,7 +72,7 @@ TEST_F(ProcessSpawnerTest, FolderMaskAndNicenessAreTheJobs) {
   EXPECT_EQ(outputOf(job), "/usr\n0027\n7\n");
 }
 
-TEST_F(ProcessSpawnerTest, LimitsAreTheJobsAndTheDescriptorLimitTheOneBefore) {
+TEST_F(ProcessSpawnerTest, LimitsAreTheJobsAndTheDescriptorLimitTheOriginalOne) {
   EXPECT_EQ(outputOfScript("ulimit -Sn"), std::to_string(kDescriptorLimit) + "\n");
   JobDefinition job = script("ulimit -Sn; ulimit -Hn; ulimit -Sc; ulimit -Hc; ulimit -Ht");
   job.limits = {{RLIMIT_NOFILE, 50, 60}, {RLIMIT_CORE, {}, 0}, {RLIMIT_CPU, {}, 500}};
@@ -82,7 +82,7 @@ TEST_F(ProcessSpawnerTest, LimitsAreTheJobsAndTheDescriptorLimitTheOneBefore) {
   EXPECT_EQ(outputOf(job), "60\n60\n");
 }
 
-TEST_F(ProcessSpawnerTest, ALimitOnFilesDoesNotKeepTheStartFromBeingRecorded) {
+TEST_F(ProcessSpawnerTest, AFileSizeLimitDoesNotPreventTheStartsRecord) {
   JobDefinition job = script("ulimit -f");
   job.standardOutPath = "/dev/null";
   job.limits = {{RLIMIT_FSIZE, 0, 0}};
@@ -111,7 +111,7 @@ TEST_F(ProcessSpawnerTest, TheHostsSignalsAreNotTheJobs) {
   std::signal(SIGUSR2, other);
 }
 
-TEST_F(ProcessSpawnerTest, RealTimeSignalsThatTheHostWasStartedIgnoringAreNotIgnoredByTheJob) {
+TEST_F(ProcessSpawnerTest, RealTimeSignalsThatTheHostIgnoresAreResetForTheJob) {
   const int signals[] = {SIGRTMIN, SIGRTMIN + 7, SIGRTMAX};
   for (const int signal : signals) std::signal(signal, SIG_IGN);
   auto again = ProcessSpawner::create(kDescriptorLimit);
@@ -131,7 +131,7 @@ TEST_F(ProcessSpawnerTest, NoDescriptorOfTheHostReachesTheJob) {
   JobDefinition job = script("");
   job.program = "/bin/ls";
   job.arguments = {"ls", "/proc/self/fd"};
-  EXPECT_EQ(outputOf(job), "0\n1\n2\n3\n");  // The last is the folder that it reads.
+  EXPECT_EQ(outputOf(job), "0\n1\n2\n3\n");  // The last one is for the folder that it reads.
 }
 
 TEST_F(ProcessSpawnerTest, StandardFilesAreTheJobs) {
@@ -139,7 +139,7 @@ TEST_F(ProcessSpawnerTest, StandardFilesAreTheJobs) {
   JobDefinition job = script("cat; echo error >&2; readlink /proc/self/fd/0");
   job.standardInPath = folder_.path("input");
   EXPECT_EQ(outputOf(job), "from the file\nerror\n" + folder_.path("input") + "\n");
-  // What is there stays.
+  // The existing contents stay.
   const auto spawned = spawn(job);
   ASSERT_TRUE(spawned);
   awaitEnd(*spawned);
@@ -147,7 +147,7 @@ TEST_F(ProcessSpawnerTest, StandardFilesAreTheJobs) {
   EXPECT_EQ(outputOfScript("readlink /proc/self/fd/0"), "/dev/null\n");
 }
 
-TEST_F(ProcessSpawnerTest, APipeThatNobodyWritesToIsNotWaitedFor) {
+TEST_F(ProcessSpawnerTest, OpeningDoesNotWaitForAPipesWriter) {
   ASSERT_EQ(::mkfifo(folder_.path("pipe").c_str(), 0600), 0);
   JobDefinition job = script("cat; echo end");
   job.standardInPath = folder_.path("pipe");
@@ -202,9 +202,9 @@ TEST_F(ProcessSpawnerTest, AProcessThatCannotRecordItselfDoesNotExecuteItsProgra
   EXPECT_EQ(output(), "");
 }
 
-// What fails says which stage it was and why.
+// An error says which stage failed and why.
 
-TEST_F(ProcessSpawnerTest, AProgramThatCannotBeExecutedIsRefusedWithTheSystemsReason) {
+TEST_F(ProcessSpawnerTest, AProgramThatCannotBeExecutedIsAnErrorWithTheReason) {
   JobDefinition job = script("");
   const std::string text = folder_.write("text", "not a program\n");
   const std::string orphan = folder_.write("orphan", "#!/no/such/interpreter\n");
@@ -223,7 +223,7 @@ TEST_F(ProcessSpawnerTest, AProgramThatCannotBeExecutedIsRefusedWithTheSystemsRe
   }
 }
 
-TEST_F(ProcessSpawnerTest, FoldersFilesAndLimitsThatCannotBeHadAreRefused) {
+TEST_F(ProcessSpawnerTest, UnusableFoldersFilesAndLimitsAreErrors) {
   struct Row {
     std::string stage;
     int error;
@@ -251,7 +251,7 @@ TEST_F(ProcessSpawnerTest, FoldersFilesAndLimitsThatCannotBeHadAreRefused) {
   EXPECT_EQ(output(), "");
 }
 
-TEST_F(ProcessSpawnerTest, UsersAndGroupsThatDoNotExistAreRefused) {
+TEST_F(ProcessSpawnerTest, UnknownUsersAndGroupsAreErrors) {
   JobDefinition job = script("");
   job.userName = "no-such-user";
   EXPECT_EQ(refusal(job), "job \"com.example.job\": the user \"no-such-user\" does not exist");
@@ -260,10 +260,10 @@ TEST_F(ProcessSpawnerTest, UsersAndGroupsThatDoNotExistAreRefused) {
   EXPECT_EQ(refusal(job), "job \"com.example.job\": the group \"no-such-group\" does not exist");
 }
 
-TEST_F(ProcessSpawnerTest, WithoutADescriptorForItThereIsNoFork) {
+TEST_F(ProcessSpawnerTest, WithoutADescriptorForThePidfdThereIsNoFork) {
   JobDefinition job = script("");
   job.standardOutPath = job.standardErrorPath = "/dev/null";
-  // Nothing else in there: the sanitizers need descriptors for some of their checks.
+  // The block holds nothing else: the sanitizers need descriptors for some of their checks.
   record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
   const auto spawned = [&] {
     const DescriptorShortage shortage(DescriptorShortage::Left::kNone);
@@ -282,13 +282,13 @@ TEST_F(ProcessSpawnerTest, ASocketIsNotPassedToAJobWithoutAService) {
   EXPECT_EQ(output(), "");
 }
 
-// Who is on its way to its program for ever: its start is never recorded, since nobody reads what
-// is in the pipe already.
-class ProcessOnItsWay : public ProcessSpawnerTest {
+// A process that never executes its program: its start is never recorded, because the pipe that it
+// writes to is full and has no reader.
+class UnexecutedProcess : public ProcessSpawnerTest {
  protected:
   static constexpr int kPipeBytes = 4096;
 
-  ProcessOnItsWay() {
+  UnexecutedProcess() {
     int ends[2];
     EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     reader_.reset(ends[0]);
@@ -298,8 +298,8 @@ class ProcessOnItsWay : public ProcessSpawnerTest {
     EXPECT_EQ(::write(file_.get(), filling.data(), filling.size()), kPipeBytes);
   }
 
-  // Spawns while another thread does something to the process, as soon as it is about to record
-  // itself, for as long as it is to be there.
+  // Spawns while another thread runs `somebody` on the process, from when it is about to record
+  // itself until spawn() returns.
   platform::Result<ProcessSpawner::Spawned> spawnBeside(
       const std::function<void(int process, const std::atomic<bool>& isOver)>& somebody) {
     const JobDefinition job = script("echo ran");
@@ -319,7 +319,7 @@ class ProcessOnItsWay : public ProcessSpawnerTest {
   UniqueFd reader_;
 
  private:
-  // The new process puts it there byte by byte, in this memory, and its check at last.
+  // The new process writes the record byte by byte into this memory, the check last.
   int recordedProcess() const {
     std::vector<std::uint8_t> copy(record_.size());
     const volatile std::uint8_t* bytes = record_.data();
@@ -332,7 +332,7 @@ class ProcessOnItsWay : public ProcessSpawnerTest {
   }
 };
 
-TEST_F(ProcessOnItsWay, IsKilledWhenItTakesTooLong) {
+TEST_F(UnexecutedProcess, IsKilledAfterTheStartTimeOut) {
   auto impatient = ProcessSpawner::create(kDescriptorLimit, std::chrono::milliseconds(1));
   ASSERT_TRUE(impatient);
   spawner_.emplace(*std::move(impatient));
@@ -342,8 +342,8 @@ TEST_F(ProcessOnItsWay, IsKilledWhenItTakesTooLong) {
   EXPECT_EQ(output(), "");
 }
 
-TEST_F(ProcessOnItsWay, IsKilledAlsoWhileSomebodyKeepsItStopped) {
-  // On a busy machine the process may be gone before the one that is to stop it has run at all.
+TEST_F(UnexecutedProcess, IsKilledAlsoWhileItIsKeptStopped) {
+  // On a busy machine the process may end before the thread that is to stop it has run at all.
   int stops = 0;
   for (std::chrono::milliseconds patience(200); stops == 0; patience *= 2) {
     ASSERT_LT(patience, std::chrono::seconds(20)) << "nobody has stopped it";
@@ -360,8 +360,8 @@ TEST_F(ProcessOnItsWay, IsKilledAlsoWhileSomebodyKeepsItStopped) {
   }
 }
 
-TEST_F(ProcessOnItsWay, GoesOnHoweverOftenSomebodyHasStoppedIt) {
-  // Whom the machine keeps from looking at it for long, it does not end meanwhile.
+TEST_F(UnexecutedProcess, GoesOnHoweverOftenItIsStopped) {
+  // The limit is long, so that a busy machine does not end the process meanwhile.
   auto patient = ProcessSpawner::create(kDescriptorLimit, std::chrono::hours(1));
   ASSERT_TRUE(patient);
   spawner_.emplace(*std::move(patient));
@@ -369,7 +369,7 @@ TEST_F(ProcessOnItsWay, GoesOnHoweverOftenSomebodyHasStoppedIt) {
   int timesGoneOn = 0;
   const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
     for (int i = 0; i < kTimes; ++i) {
-      // Again and again: one that is told to go on before it has stood still has never stopped.
+      // Repeat the signal: a SIGCONT before the process has stopped cancels the stop.
       siginfo_t info{};
       while (info.si_pid == 0 && !isOver) {
         EXPECT_EQ(::kill(process, SIGSTOP), 0);
@@ -388,7 +388,7 @@ TEST_F(ProcessOnItsWay, GoesOnHoweverOftenSomebodyHasStoppedIt) {
   EXPECT_EQ(output(), "ran\n");
 }
 
-TEST_F(ProcessSpawnerTest, AProgramThatRunsHasNoMoreTimers) {
+TEST_F(ProcessSpawnerTest, AnExecutedProgramHasNoTimers) {
   auto patient = ProcessSpawner::create(kDescriptorLimit, std::chrono::minutes(1));
   ASSERT_TRUE(patient);
   spawner_.emplace(*std::move(patient));

@@ -1,7 +1,7 @@
 #pragma once
 
-// What every kind of processes must do. A test program derives a ProcessesHarness, which knows how
-// to make jobs and to end their processes, and instantiates:
+// The contract of every implementation of Processes. A test program derives a ProcessesHarness,
+// which makes jobs and ends their processes, and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
 
 #include <chrono>
@@ -34,16 +34,16 @@ class ProcessesHarness {
   virtual platform::RunLoop& loop() = 0;
   virtual Processes& processes() = 0;
 
-  // A job whose process lives until it is ended, with another process of its group, which outlives
-  // it, or without; or one whose program can't be executed.
+  // A job whose process lives until it is ended, alone or with another process of its group that
+  // outlives it, or a job whose program can't be executed.
   virtual JobDefinition job(Kind kind) = 0;
-  // The process of job() was started.
+  // Called when the process of job() was started.
   virtual void started(platform::ProcessId process, const JobDefinition& job) = 0;
 
-  // Makes the process end and returns when it has.
+  // Ends the process and returns when it has ended.
   virtual void end(platform::ProcessId process, platform::ExitStatus status) = 0;
 
-  // Another host starts the process and is killed.
+  // Lets another host start the process, and kills that host.
   virtual platform::ProcessId startElsewhere(const JobDefinition& job,
                                              const StartTicket& ticket) = 0;
 };
@@ -90,7 +90,7 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     const JobDefinition job = harness_->job(kind);
     const auto process = harness_->startElsewhere(job, makeTicket(job));
     harness_->started(process, job);
-    // What the other host learned is in the file.
+    // The other host's process has completed the record in the file.
     const std::string told = contents();
     EXPECT_EQ(told.size(), record_.size());
     record_.assign(told.begin(), told.end());
@@ -98,7 +98,7 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     return recorded();
   }
 
-  // Runs the loop until it holds, and all that is ready then.
+  // Runs the loop until `holds` is true, and all callbacks that are ready then.
   void runUntil(const std::function<bool()>& holds) {
     using namespace std::chrono_literals;
     platform::RunLoop& loop = harness_->loop();
@@ -116,12 +116,12 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     EXPECT_EQ(ends_.size(), count);
   }
 
-  // Neither it nor anything of its group is there.
+  // Expects that neither the process nor any of its group lives.
   void expectGone(const StartFields& identity) {
     const auto refused = processes().takeOver(identity, reporting());
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
-    EXPECT_FALSE(processes().hasSurvivors(identity));
+    EXPECT_FALSE(processes().hasRemainingProcesses(identity));
   }
 
   platform::TemporaryFolder root_;
@@ -137,7 +137,7 @@ TEST_P(ProcessesContract, AStartedProcessIsOnRecord) {
   EXPECT_EQ(recorded().process, process);
   EXPECT_NE(recorded().startTicks, 0);
   EXPECT_EQ(contents(), std::string(record_.begin(), record_.end()));
-  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+  EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
   runToEnds(0);
 }
 
@@ -149,12 +149,12 @@ TEST_P(ProcessesContract, HowAProcessEndedIsReportedOnce) {
     EXPECT_TRUE(ends_.empty());
     runToEnds(1);
     EXPECT_EQ(ends_, std::vector<Ending>{status});
-    EXPECT_FALSE(processes().hasSurvivors(recorded()));
+    EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
     ends_.clear();
   }
 }
 
-TEST_P(ProcessesContract, AnEndThatHasHappenedIsReportedAtOnceToWhoAsks) {
+TEST_P(ProcessesContract, AnEndThatHasHappenedIsReportedAtOnceOnRequest) {
   const auto process = start(Kind::kAlone);
   processes().reportIfEnded(process);
   EXPECT_TRUE(ends_.empty());
@@ -190,7 +190,7 @@ TEST_P(ProcessesContract, AReportMayStartTheNextProcess) {
   EXPECT_EQ(ends_[1], Ending(kKilled));
 }
 
-TEST_P(ProcessesContract, AProgramThatCannotBeExecutedIsNoProcess) {
+TEST_P(ProcessesContract, AProgramThatCannotBeExecutedLeavesNoProcess) {
   const JobDefinition job = harness_->job(Kind::kUnstartable);
   const auto refused = processes().start(job, makeTicket(job), -1, reporting());
   ASSERT_FALSE(refused);
@@ -199,7 +199,7 @@ TEST_P(ProcessesContract, AProgramThatCannotBeExecutedIsNoProcess) {
   runToEnds(0);
 }
 
-TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNone) {
+TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNotStarted) {
   file_.reset(::open("/dev/full", O_WRONLY | O_CLOEXEC));
   ASSERT_TRUE(file_);
   const JobDefinition job = harness_->job(Kind::kAlone);
@@ -211,7 +211,7 @@ TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNone) {
   runToEnds(0);
 }
 
-TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeHadBack) {
+TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeCopiedBack) {
   const auto process = start(Kind::kAlone, file_.get());
   const platform::UniqueFd copy = processes().copyDescriptor(process, 3);
   ASSERT_TRUE(copy);
@@ -233,19 +233,19 @@ TEST_P(ProcessesContract, ASignalReachesTheProcess) {
   processes().signalGroup(process, SIGTERM);
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending(Status{Status::Kind::kSignalled, SIGTERM}));
-  EXPECT_FALSE(processes().hasSurvivors(recorded()));
+  EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
 }
 
-TEST_P(ProcessesContract, WhatAProcessLeavesOfItsGroupSurvivesUntilItIsKilled) {
+TEST_P(ProcessesContract, RemainingProcessesLiveUntilTheyAreKilled) {
   const auto process = start(Kind::kWithMember);
   const StartFields identity = recorded();
-  EXPECT_FALSE(processes().hasSurvivors(identity));
+  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
   harness_->end(process, {Status::Kind::kExited, 0});
   runToEnds(1);
-  EXPECT_TRUE(processes().hasSurvivors(identity));
+  EXPECT_TRUE(processes().hasRemainingProcesses(identity));
   processes().signalGroup(process, SIGKILL);
-  runUntil([&] { return !processes().hasSurvivors(identity); });
-  EXPECT_FALSE(processes().hasSurvivors(identity));
+  runUntil([&] { return !processes().hasRemainingProcesses(identity); });
+  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
   EXPECT_EQ(ends_.size(), 1);
 }
 
@@ -260,21 +260,21 @@ TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnkno
   EXPECT_EQ(ends_[0], Ending());
 }
 
-TEST_P(ProcessesContract, WhatAProcessTakenOverLeavesOfItsGroupSurvives) {
+TEST_P(ProcessesContract, RemainingProcessesOfAProcessTakenOverAreFound) {
   const StartFields identity = startElsewhere(Kind::kWithMember);
   ASSERT_TRUE(processes().takeOver(identity, reporting()));
-  EXPECT_FALSE(processes().hasSurvivors(identity));
+  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
   harness_->end(identity.process, {Status::Kind::kExited, 0});
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending());
-  // Whether or not its parent has reaped it yet.
-  EXPECT_TRUE(processes().hasSurvivors(identity));
+  // This holds whether or not its parent has reaped it yet.
+  EXPECT_TRUE(processes().hasRemainingProcesses(identity));
   processes().signalGroup(identity.process, SIGKILL);
-  runUntil([&] { return !processes().hasSurvivors(identity); });
-  EXPECT_FALSE(processes().hasSurvivors(identity));
+  runUntil([&] { return !processes().hasRemainingProcesses(identity); });
+  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
 }
 
-TEST_P(ProcessesContract, WhatOnlyHasTheNumberIsNotTakenOver) {
+TEST_P(ProcessesContract, AReusedNumberIsNotTakenOver) {
   const StartFields identity = startElsewhere(Kind::kAlone);
   StartFields later = identity;
   ++later.startTicks;
@@ -293,7 +293,7 @@ TEST_P(ProcessesContract, WhatOnlyHasTheNumberIsNotTakenOver) {
   runToEnds(0);
 }
 
-TEST_P(ProcessesContract, AProcessThatHasGoneIsNotTakenOver) {
+TEST_P(ProcessesContract, AProcessThatHasEndedIsNotTakenOver) {
   const auto process = start(Kind::kAlone);
   harness_->end(process, kKilled);
   runToEnds(1);

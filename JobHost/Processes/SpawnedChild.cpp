@@ -1,5 +1,5 @@
-// Runs in a process that shares the host's memory: system calls only, and nothing that a sanitizer
-// would instrument (see CMakeLists.txt). The host stands still until the program has been executed
+// Runs in a process that shares the host's memory: system calls only, and no code that a sanitizer
+// would instrument (see CMakeLists.txt). The host is suspended until the program has been executed
 // or this has returned, so its errno may be used.
 
 #include "JobHost/Processes/SpawnedChild.h"
@@ -23,7 +23,7 @@ namespace {
 constexpr std::size_t kKernelSignalSetBytes = 8;
 constexpr int kPidDigits = 10;
 
-// The kernel's, which is not the library's. All zeros is the default action.
+// The kernel's structure, which differs from the library's. All zeros is the default action.
 struct KernelSignalAction {
   void* handler;
   unsigned long flags;
@@ -36,22 +36,22 @@ int failure(SpawnedChild& child) {
   return 1;
 }
 
-// The kernel signals a process by its timers whatever ids it has taken by then, and whether or not
-// it stands still; when it executes its program they go.
+// The kernel delivers a process's own timers whatever ids it has by then, even while it is stopped,
+// and deletes them when it executes its program.
 bool startTimer(int signal, const timespec& after) {
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = signal;
-  int timer = 0;  // The kernel's number of it.
+  int timer = 0;  // the kernel's id
   if (::syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer) != 0) return false;
   const itimerspec times{{}, after};
   return ::syscall(SYS_timer_settime, timer, 0, &times, nullptr) == 0;
 }
 
-// Timers of their own, further and further apart: of a signal that is blocked or ignored a timer
-// that repeats runs out only once.
+// These are separate timers, further and further apart: a repeating timer whose signal is blocked
+// or ignored expires only once.
 bool startContinuing(const SpawnedChild& child) {
-  for (timespec at = child.continueAfter; at.tv_sec < child.patience.tv_sec;) {
+  for (timespec at = child.continueAfter; at.tv_sec < child.startTimeOut.tv_sec;) {
     if (!startTimer(SIGCONT, at)) return false;
     constexpr long kSecond = 1'000'000'000;
     const long nanoseconds = 4 * at.tv_nsec;
@@ -60,7 +60,7 @@ bool startContinuing(const SpawnedChild& child) {
   return true;
 }
 
-// The caller's start time; 0 where /proc can't say.
+// The caller's start time, 0 if /proc can't be read.
 std::uint64_t ownStartTicks() {
   const long file = ::syscall(SYS_openat, AT_FDCWD, "/proc/self/stat", O_RDONLY | O_CLOEXEC, 0);
   if (file < 0) return 0;
@@ -91,7 +91,7 @@ bool writeStartRecord(SpawnedChild& child, long process) {
   const long written =
       ::syscall(SYS_write, child.stateFile, child.startRecord, child.startRecordSize);
   if (written == static_cast<long>(child.startRecordSize)) return true;
-  if (written >= 0) errno = ENOSPC;  // A part of it: the host cuts it off again.
+  if (written >= 0) errno = ENOSPC;  // The host cuts off the partial record.
   return false;
 }
 
@@ -100,7 +100,7 @@ bool placeDescriptors(SpawnedChild& child) {
   for (int i = 0; i < child.descriptorCount; ++i) {
     if (::syscall(SYS_dup3, child.descriptors[i], i, 0) < 0) return false;
   }
-  // The host opens nothing without close-on-exec, but who started the host may have.
+  // The host sets close-on-exec on all its descriptors, but it may have inherited others.
   ::syscall(SYS_close_range, child.descriptorCount, ~0U, CLOSE_RANGE_CLOEXEC);
   return true;
 }
@@ -115,7 +115,7 @@ bool setLimits(SpawnedChild& child) {
   return true;
 }
 
-// Groups before the user: afterwards nobody may change them.
+// Groups before the user: without root's capabilities they can't be changed.
 bool takeIds(SpawnedChild& child) {
   if (!child.changesIds) return true;
   child.stage = ChildStage::kGroups;
@@ -139,7 +139,7 @@ bool enterFolders(SpawnedChild& child) {
 
 void resetSignals(std::uint64_t signals) {
   // Ignored signals would stay ignored, and until the program is executed a handler of the host
-  // would run in its memory.
+  // would run in the host's memory.
   const KernelSignalAction byDefault{};
   for (int signal = 1; signals != 0; ++signal, signals >>= 1) {
     if ((signals & 1) == 0) continue;
@@ -149,7 +149,7 @@ void resetSignals(std::uint64_t signals) {
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, kKernelSignalSetBytes);
 }
 
-// Without zeros in front: some readers take those for another base.
+// Write no leading zeros: some readers take the number for octal then.
 void writeNumber(char* place, long number) {
   char reversed[kPidDigits];
   int count = 0;
@@ -164,9 +164,9 @@ bool prepare(SpawnedChild& child) {
   child.stage = ChildStage::kSession;
   if (::syscall(SYS_setsid) < 0) return false;
   child.stage = ChildStage::kTimers;
-  if (!startContinuing(child) || !startTimer(SIGKILL, child.patience)) return false;
+  if (!startContinuing(child) || !startTimer(SIGKILL, child.startTimeOut)) return false;
   const long process = ::syscall(SYS_getpid);
-  // Before the limits, which may forbid it to write.
+  // This comes before the limits, which may forbid the write.
   if (!writeStartRecord(child, process)) return false;
   if (!placeDescriptors(child)) return false;
   if (!setLimits(child)) return false;

@@ -9,7 +9,7 @@
 
 namespace jobhost {
 
-// What a child does between its birth and its program, in this order.
+// The steps of a child between its start and its program, in this order.
 enum class ChildStage : int {
   kBegin,
   kSession,
@@ -32,17 +32,17 @@ struct ChildLimit {
   rlimit value;
 };
 
-// The orders for a child that shares its parent's memory, and what became of it. Everything is
-// worked out by the parent: the child makes system calls and nothing else.
+// The instructions for a child that shares its parent's memory, and its result. The parent works
+// out everything: the child only makes system calls.
 struct SpawnedChild {
   const char* program;
   char* const* arguments;
   char* const* environment;
-  // Where the child's number goes, at the end of one of the variables, with room for ten digits;
-  // null for nowhere.
+  // The place for the child's number, at the end of a variable, with room for ten digits. Null for
+  // none.
   char* listenPid;
 
-  // Become 0, 1, 2 and so on. All are above the last of these numbers.
+  // These become 0, 1, 2 and so on. Each number is above the last of those.
   const int* descriptors;
   int descriptorCount;
 
@@ -60,28 +60,28 @@ struct SpawnedChild {
   int umask;  // -1 for the host's
   int nice;   // 0 for the host's
 
-  // What may not be at its default: bit 0 is signal 1.
+  // The signals that may not have their default action. Bit 0 is signal 1.
   std::uint64_t signalsToReset;
 
-  // Once it has its user's ids, others of that user may stop it. It is told to go on after
-  // this time and then after four times as long each, and killed where it has not come to its
-  // program after the whole time.
+  // Once the child has its user's ids, other processes of that user may stop it. It gets SIGCONT
+  // after `continueAfter` and then after four times as long each, and SIGKILL if it has not
+  // executed its program after `startTimeOut`.
   timespec continueAfter;
-  timespec patience;
+  timespec startTimeOut;
 
   int stateFile;
   std::uint8_t* startRecord;
   std::size_t startRecordSize;
   bool hasUniquePidfds;
 
-  // The stage that was reached, and the errno that ended it there; 0 where none did.
+  // The stage that was reached, and the errno with which it failed, or 0.
   volatile ChildStage stage;
   volatile int error;
   volatile std::size_t failedLimit;
 };
 
-// The child, for clone(): `child` is a SpawnedChild. To be started with all signals blocked.
-// Returns only where a stage failed.
+// The child's function for clone(). `child` is a SpawnedChild. All signals must be blocked. Returns
+// only if a stage failed.
 int runSpawnedChild(void* child);
 
 }  // namespace jobhost

@@ -7,10 +7,10 @@
 
 namespace jobhost {
 
-// The record of a start, which the new process itself writes before it executes its program.
+// The record of a start. The new process writes it itself before it executes its program.
 struct StartTicket {
   platform::Descriptor file = -1;  // open for appending
-  std::span<std::uint8_t> record;  // with a place for what only the process knows
+  std::span<std::uint8_t> record;  // the process fills in what only it knows
 };
 
 }  // namespace jobhost

@@ -31,7 +31,7 @@ constexpr char kLockName[] = "/launchd.lock";
 constexpr char kNewSuffix[] = ".new";
 constexpr char kSetAsideSuffix[] = ".set-aside";
 constexpr mode_t kMode = 0600;
-// A file smaller than this is never worth compacting.
+// A smaller file is not worth compacting.
 constexpr std::size_t kSmallBytes = 256 * 1024;
 constexpr platform::Duration kLockInterval = std::chrono::milliseconds(5);
 
@@ -40,7 +40,7 @@ Result<UniqueFd> takeLock(const std::string& path, platform::RunLoop& loop) {
     return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, kMode);
   }));
   if (!lock) return std::unexpected(systemError("opening " + path));
-  const platform::Instant deadline = loop.now() + StateFile::kLockPatience;
+  const platform::Instant deadline = loop.now() + StateFile::kLockTimeOut;
   while (retryOnInterrupt([&] { return ::flock(lock.get(), LOCK_EX | LOCK_NB); }) != 0) {
     if (errno != EWOULDBLOCK) return std::unexpected(systemError("locking " + path));
     if (loop.now() >= deadline) {
@@ -52,7 +52,7 @@ Result<UniqueFd> takeLock(const std::string& path, platform::RunLoop& loop) {
   return lock;
 }
 
-// Whether the open file is one that only this host can have written.
+// Checks that only this host can have written the file.
 Result<void> checkTrust(int file) {
   struct stat status{};
   if (::fstat(file, &status) != 0) return std::unexpected(systemError("fstat"));
@@ -86,16 +86,16 @@ Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
   return Trusted{*std::move(contents), *std::move(file)};
 }
 
-// The same file for appending: its path may have come to name another one.
+// Opens the same file for appending, by its descriptor: its path may name another one by now.
 UniqueFd reopenForAppending(const UniqueFd& file) {
   const std::string path = pathOfDescriptor(file);
   return UniqueFd(
       retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
 }
 
-// A torn file gets a second name and keeps its own until it is replaced: a host killed in between
-// must find it again. Anything else just goes. Only one is kept, so that no number of them fills
-// the disk.
+// A torn file gets a second name and keeps its own until it is replaced, so that a host killed in
+// between finds it again. Any other file is renamed. Only one file set aside is kept, so that they
+// do not fill the disk.
 std::string setAside(const std::string& path, bool isTorn, const std::string& why) {
   const std::string aside = path + kSetAsideSuffix;
   ::unlink(aside.c_str());
@@ -106,7 +106,7 @@ std::string setAside(const std::string& path, bool isTorn, const std::string& wh
                      platform::describe(systemError("rename")));
 }
 
-// All of it or nothing.
+// Writes all bytes or fails.
 Result<void> writeWhole(int file, std::span<const std::uint8_t> bytes, const std::string& what) {
   const ssize_t written =
       retryOnInterrupt([&] { return ::write(file, bytes.data(), bytes.size()); });
@@ -121,19 +121,22 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 }
 
 Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
-                                             const Labels& dismissed, std::string_view bootId) {
+                                             const Labels& removedByClient,
+                                             std::string_view bootId) {
   std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
   const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
     const auto record = makeRecord(kind, payload);
     bytes.insert(bytes.end(), record.begin(), record.end());
   };
-  // Before the jobs: this record also ends a job, and one of the same label has come since.
-  for (const std::string& label : dismissed) add(RecordKind::kDismissed, bytesOf(label));
+  // These come before the jobs: the record also removes a job, and a job with the same label may
+  // have been submitted since.
+  for (const std::string& label : removedByClient)
+    add(RecordKind::kRemovedByClient, bytesOf(label));
   for (const StoredJob& job : jobs) {
     const auto submitted = submittedPayload(job.origin, job.dictionary);
     if (!submitted) return std::unexpected(submitted.error());
     add(RecordKind::kSubmitted, *submitted);
-    // The last end of a job that runs was before its start.
+    // If the job runs, its last end was before its last start.
     if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
     if (job.lastStart) add(RecordKind::kStarted, startPayload(*job.lastStart, job.label));
     if (!job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
@@ -158,7 +161,7 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   auto trusted = readTrusted(self.path_, bootId);
   if (trusted) {
     opened.jobs = std::move(trusted->contents.jobs);
-    opened.dismissed = std::move(trusted->contents.dismissed);
+    opened.removedByClient = std::move(trusted->contents.removedByClient);
     self.file_ = reopenForAppending(trusted->file);
     self.size_ = self.compactedSize_ = trusted->contents.wholeBytes;
     if (trusted->contents.isTorn) {
@@ -167,7 +170,7 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
           setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
     }
   } else if (platform::isShortage(trusted.error().osError)) {
-    // The file may be as good as ever: to go on without it would be to start all jobs twice.
+    // The file may be valid. To go on without it would start all jobs a second time.
     return std::unexpected(std::move(trusted.error()));
   } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
@@ -176,14 +179,14 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   return opened;
 }
 
-Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& dismissed) {
-  auto replaced = replaceBy(jobs, dismissed);
+Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& removedByClient) {
+  auto replaced = replaceBy(jobs, removedByClient);
   if (!replaced) whyNoFile_ = replaced.error();
   return replaced;
 }
 
-Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels& dismissed) {
-  const auto bytes = contentsOf(jobs, dismissed, bootId_);
+Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels& removedByClient) {
+  const auto bytes = contentsOf(jobs, removedByClient, bootId_);
   if (!bytes) return std::unexpected(bytes.error());
   const std::string temporary = path_ + kNewSuffix;
   if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
@@ -192,7 +195,7 @@ Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels&
   UniqueFd file(::open(temporary.c_str(),
                        O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, kMode));
   if (!file) return std::unexpected(systemError("creating " + temporary));
-  // The umask may have taken from it what open() expects of it.
+  // The umask may have cleared bits that open() expects.
   if (::fchmod(file.get(), kMode) != 0) {
     Error error = systemError("fchmod " + temporary);
     ::unlink(temporary.c_str());
@@ -219,16 +222,16 @@ bool StateFile::wantsCompaction() const {
 }
 
 std::size_t StateFile::costOf(std::string_view label, std::size_t submissionBytes) {
-  // A start, an end and the beginning of a removal.
+  // The records of a start, an end and the beginning of a removal.
   return submissionBytes + 3 * (sizeof(RecordHeader) + label.size()) + sizeof(StartFields) +
          sizeof(EndFields);
 }
 
-Result<void> StateFile::mend() {
+Result<void> StateFile::repair() {
   if (!isTorn_) return {};
   if (isNamedTwice_) {
-    // What was set aside is this very file, which goes on without what made it worth keeping. A
-    // second name that stays does no harm.
+    // The file set aside is this very file, and it goes on without its torn record. Remove the
+    // second name. If that fails, it does no harm.
     ::unlink((path_ + kSetAsideSuffix).c_str());
     isNamedTwice_ = false;
   }
@@ -237,7 +240,7 @@ Result<void> StateFile::mend() {
 
 Result<void> StateFile::makeReady(std::size_t recordBytes) {
   if (!file_) return std::unexpected(whyNoFile_);
-  if (auto mended = mend(); !mended) return mended;
+  if (auto repaired = repair(); !repaired) return repaired;
   if (size_ + recordBytes <= kMaximumBytes) return {};
   return std::unexpected(Error{ErrorCode::kExhausted, 0,
                                fmt::format("{}: expected at most {} bytes", path_, kMaximumBytes)});
@@ -250,7 +253,8 @@ Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> pa
 Result<void> StateFile::appendRecord(std::span<const std::uint8_t> record) {
   if (auto ready = makeReady(record.size()); !ready) return ready;
   if (auto written = writeWhole(file_.get(), record, "writing " + path_); !written) {
-    // What can't be cut off now is cut off before the next record, or found torn.
+    // If the cut fails now, repair() retries it before the next record, or the next host finds the
+    // file torn.
     isTorn_ = true;
     static_cast<void>(cutBackTo(size_));
     return written;
@@ -288,8 +292,8 @@ Result<void> StateFile::appendRemoved(std::string_view label) {
   return append(RecordKind::kRemoved, bytesOf(label));
 }
 
-Result<void> StateFile::appendDismissed(std::string_view label) {
-  return append(RecordKind::kDismissed, bytesOf(label));
+Result<void> StateFile::appendRemovedByClient(std::string_view label) {
+  return append(RecordKind::kRemovedByClient, bytesOf(label));
 }
 
 Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,
@@ -297,7 +301,7 @@ Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view la
   StartFields fields;
   fields.startedAt = startedAt.time_since_epoch().count();
   auto record = makeRecord(RecordKind::kStarted, startPayload(fields, label));
-  // The process can't ask whether there is room.
+  // Make sure of the space now: the process can't.
   if (auto ready = makeReady(record.size()); !ready) return std::unexpected(ready.error());
   return record;
 }

@@ -41,14 +41,14 @@ class StateFileTest : public testing::Test {
     return opened ? *std::move(opened) : StateFile::Opened{};
   }
 
-  // A file with nothing in it yet.
+  // An empty state file.
   std::unique_ptr<StateFile> create() {
     auto opened = open();
     EXPECT_TRUE(opened.file->compact({}));
     return std::move(opened.file);
   }
 
-  // What a process does that has been started.
+  // Does what a started process does.
   StartFields start(StateFile& file, std::string_view label, std::int32_t process,
                     platform::Instant at = {}) {
     auto record = file.makeStartRecord(label, at);
@@ -77,7 +77,7 @@ class StateFileTest : public testing::Test {
     return labels;
   }
 
-  // The file at the path is set aside for this reason, and a new one works.
+  // Expects that the file at the path is set aside for this reason, and that a new one works.
   void expectSetAside(const std::string& reason, std::string_view boot = kBoot) {
     {
       auto opened = open(boot);
@@ -141,11 +141,11 @@ TEST_F(StateFileTest, TheNextHostReadsWhatThisOneWrote) {
   }
 }
 
-TEST_F(StateFileTest, ADismissedDaemonIsRememberedBesideTheJobThatHasItsLabelNow) {
+TEST_F(StateFileTest, ARemovedDaemonIsRememberedBesideANewJobWithItsLabel) {
   auto file = create();
   for (const char* label : {"again", "gone", "going"}) {
     ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed(label)));
-    ASSERT_TRUE(file->appendDismissed(label));
+    ASSERT_TRUE(file->appendRemovedByClient(label));
   }
   ASSERT_TRUE(file->appendRemoved("gone"));
   ASSERT_TRUE(file->appendRemoved("again"));
@@ -156,12 +156,12 @@ TEST_F(StateFileTest, ADismissedDaemonIsRememberedBesideTheJobThatHasItsLabelNow
   for (int i = 0; i < 2; ++i) {  // As it was written, then as it was compacted.
     auto opened = open();
     EXPECT_THAT(opened.warnings, IsEmpty());
-    EXPECT_THAT(opened.dismissed, ElementsAre("again", "going", "gone", "replaced"));
+    EXPECT_THAT(opened.removedByClient, ElementsAre("again", "going", "gone", "replaced"));
     ASSERT_THAT(labelsOf(opened.jobs), ElementsAre("going", "again", "replaced"));
     EXPECT_TRUE(opened.jobs[0].isBeingRemoved);
     EXPECT_FALSE(opened.jobs[1].isBeingRemoved);
     EXPECT_FALSE(opened.jobs[2].isBeingRemoved);
-    ASSERT_TRUE(opened.file->compact(opened.jobs, opened.dismissed));
+    ASSERT_TRUE(opened.file->compact(opened.jobs, opened.removedByClient));
   }
 }
 
@@ -175,7 +175,7 @@ TEST_F(StateFileTest, EveryEndIsReadAsItWasWritten) {
   }
 }
 
-TEST_F(StateFileTest, WhatFollowsTheLastWholeRecordIsCutOffAndTheFileSetAside) {
+TEST_F(StateFileTest, ATornRecordIsCutOffAndTheFileSetAside) {
   auto file = create();
   std::vector<std::size_t> ends{file->mark()};
   for (const char* label : {"a", "b", "c"}) {
@@ -195,7 +195,8 @@ TEST_F(StateFileTest, WhatFollowsTheLastWholeRecordIsCutOffAndTheFileSetAside) {
     ASSERT_EQ(opened.warnings.size(), isTorn ? 1 : 0) << size;
     if (!isTorn) continue;
     EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
-    // It keeps its name until a new one replaces it: a host that is killed now must find it again.
+    // It keeps its name until a new file replaces it: if the host is killed now, the next one must
+    // find it again.
     EXPECT_EQ(contents(), whole.substr(0, size));
     ASSERT_TRUE(opened.file->compact(opened.jobs));
     struct stat status{};
@@ -213,7 +214,7 @@ TEST_F(StateFileTest, AFileThatEndsInsideItsHeaderIsNotTrusted) {
   }
 }
 
-TEST_F(StateFileTest, AChangedByteIsNeverBelieved) {
+TEST_F(StateFileTest, AChangedByteIsNeverTrusted) {
   auto file = create();
   for (const char* label : {"a", "b"}) {
     ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed(label)));
@@ -226,7 +227,7 @@ TEST_F(StateFileTest, AChangedByteIsNeverBelieved) {
     put(changed);
     const auto opened = open();
     EXPECT_EQ(opened.warnings.size(), 1) << i;
-    // A size that points behind the end looks like a torn record, and what is before it stands.
+    // A size beyond the end looks like a torn record, and the records before it count.
     for (const StoredJob& job : opened.jobs) EXPECT_EQ(job.dictionary, jobNamed(job.label));
     EXPECT_LT(opened.jobs.size(), 2) << i;
   }
@@ -237,7 +238,7 @@ TEST_F(StateFileTest, AFileOfAnotherBootIsSetAside) {
   expectSetAside("not from this boot", "21111111-2222-3333-4444-555555555555");
 }
 
-TEST_F(StateFileTest, AFileThatIsNoneIsSetAside) {
+TEST_F(StateFileTest, AFileOfAnotherFormatIsSetAside) {
   put(std::string(4096, 'x'));
   expectSetAside("no state file");
 }
@@ -250,14 +251,14 @@ TEST_F(StateFileTest, AFileThatOthersCouldHaveWrittenIsSetAside) {
   }
 }
 
-TEST_F(StateFileTest, SomebodyElsesFileIsSetAside) {
+TEST_F(StateFileTest, AFileOfAnotherUserIsSetAside) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   create().reset();
   ASSERT_EQ(::chown(path_.c_str(), 1, 1), 0);
   expectSetAside("belongs to uid 1");
 }
 
-TEST_F(StateFileTest, ASymbolicLinkIsSetAsideAndWhatItPointsToLeftAlone) {
+TEST_F(StateFileTest, ASymbolicLinkIsSetAsideAndItsTargetUntouched) {
   create().reset();
   const std::string target = folder_.path("target");
   ASSERT_EQ(::rename(path_.c_str(), target.c_str()), 0);
@@ -268,7 +269,7 @@ TEST_F(StateFileTest, ASymbolicLinkIsSetAsideAndWhatItPointsToLeftAlone) {
   EXPECT_TRUE(S_ISREG(status.st_mode));
 }
 
-TEST_F(StateFileTest, APipeIsNotWaitedForAndSetAside) {
+TEST_F(StateFileTest, APipeIsSetAsideWithoutWaiting) {
   ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
   expectSetAside("not a regular file");
 }
@@ -289,11 +290,11 @@ TEST_F(StateFileTest, AFileLargerThanAllowedIsSetAsideUnread) {
   }
 }
 
-// The lock is the last descriptor that there is.
-TEST_F(StateFileTest, AFileThatCannotBeOpenedNowStaysAndNothingIsForgotten) {
+// The lock takes the last descriptor.
+TEST_F(StateFileTest, AFileThatCannotBeOpenedForWantOfDescriptorsStays) {
   ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string before = contents();
-  // Nothing else in there: the sanitizers need descriptors for some of their checks.
+  // The block holds nothing else: the sanitizers need descriptors for some of their checks.
   const auto refused = [&] {
     const platform::DescriptorShortage shortage(platform::DescriptorShortage::Left::kOne);
     return StateFile::open(folder_.path(), kBoot, loop_);
@@ -307,7 +308,7 @@ TEST_F(StateFileTest, AFileThatCannotBeOpenedNowStaysAndNothingIsForgotten) {
   EXPECT_THAT(labelsOf(opened.jobs), ElementsAre("a"));
 }
 
-TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
+TEST_F(StateFileTest, ARecordBeyondTheMaximumSizeIsRejected) {
   auto file = create();
   const Value large =
       Dictionary{{"Label", "a"}, {"Fill", platform::Data(std::size_t{1} << 20, 'x')}};
@@ -320,7 +321,7 @@ TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
   EXPECT_EQ(result.error().code, ErrorCode::kExhausted);
   EXPECT_EQ(file->mark(), before);
   EXPECT_GT(before, StateFile::kMaximumBytes - (std::size_t{2} << 20));
-  // To the last byte, and not one more.
+  // The file is filled to the last byte, and not one more.
   const std::size_t left = StateFile::kMaximumBytes - before;
   const std::string exact(left - sizeof(RecordHeader), 'x');
   EXPECT_FALSE(file->appendRemoving(exact + "x"));
@@ -329,7 +330,7 @@ TEST_F(StateFileTest, ARecordThatWouldMakeTheFileTooLargeIsRefused) {
   EXPECT_FALSE(file->appendRemoving(""));
 }
 
-TEST_F(StateFileTest, AStartForWhichThereIsNoRoomIsRefusedBeforeThereIsAProcess) {
+TEST_F(StateFileTest, AStartWithoutSpaceFailsBeforeThereIsAProcess) {
   auto file = create();
   const std::size_t needed = file->makeStartRecord("a", {})->size();
   for (const std::size_t left : {needed + 1, needed, needed - 1}) {
@@ -344,7 +345,7 @@ TEST_F(StateFileTest, AStartForWhichThereIsNoRoomIsRefusedBeforeThereIsAProcess)
   }
 }
 
-TEST_F(StateFileTest, AJobThatCostsMoreThanIsLeftIsRefused) {
+TEST_F(StateFileTest, AJobBeyondTheRemainingCostIsRejected) {
   auto file = create();
   const std::size_t before = file->mark();
   const auto bytes = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
@@ -360,7 +361,7 @@ TEST_F(StateFileTest, AJobThatCostsMoreThanIsLeftIsRefused) {
   EXPECT_EQ(file->mark(), mark);
 }
 
-TEST_F(StateFileTest, ACostIsWhatACompactedFileHoldsAtMost) {
+TEST_F(StateFileTest, AJobsCostIsItsMaximumSizeInACompactedFile) {
   auto file = create();
   const std::size_t empty = file->mark();
   StoredJob job;
@@ -375,7 +376,7 @@ TEST_F(StateFileTest, ACostIsWhatACompactedFileHoldsAtMost) {
   EXPECT_EQ(file->mark() - empty, StateFile::costOf(job.label, submission));
 }
 
-TEST_F(StateFileTest, ARecordThatFindsNoRoomLeavesTheFileAsItWas) {
+TEST_F(StateFileTest, ARecordWithoutSpaceLeavesTheFileUnchanged) {
   auto file = create();
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string before = contents();
@@ -404,7 +405,7 @@ TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
   EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
 }
 
-TEST_F(StateFileTest, WithoutAFileEachRecordIsRefusedWithTheReason) {
+TEST_F(StateFileTest, WithoutAFileEachRecordFailsWithTheReason) {
   for (const char* const content : {"", "no state file"}) {
     put(content);
     auto opened = open();
@@ -430,7 +431,7 @@ TEST_F(StateFileTest, WithoutAFileEachRecordIsRefusedWithTheReason) {
   }
 }
 
-TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {
+TEST_F(StateFileTest, ATornFileThatCannotBeReplacedIsRepairedInPlace) {
   ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string whole = contents();
   for (const bool mendsAtOnce : {true, false}) {
@@ -444,13 +445,13 @@ TEST_F(StateFileTest, ATornFileThatCannotBeReplacedGoesOnWithoutItsTornRecord) {
       EXPECT_FALSE(opened.file->compact(opened.jobs));
       EXPECT_EQ(contents(), whole + "torn");
       if (mendsAtOnce) {
-        ASSERT_TRUE(opened.file->mend());
+        ASSERT_TRUE(opened.file->repair());
         EXPECT_EQ(contents(), whole);
       }
     }
     ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
     opened.file.reset();
-    // What was set aside would go on being written to.
+    // Otherwise records would also be appended to the file set aside.
     EXPECT_EQ(::access((path_ + ".set-aside").c_str(), F_OK), -1);
     const auto next = open();
     EXPECT_THAT(next.warnings, IsEmpty());
@@ -464,12 +465,12 @@ TEST_F(StateFileTest, ATornFileThatIsReplacedLaterStaysSetAside) {
   put(torn);
   auto opened = open();
   ASSERT_TRUE(opened.file->compact(opened.jobs));
-  ASSERT_TRUE(opened.file->mend());
+  ASSERT_TRUE(opened.file->repair());
   ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
   EXPECT_EQ(platform::contentOfFile(path_ + ".set-aside"), torn);
 }
 
-TEST_F(StateFileTest, WhatAFailedStartHasWrittenIsCutOff) {
+TEST_F(StateFileTest, TheRecordOfAFailedStartIsCutOff) {
   auto file = create();
   const std::string before = contents();
   const std::size_t mark = file->mark();
@@ -479,17 +480,17 @@ TEST_F(StateFileTest, WhatAFailedStartHasWrittenIsCutOff) {
   EXPECT_EQ(contents(), before);
 }
 
-TEST_F(StateFileTest, AnotherHostIsWaitedForButNotForever) {
+TEST_F(StateFileTest, OpenWaitsForAnotherHostButNotForever) {
   auto first = create();
   const platform::Instant before = loop_.now();
   const auto refused = StateFile::open(folder_.path(), kBoot, loop_);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
   EXPECT_THAT(refused.error().context, HasSubstr("another job host"));
-  EXPECT_GE(loop_.now() - before, StateFile::kLockPatience);
-  EXPECT_LT(loop_.now() - before, StateFile::kLockPatience + 1s);
+  EXPECT_GE(loop_.now() - before, StateFile::kLockTimeOut);
+  EXPECT_LT(loop_.now() - before, StateFile::kLockTimeOut + 1s);
 
-  loop_.scheduleOutsideEvent(StateFile::kLockPatience - 100ms, [&] { first.reset(); });
+  loop_.scheduleOutsideEvent(StateFile::kLockTimeOut - 100ms, [&] { first.reset(); });
   EXPECT_TRUE(open().file);
 }
 

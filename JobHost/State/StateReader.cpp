@@ -23,13 +23,13 @@ using platform::Value;
 using Bytes = std::vector<std::uint8_t>;
 using View = std::span<const std::uint8_t>;
 
-// With the format's version in it.
+// Contains the version of the format.
 constexpr std::string_view kMagic = "vantorjobs 1\n";
 
 template <typename Fields>
 void add(Bytes& bytes, const Fields& fields) {
   const auto raw = std::bit_cast<std::array<std::uint8_t, sizeof(Fields)>>(fields);
-  // Not insert(), in which GCC 12 sees an overflow under the sanitizers.
+  // Not insert(): GCC 12 warns of an overflow in it under the sanitizers.
   std::ranges::copy(raw, std::back_inserter(bytes));
 }
 
@@ -37,7 +37,7 @@ void add(Bytes& bytes, std::string_view text) {
   bytes.insert(bytes.end(), text.begin(), text.end());
 }
 
-// The fields at the beginning of `bytes`, which then begins behind them; there are enough.
+// Removes the fields from the beginning of `bytes`, which is long enough.
 template <typename Fields>
 Fields take(View& bytes) {
   std::array<std::uint8_t, sizeof(Fields)> raw;
@@ -48,7 +48,8 @@ Fields take(View& bytes) {
 
 std::string textOf(View bytes) { return {bytes.begin(), bytes.end()}; }
 
-// Plays the records one after the other. Each returns what is wrong with it, or nothing.
+// Replays the records in their order. Each function returns the fault of its record, or an empty
+// text.
 class Replay {
  public:
   std::string_view play(RecordKind kind, View payload) {
@@ -63,8 +64,8 @@ class Replay {
         return removing(payload);
       case RecordKind::kRemoved:
         return removed(payload);
-      case RecordKind::kDismissed:
-        return dismissed(payload);
+      case RecordKind::kRemovedByClient:
+        return removedByClient(payload);
     }
     return "a record of an unknown kind";
   }
@@ -72,12 +73,12 @@ class Replay {
   StateContents contents() && {
     StateContents result;
     for (auto& [number, job] : jobs_) result.jobs.push_back(std::move(job));
-    result.dismissed = std::move(dismissed_);
+    result.removedByClient = std::move(removedByClient_);
     return result;
   }
 
  private:
-  static constexpr std::string_view kNobody = "a record of a job that was never submitted";
+  static constexpr std::string_view kUnknownJob = "a record of a job that was never submitted";
 
   StoredJob* find(View label) {
     const auto found = numbers_.find(textOf(label));
@@ -96,7 +97,7 @@ class Replay {
     const auto [place, isNew] = numbers_.try_emplace(*label, next_);
     if (isNew) ++next_;
     StoredJob& job = jobs_[place->second];
-    if (!isNew && isReplacedByClient(job.origin, origin)) dismissed_.insert(*label);
+    if (!isNew && isReplacedByClient(job.origin, origin)) removedByClient_.insert(*label);
     job.label = *label;
     job.origin = origin;
     job.dictionary = *std::move(dictionary);
@@ -108,7 +109,7 @@ class Replay {
     if (payload.size() < sizeof(StartFields)) return "a start without a process";
     const auto fields = take<StartFields>(payload);
     StoredJob* const job = find(payload);
-    if (!job) return kNobody;
+    if (!job) return kUnknownJob;
     if (fields.process <= 0) return "a start without a process";
     job->lastStart = fields;
     job->runs = true;
@@ -119,7 +120,7 @@ class Replay {
     if (payload.size() < sizeof(EndFields)) return "an end without a status";
     const auto fields = take<EndFields>(payload);
     StoredJob* const job = find(payload);
-    if (!job) return kNobody;
+    if (!job) return kUnknownJob;
     job->runs = false;
     job->lastEnd = fields.isKnown != 0 ? Ending(processEndOf(fields.waitStatus)) : Ending();
     return {};
@@ -127,27 +128,27 @@ class Replay {
 
   std::string_view removing(View payload) {
     StoredJob* const job = find(payload);
-    if (!job) return kNobody;
+    if (!job) return kUnknownJob;
     job->isBeingRemoved = true;
     return {};
   }
 
   std::string_view removed(View payload) {
     const auto found = numbers_.find(textOf(payload));
-    if (found == numbers_.end()) return kNobody;
+    if (found == numbers_.end()) return kUnknownJob;
     jobs_.erase(found->second);
     numbers_.erase(found);
     return {};
   }
 
-  std::string_view dismissed(View payload) {
+  std::string_view removedByClient(View payload) {
     if (payload.empty()) return "a dismissal without a label";
-    dismissed_.insert(textOf(payload));
+    removedByClient_.insert(textOf(payload));
     if (StoredJob* const job = find(payload)) job->isBeingRemoved = true;
     return {};
   }
 
-  Labels dismissed_;
+  Labels removedByClient_;
   std::map<std::string, std::size_t> numbers_;
   std::map<std::size_t, StoredJob> jobs_;
   std::size_t next_ = 0;

@@ -1,5 +1,5 @@
-// Part of this runs in a process that shares the host's memory and stack of calls: no library
-// calls, and nothing that a sanitizer would instrument (see CMakeLists.txt).
+// Part of this runs in a process that shares the host's memory and call stack: no library calls,
+// and no code that a sanitizer would instrument (see CMakeLists.txt).
 
 #include "JobHost/State/StateRecord.h"
 
@@ -9,7 +9,7 @@ namespace {
 constexpr std::uint64_t kFnvBasis = 0xcbf29ce484222325;
 constexpr std::uint64_t kFnvPrime = 0x100000001b3;
 
-// The fields of "stat" behind the name: the third is the first of them, the start is the 22nd.
+// The start time is field 22 of "stat". The first field after the name is field 3.
 constexpr int kFieldsBetween = 19;
 
 std::uint64_t addToCheck(std::uint64_t check, const std::uint8_t* bytes, std::size_t size) {
@@ -46,7 +46,7 @@ void completeStartRecord(std::uint8_t* record, std::int32_t process, std::uint64
 }
 
 std::uint64_t startTicksIn(const char* stat, std::size_t size) {
-  // The name may hold parentheses and spaces, so it is the last one that ends it.
+  // The name may contain parentheses and spaces, so the last parenthesis ends it.
   std::size_t place = size;
   while (place > 0 && stat[place - 1] != ')') --place;
   if (place == 0) return 0;

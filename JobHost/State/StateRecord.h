@@ -5,8 +5,8 @@
 
 namespace jobhost {
 
-// The state file's records as they lie in it: this header, then `size` bytes. In the machine's own
-// byte order, since no record outlives the boot that it was written in.
+// A record in the state file: this header, then `size` bytes. It has the machine's own byte order,
+// since no record outlives its boot.
 struct RecordHeader {
   std::uint32_t size = 0;
   std::uint32_t kind = 0;  // a RecordKind
@@ -19,19 +19,20 @@ enum class RecordKind : std::uint32_t {
   kEnded = 3,      // EndFields, then the label
   kRemoving = 4,   // the label
   kRemoved = 5,    // the label
-  // The label: its file is not loaded again in this boot, and the job, where it is known, is being
-  // removed. One record, since half of it would be wrong.
-  kDismissed = 6,
+  // The label. A client removed a job that a file had defined: the file is not loaded again in this
+  // boot, and the job, if it is known, is being removed. This is one record, because half of it
+  // would be wrong.
+  kRemovedByClient = 6,
 };
 
-// Which process a job has, so that a later host can tell it from any other that may come to have
-// its number in this boot.
+// The identity of a job's process, by which a later host tells it from any other that may get its
+// number in this boot.
 struct StartFields {
   std::int32_t process = 0;
   std::uint32_t reserved = 0;
   std::uint64_t startTicks = 0;  // since boot, in the unit of /proc/PID/stat
-  std::uint64_t pidfdInode = 0;  // 0 where the kernel has no unique ones
-  std::int64_t startedAt = 0;    // on the run loop's clock
+  std::uint64_t pidfdInode = 0;  // 0 if the kernel has no unique ones
+  std::int64_t startedAt = 0;    // by the run loop's clock
 
   bool operator==(const StartFields&) const = default;
 };
@@ -41,17 +42,17 @@ struct EndFields {
   std::int32_t waitStatus = 0;
 };
 
-// The check of a record whose size, kind and payload are in place. It tells a record from what is
-// none; it keeps nobody out. Safe in a child that shares its parent's memory.
+// The check of a record whose size, kind and payload are in place. It finds damage, and is no
+// protection against forgery. Safe in a child that shares its parent's memory.
 std::uint64_t recordCheck(const RecordHeader& header, const std::uint8_t* payload);
 
-// Writes what only the started process knows into the record of a start, and its check. `record`
+// Writes into the record of a start what only the started process knows, and the check. `record`
 // holds a header and StartFields at least. Safe in a child that shares its parent's memory.
 void completeStartRecord(std::uint8_t* record, std::int32_t process, std::uint64_t startTicks,
                          std::uint64_t pidfdInode);
 
-// The start time in the text of a process's "stat" file, 0 where there is none. The same function
-// for who writes it and who compares it. Safe in a child that shares its parent's memory.
+// The start time in the text of a process's "stat" file, 0 if there is none. Writer and reader of a
+// record use this same function. Safe in a child that shares its parent's memory.
 std::uint64_t startTicksIn(const char* stat, std::size_t size);
 
 }  // namespace jobhost

@@ -12,48 +12,48 @@
 
 namespace jobhost {
 
-// Where a job came from, which decides when it is stopped.
+// The origin of a job, which decides when it is stopped.
 enum class JobOrigin : std::uint8_t {
   kLoaded = 1,     // a file of the daemons' folder
   kSubmitted = 2,  // a client
 };
 
-// Whether a client puts its own definition in the place of a file's.
+// Whether a client's definition replaces a file's.
 inline bool isReplacedByClient(JobOrigin before, JobOrigin now) {
   return before == JobOrigin::kLoaded && now == JobOrigin::kSubmitted;
 }
 
-// How a process ended.
+// The end of a process.
 struct ProcessEnd {
   constexpr ProcessEnd(platform::ExitStatus ended = {}, bool core = false)
       : status(ended), hasCore(core) {}
 
   platform::ExitStatus status;
-  bool hasCore = false;  // the signal that ended it made the system dump its memory
+  bool hasCore = false;  // the system dumped its memory
 
   bool operator==(const ProcessEnd&) const = default;
 };
 
-// How a job's last process ended: nothing where nobody could be told.
+// The end of a job's last process. Empty if it can't be known.
 using Ending = std::optional<ProcessEnd>;
 
 // The labels of daemons whose files are not loaded again in this boot: a client removed the job
-// that one had defined, or put a definition of its own in the place of the file's.
+// that a file had defined, or replaced it by a definition of its own.
 using Labels = std::set<std::string, std::less<>>;
 
-// What the state file knows of a job.
+// A job in the state file.
 struct StoredJob {
   std::string label;
   JobOrigin origin = JobOrigin::kSubmitted;
   platform::Value dictionary;
-  std::size_t submissionBytes = 0;  // what the dictionary's record takes in the file
+  std::size_t submissionBytes = 0;  // size of the record with the dictionary
   std::optional<StartFields> lastStart;
-  bool runs = false;              // no end followed the last start
+  bool runs = false;              // the last start has no end
   std::optional<Ending> lastEnd;  // absent before the first end
   bool isBeingRemoved = false;
 };
 
-// A wait status, as "LastExitStatus" has it.
+// The wait status for "LastExitStatus".
 std::int32_t waitStatusOf(const ProcessEnd& end);
 ProcessEnd processEndOf(std::int32_t waitStatus);
 

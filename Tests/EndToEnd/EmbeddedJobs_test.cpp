@@ -22,7 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A client of a real host. Only its own waits, for a host that is not there, pass in virtual time.
+// A client of a real host. Only its waits for an absent host pass in virtual time.
 class Client {
  public:
   explicit Client(const JobHostRoot& root)
@@ -90,7 +90,7 @@ std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<Real
 
 INSTANTIATE_TEST_SUITE_P(Embedded, AuthorizationContract, testing::Values(&makeOffice));
 
-TEST(StoppedJobHostTest, CostsOneWaitUntilItGoesOn) {
+TEST(HungJobHostTest, CostsOneWaitUntilItGoesOn) {
   JobHostRoot root;
   const std::unique_ptr<AsioRunLoop> loop = std::move(*AsioRunLoop::create());
   DBusPeerTransport transport(*loop);

@@ -1,5 +1,5 @@
-// The socket of a job's service outlives the job host that bound it: whoever has connected, and
-// whoever connects while there is no host, waits in the one backlog that there is.
+// The socket of a job's service outlives the job host that bound it: clients that have connected,
+// and clients that connect while there is no host, wait in the same backlog.
 
 #include <chrono>
 #include <csignal>
@@ -28,7 +28,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// The number that the first passed descriptor has in a process.
+// The number of the first passed descriptor in a process.
 constexpr int kPassedSocket = 3;
 
 class JobHostKillService : public JobHostKill {
@@ -52,7 +52,7 @@ class JobHostKillService : public JobHostKill {
     return status.st_ino;
   }
 
-  // The end of the path by which all sockets of the service are bound.
+  // The file name by which all sockets of the service are bound.
   static std::string boundNameOf(const UniqueFd& socket) {
     sockaddr_un address{};
     socklen_t size = sizeof address;
@@ -60,7 +60,7 @@ class JobHostKillService : public JobHostKill {
     const std::string path = address.sun_path;
     return path.substr(path.rfind('/'));
   }
-  // How many sockets listen that were bound so.
+  // The number of listening sockets that were bound by that name.
   static std::size_t listeners(const std::string& boundName) {
     std::size_t count = 0;
     std::ifstream sockets("/proc/net/unix");
@@ -90,7 +90,7 @@ class JobHostKillService : public JobHostKill {
     EXPECT_TRUE(socket) << describe(socket.error());
     return socket ? *std::move(socket) : UniqueFd();
   }
-  // Takes those that wait.
+  // Accepts the waiting clients.
   static int acceptAll(const UniqueFd& listener) {
     int count = 0;
     for (pollfd entry{listener.get(), POLLIN, 0}; ::poll(&entry, 1, 0) == 1; ++count) {
@@ -101,7 +101,7 @@ class JobHostKillService : public JobHostKill {
     return count;
   }
 
-  // One name, one socket, and the next process gets it too.
+  // Expects one name with one socket, which the next process gets too.
   void expectServed(ProcessId process, const std::string& boundName) {
     const UniqueFd socket = socketOf(process);
     EXPECT_EQ(boundNameOf(socket), boundName);
@@ -142,7 +142,7 @@ TEST_F(JobHostKillService, AtEverySystemCallOfASubmission) {
     }
     if (!answer) killed.push_back(call);
     endHost();
-    // Somebody comes while there is no host.
+    // A client connects while there is no host.
     UniqueFd socket;
     UniqueFd client;
     const auto processes = processesByLabel(service_);
@@ -173,7 +173,7 @@ TEST_F(JobHostKillService, AtEverySystemCallOfASubmission) {
   expectKilled(killed, calls, {"write", "bind", "listen", "clone"});
 }
 
-// An ordinary user's host is as sure.
+// The same holds for an unprivileged user's host.
 TEST(JobHostKillServiceAsNobody, AtEverySystemCallOfASubmission) {
   if (::geteuid() != 0) GTEST_SKIP() << "the test of JobHostKillService is an ordinary user's";
   runTestAsNobody("JobHostKillService.AtEverySystemCallOfASubmission");

@@ -1,7 +1,7 @@
 #pragma once
 
-// A job host with twenty jobs, each a process named after it, that is to be killed and followed by
-// another one.
+// A job host with twenty jobs, each with a process named after it. The tests kill the host and
+// start the next one.
 
 #include <algorithm>
 #include <csignal>
@@ -36,12 +36,13 @@ inline std::string firstArgument(const std::filesystem::path& process) {
     std::getline(file, first, '\0');
     std::error_code error;
     const auto program = std::filesystem::read_symlink(process / "exe", error);
-    // Its arguments come a moment after its program.
+    // The arguments appear shortly after the program.
     if (!first.empty() || program.filename() != "sleep") return first;
   }
 }
 
-// Processes whose first argument is a label, by that. What has ended has none.
+// The processes whose first argument is a label, by label. Processes that have ended have no
+// arguments.
 inline std::multimap<std::string, ProcessId> processesByLabel(const std::string& prefix) {
   std::multimap<std::string, ProcessId> processes;
   std::error_code error;
@@ -72,22 +73,23 @@ class JobHostKill : public testing::Test {
     for (const auto& [label, process] : processesByLabel(prefix_)) ::kill(process, SIGKILL);
   }
 
-  // Also shows what it writes to the log, where something is wrong.
+  // If it does not start, shows what it wrote to the log.
   void startHost() {
     host_ = std::make_unique<ChildProgram>(std::vector<std::string>{JOB_HOST_PROGRAM, root_.path()},
                                            std::vector<std::string>{});
     ASSERT_EQ(host_->nextLine(), "ready") << host_->errors();
   }
 
-  // A call may also come behind the answer, or not at all where they differ from those traced.
+  // Kills the host if it still runs: the call may come after the answer, or not at all if the calls
+  // differ from those traced.
   void endHost() {
     host_->signal(SIGKILL);
     EXPECT_EQ(host_->waitForExit(), kKilled);
   }
 
-  // Which calls a host makes beside those that it must is a matter of time: of two events it may
-  // learn in one wait or in two. So it does not come to each that was traced. But it was killed at
-  // most of them, and at the first of each kind in `changes`, without which nothing is done.
+  // A host does not make exactly the calls that were traced: it may learn two events in one wait or
+  // in two. So it need not be killed at each traced call. But it must be killed at most of them,
+  // and at the first of each kind in `changes`, which every run makes.
   static void expectKilled(const std::vector<TracedCall>& killed,
                            const std::vector<TracedCall>& traced,
                            const std::vector<std::string>& changes) {
@@ -108,7 +110,7 @@ class JobHostKill : public testing::Test {
     return restOfList().value_or(std::map<std::string, ProcessId>());
   }
 
-  // Nothing where the host ends before.
+  // Empty if the host ends before the end of the list.
   std::optional<std::map<std::string, ProcessId>> restOfList() {
     std::map<std::string, ProcessId> jobs;
     for (;;) {
@@ -121,7 +123,8 @@ class JobHostKill : public testing::Test {
     }
   }
 
-  // What the host says is what there is: each job one process, and no other process.
+  // Expects that the host's list is what runs: each job has one process, and no process is without
+  // a job.
   void expectNoneLostNoneDoubled() {
     std::multimap<std::string, ProcessId> listed;
     for (const auto& [label, process] : list()) listed.emplace(label, process);
@@ -144,7 +147,7 @@ class JobHostKill : public testing::Test {
   }
 
   TemporaryFolder root_;
-  // Told from what another test, or another run, has left.
+  // The prefix tells these jobs from those of another test or run.
   const std::string prefix_ = "com.example." + std::to_string(::getpid()) + ".";
   std::unique_ptr<ChildProgram> host_;
   std::map<std::string, ProcessId> jobs_;

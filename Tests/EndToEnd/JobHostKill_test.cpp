@@ -90,7 +90,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
 
 TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
   const std::string extra = label(kJobs);
-  // So that it is not started again meanwhile, only to be killed in the same place.
+  // The throttle is long, so that it is not restarted meanwhile and killed at the same call.
   const std::string order = "submit " + extra + " 1000";
   const std::string trace = root_.path("trace");
   ProcessId process = 0;
@@ -119,7 +119,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
     }
     const bool isRefused = answer && answer->starts_with("refused");
     if (isRefused) killed.push_back(call);
-    if (!answer) {  // It was the host that came there first.
+    if (!answer) {  // The host itself made this call first.
       EXPECT_EQ(host_->waitForExit(), kKilled);
       startHost();
     }
@@ -142,13 +142,13 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
 TEST_F(JobHostKill, WhileAProcessHasNotYetExecutedItsProgram) {
   const std::string extra = label(kJobs);
   {
-    // The new process stands still at its first step, before it has recorded itself.
+    // The new process is delayed at its first step, before it has recorded itself.
     Tracer tracer(host_->process(), {"-f", "-e", "inject=setsid:delay_enter=300000"});
     host_->send("submit " + extra + " 0");
     tracer.nextMessage();
     host_->signal(SIGKILL);
     EXPECT_EQ(host_->waitForExit(), kKilled);
-    // Waits for it, and then knows it.
+    // The next host waits for it, and then knows it.
     startHost();
   }
   auto now = list();
@@ -157,9 +157,9 @@ TEST_F(JobHostKill, WhileAProcessHasNotYetExecutedItsProgram) {
   expectKilledJobIsStartedAgain(extra, now[extra]);
 }
 
-TEST_F(JobHostKill, IsNotNeededWhenSomebodyStopsAProcessBeforeItsProgram) {
+TEST_F(JobHostKill, IsNotNeededIfAProcessIsStoppedBeforeItsProgram) {
   const std::string extra = label(kJobs);
-  // While it is the host's still, and when it has become its user's.
+  // It is stopped while it still has the host's ids, and when it has its user's.
   for (const std::string call : {"getpid", "chdir"}) {
     {
       const Tracer tracer(host_->process(), {"-f", "-e", "inject=" + call + ":signal=SIGSTOP"});
@@ -174,7 +174,7 @@ TEST_F(JobHostKill, IsNotNeededWhenSomebodyStopsAProcessBeforeItsProgram) {
   EXPECT_EQ(list(), jobs_);
 }
 
-// An ordinary user's host is as sure.
+// The same holds for an unprivileged user's host.
 class JobHostKillAsNobody : public testing::TestWithParam<const char*> {};
 
 TEST_P(JobHostKillAsNobody, LosesAndDoublesNone) {
@@ -187,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(Each, JobHostKillAsNobody,
                                          "AtEverySystemCallOfAnExit",
                                          "AtEverySystemCallOfANewProcess",
                                          "WhileAProcessHasNotYetExecutedItsProgram",
-                                         "IsNotNeededWhenSomebodyStopsAProcessBeforeItsProgram"),
+                                         "IsNotNeededIfAProcessIsStoppedBeforeItsProgram"),
                          [](const auto& name) { return std::string(name.param); });
 
 }  // namespace

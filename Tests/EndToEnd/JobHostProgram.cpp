@@ -1,4 +1,4 @@
-// A job host for the tests, which takes its orders as lines on standard input and answers on
+// A job host for the tests, which reads commands as lines from standard input and answers on
 // standard output. Its argument is the platform root.
 //
 //   submit LABEL SECONDS   a job whose process is named after it, throttled so

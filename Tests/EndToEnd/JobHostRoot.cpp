@@ -24,7 +24,7 @@ UniqueFd openProcess(ProcessId process) {
   return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
 }
 
-// Whether there is something to read, or the process has ended, within this time.
+// Whether within this time there is something to read or the process has ended.
 bool awaitReadable(const UniqueFd& descriptor, int milliseconds) {
   pollfd entry{.fd = descriptor.get(), .events = POLLIN, .revents = 0};
   return retryOnInterrupt([&] { return ::poll(&entry, 1, milliseconds); }) == 1;
@@ -44,14 +44,14 @@ JobHostRoot::JobHostRoot() {
   std::filesystem::permissions(folder_.write("text", "neither a program nor a script\n"),
                                std::filesystem::perms(0644));
   EXPECT_EQ(::mkfifo(outputPath().c_str(), 0600), 0) << std::strerror(errno);
-  // With a writer of our own it never ends.
+  // With a writer of our own, reading never reaches the end.
   output_.reset(::open(outputPath().c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_TRUE(output_) << std::strerror(errno);
   startHost();
 }
 
 JobHostRoot::~JobHostRoot() {
-  if (!host_) startHost();  // Nobody else can end the jobs.
+  if (!host_) startHost();  // Only a host can end the jobs.
   host_->signal(SIGTERM);
   EXPECT_EQ(host_->waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 0})) << host_->errors();
 }

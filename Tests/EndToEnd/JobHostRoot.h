@@ -11,8 +11,8 @@
 
 namespace platform {
 
-// A platform root of its own with the programs of the job host and the operator, and a job host
-// that runs there.
+// A platform root of its own with the programs of the job host and the operator, and a running job
+// host.
 class JobHostRoot {
  public:
   struct Finished {
@@ -31,22 +31,22 @@ class JobHostRoot {
   const TemporaryFolder& folder() const { return folder_; }
   std::string hostProgram() const { return folder_.path("jobhost"); }
   std::string controlProgram() const { return folder_.path("servicemanagerctl"); }
-  // Runs until SIGTERM; the other one takes no notice of that.
+  // Runs until SIGTERM. The stubborn one ignores SIGTERM.
   std::string program() const { return folder_.path("agent"); }
   std::string stubbornProgram() const { return folder_.path("stubborn"); }
-  // Neither a program nor a script.
+  // A file that is neither a program nor a script.
   std::string unstartableProgram() const { return folder_.path("text"); }
 
-  // A path for jobs' output, and the next line that came there, waited for.
+  // A path for jobs' output. nextOutput() waits for the next line there.
   std::string outputPath() const { return folder_.path("output"); }
   std::string nextOutput();
 
   // Returns when the host takes requests.
   void startHost();
-  // SIGKILL: the jobs go on.
+  // Kills the host. The jobs go on.
   void killHost();
   ProcessId hostProcess() const { return host_->process(); }
-  // It stands still, and goes on.
+  // SIGSTOP and SIGCONT.
   void stopHost() const { host_->signal(SIGSTOP); }
   void continueHost() const { host_->signal(SIGCONT); }
 
@@ -63,7 +63,7 @@ class JobHostRoot {
 // Ends a process by SIGKILL, and returns when it has ended.
 void killAndAwait(ProcessId process);
 
-// Whether there is such a process that has not ended.
+// Whether the process exists and has not ended.
 bool isRunning(ProcessId process);
 
 }  // namespace platform

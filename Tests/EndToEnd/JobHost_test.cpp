@@ -42,7 +42,7 @@ class JobHostProgram : public testing::Test {
   const std::string program_ = root_.path("bin/jobhost");
 };
 
-TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsAskedToEnd) {
+TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
   NotifySocket manager(root_.path("notify"));
   ChildProgram host({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
   EXPECT_EQ(manager.next(), "READY=1");
@@ -50,12 +50,12 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsAskedToEnd) {
   host.signal(SIGTERM);
   EXPECT_EQ(manager.next(), "STOPPING=1");
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
-  // Nothing is left for the next one.
+  // No job is left for the next host.
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
-TEST_F(JobHostProgram, AskedToEndWhileItStartsItsDaemonsItEndsThemToo) {
-  // The first daemon asks for the end, while the host has all the others still to start.
+TEST_F(JobHostProgram, AStopWhileItStartsItsDaemonsEndsThemToo) {
+  // The first daemon requests the stop, while the host still has all others to start.
   root_.write("Library/LaunchDaemons/com.example.daemon.plist",
               "<plist version=\"1.0\"><dict><key>Label</key><string>com.example.daemon</string>"
               "<key>ProgramArguments</key><array><string>/bin/sh</string><string>-c</string>"
@@ -78,8 +78,8 @@ TEST_F(JobHostProgram, AskedToEndWhileItStartsItsDaemonsItEndsThemToo) {
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
-// The request is there before the program is, whose signals are blocked as well.
-TEST_F(JobHostProgram, AskedToEndBeforeItStartsADaemonItStartsNone) {
+// The signal is pending before the program starts, and blocked.
+TEST_F(JobHostProgram, AStopBeforeTheFirstDaemonStartsNone) {
   ChildProgram host(
       {"/usr/bin/env", "--block-signal=TERM", "/bin/sh", "-c", "kill -TERM $$; exec " + program_},
       {});
@@ -87,7 +87,7 @@ TEST_F(JobHostProgram, AskedToEndBeforeItStartsADaemonItStartsNone) {
   EXPECT_FALSE(std::filesystem::exists(root_.path("output")));
 }
 
-TEST_F(JobHostProgram, StartedWithBlockedSignalsItStillEnds) {
+TEST_F(JobHostProgram, StartedWithBlockedSignalsItCanStillBeStopped) {
   NotifySocket manager(root_.path("notify"));
   ChildProgram host({"/usr/bin/env", "--block-signal=TERM", "--block-signal=INT", program_},
                     {"NOTIFY_SOCKET=" + root_.path("notify")});
@@ -96,7 +96,7 @@ TEST_F(JobHostProgram, StartedWithBlockedSignalsItStillEnds) {
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
 }
 
-// Tells of the next time that somebody opens a file.
+// Reports the next time that a file is opened.
 class OpeningOf {
  public:
   explicit OpeningOf(const std::string& path) : notices_(::inotify_init1(IN_CLOEXEC)) {
@@ -111,7 +111,7 @@ class OpeningOf {
   const UniqueFd notices_;
 };
 
-TEST_F(JobHostProgram, AskedToEndWhileItWaitsForTheHostBeforeItEnds) {
+TEST_F(JobHostProgram, AStopWhileItWaitsForAnotherHostEndsIt) {
   NotifySocket manager(root_.path("notify"));
   ChildProgram first({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
   EXPECT_EQ(manager.next(), "READY=1");
@@ -120,13 +120,13 @@ TEST_F(JobHostProgram, AskedToEndWhileItWaitsForTheHostBeforeItEnds) {
     ChildProgram second({program_}, {});
     lock.await();
     second.signal(SIGTERM);
-    if (firstEnds) first.signal(SIGKILL);  // Now the second gets the daemon.
-    // By the signal itself where it has never come to the loop that would hear the request.
+    if (firstEnds) first.signal(SIGKILL);  // Now the second host takes over the daemon.
+    // If it has not reached the loop that handles the request, the signal itself ends it.
     const ExitStatus status =
         firstEnds ? ExitStatus{} : ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM};
     EXPECT_EQ(second.waitForExit(), status) << second.errors();
   }
-  // It was started once, by the first, and ended by the one that took it over.
+  // The daemon was started once, by the first host, and ended by the host that took it over.
   std::ifstream output(root_.path("output"));
   platform::ProcessId daemon = 0;
   output >> daemon;
@@ -135,7 +135,7 @@ TEST_F(JobHostProgram, AskedToEndWhileItWaitsForTheHostBeforeItEnds) {
   EXPECT_FALSE(output >> daemon);
 }
 
-TEST_F(JobHostProgram, WhyItDoesNotStartIsInTheSystemLogToo) {
+TEST_F(JobHostProgram, TheReasonOfAFailedStartIsInTheSystemLogToo) {
   std::filesystem::create_directories(root_.path("run/vantor/mach"));
   std::filesystem::permissions(root_.path("run/vantor/mach"), std::filesystem::perms::all);
   ChildProgram host({program_}, {});

@@ -1,5 +1,5 @@
-// A job for the tests: says "ready", then runs until a signal ends it. Under a name that ends with
-// "stubborn" it takes no notice of SIGTERM.
+// A job for the tests: says "ready", then runs until a signal ends it. If its name ends with
+// "stubborn", it ignores SIGTERM.
 
 #include <csignal>
 #include <cstdio>

@@ -91,14 +91,14 @@ TEST_F(JobsControlTest, ProgramsGetJson) {
               HasSubstr("\"removed\": true"));
 }
 
-TEST_F(JobsControlTest, TheLastExitIsToldInWords) {
+TEST_F(JobsControlTest, TheLastExitIsReportedInWords) {
   submitAgent();
   killAndAwait(agent());
   EXPECT_THAT(root_.control({"jobs", "list"}).output,
               ContainsRegex("com\\.example\\.agent +-  killed by SIGKILL\n"));
 }
 
-TEST_F(JobsControlTest, AFileThatIsNoPropertyListIsRefusedWithItsPlace) {
+TEST_F(JobsControlTest, AFileThatIsNoPropertyListIsRejectedWithThePlace) {
   const auto submitted = root_.control(
       {"jobs", "submit", root_.folder().write("job.plist", "<plist version=\"1.0\">\n<dict>")});
   EXPECT_EQ(submitted.status, exited(kFailed));
@@ -106,7 +106,7 @@ TEST_F(JobsControlTest, AFileThatIsNoPropertyListIsRefusedWithItsPlace) {
   EXPECT_EQ(root_.control({"jobs", "submit", "/nowhere.plist"}).status, exited(kFailed));
 }
 
-TEST_F(JobsControlTest, AnImpossibleJobIsRefusedWithLabelKeyAndWhatWasExpected) {
+TEST_F(JobsControlTest, AnInvalidJobIsRejectedWithLabelKeyAndExpectation) {
   const auto submitted =
       root_.control({"jobs", "submit",
                      jobFile("<key>Label</key><string>com.example.agent</string><key>Program</key>"
@@ -122,14 +122,14 @@ TEST_F(JobsControlTest, AnImpossibleJobIsRefusedWithLabelKeyAndWhatWasExpected) 
   EXPECT_THAT(timed.errors, HasSubstr("this host starts no job by the clock"));
 }
 
-TEST_F(JobsControlTest, AProgramThatCannotBeExecutedIsRefusedWithTheSystemsReason) {
+TEST_F(JobsControlTest, AProgramThatCannotBeExecutedIsAnErrorWithTheReason) {
   const auto submitted = root_.control({"jobs", "submit", agentFile(root_.unstartableProgram())});
   EXPECT_EQ(submitted.status, exited(kFailed));
   EXPECT_THAT(submitted.errors,
               AllOf(HasSubstr(root_.unstartableProgram()), HasSubstr("Permission denied")));
 }
 
-TEST_F(JobsControlTest, AnUnknownLabelHasAStatusOfItsOwn) {
+TEST_F(JobsControlTest, AnUnknownLabelHasItsOwnExitStatus) {
   for (const char* command : {"show", "remove"}) {
     const auto finished = root_.control({"jobs", command, "com.example.other"});
     EXPECT_EQ(finished.status, exited(kNoSuchJob)) << command;
@@ -151,7 +151,7 @@ TEST_F(JobsControlTest, WithoutAHostTheToolSaysHowToStartIt) {
   }
 }
 
-TEST_F(JobsControlTest, AHostThatIsThereAndDoesNotAnswerIsNotSaidToBeMissing) {
+TEST_F(JobsControlTest, AHungHostIsNotReportedAsMissing) {
   root_.stopHost();
   const auto listed = root_.control({"jobs", "list"});
   root_.continueHost();
@@ -168,7 +168,7 @@ TEST_F(JobsControlTest, TheNextHostStillHasTheJob) {
   EXPECT_EQ(agent(), first);
 }
 
-TEST_F(JobsControlTest, ARemovalThatTakesLongerSaysSo) {
+TEST_F(JobsControlTest, ALongRemovalIsAnnounced) {
   const std::string file =
       jobFile("<key>Label</key><string>com.example.agent</string><key>Program</key><string>" +
               root_.stubbornProgram() +
@@ -186,13 +186,13 @@ TEST_F(JobsControlTest, ARemovalThatTakesLongerSaysSo) {
   EXPECT_EQ(removal.restOfOutput(), "com.example.agent is removed.\n");
 }
 
-TEST_F(JobsControlTest, WhatIsNotUnderstoodHasAStatusOfItsOwn) {
+TEST_F(JobsControlTest, AUsageErrorHasItsOwnExitStatus) {
   EXPECT_EQ(root_.control({"jobs"}).status, exited(kNotUnderstood));
   EXPECT_EQ(root_.control({"jobs", "show"}).status, exited(kNotUnderstood));
   EXPECT_EQ(root_.control({"jobs", "start", "com.example.agent"}).status, exited(kNotUnderstood));
 }
 
-// Somebody who may enter the root, but is neither root nor the host's user.
+// A user who may enter the root, but is neither root nor the host's user.
 class OtherUserTest : public JobsControlTest {
  protected:
   OtherUserTest() {
@@ -216,7 +216,7 @@ TEST_F(OtherUserTest, TheSocketKeepsOthersOut) {
   EXPECT_THAT(listed.errors, AllOf(HasSubstr("Permission denied"), HasSubstr("ask as root")));
 }
 
-TEST_F(OtherUserTest, TheHostTellsOthersThatTheyMayNotAlsoWhereTheSocketLetsThemIn) {
+TEST_F(OtherUserTest, TheHostRefusesOthersEvenIfTheSocketAdmitsThem) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
   std::filesystem::permissions(root_.folder().path("run/vantor/launchd"),
                                std::filesystem::perms(0666));

@@ -9,14 +9,14 @@
 namespace platform {
 namespace {
 
-constexpr Duration kAuthorizationAnswerTime = std::chrono::seconds(5);
+constexpr Duration kAuthorizationTimeOut = std::chrono::seconds(5);
 
 }  // namespace
 
-// Whether the host lets this caller change jobs, or why nobody can say.
+// Asks whether the host lets this caller change jobs, and why it can't be asked.
 OSStatus EmbeddedAuthorization::askHost() {
-  client_.waitAgain();  // Who asks can do nothing at all without the host.
-  const auto answer = client_.call(kMayChangeJobsMessage, {}, kAuthorizationAnswerTime);
+  client_.waitAgain();  // Without the host the caller can do nothing at all.
+  const auto answer = client_.call(kMayChangeJobsMessage, {}, kAuthorizationTimeOut);
   if (answer) {
     return answer->value.boolean() == true ? errAuthorizationSuccess : errAuthorizationDenied;
   }

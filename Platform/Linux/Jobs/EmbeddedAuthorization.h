@@ -10,8 +10,8 @@
 
 namespace platform {
 
-// The right to change the jobs of the job host that this platform root has of its own, which looks
-// at the kernel's word on who its caller is.
+// The right to change the jobs of this platform root's own job host, which decides by the kernel's
+// credentials of its caller.
 class EmbeddedAuthorization final : public Authorization {
  public:
   // `client` outlives this.

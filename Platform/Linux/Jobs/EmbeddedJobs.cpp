@@ -13,11 +13,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A host that answers later is stuck. Starting a program can take as long as a disk takes to wake.
-constexpr Duration kJobsAnswerTime = 30s;
+// A host that takes longer hangs. Starting a program can take as long as a disk takes to spin up.
+constexpr Duration kJobsAnswerTimeOut = 30s;
 
-// A removal takes as long as the job's processes are given to end. Nobody waits longer than this,
-// also not for a job that is never killed.
+// A removal takes as long as the job's ExitTimeOut. No caller waits longer than this, even for a
+// job that is never killed.
 constexpr std::int64_t kLongestExitTimeOut = 3600;
 
 NSError launchdErrorOf(LaunchdError code, std::string text) {
@@ -25,12 +25,12 @@ NSError launchdErrorOf(LaunchdError code, std::string text) {
 }
 
 NSError launchdErrorOf(const Error& error) {
-  // Not unavailable, which who is told takes for "not running".
+  // Not kUnavailable: callers would say that the host does not run.
   if (error.osError == ETIMEDOUT) return launchdErrorOf(LaunchdError::kInternal, describe(error));
   switch (error.code) {
     case ErrorCode::kDenied:
       return launchdErrorOf(LaunchdError::kNotAuthorized, describe(error));
-    case ErrorCode::kInvalid:  // It could not be sent.
+    case ErrorCode::kInvalid:  // The message could not be sent.
       return launchdErrorOf(LaunchdError::kInvalidJob, describe(error));
     case ErrorCode::kNotFound:
     case ErrorCode::kExhausted:
@@ -47,7 +47,7 @@ std::expected<void, NSError> checkDomain(std::string_view domain) {
       "domain \"" + std::string(domain) + "\": there is only \"" + kSMDomainSystemLaunchd + "\""));
 }
 
-// A removal that was asked for twice found its job only the first time.
+// A repeated removal finds no job, because the first request removed it.
 bool isDone(const NSError& error, bool wasRepeated) {
   return wasRepeated && error.code == static_cast<int>(LaunchdError::kNoSuchJob);
 }
@@ -69,7 +69,7 @@ std::expected<JobHostClient::Answer, NSError> EmbeddedJobs::ask(std::string_view
 std::expected<void, NSError> EmbeddedJobs::SMJobSubmit(std::string_view domain, const Value& job,
                                                        const AuthorizationRef*) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const auto answer = ask(kSubmitJobMessage, Array{job}, kJobsAnswerTime);
+  const auto answer = ask(kSubmitJobMessage, Array{job}, kJobsAnswerTimeOut);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
   return {};
@@ -79,7 +79,7 @@ std::expected<void, NSError> EmbeddedJobs::SMJobRemove(std::string_view domain,
                                                        std::string_view label,
                                                        const AuthorizationRef*, bool wait) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const Duration time = wait ? removalTime(label) : kJobsAnswerTime;
+  const Duration time = wait ? removalTime(label) : kJobsAnswerTimeOut;
   const auto answer = ask(kRemoveJobMessage, Array{label, wait}, time);
   if (!answer) return std::unexpected(answer.error());
   const auto failure = failureIn(answer->value);
@@ -93,7 +93,7 @@ Value EmbeddedJobs::SMJobCopyDictionary(std::string_view domain, std::string_vie
 }
 
 std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {
-  const auto answer = ask(kCopyJobMessage, Array{label}, kJobsAnswerTime);
+  const auto answer = ask(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
   if (!answer->value.isNil() && !answer->value.dictionary())
@@ -102,7 +102,7 @@ std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {
 }
 
 std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
-  const auto answer = ask(kCopyJobStatesMessage, {}, kJobsAnswerTime);
+  const auto answer = ask(kCopyJobStatesMessage, {}, kJobsAnswerTimeOut);
   if (!answer) return std::unexpected(answer.error());
   if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
   if (!answer->value.dictionary()) return std::unexpected(malformedAnswer());
@@ -119,13 +119,13 @@ void EmbeddedJobs::removeAsync(std::string_view label, Removed removed) {
                     });
 }
 
-// What a removal that waits may take at the most.
+// The time-out of a removal that waits for the end.
 Duration EmbeddedJobs::removalTime(std::string_view label) {
   const auto job = copyJob(label);
   const auto exitTimeOut = job ? (*job)["ExitTimeOut"].integer() : std::nullopt;
   std::int64_t seconds = exitTimeOut.value_or(kDefaultExitTimeOut);
   if (seconds <= 0) seconds = kLongestExitTimeOut;  // Never killed.
-  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kJobsAnswerTime;
+  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kJobsAnswerTimeOut;
 }
 
 }  // namespace platform

@@ -9,7 +9,7 @@
 
 namespace platform {
 
-// The jobs of the job host that this platform root has of its own.
+// The jobs of this platform root's own job host.
 class EmbeddedJobs final : public Jobs {
  public:
   using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
@@ -24,15 +24,15 @@ class EmbeddedJobs final : public Jobs {
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
 
-  // For the operator, who wants to know why there is nothing, and to see all.
+  // For the operator's command, which shows all jobs, and the reason if there are none to show.
 
-  // A job's dictionary, nil where no job has the label.
+  // A job's dictionary, nil if no job has the label.
   std::expected<Value, NSError> copyJob(std::string_view label);
-  // What is known of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
+  // The state of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
   // "LastExitStatusUnknown" as far as they apply.
   std::expected<Dictionary, NSError> copyJobStates();
-  // SMJobRemove() that waits without blocking; only how long that may take is asked first, by
-  // copyJob(). The callback runs once, on the loop and never from inside this call.
+  // SMJobRemove() that waits for the end without blocking. Only its first step, a copyJob() for the
+  // time-out, blocks. The callback runs once, on the loop and never from inside this call.
   void removeAsync(std::string_view label, Removed removed);
 
  private:

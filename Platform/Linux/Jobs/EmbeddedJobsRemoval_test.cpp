@@ -11,20 +11,20 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-// A removal that nobody waits for.
+// A removal without blocking.
 
 class AsynchronousRemovalTest : public EmbeddedJobsTest {
  protected:
   using Outcome = std::optional<std::expected<void, NSError>>;
 
-  // Tells of the job, and keeps the removals.
+  // Answers copies, and keeps the removals unanswered.
   ScriptedHost::Answer keepingRemovals() {
     return [this](PeerMessage message) {
       if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
       kept_.push_back(std::move(message));
     };
   }
-  // Tells of the job, and dies of the removal.
+  // Answers copies, and dies at the removal.
   ScriptedHost::Answer dyingOfRemovals() {
     return [this](PeerMessage message) {
       if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
@@ -43,7 +43,7 @@ class AsynchronousRemovalTest : public EmbeddedJobsTest {
   }
 };
 
-TEST_F(AsynchronousRemovalTest, ARemovalNeedNotBlock) {
+TEST_F(AsynchronousRemovalTest, AnAsynchronousRemovalDoesNotBlock) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
   loop_.advanceBy(10s);
@@ -55,7 +55,7 @@ TEST_F(AsynchronousRemovalTest, ARemovalNeedNotBlock) {
   EXPECT_TRUE(**removed);
 }
 
-TEST_F(AsynchronousRemovalTest, TheHostsErrorIsHandedOn) {
+TEST_F(AsynchronousRemovalTest, TheHostsErrorIsPassedOn) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
   loop_.runReady();
@@ -66,10 +66,10 @@ TEST_F(AsynchronousRemovalTest, TheHostsErrorIsHandedOn) {
   expectError(**removed, LaunchdError::kNoSuchJob, "no such job");
 }
 
-TEST_F(AsynchronousRemovalTest, TheNextHostIsAskedAgain) {
+TEST_F(AsynchronousRemovalTest, TheRequestIsRepeatedWithTheNextHost) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
-  loop_.advanceBy(10s);  // Longer than a host is waited for.
+  loop_.advanceBy(10s);  // longer than the restart time-out
   host_->die();
   loop_.advanceBy(4900ms);
   EXPECT_FALSE(*removed);
@@ -91,7 +91,7 @@ TEST_F(AsynchronousRemovalTest, ANextHostThatFindsNoJobHasRemovedIt) {
   EXPECT_TRUE(**removed);
 }
 
-TEST_F(AsynchronousRemovalTest, AHostThatDoesNotComeBackIsGivenUpAfterFiveSeconds) {
+TEST_F(AsynchronousRemovalTest, AHostThatDoesNotReturnIsGivenUpAfterFiveSeconds) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
   loop_.runReady();
@@ -129,7 +129,7 @@ TEST_F(AsynchronousRemovalTest, TheConnectionOfADeadHostIsNotKept) {
   EXPECT_EQ(host_->connections, 1);
 }
 
-TEST_F(AsynchronousRemovalTest, AllThatTheHostOwedIsAskedAgain) {
+TEST_F(AsynchronousRemovalTest, AllUnansweredRequestsAreRepeated) {
   startHost(keepingRemovals());
   const auto first = startRemoval();
   const auto second = startRemoval();
@@ -149,7 +149,7 @@ TEST_F(AsynchronousRemovalTest, ACallThatFindsTheHostDeadLosesNoRemoval) {
   loop_.runReady();
   host_->die();
   startHost(answering(Value()));
-  EXPECT_TRUE(submit());  // Before the loop has told of the death.
+  EXPECT_TRUE(submit());  // before the loop reports the death
   EXPECT_FALSE(*removed);
   loop_.advanceBy(50ms);
   ASSERT_TRUE(*removed);
@@ -157,7 +157,7 @@ TEST_F(AsynchronousRemovalTest, ACallThatFindsTheHostDeadLosesNoRemoval) {
   EXPECT_EQ(host_->connections, 1);
 }
 
-TEST_F(AsynchronousRemovalTest, AHostThatIsStuckIsGivenUpAndNotAskedAgain) {
+TEST_F(AsynchronousRemovalTest, ARequestToAHungHostTimesOutAndIsNotRepeated) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
   loop_.advanceBy(50s);
@@ -166,7 +166,7 @@ TEST_F(AsynchronousRemovalTest, AHostThatIsStuckIsGivenUpAndNotAskedAgain) {
   EXPECT_EQ(kept_.size(), 1u);
 }
 
-TEST_F(AsynchronousRemovalTest, WhoDoesNotWaitForAHostWaitsForOneThatHasEnded) {
+TEST_F(AsynchronousRemovalTest, AClientWithoutARestartTimeOutStillWaitsForARestart) {
   JobHostClient impatient(transport_, loop_, kSocket, Duration::zero());
   EmbeddedJobs jobs(impatient);
   startHost(keepingRemovals());

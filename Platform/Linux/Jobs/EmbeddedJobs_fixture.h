@@ -71,13 +71,13 @@ class EmbeddedJobsTest : public testing::Test {
     return answering(
         failureAnswer({kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)}));
   }
-  // Keeps the questions, and answers none.
+  // Keeps the requests without an answer.
   ScriptedHost::Answer keeping() {
     return [this](PeerMessage message) { kept_.push_back(std::move(message)); };
   }
 
   void startHost(ScriptedHost::Answer answer) {
-    kept_.clear();  // They are the old host's, and end with it.
+    kept_.clear();  // They belong to the old host.
     host_ = std::make_unique<ScriptedHost>(network_, std::move(answer));
   }
 

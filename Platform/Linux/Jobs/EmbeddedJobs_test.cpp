@@ -24,7 +24,7 @@ TEST_F(EmbeddedJobsTest, CallsShareOneConnection) {
   EXPECT_EQ(host_->connections, 1);
 }
 
-TEST_F(EmbeddedJobsTest, TheHostsErrorsAreHandedOn) {
+TEST_F(EmbeddedJobsTest, TheHostsErrorsArePassedOn) {
   startHost(failing(LaunchdError::kInvalidJob, "key \"Nice\""));
   expectError(submit(), LaunchdError::kInvalidJob, "key \"Nice\"");
   expectError(jobs_.copyJob(kLabel), LaunchdError::kInvalidJob, "key \"Nice\"");
@@ -44,12 +44,12 @@ TEST_F(EmbeddedJobsTest, MalformedAnswersAreErrors) {
   expectError(jobs_.copyJobStates(), LaunchdError::kInternal, "malformed");
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatIsNotThereIsWaitedForFiveSeconds) {
+TEST_F(EmbeddedJobsTest, AnAbsentHostIsWaitedForFiveSeconds) {
   EXPECT_EQ(timeOf([&] { expectError(submit(), LaunchdError::kUnavailable, "can't be reached"); }),
             5s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatIsThereAndAcceptsNobodyIsSaidToBeThere) {
+TEST_F(EmbeddedJobsTest, AHostThatDoesNotAcceptIsReportedAsHung) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_EQ(timeOf([&] {
@@ -58,7 +58,7 @@ TEST_F(EmbeddedJobsTest, AHostThatIsThereAndAcceptsNobodyIsSaidToBeThere) {
             5s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatWasWaitedForInVainIsOnlyLookedForUntilItWasThere) {
+TEST_F(EmbeddedJobsTest, AnAbsentHostIsNotWaitedForTwice) {
   const auto missing = [&] {
     expectError(submit(), LaunchdError::kUnavailable, "can't be reached");
   };
@@ -75,17 +75,17 @@ TEST_F(EmbeddedJobsTest, AHostThatWasWaitedForInVainIsOnlyLookedForUntilItWasThe
   }
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatComesInTimeIsAsked) {
+TEST_F(EmbeddedJobsTest, AHostThatStartsInTimeIsCalled) {
   loop_.scheduleOutsideEvent(4900ms, [this] { startHost(answering(Value())); });
   EXPECT_TRUE(submit());
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatComesTooLateIsNot) {
+TEST_F(EmbeddedJobsTest, AHostThatStartsTooLateIsNotCalled) {
   loop_.scheduleOutsideEvent(5100ms, [this] { startHost(answering(Value())); });
   EXPECT_FALSE(submit());
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatWasRestartedMeanwhileIsAskedAtOnce) {
+TEST_F(EmbeddedJobsTest, AHostThatWasRestartedIsCalledAtOnce) {
   startHost(answering(Value()));
   EXPECT_TRUE(submit());
   host_->die();
@@ -112,7 +112,7 @@ TEST_F(EmbeddedJobsTest, AHostThatEndsEachTimeIsGivenUp) {
   EXPECT_LE(time, 7s);
 }
 
-TEST_F(EmbeddedJobsTest, ARemovalThatIsRepeatedAndFindsNoJobHasBeenDone) {
+TEST_F(EmbeddedJobsTest, ARepeatedRemovalThatFindsNoJobHasSucceeded) {
   startHost([this](PeerMessage message) {
     if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
     host_->die();
@@ -128,7 +128,7 @@ struct RemovalTime {
   Duration time;
 };
 
-TEST_F(EmbeddedJobsTest, ARemovalMayTakeAsLongAsTheJobIsGivenToEnd) {
+TEST_F(EmbeddedJobsTest, ARemovalMayTakeAsLongAsTheExitTimeOut) {
   const std::vector<RemovalTime> table = {{Value(), 20s + 30s}, {5, 5s + 30s},
                                           {3599, 3599s + 30s},  {3600, 3600s + 30s},
                                           {3601, 3600s + 30s},  {0, 3600s + 30s}};
@@ -156,7 +156,7 @@ TEST_F(EmbeddedJobsTest, ThereIsOneDomain) {
   EXPECT_THAT(host_->asked, ElementsAre());
 }
 
-TEST_F(EmbeddedJobsTest, WhatCannotTravelIsRefused) {
+TEST_F(EmbeddedJobsTest, AValueThatCannotBeSentIsRejected) {
   startHost(answering(Value()));
   expectError(jobs_.SMJobSubmit(kSMDomainSystemLaunchd, Dictionary{{"Label", "\xff"}}, nullptr),
               LaunchdError::kInvalidJob, "could not be asked");
@@ -189,7 +189,7 @@ TEST_F(EmbeddedJobsTest, AuthorizationIsGrantedAsTheHostSays) {
   }
 }
 
-TEST_F(EmbeddedJobsTest, AuthorizationFromAStuckHostIsNoneAndSaysSo) {
+TEST_F(EmbeddedJobsTest, AHungHostGivesNoAuthorizationAndTheReason) {
   startHost(keeping());
   const auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
   ASSERT_FALSE(created);

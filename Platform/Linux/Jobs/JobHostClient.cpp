@@ -11,17 +11,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// How often a host that is not there is looked for.
-constexpr Duration kLookEvery = 50ms;
+// How often to try to connect to an absent host.
+constexpr Duration kReconnectInterval = 50ms;
 
-// Somebody holds the socket: to start another host would be no help.
-Error silent(const std::string& socket) {
+// A process holds the socket, so starting another host would not help.
+Error hung(const std::string& socket) {
   return Error{ErrorCode::kSystem, ETIMEDOUT,
                "the job host at " + socket + " is there, but does not answer"};
 }
 
 Error unreachable(const PeerConnectFailure& failure, const std::string& socket) {
-  if (failure.kind == PeerConnectFailure::Kind::kTimedOut) return silent(socket);
+  if (failure.kind == PeerConnectFailure::Kind::kTimedOut) return hung(socket);
   Error error = failure.error;
   error.context = "the job host can't be reached: " + error.context;
   switch (failure.kind) {
@@ -39,8 +39,8 @@ Error unreachable(const PeerConnectFailure& failure, const std::string& socket) 
   return error;
 }
 
-// A host that is about to start or to end; one that keeps us out stays as it is.
-bool mayPass(const PeerConnectFailure& failure) {
+// Whether the host may be about to start or to end. A denied permission does not change by itself.
+bool isTransient(const PeerConnectFailure& failure) {
   if (failure.kind == PeerConnectFailure::Kind::kNobodyThere) return true;
   return failure.kind == PeerConnectFailure::Kind::kRefused && failure.error.osError != EACCES &&
          failure.error.osError != EPERM;
@@ -67,12 +67,12 @@ std::expected<void, PeerConnectFailure> JobHostClient::connectOnce(Duration time
   auto connected = transport_.connect(
       socket_, {.timeout = timeout, .whileWaiting = WhileWaiting::kServeNothing});
   if (!connected) {
-    isSilent_ = false;
-    if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut) noteSilence();
+    isHung_ = false;
+    if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut) noteHung();
     return std::unexpected(std::move(connected.error()));
   }
-  isSilent_ = false;
-  hasWaitedInVain_ = false;
+  isHung_ = false;
+  isKnownAbsent_ = false;
   connection_ = *std::move(connected);
   connection_->setHandlers({.message = {}, .death = [this](const Error&) { dropConnection(); }});
   return {};
@@ -82,109 +82,112 @@ Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
     const auto connected = connectOnce();
     if (connected) return {};
-    const bool canPass = mayPass(connected.error());
-    if (!canPass || hasWaitedInVain_ || loop_.now() >= deadline) {
-      hasWaitedInVain_ = canPass;
-      if (canPass || isSilent_) noteMissed();
+    const bool mayReturn = isTransient(connected.error());
+    if (!mayReturn || isKnownAbsent_ || loop_.now() >= deadline) {
+      isKnownAbsent_ = mayReturn;
+      if (mayReturn || isHung_) awaitReturn();
       return std::unexpected(unreachable(connected.error(), socket_));
     }
-    loop_.sleepFor(kLookEvery);
+    loop_.sleepFor(kReconnectInterval);
   }
 }
 
-// A connection that is closed completes nothing any more, so the next host is asked for whatever
-// this one still owed.
+// A closed connection completes no call, so repeat all of its unanswered requests with the next
+// host.
 void JobHostClient::dropConnection() {
   connection_.reset();
-  isSilent_ = false;
+  isHung_ = false;
   for (auto& [id, request] : requests_) {
-    if (!request.nextTry) repeat(id);
+    if (!request.retryTimer) repeat(id);
   }
-  if (isMissed_) lookForReturnLater();  // What was to tell of its return has gone with it.
+  if (isReturnAwaited_)
+    probeForReturnLater();  // The call of probeForReturn() ended with the connection.
 }
 
-void JobHostClient::noteSilence() {
-  isSilent_ = true;
-  lastLook_ = loop_.now();
+void JobHostClient::noteHung() {
+  isHung_ = true;
+  lastProbe_ = loop_.now();
 }
 
-// Also an end is one: there may be another host by now.
-bool JobHostClient::givesSign(Duration timeout) {
-  const auto sign = connection_->call(kMayChangeJobsMessage, {}, timeout);
-  if (sign || sign.error().name != kNSPortTimeoutException) return true;
-  noteSilence();
+// An end of the host also counts as an answer: there may be a new host by now.
+bool JobHostClient::ping(Duration timeout) {
+  const auto answer = connection_->call(kMayChangeJobsMessage, {}, timeout);
+  if (answer || answer.error().name != kNSPortTimeoutException) return true;
+  noteHung();
   return false;
 }
 
-// Whether a host that was silent may be asked again. The loop need not have turned meanwhile: one
-// evaluation asks for many jobs, and a host may go on in the middle of it.
-bool JobHostClient::showsLife() {
-  if (loop_.now() - lastLook_ < kSilentHostPause) return false;
+// Whether the hung host may get a request again. The loop need not have turned since: one
+// evaluation makes many calls, and a host may go on in the middle of it.
+bool JobHostClient::probeHungHost() {
+  if (loop_.now() - lastProbe_ < kProbeInterval) return false;
   if (connection_) {
-    if (givesSign(kLookTime)) isSilent_ = false;
+    if (ping(kProbeTimeOut)) isHung_ = false;
   } else {
-    std::ignore = connectOnce(kLookTime);
+    std::ignore = connectOnce(kProbeTimeOut);
   }
-  return !isSilent_;
+  return !isHung_;
 }
 
-// The next question would be one more that is not answered.
-void JobHostClient::lookForLife() {
-  if (givesSign(kLifeSignTime)) return;
+// If the ping fails, the next call would time out too. A second ping without a time-out tells when
+// the host answers again.
+void JobHostClient::pingAfterTimeOut() {
+  if (ping(kPingTimeOut)) return;
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
-                         [this](const PeerResult& sign) {
-                           if (sign || sign.error().name != kNSPortTimeoutException)
-                             isSilent_ = false;
+                         [this](const PeerResult& answer) {
+                           if (answer || answer.error().name != kNSPortTimeoutException)
+                             isHung_ = false;
                          });
 }
 
 void JobHostClient::setReturnHandler(std::function<void()> onReturn) {
   onReturn_ = std::move(onReturn);
   if (onReturn_) return;
-  isMissed_ = false;
-  nextLook_.reset();
+  isReturnAwaited_ = false;
+  nextProbe_.reset();
 }
 
-void JobHostClient::noteMissed() {
-  if (!onReturn_ || isMissed_) return;
-  isMissed_ = true;
-  lookForReturnLater();
+void JobHostClient::awaitReturn() {
+  if (!onReturn_ || isReturnAwaited_) return;
+  isReturnAwaited_ = true;
+  probeForReturnLater();
 }
 
-void JobHostClient::lookForReturnLater() {
-  nextLook_ =
-      loop_.startTimer(kSilentHostPause, RunLoop::Repeat::kOnce, [this] { lookForReturn(); });
+void JobHostClient::probeForReturnLater() {
+  nextProbe_ =
+      loop_.startTimer(kProbeInterval, RunLoop::Repeat::kOnce, [this] { probeForReturn(); });
 }
 
-// A host that is there and silent is asked once, and tells of its return by its answer.
-void JobHostClient::lookForReturn() {
-  if (!connection_ && !connectOnce(kLookTime)) return lookForReturnLater();
-  nextLook_.reset();
+// A connected host gets one ping, and its answer tells of the return.
+void JobHostClient::probeForReturn() {
+  if (!connection_ && !connectOnce(kProbeTimeOut)) return probeForReturnLater();
+  nextProbe_.reset();
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
-                         [this](const PeerResult& sign) {
-                           if (!isMissed_) return;
-                           if (!sign) return lookForReturnLater();
-                           returned();
+                         [this](const PeerResult& answer) {
+                           if (!isReturnAwaited_) return;
+                           if (!answer) return probeForReturnLater();
+                           hostReturned();
                          });
 }
 
-void JobHostClient::returned() {
-  isSilent_ = false;
-  isMissed_ = false;
-  // Not from inside the answer: who is told asks the host at once, and may find it gone again.
-  nextLook_ = loop_.startTimer(Duration::zero(), RunLoop::Repeat::kOnce, [this] {
-    const auto onReturn = onReturn_;  // It may replace itself.
+void JobHostClient::hostReturned() {
+  isHung_ = false;
+  isReturnAwaited_ = false;
+  // Don't call from inside the answer: the handler calls the host at once, and may find it gone
+  // again.
+  nextProbe_ = loop_.startTimer(Duration::zero(), RunLoop::Repeat::kOnce, [this] {
+    const auto onReturn = onReturn_;  // The handler may replace itself.
     onReturn();
   });
 }
 
 Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, const Array& arguments,
                                                   Duration timeout) {
-  if (isSilent_ && !showsLife()) {
-    noteMissed();
-    return std::unexpected(silent(socket_));
+  if (isHung_ && !probeHungHost()) {
+    awaitReturn();
+    return std::unexpected(hung(socket_));
   }
-  Instant deadline = loop_.now() + patience_;
+  Instant deadline = loop_.now() + restartTimeOut_;
   bool repeated = false;
   for (;;) {
     const bool isFresh = !connection_;
@@ -197,15 +200,15 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
     if (result) return Answer{*std::move(result), repeated};
     const bool hasEnded = result.error().name == kNSInvalidSendPortException;
     if (hasEnded) dropConnection();
-    if (result.error().name == kNSPortTimeoutException) lookForLife();
-    // On an old connection the host may have ended long ago: the next one is owed a try.
+    if (result.error().name == kNSPortTimeoutException) pingAfterTimeOut();
+    // On an old connection the host may have ended long ago, so try the next host.
     if (!hasEnded || (repeated && isFresh && loop_.now() >= deadline)) {
-      if (hasEnded || isSilent_) noteMissed();
+      if (hasEnded || isHung_) awaitReturn();
       return std::unexpected(unanswered(result.error(), socket_, timeout));
     }
-    // The next host has its time to come from here on, however long this one took to answer.
-    if (!repeated) deadline = loop_.now() + kPatience;
-    if (isFresh) loop_.sleepFor(kLookEvery);
+    // The restart time-out counts from here, however long the last host took.
+    if (!repeated) deadline = loop_.now() + kRestartTimeOut;
+    if (isFresh) loop_.sleepFor(kReconnectInterval);
     repeated = true;
   }
 }
@@ -214,12 +217,12 @@ void JobHostClient::callAsync(std::string_view selector, const Array& arguments,
                               Completion completion) {
   const RequestId id = ++lastRequest_;
   requests_.emplace(id, Request{std::string(selector), arguments, timeout, std::move(completion),
-                                loop_.now() + patience_, false, nullptr});
-  tryLater(id, Duration::zero());
+                                loop_.now() + restartTimeOut_, false, nullptr});
+  retryLater(id, Duration::zero());
 }
 
-void JobHostClient::tryLater(RequestId id, Duration delay) {
-  requests_.at(id).nextTry =
+void JobHostClient::retryLater(RequestId id, Duration delay) {
+  requests_.at(id).retryTimer =
       loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, id] { ask(id); });
 }
 
@@ -227,13 +230,13 @@ void JobHostClient::ask(RequestId id) {
   Request& request = requests_.at(id);
   if (!connection_) {
     if (const auto connected = connectOnce(); !connected) {
-      if (mayPass(connected.error()) && loop_.now() < request.deadline) {
-        return tryLater(id, kLookEvery);
+      if (isTransient(connected.error()) && loop_.now() < request.deadline) {
+        return retryLater(id, kReconnectInterval);
       }
       return complete(id, std::unexpected(unreachable(connected.error(), socket_)));
     }
   }
-  request.nextTry.reset();
+  request.retryTimer.reset();
   connection_->callAsync(request.selector, request.arguments, request.timeout,
                          [this, id](PeerResult result) { answered(id, std::move(result)); });
 }
@@ -242,21 +245,21 @@ void JobHostClient::answered(RequestId id, PeerResult result) {
   const Request& request = requests_.at(id);
   if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
   const bool hasEnded = result.error().name == kNSInvalidSendPortException;
-  // The connection stays until it reports its death: others may have yet to be told.
+  // Keep the connection until it reports its death: other requests may still be completed.
   if (hasEnded && !(request.wasRepeated && loop_.now() >= request.deadline)) return repeat(id);
   complete(id, std::unexpected(unanswered(result.error(), socket_, request.timeout)));
 }
 
 void JobHostClient::repeat(RequestId id) {
   Request& request = requests_.at(id);
-  if (!request.wasRepeated) request.deadline = loop_.now() + kPatience;
+  if (!request.wasRepeated) request.deadline = loop_.now() + kRestartTimeOut;
   request.wasRepeated = true;
-  tryLater(id, kLookEvery);
+  retryLater(id, kReconnectInterval);
 }
 
 void JobHostClient::complete(RequestId id, Result<Answer> answer) {
   auto done = requests_.extract(id);
-  done.mapped().completion(std::move(answer));  // It may destroy this.
+  done.mapped().completion(std::move(answer));  // The completion may destroy this.
 }
 
 }  // namespace platform

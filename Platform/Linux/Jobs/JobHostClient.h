@@ -16,87 +16,93 @@
 
 namespace platform {
 
-// Asks the job host, over one connection that is made anew when the host has been restarted.
-// Belongs to the run loop's thread.
+// Sends requests to the job host over one connection, and connects again when the host has been
+// restarted. Belongs to the run loop's thread.
 class JobHostClient {
  public:
-  // How long a host that has ended is waited for: as long as one takes to be restarted.
-  static constexpr Duration kPatience = std::chrono::seconds(5);
-  // What a host that has let a question's time pass gets to show that it only takes long over that.
-  static constexpr Duration kLifeSignTime = std::chrono::seconds(1);
-  // How long a host that was silent is taken to be so still, before somebody looks again.
-  static constexpr Duration kSilentHostPause = std::chrono::seconds(1);
-  // What such a look may take.
-  static constexpr Duration kLookTime = std::chrono::milliseconds(100);
+  // How long to wait for a host that has ended: as long as a restart takes.
+  static constexpr Duration kRestartTimeOut = std::chrono::seconds(5);
+  // After a call has timed out, the host gets this long to answer a ping. That tells a slow host
+  // from one that hangs.
+  static constexpr Duration kPingTimeOut = std::chrono::seconds(1);
+  // How often a host that hangs or is absent is probed.
+  static constexpr Duration kProbeInterval = std::chrono::seconds(1);
+  // The time-out of a probe.
+  static constexpr Duration kProbeTimeOut = std::chrono::milliseconds(100);
 
   struct Answer {
     Value value;
-    // The host ended before it answered, and the next one was asked the same again.
+    // The host ended before it answered, and the next one got the same request.
     bool wasRepeated = false;
   };
 
-  // `socket` is the path of the host's. `patience` is for a host that is not there to begin with;
-  // one that ends while it has a request is waited for in any case. Both references outlive this.
+  // `socket` is the path of the host's socket. `restartTimeOut` is for a host that is absent from
+  // the beginning. If a host ends during a request, the client always waits kRestartTimeOut for the
+  // next one. Both references outlive this.
   JobHostClient(PeerTransport& transport, RunLoop& loop, std::string socket,
-                Duration patience = kPatience)
-      : transport_(transport), loop_(loop), socket_(std::move(socket)), patience_(patience) {}
+                Duration restartTimeOut = kRestartTimeOut)
+      : transport_(transport),
+        loop_(loop),
+        socket_(std::move(socket)),
+        restartTimeOut_(restartTimeOut) {}
 
-  // Blocks until the host has answered, for `timeout` at most once it has been reached, and one
-  // second more where that has passed. A host that is there and gives no sign of life costs one
-  // such wait and not one for each call: the calls of the next second fail at once, and after that
-  // one a second looks for a tenth of a second whether the host has gone on, and asks it if so. A
-  // host that is not there likewise: who has been waited for in vain is only looked for, until it
-  // has been there again.
-  // Fails with kDenied where this user may not connect, with kNotFound where no host was there,
-  // with another kind where it did not answer; `osError` is ETIMEDOUT where it is there and does
-  // not answer, and otherwise set where the system gave a reason.
+  // Blocks until the host has answered, for `timeout` at most once it is connected. After a
+  // time-out it pings the host with a limit of kPingTimeOut. If the ping fails, the host counts as
+  // hung: calls of the next second fail at once. After that one call per second probes it for
+  // kProbeTimeOut, and goes on if the probe succeeds. So a hung host costs one wait, and not one
+  // for each call. An absent host likewise: after one wait in vain, each call only tries to
+  // connect, until it has been there again.
+  //
+  // Fails with kDenied if this user may not connect, with kNotFound if no host was there, with
+  // another kind if it did not answer. `osError` is ETIMEDOUT if the host is there and does not
+  // answer. Otherwise it is set if the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
-  // The next call waits for a host that is not there in any case.
-  void waitAgain() { hasWaitedInVain_ = false; }
+  // Makes the next call wait for an absent host again.
+  void waitAgain() { isKnownAbsent_ = false; }
 
-  // Calls `onReturn` each time that a host answers again after a call() has failed by its silence
-  // or absence: on the loop, never from inside a call, once for all that have failed until then. An
-  // empty handler ends that. While a host is missed it is looked for once a second, which blocks
-  // for a tenth of one where it accepts nobody.
+  // Calls `onReturn` each time that a host answers again after a call() has failed because it hung
+  // or was absent: on the loop, never from inside a call, once for all calls that have failed by
+  // then. An empty handler ends that. Meanwhile the host is probed once a second, which blocks for
+  // kProbeTimeOut if it does not accept.
   void setReturnHandler(std::function<void()> onReturn);
 
   using Completion = std::move_only_function<void(Result<Answer>)>;
 
-  // The same without waiting: a host that is not there is looked for, and one that ends is asked
-  // again, while the loop goes on. Only the connecting itself blocks. The completion runs once, on
-  // the loop and never from inside this call; not at all where this is destroyed before.
+  // The same without blocking: the client tries to reach an absent host, and repeats the request if
+  // the host ends, while the loop goes on. Only connecting blocks. The completion runs once, on the
+  // loop and never from inside this call. It does not run if this is destroyed before.
   void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                  Completion completion);
 
  private:
   using RequestId = std::uint64_t;
 
-  static constexpr Duration kConnectTime = std::chrono::seconds(5);
+  static constexpr Duration kConnectTimeOut = std::chrono::seconds(5);
 
-  // What callAsync() was asked for and has not been answered.
+  // A request of callAsync() without an answer yet.
   struct Request {
     std::string selector;
     Array arguments;
     Duration timeout{};
     Completion completion;
-    Instant deadline;  // for reaching a host
+    Instant deadline;  // for connecting to a host
     bool wasRepeated = false;
-    std::unique_ptr<RunLoopHandle> nextTry;  // null while the host has the request
+    std::unique_ptr<RunLoopHandle> retryTimer;  // null while the host has the request
   };
 
-  std::expected<void, PeerConnectFailure> connectOnce(Duration timeout = kConnectTime);
+  std::expected<void, PeerConnectFailure> connectOnce(Duration timeout = kConnectTimeOut);
   Result<void> connect(Instant deadline);
   void dropConnection();
-  void noteSilence();
-  bool showsLife();
-  bool givesSign(Duration timeout);
-  void lookForLife();
-  void noteMissed();
-  void lookForReturnLater();
-  void lookForReturn();
-  void returned();
-  void tryLater(RequestId id, Duration delay);
+  void noteHung();
+  bool probeHungHost();
+  bool ping(Duration timeout);
+  void pingAfterTimeOut();
+  void awaitReturn();
+  void probeForReturnLater();
+  void probeForReturn();
+  void hostReturned();
+  void retryLater(RequestId id, Duration delay);
   void ask(RequestId id);
   void answered(RequestId id, PeerResult result);
   void repeat(RequestId id);
@@ -105,14 +111,14 @@ class JobHostClient {
   PeerTransport& transport_;
   RunLoop& loop_;
   std::string socket_;
-  Duration patience_;
+  Duration restartTimeOut_;
   std::unique_ptr<PeerConnection> connection_;
-  bool isSilent_ = false;         // It is there, and nothing came from it in time.
-  Instant lastLook_{};            // when that was seen last, while it is silent
-  bool hasWaitedInVain_ = false;  // for one that is not there
+  bool isHung_ = false;         // connected or listening, but did not answer in time
+  Instant lastProbe_{};         // while it is hung
+  bool isKnownAbsent_ = false;  // a wait for it has failed
   std::function<void()> onReturn_;
-  bool isMissed_ = false;  // A call has failed, and `onReturn_` is to be told.
-  std::unique_ptr<RunLoopHandle> nextLook_;
+  bool isReturnAwaited_ = false;  // a call has failed, and `onReturn_` is to be called
+  std::unique_ptr<RunLoopHandle> nextProbe_;
   std::map<RequestId, Request> requests_;
   RequestId lastRequest_ = 0;
 };

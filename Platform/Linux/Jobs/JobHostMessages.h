@@ -8,36 +8,37 @@
 
 namespace platform {
 
-// What the job host is asked, on its socket below the platform root. Every message is two-way. A
-// request that fails is answered by an array (no result is one): the code and the text of an error
-// in CFErrorDomainLaunchd.
+// The messages that the job host takes on its socket below the platform root. Each is two-way. The
+// answer to a failed request is an array (no result is one): the code and the text of an error in
+// CFErrorDomainLaunchd.
 
-// The path of the socket of the host of the platform at `root`.
+// The path of the host's socket below the platform root `root`.
 std::string jobHostSocket(const std::string& root);
 
-// A job's dictionary; nil. Answered when the process runs or has failed to start.
+// Argument: a job's dictionary. Answer: nil, when the process runs or has failed to start.
 inline constexpr char kSubmitJobMessage[] = "submitJob:";
 
-// A label, and whether to answer when the last process has gone instead of at once; nil.
+// Arguments: a label, and whether to answer after the last process has ended instead of at once.
+// Answer: nil.
 inline constexpr char kRemoveJobMessage[] = "removeJob:wait:";
 
-// A label; the job's dictionary with what is known of its process, nil where there is no such job.
+// Argument: a label. Answer: the job's dictionary with the keys below, nil if there is no such job.
 inline constexpr char kCopyJobMessage[] = "copyJob:";
 
-// Of each job only what is known of its process: a dictionary of such dictionaries by label.
+// Answer: a dictionary that has for each label a dictionary with only the keys below.
 inline constexpr char kCopyJobStatesMessage[] = "copyJobStates";
 
-// Whether this caller may change jobs: a boolean.
+// Answer: a boolean, whether this caller may change jobs. Also serves as a ping.
 inline constexpr char kMayChangeJobsMessage[] = "mayChangeJobs";
 
-// What stands in a job's dictionary beside what was submitted.
+// The keys that the host adds to a job's submitted dictionary.
 inline constexpr char kJobProcessKey[] = "PID";
 inline constexpr char kJobLastStatusKey[] = "LastExitStatus";
 inline constexpr char kJobLastStatusUnknownKey[] = "LastExitStatusUnknown";
 
 Value failureAnswer(const NSError& error);
 
-// The error that an answer is, nothing where it is a result.
+// The error in an answer, nothing if the answer is a result.
 std::optional<NSError> failureIn(const Value& answer);
 
 }  // namespace platform

@@ -10,16 +10,16 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
-// A job host that stands still, accepts nobody or has gone, and its return.
+// A job host that hangs, does not accept or is absent, and its return.
 
-TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsGivenUp) {
+TEST_F(EmbeddedJobsTest, ACallToAHungHostTimesOut) {
   startHost(keeping());
   EXPECT_EQ(
       timeOf([&] { expectError(submit(), LaunchdError::kInternal, "did not answer within 30 s"); }),
-      30s + JobHostClient::kLifeSignTime);
+      30s + JobHostClient::kPingTimeOut);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatIsStuckCostsOneWaitHoweverManyLabelsAreAskedFor) {
+TEST_F(EmbeddedJobsTest, AHungHostCostsOneWaitForAllCalls) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   EXPECT_EQ(
@@ -31,30 +31,30 @@ TEST_F(EmbeddedJobsTest, AHostThatIsStuckCostsOneWaitHoweverManyLabelsAreAskedFo
         }
       }),
       0s);
-  EXPECT_EQ(kept_.size(), 2u);  // The first, and one for a sign of life.
-  // However much later.
+  EXPECT_EQ(kept_.size(), 2u);  // the first call and the ping
+  // The same holds however much later.
   loop_.advanceBy(1h);
   EXPECT_EQ(timeOf([&] {
               for (int i = 0; i < 1000; ++i) EXPECT_FALSE(submit());
             }),
-            JobHostClient::kLookTime);
-  EXPECT_EQ(kept_.size(), 4u);  // And the sign that is waited for, and the look.
+            JobHostClient::kProbeTimeOut);
+  EXPECT_EQ(kept_.size(), 4u);  // also the ping without a time-out, and the probe
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatIsStuckIsLookedAtOnceASecond) {
+TEST_F(EmbeddedJobsTest, AHungHostIsProbedOnceASecond) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.advanceBy(1s - 1ns);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
   loop_.advanceBy(1ns);
-  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kProbeTimeOut);
   loop_.advanceBy(1s - 1ns);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
   loop_.advanceBy(1ns);
-  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kProbeTimeOut);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainWithinTheTurn) {
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsCalledWithinTheSameTurn) {
   bool isStuck = true;
   startHost([&](PeerMessage message) {
     if (!isStuck) return answering(Value())(std::move(message));
@@ -62,12 +62,12 @@ TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainWithinTheTurn) {
   });
   EXPECT_FALSE(submit());
   isStuck = false;
-  loop_.sleepFor(1s);  // Nothing is served meanwhile.
+  loop_.sleepFor(1s);  // The loop delivers nothing meanwhile.
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(remove(false)); }), 0s);
 }
 
-TEST_F(EmbeddedJobsTest, ASilentHostThatHasEndedIsReplacedWithinTheTurn) {
+TEST_F(EmbeddedJobsTest, AHungHostThatHasEndedIsReplacedWithinTheTurn) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   host_->die();
@@ -76,7 +76,7 @@ TEST_F(EmbeddedJobsTest, ASilentHostThatHasEndedIsReplacedWithinTheTurn) {
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
-TEST_F(EmbeddedJobsTest, ARemovalIsSentToAHostThatLivesAlthoughItDidNotTellOfTheJob) {
+TEST_F(EmbeddedJobsTest, ARemovalIsSentAlthoughTheHostDidNotAnswerForTheJob) {
   startHost([this](PeerMessage message) {
     if (message.selector != kCopyJobMessage) return answering(Value())(std::move(message));
     kept_.push_back(std::move(message));
@@ -85,20 +85,20 @@ TEST_F(EmbeddedJobsTest, ARemovalIsSentToAHostThatLivesAlthoughItDidNotTellOfThe
   EXPECT_THAT(host_->asked, ElementsAre("copyJob:", kMayChangeJobsMessage, "removeJob:wait:"));
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsAskedAgainAtOnce) {
+TEST_F(EmbeddedJobsTest, AHostThatGoesOnIsCalledAtOnce) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.runReady();
   ASSERT_EQ(kept_.size(), 3u);
   for (const PeerMessage& message : std::exchange(kept_, {}))
     EXPECT_TRUE(message.reply->answer(Value()));
-  EXPECT_FALSE(submit());  // The loop has not heard of it.
+  EXPECT_FALSE(submit());  // The loop has not delivered the answer.
   loop_.runReady();
   loop_.scheduleOutsideEvent(1s, [this] { EXPECT_TRUE(kept_.at(0).reply->answer(Value())); });
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 1s);
 }
 
-TEST_F(EmbeddedJobsTest, TheNextHostIsAskedAtOnceAfterOneThatWasStuck) {
+TEST_F(EmbeddedJobsTest, TheNextHostAfterAHungOneIsCalledAtOnce) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   host_->die();
@@ -107,7 +107,7 @@ TEST_F(EmbeddedJobsTest, TheNextHostIsAskedAtOnceAfterOneThatWasStuck) {
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatOnlyTakesLongOverOneQuestionIsAskedTheOthers) {
+TEST_F(EmbeddedJobsTest, AHostThatIsSlowWithOneCallStillGetsTheOthers) {
   startHost([this](PeerMessage message) {
     if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
     kept_.push_back(std::move(message));
@@ -117,7 +117,7 @@ TEST_F(EmbeddedJobsTest, AHostThatOnlyTakesLongOverOneQuestionIsAskedTheOthers) 
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 30s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsLookedAtOnceASecond) {
+TEST_F(EmbeddedJobsTest, AHostThatDoesNotAcceptIsProbedOnceASecond) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
@@ -125,29 +125,29 @@ TEST_F(EmbeddedJobsTest, AHostThatAcceptsNobodyIsLookedAtOnceASecond) {
               expectError(submit(), LaunchdError::kInternal, "is there, but does not answer");
             }),
             0s);
-  loop_.advanceBy(JobHostClient::kSilentHostPause - 1ns);
+  loop_.advanceBy(JobHostClient::kProbeInterval - 1ns);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
   loop_.advanceBy(1ns);
-  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kLookTime);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), JobHostClient::kProbeTimeOut);
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 0s);
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatAcceptsAgainWithinThePauseIsAskedAtOnce) {
+TEST_F(EmbeddedJobsTest, AHostThatAcceptsAgainIsCalledWithinTheSameTurn) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 5s);
   host_->goOn();
-  loop_.sleepFor(JobHostClient::kSilentHostPause);
+  loop_.sleepFor(JobHostClient::kProbeInterval);
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
-class MissedHostTest : public EmbeddedJobsTest {
+class HostReturnTest : public EmbeddedJobsTest {
  protected:
-  MissedHostTest() {
+  HostReturnTest() {
     client_.setReturnHandler([this] { ++returns_; });
   }
-  // The host goes on.
+  // Lets the host go on.
   void answerAll() {
     for (const PeerMessage& message : std::exchange(kept_, {}))
       EXPECT_TRUE(message.reply->answer(Value()));
@@ -156,19 +156,19 @@ class MissedHostTest : public EmbeddedJobsTest {
   int returns_ = 0;
 };
 
-TEST_F(MissedHostTest, TheReturnOfASilentHostIsToldOnceForAllThatItFailed) {
+TEST_F(HostReturnTest, TheReturnOfAHungHostIsReportedOnceForAllFailedCalls) {
   startHost(keeping());
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(submit());
   loop_.advanceBy(1h);
   EXPECT_EQ(returns_, 0);
-  EXPECT_LE(kept_.size(), 4u);  // However long it is missed.
+  EXPECT_LE(kept_.size(), 4u);  // however long it hangs
   answerAll();
-  EXPECT_EQ(returns_, 0);  // Not before the loop turns.
+  EXPECT_EQ(returns_, 0);  // not before the loop turns
   loop_.runReady();
   EXPECT_EQ(returns_, 1);
   loop_.advanceBy(1h);
   EXPECT_EQ(returns_, 1);
-  // And again the next time.
+  // The next return is reported too.
   EXPECT_FALSE(submit());
   loop_.advanceBy(1s);
   answerAll();
@@ -176,7 +176,7 @@ TEST_F(MissedHostTest, TheReturnOfASilentHostIsToldOnceForAllThatItFailed) {
   EXPECT_EQ(returns_, 2);
 }
 
-TEST_F(MissedHostTest, TheReturnOfAHostThatAcceptedNobodyIsTold) {
+TEST_F(HostReturnTest, TheReturnOfAHostThatDidNotAcceptIsReported) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_FALSE(submit());
@@ -187,8 +187,8 @@ TEST_F(MissedHostTest, TheReturnOfAHostThatAcceptedNobodyIsTold) {
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(MissedHostTest, AHostThatTakesThePlaceOfOneThatWasMissedHasReturned) {
-  EXPECT_FALSE(submit());  // There is none.
+TEST_F(HostReturnTest, TheNextHostAfterAMissingOneCountsAsReturned) {
+  EXPECT_FALSE(submit());  // There is no host.
   loop_.advanceBy(1min);
   EXPECT_EQ(returns_, 0);
   startHost(keeping());
@@ -200,7 +200,7 @@ TEST_F(MissedHostTest, AHostThatTakesThePlaceOfOneThatWasMissedHasReturned) {
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(MissedHostTest, AHostThatIsSilentAndEndsInACallIsStillMissed) {
+TEST_F(HostReturnTest, TheReturnIsStillReportedIfAHungHostEndsInACall) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.advanceBy(2s);
@@ -212,7 +212,7 @@ TEST_F(MissedHostTest, AHostThatIsSilentAndEndsInACallIsStillMissed) {
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(MissedHostTest, AHostThatOnlyTakesLongIsNotMissed) {
+TEST_F(HostReturnTest, ASlowHostHasNoReturn) {
   startHost([this](PeerMessage message) {
     if (message.selector != kSubmitJobMessage) return answering(Value())(std::move(message));
     kept_.push_back(std::move(message));
@@ -223,7 +223,7 @@ TEST_F(MissedHostTest, AHostThatOnlyTakesLongIsNotMissed) {
   EXPECT_EQ(returns_, 0);
 }
 
-TEST_F(MissedHostTest, WhoNoLongerListensIsNotTold) {
+TEST_F(HostReturnTest, ARemovedReturnHandlerIsNotCalled) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.advanceBy(2s);
@@ -231,17 +231,17 @@ TEST_F(MissedHostTest, WhoNoLongerListensIsNotTold) {
   answerAll();
   loop_.advanceBy(1min);
   EXPECT_EQ(returns_, 0);
-  EXPECT_FALSE(submit());  // Nor is anybody looked for, or missed.
+  EXPECT_FALSE(submit());  // Now nothing probes for a return.
   loop_.advanceBy(1min);
   EXPECT_EQ(returns_, 0);
 }
 
-TEST_F(MissedHostTest, AHostMissedAgainBeforeItsReturnIsToldIsToldOnceItIsBack) {
+TEST_F(HostReturnTest, AReturnIsReportedOnceTheHostIsBackForGood) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.advanceBy(2s);
   answerAll();
-  loop_.post([this] { EXPECT_FALSE(submit()); });  // Behind the answer, before what tells of it.
+  loop_.post([this] { EXPECT_FALSE(submit()); });  // between the answer and the handler
   loop_.runReady();
   EXPECT_EQ(returns_, 0);
   loop_.advanceBy(2s);
@@ -251,7 +251,7 @@ TEST_F(MissedHostTest, AHostMissedAgainBeforeItsReturnIsToldIsToldOnceItIsBack) 
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(MissedHostTest, TheHandlerMayEndItself) {
+TEST_F(HostReturnTest, TheReturnHandlerMayRemoveItself) {
   client_.setReturnHandler([this] {
     client_.setReturnHandler({});
     ++returns_;
@@ -269,7 +269,7 @@ TEST_F(MissedHostTest, TheHandlerMayEndItself) {
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(EmbeddedJobsTest, ARequestThatDoesNotWaitEndsTheSilenceOfAHostThatAcceptsAgain) {
+TEST_F(EmbeddedJobsTest, AnAsynchronousCallFindsThatAHungHostAcceptsAgain) {
   startHost(answering(Value()));
   host_->hang();
   EXPECT_FALSE(submit());
