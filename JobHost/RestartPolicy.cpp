@@ -59,8 +59,6 @@ JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool may
     case JobEvent::kProcessEnded:
       if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
-    case JobEvent::kStartFailed:
-      return JobAction::kWait;
     case JobEvent::kDue:
       if (phase != JobPhase::kWaiting) return JobAction::kNothing;
       return mayStart ? JobAction::kStart : JobAction::kWait;

@@ -28,8 +28,7 @@ enum class JobPhase : unsigned char {
 enum class JobEvent {
   kSubmitted,     // its definition is new, or has been replaced
   kProcessEnded,  // `wantsProcess` is wantsProcessAfter() of that end
-  kStartFailed,
-  kDue,  // the throttle allows a start
+  kDue,           // the throttle allows a start
 };
 
 enum class JobAction {

@@ -99,31 +99,27 @@ TEST(RestartPolicy, TheNextActionFollowsFromPhaseAndEvent) {
     JobPhase phase;
     JobEvent event;
     // A start is wanted and allowed, only wanted, only allowed.
-    JobAction start, wait, rest;
+    JobAction start, wait, idle;
   };
   const Row rows[] = {
       {JobPhase::kIdle, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kIdle, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
-      {JobPhase::kIdle, JobEvent::kStartFailed, kWait, kWait, kWait},
       {JobPhase::kIdle, JobEvent::kDue, kNothing, kNothing, kNothing},
       {JobPhase::kWaiting, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kWaiting, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
-      {JobPhase::kWaiting, JobEvent::kStartFailed, kWait, kWait, kWait},
       {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kStart},
       {JobPhase::kRunning, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
-      {JobPhase::kRunning, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kDue, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kProcessEnded, kNothing, kNothing, kNothing},
-      {JobPhase::kRemoving, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kDue, kNothing, kNothing, kNothing},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
     EXPECT_EQ(nextAction(row.phase, row.event, true, true), row.start);
     EXPECT_EQ(nextAction(row.phase, row.event, true, false), row.wait);
-    EXPECT_EQ(nextAction(row.phase, row.event, false, true), row.rest);
+    EXPECT_EQ(nextAction(row.phase, row.event, false, true), row.idle);
   }
 }
 

@@ -333,9 +333,9 @@ class UnexecutedProcess : public ProcessSpawnerTest {
 };
 
 TEST_F(UnexecutedProcess, IsKilledAfterTheStartTimeOut) {
-  auto impatient = ProcessSpawner::create(kDescriptorLimit, std::chrono::milliseconds(1));
-  ASSERT_TRUE(impatient);
-  spawner_.emplace(*std::move(impatient));
+  auto spawner = ProcessSpawner::create(kDescriptorLimit, std::chrono::milliseconds(1));
+  ASSERT_TRUE(spawner);
+  spawner_.emplace(*std::move(spawner));
   EXPECT_THAT(refusal(script("echo ran")),
               EndsWith(": somebody killed the new process, or it had not come to its program after "
                        "0.001 s"));
@@ -345,11 +345,11 @@ TEST_F(UnexecutedProcess, IsKilledAfterTheStartTimeOut) {
 TEST_F(UnexecutedProcess, IsKilledAlsoWhileItIsKeptStopped) {
   // On a busy machine the process may end before the thread that is to stop it has run at all.
   int stops = 0;
-  for (std::chrono::milliseconds patience(200); stops == 0; patience *= 2) {
-    ASSERT_LT(patience, std::chrono::seconds(20)) << "nobody has stopped it";
-    auto impatient = ProcessSpawner::create(kDescriptorLimit, patience);
-    ASSERT_TRUE(impatient);
-    spawner_.emplace(*std::move(impatient));
+  for (std::chrono::milliseconds startTimeOut(200); stops == 0; startTimeOut *= 2) {
+    ASSERT_LT(startTimeOut, std::chrono::seconds(20)) << "nobody has stopped it";
+    auto spawner = ProcessSpawner::create(kDescriptorLimit, startTimeOut);
+    ASSERT_TRUE(spawner);
+    spawner_.emplace(*std::move(spawner));
     const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
       for (; !isOver; std::this_thread::yield()) stops += ::kill(process, SIGSTOP) == 0 ? 1 : 0;
     });
@@ -362,9 +362,9 @@ TEST_F(UnexecutedProcess, IsKilledAlsoWhileItIsKeptStopped) {
 
 TEST_F(UnexecutedProcess, GoesOnHoweverOftenItIsStopped) {
   // The limit is long, so that a busy machine does not end the process meanwhile.
-  auto patient = ProcessSpawner::create(kDescriptorLimit, std::chrono::hours(1));
-  ASSERT_TRUE(patient);
-  spawner_.emplace(*std::move(patient));
+  auto spawner = ProcessSpawner::create(kDescriptorLimit, std::chrono::hours(1));
+  ASSERT_TRUE(spawner);
+  spawner_.emplace(*std::move(spawner));
   constexpr int kTimes = 2;
   int timesGoneOn = 0;
   const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
@@ -389,9 +389,9 @@ TEST_F(UnexecutedProcess, GoesOnHoweverOftenItIsStopped) {
 }
 
 TEST_F(ProcessSpawnerTest, AnExecutedProgramHasNoTimers) {
-  auto patient = ProcessSpawner::create(kDescriptorLimit, std::chrono::minutes(1));
-  ASSERT_TRUE(patient);
-  spawner_.emplace(*std::move(patient));
+  auto spawner = ProcessSpawner::create(kDescriptorLimit, std::chrono::minutes(1));
+  ASSERT_TRUE(spawner);
+  spawner_.emplace(*std::move(spawner));
   EXPECT_EQ(outputOfScript("cat /proc/$$/timers; echo end"), "end\n");
 }
 

@@ -434,7 +434,7 @@ TEST_F(StateFileTest, WithoutAFileEachRecordFailsWithTheReason) {
 TEST_F(StateFileTest, ATornFileThatCannotBeReplacedIsRepairedInPlace) {
   ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string whole = contents();
-  for (const bool mendsAtOnce : {true, false}) {
+  for (const bool repairsAtOnce : {true, false}) {
     put(whole + "torn");
     auto opened = open();
     ASSERT_EQ(opened.warnings.size(), 1);
@@ -444,7 +444,7 @@ TEST_F(StateFileTest, ATornFileThatCannotBeReplacedIsRepairedInPlace) {
       const platform::FullDisk disk(10);
       EXPECT_FALSE(opened.file->compact(opened.jobs));
       EXPECT_EQ(contents(), whole + "torn");
-      if (mendsAtOnce) {
+      if (repairsAtOnce) {
         ASSERT_TRUE(opened.file->repair());
         EXPECT_EQ(contents(), whole);
       }
