@@ -21,6 +21,7 @@
 #include "Benchmarks/RawEcho.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Platform/Linux/Certificates/CertificateMaker.h"
+#include "Platform/Linux/Certificates/IdentityFiles.h"
 #include "Platform/Linux/CodeSigning/CodeSigner.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Linux/Files/LinuxExtendedAttributes.h"

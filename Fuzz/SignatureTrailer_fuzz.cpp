@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <span>
 
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
+#include "Platform/Linux/CodeSigning/SignatureVerifier.h"
 
 // A signed program as somebody else may have left it: the trailer at its end, then the CMS
 // signature that it points to, checked against no anchors at all, so that whatever is accepted is

@@ -18,7 +18,8 @@ std::array<std::uint8_t, CC_MD5_DIGEST_LENGTH> CC_MD5(std::span<const std::uint8
 std::array<std::uint8_t, CC_SHA1_DIGEST_LENGTH> CC_SHA1(std::span<const std::uint8_t> bytes);
 std::array<std::uint8_t, CC_SHA256_DIGEST_LENGTH> CC_SHA256(std::span<const std::uint8_t> bytes);
 
-// Two lower-case hexadecimal digits a byte.
+// Two lower-case hexadecimal digits a byte. The same on every system, so it has a source of its
+// own.
 std::string hexadecimalText(std::span<const std::uint8_t> bytes);
 
 }  // namespace platform

@@ -4,9 +4,11 @@
 
 #include "Platform/PropertyLists/PropertyListBinaryObjects.h"
 #include "Platform/PropertyLists/PropertyListBinaryReader.h"
+#include "Platform/PropertyLists/PropertyListBinaryWriter.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
-#include "Platform/PropertyLists/PropertyListWriter.h"
+#include "Platform/PropertyLists/PropertyListWritable.h"
 #include "Platform/PropertyLists/PropertyListXmlReader.h"
+#include "Platform/PropertyLists/PropertyListXmlWriter.h"
 
 namespace platform {
 

@@ -1,3 +1,5 @@
+#include "Platform/PropertyLists/PropertyListBinaryWriter.h"
+
 #include <bit>
 #include <deque>
 #include <limits>
@@ -10,7 +12,6 @@
 
 #include "Platform/PropertyLists/PropertyListBinaryObjects.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
-#include "Platform/PropertyLists/PropertyListWriter.h"
 #include "Platform/Texts/Utf8.h"
 
 // Objects are numbered in the order in which they are met: a collection, then its elements, or all

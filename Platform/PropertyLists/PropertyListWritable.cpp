@@ -1,3 +1,5 @@
+#include "Platform/PropertyLists/PropertyListWritable.h"
+
 #include <optional>
 #include <vector>
 
@@ -5,7 +7,6 @@
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
-#include "Platform/PropertyLists/PropertyListWriter.h"
 #include "Platform/Texts/QuotedText.h"
 #include "Platform/Texts/Utf8.h"
 

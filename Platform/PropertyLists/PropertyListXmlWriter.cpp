@@ -1,10 +1,11 @@
+#include "Platform/PropertyLists/PropertyListXmlWriter.h"
+
 #include <algorithm>
 
 #include <fmt/core.h>
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
-#include "Platform/PropertyLists/PropertyListWriter.h"
 
 // The layout is that of the platform's own tools, so that a list edited with them and one written
 // here compare line by line: a tab for each level but that of <plist>, collections without content

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/Certificates/CertificateMaker.h"
+#include "Platform/Linux/Certificates/IdentityFiles.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/Files/ReplacementFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"

@@ -7,8 +7,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/SignatureReport.h"
 

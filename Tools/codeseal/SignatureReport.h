@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/CodeSigning/CodeSignature.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/VerifiedCode.h"
 
 // What there is to tell of the code at a path, for people and for programs.
 struct SignatureReport {

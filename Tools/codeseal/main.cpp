@@ -14,8 +14,10 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/CodeSigning/CodeSignature.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/Certificates/IdentityFiles.h"
+#include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/Sealing.h"
 #include "Tools/codeseal/SignatureReport.h"

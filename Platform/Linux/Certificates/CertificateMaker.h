@@ -44,13 +44,4 @@ Result<CertificateHandle> makeCertificate(const CertificateRequest& request, EVP
 Result<SigningIdentity> makeIdentity(const CertificateRequest& request, KeyHandle key,
                                      const SigningIdentity* issuer);
 
-// PEM of a certificate, and of a private key (PKCS #8, not encrypted).
-Result<std::string> pemOfCertificate(X509* certificate);
-Result<std::string> pemOfKey(EVP_PKEY* key);
-
-// Reads the identity whose key stands in the one file, and whose certificates, its own first, in
-// the other. kInvalid where they don't belong together.
-Result<SigningIdentity> readIdentity(const std::string& keyPath,
-                                     const std::string& certificatesPath);
-
 }  // namespace platform

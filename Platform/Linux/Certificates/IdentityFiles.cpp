@@ -1,9 +1,10 @@
+#include "Platform/Linux/Certificates/IdentityFiles.h"
+
 #include <cstddef>
 #include <utility>
 
 #include <openssl/pem.h>
 
-#include "Platform/Linux/Certificates/CertificateMaker.h"
 #include "Platform/Linux/Files/RegularFile.h"
 
 namespace platform {

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Certificates/CertificateChain.h"
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
 
 namespace platform {

@@ -1,10 +1,11 @@
+#include "Platform/Linux/CodeSigning/BundleVerifier.h"
+
 #include <cerrno>
 #include <utility>
 
 #include "Platform/Files/Bundle.h"
 #include "Platform/Linux/CodeSigning/BundleContents.h"
 #include "Platform/Linux/CodeSigning/BundleSeal.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
 #include "Platform/Linux/Files/RegularFile.h"

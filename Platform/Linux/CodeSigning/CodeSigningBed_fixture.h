@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/Certificates/CertificateMaker.h"
+#include "Platform/Linux/Certificates/IdentityFiles.h"
 #include "Platform/Linux/CodeSigning/CodeSigner.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"

@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+#include "Platform/Linux/CodeSigning/BundleVerifier.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 

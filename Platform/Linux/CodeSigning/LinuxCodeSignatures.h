@@ -6,7 +6,6 @@
 
 #include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Linux/CodeSigning/AnchorStore.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
 #include "Platform/Linux/CodeSigning/TrustedPlace.h"
 #include "Platform/Linux/CodeSigning/VerdictCache.h"
 #include "Platform/Values/Time.h"

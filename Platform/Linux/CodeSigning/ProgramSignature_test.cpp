@@ -16,6 +16,7 @@
 
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 

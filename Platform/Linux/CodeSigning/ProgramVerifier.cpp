@@ -1,9 +1,11 @@
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
 
 #include "Platform/Linux/CodeSigning/BundleContents.h"
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
 

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 
 namespace platform {
 namespace {

@@ -1,6 +1,9 @@
+#include "Platform/Linux/CodeSigning/SignatureVerifier.h"
+
 #include <utility>
 
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/Certificates/CertificateChain.h"
+#include "Platform/Linux/Certificates/CmsSignature.h"
 
 namespace platform {
 namespace {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "Platform/Linux/CodeSigning/CodeVerifier.h"
+#include "Platform/Linux/CodeSigning/VerifiedCode.h"
 #include "Platform/Values/Time.h"
 
 namespace platform {
