@@ -92,7 +92,7 @@ void roundTripBaseline(benchmark::State& state) {
   const auto connection = client.transport.connect(server.path() + ".bare", {});
   if (!connection) return state.SkipWithError("no connection");
   for (auto _ : state) {
-    if ((*connection)->call("echo:", {Value(7)}, 60s) != PeerResult(7))
+    if ((*connection)->call("echo:", {Value(7)}, 60s) != MessageResult(7))
       return state.SkipWithError("another answer");
   }
 }

@@ -61,8 +61,8 @@ void roundTripSubject(benchmark::State& state) {
   const auto connection = transport.connect(server.path(), {});
   if (!connection) return state.SkipWithError("no connection");
   for (auto _ : state) {
-    const PeerResult answer = (*connection)->call("echo:", {Value(7)}, 60s);
-    if (answer != PeerResult(7)) return state.SkipWithError("another answer");
+    const MessageResult answer = (*connection)->call("echo:", {Value(7)}, 60s);
+    if (answer != MessageResult(7)) return state.SkipWithError("another answer");
   }
 }
 BENCHMARK(roundTripSubject)->Name("peer-round-trip/subject")->UseRealTime();

@@ -43,7 +43,7 @@ void checkMessage(DBusMessage* message) {
 }
 
 void checkAnswer(DBusMessage* message) {
-  const PeerResult result = decodeAnswer(message);
+  const MessageResult result = decodeAnswer(message);
   if (!result) {
     fuzz::require(!result.error().name.empty(), "an exception has a name");
     return;

@@ -20,13 +20,13 @@ Value answerOfFailure(LaunchdError code, std::string text) {
   return failureAnswer({kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
 }
 
-PeerResult wrongArgument(const PeerMessage& message, const char* expected) {
+MessageResult wrongArgument(const PeerMessage& message, const char* expected) {
   return std::unexpected(NSException{
       kNSInvalidArgumentException, fmt::format("{}: expected {}", message.selector, expected), {}});
 }
 
 // If the caller has gone, its request was carried out all the same, so ignore a failed answer.
-void answer(const std::unique_ptr<PeerReply>& reply, const PeerResult& result) {
+void answer(const std::unique_ptr<PeerReply>& reply, const MessageResult& result) {
   static_cast<void>(reply->answer(result));
 }
 
@@ -97,7 +97,7 @@ void JobServer::serveAllowed(PeerMessage message) {
   if (message.selector == kCopyJobMessage) {
     const std::string* label = message.arguments.front().string();
     return answer(message.reply,
-                  label ? PeerResult(host_.copy(*label)) : wrongArgument(message, "a label"));
+                  label ? MessageResult(host_.copy(*label)) : wrongArgument(message, "a label"));
   }
   answer(message.reply,
          std::unexpected(NSException{kNSInvalidArgumentException,

@@ -46,7 +46,7 @@ struct Client {
 
 class JobServerTest : public testing::Test {
  protected:
-  using Answer = std::shared_ptr<std::optional<PeerResult>>;
+  using Answer = std::shared_ptr<std::optional<MessageResult>>;
 
   JobServerTest() {
     JobHostOptions options;
@@ -61,9 +61,9 @@ class JobServerTest : public testing::Test {
 
   // Sends a request, and runs what the host can do at once.
   Answer ask(Client& client, const char* selector, const Array& arguments) {
-    auto answer = std::make_shared<std::optional<PeerResult>>();
+    auto answer = std::make_shared<std::optional<MessageResult>>();
     client.connection->callAsync(selector, arguments, 1h,
-                                 [answer](PeerResult result) { *answer = std::move(result); });
+                                 [answer](MessageResult result) { *answer = std::move(result); });
     loop_.runReady();
     return answer;
   }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <expected>
 #include <memory>
 #include <string_view>
 
@@ -8,10 +7,6 @@
 #include "Platform/Values/Value.h"
 
 namespace platform {
-
-// What a message ends with: its result (nil for a method without one), or the exception that was
-// raised.
-using MessageResult = std::expected<Value, NSException>;
 
 // An object of this program that is sent messages by their selectors.
 class MessageReceiver {

@@ -31,7 +31,7 @@ class NamedConnectionsPeersContract : public NamedConnectionsContract {
   }
   PeerConnection& intrudeWithToken() {
     PeerConnection& intruder = intrude();
-    EXPECT_EQ(intruder.call(kAuthenticate, {token("client")}, 60s), PeerResult(token("server")));
+    EXPECT_EQ(intruder.call(kAuthenticate, {token("client")}, 60s), MessageResult(token("server")));
     return intruder;
   }
   std::string callOf(PeerConnection& intruder, std::string_view selector, const Array& arguments) {

@@ -29,9 +29,6 @@ struct PeerCredentials {
   bool operator==(const PeerCredentials&) const = default;
 };
 
-// The answer to a two-way message: nil for a method without a result, or the exception it raised.
-using PeerResult = std::expected<Value, NSException>;
-
 // The right to answer one two-way message. Dropped without an answer, it sends nothing: the caller
 // waits until its time-out. Belongs to the loop's thread; may outlive the connection.
 class PeerReply {
@@ -43,7 +40,7 @@ class PeerReply {
   //                why)
   //   kExhausted   the peer leaves so much unread that its connection has been closed
   //   kNotFound    the connection has ended
-  virtual Result<void> answer(const PeerResult& result) = 0;
+  virtual Result<void> answer(const MessageResult& result) = 0;
 };
 
 struct PeerMessage {
@@ -75,7 +72,7 @@ struct PeerHandlers {
 // where both sides' options say so; a message with one must fit on the socket as it is.
 class PeerConnection {
  public:
-  using Completion = std::move_only_function<void(PeerResult)>;
+  using Completion = std::move_only_function<void(MessageResult)>;
 
   virtual ~PeerConnection() = default;
 
@@ -100,7 +97,8 @@ class PeerConnection {
   //   NSInvalidSendPortException    the connection has ended, or ends before the answer
   //   NSInvalidArgumentException    the message can't travel, or 128 calls are outstanding
   //   any other                     what the peer raised
-  virtual PeerResult call(std::string_view selector, const Array& arguments, Duration timeout) = 0;
+  virtual MessageResult call(std::string_view selector, const Array& arguments,
+                             Duration timeout) = 0;
 
   // The same without blocking: the completion runs once, on the loop, never from inside this call.
   // Not after close(). A time-out of Duration::max() is none.

@@ -10,7 +10,7 @@ namespace platform {
 
 TEST_P(PeerTransportContract, ATwoWayMessageBringsItsAnswer) {
   start();
-  EXPECT_EQ(call("echo:", {Value("hello")}), PeerResult("hello"));
+  EXPECT_EQ(call("echo:", {Value("hello")}), MessageResult("hello"));
 }
 
 TEST_P(PeerTransportContract, ValuesOfEveryKindArriveAsTheyWere) {
@@ -33,7 +33,7 @@ TEST_P(PeerTransportContract, ValuesOfEveryKindArriveAsTheyWere) {
       Value(Dictionary{{"", 1}, {"b", Dictionary{{"c", Data{7}}}}, {"a", false}}),
   };
   for (const Value& value : values) {
-    const PeerResult answer = call("echo:", {value});
+    const MessageResult answer = call("echo:", {value});
     ASSERT_TRUE(answer) << answer.error().reason;
     EXPECT_EQ(*answer, value);
     EXPECT_EQ(answer->type(), value.type());
@@ -44,7 +44,7 @@ TEST_P(PeerTransportContract, DictionariesKeepTheirOrder) {
   start();
   Dictionary dictionary;
   for (const char* key : {"z", "a", "m", "b", "y"}) dictionary.set(key, key);
-  const PeerResult answer = call("echo:", {dictionary});
+  const MessageResult answer = call("echo:", {dictionary});
   ASSERT_TRUE(answer && answer->dictionary());
   std::string keys;
   for (const auto& [key, value] : *answer->dictionary()) keys += key;
@@ -53,7 +53,7 @@ TEST_P(PeerTransportContract, DictionariesKeepTheirOrder) {
 
 TEST_P(PeerTransportContract, NilIsAnArgumentAndAnAnswerOfItsOwn) {
   start();
-  const PeerResult answer = call("echo:", {Value()});
+  const MessageResult answer = call("echo:", {Value()});
   ASSERT_TRUE(answer);
   EXPECT_TRUE(answer->isNil());
 }
@@ -61,10 +61,10 @@ TEST_P(PeerTransportContract, NilIsAnArgumentAndAnAnswerOfItsOwn) {
 TEST_P(PeerTransportContract, AnExceptionTravelsWithReasonAndUserInfo) {
   start();
   const Value userInfo = Dictionary{{"key", Array{Value(1), Value("two")}}};
-  const PeerResult answer = call("raise:", {userInfo});
+  const MessageResult answer = call("raise:", {userInfo});
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error(), (NSException{"SomeException", "Some reason", userInfo}));
-  const PeerResult without = call("raise:", {Value()});
+  const MessageResult without = call("raise:", {Value()});
   ASSERT_FALSE(without);
   EXPECT_TRUE(without.error().userInfo.isNil());
 }
@@ -89,9 +89,9 @@ TEST_P(PeerTransportContract, ACallComesAfterTheMessagesBeforeIt) {
 TEST_P(PeerTransportContract, AnAsynchronousCallCompletesOnTheLoop) {
   start();
   bool returned = false;
-  client_->callAsync("echo:", {Value("later")}, 60s, [&](const PeerResult& result) {
+  client_->callAsync("echo:", {Value("later")}, 60s, [&](const MessageResult& result) {
     EXPECT_TRUE(returned);
-    EXPECT_EQ(result, PeerResult("later"));
+    EXPECT_EQ(result, MessageResult("later"));
     journal_.note("completed");
   });
   returned = true;
@@ -102,7 +102,7 @@ TEST_P(PeerTransportContract, AnAsynchronousCallCompletesOnTheLoop) {
 TEST_P(PeerTransportContract, AnAsynchronousCallIsNotCompletedInsideABlockingOne) {
   start();
   client_->callAsync("echo:", {Value("later")}, 60s,
-                     [&](const PeerResult&) { journal_.note("completed"); });
+                     [&](const MessageResult&) { journal_.note("completed"); });
   EXPECT_TRUE(call("echo:", {Value(1)}));
   EXPECT_EQ(journal_.count("completed"), 0u);
   runUntilNoted("completed");
@@ -111,7 +111,7 @@ TEST_P(PeerTransportContract, AnAsynchronousCallIsNotCompletedInsideABlockingOne
 TEST_P(PeerTransportContract, ACallWithoutAnAnswerTimesOut) {
   start();
   const Instant before = harness_->loop().now();
-  const PeerResult answer = call("keep", {}, 20ms);
+  const MessageResult answer = call("keep", {}, 20ms);
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error().name, kNSPortTimeoutException);
   EXPECT_GE(harness_->loop().now() - before, 20ms);
@@ -119,7 +119,7 @@ TEST_P(PeerTransportContract, ACallWithoutAnAnswerTimesOut) {
 
 TEST_P(PeerTransportContract, AnAsynchronousCallWithoutAnAnswerTimesOut) {
   start();
-  client_->callAsync("keep", {}, 20ms, [&](const PeerResult& result) {
+  client_->callAsync("keep", {}, 20ms, [&](const MessageResult& result) {
     journal_.note(result ? "answered" : result.error().name);
   });
   runUntilNoted(kNSPortTimeoutException);
@@ -131,13 +131,13 @@ TEST_P(PeerTransportContract, AnAnswerThatComesTooLateIsDropped) {
   runUntilNoted("kept");
   harness_->there(
       [&](PeerTransport&) { EXPECT_TRUE(server_.kept.front()->answer(Value("late"))); });
-  EXPECT_EQ(call("echo:", {Value("in time")}), PeerResult("in time"));
+  EXPECT_EQ(call("echo:", {Value("in time")}), MessageResult("in time"));
 }
 
 TEST_P(PeerTransportContract, ACallToAHungProcessTimesOut) {
   start();
   harness_->hang();
-  const PeerResult answer = call("echo:", {Value(1)}, 20ms);
+  const MessageResult answer = call("echo:", {Value(1)}, 20ms);
   harness_->goOn();
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error().name, kNSPortTimeoutException);
@@ -145,8 +145,8 @@ TEST_P(PeerTransportContract, ACallToAHungProcessTimesOut) {
 
 TEST_P(PeerTransportContract, AMessageIsAnsweredOnce) {
   start();
-  client_->callAsync("keep", {}, 60s, [&](const PeerResult& result) {
-    EXPECT_EQ(result, PeerResult(1));
+  client_->callAsync("keep", {}, 60s, [&](const MessageResult& result) {
+    EXPECT_EQ(result, MessageResult(1));
     journal_.note("completed");
   });
   runUntilNoted("kept");
@@ -167,7 +167,7 @@ TEST_P(PeerTransportContract, AnAnswerThatCantTravelIsAnException) {
     std::string_view className() const override { return "Remote"; }
     bool conformsToProtocol(std::string_view) const override { return false; }
   };
-  client_->callAsync("keep", {}, 60s, [&](const PeerResult& result) {
+  client_->callAsync("keep", {}, 60s, [&](const MessageResult& result) {
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error().name, kNSInvalidArgumentException);
     journal_.note("completed");
@@ -191,18 +191,18 @@ TEST_P(PeerTransportContract, WhoWaitsForAnAnswerServesCallsOfThatConnection) {
                                   Value("re-entrant " + *message.arguments[0].string())));
                             },
                         .death = {}});
-  EXPECT_EQ(call("callBack:", {Value("call")}), PeerResult("re-entrant call"));
+  EXPECT_EQ(call("callBack:", {Value("call")}), MessageResult("re-entrant call"));
 }
 
 TEST_P(PeerTransportContract, AHandlerThatIsServedInsideACallMayCallItself) {
   start({.whileWaiting = WhileWaiting::kServe});
   client_->setHandlers({.message =
                             [&](PeerMessage message) {
-                              const PeerResult inner = call("echo:", message.arguments);
+                              const MessageResult inner = call("echo:", message.arguments);
                               EXPECT_TRUE(message.reply->answer(inner));
                             },
                         .death = {}});
-  EXPECT_EQ(call("callBack:", {Value("deep")}), PeerResult("deep"));
+  EXPECT_EQ(call("callBack:", {Value("deep")}), MessageResult("deep"));
 }
 
 TEST_P(PeerTransportContract, WhoServesNothingWhileWaitingServesItAfterwards) {
@@ -233,7 +233,7 @@ TEST_P(PeerTransportContract, AMessageThatBreaksTheRulesIsRefusedHere) {
   for (const std::string& selector :
        {std::string("under_score"), std::string(), std::string("a b"), std::string("9digit"),
         std::string("\xc3\xa4"), std::string("nul\0", 4), std::string(256, 'a')}) {
-    const PeerResult answer = call(selector, {});
+    const MessageResult answer = call(selector, {});
     ASSERT_FALSE(answer);
     EXPECT_EQ(answer.error().name, kNSInvalidArgumentException);
     const auto sent = client_->send(selector, {});

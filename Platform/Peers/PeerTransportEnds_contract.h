@@ -17,7 +17,7 @@ TEST_P(PeerTransportContract, ANameIsTakenOnce) {
   EXPECT_EQ(second.error().osError, EADDRINUSE);
   EXPECT_THAT(describe(second.error()), testing::HasSubstr(path()));
   client_ = connect();
-  EXPECT_EQ(call("echo:", {Value("still there")}), PeerResult("still there"));
+  EXPECT_EQ(call("echo:", {Value("still there")}), MessageResult("still there"));
 }
 
 TEST_P(PeerTransportContract, ANameThatWasGivenBackCanBeTakenAgain) {
@@ -27,9 +27,9 @@ TEST_P(PeerTransportContract, ANameThatWasGivenBackCanBeTakenAgain) {
   ASSERT_FALSE(gone);
   EXPECT_EQ(gone.error().kind, PeerConnectFailure::Kind::kNobodyThere);
   listen();
-  EXPECT_EQ(call("echo:", {Value("old")}), PeerResult("old"));
+  EXPECT_EQ(call("echo:", {Value("old")}), MessageResult("old"));
   client_ = connect();
-  EXPECT_EQ(call("echo:", {Value("new")}), PeerResult("new"));
+  EXPECT_EQ(call("echo:", {Value("new")}), MessageResult("new"));
 }
 
 TEST_P(PeerTransportContract, ConnectingToNobodyFails) {
@@ -96,7 +96,7 @@ TEST_P(PeerTransportContract, AllOutstandingCallsFailWithThePeerBeforeItsDeath) 
   start();
   noteDeath(*client_);
   for (int i = 0; i < 3; ++i) {
-    client_->callAsync("keep", {}, Duration::max(), [&](const PeerResult& result) {
+    client_->callAsync("keep", {}, Duration::max(), [&](const MessageResult& result) {
       journal_.note(result ? "answered" : result.error().name);
     });
   }
@@ -121,7 +121,7 @@ TEST_P(PeerTransportContract, TheServersOutstandingCallsFailWithTheClient) {
 TEST_P(PeerTransportContract, ABlockingCallFailsWithThePeer) {
   start();
   noteDeath(*client_);
-  const PeerResult answer = call("closeHere");
+  const MessageResult answer = call("closeHere");
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error().name, kNSInvalidSendPortException);
   EXPECT_EQ(journal_.count("death"), 0u);
@@ -143,7 +143,7 @@ TEST_P(PeerTransportContract, AfterOnesOwnCloseNothingCallsBack) {
   start();
   noteDeath(*client_);
   client_->callAsync("keep", {}, Duration::max(),
-                     [&](const PeerResult&) { journal_.note("completed"); });
+                     [&](const MessageResult&) { journal_.note("completed"); });
   runUntilNoted("kept");
   client_->close();
   runUntilNoted("client died");
@@ -164,14 +164,14 @@ TEST_P(PeerTransportContract, AHandlerMayDestroyItsConnection) {
 
 TEST_P(PeerTransportContract, ACompletionAndADeathHandlerMayDestroyTheConnection) {
   start();
-  client_->callAsync("echo:", {Value(1)}, 60s, [this](const PeerResult&) {
+  client_->callAsync("echo:", {Value(1)}, 60s, [this](const MessageResult&) {
     client_.reset();
     journal_.note("destroyed");
   });
   runUntilNoted("destroyed");
   client_ = connect();
   for (int i = 0; i < 2; ++i) {
-    client_->callAsync("keep", {}, 60s, [this](const PeerResult&) {
+    client_->callAsync("keep", {}, 60s, [this](const MessageResult&) {
       client_.reset();
       journal_.note("destroyed by failure");
     });
@@ -192,7 +192,7 @@ TEST_P(PeerTransportContract, ACompletionAndADeathHandlerMayDestroyTheConnection
 
 TEST_P(PeerTransportContract, AReplyOutlivesItsConnection) {
   start();
-  client_->callAsync("keep", {}, 60s, [](const PeerResult&) {});
+  client_->callAsync("keep", {}, 60s, [](const MessageResult&) {});
   runUntilNoted("kept");
   client_.reset();
   runUntilNoted("client died");

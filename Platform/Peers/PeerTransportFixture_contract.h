@@ -140,7 +140,8 @@ class PeerTransportBed {
         {.message = {}, .death = [this, text](const Error&) { journal_.note(text); }});
   }
 
-  PeerResult call(std::string_view selector, const Array& arguments = {}, Duration timeout = 60s) {
+  MessageResult call(std::string_view selector, const Array& arguments = {},
+                     Duration timeout = 60s) {
     return client_->call(selector, arguments, timeout);
   }
 
@@ -182,7 +183,7 @@ class PeerTransportBed {
     const Value argument = message.arguments.empty() ? Value() : message.arguments.front();
     if (message.selector == "closeHere") return close(connection);
     if (message.selector == "relay:") {
-      connection.callAsync("called:", {argument}, 60s, [this](const PeerResult& result) {
+      connection.callAsync("called:", {argument}, 60s, [this](const MessageResult& result) {
         journal_.note("relayed " + (result ? *result->string() : result.error().name));
       });
     }
@@ -204,7 +205,7 @@ class PeerTransportBed {
     answer(message, argument);
   }
 
-  void answer(PeerMessage& message, const PeerResult& result) {
+  void answer(PeerMessage& message, const MessageResult& result) {
     if (const auto answered = message.reply->answer(result); !answered) {
       journal_.note("unanswered: " + describe(answered.error()));
     }

@@ -23,9 +23,9 @@ inline Value nestedArrays(std::size_t depth) {
 TEST_P(PeerTransportContract, ValuesMayBeSoDeepAndNoDeeper) {
   start();
   for (const std::size_t depth : {kMaxPeerDepth - 1, kMaxPeerDepth}) {
-    EXPECT_EQ(call("echo:", {nestedArrays(depth)}), PeerResult(nestedArrays(depth)));
+    EXPECT_EQ(call("echo:", {nestedArrays(depth)}), MessageResult(nestedArrays(depth)));
   }
-  const PeerResult tooDeep = call("echo:", {nestedArrays(kMaxPeerDepth + 1)});
+  const MessageResult tooDeep = call("echo:", {nestedArrays(kMaxPeerDepth + 1)});
   ASSERT_FALSE(tooDeep);
   EXPECT_EQ(tooDeep.error().name, kNSInvalidArgumentException);
   EXPECT_THAT(tooDeep.error().reason, testing::HasSubstr("deep"));
@@ -35,11 +35,11 @@ TEST_P(PeerTransportContract, AMessageHasSoManyValuesAndNoMore) {
   start();
   const auto ofNodes = [](std::size_t nodes) { return Value(Array(nodes - 1, Value(true))); };
   for (const std::size_t nodes : {kMaxPeerNodes - 1, kMaxPeerNodes}) {
-    const PeerResult answer = call("echo:", {ofNodes(nodes)});
+    const MessageResult answer = call("echo:", {ofNodes(nodes)});
     ASSERT_TRUE(answer) << answer.error().reason;
     EXPECT_EQ(answer->array()->size(), nodes - 1);
   }
-  const PeerResult tooMany = call("echo:", {ofNodes(kMaxPeerNodes + 1)});
+  const MessageResult tooMany = call("echo:", {ofNodes(kMaxPeerNodes + 1)});
   ASSERT_FALSE(tooMany);
   EXPECT_THAT(tooMany.error().reason, testing::HasSubstr("values"));
 }
@@ -47,7 +47,7 @@ TEST_P(PeerTransportContract, AMessageHasSoManyValuesAndNoMore) {
 TEST_P(PeerTransportContract, ASelectorHasSoManyArgumentsAndNoMore) {
   start();
   for (const std::size_t count : {kMaxPeerArguments - 1, kMaxPeerArguments}) {
-    EXPECT_EQ(call("a" + std::string(count, ':'), Array(count, Value(7))), PeerResult(7));
+    EXPECT_EQ(call("a" + std::string(count, ':'), Array(count, Value(7))), MessageResult(7));
   }
   EXPECT_FALSE(
       call("a" + std::string(kMaxPeerArguments + 1, ':'), Array(kMaxPeerArguments + 1, Value(7))));
@@ -65,11 +65,11 @@ TEST_P(PeerTransportContract, LargeMessagesTravelLikeSmallOnesUpToTheLimit) {
   for (const std::size_t size :
        {inOneMessage - 1, inOneMessage, inOneMessage + 1, atMost - 1, atMost}) {
     const Value data(Data(size, std::uint8_t{0x5a}));
-    const PeerResult answer = call("echo:", {data});
+    const MessageResult answer = call("echo:", {data});
     ASSERT_TRUE(answer) << size << ": " << answer.error().reason;
     EXPECT_EQ(*answer, data);
   }
-  const PeerResult tooLarge = call("echo:", {Value(Data(atMost + 1))});
+  const MessageResult tooLarge = call("echo:", {Value(Data(atMost + 1))});
   ASSERT_FALSE(tooLarge);
   EXPECT_EQ(tooLarge.error().name, kNSInvalidArgumentException);
   EXPECT_THAT(tooLarge.error().reason, testing::HasSubstr("bytes"));
@@ -78,7 +78,7 @@ TEST_P(PeerTransportContract, LargeMessagesTravelLikeSmallOnesUpToTheLimit) {
 TEST_P(PeerTransportContract, ALargeExceptionTravelsToo) {
   start();
   const Value userInfo = Dictionary{{"data", Data(kMaxPeerMessageBytes)}};
-  const PeerResult answer = call("raise:", {userInfo});
+  const MessageResult answer = call("raise:", {userInfo});
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error(), (NSException{"SomeException", "Some reason", userInfo}));
 }
@@ -86,7 +86,7 @@ TEST_P(PeerTransportContract, ALargeExceptionTravelsToo) {
 TEST_P(PeerTransportContract, SoManyCallsMayAwaitTheirAnswerAndNoMore) {
   start();
   const auto keep = [this] {
-    client_->callAsync("keep", {}, Duration::max(), [this](const PeerResult& result) {
+    client_->callAsync("keep", {}, Duration::max(), [this](const MessageResult& result) {
       journal_.note(result ? "answered" : result.error().name);
     });
   };
@@ -106,13 +106,13 @@ TEST_P(PeerTransportContract, SoManyCallsMayAwaitTheirAnswerAndNoMore) {
 TEST_P(PeerTransportContract, APeerMayOweSoManyAnswersAndNoMore) {
   start();
   const auto keep = [this] {
-    const PeerResult result = call("keep", {}, 0s);
+    const MessageResult result = call("keep", {}, 0s);
     EXPECT_EQ(result.error().name, kNSPortTimeoutException);
   };
   for (std::size_t i = 0; i < kMaxPeerCallsAwaitingReply - 1; ++i) keep();
   EXPECT_TRUE(call("echo:", {Value(1)}));
   keep();
-  const PeerResult tooMany = call("echo:", {Value(1)});
+  const MessageResult tooMany = call("echo:", {Value(1)});
   ASSERT_FALSE(tooMany);
   EXPECT_EQ(tooMany.error().name, kNSInvalidArgumentException);
   // Dropped unanswered, the right is given back all the same.
@@ -125,7 +125,7 @@ TEST_P(PeerTransportContract, WhoLeavesItsAnswersUnreadIsCutOff) {
   noteDeath(*client_);
   constexpr int kCalls = 20;
   for (int i = 0; i < kCalls; ++i) {
-    client_->callAsync("keep", {}, Duration::max(), [](const PeerResult&) {});
+    client_->callAsync("keep", {}, Duration::max(), [](const MessageResult&) {});
   }
   runUntilNoted("kept", kCalls);
   harness_->there([this](PeerTransport&) {

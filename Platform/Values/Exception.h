@@ -1,6 +1,8 @@
 #pragma once
 
+#include <expected>
 #include <string>
+#include <utility>
 
 #include "Platform/Values/Value.h"
 
@@ -14,6 +16,10 @@ struct NSException {
 
   bool operator==(const NSException&) const = default;
 };
+
+// The answer to a message: its result (nil for a method without one), or the exception that it
+// raised.
+using MessageResult = std::expected<Value, NSException>;
 
 inline constexpr char kNSPortTimeoutException[] = "NSPortTimeoutException";
 // The peer is gone, or was never there.

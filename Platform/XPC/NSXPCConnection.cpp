@@ -310,13 +310,13 @@ void NSXPCConnection::transmit(std::shared_ptr<Outgoing> message) {
   const std::uint64_t number = ++lastMessage_;
   outstanding_.emplace(number, message);
   peer_->callAsync(message->selector, arguments, Duration::max(),
-                   [weak = weak_from_this(), number](const PeerResult& result) {
+                   [weak = weak_from_this(), number](const MessageResult& result) {
                      const auto self = weak.lock();
                      if (self) self->replied(number, result);
                    });
 }
 
-void NSXPCConnection::replied(std::uint64_t number, const PeerResult& result) {
+void NSXPCConnection::replied(std::uint64_t number, const MessageResult& result) {
   const auto answered = outstanding_.extract(number);
   if (answered.empty()) return;
   const std::shared_ptr<Outgoing>& message = answered.mapped();

@@ -154,7 +154,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void listenToPeer();
   void arrived(PeerMessage message);
   void transmit(std::shared_ptr<Outgoing> message);
-  void replied(std::uint64_t number, const PeerResult& result);
+  void replied(std::uint64_t number, const MessageResult& result);
   bool connect();
   void died();
   void becomeInvalid(std::int64_t whyMessagesFail);

@@ -36,22 +36,22 @@ CrudeClient::CrudeClient(DaemonRoot& root, std::string_view server) : root_(root
                           }});
 }
 
-PeerResult CrudeClient::showToken(const Data& token) {
+MessageResult CrudeClient::showToken(const Data& token) {
   return peer_->call(kAuthenticate, {Value(token)}, 60s);
 }
 
 void CrudeClient::authenticate() {
   EXPECT_EQ(showToken(systemProfileData(root_.system())),
-            PeerResult(Value(clientProfileData(root_.system()))));
+            MessageResult(Value(clientProfileData(root_.system()))));
 }
 
 void CrudeClient::registerClient(const Array& protocols) {
   const Value object =
       Dictionary{{"Number", 1}, {"Class", "NSObject"}, {"Protocols", Value(protocols)}};
   EXPECT_EQ(peer_->call("registerClient:", {Dictionary{{"NSDistantObject", object}}}, 60s),
-            PeerResult(Value()));
+            MessageResult(Value()));
 }
 
-void CrudeClient::answerWith(std::optional<PeerResult> answer) { answer_ = std::move(answer); }
+void CrudeClient::answerWith(std::optional<MessageResult> answer) { answer_ = std::move(answer); }
 
 }  // namespace platform

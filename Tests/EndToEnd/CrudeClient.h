@@ -20,20 +20,20 @@ class CrudeClient {
 
   PeerConnection& peer() { return *peer_; }
   // Shows this; the answer.
-  PeerResult showToken(const Data& token);
+  MessageResult showToken(const Data& token);
   // Shows the right one.
   void authenticate();
   // As a client that is to be told, with an object of these protocols.
   void registerClient(const Array& protocols);
 
   // What it answers to each message that it gets; it hangs up where there is nothing.
-  void answerWith(std::optional<PeerResult> answer);
+  void answerWith(std::optional<MessageResult> answer);
   bool hasEnded() const { return hasEnded_; }
 
  private:
   DaemonRoot& root_;
   std::unique_ptr<PeerConnection> peer_;
-  std::optional<PeerResult> answer_;
+  std::optional<MessageResult> answer_;
   bool hasEnded_ = false;
 };
 

@@ -72,7 +72,7 @@ TEST_F(DaemonPeers, WhoHasNoTokenOrAWrongOneIsRefusedByEachServer) {
     for (const Data& wrong : {Data(), Data(right.begin(), right.end() - 1), oneBitOff,
                               clientProfileData(root_.system())}) {
       CrudeClient client(root_, server);
-      const PeerResult answer = client.showToken(wrong);
+      const MessageResult answer = client.showToken(wrong);
       ASSERT_FALSE(answer);
       EXPECT_EQ(answer.error().name, kNSFailedAuthenticationException);
       EXPECT_FALSE(client.peer().call("services", {}, 60s));

@@ -180,7 +180,7 @@ TEST_F(DaemonSettingsServer, AFloodOfConnectionsAndRequestsKeepsNobodyFromItsSet
     askers.back()->authenticate();
     for (int call = 0; call < 200; ++call) {
       askers.back()->peer().callAsync("objectForKey:", {"large"}, Duration::max(),
-                                      [&](const PeerResult&) {
+                                      [&](const MessageResult&) {
                                         ++answers;
                                         root_.changed();
                                       });

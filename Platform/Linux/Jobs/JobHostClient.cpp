@@ -134,7 +134,7 @@ bool JobHostClient::probeHungHost() {
 void JobHostClient::pingAfterTimeOut() {
   if (ping(kPingTimeOut)) return;
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
-                         [this](const PeerResult& answer) {
+                         [this](const MessageResult& answer) {
                            if (answer || answer.error().name != kNSPortTimeoutException)
                              isHung_ = false;
                          });
@@ -163,7 +163,7 @@ void JobHostClient::probeForReturn() {
   if (!connection_ && !connectOnce(kProbeTimeOut)) return probeForReturnLater();
   nextProbe_.reset();
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
-                         [this](const PeerResult& answer) {
+                         [this](const MessageResult& answer) {
                            if (!isReturnAwaited_) return;
                            if (!answer) return probeForReturnLater();
                            hostReturned();
@@ -196,7 +196,7 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
         return std::unexpected(std::move(connected.error()));
       }
     }
-    PeerResult result = connection_->call(selector, arguments, timeout);
+    MessageResult result = connection_->call(selector, arguments, timeout);
     if (result) return Answer{*std::move(result), repeated};
     const bool hasEnded = result.error().name == kNSInvalidSendPortException;
     if (hasEnded) dropConnection();
@@ -238,10 +238,10 @@ void JobHostClient::ask(RequestId id) {
   }
   request.retryTimer.reset();
   connection_->callAsync(request.selector, request.arguments, request.timeout,
-                         [this, id](PeerResult result) { answered(id, std::move(result)); });
+                         [this, id](MessageResult result) { answered(id, std::move(result)); });
 }
 
-void JobHostClient::answered(RequestId id, PeerResult result) {
+void JobHostClient::answered(RequestId id, MessageResult result) {
   const Request& request = requests_.at(id);
   if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
   const bool hasEnded = result.error().name == kNSInvalidSendPortException;

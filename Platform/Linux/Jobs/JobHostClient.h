@@ -104,7 +104,7 @@ class JobHostClient {
   void hostReturned();
   void retryLater(RequestId id, Duration delay);
   void ask(RequestId id);
-  void answered(RequestId id, PeerResult result);
+  void answered(RequestId id, MessageResult result);
   void repeat(RequestId id);
   void complete(RequestId id, Result<Answer> answer);
 

@@ -199,7 +199,7 @@ TEST_P(NamedConnectionsSocketTest, AReaderThatStopsReadingLosesItsConnectionAlon
   ASSERT_TRUE((*intruder)->call("NSConnectionAuthenticate:", {token}, 60s));
   // Our loop does not run, so none of the answers is read.
   for (int message = 0; message < 40; ++message)
-    (*intruder)->callAsync("much", {}, 60s, [](const PeerResult&) {});
+    (*intruder)->callAsync("much", {}, 60s, [](const MessageResult&) {});
   for (int look = 0; children() == 2 && look < 100'000; ++look) ASSERT_TRUE(send("nothing"));
   EXPECT_EQ(children(), 1u);
   EXPECT_TRUE(send("nothing"));

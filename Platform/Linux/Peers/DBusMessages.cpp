@@ -225,7 +225,7 @@ Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arg
                  arguments);
 }
 
-Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result,
+Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const MessageResult& result,
                                     PeerMessageContents contents) {
   return result ? encodeValue(serial, *result, contents) : encodeException(serial, result.error());
 }
@@ -258,7 +258,7 @@ Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents cont
   return decoded;
 }
 
-PeerResult decodeAnswer(DBusMessage* message, PeerMessageContents contents) {
+MessageResult decodeAnswer(DBusMessage* message, PeerMessageContents contents) {
   const auto values = readValues(message, contents);
   if (!values) return unreadable(values.error());
   if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_ERROR) {

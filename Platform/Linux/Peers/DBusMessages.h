@@ -42,7 +42,7 @@ Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arg
                                      PeerMessageKind kind,
                                      PeerMessageContents contents = PeerMessageContents::kValues);
 // The answer to the call with this serial number.
-Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const PeerResult& result,
+Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const MessageResult& result,
                                     PeerMessageContents contents = PeerMessageContents::kValues);
 
 bool wantsAnswer(DBusMessage* message);
@@ -51,7 +51,7 @@ bool wantsAnswer(DBusMessage* message);
 Result<PeerMessage> decodeMessage(DBusMessage* message,
                                   PeerMessageContents contents = PeerMessageContents::kValues);
 // A method return or an error. What can't be read is an NSInvalidArgumentException of ours.
-PeerResult decodeAnswer(DBusMessage* message,
-                        PeerMessageContents contents = PeerMessageContents::kValues);
+MessageResult decodeAnswer(DBusMessage* message,
+                           PeerMessageContents contents = PeerMessageContents::kValues);
 
 }  // namespace platform

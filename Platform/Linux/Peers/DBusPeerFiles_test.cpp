@@ -55,7 +55,7 @@ TEST_F(DBusPeerFilesTest, ACallGoesOnWhenTheFilesBeforeItHaveBeenRead) {
       awaitSleepOf(caller);
       harness_->goOn();
     });
-    EXPECT_EQ(call("echo:", {argument}, 30s), PeerResult(argument));
+    EXPECT_EQ(call("echo:", {argument}, 30s), MessageResult(argument));
   }
   EXPECT_EQ(journal_.count("note:"), sent);
 }
@@ -191,7 +191,7 @@ TEST_F(DBusPeerEndpointsTest, WhoLeavesAnswersWithDescriptorsUnreadIsCutOff) {
   noteDeath(*client_);
   constexpr std::size_t kCalls = kMaxPeerDescriptors + 2;
   for (std::size_t i = 0; i < kCalls; ++i) {
-    client_->callAsync("keep", {}, Duration::max(), [](const PeerResult&) {});
+    client_->callAsync("keep", {}, Duration::max(), [](const MessageResult&) {});
   }
   runUntilNoted("kept", kCalls);
   // This side does not read while its loop stands still.

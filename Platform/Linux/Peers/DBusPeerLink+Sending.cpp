@@ -35,13 +35,14 @@ bool DBusPeerLink::awaitWelcome(Instant deadline) {
   const auto serial = transmit(ping);
   if (!serial) return false;
   outstanding_[*serial];
-  const PeerResult result = awaitAnswer(*serial, deadline, WhileWaiting::kServeNothing);
+  const MessageResult result = awaitAnswer(*serial, deadline, WhileWaiting::kServeNothing);
   outstanding_.erase(*serial);
   if (!inbox_.empty()) sources_->scheduleDispatch();
   return result.has_value();
 }
 
-PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments, Duration timeout) {
+MessageResult DBusPeerLink::call(std::string_view selector, const Array& arguments,
+                                 Duration timeout) {
   const auto self = shared_from_this();
   const Instant deadline = instantAfter(loop_.now(), timeout);
   if (!isConnected()) return raisedGone();
@@ -58,14 +59,14 @@ PeerResult DBusPeerLink::call(std::string_view selector, const Array& arguments,
   if (!serial) return raisedGone();
   encoded->message.reset();
   outstanding_[*serial];
-  PeerResult result = awaitAnswer(*serial, deadline, whileWaiting_);
+  MessageResult result = awaitAnswer(*serial, deadline, whileWaiting_);
   outstanding_.erase(*serial);
   if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
   return result;
 }
 
-PeerResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
-                                     WhileWaiting whileWaiting) {
+MessageResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
+                                        WhileWaiting whileWaiting) {
   for (;;) {
     if (!ended_) collect();
     const auto found = outstanding_.find(serial);
@@ -149,7 +150,7 @@ Result<void> DBusPeerLink::send(std::string_view selector, const Array& argument
   return {};
 }
 
-Result<void> DBusPeerLink::answer(std::uint32_t serial, const PeerResult& result) {
+Result<void> DBusPeerLink::answer(std::uint32_t serial, const MessageResult& result) {
   if (!isConnected()) return std::unexpected(gone());
   Result<void> outcome;
   auto encoded = encodeAnswer(serial, result, contents_);

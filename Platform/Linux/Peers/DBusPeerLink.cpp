@@ -44,7 +44,7 @@ class DBusPeerLink::Reply final : public PeerReply {
     if (link_) link_->releaseAnswer();
   }
 
-  Result<void> answer(const PeerResult& result) override {
+  Result<void> answer(const MessageResult& result) override {
     const std::shared_ptr<DBusPeerLink> link = std::move(link_);
     if (!link) return std::unexpected(Error{ErrorCode::kInvalid, 0, "a second answer"});
     link->releaseAnswer();
@@ -249,7 +249,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
 void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
   auto answered = outstanding_.extract(dbus_message_get_reply_serial(message.get()));
   if (answered.empty()) return;
-  const PeerResult result = decodeAnswer(message.get(), contents_);
+  const MessageResult result = decodeAnswer(message.get(), contents_);
   message.reset();
   answered.mapped().completion(result);
 }

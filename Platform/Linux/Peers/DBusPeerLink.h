@@ -59,7 +59,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   bool peerLives() const;
   void admit();
   void setHandlers(PeerHandlers handlers);
-  PeerResult call(std::string_view selector, const Array& arguments, Duration timeout);
+  MessageResult call(std::string_view selector, const Array& arguments, Duration timeout);
   void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                  PeerConnection::Completion completion);
   Result<void> send(std::string_view selector, const Array& arguments);
@@ -68,7 +68,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   // Ends the connection from our side for the peer's fault; the owner is told.
   void refuse(Error why);
 
-  Result<void> answer(std::uint32_t serial, const PeerResult& result);
+  Result<void> answer(std::uint32_t serial, const MessageResult& result);
   void releaseAnswer() { --answersOwed_; }
 
   bool isConnected() const;
@@ -90,7 +90,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   bool serveOneRequest();
   void deliverRequest(UniqueDBusMessage message);
   void deliverAnswer(UniqueDBusMessage message);
-  PeerResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
+  MessageResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
   bool waitForRoom(Instant deadline);
   bool waitOnce(Instant deadline);
   bool hasRoom(const EncodedMessage& message);

@@ -70,7 +70,7 @@ TEST_F(DBusPeerNamesTest, ADeadOwnersLeftoverIsReplaced) {
   EXPECT_EQ(processes_.here().connect(path(), {}).error().kind,
             PeerConnectFailure::Kind::kNobodyThere);
   start();
-  EXPECT_EQ(call("echo:", {Value(1)}), PeerResult(1));
+  EXPECT_EQ(call("echo:", {Value(1)}), MessageResult(1));
   EXPECT_EQ(names(), (std::vector<std::string>{".lock", "server"}));
 }
 
@@ -136,7 +136,7 @@ TEST_F(DBusPeerNamesTest, ANameMayBeLongerThanASocketsAddress) {
   });
   const auto connection = processes_.here().connect(where, {.timeout = 60s});
   ASSERT_TRUE(connection);
-  EXPECT_EQ((*connection)->call("where", {}, 60s), PeerResult("far"));
+  EXPECT_EQ((*connection)->call("where", {}, 60s), MessageResult("far"));
   EXPECT_EQ(listenAt(where + "n").error().code, ErrorCode::kInvalid);
 }
 
@@ -155,7 +155,7 @@ TEST_F(DBusPeerNamesTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
   start();
   noteDeath(*client_);
   const Value first(Data(700'000));
-  const auto encoded = encodeAnswer(1, PeerResult(first));
+  const auto encoded = encodeAnswer(1, MessageResult(first));
   ASSERT_TRUE(encoded);
   const std::size_t unread = RawPeer::marshalled(encoded->message.get()).size();
   const std::size_t room =
@@ -164,7 +164,7 @@ TEST_F(DBusPeerNamesTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
     SCOPED_TRACE(excess);
     const std::size_t kept = journal_.count("kept");
     for (int i = 0; i < 2; ++i) {
-      client_->callAsync("keep", {}, Duration::max(), [this](const PeerResult& result) {
+      client_->callAsync("keep", {}, Duration::max(), [this](const MessageResult& result) {
         journal_.note(result ? "answered" : result.error().name);
       });
     }

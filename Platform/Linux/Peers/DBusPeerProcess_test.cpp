@@ -130,7 +130,7 @@ TEST_F(DBusPeerProcessTest, ASocketThatWasPassedIsListenedOnAndKeepsItsName) {
   auto connection = connect();
   ASSERT_TRUE(connection);
   EXPECT_EQ(connection->peer().process, ::getpid());  // Whoever made the socket listen.
-  EXPECT_EQ(connection->call("echo:", {Value("passed")}, 60s), PeerResult("passed"));
+  EXPECT_EQ(connection->call("echo:", {Value("passed")}, 60s), MessageResult("passed"));
   kill();
   EXPECT_EQ(::access(path_.c_str(), F_OK), 0);
 }
@@ -171,7 +171,7 @@ TEST_F(DBusPeerProcessTest, AKilledProcessFailsItsCallsAndLeavesANameThatIsRepla
                              loop_->stop();
                            }});
   for (int i = 0; i < 2; ++i) {
-    connection->callAsync("keep", {}, Duration::max(), [&](const PeerResult& result) {
+    connection->callAsync("keep", {}, Duration::max(), [&](const MessageResult& result) {
       log.push_back(result ? "answered" : result.error().name);
     });
   }
@@ -186,7 +186,7 @@ TEST_F(DBusPeerProcessTest, AKilledProcessFailsItsCallsAndLeavesANameThatIsRepla
   startServer(listen);
   connection = connect();
   ASSERT_TRUE(connection);
-  EXPECT_EQ(connection->call("echo:", {Value("new")}, 60s), PeerResult("new"));
+  EXPECT_EQ(connection->call("echo:", {Value("new")}, 60s), MessageResult("new"));
 }
 
 TEST_F(DBusPeerProcessTest, WithoutDescriptorsNewcomersAreTurnedAwayAndNobodySpins) {

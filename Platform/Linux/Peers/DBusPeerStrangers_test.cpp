@@ -54,7 +54,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
 
   // Another client, connected before, is served as if nothing had happened.
   void expectNothingElseDisturbed() {
-    EXPECT_EQ(call("echo:", {Value("undisturbed")}), PeerResult("undisturbed"));
+    EXPECT_EQ(call("echo:", {Value("undisturbed")}), MessageResult("undisturbed"));
   }
 
   // A client of libdbus's own, authenticated, so that it can pass descriptors.

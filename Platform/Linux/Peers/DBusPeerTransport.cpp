@@ -32,7 +32,7 @@ class DBusPeerConnection final : public PeerConnection {
   bool peerLives() const override { return link_->peerLives(); }
   void admit() override { link_->admit(); }
   void setHandlers(PeerHandlers handlers) override { link_->setHandlers(std::move(handlers)); }
-  PeerResult call(std::string_view selector, const Array& arguments, Duration timeout) override {
+  MessageResult call(std::string_view selector, const Array& arguments, Duration timeout) override {
     const auto link = link_;  // A handler that is called meanwhile may destroy this.
     return link->call(selector, arguments, timeout);
   }

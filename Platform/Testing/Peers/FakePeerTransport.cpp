@@ -48,13 +48,13 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     std::uint32_t serial = 0;  // 0: wants no answer
     std::string selector;
     Array arguments;
-    PeerResult result;
+    MessageResult result;
     std::size_t bytes = 0;
   };
   struct Outstanding {
     PeerConnection::Completion completion;  // none for a blocking one
     std::unique_ptr<RunLoopHandle> timer;
-    std::optional<PeerResult> answer;
+    std::optional<MessageResult> answer;
   };
 
   End(FakePeerTransport& process, WhileWaiting whileWaiting, PeerMessageContents contents)
@@ -107,11 +107,11 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
 
   void deliver(Item item);
   void deliverRequest(Item item);
-  PeerResult call(std::string_view selector, const Array& arguments, Duration timeout);
+  MessageResult call(std::string_view selector, const Array& arguments, Duration timeout);
   void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                  PeerConnection::Completion completion);
   Result<void> send(std::string_view selector, const Array& arguments);
-  Result<void> answer(std::uint32_t serial, const PeerResult& result);
+  Result<void> answer(std::uint32_t serial, const MessageResult& result);
   bool transmit(Item item);
   void takeAnswers();
 
@@ -172,7 +172,7 @@ class FakePeerTransport::Reply final : public PeerReply {
     if (end_) --end_->answersOwed_;
   }
 
-  Result<void> answer(const PeerResult& result) override {
+  Result<void> answer(const MessageResult& result) override {
     const auto end = std::move(end_);
     if (!end) return std::unexpected(Error{ErrorCode::kInvalid, 0, "a second answer"});
     --end->answersOwed_;
@@ -232,8 +232,8 @@ bool FakePeerTransport::End::transmit(Item item) {
   return true;
 }
 
-PeerResult FakePeerTransport::End::call(std::string_view selector, const Array& arguments,
-                                        Duration timeout) {
+MessageResult FakePeerTransport::End::call(std::string_view selector, const Array& arguments,
+                                           Duration timeout) {
   const auto self = shared_from_this();
   if (!isConnected()) return raisedGone();
   const auto bytes = checkedBytes(selector, arguments, contents_);
@@ -322,7 +322,7 @@ Result<void> FakePeerTransport::End::send(std::string_view selector, const Array
   return {};
 }
 
-Result<void> FakePeerTransport::End::answer(std::uint32_t serial, const PeerResult& result) {
+Result<void> FakePeerTransport::End::answer(std::uint32_t serial, const MessageResult& result) {
   if (!isConnected()) return std::unexpected(gone());
   Item item{Item::Kind::kAnswer, serial, {}, {}, result, 0};
   const auto bytes = result ? peerBodyBytes(result->isNil() ? Array{} : Array{*result}, contents_)
@@ -394,7 +394,7 @@ class FakePeerTransport::Connection final : public PeerConnection {
         },
         Urgency::kConnectionDeath);
   }
-  PeerResult call(std::string_view selector, const Array& arguments, Duration timeout) override {
+  MessageResult call(std::string_view selector, const Array& arguments, Duration timeout) override {
     const auto end = end_;  // A handler that is called meanwhile may destroy this.
     return end->call(selector, arguments, timeout);
   }

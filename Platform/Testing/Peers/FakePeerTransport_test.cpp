@@ -78,7 +78,7 @@ TEST_F(FakePeerTransportTest, ABlockingCallEndsWhenAnOutsideEventAnswersIt) {
   const auto connection = std::move(*client_.connect("name", {}));
   loop_.scheduleOutsideEvent(3s, [this] { EXPECT_TRUE(replies_.front()->answer(Value("late"))); });
   const Instant before = loop_.now();
-  EXPECT_EQ(connection->call("wait", {}, 10s), PeerResult("late"));
+  EXPECT_EQ(connection->call("wait", {}, 10s), MessageResult("late"));
   EXPECT_EQ(loop_.now() - before, 3s);
 }
 
@@ -136,7 +136,7 @@ TEST_F(FakePeerTransportTest, AProcessThatWaitsServesNoOtherConnection) {
   loop_.runReady();
   // While the daemon waits for the client, a stranger that the client's handler stands for calls.
   const auto second = std::move(*stranger_.connect("name", {}));
-  PeerResult inner;
+  MessageResult inner;
   first->setHandlers({.message =
                           [&](PeerMessage message) {
                             inner = second->call("wait", {}, 1s);

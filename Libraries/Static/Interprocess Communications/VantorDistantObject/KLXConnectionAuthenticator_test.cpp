@@ -29,7 +29,7 @@ class KLXConnectionAuthenticatorTest : public testing::Test {
   }
 
   // What a client that shows `data` gets for it.
-  platform::PeerResult show(const Value& data) {
+  platform::MessageResult show(const Value& data) {
     peer_ = std::move(clientTransport_.connect("server", {}).value());
     return peer_->call(kSelector, {data}, 1s);
   }
@@ -53,7 +53,7 @@ class KLXConnectionAuthenticatorTest : public testing::Test {
 };
 
 TEST_F(KLXConnectionAuthenticatorTest, AClientWithTheTokenIsLetInAndShownTheServersOwn) {
-  EXPECT_EQ(show(systemProfileData(system_)), platform::PeerResult(clientProfileData(system_)));
+  EXPECT_EQ(show(systemProfileData(system_)), platform::MessageResult(clientProfileData(system_)));
 }
 
 TEST_F(KLXConnectionAuthenticatorTest, AChildConnectionIsAuthenticatedByTheSameDelegate) {
@@ -127,7 +127,7 @@ TEST_F(KLXConnectionAuthenticatorTest, WithAnUnreadableBootTimeBothSidesStillAgr
       std::unexpected(platform::Error{platform::ErrorCode::kSystem, EACCES, "/proc/stat"}));
   testing::internal::CaptureStderr();
   const auto result = show(systemProfileData(system_));
-  EXPECT_EQ(result, platform::PeerResult(clientProfileData(system_)));
+  EXPECT_EQ(result, platform::MessageResult(clientProfileData(system_)));
   testing::internal::GetCapturedStderr();  // The system's error, once for each token.
 }
 
