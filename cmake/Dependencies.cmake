@@ -1,4 +1,4 @@
-# Everything comes from the distribution's packages; see docs/architecture.md for what each is for.
+# Everything comes from the distribution's packages; see docs/decisions.md for what each is for.
 
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
