@@ -135,10 +135,10 @@ void JobHost::finishRemoval(Job& job) {
     // The name may be left over from an earlier host. Remove it, because the socket behind it ended
     // with the process. Keep it if another job uses the same Mach service: clients still reach that
     // job's socket by this name.
-    const bool isAnothers = std::ranges::any_of(jobs_, [&](const auto& entry) {
+    const bool isUsedByAnotherJob = std::ranges::any_of(jobs_, [&](const auto& entry) {
       return entry.first != job.label && entry.second.machService == job.machService;
     });
-    if (!isAnothers) sockets_.removeName(job.machService);
+    if (!isUsedByAnotherJob) sockets_.removeName(job.machService);
   }
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: removed", platform::quotedInMessage(job.label)));

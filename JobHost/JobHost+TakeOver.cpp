@@ -32,13 +32,13 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
   // Write a new file with what was found, so that the next host does not find it a second time.
   if (auto written = state_->compact(snapshot(), removedByClient_); !written) {
     // A full disk is no reason to abandon the jobs or to exit.
-    const bool goesOn = state_->isWritable();  // The old file holds the same, in more bytes.
-    log(goesOn ? platform::ASL_LEVEL_WARNING : platform::ASL_LEVEL_ERR,
+    const bool usesOldFile = state_->isWritable();  // The old file holds the same, in more bytes.
+    log(usesOldFile ? platform::ASL_LEVEL_WARNING : platform::ASL_LEVEL_ERR,
         fmt::format("{}; {}", platform::describe(written.error()),
-                    goesOn ? "the file of the host before is used further"
-                           : "no job is started until it can be written"));
+                    usesOldFile ? "the file of the host before is used further"
+                                : "no job is started until it can be written"));
     // If the repair fails too, each appended record retries it.
-    if (auto repaired = state_->repair(); goesOn && !repaired) {
+    if (auto repaired = state_->repair(); usesOldFile && !repaired) {
       log(platform::ASL_LEVEL_WARNING, platform::describe(repaired.error()));
     }
   }

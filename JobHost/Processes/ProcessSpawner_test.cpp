@@ -298,17 +298,17 @@ class UnexecutedProcess : public ProcessSpawnerTest {
     EXPECT_EQ(::write(file_.get(), filling.data(), filling.size()), kPipeBytes);
   }
 
-  // Spawns while another thread runs `somebody` on the process, from when it is about to record
+  // Spawns while another thread runs `interfere` on the process, from when it is about to record
   // itself until spawn() returns.
-  platform::Result<ProcessSpawner::Spawned> spawnBeside(
-      const std::function<void(int process, const std::atomic<bool>& isOver)>& somebody) {
+  platform::Result<ProcessSpawner::Spawned> spawnWhile(
+      const std::function<void(int process, const std::atomic<bool>& isOver)>& interfere) {
     const JobDefinition job = script("echo ran");
     record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
     std::atomic<bool> isOver = false;
     std::thread thread([&] {
       int process = 0;
       while (!isOver && process == 0) process = recordedProcess();
-      if (process != 0) somebody(process, isOver);
+      if (process != 0) interfere(process, isOver);
     });
     auto spawned = spawner_->spawn(job, {file_.get(), record_}, -1);
     isOver = true;
@@ -350,7 +350,7 @@ TEST_F(UnexecutedProcess, IsKilledAlsoWhileItIsKeptStopped) {
     auto spawner = ProcessSpawner::create(kDescriptorLimit, startTimeOut);
     ASSERT_TRUE(spawner);
     spawner_.emplace(*std::move(spawner));
-    const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
+    const auto spawned = spawnWhile([&](int process, const std::atomic<bool>& isOver) {
       for (; !isOver; std::this_thread::yield()) stops += ::kill(process, SIGSTOP) == 0 ? 1 : 0;
     });
     ASSERT_FALSE(spawned);
@@ -367,7 +367,7 @@ TEST_F(UnexecutedProcess, GoesOnHoweverOftenItIsStopped) {
   spawner_.emplace(*std::move(spawner));
   constexpr int kTimes = 2;
   int timesGoneOn = 0;
-  const auto spawned = spawnBeside([&](int process, const std::atomic<bool>& isOver) {
+  const auto spawned = spawnWhile([&](int process, const std::atomic<bool>& isOver) {
     for (int i = 0; i < kTimes; ++i) {
       // Repeat the signal: a SIGCONT before the process has stopped cancels the stop.
       siginfo_t info{};

@@ -91,9 +91,9 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     const auto process = harness_->startElsewhere(job, makeTicket(job));
     harness_->started(process, job);
     // The other host's process has completed the record in the file.
-    const std::string told = contents();
-    EXPECT_EQ(told.size(), record_.size());
-    record_.assign(told.begin(), told.end());
+    const std::string bytes = contents();
+    EXPECT_EQ(bytes.size(), record_.size());
+    record_.assign(bytes.begin(), bytes.end());
     EXPECT_EQ(recorded().process, process);
     return recorded();
   }
@@ -102,7 +102,7 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
   void runUntil(const std::function<bool()>& holds) {
     using namespace std::chrono_literals;
     platform::RunLoop& loop = harness_->loop();
-    const auto look = loop.startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
+    const auto poll = loop.startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
       if (holds()) loop.stop();
     });
     const auto deadline = loop.startTimer(60s, platform::RunLoop::Repeat::kOnce, [&] {
@@ -168,9 +168,9 @@ TEST_P(ProcessesContract, AnEndThatHasHappenedIsReportedAtOnceOnRequest) {
 TEST_P(ProcessesContract, AnEndIsReportedBeforeAnythingLessUrgent) {
   const auto process = start(Kind::kAlone);
   std::vector<std::size_t> endsAt;
-  const auto look = [&] { endsAt.push_back(ends_.size()); };
-  harness_->loop().post(look);
-  harness_->loop().post(look, platform::Urgency::kConnectionDeath);
+  const auto note = [&] { endsAt.push_back(ends_.size()); };
+  harness_->loop().post(note);
+  harness_->loop().post(note, platform::Urgency::kConnectionDeath);
   harness_->end(process, kKilled);
   runToEnds(1);
   EXPECT_EQ(endsAt, std::vector<std::size_t>(2, 1));

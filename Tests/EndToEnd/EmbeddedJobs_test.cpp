@@ -106,7 +106,7 @@ TEST(HungJobHostTest, CostsOneWaitUntilItGoesOn) {
   }
   EXPECT_LT(loop->now() - start, 1000 * 50ms);
   root.continueHost();
-  const auto look = loop->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+  const auto poll = loop->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
     if (client.call(kCopyJobStatesMessage, {}, 1min)) loop->stop();
   });
   loop->run();

@@ -97,9 +97,9 @@ TEST_F(JobHostProgram, StartedWithBlockedSignalsItCanStillBeStopped) {
 }
 
 // Reports the next time that a file is opened.
-class OpeningOf {
+class FileOpenWatch {
  public:
-  explicit OpeningOf(const std::string& path) : notices_(::inotify_init1(IN_CLOEXEC)) {
+  explicit FileOpenWatch(const std::string& path) : notices_(::inotify_init1(IN_CLOEXEC)) {
     EXPECT_GE(::inotify_add_watch(notices_.get(), path.c_str(), IN_OPEN), 0) << path;
   }
   void await() const {
@@ -116,7 +116,7 @@ TEST_F(JobHostProgram, AStopWhileItWaitsForAnotherHostEndsIt) {
   ChildProgram first({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
   EXPECT_EQ(manager.next(), "READY=1");
   for (const bool firstEnds : {false, true}) {
-    const OpeningOf lock(root_.path("run/vantor/launchd.lock"));
+    const FileOpenWatch lock(root_.path("run/vantor/launchd.lock"));
     ChildProgram second({program_}, {});
     lock.await();
     second.signal(SIGTERM);
