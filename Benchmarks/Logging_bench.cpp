@@ -60,7 +60,7 @@ void logLines(benchmark::State& state) {
   TemporaryLogFolder folder;
   FileLogSink sink(folder.path("system.log"));
   SystemLog log(sink, "benchmark");
-  AsioSerialQueues queues(1, AsioSerialQueues::Work::kBehindOthers);
+  AsioSerialQueues queues(1, AsioSerialQueues::Work::kBackground);
   Logger2State logger(log, queues);
   Logger2Binding binding(logger);
   const std::uint32_t thread = mach_thread_self();

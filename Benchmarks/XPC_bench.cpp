@@ -75,7 +75,7 @@ void serveXPC(const std::string& path, int started) {
   std::filesystem::create_directories(root + "/run/vantor/mach");
   FileLogSink sink(path + ".log");
   SystemLog log(sink, "server");
-  AsioSerialQueues queues(1, AsioSerialQueues::Work::kBehindOthers);
+  AsioSerialQueues queues(1, AsioSerialQueues::Work::kBackground);
   Logger2State logger(log, queues);
   const Logger2Binding binding(logger);
   VirtualRunLoop loop;

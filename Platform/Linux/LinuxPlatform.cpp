@@ -12,7 +12,8 @@
 namespace platform {
 namespace {
 
-// This platform's file handles call them from its release 10.7 on, whose kernel is 11.
+// File handles call their readability handlers from release 10.7 of the platform on, whose kernel
+// is 11.
 constexpr std::int64_t kFirstKernelWithReadabilityHandlers = 11;
 
 bool hasReadabilityHandlers(const PlatformConfiguration& configuration) {

@@ -29,24 +29,25 @@
 
 namespace platform {
 
-// What a program gets from Linux: everything made in one order, ended in the other. For `main`,
-// which hands it on by the interfaces.
+// The platform layer on Linux for one program. `main` makes it and hands it on as interfaces. The
+// members are destroyed in the reverse of the order in which they are made.
 struct LinuxPlatform {
-  // Finds the platform root of the running program, reads its configuration and makes the rest. To
-  // be called first thing in `main`, before there are other threads. Every error says what to do.
+  // Finds the platform root of the running program, reads its configuration and makes the rest.
+  // Call it first in `main`, before other threads exist. Every error says what to do.
   static Result<std::unique_ptr<LinuxPlatform>> make();
 
-  // The same for the platform whose root is the folder `root`, wherever this program lies. Fails
-  // with kInvalid where that is no platform root, with kNotFound where there is no such folder.
+  // The same for the platform root `root`, wherever this program lies. Fails with kInvalid if the
+  // folder is not a platform root, and with kNotFound if there is no such folder.
   static Result<std::unique_ptr<LinuxPlatform>> makeAt(const std::string& root);
 
   LinuxPlatform(const LinuxPlatform&) = delete;
   LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
   ServiceNotify readiness;
-  std::optional<PassedSocket> passedSocket;  // of the Mach service that this program serves
-  std::uint64_t originalDescriptorLimit;     // what programs that are started from here get back
-  PlatformConfiguration configuration;       // with the log sink that was chosen
+  // The socket of the Mach service that this program serves.
+  std::optional<PassedSocket> passedSocket;
+  std::uint64_t originalDescriptorLimit;  // the limit that started programs get back
+  PlatformConfiguration configuration;    // with the log sink that was chosen
   Bundle mainBundle;
   LinuxSystemInformation systemInformation;
   std::vector<std::string> preferredLanguages;
@@ -61,8 +62,8 @@ struct LinuxPlatform {
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
   DBusPeerTransport peerTransport{*runLoop};
-  // Its destruction waits for what is still to be written, so it ends first.
-  AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBehindOthers};
+  // Its destructor waits for writes that are still queued, so it is destroyed first.
+  AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBackground};
 
  private:
   static constexpr std::size_t kUtilityThreads = 2;

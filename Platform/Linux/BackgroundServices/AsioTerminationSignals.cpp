@@ -29,7 +29,7 @@ class Watch final : public RunLoopHandle {
 
  private:
   void await() {
-    // A wait that has completed runs its handler also after the set is gone, without an error.
+    // A completed wait still runs its handler, without an error, after the signal set is destroyed.
     signals_.async_wait([this, alive = std::weak_ptr(onRequest_)](std::error_code error, int) {
       const auto onRequest = alive.lock();
       if (error || !onRequest) return;
@@ -42,7 +42,7 @@ class Watch final : public RunLoopHandle {
 
   AsioRunLoop& loop_;
   asio::signal_set signals_;
-  // Shared with a call that is under way: the callback may destroy the watch while it runs.
+  // Shared with a running call: the callback may destroy the watch.
   std::shared_ptr<RunLoop::Callback> onRequest_;
 };
 
@@ -57,7 +57,7 @@ Result<std::unique_ptr<RunLoopHandle>> AsioTerminationSignals::watchTermination(
           Error{ErrorCode::kSystem, error.value(), "watching SIGTERM and SIGINT"});
     }
     return watch;
-  } catch (const std::system_error& error) {  // Asio needs a pipe of its own for the first one.
+  } catch (const std::system_error& error) {  // Asio makes a pipe for its first signal set.
     return std::unexpected(
         Error{ErrorCode::kExhausted, error.code().value(), "watching SIGTERM and SIGINT"});
   }

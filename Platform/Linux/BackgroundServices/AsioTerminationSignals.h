@@ -7,8 +7,8 @@
 
 namespace platform {
 
-// SIGTERM and SIGINT. Which thread the kernel hands the signal to does not matter, and programs
-// that are executed from here get the default actions back.
+// Watches SIGTERM and SIGINT, whichever thread the kernel delivers them to. Programs that are
+// executed from here get the default actions back.
 class AsioTerminationSignals final : public TerminationSignals {
  public:
   // `loop` outlives this and its watch.

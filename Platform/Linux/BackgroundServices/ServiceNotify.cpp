@@ -17,7 +17,7 @@ namespace platform {
 namespace {
 
 constexpr char kVariable[] = "NOTIFY_SOCKET";
-constexpr std::chrono::seconds kPatience(1);
+constexpr std::chrono::seconds kAnnounceTimeout(1);
 
 struct SocketAddress {
   sockaddr_un address;
@@ -28,8 +28,7 @@ std::optional<SocketAddress> socketAddress(const std::string& text) {
   SocketAddress socket{};
   sockaddr_un& address = socket.address;
   const bool abstract = text.starts_with('@');
-  // A path needs a zero byte at its end; an abstract name has its in front, in the place of the
-  // "@".
+  // A path ends with a zero byte. An abstract name begins with one, which replaces the "@".
   const std::size_t room = sizeof address.sun_path - (abstract ? 0 : 1);
   if (text.size() < 2 || text.size() > room || (!abstract && !text.starts_with('/'))) {
     return std::nullopt;
@@ -48,7 +47,7 @@ ServiceNotify ServiceNotify::takeFromEnvironment() {
   const char* const value = std::getenv(kVariable);
   std::string address = value ? value : "";
   ::unsetenv(kVariable);
-  return {std::move(address), kPatience};
+  return {std::move(address), kAnnounceTimeout};
 }
 
 Result<void> ServiceNotify::send(std::string_view message) const {
@@ -62,10 +61,10 @@ Result<void> ServiceNotify::send(std::string_view message) const {
   }
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) return std::unexpected(systemError(context));
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience_);
-  const timeval patience{.tv_sec = seconds.count(),
-                         .tv_usec = std::chrono::microseconds(patience_ - seconds).count()};
-  if (::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout_);
+  const timeval timeout{.tv_sec = seconds.count(),
+                        .tv_usec = std::chrono::microseconds(timeout_ - seconds).count()};
+  if (::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
     return std::unexpected(systemError(context));
   }
   const ssize_t sent = retryOnInterrupt([&] {

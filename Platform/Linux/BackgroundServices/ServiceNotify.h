@@ -9,18 +9,18 @@
 
 namespace platform {
 
-// Announces through the datagram socket that a service manager names in NOTIFY_SOCKET.
+// Announces to the service manager whose datagram socket NOTIFY_SOCKET names (see sd_notify(3)).
 class ServiceNotify final : public ServiceReadiness {
  public:
-  // Takes the variable out of the environment, so that no program started from here speaks for this
-  // one. To be called before there are other threads, which may read the environment.
+  // Removes the variable from the environment, so that programs started from here can't announce
+  // for this one. Call it before other threads exist, because they may read the environment.
   static ServiceNotify takeFromEnvironment();
 
-  // `address` is an absolute path of at most 107 bytes, or "@" and a name of at most 107 bytes in
-  // the abstract namespace; empty when there is nobody to tell. Any other fails at every
-  // announcement. A listener that is busy is waited for, for `patience` at most.
-  ServiceNotify(std::string address, std::chrono::milliseconds patience)
-      : address_(std::move(address)), patience_(patience) {}
+  // `address` is an absolute path of at most 107 bytes, or "@" and an abstract name of at most 107
+  // bytes. With an empty address announcements do nothing; with any other they fail. If the
+  // listener's queue is full, an announcement blocks for at most `timeout`.
+  ServiceNotify(std::string address, std::chrono::milliseconds timeout)
+      : address_(std::move(address)), timeout_(timeout) {}
 
   Result<void> announceReady() override { return send("READY=1"); }
   Result<void> announceStopping() override { return send("STOPPING=1"); }
@@ -29,7 +29,7 @@ class ServiceNotify final : public ServiceReadiness {
   Result<void> send(std::string_view message) const;
 
   std::string address_;
-  std::chrono::milliseconds patience_;
+  std::chrono::milliseconds timeout_;
 };
 
 }  // namespace platform

@@ -21,9 +21,9 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr std::chrono::milliseconds kPatience(1);
+constexpr std::chrono::milliseconds kAnnounceTimeout(1);
 
-// A service manager's end.
+// The service manager's end of the socket.
 class NotifySocket {
  public:
   explicit NotifySocket(const std::string& address)
@@ -43,7 +43,7 @@ class NotifySocket {
         << std::strerror(errno);
   }
 
-  // What has been announced, "" for nothing. Sending over such a socket is done when it returns.
+  // The next announcement, "" if there is none. It has arrived by the time that send() returns.
   std::string next() {
     std::array<char, 256> message;
     const ssize_t size = ::recv(socket_.get(), message.data(), message.size(), 0);
@@ -63,7 +63,7 @@ class ServiceNotifyTest : public testing::Test {
 
 TEST_F(ServiceNotifyTest, AnnouncesToASocketWithAPath) {
   NotifySocket socket(folder_.path("notify"));
-  ServiceNotify notify(folder_.path("notify"), kPatience);
+  ServiceNotify notify(folder_.path("notify"), kAnnounceTimeout);
   EXPECT_TRUE(notify.announceReady());
   EXPECT_EQ(socket.next(), "READY=1");
   EXPECT_TRUE(notify.announceStopping());
@@ -75,7 +75,7 @@ TEST_F(ServiceNotifyTest, AnnouncesToASocketInTheAbstractNamespace) {
   const std::string unique = "@" + folder_.path();
   for (const std::string& address : {unique, unique + std::string(108 - unique.size(), 'a')}) {
     NotifySocket socket(address);
-    ServiceNotify notify(address, kPatience);
+    ServiceNotify notify(address, kAnnounceTimeout);
     EXPECT_TRUE(notify.announceReady());
     EXPECT_EQ(socket.next(), "READY=1");
   }
@@ -85,20 +85,20 @@ TEST_F(ServiceNotifyTest, APathMayFillTheAddress) {
   const std::string path = folder_.path(std::string(107 - folder_.path().size() - 1, 'p'));
   ASSERT_EQ(path.size(), 107u);
   NotifySocket socket(path);
-  EXPECT_TRUE(ServiceNotify(path, kPatience).announceReady());
+  EXPECT_TRUE(ServiceNotify(path, kAnnounceTimeout).announceReady());
   EXPECT_EQ(socket.next(), "READY=1");
 }
 
-TEST_F(ServiceNotifyTest, WithoutAnAddressThereIsNobodyToTell) {
-  EXPECT_TRUE(ServiceNotify("", kPatience).announceReady());
-  EXPECT_TRUE(ServiceNotify("", kPatience).announceStopping());
+TEST_F(ServiceNotifyTest, WithoutAnAddressNothingIsSent) {
+  EXPECT_TRUE(ServiceNotify("", kAnnounceTimeout).announceReady());
+  EXPECT_TRUE(ServiceNotify("", kAnnounceTimeout).announceStopping());
 }
 
-TEST_F(ServiceNotifyTest, AnAddressThatCanNotBeIsAnErrorThatSaysWhatWasExpected) {
+TEST_F(ServiceNotifyTest, AnImpossibleAddressIsAnErrorThatSaysWhatWasExpected) {
   for (const std::string& address :
        {std::string("/"), std::string("@"), std::string("notify"), std::string("vsock:2:1"),
         "/" + std::string(107, 'p'), "@" + std::string(108, 'a')}) {
-    const auto announced = ServiceNotify(address, kPatience).announceReady();
+    const auto announced = ServiceNotify(address, kAnnounceTimeout).announceReady();
     ASSERT_FALSE(announced) << address;
     EXPECT_EQ(announced.error().code, ErrorCode::kInvalid);
     EXPECT_THAT(announced.error().context, HasSubstr("NOTIFY_SOCKET \"" + address + "\""));
@@ -106,21 +106,21 @@ TEST_F(ServiceNotifyTest, AnAddressThatCanNotBeIsAnErrorThatSaysWhatWasExpected)
 }
 
 TEST_F(ServiceNotifyTest, AListenerThatIsGoneIsAnError) {
-  const auto missing = ServiceNotify(folder_.path("missing"), kPatience).announceReady();
+  const auto missing = ServiceNotify(folder_.path("missing"), kAnnounceTimeout).announceReady();
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.error().osError, ENOENT);
   {
     NotifySocket closed(folder_.path("closed"));
   }
-  EXPECT_EQ(ServiceNotify(folder_.path("closed"), kPatience).announceReady().error().osError,
+  EXPECT_EQ(ServiceNotify(folder_.path("closed"), kAnnounceTimeout).announceReady().error().osError,
             ECONNREFUSED);
 }
 
-TEST_F(ServiceNotifyTest, AListenerThatHangsIsGivenUp) {
+TEST_F(ServiceNotifyTest, AListenerThatHangsTimesOut) {
   NotifySocket hanging(folder_.path("hanging"));
-  ServiceNotify notify(folder_.path("hanging"), kPatience);
+  ServiceNotify notify(folder_.path("hanging"), kAnnounceTimeout);
   Result<void> announced;
-  // Its queue holds as many as the system allows, the first that finds no room waits.
+  // The queue holds as many messages as the system allows; the first that does not fit times out.
   for (int sent = 0; announced && sent < 100'000; ++sent) announced = notify.announceReady();
   ASSERT_FALSE(announced);
   EXPECT_EQ(announced.error().osError, EAGAIN);

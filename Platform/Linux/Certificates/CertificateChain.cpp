@@ -61,12 +61,12 @@ std::string reasonOfChain(X509_STORE_CTX* check, X509* signer, std::chrono::sys_
       return fault(at, fmt::format("had expired on {}", textOf(time)));
     case X509_V_ERR_CERT_NOT_YET_VALID:
       return fault(at, fmt::format("was not yet valid on {}", textOf(time)));
-    default:  // Of OpenSSL's numbers.
+    default:  // OpenSSL's numbers are no enumeration.
       return fault(at, fmt::format("is refused: {}", X509_verify_cert_error_string(error)));
   }
 }
 
-// The rules that OpenSSL does not apply or applies more loosely.
+// Rules that OpenSSL does not apply, or applies less strictly.
 CodeSigningResult<void> checkRules(STACK_OF(X509) * chain, STACK_OF(X509) * anchors,
                                    const std::string& name) {
   const int last = sk_X509_num(chain) - 1;
@@ -121,10 +121,10 @@ CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF
   }
   X509_VERIFY_PARAM* const parameters = X509_STORE_CTX_get0_param(check.get());
   X509_VERIFY_PARAM_set_flags(parameters, X509_V_FLAG_PARTIAL_CHAIN);
-  // Its own idea of purposes takes e-mail signers for code and refuses the right ones.
+  // OpenSSL's own purpose check accepts e-mail signers for code and refuses the right ones.
   X509_VERIFY_PARAM_set_purpose(parameters, X509_PURPOSE_ANY);
   X509_VERIFY_PARAM_set_depth(parameters, kMaxIntermediateCertificates);
-  // Strength is checked below, with reasons that name what is accepted.
+  // checkRules() checks the strength, with reasons that name the accepted values.
   X509_VERIFY_PARAM_set_auth_level(parameters, 0);
   X509_VERIFY_PARAM_set_time(parameters, time.time_since_epoch().count());
   if (X509_verify_cert(check.get()) != 1) {

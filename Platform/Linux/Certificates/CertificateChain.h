@@ -10,39 +10,39 @@
 
 namespace platform {
 
-// From a signer's certificate to an anchor.
+// The certificates from a signer's to an anchor's.
 struct CertificateChain {
-  // From then, and until before then, all of its certificates are valid.
+  // All certificates are valid from `notBefore` until before `notAfter`.
   std::chrono::sys_seconds notBefore;
   std::chrono::sys_seconds notAfter;
   Array certificates;  // DER, the signer's first
 };
 
-// The longest chain from signer to anchor, counted in certificates between them.
+// The largest number of certificates between the signer's and the anchor's.
 inline constexpr int kMaxIntermediateCertificates = 8;
 
 // Checks, in this order, that `signer` leads to one of the anchors and was valid at `time`, that
-// keys and digests are strong enough, and that every certificate may be used for what it does here:
+// keys and digests are strong enough, and that each certificate may be used for its role:
 //
-// - keys: RSA of 2048 bits or more, or one of the curves P-256, P-384 and P-521; digests: none
-//   weaker than SHA-256 (an anchor's own signature does not matter);
+// - keys: RSA of 2048 bits or more, or one of the curves P-256, P-384 and P-521; digests: SHA-256
+// or stronger (an anchor's own signature is not checked);
 // - issuers are certificate authorities that may sign certificates;
 // - the signer may make digital signatures and sign code, and is no authority. An anchor that signs
-//   code itself need not say that it may (sign-file's keys don't) and may be an authority, since an
-//   administrator has put that very certificate there.
+// code itself may be an authority and need not list that use (sign-file's keys don't), because an
+// administrator has installed that very certificate.
 //
-// `extra` are certificates that may stand between; `store` holds the anchors. `name` begins the
-// reason of a failure.
+// `extra` are candidates for intermediate certificates; `store` holds the anchors. The reason of a
+// failure begins with `name`.
 CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF(X509) * extra,
                                                           X509_STORE* store,
                                                           STACK_OF(X509) * anchors,
                                                           std::chrono::sys_seconds time,
                                                           const std::string& name);
 
-// The certificate's encoding.
+// The certificate in DER.
 Data derOfCertificate(X509* certificate);
 
-// Whom a certificate is for, and whom it is from, each as one line.
+// The subject and the issuer, each on one line.
 std::string subjectOf(const X509* certificate);
 std::string issuerOf(const X509* certificate);
 

@@ -21,7 +21,7 @@ bool setName(X509* certificate, const std::string& commonName) {
 
 bool setSerialNumber(X509* certificate) {
   const std::unique_ptr<BIGNUM, OpenSslDeleter<BN_free>> number(BN_new());
-  // One bit less, so that it is positive as a signed number.
+  // One bit less keeps the number positive as a signed integer.
   return number && BN_rand(number.get(), kSerialBits - 1, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
          BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate));
 }

@@ -9,13 +9,13 @@
 
 namespace platform {
 
-// What signs: a private key, and the certificates from its own to the authority's.
+// A private key, and the certificates from its own to the authority's.
 struct SigningIdentity {
   KeyHandle key;
   std::vector<CertificateHandle> chain;  // its own first
 };
 
-// What a certificate is to say. Extensions are given as OpenSSL writes them.
+// The content of a new certificate. Extensions are written in OpenSSL's syntax.
 struct CertificateRequest {
   std::string commonName;
   std::chrono::sys_seconds notBefore;
@@ -26,21 +26,21 @@ struct CertificateRequest {
   const EVP_MD* digest = EVP_sha256();
 };
 
-// The request of an authority, instead of a signer's.
+// A request for an authority's certificate instead of a signer's.
 CertificateRequest authorityRequest(std::string commonName, std::chrono::sys_seconds notBefore,
                                     std::chrono::sys_seconds notAfter);
 
-// A new key on a curve, as OpenSSL names it ("P-256"), or of RSA. Blocks on the system's random
-// numbers.
+// A new key on the curve with this OpenSSL name ("P-256"), or of RSA. Blocks until the system has
+// random numbers.
 Result<KeyHandle> makeEcKey(const char* curve);
 Result<KeyHandle> makeRsaKey(unsigned int bits);
 
-// The certificate that `issuer` gives for `key`; a self-signed one where `issuer` is null.
+// A certificate for `key`, issued by `issuer`; self-signed if `issuer` is null.
 Result<CertificateHandle> makeCertificate(const CertificateRequest& request, EVP_PKEY* key,
                                           const SigningIdentity* issuer);
 
-// A key together with its certificate from `issuer`, whose chain it carries on, but for a
-// self-signed end: a verifier must have that one already.
+// A key with its certificate from `issuer` and the issuer's chain. A self-signed certificate at the
+// end of the chain is left out, because a verifier must already have it.
 Result<SigningIdentity> makeIdentity(const CertificateRequest& request, KeyHandle key,
                                      const SigningIdentity* issuer);
 

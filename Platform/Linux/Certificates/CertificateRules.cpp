@@ -11,7 +11,7 @@ namespace platform {
 namespace {
 
 constexpr int kLeastRsaBits = 2048;
-// A larger one makes a check take seconds.
+// A larger key makes a check take seconds.
 constexpr int kMostRsaBits = 8192;
 constexpr int kLeastDigestBits = 256;
 
@@ -49,7 +49,7 @@ std::optional<std::string> faultOfKey(X509* certificate) {
       }
       return fmt::format("has a key on the curve {}; accepted are P-256, P-384 and P-521", curve);
     }
-    default:  // Of OpenSSL's numbers.
+    default:  // OpenSSL's numbers are no enumeration.
       return "has a key that is neither RSA nor on an elliptic curve";
   }
 }
@@ -70,7 +70,7 @@ std::optional<std::string> faultOfDigest(X509* certificate) {
 }
 
 std::optional<std::string> faultOfIssuer(X509* certificate) {
-  // X509_check_ca() also takes what merely looks like an authority.
+  // X509_check_ca() also accepts certificates that only look like an authority's.
   if (!has(certificate, EXFLAG_CA) || has(certificate, EXFLAG_INVALID)) {
     return "is not a certificate authority";
   }
@@ -86,7 +86,7 @@ std::optional<std::string> faultOfIssuer(X509* certificate) {
 
 std::optional<std::string> faultOfSigner(X509* certificate, SignerStanding standing) {
   if (has(certificate, EXFLAG_INVALID)) return "has ill-formed extensions";
-  // Without the extension all bits are set.
+  // Without the extension, OpenSSL sets all bits.
   if ((X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) == 0) {
     return "must not sign: its key usage does not say \"digital signature\"";
   }

@@ -7,12 +7,12 @@
 
 namespace platform {
 
-// What is wrong with a certificate for a purpose here, nothing where all is well; for a text that
-// begins with the certificate's name. The rules are those of CertificateChain.h.
+// Each function returns why a certificate is unfit, or std::nullopt. The reason continues a text
+// that begins with the certificate's name. The rules are listed in CertificateChain.h.
 
 std::optional<std::string> faultOfKey(X509* certificate);
 
-// Of the certificate's own signature, by its issuer.
+// Checks the digest of the issuer's signature on the certificate.
 std::optional<std::string> faultOfDigest(X509* certificate);
 
 std::optional<std::string> faultOfIssuer(X509* certificate);

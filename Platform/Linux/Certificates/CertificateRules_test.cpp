@@ -13,8 +13,8 @@
 namespace platform {
 namespace {
 
-// A certificate with an RSA key of so many bits. Nobody could sign with it: a real one of the
-// greatest size takes minutes to make.
+// A certificate with an RSA modulus of `bits` bits. The key can't sign: a real one of the largest
+// size takes minutes to make.
 CertificateHandle certificateWithRsaKey(int bits) {
   BIGNUM* const modulus = BN_new();
   EXPECT_EQ(BN_set_bit(modulus, bits - 1), 1);
@@ -37,7 +37,7 @@ CertificateHandle certificateWithRsaKey(int bits) {
   return certificate;
 }
 
-TEST(CertificateRulesTest, AnRsaKeyHasSoManyBitsAtLeastAndSoManyAtMost) {
+TEST(CertificateRulesTest, TheSizeOfAnRsaKeyIsLimitedBothWays) {
   for (const auto& [bits, isAccepted] : {std::pair{2047, false},
                                          {2048, true},
                                          {2049, true},

@@ -11,8 +11,8 @@ namespace {
 
 using Attribute = std::expected<const ASN1_TYPE*, std::string>;
 
-// The one value of an attribute, null where there is none. A second attribute of the kind, or a
-// second value, would leave it open which of them the signer meant.
+// The only value of an attribute, null if there is none. A second attribute of the same kind, or a
+// second value, would make it ambiguous which one the signer meant.
 Attribute onlyValue(const CMS_SignerInfo* signer, const ASN1_OBJECT* kind, const char* name) {
   const int index = CMS_signed_get_attr_by_OBJ(signer, kind, -1);
   if (index < 0) return nullptr;
@@ -100,7 +100,7 @@ std::expected<void, std::string> readSigningCertificates(const CMS_SignerInfo* s
 
 std::expected<SignedAttributes, std::string> readSignedAttributes(const CMS_SignerInfo* signer) {
   SignedAttributes attributes;
-  // OpenSSL says -1 where the field is absent.
+  // OpenSSL returns -1 if the field is absent.
   attributes.present = CMS_signed_get_attr_count(signer) >= 0;
   if (!attributes.present) return attributes;
   for (const auto read : {readDigest, readTime, readIdentifier, readSigningCertificates}) {

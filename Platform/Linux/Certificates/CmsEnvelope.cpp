@@ -19,7 +19,7 @@ struct Element {
   Bytes content;
 };
 
-// Takes the first element off `rest`; only encodings of definite length, as DER has them.
+// Takes the first element off `rest`. Accepts only definite lengths, as DER demands.
 std::optional<Element> take(Bytes& rest) {
   const unsigned char* at = rest.data();
   long size = 0;
@@ -50,7 +50,7 @@ std::optional<int> takeVersion(Bytes& rest) {
   return version->content.front();
 }
 
-// Of the only signer.
+// The fields of the only signer.
 struct Signer {
   int version;
   Bytes digest;

@@ -5,10 +5,10 @@
 
 namespace platform {
 
-// Whether the parts of a CMS signature that stand outside of what is signed, and that OpenSSL reads
-// over, say the same as those inside: one digest algorithm, that of the one signer, and the version
-// numbers that the signer's kind of name demands. Otherwise bytes could be changed unnoticed.
-// `der` is signed data with one signer, as OpenSSL has read it.
+// Whether the unsigned parts of a CMS signature agree with the signed ones: one digest algorithm,
+// which is the signer's, and the version numbers that fit the signer's kind of name. OpenSSL
+// ignores these parts, so without the check bytes could be changed unnoticed. `der` is signed data
+// with one signer that OpenSSL has accepted.
 bool isConsistentEnvelope(std::span<const std::uint8_t> der);
 
 }  // namespace platform

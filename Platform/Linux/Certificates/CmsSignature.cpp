@@ -12,7 +12,7 @@
 namespace platform {
 namespace {
 
-// DER's first byte of signed attributes, as they are signed.
+// The tag of signed attributes in the form that is signed (RFC 5652, 5.4).
 constexpr std::uint8_t kSetTag = 0x31;
 
 const EVP_MD* acceptedDigest(int algorithm) {
@@ -23,7 +23,7 @@ const EVP_MD* acceptedDigest(int algorithm) {
       return EVP_sha384();
     case NID_sha512:
       return EVP_sha512();
-    default:  // Of OpenSSL's numbers.
+    default:  // OpenSSL's numbers are no enumeration.
       return nullptr;
   }
 }
@@ -108,7 +108,7 @@ CodeSigningResult<void> CmsSignature::checkAlgorithms(const X509_ALGOR& digest,
   const int number = algorithmNumber(signature);
   int digestOfSignature = NID_undef;
   int key = NID_undef;
-  // Plain RSA leaves the digest to the other field.
+  // With plain RSA as the algorithm, the digest is named in the other field only.
   const bool accepted =
       number == NID_rsaEncryption || (OBJ_find_sigid_algs(number, &digestOfSignature, &key) == 1 &&
                                       digestOfSignature == EVP_MD_get_type(digest_));
@@ -154,7 +154,7 @@ CodeSigningResult<void> CmsSignature::checkContent(X509* signer,
 bool CmsSignature::isSignatureOf(X509* signer, std::span<const std::uint8_t> contentDigest) const {
   EVP_PKEY* const key = X509_get0_pubkey(signer);
   if (attributes_.present) {
-    X509_up_ref(signer);  // OpenSSL 3.0 takes a reference of its own, and wants it non-const.
+    X509_up_ref(signer);  // OpenSSL 3.0 takes a reference of its own, but wants it non-const.
     const CertificateHandle held(signer);
     CMS_SignerInfo_set1_signer_cert(signer_, held.get());
     return CMS_SignerInfo_verify(signer_) == 1;
@@ -170,7 +170,7 @@ bool CmsSignature::isSignatureOf(X509* signer, std::span<const std::uint8_t> con
 
 CodeSigningResult<void> CmsSignature::checkCertificateList(X509* signer) const {
   if (!attributes_.signingCertificates) return {};
-  // The first that the list names must be the signer's, each other must have come along.
+  // The list must name the signer's certificate first. Every other entry must be in the signature.
   const CertificateStack known(sk_X509_new_null());
   const auto add = [&](X509* certificate) {
     return known && X509_add_cert(known.get(), certificate, X509_ADD_FLAG_UP_REF) == 1;

@@ -14,30 +14,29 @@
 
 namespace platform {
 
-// The largest number of certificates that a signature may bring along.
+// The largest number of certificates in a signature.
 inline constexpr int kMaxSignatureCertificates = 16;
 
-// A detached CMS signature with one signer over bytes that are elsewhere. The steps of checking it
-// are separate, so that each has its own reason: parse(), findSigner(), the chain (see
-// CertificateChain.h), checkContent().
+// A detached CMS signature with one signer. Checking it takes separate steps, so that each has its
+// own reason for a failure: parse(), findSigner(), checkCertificateChain(), checkContent().
 class CmsSignature {
  public:
-  // Takes signed data with exactly one signer, without content of its own, with a digest of the
-  // SHA-2 family of 256 bits or more, and with well-formed attributes; nothing after it. `name`
-  // begins the reason of every failure, also later.
+  // Accepts signed data with exactly one signer, without embedded content, with a SHA-2 digest of
+  // 256 bits or more, with well-formed attributes, and with nothing after it. The reason of every
+  // failure, also of later calls, begins with `name`.
   static CodeSigningResult<CmsSignature> parse(std::span<const std::uint8_t> der, std::string name);
 
   const EVP_MD* digest() const { return digest_; }
   const SignedAttributes& attributes() const { return attributes_; }
-  // What the signature brought along, in its order.
+  // The certificates in the signature, in its order.
   STACK_OF(X509) * certificates() const { return certificates_.get(); }
 
-  // The signer's certificate, among those brought along and `anchors`.
+  // The signer's certificate, looked up in the signature and in `anchors`.
   CodeSigningResult<CertificateHandle> findSigner(STACK_OF(X509) * anchors) const;
 
-  // Whether `signer` signed content with this digest, and the certificates that came along. The
-  // content's first byte matters where there are no signed attributes: these begin with a byte of
-  // their own, and must not pass for content.
+  // Whether `signer` signed content with this digest, and the certificates in the signature. The
+  // content's first byte counts if there are no signed attributes: content that begins with the tag
+  // of signed attributes could be such attributes passed off as content.
   CodeSigningResult<void> checkContent(X509* signer, std::span<const std::uint8_t> contentDigest,
                                        std::uint8_t firstContentByte) const;
 

@@ -64,7 +64,7 @@ Result<Data> makeCmsSignature(const SigningIdentity& identity, const SigningOpti
   bool done = signer && addDigest(signer, sha256) && addTime(signer, options.time) &&
               addCertificateList(signer, identity) &&
               (!options.identifier || addIdentifier(signer, *options.identifier));
-  // CMS_add1_signer() has put in the signer's own.
+  // CMS_add1_signer() has added the signer's own certificate.
   for (std::size_t i = 1; done && i < identity.chain.size(); ++i) {
     done = CMS_add1_cert(cms.get(), identity.chain[i].get()) == 1;
   }

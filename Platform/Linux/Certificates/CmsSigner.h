@@ -13,15 +13,15 @@
 
 namespace platform {
 
-// What a signature of ours says besides the content.
+// Attributes of a new signature.
 struct SigningOptions {
   std::optional<std::string> identifier;
   std::chrono::sys_seconds time;
 };
 
-// A detached CMS signature (DER) with SHA-256 over a content of this digest. It carries the chain
-// of `identity`, and puts under the signature: the time, the identifier, and the digests of the
-// chain's certificates, so that none can be taken away or exchanged.
+// A detached CMS signature (DER) over content with this SHA-256 digest. It contains the chain of
+// `identity` and signs also the time, the identifier and the digests of the chain's certificates,
+// so that no certificate can be removed or exchanged.
 Result<Data> makeCmsSignature(const SigningIdentity& identity, const SigningOptions& options,
                               std::span<const std::uint8_t> sha256);
 

@@ -28,7 +28,7 @@ BioHandle readerOf(const std::string& bytes) {
   return BioHandle(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
 }
 
-// Asks nobody: an encrypted key is refused instead of a prompt on the terminal.
+// An encrypted key is refused. Without this callback OpenSSL would prompt on the terminal.
 int noPassword(char*, int, int, void*) { return -1; }
 
 }  // namespace

@@ -6,12 +6,12 @@
 
 namespace platform {
 
-// PEM of a certificate, and of a private key (PKCS #8, not encrypted).
+// A certificate, and a private key (PKCS #8, not encrypted), as PEM.
 Result<std::string> pemOfCertificate(X509* certificate);
 Result<std::string> pemOfKey(EVP_PKEY* key);
 
-// Reads the identity whose key stands in the one file, and whose certificates, its own first, in
-// the other. kInvalid where they don't belong together.
+// Reads a key and its certificates (its own first) from two PEM files. Fails with kInvalid if they
+// don't belong together.
 Result<SigningIdentity> readIdentity(const std::string& keyPath,
                                      const std::string& certificatesPath);
 

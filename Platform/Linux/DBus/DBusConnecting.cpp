@@ -16,7 +16,7 @@ namespace platform {
 
 namespace {
 
-// A socket that listens under a name which the kernel has chosen, and that name.
+// A listening socket with a name that the kernel chose, and that name.
 Result<std::pair<UniqueFd, std::string>> listenAnywhere() {
   UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!listener) return std::unexpected(systemError("socket", ErrorCode::kExhausted));
@@ -31,14 +31,15 @@ Result<std::pair<UniqueFd, std::string>> listenAnywhere() {
   if (::getsockname(listener.get(), generic, &length) != 0) {
     return std::unexpected(systemError("getsockname"));
   }
-  const std::size_t start = offsetof(sockaddr_un, sun_path) + 1;  // Behind the NUL of such names.
+  // Skips the NUL of an abstract name.
+  const std::size_t start = offsetof(sockaddr_un, sun_path) + 1;
   return std::pair(std::move(listener), std::string(address.sun_path + 1, length - start));
 }
 
 }  // namespace
 
-// libdbus connects to a socket of ours, which it can't be made to wait for, and before it has
-// written anything its descriptor becomes the socket that was given.
+// libdbus connects to a socket of ours, which never blocks. Before it has written anything, dup3()
+// replaces that descriptor by the given socket.
 Result<UniqueDBusConnection> openOverSocket(UniqueFd socket) {
   auto anywhere = listenAnywhere();
   if (!anywhere) return std::unexpected(std::move(anywhere.error()));

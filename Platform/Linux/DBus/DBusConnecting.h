@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// A libdbus connection over a socket that is connected already. libdbus itself connects to
-// addresses only, and waits there for as long as the other side pleases.
+// A libdbus connection over a connected socket. libdbus itself accepts only addresses, and its
+// connecting blocks for as long as the other side likes.
 Result<UniqueDBusConnection> openOverSocket(UniqueFd socket);
 
 }  // namespace platform

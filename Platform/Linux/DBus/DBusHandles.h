@@ -12,7 +12,7 @@ struct DBusMessageRelease {
 };
 using UniqueDBusMessage = std::unique_ptr<DBusMessage, DBusMessageRelease>;
 
-// A private connection, which must be closed before its last reference goes, or libdbus aborts.
+// Closes a private connection before it drops the last reference; otherwise libdbus aborts.
 struct DBusConnectionClose {
   void operator()(DBusConnection* connection) const {
     dbus_connection_close(connection);

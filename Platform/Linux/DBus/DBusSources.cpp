@@ -46,7 +46,7 @@ Result<std::unique_ptr<DBusSources>> DBusSources::attach(AsioRunLoop& loop,
   dbus_connection_set_dispatch_status_function(
       connection,
       [](DBusConnection*, DBusDispatchStatus status, void* self) {
-        // Dispatching from inside this call is not allowed.
+        // libdbus forbids dispatching from inside this callback.
         if (status == DBUS_DISPATCH_DATA_REMAINS) {
           static_cast<DBusSources*>(self)->scheduleDispatch();
         }
@@ -110,13 +110,14 @@ DBusSources::Handled DBusSources::handleWithin(Duration limit) {
   const timespec time{static_cast<std::time_t>(seconds.count()),
                       static_cast<long>((limit - seconds).count())};
   const int ready = ::ppoll(&descriptor, 1, &time, nullptr);
-  if (ready < 0) return Handled::kSome;  // By a signal; the caller looks at its deadline.
+  if (ready < 0) return Handled::kSome;  // Interrupted by a signal; the caller checks its deadline.
   if (ready == 0) return Handled::kTimedOut;
   unsigned flags = 0;
   if (descriptor.revents & (POLLIN | POLLHUP | POLLERR)) flags |= DBUS_WATCH_READABLE;
   if (descriptor.revents & (POLLOUT | POLLHUP | POLLERR)) flags |= DBUS_WATCH_WRITABLE;
   flags &= wanted;
-  if (flags == 0) return Handled::kNothingToWaitFor;  // Ended, and libdbus does not want to know.
+  // The connection has ended, and libdbus does not watch for that.
+  if (flags == 0) return Handled::kNothingToWaitFor;
   handle(descriptor.fd, flags);
   return Handled::kSome;
 }
@@ -151,7 +152,7 @@ dbus_bool_t DBusSources::addWatch(DBusWatch* watch, void* self) {
 
 void DBusSources::removeWatch(DBusWatch* watch, void* self) {
   auto* sources = static_cast<DBusSources*>(self);
-  // libdbus closes the descriptor after this, so nothing of ours may know it any more.
+  // libdbus closes the descriptor after this call, so no entry may use it any more.
   for (auto entry = sources->entries_.begin(); entry != sources->entries_.end(); ++entry) {
     if (std::erase((*entry)->watches, watch) == 0) continue;
     if ((*entry)->watches.empty()) {
@@ -168,7 +169,7 @@ void DBusSources::removeWatch(DBusWatch* watch, void* self) {
 void DBusSources::toggleWatch(DBusWatch* watch, void* self) {
   auto* sources = static_cast<DBusSources*>(self);
   Entry* entry = sources->find(dbus_watch_get_unix_fd(watch));
-  // Without room the connection stands still until its owner's time-out; it has one for each call.
+  // Without room the connection hangs until its owner's time-out; every call has one.
   if (entry != nullptr) sources->arm(*entry);
 }
 
@@ -219,7 +220,7 @@ bool DBusSources::armReading(Entry& entry, bool wanted) {
   return true;
 }
 
-// Only while the socket is full, which is seldom: the loop itself waits for reading only.
+// Asio waits for writing, because the loop waits for reading only. A full socket is rare.
 bool DBusSources::armWriting(Entry& entry, bool wanted) {
   if (wanted == entry.writer.has_value()) return true;
   if (!wanted) {
@@ -261,7 +262,7 @@ void DBusSources::handle(Descriptor descriptor, unsigned flags) {
   if (entry == nullptr) return;
   const std::vector<DBusWatch*> watches = entry->watches;
   for (DBusWatch* watch : watches) {
-    // Each call may end the connection, and with it any watch, entry, and this.
+    // Each call may end the connection, and with it destroy any watch, entry and this object.
     if (shared->owner == nullptr) return;
     entry = find(descriptor);
     if (entry == nullptr || std::ranges::find(entry->watches, watch) == entry->watches.end()) break;

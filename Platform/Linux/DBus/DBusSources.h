@@ -15,32 +15,32 @@
 
 namespace platform {
 
-// Drives one DBusConnection or one DBusServer by the run loop: its watches, time-outs and, for a
-// connection, the dispatching. To use libdbus on the loop, for instance for a message bus:
+// Drives one DBusConnection or one DBusServer by the run loop: its watches, its time-outs and, for
+// a connection, dispatching. To use libdbus on the loop, for instance for a message bus:
 //
-//   open the connection with dbus_connection_open_private(), never the shared or bus calls;
-//   attach() it, with a `dispatch` that handles one message (dbus_connection_dispatch() or
-//   dbus_connection_pop_message()) and calls scheduleDispatch() where more remain;
-//   register with a bus by an asynchronous Hello; keep a table of outstanding calls and fail them
-//   on "Disconnected", since libdbus forgets those; destroy this before the connection is closed.
+// open the connection with dbus_connection_open_private(), never with the shared or bus calls;
+// attach() it, with a `dispatch` that handles one message (dbus_connection_dispatch() or
+// dbus_connection_pop_message()) and calls scheduleDispatch() if more remain;
+// register with a bus by an asynchronous Hello; keep a table of pending calls and fail them on
+// "Disconnected", because libdbus forgets them; destroy this before the connection is closed.
 //
-// Messages are read as ordinary sources, and dispatch runs as an ordinary post of its own, so that
-// exits and deaths that happened before a message was read are delivered before it. Everything runs
-// on the loop's thread. The connection or server must outlive this.
+// Messages are read as ordinary sources, and each dispatch runs as an ordinary post of its own.
+// Exits and connection deaths that precede the reading of a message are therefore delivered before
+// it. Everything runs on the loop's thread. The connection or server must outlive this.
 class DBusSources {
  public:
   struct Callbacks {
-    // There is something to dispatch, or the connection has ended; posted, once for each time that
-    // it was asked for. May destroy the sources.
+    // There is something to dispatch, or the connection has ended. Posted once for each request.
+    // May destroy the sources.
     std::function<void()> dispatch;
-    // The peer has closed its end, with Urgency::kConnectionDeath; what it sent before may still be
-    // unread. May destroy the sources. Optional.
+    // The peer has closed its end. Called with Urgency::kConnectionDeath; messages that the peer
+    // sent before may still be unread. May destroy the sources. Optional.
     std::function<void()> peerEnded;
-    // A descriptor was handled; for servers, whose accepting may have failed. Optional.
+    // A descriptor was handled. Servers learn from it that accepting may have failed. Optional.
     std::function<void()> handled;
   };
 
-  // Fails with kExhausted where there is no room to wait for the descriptor.
+  // Fails with kExhausted if there is no room to watch the descriptor.
   static Result<std::unique_ptr<DBusSources>> attach(AsioRunLoop& loop, DBusConnection* connection,
                                                      Callbacks callbacks);
   static Result<std::unique_ptr<DBusSources>> attach(AsioRunLoop& loop, DBusServer* server,
@@ -52,21 +52,21 @@ class DBusSources {
 
   void scheduleDispatch();
 
-  // Waits on this thread until libdbus can read or write, `limit` at most, and lets it. Nothing is
-  // dispatched and nothing else is served.
+  // Blocks this thread for at most `limit` until libdbus can read or write, and lets it do so.
+  // Nothing is dispatched and nothing else is served.
   enum class Handled { kSome, kTimedOut, kNothingToWaitFor };
   Handled handleWithin(Duration limit);
 
-  // Stops waiting for descriptors to be readable, and goes on.
+  // Stops watching descriptors for reading, and resumes.
   void pause();
   void resume();
 
-  // Whether libdbus gave the last descriptor up although the other side still had its end open, as
-  // it does with a peer that breaks the protocol. It says so nowhere itself, and of a peer that
-  // breaks it and closes at once nobody can tell.
+  // Whether libdbus closed the last descriptor although the other side still had its end open, as
+  // it does if a peer breaks the protocol. libdbus reports this nowhere. A peer that breaks the
+  // protocol and closes at once can't be detected.
   bool wasGivenUp() const { return wasGivenUp_; }
 
-  // The first descriptor, -1 where there is none (any more).
+  // The first descriptor, -1 if there is none or none any more.
   Descriptor descriptor() const;
 
  private:
@@ -76,9 +76,9 @@ class DBusSources {
     std::unique_ptr<RunLoopHandle> readable;
     std::unique_ptr<RunLoopHandle> death;
     std::optional<asio::posix::stream_descriptor> writer;
-    std::uint64_t writerNumber = 0;  // of this wait, so that an older one is known
+    std::uint64_t writerNumber = 0;  // tells this wait from older ones
   };
-  // What outlives this in callbacks that are under way.
+  // Outlives this object in running callbacks.
   struct Shared {
     DBusSources* owner;
     Callbacks callbacks;
@@ -94,7 +94,7 @@ class DBusSources {
   static void toggleTimeout(DBusTimeout* timeout, void* self);
 
   Entry* find(Descriptor descriptor);
-  // False where there is no room.
+  // False if there is no room.
   bool arm(Entry& entry);
   bool armReading(Entry& entry, bool wanted);
   bool armWriting(Entry& entry, bool wanted);
@@ -102,7 +102,7 @@ class DBusSources {
   bool armTimeout(DBusTimeout* timeout);
 
   AsioRunLoop& loop_;
-  std::shared_ptr<Shared> shared_;  // with callbacks that are under way, which look whether we are
+  std::shared_ptr<Shared> shared_;  // with running callbacks, which check `owner`
   DBusConnection* connection_ = nullptr;
   DBusServer* server_ = nullptr;
   std::vector<std::unique_ptr<Entry>> entries_;

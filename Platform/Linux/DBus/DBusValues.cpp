@@ -33,7 +33,7 @@ const char* signatureOf(const Value& value) {
       return "av";
     case Value::Type::kDictionary:
       return "a{sv}";
-    case Value::Type::kRemoteObject:  // The rules have refused all but endpoints.
+    case Value::Type::kRemoteObject:  // The rules have refused all objects but endpoints.
       return "h";
     case Value::Type::kNil:
     case Value::Type::kNullMarker:
@@ -42,7 +42,7 @@ const char* signatureOf(const Value& value) {
   return "(y)";
 }
 
-// A container that is closed, or given up where something in it failed.
+// Closes the container, or abandons it if `fill` failed.
 template <typename Fill>
 bool inContainer(DBusMessageIter* into, int type, const char* signature, Fill fill) {
   DBusMessageIter inner;
@@ -150,7 +150,7 @@ bool appendVariant(DBusMessageIter* into, const Value& value) {
 Result<Value> DBusValueReader::read(DBusMessageIter* from) {
   int type = dbus_message_iter_get_arg_type(from);
   DBusMessageIter variant;
-  // libdbus has refused messages in which these nest more than 64 deep.
+  // libdbus refuses messages in which variants nest more than 64 deep.
   while (type == DBUS_TYPE_VARIANT) {
     DBusMessageIter content;
     dbus_message_iter_recurse(from, &content);
@@ -207,7 +207,7 @@ Result<Value> DBusValueReader::readScalar(DBusMessageIter* from, int type) {
 }
 
 Result<Value> DBusValueReader::readEndpoint(DBusMessageIter* from) {
-  UniqueFd descriptor(basic<int>(from));  // One of our own, which libdbus has made for this.
+  UniqueFd descriptor(basic<int>(from));  // libdbus has duplicated it for us.
   if (!descriptor) return invalid("a descriptor that can't be had");
   auto endpoint = SocketEndpoint::of(std::move(descriptor));
   if (!endpoint) return std::unexpected(std::move(endpoint.error()));
@@ -266,7 +266,7 @@ Result<Value> DBusValueReader::readEntries(DBusMessageIter* entries) {
   return Value(std::move(dictionary));
 }
 
-// Dates, nil and the null marker, which D-Bus has no type for.
+// Reads dates, nil and the null marker, for which D-Bus has no types.
 Result<Value> DBusValueReader::readStruct(DBusMessageIter* from) {
   DBusMessageIter member;
   dbus_message_iter_recurse(from, &member);

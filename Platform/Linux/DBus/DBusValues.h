@@ -10,20 +10,20 @@
 
 namespace platform {
 
-// Appends a value as a variant, in the layout of Platform/Peers/PeerMessageRules.h. It must have
-// been checked by those rules: libdbus ends the process on what it finds ill-formed. False without
-// memory.
+// Appends a value as a variant, in the layout of Platform/Peers/PeerMessageRules.h. The caller must
+// have checked the value by those rules, because libdbus aborts on ill-formed values. False if
+// there is no memory.
 bool appendVariant(DBusMessageIter* into, const Value& value);
 
-// Reads the values of one message, which may be a stranger's: beside our own layout, integers of
-// every width, arrays and dictionaries of any element type, and variants inside variants. Bounded
-// by kMaxPeerDepth and kMaxPeerNodes for all that one reader reads.
+// Reads the values of one message, which may come from a foreign program. Accepts, beside our own
+// layout, integers of every width, arrays and dictionaries of any element type, and variants in
+// variants. kMaxPeerDepth and kMaxPeerNodes limit all that one reader reads.
 class DBusValueReader {
  public:
   explicit DBusValueReader(PeerMessageContents contents = PeerMessageContents::kValues)
       : contents_(contents) {}
 
-  // The value that the iterator stands on. Fails with kInvalid, saying what can't be a value.
+  // The value at the iterator. Fails with kInvalid and names the part that can't be a value.
   Result<Value> read(DBusMessageIter* from);
 
  private:

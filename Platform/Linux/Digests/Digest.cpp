@@ -11,15 +11,16 @@
 namespace platform {
 namespace {
 
-// What is left when OpenSSL has no memory, or is not whole: a digest that is not one would do harm.
+// OpenSSL fails here only without memory or if it is damaged. A wrong digest would do harm, so
+// abort.
 [[noreturn]] void stop(const char* name) {
   std::fprintf(stderr, "%s can't be computed: %s\n", name, takeOpenSslError().c_str());
   std::abort();
 }
 
-// A library context of our own, so that the machine's configuration, which may take MD5 away for
-// the sake of security, does not reach where nothing relies on it. Kept to the end: threads may
-// still hash while the program's static objects are destroyed.
+// A library context of our own ignores the machine's OpenSSL configuration, which may forbid MD5
+// for security; nothing here relies on MD5 for security. It is never freed: threads may still hash
+// while static objects are destroyed.
 const EVP_MD* fetch(const char* name) {
   static OSSL_LIB_CTX* const context = [] {
     OSSL_LIB_CTX* made = OSSL_LIB_CTX_new();

@@ -68,16 +68,16 @@ TEST(DigestTest, Sha256GivesThePublishedDigests) {
   }
 }
 
-TEST(DigestTest, NothingAtAllIsHashedLikeAnEmptyText) {
+TEST(DigestTest, ANullSpanIsHashedLikeAnEmptyText) {
   EXPECT_EQ(CC_MD5({}), CC_MD5(bytesOf("")));
   EXPECT_EQ(CC_SHA1({}), CC_SHA1(bytesOf("")));
   EXPECT_EQ(CC_SHA256({}), CC_SHA256(bytesOf("")));
 }
 
-// The size of the bytes does not pass through 32 bits on its way.
+// The size must not be cut to 32 bits anywhere.
 TEST(DigestLong, MoreThanFourGibibytesAreHashedWhole) {
   constexpr std::size_t kSize = (std::size_t{1} << 32) + 1;
-  // Reads as zeros and takes no memory.
+  // The mapping reads as zeros and takes no memory.
   void* const zeros =
       ::mmap(nullptr, kSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(zeros, MAP_FAILED);

@@ -31,7 +31,7 @@ std::unexpected<Error> unfit(const std::string& path, const char* what) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, path + ": " + what});
 }
 
-// Looked at before it is opened: to open some devices is to set them going.
+// Checks the type before it opens the file, because opening a device can set it going.
 Result<UniqueFd> openRegular(const std::string& path) {
   const UniqueFd found(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!found) return fileFailure(path);

@@ -16,7 +16,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr std::size_t kPiece = 256 * 1024;  // as much as is read at once
+constexpr std::size_t kPiece = 256 * 1024;  // the size of one read
 
 class FileDigestTest : public testing::Test {
  protected:
@@ -33,7 +33,7 @@ class FileDigestTest : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(FileDigestTest, IsThatOfTheWholeContentInPiecesOfAnySize) {
+TEST_F(FileDigestTest, CoversTheWholeContentInPiecesOfAnySize) {
   for (const std::size_t size : {std::size_t{1}, kPiece - 1, kPiece, kPiece + 1, 3 * kPiece}) {
     const std::string content(size, 'x');
     const Sha256 expected =
@@ -46,23 +46,24 @@ TEST_F(FileDigestTest, IsThatOfTheWholeContentInPiecesOfAnySize) {
 
 class FileDigestLong : public FileDigestTest {};
 
-// No count of its bytes passes through 32 bits on its way.
+// No count of bytes may be cut to 32 bits.
 TEST_F(FileDigestLong, AFileOfMoreThanFourGibibytesIsHashedWhole) {
   const std::string path = folder_.write("large", "");
-  std::filesystem::resize_file(path, (std::uintmax_t{1} << 32) + 1);  // Zeros that take no room.
+  // A sparse file takes no space.
+  std::filesystem::resize_file(path, (std::uintmax_t{1} << 32) + 1);
   const auto digest = digestOf(path);
   ASSERT_TRUE(digest && *digest);
   EXPECT_EQ(hexadecimalText(**digest),
             "fbb82f7b353676bb562eb82157fcf0ea42c36492ca13ee56dbf82c08b6802c5c");
 }
 
-TEST_F(FileDigestTest, AnEmptyFileHasNone) {
+TEST_F(FileDigestTest, AnEmptyFileHasNoDigest) {
   const auto digest = digestOf(folder_.write("empty", ""));
   ASSERT_TRUE(digest);
   EXPECT_FALSE(*digest);
 }
 
-TEST_F(FileDigestTest, ALinkLeadsToItsFile) {
+TEST_F(FileDigestTest, ALinkIsFollowedToItsFile) {
   folder_.write("file", "content");
   std::filesystem::create_symlink("file", folder_.path("link"));
   const auto digest = digestOf(folder_.path("link"));
@@ -70,7 +71,7 @@ TEST_F(FileDigestTest, ALinkLeadsToItsFile) {
   EXPECT_EQ(**digest, **digestOf(folder_.path("file")));
 }
 
-TEST_F(FileDigestTest, WhatIsNoRegularFileIsRefusedUnopened) {
+TEST_F(FileDigestTest, OtherKindsOfFilesAreRefusedUnopened) {
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   for (const std::string& path : {pipe, folder_.path(), std::string("/dev/zero")}) {
@@ -79,7 +80,7 @@ TEST_F(FileDigestTest, WhatIsNoRegularFileIsRefusedUnopened) {
   expectRefused("/proc/self/status", "is the kernel's");
 }
 
-// The kernel says of such a file that it has a page, and gives less.
+// The kernel reports a size of one page for such a file, and gives less.
 TEST_F(FileDigestTest, AFileThatEndsBeforeItsSizeIsRefused) {
   const std::string shorter = "/sys/devices/system/cpu/online";
   struct stat status{};
@@ -97,11 +98,11 @@ TEST_F(FileDigestTest, AMissingFileIsNotFound) {
   }
 }
 
-TEST_F(FileDigestTest, CanBeLeftAndTakenUpAgain) {
+TEST_F(FileDigestTest, ReadingCanBePausedAndResumed) {
   const std::string path = folder_.write("file", std::string(3 * kPiece, 'x'));
   auto digest = FileDigest::open(path);
   ASSERT_TRUE(digest);
-  EXPECT_EQ(digest->readOn(1), false);  // A piece.
+  EXPECT_EQ(digest->readOn(1), false);  // One piece.
   FileDigest moved = std::move(*digest);
   EXPECT_EQ(moved.readOn(kPiece), false);
   EXPECT_EQ(moved.readOn(kPiece), true);
@@ -110,7 +111,7 @@ TEST_F(FileDigestTest, CanBeLeftAndTakenUpAgain) {
   EXPECT_EQ(**sum, **digestOf(path));
 }
 
-TEST_F(FileDigestTest, OfAFileThatIsCutOffMeanwhileThereIsNone) {
+TEST_F(FileDigestTest, AFileThatIsTruncatedMeanwhileHasNoDigest) {
   const std::string path = folder_.write("file", std::string(2 * kPiece, 'x'));
   auto digest = FileDigest::open(path);
   ASSERT_TRUE(digest);
@@ -121,7 +122,7 @@ TEST_F(FileDigestTest, OfAFileThatIsCutOffMeanwhileThereIsNone) {
   EXPECT_EQ(cutOff.error().code, ErrorCode::kInvalid);
 }
 
-TEST_F(FileDigestTest, IsOfWhatTheFileHeldWhenItWasOpened) {
+TEST_F(FileDigestTest, IgnoresDataAddedAfterOpening) {
   const std::string path = folder_.write("file", "content");
   const Sha256 before = **digestOf(path);
   auto digest = FileDigest::open(path);

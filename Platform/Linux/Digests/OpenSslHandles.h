@@ -21,12 +21,12 @@ struct OpenSslDeleter {
   }
 };
 
-// The memory of OpenSSL's own functions, whose OPENSSL_free is a macro.
+// Memory that OpenSSL allocated. OPENSSL_free is a macro.
 struct OpenSslMemoryDeleter {
   void operator()(void* memory) const { OPENSSL_free(memory); }
 };
 
-// A stack that owns a reference on each of its certificates.
+// A stack that owns a reference to each of its certificates.
 struct CertificateStackDeleter {
   void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
 };
@@ -45,11 +45,11 @@ using EssHandle = std::unique_ptr<ESS_SIGNING_CERT_V2, OpenSslDeleter<ESS_SIGNIN
 template <typename T>
 using OpenSslMemory = std::unique_ptr<T, OpenSslMemoryDeleter>;
 
-// OpenSSL's own words for what just failed on this thread, and forgets them. Also to be called
-// where a failure is expected, so that it is not taken for a later one's.
+// OpenSSL's text for the last failure on this thread, which is then cleared. Call it also after an
+// expected failure, so that its text is not reported for a later one.
 std::string takeOpenSslError();
 
-// "WHAT: OpenSSL's own words", which are then forgotten.
+// "WHAT: TEXT" with takeOpenSslError() as the text.
 std::unexpected<Error> openSslFailure(const std::string& what, ErrorCode code = ErrorCode::kSystem);
 
 }  // namespace platform

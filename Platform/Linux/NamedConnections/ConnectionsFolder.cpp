@@ -41,7 +41,7 @@ std::string pathIn(std::string_view folder, std::string_view root, std::string_v
 
 ErrorCode codeOfFolderError(int number) {
   if (number == ENOENT) return ErrorCode::kNotFound;
-  // ELOOP and ENOTDIR: somebody has put something else in the folder's place.
+  // ELOOP and ENOTDIR: another kind of file is in the folder's place.
   return number == EACCES || number == EPERM || number == ELOOP || number == ENOTDIR
              ? ErrorCode::kDenied
              : ErrorCode::kSystem;

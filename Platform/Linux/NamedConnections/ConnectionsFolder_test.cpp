@@ -37,7 +37,7 @@ TEST(ConnectionNamesTest, ALongerNameThanAFileNameAllowsIsStoredByItsDigest) {
   EXPECT_NE(digest, fileNameOf(std::string(NAME_MAX + 1, 'm')));
 }
 
-TEST(ConnectionNamesTest, ANameThatLeadsElsewhereIsStoredByItsDigest) {
+TEST(ConnectionNamesTest, ANameThatIsAPathIsStoredByItsDigest) {
   for (const std::string_view name :
        {std::string_view(""), std::string_view("."), std::string_view(".."),
         std::string_view(".lock"), std::string_view("../launchd"), std::string_view("a/b"),
@@ -48,7 +48,7 @@ TEST(ConnectionNamesTest, ANameThatLeadsElsewhereIsStoredByItsDigest) {
             "sha256-c14cddc033f64b9dea80ea675cf280a015e672516090a5626781153dc68fea11");
 }
 
-TEST(ConnectionNamesTest, ANameThatLooksLikeADigestIsNotTheNameThatHasThatDigest) {
+TEST(ConnectionNamesTest, ANameThatLooksLikeADigestIsStoredByItsOwnDigest) {
   EXPECT_NE(fileNameOf(fileNameOf("a/b")), fileNameOf("a/b"));
 }
 
@@ -67,7 +67,7 @@ class ConnectionsFolderTest : public testing::Test {
   PlatformConfiguration configuration_;
 };
 
-TEST_F(ConnectionsFolderTest, LetsTheGroupRegisterNamesAndNobodyRemoveAnothers) {
+TEST_F(ConnectionsFolderTest, TheGroupMayRegisterNamesButNotRemoveOthers) {
   const mode_t before = ::umask(077);
   const auto made = makeConnectionsFolder(configuration_);
   ::umask(before);
@@ -75,7 +75,7 @@ TEST_F(ConnectionsFolderTest, LetsTheGroupRegisterNamesAndNobodyRemoveAnothers) 
   EXPECT_EQ(mode(), 01775u);
 }
 
-TEST_F(ConnectionsFolderTest, IsMendedWhereItExists) {
+TEST_F(ConnectionsFolderTest, IsRepairedIfItExists) {
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
   ASSERT_EQ(::chmod(path().c_str(), 0777), 0);
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
@@ -108,7 +108,7 @@ TEST_F(ConnectionsFolderTest, ASymbolicLinkInItsPlaceIsRefused) {
   EXPECT_EQ(made.error().code, ErrorCode::kDenied);
 }
 
-TEST_F(ConnectionsFolderTest, AFolderOfAnotherUsersIsRefused) {
+TEST_F(ConnectionsFolderTest, AFolderOfAnotherUserIsRefused) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can make one";
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
   ASSERT_EQ(::chown(path().c_str(), 12345, 12345), 0);

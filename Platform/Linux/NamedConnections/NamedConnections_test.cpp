@@ -35,7 +35,7 @@ std::unique_ptr<AsioRunLoop> makeProgramLoop() {
   return std::move(*loop);
 }
 
-// What a program has, with a loop of its own.
+// The objects of one program, with a loop of its own.
 struct RealProgram {
   explicit RealProgram(const std::string& root)
       : program(*loop, transport,
@@ -46,7 +46,7 @@ struct RealProgram {
   ConnectedProgram program;
 };
 
-// The other program is a thread with a loop of its own.
+// A thread with a loop of its own stands for the other program.
 class RealHarness final : public NamedConnectionsHarness {
  public:
   RealHarness() {
@@ -103,12 +103,12 @@ INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsReferencesContract,
                          testing::Values(&makeRealHarness));
 INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsPeersContract, testing::Values(&makeRealHarness));
 
-// What only real sockets can show.
+// Behaviour that only real sockets have.
 class NamedConnectionsSocketTest : public NamedConnectionsContract {
  protected:
   std::string path() { return harness_->path("server"); }
 
-  // A socket of the kind that any program can make, connected to the server.
+  // A plain socket, as any program can make it, connected to the server.
   UniqueFd connectSocket() {
     UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(
@@ -136,7 +136,7 @@ TEST_P(NamedConnectionsSocketTest, EverybodyMayConnectToASocket) {
   EXPECT_EQ(status.st_mode & 0777, 0666u);
 }
 
-TEST_P(NamedConnectionsSocketTest, ANameCanBeLongerThanAFilesName) {
+TEST_P(NamedConnectionsSocketTest, ANameCanBeLongerThanAFileName) {
   const std::string name(1000, 'n');
   EXPECT_TRUE(here().connections.makeConnection()->registerName("name/with/slashes"));
   there([&](ConnectedProgram& there) {
@@ -148,7 +148,7 @@ TEST_P(NamedConnectionsSocketTest, ANameCanBeLongerThanAFilesName) {
   EXPECT_EQ(here().connections.connectionWithRegisteredName(name + "n"), nullptr);
 }
 
-TEST_P(NamedConnectionsSocketTest, ADeadOwnersLeftoverBlocksNobody) {
+TEST_P(NamedConnectionsSocketTest, TheSocketOfADeadOwnerBlocksNobody) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(
       ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address()), sizeof(sockaddr_un)), 0);
@@ -174,12 +174,12 @@ TEST_P(NamedConnectionsSocketTest, AStandardClientWithoutTheTokenGetsAnErrorAndN
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsSocketTest, PeersThatSayNothingOrHalfAFrameKeepNobodyOut) {
+TEST_P(NamedConnectionsSocketTest, SilentOrIncompletePeersKeepNobodyOut) {
   start();
   std::vector<UniqueFd> sockets;
   while (sockets.size() < 3 * kPeerPlaces) {
     sockets.push_back(connectSocket());
-    // Every other one authenticates itself to D-Bus and goes on to the header of a gigabyte.
+    // Every second one authenticates to D-Bus and sends the header of a gigabyte.
     const std::string_view hello =
         sockets.size() % 2 == 0
             ? "\0AUTH EXTER"sv
@@ -191,13 +191,13 @@ TEST_P(NamedConnectionsSocketTest, PeersThatSayNothingOrHalfAFrameKeepNobodyOut)
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsSocketTest, AReaderThatStopsReadingLosesItsConnectionAlone) {
+TEST_P(NamedConnectionsSocketTest, OnlyAPeerThatStopsReadingLosesItsConnection) {
   start();
   const auto intruder = here().transport.connect(path(), {});
   ASSERT_TRUE(intruder);
   const Data token{'c', 'l', 'i', 'e', 'n', 't'};
   ASSERT_TRUE((*intruder)->call("NSConnectionAuthenticate:", {token}, 60s));
-  // Our loop does not run, so none of the answers is read.
+  // Our loop does not run, so no answer is read.
   for (int message = 0; message < 40; ++message)
     (*intruder)->callAsync("much", {}, 60s, [](const MessageResult&) {});
   for (int look = 0; children() == 2 && look < 100'000; ++look) ASSERT_TRUE(send("nothing"));

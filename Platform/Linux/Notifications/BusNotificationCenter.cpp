@@ -24,10 +24,10 @@ constexpr char kBusPath[] = "/org/freedesktop/DBus";
 
 constexpr std::chrono::milliseconds kRetryTime{500};
 
-// What may have come and not been looked at; a bus that sends more waits.
+// The most that may be received but not yet dispatched. Beyond that we stop reading.
 constexpr long kMaximumReceivedBytes = 1L << 20;
 
-// Empty where the address is no socket's path.
+// Empty if the address is not the path of a socket.
 std::string socketPathOf(const std::string& address) {
   DBusErrorText error;
   DBusAddressEntry** entries = nullptr;
@@ -45,7 +45,7 @@ std::string quotedForMatchRule(std::string_view text) {
   std::string result = "'";
   for (const char character : text) {
     if (character == '\'') {
-      result += "'\\''";  // Ends the quoting, an apostrophe, begins it again.
+      result += "'\\''";  // Ends the quoting, adds an apostrophe, begins it again.
     } else {
       result += character;
     }
@@ -53,7 +53,8 @@ std::string quotedForMatchRule(std::string_view text) {
   return result + "'";
 }
 
-// What the bus is asked to send us. A name that does not fit into a rule is picked out here.
+// The rule by which the bus sends us signals. If the name does not fit into a rule, the rule
+// matches every name and the observers filter.
 std::string ruleFor(const std::optional<std::string>& name) {
   const std::string all = stringWithFormat("type='signal',interface='%s',member='%s',path='%s'",
                                            kInterface, kMember, kPath);
@@ -81,12 +82,12 @@ std::size_t sizeOf(DBusMessage* message) {
   return static_cast<std::size_t>(size);
 }
 
-// What libdbus itself puts behind all that the bus sent.
+// The message that libdbus itself adds after all that the bus sent.
 bool isEndOfConnection(const UniqueDBusMessage& message) {
   return dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected");
 }
 
-// libdbus itself takes no notice of a peer's end before it reads.
+// libdbus itself notices the peer's end only when it reads.
 bool hasEnded(Descriptor descriptor) {
   pollfd entry{.fd = descriptor, .events = 0, .revents = 0};
   return descriptor < 0 || (::poll(&entry, 1, 0) == 1 && entry.revents != 0);
@@ -109,7 +110,7 @@ bool appendObject(DBusMessageIter* into, const std::optional<std::string>& objec
 Result<UniqueDBusMessage> encodeNotification(const DistributedNotification& notification) {
   if (auto possible = checkDistributedNotification(notification); !possible)
     return std::unexpected(std::move(possible.error()));
-  // As one message: its rules are those of every text and value that libdbus is handed.
+  // Checked as one message, since libdbus aborts on ill-formed texts and values.
   Array parts{notification.name};
   if (notification.object) parts.emplace_back(*notification.object);
   if (!notification.userInfo.isNil()) parts.push_back(notification.userInfo);
@@ -138,7 +139,7 @@ std::optional<std::string> readText(DBusMessageIter* from) {
   return text;
 }
 
-// Nothing for what no centre of ours sends: whoever may post is the bus's business, not what.
+// std::nullopt for a signal in another format: the bus decides who may post, but not the content.
 std::optional<DistributedNotification> decode(DBusMessage& signal) {
   DBusMessageIter arguments;
   if (!dbus_message_is_signal(&signal, kInterface, kMember) ||
@@ -173,7 +174,7 @@ class BusNotificationCenter::Observer final : public Observation {
   }
 
  private:
-  std::shared_ptr<DistributedObservers::Entry> entry_;  // shared with a delivery under way
+  std::shared_ptr<DistributedObservers::Entry> entry_;  // shared with a running delivery
   std::string rule_;
   std::weak_ptr<BusNotificationCenter*> center_;
 };
@@ -200,7 +201,7 @@ BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string addr
 BusNotificationCenter::~BusNotificationCenter() = default;
 
 void BusNotificationCenter::connect() {
-  // Anybody may have filled the bus's backlog: connecting must not wait for its turn.
+  // Any program may fill the bus's backlog, so connecting must not wait for room in it.
   auto socket = connectToSocket(socketPath_, Duration::zero());
   if (!socket) return connectAfter(kRetryTime);
   auto connection = openOverSocket(*std::move(socket));
@@ -224,7 +225,7 @@ void BusNotificationCenter::connectAfter(Duration delay) {
 }
 
 void BusNotificationCenter::peerEnded() {
-  // What the bus sent before its end counts; it is delivered when its turn comes.
+  // Signals that the bus sent before its end count. They are delivered in their turn.
   do {
     keepSignals();
   } while (sources_->handleWithin(Duration::zero()) == DBusSources::Handled::kSome);
@@ -243,22 +244,23 @@ void BusNotificationCenter::keepSignals() {
 
 void BusNotificationCenter::lost() {
   if (connection_) keepSignals();
-  // Its end is dealt with here; when the stash's turn comes it would pass for the next one's.
+  // The end is handled here. If it stayed in the stash, it would later count as the end of the next
+  // bus.
   std::erase_if(stash_, isEndOfConnection);
   sources_.reset();
   connection_.reset();
-  // The next bus has the same socket, which is there already: whoever waits at it before the bus
-  // starts hears also what is posted first. One that ends us as soon as we come is given time.
+  // The next bus uses the same socket, which exists already. By connecting before the bus starts,
+  // we also hear the first posts. If the bus closes as soon as we register, wait before the retry.
   const bool wasRegistered = std::exchange(registered_, false);
   const bool hasLasted = wasRegistered && loop_.now() - connectedAt_ >= kRetryTime;
   mayHaveMissed_ = true;
   awaited_.clear();
-  loseEarlyPosts();
+  dropEarlyPosts();
   if (!stash_.empty()) dispatchLater();
   connectAfter(hasLasted ? Duration::zero() : kRetryTime);
 }
 
-void BusNotificationCenter::loseEarlyPosts() {
+void BusNotificationCenter::dropEarlyPosts() {
   earlyBytes_ = 0;
   for (const EarlyPost& post : std::exchange(early_, {})) {
     logLostPost(log_, post.name,
@@ -278,14 +280,14 @@ bool BusNotificationCenter::sayHello() {
   std::uint32_t serial = 0;
   if (!hello || !dbus_connection_send(connection_.get(), hello.get(), &serial)) return false;
   awaited_.emplace(serial, Awaited::kHello);
-  // Behind it in the bus's order, so that nothing that is posted after them is missed.
+  // The requests follow the Hello in the bus's order, so posts after them are not missed.
   for (const auto& [rule, users] : rules_) requestMatch(rule);
   return true;
 }
 
 void BusNotificationCenter::registered() {
   registered_ = true;
-  // Nothing goes into a connection that has ended: lost(), which is to come, says what is lost.
+  // Send nothing into a connection that has ended; lost() follows and logs the lost posts.
   if (!sources_ || hasEnded(sources_->descriptor())) return;
   for (const EarlyPost& post : early_)
     dbus_connection_send(connection_.get(), post.message.get(), nullptr);
@@ -304,7 +306,7 @@ std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCente
 
 void BusNotificationCenter::observe(const std::string& rule) {
   if (rules_[rule]++ > 0) return;
-  // One wait is enough for a bus that does not answer.
+  // If the bus does not answer, one wait is enough.
   const bool isAnswering = connection_ && !mayHaveMissed_;
   if (connection_ && requestMatch(rule) && isAnswering) waitForConfirmation();
   if (!registered_ || !awaited_.empty()) mayHaveMissed_ = true;
@@ -319,7 +321,7 @@ void BusNotificationCenter::forget(const std::string& rule) {
   const char* text = rule.c_str();
   if (!message ||
       !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID))
-    return;  // What comes for nobody is dropped.
+    return;  // Signals without an observer are dropped.
   dbus_message_set_no_reply(message.get(), 1);
   dbus_connection_send(connection_.get(), message.get(), nullptr);
 }
@@ -344,7 +346,8 @@ void BusNotificationCenter::waitForConfirmation() {
     if (awaited_.empty() || loop_.now() >= deadline) return;
     if (sources_->handleWithin(deadline - loop_.now()) == DBusSources::Handled::kNothingToWaitFor)
       return;
-    if (!dbus_connection_get_is_connected(connection_.get())) return;  // Its death is on its way.
+    // The connection's death is about to be delivered.
+    if (!dbus_connection_get_is_connected(connection_.get())) return;
   }
 }
 
@@ -371,7 +374,7 @@ Result<void> BusNotificationCenter::trySend(const DistributedNotification& notif
   if (!registered_) return queue({notification.name, *std::move(message)});
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
-  // It may be above the limit: the requests for signals are not held back.
+  // The limit may already be exceeded, because requests for signals are not held back.
   if (unsent >= kMaxUnsentNotificationBytes ||
       (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent))
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
@@ -400,7 +403,7 @@ void BusNotificationCenter::dispatch() {
   }
   if (!message) return;
   if (isEndOfConnection(message)) return lost();
-  // One at a time: what is more urgent comes in between.
+  // One message at a time, so that more urgent calls can run in between.
   if (sources_) {
     sources_->scheduleDispatch();
   } else if (!stash_.empty()) {
@@ -429,12 +432,12 @@ void BusNotificationCenter::handleReply(DBusMessage& reply) {
   } else if (what == Awaited::kHello) {
     registered();
   }
-  if (mayHaveMissed_ && registered_ && awaited_.empty()) tellOfReturn();
+  if (mayHaveMissed_ && registered_ && awaited_.empty()) reportReturn();
 }
 
-// Later: a reply may be looked at while an observer is being added, or when its bus has gone; then
-// the next bus's return is told.
-void BusNotificationCenter::tellOfReturn() {
+// Posted, because a reply may be handled while an observer is being added, or after its bus has
+// ended; in that case the return of the next bus is reported.
+void BusNotificationCenter::reportReturn() {
   mayHaveMissed_ = false;
   loop_.post([center = std::weak_ptr(alive_)] {
     const auto alive = center.lock();

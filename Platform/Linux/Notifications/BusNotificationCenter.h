@@ -18,16 +18,16 @@
 
 namespace platform {
 
-// Distributed notifications as signals on a D-Bus message bus, see the D-Bus specification's
-// "Message Bus". Path, interface and member are always the same; the arguments are
+// Distributed notifications as signals on a D-Bus message bus (see "Message Bus" in the D-Bus
+// specification). Path, interface and member are always the same. The arguments are
 //   STRING          the name, by which observers match
-//   ARRAY of STRING the object, none or one
-//   VARIANT         the user info; left out where there is none
+//   ARRAY of STRING the object: no element or one
+//   VARIANT         the user info; left out if there is none
 //
-// Whoever may send is the bus's policy; everybody may receive.
+// The policy of the bus decides who may send; everybody may receive.
 //
-// Connects and connects again on the loop for as long as it lives. While it is being made to wait
-// for the bus's answers posts are kept, up to a bound.
+// It connects and reconnects on the loop for as long as it lives. Until the bus has registered it,
+// posts are queued, up to a limit.
 class BusNotificationCenter final : public DistributedNotificationCenter {
  public:
   // See makeBusNotificationCenter() in NotificationBus.h.
@@ -59,11 +59,11 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   void peerEnded();
   void keepSignals();
   void lost();
-  void loseEarlyPosts();
+  void dropEarlyPosts();
   void dispatchLater();
   bool sayHello();
   void registered();
-  void tellOfReturn();
+  void reportReturn();
 
   void observe(const std::string& rule);
   void forget(const std::string& rule);
@@ -80,7 +80,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
 
   AsioRunLoop& loop_;
   const std::string address_;
-  const std::string socketPath_;  // empty where the address has none
+  const std::string socketPath_;  // empty if the address has none
   SystemLog& log_;
   const Duration confirmationTime_;
   const std::thread::id thread_ = std::this_thread::get_id();
@@ -89,21 +89,21 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   ReturnObservers returnObservers_;
   std::map<std::string, int> rules_;  // match rules and how many observers need each
 
-  // In the order in which they go: the sources before the connection that they drive.
+  // The order matters: the sources are destroyed before the connection that they drive.
   UniqueDBusConnection connection_;
   std::unique_ptr<DBusSources> sources_;
   Instant connectedAt_;  // of the connection, or of the last one
   bool registered_ = false;
-  // What was posted since may have passed the observers by: until the bus has confirmed them all.
+  // Observers may have missed posts, until the bus has confirmed the rules of all of them.
   bool mayHaveMissed_ = false;
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
   std::deque<EarlyPost> early_;               // posts that wait for the registration
   std::size_t earlyBytes_ = 0;
-  // Signals that came while a confirmation was waited for, or before the bus's end.
+  // Signals that arrived while we waited for a confirmation, or before the bus ended.
   std::deque<UniqueDBusMessage> stash_;
   std::unique_ptr<RunLoopHandle> retry_;
 
-  // Looked at by observations and by posts of other threads, which may outlive this.
+  // Checked by observations and by posts of other threads, which may outlive this.
   std::shared_ptr<BusNotificationCenter*> alive_;
 };
 

@@ -1,4 +1,4 @@
-// Buses that break off or stand still; working ones are among the end-to-end tests.
+// Buses that disconnect or hang. The end-to-end tests use working ones.
 
 #include <memory>
 #include <string>
@@ -66,12 +66,12 @@ TEST_F(BusNotificationCenterTest, PostsThatWaitForABusThatNeverComesAreLogged) {
                            testing::AllOf(HasSubstr("\"b\" was not posted"), HasSubstr(path_))));
 }
 
-// A bus of which it is said what it does when somebody says Hello. It reads while the loop runs.
-class StrangeBus {
+// A bus with a scripted reaction to Hello. It reads while the loop runs.
+class ScriptedBus {
  public:
   enum class AtHello { kAnswers, kAnswersAndCloses, kSaysNothing };
 
-  StrangeBus(AsioRunLoop& loop, const std::string& address, AtHello atHello)
+  ScriptedBus(AsioRunLoop& loop, const std::string& address, AtHello atHello)
       : loop_(loop), atHello_(atHello) {
     dbus_threads_init_default();
     DBusErrorText error;
@@ -80,7 +80,7 @@ class StrangeBus {
     dbus_server_set_new_connection_function(
         server_.get(),
         [](DBusServer*, DBusConnection* connection, void* self) {
-          static_cast<StrangeBus*>(self)->take(connection);
+          static_cast<ScriptedBus*>(self)->take(connection);
         },
         this, nullptr);
     sources_ = std::move(
@@ -89,10 +89,10 @@ class StrangeBus {
   }
 
   const std::vector<Instant>& hellos() const { return hellos_; }
-  // The bytes of each signal that came.
+  // The size in bytes of each signal received.
   const std::vector<std::size_t>& signalBytes() const { return signalBytes_; }
 
-  // What its only client has written and it has not read.
+  // The bytes that its only client has written and that it has not read.
   std::size_t unreadBytes() const {
     int socket = -1;
     int bytes = 0;
@@ -105,7 +105,7 @@ class StrangeBus {
  private:
   struct Client {
     UniqueDBusConnection connection;
-    std::unique_ptr<DBusSources> sources;  // Goes before the connection.
+    std::unique_ptr<DBusSources> sources;  // Destroyed before the connection.
   };
 
   void take(DBusConnection* connection) {
@@ -152,8 +152,8 @@ class StrangeBus {
   std::vector<std::size_t> signalBytes_;
 };
 
-TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsGivenTime) {
-  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
+TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsRetriedLater) {
+  ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswersAndCloses);
   connect();
   runUntil([&] { return bus.hellos().size() >= 2; });
   ASSERT_GE(bus.hellos().size(), 2u);
@@ -161,7 +161,7 @@ TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsGivenTime) {
 }
 
 TEST_F(BusNotificationCenterTest, EarlyPostsToABusThatClosesAfterItsHelloAreLogged) {
-  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
+  ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswersAndCloses);
   connect();
   post("a");
   post("b");
@@ -172,16 +172,16 @@ TEST_F(BusNotificationCenterTest, EarlyPostsToABusThatClosesAfterItsHelloAreLogg
 }
 
 TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloHasNotReturned) {
-  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswersAndCloses);
+  ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswersAndCloses);
   connect();
   int returns = 0;
   const auto observation = center_->observeReturn([&] { ++returns; });
-  // The second follows one that was lost, and has ended when the third comes.
+  // The second connection follows a lost one, and has ended when the third comes.
   runUntil([&] { return bus.hellos().size() >= 3; });
   EXPECT_EQ(returns, 0);
 }
 
-// As many messages of one size as the limit holds, for sizes around one that divides it.
+// Sends as many messages of one size as the limit holds, for sizes around a divisor of the limit.
 class UnsentNotificationsTest : public BusNotificationCenterTest {
  protected:
   static constexpr std::size_t kSize = kMaxUnsentNotificationBytes / 16;
@@ -191,7 +191,7 @@ class UnsentNotificationsTest : public BusNotificationCenterTest {
                                   Dictionary{{"key", std::string(textBytes, 'x')}},
                                   NSNotificationPosting::kThisSession);
   }
-  // How many are taken before one is refused, for this reason.
+  // Counts the posts before one is refused for this reason.
   std::size_t postUntilRefused(std::size_t bytes, const std::string& reason) {
     std::size_t taken = 0;
     const std::size_t before = sink_.texts().size();
@@ -199,8 +199,8 @@ class UnsentNotificationsTest : public BusNotificationCenterTest {
     EXPECT_THAT(sink_.texts().back(), testing::HasSubstr(reason));
     return taken;
   }
-  // Learns what a message takes beside its text, from one that arrives.
-  void startWith(StrangeBus& bus) {
+  // Measures the overhead of a message by one that arrives.
+  void startWith(ScriptedBus& bus) {
     connect();
     post(1000);
     runUntil([&] { return bus.signalBytes().size() == 1; });
@@ -210,12 +210,12 @@ class UnsentNotificationsTest : public BusNotificationCenterTest {
   std::size_t frame_ = 0;
 };
 
-TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotRead) {
+TEST_F(UnsentNotificationsTest, BytesForABusThatDoesNotReadAreLimited) {
   for (const std::size_t size : {kSize - 1, kSize, kSize + 1}) {
-    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+    ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswers);
     startWith(bus);
     const std::size_t taken = postUntilRefused(size, "does not read");
-    // What is not written to its end waits as a whole.
+    // A message counts as a whole until it is completely written.
     EXPECT_EQ(taken - bus.unreadBytes() / size, kMaxUnsentNotificationBytes / size) << size;
     runUntil([&] { return bus.signalBytes().size() == 1 + taken; });
     EXPECT_EQ(bus.signalBytes().back(), size);
@@ -223,12 +223,12 @@ TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotRead) {
   }
 }
 
-TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotLiftIt) {
-  StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotRaiseIt) {
+  ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswers);
   startWith(bus);
   const std::size_t smallest = frame_ + 1;
   postUntilRefused(smallest, "does not read");
-  // Asking for its signals, and no longer asking, is more than one of these posts.
+  // The requests to add and remove its rule are larger than one of these posts.
   std::ignore = center_->addObserver(
       "b", std::nullopt, [](const DistributedNotification&) {},
       NSNotificationSuspensionBehavior::kDeliverImmediately);
@@ -240,14 +240,14 @@ TEST_F(UnsentNotificationsTest, AnObserverAddedAtTheLimitDoesNotLiftIt) {
   }
 }
 
-TEST_F(UnsentNotificationsTest, SoManyBytesMayWaitForABusThatDoesNotAnswer) {
+TEST_F(UnsentNotificationsTest, BytesForABusThatDoesNotAnswerAreLimited) {
   {
-    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kAnswers);
+    ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswers);
     startWith(bus);
     center_.reset();
   }
   for (const std::size_t size : {kSize - 1, kSize, kSize + 1}) {
-    StrangeBus bus(*loop_, address_, StrangeBus::AtHello::kSaysNothing);
+    ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kSaysNothing);
     connect();
     runUntil([&] { return bus.hellos().size() == 1; });
     EXPECT_EQ(postUntilRefused(size, "does not answer"), kMaxUnsentNotificationBytes / size);

@@ -12,21 +12,21 @@
 
 namespace platform {
 
-// The bytes of a notification's name, object and user info as D-Bus lays them out, at most.
+// The limit of a notification's name, object and user info together, in the bytes of D-Bus.
 inline constexpr std::size_t kMaxNotificationBytes = std::size_t{64} * 1024;
-// What may wait for the bus to take it.
+// The limit of bytes that wait to be written to the bus.
 inline constexpr std::size_t kMaxUnsentNotificationBytes = std::size_t{1} << 20;
-// The longest rule by which the bus is asked for a name; it ends who sends a longer one.
+// The longest match rule. A bus disconnects clients that send a longer one.
 inline constexpr std::size_t kMaxMatchRuleBytes = 1024;
 
-// The D-Bus address of the bus that this platform's notifications go by: the configuration's, else
+// The D-Bus address of the bus that carries this platform's notifications: the configured one, else
 // the system bus.
 std::string notificationBusAddress(const PlatformConfiguration& configuration);
 
-// A centre on the message bus at `address`, as D-Bus writes a socket's path, for instance
-// "unix:path=/run/dbus/system_bus_socket"; any other is logged and has no bus. It connects, and
-// connects again, on the loop for as long as it lives; an observer is waited for as long as
-// `confirmationTime` at most. The loop and the log outlive it. Not to be destroyed by a handler.
+// A centre on the message bus at `address`, a socket's path in the syntax of D-Bus, for instance
+// "unix:path=/run/dbus/system_bus_socket". Any other address is logged and gives a centre without a
+// bus. It connects and reconnects on the loop for as long as it lives. Adding an observer blocks
+// for at most `confirmationTime`. The loop and the log outlive it. A handler must not destroy it.
 std::unique_ptr<DistributedNotificationCenter> makeBusNotificationCenter(
     AsioRunLoop& loop, std::string address, SystemLog& log,
     Duration confirmationTime = std::chrono::seconds(2));

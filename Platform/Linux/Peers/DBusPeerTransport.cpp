@@ -136,7 +136,7 @@ Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
   });
   if (!made) return std::unexpected(std::move(made.error()));
   auto listener = DBusPeerListener::create(loop_, std::move(server),
-                                           SocketName::nameless(std::move(made->birthplace)),
+                                           SocketName::nameless(std::move(made->bindFolder)),
                                            options, wrapping(std::move(onConnection)));
   if (!listener) return std::unexpected(std::move(listener.error()));
   return Anonymous{std::move(*listener), std::move(made->endpoint)};

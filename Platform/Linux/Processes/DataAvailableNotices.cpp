@@ -11,7 +11,7 @@ namespace platform {
 
 void DataAvailableNotices::wait(FileHandle& handle, Descriptor descriptor) {
   if (std::ranges::find(waiting_, &handle, &Waiting::handle) != waiting_.end()) return;
-  // Where the loop has no room for it, the waits of tasks still serve it.
+  // If the loop has no room for it, the waits of tasks still serve it.
   auto source = loop_.watchReadable(descriptor, Urgency::kOrdinary,
                                     [this, handle = &handle] { post(handle); });
   waiting_.push_back({&handle, descriptor, source ? std::move(*source) : nullptr});
@@ -23,8 +23,8 @@ void DataAvailableNotices::forget(const FileHandle& handle) {
 
 void DataAvailableNotices::post(FileHandle* handle) {
   const auto found = std::ranges::find(waiting_, handle, &Waiting::handle);
-  if (found == waiting_.end()) return;  // Another's notice has taken it away.
-  // Its source may be what calls this; it goes only when all is done.
+  if (found == waiting_.end()) return;  // The notice of another handle has removed it.
+  // The caller may be its source, so the source is destroyed only at the end.
   const Waiting one = std::move(*found);
   waiting_.erase(found);
   center_.post({NSFileHandleDataAvailableNotification, handle});

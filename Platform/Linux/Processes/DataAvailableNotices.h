@@ -9,8 +9,8 @@
 
 namespace platform {
 
-// Who waits to be told that his file handle has something to read. It is told while the run loop
-// runs, and in the waits of tasks, which do not run it. Belongs to the loop's thread.
+// File handles that wait for a notice that data is available. Notices are posted while the run loop
+// runs, and while a task waits without running it. Belongs to the loop's thread.
 class DataAvailableNotices {
  public:
   // Both outlive this.
@@ -20,12 +20,13 @@ class DataAvailableNotices {
 
   NotificationCenter& center() { return center_; }
 
-  // Posts one notice of `handle` when `descriptor` is readable; nothing new where it waits already.
+  // Posts one notice for `handle` when `descriptor` is readable. Does nothing if the handle waits
+  // already.
   void wait(FileHandle& handle, Descriptor descriptor);
-  // To be called before a handle goes.
+  // Call it before the handle is destroyed.
   void forget(const FileHandle& handle);
 
-  // Posts notices until `descriptor` is readable, which comes first where both are.
+  // Posts notices until `descriptor` is readable, which is checked first.
   void postUntilReadable(Descriptor descriptor);
 
  private:

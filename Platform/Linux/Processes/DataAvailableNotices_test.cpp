@@ -13,7 +13,7 @@
 namespace platform {
 namespace {
 
-// Notices outside of any task.
+// Notices without any task.
 class DataAvailableNoticesTest : public testing::Test {
  protected:
   std::unique_ptr<PipeHandle> pipe() {
@@ -51,7 +51,7 @@ TEST_F(DataAvailableNoticesTest, TheRunLoopPostsOneForEachWait) {
   EXPECT_EQ(posted_, 2);
 }
 
-TEST_F(DataAvailableNoticesTest, AtTheEndThereIsOneMore) {
+TEST_F(DataAvailableNoticesTest, TheEndIsNotifiedOnce) {
   const auto handle = pipe();
   handle->closeWriter();
   handle->waitForDataInBackgroundAndNotify();
@@ -63,7 +63,7 @@ TEST_F(DataAvailableNoticesTest, AtTheEndThereIsOneMore) {
   EXPECT_EQ(posted_, 1);
 }
 
-TEST_F(DataAvailableNoticesTest, AHandleThatGoesIsNotTold) {
+TEST_F(DataAvailableNoticesTest, ADestroyedHandleGetsNoNotice) {
   auto handle = pipe();
   write(*handle, 1);
   handle->waitForDataInBackgroundAndNotify();
@@ -72,7 +72,7 @@ TEST_F(DataAvailableNoticesTest, AHandleThatGoesIsNotTold) {
   EXPECT_EQ(posted_, 0);
 }
 
-TEST_F(DataAvailableNoticesTest, ReadingEndsWithWhatWasThereWhenItBegan) {
+TEST_F(DataAvailableNoticesTest, ReadingEndsWithTheDataThatWasThereAtItsStart) {
   const auto handle = pipe();
   write(*handle, 40'000);
   EXPECT_EQ(handle->availableData().size(), 40'000u);
@@ -82,7 +82,7 @@ TEST_F(DataAvailableNoticesTest, ReadingEndsWithWhatWasThereWhenItBegan) {
   EXPECT_EQ(handle->availableData().size(), 0u);
 }
 
-TEST_F(DataAvailableNoticesTest, AChunkIsWhatAPipeHoldsAtMost) {
+TEST_F(DataAvailableNoticesTest, AChunkIsAtMostThePipesCapacity) {
   const auto handle = pipe();
   ASSERT_GE(::fcntl(handle->writer(), F_SETPIPE_SZ, 256 * 1024), 0);
   write(*handle, PipeHandle::kMaximumChunk + 1);

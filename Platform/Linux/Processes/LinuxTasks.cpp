@@ -45,14 +45,14 @@ class SpawnTask final : public Task {
   const LinuxTasks::Options options_;
   std::string launchPath_;
   std::vector<std::string> arguments_;
-  std::string missing_;  // what launch() has to raise
+  std::string missing_;  // the reason that launch() raises
   std::unique_ptr<PipeHandle> output_;
   std::unique_ptr<PipeHandle> error_;
-  std::vector<std::shared_ptr<void>> kept_;  // of whoever asked for it, who may keep it too
+  std::vector<std::shared_ptr<void>> kept_;  // shared with the objects that asked for them
   bool launched_ = false;
   std::optional<int> status_;
-  std::unique_ptr<PipeReader> reader_;     // Goes before the handles,
-  std::optional<SpawnedProcess> process_;  // and the program before it.
+  std::unique_ptr<PipeReader> reader_;     // Destroyed before the handles,
+  std::optional<SpawnedProcess> process_;  // and the program before the reader.
 };
 
 void SpawnTask::makePipes() {
@@ -63,7 +63,7 @@ void SpawnTask::makePipes() {
     error_ = std::move(*error);
     return;
   }
-  // A handle without a pipe would be of no use to anybody.
+  // A handle without a pipe would be useless.
   missing_ = describe(output ? error.error() : output.error());
 }
 
@@ -85,7 +85,7 @@ Result<void, NSException> SpawnTask::launch() {
   launched_ = true;
   process_.emplace(std::move(*process));
   if (output_) {
-    // The program's copies alone now keep the pipes open.
+    // From now on only the program's copies keep the pipes open.
     output_->closeWriter();
     error_->closeWriter();
   }

@@ -13,9 +13,9 @@ namespace platform {
 class LinuxTasks final : public Tasks {
  public:
   struct Options {
-    // Whether file handles call readability handlers: this platform does from its release 10.7 on.
+    // Whether file handles call readability handlers, as this platform does from release 10.7 on.
     bool callsReadabilityHandlers = true;
-    // The soft limit of descriptors that programs get, where ours is another.
+    // The soft limit of descriptors for started programs, if it differs from ours.
     std::optional<std::uint64_t> descriptorLimit = std::nullopt;
   };
 

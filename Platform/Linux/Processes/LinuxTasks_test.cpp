@@ -80,7 +80,7 @@ class LinuxTasksTest : public testing::TestWithParam<bool> {
     return task;
   }
 
-  // Runs a shell script and collects its output by the way that the parameter says.
+  // Runs a shell script and collects its output in the way that the parameter selects.
   Outcome run(const std::string& script, std::vector<std::string> arguments = {}) {
     return run(*shell(script, std::move(arguments)));
   }
@@ -155,13 +155,13 @@ TEST_P(LinuxTasksTest, AChildThatFloodsBothPipesAtOnceIsCollectedWhole) {
 TEST_P(LinuxTasksTest, AChildThatClosesItsPipesEarlyIsWaitedForQuietly) {
   const std::string gate = pipeNamed("gate");
   const auto task = shell("echo before; exec >&- 2>&-; read line <\"$1\"; exit 5", {gate});
-  // Only once the child has nothing open any more does it get on.
+  // The script continues only after the child has closed all its files.
   std::thread opener([&] { std::ofstream(gate) << "go\n"; });
   const Outcome outcome = run(*task);
   opener.join();
   EXPECT_EQ(outcome.status, 5);
   EXPECT_EQ(outcome.output, "before\n");
-  // What was written, and the end; not one after the other for as long as the child lives.
+  // One for the data and one for the end, but no endless series while the child lives.
   EXPECT_LE(outcome.notices, 3);
 }
 
@@ -175,7 +175,7 @@ TEST_P(LinuxTasksTest, AGrandchildThatHoldsThePipesIsNotWaitedFor) {
   std::ofstream(gate) << "go\n";
 }
 
-// It is ended by its pipe when nobody reads it any more.
+// SIGPIPE ends it when nobody reads its pipe any more.
 TEST_P(LinuxTasksTest, AGrandchildThatWritesForEverIsNotWaitedFor) {
   const Outcome outcome = run("yes & exit 3");
   EXPECT_EQ(outcome.status, 3);
@@ -193,7 +193,7 @@ TEST_P(LinuxTasksTest, ASignalsNumberIsTheStatusWithWhatWasWrittenBefore) {
   }
 }
 
-TEST_P(LinuxTasksTest, SignalsAreAsANewProgramFindsThem) {
+TEST_P(LinuxTasksTest, SignalsHaveTheStateOfANewProgram) {
   sigset_t blocked;
   sigset_t before;
   ::sigemptyset(&blocked);
@@ -203,20 +203,20 @@ TEST_P(LinuxTasksTest, SignalsAreAsANewProgramFindsThem) {
   const Outcome outcome = run("grep -E '^Sig(Blk|Ign)' /proc/self/status");
   std::signal(SIGPIPE, ignored);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  // Signal 32 and above are the C library's own business.
+  // The C library uses signals 32 and above itself.
   EXPECT_THAT(outcome.output, testing::MatchesRegex("SigBlk:\t0{16}\nSigIgn:\t0{7}.[08]0{7}\n"));
 }
 
-TEST_P(LinuxTasksTest, OfDescriptorsAChildGetsTheStandardOnesAlone) {
-  // One that stays open in other programs.
+TEST_P(LinuxTasksTest, AChildGetsOnlyTheStandardDescriptors) {
+  // A descriptor that stays open in executed programs.
   const int kept = ::fcntl(STDERR_FILENO, F_DUPFD, 100);
   const Outcome outcome = run("for f in /proc/$$/fd/*; do echo ${f##*/}; done");
   ::close(kept);
-  EXPECT_EQ(outcome.output, "0\n1\n2\n3\n");  // The last is what lists them.
+  EXPECT_EQ(outcome.output, "0\n1\n2\n3\n");  // The last is the one that lists them.
 }
 
 TEST_P(LinuxTasksTest, NoRunLeavesADescriptorOrAChild) {
-  run("exit 0");  // What the C library opens on the way.
+  run("exit 0");  // Lets the C library open its own descriptors first.
   const std::size_t before = openDescriptors();
   run("echo x; exit 1");
   run("kill -9 $$");
@@ -242,7 +242,7 @@ TEST_P(LinuxTasksTest, ATaskThatIsDestroyedEndsItsProgram) {
   EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST_P(LinuxTasksTest, WhatIsNoProgramIsNotAccessible) {
+TEST_P(LinuxTasksTest, AFileThatIsNoProgramIsNotAccessible) {
   const std::string text = folder_.write("text", "no program");
   const std::string empty = folder_.write("nothing", "");
   ASSERT_EQ(::chmod(empty.c_str(), 0755), 0);
@@ -256,7 +256,7 @@ TEST_P(LinuxTasksTest, WhatIsNoProgramIsNotAccessible) {
   }
 }
 
-TEST_P(LinuxTasksTest, ArgumentsThatNoProgramCanGetAreRaised) {
+TEST_P(LinuxTasksTest, ImpossibleArgumentsRaise) {
   const auto refused = [&](std::string argument) {
     const auto task = shell("exit 0", {std::move(argument)});
     const auto launched = task->launch();
@@ -266,8 +266,8 @@ TEST_P(LinuxTasksTest, ArgumentsThatNoProgramCanGetAreRaised) {
   EXPECT_EQ(refused(std::string(3'000'000, 'x')), "/bin/sh: Argument list too long");
 }
 
-#ifndef __SANITIZE_ADDRESS__  // Its checks need descriptors themselves.
-TEST_P(LinuxTasksTest, WithoutDescriptorsTheLaunchIsRaised) {
+#ifndef __SANITIZE_ADDRESS__  // The sanitizer needs descriptors itself.
+TEST_P(LinuxTasksTest, WithoutDescriptorsTheLaunchRaises) {
   rlimit original{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
   const std::size_t before = openDescriptors();
@@ -314,7 +314,7 @@ TEST_P(LinuxTasksTest, ASoftLimitOfDescriptorsIsHandedOn) {
 }
 
 TEST_P(LinuxTasksTest, WithoutStandardFilesOfItsOwnAProgramStillGivesThemToItsChild) {
-  // In a child, since the test's own are needed.
+  // A child does it, because the test needs its own standard files.
   const pid_t child = ::fork();
   if (child == 0) {
     for (const int standard : {0, 1, 2}) ::close(standard);

@@ -18,7 +18,7 @@ namespace {
 
 std::optional<ExitStatus> reapIfOurs(int pidfd) {
   siginfo_t info{};
-  // __WALL: a child made by clone() without SIGCHLD is ours all the same.
+  // __WALL also reaps children that clone() made without SIGCHLD.
   const int result = retryOnInterrupt([&] {
     return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | __WALL);
   });
@@ -27,7 +27,7 @@ std::optional<ExitStatus> reapIfOurs(int pidfd) {
   return ExitStatus{ExitStatus::Kind::kSignalled, info.si_status};
 }
 
-// A process that can be waited for.
+// Watches a process that still exists.
 class PidfdWatch final : public RunLoopHandle {
  public:
   static Result<std::unique_ptr<RunLoopHandle>> create(RunLoop& loop, const std::string& what,
@@ -50,7 +50,7 @@ class PidfdWatch final : public RunLoopHandle {
  private:
   void ended() {
     const std::optional<ExitStatus> status = reapIfOurs(pidfd_.get());
-    // A handle may be kept for long after its process: nothing but the handle is left of it.
+    // A handle may be kept long after its process has ended, so free everything else.
     source_.reset();
     pidfd_.reset();
     ExitWatcher::Callback onExit = std::move(onExit_);  // It may destroy this watch while it runs.
@@ -59,10 +59,10 @@ class PidfdWatch final : public RunLoopHandle {
 
   UniqueFd pidfd_;
   ExitWatcher::Callback onExit_;
-  std::unique_ptr<RunLoopHandle> source_;  // Goes before the descriptor.
+  std::unique_ptr<RunLoopHandle> source_;  // Destroyed before the descriptor.
 };
 
-// A process that had gone before it was watched.
+// Stands for a process that ended before it was watched.
 class GoneWatch final : public RunLoopHandle {
  public:
   GoneWatch(RunLoop& loop, ExitWatcher::Callback onExit)
@@ -71,7 +71,7 @@ class GoneWatch final : public RunLoopHandle {
         [alive = std::weak_ptr(onExit_)] {
           const auto held = alive.lock();
           if (!held) return;
-          // A handle may be kept for long after its process, and with it what the callback holds.
+          // A handle may be kept long after its process; free what the callback holds.
           ExitWatcher::Callback onExit = std::move(*held);
           onExit(std::nullopt);
         },
@@ -79,7 +79,7 @@ class GoneWatch final : public RunLoopHandle {
   }
 
  private:
-  // Shared with the post for as long as it looks whether the watch still stands.
+  // Shared with the post, which checks whether the watch still exists.
   std::shared_ptr<ExitWatcher::Callback> onExit_;
 };
 
@@ -97,10 +97,10 @@ Result<std::unique_ptr<RunLoopHandle>> PidfdExitWatcher::watchExit(ProcessId pro
   switch (error.osError) {
     case ESRCH:
       return std::make_unique<GoneWatch>(loop_, std::move(onExit));
-    case EINVAL:  // Which of the two depends on the kernel.
+    case EINVAL:  // The kernel's version decides which of the two it is.
     case ENOENT:
-      // Either the number is that of a thread, or of a process that has gone while its group, or
-      // the call for it, still uses the number.
+      // The number belongs to a thread, or to a process that has ended while its group or this very
+      // call still uses the number.
       if (isGone(process)) return std::make_unique<GoneWatch>(loop_, std::move(onExit));
       error.code = ErrorCode::kInvalid;
       break;

@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// One pidfd for each watched process, held from watchExit() until its end: the number can't come to
-// mean another process meanwhile, and the process need not be ours.
+// One pidfd for each watched process, held from watchExit() until its end. So the number can't come
+// to mean another process, and the process need not be a child.
 class PidfdExitWatcher final : public ExitWatcher {
  public:
   // `loop` outlives this and its watches.

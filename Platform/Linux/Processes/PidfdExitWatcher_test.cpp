@@ -24,9 +24,10 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 namespace platform {
 namespace {
 
-// SIGUSR1 with an exit code, blocked from before the fork so that it can't come too early.
+// SIGUSR1 with an exit code ends the process. It is blocked before the fork, so that it can't come
+// too early.
 [[noreturn]] void liveUntilTold() {
-  ::alarm(150);  // Should the test program crash.
+  ::alarm(150);  // In case the test program crashes.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGUSR1);
@@ -68,7 +69,7 @@ class RealProcesses final : public ExitWatcherHarness {
     return child;
   }
 
-  // A grandchild whose parent has gone.
+  // A grandchild whose parent has ended.
   ProcessId startForeignProcess() override {
     int ends[2];
     EXPECT_EQ(::pipe(ends), 0);
@@ -166,8 +167,8 @@ class PidfdExitWatcherTest : public testing::Test {
   RealProcesses processes_;
 };
 
-// Old kernels and new ones differ in what they say of a number that only a process group has left.
-TEST_F(PidfdExitWatcherTest, AProcessWhoseGroupOutlivesItHasGone) {
+// Kernels differ in their errno for a number that only a process group still uses.
+TEST_F(PidfdExitWatcherTest, AProcessWhoseGroupOutlivesItHasEnded) {
   const ProcessId leader = processes_.startChild();
   const ProcessId member = processes_.startChild();
   ASSERT_EQ(::setpgid(leader, 0), 0);

@@ -13,7 +13,7 @@
 namespace platform {
 namespace {
 
-// A descriptor that is one of the standard files would be overwritten in the program to come.
+// The started program would overwrite a descriptor with the number of a standard file.
 UniqueFd aboveStandardFiles(UniqueFd descriptor) {
   if (!descriptor || descriptor.get() > STDERR_FILENO) return descriptor;
   return UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
@@ -31,14 +31,14 @@ Result<std::unique_ptr<PipeHandle>> PipeHandle::create(DataAvailableNotices& not
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return std::unexpected(systemError("a pipe"));
   std::unique_ptr<PipeHandle> handle(new PipeHandle(notices, callsHandlers));
-  // Both are owned before one is moved: its old number must not be given to the other.
+  // Both ends are owned before one is moved: its old number must not be given to the other.
   UniqueFd reader(ends[0]);
   UniqueFd writer(ends[1]);
   handle->reader_ = aboveStandardFiles(std::move(reader));
   if (!handle->reader_) return std::unexpected(systemError("a pipe"));
   handle->writer_ = aboveStandardFiles(std::move(writer));
   if (!handle->writer_) return std::unexpected(systemError("a pipe"));
-  // Of this end alone: the program's own does wait.
+  // Only this end is non-blocking; the program's end blocks.
   if (::fcntl(handle->reader(), F_SETFL, O_NONBLOCK) != 0) {
     return std::unexpected(systemError("a pipe"));
   }
@@ -83,7 +83,7 @@ void PipeHandle::callHandler() {
 
 void PipeHandle::callHandlerForTheRest() {
   left_ = held();
-  // Counted, since a handler need not read.
+  // The calls are counted, because a handler need not read.
   for (std::size_t calls = *left_ / kMaximumChunk + 1; calls > 0 && left_.value_or(0) > 0;
        --calls) {
     handler_(*this);

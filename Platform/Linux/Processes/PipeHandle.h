@@ -9,14 +9,15 @@
 
 namespace platform {
 
-// A pipe for a program's output. The reading end is a file handle; the other goes to the program.
+// A pipe for a program's output. The reading end is a file handle, the writing end goes to the
+// program.
 class PipeHandle final : public FileHandle {
  public:
-  // How much one call reads: what a pipe of the usual size holds.
+  // The most that one call reads: the capacity of a pipe by default.
   static constexpr std::size_t kMaximumChunk = 64 * 1024;
 
-  // Neither end is one of the standard files, also where this program has none. Fails with the
-  // system's own error. `notices` outlives it.
+  // Neither end is a standard file, even if this program has none. Fails with the system's error.
+  // `notices` outlives it.
   static Result<std::unique_ptr<PipeHandle>> create(DataAvailableNotices& notices,
                                                     bool callsHandlers);
   PipeHandle(const PipeHandle&) = delete;
@@ -33,9 +34,9 @@ class PipeHandle final : public FileHandle {
   void closeWriter() { writer_.reset(); }
 
   bool hasHandler() const { return handler_ != nullptr; }
-  // Calls the handler for what is there now.
+  // Calls the handler for the data that is there now.
   void callHandler();
-  // Calls it as often as what is there now takes.
+  // Calls the handler as often as the data that is there now requires.
   void callHandlerForTheRest();
 
  private:
@@ -49,8 +50,8 @@ class PipeHandle final : public FileHandle {
   UniqueFd reader_;
   UniqueFd writer_;
   ReadabilityHandler handler_;
-  std::optional<std::size_t> left_;  // of what was there when the reading began
-  bool ended_ = false;               // availableData() has met the end
+  std::optional<std::size_t> left_;  // of the data that was there when reading began
+  bool ended_ = false;               // availableData() has reached the end
 };
 
 }  // namespace platform

@@ -41,7 +41,7 @@ void PipeReader::run(std::vector<PipeHandle*> handles) {
     if (entries.back().revents != 0) return;
     for (std::size_t i = 0; i < handles.size(); ++i) {
       if (entries[i].revents == 0) continue;
-      // At its end a pipe stays ready for ever; a negative number is not looked at.
+      // A pipe stays ready at its end; poll() ignores a negative number.
       if ((entries[i].revents & POLLIN) == 0) {
         entries[i].fd = -1;
         --open;

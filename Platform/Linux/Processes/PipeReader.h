@@ -11,12 +11,12 @@ namespace platform {
 // A thread that calls the readability handlers of a task's handles.
 class PipeReader {
  public:
-  // Starts at once with those of the handles that have a handler. They outlive it. Fails where the
+  // Starts at once, with those handles that have a handler. The handles outlive it. Fails if the
   // system has no thread or no descriptor left.
   static Result<std::unique_ptr<PipeReader>> start(std::vector<PipeHandle*> handles);
   PipeReader(const PipeReader&) = delete;
   PipeReader& operator=(const PipeReader&) = delete;
-  // Ends with the call of a handler that is under way.
+  // Blocks until a running handler returns.
   ~PipeReader();
 
  private:

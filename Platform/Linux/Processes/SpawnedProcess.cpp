@@ -19,8 +19,8 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 namespace platform {
 namespace {
 
-// posix_spawn's two descriptions of what happens before the program runs. Their functions return
-// the system's number; only memory can lack.
+// The actions and attributes of posix_spawn(). Their functions return an errno and fail only
+// without memory.
 class SpawnPlan {
  public:
   SpawnPlan() {
@@ -83,8 +83,8 @@ bool isThePathsFault(int number) {
 
 bool argumentHoldsZeroByte(const std::string& text) { return text.find('\0') != std::string::npos; }
 
-// It may be running already, but no program opens a thousand files in its first moments. One of
-// another user (its file says so) keeps ours.
+// The program may be running already, but no program opens a thousand files in its first moments. A
+// program that runs as another user (set-user-ID) keeps our limit.
 void setDescriptorLimit(pid_t child, std::uint64_t limit) {
   rlimit limits{};
   if (::prlimit(child, RLIMIT_NOFILE, nullptr, &limits) != 0) return;
@@ -119,7 +119,7 @@ Result<SpawnedProcess> SpawnedProcess::spawn(const std::string& path,
     const auto code = isThePathsFault(failure) ? ErrorCode::kInvalid : ErrorCode::kSystem;
     return std::unexpected(Error{code, failure, path});
   }
-  // Not reaped yet, so the number is this child's.
+  // The child has not been reaped, so the number is still its own.
   UniqueFd pidfd(::pidfd_open(child, 0));
   if (!pidfd) {
     Error error = systemError(path + ": a descriptor to wait for it");

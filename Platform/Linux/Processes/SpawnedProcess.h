@@ -10,7 +10,7 @@
 
 namespace platform {
 
-// A child, held until it is reaped. Destroyed before that it is killed.
+// A child process, held until it is reaped. The destructor kills one that has not been reaped.
 class SpawnedProcess {
  public:
   struct Outputs {
@@ -18,11 +18,11 @@ class SpawnedProcess {
     int standardError;
   };
 
-  // Runs the program at `path`, which also is its first argument. Nobody's descriptors but the
-  // standard ones get there: an empty input, and `outputs` or this program's own. Signals are as a
-  // new program finds them. With `descriptorLimit` it gets that soft limit in place of ours.
+  // Runs the program at `path`, which is also its first argument. It inherits only the standard
+  // descriptors: an empty input, and `outputs` or this program's own. Its signals have the state of
+  // a new program. `descriptorLimit` is its soft limit in place of ours.
   //
-  // Fails with the system's number; kInvalid where it is the path that can't be run.
+  // Fails with the system's errno, and with kInvalid if the program at `path` can't be run.
   static Result<SpawnedProcess> spawn(const std::string& path, std::vector<std::string> arguments,
                                       std::optional<Outputs> outputs,
                                       std::optional<std::uint64_t> descriptorLimit);
@@ -31,11 +31,11 @@ class SpawnedProcess {
   SpawnedProcess& operator=(SpawnedProcess&&) = delete;
   ~SpawnedProcess();
 
-  // Readable once it has ended.
+  // Readable once the process has ended.
   int descriptor() const { return pidfd_.get(); }
 
-  // Waits for its end. The exit status, or the number of the signal; nothing where somebody else
-  // has reaped it. To be called once.
+  // Blocks until the process ends. Returns the exit status or the number of the signal;
+  // std::nullopt if somebody else has reaped it. Call it once.
   std::optional<int> reap();
 
  private:

@@ -12,7 +12,7 @@ namespace platform {
 
 namespace {
 
-// What a turn may call of the sources before the timers and posts have theirs.
+// The most sources that one turn calls before timers and posts run.
 constexpr int kSourcesPerTurn = 16;
 
 std::size_t indexOf(Urgency urgency) { return static_cast<std::size_t>(urgency); }
@@ -50,8 +50,8 @@ AsioRunLoop::AsioRunLoop(EpollSet urgent, EpollSet ordinary)
 }
 
 AsioRunLoop::~AsioRunLoop() {
-  // While everything still stands: a callback may hold timers and sources of this loop, and may
-  // post once more when it goes.
+  // Drop the posts while all members still exist: a callback may own timers and sources of this
+  // loop, and its destructor may post again.
   for (auto& queue : posts_) {
     while (queue.pop()) {
     }
@@ -110,7 +110,7 @@ bool AsioRunLoop::callUrgent() {
     return true;
   }
   if (urgent_.callCollected(Urgency::kProcessExit)) return true;
-  // An exit may have happened since the last look, so before each death there is another one.
+  // An exit may have happened since the last check, so check again before each death.
   urgent_.collect();
   if (urgent_.callCollected(Urgency::kProcessExit)) return true;
   if (auto callback = posts_[indexOf(Urgency::kConnectionDeath)].pop()) {
@@ -134,7 +134,7 @@ void AsioRunLoop::servePosts() {
   awake_ = false;
   deliverUrgent();
   HandOverQueue<Callback>& posts = posts_[indexOf(Urgency::kOrdinary)];
-  // Those that are posted meanwhile wait for the next turn, so that the sources get theirs.
+  // Calls posted meanwhile wait for the next turn, so that the sources get theirs.
   for (std::size_t left = posts.size(); left > 0 && !stopping_; --left) {
     auto callback = posts.pop();
     assert(callback);
@@ -148,7 +148,7 @@ void AsioRunLoop::servePosts() {
 }
 
 void AsioRunLoop::serveTimers() {
-  // Those that fall due meanwhile wait for the next turn, so that the sources get theirs.
+  // Timers that fall due meanwhile wait for the next turn, so that the sources get theirs.
   const Instant limit = now();
   for (;;) {
     deliverUrgent();
@@ -175,7 +175,7 @@ void AsioRunLoop::awaitUrgent() {
 }
 
 void AsioRunLoop::awaitSources() {
-  // Waiting anew reports what is readable already, so what this turn left over is not lost.
+  // A new wait reports readable descriptors again, so those that this turn left over are not lost.
   ordinaryReady_.async_wait(asio::posix::stream_descriptor::wait_read,
                             [this](std::error_code error) {
                               if (!error) serveSources();
@@ -185,7 +185,7 @@ void AsioRunLoop::awaitSources() {
 void AsioRunLoop::awaitTimer() {
   if (timers_.empty()) return;
   const Instant due = timers_.earliest().due;
-  if (alarmAt_ && *alarmAt_ <= due) return;  // It comes early enough and looks again.
+  if (alarmAt_ && *alarmAt_ <= due) return;  // The earlier alarm calls this again.
   alarmAt_ = due;
   alarm_.expires_at(std::chrono::steady_clock::time_point(due.time_since_epoch()));
   alarm_.async_wait([this](std::error_code error) {

@@ -20,12 +20,12 @@ namespace platform {
 
 // The run loop on an io_context of Asio.
 //
-// Asio waits, for the earliest timer, for posts and for two sets of descriptors, the urgent and the
-// ordinary. Which of them is ready the loop asks the sets itself: Asio could not tell whether an
-// exit has already happened without running what else is ready first.
+// Asio waits for the earliest timer, for posts and for two sets of descriptors, the urgent and the
+// ordinary ones. The loop itself asks the sets which descriptors are ready: Asio could not tell
+// whether an exit has happened without first running other ready handlers.
 class AsioRunLoop final : public RunLoop {
  public:
-  // Fails with kExhausted when the system has no descriptors left.
+  // Fails with kExhausted if the system has no descriptors left.
   static Result<std::unique_ptr<AsioRunLoop>> create();
 
   AsioRunLoop(const AsioRunLoop&) = delete;
@@ -43,12 +43,12 @@ class AsioRunLoop final : public RunLoop {
   void stop() override;
   void sleepFor(Duration duration) override;
 
-  // For what else in this folder waits with Asio on this loop. Handlers that run on it must do no
-  // more than post(): only the loop's own calls keep the order of urgencies.
+  // For other code that waits with Asio on this loop. Its handlers may only call post(), because
+  // only the loop's own calls keep the order of urgencies.
   asio::io_context& context() { return io_; }
 
  private:
-  // Throws what Asio's constructors throw.
+  // Throws what the constructors of Asio throw.
   AsioRunLoop(EpollSet urgent, EpollSet ordinary);
 
   bool callUrgent();
@@ -67,7 +67,7 @@ class AsioRunLoop final : public RunLoop {
   bool running_ = false;
 
   std::array<HandOverQueue<Callback>, 3> posts_;  // by Urgency
-  std::atomic<bool> awake_ = false;               // servePosts() is on its way
+  std::atomic<bool> awake_ = false;               // servePosts() is scheduled
 
   ReadableSources urgent_;
   ReadableSources ordinary_;

@@ -15,7 +15,7 @@ std::unique_ptr<RunLoop> makeLoop() {
 
 INSTANTIATE_TEST_SUITE_P(Asio, RunLoopContract, testing::Values(&makeLoop));
 
-#ifndef __SANITIZE_ADDRESS__  // It comes with a check of types that needs descriptors itself.
+#ifndef __SANITIZE_ADDRESS__  // Its check of types needs descriptors itself.
 TEST(AsioRunLoopTest, WithoutDescriptorsCreatingFailsAndLeavesNothingBehind) {
   rlimit original{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
@@ -32,11 +32,11 @@ TEST(AsioRunLoopTest, WithoutDescriptorsCreatingFailsAndLeavesNothingBehind) {
     EXPECT_EQ(openDescriptors(), before);
     ++refused;
   }
-  EXPECT_GE(refused, 4);  // Two sets of the loop's own, two descriptors of Asio's.
+  EXPECT_GE(refused, 4);  // Two sets of the loop, two descriptors of Asio.
 }
 #endif
 
-// Past 2020, so not the time since the machine's start.
+// The time is later than 2020, so it is not the time since the machine's start.
 TEST(AsioRunLoopTest, TheWallTimeIsCivilTime) {
   const auto loop = AsioRunLoop::create();
   ASSERT_TRUE(loop);

@@ -16,18 +16,18 @@
 namespace platform {
 namespace {
 
-// While it lives, threads that this one makes run under SCHED_BATCH. Under any other policy than
-// the usual one, which somebody has chosen, it does nothing.
-class MakingBatchThreads {
+// While it lives, threads that this thread makes run under SCHED_BATCH. It does nothing if the
+// thread has another policy than SCHED_OTHER, because somebody chose it.
+class BatchThreadScope {
  public:
-  MakingBatchThreads() {
+  BatchThreadScope() {
     const sched_param none{};
     isUsual_ = ::sched_getscheduler(0) == SCHED_OTHER;
     if (isUsual_) ::sched_setscheduler(0, SCHED_BATCH, &none);
   }
-  MakingBatchThreads(const MakingBatchThreads&) = delete;
-  MakingBatchThreads& operator=(const MakingBatchThreads&) = delete;
-  ~MakingBatchThreads() {
+  BatchThreadScope(const BatchThreadScope&) = delete;
+  BatchThreadScope& operator=(const BatchThreadScope&) = delete;
+  ~BatchThreadScope() {
     const sched_param none{};
     if (isUsual_) ::sched_setscheduler(0, SCHED_OTHER, &none);
   }
@@ -42,7 +42,7 @@ class AsioSerialQueues::Pool {
  public:
   explicit Pool(std::size_t threads) : threads_(threads) {}
 
-  // Whether `work` will run on one of the threads; it does not when they are about to end.
+  // Whether `work` will run on one of the threads. It does not once the pool shuts down.
   template <typename Work>
   bool post(Work work) {
     const std::lock_guard lock(mutex_);
@@ -58,7 +58,7 @@ class AsioSerialQueues::Pool {
       const std::lock_guard lock(mutex_);
       closed_ = true;
     }
-    threads_.join();  // Returns when all that was posted has run.
+    threads_.join();  // Returns when all posted work has run.
   }
 
  private:
@@ -67,8 +67,8 @@ class AsioSerialQueues::Pool {
   asio::thread_pool threads_;
 };
 
-// At any moment either nobody, or one thread (`runner_`), runs the queue's blocks; a turn on the
-// pool is on its way (`scheduled_`) whenever blocks wait and nobody runs them.
+// At any moment at most one thread (`runner_`) runs the queue's blocks. While blocks wait and no
+// thread runs them, a turn on the pool is scheduled (`scheduled_`).
 class AsioSerialQueues::Queue final : public SerialQueue,
                                       public std::enable_shared_from_this<Queue> {
  public:
@@ -86,9 +86,9 @@ class AsioSerialQueues::Queue final : public SerialQueue,
   }
 
   void sync(Block block) override {
-    const auto self = shared_from_this();  // The block may let go of the caller's.
+    const auto self = shared_from_this();  // The block may drop the caller's reference.
     std::unique_lock lock(mutex_);
-    // The block would wait for the end of the block that waits for it.
+    // A block that submits to its own queue and waits would deadlock.
     if (runner_ == std::this_thread::get_id()) std::abort();
     if (isIdle()) return runHere(block, lock);
     std::promise<void> done;
@@ -96,7 +96,7 @@ class AsioSerialQueues::Queue final : public SerialQueue,
       block();
       done.set_value();
     });
-    // A pool whose threads all wait like this one would never come to the blocks before ours.
+    // If all threads of the pool wait like this one, none would ever run the blocks before ours.
     if (runner_ == std::thread::id() && pool_->isCurrentThreadOurs()) run(blocks_.size(), lock);
     schedule(lock);
     if (lock.owns_lock()) lock.unlock();
@@ -104,7 +104,7 @@ class AsioSerialQueues::Queue final : public SerialQueue,
   }
 
   bool trySync(Block& block) override {
-    const auto self = shared_from_this();  // The block may let go of the caller's.
+    const auto self = shared_from_this();  // The block may drop the caller's reference.
     std::unique_lock lock(mutex_);
     if (!isIdle()) return false;
     runHere(block, lock);
@@ -116,7 +116,7 @@ class AsioSerialQueues::Queue final : public SerialQueue,
  private:
   bool isIdle() const { return runner_ == std::thread::id() && blocks_.empty(); }
 
-  // Runs a block of an idle queue on this thread. May let go of the lock.
+  // Runs a block of an idle queue on this thread. May release the lock.
   void runHere(Block& block, std::unique_lock<std::mutex>& lock) {
     runner_ = std::this_thread::get_id();
     lock.unlock();
@@ -126,11 +126,11 @@ class AsioSerialQueues::Queue final : public SerialQueue,
     schedule(lock);
   }
 
-  // Sees to it that waiting blocks are run. May let go of the lock.
+  // Ensures that waiting blocks will run. May release the lock.
   void schedule(std::unique_lock<std::mutex>& lock) {
     while (!blocks_.empty() && runner_ == std::thread::id() && !scheduled_) {
       scheduled_ = true;
-      // The turn holds the queue: it may be all that does.
+      // The turn keeps the queue alive; there may be no other reference.
       if (pool_->post([self = shared_from_this()] { self->turn(); })) return;
       scheduled_ = false;
       run(kBlocksPerTurn, lock);
@@ -140,7 +140,8 @@ class AsioSerialQueues::Queue final : public SerialQueue,
   void turn() {
     std::unique_lock lock(mutex_);
     scheduled_ = false;
-    if (runner_ != std::thread::id()) return;  // It looks for waiting blocks when it is done.
+    // The runner checks for waiting blocks when it is done.
+    if (runner_ != std::thread::id()) return;
     run(kBlocksPerTurn, lock);
     schedule(lock);
   }
@@ -159,7 +160,7 @@ class AsioSerialQueues::Queue final : public SerialQueue,
     runner_ = {};
   }
 
-  const std::shared_ptr<Pool> pool_;  // Shared with the other queues and their maker.
+  const std::shared_ptr<Pool> pool_;  // Shared with the other queues and with AsioSerialQueues.
   const std::string label_;
   QueueContext context_{nullptr, [](void*) {}};
 
@@ -171,8 +172,8 @@ class AsioSerialQueues::Queue final : public SerialQueue,
 
 AsioSerialQueues::AsioSerialQueues(std::size_t threads, Work work) {
   assert(threads > 0);
-  std::optional<MakingBatchThreads> batch;
-  if (work == Work::kBehindOthers) batch.emplace();
+  std::optional<BatchThreadScope> batch;
+  if (work == Work::kBackground) batch.emplace();
   pool_ = std::make_shared<Pool>(threads);
 }
 

@@ -10,26 +10,26 @@ namespace platform {
 
 // Serial queues on a thread pool of Asio.
 //
-// They take turns: a queue that never runs out of blocks, as one whose blocks submit the next ones,
-// leaves its thread to the queues that wait after kBlocksPerTurn of them, and goes on behind those.
-// Who wants others to be served during long work therefore submits it block by block.
+// The queues take turns: after kBlocksPerTurn blocks a queue that still has some lets the waiting
+// queues run and continues after them. Long work that shall not block other queues therefore is to
+// be submitted in many blocks, each of which submits the next.
 //
-// A queue may outlive this: from the moment this is being destroyed its blocks run on the threads
-// that submit them, still one at a time and in order, and without turns: blocks that submit the
-// next ones without an end keep this from ending. Not to be destroyed on a thread of the pool.
+// A queue may outlive this. As soon as the destructor starts, blocks run on the threads that submit
+// them, still one at a time and in order, but without turns: blocks that submit the next ones
+// without end keep the destructor from returning. Do not destroy it on a thread of the pool.
 class AsioSerialQueues final : public SerialQueues {
  public:
   static constexpr std::size_t kBlocksPerTurn = 64;
 
-  // What the threads' work is to those who submit it.
+  // The scheduling of the threads.
   enum class Work {
-    kAwaited,       // done as soon as the threads of this process do theirs
-    kBehindOthers,  // never at the price of the thread that submits it, as the writing of a log
+    kNormal,      // runs as early as this process's other threads
+    kBackground,  // never preempts the thread that submits it, as for writing a log
   };
 
-  // At least one thread. Threads of what is done behind others run under SCHED_BATCH (see sched(7))
-  // where their maker runs under SCHED_OTHER: waking them never takes the processor away.
-  explicit AsioSerialQueues(std::size_t threads, Work work = Work::kAwaited);
+  // At least one thread. Threads for kBackground run under SCHED_BATCH (see sched(7)) if their
+  // maker runs under SCHED_OTHER, so that waking them never preempts a running thread.
+  explicit AsioSerialQueues(std::size_t threads, Work work = Work::kNormal);
   AsioSerialQueues(const AsioSerialQueues&) = delete;
   AsioSerialQueues& operator=(const AsioSerialQueues&) = delete;
   ~AsioSerialQueues() override;

@@ -34,7 +34,7 @@ TEST(AsioSerialQueuesTest, SubmittedBlocksRunOnThreadsOfThePool) {
   EXPECT_NE(thread, std::this_thread::get_id());
 }
 
-// The policy that the pool's thread runs under.
+// The scheduling policy of the pool's thread.
 int policyOf(AsioSerialQueues::Work work) {
   std::promise<int> policy;
   AsioSerialQueues queues(1, work);
@@ -42,19 +42,18 @@ int policyOf(AsioSerialQueues::Work work) {
   return policy.get_future().get();
 }
 
-TEST(AsioSerialQueuesTest, OnlyThreadsOfWorkBehindOthersNeverTakeTheProcessorFromWhoSubmitsIt) {
+TEST(AsioSerialQueuesTest, OnlyBackgroundThreadsRunUnderSchedBatch) {
   const int own = ::sched_getscheduler(0);
-  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBehindOthers),
-            own == SCHED_OTHER ? SCHED_BATCH : own);
+  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBackground), own == SCHED_OTHER ? SCHED_BATCH : own);
   EXPECT_EQ(::sched_getscheduler(0), own);
-  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kAwaited), own);
+  EXPECT_EQ(policyOf(AsioSerialQueues::Work::kNormal), own);
 }
 
-TEST(AsioSerialQueuesTest, APolicyThatSomebodyHasChosenStays) {
+TEST(AsioSerialQueuesTest, AChosenSchedulingPolicyIsKept) {
   std::thread([] {
     const sched_param none{};
     ASSERT_EQ(::sched_setscheduler(0, SCHED_IDLE, &none), 0);
-    EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBehindOthers), SCHED_IDLE);
+    EXPECT_EQ(policyOf(AsioSerialQueues::Work::kBackground), SCHED_IDLE);
     EXPECT_EQ(::sched_getscheduler(0), SCHED_IDLE);
   }).join();
 }
@@ -64,7 +63,7 @@ TEST(AsioSerialQueuesTest, QueuesRunSideBySideOnAsManyThreads) {
   AsioSerialQueues queues(kThreads);
   std::latch all(kThreads);
   std::vector<std::shared_ptr<SerialQueue>> made;
-  // Ends only if each of the blocks is running at the same time.
+  // The queues end only if all blocks run at the same time.
   for (int i = 0; i < kThreads; ++i) {
     made.push_back(queues.makeQueue(std::to_string(i)));
     made.back()->async([&] { all.arrive_and_wait(); });
@@ -72,7 +71,7 @@ TEST(AsioSerialQueuesTest, QueuesRunSideBySideOnAsManyThreads) {
   all.wait();
 }
 
-TEST(AsioSerialQueuesTest, BlocksOfManyThreadsRunOneAtATimeAndKeepEachThreadsOrder) {
+TEST(AsioSerialQueuesTest, BlocksRunOneAtATimeInEachThreadsOrder) {
   constexpr int kThreads = 4;
   constexpr int kBlocks = 2000;
   AsioSerialQueues queues(3);
@@ -118,7 +117,7 @@ TEST(AsioSerialQueuesTest, SyncWaitsForTheBlocksBeforeIt) {
   queue->sync([&] { EXPECT_EQ(ran, 2); });
 }
 
-// All threads of the pool wait for queues whose turn none of them could ever come to.
+// All threads of the pool wait for queues that no free thread could run.
 TEST(AsioSerialQueuesTest, ThreadsThatAllWaitForOtherQueuesServeThemThemselves) {
   constexpr int kThreads = 2;
   AsioSerialQueues queues(kThreads);
@@ -139,7 +138,7 @@ TEST(AsioSerialQueuesTest, ThreadsThatAllWaitForOtherQueuesServeThemThemselves) 
   done.wait();
 }
 
-TEST(AsioSerialQueuesTest, AQueueWithoutEndLeavesTheOthersTheirTurn) {
+TEST(AsioSerialQueuesTest, AnEndlessQueueLeavesTurnsToOthers) {
   std::atomic<bool> otherRan = false;
   std::shared_ptr<SerialQueue> endless;
   std::function<void()> again = [&] {
@@ -154,7 +153,7 @@ TEST(AsioSerialQueuesTest, AQueueWithoutEndLeavesTheOthersTheirTurn) {
   EXPECT_TRUE(otherRan);
 }
 
-TEST(AsioSerialQueuesTest, NoBlockIsLostWhenThePoolGoesWhileOthersSubmit) {
+TEST(AsioSerialQueuesTest, NoBlockIsLostWhenThePoolIsDestroyedDuringSubmits) {
   constexpr int kThreads = 3;
   constexpr int kBlocks = 3000;
   std::atomic<int> ran = 0;
@@ -178,7 +177,7 @@ TEST(AsioSerialQueuesTest, NoBlockIsLostWhenThePoolGoesWhileOthersSubmit) {
   EXPECT_EQ(ran, kThreads * kBlocks);
 }
 
-// The last block lets go of the queue on the pool's thread while its creator does so here.
+// The last block drops the queue on the pool's thread while its creator drops it here.
 TEST(AsioSerialQueuesTest, AQueueEndsOnWhicheverThreadIsLast) {
   std::atomic<int> finalised = 0;
   constexpr int kQueues = 1000;

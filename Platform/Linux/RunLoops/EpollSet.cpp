@@ -14,7 +14,7 @@ namespace {
 
 ErrorCode codeOfEpollError(int number) {
   switch (number) {
-    case EPERM:  // Its kind has nothing to wait for.
+    case EPERM:  // Descriptors of its kind can't be waited for.
     case EEXIST:
     case EBADF:
     case EINVAL:
@@ -51,7 +51,7 @@ Result<void> EpollSet::add(Descriptor descriptor, std::uint32_t events, std::uin
 }
 
 void EpollSet::remove(Descriptor descriptor) {
-  // Fails only when the descriptor was closed too early, and then it has left the set by itself.
+  // It fails only if the descriptor was closed too early, and then it has left the set.
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor, nullptr);
   --size_;
 }

@@ -10,21 +10,23 @@
 
 namespace platform {
 
-// Descriptors that can be asked, without waiting, which of them is ready. They are known by numbers
-// of the caller's, never by addresses, since an event may outlive what it was meant for.
+// Tells without blocking which descriptors are ready. Callers identify descriptors by numbers of
+// their own and never by addresses, because an event may outlive its object.
 class EpollSet {
  public:
   static Result<EpollSet> create();
 
-  // `events` are epoll's. Fails with kInvalid for a descriptor that is closed, can't be waited for
-  // (a regular file, a directory) or is in the set, and with kExhausted when there is no room.
+  // `events` are those of epoll_ctl(2). Fails with kInvalid if the descriptor is closed, can't be
+  // waited for (a regular file, a directory) or is already in the set, and with kExhausted if there
+  // is no room.
   Result<void> add(Descriptor descriptor, std::uint32_t events, std::uint64_t id);
   void remove(Descriptor descriptor);
 
-  // The numbers of ready descriptors, as many as `room` holds; in turn, where they stay ready.
+  // The numbers of ready descriptors, at most as many as `room` holds. Descriptors that stay ready
+  // take turns.
   std::span<std::uint64_t> ready(std::span<std::uint64_t> room) const;
 
-  // Readable while any in the set is ready.
+  // Readable while any descriptor in the set is ready.
   Descriptor descriptor() const { return epoll_.get(); }
 
  private:

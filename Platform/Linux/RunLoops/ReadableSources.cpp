@@ -14,7 +14,7 @@ std::uint32_t eventsOf(Urgency urgency) {
     case Urgency::kProcessExit:
       return EPOLLIN | EPOLLONESHOT;
     case Urgency::kConnectionDeath:
-      // Not EPOLLIN: a peer's last request, still unread, is no reason to think that it lives.
+      // EPOLLIN is left out: an unread last request does not prove that the peer lives.
       return EPOLLRDHUP | EPOLLONESHOT;
     case Urgency::kOrdinary:
       return EPOLLIN;
@@ -49,7 +49,7 @@ class ReadableSources::Source final : public RunLoopHandle {
     Callback callback = std::move(callback_);  // It may destroy this source while it runs.
     bool destroyed = false;
     destroyed_ = &destroyed;
-    // A source that calls once leaves the set first: its descriptor may be closed by the callback.
+    // A one-shot source leaves the set first, because the callback may close its descriptor.
     if (urgency_ != Urgency::kOrdinary) leave();
     callback();
     if (destroyed) return;
@@ -67,7 +67,7 @@ class ReadableSources::Source final : public RunLoopHandle {
   const Descriptor descriptor_;
   const Urgency urgency_;
   Callback callback_;
-  bool* destroyed_ = nullptr;  // Set while the callback runs: where to say that we are gone.
+  bool* destroyed_ = nullptr;  // Non-null while the callback runs; the destructor sets it.
 };
 
 Result<std::unique_ptr<RunLoopHandle>> ReadableSources::add(Descriptor descriptor, Urgency urgency,
@@ -80,7 +80,7 @@ Result<std::unique_ptr<RunLoopHandle>> ReadableSources::add(Descriptor descripto
 }
 
 bool ReadableSources::callOne() {
-  // One at a time, since a callback may read another's descriptor empty.
+  // One at a time, since a callback may read another source's descriptor empty.
   std::array<std::uint64_t, 1> room;
   const auto ready = set_.ready(room);
   Source* source = ready.empty() ? nullptr : find(ready.front());

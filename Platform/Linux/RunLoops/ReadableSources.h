@@ -10,8 +10,8 @@
 
 namespace platform {
 
-// The readable sources of a run loop that are of equal rank in one respect: they are asked together
-// which of them is ready.
+// The readable sources of a run loop that share one epoll set: the urgent ones or the ordinary
+// ones.
 class ReadableSources {
  public:
   using Callback = RunLoop::Callback;
@@ -24,16 +24,16 @@ class ReadableSources {
   Result<std::unique_ptr<RunLoopHandle>> add(Descriptor descriptor, Urgency urgency,
                                              Callback callback);
 
-  // Ordinary sources: calls back one that is readable at this moment, each in its turn. Whether
-  // there was one.
+  // For ordinary sources: calls one that is readable now; readable sources take turns. Returns
+  // whether there was one.
   bool callOne();
 
-  // Urgent sources: asks the system which have become ready, and calls back one of those found so
-  // far; each is found once.
+  // For urgent sources: collect() asks the system which have become ready, and callCollected()
+  // calls one of those. Each is called once.
   void collect();
   bool callCollected(Urgency urgency);
 
-  // Readable while there is something to collect or to call.
+  // Readable while there is a source to collect or to call.
   Descriptor descriptor() const { return set_.descriptor(); }
 
  private:
@@ -44,7 +44,7 @@ class ReadableSources {
   EpollSet set_;
   std::unordered_map<std::uint64_t, Source*> sources_;
   std::uint64_t lastId_ = 0;
-  std::deque<std::uint64_t> exits_;  // ids, which may have gone meanwhile
+  std::deque<std::uint64_t> exits_;  // ids of sources, which may be destroyed meanwhile
   std::deque<std::uint64_t> deaths_;
 };
 

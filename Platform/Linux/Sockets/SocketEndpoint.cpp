@@ -10,9 +10,9 @@ namespace platform {
 
 namespace {
 
-// Where the socket is born. It has a name here for a moment only, in a folder of its own that
-// nobody else may enter, so that no one but a holder of the endpoint ever connects.
-constexpr char kBirthplace[] = "/tmp/.endpoint-XXXXXX";
+// The folder in which the socket is made. The socket has a name for a moment only, in a folder that
+// nobody else may enter, so that only holders of the endpoint can ever connect.
+constexpr char kBindFolder[] = "/tmp/.endpoint-XXXXXX";
 constexpr char kSocketName[] = "socket";
 
 std::unexpected<Error> endpointFailure(const char* what) {
@@ -21,7 +21,7 @@ std::unexpected<Error> endpointFailure(const char* what) {
       systemError(what, isExhausted ? ErrorCode::kExhausted : ErrorCode::kSystem));
 }
 
-// Binds at `path`, opens the socket's inode and lets everybody connect to it.
+// Binds at `path`, opens the socket's inode and permits everybody to connect.
 Result<UniqueFd> bindAndOpen(const std::string& path, const SocketEndpoint::Bind& bind) {
   if (auto bound = bind(path); !bound) return std::unexpected(std::move(bound.error()));
   UniqueFd descriptor(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -36,7 +36,7 @@ Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descri
   struct stat status{};
   const int flags = ::fcntl(descriptor.get(), F_GETFL);
   if (flags < 0 || ::fstat(descriptor.get(), &status) != 0) return endpointFailure("an endpoint");
-  // One with a name may be somebody's who lets only others than the sender connect.
+  // A socket with a name may belong to somebody who excludes the sender from connecting.
   if ((flags & O_PATH) == 0 || !S_ISSOCK(status.st_mode) || status.st_nlink != 0) {
     return std::unexpected(Error{ErrorCode::kInvalid, 0, "a descriptor that is no endpoint"});
   }
@@ -44,18 +44,18 @@ Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descri
 }
 
 Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
-  std::string folder = kBirthplace;
+  std::string folder = kBindFolder;
   if (::mkdtemp(folder.data()) == nullptr) return endpointFailure("a folder for a new endpoint");
-  UniqueFd birthplace(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd bindFolder(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   Result<UniqueFd> descriptor =
-      birthplace ? bindAndOpen(pathOfDescriptor(birthplace) + "/" + kSocketName, bind)
+      bindFolder ? bindAndOpen(pathOfDescriptor(bindFolder) + "/" + kSocketName, bind)
                  : endpointFailure("a new endpoint's folder");
-  ::unlinkat(birthplace.get(), kSocketName, 0);
+  ::unlinkat(bindFolder.get(), kSocketName, 0);
   ::rmdir(folder.c_str());
   if (!descriptor) return std::unexpected(std::move(descriptor.error()));
   auto endpoint = of(std::move(*descriptor));
   if (!endpoint) return std::unexpected(std::move(endpoint.error()));
-  return New{std::move(*endpoint), std::move(birthplace)};
+  return New{std::move(*endpoint), std::move(bindFolder)};
 }
 
 std::string SocketEndpoint::path() const { return pathOfDescriptor(descriptor_); }

@@ -10,25 +10,25 @@
 
 namespace platform {
 
-// An endpoint as a descriptor of a listening socket's inode: opened without any access (O_PATH), so
-// that its holder can connect to it and hand it on, and neither listen nor end anything. The socket
-// has no name any more; it is connected to through the holder's own /proc/self/fd.
+// An endpoint is a descriptor of a listening socket's inode, opened without any access (O_PATH).
+// Its holder can connect to it and hand it on, but neither listen nor shut it down. The socket has
+// no name any more; clients connect through their own /proc/self/fd.
 class SocketEndpoint final : public NSXPCListenerEndpoint {
  public:
-  // What a peer has sent. kInvalid where it is anything but such a descriptor: a connected socket,
-  // for instance, would name whoever connected it and not its holder, and one that has a name may
-  // be closed to the peer.
+  // The endpoint that a peer has sent. Fails with kInvalid if `descriptor` is anything else: a
+  // connected socket, for instance, would stand for its peer and not for its holder, and a socket
+  // with a name may exclude the peer.
   static Result<std::shared_ptr<const SocketEndpoint>> of(UniqueFd descriptor);
 
-  // The endpoint of a new socket, which every user who has it may connect to. `bind` binds the
-  // socket to the path given and listens; libdbus will want to remove that path at its end, so it
-  // means nothing else for as long as `birthplace` lives.
+  // The endpoint of a new socket. Every user who holds it may connect. `bind` binds the socket to
+  // the given path and listens. libdbus removes that path when its server ends, so `bindFolder`
+  // keeps the path from meaning another file until then.
   struct New;
   using Bind = std::function<Result<void>(const std::string& path)>;
   static Result<New> make(const Bind& bind);
 
   int descriptor() const { return descriptor_.get(); }
-  // Good as long as this.
+  // Valid for as long as this object.
   std::string path() const;
 
  private:
@@ -38,8 +38,8 @@ class SocketEndpoint final : public NSXPCListenerEndpoint {
 };
 
 struct SocketEndpoint::New {
-  std::shared_ptr<const SocketEndpoint> endpoint;  // shared with those it is handed to
-  UniqueFd birthplace;
+  std::shared_ptr<const SocketEndpoint> endpoint;  // shared with its receivers
+  UniqueFd bindFolder;
 };
 
 }  // namespace platform

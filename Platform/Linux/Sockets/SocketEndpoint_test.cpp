@@ -29,7 +29,7 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-// 0, or why not.
+// 0, or the errno of bind().
 int bindTo(const UniqueFd& socket, const std::string& path) {
   const sockaddr_un address = addressOf(path);
   return ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0
@@ -46,7 +46,7 @@ int connectTo(const std::string& path) {
 
 class SocketEndpointTest : public testing::Test {
  protected:
-  // A listening socket's endpoint.
+  // The endpoint of a listening socket.
   Result<SocketEndpoint::New> make() {
     return SocketEndpoint::make([this](const std::string& path) -> Result<void> {
       born_ = path;
@@ -79,7 +79,7 @@ TEST_F(SocketEndpointTest, ItsHolderConnectsAndTheSocketHasNoName) {
   EXPECT_FALSE(std::filesystem::exists(born_));
 }
 
-TEST_F(SocketEndpointTest, WhatIsHandedOnIsAsGood) {
+TEST_F(SocketEndpointTest, AnEndpointCanBeHandedOn) {
   const auto made = make();
   ASSERT_TRUE(made);
   const auto copy =
@@ -102,17 +102,17 @@ TEST_F(SocketEndpointTest, ItsHolderCanNeitherReadNorAcceptNorEndAnything) {
   EXPECT_EQ(connectTo(made->endpoint->path()), 0);
 }
 
-TEST_F(SocketEndpointTest, ADeadOwnersIsRefusedByTheKernel) {
+TEST_F(SocketEndpointTest, TheKernelRefusesTheEndpointOfADeadOwner) {
   const auto made = make();
   ASSERT_TRUE(made);
   listener_.reset();
   EXPECT_EQ(connectTo(made->endpoint->path()), ECONNREFUSED);
-  // It is an endpoint still: nobody can see from it that its owner has gone.
+  // It still is an endpoint: nothing in it shows that its owner has gone.
   EXPECT_TRUE(
       SocketEndpoint::of(UniqueFd(::fcntl(made->endpoint->descriptor(), F_DUPFD_CLOEXEC, 0))));
 }
 
-TEST_F(SocketEndpointTest, ASocketThatCanBeUsedIsNone) {
+TEST_F(SocketEndpointTest, ASocketWithAccessIsNoEndpoint) {
   int pair[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
   const UniqueFd other(pair[1]);
@@ -121,8 +121,8 @@ TEST_F(SocketEndpointTest, ASocketThatCanBeUsedIsNone) {
   expectRefused(UniqueFd(::fcntl(listener_.get(), F_DUPFD_CLOEXEC, 0)));
 }
 
-// Who can see a socket may not be among those who may connect to it.
-TEST_F(SocketEndpointTest, ASocketThatHasANameIsNone) {
+// A process that sees a socket may lack the permission to connect to it.
+TEST_F(SocketEndpointTest, ASocketWithANameIsNoEndpoint) {
   const std::string path = folder_.path("socket");
   ASSERT_EQ(bindTo(listener_, path), 0);
   ASSERT_EQ(::listen(listener_.get(), 8), 0);
@@ -132,7 +132,7 @@ TEST_F(SocketEndpointTest, ASocketThatHasANameIsNone) {
   EXPECT_TRUE(SocketEndpoint::of(std::move(descriptor)));
 }
 
-TEST_F(SocketEndpointTest, FilesFoldersPipesAndLinksAreNone) {
+TEST_F(SocketEndpointTest, FilesFoldersPipesAndLinksAreNoEndpoints) {
   const std::string file = folder_.write("file", "content");
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
@@ -152,7 +152,7 @@ TEST_F(SocketEndpointTest, NoDescriptorIsAnErrorOfTheSystem) {
   EXPECT_EQ(endpoint.error().osError, EBADF);
 }
 
-TEST_F(SocketEndpointTest, WhatCantBeBoundLeavesNothing) {
+TEST_F(SocketEndpointTest, AFailedBindLeavesNothing) {
   std::string folder;
   const auto made = SocketEndpoint::make([&](const std::string& path) -> Result<void> {
     folder = std::filesystem::read_symlink(path.substr(0, path.rfind('/')));

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kLockName[] = ".lock";
-constexpr char kSocketInBirthplace[] = "socket";
+constexpr char kSocketInBindFolder[] = "socket";
 constexpr auto kLockWait = 1s;
 constexpr auto kNamingPause = 5ms;
 
@@ -58,7 +58,7 @@ std::unexpected<Error> socketFailure(std::string what) {
   return std::unexpected(Error{codeOfSocketError(number), number, std::move(what)});
 }
 
-// Through a descriptor of the socket itself: an address holds 107 bytes.
+// Connects through a descriptor of the socket itself, because an address holds only 107 bytes.
 Result<UniqueFd> connectOnce(const UniqueFd& target) {
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) return socketFailure("socket");
@@ -73,8 +73,8 @@ Result<UniqueFd> connectOnce(const UniqueFd& target) {
   return socket;
 }
 
-// One process at a time replaces a leftover. Who may write the folder may open the lock, others
-// may not hold us up with it.
+// One process at a time replaces a leftover socket. Whoever may write to the folder may open the
+// lock; others must not be able to block us with it.
 Result<UniqueFd> lock(const UniqueFd& folder) {
   UniqueFd file(
       ::openat(folder.get(), kLockName, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
@@ -95,7 +95,7 @@ Result<UniqueFd> lock(const UniqueFd& folder) {
 
 std::string randomName() {
   std::uint64_t number = 0;
-  // Never short for so little, once the system is up.
+  // Once the system is up, so few bytes are never cut short.
   std::ignore = ::getrandom(&number, sizeof(number), 0);
   return fmt::format(".new-{:016x}", number);
 }
@@ -120,18 +120,18 @@ Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode,
   if (::mkdirat(folder.get(), temporary.c_str(), 0700) != 0) {
     return inContext(socketFailure("making a folder for the socket").error());
   }
-  UniqueFd birthplace(
+  UniqueFd bindFolder(
       ::openat(folder.get(), temporary.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
-  SocketName taken(std::move(folder), name, std::move(birthplace));
+  SocketName taken(std::move(folder), name, std::move(bindFolder));
   Result<void> done;
-  if (!taken.birthplace_) {
+  if (!taken.bindFolder_) {
     done = socketFailure("the socket's folder");
-  } else if (done = bind(pathOfDescriptor(taken.birthplace_) + "/" + kSocketInBirthplace); done) {
-    done = ::fchmodat(taken.birthplace_.get(), kSocketInBirthplace, mode, 0) == 0
+  } else if (done = bind(pathOfDescriptor(taken.bindFolder_) + "/" + kSocketInBindFolder); done) {
+    done = ::fchmodat(taken.bindFolder_.get(), kSocketInBindFolder, mode, 0) == 0
                ? taken.publish()
                : socketFailure("the socket's mode");
   }
-  if (taken.birthplace_) ::unlinkat(taken.birthplace_.get(), kSocketInBirthplace, 0);
+  if (taken.bindFolder_) ::unlinkat(taken.bindFolder_.get(), kSocketInBindFolder, 0);
   ::unlinkat(taken.folder_.get(), temporary.c_str(), AT_REMOVEDIR);
   if (!done) return inContext(std::move(done.error()));
   return taken;
@@ -139,11 +139,11 @@ Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode,
 
 Result<void> SocketName::publish() {
   struct stat status{};
-  if (::fstatat(birthplace_.get(), kSocketInBirthplace, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::fstatat(bindFolder_.get(), kSocketInBindFolder, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return socketFailure("the new socket");
   }
   const auto link = [this] {
-    return ::linkat(birthplace_.get(), kSocketInBirthplace, folder_.get(), name_.c_str(), 0) == 0;
+    return ::linkat(bindFolder_.get(), kSocketInBindFolder, folder_.get(), name_.c_str(), 0) == 0;
   };
   if (!link()) {
     if (errno != EEXIST) return socketFailure("naming the socket");
@@ -151,7 +151,7 @@ Result<void> SocketName::publish() {
     if (!locked) return std::unexpected(locked.error());
     if (auto replaced = replaceLeftover(); !replaced) return replaced;
     if (!link()) {
-      if (errno == EEXIST) errno = EADDRINUSE;  // Somebody else was quicker.
+      if (errno == EEXIST) errno = EADDRINUSE;  // Another process was faster.
       return socketFailure("naming the socket");
     }
   }
@@ -168,7 +168,7 @@ Result<void> SocketName::replaceLeftover() {
   if (!S_ISSOCK(status.st_mode)) {
     return std::unexpected(Error{ErrorCode::kInvalid, EEXIST, "something else has the name"});
   }
-  // Whoever listens answers, or has too many waiting; only a socket without an owner refuses.
+  // A listening owner accepts, or its backlog is full; only a socket without an owner refuses.
   if (connectOnce(found) || errno != ECONNREFUSED) {
     return std::unexpected(
         Error{ErrorCode::kDenied, EADDRINUSE, "another process listens on the name"});
@@ -201,7 +201,7 @@ Result<UniqueFd> connectToSocket(const std::string& path, Duration wait) {
   for (;;) {
     auto connected = connectOnce(target);
     if (connected) return connected;
-    // The kernel tells nobody when a place becomes free among those that wait to be accepted.
+    // The kernel does not report when the backlog has room again.
     if (connected.error().osError != EAGAIN || Clock::now() >= deadline) {
       connected.error().context = "connecting to " + path;
       return connected;

@@ -13,50 +13,51 @@
 
 namespace platform {
 
-// The name of a listening socket in a folder that several processes share. A name that a live
-// process listens on is never taken over; what a dead one has left is replaced, under a lock that
-// all of us hold while they do so.
+// The name of a listening socket in a folder that several processes share. The name of a live
+// listener is never taken over. A name that a dead process left behind is replaced, under a lock
+// that all our processes use for it.
 class SocketName {
  public:
-  // Makes the socket: binds it to the path given, and listens. The path is good only as long as the
-  // SocketName.
+  // Makes the socket: binds it to the given path, and listens. The path is valid only as long as
+  // the SocketName.
   using Bind = std::function<Result<void>(const std::string& path)>;
 
-  // Binds where nobody else can connect yet, sets the mode, and only then gives it its name, which
-  // may be longer than a socket's address. Fails as PeerTransport::listen() says.
+  // Binds the socket where nobody else can connect yet, sets the mode, and only then links it to
+  // its name, which may be longer than a socket's address. Fails like PeerTransport::listen().
   static Result<SocketName> take(const std::string& path, std::uint32_t mode, const Bind& bind);
 
-  // Of a socket that has no name any more, in a folder that `birthplace` keeps, gone from its
-  // parent too.
-  static SocketName nameless(UniqueFd birthplace) {
-    return {UniqueFd(), std::string(), std::move(birthplace)};
+  // For a socket that has lost its name. `bindFolder` is its folder, which has been removed from
+  // its parent, too.
+  static SocketName nameless(UniqueFd bindFolder) {
+    return {UniqueFd(), std::string(), std::move(bindFolder)};
   }
 
   SocketName(SocketName&& other) noexcept = default;
   SocketName& operator=(SocketName&& other) noexcept = default;
 
-  // Takes the name away if it still is ours. To be called while the socket still listens: from then
-  // on anybody may replace it, and a number of an inode can return. Nothing a second time.
+  // Removes the name if it is still ours. Call it while the socket still listens: afterwards
+  // anybody may replace the name, and the number of an inode can be used again. A second call does
+  // nothing.
   void remove();
 
  private:
-  SocketName(UniqueFd folder, std::string name, UniqueFd birthplace)
-      : folder_(std::move(folder)), name_(std::move(name)), birthplace_(std::move(birthplace)) {}
+  SocketName(UniqueFd folder, std::string name, UniqueFd bindFolder)
+      : folder_(std::move(folder)), name_(std::move(name)), bindFolder_(std::move(bindFolder)) {}
 
   Result<void> publish();
   Result<void> replaceLeftover();
 
   UniqueFd folder_;
   std::string name_;
-  // A folder of its own, gone from its parent, but open for as long as the path given to `Bind` may
-  // be used.
-  UniqueFd birthplace_;
+  // The folder in which the socket was bound. It has been removed from its parent, but stays open
+  // for as long as the path given to `Bind` may be used.
+  UniqueFd bindFolder_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };
 
-// Connects to the socket at `path`, however long, without waiting for longer than `wait`. Fails
-// with the errno of connect(): EAGAIN where the other side accepted nobody in that time.
+// Connects to the socket at `path`, which may be longer than an address, and blocks for at most
+// `wait`. Fails with the errno of connect(): EAGAIN if the backlog stayed full for that time.
 Result<UniqueFd> connectToSocket(const std::string& path, Duration wait);
 
 }  // namespace platform

@@ -7,7 +7,7 @@
 namespace platform {
 
 Result<void> forbidCoreDumps() {
-  // A limit on the size of core dumps would not bind a collector that the kernel pipes them to.
+  // RLIMIT_CORE would not stop a collector to which the kernel pipes core dumps.
   if (::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0) return {};
   return std::unexpected(systemError("forbidding core dumps"));
 }

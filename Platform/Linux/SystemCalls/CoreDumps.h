@@ -4,9 +4,9 @@
 
 namespace platform {
 
-// From now on this process leaves no core dump, to a file or to a collector, and other processes of
-// its user can't read its memory: for programs that hold a secret. A program that is executed from
-// here is as any other again.
+// From now on this process leaves no core dump, neither in a file nor for a collector, and other
+// processes of its user can't read its memory. For programs that hold a secret. A program that is
+// executed from here starts without these restrictions.
 Result<void> forbidCoreDumps();
 
 }  // namespace platform

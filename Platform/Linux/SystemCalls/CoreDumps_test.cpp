@@ -17,7 +17,7 @@
 namespace platform {
 namespace {
 
-// In a child, so that the test program itself stays as it is.
+// Runs `call` in a child, so that the test program itself stays unchanged.
 int processStatusOf(int (*call)()) {
   const pid_t child = ::fork();
   if (child == 0) ::_exit(call());
@@ -26,12 +26,12 @@ int processStatusOf(int (*call)()) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(CoreDumpsTest, AreForbiddenToThisProgramAlone) {
+TEST(CoreDumpsTest, AreForbiddenOnlyForThisProgram) {
   EXPECT_EQ(processStatusOf([] { return forbidCoreDumps() ? ::prctl(PR_GET_DUMPABLE) : 99; }), 0);
   EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1);
 }
 
-// Crashes in a folder where a core dump would be found; whether there was one.
+// Crashes in a folder where a core dump would be written. Returns whether one was found.
 bool leavesCoreDump(const std::string& folder, bool isForbidden) {
   const pid_t child = ::fork();
   if (child == 0) {
@@ -56,7 +56,7 @@ TEST(CoreDumpsTest, ACrashLeavesNone) {
   if (!leavesCoreDump(another.path(), false)) GTEST_SKIP() << "nothing leaves a core dump here";
 }
 
-// Another process of the same user, without any privilege, can't look into it.
+// Another unprivileged process of the same user can't read the memory.
 TEST(CoreDumpsTest, MemoryIsNotReadableFromOutside) {
   EXPECT_EQ(processStatusOf([] {
               if (::geteuid() == 0 && (::setresgid(12345, 12345, 12345) != 0 ||
@@ -67,7 +67,8 @@ TEST(CoreDumpsTest, MemoryIsNotReadableFromOutside) {
               const pid_t keeper = ::getpid();
               const pid_t reader = ::fork();
               if (reader == 0) {
-                // It is this program's copy and as closed as that; only what it executes is not.
+                // The child is a copy of this program and not dumpable either; an executed program
+                // is.
                 ::prctl(PR_SET_DUMPABLE, 1);
                 const std::string memory = "/proc/" + std::to_string(keeper) + "/mem";
                 ::_exit(::access(memory.c_str(), R_OK) == 0 ? 1 : 0);

@@ -21,7 +21,7 @@ Result<std::uint64_t> raiseDescriptorLimit() {
 
 std::uint64_t softDescriptorLimit() {
   rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for this process itself.
+  ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for the calling process.
   return limit.rlim_cur;
 }
 

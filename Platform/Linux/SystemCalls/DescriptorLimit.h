@@ -6,12 +6,12 @@
 
 namespace platform {
 
-// Lets this process open as many descriptors as its hard limit allows: every process and connection
-// it watches takes one. Returns the soft limit as it was, which the programs it starts must get
-// back: those that use select() break with more.
+// Raises the soft limit of open descriptors to the hard limit: every watched process and connection
+// takes one. Returns the old soft limit, which started programs must get back, because programs
+// that use select() break with a higher one.
 Result<std::uint64_t> raiseDescriptorLimit();
 
-// How many this process may open now: the soft limit.
+// The soft limit of open descriptors.
 std::uint64_t softDescriptorLimit();
 
 }  // namespace platform

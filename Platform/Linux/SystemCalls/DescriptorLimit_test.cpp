@@ -6,7 +6,7 @@
 namespace platform {
 namespace {
 
-TEST(DescriptorLimitTest, TheSoftLimitIsRaisedToTheHardOneAndItsOldValueReturned) {
+TEST(DescriptorLimitTest, RaisesTheSoftLimitAndReturnsItsOldValue) {
   rlimit original{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
   rlimit low = original;

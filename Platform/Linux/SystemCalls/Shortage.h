@@ -4,8 +4,8 @@
 
 namespace platform {
 
-// Whether a system call failed for want of descriptors or memory, which says nothing of what it was
-// asked about: the next time it may succeed.
+// Whether a system call failed for lack of descriptors or memory. Such a failure is temporary and
+// says nothing about the object of the call.
 inline bool isShortage(int errorNumber) {
   return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
 }

@@ -8,13 +8,13 @@
 
 namespace platform {
 
-// The failure of the system call just made; to be called before anything can change errno.
+// The failure of the last system call. Call it before anything can change errno.
 inline Error systemError(std::string context, ErrorCode code = ErrorCode::kSystem) {
   const int number = errno;
   return Error{code, number, std::move(context)};
 }
 
-// Repeats a system call for as long as a signal interrupts it. Not for close().
+// Repeats a system call while signals interrupt it. Not for close().
 template <typename Call>
 auto retryOnInterrupt(Call call) {
   auto result = call();

@@ -35,7 +35,7 @@ class [[nodiscard]] UniqueFd {
   int fd_ = -1;
 };
 
-// A path to what the descriptor holds, for this process while it is open.
+// A path to the open file of the descriptor, valid in this process while the descriptor is open.
 inline std::string pathOfDescriptor(const UniqueFd& descriptor) {
   return "/proc/self/fd/" + std::to_string(descriptor.get());
 }

@@ -12,7 +12,7 @@ namespace {
 
 using EightBytes = std::array<std::uint8_t, 8>;
 
-TEST(DevRandomTest, GivesOtherBytesEachTime) {
+TEST(DevRandomTest, GivesDifferentBytesEachTime) {
   DevRandom device;
   EightBytes one{};
   EightBytes other{};
@@ -21,7 +21,7 @@ TEST(DevRandomTest, GivesOtherBytesEachTime) {
   EXPECT_NE(one, other);
 }
 
-TEST(DevRandomTest, ReadsWhatThereIs) {
+TEST(DevRandomTest, ReadsTheAvailableBytes) {
   const TemporaryFolder folder;
   DevRandom device(folder.write("seven", "1234567"));
   EightBytes bytes{};

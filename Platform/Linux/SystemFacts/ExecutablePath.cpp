@@ -32,12 +32,12 @@ Result<std::string> executablePathOfLink(const std::string& link) {
     return std::unexpected(systemError(link, absent ? ErrorCode::kNotFound : ErrorCode::kSystem));
   }
   std::string path(target.data(), static_cast<std::size_t>(length));
-  // A path that fills the buffer is cut; one from outside our root folder is not a full path.
+  // A path that fills the buffer is cut off. A file outside our root folder has no full path.
   if (path.size() == target.size() || !path.starts_with('/')) {
     return std::unexpected(Error{ErrorCode::kNotFound, 0, link + ": leads to no full path"});
   }
-  // The kernel adds the mark to the path of a file that is gone, but a file may be named that way.
-  // The link itself leads to the running file even then, so it tells the two apart.
+  // The kernel appends the mark to the path of a deleted file, but a file's own name may end with
+  // it. The link still leads to the running file, so it tells the two cases apart.
   if (path.ends_with(kDeleted) && !nameSameFile(path, link)) {
     path.resize(path.size() - kDeleted.size());
   }

@@ -21,13 +21,13 @@
 namespace platform {
 namespace {
 
-// More than all that precedes the lines looked for; a process in many groups has a longer file.
+// More than all lines up to those that are needed. The file is longer if a process has many groups.
 constexpr std::size_t kProcessFileBytes = 4096;
 
-// The line "btime" follows one line for each processor and one with a count for each interrupt.
+// The line "btime" follows a line per processor and a line with a count per interrupt.
 constexpr std::size_t kMaximumSystemStatBytes = 4 * 1024 * 1024;
 
-// The text of one of a process's files, nothing when the process has ended.
+// The text of one of a process's files, std::nullopt if the process has ended.
 Result<std::optional<std::string>> readProcessFile(int folder, const char* file,
                                                    const std::string& path) {
   const UniqueFd descriptor(::openat(folder, file, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -39,14 +39,14 @@ Result<std::optional<std::string>> readProcessFile(int folder, const char* file,
   return *std::move(text);
 }
 
-// Keeps its process in place: what is read through it is never another's that got the number.
+// The descriptor keeps referring to the same process, even if its number is used again.
 Result<std::optional<UniqueFd>> openProcessFolder(const std::string& procFolder,
                                                   const std::string& path) {
   UniqueFd folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (folder) return folder;
   if (errno == ESRCH) return std::nullopt;
   if (errno != ENOENT) return std::unexpected(systemError(path));
-  // Without a proc file system every process would seem to be gone.
+  // Without a mounted proc file system every process would seem to have ended.
   if (::access((procFolder + "/stat").c_str(), F_OK) != 0) {
     return std::unexpected(systemError(procFolder + "/stat"));
   }
@@ -58,7 +58,7 @@ Error inFile(Error error, const std::string& path) {
   return error;
 }
 
-// What the files of a process's folder say of it, nothing when it has ended or is a thread.
+// Reads a process's record from its folder; std::nullopt if it has ended or is a thread.
 Result<std::optional<KernelProcess>> readProcess(int folder, ProcessId process,
                                                  const std::string& path) {
   const auto statText = readProcessFile(folder, "stat", path);
@@ -71,14 +71,14 @@ Result<std::optional<KernelProcess>> readProcess(int folder, ProcessId process,
   if (!stat) return std::unexpected(inFile(std::move(stat).error(), path));
   const auto status = parseProcessStatus(**statusText);
   if (!status) return std::unexpected(inFile(status.error(), path));
-  // The kernel shows a thread's number too when asked for it by name.
+  // The kernel also has folders for thread numbers, which it does not list.
   if (status->threadGroup != process) return std::nullopt;
   return KernelProcess{stat->parent, status->realUser, status->effectiveUser,
                        std::move(stat->command)};
 }
 
-// The second in which the system started, as the difference of the clocks has it, which is where
-// the kernel takes it from too; nothing where it is too near to another second.
+// The start of the system in seconds, as the difference of two clocks, from which the kernel
+// computes it too. std::nullopt if it is too near to the next or the previous second.
 std::optional<std::int64_t> bootTimeByClocks() {
   using std::chrono::nanoseconds;
   const auto read = [](clockid_t clock) {
@@ -124,7 +124,7 @@ std::optional<std::string> LinuxSystemInformation::processPath(ProcessId process
   if (!folder || !*folder) return std::nullopt;
   const auto record = readProcess((*folder)->get(), process, path);
   if (!record || !*record) return std::nullopt;
-  // By the folder, since the number may be another process's by now.
+  // Read it through the folder, since another process may have the number by now.
   auto executable =
       executablePathOfLink("/proc/self/fd/" + std::to_string((*folder)->get()) + "/exe");
   if (!executable) return std::nullopt;
@@ -136,8 +136,8 @@ std::optional<UserIdentity> LinuxSystemInformation::identityForPosixId(UserId us
 }
 
 Result<std::int64_t> LinuxSystemInformation::bootTime() const {
-  // Each look-up of an endpoint asks, and the kernel sums up the work of every processor and every
-  // interrupt for the file.
+  // Each lookup of an endpoint needs the boot time, and to produce the file the kernel sums up the
+  // work of every processor and every interrupt.
   const auto byClocks = bootTimeByClocks();
   if (byClocks && *byClocks == confirmedBootTime_) return *byClocks;
   const std::string path = procFolder_ + "/stat";

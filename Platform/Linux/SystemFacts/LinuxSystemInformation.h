@@ -10,9 +10,9 @@
 
 namespace platform {
 
-// System information from /proc and the name service. Release, version and Gestalt are those of the
-// platform that this layer implements, as configured: a catalogue's "MinimumOSVersion" means that
-// one, not Linux.
+// System information from /proc and the name service. Release, version and Gestalt are the
+// configured ones of the platform that this layer implements, because a catalogue's
+// "MinimumOSVersion" refers to that platform and not to Linux.
 class LinuxSystemInformation final : public SystemInformation {
  public:
   // `procFolder` is where the proc file system is mounted.
@@ -30,8 +30,8 @@ class LinuxSystemInformation final : public SystemInformation {
   std::string kernelRelease_;
   OperatingSystemVersion osVersion_;
   std::string procFolder_;
-  // What /proc has said while the clocks said the same: it need not be asked again until they say
-  // something else.
+  // The last boot time that /proc and the clocks agreed on. /proc is read again only if the clocks
+  // give another one.
   mutable std::atomic<std::int64_t> confirmedBootTime_ = std::numeric_limits<std::int64_t>::min();
 };
 

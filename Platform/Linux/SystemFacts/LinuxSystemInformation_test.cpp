@@ -32,8 +32,8 @@ PlatformConfiguration configuration() {
   return configuration;
 }
 
-// A process that waits until it is killed: it reads what nobody writes. It has executed its program
-// when the constructor returns.
+// A process that reads without end and waits until it is killed. It has executed its program when
+// the constructor returns.
 class WaitingProcess {
  public:
   explicit WaitingProcess(const std::string& program) {
@@ -57,7 +57,7 @@ class WaitingProcess {
 
   int error() const { return error_; }
   ProcessId process() const { return process_; }
-  // Leaves a zombie.
+  // Kills it and leaves a zombie.
   void end() {
     ::kill(process_, SIGKILL);
     siginfo_t info;
@@ -87,7 +87,7 @@ class LinuxInformationMachine final : public SystemInformationMachine {
 
  private:
   LinuxSystemInformation system_{configuration(), "/proc"};
-  // Before the other, so that this one does not get its number.
+  // It is started before the other ends, so that it can't get the other's number.
   WaitingProcess running_{"/bin/cat"};
   ProcessId ended_ = 0;
 };
@@ -100,7 +100,7 @@ INSTANTIATE_TEST_SUITE_P(Linux, SystemInformationContract, testing::Values(&make
 
 class LinuxProcessTest : public testing::Test {
  protected:
-  // A copy of `cat` under a name of the test's own.
+  // A copy of `cat` with a name of its own.
   std::string program(const std::string& name) {
     const std::string path = folder_.path(name);
     std::filesystem::copy_file("/bin/cat", path);
@@ -111,7 +111,7 @@ class LinuxProcessTest : public testing::Test {
   LinuxSystemInformation system_{configuration(), "/proc"};
 };
 
-TEST_F(LinuxProcessTest, ACommandNameMayHoldParenthesesSpacesAndBytesThatAreNoText) {
+TEST_F(LinuxProcessTest, ACommandNameMayHoldParenthesesSpacesAndInvalidText) {
   for (const std::string name : {"a) S 1 (b", "(", ") ", "x\ny", "\xff\xfe", "\\"}) {
     const WaitingProcess process(program(name));
     ASSERT_EQ(process.error(), 0);
@@ -172,7 +172,7 @@ TEST_F(LinuxProcessTest, AZombieHasARecordButNoPath) {
   EXPECT_EQ(system_.processPath(process.process()), std::nullopt);
 }
 
-TEST_F(LinuxProcessTest, AThreadIsNoProcess) {
+TEST_F(LinuxProcessTest, AThreadIsNotAProcess) {
   std::thread([&] {
     const ProcessId thread = ::gettid();
     ASSERT_NE(thread, ::getpid());
@@ -188,7 +188,7 @@ TEST_F(LinuxProcessTest, OurOwnPathIsThatOfTheRunningProgram) {
   EXPECT_EQ(runningExecutablePath(), std::filesystem::read_symlink("/proc/self/exe").native());
 }
 
-// A folder in place of /proc, with one process, 70.
+// A folder in place of /proc with one process, 70.
 class ProcFolderTest : public testing::Test {
  protected:
   ProcFolderTest() {
@@ -217,7 +217,7 @@ TEST_F(ProcFolderTest, ARecordIsReadFromBothFiles) {
   EXPECT_EQ(system_.processPath(70), "/usr/sbin/demo");
 }
 
-TEST_F(ProcFolderTest, AProcessThatEndsWhileItIsReadIsNone) {
+TEST_F(ProcFolderTest, AProcessThatEndsWhileItIsReadHasNoRecord) {
   for (const char* file : {"70/status", "70/stat"}) {
     std::filesystem::remove(proc_.path(file));
     const auto record = system_.kernelProcess(70);
@@ -258,7 +258,7 @@ TEST_F(ProcFolderTest, AFileThatCanNotBeReadIsAnError) {
   EXPECT_EQ(system_.kernelProcess(70).error().osError, ENOTDIR);
 }
 
-TEST_F(ProcFolderTest, WithoutAProcFileSystemNoProcessIsSaidToBeGone) {
+TEST_F(ProcFolderTest, WithoutAProcFileSystemNoProcessCountsAsEnded) {
   const TemporaryFolder empty;
   for (const std::string& folder : {empty.path(), empty.path("missing")}) {
     const LinuxSystemInformation system(configuration(), folder);
@@ -269,7 +269,7 @@ TEST_F(ProcFolderTest, WithoutAProcFileSystemNoProcessIsSaidToBeGone) {
   }
 }
 
-TEST_F(ProcFolderTest, ALinkThatIsNoFullPathIsNone) {
+TEST_F(ProcFolderTest, ALinkWithoutAFullPathIsRefused) {
   link("(unreachable)/demo");
   EXPECT_EQ(system_.processPath(70), std::nullopt);
   link("/" + std::string(4094, 'a'));
@@ -278,7 +278,7 @@ TEST_F(ProcFolderTest, ALinkThatIsNoFullPathIsNone) {
   EXPECT_EQ(system_.processPath(70), std::nullopt);
 }
 
-TEST_F(ProcFolderTest, TheMarkOfADeletedFileIsTakenOffOnce) {
+TEST_F(ProcFolderTest, TheMarkOfADeletedFileIsRemovedOnce) {
   link("/nowhere/demo (deleted)");
   EXPECT_EQ(system_.processPath(70), "/nowhere/demo");
   link("/nowhere/demo (deleted) (deleted)");

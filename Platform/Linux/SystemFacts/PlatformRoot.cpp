@@ -34,7 +34,7 @@ Result<std::string> platformRootOfExecutable(std::string_view executablePath) {
     const std::string root(folder.empty() ? "/" : folder);
     const std::string file = configurationPath(root);
     struct stat status{};
-    // A link counts too, so that what stands in the file's place is refused and not passed over.
+    // A symbolic link in the file's place counts, too: it is refused later and not passed over.
     if (::lstat(file.c_str(), &status) == 0) return root;
     if (errno != ENOENT && errno != ENOTDIR) {
       return std::unexpected(systemError("looking for the platform root: " + file));

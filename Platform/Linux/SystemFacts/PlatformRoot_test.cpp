@@ -27,7 +27,7 @@ std::string propertyList(const std::string& entries) {
 
 class PlatformRootTest : public testing::Test {
  protected:
-  // The path as the test runner made it must not decide what others may do.
+  // Sets the mode, because the test's umask must not affect the checks.
   std::string writeConfiguration(std::string_view below, const std::string& content) {
     const std::string path = folder_.write(below, content);
     EXPECT_EQ(::chmod(path.c_str(), 0644), 0);
@@ -62,7 +62,7 @@ TEST_F(PlatformRootTest, WithoutAnyConfigurationTheRootIsTheSystems) {
   EXPECT_EQ(platformRootOfExecutable("program"), "/");
 }
 
-TEST_F(PlatformRootTest, WhatStandsInTheFilesPlaceMarksTheRootAndIsRefused) {
+TEST_F(PlatformRootTest, AnotherKindOfFileMarksTheRootAndIsRefused) {
   std::filesystem::create_directories(folder_.path("etc/vantor"));
   std::filesystem::create_symlink("nowhere", folder_.path(kConfigurationFile));
   EXPECT_EQ(platformRootOfExecutable(folder_.path("program")), folder_.path());
@@ -133,7 +133,7 @@ TEST_F(PlatformRootTest, AFileThatOthersCanWriteIsNotTrusted) {
   EXPECT_TRUE(readPlatformConfiguration(folder_.path()));
 }
 
-TEST_F(PlatformRootTest, AnothersFileIsNotTrusted) {
+TEST_F(PlatformRootTest, AFileOfAnotherUserIsNotTrusted) {
   const std::string path = writeConfiguration(kConfigurationFile, propertyList(""));
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
   ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
@@ -143,7 +143,7 @@ TEST_F(PlatformRootTest, AnothersFileIsNotTrusted) {
               HasSubstr("not trusted: it belongs to uid 65534; give it to root (chown)"));
 }
 
-TEST_F(PlatformRootTest, TrustIsAMatterOfOwnerAndMode) {
+TEST_F(PlatformRootTest, TrustDependsOnOwnerAndMode) {
   const struct {
     uid_t owner;
     mode_t mode;
@@ -162,7 +162,7 @@ TEST_F(PlatformRootTest, TrustIsAMatterOfOwnerAndMode) {
               HasSubstr("give it to root or uid 501"));
 }
 
-TEST_F(PlatformRootTest, OnlyARegularFileOfModestSizeIsRead) {
+TEST_F(PlatformRootTest, OnlyARegularFileOfLimitedSizeIsRead) {
   const std::string empty = propertyList("");
   const auto padded = [&](std::size_t size) {
     return empty + std::string(size - empty.size(), ' ');
@@ -189,7 +189,7 @@ TEST_F(PlatformRootTest, TheBundleOfAProgramHasItsInfoDictionary) {
             folder_.path("D.bundle/Contents/Resources/Service.plist"));
 }
 
-TEST_F(PlatformRootTest, ABundleMayDoWithoutAnInfoDictionaryButNotWithABadOne) {
+TEST_F(PlatformRootTest, TheInfoDictionaryMayBeMissingButNotMalformed) {
   const std::string program = folder_.path("bin/d");
   const auto flat = bundleOfExecutable(program);
   ASSERT_TRUE(flat) << flat.error().context;

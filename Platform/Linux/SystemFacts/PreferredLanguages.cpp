@@ -19,7 +19,7 @@ std::optional<std::string> contentOfLocaleFile(const std::string& path) {
   return content ? std::optional(*std::move(content)) : std::nullopt;
 }
 
-// What stands up to `end`, which is taken off together with it.
+// Takes the text up to `end` off, together with `end`.
 std::string_view takeUpTo(char end, std::string_view& text) {
   const std::size_t at = text.find(end);
   const std::string_view taken = text.substr(0, at);
@@ -27,7 +27,7 @@ std::string_view takeUpTo(char end, std::string_view& text) {
   return taken;
 }
 
-// Without quotes around it.
+// The value without its quotes.
 std::string_view unquoted(std::string_view value) {
   for (const char quote : {'"', '\''}) {
     if (value.size() >= 2 && value.front() == quote && value.back() == quote) {
@@ -37,7 +37,7 @@ std::string_view unquoted(std::string_view value) {
   return value;
 }
 
-// Of a list between colons, in the platform's spelling.
+// Adds the languages of a list with colons, in the platform's spelling.
 void addLanguages(std::string_view locales, std::vector<std::string>& languages) {
   while (!locales.empty()) {
     const std::string_view locale = takeUpTo(':', locales);

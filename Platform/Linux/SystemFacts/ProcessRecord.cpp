@@ -27,7 +27,7 @@ bool atEndOfNumber(std::string_view text) {
   return text.empty() || text.front() == ' ' || text.front() == '\t' || text.front() == '\n';
 }
 
-// What stands behind `name` on its line; nothing when there is no such line or its end is missing.
+// The rest of the line after `name`; std::nullopt if the line or its end is missing.
 std::optional<std::string_view> lineAfter(std::string_view text, std::string_view name) {
   while (!text.empty()) {
     const std::size_t end = text.find('\n');
@@ -46,7 +46,8 @@ std::unexpected<Error> malformed(std::string text) {
 }  // namespace
 
 Result<ProcessStat> parseProcessStat(std::string_view text) {
-  // PID (COMMAND) STATE PPID ...: only the last parenthesis is certainly not the command's.
+  // The format is PID (COMMAND) STATE PPID ... A command may contain parentheses, so only the last
+  // one surely ends it.
   ProcessStat stat;
   const auto process = takeNumber<ProcessId>(text);
   const bool opened = process && takePrefix(text, " (");

@@ -9,27 +9,27 @@
 
 namespace platform {
 
-// What a process's "stat" file says. The command name is raw: it may hold parentheses, spaces, line
-// ends and ill-formed UTF-8, since every process chooses its own.
+// The content of a process's "stat" file. The command name is raw: every process chooses its own,
+// so it may contain parentheses, spaces, line ends and ill-formed UTF-8.
 struct ProcessStat {
   ProcessId process = 0;
   ProcessId parent = 0;
   std::string command;
 };
 
-// What a process's "status" file says.
+// The content of a process's "status" file.
 struct ProcessStatus {
-  ProcessId threadGroup = 0;  // differs from the number asked for where that names a mere thread
+  ProcessId threadGroup = 0;  // differs from the number asked for if that is a thread's
   UserId realUser = 0;
   UserId effectiveUser = 0;
 };
 
-// Both take the beginning of the file, as long as it holds what they look for; kInvalid for what is
-// malformed.
+// Both take the beginning of the file, which must contain the fields that they read. They fail with
+// kInvalid if it is malformed.
 Result<ProcessStat> parseProcessStat(std::string_view text);
 Result<ProcessStatus> parseProcessStatus(std::string_view text);
 
-// When the kernel started, from the text of the system's "stat" file.
+// The start of the system in seconds since 1970, from the text of the system's "stat" file.
 Result<std::int64_t> parseBootTime(std::string_view text);
 
 }  // namespace platform

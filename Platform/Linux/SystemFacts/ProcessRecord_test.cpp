@@ -29,7 +29,7 @@ TEST(ProcessStatTest, ParentsAreTakenAsTheyStand) {
   EXPECT_EQ(parseProcessStat("2 (x) R 12")->parent, 12);
 }
 
-TEST(ProcessStatTest, WhatIsMalformedIsRefused) {
+TEST(ProcessStatTest, MalformedTextIsRefused) {
   const std::string_view texts[] = {"",
                                     "\n",
                                     "1",
@@ -66,7 +66,7 @@ TEST(ProcessStatusTest, TheUsersAreTheRealAndTheEffectiveOne) {
   EXPECT_EQ(status->effectiveUser, 4294967294u);
 }
 
-TEST(ProcessStatusTest, WhatIsMalformedOrCutIsRefused) {
+TEST(ProcessStatusTest, MalformedOrTruncatedTextIsRefused) {
   const std::string_view texts[] = {"",
                                     "Tgid:\t70\n",
                                     "Uid:\t1\t2\t3\t4\n",
@@ -93,7 +93,7 @@ TEST(BootTimeLineTest, IsFoundAmongTheOthers) {
   EXPECT_EQ(parseBootTime("btime 9223372036854775807\n"), INT64_MAX);
 }
 
-TEST(BootTimeLineTest, WhatIsMissingOrMalformedIsRefused) {
+TEST(BootTimeLineTest, AMissingOrMalformedLineIsRefused) {
   for (const std::string_view text :
        {"", "cpu 1\n", "btime 1", "btime\n", "btime \n", "btime x\n", "btime 1x\n", "btime -1\n",
         "btime 1 2\n", "btime 9223372036854775808\n", "xbtime 1\n", " btime 1\n"}) {

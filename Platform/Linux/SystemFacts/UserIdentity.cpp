@@ -6,7 +6,7 @@
 namespace platform {
 namespace {
 
-// Locale-free: login names are ASCII by the system's own rules.
+// Independent of the locale, because the system allows only ASCII in login names.
 char upperCase(char letter) {
   return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
 }

@@ -29,7 +29,7 @@ TEST(GecosTest, TheFullNameIsTheFirstFieldElseTheLoginName) {
   for (const auto& [gecos, login, name] : cases) EXPECT_EQ(fullNameOfGecos(gecos, login), name);
 }
 
-// A name service whose only user, 501, has an entry of so many bytes.
+// A name service with one user, 501, whose entry has `entrySize` bytes.
 std::size_t entrySize = 0;
 int interruptions = 0;
 
@@ -50,7 +50,7 @@ int lookUpLarge(uid_t user, passwd* entry, char* buffer, std::size_t size, passw
   return 0;
 }
 
-TEST(UserIdentityTest, AnEntryMayBeLargeButNotWithoutBounds) {
+TEST(UserIdentityTest, TheSizeOfAnEntryIsLimited) {
   for (const std::size_t size : {16, 1024, 1025, 100'000, 1024 * 1024}) {
     entrySize = size;
     const auto identity = lookUpUser(501, lookUpLarge);
@@ -62,7 +62,7 @@ TEST(UserIdentityTest, AnEntryMayBeLargeButNotWithoutBounds) {
   EXPECT_FALSE(lookUpUser(501, lookUpLarge));
 }
 
-TEST(UserIdentityTest, AnInterruptionIsRepeated) {
+TEST(UserIdentityTest, AnInterruptedLookupIsRepeated) {
   entrySize = 16;
   interruptions = 3;
   EXPECT_TRUE(lookUpUser(501, lookUpLarge));
@@ -78,7 +78,7 @@ TEST(UserIdentityTest, AFailureOfTheNameServiceIsNone) {
   }));
 }
 
-TEST(UserIdentityTest, AnEntryWithoutTextsIsNoTrap) {
+TEST(UserIdentityTest, AnEntryMayHaveNullTexts) {
   const auto nothingButAName = [](uid_t, passwd* entry, char* buffer, std::size_t,
                                   passwd** result) {
     std::strcpy(buffer, "kim");

@@ -15,12 +15,12 @@ namespace platform {
 
 std::string newUuidString() {
   std::array<std::uint8_t, 16> bytes;
-  // So few bytes come whole or not at all.
+  // getrandom() returns so few bytes all at once or not at all.
   const ssize_t count =
       retryOnInterrupt([&] { return ::getrandom(bytes.data(), bytes.size(), 0); });
   if (count != static_cast<ssize_t>(bytes.size())) {
     std::perror("getrandom");
-    std::abort();  // What is not random could name two things alike.
+    std::abort();  // A predictable number could name two things alike.
   }
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0f) | 0x40);  // version 4
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3f) | 0x80);  // the variant that has versions

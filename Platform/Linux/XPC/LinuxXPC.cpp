@@ -19,7 +19,8 @@ Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string roo
 }
 
 std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
-  // A connection, a file that is read for it, and what comes with a message never completed.
+  // A connection, a file that is read for it, and the descriptors of a message that is never
+  // completed.
   constexpr std::uint64_t kDescriptorsEach = 2 + kMaxPeerDescriptors;
   constexpr std::uint64_t kShare = 4;
   return static_cast<std::size_t>(std::clamp<std::uint64_t>(
@@ -59,8 +60,8 @@ void LinuxXPC::performOnLoop(const std::function<void()>& action) {
   if (std::this_thread::get_id() == loopThread_) return action();
   const auto done = std::make_shared<std::promise<void>>();
   {
-    // Without the loop's thread one thread after the other stands in for it: what is still being
-    // served may hold the last of a listener.
+    // After the loop's thread has ended, the waiting threads take its place, one at a time: a
+    // request that is still being served may drop the last reference to a listener.
     const std::lock_guard lock(mutex_);
     if (loopHasEnded_) return action();
     awaited_.push_back({&action, done});

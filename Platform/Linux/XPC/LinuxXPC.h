@@ -22,35 +22,36 @@
 
 namespace platform {
 
-// The XPC of a program, with a thread and a loop of its own for its connections.
+// XPC for one program. Its connections have a thread and a loop of their own.
 class LinuxXPC {
  public:
-  // Threads for the requests of one listener: two, so that a long one leaves another going. Objects
-  // that serve at once hold up neither; they are served on the loop's thread where that can be.
+  // The threads that serve the requests of one listener. With two, a long request does not block
+  // the others. Objects that serve at once run on the loop's thread if possible, and block neither.
   static constexpr std::size_t kThreadsPerListener = 2;
 
-  // Mach services are sockets below `root`; one that was passed to the process is used as it is.
-  // The log outlives this. Fails with kExhausted without descriptors.
+  // The sockets of Mach services lie below `root`; a passed socket is used as it is. The log
+  // outlives this. Fails with kExhausted if there are no descriptors.
   static Result<std::unique_ptr<LinuxXPC>> make(SystemLog& log, std::string root,
                                                 std::optional<PassedSocket> passed);
 
   LinuxXPC(const LinuxXPC&) = delete;
   LinuxXPC& operator=(const LinuxXPC&) = delete;
-  // Ends the connections; waits for requests that are being served.
+  // Ends the connections and blocks until running requests have been served.
   ~LinuxXPC();
 
   XPC& xpc() { return *xpc_; }
 
-  // How many connections one user may have to a listener, in a process that may open so many
-  // descriptors. Everybody may connect, so that nobody is to have more than a quarter of them: with
-  // messages that it never completes, too. At least one, at most kMaxPeerConnectionsPerUser.
+  // The limit of connections that one user may have to a listener, in a process with this limit of
+  // descriptors. Anybody may connect, so one user gets at most a quarter of the descriptors,
+  // counting those of messages that are never completed. At least 1, at most
+  // kMaxPeerConnectionsPerUser.
   static std::size_t connectionsPerUser(std::uint64_t descriptorLimit);
 
  private:
   LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
            std::unique_ptr<AsioRunLoop> loop);
 
-  // What a thread waits for.
+  // An action for which a thread waits.
   struct Awaited {
     const std::function<void()>* action;
     std::shared_ptr<std::promise<void>> done;  // shared with the thread
@@ -67,7 +68,7 @@ class LinuxXPC {
   DBusPeerTransport transport_{*loop_};
   std::optional<XPC> xpc_;
   std::thread thread_;
-  std::thread::id loopThread_;  // that other threads may read while it is joined
+  std::thread::id loopThread_;  // other threads may read it while the thread is joined
 };
 
 }  // namespace platform

@@ -21,7 +21,7 @@
 namespace platform {
 namespace {
 
-// Two of them in this process: they can't tell that from two processes.
+// Two XPC instances in this process. They can't tell this from two processes.
 class LinuxXPCHarness final : public XPCHarness {
  public:
   LinuxXPCHarness() {
@@ -76,15 +76,15 @@ TEST_P(XPCContract, MoreLongRequestsThanThreadsLeaveAnotherOneServed) {
   journal_.await("lingered", long_.size());
 }
 
-// Here alone: where queues and loop share a thread, what has no end lets nothing else arrive.
-TEST_P(XPCContract, WhatServesAtOnceMayTakeLongToo) {
+// Only here: if queues and loop share a thread, an endless request lets no other message arrive.
+TEST_P(XPCContract, AnObjectThatServesAtOnceMayTakeLong) {
   delegate_->servesAtOnce = true;
   delegate_->object().turnsToLinger = kForEver;
   start();
   const auto other = connect();
   call(*other, "echo:withReply:", {Value(1)});
   delegate_->object().whileLingering = [&] {
-    other->sendMessage("note:", {Value("meanwhile")}, nullptr, nullptr);  // Which ends it.
+    other->sendMessage("note:", {Value("meanwhile")}, nullptr, nullptr);  // This ends it.
   };
   send(*client_, "lingerWithReply:");
   client_->sendMessage("note:", {Value("behind")}, nullptr, nullptr);
@@ -97,7 +97,7 @@ TEST_P(XPCContract, WhatServesAtOnceMayTakeLongToo) {
   EXPECT_EQ(entries, (std::vector<std::string>{"lingered", "note behind"}));
 }
 
-TEST_P(XPCContract, SoMuchMayWaitBehindALongRequestAndNoMore) {
+TEST_P(XPCContract, MessagesBehindALongRequestAreLimited) {
   delegate_->object().turnsToLinger = kForEver;
   start();
   const auto other = connect();
@@ -106,7 +106,7 @@ TEST_P(XPCContract, SoMuchMayWaitBehindALongRequestAndNoMore) {
   journal_.await("begun");
   const auto sendNote = [&] {
     client_->sendMessage("note:", {Value("behind")}, nullptr, nullptr);
-    call(*other, "echo:withReply:", {Value(1)});  // By then it has arrived.
+    call(*other, "echo:withReply:", {Value(1)});  // The earlier message has arrived by now.
   };
   for (std::size_t i = 0; i < NSXPCConnection::kMaxWaitingMessages; ++i) sendNote();
   EXPECT_EQ(journal_.count("interrupted"), 0u);
@@ -116,8 +116,8 @@ TEST_P(XPCContract, SoMuchMayWaitBehindALongRequestAndNoMore) {
   EXPECT_EQ(journal_.count("note behind"), 0u);
 }
 
-// Asks its listener without a pause, from before its XPC's end until after that has begun; and is
-// then the last that holds it.
+// Calls its listener without a pause, from before the XPC shuts down until after that has begun,
+// and then holds the last reference to it.
 class Busy final : public NSXPCListenerDelegate {
  public:
   bool listener(NSXPCListener& listener, const std::shared_ptr<NSXPCConnection>&) override {
@@ -131,10 +131,10 @@ class Busy final : public NSXPCListenerDelegate {
   std::atomic<bool> isEnding = false;
 
  private:
-  static constexpr int kTurns = 1000;  // The XPC's loop stops at one of the first.
+  static constexpr int kTurns = 1000;  // The XPC's loop stops within the first few.
 };
 
-TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
+TEST(LinuxXPCTest, ARunningRequestMayUseItsListenerWhileTheXPCEnds) {
   TemporaryFolder folder;
   FakeLogSink sink;
   SystemLog log(sink, "test");
@@ -152,7 +152,7 @@ TEST(LinuxXPCTest, WhatIsBeingServedMayUseItsListenerWhileTheXPCEnds) {
   server.reset();
 }
 
-TEST(LinuxXPCTest, WhatTakesLongLearnsThatItsXPCHasEnded) {
+TEST(LinuxXPCTest, ALongRequestLearnsThatItsXPCHasEnded) {
   LinuxXPCHarness harness;
   XPCJournal journal(harness);
   auto delegate = std::make_shared<XPCTestDelegate>(journal);
@@ -177,7 +177,7 @@ TEST(LinuxXPCTest, WhatTakesLongLearnsThatItsXPCHasEnded) {
   harness.end();
 }
 
-// Accepts everybody, and holds the second up until it is told to go on.
+// Accepts everybody, but delays the second connection until it is released.
 class Hesitating final : public NSXPCListenerDelegate {
  public:
   explicit Hesitating(XPCJournal& journal)
@@ -202,8 +202,8 @@ class Hesitating final : public NSXPCListenerDelegate {
   int accepted_ = 0;
 };
 
-// A message for a busy queue waits behind it, and the thread that reads for all does not.
-TEST(LinuxXPCTest, WhatIsServedAtOnceOnABusyQueueHoldsUpNoOtherConnection) {
+// A message for a busy queue waits behind it without blocking the thread that reads for all.
+TEST(LinuxXPCTest, AnObjectServedAtOnceOnABusyQueueBlocksNoOtherConnection) {
   LinuxXPCHarness harness;
   XPCJournal journal(harness);
   auto delegate = std::make_shared<Hesitating>(journal);
@@ -240,7 +240,7 @@ TEST(LinuxXPCTest, WhatIsServedAtOnceOnABusyQueueHoldsUpNoOtherConnection) {
   harness.end();
 }
 
-TEST(LinuxXPCTest, AUserMayHoldAQuarterOfTheDescriptorsAndAtMostAsManyConnectionsAsAnywhere) {
+TEST(LinuxXPCTest, OneUserGetsAtMostAQuarterOfTheDescriptors) {
   constexpr std::uint64_t kEach = 4 * (2 + kMaxPeerDescriptors);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(0), 1u);
   EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach - 1), 1u);
