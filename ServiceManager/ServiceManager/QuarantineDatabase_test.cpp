@@ -65,7 +65,7 @@ TEST_F(QuarantineDatabaseTest, TellsTheOriginOfAnEvent) {
   EXPECT_EQ(originIn(home_, "' OR '' == '"), std::nullopt);
 }
 
-TEST_F(QuarantineDatabaseTest, AnOriginThatIsNoTextIsNone) {
+TEST_F(QuarantineDatabaseTest, AnOriginThatIsNoTextIsIgnored) {
   for (const char* origin : {"CAST(x'68ff' AS TEXT)", "x'ff'", "x'edb2a9'"}) {
     execute(open(),
             "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT, "

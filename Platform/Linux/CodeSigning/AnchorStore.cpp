@@ -21,15 +21,15 @@ bool isFull(const AnchorSet& set) {
   return sk_X509_num(set.certificates.get()) >= AnchorStore::kMaxCertificates;
 }
 
-// There is room for it.
+// The caller has checked that there is room.
 void addCertificate(CertificateHandle certificate, AnchorSet& set) {
-  // Fills what a certificate caches while one thread alone has it: later ones only read.
+  // Computes the certificate's cached fields while only one thread has it; later calls only read.
   X509_check_purpose(certificate.get(), -1, 0);
-  X509_STORE_add_cert(set.store.get(), certificate.get());  // Takes a reference of its own.
+  X509_STORE_add_cert(set.store.get(), certificate.get());  // It takes a reference of its own.
   if (sk_X509_push(set.certificates.get(), certificate.get()) > 0) (void)certificate.release();
 }
 
-// Takes the certificates in the file's bytes; what is wrong with them, or nothing.
+// Adds the certificates in a file's bytes. Returns what is wrong with them, or an empty text.
 std::string_view addCertificates(std::span<const std::uint8_t> bytes, AnchorSet& set) {
   constexpr std::string_view kTooMany = "holds one certificate too many";
   int count = 0;
@@ -74,10 +74,10 @@ std::shared_ptr<const AnchorSet> AnchorStore::load(WallTime now) {
   FileFacts folders;
   if (auto trusted = place_.check(folder_, folders); !trusted) {
     set->remarks.push_back(trusted.error().reason);
-    settled_ = false;  // Without anchors nothing is remembered either.
+    settled_ = false;  // Without anchors no verdict is cached either.
     return set;
   }
-  // The folders above decide once: every look at the anchors would pay for them.
+  // The folders above are checked only now: checking them at every lookup would cost too much.
   facts_.push_back(std::move(folders.back()));
   bool sawAll = true;
   const auto names = namesInFolder(folder_, kMaxFiles);
@@ -86,7 +86,7 @@ std::shared_ptr<const AnchorSet> AnchorStore::load(WallTime now) {
     set->remarks.push_back(fmt::format("{}: holds more than {} files", folder_, kMaxFiles));
   } else if (names) {
     for (const std::string& name : *names) {
-      // Every file is loaded, whatever becomes of the others.
+      // Load every file, even if another one fails.
       sawAll = loadFile(folder_ + "/" + name, *set) && sawAll;
     }
   }

@@ -13,19 +13,19 @@
 
 namespace platform {
 
-// The anchors as they were at one moment; immutable.
+// The anchors at one moment; immutable.
 struct AnchorSet {
   std::uint64_t generation = 0;
   CertificateStore store;
   CertificateStack certificates;
-  // Why there are fewer than one may expect, one text for each reason; empty where all is well.
+  // Reasons why anchors are missing, one text each; empty if there are none.
   std::vector<std::string> remarks;
 };
 
-// The certificates that the platform trusts to sign code, or to say who may: every certificate in
-// every file (PEM, one or several, or DER) of one folder. Folder and files count only where nobody
-// but root and the platform root's owner can write them; what is not a certificate is passed over.
-// Any thread may use it.
+// The certificates that the platform trusts to sign code or to issue certificates for signers:
+// every certificate in every file (PEM, one or several, or DER) of one folder. Folder and files
+// count only if nobody but root and the platform root's owner can write them. Files without a
+// certificate are skipped. Any thread may use it.
 class AnchorStore {
  public:
   static constexpr std::size_t kMaxFiles = 64;
@@ -34,23 +34,23 @@ class AnchorStore {
 
   AnchorStore(std::string folder, TrustedPlace place);
 
-  // The anchors as they are now. They stay loaded, since loading costs as much as a check: the
-  // folder and its files are only looked at.
+  // The current anchors. They stay loaded, because loading costs as much as a check; a call only
+  // checks whether the folder or its files have changed.
   std::shared_ptr<const AnchorSet> current(WallTime now);
 
  private:
   std::shared_ptr<const AnchorSet> load(WallTime now);
-  // False where it is only now that the file can't be read.
+  // False if the file can't be read now, but may be readable later.
   bool loadFile(const std::string& path, AnchorSet& set);
 
   const std::string folder_;
   const TrustedPlace place_;
 
   std::mutex mutex_;
-  // Shared with the checks that are under way.
+  // Shared with running checks.
   std::shared_ptr<const AnchorSet> set_;
-  FileFacts facts_;       // that the set rests on
-  bool settled_ = false;  // whether a later change would show in them
+  FileFacts facts_;       // the folder and files that were loaded
+  bool settled_ = false;  // whether a later change would alter them
   std::uint64_t generation_ = 0;
 };
 

@@ -35,7 +35,7 @@ class AnchorStoreTest : public testing::Test {
     return pemOfCertificate(CodeSigningBed::foreignAuthority().chain.front().get()).value();
   }
 
-  CodeSigningBed bed_;  // With one anchor.
+  CodeSigningBed bed_;  // It has one anchor.
   AnchorStore store_{bed_.folder().path("etc/vantor/anchors"), TrustedPlace(::geteuid())};
 };
 
@@ -53,7 +53,7 @@ TEST_F(AnchorStoreTest, TakesDerAndSeveralInOneFile) {
   EXPECT_EQ(count(), 3);
 }
 
-TEST_F(AnchorStoreTest, WhatIsNoCertificateIsPassedOverAndRemarked) {
+TEST_F(AnchorStoreTest, AFileWithoutACertificateIsSkippedAndRemarked) {
   write("README", "No certificate here.\n");
   EXPECT_EQ(count(), 1);
   EXPECT_THAT(load()->remarks, ElementsAre(path("README") + ": holds no certificate"));
@@ -90,7 +90,7 @@ TEST_F(AnchorStoreTest, AMissingFolderLeavesNoAnchors) {
   EXPECT_THAT(load()->remarks, ElementsAre(HasSubstr("No such file or directory")));
 }
 
-TEST_F(AnchorStoreTest, LinksAndPipesAreNotFollowedOrWaitedFor) {
+TEST_F(AnchorStoreTest, LinksAreNotFollowedAndPipesDoNotBlock) {
   std::filesystem::rename(path("authority.pem"), bed_.folder().path("elsewhere.pem"));
   std::filesystem::create_symlink("../../../elsewhere.pem", path("link.pem"));
   ASSERT_EQ(::mkfifo(path("pipe.pem").c_str(), 0600), 0);
@@ -129,7 +129,8 @@ TEST_F(AnchorStoreTest, TheNumberOfCertificatesIsBounded) {
   constexpr int kMost = AnchorStore::kMaxCertificates;
   for (const int certificates : {kMost - 1, kMost, kMost + 1}) {
     std::string text;
-    for (int i = 1; i < certificates; ++i) text += foreignPem();  // Beside the one that is there.
+    // Beside the one that is there already.
+    for (int i = 1; i < certificates; ++i) text += foreignPem();
     write("many.pem", text);
     EXPECT_EQ(count(), std::min(certificates, kMost));
     if (certificates <= kMost) {
@@ -141,7 +142,7 @@ TEST_F(AnchorStoreTest, TheNumberOfCertificatesIsBounded) {
   }
 }
 
-TEST_F(AnchorStoreTest, WhatWasChangedWithinTwoSecondsIsLoadedAgain) {
+TEST_F(AnchorStoreTest, AFileChangedWithinTwoSecondsIsLoadedAgain) {
   struct stat status{};
   ASSERT_EQ(::stat(path("authority.pem").c_str(), &status), 0);
   const WallTime changed(std::chrono::seconds(status.st_ctim.tv_sec) +

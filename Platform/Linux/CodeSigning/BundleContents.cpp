@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::size_t kMostLinkBytes = 4095;
 
-// The kernel resolves the link, since a text alone does not tell through which other links it goes.
+// The kernel resolves the link, because its text does not show which other links it passes through.
 CodeSigningResult<void> checkStaysInside(int bundle, const std::string& relative,
                                          const std::string& path) {
   open_how how{};
@@ -72,7 +72,7 @@ class Listing {
     std::size_t depth;
   };
 
-  // The folder where it is one that must be listed in its turn.
+  // Returns the folder if the entry is one that must be listed in turn.
   CodeSigningResult<std::optional<Folder>> take(const Folder& in, std::string path) {
     if (in.path == sealFolder_ && (path == sealFolder_ + "/" + std::string(kSealListName) ||
                                    path == sealFolder_ + "/" + std::string(kSealSignatureName))) {

@@ -34,7 +34,7 @@ CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
   return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);
 }
 
-// Nothing where the entry is ill-formed.
+// std::nullopt if the entry is ill-formed.
 std::optional<SealedItem> readItem(const Value& entry) {
   const Dictionary* const fields = entry.dictionary();
   if (!fields || fields->size() != 1) return std::nullopt;

@@ -12,27 +12,27 @@
 
 namespace platform {
 
-// The list of what a bundle holds, CodeResources: a property list
+// The list of a bundle's content, CodeResources: a property list
 //
 //   files2: { "Contents/Linux/program": { hash2: <SHA-256 of the file> },
 //             "Contents/current":       { symlink: "versions/2" } }
 //
-// with paths relative to the bundle. Folders are not listed: an empty one means nothing.
+// with paths relative to the bundle. Folders are not listed, so an empty folder is not covered.
 struct SealedItem {
   Data sha256;           // of a file
   std::string linkText;  // of a symbolic link; empty for a file
 };
 using BundleSeal = std::map<std::string, SealedItem, std::less<>>;
 
-// Reads a list; what it does not define is errSecCSBadResource.
+// Reads a list. Fails with errSecCSBadResource if it is ill-formed.
 CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes,
                                              const std::string& name);
 
-// The list of a bundle with these contents. Reads all its files.
+// Makes the list for these contents. Reads all files.
 CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents);
 
-// Whether a bundle with these contents is what was sealed. First that nothing was added, is missing
-// or leads elsewhere, then each file. Reads all its files.
+// Whether the contents are the sealed ones. Checks first that nothing was added, is missing or
+// links elsewhere, then hashes each file. Reads all files.
 CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleContents& contents,
                                         const std::string& bundle);
 

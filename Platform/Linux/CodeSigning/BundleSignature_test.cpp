@@ -1,4 +1,4 @@
-// Bundles: what of the sealed resources is refused, each with its own reason.
+// Bundles: changes of sealed resources are refused, each with its own reason.
 
 #include <algorithm>
 #include <cerrno>
@@ -28,7 +28,7 @@ class BundleSignatureTest : public testing::Test {
   std::string inside(const std::string& below) const { return bundle_ + "/Contents/" + below; }
 
   void expectRefused(OSStatus status, const std::string& reason) {
-    // The bundle, and the program in it, which is checked together with it.
+    // Check the bundle, and the program in it, whose check includes the bundle.
     for (const std::string& path : {bundle_, inside("Linux/program")}) {
       const CodeSigningFailure failure = bed_.refusal(path);
       EXPECT_EQ(failure.status, status) << failure.reason;
@@ -45,7 +45,7 @@ class BundleSignatureTest : public testing::Test {
   const std::string bundle_ = bed_.makeBundle("Sample.bundle");
 };
 
-// Of the folder with the seal, names and contents.
+// The names and contents of the files in the seal's folder.
 std::map<std::string, std::string> filesIn(const std::string& folder) {
   std::map<std::string, std::string> files;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
@@ -54,13 +54,14 @@ std::map<std::string, std::string> filesIn(const std::string& folder) {
   return files;
 }
 
-TEST_F(BundleSignatureTest, SealingThatFailsLeavesTheOldSeal) {
+TEST_F(BundleSignatureTest, AFailedSealingLeavesTheOldSeal) {
   const std::string folder = inside("_CodeSignature");
   const auto before = filesIn(folder);
   const std::size_t larger =
       std::max(before.at("CodeResources").size(), before.at("CodeSignature").size());
-  bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // Needs another list.
-  // Room for neither, and for the smaller of the two only; signatures differ by a few bytes.
+  bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // The list must change.
+  // The limits leave room for no file, or only for the smaller one; signatures differ by a few
+  // bytes.
   ASSERT_GT(larger, 128u);
   for (std::size_t room = 0; room < larger - 64; room += 64) {
     const FullDisk disk(room);
@@ -71,7 +72,7 @@ TEST_F(BundleSignatureTest, SealingThatFailsLeavesTheOldSeal) {
   EXPECT_TRUE(bed_.check(bundle_));
 }
 
-TEST_F(BundleSignatureTest, ASealThatFailsToBeMadeLeavesNothing) {
+TEST_F(BundleSignatureTest, AFailedFirstSealingLeavesNothing) {
   const std::string unsealed = bed_.makeUnsealedBundle("Unsealed.bundle");
   {
     const FullDisk disk(0);
@@ -85,7 +86,7 @@ TEST_F(BundleSignatureTest, ASealedBundleAndItsProgramAreAccepted) {
   EXPECT_TRUE(bed_.check(inside("Linux/program")));
 }
 
-// Whatever suffix a bundle has, its programs are checked together with its seal.
+// Programs of bundles with any suffix are checked together with the bundle's seal.
 TEST(BundleSuffixTest, TheSealOfEveryKindOfBundleCoversItsPrograms) {
   for (const char* name : {"Sample.bundle", "Sample.kext", "Sample.app"}) {
     CodeSigningBed bed;
@@ -151,7 +152,7 @@ TEST_F(BundleSignatureTest, ASymbolicLinkOutOfTheBundleIsRefusedAndCannotBeSeale
 }
 
 TEST_F(BundleSignatureTest, ALinkThatLeadsOutThroughAnotherLinkIsRefused) {
-  // As a text "here/../../../.." stays inside; but "here" is the folder itself.
+  // The text "here/../../../.." stays inside, but "here" is the folder itself.
   std::filesystem::create_symlink(".", inside("here"));
   std::filesystem::create_symlink("here/../..", inside("out"));
   expectRefused(errSecCSBadResource, "Contents/out: is a symbolic link that leads out");
@@ -166,7 +167,7 @@ TEST_F(BundleSignatureTest, ALinkThatLeadsElsewhereOrNowhereIsRefused) {
   expectRefused(errSecCSBadResource, "is a symbolic link that leads nowhere");
 }
 
-TEST_F(BundleSignatureTest, AFileInPlaceOfALinkAndTheOtherWayRoundAreRefused) {
+TEST_F(BundleSignatureTest, AFileInPlaceOfALinkAndTheReverseAreRefused) {
   std::filesystem::remove(inside("Resources/link"));
   bed_.folder().write("Sample.bundle/Contents/Resources/link", "text");
   expectRefused(errSecCSBadResource, "was a symbolic link when the bundle was sealed");

@@ -14,7 +14,7 @@
 namespace platform {
 namespace {
 
-// A part of the seal whole, with what was seen of it added to `facts`.
+// Reads one file of the seal and adds it to `facts`.
 CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t mostBytes,
                                             OSStatus statusOfMissing, FileFacts& facts) {
   const auto seen = lookAt(path);

@@ -6,13 +6,13 @@
 
 namespace platform {
 
-// Checks the bundle at `path`: the place of all that it holds, the signature of its seal, and all
-// that the seal covers.
+// Checks the bundle at `path`: the place of all files in it, the signature of its seal, and all
+// files that the seal covers.
 CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
                                              const VerificationContext& context);
 
-// What the signature of the bundle at `path` says. Nothing of it is checked but its form; the
-// certificates are those that the signature brought along.
+// The content of the signature of the bundle at `path`. Checks only its form; the certificates are
+// those in the signature.
 CodeSigningResult<SignatureStatement> readBundleSignature(const std::string& path);
 
 }  // namespace platform

@@ -40,7 +40,7 @@ Result<OpenFile> openWithStatus(const std::string& path) {
   return opened;
 }
 
-// The file's size without the signature at its end, if it has one.
+// The size of the file without the signature at its end.
 Result<std::uint64_t> payloadBytes(const OpenFile& opened, const std::string& path) {
   const auto size = static_cast<std::uint64_t>(opened.status.st_size);
   const auto endingBytes = static_cast<std::size_t>(std::min<std::uint64_t>(size, kTrailerBytes));
@@ -54,7 +54,7 @@ Result<std::uint64_t> payloadBytes(const OpenFile& opened, const std::string& pa
                                    "; build the program anew before signing it"});
 }
 
-// A larger one would be refused by whoever checks it, whatever it signs.
+// A larger signature would be refused by every verifier.
 Result<Data> boundedSignature(const std::string& path, const SigningIdentity& identity,
                               const SigningOptions& options, std::span<const std::uint8_t> digest) {
   auto signature = makeCmsSignature(identity, options, digest);
@@ -72,7 +72,7 @@ Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std
   return boundedSignature(path, identity, options, *digest);
 }
 
-// All but putting it in place.
+// Writes the file completely, but does not put it in place.
 Result<ReplacementFile> writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes,
                                      const struct stat& like) {
   auto file = ReplacementFile::createFor(path);
@@ -114,7 +114,7 @@ Result<void> signDetached(const std::string& path, const SigningIdentity& identi
   const auto opened = openWithStatus(path);
   if (!opened) return std::unexpected(opened.error());
   const auto size = static_cast<std::uint64_t>(opened->status.st_size);
-  // A signature at the end would be the one that counts.
+  // A signature at the end of the file would take precedence.
   if (const auto payload = payloadBytes(*opened, path); !payload || *payload != size) {
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0,
@@ -129,8 +129,8 @@ Result<void> signDetached(const std::string& path, const SigningIdentity& identi
 
 namespace {
 
-// Both files are whole, and the disk has them, before either is put in place: a list without its
-// own signature is a broken seal.
+// Both files are complete and on the disk before either is put in place, because a list without its
+// signature is a broken seal.
 Result<void> writeSeal(const std::string& path, const std::string& folder, const struct stat& like,
                        const SigningIdentity& identity, const SigningOptions& options) {
   const auto contents = listBundle(path);

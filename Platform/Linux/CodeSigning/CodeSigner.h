@@ -7,25 +7,25 @@
 
 namespace platform {
 
-// Each of these replaces an older signature. Files are replaced at once (whoever opens one finds
-// the old or the new, whole) and keep their permission bits and, where the caller may give files
-// away, their owner. Symbolic links are refused, not followed. On failure the files are as they
-// were. They block on the disk.
+// Each of these functions replaces an older signature. Files are replaced atomically: a reader
+// finds the old or the new file, never a part. They keep their permission bits and, if the caller
+// may give files away, their owner. Symbolic links are refused. On failure the files are unchanged.
+// All block on the disk.
 
-// Appends a signature to a program. Programs and modules may carry one; what is read to its end,
-// like a script, may not.
+// Appends a signature to a program. Programs and kernel modules may have one; a file that is read
+// to its end, like a script, may not.
 Result<void> signProgram(const std::string& path, const SigningIdentity& identity,
                          const SigningOptions& options);
 
-// Writes a signature of the file into NAME.p7s beside it.
+// Writes a signature of the file to NAME.p7s beside it.
 Result<void> signDetached(const std::string& path, const SigningIdentity& identity,
                           const SigningOptions& options);
 
-// Seals a bundle. What it holds must have been signed before, where it is to be.
+// Seals a bundle. Sign its programs first.
 Result<void> signBundle(const std::string& path, const SigningIdentity& identity,
                         const SigningOptions& options);
 
-// Whether the file is an ELF program, which can carry a signature at its end.
+// Whether the file is an ELF program, so that a signature can be appended.
 Result<bool> canCarrySignature(const std::string& path);
 
 }  // namespace platform

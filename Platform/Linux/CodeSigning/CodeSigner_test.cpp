@@ -1,4 +1,4 @@
-// How large a signature may become.
+// The size limit of signatures.
 
 #include <filesystem>
 #include <fstream>
@@ -16,14 +16,14 @@
 namespace platform {
 namespace {
 
-// An identity whose signatures have as many bytes as the test wants. RSA: those of elliptic curves
-// differ by a few bytes each time.
+// An identity whose signatures have the size that the test wants. It uses RSA, because the size of
+// elliptic-curve signatures varies by a few bytes.
 class SignatureSizeTest : public testing::Test {
  protected:
   static constexpr std::size_t kIdentifierBytes = 150;
-  static constexpr std::size_t kUsageBytes = 5;  // each, as the certificate has it
+  static constexpr std::size_t kUsageBytes = 5;  // of one usage in the certificate
 
-  // Puts a certificate of that many usages behind the signer's own.
+  // Puts a certificate with `usages` usages after the signer's own.
   static void fillWith(SigningIdentity& identity, std::size_t usages) {
     CertificateRequest request = CodeSigningBed::signerRequest();
     for (std::size_t i = 0; i < usages; ++i) request.extendedKeyUsage += ",1.2.3.4";
@@ -61,7 +61,7 @@ class SignatureSizeTest : public testing::Test {
   SigningIdentity identity_;
 };
 
-TEST_F(SignatureSizeTest, ASealsSignatureIsOfSoManyBytesAndNoMore) {
+TEST_F(SignatureSizeTest, TheSizeOfASealsSignatureIsLimited) {
   const std::string bundle = bed_.makeUnsealedBundle("Sample.bundle");
   const std::string signature = bundle + "/Contents/_CodeSignature/CodeSignature";
   for (const std::size_t bytes : {kMaxSignatureBytes - 1, kMaxSignatureBytes}) {
@@ -71,7 +71,7 @@ TEST_F(SignatureSizeTest, ASealsSignatureIsOfSoManyBytesAndNoMore) {
   }
   const std::string list = bundle + "/Contents/_CodeSignature/CodeResources";
   const auto before = std::pair(contentOfFile(signature), contentOfFile(list));
-  bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // Needs another list.
+  bed_.folder().write("Sample.bundle/Contents/Resources/text", "Text");  // The list must change.
   const auto done = signBundle(bundle, identity_, optionsForBytes(kMaxSignatureBytes + 1));
   ASSERT_FALSE(done);
   EXPECT_EQ(done.error().code, ErrorCode::kExhausted);
@@ -79,7 +79,7 @@ TEST_F(SignatureSizeTest, ASealsSignatureIsOfSoManyBytesAndNoMore) {
   EXPECT_EQ(std::pair(contentOfFile(signature), contentOfFile(list)), before);
 }
 
-TEST_F(SignatureSizeTest, AProgramsSignatureIsOfSoManyBytesAndNoMore) {
+TEST_F(SignatureSizeTest, TheSizeOfAProgramsSignatureIsLimited) {
   const std::string program = bed_.makeFile("bin/program");
   const std::size_t payload = std::filesystem::file_size(program);
   for (const std::size_t bytes : {kMaxSignatureBytes - 1, kMaxSignatureBytes}) {

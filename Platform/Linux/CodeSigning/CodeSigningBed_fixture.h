@@ -1,7 +1,7 @@
 #pragma once
 
-// A platform root with a throw-away authority, for tests of what is signed. Header only, since it
-// uses the signing code of Platform/Linux, which its users link.
+// A platform root with a throw-away authority, for tests of signed code. It is a header only,
+// because it uses the signing code of Platform/Linux, which its users link.
 
 #include <chrono>
 #include <memory>
@@ -28,21 +28,20 @@ class CodeSigningBed {
       std::chrono::sys_days{std::chrono::January / 1 / 2020};
   static constexpr std::chrono::sys_seconds kSignedAt =
       std::chrono::sys_days{std::chrono::January / 1 / 2030};
-  // Later than the times of any file that a test makes, so that verdicts are remembered.
+  // Later than the times of files that a test makes, so that verdicts are cached.
   static constexpr std::chrono::sys_seconds kNow =
       std::chrono::sys_days{std::chrono::January / 1 / 2060};
   static constexpr std::chrono::sys_seconds kValidTo =
       std::chrono::sys_days{std::chrono::January / 1 / 2070};
 
   CodeSigningBed() {
-    ::umask(022);  // What a test writes must not be everybody's.
+    ::umask(022);  // Other users must not be able to write a test's files.
     anchor("authority.pem", authority());
     auto made = LinuxCodeSignatures::create(folder_.path(), [this] { return now_; });
     signatures_ = std::move(made.value());
   }
 
-  // The authority whose certificate is the anchor, one that is trusted by nobody, and a signer of
-  // each.
+  // The authority whose certificate is the anchor, an untrusted one, and a signer of each.
   static const SigningIdentity& authority() {
     static const SigningIdentity identity = makeAuthority("Authority");
     return identity;
@@ -93,7 +92,7 @@ class CodeSigningBed {
     return {std::move(identifier), kSignedAt};
   }
 
-  // An executable file below the root; its content is not that of a real program.
+  // An executable file below the root; its content is not a real program.
   std::string makeFile(std::string_view below, std::string_view content =
                                                    "\x7f"
                                                    "ELF program") {
@@ -135,7 +134,7 @@ class CodeSigningBed {
         kSecCSCheckAllArchitectures, *SecRequirementCreateWithString("anchor apple generic"));
   }
 
-  // Why the code is refused; empty, and a failed test, where it is not.
+  // The refusal of the code. If the code is accepted, it is empty and the test fails.
   CodeSigningFailure refusal(const std::string& path) {
     const auto verdict = check(path);
     EXPECT_FALSE(verdict) << path << " is accepted";

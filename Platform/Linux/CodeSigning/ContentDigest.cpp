@@ -13,7 +13,7 @@
 namespace platform {
 namespace {
 
-// Large enough that system calls don't count, small enough for the second-level cache.
+// Large enough to make the cost of system calls small, small enough for the second-level cache.
 constexpr std::size_t kDigestPieceBytes = 128 * 1024;
 
 std::unexpected<CodeSigningFailure> digestFailure(const std::string& name) {
@@ -21,7 +21,7 @@ std::unexpected<CodeSigningFailure> digestFailure(const std::string& name) {
                                             name + ": can't be hashed: " + takeOpenSslError()});
 }
 
-// At most `size` bytes, fewer only at the end of the file.
+// Reads `size` bytes, fewer only at the end of the file.
 CodeSigningResult<std::size_t> readAt(int file, std::uint8_t* to, std::size_t size,
                                       std::uint64_t offset, const std::string& name) {
   std::size_t filled = 0;

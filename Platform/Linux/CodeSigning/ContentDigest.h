@@ -10,11 +10,13 @@
 
 namespace platform {
 
-// The largest file that is hashed. It bounds the time of a check: a sparse file costs no space.
+// The largest file that is hashed. The limit bounds the time of a check, since a sparse file may be
+// huge.
 inline constexpr std::uint64_t kMaxCodeBytes = std::uint64_t{4} << 30;
 
-// The digest of the first `size` bytes of an open file, read in pieces: a mapping would end the
-// process when the file is cut meanwhile. A file that ends before is errSecCSSignatureFailed.
+// The digest of the first `size` bytes of an open file. It reads in pieces, because with a mapping
+// the process would crash if the file is truncated meanwhile. Fails with errSecCSSignatureFailed if
+// the file is shorter.
 CodeSigningResult<std::vector<std::uint8_t>> digestOfFile(int file, std::uint64_t size,
                                                           const EVP_MD* kind,
                                                           const std::string& name);

@@ -22,9 +22,9 @@ UniqueFd openFile(const std::string& path) {
   return file;
 }
 
-// A short file shows without hashing so much which sizes are begun with: it then turns out to have
-// become shorter.
-TEST(ContentDigest, FilesUpToTheLargestSizeAreHashedAndNoLarger) {
+// A short file shows which sizes are accepted without hashing that much: an accepted one turns out
+// to have become shorter.
+TEST(ContentDigest, OnlyFilesUpToTheLargestSizeAreHashed) {
   const TemporaryFolder folder;
   const UniqueFd file = openFile(folder.write("file", "short"));
   for (const std::uint64_t size : {kMaxCodeBytes - 1, kMaxCodeBytes}) {
@@ -39,8 +39,8 @@ TEST(ContentDigest, FilesUpToTheLargestSizeAreHashedAndNoLarger) {
   EXPECT_EQ(refused.error().reason, "file: is larger than the 4294967296 bytes that are checked");
 }
 
-// What lies behind the 32nd bit of an offset is read from there.
-TEST(ContentDigest, BytesBehindFourGibibytesAreFound) {
+// Offsets beyond 32 bits are not truncated.
+TEST(ContentDigest, BytesBeyondFourGibibytesAreRead) {
   const TemporaryFolder folder;
   const UniqueFd file = openFile(folder.path("file"));
   const off_t start = static_cast<off_t>(kMaxCodeBytes) - 4;

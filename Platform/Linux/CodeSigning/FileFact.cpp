@@ -26,8 +26,8 @@ WallTime timeOf(const timespec& time) {
   return WallTime(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
 }
 
-// Every path begins in the root folder, and nothing else can come to be at its path: to ask a
-// descriptor of it costs half of what a path costs.
+// Every path begins at the root folder, which nothing else can replace. fstat() of a descriptor
+// costs half as much as lstat() of a path.
 int lookAgain(const std::string& path, struct stat& status) {
   static const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   return path == "/" && root ? ::fstat(root.get(), &status) : ::lstat(path.c_str(), &status);
@@ -46,7 +46,7 @@ bool isSameState(const struct stat& one, const struct stat& other) {
 }
 
 bool changedRecently(const struct stat& status, WallTime now) {
-  // The clock may have been set back since, so that a time to come says nothing either.
+  // The clock may have been set back since, so times in the future prove nothing either.
   return now - std::max(timeOf(status.st_mtim), timeOf(status.st_ctim)) < kSettledAfter;
 }
 

@@ -9,7 +9,7 @@
 namespace platform {
 namespace {
 
-// In a process of its own, whose root folder nobody has looked at before it is another one.
+// Runs in its own process, which changes its root folder before it first checks it.
 [[noreturn]] void changeTheRootFolder(const std::string& root) {
   FileFact fact{"/", FileFact::Covers::kPlace, {}};
   if (::chroot(root.c_str()) != 0 || ::lstat("/", &fact.status) != 0) ::_exit(2);
@@ -18,7 +18,7 @@ namespace {
   ::_exit(heldBefore && !fact.stillHolds() ? 0 : 1);
 }
 
-TEST(FileFactDeathTest, ARootFolderThatOthersMayWriteEndsWhatRestsOnIt) {
+TEST(FileFactDeathTest, ARootFolderThatOthersMayWriteEndsTheFact) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root may change its root folder";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const TemporaryFolder folder;

@@ -1,5 +1,5 @@
-// Signatures as others may make them, over "content": what of their form is refused, each with its
-// own reason.
+// Signatures by other programs over "content": ill-formed ones are refused, each with its own
+// reason.
 
 #include <chrono>
 #include <string>
@@ -38,7 +38,7 @@ class ForeignSignatureTest : public testing::Test {
     EXPECT_EQ(CMS_final(cms, data.get(), nullptr, flags), 1) << takeOpenSslError();
   }
 
-  // Checks the signature beside a file that holds `content`.
+  // Checks the signature as a file beside one that holds `content`.
   std::string refusalOfSignature(CMS_ContentInfo* cms, OSStatus status,
                                  std::string content = "content") {
     unsigned char* der = nullptr;
@@ -57,12 +57,12 @@ class ForeignSignatureTest : public testing::Test {
 };
 
 TEST_F(ForeignSignatureTest, WithAndWithoutSignedAttributesIsAccepted) {
-  // The time that OpenSSL puts there is the real one, within the certificates' time.
+  // OpenSSL writes the real time, which is in the certificates' period.
   EXPECT_THAT(refusalOfSignature(sign(kFlags, EVP_sha256()).get(), 0), IsEmpty());
   EXPECT_THAT(refusalOfSignature(sign(kFlags | CMS_NOATTR, EVP_sha512()).get(), 0), IsEmpty());
 }
 
-TEST_F(ForeignSignatureTest, WithoutASigningTimeCertificatesCountNow) {
+TEST_F(ForeignSignatureTest, WithoutASigningTimeCertificatesMustBeValidNow) {
   const CmsHandle cms = sign(kFlags | CMS_NOATTR, EVP_sha256());
   bed_.setNow(CodeSigningBed::kValidTo - 1s);
   EXPECT_THAT(refusalOfSignature(cms.get(), 0), IsEmpty());
@@ -111,9 +111,9 @@ TEST_F(ForeignSignatureTest, AnUnknownSignerWithoutCertificateIsRefused) {
               HasSubstr("neither in it nor among the anchors"));
 }
 
-TEST_F(ForeignSignatureTest, OneOverAnotherSignaturesAttributesIsRefused) {
-  // The attributes as they were signed are themselves a content, of which the signature is a plain
-  // one; they begin with the byte of a set.
+TEST_F(ForeignSignatureTest, ASignatureOverAnothersAttributesIsRefused) {
+  // The signed attributes are used as content, and their signature as a plain one. They begin with
+  // the tag of a set.
   const std::string attributes = "1 could be attributes";
   EXPECT_THAT(refusalOfSignature(sign(kFlags | CMS_NOATTR, EVP_sha256(), attributes).get(),
                                  errSecCSBadObjectFormat, attributes),
@@ -139,7 +139,7 @@ TEST_F(ForeignSignatureTest, TooManyCertificatesAreRefused) {
   }
 }
 
-// Ours, with an attribute that the test adds before signing.
+// A signature of ours with an attribute that the test adds before signing.
 class AttributeTest : public ForeignSignatureTest {
  protected:
   template <typename Add>

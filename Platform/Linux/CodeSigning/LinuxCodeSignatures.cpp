@@ -55,7 +55,7 @@ class LinuxStaticCode final : public SecStaticCode {
   LinuxCodeSignatures& signatures_;
   const std::string path_;
   const Kind kind_;
-  // The verdict that this code was told last; the cache's as well.
+  // The last verdict on this code, shared with the cache.
   std::shared_ptr<const VerifiedCode> checked_;
 };
 

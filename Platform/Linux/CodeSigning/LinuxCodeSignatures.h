@@ -12,28 +12,29 @@
 
 namespace platform {
 
-// Code signatures by OpenSSL's CMS. A program carries one at its end (SignatureTrailer.h) or beside
-// it in NAME.p7s, a bundle one over the list of what it holds (BundleSeal.h). "anchor apple
-// generic" means a chain to the certificates in etc/vantor/anchors/ of the platform root.
+// Code signatures in OpenSSL's CMS. A program's signature is at its end (SignatureTrailer.h) or
+// beside it in NAME.p7s; a bundle's signature covers the list of its content (BundleSeal.h).
+// "anchor apple generic" means a chain to the certificates in etc/vantor/anchors/ of the platform
+// root.
 //
-// A verdict is about the moment of the check; that it holds until the code runs is what the checks
-// of its place are for: see TrustedPlace.
+// A verdict holds at the moment of the check. The checks of the code's place (TrustedPlace) ensure
+// that it still holds when the code runs.
 class LinuxCodeSignatures final : public CodeSignatures {
  public:
-  // The civil time, as the run loop tells it.
+  // The civil time, as the run loop returns it.
   using Clock = std::function<WallTime()>;
 
-  // For the platform at `root`, which is an absolute path without symbolic links.
+  // For the platform at `root`, an absolute path without symbolic links.
   static Result<std::unique_ptr<LinuxCodeSignatures>> create(const std::string& root, Clock clock);
 
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override;
 
-  // The verdict on the code at `path`, remembered or new.
+  // The verdict on the code at `path`, from the cache or new.
   CodeSigningResult<std::shared_ptr<const VerifiedCode>> check(const std::string& path,
                                                                SecStaticCode::Kind kind);
 
-  // How many verdicts are remembered.
+  // The number of cached verdicts.
   std::size_t remembered() const { return verdicts_.size(); }
 
  private:

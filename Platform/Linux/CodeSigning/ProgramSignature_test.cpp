@@ -1,4 +1,4 @@
-// Programs: what of the file itself is refused, each with its own reason.
+// Programs: faults of the file itself are refused, each with its own reason.
 
 #include <array>
 #include <cerrno>
@@ -34,7 +34,7 @@ class ProgramSignatureTest : public testing::Test {
     EXPECT_THAT(failure.reason, HasSubstr(reason));
   }
 
-  // The file with another ending.
+  // Writes a changed copy of the program.
   std::string makeFile(const std::string& content) { return bed_.makeFile("bin/other", content); }
 
   CodeSigningBed bed_;
@@ -70,7 +70,7 @@ TEST_F(ProgramSignatureTest, EveryChangedByteIsRefused) {
   }
 }
 
-TEST_F(ProgramSignatureTest, AChangedByteOfTheProgramIsToldAsSuch) {
+TEST_F(ProgramSignatureTest, AChangedByteOfTheProgramHasItsOwnReason) {
   std::string content = contentOfFile(bed_.makeProgram("bin/program"));
   content[2] ^= 1;
   expectRefused(makeFile(content), errSecCSSignatureFailed, "is not what was signed");
@@ -90,7 +90,7 @@ TEST_F(ProgramSignatureTest, ATruncatedTrailerIsRefused) {
 
 TEST_F(ProgramSignatureTest, ANestedTrailerIsRefused) {
   const std::string once = contentOfFile(bed_.makeProgram("bin/program"));
-  // Made by hand, since signProgram() replaces the signature that is there.
+  // Made by hand, because signProgram() would replace the first signature.
   const std::string plain = makeFile(once);
   const UniqueFd file(::open(plain.c_str(), O_RDONLY | O_CLOEXEC));
   const auto digest = digestOfFile(file.get(), once.size(), EVP_sha256(), plain);
@@ -142,8 +142,8 @@ TEST_F(ProgramSignatureTest, ASparseFileOfTerabytesIsRefusedAtOnce) {
   expectRefused(path, kErrnoStatusBase + EFBIG, "is larger than");
 }
 
-// As much as is checked, but for its last byte a hole; the signature stands behind it.
-TEST_F(ProgramSignatureTest, AProgramOneByteLargerThanIsCheckedIsRefusedAtOnce) {
+// A hole of the largest size that is checked, one byte more, and the signature after it.
+TEST_F(ProgramSignatureTest, AProgramOneByteTooLargeIsRefusedAtOnce) {
   const std::string path = bed_.makeProgram("bin/program");
   const std::string content = contentOfFile(path);
   const auto* const bytes = reinterpret_cast<const std::uint8_t*>(content.data());
@@ -198,7 +198,7 @@ TEST_F(ProgramSignatureTest, ASocketIsRefused) {
   expectRefused(path, errSecCSBadObjectFormat, "is a socket, not a program");
 }
 
-TEST_F(ProgramSignatureTest, AFolderThatIsNoBundleIsRefused) {
+TEST_F(ProgramSignatureTest, AFolderThatIsNotABundleIsRefused) {
   bed_.makeFile("plain/file");
   expectRefused(bed_.folder().path("plain"), errSecCSUnsigned, "so the bundle has no seal");
   bed_.makeFile("Empty.bundle/file");
@@ -206,7 +206,7 @@ TEST_F(ProgramSignatureTest, AFolderThatIsNoBundleIsRefused) {
                 "has no folder \"Contents\"");
 }
 
-TEST_F(ProgramSignatureTest, ASymbolicLinkIsRefusedWhereverItStands) {
+TEST_F(ProgramSignatureTest, ASymbolicLinkAnywhereInThePathIsRefused) {
   bed_.makeProgram("bin/program");
   const std::string link = bed_.folder().path("link");
   ASSERT_EQ(::symlink("bin/program", link.c_str()), 0);

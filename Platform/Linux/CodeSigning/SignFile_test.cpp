@@ -1,4 +1,4 @@
-// Programs signed by the kernel's own tool, which is not built here.
+// Programs signed by the kernel's own sign-file, which comes from a package.
 
 #include <filesystem>
 #include <fstream>
@@ -88,7 +88,7 @@ TEST_F(SignFileTest, ItsWeakDigestIsRefused) {
   EXPECT_THAT(failure.reason, HasSubstr("uses the digest sha1"));
 }
 
-TEST_F(SignFileTest, OursTakesItsPlace) {
+TEST_F(SignFileTest, OurSignatureReplacesIt) {
   const std::string path = bed_.makeFile("bin/program");
   sign(path, "sha256");
   ASSERT_EQ(::chmod(path.c_str(), 0755), 0);

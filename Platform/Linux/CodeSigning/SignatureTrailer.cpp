@@ -10,7 +10,7 @@ constexpr std::size_t kKindField = 2;
 constexpr std::size_t kLengthField = 8;
 constexpr std::uint8_t kPkcs7 = 2;
 
-// Fewer characters of the text than these could stand at the end of any file by chance.
+// Fewer characters of the magic text could end any file by chance.
 constexpr std::size_t kTellingCharacters = 8;
 
 bool endsWithTheBeginningOfMagic(std::string_view ending) {

@@ -10,22 +10,22 @@
 
 namespace platform {
 
-// A signature at the end of a program, laid out as that of a Linux kernel module, so that the
-// kernel's own `sign-file` makes one:
+// A signature at the end of a program, in the layout of a signed Linux kernel module, so that the
+// kernel's `sign-file` can make one:
 //
 //   payload | CMS signature (DER) | 12 bytes | "~Module signature appended~\n"
 //
-// The 12 bytes are: algorithm, digest, kind of signature (2: PKCS#7), signer's length, key's
-// length, three bytes of padding, length of the CMS signature (big-endian). All but kind and length
-// are 0.
+// The 12 bytes are: algorithm, digest, kind of signature (2: PKCS#7), length of the signer, length
+// of the key, three bytes of padding, length of the CMS signature (big-endian). All but kind and
+// last length are 0.
 
 inline constexpr std::string_view kTrailerMagic = "~Module signature appended~\n";
 inline constexpr std::size_t kTrailerBytes = 12 + kTrailerMagic.size();
 
-// The largest CMS signature that is taken; a chain of eight large certificates needs a third of it.
+// The largest accepted CMS signature. A chain of eight large certificates needs a third of it.
 inline constexpr std::uint32_t kMaxSignatureBytes = 64 * 1024;
 
-// Where the parts of a signed file lie; offsets and sizes in bytes.
+// The parts of a signed file; offsets and sizes in bytes.
 struct SignatureTrailer {
   std::uint64_t payloadBytes = 0;
   std::uint32_t signatureBytes = 0;
@@ -45,15 +45,16 @@ enum class TrailerFault {
   kSignsNothing,   // the file has nothing besides the signature
 };
 
-// What the fault is, for a text that begins with the file's name: "its signature trailer ...".
+// A description of the fault that continues a text with the file's name: "its signature trailer
+// ...".
 std::string_view describe(TrailerFault fault);
 
-// Reads the trailer of a file of `fileBytes`, of which `ending` is the end: the last kTrailerBytes,
-// or the whole file where it is shorter. Bytes are only compared and added up.
+// Reads the trailer of a file of `fileBytes` bytes. `ending` holds its last kTrailerBytes bytes, or
+// all of a shorter file. Only compares and adds bytes.
 std::expected<SignatureTrailer, TrailerFault> readSignatureTrailer(
     std::uint64_t fileBytes, std::span<const std::uint8_t> ending);
 
-// The trailer of a signature of that many bytes.
+// The trailer of a signature of `signatureBytes` bytes.
 std::array<std::uint8_t, kTrailerBytes> makeSignatureTrailer(std::uint32_t signatureBytes);
 
 }  // namespace platform

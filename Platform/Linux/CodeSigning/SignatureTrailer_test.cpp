@@ -28,11 +28,11 @@ TEST(SignatureTrailerTest, HasTheLayoutOfAKernelModule) {
   EXPECT_EQ(std::string(trailer.begin() + 12, trailer.end()), "~Module signature appended~\n");
 }
 
-TEST(SignatureTrailerTest, TellsPayloadAndSignature) {
+TEST(SignatureTrailerTest, ReturnsPayloadAndSignature) {
   EXPECT_EQ(readSignatureTrailer(1000, trailerOf(300)), (SignatureTrailer{660, 300}));
 }
 
-TEST(SignatureTrailerTest, AFileWithoutOneIsNotSigned) {
+TEST(SignatureTrailerTest, AFileWithoutATrailerIsNotSigned) {
   for (const std::string text :
        {"", "x", "~Module", "~Module signature appended~ ", "~module signature appended~\n"}) {
     EXPECT_EQ(readSignatureTrailer(text.size(), Bytes(text.begin(), text.end())),
@@ -41,7 +41,7 @@ TEST(SignatureTrailerTest, AFileWithoutOneIsNotSigned) {
   }
 }
 
-TEST(SignatureTrailerTest, AnyBeginningOfTheTextIsATrailerCutShort) {
+TEST(SignatureTrailerTest, AnyBeginningOfTheMagicIsATruncatedTrailer) {
   const Bytes whole = trailerOf(300);
   for (std::size_t cut = 1; cut <= kTrailerMagic.size() - 8; ++cut) {
     EXPECT_EQ(readSignatureTrailer(1000, std::span(whole).first(whole.size() - cut)),
@@ -60,7 +60,7 @@ TEST(SignatureTrailerTest, TheTextAloneIsTooShort) {
             Outcome(std::unexpected(TrailerFault::kBeyondFile)));
 }
 
-TEST(SignatureTrailerTest, SizesAtEveryLimit) {
+TEST(SignatureTrailerTest, SizesAreAcceptedUpToEveryLimit) {
   const std::uint64_t large = 1'000'000;
   const auto fault = [](std::uint64_t file, std::uint32_t size) {
     return readSignatureTrailer(file, trailerOf(size));

@@ -8,7 +8,7 @@
 namespace platform {
 namespace {
 
-// What an administrator needs to know besides, where no anchor fits.
+// If no anchor fits, the administrator also needs to know which anchors could not be used.
 CodeSigningFailure withRemarks(CodeSigningFailure failure, const AnchorSet& anchors) {
   for (const std::string& remark : anchors.remarks) failure.reason += " (" + remark + ")";
   return failure;

@@ -14,14 +14,14 @@
 
 namespace platform {
 
-// What a check rests on besides the code.
+// The inputs of a check besides the code.
 struct VerificationContext {
   const AnchorSet& anchors;
   const TrustedPlace& place;
   std::chrono::sys_seconds now;
 };
 
-// Content as a signature covers it.
+// The digest of signed content.
 struct DigestedContent {
   std::vector<std::uint8_t> digest;
   std::uint8_t firstByte = 0;
@@ -29,14 +29,14 @@ struct DigestedContent {
 using DigestContent = std::function<CodeSigningResult<DigestedContent>(const EVP_MD* kind)>;
 
 // Checks a detached signature in this order: its form, its signer, the signer's chain to an anchor
-// at the time of signing (now where it tells none), and only then the content, so that nobody's
-// signature but a trusted one's costs the reading of it.
+// at the time of signing (now if it states none), and last the content. Only a trusted signature
+// thus costs the reading of the content.
 CodeSigningResult<VerifiedSignature> verifySignature(std::span<const std::uint8_t> der,
                                                      const std::string& name,
                                                      const VerificationContext& context,
                                                      const DigestContent& content);
 
-// What a signature says, without checking more than its form.
+// The content of a signature. Checks only its form.
 CodeSigningResult<SignatureStatement> readSignature(std::span<const std::uint8_t> der,
                                                     const std::string& name);
 

@@ -40,7 +40,7 @@ CodeSigningResult<void> takeAppended(SignedProgram& program, const SignatureTrai
   auto bytes = readRange(program.file.get(), trailer.payloadBytes - before, size, path);
   if (!bytes) return std::unexpected(bytes.error());
   const auto start = bytes->begin() + static_cast<std::ptrdiff_t>(before);
-  // Which of two signatures counts must not depend on who looks.
+  // With two signatures, different verifiers could disagree on which one counts.
   if (endsWithMagic({bytes->begin(), start})) {
     return refuse(errSecCSBadObjectFormat, path + ": is signed over another signature at its end");
   }
@@ -124,7 +124,7 @@ CodeSigningResult<void> checkIsProgramFile(const std::string& path, const struct
       return isNot("a socket");
     case S_IFLNK:
       return refuse(kErrnoStatusBase + ELOOP, path + ": is a symbolic link; name the real path");
-    default:  // Of the system's numbers.
+    default:  // Other kinds of files.
       return isNot("something unknown");
   }
 }

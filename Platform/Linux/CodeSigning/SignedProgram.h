@@ -12,23 +12,23 @@
 
 namespace platform {
 
-// An open program and its signature, neither of which has been checked.
+// An open program and its signature, both unchecked.
 struct SignedProgram {
   UniqueFd file;
   struct stat status{};            // of the program as it was opened
-  std::uint64_t payloadBytes = 0;  // what the signature covers, from the file's beginning
+  std::uint64_t payloadBytes = 0;  // the signature covers these bytes from the start of the file
   std::uint8_t firstByte = 0;
   std::vector<std::uint8_t> signature;  // DER
-  // Of the file that the signature was read from, where that is one of its own.
+  // The state of the detached signature's file, if there is one.
   FileFacts detachedFacts;
 };
 
-// Finds the signature of the program at `path`: the one at its end, else that beside it in
-// NAME.p7s. errSecCSUnsigned where there is neither, errSecCSBadObjectFormat for a trailer that is
-// forged, cut or stands on another one, and for what is not a regular file.
+// Finds the signature of the program at `path`: the one at its end, else the one beside it in
+// NAME.p7s. Fails with errSecCSUnsigned if there is neither, and with errSecCSBadObjectFormat if a
+// trailer is forged, cut off or nested, or the file is not a regular one.
 CodeSigningResult<SignedProgram> openSignedProgram(const std::string& path);
 
-// That this is something that may be a program, by its kind of file.
+// Whether a file of this kind can be a program.
 CodeSigningResult<void> checkIsProgramFile(const std::string& path, const struct stat& status);
 
 }  // namespace platform

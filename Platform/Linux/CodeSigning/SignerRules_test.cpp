@@ -1,4 +1,4 @@
-// Who may sign: anchors, times, keys, digests and usages, each refused with its own reason.
+// Rules for signers: anchors, times, keys, digests and usages. Each fault has its own reason.
 
 #include <chrono>
 #include <string>
@@ -25,7 +25,7 @@ class SignerRulesTest : public testing::Test {
     return CodeSigningBed::issue(request, CodeSigningBed::authority());
   }
 
-  // The reason why this signer's program is refused, empty where it is not.
+  // The reason why this signer's program is refused, empty if it is accepted.
   std::string refusalOf(const SigningIdentity& signer,
                         OSStatus expectedStatus = errSecCSReqFailed) {
     const std::string path = bed_.makeProgram("bin/program", signer);
@@ -107,7 +107,7 @@ TEST_F(SignerRulesTest, AnAnchorMaySignCodeItself) {
   EXPECT_THAT(refusalOf(CodeSigningBed::foreignSigner()), IsEmpty());
 }
 
-TEST_F(SignerRulesTest, AnAnchorThatMustNotSignIsStillRefused) {
+TEST_F(SignerRulesTest, AnAnchorForAnotherUsageIsRefused) {
   CertificateRequest wrong = request();
   wrong.extendedKeyUsage = "emailProtection";
   const auto signer = issue(wrong);
@@ -138,7 +138,7 @@ TEST_F(SignerRulesTest, AWeakKeyIsRefused) {
   EXPECT_THAT(refusalOf(withRsa(2048)), IsEmpty());
 }
 
-TEST_F(SignerRulesTest, CurvesAreThoseThatAreNamed) {
+TEST_F(SignerRulesTest, OnlyTheNamedCurvesAreAccepted) {
   const auto onCurve = [&](const char* curve) {
     return makeIdentity(request(), makeEcKey(curve).value(), &CodeSigningBed::authority()).value();
   };
@@ -163,7 +163,7 @@ TEST_F(SignerRulesTest, ACertificateSignedWithAWeakDigestIsRefused) {
   EXPECT_THAT(refusalOf(issue(weak)), HasSubstr("was signed with the digest SHA1"));
 }
 
-TEST_F(SignerRulesTest, CertificatesCountAtTheTimeOfSigning) {
+TEST_F(SignerRulesTest, CertificatesMustBeValidAtTheTimeOfSigning) {
   CertificateRequest shortLived = request();
   shortLived.notBefore = CodeSigningBed::kSignedAt;
   shortLived.notAfter = CodeSigningBed::kSignedAt + 1s;
@@ -177,7 +177,7 @@ TEST_F(SignerRulesTest, CertificatesCountAtTheTimeOfSigning) {
   EXPECT_THAT(refusalOf(issue(shortLived)), HasSubstr("had expired on 2030-01-01 00:00:00 UTC"));
 }
 
-TEST_F(SignerRulesTest, OursCarriesChainTimeAndIdentifierInWhatIsSigned) {
+TEST_F(SignerRulesTest, OurSignatureCoversChainTimeAndIdentifier) {
   const auto middle =
       CodeSigningBed::issue(CodeSigningBed::issuerRequest("Middle"), CodeSigningBed::authority());
   const auto signer = CodeSigningBed::issue(request(), middle);
@@ -187,16 +187,16 @@ TEST_F(SignerRulesTest, OursCarriesChainTimeAndIdentifierInWhatIsSigned) {
   EXPECT_EQ(signature->attributes().identifier, "com.vantor.x");
   EXPECT_EQ(signature->attributes().signingTime, CodeSigningBed::kSignedAt);
   EXPECT_TRUE(signature->attributes().signingCertificates);
-  EXPECT_EQ(sk_X509_num(signature->certificates()), 2);  // Without the anchor.
+  EXPECT_EQ(sk_X509_num(signature->certificates()), 2);  // The anchor is left out.
   EXPECT_TRUE(signature->checkContent(signer.chain.front().get(), Data(32, 7), 0));
 }
 
-TEST_F(SignerRulesTest, ACertificateTakenOutOfOursIsRefused) {
+TEST_F(SignerRulesTest, OurSignatureWithoutACertificateIsRefused) {
   const auto middle =
       CodeSigningBed::issue(CodeSigningBed::issuerRequest("Middle"), CodeSigningBed::authority());
   const auto signer = CodeSigningBed::issue(request(), middle);
   const auto der = makeCmsSignature(signer, CodeSigningBed::options(), Data(32, 7));
-  // The same, but for the certificates that came along.
+  // The same signature with fewer certificates.
   const unsigned char* next = der->data();
   const CmsHandle whole(d2i_CMS_ContentInfo(nullptr, &next, static_cast<long>(der->size())));
   SigningIdentity alone;

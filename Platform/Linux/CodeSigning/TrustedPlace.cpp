@@ -50,7 +50,7 @@ CodeSigningResult<void> TrustedPlace::check(const std::string& path, FileFacts& 
     return std::unexpected(CodeSigningFailure{
         errSecCSBadObjectFormat, path + ": is not an absolute path without \".\" and \"..\""});
   }
-  std::size_t end = 0;  // Of the part of the path that is looked at.
+  std::size_t end = 0;  // of the part of the path that is checked
   do {
     const bool last = end == path.size();
     std::string part = end == 0 ? "/" : path.substr(0, end);

@@ -9,21 +9,21 @@
 
 namespace platform {
 
-// Whom a platform trusts with its files: root, and the owner of the platform root. A signature says
-// what a file held when it was read; that it still holds this when it runs, only its place can say.
+// Trusts root and the owner of the platform root with files. A signature tells what a file
+// contained when it was read; only its place ensures that it still contains it when it runs.
 class TrustedPlace {
  public:
   explicit TrustedPlace(uid_t owner) : owner_(owner) {}
 
-  // That no one else can write or replace what lies at `path`: neither the file or folder itself
-  // nor any folder above it, but for sticky folders above, in which names are safe from others.
-  // `path` is absolute, without symbolic links, empty names, "." and ".."; what is not so is
-  // refused. Adds to `facts` what was looked at, `path` itself last with its contents. Status of a
-  // refusal: errSecCSBadObjectFormat for the path's form, else kErrnoStatusBase + EPERM, ELOOP or
-  // what the system said.
+  // Checks that nobody else can write or replace the file or folder at `path`. Neither it nor any
+  // folder above it may be writable by others, except sticky folders above it, in which others
+  // can't replace names. `path` must be absolute, without symbolic links, empty names, "." and
+  // "..". Appends every part of the path that was examined to `facts`, `path` itself last and with
+  // its contents. Fails with errSecCSBadObjectFormat if the path is ill-formed, else with
+  // kErrnoStatusBase + EPERM, ELOOP or the errno of the system.
   CodeSigningResult<void> check(const std::string& path, FileFacts& facts) const;
 
-  // The same of a single file, whose folder has been checked.
+  // The same for a single file in a folder that has been checked.
   CodeSigningResult<void> checkFile(const std::string& path, const struct stat& status) const;
 
  private:

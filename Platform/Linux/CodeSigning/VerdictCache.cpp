@@ -7,7 +7,7 @@ namespace platform {
 
 std::shared_ptr<const VerifiedCode> VerdictCache::find(const std::string& path,
                                                        std::uint64_t anchors, WallTime now) {
-  // In seconds, since certificates reach further than nanoseconds can count.
+  // In seconds, because the times of certificates exceed the range of nanoseconds.
   const auto second = std::chrono::floor<std::chrono::seconds>(now);
   std::shared_ptr<const VerifiedCode> code;
   {
@@ -25,7 +25,7 @@ std::shared_ptr<const VerifiedCode> VerdictCache::find(const std::string& path,
   if (std::ranges::all_of(code->facts, &FileFact::stillHolds)) return code;
   const std::scoped_lock lock(mutex_);
   const auto found = byPath_.find(path);
-  // Another thread may have put a new verdict there meanwhile.
+  // Another thread may have stored a new verdict meanwhile.
   if (found != byPath_.end() && found->second->code == code) forget(found->second);
   return nullptr;
 }
@@ -38,7 +38,7 @@ void VerdictCache::remember(const std::string& path, std::uint64_t anchors, Wall
   if (!settled || code->facts.size() > kMaxFacts) return;
   Entry entry{path, anchors, std::chrono::sys_seconds::min(), std::chrono::sys_seconds::max(),
               std::move(code)};
-  // A chain that has expired since it signed stays as good as it is now.
+  // If the chain has expired since it signed, the passing of time no longer changes the verdict.
   const VerifiedSignature& signature = entry.code->signature;
   const auto second = std::chrono::floor<std::chrono::seconds>(now);
   if (second >= signature.notBefore && second < signature.notAfter) {

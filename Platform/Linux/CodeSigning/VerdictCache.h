@@ -15,26 +15,26 @@
 
 namespace platform {
 
-// Remembers code that was found valid, so that looking at its files is enough the next time. A
-// verdict ends when any of these files or folders is no longer in the state that was seen, when the
-// anchors change, and when a certificate of its chain expires. Refusals are not remembered: they
-// rest on what is absent as well. Any thread may use it.
+// Caches verdicts on valid code, so that the next check only needs the status of its files. A
+// verdict ends if any of its files or folders changes, if the anchors change, and when a
+// certificate of its chain expires. Refusals are not cached, because they may depend on missing
+// files. Any thread may use it.
 //
-// A program that maps a file for writing can change it a second time without a trace in its times.
-// Only who can write the file at all can do that, and those TrustedPlace trusts.
+// A program with a writable mapping of a file can change it a second time without altering its
+// times. That requires write permission, and TrustedPlace trusts everybody who has it.
 class VerdictCache {
  public:
-  // The bounds of what it keeps. Those unused for longest go first.
+  // The limits of the cache. The least recently used verdict is dropped first.
   static constexpr std::size_t kMaxVerdicts = 256;
   static constexpr std::size_t kMaxFacts = 65'536;
 
-  // Null where there is none that still stands. A few system calls, one for each file or folder
-  // that the verdict rests on. Shared by the cache and by those who were told it.
+  // Null if there is no valid verdict. Takes a system call for each file or folder of the verdict.
+  // The verdict is shared by the cache and its callers.
   std::shared_ptr<const VerifiedCode> find(const std::string& path, std::uint64_t anchors,
                                            WallTime now);
 
-  // Keeps a verdict that was reached with these anchors; `now` is when that check began. Not where
-  // a file was changed shortly before.
+  // Stores a verdict that was reached with these anchors, unless a file was changed shortly before
+  // `now`, the start of the check.
   void remember(const std::string& path, std::uint64_t anchors, WallTime now,
                 std::shared_ptr<const VerifiedCode> code);
 
@@ -53,7 +53,7 @@ class VerdictCache {
   void forget(Entries::iterator entry);
 
   mutable std::mutex mutex_;
-  Entries entries_;  // the last used first
+  Entries entries_;  // the most recently used first
   std::unordered_map<std::string_view, Entries::iterator> byPath_;
   std::size_t facts_ = 0;
 };

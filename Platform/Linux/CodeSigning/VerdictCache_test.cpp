@@ -1,4 +1,4 @@
-// What is remembered of a check, and what ends it.
+// The verdicts that the cache keeps, and the changes that end them.
 
 #include "Platform/Linux/CodeSigning/VerdictCache.h"
 
@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 
 class VerdictCacheTest : public testing::Test {
  protected:
-  // The verdict itself tells whether it is a remembered one.
+  // The verdict's address shows whether it came from the cache.
   std::shared_ptr<const VerifiedCode> verdict(const std::string& path) {
     const auto kind = std::filesystem::is_directory(path) ? SecStaticCode::Kind::kBundle
                                                           : SecStaticCode::Kind::kProgram;
@@ -59,12 +59,12 @@ TEST_F(VerdictCacheTest, AnUnchangedBundleAndItsProgramAreNotCheckedAgain) {
   EXPECT_TRUE(isRemembered(bundle + "/Contents/Linux/program"));
 }
 
-TEST_F(VerdictCacheTest, RefusalsAreNotRemembered) {
+TEST_F(VerdictCacheTest, RefusalsAreNotCached) {
   bed_.refusal(bed_.makeFile("bin/program"));
   EXPECT_EQ(bed_.signatures().remembered(), 0u);
 }
 
-TEST_F(VerdictCacheTest, AProgramWrittenInPlaceIsRefusedAlthoughItsTimeWasPutBack) {
+TEST_F(VerdictCacheTest, AProgramWithARestoredTimeIsRefused) {
   const std::string path = bed_.makeProgram("bin/program");
   struct stat before{};
   ASSERT_EQ(::stat(path.c_str(), &before), 0);
@@ -83,14 +83,14 @@ TEST_F(VerdictCacheTest, AnotherFileInItsPlaceIsRefused) {
   EXPECT_EQ(bed_.refusal(path).status, errSecCSUnsigned);
 }
 
-TEST_F(VerdictCacheTest, AFolderMadeWritableForOthersEndsIt) {
+TEST_F(VerdictCacheTest, AFolderMadeWritableForOthersEndsTheVerdict) {
   const std::string path = bed_.makeProgram("a/b/program");
   verdict(path);
   ASSERT_EQ(::chmod(bed_.folder().path("a").c_str(), 0777), 0);
   EXPECT_EQ(bed_.refusal(path).status, kErrnoStatusBase + EPERM);
 }
 
-TEST_F(VerdictCacheTest, AChangedDetachedSignatureEndsIt) {
+TEST_F(VerdictCacheTest, AChangedDetachedSignatureEndsTheVerdict) {
   const std::string path = bed_.makeFile("bin/script", "#!/bin/sh\n");
   ASSERT_TRUE(signDetached(path, CodeSigningBed::signer(), CodeSigningBed::options()));
   EXPECT_TRUE(isRemembered(path));
@@ -98,7 +98,7 @@ TEST_F(VerdictCacheTest, AChangedDetachedSignatureEndsIt) {
   EXPECT_EQ(bed_.refusal(path).status, errSecCSUnsigned);
 }
 
-TEST_F(VerdictCacheTest, AnAddedOrChangedResourceEndsItForTheBundleAndItsProgram) {
+TEST_F(VerdictCacheTest, AnAddedOrChangedResourceEndsTheBundlesVerdicts) {
   const std::string bundle = bed_.makeBundle("Sample.bundle");
   verdict(bundle);
   verdict(bundle + "/Contents/Linux/program");
@@ -107,14 +107,14 @@ TEST_F(VerdictCacheTest, AnAddedOrChangedResourceEndsItForTheBundleAndItsProgram
   EXPECT_EQ(bed_.refusal(bundle + "/Contents/Linux/program").status, errSecCSBadResource);
 }
 
-TEST_F(VerdictCacheTest, ARemovedAnchorEndsIt) {
+TEST_F(VerdictCacheTest, ARemovedAnchorEndsTheVerdict) {
   const std::string path = bed_.makeProgram("bin/program");
   verdict(path);
   std::filesystem::remove(bed_.folder().path("etc/vantor/anchors/authority.pem"));
   EXPECT_EQ(bed_.refusal(path).status, errSecCSReqFailed);
 }
 
-TEST_F(VerdictCacheTest, AnAddedAnchorEndsIt) {
+TEST_F(VerdictCacheTest, AnAddedAnchorEndsTheVerdict) {
   const std::string path = bed_.makeProgram("bin/program");
   const auto first = verdict(path);
   bed_.anchor("other.pem", CodeSigningBed::foreignAuthority());
@@ -122,7 +122,7 @@ TEST_F(VerdictCacheTest, AnAddedAnchorEndsIt) {
   EXPECT_TRUE(isRemembered(path));
 }
 
-TEST_F(VerdictCacheTest, AnAnchorChangedInPlaceEndsIt) {
+TEST_F(VerdictCacheTest, AnAnchorChangedInPlaceEndsTheVerdict) {
   const std::string path = bed_.makeProgram("bin/program");
   verdict(path);
   const std::string anchor = bed_.folder().path("etc/vantor/anchors/authority.pem");
@@ -133,24 +133,24 @@ TEST_F(VerdictCacheTest, AnAnchorChangedInPlaceEndsIt) {
   EXPECT_EQ(bed_.refusal(path).status, errSecCSReqFailed);
 }
 
-TEST_F(VerdictCacheTest, TheChainsExpiryEndsItOnce) {
+TEST_F(VerdictCacheTest, TheExpiryOfTheChainEndsTheVerdictOnce) {
   const std::string path = bed_.makeProgram("bin/program");
   const auto first = verdict(path);
   bed_.setNow(CodeSigningBed::kValidTo - 1ns);
   EXPECT_EQ(verdict(path), first);
   bed_.setNow(CodeSigningBed::kValidTo);
-  EXPECT_NE(verdict(path), first);  // Still valid, as it was signed in time; and remembered anew.
+  EXPECT_NE(verdict(path), first);  // Still valid, because it was signed in time; and cached again.
   EXPECT_TRUE(isRemembered(path));
 }
 
-TEST_F(VerdictCacheTest, AClockSetBackBeforeTheChainEndsIt) {
+TEST_F(VerdictCacheTest, AClockSetBeforeTheChainsStartEndsTheVerdict) {
   const std::string path = bed_.makeProgram("bin/program");
   const auto first = verdict(path);
   bed_.setNow(CodeSigningBed::kValidFrom - 1ns);
   EXPECT_NE(verdict(path), first);
 }
 
-TEST_F(VerdictCacheTest, AProgramChangedWithinTwoSecondsIsNotRemembered) {
+TEST_F(VerdictCacheTest, AProgramChangedWithinTwoSecondsIsNotCached) {
   const std::string path = bed_.makeProgram("bin/program");
   bed_.setNow(changeTimeOf(path) + 2s - 1ns);
   EXPECT_FALSE(isRemembered(path));
@@ -159,13 +159,13 @@ TEST_F(VerdictCacheTest, AProgramChangedWithinTwoSecondsIsNotRemembered) {
   EXPECT_TRUE(isRemembered(path));
 }
 
-TEST_F(VerdictCacheTest, AProgramWithATimeToComeIsNotRemembered) {
+TEST_F(VerdictCacheTest, AProgramWithATimeInTheFutureIsNotCached) {
   const std::string path = bed_.makeProgram("bin/program");
   bed_.setNow(changeTimeOf(path) - 1h);
   EXPECT_FALSE(isRemembered(path));
 }
 
-TEST_F(VerdictCacheTest, TheNumberOfVerdictsIsBoundedAndTheLongestUnusedGoesFirst) {
+TEST_F(VerdictCacheTest, TheLeastRecentlyUsedVerdictIsDroppedFirst) {
   VerdictCache cache;
   const auto code = std::make_shared<const VerifiedCode>();
   const WallTime now{};
@@ -204,7 +204,7 @@ TEST_F(VerdictCacheTest, TheNumberOfFactsIsBounded) {
   EXPECT_TRUE(cache.find("one more", 1, now));
 }
 
-TEST_F(VerdictCacheTest, ManyThreadsMayAskWhileTheAnchorsChange) {
+TEST_F(VerdictCacheTest, ManyThreadsMayCheckWhileTheAnchorsChange) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 20;
   const std::string one = bed_.makeProgram("bin/one");
@@ -219,7 +219,7 @@ TEST_F(VerdictCacheTest, ManyThreadsMayAskWhileTheAnchorsChange) {
     });
   }
   for (int round = 0; round < kRounds; ++round) {
-    // Has the anchors loaded anew, and changes nothing of what is valid.
+    // Loading the anchors again does not change which code is valid.
     bed_.folder().write("etc/vantor/anchors/note", std::to_string(round));
   }
   for (std::thread& thread : threads) thread.join();

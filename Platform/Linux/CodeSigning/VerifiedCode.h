@@ -9,7 +9,7 @@
 
 namespace platform {
 
-// What a signature says of itself.
+// The content of a signature.
 struct SignatureStatement {
   std::optional<std::string> identifier;
   std::optional<std::chrono::sys_seconds> signingTime;
@@ -17,18 +17,18 @@ struct SignatureStatement {
   Array certificates;  // DER, the signer's first
 };
 
-// A signature that holds. Before `notBefore` and from `notAfter` certificates of its chain are not
-// yet, or no longer, valid.
+// A valid signature. The certificates of its chain are valid from `notBefore` until before
+// `notAfter`.
 struct VerifiedSignature {
   SignatureStatement statement;
   std::chrono::sys_seconds notBefore;
   std::chrono::sys_seconds notAfter;
 };
 
-// Code that is what its signer signed. The times are those of all signatures that cover it.
+// Code that its signer signed. The times are those of all signatures that cover it.
 struct VerifiedCode {
   VerifiedSignature signature;
-  FileFacts facts;  // that hold for as long as this is so
+  FileFacts facts;  // the verdict holds as long as these do
 };
 
 }  // namespace platform

@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// The error object for a system call on `path` that failed with `errorNumber`: what it means where
-// a file is read, and where one is written.
+// The error object for a system call on `path` that failed with `errorNumber`, for reading and for
+// writing a file.
 NSError cocoaReadError(const std::string& path, int errorNumber);
 NSError cocoaWriteError(const std::string& path, int errorNumber);
 

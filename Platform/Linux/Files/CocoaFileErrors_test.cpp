@@ -7,7 +7,7 @@
 namespace platform {
 namespace {
 
-TEST(CocoaFileErrorsTest, EachNumberOfTheSystemHasItsCode) {
+TEST(CocoaFileErrorsTest, EachErrnoHasItsCode) {
   const struct {
     int number;
     std::int64_t reading;

@@ -33,9 +33,9 @@ struct Source {
   struct stat status{};
 };
 
-// A pipe or a device is not waited for. What is read and whose attributes are taken is the same
-// file whatever happens to the path meanwhile: another file's owner and set-user-id bit on this
-// content would do harm.
+// Does not block on a pipe or a device. Content and attributes are read from the same open file,
+// whatever happens to the path meanwhile: this content with another file's owner and set-user-id
+// bit would be dangerous.
 Result<Source, NSError> openSource(const std::string& path) {
   Source source;
   source.file = UniqueFd(retryOnInterrupt(
@@ -50,14 +50,14 @@ Result<Source, NSError> openSource(const std::string& path) {
   return source;
 }
 
-// What a file may hold that does not tell its size, as those of /proc and /sys don't.
+// The limit for a file without a reported size, as in /proc and /sys.
 constexpr std::uint64_t kUntoldBytes = std::uint64_t{16} << 20;
 
-// As much as the file had when it was opened: one that is written to all the while has an end too.
+// Copies as much as the file had when it was opened, so that a growing file has an end, too.
 Result<void, NSError> copyContent(const Source& source, const std::string& sourcePath,
                                   ReplacementFile& copy, const std::string& destination) {
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kCopyPieceBytes);
-  // A size without a block on the disk may be none at all, or a page's.
+  // Without a block on the disk, the reported size may be 0, or one page, whatever the content.
   const bool tellsSize = source.status.st_blocks > 0;
   const auto size = tellsSize ? static_cast<std::uint64_t>(source.status.st_size)
                               : std::max<std::uint64_t>(source.status.st_size, kUntoldBytes);
@@ -81,8 +81,8 @@ Result<void, NSError> copyContent(const Source& source, const std::string& sourc
   return {};
 }
 
-// In this order, since a change of the owner takes the set-user-id bit. By the descriptor: what may
-// have taken the path's place meanwhile is not touched.
+// The order matters: changing the owner clears the set-user-id bit. Uses the descriptor, so that
+// another file at the path is not changed.
 Result<void, NSError> applyAttributesToCopy(const struct stat& status, int file,
                                             const std::string& destination) {
   const timespec times[] = {status.st_atim, status.st_mtim};

@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// FileManager::overwriteWithCopy() of paths without zero bytes.
+// FileManager::overwriteWithCopy() for paths without zero bytes.
 Result<void, NSError> overwriteWithCopyOfFile(const std::string& source,
                                               const std::string& destination);
 

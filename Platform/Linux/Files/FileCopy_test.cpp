@@ -1,4 +1,4 @@
-// A copy that fails or is killed at one of its system calls, as strace makes it.
+// A copy that strace makes fail, or kills, at one of its system calls.
 
 #include "Platform/Linux/Files/FileCopy.h"
 
@@ -25,15 +25,15 @@ constexpr char kSource[] = "FILE_COPY_TEST_SOURCE";
 constexpr char kDestination[] = "FILE_COPY_TEST_DESTINATION";
 constexpr char kResult[] = "FILE_COPY_TEST_RESULT";
 
-// What strace runs is this program with this test alone.
-TEST(FileCopyProgram, DISABLED_CopiesWhatItsEnvironmentNames) {
+// strace runs this program with only this test.
+TEST(FileCopyProgram, DISABLED_CopiesTheFilesThatItsEnvironmentNames) {
   const auto copied = overwriteWithCopyOfFile(std::getenv(kSource), std::getenv(kDestination));
   std::ofstream(std::getenv(kResult)) << (copied ? 0 : copied.error().code);
 }
 
 class FileCopyTest : public testing::Test {
  protected:
-  // A system call of the copy: its name, and which of the program's of that name it is.
+  // A system call of the copy: its name, and its number among the calls of that name.
   struct Call {
     std::string name;
     int number;
@@ -52,12 +52,12 @@ class FileCopyTest : public testing::Test {
     folder_.write("below/destination", kOld);
   }
 
-  // Copies in a program of its own that strace treats with these options. The code of its error, 0
-  // for none, and nothing where it did not come that far.
+  // Copies in a program of its own under strace with these options. Returns the code of its error,
+  // "0" if there is none, and "" if the program was killed before.
   std::string copy(const std::string& options) {
     std::filesystem::remove(folder_.path("result"));
     const auto quoted = [](const std::string& text) { return "'" + text + "' "; };
-    // The leak checker can't trace what is traced.
+    // The leak checker can't run under strace.
     const std::string command =
         std::string(kSource) + "=" + quoted(folder_.path("source")) + kDestination + "=" +
         quoted(destination_) + kResult + "=" + quoted(folder_.path("result")) +
@@ -69,14 +69,14 @@ class FileCopyTest : public testing::Test {
     return contentOfFile(folder_.path("result"));
   }
 
-  // The calls of a copy that succeeds which have to do with the new file or its folder.
+  // The calls of a successful copy that concern the new file or its folder.
   std::vector<Call> callsOfACopy() {
     EXPECT_EQ(copy(""), "0");
     std::vector<Call> calls;
     std::map<std::string, int> numbers;
     std::ifstream trace(folder_.path("trace"));
     for (std::string line; std::getline(trace, line);) {
-      const std::size_t start = line.find(' ') + 1;  // after the process
+      const std::size_t start = line.find(' ') + 1;  // after the process number
       const std::string name = line.substr(line.find_first_not_of(' ', start));
       const std::string call = name.substr(0, name.find('('));
       const int number = ++numbers[call];
@@ -105,15 +105,15 @@ class FileCopyTest : public testing::Test {
   const std::string destination_ = folder_.path("below/destination");
 };
 
-// On the disk before it has its name, and only then what makes it more than its owner's.
-TEST_F(FileCopyTest, TheContentIsSynchronisedThenPutInPlaceThenGivenItsAttributes) {
+// The content is on the disk before the file gets its name, and other users get access last.
+TEST_F(FileCopyTest, TheContentIsSynchronisedBeforeItIsPutInPlace) {
   std::vector<std::string> names;
   for (const Call& call : callsOfACopy()) names.push_back(call.name);
   EXPECT_THAT(names, ElementsAre("write", "fsync", "rename", "fsync", "fchown", "fchown", "fchmod",
                                  "utimensat"));
 }
 
-TEST_F(FileCopyTest, WhatFailsBeforeTheCopyIsInPlaceLeavesTheOldContentAndNothingElse) {
+TEST_F(FileCopyTest, AFailureBeforeTheRenameLeavesOnlyTheOldContent) {
   const std::vector<Call> calls = callsOfACopy();
   ASSERT_GE(calls.size(), 3u);
   const struct {
@@ -129,10 +129,10 @@ TEST_F(FileCopyTest, WhatFailsBeforeTheCopyIsInPlaceLeavesTheOldContentAndNothin
   }
 }
 
-TEST_F(FileCopyTest, WhatFailsAfterwardsIsAnErrorAndTheCopyStays) {
+TEST_F(FileCopyTest, AFailureAfterTheRenameIsAnErrorAndTheCopyStays) {
   const std::vector<Call> calls = callsOfACopy();
   ASSERT_EQ(calls.size(), 8u);
-  // That the folder is not synchronised changes nothing.
+  // A failure to synchronise the folder has no effect.
   EXPECT_EQ(copy(at(calls[3], "error=EIO")), "0");
   for (std::size_t i = 4; i < calls.size(); ++i) {
     setUpDestination();
@@ -142,9 +142,10 @@ TEST_F(FileCopyTest, WhatFailsAfterwardsIsAnErrorAndTheCopyStays) {
   }
 }
 
-TEST_F(FileCopyTest, KilledAtAnyOfItsCallsItLeavesTheOldContentOrAllOfTheNew) {
+TEST_F(FileCopyTest, AKilledCopyLeavesTheOldOrTheNewContent) {
   for (const Call& call : callsOfACopy()) {
-    for (const char* what : {"signal=SIGKILL", "error=EIO:signal=SIGKILL"}) {  // behind and before
+    // After and before the call.
+    for (const char* what : {"signal=SIGKILL", "error=EIO:signal=SIGKILL"}) {
       setUpDestination();
       EXPECT_EQ(copy(at(call, what)), "") << call.name << " " << what;
       EXPECT_THAT(contentOfFile(destination_), AnyOf(kOld, kNew)) << call.name << " " << what;

@@ -26,7 +26,7 @@ std::unexpected<Error> denied(const std::string& path, const char* why) {
   return std::unexpected(Error{ErrorCode::kDenied, 0, path + ": " + why});
 }
 
-// The user, root if there is no other, to whom all of the path from `home` on belongs.
+// The one user, besides root, who owns any part of the path from `home` on; root if there is none.
 Result<uid_t> ownerOf(const std::string& home, const std::string& file) {
   struct stat status{};
   if (::stat(home.c_str(), &status) != 0) {
@@ -50,7 +50,7 @@ Result<uid_t> ownerOf(const std::string& home, const std::string& file) {
   return owner;
 }
 
-// Of a user that nobody knows: that of nobody.
+// An unknown user has the group of nobody.
 gid_t primaryGroupOf(uid_t user) {
   constexpr std::size_t kBytes = std::size_t{1} << 20;
   std::vector<char> buffer(kBytes);
@@ -60,12 +60,12 @@ gid_t primaryGroupOf(uid_t user) {
   return error == 0 && found ? found->pw_gid : kNoGroup;
 }
 
-// The library's function would change the groups of every thread.
+// The C library's function would change the groups of every thread.
 bool setGroupsOfThread(const std::vector<gid_t>& groups) {
   return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
 }
 
-// These two tell no failure but by what is so afterwards; -1 is nobody, and changes nothing.
+// These two calls report failure only by their effect; -1 is no valid user and changes nothing.
 bool setUser(uid_t user) {
   ::setfsuid(user);
   return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) == user;
@@ -75,8 +75,8 @@ bool setGroup(gid_t group) {
   return static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == group;
 }
 
-// The rights of this thread on files. With another user than root the kernel also takes away what
-// lets root do everything with them, unless it has been told not to.
+// The file permissions of this thread. If the user is not root, the kernel also removes root's
+// capabilities on files, unless a securebit forbids that.
 class FileRights {
  public:
   FileRights() = default;
@@ -88,7 +88,8 @@ class FileRights {
     if (groups_) setGroupsOfThread(*groups_);
   }
 
-  // Whether they are now all that user's; else some may be, until this ends.
+  // True if the thread now has all permissions of that user; else it may have some until the
+  // destructor.
   bool take(uid_t user, gid_t group) {
     const int securebits = ::prctl(PR_GET_SECUREBITS);
     if (securebits < 0 || (securebits & SECBIT_NO_SETUID_FIXUP) != 0) return false;
@@ -104,7 +105,7 @@ class FileRights {
   }
 
  private:
-  // What they were, of those that have been changed.
+  // The old values of those that were changed.
   std::optional<uid_t> user_;
   std::optional<gid_t> group_;
   std::optional<std::vector<gid_t>> groups_;

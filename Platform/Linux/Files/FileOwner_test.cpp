@@ -23,7 +23,7 @@
 namespace platform {
 namespace {
 
-// Of the calling thread.
+// The ids of the calling thread.
 struct Rights {
   uid_t user = static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1)));
   gid_t group = static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1)));
@@ -38,7 +38,7 @@ struct Rights {
 
 class FileOwnerTest : public testing::Test {
  protected:
-  // Users whom the system's list does not have, if not said otherwise.
+  // Users that the system's list does not contain, by default.
   static constexpr uid_t kUser = 54321;
   static constexpr uid_t kAnother = 54322;
   static constexpr gid_t kNoGroup = 65534;
@@ -51,7 +51,7 @@ class FileOwnerTest : public testing::Test {
   void give(const std::string& path, uid_t user, gid_t group) {
     ASSERT_EQ(::lchown(path.c_str(), user, group), 0);
   }
-  // With what rights it was done, if it was.
+  // The ids with which the action ran, if it did.
   std::optional<Rights> rightsOf(const std::string& file = kFile) {
     std::optional<Rights> found;
     const auto done = performAsOwnerOf(home_.path(), file, [&] { found.emplace(); });
@@ -70,7 +70,7 @@ class FileOwnerTest : public testing::Test {
   std::optional<Error> error_;
 };
 
-TEST_F(FileOwnerTest, TheThreadsGroupsAndUserAreItsOwnAgain) {
+TEST_F(FileOwnerTest, TheThreadsGroupsAndUserAreRestored) {
   std::jthread([&] {
     const std::vector<gid_t> groups{3, 4};
     ASSERT_EQ(::syscall(SYS_setgroups, groups.size(), groups.data()), 0);
@@ -82,7 +82,7 @@ TEST_F(FileOwnerTest, TheThreadsGroupsAndUserAreItsOwnAgain) {
   });
 }
 
-TEST_F(FileOwnerTest, OtherThreadsKeepTheirs) {
+TEST_F(FileOwnerTest, OtherThreadsKeepTheirIds) {
   give(home_.path(), kUser, 0);
   const Rights before;
   std::promise<void> taken;
@@ -98,13 +98,13 @@ TEST_F(FileOwnerTest, OtherThreadsKeepTheirs) {
   looked.set_value();
 }
 
-TEST_F(FileOwnerTest, TheHomesGroupIsNotTaken) {
+TEST_F(FileOwnerTest, TheGroupOfTheHomeIsNotUsed) {
   constexpr gid_t kShadow = 42;
   give(home_.path(), kUser, kShadow);
   EXPECT_EQ(rightsOf(), (Rights{kUser, kNoGroup, {kNoGroup}}));
 }
 
-TEST_F(FileOwnerTest, TheUsersOwnGroupIsTaken) {
+TEST_F(FileOwnerTest, TheUsersOwnGroupIsUsed) {
   const passwd* known = ::getpwnam("games");
   if (!known || known->pw_uid == 0) GTEST_SKIP() << "no such user in this system";
   const uid_t user = known->pw_uid;
@@ -113,22 +113,22 @@ TEST_F(FileOwnerTest, TheUsersOwnGroupIsTaken) {
   EXPECT_EQ(rightsOf(), (Rights{user, group, {group}}));
 }
 
-TEST_F(FileOwnerTest, WhateverOnTheWayIsAUsersIsLookedAtWithThatUsersRights) {
+TEST_F(FileOwnerTest, AnyPartOfThePathCanNameTheUser) {
   for (const std::string& path : {home_.path(), home_.path("folder"), home_.path(kFile)}) {
     give(path, kUser, 0);
     EXPECT_EQ(rightsOf().value_or(Rights()).user, kUser) << path;
     give(path, 0, 0);
   }
-  EXPECT_EQ(rightsOf(), Rights());  // Root's alone.
+  EXPECT_EQ(rightsOf(), Rights());  // It belongs to root alone.
 }
 
-TEST_F(FileOwnerTest, ALinkIsItsMakers) {
+TEST_F(FileOwnerTest, ALinkBelongsToItsMaker) {
   std::filesystem::create_symlink(kFile, home_.path("link"));
   give(home_.path("link"), kUser, 0);
   EXPECT_EQ(rightsOf("link").value_or(Rights()).user, kUser);
 }
 
-TEST_F(FileOwnerTest, WhatBelongsToSeveralUsersIsLeftAlone) {
+TEST_F(FileOwnerTest, APathOfSeveralUsersIsDenied) {
   give(home_.path(), kUser, 0);
   for (const std::string& path : {home_.path("folder"), home_.path(kFile)}) {
     give(path, kAnother, 0);
@@ -138,7 +138,7 @@ TEST_F(FileOwnerTest, WhatBelongsToSeveralUsersIsLeftAlone) {
   EXPECT_TRUE(rightsOf());
 }
 
-TEST_F(FileOwnerTest, TheFileMayBeMissingButNoFolder) {
+TEST_F(FileOwnerTest, OnlyTheFileItselfMayBeMissing) {
   EXPECT_TRUE(rightsOf("folder/missing"));
   EXPECT_FALSE(rightsOf("missing/file"));
   EXPECT_EQ(error_->code, ErrorCode::kNotFound);
@@ -150,7 +150,7 @@ TEST_F(FileOwnerTest, TheFileMayBeMissingButNoFolder) {
   EXPECT_FALSE(isDone);
 }
 
-// Of the calling thread, for good.
+// Reduces the calling thread's capabilities for good.
 void giveUp(std::vector<int> capabilities) {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[2]{};
@@ -159,7 +159,7 @@ void giveUp(std::vector<int> capabilities) {
   ASSERT_EQ(::syscall(SYS_capset, &header, data), 0);
 }
 
-TEST_F(FileOwnerTest, WithoutTheRightToChangeNothingIsDone) {
+TEST_F(FileOwnerTest, WithoutTheCapabilityNothingIsDone) {
   give(home_.path(), kUser, 0);
   for (const std::vector<int>& missing : {std::vector{CAP_SETUID}, {CAP_SETGID}}) {
     std::jthread([&] {
@@ -171,7 +171,7 @@ TEST_F(FileOwnerTest, WithoutTheRightToChangeNothingIsDone) {
   }
 }
 
-TEST(OpenWithoutWaiting, OpensFilesAndFoldersOfABoundedSize) {
+TEST(OpenWithoutWaiting, OpensOnlyFoldersAndFilesOfALimitedSize) {
   const TemporaryFolder folder;
   const std::string file = folder.write("file", "");
   const auto opens = [](const std::string& path, int flags) {

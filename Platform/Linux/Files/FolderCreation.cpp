@@ -20,7 +20,7 @@ namespace platform {
 namespace {
 
 constexpr std::int64_t kMostPermissions = 07777;
-// All bits set means "leave it" to the system.
+// All bits set would tell the system to leave the id unchanged.
 constexpr std::int64_t kMostAccountId = std::numeric_limits<std::uint32_t>::max() - 1;
 
 struct Attributes {
@@ -65,7 +65,7 @@ int applyAttributesToFolder(const Attributes& attributes, const std::string& pat
   return 0;
 }
 
-// The folders that one call has made; taken back unless all of it succeeds.
+// The folders that one call has made. They are removed unless the whole call succeeds.
 class MadeFolders {
  public:
   MadeFolders() = default;
@@ -76,9 +76,9 @@ class MadeFolders {
                           [](const std::string& path) { ::rmdir(path.c_str()); });
   }
 
-  // Returns the system's number of the error, 0 when the folder is there now.
+  // Returns errno, 0 if the folder exists now.
   int make(const std::string& path, const std::optional<Attributes>& attributes) {
-    // Nobody else gets in before it is known who may.
+    // Nobody else may enter before the permissions are set.
     const bool decidedLater = attributes && attributes->permissions;
     if (::mkdir(path.c_str(), decidedLater ? 0700 : 0777) != 0) return errno == EEXIST ? 0 : errno;
     paths_.push_back(path);
@@ -106,7 +106,7 @@ Result<void, NSError> createFolders(const std::string& path, const Dictionary* a
     wanted = *read;
   }
   MadeFolders made;
-  // Up to each slash that ends a name, then all of it.
+  // Up to each slash that ends a name, then the whole path.
   for (std::size_t end = 0; end != path.npos;) {
     end = path.find('/', end + 1);
     if (end != path.npos && path[end - 1] == '/') continue;

@@ -7,7 +7,7 @@
 
 namespace platform {
 
-// FileManager::createDirectory() of a path without zero bytes.
+// FileManager::createDirectory() for a path without zero bytes.
 Result<void, NSError> createFolders(const std::string& path, const Dictionary* attributes);
 
 }  // namespace platform

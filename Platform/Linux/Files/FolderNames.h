@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// The names in a folder in the order of their bytes, without "." and ".."; `most` + 1 of them where
-// there are more than `most`. Fails with kSystem and the folder's path.
+// The names in a folder in byte order, without "." and "..". If there are more than `most`, it
+// returns `most` + 1 of them. Fails with kSystem and the folder's path.
 Result<std::vector<std::string>> namesInFolder(const std::string& path, std::size_t most);
 
 }  // namespace platform

@@ -4,8 +4,8 @@
 
 namespace platform {
 
-// Attributes in the "user." name space, where an unprivileged program can write them. Where there
-// is no where-from attribute, "user.xdg.origin.url", which download tools write, stands for it.
+// Attributes in the "user." name space, which unprivileged programs can write. A file without a
+// where-from attribute gets it from "user.xdg.origin.url", which download tools write.
 class LinuxExtendedAttributes final : public ExtendedAttributes {
  public:
   Result<Data> getxattr(const std::string& path, std::string_view name,

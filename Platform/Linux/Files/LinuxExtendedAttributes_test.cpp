@@ -30,7 +30,7 @@ class LinuxExtendedAttributesTest : public testing::Test {
   void set(const std::string& name, const std::string& content) const {
     ASSERT_EQ(::setxattr(file_.c_str(), name.c_str(), content.data(), content.size(), 0), 0);
   }
-  // Its text, or errno.
+  // The attribute's text, or errno.
   std::string get(std::string_view name, std::size_t room = kRoom) {
     const auto bytes = attributes_.getxattr(file_, name, room);
     if (!bytes) return "errno " + std::to_string(bytes.error().osError);
@@ -56,7 +56,7 @@ TEST_F(LinuxExtendedAttributesTest, AnAttributeIsReadByThePlatformsName) {
   EXPECT_EQ(get(kQuarantine), "");
 }
 
-TEST_F(LinuxExtendedAttributesTest, AsLargeAsTheBufferAndNoLarger) {
+TEST_F(LinuxExtendedAttributesTest, AnAttributeMayFillTheBuffer) {
   for (const std::size_t size : {99U, 100U}) {
     set(user(kQuarantine), std::string(size, 'a'));
     EXPECT_EQ(get(kQuarantine, 100), std::string(size, 'a'));
@@ -65,14 +65,14 @@ TEST_F(LinuxExtendedAttributesTest, AsLargeAsTheBufferAndNoLarger) {
   EXPECT_EQ(get(kQuarantine, 100), "errno " + std::to_string(ERANGE));
 }
 
-TEST_F(LinuxExtendedAttributesTest, WhatADownloadToolLeftIsAWhereFromList) {
+TEST_F(LinuxExtendedAttributesTest, TheOriginOfADownloadToolIsAWhereFromList) {
   set(kOrigin, "https://example.com/file?a=b");
   EXPECT_EQ(whereFroms(), Value(Array{"https://example.com/file?a=b"}));
-  // For that attribute alone.
+  // Only for that attribute.
   EXPECT_EQ(get(kQuarantine), "errno " + std::to_string(ENODATA));
 }
 
-TEST_F(LinuxExtendedAttributesTest, AWhereFromListOfItsOwnGoesFirst) {
+TEST_F(LinuxExtendedAttributesTest, AWhereFromAttributeTakesPrecedence) {
   set(kOrigin, "https://example.com/tool");
   set(user(kWhereFromsAttribute), "anything");
   EXPECT_EQ(get(kWhereFromsAttribute), "anything");
@@ -80,14 +80,15 @@ TEST_F(LinuxExtendedAttributesTest, AWhereFromListOfItsOwnGoesFirst) {
   EXPECT_EQ(get(kWhereFromsAttribute, 100), "errno " + std::to_string(ERANGE));
 }
 
-TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsTooLargeIsNoList) {
+TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsTooLargeIsRefused) {
   set(kOrigin, std::string(100, 'a'));
   EXPECT_EQ(get(kWhereFromsAttribute, 99), "errno " + std::to_string(ERANGE));
-  EXPECT_EQ(get(kWhereFromsAttribute, 100), "errno " + std::to_string(ERANGE));  // With its frame.
+  // With its property-list frame.
+  EXPECT_EQ(get(kWhereFromsAttribute, 100), "errno " + std::to_string(ERANGE));
   EXPECT_EQ(whereFroms(), Value(Array{std::string(100, 'a')}));
 }
 
-TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsNoTextIsNone) {
+TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsNoTextIsIgnored) {
   for (const std::string& bytes :
        {std::string("https://example.com/\xff"), std::string("https://example.com/\0", 21)}) {
     set(kOrigin, bytes);
@@ -95,14 +96,14 @@ TEST_F(LinuxExtendedAttributesTest, AnOriginThatIsNoTextIsNone) {
   }
 }
 
-TEST_F(LinuxExtendedAttributesTest, AFileThatIsNotThereHasItsOwnNumber) {
+TEST_F(LinuxExtendedAttributesTest, AMissingFileHasItsOwnErrno) {
   const auto bytes = attributes_.getxattr(folder_.path("missing"), kQuarantine, kRoom);
   ASSERT_FALSE(bytes);
   EXPECT_EQ(bytes.error().osError, ENOENT);
   EXPECT_TRUE(bytes.error().context.starts_with(folder_.path("missing"))) << bytes.error().context;
 }
 
-TEST_F(LinuxExtendedAttributesTest, APipeIsNotWaitedFor) {
+TEST_F(LinuxExtendedAttributesTest, APipeDoesNotBlock) {
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   EXPECT_FALSE(attributes_.getxattr(pipe, kQuarantine, kRoom));

@@ -10,7 +10,7 @@
 namespace platform {
 namespace {
 
-// The system would take such a path to end at the zero byte, and mean another file.
+// The system would cut such a path at the zero byte and use another file.
 bool holdsZeroByte(std::string_view path) { return path.find('\0') != path.npos; }
 
 std::string upToZeroByte(std::string_view path) {

@@ -72,7 +72,7 @@ class LinuxFileManagerTest : public testing::Test {
   LinuxFileManager manager_{"/home"};
 };
 
-// The files of a user who is not root. The thread's other rights stay.
+// Files of a user other than root. The thread's other permissions stay.
 class OtherUser {
  public:
   OtherUser() : before_(::setfsuid(65534)) {}
@@ -82,18 +82,18 @@ class OtherUser {
   int before_;
 };
 
-TEST_F(LinuxFileManagerTest, TheWayMayHoldDotsAndSlashesAndLinks) {
+TEST_F(LinuxFileManagerTest, ThePathMayContainDotsSlashesAndLinks) {
   ASSERT_EQ(::mkdir(path("real").c_str(), 0700), 0);
   ASSERT_EQ(::symlink("real", path("link").c_str()), 0);
   EXPECT_TRUE(manager_.createDirectory(path("link//a/./b/../c/"), nullptr));
   EXPECT_TRUE(std::filesystem::is_directory(path("real/a/c")));
-  // A link that leads nowhere is not a folder.
+  // A dangling link is not a folder.
   ASSERT_EQ(::symlink("nowhere", path("dangling").c_str()), 0);
   EXPECT_FALSE(manager_.createDirectory(path("dangling"), nullptr));
   EXPECT_FALSE(manager_.createDirectory(path(std::string(300, 'x')), nullptr));
 }
 
-TEST_F(LinuxFileManagerTest, WithoutAttributesTheMaskOfTheProgramDecides) {
+TEST_F(LinuxFileManagerTest, WithoutAttributesTheUmaskApplies) {
   const mode_t before = ::umask(027);
   EXPECT_TRUE(manager_.createDirectory(path("a"), nullptr));
   const Dictionary attributes{{NSFilePosixPermissions, 0777}};
@@ -115,7 +115,7 @@ TEST_F(LinuxFileManagerTest, EachFolderMadeGetsOwnerAndGroup) {
   }
 }
 
-TEST_F(LinuxFileManagerTest, AttributesThatCanNotBeAreRefusedBeforeAnythingIsMade) {
+TEST_F(LinuxFileManagerTest, ImpossibleAttributesAreRefusedBeforeAnythingIsMade) {
   const Dictionary wrong[] = {{{NSFilePosixPermissions, 010000}},
                               {{NSFilePosixPermissions, -1}},
                               {{NSFilePosixPermissions, "755"}},
@@ -133,11 +133,11 @@ TEST_F(LinuxFileManagerTest, AttributesThatCanNotBeAreRefusedBeforeAnythingIsMad
   EXPECT_TRUE(manager_.createDirectory(path("a"), &most));
 }
 
-TEST_F(LinuxFileManagerTest, WhatAFailingCallHasMadeIsTakenBack) {
+TEST_F(LinuxFileManagerTest, AFailedCallRemovesTheFoldersItMade) {
   ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
   const Dictionary attributes{{NSFileOwnerAccountID, 0}, {NSFilePosixPermissions, 0755}};
   {
-    // Whoever is not root can't give a folder to root.
+    // Only root can give a folder to root.
     const OtherUser other;
     const bool isRoot = ::geteuid() == 0;
     const auto made = manager_.createDirectory(path("a/b/c"), &attributes);
@@ -146,12 +146,12 @@ TEST_F(LinuxFileManagerTest, WhatAFailingCallHasMadeIsTakenBack) {
       EXPECT_EQ(made.error().code, 513);
     }
   }
-  // A name that is too long comes last.
+  // The name that is too long comes last.
   EXPECT_FALSE(manager_.createDirectory(path("x/y/" + std::string(300, 'z')), nullptr));
   EXPECT_FALSE(std::filesystem::exists(path("x")));
 }
 
-TEST_F(LinuxFileManagerTest, WhatMayNotBeReadOrWrittenIsDenied) {
+TEST_F(LinuxFileManagerTest, AnUnreadableOrUnwritableFileIsDenied) {
   folder_.write("closed/file", "x");
   folder_.write("source", "x");
   ASSERT_EQ(::chmod(path("closed").c_str(), 0), 0);
@@ -173,7 +173,7 @@ TEST_F(LinuxFileManagerTest, WhatMayNotBeReadOrWrittenIsDenied) {
   ASSERT_EQ(::chmod(path("closed").c_str(), 0700), 0);
 }
 
-TEST_F(LinuxFileManagerTest, WhatIsNoRegularFileIsNotCopiedAndNotWaitedFor) {
+TEST_F(LinuxFileManagerTest, OnlyRegularFilesAreCopiedAndNothingBlocks) {
   ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
   for (const std::string& source : {path("pipe"), std::string("/dev/zero"), folder_.path()}) {
     EXPECT_EQ(copyCode(source, path("copy")), 256) << source;
@@ -181,7 +181,7 @@ TEST_F(LinuxFileManagerTest, WhatIsNoRegularFileIsNotCopiedAndNotWaitedFor) {
   EXPECT_FALSE(std::filesystem::exists(path("copy")));
 }
 
-TEST_F(LinuxFileManagerTest, AFileThatDoesNotTellItsSizeIsCopiedWhole) {
+TEST_F(LinuxFileManagerTest, AFileWithoutAReportedSizeIsCopiedWhole) {
   const std::string destination = folder_.write("copy", "old");
   const auto copied = manager_.overwriteWithCopy("/proc/version", destination);
   ASSERT_TRUE(copied) << copied.error().localizedDescription;
@@ -200,7 +200,7 @@ TEST_F(LinuxFileManagerTest, ALinkIsFollowedAsTheSourceAndReplacedAsTheDestinati
   EXPECT_EQ(statusOf(path("kept")).st_size, 4);
 }
 
-TEST_F(LinuxFileManagerTest, OwnerGroupSetUserIdAndTimesComeAlong) {
+TEST_F(LinuxFileManagerTest, OwnerGroupSetUserIdAndTimesAreCopied) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   folder_.write("source", "content");
   ASSERT_EQ(::chown(path("source").c_str(), 12, 80), 0);
@@ -216,7 +216,7 @@ TEST_F(LinuxFileManagerTest, OwnerGroupSetUserIdAndTimesComeAlong) {
   EXPECT_EQ(copy.st_mtim.tv_nsec, 2);
 }
 
-TEST_F(LinuxFileManagerTest, AnOwnerThatCanNotBeGivenIsAnErrorAndTheCopyStays) {
+TEST_F(LinuxFileManagerTest, AnOwnerThatCanNotBeSetIsAnErrorAndTheCopyStays) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs files of two users";
   folder_.write("source", "content");
   ASSERT_EQ(::chmod(path("source").c_str(), 0644), 0);

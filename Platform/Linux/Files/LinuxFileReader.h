@@ -4,7 +4,7 @@
 
 namespace platform {
 
-// Looks at the files of this system, each time anew.
+// Reads the files of this system; nothing is cached.
 class LinuxFileReader final : public FileReader {
  public:
   bool fileExistsAtPath(const std::string& path) override;

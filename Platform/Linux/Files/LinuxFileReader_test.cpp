@@ -30,7 +30,7 @@ INSTANTIATE_TEST_SUITE_P(Linux, FileReaderContract,
                            return std::make_unique<LinuxDisk>();
                          }));
 
-TEST(LinuxFileReader, ALinkThatLeadsNowhereDoesNotExist) {
+TEST(LinuxFileReader, ADanglingLinkDoesNotExist) {
   const TemporaryFolder folder;
   std::filesystem::create_symlink(folder.path("nowhere"), folder.path("link"));
   LinuxFileReader reader;

@@ -31,18 +31,18 @@ Error fileError(std::string context) {
     case ENFILE:
     case ENOMEM:
       return systemError(std::move(context), ErrorCode::kExhausted);
-    default:  // Of the system's numbers.
+    default:  // Other numbers of the system.
       return systemError(std::move(context));
   }
 }
 
-// A file under a name of its own, removed unless it is renamed to its final one.
+// A file with a temporary name. It is removed unless it is renamed to its final name.
 class TemporaryFile {
  public:
   static Result<TemporaryFile> createBeside(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     TemporaryFile file;
-    // Without the final name, which may be as long as a name can be.
+    // It does not include the final name, which may have the maximum length already.
     file.name_ = path.substr(0, slash == std::string::npos ? 0 : slash + 1) + ".plist.XXXXXX";
     file.fd_ = UniqueFd(::mkostemp(file.name_.data(), O_CLOEXEC));
     if (!file.fd_) return std::unexpected(fileError(path + ": no temporary file beside it"));
@@ -88,8 +88,8 @@ mode_t modeOfReplaced(const std::string& path) {
   return replaces ? status.st_mode & 0777 : kNewFileMode;
 }
 
-// Makes the new name last through a crash. The list is in place already, so that a folder which
-// can't be synchronised (some file systems refuse it) is no reason to call it a failure.
+// Makes the new name survive a crash. Some file systems refuse to synchronise a folder. The list is
+// in place already, so that is no failure.
 void synchronizeFolderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
@@ -102,7 +102,7 @@ void synchronizeFolderOf(const std::string& path) {
 Result<Value> readPropertyListFile(const std::string& path) {
   const auto file = openRegularFile(path);
   if (!file) return std::unexpected(file.error());
-  // A byte more than a list may have, which readPropertyList() then refuses.
+  // One byte above the limit makes readPropertyList() refuse it.
   const auto content = readAtMost(file->get(), kMaxPropertyListBytes + 1, path);
   if (!content) return std::unexpected(content.error());
   return readPropertyList(*content, path);

@@ -48,7 +48,7 @@ class PropertyListFileTest : public testing::Test {
   const Value value_ = Dictionary{{"Label", "x"}, {"Count", 3}, {"Nice", 0.5}};
 };
 
-TEST_F(PropertyListFileTest, ReadsWhatItWroteInBothFormats) {
+TEST_F(PropertyListFileTest, ListsInBothFormatsCanBeReadBack) {
   for (const auto format : {PropertyListFormat::kXml, PropertyListFormat::kBinary}) {
     ASSERT_TRUE(writePropertyListFile(path("a.plist"), value_, format));
     const auto read = readPropertyListFile(path("a.plist"));
@@ -59,7 +59,7 @@ TEST_F(PropertyListFileTest, ReadsWhatItWroteInBothFormats) {
   EXPECT_EQ(files(), 1);
 }
 
-TEST_F(PropertyListFileTest, MalformedContentIsNamedWithPathLineAndColumn) {
+TEST_F(PropertyListFileTest, TheErrorOfMalformedContentHasPathLineAndColumn) {
   put("a.plist", "<plist>\n  <int>1</int>\n</plist>");
   const auto read = readPropertyListFile(path("a.plist"));
   ASSERT_FALSE(read);
@@ -67,13 +67,13 @@ TEST_F(PropertyListFileTest, MalformedContentIsNamedWithPathLineAndColumn) {
       << read.error().context;
 }
 
-TEST_F(PropertyListFileTest, WhatCannotBeOpenedSaysWhy) {
+TEST_F(PropertyListFileTest, AFailedOpenHasAReason) {
   expectError(readPropertyListFile(path("absent")), ErrorCode::kNotFound, ENOENT);
   put("file", "x");
   expectError(readPropertyListFile(path("file/below")), ErrorCode::kNotFound, ENOTDIR);
 }
 
-TEST_F(PropertyListFileTest, OnlyRegularFilesAreReadAndNothingIsWaitedFor) {
+TEST_F(PropertyListFileTest, OnlyRegularFilesAreReadAndNothingBlocks) {
   expectError(readPropertyListFile(folder_), ErrorCode::kInvalid, 0);
   ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
   expectError(readPropertyListFile(path("fifo")), ErrorCode::kInvalid, 0);
@@ -82,7 +82,7 @@ TEST_F(PropertyListFileTest, OnlyRegularFilesAreReadAndNothingIsWaitedFor) {
   expectError(readPropertyListFile(path("link")), ErrorCode::kInvalid, ELOOP);
 }
 
-TEST_F(PropertyListFileTest, AFileAboveTheLimitIsRefusedAndOneAtTheLimitRead) {
+TEST_F(PropertyListFileTest, FilesAreReadUpToTheSizeLimit) {
   std::string text = "<plist><true/></plist>";
   text.resize(kMaxPropertyListBytes, ' ');
   put("a.plist", text);
@@ -99,7 +99,7 @@ TEST_F(PropertyListFileTest, AReplacedFileKeepsItsModeAndANewOneIsReadableByAll)
   EXPECT_EQ(mode("a.plist"), 0600u);
 }
 
-TEST_F(PropertyListFileTest, ASymbolicLinkIsReplacedAndWhatItLedToLeftAlone) {
+TEST_F(PropertyListFileTest, ASymbolicLinkIsReplacedButNotItsTarget) {
   put("target", "old");
   ASSERT_EQ(::symlink("target", path("a.plist").c_str()), 0);
   ASSERT_TRUE(writePropertyListFile(path("a.plist"), value_, PropertyListFormat::kXml));
@@ -114,7 +114,7 @@ TEST_F(PropertyListFileTest, AReaderOfTheOldFileKeepsTheOldContent) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(before), {}), "old");
 }
 
-TEST_F(PropertyListFileTest, AValueThatCannotBeWrittenLeavesTheFileAsItWas) {
+TEST_F(PropertyListFileTest, AnUnwritableValueLeavesTheFileUnchanged) {
   put("a.plist", "old");
   const auto written = writePropertyListFile(
       path("a.plist"), Dictionary{{"k", Value::nullMarker()}}, PropertyListFormat::kXml);
@@ -125,7 +125,7 @@ TEST_F(PropertyListFileTest, AValueThatCannotBeWrittenLeavesTheFileAsItWas) {
   EXPECT_EQ(files(), 1);
 }
 
-TEST_F(PropertyListFileTest, AFailureOfTheSystemLeavesTheFileAsItWasAndNothingBeside) {
+TEST_F(PropertyListFileTest, AFailureOfTheSystemLeavesOnlyTheUnchangedFile) {
   const auto missing =
       writePropertyListFile(path("absent/a.plist"), value_, PropertyListFormat::kXml);
   ASSERT_FALSE(missing);
@@ -139,7 +139,7 @@ TEST_F(PropertyListFileTest, AFailureOfTheSystemLeavesTheFileAsItWasAndNothingBe
   EXPECT_EQ(files(), 1);
 }
 
-TEST_F(PropertyListFileTest, AWriteThatFailsHalfwayLeavesTheFileAsItWas) {
+TEST_F(PropertyListFileTest, AWriteThatFailsHalfwayLeavesTheFileUnchanged) {
   put("a.plist", "old");
   const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
   rlimit old{};

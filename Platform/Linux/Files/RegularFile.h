@@ -8,16 +8,16 @@
 
 namespace platform {
 
-// Opens a file for reading that somebody else may have put there: a symbolic link is not followed,
-// a pipe or device is not waited for, and what is not a regular file is kInvalid. A missing file is
-// kNotFound.
+// Opens for reading a file that another user may have put there: does not follow a symbolic link,
+// does not block on a pipe or device, and fails with kInvalid if it is not a regular file. Fails
+// with kNotFound if there is none.
 Result<UniqueFd> openRegularFile(const std::string& path);
 
-// The next bytes of a descriptor, to its end or `maximumBytes`, whichever comes first. `name` is
-// for the error's text.
+// Reads from a descriptor until its end or `maximumBytes`, whichever comes first. `name` is for the
+// error's text.
 Result<std::string> readAtMost(int descriptor, std::size_t maximumBytes, const std::string& name);
 
-// All that is left of a descriptor; kExhausted when that is more than `maximumBytes`.
+// Reads from a descriptor to its end. Fails with kExhausted if that is more than `maximumBytes`.
 Result<std::string> readToEnd(int descriptor, std::size_t maximumBytes, const std::string& name);
 
 }  // namespace platform

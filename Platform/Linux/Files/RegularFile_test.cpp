@@ -32,7 +32,7 @@ TEST_F(RegularFileTest, ARegularFileIsOpenedAndReadWhole) {
   }
 }
 
-TEST_F(RegularFileTest, TheLimitCountsWhatIsReadAndNotWhatTheSystemSays) {
+TEST_F(RegularFileTest, TheLimitCountsTheBytesReadNotTheReportedSize) {
   const std::string path = folder_.write("file", std::string(5000, 'x'));
   EXPECT_TRUE(readToEnd(openRegularFile(path)->get(), 5000, path));
   const auto tooLarge = readToEnd(openRegularFile(path)->get(), 4999, path);
@@ -40,11 +40,11 @@ TEST_F(RegularFileTest, TheLimitCountsWhatIsReadAndNotWhatTheSystemSays) {
   EXPECT_EQ(tooLarge.error().code, ErrorCode::kExhausted);
   EXPECT_EQ(tooLarge.error().context, path + ": is larger than 4999 bytes");
 
-  // The size of such a file is 0 until it is read.
+  // The reported size of such a file is 0.
   EXPECT_FALSE(readToEnd(openRegularFile("/proc/self/maps")->get(), 10, "maps"));
 }
 
-TEST_F(RegularFileTest, ABeginningCanBeReadAlone) {
+TEST_F(RegularFileTest, TheBeginningAloneCanBeRead) {
   const std::string path = folder_.write("file", "0123456789");
   EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 0, path), "");
   EXPECT_EQ(readAtMost(openRegularFile(path)->get(), 9, path), "012345678");
@@ -61,7 +61,7 @@ TEST_F(RegularFileTest, AMissingFileIsNotFound) {
   }
 }
 
-TEST_F(RegularFileTest, ASymbolicLinkIsRefusedEvenToAGoodFile) {
+TEST_F(RegularFileTest, ASymbolicLinkToARegularFileIsRefused) {
   const std::string target = folder_.write("file", "x");
   const std::string link = folder_.path("link");
   ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
@@ -71,7 +71,7 @@ TEST_F(RegularFileTest, ASymbolicLinkIsRefusedEvenToAGoodFile) {
   EXPECT_THAT(file.error().context, StartsWith(link + ": is a symbolic link"));
 }
 
-TEST_F(RegularFileTest, WhatIsNoFileIsRefusedWithoutWaiting) {
+TEST_F(RegularFileTest, OtherKindsOfFilesAreRefusedWithoutBlocking) {
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   for (const std::string& path : {pipe, folder_.path(), std::string("/dev/null")}) {

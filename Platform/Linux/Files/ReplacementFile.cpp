@@ -73,9 +73,9 @@ Result<void> ReplacementFile::appendFrom(int file, std::uint64_t size) {
 }
 
 Result<void> ReplacementFile::setOwnerAndMode(uid_t owner, gid_t group, mode_t mode) {
-  // In this order, since giving a file away takes its set-user-id bit.
+  // The order matters: giving a file away clears its set-user-id bit.
   const bool given = ::fchown(file_.get(), owner, group) == 0;
-  // Whose file it becomes instead must not run with the rights of somebody else's.
+  // A set-user-id program must not run with the permissions of a different owner.
   const mode_t kept = given ? mode : mode & ~static_cast<mode_t>(S_ISUID | S_ISGID);
   if (::fchmod(file_.get(), kept & 07777) != 0) {
     return std::unexpected(systemError(path_ + ": can't be given its mode"));
@@ -96,7 +96,7 @@ Result<void> ReplacementFile::commit() {
     return std::unexpected(systemError(path_ + ": can't be replaced"));
   }
   temporary_.clear();
-  // Makes the name last through a crash; it is in place already, so a failure changes nothing.
+  // Makes the name survive a crash. The file is in place already, so a failure is ignored.
   const UniqueFd folder(::open(folderOf(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folder) ::fsync(folder.get());
   return {};

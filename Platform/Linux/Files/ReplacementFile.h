@@ -11,10 +11,10 @@
 
 namespace platform {
 
-// A new file that takes the place of another at once, or leaves no trace.
+// A new file that replaces another one atomically, or leaves no trace.
 class ReplacementFile {
  public:
-  // An empty file of mode 0600 beside `path`.
+  // Creates an empty file of mode 0600 beside `path`.
   static Result<ReplacementFile> createFor(const std::string& path);
 
   ReplacementFile(ReplacementFile&& other) noexcept;
@@ -22,23 +22,23 @@ class ReplacementFile {
   ~ReplacementFile();
 
   Result<void> append(std::span<const std::uint8_t> bytes);
-  // The first `size` bytes of an open file.
+  // Appends the first `size` bytes of an open file.
   Result<void> appendFrom(int file, std::uint64_t size);
-  // Keeps its own owner where that one is refused.
+  // If the owner can't be set, the file keeps its own.
   Result<void> setOwnerAndMode(uid_t owner, gid_t group, mode_t mode);
-  // Waits until the disk has what was appended.
+  // Blocks until the appended bytes are on the disk.
   Result<void> synchronise();
-  // Puts the file in place when the disk has it.
+  // Renames the file to `path` once it is on the disk.
   Result<void> commit();
 
-  // Of the new file, before and after it is in place; as long as this lives.
+  // The descriptor of the new file, before and after it is in place; valid as long as this object.
   int descriptor() const { return file_.get(); }
 
  private:
   ReplacementFile() = default;
 
   std::string path_;
-  std::string temporary_;  // empty once it is in place
+  std::string temporary_;  // empty once the file is in place
   UniqueFd file_;
 };
 
