@@ -9,21 +9,22 @@
 
 namespace platform {
 
-// The folder of the controls' sockets, run/vantor/control of the platform root. Only its owner gets
-// in: extensions and their clients are all of root, or of the user whose platform root it is.
+// The folder of the controls' sockets, run/vantor/control below the platform root. Only its owner
+// can enter: extensions and their clients all run as root, or as the user who owns the platform
+// root.
 std::string controlFolder(std::string_view root);
 
-// Makes the folder, and those above it, where it is missing. kDenied for one that belongs to
-// somebody else or lets others in.
+// Makes the folder and missing folders above it. Fails with kDenied if it belongs to somebody else
+// or others can enter it.
 Result<void> makeControlFolder(const std::string& root);
 
-// Whether such a name can be a socket's in the folder.
+// Whether `name` can be the name of a socket in the folder.
 bool isControlName(std::string_view name);
 
-// That the other side of this connected socket is root's or this program's own user's, as the
-// kernel says: the listener's, or whose who connected.
+// Checks by the kernel's credentials that the peer of this connected socket is root or this
+// program's own user.
 Result<void> checkControlPeer(int socket);
-// The same for a user's number.
+// The same for a user id.
 Result<void> checkControlUser(uid_t user, uid_t ours);
 
 }  // namespace platform

@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// What travels on a control connection, a SOCK_SEQPACKET socket: a request is one packet, the
-// answer to it another, both with the numbers of this machine's own byte order.
+// The messages on a control connection, a SOCK_SEQPACKET socket. A request is one packet and its
+// answer another. Numbers have this machine's byte order.
 
 enum class ControlOperation : std::uint32_t {
   kGetOption = 1,
@@ -18,18 +18,18 @@ enum class ControlOperation : std::uint32_t {
   kPing = 4  // answered without the extension's handler
 };
 
-// Followed by the bytes of an option that is set, and by nothing else.
+// Only kSetOption has a payload: the bytes of the option.
 struct ControlRequest {
   std::uint32_t operation = 0;
   std::uint32_t option = 0;
 };
 
-// Followed by the bytes of an option that was asked for.
+// The payload for kGetOption: the bytes of the option.
 struct ControlAnswer {
-  std::int32_t errorNumber = 0;  // 0 where it was done
+  std::int32_t errorNumber = 0;  // 0 on success
 };
 
-// With room for one byte too many, so that a longer packet is noticed.
+// One byte larger than the largest packet, so that a longer one is detected.
 using ControlRequestBuffer =
     std::array<std::uint8_t, sizeof(ControlRequest) + kMaxControlOptionBytes + 1>;
 using ControlAnswerBuffer =

@@ -26,13 +26,12 @@ using testing::HasSubstr;
 
 constexpr Duration kMessageTimeout = std::chrono::milliseconds(10);
 
-// An extension that does not keep to the protocol: what it is about to answer lies there before it
-// is asked.
-class CrudeExtensionTest : public testing::Test {
+// An extension that breaks the protocol: it sends its answers before the requests.
+class MisbehavingExtensionTest : public testing::Test {
  protected:
   static constexpr char kName[] = "com.example.crude";
 
-  CrudeExtensionTest() {
+  MisbehavingExtensionTest() {
     EXPECT_TRUE(makeControlFolder(root_.path()));
     const std::string path = controlFolder(root_.path()) + "/" + kName;
     sockaddr_un address{};
@@ -51,7 +50,7 @@ class CrudeExtensionTest : public testing::Test {
     std::memcpy(packet.data(), &errorNumber, sizeof errorNumber);
     EXPECT_EQ(::send(accepted_.get(), packet.data(), bytes, 0), static_cast<ssize_t>(bytes));
   }
-  // Whether the socket is of no use any more: a late answer must not count for a later request.
+  // Whether the client has closed the socket: a late answer must not count for a later request.
   bool isGivenUp() {
     const auto again = socket_->getIntegerOption(3);
     return !again && again.error().osError == ENOTCONN;
@@ -64,7 +63,7 @@ class CrudeExtensionTest : public testing::Test {
   UniqueFd accepted_;
 };
 
-TEST_F(CrudeExtensionTest, AnAnswerWithoutItsHeadEndsTheConnection) {
+TEST_F(MisbehavingExtensionTest, AnAnswerWithoutItsHeadEndsTheConnection) {
   answer(sizeof(ControlAnswer) - 1);
   const auto refused = socket_->getIntegerOption(3);
   ASSERT_FALSE(refused);
@@ -73,7 +72,7 @@ TEST_F(CrudeExtensionTest, AnAnswerWithoutItsHeadEndsTheConnection) {
   EXPECT_TRUE(isGivenUp());
 }
 
-TEST_F(CrudeExtensionTest, AnAnswerHasABound) {
+TEST_F(MisbehavingExtensionTest, TheSizeOfAnAnswerIsLimited) {
   answer(sizeof(ControlAnswer));
   EXPECT_EQ(socket_->getIntegerOption(3).value().length, 0u);
   answer(sizeof(ControlAnswer) + kMaxControlOptionBytes - 1);
@@ -85,13 +84,13 @@ TEST_F(CrudeExtensionTest, AnAnswerHasABound) {
   EXPECT_TRUE(isGivenUp());
 }
 
-TEST_F(CrudeExtensionTest, AnAnswerWithBytesThatNobodyAskedForEndsTheConnection) {
+TEST_F(MisbehavingExtensionTest, AnAnswerWithUnrequestedBytesEndsTheConnection) {
   answer(sizeof(ControlAnswer) + 1);
   EXPECT_FALSE(socket_->setOption(5, Data{1}));
   EXPECT_TRUE(isGivenUp());
 }
 
-TEST_F(CrudeExtensionTest, SilenceAndHangingUpEndTheConnection) {
+TEST_F(MisbehavingExtensionTest, ATimeoutOrAHangUpEndsTheConnection) {
   const auto silent = socket_->ping();
   ASSERT_FALSE(silent);
   EXPECT_EQ(silent.error().osError, ETIMEDOUT);
@@ -105,7 +104,7 @@ TEST_F(CrudeExtensionTest, SilenceAndHangingUpEndTheConnection) {
   EXPECT_TRUE(isGivenUp());
 }
 
-TEST_F(CrudeExtensionTest, ARefusalToBeUnloadedIsToldApartFromARequestThatFailed) {
+TEST_F(MisbehavingExtensionTest, ARefusedUnloadDiffersFromAFailedRequest) {
   answer(sizeof(ControlAnswer), EBUSY);
   EXPECT_EQ(socket_->prepareToUnload().error().code, ErrorCode::kDenied);
   EXPECT_NE(socket_->prepareToUnload().error().code, ErrorCode::kDenied);  // It says nothing.

@@ -19,7 +19,7 @@ namespace platform {
 namespace {
 
 constexpr int kBacklog = 16;
-// Without a descriptor to accept with, the socket stays readable: not to be looked at all the time.
+// Without a descriptor for accept() the socket stays readable. The pause avoids a busy loop.
 constexpr Duration kAcceptPause = std::chrono::milliseconds(100);
 
 Result<UniqueFd> bindAndListen(const std::string& path) {
@@ -94,7 +94,7 @@ void ControlServer::accept() {
   if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
   source_.reset();
   pause_ = loop_.startTimer(kAcceptPause, RunLoop::Repeat::kOnce, [this] {
-    // Where it still can't be watched, the next client that goes brings it back.
+    // If it still can't be watched, the end of the next client tries again.
     if (clients_.size() < kMaxClients) static_cast<void>(watchForClients());
   });
 }
@@ -120,12 +120,12 @@ void ControlServer::drop(std::list<Client>::iterator client) {
 }
 
 int ControlServer::prepareToUnload() const {
-  // Who has hung up is no client any more, though its turn to be dropped may still come.
+  // A client that has hung up no longer counts, even if it has not been dropped yet.
   const auto isThere = [](const Client& client) {
     char byte = 0;
     return ::recv(client.socket.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) != 0;
   };
-  return std::ranges::count_if(clients_, isThere) > 1 ? EBUSY : 0;  // The one that asks is one.
+  return std::ranges::count_if(clients_, isThere) > 1 ? EBUSY : 0;  // The caller is one of them.
 }
 
 bool ControlServer::serve(Client& client) {
@@ -158,7 +158,7 @@ bool ControlServer::serve(Client& client) {
       break;
     case ControlOperation::kPing:
       break;
-    default:  // A number that a client made up.
+    default:  // An unknown operation.
       answer.errorNumber = EOPNOTSUPP;
   }
   iovec parts[] = {{&answer, sizeof answer}, {content.data(), content.size()}};

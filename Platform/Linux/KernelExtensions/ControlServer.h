@@ -13,22 +13,22 @@
 
 namespace platform {
 
-// The control that an extension offers to root and to its own user; anybody else is cut off. It
-// never waits: a client that does not take its answer is cut off as well. Belongs to the loop's
-// thread.
+// The control that an extension offers to root and to its own user; other peers are disconnected.
+// It never blocks: a client that does not read its answer is disconnected, too. Belongs to the
+// loop's thread.
 class ControlServer {
  public:
-  // A client beyond these waits until another one goes.
+  // Further clients wait until one of these disconnects.
   static constexpr std::size_t kMaxClients = 16;
 
-  // Offers the control `name` of the platform at `root`. `loop` outlives it. Fails with kInvalid
-  // for what can't be such a name, with kDenied where another process offers it.
+  // Offers the control `name` of the platform at `root`. `loop` outlives it. Fails with kInvalid if
+  // the name is not valid, and with kDenied if another process offers it.
   static Result<std::unique_ptr<ControlServer>> listen(RunLoop& loop, const std::string& root,
                                                        std::string_view name,
                                                        MakeControlHandler makeHandler);
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
-  // Takes the name away and hangs up.
+  // Removes the name and disconnects the clients.
   ~ControlServer();
 
   std::size_t clients() const { return clients_.size(); }
@@ -45,7 +45,7 @@ class ControlServer {
   void accept();
   void add(UniqueFd socket);
   void drop(std::list<Client>::iterator client);
-  // Whether the client may stay.
+  // Returns whether the client may stay.
   bool serve(Client& client);
   int prepareToUnload() const;
 
@@ -53,7 +53,7 @@ class ControlServer {
   UniqueFd socket_;
   SocketName name_;
   const MakeControlHandler makeHandler_;
-  std::unique_ptr<RunLoopHandle> source_;  // none while there is no place
+  std::unique_ptr<RunLoopHandle> source_;  // null while there is no room for a client
   std::unique_ptr<RunLoopHandle> pause_;   // after a failure to accept
   std::list<Client> clients_;
 };

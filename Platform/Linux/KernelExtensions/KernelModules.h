@@ -6,17 +6,17 @@
 
 namespace platform {
 
-// The modules of the kernel that runs, by their names or aliases. Blocks for as long as the kernel
+// The modules of the running kernel, by their names or aliases. Blocks for as long as the kernel
 // takes.
 class KernelModules {
  public:
   virtual ~KernelModules() = default;
 
   virtual bool isLoaded(const std::string& module) = 0;
-  // Also succeeds where it is loaded. kNotFound where the system has no such module, kDenied where
-  // the kernel takes none from us.
+  // Also succeeds if the module is loaded. Fails with kNotFound if the system has no such module,
+  // and with kDenied if the kernel lets us load none.
   virtual Result<void> load(const std::string& module) = 0;
-  // kNotFound where it is not loaded, kDenied (EBUSY) where it is in use.
+  // Fails with kNotFound if the module is not loaded, and with kDenied (EBUSY) if it is in use.
   virtual Result<void> unload(const std::string& module) = 0;
 };
 

@@ -24,7 +24,7 @@ bool isPlainName(const std::string& name) {
          name.find('/') == name.npos && name.find('\0') == name.npos;
 }
 
-// The bundles that `place` stands for: itself, or those in it.
+// The bundles at `place`: the bundle itself, or those in the folder.
 Result<std::vector<std::string>> kextsAt(const std::string& place) {
   std::error_code error;
   if (std::filesystem::exists(place + "/Contents", error)) return std::vector{place};

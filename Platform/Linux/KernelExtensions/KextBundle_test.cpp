@@ -35,7 +35,7 @@ class KextBundleTest : public testing::Test {
   const std::string identifier_ = key("CFBundleIdentifier", "com.example.x");
 };
 
-TEST_F(KextBundleTest, IsAProgramOrAModule) {
+TEST_F(KextBundleTest, AnExtensionIsAProgramOrAModule) {
   const auto program = read(identifier_ + key("CFBundleExecutable", "wfk"));
   ASSERT_TRUE(program);
   EXPECT_EQ(program->identifier, "com.example.x");
@@ -47,13 +47,13 @@ TEST_F(KextBundleTest, IsAProgramOrAModule) {
   EXPECT_FALSE(module->programPath);
 }
 
-TEST_F(KextBundleTest, NeitherOrBothIsNoExtension) {
+TEST_F(KextBundleTest, ABundleWithNeitherOrBothIsNoExtension) {
   expectRefused(read(identifier_), "expected either");
   expectRefused(read(identifier_ + key("CFBundleExecutable", "a") + key("OSKernelModule", "b")),
                 "expected either");
 }
 
-TEST_F(KextBundleTest, NamesThatLeadElsewhereAreRefused) {
+TEST_F(KextBundleTest, NamesThatArePathsAreRefused) {
   for (const char* name : {"", "../x", "a/b", "/bin/sh", ".", ".."}) {
     expectRefused(read(identifier_ + key("CFBundleExecutable", name)), "is no name");
     expectRefused(read(identifier_ + key("OSKernelModule", name)), "is no name");
@@ -65,7 +65,7 @@ TEST_F(KextBundleTest, NamesThatLeadElsewhereAreRefused) {
   expectRefused(read("<key>CFBundleIdentifier</key><integer>1</integer>"), "CFBundleIdentifier");
 }
 
-TEST_F(KextBundleTest, AnUnreadableOneIsNamedWhereNoneIsFound) {
+TEST_F(KextBundleTest, TheErrorNamesAnUnreadableBundle) {
   folder_.write("Bad.kext/Contents/Info.plist", "<plist>");
   const auto found = findKextBundle("com.example.x", {folder_.path()});
   ASSERT_FALSE(found);
@@ -75,7 +75,7 @@ TEST_F(KextBundleTest, AnUnreadableOneIsNamedWhereNoneIsFound) {
   EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path("not there"), folder_.path()}));
 }
 
-TEST_F(KextBundleTest, OneInAnEarlierFolderComesFirst) {
+TEST_F(KextBundleTest, AnEarlierFolderTakesPrecedence) {
   for (const char* folder : {"first", "second"}) {
     folder_.write(std::string(folder) + "/X.kext/Contents/Info.plist",
                   "<plist version=\"1.0\"><dict>" + identifier_ + key("OSKernelModule", folder) +
@@ -87,7 +87,7 @@ TEST_F(KextBundleTest, OneInAnEarlierFolderComesFirst) {
   EXPECT_EQ(found->kernelModule, "first");
 }
 
-TEST_F(KextBundleTest, TwoInOneFolderAreNone) {
+TEST_F(KextBundleTest, TwoBundlesWithOneIdentifierAreRefused) {
   read(identifier_ + key("OSKernelModule", "a"));
   std::filesystem::copy(folder_.path("X.kext"), folder_.path("A.kext"),
                         std::filesystem::copy_options::recursive);
@@ -98,7 +98,7 @@ TEST_F(KextBundleTest, TwoInOneFolderAreNone) {
                                        folder_.path("X.kext") + " both claim to be it");
 }
 
-TEST_F(KextBundleTest, ABundleIsGivenByItsOwnPathHoweverThatIsWritten) {
+TEST_F(KextBundleTest, ABundlesPathCanBeSpelledInAnyWay) {
   read(identifier_ + key("OSKernelModule", "a"));
   std::filesystem::rename(folder_.path("X.kext"), folder_.path("X"));
   for (const char* path : {"X", "X/"}) {
@@ -106,7 +106,7 @@ TEST_F(KextBundleTest, ABundleIsGivenByItsOwnPathHoweverThatIsWritten) {
   }
 }
 
-TEST_F(KextBundleTest, AFolderWithMoreEntriesThanItMayHaveIsNotSearched) {
+TEST_F(KextBundleTest, AFolderWithTooManyEntriesIsNotSearched) {
   read(identifier_ + key("OSKernelModule", "a"));
   std::size_t entries = 1;
   const auto find = [&](std::size_t count) {
@@ -120,7 +120,7 @@ TEST_F(KextBundleTest, AFolderWithMoreEntriesThanItMayHaveIsNotSearched) {
   EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
 }
 
-TEST_F(KextBundleTest, LinksThatLeadNowhereOrInCirclesAreNoBundles) {
+TEST_F(KextBundleTest, DanglingOrCircularLinksAreNoBundles) {
   std::filesystem::create_symlink("Circle.kext", folder_.path("Circle.kext"));
   std::filesystem::create_symlink("nowhere", folder_.path("Dangling.kext"));
   const auto missing = findKextBundle("com.example.x", {folder_.path()});

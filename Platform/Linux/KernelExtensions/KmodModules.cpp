@@ -40,10 +40,10 @@ std::unexpected<Error> moduleFailure(const std::string& module, std::string_view
                                fmt::format("the kernel module \"{}\": {}", module, what)});
 }
 
-// libkmod gives errors as negative numbers, whoever's they are.
+// libkmod returns all errors as negative errno values.
 struct Lookup {
   Context context;
-  ModuleList modules;  // none where no module has the name
+  ModuleList modules;  // empty if no module has the name
 };
 
 bool isInKernel(kmod_module* module) {
@@ -66,7 +66,7 @@ Result<Lookup> lookUp(const std::optional<std::string>& folder, const std::strin
   return lookup;
 }
 
-// One that runs and that the folder of modules does not know: the kernel's package has gone.
+// A loaded module that the folder does not have, because the kernel's package has been removed.
 Module runningModule(const Lookup& lookup, const std::string& name) {
   kmod_module* module = nullptr;
   if (kmod_module_new_from_name(lookup.context.get(), name.c_str(), &module) != 0) return nullptr;

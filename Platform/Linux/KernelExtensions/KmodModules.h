@@ -8,9 +8,9 @@
 
 namespace platform {
 
-// Modules by libkmod, from `folder` or the folder of the kernel that runs. A module that is loaded
-// is known by its name also where that folder has it no more. Commands that modprobe.d names for a
-// module are not run; what it blacklists is not loaded by an alias.
+// Modules by libkmod, from `folder` or the folder of the running kernel. A loaded module is found
+// by its name even if the folder no longer has it. Commands that modprobe.d lists for a module are
+// not run; aliases do not load modules that it blacklists.
 class KmodModules final : public KernelModules {
  public:
   explicit KmodModules(std::optional<std::string> folder = std::nullopt)

@@ -1,4 +1,4 @@
-#ifndef __SANITIZE_THREAD__  // libkmod is not built with it.
+#ifndef __SANITIZE_THREAD__  // libkmod is not built with the sanitizer.
 
 #include "Platform/Linux/KernelExtensions/KmodModules.h"
 
@@ -22,18 +22,18 @@ using testing::HasSubstr;
 // A folder of modules as depmod would make it.
 class ModulesFolder {
  public:
-  // Of one module whose file holds `content`, known by its name.
+  // Adds one module, known by its name, whose file has this content.
   void addFile(const std::string& name, const std::string& content) {
     folder_.write("kernel/" + name + ".ko", content);
     writeIndex("modules.dep.bin", name, "kernel/" + name + ".ko:");
   }
-  // Of one module that the kernel was built with.
+  // Adds one module that is built into the kernel.
   void addBuiltIn(const std::string& name) { writeIndex("modules.builtin.bin", name, ""); }
   std::string path(const std::string& name) const { return folder_.path(name); }
   KmodModules modules() const { return KmodModules(folder_.path()); }
 
  private:
-  // libkmod's index with one key: its head, then the root, which has the key for its prefix.
+  // An index of libkmod with one key: its head, then the root, whose prefix is the key.
   void writeIndex(const std::string& file, const std::string& key, const std::string& value) {
     constexpr std::uint32_t kMagic = 0xb007f457;
     constexpr std::uint32_t kVersion = 0x00020001;
@@ -47,7 +47,7 @@ class ModulesFolder {
     add(kVersion);
     add(12 | kPrefix | kValues);
     index += key + '\0';
-    add(1);  // how many values, and the priority of the only one
+    add(1);  // the number of values, and the priority of the only one
     add(0);
     index += value + '\0';
     folder_.write(file, index);
@@ -56,7 +56,7 @@ class ModulesFolder {
   TemporaryFolder folder_;
 };
 
-TEST(KmodModulesTest, AModuleThatTheKernelDoesNotTakeIsRefusedWithTheReason) {
+TEST(KmodModulesTest, AModuleThatTheKernelRejectsIsRefusedWithTheReason) {
   ModulesFolder folder;
   folder.addFile("vantor_test_no_module", "this is no module");
   KmodModules modules = folder.modules();
@@ -65,7 +65,7 @@ TEST(KmodModulesTest, AModuleThatTheKernelDoesNotTakeIsRefusedWithTheReason) {
   ASSERT_FALSE(refused);
   EXPECT_THAT(refused.error().context, AllOf(HasSubstr("\"vantor_test_no_module\""),
                                              HasSubstr("the kernel does not load it")));
-  // No right to load any, none of that form, or no kernel that takes any.
+  // No permission to load modules, a bad format, or a kernel without module loading.
   EXPECT_THAT(refused.error().osError, testing::AnyOf(EPERM, ENOEXEC, ENOSYS));
   EXPECT_NE(describe(refused.error()).find(std::strerror(refused.error().osError)),
             std::string::npos)
@@ -73,7 +73,7 @@ TEST(KmodModulesTest, AModuleThatTheKernelDoesNotTakeIsRefusedWithTheReason) {
   EXPECT_FALSE(modules.isLoaded("vantor_test_no_module"));
 }
 
-TEST(KmodModulesTest, AModuleWhoseFileHasGoneIsNotFound) {
+TEST(KmodModulesTest, AModuleWhoseFileIsMissingIsNotFound) {
   ModulesFolder folder;
   folder.addFile("vantor_test_no_module", "");
   std::filesystem::remove(folder.path("kernel/vantor_test_no_module.ko"));
@@ -82,7 +82,7 @@ TEST(KmodModulesTest, AModuleWhoseFileHasGoneIsNotFound) {
   EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
 }
 
-TEST(KmodModulesTest, AModuleThatTheKernelWasBuiltWithIsLoadedAndStays) {
+TEST(KmodModulesTest, ABuiltInModuleIsLoadedAndStays) {
   ModulesFolder folder;
   folder.addBuiltIn("vantor_test_built_in");
   KmodModules modules = folder.modules();
@@ -94,7 +94,7 @@ TEST(KmodModulesTest, AModuleThatTheKernelWasBuiltWithIsLoadedAndStays) {
   EXPECT_THAT(refused.error().context, HasSubstr("it is built into the kernel"));
 }
 
-TEST(KmodModulesTest, AModuleThatRunsIsLoadedThoughItsFolderHasGone) {
+TEST(KmodModulesTest, ALoadedModuleIsFoundWithoutItsFolder) {
   std::string running;
   std::ifstream("/proc/modules") >> running;
   if (running.empty()) GTEST_SKIP() << "this kernel has no modules loaded";
@@ -104,7 +104,7 @@ TEST(KmodModulesTest, AModuleThatRunsIsLoadedThoughItsFolderHasGone) {
   EXPECT_TRUE(modules.load(running));
 }
 
-TEST(KmodModulesTest, AModuleThatNobodyHasIsNotFound) {
+TEST(KmodModulesTest, AnUnknownModuleIsNotFound) {
   KmodModules modules;
   const std::string name = "no_such_module_as_this";
   EXPECT_FALSE(modules.isLoaded(name));

@@ -29,7 +29,7 @@ timeval timevalOf(Duration duration) {
 ErrorCode codeOfControlError(int number) {
   switch (number) {
     case ENOENT:
-    case ECONNREFUSED:  // What a dead extension has left.
+    case ECONNREFUSED:  // A dead extension has left its socket.
       return ErrorCode::kNotFound;
     case EACCES:
     case EPERM:
@@ -49,7 +49,7 @@ class LinuxControlSocket final : public ControlSocket {
   Result<void> findControl(std::string_view name) override {
     path_ = folder_ + "/" + std::string(name);
     if (!isControlName(name)) return fail(ErrorCode::kInvalid, 0, "this is no control's name");
-    // Held from here on, so that it is this one that is connected to.
+    // From here on this very socket is held, and no other at the path.
     target_.reset(::open(path_.c_str(), O_PATH | O_CLOEXEC | O_NOFOLLOW));
     if (!target_) return fail(codeOfControlError(errno), errno, "the control");
     struct stat status{};
@@ -64,7 +64,7 @@ class LinuxControlSocket final : public ControlSocket {
     if (!target_) return fail(ErrorCode::kNotFound, 0, "no control has been found");
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    // Through a descriptor: an address holds 107 bytes.
+    // Connects through a descriptor, because an address holds only 107 bytes.
     fmt::format_to_n(address.sun_path, sizeof address.sun_path - 1, "/proc/self/fd/{}",
                      target_.get());
     const int connected = retryOnInterrupt([&] {
@@ -110,7 +110,7 @@ class LinuxControlSocket final : public ControlSocket {
     return std::unexpected(Error{code, number, path_ + ": " + what});
   }
 
-  // A late answer must not be taken for that of a later request.
+  // After a failure, a late answer must not be taken for the answer to a later request.
   std::unexpected<Error> giveUp(ErrorCode code, int number, const std::string& what) {
     isConnected_ = false;
     socket_.reset();
@@ -126,12 +126,12 @@ class LinuxControlSocket final : public ControlSocket {
     return giveUp(ErrorCode::kInvalid, 0, "an answer with bytes that nobody asked for");
   }
 
-  // How many bytes follow the head of the answer.
+  // Returns the number of bytes after the head of the answer.
   Result<std::size_t> ask(ControlOperation operation, std::uint32_t option,
                           std::span<const std::uint8_t> bytes, ControlAnswerBuffer& buffer) {
     if (!isConnected_) return fail(ErrorCode::kInvalid, ENOTCONN, "the control");
     ControlRequest request{static_cast<std::uint32_t>(operation), option};
-    // From where they are: another copy of a secret would have to be wiped.
+    // The bytes are sent from their place: another copy of a secret would have to be wiped.
     iovec parts[] = {{&request, sizeof request},
                      {const_cast<std::uint8_t*>(bytes.data()), bytes.size()}};
     msghdr message{};
@@ -173,7 +173,7 @@ LinuxKernelControls::LinuxKernelControls(const std::string& root, Duration timeo
 Result<std::unique_ptr<ControlSocket>> LinuxKernelControls::openControlSocket() {
   UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!socket) return std::unexpected(systemError("a control socket", ErrorCode::kExhausted));
-  // The kernel keeps the time, of connecting too: that waits where too many wait to be accepted.
+  // The kernel enforces the time-out, also for connect(), which blocks while the backlog is full.
   const timeval timeout = timevalOf(timeout_);
   for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
     if (::setsockopt(socket.get(), SOL_SOCKET, option, &timeout, sizeof timeout) != 0) {

@@ -12,7 +12,7 @@ namespace platform {
 // Controls as sockets in the platform root's folder for them.
 class LinuxKernelControls final : public KernelControls {
  public:
-  // How long connecting, and each option, may take.
+  // The limit for connecting, and for each request.
   static constexpr Duration kTimeout = std::chrono::seconds(1);
 
   explicit LinuxKernelControls(const std::string& root, Duration timeout = kTimeout);

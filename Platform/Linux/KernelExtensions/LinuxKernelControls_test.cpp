@@ -32,7 +32,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-// For whoever answers, on however slow a machine; and for what does not.
+// Long enough for answers on a slow machine; the short one is for peers that do not answer.
 constexpr Duration kTimeout = 60s;
 constexpr Duration kShortTimeout = 10ms;
 
@@ -110,7 +110,7 @@ class ControlServerTest : public testing::Test {
   }
   std::string socketPath() const { return controlFolder(root_.path()) + "/" + kName; }
 
-  // A client that writes what it likes.
+  // A client without the protocol's rules.
   UniqueFd rawClient() {
     UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
@@ -121,7 +121,7 @@ class ControlServerTest : public testing::Test {
         << std::strerror(errno);
     return socket;
   }
-  // Serves everything that is there to be served.
+  // Serves everything that is pending.
   void serve() {
     const auto later = loop_->startTimer(0s, RunLoop::Repeat::kOnce, [] {});
     for (int turn = 0; turn < 8; ++turn) {
@@ -129,7 +129,7 @@ class ControlServerTest : public testing::Test {
       loop_->run();
     }
   }
-  // What the server has answered: nothing where it has not, an empty packet where it has hung up.
+  // The server's answer: std::nullopt if there is none, an empty packet if it has hung up.
   static std::optional<std::vector<char>> answer(const UniqueFd& client) {
     std::vector<char> bytes(8192);
     const ssize_t size = ::recv(client.get(), bytes.data(), bytes.size(), 0);
@@ -143,7 +143,7 @@ class ControlServerTest : public testing::Test {
   KeepingHandler::Kept kept_;
 };
 
-TEST_F(ControlServerTest, TheFolderIsItsOwnersAlone) {
+TEST_F(ControlServerTest, OnlyTheOwnerCanEnterTheFolder) {
   const auto server = listen();
   ASSERT_TRUE(server);
   struct stat status{};
@@ -153,7 +153,7 @@ TEST_F(ControlServerTest, TheFolderIsItsOwnersAlone) {
   EXPECT_EQ(status.st_mode & 07777u, 0600u);
 }
 
-TEST_F(ControlServerTest, AFolderThatLetsOthersInIsNotUsed) {
+TEST_F(ControlServerTest, AFolderThatOthersCanEnterIsRefused) {
   std::filesystem::create_directories(controlFolder(root_.path()));
   for (const mode_t mode : {0777u, 0770u, 0750u, 0701u}) {
     ASSERT_EQ(::chmod(controlFolder(root_.path()).c_str(), mode), 0);
@@ -163,7 +163,7 @@ TEST_F(ControlServerTest, AFolderThatLetsOthersInIsNotUsed) {
   }
 }
 
-TEST_F(ControlServerTest, AFolderOfSomebodyElseIsNotUsed) {
+TEST_F(ControlServerTest, AFolderOfAnotherUserIsRefused) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
   std::filesystem::create_directories(controlFolder(root_.path()));
   ASSERT_EQ(::chmod(controlFolder(root_.path()).c_str(), 0700), 0);
@@ -171,7 +171,7 @@ TEST_F(ControlServerTest, AFolderOfSomebodyElseIsNotUsed) {
   EXPECT_FALSE(listen());
 }
 
-TEST_F(ControlServerTest, ANameIsOneServersAtATime) {
+TEST_F(ControlServerTest, ANameBelongsToOneServerAtATime) {
   auto first = listen();
   ASSERT_TRUE(first);
   const auto second = listen();
@@ -182,7 +182,7 @@ TEST_F(ControlServerTest, ANameIsOneServersAtATime) {
   EXPECT_TRUE(listen());
 }
 
-TEST_F(ControlServerTest, WhatADeadExtensionHasLeftIsReplaced) {
+TEST_F(ControlServerTest, TheSocketOfADeadExtensionIsReplaced) {
   std::filesystem::create_directories(controlFolder(root_.path()));
   ASSERT_EQ(::chmod(controlFolder(root_.path()).c_str(), 0700), 0);
   {
@@ -199,7 +199,7 @@ TEST_F(ControlServerTest, WhatADeadExtensionHasLeftIsReplaced) {
   EXPECT_TRUE(listen());
 }
 
-TEST_F(ControlServerTest, WhatIsNoRequestEndsItsClientAlone) {
+TEST_F(ControlServerTest, AMalformedRequestDisconnectsOnlyItsClient) {
   const auto server = listen();
   ASSERT_TRUE(server);
   const UniqueFd good = rawClient();
@@ -232,7 +232,7 @@ TEST_F(ControlServerTest, AnUnknownOperationIsRefused) {
   }
 }
 
-TEST_F(ControlServerTest, AClientTooManyWaitsUntilAnotherOneGoes) {
+TEST_F(ControlServerTest, AClientBeyondTheLimitWaits) {
   const auto server = listen();
   ASSERT_TRUE(server);
   std::vector<UniqueFd> clients;
@@ -256,7 +256,7 @@ TEST_F(ControlServerTest, AClientTooManyWaitsUntilAnotherOneGoes) {
   EXPECT_EQ((*server)->clients(), ControlServer::kMaxClients);
 }
 
-TEST_F(ControlServerTest, AClientThatTakesNoAnswerIsCutOffAndHoldsNobodyUp) {
+TEST_F(ControlServerTest, AClientThatReadsNoAnswerIsDisconnected) {
   const auto server = listen();
   ASSERT_TRUE(server);
   {
@@ -285,7 +285,7 @@ TEST(ControlPeerTest, OnlyRootAndTheOwnUserAreTrusted) {
   }
 }
 
-// Runs as another user, whose exit status this is.
+// Runs `call` as another user and returns its exit status.
 int asUser(uid_t user, const std::function<int()>& call) {
   const pid_t child = ::fork();
   if (child == 0) {
@@ -297,12 +297,12 @@ int asUser(uid_t user, const std::function<int()>& call) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 98;
 }
 
-// Even where the folder and the socket let them in, which they do not by themselves.
-TEST_F(ControlServerTest, AnotherUserIsCutOff) {
+// Refused even if folder and socket permit the access, which they normally don't.
+TEST_F(ControlServerTest, AnotherUserIsDisconnected) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   const auto server = listen();
   ASSERT_TRUE(server);
-  const UniqueFd waiting = rawClient();  // So that the server is known to serve.
+  const UniqueFd waiting = rawClient();  // Its answer shows that the server serves.
   const auto connects = [&] {
     const UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
@@ -323,7 +323,7 @@ TEST_F(ControlServerTest, AnotherUserIsCutOff) {
   EXPECT_EQ((*server)->clients(), 1u);
 }
 
-TEST_F(ControlServerTest, AnotherUsersControlIsNotTalkedTo) {
+TEST_F(ControlServerTest, TheControlOfAnotherUserIsNotUsed) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   std::filesystem::create_directories(controlFolder(root_.path()));
   for (std::string path = controlFolder(root_.path()); path.size() > 4;
@@ -365,8 +365,8 @@ TEST_F(ControlServerTest, AnotherUsersControlIsNotTalkedTo) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(ControlServerTest, ConnectingToOneThatAcceptsNobodyEndsInTime) {
-  const auto server = listen();  // Its loop is not run.
+TEST_F(ControlServerTest, ConnectingToAFullBacklogTimesOut) {
+  const auto server = listen();  // Its loop does not run.
   ASSERT_TRUE(server);
   LinuxKernelControls controls(root_.path(), kShortTimeout);
   std::vector<std::unique_ptr<ControlSocket>> waiting;
@@ -382,7 +382,7 @@ TEST_F(ControlServerTest, ConnectingToOneThatAcceptsNobodyEndsInTime) {
   ADD_FAILURE() << "the backlog has no end";
 }
 
-TEST_F(ControlServerTest, NothingIsLeftOpen) {
+TEST_F(ControlServerTest, NoDescriptorIsLeftOpen) {
   const std::size_t before = openDescriptors();
   {
     auto server = listen();

@@ -12,10 +12,10 @@ using namespace std::chrono_literals;
 
 constexpr char kIdent[] = "KextManager";
 constexpr auto kUnloadingPause = 20ms;
-// An extension that does not end by itself is killed: whoever unloads it waits meanwhile.
+// An extension that does not end by itself is killed, because the caller of unload() waits for it.
 constexpr std::int64_t kExitTimeOut = 1;
 
-// Of what runs, wherever its bundle may be by now.
+// Information on a running extension, wherever its bundle is by now.
 Dictionary jobInformationOf(const Value& job) {
   Dictionary information{{kOSBundleProcessKey, job["PID"].integer().value_or(0)}};
   if (const std::string* const program = job["Program"].string()) {
@@ -80,7 +80,7 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
     }
     const auto bundle = findKextBundle(identifier, folders_);
     if (bundle && bundle->kernelModule) {
-      // The kernel tells of a module, whatever the job host does.
+      // For a module the kernel has the answer, even if the job host does not respond.
       if (environment_.modules.isLoaded(*bundle->kernelModule))
         loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
     } else if (isJobUnknown(job)) {
@@ -101,7 +101,8 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   places.insert(places.end(), folders.begin(), folders.end());
   const auto bundle = findKextBundle(identifier, places);
   if (!bundle) return std::unexpected(bundle.error());
-  // What runs already was somebody else's to start, and stays if it does not answer.
+  // An extension that already runs was started by somebody else, and stays even if it does not
+  // answer.
   const auto loaded = isLoaded(*bundle);
   if (!loaded) return std::unexpected(loaded.error());
   if (*loaded) return awaitControl(identifier);
@@ -139,13 +140,13 @@ Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
 Result<bool> LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
   if (bundle.kernelModule) return environment_.modules.isLoaded(*bundle.kernelModule);
   const Value job = copyJob(bundle.identifier);
-  // What may run already is neither trusted unchecked nor started a second time.
+  // An extension that may be running is neither trusted unchecked nor started a second time.
   if (isJobUnknown(job)) return std::unexpected(unknownJob(bundle.identifier));
   return !job.isNil();
 }
 
 Result<void> LinuxKernelExtensions::checkSignature(const KextBundle& bundle) {
-  // A program is checked together with the bundle around it.
+  // The check of a program includes the bundle around it.
   const std::string& code = bundle.programPath.value_or(bundle.path);
   const auto refuse = [&](const CodeSigningFailure& failure) {
     return std::unexpected(

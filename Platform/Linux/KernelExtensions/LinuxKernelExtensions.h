@@ -19,18 +19,18 @@
 
 namespace platform {
 
-// Extensions as bundles on disk, run by the job host or loaded into the kernel. What fails is also
-// logged, as "KextManager": its callers tell people only that it failed.
+// Extensions as bundles on disk, run by the job host or loaded into the kernel. Failures are also
+// logged, as "KextManager", because its callers report only that loading failed.
 class LinuxKernelExtensions final : public KernelExtensions {
  public:
-  // A loaded extension's control is waited for this long.
+  // The limit of waiting for the control of a loaded extension.
   static constexpr Duration kControlWait = std::chrono::seconds(5);
-  // An extension is not started more often than this within any such time: one that never becomes
-  // usable would otherwise be unloaded and started again without end by whoever needs it.
+  // An extension is started at most this often per period. Otherwise a caller that needs an
+  // extension that never becomes usable would unload and start it without end.
   static constexpr std::size_t kMostStarts = 3;
   static constexpr Duration kStartsPeriod = std::chrono::minutes(1);
 
-  // What it stands on; all of it outlives this.
+  // The objects that it uses; all of them outlive this.
   struct Environment {
     RunLoop& loop;
     Jobs& jobs;
@@ -40,12 +40,12 @@ class LinuxKernelExtensions final : public KernelExtensions {
     SystemLog& log;
   };
 
-  // `folders` as findKextBundle() takes them.
+  // `folders` are those of findKextBundle().
   LinuxKernelExtensions(const Environment& environment, std::vector<std::string> folders);
 
-  // Where the extensions of the platform at `root` lie, and those of a program's own bundle.
+  // The folders of the extensions of the platform at `root`, and of a program's own bundle.
   static std::vector<std::string> folders(const std::string& root, const std::string& resourcePath);
-  // The label of a user-space extension's job: no service's.
+  // The label of a user-space extension's job. No service has such a label.
   static std::string jobLabel(const std::string& identifier) { return "kext." + identifier; }
 
   Result<std::string> KextManagerCreateURLForBundleIdentifier(
@@ -72,7 +72,7 @@ class LinuxKernelExtensions final : public KernelExtensions {
   const Environment environment_;
   const std::vector<std::string> folders_;
   RefusalLog failures_;
-  std::map<std::string, std::deque<Instant>> starts_;  // by identifier, those not long ago
+  std::map<std::string, std::deque<Instant>> starts_;  // the recent ones, by identifier
 };
 
 }  // namespace platform

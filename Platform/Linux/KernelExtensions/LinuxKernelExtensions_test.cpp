@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// A kernel with modules that a test describes.
+// A kernel with the modules that a test sets.
 class FakeKernelModules final : public KernelModules {
  public:
   bool isLoaded(const std::string& module) override { return loaded.contains(module); }
@@ -46,7 +46,7 @@ class FakeKernelModules final : public KernelModules {
   bool isInUse = false;
 };
 
-// Extensions in a folder, with everything below them a fake.
+// Extensions in a folder, on fakes only.
 class Machine final : public ExtensionsMachine {
  public:
   Machine() {
@@ -82,7 +82,7 @@ class Machine final : public ExtensionsMachine {
     install(identifier, "<key>OSKernelModule</key><string>" + module + "</string>");
     signatures.addValid(bundle(identifier), SecStaticCode::Kind::kBundle, identifier);
   }
-  // Whose control listens while the extension runs.
+  // Their controls listen while the extensions run.
   void offer(const std::string& identifier) {
     fakeControls.offer(
         identifier, [this] { return std::make_unique<KeepingHandler>(kept); },
@@ -134,7 +134,7 @@ class LinuxKernelExtensionsTest : public testing::Test {
   Machine machine_;
 };
 
-TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAJobThatIsKeptAlive) {
+TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAKeepAliveJob) {
   ASSERT_TRUE(machine_.load(kGood));
   const Value job =
       machine_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "kext." + std::string(kGood));
@@ -153,17 +153,17 @@ TEST_F(LinuxKernelExtensionsTest, TheSignatureIsCheckedBeforeAnythingRuns) {
   EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
 }
 
-TEST_F(LinuxKernelExtensionsTest, WhatWouldNotBeLoadedIsNotAuthenticAndTheReasonIsTold) {
+TEST_F(LinuxKernelExtensionsTest, AnUnloadableExtensionIsNotAuthenticForAReason) {
   machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
                                  {errSecCSSignatureFailed, "is not what was signed"});
   const auto refused = machine_.loader.OSKextAuthenticate(kGood);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
   EXPECT_THAT(refused.error().context, HasSubstr("is not what was signed (-67061)"));
-  EXPECT_EQ(machine_.sink.count("is not what was signed"), 0u);  // Nobody wanted it loaded.
+  EXPECT_EQ(machine_.sink.count("is not what was signed"), 0u);  // Nobody tried to load it.
 }
 
-TEST_F(LinuxKernelExtensionsTest, WhatRunsIsToldOfWhateverBecomesOfItsBundle) {
+TEST_F(LinuxKernelExtensionsTest, ARunningExtensionIsListedWithoutItsBundle) {
   ASSERT_TRUE(machine_.load(kGood));
   const Value process = Value(machine_.processOf(kGood).value());
   const auto expectTold = [&] {
@@ -180,7 +180,7 @@ TEST_F(LinuxKernelExtensionsTest, WhatRunsIsToldOfWhateverBecomesOfItsBundle) {
   EXPECT_TRUE(machine_.unload(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgain) {
+TEST_F(LinuxKernelExtensionsTest, ACrashedExtensionHasNoProcessUntilItsRestart) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 9});
   machine_.loop.runReady();
@@ -193,7 +193,7 @@ TEST_F(LinuxKernelExtensionsTest, OneThatCrashedHasNoProcessUntilItIsStartedAgai
   EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsUnknown) {
+TEST_F(LinuxKernelExtensionsTest, WithoutAnAnswerOfTheJobHostTheStateIsUnknown) {
   const auto information = [&] {
     return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood];
   };
@@ -208,7 +208,7 @@ TEST_F(LinuxKernelExtensionsTest, OneThatTheJobHostCannotTellOfIsUnknown) {
   EXPECT_TRUE(isKextUnknown(information()));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OfAModuleTheKernelTellsWithoutTheJobHost) {
+TEST_F(LinuxKernelExtensionsTest, AModulesStateComesFromTheKernelAlone) {
   constexpr char kModule[] = "com.example.module";
   machine_.installModule(kModule, "example_module");
   machine_.fakeControls.offer(kModule,
@@ -222,7 +222,7 @@ TEST_F(LinuxKernelExtensionsTest, OfAModuleTheKernelTellsWithoutTheJobHost) {
             Value(machine_.bundle(kModule)));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {
+TEST_F(LinuxKernelExtensionsTest, AnIdentifierThatTwoBundlesClaimIsNotLoaded) {
   const std::string other = machine_.folder.path("Library/Extensions/A.kext");
   std::filesystem::copy(machine_.bundle(kGood), other, std::filesystem::copy_options::recursive);
   expectRefused(machine_.load(kGood), ErrorCode::kInvalid, "both claim to be it");
@@ -232,7 +232,7 @@ TEST_F(LinuxKernelExtensionsTest, OneThatTwoBundlesClaimToBeIsNotLoaded) {
   EXPECT_TRUE(machine_.load(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsWaitedForFiveSeconds) {
+TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsAwaitedForFiveSeconds) {
   const Instant before = machine_.loop.now();
   machine_.listens = false;
   machine_.loop.scheduleOutsideEvent(4999ms, [&] { machine_.listens = true; });
@@ -240,7 +240,7 @@ TEST_F(LinuxKernelExtensionsTest, ANewExtensionsControlIsWaitedForFiveSeconds) {
   EXPECT_LT(machine_.loop.now() - before, 5100ms);
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatListensTooLateIsEndedAgain) {
+TEST_F(LinuxKernelExtensionsTest, AnExtensionThatListensTooLateIsEnded) {
   machine_.listens = false;
   machine_.loop.scheduleOutsideEvent(5100ms, [&] { machine_.listens = true; });
   const auto refused = machine_.load(kGood);
@@ -248,28 +248,28 @@ TEST_F(LinuxKernelExtensionsTest, OneThatListensTooLateIsEndedAgain) {
   EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatRunsAndDoesNotListenFailsAndIsLeftAlone) {
+TEST_F(LinuxKernelExtensionsTest, ARunningExtensionThatDoesNotListenIsLeftRunning) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.listens = false;
   const Instant before = machine_.loop.now();
   EXPECT_FALSE(machine_.load(kGood));
   EXPECT_GE(machine_.loop.now() - before, 5s);
   EXPECT_TRUE(machine_.processOf(kGood));
-  EXPECT_TRUE(machine_.unload(kGood));  // By force, since it can't be asked.
+  EXPECT_TRUE(machine_.unload(kGood));  // By force, because it does not answer.
   EXPECT_FALSE(machine_.processOf(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatHangsIsUnloadedByForce) {
+TEST_F(LinuxKernelExtensionsTest, AHungExtensionIsUnloadedByForce) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.fakeControls.setHanging(kGood, true);
   machine_.jobs.ignoreTermination("kext." + std::string(kGood));
   const Instant before = machine_.loop.now();
   EXPECT_TRUE(machine_.unload(kGood));
-  EXPECT_LE(machine_.loop.now() - before, 2s + 100ms);  // Its answer, and its end.
+  EXPECT_LE(machine_.loop.now() - before, 2s + 100ms);  // Its time-outs for the answer and the end.
   EXPECT_FALSE(machine_.processOf(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, OneThatCrashesIsStartedAgainByTheHost) {
+TEST_F(LinuxKernelExtensionsTest, ACrashedExtensionIsRestartedByTheHost) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.loop.advanceBy(10s);
   machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kSignalled, 11});
@@ -278,7 +278,7 @@ TEST_F(LinuxKernelExtensionsTest, OneThatCrashesIsStartedAgainByTheHost) {
   EXPECT_TRUE(machine_.load(kGood));
 }
 
-// Whoever needs one that never becomes usable unloads and loads it again and again.
+// Its user unloads and loads an extension that never becomes usable again and again.
 TEST_F(LinuxKernelExtensionsTest, NoExtensionIsStartedMoreThanThreeTimesAMinute) {
   for (int i = 0; i < 3; ++i) {
     ASSERT_TRUE(machine_.load(kGood)) << i;
@@ -289,23 +289,23 @@ TEST_F(LinuxKernelExtensionsTest, NoExtensionIsStartedMoreThanThreeTimesAMinute)
                 "was started 3 times within a minute; not again within 57 s");
   EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
   machine_.offer(kSilent);
-  EXPECT_TRUE(machine_.load(kSilent));  // Another one's starts are its own.
+  EXPECT_TRUE(machine_.load(kSilent));  // Each extension has its own count.
   machine_.loop.advanceBy(57s - 1ns);
   EXPECT_FALSE(machine_.load(kGood));
   machine_.loop.advanceBy(1ns);
   EXPECT_TRUE(machine_.load(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, AnExtensionThatIsLoadedCountsAsNoStart) {
+TEST_F(LinuxKernelExtensionsTest, LoadingALoadedExtensionIsNoStart) {
   for (int i = 0; i < 10; ++i) EXPECT_TRUE(machine_.load(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, AHostThatStartsNothingIsTheReason) {
+TEST_F(LinuxKernelExtensionsTest, AHostThatStartsNothingIsReportedAsTheReason) {
   machine_.jobs.setUnstartable(machine_.program(kGood), "no such interpreter");
   expectRefused(machine_.load(kGood), ErrorCode::kSystem, "no such interpreter");
 }
 
-TEST_F(LinuxKernelExtensionsTest, AHostThatDoesNotAnswerLeavesAllAsItIs) {
+TEST_F(LinuxKernelExtensionsTest, AHungHostChangesNothing) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.jobs.setReachable(false);
   expectRefused(machine_.load(kGood), ErrorCode::kSystem, "the job host does not tell");
@@ -353,21 +353,21 @@ TEST_F(LinuxKernelExtensionsTest, AModulesBundleIsCheckedFirst) {
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
 }
 
-TEST_F(LinuxKernelExtensionsTest, AKernelThatTakesNoModulesIsTheReason) {
+TEST_F(LinuxKernelExtensionsTest, AKernelThatLoadsNoModulesIsReportedAsTheReason) {
   machine_.installModule("com.example.module", "example_module");
   machine_.modules.refusal = Error{ErrorCode::kDenied, EPERM, "the kernel does not load it"};
   expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied,
                 "the kernel does not load it");
 }
 
-// Otherwise its user would connect and load in turn for ever.
+// Otherwise its user would connect and load in turns without end.
 TEST_F(LinuxKernelExtensionsTest, AModuleWithoutAControlIsUnloadedAgain) {
   machine_.installModule("com.example.module", "example_module");
   EXPECT_FALSE(machine_.load("com.example.module"));
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
 }
 
-TEST_F(LinuxKernelExtensionsTest, ResourcesAndFoldersOfTheCallerAreLookedIntoToo) {
+TEST_F(LinuxKernelExtensionsTest, ResourcesAndTheCallersFoldersAreSearchedToo) {
   const auto move = [&](const std::string& to) {
     std::filesystem::create_directories(std::filesystem::path(to).parent_path());
     std::filesystem::rename(machine_.bundle(kGood), to);

@@ -10,7 +10,7 @@ BlockedSignal::BlockedSignal(int signal) noexcept {
   ::sigemptyset(&signal_);
   ::sigaddset(&signal_, signal);
   ::pthread_sigmask(SIG_BLOCK, &signal_, &before_);
-  // A signal that was not blocked can't have waited for this thread.
+  // Only a blocked signal can have been pending for this thread.
   if (::sigismember(&before_, signal) == 1) {
     sigset_t pending;
     ::sigpending(&pending);

@@ -4,9 +4,8 @@
 
 namespace platform {
 
-// While it lives, a signal that a system call of this thread raises (SIGPIPE, SIGXFSZ) stays
-// without effect, and the call fails with its errno instead, whatever the process does with that
-// signal otherwise.
+// While it lives, a signal that a system call of this thread raises (SIGPIPE, SIGXFSZ) has no
+// effect, whatever its action is. The call fails with its errno instead.
 class BlockedSignal {
  public:
   explicit BlockedSignal(int signal) noexcept;
@@ -14,13 +13,13 @@ class BlockedSignal {
   BlockedSignal& operator=(const BlockedSignal&) = delete;
   ~BlockedSignal();
 
-  // To be called when the system call failed with the errno that goes with the signal.
+  // Call it after the system call has failed with the errno that belongs to the signal.
   void discard() noexcept;
 
  private:
   sigset_t signal_;
   sigset_t before_;
-  // One that waited already is somebody else's and stays.
+  // A signal that was pending before is not ours and stays pending.
   bool wasPending_ = false;
 };
 

@@ -52,12 +52,12 @@ Result<void> FileLogSink::write(const LogRecord& record) {
   return writeLine();
 }
 
-// Looks at the name before every line: that is how a rotation by anybody is noticed at once.
+// Checks the name before every line, so that a rotation by any process is noticed at once.
 Result<void> FileLogSink::openCurrent() {
   const auto named = LogFileStatus::ofName(path_);
   if (!named && errno != ENOENT) return std::unexpected(systemError("stat " + path_));
   if (!named) return open();
-  // Before it is opened, since to open a device can have an effect.
+  // Checked before the file is opened, because opening a device can have an effect.
   if (!named->isRegular) return notRegular(path_);
   if (!file_ || !named->isSameFileAs(current_)) return open();
   current_ = *named;
@@ -92,7 +92,7 @@ Result<void> FileLogSink::rotateIfFull(std::size_t added) {
   rotateLogFile(path_, current_, limits_.kept);
   const LogFileStatus before = current_;
   if (auto opened = openCurrent(); !opened) return opened;
-  // Where it can't be rotated, trying again for every line would double what a line costs.
+  // If the rotation fails, retrying it at every line would double the cost of a line.
   if (before.isSameFileAs(current_)) rotateAbove_ = size + limits_.bytes / 16;
   return {};
 }
@@ -146,10 +146,10 @@ Result<void> FileLogSink::writeLine() {
   return {};
 }
 
-// Whether the file ends in the middle of a line that nobody is going to complete: a full disk or a
-// killed process left it. To be asked only where others have written, so it mostly costs nothing.
+// Whether the file ends in an incomplete line, which a full disk or a killed process has left. Call
+// it only if others have written, so it usually costs nothing.
 bool FileLogSink::endsInTornLine() const {
-  // A process may be in the middle of a write of several pages: then the size is still moving.
+  // Another process may be writing several pages; then the size still changes.
   constexpr int kLooks = 4;
   std::uint64_t size = current_.size;
   for (int look = 0; look < kLooks && size != 0 && size != expectedSize_; ++look) {

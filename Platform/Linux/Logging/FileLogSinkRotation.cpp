@@ -36,10 +36,10 @@ std::optional<LogFileStatus> LogFileStatus::ofDescriptor(int descriptor) {
   return status(descriptor, "", AT_EMPTY_PATH);
 }
 
-// The lock is on the file that is to be renamed, through an opening of its own (a forked process
-// shares the lock of a shared opening). While it is held the name still stands for that file, so
-// nobody else can have begun a next rotation; once the file has been renamed, whoever waits with
-// the same idea finds another file under the name.
+// Locks the file that is to be renamed, through a new open file description (a forked process
+// shares the locks of an old one). While the lock is held, the name still refers to that file, so
+// nobody else can have started the next rotation. After the rename, a process that waited for the
+// same rotation finds another file under the name.
 void rotateLogFile(const std::string& path, const LogFileStatus& expected, unsigned kept) {
   const UniqueFd file(
       ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
@@ -49,14 +49,14 @@ void rotateLogFile(const std::string& path, const LogFileStatus& expected, unsig
   const auto named = LogFileStatus::ofName(path);
   if (!named || !named->isSameFileAs(expected)) return;
 
-  // Only as far as to the first free number, so that a gap costs no old file.
+  // Files move only up to the first free number, so a gap saves the oldest file.
   unsigned last = 1;
   while (last < kept && ::access(rotatedName(path, last).c_str(), F_OK) == 0) ++last;
   for (unsigned number = last; number > 1; --number)
     ::rename(rotatedName(path, number - 1).c_str(), rotatedName(path, number).c_str());
   if (kept == 1) ::unlink(rotatedName(path, 1).c_str());
-  // A file that somebody has put there meanwhile is not ours to lose, where the file system can
-  // say.
+  // A file that somebody has put there meanwhile must not be lost, if the file system supports
+  // RENAME_NOREPLACE.
   const std::string first = rotatedName(path, 1);
   if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, first.c_str(), RENAME_NOREPLACE) != 0 &&
       errno == EINVAL)

@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// What a log file needs to be known of. Times are left out on purpose: once somebody has asked for
-// them the system keeps them finer, and the next write to the file costs half as much again.
+// The identity and size of a log file. Times are left out on purpose: once a process has asked for
+// them, the system records them more finely, and the next write costs half as much again.
 struct LogFileStatus {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -18,15 +18,15 @@ struct LogFileStatus {
     return device == other.device && inode == other.inode;
   }
 
-  // Nothing, and errno says why, when it can't be had. A symbolic link is not followed.
+  // std::nullopt, with errno set, if the status can't be read. A symbolic link is not followed.
   static std::optional<LogFileStatus> ofName(const std::string& path);
   static std::optional<LogFileStatus> ofDescriptor(int descriptor);
 };
 
-// Renames the log file at `path` to PATH.1 and what is in its way to the next number, up to `kept`;
-// what has that number goes. Does nothing when the file there is not `expected` any more or another
-// process is at it: so a file is rotated once however many processes find it full. Neither waits
-// nor reports: who calls looks at `path` again.
+// Renames the log file at `path` to PATH.1, and older files to the next number, up to `kept`; the
+// file with that number is removed. Does nothing if the file at `path` is not `expected` any more
+// or another process is rotating it, so a file is rotated once even if many processes find it full.
+// Neither blocks nor reports failures: the caller checks `path` again.
 void rotateLogFile(const std::string& path, const LogFileStatus& expected, unsigned kept);
 
 }  // namespace platform

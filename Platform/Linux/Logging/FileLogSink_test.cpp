@@ -37,7 +37,7 @@ std::string contentsOf(const std::string& path) {
   return contents.str();
 }
 
-// The lines of a file; one without its line break is marked.
+// The lines of a file; a line without a line break is marked.
 std::vector<std::string> linesOf(const std::string& path) {
   std::vector<std::string> lines;
   std::istringstream contents(contentsOf(path));
@@ -54,7 +54,7 @@ LogRecord record(std::string_view text) {
 
 class FileLogSinkTest : public testing::Test {
  protected:
-  // The text of each line of the file called `name`.
+  // The text of each line of the file `name`.
   std::vector<std::string> textsOf(std::string_view name) const {
     std::vector<std::string> texts;
     for (const std::string& line : linesOf(folder_.path(name))) {
@@ -92,12 +92,12 @@ TEST_F(FileLogSinkTest, AMissingFileAndItsFolderAreMade) {
   EXPECT_EQ(attributes.st_mode, static_cast<mode_t>(S_IFDIR | 0755));
 }
 
-TEST_F(FileLogSinkTest, AFolderThatCantBeMadeRefuses) {
+TEST_F(FileLogSinkTest, WithoutAFolderTheSinkRefuses) {
   FileLogSink sink(folder_.path("missing/log/system.log"));
   EXPECT_FALSE(sink.write(record("text")));
 }
 
-TEST_F(FileLogSinkTest, WhatIsThereIsKept) {
+TEST_F(FileLogSinkTest, ExistingLinesAreKept) {
   std::ofstream(path_) << "older\n";
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("newer")));
@@ -110,7 +110,7 @@ TEST_F(FileLogSinkTest, OnlyARegularFileIsWritten) {
   FileLogSink sink(path_);
   ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
   EXPECT_EQ(sink.write(record("text")).error().code, ErrorCode::kDenied);
-  // Also with a reader, where an opening would succeed.
+  // Also with a reader, because then open() would succeed.
   const UniqueFd reader(::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   EXPECT_EQ(sink.write(record("text")).error().code, ErrorCode::kDenied);
   std::filesystem::remove(path_);
@@ -125,7 +125,7 @@ TEST_F(FileLogSinkTest, OnlyARegularFileIsWritten) {
   EXPECT_TRUE(sink.write(record("text")));
 }
 
-TEST_F(FileLogSinkTest, AFileThatBecameALinkIsNotWrittenAnyMore) {
+TEST_F(FileLogSinkTest, AFileThatBecameALinkIsNotWritten) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("text")));
   std::filesystem::rename(path_, folder_.path("moved"));
@@ -134,7 +134,7 @@ TEST_F(FileLogSinkTest, AFileThatBecameALinkIsNotWrittenAnyMore) {
   EXPECT_THAT(linesOf(folder_.path("moved")), SizeIs(1));
 }
 
-TEST_F(FileLogSinkTest, TheFileStaysOutOfStartedPrograms) {
+TEST_F(FileLogSinkTest, StartedProgramsDoNotInheritTheFile) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("text")));
   int found = 0;
@@ -147,7 +147,7 @@ TEST_F(FileLogSinkTest, TheFileStaysOutOfStartedPrograms) {
   EXPECT_EQ(found, 1);
 }
 
-TEST_F(FileLogSinkTest, ARenameBySomebodyElseIsNoticedAtTheNextLine) {
+TEST_F(FileLogSinkTest, ARenameByAnotherProcessIsNoticedAtTheNextLine) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("first")));
   std::filesystem::rename(path_, folder_.path("system.log.old"));
@@ -156,7 +156,7 @@ TEST_F(FileLogSinkTest, ARenameBySomebodyElseIsNoticedAtTheNextLine) {
   EXPECT_THAT(textsOf("system.log"), ElementsAre("second"));
 }
 
-TEST_F(FileLogSinkTest, ARotationBySomebodyElseWhoMakesTheNewFileIsNoticed) {
+TEST_F(FileLogSinkTest, ARotationByAnotherProcessIsNoticed) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("first")));
   std::filesystem::rename(path_, folder_.path("system.log.old"));
@@ -165,7 +165,7 @@ TEST_F(FileLogSinkTest, ARotationBySomebodyElseWhoMakesTheNewFileIsNoticed) {
   EXPECT_THAT(textsOf("system.log"), ElementsAre("second"));
 }
 
-TEST_F(FileLogSinkTest, ARemovedOrEmptiedFileIsBegunAgain) {
+TEST_F(FileLogSinkTest, ARemovedOrEmptiedFileIsStartedAgain) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("first")));
   std::filesystem::remove(path_);
@@ -195,7 +195,7 @@ TEST_F(FileLogSinkTest, AFullFileIsRotatedBeforeTheLineThatWouldExceedIt) {
   EXPECT_THAT(textsOf("larger.log.1"), ElementsAre("1"));
 }
 
-TEST_F(FileLogSinkTest, ALineLongerThanAFileHasOneOfItsOwn) {
+TEST_F(FileLogSinkTest, ALineLongerThanAFileHasItsOwnFile) {
   FileLogSink sink(path_, {.bytes = 10, .kept = 5});
   for (const char* text : {"1", "2"}) ASSERT_TRUE(sink.write(record(text)));
   EXPECT_THAT(textsOf("system.log.1"), ElementsAre("1"));
@@ -203,7 +203,7 @@ TEST_F(FileLogSinkTest, ALineLongerThanAFileHasOneOfItsOwn) {
   EXPECT_FALSE(std::filesystem::exists(folder_.path("system.log.2")));
 }
 
-TEST_F(FileLogSinkTest, SoManyOlderFilesAreKeptAndNotOneMore) {
+TEST_F(FileLogSinkTest, TheNumberOfOlderFilesIsLimited) {
   for (const unsigned kept : {1U, 3U}) {
     const std::string name = "kept" + std::to_string(kept);
     FileLogSink sink(folder_.path(name), {.bytes = 1, .kept = kept});
@@ -216,7 +216,7 @@ TEST_F(FileLogSinkTest, SoManyOlderFilesAreKeptAndNotOneMore) {
   }
 }
 
-TEST_F(FileLogSinkTest, AGapAmongTheOlderFilesCostsNone) {
+TEST_F(FileLogSinkTest, AGapAmongTheOlderFilesSavesTheOldest) {
   FileLogSink sink(path_, {.bytes = 1, .kept = 3});
   for (int i = 0; i < 4; ++i) ASSERT_TRUE(sink.write(record(std::to_string(i))));
   std::filesystem::remove(folder_.path("system.log.2"));
@@ -226,7 +226,8 @@ TEST_F(FileLogSinkTest, AGapAmongTheOlderFilesCostsNone) {
   EXPECT_THAT(textsOf("system.log.3"), ElementsAre("0"));
 }
 
-// Whoever holds the lock is at the rotation; we go on meanwhile, and neither wait nor lose a line.
+// Another process holds the lock during its rotation; we continue without blocking or losing a
+// line.
 TEST_F(FileLogSinkTest, WhileAnotherProcessRotatesTheFileGrows) {
   FileLogSink sink(path_, {.bytes = 1, .kept = 3});
   ASSERT_TRUE(sink.write(record("1")));
@@ -240,7 +241,7 @@ TEST_F(FileLogSinkTest, WhileAnotherProcessRotatesTheFileGrows) {
   EXPECT_THAT(textsOf("system.log"), ElementsAre("3"));
 }
 
-TEST_F(FileLogSinkTest, WhereRotatingFailsTheFileGrows) {
+TEST_F(FileLogSinkTest, IfRotatingFailsTheFileGrows) {
   FileLogSink sink(path_, {.bytes = 1, .kept = 1});
   std::filesystem::create_directories(folder_.path("system.log.1/in the way"));
   for (const char* text : {"1", "2", "3"}) ASSERT_TRUE(sink.write(record(text)));
@@ -287,20 +288,20 @@ TEST_F(FileLogSinkTest, TwoProcessesRotatingAtOnceLoseAndTearNoLine) {
   }
   EXPECT_EQ(count, kProcesses * kLines);
   for (const auto& lines : seen) EXPECT_THAT(lines, testing::Each(true));
-  // Each file was rotated once: all but the current one are full to within one line and what the
-  // processes wrote while one of them was at it.
+  // Each file was rotated once: all but the current one are full, except for one line and the lines
+  // written during a rotation.
   std::size_t full = 0;
   for (const auto& file : files)
     full += std::filesystem::file_size(folder_.path(file.string())) > 3900 ? 1 : 0;
   EXPECT_GE(full + 1, files.size());
 }
 
-TEST_F(FileLogSinkTest, AFullDiskRefusesAndDoesNotKill) {
+TEST_F(FileLogSinkTest, AFullDiskRefusesWithoutASignal) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("first")));
   {
     const FileSizeLimit limit(std::filesystem::file_size(path_));
-    // SIGXFSZ has its default action here, which is to end the process.
+    // SIGXFSZ has its default action here, which ends the process.
     const auto refused = sink.write(record("lost"));
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
@@ -312,7 +313,7 @@ TEST_F(FileLogSinkTest, AFullDiskRefusesAndDoesNotKill) {
   EXPECT_THAT(textsOf("system.log"), ElementsAre("first", "second"));
 }
 
-TEST_F(FileLogSinkTest, ALineOfWhichAPartFittedIsLostAndHarmsNoOther) {
+TEST_F(FileLogSinkTest, APartialLineIsLostButDamagesNoOther) {
   FileLogSink sink(path_);
   SystemLog log(sink, "program");
   log.asl_log(nullptr, ASL_LEVEL_INFO, "first");
@@ -330,7 +331,7 @@ TEST_F(FileLogSinkTest, ALineOfWhichAPartFittedIsLostAndHarmsNoOther) {
   EXPECT_THAT(lines[3], EndsWith("> second"));
 }
 
-TEST_F(FileLogSinkTest, ATornLineOfAnotherProcessIsEndedToo) {
+TEST_F(FileLogSinkTest, AnotherProcessesTornLineIsEndedToo) {
   FileLogSink sink(path_);
   ASSERT_TRUE(sink.write(record("first")));
   std::ofstream(path_, std::ios::app) << "2026-01-02T03:0";

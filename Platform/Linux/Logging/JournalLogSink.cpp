@@ -11,7 +11,7 @@
 namespace platform {
 namespace {
 
-// What the journal insists on before it reads a memory file that somebody else made.
+// The seals that the journal requires of another process's memory file.
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 
 void appendField(std::string& entry, std::string_view name, std::string_view value) {
@@ -19,7 +19,7 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
   if (!value.contains('\n')) {
     entry += '=';
   } else {
-    // A line break would end the value and let its rest pass for fields.
+    // A line break would end the value, and the rest would be read as fields.
     entry += '\n';
     const std::uint64_t size = value.size();
     for (unsigned shift = 0; shift < 64; shift += 8) entry += static_cast<char>(size >> shift);

@@ -11,11 +11,11 @@ namespace platform {
 inline constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 
 // Messages in the journal's native protocol, one datagram each: MESSAGE, PRIORITY,
-// SYSLOG_IDENTIFIER, SYSLOG_FACILITY (3, daemon) and VANTOR_FACILITY, the named facility. One that
-// is too large for a datagram travels as a sealed memory file.
+// SYSLOG_IDENTIFIER, SYSLOG_FACILITY (3, daemon) and VANTOR_FACILITY, the named facility. A message
+// that is too large for a datagram is sent as a sealed memory file.
 class JournalLogSink final : public LogSink {
  public:
-  // The journal need not be there yet. Fails only when the system has no descriptor left.
+  // The journal need not be running yet. Fails only if the system has no descriptor left.
   static Result<std::unique_ptr<JournalLogSink>> make(std::string socketPath = kJournalSocket);
 
   Result<void> write(const LogRecord& record) override;

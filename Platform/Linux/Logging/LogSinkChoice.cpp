@@ -12,7 +12,7 @@ namespace {
 
 using Choice = PlatformConfiguration::LogSink;
 
-// A socket that its owner left behind lies there too, so look whether somebody is bound to it.
+// A dead owner may have left the socket, so check whether a process is bound to it.
 bool somebodyListens(const std::string& path) {
   const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) return false;

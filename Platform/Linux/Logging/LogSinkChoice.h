@@ -10,23 +10,23 @@
 
 namespace platform {
 
-// The system's own sockets, which lie outside the platform root.
+// The system's own sockets, which are outside the platform root.
 struct LogSockets {
   std::string journal = kJournalSocket;
   std::string syslog = kSyslogSocket;
 };
 
-// Where the platform at `root` logs to when its configuration does not say: for a root other than
-// "/" the file, so that an installation in a folder leaves the system's log alone; else the journal
-// where one listens, else the classic system log where one listens, else the file.
+// The default log sink of the platform at `root`. For a root other than "/" it is the file, so that
+// an installation in a folder does not write to the system's log. Otherwise it is the journal if
+// one listens, else the classic system log if one listens, else the file.
 PlatformConfiguration::LogSink chooseLogSink(const std::string& root,
                                              const LogSockets& sockets = {});
 
 // The log file of the platform at `root`: log/system.log below it.
 std::string logFile(const std::string& root);
 
-// That sink; the file is logFile(). Its receiver need not be there. Fails only
-// when the system has no descriptor left.
+// Makes that sink; the file is logFile(). Its receiver need not be running. Fails only if the
+// system has no descriptor left.
 Result<std::unique_ptr<LogSink>> makeLogSink(const std::string& root,
                                              PlatformConfiguration::LogSink choice,
                                              const LogSockets& sockets = {});

@@ -36,7 +36,7 @@ TEST_F(LogSinkChoiceTest, TheJournalComesBeforeTheClassicLogBeforeTheFile) {
   EXPECT_EQ(chosen("/"), Choice::kJournal);
 }
 
-TEST_F(LogSinkChoiceTest, ASocketThatNobodyListensToDoesNotCount) {
+TEST_F(LogSinkChoiceTest, ASocketWithoutAListenerDoesNotCount) {
   {
     LogReceiver killed(sockets_.journal);
   }
@@ -44,7 +44,7 @@ TEST_F(LogSinkChoiceTest, ASocketThatNobodyListensToDoesNotCount) {
   EXPECT_EQ(chosen("/"), Choice::kSyslog);
 }
 
-TEST_F(LogSinkChoiceTest, AnotherRootHasItsFileWhoeverListens) {
+TEST_F(LogSinkChoiceTest, AnotherRootAlwaysHasItsFile) {
   LogReceiver journal(sockets_.journal);
   EXPECT_EQ(chosen(folder_.path("root")), Choice::kFile);
 }
@@ -58,7 +58,7 @@ TEST_F(LogSinkChoiceTest, TheFileLiesBelowTheRoot) {
   EXPECT_TRUE(std::filesystem::is_regular_file(root + "/log/system.log"));
 }
 
-TEST_F(LogSinkChoiceTest, AChoiceHoldsAlsoWhileItsReceiverIsMissing) {
+TEST_F(LogSinkChoiceTest, AChoiceHoldsWhileItsReceiverIsMissing) {
   EXPECT_TRUE(makes<JournalLogSink>(Choice::kJournal));
   EXPECT_TRUE(makes<SyslogLogSink>(Choice::kSyslog));
   LogReceiver journal(sockets_.journal);

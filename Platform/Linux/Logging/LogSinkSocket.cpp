@@ -87,8 +87,8 @@ Result<void> LogSinkSocket::sendDescriptor(int descriptor) const {
   return sendMessage(message);
 }
 
-// The socket is never connected: a connection would go on holding a receiver that has been replaced
-// by another one under the same path.
+// The socket is never connected: a connection would keep a receiver that another one has replaced
+// under the same path.
 Result<void> LogSinkSocket::sendMessage(msghdr& message) const {
   auto address = LogSinkAddress::make(path_);
   if (!address) return std::unexpected(std::move(address.error()));

@@ -11,12 +11,12 @@
 
 namespace platform {
 
-// The address of a socket's path, which may be longer than an address can hold: then its folder is
-// kept open and the address goes through it. Valid as long as this.
+// The address of a socket's path, which may be longer than an address: then its folder is kept open
+// and the address refers to it. Valid as long as this object.
 class LogSinkAddress {
  public:
-  // kNotFound when the folder of a long path is missing, kInvalid when even the name alone is too
-  // long.
+  // Fails with kNotFound if the folder of a long path is missing, and with kInvalid if the name
+  // alone is too long.
   static Result<LogSinkAddress> make(const std::string& path);
 
   const sockaddr_un& address() const { return address_; }
@@ -28,15 +28,16 @@ class LogSinkAddress {
   sockaddr_un address_{};
 };
 
-// Sends datagrams to whoever is bound to a path at that moment. Never waits, raises no signal. Any
-// thread may use it.
+// Sends datagrams to the process that is bound to a path at that moment. Never blocks and raises no
+// signal. Any thread may use it.
 class LogSinkSocket {
  public:
-  // Fails only when the system has no descriptor left.
+  // Fails only if the system has no descriptor left.
   static Result<LogSinkSocket> open(std::string path);
 
-  // Sends `bytes` whole or not at all. Fails with kExhausted when the receiver has no room or the
-  // datagram is too large (osError EMSGSIZE), with kNotFound when nobody is there.
+  // Sends `bytes` as one datagram or fails. Fails with kExhausted if the receiver has no room or
+  // the datagram is too large (osError EMSGSIZE), and with kNotFound if no process is bound to the
+  // path.
   Result<void> send(std::string_view bytes) const;
 
   // Sends an empty datagram with a descriptor.

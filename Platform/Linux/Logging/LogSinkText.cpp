@@ -9,7 +9,7 @@
 namespace platform {
 namespace {
 
-// Characters beyond ASCII that end a line, or direct a terminal, for some readers.
+// Characters beyond ASCII that some readers treat as line ends or terminal controls.
 bool isHarmful(std::int32_t character) {
   return (character >= 0x80 && character < 0xA0) || character == 0x2028 || character == 0x2029;
 }

@@ -19,7 +19,7 @@ std::string escaped(std::string_view text, std::string_view reserved = {}) {
   return line;
 }
 
-TEST(LogSinkTextTest, OnlyWhatCouldHarmALineIsEscaped) {
+TEST(LogSinkTextTest, OnlyHarmfulCharactersAreEscaped) {
   const std::vector<std::pair<std::string, std::string>> cases{
       {"", ""},
       {"plain 100% \"text\" ~", "plain 100% \"text\" ~"},
@@ -58,7 +58,7 @@ TEST(LogSinkTextTest, ReservedCharactersAreEscapedToo) {
   EXPECT_EQ(escaped("a b[c]", " ["), "a\\x20b\\x5bc]");
 }
 
-TEST(LogSinkTextTest, EveryPairOfBytesComesBack) {
+TEST(LogSinkTextTest, EveryPairOfBytesCanBeRecovered) {
   for (int first = 0; first < 256; ++first) {
     for (int second = 0; second < 256; ++second) {
       const std::string text{static_cast<char>(first), static_cast<char>(second)};

@@ -1,4 +1,4 @@
-// The contract of log sinks, held by the three that the system log can end in.
+// The contract of log sinks for the three sinks of the system log.
 
 #include <algorithm>
 #include <filesystem>

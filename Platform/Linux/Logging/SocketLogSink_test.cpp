@@ -38,7 +38,7 @@ Result<std::unique_ptr<LogSink>> makeSyslog(std::string path) {
 INSTANTIATE_TEST_SUITE_P(Journal, SocketLogSinkTest, testing::Values(&makeJournal));
 INSTANTIATE_TEST_SUITE_P(Syslog, SocketLogSinkTest, testing::Values(&makeSyslog));
 
-TEST_P(SocketLogSinkTest, AReceiverMayComeLater) {
+TEST_P(SocketLogSinkTest, AReceiverMayStartLater) {
   const auto sink = makeSink(path_);
   const auto refused = sink->write(kInfoRecord);
   ASSERT_FALSE(refused);
@@ -48,7 +48,7 @@ TEST_P(SocketLogSinkTest, AReceiverMayComeLater) {
   EXPECT_THAT(receiver.take(), SizeIs(1));
 }
 
-TEST_P(SocketLogSinkTest, AReceiverThatReplacesALivingOneGetsTheMessages) {
+TEST_P(SocketLogSinkTest, AReceiverThatReplacesALiveOneGetsTheMessages) {
   const auto sink = makeSink(path_);
   LogReceiver first(path_);
   ASSERT_TRUE(sink->write(kInfoRecord));
@@ -69,7 +69,7 @@ TEST_P(SocketLogSinkTest, AReceiverThatWasKilledRefuses) {
   EXPECT_EQ(refused.error().code, ErrorCode::kNotFound);
 }
 
-TEST_P(SocketLogSinkTest, AReaderThatDoesNotReadCostsMessagesWhichAreReportedLater) {
+TEST_P(SocketLogSinkTest, MessagesThatAFullReceiverLosesAreReportedLater) {
   const auto sink = makeSink(path_);
   LogReceiver receiver(path_);
   SystemLog log(*sink, "program");
@@ -86,7 +86,7 @@ TEST_P(SocketLogSinkTest, AReaderThatDoesNotReadCostsMessagesWhichAreReportedLat
   EXPECT_EQ(log.dropped(), 0U);
 }
 
-TEST_P(SocketLogSinkTest, AFullReceiverIsToldApartFromAMissingOne) {
+TEST_P(SocketLogSinkTest, AFullReceiverDiffersFromAMissingOne) {
   const auto sink = makeSink(path_);
   LogReceiver receiver(path_);
   Result<void> written;
@@ -123,7 +123,7 @@ TEST_P(SocketLogSinkTest, AFolderThatIsMissingRefuses) {
   EXPECT_FALSE(makeSink(folder_.path(std::string(120, 'n')))->write(kInfoRecord));
 }
 
-TEST(JournalLogSinkTest, AnEntryIsWhatTheJournalsProtocolSays) {
+TEST(JournalLogSinkTest, AnEntryFollowsTheJournalsProtocol) {
   using namespace std::string_literals;
   TemporaryLogFolder folder;
   LogReceiver receiver(folder.path("socket"));
@@ -138,7 +138,7 @@ TEST(JournalLogSinkTest, AnEntryIsWhatTheJournalsProtocolSays) {
   EXPECT_EQ(datagrams[1].bytes, "MESSAGE\n\3\0\0\0\0\0\0\0a\nb\nPRIORITY=7\n"s + rest);
 }
 
-TEST(JournalLogSinkTest, WhatIsTooLargeForADatagramComesAsASealedFile) {
+TEST(JournalLogSinkTest, AMessageTooLargeForADatagramIsASealedFile) {
   TemporaryLogFolder folder;
   LogReceiver receiver(folder.path("socket"));
   const auto sink = JournalLogSink::make(folder.path("socket")).value();
@@ -155,7 +155,7 @@ TEST(JournalLogSinkTest, WhatIsTooLargeForADatagramComesAsASealedFile) {
   EXPECT_EQ(fields->at("VANTOR_FACILITY"), "com.vantor.test");
 }
 
-TEST(SyslogLogSinkTest, WhatIsTooLargeForADatagramIsRefused) {
+TEST(SyslogLogSinkTest, AMessageTooLargeForADatagramIsRefused) {
   TemporaryLogFolder folder;
   LogReceiver receiver(folder.path("socket"));
   const auto sink = SyslogLogSink::make(folder.path("socket")).value();

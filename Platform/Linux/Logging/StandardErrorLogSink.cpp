@@ -18,7 +18,7 @@
 namespace platform {
 namespace {
 
-// What a pipe takes whole or not at all.
+// A pipe takes a write of this size as a whole or not at all.
 constexpr std::size_t kLongestLine = 4096;
 
 std::string compose(const LogRecord& record) {
@@ -37,7 +37,7 @@ std::string compose(const LogRecord& record) {
   return line;
 }
 
-// For a descriptor that others share: it must not be made non-blocking, so ask first.
+// Other processes share the descriptor, so it must not be made non-blocking. Poll it first.
 ssize_t writeWithoutWaiting(int descriptor, const std::string& line) {
   const ssize_t sent = retryOnInterrupt(
       [&] { return ::send(descriptor, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL); });

@@ -59,7 +59,7 @@ TEST_P(StandardErrorLogSinkTest, ALineHasTimeProgramProcessAndThread) {
                             ":" + std::to_string(::gettid()) + "\\] a text\\\\nof two lines\n"));
 }
 
-TEST_P(StandardErrorLogSinkTest, AReaderThatDoesNotReadIsNotWaitedFor) {
+TEST_P(StandardErrorLogSinkTest, AReaderThatDoesNotReadDoesNotBlock) {
   StandardErrorLogSink sink(ends_.write.get());
   Result<void> written;
   for (int i = 0; i < 100'000 && written; ++i) written = sink.write(kWarningRecord);
@@ -69,7 +69,7 @@ TEST_P(StandardErrorLogSinkTest, AReaderThatDoesNotReadIsNotWaitedFor) {
   EXPECT_EQ(::fcntl(ends_.write.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_P(StandardErrorLogSinkTest, AReaderThatIsGoneDoesNotKill) {
+TEST_P(StandardErrorLogSinkTest, AClosedPipeRaisesNoSignal) {
   StandardErrorLogSink sink(ends_.write.get());
   ends_.read.reset();
   const auto refused = sink.write(kWarningRecord);
@@ -110,7 +110,7 @@ TEST(StandardErrorFileTest, AFullDiskRefuses) {
   EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
 }
 
-TEST(StandardErrorFileTest, WithoutAStandardErrorEverythingIsRefused) {
+TEST(StandardErrorFileTest, WithoutStandardErrorEveryMessageIsRefused) {
   EXPECT_FALSE(StandardErrorLogSink(-1).write(kWarningRecord));
 }
 

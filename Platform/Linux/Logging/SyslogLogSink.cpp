@@ -26,7 +26,7 @@ Result<std::unique_ptr<SyslogLogSink>> SyslogLogSink::make(std::string socketPat
 }
 
 Result<void> SyslogLogSink::write(const LogRecord& record) {
-  // Receivers read the time as local; month names are English whatever the locale.
+  // Receivers expect local time, and English month names in any locale.
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   ::localtime_r(&now, &local);

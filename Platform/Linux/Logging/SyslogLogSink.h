@@ -10,16 +10,16 @@ namespace platform {
 
 inline constexpr char kSyslogSocket[] = "/dev/log";
 
-// Messages as the classic system log takes them, one datagram each, facility daemon:
+// Messages in the format of the classic system log, one datagram each, facility daemon:
 //
 //   <27>Jan  2 03:04:05 IDENT[PID]: (FACILITY) MESSAGE
 //
-// with the text escaped as in LogSinkText.h. The named facility stands before the message because
-// this form has no field for it; blanks, colons and brackets of the ident are escaped too, since
-// they would end it.
+// Texts are escaped as in LogSinkText.h. The named facility precedes the message because the format
+// has no field for it. Blanks, colons and brackets of the ident are escaped, too, because they
+// would end it.
 class SyslogLogSink final : public LogSink {
  public:
-  // The receiver need not be there yet. Fails only when the system has no descriptor left.
+  // The receiver need not be running yet. Fails only if the system has no descriptor left.
   static Result<std::unique_ptr<SyslogLogSink>> make(std::string socketPath = kSyslogSocket);
 
   Result<void> write(const LogRecord& record) override;
