@@ -12,20 +12,21 @@
 
 namespace platform {
 
-// How messages between processes stand in D-Bus messages, so that any D-Bus client can send one:
+// The layout of messages between processes in D-Bus messages, so that any D-Bus client can send
+// one:
 //
 //   interface  com.vantor.Peer, any object path (ours is "/")
-//   member     the selector with an underscore for each colon: a selector has no underscores, so
-//              this has one meaning only
+//   member     the selector with an underscore for each colon; selectors have no underscores
 //   two-way    a method call; its reply has one variant, or nothing for nil
-//   one-way    a method call that wants no reply, or a signal
-//   exception  an error com.vantor.exception.NAME (com.vantor.exception where that can't be a
-//              D-Bus name): reason, name, user info. Of any other error the D-Bus name and the
-//              first text count.
+//   one-way    a method call with the flag NO_REPLY_EXPECTED, or a signal
+//   exception  an error com.vantor.exception.NAME (com.vantor.exception if the name is not valid
+//              in D-Bus): reason, name, user info. Any other error is read as its D-Bus name and
+//              its first text.
 //
-// org.freedesktop.DBus.Peer.Ping is answered too. A message that would be too large has the body
-// "ht" instead (none that carries an endpoint, a descriptor too, is moved so): a sealed memory file
-// with the whole message as D-Bus lays it out, of which the body counts, and that message's size.
+// org.freedesktop.DBus.Peer.Ping is answered, too. A message above the size limit is sent as a
+// message with the body "ht": a sealed memory file with the whole message in D-Bus's format, whose
+// body counts, and the size of that message. A message with endpoints, which are descriptors, is
+// never sent in this way.
 inline constexpr char kPeerInterface[] = "com.vantor.Peer";
 
 enum class PeerMessageKind { kTwoWay, kOneWay };
@@ -37,7 +38,7 @@ struct EncodedMessage {
   std::size_t descriptors = 0;
 };
 
-// Everything is checked first: kInvalid says what can't travel.
+// Checks everything first. Fails with kInvalid and names the part that can't be sent.
 Result<EncodedMessage> encodeMessage(std::string_view selector, const Array& arguments,
                                      PeerMessageKind kind,
                                      PeerMessageContents contents = PeerMessageContents::kValues);
@@ -47,10 +48,10 @@ Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const MessageResult& r
 
 bool wantsAnswer(DBusMessage* message);
 
-// A method call or a signal. Without the reply object.
+// Decodes a method call or a signal, without the reply object.
 Result<PeerMessage> decodeMessage(DBusMessage* message,
                                   PeerMessageContents contents = PeerMessageContents::kValues);
-// A method return or an error. What can't be read is an NSInvalidArgumentException of ours.
+// Decodes a method return or an error. A malformed one gives an NSInvalidArgumentException of ours.
 MessageResult decodeAnswer(DBusMessage* message,
                            PeerMessageContents contents = PeerMessageContents::kValues);
 

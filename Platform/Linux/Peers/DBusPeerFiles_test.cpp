@@ -1,4 +1,4 @@
-// Memory files that the peer has not read yet, and descriptors that are not sent yet.
+// Memory files that the peer has not read yet, and descriptors that have not been sent yet.
 
 #include <fstream>
 #include <string>
@@ -31,7 +31,7 @@ class DBusPeerFilesTest : public testing::Test, protected PeerTransportBed {
   }
 };
 
-// Waits until the thread waits for something itself.
+// Waits until the thread sleeps.
 void awaitSleepOf(pid_t thread) {
   for (std::string state; state != "S";) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
@@ -42,7 +42,7 @@ void awaitSleepOf(pid_t thread) {
   }
 }
 
-TEST_F(DBusPeerFilesTest, ACallGoesOnWhenTheFilesBeforeItHaveBeenRead) {
+TEST_F(DBusPeerFilesTest, ACallContinuesWhenTheFilesBeforeItAreRead) {
   start();
   settle();
   harness_->hang();
@@ -60,7 +60,7 @@ TEST_F(DBusPeerFilesTest, ACallGoesOnWhenTheFilesBeforeItHaveBeenRead) {
   EXPECT_EQ(journal_.count("note:"), sent);
 }
 
-TEST_F(DBusPeerFilesTest, ACallBehindUnreadFilesEndsWithItsTime) {
+TEST_F(DBusPeerFilesTest, ACallBehindUnreadFilesTimesOut) {
   start();
   settle();
   harness_->hang();
@@ -68,7 +68,7 @@ TEST_F(DBusPeerFilesTest, ACallBehindUnreadFilesEndsWithItsTime) {
   EXPECT_EQ(call("echo:", {Value(Data(kLarge))}, 10ms).error().name, kNSPortTimeoutException);
 }
 
-TEST_F(DBusPeerFilesTest, SoManyBytesOfFilesMayBeUnreadAndNoMore) {
+TEST_F(DBusPeerFilesTest, TheBytesOfUnreadFilesAreLimited) {
   start();
   const auto probe = encodeMessage("note:", {Value(Data(kLarge))}, PeerMessageKind::kOneWay);
   ASSERT_TRUE(probe);
@@ -92,8 +92,8 @@ TEST_F(DBusPeerFilesTest, SoManyBytesOfFilesMayBeUnreadAndNoMore) {
   EXPECT_TRUE(sendNote(kLarge));
 }
 
-// Its socket is never empty: there is always one file more than it has read.
-TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesOneAfterTheOther) {
+// Its socket is never empty: there is always one more file than it has read.
+TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesInSequence) {
   start();
   RawPeer peer(path());
   peer.authenticate();
@@ -107,7 +107,7 @@ TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesOneAfterTheOther) {
     if (HasFailure()) return;
     if (i > 0) peer.readMessage();
   }
-  // It stops to read: what it may leave is what it would be without all those before.
+  // It stops reading: the limit of unread files does not depend on the earlier ones.
   std::size_t unread = 1;
   harness_->there([&](PeerTransport&) {
     while (server_.connections.back()->send("note:", {Value(Data(kLarge))})) ++unread;
@@ -115,7 +115,7 @@ TEST_F(DBusPeerFilesTest, ABusyPeerGetsAnyNumberOfFilesOneAfterTheOther) {
   EXPECT_EQ(unread, kMaxPeerMemoryFileBytes / kLarge - 1);
 }
 
-// Descriptors that can't be written yet, because the socket is full.
+// Descriptors that can't be sent yet, because the socket is full.
 class DBusPeerEndpointsTest : public DBusPeerFilesTest {
  protected:
   void startWithEndpoints() {
@@ -131,7 +131,7 @@ class DBusPeerEndpointsTest : public DBusPeerFilesTest {
     endpoint_ = Value(std::shared_ptr<const RemoteObject>(made->endpoint));
   }
 
-  // The peer reads nothing, and libdbus keeps what comes behind this.
+  // The peer reads nothing, and libdbus queues the messages that follow.
   void fillSocket() {
     settle();
     harness_->hang();
@@ -144,20 +144,20 @@ class DBusPeerEndpointsTest : public DBusPeerFilesTest {
   Value endpoint_;
 };
 
-TEST_F(DBusPeerEndpointsTest, SoManyDescriptorsMayBeUnsentAndNoMore) {
+TEST_F(DBusPeerEndpointsTest, TheNumberOfUnsentDescriptorsIsLimited) {
   startWithEndpoints();
   fillSocket();
   for (std::size_t i = 0; i < kMaxPeerDescriptors; ++i) EXPECT_TRUE(sendEndpoints(1)) << i;
   const auto refused = sendEndpoints(1);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
-  EXPECT_TRUE(sendNote(1));  // What brings none has room.
+  EXPECT_TRUE(sendNote(1));  // A message without descriptors has room.
   harness_->goOn();
   runUntilNoted("note:", kMaxPeerDescriptors + 2);
   EXPECT_TRUE(sendEndpoints(1));
 }
 
-TEST_F(DBusPeerEndpointsTest, AllThoseOfAMessageCount) {
+TEST_F(DBusPeerEndpointsTest, AllDescriptorsOfAMessageCount) {
   startWithEndpoints();
   std::size_t noted = 0;
   for (const std::size_t total :
@@ -186,7 +186,7 @@ TEST_F(DBusPeerEndpointsTest, ACallWaitsUntilTheDescriptorsBeforeItAreSent) {
   EXPECT_TRUE(endpointIn(*answer));
 }
 
-TEST_F(DBusPeerEndpointsTest, WhoLeavesAnswersWithDescriptorsUnreadIsCutOff) {
+TEST_F(DBusPeerEndpointsTest, APeerThatDoesNotReadDescriptorsIsDisconnected) {
   startWithEndpoints();
   noteDeath(*client_);
   constexpr std::size_t kCalls = kMaxPeerDescriptors + 2;
@@ -194,7 +194,7 @@ TEST_F(DBusPeerEndpointsTest, WhoLeavesAnswersWithDescriptorsUnreadIsCutOff) {
     client_->callAsync("keep", {}, Duration::max(), [](const MessageResult&) {});
   }
   runUntilNoted("kept", kCalls);
-  // This side does not read while its loop stands still.
+  // This side does not read while its loop hangs.
   harness_->there([&](PeerTransport&) {
     ASSERT_EQ(server_.kept.size(), kCalls);
     EXPECT_TRUE(server_.kept.front()->answer(Value(Data(700'000))));  // Fills the socket.

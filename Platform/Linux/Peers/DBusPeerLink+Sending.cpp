@@ -1,4 +1,4 @@
-// What goes out: calls, one-way messages and answers.
+// Outgoing messages: calls, one-way messages and answers.
 
 #include <algorithm>
 #include <string>
@@ -16,7 +16,7 @@ std::unexpected<NSException> raisedTimeout() {
   return raised(kNSPortTimeoutException, "No answer in time.");
 }
 
-// How often a blocking call looks whether the peer has read the files before it.
+// The interval at which a blocking call checks whether the peer has read the files before it.
 constexpr Duration kFileCheckInterval = std::chrono::milliseconds(2);
 
 Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
@@ -77,7 +77,7 @@ MessageResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
     if (loop_.now() >= deadline) return raisedTimeout();
     if (whileWaiting == WhileWaiting::kServe && serveOneRequest()) continue;
     if (!isConnected()) {
-      sources_->scheduleDispatch();  // Which finds that it is dead.
+      sources_->scheduleDispatch();  // The dispatch finds that it is dead.
       return raisedGone();
     }
     waitOnce(deadline);
@@ -86,7 +86,7 @@ MessageResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
 
 bool DBusPeerLink::waitForRoom(Instant deadline) {
   if (dbus_connection_get_outgoing_size(connection_.get()) > 0) return waitOnce(deadline);
-  // Only files in the socket are in the way, and nothing tells when the peer takes those out.
+  // Only files in the socket take the room, and no event reports when the peer reads them.
   waitOnce(std::min(deadline, instantAfter(loop_.now(), kFileCheckInterval)));
   return loop_.now() < deadline;
 }
@@ -102,7 +102,7 @@ bool DBusPeerLink::waitOnce(Instant deadline) {
     case DBusSources::Handled::kNothingToWaitFor:
       break;
   }
-  // The peer has ended while so much of it is undelivered that libdbus reads no more.
+  // The peer has ended, and libdbus stops reading because so many of its messages are undelivered.
   dbus_connection_close(connection_.get());
   return true;
 }
@@ -175,12 +175,12 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
   const auto unread =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   if (unread + message.wireBytes > kMaxPeerUnreadBytes) return false;
-  // Each that libdbus has not written yet is a descriptor of ours.
+  // Each descriptor that libdbus has not written yet takes one of ours.
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_unix_fds(connection_.get()));
   if (message.descriptors > 0 && unsent + message.descriptors > kMaxPeerDescriptors) return false;
   if (message.fileBytes == 0) return true;
-  // libdbus does not count the files, and the socket takes hundreds of descriptors.
+  // libdbus does not count the files, and the socket has room for hundreds of descriptors.
   return unreadFiles_.bytes(unread == 0) + message.fileBytes <= kMaxPeerMemoryFileBytes;
 }
 

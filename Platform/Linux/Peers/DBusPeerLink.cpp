@@ -33,7 +33,7 @@ bool isAnswer(DBusMessage* message) {
 
 }  // namespace
 
-// The right to answer, which counts against the peer until it is given back.
+// A pending reply. It counts against the peer until it is given or dropped.
 class DBusPeerLink::Reply final : public PeerReply {
  public:
   Reply(std::shared_ptr<DBusPeerLink> link, std::uint32_t serial)
@@ -52,7 +52,7 @@ class DBusPeerLink::Reply final : public PeerReply {
   }
 
  private:
-  std::shared_ptr<DBusPeerLink> link_;  // none once it is answered
+  std::shared_ptr<DBusPeerLink> link_;  // null after the answer
   const std::uint32_t serial_;
 };
 
@@ -72,7 +72,7 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
   auto link =
       std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, contents, socket);
   link->peer_ = {credentials.pid, credentials.uid, credentials.gid};
-  DBusPeerLink* self = link.get();  // It outlives its sources.
+  DBusPeerLink* self = link.get();  // The link outlives its sources.
   auto sources = DBusSources::attach(loop, link->connection_.get(),
                                      {.dispatch = [self] { self->dispatch(); },
                                       .peerEnded = [self] { self->die(); },
@@ -96,8 +96,8 @@ DBusPeerLink::DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection,
   allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
 }
 
-// Those that are read and not yet handled may be as much as one message; with the one under way
-// that is all that a peer makes us hold.
+// The limit of unhandled messages is one largest message. With the one being handled, a peer can
+// thus make us hold two.
 void DBusPeerLink::allowMessages(std::size_t bytes, std::size_t descriptors) {
   dbus_connection_set_max_message_size(connection_.get(), static_cast<long>(bytes));
   dbus_connection_set_max_received_size(connection_.get(), static_cast<long>(bytes));
@@ -113,16 +113,17 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
   lease_ = std::move(lease);
   onAuthenticated_ = std::move(authenticated);
   onGone_ = std::move(gone);
-  // Nor descriptors: a memory file would bring far more than the message may.
+  // Descriptors are refused, too: a memory file could hold far more than the message may.
   allowMessages(kMaxUnadmittedPeerMessageBytes, 0);
-  // Only libdbus knows when the peer has said who it is; asking it in here would not end.
+  // Only libdbus knows when the peer has authenticated. Querying it in this callback would recurse
+  // without end.
   dbus_connection_set_unix_user_function(
       connection_.get(),
       [](DBusConnection*, unsigned long, void* self) -> dbus_bool_t {
         auto* link = static_cast<DBusPeerLink*>(self);
         link->authenticated_ = true;
         if (link->sources_) link->sources_->scheduleDispatch();
-        return true;  // Whoever it is: telling users apart is for those above.
+        return true;  // Accept all users; the layers above tell them apart.
       },
       this, nullptr);
 }
@@ -159,7 +160,7 @@ void DBusPeerLink::dispatch() {
   const auto self = shared_from_this();
   if (ended_) return;
   if (authenticated_ && onAuthenticated_) {
-    sources_->scheduleDispatch();  // What it has sent comes in a turn of its own.
+    sources_->scheduleDispatch();  // Its messages come in a turn of their own.
     return handOn();
   }
   if (!authenticated_ && !isConnected()) return die();
@@ -179,13 +180,13 @@ void DBusPeerLink::handOn() {
   std::exchange(onAuthenticated_, nullptr)();
 }
 
-// Takes over what libdbus has read. Answers to blocking calls go to them at once.
+// Takes the messages that libdbus has read. Answers to blocking calls are stored for them at once.
 void DBusPeerLink::collect() {
   while (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
     if (dbus_message_is_signal(message.get(), DBUS_INTERFACE_LOCAL, "Disconnected")) continue;
     if (isAnswer(message.get())) {
       const auto found = outstanding_.find(dbus_message_get_reply_serial(message.get()));
-      if (found == outstanding_.end()) continue;  // Too late.
+      if (found == outstanding_.end()) continue;  // The call has timed out.
       if (!found->second.completion) {
         found->second.answer = std::move(message);
         continue;
@@ -261,7 +262,7 @@ void DBusPeerLink::close() {
   onAuthenticated_ = nullptr;
   onGone_ = nullptr;
   dropConnection();
-  // A completion may hold this connection's owner, so none is destroyed while the table stands.
+  // A completion may hold this connection's owner, so destroy none of them while iterating.
   const auto dropped = std::exchange(outstanding_, {});
 }
 
@@ -292,7 +293,8 @@ void DBusPeerLink::scheduleDeath(Error why) {
 void DBusPeerLink::die() {
   const auto self = shared_from_this();
   if (closed_ || finished_) return;
-  // What the peer sent before its end comes before its end, even the end of its authentication.
+  // Messages that the peer sent before its end are delivered first, even the end of its
+  // authentication.
   while (!ended_) {
     if (authenticated_ && onAuthenticated_) {
       handOn();
@@ -323,7 +325,7 @@ void DBusPeerLink::finish() {
 }
 
 void DBusPeerLink::failOutstanding() {
-  // Blocking calls see for themselves.
+  // Blocking calls check `ended_` themselves.
   std::deque<Outstanding> failing;
   for (auto& [serial, entry] : outstanding_) {
     if (entry.completion) failing.push_back(std::move(entry));

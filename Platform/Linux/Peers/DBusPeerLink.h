@@ -21,13 +21,13 @@
 
 namespace platform {
 
-// Both ends of a connection between processes, from its socket to its end. The owner's
-// PeerConnection refers to it; it is shared with that, with the replies that are still to be given,
-// with its listener until it has been handed on, and with its own calls under way, since any
-// handler may destroy the connection.
+// Either end of a connection between processes, from its socket to its end. The owner's
+// PeerConnection refers to it. Any handler may destroy the connection, so the link is shared with
+// it, with pending replies, with its listener until that has handed it on, and with its own running
+// calls.
 class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
  public:
-  // What a listener lends to a connection until it is admitted, or for as long as it lasts.
+  // Places that a listener lends to a connection until it is admitted, or until it ends.
   struct Lease {
     std::unique_ptr<PeerPlaces::Place> place;
     std::unique_ptr<PeerUserCounts::Held> held;
@@ -44,17 +44,17 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   DBusPeerLink(const DBusPeerLink&) = delete;
   DBusPeerLink& operator=(const DBusPeerLink&) = delete;
 
-  // Connecting side: waits until the other side's owner has the connection, which a ping shows. Not
-  // before that may anything large be sent: the other side bounds it, and libdbus loses descriptors
-  // that arrive together with the end of the authentication. False where the connection has ended
-  // or the time was over, which isConnected() tells apart.
+  // For the connecting side: waits until the other side's owner has the connection, which the
+  // answer to a ping shows. Nothing large may be sent before: the other side limits it, and libdbus
+  // loses descriptors that arrive together with the end of the authentication. False if the
+  // connection has ended or at `deadline`; isConnected() tells which.
   bool awaitWelcome(Instant deadline);
 
-  // Accepting side: `authenticated` is called on the loop once the peer has said who it is, `gone`
-  // where it ends before.
+  // For the accepting side: `authenticated` is called on the loop once the peer has authenticated,
+  // and `gone` if it ends before that.
   void awaitPeer(Lease lease, std::function<void()> authenticated, std::function<void()> gone);
 
-  // What PeerConnection says.
+  // The operations of PeerConnection.
   PeerCredentials peer() const { return peer_; }
   bool peerLives() const;
   void admit();
@@ -65,7 +65,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   Result<void> send(std::string_view selector, const Array& arguments);
   void close();
 
-  // Ends the connection from our side for the peer's fault; the owner is told.
+  // Ends the connection because of an error of the peer, and reports it to the owner.
   void refuse(Error why);
 
   Result<void> answer(std::uint32_t serial, const MessageResult& result);
@@ -74,9 +74,9 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   bool isConnected() const;
 
  private:
-  // A call of ours. A blocking one waits on the stack of call() and finds its answer here.
+  // A pending call of ours. A blocking one waits in call() and finds its answer here.
   struct Outstanding {
-    PeerConnection::Completion completion;  // none for a blocking one
+    PeerConnection::Completion completion;  // empty for a blocking call
     std::unique_ptr<RunLoopHandle> timer;
     UniqueDBusMessage answer;
   };
@@ -108,21 +108,21 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   const WhileWaiting whileWaiting_;
   const PeerMessageContents contents_;
   UniqueDBusConnection connection_;
-  std::unique_ptr<DBusSources> sources_;  // Goes before the connection.
+  std::unique_ptr<DBusSources> sources_;  // Destroyed before the connection.
   bool authenticated_ = false;
   std::function<void()> onAuthenticated_;
   std::function<void()> onGone_;
   Lease lease_;
 
-  std::shared_ptr<PeerHandlers> handlers_;  // shared with the call of one that replaces it
-  std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus bounds their bytes
+  std::shared_ptr<PeerHandlers> handlers_;  // shared with a running handler that may replace them
+  std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus limits their bytes
   std::map<std::uint32_t, Outstanding> outstanding_;
   std::size_t answersOwed_ = 0;
   UnreadFiles unreadFiles_;
 
   bool ended_ = false;     // nothing more is sent or read
-  bool finished_ = false;  // the outstanding calls have failed, the death is known
-  bool closed_ = false;    // by its owner: nothing calls back
+  bool finished_ = false;  // pending calls have failed, the death is known
+  bool closed_ = false;    // by its owner: no more callbacks
   std::optional<Error> deathToReport_;
 };
 

@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// How long nobody is accepted after that has failed.
+// The pause after accepting has failed.
 constexpr auto kBackOff = 100ms;
 
 UniqueFd openReserve() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC)); }
@@ -32,7 +32,7 @@ Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
   if (!listener->reserve_) {
     return std::unexpected(systemError("a listener's reserve", ErrorCode::kExhausted));
   }
-  DBusPeerListener* self = listener.get();  // It outlives its server and sources.
+  DBusPeerListener* self = listener.get();  // The listener outlives its server and sources.
   const char* mechanisms[] = {"EXTERNAL", nullptr};
   if (!dbus_server_set_auth_mechanisms(self->server_.get(), mechanisms)) {
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "a listener's mechanisms"});
@@ -67,7 +67,7 @@ DBusPeerListener::~DBusPeerListener() {
   for (const auto& [address, link] : unknown_) link->close();
 }
 
-// Where this returns without keeping the connection, libdbus closes it.
+// If this returns without keeping the connection, libdbus closes it.
 void DBusPeerListener::accepted(DBusConnection* connection) {
   acceptedOne_ = true;
   auto created = DBusPeerLink::create(loop_, UniqueDBusConnection(dbus_connection_ref(connection)),
@@ -102,15 +102,15 @@ void DBusPeerListener::handOn(DBusPeerLink* link) {
 
 void DBusPeerListener::afterAccepting() {
   if (std::exchange(acceptedOne_, false)) return;
-  // Most likely without a descriptor for it. The socket stays readable, so that the loop would turn
-  // without end.
-  turnOneAway();
+  // Probably there is no descriptor for the connection. The socket stays readable, so without a
+  // pause the loop would spin.
+  rejectOne();
   sources_->pause();
   backingOff_ = loop_.startTimer(kBackOff, RunLoop::Repeat::kOnce, [this] { sources_->resume(); });
 }
 
-// Better a clear end than a connection that nobody ever takes.
-void DBusPeerListener::turnOneAway() {
+// A client is better off with a closed connection than with one that is never accepted.
+void DBusPeerListener::rejectOne() {
   reserve_.reset();
   std::ignore = UniqueFd(::accept4(sources_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
   reserve_ = openReserve();

@@ -17,12 +17,12 @@
 
 namespace platform {
 
-// A libdbus server that hands on a connection when its peer has said who it is.
+// A libdbus server that hands a connection on once its peer has authenticated.
 class DBusPeerListener final : public PeerListener {
  public:
   using NewLink = std::function<void(std::shared_ptr<DBusPeerLink>)>;
 
-  // `name` where the socket has one that is ours to take away.
+  // `name` is set if the socket has a name that we must remove.
   static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
                                                           UniqueDBusServer server,
                                                           std::optional<SocketName> name,
@@ -40,19 +40,20 @@ class DBusPeerListener final : public PeerListener {
   void accepted(DBusConnection* connection);
   void handOn(DBusPeerLink* link);
   void afterAccepting();
-  void turnOneAway();
+  void rejectOne();
 
   AsioRunLoop& loop_;
   const PeerListenerOptions options_;
-  std::shared_ptr<const NewLink> onLink_;  // shared with its own call, which may destroy this
+  // Shared with its own running call, which may destroy this.
+  std::shared_ptr<const NewLink> onLink_;
   std::optional<SocketName> name_;
   UniqueDBusServer server_;
-  std::unique_ptr<DBusSources> sources_;  // Goes before the server.
+  std::unique_ptr<DBusSources> sources_;  // Destroyed before the server.
   std::unique_ptr<RunLoopHandle> backingOff_;
-  UniqueFd reserve_;  // given up for a moment when there is no other descriptor
+  UniqueFd reserve_;  // closed for a moment if there is no other descriptor
   bool acceptedOne_ = false;
 
-  // Shared with the connections that still hold places.
+  // Shared with the connections that still have places.
   std::shared_ptr<PeerPlaces> places_;
   std::shared_ptr<PeerUserCounts> users_;
   std::map<DBusPeerLink*, std::shared_ptr<DBusPeerLink>> unknown_;  // not yet handed on

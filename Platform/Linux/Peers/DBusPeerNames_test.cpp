@@ -1,4 +1,4 @@
-// The names that listeners take, and the bytes that a peer may leave unread.
+// The names of listeners, and the bytes that a peer may leave unread.
 
 #include <filesystem>
 #include <string>
@@ -29,7 +29,7 @@ class DBusPeerNamesTest : public testing::Test, protected PeerTransportBed {
     return processes_.here().listen(where, {.socketMode = mode}, [](auto) {});
   }
 
-  // What a process that was killed leaves.
+  // Leaves a socket as a killed process does.
   void leaveSocket(const std::string& where) {
     const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
@@ -51,7 +51,7 @@ class DBusPeerNamesTest : public testing::Test, protected PeerTransportBed {
   PeerThreads& processes_ = static_cast<PeerThreads&>(*harness_);
 };
 
-TEST_F(DBusPeerNamesTest, ANameAppearsWithItsModeAndGoesWithItsListener) {
+TEST_F(DBusPeerNamesTest, ANameHasItsModeAndEndsWithItsListener) {
   for (const std::uint32_t mode : {0600u, 0666u}) {
     auto listener = listenAt(path(), mode);
     ASSERT_TRUE(listener) << describe(listener.error());
@@ -65,7 +65,7 @@ TEST_F(DBusPeerNamesTest, ANameAppearsWithItsModeAndGoesWithItsListener) {
   }
 }
 
-TEST_F(DBusPeerNamesTest, ADeadOwnersLeftoverIsReplaced) {
+TEST_F(DBusPeerNamesTest, TheSocketOfADeadOwnerIsReplaced) {
   leaveSocket(path());
   EXPECT_EQ(processes_.here().connect(path(), {}).error().kind,
             PeerConnectFailure::Kind::kNobodyThere);
@@ -74,7 +74,7 @@ TEST_F(DBusPeerNamesTest, ADeadOwnersLeftoverIsReplaced) {
   EXPECT_EQ(names(), (std::vector<std::string>{".lock", "server"}));
 }
 
-TEST_F(DBusPeerNamesTest, OfTwoThatReplaceALeftoverOneGetsTheName) {
+TEST_F(DBusPeerNamesTest, OnlyOneOfTwoReplacesALeftoverSocket) {
   for (int round = 0; round < 20; ++round) {
     leaveSocket(path());
     Result<std::unique_ptr<PeerListener>> theirs;
@@ -86,7 +86,7 @@ TEST_F(DBusPeerNamesTest, OfTwoThatReplaceALeftoverOneGetsTheName) {
     auto ours = listenAt(path());
     other.join();
     ASSERT_NE(ours.has_value(), theirs.has_value());
-    // The second where the first is kept from its work for so long that its lock is not waited for.
+    // EWOULDBLOCK if the first holds the lock for longer than the second waits for it.
     EXPECT_THAT((ours ? theirs : ours).error().osError, testing::AnyOf(EADDRINUSE, EWOULDBLOCK));
     if (ours) ours->reset();
     processes_.there([&](PeerTransport&) {
@@ -96,7 +96,7 @@ TEST_F(DBusPeerNamesTest, OfTwoThatReplaceALeftoverOneGetsTheName) {
   }
 }
 
-TEST_F(DBusPeerNamesTest, WhatIsNoSocketIsLeftAlone) {
+TEST_F(DBusPeerNamesTest, AFileThatIsNoSocketIsKept) {
   processes_.folder().write("server", "content");
   const auto listener = listenAt(path());
   ASSERT_FALSE(listener);
@@ -107,7 +107,7 @@ TEST_F(DBusPeerNamesTest, WhatIsNoSocketIsLeftAlone) {
   EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kSystem);
 }
 
-TEST_F(DBusPeerNamesTest, ANameThatHasBecomeAnothersIsLeftToIt) {
+TEST_F(DBusPeerNamesTest, ANameThatAnotherHasTakenIsKept) {
   auto listener = listenAt(path());
   ASSERT_TRUE(listener);
   ASSERT_EQ(::unlink(path().c_str()), 0);
@@ -117,7 +117,7 @@ TEST_F(DBusPeerNamesTest, ANameThatHasBecomeAnothersIsLeftToIt) {
   EXPECT_EQ(names(), std::vector<std::string>{"server"});
 }
 
-TEST_F(DBusPeerNamesTest, ANameMayBeLongerThanASocketsAddress) {
+TEST_F(DBusPeerNamesTest, ANameMayBeLongerThanASocketAddress) {
   std::string deep = processes_.folder().path();
   while (deep.size() < 300) {
     deep += "/a folder with a long name, and spaces";
@@ -140,7 +140,7 @@ TEST_F(DBusPeerNamesTest, ANameMayBeLongerThanASocketsAddress) {
   EXPECT_EQ(listenAt(where + "n").error().code, ErrorCode::kInvalid);
 }
 
-TEST_F(DBusPeerNamesTest, WhatCantBeANameIsRefusedAndLeavesNothing) {
+TEST_F(DBusPeerNamesTest, AnInvalidNameIsRefusedAndLeavesNothing) {
   EXPECT_EQ(listenAt(processes_.folder().path("none/server")).error().code, ErrorCode::kNotFound);
   for (const std::string& name :
        {std::string(".hidden"), std::string(".."), std::string(), std::string("a\0b", 3)}) {
@@ -149,9 +149,9 @@ TEST_F(DBusPeerNamesTest, WhatCantBeANameIsRefusedAndLeavesNothing) {
   EXPECT_TRUE(names().empty());
 }
 
-// The first answer stays with libdbus as a whole until its last byte is in the socket, which takes
-// less than it has.
-TEST_F(DBusPeerNamesTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
+// The first answer counts as a whole in libdbus until its last byte is in the socket, which is too
+// small for it.
+TEST_F(DBusPeerNamesTest, TheBytesOfUnreadAnswersAreLimited) {
   start();
   noteDeath(*client_);
   const Value first(Data(700'000));
@@ -159,7 +159,7 @@ TEST_F(DBusPeerNamesTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
   ASSERT_TRUE(encoded);
   const std::size_t unread = RawPeer::marshalled(encoded->message.get()).size();
   const std::size_t room =
-      kMaxPeerUnreadBytes - unread - 8 - kPeerMessageHeaderBytes;  // for the second one's data
+      kMaxPeerUnreadBytes - unread - 8 - kPeerMessageHeaderBytes;  // for the second answer's data
   for (const int excess : {-1, 0, 1}) {
     SCOPED_TRACE(excess);
     const std::size_t kept = journal_.count("kept");

@@ -1,4 +1,4 @@
-// Between real processes: a passed socket, a killed peer, and a server without descriptors.
+// Real processes: a passed socket, a killed peer, and a server without descriptors.
 
 #include <csignal>
 #include <ctime>
@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 using Listen = std::function<Result<std::unique_ptr<PeerListener>>(DBusPeerTransport&,
                                                                    PeerTransport::NewConnection)>;
 
-// Serves until it is killed: echo:, and keep, which is never answered.
+// Serves until it is killed: `echo:`, and `keep`, which is never answered.
 [[noreturn]] void serve(const Listen& listen, int started) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   const auto loop = std::move(*AsioRunLoop::create());
@@ -118,7 +118,7 @@ class DBusPeerProcessTest : public testing::Test {
   DBusPeerTransport transport_{*loop_};
 };
 
-TEST_F(DBusPeerProcessTest, ASocketThatWasPassedIsListenedOnAndKeepsItsName) {
+TEST_F(DBusPeerProcessTest, APassedSocketIsUsedAndKeepsItsName) {
   const UniqueFd passed = boundSocket(true);
   startServer(
       [](DBusPeerTransport& transport, PeerTransport::NewConnection onConnection) {
@@ -129,13 +129,14 @@ TEST_F(DBusPeerProcessTest, ASocketThatWasPassedIsListenedOnAndKeepsItsName) {
       [&] { ::dup2(passed.get(), 3); });
   auto connection = connect();
   ASSERT_TRUE(connection);
-  EXPECT_EQ(connection->peer().process, ::getpid());  // Whoever made the socket listen.
+  // The credentials are those of the process that called listen().
+  EXPECT_EQ(connection->peer().process, ::getpid());
   EXPECT_EQ(connection->call("echo:", {Value("passed")}, 60s), MessageResult("passed"));
   kill();
   EXPECT_EQ(::access(path_.c_str(), F_OK), 0);
 }
 
-TEST_F(DBusPeerProcessTest, OnlyTheListeningSocketThatWasPassedIsTaken) {
+TEST_F(DBusPeerProcessTest, OnlyThePassedListeningSocketIsUsed) {
   const auto refusal = [this](int descriptor) {
     const auto listener = transport_.listenOn(descriptor, {}, [](auto) {});
     EXPECT_FALSE(listener);
@@ -145,7 +146,7 @@ TEST_F(DBusPeerProcessTest, OnlyTheListeningSocketThatWasPassedIsTaken) {
   EXPECT_EQ(refusal(-1), "descriptor -1 is not the first that is passed to a process, 3");
   EXPECT_EQ(refusal(4), "descriptor 4 is not the first that is passed to a process, 3");
   const UniqueFd saved(::fcntl(3, F_DUPFD_CLOEXEC, 100));
-  ASSERT_TRUE(saved);  // Something of this test has the number; the loop, most likely.
+  ASSERT_TRUE(saved);  // The test uses this number already, most likely for the loop.
   const UniqueFd plain = boundSocket(false);
   ASSERT_EQ(::dup3(plain.get(), 3, O_CLOEXEC), 3);
   EXPECT_EQ(refusal(3), "descriptor 3 is not a listening socket");
@@ -155,7 +156,7 @@ TEST_F(DBusPeerProcessTest, OnlyTheListeningSocketThatWasPassedIsTaken) {
   ASSERT_EQ(::dup3(saved.get(), 3, O_CLOEXEC), 3);
 }
 
-TEST_F(DBusPeerProcessTest, AKilledProcessFailsItsCallsAndLeavesANameThatIsReplaced) {
+TEST_F(DBusPeerProcessTest, AKilledServersCallsFailAndItsNameIsReplaced) {
   const Listen listen = [this](DBusPeerTransport& transport,
                                PeerTransport::NewConnection onConnection) {
     return transport.listen(path_, {}, std::move(onConnection));
@@ -189,9 +190,9 @@ TEST_F(DBusPeerProcessTest, AKilledProcessFailsItsCallsAndLeavesANameThatIsRepla
   EXPECT_EQ(connection->call("echo:", {Value("new")}, 60s), MessageResult("new"));
 }
 
-TEST_F(DBusPeerProcessTest, WithoutDescriptorsNewcomersAreTurnedAwayAndNobodySpins) {
+TEST_F(DBusPeerProcessTest, WithoutDescriptorsNewConnectionsAreClosedWithoutSpinning) {
 #ifdef __SANITIZE_ADDRESS__
-  // The type checks that come with it open a pipe of their own, and fail without descriptors.
+  // The sanitizer's check of types opens a pipe of its own, which fails without descriptors.
   GTEST_SKIP() << "the sanitizer needs descriptors itself";
 #endif
   startServer([this](DBusPeerTransport& transport, PeerTransport::NewConnection onConnection) {
@@ -216,7 +217,7 @@ TEST_F(DBusPeerProcessTest, WithoutDescriptorsNewcomersAreTurnedAwayAndNobodySpi
   EXPECT_LT(processorTime() - before, (loop_->now() - start) / 2);
   for (const auto& connection : held) EXPECT_TRUE(connection->call("echo:", {Value(1)}, 60s));
   held.pop_back();
-  // One that comes before the server has noticed is turned away; the next is not for long.
+  // A connection that comes before the server has noticed is closed; soon another one is accepted.
   std::unique_ptr<PeerConnection> again;
   for (int i = 0; i < 10 && !again; ++i) again = connect();
   ASSERT_TRUE(again);

@@ -1,4 +1,4 @@
-// Peers that break the rules, or that are no program of ours.
+// Peers that break the protocol, or that are not our programs.
 
 #include <array>
 #include <cstdio>
@@ -29,7 +29,7 @@ UniqueDBusMessage newMessage(const char* member) {
   return UniqueDBusMessage(dbus_message_new_method_call(nullptr, "/", kPeerInterface, member));
 }
 
-// A message whose whole is of this size, by a text that fills it.
+// A message of this total size, filled up with a text.
 std::string messageOfBytes(std::size_t bytes) {
   const auto withText = [](std::size_t length) {
     UniqueDBusMessage message = newMessage("echo_");
@@ -52,12 +52,12 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
  protected:
   DBusPeerStrangersTest() : PeerTransportBed(std::make_unique<PeerThreads>()) {}
 
-  // Another client, connected before, is served as if nothing had happened.
+  // Another client, which connected before, is still served.
   void expectNothingElseDisturbed() {
     EXPECT_EQ(call("echo:", {Value("undisturbed")}), MessageResult("undisturbed"));
   }
 
-  // A client of libdbus's own, authenticated, so that it can pass descriptors.
+  // An authenticated client of libdbus, which can pass descriptors.
   UniqueDBusConnection openPeer() {
     DBusErrorText error;
     const std::string address = "unix:path=" + path();
@@ -71,7 +71,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
     return peer;
   }
 
-  // "answered", or why not.
+  // "answered", or the reason why not.
   static std::string answerTo(DBusConnection* peer, int descriptor, dbus_uint64_t size) {
     UniqueDBusMessage message = newMessage("echo_");
     dbus_message_append_args(message.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_UINT64, &size,
@@ -82,7 +82,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
     return answer ? std::string("answered") : std::string(error.text());
   }
 
-  // The output of a command; dbus-send as its own users run it.
+  // The output of a command. dbus-send runs as its users run it.
   static std::string output(const std::string& command) {
     std::string text;
     FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
@@ -99,7 +99,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
   }
 };
 
-TEST_F(DBusPeerStrangersTest, HalfAnAuthenticationEndsWithItsTime) {
+TEST_F(DBusPeerStrangersTest, AnIncompleteAuthenticationTimesOut) {
   startHasty(20ms);
   RawPeer peer(path());
   peer.write("\0AUTH EXTER"sv);
@@ -109,7 +109,7 @@ TEST_F(DBusPeerStrangersTest, HalfAnAuthenticationEndsWithItsTime) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, AnAuthenticationThatDoesNotEndIsCutOff) {
+TEST_F(DBusPeerStrangersTest, AnEndlessAuthenticationIsCutOff) {
   start({.admissionTime = 60s});
   RawPeer peer(path());
   peer.write("\0"sv);
@@ -118,7 +118,7 @@ TEST_F(DBusPeerStrangersTest, AnAuthenticationThatDoesNotEndIsCutOff) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, AnotherUsersNameIsNotBelieved) {
+TEST_F(DBusPeerStrangersTest, AFalseUserIdIsRefused) {
   start({.admissionTime = 60s});
   RawPeer peer(path());
   peer.write("\0AUTH EXTERNAL 3132333435\r\n"sv);  // 12345
@@ -127,7 +127,7 @@ TEST_F(DBusPeerStrangersTest, AnotherUsersNameIsNotBelieved) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, AHeaderThatPromisesAGigabyteIsRefusedAtOnce) {
+TEST_F(DBusPeerStrangersTest, AHeaderThatAnnouncesAGigabyteIsRefusedAtOnce) {
   start();
   RawPeer peer(path());
   peer.authenticate();
@@ -164,14 +164,14 @@ TEST_F(DBusPeerStrangersTest, BytesThatAreNoMessageAreRefused) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, WhoBreaksTheProtocolIsToldApartFromWhoJustGoes) {
+TEST_F(DBusPeerStrangersTest, ABrokenProtocolDiffersFromAClosedConnection) {
   start();
   {
     RawPeer peer(path());
     peer.authenticate();
   }
   runUntilNoted("client died");
-  {  // In the middle of a message.
+  {  // It closes in the middle of a message.
     RawPeer peer(path());
     peer.authenticate();
     peer.write(messageOfBytes(200).substr(0, 100));
@@ -185,13 +185,13 @@ TEST_F(DBusPeerStrangersTest, WhoBreaksTheProtocolIsToldApartFromWhoJustGoes) {
   EXPECT_EQ(journal_.count("client died"), 3u);
 }
 
-TEST_F(DBusPeerStrangersTest, AMessageIsOfSoManyBytesAndNoMore) {
+TEST_F(DBusPeerStrangersTest, TheSizeOfAMessageIsLimited) {
   start();
   for (const std::size_t size : {kMaxPeerMessageBytes - 1, kMaxPeerMessageBytes}) {
     RawPeer peer(path());
     peer.authenticate();
     EXPECT_TRUE(peer.write(messageOfBytes(size)));
-    // Its answer may be larger and then comes as a file: enough that the next one is answered.
+    // The answer may be larger and then is a file. It is enough that the next message is answered.
     EXPECT_TRUE(peer.write(RawPeer::marshalled(newMessage("closeHere").get(), 2)));
     EXPECT_TRUE(peer.awaitClose());
     runUntilNoted("closed", size == kMaxPeerMessageBytes ? 2 : 1);
@@ -204,7 +204,7 @@ TEST_F(DBusPeerStrangersTest, AMessageIsOfSoManyBytesAndNoMore) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, BeforeItIsAdmittedAMessageIsOfSoManyBytesAndNoMore) {
+TEST_F(DBusPeerStrangersTest, TheSizeOfAMessageBeforeAdmissionIsLimited) {
   server_.admits = false;
   start({.admissionTime = 60s});
   for (const std::size_t size :
@@ -224,8 +224,8 @@ TEST_F(DBusPeerStrangersTest, BeforeItIsAdmittedAMessageIsOfSoManyBytesAndNoMore
   expectNothingElseDisturbed();
 }
 
-// Each message of the flood is small; they are read no faster than they are handled.
-TEST_F(DBusPeerStrangersTest, AFloodForWhoIsBusyIsNotKept) {
+// Each message of the flood is small. They are read no faster than they are handled.
+TEST_F(DBusPeerStrangersTest, AFloodForABusyServerIsNotKept) {
   start();
   RawPeer peer(path());
   peer.authenticate();
@@ -243,7 +243,7 @@ TEST_F(DBusPeerStrangersTest, AFloodForWhoIsBusyIsNotKept) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromWhoIsAdmitted) {
+TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromAdmittedOnes) {
   start({.admissionTime = 60s});
   std::vector<std::unique_ptr<RawPeer>> flood;
   for (std::size_t i = 0; i < 3 * kPeerPlaces; ++i) {
@@ -251,13 +251,13 @@ TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromWhoIsAdmitted) 
   }
   EXPECT_TRUE(flood.front()->awaitClose());
   expectNothingElseDisturbed();
-  const auto another = connect();  // The newest is let in.
+  const auto another = connect();  // The newest connection is accepted.
   ASSERT_TRUE(another);
   EXPECT_TRUE(another->call("echo:", {Value(1)}, 60s));
 }
 
-// What this thread connects to while this lives sees an ordinary user. The other threads stay root,
-// for which the library's function is no good.
+// While it lives, this thread connects as an ordinary user. The other threads stay root, so the C
+// library's function, which changes all threads, can't be used.
 class AsOrdinaryUser {
  public:
   AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0); }
@@ -266,7 +266,7 @@ class AsOrdinaryUser {
   ~AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0); }
 };
 
-TEST_F(DBusPeerStrangersTest, AnOrdinaryUserHoldsSoManyConnectionsAndNoMore) {
+TEST_F(DBusPeerStrangersTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   start({.socketMode = 0666, .connectionsPerUser = 2});
   ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
@@ -283,14 +283,14 @@ TEST_F(DBusPeerStrangersTest, AnOrdinaryUserHoldsSoManyConnectionsAndNoMore) {
     EXPECT_TRUE(RawPeer(path()).awaitClose());
   }
   expectNothingElseDisturbed();
-  RawPeer(path()).authenticate();  // Root is not counted with others.
+  RawPeer(path()).authenticate();  // Root's connections are counted separately.
   runUntilNoted("client died");
   second.reset();
   runUntilNoted("client died", 2);
   second = connected();
 }
 
-TEST_F(DBusPeerStrangersTest, AMessageBringsSoManyDescriptorsAndNoMore) {
+TEST_F(DBusPeerStrangersTest, TheDescriptorsOfAMessageAreLimited) {
   start();
   const UniqueFd file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   for (const std::size_t count :
@@ -299,7 +299,7 @@ TEST_F(DBusPeerStrangersTest, AMessageBringsSoManyDescriptorsAndNoMore) {
     peer.authenticate();
     UniqueDBusMessage message = newMessage("note");
     dbus_message_set_no_reply(message.get(), true);
-    // libdbus marshals no message with descriptors, so the header's count is set by hand.
+    // libdbus marshals no message with descriptors, so their number in the header is set by hand.
     std::string bytes = RawPeer::marshalled(message.get());
     std::uint32_t fields = 0;
     std::memcpy(&fields, bytes.data() + 12, sizeof(fields));
@@ -353,7 +353,7 @@ TEST_F(DBusPeerStrangersTest, AMemoryFileThatCouldChangeIsRefused) {
   expectNothingElseDisturbed();
 }
 
-TEST_F(DBusPeerStrangersTest, BeforeItIsAdmittedAMemoryFileIsRefused) {
+TEST_F(DBusPeerStrangersTest, AMemoryFileBeforeAdmissionIsRefused) {
   server_.admits = false;
   start({.admissionTime = 60s});
   const std::string good = messageOfBytes(200);
@@ -390,7 +390,7 @@ TEST_F(DBusPeerStrangersTest, DbusSendsSignalsAndUnansweredCallsArrive) {
   runUntilNoted("closed");
 }
 
-TEST_F(DBusPeerStrangersTest, WhatCantBeAMessageIsAnsweredWithTheReason) {
+TEST_F(DBusPeerStrangersTest, AnInvalidMessageIsAnsweredWithTheReason) {
   start();
   const std::string invalid = "com.vantor.exception.NSInvalidArgumentException";
   for (const auto& [message, reason] : std::vector<std::pair<std::string, std::string>>{

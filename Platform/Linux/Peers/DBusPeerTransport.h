@@ -9,7 +9,7 @@
 
 namespace platform {
 
-// Connections over Unix sockets that speak D-Bus from peer to peer; DBusMessages.h says how.
+// Peer-to-peer D-Bus connections over Unix sockets; DBusMessages.h describes the messages.
 class DBusPeerTransport final : public PeerTransport {
  public:
   explicit DBusPeerTransport(AsioRunLoop& loop);
@@ -19,8 +19,8 @@ class DBusPeerTransport final : public PeerTransport {
                                                NewConnection onConnection) override;
   Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
                                       NewConnection onConnection) override;
-  // The descriptor must be 3, the first that LISTEN_FDS stands for, since libdbus looks there only.
-  // Sets LISTEN_FDS and LISTEN_PID for a moment, so no other thread may read the environment.
+  // The descriptor must be 3, the first of LISTEN_FDS, because libdbus looks only there. The call
+  // sets LISTEN_FDS and LISTEN_PID for a moment, so no other thread may read the environment.
   Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
                                                  const PeerListenerOptions& options,
                                                  NewConnection onConnection) override;
@@ -29,8 +29,8 @@ class DBusPeerTransport final : public PeerTransport {
   std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connectToEndpoint(
       const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) override;
 
-  // A socket that listens already, because this process was started with it, and which listen()
-  // takes for the name `path`, once. To be called before the loop runs on another thread.
+  // Adds a listening socket with which this process was started. The next listen() on `path` uses
+  // it. Call it before the loop runs on another thread.
   void adopt(std::string path, PassedServer passed);
 
  private:

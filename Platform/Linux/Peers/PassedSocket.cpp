@@ -44,7 +44,7 @@ Result<std::optional<PassedSocket>> takeSockets(const std::string& name) {
   }
   dbus_threads_init_default();
   DBusErrorText error;
-  // The only address by which libdbus takes a socket that is there already.
+  // The only address with which libdbus uses an existing socket.
   PassedServer server(dbus_server_listen("systemd:", error.get()));
   if (!server) return invalidSockets(error.text());
   return PassedSocket{name, std::move(server)};

@@ -6,7 +6,7 @@
 
 #include "Platform/Values/Error.h"
 
-struct DBusServer;  // So that programs need not see libdbus.
+struct DBusServer;  // Programs need not see libdbus.
 
 namespace platform {
 
@@ -18,17 +18,17 @@ using PassedServer = std::unique_ptr<DBusServer, PassedServerClose>;
 // The first descriptor that is passed to a program by the protocol of sd_listen_fds(3).
 inline constexpr int kFirstPassedDescriptor = 3;
 
-// The listening socket of a Mach service that this process was started with: the job host binds it
-// before, so that whoever connects earlier waits and is not refused.
+// The listening socket of a Mach service with which this process was started. The job host binds it
+// before the start, so that early clients wait and are not refused.
 struct PassedSocket {
   std::string machService;
   PassedServer server;
 
-  // Takes it from LISTEN_FDS, LISTEN_FDNAMES and LISTEN_PID, which are removed: a child of ours is
-  // not to take it for its own. Nothing where there are none, or they are another process's. To be
-  // called before there are other threads, since it changes the environment.
+  // Takes the socket from LISTEN_FDS, LISTEN_FDNAMES and LISTEN_PID, and removes these, so that a
+  // child process does not take it for its own. std::nullopt if they are not set or meant for
+  // another process. Call it before other threads exist, because it changes the environment.
   //
-  // Fails with kInvalid where it is more than one socket, one without a name, or none that listens.
+  // Fails with kInvalid if there is more than one socket, it has no name, or it does not listen.
   static Result<std::optional<PassedSocket>> takeFromEnvironment();
 };
 

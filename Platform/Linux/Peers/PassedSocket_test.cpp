@@ -26,8 +26,8 @@ using testing::StartsWith;
 constexpr int kFirst = 3;
 constexpr char kName[] = "com.example.service";
 
-// What it says in a process of its own: descriptor 3 and the environment are a process's, and so is
-// libdbus's use of them, which is once for all.
+// Runs the action in a process of its own and returns its text: descriptor 3 and the environment
+// belong to the process, and libdbus uses them only once.
 std::string inAnotherProcess(const std::function<std::string()>& action) {
   int ends[2];
   EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
@@ -35,7 +35,7 @@ std::string inAnotherProcess(const std::function<std::string()>& action) {
   UniqueFd writeEnd(ends[1]);
   const pid_t child = ::fork();
   if (child == 0) {
-    const int out = ::fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, 100);  // Out of the way.
+    const int out = ::fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, 100);  // Away from descriptor 3.
     const std::string said = action();
     ::_exit(::write(out, said.data(), said.size()) == static_cast<ssize_t>(said.size()) ? 0 : 1);
   }
@@ -55,7 +55,7 @@ class PassedSocketTest : public testing::Test {
  protected:
   enum class Passed { kNothing, kListening, kSilent, kDatagram, kFile };
 
-  // In the child: puts it where a job host does.
+  // In the child: puts the descriptor where a job host does.
   void pass(Passed what) const {
     ::close(kFirst);
     int made = -1;
@@ -92,7 +92,7 @@ class PassedSocketTest : public testing::Test {
     std::string count = "1";
     std::string names = kName;
   };
-  // What takeFromEnvironment() made of it, and what of the environment was left.
+  // The result of takeFromEnvironment(), and the variables that are left.
   std::string take(Passed what, const Environment& environment) const {
     return inAnotherProcess([&] {
       pass(what);
@@ -120,7 +120,7 @@ TEST_F(PassedSocketTest, AListeningSocketIsTakenByItsName) {
   EXPECT_EQ(take(Passed::kListening, {}), std::string("took ") + kName);
 }
 
-TEST_F(PassedSocketTest, WhatIsAnotherProcesssIsNotTakenAndNotLeftToChildren) {
+TEST_F(PassedSocketTest, SocketsOfAnotherProcessAreNotTakenOrInherited) {
   EXPECT_EQ(take(Passed::kListening, {.process = "1"}), "nothing");
   EXPECT_EQ(take(Passed::kListening, {.process = ""}), "nothing");
   EXPECT_EQ(take(Passed::kNothing, {.count = ""}), "nothing");
@@ -134,7 +134,7 @@ TEST_F(PassedSocketTest, WithoutAnEnvironmentThereIsNothing) {
   EXPECT_EQ(said, "nothing");
 }
 
-TEST_F(PassedSocketTest, MoreThanOneOrNoneIsAnErrorThatSaysWhatWasExpected) {
+TEST_F(PassedSocketTest, NoSocketOrSeveralAreAnErrorWithAReason) {
   for (const char* count : {"0", "2", "-1", "one", "1x"}) {
     EXPECT_THAT(take(Passed::kListening, {.count = count}),
                 AllOf(StartsWith("the sockets that this process was started with: "),
@@ -149,7 +149,7 @@ TEST_F(PassedSocketTest, ASocketHasOneName) {
   }
 }
 
-TEST_F(PassedSocketTest, WhatDoesNotListenIsRefused) {
+TEST_F(PassedSocketTest, ASocketThatDoesNotListenIsRefused) {
   for (const Passed what : {Passed::kNothing, Passed::kSilent, Passed::kDatagram, Passed::kFile}) {
     EXPECT_THAT(take(what, {}), HasSubstr("descriptor 3 is not a Unix stream socket that listens"));
   }

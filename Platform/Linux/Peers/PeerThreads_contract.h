@@ -16,8 +16,8 @@
 
 namespace platform {
 
-// The real transport at both ends, the other end on a thread and a loop of its own. It can't tell
-// that from a process.
+// The real transport at both ends. The other end has a thread and a loop of its own, and can't tell
+// this from a process of its own.
 class PeerThreads final : public PeerTransportHarness {
  public:
   ~PeerThreads() override {
@@ -86,7 +86,7 @@ class PeerThreads final : public PeerTransportHarness {
   std::unique_ptr<AsioRunLoop> thereLoop_ = std::move(*AsioRunLoop::create());
   DBusPeerTransport here_{*loop_};
   DBusPeerTransport there_{*thereLoop_};
-  std::jthread thread_{[this] { thereLoop_->run(); }};  // Ends first.
+  std::jthread thread_{[this] { thereLoop_->run(); }};  // Destroyed first.
 };
 
 }  // namespace platform

@@ -19,7 +19,7 @@
 
 namespace platform {
 
-// A peer that writes to its socket whatever a test wants.
+// A peer that writes raw bytes to its socket.
 class RawPeer {
  public:
   explicit RawPeer(const std::string& path) {
@@ -33,7 +33,7 @@ class RawPeer {
 
   int socket() const { return socket_.get(); }
 
-  // Whether all could be written; the other side may have closed.
+  // Returns whether all bytes could be written; the other side may have closed.
   bool write(std::string_view bytes) {
     while (!bytes.empty()) {
       if (!await(POLLOUT)) return false;
@@ -45,7 +45,7 @@ class RawPeer {
     return true;
   }
 
-  // As a client that may pass descriptors.
+  // Authenticates as a client that may pass descriptors.
   void authenticate() {
     std::string digits;
     for (const char digit : std::to_string(::geteuid())) digits += {'3', digit};
@@ -55,7 +55,7 @@ class RawPeer {
     write("NEGOTIATE_UNIX_FD\r\n");
     EXPECT_EQ(readLine(), "AGREE_UNIX_FD");
     write("BEGIN\r\n");
-    // Descriptors that come with the end of the authentication would be lost.
+    // Descriptors that arrive with the end of the authentication would be lost.
     UniqueDBusMessage ping(dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
     EXPECT_TRUE(write(marshalled(ping.get())));
     EXPECT_TRUE(await(POLLIN));
@@ -63,7 +63,7 @@ class RawPeer {
     EXPECT_GT(::recv(socket_.get(), answer, sizeof(answer), 0), 0);
   }
 
-  // One message, whatever it is. The kernel closes the descriptors that come with it.
+  // Reads one message of any kind. The kernel closes the descriptors in it.
   void readMessage() {
     std::string header = readBytes(16);
     std::uint32_t body = 0;
@@ -73,7 +73,7 @@ class RawPeer {
     readBytes((fields + 7) / 8 * 8 + body);
   }
 
-  // With descriptors attached to the first byte.
+  // Attaches the descriptors to the first byte.
   bool writeWith(std::string_view bytes, const std::vector<int>& descriptors) {
     iovec part{const_cast<char*>(bytes.data()), bytes.size()};
     std::vector<char> control(CMSG_SPACE(sizeof(int) * descriptors.size()));
@@ -90,7 +90,7 @@ class RawPeer {
     return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
 
-  // Whether the other side closes, whatever it says before.
+  // Waits until the other side closes, whatever it sends before.
   bool awaitClose() {
     char bytes[4096];
     for (;;) {

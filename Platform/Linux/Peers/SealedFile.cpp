@@ -46,7 +46,7 @@ Result<std::string> readSealedFile(int descriptor, std::size_t limit) {
   if (static_cast<std::uint64_t>(status.st_size) > limit) {
     return notSealed("of more than " + std::to_string(limit) + " bytes");
   }
-  // Read rather than mapped: a mapping of huge pages that are not there would end the process.
+  // Reads instead of mapping: missing huge pages in a mapping would crash the process.
   std::string content(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t size = 0;
   while (size < content.size()) {

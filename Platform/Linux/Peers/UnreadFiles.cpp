@@ -10,7 +10,7 @@ namespace platform {
 
 namespace {
 
-// What is written and unread, with the kernel's bookkeeping for it.
+// The written and unread bytes, with the kernel's bookkeeping for them.
 std::size_t bytesInSocket(int socket) {
   int bytes = 0;
   if (::ioctl(socket, SIOCOUTQ, &bytes) != 0 || bytes < 0) {
@@ -34,7 +34,7 @@ void UnreadFiles::sent(std::size_t fileBytes, bool isWritten) {
   if (fileBytes > 0) {
     bytes_ += fileBytes;
     messages_.push_back({written_, fileBytes});
-    // Otherwise it stands behind something that is still to be written, and so not yet counted.
+    // Otherwise data before it is still unwritten, so its position is unknown yet.
     if (wasWritten_) placed_ = messages_.size();
   }
   if (!wasWritten_ || !isWritten) return;
@@ -49,7 +49,7 @@ std::size_t UnreadFiles::bytes(bool isWritten) {
   const std::size_t inSocket = bytesInSocket(socket_);
   const bool isAllRead = isWritten && inSocket == 0;
   while (placed_ > 0 && (isAllRead || inSocket < written_ - messages_.front().position)) {
-    forgetOldest();
+    removeOldest();
   }
   return bytes_;
 }
@@ -58,7 +58,7 @@ void UnreadFiles::placeAll() {
   for (; placed_ < messages_.size(); ++placed_) messages_[placed_].position = written_;
 }
 
-void UnreadFiles::forgetOldest() {
+void UnreadFiles::removeOldest() {
   bytes_ -= messages_.front().fileBytes;
   messages_.pop_front();
   --placed_;

@@ -14,9 +14,9 @@ namespace platform {
 namespace {
 
 constexpr std::size_t kFileBytes = 2 * kMaxPeerMessageBytes;
-constexpr std::size_t kFrame = 200;  // what stands on the socket for a file
+constexpr std::size_t kFrame = 200;  // the bytes on the socket for a file
 
-// The socket is the kernel's own. What the files hold does not matter to it, so there are none.
+// The kernel's real socket. The files themselves do not matter, so there are none.
 class UnreadFilesTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -51,7 +51,7 @@ class UnreadFilesTest : public testing::Test {
   UnreadFiles files_{-1};
 };
 
-TEST_F(UnreadFilesTest, TheKernelCountsThatMuchForTheShortestMessageAndMoreForALongOne) {
+TEST_F(UnreadFilesTest, TheKernelCountsAtLeastThatMuchForAnyMessage) {
   write(1);
   const std::size_t one = inSocket();
   EXPECT_GT(one, UnreadFiles::kLeastSocketBytes);
@@ -63,12 +63,12 @@ TEST_F(UnreadFilesTest, TheKernelCountsThatMuchForTheShortestMessageAndMoreForAL
   read(1);
   EXPECT_GT(inSocket(), 10'000u);
   read(9'999);
-  EXPECT_GT(inSocket(), 9'999u);  // As long as a byte of it is unread.
+  EXPECT_GT(inSocket(), 9'999u);  // The whole message counts while a byte of it is unread.
   read(1);
   EXPECT_EQ(inSocket(), 0u);
 }
 
-TEST_F(UnreadFilesTest, EachCountsUntilItIsRead) {
+TEST_F(UnreadFilesTest, EachFileCountsUntilItIsRead) {
   for (int i = 0; i < 5; ++i) send(kFileBytes);
   EXPECT_EQ(files_.bytes(true), 5 * kFileBytes);
   for (std::size_t left = 4; left > 0; --left) {
@@ -79,7 +79,7 @@ TEST_F(UnreadFilesTest, EachCountsUntilItIsRead) {
   EXPECT_EQ(files_.bytes(true), 0u);
 }
 
-TEST_F(UnreadFilesTest, WhatIsReadBeforeAFileDoesNotCountForIt) {
+TEST_F(UnreadFilesTest, DataReadBeforeAFileDoesNotCountForIt) {
   for (int i = 0; i < 20; ++i) send(0);
   send(kFileBytes);
   for (int i = 0; i < 20; ++i) send(0);
@@ -89,7 +89,7 @@ TEST_F(UnreadFilesTest, WhatIsReadBeforeAFileDoesNotCountForIt) {
   }
   EXPECT_EQ(files_.bytes(true), kFileBytes);
   read();
-  EXPECT_EQ(files_.bytes(true), 0u);  // What stands behind it is still there.
+  EXPECT_EQ(files_.bytes(true), 0u);  // The message after it is still in the socket.
   EXPECT_GT(inSocket(), 0u);
 }
 
@@ -103,8 +103,9 @@ TEST_F(UnreadFilesTest, APeerThatIsAlwaysOneBehindHasReadTheOthers) {
   }
 }
 
-// What such a message adds can't be seen: the queue is no longer behind it than it was before.
-TEST_F(UnreadFilesTest, APeerThatReadsWhileAMessageIsWrittenIsBelievedALittleLater) {
+// The size of such a message can't be measured, because the queue is no longer after it than
+// before.
+TEST_F(UnreadFilesTest, AReadDuringAWriteCountsALittleLater) {
   send(kFileBytes);
   for (int i = 0; i < 100; ++i) {
     files_.willSend(kFileBytes, true);
@@ -118,26 +119,27 @@ TEST_F(UnreadFilesTest, APeerThatReadsWhileAMessageIsWrittenIsBelievedALittleLat
   EXPECT_EQ(files_.bytes(true), 0u);
 }
 
-TEST_F(UnreadFilesTest, WhatWaitsOutsideTheSocketIsUnread) {
+TEST_F(UnreadFilesTest, DataOutsideTheSocketIsUnread) {
   files_.willSend(kFileBytes, true);
   files_.sent(kFileBytes, false);
   files_.willSend(kFileBytes, false);
   files_.sent(kFileBytes, false);
-  EXPECT_EQ(files_.bytes(false), 2 * kFileBytes);  // Though the socket is empty.
+  EXPECT_EQ(files_.bytes(false), 2 * kFileBytes);  // Although the socket is empty.
   write(kFrame);
   write(kFrame);
   EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);
   send(0);
   send(0);
   read();
-  EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);  // Written unseen, they count as one.
+  // Their sizes were not measured, so they count until both are read.
+  EXPECT_EQ(files_.bytes(true), 2 * kFileBytes);
   read();
   read();
   EXPECT_GT(inSocket(), 0u);
   EXPECT_EQ(files_.bytes(true), 0u);
 }
 
-TEST_F(UnreadFilesTest, WhatIsWrittenInPartsIsNotReadBeforeItsEnd) {
+TEST_F(UnreadFilesTest, AMessageWrittenInPartsIsUnreadUntilItsEnd) {
   send(kFileBytes);
   files_.willSend(kFileBytes, true);
   write(kFrame / 2);

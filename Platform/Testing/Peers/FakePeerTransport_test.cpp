@@ -101,7 +101,7 @@ TEST_F(FakePeerTransportTest, ThePlaceOfWhoIsNotAdmittedLastsFiveSeconds) {
   EXPECT_EQ(deaths_[0].code, ErrorCode::kDenied);
 }
 
-TEST_F(FakePeerTransportTest, AnOrdinaryUserHoldsSoManyConnectionsAndNoMore) {
+TEST_F(FakePeerTransportTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
   const auto listener = listen(daemon_, {.connectionsPerUser = 3});
   std::vector<std::unique_ptr<PeerConnection>> held;
   for (int i = 0; i < 3; ++i) held.push_back(std::move(*client_.connect("name", {})));
@@ -168,7 +168,7 @@ TEST_F(FakePeerTransportTest, ADeathComesBeforeAnOrdinaryMessageOfAnother) {
 }
 
 // An answer of one piece of data counts for the data and 1,032 bytes.
-TEST_F(FakePeerTransportTest, UnreadAnswersMayBeSoManyBytesAndNoMore) {
+TEST_F(FakePeerTransportTest, TheBytesOfUnreadAnswersAreLimited) {
   for (const int excess : {-1, 0, 1}) {
     SCOPED_TRACE(excess);
     const auto listener = listen(daemon_);
