@@ -80,7 +80,7 @@ TEST(JobDefinitionTest, TheSmallestJobHasTheDefaults) {
   EXPECT_EQ(definition.dictionary, Value(job()));
 }
 
-TEST(JobDefinitionTest, EveryKeyIsTaken) {
+TEST(JobDefinitionTest, EveryKeyIsRead) {
   const JobDefinition definition =
       parsed(job({{"ProgramArguments", Array{"agent", "", "--fast"}},
                   {"UserName", "daemon"},

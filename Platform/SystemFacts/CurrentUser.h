@@ -4,7 +4,7 @@
 
 namespace platform {
 
-// Whose rights this program has: those of who started it, and those that count. Any thread.
+// The real and the effective user of this process. Any thread may call them.
 UserId currentUserId();
 UserId currentEffectiveUserId();
 

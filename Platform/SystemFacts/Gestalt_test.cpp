@@ -7,7 +7,7 @@
 namespace platform {
 namespace {
 
-TEST(GestaltTest, ThePackedVersionHoldsOneDigitInEachFourBitsAndClampsWhatDoesNotFit) {
+TEST(GestaltTest, ThePackedVersionClampsNumbersThatDoNotFit) {
   const struct {
     OperatingSystemVersion version;
     std::int32_t packed;

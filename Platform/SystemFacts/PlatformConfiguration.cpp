@@ -11,13 +11,13 @@ namespace platform {
 namespace {
 
 constexpr std::size_t kMaximumPathBytes = 4095;
-constexpr std::size_t kMaximumGroupBytes = 32;  // what the system's own group tools admit
+constexpr std::size_t kMaximumGroupBytes = 32;  // the limit of the system's group tools
 constexpr std::size_t kMaximumLanguages = 64;
 constexpr std::size_t kMaximumLanguageBytes = 64;
 constexpr std::size_t kMaximumAddressBytes = 1024;
 constexpr std::size_t kMaximumDigits = 4;
 
-// The marketing release lies this many behind the kernel's.
+// The marketing release is the kernel's major number minus this.
 constexpr std::uint64_t kKernelMajorOfFirstRelease = 4;
 
 using Configuration = PlatformConfiguration;
@@ -31,7 +31,8 @@ bool isPlainText(const std::string& text, std::size_t maximumBytes) {
   return !text.empty() && text.size() <= maximumBytes && std::ranges::none_of(text, isControl);
 }
 
-// "15.0.0" as its numbers; nothing unless there are `least` to three, each of one to four digits.
+// The numbers of a text like "15.0.0"; std::nullopt unless there are `least` to three, each of one
+// to four digits.
 std::optional<std::vector<std::uint64_t>> dottedNumbers(const std::string& text,
                                                         std::size_t least) {
   std::vector<std::uint64_t> numbers;
@@ -171,7 +172,7 @@ std::string knownKeys() {
   return fmt::format("{}", fmt::join(names, ", "));
 }
 
-// A key or value from the file, harmless in a line of text.
+// A key or value from the file, escaped for a line of text.
 std::string quotedExcerpt(std::string_view text) {
   constexpr std::size_t kShown = 64;
   std::string shown(text.substr(0, kShown));
@@ -179,7 +180,7 @@ std::string quotedExcerpt(std::string_view text) {
   return fmt::format("\"{}\"{}", shown, text.size() > kShown ? "..." : "");
 }
 
-// What stands in the file, for the end of an error text.
+// The value in the file, as the end of an error text.
 std::string found(const Value& value) {
   if (value.string()) return quotedExcerpt(*value.string());
   if (value.integer()) return fmt::format("{}", *value.integer());

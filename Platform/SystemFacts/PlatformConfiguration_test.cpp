@@ -32,13 +32,13 @@ TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   EXPECT_EQ(configuration.logLevel, 7);
 }
 
-TEST(PlatformConfigurationTest, TheLogSinkIsLeftToThePlatformUnlessNamed) {
+TEST(PlatformConfigurationTest, ThePlatformChoosesAnUnnamedLogSink) {
   EXPECT_FALSE(parse({})->logSink);
   EXPECT_EQ(parse({{"LogSink", "journal"}})->logSink, PlatformConfiguration::LogSink::kJournal);
   EXPECT_EQ(parse({{"LogSink", "syslog"}})->logSink, PlatformConfiguration::LogSink::kSyslog);
 }
 
-TEST(PlatformConfigurationTest, EveryKeyIsTaken) {
+TEST(PlatformConfigurationTest, EveryKeyIsRead) {
   const auto configuration = parse({{"KernelRelease", "14.5.0"},
                                     {"OSVersion", "10.9"},
                                     {"UsersRoot", "/Users"},
@@ -136,7 +136,7 @@ TEST(PlatformConfigurationTest, AWrongTypeOrAnImpossibleValueNamesFileKeyAndExpe
   }
 }
 
-TEST(PlatformConfigurationTest, ValuesAtTheLimitAreTaken) {
+TEST(PlatformConfigurationTest, ValuesAtTheLimitAreAccepted) {
   const Refusal taken[] = {
       {"UsersRoot", "/" + std::string(4094, 'a'), ""},
       {"Group", std::string(32, 'g'), ""},
@@ -159,7 +159,7 @@ TEST(PlatformConfigurationTest, AnUnknownKeyIsRefusedWithTheKnownOnes) {
                     HasSubstr("KernelRelease, OSVersion"), HasSubstr("LogLevel")));
 }
 
-TEST(PlatformConfigurationTest, AnErrorStaysOneShortLineWhateverTheKey) {
+TEST(PlatformConfigurationTest, AnErrorIsOneShortLineForAnyKey) {
   const std::string longKey(5000, 'k');
   const auto configuration = parse({{longKey, 1}});
   ASSERT_FALSE(configuration);
@@ -168,7 +168,7 @@ TEST(PlatformConfigurationTest, AnErrorStaysOneShortLineWhateverTheKey) {
   EXPECT_EQ(lineBreak.error().context.find('\n'), std::string::npos);
 }
 
-TEST(PlatformConfigurationTest, WhatIsNoDictionaryIsRefused) {
+TEST(PlatformConfigurationTest, OnlyADictionaryIsAccepted) {
   const auto configuration = parsePlatformConfiguration(Array{}, kFile, "/");
   ASSERT_FALSE(configuration);
   EXPECT_EQ(configuration.error().context,

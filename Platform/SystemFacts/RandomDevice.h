@@ -13,9 +13,10 @@ class RandomDevice {
  public:
   virtual ~RandomDevice() = default;
 
-  // Opens it, reads up to `buffer.size()` bytes into `buffer`, closes it, and returns how many it
-  // read: fewer where reading failed. Fails only where it can't be opened; the error says why.
-  // Blocks until the system has gathered enough chance, which it has but for its first seconds.
+  // Opens the device, reads up to `buffer.size()` bytes into `buffer`, and closes it. Returns the
+  // number of bytes read, which is less if reading failed. Fails only if the device can't be
+  // opened. Blocks until the system has gathered enough entropy, which takes only its first
+  // seconds.
   virtual Result<std::size_t> read(std::span<std::uint8_t> buffer) = 0;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every SystemInformation must do. A test program derives a machine from
+// The contract of every SystemInformation. A test program derives a machine from
 // SystemInformationMachine and instantiates the suite with a function that makes it:
 //   INSTANTIATE_TEST_SUITE_P(Fake, SystemInformationContract, testing::Values(&makeFakeMachine));
 
@@ -16,8 +16,8 @@
 
 namespace platform {
 
-// A machine whose release is 15.6.0 and version 10.11.6, on which a process runs. Its user 0 is
-// called "root"; it has no user 4294967294 and no process with the largest number.
+// A machine with release 15.6.0, version 10.11.6 and a running process. Its user 0 is called
+// "root". It has no user 4294967294 and no process with the largest number.
 class SystemInformationMachine {
  public:
   virtual ~SystemInformationMachine() = default;
@@ -26,7 +26,7 @@ class SystemInformationMachine {
   virtual ProcessId runningProcess() = 0;
   virtual KernelProcess recordOfRunningProcess() = 0;
   virtual std::string pathOfRunningProcess() = 0;
-  // A process that has ended and left nothing behind.
+  // A process that has ended and been reaped.
   virtual ProcessId endedProcess() = 0;
 };
 
@@ -71,11 +71,11 @@ TEST_P(SystemInformationContract, ARunningProcessHasARecordAndAPath) {
   EXPECT_EQ(system_.processPath(machine_->runningProcess()), machine_->pathOfRunningProcess());
 }
 
-TEST_P(SystemInformationContract, AProcessThatHasEndedIsNoError) {
+TEST_P(SystemInformationContract, AnEndedProcessIsNoError) {
   expectNoProcess(machine_->endedProcess());
 }
 
-TEST_P(SystemInformationContract, NumbersThatNameNoProcessAreNoError) {
+TEST_P(SystemInformationContract, UnusedProcessNumbersAreNoError) {
   for (const ProcessId process :
        {0, -1, std::numeric_limits<ProcessId>::min(), std::numeric_limits<ProcessId>::max()}) {
     expectNoProcess(process);
@@ -89,7 +89,7 @@ TEST_P(SystemInformationContract, AUserHasAPosixNameAndAFullName) {
   EXPECT_NE(root->fullName, "");
 }
 
-TEST_P(SystemInformationContract, AnUnknownUserIsNone) {
+TEST_P(SystemInformationContract, AnUnknownUserHasNoIdentity) {
   EXPECT_FALSE(system_.identityForPosixId(std::numeric_limits<UserId>::max() - 1));
 }
 

@@ -4,8 +4,8 @@
 
 namespace platform {
 
-// The calling thread's number, the same for as long as the thread lives. A number may come back for
-// another thread once its thread has ended.
+// The calling thread's number, which stays the same while the thread lives. Another thread may get
+// the number after that.
 std::uint32_t mach_thread_self();
 
 }  // namespace platform

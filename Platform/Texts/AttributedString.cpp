@@ -23,7 +23,7 @@ void AttributedString::append(const AttributedString& other) {
   for (const Run& run : other.runs_) append(run.text, run.attributes);
 }
 
-// Neighbours may be alike afterwards, so all are put together anew.
+// Neighbouring runs may be equal afterwards, so the text is put together again.
 template <typename Remove>
 void AttributedString::change(Remove remove) {
   for (Run& run : std::exchange(runs_, {})) {

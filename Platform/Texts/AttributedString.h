@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// Text with attributes, of which there are three: where a piece leads to, and the two marks of
-// style that text from HTML carries. Nothing else that a text could look like is kept.
+// Text with three attributes: the target of a link, and the two attributes of style that text from
+// HTML has.
 class AttributedString {
  public:
   struct Font {
@@ -27,7 +27,7 @@ class AttributedString {
     std::optional<ParagraphStyle> paragraphStyle = std::nullopt;
     bool operator==(const Attributes&) const = default;
   };
-  // A piece of the text with the same attributes throughout; never empty.
+  // A part of the text with equal attributes; never empty.
   struct Run {
     std::string text;
     Attributes attributes;
@@ -35,10 +35,10 @@ class AttributedString {
   };
 
   AttributedString() = default;
-  // Plain text, without any attribute.
+  // Plain text without attributes.
   explicit AttributedString(std::string_view plain) { append(plain, {}); }
 
-  // Neighbours always differ in their attributes.
+  // Neighbouring runs always differ in their attributes.
   const std::vector<Run>& runs() const { return runs_; }
   bool empty() const { return runs_.empty(); }
   // The text alone.
@@ -47,7 +47,7 @@ class AttributedString {
   void append(std::string_view text, const Attributes& attributes);
   void append(const AttributedString& other);
 
-  // Takes an attribute from all of the text, which then looks like what is around it.
+  // Removes an attribute from the whole text, which then looks like its surroundings.
   void removeFont();
   void removeParagraphStyle();
 

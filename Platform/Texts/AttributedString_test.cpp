@@ -23,7 +23,7 @@ TEST(AttributedStringTest, NeighboursWithTheSameAttributesAreOneRun) {
   EXPECT_EQ(string.string(), "abcd");
 }
 
-TEST(AttributedStringTest, ItIsEmptyAsLongAsThereIsNoText) {
+TEST(AttributedStringTest, ItIsEmptyWithoutText) {
   AttributedString string;
   EXPECT_TRUE(string.empty());
   string.append("", kLink);
@@ -31,7 +31,7 @@ TEST(AttributedStringTest, ItIsEmptyAsLongAsThereIsNoText) {
   EXPECT_EQ(AttributedString(""), string);
 }
 
-TEST(AttributedStringTest, AnotherIsAppendedWithItsAttributes) {
+TEST(AttributedStringTest, AnotherStringIsAppendedWithItsAttributes) {
   AttributedString string("a");
   AttributedString other("b");
   other.append("c", kLink);
@@ -39,7 +39,7 @@ TEST(AttributedStringTest, AnotherIsAppendedWithItsAttributes) {
   EXPECT_EQ(string.runs(), (Runs{{"ab", {}}, {"c", kLink}}));
 }
 
-TEST(AttributedStringTest, RemovingAnAttributeJoinsWhatItSetApart) {
+TEST(AttributedStringTest, RemovingAnAttributeJoinsEqualRuns) {
   AttributedString string("a");
   string.append("b", kItalic);
   string.append("c", kLink);

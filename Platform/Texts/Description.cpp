@@ -17,7 +17,7 @@ std::string describeReal(double real) {
 
 std::string describeDate(Date date) {
   using namespace std::chrono;
-  // Outside of these years the calendar's arithmetic would overflow.
+  // Beyond these years the calendar's arithmetic would overflow.
   constexpr double kYears = 366.0 * 86400 * 30'000;
   const double seconds = std::floor(date.secondsSinceReferenceDate);
   if (!(std::abs(seconds) < kYears)) return describeReal(date.secondsSinceReferenceDate);

@@ -23,7 +23,7 @@ TEST(DescriptionTest, ARealIsTheShortestTextThatReadsBack) {
   EXPECT_EQ(description(Value(-2.5)), "-2.5");
 }
 
-TEST(DescriptionTest, DataStandsInGroupsOfFourBytes) {
+TEST(DescriptionTest, DataIsShownInGroupsOfFourBytes) {
   EXPECT_EQ(description(Value(Data{})), "<>");
   EXPECT_EQ(description(Value(Data{0, 1, 2, 255})), "<000102ff>");
   EXPECT_EQ(description(Value(Data{0, 1, 2, 3, 4, 5, 6, 7, 8})), "<00010203 04050607 08>");
@@ -37,7 +37,7 @@ TEST(DescriptionTest, ADateIsUtcToTheSecondAlsoBeforeTheReferenceDate) {
   EXPECT_EQ(description(Value(Date{std::numeric_limits<double>::quiet_NaN()})), "nan");
 }
 
-TEST(DescriptionTest, CollectionsStandOnOneLine) {
+TEST(DescriptionTest, CollectionsAreOnOneLine) {
   EXPECT_EQ(singleLineDescription(Array{}), "[]");
   EXPECT_EQ(singleLineDescription(Dictionary{}), "{}");
   EXPECT_EQ(singleLineDescription(Array{1, "a", Value::nullMarker()}), "[1, a, <null>]");

@@ -48,7 +48,7 @@ int headerLevel(std::string_view name) {
   return name.size() == 2 && name[0] == 'h' && name[1] >= '1' && name[1] <= '6' ? name[1] - '0' : 0;
 }
 
-// Where a link leads, without the white space around it; empty for none.
+// The target of a link without white space around it; empty if there is none.
 std::string target(xmlNode* node) {
   const std::unique_ptr<xmlChar, XmlTextDeleter> value(
       xmlGetProp(node, reinterpret_cast<const xmlChar*>("href")));
@@ -58,7 +58,7 @@ std::string target(xmlNode* node) {
   return std::string(link);
 }
 
-// What an element changes for all that is in it.
+// The attributes inside an element.
 Attributes within(xmlNode* element, Attributes attributes) {
   const std::string_view name = nameOf(element);
   if (const int level = headerLevel(name)) {
@@ -74,13 +74,13 @@ Attributes within(xmlNode* element, Attributes attributes) {
   return attributes;
 }
 
-// Puts text together as a page shows it.
+// Collects the text as a page shows it.
 class Page {
  public:
   void text(std::string_view text, const Attributes& attributes) {
     for (std::size_t at = 0; at < text.size();) {
       if (isWhiteSpace(text[at])) {
-        // A space is seen between two things, and belongs to where it stands.
+        // A space is visible only between two texts, and has the attributes of its place.
         if (pending_ == 0) {
           pending_ = ' ';
           pendingAttributes_ = attributes;
@@ -102,7 +102,7 @@ class Page {
     atLineStart_ = true;
   }
 
-  // A border between two lines, seen once there is something on both of its sides.
+  // A line break between blocks, visible once there is text on both sides.
   void blockBorder(const Attributes& attributes) {
     pending_ = '\n';
     pendingAttributes_ = attributes;
@@ -124,7 +124,7 @@ class Page {
   bool atLineStart_ = true;
 };
 
-// Walks the tree without recursion: HTML nests as deep as it likes.
+// Walks the tree without recursion, because HTML may nest to any depth.
 class Walk {
  public:
   AttributedString page(xmlNode* root) {
@@ -145,7 +145,7 @@ class Walk {
   }
 
  private:
-  // Whether to go on with the node's children.
+  // Returns whether to visit the node's children.
   bool enter(xmlNode* node) {
     if (node->type == XML_TEXT_NODE && node->content) {
       page_.text(reinterpret_cast<const char*>(node->content), attributes_.back());
@@ -164,7 +164,7 @@ class Walk {
   }
 
   Page page_;
-  std::vector<Attributes> attributes_;  // of the elements around
+  std::vector<Attributes> attributes_;  // of the enclosing elements
 };
 
 }  // namespace

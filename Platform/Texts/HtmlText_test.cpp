@@ -9,7 +9,7 @@ namespace {
 
 std::string textOf(std::string_view html) { return attributedStringFromHtml(html).string(); }
 
-// The link of each run.
+// The text and link of each run.
 std::vector<std::pair<std::string, std::string>> linksOf(std::string_view html) {
   std::vector<std::pair<std::string, std::string>> links;
   const AttributedString string = attributedStringFromHtml(html);
@@ -21,7 +21,7 @@ std::vector<std::pair<std::string, std::string>> linksOf(std::string_view html) 
 
 using Links = std::vector<std::pair<std::string, std::string>>;
 
-TEST(HtmlTextTest, TextIsWhatAReaderSees) {
+TEST(HtmlTextTest, OnlyVisibleTextIsKept) {
   const struct {
     const char* html;
     const char* text;
@@ -76,7 +76,7 @@ TEST(HtmlTextTest, NothingIsLoaded) {
             "x");
 }
 
-TEST(HtmlTextTest, IllFormedTextAndZeroBytesGiveNothing) {
+TEST(HtmlTextTest, IllFormedTextAndZeroBytesGiveAnEmptyText) {
   EXPECT_EQ(textOf("a\xff"), "");
   EXPECT_EQ(textOf(std::string_view("a\0b", 3)), "");
 }
@@ -87,8 +87,8 @@ TEST(HtmlTextTest, TheSizeIsBounded) {
   EXPECT_EQ(textOf(std::string(kMaxHtmlBytes + 1, 'x')), "");
 }
 
-// The parser stops at a depth of its own.
-TEST(HtmlTextTest, NestingIsWalkedAsDeepAsItIsParsed) {
+// The parser has a depth limit of its own.
+TEST(HtmlTextTest, NestingIsWalkedToTheParsersDepth) {
   const auto nested = [](std::size_t depth) {
     std::string html;
     for (std::size_t i = 0; i < depth; ++i) html += "<b>";
@@ -98,8 +98,8 @@ TEST(HtmlTextTest, NestingIsWalkedAsDeepAsItIsParsed) {
   EXPECT_EQ(textOf(nested(kMaxHtmlBytes / 3 - 1)), "");
 }
 
-// Which takes the parser time that grows with their square.
-TEST(HtmlTextTest, ATagMayHaveAsManyAttributesAsThereIsRoomFor) {
+// The parser needs time in the square of their number.
+TEST(HtmlTextTest, ATagMayHaveManyAttributes) {
   std::string html = "<a";
   for (int i = 0; html.size() + 20 < kMaxHtmlBytes; ++i) html += " a" + std::to_string(i);
   EXPECT_EQ(linksOf(html + " href=x>y"), (Links{{"y", "x"}}));

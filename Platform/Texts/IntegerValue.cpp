@@ -19,7 +19,7 @@ std::int64_t integerValue(std::string_view text) {
 
   constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-  std::int64_t value = 0;  // Negative throughout: that side has room for one more.
+  std::int64_t value = 0;  // It is negative throughout, because that range is larger by one.
   for (; character >= 0 && u_isdigit(character); next()) {
     const std::int64_t digit = u_charDigitValue(character);
     if (__builtin_mul_overflow(value, 10, &value) || __builtin_sub_overflow(value, digit, &value)) {

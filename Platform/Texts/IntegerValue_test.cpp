@@ -31,7 +31,7 @@ TEST(IntegerValueTest, ReadsTheNumberThatATextBeginsWith) {
       {"0x10", 0},
       {".5", 0},
       {"\u0661\u0665", 15},  // Arabic-Indic digits
-      {"\u00b2", 0},         // a superscript two is no decimal digit
+      {"\u00b2", 0},         // a superscript two is not a decimal digit
       {"1\xff"
        "5",
        1},

@@ -47,7 +47,7 @@ struct WriterDeleter {
   void operator()(xmlTextWriter* writer) const { xmlFreeTextWriter(writer); }
 };
 
-// Whether the writer took it. The tree's depth is bounded, and with it this recursion.
+// Returns whether the writer succeeded. The depth of the tree limits the recursion.
 bool write(xmlTextWriter* writer, const NSXMLNode& node) {
   switch (node.kind()) {
     case NSXMLNode::Kind::kText:
@@ -119,7 +119,7 @@ Result<void> NSXMLNode::addAttribute(NSXMLNode attribute) {
 
 Result<std::string> NSXMLNode::xmlString() const {
   const std::unique_ptr<xmlBuffer, BufferDeleter> buffer(xmlBufferCreate());
-  // On a text alone, or an attribute, the writer would have nothing to stand in.
+  // The writer accepts neither a text alone nor an attribute alone.
   if (kind_ == Kind::kAttribute) return invalid("an attribute is no part of a document by itself");
   std::unique_ptr<xmlTextWriter, WriterDeleter> writer(
       buffer ? xmlNewTextWriterMemory(buffer.get(), 0) : nullptr);

@@ -9,10 +9,10 @@
 
 namespace platform {
 
-// A node of an XML tree: an element, an attribute or text. A plain value, which owns what is in it.
+// A node of an XML tree: an element, an attribute or text. A plain value that owns its children.
 //
-// What could not be written as XML never becomes a node: names are XML names, texts are well-formed
-// UTF-8 without the characters that XML excludes. Errors are kInvalid and show what is wrong.
+// Only valid XML can become a node: names are XML names, and texts are well-formed UTF-8 without
+// the characters that XML excludes. Errors are kInvalid and show the fault.
 class NSXMLNode {
  public:
   enum class Kind { kElement, kAttribute, kText };
@@ -22,7 +22,7 @@ class NSXMLNode {
     kCompact,   // as one self-closing tag
   };
 
-  // Elements inside one another, the outermost one counted.
+  // The depth of nested elements, including the outermost one.
   static constexpr std::size_t kMaxDepth = 128;
 
   static Result<NSXMLNode> elementWithName(std::string_view name, EmptyElement empty);
@@ -31,21 +31,21 @@ class NSXMLNode {
 
   Kind kind() const { return kind_; }
   const std::string& name() const { return name_; }  // empty for text
-  // The value of an attribute, the text of a text; empty for an element.
+  // The value of an attribute, the text of a text node; empty for an element.
   const std::string& stringValue() const { return value_; }
   const std::vector<NSXMLNode>& attributes() const { return attributes_; }
   const std::vector<NSXMLNode>& children() const { return children_; }
   EmptyElement emptyElement() const { return empty_; }
 
-  // Puts a node behind the children of this element. kInvalid where this is no element or `child`
-  // an attribute, kExhausted where elements would be too deep.
+  // Appends a child to this element. Fails with kInvalid if this is not an element or `child` is an
+  // attribute, and with kExhausted if the elements would be nested too deep.
   Result<void> addChild(NSXMLNode child);
 
-  // Adds an attribute to this element; one of the same name is replaced in its place. kInvalid
-  // where this is no element or `attribute` none.
+  // Adds an attribute to this element, or replaces the one of the same name in its place. Fails
+  // with kInvalid if this is not an element or `attribute` is not an attribute.
   Result<void> addAttribute(NSXMLNode attribute);
 
-  // The node as it stands in a document, without layout.
+  // The node as text in a document, without layout.
   Result<std::string> xmlString() const;
 
  private:
@@ -58,7 +58,7 @@ class NSXMLNode {
   std::string value_;
   std::vector<NSXMLNode> attributes_;
   std::vector<NSXMLNode> children_;
-  std::size_t depth_ = 0;  // of elements inside one another
+  std::size_t depth_ = 0;  // of nested elements
 };
 
 }  // namespace platform

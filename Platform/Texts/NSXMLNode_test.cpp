@@ -18,12 +18,12 @@ NSXMLNode attribute(std::string_view name, std::string_view value) {
 }
 NSXMLNode text(std::string_view value) { return NSXMLNode::textWithStringValue(value).value(); }
 
-TEST(NSXMLNodeTest, AnElementWithoutContentIsWrittenAsItsOptionSays) {
+TEST(NSXMLNodeTest, AnEmptyElementIsWrittenByItsOption) {
   EXPECT_EQ(element("a", EmptyElement::kCompact).xmlString(), "<a/>");
   EXPECT_EQ(element("a", EmptyElement::kExpanded).xmlString(), "<a></a>");
 }
 
-TEST(NSXMLNodeTest, ChildrenAndAttributesStandInTheirOrder) {
+TEST(NSXMLNodeTest, ChildrenAndAttributesKeepTheirOrder) {
   NSXMLNode root = element("root");
   ASSERT_TRUE(root.addChild(element("b")));
   ASSERT_TRUE(root.addChild(text("text")));
@@ -41,7 +41,7 @@ TEST(NSXMLNodeTest, AnAttributeOfTheSameNameIsReplacedInItsPlace) {
   EXPECT_EQ(root.xmlString(), "<root z=\"3\" y=\"2\"/>");
 }
 
-TEST(NSXMLNodeTest, WhatMeansSomethingInXmlIsEscaped) {
+TEST(NSXMLNodeTest, CharactersWithAMeaningInXmlAreEscaped) {
   NSXMLNode root = element("r\u00e9");
   ASSERT_TRUE(root.addAttribute(attribute("a", "<\"&'>\n\t")));
   ASSERT_TRUE(root.addChild(text("<b>&\"'\r]]>")));
@@ -50,7 +50,7 @@ TEST(NSXMLNodeTest, WhatMeansSomethingInXmlIsEscaped) {
             "</r\u00e9>");
 }
 
-TEST(NSXMLNodeTest, NamesThatXmlDoesNotHaveAreRefused) {
+TEST(NSXMLNodeTest, InvalidXmlNamesAreRefused) {
   for (const std::string_view name :
        {std::string_view(""), std::string_view(" "), std::string_view("1a"),
         std::string_view("a b"), std::string_view("<a"), std::string_view("a\xff"),
@@ -66,7 +66,7 @@ TEST(NSXMLNodeTest, NamesThatXmlDoesNotHaveAreRefused) {
   }
 }
 
-TEST(NSXMLNodeTest, TextsThatXmlCanNotHoldAreRefused) {
+TEST(NSXMLNodeTest, InvalidXmlTextsAreRefused) {
   for (const std::string_view value :
        {std::string_view("a\xff"), std::string_view("\xed\xa0\x80"), std::string_view("a\0", 2),
         std::string_view("\x01"), std::string_view("\x1f"), std::string_view("\uffff")}) {
@@ -77,7 +77,7 @@ TEST(NSXMLNodeTest, TextsThatXmlCanNotHoldAreRefused) {
   EXPECT_TRUE(NSXMLNode::textWithStringValue("\t\r\n\U0010ffff"));
 }
 
-TEST(NSXMLNodeTest, NodesGoOnlyWhereTheyBelong) {
+TEST(NSXMLNodeTest, NodesAreAddedOnlyToTheRightKind) {
   NSXMLNode root = element("root");
   EXPECT_FALSE(root.addChild(attribute("a", "")));
   EXPECT_FALSE(root.addAttribute(text("a")));

@@ -15,7 +15,7 @@ using format_detail::Conversion;
 
 constexpr std::string_view kNilText = "(null)";
 
-// The object's text; `storage` keeps it where it is made anew.
+// The object's text; `storage` holds it if it has to be composed.
 std::string_view objectText(const FormatArgument& argument, std::string& storage) {
   struct Visitor {
     std::string& storage;
@@ -47,7 +47,7 @@ void appendPadded(std::string& text, std::string_view piece, const Conversion& c
   if (left) text.append(padding, ' ');
 }
 
-// The conversion in C's notation with the length that fits the argument we hold.
+// The conversion in C's notation, with the length of the argument that we hold.
 std::string specification(const Conversion& conversion, std::string_view length) {
   std::string text = "%";
   text += conversion.flags;
@@ -71,7 +71,7 @@ void appendPrinted(std::string& text, const std::string& specification, Number n
   text.append(longer, 0, static_cast<std::size_t>(size));
 }
 
-// An integer as C's calling convention passes it: cut to the width that the length names.
+// An integer as C's calling convention passes it, truncated to the given length.
 std::int64_t cutSigned(std::uint64_t bits, int length) {
   if (length == -2) return static_cast<std::int8_t>(bits);
   if (length == -1) return static_cast<std::int16_t>(bits);

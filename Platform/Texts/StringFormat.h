@@ -15,28 +15,27 @@
 #include "Platform/Values/Exception.h"
 #include "Platform/Values/Value.h"
 
-// Formatted texts in the platform's own notation, so that the system's messages stand in the code
-// as they are: C's conversions, and `%@` for an object. A format that does not fit its arguments
-// does not compile.
+// Formatted texts in the platform's own notation, so that the code contains the system's messages
+// unchanged: C's conversions, and `%@` for an object. A format that does not fit its arguments does
+// not compile.
 //
 //   %d %i       a signed integer of at most 32 bits (with l, ll or z: 64; h and hh cut)
 //   %u %x %X %o an unsigned one, likewise
 //   %c          a character
 //   %f %e %g    a real (and their capitals); %f has six decimals
 //   %s          UTF-8 text, zero-terminated where it is a pointer; a null pointer is "(null)"
-//   %@          an object, see description() in Platform/Texts/Description.h; text as it stands;
-//   nil and
-//               an empty optional are "(null)"
+//   %@          an object, see description() in Platform/Texts/Description.h; text is unchanged;
+//               nil and an empty optional are "(null)"
 //   %%          a percent sign
 //
-// Flags, width and precision are those of C; `*` is not taken.
+// Flags, width and precision are those of C; `*` is not accepted.
 
 namespace platform {
 
-// One argument, as a view: it lives as long as the full expression that formats it.
+// A view of one argument, which must live as long as the full expression that formats it.
 class FormatArgument {
  public:
-  // `%s` and `%@` tell a missing text from an empty one.
+  // `%s` and `%@` distinguish a missing text from an empty one.
   using Text = std::optional<std::string_view>;
   using Held = std::variant<std::int64_t, std::uint64_t, double, Text, const Value*, const NSError*,
                             const NSException*>;
@@ -160,7 +159,7 @@ constexpr bool fits(const Conversion& conversion, ArgumentType argument) {
   }
 }
 
-// Not constexpr: reaching one of these while a format is checked is the compiler's error message.
+// Not constexpr: if the check of a format reaches one of these, its name is the compiler's message.
 void theFormatHasAConversionThatIsNotKnown();
 void theFormatHasMoreConversionsThanArguments();
 void theFormatHasFewerConversionsThanArguments();
@@ -168,7 +167,7 @@ void anArgumentDoesNotFitItsConversion();
 
 }  // namespace format_detail
 
-// A format that is known to fit arguments of these types.
+// A format that has been checked to fit arguments of these types.
 template <typename... Arguments>
 class FormatString {
  public:
@@ -196,9 +195,9 @@ class FormatString {
   std::string_view text_;
 };
 
-// The format with its arguments put in. For a format that was not checked by FormatString: an
-// argument that does not fit its conversion is described as by `%@`, a missing one is "(null)", an
-// ill-formed conversion stays as it stands.
+// The formatted text. For formats that FormatString has not checked: an argument that does not fit
+// its conversion is described as by `%@`, a missing one is "(null)", and an ill-formed conversion
+// is left unchanged.
 std::string formatArguments(std::string_view format, std::span<const FormatArgument> arguments);
 
 template <typename... Arguments>

@@ -52,7 +52,7 @@ TEST(StringFormatTest, AnExceptionIsItsReasonAndAnErrorItsThreeParts) {
             "Error Domain=CFErrorDomainLaunchd Code=6 \"no such job\"");
 }
 
-TEST(StringFormatTest, AFormatThatNobodyCheckedIsStillSafe) {
+TEST(StringFormatTest, AnUncheckedFormatIsSafe) {
   const std::array<FormatArgument, 1> text{FormatArgument("text")};
   EXPECT_EQ(formatArguments("%d", text), "text");
   EXPECT_EQ(formatArguments("%f", text), "text");
@@ -68,7 +68,7 @@ TEST(StringFormatTest, AnAbsurdWidthIsBounded) {
   EXPECT_LE(stringWithFormat("%99999999d", 1).size(), 10000u);
 }
 
-TEST(StringFormatTest, ATextEndsWhereItsLengthSays) {
+TEST(StringFormatTest, ATextEndsAtItsLength) {
   EXPECT_EQ(stringWithFormat("%@", std::string("a\0b", 3)), std::string("a\0b", 3));
   EXPECT_EQ(stringWithFormat("%s|", std::string("a\0b", 3)), "a|");
 }

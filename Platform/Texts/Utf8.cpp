@@ -24,7 +24,7 @@ bool xmlExcludes(UChar32 character) {
 }  // namespace
 
 std::size_t endOfAscii(std::string_view text, std::size_t offset) {
-  // Nearly all texts are ASCII for the most part, so look at many bytes in one step.
+  // Most texts are mainly ASCII, so check many bytes in one step.
   constexpr std::size_t kBlock = 64;
   constexpr std::uint64_t kHighBits = 0x8080'8080'8080'8080;
   for (; text.size() - offset >= kBlock; offset += kBlock) {
@@ -44,7 +44,7 @@ std::size_t endOfAscii(std::string_view text, std::size_t offset) {
 }
 
 std::int32_t nextCharacter(std::string_view text, std::size_t& offset) {
-  // The macro wants signed offsets, and a character has at most four bytes.
+  // The macro needs signed offsets, and a character has at most four bytes.
   const char* at = text.data() + offset;
   const auto available = static_cast<int>(std::min<std::size_t>(text.size() - offset, 4));
   int read = 0;
@@ -58,7 +58,7 @@ std::string_view cutAtCharacter(std::string_view text, std::size_t size) {
   for (std::size_t end = size; end > 0 && size - end < U8_MAX_LENGTH; --end) {
     if (!U8_IS_TRAIL(text[end])) return text.substr(0, end);
   }
-  return text.substr(0, size);  // No UTF-8 at all.
+  return text.substr(0, size);  // It is not UTF-8.
 }
 
 std::optional<std::size_t> findIllFormedUtf8(std::string_view text) {

@@ -11,34 +11,34 @@
 
 namespace platform {
 
-// UTF-8 as characters, and UTF-16 into it and out of it.
+// Characters of UTF-8, and conversions from and to UTF-16.
 
-// The offset of the first byte that no well-formed UTF-8 can have there; nothing if there is none.
+// The offset of the first byte that makes the text ill-formed UTF-8; std::nullopt if there is none.
 std::optional<std::size_t> findIllFormedUtf8(std::string_view text);
 
-// The character at `offset`, which is moved behind it; negative for an ill-formed sequence, of
-// which the longest part that could begin a character is skipped. `offset` is less than the text's
+// The character at `offset`, which is advanced past it. Negative for an ill-formed sequence; then
+// the longest part that could begin a character is skipped. `offset` must be less than the text's
 // size.
 std::int32_t nextCharacter(std::string_view text, std::size_t& offset);
 
-// Where the run of ASCII that begins at `offset` ends.
+// The end of the run of ASCII that begins at `offset`.
 std::size_t endOfAscii(std::string_view text, std::size_t offset);
 
-// The first `size` bytes of a longer text, less what would be part of a character.
+// The first `size` bytes of a longer text, without a partial character at the end.
 std::string_view cutAtCharacter(std::string_view text, std::size_t size);
 
-// The offset of the first character that XML 1.0 excludes (U+0000 to U+001F but tab, line feed and
-// carriage return, U+FFFE, U+FFFF) in well-formed `text`.
+// The offset of the first character in well-formed `text` that XML 1.0 excludes: U+0000 to U+001F
+// except tab, line feed and carriage return, U+FFFE, and U+FFFF.
 std::optional<std::size_t> findCharacterXmlExcludes(std::string_view text);
 
 enum class ByteOrder { kLittleEndian, kBigEndian };
 
-// The text of UTF-16 bytes as UTF-8, or the offset of the first byte of what is no character: half
-// a surrogate pair or half a unit.
+// The UTF-8 text of UTF-16 bytes, or the offset of the first byte that is not part of a character:
+// half a surrogate pair or half a unit.
 Result<std::string, std::size_t> utf8FromUtf16(std::span<const std::uint8_t> bytes,
                                                ByteOrder order);
 
-// Well-formed UTF-8 as UTF-16 units.
+// The UTF-16 units of well-formed UTF-8.
 std::u16string utf16FromUtf8(std::string_view text);
 
 }  // namespace platform

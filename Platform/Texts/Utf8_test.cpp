@@ -20,8 +20,8 @@ TEST(Utf8, TheFirstIllFormedByteIsFound) {
   }
 }
 
-// Whatever the place of a character in the blocks of bytes that are looked at together.
-TEST(Utf8, LongTextsGiveTheSameAsShortOnes) {
+// A character may be at any place in a block of bytes.
+TEST(Utf8, LongTextsGiveTheSameResultAsShortOnes) {
   for (std::size_t before = 0; before < 200; ++before) {
     const std::string ascii(before, 'x');
     const std::string after(130, 'y');
@@ -33,7 +33,7 @@ TEST(Utf8, LongTextsGiveTheSameAsShortOnes) {
   }
 }
 
-TEST(Utf8, AnIllFormedSequenceIsSkippedAsFarAsItCouldBeACharacter) {
+TEST(Utf8, AnIllFormedSequenceIsSkippedUpToItsFirstWrongByte) {
   using Read = std::pair<std::int32_t, std::size_t>;
   const auto read = [](std::string_view text) {
     std::vector<Read> characters;
@@ -48,7 +48,7 @@ TEST(Utf8, AnIllFormedSequenceIsSkippedAsFarAsItCouldBeACharacter) {
   EXPECT_EQ(read(std::string_view("\0", 1)), (std::vector<Read>{{0, 1}}));
   EXPECT_EQ(read("\xe2\x82z"), (std::vector<Read>{{-1, 2}, {'z', 3}}));
   EXPECT_EQ(read("\xff\x80"), (std::vector<Read>{{-1, 1}, {-1, 2}}));
-  // No longer than the text, although the text goes on in memory.
+  // It does not read beyond the view, although the text continues in memory.
   EXPECT_EQ(read(std::string_view("\u20ac").substr(0, 2)), (std::vector<Read>{{-1, 2}}));
 }
 

@@ -14,17 +14,19 @@ constexpr std::size_t kScanLimit = 8;
 
 const Value kNilValue;
 
-// Keys come from files and peers: with a hash that they could foresee they could make one long
-// probe of every look-up.
+// Keys come from files and peers. With a predictable hash they could make every lookup a long
+// probe.
 std::size_t hashOf(std::string_view key) {
   static const std::uint64_t secret = [] {
     std::random_device device;
-    return std::uint64_t{device()} << 32U | device() | 1U;  // Odd, so that no bit is lost below.
+    // Odd, so that the product below loses no bit.
+    return std::uint64_t{device()} << 32U | device() | 1U;
   }();
   std::uint64_t hash = secret;
   for (const char character : key) {
     hash = (hash ^ static_cast<unsigned char>(character)) * secret;
-    hash ^= hash >> 32U;  // The low bits are what counts, and a product's depend on low bits only.
+    // Only the low bits are used, and those of a product depend on low bits only.
+    hash ^= hash >> 32U;
   }
   return static_cast<std::size_t>(hash);
 }
@@ -62,7 +64,7 @@ void Dictionary::set(std::string_view key, Value value) {
     return;
   }
   entries_.emplace_back(std::string(key), std::move(value));
-  // At most half full, so that a probe for an absent key ends soon.
+  // The table is at most half full, so that a probe for an absent key ends soon.
   if (entries_.size() > kScanLimit && entries_.size() * 2 > slots_.size()) {
     rebuildIndex();
   } else if (!slots_.empty()) {

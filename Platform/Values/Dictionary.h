@@ -11,9 +11,9 @@ namespace platform {
 
 class Value;
 
-// A dictionary with string keys that keeps the order of insertion, through copies, files and the
-// wire. A plain value: copying it copies the entries (each a cheap handle). To share one, put it
-// into a Value.
+// A dictionary with string keys. The order of insertion is kept, also by copies, files and
+// messages. A plain value: copying it copies the entries (each a cheap handle). Put it into a Value
+// to share it.
 class Dictionary {
  public:
   using Entry = std::pair<std::string, Value>;
@@ -34,14 +34,14 @@ class Dictionary {
 
   bool contains(std::string_view key) const;
 
-  // The value under `key`, nil where there is none.
+  // The value of `key`, nil if there is none.
   const Value& operator[](std::string_view key) const;
 
-  // A new key goes to the end, a known one keeps its place. A dictionary holds no nil: it is kept
-  // as the null marker.
+  // A new key is added at the end; an existing key keeps its position. Nil is stored as the null
+  // marker.
   void set(std::string_view key, Value value);
 
-  // Whether there was such a key.
+  // Returns whether there was such a key.
   bool remove(std::string_view key);
 
   // The same keys with equal values, in any order.
@@ -50,13 +50,13 @@ class Dictionary {
  private:
   static constexpr std::uint32_t kFree = UINT32_MAX;
 
-  std::size_t find(std::string_view key) const;  // size() where there is none
+  std::size_t find(std::string_view key) const;  // size() if there is none
   void index(std::uint32_t position);
   void rebuildIndex();
 
   std::vector<Entry> entries_;
-  // Open addressing over positions in `entries_`; empty for the few entries that a scan finds
-  // faster.
+  // Open addressing over positions in `entries_`; empty while there are so few entries that a scan
+  // is faster.
   std::vector<std::uint32_t> slots_;
 };
 

@@ -7,23 +7,23 @@
 
 namespace platform {
 
-// What kind of failure it is, for callers that tell kinds apart.
+// The kind of a failure, for callers that distinguish kinds.
 enum class ErrorCode {
-  kNotFound,   // the thing asked for is not there
+  kNotFound,   // there is no such object
   kDenied,     // not permitted, or not trusted
   kInvalid,    // malformed input
   kExhausted,  // out of descriptors, memory, space, or over one of our limits
-  kSystem,     // any other failure of a system call; `osError` says which
+  kSystem,     // any other failure of a system call, see `osError`
 };
 
-// A failure nobody nearby can repair: it travels up to the function that logs it.
+// A failure that no direct caller can repair: it is passed up to the function that logs it.
 struct Error {
   ErrorCode code = ErrorCode::kSystem;
   int osError = 0;      // errno at the failing call, 0 when no system call was involved
   std::string context;  // what failed, where, and what was expected; one line, for people
 };
 
-// `E` is `Error`, or an enum of outcomes that the direct caller handles and never passes on.
+// `E` is `Error`, or an enum of outcomes that the direct caller handles and does not pass on.
 template <typename T, typename E = Error>
 using Result = std::expected<T, E>;
 
@@ -35,7 +35,7 @@ inline std::unexpected<Error> invalid(std::string what) {
 // "CONTEXT" or "CONTEXT: the system's text for osError".
 std::string describe(const Error& error);
 
-// The error object that the system's operations hand out and log lines show with `%@`.
+// The error object that the system's operations return and that log lines show with `%@`.
 struct NSError {
   std::string domain;
   std::int64_t code = 0;

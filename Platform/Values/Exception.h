@@ -22,7 +22,7 @@ struct NSException {
 using MessageResult = std::expected<Value, NSException>;
 
 inline constexpr char kNSPortTimeoutException[] = "NSPortTimeoutException";
-// The peer is gone, or was never there.
+// The peer has ended, or never existed.
 inline constexpr char kNSInvalidSendPortException[] = "NSInvalidSendPortException";
 inline constexpr char kNSFailedAuthenticationException[] = "NSFailedAuthenticationException";
 // An unknown selector, an argument of the wrong class, or an unusable launch path.
@@ -32,7 +32,7 @@ inline constexpr char kNSInvalidArgumentException[] = "NSInvalidArgumentExceptio
 inline std::unexpected<NSException> raised(const char* name, std::string reason) {
   return std::unexpected(NSException{name, std::move(reason), {}});
 }
-// For what is asked of a connection that has ended.
+// For calls on a connection that has ended.
 inline std::unexpected<NSException> raisedGone() {
   return raised(kNSInvalidSendPortException, "The connection has ended.");
 }

@@ -4,7 +4,7 @@
 
 namespace platform {
 
-// By which the kernel knows a process. The number is given to another one when the process is gone.
+// The kernel's number of a process. It is used again after the process has been reaped.
 using ProcessId = std::int32_t;
 
 using UserId = std::uint32_t;

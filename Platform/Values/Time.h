@@ -6,8 +6,8 @@ namespace platform {
 
 using Duration = std::chrono::nanoseconds;
 
-// The clock of a run loop: monotonic, with an epoch of its own. It has no `now()`: the time is
-// asked of the loop, so that a test decides what it is.
+// The monotonic clock of a run loop, with an epoch of its own. It has no `now()`: callers ask the
+// loop, so that a test can set the time.
 struct LoopClock {
   using duration = Duration;
   using rep = duration::rep;
@@ -18,7 +18,8 @@ struct LoopClock {
 
 using Instant = LoopClock::time_point;
 
-// Civil time, UTC, since 1970-01-01T00:00:00Z without leap seconds. May be stepped at any moment.
+// Civil time in UTC since 1970-01-01T00:00:00Z, without leap seconds. It may be stepped at any
+// time.
 using WallTime = std::chrono::sys_time<Duration>;
 
 }  // namespace platform

@@ -5,7 +5,7 @@
 namespace platform {
 namespace {
 
-// Exact: no integer is rounded to a double on the way.
+// Exact, because the integer is not rounded to a double.
 bool equal(std::int64_t integer, double real) {
   constexpr double kTwoTo63 = 9'223'372'036'854'775'808.0;
   if (!(real >= -kTwoTo63 && real < kTwoTo63)) return false;

@@ -17,7 +17,7 @@ namespace platform {
 using Array = std::vector<Value>;
 using Data = std::vector<std::uint8_t>;
 
-// A point in time, as property lists hold it.
+// A point in time in the format of property lists.
 struct Date {
   // Seconds since 2001-01-01T00:00:00Z without leap seconds; a whole number in XML.
   double secondsSinceReferenceDate = 0;
@@ -28,20 +28,20 @@ struct Date {
 // Seconds from 1970-01-01T00:00:00Z to the reference date of `Date`.
 inline constexpr std::int64_t kReferenceDateUnixSeconds = 978'307'200;
 
-// An object that lives elsewhere and is spoken to by messages.
+// An object in another place that is called by messages.
 class RemoteObject {
  public:
   virtual ~RemoteObject() = default;
   virtual std::string_view className() const = 0;
-  // Answered locally: a reference carries the names of its protocols.
+  // Answered without a message: a reference contains the names of its protocols.
   virtual bool conformsToProtocol(std::string_view protocolName) const = 0;
 };
 
-// The property-list value that everything speaks: an immutable handle, cheap to copy, safe to share
-// between threads. A collection is replaced whole, never edited in place.
+// A property-list value, used throughout the project: an immutable handle, cheap to copy, which
+// threads may share. A collection is replaced as a whole, never changed in place.
 //
-// `Value()` is nil, the absence of a value, which no collection and no file can hold; the null
-// marker is the value that stands for null inside a collection.
+// `Value()` is nil, the absence of a value; no collection and no file can contain it. The null
+// marker is a value that stands for null in a collection.
 class Value {
  public:
   enum class Type {
@@ -63,7 +63,7 @@ class Value {
 
   template <std::same_as<bool> T>
   Value(T boolean) : storage_(boolean) {}
-  // Integers are signed 64-bit; a type that does not fit must be converted by the caller.
+  // Integers are signed 64-bit. The caller must convert types that do not fit.
   template <std::integral T>
     requires(!std::same_as<T, bool> && !std::same_as<T, char> &&
              (std::is_signed_v<T> || sizeof(T) < sizeof(std::int64_t)))
@@ -74,10 +74,10 @@ class Value {
   Value(const char* text) : Value(std::string(text)) {}
   Value(Data data) : storage_(std::make_shared<const Data>(std::move(data))) {}
   Value(Date date) : storage_(date) {}
-  // Elements that are nil are kept as the null marker.
+  // Nil elements are stored as the null marker.
   Value(Array array);
   Value(Dictionary dictionary);
-  // Nil for a null pointer. Shared because a reference lives as long as any copy of the value.
+  // Nil for a null pointer. Shared, because a reference lives as long as any copy of the value.
   Value(std::shared_ptr<const RemoteObject> object);
 
   Type type() const { return static_cast<Type>(storage_.index()); }
@@ -85,7 +85,7 @@ class Value {
   // Booleans, integers and reals are all numbers.
   bool isNumber() const;
 
-  // The content where the value is of exactly that type, else nothing.
+  // The content if the value has exactly that type, else std::nullopt or null.
   std::optional<bool> boolean() const { return content<bool>(); }
   std::optional<std::int64_t> integer() const { return content<std::int64_t>(); }
   std::optional<double> real() const { return content<double>(); }
@@ -96,11 +96,11 @@ class Value {
   const Dictionary* dictionary() const { return shared<Dictionary>(); }
   std::shared_ptr<const RemoteObject> remoteObject() const;
 
-  // What the key holds, nil where this is no dictionary or has no such key.
+  // The value of `key`; nil if this is not a dictionary or has no such key.
   const Value& operator[](std::string_view key) const;
 
-  // Numbers are equal by exact value (true = 1 = 1.0), dictionaries whatever their order, remote
-  // objects by identity; values of different kinds never.
+  // Numbers are compared by exact value (true = 1 = 1.0), dictionaries in any order, remote objects
+  // by identity. Values of different kinds are never equal.
   bool operator==(const Value& other) const;
 
  private:
@@ -123,12 +123,12 @@ class Value {
     return held ? held->get() : nullptr;
   }
 
-  // Shared because every copy of a value owns its content together with the others.
+  // Shared by all copies of the value.
   Storage storage_;
 };
 
-// The class of a value as log messages name it: "NSString", "NSNumber", "NSData", "NSDate",
-// "NSArray", "NSDictionary", "NSNull", a remote object's own class name; empty for nil.
+// The class of a value in log messages: "NSString", "NSNumber", "NSData", "NSDate", "NSArray",
+// "NSDictionary", "NSNull", the class name of a remote object; empty for nil.
 std::string_view className(const Value& value);
 
 }  // namespace platform

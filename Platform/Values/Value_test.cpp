@@ -15,7 +15,7 @@ TEST(ValueTest, NumbersOfAnyKindAreEqualByExactValue) {
   EXPECT_NE(Value(false), Value(1));
 }
 
-TEST(ValueTest, AnIntegerIsNotRoundedToARealBeforeItIsCompared) {
+TEST(ValueTest, AnIntegerIsNotRoundedBeforeItIsCompared) {
   constexpr std::int64_t kTwoTo53 = std::int64_t{1} << 53;
   EXPECT_EQ(Value(kTwoTo53), Value(9007199254740992.0));
   EXPECT_NE(Value(kTwoTo53 + 1), Value(9007199254740992.0));
@@ -48,13 +48,13 @@ TEST(ValueTest, ACollectionKeepsNilAsTheNullMarker) {
   EXPECT_EQ(Value(Dictionary{{"k", Value()}})["k"], Value::nullMarker());
 }
 
-TEST(ValueTest, LookingUpAKeyOfAnythingButADictionaryGivesNil) {
+TEST(ValueTest, AKeyOfAnythingButADictionaryIsNil) {
   EXPECT_TRUE(Value("text")["key"].isNil());
   EXPECT_TRUE(Value()["key"].isNil());
   EXPECT_TRUE(Value(Dictionary{})["key"].isNil());
 }
 
-TEST(ValueTest, ContentIsGivenOnlyAsExactlyItsType) {
+TEST(ValueTest, ContentIsReturnedOnlyAsItsExactType) {
   EXPECT_EQ(Value(true).boolean(), true);
   EXPECT_EQ(Value(true).integer(), std::nullopt);
   EXPECT_EQ(Value(7u).integer(), 7);
@@ -94,14 +94,14 @@ std::vector<std::string> keys(const Dictionary& dictionary) {
   return keys;
 }
 
-TEST(DictionaryTest, KeepsTheOrderOfInsertionAndAReplacedValueItsPlace) {
+TEST(DictionaryTest, KeepsTheOrderOfInsertionAlsoOnReplacement) {
   Dictionary dictionary{{"z", 1}, {"a", 2}, {"m", 3}};
   dictionary.set("a", "new");
   EXPECT_EQ(keys(dictionary), (std::vector<std::string>{"z", "a", "m"}));
   EXPECT_EQ(dictionary["a"], Value("new"));
 }
 
-TEST(DictionaryTest, FindsEveryKeyOnBothSidesOfTheSizeWhereItStartsToHash) {
+TEST(DictionaryTest, FindsEveryKeyBelowAndAboveTheScanLimit) {
   for (const int size : {0, 1, 8, 9, 10, 1000}) {
     Dictionary dictionary;
     for (int i = 0; i < size; ++i) dictionary.set("key" + std::to_string(i), i);
@@ -114,7 +114,7 @@ TEST(DictionaryTest, FindsEveryKeyOnBothSidesOfTheSizeWhereItStartsToHash) {
   }
 }
 
-TEST(DictionaryTest, RemovingKeepsTheOthersAndTheirOrder) {
+TEST(DictionaryTest, RemovingAKeyKeepsTheOrderOfTheOthers) {
   Dictionary dictionary;
   for (int i = 0; i < 20; ++i) dictionary.set("key" + std::to_string(i), i);
   for (int i = 0; i < 20; i += 2) EXPECT_TRUE(dictionary.remove("key" + std::to_string(i)));

@@ -12,7 +12,7 @@ namespace {
 constexpr char kEnded[] = "The other side has ended.";
 constexpr char kInvalidated[] = "The connection has been invalidated.";
 
-// What this thread serves.
+// The connection whose message this thread serves.
 thread_local NSXPCConnection* currentlyServed = nullptr;
 
 class Serving {
@@ -27,7 +27,7 @@ class Serving {
   NSXPCConnection* const before_;
 };
 
-// Where nil can't stand, in the array of a reply, the null marker does.
+// In a reply's array the null marker stands for nil.
 Array withNil(const Array& values) {
   Array converted = values;
   std::ranges::replace_if(
@@ -67,13 +67,13 @@ NSXPCConnection::NSXPCConnection(Maker, XPC& xpc, std::shared_ptr<SerialQueue> q
 
 NSXPCConnection::~NSXPCConnection() { dropPeer(); }
 
-// The transport's connection belongs to the loop's thread, wherever this ends.
+// The transport's connection belongs to the loop's thread, wherever this destructor runs.
 void NSXPCConnection::dropPeer() {
   if (peer_) loop_.post([peer = std::move(peer_)] {});
 }
 
 void NSXPCConnection::deliver(SerialQueue::Block block) {
-  const std::lock_guard lock(mutex_);  // So that what was held stays in front.
+  const std::lock_guard lock(mutex_);  // So that held blocks stay in front.
   if (suspensions_ > 0) {
     held_.push_back(std::move(block));
   } else {
@@ -83,13 +83,13 @@ void NSXPCConnection::deliver(SerialQueue::Block block) {
 
 void NSXPCConnection::deliverMessage(SerialQueue::Block block) {
   {
-    const std::lock_guard lock(mutex_);  // Under which the flag has been set, too: by resume().
+    const std::lock_guard lock(mutex_);  // resume() also sets the flag under the lock.
     if (suspensions_ > 0) return held_.push_back(std::move(block));
     if (!servesAtOnce_) return queue_->async(std::move(block));
   }
   xpc_.noteLoopThread();
-  // This thread, which carries every connection, waits for none. Whatever is delivered is delivered
-  // on it, so that nothing can come in between.
+  // This thread carries every connection, so it never waits for a queue. Every delivery runs on
+  // this thread, so nothing can get in between.
   if (!queue_->trySync(block)) queue_->async(std::move(block));
 }
 
@@ -133,13 +133,13 @@ void NSXPCConnection::becomeInvalid(std::int64_t whyMessagesFail) {
   }
   failOutstanding(whyMessagesFail,
                   whyMessagesFail == NSXPCConnectionInvalid ? kInvalidated : kEnded);
-  // Also of a connection that nobody ever resumed, or what is held would never go.
+  // Also for a connection that was never resumed, or its held blocks would never be dropped.
   const std::lock_guard lock(mutex_);
   suspensions_ = 0;
   for (SerialQueue::Block& block : held_) queue_->async(std::move(block));
   held_.clear();
   queue_->async([self] {
-    // Whatever they hold, maybe this, goes with them.
+    // Everything that the handlers own, maybe this, is destroyed with them.
     const Handler invalidated = std::exchange(self->invalidationHandler_, nullptr);
     self->interruptionHandler_ = nullptr;
     const auto object = std::exchange(self->exportedObject_, nullptr);
@@ -197,7 +197,7 @@ void NSXPCConnection::arrived(PeerMessage message) {
   });
 }
 
-// One message in each block, since it is blocks that the queues count for their turns.
+// One message per block, because the queues count blocks for their turns.
 void NSXPCConnection::serveWaiting() {
   if (isContinued_ || unserved_.empty()) return;
   SerialQueue::Block serving = std::move(unserved_.front());
@@ -211,9 +211,9 @@ NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; 
 
 bool NSXPCConnection::isInvalid() const { return invalid_ || xpc_.isEnding_; }
 
-// At the end of the queue, which leaves its thread to the others after so many blocks, as
-// AsioSerialQueues promises. Whatever comes off the queue before finds the connection busy, and
-// waits.
+// The block is put at the end of the queue, which gives its thread to other queues after a number
+// of blocks, as AsioSerialQueues.h says. Messages that the queue runs before it find the connection
+// busy, and wait.
 void NSXPCConnection::continueServing(SerialQueue::Block block) {
   isContinued_ = true;
   queue_->async([self = shared_from_this(), block = std::move(block)]() mutable {
@@ -228,7 +228,7 @@ void NSXPCConnection::continueServing(SerialQueue::Block block) {
 
 void NSXPCConnection::serve(PeerMessage message) {
   if (isInvalid()) {
-    makeReply(std::move(message.reply));  // Which lets go of it where it belongs.
+    makeReply(std::move(message.reply));  // The reply is dropped on the loop.
     return;
   }
   const MethodDescription* method =
@@ -252,7 +252,7 @@ void NSXPCConnection::serve(PeerMessage message) {
 }
 
 XPCReply NSXPCConnection::makeReply(std::unique_ptr<PeerReply> reply) {
-  // The right to answer belongs to the loop's thread, wherever it is used or dropped.
+  // The right to reply belongs to the loop's thread, wherever it is used or dropped.
   struct DropOnLoop {
     RunLoop* loop;
     void operator()(PeerReply* owned) const {
@@ -265,7 +265,7 @@ XPCReply NSXPCConnection::makeReply(std::unique_ptr<PeerReply> reply) {
     auto answer = [xpc, reply = std::unique_ptr<PeerReply>(right.release()),
                    values = Value(std::move(values))] {
       const auto answered = reply->answer(values);
-      // That the caller has gone is nobody's fault.
+      // If the caller has gone, that is no error to log.
       if (!answered && answered.error().code != ErrorCode::kNotFound) {
         xpc->logFailure("A reply could not be sent: " + describe(answered.error()));
       }
@@ -336,7 +336,7 @@ void NSXPCConnection::replied(std::uint64_t number, const MessageResult& result)
   });
 }
 
-// False where there is no connection; it is invalid then.
+// False if there is no connection; it is invalid then.
 bool NSXPCConnection::connect() {
   if (peer_) return true;
   const PeerConnectOptions options{.timeout = XPC::kConnectTimeout,

@@ -24,43 +24,46 @@ namespace platform {
 class XPC;
 
 inline constexpr char kNSCocoaErrorDomain[] = "NSCocoaErrorDomain";
-// Why a message has no reply; codes of that domain.
-inline constexpr std::int64_t NSXPCConnectionInterrupted = 4097;   // the other side ended
-inline constexpr std::int64_t NSXPCConnectionInvalid = 4099;       // there is no connection (more)
+// Reasons why a message has no reply; codes of that domain.
+inline constexpr std::int64_t NSXPCConnectionInterrupted = 4097;  // the other side ended
+// There is no connection, or none any more.
+inline constexpr std::int64_t NSXPCConnectionInvalid = 4099;
 inline constexpr std::int64_t NSXPCConnectionReplyInvalid = 4101;  // refused, or no proper reply
 
-// Answers a message with the reply's values, each of which may be nil. To be called at most once,
-// from any thread; dropped uncalled it sends nothing, and the caller's own handler never runs. Ends
-// before the XPC that it came from.
+// Answers a message with the reply's values, each of which may be nil. Any thread may call it, at
+// most once. If it is dropped without a call, nothing is sent and the caller's handler never runs.
+// It must be dropped before the XPC that made it.
 using XPCReply = std::move_only_function<void(Array values)>;
 
-// An object that other programs send messages to by their selectors.
+// An object to which other programs send messages by their selectors.
 class NSXPCExportedObject {
  public:
   virtual ~NSXPCExportedObject() = default;
 
-  // `selector` belongs to the connection's exported interface, and there is an argument for each of
-  // its colons, but that of a two-way method's last is `reply`; what kinds of values they are is
-  // for the method to check. Runs on that connection's queue: messages of one connection one after
-  // the other, of several at once. `reply` is empty for a message that wants none.
+  // `selector` belongs to the connection's exported interface. There is an argument for each of its
+  // colons, except that the last one of a two-way method is `reply`. The method must check the
+  // types of the values. Runs on the connection's queue: messages of one connection one after the
+  // other, those of several connections concurrently. `reply` is empty for a one-way message.
   virtual void receiveMessage(std::string_view selector, const Array& arguments,
                               XPCReply reply) = 0;
 };
 
-// A connection to another program's exported object, and of it to ours. Each has a queue of its
-// own, on which everything is called back. Made suspended: it is set up, and then resumed.
+// A connection to another program's exported object, and from it to ours. Each connection has a
+// queue of its own, on which all its callbacks run. It is created suspended: set it up, then resume
+// it.
 //
-// Any thread may use it once it is resumed. Whoever made a connection keeps it, and dropping it
-// invalidates it without a word; an accepted one lives until it ends. It ends before its XPC.
+// Any thread may use it once it has been resumed. Its maker keeps a client's connection; dropping
+// it invalidates it without a callback. An accepted connection lives until it ends. It must be
+// destroyed before its XPC.
 class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnection> {
  public:
-  // Messages of the peer that wait to be served, and what they hold together: one of the largest,
-  // and others behind it. All of one user's connections are bound by WaitingMessages.
+  // The limits of the peer's messages that wait to be served, in number and in bytes: one largest
+  // message and others behind it. WaitingMessages limits all connections of one user together.
   static constexpr std::size_t kMaxWaitingMessages = kMaxPeerCallsAwaitingReply;
   static constexpr std::size_t kMaxWaitingBytes = kMaxPeerMemoryFileBytes + kMaxPeerMessageBytes;
 
   using Handler = std::function<void()>;
-  // The reply's values, as many as the other side gave; null markers come as nil.
+  // Gets as many values as the other side sent; null markers become nil.
   using ReplyHandler = std::move_only_function<void(Array values)>;
   using ErrorHandler = std::move_only_function<void(const NSError& error)>;
 
@@ -79,64 +82,66 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   NSXPCConnection& operator=(const NSXPCConnection&) = delete;
   ~NSXPCConnection();
 
-  // To be set before the first resume(). The interfaces outlive the connection; a message outside
-  // the exported one is refused. The handlers are let go of when the connection is invalid.
+  // Set these before the first resume(). The interfaces outlive the connection. A message outside
+  // of the exported interface is refused. The handlers are destroyed when the connection becomes
+  // invalid.
   void setExportedInterface(const Protocol* interface) { exportedInterface_ = interface; }
-  // Shared with the connection, as long as that lasts.
+  // Shared with the connection for as long as that lives.
   void setExportedObject(std::shared_ptr<NSXPCExportedObject> object) {
     exportedObject_ = std::move(object);
   }
   void setRemoteObjectInterface(const Protocol* interface) { remoteInterface_ = interface; }
-  // The connection has ended for good, from either side, or could not be made: called once.
+  // The connection has ended for good, from either side, or could not be made. Called once.
   void setInvalidationHandler(Handler handler) { invalidationHandler_ = std::move(handler); }
-  // The other side of a Mach service has ended; the next message connects anew.
+  // The process of the Mach service has ended. The next message connects again.
   void setInterruptionHandler(Handler handler) { interruptionHandler_ = std::move(handler); }
 
-  // For an object that answers at once and waits for nothing: its messages need not go through
-  // other threads. They are served on the queue and in their order as ever; where that is idle, on
-  // the XPC's own thread, which carries all of its connections and never waits for the queue.
-  // Before the first resume().
+  // For an object that answers at once and never blocks: its messages then need not go through
+  // other threads. They are still served on the queue and in order. While the queue is idle they
+  // run on the XPC's own thread, which carries all connections and never waits for a queue. Call it
+  // before the first resume().
   void setServesAtOnce() { servesAtOnce_ = true; }
 
-  // Begins to deliver what comes, and to send. Each suspend() needs another resume(); what comes
-  // meanwhile waits, within the limits above.
+  // Starts to deliver incoming messages and to send. Each suspend() needs another resume();
+  // messages that arrive meanwhile wait, within the limits above.
   void resume();
   void suspend();
 
-  // Ends the connection. Messages without a reply fail, what has not been served yet is not, and
-  // then the invalidation handler runs. Later calls do nothing.
+  // Ends the connection. Messages without a reply fail, messages that have not been served yet are
+  // dropped, and then the invalidation handler runs. Later calls do nothing.
   void invalidate();
 
-  // The connection whose message this thread serves, within receiveMessage() and what that
-  // continues by continueServing(); null elsewhere.
+  // The connection whose message this thread serves, in receiveMessage() and in its blocks of
+  // continueServing(); null elsewhere.
   static NSXPCConnection* currentConnection();
-  // Whether the connection has ended for good, from either side or with its XPC. To ask while a
-  // message of it is served is to learn that nobody waits for the answer any more.
+  // Whether the connection has ended for good, from either side or with its XPC. While a message is
+  // served, it tells whether the caller still waits for the answer.
   bool isInvalid() const;
-  // For what takes long, on the current connection: runs `block` as a block of its own, on the
-  // queue. The listener's other connections have their turns in between, not each time but after so
-  // many blocks as one queue may run in a row. Meanwhile no other message of this connection is
-  // served; they wait, within the limits above. Also of a connection that has ended, whose
-  // invalidation handler may have run by then: what goes on without an end asks isInvalid(), or its
-  // XPC never ends. Once in each such call.
+  // For long work on the current connection: runs `block` as a block of its own on the queue. The
+  // listener's other connections have their turns in between, after as many blocks as one queue may
+  // run in a row. Meanwhile no other message of this connection is served; they wait, within the
+  // limits above. The block also runs if the connection has ended, whose invalidation handler may
+  // have run by then: work without an end must check isInvalid(), or its XPC never ends. Call it at
+  // most once per message or block.
   void continueServing(SerialQueue::Block block);
 
-  // Sends a message of the remote object's interface, with an argument for each of its colons but a
-  // two-way method's last, which stands for the reply. Exactly one of the handlers runs, once, on
-  // the queue; where the other side never replies, neither before the connection ends. There is no
-  // time-out.
+  // Sends a message of the remote object's interface. There is an argument for each of its colons,
+  // except that the last one of a two-way method stands for the reply. Exactly one of the handlers
+  // runs, once, on the queue; if the other side never replies, none runs before the connection
+  // ends. There is no time-out.
   //
-  // Fails with NSXPCConnectionReplyInvalid also for what can't travel, and beyond 128 messages that
-  // await their reply. A one-way message has no reply, and an error where it was not sent.
+  // Fails with NSXPCConnectionReplyInvalid also if an argument can't be sent, and beyond 128
+  // messages that await their reply. A one-way message has no reply; its error handler runs if it
+  // was not sent.
   void sendMessage(std::string_view selector, Array arguments, ReplyHandler reply,
                    ErrorHandler error);
 
-  // The other side's process and effective user, as the kernel knew them when it connected; 0 and
-  // the highest user while there is no other side.
+  // The process and effective user of the other side, as the kernel recorded them when it
+  // connected; 0 and the highest user id while there is no other side.
   ProcessId processIdentifier() const { return processIdentifier_; }
   std::uint32_t effectiveUserIdentifier() const { return effectiveUserIdentifier_; }
 
-  // What a connection to an endpoint was made with, null for others.
+  // The endpoint to which this connection was made, null for other connections.
   const std::shared_ptr<const NSXPCListenerEndpoint>& endpoint() const { return endpoint_; }
 
  private:
@@ -149,7 +154,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
     ErrorHandler error;
   };
 
-  // On the loop.
+  // The following run on the loop.
   void begin();
   void listenToPeer();
   void arrived(PeerMessage message);
@@ -162,7 +167,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void fail(const std::shared_ptr<Outgoing>& message, std::int64_t code, const std::string& why);
   void dropPeer();
 
-  // On the queue.
+  // The following run on the queue.
   void serveWaiting();
   void serve(PeerMessage message);
   XPCReply makeReply(std::unique_ptr<PeerReply> reply);
@@ -171,7 +176,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void deliverMessage(SerialQueue::Block block);
 
   XPC& xpc_;
-  RunLoop& loop_;  // The XPC's, which outlives it, and what the loop still holds of connections.
+  RunLoop& loop_;  // The XPC's; it outlives the XPC and all that the loop still holds.
   const std::shared_ptr<SerialQueue> queue_;  // shared with its pending blocks
   const Role role_;
   const std::string machService_;
@@ -192,17 +197,17 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   bool servesAtOnce_ = false;
   std::deque<SerialQueue::Block> held_;  // while suspended
 
-  // The queue's.
-  std::deque<SerialQueue::Block> unserved_;  // messages, in their order
+  // Used only on the queue.
+  std::deque<SerialQueue::Block> unserved_;  // messages, in order
   bool isContinued_ = false;
 
-  // The loop's.
+  // Used only on the loop.
   std::unique_ptr<PeerConnection> peer_;
   bool begun_ = false;  // a client that has been resumed
   bool finished_ = false;
-  std::vector<std::shared_ptr<Outgoing>> early_;  // sent before that
+  std::vector<std::shared_ptr<Outgoing>> early_;  // sent before the first resume()
   std::uint64_t lastMessage_ = 0;
-  // Shared with the completion of each.
+  // Each is shared with its completion.
   std::map<std::uint64_t, std::shared_ptr<Outgoing>> outstanding_;
 };
 

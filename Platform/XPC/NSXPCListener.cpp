@@ -8,7 +8,7 @@ namespace platform {
 
 namespace {
 
-// By the name everybody may connect: it is the objects that tell who may do what.
+// Everybody may connect by the name; the objects decide about permissions.
 constexpr std::uint32_t kSocketMode = 0666;
 
 }  // namespace
@@ -83,7 +83,7 @@ void NSXPCListener::listenOnce() {
 }
 
 void NSXPCListener::arrived(std::unique_ptr<PeerConnection> peer) {
-  peer->admit();  // There is nothing else that it would have to show here.
+  peer->admit();  // No proof is required here.
   const auto connection = std::make_shared<NSXPCConnection>(
       NSXPCConnection::Maker(), xpc_, queues_.makeQueue("xpc.connection"), std::move(peer));
   connection->listenToPeer();
@@ -102,10 +102,10 @@ void NSXPCListener::offer(const std::shared_ptr<NSXPCConnection>& connection) {
   queue_->async([weak = weak_from_this(), connection] {
     const auto self = weak.lock();
     const auto delegate = self ? self->delegate_.lock() : nullptr;
-    // On the connection's own queue: its end, which lets go of what the delegate sets, may come at
-    // any time.
+    // Runs on the connection's own queue, because the connection may end at any time and then drops
+    // what the delegate sets.
     connection->queue_->sync([&] {
-      if (connection->invalid_) return;  // It has ended already, and would keep what is set.
+      if (connection->invalid_) return;  // It has ended already, and would never drop the handlers.
       if (!delegate || !delegate->listener(*self, connection)) connection->invalidate();
     });
   });

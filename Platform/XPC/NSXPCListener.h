@@ -15,52 +15,54 @@ namespace platform {
 class NSXPCListener;
 class XPC;
 
-// Decides about connections to a listener.
+// Decides whether a listener accepts a connection.
 class NSXPCListenerDelegate {
  public:
   virtual ~NSXPCListenerDelegate() = default;
 
-  // listener:shouldAcceptNewConnection: - runs on the listener's queue and, so that the connection
-  // can't end meanwhile, on the connection's. To accept, it sets the connection up, resumes it and
-  // returns true; otherwise the connection is invalidated. Who has gone already is not shown.
+  // listener:shouldAcceptNewConnection: - runs on the listener's queue and on the connection's, so
+  // that the connection can't end meanwhile. To accept it, the delegate sets the connection up,
+  // resumes it and returns true; otherwise it is invalidated. A connection that has ended already
+  // is not passed to the delegate.
   virtual bool listener(NSXPCListener& listener,
                         const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) = 0;
 };
 
-// Waits for connections, under the name of a Mach service or without one. Each listener has threads
-// of its own for its connections, so that long work of one holds up no other.
+// Listens for connections, under the name of a Mach service or without a name. Each listener has
+// threads of its own for its connections, so that its long work blocks no other listener.
 //
-// Made suspended. Any thread. Whoever made it keeps it; its end is as invalidate(). It ends before
-// its XPC.
+// It is created suspended. Any thread may use it. Its maker keeps it; its destructor invalidates
+// it. It must be destroyed before its XPC.
 class NSXPCListener final : public std::enable_shared_from_this<NSXPCListener> {
  public:
   class Maker {
     friend class XPC;
     Maker() = default;
   };
-  // Without a name where `machService` is empty.
+  // Has no name if `machService` is empty.
   NSXPCListener(Maker, XPC& xpc, SerialQueues& queues, std::string machService);
   NSXPCListener(const NSXPCListener&) = delete;
   NSXPCListener& operator=(const NSXPCListener&) = delete;
   ~NSXPCListener();
 
-  // Not retained: connections that come when it has ended are turned away. Before resume().
+  // Not retained. After the delegate has been destroyed, connections are rejected. Call it before
+  // resume().
   void setDelegate(std::weak_ptr<NSXPCListenerDelegate> delegate) {
     delegate_ = std::move(delegate);
   }
 
-  // The right to connect to a listener without a name; null for one that has a name, and, logged,
-  // where the system has no room for one. Blocks for a turn of the XPC's loop at most.
+  // The right to connect to a listener without a name. Null for one with a name, and if the system
+  // has no room for one, which is logged. Blocks for at most a turn of the XPC's loop.
   std::shared_ptr<const NSXPCListenerEndpoint> endpoint();
 
-  // Begins to hand connections to the delegate; the name is taken the first time. One that can't be
-  // had is logged, and nobody comes then. Blocks like endpoint(), and for a second more at most
-  // where another process is replacing a leftover of the name. Each suspend() needs another
-  // resume(); who connects meanwhile waits.
+  // Starts to pass connections to the delegate. The first call takes the name; a failure is logged,
+  // and then nobody can connect. Blocks like endpoint(), and for at most a second more if another
+  // process is replacing a leftover socket. Each suspend() needs another resume(); new connections
+  // wait meanwhile.
   void resume();
   void suspend();
 
-  // Gives the name away; its connections stay.
+  // Releases the name; its connections stay.
   void invalidate();
 
  private:
@@ -76,10 +78,10 @@ class NSXPCListener final : public std::enable_shared_from_this<NSXPCListener> {
 
   std::mutex mutex_;
   int suspensions_ = 1;
-  // Shared with the XPC, which keeps them all.
+  // Shared with the XPC, which keeps all connections.
   std::vector<std::shared_ptr<NSXPCConnection>> held_;  // while suspended
 
-  // The loop's.
+  // Used only on the loop.
   bool hasListened_ = false;
   std::unique_ptr<PeerListener> listener_;
   std::shared_ptr<const NSXPCListenerEndpoint> endpoint_;  // shared with its holders

@@ -24,14 +24,15 @@ class WaitingMessages::Taken final : public Place {
   }
 
  private:
-  const std::shared_ptr<WaitingMessages> all_;  // shared with the others
+  const std::shared_ptr<WaitingMessages> all_;  // shared with other places
   const std::uint32_t user_;
   const Cost cost_;
 };
 
 WaitingMessages::Cost WaitingMessages::costOf(const Array& arguments) {
   Cost cost;
-  // What we could not send ourselves has come all the same: laid out otherwise, and larger then.
+  // A message that we could not send ourselves has arrived: it is encoded otherwise and is larger
+  // in our encoding.
   cost.bytes = peerBodyBytes(arguments, PeerMessageContents::kValuesAndEndpoints)
                    .value_or(kMaxPeerMemoryFileBytes);
   for (const Value& argument : arguments) cost.endpoints += endpointsIn(argument);

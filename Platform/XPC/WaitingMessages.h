@@ -11,12 +11,12 @@
 
 namespace platform {
 
-// What the messages that wait to be served cost us, user by user: a user may have as many
-// connections as a listener lets him, and whoever has no right to be served can fill all their
-// queues. Root and our own user are not bound. Any thread.
+// Counts, per user, the messages that wait to be served. A user may have as many connections as a
+// listener permits, and even a client without permission can fill all their queues. Root and our
+// own user have no limit. Any thread may use it.
 class WaitingMessages : public std::enable_shared_from_this<WaitingMessages> {
  public:
-  // Of one user, over all connections: each endpoint is a descriptor of ours.
+  // The limits of one user over all connections. Each endpoint is one of our descriptors.
   static constexpr std::size_t kMaxEndpointsPerUser = 1024;
   static constexpr std::size_t kMaxBytesPerUser = 8 * kMaxPeerMemoryFileBytes;
 
@@ -24,15 +24,15 @@ class WaitingMessages : public std::enable_shared_from_this<WaitingMessages> {
     std::size_t bytes = 0;
     std::size_t endpoints = 0;
   };
-  // Of a message that has arrived.
+  // The cost of a message that has arrived.
   static Cost costOf(const Array& arguments);
 
-  // A message's place among them, until it is served.
+  // A message's place, held until the message is served.
   class Place {
    public:
     virtual ~Place() = default;
   };
-  // Null where that would be too much. May outlive this.
+  // Null beyond the limits. The place may outlive this object.
   std::unique_ptr<Place> take(std::uint32_t user, const Cost& cost);
 
  private:

@@ -19,12 +19,12 @@ Value endpoint() { return Value(std::shared_ptr<const RemoteObject>(new Endpoint
 
 class WaitingMessagesTest : public testing::Test {
  protected:
-  // Some user, neither root nor ours.
+  // A user who is neither root nor ours.
   const std::uint32_t user_ = currentEffectiveUserId() + 1;
   const std::shared_ptr<WaitingMessages> messages_ = std::make_shared<WaitingMessages>();
 };
 
-TEST_F(WaitingMessagesTest, EndpointsAreCountedWhereverTheyStand) {
+TEST_F(WaitingMessagesTest, NestedEndpointsAreCounted) {
   EXPECT_EQ(WaitingMessages::costOf({}).endpoints, 0U);
   EXPECT_EQ(WaitingMessages::costOf({Value("name"), Value(Data(4))}).endpoints, 0U);
   EXPECT_EQ(WaitingMessages::costOf({endpoint(), Value(Array{endpoint(), Value(1)}),
@@ -34,8 +34,8 @@ TEST_F(WaitingMessagesTest, EndpointsAreCountedWhereverTheyStand) {
   EXPECT_GT(WaitingMessages::costOf({Value(Data(1000))}).bytes, 1000U);
 }
 
-// A peer may lay out what we would make too large, and may not be forgiven that.
-TEST_F(WaitingMessagesTest, WhatIsTooLargeToBeMeasuredCostsTheMost) {
+// A peer may use an encoding for values that ours would make too large. They must still count.
+TEST_F(WaitingMessagesTest, AMessageTooLargeToMeasureHasTheMaximumCost) {
   const Data measured(kMaxPeerMemoryFileBytes - 2000);
   EXPECT_GT(WaitingMessages::costOf({Value(measured)}).bytes, measured.size());
   EXPECT_LT(WaitingMessages::costOf({Value(measured)}).bytes, kMaxPeerMemoryFileBytes);
@@ -43,7 +43,7 @@ TEST_F(WaitingMessagesTest, WhatIsTooLargeToBeMeasuredCostsTheMost) {
   EXPECT_EQ(WaitingMessages::costOf({Value(unmeasured)}).bytes, kMaxPeerMemoryFileBytes);
 }
 
-TEST_F(WaitingMessagesTest, AUserMayHoldSoManyEndpointsAndNoMore) {
+TEST_F(WaitingMessagesTest, TheEndpointsOfAUserAreLimited) {
   constexpr std::size_t kMost = WaitingMessages::kMaxEndpointsPerUser;
   auto first = messages_->take(user_, {1, kMost - 1});
   const auto last = messages_->take(user_, {1, 1});
@@ -56,7 +56,7 @@ TEST_F(WaitingMessagesTest, AUserMayHoldSoManyEndpointsAndNoMore) {
   EXPECT_FALSE(messages_->take(user_, {1, kMost}));
 }
 
-TEST_F(WaitingMessagesTest, AUserMayHoldSoManyBytesAndNoMore) {
+TEST_F(WaitingMessagesTest, TheBytesOfAUserAreLimited) {
   constexpr std::size_t kMost = WaitingMessages::kMaxBytesPerUser;
   auto first = messages_->take(user_, {kMost - 1, 0});
   const auto last = messages_->take(user_, {1, 0});
@@ -66,7 +66,7 @@ TEST_F(WaitingMessagesTest, AUserMayHoldSoManyBytesAndNoMore) {
   EXPECT_TRUE(messages_->take(user_, {1, 0}));
 }
 
-TEST_F(WaitingMessagesTest, RootAndOurOwnUserAreNotBound) {
+TEST_F(WaitingMessagesTest, RootAndOurOwnUserHaveNoLimit) {
   for (const std::uint32_t user : {std::uint32_t{0}, currentEffectiveUserId()}) {
     const Cost most{WaitingMessages::kMaxBytesPerUser, WaitingMessages::kMaxEndpointsPerUser};
     const auto first = messages_->take(user, most);
@@ -74,14 +74,14 @@ TEST_F(WaitingMessagesTest, RootAndOurOwnUserAreNotBound) {
   }
 }
 
-TEST_F(WaitingMessagesTest, MessagesWithoutAnythingCostNothing) {
+TEST_F(WaitingMessagesTest, MessagesWithoutArgumentsCostNothing) {
   std::vector<std::unique_ptr<WaitingMessages::Place>> places;
   for (int i = 0; i < 3; ++i) places.push_back(messages_->take(user_, {}));
   places.clear();
   EXPECT_TRUE(messages_->take(user_, {}));
 }
 
-TEST_F(WaitingMessagesTest, APlaceMayOutliveThem) {
+TEST_F(WaitingMessagesTest, APlaceMayOutliveTheCounter) {
   auto messages = std::make_shared<WaitingMessages>();
   const auto place = messages->take(user_, {1, 1});
   messages.reset();

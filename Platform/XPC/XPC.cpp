@@ -10,9 +10,10 @@ XPC::XPC(Environment environment)
       clientQueues_(addQueues()) {}
 
 XPC::~XPC() {
-  // Or what continues as long as somebody waits for it would, and the queues never be empty.
+  // Ends continued work. Otherwise it would go on while its caller waits, and the queues would
+  // never be empty.
   isEnding_ = true;
-  // Their blocks may still send replies, and may be what keeps a connection.
+  // Their blocks may still send replies, and may own the last reference to a connection.
   queues_.clear();
   const auto ending = std::exchange(accepted_, {});
 }

@@ -22,45 +22,45 @@
 
 namespace platform {
 
-// Makes listeners and connections that call objects of other programs, off the main thread: their
-// transport lives on a loop of its own, requests and replies are served on queues, whose blocks run
-// on threads of theirs or, see NSXPCConnection::setServesAtOnce(), on the loop's. Nobody shows a
-// token here and nobody is asked for one; who may do what is the objects' business.
+// Makes listeners and connections between programs, off the main thread. Their transport has a loop
+// of its own. Requests and replies are served on queues, whose blocks run on threads of their own
+// or on the loop's thread (see NSXPCConnection::setServesAtOnce()). There are no tokens here; the
+// exported objects decide about permissions.
 //
-// Outlives everything that it makes. Any thread may use it.
+// It outlives all objects that it makes. Any thread may use it.
 class XPC {
  public:
-  // How long connecting may take. Meanwhile nothing else of this XPC is sent or read.
+  // The limit of connecting. Meanwhile this XPC neither sends nor reads anything else.
   static constexpr Duration kConnectTimeout = std::chrono::seconds(5);
 
-  // What it stands on; all of it outlives this.
+  // The objects that it uses; all of them outlive this.
   struct Environment {
     RunLoop& loop;
     PeerTransport& transport;
     SystemLog& log;
-    // Does something on the loop's thread and returns when it is done.
+    // Runs an action on the loop's thread and returns when it is done.
     std::function<void(const std::function<void()>&)> performOnLoop;
-    // Makes queues with threads of their own, which end with them.
+    // Makes queues with threads of their own, which end with the queues.
     std::function<std::unique_ptr<SerialQueues>()> makeQueues;
-    // Which file stands for a Mach service.
+    // The path of the socket of a Mach service.
     std::function<std::string(std::string_view machService)> path;
-    // Of each listener; see PeerListenerOptions.
+    // The limit for each listener; see PeerListenerOptions.
     std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   };
   explicit XPC(Environment environment);
   XPC(const XPC&) = delete;
   XPC& operator=(const XPC&) = delete;
-  // Every connection counts as ended, so that what takes long ends soon; what has not been served
-  // yet is not. Then waits for what is being served. Not on the loop's thread, which may have
-  // stopped by then.
+  // Marks every connection as ended, so that long work ends soon, and drops messages that have not
+  // been served. Then blocks until running requests have been served. Do not destroy it on the
+  // loop's thread; the loop may have stopped by then.
   ~XPC();
 
-  // initWithMachServiceName: of the listener; anonymousListener.
+  // initWithMachServiceName: of the listener, and anonymousListener.
   std::shared_ptr<NSXPCListener> makeListener(std::string machService);
   std::shared_ptr<NSXPCListener> makeAnonymousListener();
 
-  // initWithMachServiceName:options: and initWithListenerEndpoint: of the connection. Nobody is
-  // connected to before it is resumed.
+  // initWithMachServiceName:options: and initWithListenerEndpoint: of the connection. It connects
+  // only when it is resumed.
   std::shared_ptr<NSXPCConnection> makeConnection(std::string machService);
   std::shared_ptr<NSXPCConnection> makeConnection(
       std::shared_ptr<const NSXPCListenerEndpoint> endpoint);
@@ -70,23 +70,23 @@ class XPC {
   friend class NSXPCListener;
 
   SerialQueues& addQueues();
-  // Whether this is the loop's thread, as far as noteLoopThread() has told.
+  // Whether this is the loop's thread, which noteLoopThread() has stored.
   bool isOnLoop() const { return std::this_thread::get_id() == loopThread_; }
   void noteLoopThread() { loopThread_ = std::this_thread::get_id(); }
-  // What the other side or the system did, so many lines a minute at most. On the loop.
+  // Logs errors of peers or the system, with a limit of lines per minute. Call it on the loop.
   void logFailure(std::string_view line) { failures_.write(line); }
 
   const Environment environment_;
   RefusalLog failures_;
   std::atomic<std::thread::id> loopThread_;
   std::atomic<bool> isEnding_ = false;
-  // Shared with the messages that wait.
+  // Shared with the waiting messages.
   const std::shared_ptr<WaitingMessages> waiting_ = std::make_shared<WaitingMessages>();
-  // The loop's: accepted connections live until they end.
+  // Used only on the loop. Accepted connections live until they end.
   std::set<std::shared_ptr<NSXPCConnection>> accepted_;
 
   std::mutex mutex_;
-  // Kept to the end: a listener may end on a thread of its own queues.
+  // Never removed, because a listener may end on a thread of its own queues.
   std::vector<std::unique_ptr<SerialQueues>> queues_;
   SerialQueues& clientQueues_;
 };

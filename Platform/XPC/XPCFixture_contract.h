@@ -15,28 +15,28 @@
 
 namespace platform {
 
-// This process and another one, whatever either of them is made of.
+// This process and another one, whether real or fake.
 class XPCHarness {
  public:
   virtual ~XPCHarness() = default;
 
   virtual XPC& here() = 0;
   virtual XPC& there() = 0;
-  // The other process ends, with everything that it holds.
+  // Ends the other process with everything in it.
   virtual void endThere() = 0;
-  // Both end.
+  // Ends both.
   virtual void end() = 0;
-  // Who this process is to the other one.
+  // This process's credentials for the other one.
   virtual PeerCredentials self() = 0;
 
-  // Until `done` holds; it is asked after each changed(), which any thread may call.
+  // Blocks until `done` holds. It is checked after each changed(), which any thread may call.
   virtual void await(const std::function<bool()>& done) = 0;
   virtual void changed() = 0;
 };
 
 using XPCHarnessFactory = std::unique_ptr<XPCHarness> (*)();
 
-// What happened anywhere.
+// The events of both processes.
 class XPCJournal {
  public:
   explicit XPCJournal(XPCHarness& harness) : harness_(harness) {}
@@ -67,14 +67,14 @@ class XPCJournal {
   std::vector<std::string> entries_;
 };
 
-// What the other process exports.
+// The interface that the other process exports:
 //   echo:withReply:   its argument
 //   pairWithReply:    two values, of which the second is nil
 //   keepWithReply:    nothing, and keeps the right to reply
 //   dropWithReply:    nothing, and gives the right back
-//   lingerWithReply:  nothing, when it has let others have so many turns as turnsToLinger says;
-//                     a caller that goes meanwhile is noted
-//   note:             nothing; is noted, and who lingers may reply
+//   lingerWithReply:  nothing, after it has given others as many turns as turnsToLinger says; it
+//                     notes if its caller ends meanwhile
+//   note:             nothing; notes itself, and lets lingering calls reply
 inline const Protocol& xpcTestProtocol() {
   using enum MethodDescription::Kind;
   static const Protocol protocol("TestProtocol", {{"echo:withReply:", kTwoWay},
@@ -168,7 +168,7 @@ class XPCTestDelegate final : public NSXPCListenerDelegate {
 
   XPCTestObject& object() { return *object_; }
 
-  // Looked at when "accepted" or "refused" has been noted.
+  // Read it after "accepted" or "refused" has been noted.
   std::vector<PeerCredentials> peers;
   std::vector<std::weak_ptr<NSXPCConnection>> accepted;
   bool refuses = false;
@@ -180,14 +180,15 @@ class XPCTestDelegate final : public NSXPCListenerDelegate {
   std::shared_ptr<XPCTestObject> object_;
 };
 
-// The other process listens as the Mach service "com.example.test" and without a name.
+// The other process listens as the Mach service "com.example.test", and without a name.
 class XPCContract : public testing::TestWithParam<XPCHarnessFactory> {
  protected:
   static constexpr char kService[] = "com.example.test";
 
   ~XPCContract() override {
     client_.reset();
-    if (delegate_) delegate_->object().dropKept();  // Rights to reply end before their XPC.
+    // Pending replies must be dropped before their XPC.
+    if (delegate_) delegate_->object().dropKept();
     listener_.reset();
     anonymous_.reset();
     harness_->end();
@@ -226,7 +227,8 @@ class XPCContract : public testing::TestWithParam<XPCHarnessFactory> {
     client_ = connect();
   }
 
-  // What a client sends while the server's side is suspended waits there, and for nobody else.
+  // Messages that arrive while the server's connection is suspended wait there, without blocking
+  // others.
   void expectHeldWhileSuspended() {
     call(*client_, "echo:withReply:", {Value(1)});
     const auto serverSide = delegate_->accepted.at(0).lock();
@@ -239,7 +241,7 @@ class XPCContract : public testing::TestWithParam<XPCHarnessFactory> {
     journal_.await("note held");
   }
 
-  // Notes "reply" or "error CODE".
+  // Sends a message and notes "reply" or "error CODE".
   void send(NSXPCConnection& connection, std::string_view selector, Array arguments = {}) {
     connection.sendMessage(
         selector, std::move(arguments),

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every XPC must do with messages whose service takes long, whatever carries it.
+// The contract of every XPC for messages that take long to serve, on any transport.
 
 #include <memory>
 #include <string>
@@ -12,7 +12,7 @@ namespace platform {
 
 inline constexpr int kForEver = 1'000'000'000;
 
-TEST_P(XPCContract, AMessageIsServedOnItsConnectionAndNothingElseIs) {
+TEST_P(XPCContract, TheCurrentConnectionIsTheMessagesOwn) {
   std::weak_ptr<NSXPCConnection> served;
   delegate_->object().whileLingering = [&] {
     served = NSXPCConnection::currentConnection()->weak_from_this();
@@ -23,7 +23,7 @@ TEST_P(XPCContract, AMessageIsServedOnItsConnectionAndNothingElseIs) {
   EXPECT_EQ(NSXPCConnection::currentConnection(), nullptr);
 }
 
-TEST_P(XPCContract, WhatIsSentBehindAMessageThatTakesLongIsServedBehindIt) {
+TEST_P(XPCContract, MessagesBehindALongOneAreServedAfterIt) {
   delegate_->object().turnsToLinger = 200;
   start();
   send(*client_, "lingerWithReply:");
@@ -39,7 +39,7 @@ TEST_P(XPCContract, WhatIsSentBehindAMessageThatTakesLongIsServedBehindIt) {
   EXPECT_EQ(entries, (std::vector<std::string>{"lingered", behind[0], behind[1]}));
 }
 
-TEST_P(XPCContract, OthersAreServedBetweenTheTurnsOfWhatTakesLong) {
+TEST_P(XPCContract, OthersAreServedBetweenTheTurnsOfALongMessage) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
   const auto other = connect();
@@ -48,18 +48,18 @@ TEST_P(XPCContract, OthersAreServedBetweenTheTurnsOfWhatTakesLong) {
   for (std::size_t i : {0, 1}) delegate_->accepted.at(i).lock()->suspend();
   send(*client_, "lingerWithReply:");
   other->sendMessage("note:", {Value("short")}, nullptr, nullptr);
-  call(*connect(), "echo:withReply:", {Value(1)});  // By then both have arrived.
+  call(*connect(), "echo:withReply:", {Value(1)});  // Both have arrived by now.
   for (std::size_t i : {0, 1}) delegate_->accepted.at(i).lock()->resume();
   journal_.await("lingered");
   EXPECT_EQ(journal_.count("note short"), 1u);
 }
 
-TEST_P(XPCContract, WhatTakesLongLearnsThatItsCallerHasGone) {
+TEST_P(XPCContract, ALongMessageLearnsThatItsCallerHasEnded) {
   delegate_->object().whileLingering = [&] {
     EXPECT_FALSE(NSXPCConnection::currentConnection()->isInvalid());
     client_->invalidate();
     journal_.await("invalid");
-    std::ignore = listener_->endpoint();  // A turn of the loop that hears of it.
+    std::ignore = listener_->endpoint();  // A turn of the loop that delivers the end.
   };
   delegate_->object().turnsToLinger = kForEver;
   start();

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every XPC must do, whatever carries it. A test program instantiates it with a harness:
+// The contract of every XPC, on any transport. A test program instantiates it with a harness:
 //   INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeFakeXPCHarness));
 
 #include <string>
@@ -18,7 +18,7 @@ TEST_P(XPCContract, AMessageIsAnswered) {
             Array{Value(Dictionary{{"key", Array{1, 2.5, true}}})});
 }
 
-TEST_P(XPCContract, NilTravelsAsAnArgumentAndInAReply) {
+TEST_P(XPCContract, NilCanBeAnArgumentAndInAReply) {
   start();
   EXPECT_TRUE(call(*client_, "echo:withReply:", {Value()}).at(0).isNil());
   const Array pair = call(*client_, "pairWithReply:");
@@ -27,14 +27,14 @@ TEST_P(XPCContract, NilTravelsAsAnArgumentAndInAReply) {
   EXPECT_TRUE(pair[1].isNil());
 }
 
-TEST_P(XPCContract, AOneWayMessageArrivesBeforeWhatIsSentAfterIt) {
+TEST_P(XPCContract, AOneWayMessageArrivesBeforeLaterMessages) {
   start();
   client_->sendMessage("note:", {Value("a")}, nullptr, nullptr);
   call(*client_, "echo:withReply:", {Value(1)});
   EXPECT_EQ(journal_.count("note a"), 1u);
 }
 
-TEST_P(XPCContract, ThePeerIsWhomTheKernelNames) {
+TEST_P(XPCContract, ThePeerIsTheOneThatTheKernelNames) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
   ASSERT_EQ(delegate_->peers.size(), 1u);
@@ -44,7 +44,7 @@ TEST_P(XPCContract, ThePeerIsWhomTheKernelNames) {
   EXPECT_NE(client_->effectiveUserIdentifier(), static_cast<std::uint32_t>(-1));
 }
 
-TEST_P(XPCContract, WhatTheDelegateRefusesIsInvalid) {
+TEST_P(XPCContract, AConnectionThatTheDelegateRefusesIsInvalid) {
   delegate_->refuses = true;
   start();
   send(*client_, "echo:withReply:", {Value(1)});
@@ -52,7 +52,7 @@ TEST_P(XPCContract, WhatTheDelegateRefusesIsInvalid) {
   harness_->await([&] { return journal_.count("error 4097") + journal_.count("error 4099") == 1; });
 }
 
-TEST_P(XPCContract, WithoutADelegateNobodyIsAccepted) {
+TEST_P(XPCContract, WithoutADelegateNoConnectionIsAccepted) {
   listen();
   delegate_.reset();
   client_ = connect();
@@ -75,7 +75,7 @@ TEST_P(XPCContract, AMessageOutsideTheInterfaceFailsHereAndThere) {
   other->invalidate();
 }
 
-TEST_P(XPCContract, WhatCantTravelIsAnErrorAndTheConnectionStays) {
+TEST_P(XPCContract, AnUnsendableValueIsAnErrorAndTheConnectionStays) {
   start();
   send(*client_, "echo:withReply:", {Value("\xff")});
   journal_.await("error 4101");
@@ -93,7 +93,7 @@ TEST_P(XPCContract, AReplyMayComeLateAndFromAnyThread) {
   journal_.await("reply", 2);
 }
 
-TEST_P(XPCContract, AReplyIsGivenOnce) {
+TEST_P(XPCContract, AReplyIsSentOnce) {
   start();
   send(*client_, "keepWithReply:");
   journal_.await("kept");
@@ -105,8 +105,8 @@ TEST_P(XPCContract, AReplyIsGivenOnce) {
   EXPECT_EQ(journal_.count("reply"), 2u);
 }
 
-// A reply that is dropped gives its place back at once, or the 129th message would be refused.
-TEST_P(XPCContract, ARightToReplyThatIsDroppedIsGivenBackAndTheCallerHearsNothing) {
+// A dropped reply gives its place back at once, or the 129th message would be refused.
+TEST_P(XPCContract, ADroppedReplyFreesItsPlaceSilently) {
   start();
   for (std::size_t i = 1; i <= kMaxPeerCallsAwaitingReply - 1; ++i) {
     send(*client_, "dropWithReply:");
@@ -122,7 +122,7 @@ TEST_P(XPCContract, ARightToReplyThatIsDroppedIsGivenBackAndTheCallerHearsNothin
   journal_.await("error 4099");
 }
 
-TEST_P(XPCContract, SoManyMessagesMayAwaitTheirReplyAndNoMore) {
+TEST_P(XPCContract, TheMessagesThatAwaitAReplyAreLimited) {
   start();
   for (std::size_t i = 0; i < kMaxPeerCallsAwaitingReply; ++i) send(*client_, "dropWithReply:");
   journal_.await("dropped", kMaxPeerCallsAwaitingReply);
@@ -130,7 +130,7 @@ TEST_P(XPCContract, SoManyMessagesMayAwaitTheirReplyAndNoMore) {
   journal_.await("error 4101");
 }
 
-TEST_P(XPCContract, AnEndpointIsConnectedTo) {
+TEST_P(XPCContract, AClientConnectsToAnEndpoint) {
   const auto endpoint = listenAnonymously();
   ASSERT_TRUE(endpoint);
   EXPECT_EQ(anonymous_->endpoint(), endpoint);
@@ -138,7 +138,7 @@ TEST_P(XPCContract, AnEndpointIsConnectedTo) {
   EXPECT_EQ(call(*client_, "echo:withReply:", {Value("by endpoint")}), Array{Value("by endpoint")});
 }
 
-TEST_P(XPCContract, AnEndpointIsHandedOnInArgumentsAndReplies) {
+TEST_P(XPCContract, AnEndpointCanBeAnArgumentAndInAReply) {
   start();
   const auto endpoint = listenAnonymously();
   const Array echoed = call(*client_, "echo:withReply:", {Value(endpoint)});
@@ -146,14 +146,14 @@ TEST_P(XPCContract, AnEndpointIsHandedOnInArgumentsAndReplies) {
   ASSERT_TRUE(returned);
   const auto second = connect(returned);
   EXPECT_EQ(call(*second, "echo:withReply:", {Value(2)}), Array{Value(2)});
-  // Also inside a collection, and through the one it led to.
+  // Also inside a collection, and through the connection that it led to.
   const Array nested =
       call(*second, "echo:withReply:", {Value(Dictionary{{"endpoint", Value(returned)}})});
   const auto third = connect(endpointIn(nested.at(0)["endpoint"]));
   EXPECT_EQ(call(*third, "echo:withReply:", {Value(3)}), Array{Value(3)});
 }
 
-TEST_P(XPCContract, SoManyEndpointsTravelInOneMessageAndNoMore) {
+TEST_P(XPCContract, TheEndpointsOfAMessageAreLimited) {
   start();
   const Value endpoint(listenAnonymously());
   EXPECT_EQ(call(*client_, "echo:withReply:", {Value(Array(kMaxPeerDescriptors, endpoint))})
@@ -165,11 +165,11 @@ TEST_P(XPCContract, SoManyEndpointsTravelInOneMessageAndNoMore) {
   journal_.await("error 4101");
 }
 
-TEST_P(XPCContract, ADeadOwnersEndpointFailsCleanly) {
+TEST_P(XPCContract, TheEndpointOfADeadOwnerFailsCleanly) {
   const auto endpoint = listenAnonymously();
   client_ = connect(endpoint);
   call(*client_, "echo:withReply:", {Value(1)});
-  anonymous_.reset();  // What the process holds ends before it.
+  anonymous_.reset();  // The objects of the process end before it.
   harness_->endThere();
   journal_.await("invalid");
   const auto late = connect(endpoint);
@@ -178,7 +178,7 @@ TEST_P(XPCContract, ADeadOwnersEndpointFailsCleanly) {
   journal_.await("invalid", 2);
 }
 
-TEST_P(XPCContract, AListenersEndLeavesItsConnectionsAndTakesNewOnes) {
+TEST_P(XPCContract, AnEndedListenerLeavesItsConnections) {
   const auto endpoint = listenAnonymously();
   client_ = connect(endpoint);
   call(*client_, "echo:withReply:", {Value(1)});
@@ -188,7 +188,7 @@ TEST_P(XPCContract, AListenersEndLeavesItsConnectionsAndTakesNewOnes) {
   journal_.await("invalid");
 }
 
-TEST_P(XPCContract, AMachServiceThatEndsInterruptsItsClientsWhoFindTheNextOne) {
+TEST_P(XPCContract, AnEndedMachServiceInterruptsItsClientsAndIsFoundAgain) {
   start();
   send(*client_, "keepWithReply:");
   journal_.await("kept");
@@ -200,14 +200,14 @@ TEST_P(XPCContract, AMachServiceThatEndsInterruptsItsClientsWhoFindTheNextOne) {
   EXPECT_EQ(delegate_->peers.size(), 2u);
 }
 
-TEST_P(XPCContract, AMachServiceThatNobodyHasIsInvalid) {
+TEST_P(XPCContract, AnUnknownMachServiceIsInvalid) {
   client_ = connect();
   send(*client_, "echo:withReply:", {Value(1)});
   journal_.await("error 4099");
   journal_.await("invalid");
 }
 
-TEST_P(XPCContract, InvalidatingFailsWhatAwaitsAReplyAndThenSaysSoOnce) {
+TEST_P(XPCContract, InvalidatingFailsPendingMessagesAndCallsTheHandlerOnce) {
   start();
   send(*client_, "keepWithReply:");
   journal_.await("kept");
@@ -218,11 +218,11 @@ TEST_P(XPCContract, InvalidatingFailsWhatAwaitsAReplyAndThenSaysSoOnce) {
   journal_.await("error 4099", 2);
   journal_.await("server side invalid");
   EXPECT_EQ(journal_.count("invalid"), 1u);
-  // Nobody waits for that reply any more, which is no fault.
+  // The caller no longer waits for that reply, which is no error.
   delegate_->object().takeKept()({Value(1)});
 }
 
-TEST_P(XPCContract, AnAcceptedConnectionsEndIsToldAndItsObjectLetGo) {
+TEST_P(XPCContract, TheEndOfAnAcceptedConnectionIsReported) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
   client_.reset();
@@ -237,12 +237,12 @@ TEST_P(XPCContract, ASuspendedConnectionDeliversNothingUntilItIsResumed) {
   expectHeldWhileSuspended();
 }
 
-// What ends meanwhile ends behind the decision, and finds everything that was set.
-TEST_P(XPCContract, WhoGoesWhileTheDelegateDecidesIsLetGoOf) {
+// A connection that ends meanwhile ends after the decision, and then drops everything that was set.
+TEST_P(XPCContract, AConnectionThatEndsDuringTheDecisionIsDropped) {
   delegate_->whileDeciding = [this] {
     client_->invalidate();
     journal_.await("invalid");
-    std::ignore = listener_->endpoint();  // A turn of the loop that hears of it.
+    std::ignore = listener_->endpoint();  // A turn of the loop that delivers the end.
     EXPECT_EQ(journal_.count("server side invalid"), 0u);
   };
   listen();
@@ -261,7 +261,7 @@ TEST_P(XPCContract, AnObjectThatServesAtOnceIsNotCalledWhileSuspended) {
   expectHeldWhileSuspended();
 }
 
-TEST_P(XPCContract, WhatIsServedAtOnceComesInOrderBehindWhatWasHeld) {
+TEST_P(XPCContract, MessagesServedAtOnceFollowTheHeldOnes) {
   constexpr std::size_t kEach = NSXPCConnection::kMaxWaitingMessages / 2 - 1;
   delegate_->servesAtOnce = true;
   start();
@@ -287,7 +287,7 @@ TEST_P(XPCContract, WhatIsServedAtOnceComesInOrderBehindWhatWasHeld) {
   EXPECT_EQ(notes, sent);
 }
 
-TEST_P(XPCContract, ASuspendedListenerKeepsWhoComesUntilItIsResumed) {
+TEST_P(XPCContract, ASuspendedListenerHoldsConnectionsUntilItIsResumed) {
   listen();
   listener_->suspend();
   client_ = connect();
@@ -297,7 +297,7 @@ TEST_P(XPCContract, ASuspendedListenerKeepsWhoComesUntilItIsResumed) {
   journal_.await("reply");
 }
 
-TEST_P(XPCContract, WhatIsSentBeforeAResumeIsSentThen) {
+TEST_P(XPCContract, AMessageBeforeAResumeIsSentThen) {
   listen();
   client_ = prepare(harness_->here().makeConnection(kService));
   send(*client_, "echo:withReply:", {Value("early")});
@@ -308,8 +308,8 @@ TEST_P(XPCContract, WhatIsSentBeforeAResumeIsSentThen) {
   journal_.await("reply", 2);
 }
 
-// A caller that is never answered can't know when to go on.
-TEST_P(XPCContract, WhatIsSentBehindALargeMessageWaitsWithIt) {
+// A caller without an answer can't know when to continue.
+TEST_P(XPCContract, AMessageBehindALargeOneWaitsWithIt) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
   const auto serverSide = delegate_->accepted.at(0).lock();
@@ -322,8 +322,9 @@ TEST_P(XPCContract, WhatIsSentBehindALargeMessageWaitsWithIt) {
   EXPECT_EQ(journal_.count("interrupted"), 0u);
 }
 
-// Who sends without end to one that is not served is cut off, and nobody else is.
-TEST_P(XPCContract, SoMuchMayWaitToBeServedAndNoMore) {
+// A peer that sends without end to a server that does not serve is disconnected; other peers are
+// not.
+TEST_P(XPCContract, TheMessagesThatWaitToBeServedAreLimited) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
   const auto serverSide = delegate_->accepted.at(0).lock();

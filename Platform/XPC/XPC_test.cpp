@@ -45,8 +45,8 @@ std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<FakeXPCHarne
 
 INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeHarness));
 
-// What the delegate would set would never be let go of.
-TEST_P(XPCContract, WhoHasGoneBeforeItIsDecidedIsNotShownToTheDelegate) {
+// Handlers that the delegate sets then would never be dropped.
+TEST_P(XPCContract, AConnectionThatHasEndedIsNotPassedToTheDelegate) {
   listen();
   listener_->suspend();
   client_ = connect();
@@ -59,19 +59,19 @@ TEST_P(XPCContract, WhoHasGoneBeforeItIsDecidedIsNotShownToTheDelegate) {
   EXPECT_EQ(delegate_->peers.size(), 1u);
 }
 
-TEST_P(XPCContract, WhoWaitsForAListenerThatEndsIsTurnedAway) {
+TEST_P(XPCContract, AConnectionThatWaitsForAnEndedListenerIsRejected) {
   listen();
   listener_->suspend();
   client_ = connect();
   send(*client_, "echo:withReply:", {Value(1)});
-  journal_.await("interrupted", 0);  // It has connected, and waits.
+  journal_.await("interrupted", 0);  // It has connected and waits.
   listener_.reset();
   journal_.await("interrupted");
   EXPECT_EQ(journal_.count("error 4097"), 1u);
   EXPECT_EQ(journal_.count("accepted"), 0u);
 }
 
-TEST_P(XPCContract, SoManyBytesMayWaitToBeServedAndNoMore) {
+TEST_P(XPCContract, TheBytesThatWaitToBeServedAreLimited) {
   constexpr std::size_t kFirst = std::size_t{12} << 20;
   const std::size_t none = WaitingMessages::costOf({Value("")}).bytes;
   const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - none, 'x')); };
@@ -91,7 +91,7 @@ TEST_P(XPCContract, SoManyBytesMayWaitToBeServedAndNoMore) {
   }
 }
 
-// An XPC whose listeners have so many connections of one user, and its clients.
+// An XPC whose listeners have a limit of connections per user, and its clients.
 class ConnectionsOfOneUser : public testing::Test {
  protected:
   static constexpr std::size_t kMost = 3;
@@ -109,7 +109,7 @@ class ConnectionsOfOneUser : public testing::Test {
     listener->resume();
     return listener;
   }
-  // Whether it stays connected.
+  // Returns whether it stays connected.
   bool add(std::shared_ptr<NSXPCConnection> connection) {
     const auto hasEnded = std::make_shared<bool>(false);
     connection->setInvalidationHandler([hasEnded] { *hasEnded = true; });
@@ -142,7 +142,7 @@ class ConnectionsOfOneUser : public testing::Test {
   std::vector<std::shared_ptr<NSXPCConnection>> connections_;
 };
 
-TEST_F(ConnectionsOfOneUser, AreSoManyAndNoMore) {
+TEST_F(ConnectionsOfOneUser, AreLimited) {
   const auto listener = start(xpc_.makeListener("service"));
   for (std::size_t i = 0; i < kMost - 1; ++i)
     EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
@@ -151,7 +151,7 @@ TEST_F(ConnectionsOfOneUser, AreSoManyAndNoMore) {
   EXPECT_TRUE(add(neighbour_.xpc.makeConnection("service")));
 }
 
-TEST_F(ConnectionsOfOneUser, MakeRoomByTheirEnd) {
+TEST_F(ConnectionsOfOneUser, MakeRoomWhenTheyEnd) {
   const auto listener = start(xpc_.makeListener("service"));
   for (std::size_t i = 0; i < kMost; ++i) EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
   connections_.pop_back();

@@ -34,7 +34,7 @@ TEST(CodePointsTest, WhereACharacterBeginsIsToldInBytes) {
 }
 
 // Whatever the place of a character in the blocks that are looked at together.
-TEST(CodePointsTest, LongTextsGiveTheSameAsShortOnes) {
+TEST(CodePointsTest, LongTextsGiveTheSameResultAsShortOnes) {
   for (std::size_t before = 0; before < 200; ++before) {
     const std::string ascii(before, 'x');
     const std::string text = ascii + "\u20ac" + std::string(130, 'y');

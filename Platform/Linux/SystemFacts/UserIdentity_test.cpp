@@ -69,9 +69,9 @@ TEST(UserIdentityTest, AnInterruptedLookupIsRepeated) {
   EXPECT_EQ(interruptions, 0);
 }
 
-TEST(UserIdentityTest, AnUnknownUserIsNone) { EXPECT_FALSE(lookUpUser(502, lookUpLarge)); }
+TEST(UserIdentityTest, AnUnknownUserHasNoIdentity) { EXPECT_FALSE(lookUpUser(502, lookUpLarge)); }
 
-TEST(UserIdentityTest, AFailureOfTheNameServiceIsNone) {
+TEST(UserIdentityTest, AFailureOfTheNameServiceGivesNoIdentity) {
   EXPECT_FALSE(lookUpUser(501, [](uid_t, passwd*, char*, std::size_t, passwd** result) {
     *result = nullptr;
     return EIO;
