@@ -12,7 +12,7 @@
 
 namespace platform {
 
-// What a background service's class is told by its host; on the main thread, each once.
+// The calls from a host to a background service's class, on the main thread, each once.
 //
 // The arguments are not used; they belong to the methods' selectors and are nil.
 class VGBackgroundServiceDelegate {
@@ -23,33 +23,33 @@ class VGBackgroundServiceDelegate {
   virtual void backgroundServiceWillTerminate(const Value& notification) = 0;
 };
 
-// The classes that a host can make an instance of. The name is the class's own.
+// The classes of which a host can make an instance, by the name of the class.
 using BackgroundServiceClasses =
     NameTable<std::function<std::unique_ptr<VGBackgroundServiceDelegate>()>>;
 
-// What a host needs from outside; all of it outlives the host's call.
+// The objects that a host uses; all of them outlive the host's call.
 struct BackgroundServiceHost {
   RunLoop& runLoop;
   TerminationSignals& terminationSignals;
   ServiceReadiness& readiness;
   const BackgroundServiceClasses& classes;
 
-  // Made by the host and left here, so that a further request to end, while the program cleans up
-  // behind the host, does not kill it. Ends with this struct, which `runLoop` must outlive.
+  // Made by the host and left here, so that a further termination request during the program's
+  // clean-up does not kill it. Ends with this struct, which `runLoop` must outlive.
   std::unique_ptr<RunLoopHandle> terminationWatch = nullptr;
 };
 
 // Runs a class as a background service: makes one instance, calls
-// backgroundServiceDidFinishLaunching(), announces readiness, runs the main run loop until the
-// program is asked to end, announces that, calls backgroundServiceWillTerminate(), destroys the
-// instance and returns the program's exit status, 0. A request that comes earlier counts as soon as
-// the loop runs; further ones change nothing.
+// backgroundServiceDidFinishLaunching(), announces readiness, runs the main run loop until a
+// termination request, announces that, calls backgroundServiceWillTerminate(), destroys the
+// instance and returns the program's exit status, 0. An earlier request counts as soon as the loop
+// runs; further ones change nothing.
 //
-// Says on standard error what is wrong and returns another status, without having called anything,
-// when there is no such class or no instance of it, or when requests to end can't be watched.
+// If there is no such class, no instance of it, or termination requests can't be watched, it prints
+// the reason to standard error and returns another status without any of these calls.
 //
-// The arguments are not looked at, since a background service has no options; they belong to the
-// routine.
+// The arguments are ignored, because a background service has no options; they belong to the
+// routine's signature.
 int VGBackgroundServiceMain(std::string_view className, int argumentCount,
                             const char* const* argumentVector, BackgroundServiceHost& host);
 

@@ -53,7 +53,7 @@ class BackgroundServiceTest : public testing::Test {
     classes_.add("Unmakeable", [] { return nullptr; });
   }
 
-  // With how many announcements so far, which shows their order among the calls.
+  // Notes also the number of announcements so far, which shows their order among the calls.
   void note(const std::string& text) {
     happened_.push_back(text + " " + std::to_string(readiness_.announcements().size()));
   }
@@ -88,7 +88,7 @@ TEST_F(BackgroundServiceTest, OneInstanceLivesFromLaunchToTermination) {
   EXPECT_THAT(readiness_.announcements(), ElementsAre("READY=1", "STOPPING=1"));
 }
 
-TEST_F(BackgroundServiceTest, TheLoopServesTheInstanceUntilTheRequestAndNotBeyond) {
+TEST_F(BackgroundServiceTest, TheLoopServesTheInstanceUntilTheRequest) {
   std::unique_ptr<RunLoopHandle> early;
   std::unique_ptr<RunLoopHandle> late;
   whileLaunching_ = [&] {
@@ -101,7 +101,7 @@ TEST_F(BackgroundServiceTest, TheLoopServesTheInstanceUntilTheRequestAndNotBeyon
                                      "will terminate 2", "destroyed 2"));
 }
 
-TEST_F(BackgroundServiceTest, ARequestDuringLaunchingLetsItFinishAndThenEnds) {
+TEST_F(BackgroundServiceTest, ARequestDuringLaunchingTakesEffectAfterwards) {
   whileLaunching_ = [this] {
     signals_.request();
     note("still launching");
@@ -128,13 +128,13 @@ TEST_F(BackgroundServiceTest, FurtherRequestsTerminateOnlyOnce) {
   };
   whileTerminating_ = [this] { signals_.request(); };
   EXPECT_EQ(run("Service"), 0);
-  // The fake ends the test here if nobody watches any more.
+  // Without a watch the fake would end the test here.
   signals_.request();
   EXPECT_THAT(happened_,
               ElementsAre("made 0", "did finish launching 0", "will terminate 2", "destroyed 2"));
 }
 
-TEST_F(BackgroundServiceTest, AnUnknownClassIsAnErrorThatSaysWhatToDo) {
+TEST_F(BackgroundServiceTest, AnUnknownClassIsAnErrorWithAdvice) {
   testing::internal::CaptureStderr();
   const int status = run("Servise");
   const std::string text = testing::internal::GetCapturedStderr();
@@ -155,7 +155,7 @@ TEST_F(BackgroundServiceTest, AnInstanceThatCanNotBeMadeIsAnError) {
   EXPECT_THAT(readiness_.announcements(), IsEmpty());
 }
 
-TEST_F(BackgroundServiceTest, WithoutAWatchForRequestsNothingIsLaunched) {
+TEST_F(BackgroundServiceTest, WithoutATerminationWatchNothingIsLaunched) {
   NoSignals none;
   BackgroundServiceHost host{loop_, none, readiness_, classes_};
   testing::internal::CaptureStderr();
@@ -165,7 +165,7 @@ TEST_F(BackgroundServiceTest, WithoutAWatchForRequestsNothingIsLaunched) {
   EXPECT_THAT(happened_, IsEmpty());
 }
 
-TEST_F(BackgroundServiceTest, AnAnnouncementThatFailsIsReportedAndChangesNothing) {
+TEST_F(BackgroundServiceTest, AFailedAnnouncementIsOnlyReported) {
   readiness_.fail();
   whileLaunching_ = [this] { signals_.request(); };
   testing::internal::CaptureStderr();

@@ -4,7 +4,8 @@
 
 namespace platform {
 
-// Tells whoever started this program, if they asked, how far it is. Blocks for a second at most.
+// Reports the state of this program to the service manager, if that asked for it. Blocks for at
+// most a second.
 class ServiceReadiness {
  public:
   virtual ~ServiceReadiness() = default;
@@ -12,7 +13,7 @@ class ServiceReadiness {
   // The program has started and does its work.
   virtual Result<void> announceReady() = 0;
 
-  // The program is on its way to its end.
+  // The program is shutting down.
   virtual Result<void> announceStopping() = 0;
 };
 

@@ -7,15 +7,15 @@
 
 namespace platform {
 
-// Tells that somebody asked the program to end.
+// Reports requests to terminate the program.
 class TerminationSignals {
  public:
   virtual ~TerminationSignals() = default;
 
-  // Calls `onRequest` on the run loop when the program is asked to end, also when that happened
-  // before run(); from this call on a request no longer ends the program by itself. Several
-  // requests that come close together may be one call. Destroying the handle ends the watch; the
-  // callback itself may do so. There is one watch at a time.
+  // Calls `onRequest` on the run loop when the program is asked to terminate, also if that happened
+  // before run(). From this call on, a request no longer terminates the program by itself. Requests
+  // in quick succession may give one call. Destroying the handle ends the watch; the callback
+  // itself may do so. Only one watch exists at a time.
   [[nodiscard]] virtual Result<std::unique_ptr<RunLoopHandle>> watchTermination(
       RunLoop::Callback onRequest) = 0;
 };

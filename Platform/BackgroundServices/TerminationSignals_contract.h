@@ -1,6 +1,6 @@
 #pragma once
 
-// What all termination signals must do. A test program derives a TerminationHarness and
+// The contract of all termination signals. A test program derives a TerminationHarness and
 // instantiates TerminationSignalsContract with a function that makes one.
 
 #include <functional>
@@ -18,7 +18,7 @@ class TerminationHarness {
   virtual ~TerminationHarness() = default;
   virtual RunLoop& loop() = 0;
   virtual TerminationSignals& signals() = 0;
-  // Asks the program to end.
+  // Asks the program to terminate.
   virtual void request() = 0;
 };
 
@@ -69,7 +69,7 @@ TEST_P(TerminationSignalsContract, EveryLaterRequestIsDeliveredToo) {
   EXPECT_EQ(called, 5);
 }
 
-// However far the request has come on its way.
+// Destroyed at any stage of the request's delivery.
 TEST_P(TerminationSignalsContract, ADestroyedWatchIsNotCalled) {
   for (int turns = 0; turns < 5; ++turns) {
     bool destroyed = false;
@@ -94,7 +94,7 @@ TEST_P(TerminationSignalsContract, ADestroyedWatchIsNotCalled) {
   }
 }
 
-TEST_P(TerminationSignalsContract, ACallbackMayDestroyItsWatchAndAnotherMayFollow) {
+TEST_P(TerminationSignalsContract, ACallbackMayDestroyItsWatch) {
   std::unique_ptr<RunLoopHandle> handle;
   for (int i = 0; i < 2; ++i) {
     handle = watch([&] {

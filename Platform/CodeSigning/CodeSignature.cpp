@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::string_view kAnchored = "anchor apple generic";
 
-// The words of a requirement with one blank between them.
+// The words of a requirement, separated by single blanks.
 std::string withSingleBlanks(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r\n";
   std::string words;

@@ -13,13 +13,13 @@
 namespace platform {
 
 inline constexpr OSStatus errSecSuccess = 0;
-inline constexpr OSStatus errSecCSUnsigned = -67062;         // carries no signature
-inline constexpr OSStatus errSecCSSignatureFailed = -67061;  // is not what was signed
-inline constexpr OSStatus errSecCSBadResource = -67054;      // a sealed resource is amiss
+inline constexpr OSStatus errSecCSUnsigned = -67062;         // has no signature
+inline constexpr OSStatus errSecCSSignatureFailed = -67061;  // is not the signed content
+inline constexpr OSStatus errSecCSBadResource = -67054;      // a sealed resource was changed
 inline constexpr OSStatus errSecCSReqFailed = -67050;        // the signer is not accepted
 inline constexpr OSStatus errSecCSBadObjectFormat = -67049;  // neither code nor a signature
 
-// Why code is not valid, or why that can't be told.
+// The reason why code is not valid, or can't be checked.
 struct CodeSigningFailure {
   OSStatus status = errSecCSBadObjectFormat;
   std::string reason;  // one line for people; names the file
@@ -37,11 +37,11 @@ inline std::unexpected<CodeSigningFailure> refuseResource(std::string reason) {
   return refuse(errSecCSBadResource, std::move(reason));
 }
 
-// The failure as the object that log lines show with `%@`: the domain "NSOSStatusErrorDomain", the
-// status as its code, the reason as its description.
+// The failure as an object for `%@` in log lines: the domain is "NSOSStatusErrorDomain", the code
+// the status, the description the reason.
 NSError errorObject(const CodeSigningFailure& failure);
 
-// What the signer of code must be.
+// A requirement on the signer of code.
 class SecRequirement {
  public:
   const std::string& text() const { return text_; }
@@ -54,11 +54,12 @@ class SecRequirement {
 };
 
 // The only requirement here is "anchor apple generic": the signer's certificate leads to one of the
-// platform's anchors. Blanks between its words don't count. Another text is errSecCSReqFailed.
+// platform's anchors. The number of blanks between its words does not matter. Any other text fails
+// with errSecCSReqFailed.
 CodeSigningResult<SecRequirement> SecRequirementCreateWithString(std::string_view text);
 
-// Flags of SecStaticCode. A program has one architecture here, so that the first changes nothing;
-// callers name it because their question includes it.
+// Flags of SecStaticCode. A program has only one architecture here, so the second flag changes
+// nothing; callers pass it for completeness.
 inline constexpr std::uint32_t kSecCSDefaultFlags = 0;
 inline constexpr std::uint32_t kSecCSCheckAllArchitectures = 1;
 inline constexpr std::uint32_t kSecCSSigningInformation = 2;
@@ -68,7 +69,7 @@ inline constexpr std::string_view kSecCodeInfoIdentifier = "identifier";
 inline constexpr std::string_view kSecCodeInfoCertificates = "certificates";
 inline constexpr std::string_view kSecCodeInfoTimestamp = "signing-time";
 
-// A program or a bundle on disk. Not for two threads at once.
+// A program or a bundle on disk. Only one thread may use it at a time.
 class SecStaticCode {
  public:
   enum class Kind { kProgram, kBundle };
@@ -76,27 +77,26 @@ class SecStaticCode {
   virtual ~SecStaticCode() = default;
   virtual Kind kind() const = 0;
 
-  // Whether the code is what its signer signed, and the signer is whom `requirement` asks for.
-  // Reads the whole of the code unless an earlier check of the same unchanged files still stands;
-  // blocks on the disk alone.
+  // Whether the code is the signed content, and the signer meets `requirement`. Reads the whole
+  // code unless an earlier check of the same unchanged files still holds. Blocks only on the disk.
   virtual CodeSigningResult<void> SecStaticCodeCheckValidityWithErrors(
       std::uint32_t flags, const SecRequirement& requirement) = 0;
 
-  // What the signature says: "identifier" (a string, absent where the signature names none), and
+  // The content of the signature: "identifier" (a string, absent if the signature has none), and
   // with kSecCSSigningInformation also "certificates" (an array of DER data, the signer's first)
-  // and "signing-time" (a date, where there is one). After a successful check it is that of the
-  // very signature that was checked; without one nothing of it is proven.
+  // and "signing-time" (a date, if there is one). After a successful check it is the content of the
+  // very signature that was checked. Without a check nothing of it is proven.
   virtual CodeSigningResult<Dictionary> SecCodeCopySigningInformation(std::uint32_t flags) = 0;
 };
 
-// Where static code comes from. Any thread may ask.
+// Makes static code. Any thread may call it.
 class CodeSignatures {
  public:
   virtual ~CodeSignatures() = default;
 
   // The code at `path`, which is absolute, without symbolic links: a folder is a bundle, a regular
-  // file a program. Nothing of it is checked yet. What is neither is errSecCSBadObjectFormat, what
-  // can't be looked at kErrnoStatusBase + errno.
+  // file a program. Nothing is checked yet. Fails with errSecCSBadObjectFormat for other kinds of
+  // files, and with kErrnoStatusBase + errno if the path can't be examined.
   virtual CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) = 0;
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every source of static code must do. A test program instantiates it with a harness:
+// The contract of every source of static code. A test program instantiates it with a harness:
 //   INSTANTIATE_TEST_SUITE_P(Fake, CodeSignatureContract,
 //                            testing::Values(&makeFakeCodeSignatureHarness));
 
@@ -21,13 +21,13 @@ class CodeSignatureHarness {
  public:
   virtual ~CodeSignatureHarness() = default;
   virtual CodeSignatures& signatures() = 0;
-  // A program or bundle that its signer signed; its path.
+  // Makes a validly signed program or bundle and returns its path.
   virtual std::string makeValid(SecStaticCode::Kind kind,
                                 std::optional<std::string> identifier) = 0;
   virtual std::string makeUnsigned(SecStaticCode::Kind kind) = 0;
-  // Signed by someone whom no anchor knows.
+  // Makes code whose signer leads to no anchor.
   virtual std::string makeForeign(SecStaticCode::Kind kind) = 0;
-  // Changes what was signed of code made here.
+  // Changes signed content of code made here.
   virtual void tamperWith(const std::string& path, SecStaticCode::Kind kind) = 0;
   virtual void remove(const std::string& path) = 0;
   virtual std::string pathOfNothing() = 0;
@@ -61,7 +61,7 @@ class CodeSignatureContract : public testing::TestWithParam<CodeSignatureContrac
   const SecStaticCode::Kind kind_ = std::get<1>(GetParam());
 };
 
-TEST_P(CodeSignatureContract, ValidCodeTellsItsIdentifier) {
+TEST_P(CodeSignatureContract, ValidCodeHasItsIdentifier) {
   const auto code = codeAt(harness_->makeValid(kind_, "com.vantor.sample"));
   EXPECT_EQ(code->kind(), kind_);
   const auto verdict = check(*code);
@@ -73,7 +73,7 @@ TEST_P(CodeSignatureContract, ValidCodeTellsItsIdentifier) {
   EXPECT_GE((*information)["certificates"].array()->size(), 1u);
 }
 
-TEST_P(CodeSignatureContract, CodeWithoutAnIdentifierIsValidAndTellsNone) {
+TEST_P(CodeSignatureContract, CodeWithoutAnIdentifierIsValid) {
   const auto code = codeAt(harness_->makeValid(kind_, std::nullopt));
   ASSERT_TRUE(check(*code));
   const auto information = code->SecCodeCopySigningInformation(kSecCSSigningInformation);
@@ -81,14 +81,14 @@ TEST_P(CodeSignatureContract, CodeWithoutAnIdentifierIsValidAndTellsNone) {
   EXPECT_FALSE(information->contains("identifier"));
 }
 
-TEST_P(CodeSignatureContract, WithoutTheFlagTheInformationIsTheIdentifierAlone) {
+TEST_P(CodeSignatureContract, WithoutTheFlagTheInformationIsOnlyTheIdentifier) {
   const auto code = codeAt(harness_->makeValid(kind_, "com.vantor.sample"));
   const auto information = code->SecCodeCopySigningInformation(kSecCSDefaultFlags);
   ASSERT_TRUE(information);
   EXPECT_EQ(*information, (Dictionary{{"identifier", "com.vantor.sample"}}));
 }
 
-TEST_P(CodeSignatureContract, UnsignedCodeIsToldFromChangedCode) {
+TEST_P(CodeSignatureContract, UnsignedCodeDiffersFromChangedCode) {
   EXPECT_EQ(statusOfCheck(harness_->makeUnsigned(kind_)), errSecCSUnsigned);
   const std::string path = harness_->makeValid(kind_, "com.vantor.sample");
   EXPECT_EQ(statusOfCheck(path), errSecSuccess);
@@ -108,7 +108,7 @@ TEST_P(CodeSignatureContract, AnotherSignerDoesNotMeetTheRequirement) {
   EXPECT_EQ(statusOfCheck(harness_->makeForeign(kind_)), errSecCSReqFailed);
 }
 
-TEST_P(CodeSignatureContract, WhatIsNotThereIsNoCode) {
+TEST_P(CodeSignatureContract, AMissingFileIsNoCode) {
   const auto code = harness_->signatures().SecStaticCodeCreateWithPath(harness_->pathOfNothing());
   ASSERT_FALSE(code);
   EXPECT_EQ(code.error().status, kErrnoStatusBase + ENOENT);

@@ -5,7 +5,7 @@
 namespace platform {
 namespace {
 
-TEST(SecRequirementTest, KnowsTheOneRequirementWhateverItsBlanks) {
+TEST(SecRequirementTest, AcceptsTheOnlyRequirementWithAnyBlanks) {
   for (const char* text : {"anchor apple generic", "  anchor\tapple \n generic "}) {
     const auto requirement = SecRequirementCreateWithString(text);
     ASSERT_TRUE(requirement) << text;

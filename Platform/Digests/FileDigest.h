@@ -13,22 +13,24 @@ namespace platform {
 
 using Sha256 = std::array<std::uint8_t, CC_SHA256_DIGEST_LENGTH>;
 
-// The SHA-256 of a file's content, of what it held when it was opened. Read in pieces, so that its
-// size does not count, and left and taken up again at will, by any thread, one at a time.
+// The SHA-256 of the content that a file had when it was opened. It is read in pieces, so that a
+// file of any size needs little memory. Reading can be paused and resumed, by any thread, one at a
+// time.
 class FileDigest {
  public:
-  // Nothing but a regular file is opened, so that no device notices and no pipe is waited for:
-  // kInvalid, also for the kernel's own files, which may have no end. Any thread.
+  // Opens only a regular file, so that a device is not affected and a pipe does not block. Fails
+  // with kInvalid for other kinds, also for the kernel's own files, which may have no end. Any
+  // thread may call it.
   static Result<FileDigest> open(const std::string& path);
 
   FileDigest(FileDigest&& other) noexcept;
   FileDigest& operator=(FileDigest&& other) noexcept;
   ~FileDigest();
 
-  // Reads on for about so many bytes, at least a piece, and for as long as the disk takes. Whether
-  // all has been read. kInvalid for a file that has become shorter meanwhile.
+  // Reads about `bytes` more, at least one piece, and blocks on the disk. Returns whether the whole
+  // file has been read. Fails with kInvalid if the file has become shorter meanwhile.
   Result<bool> readOn(std::uint64_t bytes);
-  // When all has been read, once; nothing for an empty file.
+  // Call it once, when the whole file has been read. std::nullopt for an empty file.
   Result<std::optional<Sha256>> finish();
 
  private:

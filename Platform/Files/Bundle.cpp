@@ -24,7 +24,7 @@ Split splitLast(std::string_view path) {
   return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
-// Whether a relative path stays below the folder that it is taken in, symbolic links aside.
+// Whether a relative path stays below its base folder, apart from symbolic links.
 bool staysInside(std::string_view path) {
   if (path.empty() || path.find('\0') != path.npos) return false;
   for (;;) {

@@ -19,7 +19,7 @@ TEST(BundleLayoutTest, AProgramInABundleBelongsToIt) {
   EXPECT_EQ(bundleLayoutOfExecutable("/A.bundle/Contents/Linux/a").path, "/A.bundle");
 }
 
-TEST(BundleLayoutTest, AProgramAnywhereElseHasItsFolderForAFlatBundle) {
+TEST(BundleLayoutTest, AProgramAnywhereElseHasAFlatBundle) {
   const BundleLayout expected{"/usr/sbin", "/usr/sbin/Info.plist", "/usr/sbin/demo", "/usr/sbin"};
   EXPECT_EQ(bundleLayoutOfExecutable("/usr/sbin/demo"), expected);
   for (const char* folder :
@@ -96,7 +96,7 @@ TEST_F(BundleTest, ANameNeverLeadsOutOfTheResources) {
   EXPECT_EQ(found(std::string_view("plain\0x", 7), ""), std::nullopt);
 }
 
-TEST(BundleInfoTest, ABundleHandsOutItsInfoDictionary) {
+TEST(BundleInfoTest, ABundleReturnsItsInfoDictionary) {
   const Bundle bundle(bundleLayoutOfExecutable("/a/b"), Dictionary{{"CFBundleIdentifier", "x.y"}});
   EXPECT_EQ(bundle.infoDictionary()["CFBundleIdentifier"], Value("x.y"));
   EXPECT_EQ(bundle.path(), "/a");

@@ -1,7 +1,7 @@
 #pragma once
 
-// What every file manager must do. A test program derives a FileManagerHarness, which knows how to
-// make and look at files beside the manager, and instantiates:
+// The contract of every file manager. A test program derives a FileManagerHarness, which makes and
+// examines files without the manager, and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, FileManagerContract, testing::Values(&makeFakeHarness));
 
 #include <cstdint>
@@ -26,13 +26,13 @@ class FileManagerHarness {
   // An empty folder to work in.
   virtual std::string folder() = 0;
 
-  // With these permissions, and a change in 2020.
+  // Writes a file with these permissions, and with a change time in 2020.
   virtual void writeFile(const std::string& path, std::string_view content,
                          std::int64_t permissions) = 0;
   virtual std::optional<std::string> readFile(const std::string& path) = 0;
   virtual bool isFolder(const std::string& path) = 0;
   virtual std::int64_t permissions(const std::string& path) = 0;
-  // Whether both were changed at the same time.
+  // Whether both have the same change time.
   virtual bool haveSameDate(const std::string& one, const std::string& other) = 0;
 };
 
@@ -53,7 +53,7 @@ class FileManagerContract
     return result;
   }
 
-  // The code of a failure that names `at`, 0 for a success.
+  // The code of a failure whose text names `at`, 0 for a success.
   std::int64_t code(const Result<void, NSError>& result, const std::string& at) {
     if (result) return 0;
     EXPECT_EQ(result.error().domain, NSCocoaErrorDomain);
@@ -71,7 +71,7 @@ TEST_P(FileManagerContract, TheSharedManagerWorksOnTheSameFiles) {
   EXPECT_TRUE(harness_->isFolder(path("a")));
 }
 
-TEST_P(FileManagerContract, AFolderIsMadeWithThoseOnTheWay) {
+TEST_P(FileManagerContract, AFolderIsMadeWithItsMissingParents) {
   const Dictionary attributes{{NSFilePosixPermissions, 0710}};
   EXPECT_TRUE(manager_.createDirectory(path("a/b/c"), &attributes));
   for (const char* made : {"a", "a/b", "a/b/c"}) {
@@ -80,7 +80,7 @@ TEST_P(FileManagerContract, AFolderIsMadeWithThoseOnTheWay) {
   }
 }
 
-TEST_P(FileManagerContract, AFolderThatIsThereStaysAsItIs) {
+TEST_P(FileManagerContract, AnExistingFolderStaysUnchanged) {
   const Dictionary first{{NSFilePosixPermissions, 0700}};
   EXPECT_TRUE(manager_.createDirectory(path("a/b"), &first));
   const Dictionary second{{NSFilePosixPermissions, 0755}};
@@ -90,7 +90,7 @@ TEST_P(FileManagerContract, AFolderThatIsThereStaysAsItIs) {
   EXPECT_TRUE(manager_.createDirectory("/", nullptr));
 }
 
-TEST_P(FileManagerContract, AFolderInThePlaceOfAFileIsAnError) {
+TEST_P(FileManagerContract, AFileInThePlaceOfAFolderIsAnError) {
   harness_->writeFile(path("file"), "x", 0644);
   EXPECT_EQ(code(manager_.createDirectory(path("file"), nullptr), path("file")), 512);
   EXPECT_EQ(code(manager_.createDirectory(path("file/a"), nullptr), path("file")), 4);
@@ -106,7 +106,7 @@ TEST_P(FileManagerContract, ACopyHasTheContentAndTheAttributes) {
   EXPECT_TRUE(harness_->haveSameDate(path("source"), path("copy")));
 }
 
-TEST_P(FileManagerContract, ACopyReplacesWhatWasThereAndLeavesNothingBeside) {
+TEST_P(FileManagerContract, ACopyReplacesTheOldFileAndLeavesNoOther) {
   harness_->writeFile(path("source"), "new", 0600);
   harness_->writeFile(path("copy"), "old and longer", 0644);
   EXPECT_TRUE(manager_.overwriteWithCopy(path("source"), path("copy")));
@@ -147,7 +147,7 @@ TEST_P(FileManagerContract, ACopyThatFailsChangesNothing) {
   EXPECT_THAT(names(path("folder")), testing::IsEmpty());
 }
 
-TEST_P(FileManagerContract, EveryEntryIsNamedOnceHiddenOnesToo) {
+TEST_P(FileManagerContract, EveryEntryIsListedOnceIncludingHiddenOnes) {
   for (const char* name : {"b", ".hidden", "a b", "\u00e9", "\xff"}) {
     harness_->writeFile(path(name), "", 0600);
   }
@@ -157,14 +157,14 @@ TEST_P(FileManagerContract, EveryEntryIsNamedOnceHiddenOnesToo) {
   EXPECT_THAT(names(path("folder/")), testing::ElementsAre("inner"));
 }
 
-TEST_P(FileManagerContract, NamingEndsWhenItIsTold) {
+TEST_P(FileManagerContract, ListingEndsWhenTheCallbackReturnsFalse) {
   for (int i = 0; i < 10; ++i) harness_->writeFile(path(std::to_string(i)), "", 0600);
   int named = 0;
   EXPECT_TRUE(manager_.eachNameInDirectory(folder_, [&](std::string_view) { return ++named < 3; }));
   EXPECT_EQ(named, 3);
 }
 
-TEST_P(FileManagerContract, WhatIsNoFolderCanNotBeListed) {
+TEST_P(FileManagerContract, OnlyAFolderCanBeListed) {
   harness_->writeFile(path("file"), "", 0600);
   const auto list = [&](const std::string& folder) {
     return code(manager_.eachNameInDirectory(folder, [](std::string_view) { return true; }),
@@ -175,7 +175,7 @@ TEST_P(FileManagerContract, WhatIsNoFolderCanNotBeListed) {
   EXPECT_EQ(list(""), 260);
 }
 
-TEST_P(FileManagerContract, APathWithAZeroByteMeansNoFile) {
+TEST_P(FileManagerContract, APathWithAZeroByteIsRefused) {
   harness_->writeFile(path("a"), "old", 0600);
   harness_->writeFile(path("b"), "new", 0600);
   const std::string zero = path(std::string_view("a\0x", 3));

@@ -7,27 +7,29 @@
 
 namespace platform {
 
-// Does something with the rights on files that the user has to whom `file`, below the folder
-// `home`, belongs: what that user may have put there can't lead this program, which may be root,
-// elsewhere. Of the calling thread alone, which has its own rights again afterwards.
+// Runs an action with the file permissions of the user who owns `file` below the folder `home`.
+// That keeps symbolic links and other files of that user from leading this program, which may be
+// root, elsewhere. Only the calling thread is affected; it gets its own permissions back
+// afterwards.
 //
-// Whose it is, the folder, the file and all that lies between them say, links unfollowed: each is
-// root's or that one user's, who has also its own group, as the system's list of users says, and no
-// other. What is root's alone is done as root. The file itself may be missing.
+// The owner follows from the folder, the file and all parts of the path between them, without
+// following links: each must belong to root or to the same one user. The group is that user's own
+// in the system's list of users. If everything belongs to root, the action runs as root. The file
+// itself may be missing.
 //
-// Nothing is done, and a failure returned: kNotFound or kSystem where one of them can't be looked
-// at, kDenied where they belong to several users, or where this program is root and may not take
-// that user's rights. A program that is not root has only its own, and uses them. May block on the
-// name service.
+// On failure the action does not run. Fails with kNotFound or kSystem if a part of the path can't
+// be examined, and with kDenied if they belong to several users, or if this program is root and
+// can't take that user's permissions. A program that is not root uses its own permissions. May
+// block on the name service.
 Result<void> performAsOwnerOf(const std::string& home, const std::string& file,
                               const std::function<void()>& action);
 
-// The most that openWithoutWaiting() opens, in bytes.
+// The largest file, in bytes, that openWithoutWaiting() opens.
 inline constexpr long long kMostFileBytes = 64ll << 20;
 
-// As the system's own open(), flags, mode and result, but for what such a user may have put in the
-// place of a file: the other end of a pipe is not waited for, and no terminal becomes ours. Nothing
-// but a folder, or a regular file of at most kMostFileBytes, is opened: -1, and EINVAL in errno.
+// Like open(2), but safe against files that such a user may have put there: it does not block on a
+// pipe, no terminal becomes the controlling one, and it opens only a folder or a regular file of at
+// most kMostFileBytes. For anything else it returns -1 with EINVAL in errno.
 int openWithoutWaiting(const char* path, int flags, int mode);
 
 }  // namespace platform

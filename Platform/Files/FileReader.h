@@ -7,19 +7,17 @@
 
 namespace platform {
 
-// Files, for those who only read them. Paths are absolute. Calls block on the disk alone; any
-// thread.
+// Reads files. Paths are absolute. Calls block only on the disk; any thread may call them.
 class FileReader {
  public:
   virtual ~FileReader() = default;
 
-  // Whether there is something at `path`, of whatever kind, and it can be reached; what a symbolic
-  // link leads to counts.
+  // Whether a file of any kind exists at `path` and can be reached; follows symbolic links.
   virtual bool fileExistsAtPath(const std::string& path) = 0;
 
-  // What the property list at `path` holds. Errors name the file and the place in it, and are
-  // kNotFound or kDenied where that is what the system means. Nothing but a regular file is read,
-  // and no more of it than a property list may have.
+  // The property list at `path`. Errors name the file and the place in it; their code is kNotFound
+  // or kDenied if the system's error means that. Reads only a regular file, and at most the size
+  // limit of property lists.
   virtual Result<Value> propertyListAtPath(const std::string& path) = 0;
 };
 

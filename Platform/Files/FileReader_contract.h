@@ -1,6 +1,6 @@
 #pragma once
 
-// What every implementation of FileReader must do. A test program derives a disk from
+// The contract of every implementation of FileReader. A test program derives a disk from
 // FileReaderDisk and instantiates the suite with a function that makes it.
 
 #include <memory>
@@ -18,10 +18,10 @@ class FileReaderDisk {
   virtual ~FileReaderDisk() = default;
 
   virtual FileReader& reader() = 0;
-  // Puts a file of that content there and returns its path.
+  // Writes a file with this content and returns its path.
   virtual std::string write(const std::string& name, const std::string& content) = 0;
   virtual std::string makeFolder(const std::string& name) = 0;
-  // The path of nothing.
+  // The path of a missing file.
   virtual std::string missing() = 0;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// What every Authorization must do. A test program derives an office from AuthorizationOffice and
-// instantiates the suite with a function that makes it:
+// The contract of every Authorization. A test program derives an office from AuthorizationOffice
+// and instantiates the suite with a function that makes it:
 //   INSTANTIATE_TEST_SUITE_P(Fake, AuthorizationContract, testing::Values(&makeFakeOffice));
 
 #include <array>
@@ -14,13 +14,13 @@
 
 namespace platform {
 
-// Where rights are asked for. The caller may have them unless it is refused.
+// Grants rights to the caller unless it is told to refuse it.
 class AuthorizationOffice {
  public:
   virtual ~AuthorizationOffice() = default;
 
   virtual Authorization& authorization() = 0;
-  // Whoever grants rights is there, or not.
+  // Makes the grantor of rights reachable, or unreachable.
   virtual void open() = 0;
   virtual void close() = 0;
 };
@@ -28,7 +28,7 @@ class AuthorizationOffice {
 class AuthorizationContract
     : public testing::TestWithParam<std::unique_ptr<AuthorizationOffice> (*)()> {
  protected:
-  // What the system asks with.
+  // The flags that the system uses.
   static constexpr AuthorizationFlags kFlags =
       kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize;
 
@@ -65,13 +65,13 @@ TEST_P(AuthorizationContract, AnUnknownRightIsDenied) {
             -60005);
 }
 
-TEST_P(AuthorizationContract, ARightIsNotAddedUnlessThatIsAskedFor) {
+TEST_P(AuthorizationContract, ARightIsOnlyAddedWithTheFlag) {
   const auto reference = create();
   ASSERT_TRUE(reference);
   EXPECT_EQ(ask(*reference, kSMRightModifySystemDaemons, kAuthorizationFlagPreAuthorize), -60005);
 }
 
-TEST_P(AuthorizationContract, WithNobodyThereToAskNothingIsCreated) {
+TEST_P(AuthorizationContract, WithoutAGrantorNoAuthorizationIsCreated) {
   office_->close();
   const auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
   ASSERT_FALSE(created);
@@ -80,7 +80,7 @@ TEST_P(AuthorizationContract, WithNobodyThereToAskNothingIsCreated) {
   EXPECT_TRUE(create());
 }
 
-TEST_P(AuthorizationContract, WithNobodyLeftToAskNoRightIsGranted) {
+TEST_P(AuthorizationContract, WithoutAGrantorNoRightIsGranted) {
   const auto reference = create();
   ASSERT_TRUE(reference);
   office_->close();

@@ -1,7 +1,7 @@
 #pragma once
 
-// What every implementation of Jobs must do. A test program derives a machine from JobsMachine and
-// instantiates the suite with a function that makes it:
+// The contract of every implementation of Jobs. A test program derives a machine from JobsMachine
+// and instantiates the suite with a function that makes it:
 //   INSTANTIATE_TEST_SUITE_P(Fake, JobsContract, testing::Values(&makeFakeMachine));
 
 #include <csignal>
@@ -17,34 +17,34 @@
 
 namespace platform {
 
-// A machine with a job host that has no jobs yet, and with programs to make jobs of.
+// A machine with a job host without jobs, and with programs for jobs.
 class JobsMachine {
  public:
   virtual ~JobsMachine() = default;
 
   virtual Jobs& jobs() = 0;
 
-  // A program that runs until it gets SIGTERM, and one that goes on even then.
+  // A program that runs until it gets SIGTERM, and one that ignores SIGTERM.
   virtual std::string program() = 0;
   virtual std::string stubbornProgram() = 0;
   // A path for "StandardOutPath" of the job `label`, and a wait until its process has written
-  // there, which the stubborn one does when it has stopped taking notice of SIGTERM.
+  // there. The stubborn program writes after it has started to ignore SIGTERM.
   virtual std::string outputPath() = 0;
   virtual void awaitOutput(const std::string& label) = 0;
-  // The path of something that can't be executed.
+  // The path of a file that can't be executed.
   virtual std::string unstartableProgram() = 0;
 
   // Ends the job's process by SIGKILL, and returns when it has ended.
   virtual void kill(const std::string& label, ProcessId process) = 0;
   // Whether there is such a process.
   virtual bool isRunning(ProcessId process) = 0;
-  // Returns when the job has another process than this, at the latest after a minute.
+  // Returns when the job has a process other than this, after at most a minute.
   virtual void awaitProcessAfter(const std::string& label, ProcessId process) = 0;
 
-  // The host ends, its jobs go on.
+  // The host ends, its jobs continue.
   virtual void stopHost() = 0;
   virtual void startHost() = 0;
-  // Starts the host a little after this call has returned.
+  // Starts the host shortly after this call has returned.
   virtual void startHostSoon() = 0;
 };
 
@@ -87,7 +87,7 @@ class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> 
   Jobs& jobs_ = machine_->jobs();
 };
 
-TEST_P(JobsContract, ASubmittedJobRunsAtTheFirstLook) {
+TEST_P(JobsContract, ASubmittedJobRunsAtOnce) {
   submit(job(machine_->program()));
   EXPECT_TRUE(machine_->isRunning(process()));
   EXPECT_TRUE(copy()["LastExitStatus"].isNil());
@@ -99,7 +99,7 @@ TEST_P(JobsContract, TheDictionaryIsKeptWithAllItsKeys) {
   for (const auto& [key, value] : *dictionary.dictionary()) EXPECT_EQ(copy()[key], value) << key;
 }
 
-TEST_P(JobsContract, AJobThatNobodySubmittedIsNil) {
+TEST_P(JobsContract, AnUnknownJobIsNil) {
   EXPECT_TRUE(copy().isNil());
   submit(job(machine_->program()));
   EXPECT_TRUE(jobs_.SMJobCopyDictionary(kDomain, "com.example.other").isNil());
@@ -121,7 +121,7 @@ TEST_P(JobsContract, AJobWithoutAThrottleIsStartedAgainAtOnce) {
   EXPECT_EQ(copy()["LastExitStatus"].integer(), SIGKILL);
 }
 
-TEST_P(JobsContract, AThrottledJobStaysDownAlsoWhenItIsSubmittedAgain) {
+TEST_P(JobsContract, AThrottledJobStaysDownWhenItIsSubmittedAgain) {
   submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
   machine_->kill(kLabel, process());
   EXPECT_TRUE(copy()["PID"].isNil());
@@ -131,7 +131,7 @@ TEST_P(JobsContract, AThrottledJobStaysDownAlsoWhenItIsSubmittedAgain) {
   EXPECT_EQ(copy()["LastExitStatus"].integer(), SIGKILL);
 }
 
-TEST_P(JobsContract, SubmittingALabelThatExistsLeavesItsProcessAlone) {
+TEST_P(JobsContract, SubmittingAnExistingLabelLeavesItsProcessAlone) {
   submit(job(machine_->program()));
   const ProcessId first = process();
   submit(job(machine_->stubbornProgram(), {{"Again", true}}));
@@ -164,7 +164,7 @@ TEST_P(JobsContract, AnImpossibleDictionaryIsRefusedWithLabelAndKey) {
   expectError(jobs_.SMJobSubmit(kDomain, "a text", nullptr), LaunchdError::kInvalidJob);
 }
 
-TEST_P(JobsContract, ARefusedDictionaryLeavesTheJobAsItWas) {
+TEST_P(JobsContract, ARefusedDictionaryLeavesTheJobUnchanged) {
   submit(job(machine_->program()));
   const Value before = copy();
   expectError(jobs_.SMJobSubmit(kDomain, job(machine_->program(), {{"RunAtLoad", 3}}), nullptr),
@@ -172,7 +172,7 @@ TEST_P(JobsContract, ARefusedDictionaryLeavesTheJobAsItWas) {
   EXPECT_EQ(copy(), before);
 }
 
-TEST_P(JobsContract, ARemovalThatWaitsReturnsWhenTheProcessHasGone) {
+TEST_P(JobsContract, AWaitingRemovalReturnsAfterTheProcessesEnd) {
   submit(job(machine_->program()));
   const ProcessId first = process();
   const auto removed = remove();
@@ -181,7 +181,7 @@ TEST_P(JobsContract, ARemovalThatWaitsReturnsWhenTheProcessHasGone) {
   EXPECT_TRUE(copy().isNil());
 }
 
-TEST_P(JobsContract, WhatDoesNotEndByItselfIsKilledAfterTheExitTimeOut) {
+TEST_P(JobsContract, AStubbornProcessIsKilledAfterTheExitTimeOut) {
   submit(job(machine_->stubbornProgram(),
              {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
   machine_->awaitOutput(kLabel);
@@ -191,7 +191,7 @@ TEST_P(JobsContract, WhatDoesNotEndByItselfIsKilledAfterTheExitTimeOut) {
   EXPECT_TRUE(copy().isNil());
 }
 
-TEST_P(JobsContract, ARemovalThatDoesNotWaitLeavesTheProcessItsTime) {
+TEST_P(JobsContract, ARemovalWithoutWaitingLeavesTheProcessItsTime) {
   submit(job(machine_->stubbornProgram(), {{"StandardOutPath", machine_->outputPath()}}));
   machine_->awaitOutput(kLabel);
   const ProcessId first = process();
@@ -201,7 +201,7 @@ TEST_P(JobsContract, ARemovalThatDoesNotWaitLeavesTheProcessItsTime) {
   EXPECT_TRUE(copy().isNil());
 }
 
-TEST_P(JobsContract, ARemovedJobCanBeSubmittedAnew) {
+TEST_P(JobsContract, ARemovedJobCanBeSubmittedAgain) {
   submit(job(machine_->program()));
   EXPECT_TRUE(remove());
   submit(job(machine_->program()));
@@ -216,7 +216,7 @@ TEST_P(JobsContract, AJobWithoutAProcessCanBeRemoved) {
   EXPECT_TRUE(copy().isNil());
 }
 
-TEST_P(JobsContract, ThereIsNothingToRemoveTwice) {
+TEST_P(JobsContract, AJobCannotBeRemovedTwice) {
   expectError(remove(), LaunchdError::kNoSuchJob);
   submit(job(machine_->program()));
   EXPECT_TRUE(remove());
@@ -235,7 +235,7 @@ TEST_P(JobsContract, ThereIsOneDomain) {
   EXPECT_FALSE(copy().isNil());
 }
 
-TEST_P(JobsContract, WithoutAHostNothingIsKnownAndNothingDone) {
+TEST_P(JobsContract, WithoutAHostEveryCallFails) {
   submit(job(machine_->program()));
   const ProcessId first = process();
   machine_->stopHost();
@@ -250,7 +250,7 @@ TEST_P(JobsContract, WithoutAHostNothingIsKnownAndNothingDone) {
   EXPECT_FALSE(isJobUnknown(copy()));
 }
 
-TEST_P(JobsContract, AHostThatIsBeingRestartedIsWaitedFor) {
+TEST_P(JobsContract, CallsWaitForARestartingHost) {
   submit(job(machine_->program()));
   const ProcessId first = process();
   machine_->stopHost();

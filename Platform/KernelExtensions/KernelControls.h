@@ -10,49 +10,49 @@
 
 namespace platform {
 
-// The longest name of a control, in bytes; a longer one is cut to it wherever a control is named.
+// The longest name of a control, in bytes. Wherever a control is named, a longer name is cut.
 inline constexpr std::size_t kControlNameBytes = 96;
 constexpr std::string_view controlName(std::string_view name) {
   return name.substr(0, kControlNameBytes);
 }
 
-// The most bytes that an option can be written.
+// The largest option, in bytes.
 inline constexpr std::size_t kMaxControlOptionBytes = 4096;
 
-// An integer option as an extension gave it.
+// An integer option as the extension returned it.
 struct ControlInteger {
-  std::int32_t value = 0;  // of its first four bytes; what is missing of them is 0
-  std::size_t length = 0;  // how many bytes came back, up to kMaxControlOptionBytes
+  std::int32_t value = 0;  // from its first four bytes; missing ones are 0
+  std::size_t length = 0;  // the number of bytes returned, up to kMaxControlOptionBytes
 };
 
-// A kernel control socket: one client's connection to what an extension offers under a name. Closed
-// when destroyed. Belongs to one thread, which each call blocks for a second at most.
+// A kernel control socket: one client's connection to the control that an extension offers under a
+// name. The destructor closes it. Belongs to one thread; each call blocks for at most a second.
 //
-// Whoever it is connected to has been found to be root or this program's own user, so that no
-// other user can pose as an extension.
+// The peer has been verified to be root or this program's own user, so that no other user can pose
+// as an extension.
 class ControlSocket {
  public:
   virtual ~ControlSocket() = default;
 
-  // Finds the control of this name, in the place of CTLIOCGINFO. kNotFound where nobody has ever
-  // offered it, kInvalid for what can't be a control's name.
+  // Finds the control with this name, like CTLIOCGINFO. Fails with kNotFound if nobody has ever
+  // offered it, and with kInvalid if the name is not valid.
   virtual Result<void> findControl(std::string_view name) = 0;
 
-  // Connects to the control that was found. kNotFound where its extension is gone, kDenied where
-  // somebody else offers it.
+  // Connects to the control that was found. Fails with kNotFound if its extension is gone, and with
+  // kDenied if another user offers it.
   virtual Result<void> connect() = 0;
 
-  // The options, whose numbers and meanings are the extension's. Where the extension refuses, the
-  // error has its errno. Where it does not answer in time or answers nonsense, or has ended, the
-  // connection is of no use any more, and so is this socket.
+  // The extension defines the numbers and meanings of its options. If it refuses, the error has its
+  // errno. If it does not answer in time, sends a malformed answer or has ended, the connection and
+  // this socket can't be used any more.
   virtual Result<ControlInteger> getIntegerOption(std::uint32_t option) = 0;
   virtual Result<void> setOption(std::uint32_t option, std::span<const std::uint8_t> bytes) = 0;
 
-  // Asks for nothing but an answer: who is connected may stand still. Fails as the options do.
+  // Asks only for an answer, because a connected extension may hang. Fails like the options.
   virtual Result<void> ping() = 0;
 
-  // Asks the extension to make itself ready to be unloaded. kDenied with its reason's errno where
-  // it can't be, for instance EBUSY while other clients are connected.
+  // Asks the extension to prepare for being unloaded. Fails with kDenied and the errno of the
+  // reason if it can't, for instance EBUSY while other clients are connected.
   virtual Result<void> prepareToUnload() = 0;
 };
 
@@ -61,11 +61,11 @@ class KernelControls {
  public:
   virtual ~KernelControls() = default;
 
-  // A socket that is not connected yet. Fails where the system has no descriptor to give.
+  // A socket that is not connected yet. Fails if the system has no descriptor left.
   virtual Result<std::unique_ptr<ControlSocket>> openControlSocket() = 0;
 };
 
-// A socket that is connected to the control of this name.
+// A socket that is connected to the control with this name.
 Result<std::unique_ptr<ControlSocket>> connectToControl(KernelControls& controls,
                                                         std::string_view name);
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every implementation of KernelControls must do. A test program derives a machine from
+// The contract of every implementation of KernelControls. A test program derives a machine from
 // ControlsMachine and instantiates the suite with a function that makes it:
 //   INSTANTIATE_TEST_SUITE_P(Fake, KernelControlsContract, testing::Values(&makeFakeMachine));
 
@@ -22,7 +22,7 @@
 
 namespace platform {
 
-// A machine with the one control "com.example.control", offered by something else than the test.
+// A machine with the only control "com.example.control", which the test itself does not offer.
 class ControlsMachine {
  public:
   static constexpr char kName[] = "com.example.control";
@@ -30,13 +30,13 @@ class ControlsMachine {
   virtual ~ControlsMachine() = default;
 
   virtual KernelControls& controls() = 0;
-  // The same controls for who knows that nobody will answer: the time that is waited may be short.
-  virtual KernelControls& impatientControls() { return controls(); }
-  // Offers the control; clients are answered by such handlers.
+  // The same controls, possibly with a short time-out, for tests in which nobody answers.
+  virtual KernelControls& controlsWithShortTimeout() { return controls(); }
+  // Offers the control; these handlers answer its clients.
   virtual void offer(const std::string& name, MakeControlHandler makeHandler) = 0;
-  // The extension stands still: it neither accepts nor answers any more.
+  // The extension hangs: it neither accepts nor answers any more.
   virtual void hang(const std::string& name) = 0;
-  // The extension ends, and its connections with it.
+  // The extension ends with its connections.
   virtual void end(const std::string& name) = 0;
 };
 
@@ -77,7 +77,7 @@ class KernelControlsContract
   std::unique_ptr<ControlsMachine> machine_ = GetParam()();
 };
 
-TEST_P(KernelControlsContract, AControlThatNobodyOffersIsNotFound) {
+TEST_P(KernelControlsContract, AnUnknownControlIsNotFound) {
   const auto socket = open();
   const auto found = socket->findControl("com.example.other");
   ASSERT_FALSE(found);
@@ -85,7 +85,7 @@ TEST_P(KernelControlsContract, AControlThatNobodyOffersIsNotFound) {
   EXPECT_FALSE(socket->connect());
 }
 
-TEST_P(KernelControlsContract, WhatIsNoNameIsRefused) {
+TEST_P(KernelControlsContract, AnInvalidNameIsRefused) {
   for (const std::string& name :
        {std::string(), std::string("../x"), std::string("a/b"), std::string(".x"),
         std::string("a\0b", 3), std::string(kControlNameBytes + 1, 'a')}) {
@@ -95,7 +95,7 @@ TEST_P(KernelControlsContract, WhatIsNoNameIsRefused) {
   }
 }
 
-TEST_P(KernelControlsContract, ANameIsCutToItsLongestWhereverItIsGiven) {
+TEST_P(KernelControlsContract, ANameIsCutToItsMaximumEverywhere) {
   EXPECT_EQ(controlName(std::string(kControlNameBytes - 1, 'a')).size(), kControlNameBytes - 1);
   EXPECT_EQ(controlName(std::string(kControlNameBytes, 'a')).size(), kControlNameBytes);
   const std::string longer(kControlNameBytes + 1, 'b');
@@ -105,7 +105,7 @@ TEST_P(KernelControlsContract, ANameIsCutToItsLongestWhereverItIsGiven) {
   EXPECT_FALSE(connectToControl(machine_->controls(), longer.substr(0, kControlNameBytes - 1)));
 }
 
-TEST_P(KernelControlsContract, AnIntegerComesBackWithItsLength) {
+TEST_P(KernelControlsContract, AnIntegerIsReturnedWithItsLength) {
   for (const std::int32_t number : {5, 4, 0, -1}) {
     keep(3, bytesOf(number));
     const auto answer = connected()->getIntegerOption(3);
@@ -115,7 +115,7 @@ TEST_P(KernelControlsContract, AnIntegerComesBackWithItsLength) {
   }
 }
 
-TEST_P(KernelControlsContract, AShortAnswerIsToldByItsLengthAndALongOneByItsFirstBytes) {
+TEST_P(KernelControlsContract, AnIntegerIsReadFromItsFirstBytes) {
   const auto socket = connected();
   for (const std::size_t length : {0u, 1u, 3u, 4u, 5u, 8u, 4095u, 4096u}) {
     Data bytes(length, 0);
@@ -124,16 +124,16 @@ TEST_P(KernelControlsContract, AShortAnswerIsToldByItsLengthAndALongOneByItsFirs
     const auto answer = socket->getIntegerOption(3);
     ASSERT_TRUE(answer) << length;
     EXPECT_EQ(answer->length, length);
-    // As a little-endian machine has it.
+    // In the byte order of a little-endian machine.
     EXPECT_EQ(answer->value, length > 0 ? 7 : 0) << length;
   }
 }
 
-TEST_P(KernelControlsContract, AnAnswerThatIsLongerThanAnyOptionIsAFailure) {
+TEST_P(KernelControlsContract, AnAnswerLongerThanAnyOptionIsAFailure) {
   EXPECT_FALSE(connected()->getIntegerOption(KeepingHandler::kTooLong));
 }
 
-TEST_P(KernelControlsContract, BytesAreWrittenAsTheyAre) {
+TEST_P(KernelControlsContract, BytesAreWrittenUnchanged) {
   const auto socket = connected();
   const Data secret{0, 1, 2, 255, 0, 7, 8, 9};
   ASSERT_TRUE(socket->setOption(5, secret));
@@ -143,7 +143,7 @@ TEST_P(KernelControlsContract, BytesAreWrittenAsTheyAre) {
   EXPECT_EQ(kept(5), secret);
 }
 
-TEST_P(KernelControlsContract, AnOptionHasABound) {
+TEST_P(KernelControlsContract, TheSizeOfAnOptionIsLimited) {
   const auto socket = connected();
   EXPECT_TRUE(socket->setOption(5, Data(kMaxControlOptionBytes - 1)));
   EXPECT_TRUE(socket->setOption(5, Data(kMaxControlOptionBytes)));
@@ -151,10 +151,10 @@ TEST_P(KernelControlsContract, AnOptionHasABound) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kInvalid);
   EXPECT_EQ(kept(5).size(), kMaxControlOptionBytes);
-  EXPECT_TRUE(socket->setOption(5, Data(1)));  // Nothing was sent, so it goes on.
+  EXPECT_TRUE(socket->setOption(5, Data(1)));  // Nothing was sent, so the connection stays.
 }
 
-TEST_P(KernelControlsContract, ARefusalIsToldByItsNumberAndTheConnectionGoesOn) {
+TEST_P(KernelControlsContract, ARefusalHasItsErrnoAndTheConnectionStays) {
   const auto socket = connected();
   const auto read = socket->getIntegerOption(KeepingHandler::kRefused);
   ASSERT_FALSE(read);
@@ -165,7 +165,7 @@ TEST_P(KernelControlsContract, ARefusalIsToldByItsNumberAndTheConnectionGoesOn) 
   EXPECT_TRUE(socket->setOption(1, Data(1)));
 }
 
-TEST_P(KernelControlsContract, WithoutAConnectionNothingCanBeAsked) {
+TEST_P(KernelControlsContract, WithoutAConnectionEveryRequestFails) {
   const auto socket = open();
   EXPECT_FALSE(socket->getIntegerOption(3));
   EXPECT_FALSE(socket->setOption(5, Data(1)));
@@ -175,38 +175,38 @@ TEST_P(KernelControlsContract, WithoutAConnectionNothingCanBeAsked) {
   EXPECT_FALSE(socket->getIntegerOption(3));
 }
 
-TEST_P(KernelControlsContract, AnExtensionThatIsThereAnswersWhoAsksForNothing) {
+TEST_P(KernelControlsContract, AnExtensionAnswersAPing) {
   const auto socket = connected();
   EXPECT_TRUE(socket->ping());
   EXPECT_TRUE(socket->ping());
 }
 
-TEST_P(KernelControlsContract, OneThatHangsCanBeConnectedToAndDoesNotAnswer) {
-  const auto before = connectToControl(machine_->impatientControls(), kName).value();
+TEST_P(KernelControlsContract, AHungExtensionAcceptsButDoesNotAnswer) {
+  const auto before = connectToControl(machine_->controlsWithShortTimeout(), kName).value();
   machine_->hang(kName);
   EXPECT_FALSE(before->ping());
-  const auto after = connectToControl(machine_->impatientControls(), kName);
+  const auto after = connectToControl(machine_->controlsWithShortTimeout(), kName);
   ASSERT_TRUE(after);
   const auto silent = (*after)->ping();
   ASSERT_FALSE(silent);
   EXPECT_EQ(silent.error().osError, ETIMEDOUT);
 }
 
-TEST_P(KernelControlsContract, AnExtensionThatHangsCostsATimeOutAndTheConnection) {
+TEST_P(KernelControlsContract, AHungExtensionCostsATimeoutAndTheConnection) {
   keep(3, bytesOf(5));
-  const auto socket = connectToControl(machine_->impatientControls(), kName).value();
+  const auto socket = connectToControl(machine_->controlsWithShortTimeout(), kName).value();
   machine_->hang(kName);
   const auto answer = socket->getIntegerOption(3);
   ASSERT_FALSE(answer);
   EXPECT_EQ(answer.error().osError, ETIMEDOUT);
   EXPECT_FALSE(socket->setOption(5, Data(1)));
-  // Somebody new can still connect, and learns it in the same way.
-  const auto another = connectToControl(machine_->impatientControls(), kName);
+  // A new client can still connect, and finds the same.
+  const auto another = connectToControl(machine_->controlsWithShortTimeout(), kName);
   ASSERT_TRUE(another);
   EXPECT_FALSE((*another)->setOption(5, Data(1)));
 }
 
-TEST_P(KernelControlsContract, AnExtensionThatEndsTakesItsConnectionsAndItsControlWithIt) {
+TEST_P(KernelControlsContract, AnEndedExtensionEndsItsConnectionsAndItsControl) {
   const auto socket = connected();
   machine_->end(kName);
   EXPECT_FALSE(socket->getIntegerOption(3));
@@ -220,7 +220,7 @@ TEST_P(KernelControlsContract, AnExtensionWithAnotherClientIsInUse) {
   const auto socket = connected();
   EXPECT_TRUE(socket->prepareToUnload());
   auto another = connected();
-  ASSERT_TRUE(another->setOption(1, Data(1)));  // So that it has been accepted.
+  ASSERT_TRUE(another->setOption(1, Data(1)));  // Its answer shows that it has been accepted.
   const auto inUse = socket->prepareToUnload();
   ASSERT_FALSE(inUse);
   EXPECT_EQ(inUse.error().code, ErrorCode::kDenied);

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every implementation of KernelExtensions must do. A test program derives a machine from
+// The contract of every implementation of KernelExtensions. A test program derives a machine from
 // ExtensionsMachine and instantiates the suite with a function that makes it:
 //   INSTANTIATE_TEST_SUITE_P(Fake, KernelExtensionsContract, testing::Values(&makeFakeMachine));
 
@@ -18,8 +18,8 @@
 
 namespace platform {
 
-// A machine with nothing loaded and two extensions installed: one whose control answers, and one
-// whose control never listens.
+// A machine with two installed extensions, none of them loaded: the control of one answers, the
+// control of the other never listens.
 class ExtensionsMachine {
  public:
   static constexpr char kGood[] = "com.example.nke.good";
@@ -68,14 +68,14 @@ TEST_P(KernelExtensionsContract, AnExtensionIsFoundByItsIdentifier) {
   EXPECT_EQ(missing.error().code, ErrorCode::kNotFound);
 }
 
-TEST_P(KernelExtensionsContract, WhatIsInstalledIsAuthenticAndNotLoadedForThat) {
+TEST_P(KernelExtensionsContract, AuthenticatingAnExtensionDoesNotLoadIt) {
   const auto authentic = extensions_.OSKextAuthenticate(kGood);
   EXPECT_TRUE(authentic) << describe(authentic.error());
   EXPECT_FALSE(isLoaded(kGood));
   expectError(extensions_.OSKextAuthenticate(kMissing), ErrorCode::kNotFound);
 }
 
-TEST_P(KernelExtensionsContract, OnceItIsLoadedItsControlListens) {
+TEST_P(KernelExtensionsContract, TheControlOfALoadedExtensionListens) {
   EXPECT_FALSE(isLoaded(kGood));
   EXPECT_FALSE(listens(kGood));
   const auto loaded = load(kGood);
@@ -85,7 +85,7 @@ TEST_P(KernelExtensionsContract, OnceItIsLoadedItsControlListens) {
   EXPECT_TRUE(unload(kGood));
 }
 
-TEST_P(KernelExtensionsContract, LoadingWhatIsLoadedSucceeds) {
+TEST_P(KernelExtensionsContract, LoadingALoadedExtensionSucceeds) {
   ASSERT_TRUE(load(kGood));
   const Value before = extensions_.KextManagerCopyLoadedKextInfo({kGood});
   EXPECT_TRUE(load(kGood));
@@ -93,7 +93,7 @@ TEST_P(KernelExtensionsContract, LoadingWhatIsLoadedSucceeds) {
   EXPECT_TRUE(unload(kGood));
 }
 
-TEST_P(KernelExtensionsContract, OnceItIsUnloadedItsControlHasGone) {
+TEST_P(KernelExtensionsContract, AnUnloadedExtensionHasNoControl) {
   ASSERT_TRUE(load(kGood));
   EXPECT_TRUE(unload(kGood));
   EXPECT_FALSE(isLoaded(kGood));
@@ -102,26 +102,26 @@ TEST_P(KernelExtensionsContract, OnceItIsUnloadedItsControlHasGone) {
   EXPECT_TRUE(unload(kGood));
 }
 
-TEST_P(KernelExtensionsContract, WhatIsNotLoadedCannotBeUnloaded) {
+TEST_P(KernelExtensionsContract, AnExtensionThatIsNotLoadedCannotBeUnloaded) {
   expectError(unload(kGood), ErrorCode::kNotFound);
   expectError(unload(kMissing), ErrorCode::kNotFound);
 }
 
-TEST_P(KernelExtensionsContract, WhatIsNotThereCannotBeLoaded) {
+TEST_P(KernelExtensionsContract, AMissingExtensionCannotBeLoaded) {
   expectError(load(kMissing), ErrorCode::kNotFound);
   expectError(load(""), ErrorCode::kNotFound);
 }
 
-TEST_P(KernelExtensionsContract, OneWhoseControlDoesNotListenIsNotLeftRunning) {
+TEST_P(KernelExtensionsContract, AnExtensionWithoutAControlIsNotLeftRunning) {
   ASSERT_FALSE(load(kSilent));
   EXPECT_FALSE(isLoaded(kSilent));
 }
 
-TEST_P(KernelExtensionsContract, OneThatIsInUseIsNotUnloaded) {
+TEST_P(KernelExtensionsContract, AnExtensionInUseIsNotUnloaded) {
   ASSERT_TRUE(load(kGood));
   auto client = connectToControl(machine_->controls(), kGood);
   ASSERT_TRUE(client);
-  static_cast<void>((*client)->getIntegerOption(3));  // It has been accepted.
+  static_cast<void>((*client)->getIntegerOption(3));  // Its answer shows that it has been accepted.
   const auto refused = unload(kGood);
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
@@ -131,7 +131,7 @@ TEST_P(KernelExtensionsContract, OneThatIsInUseIsNotUnloaded) {
   EXPECT_TRUE(unload(kGood));
 }
 
-TEST_P(KernelExtensionsContract, OnlyWhatIsLoadedIsListed) {
+TEST_P(KernelExtensionsContract, OnlyLoadedExtensionsAreListed) {
   EXPECT_TRUE(extensions_.KextManagerCopyLoadedKextInfo({kGood, kSilent, kMissing}).empty());
   ASSERT_TRUE(load(kGood));
   const Dictionary loaded = extensions_.KextManagerCopyLoadedKextInfo({kGood, kSilent, kMissing});

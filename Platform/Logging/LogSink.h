@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// The standard levels of the system log; lower is graver.
+// The standard levels of the system log; lower is more severe.
 enum AslLevel : int {
   ASL_LEVEL_EMERG = 0,
   ASL_LEVEL_ALERT = 1,
@@ -18,21 +18,21 @@ enum AslLevel : int {
   ASL_LEVEL_DEBUG = 7,
 };
 
-// One message on its way to a sink. The views live as long as the call.
+// One message for a sink. The views are valid during the call.
 struct LogRecord {
-  std::string_view ident;     // who speaks, e.g. a class name
+  std::string_view ident;     // the speaker, for instance a class name
   std::string_view facility;  // reverse-DNS name of the part of the product
   AslLevel level = ASL_LEVEL_DEBUG;
-  std::string_view message;  // may hold line breaks and any bytes; the sink makes them harmless
+  std::string_view message;  // may contain line breaks and any bytes; the sink escapes them
 };
 
-// Where messages end. Any thread may call it; calls never wait for another process.
+// The destination of messages. Any thread may call it; calls never block on another process.
 class LogSink {
  public:
   virtual ~LogSink() = default;
 
-  // Hands the whole record over, or nothing of it. Fails when the sink is gone, full or busy; the
-  // caller counts what is lost and says so when a later write succeeds.
+  // Writes the whole record or nothing. Fails if the sink is gone, full or busy. The caller counts
+  // the lost messages and reports them when a later write succeeds.
   virtual Result<void> write(const LogRecord& record) = 0;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every log sink must do. A test program instantiates it with a harness around its sink:
+// The contract of every log sink. A test program instantiates it with a harness around its sink:
 //   INSTANTIATE_TEST_SUITE_P(Fake, LogSinkContract, testing::Values(&makeFakeSinkHarness));
 
 #include <cstddef>
@@ -18,7 +18,7 @@
 
 namespace platform {
 
-// A message as whoever reads the log gets it.
+// A message as a reader of the log gets it.
 struct ReceivedMessage {
   std::string ident;
   std::string facility;
@@ -28,14 +28,14 @@ struct ReceivedMessage {
   bool operator==(const ReceivedMessage&) const = default;
 };
 
-// A sink, and the place where its messages end.
+// A sink and its destination.
 class LogSinkHarness {
  public:
   virtual ~LogSinkHarness() = default;
   virtual LogSink& sink() = 0;
-  // What has come since the last call.
+  // The messages since the last call.
   virtual std::vector<ReceivedMessage> take() = 0;
-  // Takes away what the sink writes to, until restore().
+  // Removes the sink's destination until restore().
   virtual void remove() = 0;
   virtual void restore() = 0;
 };
@@ -63,14 +63,14 @@ TEST_P(LogSinkContract, AMessageArrivesWithAllItsParts) {
                                     "[main.cpp:12] no such service"}));
 }
 
-TEST_P(LogSinkContract, EveryLevelIsToldApart) {
+TEST_P(LogSinkContract, EveryLevelIsDistinguished) {
   for (int level = ASL_LEVEL_EMERG; level <= ASL_LEVEL_DEBUG; ++level) {
     ASSERT_TRUE(harness_->sink().write({"I", "f", static_cast<AslLevel>(level), "text"}));
     EXPECT_THAT(harness_->take(), testing::ElementsAre(ReceivedMessage{"I", "f", level, "text"}));
   }
 }
 
-TEST_P(LogSinkContract, AnyTextIsOneMessageAndComesBackUnchanged) {
+TEST_P(LogSinkContract, AnyTextIsOneMessageAndIsReadBackUnchanged) {
   using namespace std::string_literals;
   for (const std::string& text : {
            ""s,
@@ -93,7 +93,7 @@ TEST_P(LogSinkContract, AnyTextIsOneMessageAndComesBackUnchanged) {
   }
 }
 
-TEST_P(LogSinkContract, NamesCanForgeNothing) {
+TEST_P(LogSinkContract, NamesCannotForgeMessages) {
   const ReceivedMessage strange{"<no asl_client>: [1]\nPRIORITY=0", "a) <Error> b\n\\", 6, "text"};
   ASSERT_TRUE(harness_->sink().write(
       {strange.ident, strange.facility, static_cast<AslLevel>(strange.level), strange.text}));
@@ -111,7 +111,7 @@ TEST_P(LogSinkContract, MessagesOfOneThreadKeepTheirOrder) {
   EXPECT_EQ(arrived, written);
 }
 
-TEST_P(LogSinkContract, ThreadsWritingAtOnceLoseAndTearNothing) {
+TEST_P(LogSinkContract, ConcurrentWritesAreNeitherLostNorTorn) {
   constexpr int kThreads = 4;
   constexpr int kMessages = 100;
   const std::string filling(300, 'x');
@@ -119,7 +119,7 @@ TEST_P(LogSinkContract, ThreadsWritingAtOnceLoseAndTearNothing) {
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kMessages; ++i) {
-        // A refused message has not arrived, so writing it again does not double it.
+        // A refused message has not been written, so repeating it does not duplicate it.
         const std::string text = stringWithFormat("%d %d %@", thread, i, filling);
         while (!write(text)) std::this_thread::yield();
       }
@@ -152,7 +152,7 @@ TEST_P(LogSinkContract, ALongMessageArrivesWhole) {
   }
 }
 
-TEST_P(LogSinkContract, WithoutItsPlaceItRefusesAndThenTakesMessagesAgain) {
+TEST_P(LogSinkContract, WithoutItsDestinationItRefusesUntilThatIsBack) {
   ASSERT_TRUE(write("before"));
   EXPECT_THAT(takeTexts(), testing::ElementsAre("before"));
   harness_->remove();

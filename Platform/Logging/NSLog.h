@@ -9,15 +9,15 @@
 
 namespace platform {
 
-// Where NSLog writes. Both outlive it.
+// The outputs of NSLog. Both outlive it.
 struct NSLogOutput {
   SystemLog& systemLog;
-  // Puts its own prefix (time, program, process) before the text and writes it in one piece.
+  // Adds its own prefix (time, program, process) and writes the text in one piece.
   LogSink& standardError;
 };
 
 // Writes a finished text to standard error and, at level 4, to the default client of the system
-// log. Any thread; a standard error that takes nothing costs the text there and nothing else.
+// log. Any thread may call it. If standard error fails, the text is lost only there.
 void NSLogText(const NSLogOutput& output, std::string_view text);
 
 template <typename... Arguments>

@@ -12,9 +12,9 @@
 
 namespace platform {
 
-// Logs what peers were refused for, so many lines at most in any minute that begins with one: a
-// flood of peers must not become a flood of lines. The first line after a gap says how many are
-// missing. Belongs to the loop's thread.
+// Logs the reasons why peers were refused, with a limit of lines in each minute that starts with a
+// line: a flood of peers must not cause a flood of lines. The first line after a gap tells how many
+// are missing. Belongs to the loop's thread.
 class RefusalLog {
  public:
   static constexpr std::size_t kLinesPerPeriod = 10;

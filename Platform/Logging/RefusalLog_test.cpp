@@ -31,7 +31,7 @@ TEST_F(RefusalLogTest, ALineIsAWarningUnderItsOwnIdent) {
                                   {"Ident", "com.vantor.platform", ASL_LEVEL_WARNING, "refused"}}));
 }
 
-TEST_F(RefusalLogTest, SoManyLinesAPeriodAreWritten) {
+TEST_F(RefusalLogTest, TheLinesOfAPeriodAreLimited) {
   write(RefusalLog::kLinesPerPeriod - 1);
   EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod - 1);
   write(1);

@@ -8,7 +8,7 @@
 namespace platform {
 namespace {
 
-// What the platform's default client has.
+// The facility of the platform's default client.
 constexpr char kDefaultFacility[] = "user";
 
 constexpr char kOwnIdent[] = "SystemLog";
@@ -40,15 +40,15 @@ void SystemLog::asl_log(const AslClient* client, int level, std::string_view mes
                            cutAtCharacter(message, kMaximumMessageSize), message.size());
     message = cut;
   }
-  // A sink that refuses the short report would refuse the message too, so that an outage costs one
-  // attempt for each message and not two.
+  // A sink that refuses the short report would refuse the message, too, so an outage costs one
+  // attempt per message and not two.
   const LogRecord record{speaker.ident, speaker.facility, static_cast<AslLevel>(clamped), message};
   if (!reportDropped() || !sink_.write(record)) countLost();
 }
 
 void SystemLog::asl_close(std::unique_ptr<AslClient> client) { client.reset(); }
 
-// Whoever takes the count reports it or gives it back, so that of many threads one says it.
+// The thread that takes the count reports it or restores it, so that only one thread reports it.
 bool SystemLog::reportDropped() {
   if (dropped_.load(std::memory_order_relaxed) == 0) return true;
   const std::uint64_t count = dropped_.exchange(0, std::memory_order_relaxed);

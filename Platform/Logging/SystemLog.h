@@ -11,47 +11,47 @@
 
 namespace platform {
 
-// A client of the system log: who logs, and for which part of the product.
+// A client of the system log: the speaker, and its part of the product.
 struct AslClient {
   std::string ident;
   std::string facility;
 };
 
-// The system log facility, with the names that the platform gives it. Any thread may use it; a call
-// never blocks beyond the sink's write and never fails to its caller.
+// The system log facility, with the platform's names. Any thread may use it. A call blocks only on
+// the sink's write and never fails.
 //
-// What a sink refuses is counted. As soon as the sink takes messages again the count is written,
-// once, as a message of this layer that stands before the first message after the gap.
+// Messages that a sink refuses are counted. As soon as it accepts messages again, the count is
+// written once, as a message of this layer before the first message after the gap.
 class SystemLog {
  public:
   // The longest ident or facility, in bytes.
   static constexpr std::size_t kMaximumNameSize = 255;
-  // The longest message, in bytes; a longer one is cut and says so.
+  // The longest message, in bytes; a longer one is cut and marked as cut.
   static constexpr std::size_t kMaximumMessageSize = std::size_t{1} << 20;
 
   // `programName` is the ident of the default client. Messages with a level above `maximumLevel`
-  // (less grave) are not written. `sink` outlives this.
+  // (less severe) are not written. `sink` outlives this.
   SystemLog(LogSink& sink, std::string programName, int maximumLevel = ASL_LEVEL_DEBUG);
   SystemLog(const SystemLog&) = delete;
   SystemLog& operator=(const SystemLog&) = delete;
-  // Tries a last time to report what was lost.
+  // Tries a last time to report lost messages.
   ~SystemLog();
 
-  // Opens a client. No option is defined here (the system passes 0 everywhere). Null when a name
-  // is too long.
+  // Opens a client. No options are defined here (the system passes 0 everywhere). Null if a name is
+  // too long.
   std::unique_ptr<AslClient> asl_open(std::string_view ident, std::string_view facility,
                                       std::uint32_t options);
 
-  // Writes the finished text `message` as it stands; a null client is the default client, whose
-  // ident is the program's name. Levels outside 0 to 7 count as the nearest of them.
+  // Writes the finished text `message` unchanged. A null client is the default client, whose ident
+  // is the program's name. Levels outside 0 to 7 count as the nearest of them.
   void asl_log(const AslClient* client, int level, std::string_view message);
 
-  // Ends the client; null does nothing. Static, since a queue's finaliser knows the client alone.
+  // Closes the client; null does nothing. Static, because a queue's finaliser has only the client.
   static void asl_close(std::unique_ptr<AslClient> client);
 
   const std::string& programName() const { return defaultClient_.ident; }
 
-  // Counts a message that had to be given up before it came here, to be reported with the others.
+  // Counts a message that was dropped before it came here, to report it with the others.
   void countLost() { dropped_.fetch_add(1, std::memory_order_relaxed); }
 
   // Messages lost so far and not yet reported.

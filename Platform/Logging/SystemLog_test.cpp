@@ -25,14 +25,14 @@ class SystemLogTest : public testing::Test {
   SystemLog log_{sink_, "servicemanagerd"};
 };
 
-TEST_F(SystemLogTest, AMessageBearsItsClientsNames) {
+TEST_F(SystemLogTest, AMessageHasTheNamesOfItsClient) {
   const auto client = log_.asl_open("ORBServiceManager", "com.vantor.hostagent", 0);
   log_.asl_log(client.get(), ASL_LEVEL_ERR, "text");
   EXPECT_THAT(sink_.messages(), ElementsAre(Message{"ORBServiceManager", "com.vantor.hostagent",
                                                     ASL_LEVEL_ERR, "text"}));
 }
 
-TEST_F(SystemLogTest, PercentSignsAreWrittenAsTheyStand) {
+TEST_F(SystemLogTest, PercentSignsAreWrittenUnchanged) {
   log_.asl_log(nullptr, ASL_LEVEL_ERR, "50% %s %n %@");
   EXPECT_THAT(sink_.texts(), ElementsAre("50% %s %n %@"));
 }
@@ -76,7 +76,7 @@ TEST_F(SystemLogTest, LevelsOutsideTheRangeCountAsTheNearest) {
               ElementsAre(ASL_LEVEL_EMERG, ASL_LEVEL_EMERG, ASL_LEVEL_DEBUG, ASL_LEVEL_DEBUG));
 }
 
-TEST(SystemLogLevelTest, WhatIsLessGraveThanTheMaximumIsNotWritten) {
+TEST(SystemLogLevelTest, LessSevereMessagesThanTheMaximumAreNotWritten) {
   FakeLogSink sink;
   SystemLog log(sink, "program", ASL_LEVEL_WARNING);
   log.asl_log(nullptr, ASL_LEVEL_WARNING, "warning");
@@ -85,7 +85,7 @@ TEST(SystemLogLevelTest, WhatIsLessGraveThanTheMaximumIsNotWritten) {
   EXPECT_THAT(sink.texts(), ElementsAre("warning"));
 }
 
-TEST(SystemLogLevelTest, WhatIsNotWrittenIsNotLost) {
+TEST(SystemLogLevelTest, MessagesThatAreNotWrittenAreNotLost) {
   FakeLogSink sink;
   SystemLog log(sink, "program", ASL_LEVEL_WARNING);
   sink.fail();
@@ -93,7 +93,7 @@ TEST(SystemLogLevelTest, WhatIsNotWrittenIsNotLost) {
   EXPECT_EQ(log.dropped(), 0U);
 }
 
-TEST_F(SystemLogTest, WhatWasLostIsSaidOnceBeforeTheNextMessage) {
+TEST_F(SystemLogTest, LostMessagesAreReportedOnceBeforeTheNext) {
   log_.asl_log(nullptr, ASL_LEVEL_ERR, "before");
   sink_.fail();
   for (int i = 0; i < 3; ++i) log_.asl_log(nullptr, ASL_LEVEL_ERR, "lost");
@@ -106,7 +106,7 @@ TEST_F(SystemLogTest, WhatWasLostIsSaidOnceBeforeTheNextMessage) {
   EXPECT_EQ(log_.dropped(), 0U);
 }
 
-TEST_F(SystemLogTest, EachOutageIsSaidForItself) {
+TEST_F(SystemLogTest, EachOutageIsReportedSeparately) {
   for (int outage = 0; outage < 2; ++outage) {
     sink_.fail();
     log_.asl_log(nullptr, ASL_LEVEL_ERR, "lost");
@@ -123,13 +123,13 @@ TEST_F(SystemLogTest, AnOutageCostsOneAttemptForEachMessage) {
   EXPECT_EQ(sink_.refused(), 5U);
 }
 
-TEST_F(SystemLogTest, WhatACallerGaveUpIsSaidWithTheOthers) {
+TEST_F(SystemLogTest, MessagesThatACallerDroppedAreReportedToo) {
   log_.countLost();
   log_.asl_log(nullptr, ASL_LEVEL_ERR, "text");
   EXPECT_THAT(sink_.texts(), ElementsAre("1 message was lost here.", "text"));
 }
 
-TEST(SystemLogEndTest, WhatIsStillUnsaidIsSaidAtTheEnd) {
+TEST(SystemLogEndTest, UnreportedLossesAreReportedAtTheEnd) {
   FakeLogSink sink;
   {
     SystemLog log(sink, "program");

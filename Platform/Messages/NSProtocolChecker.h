@@ -7,17 +7,17 @@
 
 namespace platform {
 
-// Stands before an object of this program and lets through only the messages of one protocol.
+// Passes only the messages of one protocol on to an object of this program.
 class NSProtocolChecker final : public NSProxy {
  public:
-  // Both outlive this; without a target it only answers questions about the protocol, and a message
-  // raises NSInvalidArgumentException. Without a protocol no message is let through.
+  // Both outlive this. Without a target it only answers questions about the protocol, and a message
+  // raises NSInvalidArgumentException. Without a protocol no message is passed on.
   NSProtocolChecker(MessageReceiver* target, const Protocol* protocol)
       : target_(target), protocol_(protocol) {}
 
   const Protocol* protocol() const { return protocol_; }
 
-  // The protocol's method of that selector; null where it has none.
+  // The protocol's method for that selector; null if there is none.
   const MethodDescription* methodSignatureForSelector(std::string_view selector) const;
   bool respondsToSelector(std::string_view selector) const {
     return methodSignatureForSelector(selector) != nullptr;

@@ -50,7 +50,7 @@ TEST(NSProtocolCheckerTest, TheNumberOfArgumentsMustFitTheSelector) {
   EXPECT_EQ(target.last, "");
 }
 
-TEST(NSProtocolCheckerTest, WithoutATargetItOnlyAnswersQuestions) {
+TEST(NSProtocolCheckerTest, WithoutATargetItOnlyDescribesTheProtocol) {
   const NSProtocolChecker checker(nullptr, &kProtocol);
   EXPECT_TRUE(checker.respondsToSelector("wave"));
   EXPECT_EQ(checker.methodSignatureForSelector("wave")->kind, MethodDescription::Kind::kOneWay);

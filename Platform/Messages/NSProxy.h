@@ -8,28 +8,27 @@
 
 namespace platform {
 
-// An object of this program that is sent messages by their selectors.
+// An object of this program that receives messages by their selectors.
 class MessageReceiver {
  public:
   virtual ~MessageReceiver() = default;
 
-  // `selector` belongs to the protocol that stands before this object, and there is an argument for
-  // each of its colons; what kinds of values they are is for the method to check. An argument may
-  // be nil.
+  // `selector` belongs to the protocol that is checked before this object, and there is an argument
+  // for each of its colons. The method must check the types of the values. An argument may be nil.
   virtual MessageResult receiveMessage(std::string_view selector, const Array& arguments) = 0;
 };
 
-// What stands for an object and is sent its messages: for one of this program the protocol checker,
-// for one of another program the distant object. A Value can hold it; passed as an argument or a
-// result (not inside a collection) it reaches the peer as a distant object that can be called.
+// Stands for an object and receives its messages: the protocol checker for an object of this
+// program, the distant object for one of another program. A Value can hold it. As an argument or a
+// result (not inside a collection) it arrives at the peer as a distant object.
 class NSProxy : public RemoteObject {
  public:
-  // Sends a message and hands back what it ends with. An unknown selector, and a number of
-  // arguments that does not fit it, raise NSInvalidArgumentException.
+  // Sends a message and returns its answer. An unknown selector, and a number of arguments that
+  // does not fit it, raise NSInvalidArgumentException.
   virtual MessageResult sendMessage(std::string_view selector, const Array& arguments) const = 0;
 };
 
-// The proxy that `value` holds, null where it holds none.
+// The proxy in `value`, null if there is none.
 inline std::shared_ptr<const NSProxy> proxyIn(const Value& value) {
   return std::dynamic_pointer_cast<const NSProxy>(value.remoteObject());
 }

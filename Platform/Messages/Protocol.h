@@ -12,27 +12,26 @@ namespace platform {
 
 // One method of a protocol.
 struct MethodDescription {
-  // A one-way message is sent and forgotten: nobody waits for it, it has no result and no
-  // exception.
+  // A one-way message is sent without waiting for it; it has no result and no exception.
   enum class Kind { kTwoWay, kOneWay };
 
-  std::string selector;  // the whole one, colons and all; it is the message name on the wire
+  std::string selector;  // the full selector with its colons; the message's name when it is sent
   Kind kind = Kind::kTwoWay;
 
-  // How many arguments a message of this selector carries.
+  // The number of arguments of a message with this selector.
   std::size_t argumentCount() const;
 };
 
-// What a server admits and a client may send.
+// The messages that a server admits and a client may send.
 class Protocol {
  public:
-  // Later methods with a selector that was named before are ignored.
+  // Later methods with the same selector are ignored.
   Protocol(std::string name, std::initializer_list<MethodDescription> methods);
 
   const std::string& name() const { return name_; }
   const std::vector<MethodDescription>& methods() const { return methods_; }
 
-  // Null for a selector outside the protocol.
+  // Null if the selector is outside of the protocol.
   const MethodDescription* method(std::string_view selector) const;
 
  private:

@@ -5,7 +5,7 @@
 namespace platform {
 namespace {
 
-TEST(ProtocolTest, AdmitsItsOwnSelectorsToTheLetterAndNoOthers) {
+TEST(ProtocolTest, AdmitsOnlyItsExactSelectors) {
   const Protocol protocol("Installer", {{"evaluateServices", MethodDescription::Kind::kOneWay},
                                         {"shutdownServices:", MethodDescription::Kind::kTwoWay}});
   ASSERT_NE(protocol.method("shutdownServices:"), nullptr);
@@ -21,14 +21,14 @@ TEST(ProtocolTest, ASelectorHasOneArgumentForEachColon) {
   EXPECT_EQ(MethodDescription{.selector = "a:b:"}.argumentCount(), 2u);
 }
 
-TEST(ProtocolTest, TheFirstMethodOfASelectorStands) {
+TEST(ProtocolTest, TheFirstMethodOfASelectorCounts) {
   const Protocol protocol(
       "P", {{"a", MethodDescription::Kind::kOneWay}, {"a", MethodDescription::Kind::kTwoWay}});
   EXPECT_EQ(protocol.methods().size(), 1u);
   EXPECT_EQ(protocol.method("a")->kind, MethodDescription::Kind::kOneWay);
 }
 
-TEST(NameTableTest, FindsWhatWasAddedByItsExactName) {
+TEST(NameTableTest, FindsEntriesByTheirExactNames) {
   SelectorTable<int(int)> table;
   EXPECT_TRUE(table.add("twice:", [](int n) { return 2 * n; }));
   ASSERT_NE(table.find("twice:"), nullptr);

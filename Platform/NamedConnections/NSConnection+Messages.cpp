@@ -1,9 +1,9 @@
-// What crosses a connection. The first message of a client is
+// The messages of a connection. The first message of a client is
 //
-//   NSConnectionAuthenticate:    its authentication data; answered with the server's
+//   NSConnectionAuthenticate:    its authentication data; answered with the server's data
 //
-// After that a message for the root object goes by its own selector, and one for an object that was
-// passed as a reference by that selector behind a keyword that takes the object's number:
+// After that, a message to the root object has its own selector. A message to an object that was
+// passed as a reference has that selector after a keyword that takes the object's number:
 //
 //   NSDistantObject:SELECTOR     number, arguments...
 
@@ -55,8 +55,8 @@ std::expected<void, NSException> NSConnection::authenticate() {
     logRefusal(why);
     return fail(exception(kNSFailedAuthenticationException, std::string(why)));
   };
-  // A child's peer begins; a delegate that asks for the proxy while it is asked for its data gets
-  // none either.
+  // A child's peer authenticates first. If a delegate asks for the proxy while it is asked for its
+  // data, that fails, too.
   if (role_ != Role::kClient || stage_ == Stage::kAuthenticating)
     return raise(kNSFailedAuthenticationException, "the two sides have not authenticated yet");
   if (delegate_ == nullptr) return failAuthentication("this client has no delegate");
@@ -102,8 +102,8 @@ MessageResult NSConnection::sendTwoWay(std::int64_t object, std::string_view sel
   if (!message) return std::unexpected(message.error());
   auto result = peer_->call(message->selector, message->arguments, replyTimeout_);
   if (!result) {
-    // A client that hangs would cost a wait for each object that it has passed to us. It learns by
-    // the end of its connection that it is no longer listened to.
+    // A client that hangs would cost a time-out for each object that it has passed to us. From the
+    // end of its connection it learns that it gets no more calls.
     if (role_ == Role::kChild && result.error().name == kNSPortTimeoutException && valid_) {
       logRefusal("it did not answer in time");
       invalidate();
@@ -141,7 +141,7 @@ void NSConnection::handle(PeerMessage message) {
   const auto request = readRequest(message);
   if (!request) return breakOff(std::move(message.reply), request.error().context);
   const MessageResult result = perform(*request);
-  // What can't be answered is the peer's loss: it has ended, or does not read.
+  // If it can't be answered, the peer has ended or does not read. Ignore that.
   if (message.reply) (void)message.reply->answer(result);
 }
 
@@ -183,7 +183,7 @@ Result<NSConnection::Request> NSConnection::readRequest(const PeerMessage& messa
 MessageResult NSConnection::perform(const Request& request) {
   if (!request.object)
     return raise(kNSInvalidSendPortException, "the object that the message was for is gone");
-  // The peer could go on for ever: a request within our call within its request, and so on.
+  // A peer could nest without end: a request within our call within its request, and so on.
   if (nestedRequests_ == kMaxNestedRequests)
     return raise(kNSInvalidArgumentException, "too many requests inside one another");
   ++nestedRequests_;

@@ -45,7 +45,7 @@ bool NSConnection::registerName(std::string_view name) {
   if (name.empty()) return fail("it is empty");
   const std::weak_ptr<NSConnection> self = weak_from_this();
   PeerListenerOptions options;
-  options.socketMode = 0666;  // Who may talk is decided by what they show, not by who they are.
+  options.socketMode = 0666;  // The authentication decides, not the user.
   auto listener = connections_.transport_.listen(connections_.path_(name), options,
                                                  [self](std::unique_ptr<PeerConnection> peer) {
                                                    if (const auto connection = self.lock())
@@ -75,7 +75,7 @@ void NSConnection::accept(std::unique_ptr<PeerConnection> peer) {
 
 void NSConnection::invalidate() {
   if (!valid_) return;
-  const auto self = shared_from_this();  // Its parent, or a proxy, may have been its last owner.
+  const auto self = shared_from_this();  // Its parent or a proxy may have had the last reference.
   valid_ = false;
   listener_.reset();
   if (peer_) peer_->close();
@@ -86,7 +86,7 @@ void NSConnection::invalidate() {
 }
 
 void NSConnection::died(const Error& why) {
-  // That somebody hangs up is no news.
+  // A normal end of the peer is not logged.
   if (why.code != ErrorCode::kNotFound) logRefusal(describe(why));
   invalidate();
 }

@@ -23,26 +23,26 @@ namespace platform {
 class NamedConnections;
 class NSConnection;
 
-// Posted on the local notification centre when a connection has ended, by whichever side; `object`
-// is the connection. Once for each.
+// Posted once on the local notification centre when a connection has ended, by either side;
+// `object` is the connection.
 inline constexpr char kNSConnectionDidDieNotification[] = "NSConnectionDidDieNotification";
 
-// Decides whom a connection speaks with. Not retained: before it ends, its connections have ended,
-// the children of those that it let in among them, or have been given another delegate or none.
-// Called on the loop's thread; a call may invalidate the connection.
+// Decides which peers a connection trusts. Not retained: before the delegate is destroyed, its
+// connections, also the children that it accepted, must have ended or have another delegate or
+// none. Called on the loop's thread; a call may invalidate the connection.
 class NSConnectionDelegate {
  public:
   virtual ~NSConnectionDelegate() = default;
 
   // connection:shouldMakeNewConnection: - a peer has connected to `parent`. The new connection has
-  // the parent's root object and time-outs but no delegate; one that is let in without being given
-  // a delegate serves nobody.
+  // the parent's root object and time-outs, but no delegate. A connection that is accepted without
+  // a delegate trusts nobody.
   virtual bool connection(NSConnection& parent, NSConnection& shouldMakeNewConnection) = 0;
 
-  // What this side shows the other. `components` is empty here.
+  // The authentication data of this side. `components` is empty here.
   virtual Data authenticationDataForComponents(const Array& components) = 0;
 
-  // Whether what the other side showed is right.
+  // Whether the other side's authentication data is right.
   virtual bool authenticateComponents(const Array& components, const Data& withData) = 0;
 };
 
@@ -50,20 +50,20 @@ class NSConnectionDelegate {
 // NamedConnections makes it: a server registers a name, a client looks one up, and each client is a
 // child connection of the server's, which keeps it until it dies.
 //
-// Both sides authenticate each other by their delegates before any message reaches an object: the
-// client's data is the first message, the server's its answer. A side without a delegate trusts
-// nobody. A failure ends the connection and is logged (ident "NSConnection", so many lines a minute
-// at most).
+// Both sides authenticate each other by their delegates before a message reaches an object: the
+// first message is the client's data, and its answer is the server's. A side without a delegate
+// trusts nobody. A failure ends the connection and is logged (ident "NSConnection", with a limit of
+// lines per minute).
 //
-// Belongs to the loop's thread; shared by whoever made it, its parent and its proxies. Destroyed,
-// it closes without a notice.
+// Belongs to the loop's thread. Shared by its maker, its parent and its proxies. The destructor
+// closes it without a notice.
 class NSConnection final : public std::enable_shared_from_this<NSConnection> {
  public:
-  // How long a server waits for a client that it calls back.
+  // The time-out of a server's call to a client.
   static constexpr Duration kCallbackTimeout = std::chrono::seconds(2);
-  // How long a client waits, unless told otherwise.
+  // The default time-out of a client's call.
   static constexpr Duration kDefaultTimeout = std::chrono::seconds(10);
-  // Requests of a peer that are served inside one another, each within a call of ours to that peer.
+  // The limit of nested requests of a peer, each of which is served during a call of ours to it.
   static constexpr std::size_t kMaxNestedRequests = 8;
 
   // For NamedConnections, which makes connections.
@@ -79,38 +79,39 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   NSConnection& operator=(const NSConnection&) = delete;
   ~NSConnection();
 
-  // Makes the root object known to other programs by that name. False, and logged, where the name
-  // is taken or can't be had, or this connection has one already, leads to a peer, or has ended.
+  // Registers the root object under a name for other programs. False, and logged, if the name is
+  // taken or not available, or if this connection has a name already, leads to a peer, or has
+  // ended.
   bool registerName(std::string_view name);
 
-  // What clients of the name speak to; it admits only its protocol. Child connections that exist
-  // keep theirs. Null: every message raises NSInvalidSendPortException.
+  // The object for clients of the name; it admits only its protocol. Existing child connections
+  // keep theirs. With null every message raises NSInvalidSendPortException.
   void setRootObject(std::shared_ptr<const NSProtocolChecker> rootObject);
 
   void setDelegate(NSConnectionDelegate* delegate) { delegate_ = delegate; }
   NSConnectionDelegate* delegate() const { return delegate_; }
 
-  // How long a two-way message waits for its answer. Child connections begin with the parent's.
+  // The time-out of a two-way message. Child connections start with the parent's.
   void setReplyTimeout(Duration timeout) { replyTimeout_ = timeout; }
   Duration replyTimeout() const { return replyTimeout_; }
-  // How long a request may wait until it can be sent, which it can once the two sides have
-  // authenticated each other; sending itself never waits.
+  // The time-out of a request until it can be sent, which is when the two sides have authenticated
+  // each other; sending itself never blocks.
   void setRequestTimeout(Duration timeout) { requestTimeout_ = timeout; }
   Duration requestTimeout() const { return requestTimeout_; }
 
-  // The peer's root object; the same proxy for as long as somebody keeps it. Authenticates both
-  // sides if that has not happened yet, and then blocks for the request time-out at most. Raises
-  // NSFailedAuthenticationException, NSPortTimeoutException or NSInvalidSendPortException, and the
-  // connection has ended then.
+  // The peer's root object; the same proxy for as long as somebody keeps it. If the two sides have
+  // not authenticated each other yet, it does that first, and blocks for at most the request
+  // time-out. Raises NSFailedAuthenticationException, NSPortTimeoutException or
+  // NSInvalidSendPortException; the connection has ended then.
   std::expected<std::shared_ptr<NSDistantObject>, NSException> rootProxy();
 
   bool isValid() const { return valid_; }
 
-  // Ends the connection with its child connections, gives the name away and posts the notice. Later
+  // Ends the connection and its child connections, releases the name and posts the notice. Later
   // calls do nothing.
   void invalidate();
 
-  // Who is at the other end, as the kernel says; null on a connection that has a name.
+  // The peer's connection with the kernel's credentials; null if this connection has a name.
   const PeerConnection* peer() const { return peer_.get(); }
 
   const std::vector<std::shared_ptr<NSConnection>>& childConnections() const { return children_; }
@@ -119,7 +120,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   friend class NamedConnections;
   friend class NSDistantObject;
 
-  // What a peer may send: its authentication data alone, or anything.
+  // The messages that a peer may send: only its authentication data, or any.
   enum class Stage { kUnauthenticated, kAuthenticating, kOpen };
 
   void listenToPeer();
@@ -138,27 +139,27 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   void handle(PeerMessage message);
   void handleAuthentication(PeerMessage message);
   struct Request {
-    std::shared_ptr<const NSProxy> object;  // null where it is gone
+    std::shared_ptr<const NSProxy> object;  // null if it no longer exists
     std::string selector;
     Array arguments;
   };
-  // Fails where the message breaks the rules.
+  // Fails if the message breaks the protocol.
   Result<Request> readRequest(const PeerMessage& message);
   MessageResult perform(const Request& request);
 
-  // End the connection for what the peer did, which it is told and the log is: the first before it
-  // is trusted, the second after that.
+  // Both end the connection for an error of the peer, and report it to the peer and the log:
+  // refuse() before the peer is trusted, breakOff() after that.
   void refuse(std::unique_ptr<PeerReply> reply, std::string_view why);
   void breakOff(std::unique_ptr<PeerReply> reply, std::string_view why);
   void end(std::unique_ptr<PeerReply> reply, const NSException& why);
 
   NamedConnections& connections_;
   const Role role_;
-  std::string name_;  // that was registered, or looked up
+  std::string name_;  // the registered name, or the name that was looked up
   std::unique_ptr<PeerConnection> peer_;
   std::unique_ptr<PeerListener> listener_;
   const std::weak_ptr<NSConnection> parent_;
-  // Shared with their proxies, see above.
+  // Shared with their proxies.
   std::vector<std::shared_ptr<NSConnection>> children_;
   std::shared_ptr<const NSProtocolChecker> rootObject_;
   std::weak_ptr<NSDistantObject> rootProxy_;
@@ -168,7 +169,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   Duration requestTimeout_;
   Stage stage_ = Stage::kUnauthenticated;
   std::size_t nestedRequests_ = 0;
-  bool onlyLooks_ = false;  // What it finds out changes nothing for others.
+  bool onlyLooks_ = false;  // Its results change nothing for others.
   bool valid_ = true;
 };
 

@@ -21,7 +21,8 @@ bool NSDistantObject::conformsToProtocol(std::string_view protocolName) const {
 MessageResult NSDistantObject::sendMessage(std::string_view selector,
                                            const Array& arguments) const {
   const MethodDescription* method = protocol_ == nullptr ? nullptr : protocol_->method(selector);
-  const std::shared_ptr<NSConnection> connection = connection_;  // This may end during the call.
+  // This may be destroyed during the call.
+  const std::shared_ptr<NSConnection> connection = connection_;
   if (method != nullptr && method->kind == MethodDescription::Kind::kOneWay)
     return connection->sendOneWay(description_.number, selector, arguments);
   return connection->sendTwoWay(description_.number, selector, arguments);

@@ -20,14 +20,14 @@
 namespace platform {
 
 // Makes connections between the programs of this machine, by name. Belongs to the loop's thread;
-// the connections that it makes must not outlive it.
+// its connections must not outlive it.
 class NamedConnections {
  public:
-  // A server that did not answer in time when a client connected is not asked again for so long, so
-  // that it costs one wait and not one for each message.
+  // After a server has not answered a connecting client in time, it is not asked again for this
+  // long. So it costs one time-out and not one for each message.
   static constexpr Duration kSilentServerPause = std::chrono::seconds(30);
 
-  // Which file stands for a name.
+  // Returns the path of a name's socket.
   using PathOfName = std::function<std::string(std::string_view name)>;
 
   // All but `path` outlive this.
@@ -36,20 +36,20 @@ class NamedConnections {
   NamedConnections(const NamedConnections&) = delete;
   NamedConnections& operator=(const NamedConnections&) = delete;
 
-  // A connection of a server, yet without a name.
+  // A server's connection without a name.
   std::shared_ptr<NSConnection> makeConnection();
 
   // connectionWithRegisteredName:host: - a connection to the server that has registered `name`, not
-  // yet authenticated. Null where there is none, or it did not answer lately. Blocks for 5 seconds
-  // at most. There is only this machine, which no host, an empty one and "*" stand for.
+  // yet authenticated. Null if there is none, or it has recently not answered. Blocks for at most 5
+  // seconds. There is only this machine, which is meant by no host, an empty host and "*".
   std::shared_ptr<NSConnection> connectionWithRegisteredName(
       std::string_view name, const std::optional<std::string>& host = std::nullopt);
 
-  // The same for who only looks: it blocks for `timeout` at most, and neither it nor the connection
-  // leaves it behind that a server was silent.
+  // The same for a probe: it blocks for at most `timeout`, and a server that does not answer it or
+  // its connection does not count as silent.
   std::shared_ptr<NSConnection> lookAtRegisteredName(std::string_view name, Duration timeout);
 
-  // A server has announced itself by `name`: it is asked again even if that name was silent.
+  // A server has announced itself by `name`: ask it again even if it counted as silent.
   void serverDidStart(std::string_view name) { silentUntil_.erase(std::string(name)); }
 
  private:
@@ -58,16 +58,16 @@ class NamedConnections {
   bool isSilent(const std::string& name);
   std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> connect(
       const std::string& name, const PeerConnectOptions& options);
-  // That nothing came from `name` in time.
+  // Records that `name` did not answer in time.
   void noteSilence(const std::string& name);
 
   RunLoop& loop_;
   PeerTransport& transport_;
   NotificationCenter& center_;
   RefusalLog failures_;  // of this program's own calls
-  RefusalLog refusals_;  // of peers, who must not be able to hide the others
+  RefusalLog refusals_;  // of peers, separate so that they can't suppress the others
   PathOfName path_;
-  // Only names that this program itself looks up.
+  // Contains only names that this program itself looks up.
   std::map<std::string, Instant> silentUntil_;
 };
 

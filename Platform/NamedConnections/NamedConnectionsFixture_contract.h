@@ -17,22 +17,22 @@ namespace platform {
 
 using namespace std::chrono_literals;
 
-// This program, whose loop the test runs, and another one, which lives by itself.
+// This program, whose loop the test runs, and another one, which runs by itself.
 class NamedConnectionsHarness {
  public:
   virtual ~NamedConnectionsHarness() = default;
 
   virtual ConnectedProgram& here() = 0;
-  // Does something in the other program and returns when it is done.
+  // Runs an action in the other program and returns when it is done.
   virtual void there(const std::function<void(ConnectedProgram&)>& action) = 0;
-  // The same, while this program takes nothing from its sockets.
+  // The same, while this program does not read from its sockets.
   virtual void thereWhileWeHang(const std::function<void(ConnectedProgram&)>& action) = 0;
 
-  // Where that name's socket is.
+  // The path of the name's socket.
   virtual std::string path(std::string_view name) = 0;
 };
 
-// What both programs saw.
+// The events in both programs.
 class ConnectionJournal {
  public:
   void note(std::string text) {
@@ -69,7 +69,7 @@ inline const Protocol kServerProtocol("ServerProtocol",
 inline const Protocol kCallbackProtocol("CallbackProtocol",
                                         {{"called:"}, {"calledWithin:of:"}, {"raised"}});
 
-// The root object. What it answers is said by the selectors; hidden: is in no protocol.
+// The root object. Its selectors name its answers; hidden: is in no protocol.
 class TestServerObject final : public MessageReceiver {
  public:
   explicit TestServerObject(ConnectionJournal& journal) : journal_(journal) {}
@@ -122,13 +122,13 @@ class TestCallback final : public MessageReceiver {
   ConnectionJournal& journal_;
 };
 
-// The other program serves the name "server" to clients that show "client".
+// The other program serves the name "server" to clients that authenticate with "client".
 class NamedConnectionsContract
     : public testing::TestWithParam<std::unique_ptr<NamedConnectionsHarness> (*)()> {
  protected:
   using Log = std::vector<std::string>;
 
-  // What the other program has; touched by it only.
+  // The other program's objects, used only by it.
   struct Server {
     explicit Server(ConnectionJournal& journal) : object(journal) {}
     TokenDelegate delegate{"server", "client"};
@@ -172,7 +172,7 @@ class NamedConnectionsContract
     return connection;
   }
 
-  // Connects, as `client_` with its root proxy `root_`.
+  // Connects; sets `client_` and its root proxy `root_`.
   void connect() {
     client_ = lookUp();
     ASSERT_TRUE(client_);
@@ -193,7 +193,7 @@ class NamedConnectionsContract
     return result ? "no exception" : result.error().name;
   }
 
-  // The deaths of this program's connections are noted as "death".
+  // Notes the deaths of this program's connections as "death".
   void noteDeaths() {
     deaths_.push_back(here().center.addObserver(
         kNSConnectionDidDieNotification, nullptr, [this](const Notification& notification) {
@@ -217,7 +217,7 @@ class NamedConnectionsContract
     runUntil([&] { return journal_.count(text) >= times; });
   }
 
-  // How many children the server has.
+  // The number of the server's child connections.
   std::size_t children() {
     std::size_t count = 0;
     there([&](ConnectedProgram&) { count = server_.connection->childConnections().size(); });

@@ -1,6 +1,6 @@
 #pragma once
 
-// What named connections do with peers that are not theirs, or are up to something.
+// Contract for foreign and for hostile peers.
 
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/NamedConnections/NamedConnectionsFixture_contract.h"
@@ -22,7 +22,7 @@ class NamedConnectionsPeersContract : public NamedConnectionsContract {
 
   static Value token(std::string_view text) { return Data(text.begin(), text.end()); }
 
-  // A client that speaks to the server as it likes.
+  // A client that sends arbitrary messages to the server.
   PeerConnection& intrude() {
     auto connection = here().transport.connect(harness_->path("server"), {});
     EXPECT_TRUE(connection);
@@ -38,7 +38,7 @@ class NamedConnectionsPeersContract : public NamedConnectionsContract {
     return exceptionOf(intruder.call(selector, arguments, 60s));
   }
 
-  // The other program has the name, and does with a client what `onMessage` does.
+  // The other program has the name, and `onMessage` handles its clients.
   using OnMessage = std::function<void(PeerConnection&, PeerMessage)>;
   void vendImpostor(OnMessage onMessage) {
     there([&](ConnectedProgram& there) {
@@ -70,7 +70,7 @@ class NamedConnectionsPeersContract : public NamedConnectionsContract {
   std::vector<std::unique_ptr<PeerConnection>> clients_;  // there
 };
 
-TEST_P(NamedConnectionsPeersContract, APeerThatShowsNothingGetsAnErrorAndReachesNoObject) {
+TEST_P(NamedConnectionsPeersContract, APeerWithoutAuthenticationReachesNoObject) {
   start();
   PeerConnection& intruder = intrude();
   EXPECT_EQ(callOf(intruder, "echo:", {Value("secret")}), kNSFailedAuthenticationException);
@@ -120,7 +120,7 @@ TEST_P(NamedConnectionsPeersContract, OnlyTheFirstMessageAuthenticates) {
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsPeersContract, WithoutADelegateNobodyIsTrusted) {
+TEST_P(NamedConnectionsPeersContract, WithoutADelegateNoPeerIsTrusted) {
   vend();
   client_ = lookUp();
   client_->setDelegate(nullptr);
@@ -138,7 +138,7 @@ TEST_P(NamedConnectionsPeersContract, ADelegateCanRefuseNewConnections) {
   EXPECT_EQ(children(), 0u);
 }
 
-TEST_P(NamedConnectionsPeersContract, AServerThatSpeaksFirstIsRefused) {
+TEST_P(NamedConnectionsPeersContract, AServerThatSendsFirstIsRefused) {
   vendImpostor([](PeerConnection& connection, const PeerMessage&) {
     EXPECT_TRUE(connection.send("note:", {Value("first")}));
   });
@@ -147,7 +147,7 @@ TEST_P(NamedConnectionsPeersContract, AServerThatSpeaksFirstIsRefused) {
   EXPECT_EQ(here().sink.count("it spoke before it had authenticated itself"), 1u);
 }
 
-TEST_P(NamedConnectionsPeersContract, AServerThatSaysNothingCostsOneWaitUntilItAnnouncesItself) {
+TEST_P(NamedConnectionsPeersContract, ASilentServerCostsOneTimeoutUntilItAnnouncesItself) {
   vendImpostor([](PeerConnection&, const PeerMessage&) {});
   client_ = lookUp();
   client_->setRequestTimeout(20ms);
@@ -158,7 +158,7 @@ TEST_P(NamedConnectionsPeersContract, AServerThatSaysNothingCostsOneWaitUntilItA
   EXPECT_NE(lookUp(), nullptr);
 }
 
-TEST_P(NamedConnectionsPeersContract, APeerThatPassesNonsenseForAReferenceLosesItsConnection) {
+TEST_P(NamedConnectionsPeersContract, AMalformedReferenceEndsTheConnection) {
   start();
   const auto reference = [](Value number, Value name, Value protocols) {
     return Value(Dictionary{{"NSDistantObject", Dictionary{{"Number", std::move(number)},
@@ -191,7 +191,7 @@ TEST_P(NamedConnectionsPeersContract, APeerThatPassesNonsenseForAReferenceLosesI
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsPeersContract, APeerThatPassesTooManyReferencesLosesItsConnection) {
+TEST_P(NamedConnectionsPeersContract, TooManyReferencesEndTheConnection) {
   start();
   PeerConnection& intruder = intrudeWithToken();
   const auto pass = [&](std::int64_t number) {
@@ -202,13 +202,13 @@ TEST_P(NamedConnectionsPeersContract, APeerThatPassesTooManyReferencesLosesItsCo
   };
   const auto limit = static_cast<std::int64_t>(RemoteReferences::kMaxReferences);
   for (std::int64_t number = 1; number <= limit; ++number) ASSERT_EQ(pass(number), "no exception");
-  EXPECT_EQ(pass(1), "no exception");  // Known already.
+  EXPECT_EQ(pass(1), "no exception");  // It is known already.
   EXPECT_EQ(pass(limit + 1), kNSInvalidArgumentException);
   runUntil([this] { return children() == 1; });
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsPeersContract, AMessageToAnUnknownObjectRaisesAndOneToNoneBreaksOff) {
+TEST_P(NamedConnectionsPeersContract, OnlyAMalformedObjectNumberEndsTheConnection) {
   start();
   PeerConnection& intruder = intrudeWithToken();
   for (const std::int64_t number : {-1, 0, 1, 1000})
@@ -218,7 +218,7 @@ TEST_P(NamedConnectionsPeersContract, AMessageToAnUnknownObjectRaisesAndOneToNon
   EXPECT_EQ(callOf(intruder, "nothing", {}), kNSInvalidSendPortException);
 }
 
-TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNotAFloodOfLines) {
+TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNoFloodOfLines) {
   vend();
   for (std::size_t peer = 0; peer < RefusalLog::kLinesPerPeriod + 5; ++peer)
     EXPECT_EQ(callOf(intrude(), "echo:", {Value(1)}), kNSFailedAuthenticationException);
@@ -229,8 +229,8 @@ TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNotAFloodOfLines) {
   EXPECT_EQ(linesThere("The name \"server\" was not registered: "), 1u);
 }
 
-TEST_P(NamedConnectionsPeersContract, RequestsInsideOneAnotherComeToAnEnd) {
-  // Each request of ours is met by one to our object, which asks the server again.
+TEST_P(NamedConnectionsPeersContract, TheDepthOfNestedRequestsIsLimited) {
+  // Each of our requests is met by one to our object, which calls the server again.
   vendImpostor([](PeerConnection& connection, const PeerMessage& message) {
     if (message.selector == kAuthenticate) {
       EXPECT_TRUE(message.reply->answer(token("server")));

@@ -32,7 +32,7 @@ TEST_P(NamedConnectionsReferencesContract, AnObjectThatWasPassedIsCalledBackLate
   EXPECT_EQ(journal_.entries(), (Log{"called later", "called by the loop", "answered"}));
 }
 
-TEST_P(NamedConnectionsReferencesContract, AReferenceTellsItsProtocolsWithoutAskingItsOwner) {
+TEST_P(NamedConnectionsReferencesContract, AReferenceContainsItsProtocols) {
   start();
   EXPECT_EQ(send("conforms:", {Value(object_)}), MessageResult(Value(true)));
   const auto other = std::make_shared<NSProtocolChecker>(&callback_, &kServerProtocol);
@@ -71,7 +71,7 @@ TEST_P(NamedConnectionsReferencesContract, AnObjectAdmitsOnlyItsProtocol) {
   runUntilNoted(kNSInvalidArgumentException);
 }
 
-TEST_P(NamedConnectionsReferencesContract, AReferenceWhoseObjectIsGoneRaisesAndTheConnectionStays) {
+TEST_P(NamedConnectionsReferencesContract, AReferenceToADestroyedObjectRaises) {
   start();
   ASSERT_TRUE(send("keep:", {Value(object_)}));
   object_.reset();
@@ -104,14 +104,14 @@ TEST_P(NamedConnectionsReferencesContract, AResultCanBeAReference) {
   EXPECT_TRUE(proxy->conformsToProtocol("CallbackProtocol"));
   EXPECT_EQ(proxy->sendMessage("called:", {Value("there")}), MessageResult(Value("answer")));
   EXPECT_EQ(journal_.entries(), Log{"called there"});
-  // What is another program's can't be passed on, nor can an object be inside a collection.
+  // An object of another program can't be passed on, and no object can be inside a collection.
   EXPECT_EQ(exceptionOf(send("echo:", {*result})), kNSInvalidArgumentException);
   EXPECT_EQ(exceptionOf(send("echo:", {Value(Array{Value(object_)})})),
             kNSInvalidArgumentException);
   there([&](ConnectedProgram&) { server_.object.setObject(nullptr); });
 }
 
-TEST_P(NamedConnectionsReferencesContract, ADictionaryThatLooksLikeAReferenceArrivesAsItIs) {
+TEST_P(NamedConnectionsReferencesContract, ADictionaryThatLooksLikeAReferenceArrivesUnchanged) {
   start();
   const Value inner = Dictionary{{"Number", 1}, {"Class", "X"}, {"Protocols", Array{}}};
   for (const Value& value :
@@ -122,7 +122,7 @@ TEST_P(NamedConnectionsReferencesContract, ADictionaryThatLooksLikeAReferenceArr
   }
 }
 
-TEST_P(NamedConnectionsReferencesContract, AClientThatHangsLosesItsConnectionAndNobodyElseDoes) {
+TEST_P(NamedConnectionsReferencesContract, OnlyAClientThatHangsLosesItsConnection) {
   start();
   noteDeaths();
   there([this](ConnectedProgram&) {
@@ -142,7 +142,7 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatHangsLosesItsConnectionAnd
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNobodyForEver) {
+TEST_P(NamedConnectionsReferencesContract, AClientThatCallsBackDuringACallTimesOut) {
   start();
   const auto other = root_;
   connect();
@@ -159,7 +159,7 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNob
   there([this](ConnectedProgram& there) {
     server_.connection->childConnections().back()->setReplyTimeout(20ms);
     there.loop.post([this] {
-      // The server serves nothing while it waits, so neither gets an answer.
+      // The server serves nothing while it waits, so neither side gets an answer.
       const auto result = server_.object.kept()->sendMessage("called:", {Value("now")});
       journal_.note(result ? "answered" : "unanswered");
     });
@@ -168,7 +168,7 @@ TEST_P(NamedConnectionsReferencesContract, AClientThatAsksWhileItIsToldBlocksNob
   EXPECT_TRUE(other->sendMessage("nothing", {}));
 }
 
-TEST_P(NamedConnectionsReferencesContract, SoManyObjectsCanBeHeldAtOnce) {
+TEST_P(NamedConnectionsReferencesContract, TheNumberOfHeldObjectsIsLimited) {
   start();
   std::vector<std::shared_ptr<const NSProtocolChecker>> objects;
   const auto pass = [&] {

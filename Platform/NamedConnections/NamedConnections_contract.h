@@ -1,6 +1,6 @@
 #pragma once
 
-// What named connections must do over every transport. A test program derives a
+// The contract of named connections on every transport. A test program derives a
 // NamedConnectionsHarness and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsContract, testing::Values(&makeFakeHarness));
 
@@ -10,7 +10,7 @@
 
 namespace platform {
 
-TEST_P(NamedConnectionsContract, AMessageReachesTheRootObjectAndItsResultComesBack) {
+TEST_P(NamedConnectionsContract, AMessageReachesTheRootObjectAndIsAnswered) {
   start();
   const Value value =
       Dictionary{{"text", "T\xC3\xA9xt"}, {"list", Array{true, 7, 1.5}}, {"data", Data{0, 255}}};
@@ -18,14 +18,14 @@ TEST_P(NamedConnectionsContract, AMessageReachesTheRootObjectAndItsResultComesBa
   EXPECT_EQ(send("nothing"), MessageResult(Value()));
 }
 
-TEST_P(NamedConnectionsContract, NilIsAnArgumentAndAResult) {
+TEST_P(NamedConnectionsContract, NilCanBeAnArgumentAndAResult) {
   start();
   const MessageResult result = send("echo:", {Value()});
   ASSERT_TRUE(result);
   EXPECT_TRUE(result->isNil());
 }
 
-TEST_P(NamedConnectionsContract, AnExceptionComesBackWithNameReasonAndUserInfo) {
+TEST_P(NamedConnectionsContract, AnExceptionArrivesWithNameReasonAndUserInfo) {
   start();
   const Value info = Dictionary{{"key", 7}};
   EXPECT_EQ(send("raise:", {info}),
@@ -33,7 +33,7 @@ TEST_P(NamedConnectionsContract, AnExceptionComesBackWithNameReasonAndUserInfo) 
   EXPECT_EQ(send("echo:", {Value(1)}), MessageResult(Value(1)));
 }
 
-TEST_P(NamedConnectionsContract, OneWayMessagesAreDeliveredInTheirOrderAndHaveNoResult) {
+TEST_P(NamedConnectionsContract, OneWayMessagesAreDeliveredInOrder) {
   start();
   for (const char* text : {"one", "two", "three"})
     EXPECT_EQ(send("note:", {Value(text)}), MessageResult(Value()));
@@ -58,7 +58,7 @@ TEST_P(NamedConnectionsContract, AServerWithoutARootObjectAnswersWithAnException
   EXPECT_EQ(exceptionOf(send("nothing")), kNSInvalidSendPortException);
 }
 
-TEST_P(NamedConnectionsContract, WhatCannotTravelIsRefusedHereAndHarmsNothing) {
+TEST_P(NamedConnectionsContract, AnUnsendableValueIsRefusedBeforeItIsSent) {
   start();
   EXPECT_EQ(exceptionOf(send("echo:", {Value("\xFF")})), kNSInvalidArgumentException);
   EXPECT_EQ(exceptionOf(send("note:", {Value("\xFF")})), kNSInvalidArgumentException);
@@ -66,20 +66,20 @@ TEST_P(NamedConnectionsContract, WhatCannotTravelIsRefusedHereAndHarmsNothing) {
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsContract, ANameThatNobodyHasLeadsNowhere) {
+TEST_P(NamedConnectionsContract, AnUnknownNameGivesNoConnection) {
   EXPECT_EQ(lookUp(), nullptr);
   EXPECT_EQ(here().connections.connectionWithRegisteredName(""), nullptr);
   EXPECT_TRUE(here().sink.texts().empty());
 }
 
-TEST_P(NamedConnectionsContract, ThereIsOnlyThisMachine) {
+TEST_P(NamedConnectionsContract, OnlyThisMachineCanBeTheHost) {
   vend();
   EXPECT_NE(here().connections.connectionWithRegisteredName("server", ""), nullptr);
   EXPECT_NE(here().connections.connectionWithRegisteredName("server", "*"), nullptr);
   EXPECT_EQ(here().connections.connectionWithRegisteredName("server", "elsewhere"), nullptr);
 }
 
-TEST_P(NamedConnectionsContract, ATakenNameFailsAndStaysItsOwners) {
+TEST_P(NamedConnectionsContract, ATakenNameCannotBeRegistered) {
   vend();
   const auto late = here().connections.makeConnection();
   EXPECT_FALSE(late->registerName("server"));
@@ -102,7 +102,7 @@ TEST_P(NamedConnectionsContract, AnEmptyNameAndAClientsConnectionRegisterNothing
   EXPECT_FALSE(client_->registerName("another"));
 }
 
-TEST_P(NamedConnectionsContract, AnInvalidatedServerGivesItsNameAwayAndEndsItsChildren) {
+TEST_P(NamedConnectionsContract, AnInvalidatedServerReleasesItsNameAndEndsItsChildren) {
   start();
   noteDeaths();
   there([this](ConnectedProgram&) {
@@ -117,7 +117,7 @@ TEST_P(NamedConnectionsContract, AnInvalidatedServerGivesItsNameAwayAndEndsItsCh
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsContract, AServerThatIsLetGoOfEndsLikewise) {
+TEST_P(NamedConnectionsContract, ADroppedServerEndsItsChildren) {
   start();
   noteDeaths();
   there([this](ConnectedProgram&) { server_.connection.reset(); });
@@ -125,7 +125,7 @@ TEST_P(NamedConnectionsContract, AServerThatIsLetGoOfEndsLikewise) {
   EXPECT_EQ(lookUp(), nullptr);
 }
 
-TEST_P(NamedConnectionsContract, ADeathIsNoticedOnceOnBothSides) {
+TEST_P(NamedConnectionsContract, ADeathIsPostedOnceOnBothSides) {
   start();
   noteDeaths();
   there([this](ConnectedProgram& there) {
@@ -166,7 +166,7 @@ TEST_P(NamedConnectionsContract, AChildBeginsWithItsParentsObjectTimeOutsAndDele
   });
 }
 
-TEST_P(NamedConnectionsContract, TheRootProxyIsTheSameForAsLongAsItIsKept) {
+TEST_P(NamedConnectionsContract, TheRootProxyStaysTheSameWhileItIsKept) {
   start();
   EXPECT_EQ(client_->rootProxy().value(), root_);
   EXPECT_TRUE(root_->conformsToProtocol("ServerProtocol"));
@@ -180,7 +180,7 @@ TEST_P(NamedConnectionsContract, AProxyKeepsItsConnection) {
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsContract, ALostClientIsNoHarmToAnother) {
+TEST_P(NamedConnectionsContract, ALostClientDoesNotAffectAnother) {
   start();
   const auto other = std::exchange(client_, nullptr);
   const auto otherRoot = std::exchange(root_, nullptr);

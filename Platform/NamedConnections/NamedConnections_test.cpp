@@ -62,7 +62,7 @@ class NamedConnectionsTest : public testing::Test {
                            [](std::string_view name) { return std::string(name); }};
 };
 
-TEST_F(NamedConnectionsTest, AServerThatAcceptsNobodyIsAskedAgainAfterAPause) {
+TEST_F(NamedConnectionsTest, AHungServerIsAskedAgainAfterAPause) {
   const auto connection = vend("server");
   serverTransport_.hang();
   const Instant start = loop_.now();
@@ -78,7 +78,7 @@ TEST_F(NamedConnectionsTest, AServerThatAcceptsNobodyIsAskedAgainAfterAPause) {
   EXPECT_NE(program_.connections.connectionWithRegisteredName("server"), nullptr);
 }
 
-TEST_F(NamedConnectionsTest, ASilentServerKeepsNobodyFromAnother) {
+TEST_F(NamedConnectionsTest, ASilentServerDoesNotBlockAnother) {
   const auto connection = vend("server");
   const auto other = vend("other");
   serverTransport_.hang();
@@ -87,7 +87,7 @@ TEST_F(NamedConnectionsTest, ASilentServerKeepsNobodyFromAnother) {
   EXPECT_NE(program_.connections.connectionWithRegisteredName("other"), nullptr);
 }
 
-TEST_F(NamedConnectionsTest, AClientThatShowsNothingInTimeIsLetGo) {
+TEST_F(NamedConnectionsTest, AClientThatDoesNotAuthenticateInTimeIsDisconnected) {
   const auto connection = vend("server");
   const auto client = program_.connections.connectionWithRegisteredName("server");
   ASSERT_TRUE(client);
@@ -99,14 +99,14 @@ TEST_F(NamedConnectionsTest, AClientThatShowsNothingInTimeIsLetGo) {
   EXPECT_FALSE(client->isValid());
 }
 
-TEST_F(NamedConnectionsTest, ADeadOwnersNameIsFree) {
+TEST_F(NamedConnectionsTest, TheNameOfADeadOwnerIsFree) {
   const auto connection = vend("server");
   serverTransport_.die();
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
   EXPECT_TRUE(program_.connections.makeConnection()->registerName("server"));
 }
 
-TEST_F(NamedConnectionsTest, TimeOutsBeginWithWhatASideCanWaitFor) {
+TEST_F(NamedConnectionsTest, EachRoleHasItsDefaultTimeouts) {
   const auto connection = vend("server");
   EXPECT_EQ(connection->replyTimeout(), 2s);
   const auto client = program_.connections.connectionWithRegisteredName("server");

@@ -23,7 +23,7 @@ std::unexpected<Error> tooMany() {
                              static_cast<unsigned long>(RemoteReferences::kMaxReferences))});
 }
 
-// Whether there is room for one more, once those that nobody keeps are forgotten.
+// Removes references that nobody keeps. Returns whether there is room for one more.
 template <typename Object>
 bool makeRoom(std::map<std::int64_t, std::weak_ptr<Object>>& references) {
   if (references.size() < RemoteReferences::kMaxReferences) return true;
@@ -96,7 +96,7 @@ Result<Value> RemoteReferences::decode(const Value& value,
   const Dictionary* content = (*outer)[kMark].dictionary();
   if (outer->size() != 1 || content == nullptr) return invalid("half a reference");
   if (content->contains(kValue)) {
-    // What is wrapped has the mark itself, or there would have been no need to.
+    // The wrapped dictionary has the mark itself, or it would not have been wrapped.
     const Value& wrapped = (*content)[kValue];
     if (content->size() == 1 && !wrapped[kMark].isNil()) return wrapped;
     return invalid("a reference that is a value");

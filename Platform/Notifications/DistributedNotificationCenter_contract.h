@@ -1,6 +1,6 @@
 #pragma once
 
-// What every centre of distributed notifications must do. A test program derives a
+// The contract of every centre of distributed notifications. A test program derives a
 // NotificationHarness and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, DistributedNotificationCenterContract,
 //                            testing::Values(&makeFakeHarness));
@@ -30,7 +30,7 @@ class NotificationHarness {
   virtual RunLoop& loop() = 0;
   virtual DistributedNotificationCenter& center() = 0;
   virtual DistributedNotificationCenter& other() = 0;
-  // Where both log.
+  // The log of both programs.
   virtual FakeLogSink& log() = 0;
   virtual void stopBus() = 0;
   virtual void startBus() = 0;
@@ -55,7 +55,7 @@ class DistributedNotificationCenterContract
     return [this, who = std::move(who)](const DistributedNotification&) { calls_.push_back(who); };
   }
 
-  // Runs until `ready`, looking after whatever happens on the loop.
+  // Runs the loop until `ready` holds.
   void runUntil(const std::function<bool()>& ready) {
     using namespace std::chrono_literals;
     const auto look = loop().startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
@@ -68,7 +68,7 @@ class DistributedNotificationCenterContract
     loop().run();
   }
 
-  // Delivers what has been posted by either side.
+  // Delivers the posts of both sides.
   void deliver() {
     int marks = 0;
     const auto count = [&](const DistributedNotification&) { ++marks; };
@@ -84,7 +84,7 @@ class DistributedNotificationCenterContract
   std::unique_ptr<NotificationHarness> harness_ = GetParam()();
 };
 
-TEST_P(DistributedNotificationCenterContract, WhoObservesTheNameGetsWhatAnotherProgramPosts) {
+TEST_P(DistributedNotificationCenterContract, AnObserverReceivesThePostsOfAnotherProgram) {
   const Observation observer = center().addObserver("com.vantor.a", std::nullopt, note());
   const Value info = Dictionary{{"Error", "title"}, {"Number", 7}, {"List", Array{true, 1.5}}};
   other().postNotificationName("com.vantor.a", std::nullopt, {}, kAllSessions);
@@ -95,15 +95,15 @@ TEST_P(DistributedNotificationCenterContract, WhoObservesTheNameGetsWhatAnotherP
                                                         {"com.vantor.a", "sender", info}}));
 }
 
-TEST_P(DistributedNotificationCenterContract, ThePosterGetsItsOwn) {
+TEST_P(DistributedNotificationCenterContract, ThePosterReceivesItsOwnPosts) {
   const Observation observer = center().addObserver("com.vantor.a", std::nullopt, note());
   center().postNotificationName("com.vantor.a", std::nullopt, {}, kThisSession);
-  EXPECT_TRUE(got_.empty());  // Never from inside the post.
+  EXPECT_TRUE(got_.empty());  // The post itself never calls it.
   deliver();
   EXPECT_EQ(got_.size(), 1U);
 }
 
-TEST_P(DistributedNotificationCenterContract, AnObserverOfAnObjectGetsOnlyWhatIsAboutIt) {
+TEST_P(DistributedNotificationCenterContract, AnObserverOfAnObjectReceivesOnlyItsPosts) {
   const Observation one = center().addObserver("com.vantor.a", "one", note("one"));
   const Observation any = center().addObserver("com.vantor.a", std::nullopt, note("any"));
   for (const auto& object : {std::optional<std::string>(), {"one"}, {"two"}, {""}})
@@ -112,7 +112,7 @@ TEST_P(DistributedNotificationCenterContract, AnObserverOfAnObjectGetsOnlyWhatIs
   EXPECT_THAT(calls_, testing::ElementsAre("any", "one", "any", "any", "any"));
 }
 
-TEST_P(DistributedNotificationCenterContract, AnObserverOfAnyNameGetsAll) {
+TEST_P(DistributedNotificationCenterContract, AnObserverOfAnyNameReceivesAll) {
   const Observation all = center().addObserver(std::nullopt, "me", note());
   other().postNotificationName("com.vantor.a", "me", {}, kThisSession);
   other().postNotificationName("com.vantor.b", "me", {}, kThisSession);
@@ -136,7 +136,7 @@ TEST_P(DistributedNotificationCenterContract, EverySuspensionBehaviorDeliversInT
   EXPECT_THAT(calls_, testing::ElementsAre("1", "2", "3", "4"));
 }
 
-TEST_P(DistributedNotificationCenterContract, NamesAreTakenAsTheyAre) {
+TEST_P(DistributedNotificationCenterContract, NamesAreComparedExactly) {
   const std::string odd = "it's, a='name' \\ with \"quotes\" and \xC3\xA9";
   const Observation observer = center().addObserver(odd, std::nullopt, note());
   const Observation prefix = center().addObserver("it", std::nullopt, note("prefix"));
@@ -146,7 +146,7 @@ TEST_P(DistributedNotificationCenterContract, NamesAreTakenAsTheyAre) {
   EXPECT_TRUE(calls_.empty());
 }
 
-TEST_P(DistributedNotificationCenterContract, WhoHasEndedIsNotCalled) {
+TEST_P(DistributedNotificationCenterContract, AnEndedObserverIsNotCalled) {
   Observation first;
   Observation second;
   const auto endBoth = [&](const DistributedNotification&) {
@@ -162,7 +162,7 @@ TEST_P(DistributedNotificationCenterContract, WhoHasEndedIsNotCalled) {
   EXPECT_THAT(calls_, testing::ElementsAre("called"));
 }
 
-TEST_P(DistributedNotificationCenterContract, OneObserversEndLeavesTheOthersOfTheName) {
+TEST_P(DistributedNotificationCenterContract, AnObserversEndLeavesTheOthersOfItsName) {
   Observation first = center().addObserver("com.vantor.a", std::nullopt, note("first"));
   const Observation second = center().addObserver("com.vantor.a", std::nullopt, note("second"));
   first.reset();
@@ -195,7 +195,7 @@ TEST_P(DistributedNotificationCenterContract, AnyThreadMayPost) {
   runUntil([&] { return got_.size() == 4; });
 }
 
-TEST_P(DistributedNotificationCenterContract, WhatCannotBePostedIsLoggedAndDropped) {
+TEST_P(DistributedNotificationCenterContract, AnInvalidPostIsLoggedAndDropped) {
   const Observation observer = center().addObserver(std::nullopt, "me", note());
   center().postNotificationName("", "me", {}, kThisSession);
   center().postNotificationName("com.vantor.a", "me", "text", kThisSession);
@@ -210,7 +210,7 @@ TEST_P(DistributedNotificationCenterContract, WhatCannotBePostedIsLoggedAndDropp
           "The notification \"com.vantor.a\" was not posted: its user info is no dictionary"));
 }
 
-TEST_P(DistributedNotificationCenterContract, WithTheBusGonePostsAreLostWithALineInTheLog) {
+TEST_P(DistributedNotificationCenterContract, WithoutABusPostsAreLostAndLogged) {
   const Observation observer = center().addObserver("com.vantor.a", std::nullopt, note());
   harness_->stopBus();
   center().postNotificationName("com.vantor.a", "lost", {}, kThisSession);
@@ -219,7 +219,7 @@ TEST_P(DistributedNotificationCenterContract, WithTheBusGonePostsAreLostWithALin
       testing::Contains(testing::StartsWith("The notification \"com.vantor.a\" was not posted: ")));
 }
 
-TEST_P(DistributedNotificationCenterContract, ObserversAreThereAgainWhenTheBusIsBack) {
+TEST_P(DistributedNotificationCenterContract, ObserversSurviveARestartOfTheBus) {
   const Observation before = center().addObserver("com.vantor.a", std::nullopt, note("before"));
   harness_->stopBus();
   const Observation during = center().addObserver("com.vantor.b", std::nullopt, note("during"));
@@ -233,7 +233,7 @@ TEST_P(DistributedNotificationCenterContract, ObserversAreThereAgainWhenTheBusIs
   runUntil([&] { return has("before") && has("during"); });
 }
 
-TEST_P(DistributedNotificationCenterContract, TheReturnOfTheBusIsToldOnceItsObserversAreThere) {
+TEST_P(DistributedNotificationCenterContract, TheReturnOfTheBusIsReportedAfterItsConfirmation) {
   const Observation observer = center().addObserver("com.vantor.a", "after", note());
   const Observation before = center().observeReturn([this] { calls_.push_back("told"); });
   Observation ended = center().observeReturn([this] { calls_.push_back("ended"); });
@@ -252,7 +252,7 @@ TEST_P(DistributedNotificationCenterContract, TheReturnOfTheBusIsToldOnceItsObse
   EXPECT_EQ(got_.size(), 1U);
 }
 
-TEST_P(DistributedNotificationCenterContract, AHandlerOfTheReturnMayEndTheOthersAndItself) {
+TEST_P(DistributedNotificationCenterContract, AReturnHandlerMayEndTheOthersAndItself) {
   Observation first;
   Observation second;
   const auto endBoth = [&] {

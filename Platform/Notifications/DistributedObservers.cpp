@@ -8,12 +8,12 @@
 namespace platform {
 namespace {
 
-bool holdsRemoteObject(const Value& value) {
+bool containsRemoteObject(const Value& value) {
   if (value.type() == Value::Type::kRemoteObject) return true;
-  if (const Array* array = value.array()) return std::ranges::any_of(*array, holdsRemoteObject);
+  if (const Array* array = value.array()) return std::ranges::any_of(*array, containsRemoteObject);
   const Dictionary* dictionary = value.dictionary();
   return dictionary != nullptr && std::ranges::any_of(*dictionary, [](const auto& entry) {
-           return holdsRemoteObject(entry.second);
+           return containsRemoteObject(entry.second);
          });
 }
 
@@ -35,7 +35,7 @@ std::shared_ptr<DistributedObservers::Entry> DistributedObservers::add(
 }
 
 void DistributedObservers::deliver(const DistributedNotification& notification, std::uint64_t end) {
-  // A copy: handlers may add observers.
+  // A copy, because handlers may add observers.
   for (const auto& observer : std::vector(entries_)) {
     const auto entry = observer.lock();
     if (entry && entry->number < end && suits(*entry, notification)) entry->handler(notification);
@@ -68,7 +68,7 @@ std::unique_ptr<DistributedNotificationCenter::Observation> ReturnObservers::add
 }
 
 void ReturnObservers::tell() {
-  // A copy: handlers may add others.
+  // A copy, because handlers may add others.
   for (const auto& observer : std::vector(entries_)) {
     if (const auto handler = observer.lock()) (*handler)();
   }
@@ -82,7 +82,7 @@ Result<void> checkDistributedNotification(const DistributedNotification& notific
   const Value& userInfo = notification.userInfo;
   if (!userInfo.isNil() && userInfo.dictionary() == nullptr)
     return invalid("its user info is no dictionary");
-  if (holdsRemoteObject(userInfo)) return invalid("its user info holds a remote object");
+  if (containsRemoteObject(userInfo)) return invalid("its user info holds a remote object");
   return {};
 }
 

@@ -10,20 +10,20 @@
 
 namespace platform {
 
-// Something that happened inside this program.
+// An event inside this program.
 struct Notification {
   std::string name;
-  const void* object = nullptr;  // whom it is about; only its identity counts
+  const void* object = nullptr;  // its subject; only its identity counts
   Value userInfo = {};           // a dictionary, or nil
 };
 
-// The program's own notification centre (connection deaths, file handles). A post is delivered
-// before it returns, to each observer in the order of adding. Belongs to one thread.
+// The program's own notification centre (connection deaths, file handles). A post returns after its
+// delivery to each observer in the order of adding. Belongs to one thread.
 class NotificationCenter {
  public:
   using Handler = std::function<void(const Notification&)>;
 
-  // Ends with its owner: once it is destroyed the handler does not run. The handler itself may
+  // Ends with its owner: once it is destroyed, the handler does not run. The handler itself may
   // destroy it. May outlive the centre.
   class Observation {
    public:
@@ -33,15 +33,15 @@ class NotificationCenter {
     friend class NotificationCenter;
     struct Entry;
     explicit Observation(std::shared_ptr<Entry> entry) : entry_(std::move(entry)) {}
-    // Shared with a post that is calling the handler at this moment, and with nobody else.
+    // Shared only with a running post that is calling the handler.
     std::shared_ptr<Entry> entry_;
   };
 
-  // Observes `name` about `object`, or about anything where it is null.
+  // Observes `name` about `object`, or about any object if it is null.
   [[nodiscard]] Observation addObserver(std::string_view name, const void* object, Handler handler);
 
-  // Whoever is added while a post is being delivered does not get it; whoever is removed before his
-  // turn does not either.
+  // An observer that is added during a delivery is not called, and neither is one that is removed
+  // before its turn.
   void post(const Notification& notification);
 
  private:

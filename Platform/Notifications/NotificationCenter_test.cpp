@@ -27,7 +27,7 @@ TEST_F(NotificationCenterTest, DeliversByNameInTheOrderOfAddingBeforeThePostRetu
   EXPECT_EQ(delivered_, (std::vector<std::string>{"b:died", "a:died"}));
 }
 
-TEST_F(NotificationCenterTest, AnObserverOfAnObjectHearsOfNoOther) {
+TEST_F(NotificationCenterTest, AnObserverOfAnObjectReceivesNoOtherPosts) {
   int one = 0;
   int two = 0;
   const auto ofOne = center_.addObserver("died", &one, record("one"));
@@ -74,7 +74,7 @@ TEST_F(NotificationCenterTest, AnObserverRemovedBeforeItsTurnIsNotCalled) {
   EXPECT_TRUE(delivered_.empty());
 }
 
-TEST_F(NotificationCenterTest, AnObserverAddedDuringAPostHearsOnlyOfTheNext) {
+TEST_F(NotificationCenterTest, AnObserverAddedDuringAPostReceivesOnlyTheNext) {
   std::optional<NotificationCenter::Observation> added;
   const auto first = center_.addObserver("n", nullptr, [&](const Notification&) {
     if (!added) added = center_.addObserver("n", nullptr, record("added"));

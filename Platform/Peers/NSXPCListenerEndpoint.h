@@ -7,18 +7,18 @@
 
 namespace platform {
 
-// The right to connect to one listener, whoever holds it: it can't be guessed, it can be handed on
-// in a message, and it does nothing else. It says nothing of whether the listener still lives.
+// The right of its holder to connect to one listener. It can't be guessed, and it can be sent in a
+// message. It does not tell whether the listener still exists.
 //
-// Immutable, any thread. A Value can hold it; it travels in messages of connections that carry
-// endpoints (PeerMessageContents), at any place in them.
+// Immutable; any thread may use it. A Value can hold it, and it can be anywhere in messages of
+// connections with endpoints (PeerMessageContents).
 class NSXPCListenerEndpoint : public RemoteObject {
  public:
   std::string_view className() const override { return "NSXPCListenerEndpoint"; }
   bool conformsToProtocol(std::string_view /*protocolName*/) const override { return false; }
 };
 
-// The endpoint that `value` holds, null where it holds none.
+// The endpoint in `value`, null if there is none.
 inline std::shared_ptr<const NSXPCListenerEndpoint> endpointIn(const Value& value) {
   return std::dynamic_pointer_cast<const NSXPCListenerEndpoint>(value.remoteObject());
 }

@@ -16,7 +16,7 @@ std::unexpected<Error> inside(std::string where, Error error) {
   return std::unexpected(std::move(error));
 }
 
-// Walks over what is to be sent as the marshaller will.
+// Walks over the values to be sent in the way of the marshaller.
 class Measure {
  public:
   explicit Measure(PeerMessageContents contents = PeerMessageContents::kValues)
@@ -153,7 +153,7 @@ Result<void> checkPeerSelector(std::string_view selector, std::size_t argumentCo
     return invalid("a selector of more than " + std::to_string(kMaxPeerSelectorLength) +
                    " characters");
   }
-  // It may be a peer's: nothing of one that is not well-formed goes into a text.
+  // It may be a peer's, so an ill-formed selector must not be quoted in a text.
   if (!isAsciiLetter(selector.front()) || !std::ranges::all_of(selector, [](char c) {
         return isAsciiLetter(c) || isAsciiDigit(c) || c == ':';
       })) {

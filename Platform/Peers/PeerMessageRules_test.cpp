@@ -10,7 +10,7 @@
 namespace platform {
 namespace {
 
-TEST(PeerMessageRulesTest, AnErrorSaysWhereTheValueStands) {
+TEST(PeerMessageRulesTest, AnErrorNamesThePlaceOfTheValue) {
   const Value bad = Array{Value(1), Value(Dictionary{{"key", Array{Value("\xc3")}}})};
   const auto bytes = peerBodyBytes(Array{Value("good"), bad});
   ASSERT_FALSE(bytes);
@@ -30,7 +30,7 @@ TEST(PeerMessageRulesTest, ASelectorHasAnArgumentForEachColon) {
   }
 }
 
-TEST(PeerMessageRulesTest, TextsThatDBusWouldDieOfAreRefused) {
+TEST(PeerMessageRulesTest, TextsThatWouldAbortDBusAreRefused) {
   for (const std::string& text :
        {std::string("\xff"), std::string("\xc3"), std::string("\xc0\x80"),
         std::string("\xed\xa0\x80"), std::string("\xf4\x90\x80\x80"), std::string("a\0b", 3)}) {
@@ -43,7 +43,7 @@ TEST(PeerMessageRulesTest, TextsThatDBusWouldDieOfAreRefused) {
   EXPECT_TRUE(peerBodyBytes(Array{Value("\xef\xbf\xbf \xf4\x8f\xbf\xbf")}));
 }
 
-TEST(PeerMessageRulesTest, AnExceptionsNameIsOfALengthThatFitsAHeader) {
+TEST(PeerMessageRulesTest, TheLengthOfAnExceptionsNameIsLimited) {
   const auto named = [](std::size_t length) {
     return peerBodyBytes(NSException{std::string(length, 'a'), "", {}}).has_value();
   };

@@ -40,7 +40,7 @@ bool PeerPlaces::makeRoom(std::uint32_t newcomer) {
   for (const auto& [user, count] : held) {
     if (!onlyOrdinary || !isFavoured(user)) most = std::max(most, count);
   }
-  // Where several have as many, the newcomer pays itself.
+  // If several users have as many, the newcomer loses a place itself.
   auto oldest = std::ranges::find_if(entries_, [&](const auto& entry) {
     return entry->user == newcomer && held[newcomer] == most;
   });

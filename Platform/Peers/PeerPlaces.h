@@ -11,12 +11,12 @@
 
 namespace platform {
 
-// The places of a listener for connections that it has not admitted yet. Nobody is turned away when
-// all are taken, or whoever takes them all would keep everybody else out: the user who has the most
-// loses its oldest. Some places only root and our own user may take.
+// The places of a listener for connections that it has not admitted yet. When all are taken, new
+// connections are still accepted, or one user could keep all others out: the user with the most
+// places loses its oldest. Some places are only for root and our own user.
 class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
  public:
-  // Gives the place back when it is destroyed.
+  // Frees the place in its destructor.
   class Place {
    public:
     virtual ~Place() = default;
@@ -27,9 +27,9 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
                       std::size_t kept = kKeptPeerPlaces)
       : ownUser_(ownUser), places_(places), kept_(kept) {}
 
-  // A place for a newcomer. `pushedOut` is called, at most once and from inside a later take(),
-  // when the place has gone to another. Null only for an ordinary user while root and our own
-  // user hold every place.
+  // A place for a new connection. `pushedOut` is called, at most once and from inside a later
+  // take(), when another connection has got the place. Null only for an ordinary user while root
+  // and our own user have every place.
   std::unique_ptr<Place> take(std::uint32_t user, PushedOut pushedOut);
 
   std::size_t taken() const { return entries_.size(); }
@@ -51,14 +51,14 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
   std::list<std::shared_ptr<Entry>> entries_;  // oldest first; shared with the place
 };
 
-// How many connections each user holds at a listener.
+// The number of connections that each user has at a listener.
 class PeerUserCounts : public std::enable_shared_from_this<PeerUserCounts> {
  public:
   class Held {
    public:
     virtual ~Held() = default;
   };
-  // Counts one more until the handle goes; null where that would be more than `limit`.
+  // Counts one more until the handle is destroyed; null if that would exceed `limit`.
   std::unique_ptr<Held> hold(std::uint32_t user, std::size_t limit);
 
  private:

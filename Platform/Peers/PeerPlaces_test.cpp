@@ -16,7 +16,7 @@ constexpr std::uint32_t kBen = 1001;
 
 class PeerPlacesTest : public testing::Test {
  protected:
-  // Four places, one of them kept.
+  // There are four places, one of them reserved.
   bool take(std::uint32_t user, const std::string& name) {
     auto place = places_->take(user, [this, name] { out_.push_back(name); });
     if (!place) return false;
@@ -32,27 +32,27 @@ class PeerPlacesTest : public testing::Test {
   std::vector<std::pair<std::string, std::unique_ptr<PeerPlaces::Place>>> held_;
 };
 
-TEST_F(PeerPlacesTest, TheOldestOfTheUserWhoHasTheMostGoes) {
+TEST_F(PeerPlacesTest, TheUserWithTheMostPlacesLosesItsOldest) {
   EXPECT_TRUE(take(kBen, "ben"));
   EXPECT_TRUE(take(kAnna, "first"));
   EXPECT_TRUE(take(kAnna, "second"));
   EXPECT_TRUE(out_.empty());
   EXPECT_TRUE(take(kAnna, "third"));
   EXPECT_EQ(out_, std::vector<std::string>{"first"});
-  // Also where another comes, who has fewer.
+  // The same if a user with fewer places comes.
   EXPECT_TRUE(take(2000, "stranger"));
   EXPECT_EQ(out_, (std::vector<std::string>{"first", "second"}));
   EXPECT_EQ(places_->taken(), 3u);
 }
 
-TEST_F(PeerPlacesTest, WhereAllHaveOneTheOldestGoes) {
+TEST_F(PeerPlacesTest, IfAllHaveOneTheOldestIsPushedOut) {
   for (const std::uint32_t user : {kAnna, kBen, 2000u, 3000u}) {
     EXPECT_TRUE(take(user, std::to_string(user)));
   }
   EXPECT_EQ(out_, std::vector<std::string>{"1000"});
 }
 
-TEST_F(PeerPlacesTest, ANewcomerWithAsManyAsAnotherPaysItself) {
+TEST_F(PeerPlacesTest, ANewcomerWithAsManyAsAnotherLosesItsOwnPlace) {
   EXPECT_TRUE(take(kBen, "ben 1"));
   EXPECT_TRUE(take(kBen, "ben 2"));
   EXPECT_TRUE(take(kAnna, "anna 1"));
@@ -60,7 +60,7 @@ TEST_F(PeerPlacesTest, ANewcomerWithAsManyAsAnotherPaysItself) {
   EXPECT_EQ(out_, std::vector<std::string>{"anna 1"});
 }
 
-TEST_F(PeerPlacesTest, SomePlacesAreKeptForRootAndOurOwnUser) {
+TEST_F(PeerPlacesTest, SomePlacesAreReservedForRootAndOurOwnUser) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kAnna, "anna " + std::to_string(i)));
   EXPECT_TRUE(take(kRoot, "root"));
   EXPECT_TRUE(out_.empty());
@@ -69,7 +69,7 @@ TEST_F(PeerPlacesTest, SomePlacesAreKeptForRootAndOurOwnUser) {
   EXPECT_EQ(out_, std::vector<std::string>{"anna 0"});
 }
 
-TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutTheFavoured) {
+TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutAFavouredOne) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kRoot, "root " + std::to_string(i)));
   EXPECT_TRUE(take(kAnna, "anna"));
   EXPECT_TRUE(take(kBen, "ben"));
@@ -81,7 +81,7 @@ TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutTheFavoured) {
   EXPECT_EQ(out_, (std::vector<std::string>{"anna", "root 0"}));
 }
 
-TEST_F(PeerPlacesTest, AListenerHasSoManyPlacesAndSoManyOfThemKept) {
+TEST_F(PeerPlacesTest, TheNumbersOfPlacesAreTheLimits) {
   places_ = std::make_shared<PeerPlaces>(kOwn);
   constexpr std::size_t kForAll = kPeerPlaces - kKeptPeerPlaces;
   for (std::size_t i = 0; i < kForAll - 1; ++i) EXPECT_TRUE(take(kAnna, std::to_string(i)));
@@ -98,7 +98,7 @@ TEST_F(PeerPlacesTest, AListenerHasSoManyPlacesAndSoManyOfThemKept) {
   EXPECT_EQ(places_->taken(), kPeerPlaces);
 }
 
-TEST_F(PeerPlacesTest, APlaceThatIsGivenBackIsFree) {
+TEST_F(PeerPlacesTest, ADroppedPlaceIsFree) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kAnna, "anna " + std::to_string(i)));
   give("anna 1");
   EXPECT_TRUE(take(kAnna, "anna 3"));
@@ -112,7 +112,7 @@ TEST_F(PeerPlacesTest, APlaceOutlivesTheListener) {
   EXPECT_TRUE(out_.empty());
 }
 
-TEST(PeerUserCountsTest, AUserHoldsSoManyAndNoMore) {
+TEST(PeerUserCountsTest, TheCountOfAUserIsLimited) {
   const auto counts = std::make_shared<PeerUserCounts>();
   auto first = counts->hold(kAnna, 2);
   const auto second = counts->hold(kAnna, 2);
@@ -124,7 +124,7 @@ TEST(PeerUserCountsTest, AUserHoldsSoManyAndNoMore) {
   EXPECT_FALSE(counts->hold(kBen, 0));
 }
 
-TEST(PeerUserCountsTest, AListenersUserHoldsSoManyAndNoMore) {
+TEST(PeerUserCountsTest, TheCountOfAUserHasTheListenersLimit) {
   const auto counts = std::make_shared<PeerUserCounts>();
   std::vector<decltype(counts->hold(kAnna, 0))> held;
   for (std::size_t i = 1; i <= kMaxPeerConnectionsPerUser; ++i) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Messages and their answers.
+// Contract of messages and their answers.
 
 #include <string>
 
@@ -8,12 +8,12 @@
 
 namespace platform {
 
-TEST_P(PeerTransportContract, ATwoWayMessageBringsItsAnswer) {
+TEST_P(PeerTransportContract, ATwoWayMessageIsAnswered) {
   start();
   EXPECT_EQ(call("echo:", {Value("hello")}), MessageResult("hello"));
 }
 
-TEST_P(PeerTransportContract, ValuesOfEveryKindArriveAsTheyWere) {
+TEST_P(PeerTransportContract, ValuesOfEveryKindArriveUnchanged) {
   start();
   const Array values = {
       Value(true),
@@ -51,14 +51,14 @@ TEST_P(PeerTransportContract, DictionariesKeepTheirOrder) {
   EXPECT_EQ(keys, "zamby");
 }
 
-TEST_P(PeerTransportContract, NilIsAnArgumentAndAnAnswerOfItsOwn) {
+TEST_P(PeerTransportContract, NilCanBeAnArgumentAndAnAnswer) {
   start();
   const MessageResult answer = call("echo:", {Value()});
   ASSERT_TRUE(answer);
   EXPECT_TRUE(answer->isNil());
 }
 
-TEST_P(PeerTransportContract, AnExceptionTravelsWithReasonAndUserInfo) {
+TEST_P(PeerTransportContract, AnExceptionArrivesWithReasonAndUserInfo) {
   start();
   const Value userInfo = Dictionary{{"key", Array{Value(1), Value("two")}}};
   const MessageResult answer = call("raise:", {userInfo});
@@ -69,7 +69,7 @@ TEST_P(PeerTransportContract, AnExceptionTravelsWithReasonAndUserInfo) {
   EXPECT_TRUE(without.error().userInfo.isNil());
 }
 
-TEST_P(PeerTransportContract, OneWayMessagesArriveInTheirOrder) {
+TEST_P(PeerTransportContract, OneWayMessagesArriveInOrder) {
   start();
   for (const char* text : {"1", "2", "3"}) {
     ASSERT_TRUE(client_->send("note:", {Value(text)}));
@@ -79,7 +79,7 @@ TEST_P(PeerTransportContract, OneWayMessagesArriveInTheirOrder) {
   EXPECT_EQ(journal_.entries(), (Log{"connected", "note:1", "note:2", "note:3", "done"}));
 }
 
-TEST_P(PeerTransportContract, ACallComesAfterTheMessagesBeforeIt) {
+TEST_P(PeerTransportContract, ACallArrivesAfterEarlierMessages) {
   start();
   ASSERT_TRUE(client_->send("note:", {Value("first")}));
   ASSERT_TRUE(call("echo:", {Value(1)}));
@@ -125,7 +125,7 @@ TEST_P(PeerTransportContract, AnAsynchronousCallWithoutAnAnswerTimesOut) {
   runUntilNoted(kNSPortTimeoutException);
 }
 
-TEST_P(PeerTransportContract, AnAnswerThatComesTooLateIsDropped) {
+TEST_P(PeerTransportContract, ALateAnswerIsDropped) {
   start();
   EXPECT_FALSE(call("keep", {}, 5ms));
   runUntilNoted("kept");
@@ -161,7 +161,7 @@ TEST_P(PeerTransportContract, AMessageIsAnsweredOnce) {
   EXPECT_EQ(journal_.count("completed"), 1u);
 }
 
-TEST_P(PeerTransportContract, AnAnswerThatCantTravelIsAnException) {
+TEST_P(PeerTransportContract, AnUnsendableAnswerIsAnException) {
   start();
   struct Remote final : RemoteObject {
     std::string_view className() const override { return "Remote"; }
@@ -182,7 +182,7 @@ TEST_P(PeerTransportContract, AnAnswerThatCantTravelIsAnException) {
   runUntilNoted("completed");
 }
 
-TEST_P(PeerTransportContract, WhoWaitsForAnAnswerServesCallsOfThatConnection) {
+TEST_P(PeerTransportContract, AWaitingCallServesItsConnection) {
   start();
   client_->setHandlers({.message =
                             [&](PeerMessage message) {
@@ -194,7 +194,7 @@ TEST_P(PeerTransportContract, WhoWaitsForAnAnswerServesCallsOfThatConnection) {
   EXPECT_EQ(call("callBack:", {Value("call")}), MessageResult("re-entrant call"));
 }
 
-TEST_P(PeerTransportContract, AHandlerThatIsServedInsideACallMayCallItself) {
+TEST_P(PeerTransportContract, AHandlerInsideACallMayCall) {
   start({.whileWaiting = WhileWaiting::kServe});
   client_->setHandlers({.message =
                             [&](PeerMessage message) {
@@ -205,7 +205,7 @@ TEST_P(PeerTransportContract, AHandlerThatIsServedInsideACallMayCallItself) {
   EXPECT_EQ(call("callBack:", {Value("deep")}), MessageResult("deep"));
 }
 
-TEST_P(PeerTransportContract, WhoServesNothingWhileWaitingServesItAfterwards) {
+TEST_P(PeerTransportContract, WithoutServingMessagesWaitUntilTheAnswer) {
   listen();
   client_ = connect({.timeout = 60s, .whileWaiting = WhileWaiting::kServeNothing});
   bool calling = true;
@@ -215,7 +215,7 @@ TEST_P(PeerTransportContract, WhoServesNothingWhileWaitingServesItAfterwards) {
                               EXPECT_TRUE(message.reply->answer(message.arguments[0]));
                             },
                         .death = {}});
-  // The server calls back before it answers the second.
+  // The server calls back before it answers the second message.
   ASSERT_TRUE(client_->send("relay:", {Value("text")}));
   EXPECT_TRUE(call("echo:", {Value(1)}));
   calling = false;
@@ -228,7 +228,7 @@ TEST_P(PeerTransportContract, WithoutAHandlerATwoWayMessageIsRefused) {
   runUntilNoted("relayed " + std::string(kNSInvalidArgumentException));
 }
 
-TEST_P(PeerTransportContract, AMessageThatBreaksTheRulesIsRefusedHere) {
+TEST_P(PeerTransportContract, AnInvalidMessageIsRefusedBeforeItIsSent) {
   start();
   for (const std::string& selector :
        {std::string("under_score"), std::string(), std::string("a b"), std::string("9digit"),

@@ -1,6 +1,6 @@
 #pragma once
 
-// Names, connecting, and the ends of connections.
+// Contract of names, connecting, and the ends of connections.
 
 #include <cerrno>
 #include <string>
@@ -20,7 +20,7 @@ TEST_P(PeerTransportContract, ANameIsTakenOnce) {
   EXPECT_EQ(call("echo:", {Value("still there")}), MessageResult("still there"));
 }
 
-TEST_P(PeerTransportContract, ANameThatWasGivenBackCanBeTakenAgain) {
+TEST_P(PeerTransportContract, AReleasedNameCanBeTakenAgain) {
   start();
   harness_->there([this](PeerTransport&) { server_.listener.reset(); });
   const auto gone = harness_->here().connect(path(), {});
@@ -32,7 +32,7 @@ TEST_P(PeerTransportContract, ANameThatWasGivenBackCanBeTakenAgain) {
   EXPECT_EQ(call("echo:", {Value("new")}), MessageResult("new"));
 }
 
-TEST_P(PeerTransportContract, ConnectingToNobodyFails) {
+TEST_P(PeerTransportContract, ConnectingToAMissingNameFails) {
   const auto connection = harness_->here().connect(path(), {});
   ASSERT_FALSE(connection);
   EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kNobodyThere);
@@ -48,7 +48,7 @@ TEST_P(PeerTransportContract, ConnectingToAHungProcessTimesOut) {
   EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kTimedOut);
 }
 
-TEST_P(PeerTransportContract, EachSideKnowsTheOtherByTheKernelsWord) {
+TEST_P(PeerTransportContract, EachSideHasTheKernelsCredentialsOfTheOther) {
   start();
   EXPECT_GT(client_->peer().process, 0);
   EXPECT_TRUE(client_->peerLives());
@@ -79,11 +79,11 @@ TEST_P(PeerTransportContract, TheEndOfAClientIsReportedToTheServer) {
   EXPECT_EQ(journal_.count("client died"), 1u);
 }
 
-TEST_P(PeerTransportContract, ADeathBeforeThereIsAHandlerIsReportedToIt) {
+TEST_P(PeerTransportContract, ADeathBeforeAHandlerIsSetIsReported) {
   start();
   settle();
   harness_->there([this](PeerTransport&) { server_.connections.clear(); });
-  // Its own loop finds out by itself; a call finds out at once.
+  // The peer's own loop delivers the end; a call fails at once.
   EXPECT_EQ(call("echo:", {Value(1)}).error().name, kNSInvalidSendPortException);
   harness_->loop().post([this] { journal_.note("turn"); });
   runUntilNoted("turn");
@@ -92,7 +92,7 @@ TEST_P(PeerTransportContract, ADeathBeforeThereIsAHandlerIsReportedToIt) {
   runUntilNoted("death");
 }
 
-TEST_P(PeerTransportContract, AllOutstandingCallsFailWithThePeerBeforeItsDeath) {
+TEST_P(PeerTransportContract, PendingCallsFailBeforeTheDeathIsReported) {
   start();
   noteDeath(*client_);
   for (int i = 0; i < 3; ++i) {
@@ -108,7 +108,7 @@ TEST_P(PeerTransportContract, AllOutstandingCallsFailWithThePeerBeforeItsDeath) 
   EXPECT_EQ(Log(entries.end() - 4, entries.end()), (Log{gone, gone, gone, "death"}));
 }
 
-TEST_P(PeerTransportContract, TheServersOutstandingCallsFailWithTheClient) {
+TEST_P(PeerTransportContract, TheServersPendingCallsFailWithTheClient) {
   start();
   client_->setHandlers({.message = [this](PeerMessage) { client_.reset(); }, .death = {}});
   ASSERT_TRUE(client_->send("relay:", {Value("text")}));
@@ -130,7 +130,7 @@ TEST_P(PeerTransportContract, ABlockingCallFailsWithThePeer) {
   EXPECT_EQ(client_->send("note:", {Value(1)}).error().code, ErrorCode::kNotFound);
 }
 
-TEST_P(PeerTransportContract, WhatWasSentBeforeTheEndArrivesBeforeIt) {
+TEST_P(PeerTransportContract, MessagesBeforeTheEndArriveBeforeIt) {
   start();
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(client_->send("note:", {Value("last words")}));
   client_.reset();
@@ -139,7 +139,7 @@ TEST_P(PeerTransportContract, WhatWasSentBeforeTheEndArrivesBeforeIt) {
                                      "note:last words", "client died"}));
 }
 
-TEST_P(PeerTransportContract, AfterOnesOwnCloseNothingCallsBack) {
+TEST_P(PeerTransportContract, AfterCloseNoCallbackRuns) {
   start();
   noteDeath(*client_);
   client_->callAsync("keep", {}, Duration::max(),

@@ -17,30 +17,30 @@ namespace platform {
 
 using namespace std::chrono_literals;
 
-// This process, whose loop the test runs, and another one, which lives by itself.
+// This process, whose loop the test runs, and another one, which runs by itself.
 class PeerTransportHarness {
  public:
   virtual ~PeerTransportHarness() = default;
 
   virtual RunLoop& loop() = 0;
   virtual PeerTransport& here() = 0;
-  // A path for a name, in a folder that exists.
+  // A path for a name in an existing folder.
   virtual std::string path(std::string_view name) = 0;
 
-  // Does something in the other process and returns when it is done.
+  // Runs an action in the other process and returns when it is done.
   using Action = std::function<void(PeerTransport&)>;
   virtual void there(const Action& action) = 0;
-  // The other process stops to take anything from its sockets, and goes on.
+  // Makes the other process stop reading from its sockets, and resume.
   virtual void hang() = 0;
   virtual void goOn() = 0;
 
-  // Runs this loop until `done` holds; it is asked after each changed(), which any process may
+  // Runs this loop until `done` holds. It is checked after each changed(), which any process may
   // call.
   virtual void runUntil(const std::function<bool()>& done) = 0;
   virtual void changed() = 0;
 };
 
-// What both processes saw.
+// The events in both processes.
 class PeerJournal {
  public:
   explicit PeerJournal(PeerTransportHarness& harness) : harness_(harness) {}
@@ -79,7 +79,7 @@ class PeerTransportBed {
  protected:
   using Log = std::vector<std::string>;
 
-  // What the other process holds; touched by it only.
+  // The other process's objects, used only by it.
   struct Server {
     std::unique_ptr<PeerListener> listener;
     std::vector<std::unique_ptr<PeerConnection>> connections;
@@ -124,7 +124,7 @@ class PeerTransportBed {
     ASSERT_TRUE(client_);
   }
 
-  // Where the time to be admitted is short, a slow machine may need more than one attempt.
+  // With a short admission time, a slow machine may need several attempts.
   void startHasty(Duration admissionTime) {
     listen({.admissionTime = admissionTime});
     for (int attempt = 0; attempt < 1000 && !client_; ++attempt) {
@@ -148,7 +148,7 @@ class PeerTransportBed {
   void runUntilNoted(std::string_view text, std::size_t times = 1) {
     harness_->runUntil([&] { return journal_.count(text) >= times; });
   }
-  // Everything that either process has begun.
+  // Waits for everything that either process has started.
   void settle() {
     EXPECT_TRUE(call("echo:", {Value("settle")}).has_value());
     harness_->loop().post([this] { journal_.note("settled"); });
@@ -161,7 +161,7 @@ class PeerTransportBed {
   PeerJournal journal_;
   Server server_;
   std::unique_ptr<PeerConnection> client_;
-  Instant begun_;  // startHasty() began to connect
+  Instant begun_;  // when startHasty() began to connect
 
  private:
   void serve(std::unique_ptr<PeerConnection> newcomer) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a message and a peer may cost.
+// Contract of the limits of messages and peers.
 
 #include <optional>
 #include <string>
@@ -20,7 +20,7 @@ inline Value nestedArrays(std::size_t depth) {
   return value;
 }
 
-TEST_P(PeerTransportContract, ValuesMayBeSoDeepAndNoDeeper) {
+TEST_P(PeerTransportContract, TheDepthOfValuesIsLimited) {
   start();
   for (const std::size_t depth : {kMaxPeerDepth - 1, kMaxPeerDepth}) {
     EXPECT_EQ(call("echo:", {nestedArrays(depth)}), MessageResult(nestedArrays(depth)));
@@ -31,7 +31,7 @@ TEST_P(PeerTransportContract, ValuesMayBeSoDeepAndNoDeeper) {
   EXPECT_THAT(tooDeep.error().reason, testing::HasSubstr("deep"));
 }
 
-TEST_P(PeerTransportContract, AMessageHasSoManyValuesAndNoMore) {
+TEST_P(PeerTransportContract, TheValuesOfAMessageAreLimited) {
   start();
   const auto ofNodes = [](std::size_t nodes) { return Value(Array(nodes - 1, Value(true))); };
   for (const std::size_t nodes : {kMaxPeerNodes - 1, kMaxPeerNodes}) {
@@ -44,7 +44,7 @@ TEST_P(PeerTransportContract, AMessageHasSoManyValuesAndNoMore) {
   EXPECT_THAT(tooMany.error().reason, testing::HasSubstr("values"));
 }
 
-TEST_P(PeerTransportContract, ASelectorHasSoManyArgumentsAndNoMore) {
+TEST_P(PeerTransportContract, TheArgumentsOfASelectorAreLimited) {
   start();
   for (const std::size_t count : {kMaxPeerArguments - 1, kMaxPeerArguments}) {
     EXPECT_EQ(call("a" + std::string(count, ':'), Array(count, Value(7))), MessageResult(7));
@@ -58,7 +58,7 @@ TEST_P(PeerTransportContract, ASelectorHasSoManyArgumentsAndNoMore) {
 }
 
 // The body of a message with one piece of data is 8 bytes longer than the data.
-TEST_P(PeerTransportContract, LargeMessagesTravelLikeSmallOnesUpToTheLimit) {
+TEST_P(PeerTransportContract, LargeMessagesAreSentUpToTheLimit) {
   start();
   const std::size_t inOneMessage = kMaxPeerMessageBytes - kPeerMessageHeaderBytes - 8;
   const std::size_t atMost = kMaxPeerMemoryFileBytes - kPeerMessageHeaderBytes - 8;
@@ -75,7 +75,7 @@ TEST_P(PeerTransportContract, LargeMessagesTravelLikeSmallOnesUpToTheLimit) {
   EXPECT_THAT(tooLarge.error().reason, testing::HasSubstr("bytes"));
 }
 
-TEST_P(PeerTransportContract, ALargeExceptionTravelsToo) {
+TEST_P(PeerTransportContract, ALargeExceptionIsSent) {
   start();
   const Value userInfo = Dictionary{{"data", Data(kMaxPeerMessageBytes)}};
   const MessageResult answer = call("raise:", {userInfo});
@@ -83,7 +83,7 @@ TEST_P(PeerTransportContract, ALargeExceptionTravelsToo) {
   EXPECT_EQ(answer.error(), (NSException{"SomeException", "Some reason", userInfo}));
 }
 
-TEST_P(PeerTransportContract, SoManyCallsMayAwaitTheirAnswerAndNoMore) {
+TEST_P(PeerTransportContract, TheCallsThatAwaitAnAnswerAreLimited) {
   start();
   const auto keep = [this] {
     client_->callAsync("keep", {}, Duration::max(), [this](const MessageResult& result) {
@@ -102,8 +102,8 @@ TEST_P(PeerTransportContract, SoManyCallsMayAwaitTheirAnswerAndNoMore) {
   EXPECT_TRUE(call("echo:", {Value(1)}));
 }
 
-// The caller stops waiting, so that its own limit does not come first.
-TEST_P(PeerTransportContract, APeerMayOweSoManyAnswersAndNoMore) {
+// The caller stops waiting, so that its own limit is not reached first.
+TEST_P(PeerTransportContract, TheAnswersThatAPeerOwesAreLimited) {
   start();
   const auto keep = [this] {
     const MessageResult result = call("keep", {}, 0s);
@@ -115,12 +115,12 @@ TEST_P(PeerTransportContract, APeerMayOweSoManyAnswersAndNoMore) {
   const MessageResult tooMany = call("echo:", {Value(1)});
   ASSERT_FALSE(tooMany);
   EXPECT_EQ(tooMany.error().name, kNSInvalidArgumentException);
-  // Dropped unanswered, the right is given back all the same.
+  // A dropped reply frees its place without an answer.
   harness_->there([this](PeerTransport&) { server_.kept.pop_back(); });
   EXPECT_TRUE(call("echo:", {Value(1)}));
 }
 
-TEST_P(PeerTransportContract, WhoLeavesItsAnswersUnreadIsCutOff) {
+TEST_P(PeerTransportContract, APeerThatDoesNotReadItsAnswersIsDisconnected) {
   start();
   noteDeath(*client_);
   constexpr int kCalls = 20;
@@ -136,12 +136,12 @@ TEST_P(PeerTransportContract, WhoLeavesItsAnswersUnreadIsCutOff) {
   });
   runUntilNoted("client died");
   runUntilNoted("death");
-  // Nobody else noticed.
+  // Other clients are not affected.
   client_ = connect();
   EXPECT_TRUE(call("echo:", {Value(1)}));
 }
 
-TEST_P(PeerTransportContract, OneWayMessagesToWhoDoesNotReadAreRefusedAndTheConnectionStays) {
+TEST_P(PeerTransportContract, OneWayMessagesToAPeerThatDoesNotReadAreRefused) {
   start();
   settle();
   harness_->hang();
@@ -158,7 +158,7 @@ TEST_P(PeerTransportContract, OneWayMessagesToWhoDoesNotReadAreRefusedAndTheConn
   EXPECT_EQ(journal_.count("note:"), static_cast<std::size_t>(sent));
 }
 
-TEST_P(PeerTransportContract, UntilItIsAdmittedAPeerSendsSmallMessagesOnly) {
+TEST_P(PeerTransportContract, APeerThatIsNotAdmittedSendsOnlySmallMessages) {
   server_.admits = false;
   start();
   noteDeath(*client_);
@@ -172,7 +172,7 @@ TEST_P(PeerTransportContract, UntilItIsAdmittedAPeerSendsSmallMessagesOnly) {
   EXPECT_TRUE(call("echo:", {Value(Data(70'000))}));
 }
 
-TEST_P(PeerTransportContract, WhoIsNotAdmittedInTimeIsRefusedOnce) {
+TEST_P(PeerTransportContract, APeerThatIsNotAdmittedInTimeIsRefusedOnce) {
   server_.admits = false;
   startHasty(20ms);
   noteDeath(*client_);
@@ -185,7 +185,7 @@ TEST_P(PeerTransportContract, WhoIsNotAdmittedInTimeIsRefusedOnce) {
   EXPECT_EQ(journal_.count("client died"), journal_.count("connected"));
 }
 
-TEST_P(PeerTransportContract, NobodyIsRefusedBeforeItsTime) {
+TEST_P(PeerTransportContract, NoPeerIsRefusedBeforeItsTime) {
   server_.admits = false;
   constexpr Duration kTime = 50ms;
   startHasty(kTime);
@@ -198,7 +198,7 @@ TEST_P(PeerTransportContract, NobodyIsRefusedBeforeItsTime) {
   EXPECT_GE(*refused - begun_, kTime);
 }
 
-TEST_P(PeerTransportContract, WhoIsAdmittedStays) {
+TEST_P(PeerTransportContract, AnAdmittedPeerStays) {
   startHasty(10ms);
   EXPECT_TRUE(call("echo:", {Value(1)}));
   const auto later =
@@ -207,7 +207,7 @@ TEST_P(PeerTransportContract, WhoIsAdmittedStays) {
   EXPECT_TRUE(call("echo:", {Value(1)}));
 }
 
-TEST_P(PeerTransportContract, BeyondTheLastPlaceTheOldestThatIsNotAdmittedGoes) {
+TEST_P(PeerTransportContract, BeyondTheLastPlaceTheOldestNewcomerIsRefused) {
   server_.admits = false;
   listen({.admissionTime = 60s});
   std::vector<std::unique_ptr<PeerConnection>> clients;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What every transport between processes must do. A test program instantiates it with a harness:
+// The contract of every transport between processes. A test program instantiates it with a harness:
 //   INSTANTIATE_TEST_SUITE_P(Fake, PeerTransportContract, testing::Values(&makeHarness));
 
 #include "Platform/Peers/PeerTransportCalls_contract.h"

@@ -11,7 +11,7 @@
 
 namespace platform {
 
-// How a process ended.
+// The way in which a process ended.
 struct ExitStatus {
   enum class Kind { kExited, kSignalled };
   Kind kind = Kind::kExited;
@@ -23,18 +23,18 @@ struct ExitStatus {
 // Reports the end of processes, whether or not they are our children.
 class ExitWatcher {
  public:
-  // The status is absent when the process is not our child, or had been reaped by somebody else:
-  // only a parent is told it, and only once.
+  // The status is absent if the process is not our child, or somebody else has reaped it: the
+  // kernel reports it only to the parent, and only once.
   using Callback = std::move_only_function<void(std::optional<ExitStatus>)>;
 
   virtual ~ExitWatcher() = default;
 
   // Calls `onExit` once, on the run loop with Urgency::kProcessExit and never from inside this
-  // call, also when `process` has ended already, reaped or not. Destroying the handle ends the
-  // watch. A child of ours is reaped by it.
+  // call, also if `process` has ended already, reaped or not. Destroying the handle ends the watch.
+  // The watcher reaps a child of ours.
   //
-  // Fails with kInvalid when the number can't name a process (0, negative, or another process's
-  // thread), with kExhausted when the system has no descriptor left to give.
+  // Fails with kInvalid if the number can't be a process's (0, negative, or the number of another
+  // process's thread), and with kExhausted if the system has no descriptor left.
   [[nodiscard]] virtual Result<std::unique_ptr<RunLoopHandle>> watchExit(ProcessId process,
                                                                          Callback onExit) = 0;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-// What every exit watcher must do. A test program derives an ExitWatcherHarness, which knows how to
-// start and end processes, and instantiates:
+// The contract of every exit watcher. A test program derives an ExitWatcherHarness, which starts
+// and ends processes, and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, ExitWatcherContract, testing::Values(&makeFakeHarness));
 
 #include <algorithm>
@@ -31,18 +31,18 @@ class ExitWatcherHarness {
 
   virtual ProcessId startChild() = 0;
   virtual ProcessId startForeignProcess() = 0;
-  // The number of a thread that is not a process's first one.
+  // The number of a thread that is not the first of its process.
   virtual ProcessId startThread() = 0;
 
-  // Makes a process end, and returns without waiting for that.
+  // Makes a process end; does not wait for its end.
   virtual void end(ProcessId process, ExitStatus status) = 0;
-  // Returns when it has ended; it is not reaped by this.
+  // Blocks until the process has ended; does not reap it.
   virtual void awaitEnd(ProcessId process) = 0;
-  // Reaps a child that has ended, beside the watcher.
+  // Reaps a child that has ended, without the watcher.
   virtual void reap(ProcessId child) = 0;
   virtual bool isReaped(ProcessId child) = 0;
 
-  // Does something while the system has no descriptor left.
+  // Runs `action` while the system has no descriptor left.
   virtual void withoutDescriptors(const std::function<void()>& action) = 0;
 };
 
@@ -74,7 +74,7 @@ class ExitWatcherContract
     harness_->awaitEnd(process);
   }
 
-  // Runs the loop until there are so many reports, and all that is ready then.
+  // Runs the loop until there are `count` reports, and then all that is ready.
   void runToReports(std::size_t count) {
     using namespace std::chrono_literals;
     RunLoop& loop = harness_->loop();
@@ -107,7 +107,8 @@ TEST_P(ExitWatcherContract, AChildsStatusIsReported) {
   }
 }
 
-// A handle may be kept for long after its process, and must not keep what the callback holds.
+// A handle may be kept long after its process, but must not keep the objects that the callback
+// owns.
 TEST_P(ExitWatcherContract, TheCallbackIsReleasedWhenItHasRun) {
   const ProcessId ended = harness_->startChild();
   endAndAwait(ended);
@@ -123,7 +124,7 @@ TEST_P(ExitWatcherContract, TheCallbackIsReleasedWhenItHasRun) {
   }
 }
 
-TEST_P(ExitWatcherContract, TheStatusOfAnotherParentsProcessIsUnknown) {
+TEST_P(ExitWatcherContract, TheStatusOfAForeignProcessIsUnknown) {
   const ProcessId process = harness_->startForeignProcess();
   const auto handle = watch(process);
   harness_->end(process, {Kind::kExited, 3});
@@ -131,13 +132,13 @@ TEST_P(ExitWatcherContract, TheStatusOfAnotherParentsProcessIsUnknown) {
   EXPECT_EQ(reports_, (std::vector<Report>{{process, std::nullopt}}));
 }
 
-TEST_P(ExitWatcherContract, AProcessThatLivesIsNotReported) {
+TEST_P(ExitWatcherContract, ALiveProcessIsNotReported) {
   const auto child = watch(harness_->startChild());
   const auto foreign = watch(harness_->startForeignProcess());
   runToReports(0);
 }
 
-TEST_P(ExitWatcherContract, AChildThatHadEndedIsReportedAndReapedButNotInsideTheCall) {
+TEST_P(ExitWatcherContract, AnEndedChildIsReportedAndReapedAfterTheCall) {
   const ProcessId child = harness_->startChild();
   endAndAwait(child, {Kind::kExited, 7});
   const auto handle = watch(child);
@@ -147,7 +148,7 @@ TEST_P(ExitWatcherContract, AChildThatHadEndedIsReportedAndReapedButNotInsideThe
   EXPECT_TRUE(harness_->isReaped(child));
 }
 
-TEST_P(ExitWatcherContract, AProcessThatHadGoneIsReportedButNotInsideTheCall) {
+TEST_P(ExitWatcherContract, AnEndedProcessIsReportedAfterTheCall) {
   const ProcessId child = harness_->startChild();
   endAndAwait(child);
   harness_->reap(child);
@@ -161,7 +162,7 @@ TEST_P(ExitWatcherContract, AProcessThatHadGoneIsReportedButNotInsideTheCall) {
   EXPECT_EQ(reports_[1].status, std::nullopt);
 }
 
-TEST_P(ExitWatcherContract, AStatusThatSomebodyElseTookIsUnknown) {
+TEST_P(ExitWatcherContract, AStatusThatSomebodyElseReapedIsUnknown) {
   const ProcessId child = harness_->startChild();
   const auto handle = watch(child);
   endAndAwait(child);
@@ -170,7 +171,7 @@ TEST_P(ExitWatcherContract, AStatusThatSomebodyElseTookIsUnknown) {
   EXPECT_EQ(reports_, (std::vector<Report>{{child, std::nullopt}}));
 }
 
-TEST_P(ExitWatcherContract, AProcessThatEndsWhileItIsBeingWatchedIsReportedOnce) {
+TEST_P(ExitWatcherContract, AProcessThatEndsDuringTheCallIsReportedOnce) {
   for (int i = 0; i < 100; ++i) {
     const ProcessId child = harness_->startChild();
     harness_->end(child, kKilled);
@@ -181,7 +182,7 @@ TEST_P(ExitWatcherContract, AProcessThatEndsWhileItIsBeingWatchedIsReportedOnce)
   }
 }
 
-TEST_P(ExitWatcherContract, EveryWatchOfAProcessIsToldAndOneOfThemTheStatus) {
+TEST_P(ExitWatcherContract, EveryWatchIsCalledAndOneOfThemGetsTheStatus) {
   const ProcessId child = harness_->startChild();
   const auto first = watch(child);
   const auto second = watch(child);
@@ -208,7 +209,7 @@ TEST_P(ExitWatcherContract, ADestroyedWatchIsNotCalled) {
   EXPECT_FALSE(harness_->isReaped(child));
 }
 
-TEST_P(ExitWatcherContract, AWatchDestroyedAfterTheEndAndBeforeItsTurnIsNotCalled) {
+TEST_P(ExitWatcherContract, AWatchDestroyedBeforeItsTurnIsNotCalled) {
   const ProcessId child = harness_->startChild();
   auto handle = watch(child);
   harness_->loop().post(
@@ -284,7 +285,7 @@ TEST_P(ExitWatcherContract, AnExitWhileACallbackIsRunningIsReportedBeforeTheNext
   EXPECT_EQ(reportsAtNext, 1);
 }
 
-TEST_P(ExitWatcherContract, WhatCannotBeAProcessIsRefused) {
+TEST_P(ExitWatcherContract, AnImpossibleProcessNumberIsRefused) {
   for (const ProcessId number :
        {0, -1, std::numeric_limits<ProcessId>::min(), harness_->startThread()}) {
     const auto handle = harness_->watcher().watchExit(number, [](auto) { ADD_FAILURE(); });
@@ -294,18 +295,18 @@ TEST_P(ExitWatcherContract, WhatCannotBeAProcessIsRefused) {
   runToReports(0);
 }
 
-TEST_P(ExitWatcherContract, ANumberThatNobodyHasIsAProcessThatHasGone) {
+TEST_P(ExitWatcherContract, AnUnusedNumberIsAnEndedProcess) {
   const auto handle = watch(std::numeric_limits<ProcessId>::max());
   runToReports(1);
   EXPECT_EQ(reports_[0].status, std::nullopt);
 }
 
-TEST_P(ExitWatcherContract, WithoutDescriptorsAWatchIsRefusedAndNothingIsLeftBehind) {
+TEST_P(ExitWatcherContract, WithoutDescriptorsAWatchIsRefused) {
   const ProcessId child = harness_->startChild();
   ExitWatcher& watcher = harness_->watcher();
   watch(child).reset();
   const std::size_t before = openDescriptors();
-  // Nothing else in there: the sanitizers need descriptors for some of their checks.
+  // It contains no other call, because the sanitizers need descriptors for some of their checks.
   std::optional<Result<std::unique_ptr<RunLoopHandle>>> refused;
   harness_->withoutDescriptors(
       [&] { refused.emplace(watcher.watchExit(child, [](auto) { ADD_FAILURE(); })); });
@@ -334,7 +335,7 @@ TEST_P(ExitWatcherContract, ThousandsEndingAtOnceAreEachReportedOnce) {
     EXPECT_EQ(report.status, kKilled);
     EXPECT_EQ(children.erase(report.process), 1);
   }
-  // The handles live on, and hold nothing.
+  // The handles still exist, but hold nothing.
   EXPECT_EQ(openDescriptors(), before);
 }
 

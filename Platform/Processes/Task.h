@@ -12,33 +12,33 @@
 
 namespace platform {
 
-// The notice that a file handle has something to read. Its object is the address of a FileHandle.
+// The notice that a file handle has data. Its object is the address of the FileHandle.
 inline constexpr char NSFileHandleDataAvailableNotification[] =
     "NSFileHandleDataAvailableNotification";
 
-// The end of a pipe from which a program's output is read.
+// The reading end of a pipe for a program's output.
 class FileHandle {
  public:
   using ReadabilityHandler = std::function<void(FileHandle&)>;
 
   virtual ~FileHandle() = default;
 
-  // The next chunk, at most 64 KiB, of what the pipe held when this was first called; empty, once,
-  // when that is used up, and then what it holds is looked at anew. So reading until nothing comes
-  // ends also where somebody writes without end. Never waits.
+  // The next chunk, at most 64 KiB, of the data that was in the pipe at the first call. After that
+  // data it returns an empty chunk once, and then starts with the data that is in the pipe by then.
+  // Reading until an empty chunk thus ends even if a program writes without end. Never blocks.
   virtual Data availableData() = 0;
 
-  // Whether this platform calls readability handlers; older ones have the notice below alone.
+  // Whether this platform calls readability handlers; older releases only post the notice below.
   virtual bool respondsToSetReadabilityHandler() const = 0;
 
-  // While the task runs the handler is called on a thread of the platform's choice whenever there
-  // is something to read, and once at the end of the pipe; one handler of a task at a time. Null
-  // for none. Not to be changed from the launch until waitUntilExit() has returned.
+  // While the task runs, the handler is called on any thread when there is data, and once at the
+  // end of the pipe; only one handler of a task at a time. A null handler is not called. It must
+  // not be changed from launch() until waitUntilExit() has returned.
   virtual void setReadabilityHandler(ReadabilityHandler handler) = 0;
 
-  // Posts one notice when there is something to read, or at the end of the pipe, to the centre of
-  // its maker: while the run loop is run, or a task is waited for. Does nothing once
-  // availableData() has met the end, or there would be no end to the notices.
+  // Posts one notice when there is data, or at the end of the pipe, to the centre of its maker,
+  // while the run loop runs or a task is waited for. Does nothing after availableData() has reached
+  // the end, because the notices would never end.
   virtual void waitForDataInBackgroundAndNotify() = 0;
 };
 
@@ -48,9 +48,9 @@ struct TaskPipes {
   FileHandle* standardError = nullptr;
 };
 
-// One run of another program. Its standard input is empty, its environment and its folder are this
-// program's; of descriptors it gets the standard ones alone. Belongs to the run loop's thread. A
-// program that still runs when its task is destroyed is killed.
+// One run of another program. Its standard input is empty. It inherits this program's environment
+// and folder, and only the standard descriptors. Belongs to the run loop's thread. The destructor
+// kills a program that still runs.
 class Task {
  public:
   virtual ~Task() = default;
@@ -61,33 +61,33 @@ class Task {
   // Without the program's own name.
   virtual void setArguments(std::vector<std::string> arguments) = 0;
 
-  // Gives the program a new pipe for each of its outputs; without them it has this program's.
-  // Where the system has no pipe to give, launch() fails.
+  // Gives the program a new pipe for each of its outputs; without them it inherits this program's.
+  // If the system has no pipe left, launch() fails.
   virtual void makePipes() = 0;
-  // Both null as long as there are none. They live as long as the task.
+  // Both are null if there are none. They live as long as the task.
   virtual TaskPipes pipes() const = 0;
 
-  // Starts the program, once. What keeps it from starting is raised: NSInvalidArgumentException,
-  // "launch path not accessible" where it is the path's fault.
+  // Starts the program, once. A failure raises NSInvalidArgumentException, with "launch path not
+  // accessible" if the path is the reason.
   virtual Result<void, NSException> launch() = 0;
 
   // Blocks until the program has ended. Meanwhile the handlers of its handles are called, and the
-  // notices of all handles posted; nothing else of the run loop is served. What its pipes hold at
-  // its end is given to the handlers, if there are any, without waiting for more: another program
-  // may have been left with the other end.
+  // notices of all handles are posted; nothing else of the run loop is served. At the end the
+  // handlers, if any, get the data that is left in its pipes without waiting for more, because
+  // another program may still have the writing end.
   //
-  // Returns the exit status, or the number of the signal that ended the program; -1 where it was
-  // not launched, or somebody else has taken its status.
+  // Returns the exit status, or the number of the signal that ended the program; -1 if it was not
+  // launched, or somebody else has reaped it.
   virtual int waitUntilExit() = 0;
 
-  // Where the notices of its handles are posted.
+  // The centre for the notices of its handles.
   virtual NotificationCenter& notificationCenter() = 0;
 
   // Destroys `object` together with the task.
   virtual void keep(std::shared_ptr<void> object) = 0;
 };
 
-// Makes tasks. Outlives them.
+// Makes tasks, and outlives them.
 class Tasks {
  public:
   virtual ~Tasks() = default;

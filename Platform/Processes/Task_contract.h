@@ -1,7 +1,7 @@
 #pragma once
 
-// What every maker of tasks must do. A test program derives a TaskHarness, which knows how to make
-// programs, and instantiates:
+// The contract of every maker of tasks. A test program derives a TaskHarness, which makes programs,
+// and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, TaskContract, testing::Values(&makeFakeHarness));
 
 #include <memory>
@@ -26,7 +26,7 @@ class TaskHarness {
 
   // The path of a program that writes `output`, then `error`, and ends with `status`.
   virtual std::string program(const std::string& output, const std::string& error, int status) = 0;
-  // One that is ended by a signal.
+  // The path of a program that a signal ends.
   virtual std::string programEndedBy(int signal) = 0;
 };
 
@@ -42,7 +42,7 @@ class TaskContract : public testing::TestWithParam<std::unique_ptr<TaskHarness> 
     return text;
   }
 
-  // Notes in `text` what `handle` has to read, by whichever way it tells.
+  // Appends the data of `handle` to `text`, by handler or by notice.
   NotificationCenter::Observation collect(FileHandle* handle, std::string& text) {
     if (harness_->callsHandlers()) {
       handle->setReadabilityHandler(
@@ -69,7 +69,7 @@ TEST_P(TaskContract, AFreshTaskIsNotConfigured) {
   EXPECT_EQ(&task_->notificationCenter(), &harness_->center());
 }
 
-TEST_P(TaskContract, TheHandlesSayHowTheyTell) {
+TEST_P(TaskContract, TheHandlesTellWhetherTheyCallHandlers) {
   task_->makePipes();
   for (const FileHandle* handle : {task_->pipes().standardOutput, task_->pipes().standardError}) {
     ASSERT_NE(handle, nullptr);
@@ -93,7 +93,7 @@ TEST_P(TaskContract, ASignalsNumberIsTheStatus) {
   EXPECT_EQ(task_->waitUntilExit(), 9);
 }
 
-TEST_P(TaskContract, AllOutputIsThereWhenTheWaitIsOver) {
+TEST_P(TaskContract, AllOutputIsThereAfterTheWait) {
   const std::string output(50'000, 'o');
   task_->setLaunchPath(harness_->program(output, "error text", 3));
   task_->makePipes();
@@ -113,7 +113,7 @@ TEST_P(TaskContract, AllOutputIsThereWhenTheWaitIsOver) {
   EXPECT_TRUE(standardOutput->availableData().empty());
 }
 
-TEST_P(TaskContract, WhatNobodyHasReadIsThereAfterTheEnd) {
+TEST_P(TaskContract, UnreadOutputIsThereAfterTheEnd) {
   task_->setLaunchPath(harness_->program("output", "error", 0));
   task_->makePipes();
   ASSERT_TRUE(task_->launch());
@@ -123,7 +123,7 @@ TEST_P(TaskContract, WhatNobodyHasReadIsThereAfterTheEnd) {
   EXPECT_EQ(allOf(*task_->pipes().standardOutput), "");
 }
 
-TEST_P(TaskContract, APathThatIsNotThereIsNotAccessible) {
+TEST_P(TaskContract, AMissingPathIsNotAccessible) {
   for (const char* path : {"/no/such/program", "", "/"}) {
     const auto task = harness_->tasks().newTask();
     task->setLaunchPath(path);
@@ -146,7 +146,7 @@ TEST_P(TaskContract, ATaskIsLaunchedOnce) {
   EXPECT_FALSE(task_->launch());
 }
 
-TEST_P(TaskContract, WhatIsKeptGoesWithTheTask) {
+TEST_P(TaskContract, AKeptObjectIsDestroyedWithTheTask) {
   auto object = std::make_shared<int>(1);
   task_->keep(object);
   EXPECT_EQ(object.use_count(), 2);

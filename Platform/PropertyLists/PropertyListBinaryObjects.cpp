@@ -49,7 +49,7 @@ Outcome<PropertyListBinaryObjects> PropertyListBinaryObjects::open(
 }
 
 Outcome<void> PropertyListBinaryObjects::readTrailer() {
-  // Magic, one object, one offset, trailer.
+  // The minimum: magic, one object, one offset, trailer.
   if (bytes_.size() < kBinaryPropertyListMagic.size() + 2 + kTrailerSize) {
     return invalid(bytes_.size(),
                    "the file ends here, expected a binary property list of at least "
@@ -72,7 +72,7 @@ Outcome<void> PropertyListBinaryObjects::readTrailer() {
     return invalid(trailer + 24, fmt::format("offset table at {}, expected {} to {}", table,
                                              kBinaryPropertyListMagic.size() + 1, trailer - 1));
   }
-  // Both sides are below the file's size times eight: nothing overflows.
+  // Both sides are below the file's size times eight, so nothing overflows.
   const std::size_t tableSize = trailer - static_cast<std::size_t>(table);
   if (count == 0 || count > tableSize || count * offsetSize_ != tableSize) {
     return invalid(trailer + 8, fmt::format("{} objects with offsets of {} bytes, expected the {} "
@@ -97,7 +97,7 @@ Outcome<void> PropertyListBinaryObjects::readTrailer() {
   return {};
 }
 
-// At most eight bytes, within the file.
+// Reads at most eight bytes, which must be within the file.
 std::uint64_t PropertyListBinaryObjects::unsignedAt(std::size_t offset, std::size_t size) const {
   std::uint64_t value = 0;
   for (const std::uint8_t byte : bytes_.subspan(offset, size)) value = value << 8 | byte;
@@ -172,8 +172,8 @@ Outcome<Value> PropertyListBinaryObjects::integerAt(std::size_t offset) const {
     return invalid(offset, fmt::format("integer of {} bytes, but only {} are left", size,
                                        objectsEnd_ - offset - 1));
   }
-  // 1, 2 and 4 bytes are unsigned, 8 signed; 16 are signed as well, and are what a writer uses for
-  // the unsigned integers that 8 can't hold.
+  // Sizes of 1, 2 and 4 bytes are unsigned, 8 bytes are signed. 16 bytes are signed, too; writers
+  // use them for unsigned integers that do not fit into 8.
   std::size_t at = offset + 1;
   std::uint64_t upper = 0;
   if (size == 16) {
@@ -208,8 +208,8 @@ Outcome<Value> PropertyListBinaryObjects::floatingAt(std::size_t offset) const {
   return Value(Date{value});
 }
 
-// Where the content of a string, data or collection begins and how many items it has, all of them
-// within the objects: a count is believed only once its bytes are known to be there.
+// The place of the content of a string, data or collection, and the number of its items. All items
+// are within the objects: a count is used only after its bytes have been found to exist.
 PropertyListBinaryObjects::Outcome<PropertyListBinaryObjects::Content>
 PropertyListBinaryObjects::contentAt(std::size_t offset, std::size_t itemSize) {
   std::uint64_t count = bytes_[offset] & 0xF;

@@ -14,14 +14,14 @@ namespace platform {
 
 inline constexpr std::string_view kBinaryPropertyListMagic = "bplist00";
 
-// The bytes of a binary property list: its trailer, its offset table and its objects one by one,
-// each of which it takes for what it is and nothing more; what a collection refers to is its
-// reader's business. No offset, size or count is used before it is known to lie within the file.
+// The bytes of a binary property list: its trailer, its offset table and its objects. It reads one
+// object at a time; the reader follows the references of collections. Every offset, size and count
+// is checked against the file before its use.
 //
-// The format, big-endian throughout: the magic; the objects, one behind another, each a marker byte
-// (kind in the upper half, size or count in the lower) and its content; a table with the offset of
-// each object; a trailer of 32 bytes that says how large all that is. Collections refer to their
-// elements by number.
+// The format is big-endian throughout. It consists of the magic; the objects in sequence, each with
+// a marker byte (kind in the upper half, size or count in the lower) and its content; a table with
+// the offset of each object; and a trailer of 32 bytes with all the sizes. Collections refer to
+// their elements by number.
 class PropertyListBinaryObjects {
  public:
   struct Failure {
@@ -39,29 +39,29 @@ class PropertyListBinaryObjects {
 
   enum class Kind { kScalar, kArray, kDictionary };
 
-  // The content of an object: where it stands and how many bytes or references it has.
+  // The content of an object: its offset, and its number of bytes or references.
   struct Content {
     std::size_t offset = 0;
     std::size_t count = 0;
   };
 
-  // `bytes`, which begin with the magic, must live as long as the objects are read.
+  // `bytes` begin with the magic and must live as long as this object.
   static Outcome<PropertyListBinaryObjects> open(std::span<const std::uint8_t> bytes);
 
   std::size_t count() const { return count_; }
   std::size_t referenceSize() const { return referenceSize_; }
-  // The top object's number, and where the file says so.
+  // The top object's number, and the offset of that number in the file.
   std::size_t top() const { return top_; }
   std::size_t topAt() const { return bytes_.size() - 16; }
 
-  // Where the object of a number below count() stands.
+  // The offset of an object, whose number must be below count().
   Outcome<std::size_t> offsetOf(std::size_t number) const;
   Kind kindAt(std::size_t offset) const;
-  // Each of these may be asked once for each object: together they read no more bytes than there
-  // are, so that objects laid over one another, which no writer makes, are found out.
+  // Call each of these at most once per object. Together they read at most as many bytes as there
+  // are, so that overlapping objects, which no writer makes, are detected.
   Outcome<Value> scalarAt(std::size_t offset);
   Outcome<Content> contentAt(std::size_t offset, std::size_t itemSize);
-  // The number of the object that the reference at `offset`, within a content, refers to.
+  // The number of the object in the reference at `offset`, which must be within a content.
   Outcome<std::size_t> referenceAt(std::size_t offset) const;
 
  private:
@@ -75,7 +75,7 @@ class PropertyListBinaryObjects {
   Outcome<Value> stringAt(std::size_t offset);
 
   std::span<const std::uint8_t> bytes_;
-  std::size_t objectsEnd_ = 0;  // where the offset table begins
+  std::size_t objectsEnd_ = 0;  // the beginning of the offset table
   std::size_t offsetSize_ = 0;
   std::size_t referenceSize_ = 0;
   std::size_t count_ = 0;

@@ -11,9 +11,9 @@
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/Texts/QuotedText.h"
 
-// Objects can be shared, and a hostile file can share them so that it means far more than it holds,
-// or nothing finite at all. Therefore each object is read once, whoever refers to it, and carries
-// what it amounts to with everything it refers to.
+// Objects can be shared. A hostile file can share them so that its value is far larger than the
+// file, or infinite. Therefore each object is read only once, and stores its total size with all
+// objects that it refers to.
 
 namespace platform {
 namespace {
@@ -38,12 +38,12 @@ std::unexpected<Failure> tooDeep(std::size_t offset) {
       offset, fmt::format("more than {} collections inside one another", kMaxPropertyListDepth));
 }
 
-// An object that has been read, and what it amounts to when all references are followed.
+// An object that has been read, and its size with all references followed.
 struct Object {
   Value value;
   std::size_t nodes = 1;
   std::size_t contentBytes = 0;
-  std::size_t height = 0;  // collections inside one another, itself included
+  std::size_t height = 0;  // depth of nested collections, itself included
 };
 
 class BinaryReading {
@@ -78,7 +78,7 @@ Outcome<Value> BinaryReading::read() {
   return (*root)->value;
 }
 
-// `depth` counts the collections around it.
+// `depth` is the number of collections around it.
 Outcome<const Object*> BinaryReading::object(std::size_t number, std::size_t depth,
                                              std::size_t referredAt) {
   Object& object = read_[number];
@@ -99,7 +99,7 @@ Outcome<const Object*> BinaryReading::object(std::size_t number, std::size_t dep
       break;
     }
   }
-  // Where it was read first it may have stood less deep.
+  // It may have been less deep where it was read first.
   if (depth + object.height > kMaxPropertyListDepth) return tooDeep(referredAt);
   return &object;
 }
@@ -186,7 +186,7 @@ Outcome<Object> BinaryReading::parseDictionary(std::size_t offset, std::size_t d
   return whole;
 }
 
-// A dictionary holds its keys itself, so a shared one is copied.
+// A dictionary owns its keys, so a shared key is copied.
 std::optional<Failure> BinaryReading::copyKey(std::size_t bytes, std::size_t offset) {
   keyBytes_ += bytes;
   if (keyBytes_ <= kMaxPropertyListContentBytes) return std::nullopt;

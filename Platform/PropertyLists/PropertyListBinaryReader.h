@@ -9,7 +9,7 @@
 
 namespace platform {
 
-// The binary half of readPropertyList(), which see.
+// Reads the binary format for readPropertyList().
 Result<Value> readBinaryPropertyList(std::span<const std::uint8_t> bytes,
                                      std::string_view sourceName);
 

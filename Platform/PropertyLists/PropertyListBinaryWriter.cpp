@@ -14,17 +14,17 @@
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/Texts/Utf8.h"
 
-// Objects are numbered in the order in which they are met: a collection, then its elements, or all
-// its keys and then all its values, depth first. Equal scalars of one type are one object,
-// collections are never shared. That makes the bytes a function of the value, and the same as other
-// writers produce.
+// Objects are numbered in the order of their visit: a collection, then its elements, or all its
+// keys and then all its values, depth first. Equal scalars of one type are one object; collections
+// are never shared. The bytes are thus a function of the value, and the same as other writers
+// produce.
 
 namespace platform {
 namespace {
 
 using Number = std::size_t;
 
-// 1, 2, 4 or 8 bytes.
+// The size of an unsigned integer: 1, 2, 4 or 8 bytes.
 std::size_t sizeFor(std::uint64_t value) {
   if (value <= std::numeric_limits<std::uint8_t>::max()) return 1;
   if (value <= std::numeric_limits<std::uint16_t>::max()) return 2;
@@ -53,7 +53,7 @@ std::string floatingObject(std::uint8_t marker, double real) {
   return object;
 }
 
-// Marker and count of a string, data or collection.
+// The marker and count of a string, data or collection.
 std::string countedObject(std::uint8_t kind, std::size_t count) {
   constexpr std::size_t kCountFollows = 0xF;
   std::string object;
@@ -93,8 +93,8 @@ class BinaryWriting {
   Number addScalar(std::string bytes);
 
   std::deque<Object> objects_;
-  // By their bytes, which tell the types apart. The keys are views of objects_, whose elements stay
-  // where they are.
+  // By their bytes, which include the type. The keys are views of objects_, whose elements don't
+  // move.
   std::unordered_map<std::string_view, Number> scalars_;
 };
 
@@ -116,7 +116,7 @@ Number BinaryWriting::add(const Value& value) {
   switch (value.type()) {
     case Value::Type::kNil:
     case Value::Type::kRemoteObject:
-      break;  // checkWritable() lets none through.
+      break;  // checkWritable() has refused it.
     case Value::Type::kNullMarker:
       return addScalar(std::string(1, '\x00'));
     case Value::Type::kBoolean:

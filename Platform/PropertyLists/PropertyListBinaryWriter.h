@@ -4,8 +4,8 @@
 
 namespace platform {
 
-// Takes what checkWritable() lets pass. kExhausted for a text above the limit, which the writing
-// stops at.
+// The value must have passed checkWritable(). Fails with kExhausted if the list is above the size
+// limit; the writing stops there.
 Result<Data> binaryPropertyListBytes(const Value& value);
 
 }  // namespace platform

@@ -72,7 +72,7 @@ TEST(PropertyListBinaryTest, IntegersOfSixteenBytesMustFitSixtyFourBits) {
             "a.plist: offset 8: integer of 2^5 bytes, expected 1, 2, 4, 8 or 16");
 }
 
-TEST(PropertyListBinaryTest, RealsMayBeAnythingAndDatesMustBeInTheYears1To9999) {
+TEST(PropertyListBinaryTest, DatesMustBeInTheYears1To9999) {
   const auto real = [](double value) { return bigEndian(std::bit_cast<std::uint64_t>(value), 8); };
   EXPECT_EQ(readOne("\x23" + real(-INFINITY)).real(), -INFINITY);
   EXPECT_TRUE(std::isnan(*readOne("\x23" + real(NAN)).real()));
@@ -115,7 +115,7 @@ TEST(PropertyListBinaryTest, CountsThatOverflowAreRefused) {
   }
 }
 
-TEST(PropertyListBinaryTest, ObjectsThatReachBeyondTheObjectsAreRefused) {
+TEST(PropertyListBinaryTest, ObjectsBeyondTheEndOfTheObjectsAreRefused) {
   EXPECT_EQ(errorOfOne("\x10"), "a.plist: offset 8: integer of 1 bytes, but only 0 are left");
   EXPECT_EQ(errorOfOne("\x13\x01\x02"),
             "a.plist: offset 8: integer of 8 bytes, but only 2 are left");
@@ -127,7 +127,7 @@ TEST(PropertyListBinaryTest, ObjectsThatReachBeyondTheObjectsAreRefused) {
             "a.plist: offset 8: 1 items of 2 bytes, but only 1 bytes are left");
 }
 
-TEST(PropertyListBinaryTest, WhatIsNoPropertyListValueIsRefused) {
+TEST(PropertyListBinaryTest, ObjectsThatAreNoPropertyListValuesAreRefused) {
   EXPECT_EQ(
       errorOfOne("\x80\x01"),
       "a.plist: offset 8: a UID, which belongs to archives, expected a property list's value");
@@ -139,7 +139,7 @@ TEST(PropertyListBinaryTest, WhatIsNoPropertyListValueIsRefused) {
   }
 }
 
-TEST(PropertyListBinaryTest, IllFormedTextIsRefusedAtItsByte) {
+TEST(PropertyListBinaryTest, IllFormedTextIsRefusedWithItsOffset) {
   EXPECT_EQ(errorOfOne("\x52\x61\xE9"), "a.plist: offset 10: byte 0xe9 in an ASCII string");
   EXPECT_EQ(errorOfOne("\x62\x00\x61\xD8\x3D"s),
             "a.plist: offset 11: half a surrogate pair in a string");
@@ -164,7 +164,7 @@ TEST(PropertyListBinaryTest, CyclesAreRefused) {
             "a.plist: offset 12: object 0 contains itself");
 }
 
-TEST(PropertyListBinaryTest, ReferencesAndOffsetsMustLieWithinTheList) {
+TEST(PropertyListBinaryTest, ReferencesAndOffsetsMustBeWithinTheList) {
   EXPECT_EQ(binaryErrorOf(Layout{{"\xA1\x02", "\x09"}}.bytes()),
             "a.plist: offset 9: reference to object 2, expected 0 to 1");
   EXPECT_EQ(binaryErrorOf(Layout{{"\x09"}, 1}.bytes()),
@@ -201,7 +201,7 @@ TEST(PropertyListBinaryTest, TheTrailerMustAccountForEveryByte) {
   ASSERT_TRUE(readPropertyList(list, "a"));
   EXPECT_FALSE(readPropertyList(list + "\n", "a"));
   EXPECT_FALSE(readPropertyList(list + std::string(32, '\0'), "a"));
-  // Bytes between the offset table and the trailer.
+  // Adds bytes between the offset table and the trailer.
   std::string padded = list;
   padded.insert(list.size() - 32, "xx");
   EXPECT_EQ(binaryErrorOf(padded),
@@ -230,8 +230,8 @@ TEST(PropertyListBinaryTest, AFileCutAnywhereIsRefused) {
             "bytes");
 }
 
-// Each array holds the next one twice, so that the list means 2^60 elements.
-TEST(PropertyListBinaryTest, SharedChildrenThatMeanTooManyElementsAreRefusedAtOnce) {
+// Each array contains the next one twice, so that the list stands for 2^60 elements.
+TEST(PropertyListBinaryTest, SharedChildrenWithTooManyElementsAreRefusedAtOnce) {
   Layout bomb;
   for (char i = 1; i <= 60; ++i) bomb.objects.push_back("\xA2"s + i + i);
   bomb.objects.push_back("\x09");
@@ -249,7 +249,7 @@ TEST(PropertyListBinaryTest, OrdinarySharingIsAccepted) {
 }
 
 TEST(PropertyListBinaryTest, OverlappingObjectsAreRefused) {
-  // Thirty strings of thirty bytes that all lie in one place.
+  // Thirty strings of thirty bytes at one place.
   std::string bytes = "bplist00\xAF\x10\x1E";
   for (char i = 1; i <= 30; ++i) bytes += i;
   const std::size_t text = bytes.size();

@@ -12,7 +12,8 @@ enum class Expected { kAccepted, kRefused };
 
 class PropertyListLimitsTest : public testing::TestWithParam<PropertyListFormat> {
  protected:
-  // Both ways, which must agree: what is written can be read, what is refused can't be made.
+  // Reads and writes, which must agree: a written list can be read, and a refused one can't be
+  // written.
   void expectBoth(const Value& value, Expected expected) {
     const Result<Data> bytes = writePropertyList(value, GetParam());
     if (expected == Expected::kRefused) {
@@ -44,7 +45,7 @@ TEST_P(PropertyListLimitsTest, Depth) {
   expectBoth(nested(kMaxPropertyListDepth - 1, "x"), Expected::kAccepted);
   expectBoth(nested(kMaxPropertyListDepth, "x"), Expected::kAccepted);
   expectBoth(nested(kMaxPropertyListDepth + 1, "x"), Expected::kRefused);
-  // An empty collection at the bottom counts like any other.
+  // An empty collection at the bottom counts, too.
   expectBoth(nested(kMaxPropertyListDepth - 1, Array{}), Expected::kAccepted);
   expectBoth(nested(kMaxPropertyListDepth, Array{}), Expected::kRefused);
   expectBoth(nested(kMaxPropertyListDepth, Dictionary{}), Expected::kRefused);
@@ -57,7 +58,7 @@ TEST_P(PropertyListLimitsTest, Nodes) {
   const auto keyed = [](std::size_t nodes) {
     return Value(Array{Dictionary{{"k", Array(nodes - 4, Value(true))}}});
   };
-  // In XML as we write it so many would be above the limit of bytes.
+  // In our XML so many values would exceed the limit of bytes.
   if (GetParam() == PropertyListFormat::kBinary) {
     expectBoth(list(kMaxPropertyListNodes - 1), Expected::kAccepted);
     expectBoth(list(kMaxPropertyListNodes), Expected::kAccepted);
@@ -79,7 +80,7 @@ TEST(PropertyListXmlLimitsTest, NodesRead) {
   const auto over = readPropertyList(xmlArray(kMaxPropertyListNodes), "a");
   ASSERT_FALSE(over);
   EXPECT_EQ(over.error().code, ErrorCode::kExhausted);
-  // Columns: <plist><array> has 14 characters, <true/> seven.
+  // <plist><array> has 14 characters, <true/> seven.
   EXPECT_EQ(over.error().context, "a:1:" + std::to_string(15 + 7 * (kMaxPropertyListNodes - 1)) +
                                       ": more than 1000000 values and keys");
 }
@@ -115,7 +116,7 @@ TEST(PropertyListXmlLimitsTest, BytesOfATag) {
   EXPECT_EQ(over.error().context, "a:2:1: a tag of more than 1024 bytes");
 }
 
-// It took minutes, so that a test's time-out is what would show it.
+// Without the limit it took minutes, so that the test would time out.
 TEST(PropertyListXmlLimitsTest, ManyAttributesCostNothing) {
   std::string text = "<plist";
   for (int i = 0; text.size() < kMaxPropertyListBytes / 2; ++i) {
@@ -143,7 +144,7 @@ TEST(PropertyListXmlLimitsTest, BytesRead) {
 TEST_P(PropertyListLimitsTest, BytesWritten) {
   const auto overhead = writePropertyList("", GetParam());
   ASSERT_TRUE(overhead);
-  // In the binary format the count and the offsets grow with the text as well.
+  // In the binary format the count and the offsets grow with the text, too.
   const std::size_t grown = GetParam() == PropertyListFormat::kBinary ? 5 + 3 : 0;
   const std::size_t text = kMaxPropertyListBytes - overhead->size() - grown;
   expectBoth(std::string(text - 1, 'x'), Expected::kAccepted);
@@ -151,7 +152,7 @@ TEST_P(PropertyListLimitsTest, BytesWritten) {
   expectBoth(std::string(text + 1, 'x'), Expected::kRefused);
 }
 
-// Lists that only a hostile or another writer makes: what is large here are the references.
+// Lists that only a hostile or a foreign writer makes, with many references.
 class PropertyListSharingLimitsTest : public testing::Test {
  protected:
   static std::string references(std::size_t count, char number) {
@@ -169,7 +170,7 @@ class PropertyListSharingLimitsTest : public testing::Test {
 };
 
 TEST_F(PropertyListSharingLimitsTest, Nodes) {
-  // The root, ten times an array, and what is in it ten times.
+  // The root, ten times an array, and ten times its content.
   constexpr std::size_t kTimes = 10;
   const auto list = [](int more) {
     const std::size_t inside = kMaxPropertyListNodes / kTimes - 2;
@@ -186,7 +187,7 @@ TEST_F(PropertyListSharingLimitsTest, Nodes) {
                 "more than 1000000 values and keys");
 }
 
-// Objects that nothing refers to cost memory all the same.
+// Objects without a reference still cost memory.
 TEST_F(PropertyListSharingLimitsTest, Objects) {
   const auto list = [](std::size_t count) {
     const std::string bytes = "bplist00\x09" + std::string(count, '\x08') + std::string(6, '\0') +
@@ -210,8 +211,8 @@ TEST_F(PropertyListSharingLimitsTest, Depth) {
   EXPECT_TRUE(read(chain(kMaxPropertyListDepth - 1)));
   EXPECT_TRUE(read(chain(kMaxPropertyListDepth)));
   expectRefused(read(chain(kMaxPropertyListDepth + 1)), "more than 128 collections");
-  // Read first where it is not too deep: object 101 down to the bottom, which the root refers to
-  // before it refers to the chain that leads there.
+  // Read first where it is not too deep: the root refers to object 101, down to the bottom, before
+  // it refers to the chain that leads there.
   const auto shared = [&chain](std::size_t depth) {
     std::vector<std::string> objects = chain(depth);
     objects[0] = std::string("\xA2\x65\x01");
@@ -234,7 +235,7 @@ TEST_F(PropertyListSharingLimitsTest, Content) {
   expectRefused(withMore("\x52zz"), "more than 16777216 bytes of strings and data");
 }
 
-// Keys are copied into each dictionary, so what they cost is counted before the whole is known.
+// Keys are copied into each dictionary, so they are counted before the total is known.
 TEST_F(PropertyListSharingLimitsTest, ContentInKeys) {
   constexpr char kTimes = 16;
   constexpr std::size_t kShare = kMaxPropertyListContentBytes / kTimes;

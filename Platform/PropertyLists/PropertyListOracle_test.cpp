@@ -21,7 +21,7 @@ Data written(const Value& value, PropertyListFormat format) {
   return bytes.value_or(Data());
 }
 
-// What we read, in a form to compare.
+// The value that we read, in a form for comparison.
 std::string readByUs(const Data& bytes) {
   const Result<Value> value = readPropertyList(bytes, "a");
   return value ? canonicalText(*value) : "!" + value.error().context;
@@ -31,7 +31,7 @@ std::string shown(const Data& bytes) { return std::string(bytes.begin(), bytes.e
 
 // --- plistlib ------------------------------------------------------------------------------------
 
-TEST(PropertyListPythonTest, ReadsWhatWeWriteAndWritesWhatWeRead) {
+TEST(PropertyListPythonTest, ReadsOurListsAndWritesListsForUs) {
   std::mt19937 random(1);
   std::vector<Value> values;
   std::vector<Data> lists;
@@ -51,7 +51,7 @@ TEST(PropertyListPythonTest, ReadsWhatWeWriteAndWritesWhatWeRead) {
   }
 }
 
-// Without reals: it writes "1.0" where we write "1", and takes -0.0 and 0.0 for one object.
+// Without reals: it writes "1.0" where we write "1", and treats -0.0 and 0.0 as one object.
 TEST(PropertyListPythonTest, WritesTheSameBytes) {
   std::mt19937 random(2);
   std::vector<Data> lists;
@@ -72,7 +72,7 @@ TEST(PropertyListPythonTest, WritesTheSameBytes) {
   }
 }
 
-TEST(PropertyListPythonTest, AgreesOnWhatOnlyTheBinaryFormatHolds) {
+TEST(PropertyListPythonTest, AgreesOnValuesOfTheBinaryFormatOnly) {
   std::mt19937 random(3);
   std::vector<Value> values;
   std::vector<Data> lists;
@@ -193,10 +193,10 @@ INSTANTIATE_TEST_SUITE_P(PropertyList, PropertyListLibplistTest,
                            return info.param == PropertyListFormat::kXml ? "Xml" : "Binary";
                          });
 
-TEST_P(PropertyListLibplistTest, ReadsWhatWeWriteAndWritesWhatWeRead) {
+TEST_P(PropertyListLibplistTest, ReadsOurListsAndWritesListsForUs) {
   std::mt19937 random(4);
   for (int i = 0; i < kCases; ++i) {
-    // Its dates are 32 bits of seconds; in XML it makes 0 of -0.
+    // Its dates have 32 bits of seconds; in XML it turns -0 into 0.
     const Value value =
         randomPropertyList(random, {.specialReals = GetParam() == PropertyListFormat::kBinary,
                                     .carriageReturns = false,
@@ -210,10 +210,10 @@ TEST_P(PropertyListLibplistTest, ReadsWhatWeWriteAndWritesWhatWeRead) {
   }
 }
 
-// --- What others let through ---------------------------------------------------------------------
+// --- Lists that others accept --------------------------------------------------------------------
 
-// Each of these libplist takes, silently making another value of it; we refuse them all.
-TEST(PropertyListStrictnessTest, WhatLibplistTakesForSomethingElseIsRefused) {
+// libplist silently reads each of these as another value; we refuse them.
+TEST(PropertyListStrictnessTest, ListsThatLibplistMisreadsAreRefused) {
   const auto takenByLibplist = [](std::string_view body) {
     const std::string text = "<plist version=\"1.0\">" + std::string(body) + "</plist>";
     const Node node = readByLibplist(Data(text.begin(), text.end()));

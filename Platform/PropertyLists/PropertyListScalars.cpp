@@ -33,7 +33,7 @@ bool equalIgnoringCase(std::string_view text, std::string_view lower) {
   return std::ranges::equal(text, lower, {}, asciiLower);
 }
 
-// Takes the sign off.
+// Removes the sign.
 bool takeSign(std::string_view& text) {
   if (text.empty() || (text.front() != '-' && text.front() != '+')) return false;
   const bool negative = text.front() == '-';
@@ -49,7 +49,7 @@ int sixBits(char character) {
   return character == '/' ? 63 : -1;
 }
 
-// The number at `offset`, whose characters the caller has found to be digits.
+// The number at `offset`. The caller has checked that its characters are digits.
 int number(std::string_view text, std::size_t offset, std::size_t length) {
   int value = 0;
   for (const char digit : text.substr(offset, length)) value = value * 10 + (digit - '0');
@@ -86,7 +86,7 @@ Result<double, ScalarProblem> realFromText(std::string_view text) {
   } else if (equalIgnoringCase(text, "inf") || equalIgnoringCase(text, "infinity")) {
     magnitude = std::numeric_limits<double>::infinity();
   } else {
-    // from_chars() would take a second sign and "nan(...)".
+    // from_chars() would accept a second sign and "nan(...)".
     if (text.empty() || !(isDigit(text.front()) || text.front() == '.')) {
       return std::unexpected(ScalarProblem::kMalformed);
     }
@@ -123,7 +123,7 @@ Result<Date, ScalarProblem> dateFromText(std::string_view text) {
 Result<Data, ScalarProblem> dataFromText(std::string_view text) {
   Data data;
   data.reserve(text.size() / 4 * 3);
-  std::uint32_t bits = 0;  // of the group of four characters under way
+  std::uint32_t bits = 0;  // of the current group of four characters
   int gathered = 0;
   int padding = 0;
   for (const char character : text) {

@@ -20,7 +20,7 @@ class WritableCheck {
   std::optional<Error> check(const Value& value);
 
  private:
-  // One step from a collection to what it holds: a key, or an index where there is none.
+  // One step from a collection to its content: a key, or an index if there is no key.
   struct Step {
     const std::string* key = nullptr;
     std::size_t index = 0;

@@ -4,7 +4,7 @@
 
 namespace platform {
 
-// What keeps `value` from being written, if anything does. The writers take only values that pass.
+// Returns why `value` can't be written, if it can't. The writers accept only values that pass.
 Result<void> checkWritable(const Value& value, PropertyListFormat format);
 
 }  // namespace platform

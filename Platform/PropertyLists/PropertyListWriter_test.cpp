@@ -112,7 +112,7 @@ TEST(PropertyListWriterTest, BinaryUsesOneObjectForEqualScalarsOfOneType) {
             Data(expected.begin(), expected.end()));
 }
 
-TEST(PropertyListWriterTest, WhatNoListCanHoldIsAnErrorThatNamesTheKeyPath) {
+TEST(PropertyListWriterTest, AnUnwritableValueIsAnErrorWithItsKeyPath) {
   class Remote final : public RemoteObject {
    public:
     std::string_view className() const override { return "Remote"; }
@@ -132,7 +132,7 @@ TEST(PropertyListWriterTest, WhatNoListCanHoldIsAnErrorThatNamesTheKeyPath) {
       "Services/com.x/2: a date nan s from 2001, expected one of the years 1 to 9999");
 }
 
-TEST(PropertyListWriterTest, WhatXmlCannotHoldIsAnErrorThereOnly) {
+TEST(PropertyListWriterTest, AValueThatOnlyXmlExcludesIsAnErrorOnlyThere) {
   for (const auto& [value, error] : std::initializer_list<std::pair<Value, const char*>>{
            {Value::nullMarker(),
             "Services/com.x/2: the null marker, which XML property lists can't hold"},
@@ -150,7 +150,7 @@ TEST(PropertyListWriterTest, WhatXmlCannotHoldIsAnErrorThereOnly) {
   }
 }
 
-TEST(PropertyListWriterTest, WhatWasWrittenIsReadBackExactly) {
+TEST(PropertyListWriterTest, WrittenValuesAreReadBackExactly) {
   std::mt19937 random(20260102);
   for (int i = 0; i < 1000; ++i) {
     const Value forXml = randomPropertyList(random, {});

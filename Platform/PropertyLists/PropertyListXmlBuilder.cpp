@@ -30,7 +30,7 @@ Problem overLimitAtTag(std::size_t tag, std::string text) {
 
 bool isBlank(std::string_view text) { return withoutSurroundingWhiteSpace(text).empty(); }
 
-// What is wrong with a number or date, in words: `whatIsExpected` for a malformed one.
+// Describes the fault of a number or date: `whatIsExpected` for a malformed one.
 std::string describeScalar(ScalarProblem problem, std::string_view text,
                            std::string_view whatItIsNot, std::string_view whatIsExpected,
                            std::string_view range) {
@@ -46,7 +46,7 @@ std::string describeScalar(ScalarProblem problem, std::string_view text,
 
 std::optional<PropertyListXmlBuilder::Element> PropertyListXmlBuilder::elementNamed(
     std::string_view name) {
-  // The most frequent first.
+  // The most frequent ones first.
   static constexpr std::array<std::pair<std::string_view, Element>, 11> kElements = {{
       {"key", Element::kKey},
       {"string", Element::kString},
@@ -290,7 +290,7 @@ Result<Value, std::string> PropertyListXmlBuilder::scalar() const {
     case Element::kKey:
     case Element::kArray:
     case Element::kDictionary:
-      break;  // No scalars.
+      break;  // They are no scalars.
   }
   std::unreachable();
 }

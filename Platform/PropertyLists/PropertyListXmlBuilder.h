@@ -12,15 +12,15 @@
 
 namespace platform {
 
-// Makes a value of the elements and texts of an XML property list, one event at a time, and is the
-// one place that knows which may stand where. It knows nothing of libxml2 and holds no positions:
+// Builds a value from the elements and texts of an XML property list, one event at a time. Only
+// this class knows the rules of the format. It is independent of libxml2 and stores no positions:
 // an error names its place by the number of a tag.
 class PropertyListXmlBuilder {
  public:
   struct Place {
     enum class At {
       kTag,      // the tag itself
-      kContent,  // the first content behind the tag that is not white space
+      kContent,  // the first content after the tag that is not white space
     };
     std::size_t tag = 0;  // start, end and empty tags, counted from 0 in the order of the document
     At at = At::kTag;
@@ -32,21 +32,21 @@ class PropertyListXmlBuilder {
     std::string text;
   };
 
-  // A step gives the problem that ends the reading, if there is one.
+  // Each step returns the problem that ends the reading, if there is one.
   using Step = std::optional<Problem>;
 
   struct Attributes {
-    bool unknown = false;  // any but "version", namespaces included
+    bool unknown = false;  // any attribute but "version", namespaces included
     std::optional<std::string_view> version;
   };
 
   Step startElement(std::string_view name, const Attributes& attributes, bool isEmptyTag);
   Step endElement();
   Step text(std::string_view text);
-  // A reference to an entity that XML does not define by itself.
+  // A reference to an entity that XML does not predefine.
   Step entityReference(std::string_view name);
 
-  // The value, once all events have been given.
+  // The value. Call it after all events.
   Result<Value, Problem> finish() &&;
 
  private:
@@ -64,17 +64,17 @@ class PropertyListXmlBuilder {
     kDictionary,
   };
 
-  // A collection under way.
+  // A collection that is being read.
   struct Collection {
     bool isDictionary = false;
     Array elements;
     Dictionary entries;
-    // The key that waits for its value, and its tag.
+    // The key whose value comes next, and its tag.
     std::optional<std::string> key;
     std::size_t keyTag = 0;
   };
 
-  // A scalar or key under way: from its start tag to its end tag.
+  // A scalar or key that is being read, from its start tag to its end tag.
   struct Leaf {
     Element element = Element::kKey;
     std::size_t tag = 0;
@@ -95,7 +95,7 @@ class PropertyListXmlBuilder {
 
   std::vector<Collection> collections_;
   std::optional<Leaf> leaf_;
-  std::string text_;  // of the leaf; kept between leaves for its memory
+  std::string text_;  // of the leaf; keeps its memory between leaves
   Value root_;
   bool inPropertyList_ = false;
   std::size_t tags_ = 0;

@@ -24,11 +24,11 @@ std::optional<ByteOrder> utf16ByteOrder(std::string_view bytes) {
   return std::nullopt;
 }
 
-// What the XML declaration names, empty where it names nothing.
+// The encoding in the XML declaration, empty if there is none.
 std::string_view declaredEncoding(std::string_view text) {
   if (!text.starts_with("<?xml")) return {};
   const std::size_t end = text.find("?>");
-  if (end == text.npos) return {};  // Truncated, which is found out later.
+  if (end == text.npos) return {};  // It is truncated, which is detected later.
   text = text.substr(0, end);
   const std::size_t name = text.find("encoding");
   const std::size_t open = name == text.npos ? name : text.find_first_of("\"'", name);

@@ -9,12 +9,12 @@
 
 namespace platform {
 
-// The text of an XML document as well-formed UTF-8 without NUL and byte order mark: either a part
-// of `bytes` or, where they are UTF-16, `converted`, which must live as long. An error for any
-// other encoding, and where the declaration names another one than the bytes have.
+// The text of an XML document as well-formed UTF-8 without NUL and byte order mark: a part of
+// `bytes` or, if these are UTF-16, of `converted`, which must live as long as the result. Fails for
+// any other encoding, and if the declaration contradicts the bytes.
 //
-// What comes out needs no guessing any more. libxml2 would guess, from four bytes, UCS-4 and EBCDIC
-// among others, report what is ill-formed imprecisely or to standard error, and let some through.
+// The result leaves nothing for libxml2 to guess: from four bytes it would guess UCS-4 and EBCDIC
+// among others, report ill-formed text imprecisely or to standard error, and accept some of it.
 Result<std::string_view> utf8OfXml(std::span<const std::uint8_t> bytes, std::string_view sourceName,
                                    std::string& converted);
 

@@ -22,7 +22,7 @@ namespace {
 using Builder = PropertyListXmlBuilder;
 using Scanner = PropertyListXmlScanner;
 
-// libxml2 sets itself up at the first use, but not safely if two threads come first together.
+// libxml2 initialises itself at its first use, which is not safe if two threads do it together.
 void initializeLibxml2() {
   static std::once_flag once;
   std::call_once(once, xmlInitParser);
@@ -36,10 +36,10 @@ std::string_view view(const xmlChar* text) {
   return text == nullptr ? std::string_view() : reinterpret_cast<const char*>(text);
 }
 
-// The first thing that libxml2 objects to.
+// The first error that libxml2 reports.
 struct SyntaxError {
   int code = 0;
-  std::size_t offset = 0;  // behind what is wrong
+  std::size_t offset = 0;  // after the fault
   std::string message;
 };
 
@@ -75,9 +75,9 @@ class XmlReading {
 Result<Value> XmlReading::read() {
   if (auto error = checkBeforehand()) return std::unexpected(*std::move(error));
   initializeLibxml2();
-  // No network, no document type loaded, no entity replaced: these are libxml2's defaults without
-  // the options that ask for them, and XML_PARSE_NONET holds even so. The encoding is known to be
-  // UTF-8, whatever the declaration says.
+  // No network, no loading of document types, no replacement of entities: these are libxml2's
+  // defaults without further options, and XML_PARSE_NONET is an additional safeguard. The encoding
+  // is known to be UTF-8, whatever the declaration says.
   constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_COMPACT | XML_PARSE_IGNORE_ENC;
   reader_.reset(
       xmlReaderForMemory(text_.data(), static_cast<int>(text_.size()), nullptr, "UTF-8", kOptions));
@@ -99,8 +99,8 @@ Result<Value> XmlReading::read() {
   return *std::move(value);
 }
 
-// Also called for what libxml2 only warns of, such as an entity that an external document type
-// might define: there is nothing in a property list that it may be warned of.
+// Also called for warnings, such as an entity that an external document type might define. A
+// property list has no reason for a warning, so they count as errors.
 void XmlReading::onError(void* self, xmlErrorPtr error) {
   auto& reading = *static_cast<XmlReading*>(self);
   if (reading.syntaxError_) return;
@@ -110,8 +110,8 @@ void XmlReading::onError(void* self, xmlErrorPtr error) {
   reading.syntaxError_ = SyntaxError{error->code, offset, error->message ? error->message : ""};
 }
 
-// Asks the node for its type, which costs nothing; the reader's own answer for a text looks at all
-// of it to tell white space from the rest.
+// Reads the type from the node, which costs nothing. For a text the reader's own function scans all
+// of it to distinguish white space.
 Builder::Step XmlReading::node(const xmlNode& node) {
   switch (node.type) {
     case XML_ELEMENT_NODE: {
@@ -123,7 +123,7 @@ Builder::Step XmlReading::node(const xmlNode& node) {
       return builder_.text(view(node.content));
     case XML_ENTITY_REF_NODE:
       return builder_.entityReference(view(node.name));
-    default:  // Of libxml2's, not of ours: comments and instructions, which count for nothing.
+    default:  // Other kinds of libxml2, such as comments and instructions, are ignored.
       return std::nullopt;
   }
 }
@@ -142,8 +142,8 @@ Builder::Step XmlReading::element(const xmlNode& node) {
   return builder_.startElement(view(node.name), attributes, isEmptyTag);
 }
 
-// What must be known before libxml2 sees the text: what would cost it too much, and declarations,
-// which could change what the text means (entities, default attributes).
+// Checks before libxml2 sees the text: inputs that would cost it too much, and declarations, which
+// could change the meaning of the text (entities, default attributes).
 std::optional<Error> XmlReading::checkBeforehand() const {
   const auto doctype = Scanner::findDoctype(text_);
   if (doctype &&
@@ -188,17 +188,17 @@ Error XmlReading::syntaxError() const {
     }
     case XML_ERR_TAG_NAME_MISMATCH:
       return errorAt(lastBefore('<'), text);
-    default:  // Of libxml2's, not of ours.
+    default:  // Other kinds of libxml2.
       return errorAt(offset, text);
   }
 }
 
-// The one failure that libxml2 gives no reason for.
+// The only failure for which libxml2 gives no reason.
 Error XmlReading::noMemory() const {
   return Error{ErrorCode::kExhausted, 0, fmt::format("{}: no memory to read XML", sourceName_)};
 }
 
-// Whether what libxml2 met at `offset` is that the file ends inside something.
+// Whether the error of libxml2 at `offset` means that the file ends inside an item.
 bool XmlReading::endsTooSoon(std::size_t offset) const {
   if (text_.find_first_not_of(kXmlWhiteSpace, offset) == text_.npos) {
     return Scanner::findUnclosed(text_) || syntaxError_->code == XML_ERR_DOCUMENT_END ||
@@ -210,7 +210,7 @@ bool XmlReading::endsTooSoon(std::size_t offset) const {
                                 : syntaxError_->code == XML_ERR_DOCUMENT_END;
 }
 
-// libxml2 says "Extra content at the end of the document" of a document that ends too soon.
+// libxml2 reports "Extra content at the end of the document" for a truncated document.
 Error XmlReading::truncated() const {
   if (withoutSurroundingWhiteSpace(text_).empty()) {
     return errorAt(text_.size(), "the file is empty, expected a property list");

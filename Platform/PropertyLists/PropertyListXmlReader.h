@@ -9,7 +9,7 @@
 
 namespace platform {
 
-// The XML half of readPropertyList(), which see.
+// Reads XML for readPropertyList().
 Result<Value> readXmlPropertyList(std::span<const std::uint8_t> bytes, std::string_view sourceName);
 
 }  // namespace platform

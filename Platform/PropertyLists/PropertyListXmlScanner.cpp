@@ -33,8 +33,7 @@ std::optional<Piece> PropertyListXmlScanner::next() {
   } else if (rest.starts_with("<!DOCTYPE")) {
     piece = doctype();
   } else if (rest.starts_with("<!")) {
-    piece =
-        until(Token::kInstruction, 2, ">");  // One of the above cut short, or nothing XML knows.
+    piece = until(Token::kInstruction, 2, ">");  // A truncated item of the above, or no XML.
   } else {
     piece = tag();
   }
@@ -55,7 +54,7 @@ Piece PropertyListXmlScanner::tag() {
   char quote = 0;
   for (; at < text_.size() && (quote != 0 || text_[at] != '>'); ++at) {
     const char character = text_[at];
-    // Not even between quotes may it stand in a tag: one of the quotes is missing.
+    // A tag must not contain it even in quotes, so a quote is missing.
     if (character == '<') return {Token::kText, offset_, at, true};
     if (quote == 0 && (character == '"' || character == '\'')) {
       quote = character;
@@ -102,7 +101,7 @@ Piece PropertyListXmlScanner::findTag(std::string_view text, std::size_t number)
 
 std::optional<Piece> PropertyListXmlScanner::findTagLongerThan(std::string_view text,
                                                                std::size_t bytes) {
-  // A tag holds no other "<", so that most documents are done with by looking for those alone.
+  // A tag contains no other "<", so most documents need only a search for these.
   const auto mayHaveOne = [text, bytes] {
     std::size_t last = text.find('<');
     while (last != text.npos) {

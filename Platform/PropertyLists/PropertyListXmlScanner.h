@@ -6,12 +6,12 @@
 
 namespace platform {
 
-// Finds places in the text of an XML document, and what libxml2 must not get to see. libxml2's
-// reader works ahead of the nodes that it hands out and keeps no columns for them; so the reader of
-// property lists only counts tags, and looks an error's place up with this, once there is one.
+// Finds places in the text of an XML document, and inputs that libxml2 must not see. libxml2's
+// reader works ahead of the nodes that it returns and stores no columns for them. The reader of
+// property lists therefore only counts tags, and looks up the place of an error with this class.
 //
-// It knows enough of XML to tell tags from what merely looks like them, and relies on libxml2 for
-// the rest: what it says about text behind an error of syntax is a best guess, within the text.
+// It knows enough XML to distinguish tags from similar text, and relies on libxml2 for the rest:
+// after a syntax error its results are a best guess within the text.
 class PropertyListXmlScanner {
  public:
   enum class Token {
@@ -29,8 +29,8 @@ class PropertyListXmlScanner {
   struct Piece {
     Token token = Token::kText;
     std::size_t begin = 0;
-    std::size_t end = 0;   // behind its last character
-    bool complete = true;  // false when the document ends inside it
+    std::size_t end = 0;   // after its last character
+    bool complete = true;  // false if the document ends inside it
   };
 
   struct OpenElement {
@@ -40,26 +40,26 @@ class PropertyListXmlScanner {
 
   explicit PropertyListXmlScanner(std::string_view text) : text_(text) {}
 
-  // Nothing at the end of the document.
+  // std::nullopt at the end of the document.
   std::optional<Piece> next();
 
-  // The tag of this number, from 0, counted over start, end and empty tags in their order; an empty
-  // piece at the end where there are fewer.
+  // The tag with this number, counted from 0 over start, end and empty tags in order; an empty
+  // piece at the end if there are fewer.
   static Piece findTag(std::string_view text, std::size_t number);
 
-  // The first tag of more than so many bytes.
+  // The first tag of more than `bytes` bytes.
   static std::optional<Piece> findTagLongerThan(std::string_view text, std::size_t bytes);
 
-  // Begin of the first text or character data from `offset` that is not white space alone.
+  // The beginning of the first text or character data from `offset` that is not only white space.
   static std::size_t findContent(std::string_view text, std::size_t offset);
 
-  // The document type declaration, which stands before the first tag if at all.
+  // The document type declaration, which can only come before the first tag.
   static std::optional<Piece> findDoctype(std::string_view text);
 
-  // Whether there is more than white space and comments in the brackets of a document type.
+  // Whether the brackets of a document type contain more than white space and comments.
   static bool hasInternalSubset(std::string_view doctype);
 
-  // What is still open where the document ends: an element, or a piece that is not complete.
+  // The innermost item that is open at the end of the document: an element, or an incomplete piece.
   static std::optional<OpenElement> findUnclosed(std::string_view text);
 
  private:

@@ -8,8 +8,8 @@
 #include "Platform/PropertyLists/PropertyListScalars.h"
 
 // The layout is that of the platform's own tools, so that a list edited with them and one written
-// here compare line by line: a tab for each level but that of <plist>, collections without content
-// as one tag, base64 on lines of their own that reach to column 76 with a tab counted as eight.
+// here can be compared line by line: a tab for each level except that of <plist>, empty collections
+// as one tag, base64 on lines of its own up to column 76 with a tab counted as eight.
 
 namespace platform {
 namespace {
@@ -37,7 +37,7 @@ class XmlWriting {
   void writeData(const Data& data);
   void line(std::string_view text);
   void element(std::string_view name, std::string_view content);
-  // What is above the limit is thrown away, so it need not be made.
+  // Text above the limit is discarded, so it need not be composed.
   bool isFull() const { return text_.size() > kMaxPropertyListBytes; }
 
   std::string text_;
@@ -50,7 +50,7 @@ void XmlWriting::write(const Value& value) {
     case Value::Type::kNil:
     case Value::Type::kNullMarker:
     case Value::Type::kRemoteObject:
-      return;  // checkWritable() lets none through.
+      return;  // checkWritable() has refused them.
     case Value::Type::kBoolean:
       return line(*value.boolean() ? "<true/>" : "<false/>");
     case Value::Type::kInteger:
@@ -122,7 +122,7 @@ void XmlWriting::element(std::string_view name, std::string_view content) {
     } else if (character == '>') {
       text_ += "&gt;";
     } else if (character == '\r') {
-      text_ += "&#13;";  // A plain one is read as a line feed.
+      text_ += "&#13;";  // A plain one would be read as a line feed.
     } else {
       text_ += character;
     }

@@ -6,8 +6,8 @@
 
 namespace platform {
 
-// Takes what checkWritable() lets pass. kExhausted for a text above the limit, which the writing
-// stops at.
+// The value must have passed checkWritable(). Fails with kExhausted if the text is above the size
+// limit; the writing stops there.
 Result<std::string> xmlPropertyListText(const Value& value);
 
 }  // namespace platform

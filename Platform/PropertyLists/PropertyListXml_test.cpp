@@ -17,7 +17,7 @@ Value read(std::string_view text) {
   return value.value_or(Value());
 }
 
-// What stands inside <plist> of the second line.
+// Reads `body` in <plist>, on the second line.
 Value readBody(std::string_view body) { return read(plist(body)); }
 
 std::string xmlErrorOf(std::string_view text) {
@@ -64,7 +64,7 @@ TEST(PropertyListXmlTest, AcceptsTheOrdinaryDocumentType) {
             Value(true));
 }
 
-TEST(PropertyListXmlTest, CommentsInstructionsAndCharacterDataAreXmlLikeAnyOther) {
+TEST(PropertyListXmlTest, CommentsInstructionsAndCharacterDataAreAccepted) {
   EXPECT_EQ(
       readBody("<!-- a --><array><?x y?><string>a<!-- > -->b<![CDATA[<c>]]></string></array>"),
       Value(Array{"ab<c>"}));
@@ -79,7 +79,7 @@ TEST(PropertyListXmlTest, WhiteSpaceCountsInAStringAndNotAroundANumber) {
   EXPECT_EQ(readBody("<date> 2001-01-01T00:00:00Z </date>"), Value(Date{0}));
 }
 
-TEST(PropertyListXmlTest, IntegersReachFromOneEndOf64BitsToTheOther) {
+TEST(PropertyListXmlTest, IntegersCoverAllSigned64Bits) {
   EXPECT_EQ(readBody("<integer>9223372036854775807</integer>").integer(), INT64_MAX);
   EXPECT_EQ(readBody("<integer>-9223372036854775808</integer>").integer(), INT64_MIN);
   EXPECT_EQ(readBody("<integer>+5</integer>").integer(), 5);
@@ -131,7 +131,7 @@ TEST(PropertyListXmlTest, RealsHaveThePlatformsSpellings) {
   }
 }
 
-TEST(PropertyListXmlTest, DatesAreThoseOfTheCalendar) {
+TEST(PropertyListXmlTest, DatesMustExistInTheCalendar) {
   EXPECT_EQ(readBody("<date>2026-01-02T03:04:05Z</date>"), Value(Date{789'015'845}));
   EXPECT_EQ(readBody("<date>0001-01-01T00:00:00Z</date>"), Value(Date{-63'113'904'000}));
   EXPECT_EQ(readBody("<date>9999-12-31T23:59:59Z</date>"), Value(Date{252'423'993'599}));
@@ -169,13 +169,13 @@ TEST(PropertyListXmlTest, DataIsBase64WithWhiteSpaceAnywhere) {
 
 struct Malformed {
   const char* name;
-  const char* body;  // from line 2
+  const char* body;  // starts on line 2
   const char* error;
 };
 
 class MalformedXmlTest : public testing::TestWithParam<Malformed> {};
 
-TEST_P(MalformedXmlTest, IsRefusedWithLineColumnAndWhatWasExpected) {
+TEST_P(MalformedXmlTest, IsRefusedWithLineColumnAndExpectation) {
   EXPECT_EQ(errorOfBody(GetParam().body), GetParam().error);
 }
 
@@ -249,7 +249,7 @@ TEST(PropertyListXmlTest, ANulByteIsRefused) {
   using namespace std::string_view_literals;
   EXPECT_EQ(errorOfBody("<string>a\0b</string>"sv),
             "Service.plist:2:10: a NUL character, expected well-formed XML");
-  // Four bytes that libxml2 would take for UCS-4.
+  // libxml2 would take these four bytes for UCS-4.
   EXPECT_EQ(xmlErrorOf("<\0\0\0plist>"sv),
             "Service.plist:1:2: a NUL character, expected well-formed XML");
 }
@@ -281,7 +281,7 @@ TEST(PropertyListXmlTest, ExponentialEntitiesCostNothing) {
   EXPECT_EQ(error.substr(0, 18), "Service.plist:1:1:") << error;
 }
 
-TEST(PropertyListXmlTest, AnEntityInAnAttributeIsRefusedAlsoWhereADocumentTypeMightDefineIt) {
+TEST(PropertyListXmlTest, AnEntityInAnAttributeIsAlwaysRefused) {
   EXPECT_EQ(xmlErrorOf("<!DOCTYPE plist SYSTEM \"x\">\n<plist version=\"&v;1.0\"><true/></plist>"),
             "Service.plist:2:17: entity &v;, expected none but &amp; &lt; &gt; &quot; &apos; and "
             "character references");
@@ -301,7 +301,7 @@ TEST(PropertyListXmlTest, PlistHasNoAttributeButItsVersion) {
   EXPECT_EQ(xmlErrorOf("<dict/>"), "Service.plist:1:1: <dict>, expected <plist>");
 }
 
-TEST(PropertyListXmlTest, ContentBehindTheListIsRefused) {
+TEST(PropertyListXmlTest, ContentAfterTheListIsRefused) {
   EXPECT_EQ(read("<plist><true/></plist>\n<!-- end -->\n"), Value(true));
   EXPECT_EQ(xmlErrorOf("<plist><true/></plist>\n<plist/>"),
             "Service.plist:2:1: content after </plist>, expected the end of the file");
@@ -369,7 +369,7 @@ TEST(PropertyListXmlTest, OtherEncodingsAreRefused) {
             "order mark");
 }
 
-TEST(PropertyListXmlTest, PlacesAreRightFarBehindTheFirstBuffer) {
+TEST(PropertyListXmlTest, PlacesAreRightFarBeyondTheFirstBuffer) {
   std::string body = "<array>\n";
   for (int i = 0; i < 5000; ++i)
     body += "\t<string>caf\xC3\xA9 <!-- <x> --> " + std::to_string(i) + "</string>\n";

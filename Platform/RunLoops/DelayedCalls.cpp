@@ -9,7 +9,7 @@ void DelayedCalls::perform(RunLoop::Callback callback, Duration delay) {
   *call = loop_.startTimer(delay, RunLoop::Repeat::kOnce,
                            [this, call, callback = std::move(callback)]() mutable {
                              calls_.erase(call);
-                             callback();  // The last thing, since it may destroy this object.
+                             callback();  // It comes last, because it may destroy this object.
                            });
 }
 

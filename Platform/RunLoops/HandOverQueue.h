@@ -9,8 +9,8 @@
 
 namespace platform {
 
-// A queue that any thread fills and one thread empties. Asking whether there is anything takes no
-// lock, since a loop asks far more often than there is.
+// A queue that any thread fills and one thread empties. empty() takes no lock, because a loop calls
+// it far more often than there are items.
 template <typename T>
 class HandOverQueue {
  public:

@@ -4,8 +4,8 @@
 
 namespace platform {
 
-// The clock of the system's run loops, for what is served on other threads. Given to a subject as a
-// function, so that a test decides what it is. Any thread; does not block.
+// The clock of the system's run loops, for work on other threads. Objects get it as a function, so
+// that a test can set the time. Any thread may call it; it does not block.
 Instant monotonicTime();
 
 }  // namespace platform

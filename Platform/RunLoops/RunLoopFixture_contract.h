@@ -12,13 +12,13 @@
 
 namespace platform {
 
-// The fixture of the behaviour that every run loop must have, see RunLoop_contract.h.
+// The fixture of the run loop contract, see RunLoop_contract.h.
 class RunLoopContract : public testing::TestWithParam<std::unique_ptr<RunLoop> (*)()> {
  protected:
   using Repeat = RunLoop::Repeat;
   using Log = std::vector<std::string>;
 
-  // Runs until somebody stops the loop. A loop that goes on for ever is a failure.
+  // Runs until stop(). A loop that never stops is a failure.
   void runToStop() {
     using namespace std::chrono_literals;
     const auto deadline = loop_->startTimer(60s, Repeat::kOnce, [this] {
@@ -28,7 +28,7 @@ class RunLoopContract : public testing::TestWithParam<std::unique_ptr<RunLoop> (
     loop_->run();
   }
 
-  // Runs what is ready, and for `duration` besides.
+  // Runs ready callbacks, and continues for `duration`.
   void runFor(Duration duration) {
     const auto end = loop_->startTimer(duration, Repeat::kOnce, [this] { loop_->stop(); });
     runToStop();
@@ -45,7 +45,7 @@ class RunLoopContract : public testing::TestWithParam<std::unique_ptr<RunLoop> (
     return source ? std::move(*source) : nullptr;
   }
 
-  // Two sources that are ready at once, of which whichever is called first destroys both.
+  // Two sources are ready at once, and the one that is called first destroys both.
   void runSourcesThatDestroyEachOther(Urgency urgency) {
     using namespace std::chrono_literals;
     TestStream stream;

@@ -1,6 +1,6 @@
 #pragma once
 
-// run(), stop(), post() and sleepFor().
+// Contract of run(), stop(), post() and sleepFor().
 
 #include <atomic>
 #include <functional>
@@ -37,7 +37,7 @@ TEST_P(RunLoopContract, PostsRunInTheirOrder) {
   EXPECT_EQ(log_, (Log{"0", "1", "2", "3", "4", "nesting", "last", "nested"}));
 }
 
-TEST_P(RunLoopContract, PostsThatPostAgainKeepNothingElseFromRunning) {
+TEST_P(RunLoopContract, PostsThatPostAgainDoNotStarveOthers) {
   TestStream stream;
   stream.write(1);
   bool timerRan = false;
@@ -45,7 +45,7 @@ TEST_P(RunLoopContract, PostsThatPostAgainKeepNothingElseFromRunning) {
   std::function<void()> again = [&] {
     if (timerRan && sourceRan) return loop_->stop();
     loop_->post([&] { again(); });
-    loop_->sleepFor(10us);  // So that the timer falls due on a loop whose time is not real.
+    loop_->sleepFor(10us);  // The timer falls due, also in virtual time.
   };
   loop_->post([&] { again(); });
   const auto timer = loop_->startTimer(1ms, Repeat::kOnce, [&] { timerRan = true; });
@@ -57,15 +57,15 @@ TEST_P(RunLoopContract, PostsThatPostAgainKeepNothingElseFromRunning) {
   EXPECT_TRUE(timerRan && sourceRan);
 }
 
-TEST_P(RunLoopContract, WhatWasPostedAndHasNotRunIsDroppedWithTheLoop) {
+TEST_P(RunLoopContract, PostsThatHaveNotRunAreDroppedWithTheLoop) {
   const auto held = std::make_shared<int>();  // Owned by the callbacks and this test.
   for (const Urgency urgency :
        {Urgency::kProcessExit, Urgency::kConnectionDeath, Urgency::kOrdinary}) {
-    // The second holds a timer of the loop's own; the third posts when it is dropped.
+    // The second post owns a timer of the loop; the third posts again when it is dropped.
     loop_->post([held] {}, urgency);
     auto timer = loop_->startTimer(1h, Repeat::kOnce, [held] {});
     loop_->post([timer = std::move(timer)] {}, urgency);
-    // Owned by its post alone; shared for its deleter.
+    // Only its post owns it; it is shared for its deleter.
     auto posting = std::shared_ptr<RunLoop>(
         loop_.get(), [urgency, held](RunLoop* loop) { loop->post([held] {}, urgency); });
     loop_->post([posting = std::move(posting)] {}, urgency);
@@ -74,12 +74,12 @@ TEST_P(RunLoopContract, WhatWasPostedAndHasNotRunIsDroppedWithTheLoop) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST_P(RunLoopContract, PostsFromOtherThreadsAllRunInTheOrderOfTheirThread) {
+TEST_P(RunLoopContract, PostsOfOtherThreadsRunInTheOrderOfTheirThread) {
   constexpr int kThreads = 4;
   constexpr int kPosts = 500;
   std::vector<int> last(kThreads, -1);
   int ran = 0;
-  // Keeps a loop without real time from finding nothing to do before the threads have started.
+  // Keeps a virtual loop busy until the threads have started.
   const auto busy = loop_->startTimer(100us, Repeat::kEvery, [] {});
   std::vector<std::jthread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
@@ -97,7 +97,7 @@ TEST_P(RunLoopContract, PostsFromOtherThreadsAllRunInTheOrderOfTheirThread) {
   EXPECT_EQ(ran, kThreads * kPosts);
 }
 
-TEST_P(RunLoopContract, UrgentPostsFromOtherThreadsAllRun) {
+TEST_P(RunLoopContract, UrgentPostsOfOtherThreadsAllRun) {
   constexpr int kPosts = 1000;
   int ran = 0;
   const auto busy = loop_->startTimer(100us, Repeat::kEvery, [] {});
@@ -141,10 +141,10 @@ TEST_P(RunLoopContract, NothingRunsAfterStopAndNothingIsLost) {
   });
   const auto death = watch(dying, Urgency::kConnectionDeath, note("death"));
   loop_->run();
-  // What is ready beside the stopping callback may have come before it.
+  // Callbacks that were ready together with the stopping one may have run before it.
   const Log before = log_;
   EXPECT_TRUE(before.empty() || before == Log{"timer"}) << testing::PrintToString(before);
-  // Again where a busy machine lets the end of that time come first.
+  // Repeated, because on a busy machine the time may end first.
   for (int i = 0; i < 1000 && log_.size() < 5; ++i) runFor(1ms);
   ASSERT_EQ(log_.size(), 5);
   EXPECT_EQ(log_[before.size()], "exit");

@@ -1,6 +1,6 @@
 #pragma once
 
-// Readable sources of the ordinary kind.
+// Contract of ordinary readable sources.
 
 #include <functional>
 #include <memory>
@@ -10,7 +10,7 @@
 
 namespace platform {
 
-TEST_P(RunLoopContract, ASourceGoesOnCallingUntilItIsReadEmpty) {
+TEST_P(RunLoopContract, ASourceCallsUntilItIsReadEmpty) {
   TestStream stream;
   stream.write(3);
   const auto source = watch(stream, Urgency::kOrdinary, [&] {
@@ -36,7 +36,7 @@ TEST_P(RunLoopContract, ASourceIsCalledAtTheEndOfItsStream) {
   EXPECT_EQ(calls, 3);
 }
 
-TEST_P(RunLoopContract, ASourceThatIsNeverReadKeepsNothingElseFromRunning) {
+TEST_P(RunLoopContract, ASourceThatIsNeverReadDoesNotStarveOthers) {
   TestStream unread;
   TestStream stream;
   unread.write(1);
@@ -48,7 +48,7 @@ TEST_P(RunLoopContract, ASourceThatIsNeverReadKeepsNothingElseFromRunning) {
     if (timerRan && postRan && sourceRan) loop_->stop();
   };
   const auto busy = watch(unread, Urgency::kOrdinary, [&] {
-    loop_->sleepFor(10us);  // So that the timer falls due on a loop whose time is not real.
+    loop_->sleepFor(10us);  // The timer falls due, also in virtual time.
     stopIfDone();
   });
   const auto other = watch(stream, Urgency::kOrdinary, [&] {
@@ -84,7 +84,7 @@ TEST_P(RunLoopContract, ASourcesCallbackMayDestroyItAndOthers) {
   EXPECT_EQ(log_, Log{"called"});
 }
 
-TEST_P(RunLoopContract, ADescriptorCanBeWatchedAgainWhenItsSourceIsGone) {
+TEST_P(RunLoopContract, ADescriptorCanBeWatchedAgainAfterItsSource) {
   TestStream stream;
   stream.write(1);
   for (const Urgency urgency :
@@ -94,7 +94,7 @@ TEST_P(RunLoopContract, ADescriptorCanBeWatchedAgainWhenItsSourceIsGone) {
   }
 }
 
-TEST_P(RunLoopContract, WhatCannotBeWaitedForIsRefused) {
+TEST_P(RunLoopContract, ADescriptorThatCannotBeWatchedIsRefused) {
   for (const TestFile::Kind kind :
        {TestFile::Kind::kRegular, TestFile::Kind::kDirectory, TestFile::Kind::kClosed}) {
     const TestFile file(kind);
@@ -108,7 +108,7 @@ TEST_P(RunLoopContract, WhatCannotBeWaitedForIsRefused) {
 }
 
 TEST_P(RunLoopContract, ManySourcesAreAllCalled) {
-  constexpr int kStreams = 200;  // Of two descriptors each, and twice: within the usual 1,024.
+  constexpr int kStreams = 200;  // Two descriptors each, and twice: below the usual limit of 1,024.
   std::vector<std::unique_ptr<TestStream>> streams;
   std::vector<std::unique_ptr<RunLoopHandle>> sources;
   std::vector<int> calls(kStreams * 2);
@@ -127,7 +127,7 @@ TEST_P(RunLoopContract, ManySourcesAreAllCalled) {
   EXPECT_EQ(calls, std::vector<int>(kStreams * 2, 1));
 }
 
-TEST_P(RunLoopContract, TheLoopGivesAllDescriptorsBack) {
+TEST_P(RunLoopContract, TheLoopClosesAllItsDescriptors) {
   const std::size_t before = openDescriptors();
   {
     const auto another = GetParam()();

@@ -1,6 +1,6 @@
 #pragma once
 
-// Timers.
+// Contract of timers.
 
 #include <functional>
 #include <memory>
@@ -20,7 +20,7 @@ TEST_P(RunLoopContract, TimersRunInTheOrderOfTheirTimes) {
   EXPECT_EQ(log_, (Log{"1", "2", "3"}));
 }
 
-TEST_P(RunLoopContract, TimersThatAreOverdueTogetherKeepTheirOrder) {
+TEST_P(RunLoopContract, OverdueTimersKeepTheirOrder) {
   const auto second = loop_->startTimer(2ms, Repeat::kOnce, note("2 ms"));
   const auto first = loop_->startTimer(1ms, Repeat::kOnce, note("1 ms"));
   const auto zero = loop_->startTimer(0ms, Repeat::kOnce, note("0 ms"));
@@ -46,14 +46,14 @@ TEST_P(RunLoopContract, ZeroAndNegativeDelaysRunAtOnceInTheOrderOfCreation) {
   EXPECT_EQ(log_, (Log{"zero", "negative", "least"}));
 }
 
-TEST_P(RunLoopContract, ADelayBeyondTheEndOfTimeNeverEnds) {
+TEST_P(RunLoopContract, AnOverflowingDelayNeverEnds) {
   const auto timer = loop_->startTimer(Duration::max(), Repeat::kOnce, note("timer"));
   const auto repeating = loop_->startTimer(Duration::max(), Repeat::kEvery, note("timer"));
   runFor(1ms);
   EXPECT_TRUE(log_.empty());
 }
 
-TEST_P(RunLoopContract, ATimerFiresOnceAndAHandleMayBeKeptAfterwards) {
+TEST_P(RunLoopContract, ATimerFiresOnceAndItsHandleMayBeKept) {
   const auto timer = loop_->startTimer(0s, Repeat::kOnce, note("timer"));
   runFor(1ms);
   runFor(1ms);
@@ -115,7 +115,7 @@ TEST_P(RunLoopContract, ARepeatingTimerKeepsToItsPeriods) {
   std::vector<Duration> fired;
   const auto timer = loop_->startTimer(2ms, Repeat::kEvery, [&] {
     fired.push_back(loop_->now() - start);
-    loop_->sleepFor(500us);  // Must not add up.
+    loop_->sleepFor(500us);  // The delays must not add up.
     if (fired.size() == 5) loop_->stop();
   });
   runToStop();
@@ -123,7 +123,7 @@ TEST_P(RunLoopContract, ARepeatingTimerKeepsToItsPeriods) {
   for (std::size_t i = 0; i < fired.size(); ++i) EXPECT_GE(fired[i], 2ms * (i + 1));
 }
 
-TEST_P(RunLoopContract, MissedPeriodsAreMadeUpForByOneCall) {
+TEST_P(RunLoopContract, OneCallMakesUpForMissedPeriods) {
   const Instant start = loop_->now();
   std::vector<Duration> fired;
   const auto timer = loop_->startTimer(20ms, Repeat::kEvery, [&] {
@@ -134,12 +134,12 @@ TEST_P(RunLoopContract, MissedPeriodsAreMadeUpForByOneCall) {
   runToStop();
   ASSERT_EQ(fired.size(), 3);
   EXPECT_GE(fired[1], 85ms);
-  // The periods are counted from the start still.
+  // The periods are still counted from the start.
   EXPECT_GE(fired[2], 100ms);
 }
 
-// A timer that was late already when the loop came to it has missed the periods until then.
-TEST_P(RunLoopContract, PeriodsMissedBecauseOfAnotherTimerAreMadeUpForByOneCall) {
+// A timer that the loop reaches late has missed the periods until then.
+TEST_P(RunLoopContract, OneCallMakesUpForPeriodsThatAnotherTimerDelayed) {
   const Instant start = loop_->now();
   const auto slow = loop_->startTimer(19ms, Repeat::kOnce, [&] { loop_->sleepFor(30ms); });
   std::vector<Duration> fired;
@@ -147,14 +147,14 @@ TEST_P(RunLoopContract, PeriodsMissedBecauseOfAnotherTimerAreMadeUpForByOneCall)
     fired.push_back(loop_->now() - start);
     if (fired.size() == 2) loop_->stop();
   });
-  loop_->sleepFor(20ms);  // So that both are due in the same turn.
+  loop_->sleepFor(20ms);  // Both are due in the same turn.
   runToStop();
   ASSERT_EQ(fired.size(), 2);
   EXPECT_GE(fired[0], 50ms);
   EXPECT_GE(fired[1], 60ms);
 }
 
-TEST_P(RunLoopContract, TimersWithoutDelayThatFollowEachOtherKeepNothingElseFromRunning) {
+TEST_P(RunLoopContract, SuccessiveTimersWithoutDelayDoNotStarveOthers) {
   TestStream stream;
   bool postRan = false;
   bool sourceRan = false;

@@ -1,6 +1,6 @@
 #pragma once
 
-// What must be delivered before what.
+// Contract of the order of delivery.
 
 #include <memory>
 #include <string>
@@ -25,7 +25,7 @@ TEST_P(RunLoopContract, ADestroyedUrgentSourceDoesNotCall) {
   EXPECT_EQ(log_, Log{"called"});
 }
 
-TEST_P(RunLoopContract, ADeathIsThePeersEndWhateverItLeftUnread) {
+TEST_P(RunLoopContract, ADeathIsThePeersEndEvenWithUnreadData) {
   TestStream stream;
   stream.write(1);
   const auto source = watch(stream, Urgency::kConnectionDeath, note("death"));
@@ -37,7 +37,7 @@ TEST_P(RunLoopContract, ADeathIsThePeersEndWhateverItLeftUnread) {
   EXPECT_EQ(stream.read(1), 1);
 }
 
-TEST_P(RunLoopContract, WhatIsUrgentComesFirstWhateverWasReadyBefore) {
+TEST_P(RunLoopContract, UrgentEventsComeBeforeEarlierOrdinaryOnes) {
   TestStream exiting;
   TestStream dying;
   TestStream readable;
@@ -59,9 +59,9 @@ TEST_P(RunLoopContract, WhatIsUrgentComesFirstWhateverWasReadyBefore) {
   EXPECT_EQ(Log(log_.begin(), log_.begin() + 4), (Log{"exit", "exit", "death", "death"}));
 }
 
-// What happened while an ordinary callback kept the loop busy precedes the next ordinary one,
-// whatever the kinds of the two.
-TEST_P(RunLoopContract, WhatBecameUrgentMeanwhileComesBeforeTheNextOrdinaryCallback) {
+// An event during an ordinary callback comes before the next ordinary callback, for all kinds of
+// callbacks.
+TEST_P(RunLoopContract, NewUrgentEventsComeBeforeTheNextOrdinaryCallback) {
   enum Kind { kPost, kTimer, kSource, kKinds };
   for (int firstKind = 0; firstKind < kKinds; ++firstKind) {
     for (int secondKind = 0; secondKind < kKinds; ++secondKind) {
@@ -121,7 +121,7 @@ TEST_P(RunLoopContract, AnExitDuringADeathComesBeforeTheNextDeath) {
   EXPECT_EQ(log_, (Log{"death", "exit", "death"}));
 }
 
-TEST_P(RunLoopContract, AnExitComesBeforeHundredsOfDeathsThatHappenedEarlier) {
+TEST_P(RunLoopContract, AnExitComesBeforeHundredsOfEarlierDeaths) {
   std::vector<std::unique_ptr<TestStream>> streams;
   std::vector<std::unique_ptr<RunLoopHandle>> sources;
   for (int i = 0; i < 300; ++i) {
@@ -137,7 +137,7 @@ TEST_P(RunLoopContract, AnExitComesBeforeHundredsOfDeathsThatHappenedEarlier) {
   EXPECT_EQ(log_[0], "exit");
 }
 
-TEST_P(RunLoopContract, AnUrgentCallbackMayDestroyWhatIsOrdinaryAndReady) {
+TEST_P(RunLoopContract, AnUrgentCallbackMayDestroyReadyOrdinarySources) {
   TestStream stream;
   std::unique_ptr<RunLoopHandle> source;
   std::unique_ptr<RunLoopHandle> timer;
@@ -178,7 +178,7 @@ TEST_P(RunLoopContract, ADescriptorHasOneOrdinaryAndOneUrgentSource) {
   EXPECT_EQ(log_, (Log{"readable", "death"}));
 }
 
-TEST_P(RunLoopContract, AnUrgentSourceThatHasCalledHasLeftItsDescriptor) {
+TEST_P(RunLoopContract, AnUrgentSourceFreesItsDescriptorAfterItsCall) {
   TestStream stream;
   stream.write(1);
   std::unique_ptr<RunLoopHandle> again;

@@ -1,6 +1,6 @@
 #pragma once
 
-// The behaviour that every run loop must have. A test program instantiates it:
+// The contract of every run loop. A test program instantiates it:
 //   INSTANTIATE_TEST_SUITE_P(Virtual, RunLoopContract, testing::Values(&makeVirtualLoop));
 
 #include "Platform/RunLoops/RunLoopRunning_contract.h"

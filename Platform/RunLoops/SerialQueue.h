@@ -6,14 +6,14 @@
 
 namespace platform {
 
-// The context of a queue, owned by it; the deleter is the queue's finaliser.
+// The context of a queue, which owns it; the deleter is the queue's finaliser.
 using QueueContext = std::unique_ptr<void, void (*)(void*)>;
 
-// Runs blocks one at a time in the order they were submitted, on a thread of its pool. Any thread
-// may use it, but not a block of its own for sync().
+// Runs blocks one at a time in the order of their submission, on a thread of its pool. Any thread
+// may use it, but a block must not call sync() of its own queue.
 //
-// Owned jointly by whoever holds it and by each of its pending blocks, so a queue that its creator
-// lets go first drains, and then finalises its context, once, on whichever thread was last.
+// All its holders and each of its pending blocks own it together. A queue whose creator drops it
+// thus drains first, and then finalises its context, once, on the thread that was last.
 class SerialQueue {
  public:
   using Block = std::move_only_function<void()>;
@@ -22,31 +22,31 @@ class SerialQueue {
 
   virtual const std::string& label() const = 0;
 
-  // To be set before the first block is submitted. A null context has no finaliser.
+  // Call it before the first block is submitted. A null context has no finaliser.
   virtual void setContext(QueueContext context) = 0;
   virtual void* context() const = 0;
 
-  // Returns at once.
+  // Does not block.
   virtual void async(Block block) = 0;
 
-  // Returns when `block` has run, after everything submitted before it. On an idle queue it runs on
-  // the calling thread itself.
+  // Returns after `block` has run, which comes after all blocks submitted before. On an idle queue
+  // it runs on the calling thread.
   virtual void sync(Block block) = 0;
 
-  // For a thread that may not wait. On an idle queue, runs `block` at once on the calling thread,
-  // lets go of it and returns true; otherwise, also within a block of this queue, leaves it as it
-  // is and returns false.
+  // For a thread that must not block. On an idle queue it runs `block` at once on the calling
+  // thread, drops it and returns true. Otherwise, and inside a block of this queue, it leaves
+  // `block` unchanged and returns false.
   virtual bool trySync(Block& block) = 0;
 };
 
-// Makes queues that share one small pool of threads. Work that may take long belongs to a pool of
-// its own, so that it never holds up short work.
+// Makes queues that share one small pool of threads. Long work belongs into a pool of its own, so
+// that it never blocks short work.
 class SerialQueues {
  public:
-  // Every block submitted has run when this returns.
+  // Blocks until every submitted block has run.
   virtual ~SerialQueues() = default;
 
-  // A shared pointer because the queue's holders and its pending blocks own it together.
+  // Shared, because the queue's holders and its pending blocks own it together.
   virtual std::shared_ptr<SerialQueue> makeQueue(std::string label) = 0;
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What all serial queues must do. A test program instantiates it:
+// The contract of all serial queues. A test program instantiates it:
 //   INSTANTIATE_TEST_SUITE_P(Virtual, SerialQueueContract, testing::Values(&makeVirtualQueues));
 
 #include <memory>
@@ -49,7 +49,7 @@ TEST_P(SerialQueueContract, SyncOnAnIdleQueueRunsOnTheCallingThread) {
   }
 }
 
-TEST_P(SerialQueueContract, TrySyncOnAnIdleQueueRunsOnTheCallingThreadAndReleasesTheBlock) {
+TEST_P(SerialQueueContract, TrySyncOnAnIdleQueueRunsOnTheCallingThread) {
   const auto queue = queues_->makeQueue("queue");
   const auto held = std::make_shared<int>();  // Owned by the block and this test.
   std::thread::id thread;
@@ -73,7 +73,7 @@ TEST_P(SerialQueueContract, TrySyncOnABusyQueueLeavesTheBlock) {
   EXPECT_EQ(ran, 1);
 }
 
-TEST_P(SerialQueueContract, TrySyncPassesNothingThatWaits) {
+TEST_P(SerialQueueContract, TrySyncDoesNotOvertakeWaitingBlocks) {
   const auto queue = queues_->makeQueue("queue");
   std::vector<int> ran;
   for (int i = 0; i < 1000; ++i) {
@@ -86,7 +86,7 @@ TEST_P(SerialQueueContract, TrySyncPassesNothingThatWaits) {
   for (int i = 0; i < 2000; ++i) EXPECT_EQ(ran[i], i);
 }
 
-TEST_P(SerialQueueContract, WhatIsSubmittedDuringTrySyncRunsAfterIt) {
+TEST_P(SerialQueueContract, ABlockSubmittedDuringTrySyncRunsAfterIt) {
   const auto queue = queues_->makeQueue("queue");
   std::vector<int> ran;
   SerialQueue::Block block = [&] {
@@ -137,11 +137,11 @@ TEST_P(SerialQueueContract, ABlockIsReleasedWhenItHasRun) {
   EXPECT_EQ(held.use_count(), 1);
 }
 
-TEST_P(SerialQueueContract, WhatABlockHoldsMayUseTheQueueWhenItIsReleased) {
+TEST_P(SerialQueueContract, AReleasedBlocksObjectsMayUseTheQueue) {
   const auto queue = queues_->makeQueue("queue");
   int ran = 0;
   const auto holdSomething = [&] {
-    // Owned by the block alone; shared for its deleter.
+    // Only the block owns it; it is shared for its deleter.
     return std::shared_ptr<void>(nullptr, [&](void*) { queue->async([&] { ++ran; }); });
   };
   queue->async([held = holdSomething()] {});
@@ -169,13 +169,13 @@ TEST_P(SerialQueueContract, ANullContextHasNoFinaliser) {
   queue.reset();
 }
 
-TEST_P(SerialQueueContract, AQueueLetGoOfDrainsBeforeItsContextIsFinalised) {
+TEST_P(SerialQueueContract, ADroppedQueueDrainsBeforeItsContextIsFinalised) {
   int finalised = 0;
   std::vector<int> finalisedAt;
   auto queue = queues_->makeQueue("queue");
   queue->setContext(countedContext(finalised));
   for (int i = 0; i < 100; ++i) {
-    // Not a holder: only the pending blocks keep the queue.
+    // The raw pointer is no holder: only the pending blocks keep the queue.
     queue->async([&, raw = queue.get()] {
       EXPECT_EQ(raw->context(), &finalised);
       finalisedAt.push_back(finalised);
@@ -200,7 +200,7 @@ TEST_P(SerialQueueContract, ABlockMayBeTheLastHolder) {
   EXPECT_EQ(finalised, 1);
 }
 
-TEST_P(SerialQueueContract, EveryBlockHasRunWhenThePoolIsGone) {
+TEST_P(SerialQueueContract, EveryBlockHasRunWhenThePoolIsDestroyed) {
   const auto queue = queues_->makeQueue("queue");
   const auto other = queues_->makeQueue("other");
   int ran = 0;
@@ -211,7 +211,7 @@ TEST_P(SerialQueueContract, EveryBlockHasRunWhenThePoolIsGone) {
   EXPECT_EQ(ran, 100);
 }
 
-TEST_P(SerialQueueContract, AQueueWorksOnWithoutItsPoolOnTheCallingThread) {
+TEST_P(SerialQueueContract, WithoutItsPoolAQueueRunsOnTheCallingThread) {
   int finalised = 0;
   auto queue = queues_->makeQueue("queue");
   const auto other = queues_->makeQueue("other");
@@ -232,7 +232,7 @@ TEST_P(SerialQueueContract, AQueueWorksOnWithoutItsPoolOnTheCallingThread) {
   EXPECT_EQ(finalised, 1);
 }
 
-// It would wait for itself for ever, so it ends the program at once.
+// It would wait for itself, so it aborts the program at once.
 TEST_P(SerialQueueContract, SyncFromABlockOfTheSameQueueAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto queue = queues_->makeQueue("queue");

@@ -30,7 +30,7 @@ class TimerQueue::Timer final : public RunLoopHandle {
   void setPosition(std::size_t position) { position_ = position; }
 
   void run() {
-    // A callback that runs the loop itself is not called from inside itself; the period counts as
+    // If a callback runs the loop itself, the timer is not called recursively. The period counts as
     // missed.
     if (destroyed_ != nullptr) return;
     Callback callback = std::move(callback_);  // It may destroy this timer while it runs.
@@ -47,7 +47,7 @@ class TimerQueue::Timer final : public RunLoopHandle {
   const Duration period_;
   Callback callback_;
   std::size_t position_ = kNotWaiting;
-  bool* destroyed_ = nullptr;  // Set while the callback runs: where to say that we are gone.
+  bool* destroyed_ = nullptr;  // Non-null while the callback runs; the destructor sets it.
 };
 
 std::unique_ptr<RunLoopHandle> TimerQueue::add(Key key, Duration period, Callback callback) {
@@ -61,7 +61,7 @@ void TimerQueue::fireEarliest(Instant now) {
   assert(!heap_.empty());
   auto [key, timer] = heap_.front();
   if (const Duration period = timer->period(); period > Duration::zero()) {
-    // Before the call, so that a period that ends while it lasts is a missed one, not a lost one.
+    // Computed before the call, so that a period that ends during it is missed, not lost.
     const auto missed = std::max(now - key.due, Duration::zero()) / period;
     key.due = instantAfter(key.due, (missed + 1) * period);
     siftDown(0, {key, timer});
@@ -107,7 +107,7 @@ void TimerQueue::remove(std::size_t position) {
   const Entry last = heap_.back();
   heap_.pop_back();
   if (position == heap_.size()) return;
-  // The last one may belong above or below the gap that it fills.
+  // The last entry may belong above or below the gap that it fills.
   if (position > 0 && last.key < heap_[(position - 1) / kChildren].key) {
     siftUp(position, last);
   } else {

@@ -11,12 +11,12 @@
 
 namespace platform {
 
-// The timers of a run loop, earliest first. It has no clock: its owner says what time it is.
+// The timers of a run loop, earliest first. It has no clock; its owner passes the time.
 class TimerQueue {
  public:
   using Callback = RunLoop::Callback;
 
-  // When a timer is due, and its place among those due at the same instant.
+  // The due time of a timer, and its position among timers due at the same instant.
   struct Key {
     Instant due;
     std::uint64_t order = 0;
@@ -28,16 +28,16 @@ class TimerQueue {
   TimerQueue(const TimerQueue&) = delete;
   TimerQueue& operator=(const TimerQueue&) = delete;
 
-  // A period of 0 makes a timer that fires once. The handle must not outlive the queue.
+  // A period of 0 makes a one-shot timer. The handle must not outlive the queue.
   [[nodiscard]] std::unique_ptr<RunLoopHandle> add(Key key, Duration period, Callback callback);
 
   bool empty() const { return heap_.empty(); }
 
-  // The timer to fire next; there must be one.
+  // The next timer to fire; there must be one.
   const Key& earliest() const { return heap_.front().key; }
 
-  // Calls the earliest timer back, of which there must be one. A repeating timer is due again at
-  // the first of its periods that ends after `now`. The callback may destroy any timer.
+  // Calls the earliest timer; there must be one. A repeating timer is next due at the first end of
+  // a period after `now`. The callback may destroy any timer.
   void fireEarliest(Instant now);
 
  private:
@@ -53,12 +53,12 @@ class TimerQueue {
   void siftDown(std::size_t position, const Entry& entry);
   void remove(std::size_t position);
 
-  // A heap with four children to a node, ordered by key. Each timer knows its position, so that the
-  // many that are destroyed before they fire cost no search.
+  // A heap with four children per node, ordered by key. Each timer knows its position, because many
+  // are destroyed before they fire and should not need a search.
   std::vector<Entry> heap_;
 };
 
-// The instant `delay` after `now`: not before it, and the end of time where the sum goes beyond.
+// The instant `delay` after `now`, at least `now`, and at most the largest instant.
 Instant instantAfter(Instant now, Duration delay);
 
 }  // namespace platform

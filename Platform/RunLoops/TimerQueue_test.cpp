@@ -18,7 +18,7 @@ class TimerQueueTest : public testing::Test {
     return queue_.add({due, ++order_}, period, [this, number] { fired_.push_back(number); });
   }
 
-  // As a loop that is punctual.
+  // Fires like a loop that is never late.
   void fireUntil(Instant end) {
     while (!queue_.empty() && queue_.earliest().due <= end) {
       queue_.fireEarliest(queue_.earliest().due);
@@ -31,7 +31,7 @@ class TimerQueueTest : public testing::Test {
 };
 
 TEST_F(TimerQueueTest, TimersFireByTimeAndThenInTheirOrder) {
-  std::mt19937 random(7);  // NOLINT: the same on every run.
+  std::mt19937 random(7);  // NOLINT: the same numbers on every run.
   std::vector<std::pair<Instant, int>> expected;
   std::vector<std::unique_ptr<RunLoopHandle>> timers;
   for (int number = 0; number < 2000; ++number) {
@@ -39,7 +39,7 @@ TEST_F(TimerQueueTest, TimersFireByTimeAndThenInTheirOrder) {
     expected.emplace_back(due, number);
     timers.push_back(add(due, 0s, number));
   }
-  // A third of them go before they are due, from everywhere in the heap.
+  // A third of them are destroyed before they are due, all over the heap.
   for (int number = 0; number < 2000; number += 3) timers[number].reset();
   std::erase_if(expected, [](const auto& timer) { return timer.second % 3 == 0; });
   std::ranges::sort(expected);  // By time, and then by number: the order in which they were added.
@@ -77,7 +77,7 @@ TEST_F(TimerQueueTest, RepeatingTimersThatMeetFireInTheOrderOfTheirCreation) {
   EXPECT_EQ(fired_, (std::vector{2, 3, 2, 6, 2, 3}));
 }
 
-TEST_F(TimerQueueTest, ATimerThatRunsTheQueueIsNotCalledFromInsideItself) {
+TEST_F(TimerQueueTest, ATimerThatRunsTheQueueIsNotCalledRecursively) {
   int depth = 0;
   int calls = 0;
   const auto timer = queue_.add({kStart, ++order_}, 1s, [&] {
@@ -103,7 +103,7 @@ TEST_F(TimerQueueTest, ACallbackMayEmptyTheQueue) {
   EXPECT_TRUE(queue_.empty());
 }
 
-TEST(InstantAfterTest, SumsAreNeitherBeforeNowNorBeyondTheEndOfTime) {
+TEST(InstantAfterTest, SumsAreLimitedToNowAndTheLargestInstant) {
   EXPECT_EQ(instantAfter(kStart, 1ns), kStart + 1ns);
   EXPECT_EQ(instantAfter(kStart, 0ns), kStart);
   EXPECT_EQ(instantAfter(kStart, -1ns), kStart);

@@ -97,7 +97,7 @@ TEST_F(BackgroundServiceProgramTest, FurtherSignalsDuringTerminationDoNotKill) {
   EXPECT_EQ(program.restOfOutput(), "terminated\n");
 }
 
-TEST_F(BackgroundServiceProgramTest, AnUnknownClassIsAnErrorThatSaysWhatToDo) {
+TEST_F(BackgroundServiceProgramTest, AnUnknownClassIsAnErrorWithAdvice) {
   ChildProgram program(arguments("Servise"), environment());
   const ExitStatus status = program.waitForExit();
   EXPECT_EQ(status.kind, ExitStatus::Kind::kExited);

@@ -80,7 +80,7 @@ class ServingThread {
 class LinuxControlsMachine final : public ControlsMachine {
  public:
   KernelControls& controls() override { return controls_; }
-  KernelControls& impatientControls() override { return impatientControls_; }
+  KernelControls& controlsWithShortTimeout() override { return impatientControls_; }
   void offer(const std::string& name, MakeControlHandler makeHandler) override {
     servers_.try_emplace(name, root_.path(), name, std::move(makeHandler));
   }
