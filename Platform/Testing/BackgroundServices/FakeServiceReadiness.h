@@ -7,10 +7,10 @@
 
 namespace platform {
 
-// Remembers what was announced, in the words of the real one.
+// Records announcements in the words of the real one.
 class FakeServiceReadiness final : public ServiceReadiness {
  public:
-  // From now on announcements are remembered, but fail.
+  // From now on announcements are recorded, but fail.
   void fail() { failing_ = true; }
 
   const std::vector<std::string>& announcements() const { return announcements_; }

@@ -10,7 +10,7 @@ class FakeTerminationSignals::Watch final : public RunLoopHandle {
   explicit Watch(std::shared_ptr<RunLoop::Callback> onRequest) : onRequest_(std::move(onRequest)) {}
 
  private:
-  // Shared with a call that is under way: the callback may destroy the watch while it runs.
+  // Shared with a running call: the callback may destroy the watch.
   std::shared_ptr<RunLoop::Callback> onRequest_;
 };
 

@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// Asks the program under test to end when the test says so.
+// Delivers termination requests of the test to the program under test.
 class FakeTerminationSignals final : public TerminationSignals {
  public:
   // `loop` outlives this.
@@ -14,7 +14,7 @@ class FakeTerminationSignals final : public TerminationSignals {
 
   Result<std::unique_ptr<RunLoopHandle>> watchTermination(RunLoop::Callback onRequest) override;
 
-  // As a SIGTERM would. Without a watch it would end the program; here it is a failure of the test.
+  // Acts like a SIGTERM. Without a watch that would end the program; here the test fails.
   void request();
 
  private:

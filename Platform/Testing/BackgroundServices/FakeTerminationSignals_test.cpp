@@ -26,7 +26,7 @@ std::unique_ptr<TerminationHarness> makeFakeSignalsHarness() {
 INSTANTIATE_TEST_SUITE_P(Fake, TerminationSignalsContract,
                          testing::Values(&makeFakeSignalsHarness));
 
-TEST(FakeTerminationSignalsTest, ARequestThatNobodyWatchesForEndsTheProgram) {
+TEST(FakeTerminationSignalsTest, AnUnwatchedRequestEndsTheProgram) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   VirtualRunLoop loop;
   FakeTerminationSignals signals(loop);

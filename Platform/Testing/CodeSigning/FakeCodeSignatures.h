@@ -9,19 +9,19 @@
 
 namespace platform {
 
-// Code that exists only by what a test says of it. Not for several threads.
+// Code that exists only in the test's description. Only one thread may use it.
 class FakeCodeSignatures final : public CodeSignatures {
  public:
-  // Puts validly signed code at a path, in place of what was there.
+  // Replaces the code at a path by validly signed code.
   void addValid(const std::string& path, SecStaticCode::Kind kind,
                 std::optional<std::string> identifier);
 
-  // Puts code there that every check refuses.
+  // Puts code at a path that every check refuses.
   void addRefused(const std::string& path, SecStaticCode::Kind kind, CodeSigningFailure failure);
 
   void remove(const std::string& path);
 
-  // How often the code at a path was checked.
+  // The number of checks of the code at a path.
   int checks(const std::string& path) const;
 
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(

@@ -8,7 +8,7 @@
 
 namespace platform {
 
-// The SHA-256 of a file that nobody else waits for, all of it in one go; nothing for an empty one.
+// The SHA-256 of a file, computed without pauses; std::nullopt for an empty file.
 inline Result<std::optional<Sha256>> sha256OfFile(const std::string& path) {
   auto digest = FileDigest::open(path);
   if (!digest) return std::unexpected(digest.error());

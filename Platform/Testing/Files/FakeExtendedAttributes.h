@@ -10,7 +10,7 @@
 
 namespace platform {
 
-// The attributes that a test gives to paths; there need be no files. Any thread.
+// The attributes that a test gives to paths; the files need not exist. Any thread may use it.
 class FakeExtendedAttributes final : public ExtendedAttributes {
  public:
   void set(const std::string& path, std::string_view name, Data bytes) {

@@ -53,7 +53,7 @@ void FakeFileManager::add(std::string_view path, Node node) {
   nodes_.find(folderOf(path))->second.names.emplace_back(path.substr(path.rfind('/') + 1));
 }
 
-// Nothing is made before it is certain that all of it can be.
+// First checks that everything can be made, so that a failure makes nothing.
 Result<void, NSError> FakeFileManager::makeFolders(std::string_view path,
                                                    const Dictionary* attributes) {
   path = withoutSlashesAtEnd(path);

@@ -11,9 +11,9 @@
 
 namespace platform {
 
-// Files and folders in memory. Paths are absolute, without empty components, "." and ".."; the
-// folder "/" is there from the start. There are no users: everything is permitted unless it is made
-// to fail. Entries are listed in the order in which they were made.
+// Files and folders in memory. Paths are absolute, without empty components, "." and "..". The
+// folder "/" always exists. There are no users: everything is permitted unless it is made to fail.
+// Entries are listed in the order of their creation.
 class FakeFileManager final : public FileManager {
  public:
   struct Node {
@@ -25,16 +25,16 @@ class FakeFileManager final : public FileManager {
 
   explicit FakeFileManager(std::string usersRoot = "/Users") : usersRoot_(std::move(usersRoot)) {}
 
-  // Makes a file with the folders on the way to it.
+  // Makes a file and the folders above it.
   void addFile(std::string_view path, std::string content = {}, Dictionary attributes = {});
   void addFolder(std::string_view path);
-  // Null where there is nothing.
+  // Null if there is nothing at `path`.
   const Node* find(std::string_view path) const;
 
-  // Whatever is asked of this path fails with this code from now on.
+  // From now on every operation on this path fails with this code.
   void failAt(std::string path, std::int64_t code);
 
-  // What defaultManager() answers in place of this object.
+  // The result of defaultManager() instead of this object.
   void setDefaultManager(FileManager& manager) { default_ = &manager; }
 
   FileManager& defaultManager() override { return default_ ? *default_ : *this; }

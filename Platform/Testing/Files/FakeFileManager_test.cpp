@@ -52,7 +52,7 @@ TEST(FakeFileManagerTest, APathCanBeMadeToFail) {
   EXPECT_EQ(listed.error().code, 257);
 }
 
-TEST(FakeFileManagerTest, EntriesAreNamedInTheOrderOfTheirMaking) {
+TEST(FakeFileManagerTest, EntriesAreListedInTheOrderOfTheirCreation) {
   FakeFileManager manager;
   for (const char* name : {"/z", "/a", "/m"}) manager.addFile(name);
   manager.addFile("/a", "again");

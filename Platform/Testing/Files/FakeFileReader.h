@@ -8,13 +8,13 @@
 
 namespace platform {
 
-// A disk of what a test puts there. Not for several threads.
+// A disk with the files of a test. Only one thread may use it.
 class FakeFileReader final : public FileReader {
  public:
-  // Puts a file there, in place of what was.
+  // Writes a file and replaces an old one.
   void addFile(const std::string& path, std::string content = {});
   void addFolder(const std::string& path);
-  // The same with a property list that holds `value`, which one must be able to hold.
+  // Writes a property list with `value`, which must be valid in one.
   void addPropertyList(const std::string& path, const Value& value);
   void remove(const std::string& path) { contents_.erase(path); }
 
@@ -22,7 +22,7 @@ class FakeFileReader final : public FileReader {
   Result<Value> propertyListAtPath(const std::string& path) override;
 
  private:
-  std::map<std::string, std::optional<std::string>> contents_;  // Nothing is a folder.
+  std::map<std::string, std::optional<std::string>> contents_;  // std::nullopt is a folder
 };
 
 }  // namespace platform

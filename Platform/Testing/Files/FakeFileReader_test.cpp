@@ -27,7 +27,7 @@ INSTANTIATE_TEST_SUITE_P(Fake, FileReaderContract,
                            return std::make_unique<FakeDisk>();
                          }));
 
-TEST(FakeFileReader, WhatWasPutThereIsReadBackUntilItIsRemoved) {
+TEST(FakeFileReader, AFileCanBeReadUntilItIsRemoved) {
   FakeFileReader reader;
   reader.addPropertyList("/a.plist", Dictionary{{"k", "v"}});
   EXPECT_EQ(reader.propertyListAtPath("/a.plist").value(), Value(Dictionary{{"k", "v"}}));

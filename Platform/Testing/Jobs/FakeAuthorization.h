@@ -12,7 +12,7 @@
 
 namespace platform {
 
-// Grants the right to change jobs to a caller whom the jobs' host allows to.
+// Grants the right to change jobs if the fake job host permits it to the caller.
 class FakeAuthorization final : public Authorization {
  public:
   // `jobs` outlives this.
@@ -24,7 +24,7 @@ class FakeAuthorization final : public Authorization {
                                    std::span<const std::string_view> rights,
                                    AuthorizationFlags flags) override;
 
-  // What was asked of it, in order.
+  // The requests, in order.
   struct Asked {
     std::vector<std::string> rights;
     AuthorizationFlags flags;

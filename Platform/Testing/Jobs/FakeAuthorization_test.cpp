@@ -24,7 +24,7 @@ std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<Fake
 
 INSTANTIATE_TEST_SUITE_P(Fake, AuthorizationContract, testing::Values(&makeOffice));
 
-TEST(FakeAuthorizationTest, ACallerWhomTheHostRefusesIsDenied) {
+TEST(FakeAuthorizationTest, ACallerThatTheHostRefusesIsDenied) {
   VirtualRunLoop loop;
   FakeExitWatcher exitWatcher(loop);
   FakeJobs jobs(loop, exitWatcher);

@@ -10,13 +10,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A client waits so long for a host that is not there, and looks so often.
-constexpr Duration kPatience = 5s;
-constexpr Duration kLookEvery = 50ms;
+// The time for which a client waits for an absent host, and the interval of its retries.
+constexpr Duration kRestartTimeOut = 5s;
+constexpr Duration kRetryInterval = 50ms;
 
 constexpr Duration kThrottle = 10s;
 constexpr Duration kExitTimeOut = 20s;
-// A program that can't be started is not tried more often, whatever its throttle.
+// A failed start is not retried more often than this, whatever the throttle.
 constexpr Duration kLeastRetry = 1s;
 
 std::unexpected<NSError> failure(LaunchdError code, std::string text) {
@@ -105,7 +105,7 @@ void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string
 void FakeJobs::setReachable(bool reachable) {
   reachable_ = reachable;
   if (!reachable) return;
-  // What a host finds at its start.
+  // Jobs that a host finds at its start.
   for (const auto& [label, job] : jobs_) {
     if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
   }
@@ -128,11 +128,11 @@ std::size_t FakeJobs::starts(std::string_view label) const {
 }
 
 bool FakeJobs::awaitHost() {
-  if (hasWaitedInVain_ && !reachable_) return false;
-  for (Duration waited{}; !reachable_ && waited < kPatience; waited += kLookEvery) {
-    loop_.sleepFor(kLookEvery);
+  if (isKnownAbsent_ && !reachable_) return false;
+  for (Duration waited{}; !reachable_ && waited < kRestartTimeOut; waited += kRetryInterval) {
+    loop_.sleepFor(kRetryInterval);
   }
-  hasWaitedInVain_ = !reachable_;
+  isKnownAbsent_ = !reachable_;
   return reachable_;
 }
 
@@ -167,7 +167,7 @@ Instant FakeJobs::earliestStart(const Job& job) const {
                   job.lastStart + secondsOf(job.dictionary, "ThrottleInterval", kThrottle));
 }
 
-// The host is another program: it starts processes also while this one waits.
+// The host is another program, so it starts processes even while this one waits.
 void FakeJobs::startWhenThrottleAllows(const std::string& label) {
   const Instant earliest = earliestStart(job(label));
   if (earliest == loop_.now()) return startAgain(label);
@@ -189,7 +189,7 @@ std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, cons
   if (auto admitted = admit(domain); !admitted) return admitted;
   if (auto checked = check(job); !checked) return checked;
   const std::string label = *job["Label"].string();
-  // A job that is being removed is submitted when it has gone.
+  // A job that is being removed is submitted after its end.
   awaitRemoval(label);
   const bool isNew = !jobs_.contains(label);
   Job& submitted = jobs_[label];
@@ -232,7 +232,7 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
 }
 
 void FakeJobs::awaitRemoval(std::string_view label) {
-  while (find(label) && find(label)->removing) loop_.sleepFor(kLookEvery);
+  while (find(label) && find(label)->removing) loop_.sleepFor(kRetryInterval);
 }
 
 Value FakeJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {

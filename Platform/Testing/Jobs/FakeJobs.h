@@ -14,35 +14,35 @@
 
 namespace platform {
 
-// A job host whose processes end when the test says so. It starts them again as the real one does,
-// at once or when their throttle allows it, and tells the exit watcher of each. Of a dictionary's
-// keys it checks only those that it uses; "KeepAlive" is a boolean to it.
+// A job host whose processes end when the test says so. Like the real one it restarts them, at once
+// or after their throttle, and reports each to the exit watcher. It checks only those keys of a
+// dictionary that it uses; "KeepAlive" must be a boolean.
 class FakeJobs final : public Jobs {
  public:
-  // Both outlive this; no process is left running by the time that the watcher ends.
+  // Both outlive this. All processes have ended when the watcher is destroyed.
   FakeJobs(VirtualRunLoop& loop, FakeExitWatcher& exitWatcher)
       : loop_(loop), exitWatcher_(exitWatcher) {}
   FakeJobs(const FakeJobs&) = delete;
   FakeJobs& operator=(const FakeJobs&) = delete;
 
-  // The job's process ends; it must have one.
+  // Ends the job's process; it must have one.
   void endProcess(std::string_view label, ExitStatus status = {});
 
-  // Programs at `path` can't be started from now on, for this reason; or can, without one.
+  // From now on programs at `path` can't be started for this reason, or can again without a reason.
   void setUnstartable(const std::string& path, std::optional<std::string> reason);
 
-  // The job's processes go on when they get SIGTERM.
+  // The job's processes ignore SIGTERM.
   void ignoreTermination(std::string_view label) { job(label).ignoresTermination = true; }
 
-  // Whether the host answers at all. Its jobs go on without it, but are not started again.
+  // Whether the host answers. Without it its jobs continue, but are not restarted.
   void setReachable(bool reachable);
 
-  // Whether the host takes changes from this caller, and lets it read.
+  // Whether the host accepts changes from this caller and lets it read.
   void setCallerAllowed(bool allowed) { callerAllowed_ = allowed; }
 
   std::vector<std::string> labels() const;
   std::optional<ProcessId> process(std::string_view label) const;
-  // How often a process of the job was started.
+  // The number of starts of the job.
   std::size_t starts(std::string_view label) const;
 
   std::expected<void, NSError> SMJobSubmit(std::string_view domain, const Value& job,
@@ -52,17 +52,17 @@ class FakeJobs final : public Jobs {
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
 
-  // What every call, and whoever else asks the host, does first: waits for a host that is not
-  // there, as long as the real client does, and not again before it has been there.
+  // The beginning of every call: waits for an absent host as long as the real client does, and then
+  // not again before the host has been there.
   bool awaitHost();
-  void waitAgain() { hasWaitedInVain_ = false; }
+  void waitAgain() { isKnownAbsent_ = false; }
   bool isCallerAllowed() const { return callerAllowed_; }
 
  private:
   struct Job {
     Value dictionary;
     std::optional<ProcessId> process;
-    std::optional<int> lastExitStatus;  // as wait() gives it
+    std::optional<int> lastExitStatus;  // in the format of wait()
     Instant lastStart{};
     std::size_t starts = 0;
     bool ignoresTermination = false;
@@ -82,9 +82,9 @@ class FakeJobs final : public Jobs {
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
-  std::map<std::string, std::string> unstartable_;  // why, by path
+  std::map<std::string, std::string> unstartable_;  // the reasons, by path
   bool reachable_ = true;
-  bool hasWaitedInVain_ = false;
+  bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;
   ProcessId lastProcess_ = 5000;
 };

@@ -129,7 +129,7 @@ TEST_F(FakeJobsTest, AJobThatIsNotKeptAliveStaysDown) {
   EXPECT_THAT(jobs_.labels(), ElementsAre(kLabel));
 }
 
-TEST_F(FakeJobsTest, ALaterStartThatFailsIsTriedAgain) {
+TEST_F(FakeJobsTest, AFailedLaterStartIsRetried) {
   submit({{"ThrottleInterval", 0}});
   jobs_.setUnstartable("/opt/agent", "No such file or directory");
   jobs_.endProcess(kLabel);
@@ -149,7 +149,7 @@ TEST_F(FakeJobsTest, ARemovalWaitsForTheExitTimeOut) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(FakeJobsTest, ARemovalThatDoesNotWaitGoesOnByItself) {
+TEST_F(FakeJobsTest, ARemovalWithoutWaitingContinuesByItself) {
   submit({{"ExitTimeOut", 7}});
   jobs_.ignoreTermination(kLabel);
   EXPECT_TRUE(remove(false));
@@ -171,7 +171,7 @@ TEST_F(FakeJobsTest, ARemovalIsOverWhenTheProcessEndsByItself) {
   EXPECT_TRUE(jobs_.process(kLabel));
 }
 
-TEST_F(FakeJobsTest, AJobThatIsBeingRemovedIsSubmittedWhenItHasGone) {
+TEST_F(FakeJobsTest, AJobUnderRemovalIsSubmittedAfterItsEnd) {
   submit({{"ExitTimeOut", 7}});
   const auto first = jobs_.process(kLabel);
   jobs_.ignoreTermination(kLabel);
@@ -196,7 +196,7 @@ TEST_F(FakeJobsTest, AnUnreachableHostCostsFiveSecondsOnce) {
   }
 }
 
-TEST_F(FakeJobsTest, AHostThatComesBackStartsWhatHadEnded) {
+TEST_F(FakeJobsTest, AReturningHostStartsEndedJobs) {
   submit();
   jobs_.setReachable(false);
   jobs_.endProcess(kLabel);
@@ -206,7 +206,7 @@ TEST_F(FakeJobsTest, AHostThatComesBackStartsWhatHadEnded) {
   EXPECT_TRUE(jobs_.process(kLabel));
 }
 
-TEST_F(FakeJobsTest, ACallerWhoIsNotAllowedChangesAndReadsNothing) {
+TEST_F(FakeJobsTest, ARefusedCallerCannotChangeOrReadJobs) {
   submit();
   jobs_.setCallerAllowed(false);
   const auto removed = remove(true);

@@ -12,35 +12,35 @@
 
 namespace platform {
 
-// Controls that a test offers. A request to one that hangs takes a second of virtual time.
+// Controls that a test offers. A request to a hung one takes a second of virtual time.
 class FakeKernelControls final : public KernelControls {
  public:
-  // `loop` outlives this, and this its sockets.
+  // `loop` outlives this, and this outlives its sockets.
   explicit FakeKernelControls(VirtualRunLoop& loop) : loop_(loop) {}
 
-  // Offers a control, in place of any other of the name. While `isListening`, where there is one,
-  // says no, nobody is there.
+  // Offers a control and replaces one of the same name. If `isListening` is given and returns
+  // false, nobody listens.
   void offer(std::string_view name, MakeControlHandler makeHandler,
              std::function<bool()> isListening = nullptr);
   void withdraw(std::string_view name) { controls_.erase(std::string(name)); }
-  // Connects clients and answers nothing, or does again.
+  // Whether it only connects clients and answers nothing.
   void setHanging(std::string_view name, bool isHanging) {
     controls_.at(std::string(name)).isHanging = isHanging;
   }
-  // Belongs to a user that nobody trusts with it.
+  // It belongs to a user who is not trusted.
   void setForeign(std::string_view name) { controls_.at(std::string(name)).isForeign = true; }
-  // There is a control of the name, to which nobody can connect.
+  // The control exists, but nobody can connect to it.
   void setUnreachable(std::string_view name) {
     controls_.at(std::string(name)).isUnreachable = true;
   }
   void setWithoutDescriptors(bool without) { withoutDescriptors_ = without; }
 
-  // How many clients are connected, and how many ever were.
+  // The numbers of connected clients, and of all clients so far.
   int clients(std::string_view name) const { return controls_.at(std::string(name)).clients; }
   int connections(std::string_view name) const {
     return controls_.at(std::string(name)).connections;
   }
-  // How often a control of this name was looked for.
+  // The number of lookups of this name.
   int searches(std::string_view name) const;
 
   Result<std::unique_ptr<ControlSocket>> openControlSocket() override;

@@ -29,7 +29,7 @@ std::unique_ptr<ControlsMachine> makeControlsMachine() {
 
 INSTANTIATE_TEST_SUITE_P(Fake, KernelControlsContract, testing::Values(&makeControlsMachine));
 
-TEST(FakeKernelControlsTest, ARequestToOneThatHangsTakesASecond) {
+TEST(FakeKernelControlsTest, ARequestToAHungControlTakesASecond) {
   VirtualRunLoop loop;
   FakeKernelControls controls(loop);
   KeepingHandler::Kept kept;
@@ -40,7 +40,7 @@ TEST(FakeKernelControlsTest, ARequestToOneThatHangsTakesASecond) {
   EXPECT_EQ(loop.now() - before, 1s);
 }
 
-TEST(FakeKernelControlsTest, KnowsItsClients) {
+TEST(FakeKernelControlsTest, CountsItsClients) {
   VirtualRunLoop loop;
   FakeKernelControls controls(loop);
   KeepingHandler::Kept kept;

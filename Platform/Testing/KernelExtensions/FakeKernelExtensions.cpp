@@ -51,7 +51,7 @@ Result<void> FakeKernelExtensions::KextManagerLoadKextWithIdentifier(
   if (!extensions_.contains(identifier)) {
     return extensionFailure(ErrorCode::kNotFound, 0, identifier, "no such extension");
   }
-  // A copy, since the test's callback may change everything.
+  // A copy, because the test's callback may change everything.
   if (const auto onLoad = at(identifier).onLoad) onLoad();
   Extension& extension = at(identifier);
   if (extension.loadFails) return extensionFailure(ErrorCode::kDenied, 0, identifier, "unsigned");

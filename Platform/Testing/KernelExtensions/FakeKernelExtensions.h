@@ -11,7 +11,7 @@
 
 namespace platform {
 
-// Extensions that a test installs. One that is loaded offers its control.
+// Extensions that a test installs. A loaded one offers its control.
 class FakeKernelExtensions final : public KernelExtensions {
  public:
   // Both outlive this.
@@ -20,28 +20,29 @@ class FakeKernelExtensions final : public KernelExtensions {
 
   void install(const std::string& identifier, MakeControlHandler makeHandler);
 
-  // From now on loading it, also again, fails; or does not.
+  // Whether loading it, also again, fails from now on.
   void setLoadFails(const std::string& identifier, bool fails) { at(identifier).loadFails = fails; }
-  // Loading it reports success and its control stays away: what the real loader never does.
+  // Loading it reports success although its control does not appear, which the real loader never
+  // does.
   void setWithoutControl(const std::string& identifier, bool without) {
     at(identifier).isWithoutControl = without;
   }
-  // Unloading it fails so many times.
+  // Unloading it fails `times` times.
   void setBusy(const std::string& identifier, int times) { at(identifier).busyTimes = times; }
-  // It crashes: it stays loaded without its control, as a job that waits for its next start.
+  // It crashes: it stays loaded without its control, like a job that waits for its next start.
   void crash(const std::string& identifier) { at(identifier).hasCrashed = true; }
   void setOnLoad(const std::string& identifier, std::function<void()> onLoad) {
     at(identifier).onLoad = std::move(onLoad);
   }
-  // Whether it is loaded can't be told for now; or can again.
+  // Whether the state of the extension is unknown.
   void setUnknown(const std::string& identifier, bool unknown) {
     at(identifier).isUnknown = unknown;
   }
-  // Loaded before anybody asked.
+  // Marks it as loaded from the beginning.
   void setLoaded(const std::string& identifier) { at(identifier).isLoaded = true; }
 
   bool isLoaded(const std::string& identifier) const { return extensions_.at(identifier).isLoaded; }
-  // What was asked, in order, as "load ID" and "unload ID".
+  // The requests in order, as "load ID" and "unload ID".
   const std::vector<std::string>& requests() const { return requests_; }
 
   Result<std::string> KextManagerCreateURLForBundleIdentifier(

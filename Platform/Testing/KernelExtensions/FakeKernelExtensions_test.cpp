@@ -38,14 +38,14 @@ std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() {
 
 INSTANTIATE_TEST_SUITE_P(Fake, KernelExtensionsContract, testing::Values(&makeExtensionsMachine));
 
-TEST(FakeKernelExtensionsTest, OneWhoseControlDoesNotListenIsWaitedForFiveSeconds) {
+TEST(FakeKernelExtensionsTest, AMissingControlIsAwaitedForFiveSeconds) {
   FakeExtensionsMachine machine;
   const Instant before = machine.loop().now();
   EXPECT_FALSE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kSilent, {}));
   EXPECT_EQ(machine.loop().now() - before, 5s);
 }
 
-TEST(FakeKernelExtensionsTest, OneThatHasCrashedIsLoadedAndDoesNotListen) {
+TEST(FakeKernelExtensionsTest, ACrashedExtensionIsLoadedAndDoesNotListen) {
   FakeExtensionsMachine machine;
   ASSERT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kGood, {}));
   machine.fake.crash(FakeExtensionsMachine::kGood);
@@ -55,7 +55,7 @@ TEST(FakeKernelExtensionsTest, OneThatHasCrashedIsLoadedAndDoesNotListen) {
   EXPECT_TRUE(machine.fake.KextManagerLoadKextWithIdentifier(FakeExtensionsMachine::kGood, {}));
 }
 
-TEST(FakeKernelExtensionsTest, WhetherOneIsLoadedMayNotBeKnown) {
+TEST(FakeKernelExtensionsTest, TheStateOfAnExtensionMayBeUnknown) {
   FakeExtensionsMachine machine;
   const std::string good = FakeExtensionsMachine::kGood;
   const auto information = [&] { return machine.fake.KextManagerCopyLoadedKextInfo({good})[good]; };
@@ -68,7 +68,7 @@ TEST(FakeKernelExtensionsTest, WhetherOneIsLoadedMayNotBeKnown) {
   EXPECT_FALSE(information().isNil());
 }
 
-TEST(FakeKernelExtensionsTest, DoesWhatTheTestSays) {
+TEST(FakeKernelExtensionsTest, ActsAsTheTestSays) {
   FakeExtensionsMachine machine;
   const std::string good = FakeExtensionsMachine::kGood;
   machine.fake.setLoadFails(good, true);

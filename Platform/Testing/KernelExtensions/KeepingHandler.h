@@ -13,7 +13,8 @@
 
 namespace platform {
 
-// Option N is what was written to it, by whatever client. The numbers below are other than that.
+// Option N returns the bytes that any client has written to it. The numbers below have other
+// effects.
 class KeepingHandler final : public ControlHandler {
  public:
   static constexpr std::uint32_t kRefused = 100;
@@ -21,7 +22,7 @@ class KeepingHandler final : public ControlHandler {
   static constexpr std::uint32_t kTooLong = 102;
 
   struct Kept {
-    std::mutex mutex;  // The handlers may belong to another thread than the test.
+    std::mutex mutex;  // The handlers may run on another thread than the test.
     std::vector<std::pair<std::uint32_t, Data>> options;
   };
 

@@ -10,7 +10,7 @@
 
 namespace platform {
 
-// A sink that keeps what it is given, and can be made to refuse. Any thread may use it.
+// Records messages, and can be made to refuse them. Any thread may use it.
 class FakeLogSink final : public LogSink {
  public:
   struct Message {
@@ -28,18 +28,18 @@ class FakeLogSink final : public LogSink {
   void fail();
   void recover();
 
-  // Writes refused so far.
+  // The number of refused writes.
   std::size_t refused() const;
 
   std::vector<Message> messages() const;
-  // The texts alone, in order.
+  // Only the texts, in order.
   std::vector<std::string> texts() const;
   std::vector<Message> messagesAtLevel(AslLevel level) const;
   std::vector<Message> messagesOf(std::string_view ident) const;
-  // Messages whose text contains `part`.
+  // The number of messages whose text contains `part`.
   std::size_t count(std::string_view part) const;
   void clear();
-  // What there is, which is then forgotten.
+  // Returns the messages and removes them.
   std::vector<Message> take();
 
  private:

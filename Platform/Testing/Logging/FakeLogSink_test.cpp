@@ -30,7 +30,7 @@ std::unique_ptr<LogSinkHarness> makeFakeLogSinkHarness() {
 
 INSTANTIATE_TEST_SUITE_P(Fake, LogSinkContract, testing::Values(&makeFakeLogSinkHarness));
 
-TEST(FakeLogSinkTest, AnswersWhatWasWritten) {
+TEST(FakeLogSinkTest, ReturnsTheWrittenMessages) {
   FakeLogSink sink;
   ASSERT_TRUE(sink.write({"A", "f", ASL_LEVEL_ERR, "no service"}));
   ASSERT_TRUE(sink.write({"B", "f", ASL_LEVEL_DEBUG, "a service"}));

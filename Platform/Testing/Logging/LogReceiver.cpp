@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kLargestDatagram = std::size_t{1} << 20;
 
-// A test without its surroundings says nothing.
+// A test without its environment proves nothing.
 void require(bool condition) {
   if (!condition) std::abort();
 }
@@ -134,7 +134,7 @@ std::optional<std::string> unescapeLogText(std::string_view text) {
 }
 
 std::optional<ParsedLogLine> parseSyslogLine(std::string_view line) {
-  // The names only: a long text is too much for the regular expression.
+  // Only the names: a long text is too much for the regular expression.
   static const std::regex kForm(
       R"(^<(\d+)>([A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d) ([^ \[:\]]*)\[(\d+)\]: \(([^)]*)\) )",
       std::regex::optimize);

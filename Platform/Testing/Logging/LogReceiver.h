@@ -9,24 +9,24 @@
 
 namespace platform {
 
-// A datagram socket where the system's log daemons have theirs.
+// A datagram socket in the place of a system's log daemon.
 class LogReceiver {
  public:
   struct Datagram {
     std::string bytes;
-    // What a passed descriptor's file holds, where one came; and whether it can still be changed.
+    // The content of the passed descriptor's file, if there is one, and whether it is sealed.
     std::optional<std::string> file;
     bool sealed = false;
   };
 
-  // Binds the path, of any length; a socket that lies there already is replaced.
+  // Binds a path of any length and replaces an existing socket.
   explicit LogReceiver(std::string path);
   LogReceiver(const LogReceiver&) = delete;
   LogReceiver& operator=(const LogReceiver&) = delete;
-  // The socket's file stays, as that of a daemon that was killed.
+  // The socket's file stays, like that of a killed daemon.
   ~LogReceiver();
 
-  // What has come since the last call, without waiting.
+  // The datagrams since the last call; does not block.
   std::vector<Datagram> take();
   int descriptor() const { return socket_; }
 
@@ -34,14 +34,14 @@ class LogReceiver {
   int socket_ = -1;
 };
 
-// The fields of an entry in the journal's native protocol; nothing when it is ill-formed.
+// The fields of an entry in the journal's native protocol; std::nullopt if it is ill-formed.
 std::optional<std::map<std::string, std::string>> parseJournalEntry(std::string_view entry);
 
-// The original of an escaped text; nothing when it is ill-formed.
+// The original of an escaped text; std::nullopt if it is ill-formed.
 std::optional<std::string> unescapeLogText(std::string_view text);
 
-// A message of the classic system log, or a line of the log file without its line break; nothing
-// when it is ill-formed.
+// A message of the classic system log, or a line of the log file without its line break. The
+// parsers return std::nullopt if it is ill-formed.
 struct ParsedLogLine {
   std::string time;
   std::string host;  // only in a file
@@ -54,7 +54,7 @@ struct ParsedLogLine {
 std::optional<ParsedLogLine> parseSyslogLine(std::string_view line);
 std::optional<ParsedLogLine> parseLogFileLine(std::string_view line);
 
-// A folder in the system's place for temporary files, removed with all that is in it.
+// A folder in the system's folder for temporary files. The destructor removes it with its content.
 class TemporaryLogFolder {
  public:
   TemporaryLogFolder();
@@ -62,7 +62,7 @@ class TemporaryLogFolder {
   TemporaryLogFolder& operator=(const TemporaryLogFolder&) = delete;
   ~TemporaryLogFolder();
 
-  // The path of `name` in it.
+  // The path of `name` in the folder.
   std::string path(std::string_view name) const;
 
  private:

@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// Lets this process open no descriptor while it lives, or one at a time.
+// While it lives, this process can open no descriptor, or only one at a time.
 class DescriptorShortage {
  public:
   enum class Left { kNone, kOne };

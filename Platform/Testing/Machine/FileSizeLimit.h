@@ -7,8 +7,8 @@
 
 namespace platform {
 
-// Lets no file of this process grow beyond a size while it lives: the system takes what fits, as
-// where a disk is full, and sends SIGXFSZ, whose default action is to end the process.
+// While it lives, no file of this process can grow beyond a size. As with a full disk, the system
+// writes the part that fits. It also sends SIGXFSZ, whose default action ends the process.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) {

@@ -5,7 +5,7 @@
 
 namespace platform {
 
-// An empty folder for one test, removed with all that it then holds.
+// An empty folder for one test. The destructor removes it with its content.
 class TemporaryFolder {
  public:
   TemporaryFolder();
@@ -15,10 +15,10 @@ class TemporaryFolder {
 
   // Absolute, without symbolic links and without a slash at its end.
   const std::string& path() const { return path_; }
-  // The path of something below it.
+  // The path of `below` in the folder.
   std::string path(std::string_view below) const { return path_ + "/" + std::string(below); }
 
-  // Makes a file below it, replacing what was there, and the folders that lead to it. Returns its
+  // Writes a file in the folder, replacing an old one, and makes the folders above it. Returns its
   // path.
   std::string write(std::string_view below, std::string_view content) const;
 
@@ -26,7 +26,7 @@ class TemporaryFolder {
   std::string path_;
 };
 
-// All that the file holds; nothing where it can't be read.
+// The whole content of the file; empty if it can't be read.
 std::string contentOfFile(const std::string& path);
 
 }  // namespace platform

@@ -16,12 +16,12 @@ class TestStream {
 
   // The end under test.
   Descriptor descriptor() const { return ours_; }
-  // Makes it readable by so many bytes.
+  // Makes it readable by `count` bytes.
   void write(std::size_t count);
-  // Takes up to so many bytes from it, without waiting. How many there were.
+  // Reads up to `count` bytes from it without blocking. Returns how many there were.
   std::size_t read(std::size_t count);
 
-  // The other side goes; what it wrote can still be read.
+  // Closes the other end; the bytes that it wrote can still be read.
   void closePeer();
 
  private:
@@ -45,7 +45,7 @@ class TestFile {
   bool open_ = true;
 };
 
-// How many descriptors this process has open.
+// The number of this process's open descriptors.
 std::size_t openDescriptors();
 
 }  // namespace platform

@@ -13,7 +13,7 @@
 
 namespace platform {
 
-// What one of a test's programs has for its connections. Belongs to its loop's thread.
+// One program's objects for named connections in a test. Belongs to its loop's thread.
 struct ConnectedProgram {
   ConnectedProgram(RunLoop& itsLoop, PeerTransport& itsTransport, NamedConnections::PathOfName path)
       : loop(itsLoop),
@@ -28,7 +28,7 @@ struct ConnectedProgram {
   NamedConnections connections;
 };
 
-// A delegate that shows one text and expects another.
+// A delegate that sends one text and expects another.
 class TokenDelegate final : public NSConnectionDelegate {
  public:
   TokenDelegate(std::string shown, std::string expected)

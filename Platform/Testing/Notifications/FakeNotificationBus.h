@@ -12,17 +12,17 @@
 
 namespace platform {
 
-// A bus between centres that stand for different programs, on one run loop, which it must not
-// outlive.
+// A bus between centres that stand for different programs, on one run loop. It must not outlive the
+// loop.
 class FakeNotificationBus {
  public:
   explicit FakeNotificationBus(RunLoop& loop) : loop_(loop) {}
   ~FakeNotificationBus();
 
-  // What can't be posted is logged there, as the real centre does.
+  // The centre logs failed posts to `log`, as the real one does.
   std::unique_ptr<DistributedNotificationCenter> makeCenter(SystemLog& log);
 
-  // What is posted while it is stopped is lost. Its return is told once it has been stopped.
+  // Posts to a stopped bus are lost. start() after stop() is reported as the bus's return.
   void stop() { running_ = false; }
   void start();
 

@@ -19,7 +19,7 @@ namespace {
 
 Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
-// A name that nobody can guess.
+// A name that can't be guessed.
 class FakeEndpoint final : public NSXPCListenerEndpoint {
  public:
   explicit FakeEndpoint(std::string path) : path_(std::move(path)) {}
@@ -39,8 +39,8 @@ Result<std::size_t> checkedBytes(std::string_view selector, const Array& argumen
 
 }  // namespace
 
-// One process's side of a connection. Shared by its owner's connection, its replies, the other side
-// and the loop's posts, since any handler may destroy the connection.
+// One process's side of a connection. Any handler may destroy the connection, so it is shared by
+// its owner's connection, its replies, the other side and the loop's posts.
 class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
  public:
   struct Item {
@@ -52,7 +52,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     std::size_t bytes = 0;
   };
   struct Outstanding {
-    PeerConnection::Completion completion;  // none for a blocking one
+    PeerConnection::Completion completion;  // empty for a blocking call
     std::unique_ptr<RunLoopHandle> timer;
     std::optional<MessageResult> answer;
   };
@@ -74,7 +74,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     post(Urgency::kOrdinary);
   }
 
-  // Serves one item, or the end; posted for each of them.
+  // Serves one item, or the end; each item has its own post.
   void post(Urgency urgency) {
     loop().post(
         [weak = weak_from_this(), urgency] {
@@ -94,7 +94,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     return true;
   }
 
-  // While this process waits, answers to calls that do not wait are left for the loop.
+  // While this process waits, answers to asynchronous calls are left to the loop.
   bool serveOneRequest() {
     const auto found = std::ranges::find_if(
         inbox_, [](const Item& item) { return item.kind == Item::Kind::kRequest; });
@@ -122,7 +122,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     held_.reset();
     inbox_.clear();
     if (!other_->ended_) return other_->post(Urgency::kConnectionDeath);
-    // Neither needs the other any more.
+    // The sides no longer need each other.
     const auto other = std::move(other_);
     other->other_.reset();
   }
@@ -153,7 +153,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
   bool admitted_ = true;
 
   std::deque<Item> inbox_;
-  std::size_t unread_ = 0;  // bytes of what the other side has sent and this has not taken
+  std::size_t unread_ = 0;  // bytes that the other side has sent and this side has not read
   std::map<std::uint32_t, Outstanding> outstanding_;
   std::uint32_t lastSerial_ = 0;
   std::size_t answersOwed_ = 0;
@@ -180,7 +180,7 @@ class FakePeerTransport::Reply final : public PeerReply {
   }
 
  private:
-  std::shared_ptr<End> end_;  // none once it is answered
+  std::shared_ptr<End> end_;  // null after the answer
   const std::uint32_t serial_;
 };
 
@@ -188,7 +188,7 @@ void FakePeerTransport::End::deliver(Item item) {
   unread_ -= item.bytes;
   if (item.kind == Item::Kind::kRequest) return deliverRequest(std::move(item));
   const auto found = outstanding_.find(item.serial);
-  if (found == outstanding_.end()) return;  // Too late.
+  if (found == outstanding_.end()) return;  // The call has timed out.
   if (!found->second.completion) {
     found->second.answer = std::move(item.result);
     return;
@@ -219,7 +219,7 @@ void FakePeerTransport::End::deliverRequest(Item item) {
   handlers->message(std::move(message));
 }
 
-// False where the other side leaves too much unread.
+// False if the other side leaves too much unread.
 bool FakePeerTransport::End::transmit(Item item) {
   const bool inFile = item.bytes + kPeerMessageHeaderBytes > kMaxPeerMessageBytes;
   item.bytes = (inFile ? 0 : item.bytes) + kPeerMessageHeaderBytes;
@@ -247,7 +247,7 @@ MessageResult FakePeerTransport::End::call(std::string_view selector, const Arra
   bool sent = false;
   const auto other = other_;
   process_.waitingIn_.push_back(this);
-  // Whatever can be done by either side is done at once; then time passes.
+  // First everything that both sides can do at once; then time passes.
   const auto settled = [&] {
     for (bool progress = true; progress;) {
       const bool wasSent = sent;
@@ -269,7 +269,7 @@ MessageResult FakePeerTransport::End::call(std::string_view selector, const Arra
   return inTime ? raisedGone() : raised(kNSPortTimeoutException, "No answer in time.");
 }
 
-// Answers to blocking calls, which get them at once.
+// Stores answers for blocking calls at once.
 void FakePeerTransport::End::takeAnswers() {
   std::erase_if(inbox_, [this](Item& item) {
     const auto found = outstanding_.find(item.serial);
@@ -433,7 +433,7 @@ class FakePeerNetwork::Listener final : public PeerListener {
     }
   }
 
-  // Gives the newcomer to the owner. False where it is turned away.
+  // Hands the new connection to the owner. False if it is rejected.
   bool handOn(const std::shared_ptr<FakePeerTransport::End>& end, std::uint32_t user) {
     end->held_ =
         users_->hold(user, places_->isFavoured(user) ? std::numeric_limits<std::size_t>::max()
@@ -457,7 +457,7 @@ class FakePeerNetwork::Listener final : public PeerListener {
   FakePeerNetwork& network_;
   const std::string path_;
   const PeerListenerOptions options_;
-  std::shared_ptr<PeerTransport::NewConnection> onConnection_;  // with calls under way
+  std::shared_ptr<PeerTransport::NewConnection> onConnection_;  // with running calls
   std::shared_ptr<PeerPlaces> places_;                          // with connections that hold them
   std::shared_ptr<PeerUserCounts> users_;
 };

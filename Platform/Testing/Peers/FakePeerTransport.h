@@ -13,7 +13,7 @@ namespace platform {
 
 class FakePeerTransport;
 
-// The names that the processes of a test listen on.
+// The names on which the processes of a test listen.
 class FakePeerNetwork {
  public:
   explicit FakePeerNetwork(VirtualRunLoop& loop) : loop_(loop) {}
@@ -28,15 +28,15 @@ class FakePeerNetwork {
   VirtualRunLoop& loop_;
   class Listener;
   std::map<std::string, Listener*> listeners_;
-  std::size_t anonymous_ = 0;  // of those, made so far
+  std::size_t anonymous_ = 0;  // the number of anonymous listeners so far
 };
 
-// The connections of one process. All processes share the virtual loop and the test's one thread: a
-// blocking call is served by the other process at once, inside the call; where that keeps the
-// answer, virtual time passes until an outside event brings it or the time-out ends.
+// The connections of one process. All processes share the virtual loop and the test's only thread:
+// the other process serves a blocking call at once, inside the call. If it keeps the answer,
+// virtual time passes until an outside event brings the answer or the time-out ends.
 //
-// A process that waits in a call of its own serves only what that connection's options let it, as
-// the real one does. Must outlive its connections, and the network all processes.
+// As in the real one, a process that waits in a call of its own serves only that connection, and
+// only if its options permit it. It must outlive its connections, and the network all processes.
 class FakePeerTransport final : public PeerTransport {
  public:
   FakePeerTransport(FakePeerNetwork& network, PeerCredentials self);
@@ -49,7 +49,7 @@ class FakePeerTransport final : public PeerTransport {
                                                NewConnection onConnection) override;
   Result<Anonymous> listenAnonymously(const PeerListenerOptions& options,
                                       NewConnection onConnection) override;
-  // Any number: the descriptor stands for a name "passed/NUMBER" to connect to.
+  // Any number: the descriptor stands for a name "passed/NUMBER" to which clients can connect.
   Result<std::unique_ptr<PeerListener>> listenOn(Descriptor passed,
                                                  const PeerListenerOptions& options,
                                                  NewConnection onConnection) override;
@@ -58,12 +58,12 @@ class FakePeerTransport final : public PeerTransport {
   std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> connectToEndpoint(
       const NSXPCListenerEndpoint& endpoint, const PeerConnectOptions& options) override;
 
-  // The process takes nothing from its sockets until it is let go on.
+  // The process stops reading from its sockets until goOn().
   void hang();
   void goOn();
 
-  // The process is gone: its connections end without a word, and nothing calls it back. The names
-  // it listened on stay as leftovers.
+  // The process ends: its connections end without callbacks for it. The names on which it listened
+  // stay as leftovers.
   void die();
 
  private:
@@ -79,7 +79,7 @@ class FakePeerTransport final : public PeerTransport {
   const PeerCredentials self_;
   bool hung_ = false;
   bool dead_ = false;
-  std::vector<const End*> waitingIn_;  // calls under way, the innermost last
+  std::vector<const End*> waitingIn_;  // running calls, the innermost last
   std::vector<std::weak_ptr<End>> ends_;
 };
 

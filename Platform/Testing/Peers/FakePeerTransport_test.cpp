@@ -90,7 +90,7 @@ TEST_F(FakePeerTransportTest, ABlockingCallTimesOutInVirtualTime) {
   EXPECT_EQ(loop_.now() - before, 10s);
 }
 
-TEST_F(FakePeerTransportTest, ThePlaceOfWhoIsNotAdmittedLastsFiveSeconds) {
+TEST_F(FakePeerTransportTest, TheAdmissionTimeIsFiveSeconds) {
   const auto listener = listen(daemon_);
   const auto connection = std::move(*client_.connect("name", {}));
   loop_.advanceBy(5s - 1ns);
@@ -148,7 +148,7 @@ TEST_F(FakePeerTransportTest, AProcessThatWaitsServesNoOtherConnection) {
   EXPECT_EQ(inner.error().name, kNSPortTimeoutException);
   EXPECT_TRUE(replies_.empty());
   loop_.runReady();
-  EXPECT_EQ(replies_.size(), 1u);  // Served late, as by the real one.
+  EXPECT_EQ(replies_.size(), 1u);  // Served late, as in the real one.
 }
 
 TEST_F(FakePeerTransportTest, ADeathComesBeforeAnOrdinaryMessageOfAnother) {
@@ -167,7 +167,7 @@ TEST_F(FakePeerTransportTest, ADeathComesBeforeAnOrdinaryMessageOfAnother) {
   EXPECT_EQ(order, (std::vector<std::string>{"death", "message"}));
 }
 
-// An answer of one piece of data counts for the data and 1,032 bytes.
+// An answer with one piece of data counts as the data and 1,032 bytes.
 TEST_F(FakePeerTransportTest, TheBytesOfUnreadAnswersAreLimited) {
   for (const int excess : {-1, 0, 1}) {
     SCOPED_TRACE(excess);

@@ -10,12 +10,12 @@ namespace platform {
 struct FakeExitWatcher::Process {
   Parent parent = Parent::kSomebodyElse;
   bool ended = false;
-  std::optional<ExitStatus> status;  // until the first who asks, where the parent is the program
+  std::optional<ExitStatus> status;  // until the first caller gets it, if the program is the parent
   std::vector<std::weak_ptr<Watched>> watches;
 };
 
 struct FakeExitWatcher::Watched {
-  std::shared_ptr<Process> process;  // Null where it had gone already.
+  std::shared_ptr<Process> process;  // Null if it had ended already.
   Callback onExit;
 };
 
@@ -24,7 +24,7 @@ class FakeExitWatcher::Watch final : public RunLoopHandle {
   explicit Watch(std::shared_ptr<Watched> watched) : watched_(std::move(watched)) {}
 
  private:
-  // Shared with a report that is under way: the callback may destroy the watch.
+  // Shared with a running report: the callback may destroy the watch.
   std::shared_ptr<Watched> watched_;
 };
 
@@ -99,7 +99,7 @@ void FakeExitWatcher::report(const std::shared_ptr<Watched>& watched) {
           std::erase_if(processes_,
                         [&](const auto& entry) { return entry.second == reported->process; });
         }
-        Callback onExit = std::move(reported->onExit);  // Goes when it has run.
+        Callback onExit = std::move(reported->onExit);  // It is destroyed after it has run.
         onExit(status);
       },
       Urgency::kProcessExit);

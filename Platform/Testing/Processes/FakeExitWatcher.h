@@ -12,11 +12,11 @@
 
 namespace platform {
 
-// Knows the processes that the test has started, and reports their ends. A number that it does not
-// know is a process that has gone.
+// Reports the ends of processes that the test has started. Any other number is a process that has
+// ended.
 class FakeExitWatcher final : public ExitWatcher {
  public:
-  // Whether the program under test may learn how the process ended.
+  // Whether the program under test is the parent and so learns the exit status.
   enum class Parent { kProgram, kSomebodyElse };
 
   // `loop` outlives this and its watches.
@@ -24,18 +24,18 @@ class FakeExitWatcher final : public ExitWatcher {
 
   // A number may be used again after its process has ended.
   void startProcess(ProcessId process, Parent parent = Parent::kSomebodyElse);
-  // A thread beside its process's first one: it has a number, but can't be watched.
+  // A thread that is not the first of its process: it has a number, but can't be watched.
   void startThread(ProcessId thread) { threads_.insert(thread); }
-  // A child of the program stays until a watch has reaped it or it is reaped here.
+  // A child of the program stays until a watch has reaped it or reap() is called.
   void endProcess(ProcessId process, ExitStatus status = {});
   void reap(ProcessId process);
 
-  // Running, or ended and not yet reaped.
+  // Whether it runs, or has ended without being reaped.
   bool isKnown(ProcessId process) const { return processes_.contains(process); }
 
-  // Watches of processes that have not ended.
+  // The number of watches of processes that have not ended.
   std::size_t watchCount() const;
-  // With so many, the system has no descriptor left.
+  // With this number of watches the system has no descriptor left.
   void setWatchLimit(std::size_t limit) { watchLimit_ = limit; }
 
   Result<std::unique_ptr<RunLoopHandle>> watchExit(ProcessId process, Callback onExit) override;
@@ -48,7 +48,7 @@ class FakeExitWatcher final : public ExitWatcher {
   void report(const std::shared_ptr<Watched>& watched);
 
   VirtualRunLoop& loop_;
-  // Shared with the watches, since the number may come to mean another process while they live.
+  // Shared with the watches, because the number may be used again while they live.
   std::map<ProcessId, std::shared_ptr<Process>> processes_;
   std::set<ProcessId> threads_;
   std::size_t watchLimit_ = std::numeric_limits<std::size_t>::max();

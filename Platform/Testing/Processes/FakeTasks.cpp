@@ -14,7 +14,7 @@ void FakeFileHandle::deliver(std::string_view chunk) {
 }
 
 void FakeFileHandle::callHandler() {
-  // Counted, since a handler need not read.
+  // The calls are counted, because a handler need not read.
   for (std::size_t left = chunks_.size(); left > 0; --left) handler_(*this);
 }
 
@@ -86,7 +86,7 @@ class FakeTasks::FakeTask final : public Task {
   std::vector<std::string> arguments_;
   std::unique_ptr<FakeFileHandle> output_;
   std::unique_ptr<FakeFileHandle> error_;
-  std::vector<std::shared_ptr<void>> kept_;  // of whoever asked for it, who may keep it too
+  std::vector<std::shared_ptr<void>> kept_;  // shared with the objects that asked for them
   std::optional<Program> program_;
   bool launched_ = false;
   int status_ = -1;

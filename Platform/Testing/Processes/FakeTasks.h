@@ -13,17 +13,17 @@
 
 namespace platform {
 
-// A file handle on which a test lays what is to be read, chunk by chunk.
+// A file handle to which a test adds chunks of data.
 class FakeFileHandle final : public FileHandle {
  public:
   FakeFileHandle(NotificationCenter& center, bool callsHandlers)
       : center_(center), callsHandlers_(callsHandlers) {}
 
-  // One more chunk; whoever waits for it is told.
+  // Adds a chunk and notifies a waiting reader.
   void deliver(std::string_view chunk);
-  // One more chunk of which nobody is told.
+  // Adds a chunk without a notice.
   void hold(std::string_view chunk) { chunks_.emplace_back(chunk.begin(), chunk.end()); }
-  // Calls the handler for all that is held.
+  // Calls the handler for all chunks.
   void callHandler();
 
   bool hasHandler() const { return handler_ != nullptr; }
@@ -43,7 +43,7 @@ class FakeFileHandle final : public FileHandle {
   bool waitedFor_ = false;
 };
 
-// Programs that a test describes. Any other path is not accessible.
+// Programs with a scripted behaviour. Any other path is not accessible.
 class FakeTasks final : public Tasks {
  public:
   enum class Stream { kOutput, kError };
@@ -53,7 +53,7 @@ class FakeTasks final : public Tasks {
   };
   struct Program {
     std::vector<Chunk> whileRunning;
-    std::vector<Chunk> atItsEnd;  // what the pipes hold when it has ended
+    std::vector<Chunk> atItsEnd;  // the content of the pipes at its end
     int status = 0;
     std::optional<NSException> raised = std::nullopt;  // by the launch
     std::function<void()> run = nullptr;               // after `whileRunning`
@@ -70,7 +70,7 @@ class FakeTasks final : public Tasks {
   void setProgram(std::string path, Program program) {
     programs_[std::move(path)] = std::move(program);
   }
-  // No pipe can be made from now on.
+  // From now on no pipe can be made.
   void setWithoutPipes() { withoutPipes_ = true; }
 
   const std::vector<Launch>& launches() const { return launches_; }

@@ -14,7 +14,7 @@ inline std::string bigEndian(std::uint64_t value, std::size_t size) {
   return bytes;
 }
 
-// A binary property list put together by hand, any part of which can be wrong.
+// A binary property list assembled by hand; every part of it can be wrong.
 struct BinaryPropertyListLayout {
   std::vector<std::string> objects;  // marker and content of each
   std::uint64_t top = 0;

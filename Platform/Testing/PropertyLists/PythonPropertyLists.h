@@ -8,14 +8,14 @@
 
 namespace platform {
 
-// What Python's plistlib, an implementation that has nothing in common with ours, makes of a list.
+// The result of Python's plistlib for a list. That implementation is independent of ours.
 struct PythonPropertyList {
-  std::string canonical;  // of what it read, as canonicalText(); "!..." where it refused
-  Data xml;               // what it writes for that, both empty where it refused to
+  std::string canonical;  // canonicalText() of the value it read; "!..." if it refused
+  Data xml;               // its output for the value, both empty if it refused
   Data binary;
 };
 
-// Gives all lists to one Python process and returns its answers in the same order; nothing if
+// Passes all lists to one Python process and returns its results in the same order; std::nullopt if
 // Python can't be run. Blocks until it has ended.
 std::optional<std::vector<PythonPropertyList>> readWithPython(const std::vector<Data>& lists);
 

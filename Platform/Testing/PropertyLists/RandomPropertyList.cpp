@@ -39,7 +39,7 @@ class Generator {
   }
 
  private:
-  // Not a distribution of the library's: those differ from one library to the next.
+  // The standard library's distributions differ between libraries.
   std::uint32_t below(std::uint32_t bound) { return static_cast<std::uint32_t>(random_() % bound); }
   std::uint64_t bits() { return std::uint64_t{random_()} << 32 | random_(); }
 
@@ -67,7 +67,7 @@ class Generator {
 
   Value date() {
     if (options_.onlyRecentDates) return Date{static_cast<double>(below(1'893'456'000))};
-    // From the year 1 to 9999.
+    // In the years 1 to 9999.
     const auto seconds = static_cast<double>(bits() % 315'537'897'600) - 63'113'904'000.0;
     return Date{options_.fractionalDates ? seconds + below(8) / 8.0 : seconds};
   }
@@ -79,7 +79,7 @@ class Generator {
   }
 
   std::string text() {
-    // The carriage return is the last.
+    // The carriage return is the last one.
     constexpr std::array kPieces = {"a",
                                     "Z",
                                     " ",

@@ -12,7 +12,7 @@ namespace platform {
 
 namespace {
 
-// What can't be waited for is always ready for poll(2), but the real loop refuses it.
+// poll(2) reports such descriptors as ready, but the real loop refuses them.
 bool canBeWaitedFor(Descriptor descriptor) {
   struct stat status{};
   if (::fstat(descriptor, &status) != 0) return false;
@@ -44,7 +44,7 @@ class PolledSources::Source final : public RunLoopHandle {
   Descriptor descriptor() const { return descriptor_; }
 
   bool ready() const {
-    // One that is being called back is not called from inside itself.
+    // A running source is not called recursively.
     if (destroyed_ != nullptr) return false;
     pollfd entry{descriptor_, eventsOf(key_.first), 0};
     return ::poll(&entry, 1, 0) > 0;
@@ -66,7 +66,7 @@ class PolledSources::Source final : public RunLoopHandle {
   const Key key_;
   const Descriptor descriptor_;
   Callback callback_;
-  bool* destroyed_ = nullptr;  // Set while the callback runs: where to say that we are gone.
+  bool* destroyed_ = nullptr;  // Non-null while the callback runs; the destructor sets it.
 };
 
 Result<std::unique_ptr<RunLoopHandle>> PolledSources::add(Descriptor descriptor, Urgency urgency,

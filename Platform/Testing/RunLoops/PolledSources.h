@@ -9,8 +9,8 @@
 
 namespace platform {
 
-// Readable sources on real descriptors for a loop whose time is not real: they are looked at with
-// poll(2), and nothing is ever waited for.
+// Readable sources on real descriptors for a loop with virtual time: they are checked with poll(2),
+// which never blocks here.
 class PolledSources {
  public:
   using Callback = RunLoop::Callback;
@@ -23,7 +23,8 @@ class PolledSources {
   Result<std::unique_ptr<RunLoopHandle>> add(Descriptor descriptor, Urgency urgency,
                                              Callback callback);
 
-  // Calls back one source of this urgency that is ready, each in its turn. Whether there was one.
+  // Calls one source of this urgency that is ready; ready sources take turns. Returns whether there
+  // was one.
   bool callOne(Urgency urgency);
 
  private:

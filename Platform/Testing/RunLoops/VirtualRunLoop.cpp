@@ -7,8 +7,8 @@
 namespace platform {
 
 VirtualRunLoop::~VirtualRunLoop() {
-  // While everything still stands: a callback may hold timers and sources of this loop, and may
-  // post once more when it goes.
+  // Drop the posts while all members still exist: a callback may own timers and sources of this
+  // loop, and its destructor may post again.
   for (auto& queue : urgentPosts_) {
     while (queue.pop()) {
     }
@@ -110,7 +110,7 @@ bool VirtualRunLoop::callDue() {
 
 bool VirtualRunLoop::serveOne() {
   if (callUrgent()) return true;
-  // Sources and the rest take turns, so that none of them keeps the other from being served.
+  // Sources and other callbacks take turns, so that neither starves the other.
   if (!sourceWasLast_ && sources_.callOne(Urgency::kOrdinary)) return sourceWasLast_ = true;
   sourceWasLast_ = false;
   return callDue() || sources_.callOne(Urgency::kOrdinary);

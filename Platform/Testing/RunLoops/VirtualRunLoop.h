@@ -15,16 +15,16 @@
 
 namespace platform {
 
-// A run loop whose time passes only when a test says so, or, inside run(), from one timer straight
-// to the next. What is due runs in the order of time, then of creation (a post counts as due when
-// it was posted), and each callback sees its own due time as now(), unless a wait has already taken
-// the time past it. Urgencies are served as on the real loop.
+// A run loop whose time passes only when a test says so, or, inside run(), by jumps from one timer
+// to the next. Due callbacks run in the order of time, then of creation (a post is due when it was
+// posted). Each callback sees its own due time as now(), unless a wait has already passed it.
+// Urgencies are served as on the real loop.
 //
 // Beside the loop's own callbacks there are outside events: things that happen to the program while
-// it runs or waits, such as a process that starts or ends. They also happen during sleepFor().
+// it runs or waits, such as the start or end of a process. They also happen during sleepFor().
 //
-// Sources work on real descriptors but are only looked at, never waited for. Time stands still as
-// long as one of them is readable.
+// Sources use real descriptors, which are only polled. Time does not pass while one of them is
+// readable.
 class VirtualRunLoop final : public RunLoop {
  public:
   VirtualRunLoop() = default;
@@ -40,30 +40,30 @@ class VirtualRunLoop final : public RunLoop {
   Result<std::unique_ptr<RunLoopHandle>> watchReadable(Descriptor descriptor, Urgency urgency,
                                                        Callback callback) override;
 
-  // Returns also when nothing is left that could ever call stop(): no timer, post, outside event or
+  // Also returns if nothing is left that could ever call stop(): no timer, post, outside event or
   // readable source. (The real loop would wait for ever.)
   void run() override;
   void stop() override { stopping_ = true; }
 
-  // Moves the time; no timer, post or source is served, outside events happen.
+  // Advances the time. No timer, post or source is served, but outside events happen.
   void sleepFor(Duration duration) override;
 
-  // A wait like sleepFor() that ends early when `done` holds, which is asked at the start and after
-  // the outside events of each instant. Whether it came to hold.
+  // A wait like sleepFor() that ends early when `done` holds, which is checked at the start and
+  // after the outside events of each instant. Returns whether it holds.
   bool waitFor(Duration limit, const std::function<bool()>& done);
 
-  // Runs what is due now, until nothing is.
+  // Runs due callbacks until none is left.
   void runReady();
 
-  // Lets the time pass and runs all that falls due, at its time. Goes on behind a stop(), which
-  // concerns run() only.
+  // Advances the time and runs each callback at its due time. Continues after a stop(), which only
+  // affects run().
   void advanceBy(Duration duration);
 
-  // Steps the wall time, as an administrator would; timers take no notice.
+  // Steps the wall time as an administrator would; timers are not affected.
   void setWallTime(WallTime time) { wallTimeAtStart_ = time - (now() - kStart); }
 
-  // At its instant an outside event comes before the loop's own callbacks, and never interrupts
-  // one. Events of the same instant happen in the order of this call.
+  // An outside event comes before the loop's own callbacks of the same instant, and never
+  // interrupts one. Events of the same instant happen in the order of these calls.
   void scheduleOutsideEvent(Duration delay, Callback event);
 
  private:
@@ -72,7 +72,7 @@ class VirtualRunLoop final : public RunLoop {
     Callback callback;
   };
 
-  // Far from zero, so that code which takes zero for "never" or subtracts a day is found out.
+  // Far from zero, to detect code that takes zero for "never" or subtracts a day.
   static constexpr Instant kStart{std::chrono::hours(24 * 365)};
 
   bool callUrgent();
@@ -92,7 +92,7 @@ class VirtualRunLoop final : public RunLoop {
   TimerQueue timers_;
   std::array<HandOverQueue<Callback>, 2> urgentPosts_;  // by Urgency
   HandOverQueue<Posted> posts_;
-  std::optional<Posted> nextPost_;  // the first of `posts_`, where it has been looked at
+  std::optional<Posted> nextPost_;  // the first of `posts_`, if it has been taken
   PolledSources sources_;
   bool sourceWasLast_ = false;
   std::multimap<Instant, Callback> outsideEvents_;

@@ -28,7 +28,7 @@ class VirtualRunLoopTest : public testing::Test {
   Log log_;
 };
 
-TEST_F(VirtualRunLoopTest, TimeStandsStillUntilATestMovesIt) {
+TEST_F(VirtualRunLoopTest, TimePassesOnlyWhenATestSaysSo) {
   const WallTime wallTime = loop_.wallTime();
   loop_.runReady();
   EXPECT_EQ(elapsed(), 0s);
@@ -41,7 +41,7 @@ TEST_F(VirtualRunLoopTest, EveryLoopStartsAtTheSameTime) {
   EXPECT_EQ(another.wallTime(), loop_.wallTime());
 }
 
-TEST_F(VirtualRunLoopTest, AdvancingRunsWhatFallsDueAndNothingBeyond) {
+TEST_F(VirtualRunLoopTest, AdvancingRunsOnlyDueCallbacks) {
   const auto timer = loop_.startTimer(2s, Repeat::kOnce, note("timer"));
   loop_.advanceBy(2s - 1ns);
   EXPECT_TRUE(log_.empty());
@@ -57,7 +57,7 @@ TEST_F(VirtualRunLoopTest, EachCallbackSeesItsOwnTime) {
   EXPECT_EQ(elapsed(), 5s);
 }
 
-TEST_F(VirtualRunLoopTest, WhatIsDueAtTheSameInstantRunsInTheOrderOfCreation) {
+TEST_F(VirtualRunLoopTest, CallbacksOfOneInstantRunInTheOrderOfCreation) {
   std::unique_ptr<RunLoopHandle> added;
   const auto first = loop_.startTimer(1s, Repeat::kOnce, [&] {
     note("first")();
@@ -82,7 +82,7 @@ TEST_F(VirtualRunLoopTest, RunJumpsFromTimerToTimerUntilItIsStopped) {
   EXPECT_EQ(elapsed(), 1h);
 }
 
-TEST_F(VirtualRunLoopTest, RunReturnsWhenNothingCouldStopItAnyMore) {
+TEST_F(VirtualRunLoopTest, RunReturnsIfNothingCouldStopIt) {
   TestStream silent;
   const auto source = loop_.watchReadable(silent.descriptor(), Urgency::kOrdinary, note("source"));
   const auto timer = loop_.startTimer(1s, Repeat::kOnce, note("timer"));
@@ -90,14 +90,14 @@ TEST_F(VirtualRunLoopTest, RunReturnsWhenNothingCouldStopItAnyMore) {
   EXPECT_EQ(log_, (Log{{"timer", 1s}}));
 }
 
-TEST_F(VirtualRunLoopTest, AdvancingGoesOnBehindAStop) {
+TEST_F(VirtualRunLoopTest, AdvancingContinuesAfterAStop) {
   const auto first = loop_.startTimer(1s, Repeat::kOnce, [&] { loop_.stop(); });
   const auto second = loop_.startTimer(2s, Repeat::kOnce, note("second"));
   loop_.advanceBy(2s);
   EXPECT_EQ(log_.size(), 1);
 }
 
-TEST_F(VirtualRunLoopTest, WhatFellDueDuringASleepRunsLateButInOrder) {
+TEST_F(VirtualRunLoopTest, CallbacksDueDuringASleepRunLateButInOrder) {
   const auto second = loop_.startTimer(2s, Repeat::kOnce, note("second"));
   const auto first = loop_.startTimer(1s, Repeat::kOnce, note("first"));
   const auto every = loop_.startTimer(3s, Repeat::kEvery, note("every 3"));
@@ -129,7 +129,7 @@ TEST_F(VirtualRunLoopTest, OutsideEventsHappenDuringASleepAtTheirTime) {
   EXPECT_EQ(log_.back(), std::pair(std::string("timer"), Duration(4s)));
 }
 
-TEST_F(VirtualRunLoopTest, AnOutsideEventComesBeforeTheLoopsOwnCallbacksOfItsInstant) {
+TEST_F(VirtualRunLoopTest, AnOutsideEventPrecedesCallbacksOfItsInstant) {
   const auto timer = loop_.startTimer(1s, Repeat::kOnce, note("timer"));
   loop_.scheduleOutsideEvent(1s, [&] {
     loop_.post(note("exit"), Urgency::kProcessExit);
@@ -146,7 +146,7 @@ TEST_F(VirtualRunLoopTest, OutsideEventsHappenWhileTheLoopRuns) {
   EXPECT_EQ(elapsed(), 1h);
 }
 
-TEST_F(VirtualRunLoopTest, AnEventThatTakesTimeLeavesNothingBehind) {
+TEST_F(VirtualRunLoopTest, AnEventThatTakesTimeSkipsNothing) {
   loop_.scheduleOutsideEvent(0s, [&] {
     loop_.scheduleOutsideEvent(1s, note("inner"));
     loop_.sleepFor(0s);
@@ -157,7 +157,7 @@ TEST_F(VirtualRunLoopTest, AnEventThatTakesTimeLeavesNothingBehind) {
   EXPECT_EQ(log_, (Log{{"inner", 1s}, {"later", 1s}}));
 }
 
-TEST_F(VirtualRunLoopTest, TheWallTimeGoesWithTheLoopsTimeAndCanBeStepped) {
+TEST_F(VirtualRunLoopTest, TheWallTimeFollowsTheLoopAndCanBeStepped) {
   const WallTime before = loop_.wallTime();
   loop_.advanceBy(90s);
   EXPECT_EQ(loop_.wallTime() - before, 90s);
@@ -181,7 +181,7 @@ TEST_F(VirtualRunLoopTest, ACallbackMayRunTheLoop) {
   EXPECT_EQ(log_, (Log{{"next", 0s}, {"inner", 0s}, {"outer", 0s}}));
 }
 
-TEST_F(VirtualRunLoopTest, TimeStandsStillWhileASourceIsReadable) {
+TEST_F(VirtualRunLoopTest, TimeDoesNotPassWhileASourceIsReadable) {
   TestStream stream;
   stream.write(3);
   const auto timer = loop_.startTimer(1s, Repeat::kOnce, note("timer"));
@@ -209,7 +209,7 @@ TEST_F(VirtualRunLoopTest, SourcesAreCalledInTurn) {
   for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(log_[i].first, std::to_string(i % 3));
 }
 
-TEST_F(VirtualRunLoopTest, AWaitEndsWithTheOutsideEventThatItWaitsFor) {
+TEST_F(VirtualRunLoopTest, AWaitEndsWithItsOutsideEvent) {
   bool answered = false;
   const auto timer = loop_.startTimer(1s, Repeat::kOnce, note("timer"));
   loop_.scheduleOutsideEvent(1s, [] {});

@@ -6,7 +6,7 @@
 
 namespace platform {
 
-// The order in which the queues have blocks to run.
+// The order in which the queues run blocks.
 class VirtualSerialQueues::Pool : public std::enable_shared_from_this<Pool> {
  public:
   explicit Pool(VirtualRunLoop& loop) : loop_(&loop) {}
@@ -19,7 +19,8 @@ class VirtualSerialQueues::Pool : public std::enable_shared_from_this<Pool> {
   void runOne();
 
   VirtualRunLoop* loop_;
-  // One entry for each pending block; what sync() has run early leaves entries of empty queues.
+  // One entry for each pending block. For blocks that sync() has run early, entries of empty queues
+  // remain.
   std::deque<std::shared_ptr<Queue>> turns_;
 };
 
@@ -39,8 +40,8 @@ class VirtualSerialQueues::Queue final : public SerialQueue,
   }
 
   void sync(Block block) override {
-    const auto self = shared_from_this();  // The block may let go of the caller's.
-    // The block would wait for the end of the block that waits for it.
+    const auto self = shared_from_this();  // The block may drop the caller's reference.
+    // A block that submits to its own queue and waits would deadlock.
     if (running_) std::abort();
     while (!blocks_.empty()) runOne();
     run(std::move(block));
@@ -48,12 +49,12 @@ class VirtualSerialQueues::Queue final : public SerialQueue,
 
   bool trySync(Block& block) override {
     if (running_ || !blocks_.empty()) return false;
-    const auto self = shared_from_this();  // The block may let go of the caller's.
+    const auto self = shared_from_this();  // The block may drop the caller's reference.
     run(std::exchange(block, nullptr));
     return true;
   }
 
-  // Where a block of this queue runs already, the turn is put off until that one is done.
+  // If a block of this queue runs already, the turn is postponed until it is done.
   void runOne() {
     if (running_) {
       ++missedTurns_;
@@ -77,7 +78,7 @@ class VirtualSerialQueues::Queue final : public SerialQueue,
     }
   }
 
-  const std::shared_ptr<Pool> pool_;  // Shared with the other queues and their maker.
+  const std::shared_ptr<Pool> pool_;  // Shared with the other queues and with VirtualSerialQueues.
   const std::string label_;
   QueueContext context_{nullptr, [](void*) {}};
   std::deque<Block> blocks_;

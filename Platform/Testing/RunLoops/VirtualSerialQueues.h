@@ -10,9 +10,8 @@
 namespace platform {
 
 // Serial queues without threads: a submitted block runs as an outside event of the virtual loop,
-// before the loop's next own callback and also while the loop's thread sleeps, never inside
-// async(). Belongs to one thread. What is pending when this is destroyed runs then, as on the real
-// ones.
+// before the loop's next own callback and also while the loop's thread sleeps, but never inside
+// async(). Belongs to one thread. As in the real ones, the destructor runs pending blocks.
 class VirtualSerialQueues final : public SerialQueues {
  public:
   explicit VirtualSerialQueues(VirtualRunLoop& loop);
@@ -22,7 +21,7 @@ class VirtualSerialQueues final : public SerialQueues {
 
   std::shared_ptr<SerialQueue> makeQueue(std::string label) override;
 
-  // Runs all that is pending, in the order in which it was submitted to whichever queue.
+  // Runs all pending blocks of all queues in the order of their submission.
   void runPending();
 
  private:

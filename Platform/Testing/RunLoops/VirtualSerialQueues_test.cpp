@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// With a loop of their own, for tests that care for the queues alone.
+// Has a loop of its own, for tests of the queues alone.
 class QueuesWithLoop final : public SerialQueues {
  public:
   std::shared_ptr<SerialQueue> makeQueue(std::string label) override {
@@ -70,7 +70,7 @@ TEST_F(VirtualSerialQueuesTest, RunPendingRunsAllQueuesInTheOrderOfSubmission) {
   EXPECT_EQ(log_.size(), 4);
 }
 
-TEST_F(VirtualSerialQueuesTest, ATurnThatComesWhileABlockRunsIsPutOff) {
+TEST_F(VirtualSerialQueuesTest, ATurnDuringABlockIsPostponed) {
   queue_->async([&] {
     queue_->async([&] { log_.push_back("second"); });
     loop_.sleepFor(1s);

@@ -7,12 +7,12 @@
 
 namespace platform {
 
-// Gives 1, 2, 3 and so on, unless it is told to fail.
+// Returns the bytes 1, 2, 3 and so on, unless it is made to fail.
 class FakeRandomDevice final : public RandomDevice {
  public:
-  // From now on it can't be opened.
+  // From now on opening it fails.
   void failToOpen(Error error) { openError_ = std::move(error); }
-  // From now on no more than that many bytes come.
+  // From now on it returns at most `bytes` bytes.
   void limitTo(std::size_t bytes) { limit_ = bytes; }
 
   Result<std::size_t> read(std::span<std::uint8_t> buffer) override {

@@ -8,23 +8,23 @@
 
 namespace platform {
 
-// A machine that a test describes. At first it is one of release 15.0.0, version 10.11.0, without
-// processes, with the user 0 alone ("root", "System Administrator"), started at kBootTime. Gestalt
-// answers from the version.
+// A machine that a test describes. Initially it has release 15.0.0, version 10.11.0, no processes,
+// and only the user 0 ("root", "System Administrator"); it was started at kBootTime. Gestalt
+// follows from the version.
 class FakeSystemInformation final : public SystemInformation {
  public:
   static constexpr std::int64_t kBootTime = 1'767'323'045;
 
   void setRelease(std::string release, OperatingSystemVersion version);
 
-  // From now on this selector answers `value`.
+  // From now on this selector returns `value`.
   void setGestalt(std::string selector, std::int32_t value);
   void failGestalt(std::string selector);
 
   // Without a path the process has no executable.
   void addProcess(ProcessId process, KernelProcess record, std::optional<std::string> path);
   void removeProcess(ProcessId process);
-  // The process's record can't be read any more; its path is not known either.
+  // From now on the process's record can't be read, and its path is unknown.
   void makeUnreadable(ProcessId process);
 
   void addUser(UserId user, UserIdentity identity);

@@ -42,7 +42,7 @@ TEST(FakeSystemInformationTest, AnUnreadableProcessIsAnErrorAndHasNoPath) {
   EXPECT_EQ(system.processPath(70), std::nullopt);
 }
 
-TEST(FakeSystemInformationTest, GestaltCanBeMadeToSayAnythingOrToFail) {
+TEST(FakeSystemInformationTest, GestaltCanReturnAnythingOrFail) {
   FakeSystemInformation system;
   system.setGestalt("sysv", 0x103f);
   EXPECT_EQ(system.gestalt("sysv"), 0x103f);

@@ -11,10 +11,10 @@
 
 namespace platform {
 
-// The XPC of one process of a test, on the virtual loop: what the real one does on threads of its
-// own happens when the test runs the loop.
+// The XPC of one process of a test, on the virtual loop: the work of the real one's threads is done
+// when the test runs the loop.
 struct FakeXPC {
-  // All of it outlives this.
+  // All of them outlive this.
   FakeXPC(FakePeerNetwork& network, PeerCredentials self, SystemLog& log)
       : transport(network, self),
         xpc({.loop = network.loop(),
