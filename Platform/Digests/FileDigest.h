@@ -29,7 +29,7 @@ class FileDigest {
 
   // Reads about `bytes` more, at least one piece, and blocks on the disk. Returns whether the whole
   // file has been read. Fails with kInvalid if the file has become shorter meanwhile.
-  Result<bool> readOn(std::uint64_t bytes);
+  Result<bool> readMore(std::uint64_t bytes);
   // Call it once, when the whole file has been read. std::nullopt for an empty file.
   Result<std::optional<Sha256>> finish();
 

@@ -29,28 +29,28 @@ std::shared_ptr<NSConnection> NamedConnections::connectionWithRegisteredName(
     std::string_view name, const std::optional<std::string>& host) {
   if (name.empty() || (host && !host->empty() && *host != "*")) return nullptr;
   const std::string server(name);
-  if (isSilent(server)) return nullptr;
+  if (isHung(server)) return nullptr;
   auto connection = connect(server, {});
   if (connection) return *std::move(connection);
-  if (connection.error() == PeerConnectFailure::Kind::kTimedOut) noteSilence(server);
+  if (connection.error() == PeerConnectFailure::Kind::kTimedOut) markHung(server);
   return nullptr;
 }
 
 std::shared_ptr<NSConnection> NamedConnections::lookAtRegisteredName(std::string_view name,
                                                                      Duration timeout) {
   const std::string server(name);
-  if (server.empty() || isSilent(server)) return nullptr;
+  if (server.empty() || isHung(server)) return nullptr;
   auto connection = connect(server, {.timeout = timeout});
   if (!connection) return nullptr;
   (*connection)->onlyLooks_ = true;
   return *std::move(connection);
 }
 
-bool NamedConnections::isSilent(const std::string& name) {
-  const auto silent = silentUntil_.find(name);
-  if (silent == silentUntil_.end()) return false;
-  if (loop_.now() < silent->second) return true;
-  silentUntil_.erase(silent);
+bool NamedConnections::isHung(const std::string& name) {
+  const auto hung = hungUntil_.find(name);
+  if (hung == hungUntil_.end()) return false;
+  if (loop_.now() < hung->second) return true;
+  hungUntil_.erase(hung);
   return false;
 }
 
@@ -72,8 +72,8 @@ std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> NamedConn
   return connection;
 }
 
-void NamedConnections::noteSilence(const std::string& name) {
-  silentUntil_[name] = loop_.now() + kSilentServerPause;
+void NamedConnections::markHung(const std::string& name) {
+  hungUntil_[name] = loop_.now() + kHungServerPause;
 }
 
 }  // namespace platform

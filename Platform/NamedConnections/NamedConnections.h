@@ -25,7 +25,7 @@ class NamedConnections {
  public:
   // After a server has not answered a connecting client in time, it is not asked again for this
   // long. So it costs one time-out and not one for each message.
-  static constexpr Duration kSilentServerPause = std::chrono::seconds(30);
+  static constexpr Duration kHungServerPause = std::chrono::seconds(30);
 
   // Returns the path of a name's socket.
   using PathOfName = std::function<std::string(std::string_view name)>;
@@ -46,20 +46,20 @@ class NamedConnections {
       std::string_view name, const std::optional<std::string>& host = std::nullopt);
 
   // The same for a probe: it blocks for at most `timeout`, and a server that does not answer it or
-  // its connection does not count as silent.
+  // its connection does not count as hung.
   std::shared_ptr<NSConnection> lookAtRegisteredName(std::string_view name, Duration timeout);
 
-  // A server has announced itself by `name`: ask it again even if it counted as silent.
-  void serverDidStart(std::string_view name) { silentUntil_.erase(std::string(name)); }
+  // A server has announced itself by `name`: ask it again even if it counted as hung.
+  void serverDidStart(std::string_view name) { hungUntil_.erase(std::string(name)); }
 
  private:
   friend class NSConnection;
 
-  bool isSilent(const std::string& name);
+  bool isHung(const std::string& name);
   std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> connect(
       const std::string& name, const PeerConnectOptions& options);
   // Records that `name` did not answer in time.
-  void noteSilence(const std::string& name);
+  void markHung(const std::string& name);
 
   RunLoop& loop_;
   PeerTransport& transport_;
@@ -68,7 +68,7 @@ class NamedConnections {
   RefusalLog refusals_;  // of peers, separate so that they can't suppress the others
   PathOfName path_;
   // Contains only names that this program itself looks up.
-  std::map<std::string, Instant> silentUntil_;
+  std::map<std::string, Instant> hungUntil_;
 };
 
 }  // namespace platform

@@ -71,9 +71,9 @@ TEST_F(NamedConnectionsTest, AHungServerIsAskedAgainAfterAPause) {
   EXPECT_EQ(wait, 5s);
   serverTransport_.goOn();
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
-  loop_.advanceBy(NamedConnections::kSilentServerPause - 1ns);
+  loop_.advanceBy(NamedConnections::kHungServerPause - 1ns);
   EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
-  EXPECT_EQ(loop_.now() - start, wait + NamedConnections::kSilentServerPause - 1ns);
+  EXPECT_EQ(loop_.now() - start, wait + NamedConnections::kHungServerPause - 1ns);
   loop_.advanceBy(1ns);
   EXPECT_NE(program_.connections.connectionWithRegisteredName("server"), nullptr);
 }

@@ -67,7 +67,7 @@ std::unique_ptr<DistributedNotificationCenter::Observation> ReturnObservers::add
   return std::make_unique<Observer>(std::move(entry));
 }
 
-void ReturnObservers::tell() {
+void ReturnObservers::notify() {
   // A copy, because handlers may add others.
   for (const auto& observer : std::vector(entries_)) {
     if (const auto handler = observer.lock()) (*handler)();

@@ -51,7 +51,7 @@ class ReturnObservers {
   [[nodiscard]] std::unique_ptr<DistributedNotificationCenter::Observation> add(
       std::function<void()> handler);
   // Calls all, in the order of adding. A subscriber that is dropped before its turn is not called.
-  void tell();
+  void notify();
 
  private:
   using Entry = std::function<void()>;

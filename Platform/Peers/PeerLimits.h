@@ -43,7 +43,7 @@ inline constexpr std::size_t kMaxPeerSelectorLength = 255;
 // The connections of one listener that have not been admitted, the number of these places that only
 // root and our own user may take, and the time for which a connection may keep one.
 inline constexpr std::size_t kPeerPlaces = 64;
-inline constexpr std::size_t kKeptPeerPlaces = 8;
+inline constexpr std::size_t kReservedPeerPlaces = 8;
 inline constexpr Duration kPeerAdmissionTime = std::chrono::seconds(5);
 
 // The connections of one listener that a user other than root and our own may have: each may have

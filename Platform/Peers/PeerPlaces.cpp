@@ -29,16 +29,16 @@ bool PeerPlaces::makeRoom(std::uint32_t newcomer) {
   std::map<std::uint32_t, std::size_t> held;
   for (const auto& entry : entries_) ++held[entry->user];
   std::size_t ordinary = 0;
-  for (const auto& [user, count] : held) ordinary += isFavoured(user) ? 0 : count;
+  for (const auto& [user, count] : held) ordinary += isPrivileged(user) ? 0 : count;
 
-  const bool onlyOrdinary = !isFavoured(newcomer);
+  const bool onlyOrdinary = !isPrivileged(newcomer);
   const bool full = entries_.size() >= places_ || (onlyOrdinary && ordinary >= places_ - kept_);
   if (!full) return true;
 
   ++held[newcomer];
   std::size_t most = 0;
   for (const auto& [user, count] : held) {
-    if (!onlyOrdinary || !isFavoured(user)) most = std::max(most, count);
+    if (!onlyOrdinary || !isPrivileged(user)) most = std::max(most, count);
   }
   // If several users have as many, the newcomer loses a place itself.
   auto oldest = std::ranges::find_if(entries_, [&](const auto& entry) {
@@ -46,7 +46,7 @@ bool PeerPlaces::makeRoom(std::uint32_t newcomer) {
   });
   if (oldest == entries_.end()) {
     oldest = std::ranges::find_if(entries_, [&](const auto& entry) {
-      return held[entry->user] == most && (!onlyOrdinary || !isFavoured(entry->user));
+      return held[entry->user] == most && (!onlyOrdinary || !isPrivileged(entry->user));
     });
   }
   if (oldest == entries_.end()) return false;

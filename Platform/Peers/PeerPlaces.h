@@ -24,7 +24,7 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
   using PushedOut = std::function<void()>;
 
   explicit PeerPlaces(std::uint32_t ownUser, std::size_t places = kPeerPlaces,
-                      std::size_t kept = kKeptPeerPlaces)
+                      std::size_t kept = kReservedPeerPlaces)
       : ownUser_(ownUser), places_(places), kept_(kept) {}
 
   // A place for a new connection. `pushedOut` is called, at most once and from inside a later
@@ -34,7 +34,7 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
 
   std::size_t taken() const { return entries_.size(); }
 
-  bool isFavoured(std::uint32_t user) const { return user == 0 || user == ownUser_; }
+  bool isPrivileged(std::uint32_t user) const { return user == 0 || user == ownUser_; }
 
  private:
   struct Entry {

@@ -69,7 +69,7 @@ TEST_F(PeerPlacesTest, SomePlacesAreReservedForRootAndOurOwnUser) {
   EXPECT_EQ(out_, std::vector<std::string>{"anna 0"});
 }
 
-TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutAFavouredOne) {
+TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutAPrivilegedOne) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(take(kRoot, "root " + std::to_string(i)));
   EXPECT_TRUE(take(kAnna, "anna"));
   EXPECT_TRUE(take(kBen, "ben"));
@@ -83,14 +83,14 @@ TEST_F(PeerPlacesTest, AnOrdinaryUserNeverPushesOutAFavouredOne) {
 
 TEST_F(PeerPlacesTest, TheNumbersOfPlacesAreTheLimits) {
   places_ = std::make_shared<PeerPlaces>(kOwn);
-  constexpr std::size_t kForAll = kPeerPlaces - kKeptPeerPlaces;
+  constexpr std::size_t kForAll = kPeerPlaces - kReservedPeerPlaces;
   for (std::size_t i = 0; i < kForAll - 1; ++i) EXPECT_TRUE(take(kAnna, std::to_string(i)));
   EXPECT_TRUE(take(kAnna, "last"));
   EXPECT_TRUE(out_.empty());
   EXPECT_TRUE(take(kAnna, "one more"));
   EXPECT_EQ(out_, std::vector<std::string>{"0"});
 
-  for (std::size_t i = 0; i < kKeptPeerPlaces; ++i) EXPECT_TRUE(take(kRoot, "root"));
+  for (std::size_t i = 0; i < kReservedPeerPlaces; ++i) EXPECT_TRUE(take(kRoot, "root"));
   EXPECT_EQ(out_.size(), 1u);
   EXPECT_EQ(places_->taken(), kPeerPlaces);
   EXPECT_TRUE(take(kRoot, "one more"));

@@ -125,7 +125,7 @@ class PeerTransportBed {
   }
 
   // With a short admission time, a slow machine may need several attempts.
-  void startHasty(Duration admissionTime) {
+  void startWithAdmissionTime(Duration admissionTime) {
     listen({.admissionTime = admissionTime});
     for (int attempt = 0; attempt < 1000 && !client_; ++attempt) {
       begun_ = harness_->loop().now();
@@ -161,7 +161,7 @@ class PeerTransportBed {
   PeerJournal journal_;
   Server server_;
   std::unique_ptr<PeerConnection> client_;
-  Instant begun_;  // when startHasty() began to connect
+  Instant begun_;  // when startWithAdmissionTime() began to connect
 
  private:
   void serve(std::unique_ptr<PeerConnection> newcomer) {

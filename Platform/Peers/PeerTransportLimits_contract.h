@@ -174,7 +174,7 @@ TEST_P(PeerTransportContract, APeerThatIsNotAdmittedSendsOnlySmallMessages) {
 
 TEST_P(PeerTransportContract, APeerThatIsNotAdmittedInTimeIsRefusedOnce) {
   server_.admits = false;
-  startHasty(20ms);
+  startWithAdmissionTime(20ms);
   noteDeath(*client_);
   runUntilNoted("death");
   harness_->runUntil(
@@ -188,7 +188,7 @@ TEST_P(PeerTransportContract, APeerThatIsNotAdmittedInTimeIsRefusedOnce) {
 TEST_P(PeerTransportContract, NoPeerIsRefusedBeforeItsTime) {
   server_.admits = false;
   constexpr Duration kTime = 50ms;
-  startHasty(kTime);
+  startWithAdmissionTime(kTime);
   std::optional<Instant> refused;
   client_->setHandlers({.message = {}, .death = [&](const Error&) {
                           refused = harness_->loop().now();
@@ -199,7 +199,7 @@ TEST_P(PeerTransportContract, NoPeerIsRefusedBeforeItsTime) {
 }
 
 TEST_P(PeerTransportContract, AnAdmittedPeerStays) {
-  startHasty(10ms);
+  startWithAdmissionTime(10ms);
   EXPECT_TRUE(call("echo:", {Value(1)}));
   const auto later =
       harness_->loop().startTimer(30ms, RunLoop::Repeat::kOnce, [this] { journal_.note("later"); });

@@ -68,7 +68,7 @@ class ORBExecInfoHandler::FileHash {
       if (!opened) return fail(opened.error());
       digest_.emplace(std::move(*opened));
     }
-    const auto done = digest_->readOn(ORBExecInfoHandler::kBytesInOneGo);
+    const auto done = digest_->readMore(ORBExecInfoHandler::kBytesInOneGo);
     if (!done) return fail(done.error());
     if (!*done) return false;
     const auto digest = digest_->finish();

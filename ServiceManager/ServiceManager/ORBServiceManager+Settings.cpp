@@ -13,7 +13,7 @@ namespace {
 constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
 constexpr Duration kReevaluationPeriod = std::chrono::seconds(20);
 // By then a server that did not answer is asked again.
-constexpr Duration kSilenceIsOver = NamedConnections::kSilentServerPause + std::chrono::seconds(1);
+constexpr Duration kSilenceIsOver = NamedConnections::kHungServerPause + std::chrono::seconds(1);
 constexpr Duration kEvaluationDelay = std::chrono::milliseconds(100);
 
 Value setOfLabels(const std::set<std::string>& labels) {

@@ -101,7 +101,7 @@ bool AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
     set.remarks.push_back(std::move(what));
     return true;
   };
-  const auto seen = lookAt(path);
+  const auto seen = fileStatus(path);
   if (!seen) return remark(seen.error().reason);
   facts_.push_back({path, FileFact::Covers::kContents, *seen});
   if (!S_ISREG(seen->st_mode)) return remark(path + ": is not a regular file");

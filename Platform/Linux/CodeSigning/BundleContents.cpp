@@ -82,7 +82,7 @@ class Listing {
       return refuseResource(
           fmt::format("{}: holds more than {} files, folders and links", bundle_, kMaxBundleItems));
     }
-    const auto status = lookAt(path);
+    const auto status = fileStatus(path);
     if (!status) return std::unexpected(status.error());
     contents_.facts.push_back({path, FileFact::Covers::kContents, *status});
     if (S_ISDIR(status->st_mode)) {

@@ -17,7 +17,7 @@ namespace {
 // Reads one file of the seal and adds it to `facts`.
 CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t mostBytes,
                                             OSStatus statusOfMissing, FileFacts& facts) {
-  const auto seen = lookAt(path);
+  const auto seen = fileStatus(path);
   if (!seen && seen.error().status == kErrnoStatusBase + ENOENT) {
     return refuse(statusOfMissing, path + ": is missing, so the bundle has no seal");
   }
@@ -46,13 +46,13 @@ CodeSigningResult<void> checkPlaces(const FileFacts& facts, const TrustedPlace& 
 }
 
 CodeSigningResult<void> checkIsBundleFolder(const std::string& path) {
-  const auto status = lookAt(path);
+  const auto status = fileStatus(path);
   if (!status) return std::unexpected(status.error());
   if (!S_ISDIR(status->st_mode)) {
     return refuse(errSecCSBadObjectFormat, path + ": is not a folder, so it is no bundle");
   }
   if (!isBundleName(path.substr(path.rfind('/') + 1))) return {};
-  const auto contents = lookAt(path + "/Contents");
+  const auto contents = fileStatus(path + "/Contents");
   if (contents && S_ISDIR(contents->st_mode)) return {};
   return refuse(errSecCSBadObjectFormat, path + ": has no folder \"Contents\", so it is no bundle");
 }

@@ -28,7 +28,7 @@ WallTime timeOf(const timespec& time) {
 
 // Every path begins at the root folder, which nothing else can replace. fstat() of a descriptor
 // costs half as much as lstat() of a path.
-int lookAgain(const std::string& path, struct stat& status) {
+int currentStatus(const std::string& path, struct stat& status) {
   static const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
   return path == "/" && root ? ::fstat(root.get(), &status) : ::lstat(path.c_str(), &status);
 }
@@ -37,7 +37,7 @@ int lookAgain(const std::string& path, struct stat& status) {
 
 bool FileFact::stillHolds() const {
   struct stat now{};
-  if (lookAgain(path, now) != 0) return false;
+  if (currentStatus(path, now) != 0) return false;
   return covers == Covers::kContents ? isSameState(status, now) : placeOf(status) == placeOf(now);
 }
 
@@ -50,7 +50,7 @@ bool changedRecently(const struct stat& status, WallTime now) {
   return now - std::max(timeOf(status.st_mtim), timeOf(status.st_ctim)) < kSettledAfter;
 }
 
-CodeSigningResult<struct stat> lookAt(const std::string& path) {
+CodeSigningResult<struct stat> fileStatus(const std::string& path) {
   struct stat status{};
   if (path.find('\0') != path.npos) return std::unexpected(failureOfSystemCall(path, EINVAL));
   if (::lstat(path.c_str(), &status) != 0) {

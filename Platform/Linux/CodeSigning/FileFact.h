@@ -40,7 +40,7 @@ bool changedRecently(const struct stat& status, WallTime now);
 inline constexpr std::chrono::seconds kSettledAfter{2};
 
 // The status of `path`; does not follow a symbolic link.
-CodeSigningResult<struct stat> lookAt(const std::string& path);
+CodeSigningResult<struct stat> fileStatus(const std::string& path);
 
 // The failure for a failed system call on `path`.
 CodeSigningFailure failureOfSystemCall(const std::string& path, int errorNumber);

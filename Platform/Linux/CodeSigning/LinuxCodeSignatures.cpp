@@ -78,7 +78,7 @@ Result<std::unique_ptr<LinuxCodeSignatures>> LinuxCodeSignatures::create(const s
 
 CodeSigningResult<std::unique_ptr<SecStaticCode>> LinuxCodeSignatures::SecStaticCodeCreateWithPath(
     const std::string& path) {
-  const auto status = lookAt(path);
+  const auto status = fileStatus(path);
   if (!status) return std::unexpected(status.error());
   const bool isFolder = S_ISDIR(status->st_mode);
   if (!isFolder) {

@@ -11,10 +11,10 @@ constexpr std::size_t kLengthField = 8;
 constexpr std::uint8_t kPkcs7 = 2;
 
 // Fewer characters of the magic text could end any file by chance.
-constexpr std::size_t kTellingCharacters = 8;
+constexpr std::size_t kMinMagicCharacters = 8;
 
 bool endsWithTheBeginningOfMagic(std::string_view ending) {
-  for (std::size_t count = kTrailerMagic.size() - 1; count >= kTellingCharacters; --count) {
+  for (std::size_t count = kTrailerMagic.size() - 1; count >= kMinMagicCharacters; --count) {
     if (ending.ends_with(kTrailerMagic.substr(0, count))) return true;
   }
   return false;

@@ -51,7 +51,7 @@ CodeSigningResult<void> takeAppended(SignedProgram& program, const SignatureTrai
 
 CodeSigningResult<void> takeDetached(SignedProgram& program, const std::string& path) {
   const std::string beside = path + ".p7s";
-  const auto seen = lookAt(beside);
+  const auto seen = fileStatus(beside);
   if (!seen && (seen.error().status == kErrnoStatusBase + ENOENT ||
                 seen.error().status == kErrnoStatusBase + ENAMETOOLONG)) {
     return refuse(errSecCSUnsigned,
@@ -78,7 +78,7 @@ CodeSigningResult<void> takeDetached(SignedProgram& program, const std::string& 
 }  // namespace
 
 CodeSigningResult<SignedProgram> openSignedProgram(const std::string& path) {
-  const auto seen = lookAt(path);
+  const auto seen = fileStatus(path);
   if (!seen) return std::unexpected(seen.error());
   if (auto usable = checkIsProgramFile(path, *seen); !usable) {
     return std::unexpected(usable.error());

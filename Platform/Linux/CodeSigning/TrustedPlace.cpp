@@ -54,7 +54,7 @@ CodeSigningResult<void> TrustedPlace::check(const std::string& path, FileFacts& 
   do {
     const bool last = end == path.size();
     std::string part = end == 0 ? "/" : path.substr(0, end);
-    const auto status = lookAt(part);
+    const auto status = fileStatus(part);
     if (!status) return std::unexpected(status.error());
     if (S_ISLNK(status->st_mode)) {
       return refusePlace(ELOOP, part + ": is a symbolic link; name the real path");

@@ -84,7 +84,7 @@ Result<FileDigest> FileDigest::open(const std::string& path) {
       std::make_unique<State>(State{path, std::move(*file), size, std::move(context)}));
 }
 
-Result<bool> FileDigest::readOn(std::uint64_t bytes) {
+Result<bool> FileDigest::readMore(std::uint64_t bytes) {
   State& state = *state_;
   const std::uint64_t end = state.left - std::min(state.left, bytes);
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kFilePieceBytes);

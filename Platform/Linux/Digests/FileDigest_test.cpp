@@ -102,10 +102,10 @@ TEST_F(FileDigestTest, ReadingCanBePausedAndResumed) {
   const std::string path = folder_.write("file", std::string(3 * kPiece, 'x'));
   auto digest = FileDigest::open(path);
   ASSERT_TRUE(digest);
-  EXPECT_EQ(digest->readOn(1), false);  // One piece.
+  EXPECT_EQ(digest->readMore(1), false);  // One piece.
   FileDigest moved = std::move(*digest);
-  EXPECT_EQ(moved.readOn(kPiece), false);
-  EXPECT_EQ(moved.readOn(kPiece), true);
+  EXPECT_EQ(moved.readMore(kPiece), false);
+  EXPECT_EQ(moved.readMore(kPiece), true);
   const auto sum = moved.finish();
   ASSERT_TRUE(sum && *sum);
   EXPECT_EQ(**sum, **digestOf(path));
@@ -115,9 +115,9 @@ TEST_F(FileDigestTest, AFileThatIsTruncatedMeanwhileHasNoDigest) {
   const std::string path = folder_.write("file", std::string(2 * kPiece, 'x'));
   auto digest = FileDigest::open(path);
   ASSERT_TRUE(digest);
-  EXPECT_EQ(digest->readOn(kPiece), false);
+  EXPECT_EQ(digest->readMore(kPiece), false);
   std::filesystem::resize_file(path, kPiece);
-  const auto cutOff = digest->readOn(kPiece);
+  const auto cutOff = digest->readMore(kPiece);
   ASSERT_FALSE(cutOff);
   EXPECT_EQ(cutOff.error().code, ErrorCode::kInvalid);
 }
@@ -128,7 +128,7 @@ TEST_F(FileDigestTest, IgnoresDataAddedAfterOpening) {
   auto digest = FileDigest::open(path);
   ASSERT_TRUE(digest);
   std::filesystem::resize_file(path, 2 * kPiece);
-  EXPECT_EQ(digest->readOn(kPiece), true);
+  EXPECT_EQ(digest->readMore(kPiece), true);
   EXPECT_EQ(**digest->finish(), before);
 }
 

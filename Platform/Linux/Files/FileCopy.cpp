@@ -51,7 +51,7 @@ Result<Source, NSError> openSource(const std::string& path) {
 }
 
 // The limit for a file without a reported size, as in /proc and /sys.
-constexpr std::uint64_t kUntoldBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t kUnreportedSizeLimit = std::uint64_t{16} << 20;
 
 // Copies as much as the file had when it was opened, so that a growing file has an end, too.
 Result<void, NSError> copyContent(const Source& source, const std::string& sourcePath,
@@ -59,8 +59,9 @@ Result<void, NSError> copyContent(const Source& source, const std::string& sourc
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kCopyPieceBytes);
   // Without a block on the disk, the reported size may be 0, or one page, whatever the content.
   const bool tellsSize = source.status.st_blocks > 0;
-  const auto size = tellsSize ? static_cast<std::uint64_t>(source.status.st_size)
-                              : std::max<std::uint64_t>(source.status.st_size, kUntoldBytes);
+  const auto size = tellsSize
+                        ? static_cast<std::uint64_t>(source.status.st_size)
+                        : std::max<std::uint64_t>(source.status.st_size, kUnreportedSizeLimit);
   for (std::uint64_t done = 0; done < size;) {
     const auto wanted =
         static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kCopyPieceBytes));

@@ -51,7 +51,7 @@ class MisbehavingExtensionTest : public testing::Test {
     EXPECT_EQ(::send(accepted_.get(), packet.data(), bytes, 0), static_cast<ssize_t>(bytes));
   }
   // Whether the client has closed the socket: a late answer must not count for a later request.
-  bool isGivenUp() {
+  bool isClosedByClient() {
     const auto again = socket_->getIntegerOption(3);
     return !again && again.error().osError == ENOTCONN;
   }
@@ -69,7 +69,7 @@ TEST_F(MisbehavingExtensionTest, AnAnswerWithoutItsHeadEndsTheConnection) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kInvalid);
   EXPECT_THAT(refused.error().context, HasSubstr("an answer of 3 bytes"));
-  EXPECT_TRUE(isGivenUp());
+  EXPECT_TRUE(isClosedByClient());
 }
 
 TEST_F(MisbehavingExtensionTest, TheSizeOfAnAnswerIsLimited) {
@@ -81,27 +81,27 @@ TEST_F(MisbehavingExtensionTest, TheSizeOfAnAnswerIsLimited) {
   EXPECT_EQ(socket_->getIntegerOption(3).value().length, kMaxControlOptionBytes);
   answer(sizeof(ControlAnswer) + kMaxControlOptionBytes + 1);
   EXPECT_FALSE(socket_->getIntegerOption(3));
-  EXPECT_TRUE(isGivenUp());
+  EXPECT_TRUE(isClosedByClient());
 }
 
 TEST_F(MisbehavingExtensionTest, AnAnswerWithUnrequestedBytesEndsTheConnection) {
   answer(sizeof(ControlAnswer) + 1);
   EXPECT_FALSE(socket_->setOption(5, Data{1}));
-  EXPECT_TRUE(isGivenUp());
+  EXPECT_TRUE(isClosedByClient());
 }
 
 TEST_F(MisbehavingExtensionTest, ATimeoutOrAHangUpEndsTheConnection) {
   const auto silent = socket_->ping();
   ASSERT_FALSE(silent);
   EXPECT_EQ(silent.error().osError, ETIMEDOUT);
-  EXPECT_TRUE(isGivenUp());
+  EXPECT_TRUE(isClosedByClient());
   socket_ = connectToControl(controls_, kName).value();
   accepted_ = UniqueFd(::accept(listening_.get(), nullptr, nullptr));
   ASSERT_EQ(::shutdown(accepted_.get(), SHUT_WR), 0);
   const auto gone = socket_->getIntegerOption(3);
   ASSERT_FALSE(gone);
   EXPECT_EQ(gone.error().osError, ECONNRESET);
-  EXPECT_TRUE(isGivenUp());
+  EXPECT_TRUE(isClosedByClient());
 }
 
 TEST_F(MisbehavingExtensionTest, ARefusedUnloadDiffersFromAFailedRequest) {

@@ -150,9 +150,9 @@ Result<void> FileLogSink::writeLine() {
 // it only if others have written, so it usually costs nothing.
 bool FileLogSink::endsInTornLine() const {
   // Another process may be writing several pages; then the size still changes.
-  constexpr int kLooks = 4;
+  constexpr int kMaxReads = 4;
   std::uint64_t size = current_.size;
-  for (int look = 0; look < kLooks && size != 0 && size != expectedSize_; ++look) {
+  for (int reads = 0; reads < kMaxReads && size != 0 && size != expectedSize_; ++reads) {
     char last = '\n';
     if (::pread(file_.get(), &last, 1, static_cast<off_t>(size) - 1) != 1 || last == '\n')
       return false;

@@ -441,7 +441,7 @@ void BusNotificationCenter::reportReturn() {
   mayHaveMissed_ = false;
   loop_.post([center = std::weak_ptr(alive_)] {
     const auto alive = center.lock();
-    if (alive && (*alive)->registered_) (*alive)->returnObservers_.tell();
+    if (alive && (*alive)->registered_) (*alive)->returnObservers_.notify();
   });
 }
 

@@ -75,8 +75,8 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
   if (!created) return;
   const std::shared_ptr<DBusPeerLink>& link = *created;
   const std::uint32_t user = link->peer().user;
-  const std::size_t limit = places_->isFavoured(user) ? std::numeric_limits<std::size_t>::max()
-                                                      : options_.connectionsPerUser;
+  const std::size_t limit = places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
+                                                        : options_.connectionsPerUser;
   DBusPeerLink::Lease lease;
   lease.held = users_->hold(user, limit);
   if (!lease.held) return link->close();

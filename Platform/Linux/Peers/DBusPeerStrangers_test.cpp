@@ -100,7 +100,7 @@ class DBusPeerStrangersTest : public testing::Test, protected PeerTransportBed {
 };
 
 TEST_F(DBusPeerStrangersTest, AnIncompleteAuthenticationTimesOut) {
-  startHasty(20ms);
+  startWithAdmissionTime(20ms);
   RawPeer peer(path());
   peer.write("\0AUTH EXTER"sv);
   EXPECT_TRUE(peer.awaitClose());

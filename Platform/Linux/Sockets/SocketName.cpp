@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr char kLockName[] = ".lock";
 constexpr char kSocketInBindFolder[] = "socket";
 constexpr auto kLockWait = 1s;
-constexpr auto kNamingPause = 5ms;
+constexpr auto kRetryPause = 5ms;
 
 ErrorCode codeOfSocketError(int number) {
   switch (number) {
@@ -88,7 +88,7 @@ Result<UniqueFd> lock(const UniqueFd& folder) {
   while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) return socketFailure("locking the folder");
     if (Clock::now() >= deadline) return socketFailure("another process keeps the folder's lock");
-    std::this_thread::sleep_for(kNamingPause);
+    std::this_thread::sleep_for(kRetryPause);
   }
   return file;
 }
@@ -206,7 +206,7 @@ Result<UniqueFd> connectToSocket(const std::string& path, Duration wait) {
       connected.error().context = "connecting to " + path;
       return connected;
     }
-    std::this_thread::sleep_for(kNamingPause);
+    std::this_thread::sleep_for(kRetryPause);
   }
 }
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kMaxLocaleFileBytes = 4096;
 constexpr const char* kLocaleFiles[] = {"/etc/locale.conf", "/etc/default/locale"};
-constexpr char kLanguageOtherwise[] = "en";
+constexpr char kDefaultLanguage[] = "en";
 
 std::optional<std::string> contentOfLocaleFile(const std::string& path) {
   const auto file = openRegularFile(path);
@@ -78,7 +78,7 @@ std::vector<std::string> preferredLanguages(const PlatformConfiguration& configu
     auto languages = languagesOfLocaleFile(*content);
     if (!languages.empty()) return languages;
   }
-  return {kLanguageOtherwise};
+  return {kDefaultLanguage};
 }
 
 }  // namespace platform

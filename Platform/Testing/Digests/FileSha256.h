@@ -12,7 +12,7 @@ namespace platform {
 inline Result<std::optional<Sha256>> sha256OfFile(const std::string& path) {
   auto digest = FileDigest::open(path);
   if (!digest) return std::unexpected(digest.error());
-  const auto done = digest->readOn(std::numeric_limits<std::uint64_t>::max());
+  const auto done = digest->readMore(std::numeric_limits<std::uint64_t>::max());
   if (!done) return std::unexpected(done.error());
   return digest->finish();
 }

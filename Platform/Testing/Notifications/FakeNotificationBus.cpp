@@ -52,7 +52,7 @@ FakeNotificationBus::~FakeNotificationBus() = default;
 
 void FakeNotificationBus::start() {
   if (running_.exchange(true)) return;
-  loop_.post([this] { returnObservers_.tell(); });
+  loop_.post([this] { returnObservers_.notify(); });
 }
 
 std::unique_ptr<DistributedNotificationCenter> FakeNotificationBus::makeCenter(SystemLog& log) {

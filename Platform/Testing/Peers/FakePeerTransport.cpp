@@ -436,8 +436,8 @@ class FakePeerNetwork::Listener final : public PeerListener {
   // Hands the new connection to the owner. False if it is rejected.
   bool handOn(const std::shared_ptr<FakePeerTransport::End>& end, std::uint32_t user) {
     end->held_ =
-        users_->hold(user, places_->isFavoured(user) ? std::numeric_limits<std::size_t>::max()
-                                                     : options_.connectionsPerUser);
+        users_->hold(user, places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
+                                                       : options_.connectionsPerUser);
     if (!end->held_) return false;
     const auto refuse = [weak = std::weak_ptr(end)](const char* why) {
       if (const auto held = weak.lock()) held->refuse({ErrorCode::kDenied, 0, why});

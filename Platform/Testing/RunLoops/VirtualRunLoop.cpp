@@ -51,7 +51,7 @@ void VirtualRunLoop::run() {
 
 void VirtualRunLoop::sleepFor(Duration duration) {
   const Instant end = instantAfter(now(), duration);
-  happen(end);
+  runOutsideEvents(end);
   now_ = std::max(now(), end);
 }
 
@@ -60,7 +60,7 @@ bool VirtualRunLoop::waitFor(Duration limit, const std::function<bool()>& done) 
   while (!done()) {
     const bool nothingComes = outsideEvents_.empty() || outsideEvents_.begin()->first > end;
     const Instant next = nothingComes ? end : outsideEvents_.begin()->first;
-    happen(next);
+    runOutsideEvents(next);
     now_ = std::max(now(), next);
     if (nothingComes) return done();
   }
@@ -69,7 +69,7 @@ bool VirtualRunLoop::waitFor(Duration limit, const std::function<bool()>& done) 
 
 void VirtualRunLoop::runReady() {
   do {
-    happen(now());
+    runOutsideEvents(now());
   } while (serveOne());
 }
 
@@ -123,11 +123,11 @@ bool VirtualRunLoop::moveToNext(Instant limit) {
   if (!outsideEvents_.empty()) next = std::min(next, outsideEvents_.begin()->first);
   if (next > std::max(limit, now())) return false;
   now_ = std::max(now(), next);
-  happen(now());
+  runOutsideEvents(now());
   return true;
 }
 
-void VirtualRunLoop::happen(Instant until) {
+void VirtualRunLoop::runOutsideEvents(Instant until) {
   // An event may take time itself.
   while (!outsideEvents_.empty() && outsideEvents_.begin()->first <= std::max(until, now())) {
     auto event = outsideEvents_.extract(outsideEvents_.begin());

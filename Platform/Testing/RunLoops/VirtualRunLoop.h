@@ -79,7 +79,7 @@ class VirtualRunLoop final : public RunLoop {
   bool callDue();
   bool serveOne();
   bool moveToNext(Instant limit);
-  void happen(Instant until);
+  void runOutsideEvents(Instant until);
 
   std::atomic<Instant> now_ = kStart;
   WallTime wallTimeAtStart_ = std::chrono::sys_days(std::chrono::year(2026) / 1 / 2) +
