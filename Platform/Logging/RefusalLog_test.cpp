@@ -40,7 +40,7 @@ TEST_F(RefusalLogTest, TheLinesOfAPeriodAreLimited) {
   EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod);
 }
 
-TEST_F(RefusalLogTest, TheFirstLineOfTheNextPeriodSaysHowManyAreMissing) {
+TEST_F(RefusalLogTest, TheNextPeriodsFirstLineCountsTheMissingOnes) {
   write(RefusalLog::kLinesPerPeriod + 2);
   loop_.advanceBy(RefusalLog::kPeriod - 1ns);
   write(1);

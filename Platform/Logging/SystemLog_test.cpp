@@ -165,7 +165,7 @@ TEST_F(SystemLogTest, ThreadsTogetherReportEveryLossOnce) {
   EXPECT_EQ(sink_.count("kept"), static_cast<std::size_t>(kThreads * kMessages));
 }
 
-TEST_F(SystemLogTest, NSLogWritesToStandardErrorAndAsTheProgramToTheLog) {
+TEST_F(SystemLogTest, NSLogWritesToStandardErrorAndTheLog) {
   FakeLogSink standardError;
   NSLog({log_, standardError}, "%s is deprecated. 100%%", "+[Client make]");
   EXPECT_THAT(sink_.messages(), ElementsAre(Message{"servicemanagerd", "user", ASL_LEVEL_WARNING,

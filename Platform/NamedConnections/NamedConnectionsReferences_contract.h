@@ -12,7 +12,7 @@ class NamedConnectionsReferencesContract : public NamedConnectionsContract {
       std::make_shared<NSProtocolChecker>(&callback_, &kCallbackProtocol);
 };
 
-TEST_P(NamedConnectionsReferencesContract, AnObjectIsCalledBackDuringTheRequestThatPassesIt) {
+TEST_P(NamedConnectionsReferencesContract, AnObjectCanBeCalledDuringItsRequest) {
   start();
   EXPECT_EQ(send("callBack:", {Value(object_)}), MessageResult(Value("answer")));
   EXPECT_EQ(journal_.entries(), Log{"called now"});

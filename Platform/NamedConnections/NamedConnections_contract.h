@@ -41,7 +41,7 @@ TEST_P(NamedConnectionsContract, OneWayMessagesAreDeliveredInOrder) {
   EXPECT_EQ(journal_.entries(), (Log{"one", "two", "three"}));
 }
 
-TEST_P(NamedConnectionsContract, ASelectorOutsideTheProtocolIsRefusedAndTheConnectionStays) {
+TEST_P(NamedConnectionsContract, ASelectorOutsideTheProtocolIsOnlyRefused) {
   start();
   const MessageResult result = send("hidden:", {Value(1)});
   ASSERT_FALSE(result);
@@ -147,7 +147,7 @@ TEST_P(NamedConnectionsContract, ADeathIsPostedOnceOnBothSides) {
   EXPECT_THAT(journal_.entries(), testing::UnorderedElementsAre("death", "client died"));
 }
 
-TEST_P(NamedConnectionsContract, AChildBeginsWithItsParentsObjectTimeOutsAndDelegate) {
+TEST_P(NamedConnectionsContract, AChildStartsWithItsParentsSettings) {
   vend();
   there([this](ConnectedProgram&) {
     server_.connection->setReplyTimeout(3s);

@@ -19,7 +19,7 @@ class NotificationCenterTest : public testing::Test {
   std::vector<std::string> delivered_;
 };
 
-TEST_F(NotificationCenterTest, DeliversByNameInTheOrderOfAddingBeforeThePostReturns) {
+TEST_F(NotificationCenterTest, APostIsDeliveredByNameBeforeItReturns) {
   const auto b = center_.addObserver("died", nullptr, record("b"));
   const auto a = center_.addObserver("died", nullptr, record("a"));
   const auto other = center_.addObserver("opened", nullptr, record("other"));

@@ -141,7 +141,7 @@ TEST_P(PeerTransportContract, APeerThatDoesNotReadItsAnswersIsDisconnected) {
   EXPECT_TRUE(call("echo:", {Value(1)}));
 }
 
-TEST_P(PeerTransportContract, OneWayMessagesToAPeerThatDoesNotReadAreRefused) {
+TEST_P(PeerTransportContract, UnreadOneWayMessagesAreRefused) {
   start();
   settle();
   harness_->hang();

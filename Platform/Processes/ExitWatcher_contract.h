@@ -273,7 +273,7 @@ TEST_P(ExitWatcherContract, AnExitIsReportedBeforeAnythingLessUrgent) {
   EXPECT_EQ(reportsAt, std::vector<std::size_t>(4, 2));
 }
 
-TEST_P(ExitWatcherContract, AnExitWhileACallbackIsRunningIsReportedBeforeTheNext) {
+TEST_P(ExitWatcherContract, AnExitDuringACallbackIsReportedBeforeTheNext) {
   const ProcessId child = harness_->startChild();
   const auto handle = watch(child);
   std::optional<std::size_t> reportsAtNext;

@@ -30,7 +30,7 @@ TEST_F(DelayedCallsTest, ACallRunsOnceAfterItsDelay) {
   EXPECT_EQ(ran_, std::vector{1});
 }
 
-TEST_F(DelayedCallsTest, CallsRunInTheOrderOfTheirTimesAndThenOfPerform) {
+TEST_F(DelayedCallsTest, CallsRunInTheOrderOfTimeThenOfPerform) {
   calls_->perform(note(3), 2s);
   calls_->perform(note(1), 1s);
   calls_->perform(note(2), 1s);

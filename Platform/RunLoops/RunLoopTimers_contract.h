@@ -38,7 +38,7 @@ TEST_P(RunLoopContract, ATimerIsNeverEarly) {
   EXPECT_GE(*fired - start, 1'234'567ns);
 }
 
-TEST_P(RunLoopContract, ZeroAndNegativeDelaysRunAtOnceInTheOrderOfCreation) {
+TEST_P(RunLoopContract, ZeroAndNegativeDelaysRunAtOnceInOrder) {
   const auto zero = loop_->startTimer(0s, Repeat::kOnce, note("zero"));
   const auto negative = loop_->startTimer(-1h, Repeat::kOnce, note("negative"));
   const auto least = loop_->startTimer(Duration::min(), Repeat::kOnce, note("least"));

@@ -85,7 +85,7 @@ struct Refusal {
   const char* expected;
 };
 
-TEST(PlatformConfigurationTest, AWrongTypeOrAnImpossibleValueNamesFileKeyAndExpectation) {
+TEST(PlatformConfigurationTest, AWrongValueNamesFileKeyAndExpectation) {
   const Refusal refusals[] = {
       {"KernelRelease", 15, "one to three numbers"},
       {"KernelRelease", "", "one to three numbers"},

@@ -29,7 +29,7 @@ TEST(DescriptionTest, DataIsShownInGroupsOfFourBytes) {
   EXPECT_EQ(description(Value(Data{0, 1, 2, 3, 4, 5, 6, 7, 8})), "<00010203 04050607 08>");
 }
 
-TEST(DescriptionTest, ADateIsUtcToTheSecondAlsoBeforeTheReferenceDate) {
+TEST(DescriptionTest, ADateIsUtcToTheSecond) {
   EXPECT_EQ(description(Value(Date{0})), "2001-01-01 00:00:00 +0000");
   EXPECT_EQ(description(Value(Date{-0.5})), "2000-12-31 23:59:59 +0000");
   EXPECT_EQ(description(Value(Date{-978'307'200})), "1970-01-01 00:00:00 +0000");

@@ -68,7 +68,7 @@ TEST_F(AnchorStoreTest, AFileThatOthersCanWriteIsNotTrusted) {
   EXPECT_THAT(failure.reason, HasSubstr("authority.pem can be written by others"));
 }
 
-TEST_F(AnchorStoreTest, AFolderThatOthersCanWriteIsNotTrustedEvenIfSticky) {
+TEST_F(AnchorStoreTest, AFolderThatOthersCanWriteIsNeverTrusted) {
   for (const mode_t mode : {mode_t{0775}, mode_t{0757}, mode_t{01777}}) {
     ASSERT_EQ(::chmod(path("").c_str(), mode), 0);
     EXPECT_EQ(count(), 0) << mode;

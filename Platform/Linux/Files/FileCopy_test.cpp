@@ -26,7 +26,7 @@ constexpr char kDestination[] = "FILE_COPY_TEST_DESTINATION";
 constexpr char kResult[] = "FILE_COPY_TEST_RESULT";
 
 // strace runs this program with only this test.
-TEST(FileCopyProgram, DISABLED_CopiesTheFilesThatItsEnvironmentNames) {
+TEST(FileCopyProgram, DISABLED_CopiesTheFilesOfItsEnvironment) {
   const auto copied = overwriteWithCopyOfFile(std::getenv(kSource), std::getenv(kDestination));
   std::ofstream(std::getenv(kResult)) << (copied ? 0 : copied.error().code);
 }
@@ -129,7 +129,7 @@ TEST_F(FileCopyTest, AFailureBeforeTheRenameLeavesOnlyTheOldContent) {
   }
 }
 
-TEST_F(FileCopyTest, AFailureAfterTheRenameIsAnErrorAndTheCopyStays) {
+TEST_F(FileCopyTest, AfterTheRenameAFailureKeepsTheCopy) {
   const std::vector<Call> calls = callsOfACopy();
   ASSERT_EQ(calls.size(), 8u);
   // A failure to synchronise the folder has no effect.

@@ -188,7 +188,7 @@ TEST_F(LinuxFileManagerTest, AFileWithoutAReportedSizeIsCopiedWhole) {
   EXPECT_EQ(contentOfFile(destination), contentOfFile("/proc/version"));
 }
 
-TEST_F(LinuxFileManagerTest, ALinkIsFollowedAsTheSourceAndReplacedAsTheDestination) {
+TEST_F(LinuxFileManagerTest, ASourceLinkIsFollowedAndADestinationLinkReplaced) {
   folder_.write("file", "content");
   folder_.write("kept", "kept");
   ASSERT_EQ(::symlink("file", path("source").c_str()), 0);
@@ -216,7 +216,7 @@ TEST_F(LinuxFileManagerTest, OwnerGroupSetUserIdAndTimesAreCopied) {
   EXPECT_EQ(copy.st_mtim.tv_nsec, 2);
 }
 
-TEST_F(LinuxFileManagerTest, AnOwnerThatCanNotBeSetIsAnErrorAndTheCopyStays) {
+TEST_F(LinuxFileManagerTest, AFailureToSetTheOwnerKeepsTheCopy) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs files of two users";
   folder_.write("source", "content");
   ASSERT_EQ(::chmod(path("source").c_str(), 0644), 0);

@@ -183,7 +183,7 @@ std::size_t lineSize(std::string_view text) {
   return static_cast<std::size_t>(std::filesystem::file_size(folder.path("one")));
 }
 
-TEST_F(FileLogSinkTest, AFullFileIsRotatedBeforeTheLineThatWouldExceedIt) {
+TEST_F(FileLogSinkTest, AFileIsRotatedBeforeALineThatExceedsIt) {
   const std::size_t size = lineSize("1");
   FileLogSink sink(path_, {.bytes = 2 * size, .kept = 5});
   for (const char* text : {"1", "2", "3"}) ASSERT_TRUE(sink.write(record(text)));

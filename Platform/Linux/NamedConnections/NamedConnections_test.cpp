@@ -159,7 +159,7 @@ TEST_P(NamedConnectionsSocketTest, TheSocketOfADeadOwnerBlocksNobody) {
   EXPECT_TRUE(send("nothing"));
 }
 
-TEST_P(NamedConnectionsSocketTest, AStandardClientWithoutTheTokenGetsAnErrorAndNoData) {
+TEST_P(NamedConnectionsSocketTest, AStandardClientWithoutTheTokenGetsAnError) {
   start();
   const std::string command = "exec dbus-send --peer=unix:path=" + path() +
                               " --type=method_call --print-reply / com.vantor.Peer.echo_ "

@@ -160,7 +160,7 @@ TEST_F(BusNotificationCenterTest, ABusThatClosesAfterItsHelloIsRetriedLater) {
   EXPECT_GE(bus.hellos()[1] - bus.hellos()[0], 400ms);
 }
 
-TEST_F(BusNotificationCenterTest, EarlyPostsToABusThatClosesAfterItsHelloAreLogged) {
+TEST_F(BusNotificationCenterTest, EarlyPostsToAClosingBusAreLogged) {
   ScriptedBus bus(*loop_, address_, ScriptedBus::AtHello::kAnswersAndCloses);
   connect();
   post("a");

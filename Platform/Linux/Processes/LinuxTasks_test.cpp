@@ -183,7 +183,7 @@ TEST_P(LinuxTasksTest, AGrandchildThatWritesForEverIsNotWaitedFor) {
 
 TEST_P(LinuxTasksTest, AChildsInputIsEmpty) { EXPECT_EQ(run("cat; echo end").output, "end\n"); }
 
-TEST_P(LinuxTasksTest, ASignalsNumberIsTheStatusWithWhatWasWrittenBefore) {
+TEST_P(LinuxTasksTest, ASignalsNumberIsTheStatusAndOutputIsKept) {
   for (const int signal : {SIGTERM, SIGKILL, SIGSEGV}) {
     const Outcome outcome =
         run("ulimit -c 0; echo out; echo err >&2; kill -" + std::to_string(signal) + " $$");
@@ -313,7 +313,7 @@ TEST_P(LinuxTasksTest, ASoftLimitOfDescriptorsIsHandedOn) {
   EXPECT_EQ(textOf(task->pipes().standardOutput->availableData()), "77\n" + hard + "\n");
 }
 
-TEST_P(LinuxTasksTest, WithoutStandardFilesOfItsOwnAProgramStillGivesThemToItsChild) {
+TEST_P(LinuxTasksTest, WithoutStandardFilesAProgramGivesThemToItsChild) {
   // A child does it, because the test needs its own standard files.
   const pid_t child = ::fork();
   if (child == 0) {

@@ -154,7 +154,7 @@ TEST_F(LinuxProcessTest, AnExecutableMayBeCalledDeleted) {
   EXPECT_EQ(system_.processPath(process.process()), path);
 }
 
-TEST_F(LinuxProcessTest, ADeletedExecutableIsNotTakenForAnotherFileThatIsCalledDeleted) {
+TEST_F(LinuxProcessTest, ADeletedExecutableDiffersFromAFileCalledDeleted) {
   const std::string path = program("demo");
   const WaitingProcess process(path);
   ASSERT_EQ(process.error(), 0);

@@ -203,7 +203,7 @@ class Hesitating final : public NSXPCListenerDelegate {
 };
 
 // A message for a busy queue waits behind it without blocking the thread that reads for all.
-TEST(LinuxXPCTest, AnObjectServedAtOnceOnABusyQueueBlocksNoOtherConnection) {
+TEST(LinuxXPCTest, ABusyQueueDoesNotBlockOtherConnections) {
   LinuxXPCHarness harness;
   XPCJournal journal(harness);
   auto delegate = std::make_shared<Hesitating>(journal);

@@ -90,7 +90,7 @@ TEST_F(FakeJobsTest, AJobOlderThanItsThrottleIsStartedAgainAtOnce) {
   EXPECT_NE(jobs_.process(kLabel), first);
 }
 
-TEST_F(FakeJobsTest, ThePlannedStartOfAnEarlierProcessDoesNotBreakTheThrottle) {
+TEST_F(FakeJobsTest, APlannedStartDoesNotBreakTheThrottle) {
   submit();
   jobs_.endProcess(kLabel);
   submit({{"ThrottleInterval", 0}});  // Starts it now; the other start is still planned at 10 s.
