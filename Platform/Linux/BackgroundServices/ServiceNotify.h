@@ -17,7 +17,7 @@ class ServiceNotify final : public ServiceReadiness {
   static ServiceNotify takeFromEnvironment();
 
   // `address` is an absolute path of at most 107 bytes, or "@" and an abstract name of at most 107
-  // bytes. With an empty address announcements do nothing; with any other they fail. If the
+  // bytes. With an empty address announcements do nothing; with an ill-formed one they fail. If the
   // listener's queue is full, an announcement blocks for at most `timeout`.
   ServiceNotify(std::string address, std::chrono::milliseconds timeout)
       : address_(std::move(address)), timeout_(timeout) {}
