@@ -21,10 +21,7 @@ namespace {
 constexpr std::size_t kFilePieceBytes = 256 * 1024;
 
 std::unexpected<Error> fileFailure(const std::string& path) {
-  const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-  return std::unexpected(systemError(path, isMissing         ? ErrorCode::kNotFound
-                                           : errno == EACCES ? ErrorCode::kDenied
-                                                             : ErrorCode::kSystem));
+  return std::unexpected(systemError(path, errorCodeOf(errno)));
 }
 
 std::unexpected<Error> unfit(const std::string& path, const char* what) {

@@ -8,21 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
-namespace {
-
-ErrorCode codeOfOpen(int number) {
-  if (number == ENOENT || number == ENOTDIR) return ErrorCode::kNotFound;
-  if (number == EACCES || number == EPERM) return ErrorCode::kDenied;
-  if (isShortage(number)) return ErrorCode::kExhausted;
-  return ErrorCode::kSystem;
-}
-
-}  // namespace
-
 Result<UniqueFd> openRegularFile(const std::string& path) {
   UniqueFd file(retryOnInterrupt([&] {
     return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
@@ -31,7 +19,7 @@ Result<UniqueFd> openRegularFile(const std::string& path) {
     return std::unexpected(Error{ErrorCode::kInvalid, ELOOP,
                                  path + ": is a symbolic link; put the file itself there"});
   }
-  if (!file) return std::unexpected(systemError(path, codeOfOpen(errno)));
+  if (!file) return std::unexpected(systemError(path, errorCodeOf(errno)));
   struct stat status{};
   if (::fstat(file.get(), &status) != 0) return std::unexpected(systemError(path));
   if (!S_ISREG(status.st_mode)) {

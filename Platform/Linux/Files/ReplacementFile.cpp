@@ -22,6 +22,10 @@ std::string folderOf(const std::string& path) {
   return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
+std::unexpected<Error> replacementFailure(std::string what) {
+  return std::unexpected(systemError(std::move(what), errorCodeOf(errno)));
+}
+
 }  // namespace
 
 Result<ReplacementFile> ReplacementFile::createFor(const std::string& path) {
@@ -29,7 +33,7 @@ Result<ReplacementFile> ReplacementFile::createFor(const std::string& path) {
   replacement.path_ = path;
   std::string name = folderOf(path) + "/.replacement.XXXXXX";
   replacement.file_ = UniqueFd(::mkostemp(name.data(), O_CLOEXEC));
-  if (!replacement.file_) return std::unexpected(systemError(path + ": no file beside it"));
+  if (!replacement.file_) return replacementFailure(path + ": no file beside it");
   replacement.temporary_ = std::move(name);
   return replacement;
 }
@@ -47,7 +51,7 @@ Result<void> ReplacementFile::append(std::span<const std::uint8_t> bytes) {
   while (!bytes.empty()) {
     const ssize_t count =
         retryOnInterrupt([&] { return ::write(file_.get(), bytes.data(), bytes.size()); });
-    if (count < 0) return std::unexpected(systemError(temporary_));
+    if (count < 0) return replacementFailure(temporary_);
     bytes = bytes.subspan(static_cast<std::size_t>(count));
   }
   return {};
@@ -60,7 +64,7 @@ Result<void> ReplacementFile::appendFrom(int file, std::uint64_t size) {
         static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kReplacementPieceBytes));
     const ssize_t count = retryOnInterrupt(
         [&] { return ::pread(file, piece.get(), wanted, static_cast<off_t>(done)); });
-    if (count < 0) return std::unexpected(systemError(path_));
+    if (count < 0) return replacementFailure(path_);
     if (count == 0) {
       return std::unexpected(
           Error{ErrorCode::kInvalid, 0, path_ + ": became shorter while it was read"});
@@ -72,20 +76,23 @@ Result<void> ReplacementFile::appendFrom(int file, std::uint64_t size) {
   return {};
 }
 
+Result<void> ReplacementFile::setMode(mode_t mode) {
+  if (::fchmod(file_.get(), mode & 07777) != 0)
+    return replacementFailure(path_ + ": can't be given its mode");
+  return {};
+}
+
 Result<void> ReplacementFile::setOwnerAndMode(uid_t owner, gid_t group, mode_t mode) {
   // The order matters: giving a file away clears its set-user-id bit.
   const bool given = ::fchown(file_.get(), owner, group) == 0;
   // A set-user-id program must not run with the permissions of a different owner.
   const mode_t kept = given ? mode : mode & ~static_cast<mode_t>(S_ISUID | S_ISGID);
-  if (::fchmod(file_.get(), kept & 07777) != 0) {
-    return std::unexpected(systemError(path_ + ": can't be given its mode"));
-  }
-  return {};
+  return setMode(kept);
 }
 
 Result<void> ReplacementFile::synchronise() {
   if (retryOnInterrupt([&] { return ::fsync(file_.get()); }) != 0) {
-    return std::unexpected(systemError(path_ + ": can't be synchronised"));
+    return replacementFailure(path_ + ": can't be synchronised");
   }
   return {};
 }
@@ -93,7 +100,7 @@ Result<void> ReplacementFile::synchronise() {
 Result<void> ReplacementFile::commit() {
   if (auto done = synchronise(); !done) return done;
   if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
-    return std::unexpected(systemError(path_ + ": can't be replaced"));
+    return replacementFailure(path_ + ": can't be replaced");
   }
   temporary_.clear();
   // Makes the name survive a crash. The file is in place already, so a failure is ignored.

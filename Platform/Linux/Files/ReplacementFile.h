@@ -24,6 +24,7 @@ class ReplacementFile {
   Result<void> append(std::span<const std::uint8_t> bytes);
   // Appends the first `size` bytes of an open file.
   Result<void> appendFrom(int file, std::uint64_t size);
+  Result<void> setMode(mode_t mode);
   // If the owner can't be set, the file keeps its own.
   Result<void> setOwnerAndMode(uid_t owner, gid_t group, mode_t mode);
   // Blocks until the appended bytes are on the disk.

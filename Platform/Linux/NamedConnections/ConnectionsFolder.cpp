@@ -40,11 +40,9 @@ std::string pathIn(std::string_view folder, std::string_view root, std::string_v
 }
 
 ErrorCode codeOfFolderError(int number) {
-  if (number == ENOENT) return ErrorCode::kNotFound;
-  // ELOOP and ENOTDIR: another kind of file is in the folder's place.
-  return number == EACCES || number == EPERM || number == ELOOP || number == ENOTDIR
-             ? ErrorCode::kDenied
-             : ErrorCode::kSystem;
+  // Another kind of file is in the folder's place.
+  if (number == ELOOP || number == ENOTDIR) return ErrorCode::kDenied;
+  return errorCodeOf(number);
 }
 
 std::unexpected<Error> folderFailure(std::string what) {

@@ -30,11 +30,6 @@ constexpr auto kRetryPause = 5ms;
 
 ErrorCode codeOfSocketError(int number) {
   switch (number) {
-    case ENOENT:
-    case ENOTDIR:
-      return ErrorCode::kNotFound;
-    case EACCES:
-    case EPERM:
     case EROFS:
     case EADDRINUSE:
       return ErrorCode::kDenied;
@@ -43,13 +38,8 @@ ErrorCode codeOfSocketError(int number) {
     case EISDIR:
     case EPROTOTYPE:
       return ErrorCode::kInvalid;
-    case EMFILE:
-    case ENFILE:
-    case ENOMEM:
-    case ENOSPC:
-      return ErrorCode::kExhausted;
     default:
-      return ErrorCode::kSystem;
+      return errorCodeOf(number);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -12,6 +13,24 @@ namespace platform {
 inline Error systemError(std::string context, ErrorCode code = ErrorCode::kSystem) {
   const int number = errno;
   return Error{code, number, std::move(context)};
+}
+
+// The kind that an errno means wherever it comes from. A call that knows more asks before this.
+inline ErrorCode errorCodeOf(int errorNumber) {
+  if (isShortage(errorNumber)) return ErrorCode::kExhausted;
+  switch (errorNumber) {
+    case ENOENT:
+    case ENOTDIR:
+      return ErrorCode::kNotFound;
+    case EACCES:
+    case EPERM:
+      return ErrorCode::kDenied;
+    case ENOSPC:
+    case EDQUOT:
+      return ErrorCode::kExhausted;
+    default:
+      return ErrorCode::kSystem;
+  }
 }
 
 // Repeats a system call while signals interrupt it. Not for close().
