@@ -3,16 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
-#include <memory>
 #include <set>
 #include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemFacts/PlatformRoot.h"
@@ -49,18 +48,17 @@ Result<Plists> plistsIn(const std::string& path) {
       !trust) {
     return std::unexpected(trust.error());
   }
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), &::closedir);
-  if (!folder) return std::unexpected(platform::systemError(path));
   Plists plists;
-  while (const dirent* entry = ::readdir(folder.get())) {
-    const std::string_view name = entry->d_name;
-    if (!name.ends_with(kSuffix) || name.starts_with('.')) continue;
+  const auto read = platform::eachNameInFolder(path, [&plists](std::string_view name) {
+    if (!name.ends_with(kSuffix) || name.starts_with('.')) return true;
     plists.names.emplace(name);
-    if (plists.names.size() <= kMaximumDaemonFiles) continue;
+    if (plists.names.size() <= kMaximumDaemonFiles) return true;
     // Leave out the last by name, so that the choice does not depend on the folder's order on disk.
     plists.names.erase(std::prev(plists.names.end()));
     ++plists.left;
-  }
+    return true;
+  });
+  if (!read) return std::unexpected(read.error());
   return plists;
 }
 

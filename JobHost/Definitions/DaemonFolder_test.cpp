@@ -1,13 +1,17 @@
 #include "JobHost/Definitions/DaemonFolder.h"
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Platform/Testing/Machine/FailingSystemCall.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace jobhost {
@@ -106,6 +110,14 @@ TEST_F(DaemonFolderTest, AFolderOfAnotherUserIsNotRead) {
   expectNothing(AllOf(HasSubstr(path + ": not trusted"), HasSubstr("belongs to uid 12345")));
   ASSERT_EQ(::chown(path.c_str(), 0, 12345), 0);  // Its group can't write it.
   EXPECT_EQ(read().definitions.size(), 1);
+}
+
+TEST_F(DaemonFolderTest, AFolderThatCannotBeReadToItsEndIsAFault) {
+  add(1);
+  ASSERT_EQ(read().definitions.size(), 1u);
+  platform::withFailingSystemCall(SYS_getdents64, EIO, [this] {
+    expectNothing(AllOf(HasSubstr(root_.path("daemons")), HasSubstr(std::strerror(EIO))));
+  });
 }
 
 TEST_F(DaemonFolderTest, AFolderBehindASymbolicLinkIsNotRead) {

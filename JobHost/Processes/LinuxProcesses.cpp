@@ -17,7 +17,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Files/FolderHandle.h"
+#include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
@@ -86,18 +86,14 @@ std::optional<Membership> membershipIn(const std::string& stat) {
 // Whether `matches` accepts the "stat" file of any process. True if the processes can't be read.
 template <typename Matches>
 bool anyProcess(Matches matches) {
-  const platform::FolderHandle folder(::opendir("/proc"));
-  if (!folder) return true;
-  errno = 0;
-  while (const dirent* entry = ::readdir(folder.get())) {
-    const std::string_view name = entry->d_name;
-    if (name.front() >= '1' && name.front() <= '9') {
-      const auto stat = statOf(name);
-      if (!stat || matches(*stat)) return true;
-    }
-    errno = 0;
-  }
-  return errno != 0;
+  bool isFound = false;
+  const auto read = platform::eachNameInFolder("/proc", [&](std::string_view name) {
+    if (name.front() < '1' || name.front() > '9') return true;
+    const auto stat = statOf(name);
+    isFound = !stat || matches(*stat);
+    return !isFound;
+  });
+  return isFound || !read;
 }
 
 }  // namespace

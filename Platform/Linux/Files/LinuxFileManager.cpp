@@ -5,7 +5,7 @@
 #include "Platform/Linux/Files/CocoaFileErrors.h"
 #include "Platform/Linux/Files/FileCopy.h"
 #include "Platform/Linux/Files/FolderCreation.h"
-#include "Platform/Linux/Files/FolderHandle.h"
+#include "Platform/Linux/Files/FolderNames.h"
 
 namespace platform {
 namespace {
@@ -16,8 +16,6 @@ bool holdsZeroByte(std::string_view path) { return path.find('\0') != path.npos;
 std::string upToZeroByte(std::string_view path) {
   return std::string(path.substr(0, path.find('\0')));
 }
-
-bool isSelfOrParent(std::string_view name) { return name == "." || name == ".."; }
 
 }  // namespace
 
@@ -40,15 +38,9 @@ Result<void, NSError> LinuxFileManager::eachNameInDirectory(std::string_view pat
                                                             const EachName& each) {
   const std::string name = upToZeroByte(path);
   if (holdsZeroByte(path)) return std::unexpected(cocoaReadError(name, EINVAL));
-  const FolderHandle folder(::opendir(name.c_str()));
-  if (!folder) return std::unexpected(cocoaReadError(name, errno));
-  for (;;) {
-    errno = 0;
-    const dirent* const entry = ::readdir(folder.get());
-    if (!entry && errno != 0) return std::unexpected(cocoaReadError(name, errno));
-    if (!entry) return {};
-    if (!isSelfOrParent(entry->d_name) && !each(entry->d_name)) return {};
-  }
+  const auto read = platform::eachNameInFolder(name, each);
+  if (!read) return std::unexpected(cocoaReadError(name, read.error().osError));
+  return {};
 }
 
 }  // namespace platform
