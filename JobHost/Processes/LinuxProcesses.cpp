@@ -6,7 +6,6 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cerrno>
 #include <csignal>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -18,8 +17,10 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <unistd.h>
 
 #include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/Processes/ChildEnd.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemFacts/ProcessRecord.h"
 
 namespace jobhost {
 namespace {
@@ -27,24 +28,13 @@ namespace {
 using platform::Descriptor;
 using platform::Error;
 using platform::ErrorCode;
-using platform::ExitStatus;
 using platform::isShortage;
 using platform::ProcessId;
+using platform::ProcessMembership;
 using platform::Result;
 using platform::retryOnInterrupt;
 using platform::systemError;
 using platform::UniqueFd;
-
-Ending reap(int pidfd) {
-  siginfo_t info{};
-  const int result = retryOnInterrupt([&] {
-    return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | __WALL);
-  });
-  if (result != 0 || info.si_pid == 0) return std::nullopt;  // It is another process's child.
-  if (info.si_code == CLD_EXITED) return ExitStatus{ExitStatus::Kind::kExited, info.si_status};
-  return ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, info.si_status},
-                    info.si_code == CLD_DUMPED);
-}
 
 // The contents of the process's "stat" file. An empty text if there is no such process, no value if
 // the file can't be read.
@@ -58,29 +48,13 @@ std::optional<std::string> statOf(std::string_view process) {
   return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : std::string();
 }
 
-struct Membership {
-  ProcessId group = 0;
-  ProcessId session = 0;
-};
-
 // The group and session in a "stat" file, or nothing if the process has ended.
-std::optional<Membership> membershipIn(const std::string& stat) {
-  const std::size_t nameEnd = stat.rfind(')');
-  if (nameEnd == stat.npos) return std::nullopt;
-  std::istringstream fields(stat.substr(nameEnd + 1));
-  char state = 0;
-  ProcessId parent = 0;
-  Membership membership;
-  fields >> state >> parent >> membership.group >> membership.session;
-  // Skip the fields from the terminal to the niceness. The number of threads follows.
-  std::string skipped;
-  for (int i = 0; i < 13; ++i) fields >> skipped;
-  long threads = 0;
-  fields >> threads;
-  if (!fields || state == 'X') return std::nullopt;
-  // This is the state of the first thread only, which may end before the others.
-  if (state == 'Z' && threads <= 1) return std::nullopt;
-  return membership;
+std::optional<ProcessMembership> membershipIn(const std::string& stat) {
+  const auto membership = platform::parseProcessMembership(stat);
+  if (!membership || membership->state == 'X') return std::nullopt;
+  // The state is that of the first thread only, which may end before the others.
+  if (membership->state == 'Z' && membership->threads <= 1) return std::nullopt;
+  return *membership;
 }
 
 // Whether `matches` accepts the "stat" file of any process. True if the processes can't be read.
@@ -165,7 +139,8 @@ Result<void> LinuxProcesses::watch(ProcessId process, UniqueFd pidfd, OnEnd onEn
 void LinuxProcesses::ended(ProcessId process) {
   auto node = watched_.extract(process);
   Watched& watched = node.mapped();
-  const Ending ending = reap(watched.pidfd.get());
+  const auto end = platform::reapIfEnded(watched.pidfd.get());
+  const Ending ending = end ? Ending(ProcessEnd(end->status, end->dumpedCore)) : std::nullopt;
   watched.source.reset();
   watched.pidfd.reset();
   watched.onEnd(ending);

@@ -7,25 +7,13 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <string>
 #include <utility>
 
-#include <sys/wait.h>
-
+#include "Platform/Linux/Processes/ChildEnd.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace platform {
 
 namespace {
-
-std::optional<ExitStatus> reapIfOurs(int pidfd) {
-  siginfo_t info{};
-  // __WALL also reaps children that clone() made without SIGCHLD.
-  const int result = retryOnInterrupt([&] {
-    return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), &info, WEXITED | WNOHANG | __WALL);
-  });
-  if (result != 0 || info.si_pid == 0) return std::nullopt;
-  if (info.si_code == CLD_EXITED) return ExitStatus{ExitStatus::Kind::kExited, info.si_status};
-  return ExitStatus{ExitStatus::Kind::kSignalled, info.si_status};
-}
 
 // Watches a process that still exists.
 class PidfdWatch final : public RunLoopHandle {
@@ -49,12 +37,12 @@ class PidfdWatch final : public RunLoopHandle {
 
  private:
   void ended() {
-    const std::optional<ExitStatus> status = reapIfOurs(pidfd_.get());
+    const auto end = reapIfEnded(pidfd_.get());
     // A handle may be kept long after its process has ended, so free everything else.
     source_.reset();
     pidfd_.reset();
     ExitWatcher::Callback onExit = std::move(onExit_);  // It may destroy this watch while it runs.
-    onExit(status);
+    onExit(end ? std::optional(end->status) : std::nullopt);
   }
 
   UniqueFd pidfd_;

@@ -1,7 +1,9 @@
 #include "Platform/Linux/SystemFacts/ProcessRecord.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 namespace platform {
@@ -66,6 +68,36 @@ Result<ProcessStat> parseProcessStat(std::string_view text) {
   if (!parent || !atEndOfNumber(text)) return malformed("a process's stat file has no parent");
   stat.parent = *parent;
   return stat;
+}
+
+Result<ProcessMembership> parseProcessMembership(std::string_view text) {
+  constexpr int kFieldsFromTerminalToNiceness = 13;
+  // What stands behind the command: STATE PPID PGRP SESSION, 13 others, NUM_THREADS.
+  text.remove_prefix(std::min(text.size(), text.rfind(')') + 1));
+  ProcessMembership membership;
+  const auto takeField = [&text] {
+    if (!takePrefix(text, " ")) return std::string_view();
+    const std::string_view field = text.substr(0, text.find_first_of(" \n"));
+    text.remove_prefix(field.size());
+    return field;
+  };
+  const auto takeNumberField = [&](auto& number) {
+    std::string_view field = takeField();
+    const auto taken = takeNumber<std::remove_reference_t<decltype(number)>>(field);
+    number = taken.value_or(0);
+    return taken && field.empty();
+  };
+  const std::string_view state = takeField();
+  ProcessId parent = 0;
+  bool complete = state.size() == 1 && takeNumberField(parent) &&
+                  takeNumberField(membership.group) && takeNumberField(membership.session);
+  for (int i = 0; i < kFieldsFromTerminalToNiceness; ++i)
+    complete = !takeField().empty() && complete;
+  if (!takeNumberField(membership.threads) || !complete) {
+    return malformed("a process's stat file does not tell its group, session and threads");
+  }
+  membership.state = state.front();
+  return membership;
 }
 
 Result<ProcessStatus> parseProcessStatus(std::string_view text) {

@@ -17,6 +17,14 @@ struct ProcessStat {
   std::string command;
 };
 
+// The group and session of a process, from the same file.
+struct ProcessMembership {
+  char state = 0;  // of the first thread, which may end before the others
+  ProcessId group = 0;
+  ProcessId session = 0;
+  std::int64_t threads = 0;
+};
+
 // The content of a process's "status" file.
 struct ProcessStatus {
   ProcessId threadGroup = 0;  // differs from the number asked for if that is a thread's
@@ -24,9 +32,10 @@ struct ProcessStatus {
   UserId effectiveUser = 0;
 };
 
-// Both take the beginning of the file, which must contain the fields that they read. They fail with
+// These take the beginning of the file, which must contain the fields that they read. They fail with
 // kInvalid if it is malformed.
 Result<ProcessStat> parseProcessStat(std::string_view text);
+Result<ProcessMembership> parseProcessMembership(std::string_view text);
 Result<ProcessStatus> parseProcessStatus(std::string_view text);
 
 // The start of the system in seconds since 1970, from the text of the system's "stat" file.

@@ -56,6 +56,27 @@ TEST(ProcessStatTest, MalformedTextIsRefused) {
   }
 }
 
+TEST(ProcessMembershipTest, TheFieldsAreFoundBehindTheCommand) {
+  const std::string fields = " S 1 20 30 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 9 0 12345 0\n";
+  for (const char* command : {"sh", "", "a) R 1 2 3 (", "a\nb"}) {
+    const auto membership = parseProcessMembership("17 (" + std::string(command) + ")" + fields);
+    ASSERT_TRUE(membership) << command;
+    EXPECT_EQ(membership->state, 'S');
+    EXPECT_EQ(membership->group, 20);
+    EXPECT_EQ(membership->session, 30);
+    EXPECT_EQ(membership->threads, 9);
+  }
+}
+
+TEST(ProcessMembershipTest, ACutOrMalformedFileIsRejected) {
+  for (const char* text : {"", "17 (sh", "17 (sh)", "17 (sh) S 1 20",
+                           "17 (sh) S 1 20 30 0 -1 4194560 1 2 3 4 5 6 7 8 20 0",
+                           "17 (sh) S 1 20 30 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 x 0\n",
+                           "17 (sh) S 1 x 30 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 9 0\n"}) {
+    EXPECT_FALSE(parseProcessMembership(text)) << text;
+  }
+}
+
 TEST(ProcessStatusTest, TheUsersAreTheRealAndTheEffectiveOne) {
   const auto status = parseProcessStatus(
       "Name:\tUid:\\t5\nUmask:\t0022\nTgid:\t70\nNgid:\t0\nPid:\t71\n"
