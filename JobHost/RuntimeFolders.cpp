@@ -8,6 +8,7 @@
 
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 
 namespace jobhost {
 namespace {
@@ -20,6 +21,7 @@ constexpr mode_t kFolderMode = 0755;
 constexpr char kBootIdFile[] = "/proc/sys/kernel/random/boot_id";
 constexpr std::size_t kMaximumBootIdBytes = 64;
 
+// Stricter than makeParentFolders(): the jobs depend on what these folders let others do.
 Result<void> makeFolder(const std::string& path) {
   if (::mkdir(path.c_str(), kFolderMode) == 0) {
     // The umask may have cleared bits of the mode.
@@ -51,9 +53,10 @@ Result<void> checkFolder(const std::string& path) {
 }  // namespace
 
 Result<RuntimeFolders> makeRuntimeFolders(const std::string& root) {
-  const std::string base = root == "/" ? "" : root;
-  RuntimeFolders folders{base + "/run/vantor", base + "/run/vantor/mach"};
-  if (auto made = makeFolder(base + "/run"); !made) return std::unexpected(made.error());
+  RuntimeFolders folders{platform::pathBelowRoot(root, "run/vantor"),
+                         platform::pathBelowRoot(root, "run/vantor/mach")};
+  if (auto made = makeFolder(platform::pathBelowRoot(root, "run")); !made)
+    return std::unexpected(made.error());
   for (const std::string& folder : {folders.runtime, folders.mach}) {
     if (auto made = makeFolder(folder); !made) return std::unexpected(made.error());
     if (auto checked = checkFolder(folder); !checked) return std::unexpected(checked.error());

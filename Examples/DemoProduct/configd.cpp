@@ -24,9 +24,9 @@
 
 namespace {
 
-constexpr char kStateFolder[] = "/var/lib";
-constexpr char kSettingsFolder[] = "/var/lib/vantor";
-constexpr char kSettingsFile[] = "/var/lib/vantor/settings.sqlite";
+constexpr char kStateFolder[] = "var/lib";
+constexpr char kSettingsFolder[] = "var/lib/vantor";
+constexpr char kSettingsFile[] = "var/lib/vantor/settings.sqlite";
 
 class ConfigurationServer final : public platform::VGBackgroundServiceDelegate,
                                   public platform::MessageReceiver {
@@ -70,15 +70,16 @@ platform::Result<std::unique_ptr<SettingsStore>> openStore(platform::LinuxPlatfo
                                                            const std::string& root) {
   const platform::Dictionary ours{{platform::NSFilePosixPermissions, 0700}};
   for (const auto& [folder, attributes] :
-       {std::pair<std::string, const platform::Dictionary*>{root + kStateFolder, nullptr},
-        {root + kSettingsFolder, &ours}}) {
+       {std::pair<std::string, const platform::Dictionary*>{
+            platform::pathBelowRoot(root, kStateFolder), nullptr},
+        {platform::pathBelowRoot(root, kSettingsFolder), &ours}}) {
     if (auto made = linux.fileManager.createDirectory(folder, attributes); !made) {
       return std::unexpected(
           platform::Error{platform::ErrorCode::kSystem, 0, made.error().localizedDescription});
     }
   }
-  return SettingsStore::open(root + kSettingsFile, SettingsServers::domainNames(),
-                             [&](std::string_view warning) {
+  return SettingsStore::open(platform::pathBelowRoot(root, kSettingsFile),
+                             SettingsServers::domainNames(), [&](std::string_view warning) {
                                linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR, warning);
                              });
 }
@@ -118,10 +119,9 @@ int main(int argc, char** argv) {
   if (!made) return fail(nullptr, made.error());
   platform::LinuxPlatform& linux = **made;
   const LoggerBinding logger(linux.systemLog);
-  const std::string root = linux.configuration.root == "/" ? "" : linux.configuration.root;
   // Without its settings it does not serve: whoever asked would take features for switched off. The
   // job host starts it again, and until then everything stays as it is.
-  const auto store = openStore(linux, root);
+  const auto store = openStore(linux, linux.configuration.root);
   if (!store) return fail(&linux.systemLog, store.error());
   registerDefaults(linux, **store);
   platform::NotificationCenter localCenter;

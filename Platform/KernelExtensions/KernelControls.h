@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "Platform/Files/FileNames.h"
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -14,6 +15,11 @@ namespace platform {
 inline constexpr std::size_t kControlNameBytes = 96;
 constexpr std::string_view controlName(std::string_view name) {
   return name.substr(0, kControlNameBytes);
+}
+
+// Whether a control can have this name, which is a file's at the same time.
+constexpr bool isControlName(std::string_view name) {
+  return isPlainFileName(name, kControlNameBytes);
 }
 
 // The largest option, in bytes.

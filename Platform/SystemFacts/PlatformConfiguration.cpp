@@ -194,6 +194,10 @@ OperatingSystemVersion versionOfKernelRelease(const std::string& release) {
 
 }  // namespace
 
+std::string pathBelowRoot(std::string_view root, std::string_view path) {
+  return fmt::format("{}/{}", root == "/" ? "" : root, path);
+}
+
 PlatformConfiguration defaultPlatformConfiguration(std::string_view root) {
   PlatformConfiguration configuration;
   configuration.root = root;

@@ -51,6 +51,9 @@ struct PlatformConfiguration {
   int logLevel = 7;
 };
 
+// The path of a file below a platform root: "/etc/file" or "ROOT/etc/file" for "etc/file".
+std::string pathBelowRoot(std::string_view root, std::string_view path);
+
 // The configuration without a file.
 PlatformConfiguration defaultPlatformConfiguration(std::string_view root);
 

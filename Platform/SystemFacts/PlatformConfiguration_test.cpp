@@ -18,6 +18,11 @@ Result<PlatformConfiguration> parse(Dictionary entries) {
   return parsePlatformConfiguration(Value(std::move(entries)), kFile, "/srv/demo");
 }
 
+TEST(PathBelowRootTest, ItBeginsWithTheRoot) {
+  EXPECT_EQ(pathBelowRoot("/", "etc/file"), "/etc/file");
+  EXPECT_EQ(pathBelowRoot("/opt/product", "etc/file"), "/opt/product/etc/file");
+}
+
 TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   const PlatformConfiguration configuration = defaultPlatformConfiguration("/");
   EXPECT_EQ(configuration.root, "/");

@@ -92,8 +92,7 @@ int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& messag
 std::string hostProgram(const platform::LinuxPlatform& linuxPlatform, bool isOtherRoot) {
   const std::string& path = linuxPlatform.mainBundle.executablePath();
   if (!isOtherRoot) return path.substr(0, path.rfind('/') + 1) + "jobhost";
-  const std::string& root = linuxPlatform.configuration.root;
-  return (root == "/" ? root : root + "/") + "usr/bin/jobhost";
+  return platform::pathBelowRoot(linuxPlatform.configuration.root, "usr/bin/jobhost");
 }
 
 int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform,

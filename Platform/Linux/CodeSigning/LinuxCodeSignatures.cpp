@@ -8,6 +8,7 @@
 #include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 
 namespace platform {
 namespace {
@@ -64,7 +65,7 @@ class LinuxStaticCode final : public SecStaticCode {
 LinuxCodeSignatures::LinuxCodeSignatures(const std::string& root, TrustedPlace place, Clock clock)
     : place_(place),
       clock_(std::move(clock)),
-      anchors_((root == "/" ? root : root + "/") + std::string(kAnchorsFolder), place) {}
+      anchors_(pathBelowRoot(root, kAnchorsFolder), place) {}
 
 Result<std::unique_ptr<LinuxCodeSignatures>> LinuxCodeSignatures::create(const std::string& root,
                                                                          Clock clock) {

@@ -1,11 +1,12 @@
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 
 #include "Platform/Jobs/Jobs.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 
 namespace platform {
 
 std::string jobHostSocket(const std::string& root) {
-  return (root == "/" ? "" : root) + "/run/vantor/launchd";
+  return pathBelowRoot(root, "run/vantor/launchd");
 }
 
 Value failureAnswer(const NSError& error) { return Array{error.code, error.localizedDescription}; }

@@ -7,31 +7,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/KernelExtensions/KernelControls.h"
+#include "Platform/Linux/Files/ParentFolders.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 
 namespace platform {
 namespace {
 
-constexpr std::string_view kControlFolder = "/run/vantor/control";
+constexpr std::string_view kControlFolder = "run/vantor/control";
 constexpr mode_t kControlFolderMode = 0700;
 
 }  // namespace
 
-std::string controlFolder(std::string_view root) {
-  return fmt::format("{}{}", root == "/" ? "" : root, kControlFolder);
-}
+std::string controlFolder(std::string_view root) { return pathBelowRoot(root, kControlFolder); }
 
 Result<void> makeControlFolder(const std::string& root) {
   const std::string path = controlFolder(root);
-  const std::size_t below = path.size() - kControlFolder.size();
-  for (std::size_t slash = path.find('/', below + 1); slash != path.npos;
-       slash = path.find('/', slash + 1)) {
-    const std::string folder = path.substr(0, slash);
-    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
-      return std::unexpected(systemError("making " + folder));
-    }
-  }
+  if (auto made = makeParentFolders(path); !made) return made;
   if (::mkdir(path.c_str(), kControlFolderMode) != 0 && errno != EEXIST) {
     return std::unexpected(systemError("making " + path));
   }
@@ -45,11 +37,6 @@ Result<void> makeControlFolder(const std::string& root) {
                     path, ::geteuid(), status.st_uid, status.st_mode)});
   }
   return {};
-}
-
-bool isControlName(std::string_view name) {
-  return !name.empty() && name.size() <= kControlNameBytes && name.front() != '.' &&
-         name.find('/') == name.npos && name.find('\0') == name.npos;
 }
 
 Result<void> checkControlUser(uid_t user, uid_t ours) {

@@ -18,9 +18,6 @@ std::string controlFolder(std::string_view root);
 // or others can enter it.
 Result<void> makeControlFolder(const std::string& root);
 
-// Whether `name` can be the name of a socket in the folder.
-bool isControlName(std::string_view name);
-
 // Checks by the kernel's credentials that the peer of this connected socket is root or this
 // program's own user.
 Result<void> checkControlPeer(int socket);

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "Platform/Files/FileNames.h"
 #include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/PropertyListFile.h"
 #include "Platform/Linux/KernelExtensions/ControlFolder.h"
@@ -17,11 +18,6 @@ constexpr std::size_t kMaxNameBytes = 255;
 
 std::unexpected<Error> unusable(const std::string& infoPath, std::string_view why) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", infoPath, why)});
-}
-
-bool isPlainName(const std::string& name) {
-  return !name.empty() && name.size() <= kMaxNameBytes && name.front() != '.' &&
-         name.find('/') == name.npos && name.find('\0') == name.npos;
 }
 
 // The bundles at `place`: the bundle itself, or those in the folder.
@@ -49,7 +45,7 @@ Result<KextBundle> readKextBundle(const std::string& path) {
   const auto info = readPropertyListFile(infoPath);
   if (!info) return std::unexpected(info.error());
   const std::string* const identifier = (*info)["CFBundleIdentifier"].string();
-  if (identifier == nullptr || !isPlainName(*identifier)) {
+  if (identifier == nullptr || !isPlainFileName(*identifier, kMaxNameBytes)) {
     return unusable(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
   }
   KextBundle bundle{path, *identifier, std::nullopt, std::nullopt};
@@ -61,7 +57,7 @@ Result<KextBundle> readKextBundle(const std::string& path) {
                     "\"OSKernelModule\" (the name or alias of a module)");
   }
   const Value& named = program.isNil() ? module : program;
-  if (named.string() == nullptr || !isPlainName(*named.string())) {
+  if (named.string() == nullptr || !isPlainFileName(*named.string(), kMaxNameBytes)) {
     return unusable(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
   }
   if (program.isNil()) {

@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+
 namespace platform {
 namespace {
 
@@ -43,7 +45,7 @@ LinuxKernelExtensions::LinuxKernelExtensions(const Environment& environment,
 
 std::vector<std::string> LinuxKernelExtensions::folders(const std::string& root,
                                                         const std::string& resourcePath) {
-  return {(root == "/" ? "" : root) + "/Library/Extensions", resourcePath};
+  return {pathBelowRoot(root, "Library/Extensions"), resourcePath};
 }
 
 Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifier(

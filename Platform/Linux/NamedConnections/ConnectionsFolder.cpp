@@ -12,22 +12,19 @@
 #include <unistd.h>
 
 #include "Platform/Digests/Digest.h"
+#include "Platform/Files/FileNames.h"
+#include "Platform/Linux/Files/ParentFolders.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace platform {
 namespace {
 
-constexpr std::string_view kConnectionsFolder = "/run/vantor/connections";
-constexpr std::string_view kMachFolder = "/run/vantor/mach";
+constexpr std::string_view kConnectionsFolder = "run/vantor/connections";
+constexpr std::string_view kMachFolder = "run/vantor/mach";
 constexpr std::string_view kDigestMark = "sha256-";
 constexpr mode_t kConnectionsFolderMode = 01775;
 constexpr std::size_t kMaxGroupEntry = std::size_t{1} << 20;
-
-bool isFileName(std::string_view name) {
-  return !name.empty() && name.size() <= NAME_MAX && name.front() != '.' &&
-         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
-}
 
 std::string digestOf(std::string_view name) {
   const std::vector<std::uint8_t> bytes(name.begin(), name.end());
@@ -35,8 +32,8 @@ std::string digestOf(std::string_view name) {
 }
 
 std::string pathIn(std::string_view folder, std::string_view root, std::string_view name) {
-  const bool asItIs = isFileName(name) && !name.starts_with(kDigestMark);
-  return fmt::format("{}{}/{}", root == "/" ? "" : root, folder, asItIs ? name : digestOf(name));
+  const bool asItIs = isPlainFileName(name, NAME_MAX) && !name.starts_with(kDigestMark);
+  return fmt::format("{}/{}", pathBelowRoot(root, folder), asItIs ? name : digestOf(name));
 }
 
 ErrorCode codeOfFolderError(int number) {
@@ -64,10 +61,9 @@ Result<gid_t> groupNumber(const std::string& name) {
 }
 
 Result<UniqueFd> makeAndOpen(const std::string& path) {
-  for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-       slash = path.find('/', slash + 1)) {
-    if (::mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST)
-      return folderFailure("making " + path.substr(0, slash));
+  if (auto made = makeParentFolders(path); !made) {
+    made.error().code = codeOfFolderError(made.error().osError);
+    return std::unexpected(std::move(made.error()));
   }
   if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return folderFailure("making " + path);
   UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -97,8 +93,7 @@ Result<void> makeConnectionsFolder(const PlatformConfiguration& configuration) {
     if (!number) return std::unexpected(number.error());
     group = *number;
   }
-  std::string path(configuration.root == "/" ? "" : configuration.root);
-  path += kConnectionsFolder;
+  const std::string path = pathBelowRoot(configuration.root, kConnectionsFolder);
   const auto folder = makeAndOpen(path);
   if (!folder) return std::unexpected(folder.error());
   if (group && ::fchown(folder->get(), static_cast<uid_t>(-1), *group) != 0)

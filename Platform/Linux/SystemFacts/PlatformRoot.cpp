@@ -22,7 +22,7 @@ constexpr std::string_view kConfigurationFile = "etc/vantor/platform.plist";
 constexpr std::size_t kMaximumConfigurationBytes = 64 * 1024;
 
 std::string configurationPath(std::string_view root) {
-  return fmt::format("{}{}{}", root, root == "/" ? "" : "/", kConfigurationFile);
+  return pathBelowRoot(root, kConfigurationFile);
 }
 
 }  // namespace

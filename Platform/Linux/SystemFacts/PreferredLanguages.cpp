@@ -9,7 +9,7 @@ namespace platform {
 namespace {
 
 constexpr std::size_t kMaxLocaleFileBytes = 4096;
-constexpr const char* kLocaleFiles[] = {"/etc/locale.conf", "/etc/default/locale"};
+constexpr const char* kLocaleFiles[] = {"etc/locale.conf", "etc/default/locale"};
 constexpr char kDefaultLanguage[] = "en";
 
 std::optional<std::string> contentOfLocaleFile(const std::string& path) {
@@ -71,9 +71,8 @@ std::vector<std::string> languagesOfLocaleFile(std::string_view content) {
 
 std::vector<std::string> preferredLanguages(const PlatformConfiguration& configuration) {
   if (!configuration.languages.empty()) return configuration.languages;
-  const std::string root = configuration.root == "/" ? "" : configuration.root;
   for (const char* file : kLocaleFiles) {
-    const auto content = contentOfLocaleFile(root + file);
+    const auto content = contentOfLocaleFile(pathBelowRoot(configuration.root, file));
     if (!content) continue;
     auto languages = languagesOfLocaleFile(*content);
     if (!languages.empty()) return languages;

@@ -14,11 +14,6 @@ std::unexpected<Error> controlFailure(ErrorCode code, int number, std::string_vi
   return std::unexpected(Error{code, number, "fake control: " + std::string(what)});
 }
 
-bool isName(std::string_view name) {
-  return !name.empty() && name.size() <= kControlNameBytes && name.front() != '.' &&
-         name.find('/') == name.npos && name.find('\0') == name.npos;
-}
-
 }  // namespace
 
 class FakeKernelControls::FakeSocket final : public ControlSocket {
@@ -29,7 +24,7 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
   ~FakeSocket() override { hangUp(); }
 
   Result<void> findControl(std::string_view name) override {
-    if (!isName(name)) return controlFailure(ErrorCode::kInvalid, 0, "no name");
+    if (!isControlName(name)) return controlFailure(ErrorCode::kInvalid, 0, "no name");
     ++controls_.searches_[std::string(name)];
     if (!controls_.find(name)) return controlFailure(ErrorCode::kNotFound, ENOENT, name);
     name_ = name;
