@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "JobHost/BoundFile.h"
+#include "JobHost/State/StateRecord.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
 
@@ -32,11 +33,8 @@ constexpr mode_t kSocketMode = 0666;
 // The name that a service's socket is bound by before it is renamed to its own. It is short enough
 // for an address however long the service's name is, and getsockname() still tells it afterwards.
 std::string boundName(std::string_view service) {
-  std::uint64_t hash = 0xcbf29ce484222325;
-  for (const char byte : service) {
-    hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-  }
-  return fmt::format(".bind-{:016x}", hash);
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(service.data());
+  return fmt::format(".bind-{:016x}", hashOn(kEmptyHash, bytes, service.size()));
 }
 
 bool isOption(int socket, int option, int expected) {

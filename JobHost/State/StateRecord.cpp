@@ -6,16 +6,10 @@
 namespace jobhost {
 namespace {
 
-constexpr std::uint64_t kFnvBasis = 0xcbf29ce484222325;
 constexpr std::uint64_t kFnvPrime = 0x100000001b3;
 
 // The start time is field 22 of "stat". The first field after the name is field 3.
 constexpr int kFieldsBetween = 19;
-
-std::uint64_t addToCheck(std::uint64_t check, const std::uint8_t* bytes, std::size_t size) {
-  for (std::size_t i = 0; i < size; ++i) check = (check ^ bytes[i]) * kFnvPrime;
-  return check;
-}
 
 void copy(std::uint8_t* to, const void* from, std::size_t size) {
   const auto* bytes = static_cast<const std::uint8_t*>(from);
@@ -24,13 +18,16 @@ void copy(std::uint8_t* to, const void* from, std::size_t size) {
 
 }  // namespace
 
+std::uint64_t hashOn(std::uint64_t hash, const std::uint8_t* bytes, std::size_t size) {
+  for (std::size_t i = 0; i < size; ++i) hash = (hash ^ bytes[i]) * kFnvPrime;
+  return hash;
+}
+
 std::uint64_t recordCheck(const RecordHeader& header, const std::uint8_t* payload) {
-  std::uint64_t check = kFnvBasis;
-  check =
-      addToCheck(check, reinterpret_cast<const std::uint8_t*>(&header.size), sizeof header.size);
-  check =
-      addToCheck(check, reinterpret_cast<const std::uint8_t*>(&header.kind), sizeof header.kind);
-  return addToCheck(check, payload, header.size);
+  std::uint64_t check = kEmptyHash;
+  check = hashOn(check, reinterpret_cast<const std::uint8_t*>(&header.size), sizeof header.size);
+  check = hashOn(check, reinterpret_cast<const std::uint8_t*>(&header.kind), sizeof header.kind);
+  return hashOn(check, payload, header.size);
 }
 
 void completeStartRecord(std::uint8_t* record, std::int32_t process, std::uint64_t startTicks,

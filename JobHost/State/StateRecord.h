@@ -42,6 +42,11 @@ struct EndFields {
   std::int32_t waitStatus = 0;
 };
 
+// FNV-1a: the hash of `bytes` behind those whose hash is `hash`. Safe in a child that shares its
+// parent's memory.
+inline constexpr std::uint64_t kEmptyHash = 0xcbf29ce484222325;
+std::uint64_t hashOn(std::uint64_t hash, const std::uint8_t* bytes, std::size_t size);
+
 // The check of a record whose size, kind and payload are in place. It finds damage, and is no
 // protection against forgery. Safe in a child that shares its parent's memory.
 std::uint64_t recordCheck(const RecordHeader& header, const std::uint8_t* payload);

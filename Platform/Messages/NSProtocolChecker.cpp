@@ -3,13 +3,6 @@
 #include "Platform/Texts/StringFormat.h"
 
 namespace platform {
-namespace {
-
-std::unexpected<NSException> invalidArgument(std::string reason) {
-  return std::unexpected(NSException{kNSInvalidArgumentException, std::move(reason), {}});
-}
-
-}  // namespace
 
 const MethodDescription* NSProtocolChecker::methodSignatureForSelector(
     std::string_view selector) const {
@@ -24,13 +17,15 @@ MessageResult NSProtocolChecker::sendMessage(std::string_view selector,
                                              const Array& arguments) const {
   const MethodDescription* method = methodSignatureForSelector(selector);
   if (method == nullptr)
-    return invalidArgument(
-        stringWithFormat("-[%@ %@]: unrecognized selector", className(), selector));
+    return raised(kNSInvalidArgumentException,
+                  stringWithFormat("-[%@ %@]: unrecognized selector", className(), selector));
   if (arguments.size() != method->argumentCount())
-    return invalidArgument(stringWithFormat("-[%@ %@]: %lu arguments", className(), selector,
-                                            static_cast<unsigned long>(arguments.size())));
+    return raised(kNSInvalidArgumentException,
+                  stringWithFormat("-[%@ %@]: %lu arguments", className(), selector,
+                                   static_cast<unsigned long>(arguments.size())));
   if (target_ == nullptr)
-    return invalidArgument(stringWithFormat("-[%@ %@]: no target", className(), selector));
+    return raised(kNSInvalidArgumentException,
+                  stringWithFormat("-[%@ %@]: no target", className(), selector));
   return target_->receiveMessage(selector, arguments);
 }
 

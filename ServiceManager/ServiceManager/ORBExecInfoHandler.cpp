@@ -17,7 +17,6 @@ using namespace platform;
 
 namespace {
 
-constexpr std::string_view kWhereFroms = "com.apple.metadata:kMDItemWhereFroms";
 constexpr std::string_view kQuarantine = "com.apple.quarantine";
 constexpr std::size_t kAttributeBytes = 4096;
 
@@ -196,7 +195,7 @@ std::optional<Data> ORBExecInfoHandler::attribute(const std::string& path, std::
 }
 
 std::optional<std::string> ORBExecInfoHandler::getURLFromMetaDataForFile(const std::string& path) {
-  const auto bytes = attribute(path, kWhereFroms);
+  const auto bytes = attribute(path, kWhereFromsAttribute);
   if (!bytes) return std::nullopt;
   const auto list = readPropertyList(*bytes, path);
   const Array* urls = list ? list->array() : nullptr;

@@ -3,11 +3,11 @@
 #include <cerrno>
 
 #include <fmt/format.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Files/ParentFolders.h"
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 
@@ -46,12 +46,9 @@ Result<void> checkControlUser(uid_t user, uid_t ours) {
 }
 
 Result<void> checkControlPeer(int socket) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-    return std::unexpected(systemError("asking who is on the control's other side"));
-  }
-  return checkControlUser(peer.uid, ::geteuid());
+  const auto peer = peerOfSocket(socket, "asking who is on the control's other side");
+  if (!peer) return std::unexpected(peer.error());
+  return checkControlUser(peer->user, ::geteuid());
 }
 
 }  // namespace platform

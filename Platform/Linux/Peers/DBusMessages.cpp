@@ -24,8 +24,7 @@ std::unexpected<Error> noMemory() {
 }
 
 std::unexpected<NSException> unreadable(const Error& error) {
-  return std::unexpected(NSException{
-      kNSInvalidArgumentException, "An answer that can't be read: " + describe(error), {}});
+  return raised(kNSInvalidArgumentException, "An answer that can't be read: " + describe(error));
 }
 
 struct FreeString {

@@ -14,6 +14,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Peers/PeerLimits.h"
@@ -64,14 +65,11 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
   if (!dbus_connection_get_socket(connection.get(), &socket)) {
     return std::unexpected(Error{ErrorCode::kSystem, 0, "a D-Bus connection without a socket"});
   }
-  ucred credentials{};
-  socklen_t length = sizeof(credentials);
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-    return std::unexpected(systemError("SO_PEERCRED"));
-  }
+  const auto peer = peerOfSocket(socket, "SO_PEERCRED");
+  if (!peer) return std::unexpected(peer.error());
   auto link =
       std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, contents, socket);
-  link->peer_ = {credentials.pid, credentials.uid, credentials.gid};
+  link->peer_ = *peer;
   DBusPeerLink* self = link.get();  // The link outlives its sources.
   auto sources = DBusSources::attach(loop, link->connection_.get(),
                                      {.dispatch = [self] { self->dispatch(); },

@@ -10,7 +10,7 @@ namespace platform {
 namespace {
 
 std::unexpected<NSException> raise(std::string reason) {
-  return std::unexpected(NSException{kNSInvalidArgumentException, std::move(reason), {}});
+  return raised(kNSInvalidArgumentException, std::move(reason));
 }
 
 class SpawnTask final : public Task {

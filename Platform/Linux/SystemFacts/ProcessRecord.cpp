@@ -72,7 +72,7 @@ Result<ProcessStat> parseProcessStat(std::string_view text) {
 
 Result<ProcessMembership> parseProcessMembership(std::string_view text) {
   constexpr int kFieldsFromTerminalToNiceness = 13;
-  // What stands behind the command: STATE PPID PGRP SESSION, 13 others, NUM_THREADS.
+  // The fields behind the command: STATE PPID PGRP SESSION, 13 others, NUM_THREADS.
   text.remove_prefix(std::min(text.size(), text.rfind(')') + 1));
   ProcessMembership membership;
   const auto takeField = [&text] {

@@ -75,7 +75,7 @@ class FakeTasks::FakeTask final : public Task {
 
  private:
   static std::unexpected<NSException> raise(std::string reason) {
-    return std::unexpected(NSException{kNSInvalidArgumentException, std::move(reason), {}});
+    return raised(kNSInvalidArgumentException, std::move(reason));
   }
   FakeFileHandle* handleOf(const Chunk& chunk) const {
     return chunk.stream == Stream::kOutput ? output_.get() : error_.get();

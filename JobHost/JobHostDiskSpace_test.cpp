@@ -1,0 +1,191 @@
+// A host without space for its state file, or without a valid one.
+
+#include <fstream>
+#include <optional>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/JobHostFixture_contract.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Value;
+using testing::ElementsAre;
+
+// The new state file can't be made, as on a full disk.
+class JobHostWithoutSpace : public JobHostTest {
+ protected:
+  const std::string obstacle_ = root_.path("run/vantor/launchd.state.new");
+  void putObstacle() {
+    ASSERT_EQ(::mkdir(obstacle_.c_str(), 0700), 0);
+    root_.write("run/vantor/launchd.state.new/file", "");
+  }
+};
+
+TEST_F(JobHostWithoutSpace, AHostThatCannotCompactUsesTheLastHostsFile) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  killHost();
+  putObstacle();
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(sink_.count("the file of the host before is used further"), 1);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(pid("com.example.b"), Value(103));
+  ASSERT_TRUE(submit(job("com.example.c")));
+  ASSERT_TRUE(**removeLater("com.example.a"));
+  for (int i = 0; i < 2; ++i) {
+    restartHost();
+    EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.c"));
+    EXPECT_EQ(pid("com.example.b"), Value(103));
+    EXPECT_EQ(pid("com.example.c"), Value(104));
+  }
+  EXPECT_EQ(starts(), 4);
+}
+
+TEST_F(JobHostWithoutSpace, AHostThatCannotReplaceATornFileUsesItsValidRecords) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(20s);
+  killHost();
+  std::ofstream(root_.path("run/vantor/launchd.state"), std::ios::app) << "torn";
+  putObstacle();
+  processes_.end(102);
+  startHost();
+  EXPECT_EQ(sink_.count("torn"), 1);
+  EXPECT_EQ(sink_.count("the file of the host before is used further"), 1);
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(pid("com.example.b"), Value(103));
+  ASSERT_TRUE(submit(job("com.example.c")));
+  restartHost();
+  EXPECT_EQ(sink_.count("torn"), 1);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.c"));
+  EXPECT_EQ(starts(), 4);
+}
+
+// The kinds of state file that are set aside as a whole.
+struct Untrusted {
+  const char* name;
+  void (*make)(const std::string& path);
+};
+
+class JobHostWithoutAnyFile : public JobHostTest, public testing::WithParamInterface<Untrusted> {
+ protected:
+  void startWithoutRoom() {
+    ASSERT_TRUE(submit(job("com.example.a")));
+    killHost();
+    GetParam().make(root_.path("run/vantor/launchd.state"));
+    root_.write("Library/LaunchDaemons/d.plist",
+                "<plist><dict><key>Label</key><string>com.example.d</string><key>Program</key>"
+                "<string>/bin/true</string><key>RunAtLoad</key><true/></dict></plist>");
+    disk_.emplace(10);
+    startHost();
+  }
+
+  std::optional<platform::FullDisk> disk_;
+};
+
+TEST_P(JobHostWithoutAnyFile, StartsOnAFullDiskAndTakesJobsOnceThereIsSpace) {
+  startWithoutRoom();
+  EXPECT_EQ(sink_.count("launchd.state: not trusted: "), 1);
+  EXPECT_EQ(sink_.count("no job is started until it can be written"), 1);
+  EXPECT_TRUE(host_->labels().empty());
+  const std::size_t before = starts();
+  const auto refused = submit(job("com.example.b"));
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().localizedDescription, "job \"com.example.b\": writing " +
+                                                      root_.path("run/vantor/launchd.state.new") +
+                                                      ": " + std::strerror(ENOSPC));
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), before);
+
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.b")));
+  loop_.advanceBy(10s);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.d"));
+  EXPECT_EQ(starts(), before + 2);
+  restartHost();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.b", "com.example.d"));
+  EXPECT_EQ(starts(), before + 2);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForSpaceDoesNotReplaceAClientsJob) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.d", {{"Nice", 5}})));
+  const Value process = pid("com.example.d");
+  const std::size_t before = starts();
+  loop_.advanceBy(10s);
+  EXPECT_EQ(host_->copy("com.example.d")["Nice"], Value(5));
+  EXPECT_EQ(pid("com.example.d"), process);
+  EXPECT_EQ(starts(), before);
+  EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonThatWaitedForSpaceDoesNotReplaceAWaitingSubmission) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_TRUE(submit(job("com.example.d")));
+  processes_.obeysTermination = false;
+  removeLater("com.example.d");
+  const Answer submitted = submitLater(job("com.example.d", {{"Nice", 5}}));
+  loop_.advanceBy(10s);
+  endLast();
+  EXPECT_TRUE(*submitted);
+  EXPECT_EQ(host_->copy("com.example.d")["Nice"], Value(5));
+  EXPECT_EQ(sink_.count("\"com.example.d\": its file is not loaded: a client has submitted"), 1);
+}
+
+TEST_P(JobHostWithoutAnyFile, ADaemonWhoseFileIsDeletedWhileItWaitsIsNotLoaded) {
+  startWithoutRoom();
+  disk_.reset();
+  ASSERT_EQ(::unlink(root_.path("Library/LaunchDaemons/d.plist").c_str()), 0);
+  root_.write("Library/LaunchDaemons/e.plist",
+              "<plist><dict><key>Label</key><string>com.example.e</string><key>Program</key>"
+              "<string>/bin/true</string></dict></plist>");
+  loop_.advanceBy(10s);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.e"));
+}
+
+TEST_P(JobHostWithoutAnyFile, StopsOnAFullDisk) {
+  startWithoutRoom();
+  bool isDown = false;
+  host_->shutDown([&] { isDown = true; });
+  loop_.advanceBy(1h);
+  EXPECT_TRUE(isDown);
+  disk_.reset();
+  loop_.advanceBy(1h);
+  EXPECT_TRUE(host_->labels().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, JobHostWithoutAnyFile,
+    testing::Values(
+        Untrusted{"Empty", [](const auto& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }},
+        Untrusted{"OfAnotherBoot",
+                  [](const auto& path) {
+                    // The boot id follows the 13 bytes of the magic.
+                    std::fstream(path, std::ios::in | std::ios::out).seekp(13) << '2';
+                  }},
+        Untrusted{"Damaged",
+                  [](const auto& path) {
+                    std::fstream(path, std::ios::in | std::ios::out).seekp(60) << "damage";
+                  }},
+        Untrusted{"Foreign", [](const auto& path) { EXPECT_EQ(::chmod(path.c_str(), 0666), 0); }},
+        Untrusted{"ALink",
+                  [](const auto& path) {
+                    EXPECT_EQ(::unlink(path.c_str()), 0);
+                    EXPECT_EQ(::symlink("/dev/null", path.c_str()), 0);
+                  }}),
+    [](const auto& made) { return made.param.name; });
+
+}  // namespace
+}  // namespace jobhost

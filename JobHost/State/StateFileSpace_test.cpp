@@ -1,0 +1,197 @@
+// Records that are too large, full disks, and files that can't be replaced.
+
+#include <cerrno>
+#include <cstring>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/State/StateFile_fixture.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Dictionary;
+using platform::ErrorCode;
+using platform::Value;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST_F(StateFileTest, ARecordBeyondTheMaximumSizeIsRejected) {
+  auto file = create();
+  const Value large =
+      Dictionary{{"Label", "a"}, {"Fill", platform::Data(std::size_t{1} << 20, 'x')}};
+  platform::Result<std::size_t> result;
+  std::size_t before = 0;
+  while (result) {
+    before = file->mark();
+    result = file->appendSubmitted(JobOrigin::kSubmitted, large);
+  }
+  EXPECT_EQ(result.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(file->mark(), before);
+  EXPECT_GT(before, StateFile::kMaximumBytes - (std::size_t{2} << 20));
+  // The file is filled to the last byte, and not one more.
+  const std::size_t left = StateFile::kMaximumBytes - before;
+  const std::string exact(left - sizeof(RecordHeader), 'x');
+  EXPECT_FALSE(file->appendRemoving(exact + "x"));
+  EXPECT_TRUE(file->appendRemoving(exact));
+  EXPECT_EQ(file->mark(), StateFile::kMaximumBytes);
+  EXPECT_FALSE(file->appendRemoving(""));
+}
+
+TEST_F(StateFileTest, AStartWithoutSpaceFailsBeforeThereIsAProcess) {
+  auto file = create();
+  const std::size_t needed = file->makeStartRecord("a", {})->size();
+  for (const std::size_t left : {needed + 1, needed, needed - 1}) {
+    ASSERT_TRUE(file->compact({}));
+    const std::size_t fill = StateFile::kMaximumBytes - file->mark() - left;
+    ASSERT_TRUE(file->appendRemoving(std::string(fill - sizeof(RecordHeader), 'x')));
+    const auto record = file->makeStartRecord("a", {});
+    ASSERT_EQ(record.has_value(), left >= needed) << left;
+    if (!record) {
+      EXPECT_EQ(record.error().code, ErrorCode::kExhausted);
+    }
+  }
+}
+
+TEST_F(StateFileTest, AJobBeyondTheRemainingCostIsRejected) {
+  auto file = create();
+  const std::size_t before = file->mark();
+  const auto bytes = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(*bytes, file->mark() - before);
+  const std::size_t cost = StateFile::costOf("a", *bytes);
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost + 1));
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost));
+  const std::size_t mark = file->mark();
+  const auto refused = file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b"), cost - 1);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+  EXPECT_EQ(file->mark(), mark);
+}
+
+TEST_F(StateFileTest, AJobsCostIsItsMaximumSizeInACompactedFile) {
+  auto file = create();
+  const std::size_t empty = file->mark();
+  StoredJob job;
+  job.label = "com.example.a";
+  job.dictionary = jobNamed(job.label);
+  ASSERT_TRUE(file->compact({&job, 1}));
+  const std::size_t submission = file->mark() - empty;
+  job.lastStart = StartFields{1, 0, 2, 3, 4};
+  job.lastEnd = Ending();
+  job.isBeingRemoved = true;
+  ASSERT_TRUE(file->compact({&job, 1}));
+  EXPECT_EQ(file->mark() - empty, StateFile::costOf(job.label, submission));
+}
+
+TEST_F(StateFileTest, ARecordWithoutSpaceLeavesTheFileUnchanged) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  for (const std::size_t room : {0, 1, 20}) {
+    const platform::FullDisk disk(before.size() + room);
+    EXPECT_FALSE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    EXPECT_EQ(contents(), before);
+  }
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  file.reset();
+  EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
+}
+
+TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  StoredJob job;
+  job.label = "b";
+  job.dictionary = jobNamed("b");
+  {
+    const platform::FullDisk disk(10);
+    EXPECT_FALSE(file->compact({&job, 1}));
+  }
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  file.reset();
+  EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
+}
+
+TEST_F(StateFileTest, WithoutAFileEachRecordFailsWithTheReason) {
+  for (const char* const content : {"", "no state file"}) {
+    put(content);
+    auto opened = open();
+    StateFile& file = *opened.file;
+    EXPECT_EQ(opened.warnings.size(), 1);
+    EXPECT_FALSE(file.isWritable());
+    {
+      const platform::FullDisk disk(10);
+      EXPECT_FALSE(file.compact({}));
+      EXPECT_TRUE(file.wantsCompaction());
+      const auto refused = file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a"));
+      ASSERT_FALSE(refused);
+      EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
+      EXPECT_EQ(platform::describe(refused.error()),
+                "writing " + path_ + ".new: " + std::strerror(ENOSPC));
+      EXPECT_FALSE(file.makeStartRecord("a", {}));
+      EXPECT_FALSE(file.appendRemoving("a"));
+      EXPECT_EQ(::access((path_ + ".new").c_str(), F_OK), -1);
+    }
+    ASSERT_TRUE(file.compact({}));
+    EXPECT_FALSE(file.wantsCompaction());
+    EXPECT_TRUE(file.appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  }
+}
+
+TEST_F(StateFileTest, ATornFileThatCannotBeReplacedIsRepairedInPlace) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string whole = contents();
+  for (const bool repairsAtOnce : {true, false}) {
+    put(whole + "torn");
+    auto opened = open();
+    ASSERT_EQ(opened.warnings.size(), 1);
+    EXPECT_THAT(opened.warnings[0], HasSubstr("torn"));
+    EXPECT_TRUE(opened.file->isWritable());
+    {
+      const platform::FullDisk disk(10);
+      EXPECT_FALSE(opened.file->compact(opened.jobs));
+      EXPECT_EQ(contents(), whole + "torn");
+      if (repairsAtOnce) {
+        ASSERT_TRUE(opened.file->repair());
+        EXPECT_EQ(contents(), whole);
+      }
+    }
+    ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    opened.file.reset();
+    // Otherwise records would also be appended to the file set aside.
+    EXPECT_EQ(::access((path_ + ".set-aside").c_str(), F_OK), -1);
+    const auto next = open();
+    EXPECT_THAT(next.warnings, IsEmpty());
+    EXPECT_THAT(labelsOf(next.jobs), ElementsAre("a", "b"));
+  }
+}
+
+TEST_F(StateFileTest, ATornFileThatIsReplacedLaterStaysSetAside) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string torn = contents() + "torn";
+  put(torn);
+  auto opened = open();
+  ASSERT_TRUE(opened.file->compact(opened.jobs));
+  ASSERT_TRUE(opened.file->repair());
+  ASSERT_TRUE(opened.file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+  EXPECT_EQ(platform::contentOfFile(path_ + ".set-aside"), torn);
+}
+
+TEST_F(StateFileTest, TheRecordOfAFailedStartIsCutOff) {
+  auto file = create();
+  const std::string before = contents();
+  const std::size_t mark = file->mark();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  start(*file, "a", 123);
+  ASSERT_TRUE(file->cutBackTo(mark));
+  EXPECT_EQ(contents(), before);
+}
+
+}  // namespace
+}  // namespace jobhost
