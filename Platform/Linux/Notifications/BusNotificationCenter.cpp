@@ -6,18 +6,13 @@
 #include <poll.h>
 
 #include "Platform/Linux/DBus/DBusConnecting.h"
-#include "Platform/Linux/DBus/DBusValues.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/Notifications/NotificationMessages.h"
 #include "Platform/Linux/Sockets/SocketName.h"
-#include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/Texts/StringFormat.h"
 
 namespace platform {
 namespace {
-
-constexpr char kPath[] = "/com/vantor/DistributedNotification";
-constexpr char kInterface[] = "com.vantor.DistributedNotification";
-constexpr char kMember[] = "Posted";
 
 constexpr char kBus[] = "org.freedesktop.DBus";
 constexpr char kBusPath[] = "/org/freedesktop/DBus";
@@ -39,29 +34,6 @@ std::string socketPathOf(const std::string& address) {
   std::string result = path != nullptr ? path : "";
   dbus_address_entries_free(entries);
   return result;
-}
-
-std::string quotedForMatchRule(std::string_view text) {
-  std::string result = "'";
-  for (const char character : text) {
-    if (character == '\'') {
-      result += "'\\''";  // Ends the quoting, adds an apostrophe, begins it again.
-    } else {
-      result += character;
-    }
-  }
-  return result + "'";
-}
-
-// The rule by which the bus sends us signals. If the name does not fit into a rule, the rule
-// matches every name and the observers filter.
-std::string ruleFor(const std::optional<std::string>& name) {
-  const std::string all = stringWithFormat("type='signal',interface='%s',member='%s',path='%s'",
-                                           kInterface, kMember, kPath);
-  if (!name || name->find('\0') != std::string::npos || !dbus_validate_utf8(name->c_str(), nullptr))
-    return all;
-  std::string rule = all + ",arg0=" + quotedForMatchRule(*name);
-  return rule.size() <= kMaxMatchRuleBytes ? rule : all;
 }
 
 std::unexpected<Error> failed(ErrorCode code, std::string what) {
@@ -91,74 +63,6 @@ bool isEndOfConnection(const UniqueDBusMessage& message) {
 bool hasEnded(Descriptor descriptor) {
   pollfd entry{.fd = descriptor, .events = 0, .revents = 0};
   return descriptor < 0 || (::poll(&entry, 1, 0) == 1 && entry.revents != 0);
-}
-
-bool appendObject(DBusMessageIter* into, const std::optional<std::string>& object) {
-  DBusMessageIter array;
-  if (!dbus_message_iter_open_container(into, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING, &array))
-    return false;
-  if (object) {
-    const char* text = object->c_str();
-    if (!dbus_message_iter_append_basic(&array, DBUS_TYPE_STRING, &text)) {
-      dbus_message_iter_abandon_container(into, &array);
-      return false;
-    }
-  }
-  return dbus_message_iter_close_container(into, &array);
-}
-
-Result<UniqueDBusMessage> encodeNotification(const DistributedNotification& notification) {
-  if (auto possible = checkDistributedNotification(notification); !possible)
-    return std::unexpected(std::move(possible.error()));
-  // Checked as one message, since libdbus aborts on ill-formed texts and values.
-  Array parts{notification.name};
-  if (notification.object) parts.emplace_back(*notification.object);
-  if (!notification.userInfo.isNil()) parts.push_back(notification.userInfo);
-  const auto size = peerBodyBytes(parts);
-  if (!size) return std::unexpected(size.error());
-  if (*size > kMaxNotificationBytes)
-    return failed(ErrorCode::kExhausted, stringWithFormat("it has %lu bytes, more than %lu", *size,
-                                                          kMaxNotificationBytes));
-
-  UniqueDBusMessage message(dbus_message_new_signal(kPath, kInterface, kMember));
-  if (!message) return outOfMemory();
-  DBusMessageIter arguments;
-  dbus_message_iter_init_append(message.get(), &arguments);
-  const char* name = notification.name.c_str();
-  if (!dbus_message_iter_append_basic(&arguments, DBUS_TYPE_STRING, &name) ||
-      !appendObject(&arguments, notification.object) ||
-      (!notification.userInfo.isNil() && !appendVariant(&arguments, notification.userInfo)))
-    return outOfMemory();
-  return message;
-}
-
-std::optional<std::string> readText(DBusMessageIter* from) {
-  if (dbus_message_iter_get_arg_type(from) != DBUS_TYPE_STRING) return std::nullopt;
-  const char* text = nullptr;
-  dbus_message_iter_get_basic(from, &text);
-  return text;
-}
-
-// std::nullopt for a signal in another format: the bus decides who may post, but not the content.
-std::optional<DistributedNotification> decode(DBusMessage& signal) {
-  DBusMessageIter arguments;
-  if (!dbus_message_is_signal(&signal, kInterface, kMember) ||
-      !dbus_message_iter_init(&signal, &arguments))
-    return std::nullopt;
-  auto name = readText(&arguments);
-  if (!name || !dbus_message_iter_next(&arguments) ||
-      dbus_message_iter_get_arg_type(&arguments) != DBUS_TYPE_ARRAY ||
-      dbus_message_iter_get_element_type(&arguments) != DBUS_TYPE_STRING)
-    return std::nullopt;
-  DBusMessageIter objects;
-  dbus_message_iter_recurse(&arguments, &objects);
-  DistributedNotification notification{*std::move(name), readText(&objects)};
-  if (dbus_message_iter_next(&arguments)) {
-    auto userInfo = DBusValueReader().read(&arguments);
-    if (!userInfo || userInfo->dictionary() == nullptr) return std::nullopt;
-    notification.userInfo = *std::move(userInfo);
-  }
-  return notification;
 }
 
 }  // namespace
@@ -298,7 +202,7 @@ void BusNotificationCenter::registered() {
 std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCenter::addObserver(
     std::optional<std::string> name, std::optional<std::string> object, Handler handler,
     NSNotificationSuspensionBehavior /*behavior*/) {
-  std::string rule = ruleFor(name);
+  std::string rule = matchRuleFor(name);
   auto entry = observers_.add(std::move(name), std::move(object), std::move(handler));
   observe(rule);
   return std::make_unique<Observer>(std::move(entry), std::move(rule), alive_);
@@ -446,7 +350,7 @@ void BusNotificationCenter::reportReturn() {
 }
 
 void BusNotificationCenter::handleSignal(DBusMessage& signal) {
-  if (const auto notification = decode(signal)) observers_.deliver(*notification);
+  if (const auto notification = decodeNotification(signal)) observers_.deliver(*notification);
 }
 
 }  // namespace platform

@@ -1,4 +1,5 @@
-// Peers that break the protocol, or that are not our programs.
+// Peers that break the protocol, or that are not our programs. One file, because all tests speak
+// through the same raw peers.
 
 #include <array>
 #include <cstdio>

@@ -32,8 +32,8 @@ struct ProcessStatus {
   UserId effectiveUser = 0;
 };
 
-// These take the beginning of the file, which must contain the fields that they read. They fail with
-// kInvalid if it is malformed.
+// These take the beginning of the file, which must contain the fields that they read. They fail
+// with kInvalid if it is malformed.
 Result<ProcessStat> parseProcessStat(std::string_view text);
 Result<ProcessMembership> parseProcessMembership(std::string_view text);
 Result<ProcessStatus> parseProcessStatus(std::string_view text);

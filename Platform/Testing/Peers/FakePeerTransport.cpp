@@ -1,3 +1,6 @@
+// One file, because ends, listeners and transports are one state machine: a handler of each may
+// destroy the others.
+
 #include "Platform/Testing/Peers/FakePeerTransport.h"
 
 #include <algorithm>
