@@ -155,6 +155,7 @@ void addSettingsClientFactories(SettingsClientFactories& factories,
       return SettingsClientResult(factory(environment, &delegate));
     });
   };
+  // No loop over the domains: it would leave the methods without a caller.
   add("updateSettingsClientWithDelegate:", &Client::updateSettingsClientWithDelegate);
   add("commonSettingsClientWithDelegate:", &Client::commonSettingsClientWithDelegate);
   add("deviceControlSettingsClientWithDelegate:", &Client::deviceControlSettingsClientWithDelegate);

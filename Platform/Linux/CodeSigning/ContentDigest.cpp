@@ -51,6 +51,7 @@ CodeSigningResult<std::vector<std::uint8_t>> finish(EVP_MD_CTX* context, const s
 
 }  // namespace
 
+// FileDigest has another loop: it reads from the file's position and stops between its turns.
 CodeSigningResult<std::vector<std::uint8_t>> digestOfFile(int file, std::uint64_t size,
                                                           const EVP_MD* kind,
                                                           const std::string& name) {

@@ -29,6 +29,7 @@ std::unexpected<Error> unfit(const std::string& path, const char* what) {
 }
 
 // Checks the type before it opens the file, because opening a device can set it going.
+// Unlike openRegularFile(), it follows links and rejects the kernel's files.
 Result<UniqueFd> openRegular(const std::string& path) {
   const UniqueFd found(::open(path.c_str(), O_PATH | O_CLOEXEC));
   if (!found) return fileFailure(path);

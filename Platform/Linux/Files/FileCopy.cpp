@@ -35,7 +35,7 @@ struct Source {
 
 // Does not block on a pipe or a device. Content and attributes are read from the same open file,
 // whatever happens to the path meanwhile: this content with another file's owner and set-user-id
-// bit would be dangerous.
+// bit would be dangerous. Unlike openRegularFile(), it follows links, as copying does.
 Result<Source, NSError> openSource(const std::string& path) {
   Source source;
   source.file = UniqueFd(retryOnInterrupt(
