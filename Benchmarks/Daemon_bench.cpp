@@ -31,10 +31,10 @@
 #include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelExtensions.h"
 #include "Platform/Testing/XPC/FakeXPC.h"
-#include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/MonitoringRecord.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 
@@ -133,11 +133,11 @@ class DaemonInProcess {
         .extensions = {extensions_, controls_, linux_->tasks, root_.path()},
         .owner = {},
         .settingsClientFactories = factories_,
-        .makeHealthInfo = {},
+        .makeHealthInfo = [] { return nullptr; },
         .xpc = xpc_.xpc,
         .attributes = attributes_,
-        .observeJobHostReturn = {},
-        .withSettingsOfThisThread = {},
+        .observeJobHostReturn = [](std::function<void()>) {},
+        .withSettingsOfThisThread = [](const auto&) {},
     });
     manager_->setServiceInfo(Dictionary{{"Primary", labels_.front()},
                                         {"ProgramPath", root_.folder().path("opt")},

@@ -44,9 +44,9 @@
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Platform/Testing/SystemFacts/FakeRandomDevice.h"
 #include "Platform/Testing/XPC/FakeXPC.h"
-#include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Supervision/MonitoringRecord.h"
 
 namespace benchmarks {
 namespace {
@@ -248,11 +248,11 @@ class Bed {
             {extensions_, controls_, tasks_, "/"},
             {},
             factories_,
-            {},
+            [] { return nullptr; },
             xpc_.xpc,
             attributes_,
-            {},
-            {}};
+            [](std::function<void()>) {},
+            [](const auto&) {}};
   }
 
   TemporaryFolder root_;

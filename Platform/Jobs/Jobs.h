@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <expected>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Platform/Values/Error.h"
+#include "Platform/Values/KernelIds.h"
 #include "Platform/Values/Value.h"
 
 namespace platform {
@@ -63,7 +65,25 @@ class Jobs {
                                                   std::string_view label) = 0;
 };
 
-// Whether this result of SMJobCopyDictionary() means that the host did not answer.
+// The keys of a copy that say how the job is; the rest is the dictionary as it was submitted.
+inline constexpr char kJobProcessKey[] = "PID";
+inline constexpr char kJobLastStatusKey[] = "LastExitStatus";
+inline constexpr char kJobLastStatusUnknownKey[] = "LastExitStatusUnknown";  // true
+
+// How a job is, as a copy of SMJobCopyDictionary() says it.
+struct JobStatus {
+  enum class Presence {
+    kAbsent,   // no job has the label
+    kUnknown,  // the host could not tell: the job may well run
+    kPresent,
+  };
+  Presence presence = Presence::kAbsent;
+  std::optional<ProcessId> process;  // while it runs
+  Value lastExitStatus;  // a wait status; nil before the first end, and if nobody can know it
+};
+JobStatus jobStatusIn(const Value& copy);
+
+// Whether the copy means that the host did not answer.
 inline bool isJobUnknown(const Value& copy) {
   return copy.dictionary() && copy.dictionary()->empty();
 }

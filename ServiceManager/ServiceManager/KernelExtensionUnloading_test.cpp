@@ -134,7 +134,7 @@ class KernelExtensionFactsTest : public KernelExtensionsFixture {};
 TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfEachExtension) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   takeLog();
-  const Dictionary facts = manager().systemExtensions();
+  const Dictionary facts = manager().report().extensions();
   EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
                                            {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
                                            {"IsLoaded", true},
@@ -154,7 +154,7 @@ TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCosts
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   controls_.setHanging(kNetwork, true);
   Dictionary facts;
-  EXPECT_EQ(timeOf([&] { facts = manager().systemExtensions(); }), 1s);
+  EXPECT_EQ(timeOf([&] { facts = manager().report().extensions(); }), 1s);
   EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
   EXPECT_EQ(facts["net"]["IsAnswering"], Value(false));
   EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
@@ -164,7 +164,7 @@ TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeft
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   extensions_.setUnknown(kNetwork, true);
   extensions_.setUnknown(kOther, true);
-  Dictionary facts = manager().systemExtensions();
+  Dictionary facts = manager().report().extensions();
   EXPECT_TRUE(facts["net"]["IsLoaded"].isNil());
   EXPECT_TRUE(facts["net"]["PID"].isNil());
   EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
@@ -172,14 +172,14 @@ TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeft
   EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
   extensions_.setUnknown(kNetwork, false);
   extensions_.setUnknown(kOther, false);
-  facts = manager().systemExtensions();
+  facts = manager().report().extensions();
   EXPECT_EQ(facts["net"]["IsLoaded"], Value(true));
   EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
 }
 
 TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
   extensions_.setLoadFails(kOther, true);
-  const Dictionary facts = manager().systemExtensions();
+  const Dictionary facts = manager().report().extensions();
   EXPECT_TRUE(facts["net"]["Fault"].isNil());
   EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
   EXPECT_FALSE(facts["other"]["Path"].isNil());
@@ -191,12 +191,12 @@ TEST_F(KernelExtensionFactsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
   catalogue.set("KernelExtensions", Dictionary{{"x", Dictionary()},
                                                {"y", Dictionary{{"Identifier", "com.example.y"}}}});
   manager().setServiceInfo(Value(catalogue));
-  const Dictionary facts = manager().systemExtensions();
+  const Dictionary facts = manager().report().extensions();
   EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
   EXPECT_TRUE(facts["y"]["Path"].isNil());
   EXPECT_EQ(facts["y"]["Fault"], Value("com.example.y: no such extension"));
   manager().setServiceInfo({});
-  EXPECT_TRUE(manager().systemExtensions().empty());
+  EXPECT_TRUE(manager().report().extensions().empty());
 }
 
 }  // namespace

@@ -3,8 +3,8 @@
 
 #include <chrono>
 
-#include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 
 namespace {
 

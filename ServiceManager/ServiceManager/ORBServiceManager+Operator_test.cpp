@@ -2,9 +2,9 @@
 
 #include <chrono>
 
-#include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 
 namespace {
 
@@ -197,7 +197,7 @@ TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsForAllOfAServicesSwitches) 
                  });
   startAll();
   const Instant before = loop_.now();
-  const Value facts = manager().operatorFactsOfService(kAgent);
+  const Value facts = manager().report().factsOfService(kAgent);
   EXPECT_EQ(loop_.now() - before, 2s);
   std::vector<std::string> outcomes;
   for (const Value& row : *facts[kFactSwitches].array())
@@ -212,7 +212,7 @@ TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesI
                  });
   startAll();
   const Instant before = loop_.now();
-  const Value facts = manager().operatorFactsOfService(kAgent);
+  const Value facts = manager().report().factsOfService(kAgent);
   EXPECT_EQ(loop_.now() - before, 2s);
   const Array& switches = *facts[kFactSwitches].array();
   ASSERT_EQ(switches.size(), 5u);
@@ -290,7 +290,7 @@ TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
   jobs_.setReachable(false);
   const Dictionary unknown{{kFactJobIsUnknown, true}};
   const Instant before = loop_.now();
-  EXPECT_EQ(manager().operatorJobsOfServices({kHelper, kAgent, kPrimary}),
+  EXPECT_EQ(manager().report().jobsOfServices({kHelper, kAgent, kPrimary}),
             Value(Dictionary{{kHelper, unknown}, {kAgent, unknown}, {kPrimary, unknown}}));
   EXPECT_EQ(loop_.now() - before, 5s);  // One wait for the job host.
 }
@@ -398,7 +398,7 @@ TEST_F(OperatorTest, WhatIsNoLabelOrNoMessageRaises) {
   }
   EXPECT_EQ(ask("jobsOfServices:", {kAgent}), Value());
   EXPECT_TRUE(client_->recentException());
-  ORBServiceManagerOperatorServer server(manager());
+  ORBServiceManagerOperatorServer server(manager().report());
   const MessageResult unknown = server.receiveMessage("stopServices:", {Array{kAgent}});
   ASSERT_FALSE(unknown);
   EXPECT_EQ(unknown.error().reason,

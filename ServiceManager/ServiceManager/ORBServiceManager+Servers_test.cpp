@@ -17,17 +17,27 @@ class MessagesTest : public ServiceManagerFixture {
     manager().evaluateSystemConfiguration();
   }
 
+  MessageResult receive(std::string_view selector, const Array& arguments) {
+    if (selector == "retrieveKey") return auth_.receiveMessage(selector, arguments);
+    const bool isOfInstaller = selector == "shutdownServices:" || selector == "evaluateServices";
+    return isOfInstaller ? installer_.receiveMessage(selector, arguments)
+                         : userInterface_.receiveMessage(selector, arguments);
+  }
   Value send(const char* selector, Array arguments = {}) {
-    const MessageResult result = manager().receiveMessage(selector, arguments);
+    const MessageResult result = receive(selector, arguments);
     EXPECT_TRUE(result) << result.error().reason;
     return result.value_or(Value());
   }
   void expectRaised(const char* selector, Value argument, const char* reason) {
-    const MessageResult result = manager().receiveMessage(selector, {std::move(argument)});
+    const MessageResult result = receive(selector, {std::move(argument)});
     ASSERT_FALSE(result) << selector;
     EXPECT_EQ(result.error().name, kNSInvalidArgumentException);
     EXPECT_THAT(result.error().reason, HasSubstr(reason));
   }
+
+  InstallerServer installer_{manager()};
+  UserInterfaceServer userInterface_{manager()};
+  AuthServer auth_{manager()};
 };
 
 TEST_F(MessagesTest, TheQueriesAnswerByTheirSelectors) {
@@ -69,10 +79,21 @@ TEST_F(MessagesTest, AnArgumentOfTheWrongKindRaises) {
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
 }
 
-TEST_F(MessagesTest, AnUnknownSelectorRaises) {
-  const MessageResult result = manager().receiveMessage("release", {});
-  ASSERT_FALSE(result);
-  EXPECT_EQ(result.error().name, kNSInvalidArgumentException);
+TEST_F(MessagesTest, EachServerRaisesForTheSelectorsOfTheOthers) {
+  const auto raises = [](MessageReceiver& server, const char* selector) {
+    const MessageResult result = server.receiveMessage(selector, {Array{kAgent}});
+    return !result && result.error().name == kNSInvalidArgumentException;
+  };
+  for (const char* selector : {"release", "retrieveKey", "stopServices:", "services"}) {
+    EXPECT_TRUE(raises(installer_, selector)) << selector;
+  }
+  for (const char* selector : {"release", "retrieveKey", "shutdownServices:", "evaluateServices"}) {
+    EXPECT_TRUE(raises(userInterface_, selector)) << selector;
+  }
+  for (const char* selector : {"release", "services", "stopServices:", "shutdownServices:"}) {
+    EXPECT_TRUE(raises(auth_, selector)) << selector;
+  }
+  EXPECT_TRUE(isRunning(kAgent));
 }
 
 // The servers, as other programs reach them.

@@ -2,19 +2,17 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/NamedConnections/NamedConnections.h"
-#include "ServiceManager/ServiceManager/MinimumOSVersion.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
-#include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
 
 namespace {
 
-constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
-constexpr Duration kReevaluationPeriod = std::chrono::seconds(20);
-// By then a server that did not answer is asked again.
-constexpr Duration kSilenceIsOver = NamedConnections::kHungServerPause + std::chrono::seconds(1);
-constexpr Duration kEvaluationDelay = std::chrono::milliseconds(100);
+// After this time a server that did not answer is asked again.
+constexpr Duration kHungServerRetryDelay =
+    NamedConnections::kHungServerPause + std::chrono::seconds(1);
+constexpr Duration kInstallerEvaluationDelay = std::chrono::milliseconds(100);
 
 Value setOfLabels(const std::set<std::string>& labels) {
   return Array(labels.begin(), labels.end());
@@ -24,14 +22,14 @@ Value setOfLabels(const std::set<std::string>& labels) {
 
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
     const DistributedNotification& notification) {
-  // The client observes this notification, too, but after us, and until it has heard that the
-  // server is a new one it does not ask one that was silent lately.
+  // The client observes this notification, too, but after us. Until it knows that the server is a
+  // new one, it does not ask a server that did not answer lately.
   if (primaryServiceNotificationClient_)
     primaryServiceNotificationClient_->serverDidStart(notification);
   if (!isPrimaryServiceUp()) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
   if (operatingMode_ == ORBOperatingModeInstaller) return;
-  // Its settings may be others than before: everything is decided anew, also from normal mode.
+  // Its settings may be others than before: everything is evaluated again, also from normal mode.
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
   evaluateWaitingForPrimaryServiceOperatingMode();
 }
@@ -42,9 +40,8 @@ void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;  // The installer's mode ends, too.
 }
 
-// What the watchdog would find out in up to a quarter of an hour is found out now; what is decided
-// in normal mode is decided anew.
-void ORBServiceManager::decideAnew() {
+// Does now what the watchdog would do within a quarter of an hour; in normal mode evaluates again.
+void ORBServiceManager::evaluateAgain() {
   const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
   evaluateWaitingForPrimaryServiceOperatingMode();
   if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
@@ -53,42 +50,37 @@ void ORBServiceManager::decideAnew() {
 // The primary service may have gone, or come, or both, and the settings may be others.
 void ORBServiceManager::handleNotificationsReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
-  // None of them has heard of a start either, and one that was silent is asked again.
+  // The clients may have missed starts of their servers, too, and ask a silent one again.
   if (primaryServiceNotificationClient_) primaryServiceNotificationClient_->serverDidStart({});
-  if (configurationClients_) {
-    for (const auto& [prefix, client] : *configurationClients_) {
-      if (client) client->forgetConnection();
-    }
-  }
-  decideAnew();
+  sources_.forgetConnections();
+  evaluateAgain();
   if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
-  // A server that only stood still announces no start, and the watchdog is long in coming.
-  performAfterDelay(kSilenceIsOver, [this] {
+  // A server that was only hung announces no start, and the next watchdog may be long in coming.
+  timers_.performAfterDelay(kHungServerRetryDelay, [this] {
     if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
       evaluateWaitingForPrimaryServiceOperatingMode();
   });
 }
 
-// The evaluation passes over what the user interface has stopped, and so over what still runs of
-// it.
-void ORBServiceManager::endWhatWasToBeStopped() {
-  const Dictionary services = monitoredProcessesInfo_;  // Stopping one changes its record.
+// The evaluation skips services that the user interface has stopped, also one that still runs.
+void ORBServiceManager::removeStoppedServices() {
+  const Dictionary services = monitoredProcessesInfo();  // A removal changes its service's record.
   for (const auto& [label, record] : services) {
     if (!isServiceBeingTrackedForUserClientShutdownRequest(label)) continue;
-    const Value job = copyJobDictionary(label);
-    if (!job.isNil() && !isJobUnknown(job)) enforceShutdownForService(label);
+    const auto presence = jobs_.status(label).presence;
+    if (presence == JobStatus::Presence::kPresent) enforceShutdownForService(label);
   }
 }
 
-// Jobs that could not be submitted, removed or told of are nobody else's business: the watchdog
-// starts none, and services are retried by themselves only where there is a health record.
+// Nothing else repeats a request that the job host did not answer: the watchdog starts no service,
+// and the retry of services that are not ready needs a health record.
 //
-// The primary service comes first, as at the start: without its settings the services that hang on
-// them would all be stopped. It may be what could not be started.
+// The primary service comes first, as at the start, and may be the one that could not be started:
+// without its settings, an evaluation would stop every service that depends on them.
 void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
-  if (operatingMode_ != ORBOperatingModeInstaller) endWhatWasToBeStopped();
-  decideAnew();
+  if (operatingMode_ != ORBOperatingModeInstaller) removeStoppedServices();
+  evaluateAgain();
   if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;
   if (isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel())) return;
   enforceRunningForService(primaryLabel(), nullptr);
@@ -98,15 +90,12 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
-  // Spent or not: only an evaluation in normal mode makes room for another.
-  if (globalSettingsDidChangeEffectTimer_) return;
+  // Also a timer that has fired: only an evaluation in normal mode makes room for another.
+  if (timers_.globalSettingsDidChangeEffectTimer()) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
-                                      kSettingsChangeDelay.count()));
-  const auto delay = std::chrono::duration_cast<Duration>(kSettingsChangeDelay);
-  settingsEvaluationDue_ = platform_.runLoop.now() + delay;
-  globalSettingsDidChangeEffectTimer_ = platform_.runLoop.startTimer(
-      delay, RunLoop::Repeat::kOnce, [this] { evaluateSystemConfiguration(); });
+                                      EvaluationTimers::kSettingsChangeDelay.count()));
+  timers_.startSettingsChangeTimer([this] { evaluateSystemConfiguration(); });
 }
 
 void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*/) {
@@ -116,7 +105,8 @@ void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*
 bool ORBServiceManager::evaluateServices() {
   if (healthInfo_) healthInfo_->reportInstallerEventFinished();
   // Later, so that the installer has its answer at once.
-  performAfterDelay(kEvaluationDelay, [this] { evaluateRunningModeAfterInstallerEvent(); });
+  timers_.performAfterDelay(kInstallerEvaluationDelay,
+                            [this] { evaluateRunningModeAfterInstallerEvent(); });
   return true;
 }
 
@@ -128,20 +118,17 @@ void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
     enforceRunningForService(primaryLabel(), nullptr);
     return;
   }
-  performAfterDelay(kEvaluationDelay, [this] { evaluateSystemConfiguration(); });
+  timers_.performAfterDelay(kInstallerEvaluationDelay, [this] { evaluateSystemConfiguration(); });
 }
 
 void ORBServiceManager::scheduleReevaluation() {
-  if (reevaluationTimer_) return;
+  if (timers_.reevaluationTimer()) return;
   if (!healthInfo_ || healthInfo_->problemServices().empty()) return;
-  reevaluationDue_ = platform_.runLoop.now() + kReevaluationPeriod;
-  reevaluationTimer_ =
-      platform_.runLoop.startTimer(kReevaluationPeriod, RunLoop::Repeat::kOnce,
-                                   [this] { reevaluateConfiguration(reevaluationTimer_.get()); });
+  timers_.startReevaluationTimer([this] { reevaluateConfiguration(timers_.reevaluationTimer()); });
 }
 
 void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) {
-  reevaluationTimer_.reset();
+  timers_.cancelReevaluationTimer();
   const std::set<std::string> labels =
       healthInfo_ ? healthInfo_->problemServices() : std::set<std::string>();
   vantorlogger2_line(ASL_LEVEL_DEBUG,
@@ -151,32 +138,9 @@ void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) 
   scheduleReevaluation();
 }
 
-bool ORBServiceManager::checkOSSupportForService(const std::string& label) {
-  const Value version = serviceEntryWithLabel(label, serviceInfo_)["MinimumOSVersion"];
-  if (version.isNil()) return true;
-  const auto needed = kernelMajorNumberForMinimumOSVersion(version);
-  if (!needed) {
-    vantorlogger2_line(
-        ASL_LEVEL_ERR,
-        stringWithFormat("Unknown OS version: '%@'.  Not starting service", version));
-    return false;
+void ORBServiceManager::handleServiceDidStartNotification(
+    const DistributedNotification& notification) {
+  if (const auto label = catalogue_.labelForNotification(notification.name)) {
+    evaluateInformationForService(*label);
   }
-  return NSProcessInfo::Extensions::systemMajorNumber(&platform_.system) >= *needed;
-}
-
-Value ORBServiceManager::getLastLoggedInUserHomeDirectory() {
-  // A client of its own: the answer must not depend on what the catalogue's features made before.
-  Value home;
-  const auto ask = [&](const SettingsClientFactories& factories) {
-    const auto* factory = factories.find("cmxSettingsClientWithDelegate:");
-    if (!factory) return;
-    const SettingsClientResult client = (*factory)(*this);
-    if (client && *client) home = (*client)->objectForKey("ORBCmxLastLoggedInUser");
-  };
-  if (platform_.withSettingsOfThisThread) {
-    platform_.withSettingsOfThisThread(ask);
-  } else {
-    ask(platform_.settingsClientFactories);
-  }
-  return home;
 }

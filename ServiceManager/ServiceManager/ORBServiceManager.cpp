@@ -1,15 +1,13 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
-#include <array>
 #include <chrono>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/RandomNumber.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/SystemFacts/Thread.h"
-#include "ServiceManager/ServiceManager/MonitoringRecord.h"
-#include "ServiceManager/ServiceManager/PathComponents.h"
-#include "ServiceManager/ServiceManager/ProductTypes.h"
+#include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/InstalledCatalogue.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 using namespace platform;
@@ -19,10 +17,6 @@ namespace {
 constexpr std::size_t kSecretSize = 8;
 constexpr Duration kFirstEvaluationDelay = std::chrono::milliseconds(100);
 
-constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
-constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
-constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
-constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 constexpr char kConfigurationStatusServer[] = "com.vantor.service.configd.status";
 
 constexpr char kServerDidStart[] = "com.vantor.servicemanager.notification.serverdidstart";
@@ -32,58 +26,96 @@ constexpr char kConfigurationServerDidStart[] = "com.vantor.notification.configd
 constexpr char kConfigurationServerWillShutdown[] = "com.vantor.notification.configd.willshutdown";
 constexpr char kSettingsDidChange[] = "KLXGlobalSettingsDidChangeNotification";
 
-// A dictionary, or nil; why it could not be had is in the log.
-Value dictionaryAtPath(FileReader& files, const std::string& path) {
-  const auto list = files.propertyListAtPath(path);
-  if (list && list->dictionary()) return *list;
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     list ? path + ": expected a dictionary" : describe(list.error()));
-  return {};
-}
-
 }  // namespace
 
+// The extensions stop services, and the services' enforcement starts extensions: that circle is
+// closed here.
 ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
-    : platform_(platform), validator_(platform_.codeSignatures), delayedCalls_(platform_.runLoop) {}
+    : platform_(platform),
+      validator_(platform_.codeSignatures),
+      sources_(platform_.settingsClientFactories, platform_.withSettingsOfThisThread, *this),
+      jobs_(platform_.jobs, platform_.authorization),
+      exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
+             {.onWatch =
+                  [this](const std::string& label, ProcessId process) {
+                    notifyClientsOfService(label, UserInterfaceClients::kJobRuns, process);
+                  },
+              .onEnd =
+                  [this](const std::string& label, ProcessId process) {
+                    ORBExitNoteKQueueCallBack({this, label}, process);
+                  }}),
+      extensions_(
+          {.runLoop = platform_.runLoop,
+           .extensions = platform_.extensions,
+           .system = platform_.system,
+           .files = platform_.files,
+           .mainBundle = platform_.mainBundle,
+           .catalogue = catalogue_,
+           .secret = secret_,
+           .stopService = [this](const std::string& label) { enforceShutdownForService(label); },
+           .evaluateLater =
+               [this](const std::string& label, Duration delay) {
+                 timers_.performAfterDelay(delay,
+                                           [this, label] { evaluateInformationForService(label); });
+               }}),
+      enforcement_({.catalogue = catalogue_,
+                    .jobs = jobs_,
+                    .records = records_,
+                    .exits = exits_,
+                    .extensions = extensions_,
+                    .health = healthInfo_,
+                    .files = platform_.files,
+                    .system = platform_.system,
+                    .validator = validator_}),
+      timers_(platform_.runLoop),
+      report_({.runLoop = platform_.runLoop,
+               .files = platform_.files,
+               .system = platform_.system,
+               .validator = validator_,
+               .extensionsPlatform = platform_.extensions,
+               .catalogue = catalogue_,
+               .jobs = jobs_,
+               .records = records_,
+               .extensions = extensions_,
+               .sources = sources_,
+               .timers = timers_,
+               .health = healthInfo_,
+               .product = product_,
+               .operatingMode = operatingMode_}),
+      servers_({.connections = platform_.connections,
+                .distributedCenter = platform_.distributedCenter,
+                .protocols = platform_.protocols,
+                .system = platform_.system,
+                .xpc = platform_.xpc,
+                .codeSignatures = platform_.codeSignatures,
+                .attributes = platform_.attributes},
+               *this, report_) {}
 
-ORBServiceManager::~ORBServiceManager() {
-  if (platform_.observeJobHostReturn) platform_.observeJobHostReturn({});
-  endXPCListeners();
-  // Their delegate and their root objects' target ends here.
-  for (const auto& server :
-       {installerConnection_, userInterfaceConnection_, deamonConnection_, operatorConnection_}) {
-    if (server) server->invalidate();
-  }
-}
+ORBServiceManager::~ORBServiceManager() { platform_.observeJobHostReturn({}); }
 
 void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notification*/) {
   vantorlogger2_open(kClassName, mach_thread_self());
   if (!makeSecret()) return;
   logOwner();
-  if (!acquireAuthorization() || !checkOwnIntegrity() || !readCatalogue() || !readProduct() ||
-      !selectServices()) {
-    return;
-  }
+  if (!acquireAuthorization() || !checkOwnIntegrity() || !readInstalledCatalogue()) return;
   observeServices();
   makeMonitoringRecords();
   observeSettings();
   makePrimaryServiceClient();
-  watchDogStart_ = platform_.runLoop.now();
-  watchDog_ = platform_.runLoop.startTimer(kWatchDogInterval, RunLoop::Repeat::kEvery, [this] {
-    evaluateWaitingForPrimaryServiceOperatingMode();
-  });
+  timers_.startWatchDog([this] { evaluateWaitingForPrimaryServiceOperatingMode(); });
   evaluateForTheFirstTime();
-  vendServers();
-  vendXPCListeners();
+  servers_.vendServers();
+  servers_.vendXPCListeners();
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
-  vendOperatorServer();
+  // After the announcement: none of the steps before depends on the operator.
+  servers_.vendOperatorServer();
 }
 
 void ORBServiceManager::backgroundServiceWillTerminate(const Value& /*notification*/) {
   // The services stay with the job host.
-  monitoredProcessesInfo_ = {};
+  records_.reset({});
   serviceToFeatureNotificationMap_ = {};
   if (healthInfo_) healthInfo_->setReadyToReport(false);
   vantorlogger2_close(mach_thread_self());
@@ -98,7 +130,6 @@ bool ORBServiceManager::makeSecret() {
     return false;
   }
   secret_ = std::move(bytes);
-  kextsLoaded_.clear();
   return true;
 }
 
@@ -112,13 +143,7 @@ void ORBServiceManager::logOwner() const {
 }
 
 bool ORBServiceManager::acquireAuthorization() {
-  auto created = platform_.authorization.AuthorizationCreate(kAuthorizationFlagDefaults);
-  // Whoever does the work looks at us again with each job.
-  if (!created) return true;
-  authRef_ = std::move(*created);
-  constexpr std::array<std::string_view, 1> kRights{kSMRightModifySystemDaemons};
-  const OSStatus status = platform_.authorization.AuthorizationCopyRights(
-      *authRef_, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
+  const OSStatus status = jobs_.acquireRights();
   if (status == errAuthorizationSuccess) return true;
   vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status));
   announceStartUpError("Authorization failure",
@@ -137,60 +162,20 @@ bool ORBServiceManager::checkOwnIntegrity() {
   return false;
 }
 
-bool ORBServiceManager::readCatalogue() {
-  serviceInfo_ = dictionaryAtPath(
-      platform_.files,
-      pathByAppendingComponent(platform_.mainBundle.resourcePath(), "Service.plist"));
-  if (!primaryServiceInfo(serviceInfo_).isNil()) return true;
-  vantorlogger2_line(ASL_LEVEL_ERR,
-                     "Malformed configuration file. Unable to resolve primary service information");
-  announceStartUpError("Malformed Configuration", "Unable to resolve primary service information");
-  return false;
-}
-
-bool ORBServiceManager::readProduct() {
-  const std::string* programPath = serviceInfo_["ProgramPath"].string();
-  const std::string* file = serviceInfo_["ProductInfo"].string();
-  const Value information =
-      programPath && file
-          ? dictionaryAtPath(platform_.files, pathByAppendingComponent(*programPath, *file))
-          : Value();
-  if (information.isNil()) {
-    vantorlogger2_line(ASL_LEVEL_ERR,
-                       "Malformed configuration file. Unable to resolve product information");
-    announceStartUpError("Malformed Configuration", "Unable to resolve product information");
+bool ORBServiceManager::readInstalledCatalogue() {
+  const auto announce = [this](const StartUpError& error) {
+    announceStartUpError(error.error, error.description);
     return false;
-  }
-  healthInfo_.reset();
-  const std::string* key = serviceInfo_["ProductInfoKey"].string();
-  const std::string* guid = key ? information[*key].string() : nullptr;
-  const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr;
-  if (!type) {
-    vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID");
-    announceStartUpError("Unkown product type", "Unable to resolve GUID");
-    return false;
-  }
-  product_ = type->installTypeName;
-  if (type->keepsHealthInfo && platform_.makeHealthInfo) healthInfo_ = platform_.makeHealthInfo();
-  return true;
-}
-
-bool ORBServiceManager::selectServices() {
-  Dictionary matching = servicesOfProduct(serviceInfo_["Services"], *product_);
-  if (matching.empty()) {
-    const std::string why =
-        stringWithFormat("Unable to resolve services that match the current product: %@", product_);
-    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
-    announceStartUpError("Uknown product type", why);
-    return false;
-  }
-  otherProductsServices_ = {};
-  for (const auto& [label, entry] : *serviceInfo_["Services"].dictionary()) {
-    if (!matching.contains(label)) otherProductsServices_.set(label, entry["Products"]);
-  }
-  Dictionary catalogue = *serviceInfo_.dictionary();
-  catalogue.set("Services", std::move(matching));
-  serviceInfo_ = std::move(catalogue);
+  };
+  const auto list = readServicePlist(platform_.files, platform_.mainBundle.resourcePath());
+  if (!list) return announce(list.error());
+  const auto type = readInstalledProduct(platform_.files, *list);
+  if (!type) return announce(type.error());
+  product_ = (*type)->installTypeName;
+  if ((*type)->keepsHealthInfo) healthInfo_ = platform_.makeHealthInfo();
+  auto catalogue = catalogueOfProduct(*list, *product_);
+  if (!catalogue) return announce(catalogue.error());
+  catalogue_ = std::move(*catalogue);
   return true;
 }
 
@@ -204,7 +189,7 @@ void ORBServiceManager::observeServices() {
           *name, std::nullopt, [this](const DistributedNotification& notification) {
             handleServiceDidStartNotification(notification);
           }));
-    } else if (serviceTypeForLabel(label, serviceInfo_) == kFeatureService) {
+    } else if (catalogue_.serviceType(label) == kFeatureService) {
       vantorlogger2_line(ASL_LEVEL_WARNING,
                          stringWithFormat("%@ does not emit startup messages", label));
     }
@@ -220,12 +205,8 @@ void ORBServiceManager::observeServices() {
 }
 
 void ORBServiceManager::makeMonitoringRecords() {
-  monitoredProcessesInfo_ = {};
+  records_.reset(services());
   serviceToFeatureNotificationMap_ = {};
-  const Value services = this->services();
-  for (const auto& [label, entry] : *services.dictionary()) {
-    monitoredProcessesInfo_.set(label, initialMonitoringRecord());
-  }
   monitoredProcessesRunLoopSources_ = {};
 }
 
@@ -246,8 +227,7 @@ void ORBServiceManager::observeSettings() {
   observe(kSettingsDidChange, &ORBServiceManager::handleGlobalSettingsDidChange);
   observations_.push_back(
       platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
-  if (platform_.observeJobHostReturn)
-    platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
+  platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {
@@ -263,41 +243,12 @@ void ORBServiceManager::makePrimaryServiceClient() {
 void ORBServiceManager::evaluateForTheFirstTime() {
   if (isPrimaryServiceUp()) {
     operatingMode_ = ORBOperatingModeNormal;
-    performAfterDelay(kFirstEvaluationDelay, [this] { evaluateSystemConfiguration(); });
+    timers_.performAfterDelay(kFirstEvaluationDelay, [this] { evaluateSystemConfiguration(); });
     return;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating primary service");
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
   enforceRunningForService(primaryLabel(), nullptr);
-}
-
-void ORBServiceManager::vendServers() {
-  userClients_.clear();
-  connectionAuthenticator_ = std::make_unique<KLXConnectionAuthenticator>(platform_.system);
-  installerConnection_ = vend(kInstallerServer, kORBServiceManagerInstallerProtocol, *this, *this,
-                              installerInterface_);
-  userInterfaceConnection_ = vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
-                                  *this, *this, userInterface_);
-  deamonConnection_ = vend(kAuthServer, kServiceManagerAuthProtocol, *connectionAuthenticator_,
-                           *this, deamonProxy_);
-}
-
-// After the start has been announced: none of its steps depends on who looks on.
-void ORBServiceManager::vendOperatorServer() {
-  operatorConnection_ = vend(kOperatorServer, kORBServiceManagerOperatorProtocol,
-                             *connectionAuthenticator_, operatorServer_, operatorInterface_);
-}
-
-std::shared_ptr<NSConnection> ORBServiceManager::vend(
-    const char* name, const char* protocol, NSConnectionDelegate& delegate, MessageReceiver& target,
-    std::shared_ptr<NSProtocolChecker>& rootObject) {
-  auto connection = platform_.connections.makeConnection();
-  rootObject = std::make_shared<NSProtocolChecker>(&target, platform_.protocols.find(protocol));
-  connection->setDelegate(&delegate);
-  // A name that can't be had is the connection's to log; the other servers go on.
-  connection->registerName(name);
-  connection->setRootObject(rootObject);
-  return connection;
 }
 
 void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description) {

@@ -17,8 +17,8 @@
 #include "Platform/RunLoops/SerialQueue.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
-#include "ServiceManager/ServiceManager/HealthRecord.h"
-#include "ServiceManager/ServiceManager/ServiceHealth.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
+#include "ServiceManager/Supervision/ServiceHealth.h"
 
 // How each service is and how often it ended by itself, and the server that tells the product's
 // health reporter.

@@ -4,26 +4,22 @@
 
 #include "Platform/Messages/NSProxy.h"
 
-class ORBServiceManager;
+class OperatorReport;
 
-// The root object of the operator's server: tells what the daemon knows and why it does what it
-// does, and changes nothing. Belongs to the main thread. The keys of what it tells stand in
+// The root object of the operator's server: it answers what the daemon knows and why it does what
+// it does, and changes nothing. Belongs to the main thread. The keys of the answers stand in
 // OperatorFacts.h and HealthRecord.h.
 class ORBServiceManagerOperatorServer final : public platform::MessageReceiver {
  public:
-  // `manager` outlives this.
-  explicit ORBServiceManagerOperatorServer(const ORBServiceManager& manager) : manager_(manager) {}
+  // `report` outlives this.
+  explicit ORBServiceManagerOperatorServer(const OperatorReport& report) : report_(report) {}
 
-  // "overview", "healthRecord" (nil where the product keeps none), "factsOfService:" (nil for a
-  // label that no service of any product has) and "jobsOfServices:", which tells of each label of
-  // this product's services what the job host knows. The last two ask the job host, which costs
-  // half a minute where it is there and does not answer; the facts also ask the settings servers of
-  // the service's switches, for two seconds each at most.
-  // "extensions" tells of the catalogue's extensions by name; each that does not accept connections
-  // costs a second.
+  // "overview"; "healthRecord"; "factsOfService:" with a label; "jobsOfServices:" with an array of
+  // labels; "extensions". See OperatorReport.h for the answers and for how long each blocks. The
+  // job host costs half a minute if it is there and does not answer.
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override;
 
  private:
-  const ORBServiceManager& manager_;
+  const OperatorReport& report_;
 };

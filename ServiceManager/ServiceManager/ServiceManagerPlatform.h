@@ -13,36 +13,27 @@
 #include "Platform/Files/FileReader.h"
 #include "Platform/Jobs/Authorization.h"
 #include "Platform/Jobs/Jobs.h"
-#include "Platform/KernelExtensions/KernelControls.h"
-#include "Platform/KernelExtensions/KernelExtensions.h"
 #include "Platform/Messages/Protocol.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
 #include "Platform/Notifications/NotificationCenter.h"
 #include "Platform/Processes/ExitWatcher.h"
-#include "Platform/Processes/Task.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/SystemFacts/RandomDevice.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/XPC/XPC.h"
-#include "ServiceManager/ServiceManager/ServiceHealth.h"
+#include "ServiceManager/Settings/SettingsSources.h"
+#include "ServiceManager/Supervision/ExtensionControl.h"
+#include "ServiceManager/Supervision/ServiceHealth.h"
 
-// Whose program runs, as the kernel says.
+// The user and the group that this program runs as, as the kernel says.
 struct ProcessOwner {
   std::uint32_t realUser = 0;
   std::uint32_t effectiveUser = 0;
   std::uint32_t realGroup = 0;
 };
 
-// What kernel extensions are loaded with.
-struct KernelExtensionsPlatform {
-  platform::KernelExtensions& loader;
-  platform::KernelControls& controls;
-  platform::Tasks& tasks;
-  std::string root;  // of the platform: older releases have a program there that unloads
-};
-
-// Everything that the daemon needs from outside. It outlives the daemon.
+// What the daemon needs from outside. It outlives the daemon; no function of it is empty.
 struct ServiceManagerPlatform {
   platform::RunLoop& runLoop;
   platform::Jobs& jobs;
@@ -60,15 +51,14 @@ struct ServiceManagerPlatform {
   KernelExtensionsPlatform extensions;
   ProcessOwner owner;
   const SettingsClientFactories& settingsClientFactories;
-  // Makes the health record of a product that has one; empty where none is kept.
+  // Makes the health record of a product that keeps one; may return null.
   std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
   platform::XPC& xpc;
   platform::ExtendedAttributes& attributes;
-  // Takes whom to call each time that the job host answers again after it has failed somebody by
-  // its silence or absence; an empty one for nobody. Empty where no host can be missed.
+  // Sets the one subscriber that is called each time the job host answers again after a request
+  // that it did not answer; an empty function for none.
   std::function<void(std::function<void()> onReturn)> observeJobHostReturn;
-  // Does something with factories whose clients belong to the calling thread, which need not be the
-  // main one, and end with it. Where it is empty, the factories above are used.
-  std::function<void(const std::function<void(const SettingsClientFactories&)>&)>
-      withSettingsOfThisThread;
+  // Calls a function with factories whose clients belong to the calling thread, which need not be
+  // the main thread, and end with the call.
+  SettingsSources::WithFactories withSettingsOfThisThread;
 };

@@ -35,10 +35,10 @@
 #include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "Platform/Testing/XPC/FakeXPC.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/ServiceManager/MonitoringRecord.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Supervision/MonitoringRecord.h"
 
 inline constexpr char kScanner[] = "com.example.scanner";
 inline constexpr char kHostedManagedGuid[] = "71C0E5B9-2A8D-4F36-B0E4-9D63A1F2C875";
@@ -301,7 +301,7 @@ class ServiceManagerFixture : public testing::Test {
     std::vector<std::string> lines;
     for (const auto& message : logSink_.take()) {
       const std::size_t prefix = message.text.find("] ");
-      EXPECT_TRUE(message.text.starts_with("[ORBServiceManager")) << message.text;
+      EXPECT_TRUE(message.text.starts_with("[")) << message.text;
       lines.push_back(std::to_string(message.level) + " " + message.text.substr(prefix + 2));
     }
     return lines;
@@ -339,7 +339,9 @@ class ServiceManagerFixture : public testing::Test {
             xpc_.xpc,
             attributes_,
             [this](std::function<void()> onReturn) { jobHostReturned_ = std::move(onReturn); },
-            {}};
+            [this](const std::function<void(const SettingsClientFactories&)>& ask) {
+              ask(factories_);
+            }};
   }
 
   // A program beside the daemon.

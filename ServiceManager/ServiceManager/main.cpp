@@ -36,44 +36,23 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Settings/SettingsOfThisThread.h"
 
 namespace {
 
-// A worker's client asks once and ends; it need not hear of its server's start, and the centre's
-// observers belong to the main thread.
-class DeafCenter final : public platform::DistributedNotificationCenter {
- public:
-  std::unique_ptr<Observation> addObserver(
-      std::optional<std::string> /*name*/, std::optional<std::string> /*object*/,
-      Handler /*handler*/, platform::NSNotificationSuspensionBehavior /*behavior*/) override {
-    return nullptr;
-  }
-  std::unique_ptr<Observation> observeReturn(std::function<void()> /*handler*/) override {
-    return nullptr;
-  }
-  void postNotificationName(std::string_view /*name*/, std::optional<std::string> /*object*/,
-                            platform::Value /*userInfo*/,
-                            platform::NSNotificationPosting /*posting*/) override {}
-};
-
-// Connections of the calling thread alone, with a loop that nobody runs: a client that only calls
-// waits on its own connection. Without descriptors nothing can be asked.
-void withSettingsOfThisThread(platform::LinuxPlatform& linux,
-                              const platform::ProtocolTable& protocols,
-                              const std::function<void(const SettingsClientFactories&)>& ask) {
+// With connections of the calling thread alone. Without descriptors nothing can be asked.
+void askSettingsOnThisThread(platform::LinuxPlatform& linux,
+                             const platform::ProtocolTable& protocols,
+                             const std::function<void(const SettingsClientFactories&)>& ask) {
   const auto loop = platform::AsioRunLoop::create();
   if (!loop) return;
   platform::DBusPeerTransport transport(**loop);
-  platform::NotificationCenter center;
-  platform::NamedConnections connections(
-      **loop, transport, center, linux.systemLog, [&](std::string_view name) {
-        return platform::pathOfConnection(linux.configuration.root, name);
-      });
-  DeafCenter deaf;
-  SettingsClientFactories factories;
-  addSettingsClientFactories(
-      factories, {**loop, connections, deaf, center, protocols, linux.systemInformation});
-  ask(factories);
+  const auto pathOfName = [&](std::string_view name) {
+    return platform::pathOfConnection(linux.configuration.root, name);
+  };
+  withSettingsOfThisThread(SettingsThread{**loop, transport, linux.systemLog, pathOfName, protocols,
+                                          linux.systemInformation},
+                           ask);
 }
 
 int fail(const platform::Error& error) {
@@ -156,7 +135,7 @@ int main(int argc, char** argv) {
           [&](std::function<void()> onReturn) { host.setReturnHandler(std::move(onReturn)); },
       .withSettingsOfThisThread =
           [&](const std::function<void(const SettingsClientFactories&)>& ask) {
-            withSettingsOfThisThread(linux, protocols, ask);
+            askSettingsOnThisThread(linux, protocols, ask);
           },
   };
   platform::BackgroundServiceClasses classes;

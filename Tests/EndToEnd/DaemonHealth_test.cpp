@@ -4,8 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"

@@ -7,10 +7,10 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "ServiceManager/ServiceManager/HealthRecord.h"
-#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/Catalogue/CatalogueLookups.h"
 #include "ServiceManager/ServiceManager/OperatingMode.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -40,7 +40,7 @@ class Facts {
   const JobState& job() const { return job_; }
   std::int64_t mode() const { return number(kFactOperatingMode); }
   bool isPrimary() const { return label() == text(kFactPrimary); }
-  bool isFeature() const { return text(kFactType) == ORBServiceManager::kFeatureService; }
+  bool isFeature() const { return text(kFactType) == kFeatureService; }
   bool isSupported() const {
     if (!has(kFactMinimumOSVersion)) return true;
     return has(kFactNeededKernel) && number(kFactKernel) >= number(kFactNeededKernel);

@@ -5,8 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ServiceManager/ServiceManager/HealthRecord.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 

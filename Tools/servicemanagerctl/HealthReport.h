@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Values/Value.h"
-#include "ServiceManager/ServiceManager/HealthRecord.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/Output.h"
 
 // The service manager's health record, for people, for programs, and for a monitoring system.

@@ -6,9 +6,10 @@
 #include <fmt/format.h>
 
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/ServiceManager/MinimumOSVersion.h"
-#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/Catalogue/CatalogueLookups.h"
+#include "ServiceManager/Catalogue/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
@@ -63,7 +64,7 @@ std::optional<Notice> readNotice(const Value& notice) {
   const auto status = notice["status"].integer();
   const auto process = notice["PID"].integer();
   if (label == nullptr || !status) return std::nullopt;
-  if (*status != ORBServiceManager::kJobRuns) return Notice{*label, std::nullopt};
+  if (*status != UserInterfaceClients::kJobRuns) return Notice{*label, std::nullopt};
   if (!process) return std::nullopt;
   return Notice{*label, process};
 }
@@ -73,8 +74,7 @@ std::optional<Notice> readNotice(const Value& notice) {
 ServiceState serviceState(const std::string& label, const Value& services, const Value& jobFacts,
                           const SystemInformation& system) {
   const bool isFeature =
-      ORBServiceManager::serviceTypeForLabel(label, Dictionary{{"Services", services}}) ==
-      ORBServiceManager::kFeatureService;
+      serviceTypeForLabel(label, Dictionary{{"Services", services}}) == kFeatureService;
   const Value needed = services[label]["MinimumOSVersion"];
   ServiceState state{.job = jobState(label, jobFacts[kFactJob]),
                      .type = isFeature ? ServiceState::Type::kFeature : ServiceState::Type::kCore,

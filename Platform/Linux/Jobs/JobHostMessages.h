@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Jobs/Jobs.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
 
@@ -22,19 +23,15 @@ inline constexpr char kSubmitJobMessage[] = "submitJob:";
 // Answer: nil.
 inline constexpr char kRemoveJobMessage[] = "removeJob:wait:";
 
-// Argument: a label. Answer: the job's dictionary with the keys below, nil if there is no such job.
+// Argument: a label. Answer: the job's dictionary with the state of its process (see Jobs.h), nil
+// if there is no such job.
 inline constexpr char kCopyJobMessage[] = "copyJob:";
 
-// Answer: a dictionary that has for each label a dictionary with only the keys below.
+// Answer: a dictionary that has for each label a dictionary with only that state.
 inline constexpr char kCopyJobStatesMessage[] = "copyJobStates";
 
 // Answer: a boolean, whether this caller may change jobs. Also serves as a ping.
 inline constexpr char kMayChangeJobsMessage[] = "mayChangeJobs";
-
-// The keys that the host adds to a job's submitted dictionary.
-inline constexpr char kJobProcessKey[] = "PID";
-inline constexpr char kJobLastStatusKey[] = "LastExitStatus";
-inline constexpr char kJobLastStatusUnknownKey[] = "LastExitStatusUnknown";
 
 Value failureAnswer(const NSError& error);
 

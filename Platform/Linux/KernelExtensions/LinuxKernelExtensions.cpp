@@ -19,7 +19,7 @@ constexpr std::int64_t kExitTimeOut = 1;
 
 // Information on a running extension, wherever its bundle is by now.
 Dictionary jobInformationOf(const Value& job) {
-  Dictionary information{{kOSBundleProcessKey, job["PID"].integer().value_or(0)}};
+  Dictionary information{{kOSBundleProcessKey, jobStatusIn(job).process.value_or(0)}};
   if (const std::string* const program = job["Program"].string()) {
     information.set(kOSBundlePathKey, program->substr(0, program->rfind(kProgramsFolder)));
   }

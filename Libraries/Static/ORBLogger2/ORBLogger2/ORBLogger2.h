@@ -7,6 +7,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Platform/Logging/LogSink.h"
 #include "Platform/RunLoops/SerialQueue.h"
 #include "Platform/Texts/StringFormat.h"
 

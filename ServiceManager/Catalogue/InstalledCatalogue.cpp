@@ -1,0 +1,69 @@
+#include "ServiceManager/Catalogue/InstalledCatalogue.h"
+
+#include <utility>
+
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/PathComponents.h"
+
+using namespace platform;
+
+namespace {
+
+// A dictionary, or nil; the log has the reason.
+Value dictionaryAtPath(FileReader& files, const std::string& path) {
+  const auto list = files.propertyListAtPath(path);
+  if (list && list->dictionary()) return *list;
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     list ? path + ": expected a dictionary" : describe(list.error()));
+  return {};
+}
+
+}  // namespace
+
+StartUpResult<Value> readServicePlist(FileReader& files, std::string_view resourcePath) {
+  Value list = dictionaryAtPath(files, pathByAppendingComponent(resourcePath, "Service.plist"));
+  if (!primaryServiceInfo(list).isNil()) return list;
+  vantorlogger2_line(ASL_LEVEL_ERR,
+                     "Malformed configuration file. Unable to resolve primary service information");
+  return std::unexpected(
+      StartUpError{"Malformed Configuration", "Unable to resolve primary service information"});
+}
+
+StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
+                                                       const Value& servicePlist) {
+  const std::string* programPath = servicePlist["ProgramPath"].string();
+  const std::string* file = servicePlist["ProductInfo"].string();
+  const Value information =
+      programPath && file ? dictionaryAtPath(files, pathByAppendingComponent(*programPath, *file))
+                          : Value();
+  if (information.isNil()) {
+    vantorlogger2_line(ASL_LEVEL_ERR,
+                       "Malformed configuration file. Unable to resolve product information");
+    return std::unexpected(
+        StartUpError{"Malformed Configuration", "Unable to resolve product information"});
+  }
+  const std::string* key = servicePlist["ProductInfoKey"].string();
+  const std::string* guid = key ? information[*key].string() : nullptr;
+  if (const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr) return type;
+  vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID");
+  return std::unexpected(StartUpError{"Unkown product type", "Unable to resolve GUID"});
+}
+
+StartUpResult<ServiceCatalogue> catalogueOfProduct(const Value& servicePlist,
+                                                   std::string_view installTypeName) {
+  Dictionary matching = servicesOfProduct(servicePlist["Services"], installTypeName);
+  if (matching.empty()) {
+    const std::string why = stringWithFormat(
+        "Unable to resolve services that match the current product: %@", installTypeName);
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
+    return std::unexpected(StartUpError{"Uknown product type", why});
+  }
+  Dictionary others;
+  for (const auto& [label, entry] : *servicePlist["Services"].dictionary()) {
+    if (!matching.contains(label)) others.set(label, entry["Products"]);
+  }
+  Dictionary ofProduct = *servicePlist.dictionary();
+  ofProduct.set("Services", std::move(matching));
+  return ServiceCatalogue(std::move(ofProduct), std::move(others));
+}

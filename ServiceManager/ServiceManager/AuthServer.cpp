@@ -1,0 +1,11 @@
+#include "ServiceManager/ServiceManager/AuthServer.h"
+
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/ServiceManager/ServerMessages.h"
+
+using namespace platform;
+
+MessageResult AuthServer::receiveMessage(std::string_view selector, const Array& arguments) {
+  if (selector == "retrieveKey") return manager_.retrieveKey();
+  return ServerMessage{ORBServiceManager::kClassName, selector, arguments}.unrecognizedSelector();
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string_view>
+
+#include "Platform/Messages/NSProxy.h"
+
+class ORBServiceManager;
+
+// The root object of the authenticated daemons' server: "retrieveKey" hands out the secret of this
+// run. Belongs to the main thread. Any other message raises.
+class AuthServer final : public platform::MessageReceiver {
+ public:
+  // `manager` outlives this.
+  explicit AuthServer(const ORBServiceManager& manager) : manager_(manager) {}
+
+  platform::MessageResult receiveMessage(std::string_view selector,
+                                         const platform::Array& arguments) override;
+
+ private:
+  const ORBServiceManager& manager_;
+};

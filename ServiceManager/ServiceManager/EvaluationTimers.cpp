@@ -1,0 +1,60 @@
+#include "ServiceManager/ServiceManager/EvaluationTimers.h"
+
+#include <utility>
+
+using namespace platform;
+
+void EvaluationTimers::startWatchDog(Callback call) {
+  watchDog_.due = runLoop_.now() + kWatchDogInterval;
+  watchDog_.handle =
+      runLoop_.startTimer(kWatchDogInterval, RunLoop::Repeat::kEvery, std::move(call));
+}
+
+EvaluationTimers::DueTimer EvaluationTimers::startOnce(Duration delay, Callback call) {
+  const Instant due = runLoop_.now() + delay;
+  return {runLoop_.startTimer(delay, RunLoop::Repeat::kOnce, std::move(call)), due};
+}
+
+void EvaluationTimers::startSettingsChangeTimer(Callback call) {
+  settingsChange_ =
+      startOnce(std::chrono::duration_cast<Duration>(kSettingsChangeDelay), std::move(call));
+}
+
+void EvaluationTimers::startReevaluationTimer(Callback call) {
+  reevaluation_ = startOnce(kReevaluationPeriod, std::move(call));
+}
+
+void EvaluationTimers::shutDownLater(const std::string& label, Callback call) {
+  const auto due = dueShutdowns_.emplace(label, runLoop_.now() + kFeatureShutdownDelay);
+  performAfterDelay(kFeatureShutdownDelay, [this, due, call = std::move(call)] {
+    dueShutdowns_.erase(due);
+    call();
+  });
+}
+
+void EvaluationTimers::performAfterDelay(Duration delay, Callback call) {
+  delayedCalls_.perform(std::move(call), delay);
+}
+
+std::optional<Duration> EvaluationTimers::until(const DueTimer& timer) const {
+  if (!timer.handle) return std::nullopt;
+  return timer.due - runLoop_.now();
+}
+
+std::optional<Duration> EvaluationTimers::untilWatchDog() const {
+  if (!watchDog_.handle) return std::nullopt;
+  const Duration since = runLoop_.now() - (watchDog_.due - kWatchDogInterval);
+  return kWatchDogInterval - since % kWatchDogInterval;
+}
+
+std::optional<Duration> EvaluationTimers::untilSettingsEvaluation() const {
+  return until(settingsChange_);
+}
+
+std::optional<Duration> EvaluationTimers::untilReevaluation() const { return until(reevaluation_); }
+
+std::optional<Duration> EvaluationTimers::untilShutdown(std::string_view label) const {
+  const auto due = dueShutdowns_.lower_bound(label);
+  if (due == dueShutdowns_.end() || due->first != label) return std::nullopt;
+  return due->second - runLoop_.now();
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/RunLoops/DelayedCalls.h"
+#include "Platform/RunLoops/RunLoop.h"
+
+// The timers and delayed calls that make the daemon evaluate, and when each is due. Belongs to the
+// main thread. Calls that are pending when this is destroyed are dropped.
+class EvaluationTimers {
+ public:
+  using Callback = std::function<void()>;
+
+  static constexpr platform::Duration kWatchDogInterval = std::chrono::seconds(900);
+  static constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
+  static constexpr platform::Duration kReevaluationPeriod = std::chrono::seconds(20);
+  // A feature whose switch is turned off and on again within this time costs no restart.
+  static constexpr platform::Duration kFeatureShutdownDelay = std::chrono::seconds(3);
+
+  // `runLoop` outlives this.
+  explicit EvaluationTimers(platform::RunLoop& runLoop)
+      : runLoop_(runLoop), delayedCalls_(runLoop) {}
+
+  // Calls every kWatchDogInterval.
+  void startWatchDog(Callback call);
+  // Calls once, kSettingsChangeDelay after a change of the settings. There must be no such timer.
+  void startSettingsChangeTimer(Callback call);
+  void cancelSettingsChangeTimer() { settingsChange_ = {}; }
+  // Calls once, after kReevaluationPeriod.
+  void startReevaluationTimer(Callback call);
+  void cancelReevaluationTimer() { reevaluation_ = {}; }
+  // Calls once, after kFeatureShutdownDelay. Each call counts, also several for one service.
+  void shutDownLater(const std::string& label, Callback call);
+  void performAfterDelay(platform::Duration delay, Callback call);
+
+  // Null if there is none.
+  const platform::RunLoopHandle* watchDog() const { return watchDog_.handle.get(); }
+  // Also a timer that has fired: an evaluation in the normal mode cancels it.
+  const platform::RunLoopHandle* globalSettingsDidChangeEffectTimer() const {
+    return settingsChange_.handle.get();
+  }
+  const platform::RunLoopHandle* reevaluationTimer() const { return reevaluation_.handle.get(); }
+
+  // The time until each is due; negative or zero if it is overdue or has fired, nothing if there is
+  // none.
+  std::optional<platform::Duration> untilWatchDog() const;
+  std::optional<platform::Duration> untilSettingsEvaluation() const;
+  std::optional<platform::Duration> untilReevaluation() const;
+  // The first shut-down of the service that is due.
+  std::optional<platform::Duration> untilShutdown(std::string_view label) const;
+
+ private:
+  struct DueTimer {
+    std::unique_ptr<platform::RunLoopHandle> handle;
+    platform::Instant due;
+  };
+  DueTimer startOnce(platform::Duration delay, Callback call);
+  std::optional<platform::Duration> until(const DueTimer& timer) const;
+
+  platform::RunLoop& runLoop_;
+  DueTimer watchDog_;
+  DueTimer settingsChange_;
+  DueTimer reevaluation_;
+  platform::DelayedCalls delayedCalls_;
+  // By label, in the order of the evaluations that decided so.
+  std::multimap<std::string, platform::Instant, std::less<>> dueShutdowns_;
+};

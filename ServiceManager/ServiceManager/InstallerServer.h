@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string_view>
+
+#include "Platform/Messages/NSProxy.h"
+
+class ORBServiceManager;
+
+// The root object of the installer's server: "shutdownServices:" with an array of labels, which an
+// installer is about to replace, and "evaluateServices" when it has finished. Belongs to the main
+// thread. Any other message raises.
+class InstallerServer final : public platform::MessageReceiver {
+ public:
+  // `manager` outlives this.
+  explicit InstallerServer(ORBServiceManager& manager) : manager_(manager) {}
+
+  platform::MessageResult receiveMessage(std::string_view selector,
+                                         const platform::Array& arguments) override;
+
+ private:
+  ORBServiceManager& manager_;
+};

@@ -1,0 +1,54 @@
+#include "Platform/KernelExtensions/KernelControls.h"
+#include "Platform/KernelExtensions/KernelExtensions.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/OperatorReport.h"
+
+using namespace platform;
+
+namespace {
+
+std::optional<std::string> identifierIn(const Value& entry) {
+  const std::string* identifier = entry["Identifier"].string();
+  return identifier ? std::optional(*identifier) : std::nullopt;
+}
+
+}  // namespace
+
+Dictionary OperatorReport::extensions() const {
+  Dictionary facts;
+  const Value& kexts = environment_.catalogue.extensions();
+  if (!kexts.dictionary()) return facts;
+  for (const auto& [name, entry] : *kexts.dictionary()) {
+    facts.set(name, factsOfKext(name, identifierIn(entry)));
+  }
+  return facts;
+}
+
+Dictionary OperatorReport::factsOfKext(const std::string& name,
+                                       const std::optional<std::string>& identifier) const {
+  Dictionary facts{{kFactKextIsConfigured, environment_.extensions.kextsLoaded().contains(name)}};
+  Array services;
+  for (const std::string& label : environment_.catalogue.daemonsUsingKext(name))
+    services.push_back(Value(label));
+  facts.set(kFactKextServices, std::move(services));
+  if (!identifier) return facts;
+  KernelExtensions& loader = environment_.extensionsPlatform.loader;
+  facts.set(kFactKextIdentifier, *identifier);
+  const auto path = loader.KextManagerCreateURLForBundleIdentifier(*identifier);
+  if (path) facts.set(kFactKextPath, *path);
+  if (const auto authentic = loader.OSKextAuthenticate(*identifier); !authentic) {
+    facts.set(kFactKextFault, describe(authentic.error()));
+  }
+  const Value information = loader.KextManagerCopyLoadedKextInfo({*identifier})[*identifier];
+  if (!isKextUnknown(information)) facts.set(kFactKextIsLoaded, !information.isNil());
+  const Value& loadedPath = information[kOSBundlePathKey];
+  if (!loadedPath.isNil() && loadedPath != facts[kFactKextPath]) {
+    facts.set(kFactKextLoadedPath, loadedPath);
+  }
+  const Value& process = information[kOSBundleProcessKey];
+  if (!process.isNil()) facts.set(kFactKextProcess, process);
+  const auto socket = connectToControl(environment_.extensionsPlatform.controls, *identifier);
+  facts.set(kFactKextIsConnected, socket.has_value());
+  if (socket) facts.set(kFactKextIsAnswering, (*socket)->ping().has_value());
+  return facts;
+}

@@ -1,0 +1,232 @@
+#include "ServiceManager/ServiceManager/OperatorReport.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/MinimumOSVersion.h"
+#include "ServiceManager/Catalogue/SwitchComparison.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
+#include "Shared/Categories/NSProcessInfo+Extensions.h"
+
+using namespace platform;
+
+namespace {
+
+// The time in which each settings server must answer for all switches of a service. With that of
+// the job host, the times of all servers add up to less than the operator's command waits.
+constexpr Duration kLookTime = std::chrono::seconds(2);
+// A job host that could not tell how one job is, and took this long, is not asked about others.
+constexpr Duration kLongForAJobHost = std::chrono::seconds(1);
+
+double inSeconds(Duration duration) {
+  return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
+}
+
+void setIfKnown(Dictionary& facts, const char* key, Value value) {
+  if (!value.isNil()) facts.set(key, std::move(value));
+}
+
+const char* outcomeOf(const Value& expected, const Value& current) {
+  switch (compareSwitch(expected, current)) {
+    case SwitchComparison::kMatches:
+      return kOutcomeMatches;
+    case SwitchComparison::kDiffers:
+      return kOutcomeDiffers;
+    case SwitchComparison::kRaises:
+      return kOutcomeClashes;
+    case SwitchComparison::kAbsent:
+      return kOutcomeAbsent;
+  }
+  return kOutcomeAbsent;
+}
+
+bool isSilence(const NSException& exception) {
+  return exception.name == kNSPortTimeoutException || exception.name == kNSInvalidSendPortException;
+}
+
+std::string refusalIn(const NSException& exception) {
+  return exception.reason.empty() ? exception.name : exception.name + ": " + exception.reason;
+}
+
+}  // namespace
+
+void OperatorReport::addOperatingFacts(Dictionary& facts) const {
+  const EvaluationTimers& timers = environment_.timers;
+  facts.set(kFactOperatingMode, environment_.operatingMode);
+  if (environment_.product) facts.set(kFactProduct, *environment_.product);
+  facts.set(kFactPrimary, environment_.catalogue.primaryLabel());
+  if (const auto left = timers.untilReevaluation()) facts.set(kFactRetryIn, inSeconds(*left));
+  if (const auto left = timers.untilSettingsEvaluation()) {
+    // A timer that has fired outside the normal mode is kept, and delays the changes to come.
+    if (*left > Duration::zero()) {
+      facts.set(kFactSettingsEvaluationIn, inSeconds(*left));
+    } else {
+      facts.set(kFactSettingsChangesWait, true);
+    }
+  }
+  if (const auto left = timers.untilWatchDog()) facts.set(kFactWatchDogIn, inSeconds(*left));
+}
+
+void OperatorReport::addMarksOfService(Dictionary& facts, std::string_view label) const {
+  const MonitoringRecords& records = environment_.records;
+  facts.set(kFactType, environment_.catalogue.serviceType(label));
+  facts.set(kFactIsMonitored, records.isServiceBeingTrackedForRespawn(label));
+  facts.set(kFactIsStopped, records.isServiceBeingTrackedForUserClientShutdownRequest(label));
+  if (const auto left = environment_.timers.untilShutdown(label)) {
+    facts.set(kFactStopIn, inSeconds(*left));
+  }
+}
+
+Value OperatorReport::overview() const {
+  Dictionary facts;
+  addOperatingFacts(facts);
+  Dictionary all;
+  const Value& services = environment_.catalogue.services();
+  if (services.dictionary()) {
+    for (const auto& [label, entry] : *services.dictionary()) {
+      Dictionary service;
+      addMarksOfService(service, label);
+      all.set(label, std::move(service));
+    }
+  }
+  facts.set(kFactServices, std::move(all));
+  facts.set(kFactOtherServices, environment_.catalogue.otherProductsServices());
+  return facts;
+}
+
+Value OperatorReport::healthRecord() const {
+  return environment_.health ? environment_.health->healthRecord() : Value();
+}
+
+Value OperatorReport::factsOfService(std::string_view label) const {
+  const ServiceCatalogue& catalogue = environment_.catalogue;
+  const Value entry = catalogue.service(label);
+  const bool isOfProduct = !entry.isNil();
+  if (!isOfProduct && !catalogue.otherProductsServices().contains(label)) return {};
+  Dictionary facts{{kFactLabel, label}, {kFactIsOfProduct, isOfProduct}};
+  addOperatingFacts(facts);
+  if (!isOfProduct) {
+    facts.set(kFactProducts, catalogue.otherProductsServices()[label]);
+    return facts;
+  }
+  setIfKnown(facts, kFactProducts, entry["Products"]);
+  addMarksOfService(facts, label);
+  facts.set(kFactIsPrimaryStopped,
+            environment_.records.isServiceBeingTrackedForUserClientShutdownRequest(
+                catalogue.primaryLabel()));
+  addSystemFacts(facts, entry);
+  addProgramFacts(facts, label);
+  addJobFacts(facts, label);
+  setIfKnown(facts, kFactHealth, healthRecord()[kHealthServices][label]);
+  addSwitches(facts, label);
+  return facts;
+}
+
+void OperatorReport::addSystemFacts(Dictionary& facts, const Value& entry) const {
+  facts.set(kFactKernel, NSProcessInfo::Extensions::systemMajorNumber(&environment_.system));
+  const Value version = entry["MinimumOSVersion"];
+  if (version.isNil()) return;
+  facts.set(kFactMinimumOSVersion, stringWithFormat("%@", version));
+  if (const auto needed = kernelMajorNumberForMinimumOSVersion(version)) {
+    facts.set(kFactNeededKernel, *needed);
+  }
+}
+
+void OperatorReport::addProgramFacts(Dictionary& facts, std::string_view label) const {
+  const Value jobInfo = environment_.catalogue.jobInfo(label);
+  const std::string* program = jobInfo["Program"].string();
+  if (!program) return;
+  facts.set(kFactProgram, *program);
+  const bool exists = environment_.files.fileExistsAtPath(*program);
+  facts.set(kFactProgramExists, exists);
+  if (!exists) return;
+  const ORBSigningValidator::Verdict verdict = environment_.validator.validateProgram(*program);
+  facts.set(kFactProgramIsIntact, verdict.isIntact);
+  if (!verdict.isIntact) facts.set(kFactProgramFault, verdict.reason);
+  if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
+}
+
+void OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
+  const Value job = environment_.jobs.copyJobDictionary(label);
+  if (job.isNil()) return;
+  if (isJobUnknown(job)) return facts.set(kFactJobIsUnknown, true);
+  Dictionary state;
+  for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
+    setIfKnown(state, key, job[key]);
+  }
+  facts.set(kFactJob, std::move(state));
+}
+
+Value OperatorReport::jobsOfServices(const Array& labels) const {
+  Dictionary all;
+  bool isHostAway = false;
+  for (const Value& label : labels) {
+    if (!label.string() || environment_.catalogue.service(*label.string()).isNil()) continue;
+    Dictionary facts;
+    if (isHostAway) {
+      facts.set(kFactJobIsUnknown, true);
+    } else {
+      const Instant start = environment_.runLoop.now();
+      addJobFacts(facts, *label.string());
+      isHostAway = facts.contains(kFactJobIsUnknown) &&
+                   environment_.runLoop.now() - start >= kLongForAJobHost;
+    }
+    all.set(*label.string(), std::move(facts));
+  }
+  return all;
+}
+
+void OperatorReport::addSwitches(Dictionary& facts, std::string_view label) const {
+  if (environment_.catalogue.serviceType(label) != kFeatureService) return;
+  const auto configurations = featureConfigurations(environment_.catalogue, label);
+  if (!configurations) return facts.set(kFactFeaturesAreMalformed, true);
+  Array all;
+  SourceTimes left;
+  for (const FeatureConfiguration& configuration : *configurations) {
+    for (const auto& [key, expected] : configuration.switches) {
+      all.push_back(switchFacts(configuration, key, expected, left));
+    }
+  }
+  facts.set(kFactSwitches, std::move(all));
+}
+
+Value OperatorReport::switchFacts(const FeatureConfiguration& configuration, const std::string& key,
+                                  const Value& expected, SourceTimes& left) const {
+  Dictionary facts{
+      {kFactFeature, configuration.feature}, {kFactKey, key}, {kFactExpected, expected}};
+  if (!configuration.source) {
+    facts.set(kFactOutcome, kOutcomeNoSource);
+    return facts;
+  }
+  facts.set(kFactSource, *configuration.source);
+  SettingsSources::ConfigurationClients none;
+  const auto& made = environment_.sources.configurationClients();
+  const SettingsSources::ConfigurationClients& clients = made ? *made : none;
+  const auto known = clients.find(*configuration.source);
+  if (known == clients.end() || !known->second) {
+    facts.set(kFactOutcome, known == clients.end() ? kOutcomeNotAsked : kOutcomeNoSource);
+    return facts;
+  }
+  // One time for all switches of the server, however many there are.
+  Duration& time = left.try_emplace(known->first, kLookTime).first->second;
+  const Instant start = environment_.runLoop.now();
+  const MessageResult current = time <= Duration::zero()
+                                    ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
+                                    : known->second->lookAtObjectForKey(key, time);
+  time -= environment_.runLoop.now() - start;
+  if (!current && isSilence(current.error())) {
+    time = Duration::zero();  // It is not asked about its other switches.
+    facts.set(kFactOutcome, kOutcomeNoAnswer);
+    return facts;
+  }
+  if (!current) {
+    facts.set(kFactRefusal, refusalIn(current.error()));
+    facts.set(kFactOutcome, kOutcomeRefused);
+    return facts;
+  }
+  setIfKnown(facts, kFactCurrent, *current);
+  facts.set(kFactOutcome, outcomeOf(expected, *current));
+  return facts;
+}

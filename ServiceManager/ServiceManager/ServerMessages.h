@@ -1,0 +1,30 @@
+#pragma once
+
+#include <expected>
+#include <functional>
+#include <string_view>
+
+#include "Platform/Messages/NSProxy.h"
+#include "Platform/Values/Exception.h"
+#include "Platform/Values/Value.h"
+#include "ServiceManager/Catalogue/CatalogueLookups.h"
+
+// What the daemon's servers have in common: the arguments of a message, which a peer may give any
+// type, and the exceptions by which a message is refused. `receiver` is the class that the
+// exception names.
+struct ServerMessage {
+  std::string_view receiver;
+  std::string_view selector;
+  const platform::Array& arguments;
+
+  // The first argument; nil without any.
+  platform::Value argument() const;
+  // Calls the method with the first argument, which must be a label or nil, or an array of labels.
+  platform::MessageResult withLabel(const std::function<platform::Value(Label)>& method) const;
+  platform::MessageResult withLabels(
+      const std::function<platform::Value(const platform::Array&)>& method) const;
+
+  // An exception that says what was expected in place of the first argument.
+  std::unexpected<platform::NSException> invalidArgument(std::string_view expected) const;
+  std::unexpected<platform::NSException> unrecognizedSelector() const;
+};

@@ -1,0 +1,56 @@
+#include "ServiceManager/Supervision/LaunchdJobs.h"
+
+#include <array>
+#include <utility>
+
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Texts/StringFormat.h"
+
+using namespace platform;
+
+OSStatus LaunchdJobs::acquireRights() {
+  auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
+  if (!created) return errAuthorizationSuccess;
+  authRef_ = std::move(*created);
+  constexpr std::array<std::string_view, 1> kRights{kSMRightModifySystemDaemons};
+  return authorization_.AuthorizationCopyRights(
+      *authRef_, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
+}
+
+bool LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDomain,
+                                   std::optional<NSError>& requestError) {
+  const bool isSystemDomain = forDomain == kSMDomainSystemLaunchd;
+  const AuthorizationRef* authorization = isSystemDomain ? authRef_.get() : nullptr;
+  if (request.dictionary()) {
+    const auto submitted = jobs_.SMJobSubmit(forDomain, request, authorization);
+    if (submitted) return true;
+    requestError = submitted.error();
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to submit job:\n%@ Error: %@",
+                                                       request, submitted.error()));
+    return false;
+  }
+  if (const std::string* label = request.string()) {
+    const auto removed = jobs_.SMJobRemove(forDomain, *label, authorization, true);
+    if (removed) return true;
+    requestError = removed.error();
+    vantorlogger2_line(ASL_LEVEL_ERR,
+                       stringWithFormat("Unable to remove job: %@\n:%@", *label, removed.error()));
+  }
+  return false;
+}
+
+bool LaunchdJobs::unloadJobFromLaunchD(std::string_view label) {
+  const auto removed = jobs_.SMJobRemove(kSMDomainSystemLaunchd, label, authRef_.get(), true);
+  if (removed) return true;
+  vantorlogger2_line(ASL_LEVEL_ERR,
+                     stringWithFormat("Unable to remove job: %@\n:%@", label, removed.error()));
+  return false;
+}
+
+Value LaunchdJobs::copyJobDictionary(std::string_view label) const {
+  return jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
+}
+
+JobStatus LaunchdJobs::status(std::string_view label) const {
+  return jobStatusIn(copyJobDictionary(label));
+}

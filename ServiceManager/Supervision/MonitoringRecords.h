@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string_view>
+
+#include "Platform/Values/Value.h"
+#include "ServiceManager/Catalogue/CatalogueLookups.h"
+#include "ServiceManager/Supervision/MonitoringRecord.h"
+
+// A record for each service of the catalogue. A service without a record has no mark, and can be
+// given none. Belongs to the main thread.
+class MonitoringRecords {
+ public:
+  // A record without marks for each of the services, in place of those before.
+  void reset(const platform::Value& services);
+
+  // By label; see MonitoringRecord.h.
+  const platform::Dictionary& monitoredProcessesInfo() const { return monitoredProcessesInfo_; }
+  bool contains(std::string_view label) const { return monitoredProcessesInfo_.contains(label); }
+
+  // Whether an exit watch for the service's process is armed.
+  void trackServiceForRespawn(Label label, bool flag);
+  bool isServiceBeingTrackedForRespawn(Label label) const;
+  // Whether a user-interface client asked for the service to be stopped.
+  void trackServiceForUserClientShutdownRequest(Label label, bool flag);
+  bool isServiceBeingTrackedForUserClientShutdownRequest(Label label) const;
+
+ private:
+  bool isTracked(Label label, std::string_view mark) const;
+  void track(Label label, std::string_view mark, bool flag);
+
+  platform::Dictionary monitoredProcessesInfo_;
+};
