@@ -9,7 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/KernelExtensions_fixture.h"
 
 namespace {
 
@@ -20,7 +21,12 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
-class KernelExtensionServicesTest : public KernelExtensionsFixture {};
+class KernelExtensionServicesTest : public WithKernelExtensions<ServiceManagerFixture> {
+ protected:
+  bool load(const char* identifier, const char* name) {
+    return manager().loadKextWithIdentifier(std::string(identifier), name, {});
+  }
+};
 
 TEST_F(KernelExtensionServicesTest,
        UnloadingStopsItsServicesAndFiveSecondsLaterTheyAreEvaluatedAgain) {
@@ -98,7 +104,7 @@ TEST_F(KernelExtensionServicesTest, AServiceWhoseExtensionFailsIsNotSubmitted) {
 TEST_F(KernelExtensionServicesTest, ARunningServiceWhoseExtensionFailsIsNotReady) {
   useHealth();
   manager().enforceRunningForService(kHelper, nullptr);
-  manager().setKextsLoaded({});
+  manager().enforceShutdownForService(kAgent);  // Its extensions are forgotten.
   network_.version = integer(4);
   extensions_.setLoadFails(kNetwork, true);
   takeReports();
@@ -181,7 +187,7 @@ TEST_F(KernelExtensionServicesTest, AServiceThatStillRunsConfiguresTheSharedExte
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
   loop_.runReady();
   EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net"));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *manager().secret().data())));
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_TRUE(isRunning(kHelper));
 }
@@ -196,7 +202,8 @@ TEST_F(KernelExtensionServicesTest, UnloadingOneForgetsTheOthersOfTheServicesTha
 }
 
 TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndKnowsOfNoExtension) {
-  manager().backgroundServiceDidFinishLaunching({});
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  restart();
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
   EXPECT_EQ(manager().secret().data()->size(), 8u);
 }

@@ -62,7 +62,7 @@ TEST_F(EvaluationEdgesTest, WithoutRootFeaturesAFeatureServiceIsShutDown) {
   evaluate();
   Dictionary without = *manager().serviceInfo().dictionary();
   without.remove("Features");
-  manager().setServiceInfo(without);
+  use(without);
   evaluate();
   loop_.advanceBy(3s - 1ns);
   EXPECT_TRUE(isRunning(kScanner));
@@ -83,7 +83,8 @@ TEST_P(WrongFeaturesTest, CountAsNoMatchAndHinderNoOtherService) {
 
   Dictionary catalogue = *manager().serviceInfo().dictionary();
   catalogue.set("Features", featuresWith(part, wrong));
-  manager().setServiceInfo(catalogue);
+  use(catalogue);
+  manager().evaluateSystemConfiguration();
   kill(kAgent);
   EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
   loop_.advanceBy(3s);
@@ -120,7 +121,7 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
    public:
     explicit EndingClient(ORBServiceManager& manager) : manager_(manager) {}
     Value objectForKey(std::string_view key) override {
-      if (key == "second") manager_.setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+      if (key == "second") manager_.handleGlobalSettingsServerWillShutdown({});
       return {};
     }
     MessageResult lookAtObjectForKey(std::string_view key, Duration) override {
@@ -143,12 +144,13 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
   evaluate();
   EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner",
                                      "4 scan exposes an invalid configuration switch key "
-                                     "\"first\" referenced by service com.example.scanner"));
+                                     "\"first\" referenced by service com.example.scanner",
+                                     "7 Primary service is shutting down"));
 }
 
 TEST_F(EvaluationEdgesTest, AFeatureServiceThatIsNotReadyIsStartedAgainWhateverItsSwitches) {
-  useHealth();
   useScanner(features());
+  useHealth();
   files_.remove(pathOf("scanner"));
   manager().evaluateSystemConfiguration();
   ASSERT_TRUE(manager().reevaluationTimer());
@@ -160,10 +162,13 @@ TEST_F(EvaluationEdgesTest, AFeatureServiceThatIsNotReadyIsStartedAgainWhateverI
 
 TEST_F(EvaluationEdgesTest, AnEvaluationKeepsToTheCatalogueThatItBeganWith) {
   useScanner(features());
-  // Whoever is told of the primary service's start replaces the catalogue.
+  // The notice of the primary service's start finds another catalogue, which a second launch reads.
   const auto client = registerClient();
-  client->onNotice = [this] {
-    manager().setServiceInfo(catalogue({{kPrimary, entry("configd")}, {kAgent, entry("agent")}}));
+  client->onNotice = [this, &client] {
+    client->onNotice = nullptr;
+    install(catalogue({{kPrimary, entry("configd")}, {kAgent, entry("agent")}}));
+    startConfigurationServer();
+    manager().backgroundServiceDidFinishLaunching({});
   };
   manager().evaluateSystemConfiguration();
   EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 1u);

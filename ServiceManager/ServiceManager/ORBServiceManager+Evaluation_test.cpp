@@ -1,5 +1,4 @@
 #include <chrono>
-#include <stdexcept>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
@@ -53,7 +52,7 @@ TEST_F(EvaluationTest, EveryCoreServiceIsMadeToRunAfterThePrimaryOne) {
 
 TEST_F(EvaluationTest, NothingIsEvaluatedButInNormalMode) {
   for (const auto mode : {ORBOperatingModeInstaller, ORBOperatingModeWaitingForPrimaryService}) {
-    manager().setOperatingMode(mode);
+    enterMode(mode);
     manager().evaluateSystemConfiguration();
     EXPECT_THAT(takeLog(), ElementsAre(kEvaluating));
     EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -84,7 +83,7 @@ TEST_F(EvaluationTest, AServiceThatCannotBeStartedHindersNoOther) {
 }
 
 TEST_F(EvaluationTest, InInstallerModeAnyServiceIsOnlyLogged) {
-  manager().setOperatingMode(ORBOperatingModeInstaller);
+  enterMode(ORBOperatingModeInstaller);
   manager().evaluateInformationForService(kAgent);
   EXPECT_THAT(takeLog(), ElementsAre("7 Installer operation mode: Cannot evalaute feature "
                                      "information for service: com.example.agent at this time"));
@@ -92,7 +91,7 @@ TEST_F(EvaluationTest, InInstallerModeAnyServiceIsOnlyLogged) {
 }
 
 TEST_F(EvaluationTest, WhileThePrimaryServiceIsAwaitedAnyServiceIsOnlyLogged) {
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateInformationForService(kAgent);
   EXPECT_THAT(takeLog(), ElementsAre("7 Primary Service is not ready: Cannot evalaute feature "
                                      "information for service: com.example.agent at this time"));
@@ -135,7 +134,7 @@ TEST_F(EvaluationTest, AShutdownThatIsDueIsNotWithdrawn) {
   settings("common")["mode"] = "on";
   evaluateScanner();
   EXPECT_TRUE(isRunning(kScanner));
-  manager().setOperatingMode(ORBOperatingModeInstaller);  // Nor does it look at the mode again.
+  enterMode(ORBOperatingModeInstaller);  // Nor does it look at the mode again.
   loop_.advanceBy(3s);
   EXPECT_FALSE(isRunning(kScanner));
 }
@@ -259,52 +258,17 @@ TEST_F(EvaluationTest, AnUnknownSourceIsLoggedOnceAndItsSwitchesWarnEachTime) {
   EXPECT_EQ(countInLog("exposes an invalid configuration switch key"), 6u);
 }
 
-TEST_F(EvaluationTest, ASourceThatFailedOnceIsNeverTriedAgain) {
-  EXPECT_FALSE(manager().configurationWithSelectorPrefix("common"));
-  settings("common");  // Now it would resolve.
-  EXPECT_FALSE(manager().configurationWithSelectorPrefix("common"));
-  EXPECT_TRUE(manager().configurationClients()->at("common") == nullptr);
-}
-
-TEST_F(EvaluationTest, AFactoryThatThrowsIsRememberedAndTheErrorPassedOn) {
-  factories_.add("cmxSettingsClientWithDelegate:",
-                 [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   throw std::runtime_error("out of order");
-                 });
-  EXPECT_THROW(manager().configurationWithSelectorPrefix("cmx"), std::runtime_error);
-  EXPECT_FALSE(manager().configurationWithSelectorPrefix("cmx"));
-}
-
-TEST_F(EvaluationTest, ASourcesClientIsMadeOnce) {
-  EXPECT_FALSE(manager().configurationClients());
-  settings("common");
-  SettingsClient* const client = manager().configurationWithSelectorPrefix("common");
-  EXPECT_TRUE(client);
-  EXPECT_EQ(manager().configurationWithSelectorPrefix("common"), client);
-  EXPECT_EQ(clientsMade_, 1);
-}
-
-TEST_F(EvaluationTest, AFactoryThatGivesNothingIsRememberedSilently) {
-  factories_.add("cmxSettingsClientWithDelegate:",
-                 [](KLXGlobalSettingsClientDelegate&) { return SettingsClientResult(nullptr); });
-  EXPECT_FALSE(manager().configurationWithSelectorPrefix("cmx"));
-  EXPECT_TRUE(manager().configurationClients()->contains("cmx"));
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
 // The modes, event by event.
 
 class OperatingModeTest : public EvaluationTest {
  protected:
-  OperatingModeTest() { useConfigurationServer(); }
-
   void expectEvaluated() { EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u); }
   void expectNotEvaluated() { EXPECT_EQ(countInLog("Evaluating the system configuration"), 0u); }
 };
 
 TEST_F(OperatingModeTest, Waiting_WatchdogAndServerUp_NormalAndEvaluatedAtOnce) {
   startConfigurationServer();
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
   expectEvaluated();
@@ -312,7 +276,7 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerUp_NormalAndEvaluatedAtOnce) 
 }
 
 TEST_F(OperatingModeTest, Waiting_WatchdogAndServerDown_Waiting) {
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   expectNotEvaluated();
@@ -321,7 +285,7 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerDown_Waiting) {
 TEST_F(OperatingModeTest, Waiting_WatchdogAndServerSaysNo_Waiting) {
   startConfigurationServer();
   configurationServer_.answer = Value(false);
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
   EXPECT_EQ(configurationServer_.questions, 1);
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
@@ -344,7 +308,7 @@ TEST_F(OperatingModeTest, Normal_WatchdogAndServerDown_WaitingAndPrimaryNotStart
 
 TEST_F(OperatingModeTest, Installer_Watchdog_Installer) {
   startConfigurationServer();
-  manager().setOperatingMode(ORBOperatingModeInstaller);
+  enterMode(ORBOperatingModeInstaller);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
   EXPECT_EQ(configurationServer_.questions, 0);
@@ -355,7 +319,7 @@ TEST_F(OperatingModeTest, OnlyAPlainYesMeansThatTheServerIsUp) {
   startConfigurationServer();
   for (const Value& answer : {Value(2), Value("YES"), Value(), Value(Array{true})}) {
     configurationServer_.answer = answer;
-    manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+    enterMode(ORBOperatingModeWaitingForPrimaryService);
     manager().evaluateWaitingForPrimaryServiceOperatingMode();
     EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   }

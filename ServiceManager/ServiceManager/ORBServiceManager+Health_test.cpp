@@ -119,7 +119,7 @@ TEST_F(DaemonHealthTest, AnotherProductHasNoHealthServer) {
 }
 
 TEST_F(DaemonHealthTest, ADaemonThatCannotSelectItsServicesReportsNothing) {
-  install(catalogue({{kPrimary, entry("configd")}}));  // Of another product.
+  install(catalogue({{kPrimary, entry("configd", {{"Products", Array{"another"}}})}}));
   start();
   EXPECT_FALSE(health().isReadyToReport());
   EXPECT_EQ(summary(), Value(Dictionary()));
@@ -168,7 +168,7 @@ TEST_F(DaemonHealthTest, AHundredForcedStopsAreCountedExactly) {
 
 TEST_F(DaemonHealthTest, ACrashWhileNothingIsEvaluatedLeavesTheServiceUnready) {
   startAll();
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  enterMode(ORBOperatingModeWaitingForPrimaryService);
   kill(kAgent);
   EXPECT_EQ(stateOf(kAgent), Value(kUnready));
   EXPECT_EQ(summary()[kAgent], Value(kUnhealthy));
@@ -255,8 +255,7 @@ TEST_F(DaemonHealthTest, AServiceThatDoesNotComeBackAfterTheInstallerIsUnreadyAn
 }
 
 TEST_F(DaemonHealthTest, AServiceThatCannotBeStoppedForTheInstallerIsReportedLikeTheOthers) {
-  RefusingJobs refusing(jobs_, kAgent);
-  manager_.emplace(platform(refusing));
+  jobs_.refuseRemoval(kAgent, "not you");
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);

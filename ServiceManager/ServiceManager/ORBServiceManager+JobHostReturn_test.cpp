@@ -12,10 +12,7 @@ using testing::IsEmpty;
 
 class JobHostReturnTest : public ServiceManagerFixture {
  protected:
-  JobHostReturnTest() {
-    use(catalogue());
-    useConfigurationServer();
-  }
+  JobHostReturnTest() { use(catalogue()); }
 
   std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
 };
@@ -70,7 +67,7 @@ TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStoppedIs) {
 TEST_F(JobHostReturnTest, TheReturnOfTheJobHostStartsNothingThatTheUserInterfaceStopped) {
   manager().stopServices({kPrimary, kAgent});
   for (const auto mode : {kNormal, kWaiting}) {
-    manager().setOperatingMode(mode);
+    enterMode(mode);
     manager().handleJobHostReturn();
     EXPECT_FALSE(isRunning(kPrimary));
     EXPECT_FALSE(isRunning(kAgent));
@@ -84,10 +81,10 @@ TEST_F(JobHostReturnTest, AStopThatFailedIsDoneOnceTheJobHostReturns) {
   manager().stopServices({kAgent});
   jobs_.setReachable(true);
   ASSERT_TRUE(isRunning(kAgent));
-  manager().setOperatingMode(ORBOperatingModeInstaller);
+  enterMode(ORBOperatingModeInstaller);
   manager().handleJobHostReturn();
   EXPECT_TRUE(isRunning(kAgent));
-  manager().setOperatingMode(kNormal);
+  enterMode(kNormal);
   manager().handleJobHostReturn();
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_TRUE(isRunning(kHelper));

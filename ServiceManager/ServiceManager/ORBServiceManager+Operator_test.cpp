@@ -136,7 +136,7 @@ TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {
   loop_.advanceBy(500ms);
   EXPECT_EQ(ask("overview")[kFactSettingsEvaluationIn], Value(1.5));
   EXPECT_EQ(ask("overview")[kFactSettingsChangesWait], Value());
-  manager().setOperatingMode(ORBOperatingModeInstaller);
+  enterMode(ORBOperatingModeInstaller);
   loop_.advanceBy(2s);
   EXPECT_EQ(ask("overview")[kFactSettingsEvaluationIn], Value());
   EXPECT_EQ(ask("overview")[kFactSettingsChangesWait], Value(true));
@@ -149,7 +149,7 @@ TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
   const Value facts = factsOf(kAgent);
   EXPECT_EQ(facts[kFactLabel], Value(kAgent));
   EXPECT_EQ(facts[kFactIsOfProduct], Value(true));
-  EXPECT_EQ(facts[kFactProducts], Value(Array{kProduct}));
+  EXPECT_EQ(facts[kFactProducts], Value(Array{kProduct, kProductWithHealth}));
   EXPECT_EQ(facts[kFactIsPrimaryStopped], Value(false));
   EXPECT_EQ(facts[kFactProgram], Value("/opt/app/agent"));
   EXPECT_EQ(facts[kFactProgramExists], Value(true));

@@ -58,10 +58,10 @@ TEST_F(MessagesTest, TheRequestsDoWhatTheirSelectorsSay) {
   EXPECT_EQ(send("shutdownServices:", {Array{kHelper}}), Value(true));
   EXPECT_FALSE(isRunning(kHelper));
   EXPECT_EQ(send("evaluateServices"), Value(true));
-  const auto client = std::make_shared<FakeUserClient>();
+  const UserInterface client(protocols_);
   EXPECT_TRUE(
-      send("registerClient:", {Value(std::shared_ptr<const RemoteObject>(client))}).isNil());
-  EXPECT_THAT(manager().userClients(), ElementsAre(client));
+      send("registerClient:", {Value(std::shared_ptr<const RemoteObject>(client.proxy))}).isNil());
+  EXPECT_THAT(manager().userClients(), ElementsAre(client.proxy));
   EXPECT_TRUE(send("registerClient:", {Value()}).isNil());
   EXPECT_EQ(manager().userClients().size(), 1u);
 }
@@ -220,7 +220,7 @@ TEST_F(ServersTest, AClientThatDiedIsDroppedAtTheNextNotice) {
   const auto other = registerClient();
   user_.transport.die();
   kill(kAgent);
-  EXPECT_THAT(manager().userClients(), ElementsAre(other));
+  EXPECT_THAT(manager().userClients(), ElementsAre(other->proxy));
   EXPECT_EQ(other->notices.size(), 2u);
 }
 
@@ -231,7 +231,7 @@ TEST_F(ServersTest, AClientThatHangsCostsTwoSecondsOnceAndEveryOtherIsTold) {
   const Instant before = loop_.now();
   kill(kAgent);
   EXPECT_EQ(loop_.now() - before, 2s);
-  EXPECT_THAT(manager().userClients(), ElementsAre(other));
+  EXPECT_THAT(manager().userClients(), ElementsAre(other->proxy));
   EXPECT_EQ(other->notices.size(), 2u);
 }
 

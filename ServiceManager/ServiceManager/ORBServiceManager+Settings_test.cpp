@@ -1,7 +1,4 @@
 #include <chrono>
-#include <functional>
-#include <thread>
-#include <vector>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
@@ -14,10 +11,7 @@ using testing::IsEmpty;
 
 class SettingsTest : public ServiceManagerFixture {
  protected:
-  SettingsTest() {
-    use(catalogue());
-    useConfigurationServer();
-  }
+  SettingsTest() { use(catalogue()); }
 
   std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
   void didStart() { manager().handleGlobalSettingsServerDidStart({}); }
@@ -34,7 +28,7 @@ class StartNoticeTest : public SettingsTest, public testing::WithParamInterface<
 
 TEST_P(StartNoticeTest, FromAServerThatIsUpEvaluatesAtOnceUnlessAnInstallerIsAtWork) {
   startConfigurationServer();
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   didStart();
   const bool isInstalling = GetParam() == kInstaller;
   EXPECT_EQ(manager().operatingMode(), isInstalling ? kInstaller : kNormal);
@@ -43,14 +37,14 @@ TEST_P(StartNoticeTest, FromAServerThatIsUpEvaluatesAtOnceUnlessAnInstallerIsAtW
 }
 
 TEST_P(StartNoticeTest, FromAServerThatIsDownChangesNothing) {
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   didStart();
   EXPECT_EQ(manager().operatingMode(), GetParam());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_P(StartNoticeTest, AShutdownNoticeMakesTheDaemonWaitWhateverTheMode) {
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   willShutdown();
   EXPECT_EQ(manager().operatingMode(), kWaiting);
   EXPECT_THAT(takeLog(), ElementsAre("7 Primary service is shutting down"));
@@ -59,7 +53,7 @@ TEST_P(StartNoticeTest, AShutdownNoticeMakesTheDaemonWaitWhateverTheMode) {
 TEST_P(StartNoticeTest, TheInstallersBeginStopsItsServicesAndEvaluatesNothing) {
   manager().evaluateSystemConfiguration();
   takeLog();
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   EXPECT_TRUE(manager().shutdownServices({kAgent}));
   loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), kInstaller);
@@ -69,7 +63,7 @@ TEST_P(StartNoticeTest, TheInstallersBeginStopsItsServicesAndEvaluatesNothing) {
 
 TEST_P(StartNoticeTest, TheInstallersEndEvaluatesWhereTheServerIsUp) {
   startConfigurationServer();
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   EXPECT_TRUE(manager().evaluateServices());
   EXPECT_EQ(manager().operatingMode(), GetParam());  // It has its answer first.
   loop_.advanceBy(100ms);
@@ -82,7 +76,7 @@ TEST_P(StartNoticeTest, TheInstallersEndEvaluatesWhereTheServerIsUp) {
 }
 
 TEST_P(StartNoticeTest, TheInstallersEndStartsThePrimaryServiceWhereTheServerIsDown) {
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   EXPECT_TRUE(manager().evaluateServices());
   loop_.advanceBy(100ms);
   EXPECT_EQ(manager().operatingMode(), kWaiting);
@@ -146,7 +140,7 @@ TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
 
 TEST_F(SettingsTest, AServerThatStoodStillWhileItWasAwaitedIsAskedOnceMore) {
   startConfigurationServer();
-  manager().setOperatingMode(kWaiting);
+  enterMode(kWaiting);
   configurationProgram_->transport.hang();
   manager().handleNotificationsReturn();
   EXPECT_EQ(manager().operatingMode(), kWaiting);
@@ -158,7 +152,7 @@ TEST_F(SettingsTest, AServerThatStoodStillWhileItWasAwaitedIsAskedOnceMore) {
 
 TEST_F(SettingsTest, TheReturnOfTheBusClearsASpentTimer) {
   startConfigurationServer();
-  manager().setOperatingMode(kWaiting);
+  enterMode(kWaiting);
   didChange();
   loop_.advanceBy(2s);
   ASSERT_TRUE(manager().globalSettingsDidChangeEffectTimer());
@@ -232,7 +226,7 @@ TEST_F(SettingsTest, AnEvaluationForAnotherReasonCoversTheChange) {
 TEST_F(SettingsTest, AChangeOutsideNormalModeSpendsTheTimerUntilAnEvaluationInNormalMode) {
   startConfigurationServer();
   for (const auto mode : {kWaiting, kInstaller}) {
-    manager().setOperatingMode(mode);
+    enterMode(mode);
     didChange();
     loop_.advanceBy(2s);
     takeLog();
@@ -241,7 +235,7 @@ TEST_F(SettingsTest, AChangeOutsideNormalModeSpendsTheTimerUntilAnEvaluationInNo
     loop_.advanceBy(10s);
     EXPECT_THAT(takeLog(), ElementsAre("7 Notification received for global settings change: key"));
 
-    manager().setOperatingMode(kWaiting);
+    enterMode(kWaiting);
     didStart();
     EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
     takeLog();
@@ -317,96 +311,17 @@ TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainEveryTwentySecondsUntilItIs) {
 TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainInAnyMode) {
   useHealth();
   for (const auto mode : {kNormal, kInstaller, kWaiting}) {
-    manager().setOperatingMode(kNormal);
+    enterMode(kNormal);
     files_.remove(pathOf("agent"));
     EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true) ||
                 mode == kNormal);
     manager().evaluateSystemConfiguration();
     EXPECT_FALSE(isRunning(kAgent));
     addProgram("agent");
-    manager().setOperatingMode(mode);
+    enterMode(mode);
     loop_.advanceBy(20s);
     EXPECT_TRUE(isRunning(kAgent)) << mode;
   }
-}
-
-// The release that a service needs.
-
-class OSSupportTest : public SettingsTest {
- protected:
-  bool isSupported(Value minimum, const char* release) {
-    system_.setRelease(release, {10, 11, 0});
-    use(catalogue({{kAgent, entry("agent", {{"MinimumOSVersion", std::move(minimum)}})}}));
-    return manager().checkOSSupportForService(kAgent);
-  }
-};
-
-TEST_F(OSSupportTest, AServiceRunsFromItsReleaseOn) {
-  struct Row {
-    const char* version;
-    int kernel;
-  };
-  for (const Row& row : {Row{"10.8", 12}, Row{"10.9", 13}, Row{"10.10", 14}, Row{"10.11", 15}}) {
-    const auto release = [&](int kernel) { return std::to_string(kernel) + ".0.0"; };
-    EXPECT_FALSE(isSupported(row.version, release(row.kernel - 1).c_str())) << row.version;
-    EXPECT_TRUE(isSupported(row.version, release(row.kernel).c_str())) << row.version;
-    EXPECT_TRUE(isSupported(row.version, release(row.kernel + 1).c_str())) << row.version;
-  }
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
-TEST_F(OSSupportTest, AServiceWithoutAReleaseRunsOnAny) {
-  EXPECT_TRUE(manager().checkOSSupportForService(kAgent));
-  EXPECT_TRUE(manager().checkOSSupportForService("com.example.unknown"));
-}
-
-TEST_F(OSSupportTest, AReleaseOfAnotherTypeIsUnknown) {
-  for (const Value& version : {Value(10.5), Value(15), Value(true), Value(Array{"10.8"})}) {
-    EXPECT_FALSE(isSupported(version, "15.0.0"));
-    EXPECT_THAT(takeLog(), ElementsAre(stringWithFormat(
-                               "3 Unknown OS version: '%@'.  Not starting service", version)));
-  }
-}
-
-TEST_F(OSSupportTest, AnUnknownReleaseRunsOnNoneAndIsLogged) {
-  EXPECT_FALSE(isSupported("10.12", "99.0.0"));
-  EXPECT_THAT(takeLog(), ElementsAre("3 Unknown OS version: '10.12'.  Not starting service"));
-}
-
-// What the executable-information service asks.
-
-TEST_F(SettingsTest, TheLastLoggedInUsersFolderIsTheSettingsWithAClientOfItsOwn) {
-  settings("cmx")["ORBCmxLastLoggedInUser"] = "/home/user";
-  manager().configurationWithSelectorPrefix("cmx");
-  EXPECT_EQ(manager().getLastLoggedInUserHomeDirectory(), Value("/home/user"));
-  EXPECT_EQ(clientsMade_, 2);
-}
-
-TEST_F(SettingsTest, TheLastLoggedInUsersFolderIsAskedForWithTheSettingsOfTheAskingThread) {
-  settings("cmx")["ORBCmxLastLoggedInUser"] = "/home/user";
-  ServiceManagerPlatform environment = platform(jobs_);
-  std::vector<std::thread::id> askedOn;
-  environment.withSettingsOfThisThread =
-      [&](const std::function<void(const SettingsClientFactories&)>& ask) {
-        EXPECT_EQ(clientsMade_, 0);
-        ask(factories_);
-        askedOn.push_back(std::this_thread::get_id());
-      };
-  ORBServiceManager manager(environment);
-  std::thread::id asking;
-  std::thread([&] {
-    asking = std::this_thread::get_id();
-    EXPECT_EQ(manager.getLastLoggedInUserHomeDirectory(), Value("/home/user"));
-    EXPECT_THAT(askedOn, ElementsAre(asking));
-  }).join();
-  EXPECT_EQ(clientsMade_, 1);
-}
-
-TEST_F(SettingsTest, WithoutAClientOrTheSettingThereIsNoLastUser) {
-  EXPECT_TRUE(manager().getLastLoggedInUserHomeDirectory().isNil());
-  settings("cmx");
-  EXPECT_TRUE(manager().getLastLoggedInUserHomeDirectory().isNil());
-  EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ TEST_F(UserInterfaceTest, ServicesAreStoppedAndStartedInTheirOrder) {
   takeReports();
   manager().stopServices({kHelper, 5, kAgent});
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.helper", "stop com.example.agent"));
-  manager().setOperatingMode(ORBOperatingModeInstaller);
+  enterMode(ORBOperatingModeInstaller);
   loop_.runReady();
   takeReports();
   manager().startServices({kHelper, Value::nullMarker(), kAgent});
@@ -70,7 +70,7 @@ TEST_F(UserInterfaceTest, AServiceOutsideTheCatalogueIsNotStarted) {
 
 TEST_F(UserInterfaceTest, AClientIsRegisteredWithTwoLines) {
   const auto client = registerClient();
-  EXPECT_THAT(manager().userClients(), ElementsAre(client));
+  EXPECT_THAT(manager().userClients(), ElementsAre(client->proxy));
   EXPECT_THAT(takeLog(), ElementsAre("7 Will register a user interface client remote proxy",
                                      "7 Did register a user interface client remote proxy"));
 }
@@ -83,20 +83,20 @@ TEST_F(UserInterfaceTest, NilIsNotRegistered) {
 
 TEST_F(UserInterfaceTest, AClientMayRegisterTwiceAndIsToldTwice) {
   const auto client = registerClient();
-  manager().registerClient(client);
+  manager().registerClient(client->proxy);
   notify(1, 77);
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, 77), notice(kAgent, 1, 77)));
 }
 
 TEST_F(UserInterfaceTest, RegistrationsEndAtALimit) {
   constexpr std::size_t kLimit = 1024;
-  const auto client = std::make_shared<FakeUserClient>();
-  for (std::size_t number = 1; number < kLimit; ++number) manager().registerClient(client);
+  const auto client = std::make_shared<UserInterface>(protocols_);
+  for (std::size_t number = 1; number < kLimit; ++number) manager().registerClient(client->proxy);
   EXPECT_EQ(manager().userClients().size(), kLimit - 1);
-  manager().registerClient(client);
+  manager().registerClient(client->proxy);
   EXPECT_EQ(manager().userClients().size(), kLimit);
   takeLog();
-  manager().registerClient(client);
+  manager().registerClient(client->proxy);
   EXPECT_EQ(manager().userClients().size(), kLimit);
   EXPECT_THAT(takeLog(), ElementsAre("7 Will register a user interface client remote proxy",
                                      "7 Unable to register user interface client remote proxy: "
@@ -114,7 +114,7 @@ TEST_F(UserInterfaceTest, ClientsThatHaveGoneMakeRoomForNewOnesAtTheLimit) {
   EXPECT_EQ(manager().userClients().size(), 1024u);
   connection->invalidate();
   const auto late = registerClient();
-  EXPECT_THAT(manager().userClients(), ElementsAre(staying, late));
+  EXPECT_THAT(manager().userClients(), ElementsAre(staying->proxy, late->proxy));
 }
 
 // Telling.
@@ -140,17 +140,17 @@ TEST_F(UserInterfaceTest, OfNobodyNobodyIsTold) {
 }
 
 TEST_F(UserInterfaceTest, AClientThatDoesNotConformIsRemovedAtTheFirstNotice) {
-  const auto stranger = registerClient();
-  stranger->protocol = "SomeOtherProtocol";
+  const UserInterface stranger(protocols_, kORBServiceManagerInstallerProtocol);
+  manager().registerClient(stranger.proxy);
   takeLog();
   notify(1, 77);
-  EXPECT_THAT(stranger->notices, IsEmpty());
+  EXPECT_THAT(stranger.notices, IsEmpty());
   EXPECT_THAT(manager().userClients(), IsEmpty());
   EXPECT_THAT(takeLog(), ElementsAre(kAbandoning, kAbandoned));
 }
 
 TEST_F(UserInterfaceTest, AClientWhoseCallRaisesIsRemovedAndEveryOtherIsTold) {
-  std::vector<std::shared_ptr<FakeUserClient>> clients;
+  std::vector<std::shared_ptr<UserInterface>> clients;
   for (int number = 0; number < 5; ++number) clients.push_back(registerClient());
   // Neighbours, the first and the last: none hides another.
   for (const int failing : {0, 1, 4}) {
@@ -159,7 +159,7 @@ TEST_F(UserInterfaceTest, AClientWhoseCallRaisesIsRemovedAndEveryOtherIsTold) {
   takeLog();
   notify(1, 77);
   for (const auto& client : clients) EXPECT_EQ(client->notices.size(), 1u);
-  EXPECT_THAT(manager().userClients(), ElementsAre(clients[2], clients[3]));
+  EXPECT_THAT(manager().userClients(), ElementsAre(clients[2]->proxy, clients[3]->proxy));
   EXPECT_THAT(takeLog(), ElementsAre(kAbandoning, kAbandoned, kAbandoning, kAbandoned, kAbandoning,
                                      kAbandoned));
   notify(0, 0);
@@ -169,7 +169,7 @@ TEST_F(UserInterfaceTest, AClientWhoseCallRaisesIsRemovedAndEveryOtherIsTold) {
 
 TEST_F(UserInterfaceTest, AClientThatRegisteredTwiceAndHangsIsWaitedForOnce) {
   const auto client = registerClient();
-  manager().registerClient(client);
+  manager().registerClient(client->proxy);
   client->exception = NSException{kNSPortTimeoutException, "hangs", {}};
   notify(1, 77);
   EXPECT_EQ(client->notices.size(), 1u);
@@ -177,9 +177,9 @@ TEST_F(UserInterfaceTest, AClientThatRegisteredTwiceAndHangsIsWaitedForOnce) {
 }
 
 TEST_F(UserInterfaceTest, AClientThatAnotherOneRegistersMeanwhileHearsTheNextNotice) {
-  const auto late = std::make_shared<FakeUserClient>();
+  const auto late = std::make_shared<UserInterface>(protocols_);
   const auto client = registerClient();
-  client->onNotice = [&] { manager().registerClient(late); };
+  client->onNotice = [&] { manager().registerClient(late->proxy); };
   notify(1, 77);
   EXPECT_THAT(late->notices, IsEmpty());
   client->onNotice = nullptr;

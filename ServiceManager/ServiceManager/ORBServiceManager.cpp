@@ -89,7 +89,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                 .xpc = platform_.xpc,
                 .codeSignatures = platform_.codeSignatures,
                 .attributes = platform_.attributes},
-               *this, report_) {}
+               *this) {}
 
 ORBServiceManager::~ORBServiceManager() { platform_.observeJobHostReturn({}); }
 

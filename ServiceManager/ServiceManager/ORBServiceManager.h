@@ -262,17 +262,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   }
 
   const OperatorReport& report() const { return report_; }
-  void setMonitoredProcessesInfo(platform::Dictionary info) { records_.reset(std::move(info)); }
-  void setServiceInfo(platform::Value serviceInfo) {
-    catalogue_ = ServiceCatalogue(std::move(serviceInfo));
-  }
-  void setOperatingMode(std::int64_t mode) { operatingMode_ = mode; }
-  void setSecret(platform::Value secret) { secret_ = std::move(secret); }
-  void setKextsLoaded(std::set<std::string> names) { extensions_.setKextsLoaded(std::move(names)); }
-  void setHealthInfo(std::unique_ptr<ServiceHealth> info) { healthInfo_ = std::move(info); }
-  void setPrimaryServiceNotificationClient(std::unique_ptr<VantorDistantObject> client) {
-    primaryServiceNotificationClient_ = std::move(client);
-  }
 
  private:
   // Start-up, in its order. A step that fails has logged and announced why.

@@ -226,7 +226,7 @@ TEST_F(StartUpTest, OnlyTheProductsServicesAreKnownFromThenOn) {
   EXPECT_EQ(manager().serviceInfo()["ProgramPath"], Value("/opt/app"));
   EXPECT_FALSE(manager().monitoredProcessesInfo().contains(kForeign));
   EXPECT_TRUE(ORBServiceManager::jobInfoWithLabel(kForeign, manager().serviceInfo()).isNil());
-  manager().setOperatingMode(ORBOperatingModeNormal);
+  enterMode(ORBOperatingModeNormal);
   manager().evaluateSystemConfiguration();
   EXPECT_THAT(jobs_.labels(), Not(Contains(kForeign)));
 }

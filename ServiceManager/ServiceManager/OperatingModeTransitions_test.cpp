@@ -129,10 +129,7 @@ const Transition& rowOf(std::int64_t mode, Event event, Server server) {
 
 class TransitionFixture : public ServiceManagerFixture {
  protected:
-  TransitionFixture() {
-    use(catalogue());
-    useConfigurationServer();
-  }
+  TransitionFixture() { use(catalogue()); }
 
   void set(Server server) {
     if (server == Server::kDown) {
@@ -183,7 +180,7 @@ class TransitionTest : public TransitionFixture, public testing::WithParamInterf
 TEST_P(TransitionTest, HasItsModeAndItsAction) {
   const Transition& row = GetParam();
   set(row.server);
-  manager().setOperatingMode(row.from);
+  enterMode(row.from);
   happen(row.event);
   EXPECT_EQ(manager().operatingMode(), row.to);
   EXPECT_EQ(evaluations(), row.action == Action::kEvaluate ? 1u : 0u);
@@ -227,7 +224,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
     std::string path = "Normal";
     Server server = Server::kUp;
     set(server);
-    manager().setOperatingMode(kInNormal);
+    enterMode(kInNormal);
     manager().evaluateSystemConfiguration();
     for (const Event event : events) {
       if (event == Event::kServerUp) server = Server::kUp;
@@ -294,7 +291,7 @@ class ChangeTest : public TransitionFixture, public testing::WithParamInterface<
 
 TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
   set(Server::kUp);
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   change();
   loop_.advanceBy(2s);
   EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
@@ -310,12 +307,17 @@ TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
   EXPECT_EQ(evaluations(), 0u);
 
   // Back in normal mode, but not evaluated yet: the same.
-  manager().setOperatingMode(kInNormal);
+  manager().evaluateServices();
+  loop_.advanceBy(150ms);
+  ASSERT_EQ(manager().operatingMode(), kInNormal);
   change();
-  loop_.advanceBy(10s);
+  EXPECT_EQ(countInLog("Will evaluate the system configuration"), 0u);
   EXPECT_EQ(evaluations(), 0u);
 
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
+  loop_.advanceBy(10s);
+  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  takeLog();
   comeBack();
   EXPECT_EQ(evaluations(), 1u);
   EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
@@ -328,10 +330,10 @@ TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
 
 TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
   set(Server::kUp);
-  manager().setOperatingMode(kInNormal);
+  enterMode(kInNormal);
   change();
   loop_.advanceBy(1s);
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   loop_.advanceBy(1s);
   EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
   EXPECT_TRUE(jobs_.labels().empty());
@@ -341,7 +343,7 @@ TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
 
 TEST_P(ChangeTest, ThatIsStillPendingWhenTheModeEndsIsCoveredByTheEvaluationThen) {
   set(Server::kUp);
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   change();
   loop_.advanceBy(1s);
   comeBack();
@@ -352,7 +354,7 @@ TEST_P(ChangeTest, ThatIsStillPendingWhenTheModeEndsIsCoveredByTheEvaluationThen
 
 TEST_P(ChangeTest, TenWithinTwoSecondsAreTenLinesAndOneEvaluationOnceBack) {
   set(Server::kUp);
-  manager().setOperatingMode(GetParam());
+  enterMode(GetParam());
   change();
   loop_.advanceBy(2s);
   comeBack();

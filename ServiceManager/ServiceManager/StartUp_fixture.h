@@ -15,9 +15,6 @@ class StartUpFixture : public ServiceManagerFixture {
   static constexpr char kDidStart[] = "com.vantor.servicemanager.notification.serverdidstart";
   static constexpr char kDidStartError[] =
       "com.vantor.servicemanager.notification.serverdidstartError";
-  static constexpr char kCatalogueFile[] = "/Daemon.bundle/Contents/Resources/Service.plist";
-  static constexpr char kProductFile[] = "/opt/app/product.plist";
-  static constexpr char kServerManagedGuid[] = "5B13D7E2-8C40-4D9F-A27B-6E08F4C1B952";
 
   StartUpFixture() {
     install(catalogue());
@@ -27,16 +24,6 @@ class StartUpFixture : public ServiceManagerFixture {
           name, std::nullopt,
           [this](const DistributedNotification& notification) { heard_.push_back(notification); }));
     }
-  }
-
-  void install(const Dictionary& catalogue) {
-    files_.addPropertyList(kCatalogueFile, catalogue);
-    for (const auto& [label, service] : *catalogue["Services"].dictionary()) {
-      if (const std::string* program = service["JobSpec"]["Program"].string()) addProgram(*program);
-    }
-  }
-  void installProduct(const char* guid) {
-    files_.addPropertyList(kProductFile, Dictionary{{"GUID", guid}});
   }
 
   void start() {

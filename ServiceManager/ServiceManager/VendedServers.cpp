@@ -1,7 +1,6 @@
 #include "ServiceManager/ServiceManager/VendedServers.h"
 
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
-#include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
@@ -19,14 +18,13 @@ constexpr std::uint64_t kFirstMinorVersion = 8;
 
 }  // namespace
 
-VendedServers::VendedServers(const Environment& environment, ORBServiceManager& manager,
-                             const OperatorReport& report)
+VendedServers::VendedServers(const Environment& environment, ORBServiceManager& manager)
     : environment_(environment),
       manager_(manager),
       installerServer_(manager),
       userInterfaceServer_(manager),
       authServer_(manager),
-      operatorServer_(report) {}
+      operatorServer_(manager.report()) {}
 
 VendedServers::~VendedServers() {
   endXPCListeners();

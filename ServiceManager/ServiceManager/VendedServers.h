@@ -21,7 +21,6 @@
 #include "ServiceManager/ServiceManager/UserInterfaceServer.h"
 
 class ORBServiceManager;
-class OperatorReport;
 
 // The daemon's servers: names, protocols, root objects, and the two XPC listeners. They end with
 // this. Belongs to the main thread.
@@ -45,8 +44,7 @@ class VendedServers {
   };
 
   // `manager` performs what the servers are asked for, and is their delegate.
-  VendedServers(const Environment& environment, ORBServiceManager& manager,
-                const OperatorReport& report);
+  VendedServers(const Environment& environment, ORBServiceManager& manager);
   VendedServers(const VendedServers&) = delete;
   VendedServers& operator=(const VendedServers&) = delete;
   // Requests to the executable-information service may outlast this: they lose their delegate, and

@@ -64,7 +64,6 @@ class ExtensionControl {
 
   // The names of the extensions that were loaded and configured in this run.
   const std::set<std::string>& kextsLoaded() const { return kextsLoaded_; }
-  void setKextsLoaded(std::set<std::string> names) { kextsLoaded_ = std::move(names); }
 
  private:
   struct KextLoad;

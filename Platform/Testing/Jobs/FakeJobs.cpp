@@ -4,6 +4,7 @@
 #include <cassert>
 #include <chrono>
 #include <csignal>
+#include <utility>
 
 namespace platform {
 namespace {
@@ -186,6 +187,12 @@ void FakeJobs::startAgain(const std::string& label) {
 
 std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, const Value& job,
                                                    const AuthorizationRef*) {
+  auto submitted = submit(domain, job);
+  if (const auto call = std::exchange(onSubmitted_, {})) call();
+  return submitted;
+}
+
+std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Value& job) {
   if (auto admitted = admit(domain); !admitted) return admitted;
   if (auto checked = check(job); !checked) return checked;
   const std::string label = *job["Label"].string();
@@ -207,6 +214,9 @@ std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, cons
 std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std::string_view label,
                                                    const AuthorizationRef*, bool wait) {
   if (auto admitted = admit(domain); !admitted) return admitted;
+  if (const auto reason = irremovable_.find(label); reason != irremovable_.end()) {
+    return failure(LaunchdError::kNotAuthorized, reason->second);
+  }
   const auto found = jobs_.find(label);
   if (found == jobs_.end()) {
     return failure(LaunchdError::kNoSuchJob, "job \"" + std::string(label) + "\": no such job");
@@ -236,6 +246,13 @@ void FakeJobs::awaitRemoval(std::string_view label) {
 }
 
 Value FakeJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {
+  ++copies_;
+  Value copied = copy(domain, label);
+  if (const auto call = std::exchange(onCopied_, {})) call();
+  return copied;
+}
+
+Value FakeJobs::copy(std::string_view domain, std::string_view label) {
   if (domain != kSMDomainSystemLaunchd) return {};
   if (!admit(domain)) return Dictionary();
   const Job* known = find(label);

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Jobs/Jobs.h"
@@ -34,6 +36,15 @@ class FakeJobs final : public Jobs {
   // The job's processes ignore SIGTERM.
   void ignoreTermination(std::string_view label) { job(label).ignoresTermination = true; }
 
+  // The host removes no job of this label from now on, for this reason.
+  void refuseRemoval(std::string_view label, std::string reason) {
+    irremovable_.insert_or_assign(std::string(label), std::move(reason));
+  }
+
+  // Called once, after the next submission, or copy, has been made and before it is answered.
+  void setOnSubmitted(std::function<void()> call) { onSubmitted_ = std::move(call); }
+  void setOnCopied(std::function<void()> call) { onCopied_ = std::move(call); }
+
   // Whether the host answers. Without it its jobs continue, but are not restarted.
   void setReachable(bool reachable);
 
@@ -44,6 +55,8 @@ class FakeJobs final : public Jobs {
   std::optional<ProcessId> process(std::string_view label) const;
   // The number of starts of the job.
   std::size_t starts(std::string_view label) const;
+  // How often any job was copied, also in vain.
+  int copies() const { return copies_; }
 
   std::expected<void, NSError> SMJobSubmit(std::string_view domain, const Value& job,
                                            const AuthorizationRef* authorization) override;
@@ -69,6 +82,8 @@ class FakeJobs final : public Jobs {
     bool removing = false;
   };
 
+  std::expected<void, NSError> submit(std::string_view domain, const Value& job);
+  Value copy(std::string_view domain, std::string_view label);
   Job& job(std::string_view label);
   const Job* find(std::string_view label) const;
   std::expected<void, NSError> admit(std::string_view domain);
@@ -82,7 +97,11 @@ class FakeJobs final : public Jobs {
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
-  std::map<std::string, std::string> unstartable_;  // the reasons, by path
+  std::map<std::string, std::string> unstartable_;               // why, by path
+  std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label
+  std::function<void()> onSubmitted_;
+  std::function<void()> onCopied_;
+  int copies_ = 0;
   bool reachable_ = true;
   bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;

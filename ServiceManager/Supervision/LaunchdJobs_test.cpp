@@ -1,4 +1,9 @@
-#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/LaunchdJobs.h"
+
+#include <chrono>
+
+#include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Supervision/Supervision_fixture.h"
 
 namespace {
 
@@ -7,20 +12,18 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class JobControlTest : public ServiceManagerFixture {
+class LaunchdJobsTest : public SupervisionFixture {
  protected:
-  JobControlTest() { use(catalogue()); }
-
-  Value job() { return ORBServiceManager::jobInfoWithLabel(kAgent, manager().serviceInfo()); }
+  Value job() { return catalogue_.jobInfo(kAgent); }
 
   bool request(const Value& request) {
-    return manager().submitJobRequest(request, kSMDomainSystemLaunchd, error_);
+    return launchd_.submitJobRequest(request, kSMDomainSystemLaunchd, error_);
   }
 
   std::optional<NSError> error_;
 };
 
-TEST_F(JobControlTest, ADictionaryIsSubmittedUnchanged) {
+TEST_F(LaunchdJobsTest, ADictionaryIsSubmittedUnchanged) {
   EXPECT_TRUE(request(job()));
   EXPECT_FALSE(error_);
   EXPECT_TRUE(isRunning(kAgent));
@@ -30,7 +33,7 @@ TEST_F(JobControlTest, ADictionaryIsSubmittedUnchanged) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(JobControlTest, AStringRemovesTheJobAndItsProcessHasGone) {
+TEST_F(LaunchdJobsTest, AStringRemovesTheJobAndItsProcessHasGone) {
   request(job());
   const int first = process(kAgent);
   EXPECT_TRUE(request(kAgent));
@@ -40,7 +43,7 @@ TEST_F(JobControlTest, AStringRemovesTheJobAndItsProcessHasGone) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(JobControlTest, ARemovalWaitsForAProcessThatDoesNotEndByItself) {
+TEST_F(LaunchdJobsTest, ARemovalWaitsForAProcessThatDoesNotEndByItself) {
   request(job());
   jobs_.ignoreTermination(kAgent);
   const Instant before = loop_.now();
@@ -49,7 +52,7 @@ TEST_F(JobControlTest, ARemovalWaitsForAProcessThatDoesNotEndByItself) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(JobControlTest, AnythingElseIsNoRequestAndLogsNothing) {
+TEST_F(LaunchdJobsTest, AnythingElseIsNoRequestAndLogsNothing) {
   for (const Value& other : {Value(1), Value(Array{job()}), Value(true), Value(), Value(Data{1})}) {
     EXPECT_FALSE(request(other));
     EXPECT_FALSE(error_);
@@ -57,7 +60,7 @@ TEST_F(JobControlTest, AnythingElseIsNoRequestAndLogsNothing) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(JobControlTest, AFailedSubmissionIsLoggedWithItsDictionaryAndLeavesItsError) {
+TEST_F(LaunchdJobsTest, AFailedSubmissionIsLoggedWithItsDictionaryAndLeavesItsError) {
   jobs_.setUnstartable(pathOf("agent"), "no such interpreter");
   EXPECT_FALSE(request(job()));
   ASSERT_TRUE(error_);
@@ -66,7 +69,7 @@ TEST_F(JobControlTest, AFailedSubmissionIsLoggedWithItsDictionaryAndLeavesItsErr
                                      stringWithFormat("%@ Error: %@", job(), *error_)));
 }
 
-TEST_F(JobControlTest, ARemovalOfAJobThatHasGoneFailsAndIsAnErrorInTheLog) {
+TEST_F(LaunchdJobsTest, ARemovalOfAJobThatHasGoneFailsAndIsAnErrorInTheLog) {
   EXPECT_FALSE(request(kAgent));
   ASSERT_TRUE(error_);
   EXPECT_EQ(error_->code, 6);
@@ -74,25 +77,25 @@ TEST_F(JobControlTest, ARemovalOfAJobThatHasGoneFailsAndIsAnErrorInTheLog) {
                              "3 Unable to remove job: com.example.agent\n:%@", *error_)));
 }
 
-TEST_F(JobControlTest, UnloadingRemovesTheJobAndWaits) {
+TEST_F(LaunchdJobsTest, UnloadingRemovesTheJobAndWaits) {
   request(job());
   const int first = process(kAgent);
-  EXPECT_TRUE(manager().unloadJobFromLaunchD(kAgent));
+  EXPECT_TRUE(launchd_.unloadJobFromLaunchD(kAgent));
   EXPECT_FALSE(exitWatcher_.isKnown(first));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(JobControlTest, AFailedUnloadingIsLogged) {
-  EXPECT_FALSE(manager().unloadJobFromLaunchD(kAgent));
+TEST_F(LaunchdJobsTest, AFailedUnloadingIsLogged) {
+  EXPECT_FALSE(launchd_.unloadJobFromLaunchD(kAgent));
   EXPECT_THAT(takeLog(),
               ElementsAre(testing::StartsWith(
                   "3 Unable to remove job: com.example.agent\n:Error Domain=CFErrorDomainLaunchd "
                   "Code=6")));
 }
 
-TEST_F(JobControlTest, AnotherDomainIsTheHostsToRefuse) {
-  EXPECT_FALSE(manager().submitJobRequest(job(), "kSMDomainUserLaunchd", error_));
+TEST_F(LaunchdJobsTest, AnotherDomainIsTheHostsToRefuse) {
+  EXPECT_FALSE(launchd_.submitJobRequest(job(), "kSMDomainUserLaunchd", error_));
   ASSERT_TRUE(error_);
   EXPECT_THAT(error_->localizedDescription, HasSubstr("kSMDomainUserLaunchd"));
 }
@@ -114,48 +117,39 @@ class AuthorizationProbe final : public Jobs {
   std::vector<const AuthorizationRef*> given;
 };
 
-TEST_F(JobControlTest, TheAuthorizationIsForTheSystemsDomainAlone) {
+TEST_F(LaunchdJobsTest, TheAuthorizationIsForTheSystemsDomainAlone) {
   AuthorizationProbe probe;
-  ORBServiceManager manager(platform(probe));
-  manager.backgroundServiceDidFinishLaunching({});  // Has its rights, but no catalogue.
+  LaunchdJobs jobs(probe, authorization_);
+  EXPECT_EQ(jobs.acquireRights(), errAuthorizationSuccess);
   for (const char* domain : {kSMDomainSystemLaunchd, "kSMDomainUserLaunchd"}) {
-    EXPECT_TRUE(manager.submitJobRequest(job(), domain, error_));
-    EXPECT_TRUE(manager.submitJobRequest(kAgent, domain, error_));
+    EXPECT_TRUE(jobs.submitJobRequest(job(), domain, error_));
+    EXPECT_TRUE(jobs.submitJobRequest(kAgent, domain, error_));
   }
-  EXPECT_TRUE(manager.unloadJobFromLaunchD(kAgent));
+  EXPECT_TRUE(jobs.unloadJobFromLaunchD(kAgent));
   ASSERT_EQ(probe.given.size(), 5u);
   const AuthorizationRef* const rights = probe.given[0];
   EXPECT_NE(rights, nullptr);
   EXPECT_THAT(probe.given, ElementsAre(rights, rights, nullptr, nullptr, rights));
 }
 
-TEST_F(JobControlTest, TheServicesAreTheCatalogues) {
-  EXPECT_EQ(manager().services(), catalogue()["Services"]);
+TEST_F(LaunchdJobsTest, ACallerWithoutTheRightIsRefused) {
+  jobs_.setCallerAllowed(false);
+  EXPECT_NE(launchd_.acquireRights(), errAuthorizationSuccess);
 }
 
-TEST_F(JobControlTest, AProcessIsToldWhileItRuns) {
+TEST_F(LaunchdJobsTest, AJobHostThatCannotBeAskedForRightsChecksTheRequestsItself) {
+  jobs_.setReachable(false);
+  EXPECT_EQ(launchd_.acquireRights(), errAuthorizationSuccess);
+}
+
+TEST_F(LaunchdJobsTest, AJobIsAbsentPresentOrUnknown) {
+  using Presence = JobStatus::Presence;
+  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kAbsent);
   request(job());
-  EXPECT_EQ(manager().pidForService(kAgent), Value(process(kAgent)));
-  EXPECT_TRUE(manager().lastExitStatusForService(kAgent).isNil());
-}
-
-TEST_F(JobControlTest, AnUnknownLabelHasNoProcessAndNoExitStatus) {
-  EXPECT_TRUE(manager().pidForService("com.example.unknown").isNil());
-  EXPECT_TRUE(manager().lastExitStatusForService("com.example.unknown").isNil());
-}
-
-TEST_F(JobControlTest, NilHasNoProcessAndNoExitStatus) {
-  EXPECT_TRUE(manager().pidForService(std::nullopt).isNil());
-  EXPECT_TRUE(manager().lastExitStatusForService(std::nullopt).isNil());
-}
-
-TEST_F(JobControlTest, AnEndedJobHasItsLastExitStatusAndNoProcess) {
-  Dictionary throttled = *job().dictionary();
-  throttled.set("ThrottleInterval", 60);
-  request(throttled);
-  jobs_.endProcess(kAgent, {ExitStatus::Kind::kExited, 3});
-  EXPECT_TRUE(manager().pidForService(kAgent).isNil());
-  EXPECT_EQ(manager().lastExitStatusForService(kAgent), Value(3 << 8));
+  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kPresent);
+  EXPECT_EQ(launchd_.status(kAgent).process, process(kAgent));
+  jobs_.setReachable(false);
+  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kUnknown);
 }
 
 }  // namespace

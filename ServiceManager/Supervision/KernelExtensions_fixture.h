@@ -1,6 +1,6 @@
 #pragma once
 
-// The daemon with a network extension, another one, and services that need them.
+// A network extension, another one, and services that need them.
 
 #include <chrono>
 #include <cstring>
@@ -10,15 +10,22 @@
 #include <utility>
 #include <vector>
 
-#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/SupervisedMachine_fixture.h"
 
 inline constexpr char kLoadNetwork[] = "load com.vantor.nke.wfk";
 inline constexpr char kUnloadNetwork[] = "unload com.vantor.nke.wfk";
 inline constexpr char kLoadOther[] = "load com.example.nke.other";
 
-class KernelExtensionsFixture : public ServiceManagerFixture {
+// `Machine` is a fixture on such a machine.
+template <class Machine>
+class WithKernelExtensions : public Machine {
  protected:
   using Data = platform::Data;
+  using Array = platform::Array;
+  using Dictionary = platform::Dictionary;
+  using Machine::kAgent;
+  using Machine::kHelper;
+  using Machine::kPrimary;
 
   static constexpr char kNetwork[] = "com.vantor.nke.wfk";
   static constexpr char kOther[] = "com.example.nke.other";
@@ -52,11 +59,10 @@ class KernelExtensionsFixture : public ServiceManagerFixture {
     Extension& extension_;
   };
 
-  KernelExtensionsFixture() {
+  WithKernelExtensions() {
     install(kNetwork, network_);
     install(kOther, other_);
-    use(catalogueOfKexts());
-    manager().setSecret(Value(secret_));
+    this->use(catalogueOfKexts());
   }
 
   static Data integer(std::int32_t number) {
@@ -66,34 +72,31 @@ class KernelExtensionsFixture : public ServiceManagerFixture {
   }
 
   void install(const char* identifier, Extension& extension) {
-    extensions_.install(identifier, [&extension] { return std::make_unique<Handler>(extension); });
+    this->extensions_.install(identifier,
+                              [&extension] { return std::make_unique<Handler>(extension); });
   }
 
   // The agent needs both extensions, the helper the network one, the primary service none.
   static Dictionary catalogueOfKexts() {
-    Dictionary all =
-        catalogue({{kPrimary, entry("configd")},
-                   {kAgent, entry("agent", {{"KernelExtensions", Array{"net", "other"}}})},
-                   {kHelper, entry("helper", {{"KernelExtensions", Array{"net"}}})}});
+    Dictionary all = Machine::catalogue(
+        {{kPrimary, Machine::entry("configd")},
+         {kAgent, Machine::entry("agent", {{"KernelExtensions", Array{"net", "other"}}})},
+         {kHelper, Machine::entry("helper", {{"KernelExtensions", Array{"net"}}})}});
     all.set("KernelExtensions",
             Dictionary{{"net", Dictionary{{"Identifier", kNetwork}, {"Options", Array{"secure"}}}},
                        {"other", Dictionary{{"Identifier", kOther}, {"Options", Array()}}}});
     return all;
   }
 
-  bool load(const char* identifier, const char* name, Array options = {}) {
-    return manager().loadKextWithIdentifier(std::string(identifier), name, options);
-  }
-  std::vector<std::string> requests() const { return extensions_.requests(); }
+  std::vector<std::string> requests() const { return this->extensions_.requests(); }
 
   // Virtual time that a call takes.
   platform::Duration timeOf(const std::function<void()>& call) {
-    const platform::Instant before = loop_.now();
+    const platform::Instant before = this->loop_.now();
     call();
-    return loop_.now() - before;
+    return this->loop_.now() - before;
   }
 
-  const Data secret_{1, 2, 3, 4, 5, 6, 7, 8};
   Extension network_;
   Extension other_;
 };

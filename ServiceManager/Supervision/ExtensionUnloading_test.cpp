@@ -1,4 +1,4 @@
-// Unloading on older releases, and what the operator is told.
+// Unloading on older releases.
 
 #include <chrono>
 #include <filesystem>
@@ -9,7 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "Platform/Testing/Machine/TemporaryFolder.h"
-#include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
+#include "ServiceManager/Supervision/KernelExtensions_fixture.h"
+#include "ServiceManager/Supervision/Supervision_fixture.h"
 
 namespace {
 
@@ -20,8 +21,12 @@ using testing::IsEmpty;
 
 // Releases before 10.7 unload by a program.
 
-class OldReleaseTest : public KernelExtensionsFixture {
+class OldReleaseTest : public WithKernelExtensions<SupervisionFixture> {
  protected:
+  bool load(const char* identifier, const char* name) {
+    return control_.loadKextWithIdentifier(std::string(identifier), name, {});
+  }
+
   OldReleaseTest() {
     system_.setRelease("10.8.0", {10, 6, 8});
     extensions_.setLoaded(kNetwork);
@@ -115,7 +120,7 @@ TEST_F(OldReleaseTest, AProgramThatIsNotThereIsAFailureToo) {
 }
 
 TEST_F(OldReleaseTest, WithoutAnIdentifierNothingIsRun) {
-  EXPECT_FALSE(manager().loadKextWithIdentifier(std::nullopt, "net", {}));
+  EXPECT_FALSE(control_.loadKextWithIdentifier(std::nullopt, "net", {}));
   EXPECT_THAT(tasks_.launches(), IsEmpty());
   EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 1u);
 }
@@ -125,78 +130,6 @@ TEST_F(OldReleaseTest, FromRelease11OnThePlatformUnloads) {
   EXPECT_TRUE(load(kNetwork, "net"));
   EXPECT_THAT(tasks_.launches(), IsEmpty());
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-}
-
-// For the operator.
-
-class KernelExtensionFactsTest : public KernelExtensionsFixture {};
-
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfEachExtension) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
-  takeLog();
-  const Dictionary facts = manager().report().extensions();
-  EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
-                                           {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
-                                           {"IsLoaded", true},
-                                           {"IsConnected", true},
-                                           {"IsAnswering", true},
-                                           {"IsConfigured", true},
-                                           {"Services", Array{kAgent, kHelper}}}));
-  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
-  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
-  EXPECT_EQ(facts["other"]["IsConfigured"], Value(false));
-  EXPECT_EQ(facts["other"]["Services"], Value(Array{kAgent}));
-  EXPECT_THAT(takeLog(), IsEmpty());
-  EXPECT_EQ(controls_.clients(kNetwork), 0);
-}
-
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCostsASecond) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
-  controls_.setHanging(kNetwork, true);
-  Dictionary facts;
-  EXPECT_EQ(timeOf([&] { facts = manager().report().extensions(); }), 1s);
-  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
-  EXPECT_EQ(facts["net"]["IsAnswering"], Value(false));
-  EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
-}
-
-TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeftOut) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
-  extensions_.setUnknown(kNetwork, true);
-  extensions_.setUnknown(kOther, true);
-  Dictionary facts = manager().report().extensions();
-  EXPECT_TRUE(facts["net"]["IsLoaded"].isNil());
-  EXPECT_TRUE(facts["net"]["PID"].isNil());
-  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
-  EXPECT_TRUE(facts["other"]["IsLoaded"].isNil());
-  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
-  extensions_.setUnknown(kNetwork, false);
-  extensions_.setUnknown(kOther, false);
-  facts = manager().report().extensions();
-  EXPECT_EQ(facts["net"]["IsLoaded"], Value(true));
-  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
-}
-
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
-  extensions_.setLoadFails(kOther, true);
-  const Dictionary facts = manager().report().extensions();
-  EXPECT_TRUE(facts["net"]["Fault"].isNil());
-  EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
-  EXPECT_FALSE(facts["other"]["Path"].isNil());
-  EXPECT_THAT(requests(), IsEmpty());
-}
-
-TEST_F(KernelExtensionFactsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
-  Dictionary catalogue = catalogueOfKexts();
-  catalogue.set("KernelExtensions", Dictionary{{"x", Dictionary()},
-                                               {"y", Dictionary{{"Identifier", "com.example.y"}}}});
-  manager().setServiceInfo(Value(catalogue));
-  const Dictionary facts = manager().report().extensions();
-  EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
-  EXPECT_TRUE(facts["y"]["Path"].isNil());
-  EXPECT_EQ(facts["y"]["Fault"], Value("com.example.y: no such extension"));
-  manager().setServiceInfo({});
-  EXPECT_TRUE(manager().report().extensions().empty());
 }
 
 }  // namespace

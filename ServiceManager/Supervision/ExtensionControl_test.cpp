@@ -1,3 +1,5 @@
+#include "ServiceManager/Supervision/ExtensionControl.h"
+
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -6,7 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ServiceManager/ServiceManager/KernelExtensions_fixture.h"
+#include "ServiceManager/Supervision/KernelExtensions_fixture.h"
+#include "ServiceManager/Supervision/Supervision_fixture.h"
 
 namespace {
 
@@ -23,129 +26,134 @@ constexpr char kConnected[] = "7 Connected to Generic Kext";
 constexpr char kNotConnected[] = "7 Unable to establish connection with the Generic kext";
 constexpr char kUnloadOther[] = "unload com.example.nke.other";
 
-class KernelExtensionsTest : public KernelExtensionsFixture {};
+class ExtensionControlTest : public WithKernelExtensions<SupervisionFixture> {
+ protected:
+  bool load(const char* identifier, const char* name, Array options = {}) {
+    return control_.loadKextWithIdentifier(std::string(identifier), name, options);
+  }
+};
 
 // The control socket.
 
-TEST_F(KernelExtensionsTest, AControlSocketIsConnected) {
+TEST_F(ExtensionControlTest, AControlSocketIsConnected) {
   extensions_.setLoaded(kNetwork);
-  EXPECT_TRUE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_TRUE(control_.createControlSocketWithIdentifier(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected));
 }
 
-TEST_F(KernelExtensionsTest, WithoutAControlOfTheNameThereIsNoSocketAndNoLine) {
-  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
-  EXPECT_FALSE(manager().createControlSocketWithIdentifier(""));
+TEST_F(ExtensionControlTest, WithoutAControlOfTheNameThereIsNoSocketAndNoLine) {
+  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(control_.createControlSocketWithIdentifier(""));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, ASocketThatCannotBeOpenedIsNoneAndWritesNoLine) {
+TEST_F(ExtensionControlTest, ASocketThatCannotBeOpenedIsNoneAndWritesNoLine) {
   extensions_.setLoaded(kNetwork);
   controls_.setWithoutDescriptors(true);
-  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, AConnectionThatFailsIsLogged) {
+TEST_F(ExtensionControlTest, AConnectionThatFailsIsLogged) {
   extensions_.setLoaded(kNetwork);
   controls_.setUnreachable(kNetwork);
-  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
 }
 
-TEST_F(KernelExtensionsTest, AnotherUsersControlIsNotConnectedTo) {
+TEST_F(ExtensionControlTest, AnotherUsersControlIsNotConnectedTo) {
   extensions_.setLoaded(kNetwork);
   controls_.setForeign(kNetwork);
-  EXPECT_FALSE(manager().createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
 }
 
-TEST_F(KernelExtensionsTest, AControlsNameIsCutTo96Bytes) {
+TEST_F(ExtensionControlTest, AControlsNameIsCutTo96Bytes) {
   for (const std::size_t size : {95u, 96u, 97u, 1000u}) {
     const std::string name(size, 'a');
     const std::string cut = name.substr(0, 96);
     controls_.offer(cut, [this] { return std::make_unique<Handler>(network_); });
-    EXPECT_TRUE(manager().createControlSocketWithIdentifier(name)) << size;
+    EXPECT_TRUE(control_.createControlSocketWithIdentifier(name)) << size;
     controls_.withdraw(cut);
   }
 }
 
 // Who uses what.
 
-TEST_F(KernelExtensionsTest, TheServicesThatUseAnExtensionAreThoseThatNameIt) {
-  EXPECT_THAT(manager().daemonsUsingKext("net"), UnorderedElementsAre(kAgent, kHelper));
-  EXPECT_THAT(manager().daemonsUsingKext("other"), UnorderedElementsAre(kAgent));
-  EXPECT_THAT(manager().daemonsUsingKext(kNetwork), IsEmpty());
-  manager().setServiceInfo({});
-  EXPECT_THAT(manager().daemonsUsingKext("net"), IsEmpty());
+TEST_F(ExtensionControlTest, TheServicesThatUseAnExtensionAreThoseThatNameIt) {
+  EXPECT_THAT(catalogue_.daemonsUsingKext("net"), UnorderedElementsAre(kAgent, kHelper));
+  EXPECT_THAT(catalogue_.daemonsUsingKext("other"), UnorderedElementsAre(kAgent));
+  EXPECT_THAT(catalogue_.daemonsUsingKext(kNetwork), IsEmpty());
+  catalogue_ = {};
+  EXPECT_THAT(catalogue_.daemonsUsingKext("net"), IsEmpty());
 }
 
 // A service's extensions.
 
-TEST_F(KernelExtensionsTest, AServiceWithoutExtensionsNeedsNone) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kPrimary));
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions("com.example.unknown"));
+TEST_F(ExtensionControlTest, AServiceWithoutExtensionsNeedsNone) {
+  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kPrimary));
+  EXPECT_TRUE(control_.startAssociatedSystemExtensions("com.example.unknown"));
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, EachOfAServicesExtensionsIsLoadedInTheirOrder) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
+TEST_F(ExtensionControlTest, EachOfAServicesExtensionsIsLoadedInTheirOrder) {
+  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kAgent));
   EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
-  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net", "other"));
+  EXPECT_THAT(control_.kextsLoaded(), ElementsAre("net", "other"));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected, kConnected));
 }
 
-TEST_F(KernelExtensionsTest, WhatIsKnownToBeLoadedIsNotLookedAtAgain) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+TEST_F(ExtensionControlTest, WhatIsKnownToBeLoadedIsNotLookedAtAgain) {
+  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kHelper));
   const int before = controls_.searches(kNetwork);
   extensions_.crash(kNetwork);  // Behind the daemon's back.
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kHelper));
   EXPECT_EQ(controls_.searches(kNetwork), before);
 }
 
-TEST_F(KernelExtensionsTest, WhereTheFirstExtensionFailsTheSecondIsStillLoaded) {
+TEST_F(ExtensionControlTest, WhereTheFirstExtensionFailsTheSecondIsStillLoaded) {
   extensions_.setLoadFails(kNetwork, true);
-  EXPECT_FALSE(manager().startAssociatedSystemExtensions(kAgent));
-  EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
+  EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(control_.kextsLoaded(), ElementsAre("other"));
   EXPECT_TRUE(extensions_.isLoaded(kOther));
   EXPECT_THAT(takeLog(), Contains("6 Failed to load kext 'com.vantor.nke.wfk'"));
 }
 
-TEST_F(KernelExtensionsTest, AnExtensionThatTheCatalogueDoesNotDescribeFails) {
+TEST_F(ExtensionControlTest, AnExtensionThatTheCatalogueDoesNotDescribeFails) {
   use(catalogue({{kAgent, entry("agent", {{"KernelExtensions", Array{"net", 7, "unknown"}}})}}));
-  EXPECT_FALSE(manager().startAssociatedSystemExtensions(kAgent));
-  EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
+  EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
+  EXPECT_THAT(control_.kextsLoaded(), IsEmpty());
   EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 2u);
   EXPECT_EQ(countInLog("Failed to load kext '(null)'"), 2u);
 }
 
 // The states.
 
-TEST_F(KernelExtensionsTest, OneThatAnswersIsConfiguredWithoutBeingLoaded) {
+TEST_F(ExtensionControlTest, OneThatAnswersIsConfiguredWithoutBeingLoaded) {
   extensions_.setLoaded(kOther);
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), IsEmpty());
   EXPECT_THAT(takeLog(), ElementsAre(kConnected));
 }
 
-TEST_F(KernelExtensionsTest, ANetworkExtensionWhoseVersionIs5IsConfiguredAtOnce) {
+TEST_F(ExtensionControlTest, ANetworkExtensionWhoseVersionIs5IsConfiguredAtOnce) {
   extensions_.setLoaded(kNetwork);
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), IsEmpty());
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
-TEST_F(KernelExtensionsTest, ANetworkExtensionWhoseVersionIs4IsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, ANetworkExtensionWhoseVersionIs4IsUnloadedAndLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
   EXPECT_THAT(takeLog(), Contains(kConnected).Times(2));
 }
 
-TEST_F(KernelExtensionsTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough) {
+TEST_F(ExtensionControlTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough) {
   const auto isUnloaded = [this](Data version) {
     extensions_.setLoaded(kNetwork);
     network_.version = std::move(version);
@@ -167,7 +175,7 @@ TEST_F(KernelExtensionsTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough)
   EXPECT_TRUE(isUnloaded(Data(kMaxControlOptionBytes + 1, 9)));
 }
 
-TEST_F(KernelExtensionsTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) {
+TEST_F(ExtensionControlTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) {
   extensions_.setLoaded(kNetwork);
   network_.refusesToAnswer = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesToAnswer = false; });
@@ -175,7 +183,7 @@ TEST_F(KernelExtensionsTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) 
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(KernelExtensionsTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   controls_.setHanging(kNetwork, true);
   extensions_.setOnLoad(kNetwork, [this] { controls_.setHanging(kNetwork, false); });
@@ -186,7 +194,7 @@ TEST_F(KernelExtensionsTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(KernelExtensionsTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
+TEST_F(ExtensionControlTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
   constexpr int kLoads = 3;
   extensions_.setLoaded(kNetwork);
   controls_.setHanging(kNetwork, true);
@@ -200,7 +208,7 @@ TEST_F(KernelExtensionsTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
   EXPECT_THAT(network_.told, IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+TEST_F(ExtensionControlTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   network_.onQuestion = [this] { controls_.setHanging(kNetwork, true); };
   extensions_.setOnLoad(kNetwork, [this] {
@@ -209,18 +217,18 @@ TEST_F(KernelExtensionsTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAg
   });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
 // Nobody asks it anything.
-TEST_F(KernelExtensionsTest, AnotherExtensionThatHangsIsConfiguredAtOnce) {
+TEST_F(ExtensionControlTest, AnotherExtensionThatHangsIsConfiguredAtOnce) {
   extensions_.setLoaded(kOther);
   controls_.setHanging(kOther, true);
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(load(kOther, "other", {"secure"})); }), 0s);
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
+TEST_F(ExtensionControlTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   auto client = connectToControl(controls_, kNetwork);
@@ -230,16 +238,16 @@ TEST_F(KernelExtensionsTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
   EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
 }
 
-TEST_F(KernelExtensionsTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   network_.refusesSecrets = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
-TEST_F(KernelExtensionsTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+TEST_F(ExtensionControlTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAgain) {
   extensions_.setLoaded(kNetwork);
   network_.onQuestion = [this] {
     network_.onQuestion = nullptr;
@@ -249,19 +257,19 @@ TEST_F(KernelExtensionsTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAga
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(KernelExtensionsTest, OneThatIsNotLoadedIsLoaded) {
+TEST_F(ExtensionControlTest, OneThatIsNotLoadedIsLoaded) {
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), ElementsAre(kLoadOther));
 }
 
-TEST_F(KernelExtensionsTest, OneThatCannotBeLoadedIsUnloadedAndReloaded) {
+TEST_F(ExtensionControlTest, OneThatCannotBeLoadedIsUnloadedAndReloaded) {
   extensions_.setLoaded(kOther);
   extensions_.crash(kOther);  // The loader waits for its control in vain.
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), ElementsAre(kLoadOther, kUnloadOther, kLoadOther));
 }
 
-TEST_F(KernelExtensionsTest, OneThatCannotBeReloadedFails) {
+TEST_F(ExtensionControlTest, OneThatCannotBeReloadedFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { extensions_.setLoadFails(kNetwork, true); });
@@ -271,7 +279,7 @@ TEST_F(KernelExtensionsTest, OneThatCannotBeReloadedFails) {
 }
 
 // The time is looked at after each try, and is up when it is later than a second after the first.
-TEST_F(KernelExtensionsTest, OneThatIsNotUnloadedWithinASecondFails) {
+TEST_F(ExtensionControlTest, OneThatIsNotUnloadedWithinASecondFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setBusy(kNetwork, 100);
@@ -284,7 +292,7 @@ TEST_F(KernelExtensionsTest, OneThatIsNotUnloadedWithinASecondFails) {
   EXPECT_THAT(takeLog(), Contains("3 Unable to unload kext 'com.vantor.nke.wfk'."));
 }
 
-TEST_F(KernelExtensionsTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
+TEST_F(ExtensionControlTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
@@ -293,7 +301,7 @@ TEST_F(KernelExtensionsTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
   EXPECT_EQ(requests().size(), 8u);
 }
 
-TEST_F(KernelExtensionsTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
+TEST_F(ExtensionControlTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   // Unloaded at once the first time; the second time too late for any further try.
@@ -305,7 +313,7 @@ TEST_F(KernelExtensionsTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork, kUnloadNetwork));
 }
 
-TEST_F(KernelExtensionsTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWithoutLimit) {
+TEST_F(ExtensionControlTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWithoutLimit) {
   constexpr int kRounds = 10'000;
   int rounds = 0;
   extensions_.setWithoutControl(kOther, true);
@@ -316,7 +324,7 @@ TEST_F(KernelExtensionsTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWi
   EXPECT_EQ(rounds, kRounds);
 }
 
-TEST_F(KernelExtensionsTest, ThatCycleEndsWhenALoadFails) {
+TEST_F(ExtensionControlTest, ThatCycleEndsWhenALoadFails) {
   int rounds = 0;
   extensions_.setWithoutControl(kOther, true);
   extensions_.setBusy(kOther, 100);
@@ -328,7 +336,7 @@ TEST_F(KernelExtensionsTest, ThatCycleEndsWhenALoadFails) {
   EXPECT_THAT(requests(), Contains(kUnloadOther));
 }
 
-TEST_F(KernelExtensionsTest, TheControlConnectionIsNotKept) {
+TEST_F(ExtensionControlTest, TheControlConnectionIsNotKept) {
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_EQ(controls_.clients(kNetwork), 0);
   network_.version = integer(4);
@@ -339,13 +347,13 @@ TEST_F(KernelExtensionsTest, TheControlConnectionIsNotKept) {
 
 // The secret.
 
-TEST_F(KernelExtensionsTest, WithoutTheSecureOptionNobodyIsToldTheSecret) {
+TEST_F(ExtensionControlTest, WithoutTheSecureOptionNobodyIsToldTheSecret) {
   EXPECT_TRUE(load(kNetwork, "net"));
   EXPECT_TRUE(load(kNetwork, "net", {"Secure", "insecure", "", 1, Array{"secure"}}));
   EXPECT_THAT(network_.told, IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, OnlyTheNetworkExtensionIsToldTheSecret) {
+TEST_F(ExtensionControlTest, OnlyTheNetworkExtensionIsToldTheSecret) {
   EXPECT_TRUE(load(kOther, "net", {"secure"}));
   EXPECT_THAT(other_.told, IsEmpty());
   Extension similar;
@@ -356,18 +364,19 @@ TEST_F(KernelExtensionsTest, OnlyTheNetworkExtensionIsToldTheSecret) {
   EXPECT_THAT(similar.told, IsEmpty());
 }
 
-TEST_F(KernelExtensionsTest, TheSecretIsToldForEachSecureOption) {
+TEST_F(ExtensionControlTest, TheSecretIsToldForEachSecureOption) {
   EXPECT_TRUE(load(kNetwork, "net", {"secure", "other", "secure"}));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, secret_), Pair(5u, secret_)));
+  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data()), Pair(5u, *secret_.data())));
 }
 
-TEST_F(KernelExtensionsTest, TheSecretIsInNoLine) {
+TEST_F(ExtensionControlTest, TheSecretIsInNoLine) {
   network_.refusesSecrets = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   for (const std::string& line : takeLog()) {
     EXPECT_THAT(line, Not(testing::HasSubstr("01020304")));
-    EXPECT_THAT(line, Not(testing::HasSubstr(std::string(secret_.begin(), secret_.end()))));
+    EXPECT_THAT(
+        line, Not(testing::HasSubstr(std::string(secret_.data()->begin(), secret_.data()->end()))));
   }
 }
 

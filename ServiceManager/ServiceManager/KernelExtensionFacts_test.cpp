@@ -1,0 +1,84 @@
+// What the operator is told of the extensions.
+
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/KernelExtensions_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::IsEmpty;
+
+class KernelExtensionFactsTest : public WithKernelExtensions<ServiceManagerFixture> {};
+
+TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfEachExtension) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  takeLog();
+  const Dictionary facts = manager().report().extensions();
+  EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
+                                           {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
+                                           {"IsLoaded", true},
+                                           {"IsConnected", true},
+                                           {"IsAnswering", true},
+                                           {"IsConfigured", true},
+                                           {"Services", Array{kAgent, kHelper}}}));
+  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
+  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
+  EXPECT_EQ(facts["other"]["IsConfigured"], Value(false));
+  EXPECT_EQ(facts["other"]["Services"], Value(Array{kAgent}));
+  EXPECT_THAT(takeLog(), IsEmpty());
+  EXPECT_EQ(controls_.clients(kNetwork), 0);
+}
+
+TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCostsASecond) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  controls_.setHanging(kNetwork, true);
+  Dictionary facts;
+  EXPECT_EQ(timeOf([&] { facts = manager().report().extensions(); }), 1s);
+  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
+  EXPECT_EQ(facts["net"]["IsAnswering"], Value(false));
+  EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
+}
+
+TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeftOut) {
+  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  extensions_.setUnknown(kNetwork, true);
+  extensions_.setUnknown(kOther, true);
+  Dictionary facts = manager().report().extensions();
+  EXPECT_TRUE(facts["net"]["IsLoaded"].isNil());
+  EXPECT_TRUE(facts["net"]["PID"].isNil());
+  EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
+  EXPECT_TRUE(facts["other"]["IsLoaded"].isNil());
+  EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
+  extensions_.setUnknown(kNetwork, false);
+  extensions_.setUnknown(kOther, false);
+  facts = manager().report().extensions();
+  EXPECT_EQ(facts["net"]["IsLoaded"], Value(true));
+  EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
+}
+
+TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
+  extensions_.setLoadFails(kOther, true);
+  const Dictionary facts = manager().report().extensions();
+  EXPECT_TRUE(facts["net"]["Fault"].isNil());
+  EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
+  EXPECT_FALSE(facts["other"]["Path"].isNil());
+  EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(KernelExtensionFactsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
+  Dictionary all = catalogueOfKexts();
+  all.set("KernelExtensions",
+          Dictionary{{"x", Dictionary()}, {"y", Dictionary{{"Identifier", "com.example.y"}}}});
+  use(all);
+  const Dictionary facts = manager().report().extensions();
+  EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
+  EXPECT_TRUE(facts["y"]["Path"].isNil());
+  EXPECT_EQ(facts["y"]["Fault"], Value("com.example.y: no such extension"));
+  use(catalogue());
+  EXPECT_TRUE(manager().report().extensions().empty());
+}
+
+}  // namespace

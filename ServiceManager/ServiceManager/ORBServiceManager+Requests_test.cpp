@@ -1,0 +1,160 @@
+#include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+
+namespace {
+
+using namespace platform;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class RequestsTest : public ServiceManagerFixture {
+ protected:
+  RequestsTest() {
+    use(catalogue());
+    useHealth();
+  }
+
+  // Whether the block was called.
+  bool enforceRunning(ORBServiceManager::Label label) {
+    bool isCalled = false;
+    manager().enforceRunningForService(label, [&] { isCalled = true; });
+    return isCalled;
+  }
+  void run(const char* label) {
+    manager().enforceRunningForService(label, nullptr);
+    takeLog();
+    takeReports();
+  }
+};
+
+TEST_F(RequestsTest, NilIsLeftAlone) {
+  EXPECT_FALSE(enforceRunning(std::nullopt));
+  EXPECT_TRUE(manager().enforceShutdownForService(std::nullopt));
+  EXPECT_THAT(takeReports(), IsEmpty());
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(RequestsTest, WithoutAHealthRecordAnInstallerIsServed) {
+  hasHealthRecord_ = false;
+  restart();
+  EXPECT_TRUE(manager().shutdownServices({kAgent}));
+  EXPECT_TRUE(manager().evaluateServices());
+  loop_.runReady();
+}
+
+TEST_F(RequestsTest, TheExitOfAStoppedServiceIsStillSeen) {
+  run(kAgent);
+  const auto client = registerClient();
+  enterMode(kInstaller);
+  manager().enforceShutdownForService(kAgent);
+  loop_.runReady();
+  EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 0)));
+  EXPECT_THAT(takeReports(),
+              ElementsAre("stop com.example.agent", "forced stop com.example.agent"));
+}
+
+TEST_F(RequestsTest, AStopThatTheJobHostDoesNotAnswerKeepsTheClientsMark) {
+  run(kAgent);
+  jobs_.setReachable(false);
+  manager().stopServices({kAgent});
+  EXPECT_TRUE(manager().isServiceBeingTrackedForUserClientShutdownRequest(kAgent));
+  EXPECT_THAT(takeLog(), Contains(testing::HasSubstr("3 Unable to unload com.example.agent")));
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
+}
+
+// What the user interface asks.
+
+TEST_F(RequestsTest, TheServicesAreTheCatalogues) {
+  EXPECT_EQ(manager().services(), catalogue()["Services"]);
+}
+
+TEST_F(RequestsTest, AProcessIsToldWhileItRuns) {
+  run(kAgent);
+  EXPECT_EQ(manager().pidForService(kAgent), Value(process(kAgent)));
+  EXPECT_TRUE(manager().lastExitStatusForService(kAgent).isNil());
+}
+
+TEST_F(RequestsTest, AnUnknownLabelHasNoProcessAndNoExitStatus) {
+  EXPECT_TRUE(manager().pidForService("com.example.unknown").isNil());
+  EXPECT_TRUE(manager().lastExitStatusForService("com.example.unknown").isNil());
+}
+
+TEST_F(RequestsTest, NilHasNoProcessAndNoExitStatus) {
+  EXPECT_TRUE(manager().pidForService(std::nullopt).isNil());
+  EXPECT_TRUE(manager().lastExitStatusForService(std::nullopt).isNil());
+}
+
+TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatusAndNoProcess) {
+  use(catalogue({{kPrimary, entry("configd")},
+                 {kAgent, Dictionary{{"Products", entry("agent")["Products"]},
+                                     {"JobSpec", Dictionary{{"Program", "agent"},
+                                                            {"ThrottleInterval", 60}}}}}}));
+  run(kAgent);
+  jobs_.endProcess(kAgent, {ExitStatus::Kind::kExited, 3});
+  EXPECT_TRUE(manager().pidForService(kAgent).isNil());
+  EXPECT_EQ(manager().lastExitStatusForService(kAgent), Value(3 << 8));
+}
+
+// What the installer asks.
+
+TEST_F(RequestsTest, TheInstallersServicesAreStoppedAndReportedAndTheModeChanges) {
+  run(kAgent);
+  run(kHelper);
+  EXPECT_TRUE(manager().shutdownServices({kAgent, kHelper}));
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_THAT(takeReports(),
+              ElementsAre("stop com.example.agent", "installer event com.example.agent",
+                          "stop com.example.helper", "installer event com.example.helper"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+TEST_F(RequestsTest, AShutdownThatFailsIsAnsweredButEveryOtherServiceIsStopped) {
+  run(kAgent);
+  run(kHelper);
+  jobs_.refuseRemoval(kAgent, "not you");
+  EXPECT_FALSE(manager().shutdownServices({kAgent, kHelper}));
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
+  EXPECT_THAT(takeReports(),
+              ElementsAre("stop com.example.agent", "installer event com.example.agent",
+                          "stop com.example.helper", "installer event com.example.helper"));
+}
+
+TEST_F(RequestsTest, AShutdownThatTheJobHostDoesNotAnswerFails) {
+  run(kAgent);
+  jobs_.setReachable(false);
+  EXPECT_FALSE(manager().shutdownServices({kAgent}));
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_THAT(takeReports(),
+              ElementsAre("stop com.example.agent", "installer event com.example.agent"));
+  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
+}
+
+TEST_F(RequestsTest, AnElementThatIsNoLabelIsIgnored) {
+  run(kHelper);
+  EXPECT_TRUE(manager().shutdownServices({1, Array{}, kHelper, Value::nullMarker()}));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+}
+
+// A service that has announced its start.
+
+class StartNotificationTest : public RequestsTest {
+ protected:
+  StartNotificationTest() {
+    use(catalogue({{kPrimary, entry("configd")},
+                   {kAgent, entry("agent", {{"Notification", "up"}})},
+                   {kHelper, entry("helper", {{"Notification", "up"}})}}));
+  }
+};
+
+TEST_F(StartNotificationTest, TheFirstServiceOfThatNotificationIsEvaluated) {
+  manager().handleServiceDidStartNotification({"up", std::nullopt, {}});
+  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.helper"), 0u);
+}
+
+TEST_F(StartNotificationTest, AnUnknownNotificationIsIgnored) {
+  manager().handleServiceDidStartNotification({"another", std::nullopt, {}});
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+}  // namespace

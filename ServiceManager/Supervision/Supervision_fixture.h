@@ -1,0 +1,79 @@
+#pragma once
+
+// The collaborators that supervise services, without the daemon that decides about them.
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ServiceManager/Catalogue/ServiceCatalogue.h"
+#include "ServiceManager/Supervision/ExitMonitor.h"
+#include "ServiceManager/Supervision/ExtensionControl.h"
+#include "ServiceManager/Supervision/LaunchdJobs.h"
+#include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ServiceEnforcement.h"
+#include "ServiceManager/Supervision/SupervisedMachine_fixture.h"
+#include "Shared/ORBSigningValidator.h"
+
+class SupervisionFixture : public SupervisedMachine {
+ protected:
+  using Event = std::pair<std::string, platform::ProcessId>;
+
+  SupervisionFixture() { use(catalogue()); }
+
+  // The catalogue, a record for each of its services, a sound program for each.
+  void use(const Dictionary& catalogue) {
+    addPrograms(catalogue);
+    catalogue_ = ServiceCatalogue(catalogue);
+    records_.reset(catalogue_.services());
+  }
+  void useHealth() { health_ = std::make_unique<FakeServiceHealth>(reports_); }
+
+  ServiceCatalogue catalogue_;
+  Value secret_ = platform::Data{1, 2, 3, 4, 5, 6, 7, 8};
+  std::unique_ptr<ServiceHealth> health_;
+  ORBSigningValidator validator_{signatures_};
+  LaunchdJobs launchd_{jobs_, authorization_};
+  MonitoringRecords records_;
+  // What the exit monitor has reported.
+  std::vector<Event> watched_;
+  std::vector<Event> ended_;
+  ExitMonitor exits_{
+      loop_,
+      exitWatcher_,
+      launchd_,
+      records_,
+      {.onWatch = [this](const std::string& label,
+                         platform::ProcessId process) { watched_.emplace_back(label, process); },
+       .onEnd =
+           [this](const std::string& label, platform::ProcessId process) {
+             ended_.emplace_back(label, process);
+             records_.trackServiceForRespawn(label, false);  // As the daemon does.
+           }}};
+  // What the extension control wants to be evaluated later.
+  std::vector<std::pair<std::string, platform::Duration>> evaluations_;
+  ExtensionControl control_{
+      {.runLoop = loop_,
+       .extensions = extensionsPlatform_,
+       .system = system_,
+       .files = files_,
+       .mainBundle = bundle_,
+       .catalogue = catalogue_,
+       .secret = secret_,
+       .stopService =
+           [this](const std::string& label) { enforcement_.enforceShutdownForService(label); },
+       .evaluateLater =
+           [this](const std::string& label, platform::Duration delay) {
+             evaluations_.emplace_back(label, delay);
+           }}};
+  ServiceEnforcement enforcement_{{.catalogue = catalogue_,
+                                   .jobs = launchd_,
+                                   .records = records_,
+                                   .exits = exits_,
+                                   .extensions = control_,
+                                   .health = health_,
+                                   .files = files_,
+                                   .system = system_,
+                                   .validator = validator_}};
+};
