@@ -1,6 +1,7 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/FeatureSwitches.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/Catalogue/SwitchComparison.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
@@ -40,11 +41,14 @@ void ORBServiceManager::evaluateWaitingForPrimaryServiceOperatingMode() {
 
 void ORBServiceManager::evaluateSystemConfiguration() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating the system configuration");
-  if (operatingMode_ != ORBOperatingModeNormal) return;
-  timers_.cancelSettingsChangeTimer();
-
   const std::string primary = primaryLabel();
-  if (isServiceBeingTrackedForUserClientShutdownRequest(primary)) {
+  const EvaluationPermission permission = permissionToEvaluate(primary);
+  if (permission == EvaluationPermission::kInstallerIsAtWork ||
+      permission == EvaluationPermission::kPrimaryIsNotReady) {
+    return;
+  }
+  timers_.cancelSettingsChangeTimer();
+  if (permission == EvaluationPermission::kStoppedByUserInterface) {
     logStoppedByUserInterface(primary);
     return;
   }
@@ -58,24 +62,30 @@ void ORBServiceManager::evaluateSystemConfiguration() {
   scheduleReevaluation();
 }
 
+EvaluationPermission ORBServiceManager::permissionToEvaluate(const std::string& label) const {
+  return evaluationPermission(operatingMode_,
+                              isServiceBeingTrackedForUserClientShutdownRequest(label));
+}
+
 void ORBServiceManager::evaluateInformationForService(const std::string& label) {
-  if (operatingMode_ == ORBOperatingModeInstaller) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG,
-                       stringWithFormat("Installer operation mode: Cannot evalaute feature "
-                                        "information for service: %@ at this time",
-                                        label));
-    return;
-  }
-  if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG,
-                       stringWithFormat("Primary Service is not ready: Cannot evalaute feature "
-                                        "information for service: %@ at this time",
-                                        label));
-    return;
-  }
-  if (isServiceBeingTrackedForUserClientShutdownRequest(label)) {
-    logStoppedByUserInterface(label);
-    return;
+  switch (permissionToEvaluate(label)) {
+    case EvaluationPermission::kInstallerIsAtWork:
+      vantorlogger2_line(ASL_LEVEL_DEBUG,
+                         stringWithFormat("Installer operation mode: Cannot evalaute feature "
+                                          "information for service: %@ at this time",
+                                          label));
+      return;
+    case EvaluationPermission::kPrimaryIsNotReady:
+      vantorlogger2_line(ASL_LEVEL_DEBUG,
+                         stringWithFormat("Primary Service is not ready: Cannot evalaute feature "
+                                          "information for service: %@ at this time",
+                                          label));
+      return;
+    case EvaluationPermission::kStoppedByUserInterface:
+      logStoppedByUserInterface(label);
+      return;
+    case EvaluationPermission::kGranted:
+      break;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Evaluating service: %@", label));
   if (catalogue_.serviceType(label) == kCoreService) {

@@ -156,6 +156,9 @@ TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
   EXPECT_EQ(facts[kFactProgramIsIntact], Value(true));
   EXPECT_EQ(facts[kFactJob], Value(Dictionary{{"PID", process(kAgent)}}));
   EXPECT_EQ(facts[kFactHealth], Value());  // This product keeps none.
+  EXPECT_EQ(facts[kFactIsSupported], Value(true));
+  EXPECT_EQ(facts[kFactIsRetried], Value(false));
+  EXPECT_EQ(facts[kFactReason], Value("switch"));
   const auto row = [](const char* source, const char* key, Value expected, Value current,
                       const char* outcome) {
     Dictionary facts{{kFactFeature, "web"}, {kFactKey, key}, {kFactExpected, std::move(expected)}};
@@ -277,6 +280,7 @@ TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
   jobs_.setReachable(false);
   EXPECT_EQ(factsOf(kAgent)[kFactJob], Value());
   EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value(true));
+  EXPECT_EQ(factsOf(kAgent)[kFactReason], Value("unknown"));
 }
 
 TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
@@ -306,6 +310,7 @@ TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
   EXPECT_EQ(helper[kFactProgramFault], Value("changed"));
   EXPECT_EQ(helper[kFactJob], Value());
   EXPECT_EQ(helper[kFactSwitches], Value());
+  EXPECT_EQ(helper[kFactReason], Value("damaged"));
   const Value agent = factsOf(kAgent);
   EXPECT_EQ(agent[kFactProgramExists], Value(false));
   EXPECT_EQ(agent[kFactProgramIsIntact], Value());
@@ -322,8 +327,11 @@ TEST_F(OperatorTest, TheReleaseThatAServiceNeedsIsToldBesideTheSystems) {
   EXPECT_EQ(agent[kFactMinimumOSVersion], Value("10.11"));
   EXPECT_EQ(agent[kFactNeededKernel], Value(15));
   EXPECT_EQ(agent[kFactKernel], Value(14));
+  EXPECT_EQ(agent[kFactIsSupported], Value(false));
+  EXPECT_EQ(agent[kFactReason], Value("unsupported"));
   const Value helper = factsOf(kHelper);
   EXPECT_EQ(helper[kFactNeededKernel], Value());
+  EXPECT_EQ(helper[kFactIsSupported], Value(false));
   EXPECT_EQ(helper[kFactFeaturesAreMalformed], Value(true));
   EXPECT_EQ(countInLog("Unknown OS version"), 0u);  // It was not evaluated for it.
 }
@@ -334,6 +342,7 @@ TEST_F(OperatorTest, AServiceOfAnotherProductIsToldAsSuchAndAnUnknownOneNot) {
   EXPECT_EQ(facts[kFactIsOfProduct], Value(false));
   EXPECT_EQ(facts[kFactProducts], Value(Array{"kKLXInstallTypePersonalID"}));
   EXPECT_EQ(facts[kFactProduct], Value(kProduct));
+  EXPECT_EQ(facts[kFactReason], Value("otherProduct"));
   EXPECT_EQ(factsOf("com.example.nobody"), Value());
 }
 

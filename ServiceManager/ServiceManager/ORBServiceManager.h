@@ -14,10 +14,11 @@
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/Values/Value.h"
+#include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
-#include "ServiceManager/ServiceManager/OperatingMode.h"
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
@@ -278,6 +279,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void announceStartUpError(std::string_view error, std::string_view description);
 
   bool isPrimaryServiceUp();
+  EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
   void evaluateFeatureService(const std::string& label);
   // Whether the switch asks for the service to run, which it is made to do then.

@@ -24,6 +24,8 @@ inline constexpr char kFactOtherServices[] = "OtherServices";  // other products
 inline constexpr char kFactLabel[] = "Label";
 inline constexpr char kFactProducts[] = "Products";        // the names of those that it belongs to
 inline constexpr char kFactIsOfProduct[] = "IsOfProduct";  // boolean: the rest is there
+// Why it runs or does not; see reasonOf(). Also of another product's service.
+inline constexpr char kFactReason[] = "Reason";
 inline constexpr char kFactType[] = "Type";                // * see serviceTypeForLabel()
 inline constexpr char kFactIsMonitored[] = "IsMonitored";  // * boolean
 // * boolean: a user interface asked for it to be stopped.
@@ -34,6 +36,7 @@ inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface
 inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
 inline constexpr char kFactKernel[] = "KernelMajorNumber";
+inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this system
 inline constexpr char kFactProgram[] = "Program";  // its path; absent: the service has no job
 inline constexpr char kFactProgramExists[] = "ProgramExists";
 inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
@@ -44,6 +47,8 @@ inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that i
 inline constexpr char kFactJob[] = "Job";
 inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, where the host is silent
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
+// Boolean: it is one of those that are started again after kFactRetryIn.
+inline constexpr char kFactIsRetried[] = "IsRetried";
 // Boolean: its "Features" are no array.
 inline constexpr char kFactFeaturesAreMalformed[] = "FeaturesAreMalformed";
 inline constexpr char kFactSwitches[] = "Switches";  // array; a feature service's alone

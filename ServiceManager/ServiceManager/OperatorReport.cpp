@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/MinimumOSVersion.h"
-#include "ServiceManager/Catalogue/SwitchComparison.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
+#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -28,18 +29,26 @@ void setIfKnown(Dictionary& facts, const char* key, Value value) {
   if (!value.isNil()) facts.set(key, std::move(value));
 }
 
-const char* outcomeOf(const Value& expected, const Value& current) {
-  switch (compareSwitch(expected, current)) {
-    case SwitchComparison::kMatches:
+const char* wordOf(SwitchOutcome outcome) {
+  switch (outcome) {
+    case SwitchOutcome::kMatches:
       return kOutcomeMatches;
-    case SwitchComparison::kDiffers:
+    case SwitchOutcome::kDiffers:
       return kOutcomeDiffers;
-    case SwitchComparison::kRaises:
+    case SwitchOutcome::kClashes:
       return kOutcomeClashes;
-    case SwitchComparison::kAbsent:
+    case SwitchOutcome::kAbsent:
       return kOutcomeAbsent;
+    case SwitchOutcome::kNoAnswer:
+      return kOutcomeNoAnswer;
+    case SwitchOutcome::kRefused:
+      return kOutcomeRefused;
+    case SwitchOutcome::kNotAsked:
+      return kOutcomeNotAsked;
+    case SwitchOutcome::kNoSource:
+      return kOutcomeNoSource;
   }
-  return kOutcomeAbsent;
+  return kOutcomeNoSource;
 }
 
 bool isSilence(const NSException& exception) {
@@ -109,24 +118,36 @@ Value OperatorReport::factsOfService(std::string_view label) const {
   addOperatingFacts(facts);
   if (!isOfProduct) {
     facts.set(kFactProducts, catalogue.otherProductsServices()[label]);
+    facts.set(kFactReason, reasonOf({.isOfProduct = false}));
     return facts;
   }
   setIfKnown(facts, kFactProducts, entry["Products"]);
   addMarksOfService(facts, label);
-  facts.set(kFactIsPrimaryStopped,
-            environment_.records.isServiceBeingTrackedForUserClientShutdownRequest(
-                catalogue.primaryLabel()));
-  addSystemFacts(facts, entry);
-  addProgramFacts(facts, label);
-  addJobFacts(facts, label);
-  setIfKnown(facts, kFactHealth, healthRecord()[kHealthServices][label]);
-  addSwitches(facts, label);
+  const MonitoringRecords& records = environment_.records;
+  const std::string primary = catalogue.primaryLabel();
+  ServiceSituation situation{
+      .isPrimary = label == primary,
+      .type = catalogue.serviceType(label),
+      .operatingMode = environment_.operatingMode,
+      .isStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(label),
+      .isPrimaryStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(primary)};
+  facts.set(kFactIsPrimaryStopped, situation.isPrimaryStopped);
+  addSystemFacts(facts, situation, entry);
+  addProgramFacts(facts, situation, label);
+  situation.job = addJobFacts(facts, label);
+  addHealthFacts(facts, situation, label);
+  addSwitches(facts, situation, label);
+  facts.set(kFactReason, reasonOf(situation));
   return facts;
 }
 
-void OperatorReport::addSystemFacts(Dictionary& facts, const Value& entry) const {
-  facts.set(kFactKernel, NSProcessInfo::Extensions::systemMajorNumber(&environment_.system));
+void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situation,
+                                    const Value& entry) const {
+  const std::int64_t kernel = NSProcessInfo::Extensions::systemMajorNumber(&environment_.system);
+  facts.set(kFactKernel, kernel);
   const Value version = entry["MinimumOSVersion"];
+  situation.support = osSupport(version, kernel);
+  facts.set(kFactIsSupported, situation.support == OSSupport::kSupported);
   if (version.isNil()) return;
   facts.set(kFactMinimumOSVersion, stringWithFormat("%@", version));
   if (const auto needed = kernelMajorNumberForMinimumOSVersion(version)) {
@@ -134,29 +155,47 @@ void OperatorReport::addSystemFacts(Dictionary& facts, const Value& entry) const
   }
 }
 
-void OperatorReport::addProgramFacts(Dictionary& facts, std::string_view label) const {
+void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situation,
+                                     std::string_view label) const {
+  situation.program = std::nullopt;
   const Value jobInfo = environment_.catalogue.jobInfo(label);
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
-  const bool exists = environment_.files.fileExistsAtPath(*program);
-  facts.set(kFactProgramExists, exists);
-  if (!exists) return;
-  const ORBSigningValidator::Verdict verdict = environment_.validator.validateProgram(*program);
+  const auto [state, verdict] = checkProgram(*program, environment_.files, environment_.validator);
+  situation.program = state;
+  facts.set(kFactProgramExists, state != ProgramState::kMissing);
+  if (state == ProgramState::kMissing) return;
   facts.set(kFactProgramIsIntact, verdict.isIntact);
   if (!verdict.isIntact) facts.set(kFactProgramFault, verdict.reason);
   if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
 }
 
-void OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
+ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
   const Value job = environment_.jobs.copyJobDictionary(label);
-  if (job.isNil()) return;
-  if (isJobUnknown(job)) return facts.set(kFactJobIsUnknown, true);
+  if (job.isNil()) return ServiceJobState::kAbsent;
+  if (isJobUnknown(job)) {
+    facts.set(kFactJobIsUnknown, true);
+    return ServiceJobState::kUnknown;
+  }
   Dictionary state;
   for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
     setIfKnown(state, key, job[key]);
   }
   facts.set(kFactJob, std::move(state));
+  return jobStatusIn(job).process ? ServiceJobState::kRuns : ServiceJobState::kHasNoProcess;
+}
+
+void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situation,
+                                    std::string_view label) const {
+  const Value health = healthRecord()[kHealthServices][label];
+  setIfKnown(facts, kFactHealth, health);
+  const bool isReady = health[kHealthStatus] != Value(std::to_underlying(HealthStatus::kUnready));
+  const auto retry = environment_.timers.untilReevaluation();
+  const auto stop = environment_.timers.untilShutdown(label);
+  // A service that is stopped before the retry is no longer one of those that are not ready.
+  situation.isRetried = !isReady && retry && !(stop && *stop < *retry);
+  facts.set(kFactIsRetried, situation.isRetried);
 }
 
 Value OperatorReport::jobsOfServices(const Array& labels) const {
@@ -178,37 +217,41 @@ Value OperatorReport::jobsOfServices(const Array& labels) const {
   return all;
 }
 
-void OperatorReport::addSwitches(Dictionary& facts, std::string_view label) const {
-  if (environment_.catalogue.serviceType(label) != kFeatureService) return;
+void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
+                                 std::string_view label) const {
+  if (situation.type != kFeatureService) return;
   const auto configurations = featureConfigurations(environment_.catalogue, label);
-  if (!configurations) return facts.set(kFactFeaturesAreMalformed, true);
+  if (!configurations) {
+    situation.areFeaturesMalformed = true;
+    facts.set(kFactFeaturesAreMalformed, true);
+    return;
+  }
   Array all;
   SourceTimes left;
   for (const FeatureConfiguration& configuration : *configurations) {
     for (const auto& [key, expected] : configuration.switches) {
-      all.push_back(switchFacts(configuration, key, expected, left));
+      Dictionary row{
+          {kFactFeature, configuration.feature}, {kFactKey, key}, {kFactExpected, expected}};
+      situation.switches.push_back(lookAtSwitch(row, configuration, key, expected, left));
+      row.set(kFactOutcome, wordOf(situation.switches.back()));
+      all.push_back(std::move(row));
     }
   }
   facts.set(kFactSwitches, std::move(all));
 }
 
-Value OperatorReport::switchFacts(const FeatureConfiguration& configuration, const std::string& key,
-                                  const Value& expected, SourceTimes& left) const {
-  Dictionary facts{
-      {kFactFeature, configuration.feature}, {kFactKey, key}, {kFactExpected, expected}};
-  if (!configuration.source) {
-    facts.set(kFactOutcome, kOutcomeNoSource);
-    return facts;
-  }
+SwitchOutcome OperatorReport::lookAtSwitch(Dictionary& facts,
+                                           const FeatureConfiguration& configuration,
+                                           const std::string& key, const Value& expected,
+                                           SourceTimes& left) const {
+  if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
   SettingsSources::ConfigurationClients none;
   const auto& made = environment_.sources.configurationClients();
   const SettingsSources::ConfigurationClients& clients = made ? *made : none;
   const auto known = clients.find(*configuration.source);
-  if (known == clients.end() || !known->second) {
-    facts.set(kFactOutcome, known == clients.end() ? kOutcomeNotAsked : kOutcomeNoSource);
-    return facts;
-  }
+  if (known == clients.end()) return SwitchOutcome::kNotAsked;
+  if (!known->second) return SwitchOutcome::kNoSource;
   // One time for all switches of the server, however many there are.
   Duration& time = left.try_emplace(known->first, kLookTime).first->second;
   const Instant start = environment_.runLoop.now();
@@ -218,15 +261,12 @@ Value OperatorReport::switchFacts(const FeatureConfiguration& configuration, con
   time -= environment_.runLoop.now() - start;
   if (!current && isSilence(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.
-    facts.set(kFactOutcome, kOutcomeNoAnswer);
-    return facts;
+    return SwitchOutcome::kNoAnswer;
   }
   if (!current) {
     facts.set(kFactRefusal, refusalIn(current.error()));
-    facts.set(kFactOutcome, kOutcomeRefused);
-    return facts;
+    return SwitchOutcome::kRefused;
   }
   setIfKnown(facts, kFactCurrent, *current);
-  facts.set(kFactOutcome, outcomeOf(expected, *current));
-  return facts;
+  return outcomeOf(compareSwitch(expected, *current));
 }

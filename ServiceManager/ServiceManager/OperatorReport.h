@@ -13,6 +13,7 @@
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/FeatureSwitches.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
@@ -61,14 +62,22 @@ class OperatorReport {
  private:
   void addOperatingFacts(platform::Dictionary& facts) const;
   void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
-  void addSystemFacts(platform::Dictionary& facts, const platform::Value& entry) const;
-  void addProgramFacts(platform::Dictionary& facts, std::string_view label) const;
-  void addJobFacts(platform::Dictionary& facts, std::string_view label) const;
-  void addSwitches(platform::Dictionary& facts, std::string_view label) const;
+  ServiceJobState addJobFacts(platform::Dictionary& facts, std::string_view label) const;
+  // Each of these adds facts, and the same to the situation of the service.
+  void addSystemFacts(platform::Dictionary& facts, ServiceSituation& situation,
+                      const platform::Value& entry) const;
+  void addProgramFacts(platform::Dictionary& facts, ServiceSituation& situation,
+                       std::string_view label) const;
+  void addHealthFacts(platform::Dictionary& facts, ServiceSituation& situation,
+                      std::string_view label) const;
+  void addSwitches(platform::Dictionary& facts, ServiceSituation& situation,
+                   std::string_view label) const;
   // The rest of the time that each settings server gets to answer for these facts, by its prefix.
   using SourceTimes = std::map<std::string, platform::Duration>;
-  platform::Value switchFacts(const FeatureConfiguration& configuration, const std::string& key,
-                              const platform::Value& expected, SourceTimes& left) const;
+  // Adds what was found to the facts of the switch.
+  SwitchOutcome lookAtSwitch(platform::Dictionary& facts, const FeatureConfiguration& configuration,
+                             const std::string& key, const platform::Value& expected,
+                             SourceTimes& left) const;
   platform::Dictionary factsOfKext(const std::string& name,
                                    const std::optional<std::string>& identifier) const;
 

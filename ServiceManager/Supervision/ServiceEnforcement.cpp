@@ -4,7 +4,7 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/Catalogue/MinimumOSVersion.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -24,12 +24,13 @@ Value ServiceEnforcement::launchService(const std::string& label, bool firstTime
 }
 
 Value ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, bool firstTime) {
-  if (!environment_.files.fileExistsAtPath(*jobInfo["Program"].string())) {
+  const ProgramState program = programState(jobInfo);
+  if (program == ProgramState::kMissing) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Cannot find program path for service: %@", label));
     return {};
   }
-  if (!isProgramSound(jobInfo)) {
+  if (program == ProgramState::kDamaged) {
     logDamagedProgram(label);
     if (!firstTime) environment_.jobs.unloadJobFromLaunchD(label);
     return {};
@@ -48,8 +49,9 @@ Value ServiceEnforcement::launch(const std::string& label, const Value& jobInfo,
   return {};
 }
 
-bool ServiceEnforcement::isProgramSound(const Value& jobInfo) const {
-  return environment_.validator.validateProgram(*jobInfo["Program"].string()).isIntact;
+ProgramState ServiceEnforcement::programState(const Value& jobInfo) const {
+  const std::string& path = *jobInfo["Program"].string();
+  return checkProgram(path, environment_.files, environment_.validator).state;
 }
 
 void ServiceEnforcement::enforceRunningForService(const std::string& label,
@@ -79,8 +81,7 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
 
 std::optional<ServiceEnforcement::EnforcedJob> ServiceEnforcement::checkRunningService(
     const std::string& label, const Value& jobInfo, const JobStatus& known) {
-  if (!environment_.files.fileExistsAtPath(*jobInfo["Program"].string()) ||
-      !isProgramSound(jobInfo)) {
+  if (programState(jobInfo) != ProgramState::kSound) {
     logDamagedProgram(label);
     if (environment_.health) environment_.health->reportUnreadyStateForService(label);
     environment_.jobs.unloadJobFromLaunchD(label);
@@ -135,13 +136,12 @@ bool ServiceEnforcement::enforceShutdownForService(const std::string& label) {
 
 bool ServiceEnforcement::checkOSSupportForService(const std::string& label) const {
   const Value version = environment_.catalogue.service(label)["MinimumOSVersion"];
-  if (version.isNil()) return true;
-  const auto needed = kernelMajorNumberForMinimumOSVersion(version);
-  if (!needed) {
+  const OSSupport support =
+      osSupport(version, NSProcessInfo::Extensions::systemMajorNumber(&environment_.system));
+  if (support == OSSupport::kUnknownRelease) {
     vantorlogger2_line(
         ASL_LEVEL_ERR,
         stringWithFormat("Unknown OS version: '%@'.  Not starting service", version));
-    return false;
   }
-  return NSProcessInfo::Extensions::systemMajorNumber(&environment_.system) >= *needed;
+  return support == OSSupport::kSupported;
 }

@@ -14,6 +14,7 @@
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
+#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/ORBSigningValidator.h"
 
 // Makes one service run and be watched, or makes it stop. It does not decide which: that has been
@@ -66,7 +67,7 @@ class ServiceEnforcement {
                                                  const platform::Value& jobInfo,
                                                  const platform::JobStatus& known);
   platform::Value launch(const std::string& label, const platform::Value& jobInfo, bool firstTime);
-  bool isProgramSound(const platform::Value& jobInfo) const;
+  ProgramState programState(const platform::Value& jobInfo) const;
 
   const Environment environment_;
 };

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <iterator>
 #include <set>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
-#include "ServiceManager/ServiceManager/OperatingMode.h"
+#include "ServiceManager/Catalogue/OperatingMode.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
@@ -37,22 +39,15 @@ class Facts {
   const Value& operator[](const char* key) const { return facts_[key]; }
 
   std::string label() const { return text(kFactLabel); }
+  std::string reason() const { return text(kFactReason); }
   const JobState& job() const { return job_; }
   std::int64_t mode() const { return number(kFactOperatingMode); }
   bool isPrimary() const { return label() == text(kFactPrimary); }
   bool isFeature() const { return text(kFactType) == kFeatureService; }
-  bool isSupported() const {
-    if (!has(kFactMinimumOSVersion)) return true;
-    return has(kFactNeededKernel) && number(kFactKernel) >= number(kFactNeededKernel);
-  }
   const Array& switches() const {
     static const Array kNone;
     const Array* switches = facts_[kFactSwitches].array();
     return switches ? *switches : kNone;
-  }
-  // Then it is started in any mode.
-  bool isRetried() const {
-    return facts_[kFactHealth][kHealthStatus] == Value(0) && has(kFactRetryIn);
   }
   // The first switch of that outcome, nil where there is none.
   Value switchThat(std::string_view outcome) const {
@@ -90,19 +85,9 @@ std::string nameOfSwitch(const Value& row) {
                      plainOrShown(row[kFactFeature]));
 }
 
-// A reason's word, and what stands behind "LABEL runs as process N" or "LABEL does not run: ".
-using Reason = std::pair<std::string, std::string>;
-
-// Why a service is wanted, where the daemon may decide.
-Reason whyWanted(const Facts& facts) {
-  if (facts.isPrimary()) return {"primary", "every other service waits for it"};
-  if (!facts.isFeature()) return {"core", "every core service of the product is to run"};
-  const Value matching = facts.switchThat(kOutcomeMatches);
-  return {"switch", fmt::format("switch {} asks for it", nameOfSwitch(matching))};
-}
-
-bool isUnwantedFeature(const Facts& facts) {
-  return facts.isFeature() && !facts.isPrimary() && facts.switchThat(kOutcomeMatches).isNil();
+std::string textOfUnknownRelease(const Facts& facts) {
+  return fmt::format("it asks for release {}, which is not known",
+                     facts.text(kFactMinimumOSVersion));
 }
 
 // The names of the settings servers of which a switch has this outcome, each once.
@@ -114,93 +99,123 @@ std::string sourcesWith(const char* outcome, const Facts& facts) {
   return fmt::format("{}", fmt::join(names, ", "));
 }
 
-Reason whyUnwanted(const Facts& facts) {
-  if (facts.is(kFactFeaturesAreMalformed)) {
-    return {"malformedFeatures", "the features that the catalogue gives it are no list"};
-  }
-  if (facts.switches().empty()) return {"noSwitch", "no switch could ask for it"};
-  if (!facts.switchThat(kOutcomeNotAsked).isNil()) {
-    return {"notEvaluated", "its switches have not been looked at yet"};
-  }
-  if (const std::string silent = sourcesWith(kOutcomeNoAnswer, facts); !silent.empty()) {
-    return {"noAnswer",
-            "no switch asks for it that could be looked at, and no answer came from "
-            "the settings server of " +
-                silent};
-  }
-  if (const std::string refusing = sourcesWith(kOutcomeRefused, facts); !refusing.empty()) {
-    return {"refused",
-            "no switch asks for it that could be looked at, and an exception came from the "
-            "settings server of " +
-                refusing};
-  }
-  return {"noMatch", "none of its switches asks for it"};
-}
+// The text of the service manager's reason. Each is empty if the reason is not one of these.
 
-Reason whyItRuns(const Facts& facts) {
-  if (facts.is(kFactIsStopped)) return {"outlivedStop", "although it was asked to be stopped"};
-  if (!facts.isSupported()) return {"unsupported", "although this system is too old for it"};
-  if (isUnwantedFeature(facts)) {
-    const auto [word, text] = whyUnwanted(facts);
-    return {word, "although " + text + ", for the moment or until the next evaluation"};
-  }
-  const auto [word, text] = whyWanted(facts);
-  return {word, "because " + text};
-}
-
-// What keeps the daemon from starting it, whatever is wanted; an empty word where nothing does.
-Reason whatForbidsIt(const Facts& facts) {
-  if (!facts.has(kFactProgram)) {
-    return {"noJob", "the catalogue names no program that could be run for it"};
-  }
-  if (!facts.isSupported()) {
-    return {"unsupported", facts.has(kFactNeededKernel)
-                               ? fmt::format("it needs release {}, and this system is older",
-                                             facts.text(kFactMinimumOSVersion))
-                               : fmt::format("it asks for release {}, which is not known",
-                                             facts.text(kFactMinimumOSVersion))};
-  }
-  if (facts.is(kFactIsStopped)) {
-    return {"stopped", fmt::format("it was asked to be stopped; \"servicemanagerctl start {}\" "
-                                   "starts it",
-                                   facts.label())};
-  }
-  if (facts.isRetried()) return {};
-  if (facts.mode() == ORBOperatingModeInstaller) {
-    return {"installer", "an installer is at work, and it is not started until that has finished"};
-  }
-  if (facts.isPrimary()) return {};
-  if (facts.mode() == ORBOperatingModeWaitingForPrimaryService) {
-    return {"waiting", fmt::format("the configuration server is not up, and it is not started "
-                                   "until that is; \"servicemanagerctl explain {}\" tells of it",
-                                   facts.text(kFactPrimary))};
-  }
-  if (facts.is(kFactIsPrimaryStopped)) {
-    return {"primaryStopped",
-            "the primary service was asked to be stopped, and without it no other "
-            "is started"};
+std::string whyWanted(const Facts& facts) {
+  const std::string reason = facts.reason();
+  if (reason == kReasonPrimary) return "every other service waits for it";
+  if (reason == kReasonCore) return "every core service of the product is to run";
+  if (reason == kReasonSwitch) {
+    return fmt::format("switch {} asks for it", nameOfSwitch(facts.switchThat(kOutcomeMatches)));
   }
   return {};
 }
 
-Reason whyItDoesNotRun(const Facts& facts) {
-  if (facts.is(kFactJobIsUnknown)) return {"unknown", "the job host gives no answer"};
-  if (Reason reason = whatForbidsIt(facts); !reason.first.empty()) return reason;
-  if (isUnwantedFeature(facts)) return whyUnwanted(facts);
-  if (!facts.is(kFactProgramExists)) {
-    return {"noProgram", fmt::format("its program {} is not there", facts.text(kFactProgram))};
+std::string whyUnwanted(const Facts& facts) {
+  const std::string reason = facts.reason();
+  if (reason == kReasonMalformedFeatures) {
+    return "the features that the catalogue gives it are no list";
   }
-  if (!facts.is(kFactProgramIsIntact)) {
-    return {"damaged", fmt::format("its program is damaged or not signed as it should be: {}",
-                                   facts.text(kFactProgramFault))};
+  if (reason == kReasonNoSwitch) return "no switch could ask for it";
+  if (reason == kReasonNotEvaluated) return "its switches have not been looked at yet";
+  if (reason == kReasonNoAnswer) {
+    return "no switch asks for it that could be looked at, and no answer came from "
+           "the settings server of " +
+           sourcesWith(kOutcomeNoAnswer, facts);
   }
-  if (facts.has(kFactJob)) {
-    return {"ended",
-            fmt::format("it is wanted, and its process has ended ({}); the job host starts "
-                        "it again when its throttle allows it",
-                        inWords(facts.job().lastExit))};
+  if (reason == kReasonRefused) {
+    return "no switch asks for it that could be looked at, and an exception came from the "
+           "settings server of " +
+           sourcesWith(kOutcomeRefused, facts);
   }
-  return {"notStarted", "it is wanted but was not started; \"servicemanagerctl log\" tells why"};
+  if (reason == kReasonNoMatch) return "none of its switches asks for it";
+  return {};
+}
+
+std::string whyItIsNotToRun(const Facts& facts) {
+  const std::string reason = facts.reason();
+  if (reason == kReasonOutlivedStop) return "it was asked to be stopped";
+  if (reason != kReasonUnsupported) return {};
+  return facts.has(kFactNeededKernel) ? "this system is too old for it"
+                                      : textOfUnknownRelease(facts);
+}
+
+std::string whatForbidsIt(const Facts& facts) {
+  const std::string reason = facts.reason();
+  if (reason == kReasonNoJob) return "the catalogue names no program that could be run for it";
+  if (reason == kReasonUnsupported) {
+    return facts.has(kFactNeededKernel)
+               ? fmt::format("it needs release {}, and this system is older",
+                             facts.text(kFactMinimumOSVersion))
+               : textOfUnknownRelease(facts);
+  }
+  if (reason == kReasonStopped) {
+    return fmt::format("it was asked to be stopped; \"servicemanagerctl start {}\" starts it",
+                       facts.label());
+  }
+  if (reason == kReasonInstaller) {
+    return "an installer is at work, and it is not started until that has finished";
+  }
+  if (reason == kReasonWaiting) {
+    return fmt::format(
+        "the configuration server is not up, and it is not started until that is; "
+        "\"servicemanagerctl explain {}\" tells of it",
+        facts.text(kFactPrimary));
+  }
+  if (reason == kReasonPrimaryStopped) {
+    return "the primary service was asked to be stopped, and without it no other is started";
+  }
+  return {};
+}
+
+std::string whyItIsDown(const Facts& facts) {
+  const std::string reason = facts.reason();
+  if (reason == kReasonUnknown) return "the job host gives no answer";
+  if (reason == kReasonNoProgram) {
+    return fmt::format("its program {} is not there", facts.text(kFactProgram));
+  }
+  if (reason == kReasonDamaged) {
+    return fmt::format("its program is damaged or not signed as it should be: {}",
+                       facts.text(kFactProgramFault));
+  }
+  if (reason == kReasonEnded) {
+    return fmt::format(
+        "it is wanted, and its process has ended ({}); the job host starts it again "
+        "when its throttle allows it",
+        inWords(facts.job().lastExit));
+  }
+  if (reason == kReasonNotStarted) {
+    return "it is wanted but was not started; \"servicemanagerctl log\" tells why";
+  }
+  return {};
+}
+
+// The verdict, for a service that is managed here.
+
+constexpr char kNoReason[] = "the service manager gives no reason that this tool knows";
+
+std::string verdictOfRunning(const Facts& facts) {
+  const std::string is = fmt::format("{} runs as process {}", facts.label(), *facts.job().process);
+  if (const std::string why = whyWanted(facts); !why.empty()) {
+    return fmt::format("{}, because {}.", is, why);
+  }
+  if (const std::string why = whyItIsNotToRun(facts); !why.empty()) {
+    return fmt::format("{}, although {}.", is, why);
+  }
+  if (const std::string why = whyUnwanted(facts); !why.empty()) {
+    return fmt::format("{}, although {}, for the moment or until the next evaluation.", is, why);
+  }
+  return fmt::format("{}; {}.", is, kNoReason);
+}
+
+std::string verdictOfNotRunning(const Facts& facts) {
+  const std::string is = facts.is(kFactJobIsUnknown)
+                             ? fmt::format("Whether {} runs is not known", facts.label())
+                             : fmt::format("{} does not run", facts.label());
+  for (const auto why : {whatForbidsIt, whyUnwanted, whyItIsDown}) {
+    if (const std::string text = why(facts); !text.empty()) return fmt::format("{}: {}.", is, text);
+  }
+  return fmt::format("{}: {}.", is, kNoReason);
 }
 
 // The details.
@@ -218,7 +233,7 @@ std::string aboutSystem(const Facts& facts) {
   }
   return fmt::format("needs release {} (kernel {}), and this is kernel {}: {}", version,
                      facts.number(kFactNeededKernel), facts.number(kFactKernel),
-                     facts.isSupported() ? "supported" : "not supported");
+                     facts.is(kFactIsSupported) ? "supported" : "not supported");
 }
 
 std::string aboutMode(const Facts& facts) {
@@ -290,10 +305,12 @@ std::string aboutLastExit(const Facts& facts) {
 }
 
 std::string aboutRetry(const Facts& facts) {
-  if (facts.isRetried()) {
+  if (facts.is(kFactIsRetried)) {
     return "in " + inSeconds(facts[kFactRetryIn]);
   }
-  if (facts.has(kFactSettingsEvaluationIn)) {
+  const bool isEvaluated = evaluationPermission(facts.mode(), facts.is(kFactIsPrimaryStopped)) ==
+                           EvaluationPermission::kGranted;
+  if (isEvaluated && facts.has(kFactSettingsEvaluationIn)) {
     return fmt::format("everything is evaluated in {}, since a setting was changed",
                        inSeconds(facts[kFactSettingsEvaluationIn]));
   }
@@ -343,21 +360,14 @@ Explanation explain(const Value& value) {
   Explanation explanation{
       .runs = facts.job().process.has_value(), .reason = {}, .verdict = {}, .details = {}};
   explanation.details = detailsOf(facts);
-  if (!facts.is(kFactIsOfProduct)) {
-    explanation.reason = "otherProduct";
+  explanation.reason = facts.reason();
+  if (explanation.reason == kReasonOtherProduct) {
     explanation.verdict =
         fmt::format("{} is not managed here: it belongs to {}, and installed is {}.", facts.label(),
                     namesIn(facts[kFactProducts]), facts.text(kFactProduct));
-    return explanation;
+  } else {
+    explanation.verdict = explanation.runs ? verdictOfRunning(facts) : verdictOfNotRunning(facts);
   }
-  const Reason reason = explanation.runs ? whyItRuns(facts) : whyItDoesNotRun(facts);
-  explanation.reason = reason.first;
-  explanation.verdict =
-      explanation.runs ? fmt::format("{} runs as process {}, {}.", facts.label(),
-                                     *facts.job().process, reason.second)
-      : facts.is(kFactJobIsUnknown)
-          ? fmt::format("Whether {} runs is not known: {}.", facts.label(), reason.second)
-          : fmt::format("{} does not run: {}.", facts.label(), reason.second);
   return explanation;
 }
 

@@ -12,7 +12,7 @@
 // Why a service runs or not, in plain words.
 struct Explanation {
   bool runs = false;
-  // One word for programs: which of the reasons in Explanation.cpp it is.
+  // The service manager's word for it; see reasonOf(). Empty if it gives none.
   std::string reason;
   // A sentence that names the service and the reason.
   std::string verdict;

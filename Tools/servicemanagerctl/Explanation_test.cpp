@@ -24,6 +24,7 @@ using Changes = std::vector<Dictionary::Entry>;
 Value factsWith(const Changes& changes) {
   Dictionary facts{{kFactLabel, "agent"},
                    {kFactIsOfProduct, true},
+                   {kFactReason, "core"},
                    {kFactProduct, "home"},
                    {kFactProducts, Array{"home", "office"}},
                    {kFactPrimary, "configd"},
@@ -33,6 +34,7 @@ Value factsWith(const Changes& changes) {
                    {kFactIsStopped, false},
                    {kFactIsPrimaryStopped, false},
                    {kFactKernel, 15},
+                   {kFactIsSupported, true},
                    {kFactProgram, "/opt/agent"},
                    {kFactProgramExists, true},
                    {kFactProgramIsIntact, true},
@@ -66,7 +68,7 @@ Changes feature(Array switches, Changes more = {}) {
 }
 
 struct ExplanationRow {
-  const char* reason;
+  const char* reason;  // the service manager's
   Changes changes;
   const char* verdict;
 };
@@ -85,8 +87,11 @@ const std::vector<ExplanationRow> kRunning{
      {{kFactIsStopped, true}},
      "agent runs as process 7, although it was asked to be stopped."},
     {"unsupported",
-     {{kFactMinimumOSVersion, "10.12"}},
+     {{kFactMinimumOSVersion, "10.11"}, {kFactNeededKernel, 15}, {kFactKernel, 14}},
      "agent runs as process 7, although this system is too old for it."},
+    {"unsupported",
+     {{kFactMinimumOSVersion, "10.12"}},
+     "agent runs as process 7, although it asks for release 10.12, which is not known."},
 };
 
 const std::vector<ExplanationRow> kNotRunning{
@@ -153,17 +158,20 @@ const std::vector<ExplanationRow> kNotRunning{
 
 TEST(ExplanationTest, AServiceThatRunsHasOneOfTheseReasons) {
   for (const ExplanationRow& row : kRunning) {
-    const Explanation explanation = explain(factsWith(row.changes));
+    Changes changes = row.changes;
+    changes.emplace_back(kFactReason, row.reason);
+    const Explanation explanation = explain(factsWith(changes));
     EXPECT_TRUE(explanation.runs);
     EXPECT_EQ(explanation.reason, row.reason);
     EXPECT_EQ(explanation.verdict, row.verdict);
   }
 }
 
-TEST(ExplanationTest, AServiceThatDoesNotRunHasTheFirstReasonThatApplies) {
+TEST(ExplanationTest, AServiceThatDoesNotRunHasOneOfTheseReasons) {
   for (const ExplanationRow& row : kNotRunning) {
     Changes changes = row.changes;
     changes.emplace_back(kFactJob, Value());
+    changes.emplace_back(kFactReason, row.reason);
     const Explanation explanation = explain(factsWith(changes));
     EXPECT_FALSE(explanation.runs);
     EXPECT_EQ(explanation.reason, row.reason);
@@ -172,8 +180,8 @@ TEST(ExplanationTest, AServiceThatDoesNotRunHasTheFirstReasonThatApplies) {
 }
 
 TEST(ExplanationTest, AJobWithoutAProcessIsWaitedFor) {
-  const Explanation explanation =
-      explain(factsWith({{kFactJob, Dictionary{{"LastExitStatus", SIGKILL}}}}));
+  const Explanation explanation = explain(
+      factsWith({{kFactReason, "ended"}, {kFactJob, Dictionary{{"LastExitStatus", SIGKILL}}}}));
   EXPECT_EQ(explanation.reason, "ended");
   EXPECT_EQ(explanation.verdict,
             "agent does not run: it is wanted, and its process has ended (killed by SIGKILL); the "
@@ -184,6 +192,7 @@ TEST(ExplanationTest, AJobWithoutAProcessIsWaitedFor) {
 TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {
   const Explanation explanation = explain(Dictionary{{kFactLabel, "agent"},
                                                      {kFactIsOfProduct, false},
+                                                     {kFactReason, "otherProduct"},
                                                      {kFactProduct, "home"},
                                                      {kFactProducts, Array{"office"}}});
   EXPECT_EQ(explanation.verdict,
@@ -198,6 +207,8 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
                aSwitch("absent"), aSwitch("noAnswer"), aSwitch("notAsked"), aSwitch("noSource")},
               {{kFactMinimumOSVersion, "10.10"},
                {kFactNeededKernel, 14},
+               {kFactReason, "switch"},
+               {kFactIsRetried, true},
                {kFactRetryIn, 12.34},
                {kFactStopIn, 2.04},
                {kFactSettingsChangesWait, true},
@@ -251,8 +262,8 @@ TEST(ExplanationTest, OnlyWhatRunsWillBeStopped) {
 }
 
 TEST(ExplanationTest, WhatTheJobHostDoesNotTellIsNotKnown) {
-  const Explanation explanation =
-      explain(factsWith({{kFactJob, Value()}, {kFactJobIsUnknown, true}}));
+  const Explanation explanation = explain(
+      factsWith({{kFactJob, Value()}, {kFactJobIsUnknown, true}, {kFactReason, "unknown"}}));
   EXPECT_EQ(explanation.reason, "unknown");
   EXPECT_EQ(explanation.verdict, "Whether agent runs is not known: the job host gives no answer.");
 }
@@ -280,24 +291,43 @@ TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {
     return std::string();
   };
   EXPECT_EQ(retry({}), "none is due");
-  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactHealth, Dictionary{{kHealthStatus, 1}}}}),
-            "none is due");  // Of others.
+  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, false}}), "none is due");  // Of others.
+  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, true}, {kFactOperatingMode, 1}}),
+            "in 5.0 s");
   EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}}),
             "everything is evaluated in 1.5 s, since a setting was changed");
   EXPECT_EQ(retry({{kFactOperatingMode, 2}}),
             "when the configuration server announces itself, or in 100.0 s");
+  // The timer of the change ends without an evaluation.
+  EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}, {kFactOperatingMode, 1}}), "none is due");
+  EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}, {kFactOperatingMode, 2}}),
+            "when the configuration server announces itself, or in 100.0 s");
+  EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}, {kFactIsPrimaryStopped, true}}),
+            "none is due");
 }
 
 TEST(ExplanationTest, WhatIsMissingOrMalformedCountsAsAbsent) {
-  EXPECT_EQ(explain(Value()).reason, "otherProduct");
-  EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, 1}}).reason, "otherProduct");
-  EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, true}}).reason, "noJob");
+  for (const Value& facts : {Value(), Value(Dictionary{{kFactIsOfProduct, 1}})}) {
+    EXPECT_EQ(explain(facts).reason, "");
+    EXPECT_EQ(explain(facts).details.size(), 1u);  // The product.
+  }
+  EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, true}}).reason, "");
   const Explanation odd = explain(factsWith({{kFactSwitches, Array{1, "x", Dictionary()}},
                                              {kFactOperatingMode, 9},
                                              {kFactHealth, "text"},
                                              {kFactProducts, 3}}));
   EXPECT_THAT(odd.details, Contains(Pair("mode", "9, which this tool does not know")));
   EXPECT_THAT(odd.details, Contains(Pair("product", "belongs to no product; installed is home")));
+}
+
+TEST(ExplanationTest, AReasonThatIsMissingOrUnknownIsSaidSo) {
+  for (const Value& reason : {Value(), Value(1), Value("moonPhase")}) {
+    EXPECT_EQ(explain(factsWith({{kFactReason, reason}})).verdict,
+              "agent runs as process 7; the service manager gives no reason that this tool knows.");
+    EXPECT_EQ(explain(factsWith({{kFactReason, reason}, {kFactJob, Value()}})).verdict,
+              "agent does not run: the service manager gives no reason that this tool knows.");
+  }
+  EXPECT_EQ(explain(factsWith({{kFactReason, "moonPhase"}})).reason, "moonPhase");
 }
 
 TEST(ExplanationTest, NoControlCharacterReachesTheTerminal) {
@@ -309,11 +339,13 @@ TEST(ExplanationTest, NoControlCharacterReachesTheTerminal) {
                                                                         {kFactCurrent, kHostile},
                                                                         {kFactOutcome, "matches"}}},
                                                             {{kFactLabel, kHostile},
+                                                             {kFactReason, "switch"},
                                                              {kFactProgram, kHostile},
                                                              {kFactProduct, kHostile},
                                                              {kFactProgramIdentifier, kHostile},
                                                              {kFactProducts, Array{kHostile}}})));
   EXPECT_THAT(asText(explanation, Reader::kOther), Not(HasSubstr("\033")));
+  EXPECT_EQ(explain(factsWith({{kFactReason, kHostile}})).reason, "\\u001b[2J\\n");
 }
 
 TEST(ExplanationTest, ProgramsGetTheFactsToo) {

@@ -1,0 +1,140 @@
+// The reason in a service's facts is what the daemon does with the service.
+
+#include <chrono>
+
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+class OperatorReasonTest : public StartUpFixture {
+ protected:
+  // A core service, a feature service with a switch that asks for it, and a health record.
+  void startAll() {
+    keepsHealthRecord_ = true;
+    installProduct("3D8F1A20-6B4C-4E7A-9C11-5A2E7B90C4D1");
+    Dictionary services;
+    const auto add = [&](const char* label, Dictionary service) {
+      service.set("Products", Array{"kKLXInstallTypeHouseholdID"});
+      services.set(label, std::move(service));
+    };
+    add(kPrimary, entry("configd"));
+    add(kHelper, entry("helper"));
+    add(kAgent, entry("agent", {{"Features", Array{"web"}}}));
+    Dictionary all = catalogue(services);
+    const Dictionary config{{"Source", "common"}, {"Switches", Dictionary{{"on", 1}}}};
+    all.set("Features", Dictionary{{"web", Dictionary{{"Config", Array{config}}}}});
+    install(all);
+    settings("common") = {{"on", isOn_}};
+    startConfigurationServer();
+    start();
+    loop_.advanceBy(1s);
+  }
+
+  std::string reasonOf(const char* label) {
+    const Value facts = manager().report().factsOfService(label);
+    const std::string* reason = facts[kFactReason].string();
+    return reason ? *reason : "";
+  }
+  bool isRetried(const char* label) {
+    return manager().report().factsOfService(label)[kFactIsRetried] == Value(true);
+  }
+
+  int isOn_ = 1;
+};
+
+TEST_F(OperatorReasonTest, EachRunningServiceHasItsOwnReason) {
+  startAll();
+  EXPECT_EQ(reasonOf(kPrimary), "primary");
+  EXPECT_EQ(reasonOf(kHelper), "core");
+  EXPECT_EQ(reasonOf(kAgent), "switch");
+  EXPECT_FALSE(isRetried(kHelper));
+}
+
+TEST_F(OperatorReasonTest, AStoppedServiceIsNotStartedByAnEvaluation) {
+  startAll();
+  manager().stopServices({kHelper});
+  EXPECT_EQ(reasonOf(kHelper), "stopped");
+  manager().evaluateSystemConfiguration();
+  EXPECT_FALSE(isRunning(kHelper));
+  manager().startServices({kHelper});
+  EXPECT_EQ(reasonOf(kHelper), "core");
+}
+
+TEST_F(OperatorReasonTest, AnInstallerKeepsServicesDown) {
+  startAll();
+  manager().shutdownServices({kHelper, kAgent});
+  EXPECT_EQ(reasonOf(kHelper), "installer");
+  EXPECT_EQ(reasonOf(kAgent), "installer");
+  EXPECT_EQ(reasonOf(kPrimary), "primary");
+  manager().evaluateInformationForService(kHelper);
+  EXPECT_FALSE(isRunning(kHelper));
+}
+
+TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
+  startAll();
+  manager().stopServices({kHelper});
+  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().trackServiceForUserClientShutdownRequest(kHelper, false);
+  EXPECT_EQ(reasonOf(kHelper), "waiting");
+  manager().evaluateInformationForService(kHelper);
+  EXPECT_FALSE(isRunning(kHelper));
+}
+
+TEST_F(OperatorReasonTest, WithoutThePrimaryServiceNoOtherIsStarted) {
+  startAll();
+  manager().enforceShutdownForService(kHelper);
+  manager().stopServices({kPrimary});
+  EXPECT_EQ(reasonOf(kPrimary), "stopped");
+  EXPECT_EQ(reasonOf(kHelper), "primaryStopped");
+  manager().evaluateSystemConfiguration();
+  EXPECT_FALSE(isRunning(kHelper));
+}
+
+TEST_F(OperatorReasonTest, AFeatureServiceRunsUntilItsShutdownIsDue) {
+  startAll();
+  settings_["common"]["on"] = 0;
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");
+  manager().evaluateSystemConfiguration();
+  EXPECT_TRUE(isRunning(kAgent));
+  loop_.advanceBy(3s);
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");
+}
+
+TEST_F(OperatorReasonTest, AFeatureServiceThatIsOffIsNotRetried) {
+  isOn_ = 0;
+  startAll();
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");
+  EXPECT_FALSE(isRetried(kAgent));
+  EXPECT_EQ(manager().report().factsOfService(kAgent)[kFactStopIn], Value(2.1));
+  loop_.advanceBy(30s);
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");
+}
+
+TEST_F(OperatorReasonTest, AServiceIsRetriedWhileAnInstallerIsAtWork) {
+  startAll();
+  files_.remove(pathOf("agent"));
+  manager().evaluateSystemConfiguration();
+  ASSERT_FALSE(isRunning(kAgent));
+  EXPECT_EQ(reasonOf(kAgent), "noProgram");
+  EXPECT_TRUE(isRetried(kAgent));
+  manager().shutdownServices({kHelper});
+  settings_["common"]["on"] = 0;
+  EXPECT_EQ(reasonOf(kHelper), "installer");
+  EXPECT_EQ(reasonOf(kAgent), "noProgram");
+  damageProgram("agent");
+  files_.addFile(pathOf("agent"));
+  EXPECT_EQ(reasonOf(kAgent), "damaged");
+  addProgram("agent");
+  EXPECT_EQ(reasonOf(kAgent), "notStarted");
+  loop_.advanceBy(20s);
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_FALSE(isRunning(kHelper));
+}
+
+}  // namespace
