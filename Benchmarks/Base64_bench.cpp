@@ -1,4 +1,4 @@
-// What Base64 costs, against OpenSSL's coder.
+// The cost of Base64, against OpenSSL's coder.
 
 #include <cstdint>
 #include <memory>
@@ -21,14 +21,14 @@ const bool kGoals =
 
 const std::vector<std::uint8_t>& bytes() {
   static const std::vector<std::uint8_t> data = [] {
-    std::vector<std::uint8_t> made(1024 * 1024 - 1);  // Whole groups.
+    std::vector<std::uint8_t> made(1024 * 1024 - 1);  // A whole number of groups.
     for (std::size_t i = 0; i < made.size(); ++i) made[i] = static_cast<std::uint8_t>(i * 31);
     return made;
   }();
   return data;
 }
 
-// Not filled with zeros first, as ours is not.
+// Not zeroed, as in our code.
 std::unique_ptr<unsigned char[]> newBuffer(std::size_t size) {
   return std::make_unique_for_overwrite<unsigned char[]>(size);
 }

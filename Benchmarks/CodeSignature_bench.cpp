@@ -1,4 +1,4 @@
-// What checks of code signatures cost: an unchanged program again, and a changed one.
+// The cost of verifying code signatures: of an unchanged program again, and of a changed one.
 
 #include <chrono>
 #include <cstdlib>
@@ -37,7 +37,7 @@ constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::
 constexpr std::chrono::sys_seconds kNow = std::chrono::sys_days{std::chrono::January / 1 / 2060};
 constexpr std::chrono::sys_seconds kTo = std::chrono::sys_days{std::chrono::January / 1 / 2070};
 
-// A platform root with one anchor and a program that it trusts, some folders deep.
+// A platform root with one anchor and a trusted program, some folders deep.
 class SignedProgramBed {
  public:
   explicit SignedProgramBed(std::size_t bytes) {
@@ -63,7 +63,7 @@ class SignedProgramBed {
     if (!verdict) std::abort();
     benchmark::DoNotOptimize(verdict->get());
   }
-  // A time at which nothing is remembered, since the program has just been written.
+  // A time at which no verdict is cached, since the program has just been written.
   void setNowToChange() {
     struct stat status{};
     if (::stat(path_.c_str(), &status) != 0) std::abort();
@@ -114,7 +114,7 @@ BENCHMARK(hashSubject)->Name("signature-hash/subject");
 
 void hashBaseline(benchmark::State& state) {
   const SignedProgramBed& bed = largeProgram();
-  // Of the usual sizes, the one with which this is fastest.
+  // The fastest of the usual sizes.
   constexpr std::size_t kPieceBytes = 128 * 1024;
   const auto piece = std::make_unique<unsigned char[]>(kPieceBytes);
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),

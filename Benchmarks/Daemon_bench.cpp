@@ -1,5 +1,5 @@
-// What the daemon adds to the job host that starts and keeps the services: in the time until a
-// service is back, for each evaluation, at its start, in memory, and for a question.
+// The cost that the daemon adds to the job host, which starts and keeps the services: the time
+// until a service is back, the time of each evaluation, of its start and of a question, and memory.
 
 #include <chrono>
 #include <csignal>
@@ -72,14 +72,14 @@ double since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Verdicts on files are remembered once nobody has changed them for two seconds; an installed
-// product's files are older than that.
+// Verdicts on a file are cached once it has not changed for two seconds; the files of an installed
+// product are older than that.
 void awaitUnchangedFiles() { ::usleep(2'200'000); }
 
-// The root's own checks speak to a test, and to nobody where there is none.
+// The root's own checks report to a test, and nowhere without one.
 bool hasFailed() { return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed(); }
 
-// The real daemon, which watches this many services.
+// The real daemon with this many services.
 class RealDaemon {
  public:
   explicit RealDaemon(int services) {
@@ -89,7 +89,7 @@ class RealDaemon {
     root_.awaitStart();
     const std::string last = DaemonRoot::label(services - 1);
     root_.awaitLog("Evaluating service: " + last + "\n");
-    // It answers when it has done what it has said.
+    // It answers when it has done all that it has logged.
     client_.emplace(root_);
     isReady_ = client_->ask("pidForService:", {last}).has_value() && !hasFailed();
   }
@@ -175,12 +175,12 @@ class DaemonInProcess {
       [this](std::string_view name) { return pathOfConnection(root_.path(), name); }};
   ProtocolTable protocols_;
   SettingsClientFactories factories_;
-  // Of no use to what is measured.
-  VirtualRunLoop nobodysLoop_;
-  FakePeerNetwork nobodysNetwork_{nobodysLoop_};
+  // not used by the benchmark
+  VirtualRunLoop unusedLoop_;
+  FakePeerNetwork nobodysNetwork_{unusedLoop_};
   FakeXPC xpc_{nobodysNetwork_, {}, linux_->systemLog};
-  FakeKernelControls controls_{nobodysLoop_};
-  FakeKernelExtensions extensions_{nobodysLoop_, controls_};
+  FakeKernelControls controls_{unusedLoop_};
+  FakeKernelExtensions extensions_{unusedLoop_, controls_};
   FakeExtendedAttributes attributes_;
   std::vector<std::string> labels_;
   Dictionary entries_;
@@ -198,7 +198,7 @@ void restartSubject(benchmark::State& state) {
     if (notice.status == 1) daemon.root().loop().stop();
   };
   for (auto _ : state) {
-    // It answers when it has evaluated all services after the one before.
+    // It answers when it has evaluated all services for the previous change.
     const MessageResult process = client.ask("pidForService:", {label});
     if (!process || !process->integer()) return state.SkipWithError("no process");
     client.forgetNotices();
@@ -275,10 +275,10 @@ void evaluationBaseline(benchmark::State& state) {
 }
 BENCHMARK(evaluationBaseline)->Name("daemon-evaluation/baseline")->UseRealTime();
 
-// The daemon's class on a machine that is only played: as many processes as wanted cost nothing.
-class PlayedDaemon : public ServiceManagerFixture {
+// The daemon's class on a fake machine, where any number of processes costs nothing.
+class FakeMachineDaemon : public ServiceManagerFixture {
  public:
-  explicit PlayedDaemon(int services) {
+  explicit FakeMachineDaemon(int services) {
     Dictionary entries{{kPrimary, entry("program")}};
     for (int i = 1; i < services; ++i) entries.set(DaemonRoot::label(i), entry("program"));
     use(catalogue(std::move(entries)));
@@ -297,7 +297,7 @@ class PlayedDaemon : public ServiceManagerFixture {
 
 void evaluatePlayed(benchmark::State& state) {
   const auto services = static_cast<int>(state.range(0));
-  PlayedDaemon daemon(services);
+  FakeMachineDaemon daemon(services);
   for (auto _ : state) {
     const auto start = Clock::now();
     daemon.evaluate();
@@ -375,7 +375,7 @@ void submitBaseline(benchmark::State& state) {
 }
 BENCHMARK(submitBaseline)->Name("daemon-1000-submit/baseline")->UseManualTime()->Iterations(1);
 
-// What the process has in memory for itself, its page tables included.
+// The private memory of the process, with its page tables.
 std::optional<double> memoryOf(ProcessId process) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   std::optional<double> bytes;

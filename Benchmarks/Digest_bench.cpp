@@ -1,4 +1,4 @@
-// What digests of large data cost, against the library's own way of measuring them.
+// The cost of digests of large data, against the library's own benchmark.
 
 #include <cstdint>
 #include <vector>

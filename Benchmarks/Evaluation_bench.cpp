@@ -1,4 +1,4 @@
-// What an evaluation costs beside the questions that it has to ask other programs.
+// The cost of an evaluation beside its questions to other programs.
 
 #include <csignal>
 #include <memory>
@@ -69,7 +69,7 @@ class NullSink final : public LogSink {
 std::string labelOf(int number) { return "com.example.service" + std::to_string(number); }
 std::string keyOf(int number) { return "switch" + std::to_string(number); }
 
-// Every other setting is 1, the rest 0.
+// Every other setting is 1, the others 0.
 struct Settings final : MessageReceiver {
   MessageResult receiveMessage(std::string_view, const Array& arguments) override {
     const std::string* key = arguments.front().string();
@@ -77,7 +77,7 @@ struct Settings final : MessageReceiver {
   }
 };
 
-// What a program of the product has of its platform.
+// One program's platform objects.
 struct Program {
   explicit Program(const TemporaryFolder& root)
       : system(defaultPlatformConfiguration(root.path()), "/proc"),
@@ -163,14 +163,14 @@ class ServerProcess {
   bool started_ = false;
 };
 
-// The daemon with its services running, beside a settings server and a job host. It serves nothing.
+// The daemon with its services running, a settings server and a job host. It serves no clients.
 class Bed {
  public:
   Bed() {
     if (!settingsServer_.started() || !jobHost_.started()) return;
     manager_.setServiceInfo(catalogue());
     manager_.setMonitoredProcessesInfo(records());
-    manager_.evaluateSystemConfiguration();  // From now on all run and are watched.
+    manager_.evaluateSystemConfiguration();  // From now on all services run and are watched.
     client_ = KLXGlobalSettingsClient::commonSettingsClientWithDelegate(environment(), nullptr);
     isReady_ = manager_.isServiceBeingTrackedForRespawn(labelOf(kServices - 1)) &&
                client_->objectForKey(keyOf(0)) == Value(1);
@@ -229,7 +229,7 @@ class Bed {
             program_.center, program_.protocols,   program_.system};
   }
   ServiceManagerPlatform platform() {
-    // That a check of an unchanged program costs next to nothing is measured elsewhere.
+    // Another benchmark measures the check of an unchanged program.
     signatures_.addValid("/bin/sleep", SecStaticCode::Kind::kProgram, "sleep");
     addSettingsClientFactories(factories_, environment());
     return {*program_.loop,
@@ -256,7 +256,7 @@ class Bed {
   }
 
   TemporaryFolder root_;
-  // Before there are threads here.
+  // Forked before this process starts threads.
   const ServerProcess jobHost_{root_, &serveJobs};
   const ServerProcess settingsServer_{root_, &serveSettings};
   Program program_{root_};

@@ -1,4 +1,4 @@
-// How long it takes from the end of a watched process to its callback.
+// The time from the end of a watched process to its callback.
 
 extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
@@ -39,7 +39,7 @@ pid_t startProcess() {
   for (;;) ::pause();
 }
 
-// As many living processes for the one measurement as for the other.
+// The same number of living processes for both measurements.
 class Processes {
  public:
   Processes() {

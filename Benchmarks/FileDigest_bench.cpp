@@ -1,4 +1,4 @@
-// What the executable-information service needs to hash a large file.
+// The cost of hashing a large file for the executable-information service.
 
 #include <cstdlib>
 #include <fstream>

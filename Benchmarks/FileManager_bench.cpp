@@ -1,4 +1,4 @@
-// What matching a folder's names costs, against reading them.
+// The cost of matching a folder's names, against reading them.
 
 #include <cstdlib>
 #include <filesystem>

@@ -4,13 +4,13 @@
 
 namespace benchmarks {
 
-// What one group of measurements is for. A group is a pair of Google benchmarks named
-// "GROUP/subject" and "GROUP/baseline", which are run interleaved in one process; the report sets
-// the median time of an iteration of the one against that of the other.
+// The purpose of one group of measurements. A group is a pair of Google benchmarks named
+// "GROUP/subject" and "GROUP/baseline", which run interleaved in one process; the report compares
+// the median times of their iterations.
 struct Goal {
   std::string group;
   double ratio = 1;     // subject's time divided by the baseline's
-  std::string meaning;  // what is compared with what, for the report
+  std::string meaning;  // the comparison in words, for the report
 };
 
 // Adds a goal to the report: `const bool kAdded = atMost({...});` beside the benchmarks.

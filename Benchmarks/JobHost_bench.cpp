@@ -1,4 +1,4 @@
-// What the job host adds to starting a process, and what a job costs it.
+// The cost that the job host adds to starting a process, and the cost of a job.
 
 #include <algorithm>
 #include <array>
@@ -41,7 +41,7 @@ using platform::Value;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kManyJobs = 1000;
-// Waits for ever, or for a signal.
+// It waits for ever, or for a signal.
 constexpr char kIdleProgram[] = "/bin/sleep";
 constexpr char kForEver[] = "infinity";
 
@@ -63,7 +63,7 @@ class NullSink final : public platform::LogSink {
   platform::Result<void> write(const platform::LogRecord&) override { return {}; }
 };
 
-// A host below a root of its own, driven directly.
+// A host below its own root, called directly.
 class Bed {
  public:
   Bed() {
@@ -137,7 +137,8 @@ void endAndReap(pid_t process) {
   ::waitpid(process, nullptr, 0);
 }
 
-// Where the kernel puts a new process decides more than what is measured, so both stay together.
+// The kernel's placement of a new process matters more than the subject, so both stay on one
+// processor.
 void submitSubject(benchmark::State& state) {
   const Pinned pinned(0);
   Bed bed;
@@ -167,7 +168,7 @@ void submitBaseline(benchmark::State& state) {
 }
 BENCHMARK(submitBaseline)->Name("job-submit/baseline")->UseManualTime();
 
-// A program that says it runs: its first act is to open this for writing.
+// A program announces its start by opening this for writing first.
 class Announcement {
  public:
   explicit Announcement(std::string path) : path_(std::move(path)) {
@@ -296,8 +297,8 @@ void manyBaseline(benchmark::State& state) {
 }
 BENCHMARK(manyBaseline)->Name("jobs-1000-start/baseline")->UseManualTime()->Iterations(1);
 
-// What the process has in memory for itself, its page tables and stacks included, or what its heap
-// has given out, whichever is more by the same measure.
+// The private memory of the process, with page tables and stacks, or the allocated part of its
+// heap, if that has grown more.
 struct Usage {
   double resident = 0;
   double allocated = 0;
@@ -328,7 +329,7 @@ std::size_t Usage::residentBytes() {
   return kilobytes * 1024;
 }
 
-// In a process of its own, which gives back first what the benchmarks before have freed.
+// Runs in its own process, which first returns the memory that earlier benchmarks have freed.
 std::optional<double> measureIdleJobs() {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;

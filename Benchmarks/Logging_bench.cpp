@@ -36,13 +36,13 @@ const LogRecord kRecord{"ORBServiceManager", "com.vantor.hostagent", ASL_LEVEL_D
                         "[ORBServiceManager.cpp:1234] Service com.vantor.service.example is "
                         "running, nothing needs to be done."};
 
-// What the caller of a line pays: its text, and handing it over. Lines are logged in bursts of what
-// a busy moment of the daemon writes, to the sink that takes longest, and what waits is written
-// between them untimed: what is measured is the caller, not how fast the log takes lines.
+// The caller's cost of a line: formatting the text and passing it on. Lines come in bursts as in a
+// busy moment of the daemon, to the slowest sink, and the pending lines are written untimed between
+// the bursts: this measures the caller, not the throughput of the log.
 constexpr int kBurst = 256;
 
-// The thread's own time, since a caller that has slept is favoured by the scheduler over a baseline
-// that has not, and on a busy machine that is all one would see.
+// The thread's own time. The scheduler favours a caller that has slept over a baseline that has
+// not, and on a busy machine that would hide everything else.
 double threadSeconds() {
   timespec now{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -100,7 +100,7 @@ void writeToFile(benchmark::State& state) {
   const std::string line(std::filesystem::file_size(folder.path("sample")), 'x');
   const UniqueFd file(
       ::open(folder.path("system.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  // As large as the sink lets its file become.
+  // The largest file that the sink allows.
   const std::int64_t lines = static_cast<std::int64_t>(FileLogSink::Limits{}.bytes / line.size());
   std::int64_t written = 0;
   for (auto _ : state) {
@@ -111,8 +111,8 @@ void writeToFile(benchmark::State& state) {
   }
 }
 
-// Reads after every message, on the same thread, so that the sink never meets a full queue and no
-// thread's wake-up is measured.
+// Reads after every message, on the same thread, so that the sink never meets a full queue and the
+// time includes no thread's wake-up.
 void receive(int socket) {
   std::array<char, 4096> buffer;
   benchmark::DoNotOptimize(::recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT));
@@ -157,8 +157,8 @@ BENCHMARK(writeToFile)->Name("log-sink-file/baseline")->UseManualTime();
 BENCHMARK(sendThroughJournalSink)->Name("log-sink-journal/subject")->UseManualTime();
 BENCHMARK(sendToSocket)->Name("log-sink-journal/baseline")->UseManualTime();
 
-// A line of the file looks at the file's name first, so that no rotation costs a line: that alone
-// is more than the write. An entry of the journal looks up the socket's name.
+// The file sink checks the file's name before each line, so that a rotation loses no line; that
+// alone takes longer than the write. The journal sink looks up the socket's name for each entry.
 [[maybe_unused]] const bool kGoals =
     atMost({"log2-caller", 2.0, "the caller of 256 lines of logger 2 : formatting them"}) &&
     atMost({"log-sink-file", 5.0, "256 lines of the log file : one write of each"}) &&

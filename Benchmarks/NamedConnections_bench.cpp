@@ -1,4 +1,4 @@
-// What names, checkers and proxies add to the transport between processes.
+// The cost that names, checkers and proxies add to the transport between processes.
 
 #include <chrono>
 #include <memory>

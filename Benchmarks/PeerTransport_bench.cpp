@@ -1,4 +1,4 @@
-// What the transport between processes adds to libdbus, and what an idle client costs.
+// The cost that the transport between processes adds to libdbus, and the cost of an idle client.
 
 #include <chrono>
 #include <optional>
@@ -22,8 +22,8 @@ using namespace platform;
 
 constexpr std::size_t kClients = 10'000;
 constexpr double kBytesPerClient = 8 * 1024;
-// Of one processor, which no idle client may cost anything of; less than a clock tick can't be told
-// from nothing.
+// The share of one processor. Idle clients should cost nothing, but less than a clock tick can't be
+// measured.
 constexpr double kIdleProcessorShare = 0.01;
 
 const bool kRoundTrip = atMost({"peer-round-trip", 1.5,
@@ -69,7 +69,7 @@ BENCHMARK(roundTripSubject)->Name("peer-round-trip/subject")->UseRealTime();
 
 BENCHMARK(rawRoundTrips)->Name("peer-round-trip/baseline")->UseRealTime();
 
-// A server with 10,000 clients that say nothing, which all belong to this process.
+// A server with 10,000 idle clients, which all belong to this process.
 class IdleClients {
  public:
   IdleClients() {

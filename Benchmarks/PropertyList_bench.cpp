@@ -65,7 +65,7 @@ void read(benchmark::State& state, PropertyListFormat format) {
   if (!value || *value != catalogue()) state.SkipWithError("something else was read");
 }
 
-// libxml2's reader with the options that ours has, which looks at every node and keeps none.
+// libxml2's reader with the same options as ours; it visits every node and keeps none.
 void walk(benchmark::State& state) {
   const Data& bytes = list(PropertyListFormat::kXml);
   for (auto _ : state) {

@@ -45,7 +45,7 @@ ServerProcess::ServerProcess(const Serve& serve) {
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     pinTo(1);
-    ::malloc_trim(0);  // Or the server would fill what this process has given up.
+    ::malloc_trim(0);  // Otherwise the server would fill the memory that this process has freed.
     serve(path(), writeEnd.get());
     ::_exit(0);
   }
@@ -86,7 +86,7 @@ namespace {
 // The answer to a call with that number.
 using Answer = UniqueDBusMessage (*)(DBusMessage* call, dbus_int64_t number);
 
-// With the least that libdbus itself needs: a watch to accept by, then its own loop.
+// Uses the minimum that libdbus needs: a watch for accepting, then its own loop.
 void serve(const std::string& path, int started, Answer answer) {
   const std::string address = "unix:path=" + path;
   DBusErrorText error;

@@ -16,7 +16,8 @@ namespace benchmarks {
 // Unpinned, figures of round trips vary threefold. `thread` 0 is the calling one.
 void pinTo(unsigned processor, pid_t thread = 0);
 
-// Keeps the calling thread, and what it starts, on one processor as long as it lives.
+// Keeps the calling thread, and the threads and processes that it starts, on one processor for as
+// long as it lives.
 class Pinned {
  public:
   explicit Pinned(unsigned processor);
@@ -28,11 +29,11 @@ class Pinned {
   cpu_set_t before_{};
 };
 
-// A server in a process of its own, which ends with this object. It is pinned to the one processor,
-// and the calling thread to the other as long as it lives.
+// A server in its own process, which ends with this object. It is pinned to one processor, and the
+// calling thread to the other, for as long as this lives.
 class ServerProcess {
  public:
-  // `serve` listens at the path, writes to `started`, and does not return while it is wanted.
+  // `serve` listens at the path, writes to `started`, and does not return.
   using Serve = std::function<void(const std::string& path, int started)>;
   explicit ServerProcess(const Serve& serve);
   ServerProcess(const ServerProcess&) = delete;
@@ -53,8 +54,7 @@ class ServerProcess {
 
 void sayStarted(int started);
 
-// Answers a number with the same, by libdbus alone, peer to peer: what every round trip of ours is
-// measured against.
+// Echoes a number, using libdbus alone, peer to peer: the baseline of all our round trips.
 void serveRawEcho(const std::string& path, int started);
 // The same, with a descriptor in each answer.
 void serveRawDescriptor(const std::string& path, int started);
@@ -74,7 +74,7 @@ class RawEchoClient {
   platform::UniqueDBusConnection connection_;
 };
 
-// The baseline of what asks another process: one number to the echo and back, and again.
+// The baseline of questions to another process: repeatedly sends one number to the echo.
 void rawRoundTrips(benchmark::State& state);
 
 }  // namespace benchmarks

@@ -1,4 +1,4 @@
-// What a virtual timer costs: a test that plays a day is worth writing only if it takes no time.
+// The cost of a virtual timer: tests that cover a day of virtual time must take almost none.
 
 #include <cstdint>
 #include <functional>
@@ -25,7 +25,7 @@ const bool kAdded = atMost({"virtual-timers", 3,
                             "one timer scheduled and fired on the virtual loop, with handle and "
                             "callback / push and pop on a std::priority_queue, 1,000 pending"});
 
-// Up to 900 seconds, as the daemon's timers are.
+// Up to 900 seconds, like the daemon's timers.
 std::vector<Duration> delays() {
   std::mt19937_64 random(7);  // The same on both sides and on every run.
   std::vector<Duration> delays(4096);

@@ -1,4 +1,4 @@
-// What the daemon adds to the delay that it gives changes of settings.
+// The time that the daemon adds to its own delay of settings changes.
 
 #include <chrono>
 #include <csignal>
@@ -58,8 +58,9 @@ void settingSubject(benchmark::State& state) {
     UserInterfaceClient client(root);
     client.registerClient();
     SettingsProgram program(root);
-    // A verdict lasts from a look on at which the program's file is older than two seconds, which
-    // at the start it need not be; otherwise the configuration server's megabytes are hashed again.
+    // A verdict is cached only if the program's file was older than two seconds when it was
+    // checked, which it may not be at the start. Without this change the configuration server's
+    // megabytes might be hashed again.
     const std::size_t before = root.logCount(evaluated);
     program.set("other", 1);
     root.awaitLog(evaluated, before + 1);

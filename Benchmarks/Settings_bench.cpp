@@ -1,4 +1,4 @@
-// What reading a setting costs the service manager.
+// The service manager's cost of reading a setting.
 
 #include <memory>
 #include <optional>
@@ -28,7 +28,7 @@ const bool kRead =
             "objectForKey: through the settings client, of the demo's settings "
             "server / an echo by libdbus alone, peer to peer, both processes pinned"});
 
-// A program of the product, as far as settings go.
+// One program's objects for settings.
 struct Program {
   explicit Program(const std::string& prefix)
       : program(*loop, transport,

@@ -1,4 +1,4 @@
-// What running a program costs, against a bare spawn and collection of its output.
+// The cost of running a program, against a bare spawn that collects its output.
 
 #include <string>
 #include <vector>

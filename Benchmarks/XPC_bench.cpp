@@ -1,5 +1,5 @@
-// What the registry of endpoints adds to the transport, and what the executable-information service
-// needs beside a hash.
+// The cost that the registry of endpoints adds to the transport, and the cost of the
+// executable-information service beside a hash.
 
 #include <chrono>
 #include <cstdlib>
@@ -43,7 +43,8 @@ namespace {
 using namespace platform;
 
 constexpr std::size_t kLargeBytes = std::size_t{256} << 20;
-constexpr useconds_t kTillRemembered = 2'200'000;  // What has just been written is not.
+// A file that has just been written is not cached.
+constexpr useconds_t kTillRemembered = 2'200'000;
 
 constexpr std::chrono::sys_seconds kFrom = std::chrono::sys_days{std::chrono::January / 1 / 2020};
 constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::January / 1 / 2030};
@@ -63,13 +64,12 @@ const bool kAdded[] = {
 
 WallTime timeOfChecks() { return kNow; }
 
-// Whose home has no record of any file here.
+// The last user's home has no record of these files.
 struct LastUser final : ExecInfoHandlerDelegate {
   Value getLastLoggedInUserHomeDirectory() override { return "/nonexistent"; }
 };
 
-// The two services as the daemon has them, with the log that it writes, in a process that shares
-// this one's priority.
+// The two services as the daemon has them, with its log, in a process of the same priority.
 void serveXPC(const std::string& path, int started) {
   const std::string root = path + "-root";
   std::filesystem::create_directories(root + "/run/vantor/mach");
@@ -104,7 +104,7 @@ void serveXPC(const std::string& path, int started) {
   for (;;) ::pause();
 }
 
-// A client of theirs in this process.
+// A client of the two services in this process.
 struct Client {
   explicit Client(const ServerProcess& server) : registry(server.path() + "-root", system) {}
 
@@ -112,7 +112,7 @@ struct Client {
   RegistryClient registry;
 };
 
-// As clients of this kind are written: each reply asks the next question.
+// In the style of these clients: each reply sends the next request.
 class Chain {
  public:
   Chain(NSXPCConnection& connection, Array question)
@@ -176,8 +176,8 @@ void writeLarge(const std::string& path) {
   }
 }
 
-// A file of that size in the server's root, signed by whom that trusts; the empty text where there
-// can't be one.
+// A file of that size in the server's root, signed by an authority that the server trusts; the
+// empty text if that is impossible.
 std::string largeProgram(const ServerProcess& server) {
   const std::string root = server.path() + "-root";
   const auto authority =
@@ -200,7 +200,7 @@ std::string largeProgram(const ServerProcess& server) {
 }
 
 void execInfoOfLarge(benchmark::State& state) {
-  ::umask(022);  // Nobody else may write what is trusted.
+  ::umask(022);  // A file that others may write is not trusted.
   const ServerProcess server(&serveXPC);
   if (!server.started()) return state.SkipWithError("no server");
   Client client(server);

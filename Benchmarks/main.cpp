@@ -1,6 +1,6 @@
 // Runs every benchmark, the subject and the baseline of each group interleaved, and prints one line
-// for each group. Nothing is judged: an absolute time on a shared machine means little, and a ratio
-// is for a person to read.
+// for each group. It passes no judgement: an absolute time on a shared machine means little, and a
+// person has to read the ratio.
 
 #include <algorithm>
 #include <map>
@@ -20,7 +20,7 @@ std::vector<Goal>& goals() {
   return goals;
 }
 
-// Keeps the time of an iteration of every repetition; the median speaks for a benchmark.
+// Keeps the time per iteration of every repetition; the median is reported.
 class Collector final : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context&) override { return true; }
@@ -89,7 +89,8 @@ int main(int argc, char** argv) {
   char repetitions[] = "--benchmark_repetitions=9";
   char minimum[] = "--benchmark_min_time=0.05";
   for (char* added : {interleave, repetitions, minimum}) {
-    arguments.insert(arguments.begin() + 1, added);  // Before the user's, which win.
+    // Before the user's arguments, which take precedence.
+    arguments.insert(arguments.begin() + 1, added);
   }
   int count = static_cast<int>(arguments.size());
   benchmark::Initialize(&count, arguments.data());

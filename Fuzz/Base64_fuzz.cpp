@@ -7,7 +7,7 @@
 
 namespace {
 
-// The decoder's rule, one character after the other.
+// The decoder's rule, applied character by character.
 std::vector<unsigned char> decodedSlowly(const std::string& text) {
   static const std::string alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

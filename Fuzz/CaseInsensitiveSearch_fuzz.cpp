@@ -5,7 +5,7 @@
 #include "Shared/Categories/CaseInsensitiveSearch.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
-// Two texts, the first as long as the first byte says.
+// Two texts; the first byte is the length of the first one.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace CaseInsensitiveSearch;
   using fuzz::require;

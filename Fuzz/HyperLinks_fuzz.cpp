@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   }
   const auto length = static_cast<std::int64_t>(size);
   const NSRange range = rangeOfLink(text, {0, length});
-  // Bytes are at least as many as characters, so that is beyond some texts.
+  // There are at least as many bytes as characters, so the range exceeds some texts.
   const bool isAscii = std::ranges::all_of(
       text, [](char character) { return static_cast<unsigned char>(character) < 0x80; });
   if (range == NSRange{} && isAscii) require(string.string() == text, "without a link, as it is");

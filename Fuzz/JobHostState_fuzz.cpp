@@ -34,7 +34,7 @@ void check(View file) {
   std::ranges::sort(labels);
   require(std::ranges::adjacent_find(labels) == labels.end(), "a label has one job");
   if (contents->isTorn) return;
-  // As a full disk leaves it.
+  // As after a write to a full disk.
   Bytes torn(file.begin(), file.end());
   torn.push_back(0);
   const auto again = jobhost::readState(torn, kBoot);
@@ -42,8 +42,8 @@ void check(View file) {
           "a torn record costs no other");
 }
 
-// The records that an input stands for: for each the kind, two bytes with the size, the payload.
-// Their checks are made here, which no fuzzer would guess.
+// The records of an input: for each the kind, two bytes with the size, the payload. Their checksums
+// are added here, since no fuzzer would guess them.
 Bytes fileOfRecords(View input) {
   Bytes file = jobhost::stateFileHeader(kBoot);
   while (input.size() >= 3) {

@@ -12,7 +12,7 @@ namespace {
 
 using namespace platform;
 
-// The bytes of a message, which tell apart what `==` of values does not.
+// The bytes of a message; they distinguish values that `==` does not.
 std::string bytesOf(DBusMessage* message) {
   dbus_message_set_serial(message, 1);
   char* bytes = nullptr;
@@ -32,7 +32,7 @@ void checkMessage(DBusMessage* message) {
   }
   const auto encoded =
       encodeMessage(decoded->selector, decoded->arguments, PeerMessageKind::kTwoWay);
-  // A selector that was read may be one that no program of ours has.
+  // The selector of a message may exist in none of our programs.
   if (!encoded || encoded->fileBytes > 0) return;
   const auto again = decodeMessage(encoded->message.get());
   require(again && again->selector == decoded->selector, "what was encoded can be decoded");

@@ -9,8 +9,8 @@
 
 namespace fuzz {
 
-// Whether the value has at most so many nodes, which are taken off. A few bytes with shared
-// children can mean a million values: reading them is quick, writing them is what would fill the
+// Whether the value has at most this many nodes, which are subtracted. A few bytes with shared
+// children can mean a million values: reading them is quick, but writing them would use up the
 // fuzzer's time.
 inline bool isSmall(const platform::Value& value, int& nodesLeft) {
   if (--nodesLeft < 0) return false;
@@ -27,8 +27,8 @@ inline bool isSmall(const platform::Value& value, int& nodesLeft) {
   return true;
 }
 
-// What must hold of every input: it is refused with an error that names the source and a place, or
-// read; and what was read can be written and read back the same.
+// The rule for every input: either an error names the source and a place, or the value that was
+// read can be written and read back unchanged.
 inline void checkPropertyList(std::span<const std::uint8_t> bytes,
                               platform::PropertyListFormat format) {
   using namespace platform;
@@ -43,14 +43,14 @@ inline void checkPropertyList(std::span<const std::uint8_t> bytes,
   if (!isSmall(*value, nodesLeft)) return;
   const Result<Data> written = writePropertyList(*value, format);
   if (!written) {
-    // Indentation and base64 can take it above the limit of bytes, but nothing else may be wrong.
+    // Indentation and base64 can take it above the limit of bytes; no other error is allowed.
     require(written.error().code == ErrorCode::kExhausted, "what was read can be written");
     return;
   }
   const Result<Value> again = readPropertyList(*written, "written");
   require(again.has_value(), "what was written can be read");
-  // The bytes rather than the values: a NaN is not equal to itself, and the bytes tell apart what
-  // `==` does not (1 from 1.0 and true, one order of a dictionary from another).
+  // Compares the bytes, not the values: a NaN is not equal to itself, and the bytes distinguish
+  // values that `==` does not (1 from 1.0 and true, one order of a dictionary from another).
   const Result<Data> writtenAgain = writePropertyList(*again, format);
   require(writtenAgain && *writtenAgain == *written, "what was read back is the same");
 }

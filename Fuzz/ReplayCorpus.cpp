@@ -1,5 +1,5 @@
-// Stands in for libFuzzer's main where there is none: runs a fuzz target on every file of a folder.
-// A target that finds fault ends the process itself.
+// Replaces libFuzzer's main in an ordinary build: runs a fuzz target on every file of a folder. A
+// target that finds a fault ends the process itself.
 
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
   std::error_code error;
   int replayed = 0;
   for (const auto& entry : std::filesystem::directory_iterator(argv[1], error)) {
-    // Named beforehand, so that the last name is the one at fault.
+    // Printed before the run, so that the last name is the faulty one.
     std::fprintf(stderr, "%s\n", entry.path().filename().c_str());
     std::ifstream file(entry.path(), std::ios::binary);
     const std::vector<char> content(std::istreambuf_iterator<char>(file), {});

@@ -8,15 +8,14 @@
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
 #include "Platform/Linux/CodeSigning/SignatureVerifier.h"
 
-// A signed program as somebody else may have left it: the trailer at its end, then the CMS
-// signature that it points to, checked against no anchors at all, so that whatever is accepted is
-// wrong.
+// A signed program that somebody else may have made: the trailer at its end and the CMS signature
+// to which it points. It is verified without any anchors, so that every acceptance is wrong.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace platform;
   const std::span file(bytes, size);
   const auto ending = file.last(std::min(size, kTrailerBytes));
   const auto trailer = readSignatureTrailer(size, ending);
-  // Without a trailer it is taken for the signature itself.
+  // Without a trailer the input counts as the signature itself.
   const std::span signature =
       trailer
           ? file.subspan(static_cast<std::size_t>(trailer->payloadBytes), trailer->signatureBytes)

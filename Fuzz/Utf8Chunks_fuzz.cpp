@@ -10,7 +10,7 @@
 
 namespace {
 
-// How many characters well-formed text has; negative for ill-formed text.
+// The number of characters of well-formed text; negative for ill-formed text.
 std::int64_t charactersIn(const std::string& text) {
   const auto size = static_cast<std::int64_t>(text.size());
   std::int64_t characters = 0;
@@ -24,7 +24,7 @@ std::int64_t charactersIn(const std::string& text) {
 
 }  // namespace
 
-// Text in two chunks, split at every byte, and the last characters of both.
+// Splits the text in two chunks at every byte, and keeps the last characters of both.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using fuzz::require;
   if (size > 300) return -1;  // The work grows with the square.

@@ -11,7 +11,7 @@ namespace {
 using platform::NSError;
 using platform::Result;
 
-// A folder of the input's names, which is every folder there is.
+// A folder with the names of the input; no other folder exists.
 class NamesManager final : public platform::FileManager {
  public:
   explicit NamesManager(std::vector<std::string> names) : names_(std::move(names)) {}
@@ -47,7 +47,7 @@ std::string lowerCase(std::string text) {
   return text;
 }
 
-// The rule where all is ASCII and no line end, two characters that are seen as one, is involved.
+// The rule for ASCII without line ends, which are two bytes but one visible character.
 bool matchesSlowly(const std::string& name, const std::string& pattern) {
   const std::size_t star = pattern.find('*');
   if (star == pattern.npos) return name == pattern;

@@ -23,7 +23,7 @@ struct ClientRecord {
 
 std::atomic<SystemLog*> boundLog = nullptr;
 
-// All records, those of ended threads among them, which nobody else knows any more.
+// All records. The list is the only reference to those of ended threads.
 std::mutex recordsLock;
 ClientRecord* records = nullptr;
 
@@ -31,7 +31,7 @@ ClientRecord* records = nullptr;
 // been destroyed.
 thread_local ClientRecord* threadRecord = nullptr;
 
-// Takes the place of the destructor of a thread-specific key.
+// Stands in for the destructor of a thread-specific key.
 class ThreadExit {
  public:
   ~ThreadExit() {
@@ -76,7 +76,7 @@ void vantorlogger_open(const char* ident, const char* facility) {
   record->client = log->asl_open(ident, facility, 0);
   record->openCount = 1;
   addToRecords(record.get());
-  threadRecord = record.release();  // Kept by the list, and by whoever closes it last.
+  threadRecord = record.release();  // Owned by the list; the last close on the thread takes it out.
 }
 
 const AslClient* vantorlogger_getclient() {
@@ -87,7 +87,7 @@ const AslClient* vantorlogger_getclient() {
 void vantorlogger_close() {
   if (threadRecord == nullptr) return;
   if (threadRecord->openCount-- != 1) return;
-  // The record of a client that could not be opened stays, with nobody left to use it.
+  // If its client could not be opened, the record stays in the list unused.
   if (!threadRecord->client) return;
   const std::unique_ptr<ClientRecord> record(std::exchange(threadRecord, nullptr));
   removeFromRecords(record.get());

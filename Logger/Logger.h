@@ -33,7 +33,7 @@ void vantorlogger_client_destructor(void* record);
 // The text after the last slash of a path, the empty text for a null path. Points into `path`.
 const char* vantor_srcbasename(const char* path);
 
-// The logger's own errors are deliberately silent: there is nowhere left to say them.
+// The logger's own errors are deliberately silent: there is no place left to report them.
 template <typename... Arguments>
 void vantorlogger_logging_error(
     platform::FormatString<std::type_identity_t<Arguments>...> /*format*/,
@@ -43,8 +43,8 @@ void vantorlogger_logging_error(
 void vantorlogger_line(int level, std::string_view message,
                        const std::source_location& where = std::source_location::current());
 
-// Makes a system log the one that the functions here use, until it ends. One at a time; while it
-// begins or ends no other thread may be inside one of those functions.
+// Binds a system log: the functions here use it until this ends. Only one binding exists at a time,
+// and while it begins or ends no other thread may be inside one of those functions.
 class [[nodiscard]] LoggerBinding {
  public:
   explicit LoggerBinding(platform::SystemLog& systemLog);

@@ -38,7 +38,7 @@ class LoggerTest : public testing::Test {
   LoggerBinding binding_{log_};
 };
 
-TEST_F(LoggerTest, AFreshThreadsClientIsOpenedOnceAndSaysSoInItsIdent) {
+TEST_F(LoggerTest, AFreshThreadsClientIsOpenedOnceWithItsOwnIdent) {
   onFreshThread([this] {
     const AslClient* client = vantorlogger_getclient();
     expectImplicitClient();
@@ -70,7 +70,7 @@ TEST_F(LoggerTest, ASecondOpenCountsAndItsNamesAreIgnored) {
   });
 }
 
-TEST_F(LoggerTest, TheImplicitOpenCountsAndNoCloseBelongsToIt) {
+TEST_F(LoggerTest, TheImplicitOpenCountsAndNeedsNoClose) {
   onFreshThread([this] {
     expectImplicitClient();
     vantorlogger_open("late", "late");
@@ -96,7 +96,7 @@ TEST_F(LoggerTest, ACloseWithoutARecordDoesNothing) {
   });
 }
 
-TEST_F(LoggerTest, AClientThatCouldNotBeOpenedIsTheDefaultClientAndItsRecordStays) {
+TEST_F(LoggerTest, AFailedOpenLeavesTheDefaultClientAndARecord) {
   onFreshThread([] {
     const std::string tooLong(SystemLog::kMaximumNameSize + 1, 'x');
     vantorlogger_open(tooLong.c_str(), "f");
@@ -138,7 +138,7 @@ TEST_F(LoggerTest, AClientOutlivesItsThread) {
 
 TEST_F(LoggerTest, CodeThatRunsLateOnAThreadFindsItsClient) {
   onFreshThread([] {
-    // Destroyed after everything of the thread that was made later, the logger's own objects too.
+    // Destroyed after all objects of the thread that were made later, the logger's own included.
     struct Late {
       ~Late() { vantorlogger_line(ASL_LEVEL_DEBUG, "late"); }
     };
@@ -179,7 +179,7 @@ TEST_F(LoggerTest, ItsOwnErrorsAreSilent) {
   EXPECT_THAT(sink_.messages(), IsEmpty());
 }
 
-TEST_F(LoggerTest, ThreadsOpenLogAndCloseAtOnce) {
+TEST_F(LoggerTest, ThreadsOpenLogAndCloseConcurrently) {
   constexpr int kThreads = 4;
   constexpr int kLines = 200;
   {
@@ -196,7 +196,7 @@ TEST_F(LoggerTest, ThreadsOpenLogAndCloseAtOnce) {
   EXPECT_EQ(sink_.messagesOf("A").size(), static_cast<std::size_t>(kThreads * kLines));
 }
 
-TEST(LoggerNamesTest, TheBaseNameIsWhatFollowsTheLastSlash) {
+TEST(LoggerNamesTest, TheBaseNameFollowsTheLastSlash) {
   EXPECT_STREQ(vantor_srcbasename(nullptr), "");
   EXPECT_STREQ(vantor_srcbasename(""), "");
   EXPECT_STREQ(vantor_srcbasename("main.cpp"), "main.cpp");
@@ -204,14 +204,14 @@ TEST(LoggerNamesTest, TheBaseNameIsWhatFollowsTheLastSlash) {
   EXPECT_STREQ(vantor_srcbasename("a/b/"), "");
 }
 
-TEST(LoggerUnboundTest, WhileNothingIsBoundNothingHappens) {
+TEST(LoggerUnboundTest, WithoutABindingCallsDoNothing) {
   std::jthread([] {
     vantorlogger_open("A", "f");
     EXPECT_EQ(vantorlogger_getclient(), nullptr);
     vantorlogger_line(ASL_LEVEL_ERR, "line");
     vantorlogger_close();
   }).join();
-  // What was not opened then did not leave a record behind.
+  // Calls without a binding left no record behind.
   FakeLogSink sink;
   SystemLog log(sink, "program");
   LoggerBinding binding(log);

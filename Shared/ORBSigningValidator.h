@@ -5,29 +5,29 @@
 
 #include "Platform/CodeSigning/CodeSignature.h"
 
-// Answers whether code is what its makers signed, for the integrity checks. Every answer is logged
-// through logger 1: a refusal as an error with its reason, anything else for debugging.
+// Verifies code for the integrity checks. Every verdict is logged through logger 1: a rejection as
+// an error with its reason, the others for debugging.
 //
-// It may read all of the code and blocks on the disk alone; an unchanged file that was found intact
-// shortly before costs next to nothing. Any thread may ask.
+// A call may read all of the code and blocks only for the disk; an unchanged file that was found
+// intact shortly before costs next to nothing. Any thread may call it.
 class ORBSigningValidator {
  public:
   struct Verdict {
     bool isIntact = false;
     platform::OSStatus status = platform::errSecSuccess;
     std::string reason;  // why it is not intact; empty if it is
-    // Of intact code; nothing where its signature names none.
+    // The identifier of intact code; nothing if its signature has none.
     std::optional<std::string> identifier;
   };
 
   // `signatures` outlives this.
   explicit ORBSigningValidator(platform::CodeSignatures& signatures) : signatures_(signatures) {}
 
-  // Whether the bundle in the folder at `path` has all its sealed resources, unchanged, and none
-  // besides.
+  // Whether the bundle in the folder at `path` has all its sealed resources, unchanged, and no
+  // others.
   Verdict validateBundle(const std::string& path) const;
 
-  // Whether the program file at `path` is unchanged, and the bundle that it belongs to, if any, is
+  // Whether the program file at `path` is unchanged, and its bundle, if it belongs to one, is
   // intact.
   Verdict validateProgram(const std::string& path) const;
 

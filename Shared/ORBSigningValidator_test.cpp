@@ -34,7 +34,7 @@ class ORBSigningValidatorTest : public testing::Test {
   ORBSigningValidator validator_{signatures_};
 };
 
-TEST_F(ORBSigningValidatorTest, AnIntactProgramTellsItsIdentifier) {
+TEST_F(ORBSigningValidatorTest, AnIntactProgramsIdentifierIsReturned) {
   signatures_.addValid("/bin/p", kProgram, "com.vantor.p");
   const auto verdict = validator_.validateProgram("/bin/p");
   EXPECT_TRUE(verdict.isIntact);
@@ -52,7 +52,7 @@ TEST_F(ORBSigningValidatorTest, AnIntactBundleMayHaveNoIdentifier) {
   expectLine(ASL_LEVEL_DEBUG, "The bundle '/X.bundle' is intact, identifier: (null)");
 }
 
-TEST_F(ORBSigningValidatorTest, ARefusalHasItsStatusAndReasonAndIsAnErrorInTheLog) {
+TEST_F(ORBSigningValidatorTest, ARejectionHasAStatusAndReasonAndIsLogged) {
   signatures_.addRefused("/X.bundle", kBundle, {errSecCSBadResource, "/X.bundle/a: was added"});
   const auto verdict = validator_.validateBundle("/X.bundle");
   EXPECT_FALSE(verdict.isIntact);
@@ -69,7 +69,7 @@ TEST_F(ORBSigningValidatorTest, AMissingFileIsNotIntact) {
   EXPECT_EQ(sink_.messagesAtLevel(ASL_LEVEL_ERR).size(), 1u);
 }
 
-TEST_F(ORBSigningValidatorTest, OneKindOfCodeDoesNotPassForTheOther) {
+TEST_F(ORBSigningValidatorTest, AProgramIsNoBundleNorTheOtherWayAround) {
   signatures_.addValid("/X.bundle", kBundle, "x");
   signatures_.addValid("/bin/p", kProgram, "p");
   EXPECT_EQ(validator_.validateProgram("/X.bundle").reason,
@@ -78,7 +78,7 @@ TEST_F(ORBSigningValidatorTest, OneKindOfCodeDoesNotPassForTheOther) {
   EXPECT_EQ(signatures_.checks("/X.bundle") + signatures_.checks("/bin/p"), 0);
 }
 
-TEST_F(ORBSigningValidatorTest, EachQuestionIsAskedAnew) {
+TEST_F(ORBSigningValidatorTest, EachCallVerifiesAgain) {
   signatures_.addValid("/bin/p", kProgram, "p");
   EXPECT_TRUE(validator_.validateProgram("/bin/p").isIntact);
   signatures_.addRefused("/bin/p", kProgram, {errSecCSSignatureFailed, "/bin/p: changed"});

@@ -1,4 +1,4 @@
-# Everything comes from the distribution's packages; see docs/decisions.md for what each is for.
+# Everything comes from the distribution's packages; docs/decisions.md gives the reason for each.
 
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
@@ -13,5 +13,5 @@ find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 find_package(nlohmann_json REQUIRED)
 find_package(CLI11 REQUIRED)
-# An oracle for tests; not used in the product.
+# An oracle for tests; no product code uses it.
 pkg_check_modules(libplist REQUIRED IMPORTED_TARGET libplist-2.0)

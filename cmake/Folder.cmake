@@ -7,10 +7,11 @@ include(GoogleTest)
 
 # _precompile(TARGET HEADERS...): a precompiled header for others to reuse.
 #
-# Its file holds absolute paths, by which ccache would take it for another one in each checkout; the
-# checksum beside it, of what it was made from, is what ccache goes by instead.
+# The file contains absolute paths, so ccache would take it for a different one in each checkout.
+# The checksum of its sources beside it is what ccache uses instead.
 function(_precompile target)
-  file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/pch/empty.cpp" CONTENT "\n")  # Touched only if new.
+  # Touched only if it is new.
+  file(CONFIGURE OUTPUT "${CMAKE_BINARY_DIR}/pch/empty.cpp" CONTENT "\n")
   add_library(${target} OBJECT "${CMAKE_BINARY_DIR}/pch/empty.cpp")
   list(TRANSFORM ARGN PREPEND "#include " OUTPUT_VARIABLE includes)
   list(JOIN includes "\n" includes)
@@ -28,8 +29,9 @@ if(EXISTS /var/lib/dpkg/status)  # Another version of a package may bring other 
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS /var/lib/dpkg/status)
 endif()
 
-# To optimise a test takes longer than to run it (what it tests is optimised), and two of UBSan's checks
-# are a third of compiling it: a null pointer that a test itself follows is reported all the same.
+# Optimising a test takes longer than running it (the tested code is optimised), and two of UBSan's
+# checks are a third of the compile time: a null pointer that a test itself dereferences is reported
+# anyway.
 set(test_options -O0)
 if(VANTOR_SANITIZE MATCHES "undefined")
   list(APPEND test_options -fno-sanitize=null,alignment)
@@ -91,7 +93,8 @@ function(folder_library target)
   endif()
 endfunction()
 
-# tests_below(TARGET LINK targets...): one program of the tests of this folder and of all folders in it.
+# tests_below(TARGET LINK targets...): one program with the tests of this folder and of all folders
+# in it.
 function(tests_below target)
   cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
   file(GLOB tests CONFIGURE_DEPENDS *_test.cpp */*_test.cpp)
@@ -131,17 +134,17 @@ function(_topic_target name result)
   set(${result} platform_${target} PARENT_SCOPE)
 endfunction()
 
-# folder_tests(TARGET SOURCES files... LINK targets...): a GoogleTest program, each test known to
-# ctest by its own name.
+# folder_tests(TARGET SOURCES files... LINK targets...): a GoogleTest program; ctest knows each test
+# by its own name.
 function(folder_tests target)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${target} ${ARG_SOURCES})
   target_link_libraries(${target} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest GTest::gtest_main)
   target_precompile_headers(${target} REUSE_FROM test_pch)
   target_compile_options(${target} PRIVATE ${test_options})
-  # Smaller batches than a library's: a test that has changed is to run soon.
+  # Smaller batches than a library's, so that a changed test runs soon.
   set_target_properties(${target} PROPERTIES UNITY_BUILD_BATCH_SIZE 6)
-  # Without values in the names: some are addresses, which differ from run to run.
+  # Names without values, since some are addresses, which differ from run to run.
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST NO_PRETTY_VALUES PROPERTIES TIMEOUT 120)
 endfunction()
 

@@ -3,8 +3,8 @@
 option(VANTOR_FUZZ "Build the libFuzzer targets (clang only)" OFF)
 set(VANTOR_SANITIZE "" CACHE STRING "Sanitizers for -fsanitize=, comma-separated")
 
-# As errors only where the preset says so (CMAKE_COMPILE_WARNING_AS_ERROR): another compiler, or other
-# flags, may warn of what is none of its user's business.
+# Warnings are errors only if the preset says so (CMAKE_COMPILE_WARNING_AS_ERROR): another compiler,
+# or other flags, may warn of things that its user can't change.
 add_compile_options(-Wall -Wextra -Wpedantic)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT VANTOR_SANITIZE MATCHES "address")
   # GCC 12 sees accesses out of bounds in the standard library's own copying of short strings when it
@@ -13,8 +13,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT VANTOR_SANITIZE MATCHES "address
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wno-${warning}>)
   endforeach()
 endif()
-# Where it optimises less than at -O2, it loses sight of what the standard library's variant holds, and
-# takes the rest for used before it is set.
+# Below -O2 the compiler does not track the value of the standard library's variant, and warns that
+# the rest is used before it is set.
 string(TOUPPER "${CMAKE_BUILD_TYPE}" configuration)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND
    "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${configuration}} " MATCHES "-O[1g] ")
@@ -25,25 +25,25 @@ if(VANTOR_SANITIZE)
   add_compile_options(-fsanitize=${VANTOR_SANITIZE} -fno-sanitize-recover=all
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VANTOR_SANITIZE})
-  # The instrumentation hides from GCC's analysis what has been set (its manual says so); builds
+  # The instrumentation hides initialisations from GCC's analysis (its manual says so); builds
   # without sanitizers keep the warning.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
 endif()
-# ThreadSanitizer knows no fences, and Asio's locks order all that we rely on.
+# ThreadSanitizer does not understand fences; Asio's locks order all accesses that we rely on.
 if(VANTOR_SANITIZE MATCHES "thread")
   add_compile_definitions(ASIO_DISABLE_FENCED_BLOCK)
 endif()
 
-# The coverage that guides the fuzzers; everywhere, because a precompiled header must agree with its
-# users.
+# The coverage that guides the fuzzers; for all code, because a precompiled header must agree with
+# its users.
 if(VANTOR_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-# ccache keeps a second build, a switch between presets, and another checkout short: for the latter
-# it must see paths relative to the checkout. Precompiled headers need the two sloppinesses and
+# ccache speeds up a second build, a switch between presets, and another checkout; for the latter it
+# must see paths relative to the checkout. Precompiled headers need the two sloppinesses and
 # -fpch-preprocess to be cached at all.
 find_program(CCACHE ccache)
 if(CCACHE)
@@ -55,15 +55,16 @@ if(CCACHE)
   endif()
 endif()
 
-# By which a debugger finds what packaging/install-program sets apart.
+# A debugger uses it to find the debug information that packaging/install-program has separated.
 add_link_options(-Wl,--build-id)
 
-# mold links in a fifth of the time, which counts where a changed library is linked into forty programs.
+# mold links in a fifth of the time, which counts when a changed library is linked into forty
+# programs.
 find_program(MOLD mold)
 if(MOLD)
   add_link_options(-fuse-ld=mold)
 endif()
 
-# Debian's standalone Asio picks its allocator by include order otherwise, and frees with another
-# than it allocated with.
+# Otherwise Debian's standalone Asio picks its allocator by include order, and frees memory with
+# another one than it allocated with.
 add_compile_definitions(ASIO_DISABLE_STD_ALIGNED_ALLOC ASIO_NO_DEPRECATED)

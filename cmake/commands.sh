@@ -1,4 +1,4 @@
-# Sourced by ./run, ./test and Benchmarks/run: what a fresh machine lacks, and the build.
+# Sourced by ./run, ./test and Benchmarks/run: installs missing packages, and builds.
 # shellcheck shell=bash
 
 set -euo pipefail
@@ -10,7 +10,7 @@ fail() {
   exit 1
 }
 
-# time_since START: how long ago that was by $SECONDS, for people.
+# time_since START: the time since then, measured by $SECONDS, for people.
 time_since() {
   local seconds=$((SECONDS - $1))
   if [ "$seconds" -lt 60 ]; then
@@ -20,14 +20,15 @@ time_since() {
   fi
 }
 
-# progress_in LOG: " DONE of ALL," of the newest "[DONE/ALL]" in the log; nothing where there is none.
+# progress_in LOG: " DONE of ALL," from the newest "[DONE/ALL]" in the log; nothing if there is
+# none.
 progress_in() {
   grep -oE '^\[[0-9]+/[0-9]+\]' "$1" | tail -n 1 | sed -E 's/\[(.+)\/(.+)\]/ \1 of \2,/' || true
 }
 
-# step TEXT LOG COMMAND...: runs the command with its output in LOG. After a second it says TEXT, and
-# then how far it is and since when: on a terminal in the same line, elsewhere in a line every half a
-# minute. When the command fails it shows the log's end.
+# step TEXT LOG COMMAND...: runs the command with its output in LOG. After a second it prints TEXT,
+# and then the progress and the time: on a terminal in the same line, elsewhere in a line every half
+# a minute. If the command fails it shows the log's end.
 step() {
   local text=$1 log=$2 start=$SECONDS said='' next=1 pid status=0
   shift 2
@@ -35,7 +36,7 @@ step() {
   "$@" >"$log" 2>&1 </dev/null &
   pid=$!
   trap 'kill "$pid" 2>/dev/null || true' INT TERM
-  while sleep 0.25; [ -d "/proc/$pid" ]; do  # Of sudo, which is root's, kill -0 would tell nothing.
+  while sleep 0.25; [ -d "/proc/$pid" ]; do  # kill -0 would fail for sudo, which belongs to root.
     [ $((SECONDS - start)) -ge "$next" ] || continue
     if [ -t 1 ]; then
       printf '\r\033[K%s:%s %s so far' "$text" "$(progress_in "$log")" "$(time_since "$start")"
@@ -56,8 +57,9 @@ step() {
   fail "" "$text failed. The whole output is in $log."
 }
 
-# announce PRESET BUILDING REST TEXT: what comes, and about how many minutes it takes: that of building
-# everything, which is done once, and that of all the rest. Packages that are missing come on top.
+# announce PRESET BUILDING REST TEXT: prints the next step and about how many minutes it takes:
+# BUILDING for building everything, which happens once, and REST for the others. Missing packages
+# add to that.
 announce() {
   local preset=$1 building=$2 rest=$3 text=$4
   if [ -e "build/$preset/.ninja_log" ]; then
@@ -69,7 +71,8 @@ announce() {
   fi
 }
 
-# install_missing_packages [FILE...]: what packaging/debian-packages lists, and each further file.
+# install_missing_packages [FILE...]: installs the packages that packaging/debian-packages and each
+# FILE list.
 install_missing_packages() {
   local package missing=() sudo=()
   while read -r package; do
@@ -84,7 +87,7 @@ install_missing_packages() {
     command -v sudo >/dev/null || fail "Some packages are missing. As root, run:" \
       "  apt-get update && apt-get install ${missing[*]}"
     sudo=(sudo DEBIAN_FRONTEND=noninteractive)
-    sudo -v  # Ask for the password now, while the terminal is still ours.
+    sudo -v  # Ask for the password now, while this script still owns the terminal.
   fi
   export DEBIAN_FRONTEND=noninteractive
   step "Updating the package lists" build/packages.log "${sudo[@]}" apt-get update
@@ -96,7 +99,7 @@ install_missing_packages() {
 build() {
   local preset=$1
   shift
-  # Afterwards the build itself notices when it must be configured again.
+  # Later the build itself notices when it must be configured again.
   if [ ! "build/$preset/build.ninja" -nt CMakePresets.json ]; then
     step "Configuring ($preset)" "build/$preset-configure.log" cmake --preset "$preset"
   fi

@@ -10,14 +10,14 @@
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/XPC.h"
 
-// What a service of the demo product answers: "greetWithReply:" with a text.
+// The protocol of the demo product's services: "greetWithReply:" answers with a text.
 inline const platform::Protocol& greetingProtocol() {
   static const platform::Protocol protocol(
       "DemoGreetingProtocol", {{"greetWithReply:", platform::MethodDescription::Kind::kTwoWay}});
   return protocol;
 }
 
-// An endpoint of a service: made at its start, registered as soon as somebody looks for it.
+// A service's endpoint: made at the service's start, registered as soon as a client looks for it.
 class GreetingEndpoint final {
  public:
   // All but the name outlive this.

@@ -1,5 +1,5 @@
-// The demo product's configuration server, which every other service waits for: serves the settings
-// of all domains, tells whether it is up, and announces its start and its end.
+// The demo product's configuration server, for which every other service waits. It serves the
+// settings of all domains, reports whether it is up, and announces its start and its end.
 
 #include <cstdio>
 #include <cstdlib>
@@ -65,7 +65,7 @@ class ConfigurationServer final : public platform::VGBackgroundServiceDelegate,
   std::optional<SettingsServers> settings_;
 };
 
-// Nobody else may read the settings, or the blobs that programs keep with them.
+// Other users may not read the settings, or the blobs that programs keep with them.
 platform::Result<std::unique_ptr<SettingsStore>> openStore(platform::LinuxPlatform& linux,
                                                            const std::string& root) {
   const platform::Dictionary ours{{platform::NSFilePosixPermissions, 0700}};
@@ -84,8 +84,8 @@ platform::Result<std::unique_ptr<SettingsStore>> openStore(platform::LinuxPlatfo
                              });
 }
 
-// The product's defaults, which lie beside this program: by the domains' prefixes. A file that
-// can't be had is logged, since the product works without, if not as it was meant to.
+// Registers the product's defaults, which lie beside this program, by the domains' prefixes. A file
+// that can't be read is only logged, since the product works without it, if not as intended.
 void registerDefaults(platform::LinuxPlatform& linux, SettingsStore& store) {
   const std::string& program = linux.mainBundle.executablePath();
   const std::string path = program.substr(0, program.rfind('/') + 1) + "defaults.plist";
@@ -104,7 +104,7 @@ void registerDefaults(platform::LinuxPlatform& linux, SettingsStore& store) {
   }
 }
 
-// To standard error, for whoever starts this by hand, and to the log.
+// Reports on standard error, for a start by hand, and in the log.
 int fail(platform::SystemLog* log, const platform::Error& error) {
   const std::string why = platform::describe(error);
   std::fputs(("configd: " + why + "\n").c_str(), stderr);
@@ -119,8 +119,8 @@ int main(int argc, char** argv) {
   if (!made) return fail(nullptr, made.error());
   platform::LinuxPlatform& linux = **made;
   const LoggerBinding logger(linux.systemLog);
-  // Without its settings it does not serve: whoever asked would take features for switched off. The
-  // job host starts it again, and until then everything stays as it is.
+  // Without its settings it does not serve, because clients would take features for switched off.
+  // The job host starts it again, and until then everything stays as it is.
   const auto store = openStore(linux, linux.configuration.root);
   if (!store) return fail(&linux.systemLog, store.error());
   registerDefaults(linux, **store);

@@ -1,5 +1,5 @@
-// A client of the demo product: finds the endpoint that its argument names, waiting until its owner
-// has registered it, and prints what that answers.
+// A client of the demo product: looks up the endpoint that its argument names, waits until the
+// owner has registered it, and prints the answer.
 
 #include <chrono>
 #include <cstdio>
@@ -21,14 +21,14 @@ using namespace platform;
 
 constexpr int kAttempts = 100;
 constexpr std::chrono::milliseconds kPause(50);
-constexpr std::chrono::seconds kPatience(5);
+constexpr std::chrono::seconds kTimeOut(5);
 
 int fail(const std::string& why) {
   std::fputs(("greet: " + why + "\n").c_str(), stderr);
   return EXIT_FAILURE;
 }
 
-// Blocks for the reply; nothing where there is none in time.
+// Blocks for the reply; nothing if it does not come in time.
 std::optional<Array> call(NSXPCConnection& connection, std::string_view selector, Array arguments) {
   // Shared with the handlers, which may outlive the wait.
   const auto reply = std::make_shared<std::promise<std::optional<Array>>>();
@@ -37,7 +37,7 @@ std::optional<Array> call(NSXPCConnection& connection, std::string_view selector
       [reply](Array values) { reply->set_value(std::move(values)); },
       [reply](const NSError& /*error*/) { reply->set_value(std::nullopt); });
   auto future = reply->get_future();
-  if (future.wait_for(kPatience) != std::future_status::ready) return std::nullopt;
+  if (future.wait_for(kTimeOut) != std::future_status::ready) return std::nullopt;
   return future.get();
 }
 
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   registry->resume();
   std::shared_ptr<const NSXPCListenerEndpoint> endpoint;
   for (int attempt = 0; attempt < kAttempts && !endpoint; ++attempt) {
-    if (attempt > 0) (*linux)->runLoop->sleepFor(kPause);  // Its owner has been asked.
+    if (attempt > 0) (*linux)->runLoop->sleepFor(kPause);  // The owner has been asked to register.
     const auto reply =
         call(*registry, "xpcListenerEndpointForPasskey:withName:withReply:",
              {Value(systemProfileData((*linux)->systemInformation)), Value(argv[1])});

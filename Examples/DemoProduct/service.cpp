@@ -1,6 +1,6 @@
-// A service of the demo product: says in the log that it runs, announces its start by the
-// notification that its second argument names, if any, and runs until it is asked to end. Who looks
-// for the endpoint "com.vantor.demo.NAME.endpoint", NAME being its own, finds one that greets.
+// A service of the demo product: logs its start, announces it by the notification that its second
+// argument names, if any, and runs until it is asked to end. It greets the clients of its endpoint
+// "com.vantor.demo.NAME.endpoint", NAME being its own.
 
 #include <cstdio>
 #include <cstdlib>

@@ -2,14 +2,14 @@
 
 #include <array>
 
-// One settings domain, each of which has a server of its own.
+// A settings domain; each has its own server.
 struct GlobalSettingsDomain {
-  const char* prefix;             // of the factory's selector, and what a catalogue calls it
-  const char* connectionName;     // that the server registers
-  const char* startNotification;  // that the server posts once it can be asked
+  const char* prefix;             // of the factory's selector, and the domain's name in a catalogue
+  const char* connectionName;     // registered by the server
+  const char* startNotification;  // posted by the server once it answers
 };
 
-// All there are. Two pairs of names deliberately differ: that is how the servers call themselves.
+// All domains. Two pairs of names deliberately differ: the servers use these names.
 inline constexpr std::array<GlobalSettingsDomain, 8> kGlobalSettingsDomains{{
     {"update", "com.vantor.UpdatePreferences", "com.vantor.UpdatePreferences.didStart"},
     {"common", "com.vantor.CommonPreferences", "com.vantor.CommonPreferences.didStart"},

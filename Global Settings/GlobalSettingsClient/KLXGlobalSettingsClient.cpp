@@ -125,9 +125,9 @@ Value KLXGlobalSettingsClient::objectForKey(std::string_view key) {
   return sendMessage("objectForKey:", {Value(key)}).value_or(Value());
 }
 
-platform::MessageResult KLXGlobalSettingsClient::lookAtObjectForKey(std::string_view key,
-                                                                    platform::Duration patience) {
-  return lookWithMessage("objectForKey:", {Value(key)}, patience);
+platform::MessageResult KLXGlobalSettingsClient::probeObjectForKey(std::string_view key,
+                                                                   platform::Duration timeOut) {
+  return probeWithMessage("objectForKey:", {Value(key)}, timeOut);
 }
 
 void KLXGlobalSettingsClient::serverDidStart(const DistributedNotification& notification) {

@@ -9,8 +9,8 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 #include "Platform/Logging/NSLog.h"
 
-// The handle on the server of one settings domain. Every message of KLXGlobalSettingsProtocol is
-// forwarded to it, by sendMessage(); one attempt each, and a failure is in recentException().
+// A client of one settings domain's server. Every message of KLXGlobalSettingsProtocol is forwarded
+// to the server by sendMessage(), in one attempt; a failure is in recentException().
 //
 // Belongs to the run loop's thread; a two-way message blocks for the time-out at most.
 class KLXGlobalSettingsClient final : public VantorDistantObject, public SettingsClient {
@@ -43,7 +43,7 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
   static Made webControlSettingsClientWithDelegate(const Environment& environment,
                                                    Delegate* delegate);
 
-  // Deprecated, for old callers: they say so to the console, and what they make has no delegate and
+  // Deprecated, for old callers. They log that to the console, and the client has no delegate and
   // does not observe the server's start.
   static Made createUpdateSettingsClient(const Environment& environment,
                                          const platform::NSLogOutput& console);
@@ -56,11 +56,11 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
 
   // Forwarded like every other message.
   platform::Value objectForKey(std::string_view key) override;
-  platform::MessageResult lookAtObjectForKey(std::string_view key,
-                                             platform::Duration patience) override;
+  platform::MessageResult probeObjectForKey(std::string_view key,
+                                            platform::Duration timeOut) override;
   void forgetConnection() override { VantorDistantObject::serverDidStart({}); }
 
-  // Forgets the connection, and then tells the delegate.
+  // Forgets the connection, and then notifies the delegate.
   void serverDidStart(const platform::DistributedNotification& notification) override;
 
   const platform::MethodDescription* methodSignatureForSelector(
@@ -73,7 +73,7 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
   KLXGlobalSettingsClientDelegate* delegate_ = nullptr;
 };
 
-// Puts the factories into the table by which they are called, under their selectors. `environment`
-// is copied; what it refers to outlives the table and its clients.
+// Adds the factories to the table under their selectors. `environment` is copied; the objects that
+// it refers to outlive the table and its clients.
 void addSettingsClientFactories(SettingsClientFactories& factories,
                                 const VantorDistantObject::Environment& environment);

@@ -31,7 +31,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// Answers every message with its selector; what reached it is in `messages`.
+// Answers every message with its selector; `messages` holds the messages that reached it.
 struct RecordingServer final : platform::MessageReceiver {
   MessageResult receiveMessage(std::string_view selector, const Array& arguments) override {
     messages.emplace_back(selector, arguments);
@@ -109,7 +109,7 @@ class KLXGlobalSettingsClientTest : public testing::Test {
   RecordingDelegate delegate_;
 };
 
-// Written down once more, since these names are what other programs go by.
+// A second copy, since other programs rely on these names.
 struct Expected {
   const char* prefix;
   const char* server;
@@ -172,7 +172,7 @@ TEST_F(KLXGlobalSettingsClientTest, EachCallMakesAClientOfItsOwn) {
   EXPECT_EQ(other->delegate(), nullptr);
 }
 
-// The whole protocol with its kinds.
+// The whole protocol with its types.
 struct Message {
   const char* selector;
   bool isOneWay;
@@ -224,7 +224,7 @@ TEST_F(KLXGlobalSettingsClientTest, EveryMessageOfTheProtocolIsForwarded) {
   EXPECT_EQ(methods.size(), std::size(kMessages) + 1);  // And boolForKey:, which raises here.
 }
 
-TEST_F(KLXGlobalSettingsClientTest, AOneWayMessageReturnsAtOnceThoughTheServerHangs) {
+TEST_F(KLXGlobalSettingsClientTest, AOneWayMessageReturnsAtOnceFromAHungServer) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
   ASSERT_TRUE(client->isProxyValid());
@@ -245,18 +245,18 @@ TEST_F(KLXGlobalSettingsClientTest, EachFailedMessageIsOneAttemptOfTenSeconds) {
   EXPECT_EQ(sink_.messagesAtLevel(platform::ASL_LEVEL_ERR).size(), 1u);
 }
 
-TEST_F(KLXGlobalSettingsClientTest, WhoOnlyLooksIsToldOfAFailureWithoutAnErrorInTheLog) {
+TEST_F(KLXGlobalSettingsClientTest, AFailedProbeIsReturnedAndNotLogged) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
-  EXPECT_EQ(client->lookAtObjectForKey("a", 1s), MessageResult(client->objectForKey("a")));
+  EXPECT_EQ(client->probeObjectForKey("a", 1s), MessageResult(client->objectForKey("a")));
   serverTransport_.hang();
-  const MessageResult late = client->lookAtObjectForKey("a", 1s);
+  const MessageResult late = client->probeObjectForKey("a", 1s);
   ASSERT_FALSE(late);
   EXPECT_EQ(late.error().name, platform::kNSPortTimeoutException);
   EXPECT_THAT(sink_.messagesAtLevel(platform::ASL_LEVEL_ERR), testing::IsEmpty());
 }
 
-TEST_F(KLXGlobalSettingsClientTest, AServerThatWasSilentIsAskedAgainOnceItsConnectionIsForgotten) {
+TEST_F(KLXGlobalSettingsClientTest, AHungServerIsAskedAgainAfterForgetConnection) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
   serverTransport_.hang();
@@ -267,7 +267,7 @@ TEST_F(KLXGlobalSettingsClientTest, AServerThatWasSilentIsAskedAgainOnceItsConne
   EXPECT_FALSE(client->objectForKey("a").isNil());
 }
 
-TEST_F(KLXGlobalSettingsClientTest, AnotherObjectsRetryingInitialiserRaisesItsTimeOut) {
+TEST_F(KLXGlobalSettingsClientTest, AnotherObjectsRetryInitialiserRaisesItsTimeOut) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
   VantorDistantObject(environment(), std::nullopt, std::nullopt, std::nullopt, true);
@@ -276,7 +276,7 @@ TEST_F(KLXGlobalSettingsClientTest, AnotherObjectsRetryingInitialiserRaisesItsTi
   EXPECT_EQ(timeOf([&] { client->objectForKey("a"); }), 300s);
 }
 
-TEST_F(KLXGlobalSettingsClientTest, WhatTheServerRaisesIsKeptAndTheValueIsNil) {
+TEST_F(KLXGlobalSettingsClientTest, AServersExceptionIsKeptAndTheValueIsNil) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), nullptr);
   EXPECT_EQ(client->sendMessage("boolForKey:", {"a"}), MessageResult(Value()));
@@ -290,22 +290,22 @@ TEST_F(KLXGlobalSettingsClientTest, WithoutAServerASettingIsNil) {
   EXPECT_EQ(client->recentException()->name, "VantorNilProxyException");
 }
 
-TEST_F(KLXGlobalSettingsClientTest,
-       AtTheServersStartItForgetsTheConnectionAndThenTellsItsDelegate) {
+TEST_F(KLXGlobalSettingsClientTest, AServersStartForgetsTheConnectionThenNotifiesTheDelegate) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::commonSettingsClientWithDelegate(environment(), &delegate_);
   ASSERT_TRUE(client->isProxyValid());
   const auto old = client->connection();
   delegate_.onRestart = [&](SettingsClient& told) {
     EXPECT_EQ(client->connection(), nullptr);
-    EXPECT_EQ(told.objectForKey("a"), Value("objectForKey:"));  // It may ask at once.
+    // The delegate may send messages at once.
+    EXPECT_EQ(told.objectForKey("a"), Value("objectForKey:"));
     EXPECT_NE(client->connection(), old);
   };
   post("com.vantor.CommonPreferences.didStart");
   EXPECT_THAT(delegate_.restarted, ElementsAre(client.get()));
 }
 
-TEST_F(KLXGlobalSettingsClientTest, ADelegateThatDoesNotTakeRestartsUpIsNotTold) {
+TEST_F(KLXGlobalSettingsClientTest, ADelegateWithoutTheRestartMethodIsNotNotified) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
   SilentDelegate silent;
   const auto client = Client::commonSettingsClientWithDelegate(environment(), &silent);
@@ -314,7 +314,7 @@ TEST_F(KLXGlobalSettingsClientTest, ADelegateThatDoesNotTakeRestartsUpIsNotTold)
   EXPECT_EQ(client->connection(), nullptr);
 }
 
-TEST_F(KLXGlobalSettingsClientTest, ADelegateThatWasClearedIsNotTold) {
+TEST_F(KLXGlobalSettingsClientTest, AClearedDelegateIsNotNotified) {
   const auto client = Client::commonSettingsClientWithDelegate(environment(), &delegate_);
   client->setDelegate(nullptr);
   post("com.vantor.CommonPreferences.didStart");
@@ -363,7 +363,7 @@ TEST_F(KLXGlobalSettingsClientTest, TheDeprecatedFactoriesSaySoOnTheConsole) {
   }
 }
 
-TEST_F(KLXGlobalSettingsClientTest, ADeprecatedOneTellsNobodyOfARestartButReconnects) {
+TEST_F(KLXGlobalSettingsClientTest, ADeprecatedClientReconnectsWithoutNotifying) {
   auto vended = vend("com.vantor.CommonPreferences", server_);
   const auto client = Client::createCommonSettingsClient(environment(), nsLog_);
   client->setDelegate(&delegate_);
@@ -381,7 +381,7 @@ TEST_F(KLXGlobalSettingsClientTest, ItAnswersForItsOwnMethodsAndForTheProtocols)
   EXPECT_TRUE(client.respondsToSelector("setDelegate:"));
   EXPECT_TRUE(
       client.respondsToSelector("initWithServiceName:startUpNotificationName:andDelegate:"));
-  EXPECT_TRUE(client.respondsToSelector("serverDidStart:"));  // The base's.
+  EXPECT_TRUE(client.respondsToSelector("serverDidStart:"));  // the base class's
   EXPECT_TRUE(client.respondsToSelector("objectForKey:"));
   EXPECT_FALSE(client.respondsToSelector("objectsForKey:"));
   EXPECT_TRUE(client.conformsToProtocol("KLXGlobalSettingsProtocol"));

@@ -4,19 +4,19 @@
 
 #include "Platform/Messages/Protocol.h"
 
-// What every global settings server answers. Keys and senders are strings; a sender says who asks
-// for a change and may be nil.
+// The protocol of every global settings server. Keys and senders are strings; a sender names the
+// author of a change and may be nil.
 inline constexpr char kKLXGlobalSettingsProtocol[] = "KLXGlobalSettingsProtocol";
 
-// What a settings server posts after each change, and the key of its user info that names the
-// changed setting.
+// The notification that a settings server posts after each change, and the key in its user info
+// that names the changed setting.
 inline constexpr char kKLXGlobalSettingsDidChangeNotification[] =
     "KLXGlobalSettingsDidChangeNotification";
 inline constexpr char kKLXGlobalSettingsKeyModified[] = "KLXGlobalSettingsKeyModified";
 
-// What a server may be given to keep for one setting: key and value as they travel, the value in a
-// dictionary by its key (peerBodyBytes()). A larger one it refuses.
+// The largest setting that a server accepts: key and value as they travel, the value in a
+// dictionary by its key (peerBodyBytes()).
 inline constexpr std::size_t kKLXGlobalSettingsMaxSettingBytes = std::size_t{64} * 1024;
 
-// Puts the protocol into the table that `main` fills.
+// Adds the protocol to the table that `main` fills.
 void addGlobalSettingsProtocol(platform::ProtocolTable& protocols);

@@ -10,36 +10,37 @@
 #include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 
-// Who reads one of the global settings servers, as far as decisions need it; tests put settings of
-// their own behind it. Belongs to the main thread; asking blocks for the server's answer.
+// Reads one of the global settings servers, with the few methods that decisions need, so that tests
+// can supply their own settings. Belongs to the main thread; a question blocks for the server's
+// answer.
 class SettingsClient {
  public:
   virtual ~SettingsClient() = default;
 
-  // The setting's current value, nil where there is none or the server can't be reached.
+  // The setting's current value, nil if there is none or the server can't be reached.
   virtual platform::Value objectForKey(std::string_view key) = 0;
 
-  // The same for who only looks: what keeps the server from answering within `patience` is
-  // returned, and neither logged nor remembered.
-  virtual platform::MessageResult lookAtObjectForKey(std::string_view key,
-                                                     platform::Duration patience) = 0;
+  // A probe: one attempt within `timeOut`. A failure is returned, and neither logged nor
+  // remembered.
+  virtual platform::MessageResult probeObjectForKey(std::string_view key,
+                                                    platform::Duration timeOut) = 0;
 
-  // The server's start may have been missed: the next message looks it up, also where it did not
-  // answer lately.
+  // Call this if the server's start may have been missed: the next message looks the server up,
+  // even if it did not answer lately.
   virtual void forgetConnection() = 0;
 };
 
-// Who hears of what happens to a client's server.
+// The delegate of a settings client.
 class KLXGlobalSettingsClientDelegate {
  public:
   virtual ~KLXGlobalSettingsClientDelegate() = default;
 
-  // The server was started again. Optional: who does not take it up is not told.
+  // The server was started again. Optional: a delegate without this method is not notified.
   virtual void globalSettingsServerDidRestart(SettingsClient& /*client*/) {}
 };
 
-// The factories by their selectors, e.g. "commonSettingsClientWithDelegate:"; what is not there
-// does not resolve. The delegate outlives the client. Null is nil.
+// The factories by their selectors, e.g. "commonSettingsClientWithDelegate:"; other selectors do
+// not resolve. The delegate outlives the client. Null is nil.
 using SettingsClientResult = std::expected<std::unique_ptr<SettingsClient>, platform::NSException>;
 using SettingsClientFactories =
     platform::SelectorTable<SettingsClientResult(KLXGlobalSettingsClientDelegate& delegate)>;

@@ -4,8 +4,7 @@
 #include <span>
 #include <string>
 
-// Checksums of a file's content, which the caller holds as a whole. Pure; any thread; nothing
-// fails.
+// Checksums of a file's content, which the caller passes as a whole. Pure; any thread; never fails.
 class ORBInstallerChecksum {
  public:
   // Lower-case hexadecimal digits, 64 of SHA-256 and 40 of SHA-1.

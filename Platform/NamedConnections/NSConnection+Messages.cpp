@@ -64,7 +64,7 @@ std::expected<void, NSException> NSConnection::authenticate() {
   auto answer =
       peer_->call(kAuthenticate, {delegate_->authenticationDataForComponents({})}, requestTimeout_);
   if (!answer) {
-    if (!onlyLooks_ && answer.error().name == kNSPortTimeoutException) connections_.markHung(name_);
+    if (!isProbe_ && answer.error().name == kNSPortTimeoutException) connections_.markHung(name_);
     return fail(std::move(answer.error()));
   }
   if (!valid_) return raiseEnded();

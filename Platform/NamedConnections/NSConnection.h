@@ -169,7 +169,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   Duration requestTimeout_;
   Stage stage_ = Stage::kUnauthenticated;
   std::size_t nestedRequests_ = 0;
-  bool onlyLooks_ = false;  // Its results change nothing for others.
+  bool isProbe_ = false;  // Its results change nothing for others.
   bool valid_ = true;
 };
 

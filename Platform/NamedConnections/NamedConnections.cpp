@@ -36,13 +36,13 @@ std::shared_ptr<NSConnection> NamedConnections::connectionWithRegisteredName(
   return nullptr;
 }
 
-std::shared_ptr<NSConnection> NamedConnections::lookAtRegisteredName(std::string_view name,
-                                                                     Duration timeout) {
+std::shared_ptr<NSConnection> NamedConnections::probeRegisteredName(std::string_view name,
+                                                                    Duration timeout) {
   const std::string server(name);
   if (server.empty() || isHung(server)) return nullptr;
   auto connection = connect(server, {.timeout = timeout});
   if (!connection) return nullptr;
-  (*connection)->onlyLooks_ = true;
+  (*connection)->isProbe_ = true;
   return *std::move(connection);
 }
 

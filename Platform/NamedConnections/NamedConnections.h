@@ -47,7 +47,7 @@ class NamedConnections {
 
   // The same for a probe: it blocks for at most `timeout`, and a server that does not answer it or
   // its connection does not count as hung.
-  std::shared_ptr<NSConnection> lookAtRegisteredName(std::string_view name, Duration timeout);
+  std::shared_ptr<NSConnection> probeRegisteredName(std::string_view name, Duration timeout);
 
   // A server has announced itself by `name`: ask it again even if it counted as hung.
   void serverDidStart(std::string_view name) { hungUntil_.erase(std::string(name)); }

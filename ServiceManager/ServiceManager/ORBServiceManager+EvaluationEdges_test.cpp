@@ -124,7 +124,7 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
       if (key == "second") manager_.handleGlobalSettingsServerWillShutdown({});
       return {};
     }
-    MessageResult lookAtObjectForKey(std::string_view key, Duration) override {
+    MessageResult probeObjectForKey(std::string_view key, Duration) override {
       return objectForKey(key);
     }
     void forgetConnection() override {}

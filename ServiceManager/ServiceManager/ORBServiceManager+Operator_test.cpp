@@ -179,9 +179,9 @@ class SlowClient final : public SettingsClient {
  public:
   SlowClient(VirtualRunLoop& loop, Duration time) : loop_(loop), time_(time) {}
   Value objectForKey(std::string_view key) override {
-    return lookAtObjectForKey(key, 10s).value_or(Value());
+    return probeObjectForKey(key, 10s).value_or(Value());
   }
-  MessageResult lookAtObjectForKey(std::string_view, Duration patience) override {
+  MessageResult probeObjectForKey(std::string_view, Duration patience) override {
     loop_.sleepFor(std::min(patience, time_));
     if (time_ <= patience) return Value(1);
     return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
@@ -231,9 +231,9 @@ TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesI
 class RaisingClient final : public SettingsClient {
  public:
   Value objectForKey(std::string_view key) override {
-    return lookAtObjectForKey(key, 10s).value_or(Value());
+    return probeObjectForKey(key, 10s).value_or(Value());
   }
-  MessageResult lookAtObjectForKey(std::string_view key, Duration) override {
+  MessageResult probeObjectForKey(std::string_view key, Duration) override {
     if (key == "level") return std::unexpected(NSException{"Corrupt", "page 7\033", {}});
     return Value(1);
   }

@@ -257,7 +257,7 @@ SwitchOutcome OperatorReport::lookAtSwitch(Dictionary& facts,
   const Instant start = environment_.runLoop.now();
   const MessageResult current = time <= Duration::zero()
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
-                                    : known->second->lookAtObjectForKey(key, time);
+                                    : known->second->probeObjectForKey(key, time);
   time -= environment_.runLoop.now() - start;
   if (!current && isSilence(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.

@@ -86,7 +86,7 @@ TEST_F(SettingsOfThisThreadTest, AServerAnswers) {
 TEST_F(SettingsOfThisThreadTest, WithoutAServerASettingIsNil) {
   withClient(transport_, [&](SettingsClient& client) {
     EXPECT_TRUE(client.objectForKey("mode").isNil());
-    EXPECT_FALSE(client.lookAtObjectForKey("mode", std::chrono::seconds(1)));
+    EXPECT_FALSE(client.probeObjectForKey("mode", std::chrono::seconds(1)));
   });
 }
 

@@ -12,7 +12,7 @@ using platform::Data;
 
 Data chunkOf(std::string_view text) { return Data(text.begin(), text.end()); }
 
-TEST(AppendDataTest, NothingHappensWithoutATextAChunkOrALimit) {
+TEST(AppendDataTest, WithoutATextAChunkOrALimitNothingHappens) {
   std::string text = "abc";
   const Data chunk = chunkOf("d");
   appendData(nullptr, &text, 10);

@@ -22,7 +22,7 @@ constexpr std::string_view kLineEnd = "\r\n";
 
 constexpr std::uint8_t kSkip = 65;
 
-// The two characters of every 12 bits: with them a group takes two look-ups.
+// The two characters of every 12 bits, so that a group takes two lookups.
 constexpr auto kPairs = [] {
   std::array<std::array<char, 2>, 4096> pairs{};
   for (std::size_t i = 0; i < pairs.size(); ++i) pairs[i] = {kAlphabet[i >> 6], kAlphabet[i & 63]};
@@ -41,7 +41,7 @@ constexpr auto kValues = [] {
 
 constexpr std::uint32_t kNoGroup = 0x80000000;
 
-// The value of every character where it goes in a group, kNoGroup for those that are skipped.
+// The value of every character shifted to its place in a group; kNoGroup for skipped characters.
 constexpr auto kPlaced = [] {
   std::array<std::array<std::uint32_t, 256>, kCharactersInGroup> placed{};
   for (std::size_t place = 0; place < kCharactersInGroup; ++place) {
@@ -89,7 +89,7 @@ char* encodeTail(const std::uint8_t* from, std::size_t bytes, char* to) {
   return to + kCharactersInGroup;
 }
 
-// Nothing where it is more than memory can hold.
+// Nothing if the size would overflow.
 std::optional<std::size_t> encodedSize(std::size_t length, Base64Lines lines) {
   const std::size_t groups = length / kBytesInGroup + (length % kBytesInGroup != 0);
   const std::size_t ends = lines == Base64Lines::kSeparate ? groups / kGroupsInLine : 0;
@@ -101,8 +101,8 @@ std::optional<std::size_t> encodedSize(std::size_t length, Base64Lines lines) {
   return size;
 }
 
-// What is written by decode() for complete groups of which no character is skipped, as most are.
-// How many of them there are from `input` on.
+// The output of decode() for complete groups without a skipped character, the usual case. Returns
+// the number of these groups from `input` on.
 std::size_t decodeGroups(const unsigned char* input, std::size_t length, unsigned char* output) {
   std::size_t groups = 0;
   for (; length - groups * kCharactersInGroup >= kCharactersInGroup; ++groups) {
@@ -138,7 +138,7 @@ std::size_t decode(const unsigned char* input, std::size_t length, unsigned char
       output[done + 1] = static_cast<unsigned char>(values[1] << 4 | values[2] >> 2);
     }
     if (gathered >= 4) output[done + 2] = static_cast<unsigned char>(values[2] << 6 | values[3]);
-    // With none gathered the length drops by one.
+    // Without a gathered character the length drops by one.
     if (done + gathered > 0) done += gathered - 1;
   }
   return done;

@@ -12,7 +12,7 @@
 // Base64 with the standard alphabet and "=" for padding (RFC 4648, basic alphabet). Pure; any
 // thread; time is linear.
 
-// Memory that std::free() takes back.
+// Memory to be released by std::free().
 struct Base64Free {
   void operator()(void* memory) const { std::free(memory); }
 };
@@ -21,29 +21,29 @@ using Base64Buffer = std::unique_ptr<T[], Base64Free>;
 
 enum class Base64Lines {
   kOne,
-  kSeparate,  // of 64 characters each, with a carriage return and a line feed between them
+  kSeparate,  // 64 characters each, separated by a carriage return and a line feed
 };
 
-// Stands for the length of a text that ends with a zero byte.
+// The length of a text that ends with a zero byte.
 inline constexpr std::size_t kBase64ZeroTerminated = static_cast<std::size_t>(-1);
 
-// A new zero-terminated text; `outputLength`, where it is given, gets its length without the zero.
-// Null where there is no memory for it, and then `outputLength` is 0.
+// A new zero-terminated text; `outputLength`, if given, gets its length without the zero. Null if
+// there is no memory for it, and then `outputLength` is 0.
 Base64Buffer<char> newBase64Encode(const void* input, std::size_t length, Base64Lines lines,
                                    std::size_t* outputLength);
 
-// A new buffer of what `input` means. Characters outside of the alphabet, "=" among them, are
-// skipped; what is left of an incomplete group gives one byte for two characters and two for three.
+// A new buffer with the decoded bytes. Characters outside of the alphabet, "=" among them, are
+// skipped; an incomplete group at the end gives one byte for two characters and two for three.
 //
-// Deliberately, characters that are skipped behind the last complete group take a byte off the
-// length: a final line end costs the last byte. The encoder makes no such text. (Where there is no
-// byte to take, the length is 0.)
+// Deliberately, skipped characters after the last complete group take a byte off the length: a
+// final line end costs the last byte. The encoder makes no such text. (If there is no byte to take,
+// the length is 0.)
 //
-// Null only where there is no memory for it, and then `outputLength` is 0.
+// Null only if there is no memory for it, and then `outputLength` is 0.
 Base64Buffer<unsigned char> newBase64Decode(const char* input, std::size_t length,
                                             std::size_t* outputLength);
 
-// The same on the data class.
+// The same for the data class.
 namespace Base64 {
 
 // Empty for nil and for white space. Never fails; see newBase64Decode().

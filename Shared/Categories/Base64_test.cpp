@@ -40,7 +40,7 @@ TEST(Base64Test, ThePublishedVectorsHoldBothWays) {
   }
 }
 
-TEST(Base64Test, AFullLineHasNoLineBreakBehindIt) {
+TEST(Base64Test, AFullLastLineHasNoLineBreak) {
   const std::string line(64, 'A');
   EXPECT_EQ(Base64::base64EncodedString(Data(47)), line.substr(0, 63) + "=");
   EXPECT_EQ(Base64::base64EncodedString(Data(48)), line);
@@ -95,17 +95,17 @@ TEST(Base64Test, CharactersOutsideTheAlphabetAreSkipped) {
 }
 
 // Deliberate.
-TEST(Base64Test, WhatIsSkippedBehindTheLastGroupTakesItsLastByte) {
+TEST(Base64Test, SkippedCharactersAfterTheLastGroupTakeAByte) {
   EXPECT_EQ(decoded("Zm9v\n"), "fo");
   EXPECT_EQ(decoded("Zm9v\r\n\r\n"), "fo");
   EXPECT_EQ(decoded("Zm9v="), "fo");
   EXPECT_EQ(decoded("Zm9vYmFy\n"), "fooba");
-  // Behind an incomplete group it takes nothing: the group reaches to the end.
+  // After an incomplete group they take nothing, since the group reaches to the end.
   EXPECT_EQ(decoded("Zm8=\n"), "fo");
   EXPECT_EQ(decoded("Zg==\n"), "f");
 }
 
-TEST(Base64Test, WhereThereIsNoByteToTakeTheLengthIsZero) {
+TEST(Base64Test, WithoutAByteToTakeTheLengthIsZero) {
   EXPECT_EQ(decoded("="), "");
   EXPECT_EQ(decoded("====\n"), "");
   std::size_t length = 7;
@@ -113,7 +113,7 @@ TEST(Base64Test, WhereThereIsNoByteToTakeTheLengthIsZero) {
   EXPECT_EQ(length, 0u);
 }
 
-TEST(Base64Test, AnIncompleteGroupGivesWhatItsBitsHold) {
+TEST(Base64Test, AnIncompleteGroupGivesItsWholeBytes) {
   EXPECT_EQ(decoded("Z"), "");
   EXPECT_EQ(decoded("Zm"), "f");
   EXPECT_EQ(decoded("Zm9"), "fo");
@@ -121,7 +121,7 @@ TEST(Base64Test, AnIncompleteGroupGivesWhatItsBitsHold) {
   EXPECT_EQ(decoded("Z\n"), "");
 }
 
-TEST(Base64Test, TheEncodersTextEndsWithAZeroThatItsLengthLeavesOut) {
+TEST(Base64Test, TheEncodersLengthExcludesTheFinalZero) {
   for (const Base64Lines lines : {Base64Lines::kOne, Base64Lines::kSeparate}) {
     for (const std::size_t size : {0, 1, 47, 48, 49, 96, 1000}) {
       const Data data(size);
@@ -143,7 +143,7 @@ TEST(Base64Test, AZeroTerminatedTextIsMeasured) {
   EXPECT_TRUE(newBase64Decode("Zm9v", 4, nullptr));
 }
 
-// What can't be allocated is not looked at.
+// The input is not read when the allocation fails.
 TEST(Base64Test, WithoutMemoryTheEncoderGivesNull) {
   const char byte = 0;
   for (const Base64Lines lines : {Base64Lines::kOne, Base64Lines::kSeparate}) {
@@ -153,7 +153,7 @@ TEST(Base64Test, WithoutMemoryTheEncoderGivesNull) {
   }
 }
 
-// In a process of its own, whose memory does not grow any more.
+// Runs in its own process, whose memory is limited.
 TEST(Base64DeathTest, WithoutMemoryTheTextIsEmpty) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizer ends a program without memory";

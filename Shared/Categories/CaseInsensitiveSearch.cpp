@@ -21,12 +21,11 @@ bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 
 char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
 
-// Counts the marks that follow one another. Putting them in order takes time that is quadratic in
-// their number, so that no more than this many in a row are: a joiner after them, as in Unicode's
-// stream-safe text (UAX #15), which nobody sees.
+// Counts consecutive marks. Sorting them takes time that is quadratic in their number, so a joiner,
+// which is invisible, limits their runs, as in Unicode's stream-safe text (UAX #15).
 class MarksInARow {
  public:
-  // Whether the joiner is due before this character.
+  // Whether a joiner must come before this character.
   bool needsJoinerBefore(UChar32 character) {
     if (!decompose_ || decompose_->hasBoundaryBefore(character)) {
       count_ = 0;
@@ -62,7 +61,7 @@ UnicodeString utf16(std::string_view text) {
   return converted;
 }
 
-// What canonically equivalent texts of any letter case have in common. Bogus without memory.
+// The common form of canonically equivalent texts of any letter case. Bogus without memory.
 UnicodeString folded(const UnicodeString& text) {
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* const decompose = icu::Normalizer2::getNFDInstance(status);
@@ -74,9 +73,9 @@ UnicodeString folded(const UnicodeString& text) {
   return result;
 }
 
-// Steps over what a reader sees as one character. Null without memory.
+// Iterates over the characters as a reader sees them. Null without memory.
 icu::BreakIterator* characterBreaks(const UnicodeString& text) {
-  // Making one costs far more than using it.
+  // Construction costs far more than use.
   thread_local const std::unique_ptr<icu::BreakIterator> breaks = [] {
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::BreakIterator> made(
@@ -89,8 +88,8 @@ icu::BreakIterator* characterBreaks(const UnicodeString& text) {
 
 enum class Anchor { kStart, kEnd };
 
-// Compares one visible character after the other, so that a match can only end between two of
-// them; nothing that Unicode puts in order reaches over their borders.
+// Compares one visible character after the other, so that a match can only end between two of them;
+// canonical ordering never crosses their borders.
 bool isAnchored(Anchor anchor, std::string_view part, std::string_view text) {
   const UnicodeString wanted = folded(utf16(part));
   const UnicodeString whole = utf16(text);
@@ -114,7 +113,7 @@ bool isAnchored(Anchor anchor, std::string_view part, std::string_view text) {
   return true;
 }
 
-// The answer where ASCII alone decides: a letter of ASCII equals no other letter of ASCII.
+// The answer if ASCII alone decides: a letter of ASCII equals no other letter of ASCII.
 std::optional<bool> areEqualAscii(std::string_view one, std::string_view other) {
   const std::size_t shared = std::min(one.size(), other.size());
   for (std::size_t i = 0; i < shared; ++i) {
@@ -153,8 +152,8 @@ std::optional<bool> isAsciiSuffix(std::string_view part, std::string_view text) 
   return !(preceding == '\r' && part.front() == '\n');
 }
 
-// Whether a reader sees the character at the byte `at` as a part of the one before it, which is a
-// visible one of ASCII.
+// Whether a reader sees the character at the byte `at` as a part of the visible ASCII character
+// before it.
 bool continuesCharacter(std::string_view text, std::size_t at) {
   if (at == text.size() || isAscii(text[at])) return false;
   const UChar32 character = CodePoints::next(text, at);

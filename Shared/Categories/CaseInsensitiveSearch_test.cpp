@@ -14,7 +14,7 @@ struct Case {
   bool isSuffix;
 };
 
-TEST(CaseInsensitiveSearchTest, BothAnchorsAnswerAsAReaderWould) {
+TEST(CaseInsensitiveSearchTest, MatchesEndAtVisibleCharacters) {
   const Case cases[] = {{"abcABC", "ABC", true, true},
                         {"", "a", false, false},
                         {"a", "", false, false},
@@ -25,9 +25,9 @@ TEST(CaseInsensitiveSearchTest, BothAnchorsAnswerAsAReaderWould) {
                         {"\u00c9x", "e\u0301", true, false},
                         {"x\u00c9", "e\u0301", false, true},
                         {"x\u00c9", "e", false, false},
-                        // Marks in any order that means the same.
+                        // Marks whose order does not matter.
                         {"a\u0323\u0307x", "a\u0307\u0323", true, false},
-                        // A letter that folds to two is not taken apart.
+                        // A letter that folds to two is not split.
                         {"stra\u00dfe", "STRASSE", true, true},
                         {"stra\u00dfe", "stras", false, false},
                         {"STRASSE", "stra\u00df", true, false},
@@ -74,15 +74,15 @@ TEST(CaseInsensitiveSearchTest, EnormousTextsAreAnswered) {
   EXPECT_TRUE(isSuffix("\u00c9", accented));
   EXPECT_TRUE(areEqual(accented, accented));
   EXPECT_FALSE(areEqual(accented, plain));
-  // One character as a reader sees it, of a million marks.
+  // One visible character of a million marks.
   std::string marks = "a";
   for (int i = 0; i < 500'000; ++i) marks += "\u0301";
   EXPECT_FALSE(isPrefix("a", marks));
   EXPECT_FALSE(isSuffix("\u0301", marks));
 }
 
-// "a" with this many of each of two marks, whose order does not matter to a reader: that above
-// comes before the one to the right of it, or the other way around.
+// "a" with this many of each of two marks, whose order does not matter to a reader: the mark above
+// may come before the mark to its right, or after it.
 std::string marked(int count, const char* first, const char* second) {
   std::string text = "a";
   for (int i = 0; i < count; ++i) text += first;
@@ -90,17 +90,17 @@ std::string marked(int count, const char* first, const char* second) {
   return text;
 }
 
-TEST(CaseInsensitiveSearchTest, TheOrderOfMarksCountsFromTheThirtyFirstInARowOn) {
+TEST(CaseInsensitiveSearchTest, BeyondThirtyMarksTheirOrderCounts) {
   EXPECT_TRUE(areEqual(marked(15, "\u0315", "\u0301"), marked(15, "\u0301", "\u0315")));
   EXPECT_FALSE(areEqual(marked(16, "\u0315", "\u0301"), marked(16, "\u0301", "\u0315")));
   EXPECT_TRUE(areEqual(marked(16, "\u0315", "\u0301"), marked(16, "\u0315", "\u0301")));
-  // Each character has a row of its own.
+  // Each character has its own run.
   const std::string row = marked(15, "\u0315", "\u0301");
   EXPECT_TRUE(areEqual(row + row, row + marked(15, "\u0301", "\u0315")));
   EXPECT_TRUE(isPrefix(marked(15, "\u0301", "\u0315"), row + "x"));
 }
 
-// Takes minutes where the marks are put in order.
+// This takes minutes if the marks are sorted.
 TEST(CaseInsensitiveSearchTest, AMillionMarksAreAnswered) {
   std::string marks = "a";
   for (int i = 0; i < 500'000; ++i) marks += "\u0315\u0301";
@@ -110,7 +110,7 @@ TEST(CaseInsensitiveSearchTest, AMillionMarksAreAnswered) {
   EXPECT_TRUE(isSuffix(marks, marks));
 }
 
-TEST(CaseInsensitiveSearchTest, APartIsFoundWhereItFirstStands) {
+TEST(CaseInsensitiveSearchTest, TheFirstMatchIsFound) {
   EXPECT_EQ(find("</a>", "x</A></a>", 0), 1u);
   EXPECT_EQ(find("</a>", "x</A></a>", 2), 5u);
   EXPECT_EQ(find("</a>", "x</A></a>", 6), std::string_view::npos);
@@ -120,7 +120,7 @@ TEST(CaseInsensitiveSearchTest, APartIsFoundWhereItFirstStands) {
   EXPECT_EQ(find("a", "a", 7), std::string_view::npos);
 }
 
-TEST(CaseInsensitiveSearchTest, APartIsNotFoundWithAMarkOnItsEnd) {
+TEST(CaseInsensitiveSearchTest, AMarkAfterThePartPreventsTheMatch) {
   EXPECT_EQ(find("</a>", "</a>\u0338 </a>", 0), 7u);
   EXPECT_EQ(find("</a>", "</a>\u200d", 0), std::string_view::npos);
   EXPECT_EQ(find("</a>", "</a>\u00e9", 0), 0u);

@@ -7,14 +7,14 @@
 namespace CodePoints {
 namespace {
 
-// Calls `each` with the sizes of pieces and of how many characters they are, until it says no.
+// Calls `each` with the size and the number of characters of each piece, until it returns false.
 template <typename Each>
 void pieces(std::string_view text, Each each) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t ascii = platform::endOfAscii(text, at) - at;
     if (ascii != 0 && !each(ascii, ascii)) return;
     at += ascii;
-    // Look for ASCII again only then: in other scripts it comes as single characters.
+    // Only then check for ASCII again: in other scripts it comes as single characters.
     const std::size_t end = std::min(text.size(), at + 64);
     while (at < end) {
       const std::size_t start = at;
@@ -40,7 +40,7 @@ std::size_t offsetOf(std::size_t index, std::string_view text) {
   std::size_t offset = 0;
   pieces(text, [&](std::size_t bytes, std::size_t number) {
     if (number > left) {
-      offset += left;  // Inside a run of ASCII, or before a single character.
+      offset += left;  // inside a run of ASCII, or before a single character
       return false;
     }
     left -= number;

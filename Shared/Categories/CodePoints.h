@@ -10,15 +10,14 @@
 // belongs to none counts as one. Pure; any thread; time is linear in the text.
 namespace CodePoints {
 
-// How many there are.
+// The number of characters.
 std::size_t count(std::string_view text);
 
-// Where the character with this number begins, in bytes; the text's size where it has no such
-// character.
+// The offset in bytes of the character with this number; the text's size if there is none.
 std::size_t offsetOf(std::size_t index, std::string_view text);
 
-// The character at the byte `at`, which then moves behind it; negative, and one byte, where the
-// text is ill-formed. `at` is less than the text's size.
+// The character at the byte `at`, which advances past it; negative, and one byte, if the text is
+// ill-formed there. `at` is less than the text's size.
 inline std::int32_t next(std::string_view text, std::size_t& at) {
   const std::size_t start = at;
   const std::int32_t character = platform::nextCharacter(text, at);

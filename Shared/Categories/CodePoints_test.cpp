@@ -7,14 +7,14 @@
 namespace CodePoints {
 namespace {
 
-TEST(CodePointsTest, CharactersAreCodePointsWhateverTheirBytes) {
+TEST(CodePointsTest, CharactersAreCodePoints) {
   EXPECT_EQ(count(""), 0u);
   EXPECT_EQ(count("a\u00e9\u20ac\U0001f600"), 4u);
   EXPECT_EQ(count(std::string_view("\0a", 2)), 2u);
   EXPECT_EQ(count("e\u0301"), 2u);
 }
 
-TEST(CodePointsTest, EachByteThatBelongsToNoneCountsAsOne) {
+TEST(CodePointsTest, EachIllFormedByteCountsAsOne) {
   EXPECT_EQ(count("\xff"), 1u);
   EXPECT_EQ(count("\xe2\x82"), 2u);          // a cut euro sign
   EXPECT_EQ(count("\xed\xa0\x80"), 3u);      // a surrogate
@@ -22,10 +22,10 @@ TEST(CodePointsTest, EachByteThatBelongsToNoneCountsAsOne) {
   EXPECT_EQ(count("\xf4\x90\x80\x80"), 4u);  // behind the last code point
   EXPECT_EQ(count("\xe2\x82"
                   "a\u20ac"),
-            4u);  // What follows is read as it stands.
+            4u);  // The bytes after it are read as they stand.
 }
 
-TEST(CodePointsTest, WhereACharacterBeginsIsToldInBytes) {
+TEST(CodePointsTest, OffsetsAreInBytes) {
   const std::string text = "a\u00e9\u20ac\U0001f600z";
   const std::size_t offsets[] = {0, 1, 3, 6, 10, 11, 11};
   for (std::size_t i = 0; i < std::size(offsets); ++i) EXPECT_EQ(offsetOf(i, text), offsets[i]);
@@ -33,7 +33,7 @@ TEST(CodePointsTest, WhereACharacterBeginsIsToldInBytes) {
   EXPECT_EQ(offsetOf(0, ""), 0u);
 }
 
-// Whatever the place of a character in the blocks that are looked at together.
+// A character's position in the blocks that are read at once does not matter.
 TEST(CodePointsTest, LongTextsGiveTheSameResultAsShortOnes) {
   for (std::size_t before = 0; before < 200; ++before) {
     const std::string ascii(before, 'x');

@@ -49,7 +49,7 @@ TEST(NSDictionaryExtensionsTest, ABooleanIsReadFromNumbers) {
   EXPECT_FALSE(NSDictionaryExtensions::boolForKey(numbers, std::nullopt));
 }
 
-// By the platform's reading of a text and not by the boolean words: "on" is false, "Yeti" true.
+// The platform's rule applies, not the boolean words: "on" is false, "Yeti" true.
 TEST(NSDictionaryExtensionsTest, ABooleanIsReadFromTextsAsThePlatformDoes) {
   const auto read = [](const char* text) {
     return NSDictionaryExtensions::boolForKey(Dictionary{{"key", text}}, "key");
@@ -126,21 +126,21 @@ TEST(NSArrayExtensionsTest, WithoutAKeyPathThereIsNothing) {
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(Array{}, "a"), Array{});
 }
 
-TEST(NSArrayExtensionsTest, AnArrayOnTheWayStandsForItsElements) {
+TEST(NSArrayExtensionsTest, AnArrayWithinThePathStandsForItsElements) {
   const Array array{Dictionary{{"all", Array{Dictionary{{"n", 1}}, Dictionary{{"m", 2}}}}}};
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(array, "all.n"),
             (Array{Array{1, Value::nullMarker()}}));
 }
 
-TEST(NSArrayExtensionsTest, AKeyPathWithEmptyKeysFindsWhatIsUnderThem) {
+TEST(NSArrayExtensionsTest, EmptyKeysOfAKeyPathAreKeys) {
   const Array array{Dictionary{{"a", Dictionary{{"", Dictionary{{"b", 1}}}}}}};
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(array, "a..b"), Array{1});
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(array, "."), Array{});
   EXPECT_EQ(NSArrayExtensions::objectsForKeyPath(array, std::string(100'000, '.')), Array{});
 }
 
-// Takes hours where each key is looked for in each element.
-TEST(NSArrayExtensionsTest, AKeyPathOfEnormousLengthOverAnEnormousArrayIsAnswered) {
+// This takes hours if each key is looked up in each element.
+TEST(NSArrayExtensionsTest, AnEnormousKeyPathOverAnEnormousArrayIsAnswered) {
   const Array numbers(100'000, Value(1));
   std::string path = "all";
   for (int i = 0; i < 1'000'000; ++i) path += ".x";

@@ -9,13 +9,13 @@
 // Calls by name.
 namespace KLXUtilities {
 
-// The methods of a class that can be called by name: those with one argument. What they return is
-// of no interest.
+// The methods of a class that can be called by name: those with one argument. Their return values
+// are ignored.
 template <typename Target, typename Argument>
 using Methods = platform::SelectorTable<void(Target&, const Argument&)>;
 
-// Calls the method of `target` that has this name among the methods of its class. False, and
-// nothing is called, where there is none, or no target.
+// Calls the method of `target` that has this name. False, without a call, if the class has no such
+// method or there is no target.
 template <typename Target, typename Argument>
 bool invokeSelector(const Methods<Target, Argument>& methods,
                     std::optional<std::string_view> selector, Target* target,

@@ -12,7 +12,7 @@ namespace {
 using platform::Array;
 using platform::Value;
 
-// What `key` means to a value: its entry under it, or those of all its elements.
+// The value's entry under `key`, or the entries of all its elements.
 Value valueForKey(const Value& holder, std::string_view key) {
   const Array* array = holder.array();
   if (!array) return holder[key];
@@ -22,14 +22,14 @@ Value valueForKey(const Value& holder, std::string_view key) {
   return values;
 }
 
-// Whether nothing is left in it that a key could lead to.
+// Whether no further key can find a value in it.
 bool isWithoutValue(const Value& value) {
   const Array* array = value.array();
   if (!array) return value.isNil() || value.type() == Value::Type::kNullMarker;
   return std::ranges::all_of(*array, isWithoutValue);
 }
 
-// Ends with the last value, however many keys follow: a path can be made to have any number.
+// Stops at the last value, however many keys follow: a path may have any number of keys.
 Value valueForKeyPath(Value value, std::string_view keyPath) {
   for (;;) {
     const std::size_t dot = keyPath.find('.');

@@ -12,18 +12,18 @@ namespace NSArrayExtensions {
 // Whether the array is nil or has no element.
 bool isNilOrEmpty(const platform::Array* array);
 
-// What each element has under a key path ("a.b": what the dictionary under "a" has under "b"), in
-// order. An array on the way stands for all of its elements, with the null marker where one has no
-// value. Elements of `receiver` without a value are skipped. Empty where the key path is nil or
-// white space.
+// The value of each element under a key path ("a.b": the entry "b" of the dictionary under "a"), in
+// order. An array within the path stands for all of its elements, with the null marker for an
+// element without a value. Elements of `receiver` without a value are skipped. Empty if the key
+// path is nil or white space.
 platform::Array objectsForKeyPath(const platform::Array& receiver,
                                   std::optional<std::string_view> keyPath);
 
-// "[value, value]", collections in it likewise.
+// "[value, value]"; collections inside look the same.
 std::string singleLineDescription(const platform::Array& receiver);
 
-// The same with a line for each element, all but the first set in by a blank. Collections in it
-// keep to one line, deliberately.
+// The same with a line for each element, all but the first indented by a blank. Collections inside
+// stay on one line, deliberately.
 std::string compactDescription(const platform::Array& receiver);
 
 }  // namespace NSArrayExtensions

@@ -83,7 +83,7 @@ TEST(HyperLinkTest, AnAnchorBecomesALinkInTheStyleAroundIt) {
             (Runs{plain("See "), link("the page", "http://x/?a&b"), plain(" &amp; go.")}));
 }
 
-TEST(HyperLinkTest, EveryAnchorIsOne) {
+TEST(HyperLinkTest, EveryAnchorBecomesALink) {
   EXPECT_EQ(attributedStringWithHyperLink("<a href=1>x</a><A HREF=2>\u20ac</A> and <a href=3>z</a>")
                 .runs(),
             (Runs{link("x", "1"), link("\u20ac", "2"), plain(" and "), link("z", "3")}));

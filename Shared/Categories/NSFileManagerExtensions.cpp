@@ -38,10 +38,10 @@ bool isNotThere(const NSError& error) {
          error.code == platform::NSFileReadNoSuchFileError;
 }
 
-// A path up to its last component, and that component; slashes at the end aside.
+// A path without its last component, and that component; slashes at the end are ignored.
 struct SplitPath {
-  std::string_view folder;  // as it is listed
-  std::string_view joined;  // as it stands before a slash and a name: empty for "/"
+  std::string_view folder;  // for listing it
+  std::string_view joined;  // for putting a slash and a name after it: empty for "/"
   std::string_view last;
 };
 
@@ -58,7 +58,7 @@ SplitPath split(std::string_view path) {
   return {folder, folder, last};
 }
 
-// The last component of a path as the names of a folder are compared with it.
+// The last component of a path, for comparing it with the names of a folder.
 class Pattern {
  public:
   explicit Pattern(std::string_view component)
@@ -71,7 +71,7 @@ class Pattern {
     if (!hasWildcard()) return name == component_;
     const std::string_view prefix = component_.substr(0, wildcard_);
     const std::string_view suffix = component_.substr(wildcard_ + 1);
-    // Each is looked for on its own, so that they may overlap.
+    // Each is compared on its own, so that they may overlap.
     return (prefix.empty() || hasPrefixCaseInsensitiveSearch(name, prefix)) &&
            (suffix.empty() || hasSuffixCaseInsensitiveSearch(name, suffix));
   }

@@ -35,7 +35,7 @@ class FileManagerExtensionsTest : public testing::Test {
   FakeFileManager manager_;
 };
 
-TEST_F(FileManagerExtensionsTest, TheTemplatesAreRootsAndAdminsAndKept) {
+TEST_F(FileManagerExtensionsTest, TheAttributesAreRootsAndAdminsAndKept) {
   EXPECT_EQ(rootAdminDirectoryAttributes(), (Dictionary{{"NSFileOwnerAccountID", 0},
                                                         {"NSFileGroupOwnerAccountID", 80},
                                                         {"NSFilePosixPermissions", 493}}));
@@ -65,7 +65,7 @@ TEST_F(FileManagerExtensionsTest, AnExistingFolderIsASuccessAndAFailureHasItsErr
   EXPECT_EQ(made.error().code, 513);
 }
 
-TEST_F(FileManagerExtensionsTest, ACopyNeedsTwoPathsAndSaysNothingWithout) {
+TEST_F(FileManagerExtensionsTest, ACopyWithoutBothPathsFailsWithoutAnError) {
   manager_.addFile("/a", "content");
   for (const auto& [from, to] :
        std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>>{
@@ -116,13 +116,13 @@ TEST_F(FileManagerExtensionsTest, WithoutTheFolderOfTheHomesBothFail) {
   }
 }
 
-TEST_F(FileManagerExtensionsTest, TheHomesAreWhereThePlatformHasThem) {
+TEST_F(FileManagerExtensionsTest, ThePlatformDefinesTheFolderOfTheHomes) {
   FakeFileManager elsewhere("/home");
   elsewhere.addFile("/home/kim/x");
   EXPECT_THAT(*matchesForWildCardedPath(elsewhere, "~/x"), ElementsAre("/home/kim/x"));
 }
 
-TEST_F(FileManagerExtensionsTest, AMissingFolderIsSkippedWhicheverCodeSaysSo) {
+TEST_F(FileManagerExtensionsTest, AMissingFolderIsSkippedWhateverItsErrorCode) {
   EXPECT_THAT(matches("/missing/*"), IsEmpty());
   EXPECT_THAT(matches("/missing/x"), IsEmpty());
   manager_.addFile("/a/x");
@@ -141,7 +141,7 @@ TEST_F(FileManagerExtensionsTest, AnyOtherErrorDiscardsTheMatchesSoFar) {
   EXPECT_EQ(paths.error().domain, "NSCocoaErrorDomain");
 }
 
-TEST_F(FileManagerExtensionsTest, OnlyWhatExistsOfAnExpandedPathMatches) {
+TEST_F(FileManagerExtensionsTest, OnlyExistingPathsMatch) {
   manager_.addFile("/Users/alice/Library/Foo");
   manager_.addFolder("/Users/bob/Library");
   manager_.addFile("/Users/.localized");
@@ -208,7 +208,7 @@ TEST_F(FileManagerExtensionsTest, AWildcardMatchesWholeCharacters) {
   EXPECT_THAT(matches("/a/stra\u00df*"), ElementsAre("/a/STRASSE"));
 }
 
-TEST_F(FileManagerExtensionsTest, ThePathsAreBounded) {
+TEST_F(FileManagerExtensionsTest, TheNumberOfPathsIsLimited) {
   for (std::size_t i = 1; i < kMaximumPaths; ++i) manager_.addFile("/Users/" + std::to_string(i));
   EXPECT_EQ(expanded("~/x").size(), kMaximumPaths - 1);
   EXPECT_EQ(matches("/Users/*").size(), kMaximumPaths - 1);
@@ -224,7 +224,7 @@ TEST_F(FileManagerExtensionsTest, ThePathsAreBounded) {
   }
 }
 
-TEST_F(FileManagerExtensionsTest, AnExceptionAtTakingASubstringHasItsText) {
+TEST_F(FileManagerExtensionsTest, ASubstringExceptionHasItsText) {
   const NSError error = substringError({0, 3}, {4, -1}, "abc", std::nullopt,
                                        {"NSRangeException", "out of bounds", {}});
   EXPECT_EQ(error.domain, "com.vantor.extensions");
@@ -245,7 +245,7 @@ TEST(FileManagerExtensionsOnLinuxTest, RealFoldersAreMatched) {
   EXPECT_EQ(matchesForWildCardedPath(manager, "~/*.kext")->size(), 500u);
   EXPECT_EQ(matchesForWildCardedPath(manager, "~/7.KEXT")->size(), 1u);
   EXPECT_EQ(matchesForWildCardedPath(manager, folder.path("missing/*"))->size(), 0u);
-  // A name that no system takes.
+  // A name that is too long for any system.
   const auto paths = matchesForWildCardedPath(manager, folder.path(std::string(300, 'x') + "/*"));
   ASSERT_FALSE(paths);
   EXPECT_EQ(paths.error().code, 256);

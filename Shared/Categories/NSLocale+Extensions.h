@@ -4,12 +4,12 @@
 #include <string>
 #include <vector>
 
-// What the product asks of the locale object. Pure; any thread.
+// The product's extensions of the locale object. Pure; any thread.
 namespace NSLocale::Extensions {
 
-// `languages` with one element moved to the front: the first of the user's preferred languages, the
+// `languages` with one element moved to the front: the first of the user's preferred languages,
 // most preferred first, that is among them, compared exactly. Only that one moves, deliberately;
-// the rest keep their order, and all do where none is preferred.
+// the others keep their order. If none is preferred, nothing moves.
 std::vector<std::string> sortLanguagesInPreferredOrder(
     std::vector<std::string> languages, std::span<const std::string> preferredLanguages);
 

@@ -29,7 +29,7 @@ TEST(NSLocaleExtensionsTest, LanguagesAreComparedExactly) {
   EXPECT_EQ(sorted({"en", "de-AT"}, {"de", "de-AT"}), (Languages{"de-AT", "en"}));
 }
 
-TEST(NSLocaleExtensionsTest, OfEqualLanguagesTheFirstMoves) {
+TEST(NSLocaleExtensionsTest, TheFirstOfEqualLanguagesMoves) {
   EXPECT_EQ(sorted({"en", "de", "fr", "de"}, {"de"}), (Languages{"de", "en", "fr", "de"}));
 }
 

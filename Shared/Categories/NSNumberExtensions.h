@@ -11,8 +11,8 @@ namespace NSNumberExtensions {
 platform::Value booleanTrue();
 platform::Value booleanFalse();
 
-// True for "true", "YES", "on" and "1" in any letter case; false for everything else, nil and words
-// that are not known among it.
+// True for "true", "YES", "on" and "1" in any letter case; false for everything else, including nil
+// and unknown words.
 platform::Value booleanForStringValue(std::optional<std::string_view> text);
 
 }  // namespace NSNumberExtensions

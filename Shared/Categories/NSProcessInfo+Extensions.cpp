@@ -9,7 +9,7 @@
 namespace NSProcessInfo::Extensions {
 namespace {
 
-// How far the marketing release lies behind the kernel's.
+// The difference between the kernel's and the marketing release.
 constexpr std::int64_t kKernelLead = 4;
 
 // The packed form of 10.4.0: from there on a number above 9 may have been cut.
@@ -56,7 +56,7 @@ std::int64_t systemMajorNumber(const SystemInformation* receiver) {
 
 std::optional<std::string> systemMajorString(const SystemInformation* receiver) {
   if (!receiver) return std::nullopt;
-  // The format takes 32 bits, so these are the lowest 32 of whatever the release says.
+  // The format takes 32 bits, so these are the lowest 32 of the release's number.
   const auto major = static_cast<std::uint32_t>(systemMajorNumber(receiver));
   return platform::stringWithFormat(
       "10.%d", static_cast<std::int32_t>(major - static_cast<std::uint32_t>(kKernelLead)));
@@ -118,7 +118,7 @@ std::int64_t systemMajorNumberForSystemMajorString(std::optional<std::string_vie
   if (!string) return platform::NSNotFound;
   const std::size_t dot = string->find('.');
   if (dot == string->npos) return platform::NSNotFound;
-  // A second dot is no digit, so more than two components are refused by the last check.
+  // A second dot is no digit, so the last check rejects more than two components.
   const std::string_view minor = string->substr(dot + 1);
   if (string->substr(0, dot) != "10" || !NSStringExtensions::isDecimalDigits(minor)) {
     return platform::NSNotFound;

@@ -18,9 +18,9 @@ inline constexpr std::int64_t kORBSystemMajorNumber9Mavericks = 13;
 inline constexpr std::int64_t kORBSystemMajorNumber10Yosemite = 14;
 inline constexpr std::int64_t kORBSystemMajorNumber11ElCapitan = 15;
 
-// What the product asks of the process-information object: the machine's release, and facts about
-// processes and users. Nothing is cached or logged; any thread. Processes, users and texts that
-// aren't UTF-8 are nil.
+// The product's extensions of the process-information object: the machine's release, and facts
+// about processes and users. Nothing is cached or logged; any thread. Missing processes and users,
+// and texts that aren't UTF-8, are nil.
 namespace NSProcessInfo::Extensions {
 
 using platform::OperatingSystemVersion;
@@ -28,16 +28,16 @@ using platform::ProcessId;
 using platform::SystemInformation;
 using platform::UserId;
 
-// Of the shared object, null where there is none: it then answers 0, nil and false to everything.
+// Methods of the shared object. For null, when there is none, they return 0, nil and false.
 
-// The major number of the kernel's release, 0 where that does not begin with a number.
+// The major number of the kernel's release; 0 if that does not begin with a number.
 std::int64_t systemMajorNumber(const SystemInformation* receiver);
 
 // The marketing release, "10." and the kernel's major number less 4.
 std::optional<std::string> systemMajorString(const SystemInformation* receiver);
 
-// From release 10.10 on the platform's own record. Before it, what Gestalt says; 10.6.0 when that
-// fails, deliberately.
+// From release 10.10 on the platform's own record. Before that the answer of Gestalt, or 10.6.0 if
+// that fails, deliberately.
 OperatingSystemVersion osVersion(const SystemInformation* receiver);
 
 // "major.minor.patch"; "0.0.0" without an object.
@@ -54,7 +54,7 @@ bool isMacOSX10Yosemite(const SystemInformation* receiver);
 bool isMacOSX10YosemiteAndAbove(const SystemInformation* receiver);
 bool isMacOSX11ElCapitanOrAbove(const SystemInformation* receiver);
 
-// Of the class; what they ask of the machine they ask of `system`.
+// Methods of the class; their facts come from `system`.
 
 // The kernel's major number for a marketing release such as "10.9". NSNotFound unless that is "10",
 // a dot, and decimal digits.

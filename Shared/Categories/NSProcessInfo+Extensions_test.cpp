@@ -50,7 +50,7 @@ TEST(ProcessInfoReleaseTest, KernelRelease15IsElCapitan) {
   EXPECT_FALSE(isMacOSX10Yosemite(&system));
 }
 
-TEST(ProcessInfoReleaseTest, TheMajorNumberIsWhatTheFirstFieldBeginsWith) {
+TEST(ProcessInfoReleaseTest, TheMajorNumberBeginsTheFirstField) {
   const struct {
     const char* release;
     std::int64_t number;
@@ -118,7 +118,7 @@ TEST(ProcessInfoReleaseTest, EveryPredicateHoldsUpToItsBoundaryAndNotBeyond) {
   }
 }
 
-TEST(ProcessInfoReleaseTest, PredicatesAskAnewEachTime) {
+TEST(ProcessInfoReleaseTest, PredicatesReadTheReleaseEachTime) {
   FakeSystemInformation system = systemOfRelease("13.0.0");
   EXPECT_FALSE(isMacOSX10Yosemite(&system));
   system.setRelease("14.0.0", {10, 10, 0});
@@ -211,7 +211,7 @@ TEST(ProcessInfoVersionTest, BeforeYosemiteAVersionThatIsPackedExactlyIsUnpacked
   }
 }
 
-TEST(ProcessInfoVersionTest, BeforeYosemiteALaterPackedVersionIsAskedForInParts) {
+TEST(ProcessInfoVersionTest, BeforeYosemiteALaterVersionIsReadInParts) {
   for (const std::int32_t packed : {0x1040, 0x1099, INT32_MAX}) {
     FakeSystemInformation system = oldSystem({10, 9, 5});
     system.setGestalt("sysv", packed);
@@ -222,7 +222,7 @@ TEST(ProcessInfoVersionTest, BeforeYosemiteALaterPackedVersionIsAskedForInParts)
   }
 }
 
-TEST(ProcessInfoVersionTest, BothWaysAgreeOnAConfiguredVersion) {
+TEST(ProcessInfoVersionTest, BothSourcesAgreeOnAConfiguredVersion) {
   const FakeSystemInformation before = oldSystem({10, 9, 5});
   EXPECT_EQ(osVersionString(&before), "10.9.5");
   const FakeSystemInformation longBefore = oldSystem({10, 3, 9});
@@ -268,7 +268,7 @@ TEST_F(ProcessFactsTest, APidThatDoesNotExistHasNoInfo) {
                                     Optional(std::string("No process info found")))));
 }
 
-TEST_F(ProcessFactsTest, ARecordThatCanNotBeReadIsAnotherError) {
+TEST_F(ProcessFactsTest, AnUnreadableRecordIsAnotherError) {
   system_.makeUnreadable(70);
   EXPECT_THAT(answersFor(70),
               ElementsAre(FieldsAre(-1, kMinusOne, kMinusOne, std::nullopt,
@@ -279,7 +279,7 @@ TEST_F(ProcessFactsTest, ThePathOfAPidThatDoesNotExistIsNil) {
   EXPECT_EQ(processPathForPid(system_, 71), std::nullopt);
 }
 
-TEST_F(ProcessFactsTest, ThePathIsTheExecutablesUnlessThereIsNone) {
+TEST_F(ProcessFactsTest, ThePathIsTheExecutablesOrNil) {
   system_.addProcess(70, {}, "/usr/sbin/demo");
   system_.addProcess(2, {}, std::nullopt);
   EXPECT_EQ(processPathForPid(system_, 70), "/usr/sbin/demo");

@@ -19,7 +19,8 @@ namespace {
 constexpr std::array<std::string_view, 4> kTrueWords{"true", "YES", "on", "1"};
 constexpr std::array<std::string_view, 4> kFalseWords{"false", "NO", "off", "0"};
 
-// The bytes that five characters, the most that a boolean word has, can take. None folds to fewer.
+// The maximum size in bytes of five characters, the longest boolean word. No character folds to
+// fewer.
 constexpr std::size_t kMostBytesOfWord = 20;
 
 constexpr std::size_t kMD5Digits = 32;
@@ -65,7 +66,7 @@ std::uint64_t unsignedLongLongValue(std::optional<std::string_view> receiver) {
   if (!receiver) return 0;
   const std::string_view digits = withoutLeadingWhiteSpace(*receiver);
   std::uint64_t number = 0;
-  // It takes no sign for an unsigned number.
+  // from_chars() takes no sign for an unsigned number.
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), number);
   if (error == std::errc::result_out_of_range) return std::numeric_limits<std::uint64_t>::max();
   return number;

@@ -10,7 +10,7 @@
 namespace NSStringExtensions {
 namespace {
 
-// Text that no character of a large text may make slow or wrong.
+// Neither time nor result may suffer from the size.
 const std::string kEnormous(4'000'000, 'a');
 
 TEST(NSStringExtensionsTest, NilAndTheEmptyTextAreEmpty) {
@@ -34,7 +34,7 @@ TEST(NSStringExtensionsTest, IllFormedBytesAreNotWhiteSpace) {
   EXPECT_FALSE(isNilOrWhiteSpace(std::string_view("\0", 1)));
 }
 
-TEST(NSStringExtensionsTest, OfNilEveryPredicateOfATextIsFalse) {
+TEST(NSStringExtensionsTest, EveryPredicateIsFalseForNil) {
   EXPECT_FALSE(boolValueFor(std::nullopt));
   EXPECT_FALSE(isDecimalDigits(std::nullopt));
   EXPECT_FALSE(isHexadecimalCharacters(std::nullopt));
@@ -52,7 +52,7 @@ TEST(NSStringExtensionsTest, OfNilEveryPredicateOfATextIsFalse) {
   EXPECT_EQ(sha256Hash(std::nullopt), std::nullopt);
 }
 
-TEST(NSStringExtensionsTest, DecimalDigitsAreThoseOfAnyScript) {
+TEST(NSStringExtensionsTest, DecimalDigitsMayBeOfAnyScript) {
   EXPECT_TRUE(isDecimalDigits("0123456789"));
   EXPECT_TRUE(isDecimalDigits("\u0663\uff19"));
   EXPECT_FALSE(isDecimalDigits(""));
@@ -65,7 +65,7 @@ TEST(NSStringExtensionsTest, DecimalDigitsAreThoseOfAnyScript) {
   EXPECT_FALSE(isDecimalDigits(kEnormous));
 }
 
-TEST(NSStringExtensionsTest, HexadecimalCharactersAreThoseOfAsciiAlone) {
+TEST(NSStringExtensionsTest, HexadecimalCharactersAreAscii) {
   EXPECT_TRUE(isHexadecimalCharacters("0123456789ABCDEFabcdef"));
   for (const char* text : {"", " ", "g", "0x1", "a b", "-1", "\uff11", "\u0661", "1\xff"}) {
     EXPECT_FALSE(isHexadecimalCharacters(text)) << text;
@@ -106,7 +106,7 @@ TEST(NSStringExtensionsTest, TheEightBooleanWordsAreBooleanInAnyCase) {
   EXPECT_TRUE(boolValueFor("ye\u017f"));
 }
 
-TEST(NSStringExtensionsTest, AUuidIsNewEachTime) {
+TEST(NSStringExtensionsTest, EachUuidIsNew) {
   std::set<std::string> seen;
   for (int i = 0; i < 100; ++i) seen.insert(uuidString());
   EXPECT_EQ(seen.size(), 100u);
@@ -153,7 +153,7 @@ TEST(NSStringExtensionsTest, EqualityIgnoresLetterCaseAndComposition) {
   EXPECT_FALSE(isCaseInsensitiveEqualToString("e", "\u00e9"));
   EXPECT_FALSE(isCaseInsensitiveEqualToString("e", "e\u0301"));
   EXPECT_FALSE(isCaseInsensitiveEqualToString("\xff", "\xfe"));
-  // Not as in Turkish: no language is at play.
+  // Turkish would differ, but no language applies.
   EXPECT_FALSE(isCaseInsensitiveEqualToString("I", "\u0131"));
   EXPECT_TRUE(isCaseInsensitiveEqualToString("I", "i"));
 }

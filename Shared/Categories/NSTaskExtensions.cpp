@@ -26,8 +26,8 @@ using platform::TaskPipes;
 constexpr char kSuppressed[] = "<suppressed>";
 constexpr int kStatusOfFailedLaunch = -1;
 
-// What one run has written so far. Handlers append to it on another thread, and it is read once
-// they are gone.
+// The output of one run so far. Handlers append to it on another thread, and it is read once they
+// are gone.
 struct Collected {
   std::string output;
   std::string error;
@@ -45,7 +45,7 @@ std::optional<std::string> describeArguments(const std::vector<std::string>* arg
       platform::Array(arguments->begin(), arguments->end()));
 }
 
-// Shared with the handlers, which stay set where the launch fails.
+// Shared with the handlers, which stay set if the launch fails.
 void collectWithHandlers(const TaskPipes& pipes, const std::shared_ptr<Collected>& collected) {
   pipes.standardOutput->setReadabilityHandler(
       [collected](FileHandle& handle) { collected->appendOutput(handle.availableData()); });
@@ -63,8 +63,8 @@ void readNoticed(FileHandle& handle, const TaskPipes& pipes, Collected& collecte
       collected.appendError(chunk);
     }
   } else {
-    // The observer sees the notices of every handle in the program and, deliberately, takes what
-    // is none of its own for output too.
+    // The observer gets the notifications of every handle in the program and, deliberately, takes
+    // foreign ones for output too.
     collected.appendOutput(handle.availableData());
   }
   handle.waitForDataInBackgroundAndNotify();
@@ -74,8 +74,9 @@ void collectWithNotices(platform::Task& task, const TaskPipes& pipes, Collected&
   collected.observation = task.notificationCenter().addObserver(
       platform::NSFileHandleDataAvailableNotification, nullptr,
       [pipes, &collected](const Notification& notice) {
-        auto* handle = const_cast<void*>(notice.object);  // Notices of this name have one that may.
-        if (!handle) return;                              // But anybody may post what he likes.
+        // A notification of this name carries its handle, but any program may post one without.
+        auto* handle = const_cast<void*>(notice.object);
+        if (!handle) return;
         readNoticed(*static_cast<FileHandle*>(handle), pipes, collected);
       });
   pipes.standardOutput->waitForDataInBackgroundAndNotify();
@@ -89,7 +90,8 @@ void drain(const TaskPipes& pipes, Collected& collected) {
                       "Added remaining data to stdout string after task termination.");
     collected.appendOutput(chunk);
   }
-  // Deliberately the next chunk is standard output's again: of standard error only one is taken.
+  // Deliberately, the next chunk comes from standard output again: only one of standard error is
+  // taken.
   for (Data chunk = pipes.standardError->availableData(); !chunk.empty();
        chunk = output.availableData()) {
     vantorlogger_line(platform::ASL_LEVEL_DEBUG,
@@ -124,7 +126,8 @@ bool launchTask(platform::Task& receiver, std::optional<std::string_view> launch
   receiver.makePipes();
 
   const TaskPipes pipes = receiver.pipes();
-  const bool hasPipes = pipes.standardOutput && pipes.standardError;  // If not, the launch says so.
+  // Without pipes the launch reports it.
+  const bool hasPipes = pipes.standardOutput && pipes.standardError;
   const bool hasHandlers = isSetReadabilityHandlerAvailable(receiver);
   const auto collected = std::make_shared<Collected>();
   if (hasPipes && hasHandlers) collectWithHandlers(pipes, collected);
@@ -142,7 +145,7 @@ bool launchTask(platform::Task& receiver, std::optional<std::string_view> launch
                                        arguments, exception));
     handOut(statusCode, kStatusOfFailedLaunch);
     handOut(standardError, stringWithFormat("%@: %@", exception.name, exception.reason));
-    receiver.keep(collected);  // The observer stays with the task, as the handlers do.
+    receiver.keep(collected);  // The observer lives as long as the task, like the handlers.
     return false;
   }
   const int status = receiver.waitUntilExit();

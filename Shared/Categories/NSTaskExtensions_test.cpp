@@ -27,7 +27,7 @@ using Stream = FakeTasks::Stream;
 constexpr char kPath[] = "/usr/bin/tool";
 constexpr int kUntouched = 77;
 
-// With the tasks of either kind of platform: true is one that calls readability handlers.
+// The parameter is the kind of platform: true if its tasks call readability handlers.
 class LaunchTaskTest : public testing::TestWithParam<bool> {
  protected:
   struct Outcome {
@@ -51,7 +51,7 @@ class LaunchTaskTest : public testing::TestWithParam<bool> {
     return launch(*task_, kPath);
   }
 
-  // The lines at this level without their place.
+  // The lines at this level, without file and line.
   std::vector<std::string> lines(AslLevel level) {
     std::vector<std::string> lines;
     for (const auto& message : sink_.messagesAtLevel(level)) {
@@ -77,7 +77,7 @@ class LaunchTaskTest : public testing::TestWithParam<bool> {
 INSTANTIATE_TEST_SUITE_P(Handlers, LaunchTaskTest, testing::Values(true));
 INSTANTIATE_TEST_SUITE_P(Notices, LaunchTaskTest, testing::Values(false));
 
-TEST_P(LaunchTaskTest, TheLimitsAreThoseThatOthersRelyOn) {
+TEST_P(LaunchTaskTest, TheLimitsDoNotChange) {
   EXPECT_EQ(kMaximumStdOutBufferSize, 32000u);
   EXPECT_EQ(kMaximumStdErrBufferSize, 1000u);
   EXPECT_EQ(kMaximumStdOutLoggingSize, 100u);
@@ -117,7 +117,7 @@ TEST_P(LaunchTaskTest, AConfiguredTaskIsRefused) {
   EXPECT_THAT(sink_.messages(), IsEmpty());
 }
 
-TEST_P(LaunchTaskTest, ARunHandsOutWhatWasWrittenAndTheStatus) {
+TEST_P(LaunchTaskTest, ARunReturnsOutputAndStatus) {
   const Outcome outcome = launch({.whileRunning = {{Stream::kOutput, "out "},
                                                    {Stream::kError, "err "},
                                                    {Stream::kOutput, "more"},
@@ -129,7 +129,7 @@ TEST_P(LaunchTaskTest, ARunHandsOutWhatWasWrittenAndTheStatus) {
   EXPECT_EQ(outcome.error, "err yet");
 }
 
-TEST_P(LaunchTaskTest, AStatusThatIsNotZeroIsAFailureWithAllHandedOut) {
+TEST_P(LaunchTaskTest, ANonZeroStatusIsAFailureWithOutput) {
   for (const int status : {1, 9, 255}) {
     task_ = tasks_.newTask();
     const Outcome outcome =
@@ -141,14 +141,14 @@ TEST_P(LaunchTaskTest, AStatusThatIsNotZeroIsAFailureWithAllHandedOut) {
   }
 }
 
-TEST_P(LaunchTaskTest, NobodyNeedsAPlaceForWhatIsHandedOut) {
+TEST_P(LaunchTaskTest, TheResultsAreOptional) {
   tasks_.setProgram(kPath, {.whileRunning = {{Stream::kOutput, "out"}}, .atItsEnd = {}});
   EXPECT_TRUE(launchTask(*task_, kPath, nullptr, nullptr, nullptr, nullptr));
   task_ = tasks_.newTask();
   EXPECT_FALSE(launchTask(*task_, "/missing", nullptr, nullptr, nullptr, nullptr));
 }
 
-TEST_P(LaunchTaskTest, ArgumentsAreHandedOnAndLogged) {
+TEST_P(LaunchTaskTest, ArgumentsArePassedAndLogged) {
   tasks_.setProgram(kPath, {});
   const std::vector<std::string> arguments{"-a", "b c", ""};
   std::string output;
@@ -181,7 +181,7 @@ TEST_P(LaunchTaskTest, SuppressedArgumentsReachNoLine) {
   EXPECT_EQ(tasks_.launches().at(0).arguments, arguments);
 }
 
-TEST_P(LaunchTaskTest, ALaunchThatFailsHandsOutTheException) {
+TEST_P(LaunchTaskTest, AFailedLaunchReturnsTheException) {
   const std::vector<std::string> arguments{"x"};
   const Outcome outcome = launch(*task_, "/no/such/tool", &arguments);
   EXPECT_FALSE(outcome.succeeded);
@@ -195,14 +195,14 @@ TEST_P(LaunchTaskTest, ALaunchThatFailsHandsOutTheException) {
   EXPECT_EQ(lines(ASL_LEVEL_INFO).size(), 1u);
 }
 
-TEST_P(LaunchTaskTest, AnyRaisedExceptionIsHandedOutByItsName) {
+TEST_P(LaunchTaskTest, AnyExceptionIsReturnedByItsName) {
   const Outcome outcome =
       launch({.whileRunning = {}, .atItsEnd = {}, .raised = NSException{"Name", "reason", {}}});
   EXPECT_EQ(outcome.error, "Name: reason");
 }
 
-// As long as the task object lives.
-TEST_P(LaunchTaskTest, ALaunchThatFailsLeavesTheCollectionInPlace) {
+// for as long as the task object lives
+TEST_P(LaunchTaskTest, AFailedLaunchLeavesTheHandlersSet) {
   EXPECT_FALSE(launch(*task_, "/missing").succeeded);
   auto* output = dynamic_cast<FakeFileHandle*>(task_->pipes().standardOutput);
   ASSERT_NE(output, nullptr);
@@ -226,7 +226,7 @@ TEST_P(LaunchTaskTest, WithoutPipesTheLaunchFails) {
   EXPECT_EQ(outcome.error, "NSInvalidArgumentException: /usr/bin/tool: not launched: a pipe");
 }
 
-TEST_P(LaunchTaskTest, TheCollectionIsTornDownWhenTheRunIsOver) {
+TEST_P(LaunchTaskTest, TheHandlersAreRemovedAfterTheRun) {
   EXPECT_TRUE(launch({}).succeeded);
   auto* output = dynamic_cast<FakeFileHandle*>(task_->pipes().standardOutput);
   auto* error = dynamic_cast<FakeFileHandle*>(task_->pipes().standardError);
@@ -255,7 +255,7 @@ TEST_P(LaunchTaskTest, TheLastCharactersOfEachStreamAreKept) {
   }
 }
 
-TEST_P(LaunchTaskTest, OfLongOutputTheLogShowsTheBeginningOfWhatIsKept) {
+TEST_P(LaunchTaskTest, TheLogShowsTheBeginningOfTheKeptOutput) {
   std::string output;
   for (int i = 0; i < 40'000; ++i) output += static_cast<char>('a' + i % 26);
   const std::string kept = output.substr(8000);
@@ -295,7 +295,7 @@ TEST_P(LaunchTaskTest, AChunkThatIsNotUtf8AddsNothing) {
   EXPECT_EQ(outcome.output, "az\u20ac");
 }
 
-TEST_P(LaunchTaskTest, WhatThePipesHoldAtTheEndIsCollected) {
+TEST_P(LaunchTaskTest, ThePipesAreReadToTheirEnd) {
   const Outcome outcome =
       launch({.whileRunning = {{Stream::kOutput, "a"}},
               .atItsEnd = {{Stream::kOutput, "b"}, {Stream::kError, "e"}, {Stream::kOutput, "c"}}});
@@ -312,15 +312,15 @@ TEST_P(LaunchTaskTest, WhatThePipesHoldAtTheEndIsCollected) {
 }
 
 // Deliberate, and only on a platform without readability handlers.
-TEST_P(LaunchTaskTest, OfWhatStandardErrorHoldsAtTheEndOneChunkIsTaken) {
+TEST_P(LaunchTaskTest, OnlyOneFinalChunkOfStandardErrorIsTaken) {
   const Outcome outcome = launch(
       {.whileRunning = {}, .atItsEnd = {{Stream::kError, "first "}, {Stream::kError, "second"}}});
   EXPECT_EQ(outcome.error, GetParam() ? "first second" : "first ");
 }
 
-// Deliberate, and only on a platform without readability handlers: behind the chunk of standard
-// error comes a reading of standard output, and what that gives is taken for standard error.
-TEST_P(LaunchTaskTest, AfterAChunkOfStandardErrorStandardOutputIsReadAgain) {
+// Deliberate, and only on a platform without readability handlers: after the chunk of standard
+// error, standard output is read again, and the result is taken for standard error.
+TEST_P(LaunchTaskTest, AfterStandardErrorsChunkStandardOutputIsRead) {
   const Outcome outcome = launch({.whileRunning = {},
                                   .atItsEnd = {{Stream::kOutput, "out"},
                                                {Stream::kOutput, ""},
@@ -341,7 +341,7 @@ TEST_P(LaunchTaskTest, AfterAChunkOfStandardErrorStandardOutputIsReadAgain) {
                           line, line, HasSubstr("Termination status")));
 }
 
-TEST_P(LaunchTaskTest, ANoticeOfAnotherHandleIsTakenForOutput) {
+TEST_P(LaunchTaskTest, AnotherHandlesNotificationIsTakenForOutput) {
   FakeFileHandle other(center_, false);
   other.waitForDataInBackgroundAndNotify();
   const Outcome outcome =
@@ -353,14 +353,14 @@ TEST_P(LaunchTaskTest, ANoticeOfAnotherHandleIsTakenForOutput) {
     EXPECT_EQ(outcome.output, "own ");
     EXPECT_EQ(other.chunksHeld(), 2u);
   } else {
-    // One reading for one notice, and the handle waits again.
+    // One read for one notification, and the handle waits again.
     EXPECT_EQ(outcome.output, "own first ");
     EXPECT_EQ(other.chunksHeld(), 1u);
     EXPECT_TRUE(other.isWaitedFor());
   }
 }
 
-TEST_P(LaunchTaskTest, ANoticeOfNoHandleIsNothing) {
+TEST_P(LaunchTaskTest, ANotificationWithoutAHandleIsIgnored) {
   const Outcome outcome =
       launch({.whileRunning = {{Stream::kOutput, "own"}}, .atItsEnd = {}, .run = [&] {
                 center_.post({.name = platform::NSFileHandleDataAvailableNotification});
@@ -368,7 +368,7 @@ TEST_P(LaunchTaskTest, ANoticeOfNoHandleIsNothing) {
   EXPECT_EQ(outcome.output, "own");
 }
 
-TEST_P(LaunchTaskTest, WhetherHandlersAreCalledIsAskedOfStandardError) {
+TEST_P(LaunchTaskTest, StandardErrorDecidesWhetherHandlersAreCalled) {
   EXPECT_FALSE(isSetReadabilityHandlerAvailable(*task_));
   task_->makePipes();
   EXPECT_EQ(isSetReadabilityHandlerAvailable(*task_), GetParam());

@@ -1,4 +1,4 @@
-// The properties of characters and the comparisons against Unicode's own tables.
+// The properties of characters and the comparisons, tested against Unicode's own tables.
 
 #include <cstdint>
 #include <fstream>
@@ -65,7 +65,7 @@ std::map<UChar32, std::string> categories() {
   return result;
 }
 
-TEST(UnicodeDataTest, DigitsAndAlphanumericsAreThoseOfTheTable) {
+TEST(UnicodeDataTest, DigitsAndAlphanumericsMatchTheTable) {
   const auto table = categories();
   ASSERT_GT(table.size(), 100'000u);
   for (UChar32 c = 1; c <= kLast; ++c) {
@@ -78,7 +78,7 @@ TEST(UnicodeDataTest, DigitsAndAlphanumericsAreThoseOfTheTable) {
   }
 }
 
-TEST(UnicodeDataTest, WhiteSpaceIsThatOfTheTable) {
+TEST(UnicodeDataTest, WhiteSpaceMatchesTheTable) {
   std::set<UChar32> whiteSpace;
   eachLine("PropList.txt", [&](const std::vector<std::string>& fields) {
     if (fields[1] != "White_Space") return;
@@ -94,10 +94,11 @@ TEST(UnicodeDataTest, WhiteSpaceIsThatOfTheTable) {
   }
 }
 
-TEST(UnicodeDataTest, EveryCharacterEqualsWhatItFoldsTo) {
+TEST(UnicodeDataTest, EveryCharacterEqualsItsFolding) {
   int compared = 0;
   eachLine("CaseFolding.txt", [&](const std::vector<std::string>& fields) {
-    // Simple foldings stand in for full ones elsewhere, those of Turkish apply to no text here.
+    // Simple foldings replace full ones in other implementations, and the Turkish ones apply to no
+    // text here.
     if (fields[1] != "C" && fields[1] != "F") return;
     std::string folded;
     std::istringstream characters(fields[2]);
@@ -111,8 +112,8 @@ TEST(UnicodeDataTest, EveryCharacterEqualsWhatItFoldsTo) {
   EXPECT_GT(compared, 1400);
 }
 
-// Every sample of where characters end as a reader sees them: a part is found exactly where its end
-// is one.
+// Unicode's samples of the borders of visible characters: a part is found exactly if its end is
+// one.
 TEST(UnicodeDataTest, PartsEndWhereTheSamplesBreak) {
   const std::string kBreak = "\u00f7";
   int samples = 0;

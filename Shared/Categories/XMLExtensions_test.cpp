@@ -39,7 +39,7 @@ TEST(NSXMLNodeExtensionsTest, ANumberBecomesAnAttributesText) {
   }
 }
 
-TEST(NSXMLNodeExtensionsTest, WhatCanNotBeInXmlIsRefused) {
+TEST(NSXMLNodeExtensionsTest, TextsThatXmlCannotHoldAreRefused) {
   for (const auto& name :
        {std::optional<std::string_view>(), std::optional<std::string_view>(""),
         std::optional<std::string_view>("a b"), std::optional<std::string_view>("\xff")}) {
@@ -60,7 +60,7 @@ TEST(NSXMLElementExtensionsTest, ChildrenAreAddedInTheirOrder) {
   EXPECT_EQ(root.xmlString(), "<root><a/><b/>text<a/></root>");
 }
 
-TEST(NSXMLElementExtensionsTest, ChildrenThatCanNotBeAddedLeaveTheElementAsItWas) {
+TEST(NSXMLElementExtensionsTest, FailedChildrenLeaveTheElementUnchanged) {
   NSXMLNode root = element("root");
   const NSXMLNode attribute = NSXMLNodeExtensions::attributeWithName("a", 1).value();
   EXPECT_FALSE(NSXMLElementExtensions::addChildren(root, {element("a"), attribute}));
@@ -92,7 +92,7 @@ TEST(NSXMLElementExtensionsTest, NoDictionaryAddsNothing) {
   EXPECT_EQ(root.xmlString(), "<root/>");
 }
 
-TEST(NSXMLElementExtensionsTest, AnEntryThatXmlCanNotHoldLeavesTheElementAsItWas) {
+TEST(NSXMLElementExtensionsTest, AFailedEntryLeavesTheElementUnchanged) {
   for (const Dictionary& dictionary :
        {Dictionary{{"good", 1}, {"not a name", 2}}, Dictionary{{"good", 1}, {"a", "\x01"}},
         Dictionary{{"good", 1}, {"a", "\xff"}}, Dictionary{{"good", 1}, {"", 1}}}) {

@@ -24,7 +24,7 @@ std::size_t digestBytes(std::int32_t type) {
   return 0;
 }
 
-// As much of the bytes as there is room for.
+// Copies the bytes, as far as there is room.
 HashValue::Buffer filledWith(std::span<const std::uint8_t> bytes, std::size_t room) {
   HashValue::Buffer buffer{};
   std::ranges::copy(bytes.first(std::min(bytes.size(), room)), buffer.begin());

@@ -14,11 +14,11 @@
 // A digest as an immutable value: MD5 or SHA-256. It can be copied, archived, and be the key of a
 // table. Any thread; nothing blocks.
 //
-// A type that is neither is kept as a number and carries no digest, so that a value of a later
-// version survives being read and written again.
+// Any other type is kept as a number and carries no digest, so that a value of a later version
+// survives being read and written again.
 class HashValue {
  public:
-  // The buffer of every type, the digest at its beginning and zero bytes behind it.
+  // The buffer of every type: the digest and then zero bytes.
   static constexpr std::size_t kBufferBytes = 48;
   using Buffer = std::array<std::uint8_t, kBufferBytes>;
 
@@ -30,7 +30,7 @@ class HashValue {
   // The digest of `bytes`, of any size.
   static HashValue initHashValueMD5HashWithBytes(std::span<const std::uint8_t> bytes);
   static HashValue initSha256HashWithBytes(std::span<const std::uint8_t> bytes);
-  // The same of a data object.
+  // The same for a data object.
   static HashValue md5HashWithData(const platform::Data& data);
   static HashValue sha256HashWithData(const platform::Data& data);
 
@@ -52,20 +52,19 @@ class HashValue {
   // False for null, which is no digest.
   bool isEqual(const HashValue* other) const { return other && *this == *other; }
 
-  // A new value of this one's digest; of an unknown type's, deliberately, the buffer is all zeros.
+  // A new value with this one's digest; for an unknown type, deliberately, the buffer is all zeros.
   // (C++'s own copy is the same object once more and keeps all.)
   HashValue copyWithZone() const { return initWithBuffer(value_, type_); }
 
   // The value as entries of an archive, and of a message to another program: "value", a data object
   // of the whole buffer, and "type", a 32-bit integer.
   platform::Dictionary encodeWithCoder() const;
-  // Of a longer "value" the first 48 bytes count, a shorter one is filled up with zeros. kInvalid,
-  // naming the entry, where one is absent or not what it must be; others are ignored.
+  // The first 48 bytes of a longer "value" count, and a shorter one is padded with zeros. If an
+  // entry is absent or has the wrong type: kInvalid, naming it. Other entries are ignored.
   static platform::Result<HashValue> initWithCoder(const platform::Dictionary& archive);
 
-  // The entries as a property list in a file or a message: what is written is in binary, either
-  // form is read. `sourceName` begins the text of every error; kExhausted for more than
-  // kMaxArchiveBytes.
+  // The entries as a property list, in a file or a message: written in binary, read in either form.
+  // `sourceName` begins the text of every error; kExhausted for more than kMaxArchiveBytes.
   static constexpr std::size_t kMaxArchiveBytes = 4096;
   platform::Result<platform::Data> archivedData() const;
   static platform::Result<HashValue> unarchive(std::span<const std::uint8_t> bytes,

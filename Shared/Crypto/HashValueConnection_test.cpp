@@ -1,4 +1,4 @@
-// A digest's way to another program: by copy, as the entries of its archive.
+// Sends digests to another program: by copy, as the entries of their archive.
 
 #include <memory>
 #include <optional>
@@ -19,7 +19,7 @@ using namespace platform;
 
 const Protocol kProtocol("DigestProtocol", {{"exchange:"}});
 
-// Decodes what it gets, keeps it, and answers with the digest of its description.
+// Decodes the digest that it gets, keeps it, and answers with the digest of its description.
 class DigestServer final : public MessageReceiver {
  public:
   MessageResult receiveMessage(std::string_view /*exchange*/, const Array& arguments) override {
@@ -80,7 +80,7 @@ TEST_F(HashValueConnectionTest, ADigestOfEachTypeArrivesAndComesBackEqual) {
   }
 }
 
-TEST_F(HashValueConnectionTest, WhatIsNoArchiveIsAnExceptionAndTheConnectionStays) {
+TEST_F(HashValueConnectionTest, AnInvalidArchiveIsAnExceptionAndTheConnectionStays) {
   Dictionary forged = HashValue::md5HashWithData({}).encodeWithCoder();
   forged.set("type", std::int64_t{1} << 40);
   const auto refused = exchange(forged);

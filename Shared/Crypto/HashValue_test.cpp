@@ -53,7 +53,7 @@ TEST(HashValueTest, BytesPastTheDigestAreZero) {
   EXPECT_THAT(std::span(sha256.value()).subspan(32), testing::Each(0));
 }
 
-TEST(HashValueTest, ABufferGivesAsManyBytesAsItsTypeHas) {
+TEST(HashValueTest, ABufferGivesTheBytesOfItsType) {
   const Data buffer = counted(100);
   const struct {
     std::int32_t type;
@@ -78,7 +78,7 @@ TEST(HashValueTest, BytesThatABufferLacksAreZero) {
   }
 }
 
-TEST(HashValueTest, TheHashIsTheFirstEightBytesAsTheMachineReadsThem) {
+TEST(HashValueTest, TheHashIsTheFirstEightBytesInNativeOrder) {
   const std::uint64_t expected =
       std::endian::native == std::endian::little ? 0x0807060504030201 : 0x0102030405060708;
   EXPECT_EQ(HashValue::initWithBuffer(counted(16), HashValue::kMD5).hash(), expected);
@@ -104,7 +104,7 @@ TEST(HashValueTest, TheSameDigestOfAnotherTypeIsNotEqual) {
 }
 
 // Bytes past the digest count too, which only an archive can set.
-TEST(HashValueTest, EqualityLooksAtTheWholeBuffer) {
+TEST(HashValueTest, EqualityComparesTheWholeBuffer) {
   Data longer = counted(16);
   longer.push_back(1);
   const auto one = HashValue::initWithCoder(Dictionary{{"value", counted(16)}, {"type", 0}});
@@ -114,7 +114,7 @@ TEST(HashValueTest, EqualityLooksAtTheWholeBuffer) {
   EXPECT_NE(*one, *other);
 }
 
-TEST(HashValueTest, ACopyHasTheDigestAndOfAnUnknownTypeNothing) {
+TEST(HashValueTest, ACopyKeepsTheDigestOfAKnownType) {
   const HashValue md5 = HashValue::md5HashWithData(dataOf("abc"));
   EXPECT_EQ(md5.copyWithZone(), md5);
   const auto unknown = HashValue::initWithCoder(Dictionary{{"value", counted(48)}, {"type", 9}});
@@ -125,7 +125,7 @@ TEST(HashValueTest, ACopyHasTheDigestAndOfAnUnknownTypeNothing) {
   EXPECT_THAT(copy.value(), testing::Each(0));
 }
 
-TEST(HashValueTest, ItIsAKey) {
+TEST(HashValueTest, ItCanBeAKey) {
   std::unordered_map<HashValue, int> table;
   table[HashValue::md5HashWithData(dataOf("a"))] = 1;
   table[HashValue::sha256HashWithData(dataOf("a"))] = 2;
@@ -142,7 +142,7 @@ TEST(HashValueTest, TheArchiveHoldsTheWholeBufferAndTheType) {
   EXPECT_EQ(archive["type"].integer(), 0);
 }
 
-TEST(HashValueTest, WhatIsDecodedEqualsWhatWasEncoded) {
+TEST(HashValueTest, ADecodedValueEqualsTheEncodedOne) {
   for (const HashValue& value :
        {HashValue::md5HashWithData({}), HashValue::sha256HashWithData(dataOf("abc")),
         HashValue::initWithBuffer({}, INT32_MIN), HashValue::initWithBuffer({}, INT32_MAX)}) {
@@ -161,7 +161,7 @@ TEST(HashValueTest, AnArchiveInXmlIsReadAsWell) {
   EXPECT_EQ(HashValue::unarchive(*xml, "archive"), value);
 }
 
-TEST(HashValueTest, AnArchivedValueIsCutOrFilledToTheBuffer) {
+TEST(HashValueTest, AnArchivedValueIsCutOrPadded) {
   for (const std::size_t size : {0, 1, 47, 48, 49, 1000}) {
     const auto value =
         HashValue::unarchive(listOf(Dictionary{{"value", counted(size)}, {"type", 1}}), "archive");
@@ -172,7 +172,7 @@ TEST(HashValueTest, AnArchivedValueIsCutOrFilledToTheBuffer) {
   }
 }
 
-TEST(HashValueTest, AnArchiveThatIsNotOneSaysWhatIsWrong) {
+TEST(HashValueTest, AnInvalidArchivesErrorNamesTheFault) {
   const Data value = counted(48);
   const struct {
     Value archive;
@@ -203,7 +203,7 @@ TEST(HashValueTest, AnArchiveThatIsNotOneSaysWhatIsWrong) {
   EXPECT_FALSE(HashValue::unarchive({}, "archive"));
 }
 
-TEST(HashValueTest, AnArchiveIsBoundedInItsBytes) {
+TEST(HashValueTest, AnArchivesSizeIsLimited) {
   const auto xml = platform::writePropertyList(HashValue::md5HashWithData({}).encodeWithCoder(),
                                                PropertyListFormat::kXml);
   const auto ofSize = [&](std::size_t size) {

@@ -1,5 +1,5 @@
-// A background service for the tests: tells on standard output what its host does with it. Its
-// argument is the class to run.
+// A background service for the tests: prints the calls of its host on standard output. Its argument
+// is the class to run.
 
 #include <csignal>
 #include <cstdio>
@@ -105,6 +105,6 @@ int main(int argc, char** argv) {
   });
   BackgroundServiceHost host{**loop, signals, readiness, classes};
   const int status = VGBackgroundServiceMain(argv[1], argc, argv, host);
-  if (status == 0) std::raise(SIGTERM);  // Whoever is impatient, now that we clean up.
+  if (status == 0) std::raise(SIGTERM);  // A second signal during the cleanup.
   return status;
 }

@@ -18,9 +18,9 @@ using testing::HasSubstr;
 class BackgroundServiceProgramTest : public testing::Test {
  protected:
 #ifdef __SANITIZE_THREAD__
-  // Its runtime keeps a signal back until the program's next call, which never comes when the
-  // program has begun to wait for that signal in between: one run in eighty hangs, and a second
-  // signal ends it. The program has one thread.
+  // Its runtime delays a signal until the program's next call, which never comes if the program has
+  // begun to wait for that signal in between: one run in eighty hangs, and a second signal ends it.
+  // The program has one thread.
   void SetUp() override { GTEST_SKIP() << "ThreadSanitizer delays signals"; }
 #endif
 
@@ -50,7 +50,7 @@ TEST_F(BackgroundServiceProgramTest, RunsFromReadinessToATerminationSignal) {
   }
 }
 
-TEST_F(BackgroundServiceProgramTest, NeedsNobodyWhoWaitsForIt) {
+TEST_F(BackgroundServiceProgramTest, NeedsNoServiceManager) {
   ChildProgram program(arguments("Service"), {});
   EXPECT_EQ(program.nextLine(), "made");
   EXPECT_EQ(program.nextLine(), "launched");
@@ -108,7 +108,7 @@ TEST_F(BackgroundServiceProgramTest, AnUnknownClassIsAnErrorWithAdvice) {
   EXPECT_FALSE(notify_.hasMore());
 }
 
-TEST_F(BackgroundServiceProgramTest, AnAnnouncementThatNobodyHearsIsReportedAndChangesNothing) {
+TEST_F(BackgroundServiceProgramTest, AnUnheardAnnouncementIsReportedAndChangesNothing) {
   ChildProgram program(arguments("Service"), {"NOTIFY_SOCKET=" + folder_.path("nobody")});
   EXPECT_EQ(program.nextLine(), "made");
   EXPECT_EQ(program.nextLine(), "launched");

@@ -57,7 +57,7 @@ std::string readToItsEnd(int descriptor) {
   return text;
 }
 
-// Nothing at the end, where what has no line end is dropped.
+// Nothing at the end of the input; text without a line end is dropped.
 std::optional<std::string> lineFrom(int descriptor) {
   std::string line;
   for (;;) {

@@ -9,13 +9,12 @@
 
 namespace platform {
 
-// A real program that a test started and speaks to through its standard files. Every wait ends
-// after a minute at the latest, as a failure of the test. A program that still runs at the end is
-// killed.
+// A real program that a test starts and uses through its standard files. Every wait is limited to a
+// minute, after which the test fails. A program that still runs at the end is killed.
 class ChildProgram {
  public:
-  // `arguments` begin with the program's path. It gets no environment but `environment`, each as
-  // "NAME=VALUE", and what the sanitizers read.
+  // `arguments` begin with the program's path. The environment contains only `environment`, each as
+  // "NAME=VALUE", and the sanitizers' options.
   ChildProgram(std::vector<std::string> arguments, std::vector<std::string> environment);
   ChildProgram(const ChildProgram&) = delete;
   ChildProgram& operator=(const ChildProgram&) = delete;
@@ -24,20 +23,20 @@ class ChildProgram {
   ProcessId process() const { return process_; }
   void signal(int number) const;
   void closeInput() { input_.reset(); }
-  // Gives it a line to read; what has ended takes none.
+  // Writes a line to its input; has no effect on a program that has ended.
   void send(const std::string& line) const;
 
   // The next line of its output, without the line end.
   std::string nextLine();
   // The same, or nothing when the program has closed its output.
   std::optional<std::string> nextLineIfAny();
-  // The same of its errors.
+  // The next line of its errors.
   std::string nextErrorLine();
 
-  // How it ended.
+  // Its exit status.
   ExitStatus waitForExit();
 
-  // What has not been read of its output, and its errors; once it has ended.
+  // The unread rest of its output, and its errors, once it has ended.
   std::string restOfOutput();
   std::string errors();
 
@@ -49,8 +48,8 @@ class ChildProgram {
   UniqueFd errors_;
 };
 
-// Runs a test of this program alone in a process of a user with no rights and no groups, and wants
-// it to pass, or to be skipped; skips it where that user can't reach the program.
+// Runs a test of this program alone in a process of a user without rights and groups, and expects
+// it to pass or to be skipped; skips it if that user can't reach the program.
 void runTestAsNobody(const std::string& name);
 
 // A service manager's datagram socket.
@@ -58,9 +57,9 @@ class NotifySocket {
  public:
   explicit NotifySocket(const std::string& path);
 
-  // The next announcement, waited for.
+  // Waits for the next announcement.
   std::string next();
-  // Whether there is another one already.
+  // Whether another one has arrived.
   bool hasMore() const;
 
  private:

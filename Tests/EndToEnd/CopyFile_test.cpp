@@ -13,8 +13,8 @@ namespace {
 
 class KilledCopyTest : public testing::Test {
  protected:
-  // Copies, and is killed at its system call of this name and number. Whether it came to its end
-  // before.
+  // Copies, and is killed at its system call of this name and number. Returns whether it ended
+  // before that.
   static bool copyKilledAt(const std::string& call, int number, const std::string& source,
                            const std::string& destination) {
     const std::string kill = "inject=" + call + ":signal=SIGKILL:when=" + std::to_string(number);
@@ -29,7 +29,7 @@ class KilledCopyTest : public testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(KilledCopyTest, TheDestinationHoldsTheOldOrTheNewContentWhateverTheMoment) {
+TEST_F(KilledCopyTest, TheDestinationHasTheOldOrTheNewContent) {
   if (!canTrace()) GTEST_SKIP() << "programs can't be traced here (ptrace is not permitted)";
   const std::string fresh(300'000, 'n');
   const std::string stale(1000, 'o');
@@ -54,7 +54,7 @@ TEST_F(KilledCopyTest, TheDestinationHoldsTheOldOrTheNewContentWhateverTheMoment
       EXPECT_TRUE(mode == 0600 || mode == 0644) << std::oct << mode;
     }
   }
-  // Reading, writing and synchronising come before the rename, the attributes behind it.
+  // Reads, writes and syncs come before the rename, the attributes after it.
   EXPECT_GT(keptOld, 10);
   EXPECT_GT(gotNew, 10);
 }

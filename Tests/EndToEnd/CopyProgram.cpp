@@ -10,5 +10,5 @@ int main(int argc, char** argv) {
     platform::LinuxFileManager manager("/home");
     status = manager.overwriteWithCopy(argv[1], argv[2]) ? 0 : 1;
   }
-  ::_exit(status);  // Whoever looks for leaks at the end can't under a tracer.
+  ::_exit(status);  // The leak check at the end does not work under a tracer.
 }

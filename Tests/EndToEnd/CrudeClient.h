@@ -10,23 +10,23 @@
 
 namespace platform {
 
-// A peer that puts its messages together by hand, so that it can break the rules.
+// A peer that builds its messages by hand, so that it can break the rules.
 class CrudeClient {
  public:
   static constexpr char kAuthenticate[] = "NSConnectionAuthenticate:";
 
-  // Connected, and no more than that.
+  // It connects and does nothing more.
   CrudeClient(DaemonRoot& root, std::string_view server);
 
   PeerConnection& peer() { return *peer_; }
-  // Shows this; the answer.
+  // Shows this token, and returns the answer.
   MessageResult showToken(const Data& token);
-  // Shows the right one.
+  // Shows the right token.
   void authenticate();
-  // As a client that is to be told, with an object of these protocols.
+  // Registers as a client that gets notifications, with an object of these protocols.
   void registerClient(const Array& protocols);
 
-  // What it answers to each message that it gets; it hangs up where there is nothing.
+  // The answer to each message that it gets; nothing makes it hang up.
   void answerWith(std::optional<MessageResult> answer);
   bool hasEnded() const { return hasEnded_; }
 

@@ -1,5 +1,5 @@
-// Catalogues that are not as they should be: each ends in its own announcement or costs one
-// service, and the daemon stays.
+// Faulty catalogues: each fault has its own announcement or disables one service, and the daemon
+// stays.
 
 #include <optional>
 #include <string>
@@ -47,7 +47,7 @@ class DaemonCatalogue : public DaemonFixture {
     return with("Services", Dictionary{{DaemonRoot::kPrimary, Dictionary{{"JobSpec", job}}}});
   }
 
-  // A daemon that finds the files as they are now ends idle, having announced this.
+  // Expects that a daemon with the present files becomes idle after this announcement.
   void expectFailure(const std::string& error, const std::string& description) {
     const std::size_t before = root_.startErrors().size();
     if (isSubmitted_) {
@@ -68,7 +68,7 @@ class DaemonCatalogue : public DaemonFixture {
   bool isSubmitted_ = false;
 };
 
-TEST_F(DaemonCatalogue, WithoutAPrimaryServiceIsAnnouncedAndTheDaemonStaysIdle) {
+TEST_F(DaemonCatalogue, AMissingPrimaryServiceIsAnnounced) {
   const std::string whole = xmlOf(sound());
   Dictionary noPrimary = sound();
   noPrimary.remove("Primary");
@@ -96,7 +96,7 @@ TEST_F(DaemonCatalogue, WithoutAPrimaryServiceIsAnnouncedAndTheDaemonStaysIdle) 
   }
 }
 
-TEST_F(DaemonCatalogue, WithoutAProductIsAnnouncedAndTheDaemonStaysIdle) {
+TEST_F(DaemonCatalogue, AMissingProductIsAnnounced) {
   const auto expectUnreadable = [&] {
     expectFailure("Malformed Configuration", "Unable to resolve product information");
   };
@@ -122,7 +122,7 @@ TEST_F(DaemonCatalogue, WithoutAProductIsAnnouncedAndTheDaemonStaysIdle) {
                 "kKLXInstallTypeHouseholdID");
 }
 
-TEST_F(DaemonCatalogue, AWrongTypeAtAnyKeyOfAServiceCostsThatServiceAtMost) {
+TEST_F(DaemonCatalogue, AWrongTypeInAServiceAffectsOnlyThatService) {
   Dictionary catalogue = DaemonRoot::catalogue(0);
   Dictionary services = *catalogue["Services"].dictionary();
   for (const auto& [type, value] : oneOfEach()) {
@@ -146,7 +146,8 @@ TEST_F(DaemonCatalogue, AWrongTypeAtAnyKeyOfAServiceCostsThatServiceAtMost) {
   }
   services_ = 1;
   const std::string label = DaemonRoot::label(0);
-  services.set(label, DaemonRoot::service(label));  // The last, which the others must not cost.
+  // The last service, which the faults must not affect.
+  services.set(label, DaemonRoot::service(label));
   catalogue.set("Services", std::move(services));
   root_.setCatalogue(catalogue);
   root_.startDaemon();
@@ -158,9 +159,9 @@ TEST_F(DaemonCatalogue, AWrongTypeAtAnyKeyOfAServiceCostsThatServiceAtMost) {
   expectKilledServiceIsReported(label);
   EXPECT_EQ(root_.processOf(DaemonRoot::kDaemon), daemon);
   EXPECT_TRUE(root_.startErrors().empty());
-  // Not an array: seven of the types.
+  // Seven of the types are no arrays.
   root_.awaitLog("Malformed features referrences information encountered", 7);
-  // What is no version, or not one that is known, is no reason to start a service.
+  // No version, or an unknown one: the service is not started.
   root_.awaitLog("Unknown OS version: 'text'.  Not starting service");
 }
 

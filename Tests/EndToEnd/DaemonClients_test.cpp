@@ -1,4 +1,4 @@
-// Clients that misbehave when they are told what happens to the services.
+// Clients that misbehave when they get the notifications of services.
 
 #include <csignal>
 #include <list>
@@ -30,22 +30,23 @@ class DaemonClients : public DaemonFixture {
   std::list<CrudeClient> crude_;
 };
 
-TEST_F(DaemonClients, WhoHangsDiesOrAnswersGarbageIsDroppedAndTheOthersAreTold) {
+TEST_F(DaemonClients, AMisbehavingClientIsDroppedAndTheOthersNotified) {
   start(1);
   const Array conforming{kORBServiceManagerUserInterfaceDelegateProtocol};
-  // Its loop does not run any more.
+  // Its loop has stopped.
   const auto stopped = std::move(*AsioRunLoop::create());
   std::optional<UserInterfaceClient> hanging(std::in_place, root_, *stopped);
   hanging->registerClient();
-  // Ends before it can be told, and while it is told.
+  // One ends before its notification, one during it.
   addCrudeClient(conforming).peer().close();
   addCrudeClient(conforming).answerWith(std::nullopt);
-  // Garbage: an exception, a reference that is none, and one with a key of its own.
+  // Three invalid answers: an exception, an invalid reference, and a reference with a key of its
+  // own.
   addCrudeClient(conforming).answerWith(std::unexpected(NSException{"Garbage", "no reason", {}}));
   addCrudeClient(conforming).answerWith(Value(Dictionary{{"NSDistantObject", "garbage"}}));
   addCrudeClient(conforming)
       .answerWith(Value(Dictionary{{"NSDistantObject", Value(Dictionary{{"Number", -1}})}}));
-  // Conforms to something else.
+  // Implements another protocol.
   addCrudeClient({"NSObject"}).answerWith(Value());
   UserInterfaceClient last(root_);
   last.registerClient();
@@ -60,7 +61,7 @@ TEST_F(DaemonClients, WhoHangsDiesOrAnswersGarbageIsDroppedAndTheOthersAreTold) 
   EXPECT_EQ(root_.logCount(kAbandoned), 1 + crude_.size());
 }
 
-TEST_F(DaemonClients, WhoAsksForAProcessWhileBeingToldOneDeadlocksWithNobody) {
+TEST_F(DaemonClients, AClientThatCallsWithinItsNotificationIsDropped) {
   start(1);
   const std::string label = DaemonRoot::label(0);
   UserInterfaceClient asking(root_);
@@ -70,7 +71,7 @@ TEST_F(DaemonClients, WhoAsksForAProcessWhileBeingToldOneDeadlocksWithNobody) {
     if (!answer) answer = asking.ask("pidForService:", {label});
   };
   const ProcessId now = expectKilledServiceIsReported(label);
-  // The daemon serves nobody while it tells; who does not return in time is no longer told.
+  // The daemon serves nobody while it notifies; a client that does not return in time is dropped.
   ASSERT_TRUE(answer);
   EXPECT_FALSE(*answer);
   EXPECT_FALSE(asking.isConnected());

@@ -1,5 +1,5 @@
-// The daemon's registry of endpoints, with as many clients as a machine may have and with such that
-// do not belong to the product.
+// The daemon's registry of endpoints, with as many clients as a machine may have, and with clients
+// of another product.
 
 #include <algorithm>
 #include <atomic>
@@ -42,7 +42,7 @@ const Protocol& whoProtocol() {
   return protocol;
 }
 
-// What a service of the product's exports: it says who it is.
+// A service of the product exports this object, which returns its name.
 class Greeter final : public NSXPCListenerDelegate,
                       public NSXPCExportedObject,
                       public std::enable_shared_from_this<Greeter> {
@@ -65,7 +65,7 @@ class Greeter final : public NSXPCListenerDelegate,
   const std::string name_;
 };
 
-// Such a service. Ends before its XPC.
+// The service. Ends before its XPC.
 class Owner {
  public:
   Owner(XPC& xpc, std::string name)
@@ -90,7 +90,7 @@ class DaemonEndpoints : public DaemonFixture {
     atStart_ = descriptorsOfDaemon();
   }
 
-  // Each by its number and what the kernel says it is: of a socket, the inode.
+  // Each descriptor by its number and its link in /proc, which for a socket contains the inode.
   using Descriptors = std::set<std::pair<std::string, std::string>>;
   Descriptors descriptorsOfDaemon() {
     Descriptors descriptors;
@@ -103,12 +103,12 @@ class DaemonEndpoints : public DaemonFixture {
     }
     return descriptors;
   }
-  // Those of the start, each of them still the same, and so many more. It takes the daemon a few
-  // turns to learn that connections have ended.
+  // Expects the descriptors of the start, each unchanged, and this many more. The daemon needs a
+  // few turns to notice that connections have ended.
   void expectDescriptors(std::size_t more) {
     const auto connection = askers_.connect();
     RegistryClient::ask(*connection, RegistryClient::kSignature);
-    const std::size_t expected = atStart_.size() + more + 1;  // One is that connection.
+    const std::size_t expected = atStart_.size() + more + 1;  // One is this connection.
     const Instant deadline = root_.loop().now() + 30s;
     Descriptors now = descriptorsOfDaemon();
     while (now.size() != expected && root_.loop().now() < deadline) {
@@ -131,7 +131,7 @@ class DaemonEndpoints : public DaemonFixture {
         RegistryClient::ask(*connection, RegistryClient::kLookUp, {askers_.passkey(), Value(name)});
     return found && !found->empty() ? endpointIn(found->front()) : nullptr;
   }
-  // What the owner of that endpoint answers to another program; nothing where there is none.
+  // The answer of the endpoint's owner to another program; nothing if there is none.
   std::optional<Array> askOwner(std::shared_ptr<const NSXPCListenerEndpoint> endpoint) {
     const auto connection = askers_.xpc().makeConnection(std::move(endpoint));
     connection->setRemoteObjectInterface(&whoProtocol());
@@ -139,7 +139,7 @@ class DaemonEndpoints : public DaemonFixture {
     return RegistryClient::ask(*connection, kWho);
   }
 
-  // The daemon's main thread answers within a time that only a slow machine needs.
+  // Expects the daemon's main thread to answer within a time that only a slow machine needs.
   void expectMainThreadAnswers(UserInterfaceClient& interface) {
     const Instant begun = root_.loop().now();
     EXPECT_TRUE(interface.ask("pidForService:", {Value(DaemonRoot::label(0))}));
@@ -147,15 +147,15 @@ class DaemonEndpoints : public DaemonFixture {
   }
 
   Descriptors atStart_;
-  // Two programs: who registers, and who looks up.
+  // Two programs: one registers, the other looks up.
   RegistryClient owners_{root_.path(), root_.system()};
   RegistryClient askers_{root_.path(), root_.system()};
 };
 
-TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidRequest) {
+TEST_F(DaemonEndpoints, AThousandClientsAreServedWhileOthersDie) {
   constexpr int kClients = 1000;
   constexpr int kNames = 50;
-  // Those of the clients, with room for the daemon's others and what the test itself has open.
+  // Those of the clients, with room for the daemon's others and the test's own.
   constexpr std::uint64_t kDescriptors = 3 * kClients;
   if (softDescriptorLimit() < kDescriptors) GTEST_SKIP() << "too few descriptors";
   std::list<Owner> owners;
@@ -179,7 +179,7 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
     ++finished;
     done.count_down();
   };
-  // They go on until the main thread has answered beside them.
+  // They go on until the main thread has answered in between.
   std::atomic<bool> hasMainThreadAnswered = false;
   std::function<void(NSXPCConnection*, const Value&)> lookUpAgain = [&](NSXPCConnection* connection,
                                                                         const Value& name) {
@@ -217,11 +217,11 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
   }
   done.wait();
   EXPECT_EQ(right, kClients);
-  // What is not let go of is seen.
+  // Shows that the check would find leaked descriptors.
   EXPECT_GE(descriptorsOfDaemon().size(), atStart_.size() + kNames + kClients);
   connections.clear();
   for (ChildProgram& program : doomed) program.waitForExit();
-  // What is registered stays, also of who has died.
+  // Registrations stay, also those of clients that have died.
   constexpr std::size_t kDoomedNames = 40;
   expectDescriptors(kNames + kDoomedNames);
 
@@ -233,7 +233,7 @@ TEST_F(DaemonEndpoints, AThousandClientsAtOnceAreServedWhileOthersDieInMidReques
   EXPECT_EQ(root_.starts(), 1U);
 }
 
-// Requests are served until the last moment, by what the daemon's end takes apart.
+// Requests are served up to the last moment, by objects that the daemon destroys at its end.
 TEST_F(DaemonEndpoints, ClientsThatAskWhileTheDaemonEndsHarmNothing) {
   for (int round = 0; round < 3; ++round) {
     std::list<ChildProgram> asking;
@@ -250,7 +250,7 @@ TEST_F(DaemonEndpoints, ClientsThatAskWhileTheDaemonEndsHarmNothing) {
   }
 }
 
-TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered) {
+TEST_F(DaemonEndpoints, AWrongPasskeyIsIgnored) {
   Owner owner(owners_.xpc(), "right");
   registerOwner(owner, "name");
   Owner intruder(owners_.xpc(), "wrong");
@@ -260,7 +260,7 @@ TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered
   longer.push_back(0);
   Data lastBit = right;
   lastBit.back() ^= 1;
-  // With an endpoint a message must fit on the socket as it is.
+  // A message with an endpoint must fit on the socket as it is.
   constexpr std::size_t kLong = kMaxPeerMessageBytes - 2 * kPeerMessageHeaderBytes;
   const std::vector<Value> wrong{Data(),
                                  Data(right.begin(), right.begin() + 1),
@@ -284,7 +284,7 @@ TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered
   connection->sendMessage(
       RegistryClient::kLookUp, {Value(Data(4 * kMaxPeerMessageBytes)), Value("name")},
       [&](const Array&) { ++answered; }, nullptr);
-  // Behind all of them on the same connection, which goes on.
+  // A request after all of them on the same connection, which still works.
   EXPECT_EQ(RegistryClient::ask(*connection, RegistryClient::kSignature),
             Array{Value(clientProfileData(root_.system()))});
   EXPECT_EQ(answered, 0);
@@ -296,8 +296,8 @@ TEST_F(DaemonEndpoints, AWrongPasskeyOfAnyLengthRegistersNothingAndIsNotAnswered
   EXPECT_EQ(answered, 0);
 }
 
-// A peer that does not count what it is owed itself: its places are free again at once.
-TEST_F(DaemonEndpoints, ACallerThatIsNeverAnsweredHoldsNoPlace) {
+// A peer without a limit of its own for pending replies: its places are free again at once.
+TEST_F(DaemonEndpoints, AnUnansweredCallHoldsNoPlace) {
   RawPeer peer(pathOfMachService(root_.path(), kEndpointRegistryService));
   peer.authenticate();
   const auto lookup = encodeMessage(RegistryClient::kLookUp, {Value(Data(16)), Value("name"), {}},
@@ -307,7 +307,7 @@ TEST_F(DaemonEndpoints, ACallerThatIsNeverAnsweredHoldsNoPlace) {
   ASSERT_TRUE(lookup && signature);
   const std::string unanswered = RawPeer::marshalled(lookup->message.get(), 2);
   const std::string answered = RawPeer::marshalled(signature->message.get(), 3);
-  // Fewer at once than may wait to be served, and more together than may await a reply.
+  // At once fewer than may wait to be served, and together more than may await a reply.
   constexpr std::size_t kAtOnce = kMaxPeerCallsAwaitingReply / 2;
   for (std::size_t round = 0; round < 5; ++round) {
     for (std::size_t i = 0; i < kAtOnce; ++i) ASSERT_TRUE(peer.write(unanswered));
@@ -317,7 +317,7 @@ TEST_F(DaemonEndpoints, ACallerThatIsNeverAnsweredHoldsNoPlace) {
     std::array<char, 1024> bytes;
     const ssize_t size = ::recv(peer.socket(), bytes.data(), bytes.size(), 0);
     ASSERT_GT(size, 0);
-    // One message, and no error: what was asked last.
+    // One message, and no error: the answer to the last request.
     const int whole = dbus_message_demarshal_bytes_needed(bytes.data(), static_cast<int>(size));
     EXPECT_EQ(whole, size);
     const UniqueDBusMessage reply(
@@ -328,7 +328,7 @@ TEST_F(DaemonEndpoints, ACallerThatIsNeverAnsweredHoldsNoPlace) {
   }
 }
 
-TEST_F(DaemonEndpoints, AnUnknownNameIsAskedForAndADeadOwnersEndpointFailsCleanly) {
+TEST_F(DaemonEndpoints, UnknownNamesAreRequestedAndDeadOwnersFail) {
   std::vector<Value> requests;
   const auto observation = root_.center().addObserver(
       kEndpointRequestNotification, std::nullopt, [&](const DistributedNotification& notification) {
@@ -344,7 +344,7 @@ TEST_F(DaemonEndpoints, AnUnknownNameIsAskedForAndADeadOwnersEndpointFailsCleanl
     registerOwner(owner, "missing");
     EXPECT_EQ(askOwner(lookUp("missing")), Array{Value("mortal")});
   }
-  // Its entry stays, and says so at once; nobody else is harmed.
+  // Its entry stays and fails at once; other endpoints still work.
   const auto dead = lookUp("missing");
   ASSERT_TRUE(dead);
   EXPECT_EQ(askOwner(dead), std::nullopt);
@@ -354,7 +354,7 @@ TEST_F(DaemonEndpoints, AnUnknownNameIsAskedForAndADeadOwnersEndpointFailsCleanl
   EXPECT_EQ(requests.size(), 1U);
 }
 
-TEST_F(DaemonEndpoints, TheOperatorsCommandRegistersAndLooksUpAsAnyClient) {
+TEST_F(DaemonEndpoints, TheOperatorsCommandRegistersAndLooksUp) {
   const std::string control = root_.host().controlProgram();
   const auto missing = root_.host().control({"endpoints", "lookup", "mine"});
   EXPECT_EQ(missing.status.number, 1);
@@ -364,11 +364,11 @@ TEST_F(DaemonEndpoints, TheOperatorsCommandRegistersAndLooksUpAsAnyClient) {
   const auto found = root_.host().control({"endpoints", "lookup", "mine", "--json"});
   EXPECT_EQ(found.status.number, 0) << found.errors;
   EXPECT_THAT(found.output, HasSubstr("\"registered\": true"));
-  EXPECT_EQ(askOwner(lookUp("mine")), std::nullopt);  // It turns everybody away.
+  EXPECT_EQ(askOwner(lookUp("mine")), std::nullopt);  // It rejects every peer.
   EXPECT_THAT(registering.nextLine(), HasSubstr("connects"));
 }
 
-// The next daemon knows nothing of it.
+// The next daemon does not know of it.
 TEST_F(DaemonEndpoints, TheOperatorsRegistrationEndsWithTheDaemon) {
   ChildProgram registering({root_.host().controlProgram(), "endpoints", "register", "mine"}, {});
   EXPECT_THAT(registering.nextLine(), HasSubstr("mine is registered"));

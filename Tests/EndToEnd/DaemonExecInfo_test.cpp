@@ -1,4 +1,4 @@
-// What the daemon tells of files, whatever they are.
+// The daemon's facts about files of all kinds.
 
 #include <algorithm>
 #include <atomic>
@@ -33,7 +33,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // Hours to hash.
+constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // It takes hours to hash.
 const Array kNothing{Value(""), Value(""), Value("")};
 
 class DaemonExecInfo : public DaemonFixture {
@@ -57,7 +57,7 @@ class DaemonExecInfo : public DaemonFixture {
     std::filesystem::resize_file(path, size);
     return path;
   }
-  // In kibibytes, the most that the daemon has ever had in memory.
+  // The daemon's peak memory in kibibytes.
   long mostMemory() {
     std::ifstream file("/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/status");
     for (std::string name; file >> name;) {
@@ -75,14 +75,14 @@ class DaemonExecInfo : public DaemonFixture {
       return std::filesystem::read_symlink(descriptor.path(), isGone) == path;
     });
   }
-  // It takes the daemon a few turns to learn that a caller has gone.
+  // The daemon needs a few turns to notice that a caller has gone.
   void awaitClosedInDaemon(const std::string& path) {
     const std::string small = root_.folder().write("files/any", "abc");
     const Instant deadline = root_.loop().now() + 60s;
     while (isOpenInDaemon(path) && root_.loop().now() < deadline) hashOf(small);
     EXPECT_FALSE(isOpenInDaemon(path));
   }
-  // So many programs, each with a request for it that has begun.
+  // Starts this many programs, each with a request for the file that has begun.
   std::list<ChildProgram> askFor(const std::string& path, std::size_t callers) {
     std::list<ChildProgram> programs;
     for (std::size_t i = 0; i < callers; ++i) {
@@ -93,22 +93,21 @@ class DaemonExecInfo : public DaemonFixture {
     root_.awaitLog("requestExecutableInfo request for path '" + path + "'", callers);
     return programs;
   }
-  // Whether the file has the attribute now; where no file here can have one, no.
+  // Whether the file has the attribute now; false if the file system has no attributes.
   static bool setAttribute(const std::string& path, const char* name, std::string_view value) {
     if (::setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0) return true;
     EXPECT_EQ(errno, ENOTSUP);
     return false;
   }
-  // Serves one file to a download tool, and runs that to its end.
+  // Serves one file to a download tool, and runs the tool to its end.
   void download(std::vector<std::string> tool, const std::string& target);
 
   RegistryClient asker_{root_.path(), root_.system()};
   std::shared_ptr<NSXPCConnection> service_;
 };
 
-// Each has four times the size that a daemon with a file in its memory would be noticed by. It
-// makes no difference to what is shown that they are not larger still, but to the time that this
-// takes.
+// Each has four times the size at which a daemon that reads a whole file into memory would be
+// noticed. Larger files would show nothing more, but would take longer.
 TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemory) {
   constexpr std::uintmax_t kSize = std::uintmax_t{1} << 29;
   const std::vector<std::string> files{sparseFile("one", kSize), sparseFile("two", kSize)};
@@ -125,7 +124,7 @@ TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemory) {
         RegistryClient::kExecInfo, {Value(file)},
         [answer](Array values) { answer->set_value(std::move(values)); }, nullptr);
   }
-  const Value expected(hexadecimalText(**sha256OfFile(files.front())));  // Of both.
+  const Value expected(hexadecimalText(**sha256OfFile(files.front())));  // for both files
   for (std::future<Array>& answer : answers) {
     ASSERT_EQ(answer.wait_for(100s), std::future_status::ready);
     EXPECT_EQ(answer.get().at(1), expected);
@@ -135,8 +134,8 @@ TEST_F(DaemonExecInfo, TwoLargeFilesAtOnceCostLittleMemory) {
 #endif
 }
 
-// As many as the service has threads.
-TEST_F(DaemonExecInfo, EndlessFilesHoldUpNobody) {
+// as many as the service has threads
+TEST_F(DaemonExecInfo, EndlessFilesDelayNobody) {
   const std::vector<std::string> files{sparseFile("one", kEndless), sparseFile("two", kEndless)};
   std::vector<std::shared_ptr<NSXPCConnection>> connections;
   std::atomic<int> answered = 0;
@@ -149,7 +148,7 @@ TEST_F(DaemonExecInfo, EndlessFilesHoldUpNobody) {
   for (const std::string& file : files) {
     root_.awaitLog("requestExecutableInfo request for path '" + file + "'");
   }
-  // The registry, the log and the main thread go on.
+  // The registry, the log and the main thread still work.
   const auto registry = asker_.connect();
   EXPECT_EQ(RegistryClient::ask(*registry, RegistryClient::kLookUp,
                                 {asker_.passkey(), Value("meanwhile")}),
@@ -162,7 +161,7 @@ TEST_F(DaemonExecInfo, EndlessFilesHoldUpNobody) {
   for (const std::string& file : files) awaitClosedInDaemon(file);
 }
 
-// Of more callers than the service has threads, none of whom goes.
+// There are more callers than the service has threads, and none of them leaves.
 TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
   const std::string endless = sparseFile("endless", kEndless);
   std::list<ChildProgram> callers = askFor(endless, LinuxXPC::kThreadsPerListener + 1);
@@ -170,7 +169,7 @@ TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
   for (ChildProgram& caller : callers) {
     const ExitStatus status = caller.waitForExit();
     EXPECT_EQ(status.kind, ExitStatus::Kind::kExited);
-    // That nothing is known, or that nobody is there any more: the answer may come too late.
+    // The hash may be unknown, or the answer too late for a daemon that has ended.
     if (status.number == 0) {
       EXPECT_THAT(caller.restOfOutput(), HasSubstr("  sha256   -\n"));
     } else {
@@ -180,14 +179,14 @@ TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
   }
 }
 
-// More of them than the service has threads, for hours each.
-TEST_F(DaemonExecInfo, CallersThatAskForAnEndlessFileAndDieHarmNobody) {
+// There are more of them than the service has threads, and each would take hours.
+TEST_F(DaemonExecInfo, DeadCallersOfAnEndlessFileHarmNobody) {
   const std::string endless = sparseFile("endless", kEndless);
   const std::string small = root_.folder().write("files/small", "abc");
   const std::string expected = hexadecimalText(**sha256OfFile(small));
   std::list<ChildProgram> callers = askFor(endless, LinuxXPC::kThreadsPerListener + 1);
   EXPECT_TRUE(isOpenInDaemon(endless));
-  EXPECT_EQ(hashOf(small), expected);  // As they live.
+  EXPECT_EQ(hashOf(small), expected);  // while they live
   for (ChildProgram& caller : callers) {
     caller.signal(SIGKILL);
     caller.waitForExit();
@@ -197,7 +196,7 @@ TEST_F(DaemonExecInfo, CallersThatAskForAnEndlessFileAndDieHarmNobody) {
   EXPECT_EQ(root_.starts(), 1U);
 }
 
-TEST_F(DaemonExecInfo, WhatIsNoPlainFileIsAnsweredAtOnce) {
+TEST_F(DaemonExecInfo, ANonRegularFileIsAnsweredAtOnce) {
   const std::string pipe = root_.folder().path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   const std::string link = root_.folder().path("link");
@@ -213,7 +212,7 @@ TEST_F(DaemonExecInfo, WhatIsNoPlainFileIsAnsweredAtOnce) {
   }
   const std::string unreadable = root_.folder().write("files/unreadable", "abc");
   ASSERT_EQ(::chmod(unreadable.c_str(), 0), 0);
-  // Root reads it nevertheless.
+  // Root can read it anyway.
   EXPECT_EQ(hashOf(unreadable),
             ::geteuid() == 0 ? hexadecimalText(**sha256OfFile(unreadable)) : "");
   EXPECT_EQ(RegistryClient::ask(*service_, RegistryClient::kExecInfo, {Value(7)}), kNothing);
@@ -243,12 +242,12 @@ TEST_F(DaemonExecInfo, AFileThatChangesWhileItIsReadIsAnswered) {
     root_.awaitLog("requestExecutableInfo request for path '" + path + "'");
     change(path);
     ASSERT_EQ(answered.wait_for(100s), std::future_status::ready);
-    // What it held when it was opened, just before or after, or nothing.
+    // Its content before or after the change, or nothing.
     EXPECT_THAT(*answered.get().at(1).string(), testing::AnyOf("", whole, longer, one));
   }
 }
 
-TEST_F(DaemonExecInfo, ASignedProgramTellsItsIdentifierAndAnUnsignedOneDoesNot) {
+TEST_F(DaemonExecInfo, OnlyASignedProgramHasAnIdentifier) {
   const std::string program = root_.folder().path("opt/agent");
   EXPECT_EQ(tell(program), (Array{Value("valid: com.vantor.test"),
                                   Value(hexadecimalText(**sha256OfFile(program))), Value("")}));
@@ -256,7 +255,7 @@ TEST_F(DaemonExecInfo, ASignedProgramTellsItsIdentifierAndAnUnsignedOneDoesNot) 
   root_.awaitLog("<Error> [ORBExecInfoHandler.cpp");
 }
 
-TEST_F(DaemonExecInfo, TheQuarantineRecordOfTheLastUserIsToldThroughTheSettingsServer) {
+TEST_F(DaemonExecInfo, TheLastUsersQuarantineRecordIsFound) {
   const std::string file = root_.folder().write("files/quarantined", "abc");
   if (!setAttribute(file, "user.com.apple.quarantine", "0081;5f3e9c02;Browser;0E2D-77A1")) {
     GTEST_SKIP() << "this file system takes no attributes";
@@ -309,12 +308,12 @@ void DaemonExecInfo::download(std::vector<std::string> tool, const std::string& 
   EXPECT_THAT(told.output, HasSubstr("source   " + url + "\n"));
 }
 
-TEST_F(DaemonExecInfo, WhatCurlDownloadedTellsItsSource) {
+TEST_F(DaemonExecInfo, ACurlDownloadHasItsSource) {
   const std::string target = root_.folder().path("by-curl");
   download({"/usr/bin/curl", "--xattr", "--silent", "--show-error", "--output", target}, target);
 }
 
-TEST_F(DaemonExecInfo, WhatWgetDownloadedTellsItsSource) {
+TEST_F(DaemonExecInfo, AWgetDownloadHasItsSource) {
   const std::string target = root_.folder().path("by-wget");
   download({"/usr/bin/wget", "--xattr", "--quiet", "--output-document", target}, target);
 }

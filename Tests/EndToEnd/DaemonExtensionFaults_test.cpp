@@ -1,5 +1,5 @@
-// Extensions that go wrong, one way after the other, and what the daemon and its operator make of
-// it.
+// Extensions that fail in different ways, and the reactions of the daemon and the operator's
+// command.
 
 #include <csignal>
 #include <fstream>
@@ -23,11 +23,12 @@ class DaemonExtensionFaults : public DaemonExtensionsFixture {
   }
   void changeProgramOf(const char* identifier) {
     const std::string program = bundleOf(identifier) + "/Contents/Linux/extension";
-    std::filesystem::copy_file(program, program + ".new");  // The running one can't be written to.
+    // A running program can't be written to.
+    std::filesystem::copy_file(program, program + ".new");
     std::ofstream(program + ".new", std::ios::app) << "and more";
     std::filesystem::rename(program + ".new", program);
   }
-  // What "servicemanagerctl extensions" prints.
+  // The output of "servicemanagerctl extensions".
   std::string report() {
     const auto finished = root_.host().control({"extensions"});
     EXPECT_EQ(finished.status, ExitStatus{}) << finished.errors;
@@ -36,19 +37,19 @@ class DaemonExtensionFaults : public DaemonExtensionsFixture {
   static std::string textOf(const Value& value) { return value.string() ? *value.string() : ""; }
 };
 
-TEST_F(DaemonExtensionFaults, OneThatCrashesWhenItIsAskedFails) {
+TEST_F(DaemonExtensionFaults, AnExtensionThatCrashesFails) {
   expectUseless("<key>ControlCrashes</key><true/>");
 }
 
-TEST_F(DaemonExtensionFaults, OneThatAnswersShortFails) {
+TEST_F(DaemonExtensionFaults, AShortAnswerFails) {
   expectUseless("<key>ControlAnswerBytes</key><integer>3</integer>");
 }
 
-TEST_F(DaemonExtensionFaults, OneThatAnswersLongerThanAnyOptionFails) {
+TEST_F(DaemonExtensionFaults, AnOversizedAnswerFails) {
   expectUseless("<key>ControlAnswerBytes</key><integer>4097</integer>");
 }
 
-TEST_F(DaemonExtensionFaults, OneThatAnswersLongWithARecentVersionIsConfigured) {
+TEST_F(DaemonExtensionFaults, ALongAnswerWithARecentVersionSucceeds) {
   installExtension(root_, kNetwork, "<key>ControlAnswerBytes</key><integer>4096</integer>");
   installExtension(root_, kOther);
   start();
@@ -56,10 +57,10 @@ TEST_F(DaemonExtensionFaults, OneThatAnswersLongWithARecentVersionIsConfigured) 
   root_.awaitLog("has been told");
 }
 
-TEST_F(DaemonExtensionFaults, OneThatSomebodyElseUsesIsNotUnloadedAndTheServiceDoesNotStart) {
+TEST_F(DaemonExtensionFaults, AnExtensionInUseIsNotUnloaded) {
   installExtension(root_, kNetwork, "<key>ControlVersion</key><integer>4</integer>");
   installExtension(root_, kOther);
-  // It runs, and is used, before the daemon comes.
+  // It runs, and is used, before the daemon starts.
   const auto submitted = root_.jobs().SMJobSubmit(
       kSMDomainSystemLaunchd,
       Dictionary{{"Label", LinuxKernelExtensions::jobLabel(kNetwork)},
@@ -72,7 +73,7 @@ TEST_F(DaemonExtensionFaults, OneThatSomebodyElseUsesIsNotUnloadedAndTheServiceD
   const ProcessId process = extension(kNetwork);
   const auto client = connectToControl(controls_, kNetwork);
   ASSERT_TRUE(client) << describe(client.error());
-  EXPECT_TRUE((*client)->ping());  // It has been accepted.
+  EXPECT_TRUE((*client)->ping());  // The client has been accepted.
   start();
   EXPECT_FALSE(runs(0));
   EXPECT_TRUE(runs(1) && runs(2));
@@ -83,8 +84,8 @@ TEST_F(DaemonExtensionFaults, OneThatSomebodyElseUsesIsNotUnloadedAndTheServiceD
   EXPECT_TRUE((*client)->ping());
 }
 
-// It comes back without a secret; nothing looks at it until one of its services has stopped.
-TEST_F(DaemonExtensionFaults, OneThatWasKilledIsToldTheSecretWithTheNextStartOfItsService) {
+// It restarts without a secret; nothing checks it until one of its services has stopped.
+TEST_F(DaemonExtensionFaults, AKilledExtensionGetsTheSecretAtTheNextStart) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
@@ -100,8 +101,8 @@ TEST_F(DaemonExtensionFaults, OneThatWasKilledIsToldTheSecretWithTheNextStartOfI
   EXPECT_TRUE(runs(0) && runs(1) && runs(2));
 }
 
-// Extensions outlive the daemon; the next one has another secret and knows of none of them.
-TEST_F(DaemonExtensionFaults, ADaemonThatStartsAgainTellsTheRunningExtensionItsNewSecret) {
+// Extensions outlive the daemon; the next daemon has another secret and does not know them.
+TEST_F(DaemonExtensionFaults, ARestartedDaemonSendsItsNewSecret) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
@@ -116,7 +117,7 @@ TEST_F(DaemonExtensionFaults, ADaemonThatStartsAgainTellsTheRunningExtensionItsN
   EXPECT_EQ(extension(kNetwork), process);
 }
 
-TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtension) {
+TEST_F(DaemonExtensionFaults, TheReportFollowsEveryChangeOfAnExtension) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
@@ -124,7 +125,7 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtens
   ASSERT_GT(process, 0);
   const std::string running = "process " + std::to_string(process);
   const auto expectRunning = [&](Value fact) {
-    // A slow machine may keep it from answering in time once.
+    // On a slow machine it may once answer too late.
     for (int i = 0; i < 20 && fact["IsAnswering"] != Value(true); ++i) fact = facts()["files"];
     EXPECT_EQ(fact["PID"], Value(process));
     EXPECT_EQ(fact["IsLoaded"], Value(true));
@@ -136,7 +137,7 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtens
   EXPECT_EQ(fact["Path"], Value(bundleOf(kOther)));
   EXPECT_TRUE(fact["Fault"].isNil());
 
-  ASSERT_EQ(::kill(process, SIGSTOP), 0);  // It stands still.
+  ASSERT_EQ(::kill(process, SIGSTOP), 0);  // It hangs.
   fact = facts()["files"];
   EXPECT_EQ(fact["IsConnected"], Value(true));
   EXPECT_EQ(fact["IsAnswering"], Value(false));
@@ -146,7 +147,7 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtens
 
   changeProgramOf(kOther);
   fact = facts()["files"];
-  expectRunning(fact);  // What runs is what was signed.
+  expectRunning(fact);  // The running program is the signed one.
   EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("Contents/Linux/extension"));
   EXPECT_THAT(report(), AllOf(HasSubstr("damaged"), HasSubstr(running)));
 
@@ -179,11 +180,11 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldTheTruthWhateverBecomesOfAnExtens
   EXPECT_TRUE(fact["Path"].isNil());
   EXPECT_THAT(textOf(fact["Fault"]), HasSubstr("there is no such extension"));
   EXPECT_THAT(report(), HasSubstr("was loaded from " + bundleOf(kOther)));
-  // Its neighbour is not concerned.
+  // The other extension is not affected.
   EXPECT_TRUE(facts()["net"]["Fault"].isNil());
 }
 
-TEST_F(DaemonExtensionFaults, TheOperatorIsToldOfOneThatWasKilledWhatTheJobHostKnows) {
+TEST_F(DaemonExtensionFaults, TheReportShowsAKilledExtensionsJob) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
@@ -195,11 +196,11 @@ TEST_F(DaemonExtensionFaults, TheOperatorIsToldOfOneThatWasKilledWhatTheJobHostK
     EXPECT_EQ(fact["PID"], Value(before));
   }
   EXPECT_EQ(fact["IsLoaded"], Value(true));
-  EXPECT_EQ(fact["IsConfigured"], Value(true));  // As it was found when its service started.
+  EXPECT_EQ(fact["IsConfigured"], Value(true));  // as it was when its service started
 }
 
-// A program that somebody signed does not make its bundle what its Info.plist says.
-TEST_F(DaemonExtensionFaults, ABundleThatClaimsAnothersIdentifierIsNotStarted) {
+// A valid signature does not make a bundle the one that its Info.plist claims to be.
+TEST_F(DaemonExtensionFaults, ABundleWithAnothersIdentifierIsNotStarted) {
   installExtension(root_, kOther);
   const std::string bundle =
       installExtensionAt(root_, "Library/Extensions/Claims.kext", "com.example.nke.claims");
@@ -215,7 +216,7 @@ TEST_F(DaemonExtensionFaults, ABundleThatClaimsAnothersIdentifierIsNotStarted) {
   EXPECT_EQ(extension(kNetwork), 0);
   EXPECT_EQ(root_.logCount("has been told"), 0u);
   EXPECT_GE(root_.logCount(bundle + "/Contents/Info.plist"), 1u);
-  // Nor is it where the seal that says so has gone.
+  // Nor without the seal that shows this.
   std::filesystem::remove_all(bundle + "/Contents/_CodeSignature");
   EXPECT_THAT(textOf(facts()["net"]["Fault"]), HasSubstr("the bundle has no seal"));
 }
@@ -230,7 +231,7 @@ class DaemonOldRelease : public DaemonExtensionsFixture {
     content.replace(content.find("<dict>"), 6,
                     "<dict><key>KernelRelease</key><string>10.8.0</string>");
     root_.folder().write("etc/vantor/platform.plist", content);
-    // What it is given is kept; then it does its work.
+    // Records its arguments, and then does its work.
     const std::string program = root_.folder().path("sbin/kextunload.real");
     std::filesystem::create_directories(root_.folder().path("sbin"));
     std::filesystem::copy_file(KEXTUNLOAD, program);

@@ -1,5 +1,4 @@
-// Where the daemon's secret is not: in files, the log, argument lists, core dumps, and in the hands
-// of other users.
+// The daemon's secret is in no file, log, argument list or core dump, and other users don't get it.
 
 #include <cerrno>
 #include <csignal>
@@ -30,12 +29,12 @@ namespace {
 
 constexpr uid_t kNobody = 65534;
 
-// The regular files, without those that come while they are looked for.
+// The regular files, without files that appear during the search.
 std::vector<std::filesystem::path> filesBelow(const std::string& folder) {
   using Entries = std::filesystem::recursive_directory_iterator;
   std::vector<std::filesystem::path> files;
   std::error_code isGone;
-  do {  // From the beginning where a folder has vanished, which ends the search.
+  do {  // Starts again if a folder has vanished, which ends the iteration.
     files.clear();
     for (Entries entry(folder, isGone), end; !isGone && entry != end; entry.increment(isGone)) {
       std::error_code ignored;
@@ -47,7 +46,7 @@ std::vector<std::filesystem::path> filesBelow(const std::string& folder) {
   return files;
 }
 
-// The part of the base64 text that these bytes alone decide, where `before` others precede them.
+// The part of the base64 text that depends on these bytes alone, if `before` others precede them.
 std::string base64Within(const Data& bytes, std::size_t before) {
   Data padded(before, 0);
   padded.insert(padded.end(), bytes.begin(), bytes.end());
@@ -80,7 +79,7 @@ std::vector<std::string> encodingsOf(const Data& bytes) {
           base64Within(bytes, 2)};
 }
 
-// Runs as a user without rights in a process of its own; what `call` returns is its exit status.
+// Calls `call` in a process of a user without rights; its result is the exit status.
 int asNobody(const std::function<int()>& call) {
   const pid_t child = ::fork();
   if (child == 0) {
@@ -115,7 +114,7 @@ class DaemonExtensionSecret : public DaemonExtensionsFixture {
   }
   std::string controls() const { return controlFolder(root_.path()); }
   std::string controlOf(const char* identifier) const { return controls() + "/" + identifier; }
-  // The folders above the controls let everybody in, as those of an installation do.
+  // The folders above the controls are open to everybody, as in an installation.
   void openTheWayToTheControls() {
     for (const char* folder : {"", "run", "run/vantor"}) {
       ASSERT_EQ(::chmod(root_.folder().path(folder).c_str(), 0755), 0);
@@ -123,12 +122,12 @@ class DaemonExtensionSecret : public DaemonExtensionsFixture {
   }
 };
 
-// The secret of a daemon that has been through every place that writes something.
+// This daemon has used its secret in every place that writes something.
 TEST_F(DaemonExtensionSecret, IsInNoFileNoLogAndNoArgumentList) {
   startWithBoth();
   const Data bytes = secret();
   ASSERT_EQ(bytes.size(), 8u);
-  // It is told again, and its extension ends by force.
+  // It gets the secret again, and the daemon kills its extension.
   askFor("stopServices:", 0);
   askFor("startServices:", 0);
   root_.awaitLog("has been told", 2);
@@ -157,8 +156,8 @@ TEST_F(DaemonExtensionSecret, IsInNoFileNoLogAndNoArgumentList) {
   }
 }
 
-// That the search would find it.
-TEST(EncodingsOfASecret, AreAllLookedFor) {
+// Shows that the search would find the secret.
+TEST(EncodingsOfASecret, AreAllFound) {
   const Data bytes{0xde, 0xad, 0xbe, 0xef, 1, 2, 3, 250};
   const auto encodings = encodingsOf(bytes);
   const auto has = [&](const std::string& text) {
@@ -167,7 +166,7 @@ TEST(EncodingsOfASecret, AreAllLookedFor) {
   };
   EXPECT_TRUE(has("deadbeef010203fa") && has("<DEADBEEF010203FA>"));
   EXPECT_TRUE(has("de ad be ef 01 02 03 fa") && has("[222, 173, 190, 239, 1, 2, 3, 250]"));
-  // base64 of it alone, behind one byte, behind two, and between others.
+  // base64 of the bytes alone, after one byte, after two, and between others.
   EXPECT_TRUE(has("3q2+7wECA/o=") && has("eN6tvu8BAgP6") && has("eHjerb7vAQID+g=="));
   EXPECT_TRUE(has("eHh43q2+7wECA/p4"));
   EXPECT_FALSE(has("3q2+7wECB/o=") || has("deadbeef010203fb"));
@@ -180,10 +179,10 @@ TEST_F(DaemonExtensionSecret, ACrashOfItsExtensionLeavesNoCoreDump) {
   startWithBoth();
   const ProcessId process = extension(kNetwork);
   ASSERT_GT(process, 0);
-  // As if its job allowed them.
+  // As if its job allowed core dumps.
   const rlimit allowed{limit.rlim_max, limit.rlim_max};
   ASSERT_EQ(::prlimit(process, RLIMIT_CORE, &allowed, nullptr), 0) << std::strerror(errno);
-  // Not SIGSEGV, which a sanitizer in the extension would catch.
+  // A sanitizer in the extension would catch SIGSEGV.
   ASSERT_EQ(::kill(process, SIGABRT), 0);
   root_.awaitLog("job \"kext.com.vantor.nke.wfk\": process");
   const Value job = root_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd,
@@ -195,9 +194,9 @@ TEST_F(DaemonExtensionSecret, ACrashOfItsExtensionLeavesNoCoreDump) {
   EXPECT_FALSE(WCOREDUMP(static_cast<int>(*status)));
 }
 
-// A daemon, extensions and services of an ordinary user, into which that user's other processes
-// look.
-TEST_F(DaemonExtensionSecret, OtherProcessesOfItsUserCannotLookIntoItsHolders) {
+// An ordinary user runs the daemon, extensions and services, and the user's other processes try to
+// read their memory.
+TEST_F(DaemonExtensionSecret, TheUsersOtherProcessesCannotReadItsHolders) {
   if (::geteuid() == 0) {
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
     return runTestAsNobody(std::string(test.test_suite_name()) + "." + test.name());
@@ -213,11 +212,11 @@ TEST_F(DaemonExtensionSecret, OtherProcessesOfItsUserCannotLookIntoItsHolders) {
       EXPECT_FALSE(opens(holder, file)) << holder << " " << file;
     }
   }
-  // Who holds no secret is open to them.
+  // Processes without the secret are readable.
   EXPECT_TRUE(opens(root_.processOf(DaemonRoot::label(2)), "environ"));
 }
 
-TEST_F(DaemonExtensionSecret, AnOrdinaryUserGetsNowhereAtTheControls) {
+TEST_F(DaemonExtensionSecret, AnOrdinaryUserCannotReachTheControls) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
   openTheWayToTheControls();
@@ -253,8 +252,8 @@ TEST_F(DaemonExtensionSecret, AnOrdinaryUserGetsNowhereAtTheControls) {
   expectToHaveTheSecret();
 }
 
-// Even where somebody has opened the folder and the socket to everybody.
-TEST_F(DaemonExtensionSecret, AnOrdinaryUserThatGetsToAControlIsToldNothingAndTellsNothing) {
+// Even if the folder and the socket have been opened to everybody.
+TEST_F(DaemonExtensionSecret, AControlIgnoresAnOrdinaryUser) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
   openTheWayToTheControls();
@@ -286,7 +285,7 @@ TEST_F(DaemonExtensionSecret, AnOrdinaryUserThatGetsToAControlIsToldNothingAndTe
   expectToHaveTheSecret();
 }
 
-// An ordinary user's program that has come to a control's place waits there for the secret.
+// An ordinary user's program at the place of a control, which waits there for the secret.
 class Impostor {
  public:
   explicit Impostor(const std::string& path) {
@@ -299,7 +298,7 @@ class Impostor {
     EXPECT_EQ(::read(ready[0], &byte, 1), 1);
     ::close(ready[0]);
   }
-  // How its first visitor fared: 0 where nothing came but the end of the connection.
+  // The result of its first connection: 0 if nothing came but its end.
   int result() const {
     int status = 0;
     EXPECT_EQ(::waitpid(process_, &status, 0), process_);
@@ -329,19 +328,19 @@ class Impostor {
   pid_t process_ = -1;
 };
 
-TEST_F(DaemonExtensionSecret, AnOrdinaryUserInTheExtensionsPlaceIsNotTold) {
+TEST_F(DaemonExtensionSecret, AnOrdinaryUserInTheExtensionsPlaceGetsNothing) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
   const ProcessId first = extension(kNetwork);
   openTheWayToTheControls();
   ASSERT_EQ(::chmod(controls().c_str(), 0777), 0);
   const Impostor impostor(controlOf(kNetwork));
-  ASSERT_EQ(::chmod(controls().c_str(), 0700), 0);  // The extension would not use it otherwise.
+  ASSERT_EQ(::chmod(controls().c_str(), 0700), 0);  // Otherwise the extension would not use it.
   askFor("stopServices:", 0);
   EXPECT_TRUE(
       UserInterfaceClient(root_).ask("startServices:", {Value(Array{DaemonRoot::label(0)})}));
   EXPECT_EQ(impostor.result(), 0);
-  // The extension, which nobody could connect to any more, is loaded again in the end.
+  // In the end the extension, which had become unreachable, is loaded again.
   root_.awaitLog("has been told", 2);
   EXPECT_GE(root_.logCount("Unable to establish connection with the Generic kext"), 1u);
   EXPECT_NE(extension(kNetwork), first);

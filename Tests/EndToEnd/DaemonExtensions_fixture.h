@@ -1,6 +1,6 @@
 #pragma once
 
-// A daemon with a network extension, another one, and services that need both, one or none.
+// A daemon with a network extension, another extension, and services that need both, one or none.
 
 #include <array>
 #include <chrono>
@@ -32,8 +32,8 @@ inline void sealExtension(const std::string& bundle) {
   EXPECT_TRUE(isSealed) << describe(isSealed.error());
 }
 
-// Puts a signed extension at `bundle` of the root, in place of what is there; `keys` go into its
-// Info.plist. Returns its path.
+// Installs a signed extension at `bundle` of the root, replacing an existing one; `keys` go into
+// its Info.plist. Returns its path.
 inline std::string installExtensionAt(const DaemonRoot& root, const std::string& bundle,
                                       const std::string& identifier, const std::string& keys = "") {
   std::filesystem::remove_all(root.folder().path(bundle));
@@ -61,8 +61,8 @@ class DaemonExtensionsFixture : public testing::Test {
   static constexpr char kNetwork[] = "com.vantor.nke.wfk";
   static constexpr char kOther[] = "com.example.nke.files";
 
-  // Service 0 needs the network extension, which is to get the secret, and the other one; service 1
-  // the other one, service 2 none.
+  // Service 0 needs the network extension, which gets the secret, and the other one; service 1
+  // needs the other one, service 2 none.
   void beginToStart() {
     Dictionary catalogue = DaemonRoot::catalogue(3);
     Dictionary services = *catalogue["Services"].dictionary();
@@ -81,16 +81,16 @@ class DaemonExtensionsFixture : public testing::Test {
     root_.setCatalogue(catalogue);
     root_.startDaemon();
   }
-  // Returns when all has been evaluated.
+  // Returns when all services have been evaluated.
   void start() {
     beginToStart();
     root_.awaitStart();
     root_.awaitLog("Evaluating service: " + DaemonRoot::label(2) + "\n");
-    // The daemon serves nobody until it has done what it has said it is doing.
+    // The daemon serves nobody until it has done all that it has logged.
     EXPECT_TRUE(UserInterfaceClient(root_).ask("services"));
   }
 
-  // A network extension with these keys is of no use: it is loaded as often as it may be.
+  // Expects that a network extension with these keys fails: it is loaded as often as allowed.
   void expectUseless(const std::string& keys) {
     installExtension(root_, kNetwork, keys);
     installExtension(root_, kOther);
@@ -110,7 +110,7 @@ class DaemonExtensionsFixture : public testing::Test {
     EXPECT_TRUE(bytes);
     return bytes ? *bytes : Data();
   }
-  // The network extension proves to have the secret: its answer to a challenge.
+  // Expects the network extension to prove by a challenge that it has the secret.
   void expectToHaveTheSecret() {
     const auto control = connectToControl(controls_, kNetwork);
     ASSERT_TRUE(control) << describe(control.error());
@@ -127,7 +127,7 @@ class DaemonExtensionsFixture : public testing::Test {
     std::memcpy(&first, expected.data(), sizeof first);
     EXPECT_EQ(answer->value, first);
   }
-  // What the operator is told of the extensions, by their names in the catalogue.
+  // The operator's facts about the extensions, by their names in the catalogue.
   Value facts() {
     const auto told =
         UserInterfaceClient(root_, "com.vantor.servicemanager.operator.server").ask("extensions");

@@ -19,21 +19,22 @@ class DaemonFixture : public testing::Test {
  protected:
   using Notice = UserInterfaceClient::Notice;
 
-  // Starts a daemon with services 0 to `services` - 1, and makes a client that is told everything.
+  // Starts a daemon with services 0 to `services` - 1, and makes a client that gets all
+  // notifications.
   void start(int services);
-  // Waits until a daemon that has just started has evaluated all services; `before` is how often
-  // that had happened when it was started, as evaluations() says.
+  // Waits until a daemon that has just started has evaluated all services; `before` is the result
+  // of evaluations() before its start.
   void awaitEvaluation(std::size_t before);
   std::size_t evaluations();
 
   std::vector<std::string> labels() const;
-  // Each label's process, as the job host says.
+  // Each label's process, from the job host.
   std::map<std::string, ProcessId> pids();
-  // There is exactly one process for each label, which is that one.
+  // Expects exactly one process for each label, and this one.
   void expectNoneLostNoneDoubled(const std::map<std::string, ProcessId>& expected);
 
-  // Kills the service. The client is told that it ended and then that it runs again; returns the
-  // process that it was told.
+  // Kills the service. Expects the client to be notified of its end and then of its new start;
+  // returns the process in that notification.
   ProcessId expectKilledServiceIsReported(const std::string& label);
 
   DaemonRoot root_;

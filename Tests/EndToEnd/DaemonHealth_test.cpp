@@ -1,4 +1,4 @@
-// The health record and the operator's look at it, with real services.
+// The health record and the operator's view of it, with real services.
 
 #include <csignal>
 
@@ -60,7 +60,7 @@ class DaemonHealth : public testing::Test {
     const Value record = looker.ask("healthRecord").value_or(Value());
     return record[kHealthServices][label][kHealthCrashes];
   }
-  // What the operator's command says, and how it ends.
+  // The output of the operator's command, and its status.
   std::pair<int, std::string> control(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), control_);
     ChildProgram program(arguments, {});
@@ -75,7 +75,7 @@ class DaemonHealth : public testing::Test {
   std::unique_ptr<UserInterfaceClient> client_;
 };
 
-TEST_F(DaemonHealth, ACrashLoopIsUnhealthyInTheNextSummaryAndHealthyInTheOneAfter) {
+TEST_F(DaemonHealth, ACrashLoopIsUnhealthyForOneSummary) {
   const Value healthy = Dictionary{{DaemonRoot::kPrimary, 0}, {kA, 0}, {kB, 0}};
   EXPECT_EQ(summary(), healthy);
   UserInterfaceClient reporter(root_, kReportServer);
@@ -83,7 +83,7 @@ TEST_F(DaemonHealth, ACrashLoopIsUnhealthyInTheNextSummaryAndHealthyInTheOneAfte
   for (int i = 0; i < 3; ++i) crash(kA);
   crash(kB);
   EXPECT_EQ(crashesOf(kA), Value(3));
-  EXPECT_EQ(crashesOf(kB), Value(1));  // Looking has cleared nothing:
+  EXPECT_EQ(crashesOf(kB), Value(1));  // The report has not reset the count:
   EXPECT_EQ(summary(), Value(Dictionary{{DaemonRoot::kPrimary, 0}, {kA, 1}, {kB, 0}}));
   EXPECT_EQ(summary(), healthy);
 }
@@ -96,7 +96,7 @@ TEST_F(DaemonHealth, AHundredForcedStopsAreCountedExactly) {
   }
 }
 
-TEST_F(DaemonHealth, TheOperatorIsToldHowAndWhy) {
+TEST_F(DaemonHealth, TheOperatorSeesHealthAndReason) {
   crash(kA);
   const auto [status, table] = control({"health"});
   EXPECT_EQ(status, 0);
@@ -123,7 +123,7 @@ TEST_F(DaemonHealth, TheOperatorIsToldHowAndWhy) {
   EXPECT_THAT(control({"explain", kB, "--json"}).second, HasSubstr("\"reason\": \"stopped\""));
 }
 
-TEST_F(DaemonHealth, TheOperatorIsToldTheKnownLabelsInsteadOfAnUnknownOne) {
+TEST_F(DaemonHealth, AnUnknownLabelIsAnsweredWithTheKnownOnes) {
   const auto [status, text] = control({"explain", "com.vantor.test.9"});
   EXPECT_EQ(status, 3);
   EXPECT_EQ(text, "servicemanagerctl: no service has the label \"com.vantor.test.9\"; there are: " +

@@ -1,4 +1,5 @@
-// Real extensions: loaded by the daemon as jobs, told the secret, too old, deaf and hung.
+// Real extensions that the daemon loads as jobs and sends the secret: working, too old, deaf and
+// hung.
 
 #include <filesystem>
 
@@ -26,14 +27,14 @@ TEST_F(DaemonKernelExtensions, TheNetworkExtensionProvesThatItHasTheSecret) {
   expectToHaveTheSecret();
 }
 
-TEST_F(DaemonKernelExtensions, OneThatIsAlwaysTooOldFailsInTheEndAndTheDaemonLives) {
+TEST_F(DaemonKernelExtensions, AnExtensionThatStaysTooOldFails) {
   expectUseless("<key>ControlVersion</key><integer>4</integer>");
-  // The service that needs it is evaluated again five seconds later, and so are no others.
+  // Five seconds later the service that needs it is evaluated again, and no other.
   root_.awaitLog("Evaluating service: " + DaemonRoot::label(0) + "\n", 2);
 }
 
-// Meanwhile the daemon is blocked again and again, so that only the log tells what it does.
-TEST_F(DaemonKernelExtensions, OneThatNeverListensFailsWithinItsBound) {
+// The daemon blocks again and again meanwhile, so only the log shows what it does.
+TEST_F(DaemonKernelExtensions, AnExtensionThatNeverListensFailsInTime) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther, "<key>ControlIsDeaf</key><true/>");
   beginToStart();
@@ -48,7 +49,7 @@ TEST_F(DaemonKernelExtensions, OneThatNeverListensFailsWithinItsBound) {
   EXPECT_GE(root_.logCount("Failed to load kext 'com.example.nke.files'"), 2u);
 }
 
-TEST_F(DaemonKernelExtensions, OneThatHangsIsEndedByForceAndTheDaemonLives) {
+TEST_F(DaemonKernelExtensions, AHungExtensionIsKilled) {
   installExtension(root_, kNetwork, "<key>ControlHangs</key><true/>");
   installExtension(root_, kOther);
   start();
@@ -68,7 +69,7 @@ TEST_F(DaemonKernelExtensions, AChangedExtensionIsNotStarted) {
   EXPECT_GE(root_.logCount("was added after the bundle was sealed"), 1u);
 }
 
-TEST_F(DaemonKernelExtensions, OneThatIsKilledTakesNoServiceWithIt) {
+TEST_F(DaemonKernelExtensions, AKilledExtensionEndsNoService) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
@@ -98,7 +99,7 @@ TEST_F(DaemonKernelExtensions, TheProgramUnloadsByIdentifierAndByPath) {
   {
     const auto client = connectToControl(controls_, kOther);
     ASSERT_TRUE(client);
-    EXPECT_FALSE((*client)->setOption(1, {}));  // It has been accepted.
+    EXPECT_FALSE((*client)->setOption(1, {}));  // The option has been accepted.
     const auto inUse = run({"-b", kOther});
     EXPECT_EQ(inUse.first, 1);
     EXPECT_THAT(inUse.second, HasSubstr("com.example.nke.files: can't be unloaded: Device or "

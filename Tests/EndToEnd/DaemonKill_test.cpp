@@ -1,5 +1,5 @@
-// A daemon that is killed at any moment: no service loses its process, each is watched again, and
-// none is started twice.
+// A daemon that is killed at any moment: each service keeps its process, is watched again, and is
+// not started twice.
 
 #include <algorithm>
 #include <chrono>
@@ -27,14 +27,15 @@ class DaemonKill : public DaemonFixture {
   static constexpr char kRun[] = "test: run ";
   static constexpr char kLastEvaluation[] = "Evaluating service: com.vantor.test.2\n";
 
-  // What is to be done to the daemon in each of its runs: strace's options.
+  // The plan contains strace's options for each of the daemon's runs.
   void writePlan(const std::vector<std::string>& runs) {
     std::filesystem::remove_all(root_.folder().path("plan"));
     root_.folder().write("plan/next", "1\n");
     for (std::size_t i = 0; i < runs.size(); ++i) {
       root_.folder().write("plan/" + std::to_string(i + 1), runs[i] + "\n");
     }
-    // Each start by the job host takes the next; behind the last the daemon runs as ever.
+    // Each start by the job host takes the next entry; after the last one the daemon runs without
+    // strace.
     const std::string plan = root_.folder().path("plan");
     const std::string script = root_.folder().write(
         "daemon", "#!/bin/sh\nread -r n <" + plan + "/next\n" + "echo $((n + 1)) >" + plan +
@@ -45,16 +46,16 @@ class DaemonKill : public DaemonFixture {
     std::filesystem::permissions(script, std::filesystem::perms(0755));
   }
 
-  // Starts the daemon at the beginning of the plan, and ends each run that its plan does not end
-  // once it has nothing more to do. Returns how many that were.
+  // Starts the daemon at the beginning of the plan. If the plan does not kill a run, kills it once
+  // it is idle. Returns the number of these runs.
   std::size_t runPlan(std::size_t runs) {
     const std::string server = pathOfConnection(root_.path(), UserInterfaceClient::kServer);
     const std::size_t runsBefore = root_.logCount(kRun);
-    std::size_t survivors = 0;
+    std::size_t unplannedKills = 0;
     root_.startDaemon(root_.folder().path("daemon"));
     std::size_t run = 0;
     for (;;) {
-      // It answers as soon as it has done all that it was about to do.
+      // The daemon answers once all pending work is done.
       const std::size_t seen = run;
       const auto isDone = [&] { return run > 0 && root_.logHasBehind(kRun, kLastEvaluation); };
       root_.await("a daemon that has evaluated all services, or the next one", [&] {
@@ -63,12 +64,12 @@ class DaemonKill : public DaemonFixture {
       });
       if (!HasFailure() && !isDone()) continue;
       const bool answers = root_.transport().connect(server, {.timeout = 60s}).has_value();
-      if (HasFailure()) return survivors;
+      if (HasFailure()) return unplannedKills;
       if (!answers || root_.logCount(kRun) - runsBefore != run) continue;
-      if (run > runs) return survivors;
+      if (run > runs) return unplannedKills;
       const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
-      if (daemon <= 0) continue;  // Its plan has ended it after all.
-      ++survivors;
+      if (daemon <= 0) continue;  // The plan has killed it after all.
+      ++unplannedKills;
       ::kill(daemon, SIGKILL);
       root_.await("the next one", [&] { return root_.logCount(kRun) - runsBefore > run; });
     }
@@ -79,12 +80,11 @@ class DaemonKill : public DaemonFixture {
   }
 };
 
-// A daemon for each of its system calls takes many minutes, so ./test takes some that are evenly
-// spread. With this in the environment of the test program it takes them all.
+// One daemon for each system call would take many minutes, so ./test takes a sample. With this in
+// the test program's environment it takes them all.
 bool isForEveryCall() { return std::getenv("VANTOR_TEST_EVERY_CALL") != nullptr; }
 
-// The calls of the program's first thread in a trace, from where it begins to be ours: before that
-// there is only the loading of its libraries.
+// The system calls of the program's first thread in a trace, without those that load its libraries.
 std::vector<TracedCall> callsOfTheStart(const std::string& traceFile) {
   std::vector<TracedCall> calls;
   std::map<std::string, int> numbers;
@@ -98,14 +98,15 @@ std::vector<TracedCall> callsOfTheStart(const std::string& traceFile) {
     const std::string name = line.substr(0, line.find('('));
     if (name.empty() ||
         name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789") != name.npos) {
-      continue;  // The rest of a call that another thread's fell into.
+      continue;  // The rest of a call that another thread's call interrupted.
     }
     const int number = ++numbers[name];
     isOurs = isOurs || line.find("platform.plist") != line.npos;
     if (isOurs) calls.push_back({name, number});
   }
   if (isForEveryCall()) return calls;
-  // Of many in a row, most of which read the files that are verified, the first and the last.
+  // The first and the last of many equal calls in a row, most of which read the files that are
+  // verified.
   std::vector<TracedCall> kept;
   for (std::size_t i = 0; i < calls.size(); ++i) {
     const bool isWithin = i > 0 && i + 1 < calls.size() && calls[i - 1].name == calls[i].name &&
@@ -115,7 +116,7 @@ std::vector<TracedCall> callsOfTheStart(const std::string& traceFile) {
   return kept;
 }
 
-TEST_F(DaemonKill, ItsServicesGoOnAndAreWatchedByTheNextOne) {
+TEST_F(DaemonKill, TheNextDaemonWatchesTheRunningServices) {
   start(5);
   const auto before = pids();
   for (int i = 0; i < 3; ++i) {
@@ -130,13 +131,13 @@ TEST_F(DaemonKill, ItsServicesGoOnAndAreWatchedByTheNextOne) {
   for (const auto& [label, process] : before) expectKilledServiceIsReported(label);
 }
 
-TEST_F(DaemonKill, ServicesThatEndWhileThereIsNoDaemonAreWatchedAgain) {
+TEST_F(DaemonKill, ServicesThatEndWithoutADaemonAreWatchedAgain) {
   start(3);
   const std::string label = DaemonRoot::label(1);
   const std::size_t evaluated = evaluations();
   const ProcessId service = root_.processOf(label);
   const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
-  // Neither of them can be started again before the other has ended.
+  // The host must not restart either of them before the other has ended.
   root_.host().stopHost();
   killAndAwait(daemon);
   killAndAwait(service);
@@ -158,11 +159,12 @@ TEST_F(DaemonKill, AtSystemCallsAllOverItsStart) {
   EXPECT_EQ(runPlan(1), 1U);
   const std::vector<TracedCall> calls = callsOfTheStart(trace);
   ASSERT_GT(calls.size(), 100U);
-  root_.remove(DaemonRoot::kDaemon);  // First: it would start what is removed before it.
+  // The daemon goes first, since it would start removed services again.
+  root_.remove(DaemonRoot::kDaemon);
   for (const std::string& label : labels()) root_.remove(label);
 
-  // From nothing: the first daemons die before they have started anything, each gets further than
-  // the one before, and the last ones find everything running.
+  // Starts from nothing: the first daemons die before they have started anything, each gets further
+  // than the one before, and the last ones find everything running.
   const std::size_t maxRuns = isForEveryCall() ? calls.size() : 48;
   const std::size_t stride = (calls.size() + maxRuns - 1) / maxRuns;
   std::vector<std::string> plan;
@@ -174,14 +176,14 @@ TEST_F(DaemonKill, AtSystemCallsAllOverItsStart) {
   writePlan(plan);
   std::map<std::string, std::size_t> startsBefore;
   for (const std::string& label : labels()) startsBefore[label] = startsOf(label);
-  const std::size_t survivors = runPlan(plan.size());
+  const std::size_t unplannedKills = runPlan(plan.size());
   for (const std::string& label : labels()) {
     EXPECT_EQ(startsOf(label) - startsBefore[label], 1U) << label;
   }
   expectNoneLostNoneDoubled(pids());
-  // Where services run already there are fewer calls than in the trace, which began from nothing.
-  EXPECT_GT(2 * (plan.size() - survivors), plan.size());
-  std::cout << "killed at " << plan.size() - survivors << " of " << calls.size()
+  // With running services there are fewer calls than in the trace, which began from nothing.
+  EXPECT_GT(2 * (plan.size() - unplannedKills), plan.size());
+  std::cout << "killed at " << plan.size() - unplannedKills << " of " << calls.size()
             << " system calls\n";
 
   client_ = std::make_unique<UserInterfaceClient>(root_);

@@ -1,4 +1,4 @@
-// The notification bus goes, and with it what is announced meanwhile.
+// The notification bus ends, and announcements are lost meanwhile.
 
 #include <csignal>
 
@@ -11,7 +11,7 @@ class DaemonNotificationBus : public DaemonFixture {
  protected:
   static constexpr char kEvaluatingService[] = "Evaluating service: com.vantor.test.0\n";
 
-  // The daemon waits for the configuration server, which it takes to be on its way down.
+  // The daemon waits for the configuration server, which has announced its end.
   void makeDaemonWait() {
     const std::size_t before = root_.logCount("Primary service is shutting down");
     root_.center().postNotificationName("com.vantor.notification.configd.willshutdown",
@@ -38,7 +38,7 @@ TEST_F(DaemonNotificationBus, ItDiesWhileTheConfigurationServerRestarts) {
     root_.awaitLog(kReturn, returns + 1);
     root_.await("the evaluation behind that",
                 [&] { return root_.logHasBehind(kReturn, kEvaluatingService); });
-    // What is posted before that reaches nobody.
+    // Earlier posts reach nobody.
     root_.await("the test's own return", [&] { return ownReturns > ownBefore; });
   }
 }

@@ -1,4 +1,4 @@
-// Peers that do not belong to the product, or do not keep to the rules.
+// Peers that do not belong to the product, or break the rules.
 
 #include <chrono>
 #include <cstring>
@@ -34,7 +34,7 @@ class DaemonPeers : public DaemonFixture {
 
   std::string socketOf(std::string_view server) { return pathOfConnection(root_.path(), server); }
 
-  // In kibibytes, what the daemon has in memory for itself.
+  // The daemon's private memory in kibibytes.
   long residentMemory() {
     std::ifstream file("/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon)) + "/status");
     for (std::string name; file >> name;) {
@@ -45,7 +45,7 @@ class DaemonPeers : public DaemonFixture {
     return 0;
   }
 
-  // Still the same daemon, which nobody keeps from its work, and which has not grown much.
+  // Expects the same daemon, able to work, and not much larger.
   void expectUndisturbed() {
     expectKilledServiceIsReported(DaemonRoot::label(0));
     EXPECT_EQ(root_.starts(), 1U);
@@ -58,7 +58,7 @@ class DaemonPeers : public DaemonFixture {
   long memory_ = 0;
 };
 
-TEST_F(DaemonPeers, WhoHasNoTokenOrAWrongOneIsRefusedByEachServer) {
+TEST_F(DaemonPeers, EachServerRefusesAPeerWithoutTheToken) {
   start(1);
   memory_ = residentMemory();
   const Data right = systemProfileData(root_.system());
@@ -98,7 +98,7 @@ TEST_F(DaemonPeers, AStandardDBusClientGetsAnErrorAndNoData) {
   expectUndisturbed();
 }
 
-TEST_F(DaemonPeers, HalfAFrameAndAGigabyteByItsHeaderCostNobodyAnything) {
+TEST_F(DaemonPeers, IncompleteAndOversizedFramesHarmNobody) {
   start(1);
   memory_ = residentMemory();
   const auto call = encodeMessage("services", {}, PeerMessageKind::kTwoWay);
@@ -112,14 +112,14 @@ TEST_F(DaemonPeers, HalfAFrameAndAGigabyteByItsHeaderCostNobodyAnything) {
   huge.authenticate();
   std::string header = frame;
   const std::uint32_t gigabyte = 1U << 30;
-  std::memcpy(header.data() + 4, &gigabyte, sizeof gigabyte);  // The body's length.
+  std::memcpy(header.data() + 4, &gigabyte, sizeof gigabyte);  // the body's length
   EXPECT_TRUE(huge.write(header));
   EXPECT_TRUE(huge.awaitClose());
   expectUndisturbed();
   EXPECT_TRUE(half.awaitClose());  // Its time to show a token is over.
 }
 
-TEST_F(DaemonPeers, TenThousandConnectionsAtOnceKeepNobodyOut) {
+TEST_F(DaemonPeers, TenThousandConnectionsLockNobodyOut) {
   constexpr std::size_t kConnections = 10'000;
   const auto limit = raiseDescriptorLimit();
   rlimit now{};
@@ -138,7 +138,7 @@ TEST_F(DaemonPeers, TenThousandConnectionsAtOnceKeepNobodyOut) {
   expectUndisturbed();
 }
 
-TEST_F(DaemonPeers, AReaderThatStopsReadingIsCutOff) {
+TEST_F(DaemonPeers, APeerThatStopsReadingIsDisconnected) {
   start(1);
   memory_ = residentMemory();
   RawPeer peer(socketOf(UserInterfaceClient::kServer));

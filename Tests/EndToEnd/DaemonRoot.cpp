@@ -35,7 +35,7 @@ constexpr char kProductFile[] =
     "<string>5B13D7E2-8C40-4D9F-A27B-6E08F4C1B952</string></dict></plist>";
 
 SigningOptions signing(const char* identifier) {
-  // Within the signer's validity, and past for every clock.
+  // Within the signer's validity, and in the past of every clock.
   return {identifier, std::chrono::sys_days{std::chrono::January / 1 / 2025}};
 }
 
@@ -48,7 +48,7 @@ std::string busAddress(const std::string& root) {
   return "unix:path=" + root + "/run/vantor/mach/" + DaemonRoot::kBus;
 }
 
-// What a job gets of our environment: nothing else comes through by itself.
+// The part of our environment that a job gets; the rest is not inherited.
 Dictionary sanitizerOptions() {
   Dictionary options;
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
@@ -68,7 +68,7 @@ PlatformConfiguration configurationOf(const std::string& root) {
 DaemonRoot::DaemonRoot()
     : system_(configurationOf(root_.folder().path()), "/proc"),
       client_(transport_, *loop_, jobHostSocket(root_.folder().path())) {
-  ::umask(022);  // What a test writes must not be everybody's.
+  ::umask(022);  // A file that a test writes must not be writable for everybody.
   folder().write("etc/vantor/platform.plist",
                  "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>"
                  "<key>NotificationBus</key><string>" +
@@ -126,7 +126,7 @@ DaemonRoot::DaemonRoot()
 }
 
 DaemonRoot::~DaemonRoot() {
-  // Before its services go, which it would otherwise wait for.
+  // Before its services are removed, since it would wait for them.
   if (!jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kDaemon).isNil()) {
     remove(kDaemon);
   }
@@ -213,7 +213,7 @@ void DaemonRoot::startBus() {
 
 void DaemonRoot::kill(std::string_view label, int signal) {
   const ProcessId process = processOf(label);
-  ASSERT_GT(process, 0) << label;  // 0 would be all that run beside this test.
+  ASSERT_GT(process, 0) << label;  // Process 0 would mean all processes beside this test.
   ASSERT_EQ(::kill(process, signal), 0) << label;
 }
 
@@ -255,7 +255,7 @@ std::vector<std::pair<std::string, ProcessId>> DaemonRoot::processes() const {
     const auto program = std::filesystem::read_symlink(entry.path() / "exe", error);
     if (error || program.parent_path() != folder().path("opt")) continue;
     std::string first;
-    do {  // Its arguments come a moment after its program.
+    do {  // Its arguments appear a moment after its program.
       first = contentOfFile(entry.path() / "cmdline");
     } while (first.empty() && std::filesystem::exists(entry.path() / "fd/0", error));
     first.resize(std::min(first.size(), first.find('\0')));

@@ -23,7 +23,7 @@
 
 namespace platform {
 
-// A platform root with the daemon in it, everything signed by a throw-away authority: a job host
+// A platform root with the daemon in it, everything signed by a throw-away authority. A job host
 // and a private notification bus run there from the beginning, the daemon once it is started. The
 // test is one of the product's programs, with a loop of its own.
 class DaemonRoot {
@@ -40,8 +40,8 @@ class DaemonRoot {
   DaemonRoot();
   DaemonRoot(const DaemonRoot&) = delete;
   DaemonRoot& operator=(const DaemonRoot&) = delete;
-  // Ends all jobs. A test fails if the daemon has complained to its standard error, where a
-  // sanitizer reports and a failed assertion speaks, or ended by itself.
+  // Ends all jobs. A test fails if the daemon has ended by itself, or has written to its standard
+  // error, as sanitizers and failed assertions do.
   ~DaemonRoot();
 
   const std::string& path() const { return root_.folder().path(); }
@@ -52,48 +52,50 @@ class DaemonRoot {
   DistributedNotificationCenter& center() { return *center_; }
   EmbeddedJobs& jobs() { return jobs_; }
 
-  // A service that runs until a signal ends it, and is named by its label in the process list.
-  // Started again at once. `program` is a name in the folder of the programs.
+  // A service that runs until a signal ends it, restarts at once, and bears its label in the
+  // process list. `program` is a name in the folder of the programs.
   static Dictionary service(const std::string& label, const std::string& program = "agent");
-  // The configuration server and these services, "com.vantor.test.N", of the product installed.
+  // The configuration server and these services, "com.vantor.test.N", of the installed product.
   static Dictionary catalogue(int services);
   static std::string label(int number) { return "com.vantor.test." + std::to_string(number); }
 
-  // Puts the catalogue into the daemon's bundle, and seals that; without a content there is none.
+  // Installs the catalogue in the daemon's bundle and seals that; without a content there is no
+  // catalogue.
   void setCatalogue(const Dictionary& catalogue);
   void setCatalogueFile(const std::optional<std::string>& content);
   // The same for the product information.
   void setProductFile(const std::optional<std::string>& content);
 
   std::string daemonProgram() const;
-  // Submits the daemon's job; `program` stands in for the daemon and executes it in the end.
+  // Submits the daemon's job; `program` replaces the daemon and executes it in the end.
   void startDaemon(const std::optional<std::string>& program = std::nullopt);
   void remove(std::string_view label);
   // Submits the bus's job, as the constructor does.
   void startBus();
-  // Sends the signal to the job's process; a test fails, and nobody gets it, where it has none.
+  // Sends the signal to the job's process; if it has none, the test fails and no process gets the
+  // signal.
   void kill(std::string_view label, int signal);
   // SIGKILL: the job host starts it again.
   void killDaemon();
-  // SIGTERM: it ends in order, and the job host starts it again; returns when it has.
+  // SIGTERM: it shuts down, and the job host starts it again; returns when it has.
   void endDaemonAndAwaitNext();
-  // Somebody else is about to make it start.
+  // Call this if something else is about to start the daemon.
   void expectStart() { awaitedStarts_ = starts_ + 1; }
-  // Waits for the announcement of the start that one of these began.
+  // Waits for the announcement of the start that one of these functions began.
   void awaitStart();
-  // The job's process, 0 where it has none.
+  // The job's process, 0 if it has none.
   ProcessId processOf(std::string_view label);
-  // Every process that runs under one of the catalogue's labels, by that.
+  // Every process that runs under one of the catalogue's labels, by label.
   std::vector<std::pair<std::string, ProcessId>> processes() const;
 
-  // Serves the loop until the condition holds, which is looked at after each line of the log, each
+  // Serves the loop until the condition holds; it is evaluated after each line of the log, each
   // notification that the test observes, and each changed(). Fails after a minute.
   void await(std::string_view what, const std::function<bool()>& condition);
   void changed();
-  // The same until the log has so many lines with the text, from its beginning on.
+  // Waits until this many lines of the whole log contain the text.
   void awaitLog(std::string_view text, std::size_t count = 1);
   std::size_t logCount(std::string_view text);
-  // Whether the text stands behind the last place of the other one.
+  // Whether the text occurs after the last occurrence of `mark`.
   bool logHasBehind(std::string_view mark, std::string_view text);
   // The last lines, for a failure's message.
   std::string logTail();

@@ -19,10 +19,10 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 class DaemonServices : public DaemonFixture {};
-// Half a minute each: so long the daemon waits for an answer of a host that stands still.
+// Half a minute each, because the daemon waits that long for a hung host's answer.
 class DaemonServicesLong : public DaemonServices {};
 
-TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
+TEST_F(DaemonServices, EachOfAHundredKillsIsReported) {
   constexpr int kTimes = 100;
   start(1);
   const std::string label = DaemonRoot::label(0);
@@ -32,17 +32,17 @@ TEST_F(DaemonServices, AServiceThatIsKilledAHundredTimesIsReportedEachTime) {
   }
   EXPECT_EQ(processes.size(), kTimes + 1);
   const std::string ended = label + " with PID [";
-  root_.awaitLog(ended, kTimes);  // The log comes behind.
+  root_.awaitLog(ended, kTimes);  // The log is written later.
   EXPECT_EQ(root_.logCount(ended), kTimes);
   expectNoneLostNoneDoubled(pids());
 }
 
-TEST_F(DaemonServices, TwentyThatAreKilledAtTheSameInstantAreAllBackAndWatched) {
+TEST_F(DaemonServices, TwentySimultaneousKillsAreAllRestarted) {
   start(20);
   const auto before = pids();
   const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
   ASSERT_GT(daemon, 0);
-  // Nobody sees any end before all have ended.
+  // Nothing sees any end before all have ended.
   ASSERT_EQ(::kill(daemon, SIGSTOP), 0);
   root_.host().stopHost();
   for (const auto& [label, process] : before) {
@@ -72,16 +72,16 @@ TEST_F(DaemonServices, TwentyThatAreKilledAtTheSameInstantAreAllBackAndWatched) 
   }
 }
 
-TEST_F(DaemonServices, WhenTheConfigurationServerComesBackEverythingIsEvaluatedAtOnce) {
+TEST_F(DaemonServices, AReturningConfigurationServerCausesAnEvaluation) {
   start(2);
-  // It says that it goes, and the daemon decides nothing any more ...
+  // It announces its end, and the daemon evaluates nothing any more ...
   root_.center().postNotificationName("com.vantor.notification.configd.willshutdown", std::nullopt,
                                       {}, NSNotificationPosting::kPostToAllSessions);
   root_.awaitLog("Primary service is shutting down");
   const std::string label = DaemonRoot::label(0);
   killAndAwait(root_.processOf(label));
   root_.await("the end of the service", [&] { return client_->wasTold(label, 0); });
-  EXPECT_TRUE(client_->ask("services"));  // It has dealt with that end.
+  EXPECT_TRUE(client_->ask("services"));  // The daemon has processed that end.
   EXPECT_FALSE(client_->wasTold(label, 1));
 
   // ... until it is back.
@@ -94,7 +94,7 @@ TEST_F(DaemonServices, WhenTheConfigurationServerComesBackEverythingIsEvaluatedA
   expectKilledServiceIsReported(label);
 }
 
-TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluated) {
+TEST_F(DaemonServices, AnOrderlyRestartOfTheConfigurationServerIsFollowed) {
   start(1);
   const ProcessId before = root_.processOf(DaemonRoot::kPrimary);
   ASSERT_GT(before, 0);
@@ -109,11 +109,11 @@ TEST_F(DaemonServices, AConfigurationServerThatEndsOrderlyIsBackAndAllIsEvaluate
   expectKilledServiceIsReported(DaemonRoot::label(0));
 }
 
-TEST_F(DaemonServicesLong, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
+TEST_F(DaemonServicesLong, AStopFailsWhileTheJobHostHangs) {
   start(2);
   const std::string label = DaemonRoot::label(0);
   const ProcessId process = root_.processOf(label);
-  client_.reset();  // It could take no notice while a command is waited for.
+  client_.reset();  // It could not take its notifications while the test waits for a command.
   root_.host().stopHost();
   const auto stopped = root_.host().control({"stop", label});
   EXPECT_EQ(stopped.status, exited(1));
@@ -124,7 +124,7 @@ TEST_F(DaemonServicesLong, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
                                         "is known to be stopped"));
   root_.awaitLog("Unable to unload " + label);
   EXPECT_TRUE(isRunning(process));
-  // Nobody else is told that it is stopped, or waits for the host as long again.
+  // No other client gets "stopped" as the answer, or waits for the host as long again.
   EXPECT_THAT(root_.host().control({"list"}).output,
               ContainsRegex(label + " +core +unknown +-  -\n"));
   EXPECT_THAT(root_.host().control({"explain", label}).output,
@@ -144,7 +144,7 @@ TEST_F(DaemonServicesLong, AStopWhileTheJobHostStandsStillFailsAndIsLogged) {
   expectNoneLostNoneDoubled(pids());
 }
 
-TEST_F(DaemonServicesLong, WhatEndedWhileTheJobHostStoodStillIsBackOnceItGoesOn) {
+TEST_F(DaemonServicesLong, AServiceThatEndedWhileTheHostHungIsRestarted) {
   start(2);
   const std::string label = DaemonRoot::label(0);
   const ProcessId before = root_.processOf(label);

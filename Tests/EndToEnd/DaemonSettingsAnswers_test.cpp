@@ -1,4 +1,4 @@
-// Settings servers that answer what they should not. The test is the servers.
+// Settings servers with wrong answers. The test itself is the servers.
 
 #include <memory>
 #include <optional>
@@ -69,7 +69,7 @@ class DaemonSettingsAnswers : public testing::Test, public MessageReceiver {
     root_.center().postNotificationName(name, std::nullopt, {},
                                         NSNotificationPosting::kPostToAllSessions);
   }
-  // Answers this from now on, and has it asked for; the daemon then says so.
+  // Changes the answer and makes the daemon ask for it; the daemon then logs the line.
   void answer(MessageResult on, const std::string& line) {
     on_ = std::move(on);
     const std::size_t before = root_.logCount(line);
@@ -89,12 +89,12 @@ class DaemonSettingsAnswers : public testing::Test, public MessageReceiver {
       [this](std::string_view name) { return pathOfConnection(root_.path(), name); }};
   std::shared_ptr<NSConnection> status_;
   std::shared_ptr<NSConnection> settings_;
-  int questions_ = 0;  // whether it is up
+  int questions_ = 0;  // of the daemon, whether the server is up
   MessageResult isUp_ = Value(true);
   MessageResult on_ = Value(1);
 };
 
-TEST_F(DaemonSettingsAnswers, AValueOfAnotherTypeStopsWhatHangsOnItUntilItIsRightAgain) {
+TEST_F(DaemonSettingsAnswers, AWrongTypeStopsTheServiceUntilCorrected) {
   root_.startDaemon();
   root_.awaitStart();
   root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
@@ -121,12 +121,12 @@ TEST_F(DaemonSettingsAnswers, AValueOfAnotherTypeStopsWhatHangsOnItUntilItIsRigh
   EXPECT_EQ(root_.starts(), 1U);
 }
 
-TEST_F(DaemonSettingsAnswers, AnExplanationNamesTheServerThatHangsAndChangesNothing) {
+TEST_F(DaemonSettingsAnswers, AnExplanationNamesAHungServer) {
   root_.startDaemon();
   root_.awaitStart();
   root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
   const ProcessId before = root_.processOf(kFeature);
-  // Nothing is served here until the command has ended.
+  // The test serves nothing until the command has ended.
   const auto explained = root_.host().control({"explain", kFeature});
   EXPECT_EQ(explained.status, exited(0)) << explained.errors;
   EXPECT_THAT(explained.output,
@@ -134,11 +134,11 @@ TEST_F(DaemonSettingsAnswers, AnExplanationNamesTheServerThatHangsAndChangesNoth
                     HasSubstr("common: \"on\" of feature \"feature\", expected 1, and its settings "
                               "server gives no answer")));
   EXPECT_EQ(root_.processOf(kFeature), before);
-  // The next evaluation asks the server as ever.
+  // The next evaluation still asks the server.
   answer(Array{1}, ":The expected object for the switchkey \"on\" do not match");
 }
 
-TEST_F(DaemonSettingsAnswers, AStatusOfAnotherTypeIsNotUp) {
+TEST_F(DaemonSettingsAnswers, AStatusOfAWrongTypeMeansDown) {
   isUp_ = Value("yes");
   root_.startDaemon();
   root_.awaitStart();

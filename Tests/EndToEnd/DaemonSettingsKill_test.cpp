@@ -1,5 +1,5 @@
-// A configuration server that is killed, or finds no room, at any moment of a change: what was
-// acknowledged is there afterwards.
+// A configuration server that is killed, or finds the disk full, at any moment of a change:
+// acknowledged changes are there afterwards.
 
 #include <csignal>
 #include <string>
@@ -70,7 +70,7 @@ TEST_F(DaemonSettingsKill, AtEverySystemCallOfAChange) {
       program_->set("key", value);
       root_.await("an end or an announcement",
                   [&] { return isAnnounced_ || program_->starts() > starts; });
-      // Where it is to be killed behind that.
+      // The call at which it is to be killed comes later than that.
       if (program_->starts() == starts) ::kill(process, SIGKILL);
     }
     awaitServer(starts + 1);
@@ -85,12 +85,13 @@ TEST_F(DaemonSettingsKill, AtEverySystemCallOfAChange) {
     kept = static_cast<int>(*now);
     if (HasFailure()) return;
   }
-  EXPECT_GT(static_cast<int>(calls.size()) - acknowledged, 5);  // It was killed before that, too.
+  // Some kills came before the announcement, too.
+  EXPECT_GT(static_cast<int>(calls.size()) - acknowledged, 5);
   RecordProperty("calls", static_cast<int>(calls.size()));
   RecordProperty("acknowledged", acknowledged);
 }
 
-TEST_F(DaemonSettingsKill, AChangeThatFindsTheDiskFullIsNoneAndTheServerGoesOn) {
+TEST_F(DaemonSettingsKill, AChangeOnAFullDiskFailsAndTheServerGoesOn) {
   program_->set("key", 1);
   ASSERT_EQ(program_->client().objectForKey("key"), Value(1));
   const ProcessId process = server();

@@ -1,5 +1,5 @@
-// Settings that are changed, and what follows: features that start and stop, and values that
-// outlive the server.
+// Changes of settings and their effects: features that start and stop, and values that outlive the
+// server.
 
 #include <chrono>
 #include <csignal>
@@ -25,7 +25,7 @@ using testing::HasSubstr;
 
 constexpr char kFeatureService[] = "com.vantor.test.feature";
 
-// A feature that two switches turn on, and a third that no setting holds.
+// A feature that two switches turn on, and a third that no setting matches.
 Dictionary catalogueWithFeature() {
   Dictionary catalogue = DaemonRoot::catalogue(1);
   Dictionary feature = DaemonRoot::service(kFeatureService);
@@ -78,7 +78,7 @@ class DaemonSettingsServer : public testing::Test {
                 [&] { return userInterface_->wasTold(kFeatureService, status); });
     userInterface_->forgetNotices();
   }
-  // The exit status of the tool; what it said is in `output_` and `errors_`.
+  // Returns the tool's exit status; its output is in `output_` and `errors_`.
   int control(std::vector<std::string> arguments) {
     std::vector<std::string> all{SERVICEMANAGERCTL, "--root", root_.path(), "settings"};
     all.insert(all.end(), arguments.begin(), arguments.end());
@@ -96,7 +96,7 @@ class DaemonSettingsServer : public testing::Test {
   std::string errors_;
 };
 
-TEST_F(DaemonSettingsServer, ASwitchOfAnyKindAndAnyDomainTurnsItsFeatureOn) {
+TEST_F(DaemonSettingsServer, ASwitchOfAnyTypeAndDomainTurnsItsFeatureOn) {
   startDaemon();
   EXPECT_EQ(root_.processOf(kFeatureService), 0);
   program_->set("Enabled", 1);
@@ -104,7 +104,7 @@ TEST_F(DaemonSettingsServer, ASwitchOfAnyKindAndAnyDomainTurnsItsFeatureOn) {
   program_->set("Enabled", 0);
   awaitFeature(0);
   root_.await("the job's end", [&] { return root_.processOf(kFeatureService) == 0; });
-  // By its other switch, of another kind.
+  // Its other switch, of another type, turns it on.
   program_->set("Mode", "strict");
   awaitFeature(1);
   program_->client().sendMessage("removeObjectForKey:sender:", {"Mode", "test"});
@@ -112,7 +112,7 @@ TEST_F(DaemonSettingsServer, ASwitchOfAnyKindAndAnyDomainTurnsItsFeatureOn) {
   EXPECT_GT(root_.logCount("Feature exposes an invalid configuration switch key \"Nowhere\""), 0u);
 }
 
-TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfManyChanges) {
+TEST_F(DaemonSettingsServer, AKillLosesNoAnnouncedChange) {
   constexpr int kRounds = 8;
   constexpr int kKeys = 100;
   startServer();
@@ -139,7 +139,7 @@ TEST_F(DaemonSettingsServer, NothingThatWasAnnouncedIsLostByAKillInTheMiddleOfMa
   }
 }
 
-TEST_F(DaemonSettingsServer, NothingThatWasReadOrSaidYesToIsLostByAKill) {
+TEST_F(DaemonSettingsServer, AKillLosesNoAcknowledgedOrReadValue) {
   constexpr int kRounds = 5;
   startServer();
   for (int round = 1; round <= kRounds && !HasFailure(); ++round) {
@@ -158,14 +158,14 @@ TEST_F(DaemonSettingsServer, NothingThatWasReadOrSaidYesToIsLostByAKill) {
   }
 }
 
-TEST_F(DaemonSettingsServer, AFloodOfConnectionsAndRequestsKeepsNobodyFromItsSettings) {
+TEST_F(DaemonSettingsServer, AFloodOfRequestsKeepsNobodyFromItsSettings) {
   constexpr char kServer[] = "com.vantor.CommonPreferences";
   startServer();
   const ProcessId server = root_.processOf(DaemonRoot::kPrimary);
   program_->set("large", std::string(50'000, 'x'));
   program_->set("key", 0);
   ASSERT_EQ(program_->client().objectForKey("key"), Value(0));
-  // Some that say nothing, and some that ask for more than they read.
+  // Some are idle, and some send more requests than they read answers.
   std::vector<UniqueFd> strangers;
   const std::string path = pathOfConnection(root_.path(), kServer);
   while (strangers.size() < 1000 && !HasFailure()) {
@@ -225,7 +225,7 @@ TEST_F(DaemonSettingsServer, TheOperatorReadsAndChangesSettings) {
   EXPECT_EQ(output_, "Level of common is not set.\n");
 }
 
-TEST_F(DaemonSettingsServer, TheOperatorIsToldWhatIsWrong) {
+TEST_F(DaemonSettingsServer, TheOperatorsErrorsAreExplained) {
   EXPECT_EQ(control({"list", "common"}), 5);
   EXPECT_THAT(errors_, HasSubstr("the settings server of common does not serve below"));
   EXPECT_EQ(control({"list", "commons"}), 2);

@@ -1,4 +1,4 @@
-// A service that hangs on a switch, and a settings server that hangs, dies and comes back.
+// A service that depends on a switch, and a settings server that hangs, dies and comes back.
 
 #include <csignal>
 #include <optional>
@@ -17,7 +17,7 @@ class DaemonSettings : public testing::Test {
  protected:
   static constexpr char kServer[] = "com.vantor.CommonPreferences";
 
-  // Service 0 runs while the setting "on" is 1, as it is at first; service 1 always.
+  // Service 0 runs while the setting "on" is 1, as it is at first; service 1 always runs.
   DaemonSettings() {
     Dictionary catalogue = DaemonRoot::catalogue(2);
     Dictionary services = *catalogue["Services"].dictionary();
@@ -35,8 +35,8 @@ class DaemonSettings : public testing::Test {
     root_.awaitStart();
     root_.awaitLog("Evaluating service: " + kCore + "\n");
     set(1);
-    // Its first evaluation found no setting, and what it has put off because of that would stop the
-    // service at some time; the next daemon has nothing put off.
+    // The first evaluation found no setting and scheduled a stop of the service; the next daemon
+    // has nothing scheduled.
     root_.kill(DaemonRoot::kDaemon, SIGKILL);
     root_.await("the next daemon", [&] { return root_.starts() >= 2; });
     root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
@@ -60,20 +60,20 @@ class DaemonSettings : public testing::Test {
   void awaitEnd(const std::string& label) {
     root_.await(label + " to end", [&] { return client_->wasTold(label, 0); });
   }
-  // The daemon has written all that it has logged so far: lines come in order, and this makes one.
+  // Waits until the daemon has written all lines so far: lines come in order, and this makes one.
   void awaitWrittenLog() {
     ++registered_;
     client_->registerClient();
     root_.awaitLog("Did register a user interface client remote proxy", registered_);
   }
   ProcessId configurationServer() { return root_.processOf(DaemonRoot::kPrimary); }
-  // The daemon evaluates, as after any change.
+  // Makes the daemon evaluate, as after any change.
   void announceChange() {
     root_.center().postNotificationName("KLXGlobalSettingsDidChangeNotification", std::nullopt,
                                         Dictionary{{"KLXGlobalSettingsKeyModified", "on"}},
                                         NSNotificationPosting::kPostToAllSessions);
   }
-  // The daemon answers, and looks after its services.
+  // Expects the daemon to answer and to watch its services.
   void expectAtWork() {
     EXPECT_TRUE(client_->ask("services"));
     client_->forgetNotices();
@@ -90,7 +90,7 @@ class DaemonSettings : public testing::Test {
   const std::string kCore = DaemonRoot::label(1);
   std::unique_ptr<UserInterfaceClient> client_;
   std::unique_ptr<UserInterfaceClient> settings_;
-  std::size_t registered_ = 1;  // how often
+  std::size_t registered_ = 1;  // the number of registrations
 };
 
 TEST_F(DaemonSettings, AServiceFollowsItsSwitch) {
@@ -119,7 +119,7 @@ TEST_F(DaemonSettings, TenChangesAtOnceAreTenLinesAndOneEvaluation) {
   EXPECT_EQ(root_.logCount(DaemonRoot::kEvaluating), evaluations + 1);
 }
 
-TEST_F(DaemonSettings, AServerThatHangsStopsWhatHangsOnItUntilItIsRestarted) {
+TEST_F(DaemonSettings, AHungServerStopsItsServicesUntilItIsRestarted) {
   const ProcessId before = configurationServer();
   ASSERT_GT(before, 0);
   ASSERT_EQ(::kill(before, SIGSTOP), 0);
@@ -138,12 +138,12 @@ TEST_F(DaemonSettings, AServerThatHangsStopsWhatHangsOnItUntilItIsRestarted) {
   expectAtWork();
 }
 
-TEST_F(DaemonSettings, AServerThatAnswersSlowlyIsWaitedForAndItsAnswersCount) {
+TEST_F(DaemonSettings, ASlowServerIsWaitedForAndItsAnswersCount) {
   const ProcessId server = configurationServer();
   ASSERT_GT(server, 0);
   constexpr char kMissing[] = "feature exposes an invalid configuration switch key \"on\"";
   const std::size_t missing = root_.logCount(kMissing);
-  // It stands still most of the time, whatever the test itself waits for.
+  // It hangs most of the time, whatever the test itself waits for.
   const std::string process = std::to_string(server);
   std::optional<ChildProgram> brake;
   brake.emplace(std::vector<std::string>{"/bin/sh", "-c",
@@ -163,7 +163,7 @@ TEST_F(DaemonSettings, AServerThatAnswersSlowlyIsWaitedForAndItsAnswersCount) {
   ::kill(server, SIGCONT);
 }
 
-TEST_F(DaemonSettings, AServerThatDiesAgainAndAgainCostsItsServicesNothingForGood) {
+TEST_F(DaemonSettings, AServerInACrashLoopHarmsItsServicesOnlyForAWhile) {
   for (int i = 0; i < 3; ++i) {
     client_->forgetNotices();
     root_.kill(DaemonRoot::kPrimary, SIGKILL);
@@ -171,7 +171,7 @@ TEST_F(DaemonSettings, AServerThatDiesAgainAndAgainCostsItsServicesNothingForGoo
     awaitRunning(DaemonRoot::kPrimary);
     EXPECT_TRUE(client_->ask("services"));
   }
-  // What was decided while nobody answered may still take effect; the end of that is a start.
+  // Decisions made while nobody answered may still take effect; in the end the service starts.
   root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
   expectAtWork();
 }

@@ -11,8 +11,8 @@
 
 namespace platform {
 
-// A platform root with the demo product, as its make-root lays it out, and a job host that runs
-// there and has started the daemon.
+// A platform root with the demo product, made by its make-root, and a job host that runs there and
+// has started the daemon.
 class DemoRoot {
  public:
   static constexpr char kDaemon[] = "com.vantor.servicemanager";
@@ -29,17 +29,17 @@ class DemoRoot {
 
   // Runs the operator's command to its end.
   JobHostRoot::Finished control(std::vector<std::string> arguments) const;
-  // The process of a job, 0 where it has none.
+  // The process of a job, 0 if it has none.
   ProcessId processOf(const std::string& label) const;
 
  private:
-  // Until each of the texts has been in a line of the log.
+  // Waits until each of the texts has been in a line of the log.
   void awaitLog(std::set<std::string> texts);
 
   TemporaryFolder folder_;
   NotifySocket readiness_{folder_.path("notify")};
   std::unique_ptr<ChildProgram> host_;
-  std::unique_ptr<ChildProgram> log_;  // follows it
+  std::unique_ptr<ChildProgram> log_;  // follows the log
 };
 
 }  // namespace platform

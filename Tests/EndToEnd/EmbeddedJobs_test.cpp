@@ -90,7 +90,7 @@ std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<Real
 
 INSTANTIATE_TEST_SUITE_P(Embedded, AuthorizationContract, testing::Values(&makeOffice));
 
-TEST(HungJobHostTest, CostsOneWaitUntilItGoesOn) {
+TEST(HungJobHostTest, CostsOneTimeOutUntilItContinues) {
   JobHostRoot root;
   const std::unique_ptr<AsioRunLoop> loop = std::move(*AsioRunLoop::create());
   DBusPeerTransport transport(*loop);

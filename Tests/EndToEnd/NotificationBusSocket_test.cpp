@@ -1,5 +1,5 @@
-// Buses that come and go behind a socket that stays, as the service manager of the system and the
-// job host keep one.
+// Buses that start and end behind a socket that stays, as the system's service manager and the job
+// host keep one.
 
 #include <algorithm>
 #include <chrono>
@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 class NotificationBusSocketTest : public testing::Test {
  protected:
   NotificationBusSocketTest() {
-    // Everything is allowed to everybody who gets here.
+    // Every client that gets here may do everything.
     folder_.write("bus.conf",
                   "<busconfig><listen>unix:path=/none</listen><auth>EXTERNAL</auth>"
                   "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
@@ -44,7 +44,7 @@ class NotificationBusSocketTest : public testing::Test {
   }
 
   void startBus() {
-    // Passed as descriptors are: as the first behind the standard files, to this process.
+    // The descriptor is passed as usual: the first one after the standard files, to this process.
     const std::string passing =
         "exec 3<&" + std::to_string(listening_.get()) + "; LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"";
     bus_ = std::make_unique<ChildProgram>(
@@ -59,7 +59,7 @@ class NotificationBusSocketTest : public testing::Test {
     bus_->waitForExit();
   }
 
-  void postAsStranger(const std::string& name) {
+  void postAsForeigner(const std::string& name) {
     ChildProgram poster(
         {"/usr/bin/dbus-send", "--bus=" + address_, "--type=signal",
          "/com/vantor/DistributedNotification", "com.vantor.DistributedNotification.Posted",
@@ -68,7 +68,7 @@ class NotificationBusSocketTest : public testing::Test {
     EXPECT_EQ(poster.waitForExit(), ExitStatus{}) << poster.errors();
   }
 
-  // One that waits for the next bus.
+  // A connection that waits for the next bus.
   UniqueFd nextConnection() {
     const auto come =
         loop_->watchReadable(listening_.get(), Urgency::kOrdinary, [&] { loop_->stop(); });
@@ -106,24 +106,24 @@ class NotificationBusSocketTest : public testing::Test {
   std::vector<std::string> got_;
 };
 
-TEST_F(NotificationBusSocketTest, WhatTheBusSentBeforeItsEndDoesNotCostTheNextConnection) {
+TEST_F(NotificationBusSocketTest, MessagesOfTheOldBusDoNotEndTheNextConnection) {
   startBus();
   const auto center = makeBusNotificationCenter(*loop_, address_, log_, 60s);
   const auto all = center->addObserver(
       std::nullopt, std::nullopt,
       [&](const DistributedNotification& notification) { got_.push_back(notification.name); });
-  postAsStranger("first");
+  postAsForeigner("first");
   runUntilGot("first", 1);
   runFor(600ms);  // The connection lasts, so that the next one follows at once.
-  for (int i = 0; i < 5; ++i) postAsStranger("before the end");
+  for (int i = 0; i < 5; ++i) postAsForeigner("before the end");
   const auto other = makeBusNotificationCenter(*loop_, address_, log_, 60s);
-  // Confirmed by the bus behind the signals, which have therefore been sent to everybody.
+  // The bus has confirmed this after the signals, so it has sent those to all clients.
   const auto confirmed =
       other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
   killBus();
   const UniqueFd next = nextConnection();
   runUntilGot("before the end", 5);
-  runFor(20ms);  // What else the old connection has left.
+  runFor(20ms);  // Handles the rest of the old connection.
   pollfd entry{next.get(), POLLRDHUP, 0};
   EXPECT_EQ(::poll(&entry, 1, 0), 0) << "the next connection was given up";
   EXPECT_EQ(std::ranges::count(got_, "before the end"), 5);

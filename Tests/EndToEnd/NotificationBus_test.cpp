@@ -1,4 +1,4 @@
-// Distributed notifications on a real bus, with the configuration that the product ships.
+// Distributed notifications on a real bus with the product's configuration.
 
 #include "Platform/Linux/Notifications/NotificationBus.h"
 
@@ -37,7 +37,7 @@ std::string contentsOf(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-// What a system bus lets everybody do, with our policy for it.
+// The rights of every user on a system bus, with our policy for it.
 std::string systemBusConfiguration() {
   return "<busconfig><listen>unix:path=/none</listen><auth>EXTERNAL</auth>"
          "<policy context=\"default\"><allow user=\"*\"/><deny own=\"*\"/>"
@@ -49,12 +49,12 @@ std::string systemBusConfiguration() {
          std::string(SYSTEM_BUS_POLICY) + "</include></busconfig>";
 }
 
-// A bus with the configuration that the product ships, in a folder of its own.
+// A bus with the product's configuration, in its own folder.
 class TestBus {
  public:
   TestBus() : TestBus(contentsOf(NOTIFICATION_BUS_CONFIGURATION)) {}
   explicit TestBus(const std::string& configuration) {
-    // So that it is the bus that turns others away.
+    // So that the bus itself rejects other users.
     std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
                                  std::filesystem::perm_options::add);
     folder_.write("bus.conf", configuration);
@@ -115,7 +115,7 @@ std::unique_ptr<NotificationHarness> makeBusHarness() { return std::make_unique<
 INSTANTIATE_TEST_SUITE_P(Bus, DistributedNotificationCenterContract,
                          testing::Values(&makeBusHarness));
 
-// Runs the loop until somebody stops it.
+// Runs the loop until a callback stops it.
 void runOrFail(AsioRunLoop& loop, const char* failure) {
   const auto deadline = loop.startTimer(60s, RunLoop::Repeat::kOnce, [&] {
     ADD_FAILURE() << failure;
@@ -128,7 +128,7 @@ class NotificationBusTest : public testing::Test {
  protected:
   using Observation = std::unique_ptr<DistributedNotificationCenter::Observation>;
 
-  // An observer is there when it has been added, however slow the bus.
+  // An observer is registered when addObserver() returns, however slow the bus is.
   explicit NotificationBusTest(Duration confirmationTime = 60s)
       : center_(makeBusNotificationCenter(*loop_, bus_.address(), log_, confirmationTime)) {}
 
@@ -137,8 +137,8 @@ class NotificationBusTest : public testing::Test {
                                   NSNotificationPosting::kThisSession);
   }
 
-  // A signal from a client that is none of ours.
-  int postAsStranger(std::vector<std::string> runner, std::vector<std::string> arguments) {
+  // Posts a signal from a foreign client.
+  int postAsForeigner(std::vector<std::string> runner, std::vector<std::string> arguments) {
     runner.insert(runner.end(), {"/usr/bin/dbus-send", "--bus=" + bus_.address(), "--type=signal",
                                  "/com/vantor/DistributedNotification",
                                  "com.vantor.DistributedNotification.Posted"});
@@ -146,7 +146,7 @@ class NotificationBusTest : public testing::Test {
     return ChildProgram(runner, {}).waitForExit().number;
   }
 
-  // Delivers what has reached the bus.
+  // Delivers all that has reached the bus.
   void deliver() {
     const Observation end = center_->addObserver(
         "com.vantor.end", std::nullopt, [&](const DistributedNotification&) { loop_->stop(); });
@@ -173,14 +173,14 @@ class NotificationBusTest : public testing::Test {
   std::vector<std::string> got_;
 };
 
-// A bus that stands still, and a centre that does not wait for it for long.
+// A hung bus, and a centre with a short time-out.
 class StoppedBusTest : public NotificationBusTest {
  protected:
   static constexpr Duration kConfirmationTime = 500ms;
 
   StoppedBusTest() : NotificationBusTest(kConfirmationTime) {}
 
-  // The centre is connected, and nothing that it has to tell is left.
+  // Connects the centre, and clears all that it has to report.
   void connect() {
     deliver();
     loop_->post([&] { loop_->stop(); });
@@ -188,14 +188,14 @@ class StoppedBusTest : public NotificationBusTest {
   }
 };
 
-TEST_F(NotificationBusTest, AStrangersSignalOfOurLayoutIsDelivered) {
+TEST_F(NotificationBusTest, AForeignSignalOfOurLayoutIsDelivered) {
   const Observation observer = center_->addObserver("a", std::nullopt, note());
-  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  EXPECT_EQ(postAsForeigner({}, {"string:a", "array:string:object"}), 0);
   deliver();
   EXPECT_THAT(got_, testing::ElementsAre("a"));
 }
 
-TEST_F(NotificationBusTest, AStrangersSignalOfAnotherLayoutIsDropped) {
+TEST_F(NotificationBusTest, AForeignSignalOfAnotherLayoutIsDropped) {
   const Observation all = center_->addObserver(std::nullopt, std::nullopt, note());
   for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
            {},
@@ -205,19 +205,19 @@ TEST_F(NotificationBusTest, AStrangersSignalOfAnotherLayoutIsDropped) {
            {"string:a", "array:int32:1"},
            {"string:a", "array:string:object", "variant:string:text"},
            {"string:a", "array:string:object", "string:text"}}) {
-    EXPECT_EQ(postAsStranger({}, arguments), 0);
+    EXPECT_EQ(postAsForeigner({}, arguments), 0);
   }
   deliver();
   EXPECT_THAT(got_, testing::ElementsAre("com.vantor.end"));
 }
 
-TEST_F(NotificationBusTest, WhoIsNeitherRootNorAddedMayListenButNotPost) {
+TEST_F(NotificationBusTest, AnotherUserMayListenButNotPost) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
   const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
                                            "--clear-groups"};
   const Observation observer = center_->addObserver("a", std::nullopt, note());
-  postAsStranger(nobody, {"string:a", "array:string:object"});
-  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  postAsForeigner(nobody, {"string:a", "array:string:object"});
+  EXPECT_EQ(postAsForeigner({}, {"string:a", "array:string:object"}), 0);
   deliver();
   EXPECT_THAT(got_, testing::ElementsAre("a"));
 
@@ -232,7 +232,7 @@ TEST_F(NotificationBusTest, WhoIsNeitherRootNorAddedMayListenButNotPost) {
   EXPECT_NE(callBus("RequestName", "string:com.vantor.stranger"), 0);
 }
 
-TEST_F(NotificationBusTest, ALongNameIsObservedAllTheSame) {
+TEST_F(NotificationBusTest, ALongNameIsObservedToo) {
   const std::string name(2000, 'n');
   const Observation observer = center_->addObserver(name, std::nullopt, note());
   post(name + "n");
@@ -241,7 +241,7 @@ TEST_F(NotificationBusTest, ALongNameIsObservedAllTheSame) {
   EXPECT_THAT(got_, testing::ElementsAre(name));
 }
 
-TEST_F(NotificationBusTest, WhatDBusCannotCarryIsLoggedAndTheBusStays) {
+TEST_F(NotificationBusTest, AnUnencodableNotificationIsLoggedAndTheBusStays) {
   const Observation all = center_->addObserver("a", std::nullopt, note());
   post("ill-formed \xFF");
   post(std::string("nul \0", 5));
@@ -257,7 +257,7 @@ TEST_F(NotificationBusTest, WhatDBusCannotCarryIsLoggedAndTheBusStays) {
     EXPECT_THAT(text, testing::HasSubstr(" was not posted: "));
 }
 
-TEST_F(StoppedBusTest, HoldsNobodyUpForLong) {
+TEST_F(StoppedBusTest, DelaysNobodyForLong) {
   connect();
   bus_.program().signal(SIGSTOP);
   const Observation observer = center_->addObserver("a", std::nullopt, note());
@@ -269,7 +269,7 @@ TEST_F(StoppedBusTest, HoldsNobodyUpForLong) {
   EXPECT_THAT(got_, testing::Contains("a"));
 }
 
-TEST_F(StoppedBusTest, IsWaitedForOnceAndItsReturnIsTold) {
+TEST_F(StoppedBusTest, IsWaitedForOnceAndItsReturnIsReported) {
   connect();
   int returns = 0;
   Observation returned = center_->observeReturn([&] {
@@ -291,7 +291,7 @@ TEST_F(StoppedBusTest, IsWaitedForOnceAndItsReturnIsTold) {
   EXPECT_THAT(got_, testing::ElementsAre("a99"));
 }
 
-TEST_F(NotificationBusTest, ABusThatWasNotThereAtFirstReturnsToo) {
+TEST_F(NotificationBusTest, ABusThatStartsLateIsFoundToo) {
   bus_.stop();
   const auto early = makeBusNotificationCenter(*loop_, bus_.address(), log_);
   const Observation observer = early->addObserver("a", std::nullopt, note());
@@ -313,14 +313,14 @@ TEST_F(NotificationBusTest, PostsBeforeTheRegistrationAreNotLost) {
 
 // A notification "a" of so many bytes.
 Value userInfoOf(std::size_t bytes) {
-  // The message's other parts and what D-Bus adds to this one, found by what is refused.
+  // The message's other parts and the overhead of D-Bus, measured with rejected messages.
   constexpr std::size_t kFrame = 50;
   return Dictionary{{"key", std::string(bytes - kFrame, 'x')}};
 }
 
-TEST_F(NotificationBusTest, ANotificationHasSoManyBytesAtMost) {
+TEST_F(NotificationBusTest, ANotificationsSizeIsLimited) {
   const Observation observer = center_->addObserver("a", std::nullopt, note());
-  // Up to the first that is refused.
+  // Up to the first that is rejected.
   std::size_t taken = 0;
   for (std::size_t size = kMaxNotificationBytes - 64; sink_.texts().empty(); ++size) {
     post("a", userInfoOf(size));
@@ -345,13 +345,13 @@ TEST_F(NotificationBusTest, NamesAroundTheLongestRuleAreAllObserved) {
   }
 }
 
-TEST_F(NotificationBusTest, WhatTheBusSentBeforeItsEndIsDelivered) {
+TEST_F(NotificationBusTest, MessagesBeforeTheEndOfTheBusAreDelivered) {
   const Observation observer = center_->addObserver("a", std::nullopt, note());
   const auto other = makeBusNotificationCenter(*loop_, bus_.address(), log_, 60s);
   const Observation registered =
       other->addObserver("b", std::nullopt, [](const DistributedNotification&) {});
-  // Confirmed by the bus behind the signal, which has therefore been sent to everybody.
-  EXPECT_EQ(postAsStranger({}, {"string:a", "array:string:object"}), 0);
+  // The bus has confirmed this after the signal, so it has sent that to all clients.
+  EXPECT_EQ(postAsForeigner({}, {"string:a", "array:string:object"}), 0);
   const Observation confirmed =
       other->addObserver("c", std::nullopt, [](const DistributedNotification&) {});
   bus_.stop();
@@ -359,7 +359,7 @@ TEST_F(NotificationBusTest, WhatTheBusSentBeforeItsEndIsDelivered) {
   EXPECT_THAT(got_, testing::ElementsAre("a"));
 }
 
-TEST_F(NotificationBusTest, AFullBacklogHoldsNobodyUp) {
+TEST_F(NotificationBusTest, AFullBacklogDelaysNobody) {
   bus_.program().signal(SIGSTOP);
   const std::string path = bus_.address().substr(bus_.address().find('/'));
   std::vector<UniqueFd> strangers;
@@ -378,7 +378,7 @@ TEST_F(NotificationBusTest, AFullBacklogHoldsNobodyUp) {
   runUntilGotSomething();
 }
 
-TEST(NotificationBusAddressTest, WhatIsNoSocketsPathIsLoggedOnceAndHasNoBus) {
+TEST(NotificationBusAddressTest, AnInvalidAddressIsLoggedOnceAndHasNoBus) {
   const std::unique_ptr<AsioRunLoop> loop = std::move(AsioRunLoop::create().value());
   FakeLogSink sink;
   SystemLog log(sink, "program");

@@ -15,8 +15,8 @@
 
 namespace platform {
 
-// A program of the product's as the registry of endpoints sees it, with any number of connections.
-// Its replies come on threads of its own.
+// A program of the product as the registry of endpoints sees it, with any number of connections.
+// Its replies come on its own threads.
 class RegistryClient {
  public:
   static constexpr char kRegister[] = "registerXPCListenerEndpoint:forPasskey:withName:withReply:";
@@ -24,20 +24,20 @@ class RegistryClient {
   static constexpr char kSignature[] = "signatureWithReply:";
   static constexpr char kExecInfo[] = "requestExecutableInfo:withReply:";
 
-  // Of the daemon below that root.
+  // A client of the daemon below that root.
   RegistryClient(std::string root, const SystemInformation& system);
 
   XPC& xpc() { return xpc_->xpc(); }
-  // What it shows, for a registration and for a look-up.
+  // The passkey for registrations and lookups.
   const Value& passkey() const { return passkey_; }
 
-  // To the registry.
+  // Connects to the registry.
   std::shared_ptr<NSXPCConnection> connect();
-  // To the executable-information service, whose endpoint the registry tells; null where it does
-  // not.
+  // Connects to the executable-information service, whose endpoint the registry returns; null if it
+  // does not.
   std::shared_ptr<NSXPCConnection> connectToExecInfo();
 
-  // Blocks for the reply, for a minute at most; nothing where there is an error instead.
+  // Blocks for the reply, for a minute at most; nothing if there is an error instead.
   static std::optional<Array> ask(NSXPCConnection& connection, std::string_view selector,
                                   Array arguments = {});
 

@@ -1,5 +1,5 @@
-// A client of the registry of endpoints for a test to kill in mid-request: it registers and looks
-// up over forty connections, without end. Says "asking" when all of them have had an answer. Its
+// A client of the registry of endpoints for a test to kill within a request: it registers and looks
+// up over forty connections, without end. Prints "asking" when all of them have had an answer. Its
 // argument is the platform root.
 
 #include <cstdio>

@@ -41,7 +41,7 @@ class ServiceManagerControlTest : public testing::Test {
   const std::string control_ = folder_.path("servicemanagerctl");
 };
 
-TEST_F(ServiceManagerControlTest, TellsOfThePlatformBelowItsOwnRoot) {
+TEST_F(ServiceManagerControlTest, ReportsThePlatformBelowItsOwnRoot) {
   ChildProgram program({control_, "platform", "--json"}, {});
   EXPECT_EQ(program.waitForExit(), kSuccess);
   const std::string output = program.restOfOutput();
@@ -66,14 +66,14 @@ TEST_F(ServiceManagerControlTest, WritesALineThroughEachLogger) {
                                  "\\[main\\.cpp:[0-9]+\\] hello.*world \\(logger 1\\)$")));
 }
 
-TEST_F(ServiceManagerControlTest, SaysThatTheLogTookNothing) {
-  std::filesystem::create_directories(folder_.path("log/system.log"));  // A folder, not a file.
+TEST_F(ServiceManagerControlTest, ReportsThatTheLogLostTheLine) {
+  std::filesystem::create_directories(folder_.path("log/system.log"));  // a folder, not a file
   ChildProgram program({control_, "log-test", "hello"}, {});
   EXPECT_EQ(program.waitForExit(), exited(kFailed));
   EXPECT_THAT(program.errors(), HasSubstr("the log took 2 of 2 lines not"));
 }
 
-TEST_F(ServiceManagerControlTest, SaysWhatIsWrongWithTheConfiguration) {
+TEST_F(ServiceManagerControlTest, ExplainsAnInvalidConfiguration) {
   configure("<key>LogLevel</key><integer>8</integer>");
   ChildProgram program({control_, "platform"}, {});
   EXPECT_EQ(program.waitForExit(), exited(kFailed));
@@ -82,7 +82,7 @@ TEST_F(ServiceManagerControlTest, SaysWhatIsWrongWithTheConfiguration) {
   EXPECT_THAT(errors, HasSubstr("LogLevel"));
 }
 
-TEST_F(ServiceManagerControlTest, WhatItDoesNotUnderstandHasAStatusOfItsOwn) {
+TEST_F(ServiceManagerControlTest, AUsageErrorHasItsOwnStatus) {
   ChildProgram program({control_, "plattform"}, {});
   EXPECT_EQ(program.waitForExit(), exited(kNotUnderstood));
 }

@@ -26,7 +26,7 @@ constexpr char kModern[] = "com.vantor.demo.modern";
 
 class ServicesControlTest : public testing::Test {
  protected:
-  // A command that follows the services; it has registered when this returns.
+  // Runs "watch"; it has registered when this returns.
   std::unique_ptr<ChildProgram> watch(const std::vector<std::string>& options = {}) {
     std::vector<std::string> arguments{root_.controlProgram(), "watch"};
     arguments.insert(arguments.end(), options.begin(), options.end());
@@ -38,7 +38,7 @@ class ServicesControlTest : public testing::Test {
   DemoRoot root_;
 };
 
-TEST_F(ServicesControlTest, TheListTellsOfEachServiceOfTheProduct) {
+TEST_F(ServicesControlTest, TheListShowsEachServiceOfTheProduct) {
   const auto listed = root_.control({"list"});
   EXPECT_EQ(listed.status, exited(0)) << listed.errors;
   const std::string agent = std::to_string(root_.processOf(kAgent));
@@ -47,7 +47,7 @@ TEST_F(ServicesControlTest, TheListTellsOfEachServiceOfTheProduct) {
                     ContainsRegex("com\\.vantor\\.demo\\.agent +core +running +" + agent + "  -\n"),
                     ContainsRegex("com\\.vantor\\.demo\\.modern +core +needs 10\\.11 +-  -\n"),
                     ContainsRegex("com\\.vantor\\.demo\\.webfilter +feature +stopped +-  -\n"),
-                    Not(HasSubstr("parental"))));  // Another product's.
+                    Not(HasSubstr("parental"))));  // of another product
   const auto json = root_.control({"list", "--json"});
   EXPECT_THAT(json.output,
               AllOf(HasSubstr("\"type\": \"feature\""), HasSubstr("\"state\": \"unsupported\""),
@@ -61,7 +61,7 @@ TEST_F(ServicesControlTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
   EXPECT_EQ(stopped.output, "com.vantor.demo.agent is stopped.\n");
   EXPECT_FALSE(isRunning(agent));
 
-  // Another service's end makes the daemon decide about all of them.
+  // Another service's end makes the daemon evaluate all of them.
   const auto notices = watch();
   killAndAwait(root_.processOf(kScanner));
   EXPECT_THAT(notices->nextLine(), EndsWith("com.vantor.demo.scanner  ended"));
@@ -98,7 +98,7 @@ TEST_F(ServicesControlTest, WithAnUnknownLabelNothingIsDone) {
   EXPECT_EQ(root_.processOf(kAgent), agent);
 }
 
-TEST_F(ServicesControlTest, AServiceThatNeedsANewerSystemIsSaidNotToRun) {
+TEST_F(ServicesControlTest, AServiceForANewerSystemIsReported) {
   const auto started = root_.control({"start", kModern});
   EXPECT_EQ(started.status, exited(kFailed));
   EXPECT_EQ(started.output,
@@ -106,10 +106,10 @@ TEST_F(ServicesControlTest, AServiceThatNeedsANewerSystemIsSaidNotToRun) {
   EXPECT_THAT(started.errors, HasSubstr("\"servicemanagerctl log\""));
 }
 
-TEST_F(ServicesControlTest, AStopThatTakesLongerSaysSo) {
+TEST_F(ServicesControlTest, ALongStopIsReported) {
   const ProcessId agent = root_.processOf(kAgent);
   ASSERT_GT(agent, 0);
-  ASSERT_EQ(::kill(agent, SIGSTOP), 0);  // It can't end before it goes on.
+  ASSERT_EQ(::kill(agent, SIGSTOP), 0);  // It can't end before it continues.
   ChildProgram stop({root_.controlProgram(), "stop", kAgent}, {});
   EXPECT_EQ(stop.nextErrorLine(),
             "Waiting for com.vantor.demo.agent to end, 1 s so far (killed after 20 s)");
@@ -118,7 +118,7 @@ TEST_F(ServicesControlTest, AStopThatTakesLongerSaysSo) {
   EXPECT_EQ(stop.restOfOutput(), "com.vantor.demo.agent is stopped.\n");
 }
 
-TEST_F(ServicesControlTest, AnInstallerHasItsServicesStoppedUntilItEnds) {
+TEST_F(ServicesControlTest, AnInstallersServicesStayStoppedUntilItEnds) {
   const ProcessId agent = root_.processOf(kAgent);
   const auto begun = root_.control({"installer", "begin", kAgent, kScanner});
   EXPECT_EQ(begun.status, exited(0)) << begun.errors;
@@ -141,7 +141,7 @@ TEST_F(ServicesControlTest, AWatchEndsWithTheServiceManager) {
   EXPECT_THAT(notices->errors(), HasSubstr("the service manager has gone"));
 }
 
-TEST_F(ServicesControlTest, WithoutAServiceManagerTheToolSaysWhereToLook) {
+TEST_F(ServicesControlTest, WithoutAServiceManagerTheToolGivesAdvice) {
   EXPECT_EQ(root_.control({"jobs", "remove", DemoRoot::kDaemon}).status, exited(0));
   for (const std::vector<std::string>& command : {std::vector<std::string>{"list"},
                                                   {"watch"},
@@ -172,7 +172,7 @@ TEST_F(ServicesControlTest, TheLogIsShownWhole) {
   EXPECT_THAT(log.output, AllOf(testing::StartsWith("The log begins.\n"), HasSubstr("at work\n")));
 }
 
-TEST_F(ServicesControlTest, WhatIsNotUnderstoodHasAStatusOfItsOwn) {
+TEST_F(ServicesControlTest, AUsageErrorHasItsOwnStatus) {
   for (const std::vector<std::string>& command : {std::vector<std::string>{"start"},
                                                   {"stop"},
                                                   {"installer"},
@@ -213,7 +213,7 @@ TEST_F(OtherRootTest, AFolderThatIsNoRootIsRefused) {
               HasSubstr("No such file or directory"));
 }
 
-TEST_F(OtherRootTest, WhereTheLogIsNoFileTheToolSaysWhereItIs) {
+TEST_F(OtherRootTest, WithoutALogFileTheToolNamesTheLog) {
   configure("<key>LogSink</key><string>journal</string>");
   const auto journal = control({"log", "--root", folder_.path()});
   EXPECT_EQ(journal.status, exited(kFailed));
@@ -222,7 +222,7 @@ TEST_F(OtherRootTest, WhereTheLogIsNoFileTheToolSaysWhereItIs) {
   EXPECT_THAT(control({"log", "-f", "--root", folder_.path()}).errors, HasSubstr("/var/log/"));
 }
 
-TEST_F(OtherRootTest, ALogThatHasNotBegunIsSaidToBeSo) {
+TEST_F(OtherRootTest, AnEmptyLogIsReported) {
   configure("<key>LogSink</key><string>file</string>");
   const auto shown = control({"log", "--root", folder_.path()});
   EXPECT_EQ(shown.status, exited(kFailed));

@@ -14,8 +14,8 @@
 
 namespace platform {
 
-// The test as a program of the product that changes settings of the domain "common". Served by the
-// root's loop.
+// The test as a program of the product that changes settings of the domain "common". The root's
+// loop serves it.
 class SettingsProgram {
  public:
   explicit SettingsProgram(DaemonRoot& root)

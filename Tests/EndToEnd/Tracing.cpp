@@ -25,21 +25,21 @@ Tracer::Tracer(ProcessId process, std::vector<std::string> options, const std::s
 }
 
 Tracer::~Tracer() {
-  strace_->signal(SIGTERM);  // It lets go of what it traces.
+  strace_->signal(SIGTERM);  // It detaches from the program.
   strace_->waitForExit();
 }
 
-std::vector<TracedCall> callsIn(const std::string& traceFile, const std::string& who) {
+std::vector<TracedCall> callsIn(const std::string& traceFile, const std::string& prefix) {
   std::vector<TracedCall> calls;
   std::map<std::string, int> numbers;
   std::ifstream file(traceFile);
   for (std::string line; std::getline(file, line);) {
-    if (!line.starts_with(who)) continue;
-    line.erase(0, line.find_first_not_of(' ', who.size()));
+    if (!line.starts_with(prefix)) continue;
+    line.erase(0, line.find_first_not_of(' ', prefix.size()));
     const std::string name = line.substr(0, line.find('('));
     if (name.empty() ||
         name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789") != name.npos) {
-      continue;  // A signal, or the rest of a call that the tracing fell into.
+      continue;  // A signal, or the rest of an interrupted call.
     }
     calls.push_back({name, ++numbers[name]});
   }

@@ -16,14 +16,14 @@
 
 namespace platform {
 
-// A client of the daemon's, as the product's user interface is one: it asks, and is told what
-// happens to the services. Served by the root's loop.
+// A client of the daemon like the product's user interface: it asks questions, and gets
+// notifications of the services. The root's loop serves it.
 class UserInterfaceClient final : public MessageReceiver {
  public:
   struct Notice {
     std::string label;
     std::int64_t status = -1;
-    std::int64_t process = 0;  // where there is none
+    std::int64_t process = 0;  // 0 if there is none
     bool operator==(const Notice&) const = default;
   };
 
@@ -31,22 +31,22 @@ class UserInterfaceClient final : public MessageReceiver {
   static constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
   static constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
 
-  // Connects. Without a loop of its own it is served by the root's.
+  // Connects. Without a loop of its own it is served by the root's loop.
   explicit UserInterfaceClient(DaemonRoot& root, std::string_view server = kServer);
   UserInterfaceClient(DaemonRoot& root, AsioRunLoop& loop, std::string_view server = kServer);
   ~UserInterfaceClient() override;
 
   MessageResult ask(std::string_view selector, const Array& arguments = {});
-  // From now on it is told; returns when the daemon has taken it in.
+  // Subscribes to notifications; returns when the daemon has registered it.
   void registerClient();
 
   bool isConnected() const { return connection_ && connection_->isValid(); }
   const std::vector<Notice>& notices() const { return notices_; }
   void forgetNotices() { notices_.clear(); }
-  // Whether it has been told this of the service.
+  // Whether it has got this notification of the service.
   bool wasTold(std::string_view label, std::int64_t status) const;
 
-  // Called within each notice.
+  // Called within each notification.
   std::function<void(const Notice&)> onNotice;
 
   MessageResult receiveMessage(std::string_view selector, const Array& arguments) override;

@@ -23,7 +23,7 @@ constexpr mode_t kSecret = 0600;
 constexpr mode_t kPublic = 0644;
 constexpr mode_t kSecretFolder = 0700;
 constexpr std::size_t kMaxPemBytes = 256 * 1024;
-constexpr std::chrono::minutes kClockDifference{5};  // Between the machines of a developer.
+constexpr std::chrono::minutes kClockDifference{5};  // between two machines of a developer
 
 Result<void> writeFile(const std::string& path, const std::string& content, mode_t mode) {
   auto file = ReplacementFile::createFor(path);
@@ -88,7 +88,7 @@ Result<std::string> installAnchor(const std::string& folder, const std::string& 
   if (!file) return std::unexpected(file.error());
   const auto content = readToEnd(file->get(), kMaxPemBytes, source);
   if (!content) return std::unexpected(content.error());
-  // Whatever the caller's umask: what others can write is not trusted.
+  // The caller's umask must not matter: a file that others can write is not trusted.
   const mode_t umaskBefore = ::umask(S_IWGRP | S_IWOTH);
   const std::string anchors = root + "/etc/vantor/anchors";
   std::error_code error;

@@ -7,11 +7,11 @@
 
 // A throw-away authority for development, in a folder of its own:
 //
-//   authority.key, authority.pem   the authority; its certificate is what belongs among the anchors
+//   authority.key, authority.pem   the authority; its certificate goes into the anchors
 //   signer.key, signer.pem         a signer and its certificate
 //
-// Keys are on the curve P-256, readable by their owner alone, and not encrypted: what must keep a
-// secret comes from elsewhere.
+// Keys are on the curve P-256, readable by their owner alone, and not encrypted. Keys that must
+// stay secret come from elsewhere.
 struct AuthorityOptions {
   std::string folder;
   std::string name = "Development";
@@ -19,7 +19,7 @@ struct AuthorityOptions {
   std::chrono::days validity{365};
 };
 
-// Makes the folder and the files. Refused where one of them exists.
+// Makes the folder and the files. Fails if one of them exists.
 platform::Result<void> makeAuthority(const AuthorityOptions& options);
 
 // Copies the authority's certificate into the anchors of the platform at `root`, making the folders

@@ -6,10 +6,10 @@
 #include "Platform/Linux/CodeSigning/CodeSigner.h"
 #include "Platform/Values/Error.h"
 
-// Signs what lies at `path`: an ELF program by a signature at its end, another file by one beside
-// it (also where `detached`), a bundle by a seal, after each program in its Contents/Linux. Tells
-// the paths that were signed. Without an identifier in `options` each gets its name as such, a
-// bundle that without ".bundle".
+// Signs the code at `path` and returns the paths that were signed. An ELF program gets a signature
+// at its end, another file one beside it (an ELF program too with `detached`), a bundle a seal,
+// after each program in its Contents/Linux. Without an identifier in `options` each gets its file
+// name, a bundle without ".bundle".
 platform::Result<std::vector<std::string>> sealCode(const std::string& path,
                                                     const platform::SigningIdentity& identity,
                                                     const platform::SigningOptions& options,

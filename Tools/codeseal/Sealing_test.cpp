@@ -27,7 +27,7 @@ class SealingTest : public testing::Test {
     return status.st_mode & 07777u;
   }
 
-  // An authority of the tool's own, trusted by the bed.
+  // An authority that the tool made, trusted by the bed.
   SigningIdentity makeKeys() {
     EXPECT_TRUE(makeAuthority({keys_, "Test", CodeSigningBed::kSignedAt, std::chrono::days(1)}));
     EXPECT_TRUE(installAnchor(keys_, bed_.folder().path()));
@@ -40,7 +40,7 @@ class SealingTest : public testing::Test {
   const std::string keys_ = bed_.folder().path("keys");
 };
 
-TEST_F(SealingTest, SecretsAreTheirOwnersAlone) {
+TEST_F(SealingTest, KeysAreReadableByTheirOwnerAlone) {
   makeKeys();
   EXPECT_EQ(modeOf(keys_), 0700u);
   EXPECT_EQ(modeOf(keys_ + "/authority.key"), 0600u);
@@ -55,7 +55,7 @@ TEST_F(SealingTest, KeysThatExistAreNotReplaced) {
   EXPECT_THAT(describe(again.error()), HasSubstr("authority.key"));
 }
 
-TEST_F(SealingTest, AKeyAndACertificateThatDoNotBelongTogetherAreRefused) {
+TEST_F(SealingTest, AKeyThatDoesNotFitTheCertificateIsRefused) {
   makeKeys();
   EXPECT_FALSE(readIdentity(keys_ + "/authority.key", keys_ + "/signer.pem"));
   EXPECT_FALSE(readIdentity(keys_ + "/signer.pem", keys_ + "/signer.pem"));
@@ -98,7 +98,7 @@ TEST_F(SealingTest, ABundleIsSealedAfterItsPrograms) {
   const std::string program = bed_.makeFile("X.bundle/Contents/Linux/program");
   const std::string script = bed_.makeFile("X.bundle/Contents/Linux/script", "#!/bin/sh\n");
   const std::string bundle = bed_.folder().path("X.bundle");
-  // Twice, as after a new build.
+  // Twice, as after a rebuild.
   for (int i = 0; i < 2; ++i) {
     EXPECT_THAT(*sealCode(bundle, identity, options(), false),
                 ElementsAre(program, script, bundle));
@@ -111,7 +111,7 @@ TEST_F(SealingTest, ABundleIsSealedAfterItsPrograms) {
   EXPECT_EQ(readProgramSignature(program)->identifier, "program");
 }
 
-TEST_F(SealingTest, TheReportTellsWhatTheSignatureSays) {
+TEST_F(SealingTest, TheReportShowsTheSignature) {
   const std::string program = bed_.makeProgram("bin/program");
   const SignatureReport report = makeReport(program, readProgramSignature(program));
   const std::string text = asText(report, "valid");
@@ -125,7 +125,7 @@ TEST_F(SealingTest, TheReportTellsWhatTheSignatureSays) {
   EXPECT_EQ(json["certificates"][0]["issuer"], "CN=Authority");
 }
 
-TEST_F(SealingTest, TheReportOfARefusalIsItsReasonAndStatus) {
+TEST_F(SealingTest, TheReportOfARejectionIsItsReasonAndStatus) {
   const SignatureReport report =
       makeReport("/p", std::unexpected(CodeSigningFailure{errSecCSUnsigned, "/p: no signature"}));
   EXPECT_EQ(asText(report, "valid"), "/p: no signature (-67062)\n");

@@ -10,7 +10,7 @@
 #include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Linux/CodeSigning/VerifiedCode.h"
 
-// What there is to tell of the code at a path, for people and for programs.
+// The facts about the code at a path, for people and for programs.
 struct SignatureReport {
   struct Certificate {
     std::string subject;
@@ -21,18 +21,18 @@ struct SignatureReport {
 
   std::string path;
   platform::OSStatus status = platform::errSecSuccess;
-  std::string reason;  // empty where there is nothing to complain of
+  std::string reason;  // empty if nothing is wrong
   std::optional<std::string> identifier;
   std::optional<std::chrono::sys_seconds> signingTime;
   std::string digest;
   std::vector<Certificate> certificates;
 };
 
-// Of a signature that was checked or read.
+// Reports a signature that was verified or read.
 SignatureReport makeReport(
     const std::string& path,
     const platform::CodeSigningResult<platform::SignatureStatement>& statement);
 
-// `verdict` is the word that begins the report: what was found out.
+// `verdict` is the word that begins the report.
 std::string asText(const SignatureReport& report, const std::string& verdict);
 nlohmann::ordered_json asJson(const SignatureReport& report);

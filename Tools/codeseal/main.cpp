@@ -40,11 +40,11 @@ std::chrono::sys_seconds now() {
   return std::chrono::sys_seconds(std::chrono::seconds(::time({})));
 }
 
-// Links on the way to it are the caller's; what is checked is the real path.
+// The caller may follow links on the way; the real path is what gets checked.
 std::string realPath(const std::string& path) {
   std::error_code error;
   auto absolute = std::filesystem::absolute(path, error).lexically_normal();
-  if (!absolute.has_filename()) absolute = absolute.parent_path();  // Of a slash at its end.
+  if (!absolute.has_filename()) absolute = absolute.parent_path();  // The path ended with a slash.
   const auto folder = std::filesystem::canonical(absolute.parent_path(), error);
   return (error ? absolute : folder / absolute.filename()).string();
 }
@@ -95,7 +95,7 @@ int sign(const Arguments& arguments) {
   return EXIT_SUCCESS;
 }
 
-// Reports on each path; `examine` gives what there is to tell of one.
+// Reports on each path; `examine` returns the report of one.
 template <typename Examine>
 int report(const Arguments& arguments, const std::string& verdict, Examine examine) {
   auto json = nlohmann::ordered_json::array();

@@ -1,6 +1,6 @@
-// Unloads one extension of the platform root that this program lies in: by its identifier, or by
-// the path of its bundle. Ends with 0 where the extension has been unloaded, with 1 where not, with
-// 2 where it did not understand.
+// Unloads one extension of the platform root in which this program lies, by the extension's
+// identifier or by the path of its bundle. Exit status: 0 unloaded, 1 not unloaded, 2 not
+// understood.
 
 #include <cstdio>
 #include <filesystem>

@@ -16,12 +16,12 @@ Answer<void> refuseWord(std::string text) {
   return std::unexpected(Refusal{kExitNotUnderstood, std::move(text)});
 }
 
-// The file system takes any bytes for a name; everything else travels as text.
+// A file name may hold any bytes; all other arguments travel as text.
 bool isPath(const CLI::Option& option) {
   return option.check_lname("root") || option.get_name(true) == kFileOption;
 }
 
-// The command that was named last, of those that can be.
+// The last command on the command line that the parser knows.
 const CLI::App& innermost(const CLI::App& app) {
   const auto named = app.get_subcommands();
   return named.empty() ? app : innermost(*named.back());
@@ -51,11 +51,11 @@ Answer<void> checkArguments(const CLI::App& app) {
   return {};
 }
 
-std::string whyNotUnderstood(const CLI::App& app, const CLI::ParseError& error,
-                             const std::vector<std::string>& arguments) {
+std::string parseErrorText(const CLI::App& app, const CLI::ParseError& error,
+                           const std::vector<std::string>& arguments) {
   const CLI::App& command = innermost(app);
   const auto strange = command.remaining();
-  // What is missing is only the command that the strange word should have been.
+  // The parser reports a missing command, but the unknown word stands in its place.
   if (command.get_require_subcommand_min() > 0 && !strange.empty()) {
     const std::string& word = strange.front();
     const std::string before = &command == &app ? "" : command.get_name() + " ";

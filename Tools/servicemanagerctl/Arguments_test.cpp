@@ -18,11 +18,11 @@ class ArgumentsTest : public testing::Test {
   }
 
   void parse(std::vector<std::string> arguments) {
-    std::ranges::reverse(arguments);  // As CLI11 wants them.
+    std::ranges::reverse(arguments);  // CLI11 takes them in reverse.
     app_.parse(std::move(arguments));
   }
 
-  // What is wrong with these, which can be parsed.
+  // The fault of arguments that can be parsed.
   std::string fault(std::vector<std::string> arguments) {
     parse(std::move(arguments));
     const auto checked = checkArguments(app_);
@@ -31,12 +31,12 @@ class ArgumentsTest : public testing::Test {
     return checked.error().text;
   }
 
-  // Why these can't be.
+  // The error text for arguments that can't be parsed.
   std::string refusal(const std::vector<std::string>& arguments) {
     try {
       parse(arguments);
     } catch (const CLI::ParseError& error) {
-      return whyNotUnderstood(app_, error, arguments);
+      return parseErrorText(app_, error, arguments);
     }
     return "understood";
   }
@@ -47,7 +47,7 @@ class ArgumentsTest : public testing::Test {
   std::string root_;
 };
 
-TEST_F(ArgumentsTest, WhatIsTextHasToBeUtf8) {
+TEST_F(ArgumentsTest, TextMustBeUtf8) {
   EXPECT_EQ(fault({"settings", "set", "common", "k\u00e9", "v\u20ac"}), "");
   EXPECT_EQ(fault({"settings", "set", "common", "\xff", "v"}), "argument \"\\ufffd\" is not UTF-8");
   EXPECT_EQ(fault({"settings", "set", "common", "k", "v\xc3"}),
@@ -62,7 +62,7 @@ TEST_F(ArgumentsTest, APathMayHaveAnyBytes) {
   EXPECT_EQ(fault({"jobs", "list", "--root", "/\xff"}), "");
 }
 
-TEST_F(ArgumentsTest, AnEmptyRootIsNone) {
+TEST_F(ArgumentsTest, AnEmptyRootIsRefused) {
   constexpr char kFault[] = "--root is empty; it is the folder that another platform lies in";
   EXPECT_EQ(fault({"--root", "", "jobs", "list"}), kFault);
   EXPECT_EQ(fault({"jobs", "--root", "", "list"}), kFault);
@@ -83,12 +83,12 @@ TEST_F(ArgumentsTest, AnUnknownWordIsNamed) {
             "there are");
 }
 
-TEST_F(ArgumentsTest, WhatIsMissingIsSaidToBe) {
+TEST_F(ArgumentsTest, AMissingArgumentIsNamed) {
   EXPECT_EQ(refusal({}), "A subcommand is required");
   EXPECT_EQ(refusal({"jobs", "show"}), "label is required");
 }
 
-TEST_F(ArgumentsTest, NoMoreThan80CharactersOfAWordAreRepeated) {
+TEST_F(ArgumentsTest, AnErrorRepeats80CharactersOfAWordAtMost) {
   const std::string most(80, 'x');
   EXPECT_EQ(refusal({"jobs", "list", most}), "The following argument was not expected: " + most);
   EXPECT_EQ(refusal({"jobs", "list", most + "y"}),

@@ -8,7 +8,7 @@
 
 BlockedCallProgress::BlockedCallProgress(WaitProgress::Wait wait) {
   auto loop = platform::AsioRunLoop::create();
-  if (!loop) return;  // The wait itself matters more than being told of it.
+  if (!loop) return;  // The call matters more than its progress.
   loop_ = std::move(*loop);
   thread_ = std::thread([this, waited = std::move(wait)]() mutable {
     const WaitProgress progress(*loop_, std::move(waited), readerOf(STDERR_FILENO), warn);

@@ -6,8 +6,8 @@
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Tools/servicemanagerctl/WaitProgress.h"
 
-// Tells on standard error of a wait, for as long as it lives. On a thread and a loop of its own: a
-// call to the service manager blocks the main one.
+// Reports a wait on standard error for as long as it lives. It has a thread and a loop of its own,
+// since a call to the service manager blocks the main thread.
 class BlockedCallProgress {
  public:
   explicit BlockedCallProgress(WaitProgress::Wait wait);
@@ -16,6 +16,6 @@ class BlockedCallProgress {
   ~BlockedCallProgress();
 
  private:
-  std::unique_ptr<platform::AsioRunLoop> loop_;  // null where the system has no room for one
+  std::unique_ptr<platform::AsioRunLoop> loop_;  // null if the system has no resources for one
   std::thread thread_;
 };

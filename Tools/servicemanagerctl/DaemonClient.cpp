@@ -20,21 +20,21 @@ std::int64_t wholeSeconds(Duration duration) {
 }  // namespace
 
 DaemonClient::DaemonClient(const Environment& environment, std::string server, std::string protocol,
-                           Who who)
+                           ServerTexts texts)
     : environment_(environment),
       server_(std::move(server)),
       protocol_(std::move(protocol)),
-      who_(std::move(who)),
+      texts_(std::move(texts)),
       client_(environment_.objects, server_, protocol_, std::nullopt) {}
 
 Answer<void> DaemonClient::connect() {
   const auto connection = lookUp();
   if (!connection) return std::unexpected(connection.error());
-  // Step by step: the client itself would keep from us why it has no proxy.
+  // Connect first: otherwise the client would hide why there is no proxy.
   (*connection)->setDelegate(&client_);
-  (*connection)->setRequestTimeout(kPatience);
+  (*connection)->setRequestTimeout(kTimeOut);
   const auto proxy = (*connection)->rootProxy();
-  if (!proxy) return std::unexpected(refusal(proxy.error(), kPatience));
+  if (!proxy) return std::unexpected(refusal(proxy.error(), kTimeOut));
   (*proxy)->setProtocolForProxy(environment_.objects.protocols.find(protocol_));
   client_.setConnection(*connection);
   client_.setRootProxy(*proxy);
@@ -42,7 +42,7 @@ Answer<void> DaemonClient::connect() {
 }
 
 Answer<std::shared_ptr<NSConnection>> DaemonClient::lookUp() {
-  const Instant deadline = environment_.objects.loop.now() + kPatience;
+  const Instant deadline = environment_.objects.loop.now() + kTimeOut;
   for (;;) {
     if (auto connection = environment_.objects.connections.connectionWithRegisteredName(server_))
       return connection;
@@ -51,17 +51,18 @@ Answer<std::shared_ptr<NSConnection>> DaemonClient::lookUp() {
     if (!tried && (isLate || tried.error().kind != PeerConnectFailure::Kind::kTimedOut))
       return std::unexpected(refusal(tried.error()));
     if (isLate) return std::unexpected(nobodyThere());
-    // It is there but busy; a program that nobody waits for would leave it alone for a while.
+    // The daemon is there but busy. After a failure the client pauses before it connects again; a
+    // daemon's start ends the pause.
     environment_.objects.connections.serverDidStart(server_);
   }
 }
 
-Answer<Value> DaemonClient::ask(std::string_view selector, Array arguments, Duration patience) {
-  if (connection()) connection()->setReplyTimeout(patience);
+Answer<Value> DaemonClient::ask(std::string_view selector, Array arguments, Duration timeOut) {
+  if (connection()) connection()->setReplyTimeout(timeOut);
   auto result = client_.sendMessage(selector, std::move(arguments));
-  if (!result) return std::unexpected(refusal(result.error(), patience));
+  if (!result) return std::unexpected(refusal(result.error(), timeOut));
   if (const auto& raised = client_.recentException())
-    return std::unexpected(refusal(*raised, patience));
+    return std::unexpected(refusal(*raised, timeOut));
   return std::move(*result);
 }
 
@@ -74,41 +75,41 @@ Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
     case Kind::kRefused:
       if (failure.error.osError != EACCES && failure.error.osError != EPERM) break;
       return {kExitNotPermitted,
-              fmt::format("{}; ask as root, or as the user whom {} runs under", why, who_.name)};
+              fmt::format("{}; ask as root, or as the user whom {} runs under", why, texts_.name)};
     case Kind::kTimedOut:
       return {kExitFailed,
               fmt::format("{} is there but has not answered for {} s; {}, so try again later, and "
                           "see \"servicemanagerctl log\"",
-                          who_.name, wholeSeconds(kPatience), who_.whySilent)};
+                          texts_.name, wholeSeconds(kTimeOut), texts_.whyNoAnswer)};
     case Kind::kSystem:
       break;
   }
-  return {kExitFailed, who_.name + " can't be reached: " + why};
+  return {kExitFailed, texts_.name + " can't be reached: " + why};
 }
 
-Refusal DaemonClient::refusal(const NSException& exception, Duration patience) const {
+Refusal DaemonClient::refusal(const NSException& exception, Duration timeOut) const {
   if (exception.name == kNSFailedAuthenticationException)
     return {kExitNotAuthenticated,
             fmt::format("{} and this tool don't recognize each other: {}; both must be of the same "
                         "product and run on this machine itself, so use the servicemanagerctl that "
                         "was installed with it",
-                        who_.name, exception.reason)};
+                        texts_.name, exception.reason)};
   if (exception.name == kNSPortTimeoutException)
     return {kExitFailed, fmt::format("{} has not answered for {} s; it may still be at it: see "
                                      "\"servicemanagerctl list\" and \"servicemanagerctl log\"",
-                                     who_.name, wholeSeconds(patience))};
+                                     texts_.name, wholeSeconds(timeOut))};
   if (exception.name == kNSInvalidSendPortException)
     return {
         kExitNobodyThere,
-        who_.name + " ended before it answered; the job host starts it again, so try once more"};
+        texts_.name + " ended before it answered; the job host starts it again, so try once more"};
   if (exception.name == kNoProxy) return nobodyThere();
   return {kExitFailed,
-          fmt::format("{} refused: {}: {}", who_.name, exception.name, exception.reason)};
+          fmt::format("{} refused: {}: {}", texts_.name, exception.name, exception.reason)};
 }
 
 Refusal DaemonClient::nobodyThere() const {
   return {kExitNobodyThere,
           fmt::format("{} does not serve below {}; is it running? \"servicemanagerctl {}\" tells, "
                       "and \"servicemanagerctl log\" why one that runs may be idle",
-                      who_.name, environment_.root, who_.whereToLook)};
+                      texts_.name, environment_.root, texts_.statusCommand)};
 }

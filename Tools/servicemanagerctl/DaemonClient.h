@@ -18,7 +18,7 @@ inline constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.
 inline constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
 inline constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
-// Why something could not be done: what to say, what to do about it included, and what to end with.
+// Why a command failed: the message, with advice, and the exit status.
 struct Refusal {
   int exitStatus;
   std::string text;
@@ -29,15 +29,15 @@ struct Refusal {
 template <typename T>
 using Answer = std::expected<T, Refusal>;
 
-// Speaks to one server, the service manager's unless told otherwise, and says why it can't. Belongs
-// to the loop's thread; every call blocks.
+// A client of one server, the service manager's by default, that explains each failure. Belongs to
+// the loop's thread; every call blocks.
 class DaemonClient {
  public:
-  // How long the service manager may take to answer what asks for no work. It serves nobody while
-  // it waits for a job that begins or ends.
-  static constexpr platform::Duration kPatience = std::chrono::seconds(60);
+  // How long the service manager may take to answer a question that needs no work. It serves nobody
+  // while it waits for a job to start or end.
+  static constexpr platform::Duration kTimeOut = std::chrono::seconds(60);
 
-  // Of the program, all of it outlives this.
+  // Belongs to the program; all of it outlives this.
   struct Environment {
     VantorDistantObject::Environment objects;
     platform::PeerTransport& transport;
@@ -45,25 +45,25 @@ class DaemonClient {
     std::string root;  // of the platform, for texts
   };
 
-  // Who serves there, for texts.
-  struct Who {
+  // How to name the server in texts.
+  struct ServerTexts {
     std::string name;
-    std::string whereToLook;  // the arguments with which this tool tells whether it runs
-    std::string whySilent;    // why one that is there may not answer
+    std::string statusCommand;  // the arguments with which this tool shows whether it runs
+    std::string whyNoAnswer;    // why it may be there and not answer
   };
 
   DaemonClient(const Environment& environment, std::string server, std::string protocol,
-               Who who = {.name = "the service manager",
-                          .whereToLook = "jobs show com.vantor.servicemanager",
-                          .whySilent = "it may be waiting for a job to end"});
+               ServerTexts texts = {.name = "the service manager",
+                                    .statusCommand = "jobs show com.vantor.servicemanager",
+                                    .whyNoAnswer = "it may be waiting for a job to end"});
 
-  // Finds the server and authenticates both sides; for kPatience at most each. To be called first.
+  // Finds the server and authenticates both sides, within kTimeOut each. Call this first.
   Answer<void> connect();
 
-  // Sends a message of the protocol. Waits for its answer for `patience` at most; of a one-way
-  // message there is none.
+  // Sends a message of the protocol and waits for its answer for `timeOut` at most. A one-way
+  // message has no answer.
   Answer<platform::Value> ask(std::string_view selector, platform::Array arguments = {},
-                              platform::Duration patience = kPatience);
+                              platform::Duration timeOut = kTimeOut);
 
   // Null before connect().
   const std::shared_ptr<platform::NSConnection>& connection() const { return client_.connection(); }
@@ -71,12 +71,12 @@ class DaemonClient {
  private:
   Answer<std::shared_ptr<platform::NSConnection>> lookUp();
   Refusal refusal(const platform::PeerConnectFailure& failure) const;
-  Refusal refusal(const platform::NSException& exception, platform::Duration patience) const;
+  Refusal refusal(const platform::NSException& exception, platform::Duration timeOut) const;
   Refusal nobodyThere() const;
 
   const Environment environment_;
   const std::string server_;
   const std::string protocol_;
-  const Who who_;
+  const ServerTexts texts_;
   VantorDistantObject client_;
 };

@@ -30,7 +30,7 @@ ProtocolTable protocols() {
   return table;
 }
 
-// The operator's program, and one that vends the user-interface server.
+// The operator's program, and a program that vends the user-interface server.
 class DaemonClientTest : public testing::Test, public MessageReceiver {
  protected:
   void vend(NSConnectionDelegate& delegate) {
@@ -41,7 +41,7 @@ class DaemonClientTest : public testing::Test, public MessageReceiver {
     ASSERT_TRUE(vended_->registerName(kUserInterfaceServer));
   }
 
-  // How long `action` blocked.
+  // For how long `action` blocked.
   template <typename Action>
   Duration timeOf(Action action) {
     const Instant start = loop_.now();
@@ -98,7 +98,7 @@ TEST_F(DaemonClientTest, AOneWayMessageIsNotWaitedFor) {
   EXPECT_EQ(received_, (std::vector<std::string>{"stopServices:", "services"}));
 }
 
-TEST_F(DaemonClientTest, ADaemonThatIsNotThereIsSaidSoAtOnce) {
+TEST_F(DaemonClientTest, AMissingDaemonIsReportedAtOnce) {
   Answer<void> connected;
   EXPECT_EQ(timeOf([&] { connected = client_.connect(); }), 0s);
   ASSERT_FALSE(connected);
@@ -107,8 +107,8 @@ TEST_F(DaemonClientTest, ADaemonThatIsNotThereIsSaidSoAtOnce) {
                                             HasSubstr("jobs show com.vantor.servicemanager")));
 }
 
-TEST_F(DaemonClientTest, AStrangerAtTheNameIsNotTrusted) {
-  TokenDelegate stranger("other", "token");  // Neither knows our token nor shows its own.
+TEST_F(DaemonClientTest, AnotherProductsServerIsNotTrusted) {
+  TokenDelegate stranger("other", "token");  // It neither knows our token nor shows its own.
   vend(stranger);
   const auto connected = client_.connect();
   ASSERT_FALSE(connected);
@@ -117,7 +117,7 @@ TEST_F(DaemonClientTest, AStrangerAtTheNameIsNotTrusted) {
   EXPECT_TRUE(received_.empty());
 }
 
-TEST_F(DaemonClientTest, AServerThatLetsEverybodyInIsStillNotTrusted) {
+TEST_F(DaemonClientTest, AServerThatAcceptsEverybodyIsNotTrusted) {
   class Careless final : public NSConnectionDelegate {
     bool connection(NSConnection& parent, NSConnection& child) override {
       child.setDelegate(parent.delegate());
@@ -135,36 +135,37 @@ TEST_F(DaemonClientTest, AServerThatLetsEverybodyInIsStillNotTrusted) {
   vended_->invalidate();
 }
 
-TEST_F(DaemonClientTest, ABusyDaemonIsWaitedForAndThenSaidToBeBusy) {
+TEST_F(DaemonClientTest, ADaemonThatStaysBusyIsReported) {
   vend(authenticator_);
   daemonTransport_.hang();
   Answer<void> connected;
-  EXPECT_GE(timeOf([&] { connected = client_.connect(); }), DaemonClient::kPatience);
+  EXPECT_GE(timeOf([&] { connected = client_.connect(); }), DaemonClient::kTimeOut);
   ASSERT_FALSE(connected);
   EXPECT_EQ(connected.error().exitStatus, kExitFailed);
   EXPECT_THAT(connected.error().text, HasSubstr("is there but has not answered for 60 s; it "
                                                 "may be waiting for a job to end"));
 }
 
-TEST_F(DaemonClientTest, OfAnotherServerItIsSaidWhyThatMayBeSilent) {
+TEST_F(DaemonClientTest, AnotherServersTimeOutHasItsOwnText) {
   vend(authenticator_);
   daemonTransport_.hang();
-  DaemonClient other(environment_, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
-                     {.name = "the other one", .whereToLook = "list", .whySilent = "it may sleep"});
+  DaemonClient other(
+      environment_, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
+      {.name = "the other one", .statusCommand = "list", .whyNoAnswer = "it may sleep"});
   const auto connected = other.connect();
   ASSERT_FALSE(connected);
   EXPECT_THAT(connected.error().text,
               HasSubstr("the other one is there but has not answered for 60 s; it may sleep"));
 }
 
-TEST_F(DaemonClientTest, ADaemonThatIsBusyForAWhileIsReached) {
+TEST_F(DaemonClientTest, ADaemonThatIsBusyForAMomentIsReached) {
   vend(authenticator_);
   daemonTransport_.hang();
   loop_.scheduleOutsideEvent(20s, [&] { daemonTransport_.goOn(); });
   EXPECT_TRUE(client_.connect());
 }
 
-TEST_F(DaemonClientTest, AnAnswerThatDoesNotComeInTimeIsSaidSo) {
+TEST_F(DaemonClientTest, AnAnswerThatComesTooLateIsReported) {
   vend(authenticator_);
   ASSERT_TRUE(client_.connect());
   daemonTransport_.hang();
@@ -175,7 +176,7 @@ TEST_F(DaemonClientTest, AnAnswerThatDoesNotComeInTimeIsSaidSo) {
   EXPECT_THAT(answer.error().text, HasSubstr("has not answered for 90 s"));
 }
 
-TEST_F(DaemonClientTest, WhatTheDaemonRaisesIsToldWithItsReason) {
+TEST_F(DaemonClientTest, AnExceptionIsReportedWithItsReason) {
   vend(authenticator_);
   ASSERT_TRUE(client_.connect());
   const auto answer = client_.ask("pidForService:", {"agent"});
@@ -184,7 +185,7 @@ TEST_F(DaemonClientTest, WhatTheDaemonRaisesIsToldWithItsReason) {
             (Refusal{kExitFailed, "the service manager refused: ServerException: because"}));
 }
 
-TEST_F(DaemonClientTest, ADaemonThatEndsIsSaidToHaveGone) {
+TEST_F(DaemonClientTest, ADaemonThatEndsIsReported) {
   vend(authenticator_);
   ASSERT_TRUE(client_.connect());
   vended_->invalidate();

@@ -22,7 +22,7 @@ namespace {
 using namespace platform;
 using Json = nlohmann::ordered_json;
 
-// The facts, read as they are needed.
+// The facts, read on demand.
 class Facts {
  public:
   explicit Facts(const Value& facts)
@@ -30,7 +30,7 @@ class Facts {
 
   bool is(const char* key) const { return facts_[key].boolean().value_or(false); }
   bool has(const char* key) const { return !facts_[key].isNil(); }
-  // Fit for a terminal.
+  // Escaped for a terminal.
   std::string text(const char* key) const {
     const std::string* text = facts_[key].string();
     return text ? plain(*text) : "";
@@ -49,7 +49,7 @@ class Facts {
     const Array* switches = facts_[kFactSwitches].array();
     return switches ? *switches : kNone;
   }
-  // The first switch of that outcome, nil where there is none.
+  // The first switch with that outcome, or nil.
   Value switchThat(std::string_view outcome) const {
     const auto found = std::ranges::find_if(switches(), [&](const Value& row) {
       return row[kFactOutcome].string() && *row[kFactOutcome].string() == outcome;
@@ -90,7 +90,7 @@ std::string textOfUnknownRelease(const Facts& facts) {
                      facts.text(kFactMinimumOSVersion));
 }
 
-// The names of the settings servers of which a switch has this outcome, each once.
+// The names of the settings servers that have a switch with this outcome, each once.
 std::string sourcesWith(const char* outcome, const Facts& facts) {
   std::set<std::string> names;
   for (const Value& row : facts.switches()) {
@@ -298,7 +298,7 @@ std::string aboutHealth(const Facts& facts) {
 
 std::string aboutLastExit(const Facts& facts) {
   if (facts.is(kFactJobIsUnknown)) return "not known";
-  // The job host forgets it with the job, which a stop removes.
+  // A stop removes the job, and with it the job host forgets this.
   if (!facts.has(kFactJob)) return "not known, since it has no job now";
   const JobState::Ending ending = facts.job().lastExit;
   return ending == JobState::Ending{} ? "none yet" : inWords(ending);
@@ -339,7 +339,7 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   details.emplace_back("last exit", aboutLastExit(facts));
   details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
   if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
-  // What has ended meanwhile is only left as it is.
+  // A process that has ended meanwhile is not stopped any more.
   if (facts.has(kFactStopIn) && facts.job().process) {
     details.emplace_back("stop", fmt::format("will be stopped in {}, since no switch asked for it",
                                              inSeconds(facts[kFactStopIn])));

@@ -16,16 +16,16 @@ struct Explanation {
   std::string reason;
   // A sentence that names the service and the reason.
   std::string verdict;
-  // What each of the things that count says: a heading and a sentence. A switch has a line each.
+  // A heading and a sentence for each fact that counts. Each switch has its own line.
   std::vector<std::pair<std::string, std::string>> details;
 
   bool operator==(const Explanation&) const = default;
 };
 
-// From what the service manager tells of a service; see OperatorFacts.h. What is malformed in it
-// counts as absent. Pure.
+// Explains a service from the service manager's facts; see OperatorFacts.h. A malformed fact counts
+// as absent. Pure.
 Explanation explain(const platform::Value& facts);
 
-// Every line with a line end.
+// Every line has a line end.
 std::string asText(const Explanation& explanation, Reader reader);
 nlohmann::ordered_json asJson(const Explanation& explanation, const platform::Value& facts);

@@ -20,7 +20,7 @@ using testing::Pair;
 
 using Changes = std::vector<Dictionary::Entry>;
 
-// A core service that runs, with these facts instead; nil takes one away.
+// The facts of a core service that runs, with these changes; nil removes a fact.
 Value factsWith(const Changes& changes) {
   Dictionary facts{{kFactLabel, "agent"},
                    {kFactIsOfProduct, true},
@@ -179,7 +179,7 @@ TEST(ExplanationTest, AServiceThatDoesNotRunHasOneOfTheseReasons) {
   }
 }
 
-TEST(ExplanationTest, AJobWithoutAProcessIsWaitedFor) {
+TEST(ExplanationTest, AnEndedJobWaitsForItsThrottle) {
   const Explanation explanation = explain(
       factsWith({{kFactReason, "ended"}, {kFactJob, Dictionary{{"LastExitStatus", SIGKILL}}}}));
   EXPECT_EQ(explanation.reason, "ended");
@@ -201,7 +201,7 @@ TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {
   EXPECT_EQ(explanation.details.size(), 1u);
 }
 
-TEST(ExplanationTest, EachThingThatCountsIsTold) {
+TEST(ExplanationTest, EachFactThatCountsIsShown) {
   const Explanation explanation = explain(factsWith(
       feature({aSwitch("matches", 1), aSwitch("differs", 0), aSwitch("clashes", "1"),
                aSwitch("absent"), aSwitch("noAnswer"), aSwitch("notAsked"), aSwitch("noSource")},
@@ -244,7 +244,7 @@ TEST(ExplanationTest, EachThingThatCountsIsTold) {
       "everything has been in normal mode again\n");
 }
 
-TEST(ExplanationTest, WhatASettingsServerRaisedIsToldAndCannotWriteToTheTerminal) {
+TEST(ExplanationTest, AServersExceptionIsShownEscaped) {
   Dictionary row = aSwitch("refused");
   row.set(kFactRefusal, "Corrupt: page\033[2J 7");
   EXPECT_THAT(
@@ -252,7 +252,7 @@ TEST(ExplanationTest, WhatASettingsServerRaisedIsToldAndCannotWriteToTheTerminal
       HasSubstr(", and its settings server answers with Corrupt: page\\u001b[2J 7: does not\n"));
 }
 
-TEST(ExplanationTest, OnlyWhatRunsWillBeStopped) {
+TEST(ExplanationTest, OnlyARunningServiceWillBeStopped) {
   for (const bool runs : {true, false}) {
     const Value job = runs ? Value(Dictionary{{"PID", 7}}) : Value();
     const std::string text =
@@ -261,14 +261,14 @@ TEST(ExplanationTest, OnlyWhatRunsWillBeStopped) {
   }
 }
 
-TEST(ExplanationTest, WhatTheJobHostDoesNotTellIsNotKnown) {
+TEST(ExplanationTest, FactsThatTheJobHostWithholdsAreUnknown) {
   const Explanation explanation = explain(
       factsWith({{kFactJob, Value()}, {kFactJobIsUnknown, true}, {kFactReason, "unknown"}}));
   EXPECT_EQ(explanation.reason, "unknown");
   EXPECT_EQ(explanation.verdict, "Whether agent runs is not known: the job host gives no answer.");
 }
 
-TEST(ExplanationTest, HowOftenItEndedByItselfIsASentence) {
+TEST(ExplanationTest, TheNumberOfCrashesIsASentence) {
   const auto health = [](const Dictionary& record) {
     for (const auto& [heading, text] : explain(factsWith({{kFactHealth, record}})).details) {
       if (heading == "health") return text;
@@ -283,7 +283,7 @@ TEST(ExplanationTest, HowOftenItEndedByItselfIsASentence) {
             "not supervised; has ended by itself 2 times since the last summary");
 }
 
-TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {
+TEST(ExplanationTest, TheNextRetryIsTheServicesEarliest) {
   const auto retry = [](Changes changes) {
     for (const auto& [heading, text] : explain(factsWith(changes)).details) {
       if (heading == "next retry") return text;
@@ -291,7 +291,7 @@ TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {
     return std::string();
   };
   EXPECT_EQ(retry({}), "none is due");
-  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, false}}), "none is due");  // Of others.
+  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, false}}), "none is due");  // of other services
   EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, true}, {kFactOperatingMode, 1}}),
             "in 5.0 s");
   EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}}),
@@ -306,10 +306,10 @@ TEST(ExplanationTest, TheNextRetryIsWhateverComesFirstForThisService) {
             "none is due");
 }
 
-TEST(ExplanationTest, WhatIsMissingOrMalformedCountsAsAbsent) {
+TEST(ExplanationTest, AMalformedFactCountsAsAbsent) {
   for (const Value& facts : {Value(), Value(Dictionary{{kFactIsOfProduct, 1}})}) {
     EXPECT_EQ(explain(facts).reason, "");
-    EXPECT_EQ(explain(facts).details.size(), 1u);  // The product.
+    EXPECT_EQ(explain(facts).details.size(), 1u);  // the product
   }
   EXPECT_EQ(explain(Dictionary{{kFactIsOfProduct, true}}).reason, "");
   const Explanation odd = explain(factsWith({{kFactSwitches, Array{1, "x", Dictionary()}},
@@ -367,7 +367,7 @@ TEST(ExplanationTest, AnUnknownLabelNamesTheKnownOnes) {
   EXPECT_EQ(unknownLabel("x", {}).exitStatus, kExitUnknownLabel);
 }
 
-TEST(ExplanationTest, HowItLastEndedIsForgottenWithItsJob) {
+TEST(ExplanationTest, TheLastEndIsForgottenWithTheJob) {
   const auto lastExit = [](const Changes& changes) {
     for (const auto& [heading, sentence] : explain(factsWith(changes)).details) {
       if (heading == "last exit") return sentence;

@@ -23,7 +23,7 @@ std::string yesOrNo(const Value& fact) {
   return *known ? "yes" : "no";
 }
 
-// A bundle that would not be loaded is no good, whatever still runs of it.
+// A bundle that would not be loaded counts as faulty even while an older copy of it runs.
 std::string installation(const Value& extension) {
   if (!extension[kFactKextPath].string()) return "no";
   return extension[kFactKextFault].string() ? "damaged" : "yes";
@@ -33,7 +33,7 @@ bool isLoadingUnknown(const Value& extension) {
   return extension[kFactKextIdentifier].string() && extension[kFactKextIsLoaded].isNil();
 }
 
-// With the process, where it runs as one.
+// Names the process if the extension runs as one.
 std::string loading(const Value& extension) {
   if (isLoadingUnknown(extension)) return "unknown";
   const auto process = extension[kFactKextProcess].integer();
@@ -75,7 +75,7 @@ std::string lineOf(const Row& row, const std::array<std::size_t, kColumns>& widt
   return line + row.back();
 }
 
-// What the table has no room for.
+// The notes that do not fit into the table.
 std::string notesOn(const std::string& name, const Value& extension) {
   std::string notes;
   if (const std::string* fault = extension[kFactKextFault].string()) {
@@ -115,7 +115,7 @@ nlohmann::ordered_json jsonOfExtensions(const Value& facts) {
   auto json = jsonOf(facts);
   if (!facts.dictionary()) return json;
   for (const auto& [name, extension] : *facts.dictionary()) {
-    // Absent would look like a word that a program has to leave out of account.
+    // A missing key would look like a word that a program may ignore.
     if (isLoadingUnknown(extension)) json[name][kFactKextIsLoaded] = nullptr;
   }
   return json;

@@ -7,12 +7,12 @@
 #include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
-// What the service manager tells of its kernel extensions (OperatorFacts.h), for a person: sorted
-// by name, every line with a line end. What is malformed in it counts as absent.
+// The service manager's kernel extensions (OperatorFacts.h), for people: sorted by name, every line
+// with a line end. A malformed fact counts as absent.
 std::string tableOfExtensions(const platform::Value& facts, Reader reader);
 
-// The same for programs: as it was told, and null where it is not known whether one is loaded.
+// The same for programs, unchanged, with null if it is unknown whether an extension is loaded.
 nlohmann::ordered_json jsonOfExtensions(const platform::Value& facts);
 
-// Whether the job host did not tell the service manager of every extension if it is loaded.
+// Whether the job host left it open for some extension if that is loaded.
 bool isAnyLoadingUnknown(const platform::Value& facts);

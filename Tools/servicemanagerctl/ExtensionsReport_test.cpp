@@ -30,7 +30,7 @@ TEST(ExtensionsReportTest, EachExtensionHasItsLine) {
             "other  com.vantor.other    no         no          no         no          -\n");
 }
 
-TEST(ExtensionsReportTest, WhatIsWrongIsToldBelow) {
+TEST(ExtensionsReportTest, FaultsAreShownBelowTheTable) {
   const Dictionary facts{{"a", Dictionary{{"Identifier", "i"},
                                           {"Path", "/a.kext"},
                                           {"Fault", "i: was changed\n"},
@@ -56,7 +56,7 @@ TEST(ExtensionsReportTest, WhatIsWrongIsToldBelow) {
             "b: was loaded from /b.kext\n");
 }
 
-TEST(ExtensionsReportTest, WhatTheJobHostDoesNotTellIsUnknownAndNotNo) {
+TEST(ExtensionsReportTest, StatesThatTheJobHostWithholdsAreUnknown) {
   const auto extension = [](bool isTold) {
     Dictionary facts{{"Identifier", "i"}, {"Path", "/a.kext"}, {"IsConnected", false}};
     if (isTold) facts.set("IsLoaded", false);
@@ -73,20 +73,21 @@ TEST(ExtensionsReportTest, WhatTheJobHostDoesNotTellIsUnknownAndNotNo) {
   ASSERT_TRUE(json["b"].contains("IsLoaded"));
   EXPECT_TRUE(json["b"]["IsLoaded"].is_null());
   EXPECT_FALSE(
-      json["c"].contains("IsLoaded"));  // The catalogue says of it what nobody can ask for.
+      // The catalogue names it, but it has no identifier to ask for.
+      json["c"].contains("IsLoaded"));
   EXPECT_TRUE(isAnyLoadingUnknown(untold));
   EXPECT_FALSE(isAnyLoadingUnknown(Dictionary{{"a", extension(true)}, {"c", Dictionary()}}));
   EXPECT_FALSE(isAnyLoadingUnknown(Value()));
 }
 
-TEST(ExtensionsReportTest, WithoutExtensionsItSaysSo) {
+TEST(ExtensionsReportTest, NoExtensionsAreReportedInWords) {
   for (const Value& nothing : {Value(), Value(Dictionary()), Value(7)}) {
     EXPECT_EQ(tableOfExtensions(nothing, Reader::kTerminal),
               "The catalogue names no kernel extension.\n");
   }
 }
 
-TEST(ExtensionsReportTest, WhatIsMalformedCountsAsAbsentAndNothingSteersTheTerminal) {
+TEST(ExtensionsReportTest, MalformedFactsAreSkippedAndControlCharactersEscaped) {
   const Dictionary facts{{"\033[2J", Dictionary{{"IsLoaded", "yes"}, {"Services", Array{7}}}},
                          {"number", 7}};
   const std::string table = tableOfExtensions(facts, Reader::kOther);

@@ -35,7 +35,7 @@ std::string_view healthOf(const Service& service) {
 
 std::string crashesOf(const Service& service) { return fmt::format("{}", service.crashes); }
 
-// A label's value of a metric: the format knows three escapes.
+// Escapes a label's value of a metric; the format knows three escapes.
 std::string escapedLabelValue(const std::string& text) {
   std::string result;
   for (const char character : text) {
@@ -54,7 +54,7 @@ std::string labelsOf(const Service& service) {
                      escapedLabelValue(service.name));
 }
 
-// Adds a metric's head.
+// Adds the lines that describe a metric.
 void describeMetric(std::string& text, std::string_view metric, std::string_view type,
                     std::string_view help) {
   fmt::format_to(std::back_inserter(text), "# TYPE {0} {1}\n# HELP {0} {2}\n", metric, type, help);
@@ -71,7 +71,7 @@ void addServices(std::string& text, const std::vector<Service>& services) {
                      nameOf(status), service.status == status ? 1 : 0);
     }
   }
-  // No counter: a summary begins it anew.
+  // It is no counter, because a summary resets it.
   constexpr std::string_view kForcedStops = "servicemanager_service_forced_stops";
   describeMetric(text, kForcedStops, "gauge",
                  "How often the service ended by itself since the health reporter last asked.");

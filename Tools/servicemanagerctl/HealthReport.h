@@ -16,10 +16,11 @@
 struct HealthReport {
   struct Service {
     std::string label;
-    std::string name;                         // under which the health reporter knows it
-    std::optional<HealthStatus> status = {};  // nothing for one that is not supervised any more
+    std::string name;                         // in the health record
+    std::optional<HealthStatus> status = {};  // none for a service that is not supervised any more
     std::int64_t crashes = 0;                 // since the last summary
-    std::optional<bool> isHealthy = {};       // as a summary would say now; nothing: it is left out
+    // As a summary would say now; none if a summary would omit it
+    std::optional<bool> isHealthy = {};
 
     bool operator==(const Service&) const = default;
   };
@@ -31,15 +32,15 @@ struct HealthReport {
   bool operator==(const HealthReport&) const = default;
 };
 
-// From what the service manager tells; nothing where it keeps no record. What is malformed in it
-// counts as absent.
+// Reads the service manager's answer; nothing if it keeps no record. A malformed entry counts as
+// absent.
 std::optional<HealthReport> healthReport(const platform::Value& record);
 
 // "unready", "running", "stopped", "updating".
 std::string_view nameOf(HealthStatus status);
 
-// Every line with a line end. Without a record that is said in words, in JSON by null, and to a
-// monitoring system by no metric.
+// Every line has a line end. A missing record is a sentence in the table, null in JSON, and no
+// metric in OpenMetrics.
 std::string asTable(const std::optional<HealthReport>& health, Reader reader);
 nlohmann::ordered_json asJson(const std::optional<HealthReport>& health);
 // In the OpenMetrics text format, version 1.0.

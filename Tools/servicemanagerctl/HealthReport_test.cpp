@@ -42,7 +42,7 @@ TEST(HealthReportTest, IsReadFromTheRecordSortedByLabel) {
           Service{"gone", "gone", {}, 1, {}}));
 }
 
-TEST(HealthReportTest, WhatIsMalformedCountsAsAbsent) {
+TEST(HealthReportTest, MalformedEntriesCountAsAbsent) {
   EXPECT_FALSE(healthReport({}));
   EXPECT_FALSE(healthReport("text"));
   EXPECT_EQ(healthReport(Dictionary()), HealthReport{});
@@ -63,14 +63,14 @@ TEST(HealthReportTest, TheTableIsAligned) {
             "gone                 not supervised        1  -\n");
 }
 
-TEST(HealthReportTest, ATableThatIsNotToBeReliedOnSaysSo) {
+TEST(HealthReportTest, AnUnreliableTableSaysSo) {
   EXPECT_EQ(asTable(healthReport(Dictionary()), Reader::kOther),
             "The health reporter is told not to rely on this now.\n");
   EXPECT_EQ(asTable(std::nullopt, Reader::kOther),
             "The installed product keeps no health record.\n");
 }
 
-TEST(HealthReportTest, OnATerminalTroubleStandsOutAndNothingSteersIt) {
+TEST(HealthReportTest, OnATerminalTroubleIsColouredAndControlCharactersEscaped) {
   const std::string table = asTable(healthReport(record()), Reader::kTerminal);
   EXPECT_THAT(table, HasSubstr("\033[31munhealthy\033[0m"));
   EXPECT_THAT(table, HasSubstr("\033[32mhealthy\033[0m"));

@@ -89,10 +89,11 @@ int JobsCommands::submit(const Connected& to) const {
   if (!dictionary) return fail(dictionary.error());
   const auto submitted = to.jobs.SMJobSubmit(kSMDomainSystemLaunchd, *dictionary, nullptr);
   if (!submitted) return to.refuse(submitted.error());
-  const std::string label = *(*dictionary)["Label"].string();  // Else it had been refused.
+  // The host rejects a job without a label.
+  const std::string label = *(*dictionary)["Label"].string();
   const auto job = to.jobs.copyJob(label);
   if (!job) return to.refuse(job.error());
-  if (job->isNil()) return to.refuseUnknown(label);  // Somebody else has removed it already.
+  if (job->isNil()) return to.refuseUnknown(label);  // Another client has removed it already.
   const JobState state = jobState(label, *job);
   print(json_ ? dumped(asJson(state)) : asSentence(state));
   return EXIT_SUCCESS;

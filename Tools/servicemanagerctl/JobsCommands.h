@@ -17,8 +17,8 @@ class JobsCommands {
 
   bool parsed() const { return jobs_->parsed(); }
 
-  // Does what was asked, and returns the exit status. `hostProgram` is the path of the job host's
-  // program, for advice.
+  // Runs the command and returns the exit status. Advice names `hostProgram`, the path of the job
+  // host's program.
   int run(platform::EmbeddedJobs& jobs, platform::RunLoop& loop,
           const std::string& hostProgram) const;
 

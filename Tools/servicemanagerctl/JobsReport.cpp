@@ -131,7 +131,7 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
     width = std::max(width, plain(key).size());
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (isState(key)) continue;
-    // A key is the submitter's choice: no control character of it may reach the terminal.
+    // The submitter chooses the keys: no control character may reach the terminal.
     fmt::format_to(out, "{:<{}}  {}\n", plain(key), width, shown(value));
   }
   return text;

@@ -12,7 +12,7 @@
 #include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
-// What the job host tells of its jobs, for people and for programs.
+// The job host's jobs, for people and for programs.
 
 struct JobState {
   // How a job's last process ended.
@@ -20,7 +20,7 @@ struct JobState {
     enum class Kind { kNone, kUnknown, kExited, kSignalled };
     Kind kind = Kind::kNone;
     int number = 0;       // the exit code, or the signal's number
-    bool dumped = false;  // with a core file
+    bool dumped = false;  // and left a core file
 
     bool operator==(const Ending&) const = default;
   };
@@ -32,19 +32,19 @@ struct JobState {
   bool operator==(const JobState&) const = default;
 };
 
-// From a job's dictionary, or from what the host tells of its process.
+// Reads a job's dictionary, or the host's facts about its process.
 JobState jobState(std::string label, const platform::Value& dictionary);
 
 // Sorted by label.
 std::vector<JobState> jobStates(const platform::Dictionary& byLabel);
 
-// Whether the process did not end well. Of an unknown end nobody can say.
+// Whether the process failed. An unknown end is no failure.
 bool isFailure(const JobState::Ending& ending);
 
 // "-", "unknown", "succeeded", "exited with 3", "killed by SIGKILL".
 std::string inWords(const JobState::Ending& ending);
 
-// Every line with a line end. No job at all is told in words.
+// Every line has a line end. Without jobs the table is a sentence.
 std::string asTable(const std::vector<JobState>& jobs, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job);
 
@@ -52,10 +52,10 @@ nlohmann::ordered_json asJson(const JobState& job);
 std::string asText(const JobState& job, const platform::Value& dictionary, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job, const platform::Value& dictionary);
 
-// What became of a job that was just submitted, in a sentence.
+// The state of a job that was just submitted, as a sentence.
 std::string asSentence(const JobState& job);
 
-// The error, with what to do next. `hostProgram` is the path of the job host's program.
+// The error with advice. `hostProgram` is the path of the job host's program.
 std::string asAdvice(const platform::NSError& error, const std::string& hostProgram);
 
 // The exit status for an error: 1 failed, 3 no such job, 4 not permitted, 5 no job host.

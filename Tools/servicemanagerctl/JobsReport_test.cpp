@@ -26,7 +26,7 @@ std::vector<JobState> twoJobs() {
                     {"agent", Dictionary{{"LastExitStatus", SIGKILL}}}});
 }
 
-TEST(JobsReportTest, AnEndIsToldInWords) {
+TEST(JobsReportTest, AnEndIsShownInWords) {
   EXPECT_EQ(wordsFor({}), "-");
   EXPECT_EQ(wordsFor({{"LastExitStatusUnknown", true}}), "unknown");
   EXPECT_EQ(wordsFor({{"LastExitStatus", 0}}), "succeeded");
@@ -56,7 +56,7 @@ TEST(JobsReportTest, ATableWithoutJobsSaysSo) {
   EXPECT_EQ(asTable(std::vector<JobState>{}, Reader::kTerminal), "No jobs.\n");
 }
 
-TEST(JobsReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {
+TEST(JobsReportTest, OnATerminalRunningAndFailedJobsAreColoured) {
   EXPECT_THAT(asTable(twoJobs(), Reader::kTerminal),
               AllOf(HasSubstr("\033[31mkilled by SIGKILL\033[0m"),
                     HasSubstr("\033[32m1234567\033[0m"), HasSubstr("\033[1mLABEL")));
@@ -96,19 +96,19 @@ TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
   EXPECT_FALSE(json["dictionary"].contains("LastExitStatus"));
 }
 
-TEST(JobsReportTest, NoControlCharacterOfAKeyReachesTheTerminal) {
+TEST(JobsReportTest, ControlCharactersOfKeysAreEscaped) {
   const Value dictionary = Dictionary{{"\033[2J", "\n"}};
   EXPECT_THAT(asText(jobState("a", dictionary), dictionary, Reader::kOther),
               AllOf(Not(HasSubstr("\033")), HasSubstr("\\u001b[2J  \"\\n\"\n")));
 }
 
-TEST(JobsReportTest, WhatBecameOfASubmittedJobIsToldInASentence) {
+TEST(JobsReportTest, ASubmittedJobsFateIsASentence) {
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"PID", 12}})), "agent runs as process 12.\n");
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"LastExitStatus", 9}})),
             "agent is loaded and has no process now; its last exit: killed by SIGKILL.\n");
 }
 
-TEST(JobsReportTest, AnErrorSaysWhatToDoNextAndHasAStatus) {
+TEST(JobsReportTest, AnErrorGivesAdviceAndHasAStatus) {
   const auto error = [](LaunchdError code) {
     return NSError{kCFErrorDomainLaunchd, static_cast<int>(code), "text"};
   };

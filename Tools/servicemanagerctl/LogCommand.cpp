@@ -24,7 +24,8 @@ using Sink = PlatformConfiguration::LogSink;
 
 constexpr std::size_t kLinesBefore = 10;
 
-// The exit status where nothing more can be copied. What can't be written main() tells of.
+// Returns the exit status if nothing more can be copied. main() reports output that could not be
+// written.
 std::optional<int> copyRest(LogReader& reader) {
   for (;;) {
     const auto part = reader.next();
@@ -34,7 +35,7 @@ std::optional<int> copyRest(LogReader& reader) {
   }
 }
 
-// Tells by a readable descriptor that something changes in the folder.
+// The descriptor becomes readable when something in the folder changes.
 Result<UniqueFd> watchFolder(const std::string& folder) {
   UniqueFd notices(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   if (!notices) return std::unexpected(systemError("inotify_init1"));
@@ -51,7 +52,7 @@ void discardNotices(const UniqueFd& notices) {
 
 int follow(const std::string& path, RunLoop& loop) {
   LogReader reader(path);
-  // Watched before it is read, so that nothing can happen in between.
+  // The watch begins before the first read, so that no line is missed in between.
   const auto notices = watchFolder(std::filesystem::path(path).parent_path());
   if (!notices) return fail(notices.error());
   if (const auto skipped = reader.skipToLast(kLinesBefore); !skipped) return fail(skipped.error());
@@ -85,7 +86,7 @@ int LogCommand::run(const PlatformConfiguration& configuration, RunLoop& loop) c
         "this platform logs to the system log; its daemon decides where that goes, usually "
         "/var/log/daemon.log and /var/log/syslog");
   const std::string path = logFile(configuration.root);
-  letReaderLeave();  // A pager, or head.
+  letReaderLeave();  // The reader may be a pager, or head.
   if (follow_) return follow(path, loop);
   std::error_code error;
   if (!std::filesystem::exists(path, error) && !error)

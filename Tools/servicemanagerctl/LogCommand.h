@@ -15,8 +15,8 @@ class LogCommand {
 
   bool parsed() const { return log_->parsed(); }
 
-  // Returns the exit status; with -f only when the output's reader has gone. The configuration says
-  // which sink was chosen.
+  // Returns the exit status; with -f only when the output's reader has gone. The configuration
+  // names the log sink.
   int run(const platform::PlatformConfiguration& configuration, platform::RunLoop& loop) const;
 
  private:

@@ -14,7 +14,7 @@ using namespace platform;
 
 constexpr std::size_t kPart = 64 * 1024;
 
-// Where the last lines of the text begin.
+// The position at which the last lines of the text begin.
 std::size_t beginningOfLast(std::string_view text, std::size_t lines) {
   std::size_t end = text.ends_with('\n') ? text.size() - 1 : text.size();
   for (; lines > 0; --lines) {
@@ -55,7 +55,7 @@ Result<std::string> LogReader::next() {
       if (const auto opened = open(); !opened) return std::unexpected(opened.error());
       if (!file_) return std::string();
     }
-    // Looked at before the last read: what is written between the two would be missed.
+    // Check this before the last read: a line that is written between the two would be missed.
     const bool replaced = isReplaced();
     auto part = readAtMost(file_.get(), kPart, path_);
     if (!part || !part->empty() || !replaced) return part;

@@ -6,16 +6,16 @@
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Values/Error.h"
 
-// Reads a log file from its beginning and as it grows, also when a full one is put aside and a new
-// one begins under its name. Never blocks but for the disk.
+// Reads a log file from its beginning and as it grows, also across a rotation, when a full file is
+// renamed and a new one takes its name. Blocks only for the disk.
 class LogReader {
  public:
   explicit LogReader(std::string path) : path_(std::move(path)) {}
 
-  // Goes to where the last `lines` lines begin, of the last 64 KiB at most. To be called first.
+  // Skips to the last `lines` lines, within the last 64 KiB. Call this first.
   platform::Result<void> skipToLast(std::size_t lines);
 
-  // The next part, empty when all has been read for now, also where there is no file yet.
+  // The next part; empty if all has been read for now, or if there is no file yet.
   platform::Result<std::string> next();
 
  private:

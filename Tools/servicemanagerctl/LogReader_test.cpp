@@ -24,7 +24,7 @@ class LogReaderTest : public testing::Test {
   LogReader reader_{path_};
 };
 
-TEST_F(LogReaderTest, ReadsWhatIsThereAndWhatComes) {
+TEST_F(LogReaderTest, ReadsTheFileAsItGrows) {
   append("one\n");
   EXPECT_EQ(next(), "one\n");
   EXPECT_EQ(next(), "");
@@ -32,13 +32,13 @@ TEST_F(LogReaderTest, ReadsWhatIsThereAndWhatComes) {
   EXPECT_EQ(next(), "two\n");
 }
 
-TEST_F(LogReaderTest, AFileThatIsNotThereYetIsReadWhenItComes) {
+TEST_F(LogReaderTest, AFileThatAppearsLaterIsRead) {
   EXPECT_EQ(next(), "");
   append("one\n");
   EXPECT_EQ(next(), "one\n");
 }
 
-TEST_F(LogReaderTest, WhatWasWrittenBeforeTheFileWasPutAsideIsNotLost) {
+TEST_F(LogReaderTest, LinesBeforeARotationAreNotLost) {
   append("one\n");
   EXPECT_EQ(next(), "one\n");
   append("two\n");
@@ -50,7 +50,7 @@ TEST_F(LogReaderTest, WhatWasWrittenBeforeTheFileWasPutAsideIsNotLost) {
   EXPECT_EQ(next(), "");
 }
 
-TEST_F(LogReaderTest, AFileBeyondOnePartComesInParts) {
+TEST_F(LogReaderTest, ALargeFileComesInParts) {
   const std::string text(100'000, 'x');
   append(text);
   const std::string first = next();
@@ -64,7 +64,7 @@ TEST_F(LogReaderTest, BeginsWithTheLastLines) {
   EXPECT_EQ(next(), "two\nthree\n");
 }
 
-TEST_F(LogReaderTest, AsManyLinesAsThereAreAndFewerAreAllOfThem) {
+TEST_F(LogReaderTest, AShortFileIsReadWhole) {
   append("one\ntwo");
   for (const std::size_t lines : {2u, 3u}) {
     LogReader reader(path_);
@@ -80,7 +80,7 @@ TEST_F(LogReaderTest, TheLastLinesOfALongFileAreFoundAtItsEnd) {
   EXPECT_EQ(next(), "two\n");
 }
 
-TEST_F(LogReaderTest, WhatIsNoFileIsRefused) {
+TEST_F(LogReaderTest, AFolderIsRefused) {
   std::filesystem::create_directory(path_);
   EXPECT_FALSE(reader_.next());
   EXPECT_FALSE(reader_.skipToLast(1));

@@ -6,8 +6,8 @@
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl health | explain LABEL | extensions": what the service manager thinks, without
-// changing it.
+// "servicemanagerctl health | explain LABEL | extensions": the service manager's view, which these
+// commands only read.
 class OperatorCommands {
  public:
   // Adds the commands to `app`, which outlives this.
@@ -17,11 +17,11 @@ class OperatorCommands {
 
   bool parsed() const { return health_->parsed() || explain_->parsed() || extensions_->parsed(); }
 
-  // Does what was asked, and returns the exit status.
+  // Runs the command and returns the exit status.
   int run(const DaemonClient::Environment& environment) const;
 
  private:
-  // What to print.
+  // The text to print.
   Answer<std::string> health(DaemonClient& daemon) const;
   Answer<std::string> explain(DaemonClient& daemon) const;
   Answer<std::string> extensions(DaemonClient& daemon) const;
@@ -34,5 +34,5 @@ class OperatorCommands {
   std::string label_;
 };
 
-// What to say of a label that no service has; `overview` is what the service manager tells of all.
+// The error for an unknown label; `overview` is the service manager's list of all services.
 Refusal unknownLabel(const std::string& label, const platform::Value& overview);

@@ -30,12 +30,12 @@ std::string_view codeOf(Colour colour) {
   return "";
 }
 
-// Why something that was printed is lost, as errno has it; 0 while nothing is.
+// The errno of output that was lost; 0 if none was.
 std::atomic<int> whyOutputWasLost = 0;
 std::atomic<bool> mayReaderLeave = false;
-std::string rootOfHints;  // written by main before there are other threads
+std::string rootOfHints;  // written by main before it starts other threads
 
-// As one word of a shell's command line.
+// Quotes the text as one word of a shell's command line.
 std::string asWord(const std::string& text) {
   constexpr std::string_view kPlain =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%";
@@ -68,7 +68,8 @@ std::string coloured(std::string_view text, Colour colour, Reader reader) {
 void prepareStandardFiles() {
   int descriptor = 0;
   do {
-    // The lowest number that is free. Lost where there is no room, then nothing else opens either.
+    // The lowest free number is the closed file's own. If this fails for want of resources, nothing
+    // else can be opened either.
     descriptor = ::open("/", O_PATH | O_CLOEXEC);
   } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
   if (descriptor >= 0) ::close(descriptor);
@@ -132,7 +133,7 @@ std::string withRootInHints(std::string_view text) {
 std::string escaped(std::string_view text) {
   std::string result;
   while (!text.empty()) {
-    // The bytes of the next character, or one that begins none.
+    // The length of the next character, or of one byte that begins none.
     std::size_t length = 1;
     while (length < 4 && platform::findIllFormedUtf8(text.substr(0, length))) ++length;
     const std::string_view character = text.substr(0, length);

@@ -5,52 +5,51 @@
 
 #include "Platform/Values/Error.h"
 
-// Who reads what the tool writes: only people at a terminal get colours and lines that change.
+// The reader of the output: only a person at a terminal gets colours and lines that change.
 enum class Reader { kTerminal, kOther };
 
-// Who reads that standard file.
+// The reader of that standard file.
 Reader readerOf(int descriptor);
 
 enum class Colour { kBold, kRed, kGreen };
 
-// The text in that colour where the reader sees it.
+// The text in that colour if the reader is a terminal.
 std::string coloured(std::string_view text, Colour colour, Reader reader);
 
-// To be called first of all. A standard file that is closed becomes one that can be neither read
-// nor written, so that nothing else gets its number and with it what is meant for a reader. Who
-// reads no more ends no command, but is an error like others.
+// Call this first. A closed standard file is replaced by one that can be neither read nor written:
+// otherwise the next file that is opened would get its number, and the output with it. After this,
+// writing to a pipe without a reader fails with an error and does not end the program.
 void prepareStandardFiles();
 
-// To standard output, as it stands, at once. False where it could not be written, which
-// concludingStatus() tells of; a command that goes on and on has to ask. From any thread.
+// Writes to standard output as it stands, at once. False if it could not be written;
+// concludingStatus() then reports that, but a command without an end has to check. Any thread may
+// call it.
 bool print(const std::string& text);
-// To standard error, as it stands, at once.
+// Writes to standard error as it stands, at once.
 void warn(const std::string& text);
 
-// For what is read until the reader has seen enough: one that has gone is no failure from now on.
+// From now on, a reader that has gone is no failure. For output that people read only in part.
 void letReaderLeave();
 
-// What the program ends with: `status`, or that of a failure, and an error message, where something
-// that was printed since the last call could not be written.
+// The program's exit status. If output was lost since the last call, reports it, and a success
+// becomes a failure.
 int concludingStatus(int status);
 
-// To standard error, with the program's name and a line end, nothing of which can steer a terminal:
-// what goes with an answer, and why there is none. The latter returns the exit status for a
-// failure.
+// Writes a line to standard error, after the program's name and with control characters escaped: a
+// note on an answer, or why there is none. fail() returns the exit status of a failure.
 void remark(const std::string& text);
 int fail(const std::string& why);
 
-// The same for an error of the platform; what this user may not do has an exit status of its own.
+// The same for an error of the platform; a missing permission has its own exit status.
 int fail(const platform::Error& error);
 
-// The platform root that hints have to name, as it was given; empty for none.
+// The platform root to name in hints, as the user gave it; empty for none.
 void setRootOfHints(std::string root);
 
-// The text with that root in each of its hints, which are all of this form:
-// "servicemanagerctl COMMAND ...", quotation marks included. remark() and fail() do that by
-// themselves.
+// Adds that root to each hint in the text; all hints have the form "servicemanagerctl COMMAND ...",
+// quotation marks included. remark() and fail() call this themselves.
 std::string withRootInHints(std::string_view text);
 
-// The text with all that can steer a terminal, and what is no UTF-8, as \uXXXX; other characters
-// stay as they are.
+// The text with control characters and ill-formed UTF-8 as \uXXXX; other characters stay as they
+// are.
 std::string escaped(std::string_view text);

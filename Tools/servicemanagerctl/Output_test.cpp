@@ -13,7 +13,7 @@ namespace {
 
 using platform::UniqueFd;
 
-// Standard output is that file for as long as this lives.
+// Redirects standard output to the file for as long as this lives.
 class OutputTo {
  public:
   explicit OutputTo(UniqueFd file) : before_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
@@ -55,7 +55,7 @@ Concluded printTo(UniqueFd file, int status = 0) {
 
 constexpr char kNoSpace[] = "servicemanagerctl: standard output: No space left on device\n";
 
-TEST(OutputTest, WhatIsWrittenLeavesTheStatusAsItIs) {
+TEST(OutputTest, WrittenOutputKeepsTheStatus) {
   for (const int status : {0, 3}) {
     const Concluded written = printTo(UniqueFd(::open("/dev/null", O_WRONLY | O_CLOEXEC)), status);
     EXPECT_TRUE(written.isPrinted);
@@ -64,7 +64,7 @@ TEST(OutputTest, WhatIsWrittenLeavesTheStatusAsItIs) {
   }
 }
 
-TEST(OutputTest, WhatCannotBeWrittenIsAFailureThatIsToldOnce) {
+TEST(OutputTest, LostOutputIsAFailureThatIsReportedOnce) {
   const Concluded lost = printTo(fullDevice());
   EXPECT_FALSE(lost.isPrinted);
   EXPECT_EQ(lost.status, kExitFailed);
@@ -72,18 +72,18 @@ TEST(OutputTest, WhatCannotBeWrittenIsAFailureThatIsToldOnce) {
   EXPECT_EQ(concludingStatus(0), 0);
 }
 
-TEST(OutputTest, ACommandThatFailedAnywayKeepsItsStatus) {
+TEST(OutputTest, AFailedCommandKeepsItsStatus) {
   const Concluded lost = printTo(fullDevice(), kExitUnknownLabel);
   EXPECT_EQ(lost.status, kExitUnknownLabel);
   EXPECT_EQ(lost.errors, kNoSpace);
 }
 
 TEST(OutputDeathTest, AReaderThatHasGoneIsAFailureUnlessItMayLeave) {
-  // In a process of its own: what may leave once may leave for ever.
+  // Runs in its own process, since letReaderLeave() can't be undone.
   EXPECT_EXIT(
       {
         prepareStandardFiles();
-        // What is told goes to the standard error that the matcher below looks at.
+        // Messages go to the standard error that the matcher below checks.
         const auto statusOf = [](UniqueFd file) {
           const OutputTo output(std::move(file));
           return print("text") ? -1 : concludingStatus(0);
@@ -100,7 +100,7 @@ TEST(OutputDeathTest, AReaderThatHasGoneIsAFailureUnlessItMayLeave) {
       "servicemanagerctl: standard output: No space left on device\n$");
 }
 
-TEST(OutputDeathTest, WhereStandardOutputIsClosedNothingElseTakesItsPlace) {
+TEST(OutputDeathTest, AClosedStandardOutputIsNotReplacedByAnotherFile) {
   EXPECT_EXIT(
       {
         ::close(STDOUT_FILENO);
@@ -113,7 +113,7 @@ TEST(OutputDeathTest, WhereStandardOutputIsClosedNothingElseTakesItsPlace) {
       testing::ExitedWithCode(0), "standard output: Bad file descriptor");
 }
 
-TEST(OutputTest, WhatSteersATerminalIsEscapedAndOtherTextStays) {
+TEST(OutputTest, ControlCharactersAreEscapedAndOtherTextStays) {
   EXPECT_EQ(escaped("caf\u00e9 \u20ac \U0001F600 \"a\\b\""),
             "caf\u00e9 \u20ac \U0001F600 \"a\\b\"");
   EXPECT_EQ(escaped("\033[2J\r\n\t\x7f"), "\\u001b[2J\\u000d\\n\\u0009\\u007f");
@@ -124,14 +124,14 @@ TEST(OutputTest, WhatSteersATerminalIsEscapedAndOtherTextStays) {
   EXPECT_EQ(escaped(""), "");
 }
 
-TEST(OutputTest, AnErrorMessageCannotSteerTheTerminal) {
+TEST(OutputTest, AnErrorMessagesControlCharactersAreEscaped) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(fail("no \"\033[31m\xff\""), kExitFailed);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "servicemanagerctl: no \"\\u001b[31m\\ufffd\"\n");
 }
 
-TEST(OutputTest, WhatThisUserMayNotDoHasAStatusOfItsOwn) {
+TEST(OutputTest, AMissingPermissionHasItsOwnStatus) {
   using platform::ErrorCode;
   testing::internal::CaptureStderr();
   EXPECT_EQ(fail(platform::Error{ErrorCode::kDenied, EACCES, "/log"}), kExitNotPermitted);
@@ -146,7 +146,7 @@ class HintsTest : public testing::Test {
   ~HintsTest() override { setRootOfHints(""); }
 };
 
-TEST_F(HintsTest, NameTheRootThatWasGiven) {
+TEST_F(HintsTest, NameTheGivenRoot) {
   constexpr char kText[] = "see \"servicemanagerctl list\" and \"servicemanagerctl log\"; x";
   EXPECT_EQ(withRootInHints(kText), kText);
   setRootOfHints("/srv/root");
@@ -156,7 +156,7 @@ TEST_F(HintsTest, NameTheRootThatWasGiven) {
   EXPECT_EQ(withRootInHints("use the servicemanagerctl of it"), "use the servicemanagerctl of it");
 }
 
-TEST_F(HintsTest, NameItAsAShellTakesIt) {
+TEST_F(HintsTest, QuoteTheRootForAShell) {
   setRootOfHints("/a b's");
   testing::internal::CaptureStderr();
   fail("see \"servicemanagerctl list\"");

@@ -13,8 +13,8 @@ namespace {
 
 using namespace platform;
 
-// More ancestors than any process has; a table of processes that changes while it is read could
-// otherwise lead round in a circle.
+// More ancestors than any process has. The process table changes while it is read, which could
+// otherwise lead to an endless circle.
 constexpr std::size_t kMaximumAncestors = 64;
 
 std::vector<PlatformReport::Process> lineage(const SystemInformation& system, ProcessId youngest) {
@@ -33,7 +33,7 @@ std::string bootText(double bootTime) {
   return description(Value(Date{bootTime - static_cast<double>(kReferenceDateUnixSeconds)}));
 }
 
-// The configuration of a running platform names the sink that was chosen.
+// The configuration of a running platform names the log sink that was chosen.
 const char* sinkText(const PlatformConfiguration& configuration) {
   switch (configuration.logSink.value_or(PlatformConfiguration::LogSink::kFile)) {
     case PlatformConfiguration::LogSink::kJournal:

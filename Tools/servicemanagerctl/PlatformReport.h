@@ -10,7 +10,7 @@
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 
-// What the platform layer knows of this machine, for people and for programs.
+// The platform layer's facts about this machine, for people and for programs.
 struct PlatformReport {
   struct User {
     platform::UserId uid;
@@ -26,13 +26,12 @@ struct PlatformReport {
   std::string kernelRelease;
   std::string systemVersion;       // three numbers
   std::string marketingVersion;    // 10.MINOR
-  double bootTime = -1;            // seconds since 1970, -1 where it can't be read
-  std::vector<User> users;         // root, and who runs this
+  double bootTime = -1;            // seconds since 1970, -1 if it can't be read
+  std::vector<User> users;         // root and the caller
   std::vector<Process> processes;  // this one and its ancestors, the youngest first
 };
 
-// Reads it all anew. `self` is the process whose line of ancestors is told, `caller` the user who
-// asks.
+// Reads all facts. `self` is the process whose ancestors are listed, `caller` the user who asks.
 PlatformReport makePlatformReport(const platform::SystemInformation& system,
                                   const platform::PlatformConfiguration& configuration,
                                   platform::ProcessId self, platform::UserId caller);

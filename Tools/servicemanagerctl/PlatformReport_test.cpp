@@ -33,7 +33,7 @@ TEST_F(PlatformReportTest, TellsReleaseVersionAndBootTime) {
   EXPECT_THAT(table, HasSubstr("Booted          2026-01-02 03:04:05 +0000\n"));
 }
 
-TEST_F(PlatformReportTest, SaysThatTheBootTimeIsUnknownWhereItCannotBeRead) {
+TEST_F(PlatformReportTest, AnUnreadableBootTimeIsUnknown) {
   system_.setBootTime(std::unexpected(Error{ErrorCode::kSystem, 2, "/proc/stat"}));
   testing::internal::CaptureStderr();
   const PlatformReport made = report(40, 7);
@@ -51,13 +51,13 @@ TEST_F(PlatformReportTest, TellsTheProcessAndItsAncestors) {
   EXPECT_EQ(json["processes"][1]["path"], "/sbin/init");
 }
 
-TEST_F(PlatformReportTest, AParentThatHasGoneEndsTheLine) {
+TEST_F(PlatformReportTest, AParentThatHasEndedIsTheLastAncestor) {
   system_.removeProcess(1);
   EXPECT_EQ(report(40, 7).processes.size(), 1u);
   EXPECT_TRUE(report(99, 7).processes.empty());
 }
 
-TEST_F(PlatformReportTest, ACircleOfParentsDoesNotGoOnForEver) {
+TEST_F(PlatformReportTest, ACircleOfParentsEnds) {
   system_.addProcess(1, {.e_ppid = 40, .p_ruid = 0, .cr_uid = 0, .p_comm = "init"}, std::nullopt);
   EXPECT_EQ(report(40, 7).processes.size(), 64u);
 }

@@ -18,10 +18,10 @@ namespace {
 
 using namespace platform;
 
-// The service manager looks for a new job's process for twelve seconds, and the job host takes its
-// time to stop one that is in the way.
+// The service manager waits up to twelve seconds for a new job's process, and the job host may
+// first have to stop an older one.
 constexpr Duration kStartTime = std::chrono::seconds(60);
-// Beyond a day nobody waits; it also bounds what a catalogue can make of the sum.
+// The limit of a wait; it also bounds the sum of the catalogue's values.
 constexpr std::int64_t kLongestWait = 24 * 60 * 60;
 
 Array asArray(const std::vector<std::string>& labels) { return {labels.begin(), labels.end()}; }
@@ -38,8 +38,8 @@ Answer<Value> readCatalogue(DaemonClient& daemon) {
   return services;
 }
 
-// From the operator's server: the user interface's would tell of a job host that does not answer as
-// of a service that is stopped.
+// Asks the operator's server. The user interface's server would report services as stopped if the
+// job host does not answer.
 Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& environment,
                                              const Value& catalogue,
                                              const std::vector<std::string>& labels) {
@@ -54,7 +54,7 @@ Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& en
   return states;
 }
 
-// The same, but fails where one of the labels is no service's: before anything is done to others.
+// The same, but fails if one of the labels is unknown, before the command touches any service.
 Answer<Value> readCatalogueWith(DaemonClient& daemon, const std::vector<std::string>& labels) {
   auto catalogue = readCatalogue(daemon);
   if (!catalogue) return catalogue;
@@ -76,15 +76,15 @@ std::int64_t exitTimeOutOf(const std::string& label, const Value& catalogue) {
   return std::clamp<std::int64_t>(given.value_or(kDefaultExitTimeOut), 0, kLongestWait);
 }
 
-// How long the removal of these services may take: they are removed one after the other, and 0
-// means that a process is never killed.
+// How long the removal of these services may take. They are removed one after the other, and a
+// time-out of 0 means that a process is never killed.
 Duration removalTime(const std::vector<std::string>& labels, const Value& catalogue) {
   std::int64_t seconds = 0;
   for (const std::string& label : labels) {
     const std::int64_t exitTimeOut = exitTimeOutOf(label, catalogue);
     seconds += exitTimeOut == 0 ? kLongestWait : exitTimeOut;
   }
-  return DaemonClient::kPatience + std::chrono::seconds(std::min(seconds, kLongestWait));
+  return DaemonClient::kTimeOut + std::chrono::seconds(std::min(seconds, kLongestWait));
 }
 
 bool isUnknown(const ServiceState& service) {
@@ -166,7 +166,7 @@ Answer<int> ServiceCommands::start(DaemonClient& userInterface,
                                      : fmt::format("{} services to start", labels_.size())});
     const auto sent = userInterface.ask("startServices:", {asArray(labels_)});
     if (!sent) return std::unexpected(sent.error());
-    // The request itself has no answer. The next one is answered when it is done.
+    // The request has no answer. The next one is answered when the request has been done.
     const auto done = userInterface.ask("pidForService:", {labels_.front()},
                                         kStartTime * static_cast<std::int64_t>(labels_.size()));
     if (!done) return std::unexpected(done.error());
@@ -216,7 +216,7 @@ Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
   if (!json_)
     print(withRootInHints(
         "None of these is started by itself until \"servicemanagerctl installer end\".\n"));
-  // It may have been, meanwhile.
+  // A service may have stopped since.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");
   return status;

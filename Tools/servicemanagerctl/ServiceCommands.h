@@ -19,7 +19,7 @@ class ServiceCommands {
 
   bool parsed() const;
 
-  // Does what was asked, and returns the exit status.
+  // Runs the command and returns the exit status.
   int run(const DaemonClient::Environment& environment) const;
 
  private:
@@ -31,7 +31,7 @@ class ServiceCommands {
                              const DaemonClient::Environment& environment) const;
   Answer<int> endInstaller(const DaemonClient::Environment& environment) const;
 
-  // Prints what became of the services that were named; fails unless all are as wanted.
+  // Prints the state of the named services; fails unless all are as wanted.
   int conclude(const std::vector<ServiceState>& services, bool shouldRun) const;
 
   CLI::App* list_;

@@ -19,7 +19,7 @@ using namespace platform;
 using Activity = ServiceState::Activity;
 using Json = nlohmann::ordered_json;
 
-// Whether the service manager would refuse it on this system; it says so only in its log.
+// Whether this system is too old for the service. The service manager reports that only in its log.
 bool isUnsupported(const Value& neededSystem, const SystemInformation& system) {
   if (neededSystem.isNil()) return false;
   const auto needed = kernelMajorNumberForMinimumOSVersion(neededSystem);
@@ -53,7 +53,7 @@ std::string_view wordOf(Activity activity) {
   return "";
 }
 
-// What a notice says; the process is there only where one runs.
+// The content of a notice; the process is absent if none runs.
 struct Notice {
   std::string label;
   std::optional<std::int64_t> process;

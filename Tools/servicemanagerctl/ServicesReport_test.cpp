@@ -41,7 +41,7 @@ class ServicesReportTest : public testing::Test {
   };
 };
 
-TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromWhatIsKnownOfIt) {
+TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromItsFacts) {
   EXPECT_EQ(state("agent", 4711).activity, Activity::kRunning);
   EXPECT_EQ(state("agent").activity, Activity::kStopped);
   EXPECT_EQ(state("agent", {}, 0).activity, Activity::kWaiting);
@@ -52,7 +52,7 @@ TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromWhatIsKnownOfIt) {
   EXPECT_EQ(state("unknown"), (ServiceState{.job = jobState("unknown", {})}));
 }
 
-TEST_F(ServicesReportTest, AServiceOfASilentJobHostIsNotCalledStopped) {
+TEST_F(ServicesReportTest, AServiceOfAHungJobHostIsUnknown) {
   for (const char* label : {"agent", "modern"}) {
     EXPECT_EQ(unknown(label).activity, Activity::kUnknown);
     EXPECT_EQ(inWords(unknown(label)), "unknown");
@@ -64,7 +64,7 @@ TEST_F(ServicesReportTest, AServiceOfASilentJobHostIsNotCalledStopped) {
             R"("neededSystem":null})");
 }
 
-TEST_F(ServicesReportTest, WhoseLastEndNobodyKnowsHasEnded) {
+TEST_F(ServicesReportTest, AnUnknownLastEndIsAnEnd) {
   const Value facts = Dictionary{{kFactJob, Dictionary{{"LastExitStatusUnknown", true}}}};
   EXPECT_EQ(serviceState("agent", catalogue_, facts, system_).activity, Activity::kWaiting);
 }
@@ -79,7 +79,7 @@ TEST_F(ServicesReportTest, TheTableIsAligned) {
   EXPECT_EQ(asTable(std::vector<ServiceState>{}, Reader::kTerminal), "No services.\n");
 }
 
-TEST_F(ServicesReportTest, OnATerminalWhatRunsAndWhatFailedStandsOut) {
+TEST_F(ServicesReportTest, OnATerminalRunningAndFailedServicesAreColoured) {
   EXPECT_THAT(asTable(services(), Reader::kTerminal),
               AllOf(HasSubstr("\033[32mrunning    \033[0m"),
                     HasSubstr("\033[31mkilled by SIGKILL\033[0m"), HasSubstr("\033[1mLABEL")));
@@ -96,7 +96,7 @@ TEST_F(ServicesReportTest, ProgramsGetWordsThatDoNotChange) {
   EXPECT_EQ(asJson(std::vector<ServiceState>{}).dump(), "[]");
 }
 
-TEST_F(ServicesReportTest, WhatBecameOfAServiceIsToldInASentence) {
+TEST_F(ServicesReportTest, AServicesFateIsASentence) {
   EXPECT_EQ(asSentence(state("agent", 4711)), "agent runs as process 4711.\n");
   EXPECT_EQ(asSentence(state("agent")), "agent is stopped.\n");
   EXPECT_EQ(asSentence(state("modern")), "modern is not started here: it needs release 10.99.\n");
@@ -117,7 +117,7 @@ TEST_F(ServicesReportTest, ANoticeIsALine) {
                                       "\n");
 }
 
-TEST_F(ServicesReportTest, WhatIsNoNoticeIsNoLine) {
+TEST_F(ServicesReportTest, OtherMessagesAreNoLine) {
   for (const Value& notice :
        {Value(), Value("agent"), Value(Dictionary{{"Label", "agent"}}),
         Value(Dictionary{{"status", 0}}), Value(Dictionary{{"Label", 1}, {"status", 0}}),

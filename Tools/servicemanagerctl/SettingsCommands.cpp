@@ -37,7 +37,7 @@ std::string domainNames() {
   return names;
 }
 
-// 1 and true are equal, but not what was asked for.
+// 1 and true are equal values, but of different types.
 bool isSame(const Value& one, const Value& other) {
   const auto real = one.real();
   const auto otherReal = other.real();
@@ -81,7 +81,7 @@ int SettingsCommands::run(const DaemonClient::Environment& environment) const {
     const BlockedCallProgress progress({.what = name + " to answer"});
     DaemonClient server(
         environment, domain->connectionName, kKLXGlobalSettingsProtocol,
-        {.name = name, .whereToLook = "list", .whySilent = "it may be busy or stand still"});
+        {.name = name, .statusCommand = "list", .whyNoAnswer = "it may be busy or stand still"});
     if (const auto connected = server.connect(); !connected)
       return std::unexpected(connected.error());
     if (list_->parsed()) return list(server);
@@ -158,7 +158,7 @@ Answer<int> SettingsCommands::set(DaemonClient& server) const {
                                   wanted.error())
                     : wanted.error()});
   }
-  // What its server would not take it could not say, since the message has no answer.
+  // The message has no answer, so the server could not report that it rejects the value.
   const auto bytes = peerBodyBytes(Array{Dictionary{{key_, *wanted}}});
   if (!bytes || *bytes > kKLXGlobalSettingsMaxSettingBytes) {
     return std::unexpected(Refusal{
@@ -168,7 +168,7 @@ Answer<int> SettingsCommands::set(DaemonClient& server) const {
   }
   const auto sent = server.ask("setObject:forKey:sender:", {*wanted, key_, kSender});
   if (!sent) return std::unexpected(sent.error());
-  // The message has no answer: what the server holds now is one.
+  // The message has no answer, so read back what the server holds now.
   const auto now = read(server);
   if (!now) return std::unexpected(now.error());
   report(*now);

@@ -19,8 +19,8 @@ class SettingsCommands {
 
   bool parsed() const { return settings_->parsed(); }
 
-  // Does what was asked, and returns the exit status. The environment's table of protocols holds
-  // the settings protocol.
+  // Runs the command and returns the exit status. The environment's table of protocols holds the
+  // settings protocol.
   int run(const DaemonClient::Environment& environment) const;
 
  private:
@@ -29,7 +29,7 @@ class SettingsCommands {
   Answer<int> set(DaemonClient& server) const;
   Answer<int> unset(DaemonClient& server) const;
 
-  // What the server holds now.
+  // Reads the server's present value.
   Answer<SettingState> read(DaemonClient& server) const;
   void report(const SettingState& setting) const;
 

@@ -46,12 +46,12 @@ Parsed parseReal(const std::string& text) {
 Parsed parseNumber(const std::string& text) {
   const auto integer = integerFromText(text);
   if (integer) return *integer;
-  // As a real it would be rounded to another number than was asked for.
+  // A real would round it to another number than the user gave.
   if (integer.error() == ScalarProblem::kOutOfRange) return wrong(text, "an integer of 64 bits");
   return parseReal(text);
 }
 
-// Words like "inf" are numbers only where one is asked for.
+// A word like "inf" counts as a number only if --type says so.
 bool beginsLikeANumber(std::string_view text) {
   if (text.starts_with('-') || text.starts_with('+')) text.remove_prefix(1);
   return !text.empty() && (text.front() == '.' || (text.front() >= '0' && text.front() <= '9'));

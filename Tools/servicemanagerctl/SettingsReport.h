@@ -15,28 +15,28 @@
 
 struct SettingState {
   std::string key;
-  platform::Value value;   // nil where there is none
-  bool isDefault = false;  // nobody has set it, but somebody has registered a default
+  platform::Value value;   // nil if there is none
+  bool isDefault = false;  // nobody has set it, but a default is registered
 };
 
 // "boolean", "integer", "real", "string", "data", "date", "array", "dictionary"; "null" for the
 // null marker, "none" for nil.
 std::string_view typeName(const platform::Value& value);
 
-// The value that a word of the command line means. Of that type: "boolean" (true, yes, on, 1 and
-// their opposites), "integer", "real", "number" (an integer where it is one, else a real),
-// "string", "data" (in base 64). Without a type: of the kind that `current` has, if that is one of
-// these; else true and false are booleans, what is a number is one, and the rest is a string. Fails
-// with what is wrong.
+// Parses a word of the command line as a value. `type` is "boolean" (true, yes, on, 1 and their
+// opposites), "integer", "real", "number" (an integer if it is one, else a real), "string" or
+// "data" (in base 64). Without a type the value gets the type of `current`, if that is one of
+// these. Otherwise true and false are booleans, numbers are numbers, and all else is a string. An
+// error says what is wrong.
 std::expected<platform::Value, std::string> parseSetting(const std::string& text,
                                                          const std::optional<std::string>& type,
                                                          const platform::Value& current);
 
-// Every line with a line end. No setting at all is told in words.
+// Every line has a line end. Without settings the table is a sentence.
 std::string asTable(const std::vector<SettingState>& settings, std::string_view domain,
                     Reader reader);
 nlohmann::ordered_json asJson(const SettingState& setting);
 nlohmann::ordered_json asJson(const std::vector<SettingState>& settings);
 
-// What the server holds after a change, in a sentence.
+// The server's value after a change, as a sentence.
 std::string asSentence(const SettingState& setting, std::string_view domain);

@@ -11,7 +11,7 @@ using namespace platform;
 using testing::HasSubstr;
 using SettingType = Value::Type;
 
-// Same value and same kind.
+// Compares value and type.
 void expectParsed(const std::string& text, const std::optional<std::string>& type,
                   const Value& current, const Value& expected) {
   SCOPED_TRACE(text);
@@ -21,7 +21,7 @@ void expectParsed(const std::string& text, const std::optional<std::string>& typ
   EXPECT_EQ(parsed->type(), expected.type());
 }
 
-TEST(SettingsReportTest, AnUntypedWordIsWhatItLooksLike) {
+TEST(SettingsReportTest, AnUntypedWordHasTheTypeThatItLooksLike) {
   expectParsed("true", {}, {}, true);
   expectParsed("false", {}, {}, false);
   expectParsed("1", {}, {}, 1);
@@ -47,7 +47,7 @@ TEST(SettingsReportTest, AnUntypedWordTakesTheTypeThatTheSettingHas) {
   EXPECT_EQ(parseSetting("text", {}, 5).error(), "\"text\" is not an integer of 64 bits");
 }
 
-TEST(SettingsReportTest, AnUntypedNumberThatDoesNotFitIsNoOther) {
+TEST(SettingsReportTest, AnUntypedNumberOutOfRangeIsRefused) {
   expectParsed("9223372036854775807", {}, {}, std::numeric_limits<std::int64_t>::max());
   expectParsed("-9223372036854775808", {}, {}, std::numeric_limits<std::int64_t>::min());
   expectParsed("1e308", {}, {}, 1e308);
@@ -107,7 +107,7 @@ TEST(SettingsReportTest, TheTableTellsTypeAndOrigin) {
   EXPECT_EQ(asTable({}, "common", Reader::kOther), "common has no settings.\n");
 }
 
-TEST(SettingsReportTest, ProgramsAreToldTheSame) {
+TEST(SettingsReportTest, ProgramsGetTheSame) {
   EXPECT_EQ(asJson(SettingState{"Mode", true, false}).dump(),
             R"({"key":"Mode","type":"boolean","value":true,"default":false})");
   EXPECT_EQ(asJson(SettingState{"Mode", Value(), false}).dump(),

@@ -9,7 +9,7 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-// JSON has no such numbers: the words by which they can be set again.
+// JSON has no such numbers; these words can be parsed back.
 Json jsonOfReal(double real) {
   if (std::isnan(real)) return "nan";
   if (std::isinf(real)) return real < 0 ? "-inf" : "inf";

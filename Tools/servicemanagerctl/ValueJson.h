@@ -6,18 +6,18 @@
 
 #include "Platform/Values/Value.h"
 
-// A value as JSON has it: data as base64, a date as text, a real that is no number or
-// infinite as "nan", "inf" or "-inf", what else JSON has nothing for as null.
+// A value as JSON: data as base64, a date as text, a real that is infinite or no number as "nan",
+// "inf" or "-inf", and any other value that JSON lacks as null.
 nlohmann::ordered_json jsonOf(const platform::Value& value);
 
 // The same as text on one line, in ASCII: unambiguous, and it can't steer a terminal.
 std::string shown(const platform::Value& value);
 
-// Text that somebody else has chosen, as shown() but without its quotation marks.
+// Text that another program has chosen: as shown(), but without its quotation marks.
 std::string plain(const std::string& text);
 
-// As plain(), and of a long text no more than its first 80 characters: for messages.
+// As plain(), but the first 80 characters at most: for messages.
 std::string abridged(const std::string& text);
 
-// For programs: what is no UTF-8 in it (paths may hold any bytes) becomes U+FFFD.
+// For programs. Ill-formed UTF-8 becomes U+FFFD, since paths may hold any bytes.
 std::string dumped(const nlohmann::ordered_json& json);

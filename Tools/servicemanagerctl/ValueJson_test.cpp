@@ -16,7 +16,7 @@ TEST(ValueJsonTest, EachKindOfValueHasItsJson) {
   EXPECT_TRUE(jsonOf(Value::nullMarker()).is_null());
 }
 
-TEST(ValueJsonTest, ARealThatJsonHasNotIsAWord) {
+TEST(ValueJsonTest, ARealThatJsonLacksIsAWord) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
   EXPECT_EQ(jsonOf(Array{kInfinity, -kInfinity, std::numeric_limits<double>::quiet_NaN()}).dump(),
             R"(["inf","-inf","nan"])");
@@ -29,7 +29,7 @@ TEST(ValueJsonTest, ShownTextIsAsciiOnOneLine) {
   EXPECT_EQ(plain("\033"), "\\u001b");
 }
 
-TEST(ValueJsonTest, AMessageRepeatsNoMoreThan80Characters) {
+TEST(ValueJsonTest, AMessageRepeats80CharactersAtMost) {
   const std::string most(80, 'x');
   EXPECT_EQ(abridged(most), most);
   EXPECT_EQ(abridged(most + "y"), most + "...");
@@ -39,11 +39,11 @@ TEST(ValueJsonTest, AMessageRepeatsNoMoreThan80Characters) {
   EXPECT_EQ(cut.size(), 80 * std::string("\\u00e9").size() + 3);
   EXPECT_TRUE(cut.ends_with("\\u00e9..."));
   EXPECT_EQ(abridged("\033"), "\\u001b");
-  // Bytes that begin no character are bounded, too.
+  // Bytes that begin no character are limited, too.
   EXPECT_LT(abridged(std::string(100'000, '\x80')).size(), 3000u);
 }
 
-TEST(ValueJsonTest, ProgramsGetJsonAlsoOfWhatIsNoText) {
+TEST(ValueJsonTest, ProgramsGetJsonAlsoOfIllFormedText) {
   EXPECT_EQ(dumped({{"path", "/\xff"}}), "{\n  \"path\": \"/\ufffd\"\n}\n");
 }
 

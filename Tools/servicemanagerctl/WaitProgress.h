@@ -8,18 +8,18 @@
 #include "Platform/RunLoops/RunLoop.h"
 #include "Tools/servicemanagerctl/Output.h"
 
-// Tells that something is waited for as soon as it has taken a second: at a terminal each second,
-// on one line that goes away in the end, elsewhere once.
+// Reports a wait that takes longer than a second: at a terminal each second, on one line that
+// disappears at the end, elsewhere once.
 class WaitProgress {
  public:
   using Write = std::function<void(const std::string& text)>;
 
   struct Wait {
-    std::string what;       // "com.example.agent to end", behind "Waiting for"
-    std::string note = {};  // "killed after 20 s", told in parentheses
+    std::string what;       // "com.example.agent to end", after "Waiting for"
+    std::string note = {};  // "killed after 20 s", shown in parentheses
   };
 
-  // The end of a job. `exitTimeOut` is when its processes are killed, in seconds; 0 for never.
+  // The end of a job. Its processes are killed after `exitTimeOut` seconds; 0 means never.
   static Wait removalOf(const std::string& label, std::int64_t exitTimeOut);
 
   // The loop outlives this.

@@ -23,14 +23,14 @@ class WaitProgressTest : public testing::Test {
   std::optional<WaitProgress> progress_;
 };
 
-TEST_F(WaitProgressTest, AShortRemovalIsNotWorthALine) {
+TEST_F(WaitProgressTest, AShortRemovalPrintsNothing) {
   begin(Reader::kTerminal);
   loop_.advanceBy(1s - 1ns);
   progress_.reset();
   EXPECT_EQ(written_, "");
 }
 
-TEST_F(WaitProgressTest, AtATerminalOneLineChangesAndGoesAway) {
+TEST_F(WaitProgressTest, AtATerminalOneLineChangesAndDisappears) {
   begin(Reader::kTerminal);
   loop_.advanceBy(2s);
   progress_.reset();
@@ -47,7 +47,7 @@ TEST_F(WaitProgressTest, ElsewhereOneLineIsEnough) {
   EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far (killed after 20 s)\n");
 }
 
-TEST_F(WaitProgressTest, AJobThatIsNeverKilledIsNotSaidToBe) {
+TEST_F(WaitProgressTest, AJobThatIsNeverKilledHasNoNote) {
   begin(Reader::kOther, 0);
   loop_.advanceBy(1s);
   EXPECT_EQ(written_, "Waiting for agent to end, 1 s so far\n");

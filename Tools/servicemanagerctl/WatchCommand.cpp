@@ -21,13 +21,13 @@ namespace {
 
 using namespace platform;
 
-// In the manner of the log, so that the two can be laid beside each other.
+// In the log's format, so that the two can be compared.
 std::string textOf(WallTime time) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
   return fmt::format("{:%FT%T}Z", fmt::gmtime(seconds.time_since_epoch().count()));
 }
 
-// What the service manager tells of its services.
+// Prints the service manager's status notices.
 class NoticePrinter final : public MessageReceiver {
  public:
   NoticePrinter(RunLoop& loop, bool json) : loop_(loop), json_(json) {}
@@ -37,7 +37,7 @@ class NoticePrinter final : public MessageReceiver {
     const std::string time = textOf(loop_.wallTime());
     const auto line = json_ ? noticeAsJson(arguments.front(), time)
                             : noticeAsText(arguments.front(), time, readerOf(STDOUT_FILENO));
-    // Where nobody reads any more, the service manager need not tell us either.
+    // If the reader has gone, the service manager need not notify this program either.
     if (line && !print(*line)) loop_.stop();
     return Value();
   }
@@ -47,14 +47,15 @@ class NoticePrinter final : public MessageReceiver {
   const bool json_;
 };
 
-// Returns how many services there are, once the service manager has taken the client.
+// Returns the number of services once the service manager has registered the client.
 Answer<std::size_t> registerClient(DaemonClient& daemon, const Value& client) {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
   if (const auto sent = daemon.ask("registerClient:", {client}); !sent)
     return std::unexpected(sent.error());
-  const auto services = daemon.ask("services");  // The first had no answer, so wait for this one's.
+  // The registration has no answer, so wait for the answer to this one.
+  const auto services = daemon.ask("services");
   if (!services) return std::unexpected(services.error());
   return services->dictionary() == nullptr ? 0 : services->dictionary()->size();
 }
@@ -70,7 +71,7 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
   RunLoop& loop = environment.objects.loop;
   DaemonClient daemon(environment, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol);
   NoticePrinter printer(loop, json_);
-  // Shared with nobody: the connection knows it weakly.
+  // The connection holds it weakly, so nobody else owns it.
   const auto client = std::make_shared<NSProtocolChecker>(
       &printer,
       environment.objects.protocols.find(kORBServiceManagerUserInterfaceDelegateProtocol));

@@ -4,8 +4,8 @@
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl watch": each status notice of the service manager as it comes, until the
-// program is ended or the service manager has gone.
+// "servicemanagerctl watch": each status notice of the service manager as it comes, until either of
+// the two ends.
 class WatchCommand {
  public:
   // Adds the command to `app`, which outlives this.

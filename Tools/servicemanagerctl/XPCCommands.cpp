@@ -23,8 +23,8 @@ namespace {
 
 using namespace platform;
 
-// How long to wait for a reply, and what it may mean that there is none.
-struct Patience {
+// How long to wait for a reply, and the text and status for a reply that does not come.
+struct ReplyTimeOut {
   std::chrono::seconds limit;
   std::string text;
   int exitStatus;
@@ -33,26 +33,26 @@ struct Patience {
 constexpr char kBusy[] =
     "it is there, but too busy or stuck: try again later, and see \"servicemanagerctl log\"";
 
-// Everybody is answered at once.
-Patience withAnyAnswer(const XPCCommands::Environment& environment) {
-  return {environment.anyAnswerPatience, kBusy, kExitFailed};
+// The daemon answers every client at once.
+ReplyTimeOut timeOutOfAnswer(const XPCCommands::Environment& environment) {
+  return {environment.answerTimeOut, kBusy, kExitFailed};
 }
 
-// So is a look-up, of whoever has the right passkey; others never are.
-Patience withLookUp(const XPCCommands::Environment& environment) {
-  return {environment.lookUpPatience,
+// The daemon answers a lookup with the right passkey at once, and others never.
+ReplyTimeOut timeOutOfLookup(const XPCCommands::Environment& environment) {
+  return {environment.lookupTimeOut,
           "it answers nobody who is not of its product: use the servicemanagerctl that was "
           "installed with it",
           kExitNotAuthenticated};
 }
 
-Patience withHashOf(const std::string& file, std::chrono::seconds limit) {
+ReplyTimeOut timeOutOfHash(const std::string& file, std::chrono::seconds limit) {
   return {limit,
           file + " is too large, what it lies on does not answer, or too many others are asked for",
           kExitFailed};
 }
 
-// Why there is no connection. That there is none is all that an XPC connection tells.
+// Why there is no connection: an XPC connection does not say.
 Refusal notConnected(const XPCCommands::Environment& environment) {
   if (environment.isAnybodyThere())
     return {kExitFailed, fmt::format("the service manager takes no connection; {}", kBusy)};
@@ -64,7 +64,7 @@ Refusal notConnected(const XPCCommands::Environment& environment) {
 
 // Blocks for the reply.
 Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array arguments,
-                  const Patience& patience, const XPCCommands::Environment& environment) {
+                  const ReplyTimeOut& timeOut, const XPCCommands::Environment& environment) {
   // Shared with the handlers, which may outlive the wait.
   const auto answer = std::make_shared<std::promise<std::expected<Array, NSError>>>();
   connection.sendMessage(
@@ -72,10 +72,10 @@ Answer<Array> ask(NSXPCConnection& connection, std::string_view selector, Array 
       [answer](Array values) { answer->set_value(std::move(values)); },
       [answer](const NSError& error) { answer->set_value(std::unexpected(error)); });
   auto future = answer->get_future();
-  if (future.wait_for(patience.limit) != std::future_status::ready) {
-    return std::unexpected(Refusal{patience.exitStatus,
-                                   fmt::format("the service manager has not answered for {} s; {}",
-                                               patience.limit.count(), patience.text)});
+  if (future.wait_for(timeOut.limit) != std::future_status::ready) {
+    return std::unexpected(
+        Refusal{timeOut.exitStatus, fmt::format("the service manager has not answered for {} s; {}",
+                                                timeOut.limit.count(), timeOut.text)});
   }
   auto reply = future.get();
   if (reply) return std::move(*reply);
@@ -97,13 +97,13 @@ Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
     const std::string& name) {
   auto reply = ask(registry, "xpcListenerEndpointForPasskey:withName:withReply:",
                    {Value(systemProfileData(environment.system)), Value(name)},
-                   withLookUp(environment), environment);
+                   timeOutOfLookup(environment), environment);
   if (!reply) return std::unexpected(std::move(reply.error()));
   return reply->empty() ? nullptr : endpointIn(reply->front());
 }
 
-// Says who connects, and accepts nobody: the tool has nothing to offer.
-class Doorman final : public NSXPCListenerDelegate {
+// Prints each peer that connects, and rejects it: the tool serves nothing.
+class PeerPrinter final : public NSXPCListenerDelegate {
  public:
   bool listener(NSXPCListener& /*listener*/,
                 const std::shared_ptr<NSXPCConnection>& connection) override {
@@ -113,8 +113,8 @@ class Doorman final : public NSXPCListenerDelegate {
   }
 };
 
-// The service has a folder of its own, and wants to be told the file itself: without links where
-// they can be followed from here, else at least from the root on.
+// The service works in another folder and needs the path of the file itself. So resolve all links
+// if they can be followed from here; otherwise only make the path absolute.
 Answer<std::string> absolutePath(const std::string& path) {
   std::error_code error;
   const auto absolute = std::filesystem::absolute(path, error);
@@ -161,7 +161,7 @@ int XPCCommands::run(const Environment& environment) const {
   registry =
       connected(std::move(registry), environment.protocols, kORBServiceManagerXPCInterfaceProtocol);
   const auto signature =
-      ask(*registry, "signatureWithReply:", {}, withAnyAnswer(environment), environment);
+      ask(*registry, "signatureWithReply:", {}, timeOutOfAnswer(environment), environment);
   Answer<int> done = EXIT_SUCCESS;
   if (!signature) {
     done = std::unexpected(signature.error());
@@ -184,16 +184,16 @@ int XPCCommands::run(const Environment& environment) const {
 
 Refusal XPCCommands::registerName(const Environment& environment, const Connection& registry,
                                   std::counting_semaphore<>& ended) const {
-  const auto doorman = std::make_shared<Doorman>();
+  const auto printer = std::make_shared<PeerPrinter>();
   const auto listener = environment.xpc.makeAnonymousListener();
-  listener->setDelegate(doorman);
+  listener->setDelegate(printer);
   listener->resume();
   const auto endpoint = listener->endpoint();
   if (!endpoint) return {kExitFailed, "no listener can be made here"};
   const auto reply = ask(*registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
                          {Value(std::shared_ptr<const RemoteObject>(endpoint)),
                           Value(systemProfileData(environment.system)), Value(name_)},
-                         withAnyAnswer(environment), environment);
+                         timeOutOfAnswer(environment), environment);
   if (!reply) return reply.error();
   if (reply->empty() || reply->front() != Value(true)) {
     return {kExitFailed, "the service manager refused: " + textAt(*reply, 1)};
@@ -234,7 +234,7 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     }
     const std::string& file = *absolute;
     const auto reply = ask(*service, "requestExecutableInfo:withReply:", {Value(file)},
-                           withHashOf(file, environment.hashPatience), environment);
+                           timeOutOfHash(file, environment.hashTimeOut), environment);
     if (!reply) {
       done = std::unexpected(reply.error());
       break;
@@ -250,7 +250,7 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
                         told(signing), told(hash), told(source)));
     }
   }
-  // Also where a later file failed. A path may hold any bytes, and so may the text from an
+  // Print it also if a later file failed. A path may hold any bytes, and so may the text of an
   // attribute.
   if (json_) print(dumped(list));
   return done;

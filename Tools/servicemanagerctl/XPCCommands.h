@@ -17,8 +17,8 @@
 #include "Platform/XPC/XPC.h"
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": what any client of the
-// registry can do, with the same passkey.
+// "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": the requests that any client
+// of the registry can send, with the same passkey.
 class XPCCommands {
  public:
   // Adds the commands to `app`, which outlives this.
@@ -33,22 +33,24 @@ class XPCCommands {
     const platform::SystemInformation& system;
     const platform::ProtocolTable& protocols;
     std::string root;  // of the platform, for texts
-    // Whether somebody has the registry's name, though perhaps without answering.
+    // Whether a process holds the registry's name, even if it does not answer.
     std::function<bool()> isAnybodyThere;
-    // For each file: a hash takes as long as the file is long.
-    std::chrono::seconds hashPatience = std::chrono::hours(1);
-    // For what everybody is answered, and for what only the product's own programs are.
-    std::chrono::seconds anyAnswerPatience{10};
-    std::chrono::seconds lookUpPatience{10};
+    // For each file: hashing a large file takes long.
+    std::chrono::seconds hashTimeOut = std::chrono::hours(1);
+    // For requests that are answered at once, and for lookups, which only the product's own
+    // programs get answered.
+    std::chrono::seconds answerTimeOut{10};
+    std::chrono::seconds lookupTimeOut{10};
   };
-  // Does what was asked, and returns the exit status. A registration lasts until the
-  // process is ended, or the service manager is, which fails.
+  // Runs the command and returns the exit status. A registration lasts until this process ends; it
+  // fails if the service manager ends first.
   int run(const Environment& environment) const;
 
  private:
   using Connection = std::shared_ptr<platform::NSXPCConnection>;
 
-  // Returns why it is over; `ended` is released when the registry's side of the connection ends.
+  // Returns why the registration is over; `ended` is released when the registry's side of the
+  // connection ends.
   Refusal registerName(const Environment& environment, const Connection& registry,
                        std::counting_semaphore<>& ended) const;
   Answer<int> lookUp(const Environment& environment, const Connection& registry) const;

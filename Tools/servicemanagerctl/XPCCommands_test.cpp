@@ -33,7 +33,7 @@ using testing::HasSubstr;
 
 constexpr char kAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
-// A registry that is what it says, and then answers nothing; or not even says what it is.
+// A registry that answers no request; optionally it does not even authenticate itself.
 class SilentRegistry final : public NSXPCListenerDelegate,
                              public NSXPCExportedObject,
                              public std::enable_shared_from_this<SilentRegistry> {
@@ -58,7 +58,7 @@ class SilentRegistry final : public NSXPCListenerDelegate,
   const std::optional<Value> signature_;
 };
 
-// Where the program is started.
+// Changes the working folder for as long as this lives.
 class InFolder {
  public:
   explicit InFolder(const std::string& folder) : before_(std::filesystem::current_path()) {
@@ -72,8 +72,8 @@ class InFolder {
   const std::filesystem::path before_;
 };
 
-// The operator's program, and a daemon that serves endpoints, both on the real transport: the
-// command waits for what its other threads bring.
+// The operator's program, and a daemon that serves endpoints, both on the real transport, since the
+// command waits for messages that its other threads receive.
 class XPCCommandsTest : public testing::Test {
  protected:
   struct Ran {
@@ -116,35 +116,35 @@ class XPCCommandsTest : public testing::Test {
     registry_->registerXPCListenerEndpoint(execListener_->endpoint(), kExecInfoEndpoint);
   }
 
-  // How long it waits, for tests that are about that.
-  struct Patience {
+  // The time-outs, for tests of these.
+  struct TimeOuts {
     std::chrono::seconds hash = std::chrono::hours(1);
     std::chrono::seconds anyAnswer = std::chrono::hours(1);
     std::chrono::seconds lookUp = std::chrono::hours(1);
   };
-  Ran run(std::vector<std::string> arguments, const Patience& patience) {
+  Ran run(std::vector<std::string> arguments, const TimeOuts& timeOuts) {
     CLI::App app;
     const XPCCommands commands(app);
-    std::ranges::reverse(arguments);  // As CLI11 wants them.
+    std::ranges::reverse(arguments);  // CLI11 takes them in reverse.
     app.parse(std::move(arguments));
     EXPECT_TRUE(commands.parsed());
     const auto xpc = makeXPC();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root",
-                                     [this] { return isAnybodyThere_; }, patience.hash,
-                                     patience.anyAnswer, patience.lookUp});
+                                     [this] { return isAnybodyThere_; }, timeOuts.hash,
+                                     timeOuts.anyAnswer, timeOuts.lookUp});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
-  Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), Patience()); }
+  Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), TimeOuts()); }
 
-  // Each of these commands ends with that status and nothing but that to say.
+  // Each of these commands ends with that status and prints nothing but that message.
   using CommandLines = std::vector<std::vector<std::string>>;
-  void expectFailures(const CommandLines& commands, const Patience& patience, int status,
+  void expectFailures(const CommandLines& commands, const TimeOuts& timeOuts, int status,
                       const testing::Matcher<const std::string&>& errors) {
     for (const std::vector<std::string>& command : commands) {
       SCOPED_TRACE(testing::PrintToString(command));
-      const Ran failed = run(command, patience);
+      const Ran failed = run(command, timeOuts);
       EXPECT_EQ(failed.status, status);
       EXPECT_EQ(failed.output, "");
       EXPECT_THAT(failed.errors, errors);
@@ -175,7 +175,7 @@ class XPCCommandsTest : public testing::Test {
   std::shared_ptr<NSXPCListener> execListener_;
 };
 
-TEST_F(XPCCommandsTest, ANameThatIsRegisteredIsSaidToBe) {
+TEST_F(XPCCommandsTest, ARegisteredNameIsReported) {
   serve();
   const Ran found = run({"endpoints", "lookup", kExecInfoEndpoint});
   EXPECT_EQ(found.status, 0);
@@ -187,7 +187,7 @@ TEST_F(XPCCommandsTest, ANameThatIsRegisteredIsSaidToBe) {
             (nlohmann::json{{"name", kExecInfoEndpoint}, {"registered", true}}));
 }
 
-TEST_F(XPCCommandsTest, ANameThatIsNotRegisteredIsAFailureWithItsReason) {
+TEST_F(XPCCommandsTest, AnUnregisteredNameIsAFailureWithItsReason) {
   serve();
   const Ran missing = run({"endpoints", "lookup", "nobody"});
   EXPECT_EQ(missing.status, kExitFailed);
@@ -208,7 +208,7 @@ TEST_F(XPCCommandsTest, ARegistrationThatIsRefusedSaysWhy) {
             "servicemanagerctl: the service manager refused: The name is too long.\n");
 }
 
-TEST_F(XPCCommandsTest, FilesAreToldAsATable) {
+TEST_F(XPCCommandsTest, FilesAreShownAsATable) {
   serve();
   const std::string known = folder_.write("known", "abc");
   signatures_.addValid(known, SecStaticCode::Kind::kProgram, "com.vantor.sample");
@@ -233,7 +233,7 @@ TEST_F(XPCCommandsTest, FilesAreToldAsATable) {
   EXPECT_EQ(told.errors, "");
 }
 
-TEST_F(XPCCommandsTest, FilesAreToldToPrograms) {
+TEST_F(XPCCommandsTest, ProgramsGetFilesAsJson) {
   serve();
   const std::string known = folder_.write("known", "abc");
   const Ran told = run({"execinfo", "--json", folder_.path("folder/../known"), "/nowhere"});
@@ -244,8 +244,8 @@ TEST_F(XPCCommandsTest, FilesAreToldToPrograms) {
                       {{"path", "/nowhere"}, {"signing", ""}, {"sha256", ""}, {"source", ""}}}));
 }
 
-// What is told of "etc/passwd" is never told of the one in the daemon's folder.
-TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereNothingIsThere) {
+// Facts about "etc/passwd" must not be those of that path in the daemon's folder.
+TEST_F(XPCCommandsTest, ARelativePathMayNameAMissingFile) {
   serve();
   const InFolder here(folder_.path());
   const Ran told = run({"execinfo", "--json", "etc/passwd"});
@@ -257,8 +257,8 @@ TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereNothingIsThere) {
                              {"source", ""}}}));
 }
 
-// Root enters the closed folder, and finds nothing there; nobody gets through the circle.
-TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereItCantBeFollowed) {
+// Root enters the closed folder and finds nothing there; nobody gets through the circle.
+TEST_F(XPCCommandsTest, ARelativePathMayBeUnresolvable) {
   serve();
   const std::string closed = folder_.path("closed");
   std::filesystem::create_directory(closed);
@@ -272,7 +272,7 @@ TEST_F(XPCCommandsTest, ARelativePathIsOfThisFolderAlsoWhereItCantBeFollowed) {
   EXPECT_THAT(told.output, HasSubstr(folder_.path("circle/file\n")));
 }
 
-TEST_F(XPCCommandsTest, APathThatIsNoneIsRefused) {
+TEST_F(XPCCommandsTest, AnInvalidPathIsRefused) {
   serve();
   const Ran empty = run({"execinfo", ""});
   EXPECT_EQ(empty.status, kExitFailed);
@@ -285,14 +285,14 @@ TEST_F(XPCCommandsTest, APathThatIsNoneIsRefused) {
   EXPECT_THAT(lost.errors, HasSubstr("\"file\" can't be told from here: No such file"));
 }
 
-TEST_F(XPCCommandsTest, APathThatIsNoTextIsRefusedByName) {
+TEST_F(XPCCommandsTest, APathThatIsNotUtf8IsRefusedByName) {
   serve();
   const Ran told = run({"execinfo", folder_.path("\xff")});
   EXPECT_EQ(told.status, kExitFailed);
   EXPECT_THAT(told.errors, HasSubstr("UTF-8"));
 }
 
-TEST_F(XPCCommandsTest, WhatWasToldBeforeAFailureIsToldToProgramsToo) {
+TEST_F(XPCCommandsTest, ProgramsGetTheFilesBeforeAFailure) {
   serve();
   const std::string known = folder_.write("known", "abc");
   const Ran told = run({"execinfo", "--json", known, folder_.path("\xff"), known});
@@ -302,9 +302,9 @@ TEST_F(XPCCommandsTest, WhatWasToldBeforeAFailureIsToldToProgramsToo) {
   EXPECT_THAT(told.errors, HasSubstr("UTF-8"));
 }
 
-TEST_F(XPCCommandsTest, AFileThatIsNeverToldOfIsNamedInTheEnd) {
+TEST_F(XPCCommandsTest, AFileWithoutAnAnswerIsNamedInTheEnd) {
   serve();
-  // Never resumed: who connects waits.
+  // It is never resumed, so clients wait.
   auto listener = daemon_->xpc().makeAnonymousListener();
   registry_->registerXPCListenerEndpoint(listener->endpoint(), kExecInfoEndpoint);
   const Ran told = run({"execinfo", "/bin/true"}, {.hash = std::chrono::seconds(0)});
@@ -314,15 +314,15 @@ TEST_F(XPCCommandsTest, AFileThatIsNeverToldOfIsNamedInTheEnd) {
   EXPECT_THAT(told.errors, testing::Not(HasSubstr("product")));
 }
 
-TEST_F(XPCCommandsTest, ADaemonThatNeverAnswersIsGivenUp) {
+TEST_F(XPCCommandsTest, ADaemonThatNeverAnswersTimesOut) {
   serveNothing(std::nullopt);
   expectFailures(all_, {.anyAnswer = std::chrono::seconds(0)}, kExitFailed,
                  "servicemanagerctl: the service manager has not answered for 0 s; it is there, "
                  "but too busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
 }
 
-// Which is all that a stranger learns.
-TEST_F(XPCCommandsTest, ALookUpThatIsNeverAnsweredSaysWhoseProgramToUse) {
+// The service manager never answers a client of another product.
+TEST_F(XPCCommandsTest, AnUnansweredLookupSaysWhichProgramToUse) {
   serveNothing(Value(clientProfileData(system_)));
   expectFailures(asking_, {.lookUp = std::chrono::seconds(0)}, kExitNotAuthenticated,
                  "servicemanagerctl: the service manager has not answered for 0 s; it answers "
@@ -331,13 +331,13 @@ TEST_F(XPCCommandsTest, ALookUpThatIsNeverAnsweredSaysWhoseProgramToUse) {
 }
 
 TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
-  expectFailures(all_, Patience(), kExitNobodyThere,
+  expectFailures(all_, TimeOuts(), kExitNobodyThere,
                  HasSubstr("no service manager serves endpoints below /srv/root; is it running?"));
 }
 
-TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotSaidToBeMissing) {
-  isAnybodyThere_ = true;  // As one that was stopped by a signal.
-  expectFailures(all_, Patience(), kExitFailed,
+TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotMissing) {
+  isAnybodyThere_ = true;  // as a daemon that was stopped by a signal
+  expectFailures(all_, TimeOuts(), kExitFailed,
                  "servicemanagerctl: the service manager takes no connection; it is there, but too "
                  "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
 }
@@ -352,7 +352,7 @@ TEST_F(XPCCommandsTest, AnEmptyNameIsNotUnderstood) {
   }
 }
 
-TEST_F(XPCCommandsTest, WhatOthersHaveChosenCannotSteerTheTerminal) {
+TEST_F(XPCCommandsTest, ForeignControlCharactersAreEscaped) {
   serve();
   const Ran missing = run({"endpoints", "lookup", "a\033[2J"});
   EXPECT_EQ(missing.output,

@@ -1,4 +1,4 @@
-// The operator's command. What it ends with stands in ExitStatus.h.
+// The operator's command. ExitStatus.h lists its exit statuses.
 
 #include <cerrno>
 #include <chrono>
@@ -48,7 +48,7 @@ void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   print(json ? dumped(asJson(report)) : asTable(report));
 }
 
-// One line through each logger, so that an administrator sees where the product's lines end.
+// Writes one line through each logger, so that an administrator sees where the product's lines end.
 // Returns how many were lost.
 std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQueues& queues,
                              const std::string& message) {
@@ -58,7 +58,7 @@ std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQue
   const std::uint32_t thread = platform::mach_thread_self();
   vantorlogger2_open("servicemanagerctl", thread);
   vantorlogger2_line(platform::ASL_LEVEL_INFO, message + " (logger 2)");
-  get_queue(thread)->sync([] {});  // Until it is written or lost.
+  get_queue(thread)->sync([] {});  // Waits until the line is written or lost.
   vantorlogger2_close(thread);
   vantorlogger_open("servicemanagerctl", "com.vantor.hostagent.servicemanagerctl");
   vantorlogger_line(platform::ASL_LEVEL_INFO, message + " (logger 1)");
@@ -87,8 +87,7 @@ int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& messag
               "there is room and permission to write");
 }
 
-// Where the job host's program is to be found: beside this one, or where it is installed in another
-// root.
+// The path of the job host's program: beside this one, or in another root.
 std::string hostProgram(const platform::LinuxPlatform& linuxPlatform, bool isOtherRoot) {
   const std::string& path = linuxPlatform.mainBundle.executablePath();
   if (!isOtherRoot) return path.substr(0, path.rfind('/') + 1) + "jobhost";
@@ -97,7 +96,7 @@ std::string hostProgram(const platform::LinuxPlatform& linuxPlatform, bool isOth
 
 int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform,
                    const std::string& hostProgram) {
-  // Without patience: a person can ask again, and wants to know at once that no host runs.
+  // No wait for a host: a person can ask again, and wants to know at once that no host runs.
   platform::JobHostClient client(linuxPlatform.peerTransport, *linuxPlatform.runLoop,
                                  platform::jobHostSocket(linuxPlatform.configuration.root),
                                  platform::Duration::zero());
@@ -133,18 +132,19 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
   if (!xpc) return fail(xpc.error());
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
-  // Who is there but stands still takes no time to be told from nobody.
-  constexpr platform::Duration kGlance = std::chrono::milliseconds(100);
+  // 100 ms are enough to tell a daemon that hangs (the connect times out) from no daemon at all
+  // (the connect is refused).
+  constexpr platform::Duration kProbeTimeOut = std::chrono::milliseconds(100);
   const auto isAnybodyThere = [&] {
     const auto tried = linuxPlatform.peerTransport.connect(
-        platform::pathOfMachService(root, kEndpointRegistryService), {.timeout = kGlance});
+        platform::pathOfMachService(root, kEndpointRegistryService), {.timeout = kProbeTimeOut});
     return tried || tried.error().kind == platform::PeerConnectFailure::Kind::kTimedOut;
   };
   return commands.run(
       {(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root, isAnybodyThere});
 }
 
-// For main(), which says what became of the output.
+// main() adds the failures of the output.
 int run(int argc, char** argv) {
   CLI::App app("Looks at the service manager and what it runs on.", "servicemanagerctl");
   app.require_subcommand(1);
@@ -173,7 +173,7 @@ int run(int argc, char** argv) {
     print(text.str());
     return EXIT_SUCCESS;
   } catch (const CLI::ParseError& error) {
-    fail(whyNotUnderstood(app, error, {argv + 1, argv + argc}));
+    fail(parseErrorText(app, error, {argv + 1, argv + argc}));
     warn("Run with --help for more information.\n");
     return kExitNotUnderstood;
   }

@@ -41,7 +41,7 @@ platform::Result<platform::Data> NetworkControl::getOption(std::uint32_t option)
       if (!challenge_) return refuse(ENOENT, "there is no challenge");
       if (secret_.bytes().empty()) return refuse(ENOKEY, "no secret has been told");
       auto answer = answerToChallenge(secret_.bytes(), *challenge_);
-      challenge_.reset();  // Each is answered once.
+      challenge_.reset();  // A challenge is answered once.
       if (!answer) return refuse(EIO, "the answer can't be made");
       return *std::move(answer);
     }

@@ -8,8 +8,8 @@
 #include "Platform/KernelExtensions/ControlHandler.h"
 #include "Platform/Values/Value.h"
 
-// The secret that the network extension has been told. Only the last one is kept, and none is left
-// in memory when this ends.
+// The network extension's secret. Only the last one is kept, and none is left in memory when this
+// ends.
 class KeptSecret {
  public:
   static constexpr std::size_t kMaxBytes = 64;
@@ -19,7 +19,7 @@ class KeptSecret {
   KeptSecret& operator=(const KeptSecret&) = delete;
   ~KeptSecret() { forget(); }
 
-  // False, and nothing is changed, for one that is empty or too long.
+  // False, without a change, for a secret that is empty or too long.
   bool keep(std::span<const std::uint8_t> bytes);
   std::span<const std::uint8_t> bytes() const { return std::span(bytes_).first(size_); }
 
@@ -30,11 +30,11 @@ class KeptSecret {
   std::size_t size_ = 0;
 };
 
-// What one client of the network extension can ask: its version, and that it proves that it has
-// the secret. Nobody is told the secret itself.
+// One client's view of the network extension: it can read the version, and make the extension prove
+// that it has the secret. No client gets the secret itself.
 class NetworkControl final : public platform::ControlHandler {
  public:
-  // `secret` is that of all clients. `onSecret` is called whenever one has been told.
+  // All clients share `secret`. `onSecret` is called whenever a client has written one.
   NetworkControl(std::int32_t version, KeptSecret& secret, std::function<void()> onSecret)
       : version_(version), secret_(secret), onSecret_(std::move(onSecret)) {}
 

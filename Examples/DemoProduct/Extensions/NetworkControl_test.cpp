@@ -19,7 +19,7 @@ class NetworkControlTest : public testing::Test {
   NetworkControl control_{5, secret_, [this] { ++told_; }};
 };
 
-TEST_F(NetworkControlTest, TellsItsVersion) {
+TEST_F(NetworkControlTest, ReturnsItsVersion) {
   EXPECT_EQ(control_.getOption(3).value(), (Data{5, 0, 0, 0}));
 }
 
@@ -34,7 +34,7 @@ TEST_F(NetworkControlTest, AnswersAChallengeOnceItHasTheSecret) {
   EXPECT_EQ(control_.getOption(kAnswerOption).error().osError, ENOENT);
 }
 
-TEST_F(NetworkControlTest, HandsTheSecretToNobody) {
+TEST_F(NetworkControlTest, NoOptionReturnsTheSecret) {
   ASSERT_TRUE(control_.setOption(5, secretBytes_));
   ASSERT_TRUE(control_.setOption(kChallengeOption, Data{1}));
   for (std::uint32_t option = 0; option < 64; ++option) {
@@ -44,7 +44,7 @@ TEST_F(NetworkControlTest, HandsTheSecretToNobody) {
   }
 }
 
-TEST_F(NetworkControlTest, ASecretHasABound) {
+TEST_F(NetworkControlTest, ASecretHasAMaximumLength) {
   EXPECT_FALSE(control_.setOption(5, {}));
   EXPECT_TRUE(control_.setOption(5, Data(KeptSecret::kMaxBytes - 1, 1)));
   EXPECT_TRUE(control_.setOption(5, Data(KeptSecret::kMaxBytes, 2)));
@@ -53,14 +53,14 @@ TEST_F(NetworkControlTest, ASecretHasABound) {
   EXPECT_EQ(told_, 2);
 }
 
-TEST_F(NetworkControlTest, AChallengeHasABound) {
+TEST_F(NetworkControlTest, AChallengeHasAMaximumLength) {
   EXPECT_FALSE(control_.setOption(kChallengeOption, {}));
   EXPECT_TRUE(control_.setOption(kChallengeOption, Data(kMaxChallengeBytes - 1)));
   EXPECT_TRUE(control_.setOption(kChallengeOption, Data(kMaxChallengeBytes)));
   EXPECT_FALSE(control_.setOption(kChallengeOption, Data(kMaxChallengeBytes + 1)));
 }
 
-TEST_F(NetworkControlTest, OtherOptionsAreNone) {
+TEST_F(NetworkControlTest, OtherOptionsAreRefused) {
   EXPECT_EQ(control_.getOption(5).error().osError, ENOPROTOOPT);
   EXPECT_EQ(control_.setOption(3, Data(4)).error().osError, ENOPROTOOPT);
 }

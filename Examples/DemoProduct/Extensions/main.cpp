@@ -1,9 +1,10 @@
-// A user-space extension of the demo product, network and ordinary one in the same program: the
-// identifier in its bundle's Info.plist says which. "ControlVersion" there is what option 3 answers
-// (5 where there is none), "ControlAnswerBytes" how long that answer is made; with "ControlIsDeaf"
-// it never offers its control, with "ControlHangs" it answers nothing once it has been connected
-// to, with "ControlCrashes" it crashes when it is asked anything, and with "CrashesAfter" that many
-// seconds after its start: for demonstrations of what the daemon does then.
+// A user-space extension of the demo product, both the network extension and the ordinary one: the
+// identifier in its bundle's Info.plist selects one. These keys of the Info.plist make it fail, to
+// demonstrate how the daemon handles that: "ControlVersion" is the answer to option 3 (5 by
+// default), "ControlAnswerBytes" the length of that answer. With "ControlIsDeaf" the extension
+// never offers its control, with "ControlHangs" it answers nothing once a client has connected,
+// with "ControlCrashes" it crashes at the first question, and with "CrashesAfter" that many seconds
+// after its start.
 
 #include <algorithm>
 #include <chrono>
@@ -36,10 +37,10 @@ class OrdinaryControl final : public platform::ControlHandler {
   }
 };
 
-// More than any option may have.
+// Twice the limit of an option.
 constexpr std::int64_t kMostAnswerBytes = 2 * platform::kMaxControlOptionBytes;
 
-// The network extension's control as a faulty one would be.
+// A faulty control for the network extension.
 class FaultyControl final : public platform::ControlHandler {
  public:
   FaultyControl(std::unique_ptr<platform::ControlHandler> control, const platform::Dictionary& info)
@@ -120,7 +121,7 @@ class DemoExtension final : public platform::VGBackgroundServiceDelegate {
 
 int main(int argc, char** argv) {
   auto made = platform::LinuxPlatform::make();
-  // Before there is a secret.
+  // Before any secret can be in memory.
   auto forbidden = platform::forbidCoreDumps();
   if (!made || !forbidden) {
     const platform::Error& error = made ? forbidden.error() : made.error();

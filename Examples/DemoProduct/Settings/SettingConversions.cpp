@@ -16,7 +16,7 @@ std::int64_t truncated(double real) {
   constexpr double kTooLarge = 0x1p63;
   if (real >= kTooLarge) return std::numeric_limits<std::int64_t>::max();
   if (real < -kTooLarge) return std::numeric_limits<std::int64_t>::min();
-  return real == real ? static_cast<std::int64_t>(real) : 0;  // NaN is no number at all.
+  return real == real ? static_cast<std::int64_t>(real) : 0;  // NaN is no number
 }
 
 }  // namespace

@@ -4,14 +4,14 @@
 
 #include "Platform/Values/Value.h"
 
-// What a setting is to somebody who asks for it as another kind. Numbers and texts are turned into
-// each other; everything else, and nil, is nil or zero.
+// Reads a setting as a value of another type. Numbers and texts are converted into each other;
+// every other value, and nil, becomes nil or zero.
 
 // A string as it stands, a number as its text (a boolean is "1" or "0"); else nil.
 platform::Value settingAsString(const platform::Value& setting);
 
-// A number without its fraction, at the nearest end of the range where it does not fit (and 0 where
-// it is none); the number that a text begins with; else 0.
+// The integer part of a number, limited to the integer's range (0 for NaN); the number that a text
+// begins with; else 0.
 std::int64_t settingAsInteger(const platform::Value& setting);
 
 // A number; a text that is one; else 0.

@@ -24,7 +24,7 @@ struct Row {
   bool asBool;
 };
 
-TEST(SettingConversions, EachKindIsReadAsEachOther) {
+TEST(SettingConversions, EachTypeIsReadAsEachOther) {
   const Row rows[] = {
       {Value(), Value(), 0, 0, false},
       {Value(true), "1", 1, 1, true},

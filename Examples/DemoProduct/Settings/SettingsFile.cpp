@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kVersion[] = "1";
 
-// More changes than any file has seen; one more can still be counted.
+// More changes than any file has seen; adding one more does not overflow.
 constexpr std::int64_t kMostChanges = std::int64_t{1} << 62;
 
 constexpr char kSchema[] =
@@ -29,7 +29,7 @@ constexpr char kSchema[] =
     "COMMIT;";
 
 Result<void> setFileAside(const std::string& path) {
-  // The log belongs to the file: another one's must not be taken for the new one's.
+  // A log belongs to its file: the new file must not take over the old one's log.
   for (const char* ending : {"-wal", "-journal", "-shm", ""}) {
     const std::string file = path + ending;
     if (std::rename(file.c_str(), (path + ".damaged" + ending).c_str()) != 0 && errno != ENOENT)
@@ -42,18 +42,18 @@ Result<void> setFileAside(const std::string& path) {
 
 Result<SettingsFile> SettingsFile::open(const std::string& path,
                                         const std::function<void(std::string_view)>& setAside,
-                                        std::chrono::milliseconds patience) {
-  auto file = openChecked(path, patience);
+                                        std::chrono::milliseconds timeOut) {
+  auto file = openChecked(path, timeOut);
   if (file || file.error().code != ErrorCode::kInvalid) return file;
   if (auto done = setFileAside(path); !done) return std::unexpected(done.error());
   setAside(describe(file.error()) + "; it is kept as " + path +
            ".damaged, and all settings begin anew");
-  return openChecked(path, patience);
+  return openChecked(path, timeOut);
 }
 
 Result<SettingsFile> SettingsFile::openChecked(const std::string& path,
-                                               std::chrono::milliseconds patience) {
-  auto database = SqliteDatabase::open(path, patience);
+                                               std::chrono::milliseconds timeOut) {
+  auto database = SqliteDatabase::open(path, timeOut);
   if (!database) return std::unexpected(database.error());
   SettingsFile file(std::move(*database));
   if (auto sound = file.check(path); !sound) return std::unexpected(sound.error());
@@ -141,7 +141,7 @@ Result<void> SettingsFile::write(const std::vector<Row>& rows, std::int64_t chan
     return {};
   }();
   const auto committed = done ? database_.execute("COMMIT") : done;
-  // SQLite may have rolled back by itself, and then refuses this.
+  // SQLite may have rolled back by itself, and then rejects this.
   if (!committed) static_cast<void>(database_.execute("ROLLBACK"));
   return committed;
 }

@@ -1,4 +1,4 @@
-// A settings file that can't be had, or not be written: whoever asks is told, and nothing is lost.
+// Settings files that can't be opened or written: the caller gets an error, and no setting is lost.
 
 #include "Examples/DemoProduct/Settings/SettingsFile.h"
 
@@ -46,7 +46,7 @@ class SettingsFileTest : public testing::Test {
   const std::string path_ = folder_.path("settings.sqlite");
 };
 
-TEST_F(SettingsFileTest, OneThatAnotherProgramHoldsIsRefusedAndLeftAlone) {
+TEST_F(SettingsFileTest, AFileThatAnotherProgramHoldsIsLeftAlone) {
   ASSERT_TRUE(open()->write({row("kept", 1)}, 1));
   sqlite3* other = nullptr;
   ASSERT_EQ(sqlite3_open(path_.c_str(), &other), SQLITE_OK);
@@ -64,18 +64,18 @@ TEST_F(SettingsFileTest, OneThatAnotherProgramHoldsIsRefusedAndLeftAlone) {
   EXPECT_THAT(keysIn(*file), testing::ElementsAre("kept"));
 }
 
-TEST_F(SettingsFileTest, NobodyElseMayWriteItWhileItIsOpen) {
+TEST_F(SettingsFileTest, AnOpenFileCannotBeOpenedAgain) {
   const auto file = open();
   ASSERT_TRUE(file);
   EXPECT_FALSE(open());
 }
 
-TEST_F(SettingsFileTest, OneThatMayOnlyBeReadIsRefusedAndLeftAlone) {
+TEST_F(SettingsFileTest, AReadOnlyFileIsLeftAlone) {
   ASSERT_TRUE(open()->write({row("kept", 1)}, 1));
   const std::uintmax_t size = std::filesystem::file_size(path_);
   std::filesystem::permissions(path_, std::filesystem::perms(0444));
   std::filesystem::permissions(folder_.path(), std::filesystem::perms(0555));
-  // Root may write everything, and so looks at it as somebody who may not.
+  // Root may write everything, so drop that permission for the test.
   const bool isRoot = ::geteuid() == 0;
   if (isRoot) ::setfsuid(65534);
   const auto refused = open();
@@ -91,7 +91,7 @@ TEST_F(SettingsFileTest, OneThatMayOnlyBeReadIsRefusedAndLeftAlone) {
   EXPECT_THAT(keysIn(*file), testing::ElementsAre("kept"));
 }
 
-TEST_F(SettingsFileTest, AChangeWithoutRoomIsNoneAndTheNextOneIs) {
+TEST_F(SettingsFileTest, AChangeOnAFullDiskFailsAndTheNextSucceeds) {
   auto file = open();
   ASSERT_TRUE(file) << describe(file.error());
   ASSERT_TRUE(file->write({row("kept", 1)}, 1));
@@ -106,7 +106,7 @@ TEST_F(SettingsFileTest, AChangeWithoutRoomIsNoneAndTheNextOneIs) {
   }
   EXPECT_TRUE(file->write({row("later", 100'000)}, 2));
   file = open();
-  ASSERT_FALSE(file);  // It is open still, while the next one is being opened.
+  ASSERT_FALSE(file);  // The earlier one is still open.
   file = open();
   ASSERT_TRUE(file) << describe(file.error());
   EXPECT_THAT(keysIn(*file), testing::UnorderedElementsAre("kept", "later"));
@@ -114,7 +114,7 @@ TEST_F(SettingsFileTest, AChangeWithoutRoomIsNoneAndTheNextOneIs) {
   EXPECT_EQ(file->blob(kDomain, "blob"), std::nullopt);
 }
 
-TEST_F(SettingsFileTest, ASettingThatCouldNotBeWrittenIsReadAsBefore) {
+TEST_F(SettingsFileTest, AFailedChangeLeavesTheSettingAsItWas) {
   const auto store = SettingsStore::open(path_, {kDomain}, [](std::string_view) {});
   ASSERT_TRUE(store);
   ASSERT_TRUE((*store)->set(kDomain, "a", 1));
@@ -132,7 +132,7 @@ TEST_F(SettingsFileTest, ASettingThatCouldNotBeWrittenIsReadAsBefore) {
   EXPECT_TRUE((*store)->set(kDomain, "a", 4));
 }
 
-TEST_F(SettingsFileTest, WithoutRoomForANewFileThereIsNone) {
+TEST_F(SettingsFileTest, OnAFullDiskNoNewFileIsMade) {
   const FullDisk full(0);
   const auto refused = open();
   ASSERT_FALSE(refused);

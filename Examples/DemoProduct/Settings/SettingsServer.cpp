@@ -32,7 +32,7 @@ Result<std::string> keyIn(const Value& argument) {
   return std::unexpected(wrongArgument("the key", "a string", argument));
 }
 
-// What a setting is read as.
+// These functions convert a setting for a getter.
 Value asItIs(const Value& setting) { return setting; }
 Value asArray(const Value& setting) { return setting.array() ? setting : Value(); }
 Value asDictionary(const Value& setting) { return setting.dictionary() ? setting : Value(); }
@@ -44,7 +44,7 @@ Value asFloat(const Value& setting) {
 }
 Value asBool(const Value& setting) { return settingAsBool(setting); }
 
-// What an argument is kept as; nil where it is of no such kind.
+// These functions convert an argument for a setter; nil if it has the wrong type.
 Value keepAny(const Value& argument) { return argument; }
 Value keepInteger(const Value& argument) { return argument.integer() ? argument : Value(); }
 Value keepDouble(const Value& argument) {
@@ -166,7 +166,7 @@ SettingsServer::Answer SettingsServer::versionDictionary(const Arguments&) {
   return Value(store_.versions(domain_.connectionName));
 }
 
-// What somebody has to observe to follow this domain's settings.
+// The notification that a client observes to follow this domain's settings.
 SettingsServer::Answer SettingsServer::defaultSubscription(const Arguments&) {
   return Value(Dictionary{{"Domain", domain_.connectionName},
                           {"StartNotification", domain_.startNotification},

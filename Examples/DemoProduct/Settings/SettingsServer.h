@@ -10,23 +10,24 @@
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
 
-// The root object of one settings domain: answers KLXGlobalSettingsProtocol from the store, and
-// posts each change, once it is on the disk, with the domain's connection name as its object. To
-// set what was set already is a change, too: who waits for its notice must not wait in vain.
+// The root object of one settings domain. It answers KLXGlobalSettingsProtocol from the store, and
+// posts each change, once that is on the disk, with the domain's connection name as the object.
+// Setting the present value again counts as a change, too: the client may wait for the
+// notification.
 //
-// What can't be done as asked is logged with its reason; of a two-way message it is raised as well,
-// but for a blob that is not kept, of which the answer is NO. Whoever has been authenticated may
-// change everything, so the sender, of whatever kind, is not looked at.
+// An error is logged with its reason. A two-way message also raises it; only the message that
+// persists a blob answers NO instead. Every authenticated client may change everything, so the
+// sender is ignored, whatever its type.
 class SettingsServer final : public platform::MessageReceiver {
  public:
-  // All outlive this; the store knows the domain by its connection name.
+  // All of them outlive this; the store knows the domain by its connection name.
   SettingsServer(const GlobalSettingsDomain& domain, SettingsStore& store,
                  platform::DistributedNotificationCenter& center, platform::RefusalLog& refusals);
 
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override;
 
-  // Tells everybody that this server can be asked now.
+  // Announces that this server answers now.
   void announceStart();
 
  private:

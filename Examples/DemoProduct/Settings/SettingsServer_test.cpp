@@ -72,7 +72,7 @@ class SettingsServerTest : public testing::Test {
     loop_.runReady();
     return answer.value_or(Value("no such message"));
   }
-  // What the server raised at the last message.
+  // The exception of the last message.
   std::string raised() const {
     return client_->recentException() ? client_->recentException()->reason : "";
   }
@@ -137,7 +137,7 @@ TEST_F(SettingsServerTest, ANameThatIsTakenIsNotAnnounced) {
   EXPECT_EQ(started, 0);
 }
 
-TEST_F(SettingsServerTest, WhatIsSetIsReadAndAnnounced) {
+TEST_F(SettingsServerTest, AChangeIsReadBackAndAnnounced) {
   ask("setObject:forKey:sender:", {"strict", "mode", "test"});
   EXPECT_EQ(ask("objectForKey:", {"mode"}), Value("strict"));
   EXPECT_THAT(takeChanges(), ElementsAre("com.vantor.CommonPreferences/mode"));
@@ -168,7 +168,7 @@ TEST_F(SettingsServerTest, TheChangeIsOnTheDiskWhenItIsAnnounced) {
   EXPECT_THAT(onDisk, ElementsAre(Value(1), Value(2)));
 }
 
-TEST_F(SettingsServerTest, EachSetterKeepsItsKind) {
+TEST_F(SettingsServerTest, EachSetterKeepsItsType) {
   ask("setInteger:forKey:sender:", {1, "integer", Value()});
   ask("setFloat:forKey:sender:", {0.1, "float", Value()});
   ask("setDouble:forKey:sender:", {0.1, "double", Value()});
@@ -228,7 +228,7 @@ TEST_F(SettingsServerTest, DefaultsAreBelowValues) {
   EXPECT_EQ(ask("dictionaryRepresentation"), Value(Dictionary{{"a", 1}, {"b", 2}}));
 }
 
-TEST_F(SettingsServerTest, VersionsTellWhatHasChanged) {
+TEST_F(SettingsServerTest, VersionsShowTheChangedSettings) {
   ask("setInteger:forKey:sender:", {1, "a", Value()});
   ask("setInteger:forKey:sender:", {1, "b", Value()});
   const Value before = ask("versionDictionary");
@@ -238,7 +238,7 @@ TEST_F(SettingsServerTest, VersionsTellWhatHasChanged) {
   EXPECT_GT(*after["a"].integer(), *before["a"].integer());
 }
 
-TEST_F(SettingsServerTest, TheSubscriptionSaysWhatToObserve) {
+TEST_F(SettingsServerTest, TheSubscriptionNamesTheNotification) {
   EXPECT_EQ(ask("defaultSubscription"),
             Value(Dictionary{{"Domain", "com.vantor.CommonPreferences"},
                              {"StartNotification", "com.vantor.CommonPreferences.didStart"},
@@ -289,7 +289,7 @@ TEST_F(SettingsServerTest, BadInputIsRefusedWithALineThatNamesIt) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.selector);
-    loop_.advanceBy(std::chrono::minutes(2));  // So many lines a minute at most.
+    loop_.advanceBy(std::chrono::minutes(2));  // The number of lines per minute is limited.
     sink_.clear();
     ask(row.selector, row.arguments);
     EXPECT_THAT(sink_.texts(), ElementsAre(AllOf(HasSubstr("com.vantor.CommonPreferences: "),
@@ -311,12 +311,12 @@ TEST_F(SettingsServerTest, AKeyOfAnyLengthMakesAShortLine) {
   EXPECT_EQ(ask("dictionaryRepresentation"), Value(Dictionary{}));
 }
 
-TEST_F(SettingsServerTest, ATwoWayMessageLearnsWhyItIsRefused) {
+TEST_F(SettingsServerTest, ATwoWayMessageRaisesTheReason) {
   EXPECT_TRUE(ask("objectForKey:", {5}).isNil());
   EXPECT_THAT(raised(), HasSubstr("the key is NSNumber, not a string"));
 }
 
-TEST_F(SettingsServerTest, AfterARestartEverythingIsThere) {
+TEST_F(SettingsServerTest, SettingsSurviveARestart) {
   ask("setInteger:forKey:sender:", {5, "a", Value()});
   ask("registerDefaults:", {Dictionary{{"b", 2}}});
   ask("persistBlob:forKey:sender:", {Data{1}, "blob", Value()});
@@ -328,7 +328,7 @@ TEST_F(SettingsServerTest, AfterARestartEverythingIsThere) {
   EXPECT_EQ(ask("persistedBlobForKey:", {"blob"}), Value(Data{1}));
 }
 
-TEST_F(SettingsServerTest, AStrangerIsNotServed) {
+TEST_F(SettingsServerTest, AClientWithoutTheTokenIsNotServed) {
   platform::FakeSystemInformation otherBoot;
   otherBoot.setBootTime(1);
   Client stranger(

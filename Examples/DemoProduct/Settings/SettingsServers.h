@@ -14,8 +14,8 @@
 // The servers of all settings domains, in one program. Belongs to the loop's thread.
 class SettingsServers {
  public:
-  // What it works with; all of it outlives this. The delegate authenticates the clients, and the
-  // table holds the settings protocol.
+  // All of it outlives this. The delegate authenticates the clients, and the table holds the
+  // settings protocol.
   struct Environment {
     platform::NamedConnections& connections;
     platform::NSConnectionDelegate& delegate;
@@ -25,11 +25,11 @@ class SettingsServers {
     platform::RefusalLog& refusals;
   };
 
-  // The connection names, by which the store must know the domains.
+  // The connection names; the store must know the domains by these.
   static std::vector<std::string> domainNames();
 
-  // Registers all names, and then announces all servers: whoever hears of one can ask each. A name
-  // that can't be had is logged by the connection, and its server is not announced.
+  // Registers all names and then announces all servers, so that a client that hears of one can use
+  // each. If a name can't be registered, the connection logs that, and its server is not announced.
   explicit SettingsServers(const Environment& environment);
   SettingsServers(const SettingsServers&) = delete;
   SettingsServers& operator=(const SettingsServers&) = delete;

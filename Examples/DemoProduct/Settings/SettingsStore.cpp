@@ -37,7 +37,7 @@ Result<void> checkKey(std::string_view domain, std::string_view key) {
   return {};
 }
 
-// What a setting takes in a message.
+// The size of a setting in a message.
 Result<std::size_t> travellingBytes(std::string_view domain, std::string_view key,
                                     const Value& value) {
   const auto bytes = platform::peerBodyBytes(Array{Dictionary{{std::string(key), value}}});
@@ -49,14 +49,14 @@ Result<std::size_t> travellingBytes(std::string_view domain, std::string_view ke
                                  SettingsLimits::kSettingBytes));
 }
 
-// Also of the same kinds: 1 and true are equal but not the same.
+// Compares types, too: 1 and true are equal but not the same.
 bool areTheSame(const Value& one, const Value& other) {
   const auto list = platform::writePropertyList(one, platform::PropertyListFormat::kBinary);
   const auto otherList = platform::writePropertyList(other, platform::PropertyListFormat::kBinary);
   return list && otherList && *list == *otherList;
 }
 
-// All that the settings of a layer take in messages.
+// The size of all settings of a layer in messages.
 template <typename Layer>
 std::size_t travellingBytes(const Layer& layer) {
   std::size_t total = 0;
@@ -96,7 +96,7 @@ Result<std::unique_ptr<SettingsStore>> SettingsStore::open(const std::string& pa
     });
   });
   if (!read) return std::unexpected(read.error());
-  // Whoever filled the file must not fill the log.
+  // A crowded file must not fill the log.
   if (leftOut > kMostNamed)
     warn(path + ": " + std::to_string(leftOut - kMostNamed) + " more settings are left out");
   return store;
@@ -104,7 +104,7 @@ Result<std::unique_ptr<SettingsStore>> SettingsStore::open(const std::string& pa
 
 void SettingsStore::readRow(const SettingsFile::Row& row, const Warn& warn) {
   const auto known = domains_.find(row.domain);
-  if (known == domains_.end()) return;  // Another version's; it is left alone.
+  if (known == domains_.end()) return;  // Another version knows this domain; keep the row.
   const auto value = platform::readPropertyList(*row.value, "the stored value");
   const auto named = checkKey(row.domain, row.key);
   const auto bytes = value && named ? travellingBytes(row.domain, row.key, *value)
@@ -119,7 +119,7 @@ void SettingsStore::readRow(const SettingsFile::Row& row, const Warn& warn) {
   }
   Layer& layer =
       row.layer == SettingsLayer::kDefaults ? known->second.defaults : known->second.values;
-  // Put there by somebody else: as many could not be sent to anybody.
+  // Another program put it there; so many settings would not fit into a message.
   if (layer.size() >= SettingsLimits::kDomainSettings ||
       travellingBytes(layer) + *bytes > SettingsLimits::kDomainBytes) {
     warn(describe(refusal(ErrorCode::kExhausted, row.domain, row.key,
@@ -210,13 +210,14 @@ Result<std::vector<std::string>> SettingsStore::removeValues(std::string_view in
   for (const std::string& key : keys) {
     if (std::ranges::find(removed, key) != removed.end()) continue;
     if (!held.values.contains(key)) {
-      // One that was left out would be back after the next start, where there is room for it then.
+      // A setting that was skipped at the start would reappear after a later start with room for
+      // it.
       if (hasLeftOut_) add(SettingsLayer::kValues, key, std::nullopt);
       continue;
     }
     removed.push_back(key);
     add(SettingsLayer::kValues, key, std::nullopt);
-    // Its default is read from now on, which must not look like an older change.
+    // The default is read from now on, so give it the number of this change.
     if (const auto below = held.defaults.find(key); below != held.defaults.end()) {
       auto list =
           platform::writePropertyList(below->second.value, platform::PropertyListFormat::kBinary);
@@ -239,8 +240,7 @@ Result<std::vector<std::string>> SettingsStore::removeValues(std::string_view in
 Result<std::vector<std::string>> SettingsStore::registerDefaults(std::string_view inDomain,
                                                                  const Dictionary& defaults) {
   const Domain& held = domain(inDomain);
-  // Whoever registers what is known already, as programs do at each of their starts, changes
-  // nothing.
+  // Programs register their defaults at each start; known defaults are no change.
   Dictionary news;
   std::vector<std::string> changed;
   for (const auto& [key, value] : defaults) {

@@ -15,7 +15,7 @@
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
 
-// What a client can make the server keep. Each is the largest that is accepted.
+// The limits of a client's data. Each is the largest value that is accepted.
 struct SettingsLimits {
   static constexpr std::size_t kKeyBytes = 255;
   // One setting, key and value as they travel in a message.
@@ -28,50 +28,48 @@ struct SettingsLimits {
   static constexpr std::size_t kDomainBlobs = 64;
 };
 
-// The key as an error's text names it: in quotation marks, and cut where it is longer than a key
-// may be.
+// The key for an error's text: in quotation marks, and cut if it is longer than a key may be.
 std::string quotedKey(std::string_view key);
 
 // The settings of all domains. A setting has a value, a default, or both, and then the value
-// counts. Both are kept on the disk: a default that somebody has read is as much relied on as a
-// value. What a call has changed outlives the process, however it ends, and a call that fails has
-// changed nothing.
+// counts. Both are kept on the disk, because programs rely on a default that they have read as much
+// as on a value. A completed change survives any end of the process, and a failed call changes
+// nothing.
 //
-// Errors name the key and the domain. Not for several threads; changes block as long as the disk
-// does.
+// Errors name the key and the domain. Not thread-safe; changes block for the disk.
 class SettingsStore {
  public:
-  // Whoever is told of what was wrong with the file and was left out: so many settings by name, and
-  // how many more there are.
+  // Called with each error of the file that made a setting be skipped: the first ones by name, then
+  // the number of the others.
   using Warn = std::function<void(std::string_view)>;
   static constexpr std::size_t kMostNamed = 10;
 
-  // The settings that the file at `path` holds, see SettingsFile::open(). Single settings that
-  // can't be read or are over a limit, their domain's included, are left out.
+  // Reads the settings of the file at `path`, see SettingsFile::open(). Single settings are skipped
+  // if they can't be read or exceed a limit, also that of their domain.
   static platform::Result<std::unique_ptr<SettingsStore>> open(
       const std::string& path, const std::vector<std::string>& domains, const Warn& warn);
 
-  // Of a domain that open() was given.
+  // For a domain that open() was given:
 
-  // Nil where the key has neither a value nor a default.
+  // Nil if the key has neither a value nor a default.
   platform::Value value(std::string_view domain, std::string_view key) const;
   // Whether the key has a default and no value.
   bool isDefault(std::string_view domain, std::string_view key) const;
   // All settings, by key.
   platform::Dictionary dictionaryRepresentation(std::string_view domain) const;
-  // For each setting the number of its latest change, counted over all domains and never falling.
+  // The number of each setting's latest change, counted over all domains and never falling.
   platform::Dictionary versions(std::string_view domain) const;
 
-  // Gives the key a value. kInvalid for a key or a value that can't be kept, kExhausted over a
+  // Gives the key a value. kInvalid for a key or a value that can't be kept, kExhausted above a
   // limit.
   platform::Result<void> set(std::string_view domain, std::string_view key,
                              const platform::Value& value);
-  // Takes the values of these keys away, also from the file where they were left out at the start.
-  // Returns the keys that had one.
+  // Removes the values of these keys, also from the file if they were skipped at the start. Returns
+  // the keys that had one.
   platform::Result<std::vector<std::string>> removeValues(std::string_view domain,
                                                           const std::vector<std::string>& keys);
-  // Adds defaults, and replaces those that there are. All of them or none. Returns the keys by
-  // which another value than before is read now.
+  // Adds and replaces defaults: all of them or none. Returns the keys that read as another value
+  // now.
   platform::Result<std::vector<std::string>> registerDefaults(std::string_view domain,
                                                               const platform::Dictionary& defaults);
 
@@ -107,5 +105,5 @@ class SettingsStore {
   SettingsFile file_;
   std::map<std::string, Domain, std::less<>> domains_;
   std::int64_t changes_ = 0;
-  bool hasLeftOut_ = false;  // The file has settings that are not held here.
+  bool hasLeftOut_ = false;  // the file has settings that were skipped
 };

@@ -40,7 +40,7 @@ class SettingsStoreTest : public testing::Test {
     ASSERT_TRUE(opened) << describe(opened.error());
     store_ = std::move(*opened);
   }
-  // What the next start finds when this process is killed now: the files as the kernel has them.
+  // Opens a copy of the files as the kernel has them now, as after a kill.
   void openAsAfterAKill() {
     const std::string copy = folder_.path("copy");
     for (const char* ending : {"", "-wal"}) {
@@ -51,13 +51,13 @@ class SettingsStoreTest : public testing::Test {
     path_ = copy;
     open();
   }
-  // The error that a refused change ends with.
+  // The error of a change that is refused.
   Error refused(std::string_view key, const Value& value) {
     const auto done = store_->set(kOne, key, value);
     EXPECT_FALSE(done);
     return done ? Error{} : done.error();
   }
-  // A value that takes so many bytes as a setting under a key of one byte.
+  // A value with which a setting under a key of one byte has this size.
   static Value valueOfBytes(std::size_t bytes) {
     constexpr std::size_t kAround = 32;  // the dictionary, its key, the variants' types, the length
     return Value(Data(bytes - kAround));
@@ -80,7 +80,7 @@ class SettingsStoreTest : public testing::Test {
   std::unique_ptr<SettingsStore> store_;
 };
 
-TEST_F(SettingsStoreTest, EveryKindIsKeptExactlyOverAKill) {
+TEST_F(SettingsStoreTest, EveryTypeSurvivesAKillUnchanged) {
   const std::pair<const char*, Value> settings[] = {
       {"true", true},
       {"integer", 1},
@@ -109,14 +109,14 @@ TEST_F(SettingsStoreTest, EveryKindIsKeptExactlyOverAKill) {
   EXPECT_THAT(warnings_, IsEmpty());
 }
 
-TEST_F(SettingsStoreTest, DomainsAreApart) {
+TEST_F(SettingsStoreTest, DomainsAreSeparate) {
   ASSERT_TRUE(store_->set(kOne, "key", 1));
   EXPECT_TRUE(store_->value(kOther, "key").isNil());
   EXPECT_THAT(*store_->removeValues(kOther, {"key"}), IsEmpty());
   EXPECT_EQ(store_->value(kOne, "key"), Value(1));
 }
 
-TEST_F(SettingsStoreTest, AValueStandsAboveItsDefaultUntilItIsRemoved) {
+TEST_F(SettingsStoreTest, AValueHidesItsDefaultUntilItIsRemoved) {
   EXPECT_THAT(*store_->registerDefaults(kOne, Dictionary{{"a", 1}, {"b", "default"}}),
               ElementsAre("a", "b"));
   EXPECT_EQ(store_->value(kOne, "a"), Value(1));
@@ -128,10 +128,10 @@ TEST_F(SettingsStoreTest, AValueStandsAboveItsDefaultUntilItIsRemoved) {
   EXPECT_THAT(*store_->removeValues(kOne, {"a", "b", "a", "c"}), ElementsAre("a"));
   EXPECT_EQ(store_->value(kOne, "a"), Value(1));
   EXPECT_TRUE(store_->isDefault(kOne, "a"));
-  EXPECT_FALSE(store_->isDefault(kOne, "c"));  // Nobody knows it.
+  EXPECT_FALSE(store_->isDefault(kOne, "c"));  // The key is unknown.
 }
 
-TEST_F(SettingsStoreTest, DefaultsOutliveAKillToo) {
+TEST_F(SettingsStoreTest, DefaultsSurviveAKillToo) {
   ASSERT_TRUE(store_->registerDefaults(kOne, Dictionary{{"a", 1}}));
   openAsAfterAKill();
   EXPECT_EQ(store_->value(kOne, "a"), Value(1));
@@ -149,7 +149,7 @@ TEST_F(SettingsStoreTest, OnlyDefaultsThatAreReadDifferentlyCountAsChanged) {
   EXPECT_EQ(store_->value(kOne, "kind").type(), Value::Type::kBoolean);
 }
 
-TEST_F(SettingsStoreTest, AVersionNeverFallsWhateverHappensToTheSetting) {
+TEST_F(SettingsStoreTest, AVersionNeverFalls) {
   const auto version = [&](const char* key) {
     return store_->versions(kOne)[key].integer().value_or(0);
   };
@@ -161,7 +161,7 @@ TEST_F(SettingsStoreTest, AVersionNeverFallsWhateverHappensToTheSetting) {
   EXPECT_GT(ofValue, ofDefault);
   ASSERT_TRUE(store_->set(kOther, "a", 2));
   EXPECT_EQ(version("a"), ofValue);
-  ASSERT_TRUE(store_->set(kOne, "a", 2));  // Also a change.
+  ASSERT_TRUE(store_->set(kOne, "a", 2));  // This counts as a change, too.
   const auto again = version("a");
   EXPECT_GT(again, ofValue);
   ASSERT_TRUE(store_->removeValues(kOne, {"a"}));
@@ -206,7 +206,7 @@ TEST_F(SettingsStoreTest, ADomainsSettingsTakeAtMost192KiB) {
   EXPECT_TRUE(store_->set(kOne, "d", valueOfBytes(100)));
   EXPECT_EQ(refused("d", valueOfBytes(101)).code, ErrorCode::kExhausted);
   EXPECT_EQ(store_->value(kOne, "d"), valueOfBytes(100));
-  // What is taken away makes room, and other domains have room of their own.
+  // A removed setting makes room, and other domains have their own limits.
   EXPECT_TRUE(store_->set(kOther, "a", valueOfBytes(Limits::kSettingBytes)));
   ASSERT_TRUE(store_->removeValues(kOne, {"c"}));
   EXPECT_TRUE(store_->set(kOne, "d", valueOfBytes(101)));
@@ -223,11 +223,11 @@ TEST_F(SettingsStoreTest, ADomainHasAtMost1024Values) {
               HasSubstr("\"over\" of com.vantor.One: the most settings that a domain may have are "
                         "1024"));
   EXPECT_EQ(store_->value(kOne, "last"), Value(1));  // All or none.
-  EXPECT_TRUE(store_->set(kOne, "over", 1));         // Values are counted by themselves.
+  EXPECT_TRUE(store_->set(kOne, "over", 1));         // Values have their own limit.
 }
 
 TEST_F(SettingsStoreTest, TheFullestDomainTravelsInOneMessage) {
-  // Null markers are the smallest values that there are: eight bytes with what stands around.
+  // Null markers are the smallest values: eight bytes with their overhead.
   const Array smallest((Limits::kSettingBytes - 1000) / 8, Value::nullMarker());
   for (const char* key : {"a", "b", "c"}) {
     const auto set = store_->set(kOne, key, Value(smallest));
@@ -240,7 +240,7 @@ TEST_F(SettingsStoreTest, TheFullestDomainTravelsInOneMessage) {
   EXPECT_LT(*bytes, platform::kMaxPeerMessageBytes - platform::kPeerMessageHeaderBytes);
 }
 
-TEST_F(SettingsStoreTest, WhatCanNotBeKeptIsRefused) {
+TEST_F(SettingsStoreTest, AnUnstorableValueIsRefused) {
   EXPECT_EQ(refused("k", Value()).code, ErrorCode::kInvalid);
   EXPECT_EQ(refused("k", "\xFF").code, ErrorCode::kInvalid);
   Value deep = 1;
@@ -277,7 +277,7 @@ TEST_F(SettingsStoreTest, BlobsAreBoundedInSizeAndNumber) {
   const auto over = store_->persistBlob(kOne, "over", Data{1});
   ASSERT_FALSE(over);
   EXPECT_THAT(over.error().context, HasSubstr("the most blobs that a domain may have are 64"));
-  EXPECT_TRUE(store_->persistBlob(kOne, "1", Data{2}));  // It is there already.
+  EXPECT_TRUE(store_->persistBlob(kOne, "1", Data{2}));  // This key exists already.
   EXPECT_TRUE(store_->persistBlob(kOther, "over", Data{1}));
 }
 
@@ -324,14 +324,14 @@ TEST_F(SettingsStoreTest, AFileThatHoldsSomethingElseIsSetAside) {
   ASSERT_TRUE(store_->set(kOne, "a", 1));
 }
 
-TEST_F(SettingsStoreTest, AnEmptyFileIsANewOne) {
+TEST_F(SettingsStoreTest, AnEmptyFileCountsAsNew) {
   replaceFile("");
   open();
   EXPECT_THAT(warnings_, IsEmpty());
   EXPECT_TRUE(store_->set(kOne, "a", 1));
 }
 
-TEST_F(SettingsStoreTest, ASingleSettingThatCanNotBeReadIsLeftOut) {
+TEST_F(SettingsStoreTest, AnUnreadableSettingIsSkipped) {
   ASSERT_TRUE(store_->set(kOne, "good", 1));
   execute(
       "INSERT INTO setting VALUES('com.vantor.One', 1, 'bad', x'00', 1);"
@@ -344,7 +344,7 @@ TEST_F(SettingsStoreTest, ASingleSettingThatCanNotBeReadIsLeftOut) {
   EXPECT_EQ(warnings_.size(), 2u);
 }
 
-TEST_F(SettingsStoreTest, OnlyTenSettingsThatAreLeftOutAreNamed) {
+TEST_F(SettingsStoreTest, OnlyTenSkippedSettingsAreNamed) {
   for (const int many : {9, 10, 11, 5000}) {
     execute(("DELETE FROM setting; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n"
              " WHERE i < " +
@@ -382,8 +382,8 @@ TEST_F(SettingsStoreTest, AnImpossibleCountOfChangesIsDamage) {
   EXPECT_EQ(store_->versions(kOne)["a"], Value(4611686018427387905));
 }
 
-TEST_F(SettingsStoreTest, WhatADomainHoldsAboveItsLimitIsLeftOut) {
-  // As a program would that does not know the limits.
+TEST_F(SettingsStoreTest, SettingsAboveTheDomainsLimitAreSkipped) {
+  // As a program that does not know the limits would.
   ASSERT_TRUE(store_->set(kOne, "0", 1));
   execute(
       "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < 1024)"
@@ -408,14 +408,14 @@ TEST_F(SettingsStoreTest, WhatADomainHoldsAboveItsLimitIsLeftOut) {
   EXPECT_EQ(warnings_.size(), 1u);
 }
 
-TEST_F(SettingsStoreTest, ASettingThatWasLeftOutCanBeRemovedForGood) {
+TEST_F(SettingsStoreTest, ASkippedSettingCanBeRemovedForGood) {
   ASSERT_TRUE(store_->set(kOne, "a", 1));
   execute("INSERT INTO setting VALUES('com.vantor.One', 1, 'bad', x'00', 1)");
   open();
   ASSERT_EQ(warnings_.size(), 1u);
   const auto removed = store_->removeValues(kOne, {"bad"});
   ASSERT_TRUE(removed);
-  EXPECT_THAT(*removed, IsEmpty());  // Nobody could read it.
+  EXPECT_THAT(*removed, IsEmpty());  // The setting could not be read.
   EXPECT_EQ(store_->versions(kOne), (Dictionary{{"a", 1}}));
   warnings_.clear();
   open();
@@ -423,7 +423,7 @@ TEST_F(SettingsStoreTest, ASettingThatWasLeftOutCanBeRemovedForGood) {
   EXPECT_EQ(store_->dictionaryRepresentation(kOne), (Dictionary{{"a", 1}}));
 }
 
-TEST_F(SettingsStoreTest, WhatWasLeftOutIsRemovedTogetherWithWhatWasNot) {
+TEST_F(SettingsStoreTest, SkippedSettingsAreRemovedWithTheOthers) {
   ASSERT_TRUE(store_->set(kOne, "a", 1));
   execute("INSERT INTO setting VALUES('com.vantor.One', 1, 'bad', x'00', 1)");
   open();
@@ -445,14 +445,14 @@ TEST(QuotedKeyTest, IsCutBetweenCharactersWhereItIsTooLong) {
   EXPECT_EQ(quotedKey(beside), "\"" + most.substr(1) + "...\"");
 }
 
-TEST_F(SettingsStoreTest, WhereNoFileCanBeThatIsAnError) {
+TEST_F(SettingsStoreTest, AnImpossiblePathIsAnError) {
   const auto opened = SettingsStore::open(folder_.path("missing/settings.sqlite"), {kOne},
                                           [](std::string_view) { ADD_FAILURE(); });
   ASSERT_FALSE(opened);
   EXPECT_THAT(describe(opened.error()), HasSubstr("missing/settings.sqlite"));
 }
 
-TEST_F(SettingsStoreTest, AChangeThatCanNotBeWrittenIsNone) {
+TEST_F(SettingsStoreTest, AFailedWriteChangesNothing) {
   ASSERT_TRUE(store_->set(kOne, "a", 1));
   const Dictionary before = store_->versions(kOne);
   execute("CREATE TRIGGER full BEFORE INSERT ON setting BEGIN SELECT RAISE(FAIL, 'full'); END");
@@ -460,7 +460,7 @@ TEST_F(SettingsStoreTest, AChangeThatCanNotBeWrittenIsNone) {
   EXPECT_THAT(describe(refused("a", 2)), HasSubstr("full"));
   EXPECT_EQ(store_->value(kOne, "a"), Value(1));
   EXPECT_EQ(store_->versions(kOne), before);
-  EXPECT_THAT(*store_->removeValues(kOne, {"a"}), ElementsAre("a"));  // It still works.
+  EXPECT_THAT(*store_->removeValues(kOne, {"a"}), ElementsAre("a"));  // The store still works.
   openAsAfterAKill();
   EXPECT_TRUE(store_->value(kOne, "a").isNil());
 }

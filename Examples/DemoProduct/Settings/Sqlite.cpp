@@ -107,7 +107,7 @@ std::int64_t SqliteStatement::integer(int column) const {
 void SqliteDatabase::Closer::operator()(sqlite3* database) const { sqlite3_close_v2(database); }
 
 Result<SqliteDatabase> SqliteDatabase::open(const std::string& path,
-                                            std::chrono::milliseconds patience) {
+                                            std::chrono::milliseconds timeOut) {
   sqlite3* opened = nullptr;
   const int status =
       sqlite3_open_v2(path.c_str(), &opened,
@@ -117,11 +117,11 @@ Result<SqliteDatabase> SqliteDatabase::open(const std::string& path,
   SqliteDatabase database(opened, path);
   if (opened == nullptr) return std::unexpected(Error{ErrorCode::kExhausted, 0, path});
   if (status != SQLITE_OK) return std::unexpected(database.lastError());
-  sqlite3_busy_timeout(opened, static_cast<int>(patience.count()));
+  sqlite3_busy_timeout(opened, static_cast<int>(timeOut.count()));
   sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  // Exclusive, since nobody else has business here; the log then needs no shared memory. A commit
-  // is in the kernel's hands when it returns, which outlives any end of this process.
+  // Exclusive, since no other program uses the file; the log then needs no shared memory. A commit
+  // has reached the kernel when it returns, so it survives any end of this process.
   if (auto done = database.execute("PRAGMA cell_size_check = ON;"
                                    "PRAGMA locking_mode = EXCLUSIVE;"
                                    "PRAGMA journal_mode = WAL;"

@@ -13,21 +13,22 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-// A statement on its way. Belongs to its database, which outlives it, and to that one's thread.
+// A prepared statement. It belongs to its database, which outlives it, and to the database's
+// thread.
 class SqliteStatement {
  public:
-  // Parameters are numbered from 1; what is bound is copied.
+  // Parameters are numbered from 1; values are copied.
   SqliteStatement& bindText(int parameter, std::string_view text);
   SqliteStatement& bindBlob(int parameter, std::span<const std::uint8_t> bytes);
   SqliteStatement& bindInteger(int parameter, std::int64_t integer);
 
-  // Goes on to the next row; false where there is none. Also fails for what could not be bound.
+  // Goes to the next row; false after the last. Also reports a failed bind.
   platform::Result<bool> step();
   // For a statement without rows.
   platform::Result<void> run();
 
-  // Of the row; columns are numbered from 0. Valid until the next step, and empty or 0 where the
-  // column holds another type.
+  // A value of the row; columns are numbered from 0. Valid until the next step, and empty or 0 if
+  // the column holds another type.
   std::string_view text(int column) const;
   std::span<const std::uint8_t> blob(int column) const;
   std::int64_t integer(int column) const;
@@ -44,26 +45,27 @@ class SqliteStatement {
   int bindStatus_ = 0;
 };
 
-// A database in one file, ours alone while it is open. Every error names the file and says what
-// SQLite says of it: kInvalid for one that is damaged or holds something else, kExhausted for a
-// full disk, kDenied, else kSystem. Not for several threads; calls block as long as the disk does.
+// A database in one file, locked by this program while it is open. Every error names the file and
+// quotes SQLite: kInvalid for a file that is damaged or holds other data, kExhausted for a full
+// disk, kDenied, else kSystem. Not thread-safe; calls block for the disk.
 class SqliteDatabase {
  public:
-  static constexpr std::chrono::milliseconds kPatience{5000};
+  static constexpr std::chrono::milliseconds kTimeOut{5000};
 
-  // Opens the file, or makes it. Its folder, in which SQLite keeps a log beside it, decides who may
-  // read it. A symbolic link is refused. Waits so long for another program to let go of it.
+  // Opens the file, or creates it. The folder decides who may read it, since SQLite keeps a log
+  // beside it. A symbolic link is rejected. Waits for another program to release the file, for
+  // `timeOut` at most.
   //
-  // What has been committed survives the end of this program, however it ends. A power failure may
-  // cost the last changes but never the file.
+  // A commit survives any end of this program. A power failure may cost the last changes but never
+  // the file.
   static platform::Result<SqliteDatabase> open(const std::string& path,
-                                               std::chrono::milliseconds patience = kPatience);
+                                               std::chrono::milliseconds timeOut = kTimeOut);
 
-  // Without rows; several statements may stand in `sql`.
+  // Runs statements without rows; `sql` may hold several.
   platform::Result<void> execute(const char* sql);
   platform::Result<SqliteStatement> prepare(std::string_view sql);
 
-  // The error that the last call on this database ended with.
+  // The error of the last call on this database.
   platform::Error lastError() const;
 
  private:

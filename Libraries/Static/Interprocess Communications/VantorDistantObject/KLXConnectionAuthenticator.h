@@ -4,14 +4,14 @@
 #include "Platform/SystemFacts/SystemInformation.h"
 
 // The server's side of the authentication: the delegate of a vended connection and of all its
-// children. A peer is let in when it shows the token of this machine and this boot. Logs nothing.
+// children. A peer is accepted if it shows the token of this machine and this boot. Logs nothing.
 class KLXConnectionAuthenticator final : public platform::NSConnectionDelegate {
  public:
   // `system` outlives this.
   explicit KLXConnectionAuthenticator(const platform::SystemInformation& system)
       : system_(system) {}
 
-  // Gives the new connection the parent's delegate, so that it is authenticated in the same way.
+  // Gives the new connection the parent's delegate, so that both are authenticated alike.
   bool connection(platform::NSConnection& parent,
                   platform::NSConnection& shouldMakeNewConnection) override;
   platform::Data authenticationDataForComponents(const platform::Array& components) override;

@@ -28,7 +28,7 @@ class KLXConnectionAuthenticatorTest : public testing::Test {
     EXPECT_TRUE(connection_->registerName("server"));
   }
 
-  // What a client that shows `data` gets for it.
+  // The server's reply to a client that shows `data`.
   platform::MessageResult show(const Value& data) {
     peer_ = std::move(clientTransport_.connect("server", {}).value());
     return peer_->call(kSelector, {data}, 1s);
@@ -52,7 +52,7 @@ class KLXConnectionAuthenticatorTest : public testing::Test {
   std::unique_ptr<platform::PeerConnection> peer_;
 };
 
-TEST_F(KLXConnectionAuthenticatorTest, AClientWithTheTokenIsLetInAndShownTheServersOwn) {
+TEST_F(KLXConnectionAuthenticatorTest, AClientWithTheTokenIsAcceptedAndGetsTheServers) {
   EXPECT_EQ(show(systemProfileData(system_)), platform::MessageResult(clientProfileData(system_)));
 }
 
@@ -61,13 +61,13 @@ TEST_F(KLXConnectionAuthenticatorTest, AChildConnectionIsAuthenticatedByTheSameD
   ASSERT_EQ(connection_->childConnections().size(), 1u);
   NSConnection& child = *connection_->childConnections().front();
   EXPECT_EQ(child.delegate(), &authenticator_);
-  // And so is a child of that one.
+  // A child of the child, too.
   const auto grandchild = server_.connections.makeConnection();
   EXPECT_TRUE(authenticator_.connection(child, *grandchild));
   EXPECT_EQ(grandchild->delegate(), &authenticator_);
 }
 
-TEST_F(KLXConnectionAuthenticatorTest, ADelegateThatPassesTheQuestionsOnBecomesTheChildsDelegate) {
+TEST_F(KLXConnectionAuthenticatorTest, AForwardingDelegateBecomesTheChildsDelegate) {
   struct Passing final : platform::NSConnectionDelegate {
     explicit Passing(KLXConnectionAuthenticator& authenticator) : to(authenticator) {}
     bool connection(NSConnection& parent, NSConnection& shouldMakeNewConnection) override {
@@ -86,9 +86,9 @@ TEST_F(KLXConnectionAuthenticatorTest, ADelegateThatPassesTheQuestionsOnBecomesT
   EXPECT_EQ(connection_->childConnections().front()->delegate(), &passing);
 }
 
-TEST_F(KLXConnectionAuthenticatorTest, AWrongTokenIsRefusedAndTheAuthenticatorLogsNothing) {
+TEST_F(KLXConnectionAuthenticatorTest, AWrongTokenIsRefusedWithoutALine) {
   expectRefused(clientProfileData(system_));
-  // The one line is the connection layer's.
+  // The connection layer logs one line.
   EXPECT_EQ(server_.sink.messages().size(), 1u);
   EXPECT_EQ(server_.sink.messagesOf("NSConnection").size(), 1u);
 }
@@ -107,7 +107,7 @@ TEST_F(KLXConnectionAuthenticatorTest, EveryByteOfTheTokenCounts) {
   EXPECT_FALSE(authenticator_.authenticateComponents({}, {}));
 }
 
-TEST_F(KLXConnectionAuthenticatorTest, TheComponentsAreNotLookedAt) {
+TEST_F(KLXConnectionAuthenticatorTest, TheComponentsAreIgnored) {
   const Data token = systemProfileData(system_);
   EXPECT_TRUE(authenticator_.authenticateComponents({}, token));
   EXPECT_TRUE(authenticator_.authenticateComponents({Value("anything"), 7}, token));

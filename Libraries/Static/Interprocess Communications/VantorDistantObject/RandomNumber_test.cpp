@@ -18,7 +18,7 @@ TEST(RandomNumberTest, FillsTheWholeBuffer) {
   EXPECT_EQ(bytes, (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
-TEST(RandomNumberTest, FewerBytesThanAskedForAreAFailure) {
+TEST(RandomNumberTest, TooFewBytesAreAFailure) {
   for (const std::size_t size : {0u, 7u}) {
     platform::FakeRandomDevice device;
     device.limitTo(size);

@@ -2,6 +2,6 @@
 
 #include "Platform/Values/Value.h"
 
-// Whether two tokens are equal, byte for byte. How long it takes depends on their sizes alone, so
-// that nobody finds a token out byte by byte.
+// Compares two tokens byte by byte. The time depends on their sizes alone, so that no peer can
+// guess a token byte by byte.
 bool tokensAreEqual(const platform::Data& one, const platform::Data& other);

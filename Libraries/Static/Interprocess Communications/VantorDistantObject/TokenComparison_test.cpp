@@ -18,7 +18,7 @@ TEST(TokenComparisonTest, EqualMeansEveryByte) {
   }
 }
 
-TEST(TokenComparisonTest, OfTwoSizesNoneIsEqual) {
+TEST(TokenComparisonTest, DifferentSizesAreNeverEqual) {
   EXPECT_FALSE(tokensAreEqual(Data{1, 2, 3}, Data{1, 2}));
   EXPECT_FALSE(tokensAreEqual(Data{1, 2}, Data{1, 2, 3}));
   EXPECT_FALSE(tokensAreEqual({}, Data{0}));

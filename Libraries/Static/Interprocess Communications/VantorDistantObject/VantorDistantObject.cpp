@@ -152,7 +152,7 @@ void VantorDistantObject::setRootProxy(std::shared_ptr<NSDistantObject> proxy) {
 
 void VantorDistantObject::setConnection(std::shared_ptr<NSConnection> connection) {
   const auto old = std::exchange(connection_, std::move(connection));
-  // Somebody may keep it longer than this object lives.
+  // Another owner may keep it longer than this object lives.
   if (old && old != connection_ && old->delegate() == this) old->setDelegate(nullptr);
 }
 
@@ -160,7 +160,7 @@ void VantorDistantObject::setRecentException(std::optional<NSException> exceptio
   recentException_ = std::move(exception);
 }
 
-// Cleared first: its death notice comes back to this object.
+// Clear the member first: the connection's death notice calls this object back.
 void VantorDistantObject::invalidateConnection() {
   const auto old = connection_;
   setConnection(nullptr);
@@ -227,7 +227,7 @@ std::expected<void, NSException> VantorDistantObject::forwardInvocation(NSInvoca
   std::expected<void, NSException> outcome;
   setRecentException(std::nullopt);
   invocation.returnValue = {};
-  // An object that is not set up has no protocol to go by: its messages fail for want of a server.
+  // An object that is not set up has no protocol to check; its messages fail for lack of a server.
   if (isSetUp() && !poser().respondsToSelector(invocation.selector)) {
     outcome = std::unexpected(NSException{
         platform::kNSInvalidArgumentException,
@@ -250,23 +250,23 @@ MessageResult VantorDistantObject::sendMessage(std::string_view selector, Array 
   return std::move(invocation.returnValue);
 }
 
-MessageResult VantorDistantObject::lookWithMessage(std::string_view selector,
-                                                   const Array& arguments, Duration patience) {
+MessageResult VantorDistantObject::probeWithMessage(std::string_view selector,
+                                                    const Array& arguments, Duration timeOut) {
   const auto proxy = rootProxy_;
-  if (!proxy) return lookByOwnConnection(selector, arguments, environment_.loop.now() + patience);
+  if (!proxy) return probeByOwnConnection(selector, arguments, environment_.loop.now() + timeOut);
   const auto connection = proxy->connectionForProxy();
   const Duration usual = connection->replyTimeout();
-  connection->setReplyTimeout(std::min(patience, usual));
+  connection->setReplyTimeout(std::min(timeOut, usual));
   MessageResult result = proxy->sendMessage(selector, arguments);
   connection->setReplyTimeout(usual);
   return result;
 }
 
-MessageResult VantorDistantObject::lookByOwnConnection(std::string_view selector,
-                                                       const Array& arguments, Instant deadline) {
+MessageResult VantorDistantObject::probeByOwnConnection(std::string_view selector,
+                                                        const Array& arguments, Instant deadline) {
   const auto left = [&] { return std::max(deadline - environment_.loop.now(), Duration::zero()); };
   const auto connection =
-      remoteServerName_ ? environment_.connections.lookAtRegisteredName(*remoteServerName_, left())
+      remoteServerName_ ? environment_.connections.probeRegisteredName(*remoteServerName_, left())
                         : nullptr;
   if (!connection)
     return std::unexpected(NSException{platform::kNSInvalidSendPortException, "", {}});

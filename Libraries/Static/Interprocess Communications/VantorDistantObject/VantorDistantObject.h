@@ -17,26 +17,25 @@
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Time.h"
 
-// A message on its way, and what came back.
+// A message and its result.
 struct NSInvocation {
   std::string selector;
   platform::Array arguments = {};
-  platform::Value returnValue = {};  // nil until it succeeds, and where it fails
+  platform::Value returnValue = {};  // nil until the message succeeds, and if it fails
 };
 
-// The client's handle on a named server: stands for its root object, looks the server up when a
-// message needs it, finds it again after it died or restarted, and, if wanted, repeats what failed.
-// No exception of the server's or of the connection's ever reaches the caller: recentException()
-// holds the last one.
+// The client's proxy for a named server's root object. It looks the server up when a message needs
+// it, finds it again after a restart, and, on request, retries failed messages. No exception of the
+// server or the connection ever reaches the caller: recentException() holds the last one.
 //
-// An object of a protocol that nobody knows, or without a server name, deliberately exists too: it
-// is not set up, has no server name, observes nothing, and every message to it fails.
+// An object with an unknown protocol or without a server name deliberately exists too: it is not
+// set up, has no server name, observes nothing, and every message to it fails.
 //
-// Belongs to the run loop's thread. A message blocks for the time-outs and, repeated, up to five of
-// them and two seconds of pauses.
+// Belongs to the run loop's thread. A message blocks for the time-outs; with retries, for up to
+// five of them and two seconds of pauses.
 class VantorDistantObject : public platform::NSConnectionDelegate {
  public:
-  // What it works with; all of it outlives the object.
+  // All of it outlives the object.
   struct Environment {
     platform::RunLoop& loop;
     platform::NamedConnections& connections;
@@ -59,8 +58,8 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
                       std::optional<std::string> protocolName,
                       std::optional<std::string> startUpNotificationName);
 
-  // Raises gTimeoutInterval to 300 seconds, whatever the flag says: the servers that are worth a
-  // repetition are slow ones, and the system's other clients wait for them, too.
+  // Raises gTimeoutInterval to 300 seconds, whatever the flag is: servers that are worth a retry
+  // are slow, and the process's other clients wait for them, too.
   VantorDistantObject(const Environment& environment, std::optional<std::string> name,
                       std::optional<std::string> protocolName,
                       std::optional<std::string> startUpNotificationName,
@@ -70,39 +69,38 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   VantorDistantObject& operator=(const VantorDistantObject&) = delete;
   ~VantorDistantObject() override;
 
-  // The server's root object; connects where it is not known, and is null where that fails.
+  // The server's root object; connects if necessary, and is null if that fails.
   std::shared_ptr<platform::NSDistantObject> rootProxy();
   void setRootProxy(std::shared_ptr<platform::NSDistantObject> proxy);
-  // Whether rootProxy() yields one.
+  // Whether rootProxy() returns a proxy.
   bool isProxyValid();
 
   // The server has announced its start: the next message looks it up again.
   virtual void serverDidStart(const platform::DistributedNotification& notification);
   void connectionDidDieNotification(const platform::Notification& notification);
 
-  // Tells of the remote protocol without asking the server. Made anew at each call.
+  // Describes the remote protocol without asking the server. Each call makes a new one.
   platform::NSProtocolChecker poser() const;
   // Whether this object answers the selector itself or the remote protocol has it.
   bool respondsToSelector(std::string_view selector) const;
   bool conformsToProtocol(std::string_view name) const;
-  // A subclass adds its own methods.
+  // Subclasses add their own methods.
   virtual const platform::MethodDescription* methodSignatureForSelector(
       std::string_view selector) const;
 
-  // Sends the message to the server. Its failure is in recentException(), and the return value is
-  // nil then. Fails itself only for a selector that the remote protocol does not have.
+  // Sends the message to the server. If that fails, the exception is in recentException() and the
+  // return value is nil. Returns an error only for a selector that the remote protocol lacks.
   std::expected<void, platform::NSException> forwardInvocation(NSInvocation& invocation);
 
-  // The same for a message put together here; its return value.
+  // The same for a message made here; returns its return value.
   platform::MessageResult sendMessage(std::string_view selector, platform::Array arguments = {});
 
-  // The same for who only looks: one attempt, which takes `patience` at most and whose failure is
-  // returned. Nothing of it is logged here or left behind: where there is no connection yet it has
-  // one of its own, a server that is silent is not remembered as such, and one that is known to be
-  // is not waited for.
-  platform::MessageResult lookWithMessage(std::string_view selector,
-                                          const platform::Array& arguments,
-                                          platform::Duration patience);
+  // A probe: one attempt of `timeOut` at most, whose failure is returned. It logs nothing and
+  // changes nothing: without a connection it uses its own for this message, a server that does not
+  // answer is not remembered as hung, and a server that is known to hang is not waited for.
+  platform::MessageResult probeWithMessage(std::string_view selector,
+                                           const platform::Array& arguments,
+                                           platform::Duration timeOut);
 
   bool connection(platform::NSConnection& parent,
                   platform::NSConnection& shouldMakeNewConnection) override;
@@ -119,7 +117,7 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   void setConnection(std::shared_ptr<platform::NSConnection> connection);
   const std::optional<platform::NSException>& recentException() const { return recentException_; }
   void setRecentException(std::optional<platform::NSException> exception);
-  // Whether the connection stays open between messages; it does unless told otherwise.
+  // Whether the connection stays open between messages; the default is yes.
   bool shouldPersistConnection() const { return persistConnection_; }
   void setPersistConnection(bool persist) { persistConnection_ = persist; }
   bool retryAfterException() const { return retryAfterException_; }
@@ -130,15 +128,15 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   void invalidateConnection();
   bool isSetUp() const { return remoteServerName_.has_value(); }
   platform::MessageResult attempt(const NSInvocation& invocation);
-  platform::MessageResult lookByOwnConnection(std::string_view selector,
-                                              const platform::Array& arguments,
-                                              platform::Instant deadline);
-  // Tries, and repeats where that is wanted.
+  platform::MessageResult probeByOwnConnection(std::string_view selector,
+                                               const platform::Array& arguments,
+                                               platform::Instant deadline);
+  // Sends, and retries if that is enabled.
   void deliver(NSInvocation& invocation);
 
   const Environment environment_;
   const platform::Protocol* remoteProtocol_ = nullptr;
-  // Shared with whoever else keeps the proxy or the connection.
+  // Shared with all that keep the proxy or the connection.
   std::shared_ptr<platform::NSDistantObject> rootProxy_;
   std::optional<std::string> remoteServerName_;
   std::optional<std::string> remoteProtocolString_;

@@ -30,7 +30,7 @@ class VantorDistantObjectTest : public testing::Test {
       "Unable to establish a valid connection to the vended object";
   static constexpr char kNilProxy[] = "VantorNilProxyException";
 
-  // Answers the protocol; what reached it is in `messages`.
+  // Answers the protocol; `messages` holds the messages that reached it.
   struct Server final : platform::MessageReceiver {
     platform::MessageResult receiveMessage(std::string_view selector,
                                            const platform::Array& arguments) override {
@@ -82,7 +82,7 @@ class VantorDistantObjectTest : public testing::Test {
     loop_.runReady();
   }
 
-  // How long `action` blocked.
+  // For how long `action` blocked.
   template <typename Action>
   platform::Duration timeOf(Action action) {
     const platform::Instant start = loop_.now();
@@ -93,7 +93,7 @@ class VantorDistantObjectTest : public testing::Test {
     return object.recentException() ? object.recentException()->name : "none";
   }
 
-  // What logger 1 wrote at that level since the last look, without the source's name and line.
+  // The lines of logger 1 at that level since the last call, without the source's name and line.
   std::vector<std::string> lines(platform::AslLevel level) {
     std::vector<std::string> texts;
     for (const auto& message : sink_.messagesAtLevel(level)) {

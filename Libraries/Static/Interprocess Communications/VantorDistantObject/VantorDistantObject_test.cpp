@@ -62,7 +62,7 @@ TEST_F(VantorDistantObjectTest, ANewConnectionGetsTheTimeOutsTheDelegateAndThePr
   EXPECT_TRUE(object->rootProxy()->conformsToProtocol(kProtocolName));
 }
 
-TEST_F(VantorDistantObjectTest, AnUnknownProtocolOrNoNameLeavesItUnSetUpAndEveryMessageFails) {
+TEST_F(VantorDistantObjectTest, WithoutAProtocolOrNameEveryMessageFails) {
   startServer();
   std::vector<std::unique_ptr<VantorDistantObject>> objects;
   objects.push_back(
@@ -85,11 +85,11 @@ TEST_F(VantorDistantObjectTest, AnUnknownProtocolOrNoNameLeavesItUnSetUpAndEvery
     EXPECT_FALSE(object->conformsToProtocol(kProtocolName));
     EXPECT_FALSE(object->respondsToSelector("isServerUp"));
   }
-  announceStart();  // Which none of them observes.
+  announceStart();  // None of them observes this.
   EXPECT_THAT(server_.messages, IsEmpty());
 }
 
-TEST_F(VantorDistantObjectTest, ADownServerCostsANonRetryingObjectOneLine) {
+TEST_F(VantorDistantObjectTest, WithoutRetriesAMissingServerIsLoggedOnce) {
   const auto object = make();
   EXPECT_EQ(timeOf([&] { object->sendMessage("isServerUp"); }), 0s);
   EXPECT_THAT(errors(), ElementsAre(errorLine(kNilProxy, 1)));
@@ -98,7 +98,7 @@ TEST_F(VantorDistantObjectTest, ADownServerCostsANonRetryingObjectOneLine) {
   EXPECT_EQ(*object->recentException(), (platform::NSException{kNilProxy, "", {}}));
 }
 
-TEST_F(VantorDistantObjectTest, ADownServerCostsARetryingObjectFiveLinesAndFourPauses) {
+TEST_F(VantorDistantObjectTest, WithRetriesAMissingServerIsLoggedFiveTimes) {
   const auto object = makeRetrying();
   EXPECT_TRUE(object->retryAfterException());
   EXPECT_EQ(timeOf([&] { object->sendMessage("isServerUp"); }), 2s);
@@ -109,7 +109,7 @@ TEST_F(VantorDistantObjectTest, ADownServerCostsARetryingObjectFiveLinesAndFourP
   EXPECT_EQ(recentName(*object), kNilProxy);
 }
 
-TEST_F(VantorDistantObjectTest, ARetryingObjectReachesAServerThatComesUpMeanwhile) {
+TEST_F(VantorDistantObjectTest, ARetryReachesAServerThatHasStartedMeanwhile) {
   const auto object = makeRetrying();
   loop_.scheduleOutsideEvent(700ms, [this] { startServer(); });
   EXPECT_EQ(
@@ -119,7 +119,7 @@ TEST_F(VantorDistantObjectTest, ARetryingObjectReachesAServerThatComesUpMeanwhil
   EXPECT_EQ(recentName(*object), "none");
 }
 
-TEST_F(VantorDistantObjectTest, AnExceptionOfTheServersIsKeptAndNeverRaised) {
+TEST_F(VantorDistantObjectTest, AServersExceptionIsKeptAndNeverRaised) {
   startServer();
   const auto object = make();
   ASSERT_TRUE(object->isProxyValid());
@@ -127,7 +127,7 @@ TEST_F(VantorDistantObjectTest, AnExceptionOfTheServersIsKeptAndNeverRaised) {
   EXPECT_EQ(object->sendMessage("fail"), MessageResult(Value()));
   EXPECT_EQ(*object->recentException(), (platform::NSException{"ServerException", "because", {}}));
   EXPECT_THAT(errors(), ElementsAre(errorLine("ServerException", 1)));
-  // The proxy is forgotten, the connection only when the next message replaces it.
+  // The proxy is dropped now, the connection only when the next message replaces it.
   EXPECT_EQ(object->connection(), connection);
   EXPECT_TRUE(connection->isValid());
   EXPECT_EQ(object->sendMessage("isServerUp"), MessageResult(Value(true)));
@@ -136,7 +136,7 @@ TEST_F(VantorDistantObjectTest, AnExceptionOfTheServersIsKeptAndNeverRaised) {
   EXPECT_EQ(recentName(*object), "none");
 }
 
-TEST_F(VantorDistantObjectTest, ARetryingObjectRepeatsWhatTheServerRaises) {
+TEST_F(VantorDistantObjectTest, AServersExceptionIsRetriedToo) {
   startServer();
   const auto object = makeRetrying();
   EXPECT_EQ(object->sendMessage("fail"), MessageResult(Value()));
@@ -171,7 +171,7 @@ TEST_F(VantorDistantObjectTest, AServerThatDoesNotAnswerIsATimeOut) {
   EXPECT_THAT(errors(), ElementsAre(errorLine("NSPortTimeoutException", 1)));
 }
 
-TEST_F(VantorDistantObjectTest, AServerThatSaysNothingCostsOneWaitNotOnePerMessage) {
+TEST_F(VantorDistantObjectTest, AHungServerCostsOneTimeOutNotOnePerMessage) {
   startServer();
   const auto object = make();
   const auto another = make();
@@ -187,12 +187,12 @@ TEST_F(VantorDistantObjectTest, AServerThatSaysNothingCostsOneWaitNotOnePerMessa
   EXPECT_EQ(object->sendMessage("isServerUp"), MessageResult(Value(true)));
 }
 
-TEST_F(VantorDistantObjectTest, AnyRetryingInitialiserRaisesTheTimeOutOfAllThatConnectAfterwards) {
+TEST_F(VantorDistantObjectTest, TheRetryInitialiserRaisesTheTimeOutOfLaterConnections) {
   startServer();
   const auto before = make();
   ASSERT_TRUE(before->isProxyValid());
   const auto later = make();
-  // Whatever the flag says, and whether or not the object is set up.
+  // The flag does not matter, nor whether the object is set up.
   VantorDistantObject(environment(), std::nullopt, std::nullopt, std::nullopt, false);
   EXPECT_EQ(VantorDistantObject::gTimeoutInterval, 300.0);
   ASSERT_TRUE(later->isProxyValid());
@@ -201,7 +201,7 @@ TEST_F(VantorDistantObjectTest, AnyRetryingInitialiserRaisesTheTimeOutOfAllThatC
   EXPECT_EQ(timeOf([&] { later->sendMessage("isServerUp"); }), 300s);
 }
 
-TEST_F(VantorDistantObjectTest, AnUnknownSelectorIsTheBaseClassesFailureAndReachesNobody) {
+TEST_F(VantorDistantObjectTest, AnUnknownSelectorFailsInTheBaseClass) {
   startServer();
   const auto object = make();
   object->setRecentException(platform::NSException{"Old", "", {}});
@@ -229,7 +229,7 @@ TEST_F(VantorDistantObjectTest, WithoutPersistenceEachMessageHasItsOwnConnection
   }
   loop_.runReady();
   EXPECT_THAT(vended_->childConnections(), IsEmpty());
-  // Also after a failure, and after a selector that nobody knows.
+  // The same after a failure, and after an unknown selector.
   EXPECT_TRUE(object->isProxyValid());
   EXPECT_FALSE(object->sendMessage("hidden"));
   EXPECT_EQ(object->connection(), nullptr);
@@ -248,7 +248,7 @@ TEST_F(VantorDistantObjectTest, AfterTheServersDeathTheNextMessageReconnects) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(VantorDistantObjectTest, TheDeathOfAnotherConnectionLeavesItsOwnAlone) {
+TEST_F(VantorDistantObjectTest, TheDeathOfAnotherConnectionChangesNothing) {
   startServer();
   const auto object = make();
   const auto another = make();
@@ -262,7 +262,7 @@ TEST_F(VantorDistantObjectTest, TheDeathOfAnotherConnectionLeavesItsOwnAlone) {
   EXPECT_EQ(object->connection(), connection);
 }
 
-TEST_F(VantorDistantObjectTest, TheStartNotificationMakesTheNextMessageLookTheServerUpAgain) {
+TEST_F(VantorDistantObjectTest, AfterTheStartNotificationTheServerIsLookedUpAgain) {
   startServer();
   const auto object = make();
   ASSERT_TRUE(object->isProxyValid());
@@ -271,7 +271,8 @@ TEST_F(VantorDistantObjectTest, TheStartNotificationMakesTheNextMessageLookTheSe
   EXPECT_EQ(object->connection(), nullptr);
   EXPECT_EQ(object->sendMessage("isServerUp"), MessageResult(Value(true)));
   EXPECT_NE(object->connection(), connection);
-  EXPECT_EQ(connection->delegate(), nullptr);  // It is kept here, but no longer by the object.
+  // This test keeps it, but the object does not use it any more.
+  EXPECT_EQ(connection->delegate(), nullptr);
 }
 
 TEST_F(VantorDistantObjectTest, WithoutANotificationNameStartsAreNotObserved) {
@@ -283,7 +284,7 @@ TEST_F(VantorDistantObjectTest, WithoutANotificationNameStartsAreNotObserved) {
   EXPECT_EQ(object.connection(), connection);
 }
 
-TEST_F(VantorDistantObjectTest, ASubclassExtendsWhatHappensAtTheServersStart) {
+TEST_F(VantorDistantObjectTest, ASubclassCanExtendServerDidStart) {
   struct Extended final : VantorDistantObject {
     using VantorDistantObject::VantorDistantObject;
     void serverDidStart(const platform::DistributedNotification& notification) override {
@@ -307,7 +308,7 @@ TEST_F(VantorDistantObjectTest, ItConformsToTheRemoteProtocolWithoutAdoptingIt) 
   EXPECT_FALSE(object->conformsToProtocol("OtherProtocol"));
 }
 
-TEST_F(VantorDistantObjectTest, ItsOwnSelectorsAndTheRemoteProtocolsAreKnownWithoutTheServer) {
+TEST_F(VantorDistantObjectTest, SelectorsAreKnownWithoutTheServer) {
   const auto object = make();
   for (const char* selector : {"isServerUp", "echo:", "set:", "rootProxy", "poser"})
     EXPECT_TRUE(object->respondsToSelector(selector)) << selector;
@@ -321,7 +322,7 @@ TEST_F(VantorDistantObjectTest, ItsOwnSelectorsAndTheRemoteProtocolsAreKnownWith
   EXPECT_EQ(object->connection(), nullptr);
 }
 
-TEST_F(VantorDistantObjectTest, AsADelegateItAcceptsNobodyAndShowsTheClientsToken) {
+TEST_F(VantorDistantObjectTest, AsADelegateItAcceptsNoPeerAndShowsTheClientsToken) {
   const auto object = make();
   const auto parent = program_.connections.makeConnection();
   const auto child = program_.connections.makeConnection();
@@ -331,14 +332,14 @@ TEST_F(VantorDistantObjectTest, AsADelegateItAcceptsNobodyAndShowsTheClientsToke
   EXPECT_FALSE(object->authenticateComponents({}, systemProfileData(system_)));
 }
 
-TEST_F(VantorDistantObjectTest, ItKeepsWhatItWasMadeWith) {
+TEST_F(VantorDistantObjectTest, ItKeepsItsArguments) {
   const auto object = make();
   EXPECT_EQ(object->remoteServerName(), kName);
   EXPECT_EQ(object->protocolName(), kProtocolName);
   EXPECT_EQ(object->serverDidStartNotificationName(), kStarted);
 }
 
-TEST_F(VantorDistantObjectTest, DestroyedItObservesNothingAndIsNobodysDelegate) {
+TEST_F(VantorDistantObjectTest, AfterItsEndItObservesNothingAndIsNoDelegate) {
   startServer();
   auto object = make();
   ASSERT_TRUE(object->isProxyValid());
@@ -350,7 +351,7 @@ TEST_F(VantorDistantObjectTest, DestroyedItObservesNothingAndIsNobodysDelegate) 
 }
 
 TEST_F(VantorDistantObjectTest, ItLogsUnderItsOwnNameForAsLongAsItLives) {
-  std::jthread([this] {  // A thread that has not logged yet.
+  std::jthread([this] {  // a thread that has not logged yet
     {
       const auto object = make();
       const auto another = make();
@@ -358,7 +359,7 @@ TEST_F(VantorDistantObjectTest, ItLogsUnderItsOwnNameForAsLongAsItLives) {
     }
     EXPECT_EQ(sink_.messages().front().ident, "Vantor Distant Object");
     EXPECT_EQ(sink_.messages().front().facility, "com.vantor.hostagent.libVantorDistantObject");
-    // Nothing is left open: the thread has no client any more.
+    // All is closed: the thread has no client any more.
     EXPECT_EQ(vantorlogger_getclient()->ident, "<no asl_client>");
   })
       .join();

@@ -15,7 +15,7 @@ namespace {
 using platform::Error;
 using platform::ErrorCode;
 
-TEST(BootTimeTest, IsInWholeSecondsAndReadAnew) {
+TEST(BootTimeTest, IsInWholeSecondsAndReadEachTime) {
   platform::FakeSystemInformation system;
   EXPECT_EQ(systemBootTime(system), 1767323045.0);
   system.setBootTime(0);
@@ -24,7 +24,7 @@ TEST(BootTimeTest, IsInWholeSecondsAndReadAnew) {
   EXPECT_EQ(systemBootTime(system), 4294967296.0);
 }
 
-TEST(BootTimeTest, AFailureIsMinusOneAndTheSystemsErrorOnStandardError) {
+TEST(BootTimeTest, AFailureIsMinusOneAndASystemError) {
   platform::FakeSystemInformation system;
   system.setBootTime(std::unexpected(Error{ErrorCode::kSystem, EACCES, "/proc/stat"}));
   testing::internal::CaptureStderr();
@@ -34,7 +34,7 @@ TEST(BootTimeTest, AFailureIsMinusOneAndTheSystemsErrorOnStandardError) {
   EXPECT_EQ(seconds, -1.0);
 }
 
-TEST(BootTimeTest, AFailureWithoutASystemErrorSaysWhatIsWrong) {
+TEST(BootTimeTest, AFailureWithoutASystemErrorNamesTheFault) {
   platform::FakeSystemInformation system;
   system.setBootTime(std::unexpected(Error{ErrorCode::kInvalid, 0, "no line \"btime\""}));
   testing::internal::CaptureStderr();
@@ -43,7 +43,7 @@ TEST(BootTimeTest, AFailureWithoutASystemErrorSaysWhatIsWrong) {
   EXPECT_EQ(seconds, -1.0);
 }
 
-TEST(BootTimeTest, OfThisMachineLiesAfterTheYear2000) {
+TEST(BootTimeTest, ThisMachinesLiesAfterTheYear2000) {
   const platform::LinuxSystemInformation system(platform::PlatformConfiguration(), "/proc");
   const double seconds = systemBootTime(system);
   EXPECT_GT(seconds, 946'684'800.0);

@@ -3,12 +3,12 @@
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
 
-// The tokens by which the product's processes on one machine know each other: 16 bytes, the same in
-// every process until the next boot. Built anew at every call from the boot time (-1.0 where it
-// can't be read, so that both sides still agree), never kept. Any thread.
+// The tokens by which the product's processes on one machine recognize each other: 16 bytes, the
+// same in every process until the next boot. Each call builds them from the boot time (-1.0 if it
+// can't be read, so that both sides still agree); they are never kept. Any thread.
 
-// What a client sends and a server expects.
+// The token that a client sends and a server expects.
 platform::Data systemProfileData(const platform::SystemInformation& system);
 
-// What a server sends and a client expects.
+// The token that a server sends and a client expects.
 platform::Data clientProfileData(const platform::SystemInformation& system);

@@ -15,7 +15,7 @@ namespace {
 using platform::Data;
 using testing::ElementsAre;
 
-// Copies: a change of either table separates the new build from what is installed.
+// Copies, because a change of either table makes the new build incompatible with installed ones.
 constexpr std::uint8_t kA[] = {0x4a, 0x0b, 0x55, 0x1c, 0x61, 0xe0, 0xc3, 0xc4,
                                0xa1, 0x4a, 0x93, 0x36, 0xe0, 0x5c, 0xce, 0x82};
 constexpr std::uint8_t kB[] = {0xcf, 0x42, 0xec, 0xa5, 0xff, 0x3a, 0x88, 0x76,
@@ -97,7 +97,7 @@ TEST(ProfileDataTest, AnotherBootChangesBothTokens) {
   EXPECT_NE(clientProfileData(system), clientToken);
 }
 
-TEST(ProfileDataTest, OneTokenDoesNotPassForTheOther) {
+TEST(ProfileDataTest, TheTwoTokensDiffer) {
   const platform::LinuxSystemInformation system(platform::PlatformConfiguration(), "/proc");
   EXPECT_EQ(systemProfileData(system).size(), 16u);
   EXPECT_EQ(clientProfileData(system).size(), 16u);

@@ -19,13 +19,13 @@ constexpr char kProcessQueueKey[] = "com.vantor.logger2.default.process";
 constexpr std::string_view kWorkQueuePrefix = "com.vantor.logger2.workqueue";
 constexpr std::string_view kCountSuffix = ".count";
 
-// The key of a thread's queue, on the stack since every line needs it.
+// The key of a thread's queue. It is on the stack, since every line needs one.
 class QueueKey {
  public:
   explicit QueueKey(std::uint32_t threadNumber) {
     char* end = kWorkQueuePrefix.copy(buffer_.data(), kWorkQueuePrefix.size()) + buffer_.data();
     *end++ = '.';
-    // As `%d` shows the number: from 2^31 on it is negative.
+    // Formatted like `%d`: negative from 2^31 on.
     end =
         std::to_chars(end, buffer_.data() + buffer_.size(), static_cast<std::int32_t>(threadNumber))
             .ptr;
@@ -48,7 +48,7 @@ Logger2State::~Logger2State() = default;
 
 std::shared_ptr<WorkQueue> Logger2State::makeWorkQueue(std::string label, std::string_view ident) {
   std::shared_ptr<SerialQueue> queue = queues_.makeQueue(std::move(label));
-  // Null where the client could not be opened: the log then takes its default client.
+  // Null if the client could not be opened: the log then uses its default client.
   std::unique_ptr<AslClient> client = systemLog_.asl_open(ident, kFacility, 0);
   queue->setContext(platform::QueueContext(client.release(), &work_queue_finalizer));
   return std::make_shared<WorkQueue>(systemLog_, std::move(queue));
@@ -69,8 +69,8 @@ void Logger2State::initDefault() {
 void Logger2State::processDefaultOpen(std::string_view ident) {
   std::call_once(processDefaultOpenOnce_, [this, ident] {
     std::shared_ptr<WorkQueue> queue = makeWorkQueue(kProcessQueueKey, ident);
-    // Not on the control queue: once an open waits there, this would wait for that open. Without a
-    // table, which this does not make, nothing is stored.
+    // Not on the control queue: a waiting open would block this. Without a table nothing is stored,
+    // and this does not make one.
     const std::lock_guard lock(threadQueuesMutex_);
     if (threadQueues_) threadQueues_->insert_or_assign(kProcessQueueKey, std::move(queue));
   });
@@ -106,7 +106,7 @@ void Logger2State::close(std::uint32_t threadNumber) {
 void Logger2State::closeOnControlQueue(std::uint32_t threadNumber) {
   const std::string key(QueueKey(threadNumber).text());
   const std::string countKey = key + std::string(kCountSuffix);
-  // Let go of after the lock: the queue's finaliser may run.
+  // Released after the lock, because the queue's finaliser may run.
   const std::shared_ptr<WorkQueue> queue = queueUnder(key);
   if (!queue) {
     const std::string text = stringWithFormat("No queue found for the key '%@'.", key);
@@ -153,8 +153,8 @@ void Logger2State::log(std::uint32_t threadNumber, int level, std::string_view m
   initDefault();
   std::shared_ptr<WorkQueue> toStart;
   {
-    // Under the lock the table's hold on the queue is enough; a line that joins others that wait
-    // needs no more.
+    // Under the lock the table keeps the queue alive, which is enough for a line that joins a
+    // pending block.
     const std::lock_guard lock(threadQueuesMutex_);
     const std::shared_ptr<WorkQueue>& queue = choose(threadNumber);
     if (queue->add(level, message)) toStart = queue;

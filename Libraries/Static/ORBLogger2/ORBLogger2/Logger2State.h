@@ -14,11 +14,11 @@
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/SerialQueue.h"
 
-// What logger 2 holds for the whole process. `main` makes one and binds it; the functions of
-// ORBLogger2.h, which have the meaning of the members here, work on the one that is bound.
+// The state of logger 2 for the whole process. `main` makes one and binds it; the functions of
+// ORBLogger2.h call the members of the same meaning on the bound state.
 //
-// Any thread may use it. A line that was logged is written also when this is gone already, as long
-// as `systemLog` and `queues` live.
+// Any thread may use it. Lines that were logged are written even after this has been destroyed, as
+// long as `systemLog` and `queues` live.
 class Logger2State {
  public:
   // Both outlive this and every queue made here.
@@ -33,16 +33,16 @@ class Logger2State {
   void close(std::uint32_t threadNumber);
   void log(std::uint32_t threadNumber, int level, std::string_view message);
 
-  // Shared with the table and with the block that writes what waits.
+  // Shared with the table and with the block that writes pending lines.
   std::shared_ptr<platform::SerialQueue> queueFor(std::uint32_t threadNumber);
 
  private:
-  // A queue under its key, or the number of its users under the key with ".count". The table owns a
-  // queue together with the block that writes what waits on it.
+  // A queue under its key, or the number of its users under the key with ".count". The table shares
+  // a queue with the block that writes its pending lines.
   using TableValue = std::variant<std::shared_ptr<WorkQueue>, int>;
   struct KeyHash {
     using is_transparent = void;
-    // Keys differ at their end; a line of the log is not to pay for the rest.
+    // Keys differ at their end; hashing the rest would only slow down each line.
     std::size_t operator()(std::string_view key) const {
       constexpr std::size_t kTail = 8;
       return std::hash<std::string_view>{}(key.substr(key.size() - std::min(kTail, key.size())));
@@ -55,7 +55,7 @@ class Logger2State {
   void closeOnControlQueue(std::uint32_t threadNumber);
   std::shared_ptr<WorkQueue> queueUnder(std::string_view key) const;
 
-  // With the lock held.
+  // Requires the lock.
   const std::shared_ptr<WorkQueue>* find(std::string_view key) const;
   const std::shared_ptr<WorkQueue>& choose(std::uint32_t threadNumber) const;
 
@@ -66,15 +66,15 @@ class Logger2State {
   std::once_flag processDefaultOpenOnce_;
   std::shared_ptr<WorkQueue> defaultLogger2ControlQueue_;  // shared with its blocks
 
-  // Changes are made one after the other on the control queue; lines look it up on their own
-  // threads. A lock that is hardly ever contended costs less here than any snapshot that a reader
-  // takes part in owning.
+  // Changes run one after the other on the control queue; lines look their queue up on their own
+  // threads. This lock is hardly ever contended, and costs less than a snapshot that every reader
+  // would share.
   mutable std::mutex threadQueuesMutex_;
   std::unique_ptr<Table> threadQueues_;  // null until initDefault()
 };
 
-// Makes a state the one that the logger's functions use, until it ends. One at a time; while it
-// begins or ends no other thread may be inside one of those functions.
+// Binds a state: the logger's functions use it until this ends. Only one binding exists at a time,
+// and while it begins or ends no other thread may be inside one of those functions.
 class [[nodiscard]] Logger2Binding {
  public:
   explicit Logger2Binding(Logger2State& state);

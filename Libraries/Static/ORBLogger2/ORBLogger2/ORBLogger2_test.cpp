@@ -31,7 +31,7 @@ constexpr char kFacility[] = "com.vantor.hostagent";
 constexpr std::uint32_t kThread = 7;
 constexpr std::uint32_t kOther = 8;
 
-// Queues that run nothing until told to, and note what becomes of them.
+// Queues that run nothing until told to, and record their end.
 class HeldQueues final : public SerialQueues {
  public:
   ~HeldQueues() override { runPending(); }
@@ -51,7 +51,7 @@ class HeldQueues final : public SerialQueues {
   }
 
   const std::vector<std::string>& made() const { return made_; }
-  // Labels of the queues that are gone and whose context was closed by the logger's finaliser.
+  // Labels of the destroyed queues whose context was closed by the logger's finaliser.
   const std::vector<std::string>& finalized() const { return finalized_; }
 
  private:
@@ -86,7 +86,7 @@ class ORBLogger2Test : public testing::Test {
  protected:
   ~ORBLogger2Test() override { defaultLogger2Sender = "<no sender name>"; }
 
-  // The idents of what a line of that thread is written with.
+  // The idents of the clients that write a line of that thread.
   std::string identOf(std::uint32_t threadNumber) {
     queues_.runPending();
     sink_.clear();
@@ -103,7 +103,7 @@ class ORBLogger2Test : public testing::Test {
   std::optional<Logger2Binding> binding_{*state_};
 };
 
-TEST_F(ORBLogger2Test, ALineHasItsThreadsIdentTheFacilityTheLevelAndTheText) {
+TEST_F(ORBLogger2Test, ALineHasIdentFacilityLevelAndText) {
   vantorlogger2_open("ORBServiceManager", kThread);
   vantorlogger2_log(kThread, ASL_LEVEL_WARNING, "[%s:%u] %@", "main.cpp", 12U, "text");
   queues_.runPending();
@@ -111,7 +111,7 @@ TEST_F(ORBLogger2Test, ALineHasItsThreadsIdentTheFacilityTheLevelAndTheText) {
                                                     ASL_LEVEL_WARNING, "[main.cpp:12] text"}));
 }
 
-TEST_F(ORBLogger2Test, ALineIsWrittenLaterOnTheQueueAndNotOnTheCallersThread) {
+TEST_F(ORBLogger2Test, ALineIsWrittenOnTheQueueNotByTheCaller) {
   vantorlogger2_open("A", kThread);
   vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "line");
   EXPECT_THAT(sink_.messages(), IsEmpty());
@@ -127,20 +127,20 @@ TEST_F(ORBLogger2Test, TheTextIsFormattedWhenItIsLogged) {
   EXPECT_THAT(sink_.texts(), ElementsAre("before"));
 }
 
-TEST_F(ORBLogger2Test, AMessageContainingPercentSignsIsLoggedVerbatim) {
+TEST_F(ORBLogger2Test, PercentSignsAreLoggedVerbatim) {
   vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "%@", "50% %s %d %n %@ %");
   queues_.runPending();
   EXPECT_THAT(sink_.texts(), ElementsAre("50% %s %d %n %@ %"));
 }
 
-TEST_F(ORBLogger2Test, ALineOfAThreadThatNeverOpenedGoesToTheProcessQueue) {
+TEST_F(ORBLogger2Test, AThreadWithoutAQueueUsesTheProcessQueue) {
   vantorlogger2_open("First", kThread);
   vantorlogger2_open("Second", kThread + 1);
   EXPECT_EQ(identOf(kOther + 1), "First");
   EXPECT_EQ(get_queue(kOther + 1)->label(), "com.vantor.logger2.default.process");
 }
 
-TEST_F(ORBLogger2Test, ALineBeforeAnyOpenGoesToTheControlQueueWithoutASenderName) {
+TEST_F(ORBLogger2Test, ALineBeforeAnyOpenUsesTheControlQueue) {
   vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "line");
   queues_.runPending();
   EXPECT_THAT(sink_.messages(),
@@ -148,7 +148,7 @@ TEST_F(ORBLogger2Test, ALineBeforeAnyOpenGoesToTheControlQueueWithoutASenderName
   EXPECT_EQ(get_queue(kThread)->label(), "com.vantor.logger2.default");
 }
 
-TEST_F(ORBLogger2Test, TheSenderNameIsWhatItIsAtTheFirstUse) {
+TEST_F(ORBLogger2Test, TheSenderNameIsFixedAtTheFirstUse) {
   defaultLogger2Sender = "servicemanagerd";
   EXPECT_EQ(identOf(kThread), "servicemanagerd");
   defaultLogger2Sender = "too late";
@@ -201,7 +201,7 @@ TEST_F(ORBLogger2Test, EveryQueueIsLabelledWithItsKey) {
   vantorlogger2_open("A", kThread);
   vantorlogger2_open("B", 0);
   vantorlogger2_open("C", 0x7FFFFFFF);
-  // The number is shown as a signed one.
+  // The number is formatted as signed.
   vantorlogger2_open("D", 0x80000000);
   vantorlogger2_open("E", 0xFFFFFFFF);
   EXPECT_THAT(
@@ -225,13 +225,13 @@ TEST_F(ORBLogger2Test, TheControlAndTheProcessQueueAreMadeOnce) {
   EXPECT_THAT(queues_.finalized(), testing::Each("com.vantor.logger2.workqueue.7"));
 }
 
-TEST_F(ORBLogger2Test, TheProcessQueueComesThroughAnOpenOnly) {
+TEST_F(ORBLogger2Test, OnlyAnOpenMakesTheProcessQueue) {
   vantorlogger2_process_default_open("Too early");
   vantorlogger2_open("A", kThread);
   EXPECT_EQ(get_queue(kOther)->label(), "com.vantor.logger2.default");
 }
 
-TEST_F(ORBLogger2Test, LinesThatWaitAreWrittenBeforeTheClientIsClosed) {
+TEST_F(ORBLogger2Test, PendingLinesAreWrittenBeforeTheClientIsClosed) {
   vantorlogger2_open("Process", kOther);
   vantorlogger2_open("A", kThread);
   for (const char* text : {"1", "2", "3"}) vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "%s", text);
@@ -262,7 +262,7 @@ TEST_F(ORBLogger2Test, AnOpenAfterTheLastCloseMakesANewQueue) {
                                             Message{"B", kFacility, ASL_LEVEL_DEBUG, "new"}));
 }
 
-TEST_F(ORBLogger2Test, AClientThatCouldNotBeOpenedIsTheLogsDefaultClient) {
+TEST_F(ORBLogger2Test, AFailedOpenLeavesTheDefaultClient) {
   vantorlogger2_open(std::string(SystemLog::kMaximumNameSize + 1, 'x'), kThread);
   EXPECT_EQ(get_queue(kThread)->label(), "com.vantor.logger2.workqueue.7");
   EXPECT_EQ(identOf(kThread), "program");
@@ -278,7 +278,7 @@ TEST_F(ORBLogger2Test, ItsOwnErrorsAreSilent) {
 }
 
 TEST_F(ORBLogger2Test, ALineOfAClassShowsItsFileLineAndThread) {
-  vantorlogger2_open("Process", kThread);  // The one that lines of other threads fall back to.
+  vantorlogger2_open("Process", kThread);  // the queue that lines of other threads fall back to
   vantorlogger2_open("Main", mach_thread_self());
   const auto here = std::source_location::current();
   vantorlogger2_line(ASL_LEVEL_ERR, "100% of it");
@@ -294,7 +294,7 @@ TEST_F(ORBLogger2Test, ALineOfAClassShowsItsFileLineAndThread) {
   EXPECT_EQ(messages[1].ident, "Process");
 }
 
-TEST(ORBLogger2NamesTest, TheBaseNameIsWhatFollowsTheLastSlash) {
+TEST(ORBLogger2NamesTest, TheBaseNameFollowsTheLastSlash) {
   EXPECT_STREQ(vantorlogger2_srcbasename(nullptr), "");
   EXPECT_STREQ(vantorlogger2_srcbasename(""), "");
   EXPECT_STREQ(vantorlogger2_srcbasename("main.cpp"), "main.cpp");
@@ -303,7 +303,7 @@ TEST(ORBLogger2NamesTest, TheBaseNameIsWhatFollowsTheLastSlash) {
   EXPECT_STREQ(vantorlogger2_srcbasename("a/b/"), "");
 }
 
-TEST_F(ORBLogger2Test, WhileNothingIsBoundNothingHappens) {
+TEST_F(ORBLogger2Test, WithoutABindingCallsDoNothing) {
   binding_.reset();
   vantorlogger2_init_default();
   vantorlogger2_process_default_open("A");
@@ -317,7 +317,7 @@ TEST_F(ORBLogger2Test, WhileNothingIsBoundNothingHappens) {
   EXPECT_THAT(queues_.made(), IsEmpty());
 }
 
-TEST_F(ORBLogger2Test, WhatWaitsWhenTheStateEndsIsWritten) {
+TEST_F(ORBLogger2Test, PendingLinesAreWrittenWhenTheStateEnds) {
   vantorlogger2_open("A", kThread);
   vantorlogger2_log(kThread, ASL_LEVEL_ERR, "last words");
   binding_.reset();
@@ -327,7 +327,7 @@ TEST_F(ORBLogger2Test, WhatWaitsWhenTheStateEndsIsWritten) {
   EXPECT_THAT(sink_.messages(), ElementsAre(Message{"A", kFacility, ASL_LEVEL_ERR, "last words"}));
 }
 
-TEST_F(ORBLogger2Test, WhatWaitsIsBoundedAndWhatIsBeyondIsReported) {
+TEST_F(ORBLogger2Test, PendingLinesAreLimitedAndLostOnesReported) {
   const std::string part(WorkQueue::kMaximumBacklog / 8 - WorkQueue::kLineOverhead, 'x');
   for (int i = 0; i < 8; ++i) vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "%@", part);
   EXPECT_EQ(log_.dropped(), 0U) << "exactly the bound fits";
@@ -375,14 +375,14 @@ TEST_F(ORBLogger2ThreadsTest, LinesOfOneThreadKeepTheirOrder) {
   }
 }
 
-TEST_F(ORBLogger2ThreadsTest, OpensClosesAndLinesAtOnceLoseNoLine) {
+TEST_F(ORBLogger2ThreadsTest, ConcurrentOpensAndClosesLoseNoLine) {
   constexpr int kThreads = 4;
   constexpr int kLines = 300;
   {
     std::vector<std::jthread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
       threads.emplace_back([thread] {
-        // Two threads share each number, so that one closes the queue that the other logs to.
+        // Two threads share each number, so that one closes the queue to which the other logs.
         const auto number = static_cast<std::uint32_t>(thread / 2);
         for (int i = 0; i < kLines; ++i) {
           vantorlogger2_open("A", number);
@@ -399,7 +399,7 @@ TEST_F(ORBLogger2ThreadsTest, OpensClosesAndLinesAtOnceLoseNoLine) {
   EXPECT_EQ(get_queue(1)->label(), "com.vantor.logger2.default.process");
 }
 
-// Returns from a write only when released.
+// A write returns only when released.
 class BlockingLogSink final : public LogSink {
  public:
   Result<void> write(const LogRecord& /*record*/) override {
@@ -419,7 +419,7 @@ class BlockingLogSink final : public LogSink {
   std::atomic_flag released_;
 };
 
-TEST(ORBLogger2BlockedTest, ASinkThatBlocksHoldsUpNeitherLinesNorOpensOfOthers) {
+TEST(ORBLogger2BlockedTest, ABlockedSinkDelaysNoOtherThread) {
   BlockingLogSink sink;
   SystemLog log{sink, "program"};
   AsioSerialQueues queues{2};
@@ -454,10 +454,10 @@ TEST_F(ORBLogger2ThreadsTest, ALineDoesNotWaitForTheControlQueue) {
   get_queue(kThread)->sync([] {});
   EXPECT_THAT(sink_.texts(), ElementsAre("line"));
   released.count_down();
-  control->sync([] {});  // The block uses what ends here.
+  control->sync([] {});  // The block uses objects that are destroyed here.
 }
 
-TEST_F(ORBLogger2ThreadsTest, ASinkThatRefusesHoldsNobodyUp) {
+TEST_F(ORBLogger2ThreadsTest, AFailingSinkDelaysNoThread) {
   sink_.fail();
   for (int i = 0; i < 100; ++i) vantorlogger2_log(1, ASL_LEVEL_DEBUG, "lost");
   get_queue(1)->sync([] {});

@@ -4,7 +4,7 @@
 
 namespace {
 
-// Memory that a burst of lines has taken is kept up to this size for the next.
+// A burst's memory is kept up to this size for the next one.
 constexpr std::size_t kKeptText = std::size_t{64} << 10;
 constexpr std::size_t kKeptLines = 1024;
 

@@ -10,30 +10,30 @@
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/SerialQueue.h"
 
-// The lines that wait for one of logger 2's serial queues. Those that come while others wait are
-// written by the same block: a block for each would cost the caller more than the line's text does,
-// for its memory, which another thread would have to free, and for waking that thread.
+// The pending lines of one of logger 2's serial queues. Lines that come while others wait are
+// written by the same block. A block for each line would cost the caller more than the line's text
+// does: for its memory, which another thread would have to free, and for waking that thread.
 //
-// Owned jointly by the logger's table, by callers that start it, and by the block that is on its
-// way, so that what waits is written also after the last close. Any thread may use it.
+// Owned jointly by the logger's table, by callers that start it, and by the pending block, so that
+// pending lines are written even after the last close. Any thread may use it.
 class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
  public:
-  // What may wait, in bytes. A disk that has become slow would otherwise take the memory; what is
-  // beyond counts as lost, see SystemLog.
+  // The limit of the pending lines in bytes, since a disk that has become slow would otherwise fill
+  // the memory. Lines beyond it count as lost, see SystemLog.
   static constexpr std::size_t kMaximumBacklog = std::size_t{8} << 20;
-  // What a line costs while it waits, beside its text.
+  // The cost of a pending line beside its text.
   static constexpr std::size_t kLineOverhead = 64;
 
-  // The queue's context is the client that the lines are written with. `systemLog` outlives this.
+  // The queue's context is the client that writes the lines. `systemLog` outlives this.
   WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::SerialQueue> queue);
 
-  // Shared with its pending blocks and with whoever asked the logger for it.
+  // Shared with its pending blocks and with the logger's callers.
   const std::shared_ptr<platform::SerialQueue>& queue() const { return queue_; }
 
-  // Copies the text. Whether start() is to be called, since no block is on its way yet.
+  // Copies the text. True if no block is pending, so that the caller must call start().
   [[nodiscard]] bool add(int level, std::string_view text);
 
-  // Submits the block that writes what waits. Returns at once.
+  // Submits the block that writes the pending lines. Returns at once.
   void start();
 
  private:
@@ -58,6 +58,6 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   std::size_t costInWriting_ = 0;
   bool blockOnItsWay_ = false;
 
-  // Used by the queue's blocks only, which run one at a time; kept for its memory.
+  // Used by the queue's blocks only, which run one at a time; a member to keep its memory.
   Lines inWriting_;
 };

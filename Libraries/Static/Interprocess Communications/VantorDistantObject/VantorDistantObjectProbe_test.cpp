@@ -1,4 +1,4 @@
-// Who only looks at what a server says, and changes nothing by it.
+// Probes: messages that change nothing.
 
 #include <chrono>
 #include <memory>
@@ -14,18 +14,18 @@ using platform::MessageResult;
 using platform::Value;
 using testing::IsEmpty;
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksIsToldOfAFailureAndLeavesNothingBehind) {
+TEST_F(VantorDistantObjectTest, AFailedProbeIsReturnedAndChangesNothing) {
   startServer();
   const auto object = makeRetrying();
   ASSERT_TRUE(object->isProxyValid());
   const auto connection = object->connection();
-  EXPECT_EQ(object->lookWithMessage("isServerUp", {}, 2s), MessageResult(Value(true)));
-  const MessageResult raised = object->lookWithMessage("fail", {}, 2s);
+  EXPECT_EQ(object->probeWithMessage("isServerUp", {}, 2s), MessageResult(Value(true)));
+  const MessageResult raised = object->probeWithMessage("fail", {}, 2s);
   ASSERT_FALSE(raised);
   EXPECT_EQ(raised.error(), (platform::NSException{"ServerException", "because", {}}));
   serverTransport_.hang();
   EXPECT_EQ(timeOf([&] {
-              const MessageResult late = object->lookWithMessage("isServerUp", {}, 2s);
+              const MessageResult late = object->probeWithMessage("isServerUp", {}, 2s);
               ASSERT_FALSE(late);
               EXPECT_EQ(late.error().name, "NSPortTimeoutException");
             }),
@@ -37,30 +37,30 @@ TEST_F(VantorDistantObjectTest, WhoOnlyLooksIsToldOfAFailureAndLeavesNothingBehi
   EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksWithoutAConnectionMakesNoneThatStays) {
+TEST_F(VantorDistantObjectTest, AProbeWithoutAConnectionLeavesNoneOpen) {
   startServer();
   const auto object = make();
-  EXPECT_EQ(object->lookWithMessage("isServerUp", {}, 2s), MessageResult(Value(true)));
+  EXPECT_EQ(object->probeWithMessage("isServerUp", {}, 2s), MessageResult(Value(true)));
   EXPECT_EQ(object->connection(), nullptr);
   loop_.runReady();
   EXPECT_THAT(vended_->childConnections(), IsEmpty());
   stopServer();
-  const MessageResult gone = object->lookWithMessage("isServerUp", {}, 2s);
+  const MessageResult gone = object->probeWithMessage("isServerUp", {}, 2s);
   ASSERT_FALSE(gone);
   EXPECT_EQ(gone.error().name, platform::kNSInvalidSendPortException);
   EXPECT_THAT(sink_.messages(), IsEmpty());
 }
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksMakesNobodySilent) {
+TEST_F(VantorDistantObjectTest, AProbeDoesNotMarkAServerAsHung) {
   startServer();
   const auto object = make();
   serverTransport_.hang();
-  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(object->lookWithMessage("isServerUp", {}, 2s)); }), 2s);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(object->probeWithMessage("isServerUp", {}, 2s)); }), 2s);
   serverTransport_.goOn();
   EXPECT_EQ(object->sendMessage("isServerUp"), MessageResult(Value(true)));
 }
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksAtAServerThatAcceptsAndSaysNothingMakesItNotSilent) {
+TEST_F(VantorDistantObjectTest, AProbeDoesNotMarkAMuteServerAsHung) {
   std::vector<std::unique_ptr<platform::PeerConnection>> accepted;
   std::vector<platform::PeerMessage> kept;
   auto mute = serverTransport_.listen(pathOf(kName), {}, [&](auto peer) {
@@ -71,7 +71,7 @@ TEST_F(VantorDistantObjectTest, WhoOnlyLooksAtAServerThatAcceptsAndSaysNothingMa
   ASSERT_TRUE(mute);
   const auto object = make();
   EXPECT_EQ(timeOf([&] {
-              const MessageResult late = object->lookWithMessage("isServerUp", {}, 2s);
+              const MessageResult late = object->probeWithMessage("isServerUp", {}, 2s);
               ASSERT_FALSE(late);
               EXPECT_EQ(late.error().name, "NSPortTimeoutException");
             }),
@@ -85,14 +85,14 @@ TEST_F(VantorDistantObjectTest, WhoOnlyLooksAtAServerThatAcceptsAndSaysNothingMa
   EXPECT_EQ(object->sendMessage("isServerUp"), MessageResult(Value(true)));
 }
 
-TEST_F(VantorDistantObjectTest, WhoOnlyLooksDoesNotWaitWhereTheNameIsKnownToBeSilent) {
+TEST_F(VantorDistantObjectTest, AProbeDoesNotWaitForAServerKnownToHang) {
   startServer();
   const auto object = make();
   serverTransport_.hang();
   object->sendMessage("isServerUp");
-  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(object->lookWithMessage("isServerUp", {}, 2s)); }), 0s);
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(object->probeWithMessage("isServerUp", {}, 2s)); }), 0s);
   serverTransport_.goOn();
-  // Nor does the look end what is known.
+  // The probe did not clear the record either.
   object->sendMessage("isServerUp");
   EXPECT_EQ(recentName(*object), kNilProxy);
 }

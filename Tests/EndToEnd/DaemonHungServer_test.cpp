@@ -1,4 +1,4 @@
-// A configuration server that is there and does not answer.
+// A configuration server that exists and does not answer.
 
 #include <chrono>
 #include <string>
@@ -16,9 +16,9 @@
 namespace platform {
 namespace {
 
-class DaemonSilentServer : public DaemonFixture {
+class DaemonHungServer : public DaemonFixture {
  protected:
-  // The name has an owner, who does nothing about it.
+  // The name has an owner that does nothing.
   void listen() {
     const std::string path = pathOfConnection(root_.path(), "com.vantor.service.configd.status");
     sockaddr_un address{};
@@ -31,7 +31,7 @@ class DaemonSilentServer : public DaemonFixture {
     ASSERT_EQ(::listen(socket_.get(), 64), 0);
   }
 
-  // Takes what has connected, and keeps it.
+  // Accepts the waiting connections and keeps them.
   void accept() {
     for (;;) {
       UniqueFd peer(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -41,7 +41,7 @@ class DaemonSilentServer : public DaemonFixture {
   }
 
   // Starts a daemon whose configuration server is a program that vends nothing, and makes it ask
-  // three times more whether the server is up.
+  // three more times whether the server is up.
   void startAndAskAgain() {
     services_ = 1;
     Dictionary catalogue = DaemonRoot::catalogue(1);
@@ -63,14 +63,14 @@ class DaemonSilentServer : public DaemonFixture {
   std::vector<UniqueFd> peers_;
 };
 
-TEST_F(DaemonSilentServer, OneThatAcceptsNoConnectionIsWaitedForOnce) {
+TEST_F(DaemonHungServer, AServerThatNeverAcceptsIsWaitedForOnce) {
   ASSERT_NO_FATAL_FAILURE(listen());
   startAndAskAgain();
   accept();
   EXPECT_EQ(peers_.size(), 1U);
 }
 
-TEST_F(DaemonSilentServer, OneThatAcceptsAndSaysNothingIsWaitedForOnce) {
+TEST_F(DaemonHungServer, AServerThatNeverAnswersIsWaitedForOnce) {
   ASSERT_NO_FATAL_FAILURE(listen());
   const auto watch =
       root_.loop().watchReadable(socket_.get(), Urgency::kOrdinary, [this] { accept(); });
