@@ -26,7 +26,7 @@ class CrudeClient {
   // Registers as a client that gets notifications, with an object of these protocols.
   void registerClient(const Array& protocols);
 
-  // The answer to each message that it gets; nothing makes it hang up.
+  // The answer to each message that it gets; std::nullopt makes it hang up.
   void answerWith(std::optional<MessageResult> answer);
   bool hasEnded() const { return hasEnded_; }
 

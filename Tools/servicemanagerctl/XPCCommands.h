@@ -17,8 +17,8 @@
 #include "Platform/XPC/XPC.h"
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": the requests that any client
-// of the registry can send, with the same passkey.
+// "servicemanagerctl endpoints register|lookup NAME | execinfo PATH...": the requests that any
+// client of the registry can send, with the same passkey.
 class XPCCommands {
  public:
   // Adds the commands to `app`, which outlives this.
