@@ -3,10 +3,6 @@
 #include "Platform/Linux/Notifications/NotificationBus.h"
 
 #include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,23 +15,15 @@
 #include <unistd.h>
 
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
-#include "Platform/Linux/Sockets/SocketName.h"
-#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Notifications/DistributedNotificationCenter_contract.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"
-#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/NotificationBus_fixture.h"
 
 namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string contentsOf(const std::string& path) {
-  std::ifstream file(path);
-  EXPECT_TRUE(file) << path;
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
 
 // The rights of every user on a system bus, with our policy for it.
 std::string systemBusConfiguration() {
@@ -48,47 +36,6 @@ std::string systemBusConfiguration() {
          "<allow send_destination=\"org.freedesktop.DBus\"/></policy><include>" +
          std::string(SYSTEM_BUS_POLICY) + "</include></busconfig>";
 }
-
-// A bus with the product's configuration, in its own folder.
-class TestBus {
- public:
-  TestBus() : TestBus(contentsOf(NOTIFICATION_BUS_CONFIGURATION)) {}
-  explicit TestBus(const std::string& configuration) {
-    // So that the bus itself rejects other users.
-    std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
-                                 std::filesystem::perm_options::add);
-    folder_.write("bus.conf", configuration);
-    if (::geteuid() != 0) {
-      folder_.write("notification-bus.d/owner.conf",
-                    "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
-                        "\"><allow send_type=\"signal\" "
-                        "send_interface=\"com.vantor.DistributedNotification\"/>"
-                        "</policy></busconfig>");
-    }
-    start();
-  }
-
-  void start() {
-    program_.emplace(
-        std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
-                                 "--print-address", "--address=" + address_,
-                                 "--config-file=" + folder_.path("bus.conf")},
-        std::vector<std::string>{});
-    EXPECT_THAT(program_->nextLine(), testing::StartsWith(address_));
-  }
-  void stop() {
-    program_->signal(SIGKILL);
-    program_->waitForExit();
-  }
-
-  ChildProgram& program() { return *program_; }
-  const std::string& address() const { return address_; }
-
- private:
-  TemporaryFolder folder_;
-  const std::string address_ = "unix:path=" + folder_.path("bus");
-  std::optional<ChildProgram> program_;
-};
 
 class BusHarness final : public NotificationHarness {
  public:
@@ -114,79 +61,6 @@ std::unique_ptr<NotificationHarness> makeBusHarness() { return std::make_unique<
 
 INSTANTIATE_TEST_SUITE_P(Bus, DistributedNotificationCenterContract,
                          testing::Values(&makeBusHarness));
-
-// Runs the loop until a callback stops it.
-void runOrFail(AsioRunLoop& loop, const char* failure) {
-  const auto deadline = loop.startTimer(60s, RunLoop::Repeat::kOnce, [&] {
-    ADD_FAILURE() << failure;
-    loop.stop();
-  });
-  loop.run();
-}
-
-class NotificationBusTest : public testing::Test {
- protected:
-  using Observation = std::unique_ptr<DistributedNotificationCenter::Observation>;
-
-  // An observer is registered when addObserver() returns, however slow the bus is.
-  explicit NotificationBusTest(Duration confirmationTime = 60s)
-      : center_(makeBusNotificationCenter(*loop_, bus_.address(), log_, confirmationTime)) {}
-
-  void post(std::string_view name, Value userInfo = {}) {
-    center_->postNotificationName(name, std::nullopt, std::move(userInfo),
-                                  NSNotificationPosting::kThisSession);
-  }
-
-  // Posts a signal from a foreign client.
-  int postAsForeigner(std::vector<std::string> runner, std::vector<std::string> arguments) {
-    runner.insert(runner.end(), {"/usr/bin/dbus-send", "--bus=" + bus_.address(), "--type=signal",
-                                 "/com/vantor/DistributedNotification",
-                                 "com.vantor.DistributedNotification.Posted"});
-    runner.insert(runner.end(), arguments.begin(), arguments.end());
-    return ChildProgram(runner, {}).waitForExit().number;
-  }
-
-  // Delivers all that has reached the bus.
-  void deliver() {
-    const Observation end = center_->addObserver(
-        "com.vantor.end", std::nullopt, [&](const DistributedNotification&) { loop_->stop(); });
-    post("com.vantor.end");
-    runOrFail(*loop_, "the bus does not deliver");
-  }
-  void runUntilGotSomething() {
-    const auto look = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
-      if (!got_.empty()) loop_->stop();
-    });
-    runOrFail(*loop_, "nothing has come");
-  }
-
-  DistributedNotificationCenter::Handler note() {
-    return
-        [this](const DistributedNotification& notification) { got_.push_back(notification.name); };
-  }
-
-  TestBus bus_;
-  std::unique_ptr<AsioRunLoop> loop_ = std::move(AsioRunLoop::create().value());
-  FakeLogSink sink_;
-  SystemLog log_{sink_, "program"};
-  const std::unique_ptr<DistributedNotificationCenter> center_;
-  std::vector<std::string> got_;
-};
-
-// A hung bus, and a centre with a short time-out.
-class StoppedBusTest : public NotificationBusTest {
- protected:
-  static constexpr Duration kConfirmationTime = 500ms;
-
-  StoppedBusTest() : NotificationBusTest(kConfirmationTime) {}
-
-  // Connects the centre, and clears all that it has to report.
-  void connect() {
-    deliver();
-    loop_->post([&] { loop_->stop(); });
-    loop_->run();
-  }
-};
 
 TEST_F(NotificationBusTest, AForeignSignalOfOurLayoutIsDelivered) {
   const Observation observer = center_->addObserver("a", std::nullopt, note());
@@ -257,40 +131,6 @@ TEST_F(NotificationBusTest, AnUnencodableNotificationIsLoggedAndTheBusStays) {
     EXPECT_THAT(text, testing::HasSubstr(" was not posted: "));
 }
 
-TEST_F(StoppedBusTest, DelaysNobodyForLong) {
-  connect();
-  bus_.program().signal(SIGSTOP);
-  const Observation observer = center_->addObserver("a", std::nullopt, note());
-  const std::string text(60 * 1024, 'x');
-  for (int i = 0; i < 64; ++i) post("a", Dictionary{{"key", text}});
-  EXPECT_THAT(sink_.texts(), testing::Contains(testing::HasSubstr("does not read")));
-  bus_.program().signal(SIGCONT);
-  runUntilGotSomething();
-  EXPECT_THAT(got_, testing::Contains("a"));
-}
-
-TEST_F(StoppedBusTest, IsWaitedForOnceAndItsReturnIsReported) {
-  connect();
-  int returns = 0;
-  Observation returned = center_->observeReturn([&] {
-    ++returns;
-    loop_->stop();
-  });
-  bus_.program().signal(SIGSTOP);
-  const Instant start = loop_->now();
-  std::vector<Observation> observers;
-  for (int i = 0; i < 100; ++i)
-    observers.push_back(center_->addObserver("a" + std::to_string(i), std::nullopt, note()));
-  EXPECT_LT(loop_->now() - start, 100 * kConfirmationTime);
-  bus_.program().signal(SIGCONT);
-  runOrFail(*loop_, "the bus's return is not told");
-  EXPECT_EQ(returns, 1);
-  returned.reset();
-  post("a99");
-  deliver();
-  EXPECT_THAT(got_, testing::ElementsAre("a99"));
-}
-
 TEST_F(NotificationBusTest, ABusThatStartsLateIsFoundToo) {
   bus_.stop();
   const auto early = makeBusNotificationCenter(*loop_, bus_.address(), log_);
@@ -357,25 +197,6 @@ TEST_F(NotificationBusTest, MessagesBeforeTheEndOfTheBusAreDelivered) {
   bus_.stop();
   runUntilGotSomething();
   EXPECT_THAT(got_, testing::ElementsAre("a"));
-}
-
-TEST_F(NotificationBusTest, AFullBacklogDelaysNobody) {
-  bus_.program().signal(SIGSTOP);
-  const std::string path = bus_.address().substr(bus_.address().find('/'));
-  std::vector<UniqueFd> strangers;
-  for (;;) {
-    auto stranger = connectToSocket(path, Duration::zero());
-    if (!stranger) break;
-    strangers.push_back(*std::move(stranger));
-  }
-  const auto late = makeBusNotificationCenter(*loop_, bus_.address(), log_);
-  const Observation observer = late->addObserver("a", std::nullopt, note());
-  late->postNotificationName("a", std::nullopt, {}, NSNotificationPosting::kThisSession);
-  EXPECT_THAT(sink_.texts(), testing::ElementsAre(testing::HasSubstr("is not there")));
-  strangers.clear();
-  bus_.program().signal(SIGCONT);
-  const auto poster = loop_->startTimer(20ms, RunLoop::Repeat::kEvery, [&] { post("a"); });
-  runUntilGotSomething();
 }
 
 TEST(NotificationBusAddressTest, AnInvalidAddressIsLoggedOnceAndHasNoBus) {
