@@ -20,7 +20,7 @@ enum class ErrorCode {
 struct Error {
   ErrorCode code = ErrorCode::kSystem;
   int osError = 0;      // errno at the failing call, 0 when no system call was involved
-  std::string context;  // what failed, where, and what was expected; one line, for people
+  std::string context;  // the failed action, the place and the expectation; one line, for people
 };
 
 // `E` is `Error`, or an enum of outcomes that the direct caller handles and does not pass on.
