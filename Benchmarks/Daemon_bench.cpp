@@ -177,8 +177,8 @@ class DaemonInProcess {
   SettingsClientFactories factories_;
   // not used by the benchmark
   VirtualRunLoop unusedLoop_;
-  FakePeerNetwork nobodysNetwork_{unusedLoop_};
-  FakeXPC xpc_{nobodysNetwork_, {}, linux_->systemLog};
+  FakePeerNetwork unusedNetwork_{unusedLoop_};
+  FakeXPC xpc_{unusedNetwork_, {}, linux_->systemLog};
   FakeKernelControls controls_{unusedLoop_};
   FakeKernelExtensions extensions_{unusedLoop_, controls_};
   FakeExtendedAttributes attributes_;
@@ -204,7 +204,7 @@ void restartSubject(benchmark::State& state) {
     client.forgetNotices();
     const auto start = Clock::now();
     ::kill(static_cast<pid_t>(*process->integer()), SIGKILL);
-    while (!client.wasTold(label, 1)) daemon.root().loop().run();
+    while (!client.hasNotice(label, 1)) daemon.root().loop().run();
     state.SetIterationTime(since(start));
   }
 }
@@ -295,7 +295,7 @@ class FakeMachineDaemon : public ServiceManagerFixture {
   void TestBody() override {}
 };
 
-void evaluatePlayed(benchmark::State& state) {
+void evaluateOnFakeMachine(benchmark::State& state) {
   const auto services = static_cast<int>(state.range(0));
   FakeMachineDaemon daemon(services);
   for (auto _ : state) {
@@ -304,12 +304,12 @@ void evaluatePlayed(benchmark::State& state) {
     state.SetIterationTime(since(start) / services);
   }
 }
-BENCHMARK(evaluatePlayed)
+BENCHMARK(evaluateOnFakeMachine)
     ->Name("daemon-evaluation-10000/subject")
     ->Arg(10'000)
     ->UseManualTime()
     ->Iterations(5);
-BENCHMARK(evaluatePlayed)
+BENCHMARK(evaluateOnFakeMachine)
     ->Name("daemon-evaluation-10000/baseline")
     ->Arg(1000)
     ->UseManualTime()

@@ -67,7 +67,7 @@ void settingSubject(benchmark::State& state) {
     const bool isOff = program.client().objectForKey("on").isNil() && root.processOf(label) == 0;
     const auto start = Clock::now();
     program.set("on", 1);
-    root.await("the service", [&] { return client.wasTold(label, 1); });
+    root.await("the service", [&] { return client.hasNotice(label, 1); });
     state.SetIterationTime(since(start) - kDelay);
     if (!isOff || testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed())
       return state.SkipWithError("no service");

@@ -44,7 +44,7 @@ using namespace platform;
 
 constexpr std::size_t kLargeBytes = std::size_t{256} << 20;
 // A file that has just been written is not cached.
-constexpr useconds_t kTillRemembered = 2'200'000;
+constexpr useconds_t kUntilCached = 2'200'000;
 
 constexpr std::chrono::sys_seconds kFrom = std::chrono::sys_days{std::chrono::January / 1 / 2020};
 constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::January / 1 / 2030};
@@ -207,14 +207,14 @@ void execInfoOfLarge(benchmark::State& state) {
   const auto service = client.registry.connectToExecInfo();
   if (!service) return state.SkipWithError("no service");
   const std::string path = largeProgram(server);
-  ::usleep(kTillRemembered);
-  const auto isTold = [&] {
+  ::usleep(kUntilCached);
+  const auto isAnswered = [&] {
     const auto told = RegistryClient::ask(*service, RegistryClient::kExecInfo, {Value(path)});
     return told && told->at(0) == Value("valid: com.vantor.sample") && told->at(1) != Value("");
   };
-  if (!isTold()) return state.SkipWithError("not valid");
+  if (!isAnswered()) return state.SkipWithError("not valid");
   for (auto _ : state) {
-    if (!isTold()) return state.SkipWithError("no hash");
+    if (!isAnswered()) return state.SkipWithError("no hash");
   }
 }
 BENCHMARK(execInfoOfLarge)
@@ -250,7 +250,7 @@ void signingAndSource(benchmark::State& state) {
   addServiceManagerProtocols(protocols);
   const auto handler = std::make_shared<ORBExecInfoHandler>(
       ORBExecInfoHandler::Environment{**signatures, attributes, protocols}, nullptr);
-  ::usleep(kTillRemembered);
+  ::usleep(kUntilCached);
   for (auto _ : state) {
     if (handler->calculateSigningForPath(program) != "valid: com.vantor.test") {
       return state.SkipWithError("not valid");

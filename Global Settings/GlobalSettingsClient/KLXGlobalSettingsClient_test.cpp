@@ -51,7 +51,7 @@ struct RecordingDelegate final : KLXGlobalSettingsClientDelegate {
   std::function<void(SettingsClient&)> onRestart;
 };
 
-struct SilentDelegate final : KLXGlobalSettingsClientDelegate {};
+struct DelegateWithoutMethods final : KLXGlobalSettingsClientDelegate {};
 
 class KLXGlobalSettingsClientTest : public testing::Test {
  protected:
@@ -307,8 +307,8 @@ TEST_F(KLXGlobalSettingsClientTest, AServersStartForgetsTheConnectionThenNotifie
 
 TEST_F(KLXGlobalSettingsClientTest, ADelegateWithoutTheRestartMethodIsNotNotified) {
   const auto vended = vend("com.vantor.CommonPreferences", server_);
-  SilentDelegate silent;
-  const auto client = Client::commonSettingsClientWithDelegate(environment(), &silent);
+  DelegateWithoutMethods delegate;
+  const auto client = Client::commonSettingsClientWithDelegate(environment(), &delegate);
   ASSERT_TRUE(client->isProxyValid());
   post("com.vantor.CommonPreferences.didStart");
   EXPECT_EQ(client->connection(), nullptr);

@@ -53,7 +53,7 @@ TEST_F(DaemonClients, AMisbehavingClientIsDroppedAndTheOthersNotified) {
 
   const std::string label = DaemonRoot::label(0);
   const ProcessId now = expectKilledServiceIsReported(label);
-  root_.await("the last client to be told", [&] { return last.wasTold(label, 1); });
+  root_.await("the last client to be told", [&] { return last.hasNotice(label, 1); });
   EXPECT_THAT(last.notices(), ElementsAre(Notice{label, 0, 0}, Notice{label, 1, now}));
   root_.awaitLog(kAbandoned, 1 + crude_.size());
 

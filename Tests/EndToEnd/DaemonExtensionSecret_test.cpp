@@ -115,7 +115,7 @@ class DaemonExtensionSecret : public DaemonExtensionsFixture {
   std::string controls() const { return controlFolder(root_.path()); }
   std::string controlOf(const char* identifier) const { return controls() + "/" + identifier; }
   // The folders above the controls are open to everybody, as in an installation.
-  void openTheWayToTheControls() {
+  void openFoldersAboveControls() {
     for (const char* folder : {"", "run", "run/vantor"}) {
       ASSERT_EQ(::chmod(root_.folder().path(folder).c_str(), 0755), 0);
     }
@@ -219,7 +219,7 @@ TEST_F(DaemonExtensionSecret, TheUsersOtherProcessesCannotReadItsHolders) {
 TEST_F(DaemonExtensionSecret, AnOrdinaryUserCannotReachTheControls) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
-  openTheWayToTheControls();
+  openFoldersAboveControls();
   const std::string control = controlOf(kNetwork);
   const std::string memory = "/proc/" + std::to_string(extension(kNetwork)) + "/mem";
   const auto socket = [] { return UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)); };
@@ -256,7 +256,7 @@ TEST_F(DaemonExtensionSecret, AnOrdinaryUserCannotReachTheControls) {
 TEST_F(DaemonExtensionSecret, AControlIgnoresAnOrdinaryUser) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
-  openTheWayToTheControls();
+  openFoldersAboveControls();
   ASSERT_EQ(::chmod(controls().c_str(), 0755), 0);
   ASSERT_EQ(::chmod(controlOf(kNetwork).c_str(), 0666), 0);
   const auto asks = [&](ControlOperation operation, std::uint32_t option,
@@ -332,7 +332,7 @@ TEST_F(DaemonExtensionSecret, AnOrdinaryUserInTheExtensionsPlaceGetsNothing) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can act as another user";
   startWithBoth();
   const ProcessId first = extension(kNetwork);
-  openTheWayToTheControls();
+  openFoldersAboveControls();
   ASSERT_EQ(::chmod(controls().c_str(), 0777), 0);
   const Impostor impostor(controlOf(kNetwork));
   ASSERT_EQ(::chmod(controls().c_str(), 0700), 0);  // Otherwise the extension would not use it.

@@ -50,7 +50,7 @@ ProcessId DaemonFixture::expectKilledServiceIsReported(const std::string& label)
   EXPECT_GT(before, 0) << label;
   if (before <= 0) return 0;
   EXPECT_EQ(::kill(before, SIGKILL), 0);
-  root_.await(label + " to be back", [&] { return client_->wasTold(label, 1); });
+  root_.await(label + " to be back", [&] { return client_->hasNotice(label, 1); });
   const ProcessId now = root_.processOf(label);
   EXPECT_EQ(client_->notices(), (std::vector<Notice>{{label, 0, 0}, {label, 1, now}}));
   EXPECT_NE(now, before);

@@ -48,7 +48,7 @@ class DaemonHealth : public testing::Test {
     const ProcessId before = root_.processOf(label);
     ASSERT_GT(before, 0);
     ASSERT_EQ(::kill(before, SIGKILL), 0);
-    root_.await(label + " to be back", [&] { return client_->wasTold(label, 1); });
+    root_.await(label + " to be back", [&] { return client_->hasNotice(label, 1); });
     EXPECT_TRUE(client_->ask("services"));  // The daemon has reported that start, too.
   }
   Value summary() {
@@ -117,7 +117,7 @@ TEST_F(DaemonHealth, TheOperatorSeesHealthAndReason) {
                     HasSubstr("killed by SIGKILL"), HasSubstr("intact, signed as"),
                     HasSubstr("has ended by itself once since the last summary")));
   EXPECT_TRUE(client_->ask("stopServices:", Array{Value(Array{kB})}));
-  root_.await("the stop to be told", [&] { return client_->wasTold(kB, 0); });
+  root_.await("the stop to be told", [&] { return client_->hasNotice(kB, 0); });
   EXPECT_THAT(control({"explain", kB}).second,
               HasSubstr(kB + " does not run: it was asked to be stopped"));
   EXPECT_THAT(control({"explain", kB, "--json"}).second, HasSubstr("\"reason\": \"stopped\""));

@@ -52,7 +52,7 @@ TEST_F(DaemonServices, TwentySimultaneousKillsAreAllRestarted) {
   ASSERT_EQ(::kill(daemon, SIGCONT), 0);
   root_.await("all services to be back", [&] {
     int back = 0;
-    for (int i = 0; i < services_; ++i) back += client_->wasTold(DaemonRoot::label(i), 1) ? 1 : 0;
+    for (int i = 0; i < services_; ++i) back += client_->hasNotice(DaemonRoot::label(i), 1) ? 1 : 0;
     return back == services_;
   });
   EXPECT_EQ(client_->notices().size(), static_cast<std::size_t>(2 * services_));
@@ -80,14 +80,14 @@ TEST_F(DaemonServices, AReturningConfigurationServerCausesAnEvaluation) {
   root_.awaitLog("Primary service is shutting down");
   const std::string label = DaemonRoot::label(0);
   killAndAwait(root_.processOf(label));
-  root_.await("the end of the service", [&] { return client_->wasTold(label, 0); });
+  root_.await("the end of the service", [&] { return client_->hasNotice(label, 0); });
   EXPECT_TRUE(client_->ask("services"));  // The daemon has processed that end.
-  EXPECT_FALSE(client_->wasTold(label, 1));
+  EXPECT_FALSE(client_->hasNotice(label, 1));
 
   // ... until it is back.
   const std::size_t before = evaluations();
   root_.kill(DaemonRoot::kPrimary, SIGKILL);
-  root_.await("the service to be watched again", [&] { return client_->wasTold(label, 1); });
+  root_.await("the service to be watched again", [&] { return client_->hasNotice(label, 1); });
   root_.awaitLog("Primary service did start and ready to handle requests", 2);
   root_.await("the evaluation", [&] { return evaluations() > before; });
   EXPECT_THAT(client_->notices(), Contains(Notice{label, 1, root_.processOf(label)}));
@@ -102,7 +102,7 @@ TEST_F(DaemonServices, AnOrderlyRestartOfTheConfigurationServerIsFollowed) {
   root_.awaitLog("Primary service is shutting down");
   root_.awaitLog("Primary service did start and ready to handle requests", 2);
   root_.await("the server to be watched again",
-              [&] { return client_->wasTold(DaemonRoot::kPrimary, 1); });
+              [&] { return client_->hasNotice(DaemonRoot::kPrimary, 1); });
   EXPECT_THAT(client_->notices(),
               Contains(Notice{DaemonRoot::kPrimary, 1, root_.processOf(DaemonRoot::kPrimary)}));
   EXPECT_NE(root_.processOf(DaemonRoot::kPrimary), before);
@@ -153,7 +153,7 @@ TEST_F(DaemonServicesLong, AServiceThatEndedWhileTheHostHungIsRestarted) {
   root_.awaitLog("Unable to submit job:");  // The evaluation after its end finds no host.
   client_->forgetNotices();
   root_.host().continueHost();
-  root_.await(label + " to be back", [&] { return client_->wasTold(label, 1); });
+  root_.await(label + " to be back", [&] { return client_->hasNotice(label, 1); });
   EXPECT_NE(root_.processOf(label), before);
   expectNoneLostNoneDoubled(pids());
   expectKilledServiceIsReported(label);

@@ -104,7 +104,7 @@ TEST_F(DaemonSettingsAnswers, AWrongTypeStopsTheServiceUntilCorrected) {
                             ":The expected object for the switchkey \"on\" do not match the return "
                             "switchkey value \"";
   answer(Value("1"), clash + "1\" of type \"NSString\"");
-  root_.await(kFeature + " to end", [&] { return client.wasTold(kFeature, 0); });
+  root_.await(kFeature + " to end", [&] { return client.hasNotice(kFeature, 0); });
   answer(Array{1}, clash + "[1]\" of type \"NSArray\"");
   answer(Dictionary{{"on", 1}}, clash);
   answer(Data{1}, clash);
@@ -117,7 +117,7 @@ TEST_F(DaemonSettingsAnswers, AWrongTypeStopsTheServiceUntilCorrected) {
   client.forgetNotices();
   on_ = Value(1.0);
   post(kKLXGlobalSettingsDidChangeNotification);
-  root_.await(kFeature + " to run", [&] { return client.wasTold(kFeature, 1); });
+  root_.await(kFeature + " to run", [&] { return client.hasNotice(kFeature, 1); });
   EXPECT_EQ(root_.starts(), 1U);
 }
 

@@ -75,7 +75,7 @@ class DaemonSettingsServer : public testing::Test {
   }
   void awaitFeature(std::int64_t status) {
     root_.await("the feature's service",
-                [&] { return userInterface_->wasTold(kFeatureService, status); });
+                [&] { return userInterface_->hasNotice(kFeatureService, status); });
     userInterface_->forgetNotices();
   }
   // Returns the tool's exit status; its output is in `output_` and `errors_`.

@@ -55,10 +55,10 @@ class DaemonSettings : public testing::Test {
     EXPECT_TRUE(settings_->ask("setObject:forKey:sender:", {value, "on", "test"}));
   }
   void awaitRunning(const std::string& label) {
-    root_.await(label + " to run", [&] { return client_->wasTold(label, 1); });
+    root_.await(label + " to run", [&] { return client_->hasNotice(label, 1); });
   }
   void awaitEnd(const std::string& label) {
-    root_.await(label + " to end", [&] { return client_->wasTold(label, 0); });
+    root_.await(label + " to end", [&] { return client_->hasNotice(label, 0); });
   }
   // Waits until the daemon has written all lines so far: lines come in order, and this makes one.
   void awaitWrittenLog() {

@@ -61,7 +61,7 @@ void UserInterfaceClient::registerClient() {
   EXPECT_TRUE(taken) << taken.error().reason;
 }
 
-bool UserInterfaceClient::wasTold(std::string_view label, std::int64_t status) const {
+bool UserInterfaceClient::hasNotice(std::string_view label, std::int64_t status) const {
   return std::ranges::any_of(notices_, [&](const Notice& notice) {
     return notice.label == label && notice.status == status;
   });

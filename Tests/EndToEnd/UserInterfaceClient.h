@@ -44,7 +44,7 @@ class UserInterfaceClient final : public MessageReceiver {
   const std::vector<Notice>& notices() const { return notices_; }
   void forgetNotices() { notices_.clear(); }
   // Whether it has got this notification of the service.
-  bool wasTold(std::string_view label, std::int64_t status) const;
+  bool hasNotice(std::string_view label, std::int64_t status) const;
 
   // Called within each notification.
   std::function<void(const Notice&)> onNotice;

@@ -57,25 +57,25 @@ TEST(ExtensionsReportTest, FaultsAreShownBelowTheTable) {
 }
 
 TEST(ExtensionsReportTest, StatesThatTheJobHostWithholdsAreUnknown) {
-  const auto extension = [](bool isTold) {
+  const auto extension = [](bool isKnown) {
     Dictionary facts{{"Identifier", "i"}, {"Path", "/a.kext"}, {"IsConnected", false}};
-    if (isTold) facts.set("IsLoaded", false);
+    if (isKnown) facts.set("IsLoaded", false);
     return facts;
   };
-  const Dictionary untold{{"a", extension(true)}, {"b", extension(false)}, {"c", Dictionary()}};
-  EXPECT_EQ(tableOfExtensions(untold, Reader::kOther),
+  const Dictionary facts{{"a", extension(true)}, {"b", extension(false)}, {"c", Dictionary()}};
+  EXPECT_EQ(tableOfExtensions(facts, Reader::kOther),
             "NAME  IDENTIFIER  INSTALLED  LOADED   CONNECTED  CONFIGURED  USED BY\n"
             "a     i           yes        no       no         -           -\n"
             "b     i           yes        unknown  no         -           -\n"
             "c     -           no         -        -          -           -\n");
-  const auto json = jsonOfExtensions(untold);
+  const auto json = jsonOfExtensions(facts);
   EXPECT_EQ(json["a"]["IsLoaded"], false);
   ASSERT_TRUE(json["b"].contains("IsLoaded"));
   EXPECT_TRUE(json["b"]["IsLoaded"].is_null());
   EXPECT_FALSE(
       // The catalogue names it, but it has no identifier to ask for.
       json["c"].contains("IsLoaded"));
-  EXPECT_TRUE(isAnyLoadingUnknown(untold));
+  EXPECT_TRUE(isAnyLoadingUnknown(facts));
   EXPECT_FALSE(isAnyLoadingUnknown(Dictionary{{"a", extension(true)}, {"c", Dictionary()}}));
   EXPECT_FALSE(isAnyLoadingUnknown(Value()));
 }

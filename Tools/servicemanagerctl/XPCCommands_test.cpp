@@ -34,11 +34,11 @@ using testing::HasSubstr;
 constexpr char kAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 // A registry that answers no request; optionally it does not even authenticate itself.
-class SilentRegistry final : public NSXPCListenerDelegate,
-                             public NSXPCExportedObject,
-                             public std::enable_shared_from_this<SilentRegistry> {
+class HungRegistry final : public NSXPCListenerDelegate,
+                           public NSXPCExportedObject,
+                           public std::enable_shared_from_this<HungRegistry> {
  public:
-  SilentRegistry(const ProtocolTable& protocols, std::optional<Value> signature)
+  HungRegistry(const ProtocolTable& protocols, std::optional<Value> signature)
       : protocols_(protocols), signature_(std::move(signature)) {}
 
   bool listener(NSXPCListener& /*listener*/,
@@ -97,9 +97,9 @@ class XPCCommandsTest : public testing::Test {
   }
   void serveNothing(std::optional<Value> signature) {
     daemon_ = makeXPC();
-    silent_ = std::make_shared<SilentRegistry>(protocols_, std::move(signature));
+    hungRegistry_ = std::make_shared<HungRegistry>(protocols_, std::move(signature));
     listener_ = daemon_->xpc().makeListener(kEndpointRegistryService);
-    listener_->setDelegate(silent_);
+    listener_->setDelegate(hungRegistry_);
     listener_->resume();
   }
   void serve() {
@@ -169,7 +169,7 @@ class XPCCommandsTest : public testing::Test {
   ProtocolTable protocols_;
   std::unique_ptr<LinuxXPC> daemon_;
   std::shared_ptr<ORBServiceManagerXPCHandler> registry_;
-  std::shared_ptr<SilentRegistry> silent_;
+  std::shared_ptr<HungRegistry> hungRegistry_;
   std::shared_ptr<ORBExecInfoHandler> info_;
   std::shared_ptr<NSXPCListener> listener_;
   std::shared_ptr<NSXPCListener> execListener_;

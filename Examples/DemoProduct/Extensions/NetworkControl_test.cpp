@@ -15,8 +15,8 @@ class NetworkControlTest : public testing::Test {
  protected:
   const Data secretBytes_{1, 2, 3, 4, 5, 6, 7, 8};
   KeptSecret secret_;
-  int told_ = 0;
-  NetworkControl control_{5, secret_, [this] { ++told_; }};
+  int secretsWritten_ = 0;
+  NetworkControl control_{5, secret_, [this] { ++secretsWritten_; }};
 };
 
 TEST_F(NetworkControlTest, ReturnsItsVersion) {
@@ -28,7 +28,7 @@ TEST_F(NetworkControlTest, AnswersAChallengeOnceItHasTheSecret) {
   ASSERT_TRUE(control_.setOption(kChallengeOption, Data{9, 9}));
   EXPECT_EQ(control_.getOption(kAnswerOption).error().osError, ENOKEY);
   ASSERT_TRUE(control_.setOption(5, secretBytes_));
-  EXPECT_EQ(told_, 1);
+  EXPECT_EQ(secretsWritten_, 1);
   EXPECT_EQ(control_.getOption(kAnswerOption).value(),
             answerToChallenge(secretBytes_, Data{9, 9}).value());
   EXPECT_EQ(control_.getOption(kAnswerOption).error().osError, ENOENT);
@@ -50,7 +50,7 @@ TEST_F(NetworkControlTest, ASecretHasAMaximumLength) {
   EXPECT_TRUE(control_.setOption(5, Data(KeptSecret::kMaxBytes, 2)));
   EXPECT_FALSE(control_.setOption(5, Data(KeptSecret::kMaxBytes + 1, 3)));
   EXPECT_TRUE(std::ranges::equal(secret_.bytes(), Data(KeptSecret::kMaxBytes, 2)));
-  EXPECT_EQ(told_, 2);
+  EXPECT_EQ(secretsWritten_, 2);
 }
 
 TEST_F(NetworkControlTest, AChallengeHasAMaximumLength) {

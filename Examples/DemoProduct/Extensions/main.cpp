@@ -47,7 +47,7 @@ class FaultyControl final : public platform::ControlHandler {
       : control_(std::move(control)), info_(info) {}
 
   platform::Result<platform::Data> getOption(std::uint32_t option) override {
-    crashIfToldTo();
+    crashIfConfigured();
     auto answer = control_->getOption(option);
     const auto length = info_["ControlAnswerBytes"].integer();
     if (answer && length)
@@ -57,12 +57,12 @@ class FaultyControl final : public platform::ControlHandler {
   }
   platform::Result<void> setOption(std::uint32_t option,
                                    std::span<const std::uint8_t> bytes) override {
-    crashIfToldTo();
+    crashIfConfigured();
     return control_->setOption(option, bytes);
   }
 
  private:
-  void crashIfToldTo() const {
+  void crashIfConfigured() const {
     if (info_["ControlCrashes"].boolean() == true) std::abort();
   }
 
