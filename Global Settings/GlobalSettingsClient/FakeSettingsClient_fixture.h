@@ -16,7 +16,7 @@ class FakeSettingsClient final : public SettingsClient {
     const auto found = settings_.find(std::string(key));
     return found == settings_.end() ? platform::Value() : found->second;
   }
-  platform::MessageResult lookAtObjectForKey(std::string_view key, platform::Duration) override {
+  platform::MessageResult probeObjectForKey(std::string_view key, platform::Duration) override {
     return objectForKey(key);
   }
   void forgetConnection() override { ++lookedUpAnew; }

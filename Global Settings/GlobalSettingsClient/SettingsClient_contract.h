@@ -29,8 +29,8 @@ class SettingsClientContract
 
   static constexpr std::chrono::seconds kTimeout{1};
 
-  platform::MessageResult lookAt(const char* key) {
-    return client_.lookAtObjectForKey(key, kTimeout);
+  platform::MessageResult probe(const char* key) {
+    return client_.probeObjectForKey(key, kTimeout);
   }
 
   const std::unique_ptr<SettingsUnderTest> settings_ = GetParam()();
@@ -65,12 +65,12 @@ TEST_P(SettingsClientContract, ASettingHasAnyType) {
 }
 
 TEST_P(SettingsClientContract, LookingAtASettingReturnsTheSameValue) {
-  EXPECT_EQ(lookAt("mode"), platform::MessageResult(Value()));
+  EXPECT_EQ(probe("mode"), platform::MessageResult(Value()));
   settings_->set("mode", "on");
-  EXPECT_EQ(lookAt("mode"), platform::MessageResult("on"));
+  EXPECT_EQ(probe("mode"), platform::MessageResult("on"));
   EXPECT_EQ(client_.objectForKey("mode"), Value("on"));
   settings_->set("mode", "off");
-  EXPECT_EQ(lookAt("mode"), platform::MessageResult("off"));
+  EXPECT_EQ(probe("mode"), platform::MessageResult("off"));
 }
 
 TEST_P(SettingsClientContract, AForgottenConnectionChangesNoAnswer) {
@@ -79,7 +79,7 @@ TEST_P(SettingsClientContract, AForgottenConnectionChangesNoAnswer) {
   EXPECT_EQ(client_.objectForKey("mode"), Value("on"));
   client_.forgetConnection();
   client_.forgetConnection();
-  EXPECT_EQ(lookAt("mode"), platform::MessageResult("on"));
+  EXPECT_EQ(probe("mode"), platform::MessageResult("on"));
   EXPECT_EQ(client_.objectForKey("mode"), Value("on"));
   EXPECT_TRUE(client_.objectForKey("absent").isNil());
 }

@@ -77,7 +77,7 @@ TEST_F(OperatorReasonTest, AnInstallerKeepsServicesDown) {
 TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
   startAll();
   manager().stopServices({kHelper});
-  manager().setOperatingMode(ORBOperatingModeWaitingForPrimaryService);
+  manager().handleGlobalSettingsServerWillShutdown({});
   manager().trackServiceForUserClientShutdownRequest(kHelper, false);
   EXPECT_EQ(reasonOf(kHelper), "waiting");
   manager().evaluateInformationForService(kHelper);

@@ -232,7 +232,7 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
     for (const auto& [key, expected] : configuration.switches) {
       Dictionary row{
           {kFactFeature, configuration.feature}, {kFactKey, key}, {kFactExpected, expected}};
-      situation.switches.push_back(lookAtSwitch(row, configuration, key, expected, left));
+      situation.switches.push_back(addSwitchFacts(row, configuration, key, expected, left));
       row.set(kFactOutcome, wordOf(situation.switches.back()));
       all.push_back(std::move(row));
     }
@@ -240,7 +240,7 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
   facts.set(kFactSwitches, std::move(all));
 }
 
-SwitchOutcome OperatorReport::lookAtSwitch(Dictionary& facts,
+SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
                                            const FeatureConfiguration& configuration,
                                            const std::string& key, const Value& expected,
                                            SourceTimes& left) const {
