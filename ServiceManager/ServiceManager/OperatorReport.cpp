@@ -241,9 +241,9 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
 }
 
 SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
-                                           const FeatureConfiguration& configuration,
-                                           const std::string& key, const Value& expected,
-                                           SourceTimes& left) const {
+                                             const FeatureConfiguration& configuration,
+                                             const std::string& key, const Value& expected,
+                                             SourceTimes& left) const {
   if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
   SettingsSources::ConfigurationClients none;

@@ -75,9 +75,9 @@ class OperatorReport {
   // The rest of the time that each settings server gets to answer for these facts, by its prefix.
   using SourceTimes = std::map<std::string, platform::Duration>;
   // Adds what was found to the facts of the switch.
-  SwitchOutcome addSwitchFacts(platform::Dictionary& facts, const FeatureConfiguration& configuration,
-                             const std::string& key, const platform::Value& expected,
-                             SourceTimes& left) const;
+  SwitchOutcome addSwitchFacts(platform::Dictionary& facts,
+                               const FeatureConfiguration& configuration, const std::string& key,
+                               const platform::Value& expected, SourceTimes& left) const;
   platform::Dictionary factsOfKext(const std::string& name,
                                    const std::optional<std::string>& identifier) const;
 

@@ -291,7 +291,8 @@ TEST(ExplanationTest, TheNextRetryIsTheServicesEarliest) {
     return std::string();
   };
   EXPECT_EQ(retry({}), "none is due");
-  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, false}}), "none is due");  // of other services
+  EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, false}}),
+            "none is due");  // of other services
   EXPECT_EQ(retry({{kFactRetryIn, 5.0}, {kFactIsRetried, true}, {kFactOperatingMode, 1}}),
             "in 5.0 s");
   EXPECT_EQ(retry({{kFactSettingsEvaluationIn, 1.5}}),
