@@ -50,6 +50,7 @@ struct LinuxPlatform {
   PlatformConfiguration configuration;    // with the log sink that was chosen
   Bundle mainBundle;
   LinuxSystemInformation systemInformation;
+  // For the locale extensions (Shared/Categories); no program asks for them yet.
   std::vector<std::string> preferredLanguages;
   LinuxFileManager fileManager;
   std::unique_ptr<LogSink> logSink;

@@ -41,7 +41,9 @@ struct PlatformConfiguration {
   // is absent, the platform chooses.
   std::optional<std::string> notificationBus;
 
-  // "JobBackend": "embedded" or "systemd". If it is absent, the platform chooses.
+  // "JobBackend": "embedded" or "systemd". If it is absent, the platform chooses. Nothing reads it
+  // yet, since the embedded host is the only one there is; it is checked so that a file written for
+  // both stays valid.
   std::optional<JobBackend> jobBackend;
 
   // "LogSink": "journal", "syslog" or "file". If it is absent, the platform chooses.

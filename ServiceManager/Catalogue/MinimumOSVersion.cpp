@@ -14,7 +14,7 @@ std::optional<std::int64_t> kernelMajorNumberForMinimumOSVersion(const platform:
                                              {"10.10", kORBSystemMajorNumber10Yosemite},
                                              {"10.11", kORBSystemMajorNumber11ElCapitan}}};
   if (!version.string()) return std::nullopt;
-  const auto* row = std::ranges::find(kRows, *version.string(), &Row::first);
+  const auto row = std::ranges::find(kRows, *version.string(), &Row::first);
   if (row == kRows.end()) return std::nullopt;
   return row->second;
 }

@@ -18,8 +18,8 @@ constexpr std::array<ProductType, 5> kProductTypes{{
 }  // namespace
 
 const ProductType* productTypeForGuid(std::string_view guid) {
-  const auto* found = std::ranges::find(kProductTypes, guid, &ProductType::guid);
-  return found == kProductTypes.end() ? nullptr : found;
+  const auto found = std::ranges::find(kProductTypes, guid, &ProductType::guid);
+  return found == kProductTypes.end() ? nullptr : &*found;
 }
 
 Dictionary servicesOfProduct(const Value& services, std::string_view installTypeName) {

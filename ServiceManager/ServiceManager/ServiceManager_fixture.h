@@ -41,8 +41,9 @@ inline constexpr std::int64_t kRunning = 1;
 inline constexpr std::int64_t kStopped = 2;
 inline constexpr std::int64_t kUpdating = 3;
 
-// The program of the primary service, as far as the daemon asks it.
-class FakeConfigurationServer final : public platform::MessageReceiver {
+// The object behind the status server of the primary service. The test decides its answer; the
+// connections to it are real.
+class StatusServer final : public platform::MessageReceiver {
  public:
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array&) override {
@@ -253,7 +254,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   // The product keeps a health record: a fake one, or the real one.
   bool hasHealthRecord_ = false;
   bool keepsHealthRecord_ = false;
-  FakeConfigurationServer configurationServer_;
+  StatusServer configurationServer_;
   std::optional<Program> configurationProgram_;
   std::optional<ORBServiceManager> manager_;
 };

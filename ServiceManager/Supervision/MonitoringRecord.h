@@ -4,9 +4,10 @@
 
 #include "Platform/Values/Value.h"
 
-// What the daemon keeps of each service in `monitoredProcessesInfo`. A record is replaced whole.
+// The daemon's record of a service in `monitoredProcessesInfo`. A record is replaced whole.
 
-// Whether an exit watch for the service's process is armed.
+// Whether the service's process is watched and its end is to be followed by an evaluation. A stop
+// clears the mark also if it fails, and the watch stays.
 inline constexpr std::string_view kMonitoringRecordMonitored = "Monitored";
 // A placeholder that is written once and never read.
 inline constexpr std::string_view kMonitoringRecordPid = "PID";

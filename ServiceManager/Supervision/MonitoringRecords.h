@@ -17,7 +17,7 @@ class MonitoringRecords {
   const platform::Dictionary& monitoredProcessesInfo() const { return monitoredProcessesInfo_; }
   bool contains(std::string_view label) const { return monitoredProcessesInfo_.contains(label); }
 
-  // Whether an exit watch for the service's process is armed.
+  // Whether the service's process is watched; see MonitoringRecord.h.
   void trackServiceForRespawn(Label label, bool flag);
   bool isServiceBeingTrackedForRespawn(Label label) const;
   // Whether a user-interface client asked for the service to be stopped.
