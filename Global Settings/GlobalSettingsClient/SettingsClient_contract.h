@@ -64,7 +64,7 @@ TEST_P(SettingsClientContract, ASettingHasAnyType) {
   }
 }
 
-TEST_P(SettingsClientContract, LookingAtASettingReturnsTheSameValue) {
+TEST_P(SettingsClientContract, AProbeReturnsTheSameValue) {
   EXPECT_EQ(probe("mode"), platform::MessageResult(Value()));
   settings_->set("mode", "on");
   EXPECT_EQ(probe("mode"), platform::MessageResult("on"));
