@@ -321,7 +321,7 @@ TEST(ExplanationTest, AMalformedFactCountsAsAbsent) {
   EXPECT_THAT(odd.details, Contains(Pair("product", "belongs to no product; installed is home")));
 }
 
-TEST(ExplanationTest, AReasonThatIsMissingOrUnknownIsSaidSo) {
+TEST(ExplanationTest, AMissingOrUnknownReasonIsReported) {
   for (const Value& reason : {Value(), Value(1), Value("moonPhase")}) {
     EXPECT_EQ(explain(factsWith({{kFactReason, reason}})).verdict,
               "agent runs as process 7; the service manager gives no reason that this tool knows.");
