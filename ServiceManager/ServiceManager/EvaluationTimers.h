@@ -20,7 +20,7 @@ class EvaluationTimers {
   static constexpr platform::Duration kWatchDogInterval = std::chrono::seconds(900);
   static constexpr std::chrono::duration<double> kSettingsChangeDelay{2.0};
   static constexpr platform::Duration kReevaluationPeriod = std::chrono::seconds(20);
-  // A feature whose switch is turned off and on again within this time costs no restart.
+  // A stop that is due is not withdrawn if a switch asks for the service again within this time.
   static constexpr platform::Duration kFeatureShutdownDelay = std::chrono::seconds(3);
 
   // `runLoop` outlives this.
