@@ -1,7 +1,7 @@
 # One library per source folder, which sees the headers of the libraries it is linked to and no
 # others: each library publishes a directory of its own below ${CMAKE_BINARY_DIR}/include that holds
 # links to its folder's headers under their paths in the source tree. A dependency against the
-# arrows of docs/architecture.md therefore fails to compile.
+# arrows of docs/map.md therefore fails to compile.
 
 include(GoogleTest)
 
