@@ -19,6 +19,8 @@ class UserInterface final : public platform::MessageReceiver {
   explicit UserInterface(const platform::ProtocolTable& protocols,
                          const char* protocol = kORBServiceManagerUserInterfaceDelegateProtocol)
       : proxy(std::make_shared<platform::NSProtocolChecker>(this, protocols.find(protocol))) {}
+  UserInterface(const UserInterface&) = delete;
+  UserInterface& operator=(const UserInterface&) = delete;
 
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override {
