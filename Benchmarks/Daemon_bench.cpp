@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -15,10 +16,11 @@
 #include <unistd.h>
 
 #include "Benchmarks/Goal.h"
+#include "Benchmarks/ProductProgram.h"
 #include "Benchmarks/RawEcho.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
-#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
+#include "Platform/Files/Bundle.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Linux/Files/LinuxFileReader.h"
 #include "Platform/Linux/Jobs/EmbeddedAuthorization.h"
@@ -26,7 +28,6 @@
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/SystemFacts/DevRandom.h"
-#include "Platform/SystemFacts/Thread.h"
 #include "Platform/Testing/Files/FakeExtendedAttributes.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelExtensions.h"
@@ -34,7 +35,6 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
-#include "ServiceManager/Supervision/MonitoringRecord.h"
 #include "Tests/EndToEnd/DaemonRoot.h"
 #include "Tests/EndToEnd/UserInterfaceClient.h"
 
@@ -105,17 +105,15 @@ class RealDaemon {
 };
 
 // The daemon's class in this process, on the real platform, so that a single evaluation can be
-// timed. Its catalogue has this many core services, none of which runs yet.
+// timed. It is started, in normal mode, with a catalogue of this many core services, none of which
+// runs yet. Its run loop does not run, so the caller starts the first evaluation.
 class DaemonInProcess {
  public:
   explicit DaemonInProcess(int services) {
-    for (int i = 0; i < services; ++i) {
-      labels_.push_back(DaemonRoot::label(i));
-      entries_.set(labels_.back(), DaemonRoot::service(labels_.back()));
-      records_.set(labels_.back(), initialMonitoringRecord());
-    }
+    for (int i = 0; i < services; ++i) labels_.push_back(DaemonRoot::label(i));
+    root_.setCatalogue(catalogue());
+    awaitUnchangedFiles();
     addServiceManagerProtocols(protocols_);
-    vantorlogger2_open(ORBServiceManager::kClassName, mach_thread_self());
     manager_.emplace(ServiceManagerPlatform{
         .runLoop = *linux_->runLoop,
         .jobs = jobs_,
@@ -129,7 +127,7 @@ class DaemonInProcess {
         .distributedCenter = root_.center(),
         .notificationCenter = linux_->notificationCenter,
         .protocols = protocols_,
-        .mainBundle = linux_->mainBundle,
+        .mainBundle = bundle_,
         .extensions = {extensions_, controls_, linux_->tasks, root_.path()},
         .owner = {},
         .settingsClientFactories = factories_,
@@ -139,11 +137,7 @@ class DaemonInProcess {
         .observeJobHostReturn = [](std::function<void()>) {},
         .withSettingsOfThisThread = [](const auto&) {},
     });
-    manager_->setServiceInfo(Dictionary{{"Primary", labels_.front()},
-                                        {"ProgramPath", root_.folder().path("opt")},
-                                        {"Services", entries_}});
-    manager_->setMonitoredProcessesInfo(records_);
-    awaitUnchangedFiles();
+    manager_->backgroundServiceDidFinishLaunching({});
   }
 
   const std::vector<std::string>& labels() const { return labels_; }
@@ -158,7 +152,19 @@ class DaemonInProcess {
   }
 
  private:
+  // The primary service is the first measured one, not the configuration server.
+  Dictionary catalogue() const {
+    Dictionary entries;
+    for (const std::string& label : labels_) entries.set(label, DaemonRoot::service(label));
+    Dictionary catalogue = DaemonRoot::catalogue(0);
+    catalogue.set("Primary", labels_.front());
+    catalogue.set("Services", std::move(entries));
+    return catalogue;
+  }
+
   DaemonRoot root_;
+  // Forked before this process starts threads.
+  const ProductServer statusServer_{root_.folder(), &serveStatus};
   std::unique_ptr<LinuxPlatform> linux_ = std::move(*LinuxPlatform::makeAt(root_.path()));
   LoggerBinding logger_{linux_->systemLog};
   Logger2State logger2_{linux_->systemLog, linux_->utilityQueues};
@@ -174,6 +180,7 @@ class DaemonInProcess {
       *linux_->runLoop, linux_->peerTransport, linux_->notificationCenter, linux_->systemLog,
       [this](std::string_view name) { return pathOfConnection(root_.path(), name); }};
   ProtocolTable protocols_;
+  const Bundle bundle_{bundleLayoutOfExecutable(root_.daemonProgram()), {}};
   SettingsClientFactories factories_;
   // not used by the benchmark
   VirtualRunLoop unusedLoop_;
@@ -183,8 +190,6 @@ class DaemonInProcess {
   FakeKernelExtensions extensions_{unusedLoop_, controls_};
   FakeExtendedAttributes attributes_;
   std::vector<std::string> labels_;
-  Dictionary entries_;
-  Dictionary records_;
   std::optional<ORBServiceManager> manager_;
 };
 

@@ -1,17 +1,15 @@
 // The cost of an evaluation beside its questions to other programs.
 
-#include <csignal>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Benchmarks/Goal.h"
+#include "Benchmarks/ProductProgram.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "JobHost/JobHost.h"
@@ -21,19 +19,17 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Logger/Logger.h"
+#include "Platform/Files/Bundle.h"
 #include "Platform/Linux/Files/LinuxFileReader.h"
 #include "Platform/Linux/Jobs/EmbeddedAuthorization.h"
 #include "Platform/Linux/Jobs/EmbeddedJobs.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
-#include "Platform/Linux/Peers/DBusPeerTransport.h"
 #include "Platform/Linux/Processes/PidfdExitWatcher.h"
-#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/RunLoops/AsioSerialQueues.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
-#include "Platform/Linux/SystemCalls/UniqueFd.h"
-#include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
+#include "Platform/PropertyLists/PropertyList.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
 #include "Platform/Testing/Files/FakeExtendedAttributes.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
@@ -46,7 +42,6 @@
 #include "Platform/Testing/XPC/FakeXPC.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
-#include "ServiceManager/Supervision/MonitoringRecord.h"
 
 namespace benchmarks {
 namespace {
@@ -55,16 +50,14 @@ using namespace platform;
 
 constexpr int kServices = 200;
 constexpr int kSwitches = 4;  // of each, half of which match
+constexpr char kPrimary[] = "com.example.configd";
+constexpr char kProduct[] = "kKLXInstallTypeServerManagedID";
+constexpr char kProductGuid[] = "5B13D7E2-8C40-4D9F-A27B-6E08F4C1B952";
 
 const bool kAdded =
     atMost({"evaluation", 1.5,
             "an evaluation of 200 feature services with 4 switches each / one settings round trip "
             "for each switch, and two job-host round trips for each that matches"});
-
-class NullSink final : public LogSink {
- public:
-  Result<void> write(const LogRecord&) override { return {}; }
-};
 
 std::string labelOf(int number) { return "com.example.service" + std::to_string(number); }
 std::string keyOf(int number) { return "switch" + std::to_string(number); }
@@ -77,43 +70,20 @@ struct Settings final : MessageReceiver {
   }
 };
 
-// One program's platform objects.
-struct Program {
-  explicit Program(const TemporaryFolder& root)
-      : system(defaultPlatformConfiguration(root.path()), "/proc"),
-        connections(*loop, transport, center, log, [&root](std::string_view name) {
-          return pathOfConnection(root.path(), name);
-        }) {
-    addServiceManagerProtocols(protocols);
-    addGlobalSettingsProtocol(protocols);
-  }
-
-  NullSink sink;
-  SystemLog log{sink, "bench", ASL_LEVEL_DEBUG};
-  std::unique_ptr<AsioRunLoop> loop = std::move(*AsioRunLoop::create());
-  LinuxSystemInformation system;
-  DBusPeerTransport transport{*loop};
-  NotificationCenter center;
-  NamedConnections connections;
-  ProtocolTable protocols;
-};
-
-bool announce(int started) { return ::write(started, "y", 1) == 1; }
-
 void serveSettings(const TemporaryFolder& root, int started) {
-  Program program(root);
+  ProductProgram program(root);
   KLXConnectionAuthenticator authenticator(program.system);
   Settings settings;
   const auto server = program.connections.makeConnection();
   server->setDelegate(&authenticator);
   server->setRootObject(std::make_shared<NSProtocolChecker>(
       &settings, program.protocols.find(kKLXGlobalSettingsProtocol)));
-  if (!server->registerName("com.vantor.CommonPreferences") || !announce(started)) return;
+  if (!server->registerName("com.vantor.CommonPreferences") || !announceStart(started)) return;
   program.loop->run();
 }
 
 void serveJobs(const TemporaryFolder& root, int started) {
-  Program program(root);
+  ProductProgram program(root);
   if (!makeConnectionsFolder(defaultPlatformConfiguration(root.path()))) return;
   const auto limit = raiseDescriptorLimit();
   const auto bootId = jobhost::readBootId();
@@ -129,47 +99,18 @@ void serveJobs(const TemporaryFolder& root, int started) {
   const auto server =
       jobhost::JobServer::listen(*program.loop, program.transport, jobHostSocket(root.path()),
                                  ::geteuid(), **host, program.log);
-  if (!server || !announce(started)) return;
+  if (!server || !announceStart(started)) return;
   program.loop->run();
 }
 
-class ServerProcess {
- public:
-  ServerProcess(const TemporaryFolder& root, void (*serve)(const TemporaryFolder&, int)) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return;
-    const UniqueFd readEnd(ends[0]);
-    UniqueFd writeEnd(ends[1]);
-    process_ = ::fork();
-    if (process_ == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      serve(root, writeEnd.get());
-      ::_exit(0);
-    }
-    writeEnd.reset();
-    char ready = 0;
-    started_ = ::read(readEnd.get(), &ready, 1) == 1;
-  }
-  ServerProcess(const ServerProcess&) = delete;
-  ServerProcess& operator=(const ServerProcess&) = delete;
-  ~ServerProcess() {
-    ::kill(process_, SIGKILL);
-    ::waitpid(process_, nullptr, 0);
-  }
-  bool started() const { return started_; }
-
- private:
-  pid_t process_ = 0;
-  bool started_ = false;
-};
-
-// The daemon with its services running, a settings server and a job host. It serves no clients.
+// The daemon with its services running, beside a settings server, a status server and a job host.
+// Its run loop does not run, so it serves no clients and evaluates only when evaluate() is called.
 class Bed {
  public:
   Bed() {
-    if (!settingsServer_.started() || !jobHost_.started()) return;
-    manager_.setServiceInfo(catalogue());
-    manager_.setMonitoredProcessesInfo(records());
+    if (!settingsServer_.started() || !statusServer_.started() || !jobHost_.started()) return;
+    install();
+    manager_.backgroundServiceDidFinishLaunching({});
     manager_.evaluateSystemConfiguration();  // From now on all services run and are watched.
     client_ = KLXGlobalSettingsClient::commonSettingsClientWithDelegate(environment(), nullptr);
     isReady_ = manager_.isServiceBeingTrackedForRespawn(labelOf(kServices - 1)) &&
@@ -181,7 +122,7 @@ class Bed {
     for (int i = 0; i < kServices; ++i) {
       std::ignore = jobs_.SMJobRemove(kSMDomainSystemLaunchd, labelOf(i), nullptr, true);
     }
-    std::ignore = jobs_.SMJobRemove(kSMDomainSystemLaunchd, "com.example.configd", nullptr, true);
+    std::ignore = jobs_.SMJobRemove(kSMDomainSystemLaunchd, kPrimary, nullptr, true);
   }
 
   bool isReady() const { return isReady_; }
@@ -203,26 +144,34 @@ class Bed {
             {"ProgramArguments", Array{"sleep", "infinity"}},
             {"ThrottleInterval", 0}};
   }
-  static Value catalogue() {
+  static Dictionary service() { return {{"Products", Array{kProduct}}, {"JobSpec", job()}}; }
+  Dictionary catalogue() const {
     Dictionary switches;
     for (int key = 0; key < kSwitches; ++key) switches.set(keyOf(key), 1);
-    Dictionary services{{"com.example.configd", Dictionary{{"JobSpec", job()}}}};
+    Dictionary services{{kPrimary, service()}};
     for (int i = 0; i < kServices; ++i) {
-      services.set(labelOf(i), Dictionary{{"JobSpec", job()}, {"Features", Array{"feature"}}});
+      Dictionary entry = service();
+      entry.set("Features", Array{"feature"});
+      services.set(labelOf(i), std::move(entry));
     }
-    return Dictionary{
-        {"Primary", "com.example.configd"},
-        {"ProgramPath", "/bin"},
-        {"Services", std::move(services)},
-        {"Features",
-         Dictionary{
-             {"feature", Dictionary{{"Config", Array{Dictionary{{"Source", "common"},
-                                                                {"Switches", switches}}}}}}}}};
+    return {{"Primary", kPrimary},
+            {"ProgramPath", root_.path()},
+            {"ProductInfo", "product.plist"},
+            {"ProductInfoKey", "GUID"},
+            {"Services", std::move(services)},
+            {"Features",
+             Dictionary{
+                 {"feature", Dictionary{{"Config", Array{Dictionary{{"Source", "common"},
+                                                                    {"Switches", switches}}}}}}}}};
   }
-  static Dictionary records() {
-    Dictionary records{{"com.example.configd", initialMonitoringRecord()}};
-    for (int i = 0; i < kServices; ++i) records.set(labelOf(i), initialMonitoringRecord());
-    return records;
+  void install() {
+    write("Service.plist", catalogue());
+    write("product.plist", Dictionary{{"GUID", kProductGuid}});
+    std::filesystem::copy_file("/bin/sleep", root_.path("sleep"));
+  }
+  void write(const char* name, Dictionary content) {
+    const Data xml = writePropertyList(Value(std::move(content)), PropertyListFormat::kXml).value();
+    root_.write(name, std::string(xml.begin(), xml.end()));
   }
   VantorDistantObject::Environment environment() {
     return {*program_.loop,  program_.connections, *bus_,
@@ -230,7 +179,8 @@ class Bed {
   }
   ServiceManagerPlatform platform() {
     // Another benchmark measures the check of an unchanged program.
-    signatures_.addValid("/bin/sleep", SecStaticCode::Kind::kProgram, "sleep");
+    signatures_.addValid(root_.path("sleep"), SecStaticCode::Kind::kProgram, "sleep");
+    signatures_.addValid(root_.path(), SecStaticCode::Kind::kBundle, "daemon");
     addSettingsClientFactories(factories_, environment());
     return {*program_.loop,
             jobs_,
@@ -257,9 +207,10 @@ class Bed {
 
   TemporaryFolder root_;
   // Forked before this process starts threads.
-  const ServerProcess jobHost_{root_, &serveJobs};
-  const ServerProcess settingsServer_{root_, &serveSettings};
-  Program program_{root_};
+  const ProductServer jobHost_{root_, &serveJobs};
+  const ProductServer settingsServer_{root_, &serveSettings};
+  const ProductServer statusServer_{root_, &serveStatus};
+  ProductProgram program_{root_};
   AsioSerialQueues queues_{2};
   Logger2State logger2_{program_.log, queues_};
   Logger2Binding logger2Binding_{logger2_};
@@ -275,7 +226,8 @@ class Bed {
   LinuxFileReader files_;
   FakeCodeSignatures signatures_;
   FakeRandomDevice random_;
-  const Bundle bundle_{{"/", "/", "/", "/"}, {}};
+  const Bundle bundle_{{root_.path(), root_.path("Info.plist"), root_.path("daemon"), root_.path()},
+                       {}};
   SettingsClientFactories factories_;
   FakePeerNetwork unusedNetwork_{unusedLoop_};
   FakeXPC xpc_{unusedNetwork_, {}, program_.log};
