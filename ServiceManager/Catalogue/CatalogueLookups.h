@@ -10,7 +10,7 @@
 // value on it has another type than it should. Any thread.
 
 // The label of a service, which is its key in the catalogue and the label of its job, or the name
-// of a feature. Nothing is nil, which a peer may send.
+// of a feature. An empty one stands for nil, which a peer may send.
 using Label = std::optional<std::string_view>;
 
 // The two types of services: a core service always runs, a feature service while a switch asks for
@@ -18,7 +18,8 @@ using Label = std::optional<std::string_view>;
 inline constexpr std::string_view kCoreService = "CoreService";
 inline constexpr std::string_view kFeatureService = "FeatureService";
 
-// The keys that every job has, whatever the catalogue says: it is kept alive, its output discarded.
+// The keys that every job has, whatever the catalogue says: it is kept alive and its output is
+// discarded.
 platform::Dictionary defaultJobInfoTemplate();
 
 platform::Value serviceEntryWithLabel(Label label, const platform::Value& inServicePlist);

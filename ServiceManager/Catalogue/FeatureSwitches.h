@@ -10,13 +10,13 @@
 // The switches of one settings server that ask for a feature. Any of them is enough.
 struct FeatureConfiguration {
   std::string feature;
-  std::optional<std::string> source;  // the prefix of its settings server; nothing: it has none
+  std::optional<std::string> source;  // the prefix of its settings server, if it has one
   platform::Dictionary switches;      // the keys of the settings and the values that ask for it
 };
 
 // The configurations of all features of a feature service, in the catalogue's order, which is the
-// order in which an evaluation reads their switches. A configuration without switches is there,
-// too: an evaluation makes the client of its settings server all the same. Nothing if the service's
-// "Features" are no array; a feature without "Config" has no configuration. Pure.
+// order in which an evaluation reads their switches. A configuration without switches is included,
+// since an evaluation makes the client of its settings server, too. Nothing if the service's
+// "Features" are not an array; a feature without "Config" has no configuration. Pure.
 std::optional<std::vector<FeatureConfiguration>> featureConfigurations(
     const ServiceCatalogue& catalogue, Label label);

@@ -9,7 +9,7 @@
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
 
 // The steps from the files of an installation to the catalogue of its product. Each failure is
-// logged where it is found, and returned as what the rest of the product is told of it.
+// logged where it is found, and returned as the text that is announced to the product.
 
 // Why the daemon can't go on, in the words of the announcement.
 struct StartUpError {

@@ -6,5 +6,5 @@
 #include "Platform/Values/Value.h"
 
 // The lowest major number of the kernel on which a service with this "MinimumOSVersion" may run;
-// nothing for a release that is not known, and for what is no text. Pure.
+// nothing for an unknown release, or for a value that is not a string. Pure.
 std::optional<std::int64_t> kernelMajorNumberForMinimumOSVersion(const platform::Value& version);

@@ -3,5 +3,5 @@
 #include <string>
 #include <string_view>
 
-// `component` below `path`, with one separator between them whatever the two have there already.
+// Joins `path` and `component` with exactly one separator, whatever separators they have there.
 std::string pathByAppendingComponent(std::string_view path, std::string_view component);

@@ -6,7 +6,7 @@
 
 #include "Platform/Values/Value.h"
 
-// Which product is installed, and which services belong to it. Pure; any thread.
+// The products, and the services that belong to each. Pure; any thread.
 
 struct ProductType {
   std::string_view guid;             // in the product-information file
@@ -14,9 +14,10 @@ struct ProductType {
   bool keepsHealthInfo = false;
 };
 
-// Compared exactly; null for a GUID of no product.
+// The product whose GUID is exactly this one, or null.
 const ProductType* productTypeForGuid(std::string_view guid);
 
-// Of a catalogue's "Services", those whose "Products" name the product, in the catalogue's order.
+// The entries of a catalogue's "Services" whose "Products" name the product, in the catalogue's
+// order.
 platform::Dictionary servicesOfProduct(const platform::Value& services,
                                        std::string_view installTypeName);

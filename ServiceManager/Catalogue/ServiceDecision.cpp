@@ -30,7 +30,7 @@ std::string_view whyUnwanted(const ServiceSituation& situation) {
 }
 
 // Empty if an evaluation may decide about the service. An evaluation begins with the primary
-// service, so its stop refuses every other service, too.
+// service, so if that is stopped, no other service is evaluated, either.
 std::string_view whyNotEvaluated(const ServiceSituation& situation) {
   if (situation.isStopped) return kReasonStopped;
   switch (evaluationPermission(situation.operatingMode, situation.isPrimaryStopped)) {

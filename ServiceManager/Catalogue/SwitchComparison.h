@@ -10,5 +10,5 @@ enum class SwitchComparison {
   kAbsent,  // the settings have no value
 };
 
-// Only a number or a string can be expected: nothing matches anything else. Pure.
+// If the expected value is neither a number nor a string, no setting matches it. Pure.
 SwitchComparison compareSwitch(const platform::Value& expected, const platform::Value& current);

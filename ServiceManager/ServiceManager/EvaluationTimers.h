@@ -29,19 +29,20 @@ class EvaluationTimers {
 
   // Calls every kWatchDogInterval.
   void startWatchDog(Callback call);
-  // Calls once, kSettingsChangeDelay after a change of the settings. There must be no such timer.
+  // Calls once, kSettingsChangeDelay after a change of the settings. Such a timer must not exist
+  // yet.
   void startSettingsChangeTimer(Callback call);
   void cancelSettingsChangeTimer() { settingsChange_ = {}; }
   // Calls once, after kReevaluationPeriod.
   void startReevaluationTimer(Callback call);
   void cancelReevaluationTimer() { reevaluation_ = {}; }
-  // Calls once, after kFeatureShutdownDelay. Each call counts, also several for one service.
+  // Calls once, after kFeatureShutdownDelay. Several calls for one service are all made.
   void shutDownLater(const std::string& label, Callback call);
   void performAfterDelay(platform::Duration delay, Callback call);
 
   // Null if there is none.
   const platform::RunLoopHandle* watchDog() const { return watchDog_.handle.get(); }
-  // Also a timer that has fired: an evaluation in the normal mode cancels it.
+  // This includes a timer that has fired: an evaluation in the normal mode cancels it.
   const platform::RunLoopHandle* globalSettingsDidChangeEffectTimer() const {
     return settingsChange_.handle.get();
   }
@@ -52,7 +53,7 @@ class EvaluationTimers {
   std::optional<platform::Duration> untilWatchDog() const;
   std::optional<platform::Duration> untilSettingsEvaluation() const;
   std::optional<platform::Duration> untilReevaluation() const;
-  // The first shut-down of the service that is due.
+  // The earliest pending shut-down of the service.
   std::optional<platform::Duration> untilShutdown(std::string_view label) const;
 
  private:
@@ -68,6 +69,6 @@ class EvaluationTimers {
   DueTimer settingsChange_;
   DueTimer reevaluation_;
   platform::DelayedCalls delayedCalls_;
-  // By label, in the order of the evaluations that decided so.
+  // By label, in the order of the evaluations that started them.
   std::multimap<std::string, platform::Instant, std::less<>> dueShutdowns_;
 };

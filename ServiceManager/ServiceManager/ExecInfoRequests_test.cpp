@@ -1,5 +1,4 @@
-// Requests for executable information as their callers' connections bring them: in turns, and no
-// longer than somebody waits for the answer.
+// Requests for executable information over connections: they take turns, and end with their client.
 
 #include <filesystem>
 #include <functional>
@@ -19,14 +18,14 @@ namespace {
 using namespace platform;
 using Names = std::vector<std::string>;
 
-constexpr std::uintmax_t kGo = ORBExecInfoHandler::kBytesInOneGo;
+constexpr std::uintmax_t kBlock = ORBExecInfoHandler::kBytesPerBlock;
 constexpr std::uintmax_t kEndless = std::uintmax_t{1} << 43;  // 8 TiB, which no test would survive.
 
 std::string fileNameOf(const std::string& path) {
   return std::filesystem::path(path).filename().string();
 }
 
-// Does something where a request for one file begins, and notes where each does.
+// Calls a function when a request for one file begins, and notes the file of each request.
 class Interrupting final : public CodeSignatures {
  public:
   Interrupting(CodeSignatures& signatures, Names& steps) : signatures_(signatures), steps_(steps) {}
@@ -46,7 +45,7 @@ class Interrupting final : public CodeSignatures {
   Names& steps_;
 };
 
-// Notes each look at a file's attributes.
+// Notes each read of a file's attributes.
 class Watched final : public ExtendedAttributes {
  public:
   Watched(ExtendedAttributes& attributes, Names& steps) : attributes_(attributes), steps_(steps) {}
@@ -76,7 +75,8 @@ class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDeleg
     loop_.runReady();
   }
 
-  // The handler's word, but what is sent waits until serve(), so that it begins in a known order.
+  // Does the same as the handler, but requests wait until serve(), so that they begin in a known
+  // order.
   bool listener(NSXPCListener& listener,
                 const std::shared_ptr<NSXPCConnection>& connection) override {
     accepted_.push_back(connection);
@@ -98,7 +98,7 @@ class ExecInfoRequests : public ServiceManagerFixture, public NSXPCListenerDeleg
     loop_.runReady();
     return clients_.size() - 1;
   }
-  // Its answer is added to the answers; of an end of the connection, "gone".
+  // Adds its answer to the answers, or "gone" if the connection ends.
   void ask(std::size_t client, const std::string& path) {
     clients_[client]->sendMessage(
         "requestExecutableInfo:withReply:", {Value(path)},
@@ -146,13 +146,13 @@ class RequestOfSeveralTurns : public ExecInfoRequests {
     ask(connect(), file_);
     interruptible_.file = folder_.write("short", "abc");
     interruptible_.action = [] {};
-    ask(connect(), interruptible_.file);  // In the middle of that.
+    ask(connect(), interruptible_.file);  // While the request is in progress.
   }
 
-  const std::string file_ = sparseFile("long", 3 * kGo + 1);
+  const std::string file_ = sparseFile("long", 3 * kBlock + 1);
 };
 
-TEST_F(RequestOfSeveralTurns, IsToldOnceWithItsSigningAndSource) {
+TEST_F(RequestOfSeveralTurns, IsAnsweredOnceWithItsSigningAndSource) {
   serve();
   EXPECT_EQ(answers_, (Names{"short", "long"}));
   EXPECT_EQ(replies_.back(),
@@ -162,34 +162,34 @@ TEST_F(RequestOfSeveralTurns, IsToldOnceWithItsSigningAndSource) {
                            "source of short", "source of long"}));
 }
 
-TEST_F(RequestOfSeveralTurns, IsNotLookedIntoWhenItsCallerHasGone) {
+TEST_F(RequestOfSeveralTurns, IsNotContinuedWhenItsClientHasGone) {
   interruptible_.action = [this] { accepted_[0]->invalidate(); };
   serve();
   EXPECT_EQ(steps_,
             (Names{"signing of long", "signing of short", "source of short", "source of short"}));
 }
 
-TEST_F(ExecInfoRequests, AShortOneIsAnsweredBeforeLongOnesThatHaveBegun) {
-  ask(connect(), sparseFile("long", 3 * kGo + 1));
-  ask(connect(), sparseFile("longer", 5 * kGo));
+TEST_F(ExecInfoRequests, AShortRequestOvertakesLongRequests) {
+  ask(connect(), sparseFile("long", 3 * kBlock + 1));
+  ask(connect(), sparseFile("longer", 5 * kBlock));
   ask(connect(), folder_.write("short", "abc"));
   serve();
   EXPECT_EQ(answers_, (Names{"short", "long", "longer"}));
 }
 
-TEST_F(ExecInfoRequests, WhatFitsIntoOneGoIsAnsweredInItsOrder) {
-  ask(connect(), sparseFile("at", kGo));
-  ask(connect(), sparseFile("above", kGo + 1));
-  ask(connect(), sparseFile("below", kGo - 1));
+TEST_F(ExecInfoRequests, RequestsOfOneBlockAreAnsweredInOrder) {
+  ask(connect(), sparseFile("at", kBlock));
+  ask(connect(), sparseFile("above", kBlock + 1));
+  ask(connect(), sparseFile("below", kBlock - 1));
   serve();
   EXPECT_EQ(answers_, (Names{"at", "below", "above"}));
 }
 
-TEST_F(ExecInfoRequests, ThoseOfOneConnectionAreAnsweredInTheirOrder) {
+TEST_F(ExecInfoRequests, RequestsOfOneConnectionAreAnsweredInOrder) {
   const std::size_t client = connect();
-  ask(client, sparseFile("first", 5 * kGo));
+  ask(client, sparseFile("first", 5 * kBlock));
   ask(client, folder_.write("second", "abc"));
-  ask(client, sparseFile("third", 2 * kGo));
+  ask(client, sparseFile("third", 2 * kBlock));
   serve();
   EXPECT_EQ(answers_, (Names{"first", "second", "third"}));
 }
@@ -201,12 +201,12 @@ TEST_F(ExecInfoRequests, TheEndOfItsConnectionEndsAHash) {
   interruptible_.action = [this] { accepted_[0]->invalidate(); };
   ask(other, interruptible_.file);
   serve();
-  // What was found out till then may still be sent.
+  // The answers that were found before may still be sent.
   EXPECT_THAT(answers_,
               testing::UnorderedElementsAre("short", testing::AnyOf("gone", "endless unknown")));
 }
 
-TEST_F(ExecInfoRequests, ACallerThatHasGoneIsNotServedAnyFurther) {
+TEST_F(ExecInfoRequests, ADisconnectedClientIsNotServedAnyFurther) {
   const std::size_t client = connect();
   interruptible_.file = sparseFile("endless", kEndless);
   attributes_.set(interruptible_.file, "com.apple.quarantine", "id");
@@ -222,7 +222,7 @@ TEST_F(ExecInfoRequests, ACallerThatHasGoneIsNotServedAnyFurther) {
   EXPECT_EQ(countInLog("Couldn't locate quarantine database"), 0u);
 }
 
-TEST_F(ExecInfoRequests, TheDaemonsEndEndsAHashAndAnswersIt) {
+TEST_F(ExecInfoRequests, TheDaemonsEndEndsAHashWithAnAnswer) {
   ask(connect(), sparseFile("endless", kEndless));
   const std::size_t other = connect();
   interruptible_.file = folder_.write("short", "abc");

@@ -20,7 +20,7 @@ namespace {
 constexpr std::string_view kQuarantine = "com.apple.quarantine";
 constexpr std::size_t kAttributeBytes = 4096;
 
-// What is wrong with the code's signature, or its identifier.
+// The identifier in the code's signature, or the reason why the signature is not valid.
 std::expected<Value, std::string> checkSigning(const ORBExecInfoHandler::Environment& environment,
                                                const std::string& path) {
   const auto code = environment.codeSignatures.SecStaticCodeCreateWithPath(path);
@@ -55,19 +55,19 @@ std::expected<Value, std::string> checkSigning(const ORBExecInfoHandler::Environ
 
 }  // namespace
 
-// The hash of a file, some of it at a time.
+// Hashes a file piece by piece.
 class ORBExecInfoHandler::FileHash {
  public:
   explicit FileHash(std::string path) : path_(std::move(path)) {}
 
-  // Whether all has been done that can be.
+  // Hashes the next piece. True if there is no more to do, also because hashing has failed.
   bool proceed() {
     if (!digest_) {
       auto opened = FileDigest::open(path_);
       if (!opened) return fail(opened.error());
       digest_.emplace(std::move(*opened));
     }
-    const auto done = digest_->readMore(ORBExecInfoHandler::kBytesInOneGo);
+    const auto done = digest_->readMore(ORBExecInfoHandler::kBytesPerBlock);
     if (!done) return fail(done.error());
     if (!*done) return false;
     const auto digest = digest_->finish();
@@ -76,7 +76,7 @@ class ORBExecInfoHandler::FileHash {
     return true;
   }
 
-  // 64 hexadecimal digits, or nothing.
+  // 64 hexadecimal digits, or empty.
   const std::string& text() const { return text_; }
 
  private:
@@ -119,7 +119,7 @@ void ORBExecInfoHandler::receiveMessage(std::string_view selector, const Array& 
                                         XPCReply reply) {
   if (selector != "requestExecutableInfo:withReply:") return;
   const std::string* path = arguments.at(0).string();
-  // What is no text is no path, of which nothing is known.
+  // If the argument is not a string, it is no path, and all answers are empty.
   requestExecutableInfo(
       path ? *path : std::string(),
       [reply = std::move(reply)](const std::string& signing, const std::string& hash,
@@ -142,12 +142,12 @@ void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply wi
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("requestExecutableInfo request for path '%@'", path));
   auto request = std::make_unique<Request>(path, std::move(withReply));
-  if (!isUnwanted()) request->signing = calculateSigningForPath(path);
+  if (!isCancelled()) request->signing = calculateSigningForPath(path);
   proceed(std::move(request));
 }
 
 void ORBExecInfoHandler::proceed(std::unique_ptr<Request> request) {
-  while (!isUnwanted() && !request->hash.proceed()) {
+  while (!isCancelled() && !request->hash.proceed()) {
     NSXPCConnection* const connection = NSXPCConnection::currentConnection();
     if (connection == nullptr) continue;
     return connection->continueServing(
@@ -156,11 +156,11 @@ void ORBExecInfoHandler::proceed(std::unique_ptr<Request> request) {
         });
   }
   std::string sourceUrl;
-  if (!isUnwanted()) sourceUrl = calculateSourceUrlForPath(request->path);
+  if (!isCancelled()) sourceUrl = calculateSourceUrlForPath(request->path);
   request->reply(request->signing, request->hash.text(), sourceUrl);
 }
 
-bool ORBExecInfoHandler::isUnwanted() const {
+bool ORBExecInfoHandler::isCancelled() const {
   const NSXPCConnection* const connection = NSXPCConnection::currentConnection();
   return stop_.stop_requested() || (connection != nullptr && connection->isInvalid());
 }
@@ -176,7 +176,7 @@ std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path)
 
 std::string ORBExecInfoHandler::calculateHashForPath(const std::string& path) {
   FileHash hash(path);
-  while (!isUnwanted() && !hash.proceed()) continue;
+  while (!isCancelled() && !hash.proceed()) continue;
   return hash.text();
 }
 
@@ -200,7 +200,7 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromMetaDataForFile(const s
   const auto list = readPropertyList(*bytes, path);
   const Array* urls = list ? list->array() : nullptr;
   const std::string* url = urls && !urls->empty() ? urls->front().string() : nullptr;
-  // One with NUL could not be sent to whom asks, and its signature and hash with it.
+  // A text with NUL can't be sent, and the signature and the hash would be lost with it.
   if (!url || url->contains('\0')) return std::nullopt;
   return *url;
 }
@@ -210,15 +210,17 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
   const auto bytes = attribute(path, kQuarantine);
   if (!bytes) return std::nullopt;
   const std::string text(bytes->begin(), bytes->end());
-  const std::string identifier = text.substr(text.rfind(';') + 1);  // All of it without a ";".
+  const std::string identifier =
+      text.substr(text.rfind(';') + 1);  // The whole text if it has no ";".
   const auto home = homeOfLastUser();
   if (!home) {
-    // Whom nobody waits for has not asked, and knows nothing of a database.
-    if (!isUnwanted()) vantorlogger2_line(ASL_LEVEL_DEBUG, "Couldn't locate quarantine database");
+    // If the caller has hung up, homeOfLastUser() returned without asking. The missing home then
+    // says nothing about the database, so log nothing.
+    if (!isCancelled()) vantorlogger2_line(ASL_LEVEL_DEBUG, "Couldn't locate quarantine database");
     return std::nullopt;
   }
   const Instant deadline = environment_.now() + kQuarantineQueryTime;
-  const auto isOver = [&] { return isUnwanted() || environment_.now() >= deadline; };
+  const auto isOver = [&] { return isCancelled() || environment_.now() >= deadline; };
   if (auto url = originOfQuarantineEvent(*home, identifier, isOver)) return url;
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("No source url found for path '%@'\n", path));
@@ -227,14 +229,14 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
 
 std::optional<std::string> ORBExecInfoHandler::homeOfLastUser() {
   const std::lock_guard lock(delegateMutex_);
-  // Others may have had the delegate until now, for as long as it takes.
-  if (!delegate_ || isUnwanted()) return std::nullopt;
+  // Other requests may have held the lock for long, so check this now.
+  if (!delegate_ || isCancelled()) return std::nullopt;
   const Instant asked = environment_.now();
   if (pausedUntil_ && asked < *pausedUntil_) return std::nullopt;
   const Value home = delegate_->getLastLoggedInUserHomeDirectory();
   const Instant answered = environment_.now();
   pausedUntil_.reset();
   if (home.string()) return *home.string();
-  if (answered - asked >= kLongQuestion) pausedUntil_ = answered + kQuestionPause;
+  if (answered - asked >= kSlowDelegateTime) pausedUntil_ = answered + kDelegatePause;
   return std::nullopt;
 }

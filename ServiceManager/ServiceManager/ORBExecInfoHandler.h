@@ -18,58 +18,59 @@
 #include "Platform/Values/Value.h"
 #include "Platform/XPC/NSXPCListener.h"
 
-// Who knows where the user who last logged in lives.
+// Knows the home folder of the user who logged in last.
 class ExecInfoHandlerDelegate {
  public:
   virtual ~ExecInfoHandlerDelegate() = default;
-  // That user's home folder, a string, or nil. Called on an XPC queue.
+  // The home folder, a string, or nil if it is not known. Called on an XPC queue.
   virtual platform::Value getLastLoggedInUserHomeDirectory() = 0;
 };
 
-// Tells of any file who signed it, what its SHA-256 is and where it was downloaded from. Only who
-// got the endpoint out of the registry can ask.
+// Answers requests about any file: its signer, its SHA-256 and the URL that it was downloaded from.
+// Only a client that got the endpoint from the registry can ask.
 //
-// Each request is served on its connection's queue, however long that takes; several at once. A
-// file is hashed in pieces, each a block of that queue, and after so many of them as a queue may
-// run in a row the other connections have their turns, so that nobody's large file holds up
-// another's small one; who ends the connection ends the request. Each answer that can't be had is
-// the empty text, and the cause is in the log.
+// Each request is served on its connection's queue, however long that takes; several are served at
+// once. A file is hashed in pieces, each of which is a block of that queue. After as many blocks as
+// a queue may run in a row, the other connections get their turns, so that one client's large file
+// does not delay another's small one. A request ends when its client closes the connection. An
+// answer that can't be found is the empty text, and the cause is in the log.
 class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
                                  public platform::NSXPCExportedObject,
                                  public std::enable_shared_from_this<ORBExecInfoHandler> {
  public:
   static constexpr char kClassName[] = "ORBExecInfoHandler";
 
-  // How much of a file is hashed in one block of the queue.
-  static constexpr std::uint64_t kBytesInOneGo = 1 << 20;
-  // How long a user's quarantine database may be looked at.
+  // How many bytes of a file are hashed in one block of the queue.
+  static constexpr std::uint64_t kBytesPerBlock = 1 << 20;
+  // The time limit of a query in a user's quarantine database.
   static constexpr std::chrono::seconds kQuarantineQueryTime{2};
-  // A delegate that has taken so long to know of no home is not asked again before that time: it
-  // waits for a settings server that hangs, and would for every file with a quarantine record.
-  static constexpr std::chrono::seconds kLongQuestion{1};
-  static constexpr std::chrono::seconds kQuestionPause{30};
+  // If the delegate takes at least kSlowDelegateTime and knows no home, its settings server hangs.
+  // It is then not asked again for kDelegatePause, since each file with a quarantine record would
+  // cost that time-out.
+  static constexpr std::chrono::seconds kSlowDelegateTime{1};
+  static constexpr std::chrono::seconds kDelegatePause{30};
 
-  // What it asks of the platform; all of it outlives this.
+  // The parts of the platform that it uses; all of them outlive this.
   struct Environment {
     platform::CodeSignatures& codeSignatures;
     platform::ExtendedAttributes& attributes;
     const platform::ProtocolTable& protocols;
-    // Any thread calls these two.
+    // These two are called on any thread.
     std::function<platform::Instant()> now = platform::monotonicTime;
     std::function<platform::CodeSigningResult<platform::SecRequirement>(std::string_view text)>
         makeRequirement = platform::SecRequirementCreateWithString;
   };
-  // initWithDelegate: - the delegate is let go of by setDelegate(nullptr) before it ends.
+  // initWithDelegate: - call setDelegate(nullptr) before the delegate ends.
   ORBExecInfoHandler(const Environment& environment, ExecInfoHandlerDelegate* delegate);
   ORBExecInfoHandler(const ORBExecInfoHandler&) = delete;
   ORBExecInfoHandler& operator=(const ORBExecInfoHandler&) = delete;
 
-  // Waits for a question to the delegate that is being answered.
+  // Waits while a call of the delegate is in progress.
   void setDelegate(ExecInfoHandlerDelegate* delegate);
-  // Requests that are being served end soon, without what they have not found out yet, and later
-  // ones are answered with nothing: the daemon is about to end, and neither a large file nor a
-  // user's database is to hold it up. The look at a signature that has begun, and a question to the
-  // delegate, are not cut short.
+  // Requests in progress end soon, with the answers that they have found so far, and later ones get
+  // empty answers: the daemon is about to end, and neither a large file nor a user's database must
+  // delay that. A check of a signature that has begun, and a call of the delegate, are not cut
+  // short.
   void stop() { stop_.request_stop(); }
 
   bool listener(
@@ -80,7 +81,8 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
 
   using Reply = std::move_only_function<void(const std::string& signing, const std::string& hash,
                                              const std::string& sourceUrl)>;
-  // Replies at once, but within a connection's message, where that may take longer than this call.
+  // Replies before it returns, except within a connection's message, where the reply may come
+  // later.
   void requestExecutableInfo(const std::string& path, Reply withReply);
 
   // "valid: IDENTIFIER", or the empty text.
@@ -95,10 +97,11 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   class FileHash;
   struct Request;
 
-  // Hashes on, and replies when all is known.
+  // Continues to hash, and replies when all is known.
   void proceed(std::unique_ptr<Request> request);
-  // Whether nobody waits for the answer: the daemon ends, or the caller has ended the connection.
-  bool isUnwanted() const;
+  // Whether the answer is no longer needed: the daemon ends, or the client has closed the
+  // connection.
+  bool isCancelled() const;
   std::optional<platform::Data> attribute(const std::string& path, std::string_view name);
   std::optional<std::string> homeOfLastUser();
 
@@ -106,5 +109,5 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   std::stop_source stop_;
   std::mutex delegateMutex_;
   ExecInfoHandlerDelegate* delegate_;
-  std::optional<platform::Instant> pausedUntil_;  // under that mutex
+  std::optional<platform::Instant> pausedUntil_;  // guarded by delegateMutex_
 };

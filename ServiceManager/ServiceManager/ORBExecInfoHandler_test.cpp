@@ -79,20 +79,20 @@ class ExecInfoTest : public ServiceManagerFixture, public ExecInfoHandlerDelegat
   Value home_;
   int questions_ = 0;
   Instant now_{};
-  Duration tick_{};  // how much later it is at each look at the clock
+  Duration tick_{};  // the time that passes with each reading of the clock
   Duration answerTime_{};
   std::function<void()> meanwhile_;  // while the delegate is asked
   std::shared_ptr<ORBExecInfoHandler> handler_;
 };
 
-TEST_F(ExecInfoTest, ItsLinesAreUnderItsOwnName) {
+TEST_F(ExecInfoTest, ItsLinesHaveItsOwnName) {
   handler_->calculateSourceUrlForPath("/file");
   queues_.runPending();
   EXPECT_EQ(logSink_.messagesOf("ORBExecInfoHandler").size(), 2u);
   EXPECT_EQ(logSink_.messages().size(), 2u);
 }
 
-TEST_F(ExecInfoTest, AValidSignatureTellsItsIdentifier) {
+TEST_F(ExecInfoTest, AValidSignatureHasAnIdentifier) {
   signatures_.addValid("/program", Kind::kProgram, "com.vantor.sample");
   EXPECT_EQ(handler_->calculateSigningForPath("/program"), "valid: com.vantor.sample");
   signatures_.addValid("/nameless", Kind::kProgram, std::nullopt);
@@ -100,7 +100,7 @@ TEST_F(ExecInfoTest, AValidSignatureTellsItsIdentifier) {
   EXPECT_TRUE(lines().empty());
 }
 
-TEST_F(ExecInfoTest, EachFailureOfASignatureHasItsOwnErrorLine) {
+TEST_F(ExecInfoTest, EachFaultOfASignatureIsAnErrorLine) {
   EXPECT_EQ(handler_->calculateSigningForPath("/nothing"), "");
   EXPECT_EQ(lines(), (Lines{"3 Can't create security reference (SecStaticCodeCreateWithPath  "
                             "status: 100002)"}));
@@ -111,7 +111,7 @@ TEST_F(ExecInfoTest, EachFailureOfASignatureHasItsOwnErrorLine) {
                    "-67050, error: Error Domain=NSOSStatusErrorDomain Code=-67050 \"not ours\")"}));
 }
 
-TEST_F(ExecInfoTest, ARequirementThatCantBeMadeIsAnErrorLine) {
+TEST_F(ExecInfoTest, AnInvalidRequirementIsAnErrorLine) {
   signatures_.addValid("/program", Kind::kProgram, "com.vantor.sample");
   const auto refuse = [](std::string_view text) -> CodeSigningResult<SecRequirement> {
     EXPECT_EQ(text, "anchor apple generic");
@@ -125,8 +125,8 @@ TEST_F(ExecInfoTest, ARequirementThatCantBeMadeIsAnErrorLine) {
   EXPECT_EQ(signatures_.checks("/program"), 0);
 }
 
-// Valid code whose information is gone by then.
-TEST_F(ExecInfoTest, InformationThatCantBeCollectedIsAnErrorLine) {
+// The code is valid, but its information is gone when it is read.
+TEST_F(ExecInfoTest, MissingInformationIsAnErrorLine) {
   struct Code final : SecStaticCode {
     Kind kind() const override { return Kind::kProgram; }
     CodeSigningResult<void> SecStaticCodeCheckValidityWithErrors(std::uint32_t flags,
@@ -162,7 +162,7 @@ TEST_F(ExecInfoTest, AnEmptyFileHasNoHash) {
   EXPECT_EQ(handler_->calculateHashForPath(folder_.write("empty", "")), "");
 }
 
-TEST_F(ExecInfoTest, WhatIsNoFileHasNoHashAndHoldsNothingUp) {
+TEST_F(ExecInfoTest, OnlyARegularFileIsHashed) {
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   for (const std::string& path :
@@ -178,7 +178,7 @@ TEST_F(ExecInfoTest, TheDaemonsEndEndsAHash) {
   EXPECT_EQ(handler_->calculateHashForPath(file), "");
 }
 
-TEST_F(ExecInfoTest, AfterTheDaemonsEndRequestsAreAnsweredWithNothing) {
+TEST_F(ExecInfoTest, AfterTheDaemonsEndAnswersAreEmpty) {
   const std::string file = folder_.write("abc", "abc");
   signatures_.addValid(file, Kind::kProgram, "com.vantor.sample");
   attributes_.set(file, kWhereFroms,
@@ -197,7 +197,7 @@ TEST_F(ExecInfoTest, AfterTheDaemonsEndRequestsAreAnsweredWithNothing) {
   EXPECT_EQ(told(), " 0 ");
 }
 
-// As it would be where others are told the user's home while this one waits for its turn.
+// A request may wait for the delegate while other requests use it.
 TEST_F(ExecInfoTest, AfterTheDaemonsEndTheDelegateIsNotAsked) {
   attributes_.set("/file", kQuarantine, "id");
   home_ = folder_.path();
@@ -224,7 +224,7 @@ TEST_F(LongExecInfoQuery, TheDaemonsEndEndsAQuery) {
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
 }
 
-TEST_F(LongExecInfoQuery, TheCallersEndEndsAQuery) {
+TEST_F(LongExecInfoQuery, TheClientsEndEndsAQuery) {
   FakeXPC server(network_, {200, 0, 0}, systemLog_);
   FakeXPC client(network_, {300, 501, 20}, systemLog_);
   auto listener = server.xpc.makeAnonymousListener();
@@ -253,14 +253,14 @@ TEST_F(LongExecInfoQuery, TheCallersEndEndsAQuery) {
   loop_.runReady();
 }
 
-TEST_F(LongExecInfoQuery, TimeEndsAQuery) {
+TEST_F(LongExecInfoQuery, AQueryEndsAtItsTimeLimit) {
   tick_ = std::chrono::microseconds(1);
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/id");
   tick_ = ORBExecInfoHandler::kQuarantineQueryTime;
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
 }
 
-TEST_F(ExecInfoTest, ADelegateThatTakesLongToKnowNothingIsLeftAloneForAWhile) {
+TEST_F(ExecInfoTest, ASlowDelegateWithoutAHomeIsPaused) {
   using std::chrono::nanoseconds;
   attributes_.set("/file", kQuarantine, "id");
   const auto isAsked = [&] {
@@ -270,12 +270,12 @@ TEST_F(ExecInfoTest, ADelegateThatTakesLongToKnowNothingIsLeftAloneForAWhile) {
     EXPECT_EQ(lines(), (Lines{"7 Couldn't locate quarantine database"}));
     return questions_ > before;
   };
-  answerTime_ = ORBExecInfoHandler::kLongQuestion - nanoseconds(1);
+  answerTime_ = ORBExecInfoHandler::kSlowDelegateTime - nanoseconds(1);
   EXPECT_TRUE(isAsked());
   answerTime_ += nanoseconds(1);
   EXPECT_TRUE(isAsked());
   EXPECT_FALSE(isAsked());
-  now_ += ORBExecInfoHandler::kQuestionPause - nanoseconds(1);
+  now_ += ORBExecInfoHandler::kDelegatePause - nanoseconds(1);
   EXPECT_FALSE(isAsked());
   now_ += nanoseconds(1);
   EXPECT_TRUE(isAsked());
@@ -290,7 +290,7 @@ TEST_F(ExecInfoTest, TheSourceIsTheFirstOfTheWhereFroms) {
   EXPECT_TRUE(lines().empty());
 }
 
-TEST_F(ExecInfoTest, WhereFromsThatSayNothingLeaveItToTheQuarantineRecord) {
+TEST_F(ExecInfoTest, WithoutWhereFromsTheQuarantineRecordIsUsed) {
   makeDatabase(events(event("id", "https://example.com/q")));
   attributes_.set("/file", kQuarantine, "0081;5f;Browser;id");
   for (const Value& list :
@@ -325,7 +325,7 @@ TEST_F(ExecInfoTest, AttributesMayBe4096BytesAndNoMore) {
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/long");
 }
 
-TEST_F(ExecInfoTest, TheLastFieldOfTheQuarantineAttributeIsTheIdentifier) {
+TEST_F(ExecInfoTest, TheQuarantineAttributesLastFieldIsTheIdentifier) {
   makeDatabase(events(event("id", "https://example.com/id") + event("a", "https://example.com/a")));
   for (const char* text : {"0081;5f;Browser;id", ";id", "id"}) {
     attributes_.set("/file", kQuarantine, text);
@@ -346,7 +346,7 @@ TEST_F(ExecInfoTest, WithoutAHomeThereIsNoDatabase) {
   }
 }
 
-TEST_F(ExecInfoTest, ADatabaseThatCantBeOpenedIsQueriedInVain) {
+TEST_F(ExecInfoTest, ADatabaseThatCantBeOpenedHasNoSource) {
   attributes_.set("/file", kQuarantine, "id");
   home_ = folder_.path("nobody");
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
@@ -356,7 +356,7 @@ TEST_F(ExecInfoTest, ADatabaseThatCantBeOpenedIsQueriedInVain) {
 
 class UselessDatabase : public ExecInfoTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(UselessDatabase, TellsNoSource) {
+TEST_P(UselessDatabase, HasNoSource) {
   makeDatabase(GetParam());
   attributes_.set("/file", kQuarantine, "id");
   EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
@@ -371,12 +371,12 @@ INSTANTIATE_TEST_SUITE_P(
         "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', NULL);",
         "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier, "
         "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', x'ff');",
-        // Its owner would have us look for ever.
+        // Its owner wants the query to run for ever.
         "CREATE VIEW LSQuarantineEvent AS WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
         "FROM n) SELECT i AS LSQuarantineEventIdentifier, i AS LSQuarantineOriginURLString FROM "
         "n;"));
 
-TEST_F(ExecInfoTest, ACorruptDatabaseTellsNoSource) {
+TEST_F(ExecInfoTest, ACorruptDatabaseHasNoSource) {
   home_ = folder_.path();
   folder_.write("Library/Preferences/com.apple.LaunchServices.QuarantineEventsV2",
                 "SQLite format 3 it is not, though it is long enough to be taken for one" +
@@ -386,7 +386,7 @@ TEST_F(ExecInfoTest, ACorruptDatabaseTellsNoSource) {
   EXPECT_EQ(lines(), (Lines{"7 No source url found for path '/file'\n"}));
 }
 
-TEST_F(ExecInfoTest, ALockedDatabaseTellsNoSourceAndIsNotWaitedFor) {
+TEST_F(ExecInfoTest, ALockedDatabaseFailsAtOnce) {
   const std::string path = makeDatabase(events(event("id", "https://example.com/id")));
   attributes_.set("/file", kQuarantine, "id");
   sqlite3* other = nullptr;
@@ -407,7 +407,7 @@ TEST_F(ExecInfoTest, ARequestIsAnsweredOnceWithThreeTexts) {
         EXPECT_EQ(signing + hash + source, "");
       });
   EXPECT_EQ(replies, 1);
-  // In the order in which they are found out.
+  // The lines are in the order of the answers.
   EXPECT_THAT(lines(), testing::ElementsAre("7 requestExecutableInfo request for path '/file'",
                                             testing::StartsWith("3 Unable to check validity"),
                                             testing::StartsWith("7 /file: "),

@@ -2,7 +2,7 @@
 
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
-// The requests of the installer and the user interface, and the checks of who may send them.
+// The requests of the installer and the user interface, and the checks of their senders.
 
 using namespace platform;
 

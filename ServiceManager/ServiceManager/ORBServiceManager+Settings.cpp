@@ -23,13 +23,13 @@ Value setOfLabels(const std::set<std::string>& labels) {
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
     const DistributedNotification& notification) {
   // The client observes this notification, too, but after us. Until it knows that the server is a
-  // new one, it does not ask a server that did not answer lately.
+  // new one, it does not call a server that hung lately.
   if (primaryServiceNotificationClient_)
     primaryServiceNotificationClient_->serverDidStart(notification);
   if (!isPrimaryServiceUp()) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
   if (operatingMode_ == ORBOperatingModeInstaller) return;
-  // Its settings may be others than before: everything is evaluated again, also from normal mode.
+  // Its settings may have changed, so everything is evaluated again, also from normal mode.
   operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
   evaluateWaitingForPrimaryServiceOperatingMode();
 }
@@ -37,25 +37,28 @@ void ORBServiceManager::handleGlobalSettingsServerDidStart(
 void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
     const DistributedNotification& /*notification*/) {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service is shutting down");
-  operatingMode_ = ORBOperatingModeWaitingForPrimaryService;  // The installer's mode ends, too.
+  operatingMode_ =
+      ORBOperatingModeWaitingForPrimaryService;  // This ends the installer's mode, too.
 }
 
-// Does now what the watchdog would do within a quarter of an hour; in normal mode evaluates again.
+// Does now what the watchdog would do within a quarter of an hour; in normal mode, evaluates again.
 void ORBServiceManager::evaluateAgain() {
   const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
   evaluateWaitingForPrimaryServiceOperatingMode();
   if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
 }
 
-// The primary service may have gone, or come, or both, and the settings may be others.
+// The primary service may have stopped, started or both, and the settings may have changed.
 void ORBServiceManager::handleNotificationsReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
-  // The clients may have missed starts of their servers, too, and ask a silent one again.
+  // The clients may have missed starts of their servers, too, so they call a server again that
+  // hung.
   if (primaryServiceNotificationClient_) primaryServiceNotificationClient_->serverDidStart({});
   sources_.forgetConnections();
   evaluateAgain();
   if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
-  // A server that was only hung announces no start, and the next watchdog may be long in coming.
+  // A server that only hung announces no start, and the next watchdog may be a quarter of an hour
+  // away.
   timers_.performAfterDelay(kHungServerRetryDelay, [this] {
     if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
       evaluateWaitingForPrimaryServiceOperatingMode();
@@ -90,7 +93,7 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
-  // Also a timer that has fired: only an evaluation in normal mode makes room for another.
+  // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
@@ -104,7 +107,7 @@ void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*
 
 bool ORBServiceManager::evaluateServices() {
   if (healthInfo_) healthInfo_->reportInstallerEventFinished();
-  // Later, so that the installer has its answer at once.
+  // The evaluation comes later, so that the installer gets its answer at once.
   timers_.performAfterDelay(kInstallerEvaluationDelay,
                             [this] { evaluateRunningModeAfterInstallerEvent(); });
   return true;

@@ -28,7 +28,7 @@ constexpr char kSettingsDidChange[] = "KLXGlobalSettingsDidChangeNotification";
 
 }  // namespace
 
-// The extensions stop services, and the services' enforcement starts extensions: that circle is
+// The extensions stop services, and the enforcement of services starts extensions. This cycle is
 // closed here.
 ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
     : platform_(platform),
@@ -109,7 +109,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
-  // After the announcement: none of the steps before depends on the operator.
+  // The operator's server follows the announcement, since no step before depends on it.
   servers_.vendOperatorServer();
 }
 
@@ -137,7 +137,7 @@ void ORBServiceManager::logOwner() const {
   const ProcessOwner& owner = platform_.owner;
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("real UID: %d | effective UID: %d",
                                                        owner.realUser, owner.effectiveUser));
-  // The effective user stands in both lines, on purpose: readers of the log expect it there.
+  // The effective user is in both lines on purpose: readers of the log expect it there.
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("real GID: %d | effective GID: %d",
                                                        owner.realGroup, owner.effectiveUser));
 }

@@ -33,7 +33,7 @@
 
 class ORBServiceManager;
 
-// What an exit watch passes to its callback.
+// The context that an exit watch passes to its callback.
 struct ExitNoteContext {
   ORBServiceManager* object = nullptr;
   std::string jobIdentifier;  // the service's label
@@ -48,8 +48,8 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 // are theirs are forwarded and documented there.
 //
 // Everything belongs to the main thread and takes no lock; a call that blocks (a removal, a job
-// without a process yet, a remote answer) blocks that thread, for a bounded time. No operation
-// fails by more than its result: failures are logged.
+// without a process yet, a remote answer) blocks that thread, for a bounded time. An operation
+// fails only by its result; failures are logged.
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                                 public KLXGlobalSettingsClientDelegate,
                                 public platform::NSConnectionDelegate,
@@ -91,8 +91,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   // Evaluation: which services must run.
 
-  // The watchdog: finds out that the primary service is up, and evaluates then, or that it has
-  // gone.
+  // The watchdog. While the daemon waits for the primary service, evaluates once that is up; in
+  // normal mode, begins to wait if the primary service is down.
   void evaluateWaitingForPrimaryServiceOperatingMode();
   // In normal mode: makes the primary service run, then evaluates every other service.
   void evaluateSystemConfiguration();
@@ -109,8 +109,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Notices may have been missed: evaluates, unless an installer is at work, as if those of the
   // primary service and of a change of the settings had come.
   void handleNotificationsReturn();
-  // The job host answers again. Unless an installer is at work, what may have failed without it is
-  // done now: services that the user interface has stopped are removed, all others evaluated.
+  // The job host answers again. Unless an installer is at work, this repeats requests that may have
+  // failed: it removes services that the user interface has stopped, and evaluates all others.
   void handleJobHostReturn();
   void globalSettingsServerDidRestart(SettingsClient& client) override;
   // The installer has finished. Always true.
@@ -182,7 +182,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   // The catalogue's "Services".
   platform::Value services() const { return catalogue_.services(); }
-  // Nil without a process, and without an end yet.
+  // Nil if there is no process, or if no process has ended yet.
   platform::Value pidForService(Label label);
   platform::Value lastExitStatusForService(Label label);
   void stopServices(const platform::Array& labels);
@@ -230,7 +230,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::set<std::string>& kextsLoaded() const { return extensions_.kextsLoaded(); }
   ServiceHealth* healthInfo() const { return healthInfo_.get(); }
   const platform::RunLoopHandle* watchDog() const { return timers_.watchDog(); }
-  // Also a timer that has fired in another mode than the normal one.
+  // This includes a timer that has fired in another mode than the normal one.
   const platform::RunLoopHandle* globalSettingsDidChangeEffectTimer() const {
     return timers_.globalSettingsDidChangeEffectTimer();
   }
@@ -282,7 +282,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
   void evaluateFeatureService(const std::string& label);
-  // Whether the switch asks for the service to run, which it is made to do then.
+  // Whether the switch asks for the service to run. If so, it is made to run.
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
                       const platform::Value& expected, SettingsClient* client);
   void evaluateAgain();
@@ -295,8 +295,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   ServiceCatalogue catalogue_;
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
-  // Apart from the mode, which the end of the primary service changes, too, although that may be
-  // what the installer replaces.
+  // The mode does not hold this: the end of the primary service changes the mode, too, and the
+  // installer may be replacing that service.
   bool isInstallerAtWork_ = false;
   platform::Dictionary monitoredProcessesRunLoopSources_;
   platform::Dictionary serviceToFeatureNotificationMap_;

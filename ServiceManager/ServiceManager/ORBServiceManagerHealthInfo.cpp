@@ -15,7 +15,7 @@ std::string lineOf(const char* what, std::string_view label) {
   return stringWithFormat("Reported %s for service: %@", what, label);
 }
 
-// What `query` says when everything queued before has been done.
+// The result of `query`, which runs after everything that was queued before.
 template <typename Query>
 auto answerOf(SerialQueue& queue, Query query) {
   decltype(query()) answer{};
@@ -39,7 +39,8 @@ ORBServiceManagerHealthInfo::ORBServiceManagerHealthInfo(const Environment& envi
 }
 
 ORBServiceManagerHealthInfo::~ORBServiceManagerHealthInfo() {
-  // Its delegate and its root object's target end here, and so do the tables of what is queued.
+  // End the connection and wait for the queue: the connection's delegate, its root object's target
+  // and the tables that queued reports change are about to be destroyed.
   distantConnection_->invalidate();
   taskQueue_->sync([] {});
   vantorlogger2_close(mach_thread_self());
@@ -74,7 +75,7 @@ void ORBServiceManagerHealthInfo::reportForcedStopForService(std::string_view la
   taskQueue_->async([this, label = std::string(label)] {
     vantorlogger2_line(ASL_LEVEL_DEBUG, lineOf("forced stop", label));
     const auto known = status(label);
-    // It was told to end: by us, or by the installer.
+    // We or the installer told it to end.
     if (known == HealthStatus::kStopped || known == HealthStatus::kUpdating) return;
     crashCounters_.set(label, crashCounters_[label].integer().value_or(0) + 1);
     setStatus(label, HealthStatus::kUnready);
@@ -179,7 +180,7 @@ Value ORBServiceManagerHealthInfo::record() const {
     if (const auto said = health(label, status(label).value())) service.set(kHealthReported, *said);
     services.set(label, std::move(service));
   }
-  // Those that are not supervised any more.
+  // Services that are not supervised any more.
   for (const auto& [label, crashes] : crashCounters_) {
     if (services.contains(label)) continue;
     services.set(label, Dictionary{{kHealthName, nameToReport(label)}, {kHealthCrashes, crashes}});
@@ -199,7 +200,7 @@ Dictionary ORBServiceManagerHealthInfo::crashCounters() {
   return answerOf(*taskQueue_, [this] { return crashCounters_; });
 }
 
-// Not before what has been reported, which may say otherwise.
+// This waits for the reports made before, which may set it, too.
 void ORBServiceManagerHealthInfo::setReadyToReport(bool ready) {
   taskQueue_->sync([this, ready] { readyToReport_ = ready; });
 }

@@ -20,8 +20,8 @@
 #include "ServiceManager/Supervision/HealthRecord.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
 
-// How each service is and how often it ended by itself, and the server that tells the product's
-// health reporter.
+// The state of each service, the number of times that it ended by itself, and the server that the
+// product's health reporter asks.
 //
 // A report is queued and returns at once; a query waits for the queue and so sees every report made
 // before it. Everything but the queue's own work belongs to the main thread. Nothing fails.
@@ -40,12 +40,12 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
     const platform::SystemInformation& system;
   };
 
-  // Registers the server's name. Where that is not to be had nobody is told anything, and all else
-  // goes on.
+  // Registers the server's name. If that fails, the health reporter can't connect, and everything
+  // else works.
   explicit ORBServiceManagerHealthInfo(const Environment& environment);
   ORBServiceManagerHealthInfo(const ORBServiceManagerHealthInfo&) = delete;
   ORBServiceManagerHealthInfo& operator=(const ORBServiceManagerHealthInfo&) = delete;
-  // Waits for what is queued.
+  // Waits for the reports that are queued.
   ~ORBServiceManagerHealthInfo() override;
 
   // Reports.
@@ -54,14 +54,14 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
   void reportUnreadyStateForService(std::string_view label) override;
   void reportStartForService(std::string_view label) override;
   void reportStopForService(std::string_view label) override;
-  // A process that ended without having been told to.
+  // A process has ended without having been told to.
   void reportForcedStopForService(std::string_view label) override;
   void reportIntallerEventStartedForService(std::string_view label) override;
   void reportInstallerEventFinished() override;
 
   // Queries.
   std::set<std::string> problemServices() override;
-  // Any thread may ask; it does not wait for reports that are still queued.
+  // Any thread; this does not wait for reports that are still queued.
   bool isReadyToReport() const { return readyToReport_; }
   // By name, kHealthy or kUnhealthy: what the health reporter reads. Clears all crash counters.
   platform::Value getHealthStateForServices();
@@ -93,18 +93,18 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
   void setStatus(std::string_view label, HealthStatus status);
   std::optional<HealthStatus> status(std::string_view label) const;
   std::string nameToReport(const std::string& label) const;
-  // What a summary says of the service, nothing where it leaves it out.
+  // The service's value in a summary; nothing if the summary leaves the service out.
   std::optional<std::int64_t> health(const std::string& label, HealthStatus status) const;
   platform::Value summarize();
   platform::Value record() const;
 
-  // The status is set on the queue, and the line logged from there.
+  // Sets the status and logs the line, both on the queue.
   void report(std::string_view label, HealthStatus status, const char* what);
 
   // Shared with the blocks that it has yet to run.
   const std::shared_ptr<platform::SerialQueue> taskQueue_;
 
-  // Of the queue.
+  // Used on the queue alone.
   platform::Dictionary serviceStates_;  // label to status
   platform::Dictionary crashCounters_;  // label to forced stops since the last summary
   std::int64_t crashLimit_ = kDefaultCrashLimit;

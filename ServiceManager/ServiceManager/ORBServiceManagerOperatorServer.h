@@ -6,8 +6,8 @@
 
 class OperatorReport;
 
-// The root object of the operator's server: it answers what the daemon knows and why it does what
-// it does, and changes nothing. Belongs to the main thread. The keys of the answers stand in
+// The root object of the operator's server, which reports the daemon's state and the reasons for
+// its decisions, and changes nothing. Belongs to the main thread. The keys of the answers are in
 // OperatorFacts.h and HealthRecord.h.
 class ORBServiceManagerOperatorServer final : public platform::MessageReceiver {
  public:
@@ -15,8 +15,8 @@ class ORBServiceManagerOperatorServer final : public platform::MessageReceiver {
   explicit ORBServiceManagerOperatorServer(const OperatorReport& report) : report_(report) {}
 
   // "overview"; "healthRecord"; "factsOfService:" with a label; "jobsOfServices:" with an array of
-  // labels; "extensions". See OperatorReport.h for the answers and for how long each blocks. The
-  // job host costs half a minute if it is there and does not answer.
+  // labels; "extensions". See OperatorReport.h for the answers and for how long each blocks. A job
+  // host that hangs costs half a minute.
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override;
 

@@ -22,7 +22,7 @@ bool canBeRegistered(const std::optional<std::string>& name) {
   return name && name->size() <= ORBServiceManagerXPCHandler::kMaxNameBytes;
 }
 
-// For the log, which is not to carry all that somebody sends.
+// The name as the log shows it, cut off: a client must not fill the log.
 std::optional<std::string> shown(const std::optional<std::string>& name) {
   if (!name || canBeRegistered(name)) return name;
   return name->substr(0, ORBServiceManagerXPCHandler::kMaxNameBytes) + "...";
@@ -40,7 +40,8 @@ ORBServiceManagerXPCHandler::ORBServiceManagerXPCHandler(
   vantorlogger2_open(kClassName, threadOfLogger_);
 }
 
-// Of the thread that opened it, on whichever the last connection lets go of this.
+// Close the log of the thread that opened it: the last connection may release this on another
+// thread.
 ORBServiceManagerXPCHandler::~ORBServiceManagerXPCHandler() {
   vantorlogger2_close(threadOfLogger_);
 }
@@ -55,7 +56,7 @@ bool ORBServiceManagerXPCHandler::listener(
                        connection.processIdentifier(), connection.effectiveUserIdentifier()));
   connection.setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
   connection.setExportedObject(shared_from_this());
-  connection.setServesAtOnce();  // A look into a table.
+  connection.setServesAtOnce();  // Every request is a lookup in a table.
   connection.resume();
   return true;
 }
@@ -133,8 +134,8 @@ void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::s
                                           NSNotificationPosting::kPostToAllSessions);
 }
 
-// `endpoint` outlives the lock: the end of what it replaces, a system call, is not to keep others
-// waiting.
+// `endpoint` outlives the lock and takes the replaced endpoint along: closing that is a system
+// call, which must not block others.
 std::optional<std::string> ORBServiceManagerXPCHandler::registerWithinLimits(
     Endpoint endpoint, const std::optional<std::string>& name) {
   if (!endpoint) return "There is no endpoint to register.";
@@ -150,7 +151,7 @@ std::optional<std::string> ORBServiceManagerXPCHandler::registerWithinLimits(
 
 void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
                                                               const std::string& withName) {
-  Endpoint replaced = endpoint;  // Which ends without the lock.
+  Endpoint replaced = endpoint;  // It ends after the lock.
   const std::lock_guard lock(mutex_);
   endpointListeners_[withName].swap(replaced);
 }

@@ -17,22 +17,22 @@
 #include "Platform/XPC/NSXPCListener.h"
 
 // The registry of endpoints: the product's processes publish their listeners in it by name, and
-// find those of others. Whoever shows the passkey, the product's token, may do either; the daemon
-// itself needs none.
+// find those of others. Both need the passkey, the product's token; the daemon itself needs none.
 //
 // Requests come on the queues of several connections at once, and any thread may use it. Entries
-// are replaced and never removed: that of a dead process stays until its owner registers again.
+// are replaced and never removed: if a process has died, its entry stays until the name is
+// registered again.
 class ORBServiceManagerXPCHandler final
     : public platform::NSXPCListenerDelegate,
       public platform::NSXPCExportedObject,
       public std::enable_shared_from_this<ORBServiceManagerXPCHandler> {
  public:
   static constexpr char kClassName[] = "ORBServiceManagerXPCHandler";
-  // Each entry is a descriptor of the daemon's, for good.
+  // Each entry holds a descriptor for as long as the daemon runs.
   static constexpr std::size_t kMaxNames = 1024;
   static constexpr std::size_t kMaxNameBytes = 1024;
 
-  // Shared with whoever holds the same endpoint; null where there is none.
+  // Shared with all other holders of the same endpoint; null if there is none.
   using Endpoint = std::shared_ptr<const platform::NSXPCListenerEndpoint>;
 
   // All of it outlives this.
@@ -43,7 +43,7 @@ class ORBServiceManagerXPCHandler final
   ORBServiceManagerXPCHandler& operator=(const ORBServiceManagerXPCHandler&) = delete;
   ~ORBServiceManagerXPCHandler() override;
 
-  // Accepts everybody: it is each request that is asked for the passkey.
+  // Accepts every connection: the passkey is checked with each request.
   bool listener(
       platform::NSXPCListener& listener,
       const std::shared_ptr<platform::NSXPCConnection>& shouldAcceptNewConnection) override;
@@ -57,17 +57,17 @@ class ORBServiceManagerXPCHandler final
       std::move_only_function<void(bool success, const std::optional<std::string>& message)>;
   using EndpointReply = std::move_only_function<void(const Endpoint& endpoint)>;
 
-  // The token by which a client knows the daemon.
+  // The token by which a client recognises the daemon.
   void signature(SignatureReply withReply);
-  // Byte for byte, in a time that says nothing of the bytes.
+  // Compares byte for byte, in constant time.
   bool validatePasskey(const platform::Value& passkey) const;
-  // A name that is not there or too long can't be registered.
+  // A name that is missing or too long can't be registered.
   void registerXPCListenerEndpoint(const Endpoint& endpoint, const platform::Value& forPasskey,
                                    const std::optional<std::string>& withName,
                                    RegisterReply withReply);
-  // With a wrong passkey the reply is never called, deliberately: who does not belong here learns
-  // nothing. A name that nobody has is answered with null, and its owner asked to register; of a
-  // name that can't be registered there is none.
+  // With a wrong passkey the reply is deliberately never called, so that a stranger learns nothing.
+  // If the name has no entry, the endpoint is null, and the owner of the name is asked to register,
+  // unless the name can't be registered.
   void xpcListenerEndpoint(const platform::Value& forPasskey,
                            const std::optional<std::string>& withName, EndpointReply withReply);
   void sendNotificationToRegisterForName(const std::string& name);
@@ -77,7 +77,7 @@ class ORBServiceManagerXPCHandler final
   Endpoint xpcListenerEndpointByName(const std::string& name) const;
 
  private:
-  // Registers them, within the limits above. Why they can't be, or nothing.
+  // Registers the endpoint within the limits above. The reason for a refusal, or nothing.
   std::optional<std::string> registerWithinLimits(Endpoint endpoint,
                                                   const std::optional<std::string>& name);
 

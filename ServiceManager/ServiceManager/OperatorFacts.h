@@ -1,14 +1,14 @@
 #pragma once
 
-// The keys of what the operator's server tells: dictionaries of plain values. What is not known or
-// does not apply is absent.
+// The keys of the operator's server's answers, which are dictionaries of plain values. A fact that
+// is not known or does not apply is absent.
 
-// Of the service manager and of every service.
+// Facts of the service manager and of every service.
 inline constexpr char kFactOperatingMode[] = "OperatingMode";  // integer, see OperatingMode.h
 inline constexpr char kFactProduct[] = "Product";              // the installed one's name
 inline constexpr char kFactPrimary[] = "Primary";              // the primary service's label
 // Seconds until services that are not ready are started again, until a change of the settings is
-// evaluated, and until the watchdog looks for the configuration server; reals.
+// evaluated, and until the watchdog checks the configuration server; reals.
 inline constexpr char kFactRetryIn[] = "RetryIn";
 inline constexpr char kFactSettingsEvaluationIn[] = "SettingsEvaluationIn";
 inline constexpr char kFactWatchDogIn[] = "WatchDogIn";
@@ -16,19 +16,19 @@ inline constexpr char kFactWatchDogIn[] = "WatchDogIn";
 // evaluation in normal mode.
 inline constexpr char kFactSettingsChangesWait[] = "SettingsChangesWait";
 
-// Of the service manager alone.
+// Facts of the service manager alone.
 inline constexpr char kFactServices[] = "Services";  // by label, the facts marked with * below
 inline constexpr char kFactOtherServices[] = "OtherServices";  // other products': label to products
 
-// Of a service.
+// Facts of a service.
 inline constexpr char kFactLabel[] = "Label";
 inline constexpr char kFactProducts[] = "Products";        // the names of those that it belongs to
-inline constexpr char kFactIsOfProduct[] = "IsOfProduct";  // boolean: the rest is there
-// Why it runs or does not; see reasonOf(). Also of another product's service.
+inline constexpr char kFactIsOfProduct[] = "IsOfProduct";  // boolean: if true, the rest is there
+// Why it runs or does not; see reasonOf(). Another product's service has one, too.
 inline constexpr char kFactReason[] = "Reason";
 inline constexpr char kFactType[] = "Type";                // * see serviceTypeForLabel()
 inline constexpr char kFactIsMonitored[] = "IsMonitored";  // * boolean
-// * boolean: a user interface asked for it to be stopped.
+// * boolean: a user interface asked to stop it.
 inline constexpr char kFactIsStopped[] = "IsStoppedByUserInterface";
 // * real: seconds until it is stopped, because an evaluation found no switch that asks for it.
 inline constexpr char kFactStopIn[] = "StopIn";
@@ -42,18 +42,19 @@ inline constexpr char kFactProgramExists[] = "ProgramExists";
 inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
 inline constexpr char kFactProgramFault[] = "ProgramFault";            // why it is not
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
-// What the job host knows of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent:
-// there is no job, or no host answers. This and the next are what "jobsOfServices:" tells.
+// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent if
+// there is no job, or if the host does not answer. "jobsOfServices:" answers with this and the
+// next.
 inline constexpr char kFactJob[] = "Job";
-inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, where the host is silent
+inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, if the host does not answer
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
-// Boolean: it is one of those that are started again after kFactRetryIn.
+// Boolean: it will be started again after kFactRetryIn.
 inline constexpr char kFactIsRetried[] = "IsRetried";
-// Boolean: its "Features" are no array.
+// Boolean: its "Features" are not an array.
 inline constexpr char kFactFeaturesAreMalformed[] = "FeaturesAreMalformed";
 inline constexpr char kFactSwitches[] = "Switches";  // array; a feature service's alone
 
-// Of a switch.
+// Facts of a switch.
 inline constexpr char kFactFeature[] = "Feature";
 inline constexpr char kFactSource[] = "Source";  // the prefix of its settings server
 inline constexpr char kFactKey[] = "Key";
@@ -63,24 +64,25 @@ inline constexpr char kFactRefusal[] = "Refusal";  // that exception's name and 
 inline constexpr char kFactOutcome[] = "Outcome";  // one of these
 inline constexpr char kOutcomeMatches[] = "matches";
 inline constexpr char kOutcomeDiffers[] = "differs";
-inline constexpr char kOutcomeClashes[] = "clashes";    // of kinds that can't be compared
+inline constexpr char kOutcomeClashes[] = "clashes";    // of types that can't be compared
 inline constexpr char kOutcomeAbsent[] = "absent";      // no such setting
 inline constexpr char kOutcomeNoAnswer[] = "noAnswer";  // its settings server does not answer
 inline constexpr char kOutcomeRefused[] = "refused";    // it answers with an exception
 inline constexpr char kOutcomeNotAsked[] = "notAsked";  // no evaluation has needed it yet
 inline constexpr char kOutcomeNoSource[] = "noSource";  // there is no such settings server
 
-// Of an extension of the catalogue.
+// Facts of an extension of the catalogue.
 inline constexpr char kFactKextIdentifier[] = "Identifier";  // absent: the catalogue has none
 inline constexpr char kFactKextPath[] = "Path";              // absent: it is not installed
 inline constexpr char kFactKextFault[] = "Fault";            // why loading it would fail
-// Absent where it has an identifier: the job host does not answer.
+// Absent, although it has an identifier, if the job host does not answer.
 inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
-// Where what is loaded was loaded from, if that is not the path above.
+// The path that the loaded extension came from, if that is not the path above.
 inline constexpr char kFactKextLoadedPath[] = "LoadedPath";
-// Of a loaded user-space extension; 0 while it has no process.
+// The process of a loaded user-space extension; 0 while it has none.
 inline constexpr char kFactKextProcess[] = "PID";
-inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control takes connections
-inline constexpr char kFactKextIsAnswering[] = "IsAnswering";    // and answers; absent: takes none
+inline constexpr char kFactKextIsConnected[] = "IsConnected";  // its control accepts connections
+inline constexpr char kFactKextIsAnswering[] =
+    "IsAnswering";  // and answers; absent if not connected
 inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
 inline constexpr char kFactKextServices[] = "Services";          // the labels that name it

@@ -18,7 +18,7 @@ namespace {
 // The time in which each settings server must answer for all switches of a service. With that of
 // the job host, the times of all servers add up to less than the operator's command waits.
 constexpr Duration kLookTime = std::chrono::seconds(2);
-// A job host that could not tell how one job is, and took this long, is not asked about others.
+// If the job host took this long and did not answer about one job, it is not asked about others.
 constexpr Duration kLongForAJobHost = std::chrono::seconds(1);
 
 double inSeconds(Duration duration) {
@@ -68,7 +68,7 @@ void OperatorReport::addOperatingFacts(Dictionary& facts) const {
   facts.set(kFactPrimary, environment_.catalogue.primaryLabel());
   if (const auto left = timers.untilReevaluation()) facts.set(kFactRetryIn, inSeconds(*left));
   if (const auto left = timers.untilSettingsEvaluation()) {
-    // A timer that has fired outside the normal mode is kept, and delays the changes to come.
+    // A timer that has fired outside the normal mode is kept, and delays further changes.
     if (*left > Duration::zero()) {
       facts.set(kFactSettingsEvaluationIn, inSeconds(*left));
     } else {
@@ -252,7 +252,7 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
   const auto known = clients.find(*configuration.source);
   if (known == clients.end()) return SwitchOutcome::kNotAsked;
   if (!known->second) return SwitchOutcome::kNoSource;
-  // One time for all switches of the server, however many there are.
+  // This time is for all switches of the server, however many there are.
   Duration& time = left.try_emplace(known->first, kLookTime).first->second;
   const Instant start = environment_.runLoop.now();
   const MessageResult current = time <= Duration::zero()

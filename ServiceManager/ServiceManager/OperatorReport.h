@@ -22,7 +22,7 @@
 #include "ServiceManager/Supervision/ServiceHealth.h"
 #include "Shared/ORBSigningValidator.h"
 
-// What the operator is told of the daemon and its services; the keys stand in OperatorFacts.h and
+// The report to the operator on the daemon and its services; the keys are in OperatorFacts.h and
 // HealthRecord.h. A report must not change what the daemon will do: it makes no client of a
 // settings server, clears no counter and logs nothing of its own. Belongs to the main thread.
 class OperatorReport {
@@ -50,7 +50,7 @@ class OperatorReport {
   platform::Value overview() const;
   // Nil if the product keeps no health record.
   platform::Value healthRecord() const;
-  // Nil for a label that no service of any product has. Asks the job host, which blocks for its
+  // Nil if no service of any product has the label. Asks the job host, which blocks for its
   // time-out at most, and each settings server of the service's switches, for two seconds at most.
   platform::Value factsOfService(std::string_view label) const;
   // The facts of the jobs of those labels that are services of this product, by label.
@@ -63,7 +63,7 @@ class OperatorReport {
   void addOperatingFacts(platform::Dictionary& facts) const;
   void addMarksOfService(platform::Dictionary& facts, std::string_view label) const;
   ServiceJobState addJobFacts(platform::Dictionary& facts, std::string_view label) const;
-  // Each of these adds facts, and the same to the situation of the service.
+  // Each of these adds its facts both to `facts` and to the situation of the service.
   void addSystemFacts(platform::Dictionary& facts, ServiceSituation& situation,
                       const platform::Value& entry) const;
   void addProgramFacts(platform::Dictionary& facts, ServiceSituation& situation,
@@ -74,7 +74,7 @@ class OperatorReport {
                    std::string_view label) const;
   // The rest of the time that each settings server gets to answer for these facts, by its prefix.
   using SourceTimes = std::map<std::string, platform::Duration>;
-  // Adds what was found to the facts of the switch.
+  // Adds its result to the facts of the switch.
   SwitchOutcome addSwitchFacts(platform::Dictionary& facts,
                                const FeatureConfiguration& configuration, const std::string& key,
                                const platform::Value& expected, SourceTimes& left) const;

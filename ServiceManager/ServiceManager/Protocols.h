@@ -4,20 +4,20 @@
 
 // The protocols that the daemon speaks, as it names them when it asks for them.
 
-// What the installer may ask.
+// The installer's requests.
 inline constexpr char kORBServiceManagerInstallerProtocol[] = "ORBServiceManagerInstallerProtocol";
-// What the user interface may ask, and what its clients are told.
+// The user interface's requests, and the notice that its clients get.
 inline constexpr char kORBServiceManagerUserInterfaceProtocol[] =
     "ORBServiceManagerUserInterfaceProtocol";
 inline constexpr char kORBServiceManagerUserInterfaceDelegateProtocol[] =
     "ORBServiceManagerUserInterfaceDelegateProtocol";
 // Hands out the per-run secret.
 inline constexpr char kServiceManagerAuthProtocol[] = "ServiceManagerAuthProtocol";
-// What the configuration server tells of itself.
+// The status of the configuration server.
 inline constexpr char kORBServiceManagerConfigurationServerStatusProtocol[] =
     "ORBServiceManagerConfigurationServerStatusProtocol";
-// What the registry of XPC endpoints answers, and the executable-information service. A two-way
-// method's last argument stands for its reply.
+// The requests to the registry of XPC endpoints and to the executable-information service. A
+// two-way method's last argument stands for its reply.
 inline constexpr char kORBServiceManagerXPCInterfaceProtocol[] =
     "ORBServiceManagerXPCInterfaceProtocol";
 inline constexpr char kORBExecutableInfoProtocol[] = "ORBExecutableInfoProtocol";
@@ -26,14 +26,14 @@ inline constexpr char kORBExecutableInfoProtocol[] = "ORBExecutableInfoProtocol"
 // the first.
 inline constexpr char kEndpointRegistryService[] = "com.vantor.common.servicemanager";
 inline constexpr char kExecInfoEndpoint[] = "com.vantor.xpc.name.execinfohandler";
-// Asks whoever owns a name, which stands under that key of the user info, to register it.
+// Asks the owner of a name to register it. The name is in the user info under that key.
 inline constexpr char kEndpointRequestNotification[] =
     "com.vantor.servicemanager.xpc.notification.registration";
 inline constexpr char kEndpointRequestName[] = "requestName";
 
-// What the product's health reporter may ask.
+// The health reporter's requests.
 inline constexpr char kServiceManagerHealthProtocol[] = "ServiceManagerHealthProtocol";
-// What the operator may ask; nothing changes by it.
+// The operator's requests, which change nothing.
 inline constexpr char kORBServiceManagerOperatorProtocol[] = "ORBServiceManagerOperatorProtocol";
 
 // Puts all of them into the table that `main` fills.

@@ -19,11 +19,11 @@ constexpr char kFile[] = "Library/Preferences/com.apple.LaunchServices.Quarantin
 constexpr char kQuery[] =
     "SELECT LSQuarantineOriginURLString FROM LSQuarantineEvent WHERE LSQuarantineEventIdentifier "
     "== ?1";
-// Of any text or blob. The identifiers that we are given have 4096 at most.
+// The limit of any text or blob. The identifiers that we are given have 4096 bytes at most.
 constexpr int kMaxTextBytes = 16 * 1024;
 constexpr int kMaxPatternBytes = 16;
 constexpr int kInstructionsPerCheck = 1000;
-// Of all databases that are being looked at: a schema may have any number of tables.
+// The limit of all open databases together: a schema may have any number of tables.
 constexpr sqlite3_int64 kMaxMemoryBytes = 32 << 20;
 
 struct CloseDatabase {
@@ -36,10 +36,10 @@ struct FinalizeStatement {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// For the whole program, of which only this has to do with SQLite.
+// Sets up SQLite for the whole program, in which only this file uses it.
 //
-// SQLite opens the file, its journals and what else belongs to it by name, and any of them may be a
-// pipe that its owner has put there: without another end SQLite would wait for one for ever.
+// SQLite opens the file, its journals and its other files by name. The user may have put a pipe in
+// the place of any of them, and SQLite would wait for the other end of the pipe for ever.
 void setUpSqlite() {
   static const int kDone = [] {
     sqlite3_hard_heap_limit64(kMaxMemoryBytes);
@@ -50,21 +50,21 @@ void setUpSqlite() {
   std::ignore = kDone;
 }
 
-void logThatItIsNotOpen() { vantorlogger2_line(ASL_LEVEL_DEBUG, "Failed to open database!"); }
+void logOpenFailure() { vantorlogger2_line(ASL_LEVEL_DEBUG, "Failed to open database!"); }
 
-// The query is asked also where this has failed, and fails then.
+// The query runs even if this has failed, and fails then.
 Database open(const std::string& path) {
   setUpSqlite();
   sqlite3* opened = nullptr;
-  if (sqlite3_open(path.c_str(), &opened) != SQLITE_OK) logThatItIsNotOpen();
+  if (sqlite3_open(path.c_str(), &opened) != SQLITE_OK) logOpenFailure();
   return Database(opened);
 }
 
 // `isOver` outlives the use of the database.
 //
-// It is asked between instructions, so that none of them may take long: functions, of
-// which one call can compare or make megabytes, may have no arguments, which makes a schema with
-// any other an error; views, triggers and virtual tables are of no use to the query.
+// `isOver` is called between instructions, so none of them may take long. One call of a function
+// can compare or make megabytes, so functions may have no arguments; a schema that uses any other
+// function is an error then. The query needs no views, triggers or virtual tables.
 void bound(sqlite3* database, const std::function<bool()>& isOver) {
   sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kMaxTextBytes);
   sqlite3_limit(database, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, kMaxPatternBytes);
@@ -74,12 +74,12 @@ void bound(sqlite3* database, const std::function<bool()>& isOver) {
                             SQLITE_DBCONFIG_TRUSTED_SCHEMA}) {
     sqlite3_db_config(database, allowed, 0, nullptr);
   }
-  // A log written ahead stays as it is, whose work at the end no bound would end.
+  // A write-ahead log stays as it is: a checkpoint on close would be without any bound.
   for (const int wanted : {SQLITE_DBCONFIG_DEFENSIVE, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE}) {
     sqlite3_db_config(database, wanted, 1, nullptr);
   }
-  // Otherwise a log written ahead would come with a file that we map, and its owner could cut it
-  // off under us.
+  // Otherwise a write-ahead log would come with a file that we map, and its owner could truncate it
+  // under us.
   sqlite3_exec(database, "PRAGMA locking_mode = EXCLUSIVE", nullptr, nullptr, nullptr);
   sqlite3_progress_handler(
       database, kInstructionsPerCheck,
@@ -98,7 +98,7 @@ std::optional<std::string> query(sqlite3* database, const std::string& identifie
   }
   const unsigned char* text = sqlite3_column_text(prepared, 0);
   if (text == nullptr) return {};
-  // Of a blob, and of what somebody has written there as text, these may be any bytes.
+  // A blob may hold any bytes, and so may a text that the user has written.
   std::string origin(reinterpret_cast<const char*>(text));
   if (platform::findIllFormedUtf8(origin)) return {};
   return origin;
@@ -112,10 +112,10 @@ std::optional<std::string> originOfQuarantineEvent(const std::string& home,
   std::optional<std::string> origin;
   const auto done = performAsOwnerOf(home, kFile, [&] {
     const Database database = open(stringWithFormat("%@/%@", home, kFile));
-    if (!database) return;  // Without memory even for a failure.
+    if (!database) return;  // There is no memory even for the failure.
     bound(database.get(), isOver);
     origin = query(database.get(), identifier);
   });
-  if (!done) logThatItIsNotOpen();
+  if (!done) logOpenFailure();
   return origin;
 }

@@ -9,9 +9,8 @@
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
 
-// What the daemon's servers have in common: the arguments of a message, which a peer may give any
-// type, and the exceptions by which a message is refused. `receiver` is the class that the
-// exception names.
+// A message to one of the daemon's servers. A peer may give its arguments any type; a message is
+// refused by an exception. `receiver` is the class that the exception names.
 struct ServerMessage {
   std::string_view receiver;
   std::string_view selector;

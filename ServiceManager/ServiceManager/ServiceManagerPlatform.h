@@ -33,7 +33,8 @@ struct ProcessOwner {
   std::uint32_t realGroup = 0;
 };
 
-// What the daemon needs from outside. It outlives the daemon; no function of it is empty.
+// The parts of the platform that the daemon uses. They outlive the daemon; none of the functions is
+// empty.
 struct ServiceManagerPlatform {
   platform::RunLoop& runLoop;
   platform::Jobs& jobs;

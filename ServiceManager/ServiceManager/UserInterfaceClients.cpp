@@ -28,7 +28,7 @@ bool deliver(const NSProxy& client, const Value& notice) {
          client.sendMessage("jobStatusDidChangeWithInfo:", {notice}).has_value();
 }
 
-// Whether the client's connection has ended. Asks nobody.
+// Whether the client's connection has ended. Sends no message.
 bool isDisconnected(const std::shared_ptr<const NSProxy>& client) {
   const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
   return distant && !distant->connectionForProxy()->isValid();

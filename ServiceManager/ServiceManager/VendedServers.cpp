@@ -13,7 +13,7 @@ constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface
 constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
 constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
-// The release that brought XPC connections, 10.8. The major number is deliberately not looked at.
+// The release that brought XPC connections, 10.8. The major number is deliberately not checked.
 constexpr std::uint64_t kFirstMinorVersion = 8;
 
 }  // namespace

@@ -43,7 +43,7 @@ class VendedServers {
     std::shared_ptr<platform::NSProtocolChecker> rootObject;
   };
 
-  // `manager` performs what the servers are asked for, and is their delegate.
+  // `manager` performs the servers' requests, and is their delegate.
   VendedServers(const Environment& environment, ORBServiceManager& manager);
   VendedServers(const VendedServers&) = delete;
   VendedServers& operator=(const VendedServers&) = delete;

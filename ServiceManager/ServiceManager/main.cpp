@@ -1,5 +1,5 @@
-// The service manager daemon. It has no options: Service.plist in its bundle says what there is to
-// manage, and etc/vantor/platform.plist of the platform root what it runs on.
+// The service manager daemon. It has no options: Service.plist in its bundle lists the services,
+// and etc/vantor/platform.plist of the platform root describes the system.
 
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +40,8 @@
 
 namespace {
 
-// With connections of the calling thread alone. Without descriptors nothing can be asked.
+// The connections belong to the calling thread alone. If no descriptor is left, `ask` is not
+// called.
 void askSettingsOnThisThread(platform::LinuxPlatform& linux,
                              const platform::ProtocolTable& protocols,
                              const std::function<void(const SettingsClientFactories&)>& ask) {
@@ -66,7 +67,7 @@ int main(int argc, char** argv) {
   auto made = platform::LinuxPlatform::make();
   if (!made) return fail(made.error());
   platform::LinuxPlatform& linux = **made;
-  // It holds the secret of this run.
+  // The process holds the secret of this run.
   if (auto forbidden = platform::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
   platform::RunLoop& loop = *linux.runLoop;
   const std::string& root = linux.configuration.root;
@@ -93,7 +94,8 @@ int main(int argc, char** argv) {
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
   addGlobalSettingsProtocol(protocols);
-  // Behind all that requests use, for its threads serve them until it ends: the protocols, too.
+  // This comes after everything that requests use, also the protocols: its threads serve requests
+  // until it ends.
   const auto xpc = platform::LinuxXPC::make(linux.systemLog, root, std::move(linux.passedSocket));
   if (!xpc) return fail(xpc.error());
   SettingsClientFactories settingsClientFactories;

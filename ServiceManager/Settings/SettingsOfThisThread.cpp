@@ -14,7 +14,7 @@ using namespace platform;
 namespace {
 
 // A centre that never notifies anybody.
-class DeafCenter final : public DistributedNotificationCenter {
+class NullNotificationCenter final : public DistributedNotificationCenter {
  public:
   std::unique_ptr<Observation> addObserver(std::optional<std::string> /*name*/,
                                            std::optional<std::string> /*object*/,
@@ -36,9 +36,9 @@ void withSettingsOfThisThread(const SettingsThread& thread,
   NotificationCenter center;
   NamedConnections connections(thread.runLoop, thread.transport, center, thread.log,
                                thread.pathOfName);
-  DeafCenter deaf;
+  NullNotificationCenter nullCenter;
   SettingsClientFactories factories;
   addSettingsClientFactories(
-      factories, {thread.runLoop, connections, deaf, center, thread.protocols, thread.system});
+      factories, {thread.runLoop, connections, nullCenter, center, thread.protocols, thread.system});
   ask(factories);
 }

@@ -10,8 +10,9 @@
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 
-// What connections of one thread are made from. The loop and the transport belong to that thread;
-// nobody needs to run the loop, since a client that only calls waits on its own connection.
+// The parts that the connections of one thread are made from. The loop and the transport belong to
+// that thread; nobody needs to run the loop, since a client that only calls waits on its own
+// connection.
 struct SettingsThread {
   platform::RunLoop& runLoop;
   platform::PeerTransport& transport;

@@ -56,7 +56,7 @@ void SettingsSources::forgetConnections() {
 }
 
 Value SettingsSources::getLastLoggedInUserHomeDirectory() const {
-  // With a client of its own: the answer must not depend on the clients that evaluations have made.
+  // Use a client of its own: the answer must not depend on the clients that evaluations have made.
   Value home;
   const auto ask = [&](const SettingsClientFactories& factories) {
     const auto* factory = factories.find("cmxSettingsClientWithDelegate:");

@@ -44,18 +44,18 @@ bool ExitMonitor::monitorJobWithIdentifier(Label label, bool /*retryOnFailure*/)
     return true;
   }
   const std::string service(*label);
-  if (!armExitWatch(service, *process)) return true;  // Counts as success on purpose.
+  if (!armExitWatch(service, *process)) return true;  // It counts as success on purpose.
   records_.trackServiceForRespawn(service, true);
   events_.onWatch(service, *process);
   return true;
 }
 
 // The job host answers a submission once the process has been started, so the first copy is enough
-// unless a throttle delays the start. Only that delay is waited for: a host that can't tell has
-// used its time-out with the first copy, and would get it six times over.
+// unless a throttle delays the start. Wait only for that delay: a host that hangs has cost a
+// time-out with the first copy, and would cost one with each further copy.
 //
-// Each copy is a request to the job host, although the answer to the submission before might have
-// held the process: the order and the number of these requests are part of the interface.
+// Each copy is a request to the job host. The answer to the submission before could have held the
+// process, but the order and the number of these requests are part of the interface.
 std::optional<ProcessId> ExitMonitor::awaitProcess(std::string_view label) const {
   for (int poll = 0; poll < kPidPolls; ++poll) {
     const JobStatus job = jobs_.status(label);
@@ -66,8 +66,8 @@ std::optional<ProcessId> ExitMonitor::awaitProcess(std::string_view label) const
   return std::nullopt;
 }
 
-// A process whose stop failed is no longer marked but still watched: a second watch would report
-// its end twice, and the ends of its successors, too.
+// If stopping a process failed, it is no longer marked but still watched. A second watch would
+// report its end twice, and the ends of its successors, too.
 bool ExitMonitor::armExitWatch(const std::string& label, ProcessId process) {
   const bool isArmed = std::ranges::any_of(exitWatches_, [&](const ExitWatch& watch) {
     return watch.label == label && watch.process == process;
@@ -76,7 +76,7 @@ bool ExitMonitor::armExitWatch(const std::string& label, ProcessId process) {
   const auto watch = exitWatches_.insert(exitWatches_.end(), {label, process, nullptr});
   auto armed =
       exitWatcher_.watchExit(process, [this, watch, label, process](std::optional<ExitStatus>) {
-        // This callback is destroyed with its watch.
+        // Copy these: erasing the watch destroys this callback.
         const std::string service = label;
         const Callback& onEnd = events_.onEnd;
         const ProcessId ended = process;

@@ -16,7 +16,7 @@
 // thread.
 class ExitMonitor {
  public:
-  // What happens to a service's process. `onEnd` is called with Urgency::kProcessExit.
+  // The events of a service's process. `onEnd` is called with Urgency::kProcessExit.
   using Callback = std::function<void(const std::string& label, platform::ProcessId process)>;
   struct Events {
     Callback onWatch;  // the process runs and is watched from now on
@@ -27,9 +27,9 @@ class ExitMonitor {
   ExitMonitor(platform::RunLoop& runLoop, platform::ExitWatcher& exitWatcher,
               const LaunchdJobs& jobs, MonitoringRecords& records, Events events);
 
-  // Arms a watch for the end of the process of the service's job. A job without a process is waited
-  // for: 12 seconds at most, which block. False if there is no process, or if the label has no
-  // record. `retryOnFailure` is deliberately ignored.
+  // Arms a watch for the end of the process of the service's job. If the job has no process yet,
+  // this blocks until it has one, for 12 seconds at most. False if there is no process, or if the
+  // label has no record. `retryOnFailure` is deliberately ignored.
   bool monitorJobWithIdentifier(Label label, bool retryOnFailure);
 
  private:

@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The network extension, the one that is asked for its version and may be told the secret.
+// The network extension. Only this one is asked for its version and may get the secret.
 constexpr std::string_view kNetworkKext = "com.vantor.nke.wfk";
 constexpr std::uint32_t kVersionOption = 3;
 constexpr std::uint32_t kSecretOption = 5;
@@ -41,14 +41,14 @@ bool isRecentEnough(ControlSocket& socket) {
 
 }  // namespace
 
-// One extension on its way through the states.
+// One extension while it passes through the states.
 struct ExtensionControl::KextLoad {
   const std::optional<std::string>& identifier;
   const std::string& name;
   const Array& options;
   std::unique_ptr<ControlSocket> socket = nullptr;  // never kept beyond the end
   std::optional<Instant> deadline = std::nullopt;
-  std::set<std::string> stopped = {};  // services that the unloading has cost
+  std::set<std::string> stopped = {};  // services that the unloading has stopped
 
   bool isNetworkKext() const { return identifier == kNetworkKext; }
 };
@@ -136,7 +136,7 @@ KextLoadingOutcome ExtensionControl::configureKext(KextLoad& load) {
 KextLoadingOutcome ExtensionControl::unloadKext(KextLoad& load) {
   RunLoop& loop = environment_.runLoop;
   if (!load.deadline) load.deadline = loop.now() + kUnloadTime;
-  // At every try: a service may have been started meanwhile.
+  // Stop them at every try: a service may have been started meanwhile.
   load.stopped = environment_.catalogue.daemonsUsingKext(load.name);
   for (const std::string& label : load.stopped) environment_.stopService(label);
   if (unloadKextWithIdentifier(load.identifier)) return KextLoadingOutcome::kSucceeded;

@@ -23,11 +23,11 @@ struct KernelExtensionsPlatform {
   platform::KernelExtensions& loader;
   platform::KernelControls& controls;
   platform::Tasks& tasks;
-  std::string root;  // of the platform: older releases have a program there that unloads
+  std::string root;  // of the platform, where older releases have a program that unloads extensions
 };
 
-// Loads, configures and unloads the kernel extensions that services need. An extension that is no
-// longer of use is unloaded, for which the services that use it are stopped. Belongs to the main
+// Loads, configures and unloads the kernel extensions that services need. An extension that can no
+// longer be used is unloaded, after the services that use it have been stopped. Belongs to the main
 // thread, which it blocks while an extension is loaded or answers. Failures are logged.
 class ExtensionControl {
  public:
@@ -39,7 +39,7 @@ class ExtensionControl {
     platform::FileReader& files;
     const platform::Bundle& mainBundle;
     const ServiceCatalogue& catalogue;
-    const platform::Value& secret;  // of this run; what the network extension is told
+    const platform::Value& secret;  // of this run, for the network extension
     // Stops a service before its extension is unloaded, and evaluates it again afterwards.
     std::function<void(const std::string& label)> stopService;
     std::function<void(const std::string& label, platform::Duration delay)> evaluateLater;
@@ -47,8 +47,8 @@ class ExtensionControl {
 
   explicit ExtensionControl(const Environment& environment);
 
-  // Loads and configures the extensions of the service that are not known to be, as many as it can.
-  // Whether that were all.
+  // Loads and configures those extensions of the service that kextsLoaded() does not list, as many
+  // as it can. True if none failed.
   bool startAssociatedSystemExtensions(const std::string& label);
   // The extensions of a service that stops stay loaded, and are configured again with its next
   // start.
@@ -58,7 +58,7 @@ class ExtensionControl {
   // the services that use it are stopped, and evaluated again 5 seconds later.
   bool loadKextWithIdentifier(const std::optional<std::string>& identifier,
                               const std::string& kextName, const platform::Array& withOptions);
-  // Connected to an extension's control; null if that can't be done.
+  // A socket that is connected to an extension's control; null if connecting fails.
   std::unique_ptr<platform::ControlSocket> createControlSocketWithIdentifier(
       std::string_view controlName);
 

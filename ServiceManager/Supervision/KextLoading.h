@@ -1,26 +1,26 @@
 #pragma once
 
-// The states through which a kernel extension is loaded and configured. What is done in a state is
-// its caller's; which state comes then is decided here.
+// The states through which a kernel extension is loaded and configured. The caller acts in each
+// state; nextKextLoadingState() decides which state comes next.
 enum class KextLoadingState {
-  kConnect,    // a control socket, which of the network extension must say that it is recent enough
-  kConfigure,  // its options
-  kLoad,       // since it could not be connected to
-  kUnload,     // since it is of no use as it is
-  kReload,     // since it has been unloaded
-  kFailed,     // an end
-  kDone,       // an end
+  kConnect,    // open a control socket; the network extension must be recent enough
+  kConfigure,  // set its options
+  kLoad,       // because connecting failed
+  kUnload,     // because it can't be used as it is
+  kReload,     // because it has been unloaded
+  kFailed,     // final
+  kDone,       // final
 };
 
-// How what was done in a state went.
+// The result of the action in a state.
 enum class KextLoadingOutcome {
   kSucceeded,
   kFailed,    // in kUnload: not within its deadline
-  kRejected,  // in kConnect and kConfigure: it answers, and is of no use as it is
-  kNotYet,    // in kUnload: to be tried again
+  kRejected,  // in kConnect and kConfigure: it answers, but can't be used as it is
+  kNotYet,    // in kUnload: try again
 };
 
-// What can't happen in a state leads to kFailed; the ends lead nowhere. kConnect and kLoad follow
-// each other for as long as loading succeeds and connecting does not: deliberately, nothing counts
-// how often.
+// An outcome that can't happen in a state leads to kFailed; a final state stays as it is. kConnect
+// and kLoad alternate for as long as loading succeeds and connecting fails: deliberately, nothing
+// counts how often.
 KextLoadingState nextKextLoadingState(KextLoadingState state, KextLoadingOutcome outcome);

@@ -19,7 +19,8 @@ class LaunchdJobs {
       : jobs_(jobs), authorization_(authorization) {}
 
   // Asks for the right to change the system's jobs. The status of the refusal, or
-  // errAuthorizationSuccess, also if nobody can be asked: the job host checks each request itself.
+  // errAuthorizationSuccess, also if no authorization can be created: the job host checks each
+  // request itself.
   platform::OSStatus acquireRights();
 
   // Submits a dictionary, or removes the job that a string names and waits for its end. False with

@@ -10,7 +10,7 @@
 // given none. Belongs to the main thread.
 class MonitoringRecords {
  public:
-  // A record without marks for each of the services, in place of those before.
+  // Replaces all records by one without marks for each of the services.
   void reset(const platform::Value& services);
 
   // By label; see MonitoringRecord.h.

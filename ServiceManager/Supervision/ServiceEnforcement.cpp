@@ -108,7 +108,7 @@ std::optional<ServiceEnforcement::EnforcedJob> ServiceEnforcement::startStoppedS
                      stringWithFormat("Service %@ is not running%@", label, suffix));
   const bool isFirstTime = known.presence == JobStatus::Presence::kAbsent;
   const JobStatus launched = jobStatusIn(launch(label, jobInfo, isFirstTime));
-  // If the job host has gone meanwhile, its silence is no reason to wait for a process.
+  // If the job host has stopped answering meanwhile, don't wait for a process.
   if (launched.presence != JobStatus::Presence::kPresent) {
     if (environment_.health) environment_.health->reportUnreadyStateForService(label);
     return std::nullopt;
@@ -118,10 +118,10 @@ std::optional<ServiceEnforcement::EnforcedJob> ServiceEnforcement::startStoppedS
 
 bool ServiceEnforcement::enforceShutdownForService(const std::string& label) {
   environment_.extensions.forgetExtensionsOf(label);
-  // Before the job is removed, so that its end does not count as a crash.
+  // The stop is reported before the job is removed, so that its end does not count as a crash.
   if (environment_.health) environment_.health->reportStopForService(label);
   environment_.records.trackServiceForRespawn(label, false);
-  // If the job host can't tell, there may be a job, and only a removal that succeeds ends it.
+  // If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
   if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) return true;
   std::optional<NSError> error;
   if (environment_.jobs.submitJobRequest(Value(label), kSMDomainSystemLaunchd, error)) {

@@ -17,9 +17,9 @@
 #include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/ORBSigningValidator.h"
 
-// Makes one service run and be watched, or makes it stop. It does not decide which: that has been
-// done. Belongs to the main thread, which it blocks while the job host, the disk or an extension
-// works, for a bounded time. Failures are logged, and reported to the health record.
+// Makes one service run and be watched, or makes it stop. The decision has been made before.
+// Belongs to the main thread, which it blocks while the job host, the disk or an extension works,
+// for a bounded time. Failures are logged, and reported to the health record.
 class ServiceEnforcement {
  public:
   using CompletionBlock = std::move_only_function<void()>;  // may be empty
@@ -39,15 +39,15 @@ class ServiceEnforcement {
 
   explicit ServiceEnforcement(const Environment& environment) : environment_(environment) {}
 
-  // Submits the service's job. Its dictionary; nil if the job can't or may not run. `firstTime`:
-  // no job has the label yet.
+  // Submits the service's job and returns its dictionary, or nil if the job can't or may not run.
+  // `firstTime`: no job has the label yet.
   platform::Value launchService(const std::string& label, bool firstTime);
 
   // Makes the service's job run and watches its process. The block is called once the job is known
   // to run. Does nothing for a service without a job.
   void enforceRunningForService(const std::string& label, CompletionBlock withCompletionBlock);
 
-  // Removes the service's job and waits for its end. True if there is none any more.
+  // Removes the service's job and waits for its end. True if there is no job any more.
   bool enforceShutdownForService(const std::string& label);
 
   // Whether this system is recent enough for the service.
@@ -59,7 +59,7 @@ class ServiceEnforcement {
     platform::JobStatus status;
     bool extensionsAreConfigured = false;
   };
-  // Nothing if the service can't be left or made running, which has been reported then.
+  // Nothing if the service can't run, which has been reported then.
   std::optional<EnforcedJob> checkRunningService(const std::string& label,
                                                  const platform::Value& jobInfo,
                                                  const platform::JobStatus& known);

@@ -8,9 +8,9 @@
 
 #include "Platform/Values/Value.h"
 
-// The record of how each service is, as the daemon keeps it. Only some products have one.
+// The daemon's record of the state of each service. Only some products have one.
 //
-// Reports return at once and are taken in the order of the calls.
+// Reports return at once and take effect in the order of the calls.
 class ServiceHealth {
  public:
   virtual ~ServiceHealth() = default;
@@ -31,7 +31,7 @@ class ServiceHealth {
   // The labels of the services that are not ready. Waits for the reports made before.
   virtual std::set<std::string> problemServices() = 0;
 
-  // Everything that is on record, for the operator; its keys stand in HealthRecord.h. Looking
+  // Everything that is on record, for the operator; its keys are in HealthRecord.h. Reading it
   // changes nothing and clears no counter. Waits for the reports made before.
   virtual platform::Value healthRecord() = 0;
 };

@@ -6,12 +6,12 @@
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "Shared/ORBSigningValidator.h"
 
-// How a service's program is.
+// The state of a service's program.
 struct ProgramCheck {
   ProgramState state = ProgramState::kMissing;
-  ORBSigningValidator::Verdict verdict;  // on a program that is there
+  ORBSigningValidator::Verdict verdict;  // if the program exists
 };
 
-// Looks for the program, and validates it if it is there. Blocks on the disk.
+// Looks for the program, and validates it if it exists. Blocks on the disk.
 ProgramCheck checkProgram(const std::string& path, platform::FileReader& files,
                           const ORBSigningValidator& validator);

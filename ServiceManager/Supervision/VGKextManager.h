@@ -5,10 +5,10 @@
 
 #include "Platform/Processes/Task.h"
 
-// Where the program lies below the platform root.
+// The program's path below the platform root.
 inline constexpr char kKextUnloadPath[] = "/sbin/kextunload";
 
-// Runs kextunload of the platform at `root` and waits until it has ended; serves nothing meanwhile.
-// Whether it ended with status 0. One that can't be launched has not.
+// Runs kextunload of the platform at `root` and waits for its end; the thread serves nothing
+// meanwhile. True if it could be launched and ended with status 0.
 bool VGKextManagerExecuteKextCommand(platform::Tasks& tasks, const std::string& root,
                                      const std::vector<std::string>& arguments);
