@@ -51,7 +51,7 @@ TEST(FeatureSwitchesTest, AFeatureThatIsNamedTwiceIsReadTwice) {
   EXPECT_EQ(all->size(), 2u);
 }
 
-TEST(FeatureSwitchesTest, AConfigurationWithoutSwitchesIsThereToo) {
+TEST(FeatureSwitchesTest, AConfigurationWithoutSwitchesIsIncluded) {
   const auto all = configurationsOf(
       Array{"scan"},
       {{"scan", featureWithConfig({Dictionary{{"Source", "common"}},
@@ -87,7 +87,7 @@ TEST(FeatureSwitchesTest, AServiceWithoutFeaturesHasNoConfiguration) {
   EXPECT_THAT(*all, IsEmpty());
 }
 
-TEST(FeatureSwitchesTest, FeaturesThatAreNoArrayAreNothing) {
+TEST(FeatureSwitchesTest, FeaturesMustBeAnArray) {
   for (const Value& features : {Value("scan"), Value(5), Value(Dictionary{{"scan", 1}})}) {
     EXPECT_FALSE(configurationsOf(features, {{"scan", featureWithConfig({Dictionary{}})}}));
   }

@@ -150,7 +150,7 @@ TEST_F(InstalledCatalogueTest, AnInformationFileThatIsNoDictionaryIsMalformed) {
       ElementsAre("7 " + std::string(kProductFile) + ": expected a dictionary", kNoProductLine));
 }
 
-TEST_F(InstalledCatalogueTest, WithoutThePathOfTheInformationFileNoneIsRead) {
+TEST_F(InstalledCatalogueTest, TheInformationFileNeedsItsPath) {
   files_.addPropertyList(kProductFile, Dictionary{{"GUID", kHouseholdGuidOfProduct}});
   for (const char* key : {"ProgramPath", "ProductInfo"}) {
     SCOPED_TRACE(key);

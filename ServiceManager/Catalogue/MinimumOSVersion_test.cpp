@@ -11,7 +11,7 @@ TEST(MinimumOSVersion, EachReleaseHasItsKernel) {
   EXPECT_EQ(kernelMajorNumberForMinimumOSVersion("10.11"), 15);
 }
 
-TEST(MinimumOSVersion, WhatIsNoTextIsNoRelease) {
+TEST(MinimumOSVersion, OnlyAStringIsARelease) {
   for (const platform::Value& version :
        {platform::Value(), platform::Value(10.8), platform::Value(true), platform::Value(15),
         platform::Value(platform::Array{"10.8"}), platform::Value::nullMarker()}) {

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(PathComponents, OneSeparatorIsPutInAndNoneDoubled) {
+TEST(PathComponents, PathsAreJoinedWithOneSeparator) {
   EXPECT_EQ(pathByAppendingComponent("/opt/app", "bin/agent"), "/opt/app/bin/agent");
   EXPECT_EQ(pathByAppendingComponent("/opt/app/", "bin/agent"), "/opt/app/bin/agent");
   EXPECT_EQ(pathByAppendingComponent("/opt/app", "/bin/agent"), "/opt/app/bin/agent");

@@ -50,7 +50,7 @@ std::vector<std::string> labelsOf(const Dictionary& services) {
   return labels;
 }
 
-TEST(ServicesOfProduct, AreThoseThatNameItInTheCataloguesOrder) {
+TEST(ServicesOfProduct, AreInTheCataloguesOrder) {
   const Value services = Dictionary{
       {"z", Dictionary{{"Products", Array{"kKLXInstallTypeHouseholdID", kProduct}}}},
       {"other", Dictionary{{"Products", Array{"kKLXInstallTypeHouseholdID"}}}},
@@ -61,7 +61,7 @@ TEST(ServicesOfProduct, AreThoseThatNameItInTheCataloguesOrder) {
   EXPECT_EQ(matching["a"], services["a"]);
 }
 
-TEST(ServicesOfProduct, AServiceThatNamesTheProductTwiceIsTakenOnce) {
+TEST(ServicesOfProduct, AServiceWithTheProductTwiceIsTakenOnce) {
   const Value services = Dictionary{{"twice", Dictionary{{"Products", Array{kProduct, kProduct}}}}};
   EXPECT_THAT(labelsOf(servicesOfProduct(services, kProduct)), ElementsAre("twice"));
 }

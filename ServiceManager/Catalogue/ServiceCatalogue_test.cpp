@@ -109,7 +109,7 @@ TEST(ServiceCatalogueTest, AnExtensionHasTheServicesThatNeedIt) {
   EXPECT_THAT(catalogue.daemonsUsingKext("unknown"), IsEmpty());
 }
 
-TEST(ServiceCatalogueTest, ServicesThatAreNoDictionaryAreNone) {
+TEST(ServiceCatalogueTest, MalformedServicesAreNone) {
   const ServiceCatalogue catalogue(Dictionary{{"Services", Array{"agent"}}});
   EXPECT_EQ(catalogue.labelForNotification("up"), std::nullopt);
   EXPECT_TRUE(catalogue.service("agent").isNil());
@@ -117,7 +117,7 @@ TEST(ServiceCatalogueTest, ServicesThatAreNoDictionaryAreNone) {
   EXPECT_THAT(catalogue.daemonsUsingKext("net"), IsEmpty());
 }
 
-TEST(ServiceCatalogueTest, ACopyIsOfItsOwn) {
+TEST(ServiceCatalogueTest, ACopyIsIndependent) {
   ServiceCatalogue catalogue = catalogueOf({{"agent", Dictionary{}}});
   const ServiceCatalogue copy = catalogue;
   catalogue = ServiceCatalogue();

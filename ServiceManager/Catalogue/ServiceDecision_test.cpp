@@ -52,7 +52,7 @@ TEST(ServiceDecision, AServiceThatRunsHasOneOfTheseReasons) {
       ServiceJobState::kRuns);
 }
 
-TEST(ServiceDecision, AServiceWithoutAJobHasTheFirstReasonThatApplies) {
+TEST(ServiceDecision, AServiceWithoutAJobHasItsFirstReason) {
   expectReasons(
       {{"no job", {.program = std::nullopt}, "noJob"},
        {"too old", {.support = OSSupport::kTooOld}, "unsupported"},
@@ -79,7 +79,7 @@ TEST(ServiceDecision, AServiceWithoutAJobHasTheFirstReasonThatApplies) {
       ServiceJobState::kAbsent);
 }
 
-TEST(ServiceDecision, OfTwoReasonsTheFirstIsGiven) {
+TEST(ServiceDecision, TheFirstOfTwoReasonsIsGiven) {
   expectReasons(
       {{"no job, too old", {.support = OSSupport::kTooOld, .program = std::nullopt}, "noJob"},
        {"no job, stopped", {.isStopped = true, .program = std::nullopt}, "noJob"},
@@ -119,7 +119,7 @@ TEST(ServiceDecision, OfTwoReasonsTheFirstIsGiven) {
       ServiceJobState::kAbsent);
 }
 
-TEST(ServiceDecision, ThePrimaryServiceIsNotWaitedForByItself) {
+TEST(ServiceDecision, ThePrimaryServiceDoesNotWaitForItself) {
   expectReasons(
       {{"waiting", {.isPrimary = true, .operatingMode = kWaitingMode}, "notStarted"},
        {"an installer", {.isPrimary = true, .operatingMode = kInstallerMode}, "installer"},
@@ -131,7 +131,7 @@ TEST(ServiceDecision, ThePrimaryServiceIsNotWaitedForByItself) {
 }
 
 // The retry starts every service that is not ready, whatever an evaluation would do with it.
-TEST(ServiceDecision, ARetryAsksForNeitherModeNorStopNorSwitch) {
+TEST(ServiceDecision, ARetryIgnoresModeStopsAndSwitches) {
   constexpr auto kMissing = ProgramState::kMissing;
   expectReasons(
       {{"an installer",
@@ -160,7 +160,7 @@ TEST(ServiceDecision, AJobWithoutAProcessHasEnded) {
                 ServiceJobState::kHasNoProcess);
 }
 
-TEST(ServiceDecision, WithoutAnAnswerOfTheJobHostNothingElseCounts) {
+TEST(ServiceDecision, WithoutTheJobHostsAnswerTheReasonIsUnknown) {
   expectReasons({{"core", {}, "unknown"},
                  {"no job", {.program = std::nullopt}, "unknown"},
                  {"stopped", {.isStopped = true}, "unknown"}},

@@ -16,7 +16,7 @@ struct SwitchRow {
 
 class CompareSwitch : public testing::TestWithParam<SwitchRow> {};
 
-TEST_P(CompareSwitch, HoldsTheSettingAgainstTheCatalogue) {
+TEST_P(CompareSwitch, ComparesTheSettingWithTheCatalogue) {
   EXPECT_EQ(compareSwitch(GetParam().expected, GetParam().current), GetParam().result)
       << GetParam().what;
 }

@@ -66,8 +66,8 @@ class EndpointRegistryLoadTest : public testing::Test {
   std::shared_ptr<ORBServiceManagerXPCHandler> handler_;
 };
 
-TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) {
-  // Both ends of each connection, and what is passed over them meanwhile.
+TEST_F(EndpointRegistryLoadTest, AThousandClientsAreServedWhileOthersDie) {
+  // Each connection has two ends, and descriptors are passed over them meanwhile.
   if (softDescriptorLimit() < 4 * kClients) GTEST_SKIP() << "too few descriptors";
   const std::size_t before = openDescriptors();
   {
@@ -88,7 +88,7 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) 
     const auto failed = [&](const NSError&) { done.count_down(); };
     for (int i = 0; i < kClients; ++i) {
       const std::string name = "name " + std::to_string(i % 100);
-      // One that asks and dies without a word, for every fourth.
+      // For every fourth, there is a client that asks and dies.
       if (i % 4 == 0) {
         doomed.push_back(connect(*dying));
         doomed.back()->sendMessage("xpcListenerEndpointForPasskey:withName:withReply:",
@@ -120,7 +120,7 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAtOnceAreServedWhileOthersDie) 
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// As many queues as threads: whatever they do at once, there are never more names than may be.
+// There are as many queues as threads. Whatever they do at once, the limit of names holds.
 TEST_F(EndpointRegistryLoadTest, ThreadsMayRegisterAndLookUpAtOnce) {
   struct AnyEndpoint final : NSXPCListenerEndpoint {};
   constexpr std::size_t kThreads = 4;

@@ -50,7 +50,7 @@ TEST_F(EvaluationTimersTest, TheWatchdogCallsEveryQuarterOfAnHour) {
   EXPECT_TRUE(timers_->watchDog());
 }
 
-TEST_F(EvaluationTimersTest, TheTimeUntilTheWatchdogStartsAgainAtEachCall) {
+TEST_F(EvaluationTimersTest, TheTimeUntilTheWatchdogRestartsAtEachCall) {
   timers_->startWatchDog(note("watchdog"));
   EXPECT_EQ(timers_->untilWatchDog(), 15min);
   loop_.advanceBy(1min);
@@ -65,7 +65,7 @@ TEST_F(EvaluationTimersTest, TheTimeUntilTheWatchdogStartsAgainAtEachCall) {
 
 // The timer of a change of the settings.
 
-TEST_F(EvaluationTimersTest, AChangeOfTheSettingsCallsOnceAfterTwoSeconds) {
+TEST_F(EvaluationTimersTest, ASettingsChangeCallsOnceAfterTwoSeconds) {
   timers_->startSettingsChangeTimer(note("settings"));
   EXPECT_TRUE(timers_->globalSettingsDidChangeEffectTimer());
   EXPECT_EQ(timers_->untilSettingsEvaluation(), 2s);
@@ -78,7 +78,7 @@ TEST_F(EvaluationTimersTest, AChangeOfTheSettingsCallsOnceAfterTwoSeconds) {
   EXPECT_THAT(take(), IsEmpty());
 }
 
-TEST_F(EvaluationTimersTest, ATimerThatHasFiredIsThereUntilItIsCancelled) {
+TEST_F(EvaluationTimersTest, AFiredTimerStaysUntilItIsCancelled) {
   timers_->startSettingsChangeTimer(note("settings"));
   loop_.advanceBy(3s);
   EXPECT_TRUE(timers_->globalSettingsDidChangeEffectTimer());
@@ -136,7 +136,7 @@ TEST_F(EvaluationTimersTest, AReevaluationMayStartTheNextOne) {
   EXPECT_THAT(take(), ElementsAre("second"));
 }
 
-// Shut-downs that wait.
+// Pending shut-downs.
 
 TEST_F(EvaluationTimersTest, AShutdownCallsOnceAfterThreeSeconds) {
   timers_->shutDownLater("agent", note("agent"));
@@ -153,7 +153,7 @@ TEST_F(EvaluationTimersTest, AShutdownCallsOnceAfterThreeSeconds) {
   EXPECT_THAT(take(), IsEmpty());
 }
 
-TEST_F(EvaluationTimersTest, EachShutdownOfAServiceCounts) {
+TEST_F(EvaluationTimersTest, EachShutdownOfAServiceIsKept) {
   timers_->shutDownLater("agent", note("first"));
   loop_.advanceBy(1s);
   timers_->shutDownLater("helper", note("helper"));

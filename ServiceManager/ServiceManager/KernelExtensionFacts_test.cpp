@@ -1,4 +1,4 @@
-// What the operator is told of the extensions.
+// The operator's facts of the extensions.
 
 #include <chrono>
 
@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 class KernelExtensionFactsTest : public WithKernelExtensions<ServiceManagerFixture> {};
 
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfEachExtension) {
+TEST_F(KernelExtensionFactsTest, EachExtensionIsReported) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   takeLog();
   const Dictionary facts = manager().report().extensions();
@@ -32,7 +32,7 @@ TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfEachExtension) {
   EXPECT_EQ(controls_.clients(kNetwork), 0);
 }
 
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCostsASecond) {
+TEST_F(KernelExtensionFactsTest, AHungExtensionIsReportedAfterASecond) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   controls_.setHanging(kNetwork, true);
   Dictionary facts;
@@ -42,7 +42,7 @@ TEST_F(KernelExtensionFactsTest, TheOperatorIsToldOfOneThatStandsStillAndItCosts
   EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
 }
 
-TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeftOut) {
+TEST_F(KernelExtensionFactsTest, WithoutTheJobHostIsLoadedIsAbsent) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   extensions_.setUnknown(kNetwork, true);
   extensions_.setUnknown(kOther, true);
@@ -59,7 +59,7 @@ TEST_F(KernelExtensionFactsTest, WhereTheJobHostIsSilentWhetherOneIsLoadedIsLeft
   EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
 }
 
-TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
+TEST_F(KernelExtensionFactsTest, AnExtensionsFaultIsReported) {
   extensions_.setLoadFails(kOther, true);
   const Dictionary facts = manager().report().extensions();
   EXPECT_TRUE(facts["net"]["Fault"].isNil());
@@ -68,7 +68,7 @@ TEST_F(KernelExtensionFactsTest, TheOperatorIsToldWhyOneWouldNotBeLoaded) {
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(KernelExtensionFactsTest, WhatTheCatalogueLacksTheOperatorIsNotTold) {
+TEST_F(KernelExtensionFactsTest, FactsThatTheCatalogueLacksAreAbsent) {
   Dictionary all = catalogueOfKexts();
   all.set("KernelExtensions",
           Dictionary{{"x", Dictionary()}, {"y", Dictionary{{"Identifier", "com.example.y"}}}});

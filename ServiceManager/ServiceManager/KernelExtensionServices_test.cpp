@@ -1,4 +1,4 @@
-// What extensions do to the services that use them, and these to what is known of extensions.
+// The effects of extensions on the services that use them, and of services on the known extensions.
 
 #include <chrono>
 #include <cmath>
@@ -28,8 +28,7 @@ class KernelExtensionServicesTest : public WithKernelExtensions<ServiceManagerFi
   }
 };
 
-TEST_F(KernelExtensionServicesTest,
-       UnloadingStopsItsServicesAndFiveSecondsLaterTheyAreEvaluatedAgain) {
+TEST_F(KernelExtensionServicesTest, UnloadingStopsServicesAndEvaluatesThemAgain) {
   manager().enforceRunningForService(kAgent, nullptr);
   manager().enforceRunningForService(kHelper, nullptr);
   manager().enforceRunningForService(kPrimary, nullptr);
@@ -43,7 +42,7 @@ TEST_F(KernelExtensionServicesTest,
   EXPECT_TRUE(isRunning(kPrimary));
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
-  loop_.advanceBy(1s);  // The ends of their processes have everything evaluated, too.
+  loop_.advanceBy(1s);  // The ends of their processes cause an evaluation, too.
   takeLog();
   loop_.advanceBy(4s - 1ns);
   EXPECT_EQ(countInLog("Evaluating service"), 0u);
@@ -55,7 +54,7 @@ TEST_F(KernelExtensionServicesTest,
   EXPECT_TRUE(isRunning(kHelper));
 }
 
-TEST_F(KernelExtensionServicesTest, ServicesThatAFailedUnloadingHasStoppedAreEvaluatedAgainToo) {
+TEST_F(KernelExtensionServicesTest, AFailedUnloadingEvaluatesItsServicesAgain) {
   manager().enforceRunningForService(kHelper, nullptr);
   network_.version = integer(4);
   extensions_.setBusy(kNetwork, 7);
@@ -76,14 +75,14 @@ TEST_F(KernelExtensionServicesTest, TheServicesAreStoppedAtEveryTryToUnload) {
   EXPECT_EQ(std::ranges::count(takeReports(), std::string("stop ") + kHelper), 7);
 }
 
-TEST_F(KernelExtensionServicesTest, WithoutAnUnloadingNothingIsEvaluated) {
+TEST_F(KernelExtensionServicesTest, LoadingAloneCausesNoEvaluation) {
   EXPECT_TRUE(load(kNetwork, "net"));
   takeLog();
   loop_.advanceBy(10s);
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(KernelExtensionServicesTest, AServiceThatItsUserStoppedIsNotStartedByTheLaterEvaluation) {
+TEST_F(KernelExtensionServicesTest, TheLaterEvaluationLeavesStoppedServicesAlone) {
   manager().enforceRunningForService(kHelper, nullptr);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
@@ -115,8 +114,9 @@ TEST_F(KernelExtensionServicesTest, ARunningServiceWhoseExtensionFailsIsNotReady
   EXPECT_THAT(takeReports(), Contains("unready com.example.helper"));
 }
 
-// Two services that share an extension: what is known to be loaded, step by step.
-TEST_F(KernelExtensionServicesTest, SharedExtensionsAreKnownUntilOneOfTheirServicesStops) {
+// Two services share an extension. These are the extensions that are known to be loaded, step by
+// step.
+TEST_F(KernelExtensionServicesTest, ASharedExtensionIsForgottenAtTheFirstStop) {
   const auto start = [this](const char* label) { manager().startServices({label}); };
   const auto stop = [this](const char* label) { manager().stopServices({label}); };
   const auto known = [this] { return manager().kextsLoaded(); };
@@ -128,7 +128,7 @@ TEST_F(KernelExtensionServicesTest, SharedExtensionsAreKnownUntilOneOfTheirServi
     EXPECT_EQ(known(), (agentFirst ? Names{"net", "other"} : Names{"net"}));
     start(second);
     EXPECT_EQ(known(), (Names{"net", "other"}));
-    stop(first);  // The other one still runs, and its extension is forgotten all the same.
+    stop(first);  // Its extension is forgotten although the other service still runs.
     EXPECT_EQ(known(), (agentFirst ? Names{} : Names{"other"}));
     start(first);
     EXPECT_EQ(known(), (Names{"net", "other"}));
@@ -137,13 +137,13 @@ TEST_F(KernelExtensionServicesTest, SharedExtensionsAreKnownUntilOneOfTheirServi
     stop(first);
     EXPECT_EQ(known(), Names{});
   }
-  EXPECT_TRUE(extensions_.isLoaded(kNetwork));  // None is ever unloaded for that.
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));  // A stop unloads no extension.
   EXPECT_TRUE(extensions_.isLoaded(kOther));
 }
 
-// A start knows all of a service's extensions, a stop forgets them, whoever else uses them.
-TEST_F(KernelExtensionServicesTest,
-       WhateverTheOrderOfStartsAndStopsWhatIsKnownFollowsTheLastOfEach) {
+// A start adds all of a service's extensions, and a stop removes them, even if other services use
+// them.
+TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrder) {
   struct Step {
     const char* label;
     bool starts;
@@ -175,12 +175,12 @@ TEST_F(KernelExtensionServicesTest,
       ASSERT_EQ(isRunning(step.label), step.starts) << steps;
     }
   }
-  // Each was loaded once, and none is ever unloaded for that.
+  // Each was loaded once, and a stop unloads none.
   EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
 }
 
-// The end of the process of the one that stopped has everything evaluated.
-TEST_F(KernelExtensionServicesTest, AServiceThatStillRunsConfiguresTheSharedExtensionAnew) {
+// The end of the stopped service's process causes an evaluation.
+TEST_F(KernelExtensionServicesTest, ARunningServiceConfiguresTheSharedExtensionAgain) {
   manager().startServices({kAgent, kHelper});
   network_.told.clear();
   manager().stopServices({kAgent});
@@ -192,16 +192,16 @@ TEST_F(KernelExtensionServicesTest, AServiceThatStillRunsConfiguresTheSharedExte
   EXPECT_TRUE(isRunning(kHelper));
 }
 
-// Its service is stopped with all that this service has been found to use.
-TEST_F(KernelExtensionServicesTest, UnloadingOneForgetsTheOthersOfTheServicesThatItStops) {
+// The service that uses it is stopped, and all of its extensions are forgotten.
+TEST_F(KernelExtensionServicesTest, UnloadingForgetsAllExtensionsOfStoppedServices) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   extensions_.setLoaded(kOther);
-  extensions_.crash(kOther);  // So that it has to be unloaded first.
+  extensions_.crash(kOther);  // Then it has to be unloaded first.
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
   EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
 }
 
-TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndKnowsOfNoExtension) {
+TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndForgetsExtensions) {
   EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
   restart();
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());

@@ -22,14 +22,14 @@ Value catalogueWithJob(Dictionary jobSpec) {
 
 Value job(const Value& catalogue) { return ORBServiceManager::jobInfoWithLabel(kAgent, catalogue); }
 
-TEST(Catalogue, TheTemplateKeepsEveryJobAliveAndDiscardsItsOutput) {
+TEST(Catalogue, JobsAreKeptAliveAndTheirOutputDiscarded) {
   EXPECT_EQ(ORBServiceManager::defaultJobInfoTemplate(),
             (Dictionary{{"KeepAlive", true},
                         {"StandardOutPath", "/dev/null"},
                         {"StandardErrorPath", "/dev/null"}}));
 }
 
-TEST(Catalogue, AJobIsItsSpecificationWithTemplateLabelAndWholeProgramPath) {
+TEST(Catalogue, AJobIsItsSpecificationWithTemplateAndLabel) {
   EXPECT_EQ(job(catalogueWithJob({{"Program", "bin/agent"},
                                   {"ProgramArguments", Array{"agent", "-d"}},
                                   {"UserName", "nobody"},
@@ -46,7 +46,7 @@ TEST(Catalogue, AJobIsItsSpecificationWithTemplateLabelAndWholeProgramPath) {
                              {"StandardErrorPath", "/dev/null"}}));
 }
 
-TEST(Catalogue, AJobThatIsNotToBeKeptAliveIsKeptAliveAllTheSame) {
+TEST(Catalogue, AJobCannotOptOutOfBeingKeptAlive) {
   const Value catalogue = catalogueWithJob({{"Program", "a"}, {"KeepAlive", false}});
   EXPECT_EQ(job(catalogue)["KeepAlive"].boolean(), true);
 }
@@ -63,24 +63,24 @@ TEST(Catalogue, TheLabelOverridesTheSpecifications) {
   EXPECT_EQ(job(catalogue)["Label"], Value(kAgent));
 }
 
-TEST(Catalogue, AProgramPathThatEndsWithASeparatorGivesOneSeparator) {
+TEST(Catalogue, AProgramPathsLastSeparatorIsNotDoubled) {
   EXPECT_EQ(job(catalogueWithJob({{"Program", "bin/agent"}}))["Program"],
             Value("/opt/app/bin/agent"));
 }
 
-TEST(Catalogue, AJobHasNoUserOrFolderThatWasNotGiven) {
+TEST(Catalogue, AJobHasNoUserOrFolderByDefault) {
   const Value bare = job(catalogueWithJob({{"Program", "a"}}));
   EXPECT_TRUE(bare["UserName"].isNil());
   EXPECT_TRUE(bare["WorkingDirectory"].isNil());
 }
 
-TEST(Catalogue, AServiceWithoutASpecificationHasATypeButNoJob) {
+TEST(Catalogue, AServiceWithoutASpecificationHasNoJob) {
   const Value catalogue = catalogueWithEntry({{"Products", Array{}}});
   EXPECT_EQ(ORBServiceManager::serviceTypeForLabel(kAgent, catalogue), "CoreService");
   EXPECT_TRUE(job(catalogue).isNil());
 }
 
-TEST(Catalogue, WithoutAProgramOrItsFolderThereIsNoJob) {
+TEST(Catalogue, AJobNeedsAProgramAndItsFolder) {
   EXPECT_TRUE(job(catalogueWithJob({{"UserName", "nobody"}})).isNil());
   Dictionary withoutFolder = *catalogueWithJob({{"Program", "a"}}).dictionary();
   withoutFolder.remove("ProgramPath");
@@ -121,7 +121,7 @@ TEST(Catalogue, EntriesAreFoundByTheirNames) {
   EXPECT_TRUE(ORBServiceManager::featureEntryWithFeatureName(kAgent, catalogue).isNil());
 }
 
-TEST(Catalogue, FeaturesMakeAFeatureServiceAlsoWhereThereAreNone) {
+TEST(Catalogue, EmptyOrMalformedFeaturesMakeAFeatureService) {
   const auto type = [](const Value& catalogue) {
     return ORBServiceManager::serviceTypeForLabel(kAgent, catalogue);
   };

@@ -70,11 +70,11 @@ TEST_F(EvaluationEdgesTest, WithoutRootFeaturesAFeatureServiceIsShutDown) {
   EXPECT_FALSE(isRunning(kScanner));
 }
 
-// Where in the features the wrong value stands, and the wrong value.
+// The place of the wrong value in the features, and the wrong value.
 class WrongFeaturesTest : public EvaluationEdgesTest,
                           public testing::WithParamInterface<std::pair<const char*, Value>> {};
 
-TEST_P(WrongFeaturesTest, CountAsNoMatchAndHinderNoOtherService) {
+TEST_P(WrongFeaturesTest, CountAsNoMatchAndAffectNoOtherService) {
   const auto& [part, wrong] = GetParam();
   useScanner(features());
   manager().evaluateSystemConfiguration();
@@ -115,8 +115,8 @@ auto wrongFeatures() {
 }
 INSTANTIATE_TEST_SUITE_P(Types, WrongFeaturesTest, wrongFeatures());
 
-TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
-  // Its settings lack both switches, and it stops being up when it is asked for the first.
+TEST_F(EvaluationEdgesTest, OnlyNormalModeWarnsOfAMissingSwitch) {
+  // The server's settings lack both switches, and it goes down when it is asked for the first.
   class EndingClient final : public SettingsClient {
    public:
     explicit EndingClient(ORBServiceManager& manager) : manager_(manager) {}
@@ -148,7 +148,7 @@ TEST_F(EvaluationEdgesTest, AMissingSwitchIsWarnedOfInNormalModeOnly) {
                                      "7 Primary service is shutting down"));
 }
 
-TEST_F(EvaluationEdgesTest, AFeatureServiceThatIsNotReadyIsStartedAgainWhateverItsSwitches) {
+TEST_F(EvaluationEdgesTest, ARetryIgnoresAFeatureServicesSwitches) {
   useScanner(features());
   useHealth();
   files_.remove(pathOf("scanner"));
@@ -160,9 +160,9 @@ TEST_F(EvaluationEdgesTest, AFeatureServiceThatIsNotReadyIsStartedAgainWhateverI
   EXPECT_TRUE(isRunning(kScanner));
 }
 
-TEST_F(EvaluationEdgesTest, AnEvaluationKeepsToTheCatalogueThatItBeganWith) {
+TEST_F(EvaluationEdgesTest, AnEvaluationKeepsItsCatalogue) {
   useScanner(features());
-  // The notice of the primary service's start finds another catalogue, which a second launch reads.
+  // During the notice of the primary service's start, a second launch reads another catalogue.
   const auto client = registerClient();
   client->onNotice = [this, &client] {
     client->onNotice = nullptr;

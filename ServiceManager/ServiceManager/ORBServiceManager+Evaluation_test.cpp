@@ -15,7 +15,7 @@ class EvaluationTest : public ServiceManagerFixture {
  protected:
   EvaluationTest() { use(catalogue()); }
 
-  // A feature service beside the primary one, with the features that are given.
+  // A feature service with these features, beside the primary service.
   void useScanner(Value features, Dictionary allFeatures) {
     Dictionary withFeatures =
         catalogue({{kPrimary, entry("configd")},
@@ -33,7 +33,7 @@ class EvaluationTest : public ServiceManagerFixture {
   void evaluateScanner() { manager().evaluateInformationForService(kScanner); }
 };
 
-TEST_F(EvaluationTest, EveryCoreServiceIsMadeToRunAfterThePrimaryOne) {
+TEST_F(EvaluationTest, CoreServicesRunAfterThePrimaryService) {
   const auto client = registerClient();
   takeLog();
   manager().evaluateSystemConfiguration();
@@ -50,7 +50,7 @@ TEST_F(EvaluationTest, EveryCoreServiceIsMadeToRunAfterThePrimaryOne) {
                                      "7 Starting up service com.example.helper"));
 }
 
-TEST_F(EvaluationTest, NothingIsEvaluatedButInNormalMode) {
+TEST_F(EvaluationTest, ServicesAreEvaluatedInNormalModeOnly) {
   for (const auto mode : {ORBOperatingModeInstaller, ORBOperatingModeWaitingForPrimaryService}) {
     enterMode(mode);
     manager().evaluateSystemConfiguration();
@@ -60,7 +60,7 @@ TEST_F(EvaluationTest, NothingIsEvaluatedButInNormalMode) {
   }
 }
 
-TEST_F(EvaluationTest, APrimaryServiceThatTheUserInterfaceStoppedEndsTheEvaluation) {
+TEST_F(EvaluationTest, AStoppedPrimaryServiceEndsTheEvaluation) {
   manager().trackServiceForUserClientShutdownRequest(kPrimary, true);
   manager().evaluateSystemConfiguration();
   EXPECT_THAT(takeLog(), ElementsAre(kEvaluating,
@@ -76,13 +76,13 @@ TEST_F(EvaluationTest, WithoutThePrimaryServiceNoOtherIsEvaluated) {
   EXPECT_THAT(takeLog(), Not(Contains("7 Evaluating service: com.example.agent")));
 }
 
-TEST_F(EvaluationTest, AServiceThatCannotBeStartedHindersNoOther) {
+TEST_F(EvaluationTest, AServiceThatCannotStartAffectsNoOther) {
   files_.remove(pathOf("agent"));
   manager().evaluateSystemConfiguration();
   EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary, kHelper));
 }
 
-TEST_F(EvaluationTest, InInstallerModeAnyServiceIsOnlyLogged) {
+TEST_F(EvaluationTest, InInstallerModeServicesAreOnlyLogged) {
   enterMode(ORBOperatingModeInstaller);
   manager().evaluateInformationForService(kAgent);
   EXPECT_THAT(takeLog(), ElementsAre("7 Installer operation mode: Cannot evalaute feature "
@@ -90,7 +90,7 @@ TEST_F(EvaluationTest, InInstallerModeAnyServiceIsOnlyLogged) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(EvaluationTest, WhileThePrimaryServiceIsAwaitedAnyServiceIsOnlyLogged) {
+TEST_F(EvaluationTest, InWaitingModeServicesAreOnlyLogged) {
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateInformationForService(kAgent);
   EXPECT_THAT(takeLog(), ElementsAre("7 Primary Service is not ready: Cannot evalaute feature "
@@ -98,7 +98,7 @@ TEST_F(EvaluationTest, WhileThePrimaryServiceIsAwaitedAnyServiceIsOnlyLogged) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(EvaluationTest, AServiceThatTheUserInterfaceStoppedIsLeftAlone) {
+TEST_F(EvaluationTest, AnEvaluationLeavesAStoppedServiceAlone) {
   manager().trackServiceForUserClientShutdownRequest(kAgent, true);
   manager().evaluateInformationForService(kAgent);
   EXPECT_THAT(takeLog(), ElementsAre("7 com.example.agent is not actively being monitored as per "
@@ -106,7 +106,7 @@ TEST_F(EvaluationTest, AServiceThatTheUserInterfaceStoppedIsLeftAlone) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(EvaluationTest, AMatchingSwitchMakesAFeatureServiceRunAndNothingShutsItDown) {
+TEST_F(EvaluationTest, AMatchingSwitchMakesAFeatureServiceRun) {
   settings("common")["mode"] = "on";
   useScannerWithSwitches({{"mode", "on"}});
   evaluateScanner();
@@ -115,7 +115,7 @@ TEST_F(EvaluationTest, AMatchingSwitchMakesAFeatureServiceRunAndNothingShutsItDo
   EXPECT_TRUE(isRunning(kScanner));
 }
 
-TEST_F(EvaluationTest, WithoutAMatchAFeatureServiceIsShutDownAfterThreeSeconds) {
+TEST_F(EvaluationTest, WithoutAMatchAFeatureServiceIsShutDownLater) {
   settings("common")["mode"] = "on";
   useScannerWithSwitches({{"mode", "on"}});
   evaluateScanner();
@@ -127,19 +127,19 @@ TEST_F(EvaluationTest, WithoutAMatchAFeatureServiceIsShutDownAfterThreeSeconds) 
   EXPECT_THAT(jobs_.labels(), Not(Contains(kScanner)));
 }
 
-TEST_F(EvaluationTest, AShutdownThatIsDueIsNotWithdrawn) {
+TEST_F(EvaluationTest, APendingShutdownIsNotWithdrawn) {
   useScannerWithSwitches({{"mode", "on"}});
   settings("common")["mode"] = "off";
   evaluateScanner();
   settings("common")["mode"] = "on";
   evaluateScanner();
   EXPECT_TRUE(isRunning(kScanner));
-  enterMode(ORBOperatingModeInstaller);  // Nor does it look at the mode again.
+  enterMode(ORBOperatingModeInstaller);  // The mode is not checked again, either.
   loop_.advanceBy(3s);
   EXPECT_FALSE(isRunning(kScanner));
 }
 
-TEST_F(EvaluationTest, AFeatureServiceWhoseOnlySwitchIsAbsentIsShutDownWithAWarning) {
+TEST_F(EvaluationTest, AnAbsentSwitchShutsTheServiceDownWithAWarning) {
   useHealth();
   settings("common")["another"] = 1;
   useScannerWithSwitches({{"mode", 1}});
@@ -152,7 +152,7 @@ TEST_F(EvaluationTest, AFeatureServiceWhoseOnlySwitchIsAbsentIsShutDownWithAWarn
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.scanner"));
 }
 
-TEST_F(EvaluationTest, ANumberDoesNotMatchATextAndTheClashIsLogged) {
+TEST_F(EvaluationTest, ANumberClashesWithATextAndIsLogged) {
   settings("common")["mode"] = "1";
   useScannerWithSwitches({{"mode", 1}});
   evaluateScanner();
@@ -163,7 +163,7 @@ TEST_F(EvaluationTest, ANumberDoesNotMatchATextAndTheClashIsLogged) {
                           "not match the return switchkey value \"1\" of type \"NSString\""));
 }
 
-TEST_F(EvaluationTest, AClashIsOneSwitchsAndTheOthersCountStill) {
+TEST_F(EvaluationTest, AClashDoesNotAffectOtherSwitches) {
   settings("common") = {{"text", "x"}, {"number", 5}};
   useScannerWithSwitches({{"text", 1}, {"number", 5}});
   evaluateScanner();
@@ -171,7 +171,7 @@ TEST_F(EvaluationTest, AClashIsOneSwitchsAndTheOthersCountStill) {
   EXPECT_EQ(countInLog("of type \"NSString\""), 1u);
 }
 
-TEST_F(EvaluationTest, AnExpectedValueOfAnotherKindNeverMatchesAndSaysNothing) {
+TEST_F(EvaluationTest, AnExpectedValueOfAnotherTypeNeverMatches) {
   settings("common")["mode"] = Array{1};
   useScannerWithSwitches({{"mode", Array{1}}});
   evaluateScanner();
@@ -179,7 +179,7 @@ TEST_F(EvaluationTest, AnExpectedValueOfAnotherKindNeverMatchesAndSaysNothing) {
   EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner"));
 }
 
-TEST_F(EvaluationTest, AnySwitchOfAnyConfigurationOfAnyFeatureIsEnough) {
+TEST_F(EvaluationTest, AnySwitchOfAnyFeatureIsEnough) {
   const Dictionary off = feature("common", {{"a", 1}, {"b", 1}});
   const Dictionary last{
       {"Config",
@@ -207,7 +207,7 @@ TEST_F(EvaluationTest, EveryMatchingSwitchEnforcesTheRunAgain) {
   EXPECT_EQ(countInLog("The job com.example.scanner already being monitored"), 1u);
 }
 
-TEST_F(EvaluationTest, FeaturesThatAreNoArrayLeaveTheServiceAsItIs) {
+TEST_F(EvaluationTest, MalformedFeaturesLeaveTheServiceAsItIs) {
   useScanner("scan", {{"scan", feature("common", {{"mode", 1}})}});
   settings("common")["mode"] = 1;
   evaluateScanner();
@@ -231,7 +231,7 @@ TEST_F(EvaluationTest, AFeatureServiceWithoutFeaturesIsShutDown) {
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.scanner"));
 }
 
-TEST_F(EvaluationTest, WhatIsMalformedInAFeatureCountsAsAbsent) {
+TEST_F(EvaluationTest, AMalformedPartOfAFeatureCountsAsAbsent) {
   const Dictionary features{
       {"text", "x"},
       {"config", Dictionary{{"Config", "x"}}},
@@ -249,7 +249,7 @@ TEST_F(EvaluationTest, WhatIsMalformedInAFeatureCountsAsAbsent) {
   EXPECT_FALSE(isRunning(kScanner));
 }
 
-TEST_F(EvaluationTest, AnUnknownSourceIsLoggedOnceAndItsSwitchesWarnEachTime) {
+TEST_F(EvaluationTest, AnUnknownSourceIsLoggedOnce) {
   useScannerWithSwitches({{"a", 1}, {"b", 1}});
   for (int evaluation = 0; evaluation < 3; ++evaluation) evaluateScanner();
   EXPECT_EQ(countInLog("Unable to resolve method name for selector: "
@@ -315,7 +315,7 @@ TEST_F(OperatingModeTest, Installer_Watchdog_Installer) {
   expectNotEvaluated();
 }
 
-TEST_F(OperatingModeTest, OnlyAPlainYesMeansThatTheServerIsUp) {
+TEST_F(OperatingModeTest, OnlyTrueMeansThatTheServerIsUp) {
   startConfigurationServer();
   for (const Value& answer : {Value(2), Value("YES"), Value(), Value(Array{true})}) {
     configurationServer_.answer = answer;

@@ -26,7 +26,7 @@ class ExitMonitoringTest : public ServiceManagerFixture {
   bool isMonitored(const char* label) { return manager().isServiceBeingTrackedForRespawn(label); }
 };
 
-TEST_F(ExitMonitoringTest, AnExitIsReportedToldAndEvaluatedInThatOrder) {
+TEST_F(ExitMonitoringTest, AnExitIsReportedNotifiedAndEvaluatedInOrder) {
   useHealth();
   enterMode(ORBOperatingModeWaitingForPrimaryService);  // Evaluates nothing.
   submit(kAgent, 3600);
@@ -66,20 +66,20 @@ TEST_F(ExitMonitoringTest, AnExitMakesTheEvaluationWatchTheNewProcess) {
                                            notice(kHelper, 1, process(kHelper))));
 }
 
-TEST_F(ExitMonitoringTest, AnExitThatTheLoopHasNotHeardOfYetIsReportedWithItsNextTurn) {
+TEST_F(ExitMonitoringTest, APendingExitIsReportedInTheLoopsNextTurn) {
   enterMode(ORBOperatingModeInstaller);
   submit(kAgent, 3600);
   const auto client = registerClient();
   const int first = process(kAgent);
   monitor(kAgent);
   exitWatcher_.setWatchLimit(0);
-  jobs_.endProcess(kAgent);  // Nobody has run the loop since.
+  jobs_.endProcess(kAgent);  // The loop has not run since.
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first)));
   loop_.runReady();
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 1, first), notice(kAgent, 0)));
 }
 
-TEST_F(ExitMonitoringTest, AProcessThatEndsBetweenTheLookAndTheWatchIsReportedOnceAndReplaced) {
+TEST_F(ExitMonitoringTest, AnExitBeforeTheWatchIsReportedOnce) {
   submit(kPrimary);
   submit(kAgent);
   monitor(kPrimary);
@@ -97,8 +97,8 @@ TEST_F(ExitMonitoringTest, AProcessThatEndsBetweenTheLookAndTheWatchIsReportedOn
   EXPECT_EQ(exitWatcher_.watchCount(), 3u);
 }
 
-// The process goes on and its watch with it, though neither is marked any more.
-TEST_F(ExitMonitoringTest, AServiceThatCouldNotBeStoppedHasOneWatch) {
+// The process still runs and is still watched, although its record says otherwise.
+TEST_F(ExitMonitoringTest, AFailedStopLeavesOneWatch) {
   submit(kPrimary);
   submit(kAgent);
   submit(kHelper);
@@ -121,7 +121,7 @@ TEST_F(ExitMonitoringTest, AServiceThatCouldNotBeStoppedHasOneWatch) {
   }
 }
 
-TEST_F(ExitMonitoringTest, AHundredExitsAreEachSeenOnceWithTheNewProcessAfterwards) {
+TEST_F(ExitMonitoringTest, EachOfAHundredExitsIsReportedOnce) {
   submit(kPrimary);
   submit(kAgent);
   submit(kHelper);
@@ -136,7 +136,7 @@ TEST_F(ExitMonitoringTest, AHundredExitsAreEachSeenOnceWithTheNewProcessAfterwar
   EXPECT_EQ(exitWatcher_.watchCount(), 3u);
 }
 
-TEST_F(ExitMonitoringTest, ServicesKilledAtTheSameInstantAreAllBackAndWatched) {
+TEST_F(ExitMonitoringTest, SimultaneouslyKilledServicesAreAllWatchedAgain) {
   Dictionary services{{kPrimary, entry("configd")}};
   std::vector<std::string> labels{kPrimary};
   for (int number = 0; number < 20; ++number) {
@@ -148,7 +148,7 @@ TEST_F(ExitMonitoringTest, ServicesKilledAtTheSameInstantAreAllBackAndWatched) {
   const auto client = registerClient();
   std::map<std::string, int> before;
   for (const auto& label : labels) before[label] = process(label.c_str());
-  client->onNotice = [&] {  // What is told runs.
+  client->onNotice = [&] {  // The process in the notice runs.
     const auto pid = client->notices.back()["PID"].integer();
     EXPECT_TRUE(!pid || exitWatcher_.isKnown(static_cast<int>(*pid)));
   };

@@ -1,5 +1,4 @@
-// What the daemon makes of its services' health: the record, kept over the life of services, and
-// what is retried because of it.
+// The health record over the life of services, and the retries that follow from it.
 
 #include <chrono>
 
@@ -73,7 +72,7 @@ class DaemonHealthTest : public StartUpFixture {
 
 // Start-up and termination.
 
-TEST_F(DaemonHealthTest, EveryServiceOfTheProductIsUnreadyUntilItRuns) {
+TEST_F(DaemonHealthTest, EveryServiceIsUnreadyUntilItRuns) {
   start();  // Without the configuration server only the primary service is started.
   EXPECT_EQ(health().serviceStates(),
             (Dictionary{{kPrimary, kRunning}, {kAgent, kUnready}, {kHelper, kUnready}}));
@@ -93,7 +92,7 @@ TEST_F(DaemonHealthTest, ServicesAreListedUnderTheirProgramsOrTheirLabels) {
   EXPECT_EQ(summary(), Value(Dictionary{{kPrimary, 0}, {"/opt/app/agent", 0}, {kHelper, 0}}));
 }
 
-TEST_F(DaemonHealthTest, TheReporterIsToldNotToRelyOnADaemonThatEnds) {
+TEST_F(DaemonHealthTest, ADaemonThatEndsIsNotReadyToReport) {
   startAll();
   Program program(*this, 300);
   VantorDistantObject reporter(
@@ -127,7 +126,7 @@ TEST_F(DaemonHealthTest, ADaemonThatCannotSelectItsServicesReportsNothing) {
 
 // Crashes.
 
-TEST_F(DaemonHealthTest, AServiceThatIsBackIsHealthyAndItsCrashCounted) {
+TEST_F(DaemonHealthTest, ARestartedServiceIsHealthyAndItsCrashCounted) {
   startAll();
   kill(kAgent);
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
@@ -135,13 +134,13 @@ TEST_F(DaemonHealthTest, AServiceThatIsBackIsHealthyAndItsCrashCounted) {
   EXPECT_EQ(summary(), Value(Dictionary{{kPrimary, 0}, {kAgent, 0}, {kHelper, 0}}));
 }
 
-TEST_F(DaemonHealthTest, ACrashLoopIsUnhealthyInTheNextSummaryAndHealthyInTheOneAfter) {
+TEST_F(DaemonHealthTest, ACrashLoopIsUnhealthyForOneSummary) {
   Dictionary throttled = entry("agent");
   throttled.set("JobSpec", Dictionary{{"Program", "agent"}, {"ThrottleInterval", 10}});
   installWith(kAgent, throttled);
   startAll();
   for (int crash = 0; crash < 5; ++crash) {
-    kill(kAgent);  // It is back when its throttle allows it, for which the daemon waits.
+    kill(kAgent);  // The daemon waits until the throttle lets it start again.
     ASSERT_TRUE(isRunning(kAgent));
     ASSERT_EQ(stateOf(kAgent), Value(kRunning));
   }
@@ -166,7 +165,7 @@ TEST_F(DaemonHealthTest, AHundredForcedStopsAreCountedExactly) {
   EXPECT_EQ(crashesOf(kAgent), 0);
 }
 
-TEST_F(DaemonHealthTest, ACrashWhileNothingIsEvaluatedLeavesTheServiceUnready) {
+TEST_F(DaemonHealthTest, ACrashWithoutAnEvaluationLeavesTheServiceUnready) {
   startAll();
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   kill(kAgent);
@@ -176,7 +175,7 @@ TEST_F(DaemonHealthTest, ACrashWhileNothingIsEvaluatedLeavesTheServiceUnready) {
 
 // Services that are stopped on purpose.
 
-TEST_F(DaemonHealthTest, AServiceThatTheUserInterfaceStoppedCrashedNot) {
+TEST_F(DaemonHealthTest, AStopByTheUserInterfaceIsNoCrash) {
   startAll();
   manager().stopServices({kAgent});
   loop_.runReady();
@@ -193,7 +192,7 @@ TEST_F(DaemonHealthTest, AServiceThatTheUserInterfaceStoppedCrashedNot) {
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
 }
 
-TEST_F(DaemonHealthTest, AFeatureThatIsTurnedOffIsStoppedAndNotRetried) {
+TEST_F(DaemonHealthTest, AFeatureThatTurnsOffIsNotRetried) {
   settings("common")["on"] = 1;
   installFeature(kAgent);
   startAll();
@@ -210,7 +209,7 @@ TEST_F(DaemonHealthTest, AFeatureThatIsTurnedOffIsStoppedAndNotRetried) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(DaemonHealthTest, AFeatureThatIsOffFromTheBeginningIsNotStartedByTheRetry) {
+TEST_F(DaemonHealthTest, AFeatureThatWasNeverOnIsNotRetried) {
   settings("common")["on"] = 0;
   installFeature(kAgent);
   startAll();
@@ -225,7 +224,7 @@ TEST_F(DaemonHealthTest, AFeatureThatIsOffFromTheBeginningIsNotStartedByTheRetry
 
 // The installer.
 
-TEST_F(DaemonHealthTest, TheInstallersServicesAreLeftOutUntilItHasFinished) {
+TEST_F(DaemonHealthTest, SummariesOmitTheInstallersServices) {
   startAll();
   EXPECT_TRUE(manager().shutdownServices({kAgent}));
   loop_.runReady();
@@ -242,7 +241,7 @@ TEST_F(DaemonHealthTest, TheInstallersServicesAreLeftOutUntilItHasFinished) {
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
 }
 
-TEST_F(DaemonHealthTest, AServiceThatDoesNotComeBackAfterTheInstallerIsUnreadyAndRetried) {
+TEST_F(DaemonHealthTest, AServiceMissingAfterTheInstallerIsRetried) {
   startAll();
   manager().shutdownServices({kAgent});
   files_.remove(pathOf("agent"));
@@ -254,7 +253,7 @@ TEST_F(DaemonHealthTest, AServiceThatDoesNotComeBackAfterTheInstallerIsUnreadyAn
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
 }
 
-TEST_F(DaemonHealthTest, AServiceThatCannotBeStoppedForTheInstallerIsReportedLikeTheOthers) {
+TEST_F(DaemonHealthTest, AFailedStopForTheInstallerIsReportedToo) {
   jobs_.refuseRemoval(kAgent, "not you");
   startConfigurationServer();
   start();
@@ -266,19 +265,19 @@ TEST_F(DaemonHealthTest, AServiceThatCannotBeStoppedForTheInstallerIsReportedLik
   EXPECT_TRUE(isRunning(kAgent));
 }
 
-TEST_F(DaemonHealthTest, ATroubledServiceIsRetriedAlsoWhileTheInstallerIsAtWork) {
+TEST_F(DaemonHealthTest, AnUnreadyServiceIsRetriedDuringAnInstallation) {
   files_.remove(pathOf("helper"));
   startAll();
   manager().shutdownServices({kAgent});
   addProgram("helper");
   loop_.advanceBy(20s);
   EXPECT_TRUE(isRunning(kHelper));
-  EXPECT_FALSE(isRunning(kAgent));  // The installer's own is left alone.
+  EXPECT_FALSE(isRunning(kAgent));  // The installer's service is left alone.
 }
 
 // Services in trouble.
 
-TEST_F(DaemonHealthTest, TwoServicesInTroubleAreNamedEveryTwentySecondsUntilBothRun) {
+TEST_F(DaemonHealthTest, UnreadyServicesAreRetriedUntilTheyRun) {
   files_.remove(pathOf("agent"));
   damageProgram("helper");
   startAll();
@@ -303,7 +302,7 @@ TEST_F(DaemonHealthTest, TwoServicesInTroubleAreNamedEveryTwentySecondsUntilBoth
   EXPECT_EQ(reevaluations(), 5u);
 }
 
-TEST_F(DaemonHealthTest, ADamagedServiceIsRemovedAndComesBackWhenItsProgramIsSound) {
+TEST_F(DaemonHealthTest, ADamagedServiceReturnsWhenItsProgramIsRepaired) {
   startAll();
   damageProgram("agent");
   manager().evaluateSystemConfiguration();
@@ -317,7 +316,7 @@ TEST_F(DaemonHealthTest, ADamagedServiceIsRemovedAndComesBackWhenItsProgramIsSou
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
 }
 
-TEST_F(DaemonHealthTest, APrimaryServiceInTroubleIsRetriedToo) {
+TEST_F(DaemonHealthTest, AnUnreadyPrimaryServiceIsRetriedToo) {
   startConfigurationServer();
   files_.remove(pathOf("configd"));
   start();
@@ -329,7 +328,7 @@ TEST_F(DaemonHealthTest, APrimaryServiceInTroubleIsRetriedToo) {
   EXPECT_THAT(health().problemServices(), IsEmpty());
 }
 
-TEST_F(DaemonHealthTest, AServiceThatTheSystemDoesNotSupportIsForgottenAndNotRetried) {
+TEST_F(DaemonHealthTest, AnUnsupportedServiceIsForgottenAndNotRetried) {
   installWith(kAgent, entry("agent", {{"MinimumOSVersion", "10.12"}}));
   startAll();
   EXPECT_EQ(stateOf(kAgent), Value());

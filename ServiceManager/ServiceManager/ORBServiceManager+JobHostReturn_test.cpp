@@ -1,4 +1,4 @@
-// What could not be done while the job host did not answer is done once it does.
+// Requests that failed because the job host did not answer are repeated when it answers again.
 
 #include <chrono>
 
@@ -17,7 +17,7 @@ class JobHostReturnTest : public ServiceManagerFixture {
   std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
 };
 
-TEST_F(JobHostReturnTest, AJobHostThatIsNotThereHoldsTheDaemonUpOnce) {
+TEST_F(JobHostReturnTest, AnAbsentHostDelaysTheDaemonOnce) {
   startConfigurationServer();
   jobs_.setReachable(false);
   const Instant before = loop_.now();
@@ -25,7 +25,7 @@ TEST_F(JobHostReturnTest, AJobHostThatIsNotThereHoldsTheDaemonUpOnce) {
   EXPECT_EQ(loop_.now() - before, 5s);
 }
 
-TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStartedIs) {
+TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedStart) {
   startConfigurationServer();
   jobs_.setReachable(false);
   manager().evaluateSystemConfiguration();
@@ -39,7 +39,7 @@ TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStartedIs) {
   for (const char* label : {kPrimary, kAgent, kHelper}) EXPECT_TRUE(isRunning(label)) << label;
 }
 
-TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStoppedIs) {
+TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedShutdown) {
   startConfigurationServer();
   settings("common")["on"] = 1;
   Dictionary services = *catalogue()["Services"].dictionary();
@@ -64,7 +64,7 @@ TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeStoppedIs) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(JobHostReturnTest, TheReturnOfTheJobHostStartsNothingThatTheUserInterfaceStopped) {
+TEST_F(JobHostReturnTest, TheReturnLeavesStoppedServicesAlone) {
   manager().stopServices({kPrimary, kAgent});
   for (const auto mode : {kNormal, kWaiting}) {
     enterMode(mode);
@@ -74,7 +74,7 @@ TEST_F(JobHostReturnTest, TheReturnOfTheJobHostStartsNothingThatTheUserInterface
   }
 }
 
-TEST_F(JobHostReturnTest, AStopThatFailedIsDoneOnceTheJobHostReturns) {
+TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedStop) {
   startConfigurationServer();
   manager().evaluateSystemConfiguration();
   jobs_.setReachable(false);
@@ -90,7 +90,7 @@ TEST_F(JobHostReturnTest, AStopThatFailedIsDoneOnceTheJobHostReturns) {
   EXPECT_TRUE(isRunning(kHelper));
 }
 
-TEST_F(JobHostReturnTest, AnInstallersPrimaryServiceIsNotStartedByTheReturn) {
+TEST_F(JobHostReturnTest, TheReturnLeavesTheInstallersPrimaryServiceAlone) {
   startConfigurationServer();
   manager().evaluateSystemConfiguration();
   manager().shutdownServices({kPrimary, kAgent});
@@ -102,13 +102,13 @@ TEST_F(JobHostReturnTest, AnInstallersPrimaryServiceIsNotStartedByTheReturn) {
   manager().evaluateServices();
   loop_.advanceBy(100ms);
   EXPECT_TRUE(isRunning(kPrimary));
-  // And from then on it is again.
+  // After that it is started again.
   EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kPrimary, nullptr, true));
   manager().handleJobHostReturn();
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
-TEST_F(JobHostReturnTest, APrimaryServiceThatEndedMeanwhileComesFirst) {
+TEST_F(JobHostReturnTest, AnEndedPrimaryServiceIsStartedFirst) {
   startConfigurationServer();
   manager().evaluateSystemConfiguration();
   stopConfigurationServer();
@@ -121,7 +121,7 @@ TEST_F(JobHostReturnTest, APrimaryServiceThatEndedMeanwhileComesFirst) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeWatchedIs) {
+TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedWatch) {
   startConfigurationServer();
   manager().evaluateSystemConfiguration();
   const auto client = registerClient();
@@ -136,7 +136,7 @@ TEST_F(JobHostReturnTest, WhenTheJobHostReturnsWhatCouldNotBeWatchedIs) {
   EXPECT_THAT(client->notices, testing::Contains(notice(kAgent, 1, process(kAgent))));
 }
 
-TEST_F(JobHostReturnTest, TheReturnOfTheJobHostCoversAPendingChange) {
+TEST_F(JobHostReturnTest, TheReturnCoversAPendingChange) {
   startConfigurationServer();
   manager().handleGlobalSettingsDidChange({"KLXGlobalSettingsDidChangeNotification", std::nullopt,
                                            Dictionary{{"KLXGlobalSettingsKeyModified", "on"}}});

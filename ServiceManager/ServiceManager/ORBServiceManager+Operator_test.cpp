@@ -1,4 +1,4 @@
-// What the operator's server tells, and that asking changes nothing.
+// The answers of the operator's server, which change nothing.
 
 #include <chrono>
 
@@ -79,7 +79,7 @@ TEST_F(OperatorTest, AnIdleDaemonHasNoSuchServer) {
   EXPECT_FALSE(manager().operatorConnection());
 }
 
-TEST_F(OperatorTest, AStrangerIsToldNothing) {
+TEST_F(OperatorTest, AStrangerIsRefused) {
   startAll();
   FakeSystemInformation otherBoot;
   otherBoot.setBootTime(FakeSystemInformation::kBootTime + 1);
@@ -90,7 +90,7 @@ TEST_F(OperatorTest, AStrangerIsToldNothing) {
   EXPECT_TRUE(stranger.recentException());
 }
 
-TEST_F(OperatorTest, TheOverviewHasTheModeTheTimersAndEachServicesMarks) {
+TEST_F(OperatorTest, TheOverviewHasModeTimersAndMarks) {
   startAll();
   manager().stopServices({kHelper});
   loop_.runReady();
@@ -114,7 +114,7 @@ TEST_F(OperatorTest, TheOverviewHasTheModeTheTimersAndEachServicesMarks) {
   EXPECT_EQ(overview[kFactRetryIn], Value());
 }
 
-TEST_F(OperatorTest, TheExtensionsOfTheCatalogueAreTold) {
+TEST_F(OperatorTest, TheCataloguesExtensionsAreReported) {
   Dictionary all = catalogue({{kPrimary, entry("configd", {{"KernelExtensions", Array{"net"}}})}});
   all.set("KernelExtensions",
           Dictionary{{"net", Dictionary{{"Identifier", "com.example.absent"}}}});
@@ -130,7 +130,7 @@ TEST_F(OperatorTest, TheExtensionsOfTheCatalogueAreTold) {
                                           {kFactKextServices, Array{kPrimary}}}}}));
 }
 
-TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {
+TEST_F(OperatorTest, TimersAreReportedByTheirRemainingTime) {
   startAll();
   post("KLXGlobalSettingsDidChangeNotification");
   loop_.advanceBy(500ms);
@@ -144,7 +144,7 @@ TEST_F(OperatorTest, TheTimersAreToldByWhatIsLeftOfThem) {
   EXPECT_EQ(ask("overview")[kFactWatchDogIn], Value(900.0));
 }
 
-TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
+TEST_F(OperatorTest, AServicesFactsCoverItsEvaluation) {
   startAll();
   const Value facts = factsOf(kAgent);
   EXPECT_EQ(facts[kFactLabel], Value(kAgent));
@@ -174,7 +174,7 @@ TEST_F(OperatorTest, AServicesFactsAreAllThatItsEvaluationLooksAt) {
                                               row("unknown", "on", 1, {}, "noSource")}));
 }
 
-// A server that takes its time over everything.
+// A server that answers slowly.
 class SlowClient final : public SettingsClient {
  public:
   SlowClient(VirtualRunLoop& loop, Duration time) : loop_(loop), time_(time) {}
@@ -193,7 +193,7 @@ class SlowClient final : public SettingsClient {
   const Duration time_;
 };
 
-TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsForAllOfAServicesSwitches) {
+TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsInAll) {
   factories_.add("commonSettingsClientWithDelegate:",
                  [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
                    return std::make_unique<SlowClient>(loop_, 1s);
@@ -208,7 +208,7 @@ TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsForAllOfAServicesSwitches) 
   EXPECT_THAT(outcomes, ElementsAre("matches", "clashes", "noAnswer", "noAnswer", "noSource"));
 }
 
-TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesItHas) {
+TEST_F(OperatorTest, AHungSettingsServerIsWaitedForOnce) {
   factories_.add("commonSettingsClientWithDelegate:",
                  [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
                    return std::make_unique<SlowClient>(loop_, 10s);
@@ -227,7 +227,7 @@ TEST_F(OperatorTest, ASettingsServerThatHangsIsWaitedForOnceHoweverManySwitchesI
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-// Raises for one of its keys, at once.
+// A server that raises at once for one of its keys.
 class RaisingClient final : public SettingsClient {
  public:
   Value objectForKey(std::string_view key) override {
@@ -240,7 +240,7 @@ class RaisingClient final : public SettingsClient {
   void forgetConnection() override {}
 };
 
-TEST_F(OperatorTest, ASettingsServerThatRaisesIsNotASilentOneAndIsAskedForTheOthers) {
+TEST_F(OperatorTest, ASettingsServerThatRaisesIsAskedForOtherSwitches) {
   factories_.add("commonSettingsClientWithDelegate:",
                  [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
                    return std::make_unique<RaisingClient>();
@@ -255,7 +255,7 @@ TEST_F(OperatorTest, ASettingsServerThatRaisesIsNotASilentOneAndIsAskedForTheOth
   EXPECT_EQ(switches[2][kFactOutcome], Value("matches"));
 }
 
-TEST_F(OperatorTest, AServiceThatIsAboutToBeStoppedIsToldSo) {
+TEST_F(OperatorTest, APendingStopIsReported) {
   startAll();
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
   settings_["common"]["on"] = 0;
@@ -274,7 +274,7 @@ TEST_F(OperatorTest, AServiceThatIsAboutToBeStoppedIsToldSo) {
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
 }
 
-TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
+TEST_F(OperatorTest, AHungJobHostIsReportedInsteadOfTheJob) {
   startAll();
   EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value());
   jobs_.setReachable(false);
@@ -283,7 +283,7 @@ TEST_F(OperatorTest, AJobHostThatDoesNotAnswerIsToldInsteadOfTheJob) {
   EXPECT_EQ(factsOf(kAgent)[kFactReason], Value("unknown"));
 }
 
-TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
+TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
   startAll();
   kill(kHelper);
   manager().stopServices({kAgent});
@@ -299,7 +299,7 @@ TEST_F(OperatorTest, TheJobsOfThisProductsServicesAreToldByTheirLabels) {
   EXPECT_EQ(loop_.now() - before, 5s);  // One wait for the job host.
 }
 
-TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
+TEST_F(OperatorTest, AServiceThatCannotStartIsReportedWithReasons) {
   startAll();
   kill(kHelper);
   damageProgram("helper");
@@ -316,7 +316,7 @@ TEST_F(OperatorTest, AServiceThatCannotBeStartedIsToldWithItsReasons) {
   EXPECT_EQ(agent[kFactProgramIsIntact], Value());
 }
 
-TEST_F(OperatorTest, TheReleaseThatAServiceNeedsIsToldBesideTheSystems) {
+TEST_F(OperatorTest, ANeededReleaseIsReportedBesideTheSystems) {
   system_.setRelease("14.0.0", {10, 10, 0});
   Dictionary services = *catalogue()["Services"].dictionary();
   services.set(kAgent, entry("agent", {{"MinimumOSVersion", "10.11"}}));
@@ -336,7 +336,7 @@ TEST_F(OperatorTest, TheReleaseThatAServiceNeedsIsToldBesideTheSystems) {
   EXPECT_EQ(countInLog("Unknown OS version"), 0u);  // It was not evaluated for it.
 }
 
-TEST_F(OperatorTest, AServiceOfAnotherProductIsToldAsSuchAndAnUnknownOneNot) {
+TEST_F(OperatorTest, OtherProductsServicesAreReportedAsSuch) {
   startAll();
   const Value facts = factsOf(kForeign);
   EXPECT_EQ(facts[kFactIsOfProduct], Value(false));
@@ -371,7 +371,7 @@ TEST_F(OperatorTest, AskingMakesNoSettingsClientAndLogsNothing) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(OperatorTest, LookingAtTheHealthRecordClearsNoCounter) {
+TEST_F(OperatorTest, ReadingTheHealthRecordClearsNoCounter) {
   installProduct(kHouseholdGuid);
   Dictionary services;
   for (const char* program : {"configd", "agent"}) {
@@ -398,7 +398,7 @@ TEST_F(OperatorTest, AProductWithoutAHealthRecordHasNone) {
   EXPECT_FALSE(client_->recentException());
 }
 
-TEST_F(OperatorTest, WhatIsNoLabelOrNoMessageRaises) {
+TEST_F(OperatorTest, AWrongLabelOrMessageRaises) {
   startAll();
   for (const Value& argument : {Value(), Value(1), Value(Array{kAgent})}) {
     EXPECT_EQ(ask("factsOfService:", {argument}), Value());

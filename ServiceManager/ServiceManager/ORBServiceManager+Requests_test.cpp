@@ -53,7 +53,7 @@ TEST_F(RequestsTest, TheExitOfAStoppedServiceIsStillSeen) {
               ElementsAre("stop com.example.agent", "forced stop com.example.agent"));
 }
 
-TEST_F(RequestsTest, AStopThatTheJobHostDoesNotAnswerKeepsTheClientsMark) {
+TEST_F(RequestsTest, AStopWithoutAnAnswerKeepsTheMark) {
   run(kAgent);
   jobs_.setReachable(false);
   manager().stopServices({kAgent});
@@ -62,29 +62,29 @@ TEST_F(RequestsTest, AStopThatTheJobHostDoesNotAnswerKeepsTheClientsMark) {
   EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
 }
 
-// What the user interface asks.
+// The user interface's requests.
 
 TEST_F(RequestsTest, TheServicesAreTheCatalogues) {
   EXPECT_EQ(manager().services(), catalogue()["Services"]);
 }
 
-TEST_F(RequestsTest, AProcessIsToldWhileItRuns) {
+TEST_F(RequestsTest, ARunningProcessIsReported) {
   run(kAgent);
   EXPECT_EQ(manager().pidForService(kAgent), Value(process(kAgent)));
   EXPECT_TRUE(manager().lastExitStatusForService(kAgent).isNil());
 }
 
-TEST_F(RequestsTest, AnUnknownLabelHasNoProcessAndNoExitStatus) {
+TEST_F(RequestsTest, AnUnknownLabelHasNoProcessOrStatus) {
   EXPECT_TRUE(manager().pidForService("com.example.unknown").isNil());
   EXPECT_TRUE(manager().lastExitStatusForService("com.example.unknown").isNil());
 }
 
-TEST_F(RequestsTest, NilHasNoProcessAndNoExitStatus) {
+TEST_F(RequestsTest, NilHasNoProcessOrStatus) {
   EXPECT_TRUE(manager().pidForService(std::nullopt).isNil());
   EXPECT_TRUE(manager().lastExitStatusForService(std::nullopt).isNil());
 }
 
-TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatusAndNoProcess) {
+TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatus) {
   use(catalogue({{kPrimary, entry("configd")},
                  {kAgent, Dictionary{{"Products", entry("agent")["Products"]},
                                      {"JobSpec", Dictionary{{"Program", "agent"},
@@ -95,9 +95,9 @@ TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatusAndNoProcess) {
   EXPECT_EQ(manager().lastExitStatusForService(kAgent), Value(3 << 8));
 }
 
-// What the installer asks.
+// The installer's requests.
 
-TEST_F(RequestsTest, TheInstallersServicesAreStoppedAndReportedAndTheModeChanges) {
+TEST_F(RequestsTest, TheInstallersBeginStopsAndReportsItsServices) {
   run(kAgent);
   run(kHelper);
   EXPECT_TRUE(manager().shutdownServices({kAgent, kHelper}));
@@ -108,7 +108,7 @@ TEST_F(RequestsTest, TheInstallersServicesAreStoppedAndReportedAndTheModeChanges
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(RequestsTest, AShutdownThatFailsIsAnsweredButEveryOtherServiceIsStopped) {
+TEST_F(RequestsTest, AFailedShutdownStopsAllOtherServices) {
   run(kAgent);
   run(kHelper);
   jobs_.refuseRemoval(kAgent, "not you");
@@ -119,7 +119,7 @@ TEST_F(RequestsTest, AShutdownThatFailsIsAnsweredButEveryOtherServiceIsStopped) 
                           "stop com.example.helper", "installer event com.example.helper"));
 }
 
-TEST_F(RequestsTest, AShutdownThatTheJobHostDoesNotAnswerFails) {
+TEST_F(RequestsTest, AShutdownWithoutTheJobHostFails) {
   run(kAgent);
   jobs_.setReachable(false);
   EXPECT_FALSE(manager().shutdownServices({kAgent}));

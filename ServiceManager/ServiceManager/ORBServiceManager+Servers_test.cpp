@@ -110,7 +110,7 @@ class ServersTest : public StartUpFixture {
     loop_.advanceBy(1s);
   }
 
-  // A client of another program's.
+  // A client in another program.
   std::unique_ptr<VantorDistantObject> client(const char* server, const char* protocol) {
     return std::make_unique<VantorDistantObject>(
         VantorDistantObject::Environment{loop_, user_.connections, *otherCenter_, user_.center,
@@ -118,7 +118,7 @@ class ServersTest : public StartUpFixture {
         server, protocol, std::nullopt);
   }
 
-  // What the user interface's own object hears.
+  // The notices that the user interface's object gets.
   class Listener final : public MessageReceiver {
    public:
     MessageResult receiveMessage(std::string_view, const Array& arguments) override {
@@ -207,7 +207,7 @@ TEST_F(ServersTest, APeerOfAnotherBootIsRefusedByEach) {
   }
 }
 
-TEST_F(ServersTest, ARegisteredClientHearsOfAnExitAndOfTheNewProcess) {
+TEST_F(ServersTest, ARegisteredClientIsNotifiedOfAnExit) {
   const auto ui = registerListener();
   kill(kAgent);
   EXPECT_THAT(listener_.notices,
@@ -215,7 +215,7 @@ TEST_F(ServersTest, ARegisteredClientHearsOfAnExitAndOfTheNewProcess) {
   EXPECT_EQ(manager().userClients().size(), 1u);
 }
 
-TEST_F(ServersTest, AClientThatDiedIsDroppedAtTheNextNotice) {
+TEST_F(ServersTest, ADeadClientIsDroppedAtTheNextNotice) {
   const auto ui = registerListener();
   const auto other = registerClient();
   user_.transport.die();
@@ -224,7 +224,7 @@ TEST_F(ServersTest, AClientThatDiedIsDroppedAtTheNextNotice) {
   EXPECT_EQ(other->notices.size(), 2u);
 }
 
-TEST_F(ServersTest, AClientThatHangsCostsTwoSecondsOnceAndEveryOtherIsTold) {
+TEST_F(ServersTest, AHungClientCostsTwoSecondsOnce) {
   const auto ui = registerListener();
   const auto other = registerClient();
   user_.transport.hang();
@@ -235,14 +235,14 @@ TEST_F(ServersTest, AClientThatHangsCostsTwoSecondsOnceAndEveryOtherIsTold) {
   EXPECT_EQ(other->notices.size(), 2u);
 }
 
-TEST_F(ServersTest, AClientThatAsksWhileItIsToldDeadlocksWithNobody) {
+TEST_F(ServersTest, ACallWithinANoticeIsNoDeadlock) {
   const auto ui = registerListener();
   listener_.onNotice = [&] { ui->sendMessage("pidForService:", {kAgent}); };
   const Instant before = loop_.now();
   kill(kAgent);
   EXPECT_LE(loop_.now() - before, 30s);
   EXPECT_TRUE(isRunning(kAgent));
-  // Another program finds the daemon at work.
+  // Another program sends a request while the daemon is busy.
   Program other(*this, 301);
   VantorDistantObject asking(
       {loop_, other.connections, *otherCenter_, other.center, protocols_, system_},
@@ -250,7 +250,7 @@ TEST_F(ServersTest, AClientThatAsksWhileItIsToldDeadlocksWithNobody) {
   EXPECT_EQ(asking.sendMessage("pidForService:", {kAgent}), Value(process(kAgent)));
 }
 
-TEST_F(ServersTest, AConfigurationServerThatSaysNothingCostsOneBoundedWait) {
+TEST_F(ServersTest, AHungConfigurationServerCostsABoundedTime) {
   manager_.reset();
   configurationProgram_->transport.hang();
   const Instant before = loop_.now();
@@ -260,7 +260,7 @@ TEST_F(ServersTest, AConfigurationServerThatSaysNothingCostsOneBoundedWait) {
   EXPECT_TRUE(manager().userInterfaceConnection()->isValid());
 }
 
-TEST_F(ServersTest, ANameThatIsTakenHindersNoOtherServer) {
+TEST_F(ServersTest, ANameInUseAffectsNoOtherServer) {
   manager_.reset();
   user_.vend(kInstallerServer, listener_, kORBServiceManagerInstallerProtocol);
   start();

@@ -26,7 +26,7 @@ class SettingsTest : public ServiceManagerFixture {
 
 class StartNoticeTest : public SettingsTest, public testing::WithParamInterface<std::int64_t> {};
 
-TEST_P(StartNoticeTest, FromAServerThatIsUpEvaluatesAtOnceUnlessAnInstallerIsAtWork) {
+TEST_P(StartNoticeTest, EvaluatesAtOnceUnlessAnInstallerIsAtWork) {
   startConfigurationServer();
   enterMode(GetParam());
   didStart();
@@ -36,14 +36,14 @@ TEST_P(StartNoticeTest, FromAServerThatIsUpEvaluatesAtOnceUnlessAnInstallerIsAtW
   EXPECT_EQ(countInLog("Primary service did start and ready to handle requests"), 1u);
 }
 
-TEST_P(StartNoticeTest, FromAServerThatIsDownChangesNothing) {
+TEST_P(StartNoticeTest, IsIgnoredIfTheServerIsDown) {
   enterMode(GetParam());
   didStart();
   EXPECT_EQ(manager().operatingMode(), GetParam());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_P(StartNoticeTest, AShutdownNoticeMakesTheDaemonWaitWhateverTheMode) {
+TEST_P(StartNoticeTest, AShutdownNoticeBeginsWaitingInAnyMode) {
   enterMode(GetParam());
   willShutdown();
   EXPECT_EQ(manager().operatingMode(), kWaiting);
@@ -61,11 +61,11 @@ TEST_P(StartNoticeTest, TheInstallersBeginStopsItsServicesAndEvaluatesNothing) {
   EXPECT_TRUE(isRunning(kHelper));
 }
 
-TEST_P(StartNoticeTest, TheInstallersEndEvaluatesWhereTheServerIsUp) {
+TEST_P(StartNoticeTest, TheInstallersEndEvaluatesIfTheServerIsUp) {
   startConfigurationServer();
   enterMode(GetParam());
   EXPECT_TRUE(manager().evaluateServices());
-  EXPECT_EQ(manager().operatingMode(), GetParam());  // It has its answer first.
+  EXPECT_EQ(manager().operatingMode(), GetParam());  // The installer gets its answer first.
   loop_.advanceBy(100ms);
   EXPECT_EQ(manager().operatingMode(), kNormal);
   EXPECT_EQ(evaluations(), 0u);
@@ -75,7 +75,7 @@ TEST_P(StartNoticeTest, TheInstallersEndEvaluatesWhereTheServerIsUp) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_P(StartNoticeTest, TheInstallersEndStartsThePrimaryServiceWhereTheServerIsDown) {
+TEST_P(StartNoticeTest, TheInstallersEndStartsAPrimaryServiceThatIsDown) {
   enterMode(GetParam());
   EXPECT_TRUE(manager().evaluateServices());
   loop_.advanceBy(100ms);
@@ -88,7 +88,7 @@ TEST_P(StartNoticeTest, TheInstallersEndStartsThePrimaryServiceWhereTheServerIsD
 INSTANTIATE_TEST_SUITE_P(InMode, StartNoticeTest, testing::Values(kNormal, kInstaller, kWaiting),
                          [](const auto& mode) { return std::to_string(mode.param); });
 
-TEST_F(SettingsTest, AShutdownNoticeEndsTheInstallersModeAndTheNextStartEvaluates) {
+TEST_F(SettingsTest, AShutdownNoticeEndsTheInstallersMode) {
   startConfigurationServer();
   manager().shutdownServices({kAgent});
   willShutdown();
@@ -98,7 +98,7 @@ TEST_F(SettingsTest, AShutdownNoticeEndsTheInstallersModeAndTheNextStartEvaluate
   EXPECT_TRUE(isRunning(kAgent));  // The installer has not reported its end.
 }
 
-TEST_F(SettingsTest, ThePrimaryServiceThatComesBackIsNoticedAtOnce) {
+TEST_F(SettingsTest, ARestartedPrimaryServiceIsNoticedAtOnce) {
   startConfigurationServer();
   didStart();
   stopConfigurationServer();
@@ -111,7 +111,7 @@ TEST_F(SettingsTest, ThePrimaryServiceThatComesBackIsNoticedAtOnce) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, WhenTheBusReturnsSettingsServersAreLookedUpAnew) {
+TEST_F(SettingsTest, TheReturnOfTheBusLooksUpServersAgain) {
   settings("common");
   const auto* client =
       static_cast<FakeSettingsClient*>(manager().configurationWithSelectorPrefix("common"));
@@ -122,7 +122,7 @@ TEST_F(SettingsTest, WhenTheBusReturnsSettingsServersAreLookedUpAnew) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
+TEST_F(SettingsTest, AServerThatHungDuringTheReturnIsRetried) {
   startConfigurationServer();
   didStart();
   ASSERT_EQ(manager().operatingMode(), kNormal);
@@ -138,7 +138,7 @@ TEST_F(SettingsTest, AServerThatStoodStillWhenTheBusReturnedIsAskedOnceMore) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, AServerThatStoodStillWhileItWasAwaitedIsAskedOnceMore) {
+TEST_F(SettingsTest, AHungServerIsRetriedInWaitingMode) {
   startConfigurationServer();
   enterMode(kWaiting);
   configurationProgram_->transport.hang();
@@ -150,7 +150,7 @@ TEST_F(SettingsTest, AServerThatStoodStillWhileItWasAwaitedIsAskedOnceMore) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, TheReturnOfTheBusClearsASpentTimer) {
+TEST_F(SettingsTest, TheReturnOfTheBusClearsAFiredTimer) {
   startConfigurationServer();
   enterMode(kWaiting);
   didChange();
@@ -196,7 +196,7 @@ TEST_F(SettingsTest, AChangeIsEvaluatedAfterTwoSeconds) {
   EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
 }
 
-TEST_F(SettingsTest, TenChangesWithinTwoSecondsAreTenLinesAndOneEvaluation) {
+TEST_F(SettingsTest, TenChangesInTwoSecondsAreOneEvaluation) {
   for (int change = 0; change < 10; ++change) {
     didChange();
     loop_.advanceBy(100ms);
@@ -223,7 +223,7 @@ TEST_F(SettingsTest, AnEvaluationForAnotherReasonCoversTheChange) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, AChangeOutsideNormalModeSpendsTheTimerUntilAnEvaluationInNormalMode) {
+TEST_F(SettingsTest, AChangeOutsideNormalModeBlocksFurtherChanges) {
   startConfigurationServer();
   for (const auto mode : {kWaiting, kInstaller}) {
     enterMode(mode);
@@ -246,7 +246,7 @@ TEST_F(SettingsTest, AChangeOutsideNormalModeSpendsTheTimerUntilAnEvaluationInNo
   }
 }
 
-TEST_F(SettingsTest, AChangeThatNamesNoKeyCountsLikeAnyOther) {
+TEST_F(SettingsTest, AChangeWithoutAKeyIsEvaluated) {
   didChange(Value());
   EXPECT_EQ(countInLog("Notification received for global settings change: (null)"), 1u);
   didChange(Dictionary{{"another", 1}});
@@ -262,20 +262,20 @@ TEST_F(SettingsTest, ASettingsServerThatRestartedIsEvaluatedAtOnce) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-// What is not ready.
+// Services that are not ready.
 
 TEST_F(SettingsTest, WithoutAHealthRecordNothingIsReevaluated) {
   manager().evaluateSystemConfiguration();
   EXPECT_FALSE(manager().reevaluationTimer());
 }
 
-TEST_F(SettingsTest, WhereEverythingIsReadyNothingIsReevaluated) {
+TEST_F(SettingsTest, ReadyServicesAreNotReevaluated) {
   useHealth();
   manager().evaluateSystemConfiguration();
   EXPECT_FALSE(manager().reevaluationTimer());
 }
 
-TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainEveryTwentySecondsUntilItIs) {
+TEST_F(SettingsTest, UnreadyServicesAreRetriedEveryTwentySeconds) {
   useHealth();
   files_.remove(pathOf("agent"));
   files_.remove(pathOf("helper"));
@@ -283,7 +283,7 @@ TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainEveryTwentySecondsUntilItIs) {
   const RunLoopHandle* const timer = manager().reevaluationTimer();
   EXPECT_TRUE(timer);
   manager().scheduleReevaluation();
-  EXPECT_EQ(manager().reevaluationTimer(), timer);  // One at most.
+  EXPECT_EQ(manager().reevaluationTimer(), timer);  // There is one timer at most.
   takeLog();
 
   const std::string both =
@@ -308,7 +308,7 @@ TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainEveryTwentySecondsUntilItIs) {
   EXPECT_EQ(countInLog("Reevaluating"), 4u);
 }
 
-TEST_F(SettingsTest, WhatIsNotReadyIsStartedAgainInAnyMode) {
+TEST_F(SettingsTest, UnreadyServicesAreRetriedInAnyMode) {
   useHealth();
   for (const auto mode : {kNormal, kInstaller, kWaiting}) {
     enterMode(kNormal);

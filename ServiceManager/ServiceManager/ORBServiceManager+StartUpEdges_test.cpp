@@ -43,7 +43,7 @@ TEST_F(StartUpEdgesTest, AnIdleDaemonVendsNothing) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(StartUpEdgesTest, AServerThatWasSilentAndComesBackIsNoticedAtOnce) {
+TEST_F(StartUpEdgesTest, AServerThatHungFirstIsNoticedAtOnce) {
   startConfigurationServer();
   configurationProgram_->transport.hang();
   start();
@@ -57,7 +57,7 @@ TEST_F(StartUpEdgesTest, AServerThatWasSilentAndComesBackIsNoticedAtOnce) {
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
 }
 
-TEST_F(StartUpEdgesTest, AServerThatFellSilentAndComesBackIsNoticedAtOnce) {
+TEST_F(StartUpEdgesTest, AServerThatHungLaterIsNoticedAtOnce) {
   startConfigurationServer();
   start();
   loop_.advanceBy(std::chrono::seconds(1));
@@ -77,7 +77,7 @@ TEST_F(StartUpEdgesTest, AServerThatFellSilentAndComesBackIsNoticedAtOnce) {
 class WrongOptionalTest : public StartUpEdgesTest,
                           public testing::WithParamInterface<std::pair<const char*, Value>> {};
 
-TEST_P(WrongOptionalTest, CostsTheStartNothing) {
+TEST_P(WrongOptionalTest, DoesNotAffectTheStart) {
   const auto& [key, wrong] = GetParam();
   Dictionary wrongAtRoot = catalogue();
   wrongAtRoot.set(key, wrong);

@@ -52,7 +52,7 @@ TEST_F(HealthInfoThreadsTest, EachQueryHasSeenEveryReportBefore) {
     EXPECT_EQ(health.getHealthStateForServices(), Value(Dictionary{{"agent", 1}, {"helper", 1}}));
     health.reportStopForService("helper");  // Done before the record ends.
   }
-  get_queue(mach_thread_self())->sync([] {});  // Until all is written.
+  get_queue(mach_thread_self())->sync([] {});  // Wait until all is written.
   EXPECT_EQ(sink_.count("Reported forced stop for service: agent"), std::size_t{kRounds});
   EXPECT_EQ(sink_.count("Reported stop for service: helper"), 1u);
 }

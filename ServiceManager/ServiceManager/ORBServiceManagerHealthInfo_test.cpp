@@ -40,7 +40,7 @@ class HealthInfoTest : public ServiceManagerFixture {
 
 // At first.
 
-TEST_F(HealthInfoTest, AtFirstNothingIsKnownAndNobodyIsToRelyOnIt) {
+TEST_F(HealthInfoTest, AnEmptyRecordIsNotReadyToReport) {
   EXPECT_TRUE(health_->serviceStates().empty());
   EXPECT_TRUE(health_->crashCounters().empty());
   EXPECT_FALSE(health_->isReadyToReport());
@@ -70,7 +70,7 @@ TEST_F(HealthInfoTest, NoServicesAtAllMakeTheRecordReadyToo) {
   EXPECT_TRUE(health_->isReadyToReport());
 }
 
-TEST_F(HealthInfoTest, AServiceThatIsNotMonitoredAnyMoreHasNoStatus) {
+TEST_F(HealthInfoTest, AnUnmonitoredServiceHasNoStatus) {
   put(kAgent, kRunning);
   takeLog();
   health_->stopMonitoringForService(kAgent);
@@ -94,7 +94,7 @@ TEST_P(ReportTest, SetsTheStatusWhateverItWasAndLogsIt) {
   EXPECT_EQ(stateOf(kAgent), Value(row.status)) << "of an unknown label";
   for (const std::int64_t before : {kUnready, kRunning, kStopped, kUpdating}) {
     put(kAgent, before);
-    health_->serviceStates();  // When that is done.
+    health_->serviceStates();  // Wait for the report.
     takeLog();
     ((*health_).*row.report)(kAgent);
     EXPECT_EQ(stateOf(kAgent), Value(row.status)) << "from " << before;
@@ -148,7 +148,7 @@ TEST_F(HealthInfoTest, AHundredForcedStopsAreCountedExactly) {
   EXPECT_EQ(crashesOf(kHelper), Value(50));
 }
 
-TEST_F(HealthInfoTest, AnInstallerEventEndsForTheServicesThatAreUpdating) {
+TEST_F(HealthInfoTest, AnInstallerEventEndsForUpdatingServices) {
   put(kPrimary, kUnready);
   put(kAgent, kStopped);
   put(kHelper, kUpdating);
@@ -166,7 +166,7 @@ TEST_F(HealthInfoTest, AnInstallerEventEndsForTheServicesThatAreUpdating) {
 
 TEST_F(HealthInfoTest, ReportsReturnAtOnceAndQueriesSeeThemAll) {
   health_->setMonitoredServices({kAgent});
-  EXPECT_FALSE(health_->isReadyToReport());  // Read past the queue.
+  EXPECT_FALSE(health_->isReadyToReport());  // It is read without the queue.
   health_->reportForcedStopForService(kAgent);
   health_->reportStartForService(kAgent);
   health_->reportUnreadyStateForService(kHelper);
@@ -185,14 +185,14 @@ TEST_F(HealthInfoTest, TheInstallersEventIsLoggedBeforeItIsQueued) {
                                      "7 Reported running state for service: com.example.agent"));
 }
 
-TEST_F(HealthInfoTest, ReadinessThatIsSetCountsAfterWhatWasReportedBefore) {
+TEST_F(HealthInfoTest, ReadinessIsSetAfterEarlierReports) {
   health_->setMonitoredServices({});
   health_->setReadyToReport(false);
   loop_.runReady();
   EXPECT_FALSE(health_->isReadyToReport());
 }
 
-TEST_F(HealthInfoTest, WhatIsQueuedWhenTheRecordEndsIsDoneBefore) {
+TEST_F(HealthInfoTest, QueuedReportsAreDoneBeforeTheRecordEnds) {
   health_->reportStartForService(kAgent);
   health_.reset();
   EXPECT_THAT(takeLog(), ElementsAre("7 Reported running state for service: com.example.agent"));
@@ -201,7 +201,7 @@ TEST_F(HealthInfoTest, WhatIsQueuedWhenTheRecordEndsIsDoneBefore) {
 
 // The summary.
 
-TEST_F(HealthInfoTest, ASummaryTellsOfTheUnreadyAndTheRunningAlone) {
+TEST_F(HealthInfoTest, ASummaryHasUnreadyAndRunningServicesAlone) {
   put("a", kUnready);
   put("b", kRunning);
   put("c", kStopped);
@@ -249,7 +249,7 @@ TEST_F(HealthInfoTest, AForcedStopAfterAStopCountsNothing) {
   EXPECT_EQ(countInLog("Reported forced stop for service"), 3u);
 }
 
-TEST_F(HealthInfoTest, AnUpdatingServiceIsLeftOutUnlessItCrashedTooOften) {
+TEST_F(HealthInfoTest, ASummaryOmitsUpdatingServicesBelowTheCrashLimit) {
   for (const int crashes : {2, 3}) {
     crash(kAgent, crashes);
     put(kAgent, kUpdating);
@@ -260,18 +260,18 @@ TEST_F(HealthInfoTest, AnUpdatingServiceIsLeftOutUnlessItCrashedTooOften) {
   }
 }
 
-TEST_F(HealthInfoTest, AServiceIsListedUnderItsNameIfItHasOne) {
+TEST_F(HealthInfoTest, AServiceIsListedUnderItsName) {
   health_->setServiceNamesToReport({{kAgent, "/opt/app/agent"}});
   put(kAgent, kRunning);
   put(kHelper, kRunning);
   takeLog();
   EXPECT_EQ(health_->getHealthStateForServices(),
             Value(Dictionary{{"/opt/app/agent", 0}, {kHelper, 0}}));
-  EXPECT_THAT(takeLog(),  // Under its label here.
+  EXPECT_THAT(takeLog(),  // The log has its label.
               testing::Contains(testing::HasSubstr("\ncom.example.agent: 1")));
 }
 
-TEST_F(HealthInfoTest, OfAServiceThatIsNotMonitoredAnyMoreASummarySaysNothing) {
+TEST_F(HealthInfoTest, ASummaryOmitsAnUnmonitoredService) {
   crash(kAgent, 3);
   health_->stopMonitoringForService(kAgent);
   EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary()));
@@ -279,9 +279,9 @@ TEST_F(HealthInfoTest, OfAServiceThatIsNotMonitoredAnyMoreASummarySaysNothing) {
   EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary{{kAgent, 0}}));
 }
 
-// What the operator sees.
+// The operator's view.
 
-TEST_F(HealthInfoTest, LookingAtTheRecordClearsNoCounter) {
+TEST_F(HealthInfoTest, ReadingTheRecordClearsNoCounter) {
   health_->setServiceNamesToReport({{kAgent, "agent"}});
   crash(kAgent, 3);
   put(kAgent, kRunning);
@@ -319,7 +319,7 @@ class HealthServerTest : public HealthInfoTest {
   Program program_{*this, 300};
 };
 
-TEST_F(HealthServerTest, AnAuthenticatedReporterReadsTheTruth) {
+TEST_F(HealthServerTest, AnAuthenticatedReporterReadsTheSummary) {
   const auto reporter = this->reporter(system_);
   EXPECT_EQ(reporter->sendMessage("isReadyToReport"), Value(false));
   health_->setMonitoredServices({kAgent});
@@ -341,7 +341,7 @@ TEST_F(HealthServerTest, AStrangerIsRefusedAndClearsNothing) {
   EXPECT_EQ(crashesOf(kAgent), Value(3));
 }
 
-TEST_F(HealthServerTest, OnlyTheProtocolsMessagesGetThrough) {
+TEST_F(HealthServerTest, OnlyTheProtocolsMessagesAreServed) {
   VantorDistantObject other(
       {loop_, program_.connections, *otherCenter_, program_.center, protocols_, system_},
       "ServiceManagerHealthInfo", kORBServiceManagerUserInterfaceProtocol, std::nullopt);
@@ -361,7 +361,7 @@ TEST_F(HealthServerTest, OnlyARegisteredConnectionHasADelegate) {
   EXPECT_TRUE(second->distantConnection()->isValid());
   EXPECT_TRUE(second->connectionAuthenticator());
   EXPECT_THAT(takeLog(), IsEmpty());
-  // The platform alone says why no reporter will find it.
+  // Only the platform logs why no reporter will find it.
   EXPECT_EQ(systemSink_.count("The name \"ServiceManagerHealthInfo\" was not registered"), 1u);
   second->reportUnreadyStateForService(kAgent);
   EXPECT_THAT(second->problemServices(), ElementsAre(kAgent));

@@ -13,7 +13,7 @@ namespace {
 
 using namespace platform;
 
-// A listener's endpoint, as far as the registry looks at it.
+// A listener's endpoint, which the registry only stores.
 struct NamedEndpoint final : NSXPCListenerEndpoint {};
 
 class EndpointRegistryTest : public StartUpFixture {
@@ -34,7 +34,7 @@ class EndpointRegistryTest : public StartUpFixture {
   }
   Value passkey() const { return systemProfileData(system_); }
 
-  // What the reply was; nothing where it was not called.
+  // The reply; nothing if it was not called.
   using Lookup = std::optional<ORBServiceManagerXPCHandler::Endpoint>;
   Lookup lookUp(const Value& passkey, const std::optional<std::string>& name) {
     Lookup found;
@@ -53,7 +53,7 @@ class EndpointRegistryTest : public StartUpFixture {
         });
     return answer;
   }
-  // Without where the lines are from.
+  // The lines without their places in the source.
   std::vector<std::string> lines() {
     queues_.runPending();
     std::vector<std::string> lines;
@@ -71,12 +71,12 @@ class EndpointRegistryTest : public StartUpFixture {
   const ORBServiceManagerXPCHandler::Endpoint other_ = std::make_shared<NamedEndpoint>();
 };
 
-TEST_F(EndpointRegistryTest, ItsLinesAreUnderItsOwnNameUntilItEnds) {
+TEST_F(EndpointRegistryTest, ItsLinesHaveItsOwnNameUntilItEnds) {
   handler().validatePasskey(Value());
   queues_.runPending();
   EXPECT_EQ(logSink_.messagesOf("ORBServiceManagerXPCHandler").size(), 1u);
   handler_.reset();
-  // As long as one has a thread's queue open, nobody else's name counts there.
+  // While one logger has a thread's queue open, other names are ignored there.
   vantorlogger2_open("Next", mach_thread_self());
   vantorlogger2_line(ASL_LEVEL_DEBUG, "of the next");
   vantorlogger2_close(mach_thread_self());
@@ -99,13 +99,13 @@ TEST_F(EndpointRegistryTest, ARegisteredEndpointIsFound) {
   EXPECT_TRUE(requests_.empty());
 }
 
-TEST_F(EndpointRegistryTest, ANameThatIsTakenIsReplaced) {
+TEST_F(EndpointRegistryTest, ARegistrationReplacesAnEarlierOne) {
   registerAs(one_, passkey(), "name");
   EXPECT_EQ(registerAs(other_, passkey(), "name"), "YES nil");
   EXPECT_EQ(lookUp(passkey(), "name"), Lookup(other_));
 }
 
-TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndAskedForOnce) {
+TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndRequestedOnce) {
   EXPECT_EQ(lookUp(passkey(), "missing"), Lookup(nullptr));
   ASSERT_EQ(requests_.size(), 1u);
   EXPECT_EQ(requests_[0],
@@ -119,7 +119,7 @@ TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndAskedForOnce) {
 
 class WrongPasskey : public EndpointRegistryTest, public testing::WithParamInterface<int> {
  protected:
-  // By which byte it differs, or, from 16 on, of which length it is.
+  // The index of the byte that differs or, from 16 on, the length.
   Value wrong() const {
     Data key = *passkey().data();
     if (GetParam() < 16) {
@@ -131,7 +131,7 @@ class WrongPasskey : public EndpointRegistryTest, public testing::WithParamInter
   }
 };
 
-TEST_P(WrongPasskey, RegistersNothingAndIsTold) {
+TEST_P(WrongPasskey, RegistersNothingAndIsAnswered) {
   if (wrong() == passkey()) return;
   EXPECT_EQ(registerAs(one_, wrong(), "name"), "NO Invalid passkey for the registration.");
   EXPECT_EQ(lines(), (std::vector<std::string>{"3 Invalid profile detected.",
@@ -162,7 +162,7 @@ TEST_F(EndpointRegistryTest, APasskeyThatIsNoDataIsWrong) {
   EXPECT_TRUE(handler().validatePasskey(passkey()));
 }
 
-TEST_F(EndpointRegistryTest, NothingAndTooMuchAreNotRegistered) {
+TEST_F(EndpointRegistryTest, RegistrationsBeyondTheLimitsAreRefused) {
   EXPECT_EQ(registerAs(nullptr, passkey(), "name"), "NO There is no endpoint to register.");
   const std::string longest(ORBServiceManagerXPCHandler::kMaxNameBytes, 'n');
   EXPECT_EQ(registerAs(one_, passkey(), longest), "YES nil");
@@ -174,7 +174,7 @@ TEST_F(EndpointRegistryTest, NothingAndTooMuchAreNotRegistered) {
   EXPECT_EQ(registerAs(other_, passkey(), longest), "YES nil");
 }
 
-TEST_F(EndpointRegistryTest, ANameThatCantBeRegisteredIsNobodys) {
+TEST_F(EndpointRegistryTest, ANameThatCantBeRegisteredIsNotRequested) {
   EXPECT_EQ(registerAs(one_, passkey(), std::nullopt), "NO There is no name to register it under.");
   EXPECT_EQ(registerAs(one_, passkey(), ""), "YES nil");
   const std::string longest(ORBServiceManagerXPCHandler::kMaxNameBytes, 'n');
@@ -198,7 +198,7 @@ TEST_F(EndpointRegistryTest, TheDaemonItselfNeedsNoPasskey) {
   EXPECT_TRUE(lines().empty());
 }
 
-// The daemon as it starts, spoken to by another process.
+// The daemon while it starts, with another process that sends requests.
 class XPCStartUpTest : public EndpointRegistryTest {
  protected:
   std::shared_ptr<NSXPCConnection> connect(std::shared_ptr<NSXPCConnection> connection,
@@ -238,7 +238,7 @@ TEST_F(XPCStartUpTest, TheExecutableInformationServiceIsFoundThroughTheRegistry)
   EXPECT_EQ(countInLog("requestExecutableInfo request for path '/nowhere'"), 1u);
 }
 
-TEST_F(XPCStartUpTest, RequestsOverAConnectionAreAnsweredAsTheyAreLocally) {
+TEST_F(XPCStartUpTest, RequestsOverAConnectionAreAnsweredAsLocally) {
   start();
   const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
                                 "ORBServiceManagerXPCInterfaceProtocol");
@@ -259,7 +259,7 @@ TEST_F(XPCStartUpTest, RequestsOverAConnectionAreAnsweredAsTheyAreLocally) {
   EXPECT_FALSE(invalid_);
 }
 
-TEST_F(XPCStartUpTest, OnASystemThatReads11_0ThereAreNoListenersAndAllServers) {
+TEST_F(XPCStartUpTest, System11_0HasNoListenersAndAllServers) {
   system_.setRelease("20.0.0", {11, 0, 0});
   start();
   EXPECT_EQ(manager().xpcListener(), nullptr);
@@ -279,7 +279,7 @@ TEST_F(XPCStartUpTest, OnASystemThatReads11_0ThereAreNoListenersAndAllServers) {
   EXPECT_EQ(heard_[0].name, kDidStart);
 }
 
-TEST_F(XPCStartUpTest, ANameThatIsNoTextIsNotRegistered) {
+TEST_F(XPCStartUpTest, AnInvalidNameIsNotRegistered) {
   start();
   const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
                                 "ORBServiceManagerXPCInterfaceProtocol");
@@ -296,7 +296,7 @@ TEST_F(XPCStartUpTest, ANameThatIsNoTextIsNotRegistered) {
   EXPECT_TRUE(requests_.empty());
 }
 
-TEST_F(XPCStartUpTest, ANewConnectionIsADebugLineOfEachHandler) {
+TEST_F(XPCStartUpTest, EachHandlerLogsANewConnection) {
   start();
   const auto registry = connect(client_.xpc.makeConnection("com.vantor.common.servicemanager"),
                                 "ORBServiceManagerXPCInterfaceProtocol");
@@ -326,7 +326,7 @@ TEST_F(XPCStartUpTest, TheMinorVersionAloneDecides) {
   }
 }
 
-TEST_F(XPCStartUpTest, TheDaemonsEndLeavesNobodyWithItsDelegate) {
+TEST_F(XPCStartUpTest, TheDaemonsEndRemovesItsDelegate) {
   start();
   const auto handler = manager().execHandler();
   manager_.reset();

@@ -54,9 +54,9 @@ class StartUpTest : public StartUpFixture {
   }
 };
 
-// What can fail.
+// Steps that can fail.
 
-TEST_F(StartUpTest, WithoutRandomBytesTheDaemonIsIdleAndAnnouncesNothing) {
+TEST_F(StartUpTest, WithoutRandomBytesTheDaemonIsSilentlyIdle) {
   random_.limitTo(7);
   start();
   EXPECT_THAT(takeLog(), ElementsAre("3 Service Manager is unable to continue because it can't "
@@ -72,7 +72,7 @@ TEST_F(StartUpTest, WithoutItsRightsTheDaemonIsIdle) {
              "Unable to acquire the correct rights to run background services");
 }
 
-TEST_F(StartUpTest, AnAuthorizationThatCannotBeCreatedIsPassedOver) {
+TEST_F(StartUpTest, AnAuthorizationThatCannotBeCreatedIsIgnored) {
   jobs_.setReachable(false);
   loop_.scheduleOutsideEvent(5500ms, [this] { jobs_.setReachable(true); });
   start();
@@ -107,12 +107,12 @@ TEST_F(StartUpTest, WithATruncatedCatalogueTheDaemonIsIdle) {
   expectMalformedCatalogue();
 }
 
-TEST_F(StartUpTest, WithACatalogueThatIsNoDictionaryTheDaemonIsIdle) {
+TEST_F(StartUpTest, WithoutACatalogueDictionaryTheDaemonIsIdle) {
   files_.addPropertyList(kCatalogueFile, Array{catalogue()});
   expectMalformedCatalogue();
 }
 
-TEST_F(StartUpTest, WhyTheCatalogueWasNotReadIsInTheLog) {
+TEST_F(StartUpTest, TheReasonOfAnUnreadCatalogueIsLogged) {
   files_.addFile(kCatalogueFile, "<plist><dict></plist>");
   start();
   EXPECT_EQ(countInLog(std::string(kCatalogueFile) + ":1:"), 1u);
@@ -131,7 +131,7 @@ TEST_F(StartUpTest, APrimaryServiceWithoutAProgramIsNone) {
 
 class WrongTypeTest : public StartUpTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(WrongTypeTest, AtAKeyThatThePrimaryServiceNeedsMakesTheDaemonIdle) {
+TEST_P(WrongTypeTest, AtANeededKeyMakesTheDaemonIdle) {
   Dictionary wrong = catalogue();
   wrong.set(GetParam(), 5);
   files_.addPropertyList(kCatalogueFile, wrong);
@@ -146,12 +146,12 @@ TEST_F(StartUpTest, WithoutProductInformationTheDaemonIsIdle) {
   expectMalformedProductInformation();
 }
 
-TEST_F(StartUpTest, WithProductInformationThatIsNoDictionaryTheDaemonIsIdle) {
+TEST_F(StartUpTest, WithoutAProductDictionaryTheDaemonIsIdle) {
   files_.addPropertyList(kProductFile, kServerManagedGuid);
   expectMalformedProductInformation();
 }
 
-TEST_F(StartUpTest, WithoutTheNameOfTheProductInformationTheDaemonIsIdle) {
+TEST_F(StartUpTest, WithoutTheProductInformationsNameTheDaemonIsIdle) {
   Dictionary nameless = catalogue();
   nameless.set("ProductInfo", 5);
   install(nameless);
@@ -214,7 +214,7 @@ TEST_F(StartUpTest, TheDaemonsLinesBearItsClassName) {
   for (const auto& message : logSink_.messages()) EXPECT_EQ(message.ident, "ORBServiceManager");
 }
 
-TEST_F(StartUpTest, OnlyTheProductsServicesAreKnownFromThenOn) {
+TEST_F(StartUpTest, OnlyTheProductsServicesAreKnown) {
   constexpr char kForeign[] = "com.example.foreign";
   Dictionary services = *catalogue()["Services"].dictionary();
   Dictionary foreign = entry("foreign", {{"Notification", "foreign up"}});
@@ -240,7 +240,7 @@ TEST_F(StartUpTest, EveryServiceOfTheProductHasARecord) {
   EXPECT_TRUE(manager().monitoredProcessesRunLoopSources().empty());
 }
 
-TEST_F(StartUpTest, AFeatureServiceThatDoesNotAnnounceItselfIsWarnedOf) {
+TEST_F(StartUpTest, AFeatureServiceWithoutAnnouncementsIsWarnedOf) {
   Dictionary services = *catalogue()["Services"].dictionary();
   services.set("com.example.mute", entry("mute", {{"Features", Array{}}}));
   services.set("com.example.loud",
@@ -308,7 +308,7 @@ INSTANTIATE_TEST_SUITE_P(Products, HealthByProductTest,
 
 // The first evaluation, and what makes further ones.
 
-TEST_F(StartUpTest, WithTheConfigurationServerUpEverythingIsEvaluatedAfterATenthOfASecond) {
+TEST_F(StartUpTest, WithTheServerUpEverythingIsEvaluatedSoon) {
   startConfigurationServer();
   start();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
@@ -319,7 +319,7 @@ TEST_F(StartUpTest, WithTheConfigurationServerUpEverythingIsEvaluatedAfterATenth
   EXPECT_EQ(countInLog("Evaluating primary service"), 0u);
 }
 
-TEST_F(StartUpTest, WithTheConfigurationServerDownThePrimaryServiceIsStartedDirectly) {
+TEST_F(StartUpTest, WithTheServerDownThePrimaryServiceIsStarted) {
   start();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   EXPECT_EQ(countInLog("Evaluating primary service"), 1u);
@@ -337,7 +337,7 @@ TEST_F(StartUpTest, TheConfigurationServersStartIsNoticedAtOnce) {
   EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent, kPrimary, kHelper));
 }
 
-TEST_F(StartUpTest, TheWatchdogNoticesTheConfigurationServerAfterFifteenMinutes) {
+TEST_F(StartUpTest, TheWatchdogNoticesTheServerAfterFifteenMinutes) {
   start();
   startConfigurationServer();
   loop_.advanceBy(900s - 1ns);
@@ -350,7 +350,7 @@ TEST_F(StartUpTest, TheWatchdogNoticesTheConfigurationServerAfterFifteenMinutes)
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
 }
 
-TEST_F(StartUpTest, APrimaryServiceThatGoesDownAndComesBackHasEverythingEvaluatedAgain) {
+TEST_F(StartUpTest, ARestartedPrimaryServiceCausesAnEvaluation) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
@@ -366,7 +366,7 @@ TEST_F(StartUpTest, APrimaryServiceThatGoesDownAndComesBackHasEverythingEvaluate
 
 // Notices that nobody hears because the bus has gone.
 
-TEST_F(StartUpTest, APrimaryServiceThatComesBackWhileTheBusIsGoneIsNoticedWhenThatReturns) {
+TEST_F(StartUpTest, TheReturnOfTheBusFindsARestartedPrimaryService) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
@@ -383,7 +383,7 @@ TEST_F(StartUpTest, APrimaryServiceThatComesBackWhileTheBusIsGoneIsNoticedWhenTh
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
 }
 
-TEST_F(StartUpTest, APrimaryServiceThatIsStillDownWhenTheBusReturnsIsHeardLater) {
+TEST_F(StartUpTest, APrimaryServiceIsNoticedAfterTheReturn) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
@@ -397,7 +397,7 @@ TEST_F(StartUpTest, APrimaryServiceThatIsStillDownWhenTheBusReturnsIsHeardLater)
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
 }
 
-TEST_F(StartUpTest, ASettingThatChangedWhileTheBusWasGoneIsEvaluatedWhenThatReturns) {
+TEST_F(StartUpTest, TheReturnOfTheBusEvaluatesAChangedSetting) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
@@ -426,7 +426,7 @@ TEST_F(StartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(StartUpTest, TheReturnOfTheJobHostIsObservedFromTheStartOnToTheEnd) {
+TEST_F(StartUpTest, TheJobHostsReturnIsObservedUntilTheEnd) {
   startConfigurationServer();
   EXPECT_FALSE(jobHostReturned_);
   start();
@@ -451,7 +451,7 @@ TEST_F(StartUpTest, ASettingsChangeIsObserved) {
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
 }
 
-TEST_F(StartUpTest, ADaemonThatIsStartedAgainTakesOverWhatRuns) {
+TEST_F(StartUpTest, ARestartedDaemonTakesOverRunningServices) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);

@@ -45,7 +45,7 @@ constexpr std::array kTransitions{
     Transition{kInWaiting, Event::kEnd, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInWaiting, Event::kEnd, Server::kDown, kInWaiting, Action::kStartPrimary},
 
-    // Its notice; where it is down again by then, nothing comes of it.
+    // The server's notice; nothing follows if it is down again by then.
     Transition{kInNormal, Event::kServerUp, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInNormal, Event::kServerUp, Server::kDown, kInNormal},
     Transition{kInInstaller, Event::kServerUp, Server::kUp, kInInstaller},
@@ -53,7 +53,8 @@ constexpr std::array kTransitions{
     Transition{kInWaiting, Event::kServerUp, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInWaiting, Event::kServerUp, Server::kDown, kInWaiting},
 
-    // Its notice comes while it still answers, or not any more. It ends the installer's mode too.
+    // The server's notice comes while it still answers or after that. It ends the installer's mode,
+    // too.
     Transition{kInNormal, Event::kServerDown, Server::kUp, kInWaiting},
     Transition{kInNormal, Event::kServerDown, Server::kDown, kInWaiting},
     Transition{kInInstaller, Event::kServerDown, Server::kUp, kInWaiting},
@@ -68,7 +69,7 @@ constexpr std::array kTransitions{
     Transition{kInWaiting, Event::kWatchdog, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInWaiting, Event::kWatchdog, Server::kDown, kInWaiting},
 
-    // Any notice may have been lost meanwhile.
+    // Any notice may have been lost.
     Transition{kInNormal, Event::kBusReturn, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInNormal, Event::kBusReturn, Server::kDown, kInWaiting},
     Transition{kInInstaller, Event::kBusReturn, Server::kUp, kInInstaller},
@@ -76,7 +77,7 @@ constexpr std::array kTransitions{
     Transition{kInWaiting, Event::kBusReturn, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInWaiting, Event::kBusReturn, Server::kDown, kInWaiting},
 
-    // What was decided meanwhile may not have been done.
+    // Decisions since then may not have been carried out.
     Transition{kInNormal, Event::kHostReturn, Server::kUp, kInNormal, Action::kEvaluate},
     Transition{kInNormal, Event::kHostReturn, Server::kDown, kInWaiting, Action::kStartPrimary},
     Transition{kInInstaller, Event::kHostReturn, Server::kUp, kInInstaller},
@@ -196,7 +197,7 @@ INSTANTIATE_TEST_SUITE_P(Table, TransitionTest, testing::ValuesIn(kTransitions),
                                   (row.param.server == Server::kUp ? "Up" : "Down");
                          });
 
-TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
+TEST_F(TransitionFixture, TheTableHasEachModeEventAndServer) {
   EXPECT_EQ(kTransitions.size(), 3u * 7 * 2);
   for (const Mode mode : {kInNormal, kInInstaller, kInWaiting}) {
     for (const Event event : {Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown,
@@ -214,7 +215,7 @@ TEST_F(TransitionFixture, TheTableHasARowForEachModeEventAndServer) {
 }
 
 // The installer's begin and end, with the server going down and coming up in between, in every
-// order: each step as the table says, and once all is over everything runs.
+// order: each step is as in the table, and in the end everything runs.
 TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
   std::array events{Event::kBegin, Event::kEnd, Event::kServerUp, Event::kServerDown};
   std::ranges::sort(events);
@@ -235,7 +236,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
       happen(event);
       loop_.runReady();
       path += " " + nameOf(event);
-      // A begin's own stop is seen as an exit, which evaluates; in that mode it does nothing.
+      // The stop at the installer's begin is seen as an exit, which evaluates nothing in that mode.
       const std::size_t exits = countInLog("Handling Process terminiation callback");
       EXPECT_EQ(evaluations() - exits, row.action == Action::kEvaluate ? 1u : 0u) << path;
       EXPECT_EQ(manager().operatingMode(), row.to) << path;
@@ -253,7 +254,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
   EXPECT_EQ(orders, 24);
 }
 
-TEST_F(TransitionFixture, WhatComesWhileTheInstallersEndIsDueIsOverriddenByIt) {
+TEST_F(TransitionFixture, TheInstallersEndOverridesEarlierEvents) {
   set(Server::kUp);
   for (const Event event : {Event::kBegin, Event::kServerDown}) {
     takeLog();
@@ -267,7 +268,7 @@ TEST_F(TransitionFixture, WhatComesWhileTheInstallersEndIsDueIsOverriddenByIt) {
   }
 }
 
-TEST_F(TransitionFixture, WhatComesBeforeTheInstallersEvaluationKeepsItFromHappening) {
+TEST_F(TransitionFixture, EventsBeforeTheInstallersEvaluationPreventIt) {
   set(Server::kUp);
   for (const Event event : {Event::kBegin, Event::kServerDown}) {
     manager().shutdownServices({kAgent});
@@ -285,17 +286,17 @@ TEST_F(TransitionFixture, WhatComesBeforeTheInstallersEvaluationKeepsItFromHappe
 
 class ChangeTest : public TransitionFixture, public testing::WithParamInterface<Mode> {
  protected:
-  // Whatever makes the daemon evaluate in normal mode again.
+  // The event that makes the daemon evaluate in normal mode again.
   void comeBack() { happen(GetParam() == kInInstaller ? Event::kEnd : Event::kServerUp); }
 };
 
-TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
+TEST_P(ChangeTest, EvaluatesNothingThereAndBlocksFurtherChanges) {
   set(Server::kUp);
   enterMode(GetParam());
   change();
   loop_.advanceBy(2s);
   EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
-  EXPECT_EQ(evaluations(), 1u);  // Of which there is the line and nothing more.
+  EXPECT_EQ(evaluations(), 1u);  // It logs its line and does nothing else.
   EXPECT_TRUE(jobs_.labels().empty());
   takeLog();
   for (int i = 0; i < 3; ++i) {
@@ -328,7 +329,7 @@ TEST_P(ChangeTest, ThatFiresThereEvaluatesNothingAndHoldsUpFurtherOnes) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
+TEST_P(ChangeTest, FromNormalModeFiresWithoutEffectThere) {
   set(Server::kUp);
   enterMode(kInNormal);
   change();
@@ -341,7 +342,7 @@ TEST_P(ChangeTest, ThatCameInNormalModeIsSpentInThatModeToo) {
   EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
 }
 
-TEST_P(ChangeTest, ThatIsStillPendingWhenTheModeEndsIsCoveredByTheEvaluationThen) {
+TEST_P(ChangeTest, IsCoveredByTheEvaluationAtTheModesEnd) {
   set(Server::kUp);
   enterMode(GetParam());
   change();
@@ -352,7 +353,7 @@ TEST_P(ChangeTest, ThatIsStillPendingWhenTheModeEndsIsCoveredByTheEvaluationThen
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_P(ChangeTest, TenWithinTwoSecondsAreTenLinesAndOneEvaluationOnceBack) {
+TEST_P(ChangeTest, TenAfterwardsAreOneEvaluation) {
   set(Server::kUp);
   enterMode(GetParam());
   change();

@@ -28,7 +28,7 @@ struct CloseDatabase {
 };
 using Database = std::unique_ptr<sqlite3, CloseDatabase>;
 
-// A user's home, whose owner means no good.
+// The home of a malicious user.
 class QuarantineDatabaseTest : public testing::Test {
  protected:
   QuarantineDatabaseTest() { std::filesystem::create_directories(home_.path(kPreferences)); }
@@ -59,13 +59,13 @@ class QuarantineDatabaseTest : public testing::Test {
   TemporaryFolder home_;
 };
 
-TEST_F(QuarantineDatabaseTest, TellsTheOriginOfAnEvent) {
+TEST_F(QuarantineDatabaseTest, FindsTheOriginOfAnEvent) {
   fill(open());
   EXPECT_EQ(origin(), kUrl);
   EXPECT_EQ(originIn(home_, "' OR '' == '"), std::nullopt);
 }
 
-TEST_F(QuarantineDatabaseTest, AnOriginThatIsNoTextIsIgnored) {
+TEST_F(QuarantineDatabaseTest, AnOriginMustBeAText) {
   for (const char* origin : {"CAST(x'68ff' AS TEXT)", "x'ff'", "x'edb2a9'"}) {
     execute(open(),
             "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT, "
@@ -103,15 +103,15 @@ TEST_F(QuarantineDatabaseTest, ItsFilesAreClosedOnEveryPath) {
     EXPECT_EQ(origin(), std::nullopt);
   }
   EXPECT_EQ(openFilesBelow(home_.path()), 0u);
-  execute(open(), "DROP TABLE LSQuarantineEvent");  // So that the query can't be prepared.
+  execute(open(), "DROP TABLE LSQuarantineEvent");  // Then the query can't be prepared.
   EXPECT_EQ(origin(), std::nullopt);
   std::filesystem::resize_file(file(), 100);
   EXPECT_EQ(origin(), std::nullopt);
   EXPECT_EQ(openFilesBelow(home_.path()), 0u);
 }
 
-// Opening a pipe for reading waits for a writer, of which there is none.
-TEST_F(QuarantineDatabaseTest, PipesInThePlaceOfItsFilesAreNotWaitedFor) {
+// Opening a pipe for reading waits for a writer, and there is none.
+TEST_F(QuarantineDatabaseTest, APipeInAFilesPlaceDoesNotBlock) {
   for (const mode_t mode : {0600, 0400}) {
     ASSERT_EQ(::mkfifo(file().c_str(), mode), 0);
     EXPECT_EQ(origin(), std::nullopt);
@@ -127,27 +127,27 @@ TEST_F(QuarantineDatabaseTest, PipesInThePlaceOfItsFilesAreNotWaitedFor) {
   for (const char* beside : {"-wal", "-shm"}) {
     ::unlink((file() + beside).c_str());
     ASSERT_EQ(::mkfifo((file() + beside).c_str(), 0400), 0);
-    origin();  // Returns, whatever it says.
+    origin();  // It must return, whatever the result is.
     ::unlink((file() + beside).c_str());
   }
 }
 
-TEST_F(QuarantineDatabaseTest, ALogWrittenAheadIsReadWithoutAMappedFile) {
+TEST_F(QuarantineDatabaseTest, AWriteAheadLogIsReadWithoutMapping) {
   const Database database = open();
   execute(database, "PRAGMA journal_mode = WAL; PRAGMA wal_autocheckpoint = 0");
   fill(database);
-  // As it stands while its owner works on it, and as a crash would leave it.
+  // The state of the files while the owner uses the database, and after a crash.
   TemporaryFolder crashed;
   std::filesystem::create_directories(crashed.path(kPreferences));
   for (const char* beside : {"", "-wal"}) {
     std::filesystem::copy_file(file() + beside, crashed.path(kFile) + beside);
   }
-  EXPECT_EQ(origin(), std::nullopt);  // In use.
+  EXPECT_EQ(origin(), std::nullopt);  // The database is in use.
   EXPECT_EQ(originIn(crashed), kUrl);
   EXPECT_FALSE(std::filesystem::exists(crashed.path(kFile) + std::string("-shm")));
 }
 
-TEST_F(QuarantineDatabaseTest, FoldersAndDevicesTellNothing) {
+TEST_F(QuarantineDatabaseTest, FoldersAndDevicesAreNoDatabases) {
   ASSERT_EQ(::mkdir(file().c_str(), 0700), 0);
   EXPECT_EQ(origin(), std::nullopt);
   ASSERT_EQ(::rmdir(file().c_str()), 0);
@@ -155,7 +155,7 @@ TEST_F(QuarantineDatabaseTest, FoldersAndDevicesTellNothing) {
   EXPECT_EQ(origin(), std::nullopt);
 }
 
-// Its one call would compare bytes for half a minute. An insertion would compute it, too.
+// One call of it would compare bytes for half a minute. An insertion would compute it, too.
 TEST_F(QuarantineDatabaseTest, AFunctionThatTakesForEverIsEnded) {
   execute(open(),
           "CREATE TABLE LSQuarantineEvent (LSQuarantineEventIdentifier TEXT); "
@@ -176,14 +176,14 @@ TEST_F(QuarantineDatabaseTest, NoFunctionOfItsOwnersIsComputed) {
   }
 }
 
-TEST_F(QuarantineDatabaseTest, ViewsAreNotLookedAt) {
+TEST_F(QuarantineDatabaseTest, ViewsAreNotRead) {
   execute(open(),
           "CREATE VIEW LSQuarantineEvent AS SELECT 'id' AS LSQuarantineEventIdentifier, 'url' AS "
           "LSQuarantineOriginURLString");
   EXPECT_EQ(origin(), std::nullopt);
 }
 
-TEST_F(QuarantineDatabaseTest, VirtualTablesAreNotLookedAt) {
+TEST_F(QuarantineDatabaseTest, VirtualTablesAreNotRead) {
   execute(open(),
           "CREATE VIRTUAL TABLE LSQuarantineEvent USING fts4(LSQuarantineEventIdentifier, "
           "LSQuarantineOriginURLString); INSERT INTO LSQuarantineEvent VALUES ('id', 'url')");
@@ -210,7 +210,7 @@ TEST_F(QuarantineDatabaseTest, TextsMayBe16KiBAndNoMore) {
   }
 }
 
-// So many rows that the query is looked at before it is through.
+// A table with so many rows that `isOver` is called during the query.
 class LongQuarantineDatabase : public QuarantineDatabaseTest {
  protected:
   LongQuarantineDatabase() {
@@ -246,13 +246,13 @@ TEST_F(QuarantineDatabaseTest, ItsMemoryIsBounded) {
   EXPECT_EQ(sqlite3_hard_heap_limit64(-1), 32 << 20);
 }
 
-// What only root may read, a link of the user's does not lead to.
-TEST_F(QuarantineDatabaseTest, ItIsOpenedWithTheRightsOfTheHomesOwner) {
+// A link of the user must not lead to a file that only root may read.
+TEST_F(QuarantineDatabaseTest, ItIsOpenedWithTheOwnersPermissions) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root has other rights to take";
   TemporaryFolder another;
   std::filesystem::create_directories(another.path(kPreferences));
   fill(open());
-  ASSERT_EQ(::chmod(file().c_str(), 0660), 0);  // Of root and its group.
+  ASSERT_EQ(::chmod(file().c_str(), 0660), 0);  // It belongs to root and its group.
   ASSERT_EQ(::symlink(file().c_str(), another.path(kFile).c_str()), 0);
   for (const std::string& folder : {home_.path(), home_.path("Library"), home_.path(kPreferences),
                                     another.path("Library"), another.path(kPreferences)}) {
@@ -263,9 +263,9 @@ TEST_F(QuarantineDatabaseTest, ItIsOpenedWithTheRightsOfTheHomesOwner) {
   constexpr uid_t kNobody = 65534;
   ASSERT_EQ(::chown(another.path().c_str(), kNobody, kNobody), 0);
   EXPECT_EQ(originIn(another), std::nullopt);
-  EXPECT_EQ(origin(), kUrl);  // The rights are root's again.
+  EXPECT_EQ(origin(), kUrl);  // The permissions are root's again.
 
-  // Nor where only a folder in it is the user's.
+  // It is not opened if only a folder in the home is the user's, either.
   ASSERT_EQ(::chown(another.path().c_str(), 0, 0), 0);
   ASSERT_EQ(::chown(another.path("Library").c_str(), kNobody, kNobody), 0);
   EXPECT_EQ(originIn(another), std::nullopt);

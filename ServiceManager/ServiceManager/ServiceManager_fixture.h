@@ -75,8 +75,8 @@ class ServiceManagerFixture : public SupervisedMachine {
     files_.addPropertyList(kProductFile, Dictionary{{"GUID", guid}});
   }
 
-  // A daemon that has been started with this catalogue, in place of one before. It is in normal
-  // mode, and has evaluated nothing yet.
+  // Replaces the daemon by one that has been started with this catalogue. It is in normal mode, and
+  // has evaluated nothing yet.
   void use(const Dictionary& catalogue) {
     install(catalogue);
     restart();
@@ -134,7 +134,7 @@ class ServiceManagerFixture : public SupervisedMachine {
         ORBServiceManagerHealthInfo::Environment{queues_, connections_, protocols_, system_});
   }
 
-  // The configuration server: another program, which serves as long as it lives.
+  // The configuration server is another program, which serves until it is destroyed.
   void startConfigurationServer() {
     configurationProgram_.emplace(*this, 200);
     configurationProgram_->vend(kStatusServer, configurationServer_,
@@ -193,7 +193,7 @@ class ServiceManagerFixture : public SupervisedMachine {
             }};
   }
 
-  // A program beside the daemon.
+  // Another program beside the daemon.
   struct Program {
     Program(ServiceManagerFixture& test, platform::ProcessId process)
         : system(test.system_),
@@ -220,8 +220,8 @@ class ServiceManagerFixture : public SupervisedMachine {
 
   static constexpr platform::Duration kEvaluationDelay = std::chrono::milliseconds(100);
 
-  // Lets the evaluation that is due pass without a service being started: it ends where the user
-  // interface has stopped the primary service.
+  // Lets the pending evaluation pass without starting a service: it ends if the user interface has
+  // stopped the primary service.
   void passOverEvaluation() {
     const std::string* primary = manager().serviceInfo()["Primary"].string();
     ASSERT_TRUE(primary);

@@ -1,4 +1,4 @@
-// What the daemon asks of the platform while it starts, to the letter.
+// The daemon's exact calls of the platform while it starts.
 
 #include <cstdint>
 #include <functional>
@@ -16,7 +16,7 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::Pair;
 
-// Hands everything on, and notes what a bus does not carry.
+// Forwards everything, and notes the arguments that a bus does not carry.
 class RecordingCenter final : public DistributedNotificationCenter {
  public:
   explicit RecordingCenter(std::unique_ptr<DistributedNotificationCenter> center)
@@ -69,7 +69,7 @@ TEST_F(StartUpCallsTest, AnnouncementsGoToAllSessions) {
                           Pair(kDidStartError, NSNotificationPosting::kPostToAllSessions)));
 }
 
-TEST_F(StartUpCallsTest, OnlyWhatTheConfigurationServerTellsIsToBeDeliveredImmediately) {
+TEST_F(StartUpCallsTest, OnlyTheConfigurationServersNoticesAreImmediate) {
   install(catalogue({{kPrimary, entry("configd")},
                      {kAgent, entry("agent", {{"Notification", "com.example.up"}})}}));
   start();
@@ -82,7 +82,7 @@ TEST_F(StartUpCallsTest, OnlyWhatTheConfigurationServerTellsIsToBeDeliveredImmed
                    Pair("KLXGlobalSettingsDidChangeNotification", kDeliverImmediately)}));
 }
 
-TEST_F(StartUpCallsTest, TheStartIsAnnouncedWhenEverythingElseIsDone) {
+TEST_F(StartUpCallsTest, TheStartIsAnnouncedLast) {
   useHealth();
   int announcements = 0;
   recording_->onPost = [&] {
@@ -98,7 +98,7 @@ TEST_F(StartUpCallsTest, TheStartIsAnnouncedWhenEverythingElseIsDone) {
   EXPECT_EQ(announcements, 1);
 }
 
-TEST_F(StartUpCallsTest, TheOneRightIsAskedForAheadOfItsUse) {
+TEST_F(StartUpCallsTest, TheRightIsRequestedBeforeItsUse) {
   start();
   EXPECT_THAT(authorization_.created, ElementsAre(kAuthorizationFlagDefaults));
   ASSERT_EQ(authorization_.asked.size(), 1u);
@@ -108,7 +108,7 @@ TEST_F(StartUpCallsTest, TheOneRightIsAskedForAheadOfItsUse) {
 }
 
 TEST_F(StartUpCallsTest, TheEndClosesItsLog) {
-  system_.setRelease("15.0.0", {10, 7, 0});  // Without endpoints, whose objects write there, too.
+  system_.setRelease("15.0.0", {10, 7, 0});  // The objects of endpoints log there, too.
   start();
   const std::uint32_t thread = mach_thread_self();
   EXPECT_EQ(get_queue(thread)->label(), "com.vantor.logger2.workqueue." + std::to_string(thread));
@@ -116,8 +116,8 @@ TEST_F(StartUpCallsTest, TheEndClosesItsLog) {
   EXPECT_EQ(get_queue(thread)->label(), "com.vantor.logger2.default.process");
 }
 
-// Each would do by itself.
-TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsTold) {
+// Each failure would be enough by itself.
+TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsAnnounced) {
   const auto error = [&] {
     heard_.clear();
     start();
@@ -140,7 +140,7 @@ TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsTold) {
   EXPECT_EQ(error(), Value("Authorization failure"));
 }
 
-TEST_F(StartUpCallsTest, AnIdleDaemonHearsOfNoReturn) {
+TEST_F(StartUpCallsTest, AnIdleDaemonObservesNoReturn) {
   files_.remove(kCatalogueFile);
   start();
   EXPECT_EQ(recording_->returnsObserved, 0);

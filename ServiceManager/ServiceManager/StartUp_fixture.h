@@ -31,6 +31,6 @@ class StartUpFixture : public ServiceManagerFixture {
     loop_.runReady();
   }
 
-  std::vector<DistributedNotification> heard_;  // what the daemon announced
+  std::vector<DistributedNotification> heard_;  // the daemon's announcements
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
 };

@@ -134,7 +134,7 @@ TEST_F(UserInterfaceClientsTest, WithoutAClientANoticeDoesNothing) {
   EXPECT_THAT(lines_.take(), IsEmpty());
 }
 
-TEST_F(UserInterfaceClientsTest, AClientOfAnotherProtocolIsRemovedAtTheFirstNotice) {
+TEST_F(UserInterfaceClientsTest, AClientOfAnotherProtocolIsRemoved) {
   const UserInterface stranger(protocols_, kORBServiceManagerUserInterfaceProtocol);
   clients_.registerClient(stranger.proxy);
   lines_.take();
@@ -144,7 +144,7 @@ TEST_F(UserInterfaceClientsTest, AClientOfAnotherProtocolIsRemovedAtTheFirstNoti
   EXPECT_THAT(lines_.take(), ElementsAre(kRemoving, kRemoved));
 }
 
-TEST_F(UserInterfaceClientsTest, AClientThatRaisesIsRemovedAndAllOthersAreNotified) {
+TEST_F(UserInterfaceClientsTest, AClientThatRaisesIsRemoved) {
   std::deque<UserInterface> windows;
   for (int number = 0; number < 5; ++number) windows.emplace_back(protocols_);
   for (const UserInterface& window : windows) clients_.registerClient(window.proxy);
@@ -163,7 +163,7 @@ TEST_F(UserInterfaceClientsTest, AClientThatRaisesIsRemovedAndAllOthersAreNotifi
   EXPECT_EQ(windows[3].notices.size(), 2u);
 }
 
-TEST_F(UserInterfaceClientsTest, AClientThatRegisteredTwiceAndHangsIsWaitedForOnce) {
+TEST_F(UserInterfaceClientsTest, AHungClientRegisteredTwiceIsWaitedForOnce) {
   UserInterface window(protocols_);
   clients_.registerClient(window.proxy);
   clients_.registerClient(window.proxy);
@@ -173,7 +173,7 @@ TEST_F(UserInterfaceClientsTest, AClientThatRegisteredTwiceAndHangsIsWaitedForOn
   EXPECT_THAT(clients_.userClients(), IsEmpty());
 }
 
-TEST_F(UserInterfaceClientsTest, AClientThatRegistersDuringANoticeHearsTheNextOne) {
+TEST_F(UserInterfaceClientsTest, AClientRegisteredDuringANoticeGetsTheNext) {
   const UserInterface late(protocols_);
   UserInterface window(protocols_);
   clients_.registerClient(window.proxy);

@@ -15,7 +15,7 @@
 // A user interface that keeps the notices that it gets, in this program.
 class UserInterface final : public platform::MessageReceiver {
  public:
-  // `protocols` outlives this, and this its proxy's last call.
+  // `protocols` outlives this, and this outlives its proxy's last call.
   explicit UserInterface(const platform::ProtocolTable& protocols,
                          const char* protocol = kORBServiceManagerUserInterfaceDelegateProtocol)
       : proxy(std::make_shared<platform::NSProtocolChecker>(this, protocols.find(protocol))) {}

@@ -90,7 +90,7 @@ TEST_F(SettingsOfThisThreadTest, WithoutAServerASettingIsNil) {
   });
 }
 
-TEST_F(SettingsOfThisThreadTest, AClientIsNotToldThatItsServerRestarted) {
+TEST_F(SettingsOfThisThreadTest, AClientGetsNoNoticeOfARestart) {
   startServer();
   withClient(transport_, [&](SettingsClient& client) {
     EXPECT_EQ(client.objectForKey("mode"), Value("on"));
@@ -129,14 +129,14 @@ TEST_F(SettingsOfThisThreadTest, TheConnectionsEndWithTheCall) {
   }
 }
 
-// A server that hangs costs no more than the time-out, which the loop need not serve.
-TEST_F(SettingsOfThisThreadTest, ASilentServerIsNil) {
+// A server that hangs costs only the time-out, although nobody runs the loop.
+TEST_F(SettingsOfThisThreadTest, AHungServersSettingIsNil) {
   startServer();
   server_->transport.hang();
   withClient(transport_,
              [&](SettingsClient& client) { EXPECT_TRUE(client.objectForKey("mode").isNil()); });
   server_->transport.goOn();
-  // The silence was noted in the connections of that call alone.
+  // Only the connections of that call know that it hung.
   withClient(transport_,
              [&](SettingsClient& client) { EXPECT_EQ(client.objectForKey("mode"), Value("on")); });
 }

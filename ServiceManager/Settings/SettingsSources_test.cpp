@@ -72,7 +72,7 @@ TEST_F(SettingsSourcesTest, EachSourceHasAClientOfItsOwn) {
   EXPECT_EQ(sources_.configurationClients()->size(), 2u);
 }
 
-TEST_F(SettingsSourcesTest, ASourceThatFailedOnceIsNeverTriedAgain) {
+TEST_F(SettingsSourcesTest, ASourceThatFailedIsNeverRetried) {
   EXPECT_FALSE(sources_.configurationWithSelectorPrefix("common"));
   EXPECT_THAT(lines_.take(), ElementsAre("3 Unable to resolve method name for selector: "
                                          "commonSettingsClientWithDelegate:: Exception: "
@@ -86,7 +86,7 @@ TEST_F(SettingsSourcesTest, ASourceThatFailedOnceIsNeverTriedAgain) {
   EXPECT_EQ(clientsMade_, 0);
 }
 
-TEST_F(SettingsSourcesTest, AFactoryThatRaisesIsLoggedAndNeverTriedAgain) {
+TEST_F(SettingsSourcesTest, AFactoryThatRaisesIsLoggedAndNeverRetried) {
   int calls = 0;
   factories_.add(kCmxFactory, [&calls](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
     ++calls;
@@ -100,7 +100,7 @@ TEST_F(SettingsSourcesTest, AFactoryThatRaisesIsLoggedAndNeverTriedAgain) {
                           "cmxSettingsClientWithDelegate:: Exception: out of order"));
 }
 
-TEST_F(SettingsSourcesTest, AFactoryThatThrowsIsRememberedAndTheErrorPassedOn) {
+TEST_F(SettingsSourcesTest, AFactoryThatThrowsIsRememberedAndTheErrorForwarded) {
   factories_.add(kCmxFactory, [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
     throw std::runtime_error("out of order");
   });
@@ -108,7 +108,7 @@ TEST_F(SettingsSourcesTest, AFactoryThatThrowsIsRememberedAndTheErrorPassedOn) {
   EXPECT_FALSE(sources_.configurationWithSelectorPrefix("cmx"));
 }
 
-TEST_F(SettingsSourcesTest, AFactoryThatGivesNothingIsRememberedSilently) {
+TEST_F(SettingsSourcesTest, AFactoryThatReturnsNullIsRemembered) {
   factories_.add(kCmxFactory,
                  [](KLXGlobalSettingsClientDelegate&) { return SettingsClientResult(nullptr); });
   EXPECT_FALSE(sources_.configurationWithSelectorPrefix("cmx"));
@@ -134,7 +134,7 @@ TEST_F(SettingsSourcesTest, EveryClientForgetsItsConnection) {
 
 // The last logged-in user.
 
-TEST_F(SettingsSourcesTest, TheLastUsersFolderIsReadWithAClientOfItsOwn) {
+TEST_F(SettingsSourcesTest, TheLastUsersFolderHasItsOwnClient) {
   settings("cmx")[kLastUser] = "/home/user";
   sources_.configurationWithSelectorPrefix("cmx");
   EXPECT_EQ(sources_.getLastLoggedInUserHomeDirectory(), Value("/home/user"));
@@ -155,14 +155,14 @@ TEST_F(SettingsSourcesTest, TheLastUsersFolderIsReadOnTheCallingThread) {
   EXPECT_FALSE(sources_.configurationClients());
 }
 
-TEST_F(SettingsSourcesTest, WithoutAClientOrTheSettingThereIsNoLastUser) {
+TEST_F(SettingsSourcesTest, TheLastUserNeedsAClientAndTheSetting) {
   EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
   settings("cmx");
   EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
   EXPECT_THAT(lines_.take(), IsEmpty());
 }
 
-TEST_F(SettingsSourcesTest, AFactoryThatGivesNothingKnowsNoLastUser) {
+TEST_F(SettingsSourcesTest, AFactoryThatReturnsNullKnowsNoLastUser) {
   bool raises = false;
   factories_.add(kCmxFactory, [&raises](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
     if (raises) return raised(kNSInvalidArgumentException, "out of order");
@@ -174,7 +174,7 @@ TEST_F(SettingsSourcesTest, AFactoryThatGivesNothingKnowsNoLastUser) {
   EXPECT_THAT(lines_.take(), IsEmpty());
 }
 
-TEST_F(SettingsSourcesTest, WithoutFactoriesOfTheThreadThereIsNoLastUser) {
+TEST_F(SettingsSourcesTest, TheLastUserNeedsTheThreadsFactories) {
   settings("cmx")[kLastUser] = "/home/user";
   const SettingsSources sources(
       factories_, [](const std::function<void(const SettingsClientFactories&)>&) {}, delegate_);

@@ -48,10 +48,10 @@ TEST_F(ExitMonitorTest, ANilOrBlankLabelIsRefused) {
   EXPECT_THAT(takeLog(), ElementsAre(line, line, line));
 }
 
-TEST_F(ExitMonitorTest, AJobWithoutAProcessIsCopiedSixTimesInTwelveSeconds) {
+TEST_F(ExitMonitorTest, AJobWithoutAProcessIsCopiedSixTimes) {
   submit(kAgent, 3600);
   jobs_.endProcess(kAgent);
-  // Whether a failure is to be retried makes no difference.
+  // `retryOnFailure` makes no difference.
   for (const bool retry : {false, true}) {
     const Instant before = loop_.now();
     const int copies = jobs_.copies();
@@ -63,20 +63,20 @@ TEST_F(ExitMonitorTest, AJobWithoutAProcessIsCopiedSixTimesInTwelveSeconds) {
   }
 }
 
-TEST_F(ExitMonitorTest, AJobThatTheHostCannotTellOfIsCopiedOnce) {
+TEST_F(ExitMonitorTest, AJobIsCopiedOnceWithoutTheHostsAnswer) {
   submit(kAgent);
   jobs_.setReachable(false);
   const Instant before = loop_.now();
   EXPECT_FALSE(exits_.monitorJobWithIdentifier(kAgent, true));
   EXPECT_EQ(jobs_.copies(), 1);
-  EXPECT_EQ(loop_.now() - before, 5s);  // The copy's own: as long as a host takes to come back.
+  EXPECT_EQ(loop_.now() - before, 5s);  // The time-out of the copy itself.
   EXPECT_THAT(takeLog(), ElementsAre("4 Could not determine the PID of the requested job "
                                      "label:com.example.agent"));
   jobs_.setReachable(true);
   EXPECT_TRUE(monitor(kAgent));
 }
 
-TEST_F(ExitMonitorTest, AProcessThatComesWhileItIsWaitedForIsWatched) {
+TEST_F(ExitMonitorTest, AProcessThatStartsDuringTheWaitIsWatched) {
   submit(kAgent, 5);
   jobs_.endProcess(kAgent);
   const Instant before = loop_.now();
@@ -86,7 +86,7 @@ TEST_F(ExitMonitorTest, AProcessThatComesWhileItIsWaitedForIsWatched) {
   EXPECT_EQ(exitWatcher_.watchCount(), 1u);
 }
 
-TEST_F(ExitMonitorTest, AProcessThatComesAfterTheSixthCopyIsTooLate) {
+TEST_F(ExitMonitorTest, AProcessThatStartsAfterTheWaitIsIgnored) {
   submit(kAgent, 11);
   jobs_.endProcess(kAgent);
   EXPECT_FALSE(monitor(kAgent));
@@ -94,7 +94,7 @@ TEST_F(ExitMonitorTest, AProcessThatComesAfterTheSixthCopyIsTooLate) {
   EXPECT_EQ(exitWatcher_.watchCount(), 0u);
 }
 
-TEST_F(ExitMonitorTest, ALabelOutsideTheCatalogueIsNeverWatchedThoughItsJobRuns) {
+TEST_F(ExitMonitorTest, ALabelOutsideTheCatalogueIsNeverWatched) {
   Dictionary job = *catalogue_.jobInfo(kAgent).dictionary();
   job.set("Label", "com.example.foreign");
   EXPECT_TRUE(jobs_.SMJobSubmit(kSMDomainSystemLaunchd, job, nullptr));
@@ -113,7 +113,7 @@ TEST_F(ExitMonitorTest, MonitoringTwiceArmsOneWatch) {
   EXPECT_THAT(takeLog(), ElementsAre("7 The job com.example.agent already being monitored"));
 }
 
-TEST_F(ExitMonitorTest, AWatchThatCannotBeArmedCountsAsSuccessAndNothingIsArmed) {
+TEST_F(ExitMonitorTest, AWatchThatCannotBeArmedCountsAsSuccess) {
   submit(kAgent);
   exitWatcher_.setWatchLimit(0);
   EXPECT_TRUE(monitor(kAgent));
@@ -122,7 +122,7 @@ TEST_F(ExitMonitorTest, AWatchThatCannotBeArmedCountsAsSuccessAndNothingIsArmed)
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(ExitMonitorTest, AnEndIsReportedOnceAndItsWatchGoes) {
+TEST_F(ExitMonitorTest, AnEndIsReportedOnceAndItsWatchRemoved) {
   submit(kAgent, 3600);
   monitor(kAgent);
   const int first = process(kAgent);
@@ -133,7 +133,7 @@ TEST_F(ExitMonitorTest, AnEndIsReportedOnceAndItsWatchGoes) {
   EXPECT_EQ(ended_.size(), 1u);
 }
 
-TEST_F(ExitMonitorTest, AProcessIsWatchedOnceThoughItsMarkWasCleared) {
+TEST_F(ExitMonitorTest, AClearedMarkAddsNoSecondWatch) {
   submit(kAgent);
   monitor(kAgent);
   records_.trackServiceForRespawn(kAgent, false);  // As by a stop that failed.
@@ -143,7 +143,7 @@ TEST_F(ExitMonitorTest, AProcessIsWatchedOnceThoughItsMarkWasCleared) {
   EXPECT_EQ(watched_.size(), 2u);
 }
 
-TEST_F(ExitMonitorTest, ASuccessorIsWatchedBesideAProcessThatHasNotEndedYet) {
+TEST_F(ExitMonitorTest, ASuccessorIsWatchedBesideAnEndingProcess) {
   submit(kAgent);
   monitor(kAgent);
   const int first = process(kAgent);

@@ -41,13 +41,13 @@ TEST_F(ExtensionControlTest, AControlSocketIsConnected) {
   EXPECT_THAT(takeLog(), ElementsAre(kConnected));
 }
 
-TEST_F(ExtensionControlTest, WithoutAControlOfTheNameThereIsNoSocketAndNoLine) {
+TEST_F(ExtensionControlTest, AnUnknownControlHasNoSocketAndNoLine) {
   EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
   EXPECT_FALSE(control_.createControlSocketWithIdentifier(""));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, ASocketThatCannotBeOpenedIsNoneAndWritesNoLine) {
+TEST_F(ExtensionControlTest, ASocketThatCannotBeOpenedIsNotLogged) {
   extensions_.setLoaded(kNetwork);
   controls_.setWithoutDescriptors(true);
   EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
@@ -61,7 +61,7 @@ TEST_F(ExtensionControlTest, AConnectionThatFailsIsLogged) {
   EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
 }
 
-TEST_F(ExtensionControlTest, AnotherUsersControlIsNotConnectedTo) {
+TEST_F(ExtensionControlTest, AnotherUsersControlIsIgnored) {
   extensions_.setLoaded(kNetwork);
   controls_.setForeign(kNetwork);
   EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
@@ -78,9 +78,9 @@ TEST_F(ExtensionControlTest, AControlsNameIsCutTo96Bytes) {
   }
 }
 
-// Who uses what.
+// The services that use an extension.
 
-TEST_F(ExtensionControlTest, TheServicesThatUseAnExtensionAreThoseThatNameIt) {
+TEST_F(ExtensionControlTest, ServicesUseTheExtensionsThatTheyName) {
   EXPECT_THAT(catalogue_.daemonsUsingKext("net"), UnorderedElementsAre(kAgent, kHelper));
   EXPECT_THAT(catalogue_.daemonsUsingKext("other"), UnorderedElementsAre(kAgent));
   EXPECT_THAT(catalogue_.daemonsUsingKext(kNetwork), IsEmpty());
@@ -96,14 +96,14 @@ TEST_F(ExtensionControlTest, AServiceWithoutExtensionsNeedsNone) {
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, EachOfAServicesExtensionsIsLoadedInTheirOrder) {
+TEST_F(ExtensionControlTest, AServicesExtensionsAreLoadedInOrder) {
   EXPECT_TRUE(control_.startAssociatedSystemExtensions(kAgent));
   EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("net", "other"));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected, kConnected));
 }
 
-TEST_F(ExtensionControlTest, WhatIsKnownToBeLoadedIsNotLookedAtAgain) {
+TEST_F(ExtensionControlTest, AKnownExtensionIsNotCheckedAgain) {
   EXPECT_TRUE(control_.startAssociatedSystemExtensions(kHelper));
   const int before = controls_.searches(kNetwork);
   extensions_.crash(kNetwork);  // Behind the daemon's back.
@@ -111,7 +111,7 @@ TEST_F(ExtensionControlTest, WhatIsKnownToBeLoadedIsNotLookedAtAgain) {
   EXPECT_EQ(controls_.searches(kNetwork), before);
 }
 
-TEST_F(ExtensionControlTest, WhereTheFirstExtensionFailsTheSecondIsStillLoaded) {
+TEST_F(ExtensionControlTest, AFailedExtensionDoesNotStopTheNext) {
   extensions_.setLoadFails(kNetwork, true);
   EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("other"));
@@ -119,7 +119,7 @@ TEST_F(ExtensionControlTest, WhereTheFirstExtensionFailsTheSecondIsStillLoaded) 
   EXPECT_THAT(takeLog(), Contains("6 Failed to load kext 'com.vantor.nke.wfk'"));
 }
 
-TEST_F(ExtensionControlTest, AnExtensionThatTheCatalogueDoesNotDescribeFails) {
+TEST_F(ExtensionControlTest, AnExtensionMissingInTheCatalogueFails) {
   use(catalogue({{kAgent, entry("agent", {{"KernelExtensions", Array{"net", 7, "unknown"}}})}}));
   EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
   EXPECT_THAT(control_.kextsLoaded(), IsEmpty());
@@ -129,21 +129,21 @@ TEST_F(ExtensionControlTest, AnExtensionThatTheCatalogueDoesNotDescribeFails) {
 
 // The states.
 
-TEST_F(ExtensionControlTest, OneThatAnswersIsConfiguredWithoutBeingLoaded) {
+TEST_F(ExtensionControlTest, ALoadedExtensionIsOnlyConfigured) {
   extensions_.setLoaded(kOther);
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), IsEmpty());
   EXPECT_THAT(takeLog(), ElementsAre(kConnected));
 }
 
-TEST_F(ExtensionControlTest, ANetworkExtensionWhoseVersionIs5IsConfiguredAtOnce) {
+TEST_F(ExtensionControlTest, NetworkExtensionVersion5IsConfiguredAtOnce) {
   extensions_.setLoaded(kNetwork);
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), IsEmpty());
   EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
-TEST_F(ExtensionControlTest, ANetworkExtensionWhoseVersionIs4IsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, NetworkExtensionVersion4IsReloaded) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
@@ -153,7 +153,7 @@ TEST_F(ExtensionControlTest, ANetworkExtensionWhoseVersionIs4IsUnloadedAndLoaded
   EXPECT_THAT(takeLog(), Contains(kConnected).Times(2));
 }
 
-TEST_F(ExtensionControlTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough) {
+TEST_F(ExtensionControlTest, OnlyACompleteVersionAbove4IsRecentEnough) {
   const auto isUnloaded = [this](Data version) {
     extensions_.setLoaded(kNetwork);
     network_.version = std::move(version);
@@ -175,7 +175,7 @@ TEST_F(ExtensionControlTest, OnlyAVersionAbove4OfAtLeastFourBytesIsRecentEnough)
   EXPECT_TRUE(isUnloaded(Data(kMaxControlOptionBytes + 1, 9)));
 }
 
-TEST_F(ExtensionControlTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) {
+TEST_F(ExtensionControlTest, AnUnreadableVersionCausesAReload) {
   extensions_.setLoaded(kNetwork);
   network_.refusesToAnswer = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesToAnswer = false; });
@@ -183,18 +183,18 @@ TEST_F(ExtensionControlTest, AVersionThatCannotBeReadMeansToUnloadAndLoadAgain) 
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(ExtensionControlTest, OneThatHangsCostsASecondAndIsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, AHungExtensionCostsASecondAndIsReloaded) {
   extensions_.setLoaded(kNetwork);
   controls_.setHanging(kNetwork, true);
   extensions_.setOnLoad(kNetwork, [this] { controls_.setHanging(kNetwork, false); });
   bool isLoaded = false;
   const Duration time = timeOf([&] { isLoaded = load(kNetwork, "net"); });
   EXPECT_TRUE(isLoaded);
-  EXPECT_LE(time, 2s);  // For its version, and for whether it can be unloaded.
+  EXPECT_LE(time, 2s);  // One for its version, one for the check before unloading.
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(ExtensionControlTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
+TEST_F(ExtensionControlTest, AnAlwaysHungExtensionFailsWhenLoadingFails) {
   constexpr int kLoads = 3;
   extensions_.setLoaded(kNetwork);
   controls_.setHanging(kNetwork, true);
@@ -204,11 +204,12 @@ TEST_F(ExtensionControlTest, OneThatAlwaysHangsFailsOnceItCanBeLoadedNoMore) {
   });
   const Duration time = timeOf([&] { EXPECT_FALSE(load(kNetwork, "net", {"secure"})); });
   EXPECT_EQ(loads, kLoads + 1);
-  EXPECT_EQ(time, (kLoads + 1) * 2s);  // Each time for its version, and for whether it is in use.
+  EXPECT_EQ(time, (kLoads + 1) *
+                      2s);  // Each time one for its version, one for the check before unloading.
   EXPECT_THAT(network_.told, IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+TEST_F(ExtensionControlTest, AnExtensionThatHangsBeforeTheSecretIsReloaded) {
   extensions_.setLoaded(kNetwork);
   network_.onQuestion = [this] { controls_.setHanging(kNetwork, true); };
   extensions_.setOnLoad(kNetwork, [this] {
@@ -220,15 +221,15 @@ TEST_F(ExtensionControlTest, OneThatHangsBetweenItsVersionAndTheSecretIsLoadedAg
   EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
-// Nobody asks it anything.
-TEST_F(ExtensionControlTest, AnotherExtensionThatHangsIsConfiguredAtOnce) {
+// The daemon asks it nothing.
+TEST_F(ExtensionControlTest, AnotherHungExtensionIsConfiguredAtOnce) {
   extensions_.setLoaded(kOther);
   controls_.setHanging(kOther, true);
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(load(kOther, "other", {"secure"})); }), 0s);
   EXPECT_THAT(requests(), IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
+TEST_F(ExtensionControlTest, AnExtensionInUseIsNotUnloadedAndFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   auto client = connectToControl(controls_, kNetwork);
@@ -238,7 +239,7 @@ TEST_F(ExtensionControlTest, OneThatSomebodyElseUsesIsNotUnloadedAndFails) {
   EXPECT_EQ(countInLog("Unable to unload kext 'com.vantor.nke.wfk'."), 1u);
 }
 
-TEST_F(ExtensionControlTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain) {
+TEST_F(ExtensionControlTest, AnExtensionThatRefusesTheSecretIsReloaded) {
   extensions_.setLoaded(kNetwork);
   network_.refusesSecrets = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
@@ -247,7 +248,7 @@ TEST_F(ExtensionControlTest, OneThatDoesNotTakeTheSecretIsUnloadedAndLoadedAgain
   EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
 }
 
-TEST_F(ExtensionControlTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAgain) {
+TEST_F(ExtensionControlTest, AnExtensionThatEndsBeforeTheSecretIsReloaded) {
   extensions_.setLoaded(kNetwork);
   network_.onQuestion = [this] {
     network_.onQuestion = nullptr;
@@ -257,19 +258,19 @@ TEST_F(ExtensionControlTest, OneThatEndsBetweenItsVersionAndTheSecretIsLoadedAga
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
 }
 
-TEST_F(ExtensionControlTest, OneThatIsNotLoadedIsLoaded) {
+TEST_F(ExtensionControlTest, AnUnloadedExtensionIsLoaded) {
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), ElementsAre(kLoadOther));
 }
 
-TEST_F(ExtensionControlTest, OneThatCannotBeLoadedIsUnloadedAndReloaded) {
+TEST_F(ExtensionControlTest, AnExtensionThatCannotBeLoadedIsReloaded) {
   extensions_.setLoaded(kOther);
   extensions_.crash(kOther);  // The loader waits for its control in vain.
   EXPECT_TRUE(load(kOther, "other"));
   EXPECT_THAT(requests(), ElementsAre(kLoadOther, kUnloadOther, kLoadOther));
 }
 
-TEST_F(ExtensionControlTest, OneThatCannotBeReloadedFails) {
+TEST_F(ExtensionControlTest, AnExtensionThatCannotBeReloadedFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { extensions_.setLoadFails(kNetwork, true); });
@@ -278,8 +279,8 @@ TEST_F(ExtensionControlTest, OneThatCannotBeReloadedFails) {
   EXPECT_THAT(takeLog(), Not(Contains(testing::HasSubstr("Unable to unload"))));
 }
 
-// The time is looked at after each try, and is up when it is later than a second after the first.
-TEST_F(ExtensionControlTest, OneThatIsNotUnloadedWithinASecondFails) {
+// The time is checked after each try, and is over more than a second after the first.
+TEST_F(ExtensionControlTest, UnloadingForMoreThanASecondFails) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setBusy(kNetwork, 100);
@@ -292,7 +293,7 @@ TEST_F(ExtensionControlTest, OneThatIsNotUnloadedWithinASecondFails) {
   EXPECT_THAT(takeLog(), Contains("3 Unable to unload kext 'com.vantor.nke.wfk'."));
 }
 
-TEST_F(ExtensionControlTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
+TEST_F(ExtensionControlTest, UnloadingAtTheLastTrySucceeds) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
@@ -301,7 +302,7 @@ TEST_F(ExtensionControlTest, OneThatIsUnloadedAtTheLastTryIsReloaded) {
   EXPECT_EQ(requests().size(), 8u);
 }
 
-TEST_F(ExtensionControlTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
+TEST_F(ExtensionControlTest, AllUnloadingsShareOneDeadline) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   // Unloaded at once the first time; the second time too late for any further try.
@@ -313,7 +314,7 @@ TEST_F(ExtensionControlTest, TheTimeToUnloadIsThatOfTheFirstTimeOfAll) {
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork, kUnloadNetwork));
 }
 
-TEST_F(ExtensionControlTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWithoutLimit) {
+TEST_F(ExtensionControlTest, LoadingWithoutAControlRepeatsWithoutLimit) {
   constexpr int kRounds = 10'000;
   int rounds = 0;
   extensions_.setWithoutControl(kOther, true);
@@ -324,7 +325,7 @@ TEST_F(ExtensionControlTest, OneThatNeverOpensItsControlIsConnectedToAndLoadedWi
   EXPECT_EQ(rounds, kRounds);
 }
 
-TEST_F(ExtensionControlTest, ThatCycleEndsWhenALoadFails) {
+TEST_F(ExtensionControlTest, LoadingWithoutAControlEndsWhenALoadFails) {
   int rounds = 0;
   extensions_.setWithoutControl(kOther, true);
   extensions_.setBusy(kOther, 100);
@@ -347,13 +348,13 @@ TEST_F(ExtensionControlTest, TheControlConnectionIsNotKept) {
 
 // The secret.
 
-TEST_F(ExtensionControlTest, WithoutTheSecureOptionNobodyIsToldTheSecret) {
+TEST_F(ExtensionControlTest, TheSecretNeedsTheSecureOption) {
   EXPECT_TRUE(load(kNetwork, "net"));
   EXPECT_TRUE(load(kNetwork, "net", {"Secure", "insecure", "", 1, Array{"secure"}}));
   EXPECT_THAT(network_.told, IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, OnlyTheNetworkExtensionIsToldTheSecret) {
+TEST_F(ExtensionControlTest, OnlyTheNetworkExtensionGetsTheSecret) {
   EXPECT_TRUE(load(kOther, "net", {"secure"}));
   EXPECT_THAT(other_.told, IsEmpty());
   Extension similar;
@@ -364,12 +365,12 @@ TEST_F(ExtensionControlTest, OnlyTheNetworkExtensionIsToldTheSecret) {
   EXPECT_THAT(similar.told, IsEmpty());
 }
 
-TEST_F(ExtensionControlTest, TheSecretIsToldForEachSecureOption) {
+TEST_F(ExtensionControlTest, TheSecretIsSentForEachSecureOption) {
   EXPECT_TRUE(load(kNetwork, "net", {"secure", "other", "secure"}));
   EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data()), Pair(5u, *secret_.data())));
 }
 
-TEST_F(ExtensionControlTest, TheSecretIsInNoLine) {
+TEST_F(ExtensionControlTest, TheSecretIsNotLogged) {
   network_.refusesSecrets = true;
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));

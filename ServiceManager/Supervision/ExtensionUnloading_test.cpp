@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Releases before 10.7 unload by a program.
+// Releases before 10.7 have a program that unloads.
 
 class OldReleaseTest : public WithKernelExtensions<SupervisionFixture> {
  protected:
@@ -52,13 +52,13 @@ TEST_F(OldReleaseTest, AnExtensionIsNamedByItsIdentifier) {
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre("-b", kNetwork));
 }
 
-TEST_F(OldReleaseTest, AnIdentifierThatIsAFileIsItself) {
+TEST_F(OldReleaseTest, AnIdentifierThatIsAPathIsUsedItself) {
   files_.addFile(kNetwork);
   files_.addFile(std::string("/root/System/Library/Extensions/") + kNetwork);
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
 }
 
-// The daemon's own bundle lies on a real disk: a resource is asked of the file system.
+// The daemon's own bundle is on a real disk, because resources are looked up in the file system.
 class OldReleaseWithResourceTest : public OldReleaseTest {
  protected:
   OldReleaseWithResourceTest() {
@@ -72,22 +72,22 @@ class OldReleaseWithResourceTest : public OldReleaseTest {
   TemporaryFolder folder_;
 };
 
-TEST_F(OldReleaseWithResourceTest, OneOfTheDaemonsOwnIsNamedByItsPathBeforeOneOfTheSystems) {
+TEST_F(OldReleaseWithResourceTest, ABundledExtensionComesBeforeTheSystems) {
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(resource()));
 }
 
-TEST_F(OldReleaseWithResourceTest, AnIdentifierThatIsAFileComesBeforeIt) {
+TEST_F(OldReleaseWithResourceTest, APathComesBeforeABundledExtension) {
   files_.addFile(kNetwork);
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(kNetwork));
 }
 
-TEST_F(OldReleaseWithResourceTest, AnotherKindOfResourceIsNone) {
+TEST_F(OldReleaseWithResourceTest, AnotherTypeOfResourceIsIgnored) {
   std::filesystem::rename(resource(), folder_.path(kNetwork));
   EXPECT_THAT(argumentsOf(kNetwork),
               ElementsAre(std::string("/root/System/Library/Extensions/") + kNetwork));
 }
 
-TEST_F(OldReleaseWithResourceTest, FromRelease11OnItIsNotLookedAt) {
+TEST_F(OldReleaseWithResourceTest, FromRelease11OnResourcesAreIgnored) {
   for (const char* release : {"11.0.0", "12.0.0", "15.0.0"}) {
     system_.setRelease(release, {10, 7, 0});
     network_.version = integer(4);
@@ -96,7 +96,7 @@ TEST_F(OldReleaseWithResourceTest, FromRelease11OnItIsNotLookedAt) {
   }
 }
 
-TEST_F(OldReleaseTest, OneOfTheSystemsIsNamedByItsPath) {
+TEST_F(OldReleaseTest, ASystemExtensionIsNamedByItsPath) {
   const std::string path = std::string("/root/System/Library/Extensions/") + kNetwork;
   files_.addFile(path);
   EXPECT_THAT(argumentsOf(kNetwork), ElementsAre(path));
@@ -113,7 +113,7 @@ TEST_F(OldReleaseTest, AProgramThatFailsIsTriedForASecond) {
   EXPECT_EQ(tasks_.launches().size(), 21u);
 }
 
-TEST_F(OldReleaseTest, AProgramThatIsNotThereIsAFailureToo) {
+TEST_F(OldReleaseTest, AMissingProgramIsAFailureToo) {
   tasks_.setProgram("/root/sbin/kextunload",
                     {{}, {}, 0, NSException{kNSInvalidArgumentException, "no", {}}});
   EXPECT_FALSE(load(kNetwork, "net"));

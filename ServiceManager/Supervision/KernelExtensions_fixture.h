@@ -1,6 +1,6 @@
 #pragma once
 
-// A network extension, another one, and services that need them.
+// A network extension, another extension, and services that need them.
 
 #include <chrono>
 #include <cstring>
@@ -30,7 +30,7 @@ class WithKernelExtensions : public Machine {
   static constexpr char kNetwork[] = "com.vantor.nke.wfk";
   static constexpr char kOther[] = "com.example.nke.other";
 
-  // What an extension answers and is told; all its connections share it.
+  // The answers of an extension and the options that it was given; all its connections share them.
   struct Extension {
     Data version = integer(5);  // the answer to option 3
     bool refusesToAnswer = false;
@@ -90,7 +90,7 @@ class WithKernelExtensions : public Machine {
 
   std::vector<std::string> requests() const { return this->extensions_.requests(); }
 
-  // Virtual time that a call takes.
+  // The virtual time that a call takes.
   platform::Duration timeOf(const std::function<void()>& call) {
     const platform::Instant before = this->loop_.now();
     call();

@@ -10,7 +10,7 @@ namespace {
 using State = KextLoadingState;
 using Outcome = KextLoadingOutcome;
 
-// Every arrow, by its name.
+// Every transition, by its name.
 #define ARROW(name, from, outcome, to)                                         \
   TEST(KextLoadingTest, name) {                                                \
     EXPECT_EQ(nextKextLoadingState(State::from, Outcome::outcome), State::to); \
@@ -31,7 +31,7 @@ ARROW(OneThatCannotBeReloadedHasFailed, kReload, kFailed, kFailed)
 
 #undef ARROW
 
-TEST(KextLoadingTest, TheEndsLeadNowhere) {
+TEST(KextLoadingTest, FinalStatesStayAsTheyAre) {
   for (const Outcome outcome :
        {Outcome::kSucceeded, Outcome::kFailed, Outcome::kRejected, Outcome::kNotYet}) {
     EXPECT_EQ(nextKextLoadingState(State::kFailed, outcome), State::kFailed);
@@ -39,7 +39,7 @@ TEST(KextLoadingTest, TheEndsLeadNowhere) {
   }
 }
 
-TEST(KextLoadingTest, WhatCannotHappenInAStateIsAFailure) {
+TEST(KextLoadingTest, AnImpossibleOutcomeIsAFailure) {
   for (const auto& [state, outcome] : {std::pair{State::kConnect, Outcome::kNotYet},
                                        {State::kConfigure, Outcome::kFailed},
                                        {State::kConfigure, Outcome::kNotYet},

@@ -33,7 +33,7 @@ TEST_F(LaunchdJobsTest, ADictionaryIsSubmittedUnchanged) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(LaunchdJobsTest, AStringRemovesTheJobAndItsProcessHasGone) {
+TEST_F(LaunchdJobsTest, AStringRemovesTheJobAndItsProcess) {
   request(job());
   const int first = process(kAgent);
   EXPECT_TRUE(request(kAgent));
@@ -43,7 +43,7 @@ TEST_F(LaunchdJobsTest, AStringRemovesTheJobAndItsProcessHasGone) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(LaunchdJobsTest, ARemovalWaitsForAProcessThatDoesNotEndByItself) {
+TEST_F(LaunchdJobsTest, ARemovalWaitsForTheProcess) {
   request(job());
   jobs_.ignoreTermination(kAgent);
   const Instant before = loop_.now();
@@ -52,7 +52,7 @@ TEST_F(LaunchdJobsTest, ARemovalWaitsForAProcessThatDoesNotEndByItself) {
   EXPECT_FALSE(isRunning(kAgent));
 }
 
-TEST_F(LaunchdJobsTest, AnythingElseIsNoRequestAndLogsNothing) {
+TEST_F(LaunchdJobsTest, AnInvalidRequestLogsNothing) {
   for (const Value& other : {Value(1), Value(Array{job()}), Value(true), Value(), Value(Data{1})}) {
     EXPECT_FALSE(request(other));
     EXPECT_FALSE(error_);
@@ -60,7 +60,7 @@ TEST_F(LaunchdJobsTest, AnythingElseIsNoRequestAndLogsNothing) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(LaunchdJobsTest, AFailedSubmissionIsLoggedWithItsDictionaryAndLeavesItsError) {
+TEST_F(LaunchdJobsTest, AFailedSubmissionIsLoggedWithItsDictionary) {
   jobs_.setUnstartable(pathOf("agent"), "no such interpreter");
   EXPECT_FALSE(request(job()));
   ASSERT_TRUE(error_);
@@ -69,7 +69,7 @@ TEST_F(LaunchdJobsTest, AFailedSubmissionIsLoggedWithItsDictionaryAndLeavesItsEr
                                      stringWithFormat("%@ Error: %@", job(), *error_)));
 }
 
-TEST_F(LaunchdJobsTest, ARemovalOfAJobThatHasGoneFailsAndIsAnErrorInTheLog) {
+TEST_F(LaunchdJobsTest, ARemovalOfAnAbsentJobIsAnErrorLine) {
   EXPECT_FALSE(request(kAgent));
   ASSERT_TRUE(error_);
   EXPECT_EQ(error_->code, 6);
@@ -94,13 +94,13 @@ TEST_F(LaunchdJobsTest, AFailedUnloadingIsLogged) {
                   "Code=6")));
 }
 
-TEST_F(LaunchdJobsTest, AnotherDomainIsTheHostsToRefuse) {
+TEST_F(LaunchdJobsTest, TheHostRefusesAnotherDomain) {
   EXPECT_FALSE(launchd_.submitJobRequest(job(), "kSMDomainUserLaunchd", error_));
   ASSERT_TRUE(error_);
   EXPECT_THAT(error_->localizedDescription, HasSubstr("kSMDomainUserLaunchd"));
 }
 
-// What jobs are given as authorization.
+// Notes the authorizations of requests.
 class AuthorizationProbe final : public Jobs {
  public:
   std::expected<void, NSError> SMJobSubmit(std::string_view, const Value&,
@@ -137,7 +137,7 @@ TEST_F(LaunchdJobsTest, ACallerWithoutTheRightIsRefused) {
   EXPECT_NE(launchd_.acquireRights(), errAuthorizationSuccess);
 }
 
-TEST_F(LaunchdJobsTest, AJobHostThatCannotBeAskedForRightsChecksTheRequestsItself) {
+TEST_F(LaunchdJobsTest, AnUnreachableJobHostIsNoRefusal) {
   jobs_.setReachable(false);
   EXPECT_EQ(launchd_.acquireRights(), errAuthorizationSuccess);
 }

@@ -6,7 +6,7 @@ namespace {
 
 using namespace platform;
 
-TEST(MonitoringRecord, AtFirstNothingIsWatchedAndNothingAskedFor) {
+TEST(MonitoringRecord, AnInitialRecordHasNoMarks) {
   EXPECT_EQ(
       initialMonitoringRecord(),
       Value(Dictionary{

@@ -37,7 +37,7 @@ class ServiceEnforcementTest : public SupervisionFixture {
 
 // Starting a service.
 
-TEST_F(ServiceEnforcementTest, ALaunchSubmitsTheJobAndHandsItsDictionaryBack) {
+TEST_F(ServiceEnforcementTest, ALaunchSubmitsTheJobAndReturnsItsDictionary) {
   const Value launched = enforcement_.launchService(kAgent, true);
   EXPECT_EQ(launched["PID"], Value(process(kAgent)));
   EXPECT_EQ(launched["Program"], Value(pathOf("agent")));
@@ -56,13 +56,13 @@ TEST_F(ServiceEnforcementTest, AMissingProgramIsNotLaunched) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(ServiceEnforcementTest, ADamagedProgramThatWasNeverStartedLeavesNothingToRemove) {
+TEST_F(ServiceEnforcementTest, ADamagedProgramIsNotSubmitted) {
   damageProgram("agent");
   EXPECT_TRUE(enforcement_.launchService(kAgent, true).isNil());
   EXPECT_THAT(takeLog(), ElementsAre("4 Program file for com.example.agent appears to be damaged"));
 }
 
-TEST_F(ServiceEnforcementTest, ADamagedProgramOfAKnownJobHasItRemoved) {
+TEST_F(ServiceEnforcementTest, ADamagedProgramsJobIsRemoved) {
   useThrottle(3600);
   run(kAgent);
   jobs_.endProcess(kAgent);
@@ -115,7 +115,7 @@ TEST_F(ServiceEnforcementTest, ARunningServiceIsCheckedWatchedAndReported) {
                                      "associated with the already running service"));
 }
 
-TEST_F(ServiceEnforcementTest, AJobWithoutAProcessIsSubmittedAgainWithItsLastExitStatusInTheLog) {
+TEST_F(ServiceEnforcementTest, AJobWithoutAProcessIsSubmittedAgain) {
   useThrottle(5);
   run(kAgent);
   jobs_.endProcess(kAgent, {ExitStatus::Kind::kExited, 1});
@@ -127,8 +127,7 @@ TEST_F(ServiceEnforcementTest, AJobWithoutAProcessIsSubmittedAgainWithItsLastExi
   EXPECT_TRUE(isRunning(kAgent));
 }
 
-TEST_F(ServiceEnforcementTest,
-       AServiceThatNeverGetsAProcessIsUnreadyAndTheBlockIsCalledAllTheSame) {
+TEST_F(ServiceEnforcementTest, AServiceWithoutAProcessIsUnreadyButCallsBack) {
   useThrottle(3600);
   run(kAgent);
   jobs_.endProcess(kAgent);
@@ -138,7 +137,7 @@ TEST_F(ServiceEnforcementTest,
   EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
 }
 
-TEST_F(ServiceEnforcementTest, AServiceThatTheSystemDoesNotSupportIsForgotten) {
+TEST_F(ServiceEnforcementTest, AnUnsupportedServiceIsForgotten) {
   use(catalogue({{kAgent, entry("agent", {{"MinimumOSVersion", "10.12"}})}}));
   EXPECT_FALSE(enforceRunning(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop monitoring com.example.agent"));
@@ -152,7 +151,7 @@ TEST_F(ServiceEnforcementTest, AServiceThatCannotBeLaunchedIsUnready) {
   EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
 }
 
-TEST_F(ServiceEnforcementTest, ARunningServiceWithADamagedProgramIsRemovedUntilTheCheckPasses) {
+TEST_F(ServiceEnforcementTest, ARunningServiceWithADamagedProgramIsRemoved) {
   run(kAgent);
   damageProgram("agent");
   EXPECT_FALSE(enforceRunning(kAgent));
@@ -168,7 +167,7 @@ TEST_F(ServiceEnforcementTest, ARunningServiceWithADamagedProgramIsRemovedUntilT
   EXPECT_TRUE(isRunning(kAgent));
 }
 
-TEST_F(ServiceEnforcementTest, AStoppedServiceWithADamagedProgramLosesItsJobToo) {
+TEST_F(ServiceEnforcementTest, AStoppedDamagedServiceLosesItsJobToo) {
   useThrottle(3600);
   run(kAgent);
   jobs_.endProcess(kAgent);
@@ -178,7 +177,7 @@ TEST_F(ServiceEnforcementTest, AStoppedServiceWithADamagedProgramLosesItsJobToo)
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(ServiceEnforcementTest, ARunningServiceWhoseProgramHasGoneIsRemoved) {
+TEST_F(ServiceEnforcementTest, ARunningServiceWithoutAProgramIsRemoved) {
   run(kAgent);
   files_.remove(pathOf("agent"));
   EXPECT_FALSE(enforceRunning(kAgent));
@@ -186,7 +185,7 @@ TEST_F(ServiceEnforcementTest, ARunningServiceWhoseProgramHasGoneIsRemoved) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(ServiceEnforcementTest, AJobHostThatIsAwayMakesTheServiceUnready) {
+TEST_F(ServiceEnforcementTest, WithoutTheJobHostTheServiceIsUnready) {
   jobs_.setReachable(false);
   EXPECT_FALSE(enforceRunning(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
@@ -194,7 +193,7 @@ TEST_F(ServiceEnforcementTest, AJobHostThatIsAwayMakesTheServiceUnready) {
   EXPECT_TRUE(enforceRunning(kAgent));
 }
 
-TEST_F(ServiceEnforcementTest, WithoutAHealthRecordEverythingGoesOn) {
+TEST_F(ServiceEnforcementTest, AHealthRecordIsOptional) {
   health_ = nullptr;
   EXPECT_TRUE(enforceRunning(kAgent));
   damageProgram("agent");
@@ -205,7 +204,7 @@ TEST_F(ServiceEnforcementTest, WithoutAHealthRecordEverythingGoesOn) {
 
 // Stopping it.
 
-TEST_F(ServiceEnforcementTest, AStopIsReportedBeforeTheJobGoes) {
+TEST_F(ServiceEnforcementTest, AStopIsReportedBeforeTheJobIsRemoved) {
   run(kAgent);
   EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
@@ -230,7 +229,7 @@ TEST_F(ServiceEnforcementTest, AStopThatFailsIsLoggedTwice) {
                                      "Domain=CFErrorDomainLaunchd Code=4 \"not you\""));
 }
 
-TEST_F(ServiceEnforcementTest, AStopThatTheJobHostDoesNotAnswerFails) {
+TEST_F(ServiceEnforcementTest, AStopWithoutTheJobHostFails) {
   run(kAgent);
   jobs_.setReachable(false);
   EXPECT_FALSE(enforcement_.enforceShutdownForService(kAgent));
@@ -247,7 +246,7 @@ TEST_F(ServiceEnforcementTest, AStopThatTheJobHostDoesNotAnswerFails) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
-TEST_F(ServiceEnforcementTest, AJobHostThatGoesAfterASubmissionIsNotWaitedFor) {
+TEST_F(ServiceEnforcementTest, AJobHostLostAfterASubmissionIsNotAwaited) {
   jobs_.setOnSubmitted([this] { jobs_.setReachable(false); });
   const Instant before = loop_.now();
   EXPECT_FALSE(enforceRunning(kAgent));

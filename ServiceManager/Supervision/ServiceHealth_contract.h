@@ -70,7 +70,7 @@ TEST_P(ServiceHealthContract, AServiceThatIsUpdatedIsNoProblem) {
   expectNoProblem();
 }
 
-TEST_P(ServiceHealthContract, TheEndOfAnUpdateLeavesOtherServicesAsTheyAre) {
+TEST_P(ServiceHealthContract, TheEndOfAnUpdateAffectsNoOtherService) {
   health_.reportUnreadyStateForService(kAgent);
   health_.reportIntallerEventStartedForService(kHelper);
   health_.reportInstallerEventFinished();
@@ -107,14 +107,14 @@ TEST_P(ServiceHealthContract, AForcedStopMakesAServiceAProblem) {
   expectProblem();
 }
 
-TEST_P(ServiceHealthContract, AForcedStopAfterTheUpdateMakesAServiceAProblem) {
+TEST_P(ServiceHealthContract, AForcedStopAfterTheUpdateIsAProblem) {
   health_.reportIntallerEventStartedForService(kAgent);
   health_.reportInstallerEventFinished();
   health_.reportForcedStopForService(kAgent);
   expectProblem();
 }
 
-TEST_P(ServiceHealthContract, AForcedStopOfAServiceThatWasToldToEndIsNoProblem) {
+TEST_P(ServiceHealthContract, AForcedStopOfAStoppedServiceIsNoProblem) {
   health_.reportStopForService(kAgent);
   health_.reportForcedStopForService(kAgent);
   expectNoProblem();

@@ -19,7 +19,7 @@ class ServiceProgramTest : public testing::Test {
   ORBSigningValidator validator_{signatures_};
 };
 
-TEST_F(ServiceProgramTest, AProgramThatIsNotThereIsMissing) {
+TEST_F(ServiceProgramTest, AnAbsentProgramIsMissing) {
   signatures_.addValid("/opt/agent", kProgramKind, "agent");
   EXPECT_EQ(check().state, ProgramState::kMissing);
 }

@@ -114,7 +114,7 @@ class SupervisedMachine : public testing::Test {
   platform::VirtualRunLoop loop_;
   platform::FakeLogSink logSink_;
   platform::SystemLog log_{logSink_, "test"};
-  // Writes what waits when it ends, so it ends before what it writes to.
+  // It writes pending lines when it ends, so it must end before the log.
   platform::VirtualSerialQueues queues_{loop_};
   Logger2State logger2_{log_, queues_};
   Logger2Binding binding_{logger2_};

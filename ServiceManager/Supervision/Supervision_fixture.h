@@ -22,7 +22,7 @@ class SupervisionFixture : public SupervisedMachine {
 
   SupervisionFixture() { use(catalogue()); }
 
-  // The catalogue, a record for each of its services, a sound program for each.
+  // Uses the catalogue, with a record and a sound program for each of its services.
   void use(const Dictionary& catalogue) {
     addPrograms(catalogue);
     catalogue_ = ServiceCatalogue(catalogue);
@@ -36,7 +36,7 @@ class SupervisionFixture : public SupervisedMachine {
   ORBSigningValidator validator_{signatures_};
   LaunchdJobs launchd_{jobs_, authorization_};
   MonitoringRecords records_;
-  // What the exit monitor has reported.
+  // The reports of the exit monitor.
   std::vector<Event> watched_;
   std::vector<Event> ended_;
   ExitMonitor exits_{
@@ -51,7 +51,7 @@ class SupervisionFixture : public SupervisedMachine {
              ended_.emplace_back(label, process);
              records_.trackServiceForRespawn(label, false);  // As the daemon does.
            }}};
-  // What the extension control wants to be evaluated later.
+  // The evaluations that the extension control has asked for.
   std::vector<std::pair<std::string, platform::Duration>> evaluations_;
   ExtensionControl control_{
       {.runLoop = loop_,

@@ -32,7 +32,7 @@ TEST_F(VGKextManagerTest, AnyStatusButZeroIsAFailure) {
   }
 }
 
-TEST_F(VGKextManagerTest, AProgramThatIsNotThereIsAFailure) {
+TEST_F(VGKextManagerTest, AMissingProgramIsAFailure) {
   EXPECT_FALSE(VGKextManagerExecuteKextCommand(tasks_, "/", {}));
 }
 
