@@ -38,7 +38,7 @@ void withSettingsOfThisThread(const SettingsThread& thread,
                                thread.pathOfName);
   NullNotificationCenter nullCenter;
   SettingsClientFactories factories;
-  addSettingsClientFactories(
-      factories, {thread.runLoop, connections, nullCenter, center, thread.protocols, thread.system});
+  addSettingsClientFactories(factories, {thread.runLoop, connections, nullCenter, center,
+                                         thread.protocols, thread.system});
   ask(factories);
 }
