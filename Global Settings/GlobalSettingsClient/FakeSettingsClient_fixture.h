@@ -19,9 +19,9 @@ class FakeSettingsClient final : public SettingsClient {
   platform::MessageResult probeObjectForKey(std::string_view key, platform::Duration) override {
     return objectForKey(key);
   }
-  void forgetConnection() override { ++lookedUpAnew; }
+  void forgetConnection() override { ++forgetCalls; }
 
-  int lookedUpAnew = 0;
+  int forgetCalls = 0;
 
  private:
   const std::map<std::string, platform::Value>& settings_;

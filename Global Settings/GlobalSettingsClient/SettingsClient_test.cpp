@@ -65,10 +65,10 @@ INSTANTIATE_TEST_SUITE_P(Served, SettingsClientContract, testing::Values(&makeSe
 TEST(FakeSettingsClientTest, CountsTheForgottenConnections) {
   const std::map<std::string, Value> none;
   FakeSettingsClient client(none);
-  EXPECT_EQ(client.lookedUpAnew, 0);
+  EXPECT_EQ(client.forgetCalls, 0);
   client.forgetConnection();
   client.forgetConnection();
-  EXPECT_EQ(client.lookedUpAnew, 2);
+  EXPECT_EQ(client.forgetCalls, 2);
 }
 
 }  // namespace

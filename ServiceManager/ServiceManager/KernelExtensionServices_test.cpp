@@ -182,12 +182,12 @@ TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrde
 // The end of the stopped service's process causes an evaluation.
 TEST_F(KernelExtensionServicesTest, ARunningServiceConfiguresTheSharedExtensionAgain) {
   manager().startServices({kAgent, kHelper});
-  network_.told.clear();
+  network_.options.clear();
   manager().stopServices({kAgent});
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
   loop_.runReady();
   EXPECT_THAT(manager().kextsLoaded(), ElementsAre("net"));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *manager().secret().data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *manager().secret().data())));
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_TRUE(isRunning(kHelper));
 }

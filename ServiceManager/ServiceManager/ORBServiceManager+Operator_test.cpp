@@ -2,63 +2,16 @@
 
 #include <chrono>
 
-#include "ServiceManager/ServiceManager/OperatorFacts.h"
-#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/ServiceManager/Operator_fixture.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
 
 namespace {
 
 using namespace platform;
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char kForeign[] = "com.example.foreign";
-
-class OperatorTest : public StartUpFixture {
- protected:
-  static constexpr char kServer[] = "com.vantor.servicemanager.operator.server";
-
-  OperatorTest() { keepsHealthRecord_ = true; }
-
-  // Everything runs; the agent is a feature service, and another product has a service, too.
-  void startAll() {
-    Dictionary services = *catalogue()["Services"].dictionary();
-    services.set(kAgent, entry("agent", {{"Features", Array{"web"}}}));
-    services.set(kForeign, Dictionary{{"Products", Array{"kKLXInstallTypePersonalID"}}});
-    Dictionary all = catalogue(services);
-    const auto configuration = [](const char* source, Dictionary switches) {
-      return Dictionary{{"Source", source}, {"Switches", std::move(switches)}};
-    };
-    all.set(
-        "Features",
-        Dictionary{{"web", Dictionary{{"Config", Array{configuration("common", {{"on", 1},
-                                                                                {"level", "high"},
-                                                                                {"kind", 1},
-                                                                                {"none", 1}}),
-                                                       configuration("unknown", {{"on", 1}})}}}}});
-    install(all);
-    settings("common") = {{"on", 1}, {"level", "low"}, {"kind", "1"}};
-    startConfigurationServer();
-    start();
-    loop_.advanceBy(1s);
-    takeLog();
-  }
-
-  Value ask(const char* selector, Array arguments = {}) {
-    if (!client_) {
-      client_.emplace(VantorDistantObject::Environment{loop_, operator_.connections, *otherCenter_,
-                                                       operator_.center, protocols_, system_},
-                      kServer, kORBServiceManagerOperatorProtocol, std::nullopt);
-    }
-    const MessageResult answer = client_->sendMessage(selector, arguments);
-    return answer.value_or(Value());
-  }
-  Value factsOf(const char* label) { return ask("factsOfService:", {label}); }
-
-  Program operator_{*this, 300};
-  std::optional<VantorDistantObject> client_;
-};
+class OperatorTest : public OperatorFixture {};
 
 TEST_F(OperatorTest, TheServerIsVendedOnceTheStartIsAnnounced) {
   bool wasThere = true;
@@ -172,87 +125,6 @@ TEST_F(OperatorTest, AServicesFactsCoverItsEvaluation) {
                                               row("common", "kind", 1, "1", "clashes"),
                                               row("common", "none", 1, {}, "absent"),
                                               row("unknown", "on", 1, {}, "noSource")}));
-}
-
-// A server that answers slowly.
-class SlowClient final : public SettingsClient {
- public:
-  SlowClient(VirtualRunLoop& loop, Duration time) : loop_(loop), time_(time) {}
-  Value objectForKey(std::string_view key) override {
-    return probeObjectForKey(key, 10s).value_or(Value());
-  }
-  MessageResult probeObjectForKey(std::string_view, Duration patience) override {
-    loop_.sleepFor(std::min(patience, time_));
-    if (time_ <= patience) return Value(1);
-    return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
-  }
-  void forgetConnection() override {}
-
- private:
-  VirtualRunLoop& loop_;
-  const Duration time_;
-};
-
-TEST_F(OperatorTest, ASlowSettingsServerHasTwoSecondsInAll) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<SlowClient>(loop_, 1s);
-                 });
-  startAll();
-  const Instant before = loop_.now();
-  const Value facts = manager().report().factsOfService(kAgent);
-  EXPECT_EQ(loop_.now() - before, 2s);
-  std::vector<std::string> outcomes;
-  for (const Value& row : *facts[kFactSwitches].array())
-    outcomes.push_back(*row[kFactOutcome].string());
-  EXPECT_THAT(outcomes, ElementsAre("matches", "clashes", "noAnswer", "noAnswer", "noSource"));
-}
-
-TEST_F(OperatorTest, AHungSettingsServerIsWaitedForOnce) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<SlowClient>(loop_, 10s);
-                 });
-  startAll();
-  const Instant before = loop_.now();
-  const Value facts = manager().report().factsOfService(kAgent);
-  EXPECT_EQ(loop_.now() - before, 2s);
-  const Array& switches = *facts[kFactSwitches].array();
-  ASSERT_EQ(switches.size(), 5u);
-  for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(switches[i][kFactOutcome], Value("noAnswer"));
-    EXPECT_EQ(switches[i][kFactCurrent], Value());
-  }
-  EXPECT_EQ(switches[4][kFactOutcome], Value("noSource"));
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
-// A server that raises at once for one of its keys.
-class RaisingClient final : public SettingsClient {
- public:
-  Value objectForKey(std::string_view key) override {
-    return probeObjectForKey(key, 10s).value_or(Value());
-  }
-  MessageResult probeObjectForKey(std::string_view key, Duration) override {
-    if (key == "level") return std::unexpected(NSException{"Corrupt", "page 7\033", {}});
-    return Value(1);
-  }
-  void forgetConnection() override {}
-};
-
-TEST_F(OperatorTest, ASettingsServerThatRaisesIsAskedForOtherSwitches) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<RaisingClient>();
-                 });
-  startAll();
-  const Value facts = factsOf(kAgent);
-  const Array& switches = *facts[kFactSwitches].array();
-  ASSERT_EQ(switches.size(), 5u);
-  EXPECT_EQ(switches[0][kFactOutcome], Value("matches"));
-  EXPECT_EQ(switches[1][kFactOutcome], Value("refused"));
-  EXPECT_EQ(switches[1][kFactRefusal], Value("Corrupt: page 7\033"));
-  EXPECT_EQ(switches[2][kFactOutcome], Value("matches"));
 }
 
 TEST_F(OperatorTest, APendingStopIsReported) {

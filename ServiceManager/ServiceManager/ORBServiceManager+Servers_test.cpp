@@ -266,7 +266,7 @@ TEST_F(ServersTest, ANameInUseAffectsNoOtherServer) {
   start();
   const auto auth = client(kAuthServer, kServiceManagerAuthProtocol);
   EXPECT_EQ(auth->sendMessage("retrieveKey"), manager().secret());
-  EXPECT_EQ(heard_.size(), 2u);
+  EXPECT_EQ(announcements_.size(), 2u);
 }
 
 }  // namespace

@@ -118,7 +118,7 @@ TEST_F(SettingsTest, TheReturnOfTheBusLooksUpServersAgain) {
   EXPECT_EQ(manager().configurationWithSelectorPrefix("unknown"), nullptr);
   startConfigurationServer();
   manager().handleNotificationsReturn();
-  EXPECT_EQ(client->lookedUpAnew, 1);
+  EXPECT_EQ(client->forgetCalls, 1);
   EXPECT_EQ(evaluations(), 1u);
 }
 

@@ -28,7 +28,7 @@ TEST_F(StartUpEdgesTest, OnVersionElevenTheThreeServersAreVended) {
                            "com.vantor.common.servicemanager.auth"}) {
     EXPECT_TRUE(isVended(name)) << name;
   }
-  EXPECT_THAT(heard_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
+  EXPECT_THAT(announcements_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
 }
 
 TEST_F(StartUpEdgesTest, AnIdleDaemonVendsNothing) {
@@ -90,7 +90,7 @@ TEST_P(WrongOptionalTest, DoesNotAffectTheStart) {
   startConfigurationServer();
   start();
   loop_.advanceBy(std::chrono::milliseconds(100));
-  EXPECT_THAT(heard_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
+  EXPECT_THAT(announcements_, ElementsAre(Field(&DistributedNotification::name, kDidStart)));
   EXPECT_TRUE(isRunning(kPrimary));
   EXPECT_TRUE(isRunning(kHelper));
 }

@@ -275,8 +275,8 @@ TEST_F(XPCStartUpTest, System11_0HasNoListenersAndAllServers) {
     ASSERT_NE(server, nullptr);
     EXPECT_TRUE(server->isValid());
   }
-  ASSERT_EQ(heard_.size(), 1u);
-  EXPECT_EQ(heard_[0].name, kDidStart);
+  ASSERT_EQ(announcements_.size(), 1u);
+  EXPECT_EQ(announcements_[0].name, kDidStart);
 }
 
 TEST_F(XPCStartUpTest, AnInvalidNameIsNotRegistered) {

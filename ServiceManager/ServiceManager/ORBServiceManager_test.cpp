@@ -20,9 +20,9 @@ class StartUpTest : public StartUpFixture {
   void expectIdle(const std::string& logLine, const char* error, const char* description) {
     start();
     EXPECT_THAT(takeLog(), Contains("3 " + logLine));
-    EXPECT_THAT(heard_, ElementsAre(DistributedNotification{
-                            kDidStartError, std::nullopt,
-                            Dictionary{{"Error", error}, {"Description", description}}}));
+    EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{
+                                    kDidStartError, std::nullopt,
+                                    Dictionary{{"Error", error}, {"Description", description}}}));
     expectNothingStarted();
   }
   void expectNothingStarted() {
@@ -61,7 +61,7 @@ TEST_F(StartUpTest, WithoutRandomBytesTheDaemonIsSilentlyIdle) {
   start();
   EXPECT_THAT(takeLog(), ElementsAre("3 Service Manager is unable to continue because it can't "
                                      "initialize the kexts"));
-  EXPECT_THAT(heard_, IsEmpty());
+  EXPECT_THAT(announcements_, IsEmpty());
   EXPECT_TRUE(manager().secret().isNil());
   expectNothingStarted();
 }
@@ -76,7 +76,7 @@ TEST_F(StartUpTest, AnAuthorizationThatCannotBeCreatedIsIgnored) {
   jobs_.setReachable(false);
   loop_.scheduleOutsideEvent(5500ms, [this] { jobs_.setReachable(true); });
   start();
-  EXPECT_THAT(heard_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+  EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
   loop_.advanceBy(1s);
   ASSERT_TRUE(jobHostReturned_);
   jobHostReturned_();
@@ -189,7 +189,7 @@ TEST_F(StartUpTest, AProductWithoutServicesMakesTheDaemonIdle) {
 
 TEST_F(StartUpTest, AStartIsAnnouncedWhenEverythingIsThere) {
   start();
-  EXPECT_THAT(heard_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+  EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
   EXPECT_EQ(manager().product(), kProduct);
   EXPECT_EQ(manager().secret(), Value(Data{1, 2, 3, 4, 5, 6, 7, 8}));
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
@@ -296,7 +296,7 @@ TEST_P(HealthByProductTest, IsKeptForTwoProductsOnly) {
     manager().backgroundServiceWillTerminate({});
     EXPECT_THAT(takeReports(), IsEmpty());
   }
-  EXPECT_THAT(heard_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+  EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Products, HealthByProductTest,
@@ -305,187 +305,5 @@ INSTANTIATE_TEST_SUITE_P(Products, HealthByProductTest,
                                          std::pair(kUnmanagedGuid, false),
                                          std::pair(kHostedManagedGuid, true),
                                          std::pair(kHouseholdGuid, true)));
-
-// The first evaluation, and what makes further ones.
-
-TEST_F(StartUpTest, WithTheServerUpEverythingIsEvaluatedSoon) {
-  startConfigurationServer();
-  start();
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-  loop_.advanceBy(100ms - 1ns);
-  EXPECT_THAT(jobs_.labels(), IsEmpty());
-  loop_.advanceBy(1ns);
-  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent, kPrimary, kHelper));
-  EXPECT_EQ(countInLog("Evaluating primary service"), 0u);
-}
-
-TEST_F(StartUpTest, WithTheServerDownThePrimaryServiceIsStarted) {
-  start();
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-  EXPECT_EQ(countInLog("Evaluating primary service"), 1u);
-  EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary));
-  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kPrimary));
-  loop_.advanceBy(1min);
-  EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary));
-}
-
-TEST_F(StartUpTest, TheConfigurationServersStartIsNoticedAtOnce) {
-  start();
-  startConfigurationServer();
-  post("com.vantor.notification.configd.didstart");
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-  EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent, kPrimary, kHelper));
-}
-
-TEST_F(StartUpTest, TheWatchdogNoticesTheServerAfterFifteenMinutes) {
-  start();
-  startConfigurationServer();
-  loop_.advanceBy(900s - 1ns);
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-  loop_.advanceBy(1ns);
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-  EXPECT_TRUE(isRunning(kAgent));
-  stopConfigurationServer();
-  loop_.advanceBy(900s);
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-}
-
-TEST_F(StartUpTest, ARestartedPrimaryServiceCausesAnEvaluation) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  post("com.vantor.notification.configd.willshutdown");
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-  stopConfigurationServer();
-  takeLog();
-  startConfigurationServer();
-  post("com.vantor.notification.configd.didstart");
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
-}
-
-// Notices that nobody hears because the bus has gone.
-
-TEST_F(StartUpTest, TheReturnOfTheBusFindsARestartedPrimaryService) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  post("com.vantor.notification.configd.willshutdown");
-  stopConfigurationServer();
-  bus_.stop();
-  startConfigurationServer();
-  post("com.vantor.notification.configd.didstart");
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-  takeLog();
-  bus_.start();
-  loop_.runReady();
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
-}
-
-TEST_F(StartUpTest, APrimaryServiceIsNoticedAfterTheReturn) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  bus_.stop();
-  stopConfigurationServer();
-  bus_.start();
-  loop_.runReady();
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
-  startConfigurationServer();
-  post("com.vantor.notification.configd.didstart");
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
-}
-
-TEST_F(StartUpTest, TheReturnOfTheBusEvaluatesAChangedSetting) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  bus_.stop();
-  post("KLXGlobalSettingsDidChangeNotification",
-       Dictionary{{"KLXGlobalSettingsKeyModified", "mode"}});
-  takeLog();
-  bus_.start();
-  loop_.runReady();
-  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
-  EXPECT_EQ(countInLog("Evaluating service: com.example.agent"), 1u);
-}
-
-TEST_F(StartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  manager().shutdownServices({kAgent});
-  loop_.runReady();
-  takeLog();
-  bus_.stop();
-  bus_.start();
-  loop_.runReady();
-  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
-  EXPECT_EQ(countInLog("Evaluating"), 0u);
-  EXPECT_FALSE(isRunning(kAgent));
-}
-
-TEST_F(StartUpTest, TheJobHostsReturnIsObservedUntilTheEnd) {
-  startConfigurationServer();
-  EXPECT_FALSE(jobHostReturned_);
-  start();
-  loop_.advanceBy(1s);
-  takeLog();
-  ASSERT_TRUE(jobHostReturned_);
-  jobHostReturned_();
-  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
-  manager_.reset();
-  EXPECT_FALSE(jobHostReturned_);
-}
-
-TEST_F(StartUpTest, ASettingsChangeIsObserved) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  takeLog();
-  post("KLXGlobalSettingsDidChangeNotification",
-       Dictionary{{"KLXGlobalSettingsKeyModified", "mode"}});
-  EXPECT_EQ(countInLog("Notification received for global settings change: mode"), 1u);
-  loop_.advanceBy(2s);
-  EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
-}
-
-TEST_F(StartUpTest, ARestartedDaemonTakesOverRunningServices) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  const std::vector<int> before{process(kPrimary), process(kAgent), process(kHelper)};
-  manager_.reset();
-  EXPECT_EQ(exitWatcher_.watchCount(), 0u);
-  start();
-  loop_.advanceBy(1s);
-  EXPECT_EQ((std::vector<int>{process(kPrimary), process(kAgent), process(kHelper)}), before);
-  EXPECT_EQ(jobs_.starts(kAgent), 1u);
-  EXPECT_EQ(exitWatcher_.watchCount(), 3u);
-}
-
-TEST_F(StartUpTest, TheEndStopsNoService) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  manager().backgroundServiceWillTerminate({});
-  EXPECT_TRUE(manager().monitoredProcessesInfo().empty());
-  EXPECT_TRUE(manager().serviceToFeatureNotificationMap().empty());
-  manager_.reset();
-  EXPECT_TRUE(isRunning(kPrimary) && isRunning(kAgent) && isRunning(kHelper));
-}
-
-TEST_F(StartUpTest, TheEndRemovesNoObserverAndEndsNoTimer) {
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  manager().backgroundServiceWillTerminate({});
-  EXPECT_TRUE(manager().watchDog());
-  post("KLXGlobalSettingsDidChangeNotification");
-  EXPECT_TRUE(manager().globalSettingsDidChangeEffectTimer());
-  loop_.advanceBy(2s);
-  EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());  // It was evaluated.
-}
 
 }  // namespace

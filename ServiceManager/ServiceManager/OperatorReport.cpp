@@ -17,9 +17,9 @@ namespace {
 
 // The time in which each settings server must answer for all switches of a service. With that of
 // the job host, the times of all servers add up to less than the operator's command waits.
-constexpr Duration kLookTime = std::chrono::seconds(2);
+constexpr Duration kProbeTime = std::chrono::seconds(2);
 // If the job host took this long and did not answer about one job, it is not asked about others.
-constexpr Duration kLongForAJobHost = std::chrono::seconds(1);
+constexpr Duration kSlowJobHostTime = std::chrono::seconds(1);
 
 double inSeconds(Duration duration) {
   return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
@@ -51,7 +51,7 @@ const char* wordOf(SwitchOutcome outcome) {
   return kOutcomeNoSource;
 }
 
-bool isSilence(const NSException& exception) {
+bool isMissingAnswer(const NSException& exception) {
   return exception.name == kNSPortTimeoutException || exception.name == kNSInvalidSendPortException;
 }
 
@@ -210,7 +210,7 @@ Value OperatorReport::jobsOfServices(const Array& labels) const {
       const Instant start = environment_.runLoop.now();
       addJobFacts(facts, *label.string());
       isHostAway = facts.contains(kFactJobIsUnknown) &&
-                   environment_.runLoop.now() - start >= kLongForAJobHost;
+                   environment_.runLoop.now() - start >= kSlowJobHostTime;
     }
     all.set(*label.string(), std::move(facts));
   }
@@ -253,13 +253,13 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
   if (known == clients.end()) return SwitchOutcome::kNotAsked;
   if (!known->second) return SwitchOutcome::kNoSource;
   // This time is for all switches of the server, however many there are.
-  Duration& time = left.try_emplace(known->first, kLookTime).first->second;
+  Duration& time = left.try_emplace(known->first, kProbeTime).first->second;
   const Instant start = environment_.runLoop.now();
   const MessageResult current = time <= Duration::zero()
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
                                     : known->second->probeObjectForKey(key, time);
   time -= environment_.runLoop.now() - start;
-  if (!current && isSilence(current.error())) {
+  if (!current && isMissingAnswer(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.
     return SwitchOutcome::kNoAnswer;
   }

@@ -119,19 +119,20 @@ TEST_F(StartUpCallsTest, TheEndClosesItsLog) {
 // Each failure would be enough by itself.
 TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsAnnounced) {
   const auto error = [&] {
-    heard_.clear();
+    announcements_.clear();
     start();
-    EXPECT_EQ(heard_.size(), 1u);
-    return heard_.empty() ? Value() : heard_.front().userInfo["Error"];
+    EXPECT_EQ(announcements_.size(), 1u);
+    return announcements_.empty() ? Value() : announcements_.front().userInfo["Error"];
   };
   installProduct("no product's");
   EXPECT_EQ(error(), Value("Unkown product type"));
   files_.remove(kProductFile);
   EXPECT_EQ(error(), Value("Malformed Configuration"));
-  EXPECT_EQ(heard_.front().userInfo["Description"], Value("Unable to resolve product information"));
+  EXPECT_EQ(announcements_.front().userInfo["Description"],
+            Value("Unable to resolve product information"));
   files_.remove(kCatalogueFile);
   EXPECT_EQ(error(), Value("Malformed Configuration"));
-  EXPECT_EQ(heard_.front().userInfo["Description"],
+  EXPECT_EQ(announcements_.front().userInfo["Description"],
             Value("Unable to resolve primary service information"));
   signatures_.addRefused("/Daemon.bundle", SecStaticCode::Kind::kBundle,
                          {errSecCSBadResource, "changed"});

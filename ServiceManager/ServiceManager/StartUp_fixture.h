@@ -21,8 +21,9 @@ class StartUpFixture : public ServiceManagerFixture {
     installProduct(kServerManagedGuid);
     for (const char* name : {kDidStart, kDidStartError}) {
       observations_.push_back(otherCenter_->addObserver(
-          name, std::nullopt,
-          [this](const DistributedNotification& notification) { heard_.push_back(notification); }));
+          name, std::nullopt, [this](const DistributedNotification& notification) {
+            announcements_.push_back(notification);
+          }));
     }
   }
 
@@ -31,6 +32,6 @@ class StartUpFixture : public ServiceManagerFixture {
     loop_.runReady();
   }
 
-  std::vector<DistributedNotification> heard_;  // the daemon's announcements
+  std::vector<DistributedNotification> announcements_;
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
 };

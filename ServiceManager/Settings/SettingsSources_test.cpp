@@ -125,10 +125,10 @@ TEST_F(SettingsSourcesTest, EveryClientForgetsItsConnection) {
   FakeSettingsClient& common = client("common");
   FakeSettingsClient& update = client("update");
   sources_.forgetConnections();
-  EXPECT_EQ(common.lookedUpAnew, 1);
-  EXPECT_EQ(update.lookedUpAnew, 1);
+  EXPECT_EQ(common.forgetCalls, 1);
+  EXPECT_EQ(update.forgetCalls, 1);
   sources_.forgetConnections();
-  EXPECT_EQ(update.lookedUpAnew, 2);
+  EXPECT_EQ(update.forgetCalls, 2);
   EXPECT_EQ(&client("common"), &common);
 }
 

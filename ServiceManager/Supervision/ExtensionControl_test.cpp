@@ -140,7 +140,7 @@ TEST_F(ExtensionControlTest, NetworkExtensionVersion5IsConfiguredAtOnce) {
   extensions_.setLoaded(kNetwork);
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), IsEmpty());
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *secret_.data())));
 }
 
 TEST_F(ExtensionControlTest, NetworkExtensionVersion4IsReloaded) {
@@ -149,7 +149,7 @@ TEST_F(ExtensionControlTest, NetworkExtensionVersion4IsReloaded) {
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *secret_.data())));
   EXPECT_THAT(takeLog(), Contains(kConnected).Times(2));
 }
 
@@ -206,7 +206,7 @@ TEST_F(ExtensionControlTest, AnAlwaysHungExtensionFailsWhenLoadingFails) {
   EXPECT_EQ(loads, kLoads + 1);
   EXPECT_EQ(time, (kLoads + 1) *
                       2s);  // Each time one for its version, one for the check before unloading.
-  EXPECT_THAT(network_.told, IsEmpty());
+  EXPECT_THAT(network_.options, IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, AnExtensionThatHangsBeforeTheSecretIsReloaded) {
@@ -218,7 +218,7 @@ TEST_F(ExtensionControlTest, AnExtensionThatHangsBeforeTheSecretIsReloaded) {
   });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *secret_.data())));
 }
 
 // The daemon asks it nothing.
@@ -245,7 +245,7 @@ TEST_F(ExtensionControlTest, AnExtensionThatRefusesTheSecretIsReloaded) {
   extensions_.setOnLoad(kNetwork, [this] { network_.refusesSecrets = false; });
   EXPECT_TRUE(load(kNetwork, "net", {"secure"}));
   EXPECT_THAT(requests(), ElementsAre(kUnloadNetwork, kLoadNetwork));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *secret_.data())));
 }
 
 TEST_F(ExtensionControlTest, AnExtensionThatEndsBeforeTheSecretIsReloaded) {
@@ -351,23 +351,23 @@ TEST_F(ExtensionControlTest, TheControlConnectionIsNotKept) {
 TEST_F(ExtensionControlTest, TheSecretNeedsTheSecureOption) {
   EXPECT_TRUE(load(kNetwork, "net"));
   EXPECT_TRUE(load(kNetwork, "net", {"Secure", "insecure", "", 1, Array{"secure"}}));
-  EXPECT_THAT(network_.told, IsEmpty());
+  EXPECT_THAT(network_.options, IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, OnlyTheNetworkExtensionGetsTheSecret) {
   EXPECT_TRUE(load(kOther, "net", {"secure"}));
-  EXPECT_THAT(other_.told, IsEmpty());
+  EXPECT_THAT(other_.options, IsEmpty());
   Extension similar;
   install("com.vantor.nke.wfk2", similar);
   EXPECT_TRUE(load("com.vantor.nke.wfk2", "net", {"secure"}));
   install("com.vantor.nke.WFK", similar);
   EXPECT_TRUE(load("com.vantor.nke.WFK", "net", {"secure"}));
-  EXPECT_THAT(similar.told, IsEmpty());
+  EXPECT_THAT(similar.options, IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, TheSecretIsSentForEachSecureOption) {
   EXPECT_TRUE(load(kNetwork, "net", {"secure", "other", "secure"}));
-  EXPECT_THAT(network_.told, ElementsAre(Pair(5u, *secret_.data()), Pair(5u, *secret_.data())));
+  EXPECT_THAT(network_.options, ElementsAre(Pair(5u, *secret_.data()), Pair(5u, *secret_.data())));
 }
 
 TEST_F(ExtensionControlTest, TheSecretIsNotLogged) {

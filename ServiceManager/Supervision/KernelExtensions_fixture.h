@@ -35,7 +35,7 @@ class WithKernelExtensions : public Machine {
     Data version = integer(5);  // the answer to option 3
     bool refusesToAnswer = false;
     bool refusesSecrets = false;
-    std::vector<std::pair<std::uint32_t, Data>> told;
+    std::vector<std::pair<std::uint32_t, Data>> options;
     std::function<void()> onQuestion;
   };
 
@@ -51,7 +51,7 @@ class WithKernelExtensions : public Machine {
     platform::Result<void> setOption(std::uint32_t option,
                                      std::span<const std::uint8_t> bytes) override {
       if (extension_.refusesSecrets) return std::unexpected(platform::Error{});
-      extension_.told.emplace_back(option, Data(bytes.begin(), bytes.end()));
+      extension_.options.emplace_back(option, Data(bytes.begin(), bytes.end()));
       return {};
     }
 
