@@ -1,5 +1,6 @@
 // The cost that the daemon adds to the job host, which starts and keeps the services: the time
 // until a service is back, the time of each evaluation, of its start and of a question, and memory.
+// One file, because all of them measure the same two daemons.
 
 #include <chrono>
 #include <csignal>

@@ -1,3 +1,5 @@
+// One file, because each test runs on both kinds of platform by the same fixture.
+
 #include "Shared/Categories/NSTaskExtensions.h"
 
 #include <array>
