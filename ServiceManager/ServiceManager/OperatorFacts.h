@@ -81,8 +81,7 @@ inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
 inline constexpr char kFactKextLoadedPath[] = "LoadedPath";
 // The process of a loaded user-space extension; 0 while it has none.
 inline constexpr char kFactKextProcess[] = "PID";
-inline constexpr char kFactKextIsConnected[] = "IsConnected";  // its control accepts connections
-inline constexpr char kFactKextIsAnswering[] =
-    "IsAnswering";  // and answers; absent if not connected
+inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control accepts connections
+inline constexpr char kFactKextIsAnswering[] = "IsAnswering";    // answers; absent: unconnected
 inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
 inline constexpr char kFactKextServices[] = "Services";          // the labels that name it
