@@ -307,12 +307,14 @@ Value JobHost::copy(std::string_view label) {
   }
   platform::Dictionary dictionary = *job->dictionary.dictionary();
   // Only the host may set these.
-  for (const char* key : {"PID", "LastExitStatus", "LastExitStatusUnknown"}) dictionary.remove(key);
-  if (job->hasLeader) dictionary.set("PID", job->lastStart.process);
+  for (const char* key :
+       {platform::kJobProcessKey, platform::kJobLastStatusKey, platform::kJobLastStatusUnknownKey})
+    dictionary.remove(key);
+  if (job->hasLeader) dictionary.set(platform::kJobProcessKey, job->lastStart.process);
   if (job->lastEnd && *job->lastEnd) {
-    dictionary.set("LastExitStatus", waitStatusOf(**job->lastEnd));
+    dictionary.set(platform::kJobLastStatusKey, waitStatusOf(**job->lastEnd));
   } else if (job->lastEnd) {
-    dictionary.set("LastExitStatusUnknown", true);
+    dictionary.set(platform::kJobLastStatusUnknownKey, true);
   }
   return dictionary;
 }

@@ -78,7 +78,7 @@ struct JobStatus {
     kPresent,
   };
   Presence presence = Presence::kAbsent;
-  std::optional<ProcessId> process;  // while it runs
+  std::optional<ProcessId> process;  // while it runs; the host writes no number below 1
   Value lastExitStatus;  // a wait status; nil before the first end, and if nobody can know it
 };
 JobStatus jobStatusIn(const Value& copy);

@@ -1,7 +1,5 @@
 #include "ServiceManager/Catalogue/FeatureSwitches.h"
 
-#include <utility>
-
 using namespace platform;
 
 namespace {

@@ -34,6 +34,11 @@ std::vector<std::string> ServiceCatalogue::extensionsOf(Label label) const {
   return names;
 }
 
+std::optional<std::string> ServiceCatalogue::extensionIdentifier(std::string_view kextName) const {
+  const std::string* identifier = extensions()[kextName]["Identifier"].string();
+  return identifier ? std::optional(*identifier) : std::nullopt;
+}
+
 std::set<std::string> ServiceCatalogue::daemonsUsingKext(const std::string& kextName) const {
   std::set<std::string> labels;
   if (!services().dictionary()) return labels;

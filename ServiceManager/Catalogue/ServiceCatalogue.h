@@ -44,6 +44,8 @@ class ServiceCatalogue {
   std::vector<std::string> extensionsOf(Label label) const;
   // The labels of the services that need the extension.
   std::set<std::string> daemonsUsingKext(const std::string& kextName) const;
+  // The identifier of the extension; nothing if the catalogue gives it none.
+  std::optional<std::string> extensionIdentifier(std::string_view kextName) const;
   // The extensions by name, nil without any.
   const platform::Value& extensions() const { return serviceInfo_["KernelExtensions"]; }
 

@@ -58,13 +58,15 @@ std::string_view whyItDoesNotRun(const ServiceSituation& situation) {
   if (situation.job == ServiceJobState::kUnknown) return kReasonUnknown;
   if (!situation.program) return kReasonNoJob;
   if (situation.support != OSSupport::kSupported) return kReasonUnsupported;
+  const std::string_view unwanted = whyUnwanted(situation);
   // A retry starts the service in any mode and looks at neither stops nor switches.
   if (!situation.isRetried) {
     if (const auto refusal = whyNotEvaluated(situation); !refusal.empty()) return refusal;
-    if (const auto unwanted = whyUnwanted(situation); !unwanted.empty()) return unwanted;
+    if (!unwanted.empty()) return unwanted;
   }
   if (situation.program == ProgramState::kMissing) return kReasonNoProgram;
   if (situation.program == ProgramState::kDamaged) return kReasonDamaged;
+  if (!unwanted.empty()) return unwanted;
   return situation.job == ServiceJobState::kHasNoProcess ? kReasonEnded : kReasonNotStarted;
 }
 

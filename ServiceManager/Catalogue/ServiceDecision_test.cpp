@@ -146,6 +146,8 @@ TEST(ServiceDecision, ARetryIgnoresModeStopsAndSwitches) {
        {"stopped", {.isStopped = true, .isRetried = true, .program = kMissing}, "noProgram"},
        {"no match", featureWith({Switch::kDiffers}, {.isRetried = true, .program = kMissing}),
         "noProgram"},
+       {"no match, a sound program", featureWith({Switch::kDiffers}, {.isRetried = true}),
+        "noMatch"},
        {"damaged", {.isRetried = true, .program = ProgramState::kDamaged}, "damaged"},
        {"a sound program", {.operatingMode = kInstallerMode, .isRetried = true}, "notStarted"}},
       ServiceJobState::kAbsent);

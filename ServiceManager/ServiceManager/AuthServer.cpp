@@ -6,6 +6,6 @@
 using namespace platform;
 
 MessageResult AuthServer::receiveMessage(std::string_view selector, const Array& arguments) {
-  if (selector == "retrieveKey") return manager_.retrieveKey();
+  if (selector == "retrieveKey") return secret_;
   return ServerMessage{ORBServiceManager::kClassName, selector, arguments}.unrecognizedSelector();
 }

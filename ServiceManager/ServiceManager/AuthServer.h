@@ -4,18 +4,16 @@
 
 #include "Platform/Messages/NSProxy.h"
 
-class ORBServiceManager;
-
 // The root object of the authenticated daemons' server: "retrieveKey" hands out the secret of this
 // run. Belongs to the main thread. Any other message raises.
 class AuthServer final : public platform::MessageReceiver {
  public:
-  // `manager` outlives this.
-  explicit AuthServer(const ORBServiceManager& manager) : manager_(manager) {}
+  // `secret` outlives this.
+  explicit AuthServer(const platform::Value& secret) : secret_(secret) {}
 
   platform::MessageResult receiveMessage(std::string_view selector,
                                          const platform::Array& arguments) override;
 
  private:
-  const ORBServiceManager& manager_;
+  const platform::Value& secret_;
 };

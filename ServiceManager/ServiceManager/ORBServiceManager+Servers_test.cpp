@@ -37,7 +37,7 @@ class MessagesTest : public ServiceManagerFixture {
 
   InstallerServer installer_{manager()};
   UserInterfaceServer userInterface_{manager()};
-  AuthServer auth_{manager()};
+  AuthServer auth_{manager().secret()};
 };
 
 TEST_F(MessagesTest, TheQueriesAnswerByTheirSelectors) {

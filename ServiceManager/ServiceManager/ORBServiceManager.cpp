@@ -1,6 +1,7 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 #include <chrono>
+#include <map>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/RandomNumber.h"
@@ -104,6 +105,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   makePrimaryServiceClient();
   timers_.startWatchDog([this] { evaluateWaitingForPrimaryServiceOperatingMode(); });
   evaluateForTheFirstTime();
+  userClients_.removeAll();
   servers_.vendServers();
   servers_.vendXPCListeners();
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
@@ -130,6 +132,7 @@ bool ORBServiceManager::makeSecret() {
     return false;
   }
   secret_ = std::move(bytes);
+  extensions_.forgetAll();
   return true;
 }
 
@@ -169,6 +172,8 @@ bool ORBServiceManager::readInstalledCatalogue() {
   };
   const auto list = readServicePlist(platform_.files, platform_.mainBundle.resourcePath());
   if (!list) return announce(list.error());
+  catalogue_ = ServiceCatalogue(*list);  // of all products, until this one is known
+  healthInfo_.reset();
   const auto type = readInstalledProduct(platform_.files, *list);
   if (!type) return announce(type.error());
   product_ = (*type)->installTypeName;

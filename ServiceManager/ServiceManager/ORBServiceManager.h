@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -238,6 +237,15 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // The servers; see VendedServers.h.
   KLXConnectionAuthenticator* connectionAuthenticator() const {
     return servers_.connectionAuthenticator();
+  }
+  const std::shared_ptr<platform::NSProtocolChecker>& installerInterface() const {
+    return servers_.installer().rootObject;
+  }
+  const std::shared_ptr<platform::NSProtocolChecker>& userInterface() const {
+    return servers_.userInterface().rootObject;
+  }
+  const std::shared_ptr<platform::NSProtocolChecker>& deamonProxy() const {
+    return servers_.deamon().rootObject;
   }
   const std::shared_ptr<platform::NSConnection>& installerConnection() const {
     return servers_.installer().connection;

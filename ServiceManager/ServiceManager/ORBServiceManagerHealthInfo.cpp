@@ -6,6 +6,7 @@
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/ServiceManager/ServerMessages.h"
 
 using namespace platform;
 
@@ -223,11 +224,8 @@ void ORBServiceManagerHealthInfo::setServiceNamesToReport(
 }
 
 MessageResult ORBServiceManagerHealthInfo::receiveMessage(std::string_view selector,
-                                                          const Array& /*arguments*/) {
+                                                          const Array& arguments) {
   if (selector == "isReadyToReport") return isReadyToReport();
   if (selector == "getHealthStateForServices") return getHealthStateForServices();
-  return std::unexpected(NSException{
-      kNSInvalidArgumentException,
-      stringWithFormat("-[%s %@]: unrecognized selector sent to instance", kClassName, selector),
-      {}});
+  return ServerMessage{kClassName, selector, arguments}.unrecognizedSelector();
 }

@@ -1,6 +1,7 @@
 #include <chrono>
 
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/Supervision/MonitoringRecord.h"
 
 namespace {
 

@@ -131,7 +131,7 @@ TEST_F(OperatorReasonTest, AServiceIsRetriedWhileAnInstallerIsAtWork) {
   files_.addFile(pathOf("agent"));
   EXPECT_EQ(reasonOf(kAgent), "damaged");
   addProgram("agent");
-  EXPECT_EQ(reasonOf(kAgent), "notStarted");
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");  // The retry starts it all the same.
   loop_.advanceBy(20s);
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_FALSE(isRunning(kHelper));

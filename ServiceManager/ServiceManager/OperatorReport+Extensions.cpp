@@ -5,21 +5,12 @@
 
 using namespace platform;
 
-namespace {
-
-std::optional<std::string> identifierIn(const Value& entry) {
-  const std::string* identifier = entry["Identifier"].string();
-  return identifier ? std::optional(*identifier) : std::nullopt;
-}
-
-}  // namespace
-
 Dictionary OperatorReport::extensions() const {
   Dictionary facts;
   const Value& kexts = environment_.catalogue.extensions();
   if (!kexts.dictionary()) return facts;
   for (const auto& [name, entry] : *kexts.dictionary()) {
-    facts.set(name, factsOfKext(name, identifierIn(entry)));
+    facts.set(name, factsOfKext(name, environment_.catalogue.extensionIdentifier(name)));
   }
   return facts;
 }

@@ -3,10 +3,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
-#include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 #include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Files/Bundle.h"
 #include "Platform/Files/ExtendedAttributes.h"

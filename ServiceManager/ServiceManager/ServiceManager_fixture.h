@@ -189,6 +189,7 @@ class ServiceManagerFixture : public SupervisedMachine {
             attributes_,
             [this](std::function<void()> onReturn) { jobHostReturned_ = std::move(onReturn); },
             [this](const std::function<void(const SettingsClientFactories&)>& ask) {
+              ++askedOnAnotherThread_;
               ask(factories_);
             }};
   }
@@ -248,6 +249,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   platform::ProtocolTable protocols_;
   ProcessOwner owner_{501, 0, 20};
   SettingsClientFactories factories_;
+  int askedOnAnotherThread_ = 0;  // with factories of the calling thread
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;
   std::function<void()> jobHostReturned_;

@@ -22,6 +22,8 @@ class UserInterfaceClients {
   // Only a process that runs is part of the notice.
   void notifyClientsOfService(Label label, std::int64_t withJobStatusChange, std::int64_t andPID);
 
+  void removeAll() { userClients_.clear(); }
+
   // In the order of registration. Shared with all other users of the same object.
   const std::vector<std::shared_ptr<const platform::NSProxy>>& userClients() const {
     return userClients_;

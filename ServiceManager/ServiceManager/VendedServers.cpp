@@ -23,7 +23,7 @@ VendedServers::VendedServers(const Environment& environment, ORBServiceManager& 
       manager_(manager),
       installerServer_(manager),
       userInterfaceServer_(manager),
-      authServer_(manager),
+      authServer_(manager.secret()),
       operatorServer_(manager.report()) {}
 
 VendedServers::~VendedServers() {

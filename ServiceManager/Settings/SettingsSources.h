@@ -5,10 +5,8 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
-#include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Value.h"
 
 // The settings servers that the catalogue's features name as their "Source". Belongs to the main

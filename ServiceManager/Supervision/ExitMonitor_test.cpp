@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "ServiceManager/Supervision/MonitoringRecord.h"
 #include "ServiceManager/Supervision/Supervision_fixture.h"
 
 namespace {

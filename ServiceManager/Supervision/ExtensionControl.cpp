@@ -28,11 +28,6 @@ constexpr Duration kUnloadTime = 1s;
 constexpr Duration kUnloadPause = 200ms;
 constexpr Duration kReloadEvaluationDelay = 5s;
 
-std::optional<std::string> textOf(const Value& value) {
-  const std::string* const text = value.string();
-  return text ? std::optional(*text) : std::nullopt;
-}
-
 bool isRecentEnough(ControlSocket& socket) {
   const auto version = socket.getIntegerOption(kVersionOption);
   return version && version->length >= sizeof version->value &&
@@ -59,9 +54,8 @@ bool ExtensionControl::startAssociatedSystemExtensions(const std::string& label)
   bool haveAllStarted = true;
   for (const std::string& name : environment_.catalogue.extensionsOf(label)) {
     if (kextsLoaded_.contains(name)) continue;
-    const Value entry = environment_.catalogue.extensions()[name];
-    const std::optional<std::string> identifier = textOf(entry["Identifier"]);
-    const Value options = entry["Options"];
+    const std::optional<std::string> identifier = environment_.catalogue.extensionIdentifier(name);
+    const Value options = environment_.catalogue.extensions()[name]["Options"];
     if (loadKextWithIdentifier(identifier, name, options.array() ? *options.array() : Array())) {
       kextsLoaded_.insert(name);
       continue;

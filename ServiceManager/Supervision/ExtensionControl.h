@@ -53,6 +53,7 @@ class ExtensionControl {
   // The extensions of a service that stops stay loaded, and are configured again with its next
   // start.
   void forgetExtensionsOf(const std::string& label);
+  void forgetAll() { kextsLoaded_.clear(); }
 
   // Loads an extension unless it is loaded, and configures it. If it has to be unloaded for that,
   // the services that use it are stopped, and evaluated again 5 seconds later.

@@ -1,5 +1,7 @@
 #include "ServiceManager/Supervision/MonitoringRecords.h"
 
+#include "ServiceManager/Supervision/MonitoringRecord.h"
+
 using namespace platform;
 
 void MonitoringRecords::reset(const Value& services) {

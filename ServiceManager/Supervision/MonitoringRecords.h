@@ -4,7 +4,6 @@
 
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
-#include "ServiceManager/Supervision/MonitoringRecord.h"
 
 // A record for each service of the catalogue. A service without a record has no mark, and can be
 // given none. Belongs to the main thread.

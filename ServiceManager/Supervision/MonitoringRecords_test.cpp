@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ServiceManager/Supervision/MonitoringRecord.h"
+
 namespace {
 
 using namespace platform;

@@ -4,7 +4,7 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/Catalogue/ServiceDecision.h"
+#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -59,9 +59,8 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
   const Value jobInfo = environment_.catalogue.jobInfo(label);
   if (jobInfo.isNil()) return;
   const JobStatus known = environment_.jobs.status(label);
-  ServiceHealth* health = environment_.health.get();
   if (!checkOSSupportForService(label)) {
-    if (health) health->stopMonitoringForService(label);
+    if (environment_.health) environment_.health->stopMonitoringForService(label);
     return;
   }
   const auto job = known.process ? checkRunningService(label, jobInfo, known)
@@ -69,11 +68,11 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
   if (!job) return;
   const bool retry = !job->status.lastExitStatus.isNil() && !job->status.process;
   const bool isWatched = environment_.exits.monitorJobWithIdentifier(label, retry);
-  if (health) {
+  if (environment_.health) {
     if (isWatched && job->extensionsAreConfigured) {
-      health->reportStartForService(label);
+      environment_.health->reportStartForService(label);
     } else {
-      health->reportUnreadyStateForService(label);
+      environment_.health->reportUnreadyStateForService(label);
     }
   }
   if (withCompletionBlock) withCompletionBlock();

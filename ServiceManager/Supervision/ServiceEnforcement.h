@@ -9,12 +9,12 @@
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
+#include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/Supervision/ExitMonitor.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
-#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/ORBSigningValidator.h"
 
 // Makes one service run and be watched, or makes it stop. The decision has been made before.

@@ -258,8 +258,8 @@ Value FakeJobs::copy(std::string_view domain, std::string_view label) {
   const Job* known = find(label);
   if (!known) return {};
   Dictionary dictionary = *known->dictionary.dictionary();
-  if (known->process) dictionary.set("PID", *known->process);
-  if (known->lastExitStatus) dictionary.set("LastExitStatus", *known->lastExitStatus);
+  if (known->process) dictionary.set(kJobProcessKey, *known->process);
+  if (known->lastExitStatus) dictionary.set(kJobLastStatusKey, *known->lastExitStatus);
   return dictionary;
 }
 

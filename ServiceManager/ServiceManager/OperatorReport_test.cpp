@@ -1,0 +1,92 @@
+#include "ServiceManager/ServiceManager/OperatorReport.h"
+
+#include <chrono>
+
+#include "Global Settings/GlobalSettingsClient/FakeSettingsClient_fixture.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/Supervision/Supervision_fixture.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::IsEmpty;
+
+// The report on collaborators of which no daemon takes care.
+class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsClientDelegate {
+ protected:
+  std::int64_t operatingMode_ = ORBOperatingModeNormal;
+  std::optional<std::string> product_ = "product";
+  SettingsClientFactories factories_;
+  SettingsSources sources_{factories_, [this](const auto& ask) { ask(factories_); }, *this};
+  EvaluationTimers timers_{loop_};
+  const OperatorReport report_{{.runLoop = loop_,
+                                .files = files_,
+                                .system = system_,
+                                .validator = validator_,
+                                .extensionsPlatform = extensionsPlatform_,
+                                .catalogue = catalogue_,
+                                .jobs = launchd_,
+                                .records = records_,
+                                .extensions = control_,
+                                .sources = sources_,
+                                .timers = timers_,
+                                .health = health_,
+                                .product = product_,
+                                .operatingMode = operatingMode_}};
+};
+
+TEST_F(OperatorReportTest, TheOverviewHasEachServiceWithItsMarks) {
+  records_.trackServiceForUserClientShutdownRequest(kHelper, true);
+  const Value overview = report_.overview();
+  EXPECT_EQ(overview[kFactProduct], Value("product"));
+  EXPECT_EQ(overview[kFactPrimary], Value(kPrimary));
+  EXPECT_EQ(overview[kFactServices].dictionary()->size(), 3u);
+  EXPECT_EQ(overview[kFactServices][kHelper][kFactIsStopped], Value(true));
+  EXPECT_EQ(overview[kFactServices][kAgent][kFactIsStopped], Value(false));
+}
+
+TEST_F(OperatorReportTest, AnEmptyCatalogueHasNoService) {
+  catalogue_ = {};
+  EXPECT_THAT(*report_.overview()[kFactServices].dictionary(), IsEmpty());
+  EXPECT_TRUE(report_.factsOfService(kAgent).isNil());
+  EXPECT_THAT(report_.extensions(), IsEmpty());
+}
+
+TEST_F(OperatorReportTest, EachTimerIsReportedByItsRemainingTime) {
+  timers_.startWatchDog([] {});
+  timers_.startReevaluationTimer([] {});
+  timers_.startSettingsChangeTimer([] {});
+  loop_.advanceBy(500ms);
+  const Value overview = report_.overview();
+  EXPECT_EQ(overview[kFactRetryIn], Value(19.5));
+  EXPECT_EQ(overview[kFactSettingsEvaluationIn], Value(1.5));
+  EXPECT_EQ(overview[kFactWatchDogIn], Value(899.5));
+}
+
+TEST_F(OperatorReportTest, AServicesFactsFollowItsJob) {
+  EXPECT_EQ(report_.factsOfService(kAgent)[kFactJob], Value());
+  EXPECT_EQ(report_.factsOfService(kAgent)[kFactReason], Value("notStarted"));
+  enforcement_.enforceRunningForService(kAgent, nullptr);
+  EXPECT_EQ(report_.factsOfService(kAgent)[kFactJob], Value(Dictionary{{"PID", process(kAgent)}}));
+  EXPECT_EQ(report_.factsOfService(kAgent)[kFactReason], Value("core"));
+}
+
+TEST_F(OperatorReportTest, AReportMakesNoClientAndLogsNothing) {
+  Dictionary all = catalogue(
+      {{kPrimary, entry("configd")}, {kAgent, entry("agent", {{"Features", Array{"web"}}})}});
+  const Dictionary config{{"Source", "common"}, {"Switches", Dictionary{{"on", 1}}}};
+  all.set("Features", Dictionary{{"web", Dictionary{{"Config", Array{config}}}}});
+  use(all);
+  const Value facts = report_.factsOfService(kAgent);
+  EXPECT_EQ((*facts[kFactSwitches].array())[0][kFactOutcome], Value(kOutcomeNotAsked));
+  EXPECT_FALSE(sources_.configurationClients());
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(OperatorReportTest, OnlyLabelsOfThisProductsServicesHaveJobs) {
+  const Value jobs = report_.jobsOfServices({kAgent, "com.example.unknown", 5, Value()});
+  EXPECT_EQ(jobs, Value(Dictionary{{kAgent, Dictionary()}}));
+}
+
+}  // namespace
