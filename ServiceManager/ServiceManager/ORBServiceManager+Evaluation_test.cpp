@@ -139,6 +139,35 @@ TEST_F(EvaluationTest, APendingShutdownIsNotWithdrawn) {
   EXPECT_FALSE(isRunning(kScanner));
 }
 
+TEST_F(EvaluationTest, ASwitchTurnedBackOnRestartsTheService) {
+  useScannerWithSwitches({{"mode", "on"}});
+  settings("common")["mode"] = "on";
+  manager().evaluateSystemConfiguration();
+  const int first = process(kScanner);
+  settings("common")["mode"] = "off";
+  manager().evaluateSystemConfiguration();
+  settings("common")["mode"] = "on";
+  manager().evaluateSystemConfiguration();
+  EXPECT_EQ(process(kScanner), first);
+  loop_.advanceBy(3s);  // The stop is not withdrawn, and the end that it causes is evaluated.
+  EXPECT_TRUE(isRunning(kScanner));
+  EXPECT_NE(process(kScanner), first);
+}
+
+TEST_F(EvaluationTest, ASwitchTurnedOffAndOnWithinTwoSecondsStopsNothing) {
+  useScannerWithSwitches({{"mode", "on"}});
+  settings("common")["mode"] = "on";
+  manager().evaluateSystemConfiguration();
+  const int first = process(kScanner);
+  for (const char* mode : {"off", "on"}) {
+    settings("common")["mode"] = mode;
+    post("KLXGlobalSettingsDidChangeNotification");
+    loop_.advanceBy(900ms);
+  }
+  loop_.advanceBy(10s);
+  EXPECT_EQ(process(kScanner), first);
+}
+
 TEST_F(EvaluationTest, AnAbsentSwitchShutsTheServiceDownWithAWarning) {
   useHealth();
   settings("common")["another"] = 1;
