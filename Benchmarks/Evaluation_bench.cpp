@@ -71,15 +71,8 @@ struct Settings final : MessageReceiver {
 };
 
 void serveSettings(const TemporaryFolder& root, int started) {
-  ProductProgram program(root);
-  KLXConnectionAuthenticator authenticator(program.system);
   Settings settings;
-  const auto server = program.connections.makeConnection();
-  server->setDelegate(&authenticator);
-  server->setRootObject(std::make_shared<NSProtocolChecker>(
-      &settings, program.protocols.find(kKLXGlobalSettingsProtocol)));
-  if (!server->registerName("com.vantor.CommonPreferences") || !announceStart(started)) return;
-  program.loop->run();
+  serveObject(root, started, "com.vantor.CommonPreferences", kKLXGlobalSettingsProtocol, settings);
 }
 
 void serveJobs(const TemporaryFolder& root, int started) {

@@ -67,16 +67,22 @@ ProductServer::~ProductServer() {
 
 bool announceStart(int started) { return ::write(started, "y", 1) == 1; }
 
-void serveStatus(const TemporaryFolder& root, int started) {
+void serveObject(const TemporaryFolder& root, int started, const char* name, const char* protocol,
+                 MessageReceiver& object) {
   ProductProgram program(root);
   KLXConnectionAuthenticator authenticator(program.system);
-  Status status;
   const auto server = program.connections.makeConnection();
   server->setDelegate(&authenticator);
-  server->setRootObject(std::make_shared<NSProtocolChecker>(
-      &status, program.protocols.find(kORBServiceManagerConfigurationServerStatusProtocol)));
-  if (!server->registerName("com.vantor.service.configd.status") || !announceStart(started)) return;
+  server->setRootObject(
+      std::make_shared<NSProtocolChecker>(&object, program.protocols.find(protocol)));
+  if (!server->registerName(name) || !announceStart(started)) return;
   program.loop->run();
+}
+
+void serveStatus(const TemporaryFolder& root, int started) {
+  Status status;
+  serveObject(root, started, "com.vantor.service.configd.status",
+              kORBServiceManagerConfigurationServerStatusProtocol, status);
 }
 
 }  // namespace benchmarks

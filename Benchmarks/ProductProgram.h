@@ -9,6 +9,7 @@
 #include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
 #include "Platform/Logging/LogSink.h"
 #include "Platform/Logging/SystemLog.h"
+#include "Platform/Messages/NSProxy.h"
 #include "Platform/Messages/Protocol.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Notifications/NotificationCenter.h"
@@ -51,6 +52,10 @@ class ProductServer {
 
 // False if the process that has forked the server is gone.
 [[nodiscard]] bool announceStart(int started);
+
+// Serves the object by a name of the product until the process is killed.
+void serveObject(const platform::TemporaryFolder& root, int started, const char* name,
+                 const char* protocol, platform::MessageReceiver& object);
 
 // The configuration server as far as the daemon asks it: it is up. A daemon that starts beside it
 // is in normal mode at once.
