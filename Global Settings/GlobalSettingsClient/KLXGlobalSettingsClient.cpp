@@ -137,6 +137,7 @@ void KLXGlobalSettingsClient::serverDidStart(const DistributedNotification& noti
 
 const MethodDescription* KLXGlobalSettingsClient::methodSignatureForSelector(
     std::string_view selector) const {
+  // By hand, as in VantorDistantObject.
   static const platform::Protocol own("KLXGlobalSettingsClient",
                                       {{"initWithServiceName:startUpNotificationName:andDelegate:"},
                                        {"initWithServiceName:andDelegate:"},

@@ -32,4 +32,12 @@ Result<std::size_t> peerBodyBytes(const NSException& exception);
 // check above, because it recurses as deep as they do.
 std::size_t endpointsIn(const Value& value);
 
+// The failures that each transport reports in the same words.
+inline std::unexpected<NSException> raisedNoAnswer() {
+  return raised(kNSPortTimeoutException, "No answer in time.");
+}
+inline Error connectionEnded() {
+  return Error{ErrorCode::kNotFound, 0, "the connection has ended"};
+}
+
 }  // namespace platform

@@ -21,6 +21,8 @@ constexpr mode_t kControlFolderMode = 0700;
 
 std::string controlFolder(std::string_view root) { return pathBelowRoot(root, kControlFolder); }
 
+// The strictest of the folders in run/vantor: only its owner may enter it, and a folder with
+// another mode is refused and not changed, because a socket in it may already be another user's.
 Result<void> makeControlFolder(const std::string& root) {
   const std::string path = controlFolder(root);
   if (auto made = makeParentFolders(path); !made) return made;

@@ -60,6 +60,8 @@ Result<gid_t> groupNumber(const std::string& name) {
       Error{ErrorCode::kNotFound, number, fmt::format("there is no group \"{}\"", name)});
 }
 
+// Opens the folder, so that its group and mode are set on what was checked. Whatever mode it has is
+// replaced at each start: the configured group may be another one.
 Result<UniqueFd> makeAndOpen(const std::string& path) {
   if (auto made = makeParentFolders(path); !made) {
     made.error().code = codeOfFolderError(made.error().osError);

@@ -6,20 +6,15 @@
 
 #include "Platform/Linux/Peers/DBusPeerLink.h"
 #include "Platform/Peers/PeerLimits.h"
+#include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/RunLoops/TimerQueue.h"
 
 namespace platform {
 
 namespace {
 
-std::unexpected<NSException> raisedTimeout() {
-  return raised(kNSPortTimeoutException, "No answer in time.");
-}
-
 // The interval at which a blocking call checks whether the peer has read the files before it.
 constexpr Duration kFileCheckInterval = std::chrono::milliseconds(2);
-
-Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
 
 }  // namespace
 
@@ -53,7 +48,7 @@ MessageResult DBusPeerLink::call(std::string_view selector, const Array& argumen
   }
   while (!hasRoom(*encoded)) {
     if (!isConnected()) return raisedGone();
-    if (!waitForRoom(deadline)) return raisedTimeout();
+    if (!waitForRoom(deadline)) return raisedNoAnswer();
   }
   auto serial = transmit(*encoded);
   if (!serial) return raisedGone();
@@ -74,7 +69,7 @@ MessageResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
       return decodeAnswer(found->second.answer.get(), contents_);
     }
     if (ended_ || closed_) return raisedGone();
-    if (loop_.now() >= deadline) return raisedTimeout();
+    if (loop_.now() >= deadline) return raisedNoAnswer();
     if (whileWaiting == WhileWaiting::kServe && serveOneRequest()) continue;
     if (!isConnected()) {
       sources_->scheduleDispatch();  // The dispatch finds that it is dead.
@@ -134,12 +129,12 @@ void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, 
   if (timeout == Duration::max()) return;
   entry.timer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial = *serial] {
     auto expired = outstanding_.extract(serial);
-    if (!expired.empty()) expired.mapped().completion(raisedTimeout());
+    if (!expired.empty()) expired.mapped().completion(raisedNoAnswer());
   });
 }
 
 Result<void> DBusPeerLink::send(std::string_view selector, const Array& arguments) {
-  if (!isConnected()) return std::unexpected(gone());
+  if (!isConnected()) return std::unexpected(connectionEnded());
   auto encoded = encodeMessage(selector, arguments, PeerMessageKind::kOneWay, contents_);
   if (!encoded) return std::unexpected(std::move(encoded.error()));
   if (!hasRoom(*encoded)) {
@@ -151,7 +146,7 @@ Result<void> DBusPeerLink::send(std::string_view selector, const Array& argument
 }
 
 Result<void> DBusPeerLink::answer(std::uint32_t serial, const MessageResult& result) {
-  if (!isConnected()) return std::unexpected(gone());
+  if (!isConnected()) return std::unexpected(connectionEnded());
   Result<void> outcome;
   auto encoded = encodeAnswer(serial, result, contents_);
   if (!encoded) {

@@ -20,8 +20,6 @@ namespace platform {
 
 namespace {
 
-Error gone() { return Error{ErrorCode::kNotFound, 0, "the connection has ended"}; }
-
 // A name that can't be guessed.
 class FakeEndpoint final : public NSXPCListenerEndpoint {
  public:
@@ -269,7 +267,7 @@ MessageResult FakePeerTransport::End::call(std::string_view selector, const Arra
   auto entry = outstanding_.extract(serial);
   if (process_.waitingIn_.empty()) process_.serveAll();
   if (!entry.empty() && entry.mapped().answer) return *entry.mapped().answer;
-  return inTime ? raisedGone() : raised(kNSPortTimeoutException, "No answer in time.");
+  return inTime ? raisedGone() : raisedNoAnswer();
 }
 
 // Stores answers for blocking calls at once.
@@ -311,12 +309,12 @@ void FakePeerTransport::End::callAsync(std::string_view selector, const Array& a
   entry.timer = loop().startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial] {
     auto expired = outstanding_.extract(serial);
     if (expired.empty()) return;
-    expired.mapped().completion(raised(kNSPortTimeoutException, "No answer in time."));
+    expired.mapped().completion(raisedNoAnswer());
   });
 }
 
 Result<void> FakePeerTransport::End::send(std::string_view selector, const Array& arguments) {
-  if (!isConnected()) return std::unexpected(gone());
+  if (!isConnected()) return std::unexpected(connectionEnded());
   const auto bytes = checkedBytes(selector, arguments, contents_);
   if (!bytes) return std::unexpected(bytes.error());
   if (!transmit({Item::Kind::kRequest, 0, std::string(selector), arguments, {}, *bytes})) {
@@ -326,7 +324,7 @@ Result<void> FakePeerTransport::End::send(std::string_view selector, const Array
 }
 
 Result<void> FakePeerTransport::End::answer(std::uint32_t serial, const MessageResult& result) {
-  if (!isConnected()) return std::unexpected(gone());
+  if (!isConnected()) return std::unexpected(connectionEnded());
   Item item{Item::Kind::kAnswer, serial, {}, {}, result, 0};
   const auto bytes = result ? peerBodyBytes(result->isNil() ? Array{} : Array{*result}, contents_)
                             : peerBodyBytes(result.error());

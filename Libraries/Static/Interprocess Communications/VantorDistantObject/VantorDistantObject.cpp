@@ -30,6 +30,8 @@ namespace {
 constexpr double kSlowServerTimeout = 300.0;
 constexpr char kNilProxyException[] = "VantorNilProxyException";
 
+// The methods of the class itself, for respondsToSelector: and methodSignatureForSelector:. The
+// language can't list them. No program of ours asks, but both operations belong to the class.
 const Protocol& ownMethods() {
   static const Protocol methods("VantorDistantObject",
                                 {{"init"},
