@@ -1,5 +1,6 @@
 // A host without space for its state file, or without a valid one.
 
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <string>

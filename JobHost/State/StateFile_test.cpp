@@ -1,5 +1,7 @@
 #include "JobHost/State/StateFile.h"
 
+#include <cstring>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

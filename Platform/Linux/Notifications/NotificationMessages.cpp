@@ -4,6 +4,7 @@
 
 #include "Platform/Linux/DBus/DBusValues.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Notifications/DistributedObservers.h"
 #include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/Texts/StringFormat.h"
 
