@@ -232,6 +232,7 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   job.lastStart = state_->countStart(*record);
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
+  if (onStarted_) onStarted_(job.label, *process);
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
   return {};

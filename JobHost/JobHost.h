@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "JobHost/Definitions/DaemonFolder.h"
@@ -91,6 +92,11 @@ class JobHost {
   // exit that has happened. Nil if there is no such job.
   platform::Value copy(std::string_view label);
 
+  // Called after a process of a job has been started, from inside the call that started it. It may
+  // not call this.
+  using StartHandler = std::function<void(const std::string& label, platform::ProcessId process)>;
+  void setStartHandler(StartHandler handler) { onStarted_ = std::move(handler); }
+
   // Every job's label, sorted.
   std::vector<std::string> labels() const;
 
@@ -170,6 +176,7 @@ class JobHost {
   std::size_t totalCost_ = 0;  // of all jobs
   Labels removedByClient_;
   std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
+  StartHandler onStarted_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   // Callbacks check by it whether this still exists.

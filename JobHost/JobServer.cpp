@@ -50,6 +50,9 @@ Result<std::unique_ptr<JobServer>> JobServer::listen(RunLoop& loop, PeerTranspor
       });
   if (!listener) return std::unexpected(std::move(listener.error()));
   server->listener_ = *std::move(listener);
+  host.setStartHandler([raw = server.get()](const std::string& label, ProcessId process) {
+    for (auto& [id, client] : raw->clients_) client.starts.started(label, process);
+  });
   return server;
 }
 
@@ -66,7 +69,8 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
   }
   const ClientId id = ++lastClient_;
   connection->setHandlers(
-      {.message = [this, isAllowed](PeerMessage message) { serve(isAllowed, std::move(message)); },
+      {.message = [this, id,
+                   isAllowed](PeerMessage message) { serve(id, isAllowed, std::move(message)); },
        .death =
            [this, id, isAllowed, peer](const Error& why) {
              // Don't log a peer that closed its connection, nor one whose refusal was logged when
@@ -77,20 +81,20 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
              }
              clients_.erase(id);
            }});
-  clients_.emplace(id, std::move(connection));
+  clients_[id].connection = std::move(connection);
 }
 
-void JobServer::serve(bool isAllowed, PeerMessage message) {
+void JobServer::serve(ClientId client, bool isAllowed, PeerMessage message) {
   if (!message.reply) return;  // No message of this host is one-way.
   if (message.selector == kMayChangeJobsMessage) return answer(message.reply, Value(isAllowed));
-  if (isAllowed) return serveAllowed(std::move(message));
+  if (isAllowed) return serveAllowed(client, std::move(message));
   answer(
       message.reply,
       answerOfFailure(LaunchdError::kNotAuthorized,
                       fmt::format("only root and user {} may use the jobs of this host", user_)));
 }
 
-void JobServer::serveAllowed(PeerMessage message) {
+void JobServer::serveAllowed(ClientId client, PeerMessage message) {
   if (message.selector == kSubmitJobMessage) return submit(std::move(message));
   if (message.selector == kRemoveJobMessage) return remove(std::move(message));
   if (message.selector == kCopyJobStatesMessage) return answer(message.reply, copyStates());
@@ -98,6 +102,9 @@ void JobServer::serveAllowed(PeerMessage message) {
     const std::string* label = message.arguments.front().string();
     return answer(message.reply,
                   label ? MessageResult(host_.copy(*label)) : wrongArgument(message, "a label"));
+  }
+  if (message.selector == kAwaitJobStartsMessage) {
+    return clients_.at(client).starts.await(std::move(message.reply));
   }
   answer(message.reply,
          std::unexpected(NSException{kNSInvalidArgumentException,

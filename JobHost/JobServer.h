@@ -7,6 +7,7 @@
 #include <string>
 
 #include "JobHost/JobHost.h"
+#include "JobHost/StartSubscription.h"
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Peers/PeerTransport.h"
@@ -30,16 +31,21 @@ class JobServer {
 
   JobServer(const JobServer&) = delete;
   JobServer& operator=(const JobServer&) = delete;
+  ~JobServer() { host_.setStartHandler({}); }
 
  private:
   using ClientId = std::uint64_t;
+  struct Client {
+    std::unique_ptr<platform::PeerConnection> connection;
+    StartSubscription starts;
+  };
 
   JobServer(platform::RunLoop& loop, std::uint32_t user, JobHost& host, platform::SystemLog& log)
       : user_(user), host_(host), log_(log), refusals_(loop, log, "jobhost") {}
 
   void accept(std::unique_ptr<platform::PeerConnection> connection);
-  void serve(bool isAllowed, platform::PeerMessage message);
-  void serveAllowed(platform::PeerMessage message);
+  void serve(ClientId client, bool isAllowed, platform::PeerMessage message);
+  void serveAllowed(ClientId client, platform::PeerMessage message);
   void submit(platform::PeerMessage message);
   void remove(platform::PeerMessage message);
   platform::Value copyStates();
@@ -48,7 +54,7 @@ class JobServer {
   JobHost& host_;
   platform::SystemLog& log_;
   platform::RefusalLog refusals_;
-  std::map<ClientId, std::unique_ptr<platform::PeerConnection>> clients_;
+  std::map<ClientId, Client> clients_;
   ClientId lastClient_ = 0;
   std::unique_ptr<platform::PeerListener>
       listener_;  // Last, to be destroyed first: it calls accept().

@@ -206,6 +206,7 @@ TEST_F(JobServerTest, OtherUsersAreToldThatTheyMayNot) {
       {kRemoveJobMessage, {kAgent, false}},
       {kCopyJobMessage, {kAgent}},
       {kCopyJobStatesMessage, {}},
+      {kAwaitJobStartsMessage, {}},
       {"inventedMessage", {}},
   };
   for (const auto& [selector, arguments] : requests) {
@@ -293,6 +294,61 @@ TEST_F(JobServerTest, TheServerMayEndWhileAClientWaits) {
   ASSERT_TRUE(*answer && !**answer);
   EXPECT_EQ((**answer).error().name, kNSInvalidSendPortException);
   EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, StartsAreReportedToAClientThatAsked) {
+  const Answer first = ask(kAwaitJobStartsMessage, {});
+  EXPECT_FALSE(*first);
+  submitJob({{"ThrottleInterval", 5}});
+  EXPECT_EQ(value(first), Value(Dictionary{{kAgent, lastProcess()}}));
+  processes_.end(lastProcess());
+  const Answer second = ask(kAwaitJobStartsMessage, {});
+  EXPECT_FALSE(*second);
+  loop_.advanceBy(5s);
+  EXPECT_EQ(value(second), Value(Dictionary{{kAgent, lastProcess()}}));
+}
+
+TEST_F(JobServerTest, StartsBetweenTwoRequestsAreCollected) {
+  const Answer first = ask(kAwaitJobStartsMessage, {});
+  submitJob({{"Label", "first"}});
+  EXPECT_TRUE(*first);
+  submitJob({{"Label", "second"}});
+  submitJob({{"Label", "third"}});
+  const ProcessId process = lastProcess();
+  EXPECT_EQ(value(ask(kAwaitJobStartsMessage, {})),
+            Value(Dictionary{{"second", process - 1}, {"third", process}}));
+  EXPECT_FALSE(*ask(kAwaitJobStartsMessage, {}));
+}
+
+TEST_F(JobServerTest, AFailedStartIsNotReported) {
+  const Answer starts = ask(kAwaitJobStartsMessage, {});
+  processes_.failure = Error{ErrorCode::kSystem, ENOEXEC, "executing /opt/agent"};
+  ask(kSubmitJobMessage, {job()});
+  EXPECT_FALSE(*starts);
+}
+
+TEST_F(JobServerTest, ASecondRequestForStartsEndsTheFirst) {
+  const Answer first = ask(kAwaitJobStartsMessage, {});
+  const Answer second = ask(kAwaitJobStartsMessage, {});
+  EXPECT_EQ(value(first), Value(Dictionary()));
+  EXPECT_FALSE(*second);
+}
+
+TEST_F(JobServerTest, AClientThatDoesNotAskAgainKeepsABoundedNumberOfStarts) {
+  ask(kAwaitJobStartsMessage, {});
+  for (std::size_t i = 0; i < StartSubscription::kMaximumLabels + 2; ++i) {
+    submitJob({{"Label", "job" + std::to_string(i)}});
+  }
+  EXPECT_EQ(value(ask(kAwaitJobStartsMessage, {})).dictionary()->size(),
+            StartSubscription::kMaximumLabels);
+}
+
+TEST_F(JobServerTest, AClientThatHasGoneIsNoLongerTold) {
+  ask(kAwaitJobStartsMessage, {});
+  rootClient_->transport.die();
+  loop_.runReady();
+  Client next(network_, 0);
+  EXPECT_EQ(error(ask(next, kSubmitJobMessage, {job()})), std::nullopt);
 }
 
 TEST_F(JobServerTest, ASocketThatIsTakenIsAnError) {

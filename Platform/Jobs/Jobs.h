@@ -2,10 +2,13 @@
 
 #include <cstdint>
 #include <expected>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/KernelIds.h"
 #include "Platform/Values/Value.h"
@@ -63,6 +66,15 @@ class Jobs {
   // that a job that may well run does not count as gone.
   [[nodiscard]] virtual Value SMJobCopyDictionary(std::string_view domain,
                                                   std::string_view label) = 0;
+
+  using StartObserver = std::move_only_function<void(std::string_view label)>;
+
+  // Calls `observer` after the host has started a process of any job, also after a throttle: on the
+  // run loop, never from inside a call of this object, and once for several starts of one job that
+  // happen before the loop turns. Destroying the handle ends that. Starts are lost while no host is
+  // connected (the observer then waits for the next host by itself) and while this program does not
+  // turn for very long, so an observer may only look earlier at what it would look at anyway.
+  [[nodiscard]] virtual std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) = 0;
 };
 
 // The keys of a copy that say how the job is; the rest is the dictionary as it was submitted.

@@ -5,87 +5,14 @@
 //   INSTANTIATE_TEST_SUITE_P(Fake, JobsContract, testing::Values(&makeFakeMachine));
 
 #include <csignal>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/Jobs/Jobs.h"
+#include "Platform/Jobs/JobsAsync_contract.h"
+#include "Platform/Jobs/JobsFixture_contract.h"
 
 namespace platform {
-
-// A machine with a job host without jobs, and with programs for jobs.
-class JobsMachine {
- public:
-  virtual ~JobsMachine() = default;
-
-  virtual Jobs& jobs() = 0;
-
-  // A program that runs until it gets SIGTERM, and one that ignores SIGTERM.
-  virtual std::string program() = 0;
-  virtual std::string stubbornProgram() = 0;
-  // A path for "StandardOutPath" of the job `label`, and a wait until its process has written
-  // there. The stubborn program writes after it has started to ignore SIGTERM.
-  virtual std::string outputPath() = 0;
-  virtual void awaitOutput(const std::string& label) = 0;
-  // The path of a file that can't be executed.
-  virtual std::string unstartableProgram() = 0;
-
-  // Ends the job's process by SIGKILL, and returns when it has ended.
-  virtual void kill(const std::string& label, ProcessId process) = 0;
-  // Whether there is such a process.
-  virtual bool isRunning(ProcessId process) = 0;
-  // Returns when the job has a process other than this, after at most a minute.
-  virtual void awaitProcessAfter(const std::string& label, ProcessId process) = 0;
-
-  // The host ends, its jobs continue.
-  virtual void stopHost() = 0;
-  virtual void startHost() = 0;
-  // Starts the host shortly after this call has returned.
-  virtual void startHostSoon() = 0;
-};
-
-class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> (*)()> {
- protected:
-  static constexpr char kLabel[] = "com.example.agent";
-  static constexpr char kDomain[] = "kSMDomainSystemLaunchd";
-
-  Value job(const std::string& program, Dictionary more = {}) {
-    Dictionary dictionary{{"Label", kLabel}, {"Program", program}, {"KeepAlive", true}};
-    for (const auto& [key, value] : more) dictionary.set(key, value);
-    return dictionary;
-  }
-
-  void submit(const Value& job) {
-    const auto submitted = jobs_.SMJobSubmit(kDomain, job, nullptr);
-    EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
-  }
-
-  std::expected<void, NSError> remove(bool wait = true) {
-    return jobs_.SMJobRemove(kDomain, kLabel, nullptr, wait);
-  }
-
-  Value copy() { return jobs_.SMJobCopyDictionary(kDomain, kLabel); }
-
-  ProcessId process() {
-    const auto process = copy()["PID"].integer();
-    EXPECT_GT(process.value_or(0), 0);
-    return static_cast<ProcessId>(process.value_or(0));
-  }
-
-  static void expectError(const std::expected<void, NSError>& result, LaunchdError code) {
-    ASSERT_FALSE(result);
-    EXPECT_EQ(result.error().domain, kCFErrorDomainLaunchd);
-    EXPECT_EQ(result.error().code, static_cast<int>(code)) << result.error().localizedDescription;
-    EXPECT_NE(result.error().localizedDescription, "");
-  }
-
-  std::unique_ptr<JobsMachine> machine_ = GetParam()();
-  Jobs& jobs_ = machine_->jobs();
-};
 
 TEST_P(JobsContract, ASubmittedJobRunsAtOnce) {
   submit(job(machine_->program()));
@@ -257,7 +184,5 @@ TEST_P(JobsContract, CallsWaitForARestartingHost) {
   machine_->startHostSoon();
   EXPECT_EQ(process(), first);
 }
-
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(JobsContract);
 
 }  // namespace platform

@@ -114,6 +114,7 @@ class AuthorizationProbe final : public Jobs {
     return {};
   }
   Value SMJobCopyDictionary(std::string_view, std::string_view) override { return {}; }
+  std::unique_ptr<RunLoopHandle> observeStarts(StartObserver) override { return nullptr; }
   std::vector<const AuthorizationRef*> given;
 };
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,6 +33,17 @@ class Client {
   EmbeddedAuthorization& authorization() { return authorization_; }
   VirtualRunLoop& waits() { return waits_; }
 
+  // Runs both loops until `done` holds, for at most a minute.
+  void runUntil(const std::function<bool()>& done) {
+    const Instant deadline = loop_->now() + 1min;
+    const auto timer = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
+      waits_.advanceBy(1ms);
+      if (done() || loop_->now() >= deadline) loop_->stop();
+    });
+    loop_->run();
+    EXPECT_TRUE(done());
+  }
+
  private:
   std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
   DBusPeerTransport transport_{*loop_};
@@ -59,6 +71,11 @@ class RealJobsMachine final : public JobsMachine {
     }
     ADD_FAILURE() << "the job has no other process";
   }
+  void runBriefly() override {
+    const Instant until = client_.waits().now() + 100ms;
+    client_.runUntil([&] { return client_.waits().now() >= until; });
+  }
+  void runUntil(const std::function<bool()>& done) override { client_.runUntil(done); }
   void stopHost() override { root_.killHost(); }
   void startHost() override { root_.startHost(); }
   void startHostSoon() override {

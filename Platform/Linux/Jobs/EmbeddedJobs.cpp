@@ -20,6 +20,9 @@ constexpr Duration kJobsAnswerTimeOut = 30s;
 // job that is never killed.
 constexpr std::int64_t kLongestExitTimeOut = 3600;
 
+// How soon a request for the starts of jobs that has failed is made again.
+constexpr Duration kStartsRetryInterval = 1s;
+
 NSError launchdErrorOf(LaunchdError code, std::string text) {
   return NSError{kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)};
 }
@@ -117,6 +120,41 @@ void EmbeddedJobs::removeAsync(std::string_view label, Removed removed) {
                       if (!failure || isDone(*failure, answer->wasRepeated)) return removed({});
                       removed(std::unexpected(*failure));
                     });
+}
+
+std::unique_ptr<RunLoopHandle> EmbeddedJobs::observeStarts(StartObserver observer) {
+  auto handle = startObservers_.add(std::move(observer));
+  awaitStarts();
+  return handle;
+}
+
+// One request is always pending. The host collects the starts that happen between two requests, so
+// a client that does not turn for a while gets one answer and no flood.
+void EmbeddedJobs::awaitStarts() {
+  if (isAwaitingStarts_) return;
+  isAwaitingStarts_ = true;
+  client_.callAsync(kAwaitJobStartsMessage, {}, Duration::max(),
+                    [this, alive = std::weak_ptr(alive_)](const auto& answer) {
+                      if (!alive.expired()) startsReported(answer);
+                    });
+}
+
+void EmbeddedJobs::startsReported(const Result<JobHostClient::Answer>& answer) {
+  isAwaitingStarts_ = false;
+  if (startObservers_.empty()) return;
+  const Dictionary* started = answer ? answer->value.dictionary() : nullptr;
+  if (!started) {
+    // The host is absent, or refuses this caller, or is an older one that does not know the
+    // request.
+    isAwaitingStarts_ = true;
+    startsRetry_ = client_.loop().startTimer(kStartsRetryInterval, RunLoop::Repeat::kOnce, [this] {
+      isAwaitingStarts_ = false;
+      awaitStarts();
+    });
+    return;
+  }
+  awaitStarts();
+  for (const auto& [label, process] : *started) startObservers_.report(label);
 }
 
 // The time-out of a removal that waits for the end.

@@ -2,8 +2,10 @@
 
 #include <expected>
 #include <functional>
+#include <memory>
 #include <string_view>
 
+#include "Platform/Jobs/JobStartObservers.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
 
@@ -23,6 +25,7 @@ class EmbeddedJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;
 
   // For the operator's command, which shows all jobs, and the reason if there are none to show.
 
@@ -39,8 +42,15 @@ class EmbeddedJobs final : public Jobs {
   std::expected<JobHostClient::Answer, NSError> ask(std::string_view selector,
                                                     const Array& arguments, Duration timeout);
   Duration removalTime(std::string_view label);
+  void awaitStarts();
+  void startsReported(const Result<JobHostClient::Answer>& answer);
 
   JobHostClient& client_;
+  JobStartObservers startObservers_;
+  bool isAwaitingStarts_ = false;  // a request is pending, or its retry
+  std::unique_ptr<RunLoopHandle> startsRetry_;
+  // Callbacks check by it whether this still exists.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace platform

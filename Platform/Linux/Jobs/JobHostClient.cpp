@@ -218,6 +218,7 @@ void JobHostClient::callAsync(std::string_view selector, const Array& arguments,
   const RequestId id = ++lastRequest_;
   requests_.emplace(id, Request{std::string(selector), arguments, timeout, std::move(completion),
                                 loop_.now() + restartTimeOut_, false, nullptr});
+  if (connection_) return ask(id);
   retryLater(id, Duration::zero());
 }
 
@@ -229,10 +230,10 @@ void JobHostClient::retryLater(RequestId id, Duration delay) {
 void JobHostClient::ask(RequestId id) {
   Request& request = requests_.at(id);
   if (!connection_) {
-    if (const auto connected = connectOnce(); !connected) {
-      if (isTransient(connected.error()) && loop_.now() < request.deadline) {
-        return retryLater(id, kReconnectInterval);
-      }
+    if (const auto connected = connectOnce(kProbeTimeOut); !connected) {
+      const bool mayRetry = loop_.now() < request.deadline;
+      if (mayRetry && isTransient(connected.error())) return retryLater(id, kReconnectInterval);
+      if (mayRetry && isHung_) return retryLater(id, kProbeInterval);
       return complete(id, std::unexpected(unreachable(connected.error(), socket_)));
     }
   }

@@ -58,6 +58,8 @@ class JobHostClient {
   // answer. Otherwise it is set if the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
+  RunLoop& loop() const { return loop_; }
+
   // Makes the next call wait for an absent host again.
   void waitAgain() { isKnownAbsent_ = false; }
 
@@ -70,8 +72,10 @@ class JobHostClient {
   using Completion = std::move_only_function<void(Result<Answer>)>;
 
   // The same without blocking: the client tries to reach an absent host, and repeats the request if
-  // the host ends, while the loop goes on. Only connecting blocks. The completion runs once, on the
-  // loop and never from inside this call. It does not run if this is destroyed before.
+  // the host ends, while the loop goes on. Only connecting blocks, for kProbeTimeOut at most. The
+  // completion runs once, on the loop and never from inside this call. It does not run if this is
+  // destroyed before. On an existing connection the host gets the request before those of later
+  // calls.
   void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                  Completion completion);
 

@@ -30,6 +30,12 @@ inline constexpr char kCopyJobMessage[] = "copyJob:";
 // Answer: a dictionary that has for each label a dictionary with only that state.
 inline constexpr char kCopyJobStatesMessage[] = "copyJobStates";
 
+// Answer: a dictionary that has for each label of which a process was started since this caller's
+// last such request the process's number. Answered when there is one; the caller's first request
+// waits for the next start. A later request of the same caller ends this one with an empty
+// dictionary.
+inline constexpr char kAwaitJobStartsMessage[] = "awaitJobStarts";
+
 // Answer: a boolean, whether this caller may change jobs. Also serves as a ping.
 inline constexpr char kMayChangeJobsMessage[] = "mayChangeJobs";
 

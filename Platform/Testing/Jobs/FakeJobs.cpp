@@ -105,7 +105,9 @@ void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string
 
 void FakeJobs::setReachable(bool reachable) {
   reachable_ = reachable;
+  isObserved_ = false;
   if (!reachable) return;
+  loop_.scheduleOutsideEvent(kRetryInterval, [this] { isObserved_ = reachable_; });
   // Jobs that a host finds at its start.
   for (const auto& [label, job] : jobs_) {
     if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
@@ -159,6 +161,7 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   job.ignoresTermination = false;
   ++job.starts;
   exitWatcher_.startProcess(*job.process);
+  if (isObserved_) loop_.post([this, label] { startObservers_.report(label); });
   return {};
 }
 

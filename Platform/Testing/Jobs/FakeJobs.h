@@ -3,12 +3,14 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "Platform/Jobs/JobStartObservers.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/Testing/Processes/FakeExitWatcher.h"
@@ -45,7 +47,8 @@ class FakeJobs final : public Jobs {
   void setOnSubmitted(std::function<void()> call) { onSubmitted_ = std::move(call); }
   void setOnCopied(std::function<void()> call) { onCopied_ = std::move(call); }
 
-  // Whether the host answers. Without it its jobs continue, but are not restarted.
+  // Whether the host answers. Without it its jobs continue, but are not restarted. The starts at
+  // the beginning of the next host are not reported to observers.
   void setReachable(bool reachable);
 
   // Whether the host accepts changes from this caller and lets it read.
@@ -64,6 +67,9 @@ class FakeJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override {
+    return startObservers_.add(std::move(observer));
+  }
 
   // The beginning of every call: waits for an absent host as long as the real client does, and then
   // not again before the host has been there.
@@ -102,7 +108,9 @@ class FakeJobs final : public Jobs {
   std::function<void()> onSubmitted_;
   std::function<void()> onCopied_;
   int copies_ = 0;
+  JobStartObservers startObservers_;
   bool reachable_ = true;
+  bool isObserved_ = true;  // the observers have reached the present host
   bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;
   ProcessId lastProcess_ = 5000;

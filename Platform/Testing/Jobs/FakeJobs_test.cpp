@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <functional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,6 +33,11 @@ class FakeJobsMachine final : public JobsMachine {
   void awaitProcessAfter(const std::string& label, ProcessId process) override {
     loop_.advanceBy(1min);
     EXPECT_NE(jobs_.process(label).value_or(process), process);
+  }
+  void runBriefly() override { loop_.advanceBy(100ms); }
+  void runUntil(const std::function<bool()>& done) override {
+    for (int i = 0; i < 1200 && !done(); ++i) loop_.advanceBy(50ms);
+    EXPECT_TRUE(done());
   }
   void stopHost() override { jobs_.setReachable(false); }
   void startHost() override { jobs_.setReachable(true); }

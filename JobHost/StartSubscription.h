@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/Values/KernelIds.h"
+#include "Platform/Values/Value.h"
+
+namespace jobhost {
+
+// The starts of jobs that one client is told of (kAwaitJobStartsMessage). A client that does not
+// ask again gets nothing, and costs at most kMaximumLabels labels.
+class StartSubscription {
+ public:
+  static constexpr std::size_t kMaximumLabels = 1024;
+
+  // Answers now if a process was started since the last answer, and otherwise at the next start.
+  void await(std::unique_ptr<platform::PeerReply> reply);
+
+  // A process was started. Ignored before the first await(). Dropped if the client has left too
+  // many labels unread.
+  void started(const std::string& label, platform::ProcessId process);
+
+ private:
+  void answer();
+
+  bool isActive_ = false;
+  platform::Dictionary unread_;                 // process by label
+  std::unique_ptr<platform::PeerReply> reply_;  // null while the client has not asked again
+};
+
+}  // namespace jobhost

@@ -1,0 +1,84 @@
+#pragma once
+
+// The contract of Jobs: what the run loop delivers.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Jobs/JobsFixture_contract.h"
+
+namespace platform {
+
+TEST_P(JobsContract, AStartIsReported) {
+  EXPECT_TRUE(copy().isNil());  // connects
+  std::vector<std::string> started;
+  const auto observation =
+      jobs_.observeStarts([&](std::string_view label) { started.emplace_back(label); });
+  submit(job(machine_->program()));
+  EXPECT_EQ(started.size(), 0u);  // never from inside a call
+  machine_->runUntil([&] { return !started.empty(); });
+  EXPECT_THAT(started, testing::ElementsAre(kLabel));
+}
+
+TEST_P(JobsContract, ARestartIsReported) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  const ProcessId first = process();
+  ProcessId reported = first;
+  const auto observation = jobs_.observeStarts([&](std::string_view) { reported = process(); });
+  machine_->kill(kLabel, first);
+  machine_->runUntil([&] { return reported != first; });
+}
+
+TEST_P(JobsContract, ADroppedObserverIsNotCalled) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  std::string first, second;
+  auto dropped = jobs_.observeStarts([&](std::string_view label) { first = label; });
+  const auto kept = jobs_.observeStarts([&](std::string_view label) { second = label; });
+  dropped.reset();
+  machine_->kill(kLabel, process());
+  machine_->runUntil([&] { return !second.empty(); });
+  EXPECT_EQ(first, "");
+}
+
+TEST_P(JobsContract, AnObserverMayEndItself) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  int calls = 0;
+  std::unique_ptr<RunLoopHandle> observation = jobs_.observeStarts([&](std::string_view) {
+    ++calls;
+    observation.reset();
+  });
+  std::string other;
+  const auto kept = jobs_.observeStarts([&](std::string_view label) { other = label; });
+  for (int i = 0; i < 2; ++i) {
+    other.clear();
+    machine_->kill(kLabel, process());
+    machine_->runUntil([&] { return !other.empty(); });
+  }
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_P(JobsContract, ObserversSurviveARestartOfTheHost) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  int reports = 0;
+  const auto observation = jobs_.observeStarts([&](std::string_view) { ++reports; });
+  machine_->kill(kLabel, process());
+  machine_->runUntil([&] { return reports > 0; });
+  machine_->runBriefly();
+  const int before = reports;
+  machine_->stopHost();
+  machine_->startHost();
+  // The first of these may happen before the observer has reached the new host.
+  for (int i = 0; i < 100 && reports == before; ++i) {
+    const ProcessId last = process();
+    machine_->kill(kLabel, last);
+    machine_->awaitProcessAfter(kLabel, last);
+    machine_->runBriefly();
+  }
+  EXPECT_GT(reports, before);
+}
+
+}  // namespace platform
