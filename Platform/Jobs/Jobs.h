@@ -41,8 +41,8 @@ class AuthorizationRef;
 // A job's dictionary is launchd's: "Label" and "Program" or "ProgramArguments", and other keys of
 // launchd.plist(5). Unknown keys are kept.
 //
-// Each call blocks until the host has answered, for a limited time, and belongs to the run loop's
-// thread. It waits for a restarting host for at most 5 seconds.
+// Everything belongs to the run loop's thread. The calls with launchd's names block until the host
+// has answered, for a limited time. All wait for a restarting host for at most 5 seconds.
 class Jobs {
  public:
   virtual ~Jobs() = default;
@@ -66,6 +66,15 @@ class Jobs {
   // that a job that may well run does not count as gone.
   [[nodiscard]] virtual Value SMJobCopyDictionary(std::string_view domain,
                                                   std::string_view label) = 0;
+
+  using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
+
+  // The same as SMJobRemove() with `wait`, for as long, but the run loop goes on meanwhile. The
+  // host gets the request before those of later calls, if it is connected. `removed` is called
+  // once, on the run loop and never from inside a call of this object, and not after this is
+  // destroyed.
+  virtual void removeJob(std::string_view domain, std::string_view label,
+                         const AuthorizationRef* authorization, Removed removed) = 0;
 
   using StartObserver = std::move_only_function<void(std::string_view label)>;
 

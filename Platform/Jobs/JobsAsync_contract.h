@@ -1,7 +1,8 @@
 #pragma once
 
-// The contract of Jobs: what the run loop delivers.
+// The contract of Jobs: its calls that do not block.
 
+#include <expected>
 #include <memory>
 #include <string>
 #include <vector>
@@ -79,6 +80,83 @@ TEST_P(JobsContract, ObserversSurviveARestartOfTheHost) {
     machine_->runBriefly();
   }
   EXPECT_GT(reports, before);
+}
+
+TEST_P(JobsContract, ARemovalThatDoesNotBlockIsDoneAfterTheProcessesEnd) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  const auto removed = await(removeLater());
+  EXPECT_TRUE(removed) << removed.error().localizedDescription;
+  EXPECT_FALSE(machine_->isRunning(first));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, TheHostAnswersWhileARemovalWaits) {
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  const Outcome removed = removeLater();
+  machine_->runBriefly();
+  EXPECT_FALSE(*removed);
+  EXPECT_EQ(process(), first);
+  Dictionary other = *job(machine_->program()).dictionary();
+  other.set("Label", "com.example.other");
+  submit(other);
+  EXPECT_TRUE(jobs_.SMJobRemove(kDomain, "com.example.other", nullptr, true));
+  EXPECT_FALSE(*removed);
+  machine_->kill(kLabel, first);
+  EXPECT_TRUE(await(removed));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, AStubbornProcessIsKilledByARemovalThatDoesNotBlock) {
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  EXPECT_TRUE(await(removeLater()));
+  EXPECT_FALSE(machine_->isRunning(first));
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, TwoRemovalsOfAJobAreBothDone) {
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  const Outcome one = removeLater();
+  const Outcome two = removeLater();
+  machine_->runBriefly();
+  machine_->kill(kLabel, first);
+  EXPECT_TRUE(await(one));
+  EXPECT_TRUE(await(two));
+}
+
+TEST_P(JobsContract, ARemovalThatDoesNotBlockFailsLikeTheOther) {
+  expectError(await(removeLater()), LaunchdError::kNoSuchJob);
+  expectError(await(removeLater("kSMDomainUserLaunchd")), LaunchdError::kUnavailable);
+  submit(job(machine_->program()));
+  machine_->stopHost();
+  expectError(await(removeLater()), LaunchdError::kUnavailable);
+  machine_->startHost();
+  EXPECT_TRUE(await(removeLater()));
+}
+
+TEST_P(JobsContract, ARemovalGoesOnWithTheNextHost) {
+  submit(job(machine_->stubbornProgram(),
+             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
+  machine_->awaitOutput(kLabel);
+  const ProcessId first = process();
+  const Outcome removed = removeLater();
+  machine_->runBriefly();
+  machine_->stopHost();
+  machine_->startHost();
+  machine_->runBriefly();
+  EXPECT_FALSE(*removed);
+  machine_->kill(kLabel, first);
+  EXPECT_TRUE(await(removed));
+  EXPECT_TRUE(copy().isNil());
 }
 
 }  // namespace platform

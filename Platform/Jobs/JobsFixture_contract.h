@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -67,6 +68,23 @@ class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> 
 
   std::expected<void, NSError> remove(bool wait = true) {
     return jobs_.SMJobRemove(kDomain, kLabel, nullptr, wait);
+  }
+
+  using Outcome = std::shared_ptr<std::optional<std::expected<void, NSError>>>;
+
+  // Empty until the removal is done.
+  Outcome removeLater(const char* domain = kDomain) {
+    auto outcome = std::make_shared<std::optional<std::expected<void, NSError>>>();
+    jobs_.removeJob(domain, kLabel, nullptr, [outcome](auto removed) {
+      EXPECT_FALSE(*outcome);
+      *outcome = std::move(removed);
+    });
+    EXPECT_FALSE(*outcome);
+    return outcome;
+  }
+  std::expected<void, NSError> await(const Outcome& outcome) {
+    machine_->runUntil([&] { return outcome->has_value(); });
+    return outcome->value_or(std::unexpected(NSError{"no outcome", 0, ""}));
   }
 
   Value copy() { return jobs_.SMJobCopyDictionary(kDomain, kLabel); }

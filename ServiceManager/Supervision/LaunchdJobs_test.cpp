@@ -114,6 +114,10 @@ class AuthorizationProbe final : public Jobs {
     return {};
   }
   Value SMJobCopyDictionary(std::string_view, std::string_view) override { return {}; }
+  void removeJob(std::string_view, std::string_view, const AuthorizationRef* authorization,
+                 Removed) override {
+    given.push_back(authorization);
+  }
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver) override { return nullptr; }
   std::vector<const AuthorizationRef*> given;
 };

@@ -109,10 +109,11 @@ int JobsCommands::remove(const Connected& to) const {
                        label_, (*job)["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut)),
                    readerOf(STDERR_FILENO), warn);
   std::expected<void, NSError> outcome;
-  to.jobs.removeAsync(label_, [&](std::expected<void, NSError> removed) {
-    outcome = std::move(removed);
-    to.loop.stop();
-  });
+  to.jobs.removeJob(kSMDomainSystemLaunchd, label_, nullptr,
+                    [&](std::expected<void, NSError> removed) {
+                      outcome = std::move(removed);
+                      to.loop.stop();
+                    });
   to.loop.run();
   progress.reset();
   if (!outcome) return to.refuse(outcome.error());

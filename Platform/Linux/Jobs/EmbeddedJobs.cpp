@@ -55,6 +55,20 @@ bool isDone(const NSError& error, bool wasRepeated) {
   return wasRepeated && error.code == static_cast<int>(LaunchdError::kNoSuchJob);
 }
 
+std::expected<void, NSError> outcomeOfRemoval(const Result<JobHostClient::Answer>& answer) {
+  if (!answer) return std::unexpected(launchdErrorOf(answer.error()));
+  const auto failure = failureIn(answer->value);
+  if (!failure || isDone(*failure, answer->wasRepeated)) return {};
+  return std::unexpected(*failure);
+}
+
+// The time-out of a removal that waits for the end of this job.
+Duration removalTime(const Value& job) {
+  std::int64_t seconds = job["ExitTimeOut"].integer().value_or(kDefaultExitTimeOut);
+  if (seconds <= 0) seconds = kLongestExitTimeOut;  // Never killed.
+  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kJobsAnswerTimeOut;
+}
+
 NSError malformedAnswer() {
   return launchdErrorOf(LaunchdError::kInternal, "the job host's answer is malformed");
 }
@@ -82,12 +96,8 @@ std::expected<void, NSError> EmbeddedJobs::SMJobRemove(std::string_view domain,
                                                        std::string_view label,
                                                        const AuthorizationRef*, bool wait) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const Duration time = wait ? removalTime(label) : kJobsAnswerTimeOut;
-  const auto answer = ask(kRemoveJobMessage, Array{label, wait}, time);
-  if (!answer) return std::unexpected(answer.error());
-  const auto failure = failureIn(answer->value);
-  if (!failure || isDone(*failure, answer->wasRepeated)) return {};
-  return std::unexpected(*failure);
+  const Duration time = wait ? removalTime(copyJob(label).value_or(Value())) : kJobsAnswerTimeOut;
+  return outcomeOfRemoval(client_.call(kRemoveJobMessage, Array{label, wait}, time));
 }
 
 Value EmbeddedJobs::SMJobCopyDictionary(std::string_view domain, std::string_view label) {
@@ -112,14 +122,28 @@ std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
   return *answer->value.dictionary();
 }
 
-void EmbeddedJobs::removeAsync(std::string_view label, Removed removed) {
-  client_.callAsync(kRemoveJobMessage, Array{label, true}, removalTime(label),
-                    [removed = std::move(removed)](Result<JobHostClient::Answer> answer) mutable {
-                      if (!answer) return removed(std::unexpected(launchdErrorOf(answer.error())));
-                      const auto failure = failureIn(answer->value);
-                      if (!failure || isDone(*failure, answer->wasRepeated)) return removed({});
-                      removed(std::unexpected(*failure));
+// The host gets two requests at once. The answer to the first, a copy of the job, limits the
+// second.
+void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
+                             const AuthorizationRef*, Removed removed) {
+  if (auto checked = checkDomain(domain); !checked) {
+    client_.loop().post([alive = std::weak_ptr(alive_), removed = std::move(removed),
+                         error = std::move(checked.error())]() mutable {
+      if (!alive.expired()) removed(std::unexpected(std::move(error)));
+    });
+    return;
+  }
+  const auto removal = std::make_shared<JobHostClient::RequestId>();
+  client_.callAsync(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut,
+                    [this, alive = std::weak_ptr(alive_), removal](const auto& answer) {
+                      if (alive.expired()) return;
+                      client_.limit(*removal, removalTime(answer ? answer->value : Value()));
                     });
+  *removal = client_.callAsync(
+      kRemoveJobMessage, Array{label, true}, removalTime(Dictionary{{"ExitTimeOut", 0}}),
+      [alive = std::weak_ptr(alive_), removed = std::move(removed)](const auto& answer) mutable {
+        if (!alive.expired()) removed(outcomeOfRemoval(answer));
+      });
 }
 
 std::unique_ptr<RunLoopHandle> EmbeddedJobs::observeStarts(StartObserver observer) {
@@ -155,15 +179,6 @@ void EmbeddedJobs::startsReported(const Result<JobHostClient::Answer>& answer) {
   }
   awaitStarts();
   for (const auto& [label, process] : *started) startObservers_.report(label);
-}
-
-// The time-out of a removal that waits for the end.
-Duration EmbeddedJobs::removalTime(std::string_view label) {
-  const auto job = copyJob(label);
-  const auto exitTimeOut = job ? (*job)["ExitTimeOut"].integer() : std::nullopt;
-  std::int64_t seconds = exitTimeOut.value_or(kDefaultExitTimeOut);
-  if (seconds <= 0) seconds = kLongestExitTimeOut;  // Never killed.
-  return std::chrono::seconds(std::min(seconds, kLongestExitTimeOut)) + kJobsAnswerTimeOut;
 }
 
 }  // namespace platform

@@ -14,8 +14,6 @@ namespace platform {
 // The jobs of this platform root's own job host.
 class EmbeddedJobs final : public Jobs {
  public:
-  using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
-
   // `client` outlives this.
   explicit EmbeddedJobs(JobHostClient& client) : client_(client) {}
 
@@ -25,6 +23,8 @@ class EmbeddedJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  void removeJob(std::string_view domain, std::string_view label,
+                 const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;
 
   // For the operator's command, which shows all jobs, and the reason if there are none to show.
@@ -34,14 +34,10 @@ class EmbeddedJobs final : public Jobs {
   // The state of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
   // "LastExitStatusUnknown" as far as they apply.
   std::expected<Dictionary, NSError> copyJobStates();
-  // SMJobRemove() that waits for the end without blocking. Only its first step, a copyJob() for the
-  // time-out, blocks. The callback runs once, on the loop and never from inside this call.
-  void removeAsync(std::string_view label, Removed removed);
 
  private:
   std::expected<JobHostClient::Answer, NSError> ask(std::string_view selector,
                                                     const Array& arguments, Duration timeout);
-  Duration removalTime(std::string_view label);
   void awaitStarts();
   void startsReported(const Result<JobHostClient::Answer>& answer);
 

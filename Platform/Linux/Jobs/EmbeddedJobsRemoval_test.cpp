@@ -34,7 +34,7 @@ class AsynchronousRemovalTest : public EmbeddedJobsTest {
 
   std::shared_ptr<Outcome> startRemoval() {
     auto removed = std::make_shared<Outcome>();
-    jobs_.removeAsync(kLabel, [removed](auto outcome) {
+    jobs_.removeJob(kSMDomainSystemLaunchd, kLabel, nullptr, [removed](auto outcome) {
       EXPECT_FALSE(*removed);
       *removed = std::move(outcome);
     });
@@ -166,12 +166,62 @@ TEST_F(AsynchronousRemovalTest, ARequestToAHungHostTimesOutAndIsNotRepeated) {
   EXPECT_EQ(kept_.size(), 1u);
 }
 
+TEST_F(AsynchronousRemovalTest, AHungHostDoesNotHoldUpTheLoop) {
+  startHost(keeping());
+  std::shared_ptr<Outcome> removed;
+  EXPECT_EQ(timeOf([&] { removed = startRemoval(); }), 0s);
+  loop_.runReady();
+  ASSERT_EQ(kept_.size(), 2u);
+  EXPECT_EQ(kept_[0].selector, kCopyJobMessage);
+  EXPECT_EQ(kept_[1].selector, kRemoveJobMessage);
+  loop_.advanceBy(80s - 1ns);  // 30 s for the copy, then as long as an unknown job may need
+  EXPECT_FALSE(*removed);
+  loop_.advanceBy(1ns);
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kInternal, "did not answer within 50 s");
+  EXPECT_TRUE(kept_[1].reply->answer(Value()));  // A late answer is dropped.
+  loop_.runReady();
+}
+
+TEST_F(AsynchronousRemovalTest, TheRequestComesBeforeThoseOfLaterCalls) {
+  startHost(answering(Value()));
+  EXPECT_TRUE(submit());
+  host_->asked.clear();
+  const auto removed = startRemoval();
+  EXPECT_TRUE(submit());
+  EXPECT_THAT(host_->asked, ElementsAre("copyJob:", "removeJob:wait:", "submitJob:"));
+}
+
+TEST_F(AsynchronousRemovalTest, AJobThatIsNeverKilledGetsAnHour) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kCopyJobMessage) return kept_.push_back(std::move(message));
+    answering(Dictionary{{"Label", kLabel}, {"ExitTimeOut", 0}})(std::move(message));
+  });
+  const auto removed = startRemoval();
+  loop_.advanceBy(1h);
+  EXPECT_FALSE(*removed);
+  loop_.advanceBy(30s);
+  ASSERT_TRUE(*removed);
+  expectError(**removed, LaunchdError::kInternal, "did not answer within 3630 s");
+}
+
+TEST_F(AsynchronousRemovalTest, AnotherDomainIsAnError) {
+  std::optional<std::expected<void, NSError>> removed;
+  jobs_.removeJob("kSMDomainUserLaunchd", kLabel, nullptr,
+                  [&](auto outcome) { removed = std::move(outcome); });
+  EXPECT_FALSE(removed);
+  loop_.runReady();
+  ASSERT_TRUE(removed);
+  expectError(*removed, LaunchdError::kUnavailable, "kSMDomainUserLaunchd");
+}
+
 TEST_F(AsynchronousRemovalTest, AClientWithoutARestartTimeOutStillWaitsForARestart) {
   JobHostClient impatient(transport_, loop_, kSocket, Duration::zero());
   EmbeddedJobs jobs(impatient);
   startHost(keepingRemovals());
   std::optional<std::expected<void, NSError>> removed;
-  jobs.removeAsync(kLabel, [&](auto outcome) { removed = std::move(outcome); });
+  jobs.removeJob(kSMDomainSystemLaunchd, kLabel, nullptr,
+                 [&](auto outcome) { removed = std::move(outcome); });
   loop_.runReady();
   host_->die();
   loop_.advanceBy(2s);

@@ -213,13 +213,26 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
   }
 }
 
-void JobHostClient::callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                              Completion completion) {
+JobHostClient::RequestId JobHostClient::callAsync(std::string_view selector, const Array& arguments,
+                                                  Duration timeout, Completion completion) {
   const RequestId id = ++lastRequest_;
   requests_.emplace(id, Request{std::string(selector), arguments, timeout, std::move(completion),
-                                loop_.now() + restartTimeOut_, false, nullptr});
-  if (connection_) return ask(id);
-  retryLater(id, Duration::zero());
+                                loop_.now() + restartTimeOut_, false, nullptr, nullptr});
+  if (connection_) {
+    ask(id);
+  } else {
+    retryLater(id, Duration::zero());
+  }
+  return id;
+}
+
+void JobHostClient::limit(RequestId id, Duration timeout) {
+  const auto found = requests_.find(id);
+  if (found == requests_.end()) return;
+  found->second.limitTimer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, id, timeout] {
+    complete(id, std::unexpected(
+                     unanswered(NSException{kNSPortTimeoutException, {}, {}}, socket_, timeout)));
+  });
 }
 
 void JobHostClient::retryLater(RequestId id, Duration delay) {
@@ -243,7 +256,9 @@ void JobHostClient::ask(RequestId id) {
 }
 
 void JobHostClient::answered(RequestId id, MessageResult result) {
-  const Request& request = requests_.at(id);
+  const auto found = requests_.find(id);
+  if (found == requests_.end()) return;  // Its limit() has completed it.
+  const Request& request = found->second;
   if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
   const bool hasEnded = result.error().name == kNSInvalidSendPortException;
   // Keep the connection until it reports its death: other requests may still be completed.

@@ -20,6 +20,8 @@ namespace platform {
 // restarted. Belongs to the run loop's thread.
 class JobHostClient {
  public:
+  using RequestId = std::uint64_t;
+
   // How long to wait for a host that has ended: as long as a restart takes.
   static constexpr Duration kRestartTimeOut = std::chrono::seconds(5);
   // After a call has timed out, the host gets this long to answer a ping. That tells a slow host
@@ -76,12 +78,12 @@ class JobHostClient {
   // completion runs once, on the loop and never from inside this call. It does not run if this is
   // destroyed before. On an existing connection the host gets the request before those of later
   // calls.
-  void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                 Completion completion);
+  RequestId callAsync(std::string_view selector, const Array& arguments, Duration timeout,
+                      Completion completion);
+  // Gives a request of callAsync() only this long from now on. Does nothing if it is completed.
+  void limit(RequestId id, Duration timeout);
 
  private:
-  using RequestId = std::uint64_t;
-
   static constexpr Duration kConnectTimeOut = std::chrono::seconds(5);
 
   // A request of callAsync() without an answer yet.
@@ -93,6 +95,7 @@ class JobHostClient {
     Instant deadline;  // for connecting to a host
     bool wasRepeated = false;
     std::unique_ptr<RunLoopHandle> retryTimer;  // null while the host has the request
+    std::unique_ptr<RunLoopHandle> limitTimer;  // null without a limit()
   };
 
   std::expected<void, PeerConnectFailure> connectOnce(Duration timeout = kConnectTimeOut);

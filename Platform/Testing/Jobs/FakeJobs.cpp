@@ -83,7 +83,10 @@ const FakeJobs::Job* FakeJobs::find(std::string_view label) const {
 void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
   Job& ended = job(label);
   end(ended, status);
-  if (ended.removing) return static_cast<void>(jobs_.erase(std::string(label)));
+  if (ended.removing) {
+    jobs_.erase(std::string(label));
+    return serveRemovals();
+  }
   if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
 }
 
@@ -106,12 +109,16 @@ void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string
 void FakeJobs::setReachable(bool reachable) {
   reachable_ = reachable;
   isObserved_ = false;
-  if (!reachable) return;
+  if (!reachable) {
+    for (PendingRemoval& removal : removals_) removal.giveUpAt = loop_.now() + kRestartTimeOut;
+    return loop_.scheduleOutsideEvent(kRestartTimeOut, [this] { serveRemovals(); });
+  }
   loop_.scheduleOutsideEvent(kRetryInterval, [this] { isObserved_ = reachable_; });
   // Jobs that a host finds at its start.
   for (const auto& [label, job] : jobs_) {
     if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
   }
+  serveRemovals();
 }
 
 std::vector<std::string> FakeJobs::labels() const {
@@ -230,18 +237,53 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
     jobs_.erase(found);
     return {};
   }
-  if (!removed.removing) {
-    const Duration exitTimeOut = secondsOf(removed.dictionary, "ExitTimeOut", kExitTimeOut);
-    removed.removing = true;
-    loop_.scheduleOutsideEvent(exitTimeOut,
-                               [this, process = *removed.process, name = found->first] {
-                                 if (this->process(name) == process) {
-                                   endProcess(name, {ExitStatus::Kind::kSignalled, SIGKILL});
-                                 }
-                               });
-  }
+  if (!std::exchange(removed.removing, true)) killLater(found->first, removed);
   if (wait) awaitRemoval(label);
   return {};
+}
+
+void FakeJobs::killLater(const std::string& label, const Job& job) {
+  const Duration exitTimeOut = secondsOf(job.dictionary, "ExitTimeOut", kExitTimeOut);
+  if (exitTimeOut == Duration::zero()) return;  // never
+  loop_.scheduleOutsideEvent(exitTimeOut, [this, process = *job.process, label] {
+    if (this->process(label) == process) {
+      endProcess(label, {ExitStatus::Kind::kSignalled, SIGKILL});
+    }
+  });
+}
+
+void FakeJobs::removeJob(std::string_view domain, std::string_view label, const AuthorizationRef*,
+                         Removed removed) {
+  removals_.push_back({std::string(domain), std::string(label), std::move(removed), false,
+                       loop_.now() + kRestartTimeOut});
+  if (!reachable_) loop_.scheduleOutsideEvent(kRestartTimeOut, [this] { serveRemovals(); });
+  serveRemovals();
+}
+
+void FakeJobs::serveRemovals() {
+  std::erase_if(removals_, [this](PendingRemoval& removal) { return serveRemoval(removal); });
+}
+
+// Whether the removal is completed.
+bool FakeJobs::serveRemoval(PendingRemoval& removal) {
+  if (!reachable_ && removal.domain == kSMDomainSystemLaunchd) {
+    if (loop_.now() < removal.giveUpAt) return false;
+    return complete(removal, failure(LaunchdError::kUnavailable, "the job host can't be reached"));
+  }
+  if (!std::exchange(removal.hasBegun, true)) {
+    if (auto begun = SMJobRemove(removal.domain, removal.label, nullptr, false); !begun) {
+      return complete(removal, std::move(begun));
+    }
+  }
+  const Job* const job = find(removal.label);
+  return (!job || !job->removing) && complete(removal, {});
+}
+
+bool FakeJobs::complete(PendingRemoval& removal, std::expected<void, NSError> outcome) {
+  loop_.post([removed = std::move(removal.removed), outcome = std::move(outcome)]() mutable {
+    removed(std::move(outcome));
+  });
+  return true;
 }
 
 void FakeJobs::awaitRemoval(std::string_view label) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -67,6 +68,8 @@ class FakeJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  void removeJob(std::string_view domain, std::string_view label,
+                 const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override {
     return startObservers_.add(std::move(observer));
   }
@@ -88,6 +91,15 @@ class FakeJobs final : public Jobs {
     bool removing = false;
   };
 
+  // A removal that does not block.
+  struct PendingRemoval {
+    std::string domain;
+    std::string label;
+    Removed removed;
+    bool hasBegun = false;  // the host has the request
+    Instant giveUpAt;       // while there is no host
+  };
+
   std::expected<void, NSError> submit(std::string_view domain, const Value& job);
   Value copy(std::string_view domain, std::string_view label);
   Job& job(std::string_view label);
@@ -99,12 +111,17 @@ class FakeJobs final : public Jobs {
   void startAgain(const std::string& label);
   void end(Job& job, ExitStatus status);
   void awaitRemoval(std::string_view label);
+  void killLater(const std::string& label, const Job& job);
+  void serveRemovals();
+  bool serveRemoval(PendingRemoval& removal);
+  bool complete(PendingRemoval& removal, std::expected<void, NSError> outcome);
 
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label
+  std::list<PendingRemoval> removals_;
   std::function<void()> onSubmitted_;
   std::function<void()> onCopied_;
   int copies_ = 0;
