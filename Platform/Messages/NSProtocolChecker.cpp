@@ -1,5 +1,9 @@
 #include "Platform/Messages/NSProtocolChecker.h"
 
+#include <memory>
+#include <string>
+#include <utility>
+
 #include "Platform/Texts/StringFormat.h"
 
 namespace platform {
@@ -13,20 +17,37 @@ bool NSProtocolChecker::conformsToProtocol(std::string_view protocolName) const 
   return protocol_ != nullptr && protocol_->name() == protocolName;
 }
 
-MessageResult NSProtocolChecker::sendMessage(std::string_view selector,
-                                             const Array& arguments) const {
+std::optional<NSException> NSProtocolChecker::refusal(std::string_view selector,
+                                                      const Array& arguments) const {
+  const auto refused = [](std::string reason) {
+    return NSException{kNSInvalidArgumentException, std::move(reason), {}};
+  };
   const MethodDescription* method = methodSignatureForSelector(selector);
   if (method == nullptr)
-    return raised(kNSInvalidArgumentException,
-                  stringWithFormat("-[%@ %@]: unrecognized selector", className(), selector));
+    return refused(stringWithFormat("-[%@ %@]: unrecognized selector", className(), selector));
   if (arguments.size() != method->argumentCount())
-    return raised(kNSInvalidArgumentException,
-                  stringWithFormat("-[%@ %@]: %lu arguments", className(), selector,
-                                   static_cast<unsigned long>(arguments.size())));
+    return refused(stringWithFormat("-[%@ %@]: %lu arguments", className(), selector,
+                                    static_cast<unsigned long>(arguments.size())));
   if (target_ == nullptr)
-    return raised(kNSInvalidArgumentException,
-                  stringWithFormat("-[%@ %@]: no target", className(), selector));
-  return target_->receiveMessage(selector, arguments);
+    return refused(stringWithFormat("-[%@ %@]: no target", className(), selector));
+  return std::nullopt;
+}
+
+MessageResult NSProtocolChecker::sendMessage(std::string_view selector,
+                                             const Array& arguments) const {
+  const auto answer = std::make_shared<std::optional<MessageResult>>();  // shared with the reply
+  sendMessageAsync(selector, arguments,
+                   MessageReply([answer](MessageResult result) { *answer = std::move(result); }));
+  if (*answer) return std::move(**answer);
+  return raised(kNSInvalidArgumentException,
+                stringWithFormat("-[%@ %@]: the answer comes later", className(), selector));
+}
+
+void NSProtocolChecker::sendMessageAsync(std::string_view selector, const Array& arguments,
+                                         MessageReply reply) const {
+  if (auto refused = refusal(selector, arguments))
+    return reply.answer(std::unexpected(std::move(*refused)));
+  target_->takeMessage(selector, arguments, std::move(reply));
 }
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "Platform/Messages/NSProxy.h"
@@ -12,7 +13,7 @@ class NSProtocolChecker final : public NSProxy {
  public:
   // Both outlive this. Without a target it only answers questions about the protocol, and a message
   // raises NSInvalidArgumentException. Without a protocol no message is passed on.
-  NSProtocolChecker(MessageReceiver* target, const Protocol* protocol)
+  NSProtocolChecker(MessageTarget* target, const Protocol* protocol)
       : target_(target), protocol_(protocol) {}
 
   const Protocol* protocol() const { return protocol_; }
@@ -25,10 +26,16 @@ class NSProtocolChecker final : public NSProxy {
 
   std::string_view className() const override { return "NSProtocolChecker"; }
   bool conformsToProtocol(std::string_view protocolName) const override;
+  // Raises NSInvalidArgumentException, too, if the target has not answered yet.
   MessageResult sendMessage(std::string_view selector, const Array& arguments) const override;
+  void sendMessageAsync(std::string_view selector, const Array& arguments,
+                        MessageReply reply) const override;
 
  private:
-  MessageReceiver* target_;
+  // The exception for a message that the target must not get.
+  std::optional<NSException> refusal(std::string_view selector, const Array& arguments) const;
+
+  MessageTarget* target_;
   const Protocol* protocol_;
 };
 

@@ -69,5 +69,43 @@ TEST(NSProtocolCheckerTest, WithoutAProtocolItAdmitsNothing) {
             "-[NSProtocolChecker wave]: unrecognized selector");
 }
 
+// An object that answers later.
+struct LateTarget final : MessageTarget {
+  void takeMessage(std::string_view, const Array&, MessageReply reply) override {
+    kept = std::move(reply);
+  }
+  MessageReply kept;
+};
+
+TEST(NSProtocolCheckerTest, AnAnswerMayComeLater) {
+  LateTarget target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  MessageResult answer = raised("NoneYet", "");
+  checker.sendMessageAsync("greet:", {1},
+                           MessageReply([&](MessageResult result) { answer = std::move(result); }));
+  EXPECT_EQ(answer.error().name, "NoneYet");
+  target.kept.answer(Value("late"));
+  EXPECT_EQ(answer, MessageResult(Value("late")));
+  target.kept.answer(Value("again"));
+  EXPECT_EQ(answer, MessageResult(Value("late")));
+}
+
+TEST(NSProtocolCheckerTest, AMessageThatWaitsCannotWaitForALaterAnswer) {
+  LateTarget target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  EXPECT_EQ(reasonOf(checker.sendMessage("greet:", {1})),
+            "-[NSProtocolChecker greet:]: the answer comes later");
+  target.kept.answer(Value("late"));
+}
+
+TEST(NSProtocolCheckerTest, ARefusedMessageIsAnsweredAtOnce) {
+  LateTarget target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  std::string reason;
+  checker.sendMessageAsync(
+      "hide:", {1}, MessageReply([&](const MessageResult& result) { reason = reasonOf(result); }));
+  EXPECT_EQ(reason, "-[NSProtocolChecker hide:]: unrecognized selector");
+}
+
 }  // namespace
 }  // namespace platform

@@ -99,17 +99,31 @@ MessageResult NSConnection::sendTwoWay(std::int64_t object, std::string_view sel
   const auto self = shared_from_this();
   const auto message = compose(object, selector, arguments);
   if (!message) return std::unexpected(message.error());
-  auto result = peer_->call(message->selector, message->arguments, replyTimeout_);
-  if (!result) {
+  return readAnswer(peer_->call(message->selector, message->arguments, replyTimeout_));
+}
+
+void NSConnection::sendTwoWayAsync(std::int64_t object, std::string_view selector,
+                                   const Array& arguments, MessageReply reply) {
+  const auto message = compose(object, selector, arguments);
+  if (!message) return reply.answer(std::unexpected(message.error()));
+  peer_->callAsync(
+      message->selector, message->arguments, replyTimeout_,
+      [weak = weak_from_this(), reply = std::move(reply)](MessageResult answer) mutable {
+        if (const auto self = weak.lock()) reply.answer(self->readAnswer(std::move(answer)));
+      });
+}
+
+MessageResult NSConnection::readAnswer(MessageResult answer) {
+  if (!answer) {
     // A client that hangs would cost a time-out for each object that it has passed to us. From the
     // end of its connection it learns that it gets no more calls.
-    if (role_ == Role::kChild && result.error().name == kNSPortTimeoutException && valid_) {
+    if (role_ == Role::kChild && answer.error().name == kNSPortTimeoutException && valid_) {
       logRefusal("it did not answer in time");
       invalidate();
     }
-    return result;
+    return answer;
   }
-  auto decoded = references_.decode(*result, self);
+  auto decoded = references_.decode(*answer, shared_from_this());
   if (decoded) return std::move(*decoded);
   breakOff(nullptr, decoded.error().context);
   return raise(kNSInvalidSendPortException, std::move(decoded.error().context));
@@ -139,9 +153,7 @@ void NSConnection::handle(PeerMessage message) {
     return breakOff(std::move(message.reply), "it authenticated itself twice");
   const auto request = readRequest(message);
   if (!request) return breakOff(std::move(message.reply), request.error().context);
-  const MessageResult result = perform(*request);
-  // If it can't be answered, the peer has ended or does not read. Ignore that.
-  if (message.reply) (void)message.reply->answer(result);
+  perform(*request, std::move(message.reply));
 }
 
 void NSConnection::handleAuthentication(PeerMessage message) {
@@ -179,19 +191,33 @@ Result<NSConnection::Request> NSConnection::readRequest(const PeerMessage& messa
   return request;
 }
 
-MessageResult NSConnection::perform(const Request& request) {
+void NSConnection::perform(const Request& request, std::unique_ptr<PeerReply> peersReply) {
+  MessageReply reply = replyThrough(std::move(peersReply));
   if (!request.object)
-    return raise(kNSInvalidSendPortException, "the object that the message was for is gone");
+    return reply.answer(
+        raise(kNSInvalidSendPortException, "the object that the message was for is gone"));
   // A peer could nest without end: a request within our call within its request, and so on.
   if (nestedRequests_ == kMaxNestedRequests)
-    return raise(kNSInvalidArgumentException, "too many requests inside one another");
+    return reply.answer(raise(kNSInvalidArgumentException, "too many requests inside one another"));
   ++nestedRequests_;
-  MessageResult result = request.object->sendMessage(request.selector, request.arguments);
+  request.object->sendMessageAsync(request.selector, request.arguments, std::move(reply));
   --nestedRequests_;
-  if (!result) return result;
-  auto encoded = references_.encode(*result);
-  if (!encoded) return raise(kNSInvalidArgumentException, std::move(encoded.error().context));
-  return std::move(*encoded);
+}
+
+// The reply holds the connection weakly, so that an object that answers late keeps no connection.
+MessageReply NSConnection::replyThrough(std::unique_ptr<PeerReply> reply) {
+  if (!reply) return {};
+  return MessageReply([weak = weak_from_this(), reply = std::move(reply)](MessageResult result) {
+    const auto self = weak.lock();
+    if (!self || !self->valid_) return;
+    if (result) {
+      auto encoded = self->references_.encode(*result);
+      result = encoded ? MessageResult(std::move(*encoded))
+                       : raise(kNSInvalidArgumentException, std::move(encoded.error().context));
+    }
+    // If it can't be answered, the peer has ended or does not read. Ignore that.
+    (void)reply->answer(result);
+  });
 }
 
 void NSConnection::refuse(std::unique_ptr<PeerReply> reply, std::string_view why) {

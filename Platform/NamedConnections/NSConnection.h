@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Messages/MessageReply.h"
 #include "Platform/Messages/NSProtocolChecker.h"
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/NamedConnections/NSDistantObject.h"
@@ -130,6 +131,9 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
 
   // Our messages, see NSDistantObject::sendMessage().
   MessageResult sendTwoWay(std::int64_t object, std::string_view selector, const Array& arguments);
+  void sendTwoWayAsync(std::int64_t object, std::string_view selector, const Array& arguments,
+                       MessageReply reply);
+  MessageResult readAnswer(MessageResult answer);
   MessageResult sendOneWay(std::int64_t object, std::string_view selector, const Array& arguments);
   std::expected<PeerMessage, NSException> compose(std::int64_t object, std::string_view selector,
                                                   const Array& arguments);
@@ -145,7 +149,8 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   };
   // Fails if the message breaks the protocol.
   Result<Request> readRequest(const PeerMessage& message);
-  MessageResult perform(const Request& request);
+  void perform(const Request& request, std::unique_ptr<PeerReply> peersReply);
+  MessageReply replyThrough(std::unique_ptr<PeerReply> reply);
 
   // Both end the connection for an error of the peer, and report it to the peer and the log:
   // refuse() before the peer is trusted, breakOff() after that.

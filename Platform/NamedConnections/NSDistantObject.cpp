@@ -18,14 +18,25 @@ bool NSDistantObject::conformsToProtocol(std::string_view protocolName) const {
              description_.protocolNames.end();
 }
 
+bool NSDistantObject::isOneWay(std::string_view selector) const {
+  const MethodDescription* method = protocol_ == nullptr ? nullptr : protocol_->method(selector);
+  return method != nullptr && method->kind == MethodDescription::Kind::kOneWay;
+}
+
 MessageResult NSDistantObject::sendMessage(std::string_view selector,
                                            const Array& arguments) const {
-  const MethodDescription* method = protocol_ == nullptr ? nullptr : protocol_->method(selector);
   // This may be destroyed during the call.
   const std::shared_ptr<NSConnection> connection = connection_;
-  if (method != nullptr && method->kind == MethodDescription::Kind::kOneWay)
-    return connection->sendOneWay(description_.number, selector, arguments);
+  if (isOneWay(selector)) return connection->sendOneWay(description_.number, selector, arguments);
   return connection->sendTwoWay(description_.number, selector, arguments);
+}
+
+void NSDistantObject::sendMessageAsync(std::string_view selector, const Array& arguments,
+                                       MessageReply reply) const {
+  const std::shared_ptr<NSConnection> connection = connection_;
+  if (isOneWay(selector))
+    return reply.answer(connection->sendOneWay(description_.number, selector, arguments));
+  connection->sendTwoWayAsync(description_.number, selector, arguments, std::move(reply));
 }
 
 }  // namespace platform

@@ -47,8 +47,12 @@ class NSDistantObject final : public NSProxy {
   //   NSInvalidArgumentException    no such method, or an argument that can't be sent
   //   any other                     the exception that the object raised
   MessageResult sendMessage(std::string_view selector, const Array& arguments) const override;
+  void sendMessageAsync(std::string_view selector, const Array& arguments,
+                        MessageReply reply) const override;
 
  private:
+  bool isOneWay(std::string_view selector) const;
+
   // Shared: a proxy keeps its connection alive.
   std::shared_ptr<NSConnection> connection_;
   Description description_;

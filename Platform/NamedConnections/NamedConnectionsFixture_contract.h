@@ -27,6 +27,8 @@ class NamedConnectionsHarness {
   virtual void there(const std::function<void(ConnectedProgram&)>& action) = 0;
   // The same, while this program does not read from its sockets.
   virtual void thereWhileWeHang(const std::function<void(ConnectedProgram&)>& action) = 0;
+  // Runs an action in the other program while this program waits, until it returns true.
+  virtual void thereWhileWeWait(std::function<bool()> action) = 0;
 
   // The path of the name's socket.
   virtual std::string path(std::string_view name) = 0;
@@ -65,16 +67,35 @@ inline const Protocol kServerProtocol("ServerProtocol",
                                        {"isSame:"},
                                        {"serverObject"},
                                        {"much"},
+                                       {"defer:"},
                                        {"note:", MethodDescription::Kind::kOneWay}});
 inline const Protocol kCallbackProtocol("CallbackProtocol",
                                         {{"called:"}, {"calledWithin:of:"}, {"raised"}});
 
 // The root object. Its selectors name its answers; hidden: is in no protocol.
-class TestServerObject final : public MessageReceiver {
+class TestServerObject final : public MessageTarget {
  public:
   explicit TestServerObject(ConnectionJournal& journal) : journal_(journal) {}
 
-  MessageResult receiveMessage(std::string_view selector, const Array& arguments) override {
+  void takeMessage(std::string_view selector, const Array& arguments, MessageReply reply) override {
+    if (selector != "defer:") return reply.answer(answerOf(selector, arguments));
+    deferred_.emplace_back(arguments.front(), std::move(reply));
+    journal_.note("deferred");
+  }
+
+  // Answers the deferred messages, the last one first: each with its argument, "object" with the
+  // server's object. Returns whether there was any.
+  bool answerDeferred() {
+    const bool any = !deferred_.empty();
+    for (; !deferred_.empty(); deferred_.pop_back()) {
+      auto& [argument, reply] = deferred_.back();
+      reply.answer(argument == Value("object") ? Value(object_) : argument);
+    }
+    return any;
+  }
+  void dropDeferred() { deferred_.clear(); }
+
+  MessageResult answerOf(std::string_view selector, const Array& arguments) {
     const Value argument = arguments.empty() ? Value() : arguments.front();
     const auto proxy = proxyIn(argument);
     if (selector == "hidden:") journal_.note("hidden");
@@ -96,6 +117,7 @@ class TestServerObject final : public MessageReceiver {
   void setObject(std::shared_ptr<const NSProtocolChecker> object) { object_ = std::move(object); }
   const std::shared_ptr<const NSProxy>& kept() const { return kept_; }
   void forget() {
+    deferred_.clear();
     kept_.reset();
     hoard_.clear();
   }
@@ -104,6 +126,7 @@ class TestServerObject final : public MessageReceiver {
   ConnectionJournal& journal_;
   std::shared_ptr<const NSProxy> kept_;
   std::vector<std::shared_ptr<const NSProxy>> hoard_;
+  std::vector<std::pair<Value, MessageReply>> deferred_;
   std::shared_ptr<const NSProtocolChecker> object_;
 };
 
@@ -188,6 +211,13 @@ class NamedConnectionsContract
 
   MessageResult send(std::string_view selector, const Array& arguments = {}) {
     return root_->sendMessage(selector, arguments);
+  }
+  // Sends without waiting, and notes the answer or the exception.
+  void sendLater(std::string_view selector, const Array& arguments = {}) {
+    root_->sendMessageAsync(selector, arguments, MessageReply([this](const MessageResult& result) {
+                              if (!result) return journal_.note(result.error().name);
+                              journal_.note(result->string() ? *result->string() : "answered");
+                            }));
   }
   std::string exceptionOf(const MessageResult& result) {
     return result ? "no exception" : result.error().name;

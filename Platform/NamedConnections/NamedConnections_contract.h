@@ -7,6 +7,7 @@
 #include "Platform/NamedConnections/NamedConnectionsFixture_contract.h"
 #include "Platform/NamedConnections/NamedConnectionsPeers_contract.h"
 #include "Platform/NamedConnections/NamedConnectionsReferences_contract.h"
+#include "Platform/NamedConnections/NamedConnectionsReplies_contract.h"
 
 namespace platform {
 

@@ -18,6 +18,11 @@ class FakeConnectionsHarness final : public NamedConnectionsHarness {
     action(there_);
     transportHere_.goOn();
   }
+  void thereWhileWeWait(std::function<bool()> action) override {
+    loop_.scheduleOutsideEvent(1ms, [this, action = std::move(action)] {
+      if (!action()) thereWhileWeWait(action);
+    });
+  }
   std::string path(std::string_view name) override { return "connections/" + std::string(name); }
 
  private:
@@ -40,6 +45,7 @@ std::unique_ptr<NamedConnectionsHarness> makeFakeHarness() {
 INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsContract, testing::Values(&makeFakeHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsReferencesContract,
                          testing::Values(&makeFakeHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsRepliesContract, testing::Values(&makeFakeHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, NamedConnectionsPeersContract, testing::Values(&makeFakeHarness));
 
 class NamedConnectionsTest : public testing::Test {

@@ -1,16 +1,22 @@
 #include "ServiceManager/ServiceManager/InstallerServer.h"
 
+#include <functional>
+#include <utility>
+
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
 using namespace platform;
 
-MessageResult InstallerServer::receiveMessage(std::string_view selector, const Array& arguments) {
+void InstallerServer::takeMessage(std::string_view selector, const Array& arguments,
+                                  MessageReply reply) {
   const ServerMessage message{ORBServiceManager::kClassName, selector, arguments};
-  if (selector == "evaluateServices") return manager_.evaluateServices();
-  if (selector == "shutdownServices:") {
-    return message.withLabels(
-        [this](const Array& labels) { return manager_.shutdownServices(labels); });
-  }
-  return message.unrecognizedSelector();
+  if (selector == "evaluateServices") return reply.answer(manager_.evaluateServices());
+  if (selector != "shutdownServices:") return reply.answer(message.unrecognizedSelector());
+  const Value labels = message.argument();
+  if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
+  std::move_only_function<void(bool)> done = [reply = std::move(reply)](bool all) mutable {
+    reply.answer(Value(all));
+  };
+  done(manager_.shutdownServices(*labels.array()));
 }

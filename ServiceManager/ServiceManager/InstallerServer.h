@@ -8,14 +8,14 @@ class ORBServiceManager;
 
 // The root object of the installer's server: "shutdownServices:" with an array of labels, which an
 // installer is about to replace, and "evaluateServices" when it has finished. Belongs to the main
-// thread. Any other message raises.
-class InstallerServer final : public platform::MessageReceiver {
+// thread. Any other message raises. An installer is answered once its services have been shut down.
+class InstallerServer final : public platform::MessageTarget {
  public:
   // `manager` outlives this.
   explicit InstallerServer(ORBServiceManager& manager) : manager_(manager) {}
 
-  platform::MessageResult receiveMessage(std::string_view selector,
-                                         const platform::Array& arguments) override;
+  void takeMessage(std::string_view selector, const platform::Array& arguments,
+                   platform::MessageReply reply) override;
 
  private:
   ORBServiceManager& manager_;

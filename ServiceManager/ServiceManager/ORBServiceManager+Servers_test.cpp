@@ -17,11 +17,18 @@ class MessagesTest : public ServiceManagerFixture {
     manager().evaluateSystemConfiguration();
   }
 
+  static MessageResult ask(MessageTarget& server, std::string_view selector,
+                           const Array& arguments) {
+    MessageResult answer = raised(kNSPortTimeoutException, "no answer yet");
+    server.takeMessage(selector, arguments,
+                       MessageReply([&](MessageResult result) { answer = std::move(result); }));
+    return answer;
+  }
   MessageResult receive(std::string_view selector, const Array& arguments) {
-    if (selector == "retrieveKey") return auth_.receiveMessage(selector, arguments);
+    if (selector == "retrieveKey") return ask(auth_, selector, arguments);
     const bool isOfInstaller = selector == "shutdownServices:" || selector == "evaluateServices";
-    return isOfInstaller ? installer_.receiveMessage(selector, arguments)
-                         : userInterface_.receiveMessage(selector, arguments);
+    if (isOfInstaller) return ask(installer_, selector, arguments);
+    return ask(userInterface_, selector, arguments);
   }
   Value send(const char* selector, Array arguments = {}) {
     const MessageResult result = receive(selector, arguments);
@@ -80,8 +87,8 @@ TEST_F(MessagesTest, AnArgumentOfTheWrongKindRaises) {
 }
 
 TEST_F(MessagesTest, EachServerRaisesForTheSelectorsOfTheOthers) {
-  const auto raises = [](MessageReceiver& server, const char* selector) {
-    const MessageResult result = server.receiveMessage(selector, {Array{kAgent}});
+  const auto raises = [](MessageTarget& server, const char* selector) {
+    const MessageResult result = ask(server, selector, {Array{kAgent}});
     return !result && result.error().name == kNSInvalidArgumentException;
   };
   for (const char* selector : {"release", "retrieveKey", "stopServices:", "services"}) {

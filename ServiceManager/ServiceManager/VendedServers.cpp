@@ -50,7 +50,7 @@ void VendedServers::vendOperatorServer() {
 
 VendedServers::Server VendedServers::vend(const char* name, const char* protocol,
                                           NSConnectionDelegate& delegate,
-                                          MessageReceiver& target) const {
+                                          MessageTarget& target) const {
   Server server{
       environment_.connections.makeConnection(),
       std::make_shared<NSProtocolChecker>(&target, environment_.protocols.find(protocol))};

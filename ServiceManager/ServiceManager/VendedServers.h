@@ -75,7 +75,7 @@ class VendedServers {
  private:
   // A server by that name, whose clients may send `target` the messages of the protocol.
   Server vend(const char* name, const char* protocol, platform::NSConnectionDelegate& delegate,
-              platform::MessageReceiver& target) const;
+              platform::MessageTarget& target) const;
   void endXPCListeners();
 
   const Environment environment_;

@@ -82,6 +82,13 @@ class RealHarness final : public NamedConnectionsHarness {
   void thereWhileWeHang(const std::function<void(ConnectedProgram&)>& action) override {
     there(action);
   }
+  void thereWhileWeWait(std::function<bool()> action) override {
+    there([&](ConnectedProgram& there) {
+      timer_ = there.loop.startTimer(1ms, RunLoop::Repeat::kEvery, [this, action] {
+        if (action()) timer_.reset();
+      });
+    });
+  }
 
   std::string path(std::string_view name) override {
     return pathOfConnection(folder_.path(), name);
@@ -91,6 +98,7 @@ class RealHarness final : public NamedConnectionsHarness {
   const TemporaryFolder folder_;
   std::unique_ptr<RealProgram> here_;
   std::unique_ptr<RealProgram> there_;
+  std::unique_ptr<RunLoopHandle> timer_;  // there
   std::thread thread_;
 };
 
@@ -101,6 +109,7 @@ std::unique_ptr<NamedConnectionsHarness> makeRealHarness() {
 INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsContract, testing::Values(&makeRealHarness));
 INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsReferencesContract,
                          testing::Values(&makeRealHarness));
+INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsRepliesContract, testing::Values(&makeRealHarness));
 INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsPeersContract, testing::Values(&makeRealHarness));
 
 // Behaviour that only real sockets have.

@@ -253,6 +253,11 @@ void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
   answered.mapped().completion(result);
 }
 
+void DBusPeerLink::releaseAnswer() {
+  --answersOwed_;
+  if (ended_ && answersOwed_ == 0) lease_.held.reset();
+}
+
 void DBusPeerLink::close() {
   closed_ = true;
   handlers_ = std::make_shared<PeerHandlers>();
@@ -273,7 +278,9 @@ void DBusPeerLink::refuse(Error why) {
 
 void DBusPeerLink::dropConnection() {
   ended_ = true;
-  lease_ = {};
+  lease_.place.reset();
+  lease_.admissionTimer.reset();
+  if (answersOwed_ == 0) lease_.held.reset();
   inbox_.clear();
   sources_.reset();
   if (connection_) dbus_connection_close(connection_.get());

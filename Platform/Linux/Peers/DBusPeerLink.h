@@ -27,7 +27,9 @@ namespace platform {
 // calls.
 class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
  public:
-  // Places that a listener lends to a connection until it is admitted, or until it ends.
+  // Places that a listener lends to a connection: until it is admitted or ends, except that it
+  // counts against its user until it has ended and all its requests have been answered or dropped.
+  // So nobody gets room for more requests by connecting again.
   struct Lease {
     std::unique_ptr<PeerPlaces::Place> place;
     std::unique_ptr<PeerUserCounts::Held> held;
@@ -69,7 +71,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   void refuse(Error why);
 
   Result<void> answer(std::uint32_t serial, const MessageResult& result);
-  void releaseAnswer() { --answersOwed_; }
+  void releaseAnswer();
 
   bool isConnected() const;
 

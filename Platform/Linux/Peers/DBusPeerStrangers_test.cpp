@@ -291,6 +291,25 @@ TEST_F(DBusPeerStrangersTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
   second = connected();
 }
 
+TEST_F(DBusPeerStrangersTest, AnEndedConnectionCountsUntilItIsAnswered) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  start({.socketMode = 0666, .connectionsPerUser = 1});
+  ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
+  const auto connectAsUser = [&] {
+    const AsOrdinaryUser user;
+    return harness_->here().connect(path(), {.timeout = 60s});
+  };
+  auto asked = connectAsUser();
+  ASSERT_TRUE(asked);
+  (*asked)->callAsync("keep", {}, 60s, [](const MessageResult&) {});
+  runUntilNoted("kept");
+  asked->reset();
+  runUntilNoted("client died");
+  EXPECT_FALSE(connectAsUser());
+  harness_->there([this](PeerTransport&) { server_.kept.clear(); });
+  EXPECT_TRUE(connectAsUser());
+}
+
 TEST_F(DBusPeerStrangersTest, TheDescriptorsOfAMessageAreLimited) {
   start();
   const UniqueFd file(::open("/dev/null", O_RDONLY | O_CLOEXEC));

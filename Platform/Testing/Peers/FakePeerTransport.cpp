@@ -120,12 +120,16 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     if (std::exchange(ended_, true)) return;
     admissionTimer_.reset();
     place_.reset();
-    held_.reset();
+    if (answersOwed_ == 0) held_.reset();
     inbox_.clear();
     if (!other_->ended_) return other_->post(Urgency::kConnectionDeath);
     // The sides no longer need each other.
     const auto other = std::move(other_);
     other->other_.reset();
+  }
+  void releaseAnswer() {
+    --answersOwed_;
+    if (ended_ && answersOwed_ == 0) held_.reset();
   }
   void close() {
     closed_ = true;
@@ -170,13 +174,13 @@ class FakePeerTransport::Reply final : public PeerReply {
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;
   ~Reply() override {
-    if (end_) --end_->answersOwed_;
+    if (end_) end_->releaseAnswer();
   }
 
   Result<void> answer(const MessageResult& result) override {
     const auto end = std::move(end_);
     if (!end) return std::unexpected(Error{ErrorCode::kInvalid, 0, "a second answer"});
-    --end->answersOwed_;
+    end->releaseAnswer();
     return end->answer(serial_, result);
   }
 

@@ -115,6 +115,22 @@ TEST_F(FakePeerTransportTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
   EXPECT_TRUE(client_.connect("name", {}));
 }
 
+TEST_F(FakePeerTransportTest, AnEndedConnectionCountsUntilItIsAnswered) {
+  const auto listener = listen(daemon_, {.connectionsPerUser = 1});
+  auto connection = std::move(*client_.connect("name", {}));
+  std::unique_ptr<PeerReply> kept;
+  accepted_.back()->setHandlers(
+      {.message = [&](PeerMessage message) { kept = std::move(message.reply); }, .death = {}});
+  connection->callAsync("wait", {}, 1s, [](const MessageResult&) {});
+  loop_.runReady();
+  ASSERT_TRUE(kept);
+  connection.reset();
+  loop_.runReady();
+  EXPECT_FALSE(client_.connect("name", {}));
+  kept.reset();
+  EXPECT_TRUE(client_.connect("name", {}));
+}
+
 TEST_F(FakePeerTransportTest, ADeadProcessEndsItsConnectionsAndLeavesItsName) {
   const auto listener = listen(daemon_);
   const auto connection = std::move(*client_.connect("name", {}));
