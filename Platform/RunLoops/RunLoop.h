@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -11,10 +12,13 @@ namespace platform {
 // A file descriptor of the platform layer; only the layer knows its meaning.
 using Descriptor = int;
 
-// The order of delivery. All pending events of a more urgent kind are delivered before any of a
-// less urgent kind: a request that is handled before the exit that preceded it would find a dead
-// process, and a notification that is handled before a connection's death would call a dead peer.
-enum class Urgency { kProcessExit, kConnectionDeath, kOrdinary };
+// The order of delivery. A request that is handled before the exit that preceded it would find a
+// dead process, and a notification that is handled before a connection's death would call a dead
+// peer. So before each callback, the loop delivers the more urgent events that have happened by
+// then. Events that these cause in their turn wait for the next callback: otherwise processes that
+// end all the time would keep the loop from everything else. A request to terminate waits for
+// nothing but the callback that is running.
+enum class Urgency : std::uint8_t { kTermination, kProcessExit, kConnectionDeath, kOrdinary };
 
 // A timer or a source. Once it is destroyed, its callback does not run; the callback itself may
 // destroy it. Belongs to the loop's thread and must not outlive the loop.
@@ -24,7 +28,8 @@ class RunLoopHandle {
 };
 
 // The main thread's event loop, and its only source of time. Every callback runs on the thread that
-// called run(), one after the other, never from inside the call that registered it.
+// called run(), one after the other, never from inside the call that registered it. Timers, posts
+// and sources take turns, so that none of them waits for an endless row of the others.
 //
 // Everything here belongs to that thread, except post() and stop(), which any thread may call.
 class RunLoop {

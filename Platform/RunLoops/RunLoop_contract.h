@@ -6,4 +6,5 @@
 #include "Platform/RunLoops/RunLoopRunning_contract.h"
 #include "Platform/RunLoops/RunLoopSources_contract.h"
 #include "Platform/RunLoops/RunLoopTimers_contract.h"
+#include "Platform/RunLoops/RunLoopTurns_contract.h"
 #include "Platform/RunLoops/RunLoopUrgency_contract.h"

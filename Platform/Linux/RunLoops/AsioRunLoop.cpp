@@ -1,5 +1,6 @@
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 
+#include <algorithm>
 #include <cassert>
 #include <chrono>
 #include <system_error>
@@ -12,10 +13,13 @@ namespace platform {
 
 namespace {
 
-// The most sources that one turn calls before timers and posts run.
-constexpr int kSourcesPerTurn = 16;
+// The most timers, posts or sources that are called before the other two get their turn.
+constexpr std::size_t kCallbacksPerTurn = 16;
 
-std::size_t indexOf(Urgency urgency) { return static_cast<std::size_t>(urgency); }
+// The least urgent kind that comes before this one.
+Urgency moreUrgent(Urgency urgency) {
+  return static_cast<Urgency>(std::to_underlying(urgency) - 1);
+}
 
 }  // namespace
 
@@ -77,7 +81,7 @@ std::unique_ptr<RunLoopHandle> AsioRunLoop::startTimer(Duration delay, Repeat re
 }
 
 void AsioRunLoop::post(Callback callback, Urgency urgency) {
-  posts_[indexOf(urgency)].push(std::move(callback));
+  posts_[std::to_underlying(urgency)].push(std::move(callback));
   wake();
 }
 
@@ -104,25 +108,27 @@ void AsioRunLoop::stop() {
 
 void AsioRunLoop::sleepFor(Duration duration) { std::this_thread::sleep_for(duration); }
 
-bool AsioRunLoop::callUrgent() {
-  if (auto callback = posts_[indexOf(Urgency::kProcessExit)].pop()) {
-    (*callback)();
-    return true;
+void AsioRunLoop::deliverMoreUrgent(Urgency urgency) {
+  if (urgency == Urgency::kTermination) return urgent_.collect();
+  const Urgency next = moreUrgent(urgency);
+  deliverMoreUrgent(next);
+  // Counted once: events that the callbacks cause wait for the next turn.
+  for (std::size_t left = countUrgent(next); left > 0 && !stopping_; --left) {
+    if (!callUrgent(next)) return;
+    deliverMoreUrgent(next);
   }
-  if (urgent_.callCollected(Urgency::kProcessExit)) return true;
-  // An exit may have happened since the last check, so check again before each death.
-  urgent_.collect();
-  if (urgent_.callCollected(Urgency::kProcessExit)) return true;
-  if (auto callback = posts_[indexOf(Urgency::kConnectionDeath)].pop()) {
-    (*callback)();
-    return true;
-  }
-  return urgent_.callCollected(Urgency::kConnectionDeath);
 }
 
-void AsioRunLoop::deliverUrgent() {
-  while (!stopping_ && callUrgent()) {
+std::size_t AsioRunLoop::countUrgent(Urgency urgency) const {
+  return posts_[std::to_underlying(urgency)].size() + urgent_.collected(urgency);
+}
+
+bool AsioRunLoop::callUrgent(Urgency urgency) {
+  if (auto callback = posts_[std::to_underlying(urgency)].pop()) {
+    (*callback)();
+    return true;
   }
+  return urgent_.callCollected(urgency);
 }
 
 void AsioRunLoop::wake() {
@@ -130,47 +136,57 @@ void AsioRunLoop::wake() {
   asio::post(io_, [this] { servePosts(); });
 }
 
+void AsioRunLoop::wakeIfPending() {
+  for (const Urgency urgency :
+       {Urgency::kTermination, Urgency::kProcessExit, Urgency::kConnectionDeath}) {
+    if (countUrgent(urgency) > 0) return wake();
+  }
+  if (!posts_[std::to_underlying(Urgency::kOrdinary)].empty()) wake();
+}
+
 void AsioRunLoop::servePosts() {
   awake_ = false;
-  deliverUrgent();
-  HandOverQueue<Callback>& posts = posts_[indexOf(Urgency::kOrdinary)];
-  // Calls posted meanwhile wait for the next turn, so that the sources get theirs.
-  for (std::size_t left = posts.size(); left > 0 && !stopping_; --left) {
+  deliverMoreUrgent(Urgency::kOrdinary);
+  HandOverQueue<Callback>& posts = posts_[std::to_underlying(Urgency::kOrdinary)];
+  // Calls posted meanwhile wait for the next turn, too.
+  for (std::size_t left = std::min(posts.size(), kCallbacksPerTurn); left > 0 && !stopping_;
+       --left) {
     auto callback = posts.pop();
     assert(callback);
     (*callback)();
     callback.reset();
-    deliverUrgent();
+    deliverMoreUrgent(Urgency::kOrdinary);
   }
-  for (const auto& queue : posts_) {
-    if (!queue.empty()) wake();
-  }
+  wakeIfPending();
 }
 
 void AsioRunLoop::serveTimers() {
-  // Timers that fall due meanwhile wait for the next turn, so that the sources get theirs.
+  // Timers that fall due meanwhile wait for the next turn, too.
   const Instant limit = now();
-  for (;;) {
-    deliverUrgent();
+  for (std::size_t left = kCallbacksPerTurn; left > 0; --left) {
+    deliverMoreUrgent(Urgency::kOrdinary);
     if (stopping_ || timers_.empty() || timers_.earliest().due > limit) break;
     timers_.fireEarliest(now());
   }
   awaitTimer();
+  wakeIfPending();
 }
 
 void AsioRunLoop::serveSources() {
-  for (int left = kSourcesPerTurn; left > 0; --left) {
-    deliverUrgent();
+  for (std::size_t left = kCallbacksPerTurn; left > 0; --left) {
+    deliverMoreUrgent(Urgency::kOrdinary);
     if (stopping_ || !ordinary_.callOne()) break;
   }
   awaitSources();
+  wakeIfPending();
 }
 
 void AsioRunLoop::awaitUrgent() {
   urgentReady_.async_wait(asio::posix::stream_descriptor::wait_read, [this](std::error_code error) {
     if (error) return;
-    deliverUrgent();
+    deliverMoreUrgent(Urgency::kOrdinary);
     awaitUrgent();
+    wakeIfPending();
   });
 }
 

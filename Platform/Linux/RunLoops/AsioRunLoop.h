@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -51,9 +52,12 @@ class AsioRunLoop final : public RunLoop {
   // Throws what the constructors of Asio throw.
   AsioRunLoop(EpollSet urgent, EpollSet ordinary);
 
-  bool callUrgent();
-  void deliverUrgent();
+  // Delivers what has happened by now and is more urgent than this.
+  void deliverMoreUrgent(Urgency urgency);
+  std::size_t countUrgent(Urgency urgency) const;
+  bool callUrgent(Urgency urgency);
   void wake();
+  void wakeIfPending();
   void servePosts();
   void serveTimers();
   void serveSources();
@@ -66,7 +70,7 @@ class AsioRunLoop final : public RunLoop {
   std::atomic<bool> stopping_ = false;
   bool running_ = false;
 
-  std::array<HandOverQueue<Callback>, 3> posts_;  // by Urgency
+  std::array<HandOverQueue<Callback>, 4> posts_;  // by Urgency
   std::atomic<bool> awake_ = false;               // servePosts() is scheduled
 
   ReadableSources urgent_;

@@ -11,6 +11,7 @@ namespace {
 
 std::uint32_t eventsOf(Urgency urgency) {
   switch (urgency) {
+    case Urgency::kTermination:
     case Urgency::kProcessExit:
       return EPOLLIN | EPOLLONESHOT;
     case Urgency::kConnectionDeath:
@@ -96,14 +97,18 @@ void ReadableSources::collect() {
     for (const std::uint64_t id : ready) {
       const Source* source = find(id);
       if (source == nullptr) continue;
-      (source->urgency() == Urgency::kProcessExit ? exits_ : deaths_).push_back(id);
+      collected_[std::to_underlying(source->urgency())].push_back(id);
     }
     if (ready.size() < room.size()) return;
   }
 }
 
+std::size_t ReadableSources::collected(Urgency urgency) const {
+  return collected_[std::to_underlying(urgency)].size();
+}
+
 bool ReadableSources::callCollected(Urgency urgency) {
-  std::deque<std::uint64_t>& collected = urgency == Urgency::kProcessExit ? exits_ : deaths_;
+  std::deque<std::uint64_t>& collected = collected_[std::to_underlying(urgency)];
   while (!collected.empty()) {
     Source* source = find(collected.front());
     collected.pop_front();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -28,12 +30,14 @@ class ReadableSources {
   // whether there was one.
   bool callOne();
 
-  // For urgent sources: collect() asks the system which have become ready, and callCollected()
-  // calls one of those. Each is called once.
+  // For urgent sources: collect() asks the system which have become ready, collected() counts those
+  // that were not called (some may have been destroyed meanwhile), and callCollected() calls one of
+  // them. Each is called once.
   void collect();
+  std::size_t collected(Urgency urgency) const;
   bool callCollected(Urgency urgency);
 
-  // Readable while there is a source to collect or to call.
+  // Readable while there is an ordinary source to call or an urgent one to collect.
   Descriptor descriptor() const { return set_.descriptor(); }
 
  private:
@@ -44,8 +48,8 @@ class ReadableSources {
   EpollSet set_;
   std::unordered_map<std::uint64_t, Source*> sources_;
   std::uint64_t lastId_ = 0;
-  std::deque<std::uint64_t> exits_;  // ids of sources, which may be destroyed meanwhile
-  std::deque<std::uint64_t> deaths_;
+  // By Urgency: ids of sources, which may be destroyed meanwhile.
+  std::array<std::deque<std::uint64_t>, 3> collected_;
 };
 
 }  // namespace platform

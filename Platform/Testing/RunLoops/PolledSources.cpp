@@ -97,4 +97,12 @@ bool PolledSources::callOne(Urgency urgency) {
   return false;
 }
 
+std::size_t PolledSources::countReady(Urgency urgency) const {
+  const auto first = sources_.lower_bound({urgency, 0});
+  const auto end = sources_.upper_bound({urgency, UINT64_MAX});
+  const auto ready =
+      std::count_if(first, end, [](const auto& entry) { return entry.second->ready(); });
+  return static_cast<std::size_t>(ready);
+}
+
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -26,6 +27,9 @@ class PolledSources {
   // Calls one source of this urgency that is ready; ready sources take turns. Returns whether there
   // was one.
   bool callOne(Urgency urgency);
+
+  // How many sources of this urgency are ready.
+  std::size_t countReady(Urgency urgency) const;
 
  private:
   class Source;

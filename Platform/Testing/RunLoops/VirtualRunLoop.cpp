@@ -2,9 +2,17 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstddef>
 #include <utility>
 
 namespace platform {
+
+namespace {
+
+// The most timers or posts that run while one of the other kind waits.
+constexpr int kCallsInARow = 16;
+
+}  // namespace
 
 VirtualRunLoop::~VirtualRunLoop() {
   // Drop the posts while all members still exist: a callback may own timers and sources of this
@@ -68,9 +76,8 @@ bool VirtualRunLoop::waitFor(Duration limit, const std::function<bool()>& done) 
 }
 
 void VirtualRunLoop::runReady() {
-  do {
-    runOutsideEvents(now());
-  } while (serveOne());
+  while (serveOne()) {
+  }
 }
 
 void VirtualRunLoop::advanceBy(Duration duration) {
@@ -85,35 +92,56 @@ void VirtualRunLoop::scheduleOutsideEvent(Duration delay, Callback event) {
   outsideEvents_.emplace(instantAfter(now(), delay), std::move(event));
 }
 
-bool VirtualRunLoop::callUrgent() {
-  for (const Urgency urgency : {Urgency::kProcessExit, Urgency::kConnectionDeath}) {
-    if (auto callback = urgentPosts_[static_cast<std::size_t>(urgency)].pop()) {
-      (*callback)();
-      return true;
-    }
-    if (sources_.callOne(urgency)) return true;
+bool VirtualRunLoop::deliverMoreUrgent(Urgency urgency) {
+  if (urgency == Urgency::kTermination) {
+    runOutsideEvents(now());
+    return false;
   }
-  return false;
+  const auto next = static_cast<Urgency>(std::to_underlying(urgency) - 1);
+  bool delivered = deliverMoreUrgent(next);
+  // Counted once: events that the callbacks cause wait for the next turn.
+  std::size_t left = urgentPosts_[std::to_underlying(next)].size() + sources_.countReady(next);
+  for (; left > 0 && !mustStop() && callUrgent(next); --left) {
+    delivered = true;
+    deliverMoreUrgent(next);
+  }
+  return delivered;
+}
+
+bool VirtualRunLoop::callUrgent(Urgency urgency) {
+  if (auto callback = urgentPosts_[std::to_underlying(urgency)].pop()) {
+    (*callback)();
+    return true;
+  }
+  return sources_.callOne(urgency);
 }
 
 bool VirtualRunLoop::callDue() {
   if (!nextPost_) nextPost_ = posts_.pop();
+  const bool postIsDue = nextPost_.has_value();
   const bool timerIsDue = !timers_.empty() && timers_.earliest().due <= now();
-  if (nextPost_ && !(timerIsDue && timers_.earliest() < nextPost_->key)) {
+  if (!postIsDue && !timerIsDue) return false;
+  bool callPost = postIsDue && !(timerIsDue && timers_.earliest() < nextPost_->key);
+  const bool bothWait = postIsDue && timerIsDue;
+  if (bothWait && callPost == postWasLast_ && ++callsInARow_ >= kCallsInARow) callPost = !callPost;
+  if (!bothWait || callPost != postWasLast_) callsInARow_ = 0;
+  postWasLast_ = callPost;
+  if (callPost) {
     auto posted = std::exchange(nextPost_, std::nullopt);  // It may run the loop itself.
     posted->callback();
-    return true;
+  } else {
+    timers_.fireEarliest(now());
   }
-  if (timerIsDue) timers_.fireEarliest(now());
-  return timerIsDue;
+  return true;
 }
 
 bool VirtualRunLoop::serveOne() {
-  if (callUrgent()) return true;
+  const bool delivered = deliverMoreUrgent(Urgency::kOrdinary);
+  if (mustStop()) return true;
   // Sources and other callbacks take turns, so that neither starves the other.
   if (!sourceWasLast_ && sources_.callOne(Urgency::kOrdinary)) return sourceWasLast_ = true;
   sourceWasLast_ = false;
-  return callDue() || sources_.callOne(Urgency::kOrdinary);
+  return callDue() || sources_.callOne(Urgency::kOrdinary) || delivered;
 }
 
 bool VirtualRunLoop::moveToNext(Instant limit) {

@@ -17,8 +17,9 @@ namespace platform {
 
 // A run loop whose time passes only when a test says so, or, inside run(), by jumps from one timer
 // to the next. Due callbacks run in the order of time, then of creation (a post is due when it was
-// posted). Each callback sees its own due time as now(), unless a wait has already passed it.
-// Urgencies are served as on the real loop.
+// posted), but after many timers in a row a post has its turn, and the reverse. Each callback sees
+// its own due time as now(), unless a wait has already passed it. Urgencies are served as on the
+// real loop.
 //
 // Beside the loop's own callbacks there are outside events: things that happen to the program while
 // it runs or waits, such as the start or end of a process. They also happen during sleepFor().
@@ -75,8 +76,13 @@ class VirtualRunLoop final : public RunLoop {
   // Far from zero, to detect code that takes zero for "never" or subtracts a day.
   static constexpr Instant kStart{std::chrono::hours(24 * 365)};
 
-  bool callUrgent();
+  bool mustStop() const { return running_ && stopping_; }
+  // Delivers what has happened by now and is more urgent than this. Returns whether there was
+  // anything.
+  bool deliverMoreUrgent(Urgency urgency);
+  bool callUrgent(Urgency urgency);
   bool callDue();
+  // Calls one ordinary callback, after what is more urgent. Returns whether there was anything.
   bool serveOne();
   bool moveToNext(Instant limit);
   void runOutsideEvents(Instant until);
@@ -90,11 +96,13 @@ class VirtualRunLoop final : public RunLoop {
   std::atomic<std::uint64_t> lastOrder_ = 0;
 
   TimerQueue timers_;
-  std::array<HandOverQueue<Callback>, 2> urgentPosts_;  // by Urgency
+  std::array<HandOverQueue<Callback>, 3> urgentPosts_;  // by Urgency
   HandOverQueue<Posted> posts_;
   std::optional<Posted> nextPost_;  // the first of `posts_`, if it has been taken
   PolledSources sources_;
   bool sourceWasLast_ = false;
+  bool postWasLast_ = false;
+  int callsInARow_ = 0;  // of timers or of posts, while one of the other kind waits
   std::multimap<Instant, Callback> outsideEvents_;
 };
 
