@@ -107,4 +107,33 @@ TEST_P(TerminationSignalsContract, ACallbackMayDestroyItsWatch) {
   }
 }
 
+// Each exit causes the next one, and each ordinary callback the next one.
+TEST_P(TerminationSignalsContract, ARequestAmongEndlessExitsIsDeliveredNext) {
+  int calls = 0;
+  int callsBefore = -1;
+  const auto handle = watch([&] {
+    callsBefore = calls;
+    harness_->loop().stop();
+  });
+  std::function<void()> exit = [&] {
+    if (++calls == 1000) harness_->loop().stop();  // The request is late.
+    harness_->loop().post([&] { exit(); }, Urgency::kProcessExit);
+  };
+  int posts = 0;
+  std::function<void()> post = [&] {
+    ++calls;
+    if (++posts == 10) {
+      calls = 0;
+      harness_->request();
+    }
+    harness_->loop().post([&] { post(); });
+  };
+  for (int i = 0; i < 20; ++i) {
+    harness_->loop().post([&] { exit(); }, Urgency::kProcessExit);
+    harness_->loop().post([&] { post(); });
+  }
+  runToStop();
+  EXPECT_EQ(callsBefore, 0);
+}
+
 }  // namespace platform

@@ -23,9 +23,11 @@ Result<std::unique_ptr<RunLoopHandle>> FakeTerminationSignals::watchTermination(
 
 void FakeTerminationSignals::request() {
   if (onRequest_.expired()) std::abort();
-  loop_.post([alive = onRequest_] {
-    if (const auto onRequest = alive.lock()) (*onRequest)();
-  });
+  loop_.post(
+      [alive = onRequest_] {
+        if (const auto onRequest = alive.lock()) (*onRequest)();
+      },
+      Urgency::kTermination);
 }
 
 }  // namespace platform
