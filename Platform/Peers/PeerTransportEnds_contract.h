@@ -3,6 +3,7 @@
 // Contract of names, connecting, and the ends of connections.
 
 #include <cerrno>
+#include <cstddef>
 #include <string>
 
 #include "Platform/Peers/PeerTransportFixture_contract.h"
@@ -137,6 +138,17 @@ TEST_P(PeerTransportContract, MessagesBeforeTheEndArriveBeforeIt) {
   runUntilNoted("client died");
   EXPECT_EQ(journal_.entries(), (Log{"connected", "note:last words", "note:last words",
                                      "note:last words", "client died"}));
+}
+
+// More than are delivered at once.
+TEST_P(PeerTransportContract, ManyMessagesBeforeTheEndArriveBeforeIt) {
+  start();
+  constexpr std::size_t kMessages = 100;
+  for (std::size_t i = 0; i < kMessages; ++i) ASSERT_TRUE(client_->send("note:", {Value("last")}));
+  client_.reset();
+  runUntilNoted("client died");
+  EXPECT_EQ(journal_.count("note:last"), kMessages);
+  EXPECT_EQ(journal_.entries().back(), "client died");
 }
 
 TEST_P(PeerTransportContract, AfterCloseNoCallbackRuns) {

@@ -27,6 +27,10 @@ namespace platform {
 
 namespace {
 
+// The most messages of a dead peer that are delivered at once. Other timers and peers wait for
+// them.
+constexpr int kMessagesPerDeath = 4;
+
 bool isAnswer(DBusMessage* message) {
   const int type = dbus_message_get_type(message);
   return type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
@@ -164,13 +168,14 @@ void DBusPeerLink::dispatch() {
   if (!authenticated_ && !isConnected()) return die();
   if (!authenticated_) return;
   collect();
-  if (!dbus_connection_get_is_connected(connection_.get())) {
+  if (inbox_.empty() && !dbus_connection_get_is_connected(connection_.get())) {
     return scheduleDeath(sources_->wasGivenUp()
                              ? Error{ErrorCode::kInvalid, 0, "the peer has broken the protocol"}
                              : Error{ErrorCode::kNotFound, 0, "the peer has ended"});
   }
   deliverOne();
-  if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
+  const bool goesOn = !ended_ && (!inbox_.empty() || !isConnected());
+  if (goesOn) sources_->scheduleDispatch();
 }
 
 void DBusPeerLink::handOn() {
@@ -299,21 +304,29 @@ void DBusPeerLink::die() {
   const auto self = shared_from_this();
   if (closed_ || finished_) return;
   // Messages that the peer sent before its end are delivered first, even the end of its
-  // authentication.
-  while (!ended_) {
+  // authentication. If there are many, dispatch() goes on with them and then reports the death.
+  for (int left = kMessagesPerDeath; !ended_; --left) {
+    if (left == 0) return sources_->scheduleDispatch();
+    if (!deliverBeforeDeath()) break;
+  }
+  if (!closed_ && !finished_) finish();
+}
+
+// False if there is nothing left.
+bool DBusPeerLink::deliverBeforeDeath() {
+  for (;;) {
     if (authenticated_ && onAuthenticated_) {
       handOn();
-      continue;
+      return true;
     }
     if (authenticated_) {
       collect();
-      if (deliverOne()) continue;
+      if (deliverOne()) return true;
     }
     if (!isConnected() || sources_->handleWithin(Duration::zero()) != DBusSources::Handled::kSome) {
-      break;
+      return false;
     }
   }
-  if (!closed_ && !finished_) finish();
 }
 
 void DBusPeerLink::finish() {

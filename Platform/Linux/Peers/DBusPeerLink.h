@@ -99,6 +99,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   Result<std::uint32_t> transmit(const EncodedMessage& message);
   void scheduleDeath(Error why);
   void die();
+  bool deliverBeforeDeath();
   void finish();
   void dropConnection();
   void reportDeath();

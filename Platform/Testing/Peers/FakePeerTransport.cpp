@@ -20,6 +20,9 @@ namespace platform {
 
 namespace {
 
+// The most messages of a dead peer that are delivered at once, as on the real transport.
+constexpr int kMessagesPerDeath = 4;
+
 // A name that can't be guessed.
 class FakeEndpoint final : public NSXPCListenerEndpoint {
  public:
@@ -83,6 +86,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
           if (!self || !self->process_.mayServe(self.get())) return;
           if (urgency == Urgency::kConnectionDeath) return self->die();
           self->deliverOne();
+          if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
         },
         urgency);
   }
@@ -156,6 +160,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
   std::unique_ptr<PeerUserCounts::Held> held_;
   std::unique_ptr<RunLoopHandle> admissionTimer_;
   bool admitted_ = true;
+  bool isDying_ = false;  // the peer has ended, and its last messages are being delivered
 
   std::deque<Item> inbox_;
   std::size_t unread_ = 0;  // bytes that the other side has sent and this side has not read
@@ -350,7 +355,10 @@ Result<void> FakePeerTransport::End::answer(std::uint32_t serial, const MessageR
 void FakePeerTransport::End::die() {
   const auto self = shared_from_this();
   if (closed_ || finished_) return;
-  while (deliverOne()) {
+  for (int left = kMessagesPerDeath; !inbox_.empty(); --left) {
+    isDying_ = left == 0;
+    if (isDying_) return;  // The posts of the other messages deliver them.
+    deliverOne();
   }
   if (closed_ || finished_) return;
   finished_ = true;
