@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -41,6 +42,7 @@ using platform::Value;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kManyJobs = 1000;
+constexpr int kRestartedJobs = 50;
 // It waits for ever, or for a signal.
 constexpr char kIdleProgram[] = "/bin/sleep";
 constexpr char kForEver[] = "infinity";
@@ -204,20 +206,32 @@ void restartSubject(benchmark::State& state) {
     while (!runs) bed.loop().run();
     runs = false;
   };
-  Dictionary job = idleJob("com.example.job");
-  job.set("Program", "/bin/sh");
-  job.set("ProgramArguments", platform::Array{"/bin/sh", "-c", announcement.script()});
-  bed.submit(std::move(job), [](auto) {});
-  awaitRunning();
+  const auto nameOf = [](int number) { return "com.example.job" + std::to_string(number); };
+  for (int number = 0; number < kRestartedJobs; ++number) {
+    Dictionary job = idleJob(nameOf(number));
+    job.set("Program", "/bin/sh");
+    job.set("ProgramArguments", platform::Array{"/bin/sh", "-c", announcement.script()});
+    bed.submit(std::move(job), [](auto) {});
+    awaitRunning();
+  }
+  int next = kRestartedJobs;
   for (auto _ : state) {
-    const ProcessId process = bed.pidOf("com.example.job");
+    if (next == kRestartedJobs) {
+      // Only after a good run is a job without a throttle started again at once.
+      std::this_thread::sleep_for(kGoodRun);
+      next = 0;
+    }
+    const ProcessId process = bed.pidOf(nameOf(next++));
     const auto start = Clock::now();
     ::kill(process, SIGKILL);
     awaitRunning();
     state.SetIterationTime(since(start));
   }
 }
-BENCHMARK(restartSubject)->Name("job-restart/subject")->UseManualTime();
+BENCHMARK(restartSubject)
+    ->Name("job-restart/subject")
+    ->UseManualTime()
+    ->Iterations(10L * kRestartedJobs);
 
 void restartBaseline(benchmark::State& state) {
   platform::TemporaryFolder folder;

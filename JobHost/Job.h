@@ -43,6 +43,9 @@ struct Job {
   // The last start, also one that failed.
   std::optional<platform::Instant> lastTry;
   std::optional<Ending> lastEnd;
+  unsigned shortRuns = 0;           // in a row, up to the last end
+  platform::Instant pausedUntil{};  // because of short runs
+  bool isQueued = false;            // waits only for its turn in JobHost's queue of starts
   std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or polls a removed group
   std::unique_ptr<Removal> removal;
 };

@@ -77,6 +77,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
 }
 
 void JobHost::beginRemoval(Job& job) {
+  job.isQueued = false;
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
   if (!job.hasLeader && !job.removal->hasRemainingProcesses) return finishRemoval(job);

@@ -135,7 +135,7 @@ void JobHost::resume(Job& job) {
   }
   const bool wants =
       job.lastEnd ? wantsProcessAfter(job.rules, *job.lastEnd) : wantsProcessAtLoad(job.rules);
-  const bool mayStart = loop_.now() >= earliestStart(job.rules, job.lastTry);
+  const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobEvent event = job.lastEnd ? JobEvent::kProcessEnded : JobEvent::kSubmitted;
   const auto done = perform(job, nextAction(job.phase, event, wants, mayStart), nullptr);
   if (!done) logAndRetry(job, done.error());

@@ -1,7 +1,6 @@
 #include "JobHost/JobHost.h"
 
 #include <algorithm>
-#include <csignal>
 #include <utility>
 
 #include <fmt/format.h>
@@ -21,14 +20,16 @@ using platform::Value;
 
 namespace {
 
-bool isDue(platform::Instant due, platform::Instant now) { return now >= due; }
-
-std::string describeEnding(const Ending& ending) {
-  if (!ending) return "nobody could learn how";
-  const platform::ExitStatus& status = ending->status;
-  return fmt::format("{} {}{}",
-                     status.kind == platform::ExitStatus::Kind::kExited ? "status" : "signal",
-                     status.number, ending->hasCore ? ", with a core" : "");
+// The keys of a copy that say how the job is.
+platform::Dictionary stateOf(const Job& job) {
+  platform::Dictionary state;
+  if (job.hasLeader) state.set(platform::kJobProcessKey, job.lastStart.process);
+  if (job.lastEnd && *job.lastEnd) {
+    state.set(platform::kJobLastStatusKey, waitStatusOf(**job.lastEnd));
+  } else if (job.lastEnd) {
+    state.set(platform::kJobLastStatusUnknownKey, true);
+  }
+  return state;
 }
 
 }  // namespace
@@ -140,7 +141,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
   }
   setCost(job, *cost);
   if (isReplaced) removedByClient_.insert(job.label);
-  const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
+  const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
   auto done = perform(job, action, &definition);
@@ -188,136 +189,30 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
   job.origin = origin;
 }
 
-Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* definition) {
-  switch (action) {
-    case JobAction::kNothing:
-      return {};
-    case JobAction::kBecomeIdle:
-      job.timer.reset();
-      job.phase = JobPhase::kIdle;
-      return {};
-    case JobAction::kWait:
-      waitUntil(job, earliestStart(job.rules, job.lastTry));
-      return {};
-    case JobAction::kStart:
-      break;
-  }
-  job.timer.reset();
-  job.phase = JobPhase::kIdle;
-  if (definition) return startProcess(job, *definition);
-  const auto parsed = parseJobDefinition(job.dictionary);
-  if (!parsed) return std::unexpected(parsed.error());
-  return startProcess(job, *parsed);
-}
-
-Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
-  platform::Descriptor listener = -1;
-  job.lastTry = loop_.now();
-  if (!job.machService.empty()) {
-    const auto socket = sockets_.listen(job.machService, job.label);
-    if (!socket) return std::unexpected(socket.error());
-    listener = *socket;
-  }
-  auto record = state_->makeStartRecord(job.label, *job.lastTry);
-  if (!record) return std::unexpected(std::move(record.error()));
-  const std::size_t mark = state_->mark();
-  const auto process =
-      processes_.start(definition, state_->ticketFor(*record), listener, onEndOf(job));
-  if (!process) {
-    if (auto cut = state_->cutBackTo(mark); !cut) {
-      log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
-    }
-    return std::unexpected(process.error());
-  }
-  job.lastStart = state_->countStart(*record);
-  job.hasLeader = true;
-  job.phase = JobPhase::kRunning;
-  if (onStarted_) onStarted_(job.label, *process);
-  log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
-  return {};
-}
-
-Processes::OnEnd JobHost::onEndOf(Job& job) {
-  return [this, &job, alive = std::weak_ptr(alive_)](Ending ending) {
-    if (!alive.expired()) processEnded(job, ending);
-  };
-}
-
-void JobHost::processEnded(Job& job, Ending ending) {
-  // If the ending is known, the process was our child and was reaped just now, so its number can't
-  // mean another group yet. A process of another parent may have been reaped at any time since its
-  // end.
-  const bool hasGroup = ending || processes_.hasRemainingProcesses(job.lastStart);
-  // The remaining processes of the group belong to no later process of the job. Kill them before
-  // the end is recorded: the next host looks for the group of a process only if its end is not on
-  // record.
-  if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
-  compactIfWanted();  // A full file would reject the record of the end.
-  job.hasLeader = false;
-  job.lastEnd = ending;
-  if (auto written = state_->appendEnded(job.label, ending); !written) {
-    log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
-  }
-  const std::string what =
-      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
-                  job.lastStart.process, describeEnding(ending));
-  if (job.removal) {
-    log(platform::ASL_LEVEL_INFO, what);
-    if (!hasGroup) return finishRemoval(job);
-    awaitGroup(job);
-    return;
-  }
-  const bool mayStart = isDue(earliestStart(job.rules, job.lastTry), loop_.now());
-  const bool wants = wantsProcessAfter(job.rules, ending);
-  const auto done = perform(
-      job, nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wants, mayStart), nullptr);
-  log(platform::ASL_LEVEL_INFO, what);  // After the start, so as not to delay it.
-  if (!done) logAndRetry(job, done.error());
-}
-
-void JobHost::waitUntil(Job& job, platform::Instant due) {
-  job.phase = JobPhase::kWaiting;
-  const platform::Instant now = loop_.now();
-  const platform::Duration delay = due > now ? due - now : platform::Duration::zero();
-  job.timer = loop_.startTimer(delay, platform::RunLoop::Repeat::kOnce, [this, &job] {
-    const auto timer = std::move(job.timer);  // The callback is part of it.
-    compactIfWanted();
-    const auto done = perform(job, nextAction(job.phase, JobEvent::kDue, true, true), nullptr);
-    if (!done) logAndRetry(job, done.error());
-  });
-}
-
-void JobHost::retryLater(Job& job) {
-  waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
-}
-
-void JobHost::logAndRetry(Job& job, const Error& error) {
-  log(platform::ASL_LEVEL_ERR,
-      fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
-  retryLater(job);
+Job* JobHost::findAsOfNow(std::string_view label) {
+  Job* const job = find(label);
+  if (!job || !job->hasLeader) return job;
+  processes_.reportIfEnded(job->lastStart.process);
+  return find(label);  // The report may have finished its removal.
 }
 
 Value JobHost::copy(std::string_view label) {
-  Job* job = find(label);
+  Job* const job = findAsOfNow(label);
   if (!job) return {};
-  if (job->hasLeader) {
-    processes_.reportIfEnded(job->lastStart.process);
-    job = find(label);  // The report may have finished its removal.
-    if (!job) return {};
-  }
+  // A client that has seen the end of a process asks at once for the next one.
+  startIfQueued(*job);
   platform::Dictionary dictionary = *job->dictionary.dictionary();
   // Only the host may set these.
   for (const char* key :
        {platform::kJobProcessKey, platform::kJobLastStatusKey, platform::kJobLastStatusUnknownKey})
     dictionary.remove(key);
-  if (job->hasLeader) dictionary.set(platform::kJobProcessKey, job->lastStart.process);
-  if (job->lastEnd && *job->lastEnd) {
-    dictionary.set(platform::kJobLastStatusKey, waitStatusOf(**job->lastEnd));
-  } else if (job->lastEnd) {
-    dictionary.set(platform::kJobLastStatusUnknownKey, true);
-  }
+  for (const auto& [key, value] : stateOf(*job)) dictionary.set(key, value);
   return dictionary;
+}
+
+Value JobHost::copyState(std::string_view label) {
+  const Job* const job = findAsOfNow(label);
+  return job ? Value(stateOf(*job)) : Value();
 }
 
 std::vector<std::string> JobHost::labels() const {

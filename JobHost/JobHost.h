@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <expected>
 #include <functional>
 #include <map>
@@ -48,8 +49,10 @@ inline constexpr platform::Duration kMaximumShutDownTimeOut = std::chrono::secon
 // host is killed, the jobs go on, and the next host with the same root takes them over.
 //
 // Everything belongs to the run loop's thread. Starting a process blocks it until the program is
-// executed. Completions run on the loop, once, never from inside the call. The completions of calls
-// that are still open when this is destroyed never run.
+// executed. The end of a process is only noted; processes that are due are started one in a turn of
+// the loop, so that requests and signals have their turns however many jobs end at once.
+// Completions run on the loop, once, never from inside the call. The completions of calls that are
+// still open when this is destroyed never run.
 class JobHost {
  public:
   // Errors are those of the domain kCFErrorDomainLaunchd; the text names the job and the reason.
@@ -89,8 +92,12 @@ class JobHost {
 
   // The job's dictionary as it was submitted, with "PID" while its process runs, and with
   // "LastExitStatus" or "LastExitStatusUnknown" (true) after the first end. Never older than an
-  // exit that has happened. Nil if there is no such job.
+  // exit that has happened. A process that is due is started first, ahead of its turn. Nil if there
+  // is no such job.
   platform::Value copy(std::string_view label);
+
+  // The same with only the keys that say how the job is. Starts nothing.
+  platform::Value copyState(std::string_view label);
 
   // Called after a process of a job has been started, from inside the call that started it. It may
   // not call this.
@@ -112,6 +119,8 @@ class JobHost {
 
   // JobHost.cpp
   Job* find(std::string_view label);
+  // The same after an end that has happened has been noted.
+  Job* findAsOfNow(std::string_view label);
   Outcome submitNow(JobOrigin origin, JobDefinition definition);
   platform::Result<void> addJob(JobOrigin origin, const JobDefinition& definition);
   platform::Result<void> replaceDefinition(Job& job, JobOrigin origin,
@@ -123,15 +132,22 @@ class JobHost {
                                        const JobDefinition& definition);
   void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
+  void log(platform::AslLevel level, const std::string& text);
+
+  // JobHost+Starts.cpp
   // Parses the dictionary if `definition` is null.
   platform::Result<void> perform(Job& job, JobAction action, const JobDefinition* definition);
   platform::Result<void> startProcess(Job& job, const JobDefinition& definition);
   Processes::OnEnd onEndOf(Job& job);
   void processEnded(Job& job, Ending ending);
+  platform::Instant earliestStartOf(const Job& job) const;
+  void enqueueStart(Job& job);
+  void postNextStart();
+  void startNext();
+  void startIfQueued(Job& job);
   void waitUntil(Job& job, platform::Instant due);
   void retryLater(Job& job);
   void logAndRetry(Job& job, const platform::Error& error);
-  void log(platform::AslLevel level, const std::string& text);
 
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);
@@ -176,6 +192,9 @@ class JobHost {
   std::size_t totalCost_ = 0;  // of all jobs
   Labels removedByClient_;
   std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
+  // The labels of jobs whose process is due, in the order in which they fell due. A job that no
+  // longer waits is skipped.
+  std::deque<std::string> startQueue_;
   StartHandler onStarted_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;

@@ -112,12 +112,6 @@ TEST_F(JobHostTest, AYoungerJobIsStartedAgainWhenTheThrottleAllowsIt) {
   EXPECT_EQ(starts(), 2);
 }
 
-TEST_F(JobHostTest, AThrottleOfZeroDelaysNothing) {
-  ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
-  for (int i = 0; i < 5; ++i) endLast();
-  EXPECT_EQ(starts(), 6);
-}
-
 TEST_F(JobHostTest, AJobThatIsNotKeptAliveStaysKnownAfterItsEnd) {
   ASSERT_TRUE(submit(job("com.example.a", {{"KeepAlive", false}, {"RunAtLoad", true}})));
   endLast();

@@ -127,7 +127,7 @@ void JobServer::remove(PeerMessage message) {
   if (!label || !wait) {
     return answer(message.reply, wrongArgument(message, "a label and a boolean"));
   }
-  if (*wait || host_.copy(*label).isNil()) {
+  if (*wait || host_.copyState(*label).isNil()) {
     return host_.remove(*label, answering(std::move(message.reply)));
   }
   host_.remove(*label, [&log = log_](const JobHost::Outcome& outcome) {
@@ -140,12 +140,8 @@ void JobServer::remove(PeerMessage message) {
 Value JobServer::copyStates() {
   Dictionary states;
   for (const std::string& label : host_.labels()) {
-    const Value job = host_.copy(label);
-    if (job.isNil()) continue;  // copy() has found its end, which finished its removal.
-    Dictionary state;
-    for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
-      if (!job[key].isNil()) state.set(key, job[key]);
-    }
+    Value state = host_.copyState(label);
+    if (state.isNil()) continue;  // copyState() has found its end, which finished its removal.
     states.set(label, std::move(state));
   }
   return states;

@@ -153,6 +153,22 @@ TEST_F(JobServerTest, TheStatesOfAllJobsAreCopied) {
                              {kAgent, Dictionary{{"LastExitStatus", 3 << 8}}}}));
 }
 
+TEST_F(JobServerTest, CopyingAllStatesStartsNothing) {
+  for (const char* label : {"a", "b"}) submitJob({{"Label", label}, {"ThrottleInterval", 0}});
+  const ProcessId last = lastProcess();
+  Value states;
+  loop_.post([&] {
+    for (ProcessId process : {last - 1, last}) processes_.end(process);
+    loop_.post([&] {
+      rootClient_->connection->callAsync(kCopyJobStatesMessage, {}, 1h,
+                                         [&](const MessageResult& result) { states = *result; });
+    });
+  });
+  loop_.runReady();
+  EXPECT_EQ(states["a"]["LastExitStatus"], Value(0));
+  EXPECT_EQ(processes_.started.size(), 4u);
+}
+
 TEST_F(JobServerTest, AJobWhoseRemovalHasJustFinishedHasNoState) {
   submitJob();
   processes_.obeysTermination = false;

@@ -15,6 +15,10 @@ using platform::Instant;
 
 constexpr Duration kMinimumRetryInterval = std::chrono::seconds(1);
 
+constexpr Duration kFirstPause = std::chrono::milliseconds(10);
+constexpr Duration kMaximumPause = std::chrono::seconds(1);
+constexpr unsigned kMaximumDoublings = 7;  // beyond kMaximumPause
+
 constexpr std::array kCrashes{SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS};
 
 Instant after(Instant start, Duration interval) {
@@ -44,6 +48,12 @@ bool wantsProcessAfter(const RestartRules& rules, const Ending& ending) {
 
 Instant earliestStart(const RestartRules& rules, std::optional<Instant> lastStart) {
   return lastStart ? after(*lastStart, rules.throttleInterval) : Instant::min();
+}
+
+Duration pauseAfterShortRuns(unsigned shortRuns) {
+  if (shortRuns < 2) return Duration::zero();
+  const unsigned doublings = std::min(shortRuns - 2, kMaximumDoublings);
+  return std::min(kFirstPause * (1U << doublings), kMaximumPause);
 }
 
 Instant earliestRetry(const RestartRules& rules, Instant failedStart) {

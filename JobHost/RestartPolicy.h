@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 
 #include "JobHost/Definitions/JobDefinition.h"
@@ -53,6 +54,14 @@ bool isCrash(int signal);
 // The earliest time of the next start after one at `lastStart`.
 platform::Instant earliestStart(const RestartRules& rules,
                                 std::optional<platform::Instant> lastStart);
+
+// A process that ran for less than this had a short run.
+inline constexpr platform::Duration kGoodRun = std::chrono::seconds(1);
+// The pause of a job without a throttle after so many short runs in a row. It is nothing after the
+// first, then 10 ms, and twice as long after each further one, up to a second: no job becomes a
+// loop of forks, and one that ends once is back at once.
+platform::Duration pauseAfterShortRuns(unsigned shortRuns);
+
 // The same after a failed start. A failed start costs as much as one that succeeds, so without a
 // throttle it is retried only every second.
 platform::Instant earliestRetry(const RestartRules& rules, platform::Instant failedStart);

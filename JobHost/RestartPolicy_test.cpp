@@ -1,6 +1,7 @@
 #include "JobHost/RestartPolicy.h"
 
 #include <csignal>
+#include <limits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -84,6 +85,15 @@ TEST(RestartPolicy, StartsAreOneThrottleIntervalApart) {
   EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), start), start + 10s);
   EXPECT_EQ(earliestStart(rulesOf({}, false, 0s), start), start);
   EXPECT_EQ(earliestStart(rulesOf({}, false, platform::Duration::max()), start), Instant::max());
+}
+
+TEST(RestartPolicy, ThePauseGrowsWithShortRunsUpToASecond) {
+  const platform::Duration pauses[] = {0ms,   0ms,   10ms,  20ms, 40ms, 80ms,
+                                       160ms, 320ms, 640ms, 1s,   1s};
+  for (unsigned runs = 0; runs < std::size(pauses); ++runs) {
+    EXPECT_EQ(pauseAfterShortRuns(runs), pauses[runs]) << runs;
+  }
+  EXPECT_EQ(pauseAfterShortRuns(std::numeric_limits<unsigned>::max()), 1s);
 }
 
 TEST(RestartPolicy, AFailedStartIsNotRetriedWithinASecond) {

@@ -16,6 +16,9 @@ constexpr Duration kRestartTimeOut = 5s;
 constexpr Duration kRetryInterval = 50ms;
 
 constexpr Duration kThrottle = 10s;
+constexpr Duration kGoodRun = 1s;
+constexpr Duration kFirstPause = 10ms;
+constexpr Duration kLongestPause = 1s;
 constexpr Duration kExitTimeOut = 20s;
 // A failed start is not retried more often than this, whatever the throttle.
 constexpr Duration kLeastRetry = 1s;
@@ -63,6 +66,12 @@ std::expected<void, NSError> check(const Value& dictionary) {
   return {};
 }
 
+// The pause of a job without a throttle after so many runs in a row that were no good ones.
+Duration pauseAfter(int shortRuns) {
+  if (shortRuns < 2) return {};
+  return std::min<Duration>(kFirstPause * (1 << std::min(shortRuns - 2, 10)), kLongestPause);
+}
+
 int waitStatus(ExitStatus status) {
   return status.kind == ExitStatus::Kind::kExited ? status.number << 8 : status.number;
 }
@@ -95,6 +104,10 @@ void FakeJobs::end(Job& job, ExitStatus status) {
   const ProcessId process = *job.process;
   job.process.reset();
   job.lastExitStatus = waitStatus(status);
+  job.shortRuns = loop_.now() - job.lastStart < kGoodRun ? job.shortRuns + 1 : 0;
+  const bool hasThrottle =
+      secondsOf(job.dictionary, "ThrottleInterval", kThrottle) > Duration::zero();
+  job.pausedUntil = loop_.now() + (hasThrottle ? Duration::zero() : pauseAfter(job.shortRuns));
   exitWatcher_.endProcess(process, status);
 }
 
@@ -174,8 +187,8 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
 
 Instant FakeJobs::earliestStart(const Job& job) const {
   if (job.lastStart == Instant{}) return loop_.now();
-  return std::max(loop_.now(),
-                  job.lastStart + secondsOf(job.dictionary, "ThrottleInterval", kThrottle));
+  const Duration throttle = secondsOf(job.dictionary, "ThrottleInterval", kThrottle);
+  return std::max({loop_.now(), job.lastStart + throttle, job.pausedUntil});
 }
 
 // The host is another program, so it starts processes even while this one waits.

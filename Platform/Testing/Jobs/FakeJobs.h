@@ -86,6 +86,8 @@ class FakeJobs final : public Jobs {
     std::optional<ProcessId> process;
     std::optional<int> lastExitStatus;  // in the format of wait()
     Instant lastStart{};
+    int shortRuns = 0;  // in a row
+    Instant pausedUntil{};
     std::size_t starts = 0;
     bool ignoresTermination = false;
     bool removing = false;

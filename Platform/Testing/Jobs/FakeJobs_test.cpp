@@ -222,5 +222,22 @@ TEST_F(FakeJobsTest, ARefusedCallerCannotChangeOrReadJobs) {
   EXPECT_TRUE(jobs_.process(kLabel));
 }
 
+TEST_F(FakeJobsTest, WithoutAThrottleShortRunsAreFollowedByGrowingPauses) {
+  submit({{"ThrottleInterval", 0}});
+  for (const Duration pause : {0ms, 10ms, 20ms, 40ms, 80ms, 160ms, 320ms, 640ms, 1000ms, 1000ms}) {
+    loop_.advanceBy(1s - 1ns);
+    jobs_.endProcess(kLabel, kKilled);
+    if (pause > 0s) {
+      loop_.advanceBy(pause - 1ns);
+      EXPECT_FALSE(jobs_.process(kLabel)) << pause.count();
+      loop_.advanceBy(1ns);
+    }
+    EXPECT_TRUE(jobs_.process(kLabel)) << pause.count();
+  }
+  loop_.advanceBy(1s);
+  jobs_.endProcess(kLabel, kKilled);
+  EXPECT_TRUE(jobs_.process(kLabel));
+}
+
 }  // namespace
 }  // namespace platform

@@ -1,0 +1,172 @@
+// The starts and ends of the jobs' processes.
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "JobHost/JobErrors.h"
+#include "JobHost/JobHost.h"
+#include "Platform/Texts/QuotedText.h"
+
+namespace jobhost {
+
+using platform::Error;
+using platform::Result;
+
+namespace {
+
+std::string describeEnding(const Ending& ending) {
+  if (!ending) return "nobody could learn how";
+  const platform::ExitStatus& status = ending->status;
+  return fmt::format("{} {}{}",
+                     status.kind == platform::ExitStatus::Kind::kExited ? "status" : "signal",
+                     status.number, ending->hasCore ? ", with a core" : "");
+}
+
+}  // namespace
+
+Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* definition) {
+  switch (action) {
+    case JobAction::kNothing:
+      return {};
+    case JobAction::kBecomeIdle:
+      job.isQueued = false;
+      job.timer.reset();
+      job.phase = JobPhase::kIdle;
+      return {};
+    case JobAction::kWait:
+      waitUntil(job, earliestStartOf(job));
+      return {};
+    case JobAction::kStart:
+      break;
+  }
+  job.isQueued = false;
+  job.timer.reset();
+  job.phase = JobPhase::kIdle;
+  if (definition) return startProcess(job, *definition);
+  const auto parsed = parseJobDefinition(job.dictionary);
+  if (!parsed) return std::unexpected(parsed.error());
+  return startProcess(job, *parsed);
+}
+
+Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
+  platform::Descriptor listener = -1;
+  job.lastTry = loop_.now();
+  if (!job.machService.empty()) {
+    const auto socket = sockets_.listen(job.machService, job.label);
+    if (!socket) return std::unexpected(socket.error());
+    listener = *socket;
+  }
+  auto record = state_->makeStartRecord(job.label, *job.lastTry);
+  if (!record) return std::unexpected(std::move(record.error()));
+  const std::size_t mark = state_->mark();
+  const auto process =
+      processes_.start(definition, state_->ticketFor(*record), listener, onEndOf(job));
+  if (!process) {
+    if (auto cut = state_->cutBackTo(mark); !cut) {
+      log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
+    }
+    return std::unexpected(process.error());
+  }
+  job.lastStart = state_->countStart(*record);
+  job.hasLeader = true;
+  job.phase = JobPhase::kRunning;
+  if (onStarted_) onStarted_(job.label, *process);
+  log(platform::ASL_LEVEL_INFO,
+      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
+  return {};
+}
+
+Processes::OnEnd JobHost::onEndOf(Job& job) {
+  return [this, &job, alive = std::weak_ptr(alive_)](Ending ending) {
+    if (!alive.expired()) processEnded(job, ending);
+  };
+}
+
+void JobHost::processEnded(Job& job, Ending ending) {
+  // If the ending is known, the process was our child and was reaped just now, so its number can't
+  // mean another group yet. A process of another parent may have been reaped at any time since its
+  // end.
+  const bool hasGroup = ending || processes_.hasRemainingProcesses(job.lastStart);
+  // The remaining processes of the group belong to no later process of the job. Kill them before
+  // the end is recorded: the next host looks for the group of a process only if its end is not on
+  // record.
+  if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
+  compactIfWanted();  // A full file would reject the record of the end.
+  job.hasLeader = false;
+  job.lastEnd = ending;
+  if (auto written = state_->appendEnded(job.label, ending); !written) {
+    log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
+  }
+  log(platform::ASL_LEVEL_INFO,
+      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
+                  job.lastStart.process, describeEnding(ending)));
+  if (job.removal) return hasGroup ? awaitGroup(job) : finishRemoval(job);
+  const platform::Instant now = loop_.now();
+  const bool wasShort = now - job.lastTry.value_or(now) < kGoodRun;
+  job.shortRuns = wasShort ? job.shortRuns + 1 : 0;
+  const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
+  job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);
+  const JobAction action =
+      nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, ending),
+                 now >= earliestStartOf(job));
+  if (action == JobAction::kStart) return enqueueStart(job);
+  static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
+}
+
+platform::Instant JobHost::earliestStartOf(const Job& job) const {
+  return std::max(earliestStart(job.rules, job.lastTry), job.pausedUntil);
+}
+
+void JobHost::enqueueStart(Job& job) {
+  job.timer.reset();
+  job.phase = JobPhase::kWaiting;
+  job.isQueued = true;
+  startQueue_.push_back(job.label);
+  if (startQueue_.size() == 1) postNextStart();
+}
+
+void JobHost::postNextStart() {
+  loop_.post([this, alive = std::weak_ptr(alive_)] {
+    if (!alive.expired()) startNext();
+  });
+}
+
+void JobHost::startNext() {
+  const std::string label = std::move(startQueue_.front());
+  startQueue_.pop_front();
+  if (!startQueue_.empty()) postNextStart();
+  if (Job* const job = find(label)) startIfQueued(*job);
+}
+
+void JobHost::startIfQueued(Job& job) {
+  if (!std::exchange(job.isQueued, false)) return;
+  compactIfWanted();
+  const auto done = perform(job, nextAction(job.phase, JobEvent::kDue, true, true), nullptr);
+  if (!done) logAndRetry(job, done.error());
+}
+
+void JobHost::waitUntil(Job& job, platform::Instant due) {
+  job.isQueued = false;
+  job.phase = JobPhase::kWaiting;
+  const platform::Instant now = loop_.now();
+  const platform::Duration delay = due > now ? due - now : platform::Duration::zero();
+  job.timer = loop_.startTimer(delay, platform::RunLoop::Repeat::kOnce, [this, &job] {
+    const auto timer = std::move(job.timer);  // The callback is part of it.
+    enqueueStart(job);
+  });
+}
+
+void JobHost::retryLater(Job& job) {
+  waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
+}
+
+void JobHost::logAndRetry(Job& job, const Error& error) {
+  log(platform::ASL_LEVEL_ERR,
+      fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
+  retryLater(job);
+}
+
+}  // namespace jobhost
