@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string_view>
 
@@ -45,6 +46,9 @@ class NSProxy : public RemoteObject {
   // from inside the call that ends the connection.
   virtual void sendMessageAsync(std::string_view selector, const Array& arguments,
                                 MessageReply reply) const = 0;
+
+  // The number of such messages that have not been answered, of all proxies of one connection.
+  virtual std::size_t messagesUnderWay() const { return 0; }
 };
 
 // The proxy in `value`, null if there is none.

@@ -106,10 +106,14 @@ void NSConnection::sendTwoWayAsync(std::int64_t object, std::string_view selecto
                                    const Array& arguments, MessageReply reply) {
   const auto message = compose(object, selector, arguments);
   if (!message) return reply.answer(std::unexpected(message.error()));
+  ++messagesUnderWay_;
   peer_->callAsync(
       message->selector, message->arguments, replyTimeout_,
       [weak = weak_from_this(), reply = std::move(reply)](MessageResult answer) mutable {
-        if (const auto self = weak.lock()) reply.answer(self->readAnswer(std::move(answer)));
+        const auto self = weak.lock();
+        if (!self) return;
+        --self->messagesUnderWay_;
+        reply.answer(self->readAnswer(std::move(answer)));
       });
 }
 

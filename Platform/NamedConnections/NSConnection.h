@@ -174,7 +174,8 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   Duration requestTimeout_;
   Stage stage_ = Stage::kUnauthenticated;
   std::size_t nestedRequests_ = 0;
-  bool isProbe_ = false;  // Its results change nothing for others.
+  std::size_t messagesUnderWay_ = 0;  // sent by sendTwoWayAsync(), and not answered
+  bool isProbe_ = false;              // Its results change nothing for others.
   bool valid_ = true;
 };
 

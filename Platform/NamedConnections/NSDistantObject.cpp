@@ -39,4 +39,6 @@ void NSDistantObject::sendMessageAsync(std::string_view selector, const Array& a
   connection->sendTwoWayAsync(description_.number, selector, arguments, std::move(reply));
 }
 
+std::size_t NSDistantObject::messagesUnderWay() const { return connection_->messagesUnderWay_; }
+
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -49,6 +50,7 @@ class NSDistantObject final : public NSProxy {
   MessageResult sendMessage(std::string_view selector, const Array& arguments) const override;
   void sendMessageAsync(std::string_view selector, const Array& arguments,
                         MessageReply reply) const override;
+  std::size_t messagesUnderWay() const override;
 
  private:
   bool isOneWay(std::string_view selector) const;

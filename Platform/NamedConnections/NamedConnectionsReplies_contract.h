@@ -38,8 +38,10 @@ TEST_P(NamedConnectionsRepliesContract, TheServerGoesOnBeforeItAnswers) {
 TEST_P(NamedConnectionsRepliesContract, AnswersMayComeInAnyOrder) {
   start();
   defer({"one", "two", "three"});
+  EXPECT_EQ(root_->messagesUnderWay(), 3u);
   answerDeferred();
   runUntilNoted("one");
+  EXPECT_EQ(root_->messagesUnderWay(), 0u);
   EXPECT_EQ(journal_.entries(), (Log{"deferred", "deferred", "deferred", "three", "two", "one"}));
 }
 

@@ -103,7 +103,8 @@ class PeerConnection {
                              Duration timeout) = 0;
 
   // Like call(), but does not block: the completion runs once, on the loop, never from inside this
-  // call, and not after close(). Duration::max() means no time-out.
+  // call, and not after close(). Duration::max() means no time-out. An answer that has arrived when
+  // the time-out is served is in time: this process may have been busy.
   virtual void callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                          Completion completion) = 0;
 

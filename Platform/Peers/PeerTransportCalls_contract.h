@@ -125,6 +125,20 @@ TEST_P(PeerTransportContract, AnAsynchronousCallWithoutAnAnswerTimesOut) {
   runUntilNoted(kNSPortTimeoutException);
 }
 
+TEST_P(PeerTransportContract, AnAnswerThatArrivedWhileWeWereBusyIsInTime) {
+  start();
+  const auto other = connect();
+  client_->callAsync("echo:", {Value("in time")}, 1ms, [this](const MessageResult& result) {
+    journal_.note(result ? *result->string() : result.error().name);
+  });
+  // Here this process serves nothing. Afterwards the other one has answered: it serves its
+  // connections in turn.
+  EXPECT_FALSE(other->call("keep", {}, 5ms));
+  for (int turn = 0; turn < 3; ++turn) EXPECT_TRUE(other->call("echo:", {Value(turn)}, 60s));
+  harness_->runUntil([this] { return journal_.entries().back() != "kept"; });
+  EXPECT_EQ(journal_.entries().back(), "in time");
+}
+
 TEST_P(PeerTransportContract, ALateAnswerIsDropped) {
   start();
   EXPECT_FALSE(call("keep", {}, 5ms));

@@ -222,7 +222,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const platform::Value& serviceInfo() const { return catalogue_.serviceInfo(); }
   const std::optional<std::string>& product() const { return product_; }
   std::int64_t operatingMode() const { return operatingMode_; }
-  const std::vector<std::shared_ptr<const platform::NSProxy>>& userClients() const {
+  std::vector<std::shared_ptr<const platform::NSProxy>> userClients() const {
     return userClients_.userClients();
   }
   const platform::Value& secret() const { return secret_; }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Messages/MessageReply.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/NamedConnections/NSDistantObject.h"
 #include "Platform/Texts/StringFormat.h"
@@ -22,12 +23,6 @@ Value statusNotice(std::string_view label, std::int64_t status, std::int64_t pro
   return notice;
 }
 
-// Whether the client took the notice.
-bool deliver(const NSProxy& client, const Value& notice) {
-  return client.conformsToProtocol(kORBServiceManagerUserInterfaceDelegateProtocol) &&
-         client.sendMessage("jobStatusDidChangeWithInfo:", {notice}).has_value();
-}
-
 // Whether the client's connection has ended. Sends no message.
 bool isDisconnected(const std::shared_ptr<const NSProxy>& client) {
   const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
@@ -40,10 +35,11 @@ void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client)
   if (!client) return;
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Will register a user interface client remote proxy");
   // Clients that have ended since the last notice must not keep others out until the next notice.
-  if (userClients_.size() == kMaxUserClients) std::erase_if(userClients_, isDisconnected);
-  if (userClients_.size() == kMaxUserClients) {
+  if (registrations_.size() == kMaxUserClients)
+    std::erase_if(registrations_, [](const auto& entry) { return isDisconnected(entry->client); });
+  if (registrations_.size() == kMaxUserClients) {
     const NSException tooMany{kNSInvalidArgumentException,
-                              stringWithFormat("there are %zu clients", userClients_.size()),
+                              stringWithFormat("there are %zu clients", registrations_.size()),
                               {}};
     vantorlogger2_line(
         ASL_LEVEL_DEBUG,
@@ -51,21 +47,91 @@ void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client)
                          tooMany));
     return;
   }
-  userClients_.push_back(std::move(client));
+  registrations_.push_back(
+      std::make_shared<Registration>(Registration{std::move(client), endOfNotices(), false}));
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Did register a user interface client remote proxy");
 }
 
 void UserInterfaceClients::notifyClientsOfService(Label label, std::int64_t withJobStatusChange,
                                                   std::int64_t andPID) {
   if (!label) return;
-  const Value notice = statusNotice(*label, withJobStatusChange, andPID);
-  // A snapshot: clients may register or be removed while one is notified.
-  const auto clients = userClients_;
-  for (const auto& client : clients) {
-    const bool isRegistered = std::ranges::find(userClients_, client) != userClients_.end();
-    if (!isRegistered || deliver(*client, notice)) continue;
-    vantorlogger2_line(ASL_LEVEL_DEBUG, "Attempting to remove an abandoned remote user client");
-    std::erase(userClients_, client);
-    vantorlogger2_line(ASL_LEVEL_DEBUG, "Did remove an abandoned remote user client");
+  if (notices_.size() == kMaxWaitingNotices) abandonSlowest();
+  notices_.push_back(statusNotice(*label, withJobStatusChange, andPID));
+  sendNotices();
+}
+
+void UserInterfaceClients::sendNotices() {
+  // A client of this program answers at once, and its answer ends here, too.
+  if (std::exchange(isSending_, true)) return;
+  // A snapshot: clients may register or be removed while notices are sent.
+  const auto registrations = registrations_;
+  for (const auto& registration : registrations) {
+    while (isBehind(*registration) &&
+           registration->client->messagesUnderWay() < kMaxNoticesUnderWay)
+      sendNext(*registration);
   }
+  isSending_ = false;
+  forgetSentNotices();
+}
+
+bool UserInterfaceClients::isBehind(const Registration& registration) const {
+  return !registration.isRemoved && registration.next < endOfNotices();
+}
+
+void UserInterfaceClients::sendNext(Registration& registration) {
+  const auto client = registration.client;
+  const Array arguments{notices_[registration.next++ - firstNotice_]};
+  if (!client->conformsToProtocol(kORBServiceManagerUserInterfaceDelegateProtocol))
+    return abandon(client);
+  const auto answer = [weak = std::weak_ptr(self_), client](const MessageResult& result) {
+    if (const auto self = weak.lock()) (*self)->answered(client, result.has_value());
+  };
+  client->sendMessageAsync("jobStatusDidChangeWithInfo:", arguments, MessageReply(answer));
+}
+
+void UserInterfaceClients::answered(const std::shared_ptr<const NSProxy>& client,
+                                    bool successfully) {
+  if (!successfully) abandon(client);
+  if (!notices_.empty()) sendNotices();
+}
+
+void UserInterfaceClients::abandon(const std::shared_ptr<const NSProxy>& client) {
+  const auto isOfClient = [&](const auto& entry) { return entry->client == client; };
+  if (std::ranges::none_of(registrations_, isOfClient)) return;
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "Attempting to remove an abandoned remote user client");
+  for (const auto& entry : registrations_) {
+    if (isOfClient(entry)) entry->isRemoved = true;
+  }
+  std::erase_if(registrations_, isOfClient);
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "Did remove an abandoned remote user client");
+}
+
+// From the end of its connection a client learns that it gets no more notices.
+void UserInterfaceClients::abandonSlowest() {
+  const auto registrations = registrations_;
+  const std::uint64_t oldest = firstNotice_;  // It advances when the first of them is removed.
+  for (const auto& registration : registrations) {
+    if (registration->isRemoved || registration->next != oldest) continue;
+    abandon(registration->client);
+    if (const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(registration->client))
+      distant->connectionForProxy()->invalidate();
+  }
+  forgetSentNotices();
+}
+
+void UserInterfaceClients::forgetSentNotices() {
+  std::uint64_t first = endOfNotices();
+  for (const auto& registration : registrations_) first = std::min(first, registration->next);
+  for (; firstNotice_ < first; ++firstNotice_) notices_.pop_front();
+}
+
+void UserInterfaceClients::removeAll() {
+  for (const auto& registration : std::exchange(registrations_, {})) registration->isRemoved = true;
+  forgetSentNotices();
+}
+
+std::vector<std::shared_ptr<const NSProxy>> UserInterfaceClients::userClients() const {
+  std::vector<std::shared_ptr<const NSProxy>> clients;
+  for (const auto& registration : registrations_) clients.push_back(registration->client);
+  return clients;
 }

@@ -127,10 +127,22 @@ void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, 
   Outstanding& entry = outstanding_[*serial];
   entry.completion = std::move(completion);
   if (timeout == Duration::max()) return;
-  entry.timer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial = *serial] {
-    auto expired = outstanding_.extract(serial);
-    if (!expired.empty()) expired.mapped().completion(raisedNoAnswer());
-  });
+  entry.timer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce,
+                                 [this, serial = *serial] { expire(serial); });
+}
+
+void DBusPeerLink::expire(std::uint32_t serial) {
+  const auto self = shared_from_this();
+  // libdbus stops reading when kMaxPeerMessageBytes are undelivered.
+  do {
+    if (!ended_) collect();
+    if (!hasAnswerTo(serial)) continue;
+    sources_->scheduleDispatch();
+    return;
+  } while (isConnected() &&
+           sources_->handleWithin(Duration::zero()) == DBusSources::Handled::kSome);
+  auto expired = outstanding_.extract(serial);
+  if (!expired.empty()) expired.mapped().completion(raisedNoAnswer());
 }
 
 Result<void> DBusPeerLink::send(std::string_view selector, const Array& arguments) {

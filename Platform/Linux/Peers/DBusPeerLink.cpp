@@ -199,6 +199,12 @@ void DBusPeerLink::collect() {
   }
 }
 
+bool DBusPeerLink::hasAnswerTo(std::uint32_t serial) const {
+  return std::ranges::any_of(inbox_, [serial](const UniqueDBusMessage& message) {
+    return isAnswer(message.get()) && dbus_message_get_reply_serial(message.get()) == serial;
+  });
+}
+
 bool DBusPeerLink::deliverOne() {
   if (inbox_.empty()) return false;
   UniqueDBusMessage message = std::move(inbox_.front());

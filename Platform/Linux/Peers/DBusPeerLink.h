@@ -93,6 +93,8 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   void deliverRequest(UniqueDBusMessage message);
   void deliverAnswer(UniqueDBusMessage message);
   MessageResult awaitAnswer(std::uint32_t serial, Instant deadline, WhileWaiting whileWaiting);
+  void expire(std::uint32_t serial);
+  bool hasAnswerTo(std::uint32_t serial) const;
   bool waitForRoom(Instant deadline);
   bool waitOnce(Instant deadline);
   bool hasRoom(const EncodedMessage& message);

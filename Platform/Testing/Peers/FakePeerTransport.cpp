@@ -316,6 +316,10 @@ void FakePeerTransport::End::callAsync(std::string_view selector, const Array& a
   entry.completion = std::move(completion);
   if (timeout == Duration::max()) return;
   entry.timer = loop().startTimer(timeout, RunLoop::Repeat::kOnce, [this, serial] {
+    const bool hasArrived = std::ranges::any_of(inbox_, [serial](const Item& waiting) {
+      return waiting.kind == Item::Kind::kAnswer && waiting.serial == serial;
+    });
+    if (hasArrived) return;
     auto expired = outstanding_.extract(serial);
     if (expired.empty()) return;
     expired.mapped().completion(raisedNoAnswer());
