@@ -90,7 +90,8 @@ void serveXPC(const std::string& path, int started) {
   LastUser lastUser;
   const auto xpc = LinuxXPC::make(log, root, std::nullopt);
   if (!xpc) return;
-  const auto registry = std::make_shared<ORBServiceManagerXPCHandler>(system, *center, protocols);
+  const auto registry =
+      std::make_shared<ORBServiceManagerXPCHandler>(loop, system, *center, protocols);
   const auto listener = (*xpc)->xpc().makeListener(kEndpointRegistryService);
   listener->setDelegate(registry);
   listener->resume();

@@ -40,7 +40,7 @@ class EndpointRegistryLoadTest : public testing::Test {
     EXPECT_TRUE(raiseDescriptorLimit());
     std::filesystem::create_directories(folder_.path("run/vantor/mach"));
     addServiceManagerProtocols(protocols_);
-    handler_ = std::make_shared<ORBServiceManagerXPCHandler>(system_, *center_, protocols_);
+    handler_ = std::make_shared<ORBServiceManagerXPCHandler>(loop_, system_, *center_, protocols_);
   }
 
   std::unique_ptr<LinuxXPC> makeXPC() {

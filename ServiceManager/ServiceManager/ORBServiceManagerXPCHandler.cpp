@@ -1,5 +1,6 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
@@ -31,9 +32,10 @@ std::optional<std::string> shown(const std::optional<std::string>& name) {
 }  // namespace
 
 ORBServiceManagerXPCHandler::ORBServiceManagerXPCHandler(
-    const SystemInformation& system, DistributedNotificationCenter& distributedCenter,
-    const ProtocolTable& protocols)
-    : system_(system),
+    RunLoop& mainLoop, const SystemInformation& system,
+    DistributedNotificationCenter& distributedCenter, const ProtocolTable& protocols)
+    : mainLoop_(mainLoop),
+      system_(system),
       distributedCenter_(distributedCenter),
       protocols_(protocols),
       threadOfLogger_(mach_thread_self()) {
@@ -129,9 +131,40 @@ void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
 void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::string& name) {
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Send a registration request notification for '%@'.", name));
-  distributedCenter_.postNotificationName(kEndpointRequestNotification, std::nullopt,
-                                          Dictionary{{kEndpointRequestName, name}},
-                                          NSNotificationPosting::kPostToAllSessions);
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::ranges::find(wantedNames_, name) != wantedNames_.end()) return;
+    if (wantedNames_.size() == kMaxWantedNames) {
+      ++leftOut_;
+      return;
+    }
+    wantedNames_.push_back(name);
+    if (wantedNames_.size() > 1) return;  // The post of the first one serves all.
+  }
+  mainLoop_.post([handler = weak_from_this()] {
+    if (const auto alive = handler.lock()) alive->askForWantedNames();
+  });
+}
+
+void ORBServiceManagerXPCHandler::askForWantedNames() {
+  std::vector<std::string> names;
+  std::size_t leftOut = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    names.swap(wantedNames_);
+    std::swap(leftOut, leftOut_);
+  }
+  for (const std::string& name : names) {
+    distributedCenter_.postNotificationName(kEndpointRequestNotification, std::nullopt,
+                                            Dictionary{{kEndpointRequestName, name}},
+                                            NSNotificationPosting::kPostToAllSessions);
+  }
+  if (leftOut == 0) return;
+  vantorlogger2_line(
+      ASL_LEVEL_WARNING,
+      stringWithFormat("%lu registration requests were left out, because %lu others waited.",
+                       static_cast<unsigned long>(leftOut),
+                       static_cast<unsigned long>(kMaxWantedNames)));
 }
 
 // `endpoint` outlives the lock and takes the replaced endpoint along: closing that is a system

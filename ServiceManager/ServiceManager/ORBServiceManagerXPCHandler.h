@@ -9,9 +9,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Messages/Protocol.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
+#include "Platform/RunLoops/RunLoop.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
 #include "Platform/XPC/NSXPCListener.h"
@@ -31,12 +33,15 @@ class ORBServiceManagerXPCHandler final
   // Each entry holds a descriptor for as long as the daemon runs.
   static constexpr std::size_t kMaxNames = 1024;
   static constexpr std::size_t kMaxNameBytes = 1024;
+  // The unknown names whose owners may wait to be asked. The bus takes them all at once.
+  static constexpr std::size_t kMaxWantedNames = 256;
 
   // Shared with all other holders of the same endpoint; null if there is none.
   using Endpoint = std::shared_ptr<const platform::NSXPCListenerEndpoint>;
 
-  // All of it outlives this.
-  ORBServiceManagerXPCHandler(const platform::SystemInformation& system,
+  // All of it outlives this. Owners of names are asked on the main loop.
+  ORBServiceManagerXPCHandler(platform::RunLoop& mainLoop,
+                              const platform::SystemInformation& system,
                               platform::DistributedNotificationCenter& distributedCenter,
                               const platform::ProtocolTable& protocols);
   ORBServiceManagerXPCHandler(const ORBServiceManagerXPCHandler&) = delete;
@@ -70,6 +75,8 @@ class ORBServiceManagerXPCHandler final
   // unless the name can't be registered.
   void xpcListenerEndpoint(const platform::Value& forPasskey,
                            const std::optional<std::string>& withName, EndpointReply withReply);
+  // Asks once for all lookups of one name that come before the main loop gets to it: any process
+  // may look up unknown names faster than the bus takes requests.
   void sendNotificationToRegisterForName(const std::string& name);
 
   // For the daemon itself.
@@ -81,6 +88,9 @@ class ORBServiceManagerXPCHandler final
   std::optional<std::string> registerWithinLimits(Endpoint endpoint,
                                                   const std::optional<std::string>& name);
 
+  void askForWantedNames();
+
+  platform::RunLoop& mainLoop_;
   const platform::SystemInformation& system_;
   platform::DistributedNotificationCenter& distributedCenter_;
   const platform::ProtocolTable& protocols_;
@@ -88,4 +98,6 @@ class ORBServiceManagerXPCHandler final
 
   mutable std::mutex mutex_;
   std::map<std::string, Endpoint> endpointListeners_;
+  std::vector<std::string> wantedNames_;  // in the order of their lookups
+  std::size_t leftOut_ = 0;               // names that had no room
 };

@@ -28,7 +28,8 @@ class EndpointRegistryTest : public StartUpFixture {
 
   ORBServiceManagerXPCHandler& handler() {
     if (!handler_) {
-      handler_ = std::make_shared<ORBServiceManagerXPCHandler>(system_, *center_, protocols_);
+      handler_ =
+          std::make_shared<ORBServiceManagerXPCHandler>(loop_, system_, *center_, protocols_);
     }
     return *handler_;
   }
@@ -115,6 +116,33 @@ TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndRequestedOnce) {
                          "7 Received listenerendpoint request for 'missing'",
                          "7 Cannot find listener for endpoint 'missing'.",
                          "7 Send a registration request notification for 'missing'."}));
+}
+
+TEST_F(EndpointRegistryTest, LookupsOfOneNameAreOneRequestUntilItIsPosted) {
+  const auto ignored = [](const ORBServiceManagerXPCHandler::Endpoint&) {};
+  for (int i = 0; i < 1000; ++i) handler().xpcListenerEndpoint(passkey(), "missing", ignored);
+  EXPECT_EQ(lookUp(passkey(), "another"), Lookup(nullptr));
+  ASSERT_EQ(requests_.size(), 2u);
+  EXPECT_EQ(requests_[0].userInfo, Value(Dictionary{{"requestName", "missing"}}));
+  EXPECT_EQ(requests_[1].userInfo, Value(Dictionary{{"requestName", "another"}}));
+  EXPECT_EQ(lookUp(passkey(), "missing"), Lookup(nullptr));
+  EXPECT_EQ(requests_.size(), 3u);
+}
+
+TEST_F(EndpointRegistryTest, TheNamesThatWaitToBeRequestedAreLimited) {
+  const auto ignored = [](const ORBServiceManagerXPCHandler::Endpoint&) {};
+  constexpr std::size_t kNames = ORBServiceManagerXPCHandler::kMaxWantedNames;
+  for (std::size_t i = 0; i < kNames + 1000; ++i) {
+    handler().xpcListenerEndpoint(passkey(), "missing" + std::to_string(i), ignored);
+  }
+  static_cast<void>(lines());
+  loop_.runReady();
+  EXPECT_EQ(requests_.size(), kNames);
+  EXPECT_EQ(lines(),
+            (std::vector<std::string>{
+                "4 1000 registration requests were left out, because 256 others waited."}));
+  lookUp(passkey(), "missing");
+  EXPECT_EQ(requests_.size(), kNames + 1);
 }
 
 class WrongPasskey : public EndpointRegistryTest, public testing::WithParamInterface<int> {

@@ -70,7 +70,8 @@ void VendedServers::vendXPCListeners() {
                                       environment_.protocols},
       &manager_);
   xpcHandler_ = std::make_shared<ORBServiceManagerXPCHandler>(
-      environment_.system, environment_.distributedCenter, environment_.protocols);
+      environment_.runLoop, environment_.system, environment_.distributedCenter,
+      environment_.protocols);
   xpcListener_ = environment_.xpc.makeListener(kEndpointRegistryService);
   xpcListener_->setDelegate(xpcHandler_);
   xpcListener_->resume();

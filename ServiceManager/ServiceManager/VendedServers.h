@@ -28,6 +28,7 @@ class VendedServers {
  public:
   // All of it outlives this.
   struct Environment {
+    platform::RunLoop& runLoop;
     platform::NamedConnections& connections;
     platform::DistributedNotificationCenter& distributedCenter;
     const platform::ProtocolTable& protocols;

@@ -104,7 +104,8 @@ class XPCCommandsTest : public testing::Test {
   }
   void serve() {
     daemon_ = makeXPC();
-    registry_ = std::make_shared<ORBServiceManagerXPCHandler>(daemonsSystem_, *center_, protocols_);
+    registry_ =
+        std::make_shared<ORBServiceManagerXPCHandler>(loop_, daemonsSystem_, *center_, protocols_);
     listener_ = daemon_->xpc().makeListener(kEndpointRegistryService);
     listener_->setDelegate(registry_);
     listener_->resume();
