@@ -12,9 +12,9 @@
 
 namespace platform {
 
-// Logs the reasons why peers were refused, with a limit of lines in each minute that starts with a
-// line: a flood of peers must not cause a flood of lines. The first line after a gap tells how many
-// are missing. Belongs to the loop's thread.
+// Logs the reasons why peers were refused or posts were lost, with a limit of lines in each minute
+// that starts with a line: a flood of peers must not cause a flood of lines. The first line after a
+// gap tells how many are missing. Belongs to the loop's thread.
 class RefusalLog {
  public:
   static constexpr std::size_t kLinesPerPeriod = 10;
@@ -25,6 +25,8 @@ class RefusalLog {
 
   // Writes a warning, or counts it.
   void write(std::string_view line);
+  // Counts further lines that its caller has left out.
+  void leaveOut(std::size_t lines) { missing_ += lines; }
 
  private:
   RunLoop& loop_;

@@ -36,7 +36,8 @@ enum class NSNotificationPosting { kThisSession, kPostToAllSessions };
 // nobody answers. The poster receives its own, too, if it observes the name.
 //
 // A post is not a delivery: without a bus it is lost, which is logged, and an observer does not
-// receive earlier posts. Observers survive a restart of the bus. They miss posts in between, and
+// receive earlier posts. Only the posts of a program that the bus has not yet registered wait for
+// that. Observers survive a restart of the bus. They miss posts in between, and
 // observeReturn() reports that.
 class DistributedNotificationCenter {
  public:
@@ -68,7 +69,7 @@ class DistributedNotificationCenter {
 
   // Posts without blocking. A notification that can't be sent is logged and dropped: without a bus,
   // with a user info that is not a dictionary, contains a remote object or is too large, or with an
-  // empty name. Any thread may call it.
+  // empty name. Posts of a flood that are dropped may share a line. Any thread may call it.
   virtual void postNotificationName(std::string_view name, std::optional<std::string> object,
                                     Value userInfo, NSNotificationPosting posting) = 0;
 };

@@ -86,10 +86,13 @@ Result<void> checkDistributedNotification(const DistributedNotification& notific
   return {};
 }
 
+std::string lostPostText(std::string_view name, const Error& why) {
+  return stringWithFormat("The notification \"%@\" was not posted: %@", name, describe(why));
+}
+
 void logLostPost(SystemLog& log, std::string_view name, const Error& why) {
   const AslClient client{"DistributedNotificationCenter", "com.vantor.platform"};
-  log.asl_log(&client, ASL_LEVEL_WARNING,
-              stringWithFormat("The notification \"%@\" was not posted: %@", name, describe(why)));
+  log.asl_log(&client, ASL_LEVEL_WARNING, lostPostText(name, why));
 }
 
 }  // namespace platform

@@ -64,7 +64,10 @@ class ReturnObservers {
 // dictionary without remote objects. Fails with kInvalid and the reason.
 Result<void> checkDistributedNotification(const DistributedNotification& notification);
 
-// Logs for a centre that a notification could not be posted.
+// The line about a notification that could not be posted.
+std::string lostPostText(std::string_view name, const Error& why);
+
+// Logs it for a centre.
 void logLostPost(SystemLog& log, std::string_view name, const Error& why);
 
 }  // namespace platform

@@ -199,6 +199,14 @@ TEST_F(StartUpTest, AStartIsAnnouncedWhenEverythingIsThere) {
   EXPECT_TRUE(manager().watchDog());
 }
 
+TEST_F(StartUpTest, AStartIsAnnouncedThoughTheBusHadHungUpMeanwhile) {
+  loop_.sleepFor(FakeNotificationBus::kLogInTime + 1s);
+  start();
+  EXPECT_THAT(announcements_, IsEmpty());
+  loop_.advanceBy(FakeNotificationBus::kRetryTime);
+  EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+}
+
 TEST_F(StartUpTest, TheOwnersLineShowsTheEffectiveUserTwice) {
   owner_ = {501, 0, 20};
   start();

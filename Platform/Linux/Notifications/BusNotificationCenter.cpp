@@ -22,6 +22,9 @@ constexpr std::chrono::milliseconds kRetryTime{500};
 // The most that may be received but not yet dispatched. Beyond that we stop reading.
 constexpr long kMaximumReceivedBytes = 1L << 20;
 
+// The most posts of other threads that may wait for the loop.
+constexpr std::size_t kMaximumForeignPosts = 1024;
+
 // Empty if the address is not the path of a socket.
 std::string socketPathOf(const std::string& address) {
   DBusErrorText error;
@@ -90,6 +93,7 @@ BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string addr
       socketPath_(socketPathOf(address_)),
       log_(log),
       confirmationTime_(confirmationTime),
+      lostPosts_(loop_, log_, "DistributedNotificationCenter"),
       alive_(std::make_shared<BusNotificationCenter*>(this)) {
   if (!socketPath_.empty()) {
     connect();
@@ -102,7 +106,7 @@ BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string addr
                                 address_));
 }
 
-BusNotificationCenter::~BusNotificationCenter() = default;
+BusNotificationCenter::~BusNotificationCenter() { dropEarlyPosts(); }
 
 void BusNotificationCenter::connect() {
   // Any program may fill the bus's backlog, so connecting must not wait for room in it.
@@ -159,7 +163,7 @@ void BusNotificationCenter::lost() {
   const bool hasLasted = wasRegistered && loop_.now() - connectedAt_ >= kRetryTime;
   mayHaveMissed_ = true;
   awaited_.clear();
-  dropEarlyPosts();
+  if (wasEverRegistered_) dropEarlyPosts();
   if (!stash_.empty()) dispatchLater();
   connectAfter(hasLasted ? Duration::zero() : kRetryTime);
 }
@@ -167,9 +171,9 @@ void BusNotificationCenter::lost() {
 void BusNotificationCenter::dropEarlyPosts() {
   earlyBytes_ = 0;
   for (const EarlyPost& post : std::exchange(early_, {})) {
-    logLostPost(log_, post.name,
-                Error{ErrorCode::kNotFound, 0,
-                      "the notification bus at " + address_ + " has gone before it answered"});
+    const Error why{ErrorCode::kNotFound, 0,
+                    "the notification bus at " + address_ + " has gone before it answered"};
+    lostPosts_.write(lostPostText(post.name, why));
   }
 }
 
@@ -191,12 +195,13 @@ bool BusNotificationCenter::sayHello() {
 
 void BusNotificationCenter::registered() {
   registered_ = true;
-  // Send nothing into a connection that has ended; lost() follows and logs the lost posts.
+  // Send nothing into a connection that has ended; lost() follows.
   if (!sources_ || hasEnded(sources_->descriptor())) return;
   for (const EarlyPost& post : early_)
     dbus_connection_send(connection_.get(), post.message.get(), nullptr);
   early_.clear();
   earlyBytes_ = 0;
+  wasEverRegistered_ = true;
 }
 
 std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCenter::addObserver(
@@ -260,22 +265,55 @@ void BusNotificationCenter::postNotificationName(std::string_view name,
                                                  NSNotificationPosting /*posting*/) {
   DistributedNotification notification{std::string(name), std::move(object), std::move(userInfo)};
   if (std::this_thread::get_id() == thread_) return send(notification);
+  postFromOtherThread(std::move(notification));
+}
+
+void BusNotificationCenter::postFromOtherThread(DistributedNotification notification) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (foreignPosts_ == kMaximumForeignPosts) {
+      if (lostForeign_++ == 0) firstLostForeign_ = std::move(notification.name);
+      return;
+    }
+    ++foreignPosts_;
+  }
   loop_.post([center = std::weak_ptr(alive_), notification = std::move(notification)] {
-    if (const auto alive = center.lock()) (*alive)->send(notification);
+    if (const auto alive = center.lock()) (*alive)->sendFromOtherThread(notification);
   });
 }
 
+void BusNotificationCenter::sendFromOtherThread(const DistributedNotification& notification) {
+  std::size_t lost = 0;
+  std::string firstLost;
+  {
+    const std::lock_guard lock(mutex_);
+    --foreignPosts_;
+    std::swap(lost, lostForeign_);
+    std::swap(firstLost, firstLostForeign_);
+  }
+  send(notification);
+  if (lost == 0) return;
+  // One line stands for all of them.
+  const Error why{ErrorCode::kExhausted, 0, "too many posts of other threads wait"};
+  lostPosts_.write(lostPostText(firstLost, why));
+  lostPosts_.leaveOut(lost - 1);
+}
+
 void BusNotificationCenter::send(const DistributedNotification& notification) {
-  if (const auto sent = trySend(notification); !sent)
-    logLostPost(log_, notification.name, sent.error());
+  if (const auto sent = trySend(notification); !sent) {
+    lostPosts_.write(lostPostText(notification.name, sent.error()));
+  }
 }
 
 Result<void> BusNotificationCenter::trySend(const DistributedNotification& notification) {
   auto message = encodeNotification(notification);
   if (!message) return std::unexpected(std::move(message.error()));
+  const bool waitsForFirstBus = !wasEverRegistered_ && !socketPath_.empty();
+  if (waitsForFirstBus || (connection_ && !registered_)) {
+    return queue({notification.name, *std::move(message)});
+  }
   if (!connection_)
     return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
-  if (!registered_) return queue({notification.name, *std::move(message)});
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   // The limit may already be exceeded, because requests for signals are not held back.

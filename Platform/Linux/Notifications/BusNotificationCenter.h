@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@
 #include "Platform/Linux/DBus/DBusHandles.h"
 #include "Platform/Linux/DBus/DBusSources.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Logging/RefusalLog.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
 #include "Platform/Notifications/DistributedObservers.h"
@@ -26,8 +29,10 @@ namespace platform {
 //
 // The policy of the bus decides who may send; everybody may receive.
 //
-// It connects and reconnects on the loop for as long as it lives. Until the bus has registered it,
-// posts are queued, up to a limit.
+// It connects and reconnects on the loop for as long as it lives. Until a bus has registered it for
+// the first time, posts are queued, up to a limit, and survive the end of a connection: a program
+// announces its start once, and the bus closes the connection of a program that was busy for longer
+// than the bus waits for a log-in. Later, posts are queued only while a bus answers its Hello.
 class BusNotificationCenter final : public DistributedNotificationCenter {
  public:
   // See makeBusNotificationCenter() in NotificationBus.h.
@@ -70,6 +75,8 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   bool requestMatch(const std::string& rule);
   void waitForConfirmation();
 
+  void postFromOtherThread(DistributedNotification notification);
+  void sendFromOtherThread(const DistributedNotification& notification);
   void send(const DistributedNotification& notification);
   Result<void> trySend(const DistributedNotification& notification);
   Result<void> queue(EarlyPost post);
@@ -94,6 +101,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   std::unique_ptr<DBusSources> sources_;
   Instant connectedAt_;  // of the connection, or of the last one
   bool registered_ = false;
+  bool wasEverRegistered_ = false;  // and has sent the posts that waited for it
   // Observers may have missed posts, until the bus has confirmed the rules of all of them.
   bool mayHaveMissed_ = false;
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
@@ -102,6 +110,12 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   // Signals that arrived while we waited for a confirmation, or before the bus ended.
   std::deque<UniqueDBusMessage> stash_;
   std::unique_ptr<RunLoopHandle> retry_;
+
+  RefusalLog lostPosts_;
+  std::mutex mutex_;              // for the next three
+  std::size_t foreignPosts_ = 0;  // posts of other threads that wait for the loop
+  std::size_t lostForeign_ = 0;   // further ones that had no room
+  std::string firstLostForeign_;  // the name of the first of them
 
   // Checked by observations and by posts of other threads, which may outlive this.
   std::shared_ptr<BusNotificationCenter*> alive_;

@@ -8,11 +8,17 @@ namespace platform {
 
 class FakeNotificationBus::Center final : public DistributedNotificationCenter {
  public:
-  Center(FakeNotificationBus& bus, SystemLog& log) : bus_(bus), log_(log) {}
+  Center(FakeNotificationBus& bus, SystemLog& log)
+      : bus_(bus), log_(log), connectedAt_(bus.loop_.now()) {
+    bus_.loop_.post([center = std::weak_ptr(alive_)] {
+      if (const auto alive = center.lock()) (*alive)->logIn();
+    });
+  }
 
   std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
                                            std::optional<std::string> object, Handler handler,
                                            NSNotificationSuspensionBehavior /*behavior*/) override {
+    logIn();
     return std::make_unique<Observer>(
         bus_.observers_.add(std::move(name), std::move(object), std::move(handler)));
   }
@@ -28,13 +34,36 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
     if (possible && !bus_.running_)
       possible = std::unexpected(Error{ErrorCode::kNotFound, 0, "the bus is not there"});
     if (!possible) return logLostPost(log_, notification.name, possible.error());
+    if (!isLoggedIn_ && isLate()) {
+      logIn();
+      early_.push_back(std::move(notification));
+    } else {
+      deliver(std::move(notification));
+    }
+  }
+
+ private:
+  bool isLate() const { return bus_.loop_.now() - connectedAt_ > kLogInTime; }
+
+  void logIn() {
+    if (isLoggedIn_ || retry_) return;
+    if (!isLate()) {
+      isLoggedIn_ = true;
+      return;
+    }
+    retry_ = bus_.loop_.startTimer(kRetryTime, RunLoop::Repeat::kOnce, [this] {
+      isLoggedIn_ = true;
+      for (DistributedNotification& post : std::exchange(early_, {})) deliver(std::move(post));
+    });
+  }
+
+  void deliver(DistributedNotification notification) {
     bus_.loop_.post(
         [&bus = bus_, notification = std::move(notification), end = bus_.observers_.nextNumber()] {
           bus.observers_.deliver(notification, end);
         });
   }
 
- private:
   class Observer final : public Observation {
    public:
     explicit Observer(std::shared_ptr<DistributedObservers::Entry> entry)
@@ -46,6 +75,11 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
 
   FakeNotificationBus& bus_;
   SystemLog& log_;
+  const Instant connectedAt_;
+  std::atomic<bool> isLoggedIn_ = false;        // Other threads post only later.
+  std::vector<DistributedNotification> early_;  // posts that wait for the log-in
+  std::unique_ptr<RunLoopHandle> retry_;
+  std::shared_ptr<Center*> alive_ = std::make_shared<Center*>(this);  // The first turn checks it.
 };
 
 FakeNotificationBus::~FakeNotificationBus() = default;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +17,12 @@ namespace platform {
 // loop.
 class FakeNotificationBus {
  public:
+  // A program logs in when it adds an observer, or in the first turn of the loop after its centre
+  // was made. If that takes longer than this, the bus has closed its connection; then it connects
+  // again, after kRetryTime.
+  static constexpr Duration kLogInTime = std::chrono::seconds(30);
+  static constexpr Duration kRetryTime = std::chrono::milliseconds(500);
+
   explicit FakeNotificationBus(RunLoop& loop) : loop_(loop) {}
   ~FakeNotificationBus();
 

@@ -1,6 +1,8 @@
 #include "Platform/Testing/Notifications/FakeNotificationBus.h"
 
+#include <chrono>
 #include <memory>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +37,25 @@ std::unique_ptr<NotificationHarness> makeFakeBusHarness() {
 
 INSTANTIATE_TEST_SUITE_P(Fake, DistributedNotificationCenterContract,
                          testing::Values(&makeFakeBusHarness));
+
+TEST(FakeNotificationBusTest, APostOfAProgramThatLogsInTooLateWaits) {
+  VirtualRunLoop loop;
+  FakeLogSink sink;
+  SystemLog log{sink, "program"};
+  FakeNotificationBus bus{loop};
+  const auto other = bus.makeCenter(log);
+  int got = 0;
+  const auto observer = other->addObserver("com.vantor.a", std::nullopt,
+                                           [&](const DistributedNotification&) { ++got; });
+  const auto center = bus.makeCenter(log);
+  loop.sleepFor(FakeNotificationBus::kLogInTime + std::chrono::seconds(1));
+  center->postNotificationName("com.vantor.a", std::nullopt, {},
+                               NSNotificationPosting::kThisSession);
+  loop.runReady();
+  EXPECT_EQ(got, 0);
+  loop.advanceBy(FakeNotificationBus::kRetryTime);
+  EXPECT_EQ(got, 1);
+}
 
 }  // namespace
 }  // namespace platform
