@@ -19,6 +19,7 @@
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/ProductProgram.h"
 #include "Benchmarks/RawEcho.h"
+#include "Benchmarks/RealDaemon.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Logger/Logger.h"
 #include "Platform/Files/Bundle.h"
@@ -43,7 +44,6 @@ namespace benchmarks {
 namespace {
 
 using namespace platform;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kFewServices = 10;
 constexpr int kManyServices = 1000;
@@ -67,42 +67,6 @@ const bool kAdded[] = {
     atMost({"daemon-pid-for-service", 3,
             "pidForService: over an authenticated connection, which asks the job host / an echo by "
             "libdbus alone, all processes pinned"}),
-};
-
-double since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Verdicts on a file are cached once it has not changed for two seconds; the files of an installed
-// product are older than that.
-void awaitUnchangedFiles() { ::usleep(2'200'000); }
-
-// The root's own checks report to a test, and nowhere without one.
-bool hasFailed() { return testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed(); }
-
-// The real daemon with this many services.
-class RealDaemon {
- public:
-  explicit RealDaemon(int services) {
-    root_.setCatalogue(DaemonRoot::catalogue(services));
-    awaitUnchangedFiles();
-    root_.startDaemon();
-    root_.awaitStart();
-    const std::string last = DaemonRoot::label(services - 1);
-    root_.awaitLog("Evaluating service: " + last + "\n");
-    // It answers when it has done all that it has logged.
-    client_.emplace(root_);
-    isReady_ = client_->ask("pidForService:", {last}).has_value() && !hasFailed();
-  }
-
-  bool isReady() const { return isReady_; }
-  DaemonRoot& root() { return root_; }
-  UserInterfaceClient& client() { return *client_; }
-
- private:
-  DaemonRoot root_;
-  std::optional<UserInterfaceClient> client_;
-  bool isReady_ = false;
 };
 
 // The daemon's class in this process, on the real platform, so that a single evaluation can be
