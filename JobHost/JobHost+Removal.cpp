@@ -145,6 +145,7 @@ void JobHost::finishRemoval(Job& job) {
       fmt::format("job {}: removed", platform::quotedInMessage(job.label)));
   const std::unique_ptr<Removal> removal = std::move(job.removal);
   setCost(job, 0);
+  histories_.removeJob(job.label);
   jobs_.erase(job.label);
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();

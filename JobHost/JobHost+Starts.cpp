@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <optional>
 #include <utility>
 
 #include <fmt/format.h>
@@ -73,6 +74,7 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   job.lastStart = state_->countStart(*record);
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
+  ++histories_.of(job.label).starts;
   if (onStarted_) onStarted_(job.label, *process);
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
@@ -103,10 +105,12 @@ void JobHost::processEnded(Job& job, Ending ending) {
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
                   job.lastStart.process, describeEnding(ending)));
-  if (job.removal) return hasGroup ? awaitGroup(job) : finishRemoval(job);
   const platform::Instant now = loop_.now();
-  const bool wasShort = now - job.lastTry.value_or(now) < kGoodRun;
-  job.shortRuns = wasShort ? job.shortRuns + 1 : 0;
+  const platform::Duration ran = now - job.lastTry.value_or(now);
+  const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
+  histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
+  if (job.removal) return hasGroup ? awaitGroup(job) : finishRemoval(job);
+  job.shortRuns = ran < kGoodRun ? job.shortRuns + 1 : 0;
   const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
   job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);
   const JobAction action =

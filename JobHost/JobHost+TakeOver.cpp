@@ -68,6 +68,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);
+  histories_.addJob(job.label, loop_.wallTime());
   setCost(job, StateFile::costOf(stored.label, stored.submissionBytes));
   job.lastEnd = stored.lastEnd;
   if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();

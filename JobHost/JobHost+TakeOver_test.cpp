@@ -30,13 +30,13 @@ TEST_F(JobHostTest, TheNextHostKnowsEveryJobAndItsProcess) {
   loop_.advanceBy(20s);
   endLast(kSegmentationFault);
   ASSERT_TRUE(submit(job("com.example.idle", {{"KeepAlive", false}})));
-  const Value a = host_->copy("com.example.a");
-  const Value b = host_->copy("com.example.b");
+  const Value a = copied("com.example.a");
+  const Value b = copied("com.example.b");
   for (int i = 0; i < 3; ++i) {
     restartHost();
     loop_.runReady();
-    EXPECT_EQ(host_->copy("com.example.a"), a);
-    EXPECT_EQ(host_->copy("com.example.b"), b);
+    EXPECT_EQ(copied("com.example.a"), a);
+    EXPECT_EQ(copied("com.example.b"), b);
     EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.idle"));
   }
   EXPECT_EQ(starts(), 3);
@@ -47,7 +47,7 @@ TEST_F(JobHostTest, AProcessTakenOverIsKeptAliveAndItsEndIsUnknown) {
   loop_.advanceBy(10s);
   restartHost();
   endLast(kSegmentationFault);
-  EXPECT_EQ(host_->copy("com.example.a"),
+  EXPECT_EQ(copied("com.example.a"),
             Value(job("com.example.a", {{"PID", 102}, {"LastExitStatusUnknown", true}})));
 }
 

@@ -1,6 +1,7 @@
 #include "JobHost/JobHost.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include <fmt/format.h>
@@ -14,23 +15,16 @@ namespace jobhost {
 
 using platform::Error;
 using platform::ErrorCode;
+using platform::JobHistoryDetail;
 using platform::LaunchdError;
 using platform::Result;
 using platform::Value;
 
 namespace {
 
-// The keys of a copy that say how the job is.
-platform::Dictionary stateOf(const Job& job) {
-  platform::Dictionary state;
-  if (job.hasLeader) state.set(platform::kJobProcessKey, job.lastStart.process);
-  if (job.lastEnd && *job.lastEnd) {
-    state.set(platform::kJobLastStatusKey, waitStatusOf(**job.lastEnd));
-  } else if (job.lastEnd) {
-    state.set(platform::kJobLastStatusUnknownKey, true);
-  }
-  return state;
-}
+// The keys of a copy that say how the job is. Only the host may set them.
+constexpr std::array kStateKeys{platform::kJobProcessKey, platform::kJobLastStatusKey,
+                                platform::kJobLastStatusUnknownKey, platform::kJobHistoryKey};
 
 }  // namespace
 
@@ -111,6 +105,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   if (!cost) return std::unexpected(cost.error());
   Job& job = jobs_[definition.label];
   setCost(job, *cost);
+  histories_.addJob(definition.label, loop_.wallTime());
   auto done = define(job, origin, definition);
   if (done) {
     const bool wants = wantsProcessAtLoad(job.rules);
@@ -119,6 +114,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   if (!done) {
     sockets_.close(job.machService, job.label);
     setCost(job, 0);
+    histories_.removeJob(definition.label);
     jobs_.erase(definition.label);
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
@@ -202,17 +198,28 @@ Value JobHost::copy(std::string_view label) {
   // A client that has seen the end of a process asks at once for the next one.
   startIfQueued(*job);
   platform::Dictionary dictionary = *job->dictionary.dictionary();
-  // Only the host may set these.
-  for (const char* key :
-       {platform::kJobProcessKey, platform::kJobLastStatusKey, platform::kJobLastStatusUnknownKey})
-    dictionary.remove(key);
-  for (const auto& [key, value] : stateOf(*job)) dictionary.set(key, value);
+  for (const char* key : kStateKeys) dictionary.remove(key);
+  for (const auto& [key, value] : stateOf(*job, JobHistoryDetail::kCountsAndEnds)) {
+    dictionary.set(key, value);
+  }
   return dictionary;
 }
 
 Value JobHost::copyState(std::string_view label) {
   const Job* const job = findAsOfNow(label);
-  return job ? Value(stateOf(*job)) : Value();
+  return job ? Value(stateOf(*job, JobHistoryDetail::kCounts)) : Value();
+}
+
+platform::Dictionary JobHost::stateOf(const Job& job, JobHistoryDetail detail) const {
+  platform::Dictionary state;
+  if (job.hasLeader) state.set(platform::kJobProcessKey, job.lastStart.process);
+  if (job.lastEnd && *job.lastEnd) {
+    state.set(platform::kJobLastStatusKey, waitStatusOf(**job.lastEnd));
+  } else if (job.lastEnd) {
+    state.set(platform::kJobLastStatusUnknownKey, true);
+  }
+  state.set(platform::kJobHistoryKey, valueOfHistory(histories_.of(job.label), detail));
+  return state;
 }
 
 std::vector<std::string> JobHost::labels() const {

@@ -15,6 +15,7 @@
 #include "JobHost/Definitions/DaemonFolder.h"
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Job.h"
+#include "JobHost/JobHistories.h"
 #include "JobHost/MachSockets.h"
 #include "JobHost/Processes/Processes.h"
 #include "JobHost/State/StateFile.h"
@@ -92,11 +93,12 @@ class JobHost {
 
   // The job's dictionary as it was submitted, with "PID" while its process runs, and with
   // "LastExitStatus" or "LastExitStatusUnknown" (true) after the first end. Never older than an
-  // exit that has happened. A process that is due is started first, ahead of its turn. Nil if there
-  // is no such job.
+  // exit that has happened. A process that is due is started first, ahead of its turn. With the
+  // label's "History" since this host was started. Nil if there is no such job.
   platform::Value copy(std::string_view label);
 
-  // The same with only the keys that say how the job is. Starts nothing.
+  // The same with only the keys that say how the job is, and of its "History" only the counts.
+  // Starts nothing.
   platform::Value copyState(std::string_view label);
 
   // Called after a process of a job has been started, from inside the call that started it. It may
@@ -121,6 +123,7 @@ class JobHost {
   Job* find(std::string_view label);
   // The same after an end that has happened has been noted.
   Job* findAsOfNow(std::string_view label);
+  platform::Dictionary stateOf(const Job& job, platform::JobHistoryDetail detail) const;
   Outcome submitNow(JobOrigin origin, JobDefinition definition);
   platform::Result<void> addJob(JobOrigin origin, const JobDefinition& definition);
   platform::Result<void> replaceDefinition(Job& job, JobOrigin origin,
@@ -192,6 +195,7 @@ class JobHost {
   std::size_t totalCost_ = 0;  // of all jobs
   Labels removedByClient_;
   std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
+  JobHistories histories_;
   // The labels of jobs whose process is due, in the order in which they fell due. A job that no
   // longer waits is skipped.
   std::deque<std::string> startQueue_;

@@ -1,6 +1,8 @@
 // Jobs that end soon after each start, and many jobs that end at once.
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -176,6 +178,60 @@ TEST_F(JobHostCrashLoops, AHealthyJobIsBackInItsTurnAmongCrashLoops) {
   loop_.runReady();
   EXPECT_FALSE(pid("com.example.healthy").isNil());
   EXPECT_NE(pid("com.example.healthy"), Value(healthy));
+}
+
+TEST_F(JobHostCrashLoops, StartsEndsAndCrashesAreCounted) {
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  const platform::WallTime since = loop_.wallTime();
+  loop_.advanceBy(5s);
+  endLast(kSegmentationFault);
+  loop_.advanceBy(3s);
+  endLast();
+  const platform::JobHistory counted = history("com.example.a");
+  EXPECT_EQ(counted.since, since);
+  EXPECT_EQ(counted.starts, 3);
+  EXPECT_EQ(counted.ends, 2);
+  EXPECT_EQ(counted.crashes, 1);
+  EXPECT_THAT(counted.lastEnds, ElementsAre(platform::JobHistory::End{since + 5s, SIGSEGV, 5s},
+                                            platform::JobHistory::End{since + 8s, 0, 3s}));
+}
+
+TEST_F(JobHostCrashLoops, TheCountsOutliveARemovalWhichIsNoCrash) {
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  endLast(kSegmentationFault);
+  ASSERT_TRUE(removeLater("com.example.a")->value());
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  const platform::JobHistory counted = history("com.example.a");
+  EXPECT_EQ(counted.starts, 3);
+  EXPECT_EQ(counted.ends, 2);
+  EXPECT_EQ(counted.crashes, 1);
+}
+
+TEST_F(JobHostCrashLoops, TheNextHostBeginsToCountAtZero) {
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  endLast(kSegmentationFault);
+  loop_.advanceBy(1h);
+  restartHost();
+  EXPECT_EQ(history("com.example.a").since, loop_.wallTime());
+  loop_.advanceBy(1h);
+  endLast();
+  const platform::JobHistory counted = history("com.example.a");
+  EXPECT_EQ(counted.starts, 1);
+  EXPECT_EQ(counted.ends, 1);
+  EXPECT_EQ(counted.crashes, 0);
+  ASSERT_EQ(counted.lastEnds.size(), 1u);
+  EXPECT_FALSE(counted.lastEnds[0].waitStatus);
+  EXPECT_EQ(counted.lastEnds[0].ran, 2h);
+}
+
+TEST_F(JobHostCrashLoops, AFirstStartThatFailsIsNotCounted) {
+  processes_.failure = platform::Error{platform::ErrorCode::kSystem, ENOENT, "executing"};
+  EXPECT_FALSE(submit(unthrottled("com.example.a")));
+  processes_.failure.reset();
+  loop_.advanceBy(1h);
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  EXPECT_EQ(history("com.example.a").starts, 1);
+  EXPECT_EQ(history("com.example.a").since, loop_.wallTime());
 }
 
 }  // namespace

@@ -74,6 +74,17 @@ class JobHostTest : public testing::Test {
     return dictionary;
   }
 
+  // A copy of the job without its history.
+  platform::Value copied(std::string_view label) {
+    const platform::Value copy = host_->copy(label);
+    if (!copy.dictionary()) return copy;
+    platform::Dictionary dictionary = *copy.dictionary();
+    EXPECT_TRUE(dictionary.remove(platform::kJobHistoryKey));
+    return dictionary;
+  }
+  platform::JobHistory history(std::string_view label) {
+    return jobHistoryIn(host_->copy(label)).value();
+  }
   platform::Value pid(std::string_view label) { return host_->copy(label)["PID"]; }
   void endLast(ProcessEnd status = {}) {
     processes_.end(processes_.started.back().process, status);

@@ -24,7 +24,7 @@ using testing::HasSubstr;
 
 TEST_F(JobHostTest, ASubmissionIsAnsweredWhenTheJobHasAProcess) {
   ASSERT_TRUE(submit(job("com.example.a", {{"Unknown", "kept"}})));
-  EXPECT_EQ(host_->copy("com.example.a"),
+  EXPECT_EQ(copied("com.example.a"),
             Value(job("com.example.a", {{"Unknown", "kept"}, {"PID", 101}})));
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.a"));
 }
@@ -32,7 +32,7 @@ TEST_F(JobHostTest, ASubmissionIsAnsweredWhenTheJobHasAProcess) {
 TEST_F(JobHostTest, AJobThatNothingStartsIsKnownWithoutAProcess) {
   ASSERT_TRUE(submit(job("com.example.a", {{"KeepAlive", false}})));
   EXPECT_EQ(starts(), 0);
-  EXPECT_EQ(host_->copy("com.example.a"), Value(job("com.example.a", {{"KeepAlive", false}})));
+  EXPECT_EQ(copied("com.example.a"), Value(job("com.example.a", {{"KeepAlive", false}})));
 }
 
 TEST_F(JobHostTest, AnUnknownLabelHasNoDictionaryAndCannotBeRemoved) {
@@ -45,10 +45,12 @@ TEST_F(JobHostTest, AnUnknownLabelHasNoDictionaryAndCannotBeRemoved) {
 }
 
 TEST_F(JobHostTest, ASubmittedProcessIdOrExitStatusIsIgnored) {
-  ASSERT_TRUE(submit(job(
-      "com.example.a",
-      {{"KeepAlive", false}, {"PID", 1}, {"LastExitStatus", 3}, {"LastExitStatusUnknown", true}})));
-  EXPECT_EQ(host_->copy("com.example.a"), Value(job("com.example.a", {{"KeepAlive", false}})));
+  ASSERT_TRUE(submit(job("com.example.a", {{"KeepAlive", false},
+                                           {"PID", 1},
+                                           {"LastExitStatus", 3},
+                                           {"LastExitStatusUnknown", true},
+                                           {"History", Dictionary()}})));
+  EXPECT_EQ(copied("com.example.a"), Value(job("com.example.a", {{"KeepAlive", false}})));
 }
 
 TEST_F(JobHostTest, AFirstStartThatFailsLeavesNoJob) {
@@ -97,7 +99,7 @@ TEST_F(JobHostTest, AJobOlderThanItsThrottleIsStartedAgainAtOnce) {
   loop_.advanceBy(10s);
   endLast(kSegmentationFault);
   EXPECT_EQ(starts(), 2);
-  EXPECT_EQ(host_->copy("com.example.a"),
+  EXPECT_EQ(copied("com.example.a"),
             Value(job("com.example.a", {{"PID", 102}, {"LastExitStatus", SIGSEGV}})));
 }
 
@@ -106,8 +108,7 @@ TEST_F(JobHostTest, AYoungerJobIsStartedAgainWhenTheThrottleAllowsIt) {
   loop_.advanceBy(10s - 1ns);
   endLast(ExitStatus{ExitStatus::Kind::kExited, 7});
   EXPECT_EQ(starts(), 1);
-  EXPECT_EQ(host_->copy("com.example.a"),
-            Value(job("com.example.a", {{"LastExitStatus", 7 << 8}})));
+  EXPECT_EQ(copied("com.example.a"), Value(job("com.example.a", {{"LastExitStatus", 7 << 8}})));
   loop_.advanceBy(1ns);
   EXPECT_EQ(starts(), 2);
 }

@@ -148,9 +148,14 @@ TEST_F(JobServerTest, TheStatesOfAllJobsAreCopied) {
   processes_.end(lastProcess(), ExitStatus{ExitStatus::Kind::kExited, 3});
   loop_.runReady();
   EXPECT_EQ(error(ask(kSubmitJobMessage, {job({{"Label", "another"}})})), std::nullopt);
-  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})),
-            Value(Dictionary{{"another", Dictionary{{"PID", lastProcess()}}},
-                             {kAgent, Dictionary{{"LastExitStatus", 3 << 8}}}}));
+  const Value states = value(ask(kCopyJobStatesMessage, {}));
+  EXPECT_EQ(states.dictionary()->size(), 2u);
+  const Value& other = states["another"];
+  EXPECT_EQ(other, Value(Dictionary{{"PID", lastProcess()}, {"History", other["History"]}}));
+  const Value& agent = states[kAgent];
+  EXPECT_EQ(agent, Value(Dictionary{{"LastExitStatus", 3 << 8}, {"History", agent["History"]}}));
+  EXPECT_EQ(agent["History"]["Crashes"], Value(1));
+  EXPECT_TRUE(agent["History"]["LastEnds"].isNil());
 }
 
 TEST_F(JobServerTest, CopyingAllStatesStartsNothing) {

@@ -61,9 +61,9 @@ class Jobs {
 
   // The submitted dictionary of the job, with "PID" only while its process runs, and with
   // "LastExitStatus" (a wait status) after the first end, or "LastExitStatusUnknown" if nobody can
-  // know it. It is never older than an exit that anybody could have seen. Nil if there is no job
-  // with the label or the domain is another. Empty if the host did not answer (isJobUnknown()), so
-  // that a job that may well run does not count as gone.
+  // know it, and with the label's "History". It is never older than an exit that anybody could have
+  // seen. Nil if there is no job with the label or the domain is another. Empty if the host did not
+  // answer (isJobUnknown()), so that a job that may well run does not count as gone.
   [[nodiscard]] virtual Value SMJobCopyDictionary(std::string_view domain,
                                                   std::string_view label) = 0;
 
@@ -90,6 +90,19 @@ class Jobs {
 inline constexpr char kJobProcessKey[] = "PID";
 inline constexpr char kJobLastStatusKey[] = "LastExitStatus";
 inline constexpr char kJobLastStatusUnknownKey[] = "LastExitStatusUnknown";  // true
+
+// A dictionary with the starts and ends of the label's processes (Platform/Jobs/JobHistory.h), and
+// its keys: the date from which the host counts, three numbers, and an array with a dictionary for
+// each of the last ends, the oldest first.
+inline constexpr char kJobHistoryKey[] = "History";
+inline constexpr char kJobSinceKey[] = "Since";
+inline constexpr char kJobStartsKey[] = "Starts";
+inline constexpr char kJobEndsKey[] = "Ends";
+inline constexpr char kJobCrashesKey[] = "Crashes";
+inline constexpr char kJobLastEndsKey[] = "LastEnds";
+inline constexpr char kJobEndTimeKey[] = "Time";          // a date
+inline constexpr char kJobEndStatusKey[] = "WaitStatus";  // absent if nobody can know it
+inline constexpr char kJobRunTimeKey[] = "RunTime";       // seconds, a real number
 
 // How a job is, as a copy of SMJobCopyDictionary() says it.
 struct JobStatus {

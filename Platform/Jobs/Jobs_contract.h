@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/Jobs/JobHistory_contract.h"
 #include "Platform/Jobs/JobsAsync_contract.h"
 #include "Platform/Jobs/JobsFixture_contract.h"
 

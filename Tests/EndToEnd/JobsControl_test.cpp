@@ -64,8 +64,9 @@ TEST_F(JobsControlTest, AJobIsSubmittedListedShownAndRemoved) {
   EXPECT_EQ(submitted.output, "com.example.agent runs as process " + process + ".\n");
 
   const auto listed = root_.control({"jobs", "list"});
-  EXPECT_THAT(listed.output, AllOf(StartsWith("LABEL                  PID  LAST EXIT\n"),
-                                   HasSubstr("com.example.agent"), HasSubstr(process + "  -\n")));
+  EXPECT_THAT(listed.output,
+              AllOf(StartsWith("LABEL                  PID  STARTS  CRASHES  LAST EXIT\n"),
+                    HasSubstr("com.example.agent"), HasSubstr(process + "       1        0  -\n")));
   const auto shown = root_.control({"jobs", "show", "com.example.agent"});
   EXPECT_THAT(shown.output, AllOf(HasSubstr("Program    \"" + root_.program() + "\"\n"),
                                   HasSubstr("RunAtLoad  true\n")));
@@ -84,7 +85,7 @@ TEST_F(JobsControlTest, ProgramsGetJson) {
   EXPECT_THAT(submitted.output, HasSubstr("\"pid\": " + std::to_string(agent())));
   EXPECT_THAT(root_.control({"jobs", "list", "--json"}).output,
               AllOf(StartsWith("[\n"), HasSubstr("\"label\": \"com.example.agent\""),
-                    HasSubstr("\"lastExit\": null")));
+                    HasSubstr("\"lastExit\": null"), HasSubstr("\"starts\": 1")));
   EXPECT_THAT(root_.control({"jobs", "show", "com.example.agent", "--json"}).output,
               HasSubstr("\"RunAtLoad\": true"));
   EXPECT_THAT(root_.control({"jobs", "remove", "com.example.agent", "--json"}).output,
@@ -95,7 +96,9 @@ TEST_F(JobsControlTest, TheLastExitIsReportedInWords) {
   submitAgent();
   killAndAwait(agent());
   EXPECT_THAT(root_.control({"jobs", "list"}).output,
-              ContainsRegex("com\\.example\\.agent +-  killed by SIGKILL\n"));
+              ContainsRegex("com\\.example\\.agent +- +1 +1  killed by SIGKILL\n"));
+  EXPECT_THAT(root_.control({"jobs", "show", "com.example.agent"}).output,
+              ContainsRegex(": 1 starts, 1 ends, 1 crashes\\.\n.*: killed by SIGKILL\n"));
 }
 
 TEST_F(JobsControlTest, AFileThatIsNoPropertyListIsRejectedWithThePlace) {

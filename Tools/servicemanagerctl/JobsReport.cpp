@@ -1,6 +1,7 @@
 #include "Tools/servicemanagerctl/JobsReport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <iterator>
 
@@ -23,11 +24,7 @@ std::string signalName(int number) {
   return abbreviation ? fmt::format("SIG{}", abbreviation) : fmt::format("signal {}", number);
 }
 
-JobState::Ending endingIn(const Value& dictionary) {
-  if (!dictionary[kJobLastStatusUnknownKey].isNil()) return {.kind = Kind::kUnknown};
-  const auto reported = dictionary[kJobLastStatusKey].integer();
-  if (!reported) return {};
-  const int status = static_cast<int>(*reported);
+JobState::Ending endingOf(int status) {
   if (WIFEXITED(status)) return {.kind = Kind::kExited, .number = WEXITSTATUS(status)};
   if (!WIFSIGNALED(status)) return {.kind = Kind::kUnknown};
   return {.kind = Kind::kSignalled,
@@ -35,12 +32,24 @@ JobState::Ending endingIn(const Value& dictionary) {
           .dumped = static_cast<bool>(WCOREDUMP(status))};
 }
 
+JobState::Ending endingOf(const JobHistory::End& end) {
+  if (!end.waitStatus) return {.kind = Kind::kUnknown};
+  return endingOf(*end.waitStatus);
+}
+
+JobState::Ending endingIn(const Value& dictionary) {
+  if (!dictionary[kJobLastStatusUnknownKey].isNil()) return {.kind = Kind::kUnknown};
+  const auto reported = dictionary[kJobLastStatusKey].integer();
+  return reported ? endingOf(static_cast<int>(*reported)) : JobState::Ending();
+}
+
 std::string processText(const JobState& job) {
   return job.process ? fmt::format("{}", *job.process) : "-";
 }
 
 bool isState(std::string_view key) {
-  return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey;
+  return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey ||
+         key == kJobHistoryKey;
 }
 
 Json jsonOfEnding(const JobState::Ending& ending) {
@@ -60,10 +69,49 @@ Json jsonOfEnding(const JobState::Ending& ending) {
   return nullptr;
 }
 
+std::string countText(const JobState& job, std::int64_t JobHistory::* count) {
+  return job.history ? fmt::format("{}", (*job.history).*count) : "-";
+}
+
+std::string timeOfHistory(WallTime time) { return jsonOf(Value(dateAt(time))).get<std::string>(); }
+
+double secondsOfRun(Duration duration) { return std::chrono::duration<double>(duration).count(); }
+
+std::string textOfHistory(const JobHistory& history) {
+  std::string text =
+      fmt::format("\nSince {}: {} starts, {} ends, {} crashes.\n", timeOfHistory(history.since),
+                  history.starts, history.ends, history.crashes);
+  for (const JobHistory::End& end : history.lastEnds) {
+    text += fmt::format("{}  after {:.1f} s: {}\n", timeOfHistory(end.at), secondsOfRun(end.ran),
+                        inWords(endingOf(end)));
+  }
+  return text;
+}
+
+Json jsonOfHistory(const JobHistory& history) {
+  return {{"since", jsonOf(Value(dateAt(history.since)))},
+          {"starts", history.starts},
+          {"ends", history.ends},
+          {"crashes", history.crashes}};
+}
+
+Json jsonOfEnds(const JobHistory& history) {
+  Json ends = Json::array();
+  for (const JobHistory::End& end : history.lastEnds) {
+    ends.push_back({{"time", jsonOf(Value(dateAt(end.at)))},
+                    {"ranSeconds", secondsOfRun(end.ran)},
+                    {"exit", jsonOfEnding(endingOf(end))}});
+  }
+  return ends;
+}
+
 }  // namespace
 
 JobState jobState(std::string label, const Value& dictionary) {
-  JobState job{.label = std::move(label), .process = {}, .lastExit = endingIn(dictionary)};
+  JobState job{.label = std::move(label),
+               .process = {},
+               .lastExit = endingIn(dictionary),
+               .history = jobHistoryIn(dictionary)};
   const auto process = dictionary[kJobProcessKey].integer();
   if (process && *process > 0) job.process = static_cast<ProcessId>(*process);
   return job;
@@ -102,14 +150,15 @@ std::string asTable(const std::vector<JobState>& jobs, Reader reader) {
   for (const JobState& job : jobs) width = std::max(width, plain(job.label).size());
   std::string text;
   const auto out = std::back_inserter(text);
-  const std::string heading =
-      fmt::format("{:<{}}  {:>7}  {}", kLabelHeading, width, "PID", "LAST EXIT");
+  const std::string heading = fmt::format("{:<{}}  {:>7}  {:>6}  {:>7}  {}", kLabelHeading, width,
+                                          "PID", "STARTS", "CRASHES", "LAST EXIT");
   fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
   for (const JobState& job : jobs) {
     const std::string process = fmt::format("{:>7}", processText(job));
     const std::string ending = inWords(job.lastExit);
-    fmt::format_to(out, "{:<{}}  {}  {}\n", plain(job.label), width,
+    fmt::format_to(out, "{:<{}}  {}  {:>6}  {:>7}  {}\n", plain(job.label), width,
                    job.process ? coloured(process, Colour::kGreen, reader) : process,
+                   countText(job, &JobHistory::starts), countText(job, &JobHistory::crashes),
                    isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
   }
   return text;
@@ -119,11 +168,13 @@ Json asJson(const JobState& job) {
   Json json{{"label", job.label}};
   json["pid"] = job.process ? Json(*job.process) : Json();
   json["lastExit"] = jsonOfEnding(job.lastExit);
+  json["history"] = job.history ? jsonOfHistory(*job.history) : Json();
   return json;
 }
 
 std::string asText(const JobState& job, const Value& dictionary, Reader reader) {
   std::string text = asTable({job}, reader);
+  if (job.history) text += textOfHistory(*job.history);
   text += '\n';
   const auto out = std::back_inserter(text);
   std::size_t width = 0;
@@ -139,6 +190,7 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
 
 Json asJson(const JobState& job, const Value& dictionary) {
   Json json = asJson(job);
+  if (job.history) json["history"]["lastEnds"] = jsonOfEnds(*job.history);
   json["dictionary"] = Json::object();
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (!isState(key)) json["dictionary"][key] = jsonOf(value);

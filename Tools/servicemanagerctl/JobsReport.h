@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Platform/Jobs/JobHistory.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
@@ -28,6 +29,7 @@ struct JobState {
   std::string label;
   std::optional<platform::ProcessId> process;
   Ending lastExit;
+  std::optional<platform::JobHistory> history;  // absent if the host is an older one
 
   bool operator==(const JobState&) const = default;
 };
@@ -48,7 +50,7 @@ std::string inWords(const JobState::Ending& ending);
 std::string asTable(const std::vector<JobState>& jobs, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job);
 
-// One job in full: its state, then the dictionary that was submitted.
+// One job in full: its state, how its last processes ended, and the dictionary that was submitted.
 std::string asText(const JobState& job, const platform::Value& dictionary, Reader reader);
 nlohmann::ordered_json asJson(const JobState& job, const platform::Value& dictionary);
 

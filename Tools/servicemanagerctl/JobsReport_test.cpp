@@ -1,6 +1,10 @@
 #include "Tools/servicemanagerctl/JobsReport.h"
 
+#include <chrono>
 #include <csignal>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,6 +14,7 @@
 namespace {
 
 using namespace platform;
+using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -21,9 +26,24 @@ std::string wordsFor(Dictionary state) {
   return inWords(jobState("a", Value(std::move(state))).lastExit);
 }
 
+const WallTime kTime = std::chrono::sys_days(std::chrono::year(2026) / 1 / 2);
+constexpr auto kCounts = JobHistoryDetail::kCounts;
+
+// The history of a job that has crashed twice.
+JobHistory history() {
+  JobHistory history;
+  history.since = kTime;
+  history.starts = 4;
+  history.add({kTime + 1min, std::nullopt, 59s}, false);
+  history.add({kTime + 2min, 3 << 8, 60s}, false);
+  history.add({kTime + 3min, SIGKILL, 1250ms}, false);
+  return history;
+}
+
 std::vector<JobState> twoJobs() {
   return jobStates({{"com.example.longer.name", Dictionary{{"PID", 1234567}}},
-                    {"agent", Dictionary{{"LastExitStatus", SIGKILL}}}});
+                    {"agent", Dictionary{{"LastExitStatus", SIGKILL},
+                                         {"History", valueOfHistory(history(), kCounts)}}}});
 }
 
 TEST(JobsReportTest, AnEndIsShownInWords) {
@@ -47,9 +67,9 @@ TEST(JobsReportTest, OnlyAPositiveNumberIsAProcess) {
 
 TEST(JobsReportTest, TheTableIsAlignedAndSorted) {
   EXPECT_EQ(asTable(twoJobs(), Reader::kOther),
-            "LABEL                        PID  LAST EXIT\n"
-            "agent                          -  killed by SIGKILL\n"
-            "com.example.longer.name  1234567  -\n");
+            "LABEL                        PID  STARTS  CRASHES  LAST EXIT\n"
+            "agent                          -       4        2  killed by SIGKILL\n"
+            "com.example.longer.name  1234567       -        -  -\n");
 }
 
 TEST(JobsReportTest, ATableWithoutJobsSaysSo) {
@@ -66,9 +86,10 @@ TEST(JobsReportTest, ProgramsGetNumbers) {
   const auto jobs = twoJobs();
   EXPECT_EQ(asJson(jobs[0]).dump(),
             R"({"label":"agent","pid":null,"lastExit":{"kind":"signalled","signal":9,)"
-            R"("name":"SIGKILL","dumpedCore":false}})");
+            R"("name":"SIGKILL","dumpedCore":false},"history":{"since":"2026-01-02T00:00:00Z",)"
+            R"("starts":4,"ends":3,"crashes":2}})");
   EXPECT_EQ(asJson(jobs[1]).dump(),
-            R"({"label":"com.example.longer.name","pid":1234567,"lastExit":null})");
+            R"({"label":"com.example.longer.name","pid":1234567,"lastExit":null,"history":null})");
   EXPECT_EQ(asJson(jobState("a", Dictionary{{"LastExitStatus", 3 << 8}}))["lastExit"].dump(),
             R"({"kind":"exited","code":3})");
   EXPECT_EQ(asJson(jobState("a", Dictionary{{"LastExitStatusUnknown", true}}))["lastExit"].dump(),
@@ -82,8 +103,8 @@ TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
                  {"PID", 12},         {"LastExitStatus", 0}};
   const JobState job = jobState("agent", dictionary);
   EXPECT_EQ(asText(job, dictionary, Reader::kOther),
-            "LABEL      PID  LAST EXIT\n"
-            "agent       12  succeeded\n"
+            "LABEL      PID  STARTS  CRASHES  LAST EXIT\n"
+            "agent       12       -        -  succeeded\n"
             "\n"
             "Label             \"agent\"\n"
             "ProgramArguments  [\"a b\",\"\\u001b[2J\"]\n"
@@ -94,6 +115,27 @@ TEST(JobsReportTest, AJobIsShownWithItsDictionary) {
   EXPECT_EQ(json["dictionary"]["KeepAlive"], true);
   EXPECT_FALSE(json["dictionary"].contains("PID"));
   EXPECT_FALSE(json["dictionary"].contains("LastExitStatus"));
+}
+
+TEST(JobsReportTest, TheLastEndsOfAJobAreShown) {
+  const Value dictionary = Dictionary{
+      {"Label", "agent"}, {"History", valueOfHistory(history(), JobHistoryDetail::kCountsAndEnds)}};
+  const JobState job = jobState("agent", dictionary);
+  EXPECT_EQ(asText(job, dictionary, Reader::kOther),
+            "LABEL      PID  STARTS  CRASHES  LAST EXIT\n"
+            "agent        -       4        2  -\n"
+            "\n"
+            "Since 2026-01-02T00:00:00Z: 4 starts, 3 ends, 2 crashes.\n"
+            "2026-01-02T00:01:00Z  after 59.0 s: unknown\n"
+            "2026-01-02T00:02:00Z  after 60.0 s: exited with 3\n"
+            "2026-01-02T00:03:00Z  after 1.2 s: killed by SIGKILL\n"
+            "\n"
+            "Label    \"agent\"\n");
+  const auto ends = asJson(job, dictionary)["history"]["lastEnds"];
+  ASSERT_EQ(ends.size(), 3u);
+  EXPECT_EQ(ends[0].dump(),
+            R"({"time":"2026-01-02T00:01:00Z","ranSeconds":59.0,"exit":{"kind":"unknown"}})");
+  EXPECT_EQ(ends[1]["exit"]["code"], 3);
 }
 
 TEST(JobsReportTest, ControlCharactersOfKeysAreEscaped) {

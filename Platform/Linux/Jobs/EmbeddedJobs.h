@@ -32,7 +32,7 @@ class EmbeddedJobs final : public Jobs {
   // A job's dictionary, nil if no job has the label.
   std::expected<Value, NSError> copyJob(std::string_view label);
   // The state of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
-  // "LastExitStatusUnknown" as far as they apply.
+  // "LastExitStatusUnknown" as far as they apply, and with the counts of its "History".
   std::expected<Dictionary, NSError> copyJobStates();
 
  private:

@@ -27,7 +27,8 @@ inline constexpr char kRemoveJobMessage[] = "removeJob:wait:";
 // if there is no such job.
 inline constexpr char kCopyJobMessage[] = "copyJob:";
 
-// Answer: a dictionary that has for each label a dictionary with only that state.
+// Answer: a dictionary that has for each label a dictionary with only that state, and of its
+// "History" only the counts.
 inline constexpr char kCopyJobStatesMessage[] = "copyJobStates";
 
 // Answer: a dictionary that has for each label of which a process was started since this caller's

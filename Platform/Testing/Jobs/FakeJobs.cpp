@@ -78,6 +78,14 @@ int waitStatus(ExitStatus status) {
 
 }  // namespace
 
+FakeJobs::Job& FakeJobs::add(const std::string& label) {
+  Job& added = jobs_[label];
+  const auto [history, isNew] = histories_.try_emplace(label);
+  if (isNew) history->second.since = loop_.wallTime();
+  added.history = &history->second;
+  return added;
+}
+
 FakeJobs::Job& FakeJobs::job(std::string_view label) {
   const auto found = jobs_.find(label);
   assert(found != jobs_.end());
@@ -104,6 +112,8 @@ void FakeJobs::end(Job& job, ExitStatus status) {
   const ProcessId process = *job.process;
   job.process.reset();
   job.lastExitStatus = waitStatus(status);
+  job.history->add({loop_.wallTime(), job.lastExitStatus, loop_.now() - job.lastStart},
+                   job.removing);
   job.shortRuns = loop_.now() - job.lastStart < kGoodRun ? job.shortRuns + 1 : 0;
   const bool hasThrottle =
       secondsOf(job.dictionary, "ThrottleInterval", kThrottle) > Duration::zero();
@@ -125,6 +135,10 @@ void FakeJobs::setReachable(bool reachable) {
   if (!reachable) {
     for (PendingRemoval& removal : removals_) removal.giveUpAt = loop_.now() + kRestartTimeOut;
     return loop_.scheduleOutsideEvent(kRestartTimeOut, [this] { serveRemovals(); });
+  }
+  for (auto& [label, history] : histories_) {
+    history = JobHistory();
+    history.since = loop_.wallTime();
   }
   loop_.scheduleOutsideEvent(kRetryInterval, [this] { isObserved_ = reachable_; });
   // Jobs that a host finds at its start.
@@ -180,6 +194,7 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   job.process = ++lastProcess_;
   job.ignoresTermination = false;
   ++job.starts;
+  ++job.history->starts;
   exitWatcher_.startProcess(*job.process);
   if (isObserved_) loop_.post([this, label] { startObservers_.report(label); });
   return {};
@@ -222,7 +237,7 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   // A job that is being removed is submitted after its end.
   awaitRemoval(label);
   const bool isNew = !jobs_.contains(label);
-  Job& submitted = jobs_[label];
+  Job& submitted = add(label);
   submitted.dictionary = job;
   if (submitted.process || (!isTrue(job["KeepAlive"]) && !isTrue(job["RunAtLoad"]))) return {};
   if (!isNew) {
@@ -246,6 +261,7 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
   }
   Job& removed = found->second;
   if (!removed.process || !removed.ignoresTermination) {
+    removed.removing = true;
     if (removed.process) end(removed, {ExitStatus::Kind::kSignalled, SIGTERM});
     jobs_.erase(found);
     return {};
@@ -318,6 +334,7 @@ Value FakeJobs::copy(std::string_view domain, std::string_view label) {
   Dictionary dictionary = *known->dictionary.dictionary();
   if (known->process) dictionary.set(kJobProcessKey, *known->process);
   if (known->lastExitStatus) dictionary.set(kJobLastStatusKey, *known->lastExitStatus);
+  dictionary.set(kJobHistoryKey, valueOfHistory(*known->history, JobHistoryDetail::kCountsAndEnds));
   return dictionary;
 }
 

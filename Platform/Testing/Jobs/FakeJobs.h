@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Jobs/JobHistory.h"
 #include "Platform/Jobs/JobStartObservers.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Processes/ExitWatcher.h"
@@ -49,7 +50,8 @@ class FakeJobs final : public Jobs {
   void setOnCopied(std::function<void()> call) { onCopied_ = std::move(call); }
 
   // Whether the host answers. Without it its jobs continue, but are not restarted. The starts at
-  // the beginning of the next host are not reported to observers.
+  // the beginning of the next host are not reported to observers, and the next host begins to count
+  // at 0.
   void setReachable(bool reachable);
 
   // Whether the host accepts changes from this caller and lets it read.
@@ -91,6 +93,7 @@ class FakeJobs final : public Jobs {
     std::size_t starts = 0;
     bool ignoresTermination = false;
     bool removing = false;
+    JobHistory* history = nullptr;  // never null
   };
 
   // A removal that does not block.
@@ -104,6 +107,7 @@ class FakeJobs final : public Jobs {
 
   std::expected<void, NSError> submit(std::string_view domain, const Value& job);
   Value copy(std::string_view domain, std::string_view label);
+  Job& add(const std::string& label);
   Job& job(std::string_view label);
   const Job* find(std::string_view label) const;
   std::expected<void, NSError> admit(std::string_view domain);
@@ -121,6 +125,7 @@ class FakeJobs final : public Jobs {
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
+  std::map<std::string, JobHistory> histories_;                  // also of labels without a job
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label
   std::list<PendingRemoval> removals_;
