@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Platform/Linux/Logging/LogSinkChoice.h"
+#include "Platform/Linux/Logging/StandardErrorLogSink.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/Linux/SystemFacts/ExecutablePath.h"
 #include "Platform/Linux/SystemFacts/PlatformRoot.h"
@@ -36,7 +37,8 @@ LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::optional<PassedSocke
       preferredLanguages(platform::preferredLanguages(configuration)),
       fileManager(configuration.usersRoot),
       logSink(std::move(logSink_)),
-      systemLog(*logSink,
+      standardError(std::make_unique<StandardErrorLogSink>()),
+      systemLog(logSink,
                 mainBundle.executablePath().substr(mainBundle.executablePath().rfind('/') + 1),
                 configuration.logLevel),
       runLoop(std::move(runLoop_)),

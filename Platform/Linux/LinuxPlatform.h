@@ -12,7 +12,8 @@
 #include "Platform/Linux/BackgroundServices/AsioTerminationSignals.h"
 #include "Platform/Linux/BackgroundServices/ServiceNotify.h"
 #include "Platform/Linux/Files/LinuxFileManager.h"
-#include "Platform/Linux/Logging/StandardErrorLogSink.h"
+#include "Platform/Linux/Logging/BufferedLogSink.h"
+#include "Platform/Linux/Logging/LogAtEnd.h"
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
 #include "Platform/Linux/Peers/PassedSocket.h"
 #include "Platform/Linux/Processes/LinuxTasks.h"
@@ -53,9 +54,12 @@ struct LinuxPlatform {
   // For the locale extensions (Shared/Categories); no program asks for them yet.
   std::vector<std::string> preferredLanguages;
   LinuxFileManager fileManager;
-  std::unique_ptr<LogSink> logSink;
+  // The only way to the log's disk or socket, and to standard error: no thread of the program but
+  // the two of these sinks ever waits for them.
+  BufferedLogSink logSink;
+  BufferedLogSink standardError;
+  LogAtEnd logAtEnd{logSink.progress()};
   SystemLog systemLog;
-  StandardErrorLogSink standardError;
   NSLogOutput nsLog{systemLog, standardError};
   std::unique_ptr<AsioRunLoop> runLoop;
   NotificationCenter notificationCenter;
@@ -63,7 +67,7 @@ struct LinuxPlatform {
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
   DBusPeerTransport peerTransport{*runLoop};
-  // Its destructor waits for writes that are still queued, so it is destroyed first.
+  // Its destructor waits for lines on their way to the log, so it is destroyed first.
   AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBackground};
 
  private:

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "Platform/Values/Error.h"
+#include "Platform/Values/Time.h"
 
 namespace platform {
 
@@ -24,6 +27,10 @@ struct LogRecord {
   std::string_view facility;  // reverse-DNS name of the part of the product
   AslLevel level = ASL_LEVEL_DEBUG;
   std::string_view message;  // may contain line breaks and any bytes; the sink escapes them
+  bool isUrgent = false;     // a sink whose room is limited keeps a part of it for these
+  // When and by which thread it was logged: now and by the calling thread, if absent.
+  std::optional<WallTime> time = std::nullopt;
+  std::optional<std::uint32_t> thread = std::nullopt;
 };
 
 // The destination of messages. Any thread may call it; calls never block on another process.

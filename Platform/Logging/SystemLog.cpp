@@ -11,9 +11,6 @@ namespace {
 // The facility of the platform's default client.
 constexpr char kDefaultFacility[] = "user";
 
-constexpr char kOwnIdent[] = "SystemLog";
-constexpr char kOwnFacility[] = "com.vantor.platform";
-
 }  // namespace
 
 SystemLog::SystemLog(LogSink& sink, std::string programName, int maximumLevel)
@@ -21,7 +18,7 @@ SystemLog::SystemLog(LogSink& sink, std::string programName, int maximumLevel)
       defaultClient_{std::move(programName), kDefaultFacility},
       maximumLevel_(maximumLevel) {}
 
-SystemLog::~SystemLog() { reportDropped(); }
+SystemLog::~SystemLog() { static_cast<void>(lost_.report(sink_, /*isUrgent=*/false)); }
 
 std::unique_ptr<AslClient> SystemLog::asl_open(std::string_view ident, std::string_view facility,
                                                std::uint32_t /*options*/) {
@@ -42,22 +39,14 @@ void SystemLog::asl_log(const AslClient* client, int level, std::string_view mes
   }
   // A sink that refuses the short report would refuse the message, too, so an outage costs one
   // attempt per message and not two.
-  const LogRecord record{speaker.ident, speaker.facility, static_cast<AslLevel>(clamped), message};
-  if (!reportDropped() || !sink_.write(record)) countLost();
+  const LogRecord record{.ident = speaker.ident,
+                         .facility = speaker.facility,
+                         .level = static_cast<AslLevel>(clamped),
+                         .message = message,
+                         .isUrgent = clamped <= ASL_LEVEL_ERR};
+  if (!lost_.report(sink_, record.isUrgent) || !sink_.write(record)) countLost();
 }
 
 void SystemLog::asl_close(std::unique_ptr<AslClient> client) { client.reset(); }
-
-// The thread that takes the count reports it or restores it, so that only one thread reports it.
-bool SystemLog::reportDropped() {
-  if (dropped_.load(std::memory_order_relaxed) == 0) return true;
-  const std::uint64_t count = dropped_.exchange(0, std::memory_order_relaxed);
-  if (count == 0) return true;
-  const std::string text = count == 1 ? std::string("1 message was lost here.")
-                                      : stringWithFormat("%llu messages were lost here.", count);
-  if (sink_.write({kOwnIdent, kOwnFacility, ASL_LEVEL_WARNING, text})) return true;
-  dropped_.fetch_add(count, std::memory_order_relaxed);
-  return false;
-}
 
 }  // namespace platform

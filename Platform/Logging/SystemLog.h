@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -8,6 +7,7 @@
 #include <string_view>
 
 #include "Platform/Logging/LogSink.h"
+#include "Platform/Logging/LostMessages.h"
 
 namespace platform {
 
@@ -21,7 +21,8 @@ struct AslClient {
 // the sink's write and never fails.
 //
 // Messages that a sink refuses are counted. As soon as it accepts messages again, the count is
-// written once, as a message of this layer before the first message after the gap.
+// written once, as a message of this layer before the first message after the gap. Errors and worse
+// are urgent, and so is a count that stands before one of them.
 class SystemLog {
  public:
   // The longest ident or facility, in bytes.
@@ -52,18 +53,16 @@ class SystemLog {
   const std::string& programName() const { return defaultClient_.ident; }
 
   // Counts a message that was dropped before it came here, to report it with the others.
-  void countLost() { dropped_.fetch_add(1, std::memory_order_relaxed); }
+  void countLost() { lost_.count(); }
 
   // Messages lost so far and not yet reported.
-  std::uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
+  std::uint64_t dropped() const { return lost_.number(); }
 
  private:
-  bool reportDropped();
-
   LogSink& sink_;
   const AslClient defaultClient_;
   const int maximumLevel_;
-  std::atomic<std::uint64_t> dropped_ = 0;
+  LostMessages lost_;
 };
 
 }  // namespace platform

@@ -106,6 +106,26 @@ TEST_F(SystemLogTest, LostMessagesAreReportedOnceBeforeTheNext) {
   EXPECT_EQ(log_.dropped(), 0U);
 }
 
+TEST_F(SystemLogTest, ErrorsAndTheLossesBeforeThemAreUrgent) {
+  struct UrgencySink final : LogSink {
+    Result<void> write(const LogRecord& record) override {
+      urgencies.push_back(record.isUrgent);
+      return {};
+    }
+    std::vector<bool> urgencies;
+  } sink;
+  SystemLog log(sink, "program");
+  for (const int level : {ASL_LEVEL_EMERG, ASL_LEVEL_ERR, ASL_LEVEL_WARNING, ASL_LEVEL_DEBUG})
+    log.asl_log(nullptr, level, "text");
+  EXPECT_THAT(sink.urgencies, ElementsAre(true, true, false, false));
+  sink.urgencies.clear();
+  log.countLost();
+  log.asl_log(nullptr, ASL_LEVEL_ERR, "text");
+  log.countLost();
+  log.asl_log(nullptr, ASL_LEVEL_WARNING, "text");
+  EXPECT_THAT(sink.urgencies, ElementsAre(true, true, false, false));
+}
+
 TEST_F(SystemLogTest, EachOutageIsReportedSeparately) {
   for (int outage = 0; outage < 2; ++outage) {
     sink_.fail();

@@ -48,22 +48,26 @@ void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   print(json ? dumped(asJson(report)) : asTable(report));
 }
 
+// The time that the log has for the lines of log-test.
+constexpr platform::Duration kLogTestTime = std::chrono::seconds(10);
+
 // Writes one line through each logger, so that an administrator sees where the product's lines end.
-// Returns how many were lost.
-std::uint64_t writeTestLines(platform::SystemLog& systemLog, platform::SerialQueues& queues,
-                             const std::string& message) {
+// Returns how many were not written within kLogTestTime.
+std::uint64_t writeTestLines(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
+  platform::SystemLog& systemLog = linuxPlatform.systemLog;
   const LoggerBinding logger(systemLog);
-  Logger2State logger2(systemLog, queues);
+  Logger2State logger2(systemLog, linuxPlatform.utilityQueues);
   const Logger2Binding logger2Binding(logger2);
   const std::uint32_t thread = platform::mach_thread_self();
   vantorlogger2_open("servicemanagerctl", thread);
   vantorlogger2_line(platform::ASL_LEVEL_INFO, message + " (logger 2)");
-  get_queue(thread)->sync([] {});  // Waits until the line is written or lost.
+  get_queue(thread)->sync([] {});  // Waits until the sink has the line.
   vantorlogger2_close(thread);
   vantorlogger_open("servicemanagerctl", "com.vantor.hostagent.servicemanagerctl");
   vantorlogger_line(platform::ASL_LEVEL_INFO, message + " (logger 1)");
   vantorlogger_close();
-  return systemLog.dropped();
+  return systemLog.dropped() + linuxPlatform.logSink.flush(kLogTestTime) +
+         linuxPlatform.logSink.lost();
 }
 
 bool mayNotWrite(const std::string& path) {
@@ -71,8 +75,7 @@ bool mayNotWrite(const std::string& path) {
 }
 
 int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
-  const std::uint64_t lost =
-      writeTestLines(linuxPlatform.systemLog, linuxPlatform.utilityQueues, message);
+  const std::uint64_t lost = writeTestLines(linuxPlatform, message);
   if (lost == 0) return EXIT_SUCCESS;
   const platform::PlatformConfiguration& configuration = linuxPlatform.configuration;
   if (configuration.logSink == platform::PlatformConfiguration::LogSink::kFile) {

@@ -97,9 +97,8 @@ Result<void> FileLogSink::rotateIfFull(std::size_t added) {
   return {};
 }
 
-void FileLogSink::appendTime() {
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
+void FileLogSink::appendTime(const LogRecord& record) {
+  const timespec now = timeOf(record);
   if (now.tv_sec != second_) {
     std::tm utc{};
     ::gmtime_r(&now.tv_sec, &utc);
@@ -113,7 +112,7 @@ void FileLogSink::appendTime() {
 
 void FileLogSink::composeLine(const LogRecord& record) {
   line_.clear();
-  appendTime();
+  appendTime(record);
   appendEscaped(line_, host_, " ");
   line_ += ' ';
   appendEscaped(line_, record.ident, "[");

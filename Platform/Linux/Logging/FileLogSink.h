@@ -45,7 +45,7 @@ class FileLogSink final : public LogSink {
   Result<void> open();
   Result<void> rotateIfFull(std::size_t added);
   void composeLine(const LogRecord& record);
-  void appendTime();
+  void appendTime(const LogRecord& record);
   Result<void> writeLine();
   bool endsInTornLine() const;
 

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Logging/LogSinkText.h"
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -68,6 +69,18 @@ std::string_view levelName(AslLevel level) {
   static constexpr std::array<std::string_view, 8> kNames{
       "Emergency", "Alert", "Critical", "Error", "Warning", "Notice", "Info", "Debug"};
   return kNames[static_cast<std::size_t>(level) % kNames.size()];
+}
+
+timespec timeOf(const LogRecord& record) {
+  timespec time{};
+  if (!record.time) {
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    return time;
+  }
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(*record.time);
+  time.tv_sec = seconds.time_since_epoch().count();
+  time.tv_nsec = (*record.time - seconds).count();
+  return time;
 }
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -23,5 +24,8 @@ void appendEscaped(std::string& line, std::string_view text, std::string_view re
 // The platform's name of a level: "Emergency", "Alert", "Critical", "Error", "Warning", "Notice",
 // "Info" or "Debug".
 std::string_view levelName(AslLevel level);
+
+// When the message was logged.
+timespec timeOf(const LogRecord& record);
 
 }  // namespace platform

@@ -1,7 +1,10 @@
-// The contract of log sinks for the three sinks of the system log.
+// The contract of log sinks for the three sinks of the system log, with and without a buffer.
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Logging/BufferedLogSink.h"
 #include "Platform/Linux/Logging/FileLogSink.h"
 #include "Platform/Linux/Logging/JournalLogSink.h"
 #include "Platform/Linux/Logging/SyslogLogSink.h"
@@ -63,11 +67,6 @@ std::unique_ptr<LogSinkHarness> makeLogSinkHarness() {
 using JournalHarness = SocketHarness<JournalLogSink, &readJournal>;
 using SyslogHarness = SocketHarness<SyslogLogSink, &readSyslog>;
 
-INSTANTIATE_TEST_SUITE_P(Journal, LogSinkContract,
-                         testing::Values(&makeLogSinkHarness<JournalHarness>));
-INSTANTIATE_TEST_SUITE_P(Syslog, LogSinkContract,
-                         testing::Values(&makeLogSinkHarness<SyslogHarness>));
-
 class FileHarness final : public LogSinkHarness {
  public:
   LogSink& sink() override { return sink_; }
@@ -106,9 +105,55 @@ class FileHarness final : public LogSinkHarness {
   std::size_t taken_ = 0;
 };
 
-std::unique_ptr<LogSinkHarness> makeFileHarness() { return std::make_unique<FileHarness>(); }
+// Another harness's sink behind a buffer.
+template <typename Harness>
+class BufferedHarness final : public LogSinkHarness {
+ public:
+  LogSink& sink() override { return sink_; }
+  std::vector<ReceivedMessage> take() override {
+    // A receiver that is not read holds up what is buffered.
+    std::vector<ReceivedMessage> received;
+    std::uint64_t waiting = 0;
+    do {
+      waiting = sink_.flush(std::chrono::milliseconds(1));
+      std::ranges::move(harness_.take(), std::back_inserter(received));
+    } while (waiting > 0);
+    return received;
+  }
+  void remove() override { harness_.remove(); }
+  void restore() override { harness_.restore(); }
 
-INSTANTIATE_TEST_SUITE_P(File, LogSinkContract, testing::Values(&makeFileHarness));
+ private:
+  // The buffer owns its sink, and the harness this one.
+  class Forwarded final : public LogSink {
+   public:
+    explicit Forwarded(LogSink& sink) : sink_(sink) {}
+    Result<void> write(const LogRecord& record) override { return sink_.write(record); }
+
+   private:
+    LogSink& sink_;
+  };
+
+  Harness harness_;
+  BufferedLogSink sink_{std::make_unique<Forwarded>(harness_.sink())};
+};
+
+const auto kImmediateHarnesses =
+    testing::Values(&makeLogSinkHarness<JournalHarness>, &makeLogSinkHarness<SyslogHarness>,
+                    &makeLogSinkHarness<FileHarness>);
+
+std::string nameOfHarness(
+    const testing::TestParamInfo<std::unique_ptr<LogSinkHarness> (*)()>& info) {
+  return std::vector<std::string>{"Journal", "Syslog", "File"}[info.index];
+}
+
+INSTANTIATE_TEST_SUITE_P(Immediate, LogSinkContract, kImmediateHarnesses, nameOfHarness);
+INSTANTIATE_TEST_SUITE_P(Immediate, ImmediateLogSinkContract, kImmediateHarnesses, nameOfHarness);
+INSTANTIATE_TEST_SUITE_P(Buffered, LogSinkContract,
+                         testing::Values(&makeLogSinkHarness<BufferedHarness<JournalHarness>>,
+                                         &makeLogSinkHarness<BufferedHarness<SyslogHarness>>,
+                                         &makeLogSinkHarness<BufferedHarness<FileHarness>>),
+                         nameOfHarness);
 
 }  // namespace
 }  // namespace platform

@@ -22,15 +22,15 @@ namespace {
 constexpr std::size_t kLongestLine = 4096;
 
 std::string compose(const LogRecord& record) {
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
+  const timespec now = timeOf(record);
   std::tm local{};
   ::localtime_r(&now.tv_sec, &local);
   std::string line = fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} ", local.tm_year + 1900,
                                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                                  local.tm_sec, now.tv_nsec / 1'000'000);
   appendEscaped(line, record.ident);
-  fmt::format_to(std::back_inserter(line), "[{}:{}] ", ::getpid(), ::gettid());
+  fmt::format_to(std::back_inserter(line), "[{}:{}] ", ::getpid(),
+                 record.thread.value_or(static_cast<std::uint32_t>(::gettid())));
   appendEscaped(line, record.message);
   if (line.size() >= kLongestLine) line.resize(kLongestLine - 1);
   line += '\n';

@@ -27,9 +27,9 @@ Result<std::unique_ptr<SyslogLogSink>> SyslogLogSink::make(std::string socketPat
 
 Result<void> SyslogLogSink::write(const LogRecord& record) {
   // Receivers expect local time, and English month names in any locale.
-  const std::time_t now = std::time(nullptr);
+  const timespec now = timeOf(record);
   std::tm local{};
-  ::localtime_r(&now, &local);
+  ::localtime_r(&now.tv_sec, &local);
   std::string line;
   line.reserve(96 + record.ident.size() + record.facility.size() + record.message.size());
   fmt::format_to(std::back_inserter(line), "<{}>{} {:2} {:02}:{:02}:{:02} ",

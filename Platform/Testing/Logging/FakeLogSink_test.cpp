@@ -29,6 +29,7 @@ std::unique_ptr<LogSinkHarness> makeFakeLogSinkHarness() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fake, LogSinkContract, testing::Values(&makeFakeLogSinkHarness));
+INSTANTIATE_TEST_SUITE_P(Fake, ImmediateLogSinkContract, testing::Values(&makeFakeLogSinkHarness));
 
 TEST(FakeLogSinkTest, ReturnsTheWrittenMessages) {
   FakeLogSink sink;

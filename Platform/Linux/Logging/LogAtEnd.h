@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+
+#include "Platform/Linux/Logging/LogProgress.h"
+
+namespace platform {
+
+// While it lives, a program that calls exit(), aborts (as std::terminate() does) or crashes first
+// waits until its buffered messages are written, for a second at most. Then it ends as it would
+// have ended without this. At most one exists at a time.
+//
+// It handles SIGABRT, SIGBUS, SIGFPE, SIGILL and SIGSEGV, but for those that are handled already.
+class LogAtEnd {
+ public:
+  // The progress is shared with the sink and with the handlers, which may run at any time.
+  explicit LogAtEnd(std::shared_ptr<const LogProgress> progress);
+  LogAtEnd(const LogAtEnd&) = delete;
+  LogAtEnd& operator=(const LogAtEnd&) = delete;
+  ~LogAtEnd();
+};
+
+}  // namespace platform
