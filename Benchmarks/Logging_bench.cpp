@@ -1,4 +1,5 @@
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -16,6 +17,7 @@
 #include "Benchmarks/Goal.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Linux/Logging/BufferedLogSink.h"
 #include "Platform/Linux/Logging/FileLogSink.h"
 #include "Platform/Linux/Logging/JournalLogSink.h"
 #include "Platform/Linux/RunLoops/AsioSerialQueues.h"
@@ -93,6 +95,18 @@ void writeThroughFileSink(benchmark::State& state) {
   }
 }
 
+// The caller's cost of a line that waits in the buffer; the file is written untimed.
+void writeToBuffer(benchmark::State& state) {
+  TemporaryLogFolder folder;
+  BufferedLogSink sink(std::make_unique<FileLogSink>(folder.path("system.log")));
+  for (auto _ : state) {
+    timeBurst(state, [&] {
+      if (!sink.write(kRecord)) state.SkipWithError("the buffer refused");
+    });
+    if (sink.flush(std::chrono::minutes(1)) != 0) state.SkipWithError("the file is not written");
+  }
+}
+
 void writeToFile(benchmark::State& state) {
   TemporaryLogFolder folder;
   FileLogSink sink(folder.path("sample"));
@@ -154,6 +168,8 @@ BENCHMARK(logLines)->Name("log2-caller/subject")->UseManualTime();
 BENCHMARK(formatLines)->Name("log2-caller/baseline")->UseManualTime();
 BENCHMARK(writeThroughFileSink)->Name("log-sink-file/subject")->UseManualTime();
 BENCHMARK(writeToFile)->Name("log-sink-file/baseline")->UseManualTime();
+BENCHMARK(writeToBuffer)->Name("log-buffer/subject")->UseManualTime();
+BENCHMARK(writeToFile)->Name("log-buffer/baseline")->UseManualTime();
 BENCHMARK(sendThroughJournalSink)->Name("log-sink-journal/subject")->UseManualTime();
 BENCHMARK(sendToSocket)->Name("log-sink-journal/baseline")->UseManualTime();
 
@@ -161,6 +177,7 @@ BENCHMARK(sendToSocket)->Name("log-sink-journal/baseline")->UseManualTime();
 // alone takes longer than the write. The journal sink looks up the socket's name for each entry.
 [[maybe_unused]] const bool kGoals =
     atMost({"log2-caller", 2.0, "the caller of 256 lines of logger 2 : formatting them"}) &&
+    atMost({"log-buffer", 0.5, "the caller of 256 lines that are buffered : one write of each"}) &&
     atMost({"log-sink-file", 5.0, "256 lines of the log file : one write of each"}) &&
     atMost({"log-sink-journal", 2.5, "256 entries to the journal : one send of each"});
 

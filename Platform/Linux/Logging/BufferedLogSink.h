@@ -28,8 +28,8 @@ class BufferedLogSink final : public LogSink {
   explicit BufferedLogSink(std::unique_ptr<LogSink> sink, LogBuffer::Limits limits = {});
   BufferedLogSink(const BufferedLogSink&) = delete;
   BufferedLogSink& operator=(const BufferedLogSink&) = delete;
-  // Writes what is buffered, within kEndTime. What is left then is dropped. A thread that hangs in
-  // the other sink keeps it, and ends when it gets out.
+  // Writes the messages that are buffered, within kEndTime, and drops the rest. A thread that hangs
+  // in the other sink keeps it, and ends when the call returns.
   ~BufferedLogSink() override;
 
   // Does not wait. Fails with kExhausted if the buffer has no room for the message (urgent ones

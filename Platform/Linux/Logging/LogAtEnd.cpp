@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
@@ -9,19 +10,26 @@
 namespace platform {
 namespace {
 
-constexpr int kProbes = 500;
-constexpr timespec kProbePause{0, 2'000'000};  // 2 ms
+constexpr std::int64_t kEndTime = 1'000'000'000;  // ns
+constexpr timespec kProbePause{0, 2'000'000};     // 2 ms
 
 constexpr int kFatalSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
 
 std::atomic<const LogProgress*> logAtEnd = nullptr;
 static_assert(std::atomic<const LogProgress*>::is_always_lock_free);
 
-// Calls nothing but what a signal handler may call.
+std::int64_t nanoseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+// Makes only calls that a signal handler may make.
 void awaitLog() {
   const LogProgress* progress = logAtEnd.load(std::memory_order_acquire);
-  for (int i = 0; progress != nullptr && i < kProbes && progress->waiting() != 0; ++i)
-    ::nanosleep(&kProbePause, nullptr);
+  if (progress == nullptr) return;
+  const std::int64_t end = nanoseconds() + kEndTime;
+  while (progress->waiting() != 0 && nanoseconds() < end) ::nanosleep(&kProbePause, nullptr);
 }
 
 // The signal's action is the default one again. It is raised for one that another process has sent;

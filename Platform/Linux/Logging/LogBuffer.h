@@ -17,7 +17,7 @@ class LogBuffer {
     std::size_t reserve = std::size_t{1}
                           << 20;  // of these bytes, the room for urgent messages alone
   };
-  // What a message costs beside its texts.
+  // The cost of a message beside its texts.
   static constexpr std::size_t kOverhead = 64;
 
   static std::size_t costOf(const LogRecord& record) {

@@ -1,0 +1,94 @@
+// The daemon and the job host beside a log whose disk hangs: a tracer holds up their writes to it.
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
+#include "Tests/EndToEnd/Tracing.h"
+
+namespace platform {
+namespace {
+
+class DaemonFrozenLog : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    if (!canTrace()) GTEST_SKIP() << "no permission to trace programs";
+    start(2);
+  }
+
+  // From now on no write of these programs to the log returns.
+  void freezeLog() {
+    for (const ProcessId process :
+         {root_.processOf(DaemonRoot::kDaemon), root_.host().hostProcess()})
+      tracers_.push_back(freezeLogOf(process));
+  }
+  void thawLog() { tracers_.clear(); }
+
+  void expectTheOperatorIsAnswered() {
+    const auto listed = root_.host().control({"list"});
+    EXPECT_EQ(listed.status, kSuccess) << listed.errors;
+    EXPECT_NE(listed.output.find(DaemonRoot::label(1)), listed.output.npos) << listed.output;
+  }
+
+  // Makes the daemon log up to half a MiB.
+  void logMuch() {
+    for (int i = 0; i < 10; ++i) {
+      root_.center().postNotificationName(
+          "KLXGlobalSettingsDidChangeNotification", std::nullopt,
+          Dictionary{{"KLXGlobalSettingsKeyModified", std::string(60'000, 'x')}},
+          NSNotificationPosting::kPostToAllSessions);
+    }
+  }
+
+ private:
+  std::unique_ptr<Tracer> freezeLogOf(ProcessId process) {
+    // Longer than any test waits.
+    std::vector<std::string> options{"-P", root_.folder().path("log/system.log"),
+                                     "-e", "trace=write",
+                                     "-e", "inject=write:delay_enter=600000000"};
+    int others = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+      const std::string thread = entry.path().filename().string();
+      if (thread == std::to_string(process)) continue;
+      options.insert(options.end(), {"-p", thread});
+      ++others;
+    }
+    auto tracer = std::make_unique<Tracer>(process, options);
+    for (; others > 0; --others) tracer->nextMessage();
+    return tracer;
+  }
+
+  std::vector<std::unique_ptr<Tracer>> tracers_;
+};
+
+TEST_F(DaemonFrozenLog, KilledServicesComeBackAndTheLossIsReported) {
+  const std::string label = DaemonRoot::label(0);
+  const std::string ended = label + " with PID [";
+  freezeLog();
+  const std::size_t before = root_.logCount("\n");
+  for (int i = 0; i < 5 && !HasFailure(); ++i) expectKilledServiceIsReported(label);
+  expectTheOperatorIsAnswered();
+  // Soon the buffer is full. The bus takes only a part of the notices.
+  for (int i = 0; i < 40 && !HasFailure(); ++i) {
+    logMuch();
+    expectKilledServiceIsReported(label);
+  }
+  expectTheOperatorIsAnswered();
+  EXPECT_EQ(root_.logCount(ended), 0U);
+  EXPECT_EQ(root_.logCount("\n"), before);
+
+  thawLog();
+  root_.awaitLog(ended, 5);
+  expectKilledServiceIsReported(label);
+  root_.awaitLog(" messages were lost here.");
+  expectNoneLostNoneDoubled(pids());
+}
+
+}  // namespace
+}  // namespace platform
