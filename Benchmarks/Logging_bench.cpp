@@ -177,7 +177,7 @@ BENCHMARK(sendToSocket)->Name("log-sink-journal/baseline")->UseManualTime();
 // alone takes longer than the write. The journal sink looks up the socket's name for each entry.
 [[maybe_unused]] const bool kGoals =
     atMost({"log2-caller", 2.0, "the caller of 256 lines of logger 2 : formatting them"}) &&
-    atMost({"log-buffer", 0.5, "the caller of 256 lines that are buffered : one write of each"}) &&
+    atMost({"log-buffer", 0.3, "the caller of 256 lines that are buffered : one write of each"}) &&
     atMost({"log-sink-file", 5.0, "256 lines of the log file : one write of each"}) &&
     atMost({"log-sink-journal", 2.5, "256 entries to the journal : one send of each"});
 
