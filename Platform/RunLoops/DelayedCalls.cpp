@@ -2,15 +2,24 @@
 
 #include <utility>
 
+#include "Platform/RunLoops/TimerQueue.h"
+
 namespace platform {
 
-void DelayedCalls::perform(RunLoop::Callback callback, Duration delay) {
-  const auto call = calls_.emplace(calls_.end());
-  *call = loop_.startTimer(delay, RunLoop::Repeat::kOnce,
-                           [this, call, callback = std::move(callback)]() mutable {
-                             calls_.erase(call);
-                             callback();  // It comes last, because it may destroy this object.
-                           });
+void DelayedCalls::perform(Key key, RunLoop::Callback callback, Duration delay) {
+  const auto [call, isNew] = calls_.try_emplace(std::move(key));
+  if (!isNew) return;
+  call->second.due = instantAfter(loop_.now(), delay);
+  call->second.timer = loop_.startTimer(
+      delay, RunLoop::Repeat::kOnce, [this, call, callback = std::move(callback)]() mutable {
+        calls_.erase(call);
+        callback();  // It comes last, because it may destroy this.
+      });
+}
+
+std::optional<Instant> DelayedCalls::due(const Key& key) const {
+  const auto call = calls_.find(key);
+  return call == calls_.end() ? std::nullopt : std::optional(call->second.due);
 }
 
 }  // namespace platform

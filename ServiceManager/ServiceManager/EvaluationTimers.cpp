@@ -4,6 +4,12 @@
 
 using namespace platform;
 
+namespace {
+
+DelayedCalls::Key shutdownOf(std::string_view label) { return {"shut down", std::string(label)}; }
+
+}  // namespace
+
 void EvaluationTimers::startWatchDog(Callback call) {
   watchDog_.due = runLoop_.now() + kWatchDogInterval;
   watchDog_.handle =
@@ -25,15 +31,11 @@ void EvaluationTimers::startReevaluationTimer(Callback call) {
 }
 
 void EvaluationTimers::shutDownLater(const std::string& label, Callback call) {
-  const auto due = dueShutdowns_.emplace(label, runLoop_.now() + kFeatureShutdownDelay);
-  performAfterDelay(kFeatureShutdownDelay, [this, due, call = std::move(call)] {
-    dueShutdowns_.erase(due);
-    call();
-  });
+  performAfterDelay(shutdownOf(label), kFeatureShutdownDelay, std::move(call));
 }
 
-void EvaluationTimers::performAfterDelay(Duration delay, Callback call) {
-  delayedCalls_.perform(std::move(call), delay);
+void EvaluationTimers::performAfterDelay(DelayedCalls::Key key, Duration delay, Callback call) {
+  delayedCalls_.perform(std::move(key), std::move(call), delay);
 }
 
 std::optional<Duration> EvaluationTimers::until(const DueTimer& timer) const {
@@ -54,7 +56,7 @@ std::optional<Duration> EvaluationTimers::untilSettingsEvaluation() const {
 std::optional<Duration> EvaluationTimers::untilReevaluation() const { return until(reevaluation_); }
 
 std::optional<Duration> EvaluationTimers::untilShutdown(std::string_view label) const {
-  const auto due = dueShutdowns_.lower_bound(label);
-  if (due == dueShutdowns_.end() || due->first != label) return std::nullopt;
-  return due->second - runLoop_.now();
+  const std::optional<Instant> due = delayedCalls_.due(shutdownOf(label));
+  if (!due) return std::nullopt;
+  return *due - runLoop_.now();
 }

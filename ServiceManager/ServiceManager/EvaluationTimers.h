@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,9 +35,11 @@ class EvaluationTimers {
   // Calls once, after kReevaluationPeriod.
   void startReevaluationTimer(Callback call);
   void cancelReevaluationTimer() { reevaluation_ = {}; }
-  // Calls once, after kFeatureShutdownDelay. Several calls for one service are all made.
+  // Calls once, after kFeatureShutdownDelay. A shut-down of the service that is pending stays as it
+  // is, and no other is added.
   void shutDownLater(const std::string& label, Callback call);
-  void performAfterDelay(platform::Duration delay, Callback call);
+  // Calls once, after the delay, unless a call with this key is pending.
+  void performAfterDelay(platform::DelayedCalls::Key key, platform::Duration delay, Callback call);
 
   // Null if there is none.
   const platform::RunLoopHandle* watchDog() const { return watchDog_.handle.get(); }
@@ -53,7 +54,7 @@ class EvaluationTimers {
   std::optional<platform::Duration> untilWatchDog() const;
   std::optional<platform::Duration> untilSettingsEvaluation() const;
   std::optional<platform::Duration> untilReevaluation() const;
-  // The earliest pending shut-down of the service.
+  // The pending shut-down of the service.
   std::optional<platform::Duration> untilShutdown(std::string_view label) const;
 
  private:
@@ -69,6 +70,4 @@ class EvaluationTimers {
   DueTimer settingsChange_;
   DueTimer reevaluation_;
   platform::DelayedCalls delayedCalls_;
-  // By label, in the order of the evaluations that started them.
-  std::multimap<std::string, platform::Instant, std::less<>> dueShutdowns_;
 };

@@ -153,7 +153,7 @@ TEST_F(EvaluationTimersTest, AShutdownCallsOnceAfterThreeSeconds) {
   EXPECT_THAT(take(), IsEmpty());
 }
 
-TEST_F(EvaluationTimersTest, EachShutdownOfAServiceIsKept) {
+TEST_F(EvaluationTimersTest, APendingShutdownOfAServiceIsKept) {
   timers_->shutDownLater("agent", note("first"));
   loop_.advanceBy(1s);
   timers_->shutDownLater("helper", note("helper"));
@@ -162,10 +162,9 @@ TEST_F(EvaluationTimersTest, EachShutdownOfAServiceIsKept) {
   EXPECT_EQ(timers_->untilShutdown("helper"), 3s);
   loop_.advanceBy(2s);
   EXPECT_THAT(take(), ElementsAre("first"));
-  EXPECT_EQ(timers_->untilShutdown("agent"), 1s);
-  loop_.advanceBy(1s);
-  EXPECT_THAT(take(), ElementsAre("helper", "second"));
   EXPECT_EQ(timers_->untilShutdown("agent"), std::nullopt);
+  loop_.advanceBy(1s);
+  EXPECT_THAT(take(), ElementsAre("helper"));
 }
 
 TEST_F(EvaluationTimersTest, AShutdownThatCallsIsNotDueAnyMore) {
@@ -180,10 +179,10 @@ TEST_F(EvaluationTimersTest, AShutdownThatCallsIsNotDueAnyMore) {
 }
 
 TEST_F(EvaluationTimersTest, DelayedCallsComeInTheOrderOfTheirTimes) {
-  timers_->performAfterDelay(2s, note("late"));
-  timers_->performAfterDelay(1s, note("first"));
-  timers_->performAfterDelay(1s, note("second"));
-  timers_->performAfterDelay(0s, note("at once"));
+  timers_->performAfterDelay({"late"}, 2s, note("late"));
+  timers_->performAfterDelay({"evaluate", "agent"}, 1s, note("first"));
+  timers_->performAfterDelay({"evaluate", "helper"}, 1s, note("second"));
+  timers_->performAfterDelay({"at once"}, 0s, note("at once"));
   EXPECT_THAT(take(), IsEmpty());
   loop_.advanceBy(1s);
   EXPECT_THAT(take(), ElementsAre("at once", "first", "second"));
@@ -196,7 +195,7 @@ TEST_F(EvaluationTimersTest, PendingCallsEndWithTheirOwner) {
   timers_->startSettingsChangeTimer(note("settings"));
   timers_->startReevaluationTimer(note("again"));
   timers_->shutDownLater("agent", note("agent"));
-  timers_->performAfterDelay(1s, note("delayed"));
+  timers_->performAfterDelay({"delayed"}, 1s, note("delayed"));
   timers_.reset();
   loop_.advanceBy(1h);
   EXPECT_THAT(take(), IsEmpty());

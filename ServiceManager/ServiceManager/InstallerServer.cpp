@@ -1,6 +1,5 @@
 #include "ServiceManager/ServiceManager/InstallerServer.h"
 
-#include <functional>
 #include <utility>
 
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
@@ -15,8 +14,8 @@ void InstallerServer::takeMessage(std::string_view selector, const Array& argume
   if (selector != "shutdownServices:") return reply.answer(message.unrecognizedSelector());
   const Value labels = message.argument();
   if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
-  std::move_only_function<void(bool)> done = [reply = std::move(reply)](bool all) mutable {
-    reply.answer(Value(all));
-  };
-  done(manager_.shutdownServices(*labels.array()));
+  manager_.shutdownServices(*labels.array(),
+                            [reply = std::move(reply)](bool haveAllStopped) mutable {
+                              reply.answer(Value(haveAllStopped));
+                            });
 }

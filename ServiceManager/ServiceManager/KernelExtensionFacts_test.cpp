@@ -14,7 +14,7 @@ using testing::IsEmpty;
 class KernelExtensionFactsTest : public WithKernelExtensions<ServiceManagerFixture> {};
 
 TEST_F(KernelExtensionFactsTest, EachExtensionIsReported) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(startExtensions(kHelper));
   takeLog();
   const Dictionary facts = manager().report().extensions();
   EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
@@ -33,7 +33,7 @@ TEST_F(KernelExtensionFactsTest, EachExtensionIsReported) {
 }
 
 TEST_F(KernelExtensionFactsTest, AHungExtensionIsReportedAfterASecond) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(startExtensions(kHelper));
   controls_.setHanging(kNetwork, true);
   Dictionary facts;
   EXPECT_EQ(timeOf([&] { facts = manager().report().extensions(); }), 1s);
@@ -43,7 +43,7 @@ TEST_F(KernelExtensionFactsTest, AHungExtensionIsReportedAfterASecond) {
 }
 
 TEST_F(KernelExtensionFactsTest, WithoutTheJobHostIsLoadedIsAbsent) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(startExtensions(kHelper));
   extensions_.setUnknown(kNetwork, true);
   extensions_.setUnknown(kOther, true);
   Dictionary facts = manager().report().extensions();

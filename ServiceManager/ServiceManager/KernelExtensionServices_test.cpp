@@ -23,23 +23,27 @@ using testing::Pair;
 
 class KernelExtensionServicesTest : public WithKernelExtensions<ServiceManagerFixture> {
  protected:
+  void run(const char* label) {
+    manager().enforceRunningForService(label, nullptr);
+    loop_.runReady();
+  }
   bool load(const char* identifier, const char* name) {
-    return manager().loadKextWithIdentifier(std::string(identifier), name, {});
+    return answerTo<bool>([&](ExtensionControl::Done done) {
+      manager().loadKextWithIdentifier(std::string(identifier), name, {}, std::move(done));
+    });
   }
 };
 
 TEST_F(KernelExtensionServicesTest, UnloadingStopsServicesAndEvaluatesThemAgain) {
-  manager().enforceRunningForService(kAgent, nullptr);
-  manager().enforceRunningForService(kHelper, nullptr);
-  manager().enforceRunningForService(kPrimary, nullptr);
+  run(kAgent);
+  run(kHelper);
+  run(kPrimary);
   ASSERT_TRUE(isRunning(kAgent) && isRunning(kHelper) && isRunning(kPrimary));
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
   takeLog();
   EXPECT_TRUE(load(kNetwork, "net"));
-  EXPECT_FALSE(isRunning(kAgent));
-  EXPECT_FALSE(isRunning(kHelper));
-  EXPECT_TRUE(isRunning(kPrimary));
+  EXPECT_EQ(jobs_.starts(kPrimary), 1u);
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
   loop_.advanceBy(1s);  // The ends of their processes cause an evaluation, too.
@@ -55,7 +59,7 @@ TEST_F(KernelExtensionServicesTest, UnloadingStopsServicesAndEvaluatesThemAgain)
 }
 
 TEST_F(KernelExtensionServicesTest, AFailedUnloadingEvaluatesItsServicesAgain) {
-  manager().enforceRunningForService(kHelper, nullptr);
+  run(kHelper);
   network_.version = integer(4);
   extensions_.setBusy(kNetwork, 7);
   EXPECT_FALSE(load(kNetwork, "net"));
@@ -83,7 +87,7 @@ TEST_F(KernelExtensionServicesTest, LoadingAloneCausesNoEvaluation) {
 }
 
 TEST_F(KernelExtensionServicesTest, TheLaterEvaluationLeavesStoppedServicesAlone) {
-  manager().enforceRunningForService(kHelper, nullptr);
+  run(kHelper);
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
   EXPECT_TRUE(load(kNetwork, "net"));
@@ -95,20 +99,22 @@ TEST_F(KernelExtensionServicesTest, TheLaterEvaluationLeavesStoppedServicesAlone
 
 TEST_F(KernelExtensionServicesTest, AServiceWhoseExtensionFailsIsNotSubmitted) {
   extensions_.setLoadFails(kOther, true);
-  EXPECT_TRUE(manager().launchService(kAgent, true).isNil());
+  EXPECT_TRUE(answerTo<Value>([&](ServiceEnforcement::LaunchAnswer answer) {
+                manager().launchService(kAgent, true, std::move(answer));
+              }).isNil());
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_THAT(takeLog(), Contains("7 Failed to load kext for com.example.agent"));
 }
 
 TEST_F(KernelExtensionServicesTest, ARunningServiceWhoseExtensionFailsIsNotReady) {
   useHealth();
-  manager().enforceRunningForService(kHelper, nullptr);
-  manager().enforceShutdownForService(kAgent);  // Its extensions are forgotten.
+  run(kHelper);
+  stop(kAgent);  // Its extensions are forgotten.
   network_.version = integer(4);
   extensions_.setLoadFails(kNetwork, true);
   takeReports();
   takeLog();
-  manager().enforceRunningForService(kHelper, nullptr);
+  run(kHelper);
   EXPECT_THAT(takeLog(), Contains("7 Failed to configure kext for already running service "
                                   "com.example.helper"));
   EXPECT_THAT(takeReports(), Contains("unready com.example.helper"));
@@ -117,8 +123,13 @@ TEST_F(KernelExtensionServicesTest, ARunningServiceWhoseExtensionFailsIsNotReady
 // Two services share an extension. These are the extensions that are known to be loaded, step by
 // step.
 TEST_F(KernelExtensionServicesTest, ASharedExtensionIsForgottenAtTheFirstStop) {
-  const auto start = [this](const char* label) { manager().startServices({label}); };
-  const auto stop = [this](const char* label) { manager().stopServices({label}); };
+  const auto start = [this](const char* label) {
+    manager().startServices({label});
+    loop_.runReady();
+  };
+  const auto stop = [this](const char* label) {
+    manager().stopServices({label});  // Its end is seen in a later turn.
+  };
   const auto known = [this] { return manager().kextsLoaded(); };
   using Names = std::set<std::string>;
   for (const bool agentFirst : {true, false}) {
@@ -166,6 +177,7 @@ TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrde
       steps += std::string(step.starts ? " start " : " stop ") + step.label;
       if (step.starts) {
         manager().startServices({step.label});
+        loop_.runReady();
         expected.insert(step.kexts.begin(), step.kexts.end());
       } else {
         manager().stopServices({step.label});
@@ -182,6 +194,7 @@ TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrde
 // The end of the stopped service's process causes an evaluation.
 TEST_F(KernelExtensionServicesTest, ARunningServiceConfiguresTheSharedExtensionAgain) {
   manager().startServices({kAgent, kHelper});
+  loop_.runReady();
   network_.options.clear();
   manager().stopServices({kAgent});
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
@@ -194,15 +207,15 @@ TEST_F(KernelExtensionServicesTest, ARunningServiceConfiguresTheSharedExtensionA
 
 // The service that uses it is stopped, and all of its extensions are forgotten.
 TEST_F(KernelExtensionServicesTest, UnloadingForgetsAllExtensionsOfStoppedServices) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(startExtensions(kHelper));
   extensions_.setLoaded(kOther);
   extensions_.crash(kOther);  // Then it has to be unloaded first.
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kAgent));
+  EXPECT_TRUE(startExtensions(kAgent));
   EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
 }
 
 TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndForgetsExtensions) {
-  EXPECT_TRUE(manager().startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(startExtensions(kHelper));
   ASSERT_THAT(manager().kextsLoaded(), ElementsAre("net"));
   manager().backgroundServiceDidFinishLaunching({});
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());

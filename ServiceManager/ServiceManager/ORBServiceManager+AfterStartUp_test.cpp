@@ -124,7 +124,7 @@ TEST_F(AfterStartUpTest, TheReturnOfTheBusDisturbsNoInstaller) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
-  manager().shutdownServices({kAgent});
+  shutDown({kAgent});
   loop_.runReady();
   takeLog();
   bus_.stop();

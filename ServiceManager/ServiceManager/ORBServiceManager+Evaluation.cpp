@@ -52,14 +52,32 @@ void ORBServiceManager::evaluateSystemConfiguration() {
     logStoppedByUserInterface(primary);
     return;
   }
-  enforceRunningForService(primary, [this, primary, catalogue = catalogue_] {
-    const Dictionary* services = catalogue.services().dictionary();
-    if (!services) return;
-    for (const auto& [label, entry] : *services) {
-      if (label != primary) evaluateInformationForService(label);
-    }
-  });
-  scheduleReevaluation();
+  if (waitForPrimary_.expired()) {
+    auto wait = std::make_shared<int>();
+    waitForPrimary_ = wait;
+    enforceRunningForService(primary, [this, primary, catalogue = catalogue_, wait]() mutable {
+      wait.reset();
+      evaluateOtherServices(catalogue, primary);
+    });
+  } else {
+    enforceRunningForService(primary, nullptr);
+  }
+  if (waitForPrimary_.expired()) scheduleReevaluation();  // The primary service can't run.
+}
+
+// When all have had their turn, services that are not ready are noticed.
+void ORBServiceManager::evaluateOtherServices(const ServiceCatalogue& catalogue,
+                                              const std::string& primary) {
+  const Dictionary* services = catalogue.services().dictionary();
+  if (!services) return;
+  for (const auto& [label, entry] : *services) {
+    if (label == primary) continue;
+    turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
+  }
+}
+
+void ORBServiceManager::evaluateSystemConfigurationLater() {
+  turns_.add({"evaluate"}, [this] { evaluateSystemConfiguration(); });
 }
 
 EvaluationPermission ORBServiceManager::permissionToEvaluate(const std::string& label) const {

@@ -46,12 +46,15 @@ class EvaluationEdgesTest : public ServiceManagerFixture {
     use(wrong);
     settings("common")["mode"] = 1;
   }
-  void evaluate() { manager().evaluateInformationForService(kScanner); }
+  void evaluateScanner() {
+    manager().evaluateInformationForService(kScanner);
+    loop_.runReady();
+  }
 };
 
 TEST_F(EvaluationEdgesTest, WithSoundFeaturesTheServiceRuns) {
   useScanner(features());
-  evaluate();
+  evaluateScanner();
   EXPECT_TRUE(isRunning(kScanner));
   loop_.advanceBy(3s);
   EXPECT_TRUE(isRunning(kScanner));
@@ -59,11 +62,11 @@ TEST_F(EvaluationEdgesTest, WithSoundFeaturesTheServiceRuns) {
 
 TEST_F(EvaluationEdgesTest, WithoutRootFeaturesAFeatureServiceIsShutDown) {
   useScanner(features());
-  evaluate();
+  evaluateScanner();
   Dictionary without = *manager().serviceInfo().dictionary();
   without.remove("Features");
   use(without);
-  evaluate();
+  evaluateScanner();
   loop_.advanceBy(3s - 1ns);
   EXPECT_TRUE(isRunning(kScanner));
   loop_.advanceBy(1ns);
@@ -77,14 +80,14 @@ class WrongFeaturesTest : public EvaluationEdgesTest,
 TEST_P(WrongFeaturesTest, CountAsNoMatchAndAffectNoOtherService) {
   const auto& [part, wrong] = GetParam();
   useScanner(features());
-  manager().evaluateSystemConfiguration();
+  evaluate();
   ASSERT_TRUE(isRunning(kScanner));
   takeLog();
 
   Dictionary catalogue = *manager().serviceInfo().dictionary();
   catalogue.set("Features", featuresWith(part, wrong));
   use(catalogue);
-  manager().evaluateSystemConfiguration();
+  evaluate();
   kill(kAgent);
   EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
   loop_.advanceBy(3s);
@@ -141,7 +144,7 @@ TEST_F(EvaluationEdgesTest, OnlyNormalModeWarnsOfAMissingSwitch) {
                    return std::make_unique<EndingClient>(manager());
                  });
   useScanner(twoSwitches);
-  evaluate();
+  evaluateScanner();
   EXPECT_THAT(takeLog(), ElementsAre("7 Evaluating service: com.example.scanner",
                                      "4 scan exposes an invalid configuration switch key "
                                      "\"first\" referenced by service com.example.scanner",
@@ -152,7 +155,7 @@ TEST_F(EvaluationEdgesTest, ARetryIgnoresAFeatureServicesSwitches) {
   useScanner(features());
   useHealth();
   files_.remove(pathOf("scanner"));
-  manager().evaluateSystemConfiguration();
+  evaluate();
   ASSERT_TRUE(manager().reevaluationTimer());
   addProgram("scanner");
   settings_["common"]["mode"] = 0;
@@ -170,7 +173,7 @@ TEST_F(EvaluationEdgesTest, AnEvaluationKeepsItsCatalogue) {
     startConfigurationServer();
     manager().backgroundServiceDidFinishLaunching({});
   };
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 1u);
   EXPECT_FALSE(isRunning(kScanner));  // The catalogue of that moment has no job for it.
   EXPECT_TRUE(isRunning(kAgent));

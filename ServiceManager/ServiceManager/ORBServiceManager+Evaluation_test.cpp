@@ -36,7 +36,7 @@ class EvaluationTest : public ServiceManagerFixture {
 TEST_F(EvaluationTest, CoreServicesRunAfterThePrimaryService) {
   const auto client = registerClient();
   takeLog();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_THAT(client->notices, ElementsAre(notice(kPrimary, 1, process(kPrimary)),
                                            notice(kAgent, 1, process(kAgent)),
                                            notice(kHelper, 1, process(kHelper))));
@@ -53,7 +53,7 @@ TEST_F(EvaluationTest, CoreServicesRunAfterThePrimaryService) {
 TEST_F(EvaluationTest, ServicesAreEvaluatedInNormalModeOnly) {
   for (const auto mode : {ORBOperatingModeInstaller, ORBOperatingModeWaitingForPrimaryService}) {
     enterMode(mode);
-    manager().evaluateSystemConfiguration();
+    evaluate();
     EXPECT_THAT(takeLog(), ElementsAre(kEvaluating));
     EXPECT_THAT(jobs_.labels(), IsEmpty());
     EXPECT_EQ(manager().operatingMode(), mode);
@@ -62,7 +62,7 @@ TEST_F(EvaluationTest, ServicesAreEvaluatedInNormalModeOnly) {
 
 TEST_F(EvaluationTest, AStoppedPrimaryServiceEndsTheEvaluation) {
   manager().trackServiceForUserClientShutdownRequest(kPrimary, true);
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_THAT(takeLog(), ElementsAre(kEvaluating,
                                      "7 com.example.configd is not actively being monitored as per "
                                      "the request of the user interface"));
@@ -71,14 +71,14 @@ TEST_F(EvaluationTest, AStoppedPrimaryServiceEndsTheEvaluation) {
 
 TEST_F(EvaluationTest, WithoutThePrimaryServiceNoOtherIsEvaluated) {
   damageProgram("configd");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_THAT(jobs_.labels(), IsEmpty());
   EXPECT_THAT(takeLog(), Not(Contains("7 Evaluating service: com.example.agent")));
 }
 
 TEST_F(EvaluationTest, AServiceThatCannotStartAffectsNoOther) {
   files_.remove(pathOf("agent"));
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary, kHelper));
 }
 
@@ -142,12 +142,12 @@ TEST_F(EvaluationTest, APendingShutdownIsNotWithdrawn) {
 TEST_F(EvaluationTest, ASwitchTurnedBackOnRestartsTheService) {
   useScannerWithSwitches({{"mode", "on"}});
   settings("common")["mode"] = "on";
-  manager().evaluateSystemConfiguration();
+  evaluate();
   const int first = process(kScanner);
   settings("common")["mode"] = "off";
-  manager().evaluateSystemConfiguration();
+  evaluate();
   settings("common")["mode"] = "on";
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_EQ(process(kScanner), first);
   loop_.advanceBy(3s);  // The stop is not withdrawn, and the end that it causes is evaluated.
   EXPECT_TRUE(isRunning(kScanner));
@@ -157,7 +157,7 @@ TEST_F(EvaluationTest, ASwitchTurnedBackOnRestartsTheService) {
 TEST_F(EvaluationTest, ASwitchTurnedOffAndOnWithinTwoSecondsStopsNothing) {
   useScannerWithSwitches({{"mode", "on"}});
   settings("common")["mode"] = "on";
-  manager().evaluateSystemConfiguration();
+  evaluate();
   const int first = process(kScanner);
   for (const char* mode : {"off", "on"}) {
     settings("common")["mode"] = mode;
@@ -299,6 +299,7 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerUp_NormalAndEvaluatedAtOnce) 
   startConfigurationServer();
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
   expectEvaluated();
   EXPECT_TRUE(isRunning(kAgent));

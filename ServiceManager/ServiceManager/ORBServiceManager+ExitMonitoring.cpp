@@ -10,8 +10,9 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, ProcessId process) {
   info.object->processOfServiceEnded(info.jobIdentifier, process);
 }
 
-// Others rely on the order: the health record counts a crash before the evaluation may report a
-// start, and the clients are notified of the end before the start.
+// Only notes what has happened; the evaluation decides in a turn of its own, so that exits can't
+// keep others from theirs. Others rely on the order: the health record counts a crash before the
+// evaluation may report a start, and the clients are notified of the end before the start.
 void ORBServiceManager::processOfServiceEnded(const std::string& label, ProcessId process) {
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("%@ with PID [%d] was terminated", label, process));
@@ -23,5 +24,5 @@ void ORBServiceManager::processOfServiceEnded(const std::string& label, ProcessI
                          std::numeric_limits<std::int64_t>::min());
   trackServiceForRespawn(label, false);
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Respawning job: %@", label));
-  evaluateSystemConfiguration();
+  evaluateSystemConfigurationLater();
 }

@@ -21,7 +21,9 @@ class ExitMonitoringTest : public ServiceManagerFixture {
     EXPECT_TRUE(jobs_.SMJobSubmit(kSMDomainSystemLaunchd, job, nullptr));
   }
   bool monitor(ORBServiceManager::Label label) {
-    return manager().monitorJobWithIdentifier(label, false);
+    return answerTo<bool>([&](ExitMonitor::Done done) {
+      manager().monitorJobWithIdentifier(label, false, std::move(done));
+    });
   }
   bool isMonitored(const char* label) { return manager().isServiceBeingTrackedForRespawn(label); }
 };
@@ -104,7 +106,7 @@ TEST_F(ExitMonitoringTest, AFailedStopLeavesOneWatch) {
   submit(kHelper);
   for (const char* label : {kPrimary, kAgent, kHelper}) monitor(label);
   jobs_.setReachable(false);
-  EXPECT_FALSE(manager().enforceShutdownForService(kAgent));
+  EXPECT_FALSE(stop(kAgent));
   EXPECT_FALSE(isMonitored(kAgent));
   jobs_.setReachable(true);
   const auto client = registerClient();
@@ -128,6 +130,7 @@ TEST_F(ExitMonitoringTest, EachOfAHundredExitsIsReportedOnce) {
   for (const char* label : {kPrimary, kAgent, kHelper}) monitor(label);
   const auto client = registerClient();
   for (int exit = 0; exit < 100; ++exit) {
+    loop_.advanceBy(1s);  // After so long a run it restarts at once.
     client->notices.clear();
     kill(kAgent);
     ASSERT_THAT(client->notices,
@@ -144,7 +147,7 @@ TEST_F(ExitMonitoringTest, SimultaneouslyKilledServicesAreAllWatchedAgain) {
     services.set(labels.back(), entry("worker" + std::to_string(number)));
   }
   use(catalogue(services));
-  manager().evaluateSystemConfiguration();
+  evaluate();
   const auto client = registerClient();
   std::map<std::string, int> before;
   for (const auto& label : labels) before[label] = process(label.c_str());

@@ -140,7 +140,8 @@ TEST_F(DaemonHealthTest, ACrashLoopIsUnhealthyForOneSummary) {
   installWith(kAgent, throttled);
   startAll();
   for (int crash = 0; crash < 5; ++crash) {
-    kill(kAgent);  // The daemon waits until the throttle lets it start again.
+    kill(kAgent);
+    loop_.advanceBy(10s);  // Until the throttle lets it start again.
     ASSERT_TRUE(isRunning(kAgent));
     ASSERT_EQ(stateOf(kAgent), Value(kRunning));
   }
@@ -152,6 +153,7 @@ TEST_F(DaemonHealthTest, ACrashLoopIsUnhealthyForOneSummary) {
 TEST_F(DaemonHealthTest, AHundredForcedStopsAreCountedExactly) {
   startAll();
   for (int stop = 1; stop <= 100; ++stop) {
+    loop_.advanceBy(1s);  // After so long a run it restarts at once.
     kill(kAgent);
     if (stop % 4 == 0) {  // Two at the same instant.
       jobs_.endProcess(kHelper);
@@ -226,7 +228,7 @@ TEST_F(DaemonHealthTest, AFeatureThatWasNeverOnIsNotRetried) {
 
 TEST_F(DaemonHealthTest, SummariesOmitTheInstallersServices) {
   startAll();
-  EXPECT_TRUE(manager().shutdownServices({kAgent}));
+  EXPECT_TRUE(shutDown({kAgent}));
   loop_.runReady();
   EXPECT_EQ(stateOf(kAgent), Value(kUpdating));
   EXPECT_FALSE(health().isReadyToReport());
@@ -243,7 +245,7 @@ TEST_F(DaemonHealthTest, SummariesOmitTheInstallersServices) {
 
 TEST_F(DaemonHealthTest, AServiceMissingAfterTheInstallerIsRetried) {
   startAll();
-  manager().shutdownServices({kAgent});
+  shutDown({kAgent});
   files_.remove(pathOf("agent"));
   manager().evaluateServices();
   loop_.advanceBy(200ms);
@@ -258,7 +260,7 @@ TEST_F(DaemonHealthTest, AFailedStopForTheInstallerIsReportedToo) {
   startConfigurationServer();
   start();
   loop_.advanceBy(1s);
-  EXPECT_FALSE(manager().shutdownServices({kPrimary, kAgent, kHelper}));
+  EXPECT_FALSE(shutDown({kPrimary, kAgent, kHelper}));
   loop_.runReady();
   EXPECT_EQ(health().serviceStates(),
             (Dictionary{{kPrimary, kUpdating}, {kAgent, kUpdating}, {kHelper, kUpdating}}));
@@ -268,7 +270,7 @@ TEST_F(DaemonHealthTest, AFailedStopForTheInstallerIsReportedToo) {
 TEST_F(DaemonHealthTest, AnUnreadyServiceIsRetriedDuringAnInstallation) {
   files_.remove(pathOf("helper"));
   startAll();
-  manager().shutdownServices({kAgent});
+  shutDown({kAgent});
   addProgram("helper");
   loop_.advanceBy(20s);
   EXPECT_TRUE(isRunning(kHelper));
@@ -305,7 +307,7 @@ TEST_F(DaemonHealthTest, UnreadyServicesAreRetriedUntilTheyRun) {
 TEST_F(DaemonHealthTest, ADamagedServiceReturnsWhenItsProgramIsRepaired) {
   startAll();
   damageProgram("agent");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   loop_.runReady();
   EXPECT_EQ(stateOf(kAgent), Value(kUnready));
   EXPECT_THAT(jobs_.labels(), ElementsAre(kPrimary, kHelper));

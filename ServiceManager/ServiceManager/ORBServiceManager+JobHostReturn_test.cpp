@@ -14,6 +14,10 @@ class JobHostReturnTest : public ServiceManagerFixture {
  protected:
   JobHostReturnTest() { use(catalogue()); }
 
+  void returnJobHost() {
+    manager().handleJobHostReturn();
+    loop_.runReady();
+  }
   std::size_t evaluations() { return countInLog("Evaluating the system configuration"); }
 };
 
@@ -28,12 +32,12 @@ TEST_F(JobHostReturnTest, AnAbsentHostDelaysTheDaemonOnce) {
 TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedStart) {
   startConfigurationServer();
   jobs_.setReachable(false);
-  manager().evaluateSystemConfiguration();
+  evaluate();
   jobs_.setReachable(true);
   loop_.advanceBy(1h);
   ASSERT_THAT(jobs_.labels(), IsEmpty());  // There is no health record that would retry.
   takeLog();
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_EQ(evaluations(), 1u);
   EXPECT_EQ(countInLog("The job host answers again"), 1u);
   for (const char* label : {kPrimary, kAgent, kHelper}) EXPECT_TRUE(isRunning(label)) << label;
@@ -51,15 +55,15 @@ TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedShutdown) {
           {"web", Dictionary{{"Config", Array{Dictionary{{"Source", "common"},
                                                          {"Switches", Dictionary{{"on", 1}}}}}}}}});
   use(all);
-  manager().evaluateSystemConfiguration();
+  evaluate();
   ASSERT_TRUE(isRunning(kAgent));
   settings_["common"]["on"] = 0;
-  manager().evaluateSystemConfiguration();
+  evaluate();
   jobs_.setReachable(false);
   loop_.advanceBy(1min);
   ASSERT_TRUE(isRunning(kAgent));
   jobs_.setReachable(true);
-  manager().handleJobHostReturn();
+  returnJobHost();
   loop_.advanceBy(3s);
   EXPECT_FALSE(isRunning(kAgent));
 }
@@ -68,7 +72,7 @@ TEST_F(JobHostReturnTest, TheReturnLeavesStoppedServicesAlone) {
   manager().stopServices({kPrimary, kAgent});
   for (const auto mode : {kNormal, kWaiting}) {
     enterMode(mode);
-    manager().handleJobHostReturn();
+    returnJobHost();
     EXPECT_FALSE(isRunning(kPrimary));
     EXPECT_FALSE(isRunning(kAgent));
   }
@@ -76,44 +80,45 @@ TEST_F(JobHostReturnTest, TheReturnLeavesStoppedServicesAlone) {
 
 TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedStop) {
   startConfigurationServer();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   jobs_.setReachable(false);
   manager().stopServices({kAgent});
+  loop_.advanceBy(10s);  // Until the removal has failed.
   jobs_.setReachable(true);
   ASSERT_TRUE(isRunning(kAgent));
   enterMode(ORBOperatingModeInstaller);
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_TRUE(isRunning(kAgent));
   enterMode(kNormal);
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_TRUE(isRunning(kHelper));
 }
 
 TEST_F(JobHostReturnTest, TheReturnLeavesTheInstallersPrimaryServiceAlone) {
   startConfigurationServer();
-  manager().evaluateSystemConfiguration();
-  manager().shutdownServices({kPrimary, kAgent});
+  evaluate();
+  shutDown({kPrimary, kAgent});
   manager().handleGlobalSettingsServerWillShutdown({});
   stopConfigurationServer();
   ASSERT_EQ(manager().operatingMode(), kWaiting);
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_FALSE(isRunning(kPrimary));
   manager().evaluateServices();
   loop_.advanceBy(100ms);
   EXPECT_TRUE(isRunning(kPrimary));
   // After that it is started again.
   EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kPrimary, nullptr, true));
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
 TEST_F(JobHostReturnTest, AnEndedPrimaryServiceIsStartedFirst) {
   startConfigurationServer();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   stopConfigurationServer();
   takeLog();
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_EQ(manager().operatingMode(), kWaiting);
   EXPECT_EQ(evaluations(), 0u);
   startConfigurationServer();
@@ -123,7 +128,7 @@ TEST_F(JobHostReturnTest, AnEndedPrimaryServiceIsStartedFirst) {
 
 TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedWatch) {
   startConfigurationServer();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   const auto client = registerClient();
   jobs_.endProcess(kAgent);
   jobs_.setReachable(false);
@@ -131,7 +136,7 @@ TEST_F(JobHostReturnTest, TheReturnRepeatsAFailedWatch) {
   ASSERT_FALSE(manager().isServiceBeingTrackedForRespawn(kAgent));
   jobs_.setReachable(true);
   client->notices.clear();
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
   EXPECT_THAT(client->notices, testing::Contains(notice(kAgent, 1, process(kAgent))));
 }
@@ -141,7 +146,7 @@ TEST_F(JobHostReturnTest, TheReturnCoversAPendingChange) {
   manager().handleGlobalSettingsDidChange({"KLXGlobalSettingsDidChangeNotification", std::nullopt,
                                            Dictionary{{"KLXGlobalSettingsKeyModified", "on"}}});
   loop_.advanceBy(1s);
-  manager().handleJobHostReturn();
+  returnJobHost();
   EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
   loop_.advanceBy(10s);
   EXPECT_EQ(evaluations(), 1u);

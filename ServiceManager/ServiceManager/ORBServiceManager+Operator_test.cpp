@@ -131,18 +131,16 @@ TEST_F(OperatorTest, APendingStopIsReported) {
   startAll();
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
   settings_["common"]["on"] = 0;
-  manager().evaluateSystemConfiguration();
+  evaluate();
   loop_.advanceBy(1s);
-  manager().evaluateSystemConfiguration();
-  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(2.0));  // The first of the two.
+  evaluate();
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(2.0));  // It stays as it was.
   EXPECT_EQ(ask("overview")[kFactServices][kAgent][kFactStopIn], Value(2.0));
   EXPECT_EQ(factsOf(kHelper)[kFactStopIn], Value());
   loop_.advanceBy(2s);
   EXPECT_FALSE(isRunning(kAgent));
-  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(1.0));
-  loop_.advanceBy(1s);
-  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(2.0));  // Its end was an evaluation, too.
-  loop_.advanceBy(2s);
+  EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value(3.0));  // Its end was an evaluation, too.
+  loop_.advanceBy(3s);
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
 }
 
@@ -175,7 +173,7 @@ TEST_F(OperatorTest, AServiceThatCannotStartIsReportedWithReasons) {
   startAll();
   kill(kHelper);
   damageProgram("helper");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   files_.remove(pathOf("agent"));
   const Value helper = factsOf(kHelper);
   EXPECT_EQ(helper[kFactProgramIsIntact], Value(false));
@@ -270,6 +268,20 @@ TEST_F(OperatorTest, AProductWithoutAHealthRecordHasNone) {
   EXPECT_FALSE(client_->recentException());
 }
 
+TEST_F(OperatorTest, AnAnswerAboutBusyServicesWaitsForThem) {
+  startAll();
+  EXPECT_EQ(ask("awaitServices:", {Array{kAgent, kHelper, "com.example.unknown", 7}}), Value(true));
+  jobs_.ignoreTermination(kAgent);
+  manager().stopServices({kAgent, kHelper});
+  int answers = 0;
+  manager().whenSettled({kHelper}, [&] { ++answers; });
+  manager().whenSettled({kAgent, kHelper}, [&] { ++answers; });
+  loop_.runReady();
+  EXPECT_EQ(answers, 1);
+  loop_.advanceBy(20s);
+  EXPECT_EQ(answers, 2);
+}
+
 TEST_F(OperatorTest, AWrongLabelOrMessageRaises) {
   startAll();
   for (const Value& argument : {Value(), Value(1), Value(Array{kAgent})}) {
@@ -279,8 +291,12 @@ TEST_F(OperatorTest, AWrongLabelOrMessageRaises) {
   }
   EXPECT_EQ(ask("jobsOfServices:", {kAgent}), Value());
   EXPECT_TRUE(client_->recentException());
-  ORBServiceManagerOperatorServer server(manager().report());
-  const MessageResult unknown = server.receiveMessage("stopServices:", {Array{kAgent}});
+  EXPECT_EQ(ask("awaitServices:", {kAgent}), Value());
+  EXPECT_TRUE(client_->recentException());
+  ORBServiceManagerOperatorServer server(manager().report(), {});
+  MessageResult unknown;
+  server.takeMessage("stopServices:", {Array{kAgent}},
+                     MessageReply([&](MessageResult result) { unknown = std::move(result); }));
   ASSERT_FALSE(unknown);
   EXPECT_EQ(unknown.error().reason,
             "-[ORBServiceManagerOperatorServer stopServices:]: unrecognized selector sent to "

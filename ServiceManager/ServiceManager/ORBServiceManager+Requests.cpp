@@ -11,21 +11,37 @@ void ORBServiceManager::enforceRunningForService(Label label, CompletionBlock wi
   enforcement_.enforceRunningForService(std::string(*label), std::move(withCompletionBlock));
 }
 
-bool ORBServiceManager::enforceShutdownForService(Label label) {
-  return !label || enforcement_.enforceShutdownForService(std::string(*label));
+void ORBServiceManager::enforceShutdownForService(Label label, StopAnswer answer) {
+  if (label) {
+    enforcement_.enforceShutdownForService(std::string(*label), std::move(answer));
+  } else if (answer) {
+    answer(true);
+  }
 }
 
-bool ORBServiceManager::shutdownServices(const Array& labels) {
+void ORBServiceManager::shutdownServices(const Array& labels, StopAnswer answer) {
   operatingMode_ = ORBOperatingModeInstaller;
   isInstallerAtWork_ = true;
-  bool haveAllStopped = true;
+  // The last of the services that hold this gives the answer.
+  struct Request {
+    explicit Request(StopAnswer whenOver) : answer(std::move(whenOver)) {}
+    Request(const Request&) = delete;
+    Request& operator=(const Request&) = delete;
+    ~Request() {
+      if (answer) answer(haveAllStopped);
+    }
+    StopAnswer answer;
+    bool haveAllStopped = true;
+  };
+  const auto request = std::make_shared<Request>(std::move(answer));
   for (const Value& element : labels) {
     const std::string* label = element.string();
     if (!label) continue;
-    if (!enforceShutdownForService(*label)) haveAllStopped = false;
+    enforceShutdownForService(*label, [request](bool hasStopped) {
+      if (!hasStopped) request->haveAllStopped = false;
+    });
     if (healthInfo_) healthInfo_->reportIntallerEventStartedForService(*label);
   }
-  return haveAllStopped;
 }
 
 Value ORBServiceManager::pidForService(Label label) {
@@ -56,6 +72,14 @@ void ORBServiceManager::startServices(const Array& labels) {
     trackServiceForUserClientShutdownRequest(*label, false);
     enforceRunningForService(*label, nullptr);
   }
+}
+
+void ORBServiceManager::whenSettled(const Array& labels, CompletionBlock settled) {
+  std::vector<std::string> strings;
+  for (const Value& element : labels) {
+    if (const std::string* label = element.string()) strings.push_back(*label);
+  }
+  enforcement_.whenSettled(strings, std::move(settled));
 }
 
 bool ORBServiceManager::connection(NSConnection& parent, NSConnection& shouldMakeNewConnection) {

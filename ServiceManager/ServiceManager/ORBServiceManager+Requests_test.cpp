@@ -29,7 +29,7 @@ class RequestsTest : public ServiceManagerFixture {
 
 TEST_F(RequestsTest, NilIsLeftAlone) {
   EXPECT_FALSE(enforceRunning(std::nullopt));
-  EXPECT_TRUE(manager().enforceShutdownForService(std::nullopt));
+  EXPECT_TRUE(stop(std::nullopt));
   EXPECT_THAT(takeReports(), IsEmpty());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
@@ -37,7 +37,7 @@ TEST_F(RequestsTest, NilIsLeftAlone) {
 TEST_F(RequestsTest, WithoutAHealthRecordAnInstallerIsServed) {
   hasHealthRecord_ = false;
   restart();
-  EXPECT_TRUE(manager().shutdownServices({kAgent}));
+  EXPECT_TRUE(shutDown({kAgent}));
   EXPECT_TRUE(manager().evaluateServices());
   loop_.runReady();
 }
@@ -46,7 +46,7 @@ TEST_F(RequestsTest, TheExitOfAStoppedServiceIsStillSeen) {
   run(kAgent);
   const auto client = registerClient();
   enterMode(kInstaller);
-  manager().enforceShutdownForService(kAgent);
+  stop(kAgent);
   loop_.runReady();
   EXPECT_THAT(client->notices, ElementsAre(notice(kAgent, 0)));
   EXPECT_THAT(takeReports(),
@@ -57,6 +57,7 @@ TEST_F(RequestsTest, AStopWithoutAnAnswerKeepsTheMark) {
   run(kAgent);
   jobs_.setReachable(false);
   manager().stopServices({kAgent});
+  loop_.advanceBy(10s);
   EXPECT_TRUE(manager().isServiceBeingTrackedForUserClientShutdownRequest(kAgent));
   EXPECT_THAT(takeLog(), Contains(testing::HasSubstr("3 Unable to unload com.example.agent")));
   EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
@@ -100,11 +101,12 @@ TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatus) {
 TEST_F(RequestsTest, TheInstallersBeginStopsAndReportsItsServices) {
   run(kAgent);
   run(kHelper);
-  EXPECT_TRUE(manager().shutdownServices({kAgent, kHelper}));
+  EXPECT_TRUE(shutDown({kAgent, kHelper}));
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
   EXPECT_THAT(takeReports(),
               ElementsAre("stop com.example.agent", "installer event com.example.agent",
-                          "stop com.example.helper", "installer event com.example.helper"));
+                          "stop com.example.helper", "installer event com.example.helper",
+                          "forced stop com.example.agent", "forced stop com.example.helper"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
@@ -112,17 +114,18 @@ TEST_F(RequestsTest, AFailedShutdownStopsAllOtherServices) {
   run(kAgent);
   run(kHelper);
   jobs_.refuseRemoval(kAgent, "not you");
-  EXPECT_FALSE(manager().shutdownServices({kAgent, kHelper}));
+  EXPECT_FALSE(shutDown({kAgent, kHelper}));
   EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
   EXPECT_THAT(takeReports(),
               ElementsAre("stop com.example.agent", "installer event com.example.agent",
-                          "stop com.example.helper", "installer event com.example.helper"));
+                          "stop com.example.helper", "installer event com.example.helper",
+                          "forced stop com.example.helper"));
 }
 
 TEST_F(RequestsTest, AShutdownWithoutTheJobHostFails) {
   run(kAgent);
   jobs_.setReachable(false);
-  EXPECT_FALSE(manager().shutdownServices({kAgent}));
+  EXPECT_FALSE(shutDown({kAgent}));
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
   EXPECT_THAT(takeReports(),
               ElementsAre("stop com.example.agent", "installer event com.example.agent"));
@@ -131,7 +134,7 @@ TEST_F(RequestsTest, AShutdownWithoutTheJobHostFails) {
 
 TEST_F(RequestsTest, AnElementThatIsNoLabelIsIgnored) {
   run(kHelper);
-  EXPECT_TRUE(manager().shutdownServices({1, Array{}, kHelper, Value::nullMarker()}));
+  EXPECT_TRUE(shutDown({1, Array{}, kHelper, Value::nullMarker()}));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 

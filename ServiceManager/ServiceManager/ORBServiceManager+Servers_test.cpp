@@ -14,14 +14,15 @@ class MessagesTest : public ServiceManagerFixture {
  protected:
   MessagesTest() {
     use(catalogue());
-    manager().evaluateSystemConfiguration();
+    evaluate();
   }
 
-  static MessageResult ask(MessageTarget& server, std::string_view selector,
-                           const Array& arguments) {
+  // Serves the loop, since an answer may come later.
+  MessageResult ask(MessageTarget& server, std::string_view selector, const Array& arguments) {
     MessageResult answer = raised(kNSPortTimeoutException, "no answer yet");
     server.takeMessage(selector, arguments,
                        MessageReply([&](MessageResult result) { answer = std::move(result); }));
+    loop_.runReady();
     return answer;
   }
   MessageResult receive(std::string_view selector, const Array& arguments) {
@@ -56,10 +57,27 @@ TEST_F(MessagesTest, TheQueriesAnswerByTheirSelectors) {
   EXPECT_EQ(send("lastExitStatusForService:", {kAgent}), Value(9));
 }
 
+TEST_F(MessagesTest, TheInstallersAnswerWaitsForTheLastService) {
+  jobs_.ignoreTermination(kAgent);
+  bool isAnswered = false;
+  installer_.takeMessage("shutdownServices:", Array{Value(Array{kAgent, kHelper})},
+                         MessageReply([&](const MessageResult& result) {
+                           EXPECT_EQ(result.value_or(Value()), Value(true));
+                           isAnswered = true;
+                         }));
+  loop_.runReady();
+  EXPECT_FALSE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_FALSE(isAnswered);
+  EXPECT_EQ(send("pidForService:", {kAgent}), Value(process(kAgent)));  // Others are answered.
+  loop_.advanceBy(20s);
+  EXPECT_TRUE(isAnswered);
+  EXPECT_FALSE(isRunning(kAgent));
+}
+
 TEST_F(MessagesTest, TheRequestsDoWhatTheirSelectorsSay) {
   EXPECT_TRUE(send("stopServices:", {Array{kAgent}}).isNil());
   EXPECT_FALSE(isRunning(kAgent));
-  loop_.runReady();
   EXPECT_TRUE(send("startServices:", {Array{kAgent}}).isNil());
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_EQ(send("shutdownServices:", {Array{kHelper}}), Value(true));
@@ -87,7 +105,7 @@ TEST_F(MessagesTest, AnArgumentOfTheWrongKindRaises) {
 }
 
 TEST_F(MessagesTest, EachServerRaisesForTheSelectorsOfTheOthers) {
-  const auto raises = [](MessageTarget& server, const char* selector) {
+  const auto raises = [this](MessageTarget& server, const char* selector) {
     const MessageResult result = ask(server, selector, {Array{kAgent}});
     return !result && result.error().name == kNSInvalidArgumentException;
   };
@@ -164,6 +182,8 @@ TEST_F(ServersTest, TheUserInterfacesServerAnswersAnAuthenticatedPeer) {
 
 TEST_F(ServersTest, TheInstallersServerBeginsAndEnds) {
   const auto installer = client(kInstallerServer, kORBServiceManagerInstallerProtocol);
+  // A service without a job; the answer about one that has to end first comes later.
+  ASSERT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true));
   EXPECT_EQ(installer->sendMessage("shutdownServices:", {Array{kAgent}}), Value(true));
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
   EXPECT_FALSE(isRunning(kAgent));

@@ -59,7 +59,7 @@ void ORBServiceManager::handleNotificationsReturn() {
   if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
   // A server that only hung announces no start, and the next watchdog may be a quarter of an hour
   // away.
-  timers_.performAfterDelay(kHungServerRetryDelay, [this] {
+  timers_.performAfterDelay({"ask the hung server"}, kHungServerRetryDelay, [this] {
     if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
       evaluateWaitingForPrimaryServiceOperatingMode();
   });
@@ -82,6 +82,7 @@ void ORBServiceManager::removeStoppedServices() {
 // without its settings, an evaluation would stop every service that depends on them.
 void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
+  enforcement_.jobHostHasReturned();
   if (operatingMode_ != ORBOperatingModeInstaller) removeStoppedServices();
   evaluateAgain();
   if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;
@@ -108,7 +109,7 @@ void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*
 bool ORBServiceManager::evaluateServices() {
   if (healthInfo_) healthInfo_->reportInstallerEventFinished();
   // The evaluation comes later, so that the installer gets its answer at once.
-  timers_.performAfterDelay(kInstallerEvaluationDelay,
+  timers_.performAfterDelay({"end the installer's mode"}, kInstallerEvaluationDelay,
                             [this] { evaluateRunningModeAfterInstallerEvent(); });
   return true;
 }
@@ -121,7 +122,8 @@ void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
     enforceRunningForService(primaryLabel(), nullptr);
     return;
   }
-  timers_.performAfterDelay(kInstallerEvaluationDelay, [this] { evaluateSystemConfiguration(); });
+  timers_.performAfterDelay({"evaluate"}, kInstallerEvaluationDelay,
+                            [this] { evaluateSystemConfiguration(); });
 }
 
 void ORBServiceManager::scheduleReevaluation() {
@@ -137,8 +139,10 @@ void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) 
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Reevaluating configuration for service(s): %@",
                                       healthInfo_ ? setOfLabels(labels) : Value()));
-  for (const std::string& label : labels) enforceRunningForService(label, nullptr);
-  scheduleReevaluation();
+  // When all have had their turn, the next retry is scheduled.
+  for (const std::string& label : labels) {
+    turns_.add({"retry", label}, [this, label] { enforceRunningForService(label, nullptr); });
+  }
 }
 
 void ORBServiceManager::handleServiceDidStartNotification(

@@ -51,10 +51,10 @@ TEST_P(StartNoticeTest, AShutdownNoticeBeginsWaitingInAnyMode) {
 }
 
 TEST_P(StartNoticeTest, TheInstallersBeginStopsItsServicesAndEvaluatesNothing) {
-  manager().evaluateSystemConfiguration();
+  evaluate();
   takeLog();
   enterMode(GetParam());
-  EXPECT_TRUE(manager().shutdownServices({kAgent}));
+  EXPECT_TRUE(shutDown({kAgent}));
   loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), kInstaller);
   EXPECT_FALSE(isRunning(kAgent));
@@ -90,10 +90,11 @@ INSTANTIATE_TEST_SUITE_P(InMode, StartNoticeTest, testing::Values(kNormal, kInst
 
 TEST_F(SettingsTest, AShutdownNoticeEndsTheInstallersMode) {
   startConfigurationServer();
-  manager().shutdownServices({kAgent});
+  shutDown({kAgent});
   willShutdown();
   EXPECT_EQ(manager().operatingMode(), kWaiting);
   didStart();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), kNormal);
   EXPECT_TRUE(isRunning(kAgent));  // The installer has not reported its end.
 }
@@ -217,7 +218,7 @@ TEST_F(SettingsTest, AChangeAfterTheEvaluationIsEvaluatedAgain) {
 
 TEST_F(SettingsTest, AnEvaluationForAnotherReasonCoversTheChange) {
   didChange();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(manager().globalSettingsDidChangeEffectTimer());
   loop_.advanceBy(10s);
   EXPECT_EQ(evaluations(), 1u);
@@ -265,13 +266,13 @@ TEST_F(SettingsTest, ASettingsServerThatRestartedIsEvaluatedAtOnce) {
 // Services that are not ready.
 
 TEST_F(SettingsTest, WithoutAHealthRecordNothingIsReevaluated) {
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(manager().reevaluationTimer());
 }
 
 TEST_F(SettingsTest, ReadyServicesAreNotReevaluated) {
   useHealth();
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(manager().reevaluationTimer());
 }
 
@@ -279,7 +280,7 @@ TEST_F(SettingsTest, UnreadyServicesAreRetriedEveryTwentySeconds) {
   useHealth();
   files_.remove(pathOf("agent"));
   files_.remove(pathOf("helper"));
-  manager().evaluateSystemConfiguration();
+  evaluate();
   const RunLoopHandle* const timer = manager().reevaluationTimer();
   EXPECT_TRUE(timer);
   manager().scheduleReevaluation();
@@ -315,7 +316,7 @@ TEST_F(SettingsTest, UnreadyServicesAreRetriedInAnyMode) {
     files_.remove(pathOf("agent"));
     EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true) ||
                 mode == kNormal);
-    manager().evaluateSystemConfiguration();
+    evaluate();
     EXPECT_FALSE(isRunning(kAgent));
     addProgram("agent");
     enterMode(mode);

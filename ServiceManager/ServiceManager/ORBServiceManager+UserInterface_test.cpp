@@ -17,12 +17,12 @@ class UserInterfaceTest : public ServiceManagerFixture {
 // Stopping and starting.
 
 TEST_F(UserInterfaceTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
-  manager().evaluateSystemConfiguration();
+  evaluate();
   takeReports();
   manager().stopServices({kAgent});
   EXPECT_TRUE(manager().isServiceBeingTrackedForUserClientShutdownRequest(kAgent));
   loop_.runReady();  // Its exit makes everything be evaluated.
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent", "forced stop com.example.agent",
                                          "start com.example.configd", "start com.example.helper",
@@ -38,7 +38,7 @@ TEST_F(UserInterfaceTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
 }
 
 TEST_F(UserInterfaceTest, ServicesAreStoppedAndStartedInTheirOrder) {
-  manager().evaluateSystemConfiguration();
+  evaluate();
   takeReports();
   manager().stopServices({kHelper, 5, kAgent});
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.helper", "stop com.example.agent"));

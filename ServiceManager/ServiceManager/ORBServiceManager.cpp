@@ -35,6 +35,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
     : platform_(platform),
       validator_(platform_.codeSignatures),
       sources_(platform_.settingsClientFactories, platform_.withSettingsOfThisThread, *this),
+      turns_(platform_.runLoop, [this] { scheduleReevaluation(); }),
       jobs_(platform_.jobs, platform_.authorization),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
              {.onWatch =
@@ -45,21 +46,24 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                   [this](const std::string& label, ProcessId process) {
                     ORBExitNoteKQueueCallBack({this, label}, process);
                   }}),
-      extensions_(
-          {.runLoop = platform_.runLoop,
-           .extensions = platform_.extensions,
-           .system = platform_.system,
-           .files = platform_.files,
-           .mainBundle = platform_.mainBundle,
-           .catalogue = catalogue_,
-           .secret = secret_,
-           .stopService = [this](const std::string& label) { enforceShutdownForService(label); },
-           .evaluateLater =
-               [this](const std::string& label, Duration delay) {
-                 timers_.performAfterDelay(delay,
-                                           [this, label] { evaluateInformationForService(label); });
-               }}),
-      enforcement_({.catalogue = catalogue_,
+      extensions_({.runLoop = platform_.runLoop,
+                   .onWorker = platform_.onExtensionWorker,
+                   .loads = {platform_.workersExtensions, platform_.system, platform_.files,
+                             platform_.mainBundle},
+                   .catalogue = catalogue_,
+                   .secret = secret_,
+                   .stopService =
+                       [this](const std::string& label, ExtensionControl::Done done) {
+                         enforcement_.stopForExtension(label, std::move(done));
+                       },
+                   .evaluateLater =
+                       [this](const std::string& label, Duration delay) {
+                         timers_.performAfterDelay({"evaluate", label}, delay, [this, label] {
+                           evaluateInformationForService(label);
+                         });
+                       }}),
+      enforcement_({.turns = turns_,
+                    .catalogue = catalogue_,
                     .jobs = jobs_,
                     .records = records_,
                     .exits = exits_,
@@ -67,7 +71,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .health = healthInfo_,
                     .files = platform_.files,
                     .system = platform_.system,
-                    .validator = validator_}),
+                    .validator = validator_,
+                    .onUnready = [this] { scheduleReevaluation(); }}),
       timers_(platform_.runLoop),
       report_({.runLoop = platform_.runLoop,
                .files = platform_.files,
@@ -234,6 +239,8 @@ void ORBServiceManager::observeSettings() {
   observations_.push_back(
       platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
   platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
+  jobStarts_ = platform_.jobs.observeStarts(
+      [this](std::string_view label) { enforcement_.jobHasStarted(std::string(label)); });
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {
@@ -249,7 +256,8 @@ void ORBServiceManager::makePrimaryServiceClient() {
 void ORBServiceManager::evaluateForTheFirstTime() {
   if (isPrimaryServiceUp()) {
     operatingMode_ = ORBOperatingModeNormal;
-    timers_.performAfterDelay(kFirstEvaluationDelay, [this] { evaluateSystemConfiguration(); });
+    timers_.performAfterDelay({"evaluate"}, kFirstEvaluationDelay,
+                              [this] { evaluateSystemConfiguration(); });
     return;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating primary service");

@@ -46,9 +46,9 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 // interface. It keeps the operating mode, and makes its collaborators do the rest; operations that
 // are theirs are forwarded and documented there.
 //
-// Everything belongs to the main thread and takes no lock; a call that blocks (a removal, a job
-// without a process yet, a remote answer) blocks that thread, for a bounded time. An operation
-// fails only by its result; failures are logged.
+// Everything belongs to the main thread and takes no lock. An operation that must wait for a
+// process, a removal or an extension goes on while the run loop serves others, and ends with a
+// callback. An operation fails only by its result; failures are logged.
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                                 public KLXGlobalSettingsClientDelegate,
                                 public platform::NSConnectionDelegate,
@@ -58,6 +58,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   static constexpr char kClassName[] = "ORBServiceManager";
 
   using CompletionBlock = ServiceEnforcement::CompletionBlock;
+  using StopAnswer = ServiceEnforcement::StopAnswer;
 
   explicit ORBServiceManager(const ServiceManagerPlatform& platform);
   ORBServiceManager(const ORBServiceManager&) = delete;
@@ -93,8 +94,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // The watchdog. While the daemon waits for the primary service, evaluates once that is up; in
   // normal mode, begins to wait if the primary service is down.
   void evaluateWaitingForPrimaryServiceOperatingMode();
-  // In normal mode: makes the primary service run, then evaluates every other service.
+  // In normal mode: makes the primary service run, then evaluates every other service, each in a
+  // turn of the loop of its own. A service whose turn is pending is evaluated once.
   void evaluateSystemConfiguration();
+  // The same in a later turn of the loop, unless that is pending.
+  void evaluateSystemConfigurationLater();
   void evaluateInformationForService(const std::string& label);
   SettingsClient* configurationWithSelectorPrefix(const std::string& prefix) {
     return sources_.configurationWithSelectorPrefix(prefix);
@@ -121,9 +125,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void handleServiceDidStartNotification(const platform::DistributedNotification& notification);
   // The process of a watched service has ended.
   void processOfServiceEnded(const std::string& label, platform::ProcessId process);
-  // The installer begins: stops these services and evaluates nothing until it has finished. False
-  // if any of them could not be stopped. Elements that are no strings are ignored.
-  bool shutdownServices(const platform::Array& labels);
+  // The installer begins: stops these services and evaluates nothing until it has finished. The
+  // answer comes when the last of them has ended: false if any of them could not be stopped.
+  // Elements that are no strings are ignored.
+  void shutdownServices(const platform::Array& labels, StopAnswer answer);
   // For the executable-information service, on one of its queues.
   platform::Value getLastLoggedInUserHomeDirectory() override {
     return sources_.getLastLoggedInUserHomeDirectory();
@@ -134,20 +139,23 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                         std::optional<platform::NSError>& requestError) {
     return jobs_.submitJobRequest(request, forDomain, requestError);
   }
-  bool unloadJobFromLaunchD(std::string_view label) { return jobs_.unloadJobFromLaunchD(label); }
-  bool monitorJobWithIdentifier(Label label, bool retryOnFailure) {
-    return exits_.monitorJobWithIdentifier(label, retryOnFailure);
+  void unloadJobFromLaunchD(const std::string& label, LaunchdJobs::Removed done) {
+    jobs_.unloadJobFromLaunchD(label, std::move(done));
+  }
+  void monitorJobWithIdentifier(Label label, bool retryOnFailure, ExitMonitor::Done done) {
+    exits_.monitorJobWithIdentifier(label, retryOnFailure, std::move(done));
   }
 
   // Enforcing what was decided. Nothing is done for nil.
   bool checkOSSupportForService(const std::string& label) {
     return enforcement_.checkOSSupportForService(label);
   }
-  platform::Value launchService(const std::string& label, bool firstTime) {
-    return enforcement_.launchService(label, firstTime);
+  void launchService(const std::string& label, bool firstTime,
+                     ServiceEnforcement::LaunchAnswer answer) {
+    enforcement_.launchService(label, firstTime, std::move(answer));
   }
   void enforceRunningForService(Label label, CompletionBlock withCompletionBlock);
-  bool enforceShutdownForService(Label label);
+  void enforceShutdownForService(Label label, StopAnswer answer = {});
   void trackServiceForRespawn(Label label, bool flag) {
     records_.trackServiceForRespawn(label, flag);
   }
@@ -162,16 +170,13 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   }
 
   // Kernel extensions.
-  bool startAssociatedSystemExtensions(const std::string& label) {
-    return extensions_.startAssociatedSystemExtensions(label);
+  void startAssociatedSystemExtensions(const std::string& label, ExtensionControl::Done done) {
+    extensions_.startAssociatedSystemExtensions(label, std::move(done));
   }
-  bool loadKextWithIdentifier(const std::optional<std::string>& identifier,
-                              const std::string& kextName, const platform::Array& withOptions) {
-    return extensions_.loadKextWithIdentifier(identifier, kextName, withOptions);
-  }
-  std::unique_ptr<platform::ControlSocket> createControlSocketWithIdentifier(
-      std::string_view controlName) {
-    return extensions_.createControlSocketWithIdentifier(controlName);
+  void loadKextWithIdentifier(const std::optional<std::string>& identifier,
+                              const std::string& kextName, const platform::Array& withOptions,
+                              ExtensionControl::Done done) {
+    extensions_.loadKextWithIdentifier(identifier, kextName, withOptions, std::move(done));
   }
   std::set<std::string> daemonsUsingKext(const std::string& kextName) const {
     return catalogue_.daemonsUsingKext(kextName);
@@ -271,6 +276,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   }
 
   const OperatorReport& report() const { return report_; }
+  // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
+  // that are no strings are ignored.
+  void whenSettled(const platform::Array& labels, CompletionBlock settled);
 
  private:
   // Start-up, in its order. A step that fails has logged and announced why.
@@ -289,6 +297,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool isPrimaryServiceUp();
   EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
+  void evaluateOtherServices(const ServiceCatalogue& catalogue, const std::string& primary);
   void evaluateFeatureService(const std::string& label);
   // Whether the switch asks for the service to run. If so, it is made to run.
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
@@ -313,12 +322,16 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   SettingsSources sources_;
   UserInterfaceClients userClients_;
+  platform::TurnQueue turns_;
+  // While an evaluation waits for the primary service, another one need not wait, too.
+  std::weak_ptr<void> waitForPrimary_;
   LaunchdJobs jobs_;
   MonitoringRecords records_;
   ExitMonitor exits_;
   ExtensionControl extensions_;
   ServiceEnforcement enforcement_;
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
+  std::unique_ptr<platform::RunLoopHandle> jobStarts_;
   EvaluationTimers timers_;
   const OperatorReport report_;
   VendedServers servers_;  // ends first: it calls all of the above

@@ -236,7 +236,7 @@ TEST_F(StartUpTest, OnlyTheProductsServicesAreKnown) {
   EXPECT_FALSE(manager().monitoredProcessesInfo().contains(kForeign));
   EXPECT_TRUE(ORBServiceManager::jobInfoWithLabel(kForeign, manager().serviceInfo()).isNil());
   enterMode(ORBOperatingModeNormal);
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_THAT(jobs_.labels(), Not(Contains(kForeign)));
 }
 

@@ -145,7 +145,7 @@ class TransitionFixture : public ServiceManagerFixture {
   void happen(Event event) {
     switch (event) {
       case Event::kBegin:
-        EXPECT_TRUE(manager().shutdownServices({kAgent}));
+        EXPECT_TRUE(shutDown({kAgent}));
         break;
       case Event::kEnd:
         EXPECT_TRUE(manager().evaluateServices());
@@ -183,6 +183,7 @@ TEST_P(TransitionTest, HasItsModeAndItsAction) {
   set(row.server);
   enterMode(row.from);
   happen(row.event);
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), row.to);
   EXPECT_EQ(evaluations(), row.action == Action::kEvaluate ? 1u : 0u);
   std::vector<std::string> running;
@@ -226,7 +227,7 @@ TEST_F(TransitionFixture, InEveryOrderOfTheInstallersAndTheServersEvents) {
     Server server = Server::kUp;
     set(server);
     enterMode(kInNormal);
-    manager().evaluateSystemConfiguration();
+    evaluate();
     for (const Event event : events) {
       if (event == Event::kServerUp) server = Server::kUp;
       if (event == Event::kServerDown) server = Server::kDown;
@@ -271,7 +272,7 @@ TEST_F(TransitionFixture, TheInstallersEndOverridesEarlierEvents) {
 TEST_F(TransitionFixture, EventsBeforeTheInstallersEvaluationPreventIt) {
   set(Server::kUp);
   for (const Event event : {Event::kBegin, Event::kServerDown}) {
-    manager().shutdownServices({kAgent});
+    shutDown({kAgent});
     manager().evaluateServices();
     loop_.advanceBy(150ms);
     EXPECT_EQ(manager().operatingMode(), kInNormal);

@@ -58,7 +58,7 @@ TEST_F(OperatorReasonTest, AStoppedServiceIsNotStartedByAnEvaluation) {
   startAll();
   manager().stopServices({kHelper});
   EXPECT_EQ(reasonOf(kHelper), "stopped");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(isRunning(kHelper));
   manager().startServices({kHelper});
   EXPECT_EQ(reasonOf(kHelper), "core");
@@ -66,7 +66,7 @@ TEST_F(OperatorReasonTest, AStoppedServiceIsNotStartedByAnEvaluation) {
 
 TEST_F(OperatorReasonTest, AnInstallerKeepsServicesDown) {
   startAll();
-  manager().shutdownServices({kHelper, kAgent});
+  shutDown({kHelper, kAgent});
   EXPECT_EQ(reasonOf(kHelper), "installer");
   EXPECT_EQ(reasonOf(kAgent), "installer");
   EXPECT_EQ(reasonOf(kPrimary), "primary");
@@ -86,11 +86,11 @@ TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
 
 TEST_F(OperatorReasonTest, WithoutThePrimaryServiceNoOtherIsStarted) {
   startAll();
-  manager().enforceShutdownForService(kHelper);
+  stop(kHelper);
   manager().stopServices({kPrimary});
   EXPECT_EQ(reasonOf(kPrimary), "stopped");
   EXPECT_EQ(reasonOf(kHelper), "primaryStopped");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_FALSE(isRunning(kHelper));
 }
 
@@ -98,7 +98,7 @@ TEST_F(OperatorReasonTest, AFeatureServiceRunsUntilItsShutdownIsDue) {
   startAll();
   settings_["common"]["on"] = 0;
   EXPECT_EQ(reasonOf(kAgent), "noMatch");
-  manager().evaluateSystemConfiguration();
+  evaluate();
   EXPECT_TRUE(isRunning(kAgent));
   loop_.advanceBy(3s);
   EXPECT_FALSE(isRunning(kAgent));
@@ -119,11 +119,11 @@ TEST_F(OperatorReasonTest, AFeatureServiceThatIsOffIsNotRetried) {
 TEST_F(OperatorReasonTest, AServiceIsRetriedWhileAnInstallerIsAtWork) {
   startAll();
   files_.remove(pathOf("agent"));
-  manager().evaluateSystemConfiguration();
+  evaluate();
   ASSERT_FALSE(isRunning(kAgent));
   EXPECT_EQ(reasonOf(kAgent), "noProgram");
   EXPECT_TRUE(isRetried(kAgent));
-  manager().shutdownServices({kHelper});
+  shutDown({kHelper});
   settings_["common"]["on"] = 0;
   EXPECT_EQ(reasonOf(kHelper), "installer");
   EXPECT_EQ(reasonOf(kAgent), "noProgram");

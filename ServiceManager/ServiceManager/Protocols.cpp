@@ -23,6 +23,7 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                            {"healthRecord", kTwoWay},
                                            {"factsOfService:", kTwoWay},
                                            {"jobsOfServices:", kTwoWay},
+                                           {"awaitServices:", kTwoWay},
                                            {"extensions", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
       {{"signatureWithReply:", kTwoWay},

@@ -47,7 +47,10 @@ struct ServiceManagerPlatform {
   platform::NotificationCenter& notificationCenter;
   const platform::ProtocolTable& protocols;
   const platform::Bundle& mainBundle;
-  KernelExtensionsPlatform extensions;
+  KernelExtensionsPlatform extensions;  // for reports; it waits a second at most
+  // Another one, which only work on this worker uses: it waits for extensions.
+  KernelExtensionsPlatform workersExtensions;
+  std::function<void(platform::RunLoop::Callback work)> onExtensionWorker;
   ProcessOwner owner;
   const SettingsClientFactories& settingsClientFactories;
   // Makes the health record of a product that keeps one; may return null.

@@ -103,7 +103,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   // Brings the daemon into the mode by the events that lead there, and evaluates nothing.
   void enterMode(std::int64_t mode) {
     if (mode == manager().operatingMode()) return;
-    if (mode == kInstaller) manager().shutdownServices({});
+    if (mode == kInstaller) manager().shutdownServices({}, {});
     if (mode == kWaiting) manager().handleGlobalSettingsServerWillShutdown({});
     if (mode == kNormal) {
       const bool isServerUp = configurationProgram_.has_value();
@@ -127,6 +127,28 @@ class ServiceManagerFixture : public SupervisedMachine {
                      return std::make_unique<FakeSettingsClient>(settings_[prefix]);
                    });
     return settings_[prefix];
+  }
+
+  // Operations of the daemon that end later.
+  bool stop(ORBServiceManager::Label label) {
+    return answerTo<bool>([&](ORBServiceManager::StopAnswer answer) {
+      manager().enforceShutdownForService(label, std::move(answer));
+    });
+  }
+  bool shutDown(const Array& labels) {
+    return answerTo<bool>([&](ORBServiceManager::StopAnswer answer) {
+      manager().shutdownServices(labels, std::move(answer));
+    });
+  }
+  bool startExtensions(const char* label) {
+    return answerTo<bool>([&](ExtensionControl::Done done) {
+      manager().startAssociatedSystemExtensions(label, std::move(done));
+    });
+  }
+  // An evaluation, to its end.
+  void evaluate() {
+    manager().evaluateSystemConfiguration();
+    loop_.runReady();
   }
 
   std::unique_ptr<ORBServiceManagerHealthInfo> makeHealthInfo() {
@@ -179,6 +201,8 @@ class ServiceManagerFixture : public SupervisedMachine {
             protocols_,
             bundle_,
             extensionsPlatform_,
+            extensionsPlatform_,
+            [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
             owner_,
             factories_,
             [this]() -> std::unique_ptr<ServiceHealth> {

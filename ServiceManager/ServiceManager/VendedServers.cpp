@@ -24,7 +24,9 @@ VendedServers::VendedServers(const Environment& environment, ORBServiceManager& 
       installerServer_(manager),
       userInterfaceServer_(manager),
       authServer_(manager.secret()),
-      operatorServer_(manager.report()) {}
+      operatorServer_(manager.report(), [&manager](const Array& labels, auto settled) {
+        manager.whenSettled(labels, std::move(settled));
+      }) {}
 
 VendedServers::~VendedServers() {
   endXPCListeners();

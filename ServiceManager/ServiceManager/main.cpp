@@ -13,6 +13,7 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
@@ -28,11 +29,13 @@
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/RunLoops/LoopThread.h"
 #include "Platform/Linux/SystemCalls/CoreDumps.h"
 #include "Platform/Linux/SystemFacts/DevRandom.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
@@ -55,6 +58,45 @@ void askSettingsOnThisThread(platform::LinuxPlatform& linux,
                                           linux.systemInformation},
                            ask);
 }
+
+// The extensions of the platform, for one thread that may wait for them.
+class ExtensionWorker {
+ public:
+  ExtensionWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                  platform::CodeSignatures& signatures)
+      : thread_(thread),
+        root_(linux.configuration.root),
+        transport_(thread.loop()),
+        host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
+        jobs_(host_),
+        controls_(root_),
+        tasks_(thread.loop(), center_, {.descriptorLimit = linux.originalDescriptorLimit}),
+        extensions_(
+            {thread.loop(), jobs_, signatures, controls_, modules_, linux.systemLog},
+            platform::LinuxKernelExtensions::folders(root_, linux.mainBundle.resourcePath())) {
+    perform(
+        [] { vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self()); });
+    thread.run();
+  }
+  ExtensionWorker(const ExtensionWorker&) = delete;
+  ExtensionWorker& operator=(const ExtensionWorker&) = delete;
+  ~ExtensionWorker() { thread_.stop(); }
+
+  KernelExtensionsPlatform platform() { return {extensions_, controls_, tasks_, root_}; }
+  void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
+
+ private:
+  platform::LoopThread& thread_;
+  const std::string root_;
+  platform::NotificationCenter center_;
+  platform::DBusPeerTransport transport_;
+  platform::JobHostClient host_;
+  platform::EmbeddedJobs jobs_;
+  platform::LinuxKernelControls controls_;
+  platform::KmodModules modules_;
+  platform::LinuxTasks tasks_;
+  platform::LinuxKernelExtensions extensions_;
+};
 
 int fail(const platform::Error& error) {
   std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
@@ -108,6 +150,11 @@ int main(int argc, char** argv) {
       {loop, jobs, **signatures, controls, modules, linux.systemLog},
       platform::LinuxKernelExtensions::folders(root, linux.mainBundle.resourcePath()));
 
+  // All that waits for an extension does so on a thread of its own, with a connection of its own.
+  const auto extensionThread = platform::LoopThread::create();
+  if (!extensionThread) return fail(extensionThread.error());
+  ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
+
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
       .jobs = jobs,
@@ -123,6 +170,9 @@ int main(int argc, char** argv) {
       .protocols = protocols,
       .mainBundle = linux.mainBundle,
       .extensions = {extensions, controls, linux.tasks, root},
+      .workersExtensions = extensionWorker.platform(),
+      .onExtensionWorker =
+          [&](platform::RunLoop::Callback work) { extensionWorker.perform(std::move(work)); },
       .owner = {::getuid(), ::geteuid(), ::getgid()},
       .settingsClientFactories = settingsClientFactories,
       .makeHealthInfo =

@@ -25,45 +25,73 @@ ExitMonitor::ExitMonitor(RunLoop& runLoop, ExitWatcher& exitWatcher, const Launc
       records_(records),
       events_(std::move(events)) {}
 
-bool ExitMonitor::monitorJobWithIdentifier(Label label, bool /*retryOnFailure*/) {
+void ExitMonitor::monitorJobWithIdentifier(Label label, bool /*retryOnFailure*/, Done done) {
   if (NSStringExtensions::isNilOrWhiteSpace(label)) {
     vantorlogger2_line(ASL_LEVEL_WARNING, "Cannot monitor a process with invalid job identifier");
-    return false;
-  }
-  const std::optional<ProcessId> process = awaitProcess(*label);
-  if (!process) {
-    vantorlogger2_line(
-        ASL_LEVEL_WARNING,
-        stringWithFormat("Could not determine the PID of the requested job label:%@", *label));
-    return false;
-  }
-  if (!records_.contains(*label)) return false;
-  if (records_.isServiceBeingTrackedForRespawn(label)) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG,
-                       stringWithFormat("The job %@ already being monitored", *label));
-    return true;
+    done(false);
+    return;
   }
   const std::string service(*label);
-  if (!armExitWatch(service, *process)) return true;  // It counts as success on purpose.
-  records_.trackServiceForRespawn(service, true);
-  events_.onWatch(service, *process);
+  const auto [search, isNew] = searches_.try_emplace(service);
+  search->second.callers.push_back(std::move(done));
+  if (isNew) look(service);
+}
+
+void ExitMonitor::lookForProcess(const std::string& label) {
+  if (searches_.contains(label)) hasEnded(label);
+}
+
+// The job host answers a submission once the process has been started, so the first look is enough
+// unless a throttle delays the start. The search is only for that delay: if the host hangs, each
+// look costs a time-out.
+//
+// Each look is a request to the job host. The answer to the submission before could have held the
+// process, but the order and the number of these requests are part of the interface.
+void ExitMonitor::look(const std::string& label) {
+  if (hasEnded(label)) return;
+  Search& search = searches_.at(label);
+  const bool isLast = ++search.looks == kPidPolls;
+  search.timer =
+      runLoop_.startTimer(kPidPollInterval, RunLoop::Repeat::kOnce, [this, label = label, isLast] {
+        const std::string service = label;  // The search owns this.
+        if (isLast) {
+          end(service, std::nullopt);
+        } else {
+          look(service);
+        }
+      });
+}
+
+bool ExitMonitor::hasEnded(const std::string& label) {
+  const JobStatus job = jobs_.status(label);
+  if (!job.process && job.presence != JobStatus::Presence::kUnknown) return false;
+  end(label, job.process);
   return true;
 }
 
-// The job host answers a submission once the process has been started, so the first copy is enough
-// unless a throttle delays the start. Wait only for that delay: a host that hangs has cost a
-// time-out with the first copy, and would cost one with each further copy.
-//
-// Each copy is a request to the job host. The answer to the submission before could have held the
-// process, but the order and the number of these requests are part of the interface.
-std::optional<ProcessId> ExitMonitor::awaitProcess(std::string_view label) const {
-  for (int poll = 0; poll < kPidPolls; ++poll) {
-    const JobStatus job = jobs_.status(label);
-    if (job.presence == JobStatus::Presence::kUnknown) break;
-    if (job.process) return job.process;
-    runLoop_.sleepFor(kPidPollInterval);
+void ExitMonitor::end(const std::string& label, std::optional<ProcessId> process) {
+  auto search = searches_.extract(label);
+  const bool isWatched = watch(label, process);
+  for (Done& done : search.mapped().callers) done(isWatched);
+}
+
+bool ExitMonitor::watch(const std::string& label, std::optional<ProcessId> process) {
+  if (!process) {
+    vantorlogger2_line(
+        ASL_LEVEL_WARNING,
+        stringWithFormat("Could not determine the PID of the requested job label:%@", label));
+    return false;
   }
-  return std::nullopt;
+  if (!records_.contains(label)) return false;
+  if (records_.isServiceBeingTrackedForRespawn(label)) {
+    vantorlogger2_line(ASL_LEVEL_DEBUG,
+                       stringWithFormat("The job %@ already being monitored", label));
+    return true;
+  }
+  if (!armExitWatch(label, *process)) return true;  // It counts as success on purpose.
+  records_.trackServiceForRespawn(label, true);
+  events_.onWatch(label, *process);
+  return true;
 }
 
 // If stopping a process failed, it is no longer marked but still watched. A second watch would

@@ -2,10 +2,12 @@
 
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/RunLoops/RunLoop.h"
@@ -16,7 +18,8 @@
 // thread.
 class ExitMonitor {
  public:
-  // The events of a service's process. `onEnd` is called with Urgency::kProcessExit.
+  // The events of a service's process. `onEnd` is called with Urgency::kProcessExit, so it may only
+  // note what has happened.
   using Callback = std::function<void(const std::string& label, platform::ProcessId process)>;
   struct Events {
     Callback onWatch;  // the process runs and is watched from now on
@@ -27,13 +30,32 @@ class ExitMonitor {
   ExitMonitor(platform::RunLoop& runLoop, platform::ExitWatcher& exitWatcher,
               const LaunchdJobs& jobs, MonitoringRecords& records, Events events);
 
-  // Arms a watch for the end of the process of the service's job. If the job has no process yet,
-  // this blocks until it has one, for 12 seconds at most. False if there is no process, or if the
-  // label has no record. `retryOnFailure` is deliberately ignored.
-  bool monitorJobWithIdentifier(Label label, bool retryOnFailure);
+  // Whether the process is watched now.
+  using Done = std::move_only_function<void(bool isWatched)>;
+
+  // Arms a watch for the end of the process of the service's job. `done` is called at once if the
+  // job has a process, or the job host does not answer. Else the process is looked for every two
+  // seconds, six times in all, and `done` is called later on the loop, after 12 seconds at most.
+  // Calls for a service whose process is being looked for join this search. Not watched: there is
+  // no process, or the label has no record. `retryOnFailure` is deliberately ignored.
+  void monitorJobWithIdentifier(Label label, bool retryOnFailure, Done done);
+
+  // Looks for the service's process now if it is being looked for.
+  void lookForProcess(const std::string& label);
+  // Ends the search for the service's process. Its `done` is not called.
+  void endSearch(const std::string& label) { searches_.erase(label); }
 
  private:
-  std::optional<platform::ProcessId> awaitProcess(std::string_view label) const;
+  struct Search {
+    int looks = 0;
+    std::unique_ptr<platform::RunLoopHandle> timer;
+    std::vector<Done> callers;
+  };
+  void look(const std::string& label);
+  // Looks at once, and ends the search if that tells. False if it goes on.
+  bool hasEnded(const std::string& label);
+  void end(const std::string& label, std::optional<platform::ProcessId> process);
+  bool watch(const std::string& label, std::optional<platform::ProcessId> process);
   bool armExitWatch(const std::string& label, platform::ProcessId process);
 
   platform::RunLoop& runLoop_;
@@ -41,6 +63,7 @@ class ExitMonitor {
   const LaunchdJobs& jobs_;
   MonitoringRecords& records_;
   const Events events_;
+  std::map<std::string, Search> searches_;  // by label
   // Each ends with its process. A service that was stopped and started again may have two.
   struct ExitWatch {
     std::string label;

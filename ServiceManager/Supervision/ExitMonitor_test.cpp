@@ -19,7 +19,11 @@ class ExitMonitorTest : public SupervisionFixture {
     job.set("ThrottleInterval", throttle);
     EXPECT_TRUE(jobs_.SMJobSubmit(kSMDomainSystemLaunchd, job, nullptr));
   }
-  bool monitor(Label label) { return exits_.monitorJobWithIdentifier(label, false); }
+  bool monitor(Label label, bool retryOnFailure = false) {
+    return answerTo<bool>([&](ExitMonitor::Done done) {
+      exits_.monitorJobWithIdentifier(label, retryOnFailure, std::move(done));
+    });
+  }
   bool isMonitored(const char* label) { return records_.isServiceBeingTrackedForRespawn(label); }
 };
 
@@ -56,7 +60,7 @@ TEST_F(ExitMonitorTest, AJobWithoutAProcessIsCopiedSixTimes) {
   for (const bool retry : {false, true}) {
     const Instant before = loop_.now();
     const int copies = jobs_.copies();
-    EXPECT_FALSE(exits_.monitorJobWithIdentifier(kAgent, retry));
+    EXPECT_FALSE(monitor(kAgent, retry));
     EXPECT_EQ(jobs_.copies() - copies, 6);
     EXPECT_EQ(loop_.now() - before, 12s);
     EXPECT_THAT(takeLog(), ElementsAre("4 Could not determine the PID of the requested job "
@@ -68,7 +72,7 @@ TEST_F(ExitMonitorTest, AJobIsCopiedOnceWithoutTheHostsAnswer) {
   submit(kAgent);
   jobs_.setReachable(false);
   const Instant before = loop_.now();
-  EXPECT_FALSE(exits_.monitorJobWithIdentifier(kAgent, true));
+  EXPECT_FALSE(monitor(kAgent, true));
   EXPECT_EQ(jobs_.copies(), 1);
   EXPECT_EQ(loop_.now() - before, 5s);  // The time-out of the copy itself.
   EXPECT_THAT(takeLog(), ElementsAre("4 Could not determine the PID of the requested job "

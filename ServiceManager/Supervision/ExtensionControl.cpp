@@ -6,9 +6,6 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/Catalogue/PathComponents.h"
-#include "ServiceManager/Supervision/VGKextManager.h"
-#include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
 
@@ -16,54 +13,64 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The network extension. Only this one is asked for its version and may get the secret.
-constexpr std::string_view kNetworkKext = "com.vantor.nke.wfk";
-constexpr std::uint32_t kVersionOption = 3;
-constexpr std::uint32_t kSecretOption = 5;
-constexpr std::int32_t kLatestUnusableVersion = 4;
-constexpr std::string_view kSecureOption = "secure";
-
-constexpr char kSystemExtensions[] = "/System/Library/Extensions";
 constexpr Duration kUnloadTime = 1s;
 constexpr Duration kUnloadPause = 200ms;
 constexpr Duration kReloadEvaluationDelay = 5s;
 
-bool isRecentEnough(ControlSocket& socket) {
-  const auto version = socket.getIntegerOption(kVersionOption);
-  return version && version->length >= sizeof version->value &&
-         version->value > kLatestUnusableVersion;
-}
-
 }  // namespace
 
+// The extensions of one service, which are started one after the other.
+struct ExtensionControl::Start {
+  std::vector<std::string> names;
+  std::size_t next = 0;
+  bool haveAllStarted = true;
+  Done done;
+};
+
 // One extension while it passes through the states.
-struct ExtensionControl::KextLoad {
-  const std::optional<std::string>& identifier;
-  const std::string& name;
-  const Array& options;
-  std::unique_ptr<ControlSocket> socket = nullptr;  // never kept beyond the end
+struct ExtensionControl::Load {
+  const std::optional<std::string> identifier;
+  const std::string name;
+  ExtensionLoad work;  // the worker's while an action is under way
+  std::vector<Done> callers = {};
+  KextLoadingState state = KextLoadingState::kConnect;
   std::optional<Instant> deadline = std::nullopt;
   std::set<std::string> stopped = {};  // services that the unloading has stopped
-
-  bool isNetworkKext() const { return identifier == kNetworkKext; }
+  std::size_t stopping = 0;            // the number of those that have not ended yet
+  std::unique_ptr<RunLoopHandle> pause = nullptr;
 };
 
 ExtensionControl::ExtensionControl(const Environment& environment) : environment_(environment) {}
+ExtensionControl::~ExtensionControl() = default;
 
-bool ExtensionControl::startAssociatedSystemExtensions(const std::string& label) {
-  bool haveAllStarted = true;
-  for (const std::string& name : environment_.catalogue.extensionsOf(label)) {
-    if (kextsLoaded_.contains(name)) continue;
-    const std::optional<std::string> identifier = environment_.catalogue.extensionIdentifier(name);
-    const Value options = environment_.catalogue.extensions()[name]["Options"];
-    if (loadKextWithIdentifier(identifier, name, options.array() ? *options.array() : Array())) {
-      kextsLoaded_.insert(name);
-      continue;
-    }
-    haveAllStarted = false;
-    vantorlogger2_line(ASL_LEVEL_INFO, stringWithFormat("Failed to load kext '%@'", identifier));
+void ExtensionControl::startAssociatedSystemExtensions(const std::string& label, Done done) {
+  startNext(std::make_shared<Start>(
+      Start{.names = environment_.catalogue.extensionsOf(label), .done = std::move(done)}));
+}
+
+void ExtensionControl::startNext(std::shared_ptr<Start> start) {
+  while (start->next < start->names.size() && kextsLoaded_.contains(start->names[start->next])) {
+    ++start->next;
   }
-  return haveAllStarted;
+  if (start->next == start->names.size()) {
+    start->done(start->haveAllStarted);
+    return;
+  }
+  const std::string name = start->names[start->next++];
+  const std::optional<std::string> identifier = environment_.catalogue.extensionIdentifier(name);
+  const Value options = environment_.catalogue.extensions()[name]["Options"];
+  loadKextWithIdentifier(identifier, name, options.array() ? *options.array() : Array(),
+                         [this, name, identifier, start = std::move(start)](bool isLoaded) mutable {
+                           if (isLoaded) {
+                             kextsLoaded_.insert(name);
+                           } else {
+                             start->haveAllStarted = false;
+                             vantorlogger2_line(
+                                 ASL_LEVEL_INFO,
+                                 stringWithFormat("Failed to load kext '%@'", identifier));
+                           }
+                           startNext(std::move(start));
+                         });
 }
 
 void ExtensionControl::forgetExtensionsOf(const std::string& label) {
@@ -72,107 +79,85 @@ void ExtensionControl::forgetExtensionsOf(const std::string& label) {
   }
 }
 
-bool ExtensionControl::loadKextWithIdentifier(const std::optional<std::string>& identifier,
-                                              const std::string& kextName,
-                                              const Array& withOptions) {
-  using enum KextLoadingState;
-  KextLoad load{identifier, kextName, withOptions};
-  KextLoadingState state = kConnect;
-  while (state != kFailed && state != kDone) {
-    state = nextKextLoadingState(state, loadKextThroughState(state, load));
+void ExtensionControl::loadKextWithIdentifier(const std::optional<std::string>& identifier,
+                                              const std::string& kextName, const Array& withOptions,
+                                              Done done) {
+  LoadPointer& entry = loads_[kextName];
+  if (entry) {
+    entry->callers.push_back(std::move(done));
+    return;
   }
-  for (const std::string& label : load.stopped) {
-    environment_.evaluateLater(label, kReloadEvaluationDelay);
-  }
-  return state == kDone;
+  entry = std::make_shared<Load>(
+      Load{identifier, kextName,
+           ExtensionLoad(environment_.loads, identifier, withOptions, environment_.secret)});
+  entry->callers.push_back(std::move(done));
+  act(LoadPointer(entry));
 }
 
-KextLoadingOutcome ExtensionControl::loadKextThroughState(KextLoadingState state, KextLoad& load) {
-  switch (state) {
+void ExtensionControl::act(const LoadPointer& load) {
+  switch (load->state) {
     case KextLoadingState::kConnect:
-      return connectKext(load);
+      return actOnWorker(load, &ExtensionLoad::connect);
     case KextLoadingState::kConfigure:
-      return configureKext(load);
+      return actOnWorker(load, &ExtensionLoad::configure);
     case KextLoadingState::kLoad:
     case KextLoadingState::kReload:
-      return environment_.extensions.loader.KextManagerLoadKextWithIdentifier(
-                 load.identifier.value_or(""), {})
-                 ? KextLoadingOutcome::kSucceeded
-                 : KextLoadingOutcome::kFailed;
+      return actOnWorker(load, &ExtensionLoad::load);
     case KextLoadingState::kUnload:
-      return unloadKext(load);
+      return stopServicesAndUnload(load);
     case KextLoadingState::kFailed:
     case KextLoadingState::kDone:
-      break;
+      return end(load);
   }
-  return KextLoadingOutcome::kFailed;
 }
 
-KextLoadingOutcome ExtensionControl::connectKext(KextLoad& load) {
-  load.socket = createControlSocketWithIdentifier(load.identifier.value_or(""));
-  if (!load.socket) return KextLoadingOutcome::kFailed;
-  if (!load.isNetworkKext() || isRecentEnough(*load.socket)) return KextLoadingOutcome::kSucceeded;
-  load.socket.reset();
-  return KextLoadingOutcome::kRejected;
+void ExtensionControl::actOnWorker(const LoadPointer& load, Action action) {
+  environment_.onWorker(
+      [this, &loop = environment_.runLoop, isAlive = std::weak_ptr(isAlive_), load, action] {
+        const KextLoadingOutcome outcome = (load->work.*action)();
+        loop.post([this, isAlive, load, outcome] {
+          if (!isAlive.expired()) finish(load, outcome);
+        });
+      });
 }
 
-KextLoadingOutcome ExtensionControl::configureKext(KextLoad& load) {
-  for (const Value& option : load.options) {
-    if (option != Value(kSecureOption) || !load.isNetworkKext()) continue;
-    const Data* const secret = environment_.secret.data();
-    if (secret && load.socket->setOption(kSecretOption, *secret)) continue;
-    load.socket.reset();
-    return KextLoadingOutcome::kRejected;
-  }
-  return KextLoadingOutcome::kSucceeded;
-}
-
-KextLoadingOutcome ExtensionControl::unloadKext(KextLoad& load) {
-  RunLoop& loop = environment_.runLoop;
-  if (!load.deadline) load.deadline = loop.now() + kUnloadTime;
-  // Stop them at every try: a service may have been started meanwhile.
-  load.stopped = environment_.catalogue.daemonsUsingKext(load.name);
-  for (const std::string& label : load.stopped) environment_.stopService(label);
-  if (unloadKextWithIdentifier(load.identifier)) return KextLoadingOutcome::kSucceeded;
-  if (loop.now() > *load.deadline) {
+void ExtensionControl::finish(const LoadPointer& load, KextLoadingOutcome outcome) {
+  if (load->state == KextLoadingState::kUnload && outcome == KextLoadingOutcome::kFailed) {
+    if (environment_.runLoop.now() <= *load->deadline) {
+      load->state = nextKextLoadingState(load->state, KextLoadingOutcome::kNotYet);
+      load->pause = environment_.runLoop.startTimer(
+          kUnloadPause, RunLoop::Repeat::kOnce,
+          [this, load = load.get()] { act(loads_.at(load->name)); });
+      return;
+    }
     vantorlogger2_line(ASL_LEVEL_ERR,
-                       stringWithFormat("Unable to unload kext '%@'.", load.identifier));
-    return KextLoadingOutcome::kFailed;
+                       stringWithFormat("Unable to unload kext '%@'.", load->identifier));
   }
-  loop.sleepFor(kUnloadPause);
-  return KextLoadingOutcome::kNotYet;
+  load->state = nextKextLoadingState(load->state, outcome);
+  act(load);
 }
 
-bool ExtensionControl::unloadKextWithIdentifier(const std::optional<std::string>& identifier) {
-  const KernelExtensionsPlatform& extensions = environment_.extensions;
-  if (NSProcessInfo::Extensions::isMacOSX7OrAbove(&environment_.system)) {
-    return extensions.loader.KextManagerUnloadKextWithIdentifier(identifier.value_or(""))
-        .has_value();
+// The services are stopped at every try, because one may have been started meanwhile.
+void ExtensionControl::stopServicesAndUnload(const LoadPointer& load) {
+  if (!load->deadline) load->deadline = environment_.runLoop.now() + kUnloadTime;
+  load->stopped = environment_.catalogue.daemonsUsingKext(load->name);
+  if (load->stopped.empty()) return actOnWorker(load, &ExtensionLoad::unload);
+  load->stopping = load->stopped.size();
+  for (const std::string& label : std::set(load->stopped)) {
+    environment_.stopService(label,
+                             [this, isAlive = std::weak_ptr(isAlive_), load](bool /*hasStopped*/) {
+                               if (isAlive.expired() || --load->stopping > 0) return;
+                               actOnWorker(load, &ExtensionLoad::unload);
+                             });
   }
-  if (!identifier) return false;
-  const std::string inSystem = pathByAppendingComponent(
-      pathByAppendingComponent(extensions.root, kSystemExtensions), *identifier);
-  std::vector<std::string> arguments;
-  if (environment_.files.fileExistsAtPath(*identifier)) {
-    arguments = {*identifier};
-  } else if (const auto ours = environment_.mainBundle.pathForResource(*identifier, "kext")) {
-    arguments = {*ours};
-  } else if (environment_.files.fileExistsAtPath(inSystem)) {
-    arguments = {inSystem};
-  } else {
-    arguments = {"-b", *identifier};
-  }
-  return VGKextManagerExecuteKextCommand(extensions.tasks, extensions.root, arguments);
 }
 
-std::unique_ptr<ControlSocket> ExtensionControl::createControlSocketWithIdentifier(
-    std::string_view controlName) {
-  auto socket = environment_.extensions.controls.openControlSocket();
-  if (!socket || !(*socket)->findControl(platform::controlName(controlName))) return nullptr;
-  if (!(*socket)->connect()) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG, "Unable to establish connection with the Generic kext");
-    return nullptr;
+void ExtensionControl::end(LoadPointer load) {
+  loads_.erase(load->name);
+  load->work.closeSocket();
+  for (const std::string& label : load->stopped) {
+    environment_.evaluateLater(label, kReloadEvaluationDelay);
   }
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Connected to Generic Kext");
-  return *std::move(socket);
+  const bool isLoaded = load->state == KextLoadingState::kDone;
+  for (Done& done : load->callers) done(isLoaded);
 }

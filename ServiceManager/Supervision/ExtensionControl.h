@@ -1,79 +1,79 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 
-#include "Platform/Files/Bundle.h"
-#include "Platform/Files/FileReader.h"
-#include "Platform/KernelExtensions/KernelControls.h"
-#include "Platform/KernelExtensions/KernelExtensions.h"
-#include "Platform/Processes/Task.h"
 #include "Platform/RunLoops/RunLoop.h"
-#include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
+#include "ServiceManager/Supervision/ExtensionLoad.h"
 #include "ServiceManager/Supervision/KextLoading.h"
-
-// The parts of the platform that load kernel extensions.
-struct KernelExtensionsPlatform {
-  platform::KernelExtensions& loader;
-  platform::KernelControls& controls;
-  platform::Tasks& tasks;
-  std::string root;  // of the platform, where older releases have a program that unloads extensions
-};
 
 // Loads, configures and unloads the kernel extensions that services need. An extension that can no
 // longer be used is unloaded, after the services that use it have been stopped. Belongs to the main
-// thread, which it blocks while an extension is loaded or answers. Failures are logged.
+// thread. A worker does all that may wait for an extension, so that an extension that hangs holds
+// up only the services that need it. Failures are logged.
 class ExtensionControl {
  public:
+  using Done = std::move_only_function<void(bool hasSucceeded)>;
+
   // All of it outlives this.
   struct Environment {
     platform::RunLoop& runLoop;
-    const KernelExtensionsPlatform& extensions;
-    const platform::SystemInformation& system;
-    platform::FileReader& files;
-    const platform::Bundle& mainBundle;
+    // Runs work on the worker, one piece after the other. The worker alone uses `loads`.
+    std::function<void(platform::RunLoop::Callback work)> onWorker;
+    ExtensionLoad::Environment loads;
     const ServiceCatalogue& catalogue;
     const platform::Value& secret;  // of this run, for the network extension
     // Stops a service before its extension is unloaded, and evaluates it again afterwards.
-    std::function<void(const std::string& label)> stopService;
+    std::function<void(const std::string& label, Done done)> stopService;
     std::function<void(const std::string& label, platform::Duration delay)> evaluateLater;
   };
 
   explicit ExtensionControl(const Environment& environment);
+  ExtensionControl(const ExtensionControl&) = delete;
+  ExtensionControl& operator=(const ExtensionControl&) = delete;
+  ~ExtensionControl();
 
   // Loads and configures those extensions of the service that kextsLoaded() does not list, as many
-  // as it can. True if none failed.
-  bool startAssociatedSystemExtensions(const std::string& label);
+  // as it can. True if none failed. `done` is called at once if there is nothing to do, else later
+  // on the loop.
+  void startAssociatedSystemExtensions(const std::string& label, Done done);
   // The extensions of a service that stops stay loaded, and are configured again with its next
   // start.
   void forgetExtensionsOf(const std::string& label);
   void forgetAll() { kextsLoaded_.clear(); }
 
   // Loads an extension unless it is loaded, and configures it. If it has to be unloaded for that,
-  // the services that use it are stopped, and evaluated again 5 seconds later.
-  bool loadKextWithIdentifier(const std::optional<std::string>& identifier,
-                              const std::string& kextName, const platform::Array& withOptions);
-  // A socket that is connected to an extension's control; null if connecting fails.
-  std::unique_ptr<platform::ControlSocket> createControlSocketWithIdentifier(
-      std::string_view controlName);
+  // the services that use it are stopped, and evaluated again 5 seconds later. `done` is called
+  // later on the loop. If the extension is being loaded already, this call gets the same result.
+  void loadKextWithIdentifier(const std::optional<std::string>& identifier,
+                              const std::string& kextName, const platform::Array& withOptions,
+                              Done done);
 
   // The names of the extensions that were loaded and configured in this run.
   const std::set<std::string>& kextsLoaded() const { return kextsLoaded_; }
 
  private:
-  struct KextLoad;
-  KextLoadingOutcome loadKextThroughState(KextLoadingState state, KextLoad& load);
-  KextLoadingOutcome connectKext(KextLoad& load);
-  KextLoadingOutcome configureKext(KextLoad& load);
-  KextLoadingOutcome unloadKext(KextLoad& load);
-  bool unloadKextWithIdentifier(const std::optional<std::string>& identifier);
+  struct Start;
+  struct Load;
+  using LoadPointer = std::shared_ptr<Load>;
+  using Action = KextLoadingOutcome (ExtensionLoad::*)();
+
+  void startNext(std::shared_ptr<Start> start);
+  void act(const LoadPointer& load);
+  void actOnWorker(const LoadPointer& load, Action action);
+  void finish(const LoadPointer& load, KextLoadingOutcome outcome);
+  void stopServicesAndUnload(const LoadPointer& load);
+  void end(LoadPointer load);
 
   const Environment environment_;
   std::set<std::string> kextsLoaded_;
+  std::map<std::string, LoadPointer> loads_;  // those under way, by name
+  // Answers of the worker and of services that come after the end of this object are dropped.
+  const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -29,7 +29,17 @@ constexpr char kUnloadOther[] = "unload com.example.nke.other";
 class ExtensionControlTest : public WithKernelExtensions<SupervisionFixture> {
  protected:
   bool load(const char* identifier, const char* name, Array options = {}) {
-    return control_.loadKextWithIdentifier(std::string(identifier), name, options);
+    return answerTo<bool>([&](ExtensionControl::Done done) {
+      control_.loadKextWithIdentifier(std::string(identifier), name, options, std::move(done));
+    });
+  }
+  bool start(const char* label) {
+    return answerTo<bool>([&](ExtensionControl::Done done) {
+      control_.startAssociatedSystemExtensions(label, std::move(done));
+    });
+  }
+  std::unique_ptr<ControlSocket> connect(std::string_view name) {
+    return createControlSocketWithIdentifier(controls_, name);
   }
 };
 
@@ -37,34 +47,34 @@ class ExtensionControlTest : public WithKernelExtensions<SupervisionFixture> {
 
 TEST_F(ExtensionControlTest, AControlSocketIsConnected) {
   extensions_.setLoaded(kNetwork);
-  EXPECT_TRUE(control_.createControlSocketWithIdentifier(kNetwork));
+  EXPECT_TRUE(connect(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected));
 }
 
 TEST_F(ExtensionControlTest, AnUnknownControlHasNoSocketAndNoLine) {
-  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
-  EXPECT_FALSE(control_.createControlSocketWithIdentifier(""));
+  EXPECT_FALSE(connect(kNetwork));
+  EXPECT_FALSE(connect(""));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, ASocketThatCannotBeOpenedIsNotLogged) {
   extensions_.setLoaded(kNetwork);
   controls_.setWithoutDescriptors(true);
-  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(connect(kNetwork));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, AConnectionThatFailsIsLogged) {
   extensions_.setLoaded(kNetwork);
   controls_.setUnreachable(kNetwork);
-  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(connect(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
 }
 
 TEST_F(ExtensionControlTest, AnotherUsersControlIsIgnored) {
   extensions_.setLoaded(kNetwork);
   controls_.setForeign(kNetwork);
-  EXPECT_FALSE(control_.createControlSocketWithIdentifier(kNetwork));
+  EXPECT_FALSE(connect(kNetwork));
   EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
 }
 
@@ -73,7 +83,7 @@ TEST_F(ExtensionControlTest, AControlsNameIsCutTo96Bytes) {
     const std::string name(size, 'a');
     const std::string cut = name.substr(0, 96);
     controls_.offer(cut, [this] { return std::make_unique<Handler>(network_); });
-    EXPECT_TRUE(control_.createControlSocketWithIdentifier(name)) << size;
+    EXPECT_TRUE(connect(name)) << size;
     controls_.withdraw(cut);
   }
 }
@@ -91,29 +101,29 @@ TEST_F(ExtensionControlTest, ServicesUseTheExtensionsThatTheyName) {
 // A service's extensions.
 
 TEST_F(ExtensionControlTest, AServiceWithoutExtensionsNeedsNone) {
-  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kPrimary));
-  EXPECT_TRUE(control_.startAssociatedSystemExtensions("com.example.unknown"));
+  EXPECT_TRUE(start(kPrimary));
+  EXPECT_TRUE(start("com.example.unknown"));
   EXPECT_THAT(requests(), IsEmpty());
 }
 
 TEST_F(ExtensionControlTest, AServicesExtensionsAreLoadedInOrder) {
-  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kAgent));
+  EXPECT_TRUE(start(kAgent));
   EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("net", "other"));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected, kConnected));
 }
 
 TEST_F(ExtensionControlTest, AKnownExtensionIsNotCheckedAgain) {
-  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(start(kHelper));
   const int before = controls_.searches(kNetwork);
   extensions_.crash(kNetwork);  // Behind the daemon's back.
-  EXPECT_TRUE(control_.startAssociatedSystemExtensions(kHelper));
+  EXPECT_TRUE(start(kHelper));
   EXPECT_EQ(controls_.searches(kNetwork), before);
 }
 
 TEST_F(ExtensionControlTest, AFailedExtensionDoesNotStopTheNext) {
   extensions_.setLoadFails(kNetwork, true);
-  EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
+  EXPECT_FALSE(start(kAgent));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("other"));
   EXPECT_TRUE(extensions_.isLoaded(kOther));
   EXPECT_THAT(takeLog(), Contains("6 Failed to load kext 'com.vantor.nke.wfk'"));
@@ -121,7 +131,7 @@ TEST_F(ExtensionControlTest, AFailedExtensionDoesNotStopTheNext) {
 
 TEST_F(ExtensionControlTest, AnExtensionMissingInTheCatalogueFails) {
   use(catalogue({{kAgent, entry("agent", {{"KernelExtensions", Array{"net", 7, "unknown"}}})}}));
-  EXPECT_FALSE(control_.startAssociatedSystemExtensions(kAgent));
+  EXPECT_FALSE(start(kAgent));
   EXPECT_THAT(control_.kextsLoaded(), IsEmpty());
   EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 2u);
   EXPECT_EQ(countInLog("Failed to load kext '(null)'"), 2u);

@@ -24,7 +24,12 @@ using testing::IsEmpty;
 class OldReleaseTest : public WithKernelExtensions<SupervisionFixture> {
  protected:
   bool load(const char* identifier, const char* name) {
-    return control_.loadKextWithIdentifier(std::string(identifier), name, {});
+    return load(std::optional(std::string(identifier)), name);
+  }
+  bool load(const std::optional<std::string>& identifier, const char* name) {
+    return answerTo<bool>([&](ExtensionControl::Done done) {
+      control_.loadKextWithIdentifier(identifier, name, {}, std::move(done));
+    });
   }
 
   OldReleaseTest() {
@@ -120,7 +125,7 @@ TEST_F(OldReleaseTest, AMissingProgramIsAFailureToo) {
 }
 
 TEST_F(OldReleaseTest, WithoutAnIdentifierNothingIsRun) {
-  EXPECT_FALSE(control_.loadKextWithIdentifier(std::nullopt, "net", {}));
+  EXPECT_FALSE(load(std::nullopt, "net"));
   EXPECT_THAT(tasks_.launches(), IsEmpty());
   EXPECT_EQ(countInLog("Unable to unload kext '(null)'."), 1u);
 }

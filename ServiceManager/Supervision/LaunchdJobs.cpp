@@ -39,12 +39,16 @@ bool LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDom
   return false;
 }
 
-bool LaunchdJobs::unloadJobFromLaunchD(std::string_view label) {
-  const auto removed = jobs_.SMJobRemove(kSMDomainSystemLaunchd, label, authRef_.get(), true);
-  if (removed) return true;
-  vantorlogger2_line(ASL_LEVEL_ERR,
-                     stringWithFormat("Unable to remove job: %@\n:%@", label, removed.error()));
-  return false;
+void LaunchdJobs::unloadJobFromLaunchD(const std::string& label, Removed done) {
+  jobs_.removeJob(kSMDomainSystemLaunchd, label, authRef_.get(),
+                  [label, done = std::move(done)](std::expected<void, NSError> removed) mutable {
+                    if (!removed) {
+                      vantorlogger2_line(ASL_LEVEL_ERR,
+                                         stringWithFormat("Unable to remove job: %@\n:%@", label,
+                                                          removed.error()));
+                    }
+                    done(std::move(removed));
+                  });
 }
 
 Value LaunchdJobs::copyJobDictionary(std::string_view label) const {

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <expected>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "Platform/Jobs/Authorization.h"
@@ -27,8 +30,9 @@ class LaunchdJobs {
   // an error if that failed; false with `requestError` untouched for any other request.
   bool submitJobRequest(const platform::Value& request, std::string_view forDomain,
                         std::optional<platform::NSError>& requestError);
-  // Removes the job and waits for its end.
-  bool unloadJobFromLaunchD(std::string_view label);
+  // Removes the job. `done` is called when its processes have ended, or with the error.
+  using Removed = std::move_only_function<void(std::expected<void, platform::NSError>)>;
+  void unloadJobFromLaunchD(const std::string& label, Removed done);
 
   // The job's dictionary with the state of its process; see Jobs::SMJobCopyDictionary().
   platform::Value copyJobDictionary(std::string_view label) const;

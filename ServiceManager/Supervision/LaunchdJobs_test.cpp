@@ -20,6 +20,14 @@ class LaunchdJobsTest : public SupervisionFixture {
     return launchd_.submitJobRequest(request, kSMDomainSystemLaunchd, error_);
   }
 
+  bool unload(LaunchdJobs& jobs) {
+    return answerTo<bool>([&](auto answer) {
+      jobs.unloadJobFromLaunchD(kAgent, [answer = std::move(answer)](const auto& removed) mutable {
+        answer(removed.has_value());
+      });
+    });
+  }
+
   std::optional<NSError> error_;
 };
 
@@ -80,14 +88,14 @@ TEST_F(LaunchdJobsTest, ARemovalOfAnAbsentJobIsAnErrorLine) {
 TEST_F(LaunchdJobsTest, UnloadingRemovesTheJobAndWaits) {
   request(job());
   const int first = process(kAgent);
-  EXPECT_TRUE(launchd_.unloadJobFromLaunchD(kAgent));
+  EXPECT_TRUE(unload(launchd_));
   EXPECT_FALSE(exitWatcher_.isKnown(first));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(LaunchdJobsTest, AFailedUnloadingIsLogged) {
-  EXPECT_FALSE(launchd_.unloadJobFromLaunchD(kAgent));
+  EXPECT_FALSE(unload(launchd_));
   EXPECT_THAT(takeLog(),
               ElementsAre(testing::StartsWith(
                   "3 Unable to remove job: com.example.agent\n:Error Domain=CFErrorDomainLaunchd "
@@ -130,7 +138,7 @@ TEST_F(LaunchdJobsTest, TheAuthorizationIsForTheSystemsDomainAlone) {
     EXPECT_TRUE(jobs.submitJobRequest(job(), domain, error_));
     EXPECT_TRUE(jobs.submitJobRequest(kAgent, domain, error_));
   }
-  EXPECT_TRUE(jobs.unloadJobFromLaunchD(kAgent));
+  jobs.unloadJobFromLaunchD(kAgent, {});
   ASSERT_EQ(probe.given.size(), 5u);
   const AuthorizationRef* const rights = probe.given[0];
   EXPECT_NE(rights, nullptr);

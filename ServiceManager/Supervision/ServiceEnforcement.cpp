@@ -1,5 +1,6 @@
 #include "ServiceManager/Supervision/ServiceEnforcement.h"
 
+#include <optional>
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
@@ -18,28 +19,165 @@ void logDamagedProgram(std::string_view label) {
 
 }  // namespace
 
-Value ServiceEnforcement::launchService(const std::string& label, bool firstTime) {
-  const Value jobInfo = environment_.catalogue.jobInfo(label);
-  return jobInfo.isNil() ? Value() : launch(label, jobInfo, firstTime);
+// The state of the work on a service.
+
+ServiceActivity ServiceEnforcement::activityOf(const std::string& label) const {
+  const auto service = services_.find(label);
+  return service == services_.end() ? ServiceActivity::kNothing : service->second.activity;
 }
 
-Value ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, bool firstTime) {
+// The last of the services that hold the observer calls it.
+void ServiceEnforcement::whenSettled(const std::vector<std::string>& labels,
+                                     CompletionBlock settled) {
+  struct Observer {
+    explicit Observer(CompletionBlock call) : settled(std::move(call)) {}
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
+    ~Observer() { settled(); }
+    CompletionBlock settled;
+  };
+  const auto observer = std::make_shared<Observer>(std::move(settled));
+  for (const std::string& label : labels) {
+    const auto service = services_.find(label);
+    if (service != services_.end()) service->second.observers.push_back(observer);
+  }
+}
+
+ServiceStep ServiceEnforcement::advance(const std::string& label, ServiceEvent event) {
+  const auto [next, step] = nextServiceActivity(activityOf(label), event);
+  if (next != ServiceActivity::kNothing || services_.contains(label)) {
+    services_[label].activity = next;
+  }
+  return step;
+}
+
+bool ServiceEnforcement::isCurrent(const std::string& label, std::uint64_t request) const {
+  const auto service = services_.find(label);
+  return service != services_.end() && service->second.request == request;
+}
+
+// Making it run.
+
+void ServiceEnforcement::enforceRunningForService(const std::string& label,
+                                                  CompletionBlock withCompletionBlock) {
+  if (environment_.catalogue.jobInfo(label).isNil()) return;
+  const ServiceStep step = advance(label, ServiceEvent::kRun);
+  if (withCompletionBlock) services_[label].blocks.push_back(std::move(withCompletionBlock));
+  if (step == ServiceStep::kCheck) check(label);
+}
+
+void ServiceEnforcement::check(const std::string& label) {
+  services_[label].request = ++lastRequest_;
+  const Value jobInfo = environment_.catalogue.jobInfo(label);
+  const JobStatus known = environment_.jobs.status(label);
+  if (!checkOSSupportForService(label)) {
+    if (environment_.health) environment_.health->stopMonitoringForService(label);
+    end(label, ServiceEvent::kCannotRun);
+  } else if (known.process) {
+    checkRunningService(label, jobInfo, known);
+  } else {
+    startStoppedService(label, jobInfo, known);
+  }
+}
+
+void ServiceEnforcement::checkRunningService(const std::string& label, const Value& jobInfo,
+                                             const JobStatus& known) {
+  if (programState(jobInfo) != ProgramState::kSound) {
+    logDamagedProgram(label);
+    reportUnready(label);
+    removeDamaged(label);
+    return;
+  }
+  vantorlogger2_line(
+      ASL_LEVEL_DEBUG,
+      "Configure and if necessary start any kexts which are associated with the already running "
+      "service");
+  const std::uint64_t request = services_[label].request;
+  environment_.extensions.startAssociatedSystemExtensions(label, [this, label, request,
+                                                                  known](bool areConfigured) {
+    if (!isCurrent(label, request)) return;
+    advance(label, ServiceEvent::kExtensionsAreDone);
+    if (areConfigured) {
+      awaitProcess(label, known, true);
+      return;
+    }
+    vantorlogger2_line(
+        ASL_LEVEL_DEBUG,
+        stringWithFormat("Failed to configure kext for already running service %@", label));
+    // An extension that had to be unloaded has cost the service its job. There is no process to
+    // look for then.
+    const bool isGone = environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent;
+    if (isGone) {
+      endUnready(label);
+    } else {
+      awaitProcess(label, known, false);
+    }
+  });
+}
+
+void ServiceEnforcement::startStoppedService(const std::string& label, const Value& jobInfo,
+                                             const JobStatus& known) {
+  const std::string suffix =
+      known.lastExitStatus.isNil() ? std::string() : stringWithFormat(" %@", known.lastExitStatus);
+  vantorlogger2_line(ASL_LEVEL_DEBUG,
+                     stringWithFormat("Service %@ is not running%@", label, suffix));
+  const bool isFirstTime = known.presence == JobStatus::Presence::kAbsent;
+  const std::uint64_t request = services_[label].request;
+  launch(label, jobInfo, isFirstTime, [this, label, request](const Value& copy) {
+    const JobStatus launched = jobStatusIn(copy);
+    if (!isCurrent(label, request)) return;
+    // If the job host has stopped answering meanwhile, don't look for a process.
+    if (launched.presence == JobStatus::Presence::kPresent) {
+      awaitProcess(label, launched, true);
+    } else {
+      endUnready(label);
+    }
+  });
+}
+
+void ServiceEnforcement::launchService(const std::string& label, bool firstTime,
+                                       LaunchAnswer answer) {
+  const Value jobInfo = environment_.catalogue.jobInfo(label);
+  if (jobInfo.isNil()) {
+    answer({});
+  } else {
+    launch(label, jobInfo, firstTime, std::move(answer));
+  }
+}
+
+void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, bool firstTime,
+                                LaunchAnswer answer) {
   const ProgramState program = programState(jobInfo);
   if (program == ProgramState::kMissing) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Cannot find program path for service: %@", label));
-    return {};
+    answer({});
+    return;
   }
   if (program == ProgramState::kDamaged) {
     logDamagedProgram(label);
-    if (!firstTime) environment_.jobs.unloadJobFromLaunchD(label);
-    return {};
+    answer({});
+    if (!firstTime) removeDamaged(label);
+    return;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Starting up service %@", label));
-  if (!environment_.extensions.startAssociatedSystemExtensions(label)) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Failed to load kext for %@", label));
-    return {};
-  }
+  const std::uint64_t request = services_.contains(label) ? services_[label].request : 0;
+  environment_.extensions.startAssociatedSystemExtensions(
+      label,
+      [this, label, request, jobInfo, answer = std::move(answer)](bool areConfigured) mutable {
+        if (request != 0 && !isCurrent(label, request)) return;
+        if (!areConfigured) {
+          vantorlogger2_line(ASL_LEVEL_DEBUG,
+                             stringWithFormat("Failed to load kext for %@", label));
+          answer({});
+          return;
+        }
+        advance(label, ServiceEvent::kExtensionsAreDone);
+        answer(submit(label, jobInfo));
+      });
+}
+
+Value ServiceEnforcement::submit(const std::string& label, const Value& jobInfo) {
   std::optional<NSError> error;
   if (environment_.jobs.submitJobRequest(jobInfo, kSMDomainSystemLaunchd, error)) {
     return environment_.jobs.copyJobDictionary(label);
@@ -49,88 +187,134 @@ Value ServiceEnforcement::launch(const std::string& label, const Value& jobInfo,
   return {};
 }
 
+void ServiceEnforcement::awaitProcess(const std::string& label, const JobStatus& job,
+                                      bool areExtensionsConfigured) {
+  advance(label, ServiceEvent::kIsSubmitted);
+  const bool retry = !job.lastExitStatus.isNil() && !job.process;
+  const std::uint64_t request = services_[label].request;
+  environment_.exits.monitorJobWithIdentifier(
+      label, retry, [this, label, request, areExtensionsConfigured](bool isWatched) {
+        if (!isCurrent(label, request)) return;
+        if (isWatched && areExtensionsConfigured) {
+          if (environment_.health) environment_.health->reportStartForService(label);
+        } else {
+          reportUnready(label);
+        }
+        for (CompletionBlock& block : std::exchange(services_[label].blocks, {})) {
+          environment_.turns.add(std::move(block));
+        }
+        end(label, isWatched ? ServiceEvent::kProcessIsFound : ServiceEvent::kProcessIsNotFound);
+      });
+}
+
+void ServiceEnforcement::end(const std::string& label, ServiceEvent event) {
+  advance(label, event);
+  services_.extract(label);  // Its observers may ask about it.
+}
+
+void ServiceEnforcement::endUnready(const std::string& label) {
+  reportUnready(label);
+  end(label, ServiceEvent::kCannotRun);
+}
+
+void ServiceEnforcement::reportUnready(const std::string& label) {
+  if (environment_.health) environment_.health->reportUnreadyStateForService(label);
+  environment_.onUnready();
+}
+
+void ServiceEnforcement::jobHasStarted(const std::string& label) {
+  environment_.exits.lookForProcess(label);
+}
+
+void ServiceEnforcement::jobHostHasReturned() {
+  std::vector<std::string> labels;
+  for (const auto& [label, service] : services_) labels.push_back(label);
+  for (const std::string& label : labels) {
+    const ServiceStep step = advance(label, ServiceEvent::kJobHostReturns);
+    if (step == ServiceStep::kLookForProcess) environment_.exits.lookForProcess(label);
+  }
+}
+
+// Making it stop.
+
+void ServiceEnforcement::enforceShutdownForService(const std::string& label, StopAnswer answer) {
+  beginStop(label);
+  const ServiceStep step = advance(label, ServiceEvent::kStop);
+  Service& service = services_[label];
+  service.blocks.clear();
+  service.stops.push_back(std::move(answer));
+  if (step != ServiceStep::kJoin) remove(label);
+}
+
+// The stop is reported before the job is removed, so that its end does not count as a crash.
+void ServiceEnforcement::beginStop(const std::string& label) {
+  environment_.extensions.forgetExtensionsOf(label);
+  if (environment_.health) environment_.health->reportStopForService(label);
+  environment_.records.trackServiceForRespawn(label, false);
+}
+
+void ServiceEnforcement::stopForExtension(const std::string& label, StopAnswer answer) {
+  if (activityOf(label) != ServiceActivity::kConfiguresExtensions) {
+    enforceShutdownForService(label, std::move(answer));
+    return;
+  }
+  beginStop(label);
+  removeJobIfAny(label, std::move(answer));
+}
+
+void ServiceEnforcement::removeDamaged(const std::string& label) {
+  const ServiceStep step = advance(label, ServiceEvent::kProgramIsDamaged);
+  if (step == ServiceStep::kIgnore) return;  // It is being removed.
+  Service& service = services_[label];
+  service.blocks.clear();
+  service.request = ++lastRequest_;
+  environment_.exits.endSearch(label);
+  environment_.jobs.unloadJobFromLaunchD(
+      label, [this, label](const auto& removed) { jobIsRemoved(label, removed.has_value()); });
+}
+
+// Work on the service that was under way has no result any more.
+void ServiceEnforcement::remove(const std::string& label) {
+  services_[label].request = ++lastRequest_;
+  environment_.exits.endSearch(label);
+  removeJobIfAny(label, [this, label](bool hasStopped) { jobIsRemoved(label, hasStopped); });
+}
+
+void ServiceEnforcement::removeJobIfAny(const std::string& label, StopAnswer done) {
+  // If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
+  if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) {
+    if (done) done(true);
+    return;
+  }
+  environment_.jobs.unloadJobFromLaunchD(
+      label, [label, done = std::move(done)](const auto& removed) mutable {
+        if (removed) {
+          vantorlogger2_line(ASL_LEVEL_DEBUG,
+                             stringWithFormat("Did enforce shutdown for service: %@", label));
+        } else {
+          vantorlogger2_line(ASL_LEVEL_ERR,
+                             stringWithFormat("Unable to unload %@.\n%@", label, removed.error()));
+        }
+        if (done) done(removed.has_value());
+      });
+}
+
+void ServiceEnforcement::jobIsRemoved(const std::string& label, bool hasStopped) {
+  const ServiceStep step = advance(label, ServiceEvent::kJobIsRemoved);
+  std::vector<StopAnswer> stops = std::exchange(services_[label].stops, {});
+  if (step == ServiceStep::kEndAndCheck) {
+    check(label);
+  } else {
+    services_.extract(label);
+  }
+  for (StopAnswer& answer : stops) {
+    if (answer) answer(hasStopped);
+  }
+}
+
 ProgramState ServiceEnforcement::programState(const Value& jobInfo) const {
   const std::string& path = *jobInfo["Program"].string();
   return checkProgram(path, environment_.files, environment_.validator).state;
-}
-
-void ServiceEnforcement::enforceRunningForService(const std::string& label,
-                                                  CompletionBlock withCompletionBlock) {
-  const Value jobInfo = environment_.catalogue.jobInfo(label);
-  if (jobInfo.isNil()) return;
-  const JobStatus known = environment_.jobs.status(label);
-  if (!checkOSSupportForService(label)) {
-    if (environment_.health) environment_.health->stopMonitoringForService(label);
-    return;
-  }
-  const auto job = known.process ? checkRunningService(label, jobInfo, known)
-                                 : startStoppedService(label, jobInfo, known);
-  if (!job) return;
-  const bool retry = !job->status.lastExitStatus.isNil() && !job->status.process;
-  const bool isWatched = environment_.exits.monitorJobWithIdentifier(label, retry);
-  if (environment_.health) {
-    if (isWatched && job->extensionsAreConfigured) {
-      environment_.health->reportStartForService(label);
-    } else {
-      environment_.health->reportUnreadyStateForService(label);
-    }
-  }
-  if (withCompletionBlock) withCompletionBlock();
-}
-
-std::optional<ServiceEnforcement::EnforcedJob> ServiceEnforcement::checkRunningService(
-    const std::string& label, const Value& jobInfo, const JobStatus& known) {
-  if (programState(jobInfo) != ProgramState::kSound) {
-    logDamagedProgram(label);
-    if (environment_.health) environment_.health->reportUnreadyStateForService(label);
-    environment_.jobs.unloadJobFromLaunchD(label);
-    return std::nullopt;
-  }
-  vantorlogger2_line(
-      ASL_LEVEL_DEBUG,
-      "Configure and if necessary start any kexts which are associated with the already running "
-      "service");
-  const bool areConfigured = environment_.extensions.startAssociatedSystemExtensions(label);
-  if (!areConfigured) {
-    vantorlogger2_line(
-        ASL_LEVEL_DEBUG,
-        stringWithFormat("Failed to configure kext for already running service %@", label));
-  }
-  return EnforcedJob{known, areConfigured};
-}
-
-std::optional<ServiceEnforcement::EnforcedJob> ServiceEnforcement::startStoppedService(
-    const std::string& label, const Value& jobInfo, const JobStatus& known) {
-  const std::string suffix =
-      known.lastExitStatus.isNil() ? std::string() : stringWithFormat(" %@", known.lastExitStatus);
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     stringWithFormat("Service %@ is not running%@", label, suffix));
-  const bool isFirstTime = known.presence == JobStatus::Presence::kAbsent;
-  const JobStatus launched = jobStatusIn(launch(label, jobInfo, isFirstTime));
-  // If the job host has stopped answering meanwhile, don't wait for a process.
-  if (launched.presence != JobStatus::Presence::kPresent) {
-    if (environment_.health) environment_.health->reportUnreadyStateForService(label);
-    return std::nullopt;
-  }
-  return EnforcedJob{launched, true};
-}
-
-bool ServiceEnforcement::enforceShutdownForService(const std::string& label) {
-  environment_.extensions.forgetExtensionsOf(label);
-  // The stop is reported before the job is removed, so that its end does not count as a crash.
-  if (environment_.health) environment_.health->reportStopForService(label);
-  environment_.records.trackServiceForRespawn(label, false);
-  // If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
-  if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) return true;
-  std::optional<NSError> error;
-  if (environment_.jobs.submitJobRequest(Value(label), kSMDomainSystemLaunchd, error)) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG,
-                       stringWithFormat("Did enforce shutdown for service: %@", label));
-    return true;
-  }
-  vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to unload %@.\n%@", label,
-                                                     error.value_or(NSError{})));
-  return false;
 }
 
 bool ServiceEnforcement::checkOSSupportForService(const std::string& label) const {

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Files/FileReader.h"
+#include "Platform/RunLoops/TurnQueue.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
@@ -14,18 +17,23 @@
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ServiceActivity.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
 #include "Shared/ORBSigningValidator.h"
 
-// Makes one service run and be watched, or makes it stop. The decision has been made before.
-// Belongs to the main thread, which it blocks while the job host, the disk or an extension works,
-// for a bounded time. Failures are logged, and reported to the health record.
+// Makes one service run and be watched, or makes it stop. The decision has been made before. The
+// work on a service has one state, ServiceActivity. Nothing here waits for a service, so that the
+// loop serves others meanwhile. Belongs to the main thread. Failures are logged, and reported to
+// the health record.
 class ServiceEnforcement {
  public:
-  using CompletionBlock = std::move_only_function<void()>;  // may be empty
+  using CompletionBlock = std::move_only_function<void()>;            // may be empty
+  using StopAnswer = std::move_only_function<void(bool hasStopped)>;  // may be empty
+  using LaunchAnswer = std::move_only_function<void(platform::Value job)>;
 
   // All of it outlives this.
   struct Environment {
+    platform::TurnQueue& turns;
     const ServiceCatalogue& catalogue;
     LaunchdJobs& jobs;
     MonitoringRecords& records;
@@ -35,39 +43,75 @@ class ServiceEnforcement {
     platform::FileReader& files;
     const platform::SystemInformation& system;
     const ORBSigningValidator& validator;
+    std::function<void()> onUnready;  // a service has been reported as not ready
   };
 
   explicit ServiceEnforcement(const Environment& environment) : environment_(environment) {}
 
-  // Submits the service's job and returns its dictionary, or nil if the job can't or may not run.
-  // `firstTime`: no job has the label yet.
-  platform::Value launchService(const std::string& label, bool firstTime);
+  // Submits the service's job. The answer is the job's dictionary, or nil if the job can't or may
+  // not run. `firstTime`: no job has the label yet.
+  void launchService(const std::string& label, bool firstTime, LaunchAnswer answer);
 
-  // Makes the service's job run and watches its process. The block is called once the job is known
-  // to run. Does nothing for a service without a job.
+  // Makes the service's job run and watches its process. The block is called in a later turn of the
+  // loop, once the job is known to run, and also if its process was not found in time. It is
+  // dropped if the service can't run, or is stopped meanwhile. Joins what goes on with the service;
+  // a removal is finished first. Does nothing for a service without a job.
   void enforceRunningForService(const std::string& label, CompletionBlock withCompletionBlock);
 
-  // Removes the service's job and waits for its end. True if there is no job any more.
-  bool enforceShutdownForService(const std::string& label);
+  // Removes the service's job. The answer is given at once if there is none, else when its
+  // processes have ended: true if there is no job any more. Ends what goes on with the service.
+  void enforceShutdownForService(const std::string& label, StopAnswer answer);
+
+  // The same, before an extension of the service is unloaded. If this extension is needed to start
+  // the service, the start goes on.
+  void stopForExtension(const std::string& label, StopAnswer answer);
+
+  // The job host has started a process of the job, or answers again: processes that are being
+  // looked for may be there.
+  void jobHasStarted(const std::string& label);
+  void jobHostHasReturned();
 
   // Whether this system is recent enough for the service.
   bool checkOSSupportForService(const std::string& label) const;
 
+  ServiceActivity activityOf(const std::string& label) const;
+  // Calls `settled` when the work on all these services has ended, at once if there is none.
+  // Requests that come meanwhile are waited for, too.
+  void whenSettled(const std::vector<std::string>& labels, CompletionBlock settled);
+
  private:
-  // A job that runs or has been submitted.
-  struct EnforcedJob {
-    platform::JobStatus status;
-    bool extensionsAreConfigured = false;
+  struct Service {
+    ServiceActivity activity = ServiceActivity::kNothing;
+    // Answers to requests of an earlier one are ignored.
+    std::uint64_t request = 0;
+    std::vector<CompletionBlock> blocks;
+    std::vector<StopAnswer> stops;
+    std::vector<std::shared_ptr<void>> observers;  // released when nothing goes on any more
   };
-  // Nothing if the service can't run, which has been reported then.
-  std::optional<EnforcedJob> checkRunningService(const std::string& label,
-                                                 const platform::Value& jobInfo,
-                                                 const platform::JobStatus& known);
-  std::optional<EnforcedJob> startStoppedService(const std::string& label,
-                                                 const platform::Value& jobInfo,
-                                                 const platform::JobStatus& known);
-  platform::Value launch(const std::string& label, const platform::Value& jobInfo, bool firstTime);
+
+  ServiceStep advance(const std::string& label, ServiceEvent event);
+  bool isCurrent(const std::string& label, std::uint64_t request) const;
+  void check(const std::string& label);
+  void checkRunningService(const std::string& label, const platform::Value& jobInfo,
+                           const platform::JobStatus& known);
+  void startStoppedService(const std::string& label, const platform::Value& jobInfo,
+                           const platform::JobStatus& known);
+  void launch(const std::string& label, const platform::Value& jobInfo, bool firstTime,
+              LaunchAnswer answer);
+  platform::Value submit(const std::string& label, const platform::Value& jobInfo);
+  void awaitProcess(const std::string& label, const platform::JobStatus& job,
+                    bool areExtensionsConfigured);
+  void end(const std::string& label, ServiceEvent event);
+  void endUnready(const std::string& label);
+  void reportUnready(const std::string& label);
+  void removeDamaged(const std::string& label);
+  void beginStop(const std::string& label);
+  void remove(const std::string& label);
+  void removeJobIfAny(const std::string& label, StopAnswer done);
+  void jobIsRemoved(const std::string& label, bool hasStopped);
   ProgramState programState(const platform::Value& jobInfo) const;
 
   const Environment environment_;
+  std::map<std::string, Service> services_;  // those with which something goes on
+  std::uint64_t lastRequest_ = 0;
 };

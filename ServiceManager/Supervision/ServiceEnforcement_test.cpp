@@ -21,10 +21,24 @@ class ServiceEnforcementTest : public SupervisionFixture {
   bool enforceRunning(const char* label) {
     bool isCalled = false;
     enforcement_.enforceRunningForService(label, [&] { isCalled = true; });
+    loop_.runReady();
+    if (enforcement_.activityOf(label) == ServiceActivity::kAwaitsProcess) loop_.advanceBy(12s);
+    EXPECT_EQ(enforcement_.activityOf(label), ServiceActivity::kNothing);
     return isCalled;
+  }
+  Value launch(const char* label, bool firstTime) {
+    return answerTo<Value>([&](ServiceEnforcement::LaunchAnswer answer) {
+      enforcement_.launchService(label, firstTime, std::move(answer));
+    });
+  }
+  bool stop(const char* label) {
+    return answerTo<bool>([&](ServiceEnforcement::StopAnswer answer) {
+      enforcement_.enforceShutdownForService(label, std::move(answer));
+    });
   }
   void run(const char* label) {
     enforcement_.enforceRunningForService(label, nullptr);
+    loop_.runReady();
     takeLog();
     takeReports();
   }
@@ -38,27 +52,27 @@ class ServiceEnforcementTest : public SupervisionFixture {
 // Starting a service.
 
 TEST_F(ServiceEnforcementTest, ALaunchSubmitsTheJobAndReturnsItsDictionary) {
-  const Value launched = enforcement_.launchService(kAgent, true);
+  const Value launched = launch(kAgent, true);
   EXPECT_EQ(launched["PID"], Value(process(kAgent)));
   EXPECT_EQ(launched["Program"], Value(pathOf("agent")));
   EXPECT_THAT(takeLog(), ElementsAre("7 Starting up service com.example.agent"));
 }
 
 TEST_F(ServiceEnforcementTest, AServiceWithoutAJobIsNotLaunched) {
-  EXPECT_TRUE(enforcement_.launchService("com.example.unknown", true).isNil());
+  EXPECT_TRUE(launch("com.example.unknown", true).isNil());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(ServiceEnforcementTest, AMissingProgramIsNotLaunched) {
   files_.remove(pathOf("agent"));
-  EXPECT_TRUE(enforcement_.launchService(kAgent, true).isNil());
+  EXPECT_TRUE(launch(kAgent, true).isNil());
   EXPECT_THAT(takeLog(), ElementsAre("4 Cannot find program path for service: com.example.agent"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
 TEST_F(ServiceEnforcementTest, ADamagedProgramIsNotSubmitted) {
   damageProgram("agent");
-  EXPECT_TRUE(enforcement_.launchService(kAgent, true).isNil());
+  EXPECT_TRUE(launch(kAgent, true).isNil());
   EXPECT_THAT(takeLog(), ElementsAre("4 Program file for com.example.agent appears to be damaged"));
 }
 
@@ -67,14 +81,14 @@ TEST_F(ServiceEnforcementTest, ADamagedProgramsJobIsRemoved) {
   run(kAgent);
   jobs_.endProcess(kAgent);
   damageProgram("agent");
-  EXPECT_TRUE(enforcement_.launchService(kAgent, false).isNil());
+  EXPECT_TRUE(launch(kAgent, false).isNil());
   EXPECT_THAT(takeLog(), ElementsAre("4 Program file for com.example.agent appears to be damaged"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
 TEST_F(ServiceEnforcementTest, ALaunchThatFailsIsLoggedWithItsError) {
   jobs_.setUnstartable(pathOf("agent"), "bad interpreter");
-  EXPECT_TRUE(enforcement_.launchService(kAgent, true).isNil());
+  EXPECT_TRUE(launch(kAgent, true).isNil());
   const auto log = takeLog();
   ASSERT_EQ(log.size(), 3u);
   EXPECT_EQ(log[0], "7 Starting up service com.example.agent");
@@ -199,14 +213,14 @@ TEST_F(ServiceEnforcementTest, AHealthRecordIsOptional) {
   damageProgram("agent");
   EXPECT_FALSE(enforceRunning(kAgent));
   EXPECT_FALSE(enforceRunning(kAgent));
-  EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_TRUE(stop(kAgent));
 }
 
 // Stopping it.
 
 TEST_F(ServiceEnforcementTest, AStopIsReportedBeforeTheJobIsRemoved) {
   run(kAgent);
-  EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_TRUE(stop(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
   EXPECT_THAT(takeLog(), ElementsAre("7 Did enforce shutdown for service: com.example.agent"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -214,7 +228,7 @@ TEST_F(ServiceEnforcementTest, AStopIsReportedBeforeTheJobIsRemoved) {
 }
 
 TEST_F(ServiceEnforcementTest, StoppingAServiceWithoutAJobSucceeds) {
-  EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_TRUE(stop(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
@@ -222,7 +236,7 @@ TEST_F(ServiceEnforcementTest, StoppingAServiceWithoutAJobSucceeds) {
 TEST_F(ServiceEnforcementTest, AStopThatFailsIsLoggedTwice) {
   run(kAgent);
   jobs_.refuseRemoval(kAgent, "not you");
-  EXPECT_FALSE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_FALSE(stop(kAgent));
   EXPECT_THAT(takeLog(), ElementsAre("3 Unable to remove job: com.example.agent\n:Error "
                                      "Domain=CFErrorDomainLaunchd Code=4 \"not you\"",
                                      "3 Unable to unload com.example.agent.\nError "
@@ -232,7 +246,7 @@ TEST_F(ServiceEnforcementTest, AStopThatFailsIsLoggedTwice) {
 TEST_F(ServiceEnforcementTest, AStopWithoutTheJobHostFails) {
   run(kAgent);
   jobs_.setReachable(false);
-  EXPECT_FALSE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_FALSE(stop(kAgent));
   EXPECT_THAT(takeLog(),
               ElementsAre("3 Unable to remove job: com.example.agent\n:Error "
                           "Domain=CFErrorDomainLaunchd Code=7 \"the job host can't be reached\"",
@@ -242,7 +256,7 @@ TEST_F(ServiceEnforcementTest, AStopWithoutTheJobHostFails) {
   EXPECT_FALSE(records_.isServiceBeingTrackedForRespawn(kAgent));
   EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
   jobs_.setReachable(true);
-  EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_TRUE(stop(kAgent));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
@@ -270,7 +284,7 @@ TEST_F(ServiceEnforcementTest, AStoppedServicesExtensionsAreForgotten) {
   run(kAgent);
   run(kHelper);
   ASSERT_THAT(control_.kextsLoaded(), ElementsAre("another", "file", "net"));
-  EXPECT_TRUE(enforcement_.enforceShutdownForService(kAgent));
+  EXPECT_TRUE(stop(kAgent));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("another"));
 }
 

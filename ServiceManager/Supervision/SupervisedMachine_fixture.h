@@ -5,6 +5,7 @@
 
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -90,6 +91,21 @@ class SupervisedMachine : public testing::Test {
   void kill(const char* label) {
     jobs_.endProcess(label, {platform::ExitStatus::Kind::kSignalled, 9});
     loop_.runReady();
+  }
+
+  // Serves the loop until the request has been answered, and returns the answer.
+  template <class T, class Request>
+  T answerTo(Request&& request) {
+    std::optional<T> answer;
+    bool isServing = false;
+    request([&](T value) {
+      answer = std::move(value);
+      if (isServing) loop_.stop();
+    });
+    isServing = true;
+    if (!answer) loop_.run();
+    EXPECT_TRUE(answer) << "there is no answer, and nothing is left to wait for";
+    return std::move(answer).value_or(T());
   }
 
   // The lines that were logged since the last call, as "LEVEL TEXT".

@@ -55,19 +55,22 @@ class SupervisionFixture : public SupervisedMachine {
   std::vector<std::pair<std::string, platform::Duration>> evaluations_;
   ExtensionControl control_{
       {.runLoop = loop_,
-       .extensions = extensionsPlatform_,
-       .system = system_,
-       .files = files_,
-       .mainBundle = bundle_,
+       .onWorker = [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
+       .loads = {extensionsPlatform_, system_, files_, bundle_},
        .catalogue = catalogue_,
        .secret = secret_,
        .stopService =
-           [this](const std::string& label) { enforcement_.enforceShutdownForService(label); },
+           [this](const std::string& label, ExtensionControl::Done done) {
+             enforcement_.stopForExtension(label, std::move(done));
+           },
        .evaluateLater =
            [this](const std::string& label, platform::Duration delay) {
              evaluations_.emplace_back(label, delay);
            }}};
-  ServiceEnforcement enforcement_{{.catalogue = catalogue_,
+  platform::TurnQueue turns_{loop_};
+  int unready_ = 0;  // how often a service was reported as not ready
+  ServiceEnforcement enforcement_{{.turns = turns_,
+                                   .catalogue = catalogue_,
                                    .jobs = launchd_,
                                    .records = records_,
                                    .exits = exits_,
@@ -75,5 +78,6 @@ class SupervisionFixture : public SupervisedMachine {
                                    .health = health_,
                                    .files = files_,
                                    .system = system_,
-                                   .validator = validator_}};
+                                   .validator = validator_,
+                                   .onUnready = [this] { ++unready_; }}};
 };

@@ -86,8 +86,7 @@ class DaemonExtensionsFixture : public testing::Test {
     beginToStart();
     root_.awaitStart();
     root_.awaitLog("Evaluating service: " + DaemonRoot::label(2) + "\n");
-    // The daemon serves nobody until it has done all that it has logged.
-    EXPECT_TRUE(UserInterfaceClient(root_).ask("services"));
+    awaitServices(root_, {DaemonRoot::label(0), DaemonRoot::label(1), DaemonRoot::label(2)});
   }
 
   // Expects that a network extension with these keys fails: it is loaded as often as allowed.
@@ -135,8 +134,10 @@ class DaemonExtensionsFixture : public testing::Test {
     return told ? *told : Value();
   }
   void askFor(const char* selector, int service) {
-    EXPECT_TRUE(
-        UserInterfaceClient(root_).ask(selector, {Value(Array{DaemonRoot::label(service)})}));
+    UserInterfaceClient client(root_);
+    EXPECT_TRUE(client.ask(selector, {Value(Array{DaemonRoot::label(service)})}));
+    EXPECT_TRUE(client.ask("services"));  // It is answered after the request has been taken.
+    awaitServices(root_, {DaemonRoot::label(service)});
   }
   ProcessId extension(const std::string& identifier) {
     return root_.processOf(LinuxKernelExtensions::jobLabel(identifier));

@@ -21,9 +21,7 @@ std::size_t DaemonFixture::evaluations() {
 
 void DaemonFixture::awaitEvaluation(std::size_t before) {
   root_.await("the evaluation of all services", [&] { return evaluations() > before; });
-  // The daemon serves nobody until it has done all that it has logged.
-  UserInterfaceClient client(root_);
-  EXPECT_TRUE(client.ask("services"));
+  awaitServices(root_, labels());
 }
 
 std::vector<std::string> DaemonFixture::labels() const {

@@ -81,4 +81,10 @@ MessageResult UserInterfaceClient::receiveMessage(std::string_view /*selector*/,
   return Value();
 }
 
+void awaitServices(DaemonRoot& root, const std::vector<std::string>& labels) {
+  const auto settled = UserInterfaceClient(root, UserInterfaceClient::kOperatorServer)
+                           .ask("awaitServices:", {Value(Array(labels.begin(), labels.end()))});
+  EXPECT_EQ(settled.value_or(Value()), Value(true));
+}
+
 }  // namespace platform

@@ -30,6 +30,7 @@ class UserInterfaceClient final : public MessageReceiver {
   static constexpr char kServer[] = "com.vantor.servicemanager.userinterface.server";
   static constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
   static constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
+  static constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
   // Connects. Without a loop of its own it is served by the root's loop.
   explicit UserInterfaceClient(DaemonRoot& root, std::string_view server = kServer);
@@ -68,5 +69,8 @@ class UserInterfaceClient final : public MessageReceiver {
   std::shared_ptr<NSDistantObject> proxy_;
   std::vector<Notice> notices_;
 };
+
+// Waits until the daemon is no longer busy with any of these services.
+void awaitServices(DaemonRoot& root, const std::vector<std::string>& labels);
 
 }  // namespace platform

@@ -33,8 +33,7 @@ using Answer = std::expected<T, Refusal>;
 // the loop's thread; every call blocks.
 class DaemonClient {
  public:
-  // How long the service manager may take to answer a question that needs no work. It serves nobody
-  // while it waits for a job to start or end.
+  // How long the service manager may take to answer a question that needs no work.
   static constexpr platform::Duration kTimeOut = std::chrono::seconds(60);
 
   // Belongs to the program; all of it outlives this.

@@ -76,8 +76,8 @@ std::int64_t exitTimeOutOf(const std::string& label, const Value& catalogue) {
   return std::clamp<std::int64_t>(given.value_or(kDefaultExitTimeOut), 0, kLongestWait);
 }
 
-// How long the removal of these services may take. They are removed one after the other, and a
-// time-out of 0 means that a process is never killed.
+// How long the removal of these services may take, at the most. A time-out of 0 means that a
+// process is never killed.
 Duration removalTime(const std::vector<std::string>& labels, const Value& catalogue) {
   std::int64_t seconds = 0;
   for (const std::string& label : labels) {
@@ -166,14 +166,26 @@ Answer<int> ServiceCommands::start(DaemonClient& userInterface,
                                      : fmt::format("{} services to start", labels_.size())});
     const auto sent = userInterface.ask("startServices:", {asArray(labels_)});
     if (!sent) return std::unexpected(sent.error());
-    // The request has no answer. The next one is answered when the request has been done.
-    const auto done = userInterface.ask("pidForService:", {labels_.front()},
-                                        kStartTime * static_cast<std::int64_t>(labels_.size()));
+    const auto done = awaitServices(userInterface, environment,
+                                    kStartTime * static_cast<std::int64_t>(labels_.size()));
     if (!done) return std::unexpected(done.error());
     services = readStates(environment, *catalogue, labels_);
   }
   if (!services) return std::unexpected(services.error());
   return conclude(*services, true);
+}
+
+// The request before has no answer. The first question here is answered when the service manager
+// has taken it, the second one when it is done.
+Answer<Value> ServiceCommands::awaitServices(DaemonClient& userInterface,
+                                             const DaemonClient::Environment& environment,
+                                             Duration timeOut) const {
+  auto taken = userInterface.ask("pidForService:", {labels_.front()});
+  if (!taken) return taken;
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  return daemon.ask("awaitServices:", {asArray(labels_)}, timeOut);
 }
 
 Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
@@ -185,8 +197,7 @@ Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
     const BlockedCallProgress progress(removalOf(labels_, *catalogue));
     const auto sent = userInterface.ask("stopServices:", {asArray(labels_)});
     if (!sent) return std::unexpected(sent.error());
-    const auto done =
-        userInterface.ask("pidForService:", {labels_.front()}, removalTime(labels_, *catalogue));
+    const auto done = awaitServices(userInterface, environment, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
     services = readStates(environment, *catalogue, labels_);
   }

@@ -26,6 +26,9 @@ class ServiceCommands {
   Answer<int> list(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
   Answer<int> start(DaemonClient& userInterface,
                     const DaemonClient::Environment& environment) const;
+  Answer<platform::Value> awaitServices(DaemonClient& userInterface,
+                                        const DaemonClient::Environment& environment,
+                                        platform::Duration timeOut) const;
   Answer<int> stop(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
   Answer<int> beginInstaller(DaemonClient& userInterface,
                              const DaemonClient::Environment& environment) const;

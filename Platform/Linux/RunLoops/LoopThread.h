@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+
+namespace platform {
+
+// A run loop that serves on a thread of its own, for work that may wait and must not hold up the
+// main thread. Objects that belong to the loop's thread may be made before run(), and end after
+// this has ended.
+class LoopThread {
+ public:
+  // Fails with kExhausted if the system has no descriptors left.
+  static Result<std::unique_ptr<LoopThread>> create();
+
+  LoopThread(const LoopThread&) = delete;
+  LoopThread& operator=(const LoopThread&) = delete;
+  // stop().
+  ~LoopThread();
+
+  // The loop may be given to objects at once, and serves from run() on. Callbacks may be posted
+  // from any thread.
+  AsioRunLoop& loop() { return *loop_; }
+  void run();
+  // Waits for the callback that runs. Those that have not run are dropped with the loop.
+  void stop();
+
+ private:
+  explicit LoopThread(std::unique_ptr<AsioRunLoop> loop) : loop_(std::move(loop)) {}
+
+  std::unique_ptr<AsioRunLoop> loop_;
+  std::thread thread_;
+};
+
+}  // namespace platform

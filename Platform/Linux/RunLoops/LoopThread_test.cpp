@@ -1,0 +1,42 @@
+#include "Platform/Linux/RunLoops/LoopThread.h"
+
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace platform {
+namespace {
+
+TEST(LoopThreadTest, CallbacksRunOnAThreadOfItsOwn) {
+  const auto thread = LoopThread::create();
+  ASSERT_TRUE(thread);
+  std::promise<std::thread::id> ranOn;
+  (*thread)->loop().post([&] { ranOn.set_value(std::this_thread::get_id()); });
+  (*thread)->run();
+  EXPECT_NE(ranOn.get_future().get(), std::this_thread::get_id());
+}
+
+TEST(LoopThreadTest, ItsEndWaitsForTheCallbackThatRuns) {
+  auto thread = LoopThread::create();
+  ASSERT_TRUE(thread);
+  std::promise<void> begun;
+  std::promise<void> mayEnd;
+  bool hasEnded = false;
+  (*thread)->loop().post([&, mayEndNow = mayEnd.get_future()]() mutable {
+    begun.set_value();
+    mayEndNow.wait();
+    hasEnded = true;
+  });
+  (*thread)->run();
+  begun.get_future().wait();
+  std::thread other([&] { mayEnd.set_value(); });
+  thread->reset();
+  EXPECT_TRUE(hasEnded);
+  other.join();
+}
+
+TEST(LoopThreadTest, OneThatNeverRanEndsToo) { EXPECT_TRUE(LoopThread::create()); }
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,48 @@
+#pragma once
+
+// The state of the work on one service, and the meaning of each event for it. Pure; any thread.
+
+// The daemon never waits for a service: a service that must wait is in one of these states, and the
+// run loop serves others meanwhile.
+enum class ServiceActivity {
+  kNothing,
+  kConfiguresExtensions,   // before it is started, or before the running one is watched
+  kAwaitsProcess,          // its job is with the job host, and its process is not known yet
+  kIsRemoved,              // the job host ends its processes
+  kIsRemovedBeforeItRuns,  // the same, and it has been asked to run meanwhile
+};
+
+enum class ServiceEvent {
+  kRun,                // an evaluation or a user interface wants it to run
+  kStop,               // an evaluation, a user interface or the installer wants it to stop
+  kProgramIsDamaged,   // its job must go
+  kCannotRun,          // a check or its start has failed
+  kExtensionsAreDone,  // it may be started, or watched if it runs
+  kIsSubmitted,        // or runs already
+  kProcessIsFound,     // and watched
+  kProcessIsNotFound,  // after the last look for it
+  kJobIsRemoved,       // or its removal has failed
+  kProcessHasEnded,    // a process that was watched
+  kJobHostReturns,
+};
+
+// The reaction that the owner of the state owes to an event.
+enum class ServiceStep {
+  kIgnore,
+  kCheck,             // release, program and extensions
+  kJoin,              // the caller gets the result of what goes on
+  kRemove,            // the job
+  kAbandonAndRemove,  // the same; what went on has no result
+  kStart,             // submit the job, unless it runs
+  kAwaitProcess,
+  kLookForProcess,  // now, instead of at the next look
+  kEnd,             // callers get the result
+  kEndAndCheck,     // the same, and the service is made to run
+};
+
+struct ServiceTransition {
+  ServiceActivity next;
+  ServiceStep step;
+};
+
+ServiceTransition nextServiceActivity(ServiceActivity activity, ServiceEvent event);
