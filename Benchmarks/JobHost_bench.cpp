@@ -231,7 +231,7 @@ void restartSubject(benchmark::State& state) {
 BENCHMARK(restartSubject)
     ->Name("job-restart/subject")
     ->UseManualTime()
-    ->Iterations(10L * kRestartedJobs);
+    ->Iterations(2L * kRestartedJobs);
 
 void restartBaseline(benchmark::State& state) {
   platform::TemporaryFolder folder;
