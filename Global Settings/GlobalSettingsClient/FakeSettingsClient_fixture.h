@@ -9,8 +9,10 @@
 // Answers from settings that the test holds, which outlive it.
 class FakeSettingsClient final : public SettingsClient {
  public:
-  explicit FakeSettingsClient(const std::map<std::string, platform::Value>& settings)
-      : settings_(settings) {}
+  // `allForgetCalls` counts the calls of forgetConnection() for several clients.
+  explicit FakeSettingsClient(const std::map<std::string, platform::Value>& settings,
+                              int* allForgetCalls = nullptr)
+      : settings_(settings), allForgetCalls_(allForgetCalls) {}
 
   platform::Value objectForKey(std::string_view key) override {
     const auto found = settings_.find(std::string(key));
@@ -19,10 +21,14 @@ class FakeSettingsClient final : public SettingsClient {
   platform::MessageResult probeObjectForKey(std::string_view key, platform::Duration) override {
     return objectForKey(key);
   }
-  void forgetConnection() override { ++forgetCalls; }
+  void forgetConnection() override {
+    ++forgetCalls;
+    if (allForgetCalls_ != nullptr) ++*allForgetCalls_;
+  }
 
   int forgetCalls = 0;
 
  private:
   const std::map<std::string, platform::Value>& settings_;
+  int* const allForgetCalls_;
 };

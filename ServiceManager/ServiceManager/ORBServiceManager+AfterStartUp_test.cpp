@@ -143,6 +143,7 @@ TEST_F(AfterStartUpTest, TheJobHostsReturnIsObservedUntilTheEnd) {
   takeLog();
   ASSERT_TRUE(jobHostReturned_);
   jobHostReturned_();
+  loop_.runReady();
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
   manager_.reset();
   EXPECT_FALSE(jobHostReturned_);

@@ -18,25 +18,34 @@ void logStoppedByUserInterface(const std::string& label) {
 
 }  // namespace
 
-bool ORBServiceManager::isPrimaryServiceUp() {
-  return primaryServiceNotificationClient_ &&
-         primaryServiceNotificationClient_->sendMessage("isServerUp") == Value(true);
+void ORBServiceManager::setMode(std::int64_t mode) {
+  operatingMode_ = mode;
+  ++modeChanges_;
 }
 
-void ORBServiceManager::evaluateWaitingForPrimaryServiceOperatingMode() {
-  switch (operatingMode_) {
-    case ORBOperatingModeWaitingForPrimaryService:
-      if (!isPrimaryServiceUp()) return;
-      operatingMode_ = ORBOperatingModeNormal;
-      evaluateSystemConfiguration();
-      return;
-    case ORBOperatingModeNormal:
-      // The job host starts it again, not the watchdog.
-      if (!isPrimaryServiceUp()) operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
-      return;
-    default:
-      return;
+// An event that changes the mode asks by itself, or waits for another one.
+void ORBServiceManager::askWhetherPrimaryServiceIsUp(std::move_only_function<void(bool)> answer) {
+  settings_.isPrimaryServiceUp(
+      [this, changes = modeChanges_, answer = std::move(answer)](bool isUp) mutable {
+        if (changes == modeChanges_) answer(isUp);
+      });
+}
+
+void ORBServiceManager::evaluateWaitingForPrimaryServiceOperatingMode(CompletionBlock then) {
+  if (operatingMode_ == ORBOperatingModeInstaller) {
+    if (then) then();
+    return;
   }
+  askWhetherPrimaryServiceIsUp([this, then = std::move(then)](bool isUp) mutable {
+    if (operatingMode_ == ORBOperatingModeNormal) {
+      // The job host starts it again, not the watchdog.
+      if (!isUp) setMode(ORBOperatingModeWaitingForPrimaryService);
+    } else if (isUp) {
+      setMode(ORBOperatingModeNormal);
+      evaluateSystemConfiguration();
+    }
+    if (then) then();
+  });
 }
 
 void ORBServiceManager::evaluateSystemConfiguration() {
@@ -119,12 +128,38 @@ void ORBServiceManager::evaluateFeatureService(const std::string& label) {
     vantorlogger2_line(ASL_LEVEL_ERR, "Malformed features referrences information encountered");
     return;
   }
-  bool shutDown = true;
+  const auto [asked, isNew] = askedServices_.emplace(label, false);
+  if (!isNew) {
+    asked->second = true;  // The settings may have changed since they were asked for.
+    return;
+  }
+  std::vector<SettingsQuestions::Setting> settings;
   for (const FeatureConfiguration& configuration : *configurations) {
-    SettingsClient* client =
-        configuration.source ? configurationWithSelectorPrefix(*configuration.source) : nullptr;
+    settings.push_back({configuration.source, std::nullopt});
     for (const auto& [key, expected] : configuration.switches) {
-      if (evaluateSwitch(label, configuration.feature, key, expected, client)) shutDown = false;
+      settings.push_back({configuration.source, key});
+    }
+  }
+  settings_.valuesOf(
+      std::move(settings), [this, label, configurations](const SettingsQuestions::Values& values) {
+        const bool isWantedAgain = askedServices_.extract(label).mapped();
+        if (permissionToEvaluate(label) == EvaluationPermission::kGranted) {
+          evaluateSwitches(label, *configurations, values);
+        }
+        if (!isWantedAgain) return;
+        turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
+      });
+}
+
+void ORBServiceManager::evaluateSwitches(const std::string& label,
+                                         const std::vector<FeatureConfiguration>& configurations,
+                                         const SettingsQuestions::Values& values) {
+  bool shutDown = true;
+  auto value = values.begin();
+  for (const FeatureConfiguration& configuration : configurations) {
+    ++value;  // The client alone.
+    for (const auto& [key, expected] : configuration.switches) {
+      if (evaluateSwitch(label, configuration.feature, key, expected, *value++)) shutDown = false;
     }
   }
   if (!shutDown) return;
@@ -133,8 +168,7 @@ void ORBServiceManager::evaluateFeatureService(const std::string& label) {
 
 bool ORBServiceManager::evaluateSwitch(const std::string& label, const std::string& feature,
                                        const std::string& key, const Value& expected,
-                                       SettingsClient* client) {
-  const Value current = client ? client->objectForKey(key) : Value();
+                                       const Value& current) {
   switch (compareSwitch(expected, current)) {
     case SwitchComparison::kAbsent:
       if (operatingMode_ == ORBOperatingModeNormal) {

@@ -30,7 +30,10 @@ class EvaluationTest : public ServiceManagerFixture {
     return {{"Config", Array{Dictionary{{"Source", source}, {"Switches", std::move(switches)}}}}};
   }
 
-  void evaluateScanner() { manager().evaluateInformationForService(kScanner); }
+  void evaluateScanner() {
+    manager().evaluateInformationForService(kScanner);
+    loop_.runReady();
+  }
 };
 
 TEST_F(EvaluationTest, CoreServicesRunAfterThePrimaryService) {
@@ -85,6 +88,7 @@ TEST_F(EvaluationTest, AServiceThatCannotStartAffectsNoOther) {
 TEST_F(EvaluationTest, InInstallerModeServicesAreOnlyLogged) {
   enterMode(ORBOperatingModeInstaller);
   manager().evaluateInformationForService(kAgent);
+  loop_.runReady();
   EXPECT_THAT(takeLog(), ElementsAre("7 Installer operation mode: Cannot evalaute feature "
                                      "information for service: com.example.agent at this time"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -93,6 +97,7 @@ TEST_F(EvaluationTest, InInstallerModeServicesAreOnlyLogged) {
 TEST_F(EvaluationTest, InWaitingModeServicesAreOnlyLogged) {
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateInformationForService(kAgent);
+  loop_.runReady();
   EXPECT_THAT(takeLog(), ElementsAre("7 Primary Service is not ready: Cannot evalaute feature "
                                      "information for service: com.example.agent at this time"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -101,6 +106,7 @@ TEST_F(EvaluationTest, InWaitingModeServicesAreOnlyLogged) {
 TEST_F(EvaluationTest, AnEvaluationLeavesAStoppedServiceAlone) {
   manager().trackServiceForUserClientShutdownRequest(kAgent, true);
   manager().evaluateInformationForService(kAgent);
+  loop_.runReady();
   EXPECT_THAT(takeLog(), ElementsAre("7 com.example.agent is not actively being monitored as per "
                                      "the request of the user interface"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -308,6 +314,7 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerUp_NormalAndEvaluatedAtOnce) 
 TEST_F(OperatingModeTest, Waiting_WatchdogAndServerDown_Waiting) {
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   expectNotEvaluated();
 }
@@ -317,6 +324,7 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerSaysNo_Waiting) {
   configurationServer_.answer = Value(false);
   enterMode(ORBOperatingModeWaitingForPrimaryService);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(configurationServer_.questions, 1);
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   expectNotEvaluated();
@@ -325,12 +333,14 @@ TEST_F(OperatingModeTest, Waiting_WatchdogAndServerSaysNo_Waiting) {
 TEST_F(OperatingModeTest, Normal_WatchdogAndServerUp_NormalAndNothing) {
   startConfigurationServer();
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
   expectNotEvaluated();
 }
 
 TEST_F(OperatingModeTest, Normal_WatchdogAndServerDown_WaitingAndPrimaryNotStarted) {
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   expectNotEvaluated();
   EXPECT_THAT(jobs_.labels(), IsEmpty());
@@ -340,6 +350,7 @@ TEST_F(OperatingModeTest, Installer_Watchdog_Installer) {
   startConfigurationServer();
   enterMode(ORBOperatingModeInstaller);
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
   EXPECT_EQ(configurationServer_.questions, 0);
   expectNotEvaluated();
@@ -351,10 +362,12 @@ TEST_F(OperatingModeTest, OnlyTrueMeansThatTheServerIsUp) {
     configurationServer_.answer = answer;
     enterMode(ORBOperatingModeWaitingForPrimaryService);
     manager().evaluateWaitingForPrimaryServiceOperatingMode();
+    loop_.runReady();
     EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   }
   configurationServer_.answer = std::unexpected(NSException{kNSInvalidArgumentException, "no", {}});
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
 }
 

@@ -123,6 +123,7 @@ TEST_F(JobHostReturnTest, AnEndedPrimaryServiceIsStartedFirst) {
   EXPECT_EQ(evaluations(), 0u);
   startConfigurationServer();
   manager().handleGlobalSettingsServerDidStart({});
+  loop_.runReady();
   EXPECT_EQ(evaluations(), 1u);
 }
 

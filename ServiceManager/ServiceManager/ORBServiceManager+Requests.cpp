@@ -20,7 +20,7 @@ void ORBServiceManager::enforceShutdownForService(Label label, StopAnswer answer
 }
 
 void ORBServiceManager::shutdownServices(const Array& labels, StopAnswer answer) {
-  operatingMode_ = ORBOperatingModeInstaller;
+  setMode(ORBOperatingModeInstaller);
   isInstallerAtWork_ = true;
   // The last of the services that hold this gives the answer.
   struct Request {

@@ -21,31 +21,34 @@ Value setOfLabels(const std::set<std::string>& labels) {
 }  // namespace
 
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
-    const DistributedNotification& notification) {
-  // The client observes this notification, too, but after us. Until it knows that the server is a
-  // new one, it does not call a server that hung lately.
-  if (primaryServiceNotificationClient_)
-    primaryServiceNotificationClient_->serverDidStart(notification);
-  if (!isPrimaryServiceUp()) return;
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
-  if (operatingMode_ == ORBOperatingModeInstaller) return;
-  // Its settings may have changed, so everything is evaluated again, also from normal mode.
-  operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
-  evaluateWaitingForPrimaryServiceOperatingMode();
+    const DistributedNotification& /*notification*/) {
+  // The client observes this notification, too, but perhaps after us. Until it knows that the
+  // server is a new one, it does not call a server that hung lately.
+  settings_.primaryServiceDidStart();
+  askWhetherPrimaryServiceIsUp([this](bool isUp) {
+    if (!isUp) return;
+    vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
+    if (operatingMode_ == ORBOperatingModeInstaller) return;
+    // Its settings may have changed, so everything is evaluated again, also from normal mode.
+    setMode(ORBOperatingModeWaitingForPrimaryService);
+    evaluateWaitingForPrimaryServiceOperatingMode();
+  });
 }
 
 void ORBServiceManager::handleGlobalSettingsServerWillShutdown(
     const DistributedNotification& /*notification*/) {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service is shutting down");
-  operatingMode_ =
-      ORBOperatingModeWaitingForPrimaryService;  // This ends the installer's mode, too.
+  setMode(ORBOperatingModeWaitingForPrimaryService);  // This ends the installer's mode, too.
 }
 
 // Does now what the watchdog would do within a quarter of an hour; in normal mode, evaluates again.
-void ORBServiceManager::evaluateAgain() {
+void ORBServiceManager::evaluateAgain(CompletionBlock then) {
   const bool wasNormal = operatingMode_ == ORBOperatingModeNormal;
-  evaluateWaitingForPrimaryServiceOperatingMode();
-  if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
+  evaluateWaitingForPrimaryServiceOperatingMode(
+      [this, wasNormal, then = std::move(then)]() mutable {
+        if (wasNormal && operatingMode_ == ORBOperatingModeNormal) evaluateSystemConfiguration();
+        then();
+      });
 }
 
 // The primary service may have stopped, started or both, and the settings may have changed.
@@ -53,15 +56,15 @@ void ORBServiceManager::handleNotificationsReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "Notifications may have been missed");
   // The clients may have missed starts of their servers, too, so they call a server again that
   // hung.
-  if (primaryServiceNotificationClient_) primaryServiceNotificationClient_->serverDidStart({});
-  sources_.forgetConnections();
-  evaluateAgain();
-  if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
-  // A server that only hung announces no start, and the next watchdog may be a quarter of an hour
-  // away.
-  timers_.performAfterDelay({"ask the hung server"}, kHungServerRetryDelay, [this] {
-    if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
-      evaluateWaitingForPrimaryServiceOperatingMode();
+  settings_.forgetConnections();
+  evaluateAgain([this] {
+    if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
+    // A server that only hung announces no start, and the next watchdog may be a quarter of an hour
+    // away.
+    timers_.performAfterDelay({"ask the hung server"}, kHungServerRetryDelay, [this] {
+      if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
+        evaluateWaitingForPrimaryServiceOperatingMode();
+    });
   });
 }
 
@@ -84,10 +87,11 @@ void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
   enforcement_.jobHostHasReturned();
   if (operatingMode_ != ORBOperatingModeInstaller) removeStoppedServices();
-  evaluateAgain();
-  if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;
-  if (isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel())) return;
-  enforceRunningForService(primaryLabel(), nullptr);
+  evaluateAgain([this] {
+    if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;
+    if (isServiceBeingTrackedForUserClientShutdownRequest(primaryLabel())) return;
+    enforceRunningForService(primaryLabel(), nullptr);
+  });
 }
 
 void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotification& notification) {
@@ -96,15 +100,14 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
   // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;
+  settings_.forgetConnections();  // A server that announces a change does not hang any more.
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
                                       EvaluationTimers::kSettingsChangeDelay.count()));
   timers_.startSettingsChangeTimer([this] { evaluateSystemConfiguration(); });
 }
 
-void ORBServiceManager::globalSettingsServerDidRestart(SettingsClient& /*client*/) {
-  evaluateSystemConfiguration();
-}
+void ORBServiceManager::globalSettingsServerDidRestart() { evaluateSystemConfiguration(); }
 
 bool ORBServiceManager::evaluateServices() {
   if (healthInfo_) healthInfo_->reportInstallerEventFinished();
@@ -116,14 +119,16 @@ bool ORBServiceManager::evaluateServices() {
 
 void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
   isInstallerAtWork_ = false;
-  operatingMode_ = ORBOperatingModeNormal;
-  if (!isPrimaryServiceUp()) {
-    operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
-    enforceRunningForService(primaryLabel(), nullptr);
-    return;
-  }
-  timers_.performAfterDelay({"evaluate"}, kInstallerEvaluationDelay,
-                            [this] { evaluateSystemConfiguration(); });
+  setMode(ORBOperatingModeNormal);
+  askWhetherPrimaryServiceIsUp([this](bool isUp) {
+    if (!isUp) {
+      setMode(ORBOperatingModeWaitingForPrimaryService);
+      enforceRunningForService(primaryLabel(), nullptr);
+      return;
+    }
+    timers_.performAfterDelay({"evaluate"}, kInstallerEvaluationDelay,
+                              [this] { evaluateSystemConfiguration(); });
+  });
 }
 
 void ORBServiceManager::scheduleReevaluation() {

@@ -63,7 +63,9 @@ TEST_F(StartUpEdgesTest, AServerThatHungLaterIsNoticedAtOnce) {
   loop_.advanceBy(std::chrono::seconds(1));
   configurationProgram_->transport.hang();
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
   manager().evaluateRunningModeAfterInstallerEvent();
+  loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   stopConfigurationServer();
   startConfigurationServer();

@@ -34,7 +34,13 @@ constexpr char kSettingsDidChange[] = "KLXGlobalSettingsDidChangeNotification";
 ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
     : platform_(platform),
       validator_(platform_.codeSignatures),
-      sources_(platform_.settingsClientFactories, platform_.withSettingsOfThisThread, *this),
+      settings_({.worker = platform_.settingsWorker,
+                 .onMain = [&loop = platform_.runLoop](
+                               RunLoop::Callback callback) { loop.post(std::move(callback)); },
+                 .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
+                 .onRestart = [this] { globalSettingsServerDidRestart(); }}),
+      reportsSources_(platform_.settingsClientFactories, platform_.withSettingsOfThisThread,
+                      reportsDelegate_),
       turns_(platform_.runLoop, [this] { scheduleReevaluation(); }),
       jobs_(platform_.jobs, platform_.authorization),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
@@ -83,7 +89,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                .jobs = jobs_,
                .records = records_,
                .extensions = extensions_,
-               .sources = sources_,
+               .askedSources = settings_.askedSources(),
+               .sources = reportsSources_,
                .timers = timers_,
                .health = healthInfo_,
                .product = product_,
@@ -222,7 +229,7 @@ void ORBServiceManager::makeMonitoringRecords() {
 }
 
 void ORBServiceManager::observeSettings() {
-  operatingMode_ = ORBOperatingModeNormal;
+  setMode(ORBOperatingModeNormal);
   using Handler = void (ORBServiceManager::*)(const DistributedNotification&);
   const auto observe = [this](const char* name, Handler handler) {
     observations_.push_back(platform_.distributedCenter.addObserver(
@@ -244,25 +251,24 @@ void ORBServiceManager::observeSettings() {
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {
-  const VantorDistantObject::Environment environment{
-      platform_.runLoop,           platform_.connections,
-      platform_.distributedCenter, platform_.notificationCenter,
-      platform_.protocols,         platform_.system};
-  primaryServiceNotificationClient_ = std::make_unique<VantorDistantObject>(
-      environment, kConfigurationStatusServer, kORBServiceManagerConfigurationServerStatusProtocol,
-      kConfigurationServerDidStart);
+  settings_.makePrimaryServiceClient(kConfigurationStatusServer,
+                                     kORBServiceManagerConfigurationServerStatusProtocol,
+                                     kConfigurationServerDidStart);
 }
 
+// Evaluates nothing until the configuration server has answered.
 void ORBServiceManager::evaluateForTheFirstTime() {
-  if (isPrimaryServiceUp()) {
-    operatingMode_ = ORBOperatingModeNormal;
-    timers_.performAfterDelay({"evaluate"}, kFirstEvaluationDelay,
-                              [this] { evaluateSystemConfiguration(); });
-    return;
-  }
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating primary service");
-  operatingMode_ = ORBOperatingModeWaitingForPrimaryService;
-  enforceRunningForService(primaryLabel(), nullptr);
+  setMode(ORBOperatingModeWaitingForPrimaryService);
+  askWhetherPrimaryServiceIsUp([this](bool isUp) {
+    if (isUp) {
+      setMode(ORBOperatingModeNormal);
+      timers_.performAfterDelay({"evaluate"}, kFirstEvaluationDelay,
+                                [this] { evaluateSystemConfiguration(); });
+      return;
+    }
+    vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating primary service");
+    enforceRunningForService(primaryLabel(), nullptr);
+  });
 }
 
 void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description) {

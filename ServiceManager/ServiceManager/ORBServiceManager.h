@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -13,6 +14,7 @@
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/Values/Value.h"
+#include "ServiceManager/Catalogue/FeatureSwitches.h"
 #include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
@@ -22,6 +24,7 @@
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "ServiceManager/ServiceManager/VendedServers.h"
+#include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExitMonitor.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
@@ -50,7 +53,6 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 // process, a removal or an extension goes on while the run loop serves others, and ends with a
 // callback. An operation fails only by its result; failures are logged.
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
-                                public KLXGlobalSettingsClientDelegate,
                                 public platform::NSConnectionDelegate,
                                 public ExecInfoHandlerDelegate {
  public:
@@ -92,17 +94,15 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Evaluation: which services must run.
 
   // The watchdog. While the daemon waits for the primary service, evaluates once that is up; in
-  // normal mode, begins to wait if the primary service is down.
-  void evaluateWaitingForPrimaryServiceOperatingMode();
+  // normal mode, begins to wait if the primary service is down. `then` is called after the primary
+  // service has answered, or has not in time.
+  void evaluateWaitingForPrimaryServiceOperatingMode(CompletionBlock then = {});
   // In normal mode: makes the primary service run, then evaluates every other service, each in a
   // turn of the loop of its own. A service whose turn is pending is evaluated once.
   void evaluateSystemConfiguration();
   // The same in a later turn of the loop, unless that is pending.
   void evaluateSystemConfigurationLater();
   void evaluateInformationForService(const std::string& label);
-  SettingsClient* configurationWithSelectorPrefix(const std::string& prefix) {
-    return sources_.configurationWithSelectorPrefix(prefix);
-  }
 
   // Changes of the settings, and the other events that make the daemon evaluate again.
   void handleGlobalSettingsServerDidStart(const platform::DistributedNotification& notification);
@@ -115,7 +115,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // The job host answers again. Unless an installer is at work, this repeats requests that may have
   // failed: it removes services that the user interface has stopped, and evaluates all others.
   void handleJobHostReturn();
-  void globalSettingsServerDidRestart(SettingsClient& client) override;
+  // A settings server was started again.
+  void globalSettingsServerDidRestart();
   // The installer has finished. Always true.
   bool evaluateServices();
   void evaluateRunningModeAfterInstallerEvent();
@@ -131,7 +132,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void shutdownServices(const platform::Array& labels, StopAnswer answer);
   // For the executable-information service, on one of its queues.
   platform::Value getLastLoggedInUserHomeDirectory() override {
-    return sources_.getLastLoggedInUserHomeDirectory();
+    return settings_.getLastLoggedInUserHomeDirectory();
   }
 
   // Jobs and processes.
@@ -221,9 +222,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const platform::Dictionary& serviceToFeatureNotificationMap() const {
     return serviceToFeatureNotificationMap_;
   }
-  const std::optional<SettingsSources::ConfigurationClients>& configurationClients() const {
-    return sources_.configurationClients();
-  }
+  // The prefixes of the settings servers that evaluations have asked; the clients are the worker's.
+  const std::map<std::string, bool>& askedSources() const { return settings_.askedSources(); }
   const platform::Value& serviceInfo() const { return catalogue_.serviceInfo(); }
   const std::optional<std::string>& product() const { return product_; }
   std::int64_t operatingMode() const { return operatingMode_; }
@@ -276,6 +276,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   }
 
   const OperatorReport& report() const { return report_; }
+  // Whether an evaluation has begun and not decided about every service yet.
+  bool isEvaluating() const { return turns_.waiting() > 0 || !askedServices_.empty(); }
   // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
   // that are no strings are ignored.
   void whenSettled(const platform::Array& labels, CompletionBlock settled);
@@ -294,15 +296,20 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);
 
-  bool isPrimaryServiceUp();
+  void setMode(std::int64_t mode);
+  // Asks, and drops the answer if the mode has changed meanwhile.
+  void askWhetherPrimaryServiceIsUp(std::move_only_function<void(bool isUp)> answer);
   EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
   void evaluateOtherServices(const ServiceCatalogue& catalogue, const std::string& primary);
   void evaluateFeatureService(const std::string& label);
+  void evaluateSwitches(const std::string& label,
+                        const std::vector<FeatureConfiguration>& configurations,
+                        const SettingsQuestions::Values& values);
   // Whether the switch asks for the service to run. If so, it is made to run.
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
-                      const platform::Value& expected, SettingsClient* client);
-  void evaluateAgain();
+                      const platform::Value& expected, const platform::Value& current);
+  void evaluateAgain(CompletionBlock then);
   void removeStoppedServices();
 
   const ServiceManagerPlatform platform_;
@@ -312,15 +319,19 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   ServiceCatalogue catalogue_;
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
+  std::uint64_t modeChanges_ = 0;
   // The mode does not hold this: the end of the primary service changes the mode, too, and the
   // installer may be replacing that service.
   bool isInstallerAtWork_ = false;
   platform::Dictionary monitoredProcessesRunLoopSources_;
   platform::Dictionary serviceToFeatureNotificationMap_;
   std::unique_ptr<ServiceHealth> healthInfo_;
-  std::unique_ptr<VantorDistantObject> primaryServiceNotificationClient_;
 
-  SettingsSources sources_;
+  SettingsQuestions settings_;
+  // Services whose settings have been asked for, and whether they have been evaluated again since.
+  std::map<std::string, bool> askedServices_;
+  KLXGlobalSettingsClientDelegate reportsDelegate_;
+  SettingsSources reportsSources_;
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;
   // While an evaluation waits for the primary service, another one need not wait, too.

@@ -81,6 +81,7 @@ TEST_F(StartUpTest, AnAuthorizationThatCannotBeCreatedIsIgnored) {
   loop_.advanceBy(1s);
   ASSERT_TRUE(jobHostReturned_);
   jobHostReturned_();
+  loop_.runReady();
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
@@ -298,7 +299,7 @@ TEST_P(HealthByProductTest, IsKeptForTwoProductsOnly) {
     EXPECT_THAT(
         takeReports(),
         ElementsAre("monitored com.example.configd", "monitored com.example.agent",
-                    "name Settings com.example.configd", "start com.example.configd", "ready"));
+                    "name Settings com.example.configd", "ready", "start com.example.configd"));
     manager().backgroundServiceWillTerminate({});
     EXPECT_THAT(takeReports(), ElementsAre("not ready"));
   } else {

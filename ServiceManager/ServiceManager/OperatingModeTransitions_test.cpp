@@ -153,18 +153,22 @@ class TransitionFixture : public ServiceManagerFixture {
         break;
       case Event::kServerUp:
         manager().handleGlobalSettingsServerDidStart({});
+        loop_.runReady();
         break;
       case Event::kServerDown:
         manager().handleGlobalSettingsServerWillShutdown({});
         break;
       case Event::kWatchdog:
         manager().evaluateWaitingForPrimaryServiceOperatingMode();
+        loop_.runReady();
         break;
       case Event::kBusReturn:
         manager().handleNotificationsReturn();
+        loop_.runReady();
         break;
       case Event::kHostReturn:
         manager().handleJobHostReturn();
+        loop_.runReady();
         break;
     }
   }

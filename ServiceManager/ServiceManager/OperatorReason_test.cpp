@@ -71,6 +71,7 @@ TEST_F(OperatorReasonTest, AnInstallerKeepsServicesDown) {
   EXPECT_EQ(reasonOf(kAgent), "installer");
   EXPECT_EQ(reasonOf(kPrimary), "primary");
   manager().evaluateInformationForService(kHelper);
+  loop_.runReady();
   EXPECT_FALSE(isRunning(kHelper));
 }
 
@@ -81,6 +82,7 @@ TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
   manager().trackServiceForUserClientShutdownRequest(kHelper, false);
   EXPECT_EQ(reasonOf(kHelper), "waiting");
   manager().evaluateInformationForService(kHelper);
+  loop_.runReady();
   EXPECT_FALSE(isRunning(kHelper));
 }
 

@@ -246,18 +246,17 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
                                              SourceTimes& left) const {
   if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
-  SettingsSources::ConfigurationClients none;
-  const auto& made = environment_.sources.configurationClients();
-  const SettingsSources::ConfigurationClients& clients = made ? *made : none;
-  const auto known = clients.find(*configuration.source);
-  if (known == clients.end()) return SwitchOutcome::kNotAsked;
-  if (!known->second) return SwitchOutcome::kNoSource;
+  const auto asked = environment_.askedSources.find(*configuration.source);
+  if (asked == environment_.askedSources.end()) return SwitchOutcome::kNotAsked;
+  SettingsClient* const client =
+      asked->second ? environment_.sources.configurationWithSelectorPrefix(asked->first) : nullptr;
+  if (!client) return SwitchOutcome::kNoSource;
   // This time is for all switches of the server, however many there are.
-  Duration& time = left.try_emplace(known->first, kProbeTime).first->second;
+  Duration& time = left.try_emplace(asked->first, kProbeTime).first->second;
   const Instant start = environment_.runLoop.now();
   const MessageResult current = time <= Duration::zero()
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
-                                    : known->second->probeObjectForKey(key, time);
+                                    : client->probeObjectForKey(key, time);
   time -= environment_.runLoop.now() - start;
   if (!current && isMissingAnswer(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.

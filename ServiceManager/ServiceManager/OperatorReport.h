@@ -38,7 +38,8 @@ class OperatorReport {
     const LaunchdJobs& jobs;
     const MonitoringRecords& records;
     const ExtensionControl& extensions;
-    const SettingsSources& sources;
+    const std::map<std::string, bool>& askedSources;  // see SettingsQuestions.h
+    SettingsSources& sources;                         // for probes
     const EvaluationTimers& timers;
     const std::unique_ptr<ServiceHealth>& health;  // null if the product keeps none
     const std::optional<std::string>& product;

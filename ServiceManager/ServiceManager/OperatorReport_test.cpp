@@ -19,6 +19,7 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
   std::optional<std::string> product_ = "product";
   SettingsClientFactories factories_;
   SettingsSources sources_{factories_, [this](const auto& ask) { ask(factories_); }, *this};
+  std::map<std::string, bool> askedSources_;
   EvaluationTimers timers_{loop_};
   const OperatorReport report_{{.runLoop = loop_,
                                 .files = files_,
@@ -29,6 +30,7 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
                                 .jobs = launchd_,
                                 .records = records_,
                                 .extensions = control_,
+                                .askedSources = askedSources_,
                                 .sources = sources_,
                                 .timers = timers_,
                                 .health = health_,

@@ -20,6 +20,7 @@
 #include "Platform/SystemFacts/RandomDevice.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/XPC/XPC.h"
+#include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
@@ -52,7 +53,8 @@ struct ServiceManagerPlatform {
   KernelExtensionsPlatform workersExtensions;
   std::function<void(platform::RunLoop::Callback work)> onExtensionWorker;
   ProcessOwner owner;
-  const SettingsClientFactories& settingsClientFactories;
+  const SettingsClientFactories& settingsClientFactories;  // for reports
+  SettingsWorker settingsWorker;
   // Makes the health record of a product that keeps one; may return null.
   std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
   platform::XPC& xpc;

@@ -124,7 +124,7 @@ class ServiceManagerFixture : public SupervisedMachine {
     factories_.add(prefix + "SettingsClientWithDelegate:",
                    [this, prefix](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
                      ++clientsMade_;
-                     return std::make_unique<FakeSettingsClient>(settings_[prefix]);
+                     return std::make_unique<FakeSettingsClient>(settings_[prefix], &forgetCalls_);
                    });
     return settings_[prefix];
   }
@@ -205,6 +205,9 @@ class ServiceManagerFixture : public SupervisedMachine {
             [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
             owner_,
             factories_,
+            {[this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
+             {loop_, connections_, *center_, notificationCenter_, protocols_, system_},
+             factories_},
             [this]() -> std::unique_ptr<ServiceHealth> {
               if (keepsHealthRecord_) return makeHealthInfo();
               return std::make_unique<FakeServiceHealth>(reports_);
@@ -276,6 +279,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   int askedOnAnotherThread_ = 0;  // with factories of the calling thread
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;
+  int forgetCalls_ = 0;  // of their clients
   std::function<void()> jobHostReturned_;
   // The product keeps a health record: a fake one, or the real one.
   bool hasHealthRecord_ = false;

@@ -1,9 +1,12 @@
 // The service manager daemon. It has no options: Service.plist in its bundle lists the services,
 // and etc/vantor/platform.plist of the platform root describes the system.
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -34,6 +37,7 @@
 #include "Platform/Linux/SystemFacts/DevRandom.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/DistributedNotificationCenter.h"
 #include "Platform/Notifications/NotificationCenter.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
@@ -59,6 +63,63 @@ void askSettingsOnThisThread(platform::LinuxPlatform& linux,
                            ask);
 }
 
+// How long the program waits for each of its workers at its end. A server or an extension that
+// hangs must not hold it up.
+constexpr std::chrono::milliseconds kWorkersEnd{500};
+
+// The clients of settings servers, for one thread that may wait for them.
+class SettingsClientsWorker {
+ public:
+  SettingsClientsWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                        const platform::ProtocolTable& protocols)
+      : thread_(thread) {
+    std::promise<void> made;
+    thread_.loop().post([&] {
+      vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
+      parts_.emplace(thread_.loop(), linux, protocols);
+      made.set_value();
+    });
+    thread_.run([this] { parts_.reset(); });
+    made.get_future().wait();
+  }
+  SettingsClientsWorker(const SettingsClientsWorker&) = delete;
+  SettingsClientsWorker& operator=(const SettingsClientsWorker&) = delete;
+
+  SettingsWorker worker() {
+    return {.perform = [&loop = thread_.loop()](
+                           platform::RunLoop::Callback work) { loop.post(std::move(work)); },
+            .objects = parts_->objects,
+            .factories = parts_->factories};
+  }
+
+ private:
+  // They are made and end on the thread.
+  struct Parts {
+    Parts(platform::AsioRunLoop& loop, platform::LinuxPlatform& linux,
+          const platform::ProtocolTable& protocols)
+        : transport(loop),
+          connections(loop, transport, center, linux.systemLog,
+                      [&linux](std::string_view name) {
+                        return platform::pathOfConnection(linux.configuration.root, name);
+                      }),
+          distributedCenter(platform::makeBusNotificationCenter(
+              loop, platform::notificationBusAddress(linux.configuration), linux.systemLog)),
+          objects{loop,   connections, *distributedCenter,
+                  center, protocols,   linux.systemInformation} {
+      addSettingsClientFactories(factories, objects);
+    }
+    platform::NotificationCenter center;
+    platform::DBusPeerTransport transport;
+    platform::NamedConnections connections;
+    std::unique_ptr<platform::DistributedNotificationCenter> distributedCenter;
+    VantorDistantObject::Environment objects;
+    SettingsClientFactories factories;
+  };
+
+  platform::LoopThread& thread_;
+  std::optional<Parts> parts_;
+};
+
 // The extensions of the platform, for one thread that may wait for them.
 class ExtensionWorker {
  public:
@@ -80,7 +141,6 @@ class ExtensionWorker {
   }
   ExtensionWorker(const ExtensionWorker&) = delete;
   ExtensionWorker& operator=(const ExtensionWorker&) = delete;
-  ~ExtensionWorker() { thread_.stop(); }
 
   KernelExtensionsPlatform platform() { return {extensions_, controls_, tasks_, root_}; }
   void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
@@ -154,6 +214,10 @@ int main(int argc, char** argv) {
   const auto extensionThread = platform::LoopThread::create();
   if (!extensionThread) return fail(extensionThread.error());
   ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
+  // So does all that waits for a settings server.
+  const auto settingsThread = platform::LoopThread::create();
+  if (!settingsThread) return fail(settingsThread.error());
+  SettingsClientsWorker settingsWorker(**settingsThread, linux, protocols);
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
@@ -175,6 +239,7 @@ int main(int argc, char** argv) {
           [&](platform::RunLoop::Callback work) { extensionWorker.perform(std::move(work)); },
       .owner = {::getuid(), ::geteuid(), ::getgid()},
       .settingsClientFactories = settingsClientFactories,
+      .settingsWorker = settingsWorker.worker(),
       .makeHealthInfo =
           [&] {
             return std::make_unique<ORBServiceManagerHealthInfo>(
@@ -195,6 +260,10 @@ int main(int argc, char** argv) {
               [&] { return std::make_unique<ORBServiceManager>(serviceManagerPlatform); });
   platform::BackgroundServiceHost backgroundHost{loop, linux.terminationSignals, linux.readiness,
                                                  classes};
-  return platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv,
-                                           backgroundHost);
+  const int status =
+      platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
+  const bool haveEnded =
+      (*settingsThread)->stopWithin(kWorkersEnd) && (*extensionThread)->stopWithin(kWorkersEnd);
+  if (!haveEnded) std::exit(status);  // Without the destructors, which would wait.
+  return status;
 }

@@ -10,15 +10,26 @@ Result<std::unique_ptr<LoopThread>> LoopThread::create() {
   return std::unique_ptr<LoopThread>(new LoopThread(std::move(*loop)));
 }
 
-LoopThread::~LoopThread() { stop(); }
-
-void LoopThread::run() {
-  thread_ = std::thread([this] { loop_->run(); });
+LoopThread::~LoopThread() {
+  if (!thread_.joinable()) return;
+  loop_->post([this] { loop_->stop(); });
+  thread_.join();
 }
 
-void LoopThread::stop() {
-  loop_->stop();
-  if (thread_.joinable()) thread_.join();
+void LoopThread::run(std::function<void()> atEnd) {
+  thread_ = std::thread([this, atEnd = std::move(atEnd)] {
+    loop_->run();
+    atEnd();
+    ended_.set_value();
+  });
+}
+
+bool LoopThread::stopWithin(Duration limit) {
+  if (!thread_.joinable()) return true;
+  loop_->post([this] { loop_->stop(); });
+  if (ended_.get_future().wait_for(limit) != std::future_status::ready) return false;
+  thread_.join();
+  return true;
 }
 
 }  // namespace platform

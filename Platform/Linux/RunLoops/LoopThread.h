@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -17,20 +19,23 @@ class LoopThread {
 
   LoopThread(const LoopThread&) = delete;
   LoopThread& operator=(const LoopThread&) = delete;
-  // stop().
+  // Waits like stopWithin(), without a limit.
   ~LoopThread();
 
   // The loop may be given to objects at once, and serves from run() on. Callbacks may be posted
   // from any thread.
   AsioRunLoop& loop() { return *loop_; }
-  void run();
-  // Waits for the callback that runs. Those that have not run are dropped with the loop.
-  void stop();
+  // `atEnd` is called on the thread when the loop has been stopped.
+  void run(std::function<void()> atEnd = [] {});
+  // Lets the callbacks run that have been posted before, and ends the thread. False if this takes
+  // longer: the thread goes on then, and the program can only leave it behind by exit().
+  [[nodiscard]] bool stopWithin(Duration limit);
 
  private:
   explicit LoopThread(std::unique_ptr<AsioRunLoop> loop) : loop_(std::move(loop)) {}
 
   std::unique_ptr<AsioRunLoop> loop_;
+  std::promise<void> ended_;
   std::thread thread_;
 };
 

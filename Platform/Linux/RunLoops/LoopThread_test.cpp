@@ -1,7 +1,10 @@
 #include "Platform/Linux/RunLoops/LoopThread.h"
 
+#include <chrono>
 #include <future>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -34,6 +37,26 @@ TEST(LoopThreadTest, ItsEndWaitsForTheCallbackThatRuns) {
   thread->reset();
   EXPECT_TRUE(hasEnded);
   other.join();
+}
+
+TEST(LoopThreadTest, PostsComeBeforeItsEnd) {
+  const auto thread = LoopThread::create();
+  ASSERT_TRUE(thread);
+  std::vector<std::string> ran;
+  (*thread)->run([&] { ran.emplace_back("end"); });
+  (*thread)->loop().post([&] { ran.emplace_back("post"); });
+  EXPECT_TRUE((*thread)->stopWithin(std::chrono::minutes(1)));
+  EXPECT_EQ(ran, (std::vector<std::string>{"post", "end"}));
+}
+
+TEST(LoopThreadTest, OneThatIsBusyIsNotWaitedFor) {
+  auto thread = LoopThread::create();
+  ASSERT_TRUE(thread);
+  std::promise<void> mayEnd;
+  (*thread)->loop().post([mayEndNow = mayEnd.get_future()]() mutable { mayEndNow.wait(); });
+  (*thread)->run();
+  EXPECT_FALSE((*thread)->stopWithin(std::chrono::milliseconds(1)));
+  mayEnd.set_value();
 }
 
 TEST(LoopThreadTest, OneThatNeverRanEndsToo) { EXPECT_TRUE(LoopThread::create()); }

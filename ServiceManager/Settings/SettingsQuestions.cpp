@@ -1,0 +1,108 @@
+#include "ServiceManager/Settings/SettingsQuestions.h"
+
+#include <utility>
+
+using namespace platform;
+
+// The clients of the servers, on the worker's thread.
+struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
+  explicit Clients(const Environment& environment, std::weak_ptr<int> isAlive)
+      : onMain(environment.onMain),
+        onRestart(environment.onRestart),
+        ownerIsAlive(std::move(isAlive)),
+        sources(environment.worker.factories, environment.withFactoriesOfThisThread, *this) {}
+
+  void globalSettingsServerDidRestart(SettingsClient& /*client*/) override {
+    onMain([onRestart = onRestart, ownerIsAlive = ownerIsAlive] {
+      if (!ownerIsAlive.expired()) onRestart();
+    });
+  }
+
+  const std::function<void(RunLoop::Callback)> onMain;
+  const std::function<void()> onRestart;
+  const std::weak_ptr<int> ownerIsAlive;
+  SettingsSources sources;
+  std::unique_ptr<VantorDistantObject> primaryService;
+};
+
+SettingsQuestions::SettingsQuestions(Environment environment)
+    : environment_(std::move(environment)),
+      clients_(std::make_shared<Clients>(environment_, isAlive_)) {}
+
+// The clients belong to the worker, so they end there.
+SettingsQuestions::~SettingsQuestions() {
+  environment_.worker.perform([clients = std::move(clients_)] {});
+}
+
+template <class Answer>
+void SettingsQuestions::ask(std::move_only_function<Answer(Clients& clients)> question,
+                            std::move_only_function<void(Answer)> answer) {
+  environment_.worker.perform([clients = clients_, isAlive = std::weak_ptr(isAlive_),
+                               onMain = environment_.onMain, question = std::move(question),
+                               answer = std::move(answer)]() mutable {
+    onMain([isAlive, answer = std::move(answer), result = question(*clients)]() mutable {
+      if (!isAlive.expired()) answer(std::move(result));
+    });
+  });
+}
+
+void SettingsQuestions::valuesOf(std::vector<Setting> settings,
+                                 std::move_only_function<void(Values)> answer) {
+  struct Found {
+    Values values;
+    std::map<std::string, bool> sources;
+  };
+  ask<Found>(
+      [settings = std::move(settings)](Clients& clients) {
+        Found found;
+        for (const Setting& setting : settings) {
+          SettingsClient* client = nullptr;
+          if (setting.source) {
+            client = clients.sources.configurationWithSelectorPrefix(*setting.source);
+            found.sources[*setting.source] = client != nullptr;
+          }
+          Value value = client && setting.key ? client->objectForKey(*setting.key) : Value();
+          // An object of the server belongs to the connection, and so to the worker.
+          found.values.push_back(value.remoteObject() ? Value() : std::move(value));
+        }
+        return found;
+      },
+      [this, answer = std::move(answer)](Found found) mutable {
+        askedSources_.merge(found.sources);
+        answer(std::move(found.values));
+      });
+}
+
+void SettingsQuestions::makePrimaryServiceClient(const char* server, const char* protocol,
+                                                 const char* startNotification) {
+  environment_.worker.perform([=, clients = clients_, objects = environment_.worker.objects] {
+    clients->primaryService =
+        std::make_unique<VantorDistantObject>(objects, server, protocol, startNotification);
+  });
+}
+
+void SettingsQuestions::isPrimaryServiceUp(std::move_only_function<void(bool)> answer) {
+  ask<bool>(
+      [](Clients& clients) {
+        return clients.primaryService &&
+               clients.primaryService->sendMessage("isServerUp") == Value(true);
+      },
+      std::move(answer));
+}
+
+void SettingsQuestions::primaryServiceDidStart() {
+  environment_.worker.perform([clients = clients_] {
+    if (clients->primaryService) clients->primaryService->serverDidStart({});
+  });
+}
+
+void SettingsQuestions::forgetConnections() {
+  environment_.worker.perform([clients = clients_] {
+    if (clients->primaryService) clients->primaryService->serverDidStart({});
+    clients->sources.forgetConnections();
+  });
+}
+
+Value SettingsQuestions::getLastLoggedInUserHomeDirectory() const {
+  return clients_->sources.getLastLoggedInUserHomeDirectory();
+}
