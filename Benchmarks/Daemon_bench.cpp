@@ -20,6 +20,7 @@
 #include "Benchmarks/ProductProgram.h"
 #include "Benchmarks/RawEcho.h"
 #include "Benchmarks/RealDaemon.h"
+#include "Benchmarks/TurnUntil.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Logger/Logger.h"
 #include "Platform/Files/Bundle.h"
@@ -71,7 +72,7 @@ const bool kAdded[] = {
 
 // The daemon's class in this process, on the real platform, so that a single evaluation can be
 // timed. It is started, in normal mode, with a catalogue of this many core services, none of which
-// runs yet. Its run loop does not run, so the caller starts the first evaluation.
+// runs yet. Its run loop runs only in evaluate(), so the caller starts the first evaluation.
 class DaemonInProcess {
  public:
   explicit DaemonInProcess(int services) {
@@ -94,8 +95,14 @@ class DaemonInProcess {
         .protocols = protocols_,
         .mainBundle = bundle_,
         .extensions = {extensions_, controls_, linux_->tasks, root_.path()},
+        .workersExtensions = {extensions_, controls_, linux_->tasks, root_.path()},
+        .onExtensionWorker = [this](RunLoop::Callback work) { post(std::move(work)); },
         .owner = {},
         .settingsClientFactories = factories_,
+        .settingsWorker = {[this](RunLoop::Callback work) { post(std::move(work)); },
+                           {*linux_->runLoop, connections_, root_.center(),
+                            linux_->notificationCenter, protocols_, linux_->systemInformation},
+                           factories_},
         .makeHealthInfo = [] { return nullptr; },
         .xpc = xpc_.xpc,
         .attributes = attributes_,
@@ -103,6 +110,14 @@ class DaemonInProcess {
         .withSettingsOfThisThread = [](const auto&) {},
     });
     manager_->backgroundServiceDidFinishLaunching({});
+    turnUntil(*linux_->runLoop,
+              [this] { return manager_->operatingMode() == ORBOperatingModeNormal; });
+  }
+
+  // Serves the loop until the evaluation has ended.
+  void evaluate() {
+    manager_->evaluateSystemConfiguration();
+    turnUntil(*linux_->runLoop, [this] { return !manager_->isEvaluating(); });
   }
 
   const std::vector<std::string>& labels() const { return labels_; }
@@ -117,6 +132,8 @@ class DaemonInProcess {
   }
 
  private:
+  void post(RunLoop::Callback work) { linux_->runLoop->post(std::move(work)); }
+
   // The primary service is the first measured one, not the configuration server.
   Dictionary catalogue() const {
     Dictionary entries;
@@ -220,12 +237,12 @@ class Pinned {
 
 void evaluationSubject(benchmark::State& state) {
   DaemonInProcess daemon(kManyServices);
-  daemon.manager().evaluateSystemConfiguration();
+  daemon.evaluate();
   if (!daemon.allAreWatched()) return state.SkipWithError("not all services run");
   const Pinned pinned(daemon.hostProcess());
   for (auto _ : state) {
     const auto start = Clock::now();
-    daemon.manager().evaluateSystemConfiguration();
+    daemon.evaluate();
     state.SetIterationTime(since(start) / kManyServices);
   }
 }
@@ -233,7 +250,7 @@ BENCHMARK(evaluationSubject)->Name("daemon-evaluation/subject")->UseManualTime()
 
 void evaluationBaseline(benchmark::State& state) {
   DaemonInProcess daemon(kFewServices);
-  daemon.manager().evaluateSystemConfiguration();
+  daemon.evaluate();
   if (!daemon.allAreWatched()) return state.SkipWithError("not all services run");
   const Pinned pinned(daemon.hostProcess());
   const std::string& label = daemon.labels().back();
@@ -257,6 +274,7 @@ class FakeMachineDaemon : public ServiceManagerFixture {
 
   void evaluate() {
     manager().evaluateSystemConfiguration();
+    loop_.runReady();
     queues_.runPending();
     logSink_.take();
   }
@@ -289,7 +307,7 @@ void startSubject(benchmark::State& state) {
   for (auto _ : state) {
     DaemonInProcess daemon(kManyServices);
     const auto start = Clock::now();
-    daemon.manager().evaluateSystemConfiguration();
+    daemon.evaluate();
     state.SetIterationTime(since(start));
     if (!daemon.allAreWatched()) return state.SkipWithError("not all services run");
   }

@@ -10,6 +10,7 @@
 
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/ProductProgram.h"
+#include "Benchmarks/TurnUntil.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "JobHost/JobHost.h"
@@ -97,14 +98,14 @@ void serveJobs(const TemporaryFolder& root, int started) {
 }
 
 // The daemon with its services running, beside a settings server, a status server and a job host.
-// Its run loop does not run, so it serves no clients and evaluates only when evaluate() is called.
+// Its run loop runs only in evaluate(), so it evaluates only then.
 class Bed {
  public:
   Bed() {
     if (!settingsServer_.started() || !statusServer_.started() || !jobHost_.started()) return;
     install();
     manager_.backgroundServiceDidFinishLaunching({});
-    manager_.evaluateSystemConfiguration();  // From now on all services run and are watched.
+    evaluate();  // From now on all services run and are watched.
     client_ = KLXGlobalSettingsClient::commonSettingsClientWithDelegate(environment(), nullptr);
     isReady_ = manager_.isServiceBeingTrackedForRespawn(labelOf(kServices - 1)) &&
                client_->objectForKey(keyOf(0)) == Value(1);
@@ -119,7 +120,13 @@ class Bed {
   }
 
   bool isReady() const { return isReady_; }
-  void evaluate() { manager_.evaluateSystemConfiguration(); }
+  // Serves the loop until the evaluation has ended.
+  void evaluate() {
+    turnUntil(*program_.loop,
+              [this] { return manager_.operatingMode() == ORBOperatingModeNormal; });
+    manager_.evaluateSystemConfiguration();
+    turnUntil(*program_.loop, [this] { return !manager_.isEvaluating(); });
+  }
   void askTheSame() {
     for (int i = 0; i < kServices; ++i) {
       for (int key = 0; key < kSwitches; ++key) {
@@ -189,8 +196,12 @@ class Bed {
             program_.protocols,
             bundle_,
             {extensions_, controls_, tasks_, "/"},
+            {extensions_, controls_, tasks_, "/"},
+            [this](RunLoop::Callback work) { program_.loop->post(std::move(work)); },
             {},
             factories_,
+            {[this](RunLoop::Callback work) { program_.loop->post(std::move(work)); },
+             environment(), factories_},
             [] { return nullptr; },
             xpc_.xpc,
             attributes_,
