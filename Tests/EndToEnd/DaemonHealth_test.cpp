@@ -88,10 +88,10 @@ TEST_F(DaemonHealth, ACrashLoopIsUnhealthyForOneSummary) {
   EXPECT_EQ(summary(), healthy);
 }
 
-TEST_F(DaemonHealth, AHundredForcedStopsAreCountedExactly) {
-  for (int i = 1; i <= 100 && !HasFailure(); ++i) {
+// The job host makes pauses between them, which grow to a second.
+TEST_F(DaemonHealth, EachForcedStopOfACrashLoopIsCounted) {
+  for (int i = 1; i <= 10 && !HasFailure(); ++i) {
     crash(kA);
-    if (i % 10 != 0) continue;
     EXPECT_EQ(crashesOf(kA), Value(i));
   }
 }
