@@ -31,9 +31,26 @@ TEST_F(DaemonKernelExtensions, AnExtensionThatStaysTooOldFails) {
   expectUseless("<key>ControlVersion</key><integer>4</integer>");
   // Five seconds later the service that needs it is evaluated again, and no other.
   root_.awaitLog("Evaluating service: " + DaemonRoot::label(0) + "\n", 2);
+  EXPECT_TRUE(UserInterfaceClient(root_).ask("services"));
+  EXPECT_TRUE(runs(1) && runs(2));
 }
 
-// The daemon blocks again and again meanwhile, so only the log shows what it does.
+class DaemonKernelExtensionsLong : public DaemonKernelExtensions {};
+
+// Each evaluation of the service tries the extension again. These tries must not add up.
+TEST_F(DaemonKernelExtensionsLong, AnExtensionThatStaysTooOldHoldsUpNobody) {
+  expectUseless("<key>ControlVersion</key><integer>4</integer>");
+  const std::string evaluated = "Evaluating service: " + DaemonRoot::label(0) + "\n";
+  const std::size_t before = root_.logCount(evaluated);
+  for (std::size_t round = 1; round <= 5; ++round) {
+    root_.awaitLog(evaluated, before + round);
+    UserInterfaceClient client(root_);
+    for (int question = 0; question < 20; ++question) EXPECT_TRUE(client.ask("services"));
+    EXPECT_LE(root_.logCount(evaluated), before + round + 1);
+  }
+  EXPECT_TRUE(runs(1) && runs(2));
+}
+
 TEST_F(DaemonKernelExtensions, AnExtensionThatNeverListensFailsInTime) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther, "<key>ControlIsDeaf</key><true/>");
