@@ -22,13 +22,16 @@ namespace {
 using namespace platform;
 
 constexpr double kAllowedDelay = 0.05;  // seconds that the operator may wait longer
-constexpr int kRoundsForEachStop = 10;
+constexpr int kRoundsForEachStop = 9;   // Another service is stopped each time.
 constexpr useconds_t kPause = 100'000;  // so that each service runs for over a second
 
 const bool kAdded[] = {
     atMost({"storm-list-p99", 1,
             "`list` in a storm, the 99th percentile / on a quiet machine, + 50 ms"}),
     atMost({"storm-explain-p99", 1, "`explain` of a healthy service, the same"}),
+    atMost({"storm-explain-switch", 1,
+            "the slowest `explain` of a service whose settings server is stopped / on a quiet "
+            "machine, + 50 ms"}),
     atMost({"storm-restart", 1.5,
             "SIGKILL of a healthy service to its client told of the new process, the median / the "
             "same on a quiet machine"}),
@@ -47,6 +50,7 @@ double stormSeconds() {
 struct Figures {
   std::vector<double> list;
   std::vector<double> explain;
+  std::vector<double> explainSwitch;
   std::vector<double> restart;
   std::vector<double> stop;
   double sigterm = 0;
@@ -69,6 +73,8 @@ void measureRound(Storm& storm, int round, Figures& figures) {
   if (round % kRoundsForEachStop == 0) {
     figures.stop.push_back(secondsOf(storm.control({"stop", label}, label + " is stopped.\n")));
     storm.control({"start", label}, label);
+    figures.explainSwitch.push_back(
+        secondsOf(storm.control({"explain", Storm::kSwitched}, Storm::kSwitched)));
   }
 }
 
@@ -129,6 +135,10 @@ const bool kRegistered = [] {
   addGroup(
       "storm-explain-p99", [] { return percentile(inStorm().explain, 99); }, &onQuietMachine,
       [] { return percentile(onQuietMachine().explain, 99) + kAllowedDelay; });
+  addGroup(
+      "storm-explain-switch", [] { return percentile(inStorm().explainSwitch, 100); },
+      &onQuietMachine,
+      [] { return percentile(onQuietMachine().explainSwitch, 100) + kAllowedDelay; });
   addGroup(
       "storm-restart", [] { return percentile(inStorm().restart, 50); }, &onQuietMachine,
       [] { return percentile(onQuietMachine().restart, 50); });

@@ -53,6 +53,8 @@ TEST_F(DaemonStormLong, HoldsUpNeitherOperatorNorHealthyServices) {
               std::size_t{Storm::kSilentClients});
   }
 
+  EXPECT_LT(storm_.control({"explain", Storm::kSwitched}, "its settings server gives no answer"),
+            kAnswerTime);
   const std::string stopped = Storm::healthy(0);
   EXPECT_LT(storm_.control({"stop", stopped}, stopped + " is stopped.\n"), kAnswerTime);
   EXPECT_EQ(storm_.root().processOf(stopped), 0);

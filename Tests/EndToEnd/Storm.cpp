@@ -85,9 +85,9 @@ Dictionary Storm::catalogue() const {
     services.set(label, std::move(service));
   }
   // Each evaluation asks the settings server for its switch.
-  Dictionary switched = DaemonRoot::service("com.vantor.test.switched");
+  Dictionary switched = DaemonRoot::service(kSwitched);
   switched.set("Features", Array{"feature"});
-  services.set("com.vantor.test.switched", std::move(switched));
+  services.set(kSwitched, std::move(switched));
   catalogue.set("Services", std::move(services));
   const Dictionary switches{{"Source", "common"}, {"Switches", Dictionary{{"on", 1}}}};
   catalogue.set("Features", Dictionary{{"feature", Dictionary{{"Config", Array{switches}}}}});

@@ -36,6 +36,8 @@ class Storm {
   static std::string crashing(int number);
   static constexpr char kNeedsMissing[] = "com.vantor.test.needs.missing";
   static constexpr char kNeedsDeaf[] = "com.vantor.test.needs.deaf";
+  // Its switch is at the settings server.
+  static constexpr char kSwitched[] = "com.vantor.test.switched";
 
   // The operator's command: it is expected to succeed with this text in its output. Returns the
   // time that it took.
