@@ -24,10 +24,11 @@ void ORBServiceManager::setMode(std::int64_t mode) {
 }
 
 // An event that changes the mode asks by itself, or waits for another one.
-void ORBServiceManager::askWhetherPrimaryServiceIsUp(std::move_only_function<void(bool)> answer) {
+void ORBServiceManager::askWhetherPrimaryServiceIsUp(
+    std::move_only_function<void(std::optional<bool>)> answer) {
   settings_.isPrimaryServiceUp(
       [this, changes = modeChanges_, answer = std::move(answer)](bool isUp) mutable {
-        if (changes == modeChanges_) answer(isUp);
+        answer(changes == modeChanges_ ? std::optional(isUp) : std::nullopt);
       });
 }
 
@@ -36,11 +37,11 @@ void ORBServiceManager::evaluateWaitingForPrimaryServiceOperatingMode(Completion
     if (then) then();
     return;
   }
-  askWhetherPrimaryServiceIsUp([this, then = std::move(then)](bool isUp) mutable {
-    if (operatingMode_ == ORBOperatingModeNormal) {
+  askWhetherPrimaryServiceIsUp([this, then = std::move(then)](std::optional<bool> isUp) mutable {
+    if (isUp == false && operatingMode_ == ORBOperatingModeNormal) {
       // The job host starts it again, not the watchdog.
-      if (!isUp) setMode(ORBOperatingModeWaitingForPrimaryService);
-    } else if (isUp) {
+      setMode(ORBOperatingModeWaitingForPrimaryService);
+    } else if (isUp == true && operatingMode_ == ORBOperatingModeWaitingForPrimaryService) {
       setMode(ORBOperatingModeNormal);
       evaluateSystemConfiguration();
     }

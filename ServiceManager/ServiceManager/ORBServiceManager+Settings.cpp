@@ -25,8 +25,8 @@ void ORBServiceManager::handleGlobalSettingsServerDidStart(
   // The client observes this notification, too, but perhaps after us. Until it knows that the
   // server is a new one, it does not call a server that hung lately.
   settings_.primaryServiceDidStart();
-  askWhetherPrimaryServiceIsUp([this](bool isUp) {
-    if (!isUp) return;
+  askWhetherPrimaryServiceIsUp([this](std::optional<bool> isUp) {
+    if (isUp != true) return;
     vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
     if (operatingMode_ == ORBOperatingModeInstaller) return;
     // Its settings may have changed, so everything is evaluated again, also from normal mode.
@@ -120,14 +120,16 @@ bool ORBServiceManager::evaluateServices() {
 void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
   isInstallerAtWork_ = false;
   setMode(ORBOperatingModeNormal);
-  askWhetherPrimaryServiceIsUp([this](bool isUp) {
-    if (!isUp) {
-      setMode(ORBOperatingModeWaitingForPrimaryService);
-      enforceRunningForService(primaryLabel(), nullptr);
+  askWhetherPrimaryServiceIsUp([this](std::optional<bool> isUp) {
+    if (isUp == true) {
+      timers_.performAfterDelay({"evaluate"}, kInstallerEvaluationDelay,
+                                [this] { evaluateSystemConfiguration(); });
       return;
     }
-    timers_.performAfterDelay({"evaluate"}, kInstallerEvaluationDelay,
-                              [this] { evaluateSystemConfiguration(); });
+    if (isUp == false) setMode(ORBOperatingModeWaitingForPrimaryService);
+    // Without an answer, the primary service may have announced its end meanwhile.
+    if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
+      enforceRunningForService(primaryLabel(), nullptr);
   });
 }
 

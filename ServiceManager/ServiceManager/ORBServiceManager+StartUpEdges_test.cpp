@@ -57,6 +57,25 @@ TEST_F(StartUpEdgesTest, AServerThatHungFirstIsNoticedAtOnce) {
   EXPECT_EQ(countInLog("Evaluating the system configuration"), 1u);
 }
 
+// The server's answer is on its way when its end is announced.
+TEST_F(StartUpEdgesTest, AServerThatEndsDuringTheStartIsStartedAgain) {
+  startConfigurationServer();
+  manager().backgroundServiceDidFinishLaunching({});
+  manager().handleGlobalSettingsServerWillShutdown({});
+  loop_.runReady();
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
+TEST_F(StartUpEdgesTest, AnInstallerDuringTheStartIsLeftAlone) {
+  startConfigurationServer();
+  manager().backgroundServiceDidFinishLaunching({});
+  manager().shutdownServices({}, {});
+  loop_.advanceBy(std::chrono::seconds(1));
+  EXPECT_EQ(manager().operatingMode(), kInstaller);
+  EXPECT_FALSE(isRunning(kPrimary));
+}
+
 TEST_F(StartUpEdgesTest, AServerThatHungLaterIsNoticedAtOnce) {
   startConfigurationServer();
   start();

@@ -259,13 +259,15 @@ void ORBServiceManager::makePrimaryServiceClient() {
 // Evaluates nothing until the configuration server has answered.
 void ORBServiceManager::evaluateForTheFirstTime() {
   setMode(ORBOperatingModeWaitingForPrimaryService);
-  askWhetherPrimaryServiceIsUp([this](bool isUp) {
-    if (isUp) {
+  askWhetherPrimaryServiceIsUp([this](std::optional<bool> isUp) {
+    if (isUp == true) {
       setMode(ORBOperatingModeNormal);
       timers_.performAfterDelay({"evaluate"}, kFirstEvaluationDelay,
                                 [this] { evaluateSystemConfiguration(); });
       return;
     }
+    // Without an answer, the primary service may have announced its end meanwhile.
+    if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
     vantorlogger2_line(ASL_LEVEL_DEBUG, "Evaluating primary service");
     enforceRunningForService(primaryLabel(), nullptr);
   });

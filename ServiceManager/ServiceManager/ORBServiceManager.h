@@ -297,8 +297,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void announceStartUpError(std::string_view error, std::string_view description);
 
   void setMode(std::int64_t mode);
-  // Asks, and drops the answer if the mode has changed meanwhile.
-  void askWhetherPrimaryServiceIsUp(std::move_only_function<void(bool isUp)> answer);
+  // Asks. Nothing is answered if the mode has changed meanwhile.
+  void askWhetherPrimaryServiceIsUp(std::move_only_function<void(std::optional<bool> isUp)> answer);
   EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
   void evaluateOtherServices(const ServiceCatalogue& catalogue, const std::string& primary);
