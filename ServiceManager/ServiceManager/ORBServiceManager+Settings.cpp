@@ -1,4 +1,5 @@
 #include <chrono>
+#include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/NamedConnections/NamedConnections.h"
@@ -22,10 +23,22 @@ Value setOfLabels(const std::set<std::string>& labels) {
 
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
     const DistributedNotification& /*notification*/) {
+  // A question that is under way stands for all notices that come meanwhile, but its answer may be
+  // older than they are, so it is asked once more then.
+  if (isAskedAboutStart_) {
+    hasStartedSince_ = true;
+    return;
+  }
+  isAskedAboutStart_ = true;
   // The client observes this notification, too, but perhaps after us. Until it knows that the
   // server is a new one, it does not call a server that hung lately.
   settings_.primaryServiceDidStart();
   askWhetherPrimaryServiceIsUp([this](std::optional<bool> isUp) {
+    isAskedAboutStart_ = false;
+    if (std::exchange(hasStartedSince_, false)) {
+      handleGlobalSettingsServerDidStart({});
+      return;
+    }
     if (isUp != true) return;
     vantorlogger2_line(ASL_LEVEL_DEBUG, "Primary service did start and ready to handle requests");
     if (operatingMode_ == ORBOperatingModeInstaller) return;
@@ -107,7 +120,7 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   timers_.startSettingsChangeTimer([this] { evaluateSystemConfiguration(); });
 }
 
-void ORBServiceManager::globalSettingsServerDidRestart() { evaluateSystemConfiguration(); }
+void ORBServiceManager::globalSettingsServerDidRestart() { evaluateSystemConfigurationLater(); }
 
 bool ORBServiceManager::evaluateServices() {
   if (healthInfo_) healthInfo_->reportInstallerEventFinished();

@@ -34,6 +34,16 @@ class SettingsTest : public ServiceManagerFixture {
   }
 };
 
+// A server that announces its start again and again costs one question at a time.
+TEST_F(SettingsTest, AnnouncementsDuringAQuestionAreOneMoreQuestion) {
+  startConfigurationServer();
+  for (int i = 0; i < 10; ++i) manager().handleGlobalSettingsServerDidStart({});
+  loop_.runReady();
+  EXPECT_EQ(countInLog("Primary service did start and ready to handle requests"), 1u);
+  EXPECT_EQ(evaluations(), 1u);
+  EXPECT_EQ(configurationServer_.questions, 3);  // Two about the start, one of the evaluation.
+}
+
 // The primary service's notices, in each mode.
 
 class StartNoticeTest : public SettingsTest, public testing::WithParamInterface<std::int64_t> {};
@@ -273,8 +283,9 @@ TEST_F(SettingsTest, AChangeWithoutAKeyIsEvaluated) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
-TEST_F(SettingsTest, ASettingsServerThatRestartedIsEvaluatedAtOnce) {
-  manager().globalSettingsServerDidRestart();
+TEST_F(SettingsTest, RestartsOfSettingsServersAreOneEvaluation) {
+  for (int server = 0; server < 8; ++server) manager().globalSettingsServerDidRestart();
+  loop_.runReady();
   EXPECT_EQ(evaluations(), 1u);
 }
 

@@ -320,6 +320,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
   std::uint64_t modeChanges_ = 0;
+  // After an announcement of the primary service's start.
+  bool isAskedAboutStart_ = false;
+  bool hasStartedSince_ = false;
   // The mode does not hold this: the end of the primary service changes the mode, too, and the
   // installer may be replacing that service.
   bool isInstallerAtWork_ = false;

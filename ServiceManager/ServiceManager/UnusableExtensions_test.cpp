@@ -62,6 +62,24 @@ TEST_F(UnusableExtensionsTest, OneThatIsTooOldStopsNoOtherService) {
   }
 }
 
+// The service runs when the daemon comes, and its extension is too old. Unloading costs it its job.
+TEST_F(UnusableExtensionsTest, AServiceRunsAgainAfterItsExtensionWasReloaded) {
+  startConfigurationServer();
+  evaluate();
+  ASSERT_TRUE(isRunning(kHelper));
+  restart();  // The new daemon knows nothing of the extensions.
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  evaluate();
+  loop_.advanceBy(1s);
+  EXPECT_TRUE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kAgent));
+  loop_.advanceBy(1min);
+  EXPECT_TRUE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kHelper));
+}
+
 // A service is stopped while its extension is being loaded: the load goes on, the service does not.
 TEST_F(UnusableExtensionsTest, AStopDuringTheLoadIsNotUndone) {
   startConfigurationServer();

@@ -213,10 +213,10 @@ int main(int argc, char** argv) {
   // All that waits for an extension does so on a thread of its own, with a connection of its own.
   const auto extensionThread = platform::LoopThread::create();
   if (!extensionThread) return fail(extensionThread.error());
-  ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
   // So does all that waits for a settings server.
   const auto settingsThread = platform::LoopThread::create();
   if (!settingsThread) return fail(settingsThread.error());
+  ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
   SettingsClientsWorker settingsWorker(**settingsThread, linux, protocols);
 
   const ServiceManagerPlatform serviceManagerPlatform{

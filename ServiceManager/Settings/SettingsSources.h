@@ -9,8 +9,8 @@
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Platform/Values/Value.h"
 
-// The settings servers that the catalogue's features name as their "Source". Belongs to the main
-// thread but for getLastLoggedInUserHomeDirectory().
+// The settings servers that the catalogue's features name as their "Source". Belongs to the
+// thread of its factories but for getLastLoggedInUserHomeDirectory().
 class SettingsSources {
  public:
   // By the prefix that is the "Source"; null if making the client failed.

@@ -112,13 +112,14 @@ void ExtensionControl::act(const LoadPointer& load) {
 }
 
 void ExtensionControl::actOnWorker(const LoadPointer& load, Action action) {
-  environment_.onWorker(
-      [this, &loop = environment_.runLoop, isAlive = std::weak_ptr(isAlive_), load, action] {
-        const KextLoadingOutcome outcome = (load->work.*action)();
-        loop.post([this, isAlive, load, outcome] {
-          if (!isAlive.expired()) finish(load, outcome);
-        });
-      });
+  environment_.onWorker([this, &loop = environment_.runLoop, isAlive = std::weak_ptr(isAlive_),
+                         load, action]() mutable {
+    const KextLoadingOutcome outcome = (load->work.*action)();
+    // The worker keeps nothing of it: the rest belongs to the main thread.
+    loop.post([this, isAlive = std::move(isAlive), load = std::move(load), outcome] {
+      if (!isAlive.expired()) finish(load, outcome);
+    });
+  });
 }
 
 void ExtensionControl::finish(const LoadPointer& load, KextLoadingOutcome outcome) {
@@ -139,6 +140,7 @@ void ExtensionControl::finish(const LoadPointer& load, KextLoadingOutcome outcom
 
 // The services are stopped at every try, because one may have been started meanwhile.
 void ExtensionControl::stopServicesAndUnload(const LoadPointer& load) {
+  load->pause = nullptr;
   if (!load->deadline) load->deadline = environment_.runLoop.now() + kUnloadTime;
   load->stopped = environment_.catalogue.daemonsUsingKext(load->name);
   if (load->stopped.empty()) return actOnWorker(load, &ExtensionLoad::unload);

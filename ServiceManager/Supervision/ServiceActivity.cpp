@@ -26,11 +26,11 @@ ServiceTransition whileConfiguring(Event event) {
     case Event::kProgramIsDamaged:
       return {kIsRemoved, Step::kAbandonAndRemove};
     case Event::kCannotRun:
-      return {kNothing, Step::kEnd};
+      return {kNothing, Step::kProceed};
     case Event::kExtensionsAreDone:
-      return {kConfiguresExtensions, Step::kStart};
+      return {kConfiguresExtensions, Step::kProceed};
     case Event::kIsSubmitted:
-      return {kAwaitsProcess, Step::kAwaitProcess};
+      return {kAwaitsProcess, Step::kProceed};
     default:
       return {kConfiguresExtensions, Step::kIgnore};
   }
@@ -45,7 +45,7 @@ ServiceTransition whileAwaiting(Event event) {
       return {kIsRemoved, Step::kAbandonAndRemove};
     case Event::kProcessIsFound:
     case Event::kProcessIsNotFound:
-      return {kNothing, Step::kEnd};
+      return {kNothing, Step::kProceed};
     case Event::kJobHostReturns:
       return {kAwaitsProcess, Step::kLookForProcess};
     default:
@@ -61,7 +61,7 @@ ServiceTransition whileRemoving(ServiceActivity activity, Event event) {
     case Event::kStop:
       return {kIsRemoved, Step::kJoin};
     case Event::kJobIsRemoved:
-      if (activity == kIsRemoved) return {kNothing, Step::kEnd};
+      if (activity == kIsRemoved) return {kNothing, Step::kProceed};
       return {kConfiguresExtensions, Step::kEndAndCheck};
     default:
       return {activity, Step::kIgnore};

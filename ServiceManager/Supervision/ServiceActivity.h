@@ -22,22 +22,19 @@ enum class ServiceEvent {
   kProcessIsFound,     // and watched
   kProcessIsNotFound,  // after the last look for it
   kJobIsRemoved,       // or its removal has failed
-  kProcessHasEnded,    // a process that was watched
   kJobHostReturns,
 };
 
 // The reaction that the owner of the state owes to an event.
 enum class ServiceStep {
   kIgnore,
+  kProceed,           // with what has led to the event
   kCheck,             // release, program and extensions
   kJoin,              // the caller gets the result of what goes on
   kRemove,            // the job
   kAbandonAndRemove,  // the same; what went on has no result
-  kStart,             // submit the job, unless it runs
-  kAwaitProcess,
-  kLookForProcess,  // now, instead of at the next look
-  kEnd,             // callers get the result
-  kEndAndCheck,     // the same, and the service is made to run
+  kLookForProcess,    // now, instead of at the next look
+  kEndAndCheck,       // the same, and the service is made to run
 };
 
 struct ServiceTransition {

@@ -22,7 +22,6 @@ constexpr Event kEvents[] = {Event::kRun,
                              Event::kProcessIsFound,
                              Event::kProcessIsNotFound,
                              Event::kJobIsRemoved,
-                             Event::kProcessHasEnded,
                              Event::kJobHostReturns};
 
 // Every cell that does something. In all others the activity stays and the event is ignored.
@@ -35,20 +34,20 @@ const std::map<std::pair<ServiceActivity, Event>, ServiceTransition>& table() {
       {{kConfiguresExtensions, Event::kRun}, {kConfiguresExtensions, Step::kJoin}},
       {{kConfiguresExtensions, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kConfiguresExtensions, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
-      {{kConfiguresExtensions, Event::kCannotRun}, {kNothing, Step::kEnd}},
-      {{kConfiguresExtensions, Event::kExtensionsAreDone}, {kConfiguresExtensions, Step::kStart}},
-      {{kConfiguresExtensions, Event::kIsSubmitted}, {kAwaitsProcess, Step::kAwaitProcess}},
+      {{kConfiguresExtensions, Event::kCannotRun}, {kNothing, Step::kProceed}},
+      {{kConfiguresExtensions, Event::kExtensionsAreDone}, {kConfiguresExtensions, Step::kProceed}},
+      {{kConfiguresExtensions, Event::kIsSubmitted}, {kAwaitsProcess, Step::kProceed}},
 
       {{kAwaitsProcess, Event::kRun}, {kAwaitsProcess, Step::kJoin}},
       {{kAwaitsProcess, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kAwaitsProcess, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
-      {{kAwaitsProcess, Event::kProcessIsFound}, {kNothing, Step::kEnd}},
-      {{kAwaitsProcess, Event::kProcessIsNotFound}, {kNothing, Step::kEnd}},
+      {{kAwaitsProcess, Event::kProcessIsFound}, {kNothing, Step::kProceed}},
+      {{kAwaitsProcess, Event::kProcessIsNotFound}, {kNothing, Step::kProceed}},
       {{kAwaitsProcess, Event::kJobHostReturns}, {kAwaitsProcess, Step::kLookForProcess}},
 
       {{kIsRemoved, Event::kRun}, {kIsRemovedBeforeItRuns, Step::kJoin}},
       {{kIsRemoved, Event::kStop}, {kIsRemoved, Step::kJoin}},
-      {{kIsRemoved, Event::kJobIsRemoved}, {kNothing, Step::kEnd}},
+      {{kIsRemoved, Event::kJobIsRemoved}, {kNothing, Step::kProceed}},
 
       {{kIsRemovedBeforeItRuns, Event::kRun}, {kIsRemovedBeforeItRuns, Step::kJoin}},
       {{kIsRemovedBeforeItRuns, Event::kStop}, {kIsRemoved, Step::kJoin}},

@@ -62,12 +62,16 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
                                                   CompletionBlock withCompletionBlock) {
   if (environment_.catalogue.jobInfo(label).isNil()) return;
   const ServiceStep step = advance(label, ServiceEvent::kRun);
+  if (activityOf(label) == ServiceActivity::kAwaitsProcess) services_[label].isAskedAgain = true;
   if (withCompletionBlock) services_[label].blocks.push_back(std::move(withCompletionBlock));
   if (step == ServiceStep::kCheck) check(label);
 }
 
 void ServiceEnforcement::check(const std::string& label) {
-  services_[label].request = ++lastRequest_;
+  Service& service = services_[label];
+  service.request = ++lastRequest_;
+  service.isAskedAgain = false;
+  service.hasLostItsJob = false;
   const Value jobInfo = environment_.catalogue.jobInfo(label);
   const JobStatus known = environment_.jobs.status(label);
   if (!checkOSSupportForService(label)) {
@@ -93,26 +97,27 @@ void ServiceEnforcement::checkRunningService(const std::string& label, const Val
       "Configure and if necessary start any kexts which are associated with the already running "
       "service");
   const std::uint64_t request = services_[label].request;
-  environment_.extensions.startAssociatedSystemExtensions(label, [this, label, request,
-                                                                  known](bool areConfigured) {
-    if (!isCurrent(label, request)) return;
-    advance(label, ServiceEvent::kExtensionsAreDone);
-    if (areConfigured) {
-      awaitProcess(label, known, true);
-      return;
-    }
-    vantorlogger2_line(
-        ASL_LEVEL_DEBUG,
-        stringWithFormat("Failed to configure kext for already running service %@", label));
-    // An extension that had to be unloaded has cost the service its job. There is no process to
-    // look for then.
-    const bool isGone = environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent;
-    if (isGone) {
-      endUnready(label);
-    } else {
-      awaitProcess(label, known, false);
-    }
-  });
+  environment_.extensions.startAssociatedSystemExtensions(
+      label, [this, label, request, known](bool areConfigured) {
+        if (!isCurrent(label, request)) return;
+        advance(label, ServiceEvent::kExtensionsAreDone);
+        if (!areConfigured) {
+          vantorlogger2_line(
+              ASL_LEVEL_DEBUG,
+              stringWithFormat("Failed to configure kext for already running service %@", label));
+        }
+        // An extension that had to be unloaded has cost the service its job. It needs a new one
+        // then, and there is no process to look for.
+        if (!services_[label].hasLostItsJob) {
+          awaitProcess(label, known, areConfigured);
+        } else if (areConfigured) {
+          check(label);
+        } else {
+          reportUnready(label);
+          callBlocks(label);
+          end(label, ServiceEvent::kCannotRun);
+        }
+      });
 }
 
 void ServiceEnforcement::startStoppedService(const std::string& label, const Value& jobInfo,
@@ -200,11 +205,25 @@ void ServiceEnforcement::awaitProcess(const std::string& label, const JobStatus&
         } else {
           reportUnready(label);
         }
-        for (CompletionBlock& block : std::exchange(services_[label].blocks, {})) {
-          environment_.turns.add(std::move(block));
-        }
+        const bool isWantedAgain = !isWatched && services_[label].isAskedAgain;
+        callBlocks(label);
         end(label, isWatched ? ServiceEvent::kProcessIsFound : ServiceEvent::kProcessIsNotFound);
+        if (isWantedAgain) startIfLost(label);
       });
+}
+
+// A job that was lost while its process was looked for needs a new one. Without this, the requests
+// that joined the search would have asked in vain.
+void ServiceEnforcement::startIfLost(const std::string& label) {
+  if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) {
+    enforceRunningForService(label, {});
+  }
+}
+
+void ServiceEnforcement::callBlocks(const std::string& label) {
+  for (CompletionBlock& block : std::exchange(services_[label].blocks, {})) {
+    environment_.turns.add(std::move(block));
+  }
 }
 
 void ServiceEnforcement::end(const std::string& label, ServiceEvent event) {
@@ -242,7 +261,7 @@ void ServiceEnforcement::enforceShutdownForService(const std::string& label, Sto
   const ServiceStep step = advance(label, ServiceEvent::kStop);
   Service& service = services_[label];
   service.blocks.clear();
-  service.stops.push_back(std::move(answer));
+  if (answer) service.stops.push_back(std::move(answer));
   if (step != ServiceStep::kJoin) remove(label);
 }
 
@@ -259,6 +278,7 @@ void ServiceEnforcement::stopForExtension(const std::string& label, StopAnswer a
     return;
   }
   beginStop(label);
+  services_[label].hasLostItsJob = true;
   removeJobIfAny(label, std::move(answer));
 }
 
@@ -307,9 +327,7 @@ void ServiceEnforcement::jobIsRemoved(const std::string& label, bool hasStopped)
   } else {
     services_.extract(label);
   }
-  for (StopAnswer& answer : stops) {
-    if (answer) answer(hasStopped);
-  }
+  for (StopAnswer& answer : stops) answer(hasStopped);
 }
 
 ProgramState ServiceEnforcement::programState(const Value& jobInfo) const {

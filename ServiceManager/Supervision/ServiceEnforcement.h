@@ -84,6 +84,9 @@ class ServiceEnforcement {
     ServiceActivity activity = ServiceActivity::kNothing;
     // Answers to requests of an earlier one are ignored.
     std::uint64_t request = 0;
+    bool isAskedAgain = false;  // while its process is looked for
+    bool hasLostItsJob =
+        false;  // to the unloading of an extension, while extensions are configured
     std::vector<CompletionBlock> blocks;
     std::vector<StopAnswer> stops;
     std::vector<std::shared_ptr<void>> observers;  // released when nothing goes on any more
@@ -101,6 +104,8 @@ class ServiceEnforcement {
   platform::Value submit(const std::string& label, const platform::Value& jobInfo);
   void awaitProcess(const std::string& label, const platform::JobStatus& job,
                     bool areExtensionsConfigured);
+  void startIfLost(const std::string& label);
+  void callBlocks(const std::string& label);
   void end(const std::string& label, ServiceEvent event);
   void endUnready(const std::string& label);
   void reportUnready(const std::string& label);

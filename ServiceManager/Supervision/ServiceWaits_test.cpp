@@ -154,6 +154,15 @@ TEST_F(ServiceWaitsTest, TheReturnOfTheHostLooksForAwaitedProcesses) {
   EXPECT_EQ(agent(), ServiceActivity::kNothing);
 }
 
+TEST_F(ServiceWaitsTest, AJobLostDuringTheSearchIsSubmittedForASecondRequest) {
+  endAgent(3600);
+  run(kAgent);
+  EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true));
+  run(kAgent);
+  loop_.advanceBy(12s);
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
 // Whatever comes in whatever order, everything ends, every stop is answered once, and the last
 // request has its way.
 TEST_F(ServiceWaitsTest, TheLastRequestHasItsWayInEveryOrder) {

@@ -25,8 +25,12 @@ TEST_F(DaemonOrdinaryUser, RunsTheProductBelowARootOfItsOwn) {
 
   const Array stopped{DaemonRoot::label(1)};
   EXPECT_TRUE(client_->ask("stopServices:", {Value(stopped)}));
+  EXPECT_TRUE(client_->ask("services"));  // It is answered after the request has been taken.
+  awaitServices(root_, {DaemonRoot::label(1)});
   EXPECT_EQ(client_->ask("pidForService:", {DaemonRoot::label(1)}), MessageResult(Value()));
   EXPECT_TRUE(client_->ask("startServices:", {Value(stopped)}));
+  EXPECT_TRUE(client_->ask("services"));
+  awaitServices(root_, {DaemonRoot::label(1)});
   const auto process = client_->ask("pidForService:", {DaemonRoot::label(1)});
   ASSERT_TRUE(process);
   EXPECT_EQ(*process, Value(root_.processOf(DaemonRoot::label(1))));

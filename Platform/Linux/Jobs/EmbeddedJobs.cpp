@@ -123,7 +123,7 @@ std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
 }
 
 // The host gets two requests at once. The answer to the first, a copy of the job, limits the
-// second.
+// second. A host that does not answer the first hangs, and would not answer the second either.
 void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
                              const AuthorizationRef*, Removed removed) {
   if (auto checked = checkDomain(domain); !checked) {
@@ -137,7 +137,8 @@ void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
   client_.callAsync(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut,
                     [this, alive = std::weak_ptr(alive_), removal](const auto& answer) {
                       if (alive.expired()) return;
-                      client_.limit(*removal, removalTime(answer ? answer->value : Value()));
+                      client_.limit(*removal,
+                                    answer ? removalTime(answer->value) : Duration::zero());
                     });
   *removal = client_.callAsync(
       kRemoveJobMessage, Array{label, true}, removalTime(Dictionary{{"ExitTimeOut", 0}}),
