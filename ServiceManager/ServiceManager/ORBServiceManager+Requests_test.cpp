@@ -1,8 +1,11 @@
+#include <chrono>
+
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 
 namespace {
 
 using namespace platform;
+using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;

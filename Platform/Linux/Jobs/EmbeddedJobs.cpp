@@ -123,7 +123,7 @@ std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
 }
 
 // The host gets two requests at once. The answer to the first, a copy of the job, limits the
-// second. A host that does not answer the first hangs, and would not answer the second either.
+// second.
 void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
                              const AuthorizationRef*, Removed removed) {
   if (auto checked = checkDomain(domain); !checked) {
@@ -133,18 +133,36 @@ void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
     });
     return;
   }
+  auto finish = [alive = std::weak_ptr(alive_), removed = std::move(removed)](
+                    const Result<JobHostClient::Answer>& answer) mutable {
+    if (!alive.expired()) removed(outcomeOfRemoval(answer));
+  };
+  if (client_.isHung()) {
+    removeWhenHostAnswers(std::string(label), std::move(finish));
+    return;
+  }
   const auto removal = std::make_shared<JobHostClient::RequestId>();
   client_.callAsync(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut,
                     [this, alive = std::weak_ptr(alive_), removal](const auto& answer) {
                       if (alive.expired()) return;
-                      client_.limit(*removal,
-                                    answer ? removalTime(answer->value) : Duration::zero());
+                      client_.limit(*removal, removalTime(answer ? answer->value : Value()));
                     });
-  *removal = client_.callAsync(
-      kRemoveJobMessage, Array{label, true}, removalTime(Dictionary{{"ExitTimeOut", 0}}),
-      [alive = std::weak_ptr(alive_), removed = std::move(removed)](const auto& answer) mutable {
-        if (!alive.expired()) removed(outcomeOfRemoval(answer));
-      });
+  *removal = client_.callAsync(kRemoveJobMessage, Array{label, true},
+                               removalTime(Dictionary{{"ExitTimeOut", 0}}), std::move(finish));
+}
+
+// A host that is known to hang has had its time. It must not find the removal when it goes on, long
+// after this has failed.
+void EmbeddedJobs::removeWhenHostAnswers(const std::string& label,
+                                         JobHostClient::Completion finish) {
+  client_.callAsync(kCopyJobMessage, Array{label}, JobHostClient::kPingTimeOut,
+                    [this, alive = std::weak_ptr(alive_), label,
+                     finish = std::move(finish)](Result<JobHostClient::Answer> answer) mutable {
+                      if (alive.expired()) return;
+                      if (!answer) return finish(std::move(answer));
+                      client_.callAsync(kRemoveJobMessage, Array{label, true},
+                                        removalTime(answer->value), std::move(finish));
+                    });
 }
 
 std::unique_ptr<RunLoopHandle> EmbeddedJobs::observeStarts(StartObserver observer) {

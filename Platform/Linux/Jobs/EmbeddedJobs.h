@@ -38,6 +38,7 @@ class EmbeddedJobs final : public Jobs {
  private:
   std::expected<JobHostClient::Answer, NSError> ask(std::string_view selector,
                                                     const Array& arguments, Duration timeout);
+  void removeWhenHostAnswers(const std::string& label, JobHostClient::Completion finish);
   void awaitStarts();
   void startsReported(const Result<JobHostClient::Answer>& answer);
 

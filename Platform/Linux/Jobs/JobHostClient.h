@@ -62,6 +62,9 @@ class JobHostClient {
 
   RunLoop& loop() const { return loop_; }
 
+  // Whether the host was found hung and has not answered since.
+  bool isHung() const { return isHung_; }
+
   // Makes the next call wait for an absent host again.
   void waitAgain() { isKnownAbsent_ = false; }
 
