@@ -38,8 +38,8 @@ class DaemonStormLong : public testing::Test {
 TEST_F(DaemonStormLong, HoldsUpNeitherOperatorNorHealthyServices) {
   constexpr std::size_t kCrashes = 100;
   constexpr std::size_t kMostRounds = 300;
-  constexpr long kMaxGrowth = 16 * 1024;
-  const long memory = storm_.memory();
+  [[maybe_unused]] constexpr long kMaxGrowth = 16 * 1024;
+  [[maybe_unused]] const long memory = storm_.memory();
   const ProcessId daemon = storm_.root().processOf(DaemonRoot::kDaemon);
   const std::size_t before = ends();
   // Each round ends a healthy service, too.
