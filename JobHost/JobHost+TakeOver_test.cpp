@@ -242,6 +242,21 @@ TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   EXPECT_EQ(sink_.count("not from this boot"), 1);
 }
 
+TEST_F(JobHostTest, NothingOfAnotherPidNamespaceIsSignalledOrTakenOver) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  removeLater("com.example.b");
+  killHost();
+  processes_.addMember(101);
+  processes_.signals.clear();
+  bootId_.back() = '8';
+  startHost();
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_EQ(sink_.count("from another pid namespace"), 1);
+  loop_.advanceBy(1min);
+  EXPECT_THAT(processes_.signals, testing::IsEmpty());
+}
+
 TEST_F(JobHostTest, AJobThatNoLongerParsesIsKeptButNotStarted) {
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.idle")));

@@ -29,7 +29,7 @@ namespace jobhost {
 // Where a host keeps its files, and its bounds.
 struct JobHostOptions {
   std::string root;    // the platform root
-  std::string bootId;  // of the current boot
+  std::string bootId;  // as readBootId() returns it
   std::size_t maximumJobs = 4096;
   // Whether a stop was requested while the host is being created. Called before each job that
   // create() would start. May be empty.

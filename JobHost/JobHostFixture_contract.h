@@ -93,7 +93,7 @@ class JobHostTest : public testing::Test {
   std::size_t starts() const { return processes_.started.size(); }
 
   platform::TemporaryFolder root_;
-  std::string bootId_ = "11111111-2222-3333-4444-555555555555";
+  std::string bootId_ = "11111111-2222-3333-4444-555555555555/1.9";
   platform::VirtualRunLoop loop_;
   platform::FakeLogSink sink_;
   platform::SystemLog log_{sink_, "jobhost"};

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "JobHost/State/StateRecord.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
@@ -20,6 +21,8 @@ using platform::Result;
 constexpr mode_t kFolderMode = 0755;
 constexpr char kBootIdFile[] = "/proc/sys/kernel/random/boot_id";
 constexpr std::size_t kMaximumBootIdBytes = 64;
+constexpr char kPidNamespace[] = "/proc/self/ns/pid";
+constexpr std::size_t kMaximumStatBytes = 1024;
 
 // Stricter than makeParentFolders(): the jobs depend on what these folders let others do.
 Result<void> makeFolder(const std::string& path) {
@@ -50,6 +53,14 @@ Result<void> checkFolder(const std::string& path) {
   return {};
 }
 
+// The kernel reuses the inodes of namespaces, so this tells one from the next. 0 if /proc hides it.
+std::uint64_t startOfProcessOne() {
+  const auto file = platform::openRegularFile("/proc/1/stat");
+  if (!file) return 0;
+  const auto text = platform::readAtMost(file->get(), kMaximumStatBytes, "/proc/1/stat");
+  return text ? startTicksIn(text->data(), text->size()) : 0;
+}
+
 }  // namespace
 
 Result<RuntimeFolders> makeRuntimeFolders(const std::string& root) {
@@ -74,7 +85,11 @@ Result<std::string> readBootId() {
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0, std::string(kBootIdFile) + ": it is empty"});
   }
-  return text;
+  struct stat numbers{};
+  if (::stat(kPidNamespace, &numbers) != 0) {
+    return std::unexpected(platform::systemError(kPidNamespace));
+  }
+  return fmt::format("{}/{}.{}", *text, numbers.st_ino, startOfProcessOne());
 }
 
 }  // namespace jobhost

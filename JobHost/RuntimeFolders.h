@@ -15,7 +15,9 @@ struct RuntimeFolders {
 // them but not write: kDenied if they can, or if one belongs to another user or is a symbolic link.
 platform::Result<RuntimeFolders> makeRuntimeFolders(const std::string& root);
 
-// The id of the current boot.
+// Names the current boot and, behind a slash, the namespace of process numbers. A number means the
+// same process only within both: a container that is restarted in the same boot begins with small
+// numbers again.
 platform::Result<std::string> readBootId();
 
 }  // namespace jobhost

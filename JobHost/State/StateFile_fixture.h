@@ -18,7 +18,7 @@
 
 namespace jobhost {
 
-inline constexpr char kBoot[] = "11111111-2222-3333-4444-555555555555";
+inline constexpr char kBoot[] = "11111111-2222-3333-4444-555555555555/1.9";
 
 inline platform::Value jobNamed(const std::string& label) {
   return platform::Dictionary{{"Label", label}, {"Program", "/bin/true"}};

@@ -161,6 +161,11 @@ TEST_F(StateFileTest, AFileOfAnotherBootIsSetAside) {
   expectSetAside("not from this boot", "21111111-2222-3333-4444-555555555555");
 }
 
+TEST_F(StateFileTest, AFileOfAnotherPidNamespaceIsSetAside) {
+  ASSERT_TRUE(create()->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  expectSetAside("from another pid namespace", std::string(kBoot, 36) + "/2.9");
+}
+
 TEST_F(StateFileTest, AFileOfAnotherFormatIsSetAside) {
   put(std::string(4096, 'x'));
   expectSetAside("no state file");

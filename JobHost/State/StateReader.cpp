@@ -154,6 +154,11 @@ class Replay {
   std::size_t next_ = 0;
 };
 
+// The part of a header before the pid namespace.
+View beforeNamespace(View header) {
+  return header.first(static_cast<std::size_t>(std::ranges::find(header, '/') - header.begin()));
+}
+
 }  // namespace
 
 std::int32_t waitStatusOf(const ProcessEnd& end) {
@@ -225,7 +230,11 @@ Result<StateContents> readState(View bytes, std::string_view bootId) {
   const auto magic = bytes.first(std::min(kMagic.size(), total));
   if (!std::ranges::equal(magic, kMagic)) return invalid("it is no state file of jobs", bytes);
   if (total < expected.size() || !std::ranges::equal(bytes.first(expected.size()), expected)) {
-    return invalid("it is not from this boot", bytes);
+    const View boot = beforeNamespace(expected);
+    const bool isThisBoot =
+        total >= boot.size() && std::ranges::equal(bytes.first(boot.size()), boot);
+    return invalid(isThisBoot ? "it is from another pid namespace" : "it is not from this boot",
+                   bytes);
   }
   Replay replay;
   View rest = bytes.subspan(expected.size());
