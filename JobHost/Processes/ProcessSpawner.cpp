@@ -15,6 +15,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <fmt/format.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
@@ -22,6 +23,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobKeys.h"
+#include "JobHost/Processes/ChildLimits.h"
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -44,6 +46,7 @@ constexpr int kStandardFiles = 3;
 // Above all descriptor numbers of the child.
 constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
 constexpr mode_t kNewFileMode = 0644;
+constexpr mode_t kDefaultUmask = 022;
 // The time after which the child first gets SIGCONT, in case another process has stopped it.
 constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
 constexpr char kNull[] = "/dev/null";
@@ -71,6 +74,23 @@ Result<UniqueFd> aboveStandardFiles(UniqueFd file, const std::string& path) {
   if (!moved) return std::unexpected(systemError("opening " + path));
   return moved;
 }
+
+// A process that takes other ids becomes undumpable, and so do all that share its memory. Restores
+// the host, which would leave no core if it crashed.
+class DumpableKept {
+ public:
+  DumpableKept() = default;
+  DumpableKept(const DumpableKept&) = delete;
+  DumpableKept& operator=(const DumpableKept&) = delete;
+  ~DumpableKept() {
+    if (was_ == kDumpable) ::prctl(PR_SET_DUMPABLE, kDumpable);
+  }
+
+ private:
+  static constexpr int kDumpable = 1;
+
+  int was_ = ::prctl(PR_GET_DUMPABLE);
+};
 
 // Opens without waiting for a pipe's other end. The process then gets the file as if it had opened
 // it itself.
@@ -101,7 +121,6 @@ class ChildSetup {
  private:
   void addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens);
   Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
-  Result<void> addLimits(const JobDefinition& job, std::uint64_t originalDescriptorLimit);
 
   std::vector<char*> arguments_;
   std::vector<std::string> variables_;
@@ -163,39 +182,6 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
   return {};
 }
 
-Result<void> ChildSetup::addLimits(const JobDefinition& job,
-                                   std::uint64_t originalDescriptorLimit) {
-  const auto add = [&](int resource, std::optional<rlim_t> soft, std::optional<rlim_t> hard) {
-    ChildLimit limit{resource, {}};
-    if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) return false;
-    if (hard) limit.value.rlim_max = *hard;
-    if (soft) limit.value.rlim_cur = *soft;
-    // A hard limit alone must not be below the present soft one.
-    if (!soft && limit.value.rlim_cur > limit.value.rlim_max) {
-      limit.value.rlim_cur = limit.value.rlim_max;
-    }
-    limits_.push_back(limit);
-    return true;
-  };
-  bool limitsFiles = false;
-  for (const ResourceLimit& limit : job.limits) {
-    auto soft = limit.soft;
-    if (limit.resource == RLIMIT_NOFILE) {
-      limitsFiles = true;
-      if (!soft) soft = std::min<rlim_t>(originalDescriptorLimit, limit.hard.value_or(~rlim_t{0}));
-    }
-    if (!add(limit.resource, soft, limit.hard)) {
-      return std::unexpected(
-          systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(limit.resource))));
-    }
-  }
-  // Programs that use select() break with the host's raised limit.
-  if (!limitsFiles && !add(RLIMIT_NOFILE, originalDescriptorLimit, {})) {
-    return std::unexpected(systemError("getrlimit(RLIMIT_NOFILE)"));
-  }
-  return {};
-}
-
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
                                  int listener, std::uint64_t originalDescriptorLimit) {
   child.program = job.program.c_str();
@@ -207,7 +193,9 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   addEnvironment(job, account, listener >= 0);
   if (auto opened = openFiles(job, account, null); !opened) return opened;
   if (listener >= 0) descriptors_.push_back(listener);
-  if (auto added = addLimits(job, originalDescriptorLimit); !added) return added;
+  auto limits = limitsOf(job, originalDescriptorLimit);
+  if (!limits) return std::unexpected(std::move(limits.error()));
+  limits_ = *std::move(limits);
   child.arguments = arguments_.data();
   child.environment = environment_.data();
   child.descriptors = descriptors_.data();
@@ -223,7 +211,7 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   child.groupCount = account.groups.size();
   child.limits = limits_.data();
   child.limitCount = limits_.size();
-  child.umask = job.umask ? static_cast<int>(*job.umask) : -1;
+  child.umask = job.umask.value_or(kDefaultUmask);
   child.nice = job.nice;
   return {};
 }
@@ -241,6 +229,14 @@ std::uint64_t signalsToReset() {
     if (!isDefault) signals |= std::uint64_t{1} << (signal - 1);
   }
   return signals;
+}
+
+// Whether the processes of this one get the default score. False if that can't be read.
+bool hasDefaultOomScore() {
+  const UniqueFd file(::open("/proc/self/oom_score_adj", O_RDONLY | O_CLOEXEC));
+  char text[2];
+  return file && retryOnInterrupt([&] { return ::read(file.get(), text, sizeof text); }) > 0 &&
+         text[0] == '0';
 }
 
 timespec timespecOf(platform::Duration duration) {
@@ -300,6 +296,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
   spawner.startTimeOut_ = startTimeOut;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
   spawner.signalsToReset_ = signalsToReset();
+  spawner.resetsOomScore_ = !hasDefaultOomScore();
   auto own = lookUpAccount({}, {});
   if (!own) return std::unexpected(std::move(own.error()));
   spawner.ownAccount_ = *std::move(own);
@@ -322,6 +319,7 @@ ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
       startTimeOut_(other.startTimeOut_),
       hasUniquePidfds_(other.hasUniquePidfds_),
+      resetsOomScore_(other.resetsOomScore_),
       signalsToReset_(other.signalsToReset_),
       ownAccount_(std::move(other.ownAccount_)),
       null_(std::move(other.null_)),
@@ -350,6 +348,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
     if (!ownListener) return failed(systemError("passing the descriptors"));
     listener = ownListener.get();
   }
+  const DumpableKept dumpable;
   ChildSetup setup;
   if (auto prepared = setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_);
       !prepared) {
@@ -360,6 +359,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   child.startRecord = ticket.record.data();
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
+  child.resetsOomScore = resetsOomScore_;
   child.signalsToReset = signalsToReset_;
   child.continueAfter = timespecOf(kContinueAfter);
   child.startTimeOut = timespecOf(startTimeOut_);

@@ -14,8 +14,10 @@
 namespace jobhost {
 
 // Starts the processes of jobs: children of this process, each in a session and a process group of
-// its own. It clones with shared memory until the program is executed, so that the cost does not
-// grow with the host. One at a time, from one thread.
+// its own, and with nothing of the host's surroundings: umask, niceness, scheduling, soft limits,
+// session keyring and score for the OOM killer are the job's or the defaults. It clones with shared
+// memory until the program is executed, so that the cost does not grow with the host. One at a
+// time, from one thread.
 class ProcessSpawner {
  public:
   // How long a process may take to execute its program. The host waits for it.
@@ -54,6 +56,7 @@ class ProcessSpawner {
   std::uint64_t originalDescriptorLimit_ = 0;
   platform::Duration startTimeOut_{};
   bool hasUniquePidfds_ = false;
+  bool resetsOomScore_ = false;
   std::uint64_t signalsToReset_ = 0;
   // The host's own account, which most jobs run as. It stays the same while the host runs.
   JobAccount ownAccount_;

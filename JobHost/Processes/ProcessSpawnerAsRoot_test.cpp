@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -12,6 +13,8 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <pwd.h>
+#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -196,6 +199,62 @@ TEST_F(ProcessSpawnerAsRoot, AFileOfTheJobsGroupCanBeWritten) {
   ASSERT_TRUE(spawned);
   awaitEnd(*spawned);
   EXPECT_EQ(output(), "out\n");
+}
+
+// Gives this process surroundings that no job should see, and its own ones back at the end.
+class OddSurroundings {
+ public:
+  OddSurroundings() {
+    ::getrlimit(RLIMIT_FSIZE, &size_);
+    const rlimit small{rlim_t{1} << 20, size_.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    EXPECT_EQ(::setpriority(PRIO_PROCESS, 0, 5), 0);
+    const sched_param parameters{};
+    EXPECT_EQ(::sched_setscheduler(0, SCHED_BATCH, &parameters), 0);
+    setOomScore("300");
+  }
+  OddSurroundings(const OddSurroundings&) = delete;
+  OddSurroundings& operator=(const OddSurroundings&) = delete;
+  ~OddSurroundings() {
+    setOomScore("0");
+    const sched_param parameters{};
+    ::sched_setscheduler(0, SCHED_OTHER, &parameters);
+    ::setpriority(PRIO_PROCESS, 0, 0);
+    ::setrlimit(RLIMIT_FSIZE, &size_);
+    ::umask(umask_);
+  }
+
+ private:
+  static void setOomScore(const char* score) {
+    EXPECT_TRUE(std::ofstream("/proc/self/oom_score_adj") << score << std::flush);
+  }
+
+  rlimit size_{};
+  mode_t umask_ = ::umask(0077);
+};
+
+TEST_F(ProcessSpawnerAsRoot, TheSurroundingsOfTheHostDoNotReachTheJob) {
+  const OddSurroundings odd;
+  auto again = ProcessSpawner::create(kDescriptorLimit);
+  ASSERT_TRUE(again);
+  spawner_.emplace(*std::move(again));
+  // Field 41 is the scheduling policy.
+  const std::string show =
+      "umask; nice; cat /proc/self/oom_score_adj; cut -d' ' -f41 /proc/self/stat; ulimit -Sf; "
+      "ulimit -Sc; ulimit -Ss";
+  for (const auto& user : {std::optional<std::string>(), std::optional<std::string>("nobody")}) {
+    JobDefinition job = script(show);
+    job.userName = user;
+    EXPECT_EQ(outputOf(job), "0022\n0\n0\n0\nunlimited\n0\n8192\n");
+  }
+}
+
+TEST_F(ProcessSpawnerAsRoot, AnotherUsersJobLeavesTheHostDumpable) {
+  JobDefinition job = script("id -u");
+  job.userName = "nobody";
+  ASSERT_EQ(::prctl(PR_SET_DUMPABLE, 1), 0);
+  EXPECT_EQ(outputOf(job), user_ + "\n");
+  EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1);
 }
 
 }  // namespace

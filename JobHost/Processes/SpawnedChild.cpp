@@ -10,6 +10,8 @@
 
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <linux/keyctl.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,6 +24,7 @@ namespace {
 
 constexpr std::size_t kKernelSignalSetBytes = 8;
 constexpr int kPidDigits = 10;
+constexpr int kIoPriorityOfProcess = 1;  // IOPRIO_WHO_PROCESS, in no header
 
 // The kernel's structure, which differs from the library's. All zeros is the default action.
 struct KernelSignalAction {
@@ -101,8 +104,7 @@ bool placeDescriptors(SpawnedChild& child) {
     if (::syscall(SYS_dup3, child.descriptors[i], i, 0) < 0) return false;
   }
   // The host sets close-on-exec on all its descriptors, but it may have inherited others.
-  ::syscall(SYS_close_range, child.descriptorCount, ~0U, CLOSE_RANGE_CLOEXEC);
-  return true;
+  return ::syscall(SYS_close_range, child.descriptorCount, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
 bool setLimits(SpawnedChild& child) {
@@ -113,6 +115,29 @@ bool setLimits(SpawnedChild& child) {
     if (::syscall(SYS_prlimit64, 0, limit.resource, &limit.value, nullptr) != 0) return false;
   }
   return true;
+}
+
+// Failures are ignored: without the permission, the job gets what the host has.
+void resetSurroundings(const SpawnedChild& child) {
+  ::syscall(SYS_umask, child.umask);
+  const sched_param noPriority{};
+  ::syscall(SYS_sched_setscheduler, 0, SCHED_OTHER, &noPriority);
+  ::syscall(SYS_ioprio_set, kIoPriorityOfProcess, 0, 0);
+  // Keys of the session in which the host was started are not the job's.
+  ::syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
+  if (!child.resetsOomScore) return;
+  const long file =
+      ::syscall(SYS_openat, AT_FDCWD, "/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC, 0);
+  if (file < 0) return;
+  ::syscall(SYS_write, file, "0", 1);
+  ::syscall(SYS_close, file);
+}
+
+// After the scheduler, which forgets the niceness of an idle process.
+bool setNiceness(SpawnedChild& child) {
+  child.stage = ChildStage::kNice;
+  // An ordinary user may not lower the niceness that the host was started with.
+  return ::syscall(SYS_setpriority, PRIO_PROCESS, 0, child.nice) == 0 || child.nice == 0;
 }
 
 // Groups before the user: without root's capabilities they can't be changed.
@@ -170,10 +195,9 @@ bool prepare(SpawnedChild& child) {
   if (!writeStartRecord(child, process)) return false;
   if (!placeDescriptors(child)) return false;
   if (!setLimits(child)) return false;
-  child.stage = ChildStage::kNice;
-  if (child.nice != 0 && ::syscall(SYS_setpriority, PRIO_PROCESS, 0, child.nice) != 0) return false;
+  resetSurroundings(child);
+  if (!setNiceness(child)) return false;
   if (!enterFolders(child)) return false;
-  if (child.umask >= 0) ::syscall(SYS_umask, child.umask);
   if (child.listenPid) writeNumber(child.listenPid, process);
   return true;
 }

@@ -57,8 +57,9 @@ struct SpawnedChild {
 
   const ChildLimit* limits;
   std::size_t limitCount;
-  int umask;  // -1 for the host's
-  int nice;   // 0 for the host's
+  mode_t umask;
+  int nice;  // 0 for the default
+  bool resetsOomScore;
 
   // The signals that may not have their default action. Bit 0 is signal 1.
   std::uint64_t signalsToReset;

@@ -1,0 +1,72 @@
+#include "JobHost/Processes/ChildLimits.h"
+
+#include <algorithm>
+#include <optional>
+
+#include <fmt/format.h>
+#include <sys/resource.h>
+
+#include "JobHost/Definitions/JobKeys.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace jobhost {
+namespace {
+
+using platform::Result;
+
+struct SoftLimit {
+  int resource;
+  rlim_t soft;
+};
+
+constexpr rlim_t kDefaultStackBytes = rlim_t{8} << 20;
+
+// The kernel's, for process 1.
+constexpr SoftLimit kDefaults[] = {
+    {RLIMIT_CPU, RLIM_INFINITY},
+    {RLIMIT_FSIZE, RLIM_INFINITY},
+    {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_STACK, kDefaultStackBytes},
+    {RLIMIT_CORE, 0},
+    {RLIMIT_RSS, RLIM_INFINITY},
+    {RLIMIT_AS, RLIM_INFINITY},
+};
+
+// A soft limit that the job sets itself is taken as it is: if it is too high, the start fails.
+Result<ChildLimit> limitOf(int resource, const ResourceLimit* own, std::optional<rlim_t> soft) {
+  ChildLimit limit{resource, {}};
+  if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) {
+    return std::unexpected(
+        platform::systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(resource))));
+  }
+  if (own && own->hard) limit.value.rlim_max = *own->hard;
+  limit.value.rlim_cur = std::min(soft.value_or(limit.value.rlim_cur), limit.value.rlim_max);
+  if (own && own->soft) limit.value.rlim_cur = *own->soft;
+  return limit;
+}
+
+}  // namespace
+
+Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
+                                         std::uint64_t originalDescriptorLimit) {
+  // Programs that use select() break with the host's raised limit.
+  std::vector<SoftLimit> defaults{{RLIMIT_NOFILE, originalDescriptorLimit}};
+  defaults.insert(defaults.end(), std::begin(kDefaults), std::end(kDefaults));
+  std::vector<ChildLimit> limits;
+  for (const ResourceLimit& own : job.limits) {
+    const auto known = std::ranges::find(defaults, own.resource, &SoftLimit::resource);
+    const auto limit = limitOf(own.resource, &own,
+                               known == defaults.end() ? std::nullopt : std::optional(known->soft));
+    if (!limit) return std::unexpected(limit.error());
+    limits.push_back(*limit);
+    if (known != defaults.end()) defaults.erase(known);
+  }
+  for (const SoftLimit& each : defaults) {
+    const auto limit = limitOf(each.resource, nullptr, each.soft);
+    if (!limit) return std::unexpected(limit.error());
+    limits.push_back(*limit);
+  }
+  return limits;
+}
+
+}  // namespace jobhost

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "JobHost/Definitions/JobDefinition.h"
+#include "JobHost/Processes/SpawnedChild.h"
+#include "Platform/Values/Error.h"
+
+namespace jobhost {
+
+// The limits to set in a job's process: the job's own, and for the other resources the default soft
+// limits within the host's hard ones. So the soft limits that the host was started with reach no
+// job.
+platform::Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
+                                                   std::uint64_t originalDescriptorLimit);
+
+}  // namespace jobhost
