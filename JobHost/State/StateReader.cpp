@@ -231,8 +231,9 @@ Result<StateContents> readState(View bytes, std::string_view bootId) {
   if (!std::ranges::equal(magic, kMagic)) return invalid("it is no state file of jobs", bytes);
   if (total < expected.size() || !std::ranges::equal(bytes.first(expected.size()), expected)) {
     const View boot = beforeNamespace(expected);
-    const bool isThisBoot =
-        total >= boot.size() && std::ranges::equal(bytes.first(boot.size()), boot);
+    const View rest = bytes.subspan(std::min(boot.size(), total));
+    const bool isThisBoot = std::ranges::equal(bytes.first(total - rest.size()), boot) &&
+                            std::ranges::find(rest, '\n') != rest.end();
     return invalid(isThisBoot ? "it is from another pid namespace" : "it is not from this boot",
                    bytes);
   }
