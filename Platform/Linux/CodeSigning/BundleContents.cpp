@@ -21,14 +21,28 @@ namespace {
 
 constexpr std::size_t kMostLinkBytes = 4095;
 
-// The kernel resolves the link, because its text does not show which other links it passes through.
-CodeSigningResult<void> checkStaysInside(int bundle, const std::string& relative,
-                                         const std::string& path) {
+// The kernel gives up on ".." with EAGAIN if any process renames anything meanwhile, and leaves it
+// to the caller to try again. Beside one process that does nothing else, one call of a hundred
+// fails.
+constexpr int kMostTriesBesideRenames = 1000;
+
+int openBeneath(int folder, const std::string& relative) {
   open_how how{};
   how.flags = O_PATH | O_CLOEXEC;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-  const UniqueFd target(static_cast<int>(retryOnInterrupt(
-      [&] { return ::syscall(SYS_openat2, bundle, relative.c_str(), &how, sizeof how); })));
+  int descriptor = -1;
+  for (int tries = 0; tries < kMostTriesBesideRenames; ++tries) {
+    descriptor = static_cast<int>(retryOnInterrupt(
+        [&] { return ::syscall(SYS_openat2, folder, relative.c_str(), &how, sizeof how); }));
+    if (descriptor >= 0 || errno != EAGAIN) break;
+  }
+  return descriptor;
+}
+
+// The kernel resolves the link, because its text does not show which other links it passes through.
+CodeSigningResult<void> checkStaysInside(int bundle, const std::string& relative,
+                                         const std::string& path) {
+  const UniqueFd target(openBeneath(bundle, relative));
   if (target) return {};
   if (errno == EXDEV)
     return refuseResource(path + ": is a symbolic link that leads out of the bundle");
