@@ -65,8 +65,7 @@ Result<Plists> plistsIn(const std::string& path) {
 Result<JobDefinition> definitionIn(const std::string& path) {
   const auto file = platform::openRegularFile(path);
   if (!file) return std::unexpected(file.error());
-  struct stat status{};
-  if (::fstat(file->get(), &status) != 0) return std::unexpected(platform::systemError(path));
+  const struct stat& status = file->status;
   if (auto trust =
           platform::checkConfigurationTrust(path, status.st_uid, status.st_mode, ::geteuid());
       !trust) {

@@ -83,7 +83,7 @@ Result<Trusted> readTrusted(const std::string& path, std::string_view bootId) {
   auto contents =
       readState({reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size()}, bootId);
   if (!contents) return std::unexpected(std::move(contents.error()));
-  return Trusted{*std::move(contents), *std::move(file)};
+  return Trusted{*std::move(contents), std::move(file->file)};
 }
 
 // Opens the same file for appending, by its descriptor: its path may name another one by now.

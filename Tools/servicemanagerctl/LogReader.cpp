@@ -32,7 +32,7 @@ Result<void> LogReader::open() {
   auto file = openRegularFile(path_);
   if (!file && file.error().code == ErrorCode::kNotFound) return {};
   if (!file) return std::unexpected(std::move(file.error()));
-  file_ = std::move(*file);
+  file_ = std::move(file->file);
   return {};
 }
 

@@ -110,8 +110,7 @@ bool AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
   }
   const auto file = openRegularFile(path);
   if (!file) return remark(describe(file.error())) && !isShortage(file.error().osError);
-  struct stat opened{};
-  if (::fstat(file->get(), &opened) != 0 || !isSameState(*seen, opened)) {
+  if (!isSameState(*seen, file->status)) {
     return remark(path + ": was replaced while it was looked at");
   }
   const auto bytes = readToEnd(file->get(), kMaxFileBytes, path);

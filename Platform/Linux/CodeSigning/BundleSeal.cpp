@@ -24,11 +24,7 @@ CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
     return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
   }
   if (!file) return refuseResource(describe(file.error()));
-  struct stat status{};
-  if (::fstat(file->get(), &status) != 0) {
-    return std::unexpected(failureOfSystemCall(item.path, errno));
-  }
-  if (static_cast<std::uint64_t>(status.st_size) != item.size) {
+  if (static_cast<std::uint64_t>(file->status.st_size) != item.size) {
     return refuseResource(item.path + ": was changed while it was looked at");
   }
   return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);

@@ -24,8 +24,7 @@ CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t
   if (!seen) return std::unexpected(seen.error());
   const auto file = openRegularFile(path);
   if (!file) return refuse(errSecCSBadObjectFormat, describe(file.error()));
-  struct stat opened{};
-  if (::fstat(file->get(), &opened) != 0 || !isSameState(*seen, opened)) {
+  if (!isSameState(*seen, file->status)) {
     return refuse(errSecCSSignatureFailed, path + ": was replaced while it was looked at");
   }
   auto bytes = readToEnd(file->get(), mostBytes, path);

@@ -26,25 +26,11 @@ Error signingError(const CodeSigningFailure& failure) {
   return Error{ErrorCode::kInvalid, 0, failure.reason};
 }
 
-struct OpenFile {
-  UniqueFd file;
-  struct stat status{};
-};
-
-Result<OpenFile> openWithStatus(const std::string& path) {
-  OpenFile opened;
-  auto file = openRegularFile(path);
-  if (!file) return std::unexpected(file.error());
-  opened.file = *std::move(file);
-  if (::fstat(opened.file.get(), &opened.status) != 0) return std::unexpected(systemError(path));
-  return opened;
-}
-
 // The size of the file without the signature at its end.
-Result<std::uint64_t> payloadBytes(const OpenFile& opened, const std::string& path) {
+Result<std::uint64_t> payloadBytes(const RegularFile& opened, const std::string& path) {
   const auto size = static_cast<std::uint64_t>(opened.status.st_size);
   const auto endingBytes = static_cast<std::size_t>(std::min<std::uint64_t>(size, kTrailerBytes));
-  const auto ending = readRange(opened.file.get(), size - endingBytes, endingBytes, path);
+  const auto ending = readRange(opened.get(), size - endingBytes, endingBytes, path);
   if (!ending) return std::unexpected(signingError(ending.error()));
   const auto trailer = readSignatureTrailer(size, *ending);
   if (trailer) return trailer->payloadBytes;
@@ -65,9 +51,9 @@ Result<Data> boundedSignature(const std::string& path, const SigningIdentity& id
   return signature;
 }
 
-Result<Data> signatureOver(const OpenFile& opened, std::uint64_t size, const std::string& path,
+Result<Data> signatureOver(const RegularFile& opened, std::uint64_t size, const std::string& path,
                            const SigningIdentity& identity, const SigningOptions& options) {
-  const auto digest = digestOfFile(opened.file.get(), size, EVP_sha256(), path);
+  const auto digest = digestOfFile(opened.get(), size, EVP_sha256(), path);
   if (!digest) return std::unexpected(signingError(digest.error()));
   return boundedSignature(path, identity, options, *digest);
 }
@@ -87,7 +73,7 @@ Result<ReplacementFile> writeNewFile(const std::string& path, std::span<const st
 
 Result<void> signProgram(const std::string& path, const SigningIdentity& identity,
                          const SigningOptions& options) {
-  const auto opened = openWithStatus(path);
+  const auto opened = openRegularFile(path);
   if (!opened) return std::unexpected(opened.error());
   const auto size = payloadBytes(*opened, path);
   if (!size) return std::unexpected(size.error());
@@ -98,7 +84,7 @@ Result<void> signProgram(const std::string& path, const SigningIdentity& identit
   if (!signature) return std::unexpected(signature.error());
   auto file = ReplacementFile::createFor(path);
   if (!file) return std::unexpected(file.error());
-  if (auto done = file->appendFrom(opened->file.get(), *size); !done) return done;
+  if (auto done = file->appendFrom(opened->get(), *size); !done) return done;
   if (auto done = file->append(*signature); !done) return done;
   const auto trailer = makeSignatureTrailer(static_cast<std::uint32_t>(signature->size()));
   if (auto done = file->append(trailer); !done) return done;
@@ -111,7 +97,7 @@ Result<void> signProgram(const std::string& path, const SigningIdentity& identit
 
 Result<void> signDetached(const std::string& path, const SigningIdentity& identity,
                           const SigningOptions& options) {
-  const auto opened = openWithStatus(path);
+  const auto opened = openRegularFile(path);
   if (!opened) return std::unexpected(opened.error());
   const auto size = static_cast<std::uint64_t>(opened->status.st_size);
   // A signature at the end of the file would take precedence.
@@ -168,11 +154,11 @@ Result<void> signBundle(const std::string& path, const SigningIdentity& identity
 }
 
 Result<bool> canCarrySignature(const std::string& path) {
-  const auto opened = openWithStatus(path);
+  const auto opened = openRegularFile(path);
   if (!opened) return std::unexpected(opened.error());
   constexpr std::array<std::uint8_t, 4> kElf{0x7f, 'E', 'L', 'F'};
   if (opened->status.st_size < static_cast<off_t>(kElf.size())) return false;
-  const auto start = readRange(opened->file.get(), 0, kElf.size(), path);
+  const auto start = readRange(opened->get(), 0, kElf.size(), path);
   if (!start) return std::unexpected(signingError(start.error()));
   return std::ranges::equal(*start, kElf);
 }

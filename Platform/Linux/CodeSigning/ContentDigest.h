@@ -14,9 +14,8 @@ namespace platform {
 // huge.
 inline constexpr std::uint64_t kMaxCodeBytes = std::uint64_t{4} << 30;
 
-// The digest of the first `size` bytes of an open file. It reads in pieces, because with a mapping
-// the process would crash if the file is truncated meanwhile. Fails with errSecCSSignatureFailed if
-// the file is shorter.
+// The digest of the first `size` bytes of an open file (see FilePieces.h). Fails with
+// errSecCSSignatureFailed if the file is shorter.
 CodeSigningResult<std::vector<std::uint8_t>> digestOfFile(int file, std::uint64_t size,
                                                           const EVP_MD* kind,
                                                           const std::string& name);

@@ -12,17 +12,13 @@
 namespace platform {
 namespace {
 
-CodeSigningResult<UniqueFd> openSeen(const std::string& path, const struct stat& seen) {
+CodeSigningResult<RegularFile> openSeen(const std::string& path, const struct stat& seen) {
   auto file = openRegularFile(path);
   if (!file && file.error().osError != 0) {
     return std::unexpected(failureOfSystemCall(path, file.error().osError));
   }
   if (!file) return refuse(errSecCSBadObjectFormat, describe(file.error()));
-  struct stat opened{};
-  if (::fstat(file->get(), &opened) != 0) {
-    return std::unexpected(failureOfSystemCall(path, errno));
-  }
-  if (!isSameState(seen, opened)) {
+  if (!isSameState(seen, file->status)) {
     return refuse(errSecCSSignatureFailed, path + ": was replaced while it was looked at");
   }
   return *std::move(file);
@@ -86,7 +82,7 @@ CodeSigningResult<SignedProgram> openSignedProgram(const std::string& path) {
   auto file = openSeen(path, *seen);
   if (!file) return std::unexpected(file.error());
   SignedProgram program;
-  program.file = *std::move(file);
+  program.file = std::move(file->file);
   program.status = *seen;
   const auto size = static_cast<std::uint64_t>(seen->st_size);
   const auto endingBytes = static_cast<std::size_t>(std::min<std::uint64_t>(size, kTrailerBytes));

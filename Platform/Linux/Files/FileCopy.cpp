@@ -3,83 +3,83 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
 
-#include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Files/FileManager.h"
 #include "Platform/Linux/Files/CocoaFileErrors.h"
+#include "Platform/Linux/Files/FilePieces.h"
+#include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/Files/ReplacementFile.h"
-#include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace platform {
 namespace {
 
-constexpr std::size_t kCopyPieceBytes = 128 * 1024;
-
 std::unexpected<NSError> readFailure(const std::string& path, int number) {
   return std::unexpected(cocoaReadError(path, number));
+}
+
+std::unexpected<NSError> readFailure(const std::string& path, const Error& error) {
+  if (error.osError != 0) return readFailure(path, error.osError);
+  return std::unexpected(NSError{NSCocoaErrorDomain, NSFileReadUnknownError, error.context});
 }
 
 std::unexpected<NSError> writeFailure(const std::string& path, int number) {
   return std::unexpected(cocoaWriteError(path, number));
 }
 
-struct Source {
-  UniqueFd file;
-  struct stat status{};
-};
-
-// Does not block on a pipe or a device. Content and attributes are read from the same open file,
-// whatever happens to the path meanwhile: this content with another file's owner and set-user-id
-// bit would be dangerous. Unlike openRegularFile(), it follows links, as copying does.
-Result<Source, NSError> openSource(const std::string& path) {
-  Source source;
-  source.file = UniqueFd(retryOnInterrupt(
-      [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
-  if (!source.file) return readFailure(path, errno);
-  if (::fstat(source.file.get(), &source.status) != 0) return readFailure(path, errno);
-  if (S_ISDIR(source.status.st_mode)) return readFailure(path, EISDIR);
-  if (!S_ISREG(source.status.st_mode)) {
-    return std::unexpected(
-        NSError{NSCocoaErrorDomain, NSFileReadUnknownError, path + ": is not a regular file"});
-  }
-  return source;
+// Content and attributes are of the same file, whatever happens to the path meanwhile: this content
+// with another file's owner and set-user-id bit would be dangerous. It follows links, as copying
+// does.
+Result<RegularFile, NSError> openSource(const std::string& path) {
+  const auto found = findFile(path, FinalLink::kFollow);
+  if (!found) return readFailure(path, found.error());
+  if (S_ISDIR(found->status.st_mode)) return readFailure(path, EISDIR);
+  auto source = openFoundFile(*found, path);
+  if (!source) return readFailure(path, source.error());
+  return *std::move(source);
 }
 
 // The limit for a file without a reported size, as in /proc and /sys.
 constexpr std::uint64_t kUnreportedSizeLimit = std::uint64_t{16} << 20;
 
-// Copies as much as the file had when it was opened, so that a growing file has an end, too.
-Result<void, NSError> copyContent(const Source& source, const std::string& sourcePath,
-                                  ReplacementFile& copy, const std::string& destination) {
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kCopyPieceBytes);
-  // Without a block on the disk, the reported size may be 0, or one page, whatever the content.
-  const bool tellsSize = source.status.st_blocks > 0;
-  const auto size = tellsSize
-                        ? static_cast<std::uint64_t>(source.status.st_size)
-                        : std::max<std::uint64_t>(source.status.st_size, kUnreportedSizeLimit);
-  for (std::uint64_t done = 0; done < size;) {
-    const auto wanted =
-        static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kCopyPieceBytes));
-    const ssize_t count =
-        retryOnInterrupt([&] { return ::read(source.file.get(), piece.get(), wanted); });
-    if (count < 0) return readFailure(sourcePath, errno);
-    if (count == 0 && !tellsSize) return {};
-    if (count == 0) {
-      return std::unexpected(NSError{NSCocoaErrorDomain, NSFileReadUnknownError,
-                                     sourcePath + ": became shorter while it was read"});
-    }
-    const auto bytes = static_cast<std::size_t>(count);
-    if (const auto written = copy.append({piece.get(), bytes}); !written) {
-      return writeFailure(destination, written.error().osError);
-    }
-    done += bytes;
+// Reads to the end of the file. A larger one is not cut, because half a file is no copy.
+Result<void> readToItsEnd(int file, std::uint64_t limit, const std::string& path,
+                          const TakePiece& take) {
+  std::vector<std::uint8_t> piece(kPieceBytes);
+  for (std::uint64_t done = 0;;) {
+    const auto count = readAt(file, done, piece, path);
+    if (!count) return std::unexpected(count.error());
+    if (*count == 0) return {};
+    done += *count;
+    if (done > limit) return invalid(fmt::format("{}: is larger than {} bytes", path, limit));
+    if (auto taken = take(std::span(piece).first(*count)); !taken) return taken;
   }
-  return {};
+}
+
+// Copies as much as the file had when it was opened.
+Result<void, NSError> copyContent(const RegularFile& source, const std::string& sourcePath,
+                                  ReplacementFile& copy, const std::string& destination) {
+  std::optional<int> writeError;
+  const auto write = [&](std::span<const std::uint8_t> piece) {
+    auto written = copy.append(piece);
+    if (!written) writeError = written.error().osError;
+    return written;
+  };
+  // Without a block on the disk, the reported size may be 0, or one page, whatever the content.
+  const auto size = static_cast<std::uint64_t>(source.status.st_size);
+  const auto copied =
+      source.status.st_blocks > 0
+          ? readPieces(source.get(), 0, size, sourcePath, write)
+          : readToItsEnd(source.get(), std::max(size, kUnreportedSizeLimit), sourcePath, write);
+  if (copied) return {};
+  if (writeError) return writeFailure(destination, *writeError);
+  return readFailure(sourcePath, copied.error());
 }
 
 // The order matters: changing the owner clears the set-user-id bit. Uses the descriptor, so that

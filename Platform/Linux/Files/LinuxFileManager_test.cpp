@@ -188,6 +188,17 @@ TEST_F(LinuxFileManagerTest, AFileWithoutAReportedSizeIsCopiedWhole) {
   EXPECT_EQ(contentOfFile(destination), contentOfFile("/proc/version"));
 }
 
+// The file has no end that could be reached, and its reported size is 0.
+TEST_F(LinuxFileManagerTest, AFileOfUnreportedSizeIsNeverCut) {
+  const std::string destination = folder_.path("copy");
+  const auto copied = manager_.overwriteWithCopy("/proc/self/pagemap", destination);
+  ASSERT_FALSE(copied);
+  EXPECT_EQ(copied.error().code, NSFileReadUnknownError);
+  EXPECT_EQ(copied.error().localizedDescription,
+            "/proc/self/pagemap: is larger than 16777216 bytes");
+  EXPECT_FALSE(std::filesystem::exists(destination));
+}
+
 TEST_F(LinuxFileManagerTest, ASourceLinkIsFollowedAndADestinationLinkReplaced) {
   folder_.write("file", "content");
   folder_.write("kept", "kept");

@@ -11,22 +11,40 @@
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
-Result<UniqueFd> openRegularFile(const std::string& path) {
-  UniqueFd file(retryOnInterrupt([&] {
-    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  }));
-  if (!file && errno == ELOOP) {
+
+Result<FoundFile> findFile(const std::string& path, FinalLink link) {
+  const int follow = link == FinalLink::kRefuse ? O_NOFOLLOW : 0;
+  FoundFile found;
+  found.handle =
+      UniqueFd(retryOnInterrupt([&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC | follow); }));
+  if (!found.handle || ::fstat(found.handle.get(), &found.status) != 0) {
+    return std::unexpected(systemError(path, errorCodeOf(errno)));
+  }
+  return found;
+}
+
+Result<RegularFile> openFoundFile(const FoundFile& found, const std::string& path) {
+  if (S_ISLNK(found.status.st_mode)) {
     return std::unexpected(Error{ErrorCode::kInvalid, ELOOP,
                                  path + ": is a symbolic link; put the file itself there"});
   }
-  if (!file) return std::unexpected(systemError(path, errorCodeOf(errno)));
-  struct stat status{};
-  if (::fstat(file.get(), &status) != 0) return std::unexpected(systemError(path));
-  if (!S_ISREG(status.st_mode)) {
-    return std::unexpected(Error{ErrorCode::kInvalid, 0, path + ": is not a regular file"});
-  }
-  return file;
+  if (!S_ISREG(found.status.st_mode)) return invalid(path + ": is not a regular file");
+  const std::string handle = pathOfDescriptor(found.handle);
+  RegularFile opened{UniqueFd(retryOnInterrupt([&] {
+                       return ::open(handle.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+                     })),
+                     found.status};
+  if (!opened.file) return std::unexpected(systemError(path, errorCodeOf(errno)));
+  return opened;
 }
+
+Result<RegularFile> openRegularFile(const std::string& path, FinalLink link) {
+  const auto found = findFile(path, link);
+  if (!found) return std::unexpected(found.error());
+  return openFoundFile(*found, path);
+}
+
+bool isHeldByALease(const Error& error) { return error.osError == EWOULDBLOCK; }
 
 Result<std::string> readAtMost(int descriptor, std::size_t maximumBytes, const std::string& name) {
   constexpr std::size_t kChunk = 4096;

@@ -1,8 +1,10 @@
 #include "Platform/Linux/Files/RegularFile.h"
 
 #include <cerrno>
+#include <csignal>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -71,10 +73,43 @@ TEST_F(RegularFileTest, ASymbolicLinkToARegularFileIsRefused) {
   EXPECT_THAT(file.error().context, StartsWith(link + ": is a symbolic link"));
 }
 
+TEST_F(RegularFileTest, ALinkCanBeFollowed) {
+  folder_.write("file", "x");
+  ASSERT_EQ(::symlink("file", folder_.path("link").c_str()), 0);
+  const auto file = openRegularFile(folder_.path("link"), FinalLink::kFollow);
+  ASSERT_TRUE(file) << describe(file.error());
+  EXPECT_EQ(file->status.st_size, 1);
+  EXPECT_EQ(readToEnd(file->get(), 10, "file"), "x");
+}
+
+TEST_F(RegularFileTest, TheFileThatWasFoundIsOpened) {
+  const std::string path = folder_.write("file", "old");
+  const auto found = findFile(path, FinalLink::kRefuse);
+  ASSERT_TRUE(found);
+  ASSERT_EQ(::rename(folder_.write("new", "new").c_str(), path.c_str()), 0);
+  EXPECT_EQ(readToEnd(openFoundFile(*found, path)->get(), 10, path), "old");
+}
+
+// The kernel also breaks the lease then, which takes some time.
+TEST_F(RegularFileTest, AFileUnderALeaseIsOpenedWhenItIsReleased) {
+  const std::string path = folder_.write("file", "x");
+  const UniqueFd holder(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  const auto before = std::signal(SIGIO, SIG_IGN);  // The kernel asks for the lease with it.
+  ASSERT_EQ(::fcntl(holder.get(), F_SETLEASE, F_WRLCK), 0);
+  const auto held = openRegularFile(path);
+  ASSERT_FALSE(held);
+  EXPECT_TRUE(isHeldByALease(held.error())) << describe(held.error());
+  ASSERT_EQ(::fcntl(holder.get(), F_SETLEASE, F_UNLCK), 0);
+  EXPECT_TRUE(openRegularFile(path));
+  std::signal(SIGIO, before);
+}
+
 TEST_F(RegularFileTest, OtherKindsOfFilesAreRefusedWithoutBlocking) {
   const std::string pipe = folder_.path("pipe");
   ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-  for (const std::string& path : {pipe, folder_.path(), std::string("/dev/null")}) {
+  const std::string socket = folder_.path("socket");
+  ASSERT_EQ(::mknod(socket.c_str(), S_IFSOCK | 0600, 0), 0);
+  for (const std::string& path : {pipe, folder_.path(), socket, std::string("/dev/null")}) {
     const auto file = openRegularFile(path);
     ASSERT_FALSE(file) << path;
     EXPECT_EQ(file.error().code, ErrorCode::kInvalid) << path;

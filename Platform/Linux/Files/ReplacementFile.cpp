@@ -1,21 +1,18 @@
 #include "Platform/Linux/Files/ReplacementFile.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <memory>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Files/FilePieces.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
 namespace {
-
-constexpr std::size_t kReplacementPieceBytes = 128 * 1024;
 
 std::string folderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -58,22 +55,8 @@ Result<void> ReplacementFile::append(std::span<const std::uint8_t> bytes) {
 }
 
 Result<void> ReplacementFile::appendFrom(int file, std::uint64_t size) {
-  const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(kReplacementPieceBytes);
-  for (std::uint64_t done = 0; done < size;) {
-    const auto wanted =
-        static_cast<std::size_t>(std::min<std::uint64_t>(size - done, kReplacementPieceBytes));
-    const ssize_t count = retryOnInterrupt(
-        [&] { return ::pread(file, piece.get(), wanted, static_cast<off_t>(done)); });
-    if (count < 0) return replacementFailure(path_);
-    if (count == 0) {
-      return std::unexpected(
-          Error{ErrorCode::kInvalid, 0, path_ + ": became shorter while it was read"});
-    }
-    const auto bytes = static_cast<std::size_t>(count);
-    if (auto written = append({piece.get(), bytes}); !written) return written;
-    done += bytes;
-  }
-  return {};
+  return readPieces(file, 0, size, path_,
+                    [this](std::span<const std::uint8_t> piece) { return append(piece); });
 }
 
 Result<void> ReplacementFile::setMode(mode_t mode) {

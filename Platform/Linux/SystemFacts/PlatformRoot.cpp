@@ -86,8 +86,7 @@ Result<PlatformConfiguration> readPlatformConfiguration(const std::string& root)
     return defaultPlatformConfiguration(root);
   }
   if (!file) return std::unexpected(file.error());
-  struct stat status{};
-  if (::fstat(file->get(), &status) != 0) return std::unexpected(systemError(path));
+  const struct stat& status = file->status;
   const auto trust = checkConfigurationTrust(path, status.st_uid, status.st_mode, ::geteuid());
   if (!trust) return std::unexpected(trust.error());
   const auto bytes = readToEnd(file->get(), kMaximumConfigurationBytes, path);
