@@ -1,10 +1,28 @@
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 // The requests of the installer and the user interface, and the checks of their senders.
 
 using namespace platform;
+
+// Any client may name any job of the machine: the bus, this daemon, an extension. Only the
+// catalogue's services may be asked about, started and stopped.
+bool ORBServiceManager::hasService(Label label) const {
+  return label && !catalogue_.service(*label).isNil();
+}
+
+std::vector<std::string> ORBServiceManager::knownLabels(const Array& labels) const {
+  std::vector<std::string> known;
+  for (const Value& element : labels) {
+    const std::string* label = element.string();
+    if (label && hasService(*label)) known.push_back(*label);
+  }
+  return known;
+}
 
 void ORBServiceManager::enforceRunningForService(Label label, CompletionBlock withCompletionBlock) {
   if (!label) return;
@@ -34,52 +52,42 @@ void ORBServiceManager::shutdownServices(const Array& labels, StopAnswer answer)
     bool haveAllStopped = true;
   };
   const auto request = std::make_shared<Request>(std::move(answer));
-  for (const Value& element : labels) {
-    const std::string* label = element.string();
-    if (!label) continue;
-    enforceShutdownForService(*label, [request](bool hasStopped) {
+  for (const std::string& label : knownLabels(labels)) {
+    enforceShutdownForService(label, [request](bool hasStopped) {
       if (!hasStopped) request->haveAllStopped = false;
     });
-    if (healthInfo_) healthInfo_->reportIntallerEventStartedForService(*label);
+    if (healthInfo_) healthInfo_->reportIntallerEventStartedForService(label);
   }
 }
 
 Value ORBServiceManager::pidForService(Label label) {
-  if (!label) return {};
+  if (!hasService(label)) return {};
   const std::optional<ProcessId> process = jobs_.status(*label).process;
   return process ? Value(*process) : Value();
 }
 
 Value ORBServiceManager::lastExitStatusForService(Label label) {
-  if (!label) return {};
+  if (!hasService(label)) return {};
   const Value status = jobs_.status(*label).lastExitStatus;
   return status.isNumber() ? status : Value();
 }
 
 void ORBServiceManager::stopServices(const Array& labels) {
-  for (const Value& element : labels) {
-    const std::string* label = element.string();
-    if (!label) continue;
-    trackServiceForUserClientShutdownRequest(*label, true);
-    enforceShutdownForService(*label);
+  for (const std::string& label : knownLabels(labels)) {
+    trackServiceForUserClientShutdownRequest(label, true);
+    enforceShutdownForService(label);
   }
 }
 
 void ORBServiceManager::startServices(const Array& labels) {
-  for (const Value& element : labels) {
-    const std::string* label = element.string();
-    if (!label) continue;
-    trackServiceForUserClientShutdownRequest(*label, false);
-    enforceRunningForService(*label, nullptr);
+  for (const std::string& label : knownLabels(labels)) {
+    trackServiceForUserClientShutdownRequest(label, false);
+    enforceRunningForService(label, nullptr);
   }
 }
 
 void ORBServiceManager::whenSettled(const Array& labels, CompletionBlock settled) {
-  std::vector<std::string> strings;
-  for (const Value& element : labels) {
-    if (const std::string* label = element.string()) strings.push_back(*label);
-  }
-  enforcement_.whenSettled(strings, std::move(settled));
+  enforcement_.whenSettled(knownLabels(labels), std::move(settled));
 }
 
 bool ORBServiceManager::connection(NSConnection& parent, NSConnection& shouldMakeNewConnection) {

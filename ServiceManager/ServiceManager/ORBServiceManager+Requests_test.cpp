@@ -83,6 +83,46 @@ TEST_F(RequestsTest, AnUnknownLabelHasNoProcessOrStatus) {
   EXPECT_TRUE(manager().lastExitStatusForService("com.example.unknown").isNil());
 }
 
+// Labels of jobs that the catalogue does not have.
+
+class ForeignJobTest : public RequestsTest {
+ protected:
+  static constexpr char kBus[] = "com.vantor.notificationbus";
+
+  ForeignJobTest() {
+    EXPECT_TRUE(jobs_.SMJobSubmit(
+        kSMDomainSystemLaunchd,
+        Dictionary{{"Label", kBus}, {"Program", "/opt/app/agent"}, {"KeepAlive", true}}, nullptr));
+    copies_ = jobs_.copies();
+  }
+  ~ForeignJobTest() override {
+    EXPECT_TRUE(jobs_.process(kBus));
+    EXPECT_EQ(jobs_.copies(), copies_) << "The job host was asked.";
+    EXPECT_THAT(takeReports(), IsEmpty());
+  }
+
+ private:
+  int copies_ = 0;
+};
+
+TEST_F(ForeignJobTest, IsNotTouchedByTheUserInterface) {
+  manager().stopServices({kBus});
+  manager().startServices({kBus});
+  loop_.runReady();
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(ForeignJobTest, IsNotTouchedByTheInstaller) {
+  EXPECT_TRUE(shutDown({kBus}));
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeInstaller);
+  EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(ForeignJobTest, HasNoProcessOrStatus) {
+  EXPECT_TRUE(manager().pidForService(kBus).isNil());
+  EXPECT_TRUE(manager().lastExitStatusForService(kBus).isNil());
+}
+
 TEST_F(RequestsTest, NilHasNoProcessOrStatus) {
   EXPECT_TRUE(manager().pidForService(std::nullopt).isNil());
   EXPECT_TRUE(manager().lastExitStatusForService(std::nullopt).isNil());

@@ -128,7 +128,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void processOfServiceEnded(const std::string& label, platform::ProcessId process);
   // The installer begins: stops these services and evaluates nothing until it has finished. The
   // answer comes when the last of them has ended: false if any of them could not be stopped.
-  // Elements that are no strings are ignored.
+  // Elements that are no labels of the catalogue are ignored.
   void shutdownServices(const platform::Array& labels, StopAnswer answer);
   // For the executable-information service, on one of its queues.
   platform::Value getLastLoggedInUserHomeDirectory() override {
@@ -183,7 +183,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
     return catalogue_.daemonsUsingKext(kextName);
   }
 
-  // Requests of the user interface.
+  // Requests of the user interface. A label that the catalogue does not have is ignored.
 
   // The catalogue's "Services".
   platform::Value services() const { return catalogue_.services(); }
@@ -279,7 +279,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Whether an evaluation has begun and not decided about every service yet.
   bool isEvaluating() const { return turns_.waiting() > 0 || !askedServices_.empty(); }
   // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
-  // that are no strings are ignored.
+  // that are no labels of the catalogue are ignored.
   void whenSettled(const platform::Array& labels, CompletionBlock settled);
 
  private:
@@ -295,6 +295,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void makePrimaryServiceClient();
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);
+
+  bool hasService(Label label) const;
+  // The elements that are labels of the catalogue, in order.
+  std::vector<std::string> knownLabels(const platform::Array& labels) const;
 
   void setMode(std::int64_t mode);
   // Asks. Nothing is answered if the mode has changed meanwhile.
