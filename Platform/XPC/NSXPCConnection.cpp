@@ -211,6 +211,8 @@ NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; 
 
 bool NSXPCConnection::isInvalid() const { return invalid_ || xpc_.isEnding_; }
 
+bool NSXPCConnection::mayLog() const { return xpc_.userLines_->mayWrite(effectiveUserIdentifier_); }
+
 // The block is put at the end of the queue, which gives its thread to other queues after a number
 // of blocks, as AsioSerialQueues.h says. Messages that the queue runs before it find the connection
 // busy, and wait.

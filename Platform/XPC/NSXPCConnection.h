@@ -141,6 +141,15 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   ProcessId processIdentifier() const { return processIdentifier_; }
   std::uint32_t effectiveUserIdentifier() const { return effectiveUserIdentifier_; }
 
+  // Whether the log may have another line about what the other side asks. If not, it is counted;
+  // see UserLines.h. mayLogRequest() asks for the caller whose message this thread serves, and is
+  // true if it serves none.
+  bool mayLog() const;
+  static bool mayLogRequest() {
+    const NSXPCConnection* const current = currentConnection();
+    return current == nullptr || current->mayLog();
+  }
+
   // The endpoint to which this connection was made, null for other connections.
   const std::shared_ptr<const NSXPCListenerEndpoint>& endpoint() const { return endpoint_; }
 

@@ -13,7 +13,9 @@ namespace {
 
 using Cost = WaitingMessages::Cost;
 
-struct Endpoint final : NSXPCListenerEndpoint {};
+struct Endpoint final : NSXPCListenerEndpoint {
+  bool hasListener() const override { return true; }
+};
 
 Value endpoint() { return Value(std::shared_ptr<const RemoteObject>(new Endpoint)); }
 

@@ -2,11 +2,15 @@
 
 #include <utility>
 
+#include "Platform/SystemFacts/CurrentUser.h"
+
 namespace platform {
 
 XPC::XPC(Environment environment)
     : environment_(std::move(environment)),
       failures_(environment_.loop, environment_.log, "NSXPCConnection"),
+      userLines_(std::make_shared<UserLines>(currentEffectiveUserId(), environment_.loop,
+                                             environment_.log, "NSXPCConnection")),
       clientQueues_(addQueues()) {}
 
 XPC::~XPC() {

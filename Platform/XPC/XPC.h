@@ -13,6 +13,7 @@
 
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/Logging/SystemLog.h"
+#include "Platform/Logging/UserLines.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/RunLoops/SerialQueue.h"
@@ -78,6 +79,7 @@ class XPC {
 
   const Environment environment_;
   RefusalLog failures_;
+  const std::shared_ptr<UserLines> userLines_;  // shared with its pending post
   std::atomic<std::thread::id> loopThread_;
   std::atomic<bool> isEnding_ = false;
   // Shared with the waiting messages.

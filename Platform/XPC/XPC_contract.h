@@ -169,8 +169,10 @@ TEST_P(XPCContract, TheEndpointOfADeadOwnerFailsCleanly) {
   const auto endpoint = listenAnonymously();
   client_ = connect(endpoint);
   call(*client_, "echo:withReply:", {Value(1)});
+  EXPECT_TRUE(endpoint->hasListener());
   anonymous_.reset();  // The objects of the process end before it.
   harness_->endThere();
+  EXPECT_FALSE(endpoint->hasListener());
   journal_.await("invalid");
   const auto late = connect(endpoint);
   send(*late, "echo:withReply:", {Value(1)});

@@ -122,7 +122,9 @@ TEST_F(EndpointRegistryLoadTest, AThousandClientsAreServedWhileOthersDie) {
 
 // There are as many queues as threads. Whatever they do at once, the limit of names holds.
 TEST_F(EndpointRegistryLoadTest, ThreadsMayRegisterAndLookUpAtOnce) {
-  struct AnyEndpoint final : NSXPCListenerEndpoint {};
+  struct AnyEndpoint final : NSXPCListenerEndpoint {
+    bool hasListener() const override { return true; }
+  };
   constexpr std::size_t kThreads = 4;
   constexpr std::size_t kNames = ORBServiceManagerXPCHandler::kMaxNames;
   constexpr std::size_t kNamesEach = kNames / kThreads + 50;

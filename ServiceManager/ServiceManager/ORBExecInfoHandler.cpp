@@ -11,6 +11,7 @@
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/ServiceManager/QuarantineDatabase.h"
+#include "ServiceManager/ServiceManager/RequestLines.h"
 #include "Shared/Categories/NSStringExtensions.h"
 
 using namespace platform;
@@ -81,7 +82,7 @@ class ORBExecInfoHandler::FileHash {
 
  private:
   static bool fail(const Error& error) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG, describe(error));
+    logRequest(ASL_LEVEL_DEBUG, describe(error));
     return true;
   }
 
@@ -105,10 +106,7 @@ bool ORBExecInfoHandler::listener(
     NSXPCListener& /*listener*/,
     const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   NSXPCConnection& connection = *shouldAcceptNewConnection;
-  vantorlogger2_line(
-      ASL_LEVEL_DEBUG,
-      stringWithFormat("Received a new connection request. pid: %d, uid: %d",
-                       connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  logNewConnection(connection);
   connection.setExportedInterface(environment_.protocols.find(kORBExecutableInfoProtocol));
   connection.setExportedObject(shared_from_this());
   connection.resume();
@@ -139,8 +137,8 @@ struct ORBExecInfoHandler::Request {
 };
 
 void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply withReply) {
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     stringWithFormat("requestExecutableInfo request for path '%@'", path));
+  logRequest(ASL_LEVEL_DEBUG,
+             stringWithFormat("requestExecutableInfo request for path '%@'", path));
   auto request = std::make_unique<Request>(path, std::move(withReply));
   if (!isCancelled()) request->signing = calculateSigningForPath(path);
   proceed(std::move(request));
@@ -169,7 +167,7 @@ std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path)
   const auto identifier = checkSigning(environment_, path);
   if (identifier) return stringWithFormat("valid: %@", *identifier);
   if (!NSStringExtensions::isNilOrWhiteSpace(identifier.error())) {
-    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("%@", identifier.error()));
+    logRequest(ASL_LEVEL_ERR, stringWithFormat("%@", identifier.error()));
   }
   return {};
 }
@@ -189,8 +187,8 @@ std::string ORBExecInfoHandler::calculateSourceUrlForPath(const std::string& pat
 std::optional<Data> ORBExecInfoHandler::attribute(const std::string& path, std::string_view name) {
   auto bytes = environment_.attributes.getxattr(path, name, kAttributeBytes);
   if (bytes) return std::move(*bytes);
-  vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Failed to get attributes for file '%@': %d",
-                                                       path, bytes.error().osError));
+  logRequest(ASL_LEVEL_DEBUG, stringWithFormat("Failed to get attributes for file '%@': %d", path,
+                                               bytes.error().osError));
   return std::nullopt;
 }
 
@@ -216,14 +214,13 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
   if (!home) {
     // If the caller has hung up, homeOfLastUser() returned without asking. The missing home then
     // says nothing about the database, so log nothing.
-    if (!isCancelled()) vantorlogger2_line(ASL_LEVEL_DEBUG, "Couldn't locate quarantine database");
+    if (!isCancelled()) logRequest(ASL_LEVEL_DEBUG, "Couldn't locate quarantine database");
     return std::nullopt;
   }
   const Instant deadline = environment_.now() + kQuarantineQueryTime;
   const auto isOver = [&] { return isCancelled() || environment_.now() >= deadline; };
   if (auto url = originOfQuarantineEvent(*home, identifier, isOver)) return url;
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     stringWithFormat("No source url found for path '%@'\n", path));
+  logRequest(ASL_LEVEL_DEBUG, stringWithFormat("No source url found for path '%@'\n", path));
   return std::nullopt;
 }
 

@@ -7,9 +7,11 @@
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Logging/LogSink.h"
+#include "Platform/SystemFacts/CurrentUser.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/ServiceManager/RequestLines.h"
 
 using namespace platform;
 
@@ -28,6 +30,8 @@ std::optional<std::string> shown(const std::optional<std::string>& name) {
   if (!name || canBeRegistered(name)) return name;
   return name->substr(0, ORBServiceManagerXPCHandler::kMaxNameBytes) + "...";
 }
+
+bool isPrivileged(std::uint32_t user) { return user == 0 || user == currentEffectiveUserId(); }
 
 }  // namespace
 
@@ -52,10 +56,7 @@ bool ORBServiceManagerXPCHandler::listener(
     NSXPCListener& /*listener*/,
     const std::shared_ptr<NSXPCConnection>& shouldAcceptNewConnection) {
   NSXPCConnection& connection = *shouldAcceptNewConnection;
-  vantorlogger2_line(
-      ASL_LEVEL_DEBUG,
-      stringWithFormat("Received a new connection request. pid: %d, uid: %d",
-                       connection.processIdentifier(), connection.effectiveUserIdentifier()));
+  logNewConnection(connection);
   connection.setExportedInterface(protocols_.find(kORBServiceManagerXPCInterfaceProtocol));
   connection.setExportedObject(shared_from_this());
   connection.setServesAtOnce();  // Every request is a lookup in a table.
@@ -92,7 +93,7 @@ void ORBServiceManagerXPCHandler::signature(SignatureReply withReply) {
 bool ORBServiceManagerXPCHandler::validatePasskey(const Value& passkey) const {
   const Data* data = passkey.data();
   if (data && tokensAreEqual(*data, systemProfileData(system_))) return true;
-  vantorlogger2_line(ASL_LEVEL_ERR, "Invalid profile detected.");
+  logRequest(ASL_LEVEL_ERR, "Invalid profile detected.");
   return false;
 }
 
@@ -100,11 +101,11 @@ void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(
     const Endpoint& endpoint, const Value& forPasskey, const std::optional<std::string>& withName,
     RegisterReply withReply) {
   if (!validatePasskey(forPasskey)) {
-    vantorlogger2_line(ASL_LEVEL_ERR, "Received invalid passkey for registration.");
+    logRequest(ASL_LEVEL_ERR, "Received invalid passkey for registration.");
     return withReply(false, "Invalid passkey for the registration.");
   }
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     stringWithFormat("Received register request for '%@'.", shown(withName)));
+  logRequest(ASL_LEVEL_DEBUG,
+             stringWithFormat("Received register request for '%@'.", shown(withName)));
   const auto refusal = registerWithinLimits(endpoint, withName);
   withReply(!refusal, refusal);
 }
@@ -113,24 +114,24 @@ void ORBServiceManagerXPCHandler::xpcListenerEndpoint(const Value& forPasskey,
                                                       const std::optional<std::string>& withName,
                                                       EndpointReply withReply) {
   if (!validatePasskey(forPasskey)) {
-    vantorlogger2_line(ASL_LEVEL_ERR, "Received invalid passkey for listener endpoint request.");
+    logRequest(ASL_LEVEL_ERR, "Received invalid passkey for listener endpoint request.");
     return;
   }
   const bool mayExist = canBeRegistered(withName);
   const Endpoint endpoint = mayExist ? xpcListenerEndpointByName(*withName) : nullptr;
-  vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Received listenerendpoint request for '%@'",
-                                                       shown(withName)));
+  logRequest(ASL_LEVEL_DEBUG,
+             stringWithFormat("Received listenerendpoint request for '%@'", shown(withName)));
   if (!endpoint) {
-    vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Cannot find listener for endpoint '%@'.",
-                                                         shown(withName)));
+    logRequest(ASL_LEVEL_DEBUG,
+               stringWithFormat("Cannot find listener for endpoint '%@'.", shown(withName)));
     if (mayExist) sendNotificationToRegisterForName(*withName);
   }
   withReply(endpoint);
 }
 
 void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::string& name) {
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     stringWithFormat("Send a registration request notification for '%@'.", name));
+  logRequest(ASL_LEVEL_DEBUG,
+             stringWithFormat("Send a registration request notification for '%@'.", name));
   {
     const std::lock_guard lock(mutex_);
     if (std::ranges::find(wantedNames_, name) != wantedNames_.end()) return;
@@ -167,31 +168,79 @@ void ORBServiceManagerXPCHandler::askForWantedNames() {
                        static_cast<unsigned long>(kMaxWantedNames)));
 }
 
-// `endpoint` outlives the lock and takes the replaced endpoint along: closing that is a system
-// call, which must not block others.
+// The user of the request that this thread serves: our own if the daemon itself asks.
+std::uint32_t ORBServiceManagerXPCHandler::askingUser() {
+  const NSXPCConnection* const connection = NSXPCConnection::currentConnection();
+  return connection ? connection->effectiveUserIdentifier() : currentEffectiveUserId();
+}
+
 std::optional<std::string> ORBServiceManagerXPCHandler::registerWithinLimits(
-    Endpoint endpoint, const std::optional<std::string>& name) {
+    const Endpoint& endpoint, const std::optional<std::string>& name) {
   if (!endpoint) return "There is no endpoint to register.";
   if (!name) return "There is no name to register it under.";
   if (!canBeRegistered(name)) return "The name is too long.";
+  const std::uint32_t user = askingUser();
+  Entry replaced{endpoint, user};  // It ends after the lock: closing an endpoint is a system call.
+  std::vector<Endpoint> dead;
   const std::lock_guard lock(mutex_);
-  if (endpointListeners_.size() >= kMaxNames && !endpointListeners_.contains(*name)) {
-    return "Too many names are registered.";
+  const auto found = endpointListeners_.find(*name);
+  if (found != endpointListeners_.end() && found->second.user == user) {
+    std::swap(found->second, replaced);
+    return std::nullopt;
   }
-  endpointListeners_[*name].swap(endpoint);
+  if (found != endpointListeners_.end() && !isPrivileged(user) &&
+      found->second.endpoint->hasListener()) {
+    return "The name belongs to another user.";
+  }
+  if (!hasRoom(user, found == endpointListeners_.end())) dead = giveUpDeadNames(*name);
+  if (!hasRoom(user, found == endpointListeners_.end())) return "Too many names are registered.";
+  std::swap(endpointListeners_[*name], replaced);
   return std::nullopt;
+}
+
+bool ORBServiceManagerXPCHandler::hasRoom(std::uint32_t user, bool isNewName) const {
+  if (isNewName && endpointListeners_.size() >= kMaxNames) return false;
+  if (isPrivileged(user)) return true;
+  std::size_t ofUser = 0;
+  std::size_t ofOrdinaryUsers = 0;
+  for (const auto& [name, entry] : endpointListeners_) {
+    if (entry.user == user) ++ofUser;
+    if (!isPrivileged(entry.user)) ++ofOrdinaryUsers;
+  }
+  return ofUser < kMaxNamesOfUser && ofOrdinaryUsers < kMaxNamesOfOrdinaryUsers;
+}
+
+std::vector<ORBServiceManagerXPCHandler::Endpoint> ORBServiceManagerXPCHandler::giveUpDeadNames(
+    const std::string& except) {
+  std::vector<Endpoint> dead;
+  const Instant now = mainLoop_.now();
+  if (searched_ && now - *searched_ < kSearchInterval) return dead;
+  searched_ = now;
+  for (auto entry = endpointListeners_.begin(); entry != endpointListeners_.end();) {
+    if (entry->first == except || entry->second.endpoint->hasListener()) {
+      ++entry;
+    } else {
+      dead.push_back(std::move(entry->second.endpoint));
+      entry = endpointListeners_.erase(entry);
+    }
+  }
+  return dead;
 }
 
 void ORBServiceManagerXPCHandler::registerXPCListenerEndpoint(const Endpoint& endpoint,
                                                               const std::string& withName) {
-  Endpoint replaced = endpoint;  // It ends after the lock.
+  Entry replaced{endpoint, currentEffectiveUserId()};  // It ends after the lock.
   const std::lock_guard lock(mutex_);
-  endpointListeners_[withName].swap(replaced);
+  std::swap(endpointListeners_[withName], replaced);
 }
 
 ORBServiceManagerXPCHandler::Endpoint ORBServiceManagerXPCHandler::xpcListenerEndpointByName(
     const std::string& name) const {
-  const std::lock_guard lock(mutex_);
-  const auto found = endpointListeners_.find(name);
-  return found == endpointListeners_.end() ? nullptr : found->second;
+  Endpoint found;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto entry = endpointListeners_.find(name);
+    if (entry != endpointListeners_.end()) found = entry->second.endpoint;
+  }
+  return found && found->hasListener() ? found : nullptr;
 }

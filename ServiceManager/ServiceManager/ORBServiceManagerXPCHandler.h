@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,15 +16,18 @@
 #include "Platform/Notifications/DistributedNotificationCenter.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 #include "Platform/XPC/NSXPCListener.h"
 
 // The registry of endpoints: the product's processes publish their listeners in it by name, and
 // find those of others. Both need the passkey, the product's token; the daemon itself needs none.
 //
-// Requests come on the queues of several connections at once, and any thread may use it. Entries
-// are replaced and never removed: if a process has died, its entry stays until the name is
-// registered again.
+// Requests come on the queues of several connections at once, and any thread may use it.
+//
+// A name belongs to the user who has registered it. While its listener lives, only that user and
+// root replace it. If the owner has died, a lookup finds nothing. The entry stays until the name is
+// registered again, or until there is no room for another name.
 class ORBServiceManagerXPCHandler final
     : public platform::NSXPCListenerDelegate,
       public platform::NSXPCExportedObject,
@@ -32,6 +36,11 @@ class ORBServiceManagerXPCHandler final
   static constexpr char kClassName[] = "ORBServiceManagerXPCHandler";
   // Each entry holds a descriptor for as long as the daemon runs.
   static constexpr std::size_t kMaxNames = 1024;
+  // The names that one user other than root and our own may have, and all such users together.
+  static constexpr std::size_t kMaxNamesOfUser = 256;
+  static constexpr std::size_t kMaxNamesOfOrdinaryUsers = 768;
+  // Dead names are searched for at most once in this time, since all listeners are probed.
+  static constexpr platform::Duration kSearchInterval = std::chrono::seconds(1);
   static constexpr std::size_t kMaxNameBytes = 1024;
   // The unknown names whose owners may wait to be asked. The bus takes them all at once.
   static constexpr std::size_t kMaxWantedNames = 256;
@@ -71,22 +80,32 @@ class ORBServiceManagerXPCHandler final
                                    const std::optional<std::string>& withName,
                                    RegisterReply withReply);
   // With a wrong passkey the reply is deliberately never called, so that a stranger learns nothing.
-  // If the name has no entry, the endpoint is null, and the owner of the name is asked to register,
-  // unless the name can't be registered.
+  // If the name has no entry or its listener has ended, the endpoint is null, and the owner of the
+  // name is asked to register, unless the name can't be registered.
   void xpcListenerEndpoint(const platform::Value& forPasskey,
                            const std::optional<std::string>& withName, EndpointReply withReply);
   // Asks once for all lookups of one name that come before the main loop gets to it: any process
   // may look up unknown names faster than the bus takes requests.
   void sendNotificationToRegisterForName(const std::string& name);
 
-  // For the daemon itself.
+  // For the daemon itself. A name whose listener has ended has no endpoint.
   void registerXPCListenerEndpoint(const Endpoint& endpoint, const std::string& withName);
   Endpoint xpcListenerEndpointByName(const std::string& name) const;
 
  private:
+  struct Entry {
+    Endpoint endpoint;
+    std::uint32_t user = 0;
+  };
+
+  static std::uint32_t askingUser();
   // Registers the endpoint within the limits above. The reason for a refusal, or nothing.
-  std::optional<std::string> registerWithinLimits(Endpoint endpoint,
+  std::optional<std::string> registerWithinLimits(const Endpoint& endpoint,
                                                   const std::optional<std::string>& name);
+  // Whether the user may have one more name. Needs the lock, like the next.
+  bool hasRoom(std::uint32_t user, bool isNewName) const;
+  // The endpoints of the names that were given up, which must end after the lock.
+  std::vector<Endpoint> giveUpDeadNames(const std::string& except);
 
   void askForWantedNames();
 
@@ -97,7 +116,8 @@ class ORBServiceManagerXPCHandler final
   const std::uint32_t threadOfLogger_;
 
   mutable std::mutex mutex_;
-  std::map<std::string, Endpoint> endpointListeners_;
+  std::map<std::string, Entry> endpointListeners_;
+  std::optional<platform::Instant> searched_;
   std::vector<std::string> wantedNames_;  // in the order of their lookups
   std::size_t leftOut_ = 0;               // names that had no room
 };

@@ -7,70 +7,11 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Logging/LogSink.h"
 #include "Platform/SystemFacts/Thread.h"
-#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/ServiceManager/EndpointRegistry_fixture.h"
 
 namespace {
 
 using namespace platform;
-
-// A listener's endpoint, which the registry only stores.
-struct NamedEndpoint final : NSXPCListenerEndpoint {};
-
-class EndpointRegistryTest : public StartUpFixture {
- protected:
-  EndpointRegistryTest() {
-    observations_.push_back(
-        otherCenter_->addObserver(kEndpointRequestNotification, std::nullopt,
-                                  [this](const DistributedNotification& notification) {
-                                    requests_.push_back(notification);
-                                  }));
-  }
-
-  ORBServiceManagerXPCHandler& handler() {
-    if (!handler_) {
-      handler_ =
-          std::make_shared<ORBServiceManagerXPCHandler>(loop_, system_, *center_, protocols_);
-    }
-    return *handler_;
-  }
-  Value passkey() const { return systemProfileData(system_); }
-
-  // The reply; nothing if it was not called.
-  using Lookup = std::optional<ORBServiceManagerXPCHandler::Endpoint>;
-  Lookup lookUp(const Value& passkey, const std::optional<std::string>& name) {
-    Lookup found;
-    handler().xpcListenerEndpoint(
-        passkey, name,
-        [&](const ORBServiceManagerXPCHandler::Endpoint& endpoint) { found = endpoint; });
-    loop_.runReady();
-    return found;
-  }
-  std::string registerAs(const ORBServiceManagerXPCHandler::Endpoint& endpoint,
-                         const Value& passkey, const std::optional<std::string>& name) {
-    std::string answer = "none";
-    handler().registerXPCListenerEndpoint(
-        endpoint, passkey, name, [&](bool success, const std::optional<std::string>& message) {
-          answer = (success ? "YES " : "NO ") + message.value_or("nil");
-        });
-    return answer;
-  }
-  // The lines without their places in the source.
-  std::vector<std::string> lines() {
-    queues_.runPending();
-    std::vector<std::string> lines;
-    for (const auto& message : logSink_.take()) {
-      EXPECT_TRUE(message.text.starts_with("[ORBServiceManagerXPCHandler.cpp:")) << message.text;
-      lines.push_back(std::to_string(message.level) +
-                      message.text.substr(message.text.find("] ") + 1));
-    }
-    return lines;
-  }
-
-  std::vector<DistributedNotification> requests_;
-  std::shared_ptr<ORBServiceManagerXPCHandler> handler_;
-  const ORBServiceManagerXPCHandler::Endpoint one_ = std::make_shared<NamedEndpoint>();
-  const ORBServiceManagerXPCHandler::Endpoint other_ = std::make_shared<NamedEndpoint>();
-};
 
 TEST_F(EndpointRegistryTest, ItsLinesHaveItsOwnNameUntilItEnds) {
   handler().validatePasskey(Value());
@@ -104,6 +45,30 @@ TEST_F(EndpointRegistryTest, ARegistrationReplacesAnEarlierOne) {
   registerAs(one_, passkey(), "name");
   EXPECT_EQ(registerAs(other_, passkey(), "name"), "YES nil");
   EXPECT_EQ(lookUp(passkey(), "name"), Lookup(other_));
+}
+
+TEST_F(EndpointRegistryTest, ANameWhoseOwnerHasDiedIsNilAndRequested) {
+  registerAs(one_, passkey(), "name");
+  one_->lives = false;
+  EXPECT_EQ(lookUp(passkey(), "name"), Lookup(nullptr));
+  EXPECT_EQ(requests_.size(), 1u);
+  EXPECT_EQ(handler().xpcListenerEndpointByName("name"), nullptr);
+  EXPECT_EQ(registerAs(other_, passkey(), "name"), "YES nil");
+  EXPECT_EQ(lookUp(passkey(), "name"), Lookup(other_));
+}
+
+TEST_F(EndpointRegistryTest, DeadNamesMakeRoomForOthers) {
+  registerAs(other_, passkey(), "first");
+  for (std::size_t i = 1; i < ORBServiceManagerXPCHandler::kMaxNames; ++i) {
+    ASSERT_EQ(registerAs(one_, passkey(), std::to_string(i)), "YES nil");
+  }
+  EXPECT_EQ(registerAs(other_, passkey(), "one more"), "NO Too many names are registered.");
+  one_->lives = false;
+  EXPECT_EQ(registerAs(other_, passkey(), "one more"), "NO Too many names are registered.");
+  loop_.advanceBy(ORBServiceManagerXPCHandler::kSearchInterval);
+  EXPECT_EQ(registerAs(other_, passkey(), "one more"), "YES nil");
+  EXPECT_EQ(lookUp(passkey(), "first"), Lookup(other_));
+  EXPECT_EQ(one_.use_count(), 1);
 }
 
 TEST_F(EndpointRegistryTest, AnUnknownNameIsNilAndRequestedOnce) {
@@ -225,30 +190,6 @@ TEST_F(EndpointRegistryTest, TheDaemonItselfNeedsNoPasskey) {
   EXPECT_EQ(handler().xpcListenerEndpointByName("name"), one_);
   EXPECT_TRUE(lines().empty());
 }
-
-// The daemon while it starts, with another process that sends requests.
-class XPCStartUpTest : public EndpointRegistryTest {
- protected:
-  std::shared_ptr<NSXPCConnection> connect(std::shared_ptr<NSXPCConnection> connection,
-                                           const char* protocol) {
-    connection->setRemoteObjectInterface(protocols_.find(protocol));
-    connection->setInvalidationHandler([this] { invalid_ = true; });
-    connection->resume();
-    return connection;
-  }
-  std::optional<Array> call(NSXPCConnection& connection, std::string_view selector,
-                            Array arguments) {
-    std::optional<Array> reply;
-    connection.sendMessage(
-        selector, std::move(arguments), [&](Array values) { reply = std::move(values); },
-        [](const NSError&) {});
-    loop_.runReady();
-    return reply;
-  }
-
-  FakeXPC client_{network_, {300, 501, 20}, systemLog_};
-  bool invalid_ = false;
-};
 
 TEST_F(XPCStartUpTest, TheExecutableInformationServiceIsFoundThroughTheRegistry) {
   start();

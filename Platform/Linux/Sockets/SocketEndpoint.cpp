@@ -1,7 +1,12 @@
 #include "Platform/Linux/Sockets/SocketEndpoint.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -56,6 +61,20 @@ Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
   auto endpoint = of(std::move(*descriptor));
   if (!endpoint) return std::unexpected(std::move(endpoint.error()));
   return New{std::move(*endpoint), std::move(bindFolder)};
+}
+
+// A datagram socket can't be connected to a listener. The kernel compares the types only after it
+// has found the socket of the inode, so the error tells whether there is one.
+bool SocketEndpoint::hasListener() const {
+  const UniqueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!probe) return true;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string name = path();
+  std::memcpy(address.sun_path, name.c_str(), name.size() + 1);
+  return ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+             0 ||
+         errno != ECONNREFUSED;
 }
 
 std::string SocketEndpoint::path() const { return pathOfDescriptor(descriptor_); }

@@ -27,6 +27,8 @@ class SocketEndpoint final : public NSXPCListenerEndpoint {
   using Bind = std::function<Result<void>(const std::string& path)>;
   static Result<New> make(const Bind& bind);
 
+  bool hasListener() const override;
+
   int descriptor() const { return descriptor_.get(); }
   // Valid for as long as this object.
   std::string path() const;

@@ -26,10 +26,13 @@ constexpr int kMessagesPerDeath = 4;
 // A name that can't be guessed.
 class FakeEndpoint final : public NSXPCListenerEndpoint {
  public:
-  explicit FakeEndpoint(std::string path) : path_(std::move(path)) {}
+  FakeEndpoint(std::string path, std::weak_ptr<const void> listener)
+      : path_(std::move(path)), listener_(std::move(listener)) {}
   const std::string& path() const { return path_; }
+  bool hasListener() const override { return !listener_.expired(); }
 
  private:
+  const std::weak_ptr<const void> listener_;
   const std::string path_;
 };
 
@@ -472,6 +475,7 @@ class FakePeerNetwork::Listener final : public PeerListener {
 
   FakePeerTransport* process_;
   FakePeerNetwork& network_;
+  std::shared_ptr<const void> life_ = std::make_shared<int>();  // until this or its process ends
   const std::string path_;
   const PeerListenerOptions options_;
   std::shared_ptr<PeerTransport::NewConnection> onConnection_;  // with running calls
@@ -554,7 +558,8 @@ Result<PeerTransport::Anonymous> FakePeerTransport::listenAnonymously(
   const std::string path = "anonymous/" + std::to_string(++network_.anonymous_);
   auto listener = listen(path, options, std::move(onConnection));
   if (!listener) return std::unexpected(std::move(listener.error()));
-  return Anonymous{std::move(*listener), std::make_shared<FakeEndpoint>(path)};
+  return Anonymous{std::move(*listener),
+                   std::make_shared<FakeEndpoint>(path, network_.listeners_[path]->life_)};
 }
 
 std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure>
@@ -572,6 +577,9 @@ void FakePeerTransport::goOn() {
 
 void FakePeerTransport::die() {
   dead_ = true;
+  for (const auto& [path, listener] : network_.listeners_) {
+    if (listener->process_ == this) listener->life_.reset();
+  }
   for (const auto& weak : ends_) {
     if (const auto end = weak.lock()) end->close();
   }

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Time.h"
+
+namespace platform {
+
+// Limits the log lines that users can cause by what they ask. In each minute the first lines of a
+// user are written, and the others are counted. When the minute is over, one line tells the count
+// of each user. Root and our own user have no limit. Any thread may use it.
+class UserLines : public std::enable_shared_from_this<UserLines> {
+ public:
+  static constexpr std::size_t kLinesPerUser = 10;
+  // The lines of all users together, and the users that are counted by themselves: one person may
+  // have thousands of users.
+  static constexpr std::size_t kLinesOfAll = 40;
+  static constexpr std::size_t kUsers = 16;
+  static constexpr Duration kPeriod = std::chrono::minutes(1);
+
+  // The loop and the log outlive this.
+  UserLines(std::uint32_t ownUser, RunLoop& loop, SystemLog& log, std::string ident);
+
+  // Whether a line about something that the user has asked may be written. If not, it is counted.
+  bool mayWrite(std::uint32_t user);
+
+ private:
+  struct Count {
+    std::size_t written = 0;
+    std::size_t leftOut = 0;
+  };
+
+  void tellCounts();
+
+  const std::uint32_t ownUser_;
+  RunLoop& loop_;
+  SystemLog& log_;
+  const AslClient client_;
+  std::unique_ptr<RunLoopHandle> timer_;  // used only on the loop
+
+  std::mutex mutex_;
+  std::optional<Instant> periodStart_;
+  bool willTell_ = false;
+  std::size_t written_ = 0;
+  std::map<std::uint32_t, Count> counts_;
+};
+
+}  // namespace platform
