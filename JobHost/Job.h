@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "JobHost/Processes/Processes.h"
 #include "JobHost/RestartPolicy.h"
 #include "JobHost/State/StoredJob.h"
 #include "Platform/RunLoops/RunLoop.h"
@@ -20,10 +21,8 @@ struct Removal {
   std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
   // Requests for the same label that came during the removal, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
-  std::optional<platform::Instant> killAt;  // empty for never
-  std::unique_ptr<platform::RunLoopHandle> killTimer;
-  // The group's leader ended under an earlier host, but other processes of the group still ran.
-  bool hasRemainingProcesses = false;
+  std::optional<platform::Instant> killAt;             // empty for never
+  std::unique_ptr<platform::RunLoopHandle> killTimer;  // then the one for a process that stays
 };
 
 // The part of a job that the host keeps in memory. The rest of the definition is parsed again from
@@ -37,8 +36,10 @@ struct Job {
   JobOrigin origin = JobOrigin::kSubmitted;
   std::size_t cost = 0;  // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
-  // The last start that is in the state file. Its process leads the job's group while `hasLeader`.
+  // The last start that is in the state file.
   StartFields lastStart;
+  // Its process, which leads the group while `hasLeader`. Null if nothing is left of it.
+  std::unique_ptr<JobProcess> process;
   bool hasLeader = false;
   // The last start, also one that failed.
   std::optional<platform::Instant> lastTry;

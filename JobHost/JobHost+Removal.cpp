@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <utility>
@@ -19,6 +20,9 @@ namespace {
 // How often to poll a group whose leader has ended. Its last members may be children of any
 // process, so no exit is reported.
 constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
+
+// How long after SIGKILL a process that stays is reported.
+constexpr platform::Duration kKillReportDelay = std::chrono::seconds(5);
 
 // While the host stops, the time-out of a job whose ExitTimeOut is 0: as long as that of a job
 // without the key. Without it, one job that does not end would keep the later ones from being
@@ -80,18 +84,24 @@ void JobHost::beginRemoval(Job& job) {
   job.isQueued = false;
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
-  if (!job.hasLeader && !job.removal->hasRemainingProcesses) return finishRemoval(job);
+  if (!job.process) return finishRemoval(job);
   if (job.hasLeader) {
-    // If a process was taken over, its parent reaps it, and its number may then mean another group.
-    // So report its end, if it has ended, before signalling by number.
+    // Its end comes before the request to end.
     const std::string label = job.label;
-    processes_.reportIfEnded(job.lastStart.process);
+    job.process->reportIfEnded();
     if (!find(label)) return;  // The report finished the removal.
   }
-  processes_.signalGroup(job.lastStart.process, SIGTERM);
+  signalGroup(job, SIGTERM);
   armKill(job);
   // Without a leader no exit is reported, so poll the group.
   if (!job.hasLeader && !job.timer) awaitGroup(job);
+}
+
+void JobHost::signalGroup(Job& job, int signal) {
+  if (const auto sent = job.process->signalGroup(signal); !sent) {
+    log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label),
+                                             platform::describe(sent.error())));
+  }
 }
 
 platform::Duration JobHost::exitTimeOutOf(const Job& job) const {
@@ -106,22 +116,34 @@ void JobHost::armKill(Job& job) {
   job.removal->killAt = loop_.now() + timeOut;
   job.removal->killTimer =
       loop_.startTimer(timeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
-        // The number may mean another group since the last poll. Then the next poll finishes the
-        // removal.
-        if (!job.hasLeader && !processes_.hasRemainingProcesses(job.lastStart)) return;
+        // If nothing remains, the next poll finishes the removal.
+        if (!job.hasLeader && !job.process->hasRemainingProcesses()) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quotedInMessage(job.label), job.lastStart.process));
-        processes_.signalGroup(job.lastStart.process, SIGKILL);
+        const auto timer = std::move(job.removal->killTimer);  // The callback is part of it.
+        reportIfKillFails(job);
+        signalGroup(job, SIGKILL);
       });
 }
 
-// Polls, because the leader has been reaped or may be at any time, and the number is free for
-// another group once the last member has ended.
+// A process in an uninterruptible sleep, such as that of a hung file system, ends only afterwards.
+void JobHost::reportIfKillFails(Job& job) {
+  job.removal->killTimer =
+      loop_.startTimer(kKillReportDelay, platform::RunLoop::Repeat::kOnce, [this, &job] {
+        log(platform::ASL_LEVEL_ERR,
+            fmt::format(
+                "job {}: process group {} has not ended {} s after SIGKILL; its removal "
+                "waits",
+                platform::quotedInMessage(job.label), job.lastStart.process,
+                std::chrono::duration_cast<std::chrono::seconds>(kKillReportDelay).count()));
+      });
+}
+
 void JobHost::awaitGroup(Job& job) {
-  if (!processes_.hasRemainingProcesses(job.lastStart)) return finishRemoval(job);
+  if (!job.process->hasRemainingProcesses()) return finishRemoval(job);
   job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
-    if (!processes_.hasRemainingProcesses(job.lastStart)) finishRemoval(job);
+    if (!job.process->hasRemainingProcesses()) finishRemoval(job);
   });
 }
 

@@ -1,5 +1,6 @@
 // Removing jobs, and shutting down.
 
+#include <cerrno>
 #include <csignal>
 #include <string>
 #include <utility>
@@ -53,6 +54,26 @@ TEST_F(JobHostTest, AProcessThatDoesNotEndIsKilledAfterTheExitTimeOut) {
     EXPECT_TRUE(answer->value());
     EXPECT_EQ(processes_.signals.back().signal, SIGKILL);
   }
+}
+
+TEST_F(JobHostTest, AProcessThatSurvivesSigkillIsReportedOnce) {
+  processes_.obeysTermination = processes_.obeysKill = false;
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(25s - 1ns);
+  EXPECT_EQ(sink_.count("has not ended 5 s after SIGKILL; its removal waits"), 0);
+  loop_.advanceBy(1h);
+  EXPECT_EQ(sink_.count("process group 101 has not ended 5 s after SIGKILL"), 1);
+  EXPECT_FALSE(*answer);
+  endLast();
+  EXPECT_TRUE(*answer);
+}
+
+TEST_F(JobHostTest, ARefusedSignalIsReported) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  processes_.refusal = platform::Error{platform::ErrorCode::kDenied, EPERM, "signalling"};
+  removeLater("com.example.a");
+  EXPECT_EQ(sink_.count("job \"com.example.a\": signalling: Operation not permitted"), 1);
 }
 
 TEST_F(JobHostTest, AnExitTimeOutOfZeroNeverKills) {

@@ -63,8 +63,7 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   auto record = state_->makeStartRecord(job.label, *job.lastTry);
   if (!record) return std::unexpected(std::move(record.error()));
   const std::size_t mark = state_->mark();
-  const auto process =
-      processes_.start(definition, state_->ticketFor(*record), listener, onEndOf(job));
+  auto process = processes_.start(definition, state_->ticketFor(*record), listener, onEndOf(job));
   if (!process) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
@@ -72,12 +71,14 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
     return std::unexpected(process.error());
   }
   job.lastStart = state_->countStart(*record);
+  job.process = *std::move(process);
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
   ++histories_.of(job.label).starts;
-  if (onStarted_) onStarted_(job.label, *process);
+  if (onStarted_) onStarted_(job.label, job.lastStart.process);
   log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label), *process));
+      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label),
+                  job.lastStart.process));
   return {};
 }
 
@@ -88,14 +89,12 @@ Processes::OnEnd JobHost::onEndOf(Job& job) {
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
-  // If the ending is known, the process was our child and was reaped just now, so its number can't
-  // mean another group yet. A process of another parent may have been reaped at any time since its
-  // end.
-  const bool hasGroup = ending || processes_.hasRemainingProcesses(job.lastStart);
+  // A child has not been reaped yet, so the group is its own.
+  const bool hasGroup = ending || job.process->hasRemainingProcesses();
   // The remaining processes of the group belong to no later process of the job. Kill them before
   // the end is recorded: the next host looks for the group of a process only if its end is not on
   // record.
-  if (!job.removal && hasGroup) processes_.signalGroup(job.lastStart.process, SIGKILL);
+  if (!job.removal && hasGroup) signalGroup(job, SIGKILL);
   compactIfWanted();  // A full file would reject the record of the end.
   job.hasLeader = false;
   job.lastEnd = ending;
@@ -110,6 +109,7 @@ void JobHost::processEnded(Job& job, Ending ending) {
   const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
   histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
   if (job.removal) return hasGroup ? awaitGroup(job) : finishRemoval(job);
+  job.process.reset();
   job.shortRuns = ran < kGoodRun ? job.shortRuns + 1 : 0;
   const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
   job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);

@@ -87,35 +87,35 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
 }
 
 void JobHost::takeOverRemainingProcesses(Job& job) {
-  if (!processes_.hasRemainingProcesses(job.lastStart)) return;
-  if (job.removal) {
-    job.removal->hasRemainingProcesses = true;
-    return;
-  }
+  job.process = processes_.remainsOf(job.lastStart);
+  if (!job.process || job.removal) return;
   log(platform::ASL_LEVEL_NOTICE,
       fmt::format("job {}: what process {} of an earlier host left of its group is killed",
                   platform::quotedInMessage(job.label), job.lastStart.process));
   // As after any end: the remaining processes belong to no later process of the job.
-  processes_.signalGroup(job.lastStart.process, SIGKILL);
+  signalGroup(job, SIGKILL);
+  job.process.reset();
 }
 
 Result<void> JobHost::takeOverProcess(Job& job) {
-  const auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
+  auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
   const std::string what = fmt::format("job {}: process {} of an earlier host",
                                        platform::quotedInMessage(job.label), job.lastStart.process);
-  if (!watched && watched.error().code != ErrorCode::kNotFound) return watched;
+  if (!watched && watched.error().code != ErrorCode::kNotFound) {
+    return std::unexpected(std::move(watched.error()));
+  }
   if (!watched) {
     job.lastEnd = Ending();
     log(platform::ASL_LEVEL_NOTICE, what + " has ended meanwhile");
     return {};
   }
+  job.process = *std::move(watched);
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
   log(platform::ASL_LEVEL_NOTICE, what + " taken over");
   if (!job.machService.empty() &&
-      !sockets_.takeOver(
-          job.machService, job.label,
-          processes_.copyDescriptor(job.lastStart.process, kFirstPassedDescriptor))) {
+      !sockets_.takeOver(job.machService, job.label,
+                         job.process->copyDescriptor(kFirstPassedDescriptor))) {
     log(platform::ASL_LEVEL_NOTICE,
         fmt::format("job {}: the socket of {} stays with its process, and is bound anew when that "
                     "has ended",

@@ -188,7 +188,7 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
 Job* JobHost::findAsOfNow(std::string_view label) {
   Job* const job = find(label);
   if (!job || !job->hasLeader) return job;
-  processes_.reportIfEnded(job->lastStart.process);
+  job->process->reportIfEnded();
   return find(label);  // The report may have finished its removal.
 }
 

@@ -155,7 +155,10 @@ class JobHost {
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);
   void beginRemoval(Job& job);
+  // Logs what the system refuses.
+  void signalGroup(Job& job, int signal);
   void armKill(Job& job);
+  void reportIfKillFails(Job& job);
   platform::Duration exitTimeOutOf(const Job& job) const;
   void awaitGroup(Job& job);
   void finishRemoval(Job& job);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <csignal>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
@@ -41,8 +42,10 @@ class FakeProcesses final : public Processes {
 
   explicit FakeProcesses(platform::VirtualRunLoop& loop) : loop_(loop) {}
 
-  platform::Result<platform::ProcessId> start(const JobDefinition& job, const StartTicket& ticket,
-                                              platform::Descriptor listener, OnEnd onEnd) override {
+  platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
+                                                      const StartTicket& ticket,
+                                                      platform::Descriptor listener,
+                                                      OnEnd onEnd) override {
     ++attempts;
     if (failure && !recordsFailures) return std::unexpected(*failure);
     const platform::ProcessId process = next_++;
@@ -56,10 +59,13 @@ class FakeProcesses final : public Processes {
     state.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
     if (listener >= 0) state.listener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
     started.push_back({process, job.label, job.program, listener, loop_.now()});
-    return process;
+    StartFields identity;
+    std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);
+    return std::make_unique<Handle>(*this, identity);
   }
 
-  platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) override {
+  platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
+                                                         OnEnd onEnd) override {
     const auto found = processes_.find(identity.process);
     if (found == processes_.end() || found->second.ended ||
         identity.startTicks != ticksOf(identity.process) ||
@@ -68,33 +74,12 @@ class FakeProcesses final : public Processes {
     }
     found->second.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
     found->second.isChild = false;
-    return {};
+    return std::make_unique<Handle>(*this, identity);
   }
 
-  bool hasRemainingProcesses(const StartFields& identity) override {
-    return members_.contains(identity.process) && !isAlive(identity.process) &&
-           identity.pidfdInode == inodeOf(identity.process);
-  }
-
-  void reportIfEnded(platform::ProcessId process) override {
-    const auto found = processes_.find(process);
-    if (found != processes_.end() && found->second.ended) report(process);
-  }
-
-  void signalGroup(platform::ProcessId group, int signal) override {
-    signals.push_back({group, signal, loop_.now()});
-    if (signal == SIGKILL || (signal == SIGTERM && obeysTermination)) {
-      members_.erase(group);
-      if (isAlive(group))
-        end(group, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
-    }
-  }
-
-  platform::UniqueFd copyDescriptor(platform::ProcessId process,
-                                    platform::Descriptor descriptor) override {
-    const auto found = processes_.find(process);
-    if (found == processes_.end() || descriptor != 3) return {};
-    return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
+  std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override {
+    if (!hasRemainingProcesses(identity)) return nullptr;
+    return std::make_unique<Handle>(*this, identity);
   }
 
   // Whether a process other than the leader lives in the group.
@@ -142,8 +127,32 @@ class FakeProcesses final : public Processes {
   std::optional<platform::Error> failure;
   bool recordsFailures = false;
   bool obeysTermination = true;
+  bool obeysKill = true;                   // else they are in a state that no signal ends
+  std::optional<platform::Error> refusal;  // of each signal
 
  private:
+  class Handle final : public JobProcess {
+   public:
+    Handle(FakeProcesses& processes, const StartFields& identity)
+        : processes_(processes), identity_(identity) {}
+
+    const StartFields& identity() const override { return identity_; }
+    void reportIfEnded() override { processes_.reportIfEnded(identity_.process); }
+    platform::Result<void> signalGroup(int signal) override {
+      if (processes_.refusal) return std::unexpected(*processes_.refusal);
+      processes_.signalGroup(identity_.process, signal);
+      return {};
+    }
+    bool hasRemainingProcesses() override { return processes_.hasRemainingProcesses(identity_); }
+    platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override {
+      return processes_.copyDescriptor(identity_.process, descriptor);
+    }
+
+   private:
+    FakeProcesses& processes_;
+    const StartFields identity_;
+  };
+
   struct Process {
     // A pending report checks by it whether it is still wanted.
     std::shared_ptr<OnEnd> onEnd;
@@ -152,6 +161,31 @@ class FakeProcesses final : public Processes {
     ProcessEnd status;
     platform::UniqueFd listener;  // its descriptor 3
   };
+
+  bool hasRemainingProcesses(const StartFields& identity) {
+    return members_.contains(identity.process) && !isAlive(identity.process) &&
+           identity.pidfdInode == inodeOf(identity.process);
+  }
+
+  void reportIfEnded(platform::ProcessId process) {
+    const auto found = processes_.find(process);
+    if (found != processes_.end() && found->second.ended) report(process);
+  }
+
+  void signalGroup(platform::ProcessId group, int signal) {
+    signals.push_back({group, signal, loop_.now()});
+    if ((signal == SIGKILL && obeysKill) || (signal == SIGTERM && obeysTermination)) {
+      members_.erase(group);
+      if (isAlive(group))
+        end(group, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
+    }
+  }
+
+  platform::UniqueFd copyDescriptor(platform::ProcessId process, platform::Descriptor descriptor) {
+    const auto found = processes_.find(process);
+    if (found == processes_.end() || descriptor != 3) return {};
+    return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
+  }
 
   std::uint64_t ticksOf(platform::ProcessId process) const {
     return 1000 + static_cast<std::uint64_t>(process);

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
+#include <unordered_set>
 
 #include "JobHost/Processes/OrphanReaper.h"
 #include "JobHost/Processes/ProcessSpawner.h"
@@ -20,30 +20,21 @@ class LinuxProcesses final : public Processes {
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
       platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit);
 
-  platform::Result<platform::ProcessId> start(const JobDefinition& job, const StartTicket& ticket,
-                                              platform::Descriptor listener, OnEnd onEnd) override;
-  platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) override;
-  bool hasRemainingProcesses(const StartFields& identity) override;
-  void reportIfEnded(platform::ProcessId process) override;
-  void signalGroup(platform::ProcessId group, int signal) override;
-  platform::UniqueFd copyDescriptor(platform::ProcessId process,
-                                    platform::Descriptor descriptor) override;
+  platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
+                                                      const StartTicket& ticket,
+                                                      platform::Descriptor listener,
+                                                      OnEnd onEnd) override;
+  platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
+                                                         OnEnd onEnd) override;
+  std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;
 
  private:
-  struct Watched {
-    platform::UniqueFd pidfd;
-    OnEnd onEnd;
-    std::unique_ptr<platform::RunLoopHandle> source;  // Destroyed before the descriptor.
-  };
-
   LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner);
-
-  platform::Result<void> watch(platform::ProcessId process, platform::UniqueFd pidfd, OnEnd onEnd);
-  void ended(platform::ProcessId process);
 
   platform::RunLoop& loop_;
   ProcessSpawner spawner_;
-  std::unordered_map<platform::ProcessId, Watched> watched_;
+  // The children that the handles reap. The kernel reuses none of these numbers before that.
+  std::unordered_set<platform::ProcessId> children_;
   OrphanReaper orphans_;
 };
 

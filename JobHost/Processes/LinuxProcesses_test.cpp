@@ -93,7 +93,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
       const auto loop = platform::AsioRunLoop::create();
       const auto processes = LinuxProcesses::create(**loop, kDescriptorLimit);
       const auto process = (*processes)->start(job, ticket, -1, [](Ending) {});
-      const ProcessId number = process ? *process : 0;
+      const ProcessId number = process ? (*process)->identity().process : 0;
       ::_exit(::write(writing.get(), &number, sizeof number) == sizeof number ? 0 : 1);
     }
     writing.reset();
@@ -142,7 +142,7 @@ class FakeProcessesHarness final : public ProcessesHarness {
   ProcessId startElsewhere(const JobDefinition& job, const StartTicket& ticket) override {
     const auto process = processes_.start(job, ticket, -1, [](Ending) {});
     processes_.dropWatches();
-    return process ? *process : 0;
+    return process ? (*process)->identity().process : 0;
   }
 
  private:
@@ -223,10 +223,10 @@ TEST(LinuxProcesses, AProcessWhoseFirstThreadHasEndedRemainsInItsGroup) {
   pid_t member = 0;
   ASSERT_EQ(::read(reading.get(), &member, sizeof member), ssize_t{sizeof member});
   const StartFields identity{.process = leader, .startTicks = 1};
-  EXPECT_TRUE(processes->hasRemainingProcesses(identity));
+  EXPECT_TRUE(processes->remainsOf(identity));
   EXPECT_EQ(::kill(-leader, SIGKILL), 0);
   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(member), nullptr, WEXITED | WNOWAIT), 0);
-  EXPECT_FALSE(processes->hasRemainingProcesses(identity));  // Although it is not reaped.
+  EXPECT_FALSE(processes->remainsOf(identity));  // Although it is not reaped.
   EXPECT_EQ(::waitpid(member, nullptr, 0), member);
 }
 
@@ -243,11 +243,11 @@ TEST(LinuxProcesses, WithoutDescriptorsAGroupIsNotTakenForEmpty) {
   }
   ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
   const StartFields identity{.process = leader, .startTicks = 1};
-  EXPECT_TRUE(processes->hasRemainingProcesses(identity));
+  EXPECT_TRUE(processes->remainsOf(identity));
   // With the one descriptor it can list the processes, but read none.
   for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
     const DescriptorShortage shortage(left);
-    EXPECT_TRUE(processes->hasRemainingProcesses(identity));
+    EXPECT_TRUE(processes->remainsOf(identity));
   }
   EXPECT_EQ(::kill(-leader, SIGKILL), 0);
 }
@@ -265,6 +265,29 @@ TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForEnded) {
     EXPECT_EQ(taken.error().code, platform::ErrorCode::kExhausted);
   }
   EXPECT_EQ(processes->takeOver(identity, {}).error().code, platform::ErrorCode::kNotFound);
+}
+
+TEST(LinuxProcesses, AStoppedProcessEndsWhenItIsAskedTo) {
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  platform::TemporaryFolder folder;
+  const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  JobDefinition job = numberedJob(0);
+  job.program = "/bin/sleep";
+  job.arguments = {"sleep", "1000"};
+  std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
+  Ending result;
+  const auto process = processes->start(job, {file.get(), record}, -1, [&](Ending ending) {
+    result = ending;
+    loop->stop();
+  });
+  ASSERT_TRUE(process);
+  const ProcessId number = (*process)->identity().process;
+  ASSERT_EQ(::kill(number, SIGSTOP), 0);
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(number), nullptr, WSTOPPED), 0);
+  EXPECT_TRUE((*process)->signalGroup(SIGTERM));
+  loop->run();
+  EXPECT_EQ(result, Ending(ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Processes/ProcessSpawner.h"
@@ -11,45 +12,62 @@
 
 namespace jobhost {
 
-// Starts, watches and signals the processes of jobs. Each leads a session and a process group of
-// its own, which have its number. Belongs to the run loop's thread.
+// A handle on the process of a job, the leader, and on its group. It means that process and group
+// for as long as it lives, whatever gets their number later. Destroying it ends the watch, and not
+// the process.
+class JobProcess {
+ public:
+  // Called once, with Urgency::kProcessExit. The leader is reaped afterwards. The callback may
+  // destroy the handle.
+  using OnEnd = std::move_only_function<void(Ending)>;
+
+  virtual ~JobProcess() = default;
+
+  virtual const StartFields& identity() const = 0;
+
+  // Calls `onEnd` now if the leader has ended and `onEnd` has not been called.
+  virtual void reportIfEnded() = 0;
+
+  // Signals every process of the group, also after the leader's end. SIGTERM is followed by
+  // SIGCONT, so that a stopped process can end. Succeeds if there is none. Fails if the system lets
+  // this process signal none of them.
+  virtual platform::Result<void> signalGroup(int signal) = 0;
+
+  // Whether other processes of the group live after the leader's end. False while the leader lives.
+  // True if that can't be found out. Zombies don't count. May read every process of the system.
+  virtual bool hasRemainingProcesses() = 0;
+
+  // A copy of the leader's descriptor. Empty if it has no such descriptor, or the system gives no
+  // copy.
+  virtual platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) = 0;
+};
+
+// Starts and finds the processes of jobs. Each leads a session and a process group of its own,
+// which have its number. Belongs to the run loop's thread and outlives its handles.
 class Processes {
  public:
-  using OnEnd = std::move_only_function<void(Ending)>;
+  using OnEnd = JobProcess::OnEnd;
 
   virtual ~Processes() = default;
 
   // Starts the process of `job`, which completes and appends the record of `ticket` before its
   // program is executed. If `listener` is not -1, the process gets it as descriptor 3. `onEnd` is
-  // called once, with Urgency::kProcessExit and never from inside this call. The error says which
-  // stage failed, and why. Then there is no process, but the record may be in the file, in part or
-  // whole.
-  virtual platform::Result<platform::ProcessId> start(const JobDefinition& job,
-                                                      const StartTicket& ticket,
-                                                      platform::Descriptor listener,
-                                                      OnEnd onEnd) = 0;
+  // never called from inside this call. The error says which stage failed, and why. Then there is
+  // no process, but the record may be in the file, in part or whole.
+  virtual platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
+                                                              const StartTicket& ticket,
+                                                              platform::Descriptor listener,
+                                                              OnEnd onEnd) = 0;
 
   // Watches a process that another host has started. How it ends can't be known. kNotFound if it
   // has ended, whatever process has its number now.
-  virtual platform::Result<void> takeOver(const StartFields& identity, OnEnd onEnd) = 0;
+  virtual platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
+                                                                 OnEnd onEnd) = 0;
 
-  // Whether other processes still live in the group of a process that has ended. False while the
-  // process itself lives. No new process gets a number that still means a group, so the group is
-  // ours if no process has the number and no member is older than its leader. True if that can't be
-  // found out. Zombies don't count. May read every process of the system.
-  virtual bool hasRemainingProcesses(const StartFields& identity) = 0;
-
-  // Calls the `onEnd` of this process now if it has ended and `onEnd` has not been called.
-  virtual void reportIfEnded(platform::ProcessId process) = 0;
-
-  // Signals every process of the group. Does nothing if there is none. The number must be that of a
-  // group of which a member still lived a moment ago.
-  virtual void signalGroup(platform::ProcessId group, int signal) = 0;
-
-  // A copy of a watched process's descriptor. Empty if the process has no such descriptor, or the
-  // system gives no copy.
-  virtual platform::UniqueFd copyDescriptor(platform::ProcessId process,
-                                            platform::Descriptor descriptor) = 0;
+  // The group of a process that another host has started and that has ended. Null if nothing is
+  // left of it. No new process gets a number that still means a group, so the group is the same one
+  // if no process has the number, the session has it too, and no member is older than the leader.
+  virtual std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) = 0;
 };
 
 }  // namespace jobhost

@@ -77,14 +77,20 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
 
   std::string contents() const { return platform::contentOfFile(path_); }
 
-  platform::ProcessId start(Kind kind, platform::Descriptor listener = -1) {
+  // The handles live as long as the test.
+  JobProcess& hold(platform::Result<std::unique_ptr<JobProcess>> process) {
+    EXPECT_TRUE(process) << platform::describe(process.error());
+    return *held_.emplace_back(*std::move(process));
+  }
+  JobProcess& start(Kind kind, platform::Descriptor listener = -1) {
     JobDefinition job = harness_->job(kind);
     if (listener >= 0) job.machServices = {"com.example.service"};
-    const auto process = processes().start(job, makeTicket(job), listener, reporting());
-    EXPECT_TRUE(process) << platform::describe(process.error());
-    if (!process) return 0;
-    harness_->started(*process, job);
-    return *process;
+    JobProcess& process = hold(processes().start(job, makeTicket(job), listener, reporting()));
+    harness_->started(process.identity().process, job);
+    return process;
+  }
+  void end(JobProcess& process, platform::ExitStatus status) {
+    harness_->end(process.identity().process, status);
   }
   StartFields startElsewhere(Kind kind) {
     const JobDefinition job = harness_->job(kind);
@@ -121,7 +127,7 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
     const auto refused = processes().takeOver(identity, reporting());
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code, platform::ErrorCode::kNotFound);
-    EXPECT_FALSE(processes().hasRemainingProcesses(identity));
+    EXPECT_FALSE(processes().remainsOf(identity));
   }
 
   platform::TemporaryFolder root_;
@@ -130,62 +136,62 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
   std::vector<std::uint8_t> record_;
   std::vector<Ending> ends_;
   std::unique_ptr<ProcessesHarness> harness_ = GetParam()();
+  std::vector<std::unique_ptr<JobProcess>> held_;
 };
 
 TEST_P(ProcessesContract, AStartedProcessIsOnRecord) {
-  const auto process = start(Kind::kAlone);
-  EXPECT_EQ(recorded().process, process);
+  JobProcess& process = start(Kind::kAlone);
+  EXPECT_EQ(recorded(), process.identity());
   EXPECT_NE(recorded().startTicks, 0);
   EXPECT_EQ(contents(), std::string(record_.begin(), record_.end()));
-  EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
+  EXPECT_FALSE(process.hasRemainingProcesses());
   runToEnds(0);
 }
 
 TEST_P(ProcessesContract, HowAProcessEndedIsReportedOnce) {
   for (const Status status : {Status{Status::Kind::kExited, 0}, Status{Status::Kind::kExited, 255},
                               Status{Status::Kind::kSignalled, SIGTERM}, kKilled}) {
-    const auto process = start(Kind::kAlone);
-    harness_->end(process, status);
+    JobProcess& process = start(Kind::kAlone);
+    end(process, status);
     EXPECT_TRUE(ends_.empty());
     runToEnds(1);
     EXPECT_EQ(ends_, std::vector<Ending>{status});
-    EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
+    EXPECT_FALSE(process.hasRemainingProcesses());
     ends_.clear();
   }
 }
 
 TEST_P(ProcessesContract, AnEndThatHasHappenedIsReportedAtOnceOnRequest) {
-  const auto process = start(Kind::kAlone);
-  processes().reportIfEnded(process);
+  JobProcess& process = start(Kind::kAlone);
+  process.reportIfEnded();
   EXPECT_TRUE(ends_.empty());
-  harness_->end(process, kKilled);
-  processes().reportIfEnded(process);
+  end(process, kKilled);
+  process.reportIfEnded();
   EXPECT_EQ(ends_, std::vector<Ending>{kKilled});
-  processes().reportIfEnded(process);
+  process.reportIfEnded();
   runToEnds(1);
 }
 
 TEST_P(ProcessesContract, AnEndIsReportedBeforeAnythingLessUrgent) {
-  const auto process = start(Kind::kAlone);
+  JobProcess& process = start(Kind::kAlone);
   std::vector<std::size_t> endsAt;
   const auto note = [&] { endsAt.push_back(ends_.size()); };
   harness_->loop().post(note);
   harness_->loop().post(note, platform::Urgency::kConnectionDeath);
-  harness_->end(process, kKilled);
+  end(process, kKilled);
   runToEnds(1);
   EXPECT_EQ(endsAt, std::vector<std::size_t>(2, 1));
 }
 
 TEST_P(ProcessesContract, AReportMayStartTheNextProcess) {
   const JobDefinition job = harness_->job(Kind::kAlone);
-  const auto first = processes().start(job, makeTicket(job), -1, [this](Ending ending) {
+  JobProcess& first = hold(processes().start(job, makeTicket(job), -1, [this](Ending ending) {
     ends_.push_back(ending);
-    const auto next = start(Kind::kAlone);
-    harness_->end(next, kKilled);
-  });
-  ASSERT_TRUE(first);
-  harness_->started(*first, job);
-  harness_->end(*first, {Status::Kind::kExited, 1});
+    JobProcess& next = start(Kind::kAlone);
+    end(next, kKilled);
+  }));
+  harness_->started(first.identity().process, job);
+  end(first, {Status::Kind::kExited, 1});
   runToEnds(2);
   EXPECT_EQ(ends_[1], Ending(kKilled));
 }
@@ -212,8 +218,8 @@ TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNotStarted) {
 }
 
 TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeCopiedBack) {
-  const auto process = start(Kind::kAlone, file_.get());
-  const platform::UniqueFd copy = processes().copyDescriptor(process, 3);
+  JobProcess& process = start(Kind::kAlone, file_.get());
+  const platform::UniqueFd copy = process.copyDescriptor(3);
   ASSERT_TRUE(copy);
   struct stat given{};
   struct stat had{};
@@ -222,56 +228,77 @@ TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeCopiedBack) {
   EXPECT_EQ(had.st_ino, given.st_ino);
   EXPECT_EQ(had.st_dev, given.st_dev);
   EXPECT_NE(::fcntl(copy.get(), F_GETFD) & FD_CLOEXEC, 0);
-  EXPECT_FALSE(processes().copyDescriptor(process, 99));
-  harness_->end(process, kKilled);
+  EXPECT_FALSE(process.copyDescriptor(99));
+  end(process, kKilled);
   runToEnds(1);
-  EXPECT_FALSE(processes().copyDescriptor(process, 3));
+  EXPECT_FALSE(process.copyDescriptor(3));
 }
 
 TEST_P(ProcessesContract, ASignalReachesTheProcess) {
-  const auto process = start(Kind::kAlone);
-  processes().signalGroup(process, SIGTERM);
+  JobProcess& process = start(Kind::kAlone);
+  EXPECT_TRUE(process.signalGroup(SIGTERM));
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending(Status{Status::Kind::kSignalled, SIGTERM}));
-  EXPECT_FALSE(processes().hasRemainingProcesses(recorded()));
+  EXPECT_FALSE(process.hasRemainingProcesses());
 }
 
 TEST_P(ProcessesContract, RemainingProcessesLiveUntilTheyAreKilled) {
-  const auto process = start(Kind::kWithMember);
-  const StartFields identity = recorded();
-  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
-  harness_->end(process, {Status::Kind::kExited, 0});
+  JobProcess& process = start(Kind::kWithMember);
+  EXPECT_FALSE(process.hasRemainingProcesses());
+  end(process, {Status::Kind::kExited, 0});
   runToEnds(1);
-  EXPECT_TRUE(processes().hasRemainingProcesses(identity));
-  processes().signalGroup(process, SIGKILL);
-  runUntil([&] { return !processes().hasRemainingProcesses(identity); });
-  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
+  EXPECT_TRUE(process.hasRemainingProcesses());
+  EXPECT_TRUE(process.signalGroup(SIGKILL));
+  runUntil([&] { return !process.hasRemainingProcesses(); });
   EXPECT_EQ(ends_.size(), 1);
+  EXPECT_TRUE(process.signalGroup(SIGKILL));  // There is none.
+}
+
+TEST_P(ProcessesContract, AHandleMayBeDestroyedInItsReport) {
+  const JobDefinition job = harness_->job(Kind::kAlone);
+  JobProcess& process = hold(processes().start(job, makeTicket(job), -1, [this](Ending ending) {
+    ends_.push_back(ending);
+    held_.clear();
+  }));
+  harness_->started(process.identity().process, job);
+  end(process, kKilled);
+  runToEnds(1);
 }
 
 TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnknown) {
   const StartFields identity = startElsewhere(Kind::kAlone);
-  ASSERT_TRUE(processes().takeOver(identity, reporting()));
-  processes().reportIfEnded(identity.process);
+  JobProcess& process = hold(processes().takeOver(identity, reporting()));
+  EXPECT_EQ(process.identity(), identity);
+  process.reportIfEnded();
   runToEnds(0);
-  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  end(process, {Status::Kind::kExited, 0});
   EXPECT_TRUE(ends_.empty());
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending());
 }
 
 TEST_P(ProcessesContract, RemainingProcessesOfAProcessTakenOverAreFound) {
-  const StartFields identity = startElsewhere(Kind::kWithMember);
-  ASSERT_TRUE(processes().takeOver(identity, reporting()));
-  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
-  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  JobProcess& process = hold(processes().takeOver(startElsewhere(Kind::kWithMember), reporting()));
+  EXPECT_FALSE(process.hasRemainingProcesses());
+  end(process, {Status::Kind::kExited, 0});
   runToEnds(1);
   EXPECT_EQ(ends_[0], Ending());
   // This holds whether or not its parent has reaped it yet.
-  EXPECT_TRUE(processes().hasRemainingProcesses(identity));
-  processes().signalGroup(identity.process, SIGKILL);
-  runUntil([&] { return !processes().hasRemainingProcesses(identity); });
-  EXPECT_FALSE(processes().hasRemainingProcesses(identity));
+  EXPECT_TRUE(process.hasRemainingProcesses());
+  EXPECT_TRUE(process.signalGroup(SIGKILL));
+  runUntil([&] { return !process.hasRemainingProcesses(); });
+}
+
+TEST_P(ProcessesContract, WhatAnotherHostsProcessLeftIsFoundAndKilled) {
+  const StartFields identity = startElsewhere(Kind::kWithMember);
+  harness_->end(identity.process, {Status::Kind::kExited, 0});
+  const auto remains = processes().remainsOf(identity);
+  ASSERT_TRUE(remains);
+  EXPECT_TRUE(remains->hasRemainingProcesses());
+  EXPECT_TRUE(remains->signalGroup(SIGTERM));
+  runUntil([&] { return !remains->hasRemainingProcesses(); });
+  EXPECT_FALSE(processes().remainsOf(identity));
+  runToEnds(0);
 }
 
 TEST_P(ProcessesContract, AReusedNumberIsNotTakenOver) {
@@ -294,8 +321,8 @@ TEST_P(ProcessesContract, AReusedNumberIsNotTakenOver) {
 }
 
 TEST_P(ProcessesContract, AProcessThatHasEndedIsNotTakenOver) {
-  const auto process = start(Kind::kAlone);
-  harness_->end(process, kKilled);
+  JobProcess& process = start(Kind::kAlone);
+  end(process, kKilled);
   runToEnds(1);
   expectGone(recorded());
   runToEnds(1);

@@ -16,4 +16,7 @@ struct ChildEnd {
 // process's child, or has been reaped.
 std::optional<ChildEnd> reapIfEnded(int pidfd);
 
+// The same without reaping it, so that its number stays its own.
+std::optional<ChildEnd> endOfChild(int pidfd);
+
 }  // namespace platform

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <unordered_set>
+
+#include "JobHost/Processes/Processes.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/RunLoops/RunLoop.h"
+
+namespace jobhost {
+
+// A process held by its pidfd, which also means its group, or a group without a leader, which has
+// no pidfd.
+class LinuxProcess final : public JobProcess {
+ public:
+  using Numbers = std::unordered_set<platform::ProcessId>;
+
+  LinuxProcess(const StartFields& identity, platform::UniqueFd pidfd)
+      : identity_(identity), pidfd_(std::move(pidfd)) {}
+  LinuxProcess(const LinuxProcess&) = delete;
+  LinuxProcess& operator=(const LinuxProcess&) = delete;
+  ~LinuxProcess() override;
+
+  platform::Result<void> watch(platform::RunLoop& loop, OnEnd onEnd);
+  // This process's child, which is in `children` until it has been reaped.
+  void becomeParent(Numbers& children);
+
+  const StartFields& identity() const override { return identity_; }
+  void reportIfEnded() override;
+  platform::Result<void> signalGroup(int signal) override;
+  bool hasRemainingProcesses() override;
+  platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override;
+
+ private:
+  bool hasEnded() const;
+  void ended();
+  void reap();
+  int sendToGroup(int signal) const;
+
+  const StartFields identity_;
+  platform::UniqueFd pidfd_;
+  Numbers* children_ = nullptr;  // null if it is another process's child, or was reaped
+  OnEnd onEnd_;
+  std::unique_ptr<platform::RunLoopHandle> source_;  // Destroyed before the descriptor.
+  // Expires with this, which the callback of the end may destroy.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace jobhost
