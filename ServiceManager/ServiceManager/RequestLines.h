@@ -12,7 +12,7 @@
 inline void logNewConnection(const platform::NSXPCConnection& connection,
                              const std::source_location& where = std::source_location::current()) {
   if (!connection.mayLog()) return;
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
+  vantorlogger2_line(platform::ASL_LEVEL_DEBUG,
                      platform::stringWithFormat(
                          "Received a new connection request. pid: %d, uid: %d",
                          connection.processIdentifier(), connection.effectiveUserIdentifier()),

@@ -32,8 +32,8 @@ class FakeEndpoint final : public NSXPCListenerEndpoint {
   bool hasListener() const override { return !listener_.expired(); }
 
  private:
-  const std::weak_ptr<const void> listener_;
   const std::string path_;
+  const std::weak_ptr<const void> listener_;
 };
 
 Result<std::size_t> checkedBytes(std::string_view selector, const Array& arguments,
