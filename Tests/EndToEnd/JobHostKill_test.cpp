@@ -85,7 +85,7 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
     ASSERT_EQ(now, jobs_);
     if (HasFailure()) return;
   }
-  expectKilled(killed, calls, {"waitid", "kill", "write", "clone"});
+  expectKilled(killed, calls, {"waitid", "pidfd_send_signal", "write", "clone"});
 }
 
 TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
