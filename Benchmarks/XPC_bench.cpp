@@ -88,7 +88,8 @@ void serveXPC(const std::string& path, int started) {
   ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
   LastUser lastUser;
-  const auto xpc = LinuxXPC::make(log, root, std::nullopt);
+  const auto xpc =
+      LinuxXPC::make(log, ListenerPlaces(defaultPlatformConfiguration(root)), std::nullopt);
   if (!xpc) return;
   const auto registry =
       std::make_shared<ORBServiceManagerXPCHandler>(loop, system, *center, protocols);

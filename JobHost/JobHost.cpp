@@ -32,7 +32,7 @@ Result<std::unique_ptr<JobHost>> JobHost::create(platform::RunLoop& loop, Proces
                                                  platform::SystemLog& log, JobHostOptions options) {
   const auto folders = makeRuntimeFolders(options.root);
   if (!folders) return std::unexpected(folders.error());
-  auto sockets = MachSockets::open(folders->mach);
+  auto sockets = MachSockets::open(folders->mach, options.audienceOfService);
   if (!sockets) return std::unexpected(std::move(sockets.error()));
   auto state = StateFile::open(folders->runtime, options.bootId, loop);
   if (!state) return std::unexpected(std::move(state.error()));

@@ -31,6 +31,11 @@ struct JobHostOptions {
   std::string root;    // the platform root
   std::string bootId;  // as readBootId() returns it
   std::size_t maximumJobs = 4096;
+  // The users who may connect to the Mach services of jobs: only the host's own and root, unless
+  // this says more.
+  MachSockets::AudienceOf audienceOfService = [](std::string_view) {
+    return platform::PeerAudience();
+  };
   // Whether a stop was requested while the host is being created. Called before each job that
   // create() would start. May be empty.
   std::function<bool()> isStopRequested = {};

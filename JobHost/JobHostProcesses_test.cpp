@@ -174,7 +174,7 @@ TEST_F(JobHostServices, TheSocketOutlivesTheProcessAndEndsWithTheJob) {
   EXPECT_THAT(socket, testing::StartsWith("socket:["));
   struct stat status{};
   ASSERT_EQ(::stat(root_.path("run/vantor/mach/com.example.service").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode, S_IFSOCK | 0666u);
+  EXPECT_EQ(status.st_mode, S_IFSOCK | 0600u);
   ::kill(pidOf("com.example.job"), SIGKILL);
   EXPECT_EQ(connectTo(kService), 0);
   EXPECT_EQ(lines_.nextLine(), socket);

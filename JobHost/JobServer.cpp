@@ -44,10 +44,11 @@ Result<std::unique_ptr<JobServer>> JobServer::listen(RunLoop& loop, PeerTranspor
   std::unique_ptr<JobServer> server(new JobServer(loop, user, host, log));
   // The mode lets only the host's user open the socket (and root always). The credentials are
   // checked too, because an administrator may change the mode.
-  auto listener = transport.listen(
-      path, {.socketMode = 0600}, [raw = server.get()](std::unique_ptr<PeerConnection> connection) {
-        raw->accept(std::move(connection));
-      });
+  auto listener =
+      transport.listen(path, {.audience = PeerAudience::all(), .socketMode = 0600},
+                       [raw = server.get()](std::unique_ptr<PeerConnection> connection) {
+                         raw->accept(std::move(connection));
+                       });
   if (!listener) return std::unexpected(std::move(listener.error()));
   server->listener_ = *std::move(listener);
   host.setStartHandler([raw = server.get()](const std::string& label, ProcessId process) {

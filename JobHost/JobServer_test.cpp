@@ -35,7 +35,7 @@ constexpr std::uint32_t kHostsUser = 500;
 struct Client {
   Client(FakePeerNetwork& network, std::uint32_t user)
       : transport(network, PeerCredentials{77, user, user}) {
-    auto connected = transport.connect(kSocket, {});
+    auto connected = transport.connect(kSocket, {.servers = PeerAudience::all()});
     EXPECT_TRUE(connected);
     if (connected) connection = *std::move(connected);
   }

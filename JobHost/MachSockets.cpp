@@ -27,9 +27,6 @@ using platform::Result;
 using platform::systemError;
 using platform::UniqueFd;
 
-// Every user may connect: the service itself decides which callers it serves.
-constexpr mode_t kSocketMode = 0666;
-
 // The name that a service's socket is bound by before it is renamed to its own. It is short enough
 // for an address however long the service's name is, and getsockname() still tells it afterwards.
 std::string boundName(std::string_view service) {
@@ -67,7 +64,16 @@ bool isBoundTo(int socket, const struct stat& status, const std::string& service
   return wasBoundAs(socket, service);
 }
 
-Result<UniqueFd> bindListener(int folder, const std::string& service) {
+}  // namespace
+
+Result<MachSockets> MachSockets::open(const std::string& folder, AudienceOf audience) {
+  UniqueFd descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!descriptor) return std::unexpected(systemError("opening " + folder));
+  return MachSockets(std::move(descriptor), std::move(audience));
+}
+
+Result<UniqueFd> MachSockets::bindListener(const std::string& service) const {
+  const int folder = folder_.get();
   const std::string what = "binding the service " + platform::quotedInMessage(service);
   const std::string name = boundName(service);
   UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -80,8 +86,7 @@ Result<UniqueFd> bindListener(int folder, const std::string& service) {
   if (::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return std::unexpected(systemError(what));
   }
-  if (::fchmodat(folder, name.c_str(), kSocketMode, 0) != 0 ||
-      ::listen(socket.get(), SOMAXCONN) != 0 ||
+  if (!permit(name, service) || ::listen(socket.get(), SOMAXCONN) != 0 ||
       ::renameat(folder, name.c_str(), folder, service.c_str()) != 0) {
     Error error = systemError(what);
     ::unlinkat(folder, name.c_str(), 0);
@@ -90,12 +95,15 @@ Result<UniqueFd> bindListener(int folder, const std::string& service) {
   return socket;
 }
 
-}  // namespace
-
-Result<MachSockets> MachSockets::open(const std::string& folder) {
-  UniqueFd descriptor(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!descriptor) return std::unexpected(systemError("opening " + folder));
-  return MachSockets(std::move(descriptor));
+// The service itself asks the kernel for its callers, too.
+bool MachSockets::permit(const std::string& file, const std::string& service) const {
+  const platform::PeerAudience audience = audience_(service);
+  if (audience.group && !audience.everybody &&
+      ::fchownat(folder_.get(), file.c_str(), static_cast<uid_t>(-1), *audience.group,
+                 AT_SYMLINK_NOFOLLOW) != 0) {
+    return false;
+  }
+  return ::fchmodat(folder_.get(), file.c_str(), audience.socketMode(), 0) == 0;
 }
 
 Result<Descriptor> MachSockets::listen(const std::string& service, std::string_view label) {
@@ -108,7 +116,7 @@ Result<Descriptor> MachSockets::listen(const std::string& service, std::string_v
                           platform::quotedInMessage(label), platform::quotedInMessage(service),
                           platform::quotedInMessage(found->second.label))});
   }
-  auto socket = bindListener(folder_.get(), service);
+  auto socket = bindListener(service);
   if (!socket) return std::unexpected(std::move(socket.error()));
   const Descriptor descriptor = socket->get();
   listeners_.emplace(service, Listener{std::string(label), *std::move(socket)});
@@ -123,6 +131,8 @@ bool MachSockets::takeOver(const std::string& service, std::string_view label, U
       !S_ISSOCK(status.st_mode) || !isBoundTo(socket.get(), status, service)) {
     return false;
   }
+  // The configuration may have changed.
+  if (!permit(service, service)) return false;
   listeners_.emplace(service, Listener{std::string(label), std::move(socket)});
   return true;
 }

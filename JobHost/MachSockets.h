@@ -1,10 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Peers/PeerAudience.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 
@@ -15,8 +18,11 @@ namespace jobhost {
 // waits in the backlog and is not refused.
 class MachSockets {
  public:
+  // The users who may connect to a service.
+  using AudienceOf = std::function<platform::PeerAudience(std::string_view service)>;
+
   // `folder` exists.
-  static platform::Result<MachSockets> open(const std::string& folder);
+  static platform::Result<MachSockets> open(const std::string& folder, AudienceOf audience);
 
   // The socket of `service`. Binds it if it is not bound, and replaces any file of that name. This
   // keeps owning it. kInvalid if it is another job's.
@@ -37,9 +43,14 @@ class MachSockets {
     platform::UniqueFd socket;
   };
 
-  explicit MachSockets(platform::UniqueFd folder) : folder_(std::move(folder)) {}
+  MachSockets(platform::UniqueFd folder, AudienceOf audience)
+      : folder_(std::move(folder)), audience_(std::move(audience)) {}
+
+  platform::Result<platform::UniqueFd> bindListener(const std::string& service) const;
+  bool permit(const std::string& file, const std::string& service) const;
 
   platform::UniqueFd folder_;
+  AudienceOf audience_;
   std::map<std::string, Listener> listeners_;
 };
 

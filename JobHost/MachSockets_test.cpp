@@ -31,7 +31,8 @@ class MachSocketsTest : public testing::Test {
   }
 
   MachSockets open() const {
-    auto sockets = MachSockets::open(folder_.path());
+    auto sockets =
+        MachSockets::open(folder_.path(), [this](std::string_view) { return audience_; });
     EXPECT_TRUE(sockets);
     return *std::move(sockets);
   }
@@ -62,10 +63,29 @@ class MachSocketsTest : public testing::Test {
     return socket;
   }
 
+  mode_t mode() const {
+    struct stat status{};
+    EXPECT_EQ(::stat(folder_.path(kService).c_str(), &status), 0);
+    return status.st_mode & 07777u;
+  }
+
   platform::TemporaryFolder folder_;
+  platform::PeerAudience audience_;
   UniqueFd socket_;
   MachSockets next_ = open();
 };
+
+// A socket outlives its host, and the configuration may have changed since.
+TEST_F(MachSocketsTest, TheModeIsThatOfTheAudience) {
+  EXPECT_EQ(mode(), 0600u);
+  audience_ = platform::PeerAudience::all();
+  EXPECT_TRUE(isTakenOver(UniqueFd(::dup(socket_.get()))));
+  EXPECT_EQ(mode(), 0666u);
+  audience_ = {.everybody = false, .user = {}, .group = ::getegid()};
+  next_.close(kService, kJob);
+  ASSERT_TRUE(next_.listen(kService, kJob));
+  EXPECT_EQ(mode(), 0660u);
+}
 
 TEST_F(MachSocketsTest, TheSocketOfAnEarlierHostIsTakenOverOnce) {
   EXPECT_TRUE(isTakenOver(UniqueFd(::dup(socket_.get()))));

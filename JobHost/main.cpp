@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 
 namespace {
 
@@ -66,8 +68,16 @@ int main() {
                             "the job host does not start: " + platform::describe(error));
     return ::fail(error);
   };
+  for (const std::string& warning : linux.configuration.warnings) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING, warning);
+  }
   // All other programs of the root register their connections in this folder.
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
+    return fail(folder.error());
+  }
+  const platform::ListenerPlaces places(linux.configuration);
+  if (const auto folder = platform::shareEndpointFolder(places.root(), places.endpointClients());
+      !folder) {
     return fail(folder.error());
   }
   auto bootId = jobhost::readBootId();
@@ -87,6 +97,9 @@ int main() {
   jobhost::JobHostOptions options;
   options.root = linux.configuration.root;
   options.bootId = *std::move(bootId);
+  options.audienceOfService = [&places](std::string_view service) {
+    return places.machService(service).clients;
+  };
   options.isStopRequested = &TerminationBlocked::isPending;
   auto created =
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));

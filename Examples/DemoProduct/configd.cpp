@@ -16,7 +16,7 @@
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/Linux/Files/PropertyListFile.h"
 #include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/NamedConnections/NamedConnections.h"
@@ -125,11 +125,10 @@ int main(int argc, char** argv) {
   if (!store) return fail(&linux.systemLog, store.error());
   registerDefaults(linux, **store);
   platform::NotificationCenter localCenter;
-  platform::NamedConnections connections(*linux.runLoop, linux.peerTransport, localCenter,
-                                         linux.systemLog, [&](std::string_view name) {
-                                           return platform::pathOfConnection(
-                                               linux.configuration.root, name);
-                                         });
+  const platform::ListenerPlaces places(linux.configuration);
+  platform::NamedConnections connections(
+      *linux.runLoop, linux.peerTransport, localCenter, linux.systemLog,
+      [&](std::string_view name) { return places.connection(name); });
   const auto center = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::ProtocolTable protocols;

@@ -12,6 +12,7 @@
 #include "Examples/DemoProduct/GreetingEndpoint.h"
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
   if (argc != 2) return fail("expected the name of an endpoint");
   const auto linux = LinuxPlatform::make();
   if (!linux) return fail(describe(linux.error()));
-  const auto xpc = LinuxXPC::make((*linux)->systemLog, (*linux)->configuration.root, std::nullopt);
+  const auto xpc =
+      LinuxXPC::make((*linux)->systemLog, ListenerPlaces((*linux)->configuration), std::nullopt);
   if (!xpc) return fail(describe(xpc.error()));
   ProtocolTable protocols;
   addServiceManagerProtocols(protocols);

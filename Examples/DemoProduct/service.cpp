@@ -12,6 +12,7 @@
 #include "Examples/DemoProduct/GreetingEndpoint.h"
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
@@ -51,8 +52,8 @@ int main(int argc, char** argv) {
   platform::LinuxPlatform& linux = **made;
   const auto center = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
-  const auto xpc =
-      platform::LinuxXPC::make(linux.systemLog, linux.configuration.root, std::nullopt);
+  const auto xpc = platform::LinuxXPC::make(
+      linux.systemLog, platform::ListenerPlaces(linux.configuration), std::nullopt);
   if (!xpc) {
     std::fputs((platform::describe(xpc.error()) + "\n").c_str(), stderr);
     return EXIT_FAILURE;

@@ -30,7 +30,7 @@ class FakeSettingsServer final : public platform::MessageReceiver {
   // The program shares it with its clients. It outlives the program.
   struct Environment {
     platform::FakePeerNetwork& network;
-    platform::NamedConnections::PathOfName path;
+    platform::NamedConnections::PlaceOfName path;
     const platform::ProtocolTable& protocols;
     const platform::SystemInformation& system;
   };

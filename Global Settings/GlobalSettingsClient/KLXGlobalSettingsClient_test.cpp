@@ -96,7 +96,7 @@ class KLXGlobalSettingsClientTest : public testing::Test {
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
   platform::FakePeerTransport serverTransport_{network_, {200, 0, 0}};
-  platform::NamedConnections::PathOfName path_ = [](std::string_view name) {
+  std::function<std::string(std::string_view)> path_ = [](std::string_view name) {
     return std::string(name);
   };
   platform::ConnectedProgram program_{loop_, transport_, path_};
@@ -310,8 +310,13 @@ TEST_F(KLXGlobalSettingsClientTest, ADelegateWithoutTheRestartMethodIsNotNotifie
   DelegateWithoutMethods delegate;
   const auto client = Client::commonSettingsClientWithDelegate(environment(), &delegate);
   ASSERT_TRUE(client->isProxyValid());
+  const auto old = client->connection();
   post("com.vantor.CommonPreferences.didStart");
   EXPECT_EQ(client->connection(), nullptr);
+  // The restart has done nothing besides, so the next message connects again.
+  EXPECT_EQ(client->objectForKey("a"), Value("objectForKey:"));
+  EXPECT_NE(client->connection(), old);
+  EXPECT_EQ(server_.messages.size(), 1u);
 }
 
 TEST_F(KLXGlobalSettingsClientTest, AClearedDelegateIsNotNotified) {

@@ -43,7 +43,7 @@ class ServedSettings final : public SettingsUnderTest {
   platform::FakeNotificationBus bus_{loop_};
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
-  platform::NamedConnections::PathOfName path_ = [](std::string_view name) {
+  std::function<std::string(std::string_view)> path_ = [](std::string_view name) {
     return std::string(name);
   };
   platform::ConnectedProgram program_{loop_, transport_, path_};

@@ -171,6 +171,9 @@ void NSConnection::handleAuthentication(PeerMessage message) {
   if (delegate_ == nullptr) return refuse(std::move(message.reply), "there is no delegate");
   if (!delegate_->authenticateComponents({}, *data))
     return refuse(std::move(message.reply), "its authentication was wrong");
+  if (!peer_->peerIsUnchanged())
+    return refuse(std::move(message.reply),
+                  "the process that connected has ended or has become another user's");
   if (!valid_ || delegate_ == nullptr) return invalidate();
   stage_ = Stage::kOpen;
   peer_->admit();

@@ -45,8 +45,13 @@ bool NSConnection::registerName(std::string_view name) {
   if (name.empty()) return fail("it is empty");
   const std::weak_ptr<NSConnection> self = weak_from_this();
   PeerListenerOptions options;
-  options.socketMode = 0666;  // The authentication decides, not the user.
-  auto listener = connections_.transport_.listen(connections_.path_(name), options,
+  const ListenerPlace place = connections_.place_(name);
+  options.audience = place.clients;
+  options.excluded = [self, server = std::string(name)](const PeerCredentials& peer) {
+    if (const auto connection = self.lock())
+      connection->logRefusal(server, peer, "this user may not use it");
+  };
+  auto listener = connections_.transport_.listen(place.path, options,
                                                  [self](std::unique_ptr<PeerConnection> peer) {
                                                    if (const auto connection = self.lock())
                                                      connection->accept(std::move(peer));
@@ -91,10 +96,12 @@ void NSConnection::died(const Error& why) {
   invalidate();
 }
 
-void NSConnection::logRefusal(std::string_view why) {
-  const PeerCredentials peer = peer_->peer();
+void NSConnection::logRefusal(std::string_view why) { logRefusal(name_, peer_->peer(), why); }
+
+void NSConnection::logRefusal(std::string_view name, const PeerCredentials& peer,
+                              std::string_view why) {
   connections_.refusals_.write(
-      stringWithFormat("Ended a connection of \"%@\" with process %d of user %u: %@", name_,
+      stringWithFormat("Ended a connection of \"%@\" with process %d of user %u: %@", name,
                        peer.process, peer.user, why));
 }
 

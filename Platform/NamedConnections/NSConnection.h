@@ -128,6 +128,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   void accept(std::unique_ptr<PeerConnection> peer);
   void died(const Error& why);
   void logRefusal(std::string_view why);
+  void logRefusal(std::string_view name, const PeerCredentials& peer, std::string_view why);
 
   // Our messages, see NSDistantObject::sendMessage().
   MessageResult sendTwoWay(std::int64_t object, std::string_view selector, const Array& arguments);

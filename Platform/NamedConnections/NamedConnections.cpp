@@ -12,13 +12,13 @@ constexpr char kIdent[] = "NSConnection";
 }  // namespace
 
 NamedConnections::NamedConnections(RunLoop& loop, PeerTransport& transport,
-                                   NotificationCenter& center, SystemLog& log, PathOfName path)
+                                   NotificationCenter& center, SystemLog& log, PlaceOfName place)
     : loop_(loop),
       transport_(transport),
       center_(center),
       failures_(loop, log, kIdent),
       refusals_(loop, log, kIdent),
-      path_(std::move(path)) {}
+      place_(std::move(place)) {}
 
 std::shared_ptr<NSConnection> NamedConnections::makeConnection() {
   return std::make_shared<NSConnection>(NSConnection::Maker(), *this, NSConnection::Role::kServer,
@@ -55,9 +55,11 @@ bool NamedConnections::isHung(const std::string& name) {
 }
 
 std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> NamedConnections::connect(
-    const std::string& name, const PeerConnectOptions& options) {
+    const std::string& name, PeerConnectOptions options) {
   using Kind = PeerConnectFailure::Kind;
-  auto peer = transport_.connect(path_(name), options);
+  const ListenerPlace place = place_(name);
+  options.servers = place.servers;
+  auto peer = transport_.connect(place.path, options);
   if (!peer) {
     const PeerConnectFailure& failure = peer.error();
     if (failure.kind != Kind::kNobodyThere)

@@ -13,6 +13,7 @@
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/Peers/ListenerPlace.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Time.h"
@@ -27,12 +28,12 @@ class NamedConnections {
   // long. So it costs one time-out and not one for each message.
   static constexpr Duration kHungServerPause = std::chrono::seconds(30);
 
-  // Returns the path of a name's socket.
-  using PathOfName = std::function<std::string(std::string_view name)>;
+  // Returns where the listener of a name is.
+  using PlaceOfName = std::function<ListenerPlace(std::string_view name)>;
 
-  // All but `path` outlive this.
+  // All but `place` outlive this.
   NamedConnections(RunLoop& loop, PeerTransport& transport, NotificationCenter& center,
-                   SystemLog& log, PathOfName path);
+                   SystemLog& log, PlaceOfName place);
   NamedConnections(const NamedConnections&) = delete;
   NamedConnections& operator=(const NamedConnections&) = delete;
 
@@ -57,7 +58,7 @@ class NamedConnections {
 
   bool isHung(const std::string& name);
   std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> connect(
-      const std::string& name, const PeerConnectOptions& options);
+      const std::string& name, PeerConnectOptions options);
   // Records that `name` did not answer in time.
   void markHung(const std::string& name);
 
@@ -66,7 +67,7 @@ class NamedConnections {
   NotificationCenter& center_;
   RefusalLog failures_;  // of this program's own calls
   RefusalLog refusals_;  // of peers, separate so that they can't suppress the others
-  PathOfName path_;
+  PlaceOfName place_;
   // Contains only names that this program itself looks up.
   std::map<std::string, Instant> hungUntil_;
 };

@@ -26,14 +26,14 @@ class FakeConnectionsHarness final : public NamedConnectionsHarness {
   std::string path(std::string_view name) override { return "connections/" + std::string(name); }
 
  private:
-  NamedConnections::PathOfName paths() {
+  NamedConnections::PlaceOfName paths() {
     return [this](std::string_view name) { return path(name); };
   }
 
   VirtualRunLoop loop_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport transportHere_{network_, {100, 1, 1}};
-  FakePeerTransport transportThere_{network_, {200, 2, 2}};
+  FakePeerTransport transportThere_{network_, {200, 1, 1}};
   ConnectedProgram here_{loop_, transportHere_, paths()};
   ConnectedProgram there_{loop_, transportThere_, paths()};
 };
@@ -61,7 +61,7 @@ class NamedConnectionsTest : public testing::Test {
   VirtualRunLoop loop_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport transport_{network_, {100, 1, 1}};
-  FakePeerTransport serverTransport_{network_, {200, 2, 2}};
+  FakePeerTransport serverTransport_{network_, {200, 1, 1}};
   ConnectedProgram program_{loop_, transport_,
                             [](std::string_view name) { return std::string(name); }};
   ConnectedProgram server_{loop_, serverTransport_,
@@ -103,6 +103,40 @@ TEST_F(NamedConnectionsTest, AClientThatDoesNotAuthenticateInTimeIsDisconnected)
   EXPECT_TRUE(connection->childConnections().empty());
   EXPECT_EQ(server_.sink.count("with process 100 of user 1: "), 1u);
   EXPECT_FALSE(client->isValid());
+}
+
+TEST_F(NamedConnectionsTest, AUserOutsideOfTheAudienceIsRefusedAndLogged) {
+  const auto connection = vend("server");
+  FakePeerTransport stranger(network_, {300, 3, 3});
+  for (int i = 0; i < 100; ++i) {
+    const auto refused = stranger.connect("server", {.servers = PeerAudience::all()});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().kind, PeerConnectFailure::Kind::kRefused);
+  }
+  EXPECT_TRUE(connection->childConnections().empty());
+  EXPECT_EQ(server_.sink.count("with process 300 of user 3: this user may not use it"), 10u);
+}
+
+TEST_F(NamedConnectionsTest, AServerOfAnotherUserIsNotAsked) {
+  FakePeerTransport impostor(network_, {300, 3, 3});
+  const auto listener =
+      impostor.listen("server", {.audience = PeerAudience::all()},
+                      [](std::unique_ptr<PeerConnection>) { ADD_FAILURE() << "asked"; });
+  ASSERT_TRUE(listener);
+  EXPECT_EQ(program_.connections.connectionWithRegisteredName("server"), nullptr);
+}
+
+TEST_F(NamedConnectionsTest, AProcessThatHasBecomeAnotherUsersIsRefused) {
+  const auto connection = vend("server");
+  const auto client = program_.connections.connectionWithRegisteredName("server");
+  ASSERT_TRUE(client);
+  TokenDelegate right("client", "server");
+  client->setDelegate(&right);
+  transport_.becomeUser(3);
+  const auto proxy = client->rootProxy();
+  ASSERT_FALSE(proxy);
+  EXPECT_EQ(proxy.error().name, kNSFailedAuthenticationException);
+  EXPECT_TRUE(connection->childConnections().empty());
 }
 
 TEST_F(NamedConnectionsTest, TheNameOfADeadOwnerIsFree) {

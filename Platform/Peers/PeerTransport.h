@@ -4,10 +4,12 @@
 #include <expected>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Platform/Peers/NSXPCListenerEndpoint.h"
+#include "Platform/Peers/PeerAudience.h"
 #include "Platform/Peers/PeerLimits.h"
 #include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/RunLoops/RunLoop.h"
@@ -84,6 +86,11 @@ class PeerConnection {
   // kernel can't tell (before 6.5), whether any process has that number.
   virtual bool peerLives() const = 0;
 
+  // Whether that process lives and still has the user that it connected as: a process may give up
+  // its rights, or hand its connection on and end. True if the kernel can't tell, as for a process
+  // of another pid namespace.
+  virtual bool peerIsUnchanged() const = 0;
+
   // The peer has shown that it may use this listener: its admission time ends, its place becomes
   // free, and its messages may have the full size. Does nothing if that has happened, and on a
   // connection that we made ourselves.
@@ -129,7 +136,12 @@ class PeerListener {
 enum class WhileWaiting { kServe, kServeNothing };
 
 struct PeerListenerOptions {
-  std::uint32_t socketMode = 0600;  // write permission is the permission to connect
+  // The mode of the socket is the first gate, the check of each peer's credentials the second.
+  PeerAudience audience = {};
+  // Instead of the audience's mode, for a listener that tells others why it does not serve them.
+  std::optional<std::uint32_t> socketMode = {};
+  // Called on the loop for a peer that the audience excludes; its connection is closed.
+  std::function<void(const PeerCredentials&)> excluded = {};
   WhileWaiting whileWaiting = WhileWaiting::kServeNothing;
   Duration admissionTime = kPeerAdmissionTime;
   // Root and our own user have no limit.
@@ -141,13 +153,15 @@ struct PeerConnectOptions {
   Duration timeout = std::chrono::seconds(5);
   WhileWaiting whileWaiting = WhileWaiting::kServe;
   PeerMessageContents contents = PeerMessageContents::kValues;
+  // The users whose listeners are trusted. Any other one is kRefused before anything is sent to it.
+  PeerAudience servers = {};
 };
 
 // The reason why there is no connection.
 struct PeerConnectFailure {
   enum class Kind {
     kNobodyThere,  // there is no such name, or its owner has ended
-    kRefused,      // no permission to connect, or the other side closed at once
+    kRefused,      // no permission to connect, an owner that is not trusted, or closed at once
     kTimedOut,     // the other side runs and did not answer in time
     kSystem,       // this system has no room, or the name is not valid
   };
@@ -164,9 +178,9 @@ class PeerTransport {
 
   virtual ~PeerTransport() = default;
 
-  // Takes the name `path` in an existing folder. Every user may connect if the socket's mode
-  // permits it; the owner decides about users and calls admit(). The callback runs on the loop and
-  // may destroy the listener.
+  // Takes the name `path` in an existing folder. Peers outside of the audience are closed; for the
+  // others the owner decides and calls admit(). The callback runs on the loop and may destroy the
+  // listener.
   //
   // Fails with kDenied if a live owner has the name (EADDRINUSE) or the folder is not writable,
   // with kNotFound if there is no such folder, with kInvalid if a file that is not a socket has the

@@ -11,7 +11,9 @@ namespace platform {
 namespace {
 
 constexpr std::size_t kMaximumPathBytes = 4095;
-constexpr std::size_t kMaximumGroupBytes = 32;  // the limit of the system's group tools
+constexpr std::size_t kMaximumAccountBytes = 32;  // the limit of the system's tools
+constexpr std::size_t kMaximumListeners = 64;
+constexpr std::size_t kMaximumListenerBytes = 1024;
 constexpr std::size_t kMaximumLanguages = 64;
 constexpr std::size_t kMaximumLanguageBytes = 64;
 constexpr std::size_t kMaximumAddressBytes = 1024;
@@ -76,11 +78,45 @@ bool readUsersRoot(const Value& value, Configuration& configuration) {
   return true;
 }
 
+// Whether it can be the name of a user or a group, and of a folder.
+bool isAccountName(const std::string* name) {
+  return name && isPlainText(*name, kMaximumAccountBytes) && !name->starts_with('.') &&
+         name->find_first_of(":/, ") == name->npos;
+}
+
 bool readGroup(const Value& value, Configuration& configuration) {
-  const std::string* name = value.string();
-  if (!name || !isPlainText(*name, kMaximumGroupBytes)) return false;
-  if (name->find_first_of(":/, ") != name->npos) return false;
-  configuration.group = *name;
+  if (!isAccountName(value.string())) return false;
+  configuration.group = *value.string();
+  return true;
+}
+
+// They stop the product and hand out its secret, so no configuration opens them to everybody.
+constexpr std::array<std::string_view, 2> kNeverOpen{"com.vantor.servicemanager.installer.server",
+                                                     "com.vantor.common.servicemanager.auth"};
+
+bool readOpenListeners(const Value& value, Configuration& configuration) {
+  const Array* listeners = value.array();
+  if (!listeners || listeners->size() > kMaximumListeners) return false;
+  for (const Value& listener : *listeners) {
+    const std::string* name = listener.string();
+    if (!name || !isPlainText(*name, kMaximumListenerBytes)) return false;
+    if (std::ranges::find(kNeverOpen, *name) == kNeverOpen.end()) {
+      configuration.openListeners.push_back(*name);
+    } else {
+      configuration.warnings.push_back(fmt::format(
+          "key \"OpenListeners\": {} is never open to everybody; this entry is ignored", *name));
+    }
+  }
+  return true;
+}
+
+bool readNameOwners(const Value& value, Configuration& configuration) {
+  const Dictionary* owners = value.dictionary();
+  if (!owners || owners->size() > kMaximumListeners) return false;
+  for (const auto& [name, owner] : *owners) {
+    if (!isPlainText(name, kMaximumListenerBytes) || !isAccountName(owner.string())) return false;
+    configuration.nameOwners.emplace(name, *owner.string());
+  }
   return true;
 }
 
@@ -157,6 +193,12 @@ constexpr std::array kKeys{
         readOsVersion},
     Key{"UsersRoot", "an absolute path of at most 4095 bytes", readUsersRoot},
     Key{"Group", "the name of a group, of at most 32 bytes", readGroup},
+    Key{"OpenListeners", "an array of at most 64 names of listeners, each of 1 to 1024 bytes",
+        readOpenListeners},
+    Key{"NameOwners",
+        "a dictionary of at most 64 names of connections, each with the name of a user, of at most "
+        "32 bytes",
+        readNameOwners},
     Key{"Languages", "an array of at most 64 language codes, each a string of 1 to 64 bytes",
         readLanguages},
     Key{"NotificationBus", "\"system\" or a D-Bus address (\"unix:path=...\")",
@@ -225,6 +267,8 @@ Result<PlatformConfiguration> parsePlatformConfiguration(const Value& contents,
           fmt::format("key \"{}\": expected {}, found {}", name, key->expected, found(value)));
     }
   }
+  for (std::string& warning : configuration.warnings)
+    warning = fmt::format("{}: {}", file, warning);
   if (!entries->contains("OSVersion")) {
     configuration.osVersion = versionOfKernelRelease(configuration.kernelRelease);
   }

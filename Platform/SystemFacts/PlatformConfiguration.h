@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,8 +32,20 @@ struct PlatformConfiguration {
   // "UsersRoot": the folder of the users' home folders; absolute, and not below `root`.
   std::string usersRoot = "/home";
 
-  // "Group": the name of the group whose members may register connections.
+  // "Group": the name of the product's group, whose members may reach its listeners. Without it
+  // only root may, and the user whose job host it is.
   std::optional<std::string> group;
+
+  // "OpenListeners": the names of the listeners that every user of the machine may reach. Those of
+  // the installer and of the secret can't be among them.
+  std::vector<std::string> openListeners;
+
+  // "NameOwners": the users, by the names of their connections, whose programs register a name
+  // instead of root's.
+  std::map<std::string, std::string> nameOwners;
+
+  // The mistakes in the file that are ignored.
+  std::vector<std::string> warnings;
 
   // "Languages": the preferred ones first. If it is empty, the system's locale decides.
   std::vector<std::string> languages;

@@ -30,6 +30,8 @@ TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   EXPECT_EQ(configuration.osVersion, (OperatingSystemVersion{10, 11, 0}));
   EXPECT_EQ(configuration.usersRoot, "/home");
   EXPECT_FALSE(configuration.group);
+  EXPECT_THAT(configuration.openListeners, IsEmpty());
+  EXPECT_THAT(configuration.nameOwners, IsEmpty());
   EXPECT_THAT(configuration.languages, IsEmpty());
   EXPECT_FALSE(configuration.notificationBus);
   EXPECT_FALSE(configuration.jobBackend);
@@ -48,6 +50,8 @@ TEST(PlatformConfigurationTest, EveryKeyIsRead) {
                                     {"OSVersion", "10.9"},
                                     {"UsersRoot", "/Users"},
                                     {"Group", "vantor"},
+                                    {"OpenListeners", Array{"states", "registry"}},
+                                    {"NameOwners", Dictionary{{"settings", "keeper"}}},
                                     {"Languages", Array{"de", "en"}},
                                     {"NotificationBus", "unix:path=/run/bus"},
                                     {"JobBackend", "systemd"},
@@ -59,6 +63,9 @@ TEST(PlatformConfigurationTest, EveryKeyIsRead) {
   EXPECT_EQ(configuration->osVersion, (OperatingSystemVersion{10, 9, 0}));
   EXPECT_EQ(configuration->usersRoot, "/Users");
   EXPECT_EQ(configuration->group, "vantor");
+  EXPECT_THAT(configuration->openListeners, ElementsAre("states", "registry"));
+  EXPECT_THAT(configuration->nameOwners, ElementsAre(testing::Pair("settings", "keeper")));
+  EXPECT_THAT(configuration->warnings, IsEmpty());
   EXPECT_THAT(configuration->languages, ElementsAre("de", "en"));
   EXPECT_EQ(configuration->notificationBus, "unix:path=/run/bus");
   EXPECT_EQ(configuration->jobBackend, PlatformConfiguration::JobBackend::kSystemd);
@@ -82,6 +89,19 @@ TEST(PlatformConfigurationTest, TheOsVersionFollowsTheKernelReleaseUnlessItIsGiv
   }
   const auto given = parse({{"OSVersion", "10.8.5"}, {"KernelRelease", "13.0.0"}});
   EXPECT_EQ(given->osVersion, (OperatingSystemVersion{10, 8, 5}));
+}
+
+TEST(PlatformConfigurationTest, InstallerAndSecretAreNeverOpen) {
+  const auto configuration =
+      parse({{"OpenListeners", Array{"com.vantor.servicemanager.installer.server", "states",
+                                     "com.vantor.common.servicemanager.auth"}}});
+  ASSERT_TRUE(configuration);
+  EXPECT_THAT(configuration->openListeners, ElementsAre("states"));
+  EXPECT_THAT(
+      configuration->warnings,
+      ElementsAre(AllOf(StartsWith(kFile),
+                        HasSubstr("com.vantor.servicemanager.installer.server is never")),
+                  HasSubstr("com.vantor.common.servicemanager.auth is never open to everybody")));
 }
 
 struct Refusal {
@@ -113,6 +133,16 @@ TEST(PlatformConfigurationTest, AWrongValueNamesFileKeyAndExpectation) {
       {"Group", 80, "name of a group"},
       {"Group", "a:b", "name of a group"},
       {"Group", std::string(33, 'g'), "name of a group"},
+      {"Group", "..", "name of a group"},
+      {"OpenListeners", "states", "array"},
+      {"OpenListeners", Array{1}, "array"},
+      {"OpenListeners", Array{""}, "array"},
+      {"OpenListeners", Array(65, Value("states")), "array"},
+      {"NameOwners", "keeper", "dictionary"},
+      {"NameOwners", Dictionary{{"settings", 1}}, "name of a user"},
+      {"NameOwners", Dictionary{{"settings", "../keeper"}}, "name of a user"},
+      {"NameOwners", Dictionary{{"settings", "."}}, "name of a user"},
+      {"NameOwners", Dictionary{{"", "keeper"}}, "name of a user"},
       {"Languages", "en", "array"},
       {"Languages", Array{"en", 1}, "array"},
       {"Languages", Array{""}, "array"},

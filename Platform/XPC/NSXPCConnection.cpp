@@ -341,13 +341,21 @@ void NSXPCConnection::replied(std::uint64_t number, const MessageResult& result)
 // False if there is no connection; it is invalid then.
 bool NSXPCConnection::connect() {
   if (peer_) return true;
-  const PeerConnectOptions options{.timeout = XPC::kConnectTimeout,
-                                   .whileWaiting = WhileWaiting::kServeNothing,
-                                   .contents = PeerMessageContents::kValuesAndEndpoints};
+  PeerConnectOptions options{.timeout = XPC::kConnectTimeout,
+                             .whileWaiting = WhileWaiting::kServeNothing,
+                             .contents = PeerMessageContents::kValuesAndEndpoints};
   PeerTransport& transport = xpc_.environment_.transport;
-  auto connected = role_ == Role::kMachClient
-                       ? transport.connect(xpc_.environment_.path(machService_), options)
-                       : transport.connectToEndpoint(*endpoint_, options);
+  const auto connectByRole = [&] {
+    if (role_ == Role::kEndpointClient) {
+      // Its owner may be any user; the endpoint came from a server that is trusted.
+      options.servers = PeerAudience::all();
+      return transport.connectToEndpoint(*endpoint_, options);
+    }
+    const ListenerPlace place = xpc_.environment_.place(machService_);
+    options.servers = place.servers;
+    return transport.connect(place.path, options);
+  };
+  auto connected = connectByRole();
   if (!connected) {
     becomeInvalid(NSXPCConnectionInvalid);
     return false;

@@ -2,16 +2,10 @@
 
 #include <utility>
 
+#include "Platform/Texts/StringFormat.h"
 #include "Platform/XPC/XPC.h"
 
 namespace platform {
-
-namespace {
-
-// Everybody may connect by the name; the objects decide about permissions.
-constexpr std::uint32_t kSocketMode = 0666;
-
-}  // namespace
 
 NSXPCListener::NSXPCListener(Maker, XPC& xpc, SerialQueues& queues, std::string machService)
     : xpc_(xpc),
@@ -58,9 +52,17 @@ void NSXPCListener::invalidate() {
 
 void NSXPCListener::listenOnce() {
   if (std::exchange(hasListened_, true)) return;
-  const PeerListenerOptions options{.socketMode = kSocketMode,
-                                    .connectionsPerUser = xpc_.environment_.connectionsPerUser,
-                                    .contents = PeerMessageContents::kValuesAndEndpoints};
+  PeerListenerOptions options{.audience = xpc_.environment_.endpointClients,
+                              .connectionsPerUser = xpc_.environment_.connectionsPerUser,
+                              .contents = PeerMessageContents::kValuesAndEndpoints};
+  options.excluded = [weak = weak_from_this()](const PeerCredentials& peer) {
+    const auto self = weak.lock();
+    if (!self) return;
+    const std::string what = self->machService_.empty() ? "this endpoint" : self->machService_;
+    self->xpc_.logFailure(
+        stringWithFormat("Refused a connection of process %d of user %u: this user may not use %@",
+                         peer.process, peer.user, what));
+  };
   const auto onConnection = [weak = weak_from_this()](std::unique_ptr<PeerConnection> peer) {
     if (const auto self = weak.lock()) self->arrived(std::move(peer));
   };
@@ -74,7 +76,9 @@ void NSXPCListener::listenOnce() {
     endpoint_ = std::move(anonymous->endpoint);
     return;
   }
-  auto listener = transport.listen(xpc_.environment_.path(machService_), options, onConnection);
+  const ListenerPlace place = xpc_.environment_.place(machService_);
+  options.audience = place.clients;
+  auto listener = transport.listen(place.path, options, onConnection);
   if (!listener) {
     return xpc_.logFailure("The Mach service " + machService_ +
                            " can't be had: " + describe(listener.error()));
@@ -83,6 +87,13 @@ void NSXPCListener::listenOnce() {
 }
 
 void NSXPCListener::arrived(std::unique_ptr<PeerConnection> peer) {
+  if (!peer->peerIsUnchanged()) {
+    const PeerCredentials was = peer->peer();
+    return xpc_.logFailure(
+        stringWithFormat("Refused a connection of process %d of user %u, which has ended or has "
+                         "become another user's",
+                         was.process, was.user));
+  }
   peer->admit();  // No proof is required here.
   const auto connection = std::make_shared<NSXPCConnection>(
       NSXPCConnection::Maker(), xpc_, queues_.makeQueue("xpc.connection"), std::move(peer));

@@ -14,6 +14,7 @@
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Logging/UserLines.h"
+#include "Platform/Peers/ListenerPlace.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/RunLoops/SerialQueue.h"
@@ -43,8 +44,10 @@ class XPC {
     std::function<void(const std::function<void()>&)> performOnLoop;
     // Makes queues with threads of their own, which end with the queues.
     std::function<std::unique_ptr<SerialQueues>()> makeQueues;
-    // The path of the socket of a Mach service.
-    std::function<std::string(std::string_view machService)> path;
+    // Where the listener of a Mach service is.
+    std::function<ListenerPlace(std::string_view machService)> place;
+    // The users who may connect to a listener without a name, if they have its endpoint.
+    PeerAudience endpointClients = {};
     // The limit for each listener; see PeerListenerOptions.
     std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   };

@@ -50,7 +50,7 @@ TEST_P(XPCContract, AConnectionThatHasEndedIsNotPassedToTheDelegate) {
   listen();
   listener_->suspend();
   client_ = connect();
-  journal_.await("invalid", 0);  // It has connected.
+  harness_->await([] { return true; });  // Turns the loop, and the client connects.
   client_->invalidate();
   journal_.await("invalid");
   listener_->resume();
@@ -64,7 +64,7 @@ TEST_P(XPCContract, AConnectionThatWaitsForAnEndedListenerIsRejected) {
   listener_->suspend();
   client_ = connect();
   send(*client_, "echo:withReply:", {Value(1)});
-  journal_.await("interrupted", 0);  // It has connected and waits.
+  harness_->await([] { return true; });  // Turns the loop, and the client connects and waits.
   listener_.reset();
   journal_.await("interrupted");
   EXPECT_EQ(journal_.count("error 4097"), 1u);
@@ -131,12 +131,17 @@ class ConnectionsOfOneUser : public testing::Test {
   FakeXPC client_{network_, {100, 501, 20}, log_};
   FakeXPC neighbour_{network_, {101, 502, 20}, log_};
   FakePeerTransport transport_{network_, {200, 0, 0}};
+  PeerAudience audience_ = PeerAudience::all();
   XPC xpc_{{.loop = loop_,
             .transport = transport_,
             .log = log_,
             .performOnLoop = [](const std::function<void()>& action) { action(); },
             .makeQueues = [this] { return std::make_unique<VirtualSerialQueues>(loop_); },
-            .path = [](std::string_view name) { return "/mach/" + std::string(name); },
+            .place =
+                [this](std::string_view name) {
+                  return ListenerPlace("/mach/" + std::string(name), audience_, {});
+                },
+            .endpointClients = audience_,
             .connectionsPerUser = kMost}};
   const std::shared_ptr<Welcoming> delegate_ = std::make_shared<Welcoming>();
   std::vector<std::shared_ptr<NSXPCConnection>> connections_;
@@ -158,6 +163,13 @@ TEST_F(ConnectionsOfOneUser, MakeRoomWhenTheyEnd) {
   loop_.runReady();
   EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
   EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+}
+
+TEST_F(ConnectionsOfOneUser, AreRefusedAndLoggedOutsideOfTheAudience) {
+  audience_ = {};
+  const auto listener = start(xpc_.makeListener("service"));
+  for (int i = 0; i < 100; ++i) EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
+  EXPECT_EQ(sink_.count("process 100 of user 501: this user may not use service"), 10u);
 }
 
 TEST_F(ConnectionsOfOneUser, AreCountedForEachListener) {

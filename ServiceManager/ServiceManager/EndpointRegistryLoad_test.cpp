@@ -44,7 +44,8 @@ class EndpointRegistryLoadTest : public testing::Test {
   }
 
   std::unique_ptr<LinuxXPC> makeXPC() {
-    auto xpc = LinuxXPC::make(log_, folder_.path(), std::nullopt);
+    auto xpc = LinuxXPC::make(log_, ListenerPlaces(defaultPlatformConfiguration(folder_.path())),
+                              std::nullopt);
     EXPECT_TRUE(xpc);
     return std::move(*xpc);
   }

@@ -30,7 +30,7 @@
 #include "Platform/Linux/KernelExtensions/LinuxKernelControls.h"
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 #include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/RunLoops/LoopThread.h"
 #include "Platform/Linux/SystemCalls/CoreDumps.h"
@@ -49,17 +49,15 @@ namespace {
 
 // The connections belong to the calling thread alone. If no descriptor is left, `ask` is not
 // called.
-void askSettingsOnThisThread(platform::LinuxPlatform& linux,
+void askSettingsOnThisThread(platform::LinuxPlatform& linux, const platform::ListenerPlaces& places,
                              const platform::ProtocolTable& protocols,
                              const std::function<void(const SettingsClientFactories&)>& ask) {
   const auto loop = platform::AsioRunLoop::create();
   if (!loop) return;
   platform::DBusPeerTransport transport(**loop);
-  const auto pathOfName = [&](std::string_view name) {
-    return platform::pathOfConnection(linux.configuration.root, name);
-  };
-  withSettingsOfThisThread(SettingsThread{**loop, transport, linux.systemLog, pathOfName, protocols,
-                                          linux.systemInformation},
+  const auto placeOfName = [&](std::string_view name) { return places.connection(name); };
+  withSettingsOfThisThread(SettingsThread{**loop, transport, linux.systemLog, placeOfName,
+                                          protocols, linux.systemInformation},
                            ask);
 }
 
@@ -71,12 +69,13 @@ constexpr std::chrono::milliseconds kWorkersEnd{500};
 class SettingsClientsWorker {
  public:
   SettingsClientsWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                        const platform::ListenerPlaces& places,
                         const platform::ProtocolTable& protocols)
       : thread_(thread) {
     std::promise<void> made;
     thread_.loop().post([&] {
       vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
-      parts_.emplace(thread_.loop(), linux, protocols);
+      parts_.emplace(thread_.loop(), linux, places, protocols);
       made.set_value();
     });
     thread_.run([this] { parts_.reset(); });
@@ -96,12 +95,10 @@ class SettingsClientsWorker {
   // They are made and end on the thread.
   struct Parts {
     Parts(platform::AsioRunLoop& loop, platform::LinuxPlatform& linux,
-          const platform::ProtocolTable& protocols)
+          const platform::ListenerPlaces& places, const platform::ProtocolTable& protocols)
         : transport(loop),
           connections(loop, transport, center, linux.systemLog,
-                      [&linux](std::string_view name) {
-                        return platform::pathOfConnection(linux.configuration.root, name);
-                      }),
+                      [&places](std::string_view name) { return places.connection(name); }),
           distributedCenter(platform::makeBusNotificationCenter(
               loop, platform::notificationBusAddress(linux.configuration), linux.systemLog)),
           objects{loop,   connections, *distributedCenter,
@@ -173,6 +170,7 @@ int main(int argc, char** argv) {
   if (auto forbidden = platform::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
   platform::RunLoop& loop = *linux.runLoop;
   const std::string& root = linux.configuration.root;
+  const platform::ListenerPlaces places(linux.configuration);
   const auto signatures =
       platform::LinuxCodeSignatures::create(root, [&] { return loop.wallTime(); });
   if (!signatures) return fail(signatures.error());
@@ -189,7 +187,7 @@ int main(int argc, char** argv) {
   platform::NotificationCenter center;
   platform::NamedConnections connections(
       loop, linux.peerTransport, center, linux.systemLog,
-      [&](std::string_view name) { return platform::pathOfConnection(root, name); });
+      [&](std::string_view name) { return places.connection(name); });
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::LinuxExtendedAttributes attributes;
@@ -198,7 +196,7 @@ int main(int argc, char** argv) {
   addGlobalSettingsProtocol(protocols);
   // This comes after everything that requests use, also the protocols: its threads serve requests
   // until it ends.
-  const auto xpc = platform::LinuxXPC::make(linux.systemLog, root, std::move(linux.passedSocket));
+  const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket));
   if (!xpc) return fail(xpc.error());
   SettingsClientFactories settingsClientFactories;
   addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
@@ -217,7 +215,7 @@ int main(int argc, char** argv) {
   const auto settingsThread = platform::LoopThread::create();
   if (!settingsThread) return fail(settingsThread.error());
   ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
-  SettingsClientsWorker settingsWorker(**settingsThread, linux, protocols);
+  SettingsClientsWorker settingsWorker(**settingsThread, linux, places, protocols);
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
@@ -252,7 +250,7 @@ int main(int argc, char** argv) {
           [&](std::function<void()> onReturn) { host.setReturnHandler(std::move(onReturn)); },
       .withSettingsOfThisThread =
           [&](const std::function<void(const SettingsClientFactories&)>& ask) {
-            askSettingsOnThisThread(linux, protocols, ask);
+            askSettingsOnThisThread(linux, places, protocols, ask);
           },
   };
   platform::BackgroundServiceClasses classes;

@@ -35,7 +35,7 @@ void withSettingsOfThisThread(const SettingsThread& thread,
                               const std::function<void(const SettingsClientFactories&)>& ask) {
   NotificationCenter center;
   NamedConnections connections(thread.runLoop, thread.transport, center, thread.log,
-                               thread.pathOfName);
+                               thread.placeOfName);
   NullNotificationCenter nullCenter;
   SettingsClientFactories factories;
   addSettingsClientFactories(factories, {thread.runLoop, connections, nullCenter, center,

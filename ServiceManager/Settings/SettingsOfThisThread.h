@@ -17,7 +17,7 @@ struct SettingsThread {
   platform::RunLoop& runLoop;
   platform::PeerTransport& transport;
   platform::SystemLog& log;
-  platform::NamedConnections::PathOfName pathOfName;
+  platform::NamedConnections::PlaceOfName placeOfName;
   const platform::ProtocolTable& protocols;
   const platform::SystemInformation& system;
 };

@@ -57,6 +57,12 @@ Dictionary sanitizerOptions() {
   return options;
 }
 
+// Without other rights only root can give sockets to the group.
+std::string groupEntry() {
+  if (::geteuid() != 0) return {};
+  return std::string("<key>Group</key><string>") + DaemonRoot::kGroup + "</string>";
+}
+
 PlatformConfiguration configurationOf(const std::string& root) {
   PlatformConfiguration configuration = defaultPlatformConfiguration(root);
   configuration.notificationBus = busAddress(root);
@@ -66,13 +72,14 @@ PlatformConfiguration configurationOf(const std::string& root) {
 }  // namespace
 
 DaemonRoot::DaemonRoot()
-    : system_(configurationOf(root_.folder().path()), "/proc"),
+    : root_(groupEntry()),
+      system_(configurationOf(root_.folder().path()), "/proc"),
       client_(transport_, *loop_, jobHostSocket(root_.folder().path())) {
   ::umask(022);  // A file that a test writes must not be writable for everybody.
   folder().write("etc/vantor/platform.plist",
                  "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>"
                  "<key>NotificationBus</key><string>" +
-                     busAddress(path()) + "</string></dict></plist>");
+                     busAddress(path()) + "</string>" + groupEntry() + "</dict></plist>");
   folder().write("etc/vantor/anchors/authority.pem",
                  pemOfCertificate(CodeSigningBed::authority().chain.front().get()).value());
   folder().write("bus.conf", contentOfFile(NOTIFICATION_BUS_CONFIGURATION));

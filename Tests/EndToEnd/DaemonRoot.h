@@ -29,6 +29,8 @@ namespace platform {
 class DaemonRoot {
  public:
   static constexpr char kDaemon[] = "com.vantor.servicemanager";
+  // The product's group, if the test runs as root. It is that of the user 65534.
+  static constexpr char kGroup[] = "nogroup";
   static constexpr char kBus[] = "com.vantor.notificationbus";
   // The demo product's configuration server, which every other service waits for.
   static constexpr char kPrimary[] = "com.vantor.test.configd";

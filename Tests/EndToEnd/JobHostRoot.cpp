@@ -32,10 +32,11 @@ bool awaitReadable(const UniqueFd& descriptor, int milliseconds) {
 
 }  // namespace
 
-JobHostRoot::JobHostRoot() {
-  const std::string file = folder_.write(
-      "etc/vantor/platform.plist",
-      "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string></dict></plist>");
+JobHostRoot::JobHostRoot(const std::string& configuration) {
+  const std::string file =
+      folder_.write("etc/vantor/platform.plist",
+                    "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>" +
+                        configuration + "</dict></plist>");
   std::filesystem::permissions(file, std::filesystem::perms(0644));
   std::filesystem::copy_file(JOBHOST, hostProgram());
   std::filesystem::copy_file(SERVICEMANAGERCTL, controlProgram());

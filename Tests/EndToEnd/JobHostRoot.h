@@ -21,8 +21,8 @@ class JobHostRoot {
     std::string errors;
   };
 
-  // Starts the host.
-  JobHostRoot();
+  // Starts the host. `configuration` is more of its platform.plist, as XML.
+  explicit JobHostRoot(const std::string& configuration = {});
   JobHostRoot(const JobHostRoot&) = delete;
   JobHostRoot& operator=(const JobHostRoot&) = delete;
   // Ends the host and all jobs.

@@ -5,13 +5,15 @@
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace platform {
 
 RegistryClient::RegistryClient(std::string root, const SystemInformation& system)
     : passkey_(systemProfileData(system)),
-      xpc_(std::move(*LinuxXPC::make(log_, std::move(root), std::nullopt))) {
+      xpc_(std::move(*LinuxXPC::make(log_, ListenerPlaces(defaultPlatformConfiguration(root)),
+                                     std::nullopt))) {
   addServiceManagerProtocols(protocols_);
 }
 

@@ -19,6 +19,29 @@ std::int64_t wholeSeconds(Duration duration) {
 
 }  // namespace
 
+std::optional<Refusal> refusalOfPermission(const PeerConnectFailure& failure,
+                                           std::string_view server,
+                                           const std::optional<std::string>& group, bool isRoot) {
+  if (failure.kind != PeerConnectFailure::Kind::kRefused) return std::nullopt;
+  const std::string why = describe(failure.error);
+  // Its owner, not this user, lacks the right.
+  if (failure.error.osError == EPERM)
+    return Refusal{kExitNotAuthenticated,
+                   fmt::format("{}; it may be another program than {}, so find out who started it",
+                               why, server)};
+  if (failure.error.osError != EACCES) return std::nullopt;
+  if (isRoot)
+    return Refusal{kExitNotPermitted,
+                   fmt::format("{}; this root may not either, as in a container of a user's: ask "
+                               "outside of it, or see who owns the folders above the socket",
+                               why)};
+  const std::string member =
+      group ? fmt::format(", or as a member of the group \"{}\"", *group) : std::string();
+  return Refusal{
+      kExitNotPermitted,
+      fmt::format("{}; ask as root, or as the user whom {} runs under{}", why, server, member)};
+}
+
 DaemonClient::DaemonClient(const Environment& environment, std::string server, std::string protocol,
                            ServerTexts texts)
     : environment_(environment),
@@ -46,7 +69,8 @@ Answer<std::shared_ptr<NSConnection>> DaemonClient::lookUp() {
   for (;;) {
     if (auto connection = environment_.objects.connections.connectionWithRegisteredName(server_))
       return connection;
-    const auto tried = environment_.transport.connect(environment_.path(server_), {});
+    const ListenerPlace place = environment_.place(server_);
+    const auto tried = environment_.transport.connect(place.path, {.servers = place.servers});
     const bool isLate = environment_.objects.loop.now() >= deadline;
     if (!tried && (isLate || tried.error().kind != PeerConnectFailure::Kind::kTimedOut))
       return std::unexpected(refusal(tried.error()));
@@ -73,9 +97,10 @@ Refusal DaemonClient::refusal(const PeerConnectFailure& failure) const {
     case Kind::kNobodyThere:
       return nobodyThere();
     case Kind::kRefused:
-      if (failure.error.osError != EACCES && failure.error.osError != EPERM) break;
-      return {kExitNotPermitted,
-              fmt::format("{}; ask as root, or as the user whom {} runs under", why, texts_.name)};
+      if (auto refused =
+              refusalOfPermission(failure, texts_.name, environment_.group, environment_.isRoot))
+        return *std::move(refused);
+      break;
     case Kind::kTimedOut:
       return {kExitFailed,
               fmt::format("{} is there but has not answered for {} s; {}, so try again later, and "

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,12 @@ struct Refusal {
 template <typename T>
 using Answer = std::expected<T, Refusal>;
 
+// Why the kernel or this tool forbids a connection with `server`, and what to do; nothing if
+// another failure is the reason.
+std::optional<Refusal> refusalOfPermission(const platform::PeerConnectFailure& failure,
+                                           std::string_view server,
+                                           const std::optional<std::string>& group, bool isRoot);
+
 // A client of one server, the service manager's by default, that explains each failure. Belongs to
 // the loop's thread; every call blocks.
 class DaemonClient {
@@ -40,8 +47,10 @@ class DaemonClient {
   struct Environment {
     VantorDistantObject::Environment objects;
     platform::PeerTransport& transport;
-    platform::NamedConnections::PathOfName path;
-    std::string root;  // of the platform, for texts
+    platform::NamedConnections::PlaceOfName place;
+    std::string root;                       // of the platform, for texts
+    std::optional<std::string> group = {};  // of the product, for advice
+    bool isRoot = false;                    // this user
   };
 
   // How to name the server in texts.

@@ -1,5 +1,7 @@
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
+#include <cerrno>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -19,6 +21,7 @@ using namespace platform;
 using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr std::string_view kServices = "services";
 
@@ -75,10 +78,33 @@ class DaemonClientTest : public testing::Test, public MessageReceiver {
   const DaemonClient::Environment environment_{
       .objects = {loop_, program_.connections, *distributed_, program_.center, protocols_, system_},
       .transport = transport_,
-      .path = pathOf,
+      .place = pathOf,
       .root = "/srv/root"};
   DaemonClient client_{environment_, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol};
 };
+
+TEST(RefusalOfPermission, SaysWhatToDo) {
+  using Kind = PeerConnectFailure::Kind;
+  const auto refusal = [](Kind kind, int number, const std::optional<std::string>& group,
+                          bool isRoot) {
+    return refusalOfPermission({kind, {ErrorCode::kDenied, number, "connecting"}}, "the server",
+                               group, isRoot);
+  };
+  const auto user = refusal(Kind::kRefused, EACCES, std::nullopt, false);
+  ASSERT_TRUE(user);
+  EXPECT_EQ(user->exitStatus, kExitNotPermitted);
+  EXPECT_TRUE(user->text.ends_with("; ask as root, or as the user whom the server runs under"));
+  EXPECT_TRUE(refusal(Kind::kRefused, EACCES, "vantor", false)
+                  ->text.ends_with(", or as a member of the group \"vantor\""));
+  const auto root = refusal(Kind::kRefused, EACCES, "vantor", true);
+  EXPECT_EQ(root->exitStatus, kExitNotPermitted);
+  EXPECT_THAT(root->text, Not(HasSubstr("ask as root")));
+  const auto impostor = refusal(Kind::kRefused, EPERM, "vantor", false);
+  EXPECT_EQ(impostor->exitStatus, kExitNotAuthenticated);
+  EXPECT_THAT(impostor->text, HasSubstr("another program than the server"));
+  EXPECT_FALSE(refusal(Kind::kRefused, 0, "vantor", false));
+  EXPECT_FALSE(refusal(Kind::kTimedOut, EACCES, "vantor", false));
+}
 
 TEST_F(DaemonClientTest, AsksTheServerOfTheName) {
   vend(authenticator_);

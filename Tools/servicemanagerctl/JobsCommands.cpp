@@ -27,7 +27,7 @@ struct JobsCommands::Connected {
   const std::string& hostProgram;
 
   int refuse(const NSError& error) const {
-    fail(asAdvice(error, hostProgram));
+    fail(asAdvice(error, hostProgram, ::geteuid()));
     return exitStatusOf(error);
   }
 

@@ -204,12 +204,14 @@ std::string asSentence(const JobState& job) {
                      inWords(job.lastExit));
 }
 
-std::string asAdvice(const NSError& error, const std::string& hostProgram) {
+std::string asAdvice(const NSError& error, const std::string& hostProgram, platform::UserId user) {
   const std::string& text = error.localizedDescription;
   switch (static_cast<LaunchdError>(error.code)) {
     case LaunchdError::kUnavailable:
       return fmt::format("{}; is it running? Start it with \"{}\"", text, hostProgram);
     case LaunchdError::kNotAuthorized:
+      if (user == 0)
+        return fmt::format("{}; see who started this job host: it may be another program", text);
       return fmt::format("{}; ask as root, or as the user whom the job host runs under", text);
     case LaunchdError::kNoSuchJob:
       return fmt::format("{}; \"servicemanagerctl jobs list\" tells which there are", text);

@@ -10,6 +10,7 @@
 #include "Platform/Jobs/JobHistory.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/Values/Error.h"
+#include "Platform/Values/KernelIds.h"
 #include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/Output.h"
 
@@ -58,7 +59,8 @@ nlohmann::ordered_json asJson(const JobState& job, const platform::Value& dictio
 std::string asSentence(const JobState& job);
 
 // The error with advice. `hostProgram` is the path of the job host's program.
-std::string asAdvice(const platform::NSError& error, const std::string& hostProgram);
+std::string asAdvice(const platform::NSError& error, const std::string& hostProgram,
+                     platform::UserId user);
 
 // The exit status for an error: 1 failed, 3 no such job, 4 not permitted, 5 no job host.
 int exitStatusOf(const platform::NSError& error);

@@ -154,11 +154,15 @@ TEST(JobsReportTest, AnErrorGivesAdviceAndHasAStatus) {
   const auto error = [](LaunchdError code) {
     return NSError{kCFErrorDomainLaunchd, static_cast<int>(code), "text"};
   };
-  const auto advice = [&](LaunchdError code) { return asAdvice(error(code), "/opt/jobhost"); };
+  const auto advice = [&](LaunchdError code) {
+    return asAdvice(error(code), "/opt/jobhost", 1000);
+  };
   EXPECT_EQ(advice(LaunchdError::kUnavailable),
             "text; is it running? Start it with \"/opt/jobhost\"");
   EXPECT_EQ(advice(LaunchdError::kNotAuthorized),
             "text; ask as root, or as the user whom the job host runs under");
+  EXPECT_EQ(asAdvice(error(LaunchdError::kNotAuthorized), "/opt/jobhost", 0),
+            "text; see who started this job host: it may be another program");
   EXPECT_EQ(advice(LaunchdError::kNoSuchJob),
             "text; \"servicemanagerctl jobs list\" tells which there are");
   EXPECT_EQ(advice(LaunchdError::kInvalidJob), "text");

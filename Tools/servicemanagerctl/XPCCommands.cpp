@@ -54,7 +54,14 @@ ReplyTimeOut timeOutOfHash(const std::string& file, std::chrono::seconds limit) 
 
 // Why there is no connection: an XPC connection does not say.
 Refusal notConnected(const XPCCommands::Environment& environment) {
-  if (environment.isAnybodyThere())
+  const auto failure = environment.whyNotConnected();
+  if (failure) {
+    auto refused =
+        refusalOfPermission(*failure, "the service manager", environment.group, environment.isRoot);
+    if (refused) return *std::move(refused);
+  }
+  // A process has the name, even if it does not answer.
+  if (!failure || failure->kind == PeerConnectFailure::Kind::kTimedOut)
     return {kExitFailed, fmt::format("the service manager takes no connection; {}", kBusy)};
   return {kExitNobodyThere,
           fmt::format("no service manager serves endpoints below {}; is it running? "

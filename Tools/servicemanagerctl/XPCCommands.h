@@ -33,14 +33,16 @@ class XPCCommands {
     const platform::SystemInformation& system;
     const platform::ProtocolTable& protocols;
     std::string root;  // of the platform, for texts
-    // Whether a process holds the registry's name, even if it does not answer.
-    std::function<bool()> isAnybodyThere;
+    // Tries to connect to the registry: why that fails, nothing if it does not.
+    std::function<std::optional<platform::PeerConnectFailure>()> whyNotConnected;
     // For each file: hashing a large file takes long.
     std::chrono::seconds hashTimeOut = std::chrono::hours(1);
     // For requests that are answered at once, and for lookups, which only the product's own
     // programs get answered.
     std::chrono::seconds answerTimeOut{10};
     std::chrono::seconds lookupTimeOut{10};
+    std::optional<std::string> group = {};  // of the product, for advice
+    bool isRoot = false;                    // this user
   };
   // Runs the command and returns the exit status. A registration lasts until this process ends; it
   // fails if the service manager ends first.

@@ -93,7 +93,8 @@ class XPCCommandsTest : public testing::Test {
   }
 
   std::unique_ptr<LinuxXPC> makeXPC() {
-    return std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
+    return std::move(*LinuxXPC::make(
+        log_, ListenerPlaces(defaultPlatformConfiguration(folder_.path())), std::nullopt));
   }
   void serveNothing(std::optional<Value> signature) {
     daemon_ = makeXPC();
@@ -133,7 +134,7 @@ class XPCCommandsTest : public testing::Test {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root",
-                                     [this] { return isAnybodyThere_; }, timeOuts.hash,
+                                     [this] { return whyNotConnected_; }, timeOuts.hash,
                                      timeOuts.anyAnswer, timeOuts.lookUp});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
@@ -156,7 +157,8 @@ class XPCCommandsTest : public testing::Test {
                           {"endpoints", "register", "name"},
                           {"execinfo", "/bin/true"}};
 
-  bool isAnybodyThere_ = false;
+  std::optional<PeerConnectFailure> whyNotConnected_ = PeerConnectFailure{
+      PeerConnectFailure::Kind::kNobodyThere, {ErrorCode::kNotFound, ENOENT, "connecting"}};
   TemporaryFolder folder_;
   FakeLogSink sink_;
   SystemLog log_{sink_, "test"};
@@ -337,7 +339,7 @@ TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
 }
 
 TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotMissing) {
-  isAnybodyThere_ = true;  // as a daemon that was stopped by a signal
+  whyNotConnected_.reset();  // as a daemon that was stopped by a signal
   expectFailures(all_, TimeOuts(), kExitFailed,
                  "servicemanagerctl: the service manager takes no connection; it is there, but too "
                  "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");

@@ -21,7 +21,7 @@
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/Logging/LogSinkChoice.h"
-#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
@@ -102,7 +102,8 @@ int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxP
   // No wait for a host: a person can ask again, and wants to know at once that no host runs.
   platform::JobHostClient client(linuxPlatform.peerTransport, *linuxPlatform.runLoop,
                                  platform::jobHostSocket(linuxPlatform.configuration.root),
-                                 platform::Duration::zero());
+                                 platform::Duration::zero(),
+                                 platform::ListenerPlaces(linuxPlatform.configuration).servers());
   platform::EmbeddedJobs jobs(client);
   return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
 }
@@ -112,10 +113,11 @@ template <typename Commands>
 int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPlatform) {
   const LoggerBinding logger(linuxPlatform.systemLog);
   const std::string& root = linuxPlatform.configuration.root;
-  const auto path = [&](std::string_view name) { return platform::pathOfConnection(root, name); };
+  const platform::ListenerPlaces places(linuxPlatform.configuration);
+  const auto place = [&](std::string_view name) { return places.connection(name); };
   platform::NotificationCenter center;
   platform::NamedConnections connections(*linuxPlatform.runLoop, linuxPlatform.peerTransport,
-                                         center, linuxPlatform.systemLog, path);
+                                         center, linuxPlatform.systemLog, place);
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linuxPlatform.runLoop, platform::notificationBusAddress(linuxPlatform.configuration),
       linuxPlatform.systemLog);
@@ -125,26 +127,35 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
   return commands.run({.objects = {*linuxPlatform.runLoop, connections, *distributedCenter, center,
                                    protocols, linuxPlatform.systemInformation},
                        .transport = linuxPlatform.peerTransport,
-                       .path = path,
-                       .root = root});
+                       .place = place,
+                       .root = root,
+                       .group = linuxPlatform.configuration.group,
+                       .isRoot = ::geteuid() == 0});
 }
 
 int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
-  const std::string& root = linuxPlatform.configuration.root;
-  const auto xpc = platform::LinuxXPC::make(linuxPlatform.systemLog, root, std::nullopt);
+  const platform::ListenerPlaces places(linuxPlatform.configuration);
+  const auto xpc = platform::LinuxXPC::make(linuxPlatform.systemLog, places, std::nullopt);
   if (!xpc) return fail(xpc.error());
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
   // 100 ms are enough to tell a daemon that hangs (the connect times out) from no daemon at all
   // (the connect is refused).
   constexpr platform::Duration kProbeTimeOut = std::chrono::milliseconds(100);
-  const auto isAnybodyThere = [&] {
+  const auto whyNotConnected = [&]() -> std::optional<platform::PeerConnectFailure> {
+    const platform::ListenerPlace place = places.machService(kEndpointRegistryService);
     const auto tried = linuxPlatform.peerTransport.connect(
-        platform::pathOfMachService(root, kEndpointRegistryService), {.timeout = kProbeTimeOut});
-    return tried || tried.error().kind == platform::PeerConnectFailure::Kind::kTimedOut;
+        place.path, {.timeout = kProbeTimeOut, .servers = place.servers});
+    if (tried) return std::nullopt;
+    return tried.error();
   };
-  return commands.run(
-      {(*xpc)->xpc(), linuxPlatform.systemInformation, protocols, root, isAnybodyThere});
+  return commands.run({.xpc = (*xpc)->xpc(),
+                       .system = linuxPlatform.systemInformation,
+                       .protocols = protocols,
+                       .root = places.root(),
+                       .whyNotConnected = whyNotConnected,
+                       .group = linuxPlatform.configuration.group,
+                       .isRoot = ::geteuid() == 0});
 }
 
 // main() adds the failures of the output.

@@ -88,7 +88,7 @@ class SettingsServerTest : public testing::Test {
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
   platform::FakePeerTransport serverTransport_{network_, {200, 0, 0}};
-  platform::NamedConnections::PathOfName path_ = [](std::string_view name) {
+  std::function<std::string(std::string_view)> path_ = [](std::string_view name) {
     return std::string(name);
   };
   platform::ConnectedProgram program_{loop_, transport_, path_};

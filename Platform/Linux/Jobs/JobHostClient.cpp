@@ -65,7 +65,8 @@ Error unanswered(const NSException& exception, const std::string& socket, Durati
 
 std::expected<void, PeerConnectFailure> JobHostClient::connectOnce(Duration timeout) {
   auto connected = transport_.connect(
-      socket_, {.timeout = timeout, .whileWaiting = WhileWaiting::kServeNothing});
+      socket_,
+      {.timeout = timeout, .whileWaiting = WhileWaiting::kServeNothing, .servers = servers_});
   if (!connected) {
     isHung_ = false;
     if (connected.error().kind == PeerConnectFailure::Kind::kTimedOut) noteHung();

@@ -38,14 +38,16 @@ class JobHostClient {
     bool wasRepeated = false;
   };
 
-  // `socket` is the path of the host's socket. `restartTimeOut` is for a host that is absent from
+  // `socket` is the path of the host's socket, and `servers` the users whose host is trusted.
+  // `restartTimeOut` is for a host that is absent from
   // the beginning. If a host ends during a request, the client always waits kRestartTimeOut for the
   // next one. Both references outlive this.
   JobHostClient(PeerTransport& transport, RunLoop& loop, std::string socket,
-                Duration restartTimeOut = kRestartTimeOut)
+                Duration restartTimeOut = kRestartTimeOut, PeerAudience servers = {})
       : transport_(transport),
         loop_(loop),
         socket_(std::move(socket)),
+        servers_(servers),
         restartTimeOut_(restartTimeOut) {}
 
   // Blocks until the host has answered, for `timeout` at most once it is connected. After a
@@ -121,6 +123,7 @@ class JobHostClient {
   PeerTransport& transport_;
   RunLoop& loop_;
   std::string socket_;
+  PeerAudience servers_;
   Duration restartTimeOut_;
   std::unique_ptr<PeerConnection> connection_;
   bool isHung_ = false;         // connected or listening, but did not answer in time

@@ -54,7 +54,7 @@ Result<std::unique_ptr<ControlServer>> ControlServer::listen(RunLoop& loop, cons
   }
   if (auto made = makeControlFolder(root); !made) return std::unexpected(made.error());
   UniqueFd socket;
-  auto taken = SocketName::take(controlFolder(root) + "/" + std::string(control), 0600,
+  auto taken = SocketName::take(controlFolder(root) + "/" + std::string(control), {},
                                 [&](const std::string& path) -> Result<void> {
                                   auto listening = bindAndListen(path);
                                   if (!listening) return std::unexpected(listening.error());

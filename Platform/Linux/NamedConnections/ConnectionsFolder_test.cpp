@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -67,19 +68,19 @@ class ConnectionsFolderTest : public testing::Test {
   PlatformConfiguration configuration_;
 };
 
-TEST_F(ConnectionsFolderTest, TheGroupMayRegisterNamesButNotRemoveOthers) {
+TEST_F(ConnectionsFolderTest, OnlyItsOwnerMayRegisterNames) {
   const mode_t before = ::umask(077);
   const auto made = makeConnectionsFolder(configuration_);
   ::umask(before);
   ASSERT_TRUE(made) << describe(made.error());
-  EXPECT_EQ(mode(), 01775u);
+  EXPECT_EQ(mode(), 0755u);
 }
 
 TEST_F(ConnectionsFolderTest, IsRepairedIfItExists) {
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
   ASSERT_EQ(::chmod(path().c_str(), 0777), 0);
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
-  EXPECT_EQ(mode(), 01775u);
+  EXPECT_EQ(mode(), 0755u);
 }
 
 TEST_F(ConnectionsFolderTest, IsNotMadeForAGroupThatDoesNotExist) {
@@ -91,13 +92,53 @@ TEST_F(ConnectionsFolderTest, IsNotMadeForAGroupThatDoesNotExist) {
   EXPECT_NE(::access(path().c_str(), F_OK), 0);
 }
 
-TEST_F(ConnectionsFolderTest, IsGivenToItsGroup) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root may give a folder to any group";
-  configuration_.group = "daemon";
+TEST_F(ConnectionsFolderTest, TheOwnerOfANameHasAFolder) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may give a folder away";
+  configuration_.nameOwners = {{"settings", "nobody"}};
+  ASSERT_TRUE(makeConnectionsFolder(configuration_));
   ASSERT_TRUE(makeConnectionsFolder(configuration_));
   struct stat status{};
-  ASSERT_EQ(::stat(path().c_str(), &status), 0);
-  EXPECT_NE(status.st_gid, ::getegid());
+  ASSERT_EQ(::stat(folder_.path("run/vantor/users/nobody").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 65534u);
+  EXPECT_EQ(status.st_mode & 07777u, 0755u);
+  ASSERT_EQ(::stat(folder_.path("run/vantor/users").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 0u);
+}
+
+TEST_F(ConnectionsFolderTest, IsNotMadeForAnOwnerThatDoesNotExist) {
+  configuration_.nameOwners = {{"settings", "no-such-user-here"}};
+  const auto made = makeConnectionsFolder(configuration_);
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().context, "there is no user \"no-such-user-here\"");
+}
+
+class EndpointFolderTest : public ConnectionsFolderTest {
+ protected:
+  struct stat endpoints() const {
+    struct stat status{};
+    EXPECT_EQ(::stat(folder_.path("run/vantor/endpoints").c_str(), &status), 0);
+    return status;
+  }
+};
+
+TEST_F(EndpointFolderTest, OnlyTheAudienceMayMakeEndpoints) {
+  ASSERT_TRUE(makeEndpointFolder(folder_.path()));
+  EXPECT_EQ(endpoints().st_mode & 07777u, 0700u);
+  ASSERT_TRUE(shareEndpointFolder(folder_.path(), PeerAudience::all()));
+  EXPECT_EQ(endpoints().st_mode & 07777u, 01733u);
+  const gid_t group = ::geteuid() == 0 ? 12345 : ::getegid();
+  ASSERT_TRUE(
+      shareEndpointFolder(folder_.path(), {.everybody = false, .user = {}, .group = group}));
+  EXPECT_EQ(endpoints().st_mode & 07777u, 01730u);
+  EXPECT_EQ(endpoints().st_gid, group);
+  ASSERT_TRUE(shareEndpointFolder(folder_.path(), {}));
+  EXPECT_EQ(endpoints().st_mode & 07777u, 01700u);
+}
+
+TEST_F(EndpointFolderTest, AKilledProcessLeavesNothingForTheNextStart) {
+  folder_.write("run/vantor/endpoints/new-killed/socket", "");
+  ASSERT_TRUE(shareEndpointFolder(folder_.path(), {}));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path("run/vantor/endpoints")));
 }
 
 TEST_F(ConnectionsFolderTest, ASymbolicLinkInItsPlaceIsRefused) {

@@ -138,11 +138,11 @@ class NamedConnectionsSocketTest : public NamedConnectionsContract {
 
 INSTANTIATE_TEST_SUITE_P(DBus, NamedConnectionsSocketTest, testing::Values(&makeRealHarness));
 
-TEST_P(NamedConnectionsSocketTest, EverybodyMayConnectToASocket) {
+TEST_P(NamedConnectionsSocketTest, OnlyRootAndTheOwnerMayConnectToASocket) {
   vend();
   struct stat status{};
   ASSERT_EQ(::stat(path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0666u);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
 TEST_P(NamedConnectionsSocketTest, ANameCanBeLongerThanAFileName) {

@@ -123,10 +123,12 @@ class DBusPeerEndpointsTest : public DBusPeerFilesTest {
     client_ = connect({.timeout = 60s, .contents = PeerMessageContents::kValuesAndEndpoints});
     ASSERT_TRUE(client_);
     // Nobody connects to it.
-    const auto made = SocketEndpoint::make([](const std::string& path) -> Result<void> {
-      EXPECT_EQ(::mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
-      return {};
-    });
+    const TemporaryFolder births;
+    const auto made =
+        SocketEndpoint::make(births.path(), {}, [](const std::string& path) -> Result<void> {
+          EXPECT_EQ(::mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);
+          return {};
+        });
     ASSERT_TRUE(made) << describe(made.error());
     endpoint_ = Value(std::shared_ptr<const RemoteObject>(made->endpoint));
   }

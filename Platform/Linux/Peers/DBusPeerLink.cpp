@@ -130,6 +130,18 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
       this, nullptr);
 }
 
+// The order matters: if the process lives afterwards, the user was that of no other process with
+// its number.
+bool DBusPeerLink::peerIsUnchanged() const {
+  if (peer_.process == 0) return isConnected();
+  return effectiveUserOf(peer_.process) == peer_.user && peerLives();
+}
+
+bool DBusPeerLink::isIn(const PeerAudience& audience) const {
+  return audience.admitsUser(peer_.user, ::geteuid()) ||
+         (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
+}
+
 bool DBusPeerLink::peerLives() const {
   if (!isConnected()) return false;
   int descriptor = -1;

@@ -59,6 +59,9 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   // The operations of PeerConnection.
   PeerCredentials peer() const { return peer_; }
   bool peerLives() const;
+  bool peerIsUnchanged() const;
+  // Whether the peer belongs to an audience of ours.
+  bool isIn(const PeerAudience& audience) const;
   void admit();
   void setHandlers(PeerHandlers handlers);
   MessageResult call(std::string_view selector, const Array& arguments, Duration timeout);

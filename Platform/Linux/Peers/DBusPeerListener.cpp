@@ -74,6 +74,10 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
                                       options_.whileWaiting, options_.contents);
   if (!created) return;
   const std::shared_ptr<DBusPeerLink>& link = *created;
+  if (!link->isIn(options_.audience)) {
+    if (options_.excluded) options_.excluded(link->peer());
+    return link->close();
+  }
   const std::uint32_t user = link->peer().user;
   const std::size_t limit = places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
                                                         : options_.connectionsPerUser;

@@ -25,8 +25,8 @@ class DBusPeerNamesTest : public testing::Test, protected PeerTransportBed {
   DBusPeerNamesTest() : PeerTransportBed(std::make_unique<PeerThreads>()) {}
 
   Result<std::unique_ptr<PeerListener>> listenAt(const std::string& where,
-                                                 std::uint32_t mode = 0600) {
-    return processes_.here().listen(where, {.socketMode = mode}, [](auto) {});
+                                                 PeerAudience audience = {}) {
+    return processes_.here().listen(where, {.audience = audience}, [](auto) {});
   }
 
   // Leaves a socket as a killed process does.
@@ -52,16 +52,16 @@ class DBusPeerNamesTest : public testing::Test, protected PeerTransportBed {
 };
 
 TEST_F(DBusPeerNamesTest, ANameHasItsModeAndEndsWithItsListener) {
-  for (const std::uint32_t mode : {0600u, 0666u}) {
-    auto listener = listenAt(path(), mode);
+  for (const PeerAudience& audience : {PeerAudience(), PeerAudience::all()}) {
+    auto listener = listenAt(path(), audience);
     ASSERT_TRUE(listener) << describe(listener.error());
-    EXPECT_EQ(names(), std::vector<std::string>{"server"});
+    EXPECT_EQ(names(), (std::vector<std::string>{".births", "server"}));
     struct stat status{};
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
-    EXPECT_EQ(status.st_mode & 07777u, mode);
+    EXPECT_EQ(status.st_mode & 07777u, audience.socketMode());
     listener->reset();
-    EXPECT_TRUE(names().empty());
+    EXPECT_EQ(names(), std::vector<std::string>{".births"});
   }
 }
 
@@ -71,7 +71,7 @@ TEST_F(DBusPeerNamesTest, TheSocketOfADeadOwnerIsReplaced) {
             PeerConnectFailure::Kind::kNobodyThere);
   start();
   EXPECT_EQ(call("echo:", {Value(1)}), MessageResult(1));
-  EXPECT_EQ(names(), (std::vector<std::string>{".lock", "server"}));
+  EXPECT_EQ(names(), (std::vector<std::string>{".births", "server"}));
 }
 
 TEST_F(DBusPeerNamesTest, OnlyOneOfTwoReplacesALeftoverSocket) {
@@ -92,7 +92,7 @@ TEST_F(DBusPeerNamesTest, OnlyOneOfTwoReplacesALeftoverSocket) {
     processes_.there([&](PeerTransport&) {
       if (theirs) theirs->reset();
     });
-    EXPECT_EQ(names(), std::vector<std::string>{".lock"});
+    EXPECT_EQ(names(), std::vector<std::string>{".births"});
   }
 }
 
@@ -101,7 +101,7 @@ TEST_F(DBusPeerNamesTest, AFileThatIsNoSocketIsKept) {
   const auto listener = listenAt(path());
   ASSERT_FALSE(listener);
   EXPECT_EQ(listener.error().code, ErrorCode::kInvalid);
-  EXPECT_EQ(names(), (std::vector<std::string>{".lock", "server"}));
+  EXPECT_EQ(names(), (std::vector<std::string>{".births", "server"}));
   const auto connection = processes_.here().connect(path(), {});
   ASSERT_FALSE(connection);
   EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kSystem);
@@ -114,7 +114,7 @@ TEST_F(DBusPeerNamesTest, ANameThatAnotherHasTakenIsKept) {
   const auto another = listenAt(path());
   ASSERT_TRUE(another);
   listener->reset();
-  EXPECT_EQ(names(), std::vector<std::string>{"server"});
+  EXPECT_EQ(names(), (std::vector<std::string>{".births", "server"}));
 }
 
 TEST_F(DBusPeerNamesTest, ANameMayBeLongerThanASocketAddress) {

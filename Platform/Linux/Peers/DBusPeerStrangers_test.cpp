@@ -12,10 +12,10 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/Peers/PeerThreads_contract.h"
 #include "Platform/Linux/Peers/RawPeer_contract.h"
 #include "Platform/Linux/Peers/SealedFile.h"
@@ -257,19 +257,9 @@ TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromAdmittedOnes) {
   EXPECT_TRUE(another->call("echo:", {Value(1)}, 60s));
 }
 
-// While it lives, this thread connects as an ordinary user. The other threads stay root, so the C
-// library's function, which changes all threads, can't be used.
-class AsOrdinaryUser {
- public:
-  AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0); }
-  AsOrdinaryUser(const AsOrdinaryUser&) = delete;
-  AsOrdinaryUser& operator=(const AsOrdinaryUser&) = delete;
-  ~AsOrdinaryUser() { EXPECT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0); }
-};
-
 TEST_F(DBusPeerStrangersTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  start({.socketMode = 0666, .connectionsPerUser = 2});
+  start({.audience = PeerAudience::all(), .connectionsPerUser = 2});
   ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
   const auto connected = [&] {
     const AsOrdinaryUser user;
@@ -293,7 +283,7 @@ TEST_F(DBusPeerStrangersTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
 
 TEST_F(DBusPeerStrangersTest, AnEndedConnectionCountsUntilItIsAnswered) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  start({.socketMode = 0666, .connectionsPerUser = 1});
+  start({.audience = PeerAudience::all(), .connectionsPerUser = 1});
   ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
   const auto connectAsUser = [&] {
     const AsOrdinaryUser user;

@@ -1,9 +1,11 @@
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
 #include <utility>
 
+#include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include "Platform/Linux/Peers/DBusPeerListener.h"
 #include "Platform/Linux/Sockets/SocketEndpoint.h"
 #include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/RunLoops/TimerQueue.h"
 
 namespace platform {
@@ -30,6 +33,7 @@ class DBusPeerConnection final : public PeerConnection {
 
   PeerCredentials peer() const override { return link_->peer(); }
   bool peerLives() const override { return link_->peerLives(); }
+  bool peerIsUnchanged() const override { return link_->peerIsUnchanged(); }
   void admit() override { link_->admit(); }
   void setHandlers(PeerHandlers handlers) override { link_->setHandlers(std::move(handlers)); }
   MessageResult call(std::string_view selector, const Array& arguments, Duration timeout) override {
@@ -82,6 +86,25 @@ Result<void> checkPassed(Descriptor passed) {
   return {};
 }
 
+// The group matters only to a mode with permissions for it.
+SocketPermission permissionOf(const PeerListenerOptions& options) {
+  const std::uint32_t mode = options.socketMode.value_or(options.audience.socketMode());
+  return {.mode = mode,
+          .group = (mode & 0060) != 0 && !options.audience.everybody ? options.audience.group
+                                                                     : std::nullopt};
+}
+
+// Whether the listener's owner may be asked at all. The kernel knows who called listen().
+Result<void> checkServer(const UniqueFd& socket, const PeerAudience& servers) {
+  const auto server = peerOfSocket(socket.get(), "the owner of the other side");
+  if (!server) return std::unexpected(server.error());
+  if (servers.admitsUser(server->user, ::geteuid())) return {};
+  return std::unexpected(Error{ErrorCode::kDenied, EPERM,
+                               fmt::format("the other side belongs to user {}, whom this program "
+                                           "does not trust",
+                                           server->user)});
+}
+
 PeerConnectFailure failureOf(Error error) {
   switch (error.osError) {
     case ENOENT:
@@ -100,7 +123,8 @@ PeerConnectFailure failureOf(Error error) {
 
 }  // namespace
 
-DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop) : loop_(loop) {
+DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop, std::string endpointFolder)
+    : loop_(loop), endpointFolder_(std::move(endpointFolder)) {
   dbus_threads_init_default();
   // The program's signals are its own business; libdbus sends so that none is raised.
   dbus_connection_set_change_sigpipe(false);
@@ -114,7 +138,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
                                     std::nullopt, options, wrapping(std::move(onConnection)));
   }
   UniqueDBusServer server;
-  auto name = SocketName::take(path, options.socketMode, [&](const std::string& bindPath) {
+  auto name = SocketName::take(path, permissionOf(options), [&](const std::string& bindPath) {
     auto listening = listenAt("unix:path=" + bindPath);
     if (!listening) return Result<void>(std::unexpected(std::move(listening.error())));
     server = std::move(*listening);
@@ -128,12 +152,16 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
 Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
     const PeerListenerOptions& options, NewConnection onConnection) {
   UniqueDBusServer server;
-  auto made = SocketEndpoint::make([&](const std::string& path) {
-    auto listening = listenAt("unix:path=" + path);
-    if (!listening) return Result<void>(std::unexpected(std::move(listening.error())));
-    server = std::move(*listening);
-    return Result<void>();
-  });
+  if (endpointFolder_.empty()) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, "there is no folder for endpoints"});
+  }
+  auto made =
+      SocketEndpoint::make(endpointFolder_, permissionOf(options), [&](const std::string& path) {
+        auto listening = listenAt("unix:path=" + path);
+        if (!listening) return Result<void>(std::unexpected(std::move(listening.error())));
+        server = std::move(*listening);
+        return Result<void>();
+      });
   if (!made) return std::unexpected(std::move(made.error()));
   auto listener = DBusPeerListener::create(loop_, std::move(server),
                                            SocketName::nameless(std::move(made->bindFolder)),
@@ -170,6 +198,10 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTrans
   };
   auto socket = connectToSocket(path, options.timeout);
   if (!socket) return std::unexpected(failureOf(std::move(socket.error())));
+  if (auto trusted = checkServer(*socket, options.servers); !trusted) {
+    trusted.error().context = "connecting to " + path + ": " + trusted.error().context;
+    return std::unexpected(failureOf(std::move(trusted.error())));
+  }
   auto connection = openOverSocket(std::move(*socket));
   if (!connection) {
     return std::unexpected(PeerConnectFailure{Kind::kSystem, std::move(connection.error())});

@@ -12,7 +12,9 @@ namespace platform {
 // Peer-to-peer D-Bus connections over Unix sockets; DBusMessages.h describes the messages.
 class DBusPeerTransport final : public PeerTransport {
  public:
-  explicit DBusPeerTransport(AsioRunLoop& loop);
+  // `endpointFolder` is where the sockets of anonymous listeners are bound; without it there are
+  // none.
+  explicit DBusPeerTransport(AsioRunLoop& loop, std::string endpointFolder = {});
 
   Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
                                                const PeerListenerOptions& options,
@@ -35,6 +37,7 @@ class DBusPeerTransport final : public PeerTransport {
 
  private:
   AsioRunLoop& loop_;
+  const std::string endpointFolder_;
   std::map<std::string, PassedServer> passed_;  // by path
 };
 

@@ -78,14 +78,15 @@ class PeerThreads final : public PeerTransportHarness {
 
  private:
   TemporaryFolder folder_;
+  TemporaryFolder endpoints_;
   std::mutex mutex_;
   const std::function<bool()>* done_ = nullptr;
   bool late_ = false;
   std::optional<std::promise<void>> mayGoOn_;
   std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
   std::unique_ptr<AsioRunLoop> thereLoop_ = std::move(*AsioRunLoop::create());
-  DBusPeerTransport here_{*loop_};
-  DBusPeerTransport there_{*thereLoop_};
+  DBusPeerTransport here_{*loop_, endpoints_.path()};
+  DBusPeerTransport there_{*thereLoop_, endpoints_.path()};
   std::jthread thread_{[this] { thereLoop_->run(); }};  // Destroyed first.
 };
 

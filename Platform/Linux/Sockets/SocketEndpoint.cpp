@@ -2,8 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <string_view>
+#include <tuple>
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -15,10 +20,14 @@ namespace platform {
 
 namespace {
 
-// The folder in which the socket is made. The socket has a name for a moment only, in a folder that
-// nobody else may enter, so that only holders of the endpoint can ever connect.
-constexpr char kBindFolder[] = "/tmp/.endpoint-XXXXXX";
+constexpr std::string_view kBirthPrefix = "new-";
 constexpr char kSocketName[] = "socket";
+constexpr int kBirthAttempts = 8;
+constexpr int kMaxLeftovers = 1024;
+
+struct CloseEntries {
+  void operator()(DIR* entries) const { ::closedir(entries); }
+};
 
 std::unexpected<Error> endpointFailure(const char* what) {
   const bool isExhausted = errno == EMFILE || errno == ENFILE || errno == ENOSPC;
@@ -26,12 +35,40 @@ std::unexpected<Error> endpointFailure(const char* what) {
       systemError(what, isExhausted ? ErrorCode::kExhausted : ErrorCode::kSystem));
 }
 
-// Binds at `path`, opens the socket's inode and permits everybody to connect.
-Result<UniqueFd> bindAndOpen(const std::string& path, const SocketEndpoint::Bind& bind) {
+struct EndpointBirth {
+  std::string path;
+  UniqueFd folder;
+};
+
+// Makes a folder and locks it, which tells removeLeftovers() that its maker lives. If that was
+// faster, another folder is made.
+Result<EndpointBirth> makeBirthFolder(const std::string& birthsFolder) {
+  for (int attempt = 0; attempt < kBirthAttempts; ++attempt) {
+    EndpointBirth birth{birthsFolder + "/" + std::string(kBirthPrefix) + "XXXXXX", UniqueFd()};
+    if (::mkdtemp(birth.path.data()) == nullptr) break;
+    birth.folder =
+        UniqueFd(::open(birth.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status{};
+    if (birth.folder && ::flock(birth.folder.get(), LOCK_EX | LOCK_NB) == 0 &&
+        ::fstat(birth.folder.get(), &status) == 0 && status.st_nlink > 0) {
+      return birth;
+    }
+    const int number = errno;
+    ::rmdir(birth.path.c_str());
+    errno = number;
+  }
+  return endpointFailure("a folder for a new endpoint");
+}
+
+// Binds a socket in the folder, opens its inode and permits others to connect.
+Result<UniqueFd> bindAndOpen(const UniqueFd& folder, const SocketPermission& permission,
+                             const SocketEndpoint::Bind& bind) {
+  const std::string path = pathOfDescriptor(folder) + "/" + kSocketName;
   if (auto bound = bind(path); !bound) return std::unexpected(std::move(bound.error()));
   UniqueFd descriptor(::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (!descriptor) return endpointFailure("a new endpoint");
-  if (::chmod(path.c_str(), 0666) != 0) return endpointFailure("a new endpoint's mode");
+  auto permitted = permit(folder, kSocketName, permission);
+  if (!permitted) return std::unexpected(std::move(permitted.error()));
   return descriptor;
 }
 
@@ -48,19 +85,37 @@ Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descri
   return std::shared_ptr<const SocketEndpoint>(new SocketEndpoint(std::move(descriptor)));
 }
 
-Result<SocketEndpoint::New> SocketEndpoint::make(const Bind& bind) {
-  std::string folder = kBindFolder;
-  if (::mkdtemp(folder.data()) == nullptr) return endpointFailure("a folder for a new endpoint");
-  UniqueFd bindFolder(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  Result<UniqueFd> descriptor =
-      bindFolder ? bindAndOpen(pathOfDescriptor(bindFolder) + "/" + kSocketName, bind)
-                 : endpointFailure("a new endpoint's folder");
-  ::unlinkat(bindFolder.get(), kSocketName, 0);
-  ::rmdir(folder.c_str());
-  if (!descriptor) return std::unexpected(std::move(descriptor.error()));
+Result<SocketEndpoint::New> SocketEndpoint::make(const std::string& birthsFolder,
+                                                 const SocketPermission& permission,
+                                                 const Bind& bind) {
+  auto birth = makeBirthFolder(birthsFolder);
+  if (!birth) return std::unexpected(std::move(birth.error()));
+  auto descriptor = bindAndOpen(birth->folder, permission, bind);
+  ::unlinkat(birth->folder.get(), kSocketName, 0);
+  ::rmdir(birth->path.c_str());
+  if (!descriptor) return std::unexpected(descriptor.error());
   auto endpoint = of(std::move(*descriptor));
   if (!endpoint) return std::unexpected(std::move(endpoint.error()));
-  return New{std::move(*endpoint), std::move(bindFolder)};
+  return New{std::move(*endpoint), std::move(birth->folder)};
+}
+
+void SocketEndpoint::removeLeftovers(const std::string& birthsFolder) {
+  UniqueFd folder(::open(birthsFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder) return;
+  const int births = folder.get();
+  const std::unique_ptr<DIR, CloseEntries> entries(::fdopendir(births));
+  if (!entries) return;
+  std::ignore = folder.release();
+  int left = kMaxLeftovers;
+  for (const dirent* entry; left > 0 && (entry = ::readdir(entries.get())) != nullptr;) {
+    if (!std::string_view(entry->d_name).starts_with(kBirthPrefix)) continue;
+    --left;
+    const UniqueFd birth(
+        ::openat(births, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!birth || ::flock(birth.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    ::unlinkat(birth.get(), kSocketName, 0);
+    ::unlinkat(births, entry->d_name, AT_REMOVEDIR);
+  }
 }
 
 // A datagram socket can't be connected to a listener. The kernel compares the types only after it

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Peers/NSXPCListenerEndpoint.h"
 #include "Platform/Values/Error.h"
@@ -20,12 +21,19 @@ class SocketEndpoint final : public NSXPCListenerEndpoint {
   // with a name may exclude the peer.
   static Result<std::shared_ptr<const SocketEndpoint>> of(UniqueFd descriptor);
 
-  // The endpoint of a new socket. Every user who holds it may connect. `bind` binds the socket to
-  // the given path and listens. libdbus removes that path when its server ends, so `bindFolder`
-  // keeps the path from meaning another file until then.
+  // The endpoint of a new socket. A user who holds it may connect if the permission says so. `bind`
+  // binds the socket to the given path and listens. libdbus removes that path when its server ends,
+  // so `bindFolder` keeps the path from meaning another file until then.
+  //
+  // The socket has a name for a moment only, in a folder of its own in `birthsFolder`, which nobody
+  // else may enter. So only holders of the endpoint can ever connect.
   struct New;
   using Bind = std::function<Result<void>(const std::string& path)>;
-  static Result<New> make(const Bind& bind);
+  static Result<New> make(const std::string& birthsFolder, const SocketPermission& permission,
+                          const Bind& bind);
+
+  // Removes the folders that killed processes have left in `birthsFolder`, at most 1,024.
+  static void removeLeftovers(const std::string& birthsFolder);
 
   bool hasListener() const override;
 

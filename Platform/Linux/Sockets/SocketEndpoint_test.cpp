@@ -48,12 +48,13 @@ class SocketEndpointTest : public testing::Test {
  protected:
   // The endpoint of a listening socket.
   Result<SocketEndpoint::New> make() {
-    return SocketEndpoint::make([this](const std::string& path) -> Result<void> {
-      born_ = path;
-      EXPECT_EQ(bindTo(listener_, path), 0);
-      EXPECT_EQ(::listen(listener_.get(), 8), 0);
-      return {};
-    });
+    return SocketEndpoint::make(births_.path(), {.mode = 0666, .group = {}},
+                                [this](const std::string& path) -> Result<void> {
+                                  born_ = path;
+                                  EXPECT_EQ(bindTo(listener_, path), 0);
+                                  EXPECT_EQ(::listen(listener_.get(), 8), 0);
+                                  return {};
+                                });
   }
   static void expectRefused(UniqueFd descriptor) {
     const auto endpoint = SocketEndpoint::of(std::move(descriptor));
@@ -70,6 +71,7 @@ class SocketEndpointTest : public testing::Test {
   UniqueFd listener_ = newSocket();
   std::string born_;
   TemporaryFolder folder_;
+  TemporaryFolder births_;
 };
 
 TEST_F(SocketEndpointTest, ItsHolderConnectsAndTheSocketHasNoName) {
@@ -154,14 +156,57 @@ TEST_F(SocketEndpointTest, NoDescriptorIsAnErrorOfTheSystem) {
 
 TEST_F(SocketEndpointTest, AFailedBindLeavesNothing) {
   std::string folder;
-  const auto made = SocketEndpoint::make([&](const std::string& path) -> Result<void> {
-    folder = std::filesystem::read_symlink(path.substr(0, path.rfind('/')));
-    return std::unexpected(Error{ErrorCode::kExhausted, 0, "no more"});
-  });
+  const auto made = SocketEndpoint::make(
+      births_.path(), {.mode = 0666, .group = {}}, [&](const std::string& path) -> Result<void> {
+        folder = std::filesystem::read_symlink(path.substr(0, path.rfind('/')));
+        return std::unexpected(Error{ErrorCode::kExhausted, 0, "no more"});
+      });
   ASSERT_FALSE(made);
   EXPECT_EQ(made.error().context, "no more");
-  ASSERT_TRUE(folder.contains(".endpoint-")) << folder;
+  ASSERT_TRUE(folder.starts_with(births_.path())) << folder;
   EXPECT_FALSE(std::filesystem::exists(folder));
+}
+
+// A process that is killed between making a folder and removing it leaves the folder and perhaps a
+// socket.
+TEST_F(SocketEndpointTest, WhatAKilledProcessLeftIsRemoved) {
+  const std::string killed = births_.path("new-killed");
+  ASSERT_EQ(::mkdir(killed.c_str(), 0700), 0);
+  ASSERT_EQ(bindTo(listener_, killed + "/socket"), 0);
+  ASSERT_EQ(::mkdir(births_.path("new-empty").c_str(), 0700), 0);
+  SocketEndpoint::removeLeftovers(births_.path());
+  EXPECT_TRUE(std::filesystem::is_empty(births_.path()));
+}
+
+TEST_F(SocketEndpointTest, ABirthIsNotDisturbedByACleanUp) {
+  const auto made = SocketEndpoint::make(births_.path(), {.mode = 0666, .group = {}},
+                                         [&](const std::string& path) {
+                                           SocketEndpoint::removeLeftovers(births_.path());
+                                           EXPECT_EQ(bindTo(listener_, path), 0);
+                                           EXPECT_EQ(::listen(listener_.get(), 8), 0);
+                                           return Result<void>();
+                                         });
+  ASSERT_TRUE(made) << describe(made.error());
+  EXPECT_EQ(connectTo(made->endpoint->path()), 0);
+  EXPECT_TRUE(std::filesystem::is_empty(births_.path()));
+}
+
+TEST_F(SocketEndpointTest, OtherFilesAreKept) {
+  const std::string file = births_.path("file");
+  births_.write("file", "content");
+  births_.write("new-folder/content", "content");
+  ASSERT_EQ(::symlink("file", births_.path("new-link").c_str()), 0);
+  SocketEndpoint::removeLeftovers(births_.path());
+  EXPECT_TRUE(std::filesystem::exists(file));
+  EXPECT_TRUE(std::filesystem::exists(births_.path("new-folder/content")));
+  EXPECT_TRUE(std::filesystem::is_symlink(births_.path("new-link")));
+}
+
+TEST_F(SocketEndpointTest, WithoutAFolderThereIsNoEndpoint) {
+  const auto made = SocketEndpoint::make(births_.path("none"), {},
+                                         [](const std::string&) { return Result<void>(); });
+  ASSERT_FALSE(made);
+  EXPECT_EQ(made.error().osError, ENOENT);
 }
 
 }  // namespace

@@ -7,13 +7,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Sockets/SocketBirths.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
@@ -23,9 +23,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr char kLockName[] = ".lock";
-constexpr char kSocketInBindFolder[] = "socket";
-constexpr auto kLockWait = 1s;
 constexpr auto kRetryPause = 5ms;
 
 ErrorCode codeOfSocketError(int number) {
@@ -63,36 +60,30 @@ Result<UniqueFd> connectOnce(const UniqueFd& target) {
   return socket;
 }
 
-// One process at a time replaces a leftover socket. Whoever may write to the folder may open the
-// lock; others must not be able to block us with it.
-Result<UniqueFd> lock(const UniqueFd& folder) {
-  UniqueFd file(
-      ::openat(folder.get(), kLockName, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660));
-  if (!file) return socketFailure("the folder's lock");
-  struct stat status{};
-  if (::fstat(folder.get(), &status) == 0) {
-    std::ignore = ::fchown(file.get(), static_cast<uid_t>(-1), status.st_gid);
-    std::ignore = ::fchmod(file.get(), 0660);
-  }
-  const auto deadline = Clock::now() + kLockWait;
-  while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EWOULDBLOCK && errno != EINTR) return socketFailure("locking the folder");
-    if (Clock::now() >= deadline) return socketFailure("another process keeps the folder's lock");
-    std::this_thread::sleep_for(kRetryPause);
-  }
-  return file;
-}
-
 std::string randomName() {
   std::uint64_t number = 0;
   // Once the system is up, so few bytes are never cut short.
   std::ignore = ::getrandom(&number, sizeof(number), 0);
-  return fmt::format(".new-{:016x}", number);
+  return fmt::format("socket-{:016x}", number);
 }
 
 }  // namespace
 
-Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode, const Bind& bind) {
+Result<void> permit(const UniqueFd& folder, const std::string& name,
+                    const SocketPermission& permission) {
+  // The group comes first, so that the mode never opens the socket to another one.
+  if (permission.group && ::fchownat(folder.get(), name.c_str(), static_cast<uid_t>(-1),
+                                     *permission.group, AT_SYMLINK_NOFOLLOW) != 0) {
+    return socketFailure("the socket's group");
+  }
+  if (::fchmodat(folder.get(), name.c_str(), permission.mode, 0) != 0) {
+    return socketFailure("the socket's mode");
+  }
+  return {};
+}
+
+Result<SocketName> SocketName::take(const std::string& path, const SocketPermission& permission,
+                                    const Bind& bind) {
   const auto inContext = [&path](Error error) {
     error.context = "listening on " + path + ": " + error.context;
     return std::unexpected(std::move(error));
@@ -106,39 +97,29 @@ Result<SocketName> SocketName::take(const std::string& path, std::uint32_t mode,
   UniqueFd folder(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!folder) return inContext(socketFailure("the folder").error());
 
+  auto births = SocketBirths::enter(folder);
+  if (!births) return inContext(std::move(births.error()));
   const std::string temporary = randomName();
-  if (::mkdirat(folder.get(), temporary.c_str(), 0700) != 0) {
-    return inContext(socketFailure("making a folder for the socket").error());
-  }
-  UniqueFd bindFolder(
-      ::openat(folder.get(), temporary.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
-  SocketName taken(std::move(folder), name, std::move(bindFolder));
-  Result<void> done;
-  if (!taken.bindFolder_) {
-    done = socketFailure("the socket's folder");
-  } else if (done = bind(pathOfDescriptor(taken.bindFolder_) + "/" + kSocketInBindFolder); done) {
-    done = ::fchmodat(taken.bindFolder_.get(), kSocketInBindFolder, mode, 0) == 0
-               ? taken.publish()
-               : socketFailure("the socket's mode");
-  }
-  if (taken.bindFolder_) ::unlinkat(taken.bindFolder_.get(), kSocketInBindFolder, 0);
-  ::unlinkat(taken.folder_.get(), temporary.c_str(), AT_REMOVEDIR);
+  SocketName taken(std::move(folder), name);
+  Result<void> done = bind(pathOfDescriptor(births->folder()) + "/" + temporary);
+  if (done) done = permit(births->folder(), temporary, permission);
+  if (done) done = taken.publish(births->folder(), temporary);
+  ::unlinkat(births->folder().get(), temporary.c_str(), 0);
+  taken.bindFolder_ = births->leave();
   if (!done) return inContext(std::move(done.error()));
   return taken;
 }
 
-Result<void> SocketName::publish() {
+Result<void> SocketName::publish(const UniqueFd& births, const std::string& temporary) {
   struct stat status{};
-  if (::fstatat(bindFolder_.get(), kSocketInBindFolder, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (::fstatat(births.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return socketFailure("the new socket");
   }
-  const auto link = [this] {
-    return ::linkat(bindFolder_.get(), kSocketInBindFolder, folder_.get(), name_.c_str(), 0) == 0;
+  const auto link = [&] {
+    return ::linkat(births.get(), temporary.c_str(), folder_.get(), name_.c_str(), 0) == 0;
   };
   if (!link()) {
     if (errno != EEXIST) return socketFailure("naming the socket");
-    const auto locked = lock(folder_);
-    if (!locked) return std::unexpected(locked.error());
     if (auto replaced = replaceLeftover(); !replaced) return replaced;
     if (!link()) {
       if (errno == EEXIST) errno = EADDRINUSE;  // Another process was faster.
@@ -159,7 +140,8 @@ Result<void> SocketName::replaceLeftover() {
     return std::unexpected(Error{ErrorCode::kInvalid, EEXIST, "something else has the name"});
   }
   // A listening owner accepts, or its backlog is full; only a socket without an owner refuses.
-  if (connectOnce(found) || errno != ECONNREFUSED) {
+  const auto connected = connectOnce(found);
+  if (connected || connected.error().osError != ECONNREFUSED) {
     return std::unexpected(
         Error{ErrorCode::kDenied, EADDRINUSE, "another process listens on the name"});
   }

@@ -1,12 +1,31 @@
 #include "Platform/Linux/Sockets/SocketPeer.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <string_view>
 #include <utility>
+#include <vector>
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace platform {
+
+namespace {
+
+// Enough room for the groups of most users; the kernel says how much it needs.
+constexpr std::size_t kUsualGroups = 32;
+
+// More than the kernel writes before the users.
+constexpr std::size_t kStatusBytes = 1024;
+
+}  // namespace
 
 Result<PeerCredentials> peerOfSocket(int socket, std::string what) {
   ucred peer{};
@@ -15,6 +34,42 @@ Result<PeerCredentials> peerOfSocket(int socket, std::string what) {
     return std::unexpected(systemError(std::move(what)));
   }
   return PeerCredentials{peer.pid, peer.uid, peer.gid};
+}
+
+bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group) {
+  if (peer.group == group) return true;
+  std::vector<gid_t> groups(kUsualGroups);
+  socklen_t size = 0;
+  const auto ask = [&] {
+    size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+    return ::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0;
+  };
+  bool known = ask();
+  if (!known && errno == ERANGE) {
+    groups.resize(size / sizeof(gid_t));
+    known = ask();
+  }
+  if (!known) return false;
+  groups.resize(size / sizeof(gid_t));
+  return std::ranges::find(groups, group) != groups.end();
+}
+
+std::optional<std::uint32_t> effectiveUserOf(ProcessId process) {
+  const std::string path = "/proc/" + std::to_string(process) + "/status";
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return std::nullopt;
+  std::array<char, kStatusBytes> bytes{};
+  const ssize_t size =
+      retryOnInterrupt([&] { return ::read(file.get(), bytes.data(), bytes.size()); });
+  if (size <= 0) return std::nullopt;
+  // "Uid:", then the real user, the effective one and two others.
+  const std::string_view text(bytes.data(), static_cast<std::size_t>(size));
+  const std::size_t line = text.find("\nUid:\t");
+  const std::size_t tab = line == text.npos ? line : text.find('\t', line + sizeof("\nUid:\t") - 1);
+  if (tab == text.npos) return std::nullopt;
+  std::uint32_t user = 0;
+  const auto read = std::from_chars(text.data() + tab + 1, text.data() + text.size(), user);
+  return read.ec == std::errc() ? std::optional(user) : std::nullopt;
 }
 
 }  // namespace platform

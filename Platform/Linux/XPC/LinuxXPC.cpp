@@ -1,6 +1,7 @@
 #include "Platform/Linux/XPC/LinuxXPC.h"
 
 #include <algorithm>
+#include <tuple>
 #include <utility>
 
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
@@ -10,12 +11,15 @@
 
 namespace platform {
 
-Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, std::string root,
+Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, ListenerPlaces places,
                                                  std::optional<PassedSocket> passed) {
   auto loop = AsioRunLoop::create();
   if (!loop) return std::unexpected(std::move(loop.error()));
+  // The job host makes it, too, with its permissions. If it can't be made, only making a listener
+  // without a name fails, which is logged.
+  std::ignore = makeEndpointFolder(places.root());
   return std::unique_ptr<LinuxXPC>(
-      new LinuxXPC(log, std::move(root), std::move(passed), std::move(*loop)));
+      new LinuxXPC(log, std::move(places), std::move(passed), std::move(*loop)));
 }
 
 std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
@@ -27,11 +31,13 @@ std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
       descriptorLimit / kShare / kDescriptorsEach, 1, kMaxPeerConnectionsPerUser));
 }
 
-LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
+LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
                    std::unique_ptr<AsioRunLoop> loop)
-    : root_(std::move(root)), loop_(std::move(loop)) {
+    : places_(std::move(places)),
+      loop_(std::move(loop)),
+      transport_(*loop_, endpointFolder(places_.root())) {
   if (passed) {
-    transport_.adopt(pathOfMachService(root_, passed->machService), std::move(passed->server));
+    transport_.adopt(places_.machService(passed->machService).path, std::move(passed->server));
   }
   xpc_.emplace(XPC::Environment{
       .loop = *loop_,
@@ -39,7 +45,8 @@ LinuxXPC::LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket>
       .log = log,
       .performOnLoop = [this](const std::function<void()>& action) { performOnLoop(action); },
       .makeQueues = [] { return std::make_unique<AsioSerialQueues>(kThreadsPerListener); },
-      .path = [this](std::string_view name) { return pathOfMachService(root_, name); },
+      .place = [this](std::string_view name) { return places_.machService(name); },
+      .endpointClients = places_.endpointClients(),
       .connectionsPerUser = connectionsPerUser(softDescriptorLimit())});
   thread_ = std::thread([this] { loop_->run(); });
   loopThread_ = thread_.get_id();

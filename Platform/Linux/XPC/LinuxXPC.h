@@ -8,15 +8,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <thread>
 
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
 #include "Platform/Linux/Peers/PassedSocket.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Logging/SystemLog.h"
-#include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Platform/Values/Error.h"
 #include "Platform/XPC/XPC.h"
 
@@ -29,9 +27,9 @@ class LinuxXPC {
   // the others. Objects that serve at once run on the loop's thread if possible, and block neither.
   static constexpr std::size_t kThreadsPerListener = 2;
 
-  // The sockets of Mach services lie below `root`; a passed socket is used as it is. The log
+  // `places` says where the sockets of Mach services are; a passed socket is used as it is. The log
   // outlives this. Fails with kExhausted if there are no descriptors.
-  static Result<std::unique_ptr<LinuxXPC>> make(SystemLog& log, std::string root,
+  static Result<std::unique_ptr<LinuxXPC>> make(SystemLog& log, ListenerPlaces places,
                                                 std::optional<PassedSocket> passed);
 
   LinuxXPC(const LinuxXPC&) = delete;
@@ -48,7 +46,7 @@ class LinuxXPC {
   static std::size_t connectionsPerUser(std::uint64_t descriptorLimit);
 
  private:
-  LinuxXPC(SystemLog& log, std::string root, std::optional<PassedSocket> passed,
+  LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
            std::unique_ptr<AsioRunLoop> loop);
 
   // An action for which a thread waits.
@@ -60,12 +58,12 @@ class LinuxXPC {
   void performOnLoop(const std::function<void()>& action);
   void performNext();
 
-  const std::string root_;
+  const ListenerPlaces places_;
   std::mutex mutex_;
   std::deque<Awaited> awaited_;
   bool loopHasEnded_ = false;
   const std::unique_ptr<AsioRunLoop> loop_;
-  DBusPeerTransport transport_{*loop_};
+  DBusPeerTransport transport_;
   std::optional<XPC> xpc_;
   std::thread thread_;
   std::thread::id loopThread_;  // other threads may read it while the thread is joined

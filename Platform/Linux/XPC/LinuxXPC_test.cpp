@@ -26,8 +26,10 @@ class LinuxXPCHarness final : public XPCHarness {
  public:
   LinuxXPCHarness() {
     std::filesystem::create_directories(folder_.path("run/vantor/mach"));
-    here_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
-    there_ = std::move(*LinuxXPC::make(log_, folder_.path(), std::nullopt));
+    here_ = std::move(*LinuxXPC::make(
+        log_, ListenerPlaces(defaultPlatformConfiguration(folder_.path())), std::nullopt));
+    there_ = std::move(*LinuxXPC::make(
+        log_, ListenerPlaces(defaultPlatformConfiguration(folder_.path())), std::nullopt));
   }
 
   XPC& here() override { return here_->xpc(); }
@@ -138,8 +140,10 @@ TEST(LinuxXPCTest, ARunningRequestMayUseItsListenerWhileTheXPCEnds) {
   TemporaryFolder folder;
   FakeLogSink sink;
   SystemLog log(sink, "test");
-  const auto client = std::move(*LinuxXPC::make(log, folder.path(), std::nullopt));
-  auto server = std::move(*LinuxXPC::make(log, folder.path(), std::nullopt));
+  const auto client = std::move(*LinuxXPC::make(
+      log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt));
+  auto server = std::move(*LinuxXPC::make(
+      log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt));
   const auto delegate = std::make_shared<Busy>();
   auto listener = server->xpc().makeAnonymousListener();
   listener->setDelegate(delegate);

@@ -15,7 +15,8 @@ namespace platform {
 
 // One program's objects for named connections in a test. Belongs to its loop's thread.
 struct ConnectedProgram {
-  ConnectedProgram(RunLoop& itsLoop, PeerTransport& itsTransport, NamedConnections::PathOfName path)
+  ConnectedProgram(RunLoop& itsLoop, PeerTransport& itsTransport,
+                   NamedConnections::PlaceOfName path)
       : loop(itsLoop),
         transport(itsTransport),
         connections(itsLoop, itsTransport, center, log, std::move(path)) {}

@@ -400,6 +400,9 @@ class FakePeerTransport::Connection final : public PeerConnection {
 
   PeerCredentials peer() const override { return end_->peer_; }
   bool peerLives() const override { return end_->isConnected() && !end_->other_->process_.dead_; }
+  bool peerIsUnchanged() const override {
+    return peerLives() && end_->other_->process_.self_.user == end_->peer_.user;
+  }
   void admit() override {
     end_->admitted_ = true;
     end_->place_.reset();
@@ -454,7 +457,13 @@ class FakePeerNetwork::Listener final : public PeerListener {
   }
 
   // Hands the new connection to the owner. False if it is rejected.
-  bool handOn(const std::shared_ptr<FakePeerTransport::End>& end, std::uint32_t user) {
+  bool handOn(const std::shared_ptr<FakePeerTransport::End>& end, const PeerCredentials& peer) {
+    const std::uint32_t user = peer.user;
+    const PeerAudience& audience = options_.audience;
+    if (!audience.admitsUser(user, process_->self_.user) && audience.group != peer.group) {
+      if (options_.excluded) options_.excluded(peer);
+      return false;
+    }
     end->held_ =
         users_->hold(user, places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
                                                        : options_.connectionsPerUser);
@@ -535,6 +544,9 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> FakePeerTrans
   FakePeerNetwork::Listener& listener = *found->second;
   FakePeerTransport& there = *listener.process_;
   if (there.dead_) return failed(Kind::kNobodyThere, ECONNREFUSED);
+  if (!options.servers.admitsUser(there.self_.user, self_.user)) {
+    return failed(Kind::kRefused, EPERM);
+  }
   const auto answers = [&] { return there.mayServe(nullptr); };
   if (!network_.loop_.waitFor(options.timeout, answers)) return failed(Kind::kTimedOut, 0);
 
@@ -545,7 +557,7 @@ std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> FakePeerTrans
   theirs->join(ours);
   ends_.push_back(ours);
   there.ends_.push_back(theirs);
-  if (!listener.handOn(theirs, self_.user)) {
+  if (!listener.handOn(theirs, self_)) {
     theirs->close();
     ours->close();
     return failed(Kind::kRefused, 0);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -62,6 +63,9 @@ class FakePeerTransport final : public PeerTransport {
   void hang();
   void goOn();
 
+  // The process gives up its user for another one. Its connections keep its credentials.
+  void becomeUser(std::uint32_t user) { self_.user = user; }
+
   // The process ends: its connections end without callbacks for it. The names on which it listened
   // stay as leftovers.
   void die();
@@ -76,7 +80,7 @@ class FakePeerTransport final : public PeerTransport {
   void serveAll();
 
   FakePeerNetwork& network_;
-  const PeerCredentials self_;
+  PeerCredentials self_;
   bool hung_ = false;
   bool dead_ = false;
   std::vector<const End*> waitingIn_;  // running calls, the innermost last

@@ -50,7 +50,8 @@ INSTANTIATE_TEST_SUITE_P(Fake, PeerTransportContract, testing::Values(&makeFakeP
 class FakePeerTransportTest : public testing::Test {
  protected:
   std::unique_ptr<PeerListener> listen(FakePeerTransport& process,
-                                       const PeerListenerOptions& options = {}) {
+                                       PeerListenerOptions options = {}) {
+    options.audience = audience_;
     auto listener = process.listen("name", options, [this](std::unique_ptr<PeerConnection> peer) {
       peer->setHandlers({.message =
                              [this](PeerMessage message) {
@@ -63,6 +64,7 @@ class FakePeerTransportTest : public testing::Test {
     return listener ? std::move(*listener) : nullptr;
   }
 
+  PeerAudience audience_ = PeerAudience::all();
   VirtualRunLoop loop_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport daemon_{network_, {1, 0, 0}};
@@ -99,6 +101,27 @@ TEST_F(FakePeerTransportTest, TheAdmissionTimeIsFiveSeconds) {
   loop_.advanceBy(1ns);
   ASSERT_EQ(deaths_.size(), 1u);
   EXPECT_EQ(deaths_[0].code, ErrorCode::kDenied);
+}
+
+TEST_F(FakePeerTransportTest, OnlyTheAudienceMayConnect) {
+  audience_ = {.everybody = false, .user = {}, .group = 1001};
+  std::vector<PeerCredentials> excluded;
+  const auto listener =
+      listen(daemon_, {.excluded = [&](const PeerCredentials& peer) { excluded.push_back(peer); }});
+  EXPECT_EQ(client_.connect("name", {}).error().kind, PeerConnectFailure::Kind::kRefused);
+  EXPECT_EQ(excluded, (std::vector<PeerCredentials>{{2, 1000, 1000}}));
+  EXPECT_TRUE(stranger_.connect("name", {}));
+  EXPECT_TRUE(daemon_.connect("name", {}));
+}
+
+TEST_F(FakePeerTransportTest, AServerOfAnotherUserIsNotTrusted) {
+  const auto listener = listen(client_);
+  const auto connection = daemon_.connect("name", {});
+  ASSERT_FALSE(connection);
+  EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kRefused);
+  EXPECT_EQ(connection.error().error.osError, EPERM);
+  const PeerAudience servers{.everybody = false, .user = 1000, .group = {}};
+  EXPECT_TRUE(daemon_.connect("name", {.servers = servers}));
 }
 
 TEST_F(FakePeerTransportTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
@@ -142,7 +165,8 @@ TEST_F(FakePeerTransportTest, ADeadProcessEndsItsConnectionsAndLeavesItsName) {
   loop_.runReady();
   EXPECT_EQ(deaths, 1);
   EXPECT_EQ(client_.connect("name", {}).error().kind, PeerConnectFailure::Kind::kNobodyThere);
-  const auto replaced = listen(stranger_);
+  FakePeerTransport successor(network_, {4, 0, 0});
+  const auto replaced = listen(successor);
   EXPECT_TRUE(client_.connect("name", {}));
 }
 

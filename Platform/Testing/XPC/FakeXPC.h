@@ -23,7 +23,11 @@ struct FakeXPC {
              .performOnLoop = [](const std::function<void()>& action) { action(); },
              .makeQueues =
                  [&network] { return std::make_unique<VirtualSerialQueues>(network.loop()); },
-             .path = [](std::string_view name) { return "/mach/" + std::string(name); }}) {}
+             .place =
+                 [](std::string_view name) {
+                   return ListenerPlace("/mach/" + std::string(name), PeerAudience::all(), {});
+                 },
+             .endpointClients = PeerAudience::all()}) {}
 
   FakePeerTransport transport;
   XPC xpc;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Logger/Logger.h"
 #include "Platform/Testing/NamedConnections/ConnectedProgram.h"
 #include "Platform/Testing/Peers/FakePeerTransport.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
@@ -45,9 +46,10 @@ class KLXConnectionAuthenticatorTest : public testing::Test {
   platform::VirtualRunLoop loop_;
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport serverTransport_{network_, {100, 0, 0}};
-  platform::FakePeerTransport clientTransport_{network_, {200, 1, 1}};
+  platform::FakePeerTransport clientTransport_{network_, {200, 0, 0}};
   platform::ConnectedProgram server_{loop_, serverTransport_,
                                      [](std::string_view name) { return std::string(name); }};
+  LoggerBinding binding_{server_.log};  // An authenticator's line would go this way.
   std::shared_ptr<NSConnection> connection_ = server_.connections.makeConnection();
   std::unique_ptr<platform::PeerConnection> peer_;
 };
