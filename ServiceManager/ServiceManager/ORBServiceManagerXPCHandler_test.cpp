@@ -125,7 +125,7 @@ class WrongPasskey : public EndpointRegistryTest, public testing::WithParamInter
 };
 
 TEST_P(WrongPasskey, RegistersNothingAndIsAnswered) {
-  if (wrong() == passkey()) return;
+  ASSERT_NE(wrong(), passkey());
   EXPECT_EQ(registerAs(one_, wrong(), "name"), "NO Invalid passkey for the registration.");
   EXPECT_EQ(lines(), (std::vector<std::string>{"3 Invalid profile detected.",
                                                "3 Received invalid passkey for registration."}));
@@ -133,7 +133,7 @@ TEST_P(WrongPasskey, RegistersNothingAndIsAnswered) {
 }
 
 TEST_P(WrongPasskey, FindsNothingAndIsNotAnswered) {
-  if (wrong() == passkey()) return;
+  ASSERT_NE(wrong(), passkey());
   registerAs(one_, passkey(), "name");
   lines();
   EXPECT_EQ(lookUp(wrong(), "name"), std::nullopt);
