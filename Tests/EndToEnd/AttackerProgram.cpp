@@ -1,0 +1,329 @@
+// An attacker on the daemon's machine. Started as root, it tries one way in again and again as
+// other users, and prints "served N of M": how often the daemon accepted it. The arguments are the
+// platform root, the way and the number of tries. It prints "impossible here" if this machine does
+// not permit the way.
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <linux/sched.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
+#include "Platform/Linux/DBus/DBusConnecting.h"
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/Sockets/SocketEndpoint.h"
+#include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tests/EndToEnd/RegistryClient.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+constexpr char kServer[] = "com.vantor.servicemanager.userinterface.server";
+constexpr char kAuthenticate[] = "NSConnectionAuthenticate:";
+// The product's group in the tests has this number, and so has a user with no other group.
+constexpr uid_t kMember = 65534;
+constexpr uid_t kStranger = 65533;
+constexpr int kServed = 10;
+constexpr int kRefused = 11;
+constexpr int kImpossible = 12;
+
+bool become(uid_t user) {
+  return ::syscall(SYS_setgroups, 0, nullptr) == 0 &&
+         ::syscall(SYS_setresgid, user, user, user) == 0 &&
+         ::syscall(SYS_setresuid, user, user, user) == 0;
+}
+
+struct Attack {
+  std::string program;
+  std::string root;
+  std::string socket;
+  Data token;
+};
+
+// Whether the server accepts the token of the process that has this connected socket now.
+bool isAccepted(UniqueFd socket, const Data& token) {
+  const auto loop = std::move(*AsioRunLoop::create());
+  auto connection = openOverSocket(std::move(socket));
+  if (!connection) return false;
+  const auto link = DBusPeerLink::create(*loop, std::move(*connection), WhileWaiting::kServeNothing,
+                                         PeerMessageContents::kValues);
+  if (!link || !(*link)->awaitWelcome(loop->now() + 10s)) return false;
+  const bool accepted = (*link)->call(kAuthenticate, {Value(token)}, 10s).has_value();
+  (*link)->close();
+  return accepted;
+}
+
+bool connectAndShow(const std::string& path, const Data& token) {
+  auto socket = connectToSocket(path, 5s);
+  return socket && isAccepted(std::move(*socket), token);
+}
+
+UniqueFd newSocket() { return UniqueFd(::socket(AF_UNIX, SOCK_STREAM, 0)); }
+
+bool connectWith(const UniqueFd& socket, const std::string& path) {
+  const UniqueFd target(::open(path.c_str(), O_PATH | O_CLOEXEC));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  pathOfDescriptor(target).copy(address.sun_path, sizeof address.sun_path - 1);
+  return target &&
+         ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+int exitStatus(bool isServed) { return isServed ? kServed : kRefused; }
+
+int statusOf(pid_t process) {
+  int status = 0;
+  while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : EXIT_FAILURE;
+}
+
+// Runs `action` in a process of its own and returns its status.
+int inChild(const std::function<int()>& action) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(action());
+  return child < 0 ? EXIT_FAILURE : statusOf(child);
+}
+
+int as(uid_t user, const std::function<bool()>& action) {
+  return inChild([&] { return become(user) ? exitStatus(action()) : EXIT_FAILURE; });
+}
+
+// The ways in.
+
+int memberWithTheToken(const Attack& attack) {
+  return as(kMember, [&] { return connectAndShow(attack.socket, attack.token); });
+}
+
+int wrongToken(const Attack& attack) {
+  return as(kMember, [&] {
+    Data wrong = attack.token;
+    for (auto& byte : wrong) byte = static_cast<std::uint8_t>(std::random_device()());
+    return connectAndShow(attack.socket, wrong);
+  });
+}
+
+// The boot time's lowest byte is in every byte of the token.
+int tokenOfAnotherBoot(const Attack& attack) {
+  static std::uint8_t difference = 0;
+  if (++difference == 0) ++difference;
+  return as(kMember, [&] {
+    Data old = attack.token;
+    for (auto& byte : old) byte ^= difference;
+    return connectAndShow(attack.socket, old);
+  });
+}
+
+int strangerWithTheToken(const Attack& attack) {
+  return as(kStranger, [&] { return connectAndShow(attack.socket, attack.token); });
+}
+
+// A member connects, passes the connection on to a stranger and ends.
+int descriptorPassedOn(const Attack& attack) {
+  const UniqueFd socket = newSocket();
+  const int connected = as(kMember, [&] { return connectWith(socket, attack.socket); });
+  if (connected != kServed) return EXIT_FAILURE;
+  return as(kStranger, [&] { return isAccepted(UniqueFd(::dup(socket.get())), attack.token); });
+}
+
+// The process that connected has ended, and another one of the same user has got its number.
+int reusedNumber(const Attack& attack) {
+  const UniqueFd socket = newSocket();
+  pid_t number = ::fork();
+  if (number == 0) {
+    ::_exit(exitStatus(become(kMember) && connectWith(socket, attack.socket)));
+  }
+  if (statusOf(number) != kServed) return EXIT_FAILURE;
+  clone_args arguments{};
+  arguments.exit_signal = SIGCHLD;
+  arguments.set_tid = reinterpret_cast<std::uintptr_t>(&number);
+  arguments.set_tid_size = 1;
+  const auto next = static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
+  if (next == 0) {
+    ::_exit(become(kMember) ? exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token))
+                            : EXIT_FAILURE);
+  }
+  if (next < 0) return errno == EEXIST ? kRefused : kImpossible;
+  return statusOf(next);
+}
+
+// A process of root's connects, gives up its rights and runs a stranger's program.
+int executedAfterwards(const Attack& attack) {
+  return inChild([&] {
+    const UniqueFd socket = newSocket();
+    if (!connectWith(socket, attack.socket) || !become(kStranger)) return EXIT_FAILURE;
+    const std::string descriptor = std::to_string(socket.get());
+    ::execl(attack.program.c_str(), attack.program.c_str(), attack.root.c_str(), "--show",
+            descriptor.c_str(), nullptr);
+    return EXIT_FAILURE;
+  });
+}
+
+// A process of root's gives up its rights after it has connected.
+int userChangedAfterwards(const Attack& attack) {
+  return inChild([&] {
+    const UniqueFd socket = newSocket();
+    if (!connectWith(socket, attack.socket) || !become(kStranger)) return EXIT_FAILURE;
+    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token));
+  });
+}
+
+// A stranger's process becomes root after it has connected, as a program with the set-user-ID bit.
+int rightsGainedAfterwards(const Attack& attack) {
+  return inChild([&] {
+    const UniqueFd socket = newSocket();
+    if (::syscall(SYS_setresuid, kStranger, kStranger, 0) != 0) return EXIT_FAILURE;
+    if (!connectWith(socket, attack.socket)) return kRefused;
+    if (::syscall(SYS_setresuid, 0, 0, 0) != 0) return EXIT_FAILURE;
+    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token));
+  });
+}
+
+// The registry's answer to a member that registers this descriptor as an endpoint.
+bool registers(const Attack& attack, int descriptor) {
+  auto socket = connectToSocket(pathOfMachService(attack.root, kEndpointRegistryService), 5s);
+  auto connection = socket ? openOverSocket(std::move(*socket)) : UniqueDBusConnection();
+  if (!connection || !*connection) return false;
+  const UniqueDBusMessage message(dbus_message_new_method_call(
+      nullptr, "/", kPeerInterface, "registerXPCListenerEndpoint_forPasskey_withName_withReply_"));
+  DBusMessageIter arguments;
+  dbus_message_iter_init_append(message.get(), &arguments);
+  const auto append = [&](int type, const char* signature, const void* value) {
+    DBusMessageIter variant;
+    dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, signature, &variant);
+    dbus_message_iter_append_basic(&variant, type, value);
+    dbus_message_iter_close_container(&arguments, &variant);
+  };
+  append(DBUS_TYPE_UNIX_FD, "h", &descriptor);
+  DBusMessageIter variant;
+  DBusMessageIter bytes;
+  dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, "ay", &variant);
+  dbus_message_iter_open_container(&variant, DBUS_TYPE_ARRAY, "y", &bytes);
+  for (const std::uint8_t byte : attack.token) {
+    dbus_message_iter_append_basic(&bytes, DBUS_TYPE_BYTE, &byte);
+  }
+  dbus_message_iter_close_container(&variant, &bytes);
+  dbus_message_iter_close_container(&arguments, &variant);
+  const char* name = "attacker";
+  append(DBUS_TYPE_STRING, "s", &name);
+  const std::uint8_t nil = 0;
+  append(DBUS_TYPE_BYTE, "y", &nil);
+  DBusErrorText error;
+  const UniqueDBusMessage reply(dbus_connection_send_with_reply_and_block(
+      connection->get(), message.get(), 10'000, error.get()));
+  if (!reply) return false;
+  const MessageResult answer = decodeAnswer(reply.get());
+  const Array* values = answer ? answer->array() : nullptr;
+  return values != nullptr && !values->empty() && values->front() == Value(true);
+}
+
+int socketPair(const Attack& attack) {
+  return as(kMember, [&] {
+    int pair[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return false;
+    const UniqueFd ends[] = {UniqueFd(pair[0]), UniqueFd(pair[1])};
+    return registers(attack, pair[0]);
+  });
+}
+
+// A stranger has the descriptor of an endpoint, whose mode does not keep it out.
+int endpointPassedOn(const SocketEndpoint& endpoint, uid_t user) {
+  return as(user, [&] {
+    auto socket = connectToSocket(endpoint.path(), 5s);
+    if (!socket) return false;
+    const auto loop = std::move(*AsioRunLoop::create());
+    auto connection = openOverSocket(std::move(*socket));
+    if (!connection) return false;
+    const auto link = DBusPeerLink::create(
+        *loop, std::move(*connection), WhileWaiting::kServeNothing, PeerMessageContents::kValues);
+    return link && (*link)->awaitWelcome(loop->now() + 10s);
+  });
+}
+
+std::shared_ptr<const SocketEndpoint> execInfoEndpoint(const Attack& attack) {
+  const LinuxSystemInformation system(defaultPlatformConfiguration(attack.root), "/proc");
+  RegistryClient client(attack.root, system);
+  const auto registry = client.connect();
+  const auto reply = RegistryClient::ask(*registry, RegistryClient::kLookUp,
+                                         {client.passkey(), Value(kExecInfoEndpoint)});
+  if (!reply || reply->empty()) return nullptr;
+  return std::dynamic_pointer_cast<const SocketEndpoint>(endpointIn(reply->front()));
+}
+
+using Way = std::function<int(const Attack&)>;
+
+std::optional<Way> wayOf(std::string_view name, const Attack& attack) {
+  if (name == "member") return memberWithTheToken;
+  if (name == "wrong token") return wrongToken;
+  if (name == "token of another boot") return tokenOfAnotherBoot;
+  if (name == "stranger") return strangerWithTheToken;
+  if (name == "descriptor passed on") return descriptorPassedOn;
+  if (name == "reused number") return reusedNumber;
+  if (name == "executed afterwards") return executedAfterwards;
+  if (name == "user changed afterwards") return userChangedAfterwards;
+  if (name == "rights gained afterwards") return rightsGainedAfterwards;
+  if (name == "socket pair") return socketPair;
+  if (name == "endpoint of a member" || name == "endpoint passed on") {
+    const auto endpoint = execInfoEndpoint(attack);
+    if (!endpoint) return std::nullopt;
+    const uid_t user = name == "endpoint passed on" ? kStranger : kMember;
+    // Only the kernel's word is left to keep the stranger out.
+    if (::chmod(endpoint->path().c_str(), 0666) != 0) return std::nullopt;
+    return [endpoint, user](const Attack&) { return endpointPassedOn(*endpoint, user); };
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) return 2;
+  const std::string root = argv[1];
+  const LinuxSystemInformation system(defaultPlatformConfiguration(root), "/proc");
+  const Attack attack{std::filesystem::read_symlink("/proc/self/exe"), root,
+                      pathOfConnection(root, kServer), systemProfileData(system)};
+  // The second half of "executed afterwards".
+  if (std::string_view(argv[2]) == "--show") {
+    return exitStatus(isAccepted(UniqueFd(std::atoi(argv[3])), attack.token));
+  }
+  const auto way = wayOf(argv[2], attack);
+  if (!way) return 2;
+  const int tries = std::atoi(argv[3]);
+  int served = 0;
+  for (int i = 0; i < tries; ++i) {
+    const int status = (*way)(attack);
+    if (status == kImpossible) return std::puts("impossible here"), EXIT_SUCCESS;
+    if (status != kServed && status != kRefused) return 3;
+    if (status == kServed) ++served;
+  }
+  std::printf("served %d of %d\n", served, tries);
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,93 @@
+// Programs of other users that try to be served: docs/security.md says what they can't do.
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+class DaemonAttackers : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can start programs as other users";
+    start(1);
+    std::filesystem::permissions(root_.path(), std::filesystem::perms(0755));
+    std::filesystem::copy_file(ATTACKER_PROGRAM, program());
+    ASSERT_EQ(::chmod(program().c_str(), 0755), 0);
+  }
+
+  std::string program() const { return root_.folder().path("attacker"); }
+
+  // How often that way in was accepted, as the program says it.
+  std::string attempt(const std::string& way, int tries) {
+    ChildProgram attacker({program(), root_.path(), way, std::to_string(tries)}, {});
+    const std::string answer = attacker.nextLine();
+    EXPECT_EQ(attacker.waitForExit(), ExitStatus{}) << attacker.errors();
+    return answer;
+  }
+  static std::string none(int tries) { return "served 0 of " + std::to_string(tries); }
+  static std::string all(int tries) {
+    return "served " + std::to_string(tries) + " of " + std::to_string(tries);
+  }
+
+  // As an administrator may: then only the kernel's word keeps strangers out.
+  void openTheFirstGate() {
+    const std::string socket = pathOfConnection(root_.path(), UserInterfaceClient::kServer);
+    ASSERT_EQ(::chmod(socket.c_str(), 0666), 0);
+  }
+
+  void expectNoWayIn(int tries) {
+    EXPECT_EQ(attempt("member", 3), all(3));
+    EXPECT_EQ(attempt("endpoint of a member", 3), all(3));
+    EXPECT_EQ(attempt("stranger", tries), none(tries));
+    openTheFirstGate();
+    for (const char* way :
+         {"stranger", "wrong token", "token of another boot", "descriptor passed on",
+          "reused number", "executed afterwards", "user changed afterwards",
+          "rights gained afterwards", "socket pair", "endpoint passed on"}) {
+      SCOPED_TRACE(way);
+      const std::string answer = attempt(way, tries);
+      if (answer != "impossible here") {
+        EXPECT_EQ(answer, none(tries));
+      }
+    }
+    // Its lines are bounded: at most ten a minute for each of the loggers of refusals.
+    EXPECT_LT(root_.logCount("of user 6553"), 100u);
+    expectKilledServiceIsReported(DaemonRoot::label(0));
+    EXPECT_EQ(root_.starts(), 1U);
+  }
+};
+
+TEST_F(DaemonAttackers, FindNoWayIn) { expectNoWayIn(100); }
+
+TEST_F(DaemonAttackers, AreToldByTheOperatorsCommandWhoMay) {
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"list"}, {"endpoints", "lookup", "name"}}) {
+    std::vector<std::string> arguments{"/usr/bin/setpriv", "--reuid=65533", "--regid=65533",
+                                       "--clear-groups", root_.host().controlProgram()};
+    arguments.insert(arguments.end(), command.begin(), command.end());
+    ChildProgram control(arguments, {});
+    EXPECT_EQ(control.waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 4})) << command[0];
+    EXPECT_THAT(
+        control.errors(),
+        testing::AllOf(testing::HasSubstr("Permission denied"), testing::HasSubstr("ask as root"),
+                       testing::HasSubstr("as a member of the group \"nogroup\"")))
+        << command[0];
+  }
+}
+
+class DaemonAttackersLong : public DaemonAttackers {};
+
+TEST_F(DaemonAttackersLong, FindNoWayInWithTenThousandTries) { expectNoWayIn(10'000); }
+
+}  // namespace
+}  // namespace platform
