@@ -19,11 +19,19 @@ ORBSigningValidator::Verdict ORBSigningValidator::validate(const std::string& pa
   const auto information = check(path, wanted);
   if (!information) {
     const CodeSigningFailure& failure = information.error();
-    vantorlogger_line(ASL_LEVEL_ERR, stringWithFormat("The %s '%@' is not intact (status: %i): %@",
-                                                      what, path, failure.status, failure.reason));
-    return {false, failure.status, failure.reason, std::nullopt};
+    const CodeVerdict fault = verdictOf(failure);
+    if (fault == CodeVerdict::kUnknown) {
+      vantorlogger_line(ASL_LEVEL_WARNING,
+                        stringWithFormat("The %s '%@' can't be checked now (status: %i): %@", what,
+                                         path, failure.status, failure.reason));
+    } else {
+      vantorlogger_line(ASL_LEVEL_ERR,
+                        stringWithFormat("The %s '%@' is not intact (status: %i): %@", what, path,
+                                         failure.status, failure.reason));
+    }
+    return {fault, failure.status, failure.reason, std::nullopt};
   }
-  Verdict verdict{true, errSecSuccess, {}, std::nullopt};
+  Verdict verdict{CodeVerdict::kIntact, errSecSuccess, {}, std::nullopt};
   if (const std::string* text = (*information)[kSecCodeInfoIdentifier].string()) {
     verdict.identifier = *text;
   }

@@ -6,18 +6,22 @@
 #include "Platform/CodeSigning/CodeSignature.h"
 
 // Verifies code for the integrity checks. Every verdict is logged through logger 1: a rejection as
-// an error with its reason, the others for debugging.
+// an error with its reason, a check that could not be made as a warning, the others for debugging.
 //
 // A call may read all of the code and blocks only for the disk; an unchanged file that was found
 // intact shortly before costs next to nothing. Any thread may call it.
 class ORBSigningValidator {
  public:
   struct Verdict {
-    bool isIntact = false;
+    platform::CodeVerdict verdict = platform::CodeVerdict::kUnknown;
     platform::OSStatus status = platform::errSecSuccess;
-    std::string reason;  // why it is not intact; empty if it is
+    std::string reason;  // why it is not intact, or not known to be; empty if it is
     // The identifier of intact code; nothing if its signature has none.
     std::optional<std::string> identifier;
+
+    bool isIntact() const { return verdict == platform::CodeVerdict::kIntact; }
+    // The check could not be made; try again.
+    bool isUnknown() const { return verdict == platform::CodeVerdict::kUnknown; }
   };
 
   // `signatures` outlives this.

@@ -37,7 +37,7 @@ class ORBSigningValidatorTest : public testing::Test {
 TEST_F(ORBSigningValidatorTest, AnIntactProgramsIdentifierIsReturned) {
   signatures_.addValid("/bin/p", kProgram, "com.vantor.p");
   const auto verdict = validator_.validateProgram("/bin/p");
-  EXPECT_TRUE(verdict.isIntact);
+  EXPECT_TRUE(verdict.isIntact());
   EXPECT_EQ(verdict.status, errSecSuccess);
   EXPECT_EQ(verdict.reason, "");
   EXPECT_EQ(verdict.identifier, "com.vantor.p");
@@ -47,7 +47,7 @@ TEST_F(ORBSigningValidatorTest, AnIntactProgramsIdentifierIsReturned) {
 TEST_F(ORBSigningValidatorTest, AnIntactBundleMayHaveNoIdentifier) {
   signatures_.addValid("/X.bundle", kBundle, std::nullopt);
   const auto verdict = validator_.validateBundle("/X.bundle");
-  EXPECT_TRUE(verdict.isIntact);
+  EXPECT_TRUE(verdict.isIntact());
   EXPECT_FALSE(verdict.identifier);
   expectLine(ASL_LEVEL_DEBUG, "The bundle '/X.bundle' is intact, identifier: (null)");
 }
@@ -55,16 +55,36 @@ TEST_F(ORBSigningValidatorTest, AnIntactBundleMayHaveNoIdentifier) {
 TEST_F(ORBSigningValidatorTest, ARejectionHasAStatusAndReasonAndIsLogged) {
   signatures_.addRefused("/X.bundle", kBundle, {errSecCSBadResource, "/X.bundle/a: was added"});
   const auto verdict = validator_.validateBundle("/X.bundle");
-  EXPECT_FALSE(verdict.isIntact);
+  EXPECT_FALSE(verdict.isIntact());
   EXPECT_EQ(verdict.status, errSecCSBadResource);
   EXPECT_EQ(verdict.reason, "/X.bundle/a: was added");
   expectLine(ASL_LEVEL_ERR,
              "The bundle '/X.bundle' is not intact (status: -67054): /X.bundle/a: was added");
 }
 
+TEST_F(ORBSigningValidatorTest, AnUnsignedProgramIsNotADamagedOne) {
+  signatures_.addRefused("/bin/p", kProgram, {errSecCSUnsigned, "/bin/p: carries no signature"});
+  const auto verdict = validator_.validateProgram("/bin/p");
+  EXPECT_EQ(verdict.verdict, CodeVerdict::kNotSigned);
+  expectLine(ASL_LEVEL_ERR,
+             "The program '/bin/p' is not intact (status: -67062): /bin/p: carries no signature");
+}
+
+TEST_F(ORBSigningValidatorTest, ACheckThatCantBeMadeIsNoDamage) {
+  signatures_.addValid("/bin/p", kProgram, "com.vantor.p");
+  signatures_.setShortage(true);
+  const auto verdict = validator_.validateProgram("/bin/p");
+  EXPECT_TRUE(verdict.isUnknown());
+  EXPECT_FALSE(verdict.isIntact());
+  EXPECT_EQ(verdict.status, kErrnoStatusBase + EMFILE);
+  expectLine(ASL_LEVEL_WARNING,
+             "The program '/bin/p' can't be checked now (status: 100024): /bin/p: Too many open "
+             "files");
+}
+
 TEST_F(ORBSigningValidatorTest, AMissingFileIsNotIntact) {
   const auto verdict = validator_.validateProgram("/none");
-  EXPECT_FALSE(verdict.isIntact);
+  EXPECT_FALSE(verdict.isIntact());
   EXPECT_EQ(verdict.status, kErrnoStatusBase + ENOENT);
   EXPECT_EQ(sink_.messagesAtLevel(ASL_LEVEL_ERR).size(), 1u);
 }
@@ -80,9 +100,9 @@ TEST_F(ORBSigningValidatorTest, AProgramIsNoBundleNorTheOtherWayAround) {
 
 TEST_F(ORBSigningValidatorTest, EachCallVerifiesAgain) {
   signatures_.addValid("/bin/p", kProgram, "p");
-  EXPECT_TRUE(validator_.validateProgram("/bin/p").isIntact);
+  EXPECT_TRUE(validator_.validateProgram("/bin/p").isIntact());
   signatures_.addRefused("/bin/p", kProgram, {errSecCSSignatureFailed, "/bin/p: changed"});
-  EXPECT_FALSE(validator_.validateProgram("/bin/p").isIntact);
+  EXPECT_FALSE(validator_.validateProgram("/bin/p").isIntact());
 }
 
 }  // namespace

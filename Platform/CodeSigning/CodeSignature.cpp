@@ -1,6 +1,7 @@
 #include "Platform/CodeSigning/CodeSignature.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 
 #include "Platform/Texts/StringFormat.h"
@@ -24,6 +25,24 @@ std::string withSingleBlanks(std::string_view text) {
 }
 
 }  // namespace
+
+CodeVerdict verdictOf(const CodeSigningFailure& failure) {
+  if (failure.status == errSecCSUnsigned) return CodeVerdict::kNotSigned;
+  if (failure.status < kErrnoStatusBase) return CodeVerdict::kDamaged;
+  switch (failure.status - kErrnoStatusBase) {
+    case EPERM:
+    case ENOENT:
+    case ENOTDIR:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+    case EINVAL:  // a zero byte in a path
+    case EFBIG:
+      return CodeVerdict::kDamaged;
+    default:  // There are many, and none of them says what the file contains.
+      return CodeVerdict::kUnknown;
+  }
+}
 
 NSError errorObject(const CodeSigningFailure& failure) {
   return {"NSOSStatusErrorDomain", failure.status, failure.reason};

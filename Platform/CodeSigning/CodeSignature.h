@@ -27,6 +27,22 @@ struct CodeSigningFailure {
   bool operator==(const CodeSigningFailure&) const = default;
 };
 
+// The result of a check of code.
+enum class CodeVerdict {
+  kIntact,     // it is what a trusted signer signed
+  kDamaged,    // it is not, or it lies where others can change it, or it is missing
+  kNotSigned,  // it has no signature
+  // Nothing is known about the code: the check could not be made, for lack of descriptors for
+  // instance, or the files changed meanwhile. A later check may succeed. Such a result never stops
+  // code that runs, and never lets code start.
+  kUnknown,
+};
+
+// The verdict that the failure of a check means, which is not kIntact. A system call that failed
+// tells something about the code only if its errno does: the path leads to no file, or to a file
+// that can't be code, or its place is not trusted (EPERM).
+CodeVerdict verdictOf(const CodeSigningFailure& failure);
+
 template <typename T>
 using CodeSigningResult = std::expected<T, CodeSigningFailure>;
 

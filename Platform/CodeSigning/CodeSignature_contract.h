@@ -31,6 +31,8 @@ class CodeSignatureHarness {
   virtual void tamperWith(const std::string& path, SecStaticCode::Kind kind) = 0;
   virtual void remove(const std::string& path) = 0;
   virtual std::string pathOfNothing() = 0;
+  // While the result lives, code can't be read for lack of descriptors.
+  virtual std::shared_ptr<void> makeShortage() = 0;
 };
 
 using CodeSignatureContractParameter =
@@ -122,6 +124,19 @@ TEST_P(CodeSignatureContract, CodeThatVanishedIsRefused) {
   const auto verdict = check(*code);
   ASSERT_FALSE(verdict);
   EXPECT_EQ(verdict.error().status, kErrnoStatusBase + ENOENT);
+}
+
+TEST_P(CodeSignatureContract, AShortageSaysNothingAboutTheCode) {
+  const std::string valid = harness_->makeValid(kind_, "com.vantor.sample");
+  for (const std::string& path : {harness_->makeUnsigned(kind_), valid}) {
+    const auto code = codeAt(path);
+    const auto shortage = harness_->makeShortage();
+    const auto verdict = check(*code);
+    ASSERT_FALSE(verdict) << path;
+    EXPECT_EQ(verdict.error().status, kErrnoStatusBase + EMFILE) << verdict.error().reason;
+    EXPECT_EQ(verdictOf(verdict.error()), CodeVerdict::kUnknown);
+  }
+  EXPECT_EQ(statusOfCheck(valid), errSecSuccess);
 }
 
 }  // namespace platform

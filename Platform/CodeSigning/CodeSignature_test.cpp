@@ -1,5 +1,7 @@
 #include "Platform/CodeSigning/CodeSignature.h"
 
+#include <cerrno>
+
 #include <gtest/gtest.h>
 
 namespace platform {
@@ -25,6 +27,21 @@ TEST(SecRequirementTest, RefusesEveryOtherText) {
 TEST(CodeSigningFailureTest, IsAnErrorObjectWithStatusAndReason) {
   EXPECT_EQ(errorObject({errSecCSUnsigned, "/p: carries no signature"}),
             (NSError{"NSOSStatusErrorDomain", -67062, "/p: carries no signature"}));
+}
+
+TEST(CodeVerdictTest, OnlyAFaultOfTheCodeIsDamage) {
+  const auto verdict = [](OSStatus status) { return verdictOf({status, "reason"}); };
+  EXPECT_EQ(verdict(errSecCSUnsigned), CodeVerdict::kNotSigned);
+  for (const OSStatus status :
+       {errSecCSSignatureFailed, errSecCSBadResource, errSecCSReqFailed, errSecCSBadObjectFormat}) {
+    EXPECT_EQ(verdict(status), CodeVerdict::kDamaged) << status;
+  }
+  for (const int number : {EPERM, ENOENT, ENOTDIR, EISDIR, ELOOP, ENAMETOOLONG, EINVAL, EFBIG}) {
+    EXPECT_EQ(verdict(kErrnoStatusBase + number), CodeVerdict::kDamaged) << number;
+  }
+  for (const int number : {EMFILE, ENFILE, ENOMEM, EIO, EAGAIN, EINTR, EACCES, ESTALE, ENOTCONN}) {
+    EXPECT_EQ(verdict(kErrnoStatusBase + number), CodeVerdict::kUnknown) << number;
+  }
 }
 
 }  // namespace

@@ -168,7 +168,7 @@ bool ORBServiceManager::acquireAuthorization() {
 }
 
 bool ORBServiceManager::checkOwnIntegrity() {
-  if (validator_.validateBundle(platform_.mainBundle.path()).isIntact) return true;
+  if (validator_.validateBundle(platform_.mainBundle.path()).isIntact()) return true;
   vantorlogger2_line(
       ASL_LEVEL_ERR,
       "Internal inconsistency! The service manager bundle appears to have been tampered with\n "

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <string_view>
 
 #include <fmt/chrono.h>
@@ -128,6 +129,10 @@ CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF
   X509_VERIFY_PARAM_set_auth_level(parameters, 0);
   X509_VERIFY_PARAM_set_time(parameters, time.time_since_epoch().count());
   if (X509_verify_cert(check.get()) != 1) {
+    if (X509_STORE_CTX_get_error(check.get()) == X509_V_ERR_OUT_OF_MEM) {
+      return refuse(kErrnoStatusBase + ENOMEM,
+                    name + ": its signer can't be checked: " + takeOpenSslError());
+    }
     return refuseChain(name, reasonOfChain(check.get(), signer, time));
   }
   STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(check.get());

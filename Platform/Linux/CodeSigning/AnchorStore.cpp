@@ -12,7 +12,6 @@
 
 #include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/RegularFile.h"
-#include "Platform/Linux/SystemCalls/Shortage.h"
 
 namespace platform {
 namespace {
@@ -53,6 +52,11 @@ std::string_view addCertificates(std::span<const std::uint8_t> bytes, AnchorSet&
   return count > 0 ? std::string_view() : "holds no certificate";
 }
 
+void remark(AnchorSet& set, const CodeSigningFailure& failure) {
+  set.remarks.push_back(failure.reason);
+  if (!set.unread && verdictOf(failure) == CodeVerdict::kUnknown) set.unread = failure;
+}
+
 }  // namespace
 
 AnchorStore::AnchorStore(std::string folder, TrustedPlace place)
@@ -73,53 +77,45 @@ std::shared_ptr<const AnchorSet> AnchorStore::load(WallTime now) {
   set->certificates.reset(sk_X509_new_null());
   FileFacts folders;
   if (auto trusted = place_.check(folder_, folders); !trusted) {
-    set->remarks.push_back(trusted.error().reason);
+    remark(*set, trusted.error());
     settled_ = false;  // Without anchors no verdict is cached either.
     return set;
   }
   // The folders above are checked only now: checking them at every lookup would cost too much.
   facts_.push_back(std::move(folders.back()));
-  bool sawAll = true;
   const auto names = namesInFolder(folder_, kMaxFiles);
-  if (!names) set->remarks.push_back(describe(names.error()));
+  if (!names) remark(*set, failureOfOpening(folder_, names.error()));
   if (names && names->size() > kMaxFiles) {
     set->remarks.push_back(fmt::format("{}: holds more than {} files", folder_, kMaxFiles));
   } else if (names) {
-    for (const std::string& name : *names) {
-      // Load every file, even if another one fails.
-      sawAll = loadFile(folder_ + "/" + name, *set) && sawAll;
-    }
+    // Load every file, even if another one fails.
+    for (const std::string& name : *names) loadFile(folder_ + "/" + name, *set);
   }
-  settled_ = names && sawAll && std::ranges::none_of(facts_, [&](const FileFact& fact) {
+  settled_ = names && !set->unread && std::ranges::none_of(facts_, [&](const FileFact& fact) {
                return changedRecently(fact.status, now);
              });
   return set;
 }
 
-bool AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
-  const auto remark = [&](std::string what) {
-    set.remarks.push_back(std::move(what));
-    return true;
-  };
-  const auto seen = fileStatus(path);
-  if (!seen) return remark(seen.error().reason);
-  facts_.push_back({path, FileFact::Covers::kContents, *seen});
-  if (!S_ISREG(seen->st_mode)) return remark(path + ": is not a regular file");
-  if (auto trusted = place_.checkFile(path, *seen); !trusted) {
-    return remark(trusted.error().reason);
+void AnchorStore::loadFile(const std::string& path, AnchorSet& set) {
+  const auto found = findFile(path, FinalLink::kRefuse);
+  if (!found) return remark(set, failureOfOpening(path, found.error()));
+  facts_.push_back({path, FileFact::Covers::kContents, found->status});
+  if (!S_ISREG(found->status.st_mode)) {
+    set.remarks.push_back(path + ": is not a regular file");
+    return;
   }
-  const auto file = openRegularFile(path);
-  if (!file) return remark(describe(file.error())) && !isShortage(file.error().osError);
-  if (!isSameState(*seen, file->status)) {
-    return remark(path + ": was replaced while it was looked at");
+  if (auto trusted = place_.checkFile(path, found->status); !trusted) {
+    return remark(set, trusted.error());
   }
+  const auto file = openFoundFile(*found, path);
+  if (!file) return remark(set, failureOfOpening(path, file.error()));
   const auto bytes = readToEnd(file->get(), kMaxFileBytes, path);
-  if (!bytes) return remark(describe(bytes.error())) && !isShortage(bytes.error().osError);
+  if (!bytes) return remark(set, failureOfOpening(path, bytes.error()));
   const std::span content(reinterpret_cast<const std::uint8_t*>(bytes->data()), bytes->size());
   if (const auto fault = addCertificates(content, set); !fault.empty()) {
-    return remark(fmt::format("{}: {}", path, fault));
+    set.remarks.push_back(fmt::format("{}: {}", path, fault));
   }
-  return true;
 }
 
 }  // namespace platform

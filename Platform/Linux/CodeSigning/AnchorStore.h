@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,12 +21,14 @@ struct AnchorSet {
   CertificateStack certificates;
   // Reasons why anchors are missing, one text each; empty if there are none.
   std::vector<std::string> remarks;
+  // Why it is not known which anchors there are. Then no verdict can be given.
+  std::optional<CodeSigningFailure> unread;
 };
 
 // The certificates that the platform trusts to sign code or to issue certificates for signers:
 // every certificate in every file (PEM, one or several, or DER) of one folder. Folder and files
 // count only if nobody but root and the platform root's owner can write them. Files without a
-// certificate are skipped. Any thread may use it.
+// certificate are skipped; a file that can't be read for now is not. Any thread may use it.
 class AnchorStore {
  public:
   static constexpr std::size_t kMaxFiles = 64;
@@ -40,8 +43,7 @@ class AnchorStore {
 
  private:
   std::shared_ptr<const AnchorSet> load(WallTime now);
-  // False if the file can't be read now, but may be readable later.
-  bool loadFile(const std::string& path, AnchorSet& set);
+  void loadFile(const std::string& path, AnchorSet& set);
 
   const std::string folder_;
   const TrustedPlace place_;

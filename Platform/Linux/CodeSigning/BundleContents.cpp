@@ -97,6 +97,9 @@ class Listing {
           fmt::format("{}: holds more than {} files, folders and links", bundle_, kMaxBundleItems));
     }
     const auto status = fileStatus(path);
+    if (!status && status.error().status == kErrnoStatusBase + ENOENT) {
+      return changedMeanwhile(status.error().reason);  // It was there a moment ago.
+    }
     if (!status) return std::unexpected(status.error());
     contents_.facts.push_back({path, FileFact::Covers::kContents, *status});
     if (S_ISDIR(status->st_mode)) {

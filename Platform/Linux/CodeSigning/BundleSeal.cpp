@@ -25,7 +25,7 @@ CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
   }
   if (!file) return refuseResource(describe(file.error()));
   if (static_cast<std::uint64_t>(file->status.st_size) != item.size) {
-    return refuseResource(item.path + ": was changed while it was looked at");
+    return changedMeanwhile(item.path + ": was changed while it was looked at");
   }
   return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);
 }

@@ -1,6 +1,5 @@
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 
-#include <cerrno>
 #include <utility>
 
 #include "Platform/Files/Bundle.h"
@@ -17,19 +16,14 @@ namespace {
 // Reads one file of the seal and adds it to `facts`.
 CodeSigningResult<std::string> readSealFile(const std::string& path, std::size_t mostBytes,
                                             OSStatus statusOfMissing, FileFacts& facts) {
-  const auto seen = fileStatus(path);
-  if (!seen && seen.error().status == kErrnoStatusBase + ENOENT) {
+  const auto file = openRegularFile(path);
+  if (!file && file.error().code == ErrorCode::kNotFound) {
     return refuse(statusOfMissing, path + ": is missing, so the bundle has no seal");
   }
-  if (!seen) return std::unexpected(seen.error());
-  const auto file = openRegularFile(path);
-  if (!file) return refuse(errSecCSBadObjectFormat, describe(file.error()));
-  if (!isSameState(*seen, file->status)) {
-    return refuse(errSecCSSignatureFailed, path + ": was replaced while it was looked at");
-  }
+  if (!file) return std::unexpected(failureOfOpening(path, file.error()));
   auto bytes = readToEnd(file->get(), mostBytes, path);
-  if (!bytes) return refuse(errSecCSBadObjectFormat, describe(bytes.error()));
-  facts.push_back({path, FileFact::Covers::kContents, *seen});
+  if (!bytes) return std::unexpected(failureOfOpening(path, bytes.error()));
+  facts.push_back({path, FileFact::Covers::kContents, file->status});
   return *std::move(bytes);
 }
 

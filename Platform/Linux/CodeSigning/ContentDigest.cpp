@@ -13,13 +13,10 @@ namespace platform {
 namespace {
 
 std::unexpected<CodeSigningFailure> readingFailure(const Error& error) {
-  OSStatus status = kErrnoStatusBase + error.osError;
-  if (error.osError == 0) {
-    // Either OpenSSL has no memory, or the file is shorter than it was.
-    status =
-        error.code == ErrorCode::kExhausted ? kErrnoStatusBase + ENOMEM : errSecCSSignatureFailed;
-  }
-  return std::unexpected(CodeSigningFailure{status, describe(error)});
+  if (error.osError != 0) return refuse(kErrnoStatusBase + error.osError, describe(error));
+  // Either OpenSSL has no memory, or the file is shorter than it was.
+  if (error.code != ErrorCode::kExhausted) return changedMeanwhile(describe(error));
+  return refuse(kErrnoStatusBase + ENOMEM, describe(error));
 }
 
 template <typename Add>

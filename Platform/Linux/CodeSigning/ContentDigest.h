@@ -15,7 +15,7 @@ namespace platform {
 inline constexpr std::uint64_t kMaxCodeBytes = std::uint64_t{4} << 30;
 
 // The digest of the first `size` bytes of an open file (see FilePieces.h). Fails with
-// errSecCSSignatureFailed if the file is shorter.
+// kErrnoStatusBase + EAGAIN if the file is shorter, so it was changed meanwhile.
 CodeSigningResult<std::vector<std::uint8_t>> digestOfFile(int file, std::uint64_t size,
                                                           const EVP_MD* kind,
                                                           const std::string& name);

@@ -59,6 +59,17 @@ CodeSigningResult<struct stat> fileStatus(const std::string& path) {
   return status;
 }
 
+std::unexpected<CodeSigningFailure> changedMeanwhile(std::string reason) {
+  return refuse(kErrnoStatusBase + EAGAIN, std::move(reason));
+}
+
+CodeSigningFailure failureOfOpening(const std::string& path, const Error& error) {
+  if (error.code == ErrorCode::kInvalid || error.osError == 0) {
+    return {errSecCSBadObjectFormat, describe(error)};
+  }
+  return failureOfSystemCall(path, error.osError);
+}
+
 CodeSigningFailure failureOfSystemCall(const std::string& path, int errorNumber) {
   return {kErrnoStatusBase + errorNumber, describe(Error{ErrorCode::kSystem, errorNumber, path})};
 }

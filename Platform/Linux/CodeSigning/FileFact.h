@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "Platform/CodeSigning/CodeSignature.h"
+#include "Platform/Values/Error.h"
 #include "Platform/Values/Time.h"
 
 namespace platform {
@@ -42,7 +43,13 @@ inline constexpr std::chrono::seconds kSettledAfter{2};
 // The status of `path`; does not follow a symbolic link.
 CodeSigningResult<struct stat> fileStatus(const std::string& path);
 
+// The failure of a check during which a file changed. The next check gives the verdict.
+std::unexpected<CodeSigningFailure> changedMeanwhile(std::string reason);
+
 // The failure for a failed system call on `path`.
 CodeSigningFailure failureOfSystemCall(const std::string& path, int errorNumber);
+
+// The failure for a file that can't be opened or read.
+CodeSigningFailure failureOfOpening(const std::string& path, const Error& error);
 
 }  // namespace platform

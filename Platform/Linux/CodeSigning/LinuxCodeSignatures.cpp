@@ -96,6 +96,7 @@ CodeSigningResult<std::shared_ptr<const VerifiedCode>> LinuxCodeSignatures::chec
   const WallTime now = clock_();
   const std::shared_ptr<const AnchorSet> anchors = anchors_.current(now);
   if (auto known = verdicts_.find(path, anchors->generation, now)) return known;
+  if (anchors->unread) return std::unexpected(*anchors->unread);
   const VerificationContext context{*anchors, place_,
                                     std::chrono::floor<std::chrono::seconds>(now)};
   auto code = kind == SecStaticCode::Kind::kBundle ? verifyBundle(path, context)

@@ -7,6 +7,7 @@
 #include "Platform/CodeSigning/CodeSignature_contract.h"
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
 
 namespace platform {
 namespace {
@@ -32,6 +33,9 @@ class LinuxSignaturesHarness final : public CodeSignatureHarness {
   }
   void remove(const std::string& path) override { std::filesystem::remove_all(path); }
   std::string pathOfNothing() override { return bed_.folder().path("bin/nothing"); }
+  std::shared_ptr<void> makeShortage() override {
+    return std::make_shared<DescriptorShortage>(DescriptorShortage::Left::kNone);
+  }
 
  private:
   std::string make(SecStaticCode::Kind kind, const SigningIdentity& by,

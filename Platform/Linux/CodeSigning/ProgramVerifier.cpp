@@ -19,6 +19,9 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   }
   auto program = openSignedProgram(path);
   if (!program) return std::unexpected(program.error());
+  if (!isSameState(facts.back().status, program->status)) {
+    return changedMeanwhile(path + ": was replaced while it was looked at");
+  }
   auto signature = verifySignature(program->signature, path, context,
                                    [&](const EVP_MD* kind) -> CodeSigningResult<DigestedContent> {
                                      auto digest = digestOfFile(program->file.get(),
@@ -32,8 +35,7 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
     return std::unexpected(failureOfSystemCall(path, errno));
   }
   if (!isSameState(facts.back().status, after)) {
-    return std::unexpected(
-        CodeSigningFailure{errSecCSSignatureFailed, path + ": was changed while it was read"});
+    return changedMeanwhile(path + ": was changed while it was read");
   }
   facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
   VerifiedCode code{*std::move(signature), std::move(facts)};

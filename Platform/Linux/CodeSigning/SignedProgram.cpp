@@ -12,15 +12,16 @@
 namespace platform {
 namespace {
 
-CodeSigningResult<RegularFile> openSeen(const std::string& path, const struct stat& seen) {
-  auto file = openRegularFile(path);
-  if (!file && file.error().osError != 0) {
-    return std::unexpected(failureOfSystemCall(path, file.error().osError));
+// Finds a file and opens it, if it can be a program.
+CodeSigningResult<RegularFile> openProgramFile(const std::string& path) {
+  if (path.contains('\0')) return std::unexpected(failureOfSystemCall(path, EINVAL));
+  const auto found = findFile(path, FinalLink::kRefuse);
+  if (!found) return std::unexpected(failureOfSystemCall(path, found.error().osError));
+  if (auto usable = checkIsProgramFile(path, found->status); !usable) {
+    return std::unexpected(usable.error());
   }
-  if (!file) return refuse(errSecCSBadObjectFormat, describe(file.error()));
-  if (!isSameState(seen, file->status)) {
-    return refuse(errSecCSSignatureFailed, path + ": was replaced while it was looked at");
-  }
+  auto file = openFoundFile(*found, path);
+  if (!file) return std::unexpected(failureOfOpening(path, file.error()));
   return *std::move(file);
 }
 
@@ -47,44 +48,37 @@ CodeSigningResult<void> takeAppended(SignedProgram& program, const SignatureTrai
 
 CodeSigningResult<void> takeDetached(SignedProgram& program, const std::string& path) {
   const std::string beside = path + ".p7s";
-  const auto seen = fileStatus(beside);
-  if (!seen && (seen.error().status == kErrnoStatusBase + ENOENT ||
-                seen.error().status == kErrnoStatusBase + ENAMETOOLONG)) {
+  const auto file = openProgramFile(beside);
+  if (!file && (file.error().status == kErrnoStatusBase + ENOENT ||
+                file.error().status == kErrnoStatusBase + ENAMETOOLONG)) {
     return refuse(errSecCSUnsigned,
                   path + (program.status.st_size == 0
                               ? ": is empty"
                               : ": carries no signature, and there is no .p7s beside it"));
   }
-  if (!seen) return std::unexpected(seen.error());
-  if (auto usable = checkIsProgramFile(beside, *seen); !usable) return usable;
-  if (seen->st_size == 0) return refuse(errSecCSBadObjectFormat, beside + ": is empty");
-  if (seen->st_size > static_cast<off_t>(kMaxSignatureBytes)) {
+  if (!file) return std::unexpected(file.error());
+  const struct stat& status = file->status;
+  if (status.st_size == 0) return refuse(errSecCSBadObjectFormat, beside + ": is empty");
+  if (status.st_size > static_cast<off_t>(kMaxSignatureBytes)) {
     return refuse(errSecCSBadObjectFormat, beside + ": is larger than a signature may be");
   }
-  const auto file = openSeen(beside, *seen);
-  if (!file) return std::unexpected(file.error());
-  auto bytes = readRange(file->get(), 0, static_cast<std::size_t>(seen->st_size), beside);
+  auto bytes = readRange(file->get(), 0, static_cast<std::size_t>(status.st_size), beside);
   if (!bytes) return std::unexpected(bytes.error());
   program.payloadBytes = static_cast<std::uint64_t>(program.status.st_size);
   program.signature = *std::move(bytes);
-  program.detachedFacts.push_back({beside, FileFact::Covers::kContents, *seen});
+  program.detachedFacts.push_back({beside, FileFact::Covers::kContents, status});
   return {};
 }
 
 }  // namespace
 
 CodeSigningResult<SignedProgram> openSignedProgram(const std::string& path) {
-  const auto seen = fileStatus(path);
-  if (!seen) return std::unexpected(seen.error());
-  if (auto usable = checkIsProgramFile(path, *seen); !usable) {
-    return std::unexpected(usable.error());
-  }
-  auto file = openSeen(path, *seen);
+  auto file = openProgramFile(path);
   if (!file) return std::unexpected(file.error());
   SignedProgram program;
   program.file = std::move(file->file);
-  program.status = *seen;
-  const auto size = static_cast<std::uint64_t>(seen->st_size);
+  program.status = file->status;
+  const auto size = static_cast<std::uint64_t>(program.status.st_size);
   const auto endingBytes = static_cast<std::size_t>(std::min<std::uint64_t>(size, kTrailerBytes));
   const auto ending = readRange(program.file.get(), size - endingBytes, endingBytes, path);
   if (!ending) return std::unexpected(ending.error());

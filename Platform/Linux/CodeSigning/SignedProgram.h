@@ -15,7 +15,7 @@ namespace platform {
 // An open program and its signature, both unchecked.
 struct SignedProgram {
   UniqueFd file;
-  struct stat status{};            // of the program as it was opened
+  struct stat status{};            // of the program when it was found
   std::uint64_t payloadBytes = 0;  // the signature covers these bytes from the start of the file
   std::uint8_t firstByte = 0;
   std::vector<std::uint8_t> signature;  // DER

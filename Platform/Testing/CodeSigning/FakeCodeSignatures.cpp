@@ -17,6 +17,9 @@ class FakeStaticCode final : public SecStaticCode {
     ++signatures_.checks_[path_];
     const auto code = signatures_.codes_.find(path_);
     if (code == signatures_.codes_.end()) return std::unexpected(gone());
+    if (signatures_.isShort_) {
+      return refuse(kErrnoStatusBase + EMFILE, path_ + ": Too many open files");
+    }
     if (code->second.refusal) return std::unexpected(*code->second.refusal);
     return {};
   }

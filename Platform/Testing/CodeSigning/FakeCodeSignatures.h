@@ -21,6 +21,9 @@ class FakeCodeSignatures final : public CodeSignatures {
 
   void remove(const std::string& path);
 
+  // During a shortage of descriptors nothing can be checked.
+  void setShortage(bool isShort) { isShort_ = isShort; }
+
   // The number of checks of the code at a path.
   int checks(const std::string& path) const;
 
@@ -38,6 +41,7 @@ class FakeCodeSignatures final : public CodeSignatures {
 
   std::map<std::string, Code> codes_;
   std::map<std::string, int> checks_;
+  bool isShort_ = false;
 };
 
 }  // namespace platform

@@ -27,6 +27,10 @@ class FakeSignaturesHarness final : public CodeSignatureHarness {
   }
   void remove(const std::string& path) override { fake_.remove(path); }
   std::string pathOfNothing() override { return "/nothing"; }
+  std::shared_ptr<void> makeShortage() override {
+    fake_.setShortage(true);
+    return {&fake_, [](FakeCodeSignatures* fake) { fake->setShortage(false); }};
+  }
 
  private:
   FakeCodeSignatures fake_;
