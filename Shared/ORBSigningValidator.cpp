@@ -50,12 +50,6 @@ CodeSigningResult<Dictionary> ORBSigningValidator::check(const std::string& path
         errSecCSBadObjectFormat,
         path + (isBundle ? ": is a folder, not a program" : ": is a file, not a bundle")});
   }
-  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
-  if (!requirement) return std::unexpected(requirement.error());
-  if (auto valid =
-          (*code)->SecStaticCodeCheckValidityWithErrors(kSecCSCheckAllArchitectures, *requirement);
-      !valid) {
-    return std::unexpected(valid.error());
-  }
+  if (auto valid = checkCodeThatRuns(**code); !valid) return std::unexpected(valid.error());
   return (*code)->SecCodeCopySigningInformation(kSecCSDefaultFlags);
 }

@@ -58,4 +58,11 @@ CodeSigningResult<SecRequirement> SecRequirementCreateWithString(std::string_vie
   return SecRequirement(std::string(kAnchored));
 }
 
+CodeSigningResult<void> checkCodeThatRuns(SecStaticCode& code) {
+  const auto requirement = SecRequirementCreateWithString(kAnchored);
+  if (!requirement) return std::unexpected(requirement.error());
+  return code.SecStaticCodeCheckValidityWithErrors(
+      kSecCSCheckAllArchitectures | kSecCSCheckTrustedPlace, *requirement);
+}
+
 }  // namespace platform

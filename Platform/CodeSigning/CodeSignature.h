@@ -75,10 +75,12 @@ class SecRequirement {
 CodeSigningResult<SecRequirement> SecRequirementCreateWithString(std::string_view text);
 
 // Flags of SecStaticCode. A program has only one architecture here, so the second flag changes
-// nothing; callers pass it for completeness.
+// nothing; callers pass it for completeness. The last one is for code that is to run: its place
+// must be trusted, too, and its path must be its real one.
 inline constexpr std::uint32_t kSecCSDefaultFlags = 0;
 inline constexpr std::uint32_t kSecCSCheckAllArchitectures = 1;
 inline constexpr std::uint32_t kSecCSSigningInformation = 2;
+inline constexpr std::uint32_t kSecCSCheckTrustedPlace = std::uint32_t{1} << 31;
 
 // Keys of the signing information.
 inline constexpr std::string_view kSecCodeInfoIdentifier = "identifier";
@@ -105,14 +107,17 @@ class SecStaticCode {
   virtual CodeSigningResult<Dictionary> SecCodeCopySigningInformation(std::uint32_t flags) = 0;
 };
 
+// Checks code that is to run, or that runs: its signer and its place.
+CodeSigningResult<void> checkCodeThatRuns(SecStaticCode& code);
+
 // Makes static code. Any thread may call it.
 class CodeSignatures {
  public:
   virtual ~CodeSignatures() = default;
 
-  // The code at `path`, which is absolute, without symbolic links: a folder is a bundle, a regular
-  // file a program. Nothing is checked yet. Fails with errSecCSBadObjectFormat for other kinds of
-  // files, and with kErrnoStatusBase + errno if the path can't be examined.
+  // The code to which `path` leads, as the system resolves it: a folder is a bundle, a regular file
+  // a program. Nothing is checked yet. Fails with errSecCSBadObjectFormat for other kinds of files,
+  // and with kErrnoStatusBase + errno if the path can't be examined.
   virtual CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) = 0;
 };

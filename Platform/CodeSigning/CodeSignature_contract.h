@@ -31,6 +31,10 @@ class CodeSignatureHarness {
   virtual void tamperWith(const std::string& path, SecStaticCode::Kind kind) = 0;
   virtual void remove(const std::string& path) = 0;
   virtual std::string pathOfNothing() = 0;
+  // Lets other users write to code made here.
+  virtual void openToOthers(const std::string& path) = 0;
+  // Makes a symbolic link to code made here, and returns its path.
+  virtual std::string linkTo(const std::string& path) = 0;
   // While the result lives, code can't be read for lack of descriptors.
   virtual std::shared_ptr<void> makeShortage() = 0;
 };
@@ -40,7 +44,8 @@ using CodeSignatureContractParameter =
 
 class CodeSignatureContract : public testing::TestWithParam<CodeSignatureContractParameter> {
  protected:
-  CodeSigningResult<void> check(SecStaticCode& code) {
+  CodeSigningResult<void> check(SecStaticCode& code) { return checkCodeThatRuns(code); }
+  CodeSigningResult<void> checkAnywhere(SecStaticCode& code) {
     return code.SecStaticCodeCheckValidityWithErrors(
         kSecCSCheckAllArchitectures, *SecRequirementCreateWithString("anchor apple generic"));
   }
@@ -124,6 +129,29 @@ TEST_P(CodeSignatureContract, CodeThatVanishedIsRefused) {
   const auto verdict = check(*code);
   ASSERT_FALSE(verdict);
   EXPECT_EQ(verdict.error().status, kErrnoStatusBase + ENOENT);
+}
+
+TEST_P(CodeSignatureContract, OnlyCodeThatRunsNeedsATrustedPlace) {
+  const std::string path = harness_->makeValid(kind_, "com.vantor.sample");
+  harness_->openToOthers(path);
+  EXPECT_EQ(statusOfCheck(path), kErrnoStatusBase + EPERM);
+  const auto code = codeAt(path);
+  const auto verdict = checkAnywhere(*code);
+  ASSERT_TRUE(verdict) << verdict.error().reason;
+  EXPECT_EQ((*code->SecCodeCopySigningInformation(kSecCSDefaultFlags))["identifier"],
+            Value("com.vantor.sample"));
+  harness_->tamperWith(path, kind_);
+  EXPECT_FALSE(checkAnywhere(*codeAt(path)));
+}
+
+TEST_P(CodeSignatureContract, OnlyCodeThatRunsNeedsItsRealPath) {
+  const std::string path = harness_->makeValid(kind_, "com.vantor.sample");
+  const std::string link = harness_->linkTo(path);
+  EXPECT_EQ(statusOfCheck(link), kErrnoStatusBase + ELOOP);
+  const auto code = codeAt(link);
+  EXPECT_EQ(code->kind(), kind_);
+  const auto verdict = checkAnywhere(*code);
+  EXPECT_TRUE(verdict) << verdict.error().reason;
 }
 
 TEST_P(CodeSignatureContract, AShortageSaysNothingAboutTheCode) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,12 +24,20 @@ class FileDigest {
   // thread may call it.
   static Result<FileDigest> open(const std::string& path);
 
+  // Whether the file can be read. It can't while another process has a lease on it, which the
+  // system takes away after some time. Each call then waits for kLeasePause; call it again. Fails
+  // when the lease has not ended after kMostLeasePauses.
+  Result<bool> isReady();
+  static constexpr std::chrono::milliseconds kLeasePause{2};
+  static constexpr int kMostLeasePauses = 30'000;
+
   FileDigest(FileDigest&& other) noexcept;
   FileDigest& operator=(FileDigest&& other) noexcept;
   ~FileDigest();
 
   // Reads about `bytes` more, at least one piece, and blocks on the disk. Returns whether the whole
-  // file has been read. Fails with kInvalid if the file has become shorter meanwhile.
+  // file has been read. Fails with kInvalid if the file has become shorter meanwhile. Call it when
+  // the file is ready.
   Result<bool> readMore(std::uint64_t bytes);
   // Call it once, when the whole file has been read. std::nullopt for an empty file.
   Result<std::optional<Sha256>> finish();

@@ -61,19 +61,26 @@ class ORBExecInfoHandler::FileHash {
  public:
   explicit FileHash(std::string path) : path_(std::move(path)) {}
 
-  // Hashes the next piece. True if there is no more to do, also because hashing has failed.
+  // Opens the file. False while another process has a lease on it; call it again then.
+  bool isOpen() {
+    if (!digest_) digest_ = FileDigest::open(path_);
+    if (!*digest_) return true;
+    const auto ready = (*digest_)->isReady();
+    if (!ready) digest_ = std::unexpected(ready.error());
+    return !ready || *ready;
+  }
+
+  // Hashes the next piece of the open file. True if there is no more to do, also because the file
+  // could not be opened or hashed.
   bool proceed() {
-    if (!digest_) {
-      auto opened = FileDigest::open(path_);
-      if (!opened) return fail(opened.error());
-      digest_.emplace(std::move(*opened));
-    }
-    const auto done = digest_->readMore(ORBExecInfoHandler::kBytesPerBlock);
+    if (!*digest_) return fail(digest_->error());
+    FileDigest& digest = **digest_;
+    const auto done = digest.readMore(ORBExecInfoHandler::kBytesPerBlock);
     if (!done) return fail(done.error());
     if (!*done) return false;
-    const auto digest = digest_->finish();
-    if (!digest) return fail(digest.error());
-    if (*digest) text_ = hexadecimalText(**digest);
+    const auto sum = digest.finish();
+    if (!sum) return fail(sum.error());
+    if (*sum) text_ = hexadecimalText(**sum);
     return true;
   }
 
@@ -87,7 +94,7 @@ class ORBExecInfoHandler::FileHash {
   }
 
   const std::string path_;
-  std::optional<FileDigest> digest_;
+  std::optional<Result<FileDigest>> digest_;
   std::string text_;
 };
 
@@ -132,7 +139,7 @@ struct ORBExecInfoHandler::Request {
 
   const std::string path;
   Reply reply;
-  std::string signing;
+  std::optional<std::string> signing;
   FileHash hash;
 };
 
@@ -140,12 +147,19 @@ void ORBExecInfoHandler::requestExecutableInfo(const std::string& path, Reply wi
   logRequest(ASL_LEVEL_DEBUG,
              stringWithFormat("requestExecutableInfo request for path '%@'", path));
   auto request = std::make_unique<Request>(path, std::move(withReply));
-  if (!isCancelled()) request->signing = calculateSigningForPath(path);
   proceed(std::move(request));
 }
 
+// The file is opened first: once it is open, nobody can get a lease on it that would keep its
+// signature from being read.
+bool ORBExecInfoHandler::advance(Request& request) {
+  if (!request.hash.isOpen()) return false;
+  if (!request.signing) request.signing = calculateSigningForPath(request.path);
+  return isCancelled() || request.hash.proceed();
+}
+
 void ORBExecInfoHandler::proceed(std::unique_ptr<Request> request) {
-  while (!isCancelled() && !request->hash.proceed()) {
+  while (!isCancelled() && !advance(*request)) {
     NSXPCConnection* const connection = NSXPCConnection::currentConnection();
     if (connection == nullptr) continue;
     return connection->continueServing(
@@ -155,7 +169,7 @@ void ORBExecInfoHandler::proceed(std::unique_ptr<Request> request) {
   }
   std::string sourceUrl;
   if (!isCancelled()) sourceUrl = calculateSourceUrlForPath(request->path);
-  request->reply(request->signing, request->hash.text(), sourceUrl);
+  request->reply(request->signing.value_or(std::string()), request->hash.text(), sourceUrl);
 }
 
 bool ORBExecInfoHandler::isCancelled() const {
@@ -174,6 +188,7 @@ std::string ORBExecInfoHandler::calculateSigningForPath(const std::string& path)
 
 std::string ORBExecInfoHandler::calculateHashForPath(const std::string& path) {
   FileHash hash(path);
+  while (!isCancelled() && !hash.isOpen()) continue;
   while (!isCancelled() && !hash.proceed()) continue;
   return hash.text();
 }

@@ -97,6 +97,8 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
   class FileHash;
   struct Request;
 
+  // Does the next step of a request. True if its signing and its hash are known.
+  bool advance(Request& request);
   // Continues to hash, and replies when all is known.
   void proceed(std::unique_ptr<Request> request);
   // Whether the answer is no longer needed: the daemon ends, or the client has closed the

@@ -1,8 +1,11 @@
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "ServiceManager/ServiceManager/ExecInfo_fixture.h"
 
@@ -26,6 +29,30 @@ TEST_F(ExecInfoTest, AValidSignatureHasAnIdentifier) {
   signatures_.addValid("/nameless", Kind::kProgram, std::nullopt);
   EXPECT_EQ(handler_->calculateSigningForPath("/nameless"), "valid: (null)");
   EXPECT_TRUE(lines().empty());
+}
+
+TEST_F(ExecInfoTest, ALinkOrADownloadHasItsSigner) {
+  signatures_.addValid("/home/user/download", Kind::kProgram, "com.vantor.sample");
+  signatures_.addLink("/link", "/home/user/download");
+  signatures_.setElsewhere("/home/user/download");
+  EXPECT_EQ(handler_->calculateSigningForPath("/link"), "valid: com.vantor.sample");
+  EXPECT_EQ(handler_->calculateSigningForPath("/home/user/download"), "valid: com.vantor.sample");
+}
+
+// The kernel asks the holder of a lease for it with a signal, as soon as another opens the file.
+TEST_F(ExecInfoTest, ALeaseHidesNoFile) {
+  const std::string path = folder_.write("file", "abc");
+  static int holder;
+  holder = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  const auto before = std::signal(SIGIO, [](int) { ::fcntl(holder, F_SETLEASE, F_UNLCK); });
+  ASSERT_EQ(::fcntl(holder, F_SETLEASE, F_WRLCK), 0);
+  std::string hash;
+  handler_->requestExecutableInfo(
+      path, [&](const auto&, const std::string& told, const auto&) { hash = told; });
+  EXPECT_EQ(hash, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(::fcntl(holder, F_GETLEASE), F_UNLCK);
+  std::signal(SIGIO, before);
+  ::close(holder);
 }
 
 TEST_F(ExecInfoTest, EachFaultOfASignatureIsAnErrorLine) {

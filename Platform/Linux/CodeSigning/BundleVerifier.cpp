@@ -55,10 +55,10 @@ CodeSigningResult<void> checkIsBundleFolder(const std::string& path) {
 CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
                                              const VerificationContext& context) {
   FileFacts facts;
-  if (auto usable = checkIsBundleFolder(path); !usable) return std::unexpected(usable.error());
   if (auto trusted = context.place.check(path, facts); !trusted) {
     return std::unexpected(trusted.error());
   }
+  if (auto usable = checkIsBundleFolder(path); !usable) return std::unexpected(usable.error());
   const std::string folder = sealFolderOfBundle(path) + "/";
   const auto signature = readSealFile(folder + std::string(kSealSignatureName), kMaxSignatureBytes,
                                       errSecCSUnsigned, facts);

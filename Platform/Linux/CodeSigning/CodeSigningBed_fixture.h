@@ -130,6 +130,13 @@ class CodeSigningBed {
   CodeSigningResult<void> check(const std::string& path) {
     auto code = signatures_->SecStaticCodeCreateWithPath(path);
     if (!code) return std::unexpected(code.error());
+    return checkCodeThatRuns(**code);
+  }
+
+  // The same for code that is not going to run.
+  CodeSigningResult<void> checkAnywhere(const std::string& path) {
+    auto code = signatures_->SecStaticCodeCreateWithPath(path);
+    if (!code) return std::unexpected(code.error());
     return (*code)->SecStaticCodeCheckValidityWithErrors(
         kSecCSCheckAllArchitectures, *SecRequirementCreateWithString("anchor apple generic"));
   }

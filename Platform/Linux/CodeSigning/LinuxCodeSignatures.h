@@ -18,7 +18,7 @@ namespace platform {
 // root.
 //
 // A verdict holds at the moment of the check. The checks of the code's place (TrustedPlace) ensure
-// that it still holds when the code runs.
+// that it still holds when the code runs. Only verdicts on code in a trusted place are cached.
 class LinuxCodeSignatures final : public CodeSignatures {
  public:
   // The civil time, as the run loop returns it.
@@ -30,15 +30,25 @@ class LinuxCodeSignatures final : public CodeSignatures {
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override;
 
-  // The verdict on the code at `path`, from the cache or new.
-  CodeSigningResult<std::shared_ptr<const VerifiedCode>> check(const std::string& path,
-                                                               SecStaticCode::Kind kind);
+  using Verdict = CodeSigningResult<std::shared_ptr<const VerifiedCode>>;
+
+  // The verdict on the code at `path`, which is its real one, from the cache or new.
+  Verdict check(const std::string& path, SecStaticCode::Kind kind);
+
+  // The verdict on code that is not going to run: its place does not matter.
+  Verdict checkAnywhere(const std::string& path, SecStaticCode::Kind kind);
+
+  // Whether nobody but root and the owner of the platform root can write or replace the file or
+  // folder at `path`, which is its real one.
+  CodeSigningResult<void> checkPlace(const std::string& path) const;
 
   // The number of cached verdicts.
   std::size_t remembered() const { return verdicts_.size(); }
 
  private:
   LinuxCodeSignatures(const std::string& root, TrustedPlace place, Clock clock);
+  static Verdict verify(const std::string& path, SecStaticCode::Kind kind, const AnchorSet& anchors,
+                        const TrustedPlace& place, WallTime now);
 
   const TrustedPlace place_;
   const Clock clock_;

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include "Platform/CodeSigning/CodeSignature_contract.h"
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
@@ -33,6 +34,11 @@ class LinuxSignaturesHarness final : public CodeSignatureHarness {
   }
   void remove(const std::string& path) override { std::filesystem::remove_all(path); }
   std::string pathOfNothing() override { return bed_.folder().path("bin/nothing"); }
+  void openToOthers(const std::string& path) override { ASSERT_EQ(::chmod(path.c_str(), 0777), 0); }
+  std::string linkTo(const std::string& path) override {
+    std::filesystem::create_symlink(path, bed_.folder().path("link"));
+    return bed_.folder().path("link");
+  }
   std::shared_ptr<void> makeShortage() override {
     return std::make_shared<DescriptorShortage>(DescriptorShortage::Left::kNone);
   }

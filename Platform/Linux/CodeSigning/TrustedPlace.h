@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include <sys/types.h>
@@ -15,6 +16,9 @@ class TrustedPlace {
  public:
   explicit TrustedPlace(uid_t owner) : owner_(owner) {}
 
+  // Trusts every place, for reports about code that is not going to run.
+  static TrustedPlace anywhere() { return TrustedPlace(); }
+
   // Checks that nobody else can write or replace the file or folder at `path`. Neither it nor any
   // folder above it may be writable by others, except sticky folders above it, in which others
   // can't replace names. `path` must be absolute, without symbolic links, empty names, "." and
@@ -27,7 +31,9 @@ class TrustedPlace {
   CodeSigningResult<void> checkFile(const std::string& path, const struct stat& status) const;
 
  private:
-  uid_t owner_;
+  TrustedPlace() = default;
+
+  std::optional<uid_t> owner_;  // none: every place is trusted
 };
 
 }  // namespace platform

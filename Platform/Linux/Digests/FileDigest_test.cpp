@@ -1,13 +1,16 @@
 #include "Platform/Digests/FileDigest.h"
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Testing/Digests/FileSha256.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
@@ -120,6 +123,24 @@ TEST_F(FileDigestTest, AFileThatIsTruncatedMeanwhileHasNoDigest) {
   const auto cutOff = digest->readMore(kPiece);
   ASSERT_FALSE(cutOff);
   EXPECT_EQ(cutOff.error().code, ErrorCode::kInvalid);
+}
+
+// Its owner can hide a file from nobody.
+TEST_F(FileDigestTest, AFileUnderALeaseIsHashedWhenItIsReleased) {
+  const std::string path = folder_.write("file", "content");
+  const Sha256 expected = **digestOf(path);
+  const UniqueFd holder(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  const auto before = std::signal(SIGIO, SIG_IGN);  // The kernel asks for the lease with it.
+  ASSERT_EQ(::fcntl(holder.get(), F_SETLEASE, F_WRLCK), 0);
+  auto digest = FileDigest::open(path);
+  ASSERT_TRUE(digest) << describe(digest.error());
+  EXPECT_EQ(digest->isReady(), false);
+  EXPECT_EQ(digest->isReady(), false);
+  ASSERT_EQ(::fcntl(holder.get(), F_SETLEASE, F_UNLCK), 0);
+  EXPECT_EQ(digest->isReady(), true);
+  EXPECT_EQ(digest->readMore(kPiece), true);
+  EXPECT_EQ(**digest->finish(), expected);
+  std::signal(SIGIO, before);
 }
 
 TEST_F(FileDigestTest, IgnoresDataAddedAfterOpening) {

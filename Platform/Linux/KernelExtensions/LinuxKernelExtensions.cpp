@@ -155,12 +155,9 @@ Result<void> LinuxKernelExtensions::checkSignature(const KextBundle& bundle) {
         Error{ErrorCode::kDenied, 0,
               fmt::format("{}: {} ({})", bundle.identifier, failure.reason, failure.status)});
   };
-  const auto requirement = SecRequirementCreateWithString("anchor apple generic");
-  if (!requirement) return refuse(requirement.error());
   auto checked = environment_.signatures.SecStaticCodeCreateWithPath(code);
   if (!checked) return refuse(checked.error());
-  const auto valid =
-      (*checked)->SecStaticCodeCheckValidityWithErrors(kSecCSCheckAllArchitectures, *requirement);
+  const auto valid = checkCodeThatRuns(**checked);
   if (!valid) return refuse(valid.error());
   return {};
 }

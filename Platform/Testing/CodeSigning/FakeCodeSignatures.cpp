@@ -7,18 +7,24 @@ namespace platform {
 
 class FakeStaticCode final : public SecStaticCode {
  public:
-  FakeStaticCode(FakeCodeSignatures& signatures, std::string path, Kind kind)
-      : signatures_(signatures), path_(std::move(path)), kind_(kind) {}
+  FakeStaticCode(FakeCodeSignatures& signatures, std::string name, std::string path, Kind kind)
+      : signatures_(signatures), name_(std::move(name)), path_(std::move(path)), kind_(kind) {}
 
   Kind kind() const override { return kind_; }
 
-  CodeSigningResult<void> SecStaticCodeCheckValidityWithErrors(std::uint32_t,
+  CodeSigningResult<void> SecStaticCodeCheckValidityWithErrors(std::uint32_t flags,
                                                                const SecRequirement&) override {
     ++signatures_.checks_[path_];
     const auto code = signatures_.codes_.find(path_);
     if (code == signatures_.codes_.end()) return std::unexpected(gone());
     if (signatures_.isShort_) {
       return refuse(kErrnoStatusBase + EMFILE, path_ + ": Too many open files");
+    }
+    if ((flags & kSecCSCheckTrustedPlace) != 0) {
+      if (name_ != path_) return refuse(kErrnoStatusBase + ELOOP, name_ + ": is a symbolic link");
+      if (code->second.isElsewhere) {
+        return refuse(kErrnoStatusBase + EPERM, path_ + ": can be written by others");
+      }
     }
     if (code->second.refusal) return std::unexpected(*code->second.refusal);
     return {};
@@ -44,6 +50,7 @@ class FakeStaticCode final : public SecStaticCode {
   }
 
   FakeCodeSignatures& signatures_;
+  const std::string name_;  // as the caller named it
   const std::string path_;
   const Kind kind_;
 };
@@ -67,12 +74,13 @@ int FakeCodeSignatures::checks(const std::string& path) const {
 
 CodeSigningResult<std::unique_ptr<SecStaticCode>> FakeCodeSignatures::SecStaticCodeCreateWithPath(
     const std::string& path) {
-  const auto code = codes_.find(path);
+  const auto link = links_.find(path);
+  const std::string& target = link == links_.end() ? path : link->second;
+  const auto code = codes_.find(target);
   if (code == codes_.end()) {
-    return std::unexpected(
-        CodeSigningFailure{kErrnoStatusBase + ENOENT, path + ": No such file or directory"});
+    return refuse(kErrnoStatusBase + ENOENT, path + ": No such file or directory");
   }
-  return std::make_unique<FakeStaticCode>(*this, path, code->second.kind);
+  return std::make_unique<FakeStaticCode>(*this, path, target, code->second.kind);
 }
 
 }  // namespace platform

@@ -19,6 +19,12 @@ class FakeCodeSignatures final : public CodeSignatures {
   // Puts code at a path that every check refuses.
   void addRefused(const std::string& path, SecStaticCode::Kind kind, CodeSigningFailure failure);
 
+  // Puts a symbolic link at a path.
+  void addLink(const std::string& path, const std::string& target) { links_[path] = target; }
+
+  // The code at a path is in a place where other users can change it.
+  void setElsewhere(const std::string& path) { codes_.at(path).isElsewhere = true; }
+
   void remove(const std::string& path);
 
   // During a shortage of descriptors nothing can be checked.
@@ -37,9 +43,11 @@ class FakeCodeSignatures final : public CodeSignatures {
     SecStaticCode::Kind kind;
     std::optional<std::string> identifier;
     std::optional<CodeSigningFailure> refusal;
+    bool isElsewhere = false;
   };
 
   std::map<std::string, Code> codes_;
+  std::map<std::string, std::string> links_;
   std::map<std::string, int> checks_;
   bool isShort_ = false;
 };

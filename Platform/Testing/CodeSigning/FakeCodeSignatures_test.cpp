@@ -27,6 +27,11 @@ class FakeSignaturesHarness final : public CodeSignatureHarness {
   }
   void remove(const std::string& path) override { fake_.remove(path); }
   std::string pathOfNothing() override { return "/nothing"; }
+  void openToOthers(const std::string& path) override { fake_.setElsewhere(path); }
+  std::string linkTo(const std::string& path) override {
+    fake_.addLink("/link", path);
+    return "/link";
+  }
   std::shared_ptr<void> makeShortage() override {
     fake_.setShortage(true);
     return {&fake_, [](FakeCodeSignatures* fake) { fake->setShortage(false); }};
