@@ -33,7 +33,7 @@ const bool kGoals =
 
 constexpr std::size_t kLargeBytes = 64 * 1024 * 1024;
 constexpr std::chrono::sys_seconds kFrom = std::chrono::sys_days{std::chrono::January / 1 / 2020};
-constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::January / 1 / 2030};
+constexpr std::chrono::sys_seconds kSigned = std::chrono::sys_days{std::chrono::January / 1 / 2025};
 constexpr std::chrono::sys_seconds kNow = std::chrono::sys_days{std::chrono::January / 1 / 2060};
 constexpr std::chrono::sys_seconds kTo = std::chrono::sys_days{std::chrono::January / 1 / 2070};
 

@@ -117,7 +117,7 @@ TEST_F(SealingTest, TheReportShowsTheSignature) {
   const std::string text = asText(report, "valid");
   EXPECT_THAT(text, HasSubstr(program + ": valid\n"));
   EXPECT_THAT(text, HasSubstr("Identifier   com.vantor.sample\n"));
-  EXPECT_THAT(text, HasSubstr("Signed       2030-01-01T00:00:00Z\n"));
+  EXPECT_THAT(text, HasSubstr("Signed       2025-01-01T00:00:00Z\n"));
   EXPECT_THAT(text, HasSubstr("CN=Signer, 2020-01-01T00:00:00Z to 2070-01-01T00:00:00Z"));
   const auto json = asJson(report);
   EXPECT_EQ(json["status"], 0);

@@ -93,6 +93,19 @@ CodeSigningResult<void> checkRules(STACK_OF(X509) * chain, STACK_OF(X509) * anch
   return {};
 }
 
+CodeSigningResult<void> checkRevocations(STACK_OF(X509) * chain, const Revocations& revocations,
+                                         const std::string& name) {
+  const int count = sk_X509_num(chain);
+  for (int i = 0; i < count; ++i) {
+    X509* const certificate = sk_X509_value(chain, i);
+    X509* const issuer = i + 1 < count ? sk_X509_value(chain, i + 1) : nullptr;
+    if (const auto revoked = faultOfRevocation(certificate, issuer, revocations)) {
+      return refuseChain(name, fault(certificate, *revoked));
+    }
+  }
+  return {};
+}
+
 CodeSigningResult<CertificateChain> describeChain(STACK_OF(X509) * certificates,
                                                   const std::string& name) {
   CertificateChain chain{std::chrono::sys_seconds::min(), std::chrono::sys_seconds::max(), {}};
@@ -110,11 +123,9 @@ CodeSigningResult<CertificateChain> describeChain(STACK_OF(X509) * certificates,
 
 }  // namespace
 
-CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF(X509) * extra,
-                                                          X509_STORE* store,
-                                                          STACK_OF(X509) * anchors,
-                                                          std::chrono::sys_seconds time,
-                                                          const std::string& name) {
+CodeSigningResult<CertificateChain> checkCertificateChain(
+    X509* signer, STACK_OF(X509) * extra, X509_STORE* store, STACK_OF(X509) * anchors,
+    const Revocations& revocations, std::chrono::sys_seconds time, const std::string& name) {
   const CertificateCheck check(X509_STORE_CTX_new());
   if (!check || X509_STORE_CTX_init(check.get(), store, signer, extra) != 1) {
     return std::unexpected(CodeSigningFailure{
@@ -137,6 +148,9 @@ CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF
   }
   STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(check.get());
   if (auto checked = checkRules(chain, anchors, name); !checked) {
+    return std::unexpected(checked.error());
+  }
+  if (auto checked = checkRevocations(chain, revocations, name); !checked) {
     return std::unexpected(checked.error());
   }
   return describeChain(chain, name);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Platform/CodeSigning/CodeSignature.h"
+#include "Platform/Linux/Certificates/Revocations.h"
 #include "Platform/Linux/Digests/OpenSslHandles.h"
 #include "Platform/Values/Value.h"
 
@@ -27,17 +28,16 @@ inline constexpr int kMaxIntermediateCertificates = 8;
 // - keys: RSA of 2048 bits or more, or one of the curves P-256, P-384 and P-521; digests: SHA-256
 // or stronger (an anchor's own signature is not checked);
 // - issuers are certificate authorities that may sign certificates;
+// - no certificate was revoked;
 // - the signer may make digital signatures and sign code, and is no authority. An anchor that signs
 // code itself may be an authority and need not list that use (sign-file's keys don't), because an
 // administrator has installed that very certificate.
 //
 // `extra` are candidates for intermediate certificates; `store` holds the anchors. The reason of a
 // failure begins with `name`.
-CodeSigningResult<CertificateChain> checkCertificateChain(X509* signer, STACK_OF(X509) * extra,
-                                                          X509_STORE* store,
-                                                          STACK_OF(X509) * anchors,
-                                                          std::chrono::sys_seconds time,
-                                                          const std::string& name);
+CodeSigningResult<CertificateChain> checkCertificateChain(
+    X509* signer, STACK_OF(X509) * extra, X509_STORE* store, STACK_OF(X509) * anchors,
+    const Revocations& revocations, std::chrono::sys_seconds time, const std::string& name);
 
 // The certificate in DER.
 Data derOfCertificate(X509* certificate);

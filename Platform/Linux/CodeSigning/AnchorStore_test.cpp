@@ -36,7 +36,8 @@ class AnchorStoreTest : public testing::Test {
   }
 
   CodeSigningBed bed_;  // It has one anchor.
-  AnchorStore store_{bed_.folder().path("etc/vantor/anchors"), TrustedPlace(::geteuid())};
+  AnchorStore store_{bed_.folder().path("etc/vantor/anchors"),
+                     bed_.folder().path("etc/vantor/revoked"), TrustedPlace(::geteuid())};
 };
 
 TEST_F(AnchorStoreTest, StaysLoadedWhileNothingChanges) {

@@ -16,6 +16,7 @@ namespace platform {
 namespace {
 
 constexpr std::string_view kAnchorsFolder = "etc/vantor/anchors";
+constexpr std::string_view kRevokedFolder = "etc/vantor/revoked";
 
 struct FreeDeleter {
   void operator()(char* text) const { std::free(text); }
@@ -86,7 +87,7 @@ class LinuxStaticCode final : public SecStaticCode {
 LinuxCodeSignatures::LinuxCodeSignatures(const std::string& root, TrustedPlace place, Clock clock)
     : place_(place),
       clock_(std::move(clock)),
-      anchors_(pathBelowRoot(root, kAnchorsFolder), place) {}
+      anchors_(pathBelowRoot(root, kAnchorsFolder), pathBelowRoot(root, kRevokedFolder), place) {}
 
 Result<std::unique_ptr<LinuxCodeSignatures>> LinuxCodeSignatures::create(const std::string& root,
                                                                          Clock clock) {

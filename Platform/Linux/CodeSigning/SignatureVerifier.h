@@ -28,8 +28,9 @@ struct DigestedContent {
 };
 using DigestContent = std::function<CodeSigningResult<DigestedContent>(const EVP_MD* kind)>;
 
-// Checks a detached signature in this order: its form, its signer, the signer's chain to an anchor
-// at the time of signing (now if it states none), and last the content. Only a trusted signature
+// Checks a detached signature in this order: its form, its time, which must not be later than now
+// but for five minutes, its signer, the signer's chain to an anchor at the time of signing (now if
+// it states none), and last the content. Only a trusted signature
 // thus costs the reading of the content.
 CodeSigningResult<VerifiedSignature> verifySignature(std::span<const std::uint8_t> der,
                                                      const std::string& name,

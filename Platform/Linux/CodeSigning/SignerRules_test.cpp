@@ -171,10 +171,10 @@ TEST_F(SignerRulesTest, CertificatesMustBeValidAtTheTimeOfSigning) {
   shortLived.notBefore = CodeSigningBed::kSignedAt + 1s;
   shortLived.notAfter = CodeSigningBed::kValidTo;
   EXPECT_THAT(refusalOf(issue(shortLived)),
-              HasSubstr("was not yet valid on 2030-01-01 00:00:00 UTC"));
+              HasSubstr("was not yet valid on 2025-01-01 00:00:00 UTC"));
   shortLived.notBefore = CodeSigningBed::kValidFrom;
   shortLived.notAfter = CodeSigningBed::kSignedAt;
-  EXPECT_THAT(refusalOf(issue(shortLived)), HasSubstr("had expired on 2030-01-01 00:00:00 UTC"));
+  EXPECT_THAT(refusalOf(issue(shortLived)), HasSubstr("had expired on 2025-01-01 00:00:00 UTC"));
 }
 
 TEST_F(SignerRulesTest, OurSignatureCoversChainTimeAndIdentifier) {
