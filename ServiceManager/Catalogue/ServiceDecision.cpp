@@ -66,6 +66,7 @@ std::string_view whyItDoesNotRun(const ServiceSituation& situation) {
   }
   if (situation.program == ProgramState::kMissing) return kReasonNoProgram;
   if (situation.program == ProgramState::kDamaged) return kReasonDamaged;
+  if (situation.program == ProgramState::kUnknown) return kReasonUnchecked;
   if (!unwanted.empty()) return unwanted;
   return situation.job == ServiceJobState::kHasNoProcess ? kReasonEnded : kReasonNotStarted;
 }

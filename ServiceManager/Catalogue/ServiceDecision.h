@@ -27,7 +27,12 @@ enum class OSSupport { kSupported, kTooOld, kUnknownRelease };
 // the service has none.
 OSSupport osSupport(const platform::Value& minimumOSVersion, std::int64_t kernelMajorNumber);
 
-enum class ProgramState { kMissing, kDamaged, kSound };
+enum class ProgramState {
+  kMissing,
+  kDamaged,
+  kUnknown,  // it could not be checked; this stops no service, and starts none
+  kSound,
+};
 
 // The job host's answer about a service's job.
 enum class ServiceJobState { kUnknown, kAbsent, kHasNoProcess, kRuns };
@@ -84,6 +89,7 @@ inline constexpr std::string_view kReasonWaiting = "waiting";
 inline constexpr std::string_view kReasonPrimaryStopped = "primaryStopped";
 inline constexpr std::string_view kReasonNoProgram = "noProgram";
 inline constexpr std::string_view kReasonDamaged = "damaged";
+inline constexpr std::string_view kReasonUnchecked = "unchecked";
 inline constexpr std::string_view kReasonEnded = "ended";
 inline constexpr std::string_view kReasonNotStarted = "notStarted";
 

@@ -72,6 +72,7 @@ TEST(ServiceDecision, AServiceWithoutAJobHasItsFirstReason) {
        {"no match", featureWith({Switch::kAbsent, Switch::kClashes, Switch::kNoSource}), "noMatch"},
        {"a missing program", {.program = ProgramState::kMissing}, "noProgram"},
        {"a damaged program", {.program = ProgramState::kDamaged}, "damaged"},
+       {"an unchecked program", {.program = ProgramState::kUnknown}, "unchecked"},
        {"a damaged feature", featureWith({Switch::kMatches}, {.program = ProgramState::kDamaged}),
         "damaged"},
        {"nothing", {}, "notStarted"},

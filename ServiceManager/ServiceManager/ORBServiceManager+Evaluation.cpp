@@ -95,6 +95,15 @@ EvaluationPermission ORBServiceManager::permissionToEvaluate(const std::string& 
                               isServiceBeingTrackedForUserClientShutdownRequest(label));
 }
 
+// The primary service is awaited in a mode that evaluates nothing.
+void ORBServiceManager::checkProgramAgain(const std::string& label) {
+  if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService && label == primaryLabel()) {
+    enforceRunningForService(label, nullptr);
+  } else {
+    evaluateInformationForService(label);
+  }
+}
+
 void ORBServiceManager::evaluateInformationForService(const std::string& label) {
   switch (permissionToEvaluate(label)) {
     case EvaluationPermission::kInstallerIsAtWork:

@@ -16,6 +16,8 @@ using namespace platform;
 namespace {
 
 constexpr std::size_t kSecretSize = 8;
+// A daemon whose own bundle can't be checked for so long is idle.
+constexpr Duration kMostOwnCheckTime = std::chrono::minutes(1);
 constexpr Duration kFirstEvaluationDelay = std::chrono::milliseconds(100);
 
 constexpr char kConfigurationStatusServer[] = "com.vantor.service.configd.status";
@@ -68,6 +70,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                            evaluateInformationForService(label);
                          });
                        }}),
+      rechecks_(platform_.runLoop, [this](const std::string& label) { checkProgramAgain(label); }),
       enforcement_({.turns = turns_,
                     .catalogue = catalogue_,
                     .jobs = jobs_,
@@ -78,7 +81,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .files = platform_.files,
                     .system = platform_.system,
                     .validator = validator_,
-                    .onUnready = [this] { scheduleReevaluation(); }}),
+                    .onUnready = [this] { scheduleReevaluation(); },
+                    .rechecks = rechecks_}),
       timers_(platform_.runLoop),
       report_({.runLoop = platform_.runLoop,
                .files = platform_.files,
@@ -111,7 +115,11 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   vantorlogger2_open(kClassName, mach_thread_self());
   if (!makeSecret()) return;
   logOwner();
-  if (!acquireAuthorization() || !checkOwnIntegrity() || !readInstalledCatalogue()) return;
+  if (acquireAuthorization()) checkOwnIntegrity();
+}
+
+void ORBServiceManager::finishLaunching() {
+  if (!readInstalledCatalogue()) return;
   observeServices();
   makeMonitoringRecords();
   observeSettings();
@@ -167,15 +175,33 @@ bool ORBServiceManager::acquireAuthorization() {
   return false;
 }
 
-bool ORBServiceManager::checkOwnIntegrity() {
-  if (validator_.validateBundle(platform_.mainBundle.path()).isIntact()) return true;
+void ORBServiceManager::checkOwnIntegrity() {
+  const auto verdict = validator_.validateBundle(platform_.mainBundle.path());
+  if (verdict.isIntact()) return finishLaunching();
+  if (verdict.isUnknown()) return ownIntegrityIsUnknown(verdict.reason);
   vantorlogger2_line(
       ASL_LEVEL_ERR,
       "Internal inconsistency! The service manager bundle appears to have been tampered with\n "
       "Service Manager is going into limbo");
   announceStartUpError("Internal inconsistency",
                        "The service manager bundle appears to have been tampered with");
-  return false;
+}
+
+// The check is repeated, also after the daemon has said that it is idle: the shortage may end.
+void ORBServiceManager::ownIntegrityIsUnknown(const std::string& reason) {
+  const Instant now = platform_.runLoop.now();
+  if (!firstOwnCheck_) firstOwnCheck_ = now;
+  if (!isIdle_ && now - *firstOwnCheck_ >= kMostOwnCheckTime) {
+    isIdle_ = true;
+    vantorlogger2_line(
+        ASL_LEVEL_ERR,
+        stringWithFormat("The service manager bundle can't be checked: %@\n Service Manager is "
+                         "going into limbo until it can",
+                         reason));
+    announceStartUpError("Internal inconsistency", "The service manager bundle can't be checked");
+  }
+  ownCheckPause_ = nextRecheckPause(ownCheckPause_);
+  timers_.performAfterDelay({"check own bundle"}, ownCheckPause_, [this] { checkOwnIntegrity(); });
 }
 
 bool ORBServiceManager::readInstalledCatalogue() {

@@ -287,7 +287,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool makeSecret();
   void logOwner() const;
   bool acquireAuthorization();
-  bool checkOwnIntegrity();
+  void checkOwnIntegrity();
+  void ownIntegrityIsUnknown(const std::string& reason);
+  void finishLaunching();
   bool readInstalledCatalogue();
   void observeServices();
   void makeMonitoringRecords();
@@ -315,6 +317,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                       const platform::Value& expected, const platform::Value& current);
   void evaluateAgain(CompletionBlock then);
   void removeStoppedServices();
+  void checkProgramAgain(const std::string& label);
 
   const ServiceManagerPlatform platform_;
   const ORBSigningValidator validator_;
@@ -324,6 +327,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
   std::uint64_t modeChanges_ = 0;
+  // While the daemon's own bundle can't be checked.
+  std::optional<platform::Instant> firstOwnCheck_;
+  platform::Duration ownCheckPause_{};
+  bool isIdle_ = false;
   // After an announcement of the primary service's start.
   bool isAskedAboutStart_ = false;
   bool hasStartedSince_ = false;
@@ -347,6 +354,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   MonitoringRecords records_;
   ExitMonitor exits_;
   ExtensionControl extensions_;
+  ProgramRechecks rechecks_;
   ServiceEnforcement enforcement_;
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
   std::unique_ptr<platform::RunLoopHandle> jobStarts_;

@@ -94,6 +94,49 @@ TEST_F(StartUpTest, ADaemonWhoseBundleWasTamperedWithIsIdle) {
       "Internal inconsistency", "The service manager bundle appears to have been tampered with");
 }
 
+TEST_F(StartUpTest, AShortageDelaysTheStart) {
+  signatures_.setShortage(true);
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(30s);
+  EXPECT_THAT(announcements_, IsEmpty());
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  signatures_.setShortage(false);
+  loop_.advanceBy(32s);
+  EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{kDidStart, std::nullopt, {}}));
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
+TEST_F(StartUpTest, AfterAMinuteOfShortageTheDaemonIsIdleUntilItEnds) {
+  signatures_.setShortage(true);
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(59s);
+  EXPECT_THAT(announcements_, IsEmpty());
+  loop_.advanceBy(1h);
+  ASSERT_EQ(announcements_.size(), 1u);
+  EXPECT_EQ(countInLog("The service manager bundle can't be checked: /Daemon.bundle: Too many open "
+                       "files\n Service Manager is going into limbo until it can"),
+            1u);
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  signatures_.setShortage(false);
+  loop_.advanceBy(1min);
+  EXPECT_EQ(announcements_.back(), (DistributedNotification{kDidStart, std::nullopt, {}}));
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
+TEST_F(StartUpTest, ABundleThatTurnsOutDamagedAfterAShortageIsNotCheckedAgain) {
+  signatures_.setShortage(true);
+  start();
+  signatures_.setShortage(false);
+  signatures_.addRefused("/Daemon.bundle", SecStaticCode::Kind::kBundle,
+                         {errSecCSBadResource, "changed"});
+  loop_.advanceBy(1h);
+  EXPECT_EQ(signatures_.checks("/Daemon.bundle"), 2);
+  EXPECT_EQ(announcements_.size(), 1u);
+  expectNothingStarted();
+}
+
 TEST_F(StartUpTest, WithoutACatalogueTheDaemonIsIdle) {
   files_.remove(kCatalogueFile);
   expectMalformedCatalogue();

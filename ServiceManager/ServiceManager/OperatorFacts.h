@@ -40,7 +40,8 @@ inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this s
 inline constexpr char kFactProgram[] = "Program";  // its path; absent: the service has no job
 inline constexpr char kFactProgramExists[] = "ProgramExists";
 inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
-inline constexpr char kFactProgramFault[] = "ProgramFault";            // why it is not
+inline constexpr char kFactProgramIsUnchecked[] = "ProgramIsUnchecked";  // instead: it can't be
+inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, or can't be checked
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
 // The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent if
 // there is no job, or if the host does not answer. "jobsOfServices:" answers with this and the

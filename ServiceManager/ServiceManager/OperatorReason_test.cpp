@@ -118,6 +118,15 @@ TEST_F(OperatorReasonTest, AFeatureServiceThatIsOffIsNotRetried) {
   EXPECT_EQ(reasonOf(kAgent), "noMatch");
 }
 
+TEST_F(OperatorReasonTest, AServiceWhoseProgramCannotBeCheckedHasAReason) {
+  startConfigurationServer();
+  start();
+  signatures_.setShortage(true);
+  loop_.advanceBy(1s);
+  EXPECT_FALSE(isRunning(kPrimary));
+  EXPECT_EQ(reasonOf(kPrimary), "unchecked");
+}
+
 TEST_F(OperatorReasonTest, AServiceIsRetriedWhileAnInstallerIsAtWork) {
   startAll();
   files_.remove(pathOf("agent"));

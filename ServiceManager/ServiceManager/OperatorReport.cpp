@@ -166,7 +166,11 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
   situation.program = state;
   facts.set(kFactProgramExists, state != ProgramState::kMissing);
   if (state == ProgramState::kMissing) return;
-  facts.set(kFactProgramIsIntact, verdict.isIntact());
+  if (verdict.isUnknown()) {
+    facts.set(kFactProgramIsUnchecked, true);
+  } else {
+    facts.set(kFactProgramIsIntact, verdict.isIntact());
+  }
   if (!verdict.isIntact()) facts.set(kFactProgramFault, verdict.reason);
   if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
 }

@@ -86,7 +86,8 @@ void ServiceEnforcement::check(const std::string& label) {
 
 void ServiceEnforcement::checkRunningService(const std::string& label, const Value& jobInfo,
                                              const JobStatus& known) {
-  if (programState(jobInfo) != ProgramState::kSound) {
+  const ProgramState program = programState(label, jobInfo);
+  if (program == ProgramState::kMissing || program == ProgramState::kDamaged) {
     logDamagedProgram(label);
     reportUnready(label);
     removeDamaged(label);
@@ -152,7 +153,7 @@ void ServiceEnforcement::launchService(const std::string& label, bool firstTime,
 
 void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, bool firstTime,
                                 LaunchAnswer answer) {
-  const ProgramState program = programState(jobInfo);
+  const ProgramState program = programState(label, jobInfo);
   if (program == ProgramState::kMissing) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Cannot find program path for service: %@", label));
@@ -163,6 +164,10 @@ void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, 
     logDamagedProgram(label);
     answer({});
     if (!firstTime) removeDamaged(label);
+    return;
+  }
+  if (program == ProgramState::kUnknown) {
+    answer({});
     return;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Starting up service %@", label));
@@ -330,9 +335,18 @@ void ServiceEnforcement::jobIsRemoved(const std::string& label, bool hasStopped)
   for (StopAnswer& answer : stops) answer(hasStopped);
 }
 
-ProgramState ServiceEnforcement::programState(const Value& jobInfo) const {
+ProgramState ServiceEnforcement::programState(const std::string& label,
+                                              const Value& jobInfo) const {
   const std::string& path = *jobInfo["Program"].string();
-  return checkProgram(path, environment_.files, environment_.validator).state;
+  const ProgramState state = checkProgram(path, environment_.files, environment_.validator).state;
+  if (state == ProgramState::kUnknown) {
+    vantorlogger2_line(ASL_LEVEL_WARNING,
+                       stringWithFormat("Program file for %@ can't be checked now", label));
+    environment_.rechecks.couldNotCheck(label);
+  } else {
+    environment_.rechecks.hasChecked(label);
+  }
+  return state;
 }
 
 bool ServiceEnforcement::checkOSSupportForService(const std::string& label) const {

@@ -17,6 +17,7 @@
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ProgramRechecks.h"
 #include "ServiceManager/Supervision/ServiceActivity.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
 #include "Shared/ORBSigningValidator.h"
@@ -44,6 +45,7 @@ class ServiceEnforcement {
     const platform::SystemInformation& system;
     const ORBSigningValidator& validator;
     std::function<void()> onUnready;  // a service has been reported as not ready
+    ProgramRechecks& rechecks;
   };
 
   explicit ServiceEnforcement(const Environment& environment) : environment_(environment) {}
@@ -114,7 +116,7 @@ class ServiceEnforcement {
   void remove(const std::string& label);
   void removeJobIfAny(const std::string& label, StopAnswer done);
   void jobIsRemoved(const std::string& label, bool hasStopped);
-  ProgramState programState(const platform::Value& jobInfo) const;
+  ProgramState programState(const std::string& label, const platform::Value& jobInfo) const;
 
   const Environment environment_;
   std::map<std::string, Service> services_;  // those with which something goes on

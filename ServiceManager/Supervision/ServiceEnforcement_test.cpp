@@ -181,6 +181,30 @@ TEST_F(ServiceEnforcementTest, ARunningServiceWithADamagedProgramIsRemoved) {
   EXPECT_TRUE(isRunning(kAgent));
 }
 
+TEST_F(ServiceEnforcementTest, ARunningServiceOutlivesACheckThatCannotBeMade) {
+  run(kAgent);
+  const auto before = jobs_.process(kAgent);
+  signatures_.setShortage(true);
+  EXPECT_TRUE(enforceRunning(kAgent));
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_EQ(jobs_.process(kAgent), before);
+  EXPECT_THAT(takeReports(), ElementsAre("start com.example.agent"));
+  EXPECT_THAT(takeLog(),
+              testing::Contains("4 Program file for com.example.agent can't be checked now"));
+}
+
+TEST_F(ServiceEnforcementTest, AStoppedServiceIsNotStartedUnchecked) {
+  signatures_.setShortage(true);
+  EXPECT_FALSE(enforceRunning(kAgent));
+  EXPECT_THAT(takeReports(), ElementsAre("unready com.example.agent"));
+  EXPECT_THAT(takeLog(), ElementsAre("7 Service com.example.agent is not running",
+                                     "4 Program file for com.example.agent can't be checked now"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  signatures_.setShortage(false);
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  EXPECT_TRUE(isRunning(kAgent));
+}
+
 TEST_F(ServiceEnforcementTest, AStoppedDamagedServiceLosesItsJobToo) {
   useThrottle(3600);
   run(kAgent);

@@ -38,4 +38,11 @@ TEST_F(ServiceProgramTest, AProgramThatWasChangedIsDamaged) {
   EXPECT_EQ(check().verdict.reason, "changed");
 }
 
+TEST_F(ServiceProgramTest, AProgramThatCannotBeCheckedIsNotDamaged) {
+  files_.addFile("/opt/agent");
+  signatures_.addValid("/opt/agent", kProgramKind, "agent");
+  signatures_.setShortage(true);
+  EXPECT_EQ(check().state, ProgramState::kUnknown);
+}
+
 }  // namespace

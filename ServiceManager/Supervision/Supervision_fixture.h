@@ -68,6 +68,11 @@ class SupervisionFixture : public SupervisedMachine {
              evaluations_.emplace_back(label, delay);
            }}};
   platform::TurnQueue turns_{loop_};
+  std::vector<std::string> rechecked_;
+  ProgramRechecks rechecks_{loop_, [this](const std::string& label) {
+                              rechecked_.push_back(label);
+                              enforcement_.enforceRunningForService(label, {});
+                            }};
   int unready_ = 0;  // how often a service was reported as not ready
   ServiceEnforcement enforcement_{{.turns = turns_,
                                    .catalogue = catalogue_,
@@ -79,5 +84,6 @@ class SupervisionFixture : public SupervisedMachine {
                                    .files = files_,
                                    .system = system_,
                                    .validator = validator_,
-                                   .onUnready = [this] { ++unready_; }}};
+                                   .onUnready = [this] { ++unready_; },
+                                   .rechecks = rechecks_}};
 };

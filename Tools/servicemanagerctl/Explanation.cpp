@@ -178,6 +178,10 @@ std::string whyItIsDown(const Facts& facts) {
     return fmt::format("its program is damaged or not signed as it should be: {}",
                        facts.text(kFactProgramFault));
   }
+  if (reason == kReasonUnchecked) {
+    return fmt::format("its program can't be checked now, and is checked again: {}",
+                       facts.text(kFactProgramFault));
+  }
   if (reason == kReasonEnded) {
     return fmt::format(
         "it is wanted, and its process has ended ({}); the job host starts it again "
@@ -253,6 +257,9 @@ std::string aboutProgram(const Facts& facts) {
   if (!facts.has(kFactProgram)) return "none";
   const std::string path = facts.text(kFactProgram);
   if (!facts.is(kFactProgramExists)) return path + ", which is not there";
+  if (facts.is(kFactProgramIsUnchecked)) {
+    return fmt::format("{}, which can't be checked now: {}", path, facts.text(kFactProgramFault));
+  }
   if (!facts.is(kFactProgramIsIntact)) {
     return fmt::format("{}, refused: {}", path, facts.text(kFactProgramFault));
   }

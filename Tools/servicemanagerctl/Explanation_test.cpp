@@ -151,6 +151,12 @@ const std::vector<ExplanationRow> kNotRunning{
      "differs."},
     {"damaged", feature({aSwitch("matches", 1)}, {{kFactProgramIsIntact, {}}}),
      "agent does not run: its program is damaged or not signed as it should be: ."},
+    {"unchecked",
+     {{kFactProgramIsIntact, {}},
+      {kFactProgramIsUnchecked, true},
+      {kFactProgramFault, "too many open files"}},
+     "agent does not run: its program can't be checked now, and is checked again: too many open "
+     "files."},
     {"notStarted",
      {{kFactPrimary, "agent"}, {kFactOperatingMode, 2}},
      "agent does not run: it is wanted but was not started; \"servicemanagerctl log\" tells why."},

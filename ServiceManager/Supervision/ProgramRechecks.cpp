@@ -1,0 +1,25 @@
+#include "ServiceManager/Supervision/ProgramRechecks.h"
+
+#include <algorithm>
+
+using namespace platform;
+
+Duration nextRecheckPause(Duration pause) {
+  return std::clamp(2 * pause, ProgramRechecks::kFirstPause, ProgramRechecks::kLongestPause);
+}
+
+void ProgramRechecks::couldNotCheck(const std::string& label) {
+  Waiting& waiting = waiting_[label];
+  waiting.pause = nextRecheckPause(waiting.pause);
+  checkAfter(label, waiting, waiting.pause);
+}
+
+void ProgramRechecks::hasChecked(const std::string& label) {
+  waiting_.erase(label);
+  for (auto& [other, waiting] : waiting_) checkAfter(other, waiting, Duration::zero());
+}
+
+void ProgramRechecks::checkAfter(const std::string& label, Waiting& waiting, Duration delay) {
+  waiting.timer =
+      runLoop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, label] { check_(label); });
+}

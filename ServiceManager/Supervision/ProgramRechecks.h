@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Platform/RunLoops/RunLoop.h"
+
+// The services whose programs could not be checked, for lack of descriptors for instance. Each is
+// checked again after a pause, which grows with every failure, and as soon as the check of another
+// program gives a verdict: the shortage may have ended. Belongs to the main thread.
+class ProgramRechecks {
+ public:
+  static constexpr platform::Duration kFirstPause = std::chrono::milliseconds(500);
+  static constexpr platform::Duration kLongestPause = std::chrono::seconds(60);
+
+  using Check = std::function<void(const std::string& label)>;
+
+  // `runLoop` outlives this. `check` is called in a later turn of the loop.
+  ProgramRechecks(platform::RunLoop& runLoop, Check check)
+      : runLoop_(runLoop), check_(std::move(check)) {}
+
+  // The service's program could not be checked.
+  void couldNotCheck(const std::string& label);
+  // The check of the service's program has given a verdict, or the service has no program.
+  void hasChecked(const std::string& label);
+
+ private:
+  struct Waiting {
+    platform::Duration pause{};
+    std::unique_ptr<platform::RunLoopHandle> timer;
+  };
+  void checkAfter(const std::string& label, Waiting& waiting, platform::Duration delay);
+
+  platform::RunLoop& runLoop_;
+  const Check check_;
+  std::map<std::string, Waiting> waiting_;
+};
+
+// The pause after one more failure.
+platform::Duration nextRecheckPause(platform::Duration pause);

@@ -1,0 +1,58 @@
+#include "ServiceManager/Supervision/ProgramRechecks.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class ProgramRechecksTest : public testing::Test {
+ protected:
+  VirtualRunLoop loop_;
+  std::vector<std::string> checked_;
+  ProgramRechecks rechecks_{loop_, [this](const std::string& label) { checked_.push_back(label); }};
+};
+
+TEST_F(ProgramRechecksTest, ThePauseGrowsUntilAVerdict) {
+  std::vector<Duration> pauses;
+  for (int i = 0; i < 9; ++i) {
+    rechecks_.couldNotCheck("a");
+    const Instant before = loop_.now();
+    while (checked_.empty()) loop_.advanceBy(100ms);
+    checked_.clear();
+    pauses.push_back(loop_.now() - before);
+  }
+  EXPECT_THAT(pauses, ElementsAre(500ms, 1s, 2s, 4s, 8s, 16s, 32s, 60s, 60s));
+  rechecks_.hasChecked("a");
+  rechecks_.couldNotCheck("a");
+  loop_.advanceBy(500ms);
+  EXPECT_THAT(checked_, ElementsAre("a"));
+}
+
+TEST_F(ProgramRechecksTest, AVerdictOnOneProgramChecksTheOthersAtOnce) {
+  for (const char* label : {"a", "b", "c"}) rechecks_.couldNotCheck(label);
+  rechecks_.hasChecked("b");
+  EXPECT_THAT(checked_, IsEmpty());
+  loop_.runReady();
+  EXPECT_THAT(checked_, ElementsAre("a", "c"));
+  loop_.advanceBy(1h);
+  EXPECT_THAT(checked_, ElementsAre("a", "c"));
+}
+
+TEST_F(ProgramRechecksTest, AProgramThatWasCheckedIsNotCheckedAgain) {
+  rechecks_.couldNotCheck("a");
+  rechecks_.hasChecked("a");
+  loop_.advanceBy(1h);
+  EXPECT_THAT(checked_, IsEmpty());
+}
+
+}  // namespace
