@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <future>
 #include <memory>
+#include <optional>
 #include <semaphore>
 #include <utility>
 
@@ -249,12 +250,19 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     const std::string signing = textAt(*reply, 0);
     const std::string hash = textAt(*reply, 1);
     const std::string source = textAt(*reply, 2);
+    std::optional<std::string> placeFault;
+    if (environment.faultOfPlace) placeFault = environment.faultOfPlace(file);
     if (json_) {
       list.push_back({{"path", file}, {"signing", signing}, {"sha256", hash}, {"source", source}});
+      if (placeFault) list.back()["isPlaceTrusted"] = placeFault->empty();
     } else {
       const auto told = [](const std::string& text) { return text.empty() ? "-" : plain(text); };
       print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", plain(file),
                         told(signing), told(hash), told(source)));
+      if (placeFault) {
+        print(fmt::format("  place    {}\n",
+                          placeFault->empty() ? "trusted" : "not trusted: " + plain(*placeFault)));
+      }
     }
   }
   // Print it also if a later file failed. A path may hold any bytes, and so may the text of an

@@ -43,6 +43,9 @@ class XPCCommands {
     std::chrono::seconds lookupTimeOut{10};
     std::optional<std::string> group = {};  // of the product, for advice
     bool isRoot = false;                    // this user
+    // Why others than root and the platform's owner can change the file; empty if they can't. If it
+    // is not set, nothing is said about the file's place.
+    std::function<std::string(const std::string& file)> faultOfPlace = {};
   };
   // Runs the command and returns the exit status. A registration lasts until this process ends; it
   // fails if the service manager ends first.

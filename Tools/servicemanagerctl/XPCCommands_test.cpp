@@ -135,7 +135,7 @@ class XPCCommandsTest : public testing::Test {
     testing::internal::CaptureStderr();
     const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root",
                                      [this] { return whyNotConnected_; }, timeOuts.hash,
-                                     timeOuts.anyAnswer, timeOuts.lookUp});
+                                     timeOuts.anyAnswer, timeOuts.lookUp, {}, false, faultOfPlace_});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
   Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), TimeOuts()); }
@@ -159,6 +159,7 @@ class XPCCommandsTest : public testing::Test {
 
   std::optional<PeerConnectFailure> whyNotConnected_ = PeerConnectFailure{
       PeerConnectFailure::Kind::kNobodyThere, {ErrorCode::kNotFound, ENOENT, "connecting"}};
+  std::function<std::string(const std::string& file)> faultOfPlace_;
   TemporaryFolder folder_;
   FakeLogSink sink_;
   SystemLog log_{sink_, "test"};
@@ -234,6 +235,18 @@ TEST_F(XPCCommandsTest, FilesAreShownAsATable) {
                              "  sha256   -\n"
                              "  source   -\n");
   EXPECT_EQ(told.errors, "");
+}
+
+TEST_F(XPCCommandsTest, ThePlaceOfAFileIsAFactOfItsOwn) {
+  serve();
+  const std::string known = folder_.write("known", "abc");
+  faultOfPlace_ = [](const std::string& file) { return file == "/" ? "" : file + " is open"; };
+  EXPECT_THAT(run({"execinfo", known}).output,
+              testing::HasSubstr("  place    not trusted: " + known + " is open\n"));
+  EXPECT_THAT(run({"execinfo", "/"}).output, testing::HasSubstr("  place    trusted\n"));
+  const auto json = nlohmann::json::parse(run({"execinfo", "--json", known, "/"}).output);
+  EXPECT_EQ(json[0]["isPlaceTrusted"], false);
+  EXPECT_EQ(json[1]["isPlaceTrusted"], true);
 }
 
 TEST_F(XPCCommandsTest, ProgramsGetFilesAsJson) {

@@ -16,6 +16,7 @@
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Logger/Logger.h"
+#include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Linux/Jobs/EmbeddedJobs.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
@@ -149,13 +150,25 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
     if (tried) return std::nullopt;
     return tried.error();
   };
+  const std::string& root = places.root();
+  const auto signatures = platform::LinuxCodeSignatures::create(
+      root, [&] { return linuxPlatform.runLoop->wallTime(); });
+  if (!signatures) return fail(signatures.error());
+  const auto faultOfPlace = [&](const std::string& file) {
+    const auto trusted = (*signatures)->checkPlace(file);
+    if (trusted) return std::string();
+    // The rest says what an administrator could do so that the file may run.
+    const std::string& reason = trusted.error().reason;
+    return reason.substr(0, reason.find(", so that"));
+  };
   return commands.run({.xpc = (*xpc)->xpc(),
                        .system = linuxPlatform.systemInformation,
                        .protocols = protocols,
-                       .root = places.root(),
+                       .root = root,
                        .whyNotConnected = whyNotConnected,
                        .group = linuxPlatform.configuration.group,
-                       .isRoot = ::geteuid() == 0});
+                       .isRoot = ::geteuid() == 0,
+                       .faultOfPlace = faultOfPlace});
 }
 
 // main() adds the failures of the output.
