@@ -132,23 +132,28 @@ CodeSigningResult<CertificateHandle> CmsSignature::findSigner(STACK_OF(X509) * a
                 "is by a signer whose certificate is neither in it nor among the anchors");
 }
 
+CodeSigningResult<void> CmsSignature::checkAttributes(X509* signer) const {
+  if (!attributes_.present) return {};
+  if (!isSignatureOf(signer, {})) {
+    return refuse(errSecCSSignatureFailed,
+                  "does not match its signer's key: it was changed or forged");
+  }
+  return checkCertificateList(signer);
+}
+
 CodeSigningResult<void> CmsSignature::checkContent(X509* signer,
                                                    std::span<const std::uint8_t> contentDigest,
                                                    std::uint8_t firstContentByte) const {
   if (attributes_.present) {
-    if (!std::ranges::equal(attributes_.messageDigest, contentDigest)) {
-      return std::unexpected(
-          CodeSigningFailure{errSecCSSignatureFailed, name_ + ": is not what was signed"});
-    }
-  } else if (firstContentByte == kSetTag) {
+    if (std::ranges::equal(attributes_.messageDigest, contentDigest)) return {};
+    return std::unexpected(
+        CodeSigningFailure{errSecCSSignatureFailed, name_ + ": is not what was signed"});
+  }
+  if (firstContentByte == kSetTag) {
     return refuse(errSecCSBadObjectFormat, "may be one over another signature's attributes");
   }
-  if (!isSignatureOf(signer, contentDigest)) {
-    return refuse(errSecCSSignatureFailed,
-                  attributes_.present ? "does not match its signer's key: it was changed or forged"
-                                      : "does not match: the code or the signature was changed");
-  }
-  return checkCertificateList(signer);
+  if (isSignatureOf(signer, contentDigest)) return {};
+  return refuse(errSecCSSignatureFailed, "does not match: the code or the signature was changed");
 }
 
 bool CmsSignature::isSignatureOf(X509* signer, std::span<const std::uint8_t> contentDigest) const {

@@ -18,7 +18,8 @@ namespace platform {
 inline constexpr int kMaxSignatureCertificates = 16;
 
 // A detached CMS signature with one signer. Checking it takes separate steps, so that each has its
-// own reason for a failure: parse(), findSigner(), checkCertificateChain(), checkContent().
+// own reason for a failure: parse(), findSigner(), checkCertificateChain(), checkAttributes(),
+// checkContent().
 class CmsSignature {
  public:
   // Accepts signed data with exactly one signer, without embedded content, with a SHA-2 digest of
@@ -34,9 +35,14 @@ class CmsSignature {
   // The signer's certificate, looked up in the signature and in `anchors`.
   CodeSigningResult<CertificateHandle> findSigner(STACK_OF(X509) * anchors) const;
 
-  // Whether `signer` signed content with this digest, and the certificates in the signature. The
-  // content's first byte counts if there are no signed attributes: content that begins with the tag
-  // of signed attributes could be such attributes passed off as content.
+  // Whether `signer` signed the attributes, and with them the certificates in the signature. It
+  // says nothing without signed attributes. It costs little, so call it before the content is read:
+  // a forged signature may bring the certificate of a trusted signer, which is no secret.
+  CodeSigningResult<void> checkAttributes(X509* signer) const;
+
+  // Whether the content with this digest is the signed one, after checkAttributes(). The content's
+  // first byte counts if there are no signed attributes: content that begins with the tag of signed
+  // attributes could be such attributes passed off as content.
   CodeSigningResult<void> checkContent(X509* signer, std::span<const std::uint8_t> contentDigest,
                                        std::uint8_t firstContentByte) const;
 

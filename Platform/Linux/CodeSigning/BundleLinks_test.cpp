@@ -85,7 +85,8 @@ TEST_F(BundleLinksTest, ALinkIsResolvedAgainAfterARename) {
   addLinks(1);
   int calls = 0;
   withInterceptedSystemCall(
-      SYS_openat2, [&](int nth) { return calls = nth, nth <= 3 ? EAGAIN : 0; },
+      SYS_openat2,
+      [&](const InterceptedCall& call) { return calls = call.nth, call.nth <= 3 ? EAGAIN : 0; },
       [&] { EXPECT_TRUE(listBundle(bundle_)); });
   EXPECT_EQ(calls, 5);  // Four for the first link, one for the other.
 }
@@ -93,7 +94,7 @@ TEST_F(BundleLinksTest, ALinkIsResolvedAgainAfterARename) {
 TEST_F(BundleLinksTest, EndlessRenamesEndTheSearch) {
   addLinks(1);
   withInterceptedSystemCall(
-      SYS_openat2, [](int) { return EAGAIN; },
+      SYS_openat2, [](const InterceptedCall&) { return EAGAIN; },
       [&] {
         const auto listed = listBundle(bundle_);
         ASSERT_FALSE(listed);

@@ -9,6 +9,7 @@
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/PropertyLists/PropertyListLimits.h"
 
 namespace platform {
 namespace {
@@ -63,6 +64,16 @@ CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes
     seal.emplace(path, *std::move(item));
   }
   return seal;
+}
+
+CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t firstByte,
+                                     const std::string& name) {
+  constexpr std::uint8_t kElf = 0x7f;
+  constexpr std::uint8_t kScript = '#';
+  if (firstByte == kElf || firstByte == kScript || size > kMaxPropertyListBytes) return false;
+  const auto bytes = readRange(file, 0, static_cast<std::size_t>(size), name);
+  if (!bytes) return std::unexpected(bytes.error());
+  return readBundleSeal(*bytes, name).has_value();
 }
 
 CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents) {

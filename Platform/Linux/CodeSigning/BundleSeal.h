@@ -28,6 +28,11 @@ using BundleSeal = std::map<std::string, SealedItem, std::less<>>;
 CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes,
                                              const std::string& name);
 
+// Whether the first `size` bytes of an open file are such a list. A list has the same kind of
+// signature as a program, so it must not pass for one.
+CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t firstByte,
+                                     const std::string& name);
+
 // Makes the list for these contents. Reads all files.
 CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents);
 

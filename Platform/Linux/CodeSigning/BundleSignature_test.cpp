@@ -187,6 +187,16 @@ TEST_F(BundleSignatureTest, AChangedListIsRefused) {
   expectRefused(errSecCSSignatureFailed, "CodeResources: is not what was signed");
 }
 
+TEST_F(BundleSignatureTest, AListPassesForNoProgram) {
+  const std::string list =
+      bed_.makeFile("bin/fake", contentOfFile(inside("_CodeSignature/CodeResources")));
+  EXPECT_FALSE(signDetached(list, CodeSigningBed::signer(), CodeSigningBed::options()));
+  bed_.folder().write("bin/fake.p7s", contentOfFile(inside("_CodeSignature/CodeSignature")));
+  const CodeSigningFailure failure = bed_.refusal(list);
+  EXPECT_EQ(failure.status, errSecCSBadObjectFormat);
+  EXPECT_EQ(failure.reason, list + ": is a bundle's list, not a program");
+}
+
 TEST_F(BundleSignatureTest, AMissingListOrSignatureIsRefused) {
   std::filesystem::remove(inside("_CodeSignature/CodeResources"));
   expectRefused(errSecCSBadResource, "CodeResources: is missing");

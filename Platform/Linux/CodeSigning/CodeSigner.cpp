@@ -58,6 +58,17 @@ Result<Data> signatureOver(const RegularFile& opened, std::uint64_t size, const 
   return boundedSignature(path, identity, options, *digest);
 }
 
+// The signature would also be one of a bundle with this list.
+Result<void> checkIsNoSeal(const RegularFile& opened, std::uint64_t size, const std::string& path) {
+  if (size == 0) return {};
+  const auto first = readRange(opened.get(), 0, 1, path);
+  if (!first) return std::unexpected(signingError(first.error()));
+  const auto isSeal = isBundleSeal(opened.get(), size, first->front(), path);
+  if (!isSeal) return std::unexpected(signingError(isSeal.error()));
+  if (*isSeal) return invalid(path + ": is a bundle's list, which is signed with the bundle");
+  return {};
+}
+
 // Writes the file completely, but does not put it in place.
 Result<ReplacementFile> writeNewFile(const std::string& path, std::span<const std::uint8_t> bytes,
                                      const struct stat& like) {
@@ -106,6 +117,7 @@ Result<void> signDetached(const std::string& path, const SigningIdentity& identi
         Error{ErrorCode::kInvalid, 0,
               path + ": has a signature at its end, so that one beside it would not count"});
   }
+  if (auto usable = checkIsNoSeal(*opened, size, path); !usable) return usable;
   const auto signature = signatureOver(*opened, size, path, identity, options);
   if (!signature) return std::unexpected(signature.error());
   auto file = writeNewFile(path + ".p7s", *signature, opened->status);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Platform/Linux/CodeSigning/BundleContents.h"
+#include "Platform/Linux/CodeSigning/BundleSeal.h"
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
@@ -22,6 +23,10 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   if (!isSameState(facts.back().status, program->status)) {
     return changedMeanwhile(path + ": was replaced while it was looked at");
   }
+  const auto isSeal =
+      isBundleSeal(program->file.get(), program->payloadBytes, program->firstByte, path);
+  if (!isSeal) return std::unexpected(isSeal.error());
+  if (*isSeal) return refuse(errSecCSBadObjectFormat, path + ": is a bundle's list, not a program");
   auto signature = verifySignature(program->signature, path, context,
                                    [&](const EVP_MD* kind) -> CodeSigningResult<DigestedContent> {
                                      auto digest = digestOfFile(program->file.get(),

@@ -48,6 +48,9 @@ CodeSigningResult<VerifiedSignature> verifySignature(std::span<const std::uint8_
       signer->get(), signature->certificates(), context.anchors.store.get(), anchors,
       context.anchors.revocations, signedAt.value_or(context.now), name);
   if (!chain) return std::unexpected(withRemarks(chain.error(), context.anchors));
+  if (auto checked = signature->checkAttributes(signer->get()); !checked) {
+    return std::unexpected(checked.error());
+  }
   const auto digested = content(signature->digest());
   if (!digested) return std::unexpected(digested.error());
   if (auto checked = signature->checkContent(signer->get(), digested->digest, digested->firstByte);

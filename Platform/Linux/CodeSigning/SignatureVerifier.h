@@ -30,8 +30,8 @@ using DigestContent = std::function<CodeSigningResult<DigestedContent>(const EVP
 
 // Checks a detached signature in this order: its form, its time, which must not be later than now
 // but for five minutes, its signer, the signer's chain to an anchor at the time of signing (now if
-// it states none), and last the content. Only a trusted signature
-// thus costs the reading of the content.
+// it states none), the signed attributes, and last the content. So a forged signature costs the
+// reading of the content only if it has no signed attributes.
 CodeSigningResult<VerifiedSignature> verifySignature(std::span<const std::uint8_t> der,
                                                      const std::string& name,
                                                      const VerificationContext& context,

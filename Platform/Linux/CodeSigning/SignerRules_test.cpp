@@ -188,6 +188,7 @@ TEST_F(SignerRulesTest, OurSignatureCoversChainTimeAndIdentifier) {
   EXPECT_EQ(signature->attributes().signingTime, CodeSigningBed::kSignedAt);
   EXPECT_TRUE(signature->attributes().signingCertificates);
   EXPECT_EQ(sk_X509_num(signature->certificates()), 2);  // The anchor is left out.
+  EXPECT_TRUE(signature->checkAttributes(signer.chain.front().get()));
   EXPECT_TRUE(signature->checkContent(signer.chain.front().get(), Data(32, 7), 0));
 }
 
@@ -219,7 +220,7 @@ TEST_F(SignerRulesTest, OurSignatureWithoutACertificateIsRefused) {
   const OpenSslMemory<unsigned char> held(bytes);
   const auto signature = CmsSignature::parse({bytes, static_cast<std::size_t>(size)}, "x");
   ASSERT_TRUE(signature) << signature.error().reason;
-  const auto checked = signature->checkContent(signer.chain.front().get(), Data(32, 7), 0);
+  const auto checked = signature->checkAttributes(signer.chain.front().get());
   ASSERT_FALSE(checked);
   EXPECT_THAT(checked.error().reason, HasSubstr("lacks certificates that were signed along"));
 }

@@ -11,7 +11,9 @@
 namespace platform {
 
 // Trusts root and the owner of the platform root with files. A signature tells what a file
-// contained when it was read; only its place ensures that it still contains it when it runs.
+// contained when it was read; only its place ensures that it still contains it when it runs. It
+// believes what the file system says about owners, so whoever may mount one below a trusted folder
+// is trusted, too.
 class TrustedPlace {
  public:
   explicit TrustedPlace(uid_t owner) : owner_(owner) {}

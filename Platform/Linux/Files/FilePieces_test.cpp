@@ -50,12 +50,13 @@ TEST_F(FilePiecesTest, AFileThatEndsTooSoonIsAnError) {
 
 TEST_F(FilePiecesTest, AnInterruptedReadIsRepeated) {
   withInterceptedSystemCall(
-      SYS_pread64, [](int nth) { return nth < 3 ? EINTR : 0; }, [&] { EXPECT_TRUE(read(0, 10)); });
+      SYS_pread64, [](const InterceptedCall& call) { return call.nth < 3 ? EINTR : 0; },
+      [&] { EXPECT_TRUE(read(0, 10)); });
 }
 
 TEST_F(FilePiecesTest, AFailedReadNamesTheFile) {
   withInterceptedSystemCall(
-      SYS_pread64, [](int) { return EIO; },
+      SYS_pread64, [](const InterceptedCall&) { return EIO; },
       [&] {
         const auto done = read(0, 10);
         ASSERT_FALSE(done);

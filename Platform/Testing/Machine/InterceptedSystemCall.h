@@ -1,10 +1,14 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <iterator>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -18,11 +22,22 @@
 
 namespace platform {
 
+// A call that is about to be made.
+struct InterceptedCall {
+  int nth = 0;  // among those of its number, from 1
+  std::array<std::uint64_t, 6> arguments{};
+
+  // The argument as a path.
+  std::string pathAt(std::size_t index) const {
+    return reinterpret_cast<const char*>(arguments.at(index));
+  }
+};
+
 // Runs `body` on a thread of its own. Before each system call of this number there, `before` runs
-// on the caller's thread with the number of the call, from 1. The call is made if it returns 0, and
-// fails with the errno that it returns.
+// on the caller's thread. The call is made if it returns 0, and fails with the errno that it
+// returns.
 inline void withInterceptedSystemCall(unsigned int number,
-                                      const std::function<int(int nth)>& before,
+                                      const std::function<int(const InterceptedCall& call)>& before,
                                       const std::function<void()>& body) {
   std::promise<int> listener;
   std::thread thread([&] {
@@ -50,7 +65,9 @@ inline void withInterceptedSystemCall(unsigned int number,
     if (::ioctl(calls, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) break;
     seccomp_notif_resp answer{};
     answer.id = call.id;
-    answer.error = -before(nth);
+    InterceptedCall made{nth, {}};
+    std::ranges::copy(call.data.args, made.arguments.begin());
+    answer.error = -before(made);
     if (answer.error == 0) answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
     ::ioctl(calls, SECCOMP_IOCTL_NOTIF_SEND, &answer);
   }
