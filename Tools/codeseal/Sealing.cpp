@@ -4,7 +4,12 @@
 #include <filesystem>
 #include <system_error>
 
+#include <sys/stat.h>
+
 #include "Platform/Files/Bundle.h"
+#include "Platform/Linux/CodeSigning/BundleContents.h"
+#include "Platform/Linux/Files/RegularFile.h"
+#include "Tools/codeseal/StagedBundle.h"
 
 namespace {
 
@@ -41,27 +46,62 @@ std::vector<std::string> programsOf(const std::string& bundle) {
   return programs;
 }
 
-}  // namespace
-
-Result<std::vector<std::string>> sealCode(const std::string& path, const SigningIdentity& identity,
-                                          const SigningOptions& options, bool detached) {
-  std::error_code error;
+// Signs the bundle at `path`, program by program, and returns what was signed, relative to it.
+Result<std::vector<std::string>> sealBundleAt(const std::string& path,
+                                              const SigningIdentity& identity,
+                                              const SigningOptions& options, bool detached) {
   std::vector<std::string> sealed;
-  if (!std::filesystem::is_directory(path, error)) {
-    if (auto done = sealFile(path, identity, options, detached); !done) {
-      return std::unexpected(done.error());
-    }
-    return std::vector{path};
-  }
   for (const std::string& program : programsOf(path)) {
     if (auto done = sealFile(program, identity, options, detached); !done) {
       return std::unexpected(done.error());
     }
-    sealed.push_back(program);
+    sealed.push_back(program.substr(path.size()));
   }
   if (auto done = signBundle(path, identity, withIdentifier(options, path)); !done) {
     return std::unexpected(done.error());
   }
-  sealed.push_back(path);
+  sealed.emplace_back();
   return sealed;
+}
+
+// The error of work on a copy, about the bundle itself.
+Error aboutOriginal(Error error, const std::string& copy, const std::string& original) {
+  for (std::size_t at = 0; (at = error.context.find(copy, at)) != std::string::npos;) {
+    error.context.replace(at, copy.size(), original);
+    at += original.size();
+  }
+  return error;
+}
+
+// A copy is signed, and takes the bundle's place when all of it is done.
+Result<std::vector<std::string>> sealBundle(const std::string& path,
+                                            const SigningIdentity& identity,
+                                            const SigningOptions& options, bool detached) {
+  if (const auto contents = listBundle(path); !contents) {
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, contents.error().reason});
+  }
+  auto copy = StagedBundle::make(path);
+  if (!copy) return std::unexpected(std::move(copy.error()));
+  auto sealed = sealBundleAt(copy->path(), identity, options, detached);
+  if (!sealed) return std::unexpected(aboutOriginal(sealed.error(), copy->path(), path));
+  if (auto done = copy->commit(); !done) return std::unexpected(std::move(done.error()));
+  for (std::string& one : *sealed) one.insert(0, path);
+  return sealed;
+}
+
+}  // namespace
+
+Result<std::vector<std::string>> sealCode(const std::string& path, const SigningIdentity& identity,
+                                          const SigningOptions& options, bool detached) {
+  const auto found = findFile(path, FinalLink::kRefuse);
+  if (!found) return std::unexpected(found.error());
+  if (S_ISLNK(found->status.st_mode)) {
+    return std::unexpected(
+        Error{ErrorCode::kInvalid, 0, path + ": is a symbolic link; name the real path"});
+  }
+  if (S_ISDIR(found->status.st_mode)) return sealBundle(path, identity, options, detached);
+  if (auto done = sealFile(path, identity, options, detached); !done) {
+    return std::unexpected(done.error());
+  }
+  return std::vector{path};
 }

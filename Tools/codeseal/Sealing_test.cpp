@@ -1,15 +1,21 @@
 #include "Tools/codeseal/Sealing.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
 
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/CodeSigningBed_fixture.h"
 #include "Platform/Linux/CodeSigning/ProgramVerifier.h"
+#include "Platform/Testing/Machine/FailingSystemCall.h"
+#include "Platform/Testing/Machine/FileSizeLimit.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/SignatureReport.h"
 
@@ -109,6 +115,92 @@ TEST_F(SealingTest, ABundleIsSealedAfterItsPrograms) {
   }
   EXPECT_EQ(readBundleSignature(bundle)->identifier, "X");
   EXPECT_EQ(readProgramSignature(program)->identifier, "program");
+}
+
+TEST_F(SealingTest, ALinkIsRefusedAndItsBundleStaysValid) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeBundle("X.bundle");
+  const std::string link = bed_.folder().path("L.bundle");
+  std::filesystem::create_symlink("X.bundle", link);
+  const auto sealed = sealCode(link, identity, options(), false);
+  ASSERT_FALSE(sealed);
+  EXPECT_EQ(sealed.error().context, link + ": is a symbolic link; name the real path");
+  EXPECT_TRUE(bed_.check(bundle));
+}
+
+TEST_F(SealingTest, ASealingThatFailsLeavesTheBundleAsItWas) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeBundle("X.bundle");
+  bed_.makeProgram("X.bundle/Contents/Linux/another");
+  const std::string program = contentOfFile(bundle + "/Contents/Linux/program");
+  const std::string seal = contentOfFile(bundle + "/Contents/_CodeSignature/CodeResources");
+  const auto expectSame = [&] {
+    EXPECT_EQ(contentOfFile(bundle + "/Contents/Linux/program"), program);
+    EXPECT_EQ(contentOfFile(bundle + "/Contents/_CodeSignature/CodeResources"), seal);
+    for (const auto& entry : std::filesystem::directory_iterator(bed_.folder().path())) {
+      EXPECT_FALSE(entry.path().filename().string().starts_with(".codeseal")) << entry.path();
+    }
+  };
+  std::size_t room = 0;
+  for (bool isSealed = false; !isSealed; room += 100) {
+    const FullDisk disk(room);
+    isSealed = sealCode(bundle, identity, options(), false).has_value();
+    if (!isSealed) expectSame();
+    ASSERT_LT(room, 100'000u);
+  }
+  EXPECT_GT(room, 500u);
+  EXPECT_TRUE(bed_.check(bundle));
+  EXPECT_TRUE(bed_.check(bundle + "/Contents/Linux/another"));
+}
+
+TEST_F(SealingTest, AFailureNamesTheBundleAndNotItsCopy) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeBundle("X.bundle");
+  const std::string cut = contentOfFile(bundle + "/Contents/Linux/program");
+  bed_.makeFile("X.bundle/Contents/Linux/program", cut.substr(0, cut.size() - 1));
+  const auto sealed = sealCode(bundle, identity, options(), false);
+  ASSERT_FALSE(sealed);
+  EXPECT_THAT(sealed.error().context, testing::StartsWith(bundle + "/Contents/Linux/program: "));
+}
+
+TEST_F(SealingTest, ABundleKeepsItsModesTimesAndLinks) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeBundle("X.bundle");
+  const std::string folder = bundle + "/Contents/Resources";
+  ASSERT_EQ(::chmod(folder.c_str(), 0750), 0);
+  const auto time = std::filesystem::last_write_time(folder) - std::chrono::hours(1);
+  std::filesystem::last_write_time(folder, time);
+  ASSERT_TRUE(sealCode(bundle, identity, options(), false));
+  EXPECT_EQ(modeOf(folder), 0750u);
+  EXPECT_EQ(std::filesystem::last_write_time(folder), time);
+  EXPECT_EQ(std::filesystem::read_symlink(folder + "/link"), "text");
+  EXPECT_TRUE(bed_.check(bundle));
+}
+
+TEST_F(SealingTest, ABundleIsSealedAlsoWithoutHardLinksAndExchanges) {
+  const auto identity = makeKeys();
+  for (const unsigned int call : {SYS_link, SYS_renameat2}) {
+    const std::string bundle = bed_.makeBundle("X" + std::to_string(call) + ".bundle");
+    bed_.folder().write("X" + std::to_string(call) + ".bundle/Contents/more", "text");
+    withFailingSystemCall(call, EINVAL,
+                          [&] { EXPECT_TRUE(sealCode(bundle, identity, options(), false)); });
+    EXPECT_TRUE(bed_.check(bundle));
+    EXPECT_EQ(contentOfFile(bundle + "/Contents/more"), "text");
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(bed_.folder().path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with(".codeseal")) << entry.path();
+  }
+}
+
+// Their capability is one of the extended attributes.
+TEST_F(SealingTest, AProgramKeepsItsAttributes) {
+  const auto identity = makeKeys();
+  const std::string program = bed_.makeFile("bin/program");
+  if (::setxattr(program.c_str(), "user.note", "x", 1, 0) != 0) GTEST_SKIP() << "no attributes";
+  ASSERT_TRUE(sealCode(program, identity, options(), false));
+  char value = 0;
+  EXPECT_EQ(::getxattr(program.c_str(), "user.note", &value, 1), 1);
+  EXPECT_EQ(value, 'x');
 }
 
 TEST_F(SealingTest, TheReportShowsTheSignature) {

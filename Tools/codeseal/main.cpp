@@ -21,6 +21,7 @@
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/Sealing.h"
 #include "Tools/codeseal/SignatureReport.h"
+#include "Tools/codeseal/WhyReport.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ struct Arguments {
   std::string certificates;
   std::optional<std::string> identifier;
   bool detached = false;
+  bool why = false;
 };
 
 int makeKeys(const Arguments& arguments) {
@@ -97,17 +99,23 @@ int sign(const Arguments& arguments) {
 
 // Reports on each path; `examine` returns the report of one.
 template <typename Examine>
-int report(const Arguments& arguments, const std::string& verdict, Examine examine) {
+int report(const Arguments& arguments, const std::string& verdict, Examine examine,
+           LinuxCodeSignatures* signatures = nullptr) {
   auto json = nlohmann::ordered_json::array();
   int status = EXIT_SUCCESS;
   for (const std::string& path : arguments.paths) {
     const std::string real = realPath(path);
     const SignatureReport made = makeReport(real, examine(real));
     if (!made.reason.empty()) status = EXIT_FAILURE;
+    const auto why =
+        signatures && arguments.why ? explainVerdict(*signatures, real) : std::vector<WhyLine>();
     if (arguments.json) {
       json.push_back(asJson(made));
+      for (const WhyLine& line : why) {
+        json.back()["why"].push_back({{"question", line.question}, {"answer", line.answer}});
+      }
     } else {
-      print(asText(made, verdict));
+      print(asText(made, verdict) + asText(why));
     }
   }
   if (arguments.json) print(json.dump(2) + "\n");
@@ -117,14 +125,16 @@ int report(const Arguments& arguments, const std::string& verdict, Examine exami
 int verify(const Arguments& arguments) {
   const auto signatures = LinuxCodeSignatures::create(realPath(arguments.root), now);
   if (!signatures) return fail(describe(signatures.error()));
-  return report(arguments, "valid",
-                [&](const std::string& path) -> CodeSigningResult<SignatureStatement> {
-                  const auto code = (*signatures)->SecStaticCodeCreateWithPath(path);
-                  if (!code) return std::unexpected(code.error());
-                  const auto verdict = (*signatures)->check(path, (*code)->kind());
-                  if (!verdict) return std::unexpected(verdict.error());
-                  return (*verdict)->signature.statement;
-                });
+  return report(
+      arguments, "valid",
+      [&](const std::string& path) -> CodeSigningResult<SignatureStatement> {
+        const auto code = (*signatures)->SecStaticCodeCreateWithPath(path);
+        if (!code) return std::unexpected(code.error());
+        const auto verdict = (*signatures)->check(path, (*code)->kind());
+        if (!verdict) return std::unexpected(verdict.error());
+        return (*verdict)->signature.statement;
+      },
+      signatures->get());
 }
 
 int show(const Arguments& arguments) {
@@ -156,6 +166,7 @@ void describeCommands(CLI::App& app, Arguments& arguments) {
   verify->add_option("paths", arguments.paths, "What is to be checked")->required();
   verify->add_option("--root", arguments.root, "The platform root with the anchors")
       ->default_str("/");
+  verify->add_flag("--why", arguments.why, "Tell each step that leads to the verdict");
   auto* show = app.add_subcommand("show", "Tell what signatures say, without checking them");
   show->add_option("paths", arguments.paths, "What is to be shown")->required();
   for (CLI::App* command : {keys, sign, verify, show}) {

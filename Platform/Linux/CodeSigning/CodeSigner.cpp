@@ -12,6 +12,7 @@
 #include "Platform/Linux/CodeSigning/BundleSeal.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
+#include "Platform/Linux/Files/AttributeCopy.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/Files/ReplacementFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -101,6 +102,9 @@ Result<void> signProgram(const std::string& path, const SigningIdentity& identit
   if (auto done = file->append(trailer); !done) return done;
   const struct stat& status = opened->status;
   if (auto done = file->setOwnerAndMode(status.st_uid, status.st_gid, status.st_mode); !done) {
+    return done;
+  }
+  if (auto done = copyExtendedAttributes(opened->get(), file->descriptor(), path); !done) {
     return done;
   }
   return file->commit();

@@ -8,9 +8,9 @@
 namespace platform {
 
 // Each of these functions replaces an older signature. Files are replaced atomically: a reader
-// finds the old or the new file, never a part. They keep their permission bits and, if the caller
-// may give files away, their owner. Symbolic links are refused. On failure the files are unchanged.
-// All block on the disk.
+// finds the old or the new file, never a part. They keep their permission bits, their extended
+// attributes with the capabilities and, if the caller may give files away, their owner. Symbolic
+// links are refused. On failure the files are unchanged. All block on the disk.
 
 // Appends a signature to a program. Programs and kernel modules may have one; a file that is read
 // to its end, like a script, may not.

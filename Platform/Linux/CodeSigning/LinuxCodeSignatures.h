@@ -42,6 +42,9 @@ class LinuxCodeSignatures final : public CodeSignatures {
   // folder at `path`, which is its real one.
   CodeSigningResult<void> checkPlace(const std::string& path) const;
 
+  // The anchors that count now.
+  std::shared_ptr<const AnchorSet> anchors() { return anchors_.current(clock_()); }
+
   // The number of cached verdicts.
   std::size_t remembered() const { return verdicts_.size(); }
 
