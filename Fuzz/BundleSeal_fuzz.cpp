@@ -1,0 +1,23 @@
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "Fuzz/Require.h"
+#include "Platform/Linux/CodeSigning/BundleSeal.h"
+
+// The list of a bundle's content, which is read after its signature, and also while a program is
+// checked, which must not be such a list.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  using namespace platform;
+  const auto seal = readBundleSeal({bytes, size}, "list");
+  if (!seal) {
+    fuzz::require(seal.error().status == errSecCSBadResource, "a status");
+    return 0;
+  }
+  for (const auto& [path, item] : *seal) {
+    fuzz::require(item.sha256.empty() != item.linkText.empty(), "a file or a link");
+    fuzz::require(item.sha256.empty() || item.sha256.size() == 32, "the size of a digest");
+  }
+  return 0;
+}
