@@ -22,4 +22,12 @@ std::optional<Instant> DelayedCalls::due(const Key& key) const {
   return call == calls_.end() ? std::nullopt : std::optional(call->second.due);
 }
 
+std::map<std::string, Instant, std::less<>> DelayedCalls::dueOfKind(const std::string& what) const {
+  std::map<std::string, Instant, std::less<>> due;
+  auto call = calls_.lower_bound({what});
+  for (; call != calls_.end() && call->first.what == what; ++call)
+    due.emplace_hint(due.end(), call->first.whom, call->second.due);
+  return due;
+}
+
 }  // namespace platform

@@ -2,6 +2,7 @@
 
 #include <compare>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -33,6 +34,9 @@ class DelayedCalls {
 
   // When the call with this key runs; nothing if none is pending.
   std::optional<Instant> due(const Key& key) const;
+
+  // When each pending call of this kind runs, by its subject.
+  std::map<std::string, Instant, std::less<>> dueOfKind(const std::string& what) const;
 
   std::size_t pending() const { return calls_.size(); }
 

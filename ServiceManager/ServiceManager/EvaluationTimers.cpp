@@ -6,7 +6,9 @@ using namespace platform;
 
 namespace {
 
-DelayedCalls::Key shutdownOf(std::string_view label) { return {"shut down", std::string(label)}; }
+constexpr char kShutDown[] = "shut down";
+
+DelayedCalls::Key shutdownOf(std::string_view label) { return {kShutDown, std::string(label)}; }
 
 }  // namespace
 
@@ -36,6 +38,16 @@ void EvaluationTimers::shutDownLater(const std::string& label, Callback call) {
 
 void EvaluationTimers::performAfterDelay(DelayedCalls::Key key, Duration delay, Callback call) {
   delayedCalls_.perform(std::move(key), std::move(call), delay);
+}
+
+EvaluationTimers::DueTimes EvaluationTimers::dueTimes() const {
+  const auto due = [](const DueTimer& timer) {
+    return timer.handle ? std::optional(timer.due) : std::nullopt;
+  };
+  return {.watchDog = due(watchDog_),
+          .settingsEvaluation = due(settingsChange_),
+          .reevaluation = due(reevaluation_),
+          .shutdowns = delayedCalls_.dueOfKind(kShutDown)};
 }
 
 std::optional<Duration> EvaluationTimers::until(const DueTimer& timer) const {

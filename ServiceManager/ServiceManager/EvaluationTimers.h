@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -48,6 +49,16 @@ class EvaluationTimers {
     return settingsChange_.handle.get();
   }
   const platform::RunLoopHandle* reevaluationTimer() const { return reevaluation_.handle.get(); }
+
+  // When each is due; nothing if there is none. A time in the past belongs to a timer that is
+  // overdue or has fired.
+  struct DueTimes {
+    std::optional<platform::Instant> watchDog;  // repeats with kWatchDogInterval
+    std::optional<platform::Instant> settingsEvaluation;
+    std::optional<platform::Instant> reevaluation;
+    std::map<std::string, platform::Instant, std::less<>> shutdowns;  // by label
+  };
+  DueTimes dueTimes() const;
 
   // The time until each is due; negative or zero if it is overdue or has fired, nothing if there is
   // none.

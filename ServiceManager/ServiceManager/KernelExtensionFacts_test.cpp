@@ -16,7 +16,7 @@ class KernelExtensionFactsTest : public WithKernelExtensions<ServiceManagerFixtu
 TEST_F(KernelExtensionFactsTest, EachExtensionIsReported) {
   EXPECT_TRUE(startExtensions(kHelper));
   takeLog();
-  const Dictionary facts = manager().report().extensions();
+  const Dictionary facts = extensionFacts();
   EXPECT_EQ(facts["net"], Value(Dictionary{{"Identifier", kNetwork},
                                            {"Path", "/Library/Extensions/com.vantor.nke.wfk.kext"},
                                            {"IsLoaded", true},
@@ -36,7 +36,7 @@ TEST_F(KernelExtensionFactsTest, AHungExtensionIsReportedAfterASecond) {
   EXPECT_TRUE(startExtensions(kHelper));
   controls_.setHanging(kNetwork, true);
   Dictionary facts;
-  EXPECT_EQ(timeOf([&] { facts = manager().report().extensions(); }), 1s);
+  EXPECT_EQ(timeOf([&] { facts = extensionFacts(); }), 1s);
   EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
   EXPECT_EQ(facts["net"]["IsAnswering"], Value(false));
   EXPECT_TRUE(facts["other"]["IsAnswering"].isNil());  // Nobody is connected to it.
@@ -46,7 +46,7 @@ TEST_F(KernelExtensionFactsTest, WithoutTheJobHostIsLoadedIsAbsent) {
   EXPECT_TRUE(startExtensions(kHelper));
   extensions_.setUnknown(kNetwork, true);
   extensions_.setUnknown(kOther, true);
-  Dictionary facts = manager().report().extensions();
+  Dictionary facts = extensionFacts();
   EXPECT_TRUE(facts["net"]["IsLoaded"].isNil());
   EXPECT_TRUE(facts["net"]["PID"].isNil());
   EXPECT_EQ(facts["net"]["IsConnected"], Value(true));
@@ -54,14 +54,14 @@ TEST_F(KernelExtensionFactsTest, WithoutTheJobHostIsLoadedIsAbsent) {
   EXPECT_EQ(facts["other"]["IsConnected"], Value(false));
   extensions_.setUnknown(kNetwork, false);
   extensions_.setUnknown(kOther, false);
-  facts = manager().report().extensions();
+  facts = extensionFacts();
   EXPECT_EQ(facts["net"]["IsLoaded"], Value(true));
   EXPECT_EQ(facts["other"]["IsLoaded"], Value(false));
 }
 
 TEST_F(KernelExtensionFactsTest, AnExtensionsFaultIsReported) {
   extensions_.setLoadFails(kOther, true);
-  const Dictionary facts = manager().report().extensions();
+  const Dictionary facts = extensionFacts();
   EXPECT_TRUE(facts["net"]["Fault"].isNil());
   EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
   EXPECT_FALSE(facts["other"]["Path"].isNil());
@@ -73,12 +73,12 @@ TEST_F(KernelExtensionFactsTest, FactsThatTheCatalogueLacksAreAbsent) {
   all.set("KernelExtensions",
           Dictionary{{"x", Dictionary()}, {"y", Dictionary{{"Identifier", "com.example.y"}}}});
   use(all);
-  const Dictionary facts = manager().report().extensions();
+  const Dictionary facts = extensionFacts();
   EXPECT_EQ(facts["x"], Value(Dictionary{{"IsConfigured", false}, {"Services", Array()}}));
   EXPECT_TRUE(facts["y"]["Path"].isNil());
   EXPECT_EQ(facts["y"]["Fault"], Value("com.example.y: no such extension"));
   use(catalogue());
-  EXPECT_TRUE(manager().report().extensions().empty());
+  EXPECT_TRUE(extensionFacts().empty());
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ void logStoppedByUserInterface(const std::string& label) {
 void ORBServiceManager::setMode(std::int64_t mode) {
   operatingMode_ = mode;
   ++modeChanges_;
+  operatorPublisher_.changed();
 }
 
 // An event that changes the mode asks by itself, or waits for another one.

@@ -25,4 +25,5 @@ void ORBServiceManager::processOfServiceEnded(const std::string& label, ProcessI
   trackServiceForRespawn(label, false);
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Respawning job: %@", label));
   evaluateSystemConfigurationLater();
+  operatorPublisher_.changed();
 }

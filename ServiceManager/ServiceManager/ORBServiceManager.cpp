@@ -41,9 +41,11 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                                RunLoop::Callback callback) { loop.post(std::move(callback)); },
                  .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
-      reportsSources_(platform_.settingsClientFactories, platform_.withSettingsOfThisThread,
-                      reportsDelegate_),
-      turns_(platform_.runLoop, [this] { scheduleReevaluation(); }),
+      turns_(platform_.runLoop,
+             [this] {
+               scheduleReevaluation();
+               operatorPublisher_.changed();
+             }),
       jobs_(platform_.jobs, platform_.authorization),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
              {.onWatch =
@@ -84,21 +86,10 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .onUnready = [this] { scheduleReevaluation(); },
                     .rechecks = rechecks_}),
       timers_(platform_.runLoop),
-      report_({.runLoop = platform_.runLoop,
-               .files = platform_.files,
-               .system = platform_.system,
-               .validator = validator_,
-               .extensionsPlatform = platform_.extensions,
-               .catalogue = catalogue_,
-               .jobs = jobs_,
-               .records = records_,
-               .extensions = extensions_,
-               .askedSources = settings_.askedSources(),
-               .sources = reportsSources_,
-               .timers = timers_,
-               .health = healthInfo_,
-               .product = product_,
-               .operatingMode = operatingMode_}),
+      operatorPublisher_({.runLoop = platform_.runLoop,
+                          .pictures = std::make_shared<OperatorPictures>(),
+                          .take = [this] { return operatorPicture(); },
+                          .health = healthInfo_}),
       servers_({.runLoop = platform_.runLoop,
                 .connections = platform_.connections,
                 .distributedCenter = platform_.distributedCenter,
@@ -133,7 +124,7 @@ void ORBServiceManager::finishLaunching() {
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
   // The operator's server follows the announcement, since no step before depends on it.
-  servers_.vendOperatorServer();
+  vendOperatorServer();
 }
 
 void ORBServiceManager::backgroundServiceWillTerminate(const Value& /*notification*/) {

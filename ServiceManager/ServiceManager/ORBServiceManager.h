@@ -20,12 +20,12 @@
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
-#include "ServiceManager/ServiceManager/OperatorReport.h"
+#include "ServiceManager/ServiceManager/OperatorPublisher.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
+#include "ServiceManager/ServiceManager/VendedOperatorServer.h"
 #include "ServiceManager/ServiceManager/VendedServers.h"
 #include "ServiceManager/Settings/SettingsQuestions.h"
-#include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExitMonitor.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
@@ -261,9 +261,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::shared_ptr<platform::NSConnection>& deamonConnection() const {  // spelled so
     return servers_.deamon().connection;
   }
-  const std::shared_ptr<platform::NSConnection>& operatorConnection() const {
-    return servers_.operators().connection;
-  }
   const std::shared_ptr<ORBServiceManagerXPCHandler>& xpcHandler() const {
     return servers_.xpcHandler();
   }
@@ -275,7 +272,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
     return servers_.execHandlerXPCListener();
   }
 
-  const OperatorReport& report() const { return report_; }
+  // A picture without the health record, once the start is announced.
+  OperatorPicture operatorPicture() const;
   // Whether an evaluation has begun and not decided about every service yet.
   bool isEvaluating() const { return turns_.waiting() > 0 || !askedServices_.empty(); }
   // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
@@ -297,6 +295,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void makePrimaryServiceClient();
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);
+  void vendOperatorServer();
+  ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
 
   bool hasService(Label label) const;
   // The elements that are labels of the catalogue, in order.
@@ -344,8 +344,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   SettingsQuestions settings_;
   // Services whose settings have been asked for, and whether they have been evaluated again since.
   std::map<std::string, bool> askedServices_;
-  KLXGlobalSettingsClientDelegate reportsDelegate_;
-  SettingsSources reportsSources_;
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;
   // While an evaluation waits for the primary service, another one need not wait, too.
@@ -359,6 +357,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
   std::unique_ptr<platform::RunLoopHandle> jobStarts_;
   EvaluationTimers timers_;
-  const OperatorReport report_;
-  VendedServers servers_;  // ends first: it calls all of the above
+  std::shared_ptr<const ServiceCatalogue> operatorsCatalogue_;
+  OperatorPublisher operatorPublisher_;
+  VendedServers servers_;  // ends early: it calls all of the above
+  std::optional<VendedOperatorServer> operatorServer_;
+  // Requests of the operator's thread that come after the end of this object are dropped.
+  const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -130,6 +130,11 @@ Value ORBServiceManagerHealthInfo::healthRecord() {
   return answerOf(*taskQueue_, [this] { return record(); });
 }
 
+void ORBServiceManagerHealthInfo::takeHealthRecord(std::move_only_function<void(Value)> take) {
+  SerialQueue::Block block = [this, take = std::move(take)]() mutable { take(record()); };
+  if (!taskQueue_->trySync(block)) taskQueue_->async(std::move(block));
+}
+
 // On the queue.
 
 void ORBServiceManagerHealthInfo::setStatus(std::string_view label, HealthStatus status) {

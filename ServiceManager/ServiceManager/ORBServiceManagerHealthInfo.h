@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -66,6 +67,7 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
   // By name, kHealthy or kUnhealthy: what the health reporter reads. Clears all crash counters.
   platform::Value getHealthStateForServices();
   platform::Value healthRecord() override;
+  void takeHealthRecord(std::move_only_function<void(platform::Value record)> take) override;
 
   // Properties.
   const std::shared_ptr<platform::SerialQueue>& taskQueue() const { return taskQueue_; }

@@ -1,6 +1,7 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 
 #include <utility>
+#include <vector>
 
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
@@ -11,32 +12,93 @@ namespace {
 
 constexpr char kName[] = "ORBServiceManagerOperatorServer";
 
+// The other messages are about the catalogue, which never changes, or are no messages.
+bool needsPicture(std::string_view selector) {
+  return selector == "overview" || selector == "healthRecord" || selector == "extensions" ||
+         selector == "factsOfService:";
+}
+
 }  // namespace
 
 void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, const Array& arguments,
                                                   MessageReply reply) {
-  if (selector != "awaitServices:") return reply.answer(answerTo(selector, arguments));
-  const ServerMessage message{kName, selector, arguments};
-  const Value labels = message.argument();
-  if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
-  whenSettled_(*labels.array(),
-               [reply = std::move(reply)]() mutable { reply.answer(Value(true)); });
+  if (selector == "awaitServices:") {
+    const ServerMessage message{kName, selector, arguments};
+    const Value labels = message.argument();
+    if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
+    return awaitServices(*labels.array(), std::move(reply));
+  }
+  Message message{std::string(selector), arguments, std::move(reply)};
+  if (needsPicture(selector)) {
+    awaitPicture(std::move(message));
+  } else {
+    answer(std::move(message));
+  }
+}
+
+void ORBServiceManagerOperatorServer::awaitPicture(Message message) {
+  const Id id = ++lastId_;
+  message.limit = environment_.runLoop.startTimer(kPictureTime, RunLoop::Repeat::kOnce, [this, id] {
+    answer(std::move(waiting_.extract(id).mapped()));
+  });
+  waiting_.emplace(id, std::move(message));
+  if (!isPictureAsked_) askForPicture();
+}
+
+// A picture that is under way may be older than the messages that come meanwhile, so those wait for
+// the next one.
+void ORBServiceManagerOperatorServer::askForPicture() {
+  isPictureAsked_ = true;
+  environment_.main.publish(onThisThread([this, last = lastId_] { pictureIsPublished(last); }));
+}
+
+void ORBServiceManagerOperatorServer::pictureIsPublished(Id last) {
+  isPictureAsked_ = false;
+  std::vector<Message> messages;
+  while (!waiting_.empty() && waiting_.begin()->first <= last) {
+    messages.push_back(std::move(waiting_.extract(waiting_.begin()).mapped()));
+  }
+  if (!waiting_.empty()) askForPicture();
+  for (Message& message : messages) answer(std::move(message));
+}
+
+void ORBServiceManagerOperatorServer::awaitServices(const Array& labels, MessageReply reply) {
+  const Id id = ++lastId_;
+  unsettled_.emplace(id, std::move(reply));
+  environment_.main.whenSettled(
+      labels, onThisThread([this, id] { unsettled_.extract(id).mapped().answer(Value(true)); }));
+}
+
+RunLoop::Callback ORBServiceManagerOperatorServer::onThisThread(RunLoop::Callback callback) const {
+  return [&loop = environment_.runLoop, isAlive = std::weak_ptr(isAlive_),
+          callback = std::move(callback)]() mutable {
+    loop.post([isAlive = std::move(isAlive), callback = std::move(callback)]() mutable {
+      if (!isAlive.expired()) callback();
+    });
+  };
+}
+
+void ORBServiceManagerOperatorServer::answer(Message message) const {
+  message.limit.reset();
+  message.reply.answer(answerTo(message.selector, message.arguments));
 }
 
 MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selector,
                                                         const Array& arguments) const {
   const ServerMessage message{kName, selector, arguments};
-  if (selector == "overview") return report_.overview();
-  if (selector == "healthRecord") return report_.healthRecord();
-  if (selector == "extensions") return Value(report_.extensions());
+  const OperatorPictures::Picture picture = environment_.pictures->latest();
+  const OperatorReport& report = environment_.report;
+  if (selector == "overview") return report.overview(*picture);
+  if (selector == "healthRecord") return picture->healthRecord;
+  if (selector == "extensions") return Value(report.extensions(*picture));
   if (selector == "factsOfService:") {
     const Value label = message.argument();
     if (!label.string()) return message.invalidArgument("a label");
-    return report_.factsOfService(*label.string());
+    return report.factsOfService(*picture, *label.string());
   }
   if (selector == "jobsOfServices:") {
     return message.withLabels(
-        [this](const Array& labels) { return report_.jobsOfServices(labels); });
+        [&](const Array& labels) { return report.jobsOfServices(*picture, labels); });
   }
   return message.unrecognizedSelector();
 }

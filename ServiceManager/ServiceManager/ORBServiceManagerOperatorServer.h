@@ -1,36 +1,80 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
+#include <string>
 #include <string_view>
 
 #include "Platform/Messages/NSProxy.h"
+#include "Platform/RunLoops/RunLoop.h"
+#include "ServiceManager/ServiceManager/OperatorPictures.h"
 
 class OperatorReport;
 
 // The root object of the operator's server, which reports the daemon's state and the reasons for
-// its decisions, and changes nothing. Belongs to the main thread. The keys of the answers are in
-// OperatorFacts.h and HealthRecord.h.
+// its decisions, and changes nothing. The keys of the answers are in OperatorFacts.h and
+// HealthRecord.h. Belongs to the operator's thread.
+//
+// It asks the main thread for a picture of the daemon, so that a client that has changed something
+// sees the effect. If the main thread is busy for longer than kPictureTime, the answer is about the
+// last picture.
 class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
  public:
-  // Calls `settled` when nothing goes on with the services of these labels.
-  using WhenSettled =
-      std::function<void(const platform::Array& labels, std::move_only_function<void()> settled)>;
+  static constexpr platform::Duration kPictureTime = std::chrono::milliseconds(100);
 
-  // `report` outlives this.
-  ORBServiceManagerOperatorServer(const OperatorReport& report, WhenSettled whenSettled)
-      : report_(report), whenSettled_(std::move(whenSettled)) {}
+  // The requests to the main thread. Both functions return at once and call back on any thread, or
+  // drop the callback if the daemon ends.
+  struct MainThread {
+    std::function<void(platform::RunLoop::Callback published)> publish;
+    // Calls `settled` when nothing goes on with the services of these labels.
+    std::function<void(platform::Array labels, platform::RunLoop::Callback settled)> whenSettled;
+  };
+
+  // All of it outlives this.
+  struct Environment {
+    platform::RunLoop& runLoop;
+    std::shared_ptr<OperatorPictures> pictures;
+    const OperatorReport& report;
+    MainThread main;
+  };
+  explicit ORBServiceManagerOperatorServer(Environment environment)
+      : environment_(std::move(environment)) {}
+  ORBServiceManagerOperatorServer(const ORBServiceManagerOperatorServer&) = delete;
+  ORBServiceManagerOperatorServer& operator=(const ORBServiceManagerOperatorServer&) = delete;
 
   // "overview"; "healthRecord"; "factsOfService:" with a label; "jobsOfServices:" with an array of
-  // labels; "extensions". See OperatorReport.h for the answers and for how long each blocks. A job
-  // host that hangs costs half a minute. "awaitServices:" with an array of labels is answered, by
-  // true, when the service manager is no longer busy with any of these services.
+  // labels; "extensions". See OperatorReport.h for the answers and for how long each blocks.
+  // "awaitServices:" with an array of labels is answered, by true, when the service manager is no
+  // longer busy with any of these services.
   void takeMessage(std::string_view selector, const platform::Array& arguments,
                    platform::MessageReply reply) override;
 
  private:
+  using Id = std::uint64_t;  // of a message
+  struct Message {
+    std::string selector;
+    platform::Array arguments;
+    platform::MessageReply reply;
+    std::unique_ptr<platform::RunLoopHandle> limit = nullptr;
+  };
+
+  void awaitPicture(Message message);
+  void askForPicture();
+  void pictureIsPublished(Id last);
+  void awaitServices(const platform::Array& labels, platform::MessageReply reply);
+  void answer(Message message) const;
   platform::MessageResult answerTo(std::string_view selector,
                                    const platform::Array& arguments) const;
+  // A callback that any thread may run or drop. It runs `callback` on this thread.
+  platform::RunLoop::Callback onThisThread(platform::RunLoop::Callback callback) const;
 
-  const OperatorReport& report_;
-  const WhenSettled whenSettled_;
+  const Environment environment_;
+  Id lastId_ = 0;
+  std::map<Id, Message> waiting_;                   // for a picture
+  std::map<Id, platform::MessageReply> unsettled_;  // those of "awaitServices:"
+  bool isPictureAsked_ = false;
+  const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -33,7 +33,7 @@ inline constexpr char kFactIsStopped[] = "IsStoppedByUserInterface";
 // * real: seconds until it is stopped, because an evaluation found no switch that asks for it.
 inline constexpr char kFactStopIn[] = "StopIn";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
-inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";
+inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * string
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
 inline constexpr char kFactKernel[] = "KernelMajorNumber";
 inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this system

@@ -35,13 +35,11 @@ class OperatorReasonTest : public StartUpFixture {
   }
 
   std::string reasonOf(const char* label) {
-    const Value facts = manager().report().factsOfService(label);
+    const Value facts = serviceFacts(label);
     const std::string* reason = facts[kFactReason].string();
     return reason ? *reason : "";
   }
-  bool isRetried(const char* label) {
-    return manager().report().factsOfService(label)[kFactIsRetried] == Value(true);
-  }
+  bool isRetried(const char* label) { return serviceFacts(label)[kFactIsRetried] == Value(true); }
 
   int isOn_ = 1;
 };
@@ -112,7 +110,7 @@ TEST_F(OperatorReasonTest, AFeatureServiceThatIsOffIsNotRetried) {
   startAll();
   EXPECT_EQ(reasonOf(kAgent), "noMatch");
   EXPECT_FALSE(isRetried(kAgent));
-  EXPECT_EQ(manager().report().factsOfService(kAgent)[kFactStopIn], Value(2.1));
+  EXPECT_EQ(serviceFacts(kAgent)[kFactStopIn], Value(2.1));
   loop_.advanceBy(30s);
   EXPECT_FALSE(isRunning(kAgent));
   EXPECT_EQ(reasonOf(kAgent), "noMatch");

@@ -5,25 +5,25 @@
 
 using namespace platform;
 
-Dictionary OperatorReport::extensions() const {
+Dictionary OperatorReport::extensions(const OperatorPicture& picture) const {
   Dictionary facts;
-  const Value& kexts = environment_.catalogue.extensions();
+  const Value& kexts = picture.catalogue->extensions();
   if (!kexts.dictionary()) return facts;
   for (const auto& [name, entry] : *kexts.dictionary()) {
-    facts.set(name, factsOfKext(name, environment_.catalogue.extensionIdentifier(name)));
+    facts.set(name, factsOfKext(picture, name, picture.catalogue->extensionIdentifier(name)));
   }
   return facts;
 }
 
-Dictionary OperatorReport::factsOfKext(const std::string& name,
+Dictionary OperatorReport::factsOfKext(const OperatorPicture& picture, const std::string& name,
                                        const std::optional<std::string>& identifier) const {
-  Dictionary facts{{kFactKextIsConfigured, environment_.extensions.kextsLoaded().contains(name)}};
+  Dictionary facts{{kFactKextIsConfigured, picture.kextsLoaded.contains(name)}};
   Array services;
-  for (const std::string& label : environment_.catalogue.daemonsUsingKext(name))
+  for (const std::string& label : picture.catalogue->daemonsUsingKext(name))
     services.push_back(Value(label));
   facts.set(kFactKextServices, std::move(services));
   if (!identifier) return facts;
-  KernelExtensions& loader = environment_.extensionsPlatform.loader;
+  KernelExtensions& loader = environment_.extensions.loader;
   facts.set(kFactKextIdentifier, *identifier);
   const auto path = loader.KextManagerCreateURLForBundleIdentifier(*identifier);
   if (path) facts.set(kFactKextPath, *path);
@@ -38,7 +38,7 @@ Dictionary OperatorReport::factsOfKext(const std::string& name,
   }
   const Value& process = information[kOSBundleProcessKey];
   if (!process.isNil()) facts.set(kFactKextProcess, process);
-  const auto socket = connectToControl(environment_.extensionsPlatform.controls, *identifier);
+  const auto socket = connectToControl(environment_.extensions.controls, *identifier);
   facts.set(kFactKextIsConnected, socket.has_value());
   if (socket) facts.set(kFactKextIsAnswering, (*socket)->ping().has_value());
   return facts;

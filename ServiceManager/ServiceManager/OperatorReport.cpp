@@ -29,6 +29,12 @@ void setIfKnown(Dictionary& facts, const char* key, Value value) {
   if (!value.isNil()) facts.set(key, std::move(value));
 }
 
+// The release that the service's entry in the catalogue asks for, nil if it asks for none.
+Value releaseIn(const Value& entry) {
+  const Value& version = entry["MinimumOSVersion"];
+  return version.isNil() ? Value() : Value(stringWithFormat("%@", version));
+}
+
 const char* wordOf(SwitchOutcome outcome) {
   switch (outcome) {
     case SwitchOutcome::kMatches:
@@ -61,82 +67,87 @@ std::string refusalIn(const NSException& exception) {
 
 }  // namespace
 
-void OperatorReport::addOperatingFacts(Dictionary& facts) const {
-  const EvaluationTimers& timers = environment_.timers;
-  facts.set(kFactOperatingMode, environment_.operatingMode);
-  if (environment_.product) facts.set(kFactProduct, *environment_.product);
-  facts.set(kFactPrimary, environment_.catalogue.primaryLabel());
-  if (const auto left = timers.untilReevaluation()) facts.set(kFactRetryIn, inSeconds(*left));
-  if (const auto left = timers.untilSettingsEvaluation()) {
+Duration OperatorReport::until(Instant due) const { return due - environment_.runLoop.now(); }
+
+void OperatorReport::addOperatingFacts(Dictionary& facts, const OperatorPicture& picture) const {
+  const EvaluationTimers::DueTimes& timers = picture.timers;
+  facts.set(kFactOperatingMode, picture.operatingMode);
+  if (picture.product) facts.set(kFactProduct, *picture.product);
+  facts.set(kFactPrimary, picture.catalogue->primaryLabel());
+  if (timers.reevaluation) facts.set(kFactRetryIn, inSeconds(until(*timers.reevaluation)));
+  if (timers.settingsEvaluation) {
     // A timer that has fired outside the normal mode is kept, and delays further changes.
-    if (*left > Duration::zero()) {
-      facts.set(kFactSettingsEvaluationIn, inSeconds(*left));
+    if (*timers.settingsEvaluation > picture.taken) {
+      facts.set(kFactSettingsEvaluationIn, inSeconds(until(*timers.settingsEvaluation)));
     } else {
       facts.set(kFactSettingsChangesWait, true);
     }
   }
-  if (const auto left = timers.untilWatchDog()) facts.set(kFactWatchDogIn, inSeconds(*left));
-}
-
-void OperatorReport::addMarksOfService(Dictionary& facts, std::string_view label) const {
-  const MonitoringRecords& records = environment_.records;
-  facts.set(kFactType, environment_.catalogue.serviceType(label));
-  facts.set(kFactIsMonitored, records.isServiceBeingTrackedForRespawn(label));
-  facts.set(kFactIsStopped, records.isServiceBeingTrackedForUserClientShutdownRequest(label));
-  if (const auto left = environment_.timers.untilShutdown(label)) {
-    facts.set(kFactStopIn, inSeconds(*left));
+  if (timers.watchDog) {
+    constexpr Duration kPeriod = EvaluationTimers::kWatchDogInterval;
+    const Duration since = environment_.runLoop.now() - (*timers.watchDog - kPeriod);
+    facts.set(kFactWatchDogIn, inSeconds(kPeriod - since % kPeriod));
   }
 }
 
-Value OperatorReport::overview() const {
+void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture& picture,
+                                       std::string_view label) const {
+  const MonitoringRecords& records = picture.records;
+  facts.set(kFactType, picture.catalogue->serviceType(label));
+  facts.set(kFactIsMonitored, records.isServiceBeingTrackedForRespawn(label));
+  facts.set(kFactIsStopped, records.isServiceBeingTrackedForUserClientShutdownRequest(label));
+  const auto shutdown = picture.timers.shutdowns.find(label);
+  if (shutdown != picture.timers.shutdowns.end()) {
+    facts.set(kFactStopIn, inSeconds(until(shutdown->second)));
+  }
+}
+
+Value OperatorReport::overview(const OperatorPicture& picture) const {
   Dictionary facts;
-  addOperatingFacts(facts);
+  addOperatingFacts(facts, picture);
   Dictionary all;
-  const Value& services = environment_.catalogue.services();
+  const Value& services = picture.catalogue->services();
   if (services.dictionary()) {
     for (const auto& [label, entry] : *services.dictionary()) {
       Dictionary service;
-      addMarksOfService(service, label);
+      addMarksOfService(service, picture, label);
+      setIfKnown(service, kFactMinimumOSVersion, releaseIn(entry));
       all.set(label, std::move(service));
     }
   }
   facts.set(kFactServices, std::move(all));
-  facts.set(kFactOtherServices, environment_.catalogue.otherProductsServices());
+  facts.set(kFactOtherServices, picture.catalogue->otherProductsServices());
   return facts;
 }
 
-Value OperatorReport::healthRecord() const {
-  return environment_.health ? environment_.health->healthRecord() : Value();
-}
-
-Value OperatorReport::factsOfService(std::string_view label) const {
-  const ServiceCatalogue& catalogue = environment_.catalogue;
+Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) const {
+  const ServiceCatalogue& catalogue = *picture.catalogue;
   const Value entry = catalogue.service(label);
   const bool isOfProduct = !entry.isNil();
   if (!isOfProduct && !catalogue.otherProductsServices().contains(label)) return {};
   Dictionary facts{{kFactLabel, label}, {kFactIsOfProduct, isOfProduct}};
-  addOperatingFacts(facts);
+  addOperatingFacts(facts, picture);
   if (!isOfProduct) {
     facts.set(kFactProducts, catalogue.otherProductsServices()[label]);
     facts.set(kFactReason, reasonOf({.isOfProduct = false}));
     return facts;
   }
   setIfKnown(facts, kFactProducts, entry["Products"]);
-  addMarksOfService(facts, label);
-  const MonitoringRecords& records = environment_.records;
+  addMarksOfService(facts, picture, label);
+  const MonitoringRecords& records = picture.records;
   const std::string primary = catalogue.primaryLabel();
   ServiceSituation situation{
       .isPrimary = label == primary,
       .type = catalogue.serviceType(label),
-      .operatingMode = environment_.operatingMode,
+      .operatingMode = picture.operatingMode,
       .isStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(label),
       .isPrimaryStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(primary)};
   facts.set(kFactIsPrimaryStopped, situation.isPrimaryStopped);
   addSystemFacts(facts, situation, entry);
-  addProgramFacts(facts, situation, label);
+  addProgramFacts(facts, situation, catalogue.jobInfo(label));
   situation.job = addJobFacts(facts, label);
-  addHealthFacts(facts, situation, label);
-  addSwitches(facts, situation, label);
+  addHealthFacts(facts, situation, picture, label);
+  addSwitches(facts, situation, picture, label);
   facts.set(kFactReason, reasonOf(situation));
   return facts;
 }
@@ -149,16 +160,15 @@ void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situati
   situation.support = osSupport(version, kernel);
   facts.set(kFactIsSupported, situation.support == OSSupport::kSupported);
   if (version.isNil()) return;
-  facts.set(kFactMinimumOSVersion, stringWithFormat("%@", version));
+  facts.set(kFactMinimumOSVersion, releaseIn(entry));
   if (const auto needed = kernelMajorNumberForMinimumOSVersion(version)) {
     facts.set(kFactNeededKernel, *needed);
   }
 }
 
 void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situation,
-                                     std::string_view label) const {
+                                     const Value& jobInfo) const {
   situation.program = std::nullopt;
-  const Value jobInfo = environment_.catalogue.jobInfo(label);
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
@@ -176,7 +186,7 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
 }
 
 ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
-  const Value job = environment_.jobs.copyJobDictionary(label);
+  const Value job = environment_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
   if (job.isNil()) return ServiceJobState::kAbsent;
   if (isJobUnknown(job)) {
     facts.set(kFactJobIsUnknown, true);
@@ -191,22 +201,23 @@ ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view 
 }
 
 void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situation,
-                                    std::string_view label) const {
-  const Value health = healthRecord()[kHealthServices][label];
+                                    const OperatorPicture& picture, std::string_view label) const {
+  const Value health = picture.healthRecord[kHealthServices][label];
   setIfKnown(facts, kFactHealth, health);
   const bool isReady = health[kHealthStatus] != Value(std::to_underlying(HealthStatus::kUnready));
-  const auto retry = environment_.timers.untilReevaluation();
-  const auto stop = environment_.timers.untilShutdown(label);
+  const auto& retry = picture.timers.reevaluation;
+  const auto stop = picture.timers.shutdowns.find(label);
   // A service that is stopped before the retry is no longer one of those that are not ready.
-  situation.isRetried = !isReady && retry && !(stop && *stop < *retry);
+  const bool isStoppedBefore = stop != picture.timers.shutdowns.end() && stop->second < retry;
+  situation.isRetried = !isReady && retry && !isStoppedBefore;
   facts.set(kFactIsRetried, situation.isRetried);
 }
 
-Value OperatorReport::jobsOfServices(const Array& labels) const {
+Value OperatorReport::jobsOfServices(const OperatorPicture& picture, const Array& labels) const {
   Dictionary all;
   bool isHostAway = false;
   for (const Value& label : labels) {
-    if (!label.string() || environment_.catalogue.service(*label.string()).isNil()) continue;
+    if (!label.string() || picture.catalogue->service(*label.string()).isNil()) continue;
     Dictionary facts;
     if (isHostAway) {
       facts.set(kFactJobIsUnknown, true);
@@ -222,9 +233,9 @@ Value OperatorReport::jobsOfServices(const Array& labels) const {
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
-                                 std::string_view label) const {
+                                 const OperatorPicture& picture, std::string_view label) const {
   if (situation.type != kFeatureService) return;
-  const auto configurations = featureConfigurations(environment_.catalogue, label);
+  const auto configurations = featureConfigurations(*picture.catalogue, label);
   if (!configurations) {
     situation.areFeaturesMalformed = true;
     facts.set(kFactFeaturesAreMalformed, true);
@@ -236,7 +247,8 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
     for (const auto& [key, expected] : configuration.switches) {
       Dictionary row{
           {kFactFeature, configuration.feature}, {kFactKey, key}, {kFactExpected, expected}};
-      situation.switches.push_back(addSwitchFacts(row, configuration, key, expected, left));
+      situation.switches.push_back(
+          addSwitchFacts(row, picture, configuration, key, expected, left));
       row.set(kFactOutcome, wordOf(situation.switches.back()));
       all.push_back(std::move(row));
     }
@@ -244,14 +256,14 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
   facts.set(kFactSwitches, std::move(all));
 }
 
-SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts,
+SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPicture& picture,
                                              const FeatureConfiguration& configuration,
                                              const std::string& key, const Value& expected,
                                              SourceTimes& left) const {
   if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
-  const auto asked = environment_.askedSources.find(*configuration.source);
-  if (asked == environment_.askedSources.end()) return SwitchOutcome::kNotAsked;
+  const auto asked = picture.askedSources.find(*configuration.source);
+  if (asked == picture.askedSources.end()) return SwitchOutcome::kNotAsked;
   SettingsClient* const client =
       asked->second ? environment_.sources.configurationWithSelectorPrefix(asked->first) : nullptr;
   if (!client) return SwitchOutcome::kNoSource;

@@ -12,35 +12,32 @@ using namespace platform;
 using namespace std::chrono_literals;
 using testing::IsEmpty;
 
-// The report on collaborators of which no daemon takes care.
+// The report on a picture of collaborators of which no daemon takes care.
 class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsClientDelegate {
  protected:
-  std::int64_t operatingMode_ = ORBOperatingModeNormal;
-  std::optional<std::string> product_ = "product";
   SettingsClientFactories factories_;
-  SettingsSources sources_{factories_, [this](const auto& ask) { ask(factories_); }, *this};
-  std::map<std::string, bool> askedSources_;
+  SettingsSources sources_{factories_, {}, *this};
   EvaluationTimers timers_{loop_};
   const OperatorReport report_{{.runLoop = loop_,
                                 .files = files_,
                                 .system = system_,
                                 .validator = validator_,
-                                .extensionsPlatform = extensionsPlatform_,
-                                .catalogue = catalogue_,
-                                .jobs = launchd_,
-                                .records = records_,
-                                .extensions = control_,
-                                .askedSources = askedSources_,
-                                .sources = sources_,
-                                .timers = timers_,
-                                .health = health_,
-                                .product = product_,
-                                .operatingMode = operatingMode_}};
+                                .extensions = extensionsPlatform_,
+                                .jobs = jobs_,
+                                .sources = sources_}};
+
+  OperatorPicture picture() const {
+    return {.taken = loop_.now(),
+            .catalogue = std::make_shared<ServiceCatalogue>(catalogue_),
+            .product = "product",
+            .records = records_,
+            .timers = timers_.dueTimes()};
+  }
 };
 
 TEST_F(OperatorReportTest, TheOverviewHasEachServiceWithItsMarks) {
   records_.trackServiceForUserClientShutdownRequest(kHelper, true);
-  const Value overview = report_.overview();
+  const Value overview = report_.overview(picture());
   EXPECT_EQ(overview[kFactProduct], Value("product"));
   EXPECT_EQ(overview[kFactPrimary], Value(kPrimary));
   EXPECT_EQ(overview[kFactServices].dictionary()->size(), 3u);
@@ -50,9 +47,9 @@ TEST_F(OperatorReportTest, TheOverviewHasEachServiceWithItsMarks) {
 
 TEST_F(OperatorReportTest, AnEmptyCatalogueHasNoService) {
   catalogue_ = {};
-  EXPECT_THAT(*report_.overview()[kFactServices].dictionary(), IsEmpty());
-  EXPECT_TRUE(report_.factsOfService(kAgent).isNil());
-  EXPECT_THAT(report_.extensions(), IsEmpty());
+  EXPECT_THAT(*report_.overview(picture())[kFactServices].dictionary(), IsEmpty());
+  EXPECT_TRUE(report_.factsOfService(picture(), kAgent).isNil());
+  EXPECT_THAT(report_.extensions(picture()), IsEmpty());
 }
 
 TEST_F(OperatorReportTest, EachTimerIsReportedByItsRemainingTime) {
@@ -60,18 +57,30 @@ TEST_F(OperatorReportTest, EachTimerIsReportedByItsRemainingTime) {
   timers_.startReevaluationTimer([] {});
   timers_.startSettingsChangeTimer([] {});
   loop_.advanceBy(500ms);
-  const Value overview = report_.overview();
+  const Value overview = report_.overview(picture());
   EXPECT_EQ(overview[kFactRetryIn], Value(19.5));
   EXPECT_EQ(overview[kFactSettingsEvaluationIn], Value(1.5));
   EXPECT_EQ(overview[kFactWatchDogIn], Value(899.5));
 }
 
+TEST_F(OperatorReportTest, TimersOfAnOldPictureGoOn) {
+  timers_.startWatchDog([] {});
+  timers_.startSettingsChangeTimer([] {});
+  const OperatorPicture old = picture();
+  loop_.sleepFor(1000s);
+  const Value overview = report_.overview(old);
+  EXPECT_EQ(overview[kFactSettingsEvaluationIn], Value(0.0));
+  EXPECT_TRUE(overview[kFactSettingsChangesWait].isNil());
+  EXPECT_EQ(overview[kFactWatchDogIn], Value(800.0));
+}
+
 TEST_F(OperatorReportTest, AServicesFactsFollowItsJob) {
-  EXPECT_EQ(report_.factsOfService(kAgent)[kFactJob], Value());
-  EXPECT_EQ(report_.factsOfService(kAgent)[kFactReason], Value("notStarted"));
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob], Value());
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("notStarted"));
   enforcement_.enforceRunningForService(kAgent, nullptr);
-  EXPECT_EQ(report_.factsOfService(kAgent)[kFactJob], Value(Dictionary{{"PID", process(kAgent)}}));
-  EXPECT_EQ(report_.factsOfService(kAgent)[kFactReason], Value("core"));
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob],
+            Value(Dictionary{{"PID", process(kAgent)}}));
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("core"));
 }
 
 TEST_F(OperatorReportTest, AReportMakesNoClientAndLogsNothing) {
@@ -80,14 +89,14 @@ TEST_F(OperatorReportTest, AReportMakesNoClientAndLogsNothing) {
   const Dictionary config{{"Source", "common"}, {"Switches", Dictionary{{"on", 1}}}};
   all.set("Features", Dictionary{{"web", Dictionary{{"Config", Array{config}}}}});
   use(all);
-  const Value facts = report_.factsOfService(kAgent);
+  const Value facts = report_.factsOfService(picture(), kAgent);
   EXPECT_EQ((*facts[kFactSwitches].array())[0][kFactOutcome], Value(kOutcomeNotAsked));
   EXPECT_FALSE(sources_.configurationClients());
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 TEST_F(OperatorReportTest, OnlyLabelsOfThisProductsServicesHaveJobs) {
-  const Value jobs = report_.jobsOfServices({kAgent, "com.example.unknown", 5, Value()});
+  const Value jobs = report_.jobsOfServices(picture(), {kAgent, "com.example.unknown", 5, Value()});
   EXPECT_EQ(jobs, Value(Dictionary{{kAgent, Dictionary()}}));
 }
 

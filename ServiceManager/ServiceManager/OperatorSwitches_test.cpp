@@ -44,7 +44,7 @@ TEST_F(OperatorSwitchesTest, ASlowSettingsServerHasTwoSecondsInAll) {
                  });
   startAll();
   const Instant before = loop_.now();
-  const Value facts = manager().report().factsOfService(kAgent);
+  const Value facts = serviceFacts(kAgent);
   EXPECT_EQ(loop_.now() - before, 2s);
   std::vector<std::string> outcomes;
   for (const Value& row : *facts[kFactSwitches].array())
@@ -59,7 +59,7 @@ TEST_F(OperatorSwitchesTest, AHungSettingsServerIsWaitedForOnce) {
                  });
   startAll();
   const Instant before = loop_.now();
-  const Value facts = manager().report().factsOfService(kAgent);
+  const Value facts = serviceFacts(kAgent);
   EXPECT_EQ(loop_.now() - before, 2s);
   const Array& switches = *facts[kFactSwitches].array();
   ASSERT_EQ(switches.size(), 5u);

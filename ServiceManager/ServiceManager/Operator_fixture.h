@@ -46,7 +46,17 @@ class OperatorFixture : public StartUpFixture {
                                                        operator_.center, protocols_, system_},
                       kServer, kORBServiceManagerOperatorProtocol, std::nullopt);
     }
-    const platform::MessageResult answer = client_->sendMessage(selector, arguments);
+    const auto proxy = client_->rootProxy();
+    platform::MessageResult answer;
+    client_->setRecentException(std::nullopt);
+    if (!proxy) return {};
+    // Both programs are on one loop, so the client must not block it.
+    proxy->sendMessageAsync(selector, arguments,
+                            platform::MessageReply([&](platform::MessageResult result) {
+                              answer = std::move(result);
+                            }));
+    loop_.runReady();
+    if (!answer) client_->setRecentException(answer.error());
     return answer.value_or(Value());
   }
   Value factsOf(const char* label) { return ask("factsOfService:", {label}); }

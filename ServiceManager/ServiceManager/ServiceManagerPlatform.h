@@ -4,7 +4,6 @@
 #include <functional>
 #include <memory>
 
-#include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Files/Bundle.h"
 #include "Platform/Files/ExtendedAttributes.h"
@@ -20,6 +19,7 @@
 #include "Platform/SystemFacts/RandomDevice.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/XPC/XPC.h"
+#include "ServiceManager/ServiceManager/OperatorWorker.h"
 #include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
@@ -48,13 +48,12 @@ struct ServiceManagerPlatform {
   platform::NotificationCenter& notificationCenter;
   const platform::ProtocolTable& protocols;
   const platform::Bundle& mainBundle;
-  KernelExtensionsPlatform extensions;  // for reports; it waits a second at most
-  // Another one, which only work on this worker uses: it waits for extensions.
+  // Only work on this worker uses them, since they wait for extensions.
   KernelExtensionsPlatform workersExtensions;
   std::function<void(platform::RunLoop::Callback work)> onExtensionWorker;
   ProcessOwner owner;
-  const SettingsClientFactories& settingsClientFactories;  // for reports
   SettingsWorker settingsWorker;
+  OperatorWorker operatorWorker;
   // Makes the health record of a product that keeps one; may return null.
   std::function<std::unique_ptr<ServiceHealth>()> makeHealthInfo;
   platform::XPC& xpc;

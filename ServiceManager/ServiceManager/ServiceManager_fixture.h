@@ -22,6 +22,7 @@
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
+#include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/ServiceManager/UserInterface_fixture.h"
 #include "ServiceManager/Supervision/SupervisedMachine_fixture.h"
@@ -170,6 +171,10 @@ class ServiceManagerFixture : public SupervisedMachine {
     loop_.runReady();
   }
 
+  // The operator's facts, as the operator's server reports them.
+  Value serviceFacts(const char* label) { return report_.factsOfService(picture(), label); }
+  Dictionary extensionFacts() { return report_.extensions(picture()); }
+
   std::shared_ptr<UserInterface> registerClient() {
     auto client = std::make_shared<UserInterface>(protocols_);
     manager().registerClient(client->proxy);
@@ -201,13 +206,13 @@ class ServiceManagerFixture : public SupervisedMachine {
             protocols_,
             bundle_,
             extensionsPlatform_,
-            extensionsPlatform_,
             [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
             owner_,
-            factories_,
             {[this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
              {loop_, connections_, *center_, notificationCenter_, protocols_, system_},
              factories_},
+            {[](platform::RunLoop::Callback work) { work(); }, loop_, connections_, jobs_,
+             extensionsPlatform_, factories_},
             [this]() -> std::unique_ptr<ServiceHealth> {
               if (keepsHealthRecord_) return makeHealthInfo();
               return std::make_unique<FakeServiceHealth>(reports_);
@@ -258,6 +263,12 @@ class ServiceManagerFixture : public SupervisedMachine {
     manager().trackServiceForUserClientShutdownRequest(*primary, false);
   }
 
+  OperatorPicture picture() {
+    OperatorPicture picture = manager().operatorPicture();
+    if (manager().healthInfo()) picture.healthRecord = manager().healthInfo()->healthRecord();
+    return picture;
+  }
+
   static std::string nameInFolder(std::string_view name) { return "/names/" + std::string(name); }
 
   platform::FakeLogSink systemSink_;  // lines of the platform itself
@@ -287,4 +298,9 @@ class ServiceManagerFixture : public SupervisedMachine {
   StatusServer configurationServer_;
   std::optional<Program> configurationProgram_;
   std::optional<ORBServiceManager> manager_;
+  const ORBSigningValidator validator_{signatures_};
+  KLXGlobalSettingsClientDelegate reportsDelegate_;
+  SettingsSources reportsSources_{factories_, {}, reportsDelegate_};
+  const OperatorReport report_{
+      {loop_, files_, system_, validator_, extensionsPlatform_, jobs_, reportsSources_}};
 };

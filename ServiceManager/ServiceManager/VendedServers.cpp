@@ -11,7 +11,6 @@ namespace {
 constexpr char kInstallerServer[] = "com.vantor.servicemanager.installer.server";
 constexpr char kUserInterfaceServer[] = "com.vantor.servicemanager.userinterface.server";
 constexpr char kAuthServer[] = "com.vantor.common.servicemanager.auth";
-constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
 // The release that brought XPC connections, 10.8. The major number is deliberately not checked.
 constexpr std::uint64_t kFirstMinorVersion = 8;
@@ -23,15 +22,12 @@ VendedServers::VendedServers(const Environment& environment, ORBServiceManager& 
       manager_(manager),
       installerServer_(manager),
       userInterfaceServer_(manager),
-      authServer_(manager.secret()),
-      operatorServer_(manager.report(), [&manager](const Array& labels, auto settled) {
-        manager.whenSettled(labels, std::move(settled));
-      }) {}
+      authServer_(manager.secret()) {}
 
 VendedServers::~VendedServers() {
   endXPCListeners();
   // The delegate and the targets of the root objects end here; connections may last longer.
-  for (const Server* server : {&installer_, &userInterface_, &deamon_, &operator_}) {
+  for (const Server* server : {&installer_, &userInterface_, &deamon_}) {
     if (server->connection) server->connection->invalidate();
   }
 }
@@ -43,11 +39,6 @@ void VendedServers::vendServers() {
   userInterface_ = vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol, manager_,
                         userInterfaceServer_);
   deamon_ = vend(kAuthServer, kServiceManagerAuthProtocol, *connectionAuthenticator_, authServer_);
-}
-
-void VendedServers::vendOperatorServer() {
-  operator_ = vend(kOperatorServer, kORBServiceManagerOperatorProtocol, *connectionAuthenticator_,
-                   operatorServer_);
 }
 
 VendedServers::Server VendedServers::vend(const char* name, const char* protocol,

@@ -16,7 +16,6 @@
 #include "ServiceManager/ServiceManager/AuthServer.h"
 #include "ServiceManager/ServiceManager/InstallerServer.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
-#include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
 #include "ServiceManager/ServiceManager/UserInterfaceServer.h"
 
@@ -55,7 +54,6 @@ class VendedServers {
   // A name that can't be registered is logged, and the other servers are vended all the same.
   void vendServers();
   void vendXPCListeners();  // none if the system is too old for them
-  void vendOperatorServer();
 
   // Null before vendServers().
   KLXConnectionAuthenticator* connectionAuthenticator() const {
@@ -64,7 +62,6 @@ class VendedServers {
   const Server& installer() const { return installer_; }
   const Server& userInterface() const { return userInterface_; }
   const Server& deamon() const { return deamon_; }  // spelled so
-  const Server& operators() const { return operator_; }
   // Null without listeners.
   const std::shared_ptr<ORBServiceManagerXPCHandler>& xpcHandler() const { return xpcHandler_; }
   const std::shared_ptr<ORBExecInfoHandler>& execHandler() const { return execHandler_; }
@@ -84,12 +81,10 @@ class VendedServers {
   InstallerServer installerServer_;
   UserInterfaceServer userInterfaceServer_;
   AuthServer authServer_;
-  ORBServiceManagerOperatorServer operatorServer_;
   std::unique_ptr<KLXConnectionAuthenticator> connectionAuthenticator_;
   Server installer_;
   Server userInterface_;
   Server deamon_;
-  Server operator_;
   // Shared with their connections.
   std::shared_ptr<ORBServiceManagerXPCHandler> xpcHandler_;
   std::shared_ptr<ORBExecInfoHandler> execHandler_;

@@ -42,7 +42,9 @@
 #include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerHealthInfo.h"
+#include "ServiceManager/ServiceManager/OperatorWorker.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Settings/NullNotificationCenter.h"
 #include "ServiceManager/Settings/SettingsOfThisThread.h"
 
 namespace {
@@ -155,6 +157,60 @@ class ExtensionWorker {
   platform::LinuxKernelExtensions extensions_;
 };
 
+// The clients that the operator's server uses, for one thread that may wait for the job host, a
+// settings server or an extension.
+class OperatorClients {
+ public:
+  OperatorClients(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                  const platform::ListenerPlaces& places, const platform::ProtocolTable& protocols,
+                  platform::CodeSignatures& signatures)
+      : thread_(thread),
+        root_(linux.configuration.root),
+        transport_(thread.loop()),
+        connections_(thread.loop(), transport_, center_, linux.systemLog,
+                     [&places](std::string_view name) { return places.connection(name); }),
+        host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
+        jobs_(host_),
+        controls_(root_),
+        tasks_(thread.loop(), center_, {.descriptorLimit = linux.originalDescriptorLimit}),
+        extensions_(
+            {thread.loop(), jobs_, signatures, controls_, modules_, linux.systemLog},
+            platform::LinuxKernelExtensions::folders(root_, linux.mainBundle.resourcePath())) {
+    addSettingsClientFactories(factories_, {thread.loop(), connections_, nullCenter_, center_,
+                                            protocols, linux.systemInformation});
+    thread_.loop().post(
+        [] { vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self()); });
+    thread.run();
+  }
+  OperatorClients(const OperatorClients&) = delete;
+  OperatorClients& operator=(const OperatorClients&) = delete;
+
+  OperatorWorker worker() {
+    return {.perform = [&loop = thread_.loop()](
+                           platform::RunLoop::Callback work) { loop.post(std::move(work)); },
+            .runLoop = thread_.loop(),
+            .connections = connections_,
+            .jobs = jobs_,
+            .extensions = {extensions_, controls_, tasks_, root_},
+            .settingsClientFactories = factories_};
+  }
+
+ private:
+  platform::LoopThread& thread_;
+  const std::string root_;
+  platform::NotificationCenter center_;
+  NullNotificationCenter nullCenter_;
+  platform::DBusPeerTransport transport_;
+  platform::NamedConnections connections_;
+  SettingsClientFactories factories_;
+  platform::JobHostClient host_;
+  platform::EmbeddedJobs jobs_;
+  platform::LinuxKernelControls controls_;
+  platform::KmodModules modules_;
+  platform::LinuxTasks tasks_;
+  platform::LinuxKernelExtensions extensions_;
+};
+
 int fail(const platform::Error& error) {
   std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
   return EXIT_FAILURE;
@@ -198,15 +254,6 @@ int main(int argc, char** argv) {
   // until it ends.
   const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket));
   if (!xpc) return fail(xpc.error());
-  SettingsClientFactories settingsClientFactories;
-  addSettingsClientFactories(settingsClientFactories, {loop, connections, *distributedCenter,
-                                                       center, protocols, linux.systemInformation});
-
-  platform::LinuxKernelControls controls(root);
-  platform::KmodModules modules;
-  platform::LinuxKernelExtensions extensions(
-      {loop, jobs, **signatures, controls, modules, linux.systemLog},
-      platform::LinuxKernelExtensions::folders(root, linux.mainBundle.resourcePath()));
 
   // All that waits for an extension does so on a thread of its own, with a connection of its own.
   const auto extensionThread = platform::LoopThread::create();
@@ -214,8 +261,12 @@ int main(int argc, char** argv) {
   // So does all that waits for a settings server.
   const auto settingsThread = platform::LoopThread::create();
   if (!settingsThread) return fail(settingsThread.error());
+  // The operator is answered on a thread of its own, also while the main thread is busy.
+  const auto operatorThread = platform::LoopThread::create();
+  if (!operatorThread) return fail(operatorThread.error());
   ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
   SettingsClientsWorker settingsWorker(**settingsThread, linux, places, protocols);
+  OperatorClients operatorClients(**operatorThread, linux, places, protocols, **signatures);
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
@@ -231,13 +282,12 @@ int main(int argc, char** argv) {
       .notificationCenter = center,
       .protocols = protocols,
       .mainBundle = linux.mainBundle,
-      .extensions = {extensions, controls, linux.tasks, root},
       .workersExtensions = extensionWorker.platform(),
       .onExtensionWorker =
           [&](platform::RunLoop::Callback work) { extensionWorker.perform(std::move(work)); },
       .owner = {::getuid(), ::geteuid(), ::getgid()},
-      .settingsClientFactories = settingsClientFactories,
       .settingsWorker = settingsWorker.worker(),
+      .operatorWorker = operatorClients.worker(),
       .makeHealthInfo =
           [&] {
             return std::make_unique<ORBServiceManagerHealthInfo>(
@@ -260,8 +310,9 @@ int main(int argc, char** argv) {
                                                  classes};
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
-  const bool haveEnded =
-      (*settingsThread)->stopWithin(kWorkersEnd) && (*extensionThread)->stopWithin(kWorkersEnd);
+  const bool haveEnded = (*settingsThread)->stopWithin(kWorkersEnd) &&
+                         (*extensionThread)->stopWithin(kWorkersEnd) &&
+                         (*operatorThread)->stopWithin(kWorkersEnd);
   if (!haveEnded) std::exit(status);  // Without the destructors, which would wait.
   return status;
 }

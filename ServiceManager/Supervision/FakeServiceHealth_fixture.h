@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -62,6 +63,9 @@ class FakeServiceHealth final : public ServiceHealth {
     return problems;
   }
   platform::Value healthRecord() override { return platform::Dictionary(); }
+  void takeHealthRecord(std::move_only_function<void(platform::Value record)> take) override {
+    take(healthRecord());
+  }
 
  private:
   void note(const std::string& what, std::string_view label) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -34,4 +35,7 @@ class ServiceHealth {
   // Everything that is on record, for the operator; its keys are in HealthRecord.h. Reading it
   // changes nothing and clears no counter. Waits for the reports made before.
   virtual platform::Value healthRecord() = 0;
+  // The same without waiting: calls `take` on any thread, perhaps from inside this call, in the
+  // order of these calls.
+  virtual void takeHealthRecord(std::move_only_function<void(platform::Value record)> take) = 0;
 };

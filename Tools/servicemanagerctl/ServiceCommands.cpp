@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "Platform/Jobs/Jobs.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
@@ -123,12 +124,12 @@ bool ServiceCommands::parsed() const {
 
 int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   const auto act = [&]() -> Answer<int> {
+    if (list_->parsed()) return list(environment);
     if (end_->parsed()) return endInstaller(environment);
     DaemonClient userInterface(environment, kUserInterfaceServer,
                                kORBServiceManagerUserInterfaceProtocol);
     if (const auto connected = connect(userInterface); !connected)
       return std::unexpected(connected.error());
-    if (list_->parsed()) return list(userInterface, environment);
     if (start_->parsed()) return start(userInterface, environment);
     if (stop_->parsed()) return stop(userInterface, environment);
     return beginInstaller(userInterface, environment);
@@ -139,15 +140,33 @@ int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   return outcome.error().exitStatus;
 }
 
-Answer<int> ServiceCommands::list(DaemonClient& userInterface,
-                                  const DaemonClient::Environment& environment) const {
+// Asks the operator's server alone, which answers also while the daemon's main thread is busy.
+Answer<std::vector<ServiceState>> ServiceCommands::readAll(
+    const DaemonClient::Environment& environment) const {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
-  const auto catalogue = readCatalogue(userInterface);
-  if (!catalogue) return std::unexpected(catalogue.error());
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  const auto overview = daemon.ask("overview");
+  if (!overview) return std::unexpected(overview.error());
+  const Value& services = (*overview)[kFactServices];
   std::vector<std::string> labels;
-  for (const auto& [label, entry] : *catalogue->dictionary()) labels.push_back(label);
+  if (services.dictionary()) {
+    for (const auto& [label, facts] : *services.dictionary()) labels.push_back(label);
+  }
   std::ranges::sort(labels);
-  const auto services = readStates(environment, *catalogue, labels);
+  const auto jobs = daemon.ask("jobsOfServices:", {asArray(labels)});
+  if (!jobs) return std::unexpected(jobs.error());
+  std::vector<ServiceState> states;
+  for (const std::string& label : labels) {
+    states.push_back(
+        listedService(label, services[label], (*jobs)[label], environment.objects.system));
+  }
+  return states;
+}
+
+Answer<int> ServiceCommands::list(const DaemonClient::Environment& environment) const {
+  const auto services = readAll(environment);
   if (!services) return std::unexpected(services.error());
   print(json_ ? dumped(asJson(*services)) : asTable(*services, readerOf(STDOUT_FILENO)));
   if (std::ranges::any_of(*services, isUnknown))

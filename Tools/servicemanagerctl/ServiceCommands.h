@@ -23,7 +23,8 @@ class ServiceCommands {
   int run(const DaemonClient::Environment& environment) const;
 
  private:
-  Answer<int> list(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
+  Answer<int> list(const DaemonClient::Environment& environment) const;
+  Answer<std::vector<ServiceState>> readAll(const DaemonClient::Environment& environment) const;
   Answer<int> start(DaemonClient& userInterface,
                     const DaemonClient::Environment& environment) const;
   Answer<platform::Value> awaitServices(DaemonClient& userInterface,

@@ -53,6 +53,18 @@ std::string_view wordOf(Activity activity) {
   return "";
 }
 
+ServiceState stateOf(const std::string& label, std::string_view type, const Value& needed,
+                     const Value& jobFacts, const SystemInformation& system) {
+  ServiceState state{
+      .job = jobState(label, jobFacts[kFactJob]),
+      .type = type == kFeatureService ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
+      .neededSystem = needed.isNil() ? "" : stringWithFormat("%@", needed)};
+  state.activity = jobFacts[kFactJobIsUnknown] == Value(true)
+                       ? Activity::kUnknown
+                       : activityOf(state.job, needed, system);
+  return state;
+}
+
 // The content of a notice; the process is absent if none runs.
 struct Notice {
   std::string label;
@@ -73,16 +85,14 @@ std::optional<Notice> readNotice(const Value& notice) {
 
 ServiceState serviceState(const std::string& label, const Value& services, const Value& jobFacts,
                           const SystemInformation& system) {
-  const bool isFeature =
-      serviceTypeForLabel(label, Dictionary{{"Services", services}}) == kFeatureService;
-  const Value needed = services[label]["MinimumOSVersion"];
-  ServiceState state{.job = jobState(label, jobFacts[kFactJob]),
-                     .type = isFeature ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
-                     .neededSystem = needed.isNil() ? "" : stringWithFormat("%@", needed)};
-  state.activity = jobFacts[kFactJobIsUnknown] == Value(true)
-                       ? Activity::kUnknown
-                       : activityOf(state.job, needed, system);
-  return state;
+  const std::string_view type = serviceTypeForLabel(label, Dictionary{{"Services", services}});
+  return stateOf(label, type, services[label]["MinimumOSVersion"], jobFacts, system);
+}
+
+ServiceState listedService(const std::string& label, const Value& facts, const Value& jobFacts,
+                           const SystemInformation& system) {
+  const std::string* type = facts[kFactType].string();
+  return stateOf(label, type ? *type : "", facts[kFactMinimumOSVersion], jobFacts, system);
 }
 
 std::string inWords(const ServiceState& service) {

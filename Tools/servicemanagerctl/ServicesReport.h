@@ -38,6 +38,11 @@ ServiceState serviceState(const std::string& label, const platform::Value& servi
                           const platform::Value& jobFacts,
                           const platform::SystemInformation& system);
 
+// The same from the operator's facts of the service.
+ServiceState listedService(const std::string& label, const platform::Value& facts,
+                           const platform::Value& jobFacts,
+                           const platform::SystemInformation& system);
+
 // "running", "waiting", "stopped", "needs 10.11", "unknown".
 std::string inWords(const ServiceState& service);
 

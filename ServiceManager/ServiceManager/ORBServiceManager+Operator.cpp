@@ -1,0 +1,52 @@
+#include <utility>
+
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+
+// The operator's server, which answers on a thread of its own.
+
+using namespace platform;
+
+void ORBServiceManager::vendOperatorServer() {
+  operatorsCatalogue_ = std::make_shared<ServiceCatalogue>(catalogue_);
+  operatorPublisher_.publish();
+  operatorServer_.emplace(
+      VendedOperatorServer::Environment{.worker = platform_.operatorWorker,
+                                        .pictures = operatorPublisher_.pictures(),
+                                        .main = operatorsMainThread(),
+                                        .protocols = platform_.protocols,
+                                        .system = platform_.system,
+                                        .files = platform_.files,
+                                        .codeSignatures = platform_.codeSignatures});
+}
+
+OperatorPicture ORBServiceManager::operatorPicture() const {
+  return {.taken = platform_.runLoop.now(),
+          .catalogue = operatorsCatalogue_,
+          .product = product_,
+          .operatingMode = operatingMode_,
+          .records = records_,
+          .timers = timers_.dueTimes(),
+          .kextsLoaded = extensions_.kextsLoaded(),
+          .askedSources = settings_.askedSources()};
+}
+
+ORBServiceManagerOperatorServer::MainThread ORBServiceManager::operatorsMainThread() {
+  const auto onMain = [&loop = platform_.runLoop,
+                       isAlive = std::weak_ptr(isAlive_)](RunLoop::Callback work) {
+    loop.post([isAlive, work = std::move(work)]() mutable {
+      if (!isAlive.expired()) work();
+    });
+  };
+  return {.publish =
+              [this, onMain](RunLoop::Callback published) {
+                onMain([this, published = std::move(published)]() mutable {
+                  operatorPublisher_.publish(std::move(published));
+                });
+              },
+          .whenSettled =
+              [this, onMain](Array labels, RunLoop::Callback settled) {
+                onMain([this, labels = std::move(labels), settled = std::move(settled)]() mutable {
+                  whenSettled(labels, std::move(settled));
+                });
+              }};
+}
