@@ -21,12 +21,14 @@ class FakeSettingsClient final : public SettingsClient {
   platform::MessageResult probeObjectForKey(std::string_view key, platform::Duration) override {
     return objectForKey(key);
   }
+  bool isServerHung() override { return isHung && *isHung; }
   void forgetConnection() override {
     ++forgetCalls;
     if (allForgetCalls_ != nullptr) ++*allForgetCalls_;
   }
 
   int forgetCalls = 0;
+  const bool* isHung = nullptr;  // held by the test
 
  private:
   const std::map<std::string, platform::Value>& settings_;

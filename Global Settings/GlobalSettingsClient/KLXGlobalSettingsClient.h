@@ -58,6 +58,7 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
   platform::Value objectForKey(std::string_view key) override;
   platform::MessageResult probeObjectForKey(std::string_view key,
                                             platform::Duration timeOut) override;
+  bool isServerHung() override { return isRemoteServerHung(); }
   void forgetConnection() override { VantorDistantObject::serverDidStart({}); }
 
   // Forgets the connection, and then notifies the delegate.

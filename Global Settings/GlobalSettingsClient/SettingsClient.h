@@ -25,6 +25,9 @@ class SettingsClient {
   virtual platform::MessageResult probeObjectForKey(std::string_view key,
                                                     platform::Duration timeOut) = 0;
 
+  // Whether the server has not answered lately, and is not asked for that reason.
+  virtual bool isServerHung() { return false; }
+
   // Call this if the server's start may have been missed: the next message looks the server up,
   // even if it did not answer lately.
   virtual void forgetConnection() = 0;

@@ -42,7 +42,8 @@ int VGBackgroundServiceMain(std::string_view className, int /*argumentCount*/,
     return EXIT_FAILURE;
   }
   instance->backgroundServiceDidFinishLaunching(Value());
-  printFailure(host.readiness.announceReady());
+  instance->backgroundServiceWhenReady(
+      [&readiness = host.readiness] { printFailure(readiness.announceReady()); });
   host.runLoop.run();
   printFailure(host.readiness.announceStopping());
   instance->backgroundServiceWillTerminate(Value());

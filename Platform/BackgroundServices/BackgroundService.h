@@ -12,7 +12,8 @@
 
 namespace platform {
 
-// The calls from a host to a background service's class, on the main thread, each once.
+// The calls from a host to a background service's class, on the main thread, each once and in this
+// order.
 //
 // The arguments are not used; they belong to the methods' selectors and are nil.
 class VGBackgroundServiceDelegate {
@@ -20,6 +21,9 @@ class VGBackgroundServiceDelegate {
   virtual ~VGBackgroundServiceDelegate() = default;
 
   virtual void backgroundServiceDidFinishLaunching(const Value& notification) = 0;
+  // Calls `ready`, once, when the service is ready: at once, or later on the loop. Optional: a
+  // class without this method is ready after its launch.
+  virtual void backgroundServiceWhenReady(std::move_only_function<void()> ready) { ready(); }
   virtual void backgroundServiceWillTerminate(const Value& notification) = 0;
 };
 
@@ -40,10 +44,10 @@ struct BackgroundServiceHost {
 };
 
 // Runs a class as a background service: makes one instance, calls
-// backgroundServiceDidFinishLaunching(), announces readiness, runs the main run loop until a
-// termination request, announces that, calls backgroundServiceWillTerminate(), destroys the
-// instance and returns the program's exit status, 0. An earlier request counts as soon as the loop
-// runs; further ones change nothing.
+// backgroundServiceDidFinishLaunching(), announces readiness once the instance is ready, runs the
+// main run loop until a termination request, announces that, calls
+// backgroundServiceWillTerminate(), destroys the instance and returns the program's exit status, 0.
+// An earlier request counts as soon as the loop runs; further ones change nothing.
 //
 // If there is no such class, no instance of it, or termination requests can't be watched, it prints
 // the reason to standard error and returns another status without any of these calls.

@@ -38,6 +38,10 @@ class BackgroundServiceTest : public testing::Test {
       test_.note("did finish launching");
       if (test_.whileLaunching_) test_.whileLaunching_();
     }
+    void backgroundServiceWhenReady(std::move_only_function<void()> ready) override {
+      if (test_.readyAfter_ == Duration::zero()) return ready();
+      timer_ = test_.loop_.startTimer(test_.readyAfter_, RunLoop::Repeat::kOnce, std::move(ready));
+    }
     void backgroundServiceWillTerminate(const Value& notification) override {
       EXPECT_TRUE(notification.isNil());
       test_.note("will terminate");
@@ -46,6 +50,7 @@ class BackgroundServiceTest : public testing::Test {
 
    private:
     BackgroundServiceTest& test_;
+    std::unique_ptr<RunLoopHandle> timer_;
   };
 
   BackgroundServiceTest() {
@@ -69,9 +74,24 @@ class BackgroundServiceTest : public testing::Test {
   BackgroundServiceClasses classes_;
   BackgroundServiceHost host_{loop_, signals_, readiness_, classes_};
   std::function<void()> whileLaunching_;
+  Duration readyAfter_{};
   std::function<void()> whileTerminating_;
   std::vector<std::string> happened_;
 };
+
+TEST_F(BackgroundServiceTest, ReadinessIsAnnouncedWhenTheInstanceIsReady) {
+  readyAfter_ = 2s;
+  whileLaunching_ = [this] {
+    loop_.scheduleOutsideEvent(1s, [this] { note("after a second"); });
+    loop_.scheduleOutsideEvent(3s, [this] {
+      note("after three");
+      signals_.request();
+    });
+  };
+  EXPECT_EQ(run("Service"), EXIT_SUCCESS);
+  EXPECT_THAT(happened_, ElementsAre("made 0", "did finish launching 0", "after a second 0",
+                                     "after three 1", "will terminate 2", "destroyed 2"));
+}
 
 TEST_F(BackgroundServiceTest, OneInstanceLivesFromLaunchToTermination) {
   whileLaunching_ = [this] {

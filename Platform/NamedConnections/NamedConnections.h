@@ -50,13 +50,15 @@ class NamedConnections {
   // its connection does not count as hung.
   std::shared_ptr<NSConnection> probeRegisteredName(std::string_view name, Duration timeout);
 
+  // Whether the server has not answered lately, and is not asked for that reason.
+  bool isHung(const std::string& name);
+
   // A server has announced itself by `name`: ask it again even if it counted as hung.
   void serverDidStart(std::string_view name) { hungUntil_.erase(std::string(name)); }
 
  private:
   friend class NSConnection;
 
-  bool isHung(const std::string& name);
   std::expected<std::shared_ptr<NSConnection>, PeerConnectFailure::Kind> connect(
       const std::string& name, PeerConnectOptions options);
   // Records that `name` did not answer in time.

@@ -68,6 +68,7 @@ std::string_view whyItDoesNotRun(const ServiceSituation& situation) {
   if (situation.program == ProgramState::kDamaged) return kReasonDamaged;
   if (situation.program == ProgramState::kUnknown) return kReasonUnchecked;
   if (!unwanted.empty()) return unwanted;
+  if (situation.hasFailedExtension) return kReasonExtension;
   return situation.job == ServiceJobState::kHasNoProcess ? kReasonEnded : kReasonNotStarted;
 }
 

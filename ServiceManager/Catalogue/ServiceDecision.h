@@ -56,8 +56,9 @@ struct ServiceSituation {
   bool isPrimary = false;
   std::string_view type = kCoreService;
   std::int64_t operatingMode = ORBOperatingModeNormal;
-  bool isStopped = false;         // by the user interface
-  bool isPrimaryStopped = false;  // by the user interface
+  bool isStopped = false;           // by the user interface
+  bool isPrimaryStopped = false;    // by the user interface
+  bool hasFailedExtension = false;  // the last start of one of its extensions has failed
   // The service is not ready, and the timer that starts such services again is running.
   bool isRetried = false;
   OSSupport support = OSSupport::kSupported;
@@ -90,6 +91,7 @@ inline constexpr std::string_view kReasonPrimaryStopped = "primaryStopped";
 inline constexpr std::string_view kReasonNoProgram = "noProgram";
 inline constexpr std::string_view kReasonDamaged = "damaged";
 inline constexpr std::string_view kReasonUnchecked = "unchecked";
+inline constexpr std::string_view kReasonExtension = "extension";
 inline constexpr std::string_view kReasonEnded = "ended";
 inline constexpr std::string_view kReasonNotStarted = "notStarted";
 

@@ -76,6 +76,9 @@ TEST(ServiceDecision, AServiceWithoutAJobHasItsFirstReason) {
        {"a damaged feature", featureWith({Switch::kMatches}, {.program = ProgramState::kDamaged}),
         "damaged"},
        {"nothing", {}, "notStarted"},
+       {"a failed extension", {.hasFailedExtension = true}, "extension"},
+       {"a failed extension, no match",
+        featureWith({Switch::kDiffers}, {.hasFailedExtension = true}), "noMatch"},
        {"a switch that matches", featureWith({Switch::kDiffers, Switch::kMatches}), "notStarted"}},
       ServiceJobState::kAbsent);
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/RunLoops/DelayedCalls.h"
 #include "Platform/RunLoops/RunLoop.h"
 
@@ -26,6 +27,10 @@ class EvaluationTimers {
   // `runLoop` outlives this.
   explicit EvaluationTimers(platform::RunLoop& runLoop)
       : runLoop_(runLoop), delayedCalls_(runLoop) {}
+
+  // After this time a settings server that did not answer is asked again.
+  static constexpr platform::Duration kHungServerRetryDelay =
+      platform::NamedConnections::kHungServerPause + std::chrono::seconds(1);
 
   // Calls every kWatchDogInterval.
   void startWatchDog(Callback call);

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/FeatureSwitches.h"
@@ -81,6 +83,7 @@ void ORBServiceManager::evaluateOtherServices(const ServiceCatalogue& catalogue,
                                               const std::string& primary) {
   const Dictionary* services = catalogue.services().dictionary();
   if (!services) return;
+  hasEvaluated_ = true;
   for (const auto& [label, entry] : *services) {
     if (label == primary) continue;
     turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
@@ -106,6 +109,7 @@ void ORBServiceManager::checkProgramAgain(const std::string& label) {
 }
 
 void ORBServiceManager::evaluateInformationForService(const std::string& label) {
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkEvaluates, label);
   switch (permissionToEvaluate(label)) {
     case EvaluationPermission::kInstallerIsAtWork:
       vantorlogger2_line(ASL_LEVEL_DEBUG,
@@ -154,10 +158,25 @@ void ORBServiceManager::evaluateFeatureService(const std::string& label) {
   settings_.valuesOf(
       std::move(settings), [this, label, configurations](const SettingsQuestions::Values& values) {
         const bool isWantedAgain = askedServices_.extract(label).mapped();
+        evaluateAfterHungServer(label, *configurations);
         if (permissionToEvaluate(label) == EvaluationPermission::kGranted) {
           evaluateSwitches(label, *configurations, values);
         }
-        if (!isWantedAgain) return;
+        if (!isWantedAgain) return continueTakeOver();
+        turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
+      });
+}
+
+// A hung server's switches count as off. A server that goes on announces nothing, so it is asked
+// again when the pause is over. Each evaluation that finds it hung costs one later one.
+void ORBServiceManager::evaluateAfterHungServer(
+    const std::string& label, const std::vector<FeatureConfiguration>& configurations) {
+  const bool wasAnyHung = std::ranges::any_of(configurations, [this](const auto& configuration) {
+    return configuration.source && settings_.isHung(*configuration.source);
+  });
+  if (!wasAnyHung) return;
+  timers_.performAfterDelay(
+      {"ask the hung server", label}, EvaluationTimers::kHungServerRetryDelay, [this, label] {
         turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
       });
 }

@@ -60,6 +60,32 @@ TEST_F(EvaluationEdgesTest, WithSoundFeaturesTheServiceRuns) {
   EXPECT_TRUE(isRunning(kScanner));
 }
 
+// A server that hangs and goes on announces nothing.
+TEST_F(EvaluationEdgesTest, AServiceOfAServerThatHungIsEvaluatedAgain) {
+  bool isHung = true;
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [&](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   auto client = std::make_unique<FakeSettingsClient>(settings_["common"]);
+                   client->isHung = &isHung;
+                   return client;
+                 });
+  useScanner(features());
+  settings_["common"].erase("mode");  // As long as it hangs.
+  evaluateScanner();
+  evaluateScanner();
+  loop_.advanceBy(31s - 1ns);
+  EXPECT_FALSE(isRunning(kScanner));
+  EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 2u);
+  settings_["common"]["mode"] = 1;
+  loop_.advanceBy(1ns);
+  EXPECT_TRUE(isRunning(kScanner));
+  isHung = false;
+  loop_.advanceBy(31s);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 4u);
+  loop_.advanceBy(10min);
+  EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 4u);
+}
+
 TEST_F(EvaluationEdgesTest, WithoutRootFeaturesAFeatureServiceIsShutDown) {
   useScanner(features());
   evaluateScanner();

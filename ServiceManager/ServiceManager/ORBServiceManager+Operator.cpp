@@ -13,6 +13,7 @@ void ORBServiceManager::vendOperatorServer() {
       VendedOperatorServer::Environment{.worker = platform_.operatorWorker,
                                         .pictures = operatorPublisher_.pictures(),
                                         .main = operatorsMainThread(),
+                                        .mainThreadWork = mainThreadWork_,
                                         .protocols = platform_.protocols,
                                         .system = platform_.system,
                                         .files = platform_.files,
@@ -24,9 +25,12 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .catalogue = operatorsCatalogue_,
           .product = product_,
           .operatingMode = operatingMode_,
+          .isTakingOver = takeOver_ == TakeOver::kGoesOn,
           .records = records_,
           .timers = timers_.dueTimes(),
           .kextsLoaded = extensions_.kextsLoaded(),
+          .work = enforcement_.work(),
+          .extensionFailures = extensions_.failures(),
           .askedSources = settings_.askedSources()};
 }
 

@@ -13,7 +13,7 @@ using testing::IsEmpty;
 
 class OperatorTest : public OperatorFixture {};
 
-TEST_F(OperatorTest, TheServerIsVendedOnceTheStartIsAnnounced) {
+TEST_F(OperatorTest, TheServerIsThereWhenTheStartIsAnnounced) {
   bool wasThere = true;
   const auto observation = center_->addObserver(
       kDidStart, std::nullopt, [&](const DistributedNotification&) { wasThere = false; });
@@ -107,7 +107,8 @@ TEST_F(OperatorTest, AServicesFactsCoverItsEvaluation) {
   EXPECT_EQ(facts[kFactProgram], Value("/opt/app/agent"));
   EXPECT_EQ(facts[kFactProgramExists], Value(true));
   EXPECT_EQ(facts[kFactProgramIsIntact], Value(true));
-  EXPECT_EQ(facts[kFactJob], Value(Dictionary{{"PID", process(kAgent)}}));
+  EXPECT_EQ(facts[kFactJob]["PID"], Value(process(kAgent)));
+  EXPECT_EQ(facts[kFactJob]["History"]["Starts"], Value(1));
   EXPECT_EQ(facts[kFactHealth], Value());  // This product keeps none.
   EXPECT_EQ(facts[kFactIsSupported], Value(true));
   EXPECT_EQ(facts[kFactIsRetried], Value(false));
@@ -157,10 +158,17 @@ TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
   startAll();
   kill(kHelper);
   manager().stopServices({kAgent});
-  EXPECT_EQ(ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}}),
-            Value(Dictionary{{kHelper, Dictionary{{kFactJob, Dictionary{{"PID", process(kHelper)},
-                                                                        {"LastExitStatus", 9}}}}},
-                             {kAgent, Dictionary()}}));
+  const Value jobs =
+      ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}});
+  EXPECT_EQ(jobs.dictionary()->size(), 2u);
+  EXPECT_EQ(jobs[kAgent], Value(Dictionary()));
+  const Value& helper = jobs[kHelper][kFactJob];
+  EXPECT_EQ(helper["PID"], Value(process(kHelper)));
+  EXPECT_EQ(helper["LastExitStatus"], Value(9));
+  EXPECT_EQ(helper["History"]["Crashes"], Value(1));
+  EXPECT_EQ(helper["History"]["LastEnds"].array()->size(), 1u);
+  const Array many(201, Value(kHelper));
+  EXPECT_TRUE(ask("jobsOfServices:", {many})[kHelper][kFactJob]["History"]["LastEnds"].isNil());
   jobs_.setReachable(false);
   const Dictionary unknown{{kFactJobIsUnknown, true}};
   const Instant before = loop_.now();

@@ -27,11 +27,13 @@ std::vector<std::string> ORBServiceManager::knownLabels(const Array& labels) con
 void ORBServiceManager::enforceRunningForService(Label label, CompletionBlock withCompletionBlock) {
   if (!label) return;
   enforcement_.enforceRunningForService(std::string(*label), std::move(withCompletionBlock));
+  operatorPublisher_.changed();
 }
 
 void ORBServiceManager::enforceShutdownForService(Label label, StopAnswer answer) {
   if (label) {
     enforcement_.enforceShutdownForService(std::string(*label), std::move(answer));
+    operatorPublisher_.changed();
   } else if (answer) {
     answer(true);
   }

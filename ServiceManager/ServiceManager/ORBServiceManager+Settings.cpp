@@ -2,7 +2,6 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
-#include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
@@ -10,9 +9,6 @@ using namespace platform;
 
 namespace {
 
-// After this time a server that did not answer is asked again.
-constexpr Duration kHungServerRetryDelay =
-    NamedConnections::kHungServerPause + std::chrono::seconds(1);
 constexpr Duration kInstallerEvaluationDelay = std::chrono::milliseconds(100);
 
 Value setOfLabels(const std::set<std::string>& labels) {
@@ -74,10 +70,11 @@ void ORBServiceManager::handleNotificationsReturn() {
     if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService) return;
     // A server that only hung announces no start, and the next watchdog may be a quarter of an hour
     // away.
-    timers_.performAfterDelay({"ask the hung server"}, kHungServerRetryDelay, [this] {
-      if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
-        evaluateWaitingForPrimaryServiceOperatingMode();
-    });
+    timers_.performAfterDelay({"ask the hung server"}, EvaluationTimers::kHungServerRetryDelay,
+                              [this] {
+                                if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService)
+                                  evaluateWaitingForPrimaryServiceOperatingMode();
+                              });
   });
 }
 
@@ -148,6 +145,7 @@ void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
 
 void ORBServiceManager::scheduleReevaluation() {
   if (timers_.reevaluationTimer()) return;
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   if (!healthInfo_ || healthInfo_->problemServices().empty()) return;
   timers_.startReevaluationTimer([this] { reevaluateConfiguration(timers_.reevaluationTimer()); });
 }

@@ -41,10 +41,12 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                                RunLoop::Callback callback) { loop.post(std::move(callback)); },
                  .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
+      mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
       turns_(platform_.runLoop,
              [this] {
                scheduleReevaluation();
                operatorPublisher_.changed();
+               continueTakeOver();
              }),
       jobs_(platform_.jobs, platform_.authorization),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
@@ -73,7 +75,9 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                          });
                        }}),
       rechecks_(platform_.runLoop, [this](const std::string& label) { checkProgramAgain(label); }),
-      enforcement_({.turns = turns_,
+      enforcement_({.runLoop = platform_.runLoop,
+                    .mainThreadWork = *mainThreadWork_,
+                    .turns = turns_,
                     .catalogue = catalogue_,
                     .jobs = jobs_,
                     .records = records_,
@@ -116,15 +120,16 @@ void ORBServiceManager::finishLaunching() {
   observeSettings();
   makePrimaryServiceClient();
   timers_.startWatchDog([this] { evaluateWaitingForPrimaryServiceOperatingMode(); });
+  beginTakeOver();
   evaluateForTheFirstTime();
   userClients_.removeAll();
+  // Its thread registers its name meanwhile, so that it is there when the start is announced.
+  vendOperatorServer();
   servers_.vendServers();
   servers_.vendXPCListeners();
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
-  // The operator's server follows the announcement, since no step before depends on it.
-  vendOperatorServer();
 }
 
 void ORBServiceManager::backgroundServiceWillTerminate(const Value& /*notification*/) {

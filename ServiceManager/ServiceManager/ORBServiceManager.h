@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -29,6 +30,7 @@
 #include "ServiceManager/Supervision/ExitMonitor.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
+#include "ServiceManager/Supervision/MainThreadWork.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
 #include "ServiceManager/Supervision/ServiceEnforcement.h"
 #include "Shared/ORBSigningValidator.h"
@@ -62,6 +64,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   using CompletionBlock = ServiceEnforcement::CompletionBlock;
   using StopAnswer = ServiceEnforcement::StopAnswer;
 
+  static constexpr platform::Duration kTakeOverTime = std::chrono::seconds(15);
+
   explicit ORBServiceManager(const ServiceManagerPlatform& platform);
   ORBServiceManager(const ORBServiceManager&) = delete;
   ORBServiceManager& operator=(const ORBServiceManager&) = delete;
@@ -70,6 +74,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Start-up and shut-down. A failure in the first steps of the start leaves the daemon alive but
   // idle; a shut-down stops no service.
   void backgroundServiceDidFinishLaunching(const platform::Value& notification) override;
+  // Ready means that every service that runs is watched, for those that could be evaluated within
+  // kTakeOverTime. A daemon that is idle is ready, too.
+  void backgroundServiceWhenReady(CompletionBlock ready) override;
   void backgroundServiceWillTerminate(const platform::Value& notification) override;
 
   // The catalogue's lookups; see CatalogueLookups.h.
@@ -223,7 +230,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
     return serviceToFeatureNotificationMap_;
   }
   // The prefixes of the settings servers that evaluations have asked; the clients are the worker's.
-  const std::map<std::string, bool>& askedSources() const { return settings_.askedSources(); }
+  const std::map<std::string, AskedSource>& askedSources() const {
+    return settings_.askedSources();
+  }
   const platform::Value& serviceInfo() const { return catalogue_.serviceInfo(); }
   const std::optional<std::string>& product() const { return product_; }
   std::int64_t operatingMode() const { return operatingMode_; }
@@ -272,7 +281,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
     return servers_.execHandlerXPCListener();
   }
 
-  // A picture without the health record, once the start is announced.
+  // A picture without the health record, once the operator's server is vended.
   OperatorPicture operatorPicture() const;
   // Whether an evaluation has begun and not decided about every service yet.
   bool isEvaluating() const { return turns_.waiting() > 0 || !askedServices_.empty(); }
@@ -296,6 +305,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);
   void vendOperatorServer();
+  void beginTakeOver();
+  void continueTakeOver();
+  void endTakeOver();
   ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
 
   bool hasService(Label label) const;
@@ -312,6 +324,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void evaluateSwitches(const std::string& label,
                         const std::vector<FeatureConfiguration>& configurations,
                         const SettingsQuestions::Values& values);
+  void evaluateAfterHungServer(const std::string& label,
+                               const std::vector<FeatureConfiguration>& configurations);
   // Whether the switch asks for the service to run. If so, it is made to run.
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
                       const platform::Value& expected, const platform::Value& current);
@@ -344,6 +358,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   SettingsQuestions settings_;
   // Services whose settings have been asked for, and whether they have been evaluated again since.
   std::map<std::string, bool> askedServices_;
+  const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;
   // While an evaluation waits for the primary service, another one need not wait, too.
@@ -357,7 +372,12 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
   std::unique_ptr<platform::RunLoopHandle> jobStarts_;
   EvaluationTimers timers_;
-  std::shared_ptr<const ServiceCatalogue> operatorsCatalogue_;
+  enum class TakeOver { kNone, kGoesOn, kHasEnded };
+  TakeOver takeOver_ = TakeOver::kNone;
+  bool hasEvaluated_ = false;        // all services have had their turns
+  bool isTakeOverObserved_ = false;  // continueTakeOver() will be called
+  CompletionBlock onReady_;
+  std::shared_ptr<const ServiceCatalogue> operatorsCatalogue_;  // shared with the pictures
   OperatorPublisher operatorPublisher_;
   VendedServers servers_;  // ends early: it calls all of the above
   std::optional<VendedOperatorServer> operatorServer_;

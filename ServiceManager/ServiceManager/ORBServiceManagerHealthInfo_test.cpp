@@ -51,6 +51,19 @@ TEST_F(HealthInfoTest, AnEmptyRecordIsNotReadyToReport) {
   EXPECT_EQ(health_->taskQueue()->label(), "com.vantor.servicemanager.servicemanagerhealthqueue");
 }
 
+TEST_F(HealthInfoTest, ARecordIsTakenAfterTheReportsBefore) {
+  health_->reportStartForService(kAgent);
+  std::vector<Value> taken;
+  const auto take = [&](Value record) { taken.push_back(record[kHealthServices][kAgent]); };
+  health_->takeHealthRecord(take);
+  health_->reportForcedStopForService(kAgent);
+  health_->takeHealthRecord(take);
+  queues_.runPending();
+  ASSERT_EQ(taken.size(), 2u);
+  EXPECT_EQ(taken[0][kHealthCrashes], Value(0));
+  EXPECT_EQ(taken[1][kHealthCrashes], Value(1));
+}
+
 // Each report.
 
 TEST_F(HealthInfoTest, MonitoredServicesAreUnreadyAndTheRecordIsReady) {

@@ -1,8 +1,10 @@
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
@@ -38,22 +40,21 @@ void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, con
 
 void ORBServiceManagerOperatorServer::awaitPicture(Message message) {
   const Id id = ++lastId_;
-  message.limit = environment_.runLoop.startTimer(kPictureTime, RunLoop::Repeat::kOnce, [this, id] {
-    answer(std::move(waiting_.extract(id).mapped()));
-  });
+  message.limit = environment_.runLoop.startTimer(kPictureTime, RunLoop::Repeat::kOnce,
+                                                  [this, id] { answerWithoutMainThread(id); });
   waiting_.emplace(id, std::move(message));
-  if (!isPictureAsked_) askForPicture();
+  if (!askedAt_) askForPicture();
 }
 
 // A picture that is under way may be older than the messages that come meanwhile, so those wait for
 // the next one.
 void ORBServiceManagerOperatorServer::askForPicture() {
-  isPictureAsked_ = true;
+  askedAt_ = environment_.runLoop.now();
   environment_.main.publish(onThisThread([this, last = lastId_] { pictureIsPublished(last); }));
 }
 
 void ORBServiceManagerOperatorServer::pictureIsPublished(Id last) {
-  isPictureAsked_ = false;
+  askedAt_.reset();
   std::vector<Message> messages;
   while (!waiting_.empty() && waiting_.begin()->first <= last) {
     messages.push_back(std::move(waiting_.extract(waiting_.begin()).mapped()));
@@ -78,16 +79,42 @@ RunLoop::Callback ORBServiceManagerOperatorServer::onThisThread(RunLoop::Callbac
   };
 }
 
-void ORBServiceManagerOperatorServer::answer(Message message) const {
+void ORBServiceManagerOperatorServer::answerWithoutMainThread(Id id) {
+  Message message = std::move(waiting_.extract(id).mapped());
+  message.limit.reset();
+  const Value busy = mainThreadsState();
+  MessageResult result = answerTo(message.selector, message.arguments);
+  if (result && !(*result)[kFactOperatingMode].isNil()) {
+    Dictionary facts = *result->dictionary();
+    facts.set(kFactMainThread, busy);
+    result = Value(std::move(facts));
+  }
+  message.reply.answer(std::move(result));
+}
+
+Value ORBServiceManagerOperatorServer::mainThreadsState() const {
+  const Instant now = environment_.runLoop.now();
+  Instant since = askedAt_.value_or(now);
+  Dictionary state;
+  if (const auto work = environment_.mainThreadWork->current()) {
+    since = std::min(since, work->since);
+    state.set(kFactWork, work->what);
+    if (!work->label.empty()) state.set(kFactWorkLabel, work->label);
+  }
+  state.set(kFactBusyFor, std::chrono::duration<double>(now - since).count());
+  return state;
+}
+
+void ORBServiceManagerOperatorServer::answer(Message message) {
   message.limit.reset();
   message.reply.answer(answerTo(message.selector, message.arguments));
 }
 
 MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selector,
-                                                        const Array& arguments) const {
+                                                        const Array& arguments) {
   const ServerMessage message{kName, selector, arguments};
   const OperatorPictures::Picture picture = environment_.pictures->latest();
-  const OperatorReport& report = environment_.report;
+  OperatorReport& report = environment_.report;
   if (selector == "overview") return report.overview(*picture);
   if (selector == "healthRecord") return picture->healthRecord;
   if (selector == "extensions") return Value(report.extensions(*picture));

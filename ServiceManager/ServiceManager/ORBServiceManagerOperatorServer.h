@@ -5,12 +5,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "ServiceManager/ServiceManager/OperatorPictures.h"
+#include "ServiceManager/Supervision/MainThreadWork.h"
 
 class OperatorReport;
 
@@ -20,7 +22,7 @@ class OperatorReport;
 //
 // It asks the main thread for a picture of the daemon, so that a client that has changed something
 // sees the effect. If the main thread is busy for longer than kPictureTime, the answer is about the
-// last picture.
+// last picture, and says what the main thread is doing.
 class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
  public:
   static constexpr platform::Duration kPictureTime = std::chrono::milliseconds(100);
@@ -37,8 +39,9 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   struct Environment {
     platform::RunLoop& runLoop;
     std::shared_ptr<OperatorPictures> pictures;
-    const OperatorReport& report;
+    OperatorReport& report;
     MainThread main;
+    std::shared_ptr<const MainThreadWork> mainThreadWork;
   };
   explicit ORBServiceManagerOperatorServer(Environment environment)
       : environment_(std::move(environment)) {}
@@ -65,9 +68,10 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   void askForPicture();
   void pictureIsPublished(Id last);
   void awaitServices(const platform::Array& labels, platform::MessageReply reply);
-  void answer(Message message) const;
-  platform::MessageResult answerTo(std::string_view selector,
-                                   const platform::Array& arguments) const;
+  void answer(Message message);
+  platform::MessageResult answerTo(std::string_view selector, const platform::Array& arguments);
+  void answerWithoutMainThread(Id id);
+  platform::Value mainThreadsState() const;
   // A callback that any thread may run or drop. It runs `callback` on this thread.
   platform::RunLoop::Callback onThisThread(platform::RunLoop::Callback callback) const;
 
@@ -75,6 +79,6 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   Id lastId_ = 0;
   std::map<Id, Message> waiting_;                   // for a picture
   std::map<Id, platform::MessageReply> unsettled_;  // those of "awaitServices:"
-  bool isPictureAsked_ = false;
+  std::optional<platform::Instant> askedAt_;        // for the picture that is under way
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

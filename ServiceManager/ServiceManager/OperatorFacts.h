@@ -16,7 +16,17 @@ inline constexpr char kFactWatchDogIn[] = "WatchDogIn";
 // evaluation in normal mode.
 inline constexpr char kFactSettingsChangesWait[] = "SettingsChangesWait";
 
+// A dictionary, only in answers that did not wait for the main thread, because that is busy: for
+// how many seconds (a real), and, if it says so, its work (a word of MainThreadWork.h) and the
+// label of the service.
+inline constexpr char kFactMainThread[] = "MainThread";
+inline constexpr char kFactBusyFor[] = "BusyFor";
+inline constexpr char kFactWork[] = "Work";
+inline constexpr char kFactWorkLabel[] = "Label";
+
 // Facts of the service manager alone.
+// Boolean: it has been started lately, and does not watch every service that runs yet.
+inline constexpr char kFactIsTakingOver[] = "IsTakingOver";
 inline constexpr char kFactServices[] = "Services";  // by label, the facts marked with * below
 inline constexpr char kFactOtherServices[] = "OtherServices";  // other products': label to products
 
@@ -32,6 +42,16 @@ inline constexpr char kFactIsMonitored[] = "IsMonitored";  // * boolean
 inline constexpr char kFactIsStopped[] = "IsStoppedByUserInterface";
 // * real: seconds until it is stopped, because an evaluation found no switch that asks for it.
 inline constexpr char kFactStopIn[] = "StopIn";
+// * The work on it, absent if there is none: one of the words below, and for how many seconds, a
+// real.
+inline constexpr char kFactActivity[] = "Activity";
+inline constexpr char kFactActivityFor[] = "ActivityFor";
+inline constexpr char kActivityConfiguresExtensions[] = "configuresExtensions";
+inline constexpr char kActivityAwaitsProcess[] = "awaitsProcess";
+inline constexpr char kActivityIsRemoved[] = "isRemoved";
+inline constexpr char kActivityIsRemovedBeforeItRuns[] = "isRemovedBeforeItRuns";
+// * array: the names of its extensions whose last start has failed; absent if there are none.
+inline constexpr char kFactFailedExtensions[] = "FailedExtensions";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
 inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * string
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
@@ -43,9 +63,9 @@ inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
 inline constexpr char kFactProgramIsUnchecked[] = "ProgramIsUnchecked";  // instead: it can't be
 inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, or can't be checked
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
-// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown". Absent if
-// there is no job, or if the host does not answer. "jobsOfServices:" answers with this and the
-// next.
+// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History".
+// Absent if there is no job, or if the host does not answer. "jobsOfServices:" answers with this
+// and the next.
 inline constexpr char kFactJob[] = "Job";
 inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, if the host does not answer
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
@@ -85,4 +105,8 @@ inline constexpr char kFactKextProcess[] = "PID";
 inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control accepts connections
 inline constexpr char kFactKextIsAnswering[] = "IsAnswering";    // answers; absent: unconnected
 inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
-inline constexpr char kFactKextServices[] = "Services";          // the labels that name it
+// The step at which its last start has failed (a word of ExtensionControl.h), and how many seconds
+// ago that was, a real.
+inline constexpr char kFactKextFailedStep[] = "FailedStep";
+inline constexpr char kFactKextFailedAgo[] = "FailedAgo";
+inline constexpr char kFactKextServices[] = "Services";  // the labels that name it

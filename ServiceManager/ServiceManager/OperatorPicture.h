@@ -12,7 +12,10 @@
 #include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
+#include "ServiceManager/Settings/SettingsQuestions.h"
+#include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ServiceEnforcement.h"
 
 // The state of the daemon at one instant, for the operator. The main thread takes it, and other
 // threads share it unchanged.
@@ -21,9 +24,12 @@ struct OperatorPicture {
   std::shared_ptr<const ServiceCatalogue> catalogue = {};  // never null; shared by all pictures
   std::optional<std::string> product = {};
   std::int64_t operatingMode = ORBOperatingModeNormal;
+  bool isTakingOver = false;  // not every service that runs is watched yet
   MonitoringRecords records = {};
   EvaluationTimers::DueTimes timers = {};
   std::set<std::string> kextsLoaded = {};
-  std::map<std::string, bool> askedSources = {};  // see SettingsQuestions.h
-  platform::Value healthRecord = {};              // nil if the product keeps none
+  std::map<std::string, ServiceEnforcement::Work, std::less<>> work = {};
+  ExtensionControl::Failures extensionFailures = {};
+  std::map<std::string, AskedSource> askedSources = {};
+  platform::Value healthRecord = {};  // nil if the product keeps none
 };

@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "Platform/KernelExtensions/KernelControls.h"
 #include "Platform/KernelExtensions/KernelExtensions.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
@@ -22,6 +24,12 @@ Dictionary OperatorReport::factsOfKext(const OperatorPicture& picture, const std
   for (const std::string& label : picture.catalogue->daemonsUsingKext(name))
     services.push_back(Value(label));
   facts.set(kFactKextServices, std::move(services));
+  const auto failure = picture.extensionFailures.find(name);
+  if (failure != picture.extensionFailures.end()) {
+    facts.set(kFactKextFailedStep, failure->second.step);
+    facts.set(kFactKextFailedAgo,
+              std::chrono::duration<double>(-until(failure->second.time)).count());
+  }
   if (!identifier) return facts;
   KernelExtensions& loader = environment_.extensions.loader;
   facts.set(kFactKextIdentifier, *identifier);

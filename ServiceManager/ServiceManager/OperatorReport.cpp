@@ -4,6 +4,7 @@
 #include <chrono>
 #include <utility>
 
+#include "Platform/Jobs/JobHistory.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
@@ -18,8 +19,13 @@ namespace {
 // The time in which each settings server must answer for all switches of a service. With that of
 // the job host, the times of all servers add up to less than the operator's command waits.
 constexpr Duration kProbeTime = std::chrono::seconds(2);
+// The time of a server that is known to hang. One that goes on answers much sooner.
+constexpr Duration kShortProbeTime = std::chrono::milliseconds(20);
 // If the job host took this long and did not answer about one job, it is not asked about others.
-constexpr Duration kSlowJobHostTime = std::chrono::seconds(1);
+constexpr Duration kSlowJobHostTime = std::chrono::milliseconds(200);
+// The answer about more jobs than this has only the counts of each history, and not the last ends,
+// so that it stays within the limits of a message.
+constexpr std::size_t kMostDetailedJobs = 200;
 
 double inSeconds(Duration duration) {
   return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
@@ -55,6 +61,40 @@ const char* wordOf(SwitchOutcome outcome) {
       return kOutcomeNoSource;
   }
   return kOutcomeNoSource;
+}
+
+const char* wordOf(ServiceActivity activity) {
+  switch (activity) {
+    case ServiceActivity::kNothing:
+      return "";
+    case ServiceActivity::kConfiguresExtensions:
+      return kActivityConfiguresExtensions;
+    case ServiceActivity::kAwaitsProcess:
+      return kActivityAwaitsProcess;
+    case ServiceActivity::kIsRemoved:
+      return kActivityIsRemoved;
+    case ServiceActivity::kIsRemovedBeforeItRuns:
+      return kActivityIsRemovedBeforeItRuns;
+  }
+  return "";
+}
+
+// The extensions of the service whose last start has failed.
+Array failedExtensions(const OperatorPicture& picture, std::string_view label) {
+  Array failed;
+  if (picture.extensionFailures.empty()) return failed;
+  for (const std::string& name : picture.catalogue->extensionsOf(label)) {
+    if (picture.extensionFailures.contains(name)) failed.push_back(Value(name));
+  }
+  return failed;
+}
+
+void dropLastEnds(Dictionary& facts) {
+  const auto history = jobHistoryIn(facts[kFactJob]);
+  if (!history) return;
+  Dictionary job = *facts[kFactJob].dictionary();
+  job.set(kJobHistoryKey, valueOfHistory(*history, JobHistoryDetail::kCounts));
+  facts.set(kFactJob, std::move(job));
 }
 
 bool isMissingAnswer(const NSException& exception) {
@@ -100,6 +140,14 @@ void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture&
   if (shutdown != picture.timers.shutdowns.end()) {
     facts.set(kFactStopIn, inSeconds(until(shutdown->second)));
   }
+  const auto work = picture.work.find(label);
+  if (work != picture.work.end() && work->second.activity != ServiceActivity::kNothing) {
+    facts.set(kFactActivity, wordOf(work->second.activity));
+    facts.set(kFactActivityFor, inSeconds(-until(work->second.since)));
+  }
+  if (Array failed = failedExtensions(picture, label); !failed.empty()) {
+    facts.set(kFactFailedExtensions, std::move(failed));
+  }
 }
 
 Value OperatorReport::overview(const OperatorPicture& picture) const {
@@ -116,11 +164,12 @@ Value OperatorReport::overview(const OperatorPicture& picture) const {
     }
   }
   facts.set(kFactServices, std::move(all));
+  facts.set(kFactIsTakingOver, picture.isTakingOver);
   facts.set(kFactOtherServices, picture.catalogue->otherProductsServices());
   return facts;
 }
 
-Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) const {
+Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) {
   const ServiceCatalogue& catalogue = *picture.catalogue;
   const Value entry = catalogue.service(label);
   const bool isOfProduct = !entry.isNil();
@@ -141,7 +190,8 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
       .type = catalogue.serviceType(label),
       .operatingMode = picture.operatingMode,
       .isStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(label),
-      .isPrimaryStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(primary)};
+      .isPrimaryStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(primary),
+      .hasFailedExtension = facts.contains(kFactFailedExtensions)};
   facts.set(kFactIsPrimaryStopped, situation.isPrimaryStopped);
   addSystemFacts(facts, situation, entry);
   addProgramFacts(facts, situation, catalogue.jobInfo(label));
@@ -193,7 +243,8 @@ ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view 
     return ServiceJobState::kUnknown;
   }
   Dictionary state;
-  for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey}) {
+  for (const char* key :
+       {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey, kJobHistoryKey}) {
     setIfKnown(state, key, job[key]);
   }
   facts.set(kFactJob, std::move(state));
@@ -227,13 +278,14 @@ Value OperatorReport::jobsOfServices(const OperatorPicture& picture, const Array
       isHostAway = facts.contains(kFactJobIsUnknown) &&
                    environment_.runLoop.now() - start >= kSlowJobHostTime;
     }
+    if (labels.size() > kMostDetailedJobs) dropLastEnds(facts);
     all.set(*label.string(), std::move(facts));
   }
   return all;
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
-                                 const OperatorPicture& picture, std::string_view label) const {
+                                 const OperatorPicture& picture, std::string_view label) {
   if (situation.type != kFeatureService) return;
   const auto configurations = featureConfigurations(*picture.catalogue, label);
   if (!configurations) {
@@ -259,16 +311,19 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
 SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPicture& picture,
                                              const FeatureConfiguration& configuration,
                                              const std::string& key, const Value& expected,
-                                             SourceTimes& left) const {
+                                             SourceTimes& left) {
   if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
   const auto asked = picture.askedSources.find(*configuration.source);
   if (asked == picture.askedSources.end()) return SwitchOutcome::kNotAsked;
   SettingsClient* const client =
-      asked->second ? environment_.sources.configurationWithSelectorPrefix(asked->first) : nullptr;
+      asked->second != AskedSource::kMissing
+          ? environment_.sources.configurationWithSelectorPrefix(asked->first)
+          : nullptr;
   if (!client) return SwitchOutcome::kNoSource;
   // This time is for all switches of the server, however many there are.
-  Duration& time = left.try_emplace(asked->first, kProbeTime).first->second;
+  Duration& time =
+      left.try_emplace(asked->first, timeFor(asked->first, asked->second)).first->second;
   const Instant start = environment_.runLoop.now();
   const MessageResult current = time <= Duration::zero()
                                     ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
@@ -276,12 +331,20 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPi
   time -= environment_.runLoop.now() - start;
   if (!current && isMissingAnswer(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.
+    silentUntil_[asked->first] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
     return SwitchOutcome::kNoAnswer;
   }
+  silentUntil_.erase(asked->first);
   if (!current) {
     facts.set(kFactRefusal, refusalIn(current.error()));
     return SwitchOutcome::kRefused;
   }
   setIfKnown(facts, kFactCurrent, *current);
   return outcomeOf(compareSwitch(expected, *current));
+}
+
+Duration OperatorReport::timeFor(const std::string& source, AskedSource state) const {
+  const auto silent = silentUntil_.find(source);
+  const bool isSilent = silent != silentUntil_.end() && environment_.runLoop.now() < silent->second;
+  return isSilent || state == AskedSource::kHung ? kShortProbeTime : kProbeTime;
 }

@@ -14,6 +14,7 @@
 #include "ServiceManager/Catalogue/FeatureSwitches.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/OperatorPicture.h"
+#include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionLoad.h"
 #include "Shared/ORBSigningValidator.h"
@@ -39,8 +40,9 @@ class OperatorReport {
 
   platform::Value overview(const OperatorPicture& picture) const;
   // Nil if no service of any product has the label. Asks the job host, which blocks for its
-  // time-out at most, and each settings server of the service's switches, for two seconds at most.
-  platform::Value factsOfService(const OperatorPicture& picture, std::string_view label) const;
+  // time-out at most, and each settings server of the service's switches, for two seconds at most,
+  // once in half a minute.
+  platform::Value factsOfService(const OperatorPicture& picture, std::string_view label);
   // The facts of the jobs of those labels that are services of this product, by label.
   platform::Value jobsOfServices(const OperatorPicture& picture,
                                  const platform::Array& labels) const;
@@ -62,15 +64,18 @@ class OperatorReport {
   void addHealthFacts(platform::Dictionary& facts, ServiceSituation& situation,
                       const OperatorPicture& picture, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, ServiceSituation& situation,
-                   const OperatorPicture& picture, std::string_view label) const;
+                   const OperatorPicture& picture, std::string_view label);
   // The rest of the time that each settings server gets to answer for these facts, by its prefix.
   using SourceTimes = std::map<std::string, platform::Duration>;
   // Adds its result to the facts of the switch.
   SwitchOutcome addSwitchFacts(platform::Dictionary& facts, const OperatorPicture& picture,
                                const FeatureConfiguration& configuration, const std::string& key,
-                               const platform::Value& expected, SourceTimes& left) const;
+                               const platform::Value& expected, SourceTimes& left);
+  platform::Duration timeFor(const std::string& source, AskedSource state) const;
   platform::Dictionary factsOfKext(const OperatorPicture& picture, const std::string& name,
                                    const std::optional<std::string>& identifier) const;
 
   const Environment environment_;
+  // Settings servers that did not answer a probe, until they get the whole time again.
+  std::map<std::string, platform::Instant> silentUntil_;
 };

@@ -18,20 +18,22 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
   SettingsClientFactories factories_;
   SettingsSources sources_{factories_, {}, *this};
   EvaluationTimers timers_{loop_};
-  const OperatorReport report_{{.runLoop = loop_,
-                                .files = files_,
-                                .system = system_,
-                                .validator = validator_,
-                                .extensions = extensionsPlatform_,
-                                .jobs = jobs_,
-                                .sources = sources_}};
+  OperatorReport report_{{.runLoop = loop_,
+                          .files = files_,
+                          .system = system_,
+                          .validator = validator_,
+                          .extensions = extensionsPlatform_,
+                          .jobs = jobs_,
+                          .sources = sources_}};
 
   OperatorPicture picture() const {
     return {.taken = loop_.now(),
             .catalogue = std::make_shared<ServiceCatalogue>(catalogue_),
             .product = "product",
             .records = records_,
-            .timers = timers_.dueTimes()};
+            .timers = timers_.dueTimes(),
+            .work = enforcement_.work(),
+            .extensionFailures = control_.failures()};
   }
 };
 
@@ -78,8 +80,7 @@ TEST_F(OperatorReportTest, AServicesFactsFollowItsJob) {
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob], Value());
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("notStarted"));
   enforcement_.enforceRunningForService(kAgent, nullptr);
-  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob],
-            Value(Dictionary{{"PID", process(kAgent)}}));
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob]["PID"], Value(process(kAgent)));
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("core"));
 }
 
@@ -93,6 +94,23 @@ TEST_F(OperatorReportTest, AReportMakesNoClientAndLogsNothing) {
   EXPECT_EQ((*facts[kFactSwitches].array())[0][kFactOutcome], Value(kOutcomeNotAsked));
   EXPECT_FALSE(sources_.configurationClients());
   EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(OperatorReportTest, TheWorkOnAServiceIsReportedWithItsTime) {
+  enforcement_.enforceRunningForService(kAgent, nullptr);
+  loop_.runReady();
+  jobs_.ignoreTermination(kAgent);
+  EXPECT_TRUE(report_.factsOfService(picture(), kAgent)[kFactActivity].isNil());
+  enforcement_.enforceShutdownForService(kAgent, {});
+  loop_.advanceBy(3s);
+  const Value facts = report_.factsOfService(picture(), kAgent);
+  EXPECT_EQ(facts[kFactActivity], Value("isRemoved"));
+  EXPECT_EQ(facts[kFactActivityFor], Value(3.0));
+  const Value services = report_.overview(picture())[kFactServices];
+  EXPECT_EQ(services[kAgent][kFactActivity], Value("isRemoved"));
+  EXPECT_TRUE(services[kHelper][kFactActivity].isNil());
+  loop_.advanceBy(17s);
+  EXPECT_TRUE(report_.factsOfService(picture(), kAgent)[kFactActivity].isNil());
 }
 
 TEST_F(OperatorReportTest, OnlyLabelsOfThisProductsServicesHaveJobs) {

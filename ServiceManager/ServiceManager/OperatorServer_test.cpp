@@ -47,16 +47,17 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
 
   SettingsClientFactories factories_;
   SettingsSources sources_{factories_, {}, *this};
-  const OperatorReport report_{{.runLoop = loop_,
-                                .files = files_,
-                                .system = system_,
-                                .validator = validator_,
-                                .extensions = extensionsPlatform_,
-                                .jobs = jobs_,
-                                .sources = sources_}};
+  OperatorReport report_{{.runLoop = loop_,
+                          .files = files_,
+                          .system = system_,
+                          .validator = validator_,
+                          .extensions = extensionsPlatform_,
+                          .jobs = jobs_,
+                          .sources = sources_}};
   std::shared_ptr<OperatorPictures> pictures_ = std::make_shared<OperatorPictures>();
   std::deque<RunLoop::Callback> requests_;  // that the main thread has not served
   std::deque<RunLoop::Callback> settled_;
+  std::shared_ptr<MainThreadWork> mainWork_ = std::make_shared<MainThreadWork>(loop_);
   std::optional<ORBServiceManagerOperatorServer> server_{
       std::in_place,
       ORBServiceManagerOperatorServer::Environment{
@@ -68,7 +69,8 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
               .whenSettled =
                   [this](Array, RunLoop::Callback settled) {
                     settled_.push_back(std::move(settled));
-                  }}}};
+                  }},
+          .mainThreadWork = mainWork_}};
 };
 
 TEST_F(OperatorServerTest, AnAnswerIsAboutAPictureThatWasTakenAfterTheQuestion) {
@@ -91,6 +93,33 @@ TEST_F(OperatorServerTest, WhileTheMainThreadHangsTheLastPictureIsTheAnswer) {
   EXPECT_EQ(requests_.size(), 1u);
   serveMainThread(0);
   EXPECT_EQ(modeIn(*overview), Value(2));
+}
+
+TEST_F(OperatorServerTest, AnAnswerWithoutTheMainThreadSaysWhatThatIsDoing) {
+  publish(2);
+  const std::string label = kAgent;
+  const MainThreadWork::Scope scope(*mainWork_, kWorkChecksProgram, label);
+  loop_.advanceBy(2s);
+  const auto overview = send("overview");
+  const auto extensions = send("extensions");
+  loop_.advanceBy(100ms);
+  EXPECT_EQ((***overview)[kFactMainThread],
+            Value(Dictionary{
+                {kFactWork, "checksProgram"}, {kFactWorkLabel, kAgent}, {kFactBusyFor, 2.1}}));
+  EXPECT_TRUE((***extensions)[kFactMainThread].isNil());
+}
+
+TEST_F(OperatorServerTest, AHungMainThreadIsReportedWithoutItsWork) {
+  publish(2);
+  send("overview");
+  loop_.advanceBy(5s);
+  const auto facts = send("factsOfService:", {kAgent});
+  loop_.advanceBy(100ms);
+  EXPECT_EQ((***facts)[kFactMainThread], Value(Dictionary{{kFactBusyFor, 5.1}}));
+  serveMainThread(0);
+  const auto overview = send("overview");
+  serveMainThread(0);
+  EXPECT_TRUE((***overview)[kFactMainThread].isNil());
 }
 
 TEST_F(OperatorServerTest, QuestionsThatComeTogetherShareAPicture) {

@@ -71,6 +71,22 @@ TEST_F(OperatorSwitchesTest, AHungSettingsServerIsWaitedForOnce) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+TEST_F(OperatorSwitchesTest, AServerThatHungLatelyGetsLittleTime) {
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                   return std::make_unique<SlowClient>(loop_, 10s);
+                 });
+  startAll();
+  serviceFacts(kAgent);
+  const Instant before = loop_.now();
+  serviceFacts(kAgent);
+  EXPECT_EQ(loop_.now() - before, 20ms);
+  loop_.sleepFor(30s);
+  const Instant later = loop_.now();
+  serviceFacts(kAgent);
+  EXPECT_EQ(loop_.now() - later, 2s);
+}
+
 // A server that raises at once for one of its keys.
 class RaisingClient final : public SettingsClient {
  public:

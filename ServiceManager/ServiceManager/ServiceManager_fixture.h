@@ -301,6 +301,6 @@ class ServiceManagerFixture : public SupervisedMachine {
   const ORBSigningValidator validator_{signatures_};
   KLXGlobalSettingsClientDelegate reportsDelegate_;
   SettingsSources reportsSources_{factories_, {}, reportsDelegate_};
-  const OperatorReport report_{
+  OperatorReport report_{
       {loop_, files_, system_, validator_, extensionsPlatform_, jobs_, reportsSources_}};
 };

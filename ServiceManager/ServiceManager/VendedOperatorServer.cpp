@@ -32,7 +32,8 @@ struct VendedOperatorServer::Parts {
         server({.runLoop = environment.worker.runLoop,
                 .pictures = environment.pictures,
                 .report = report,
-                .main = environment.main}),
+                .main = environment.main,
+                .mainThreadWork = environment.mainThreadWork}),
         authenticator(environment.system),
         connection(environment.worker.connections.makeConnection()) {
     connection->setDelegate(&authenticator);
@@ -48,7 +49,7 @@ struct VendedOperatorServer::Parts {
   const ORBSigningValidator validator;
   KLXGlobalSettingsClientDelegate delegate;
   SettingsSources sources;  // for probes
-  const OperatorReport report;
+  OperatorReport report;
   ORBServiceManagerOperatorServer server;
   KLXConnectionAuthenticator authenticator;
   const std::shared_ptr<NSConnection> connection;

@@ -19,6 +19,7 @@ class VendedOperatorServer {
     OperatorWorker worker;
     std::shared_ptr<OperatorPictures> pictures;
     ORBServiceManagerOperatorServer::MainThread main;
+    std::shared_ptr<const MainThreadWork> mainThreadWork;
     const platform::ProtocolTable& protocols;
     const platform::SystemInformation& system;
     platform::FileReader& files;

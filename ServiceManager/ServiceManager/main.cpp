@@ -157,6 +157,10 @@ class ExtensionWorker {
   platform::LinuxKernelExtensions extensions_;
 };
 
+// Each wait of the operator's thread for the job host. A host that hangs costs two of them, and
+// then a short probe once a second.
+constexpr std::chrono::milliseconds kOperatorsWait{250};
+
 // The clients that the operator's server uses, for one thread that may wait for the job host, a
 // settings server or an extension.
 class OperatorClients {
@@ -176,6 +180,7 @@ class OperatorClients {
         extensions_(
             {thread.loop(), jobs_, signatures, controls_, modules_, linux.systemLog},
             platform::LinuxKernelExtensions::folders(root_, linux.mainBundle.resourcePath())) {
+    host_.limitWaits(kOperatorsWait);
     addSettingsClientFactories(factories_, {thread.loop(), connections_, nullCenter_, center_,
                                             protocols, linux.systemInformation});
     thread_.loop().post(

@@ -50,7 +50,7 @@ void SettingsQuestions::valuesOf(std::vector<Setting> settings,
                                  std::move_only_function<void(Values)> answer) {
   struct Found {
     Values values;
-    std::map<std::string, bool> sources;
+    std::map<std::string, AskedSource> sources;
   };
   ask<Found>(
       [settings = std::move(settings)](Clients& clients) {
@@ -59,18 +59,27 @@ void SettingsQuestions::valuesOf(std::vector<Setting> settings,
           SettingsClient* client = nullptr;
           if (setting.source) {
             client = clients.sources.configurationWithSelectorPrefix(*setting.source);
-            found.sources[*setting.source] = client != nullptr;
+            found.sources.emplace(*setting.source, AskedSource::kMissing);
           }
           Value value = client && setting.key ? client->objectForKey(*setting.key) : Value();
+          if (client) {
+            found.sources[*setting.source] =
+                client->isServerHung() ? AskedSource::kHung : AskedSource::kAnswers;
+          }
           // An object of the server belongs to the connection, and so to the worker.
           found.values.push_back(value.remoteObject() ? Value() : std::move(value));
         }
         return found;
       },
       [this, answer = std::move(answer)](Found found) mutable {
-        askedSources_.merge(found.sources);
+        for (const auto& [source, state] : found.sources) askedSources_[source] = state;
         answer(std::move(found.values));
       });
+}
+
+bool SettingsQuestions::isHung(const std::string& source) const {
+  const auto asked = askedSources_.find(source);
+  return asked != askedSources_.end() && asked->second == AskedSource::kHung;
 }
 
 void SettingsQuestions::makePrimaryServiceClient(const char* server, const char* protocol,

@@ -23,6 +23,13 @@ struct SettingsWorker {
   const SettingsClientFactories& factories;
 };
 
+// A settings server that has been asked.
+enum class AskedSource {
+  kMissing,  // there is no such server
+  kAnswers,
+  kHung,  // it did not answer the last question, or was not asked because it hung lately
+};
+
 // Asks the settings servers and the configuration server on behalf of the daemon. A server that
 // hangs costs its time-outs on the worker's thread, and the main thread goes on. Answers come in
 // the order of the questions, as callbacks on the main thread. Belongs to that thread.
@@ -64,8 +71,9 @@ class SettingsQuestions {
   // The starts of all servers may have been missed.
   void forgetConnections();
 
-  // The sources that have been asked, and whether there is such a settings server.
-  const std::map<std::string, bool>& askedSources() const { return askedSources_; }
+  // The sources that have been asked.
+  const std::map<std::string, AskedSource>& askedSources() const { return askedSources_; }
+  bool isHung(const std::string& source) const;
 
   // See SettingsSources.h. Any thread.
   platform::Value getLastLoggedInUserHomeDirectory() const;
@@ -79,5 +87,5 @@ class SettingsQuestions {
   const Environment environment_;
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
   std::shared_ptr<Clients> clients_;  // the worker's
-  std::map<std::string, bool> askedSources_;
+  std::map<std::string, AskedSource> askedSources_;
 };

@@ -1,6 +1,7 @@
 #include "ServiceManager/Supervision/ExtensionControl.h"
 
 #include <chrono>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -16,6 +17,23 @@ using namespace std::chrono_literals;
 constexpr Duration kUnloadTime = 1s;
 constexpr Duration kUnloadPause = 200ms;
 constexpr Duration kReloadEvaluationDelay = 5s;
+
+// Empty if the outcome is no failure, or the next step may repair it.
+std::string_view failedStep(KextLoadingState state, KextLoadingOutcome outcome) {
+  if (outcome == KextLoadingOutcome::kRejected) return kKextIsRejected;
+  if (outcome != KextLoadingOutcome::kFailed) return {};
+  switch (state) {
+    case KextLoadingState::kConfigure:
+      return kKextIsNotConfigured;
+    case KextLoadingState::kLoad:
+    case KextLoadingState::kReload:
+      return kKextIsNotLoaded;
+    case KextLoadingState::kUnload:
+      return kKextIsNotUnloaded;
+    default:
+      return {};
+  }
+}
 
 }  // namespace
 
@@ -38,6 +56,7 @@ struct ExtensionControl::Load {
   std::set<std::string> stopped = {};  // services that the unloading has stopped
   std::size_t stopping = 0;            // the number of those that have not ended yet
   std::unique_ptr<RunLoopHandle> pause = nullptr;
+  std::string_view failedStep = {};
 };
 
 ExtensionControl::ExtensionControl(const Environment& environment) : environment_(environment) {}
@@ -134,6 +153,10 @@ void ExtensionControl::finish(const LoadPointer& load, KextLoadingOutcome outcom
     vantorlogger2_line(ASL_LEVEL_ERR,
                        stringWithFormat("Unable to unload kext '%@'.", load->identifier));
   }
+  const std::string_view step = failedStep(load->state, outcome);
+  // An extension is unloaded because of an earlier failure, which tells more.
+  if (!step.empty() && (load->failedStep.empty() || step != kKextIsNotUnloaded))
+    load->failedStep = step;
   load->state = nextKextLoadingState(load->state, outcome);
   act(load);
 }
@@ -161,5 +184,10 @@ void ExtensionControl::end(LoadPointer load) {
     environment_.evaluateLater(label, kReloadEvaluationDelay);
   }
   const bool isLoaded = load->state == KextLoadingState::kDone;
+  if (isLoaded) {
+    failures_.erase(load->name);
+  } else {
+    failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
+  }
   for (Done& done : load->callers) done(isLoaded);
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Value.h"
@@ -55,6 +56,14 @@ class ExtensionControl {
                               const std::string& kextName, const platform::Array& withOptions,
                               Done done);
 
+  // The extensions whose last start has failed, by name.
+  struct Failure {
+    std::string_view step;  // one of the words below
+    platform::Instant time;
+  };
+  using Failures = std::map<std::string, Failure, std::less<>>;
+  const Failures& failures() const { return failures_; }
+
   // The names of the extensions that were loaded and configured in this run.
   const std::set<std::string>& kextsLoaded() const { return kextsLoaded_; }
 
@@ -73,7 +82,14 @@ class ExtensionControl {
 
   const Environment environment_;
   std::set<std::string> kextsLoaded_;
+  Failures failures_;
   std::map<std::string, LoadPointer> loads_;  // those under way, by name
   // Answers of the worker and of services that come after the end of this object are dropped.
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };
+
+// The step that failed last while an extension was started.
+inline constexpr std::string_view kKextIsRejected = "isRejected";  // its version is too old
+inline constexpr std::string_view kKextIsNotConfigured = "isNotConfigured";
+inline constexpr std::string_view kKextIsNotLoaded = "isNotLoaded";
+inline constexpr std::string_view kKextIsNotUnloaded = "isNotUnloaded";

@@ -289,6 +289,25 @@ TEST_F(ExtensionControlTest, AnExtensionThatCannotBeReloadedFails) {
   EXPECT_THAT(takeLog(), Not(Contains(testing::HasSubstr("Unable to unload"))));
 }
 
+TEST_F(ExtensionControlTest, AFailureIsRememberedUntilAStartSucceeds) {
+  extensions_.setLoadFails(kNetwork, true);
+  EXPECT_FALSE(load(kNetwork, "net"));
+  ASSERT_TRUE(control_.failures().contains("net"));
+  EXPECT_EQ(control_.failures().at("net").step, kKextIsNotLoaded);
+  EXPECT_EQ(control_.failures().at("net").time, loop_.now());
+  extensions_.setLoadFails(kNetwork, false);
+  EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_TRUE(control_.failures().empty());
+}
+
+TEST_F(ExtensionControlTest, AnOldExtensionInUseIsTooOldAndNotOnlyInUse) {
+  extensions_.setLoaded(kNetwork);
+  network_.version = integer(4);
+  auto client = connectToControl(controls_, kNetwork);
+  EXPECT_FALSE(load(kNetwork, "net"));
+  EXPECT_EQ(control_.failures().at("net").step, kKextIsRejected);
+}
+
 // The time is checked after each try, and is over more than a second after the first.
 TEST_F(ExtensionControlTest, UnloadingForMoreThanASecondFails) {
   extensions_.setLoaded(kNetwork);

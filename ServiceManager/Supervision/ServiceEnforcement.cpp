@@ -26,6 +26,14 @@ ServiceActivity ServiceEnforcement::activityOf(const std::string& label) const {
   return service == services_.end() ? ServiceActivity::kNothing : service->second.activity;
 }
 
+std::map<std::string, ServiceEnforcement::Work, std::less<>> ServiceEnforcement::work() const {
+  std::map<std::string, Work, std::less<>> work;
+  for (const auto& [label, service] : services_) {
+    work.emplace_hint(work.end(), label, Work{service.activity, service.since});
+  }
+  return work;
+}
+
 // The last of the services that hold the observer calls it.
 void ServiceEnforcement::whenSettled(const std::vector<std::string>& labels,
                                      CompletionBlock settled) {
@@ -46,7 +54,9 @@ void ServiceEnforcement::whenSettled(const std::vector<std::string>& labels,
 ServiceStep ServiceEnforcement::advance(const std::string& label, ServiceEvent event) {
   const auto [next, step] = nextServiceActivity(activityOf(label), event);
   if (next != ServiceActivity::kNothing || services_.contains(label)) {
-    services_[label].activity = next;
+    Service& service = services_[label];
+    if (service.activity != next) service.since = environment_.runLoop.now();
+    service.activity = next;
   }
   return step;
 }
@@ -68,6 +78,7 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
 }
 
 void ServiceEnforcement::check(const std::string& label) {
+  const MainThreadWork::Scope scope(environment_.mainThreadWork, kWorkChecksService, label);
   Service& service = services_[label];
   service.request = ++lastRequest_;
   service.isAskedAgain = false;
@@ -337,6 +348,7 @@ void ServiceEnforcement::jobIsRemoved(const std::string& label, bool hasStopped)
 
 ProgramState ServiceEnforcement::programState(const std::string& label,
                                               const Value& jobInfo) const {
+  const MainThreadWork::Scope scope(environment_.mainThreadWork, kWorkChecksProgram, label);
   const std::string& path = *jobInfo["Program"].string();
   const ProgramState state = checkProgram(path, environment_.files, environment_.validator).state;
   if (state == ProgramState::kUnknown) {

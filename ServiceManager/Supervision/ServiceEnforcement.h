@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Files/FileReader.h"
+#include "Platform/RunLoops/RunLoop.h"
 #include "Platform/RunLoops/TurnQueue.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
@@ -16,6 +17,7 @@
 #include "ServiceManager/Supervision/ExitMonitor.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/LaunchdJobs.h"
+#include "ServiceManager/Supervision/MainThreadWork.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
 #include "ServiceManager/Supervision/ProgramRechecks.h"
 #include "ServiceManager/Supervision/ServiceActivity.h"
@@ -34,6 +36,8 @@ class ServiceEnforcement {
 
   // All of it outlives this.
   struct Environment {
+    const platform::RunLoop& runLoop;
+    MainThreadWork& mainThreadWork;
     platform::TurnQueue& turns;
     const ServiceCatalogue& catalogue;
     LaunchdJobs& jobs;
@@ -77,6 +81,12 @@ class ServiceEnforcement {
   bool checkOSSupportForService(const std::string& label) const;
 
   ServiceActivity activityOf(const std::string& label) const;
+  // The work on services, and since when it is of this kind, by label.
+  struct Work {
+    ServiceActivity activity;
+    platform::Instant since;
+  };
+  std::map<std::string, Work, std::less<>> work() const;
   // Calls `settled` when the work on all these services has ended, at once if there is none.
   // Requests that come meanwhile are waited for, too.
   void whenSettled(const std::vector<std::string>& labels, CompletionBlock settled);
@@ -84,6 +94,7 @@ class ServiceEnforcement {
  private:
   struct Service {
     ServiceActivity activity = ServiceActivity::kNothing;
+    platform::Instant since{};  // of the activity
     // Answers to requests of an earlier one are ignored.
     std::uint64_t request = 0;
     bool isAskedAgain = false;  // while its process is looked for

@@ -74,7 +74,10 @@ class SupervisionFixture : public SupervisedMachine {
                               enforcement_.enforceRunningForService(label, {});
                             }};
   int unready_ = 0;  // how often a service was reported as not ready
-  ServiceEnforcement enforcement_{{.turns = turns_,
+  MainThreadWork mainThreadWork_{loop_};
+  ServiceEnforcement enforcement_{{.runLoop = loop_,
+                                   .mainThreadWork = mainThreadWork_,
+                                   .turns = turns_,
                                    .catalogue = catalogue_,
                                    .jobs = launchd_,
                                    .records = records_,

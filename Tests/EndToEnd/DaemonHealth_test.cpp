@@ -109,6 +109,9 @@ TEST_F(DaemonHealth, TheOperatorSeesHealthAndReason) {
                              HasSubstr("servicemanager_service_forced_stops{service=\"" + kA +
                                        "\",name=\"" + kA + "\"} 1\n"),
                              testing::EndsWith("# EOF\n")));
+  EXPECT_THAT(metrics, HasSubstr("servicemanager_service_crashes_total{service=\"" + kA +
+                                 "\",name=\"" + kA + "\"} 1\n"));
+  EXPECT_THAT(table, HasSubstr("2 starts, 1 ends, 1 crashes."));
   EXPECT_THAT(control({"health", "--json"}).second, HasSubstr("\"readyToReport\": true"));
 
   EXPECT_THAT(control({"explain", kA}).second,

@@ -68,7 +68,9 @@ TEST_F(ServicesControlTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
   EXPECT_THAT(notices->nextLine(), HasSubstr("com.vantor.demo.scanner  runs as process "));
   const auto listed = root_.control({"list"}).output;
   EXPECT_THAT(listed, ContainsRegex("com\\.vantor\\.demo\\.agent +core +stopped"));
-  EXPECT_THAT(listed, ContainsRegex("scanner +core +running +[0-9]+  killed by SIGKILL\n"));
+  EXPECT_THAT(
+      listed,
+      ContainsRegex("scanner +core +running +[0-9]+  killed by SIGKILL, 1 crash in 2 starts\n"));
 
   const auto started = root_.control({"start", kAgent, "--json"});
   EXPECT_EQ(started.status, exited(0)) << started.errors;

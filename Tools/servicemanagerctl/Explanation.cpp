@@ -4,6 +4,7 @@
 #include <iterator>
 #include <set>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -13,6 +14,7 @@
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
+#include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -37,6 +39,7 @@ class Facts {
   }
   std::int64_t number(const char* key) const { return facts_[key].integer().value_or(0); }
   const Value& operator[](const char* key) const { return facts_[key]; }
+  const Value& all() const { return facts_; }
 
   std::string label() const { return text(kFactLabel); }
   std::string reason() const { return text(kFactReason); }
@@ -71,13 +74,11 @@ std::string plainOrShown(const Value& value) {
 }
 
 std::string namesIn(const Value& names) {
-  std::string text;
-  if (!names.array()) return "no product";
-  for (const Value& name : *names.array()) {
-    if (!text.empty()) text += ", ";
-    text += plainOrShown(name);
+  std::vector<std::string> texts;
+  if (names.array()) {
+    for (const Value& name : *names.array()) texts.push_back(plainOrShown(name));
   }
-  return text.empty() ? "no product" : text;
+  return texts.empty() ? "no product" : fmt::format("{}", fmt::join(texts, ", "));
 }
 
 std::string nameOfSwitch(const Value& row) {
@@ -182,6 +183,7 @@ std::string whyItIsDown(const Facts& facts) {
     return fmt::format("its program can't be checked now, and is checked again: {}",
                        facts.text(kFactProgramFault));
   }
+  if (reason == kReasonExtension) return lackOfExtensions(facts.all());
   if (reason == kReasonEnded) {
     return fmt::format(
         "it is wanted, and its process has ended ({}); the job host starts it again "
@@ -312,9 +314,7 @@ std::string aboutLastExit(const Facts& facts) {
 }
 
 std::string aboutRetry(const Facts& facts) {
-  if (facts.is(kFactIsRetried)) {
-    return "in " + inSeconds(facts[kFactRetryIn]);
-  }
+  if (facts.is(kFactIsRetried)) return "in " + inSeconds(facts[kFactRetryIn]);
   const bool isEvaluated = evaluationPermission(facts.mode(), facts.is(kFactIsPrimaryStopped)) ==
                            EvaluationPermission::kGranted;
   if (isEvaluated && facts.has(kFactSettingsEvaluationIn)) {
@@ -332,6 +332,8 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   std::vector<std::pair<std::string, std::string>> details{{"product", aboutProduct(facts)}};
   if (!facts.is(kFactIsOfProduct)) return details;
   details.emplace_back("system", aboutSystem(facts));
+  if (auto work = mainThreadsWork(facts.all()); !work.empty())
+    details.emplace_back("main thread", std::move(work));
   const char* const type = facts.isFeature() ? "feature service" : "core service";
   details.emplace_back("type", facts.isPrimary() ? "the primary service" : type);
   details.emplace_back("mode", aboutMode(facts));
@@ -345,6 +347,8 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
                                                                 : "none");
   details.emplace_back("last exit", aboutLastExit(facts));
   details.emplace_back("watched", facts.is(kFactIsMonitored) ? "yes" : "no");
+  if (auto work = workOnService(facts.all()); !work.empty())
+    details.emplace_back("now", std::move(work));
   if (facts.has(kFactHealth)) details.emplace_back("health", aboutHealth(facts));
   // A process that has ended meanwhile is not stopped any more.
   if (facts.has(kFactStopIn) && facts.job().process) {

@@ -8,6 +8,7 @@
 #include <fmt/ranges.h>
 
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -81,6 +82,15 @@ std::string notesOn(const std::string& name, const Value& extension) {
   if (const std::string* fault = extension[kFactKextFault].string()) {
     notes += fmt::format("{}: {}\n", plain(name), plain(*fault));
   }
+  if (extension[kFactKextIsAnswering].boolean() == false) {
+    notes +=
+        fmt::format("{}: takes connections, but gives no answer within a second\n", plain(name));
+  } else if (extension[kFactKextIsLoaded].boolean() == true &&
+             extension[kFactKextIsConnected].boolean() == false) {
+    notes += fmt::format("{}: is loaded, but takes no connection\n", plain(name));
+  }
+  if (const std::string failure = failureOfExtension(extension); !failure.empty())
+    notes += fmt::format("{}: {}\n", plain(name), failure);
   if (const std::string* path = extension[kFactKextLoadedPath].string()) {
     notes += fmt::format("{}: was loaded from {}\n", plain(name), plain(*path));
   }

@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -88,9 +90,32 @@ void addServices(std::string& text, const std::vector<Service>& services) {
   }
 }
 
+void addCounts(std::string& text, const std::vector<Service>& services) {
+  struct Count {
+    std::string_view metric;
+    std::string_view help;
+    std::int64_t JobHistory::* count;
+  };
+  constexpr Count kCounts[] = {
+      {"servicemanager_service_starts", "How often a process was started.", &JobHistory::starts},
+      {"servicemanager_service_ends", "How often a process ended.", &JobHistory::ends},
+      {"servicemanager_service_crashes", "How often a process crashed.", &JobHistory::crashes}};
+  for (const Count& count : kCounts) {
+    if (std::ranges::none_of(services,
+                             [](const Service& service) { return service.history.has_value(); }))
+      return;
+    describeMetric(text, count.metric, "counter", count.help);
+    for (const Service& service : services) {
+      if (!service.history) continue;
+      fmt::format_to(std::back_inserter(text), "{}_total{{{}}} {}\n", count.metric,
+                     labelsOf(service), (*service.history).*count.count);
+    }
+  }
+}
+
 }  // namespace
 
-std::optional<HealthReport> healthReport(const Value& record) {
+std::optional<HealthReport> healthReport(const Value& record, const Value& jobs) {
   if (!record.dictionary()) return std::nullopt;
   HealthReport report{.isReadyToReport = record[kHealthReadyToReport].boolean().value_or(false),
                       .crashLimit = record[kHealthCrashLimit].integer().value_or(0),
@@ -105,7 +130,8 @@ std::optional<HealthReport> healthReport(const Value& record) {
          .name = name ? *name : label,
          .status = statusIn(service),
          .crashes = service[kHealthCrashes].integer().value_or(0),
-         .isHealthy = reported ? std::optional(*reported == kHealthy) : std::nullopt});
+         .isHealthy = reported ? std::optional(*reported == kHealthy) : std::nullopt,
+         .history = jobState(label, jobs[label][kFactJob]).history});
   }
   std::ranges::sort(report.services, {}, &Service::label);
   return report;
@@ -150,6 +176,10 @@ std::string asTable(const std::optional<HealthReport>& health, Reader reader) {
                        ? coloured(said, Colour::kRed, reader)
                        : (service.isHealthy ? coloured(said, Colour::kGreen, reader) : said));
   }
+  for (const Service& service : health->services) {
+    if (service.history && service.history->crashes > 0)
+      text += fmt::format("\n{}\n{}", plain(service.label), asText(*service.history));
+  }
   if (!health->isReadyToReport) {
     text += "The health reporter is told not to rely on this now.\n";
   }
@@ -164,6 +194,7 @@ Json asJson(const std::optional<HealthReport>& health) {
     json["status"] = service.status ? Json(nameOf(*service.status)) : Json();
     json["crashes"] = service.crashes;
     json["healthy"] = service.isHealthy ? Json(*service.isHealthy) : Json();
+    if (service.history) json["history"] = asJson(*service.history);
     services.push_back(std::move(json));
   }
   return {{"readyToReport", health->isReadyToReport},
@@ -181,6 +212,7 @@ std::string asOpenMetrics(const std::optional<HealthReport>& health) {
     describeMetric(text, kLimit, "gauge", "Forced stops at which a service is unhealthy.");
     fmt::format_to(std::back_inserter(text), "{} {}\n", kLimit, health->crashLimit);
     addServices(text, health->services);
+    addCounts(text, health->services);
   }
   return text + "# EOF\n";
 }

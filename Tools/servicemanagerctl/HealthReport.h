@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Platform/Jobs/JobHistory.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/Output.h"
@@ -21,6 +22,8 @@ struct HealthReport {
     std::int64_t crashes = 0;                 // since the last summary
     // As a summary would say now; none if a summary would omit it
     std::optional<bool> isHealthy = {};
+    // The job host's counts, which outlive the service manager; none if it has no job.
+    std::optional<platform::JobHistory> history = {};
 
     bool operator==(const Service&) const = default;
   };
@@ -33,8 +36,9 @@ struct HealthReport {
 };
 
 // Reads the service manager's answer; nothing if it keeps no record. A malformed entry counts as
-// absent.
-std::optional<HealthReport> healthReport(const platform::Value& record);
+// absent. `jobs` are the facts of the services' jobs by label (OperatorFacts.h), or nil.
+std::optional<HealthReport> healthReport(const platform::Value& record,
+                                         const platform::Value& jobs = {});
 
 // "unready", "running", "stopped", "updating".
 std::string_view nameOf(HealthStatus status);

@@ -42,6 +42,20 @@ TEST(HealthReportTest, IsReadFromTheRecordSortedByLabel) {
           Service{"gone", "gone", {}, 1, {}}));
 }
 
+TEST(HealthReportTest, TheJobHostsCountsAreTold) {
+  const Dictionary history{{"Since", Date{0}}, {"Starts", 5}, {"Ends", 4}, {"Crashes", 3}};
+  const Value jobs =
+      Dictionary{{"com.example.web", Dictionary{{"Job", Dictionary{{"History", history}}}}}};
+  const auto report = healthReport(record(), jobs);
+  EXPECT_THAT(
+      asTable(report, Reader::kOther),
+      HasSubstr("\ncom.example.web\nSince 2001-01-01T00:00:00Z: 5 starts, 4 ends, 3 crashes.\n"));
+  EXPECT_EQ(asJson(report)["services"][2]["history"]["crashes"], 3);
+  EXPECT_THAT(asOpenMetrics(report),
+              HasSubstr("servicemanager_service_starts_total{service=\"com.example.web\","
+                        "name=\"com.example.web\"} 5\n"));
+}
+
 TEST(HealthReportTest, MalformedEntriesCountAsAbsent) {
   EXPECT_FALSE(healthReport({}));
   EXPECT_FALSE(healthReport("text"));

@@ -77,17 +77,6 @@ std::string timeOfHistory(WallTime time) { return jsonOf(Value(dateAt(time))).ge
 
 double secondsOfRun(Duration duration) { return std::chrono::duration<double>(duration).count(); }
 
-std::string textOfHistory(const JobHistory& history) {
-  std::string text =
-      fmt::format("\nSince {}: {} starts, {} ends, {} crashes.\n", timeOfHistory(history.since),
-                  history.starts, history.ends, history.crashes);
-  for (const JobHistory::End& end : history.lastEnds) {
-    text += fmt::format("{}  after {:.1f} s: {}\n", timeOfHistory(end.at), secondsOfRun(end.ran),
-                        inWords(endingOf(end)));
-  }
-  return text;
-}
-
 Json jsonOfHistory(const JobHistory& history) {
   return {{"since", jsonOf(Value(dateAt(history.since)))},
           {"starts", history.starts},
@@ -106,6 +95,23 @@ Json jsonOfEnds(const JobHistory& history) {
 }
 
 }  // namespace
+
+std::string asText(const JobHistory& history) {
+  std::string text =
+      fmt::format("Since {}: {} starts, {} ends, {} crashes.\n", timeOfHistory(history.since),
+                  history.starts, history.ends, history.crashes);
+  for (const JobHistory::End& end : history.lastEnds) {
+    text += fmt::format("{}  after {:.1f} s: {}\n", timeOfHistory(end.at), secondsOfRun(end.ran),
+                        inWords(endingOf(end)));
+  }
+  return text;
+}
+
+Json asJson(const JobHistory& history) {
+  Json json = jsonOfHistory(history);
+  if (!history.lastEnds.empty()) json["lastEnds"] = jsonOfEnds(history);
+  return json;
+}
 
 JobState jobState(std::string label, const Value& dictionary) {
   JobState job{.label = std::move(label),
@@ -174,7 +180,7 @@ Json asJson(const JobState& job) {
 
 std::string asText(const JobState& job, const Value& dictionary, Reader reader) {
   std::string text = asTable({job}, reader);
-  if (job.history) text += textOfHistory(*job.history);
+  if (job.history) text += "\n" + asText(*job.history);
   text += '\n';
   const auto out = std::back_inserter(text);
   std::size_t width = 0;

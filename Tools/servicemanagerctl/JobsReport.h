@@ -38,6 +38,10 @@ struct JobState {
 // Reads a job's dictionary, or the host's facts about its process.
 JobState jobState(std::string label, const platform::Value& dictionary);
 
+// The counts since a time, and the last ends, as lines and for programs.
+std::string asText(const platform::JobHistory& history);
+nlohmann::ordered_json asJson(const platform::JobHistory& history);
+
 // Sorted by label.
 std::vector<JobState> jobStates(const platform::Dictionary& byLabel);
 

@@ -10,6 +10,7 @@
 
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Explanation.h"
@@ -54,7 +55,13 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
 Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
   const auto record = daemon.ask("healthRecord");
   if (!record) return std::unexpected(record.error());
-  const auto report = healthReport(*record);
+  Array labels;
+  if (const Dictionary* services = (*record)[kHealthServices].dictionary()) {
+    for (const auto& [label, service] : *services) labels.push_back(Value(label));
+  }
+  const auto jobs = daemon.ask("jobsOfServices:", {std::move(labels)});
+  if (!jobs) return std::unexpected(jobs.error());
+  const auto report = healthReport(*record, *jobs);
   if (json_) return dumped(asJson(report));
   if (openMetrics_) return asOpenMetrics(report);
   return asTable(report, readerOf(STDOUT_FILENO));

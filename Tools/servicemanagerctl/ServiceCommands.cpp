@@ -11,6 +11,7 @@
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -149,6 +150,10 @@ Answer<std::vector<ServiceState>> ServiceCommands::readAll(
     return std::unexpected(connected.error());
   const auto overview = daemon.ask("overview");
   if (!overview) return std::unexpected(overview.error());
+  if (const std::string work = mainThreadsWork(*overview); !work.empty())
+    remark("the service manager's main thread is busy, and this is how it was before: it " + work);
+  if ((*overview)[kFactIsTakingOver] == Value(true))
+    remark("the service manager has just started and is still taking over the services");
   const Value& services = (*overview)[kFactServices];
   std::vector<std::string> labels;
   if (services.dictionary()) {

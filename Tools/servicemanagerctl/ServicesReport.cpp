@@ -11,6 +11,7 @@
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
+#include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -45,6 +46,10 @@ std::string_view wordOf(Activity activity) {
       return "waiting";
     case Activity::kStopped:
       return "stopped";
+    case Activity::kStarting:
+      return "starting";
+    case Activity::kNeedsExtension:
+      return "no extension";
     case Activity::kUnsupported:
       return "unsupported";
     case Activity::kUnknown:
@@ -63,6 +68,14 @@ ServiceState stateOf(const std::string& label, std::string_view type, const Valu
                        ? Activity::kUnknown
                        : activityOf(state.job, needed, system);
   return state;
+}
+
+// ", 3 crashes in 5 starts"; empty without a crash.
+std::string crashesInWords(const JobState& job) {
+  if (!job.history || job.history->crashes == 0) return {};
+  return fmt::format(", {} crash{} in {} start{}", job.history->crashes,
+                     job.history->crashes == 1 ? "" : "es", job.history->starts,
+                     job.history->starts == 1 ? "" : "s");
 }
 
 // The content of a notice; the process is absent if none runs.
@@ -92,7 +105,19 @@ ServiceState serviceState(const std::string& label, const Value& services, const
 ServiceState listedService(const std::string& label, const Value& facts, const Value& jobFacts,
                            const SystemInformation& system) {
   const std::string* type = facts[kFactType].string();
-  return stateOf(label, type ? *type : "", facts[kFactMinimumOSVersion], jobFacts, system);
+  ServiceState state =
+      stateOf(label, type ? *type : "", facts[kFactMinimumOSVersion], jobFacts, system);
+  state.failedExtensions = failedExtensions(facts);
+  state.work = workOnService(facts);
+  if (state.activity != Activity::kStopped) return state;
+  const Value& activity = facts[kFactActivity];
+  if (activity == Value(kActivityConfiguresExtensions) ||
+      activity == Value(kActivityAwaitsProcess)) {
+    state.activity = Activity::kStarting;
+  } else if (!state.failedExtensions.empty() && facts[kFactIsStopped] != Value(true)) {
+    state.activity = Activity::kNeedsExtension;
+  }
+  return state;
 }
 
 std::string inWords(const ServiceState& service) {
@@ -119,7 +144,7 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
   for (const ServiceState& service : services) {
     const JobState& job = service.job;
     const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
-    const std::string ending = inWords(job.lastExit);
+    const std::string ending = inWords(job.lastExit) + crashesInWords(job);
     fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", plain(job.label), labelWidth,
                    wordOf(service.type),
                    job.process ? coloured(state, Colour::kGreen, reader) : state,
@@ -137,6 +162,9 @@ Json asJson(const ServiceState& service) {
   json["pid"] = job["pid"];
   json["lastExit"] = job["lastExit"];
   json["neededSystem"] = service.neededSystem.empty() ? Json() : Json(service.neededSystem);
+  if (service.job.history) json["history"] = asJson(*service.job.history);
+  if (!service.failedExtensions.empty()) json["failedExtensions"] = service.failedExtensions;
+  if (!service.work.empty()) json["now"] = service.work;
   return json;
 }
 
@@ -155,6 +183,8 @@ std::string asSentence(const ServiceState& service) {
       return fmt::format("{} has no process now and is to be started again; its last exit: {}.\n",
                          label, inWords(service.job.lastExit));
     case Activity::kStopped:
+    case Activity::kStarting:
+    case Activity::kNeedsExtension:
       return fmt::format("{} is stopped.\n", label);
     case Activity::kUnsupported:
       return fmt::format("{} is not started here: it needs release {}.\n", label,

@@ -18,16 +18,20 @@ struct ServiceState {
   enum class Type { kCore, kFeature };
   enum class Activity {
     kRunning,
-    kWaiting,      // its process has ended and will be started again
-    kStopped,      // it has no process, and none has ended
-    kUnsupported,  // it has no process and needs a newer system
-    kUnknown,      // the job host does not answer
+    kWaiting,         // its process has ended and will be started again
+    kStopped,         // it has no process, and none has ended
+    kStarting,        // the same, and it is being started
+    kNeedsExtension,  // the same, and one of its extensions can't be used
+    kUnsupported,     // it has no process and needs a newer system
+    kUnknown,         // the job host does not answer
   };
 
   JobState job;
   Type type = Type::kCore;
   Activity activity = Activity::kStopped;
-  std::string neededSystem = {};  // the release that the service requires; empty for any
+  std::string neededSystem = {};      // the release that the service requires; empty for any
+  std::string failedExtensions = {};  // the names of those that can't be used
+  std::string work = {};              // the work on it, in words
 
   bool operator==(const ServiceState&) const = default;
 };
@@ -43,7 +47,7 @@ ServiceState listedService(const std::string& label, const platform::Value& fact
                            const platform::Value& jobFacts,
                            const platform::SystemInformation& system);
 
-// "running", "waiting", "stopped", "needs 10.11", "unknown".
+// "running", "waiting", "stopped", "needs 10.11", "unknown", "starting", "no extension".
 std::string inWords(const ServiceState& service);
 
 // Every line has a line end. Without services the table is a sentence.

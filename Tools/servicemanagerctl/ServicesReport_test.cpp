@@ -52,6 +52,21 @@ TEST_F(ServicesReportTest, AServicesTypeAndActivityFollowFromItsFacts) {
   EXPECT_EQ(state("unknown"), (ServiceState{.job = jobState("unknown", {})}));
 }
 
+TEST_F(ServicesReportTest, AListedServiceFollowsFromTheOperatorsFacts) {
+  const auto listed = [this](Dictionary facts, Dictionary jobFacts = {}) {
+    return listedService("agent", Value(std::move(facts)), Value(std::move(jobFacts)), system_);
+  };
+  EXPECT_EQ(listed({{kFactType, "FeatureService"}}).type, Type::kFeature);
+  EXPECT_EQ(listed({{kFactMinimumOSVersion, "10.99"}}).activity, Activity::kUnsupported);
+  EXPECT_EQ(inWords(listed({{kFactActivity, kActivityAwaitsProcess}})), "starting");
+  const Dictionary failed{{kFactFailedExtensions, Array{"wfk"}}};
+  EXPECT_EQ(inWords(listed(failed)), "no extension");
+  EXPECT_EQ(asJson(listed(failed))["failedExtensions"], "wfk");
+  EXPECT_EQ(inWords(listed({{kFactFailedExtensions, Array{"wfk"}}, {kFactIsStopped, true}})),
+            "stopped");
+  EXPECT_EQ(inWords(listed(failed, {{kFactJob, Dictionary{{"PID", 7}}}})), "running");
+}
+
 TEST_F(ServicesReportTest, AServiceOfAHungJobHostIsUnknown) {
   for (const char* label : {"agent", "modern"}) {
     EXPECT_EQ(unknown(label).activity, Activity::kUnknown);
@@ -77,6 +92,16 @@ TEST_F(ServicesReportTest, TheTableIsAligned) {
             "modern   core     needs 10.99        -  -\n"
             "scanner  core     stopped            -  -\n");
   EXPECT_EQ(asTable(std::vector<ServiceState>{}, Reader::kTerminal), "No services.\n");
+}
+
+TEST_F(ServicesReportTest, CrashesAreToldWithTheLastExit) {
+  const Dictionary history{{"Since", Date{0}}, {"Starts", 3}, {"Ends", 2}, {"Crashes", 1}};
+  const Dictionary job{{"PID", 7}, {"LastExitStatus", SIGKILL}, {"History", history}};
+  const ServiceState service =
+      listedService("agent", Value(Dictionary()), Dictionary{{kFactJob, job}}, system_);
+  EXPECT_THAT(asTable({service}, Reader::kOther),
+              HasSubstr("  killed by SIGKILL, 1 crash in 3 starts\n"));
+  EXPECT_EQ(asJson(service)["history"]["crashes"], 1);
 }
 
 TEST_F(ServicesReportTest, OnATerminalRunningAndFailedServicesAreColoured) {

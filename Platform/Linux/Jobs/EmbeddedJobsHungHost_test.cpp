@@ -19,6 +19,12 @@ TEST_F(EmbeddedJobsTest, ACallToAHungHostTimesOut) {
       30s + JobHostClient::kPingTimeOut);
 }
 
+TEST_F(EmbeddedJobsTest, TheWaitsForAHungHostCanBeLimited) {
+  client_.limitWaits(250ms);
+  startHost(keeping());
+  EXPECT_EQ(timeOf([&] { EXPECT_FALSE(submit()); }), 500ms);  // for the answer, and for the ping
+}
+
 TEST_F(EmbeddedJobsTest, AHungHostCostsOneWaitForAllCalls) {
   startHost(keeping());
   EXPECT_FALSE(submit());

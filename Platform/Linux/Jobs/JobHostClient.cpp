@@ -1,5 +1,6 @@
 #include "Platform/Linux/Jobs/JobHostClient.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <tuple>
 #include <utility>
@@ -81,7 +82,7 @@ std::expected<void, PeerConnectFailure> JobHostClient::connectOnce(Duration time
 
 Result<void> JobHostClient::connect(Instant deadline) {
   for (;;) {
-    const auto connected = connectOnce();
+    const auto connected = connectOnce(std::min(kConnectTimeOut, longestWait_));
     if (connected) return {};
     const bool mayReturn = isTransient(connected.error());
     if (!mayReturn || isKnownAbsent_ || loop_.now() >= deadline) {
@@ -133,7 +134,7 @@ bool JobHostClient::probeHungHost() {
 // If the ping fails, the next call would time out too. A second ping without a time-out tells when
 // the host answers again.
 void JobHostClient::pingAfterTimeOut() {
-  if (ping(kPingTimeOut)) return;
+  if (ping(std::min(kPingTimeOut, longestWait_))) return;
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
                          [this](const MessageResult& answer) {
                            if (answer || answer.error().name != kNSPortTimeoutException)
@@ -188,7 +189,8 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
     awaitReturn();
     return std::unexpected(hung(socket_));
   }
-  Instant deadline = loop_.now() + restartTimeOut_;
+  timeout = std::min(timeout, longestWait_);
+  Instant deadline = loop_.now() + std::min(restartTimeOut_, longestWait_);
   bool repeated = false;
   for (;;) {
     const bool isFresh = !connection_;
@@ -208,7 +210,7 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
       return std::unexpected(unanswered(result.error(), socket_, timeout));
     }
     // The restart time-out counts from here, however long the last host took.
-    if (!repeated) deadline = loop_.now() + kRestartTimeOut;
+    if (!repeated) deadline = loop_.now() + std::min(kRestartTimeOut, longestWait_);
     if (isFresh) loop_.sleepFor(kReconnectInterval);
     repeated = true;
   }

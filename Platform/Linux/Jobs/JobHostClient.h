@@ -62,6 +62,10 @@ class JobHostClient {
   // answer. Otherwise it is set if the system gave a reason.
   Result<Answer> call(std::string_view selector, const Array& arguments, Duration timeout);
 
+  // From now on each wait inside call() takes this long at most: for a connection, an answer, a
+  // ping or the next host.
+  void limitWaits(Duration longest) { longestWait_ = longest; }
+
   RunLoop& loop() const { return loop_; }
 
   // Whether the host was found hung and has not answered since.
@@ -125,6 +129,7 @@ class JobHostClient {
   std::string socket_;
   PeerAudience servers_;
   Duration restartTimeOut_;
+  Duration longestWait_ = Duration::max();
   std::unique_ptr<PeerConnection> connection_;
   bool isHung_ = false;         // connected or listening, but did not answer in time
   Instant lastProbe_{};         // while it is hung

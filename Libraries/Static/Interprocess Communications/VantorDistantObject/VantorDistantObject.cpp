@@ -288,6 +288,10 @@ MessageResult VantorDistantObject::probeByOwnConnection(std::string_view selecto
   return result;
 }
 
+bool VantorDistantObject::isRemoteServerHung() const {
+  return remoteServerName_ && environment_.connections.isHung(*remoteServerName_);
+}
+
 bool VantorDistantObject::connection(NSConnection& /*parent*/,
                                      NSConnection& /*shouldMakeNewConnection*/) {
   return false;

@@ -95,6 +95,9 @@ class VantorDistantObject : public platform::NSConnectionDelegate {
   // The same for a message made here; returns its return value.
   platform::MessageResult sendMessage(std::string_view selector, platform::Array arguments = {});
 
+  // Whether the server has not answered lately, and is not asked for that reason.
+  bool isRemoteServerHung() const;
+
   // A probe: one attempt of `timeOut` at most, whose failure is returned. It logs nothing and
   // changes nothing: without a connection it uses its own for this message, a server that does not
   // answer is not remembered as hung, and a server that is known to hang is not waited for.
