@@ -1,5 +1,8 @@
 #include "Benchmarks/RealDaemon.h"
 
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -22,7 +25,9 @@ RealDaemon::RealDaemon(int services) {
   root_.awaitStart();
   const std::string last = DaemonRoot::label(services - 1);
   root_.awaitLog("Evaluating service: " + last + "\n");
-  // It answers when it has done all that it has logged.
+  std::vector<std::string> labels{DaemonRoot::kPrimary};
+  for (int i = 0; i < services; ++i) labels.push_back(DaemonRoot::label(i));
+  awaitServices(root_, labels);
   client_.emplace(root_);
   isReady_ = client_->ask("pidForService:", {last}).has_value() && !hasFailed();
 }

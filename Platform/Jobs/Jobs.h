@@ -67,12 +67,19 @@ class Jobs {
   [[nodiscard]] virtual Value SMJobCopyDictionary(std::string_view domain,
                                                   std::string_view label) = 0;
 
-  using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
+  // The same without blocking: the run loop goes on meanwhile. The callback is called once, on the
+  // run loop and never from inside a call of this object, and not after this is destroyed. The host
+  // gets the requests for one label in the order of the calls, also if it was absent meanwhile.
 
-  // The same as SMJobRemove() with `wait`, for as long, but the run loop goes on meanwhile. The
-  // host gets the request before those of later calls, if it is connected. `removed` is called
-  // once, on the run loop and never from inside a call of this object, and not after this is
-  // destroyed.
+  using Submitted = std::move_only_function<void(std::expected<void, NSError>)>;
+  virtual void submitJob(std::string_view domain, const Value& job,
+                         const AuthorizationRef* authorization, Submitted submitted) = 0;
+
+  using Copied = std::move_only_function<void(Value copy)>;
+  virtual void copyJob(std::string_view domain, std::string_view label, Copied copied) = 0;
+
+  // With `wait`.
+  using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
   virtual void removeJob(std::string_view domain, std::string_view label,
                          const AuthorizationRef* authorization, Removed removed) = 0;
 

@@ -82,6 +82,64 @@ TEST_P(JobsContract, ObserversSurviveARestartOfTheHost) {
   EXPECT_GT(reports, before);
 }
 
+TEST_P(JobsContract, ASubmissionThatDoesNotBlockStartsTheJob) {
+  const auto submitted = await(submitLater(job(machine_->program())));
+  EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
+  EXPECT_TRUE(machine_->isRunning(process()));
+}
+
+TEST_P(JobsContract, ACopyAfterASubmissionHasItsProcess) {
+  const Outcome submitted = submitLater(job(machine_->program()));
+  const Value copied = await(copyLater());
+  EXPECT_TRUE(await(submitted));
+  EXPECT_EQ(copied["PID"], Value(process()));
+}
+
+TEST_P(JobsContract, ASubmissionThatDoesNotBlockFailsLikeTheOther) {
+  expectError(await(submitLater(job(machine_->unstartableProgram()))), LaunchdError::kInternal);
+  expectError(await(submitLater(Dictionary{{"Label", kLabel}})), LaunchdError::kInvalidJob);
+  expectError(await(submitLater(job(machine_->program()), "kSMDomainUserLaunchd")),
+              LaunchdError::kUnavailable);
+  EXPECT_TRUE(await(copyLater()).isNil());
+  EXPECT_TRUE(await(copyLater("kSMDomainUserLaunchd")).isNil());
+  machine_->stopHost();
+  expectError(await(submitLater(job(machine_->program()))), LaunchdError::kUnavailable);
+  EXPECT_TRUE(isJobUnknown(await(copyLater())));
+}
+
+TEST_P(JobsContract, RequestsWithoutAHostKeepTheirOrder) {
+  EXPECT_TRUE(copy().isNil());  // connects
+  machine_->stopHost();
+  const Outcome first = submitLater(job(machine_->program()));
+  const Copy copied = copyLater();
+  const Outcome removed = removeLater();
+  const Copy last = copyLater();
+  machine_->startHostSoon();
+  EXPECT_TRUE(await(first));
+  EXPECT_FALSE(await(copied)["PID"].isNil());
+  EXPECT_TRUE(await(removed));
+  await(last);
+  EXPECT_TRUE(copy().isNil());
+}
+
+TEST_P(JobsContract, AnyNumberOfRequestsMayBeUnderWay) {
+  submit(job(machine_->program()));
+  std::vector<Copy> copies;
+  for (int i = 0; i < 500; ++i) copies.push_back(copyLater());
+  const Value expected(process());
+  for (const Copy& copied : copies) EXPECT_EQ(await(copied)["PID"], expected);
+}
+
+TEST_P(JobsContract, ASubmissionDuringARemovalIsDoneAfterIt) {
+  submit(job(machine_->program()));
+  const ProcessId first = process();
+  const Outcome removed = removeLater();
+  const Outcome submitted = submitLater(job(machine_->program()));
+  EXPECT_TRUE(await(removed));
+  EXPECT_TRUE(await(submitted));
+  EXPECT_NE(process(), first);
+}
+
 TEST_P(JobsContract, ARemovalThatDoesNotBlockIsDoneAfterTheProcessesEnd) {
   submit(job(machine_->program()));
   const ProcessId first = process();

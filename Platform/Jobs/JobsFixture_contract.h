@@ -71,20 +71,28 @@ class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> 
   }
 
   using Outcome = std::shared_ptr<std::optional<std::expected<void, NSError>>>;
+  using Copy = std::shared_ptr<std::optional<Value>>;
 
-  // Empty until the removal is done.
+  // The calls that do not block; empty until they are answered.
   Outcome removeLater(const char* domain = kDomain) {
-    auto outcome = std::make_shared<std::optional<std::expected<void, NSError>>>();
-    jobs_.removeJob(domain, kLabel, nullptr, [outcome](auto removed) {
-      EXPECT_FALSE(*outcome);
-      *outcome = std::move(removed);
-    });
-    EXPECT_FALSE(*outcome);
-    return outcome;
+    return later<std::expected<void, NSError>>(
+        [&](auto answer) { jobs_.removeJob(domain, kLabel, nullptr, std::move(answer)); });
   }
+  Outcome submitLater(const Value& job, const char* domain = kDomain) {
+    return later<std::expected<void, NSError>>(
+        [&](auto answer) { jobs_.submitJob(domain, job, nullptr, std::move(answer)); });
+  }
+  Copy copyLater(const char* domain = kDomain) {
+    return later<Value>([&](auto answer) { jobs_.copyJob(domain, kLabel, std::move(answer)); });
+  }
+
   std::expected<void, NSError> await(const Outcome& outcome) {
     machine_->runUntil([&] { return outcome->has_value(); });
     return outcome->value_or(std::unexpected(NSError{"no outcome", 0, ""}));
+  }
+  Value await(const Copy& copy) {
+    machine_->runUntil([&] { return copy->has_value(); });
+    return copy->value_or("no copy");
   }
 
   Value copy() { return jobs_.SMJobCopyDictionary(kDomain, kLabel); }
@@ -100,6 +108,17 @@ class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> 
     EXPECT_EQ(result.error().domain, kCFErrorDomainLaunchd);
     EXPECT_EQ(result.error().code, static_cast<int>(code)) << result.error().localizedDescription;
     EXPECT_NE(result.error().localizedDescription, "");
+  }
+
+  template <class Answer, class Call>
+  static std::shared_ptr<std::optional<Answer>> later(Call&& call) {
+    auto later = std::make_shared<std::optional<Answer>>();
+    call([later](Answer answer) {
+      EXPECT_FALSE(*later);
+      *later = std::move(answer);
+    });
+    EXPECT_FALSE(*later);  // never from inside the call
+    return later;
   }
 
   std::unique_ptr<JobsMachine> machine_ = GetParam()();

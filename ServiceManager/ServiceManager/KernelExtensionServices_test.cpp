@@ -165,6 +165,7 @@ TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrde
                                 {kHelper, true, {"net"}},
                                 {kHelper, false, {"net"}}};
   constexpr int kSteps = 5;
+  enterMode(kInstaller);  // No evaluation configures an extension.
   const auto orders = static_cast<std::size_t>(std::pow(kinds.size(), kSteps));
   for (std::size_t order = 0; order < orders; ++order) {
     manager().stopServices({kAgent, kHelper});
@@ -177,12 +178,12 @@ TEST_F(KernelExtensionServicesTest, KnownExtensionsFollowStartsAndStopsInAnyOrde
       steps += std::string(step.starts ? " start " : " stop ") + step.label;
       if (step.starts) {
         manager().startServices({step.label});
-        loop_.runReady();
         expected.insert(step.kexts.begin(), step.kexts.end());
       } else {
         manager().stopServices({step.label});
         for (const std::string& name : step.kexts) expected.erase(name);
       }
+      loop_.runReady();
       ASSERT_EQ(manager().kextsLoaded(), expected) << steps;
       ASSERT_EQ(isRunning(step.label), step.starts) << steps;
     }

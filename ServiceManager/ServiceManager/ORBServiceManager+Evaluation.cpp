@@ -75,10 +75,11 @@ void ORBServiceManager::evaluateSystemConfiguration() {
   } else {
     enforceRunningForService(primary, nullptr);
   }
-  if (waitForPrimary_.expired()) scheduleReevaluation();  // The primary service can't run.
+  if (waitForPrimary_.expired()) scheduleReevaluation();  // The primary service has no job.
 }
 
-// When all have had their turn, services that are not ready are noticed.
+// When all have had their turn, services that are not ready are noticed, and later each that can't
+// be started.
 void ORBServiceManager::evaluateOtherServices(const ServiceCatalogue& catalogue,
                                               const std::string& primary) {
   const Dictionary* services = catalogue.services().dictionary();

@@ -46,9 +46,9 @@ TEST_F(EvaluationTest, CoreServicesRunAfterThePrimaryService) {
   EXPECT_THAT(takeLog(), ElementsAre(kEvaluating, "7 Service com.example.configd is not running",
                                      "7 Starting up service com.example.configd",
                                      "7 Evaluating service: com.example.agent",
+                                     "7 Evaluating service: com.example.helper",
                                      "7 Service com.example.agent is not running",
                                      "7 Starting up service com.example.agent",
-                                     "7 Evaluating service: com.example.helper",
                                      "7 Service com.example.helper is not running",
                                      "7 Starting up service com.example.helper"));
 }
@@ -234,12 +234,13 @@ TEST_F(EvaluationTest, AnySwitchOfAnyFeatureIsEnough) {
   EXPECT_FALSE(isRunning(kScanner));
 }
 
-TEST_F(EvaluationTest, EveryMatchingSwitchEnforcesTheRunAgain) {
+TEST_F(EvaluationTest, AFurtherMatchingSwitchJoinsTheStart) {
   settings("common") = {{"a", 1}, {"b", 1}};
   useScannerWithSwitches({{"a", 1}, {"b", 1}});
   evaluateScanner();
   EXPECT_EQ(jobs_.starts(kScanner), 1u);
-  EXPECT_EQ(countInLog("The job com.example.scanner already being monitored"), 1u);
+  EXPECT_EQ(countInLog("Starting up service com.example.scanner"), 1u);
+  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kScanner));
 }
 
 TEST_F(EvaluationTest, MalformedFeaturesLeaveTheServiceAsItIs) {
@@ -250,9 +251,8 @@ TEST_F(EvaluationTest, MalformedFeaturesLeaveTheServiceAsItIs) {
                                      "3 Malformed features referrences information encountered"));
   EXPECT_FALSE(isRunning(kScanner));
 
-  std::optional<NSError> error;
   manager().submitJobRequest(ORBServiceManager::jobInfoWithLabel(kScanner, manager().serviceInfo()),
-                             kSMDomainSystemLaunchd, error);
+                             kSMDomainSystemLaunchd, [](const auto&) {});
   evaluateScanner();
   loop_.advanceBy(10s);
   EXPECT_TRUE(isRunning(kScanner));

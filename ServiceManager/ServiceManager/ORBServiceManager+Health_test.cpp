@@ -191,6 +191,7 @@ TEST_F(DaemonHealthTest, AStopByTheUserInterfaceIsNoCrash) {
   loop_.advanceBy(1min);
   EXPECT_FALSE(isRunning(kAgent));
   manager().startServices({kAgent});
+  loop_.runReady();
   EXPECT_EQ(stateOf(kAgent), Value(kRunning));
 }
 

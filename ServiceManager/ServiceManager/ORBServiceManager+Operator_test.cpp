@@ -158,6 +158,7 @@ TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
   startAll();
   kill(kHelper);
   manager().stopServices({kAgent});
+  loop_.runReady();
   const Value jobs =
       ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}});
   EXPECT_EQ(jobs.dictionary()->size(), 2u);

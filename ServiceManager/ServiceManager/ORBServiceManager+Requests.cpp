@@ -62,16 +62,20 @@ void ORBServiceManager::shutdownServices(const Array& labels, StopAnswer answer)
   }
 }
 
-Value ORBServiceManager::pidForService(Label label) {
-  if (!hasService(label)) return {};
-  const std::optional<ProcessId> process = jobs_.status(*label).process;
-  return process ? Value(*process) : Value();
+void ORBServiceManager::pidForService(Label label, ValueAnswer answer) {
+  if (!hasService(label)) return answer({});
+  jobs_.copyJob(*label, [answer = std::move(answer)](const Value& copy) mutable {
+    const std::optional<ProcessId> process = jobStatusIn(copy).process;
+    answer(process ? Value(*process) : Value());
+  });
 }
 
-Value ORBServiceManager::lastExitStatusForService(Label label) {
-  if (!hasService(label)) return {};
-  const Value status = jobs_.status(*label).lastExitStatus;
-  return status.isNumber() ? status : Value();
+void ORBServiceManager::lastExitStatusForService(Label label, ValueAnswer answer) {
+  if (!hasService(label)) return answer({});
+  jobs_.copyJob(*label, [answer = std::move(answer)](const Value& copy) mutable {
+    Value status = jobStatusIn(copy).lastExitStatus;
+    answer(status.isNumber() ? std::move(status) : Value());
+  });
 }
 
 void ORBServiceManager::stopServices(const Array& labels) {

@@ -21,12 +21,21 @@ class RequestsTest : public ServiceManagerFixture {
   bool enforceRunning(ORBServiceManager::Label label) {
     bool isCalled = false;
     manager().enforceRunningForService(label, [&] { isCalled = true; });
+    loop_.runReady();
     return isCalled;
   }
   void run(const char* label) {
     manager().enforceRunningForService(label, nullptr);
+    loop_.runReady();
     takeLog();
     takeReports();
+  }
+  Value pidOf(ORBServiceManager::Label label) {
+    return answerTo<Value>([&](auto answer) { manager().pidForService(label, std::move(answer)); });
+  }
+  Value lastExitStatusOf(ORBServiceManager::Label label) {
+    return answerTo<Value>(
+        [&](auto answer) { manager().lastExitStatusForService(label, std::move(answer)); });
   }
 };
 
@@ -74,13 +83,13 @@ TEST_F(RequestsTest, TheServicesAreTheCatalogues) {
 
 TEST_F(RequestsTest, ARunningProcessIsReported) {
   run(kAgent);
-  EXPECT_EQ(manager().pidForService(kAgent), Value(process(kAgent)));
-  EXPECT_TRUE(manager().lastExitStatusForService(kAgent).isNil());
+  EXPECT_EQ(pidOf(kAgent), Value(process(kAgent)));
+  EXPECT_TRUE(lastExitStatusOf(kAgent).isNil());
 }
 
 TEST_F(RequestsTest, AnUnknownLabelHasNoProcessOrStatus) {
-  EXPECT_TRUE(manager().pidForService("com.example.unknown").isNil());
-  EXPECT_TRUE(manager().lastExitStatusForService("com.example.unknown").isNil());
+  EXPECT_TRUE(pidOf("com.example.unknown").isNil());
+  EXPECT_TRUE(lastExitStatusOf("com.example.unknown").isNil());
 }
 
 // Labels of jobs that the catalogue does not have.
@@ -119,13 +128,13 @@ TEST_F(ForeignJobTest, IsNotTouchedByTheInstaller) {
 }
 
 TEST_F(ForeignJobTest, HasNoProcessOrStatus) {
-  EXPECT_TRUE(manager().pidForService(kBus).isNil());
-  EXPECT_TRUE(manager().lastExitStatusForService(kBus).isNil());
+  EXPECT_TRUE(pidOf(kBus).isNil());
+  EXPECT_TRUE(lastExitStatusOf(kBus).isNil());
 }
 
 TEST_F(RequestsTest, NilHasNoProcessOrStatus) {
-  EXPECT_TRUE(manager().pidForService(std::nullopt).isNil());
-  EXPECT_TRUE(manager().lastExitStatusForService(std::nullopt).isNil());
+  EXPECT_TRUE(pidOf(std::nullopt).isNil());
+  EXPECT_TRUE(lastExitStatusOf(std::nullopt).isNil());
 }
 
 TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatus) {
@@ -135,8 +144,8 @@ TEST_F(RequestsTest, AnEndedJobHasItsLastExitStatus) {
                                                             {"ThrottleInterval", 60}}}}}}));
   run(kAgent);
   jobs_.endProcess(kAgent, {ExitStatus::Kind::kExited, 3});
-  EXPECT_TRUE(manager().pidForService(kAgent).isNil());
-  EXPECT_EQ(manager().lastExitStatusForService(kAgent), Value(3 << 8));
+  EXPECT_TRUE(pidOf(kAgent).isNil());
+  EXPECT_EQ(lastExitStatusOf(kAgent), Value(3 << 8));
 }
 
 // The installer's requests.

@@ -80,11 +80,13 @@ void ORBServiceManager::handleNotificationsReturn() {
 
 // The evaluation skips services that the user interface has stopped, also one that still runs.
 void ORBServiceManager::removeStoppedServices() {
-  const Dictionary services = monitoredProcessesInfo();  // A removal changes its service's record.
-  for (const auto& [label, record] : services) {
+  for (const auto& [label, record] : monitoredProcessesInfo()) {
     if (!isServiceBeingTrackedForUserClientShutdownRequest(label)) continue;
-    const auto presence = jobs_.status(label).presence;
-    if (presence == JobStatus::Presence::kPresent) enforceShutdownForService(label);
+    jobs_.copyJob(label, [this, label = label](const Value& copy) {
+      const bool isPresent = jobStatusIn(copy).presence == JobStatus::Presence::kPresent;
+      const bool isStopped = isServiceBeingTrackedForUserClientShutdownRequest(label);
+      if (isPresent && isStopped) enforceShutdownForService(label);
+    });
   }
 }
 
@@ -148,6 +150,14 @@ void ORBServiceManager::scheduleReevaluation() {
   const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   if (!healthInfo_ || healthInfo_->problemServices().empty()) return;
   timers_.startReevaluationTimer([this] { reevaluateConfiguration(timers_.reevaluationTimer()); });
+}
+
+// A service that is being started reports by itself if it does not become ready.
+void ORBServiceManager::noticeUnreadyServices() {
+  if (timers_.reevaluationTimer() || !healthInfo_) return;
+  for (const std::string& label : healthInfo_->problemServices()) {
+    if (enforcement_.activityOf(label) == ServiceActivity::kNothing) return scheduleReevaluation();
+  }
 }
 
 void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) {

@@ -33,6 +33,7 @@ TEST_F(UserInterfaceTest, AStoppedServiceStaysStoppedUntilItIsStarted) {
 
   manager().startServices({kAgent});
   EXPECT_FALSE(manager().isServiceBeingTrackedForUserClientShutdownRequest(kAgent));
+  loop_.runReady();
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
 }
@@ -46,6 +47,7 @@ TEST_F(UserInterfaceTest, ServicesAreStoppedAndStartedInTheirOrder) {
   loop_.runReady();
   takeReports();
   manager().startServices({kHelper, Value::nullMarker(), kAgent});
+  loop_.runReady();
   EXPECT_THAT(takeReports(), ElementsAre("start com.example.helper", "start com.example.agent"));
 }
 

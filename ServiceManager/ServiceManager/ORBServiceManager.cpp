@@ -44,7 +44,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
       turns_(platform_.runLoop,
              [this] {
-               scheduleReevaluation();
+               noticeUnreadyServices();
                operatorPublisher_.changed();
                continueTakeOver();
              }),
@@ -88,7 +88,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .system = platform_.system,
                     .validator = validator_,
                     .onUnready = [this] { scheduleReevaluation(); },
-                    .rechecks = rechecks_}),
+                    .rechecks = rechecks_,
+                    .onUnsupported = [this] { noticeUnreadyServices(); }}),
       timers_(platform_.runLoop),
       operatorPublisher_({.runLoop = platform_.runLoop,
                           .pictures = std::make_shared<OperatorPictures>(),

@@ -51,9 +51,9 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 // interface. It keeps the operating mode, and makes its collaborators do the rest; operations that
 // are theirs are forwarded and documented there.
 //
-// Everything belongs to the main thread and takes no lock. An operation that must wait for a
-// process, a removal or an extension goes on while the run loop serves others, and ends with a
-// callback. An operation fails only by its result; failures are logged.
+// Everything belongs to the main thread and takes no lock. An operation that must wait for the job
+// host, a process, a removal or an extension goes on while the run loop serves others, and ends
+// with a callback. An operation fails only by its result; failures are logged.
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
                                 public platform::NSConnectionDelegate,
                                 public ExecInfoHandlerDelegate {
@@ -143,9 +143,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   }
 
   // Jobs and processes.
-  bool submitJobRequest(const platform::Value& request, std::string_view forDomain,
-                        std::optional<platform::NSError>& requestError) {
-    return jobs_.submitJobRequest(request, forDomain, requestError);
+  void submitJobRequest(const platform::Value& request, std::string_view forDomain,
+                        LaunchdJobs::Done done) {
+    jobs_.submitJobRequest(request, forDomain, std::move(done));
   }
   void unloadJobFromLaunchD(const std::string& label, LaunchdJobs::Removed done) {
     jobs_.unloadJobFromLaunchD(label, std::move(done));
@@ -195,8 +195,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // The catalogue's "Services".
   platform::Value services() const { return catalogue_.services(); }
   // Nil if there is no process, or if no process has ended yet.
-  platform::Value pidForService(Label label);
-  platform::Value lastExitStatusForService(Label label);
+  using ValueAnswer = std::move_only_function<void(platform::Value)>;
+  void pidForService(Label label, ValueAnswer answer);
+  void lastExitStatusForService(Label label, ValueAnswer answer);
   void stopServices(const platform::Array& labels);
   void startServices(const platform::Array& labels);
   void registerClient(std::shared_ptr<const platform::NSProxy> client) {
@@ -283,8 +284,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
 
   // A picture without the health record, once the operator's server is vended.
   OperatorPicture operatorPicture() const;
-  // Whether an evaluation has begun and not decided about every service yet.
-  bool isEvaluating() const { return turns_.waiting() > 0 || !askedServices_.empty(); }
+  // Whether an evaluation has begun and not decided about every service yet, or anything goes on
+  // with one.
+  bool isEvaluating() const {
+    return turns_.waiting() > 0 || !askedServices_.empty() || enforcement_.isWorking();
+  }
   // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
   // that are no labels of the catalogue are ignored.
   void whenSettled(const platform::Array& labels, CompletionBlock settled);
@@ -330,6 +334,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
                       const platform::Value& expected, const platform::Value& current);
   void evaluateAgain(CompletionBlock then);
+  void noticeUnreadyServices();
   void removeStoppedServices();
   void checkProgramAgain(const std::string& label);
 

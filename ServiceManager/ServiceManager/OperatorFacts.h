@@ -46,7 +46,9 @@ inline constexpr char kFactStopIn[] = "StopIn";
 // real.
 inline constexpr char kFactActivity[] = "Activity";
 inline constexpr char kFactActivityFor[] = "ActivityFor";
+inline constexpr char kActivityAsksForItsJob[] = "asksForItsJob";
 inline constexpr char kActivityConfiguresExtensions[] = "configuresExtensions";
+inline constexpr char kActivityIsSubmitted[] = "isSubmitted";
 inline constexpr char kActivityAwaitsProcess[] = "awaitsProcess";
 inline constexpr char kActivityIsRemoved[] = "isRemoved";
 inline constexpr char kActivityIsRemovedBeforeItRuns[] = "isRemovedBeforeItRuns";

@@ -55,10 +55,12 @@ TEST_F(OperatorReasonTest, EachRunningServiceHasItsOwnReason) {
 TEST_F(OperatorReasonTest, AStoppedServiceIsNotStartedByAnEvaluation) {
   startAll();
   manager().stopServices({kHelper});
+  loop_.runReady();
   EXPECT_EQ(reasonOf(kHelper), "stopped");
   evaluate();
   EXPECT_FALSE(isRunning(kHelper));
   manager().startServices({kHelper});
+  loop_.runReady();
   EXPECT_EQ(reasonOf(kHelper), "core");
 }
 
@@ -76,6 +78,7 @@ TEST_F(OperatorReasonTest, AnInstallerKeepsServicesDown) {
 TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
   startAll();
   manager().stopServices({kHelper});
+  loop_.runReady();
   manager().handleGlobalSettingsServerWillShutdown({});
   manager().trackServiceForUserClientShutdownRequest(kHelper, false);
   EXPECT_EQ(reasonOf(kHelper), "waiting");
@@ -88,6 +91,7 @@ TEST_F(OperatorReasonTest, WithoutThePrimaryServiceNoOtherIsStarted) {
   startAll();
   stop(kHelper);
   manager().stopServices({kPrimary});
+  loop_.runReady();
   EXPECT_EQ(reasonOf(kPrimary), "stopped");
   EXPECT_EQ(reasonOf(kHelper), "primaryStopped");
   evaluate();

@@ -67,8 +67,12 @@ const char* wordOf(ServiceActivity activity) {
   switch (activity) {
     case ServiceActivity::kNothing:
       return "";
+    case ServiceActivity::kAsksForItsJob:
+      return kActivityAsksForItsJob;
     case ServiceActivity::kConfiguresExtensions:
       return kActivityConfiguresExtensions;
+    case ServiceActivity::kIsSubmitted:
+      return kActivityIsSubmitted;
     case ServiceActivity::kAwaitsProcess:
       return kActivityAwaitsProcess;
     case ServiceActivity::kIsRemoved:

@@ -80,6 +80,7 @@ TEST_F(OperatorReportTest, AServicesFactsFollowItsJob) {
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob], Value());
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("notStarted"));
   enforcement_.enforceRunningForService(kAgent, nullptr);
+  loop_.runReady();
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob]["PID"], Value(process(kAgent)));
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("core"));
 }

@@ -1,16 +1,19 @@
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
+#include <utility>
+
 #include "Platform/Texts/StringFormat.h"
 
 using namespace platform;
 
 Value ServerMessage::argument() const { return arguments.empty() ? Value() : arguments.front(); }
 
-MessageResult ServerMessage::withLabel(const std::function<Value(Label)>& method) const {
+void ServerMessage::withLabel(MessageReply reply,
+                              const std::function<void(Label, MessageReply)>& method) const {
   const Value label = argument();
-  if (label.isNil()) return method(std::nullopt);
-  if (!label.string()) return invalidArgument("a label");
-  return method(*label.string());
+  if (label.isNil()) return method(std::nullopt, std::move(reply));
+  if (!label.string()) return reply.answer(invalidArgument("a label"));
+  method(*label.string(), std::move(reply));
 }
 
 MessageResult ServerMessage::withLabels(const std::function<Value(const Array&)>& method) const {

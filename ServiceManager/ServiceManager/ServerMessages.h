@@ -4,6 +4,7 @@
 #include <functional>
 #include <string_view>
 
+#include "Platform/Messages/MessageReply.h"
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/Values/Exception.h"
 #include "Platform/Values/Value.h"
@@ -18,8 +19,10 @@ struct ServerMessage {
 
   // The first argument; nil without any.
   platform::Value argument() const;
-  // Calls the method with the first argument, which must be a label or nil, or an array of labels.
-  platform::MessageResult withLabel(const std::function<platform::Value(Label)>& method) const;
+  // Calls the method with the first argument, which must be a label or nil, and the right to
+  // answer; or with an array of labels.
+  void withLabel(platform::MessageReply reply,
+                 const std::function<void(Label, platform::MessageReply)>& method) const;
   platform::MessageResult withLabels(
       const std::function<platform::Value(const platform::Array&)>& method) const;
 

@@ -1,7 +1,9 @@
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -25,16 +27,25 @@ TEST(ServerMessagesTest, TheArgumentIsTheFirst) {
   EXPECT_TRUE(messageWith({}).argument().isNil());
 }
 
+// The answer to a message with these arguments, if `method` answers its label.
+MessageResult answerOf(const Array& arguments, const std::function<Value(Label)>& method) {
+  MessageResult answer = raised(kNSPortTimeoutException, "no answer");
+  messageWith(arguments).withLabel(
+      MessageReply([&](MessageResult result) { answer = std::move(result); }),
+      [&](Label label, MessageReply reply) { reply.answer(method(label)); });
+  return answer;
+}
+
 TEST(ServerMessagesTest, AMethodIsCalledWithALabelOrNil) {
   std::vector<std::optional<std::string>> labels;
   const auto method = [&](Label label) {
     labels.push_back(label ? std::optional<std::string>(*label) : std::nullopt);
     return Value(static_cast<int>(labels.size()));
   };
-  EXPECT_EQ(messageWith({"agent"}).withLabel(method), MessageResult(1));
-  EXPECT_EQ(messageWith({""}).withLabel(method), MessageResult(2));
-  EXPECT_EQ(messageWith({Value()}).withLabel(method), MessageResult(3));
-  EXPECT_EQ(messageWith({}).withLabel(method), MessageResult(4));
+  EXPECT_EQ(answerOf({"agent"}, method), MessageResult(1));
+  EXPECT_EQ(answerOf({""}, method), MessageResult(2));
+  EXPECT_EQ(answerOf({Value()}, method), MessageResult(3));
+  EXPECT_EQ(answerOf({}, method), MessageResult(4));
   EXPECT_THAT(labels, ElementsAre("agent", "", std::nullopt, std::nullopt));
 }
 
@@ -50,7 +61,7 @@ TEST(ServerMessagesTest, AMethodIsCalledWithAnArrayOfAnything) {
 
 TEST(ServerMessagesTest, AnythingElseInPlaceOfALabelIsRefused) {
   const auto refused = [](Value argument) {
-    return messageWith({std::move(argument)}).withLabel([](Label) -> Value {
+    return answerOf({std::move(argument)}, [](Label) -> Value {
       ADD_FAILURE() << "the method was called";
       return {};
     });

@@ -1,21 +1,39 @@
 #include "ServiceManager/ServiceManager/UserInterfaceServer.h"
 
+#include <utility>
+
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
 using namespace platform;
 
-MessageResult UserInterfaceServer::receiveMessage(std::string_view selector,
-                                                  const Array& arguments) {
+namespace {
+
+ORBServiceManager::ValueAnswer answering(MessageReply reply) {
+  return [reply = std::move(reply)](Value answer) mutable { reply.answer(std::move(answer)); };
+}
+
+}  // namespace
+
+void UserInterfaceServer::takeMessage(std::string_view selector, const Array& arguments,
+                                      MessageReply reply) {
   const ServerMessage message{ORBServiceManager::kClassName, selector, arguments};
-  if (selector == "services") return manager_.services();
   if (selector == "pidForService:") {
-    return message.withLabel([this](Label label) { return manager_.pidForService(label); });
+    return message.withLabel(std::move(reply), [this](Label label, MessageReply to) {
+      manager_.pidForService(label, answering(std::move(to)));
+    });
   }
   if (selector == "lastExitStatusForService:") {
-    return message.withLabel(
-        [this](Label label) { return manager_.lastExitStatusForService(label); });
+    return message.withLabel(std::move(reply), [this](Label label, MessageReply to) {
+      manager_.lastExitStatusForService(label, answering(std::move(to)));
+    });
   }
+  reply.answer(answerTo(message));
+}
+
+MessageResult UserInterfaceServer::answerTo(const ServerMessage& message) {
+  const std::string_view selector = message.selector;
+  if (selector == "services") return manager_.services();
   if (selector == "stopServices:") {
     return message.withLabels([this](const Array& labels) {
       manager_.stopServices(labels);

@@ -5,19 +5,23 @@
 #include "Platform/Messages/NSProxy.h"
 
 class ORBServiceManager;
+struct ServerMessage;
 
 // The root object of the user interface's server: "services", "pidForService:" and
 // "lastExitStatusForService:" with a label, "stopServices:" and "startServices:" with an array of
 // labels, "registerClient:" with a proxy that is notified of the services. Belongs to the main
-// thread. Any other message raises, and so does an argument of another type.
-class UserInterfaceServer final : public platform::MessageReceiver {
+// thread. Any other message raises, and so does an argument of another type. The two questions
+// about a label are answered when the job host has answered.
+class UserInterfaceServer final : public platform::MessageTarget {
  public:
   // `manager` outlives this.
   explicit UserInterfaceServer(ORBServiceManager& manager) : manager_(manager) {}
 
-  platform::MessageResult receiveMessage(std::string_view selector,
-                                         const platform::Array& arguments) override;
+  void takeMessage(std::string_view selector, const platform::Array& arguments,
+                   platform::MessageReply reply) override;
 
  private:
+  platform::MessageResult answerTo(const ServerMessage& message);
+
   ORBServiceManager& manager_;
 };

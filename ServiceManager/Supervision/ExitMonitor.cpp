@@ -34,23 +34,55 @@ void ExitMonitor::monitorJobWithIdentifier(Label label, bool /*retryOnFailure*/,
   const std::string service(*label);
   const auto [search, isNew] = searches_.try_emplace(service);
   search->second.callers.push_back(std::move(done));
-  if (isNew) look(service);
+  if (!isNew) return;
+  search->second.id = ++lastSearch_;
+  look(service);
 }
 
+// An answer that is under way tells of the process, too: the job host answers in order.
 void ExitMonitor::lookForProcess(const std::string& label) {
-  if (searches_.contains(label)) hasEnded(label);
+  const auto search = searches_.find(label);
+  if (search != searches_.end() && !search->second.isAsking) ask(label, search->second);
 }
 
 // The job host answers a submission once the process has been started, so the first look is enough
-// unless a throttle delays the start. The search is only for that delay: if the host hangs, each
-// look costs a time-out.
+// unless a throttle delays the start. The search is only for that delay.
 //
 // Each look is a request to the job host. The answer to the submission before could have held the
 // process, but the order and the number of these requests are part of the interface.
 void ExitMonitor::look(const std::string& label) {
-  if (hasEnded(label)) return;
   Search& search = searches_.at(label);
-  const bool isLast = ++search.looks == kPidPolls;
+  search.timer = nullptr;
+  ++search.looks;
+  if (!search.isAsking) ask(label, search);
+}
+
+void ExitMonitor::ask(const std::string& label, Search& search) {
+  search.isAsking = true;
+  jobs_.copyJob(label, [this, label, id = search.id](const Value& copy) {
+    const auto asked = searches_.find(label);
+    if (asked == searches_.end() || asked->second.id != id) return;
+    asked->second.isAsking = false;
+    const JobStatus job = jobStatusIn(copy);
+    if (job.process || job.presence == JobStatus::Presence::kUnknown) {
+      end(label, job.process);
+    } else if (!asked->second.timer) {
+      awaitNextLook(label, asked->second);
+    }
+  });
+}
+
+// An end is reported before an answer that is under way, which may still tell of the ended process.
+// Watching that one would report its end twice.
+void ExitMonitor::askAgain(const std::string& label) {
+  const auto search = searches_.find(label);
+  if (search == searches_.end() || !search->second.isAsking) return;
+  search->second.id = ++lastSearch_;
+  ask(label, search->second);
+}
+
+void ExitMonitor::awaitNextLook(const std::string& label, Search& search) {
+  const bool isLast = search.looks == kPidPolls;
   search.timer =
       runLoop_.startTimer(kPidPollInterval, RunLoop::Repeat::kOnce, [this, label = label, isLast] {
         const std::string service = label;  // The search owns this.
@@ -60,13 +92,6 @@ void ExitMonitor::look(const std::string& label) {
           look(service);
         }
       });
-}
-
-bool ExitMonitor::hasEnded(const std::string& label) {
-  const JobStatus job = jobs_.status(label);
-  if (!job.process && job.presence != JobStatus::Presence::kUnknown) return false;
-  end(label, job.process);
-  return true;
 }
 
 void ExitMonitor::end(const std::string& label, std::optional<ProcessId> process) {
@@ -108,6 +133,7 @@ bool ExitMonitor::armExitWatch(const std::string& label, ProcessId process) {
         const std::string service = label;
         const Callback& onEnd = events_.onEnd;
         const ProcessId ended = process;
+        askAgain(service);
         exitWatches_.erase(watch);
         onEnd(service, ended);
       });

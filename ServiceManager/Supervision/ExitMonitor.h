@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
@@ -33,11 +34,11 @@ class ExitMonitor {
   // Whether the process is watched now.
   using Done = std::move_only_function<void(bool isWatched)>;
 
-  // Arms a watch for the end of the process of the service's job. `done` is called at once if the
-  // job has a process, or the job host does not answer. Else the process is looked for every two
-  // seconds, six times in all, and `done` is called later on the loop, after 12 seconds at most.
-  // Calls for a service whose process is being looked for join this search. Not watched: there is
-  // no process, or the label has no record. `retryOnFailure` is deliberately ignored.
+  // Arms a watch for the end of the process of the service's job. `done` is called later on the
+  // loop: when the job host has told of the process, or has not answered. If it tells of none, the
+  // process is looked for every two seconds, six times in all. Calls for a service whose process is
+  // being looked for join this search. Not watched: there is no process, or the label has no
+  // record. `retryOnFailure` is deliberately ignored.
   void monitorJobWithIdentifier(Label label, bool retryOnFailure, Done done);
 
   // Looks for the service's process now if it is being looked for.
@@ -47,13 +48,16 @@ class ExitMonitor {
 
  private:
   struct Search {
+    std::uint64_t id = 0;   // an answer to an earlier question is ignored
+    bool isAsking = false;  // the job host
     int looks = 0;
-    std::unique_ptr<platform::RunLoopHandle> timer;
+    std::unique_ptr<platform::RunLoopHandle> timer;  // null unless the next look is due later
     std::vector<Done> callers;
   };
   void look(const std::string& label);
-  // Looks at once, and ends the search if that tells. False if it goes on.
-  bool hasEnded(const std::string& label);
+  void ask(const std::string& label, Search& search);
+  void askAgain(const std::string& label);
+  void awaitNextLook(const std::string& label, Search& search);
   void end(const std::string& label, std::optional<platform::ProcessId> process);
   bool watch(const std::string& label, std::optional<platform::ProcessId> process);
   bool armExitWatch(const std::string& label, platform::ProcessId process);
@@ -64,6 +68,7 @@ class ExitMonitor {
   MonitoringRecords& records_;
   const Events events_;
   std::map<std::string, Search> searches_;  // by label
+  std::uint64_t lastSearch_ = 0;
   // Each ends with its process. A service that was stopped and started again may have two.
   struct ExitWatch {
     std::string label;

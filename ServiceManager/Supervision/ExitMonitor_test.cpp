@@ -148,6 +148,19 @@ TEST_F(ExitMonitorTest, AClearedMarkAddsNoSecondWatch) {
   EXPECT_EQ(watched_.size(), 2u);
 }
 
+TEST_F(ExitMonitorTest, AnAnswerThatIsOlderThanAnEndIsNotUsed) {
+  submit(kAgent);
+  monitor(kAgent);
+  const int first = process(kAgent);
+  bool isWatched = false;
+  exits_.monitorJobWithIdentifier(kAgent, false, [&](bool watched) { isWatched = watched; });
+  jobs_.endProcess(kAgent);  // The answer with the first process is under way.
+  loop_.runReady();
+  EXPECT_TRUE(isWatched);
+  EXPECT_THAT(watched_, ElementsAre(Event{kAgent, first}, Event{kAgent, process(kAgent)}));
+  EXPECT_THAT(ended_, ElementsAre(Event{kAgent, first}));
+}
+
 TEST_F(ExitMonitorTest, ASuccessorIsWatchedBesideAnEndingProcess) {
   submit(kAgent);
   monitor(kAgent);

@@ -17,31 +17,41 @@ OSStatus LaunchdJobs::acquireRights() {
       *authRef_, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
 }
 
-bool LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDomain,
-                                   std::optional<NSError>& requestError) {
+void LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDomain, Done done) {
   const bool isSystemDomain = forDomain == kSMDomainSystemLaunchd;
   const AuthorizationRef* authorization = isSystemDomain ? authRef_.get() : nullptr;
   if (request.dictionary()) {
-    const auto submitted = jobs_.SMJobSubmit(forDomain, request, authorization);
-    if (submitted) return true;
-    requestError = submitted.error();
-    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to submit job:\n%@ Error: %@",
-                                                       request, submitted.error()));
-    return false;
+    jobs_.submitJob(forDomain, request, authorization,
+                    [isAlive = std::weak_ptr(isAlive_), request,
+                     done = std::move(done)](std::expected<void, NSError> submitted) mutable {
+                      if (isAlive.expired()) return;
+                      if (submitted) return done({});
+                      vantorlogger2_line(ASL_LEVEL_ERR,
+                                         stringWithFormat("Unable to submit job:\n%@ Error: %@",
+                                                          request, submitted.error()));
+                      done(std::unexpected(std::move(submitted.error())));
+                    });
+  } else if (const std::string* label = request.string()) {
+    remove(forDomain, *label, authorization,
+           [done = std::move(done)](std::expected<void, NSError> removed) mutable {
+             if (removed) return done({});
+             done(std::unexpected(std::move(removed.error())));
+           });
+  } else {
+    done(std::unexpected(std::nullopt));
   }
-  if (const std::string* label = request.string()) {
-    const auto removed = jobs_.SMJobRemove(forDomain, *label, authorization, true);
-    if (removed) return true;
-    requestError = removed.error();
-    vantorlogger2_line(ASL_LEVEL_ERR,
-                       stringWithFormat("Unable to remove job: %@\n:%@", *label, removed.error()));
-  }
-  return false;
 }
 
 void LaunchdJobs::unloadJobFromLaunchD(const std::string& label, Removed done) {
-  jobs_.removeJob(kSMDomainSystemLaunchd, label, authRef_.get(),
-                  [label, done = std::move(done)](std::expected<void, NSError> removed) mutable {
+  remove(kSMDomainSystemLaunchd, label, authRef_.get(), std::move(done));
+}
+
+void LaunchdJobs::remove(std::string_view domain, const std::string& label,
+                         const AuthorizationRef* authorization, Removed done) {
+  jobs_.removeJob(domain, label, authorization,
+                  [isAlive = std::weak_ptr(isAlive_), label,
+                   done = std::move(done)](std::expected<void, NSError> removed) mutable {
+                    if (isAlive.expired()) return;
                     if (!removed) {
                       vantorlogger2_line(ASL_LEVEL_ERR,
                                          stringWithFormat("Unable to remove job: %@\n:%@", label,
@@ -51,10 +61,10 @@ void LaunchdJobs::unloadJobFromLaunchD(const std::string& label, Removed done) {
                   });
 }
 
-Value LaunchdJobs::copyJobDictionary(std::string_view label) const {
-  return jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
-}
-
-JobStatus LaunchdJobs::status(std::string_view label) const {
-  return jobStatusIn(copyJobDictionary(label));
+void LaunchdJobs::copyJob(std::string_view label, Jobs::Copied copied) const {
+  jobs_.copyJob(
+      kSMDomainSystemLaunchd, label,
+      [isAlive = std::weak_ptr(isAlive_), copied = std::move(copied)](Value copy) mutable {
+        if (!isAlive.expired()) copied(std::move(copy));
+      });
 }

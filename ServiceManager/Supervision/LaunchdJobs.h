@@ -13,8 +13,9 @@
 #include "Platform/Values/Value.h"
 
 // The daemon's only way to launchd: it submits, removes and copies jobs of the system domain with
-// the rights that the daemon has acquired. Belongs to the main thread; each call blocks until the
-// job host has answered, for a bounded time. Failures are logged.
+// the rights that the daemon has acquired. Belongs to the main thread, which never waits for an
+// answer: they come later on the loop, within a bounded time, and not after this is destroyed.
+// Failures are logged.
 class LaunchdJobs {
  public:
   // Both outlive this.
@@ -23,23 +24,27 @@ class LaunchdJobs {
 
   // Asks for the right to change the system's jobs. The status of the refusal, or
   // errAuthorizationSuccess, also if no authorization can be created: the job host checks each
-  // request itself.
+  // request itself. Blocks until the job host has answered: nothing can be done before.
   platform::OSStatus acquireRights();
 
-  // Submits a dictionary, or removes the job that a string names and waits for its end. False with
-  // an error if that failed; false with `requestError` untouched for any other request.
-  bool submitJobRequest(const platform::Value& request, std::string_view forDomain,
-                        std::optional<platform::NSError>& requestError);
+  // Submits a dictionary, or removes the job that a string names and waits for its end. Any other
+  // request fails at once, without an error.
+  using Done = std::move_only_function<void(std::expected<void, std::optional<platform::NSError>>)>;
+  void submitJobRequest(const platform::Value& request, std::string_view forDomain, Done done);
   // Removes the job. `done` is called when its processes have ended, or with the error.
   using Removed = std::move_only_function<void(std::expected<void, platform::NSError>)>;
   void unloadJobFromLaunchD(const std::string& label, Removed done);
 
   // The job's dictionary with the state of its process; see Jobs::SMJobCopyDictionary().
-  platform::Value copyJobDictionary(std::string_view label) const;
-  platform::JobStatus status(std::string_view label) const;
+  void copyJob(std::string_view label, platform::Jobs::Copied copied) const;
 
  private:
+  void remove(std::string_view domain, const std::string& label,
+              const platform::AuthorizationRef* authorization, Removed done);
+
   platform::Jobs& jobs_;
   platform::Authorization& authorization_;
   std::unique_ptr<platform::AuthorizationRef> authRef_;
+  // Answers that come after the end of this object are dropped.
+  const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -1,6 +1,10 @@
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 
 #include <chrono>
+#include <expected>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Supervision/Supervision_fixture.h"
@@ -16,8 +20,15 @@ class LaunchdJobsTest : public SupervisionFixture {
  protected:
   Value job() { return catalogue_.jobInfo(kAgent); }
 
-  bool request(const Value& request) {
-    return launchd_.submitJobRequest(request, kSMDomainSystemLaunchd, error_);
+  bool request(const Value& request, const char* domain = kSMDomainSystemLaunchd) {
+    using Outcome = std::expected<void, std::optional<NSError>>;
+    const auto outcome = answerTo<Outcome>(
+        [&](auto answer) { launchd_.submitJobRequest(request, domain, std::move(answer)); });
+    if (!outcome) error_ = outcome.error();
+    return outcome.has_value();
+  }
+  Value copy() {
+    return answerTo<Value>([&](auto answer) { launchd_.copyJob(kAgent, std::move(answer)); });
   }
 
   bool unload(LaunchdJobs& jobs) {
@@ -35,9 +46,9 @@ TEST_F(LaunchdJobsTest, ADictionaryIsSubmittedUnchanged) {
   EXPECT_TRUE(request(job()));
   EXPECT_FALSE(error_);
   EXPECT_TRUE(isRunning(kAgent));
-  const Value copy = jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, kAgent);
+  const Value copied = copy();
   const Value submitted = job();
-  for (const auto& [key, value] : *submitted.dictionary()) EXPECT_EQ(copy[key], value) << key;
+  for (const auto& [key, value] : *submitted.dictionary()) EXPECT_EQ(copied[key], value) << key;
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
@@ -103,7 +114,7 @@ TEST_F(LaunchdJobsTest, AFailedUnloadingIsLogged) {
 }
 
 TEST_F(LaunchdJobsTest, TheHostRefusesAnotherDomain) {
-  EXPECT_FALSE(launchd_.submitJobRequest(job(), "kSMDomainUserLaunchd", error_));
+  EXPECT_FALSE(request(job(), "kSMDomainUserLaunchd"));
   ASSERT_TRUE(error_);
   EXPECT_THAT(error_->localizedDescription, HasSubstr("kSMDomainUserLaunchd"));
 }
@@ -112,16 +123,19 @@ TEST_F(LaunchdJobsTest, TheHostRefusesAnotherDomain) {
 class AuthorizationProbe final : public Jobs {
  public:
   std::expected<void, NSError> SMJobSubmit(std::string_view, const Value&,
-                                           const AuthorizationRef* authorization) override {
-    given.push_back(authorization);
+                                           const AuthorizationRef*) override {
     return {};
   }
   std::expected<void, NSError> SMJobRemove(std::string_view, std::string_view,
-                                           const AuthorizationRef* authorization, bool) override {
-    given.push_back(authorization);
+                                           const AuthorizationRef*, bool) override {
     return {};
   }
   Value SMJobCopyDictionary(std::string_view, std::string_view) override { return {}; }
+  void submitJob(std::string_view, const Value&, const AuthorizationRef* authorization,
+                 Submitted) override {
+    given.push_back(authorization);
+  }
+  void copyJob(std::string_view, std::string_view, Copied) override {}
   void removeJob(std::string_view, std::string_view, const AuthorizationRef* authorization,
                  Removed) override {
     given.push_back(authorization);
@@ -135,8 +149,8 @@ TEST_F(LaunchdJobsTest, TheAuthorizationIsForTheSystemsDomainAlone) {
   LaunchdJobs jobs(probe, authorization_);
   EXPECT_EQ(jobs.acquireRights(), errAuthorizationSuccess);
   for (const char* domain : {kSMDomainSystemLaunchd, "kSMDomainUserLaunchd"}) {
-    EXPECT_TRUE(jobs.submitJobRequest(job(), domain, error_));
-    EXPECT_TRUE(jobs.submitJobRequest(kAgent, domain, error_));
+    jobs.submitJobRequest(job(), domain, {});
+    jobs.submitJobRequest(kAgent, domain, {});
   }
   jobs.unloadJobFromLaunchD(kAgent, {});
   ASSERT_EQ(probe.given.size(), 5u);
@@ -157,12 +171,23 @@ TEST_F(LaunchdJobsTest, AnUnreachableJobHostIsNoRefusal) {
 
 TEST_F(LaunchdJobsTest, AJobIsAbsentPresentOrUnknown) {
   using Presence = JobStatus::Presence;
-  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kAbsent);
+  EXPECT_EQ(jobStatusIn(copy()).presence, Presence::kAbsent);
   request(job());
-  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kPresent);
-  EXPECT_EQ(launchd_.status(kAgent).process, process(kAgent));
+  EXPECT_EQ(jobStatusIn(copy()).presence, Presence::kPresent);
+  EXPECT_EQ(jobStatusIn(copy()).process, process(kAgent));
   jobs_.setReachable(false);
-  EXPECT_EQ(launchd_.status(kAgent).presence, Presence::kUnknown);
+  EXPECT_EQ(jobStatusIn(copy()).presence, Presence::kUnknown);
+}
+
+TEST_F(LaunchdJobsTest, AnswersAfterItsEndAreDropped) {
+  {
+    LaunchdJobs jobs(jobs_, authorization_);
+    jobs.copyJob(kAgent, [](const Value&) { ADD_FAILURE(); });
+    jobs.submitJobRequest(job(), kSMDomainSystemLaunchd, [](const auto&) { ADD_FAILURE(); });
+    jobs.unloadJobFromLaunchD(kAgent, [](const auto&) { ADD_FAILURE(); });
+  }
+  loop_.runReady();
+  EXPECT_THAT(takeLog(), IsEmpty());
 }
 
 }  // namespace

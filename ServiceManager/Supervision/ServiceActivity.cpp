@@ -9,12 +9,28 @@ using Step = ServiceStep;
 ServiceTransition whileNothing(Event event) {
   switch (event) {
     case Event::kRun:
-      return {kConfiguresExtensions, Step::kCheck};
+      return {kAsksForItsJob, Step::kCheck};
     case Event::kStop:
     case Event::kProgramIsDamaged:
       return {kIsRemoved, Step::kRemove};
     default:
       return {kNothing, Step::kIgnore};
+  }
+}
+
+ServiceTransition whileAsking(Event event) {
+  switch (event) {
+    case Event::kRun:
+      return {kAsksForItsJob, Step::kJoin};
+    case Event::kStop:
+    case Event::kProgramIsDamaged:
+      return {kIsRemoved, Step::kAbandonAndRemove};
+    case Event::kCannotRun:
+      return {kNothing, Step::kProceed};
+    case Event::kJobIsKnown:
+      return {kConfiguresExtensions, Step::kProceed};
+    default:
+      return {kAsksForItsJob, Step::kIgnore};
   }
 }
 
@@ -29,10 +45,30 @@ ServiceTransition whileConfiguring(Event event) {
       return {kNothing, Step::kProceed};
     case Event::kExtensionsAreDone:
       return {kConfiguresExtensions, Step::kProceed};
-    case Event::kIsSubmitted:
+    case Event::kJobIsLost:
+      return {kAsksForItsJob, Step::kCheck};
+    case Event::kJobIsSent:
+      return {kIsSubmitted, Step::kProceed};
+    case Event::kJobIsAccepted:
       return {kAwaitsProcess, Step::kProceed};
     default:
       return {kConfiguresExtensions, Step::kIgnore};
+  }
+}
+
+ServiceTransition whileSubmitted(Event event) {
+  switch (event) {
+    case Event::kRun:
+      return {kIsSubmitted, Step::kJoin};
+    case Event::kStop:
+    case Event::kProgramIsDamaged:
+      return {kIsRemoved, Step::kAbandonAndRemove};
+    case Event::kCannotRun:
+      return {kNothing, Step::kProceed};
+    case Event::kJobIsAccepted:
+      return {kAwaitsProcess, Step::kProceed};
+    default:
+      return {kIsSubmitted, Step::kIgnore};
   }
 }
 
@@ -46,6 +82,8 @@ ServiceTransition whileAwaiting(Event event) {
     case Event::kProcessIsFound:
     case Event::kProcessIsNotFound:
       return {kNothing, Step::kProceed};
+    case Event::kJobIsLost:
+      return {kAsksForItsJob, Step::kCheck};
     case Event::kJobHostReturns:
       return {kAwaitsProcess, Step::kLookForProcess};
     default:
@@ -62,7 +100,7 @@ ServiceTransition whileRemoving(ServiceActivity activity, Event event) {
       return {kIsRemoved, Step::kJoin};
     case Event::kJobIsRemoved:
       if (activity == kIsRemoved) return {kNothing, Step::kProceed};
-      return {kConfiguresExtensions, Step::kEndAndCheck};
+      return {kAsksForItsJob, Step::kEndAndCheck};
     default:
       return {activity, Step::kIgnore};
   }
@@ -74,8 +112,12 @@ ServiceTransition nextServiceActivity(ServiceActivity activity, ServiceEvent eve
   switch (activity) {
     case kNothing:
       return whileNothing(event);
+    case kAsksForItsJob:
+      return whileAsking(event);
     case kConfiguresExtensions:
       return whileConfiguring(event);
+    case kIsSubmitted:
+      return whileSubmitted(event);
     case kAwaitsProcess:
       return whileAwaiting(event);
     case kIsRemoved:

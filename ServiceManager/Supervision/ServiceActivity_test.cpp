@@ -11,14 +11,18 @@ using enum ServiceActivity;
 using Event = ServiceEvent;
 using Step = ServiceStep;
 
-constexpr ServiceActivity kActivities[] = {kNothing, kConfiguresExtensions, kAwaitsProcess,
-                                           kIsRemoved, kIsRemovedBeforeItRuns};
+constexpr ServiceActivity kActivities[] = {
+    kNothing,       kAsksForItsJob, kConfiguresExtensions, kIsSubmitted,
+    kAwaitsProcess, kIsRemoved,     kIsRemovedBeforeItRuns};
 constexpr Event kEvents[] = {Event::kRun,
                              Event::kStop,
                              Event::kProgramIsDamaged,
+                             Event::kJobIsKnown,
                              Event::kCannotRun,
                              Event::kExtensionsAreDone,
-                             Event::kIsSubmitted,
+                             Event::kJobIsLost,
+                             Event::kJobIsSent,
+                             Event::kJobIsAccepted,
                              Event::kProcessIsFound,
                              Event::kProcessIsNotFound,
                              Event::kJobIsRemoved,
@@ -27,22 +31,37 @@ constexpr Event kEvents[] = {Event::kRun,
 // Every cell that does something. In all others the activity stays and the event is ignored.
 const std::map<std::pair<ServiceActivity, Event>, ServiceTransition>& table() {
   static const std::map<std::pair<ServiceActivity, Event>, ServiceTransition> kTable{
-      {{kNothing, Event::kRun}, {kConfiguresExtensions, Step::kCheck}},
+      {{kNothing, Event::kRun}, {kAsksForItsJob, Step::kCheck}},
       {{kNothing, Event::kStop}, {kIsRemoved, Step::kRemove}},
       {{kNothing, Event::kProgramIsDamaged}, {kIsRemoved, Step::kRemove}},
+
+      {{kAsksForItsJob, Event::kRun}, {kAsksForItsJob, Step::kJoin}},
+      {{kAsksForItsJob, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
+      {{kAsksForItsJob, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
+      {{kAsksForItsJob, Event::kCannotRun}, {kNothing, Step::kProceed}},
+      {{kAsksForItsJob, Event::kJobIsKnown}, {kConfiguresExtensions, Step::kProceed}},
 
       {{kConfiguresExtensions, Event::kRun}, {kConfiguresExtensions, Step::kJoin}},
       {{kConfiguresExtensions, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kConfiguresExtensions, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kConfiguresExtensions, Event::kCannotRun}, {kNothing, Step::kProceed}},
       {{kConfiguresExtensions, Event::kExtensionsAreDone}, {kConfiguresExtensions, Step::kProceed}},
-      {{kConfiguresExtensions, Event::kIsSubmitted}, {kAwaitsProcess, Step::kProceed}},
+      {{kConfiguresExtensions, Event::kJobIsLost}, {kAsksForItsJob, Step::kCheck}},
+      {{kConfiguresExtensions, Event::kJobIsSent}, {kIsSubmitted, Step::kProceed}},
+      {{kConfiguresExtensions, Event::kJobIsAccepted}, {kAwaitsProcess, Step::kProceed}},
+
+      {{kIsSubmitted, Event::kRun}, {kIsSubmitted, Step::kJoin}},
+      {{kIsSubmitted, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
+      {{kIsSubmitted, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
+      {{kIsSubmitted, Event::kCannotRun}, {kNothing, Step::kProceed}},
+      {{kIsSubmitted, Event::kJobIsAccepted}, {kAwaitsProcess, Step::kProceed}},
 
       {{kAwaitsProcess, Event::kRun}, {kAwaitsProcess, Step::kJoin}},
       {{kAwaitsProcess, Event::kStop}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kAwaitsProcess, Event::kProgramIsDamaged}, {kIsRemoved, Step::kAbandonAndRemove}},
       {{kAwaitsProcess, Event::kProcessIsFound}, {kNothing, Step::kProceed}},
       {{kAwaitsProcess, Event::kProcessIsNotFound}, {kNothing, Step::kProceed}},
+      {{kAwaitsProcess, Event::kJobIsLost}, {kAsksForItsJob, Step::kCheck}},
       {{kAwaitsProcess, Event::kJobHostReturns}, {kAwaitsProcess, Step::kLookForProcess}},
 
       {{kIsRemoved, Event::kRun}, {kIsRemovedBeforeItRuns, Step::kJoin}},
@@ -51,7 +70,7 @@ const std::map<std::pair<ServiceActivity, Event>, ServiceTransition>& table() {
 
       {{kIsRemovedBeforeItRuns, Event::kRun}, {kIsRemovedBeforeItRuns, Step::kJoin}},
       {{kIsRemovedBeforeItRuns, Event::kStop}, {kIsRemoved, Step::kJoin}},
-      {{kIsRemovedBeforeItRuns, Event::kJobIsRemoved}, {kConfiguresExtensions, Step::kEndAndCheck}},
+      {{kIsRemovedBeforeItRuns, Event::kJobIsRemoved}, {kAsksForItsJob, Step::kEndAndCheck}},
   };
   return kTable;
 }

@@ -72,23 +72,36 @@ void ServiceEnforcement::enforceRunningForService(const std::string& label,
                                                   CompletionBlock withCompletionBlock) {
   if (environment_.catalogue.jobInfo(label).isNil()) return;
   const ServiceStep step = advance(label, ServiceEvent::kRun);
-  if (activityOf(label) == ServiceActivity::kAwaitsProcess) services_[label].isAskedAgain = true;
+  services_[label].isAskedAgain = true;
   if (withCompletionBlock) services_[label].blocks.push_back(std::move(withCompletionBlock));
   if (step == ServiceStep::kCheck) check(label);
 }
 
 void ServiceEnforcement::check(const std::string& label) {
+  services_[label].hasLostItsJob = false;
+  askForJob(label, &ServiceEnforcement::checkWithJob);
+}
+
+void ServiceEnforcement::askForJob(const std::string& label,
+                                   void (ServiceEnforcement::*then)(const std::string&,
+                                                                    const JobStatus&)) {
+  const std::uint64_t request = services_[label].request = ++lastRequest_;
+  environment_.jobs.copyJob(label, [this, label, request, then](const Value& copy) {
+    if (isCurrent(label, request)) (this->*then)(label, jobStatusIn(copy));
+  });
+}
+
+void ServiceEnforcement::checkWithJob(const std::string& label, const JobStatus& known) {
   const MainThreadWork::Scope scope(environment_.mainThreadWork, kWorkChecksService, label);
-  Service& service = services_[label];
-  service.request = ++lastRequest_;
-  service.isAskedAgain = false;
-  service.hasLostItsJob = false;
-  const Value jobInfo = environment_.catalogue.jobInfo(label);
-  const JobStatus known = environment_.jobs.status(label);
+  advance(label, ServiceEvent::kJobIsKnown);
   if (!checkOSSupportForService(label)) {
     if (environment_.health) environment_.health->stopMonitoringForService(label);
     end(label, ServiceEvent::kCannotRun);
-  } else if (known.process) {
+    environment_.onUnsupported();
+    return;
+  }
+  const Value jobInfo = environment_.catalogue.jobInfo(label);
+  if (known.process) {
     checkRunningService(label, jobInfo, known);
   } else {
     startStoppedService(label, jobInfo, known);
@@ -123,6 +136,7 @@ void ServiceEnforcement::checkRunningService(const std::string& label, const Val
         if (!services_[label].hasLostItsJob) {
           awaitProcess(label, known, areConfigured);
         } else if (areConfigured) {
+          advance(label, ServiceEvent::kJobIsLost);
           check(label);
         } else {
           reportUnready(label);
@@ -194,23 +208,29 @@ void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, 
           return;
         }
         advance(label, ServiceEvent::kExtensionsAreDone);
-        answer(submit(label, jobInfo));
+        submit(label, jobInfo, std::move(answer));
       });
 }
 
-Value ServiceEnforcement::submit(const std::string& label, const Value& jobInfo) {
-  std::optional<NSError> error;
-  if (environment_.jobs.submitJobRequest(jobInfo, kSMDomainSystemLaunchd, error)) {
-    return environment_.jobs.copyJobDictionary(label);
-  }
-  vantorlogger2_line(ASL_LEVEL_ERR,
-                     stringWithFormat("Unable to load %@.\n%@", label, error.value_or(NSError{})));
-  return {};
+// The answer is dropped if the service is stopped meanwhile. Its removal follows the submission
+// then, since the job host takes the requests for one label in their order.
+void ServiceEnforcement::submit(const std::string& label, const Value& jobInfo,
+                                LaunchAnswer answer) {
+  advance(label, ServiceEvent::kJobIsSent);
+  environment_.jobs.submitJobRequest(
+      jobInfo, kSMDomainSystemLaunchd,
+      [this, label, answer = std::move(answer)](const auto& submitted) mutable {
+        if (submitted) return environment_.jobs.copyJob(label, std::move(answer));
+        vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to load %@.\n%@", label,
+                                                           submitted.error().value_or(NSError{})));
+        answer({});
+      });
 }
 
 void ServiceEnforcement::awaitProcess(const std::string& label, const JobStatus& job,
                                       bool areExtensionsConfigured) {
-  advance(label, ServiceEvent::kIsSubmitted);
+  advance(label, ServiceEvent::kJobIsAccepted);
+  services_[label].isAskedAgain = false;
   const bool retry = !job.lastExitStatus.isNil() && !job.process;
   const std::uint64_t request = services_[label].request;
   environment_.exits.monitorJobWithIdentifier(
@@ -221,18 +241,23 @@ void ServiceEnforcement::awaitProcess(const std::string& label, const JobStatus&
         } else {
           reportUnready(label);
         }
-        const bool isWantedAgain = !isWatched && services_[label].isAskedAgain;
         callBlocks(label);
-        end(label, isWatched ? ServiceEvent::kProcessIsFound : ServiceEvent::kProcessIsNotFound);
-        if (isWantedAgain) startIfLost(label);
+        if (isWatched) return end(label, ServiceEvent::kProcessIsFound);
+        if (!services_[label].isAskedAgain) return end(label, ServiceEvent::kProcessIsNotFound);
+        advance(label, ServiceEvent::kJobIsLost);
+        services_[label].isAskedAgain = false;
+        askForJob(label, &ServiceEnforcement::checkIfJobIsLost);
       });
 }
 
 // A job that was lost while its process was looked for needs a new one. Without this, the requests
 // that joined the search would have asked in vain.
-void ServiceEnforcement::startIfLost(const std::string& label) {
-  if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) {
-    enforceRunningForService(label, {});
+void ServiceEnforcement::checkIfJobIsLost(const std::string& label, const JobStatus& known) {
+  const bool isLost = known.presence == JobStatus::Presence::kAbsent;
+  if (isLost || services_[label].isAskedAgain) {
+    checkWithJob(label, known);
+  } else {
+    end(label, ServiceEvent::kCannotRun);
   }
 }
 
@@ -275,9 +300,7 @@ void ServiceEnforcement::jobHostHasReturned() {
 void ServiceEnforcement::enforceShutdownForService(const std::string& label, StopAnswer answer) {
   beginStop(label);
   const ServiceStep step = advance(label, ServiceEvent::kStop);
-  Service& service = services_[label];
-  service.blocks.clear();
-  if (answer) service.stops.push_back(std::move(answer));
+  if (answer) services_[label].stops.push_back(std::move(answer));
   if (step != ServiceStep::kJoin) remove(label);
 }
 
@@ -316,12 +339,19 @@ void ServiceEnforcement::remove(const std::string& label) {
   removeJobIfAny(label, [this, label](bool hasStopped) { jobIsRemoved(label, hasStopped); });
 }
 
+// If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
 void ServiceEnforcement::removeJobIfAny(const std::string& label, StopAnswer done) {
-  // If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
-  if (environment_.jobs.status(label).presence == JobStatus::Presence::kAbsent) {
-    if (done) done(true);
-    return;
-  }
+  environment_.jobs.copyJob(label,
+                            [this, label, done = std::move(done)](const Value& copy) mutable {
+                              if (jobStatusIn(copy).presence != JobStatus::Presence::kAbsent) {
+                                removeJob(label, std::move(done));
+                              } else if (done) {
+                                done(true);
+                              }
+                            });
+}
+
+void ServiceEnforcement::removeJob(const std::string& label, StopAnswer done) {
   environment_.jobs.unloadJobFromLaunchD(
       label, [label, done = std::move(done)](const auto& removed) mutable {
         if (removed) {

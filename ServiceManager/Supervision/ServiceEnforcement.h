@@ -50,6 +50,7 @@ class ServiceEnforcement {
     const ORBSigningValidator& validator;
     std::function<void()> onUnready;  // a service has been reported as not ready
     ProgramRechecks& rechecks;
+    std::function<void()> onUnsupported;  // a service is left out, and its blocks are dropped
   };
 
   explicit ServiceEnforcement(const Environment& environment) : environment_(environment) {}
@@ -60,12 +61,13 @@ class ServiceEnforcement {
 
   // Makes the service's job run and watches its process. The block is called in a later turn of the
   // loop, once the job is known to run, and also if its process was not found in time. It is
-  // dropped if the service can't run, or is stopped meanwhile. Joins what goes on with the service;
-  // a removal is finished first. Does nothing for a service without a job.
+  // dropped if the service can't run, or is stopped meanwhile and not made to run again before its
+  // removal has ended. Joins what goes on with the service; a removal is finished first. Does
+  // nothing for a service without a job.
   void enforceRunningForService(const std::string& label, CompletionBlock withCompletionBlock);
 
-  // Removes the service's job. The answer is given at once if there is none, else when its
-  // processes have ended: true if there is no job any more. Ends what goes on with the service.
+  // Removes the service's job, if there is one. The answer is given when its processes have ended:
+  // true if there is no job any more. Ends what goes on with the service.
   void enforceShutdownForService(const std::string& label, StopAnswer answer);
 
   // The same, before an extension of the service is unloaded. If this extension is needed to start
@@ -87,6 +89,8 @@ class ServiceEnforcement {
     platform::Instant since;
   };
   std::map<std::string, Work, std::less<>> work() const;
+  // Whether anything goes on with any service.
+  bool isWorking() const { return !services_.empty(); }
   // Calls `settled` when the work on all these services has ended, at once if there is none.
   // Requests that come meanwhile are waited for, too.
   void whenSettled(const std::vector<std::string>& labels, CompletionBlock settled);
@@ -97,7 +101,7 @@ class ServiceEnforcement {
     platform::Instant since{};  // of the activity
     // Answers to requests of an earlier one are ignored.
     std::uint64_t request = 0;
-    bool isAskedAgain = false;  // while its process is looked for
+    bool isAskedAgain = false;  // since its process is looked for
     bool hasLostItsJob =
         false;  // to the unloading of an extension, while extensions are configured
     std::vector<CompletionBlock> blocks;
@@ -108,16 +112,19 @@ class ServiceEnforcement {
   ServiceStep advance(const std::string& label, ServiceEvent event);
   bool isCurrent(const std::string& label, std::uint64_t request) const;
   void check(const std::string& label);
+  void askForJob(const std::string& label,
+                 void (ServiceEnforcement::*then)(const std::string&, const platform::JobStatus&));
+  void checkWithJob(const std::string& label, const platform::JobStatus& known);
   void checkRunningService(const std::string& label, const platform::Value& jobInfo,
                            const platform::JobStatus& known);
   void startStoppedService(const std::string& label, const platform::Value& jobInfo,
                            const platform::JobStatus& known);
   void launch(const std::string& label, const platform::Value& jobInfo, bool firstTime,
               LaunchAnswer answer);
-  platform::Value submit(const std::string& label, const platform::Value& jobInfo);
+  void submit(const std::string& label, const platform::Value& jobInfo, LaunchAnswer answer);
   void awaitProcess(const std::string& label, const platform::JobStatus& job,
                     bool areExtensionsConfigured);
-  void startIfLost(const std::string& label);
+  void checkIfJobIsLost(const std::string& label, const platform::JobStatus& known);
   void callBlocks(const std::string& label);
   void end(const std::string& label, ServiceEvent event);
   void endUnready(const std::string& label);
@@ -126,6 +133,7 @@ class ServiceEnforcement {
   void beginStop(const std::string& label);
   void remove(const std::string& label);
   void removeJobIfAny(const std::string& label, StopAnswer done);
+  void removeJob(const std::string& label, StopAnswer done);
   void jobIsRemoved(const std::string& label, bool hasStopped);
   ProgramState programState(const std::string& label, const platform::Value& jobInfo) const;
 

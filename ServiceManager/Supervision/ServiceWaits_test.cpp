@@ -151,6 +151,7 @@ TEST_F(ServiceWaitsTest, TheReturnOfTheHostLooksForAwaitedProcesses) {
   loop_.advanceBy(1500ms);  // The process is there, and the next look is due in half a second.
   EXPECT_EQ(agent(), ServiceActivity::kAwaitsProcess);
   enforcement_.jobHostHasReturned();
+  loop_.runReady();
   EXPECT_EQ(agent(), ServiceActivity::kNothing);
 }
 
@@ -163,10 +164,78 @@ TEST_F(ServiceWaitsTest, AJobLostDuringTheSearchIsSubmittedForASecondRequest) {
   EXPECT_TRUE(isRunning(kAgent));
 }
 
+TEST_F(ServiceWaitsTest, AHungJobHostHoldsUpNobody) {
+  jobs_.setHung(true);
+  const Instant before = loop_.now();
+  run(kAgent);
+  run(kHelper);
+  EXPECT_EQ(loop_.now(), before);
+  EXPECT_EQ(agent(), ServiceActivity::kAsksForItsJob);
+  loop_.advanceBy(1min);
+  EXPECT_FALSE(enforcement_.isWorking());
+  EXPECT_THAT(takeReports(),
+              ElementsAre("unready com.example.agent", "unready com.example.helper"));
+  jobs_.setHung(false);
+  run(kAgent);
+  EXPECT_THAT(takeReports(), ElementsAre("start com.example.agent"));
+}
+
+TEST_F(ServiceWaitsTest, SubmissionsOfTwoServicesAreUnderWayTogether) {
+  enforcement_.enforceRunningForService(kAgent, nullptr);
+  enforcement_.enforceRunningForService(kHelper, nullptr);
+  jobs_.setOnSubmitted([this] {
+    EXPECT_EQ(agent(), ServiceActivity::kIsSubmitted);
+    jobs_.setHung(true);
+  });
+  loop_.runReady();
+  EXPECT_EQ(enforcement_.activityOf(kHelper), ServiceActivity::kIsSubmitted);
+  jobs_.setHung(false);
+  loop_.runReady();
+  EXPECT_THAT(takeReports(), ElementsAre("start com.example.agent", "start com.example.helper"));
+}
+
+TEST_F(ServiceWaitsTest, AStopDuringASubmissionRemovesTheJob) {
+  jobs_.setOnSubmitted([this] {
+    enforcement_.enforceShutdownForService(kAgent, [this](bool hasStopped) {
+      stopped_.emplace_back(hasStopped ? "stopped" : "not stopped");
+    });
+  });
+  run(kAgent);
+  EXPECT_THAT(stopped_, ElementsAre("stopped"));
+  EXPECT_THAT(jobs_.labels(), IsEmpty());
+  EXPECT_THAT(completed_, IsEmpty());
+  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
+}
+
+TEST_F(ServiceWaitsTest, AStopThatIsOvertakenByAStartDropsNoBlock) {
+  endAgent(3600);
+  completed_.clear();
+  enforcement_.enforceRunningForService(kAgent, [this] { completed_.emplace_back("first"); });
+  enforcement_.enforceShutdownForService(kAgent, {});
+  enforcement_.enforceRunningForService(kAgent, [this] { completed_.emplace_back("second"); });
+  loop_.runReady();
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_THAT(completed_, ElementsAre("first", "second"));
+}
+
 // Whatever comes in whatever order, everything ends, every stop is answered once, and the last
-// request has its way.
+// request has its way. The daemon evaluates a service again that was stopped for an extension.
 TEST_F(ServiceWaitsTest, TheLastRequestHasItsWayInEveryOrder) {
-  enum Event { kRun, kStop, kProcessEnds, kWait, kLongWait, kHostGoes, kHostReturns, kEvents };
+  enum Event {
+    kRun,
+    kStop,
+    kStopForExtension,
+    kProcessEnds,
+    kProgramIsDamaged,
+    kProgramIsSound,
+    kTurn,
+    kWait,
+    kLongWait,
+    kHostGoes,
+    kHostHangs,
+    kHostReturns,
+    kEvents
+  };
   std::mt19937 random(1);  // The same orders in each run.
   for (int order = 0; order < 2000; ++order) {
     use(catalogue({{kAgent, throttled(order % 3 * 4)}, {kHelper, entry("helper")}}));
@@ -176,7 +245,7 @@ TEST_F(ServiceWaitsTest, TheLastRequestHasItsWayInEveryOrder) {
     stopped_.clear();
     for (int i = 0; i < 12; ++i) {
       const auto event = static_cast<Event>(random() % kEvents);
-      events += std::to_string(event);
+      events += std::to_string(event) + " ";
       switch (event) {
         case kRun:
           isWanted = true;
@@ -188,8 +257,22 @@ TEST_F(ServiceWaitsTest, TheLastRequestHasItsWayInEveryOrder) {
           enforcement_.enforceShutdownForService(
               kAgent, [this](bool hasStopped) { stopped_.push_back(hasStopped ? "yes" : "no"); });
           break;
+        case kStopForExtension:
+          ++stops;
+          enforcement_.stopForExtension(
+              kAgent, [this](bool hasStopped) { stopped_.push_back(hasStopped ? "yes" : "no"); });
+          break;
         case kProcessEnds:
           if (isRunning(kAgent)) jobs_.endProcess(kAgent);
+          break;
+        case kProgramIsDamaged:
+          damageProgram("agent");
+          break;
+        case kProgramIsSound:
+          addProgram("agent");
+          break;
+        case kTurn:
+          loop_.runReady();
           break;
         case kWait:
           loop_.advanceBy(700ms);
@@ -200,13 +283,19 @@ TEST_F(ServiceWaitsTest, TheLastRequestHasItsWayInEveryOrder) {
         case kHostGoes:
           jobs_.setReachable(false);
           break;
+        case kHostHangs:
+          jobs_.setHung(true);
+          break;
         default:
           jobs_.setReachable(true);
+          jobs_.setHung(false);
           enforcement_.jobHostHasReturned();
           break;
       }
     }
     jobs_.setReachable(true);
+    jobs_.setHung(false);
+    addProgram("agent");
     loop_.advanceBy(1min);
     ASSERT_EQ(agent(), ServiceActivity::kNothing) << events;
     ASSERT_EQ(stopped_.size(), stops) << events;

@@ -88,5 +88,6 @@ class SupervisionFixture : public SupervisedMachine {
                                    .system = system_,
                                    .validator = validator_,
                                    .onUnready = [this] { ++unready_; },
-                                   .rechecks = rechecks_}};
+                                   .rechecks = rechecks_,
+                                   .onUnsupported = [] {}}};
 };

@@ -38,6 +38,7 @@ class DaemonHealth : public testing::Test {
     root_.startDaemon();
     root_.awaitStart();
     root_.awaitLog("Evaluating service: " + kB + "\n");
+    awaitServices(root_, {DaemonRoot::kPrimary, kA, kB});
     client_ = std::make_unique<UserInterfaceClient>(root_);
     client_->registerClient();
   }

@@ -40,6 +40,7 @@ class DaemonSettings : public testing::Test {
     root_.kill(DaemonRoot::kDaemon, SIGKILL);
     root_.await("the next daemon", [&] { return root_.starts() >= 2; });
     root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
+    awaitServices(root_, {kCore, kFeature});
     client_ = std::make_unique<UserInterfaceClient>(root_);
     client_->registerClient();
   }

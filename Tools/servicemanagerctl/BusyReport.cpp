@@ -32,7 +32,9 @@ std::string sentenceOf(std::string_view work, const std::string& label) {
 }
 
 std::string_view sentenceOf(std::string_view activity) {
+  if (activity == kActivityAsksForItsJob) return "the job host is asked for its job";
   if (activity == kActivityConfiguresExtensions) return "its extensions are configured";
+  if (activity == kActivityIsSubmitted) return "its job is submitted";
   if (activity == kActivityAwaitsProcess) return "its process is waited for";
   if (activity == kActivityIsRemoved) return "its processes are ended";
   if (activity == kActivityIsRemovedBeforeItRuns)

@@ -111,7 +111,8 @@ ServiceState listedService(const std::string& label, const Value& facts, const V
   state.work = workOnService(facts);
   if (state.activity != Activity::kStopped) return state;
   const Value& activity = facts[kFactActivity];
-  if (activity == Value(kActivityConfiguresExtensions) ||
+  if (activity == Value(kActivityAsksForItsJob) ||
+      activity == Value(kActivityConfiguresExtensions) || activity == Value(kActivityIsSubmitted) ||
       activity == Value(kActivityAwaitsProcess)) {
     state.activity = Activity::kStarting;
   } else if (!state.failedExtensions.empty() && facts[kFactIsStopped] != Value(true)) {

@@ -55,11 +55,22 @@ bool isDone(const NSError& error, bool wasRepeated) {
   return wasRepeated && error.code == static_cast<int>(LaunchdError::kNoSuchJob);
 }
 
-std::expected<void, NSError> outcomeOfRemoval(const Result<JobHostClient::Answer>& answer) {
+// The value of an answer, or why there is none.
+std::expected<Value, NSError> valueIn(const Result<JobHostClient::Answer>& answer) {
   if (!answer) return std::unexpected(launchdErrorOf(answer.error()));
-  const auto failure = failureIn(answer->value);
-  if (!failure || isDone(*failure, answer->wasRepeated)) return {};
-  return std::unexpected(*failure);
+  if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
+  return answer->value;
+}
+
+std::expected<void, NSError> outcomeIn(const Result<JobHostClient::Answer>& answer) {
+  if (auto value = valueIn(answer); !value) return std::unexpected(std::move(value.error()));
+  return {};
+}
+
+std::expected<void, NSError> outcomeOfRemoval(const Result<JobHostClient::Answer>& answer) {
+  auto outcome = outcomeIn(answer);
+  if (!outcome && answer && isDone(outcome.error(), answer->wasRepeated)) return {};
+  return outcome;
 }
 
 // The time-out of a removal that waits for the end of this job.
@@ -73,23 +84,19 @@ NSError malformedAnswer() {
   return launchdErrorOf(LaunchdError::kInternal, "the job host's answer is malformed");
 }
 
-}  // namespace
-
-std::expected<JobHostClient::Answer, NSError> EmbeddedJobs::ask(std::string_view selector,
-                                                                const Array& arguments,
-                                                                Duration timeout) {
-  auto answer = client_.call(selector, arguments, timeout);
-  if (!answer) return std::unexpected(launchdErrorOf(answer.error()));
-  return *std::move(answer);
+// A job's dictionary, nil if there is no such job.
+std::expected<Value, NSError> jobIn(const Result<JobHostClient::Answer>& answer) {
+  auto job = valueIn(answer);
+  if (job && !job->isNil() && !job->dictionary()) return std::unexpected(malformedAnswer());
+  return job;
 }
+
+}  // namespace
 
 std::expected<void, NSError> EmbeddedJobs::SMJobSubmit(std::string_view domain, const Value& job,
                                                        const AuthorizationRef*) {
   if (auto checked = checkDomain(domain); !checked) return checked;
-  const auto answer = ask(kSubmitJobMessage, Array{job}, kJobsAnswerTimeOut);
-  if (!answer) return std::unexpected(answer.error());
-  if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
-  return {};
+  return outcomeIn(client_.call(kSubmitJobMessage, Array{job}, kJobsAnswerTimeOut));
 }
 
 std::expected<void, NSError> EmbeddedJobs::SMJobRemove(std::string_view domain,
@@ -106,20 +113,46 @@ Value EmbeddedJobs::SMJobCopyDictionary(std::string_view domain, std::string_vie
 }
 
 std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {
-  const auto answer = ask(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut);
-  if (!answer) return std::unexpected(answer.error());
-  if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
-  if (!answer->value.isNil() && !answer->value.dictionary())
-    return std::unexpected(malformedAnswer());
-  return answer->value;
+  return jobIn(client_.call(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut));
 }
 
 std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
-  const auto answer = ask(kCopyJobStatesMessage, {}, kJobsAnswerTimeOut);
-  if (!answer) return std::unexpected(answer.error());
-  if (auto failure = failureIn(answer->value)) return std::unexpected(*std::move(failure));
-  if (!answer->value.dictionary()) return std::unexpected(malformedAnswer());
-  return *answer->value.dictionary();
+  const auto states = valueIn(client_.call(kCopyJobStatesMessage, {}, kJobsAnswerTimeOut));
+  if (!states) return std::unexpected(states.error());
+  if (!states->dictionary()) return std::unexpected(malformedAnswer());
+  return *states->dictionary();
+}
+
+// Without blocking.
+
+// Gives an answer that needs no request.
+template <class Call, class Answer>
+void EmbeddedJobs::callLater(Call call, Answer answer) {
+  client_.loop().post([alive = std::weak_ptr(alive_), call = std::move(call),
+                       answer = std::move(answer)]() mutable {
+    if (!alive.expired()) call(std::move(answer));
+  });
+}
+
+void EmbeddedJobs::submitJob(std::string_view domain, const Value& job, const AuthorizationRef*,
+                             Submitted submitted) {
+  if (auto checked = checkDomain(domain); !checked) {
+    return callLater(std::move(submitted), std::move(checked));
+  }
+  client_.callAsync(kSubmitJobMessage, Array{job}, kJobsAnswerTimeOut,
+                    [alive = std::weak_ptr(alive_),
+                     submitted = std::move(submitted)](const auto& answer) mutable {
+                      if (!alive.expired()) submitted(outcomeIn(answer));
+                    });
+}
+
+void EmbeddedJobs::copyJob(std::string_view domain, std::string_view label, Copied copied) {
+  if (!checkDomain(domain)) return callLater(std::move(copied), Value());
+  client_.callAsync(
+      kCopyJobMessage, Array{label}, kJobsAnswerTimeOut,
+      [alive = std::weak_ptr(alive_), copied = std::move(copied)](const auto& answer) mutable {
+        if (!alive.expired()) copied(jobIn(answer).value_or(Value(Dictionary())));
+      });
 }
 
 // The host gets two requests at once. The answer to the first, a copy of the job, limits the
@@ -127,19 +160,7 @@ std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
 void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
                              const AuthorizationRef*, Removed removed) {
   if (auto checked = checkDomain(domain); !checked) {
-    client_.loop().post([alive = std::weak_ptr(alive_), removed = std::move(removed),
-                         error = std::move(checked.error())]() mutable {
-      if (!alive.expired()) removed(std::unexpected(std::move(error)));
-    });
-    return;
-  }
-  auto finish = [alive = std::weak_ptr(alive_), removed = std::move(removed)](
-                    const Result<JobHostClient::Answer>& answer) mutable {
-    if (!alive.expired()) removed(outcomeOfRemoval(answer));
-  };
-  if (client_.isHung()) {
-    removeWhenHostAnswers(std::string(label), std::move(finish));
-    return;
+    return callLater(std::move(removed), std::move(checked));
   }
   const auto removal = std::make_shared<JobHostClient::RequestId>();
   client_.callAsync(kCopyJobMessage, Array{label}, kJobsAnswerTimeOut,
@@ -147,22 +168,12 @@ void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,
                       if (alive.expired()) return;
                       client_.limit(*removal, removalTime(answer ? answer->value : Value()));
                     });
-  *removal = client_.callAsync(kRemoveJobMessage, Array{label, true},
-                               removalTime(Dictionary{{"ExitTimeOut", 0}}), std::move(finish));
-}
-
-// A host that is known to hang has had its time. It must not find the removal when it goes on, long
-// after this has failed.
-void EmbeddedJobs::removeWhenHostAnswers(const std::string& label,
-                                         JobHostClient::Completion finish) {
-  client_.callAsync(kCopyJobMessage, Array{label}, JobHostClient::kPingTimeOut,
-                    [this, alive = std::weak_ptr(alive_), label,
-                     finish = std::move(finish)](Result<JobHostClient::Answer> answer) mutable {
-                      if (alive.expired()) return;
-                      if (!answer) return finish(std::move(answer));
-                      client_.callAsync(kRemoveJobMessage, Array{label, true},
-                                        removalTime(answer->value), std::move(finish));
-                    });
+  *removal = client_.callAsync(
+      kRemoveJobMessage, Array{label, true}, removalTime(Dictionary{{"ExitTimeOut", 0}}),
+      [alive = std::weak_ptr(alive_), removed = std::move(removed)](const auto& answer) mutable {
+        if (!alive.expired()) removed(outcomeOfRemoval(answer));
+      },
+      JobHostClient::Room::kLong);
 }
 
 std::unique_ptr<RunLoopHandle> EmbeddedJobs::observeStarts(StartObserver observer) {
@@ -176,10 +187,12 @@ std::unique_ptr<RunLoopHandle> EmbeddedJobs::observeStarts(StartObserver observe
 void EmbeddedJobs::awaitStarts() {
   if (isAwaitingStarts_) return;
   isAwaitingStarts_ = true;
-  client_.callAsync(kAwaitJobStartsMessage, {}, Duration::max(),
-                    [this, alive = std::weak_ptr(alive_)](const auto& answer) {
-                      if (!alive.expired()) startsReported(answer);
-                    });
+  client_.callAsync(
+      kAwaitJobStartsMessage, {}, Duration::max(),
+      [this, alive = std::weak_ptr(alive_)](const auto& answer) {
+        if (!alive.expired()) startsReported(answer);
+      },
+      JobHostClient::Room::kLong);
 }
 
 void EmbeddedJobs::startsReported(const Result<JobHostClient::Answer>& answer) {

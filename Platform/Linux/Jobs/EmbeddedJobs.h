@@ -23,6 +23,9 @@ class EmbeddedJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  void submitJob(std::string_view domain, const Value& job, const AuthorizationRef* authorization,
+                 Submitted submitted) override;
+  void copyJob(std::string_view domain, std::string_view label, Copied copied) override;
   void removeJob(std::string_view domain, std::string_view label,
                  const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;
@@ -36,9 +39,8 @@ class EmbeddedJobs final : public Jobs {
   std::expected<Dictionary, NSError> copyJobStates();
 
  private:
-  std::expected<JobHostClient::Answer, NSError> ask(std::string_view selector,
-                                                    const Array& arguments, Duration timeout);
-  void removeWhenHostAnswers(const std::string& label, JobHostClient::Completion finish);
+  template <class Call, class Answer>
+  void callLater(Call call, Answer answer);
   void awaitStarts();
   void startsReported(const Result<JobHostClient::Answer>& answer);
 

@@ -99,8 +99,10 @@ Result<void> JobHostClient::connect(Instant deadline) {
 void JobHostClient::dropConnection() {
   connection_.reset();
   isHung_ = false;
-  for (auto& [id, request] : requests_) {
-    if (!request.retryTimer) repeat(id);
+  isPinging_ = false;
+  usualUnderWay_ = longUnderWay_ = 0;
+  for (const auto& [id, request] : requests_) {
+    if (!waiting_.contains(id)) repeat(id);
   }
   if (isReturnAwaited_)
     probeForReturnLater();  // The call of probeForReturn() ended with the connection.
@@ -109,6 +111,8 @@ void JobHostClient::dropConnection() {
 void JobHostClient::noteHung() {
   isHung_ = true;
   lastProbe_ = loop_.now();
+  if (!connection_) return;
+  for (const RequestId id : std::exchange(waiting_, {})) failSoon(id, hung(socket_));
 }
 
 // An end of the host also counts as an answer: there may be a new host by now.
@@ -134,7 +138,10 @@ bool JobHostClient::probeHungHost() {
 // If the ping fails, the next call would time out too. A second ping without a time-out tells when
 // the host answers again.
 void JobHostClient::pingAfterTimeOut() {
-  if (ping(std::min(kPingTimeOut, longestWait_))) return;
+  if (!ping(std::min(kPingTimeOut, longestWait_))) pingUntilAnswered();
+}
+
+void JobHostClient::pingUntilAnswered() {
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
                          [this](const MessageResult& answer) {
                            if (answer || answer.error().name != kNSPortTimeoutException)
@@ -216,68 +223,150 @@ Result<JobHostClient::Answer> JobHostClient::call(std::string_view selector, con
   }
 }
 
+// Without blocking.
+
+// A host that is known to hang has had its time. It must not find the request when it goes on, long
+// after this has failed.
 JobHostClient::RequestId JobHostClient::callAsync(std::string_view selector, const Array& arguments,
-                                                  Duration timeout, Completion completion) {
+                                                  Duration timeout, Completion completion,
+                                                  Room room) {
   const RequestId id = ++lastRequest_;
   requests_.emplace(id, Request{std::string(selector), arguments, timeout, std::move(completion),
-                                loop_.now() + restartTimeOut_, false, nullptr, nullptr});
-  if (connection_) {
-    ask(id);
+                                room, loop_.now() + restartTimeOut_, false, nullptr});
+  if (isHung_ && connection_) {
+    awaitReturn();
+    failSoon(id, hung(socket_));
   } else {
-    retryLater(id, Duration::zero());
+    waiting_.insert(id);
+    sendWaiting();
   }
   return id;
 }
 
 void JobHostClient::limit(RequestId id, Duration timeout) {
   const auto found = requests_.find(id);
-  if (found == requests_.end()) return;
+  if (found == requests_.end() || found->second.limitTimer) return;
   found->second.limitTimer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, id, timeout] {
     complete(id, std::unexpected(
                      unanswered(NSException{kNSPortTimeoutException, {}, {}}, socket_, timeout)));
   });
 }
 
-void JobHostClient::retryLater(RequestId id, Duration delay) {
-  requests_.at(id).retryTimer =
-      loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, id] { ask(id); });
-}
-
-void JobHostClient::ask(RequestId id) {
-  Request& request = requests_.at(id);
-  if (!connection_) {
-    if (const auto connected = connectOnce(kProbeTimeOut); !connected) {
-      const bool mayRetry = loop_.now() < request.deadline;
-      if (mayRetry && isTransient(connected.error())) return retryLater(id, kReconnectInterval);
-      if (mayRetry && isHung_) return retryLater(id, kProbeInterval);
-      return complete(id, std::unexpected(unreachable(connected.error(), socket_)));
+void JobHostClient::sendWaiting() {
+  if (waiting_.empty() || connectTimer_) return;
+  if (!connection_) return connectLater(Duration::zero());
+  for (auto next = waiting_.begin(); next != waiting_.end();) {
+    const RequestId id = *next;
+    const Request& request = requests_.at(id);
+    if (hasRoomFor(request)) {
+      next = waiting_.erase(next);
+      send(id);
+    } else if (request.room == Room::kUsual) {
+      return;  // No later request of its label may come first.
+    } else {
+      ++next;
     }
   }
-  request.retryTimer.reset();
-  connection_->callAsync(request.selector, request.arguments, request.timeout,
-                         [this, id](MessageResult result) { answered(id, std::move(result)); });
 }
 
-void JobHostClient::answered(RequestId id, MessageResult result) {
+bool JobHostClient::hasRoomFor(const Request& request) const {
+  return request.room == Room::kUsual ? usualUnderWay_ < kMaximumUsual
+                                      : longUnderWay_ < kMaximumLong;
+}
+
+void JobHostClient::send(RequestId id) {
+  const Request& request = requests_.at(id);
+  ++(request.room == Room::kUsual ? usualUnderWay_ : longUnderWay_);
+  connection_->callAsync(request.selector, request.arguments, request.timeout,
+                         [this, id, room = request.room](MessageResult result) {
+                           answered(id, room, std::move(result));
+                         });
+}
+
+void JobHostClient::connectLater(Duration delay) {
+  connectTimer_ = loop_.startTimer(delay, RunLoop::Repeat::kOnce, [this] { connectForWaiting(); });
+}
+
+void JobHostClient::connectForWaiting() {
+  connectTimer_.reset();
+  if (!connection_ && !waiting_.empty()) {
+    if (const auto connected = connectOnce(kProbeTimeOut); !connected) {
+      return couldNotConnect(connected.error());
+    }
+  }
+  sendWaiting();
+}
+
+// Fails the requests that have waited long enough, and lets the others wait on.
+void JobHostClient::couldNotConnect(const PeerConnectFailure& failure) {
+  const bool isAbsent = isTransient(failure);
+  const bool mayChange = isAbsent || isHung_;
+  bool hasFailed = false;
+  for (auto next = waiting_.begin(); next != waiting_.end();) {
+    const RequestId id = *next;
+    const Request& request = requests_.at(id);
+    const bool mayWait = loop_.now() < request.deadline && !(isAbsent && isKnownAbsent_);
+    if (mayChange && mayWait) {
+      ++next;
+      continue;
+    }
+    if (mayChange && request.room == Room::kUsual) awaitReturn();
+    failSoon(id, unreachable(failure, socket_));
+    next = waiting_.erase(next);
+    hasFailed = true;
+  }
+  if (hasFailed) isKnownAbsent_ = isAbsent;
+  if (!waiting_.empty()) connectLater(isAbsent ? kReconnectInterval : kProbeInterval);
+}
+
+void JobHostClient::answered(RequestId id, Room room, MessageResult result) {
+  --(room == Room::kUsual ? usualUnderWay_ : longUnderWay_);
+  const bool hasEnded = !result && result.error().name == kNSInvalidSendPortException;
+  // Keep the connection until it reports its death: other requests may still be completed.
+  if (hasEnded && !connectTimer_) connectLater(kReconnectInterval);
+  sendWaiting();
   const auto found = requests_.find(id);
   if (found == requests_.end()) return;  // Its limit() has completed it.
   const Request& request = found->second;
   if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
-  const bool hasEnded = result.error().name == kNSInvalidSendPortException;
-  // Keep the connection until it reports its death: other requests may still be completed.
   if (hasEnded && !(request.wasRepeated && loop_.now() >= request.deadline)) return repeat(id);
+  if (room == Room::kUsual && hasEnded) awaitReturn();
+  if (room == Room::kUsual && result.error().name == kNSPortTimeoutException) pingAsync();
   complete(id, std::unexpected(unanswered(result.error(), socket_, request.timeout)));
 }
 
+// Tells a slow host from one that hangs.
+void JobHostClient::pingAsync() {
+  if (isPinging_ || isHung_ || !connection_) return;
+  isPinging_ = true;
+  connection_->callAsync(kMayChangeJobsMessage, {}, kPingTimeOut,
+                         [this](const MessageResult& answer) {
+                           isPinging_ = false;
+                           if (answer || answer.error().name != kNSPortTimeoutException) return;
+                           noteHung();
+                           pingUntilAnswered();
+                           awaitReturn();
+                         });
+}
+
+// With the next host.
 void JobHostClient::repeat(RequestId id) {
   Request& request = requests_.at(id);
   if (!request.wasRepeated) request.deadline = loop_.now() + kRestartTimeOut;
   request.wasRepeated = true;
-  retryLater(id, kReconnectInterval);
+  waiting_.insert(id);
+  if (!connectTimer_) connectLater(kReconnectInterval);
+}
+
+void JobHostClient::failSoon(RequestId id, Error error) {
+  requests_.at(id).limitTimer = loop_.startTimer(
+      Duration::zero(), RunLoop::Repeat::kOnce,
+      [this, id, error = std::move(error)] { complete(id, std::unexpected(error)); });
 }
 
 void JobHostClient::complete(RequestId id, Result<Answer> answer) {
   auto done = requests_.extract(id);
+  waiting_.erase(id);
   done.mapped().completion(std::move(answer));  // The completion may destroy this.
 }
 

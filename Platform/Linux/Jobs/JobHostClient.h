@@ -1,11 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <expected>
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -68,9 +70,6 @@ class JobHostClient {
 
   RunLoop& loop() const { return loop_; }
 
-  // Whether the host was found hung and has not answered since.
-  bool isHung() const { return isHung_; }
-
   // Makes the next call wait for an absent host again.
   void waitAgain() { isKnownAbsent_ = false; }
 
@@ -82,14 +81,23 @@ class JobHostClient {
 
   using Completion = std::move_only_function<void(Result<Answer>)>;
 
+  // Requests that may wait long at the host, as removals do, leave room for the usual ones. Each
+  // kind has so many requests under way; further ones wait for their turn.
+  enum class Room { kUsual, kLong };
+  static constexpr std::size_t kMaximumUsual = 64;
+  static constexpr std::size_t kMaximumLong = 48;
+
   // The same without blocking: the client tries to reach an absent host, and repeats the request if
   // the host ends, while the loop goes on. Only connecting blocks, for kProbeTimeOut at most. The
   // completion runs once, on the loop and never from inside this call. It does not run if this is
-  // destroyed before. On an existing connection the host gets the request before those of later
-  // calls.
+  // destroyed before. A usual request without an answer makes the client ping the host, too.
+  //
+  // The host gets the requests in their order, each at once if it is connected. Only a usual one
+  // may overtake long ones that wait for their turn.
   RequestId callAsync(std::string_view selector, const Array& arguments, Duration timeout,
-                      Completion completion);
-  // Gives a request of callAsync() only this long from now on. Does nothing if it is completed.
+                      Completion completion, Room room = Room::kUsual);
+  // Gives a request of callAsync() only this long from now on. Does nothing if it is completed, or
+  // about to fail.
   void limit(RequestId id, Duration timeout);
 
  private:
@@ -101,10 +109,10 @@ class JobHostClient {
     Array arguments;
     Duration timeout{};
     Completion completion;
+    Room room;
     Instant deadline;  // for connecting to a host
     bool wasRepeated = false;
-    std::unique_ptr<RunLoopHandle> retryTimer;  // null while the host has the request
-    std::unique_ptr<RunLoopHandle> limitTimer;  // null without a limit()
+    std::unique_ptr<RunLoopHandle> limitTimer;  // of limit(), or of failSoon()
   };
 
   std::expected<void, PeerConnectFailure> connectOnce(Duration timeout = kConnectTimeOut);
@@ -118,10 +126,17 @@ class JobHostClient {
   void probeForReturnLater();
   void probeForReturn();
   void hostReturned();
-  void retryLater(RequestId id, Duration delay);
-  void ask(RequestId id);
-  void answered(RequestId id, MessageResult result);
+  void pingUntilAnswered();
+  void sendWaiting();
+  bool hasRoomFor(const Request& request) const;
+  void send(RequestId id);
+  void connectLater(Duration delay);
+  void connectForWaiting();
+  void couldNotConnect(const PeerConnectFailure& failure);
+  void answered(RequestId id, Room room, MessageResult result);
+  void pingAsync();
   void repeat(RequestId id);
+  void failSoon(RequestId id, Error error);
   void complete(RequestId id, Result<Answer> answer);
 
   PeerTransport& transport_;
@@ -138,6 +153,11 @@ class JobHostClient {
   bool isReturnAwaited_ = false;  // a call has failed, and `onReturn_` is to be called
   std::unique_ptr<RunLoopHandle> nextProbe_;
   std::map<RequestId, Request> requests_;
+  std::set<RequestId> waiting_;  // those that no host has
+  std::size_t usualUnderWay_ = 0;
+  std::size_t longUnderWay_ = 0;
+  bool isPinging_ = false;                       // after a request that was not answered in time
+  std::unique_ptr<RunLoopHandle> connectTimer_;  // nothing is sent before it fires
   RequestId lastRequest_ = 0;
 };
 

@@ -4,6 +4,8 @@
 #include <cassert>
 #include <chrono>
 #include <csignal>
+#include <iterator>
+#include <memory>
 #include <utility>
 
 namespace platform {
@@ -11,7 +13,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The time for which a client waits for an absent host, and the interval of its retries.
+// The time for which a client waits for an answer, and for an absent host, and the interval of its
+// retries.
+constexpr Duration kAnswerTimeOut = 30s;
 constexpr Duration kRestartTimeOut = 5s;
 constexpr Duration kRetryInterval = 50ms;
 
@@ -102,7 +106,7 @@ void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
   end(ended, status);
   if (ended.removing) {
     jobs_.erase(std::string(label));
-    return serveRemovals();
+    return serveRequests();
   }
   if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
 }
@@ -133,8 +137,8 @@ void FakeJobs::setReachable(bool reachable) {
   reachable_ = reachable;
   isObserved_ = false;
   if (!reachable) {
-    for (PendingRemoval& removal : removals_) removal.giveUpAt = loop_.now() + kRestartTimeOut;
-    return loop_.scheduleOutsideEvent(kRestartTimeOut, [this] { serveRemovals(); });
+    for (Request& request : requests_) giveUpLater(request);
+    return;
   }
   for (auto& [label, history] : histories_) {
     history = JobHistory();
@@ -145,7 +149,16 @@ void FakeJobs::setReachable(bool reachable) {
   for (const auto& [label, job] : jobs_) {
     if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
   }
-  serveRemovals();
+  isKnownAbsent_ = false;
+  serveRequests();
+}
+
+void FakeJobs::setHung(bool hung) {
+  isHung_ = hung;
+  if (hung) {
+    for (Request& request : requests_) giveUpLater(request);
+  }
+  serveRequests();
 }
 
 std::vector<std::string> FakeJobs::labels() const {
@@ -281,38 +294,98 @@ void FakeJobs::killLater(const std::string& label, const Job& job) {
   });
 }
 
+void FakeJobs::submitJob(std::string_view domain, const Value& job, const AuthorizationRef*,
+                         Submitted submitted) {
+  const auto call = std::make_shared<Submitted>(std::move(submitted));
+  const std::string label = job["Label"].string() ? *job["Label"].string() : "";
+  take({.giveUpAt = {},
+        .serve =
+            [this, domain = std::string(domain), job, label, call] {
+              if (find(label) && find(label)->removing) return false;
+              answerLater(call, SMJobSubmit(domain, job, nullptr));
+              return true;
+            },
+        .fail =
+            [this, call](NSError error) {
+              answerLater(call, std::expected<void, NSError>(std::unexpected(std::move(error))));
+            }});
+}
+
+void FakeJobs::copyJob(std::string_view domain, std::string_view label, Copied copied) {
+  ++copies_;
+  const auto call = std::make_shared<Copied>(std::move(copied));
+  take({.giveUpAt = {},
+        .serve =
+            [this, domain = std::string(domain), label = std::string(label), call] {
+              Value answer = copy(domain, label);
+              if (const auto hook = std::exchange(onCopied_, {})) hook();
+              answerLater(call, std::move(answer));
+              return true;
+            },
+        .fail = [this, call](const NSError&) { answerLater(call, Value(Dictionary())); }});
+}
+
 void FakeJobs::removeJob(std::string_view domain, std::string_view label, const AuthorizationRef*,
                          Removed removed) {
-  removals_.push_back({std::string(domain), std::string(label), std::move(removed), false,
-                       loop_.now() + kRestartTimeOut});
-  if (!reachable_) loop_.scheduleOutsideEvent(kRestartTimeOut, [this] { serveRemovals(); });
-  serveRemovals();
+  const auto call = std::make_shared<Removed>(std::move(removed));
+  take({.giveUpAt = {},
+        .serve =
+            [this, domain = std::string(domain), label = std::string(label), call,
+             hasBegun = false]() mutable {
+              if (!std::exchange(hasBegun, true)) {
+                if (auto begun = SMJobRemove(domain, label, nullptr, false); !begun) {
+                  answerLater(call, std::move(begun));
+                  return true;
+                }
+              }
+              if (find(label) && find(label)->removing) return false;
+              answerLater(call, std::expected<void, NSError>());
+              return true;
+            },
+        .fail =
+            [this, call](NSError error) {
+              answerLater(call, std::expected<void, NSError>(std::unexpected(std::move(error))));
+            }});
 }
 
-void FakeJobs::serveRemovals() {
-  std::erase_if(removals_, [this](PendingRemoval& removal) { return serveRemoval(removal); });
+void FakeJobs::take(Request request) {
+  requests_.push_back(std::move(request));
+  if (!reachable_ || isHung_) giveUpLater(requests_.back());
+  serveRequests();
 }
 
-// Whether the removal is completed.
-bool FakeJobs::serveRemoval(PendingRemoval& removal) {
-  if (!reachable_ && removal.domain == kSMDomainSystemLaunchd) {
-    if (loop_.now() < removal.giveUpAt) return false;
-    return complete(removal, failure(LaunchdError::kUnavailable, "the job host can't be reached"));
-  }
-  if (!std::exchange(removal.hasBegun, true)) {
-    if (auto begun = SMJobRemove(removal.domain, removal.label, nullptr, false); !begun) {
-      return complete(removal, std::move(begun));
+void FakeJobs::giveUpLater(Request& request) {
+  Duration time = isHung_ ? kAnswerTimeOut : kRestartTimeOut;
+  if (!reachable_ && isKnownAbsent_) time = Duration::zero();
+  request.giveUpAt = loop_.now() + time;
+  loop_.scheduleOutsideEvent(time, [this] { serveRequests(); });
+}
+
+// In their order. A hook of a test may change the host meanwhile.
+void FakeJobs::serveRequests() {
+  if (std::exchange(isServing_, true)) return;
+  for (auto request = requests_.begin(); request != requests_.end();) {
+    const bool isAnswering = reachable_ && !isHung_;
+    const bool isGivenUp = !isAnswering && loop_.now() >= request->giveUpAt;
+    if (isGivenUp) {
+      isKnownAbsent_ = !reachable_;
+      request->fail(
+          reachable_ ? NSError{kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kInternal),
+                               "the job host did not answer"}
+                     : NSError{kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kUnavailable),
+                               "the job host can't be reached"});
     }
+    const bool isDone = isGivenUp || (isAnswering && request->serve());
+    request = isDone ? requests_.erase(request) : std::next(request);
   }
-  const Job* const job = find(removal.label);
-  return (!job || !job->removing) && complete(removal, {});
+  isServing_ = false;
 }
 
-bool FakeJobs::complete(PendingRemoval& removal, std::expected<void, NSError> outcome) {
-  loop_.post([removed = std::move(removal.removed), outcome = std::move(outcome)]() mutable {
-    removed(std::move(outcome));
+template <class Call, class Answer>
+void FakeJobs::answerLater(Call call, Answer answer) {
+  loop_.post([call = std::move(call), answer = std::move(answer)]() mutable {
+    (*call)(std::move(answer));
   });
-  return true;
 }
 
 void FakeJobs::awaitRemoval(std::string_view label) {

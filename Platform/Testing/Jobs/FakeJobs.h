@@ -54,6 +54,10 @@ class FakeJobs final : public Jobs {
   // at 0.
   void setReachable(bool reachable);
 
+  // The host takes the requests of the calls that do not block, and answers none before it goes on.
+  // Such a request fails half a minute later. The other calls must not be used meanwhile.
+  void setHung(bool hung);
+
   // Whether the host accepts changes from this caller and lets it read.
   void setCallerAllowed(bool allowed) { callerAllowed_ = allowed; }
 
@@ -70,6 +74,9 @@ class FakeJobs final : public Jobs {
                                            const AuthorizationRef* authorization,
                                            bool wait) override;
   Value SMJobCopyDictionary(std::string_view domain, std::string_view label) override;
+  void submitJob(std::string_view domain, const Value& job, const AuthorizationRef* authorization,
+                 Submitted submitted) override;
+  void copyJob(std::string_view domain, std::string_view label, Copied copied) override;
   void removeJob(std::string_view domain, std::string_view label,
                  const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override {
@@ -96,13 +103,11 @@ class FakeJobs final : public Jobs {
     JobHistory* history = nullptr;  // never null
   };
 
-  // A removal that does not block.
-  struct PendingRemoval {
-    std::string domain;
-    std::string label;
-    Removed removed;
-    bool hasBegun = false;  // the host has the request
-    Instant giveUpAt;       // while there is no host
+  // A call that does not block, until it is answered.
+  struct Request {
+    Instant giveUpAt;
+    std::function<bool()> serve;  // by the host; whether the request is answered
+    std::function<void(NSError)> fail;
   };
 
   std::expected<void, NSError> submit(std::string_view domain, const Value& job);
@@ -118,9 +123,11 @@ class FakeJobs final : public Jobs {
   void end(Job& job, ExitStatus status);
   void awaitRemoval(std::string_view label);
   void killLater(const std::string& label, const Job& job);
-  void serveRemovals();
-  bool serveRemoval(PendingRemoval& removal);
-  bool complete(PendingRemoval& removal, std::expected<void, NSError> outcome);
+  void take(Request request);
+  void giveUpLater(Request& request);
+  void serveRequests();
+  template <class Call, class Answer>
+  void answerLater(Call call, Answer answer);
 
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
@@ -128,12 +135,14 @@ class FakeJobs final : public Jobs {
   std::map<std::string, JobHistory> histories_;                  // also of labels without a job
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label
-  std::list<PendingRemoval> removals_;
+  std::list<Request> requests_;
+  bool isServing_ = false;
   std::function<void()> onSubmitted_;
   std::function<void()> onCopied_;
   int copies_ = 0;
   JobStartObservers startObservers_;
   bool reachable_ = true;
+  bool isHung_ = false;
   bool isObserved_ = true;  // the observers have reached the present host
   bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;

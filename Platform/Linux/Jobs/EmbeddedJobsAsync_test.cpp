@@ -1,0 +1,154 @@
+#include <expected>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Jobs/EmbeddedJobs_fixture.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Each;
+using testing::ElementsAre;
+
+// Submissions and copies without blocking.
+
+class AsynchronousCallsTest : public EmbeddedJobsTest {
+ protected:
+  using Submission = std::optional<std::expected<void, NSError>>;
+
+  std::shared_ptr<Submission> startSubmission() {
+    auto submitted = std::make_shared<Submission>();
+    jobs_.submitJob(kSMDomainSystemLaunchd, job_, nullptr,
+                    [submitted](auto outcome) { *submitted = std::move(outcome); });
+    EXPECT_FALSE(*submitted);
+    return submitted;
+  }
+  void startCopies(int number) {
+    for (int i = 0; i < number; ++i) {
+      jobs_.copyJob(kSMDomainSystemLaunchd, kLabel,
+                    [this](Value copy) { copies_.push_back(std::move(copy)); });
+    }
+  }
+  void answerKept() {
+    for (const PeerMessage& message : std::exchange(kept_, {})) {
+      EXPECT_TRUE(message.reply->answer(job_));
+    }
+    loop_.runReady();
+  }
+
+  std::vector<Value> copies_;
+};
+
+TEST_F(AsynchronousCallsTest, AHungHostFailsOneRequestLateAndTheNextOnesAtOnce) {
+  startHost(keeping());
+  const auto first = startSubmission();
+  loop_.advanceBy(30s);
+  ASSERT_TRUE(*first);
+  expectError(**first, LaunchdError::kInternal, "did not answer within 30 s");
+  loop_.advanceBy(JobHostClient::kPingTimeOut);
+  const auto second = startSubmission();
+  startCopies(1);
+  loop_.runReady();
+  ASSERT_TRUE(*second);
+  expectError(**second, LaunchdError::kInternal, "does not answer");
+  EXPECT_THAT(copies_, ElementsAre(Value(Dictionary())));
+  // The submission that failed at once is not among them.
+  EXPECT_THAT(host_->asked,
+              ElementsAre("submitJob:", kMayChangeJobsMessage, kMayChangeJobsMessage));
+  answerKept();
+  startCopies(1);
+  loop_.runReady();
+  EXPECT_EQ(kept_.size(), 1u);
+}
+
+TEST_F(AsynchronousCallsTest, ASlowHostStillGetsRequests) {
+  startHost([this](PeerMessage message) {
+    if (message.selector != kSubmitJobMessage) return answering(job_)(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  const auto submitted = startSubmission();
+  loop_.advanceBy(32s);
+  EXPECT_TRUE(*submitted);
+  startCopies(1);
+  loop_.runReady();
+  EXPECT_THAT(copies_, ElementsAre(job_));
+}
+
+TEST_F(AsynchronousCallsTest, TheHostHasABoundedNumberOfRequests) {
+  startHost(keeping());
+  startCopies(200);
+  loop_.runReady();
+  EXPECT_EQ(kept_.size(), JobHostClient::kMaximumUsual);
+  for (int i = 0; i < 4; ++i) answerKept();
+  EXPECT_EQ(copies_.size(), 200u);
+  EXPECT_THAT(copies_, Each(job_));
+}
+
+TEST_F(AsynchronousCallsTest, AHungHostFailsTheRequestsThatWaitForTheirTurn) {
+  startHost(keeping());
+  startCopies(1000);
+  loop_.advanceBy(30s + JobHostClient::kPingTimeOut + 30s);
+  EXPECT_EQ(copies_.size(), 1000u);
+  EXPECT_THAT(copies_, Each(Value(Dictionary())));
+}
+
+TEST_F(AsynchronousCallsTest, RemovalsThatWaitLeaveRoom) {
+  startHost([this](PeerMessage message) {
+    if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+    kept_.push_back(std::move(message));
+  });
+  int removed = 0;
+  for (int i = 0; i < 100; ++i) {
+    jobs_.removeJob(kSMDomainSystemLaunchd, kLabel, nullptr, [&](const auto&) { ++removed; });
+  }
+  loop_.runReady();
+  EXPECT_EQ(kept_.size(), JobHostClient::kMaximumLong);
+  startCopies(1);
+  loop_.runReady();
+  EXPECT_THAT(copies_, ElementsAre(job_));
+  for (int i = 0; i < 3; ++i) answerKept();
+  EXPECT_EQ(removed, 100);
+}
+
+TEST_F(AsynchronousCallsTest, TheNextHostGetsTheRequestsInTheirOrder) {
+  startHost(keeping());
+  const auto submitted = startSubmission();
+  startCopies(1);
+  loop_.runReady();
+  host_->die();
+  startCopies(1);
+  startHost(answering(Value()));
+  loop_.advanceBy(100ms);
+  ASSERT_TRUE(*submitted);
+  EXPECT_TRUE(**submitted);
+  EXPECT_THAT(host_->asked, ElementsAre("submitJob:", "copyJob:", "copyJob:"));
+}
+
+TEST_F(AsynchronousCallsTest, AnAbsentHostFailsTheNextRequestsAtOnce) {
+  const auto first = startSubmission();
+  loop_.advanceBy(5s - 1ns);
+  EXPECT_FALSE(*first);
+  loop_.advanceBy(51ms);
+  ASSERT_TRUE(*first);
+  expectError(**first, LaunchdError::kUnavailable, "can't be reached");
+  startCopies(1);
+  loop_.runReady();
+  EXPECT_THAT(copies_, ElementsAre(Value(Dictionary())));
+}
+
+TEST_F(AsynchronousCallsTest, AFailedRequestAwaitsTheReturnOfTheHost) {
+  int returns = 0;
+  client_.setReturnHandler([&] { ++returns; });
+  startSubmission();
+  loop_.advanceBy(1min);
+  EXPECT_EQ(returns, 0);
+  startHost(answering(Value(true)));
+  loop_.advanceBy(2s);
+  EXPECT_EQ(returns, 1);
+}
+
+}  // namespace
+}  // namespace platform
