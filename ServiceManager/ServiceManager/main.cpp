@@ -1,10 +1,12 @@
 // The service manager daemon. It has no options: Service.plist in its bundle lists the services,
 // and etc/vantor/platform.plist of the platform root describes the system.
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +32,7 @@
 #include "Platform/Linux/KernelExtensions/LinuxKernelControls.h"
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/Logging/LogAtEnd.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/RunLoops/LoopThread.h"
@@ -63,7 +66,7 @@ void askSettingsOnThisThread(platform::LinuxPlatform& linux, const platform::Lis
                            ask);
 }
 
-// How long the program waits for each of its workers at its end. A server or an extension that
+// How long the program waits for its workers at its end. A server or an extension that
 // hangs must not hold it up.
 constexpr std::chrono::milliseconds kWorkersEnd{500};
 
@@ -216,6 +219,19 @@ class OperatorClients {
   platform::LinuxKernelExtensions extensions_;
 };
 
+// Whether all threads have ended in time.
+bool endTogether(std::initializer_list<platform::LoopThread*> threads,
+                 const platform::RunLoop& loop) {
+  for (platform::LoopThread* thread : threads) thread->askToStop();
+  const platform::Instant deadline = loop.now() + kWorkersEnd;
+  bool haveEnded = true;
+  for (platform::LoopThread* thread : threads) {
+    const platform::Duration left = std::max(deadline - loop.now(), platform::Duration::zero());
+    haveEnded = thread->stopWithin(left) && haveEnded;
+  }
+  return haveEnded;
+}
+
 int fail(const platform::Error& error) {
   std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
   return EXIT_FAILURE;
@@ -315,9 +331,9 @@ int main(int argc, char** argv) {
                                                  classes};
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
-  const bool haveEnded = (*settingsThread)->stopWithin(kWorkersEnd) &&
-                         (*extensionThread)->stopWithin(kWorkersEnd) &&
-                         (*operatorThread)->stopWithin(kWorkersEnd);
-  if (!haveEnded) std::exit(status);  // Without the destructors, which would wait.
+  // Destructors would wait for a worker that hangs.
+  if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()}, loop)) {
+    platform::endProgramNow(status);
+  }
   return status;
 }

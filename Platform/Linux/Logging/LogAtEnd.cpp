@@ -7,6 +7,8 @@
 #include <ctime>
 #include <vector>
 
+#include <unistd.h>
+
 namespace platform {
 namespace {
 
@@ -61,5 +63,10 @@ LogAtEnd::LogAtEnd(std::shared_ptr<const LogProgress> progress) {
 }
 
 LogAtEnd::~LogAtEnd() { logAtEnd.store(nullptr, std::memory_order_release); }
+
+void endProgramNow(int status) {
+  awaitLog();
+  ::_exit(status);
+}
 
 }  // namespace platform

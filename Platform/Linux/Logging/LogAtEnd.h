@@ -20,4 +20,9 @@ class LogAtEnd {
   ~LogAtEnd();
 };
 
+// Ends the program at once, without destructors and the functions that exit() calls: threads that
+// go on may be using what these destroy. Before, it waits until the buffered messages are written,
+// as a LogAtEnd does.
+[[noreturn]] void endProgramNow(int status);
+
 }  // namespace platform

@@ -72,6 +72,12 @@ TEST_F(LogAtEndTest, ACrashWritesWhatIsBuffered) {
   EXPECT_THAT(contentOfFile(path_), EndsWith("> 1999\n"));
 }
 
+TEST_F(LogAtEndTest, AnEndOfTheProgramWritesWhatIsBuffered) {
+  const int status = run([] { endProgramNow(5); });
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 5) << status;
+  EXPECT_THAT(contentOfFile(path_), EndsWith("> 1999\n"));
+}
+
 TEST_F(LogAtEndTest, AnExitWithoutDestructorsWritesWhatIsBuffered) {
   // The test program's own functions for the exit do not belong to this.
   const int status = run([] { std::exit(5); });

@@ -12,8 +12,12 @@ Result<std::unique_ptr<LoopThread>> LoopThread::create() {
 
 LoopThread::~LoopThread() {
   if (!thread_.joinable()) return;
-  loop_->post([this] { loop_->stop(); });
+  askToStop();
   thread_.join();
+}
+
+void LoopThread::askToStop() {
+  loop_->post([this] { loop_->stop(); });
 }
 
 void LoopThread::run(std::function<void()> atEnd) {
@@ -26,7 +30,7 @@ void LoopThread::run(std::function<void()> atEnd) {
 
 bool LoopThread::stopWithin(Duration limit) {
   if (!thread_.joinable()) return true;
-  loop_->post([this] { loop_->stop(); });
+  askToStop();
   if (ended_.get_future().wait_for(limit) != std::future_status::ready) return false;
   thread_.join();
   return true;

@@ -27,8 +27,10 @@ class LoopThread {
   AsioRunLoop& loop() { return *loop_; }
   // `atEnd` is called on the thread when the loop has been stopped.
   void run(std::function<void()> atEnd = [] {});
-  // Lets the callbacks run that have been posted before, and ends the thread. False if this takes
-  // longer: the thread goes on then, and the program can only leave it behind by exit().
+  // Lets the callbacks run that have been posted before, and ends the thread. Does not wait.
+  void askToStop();
+  // The same, and waits. False if this takes longer: the thread goes on then, and the program can
+  // only leave it behind (endProgramNow() in Logging/LogAtEnd.h).
   [[nodiscard]] bool stopWithin(Duration limit);
 
  private:

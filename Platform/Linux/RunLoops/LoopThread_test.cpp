@@ -59,6 +59,19 @@ TEST(LoopThreadTest, OneThatIsBusyIsNotWaitedFor) {
   mayEnd.set_value();
 }
 
+TEST(LoopThreadTest, SeveralEndAtTheSameTime) {
+  auto first = LoopThread::create();
+  auto second = LoopThread::create();
+  ASSERT_TRUE(first && second);
+  std::promise<void> secondHasEnded;
+  (*first)->loop().post([ended = secondHasEnded.get_future()]() mutable { ended.wait(); });
+  (*first)->run();
+  (*second)->run([&] { secondHasEnded.set_value(); });
+  for (LoopThread* thread : {first->get(), second->get()}) thread->askToStop();
+  EXPECT_TRUE((*first)->stopWithin(std::chrono::minutes(1)));
+  EXPECT_TRUE((*second)->stopWithin(std::chrono::minutes(1)));
+}
+
 TEST(LoopThreadTest, OneThatNeverRanEndsToo) { EXPECT_TRUE(LoopThread::create()); }
 
 }  // namespace
