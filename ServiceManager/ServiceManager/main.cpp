@@ -246,6 +246,8 @@ int main(int argc, char** argv) {
   // The process holds the secret of this run.
   if (auto forbidden = platform::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
   platform::RunLoop& loop = *linux.runLoop;
+  // The last descriptors are for the operator, for watching and for the job host.
+  linux.peerTransport.leaveDescriptorReserve();
   const std::string& root = linux.configuration.root;
   const platform::ListenerPlaces places(linux.configuration);
   const auto signatures =

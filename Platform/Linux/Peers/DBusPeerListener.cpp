@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
@@ -25,9 +26,9 @@ UniqueFd openReserve() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXE
 
 Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
     AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
-    const PeerListenerOptions& options, NewLink onLink) {
-  std::unique_ptr<DBusPeerListener> listener(
-      new DBusPeerListener(loop, std::move(server), std::move(name), options, std::move(onLink)));
+    const PeerListenerOptions& options, bool leavesReserve, NewLink onLink) {
+  std::unique_ptr<DBusPeerListener> listener(new DBusPeerListener(
+      loop, std::move(server), std::move(name), options, leavesReserve, std::move(onLink)));
   listener->reserve_ = openReserve();
   if (!listener->reserve_) {
     return std::unexpected(systemError("a listener's reserve", ErrorCode::kExhausted));
@@ -53,9 +54,11 @@ Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
 
 DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server,
                                    std::optional<SocketName> name,
-                                   const PeerListenerOptions& options, NewLink onLink)
+                                   const PeerListenerOptions& options, bool leavesReserve,
+                                   NewLink onLink)
     : loop_(loop),
       options_(options),
+      leavesReserve_(leavesReserve),
       onLink_(std::make_shared<const NewLink>(std::move(onLink))),
       name_(std::move(name)),
       server_(std::move(server)),
@@ -69,6 +72,10 @@ DBusPeerListener::~DBusPeerListener() {
 
 // If this returns without keeping the connection, libdbus closes it.
 void DBusPeerListener::accepted(DBusConnection* connection) {
+  int socket = -1;
+  const bool isKnown = dbus_connection_get_socket(connection, &socket) != 0;
+  // As if there were no descriptor.
+  if (leavesReserve_ && isKnown && isOfDescriptorReserve(socket)) return;
   acceptedOne_ = true;
   auto created = DBusPeerLink::create(loop_, UniqueDBusConnection(dbus_connection_ref(connection)),
                                       options_.whileWaiting, options_.contents);

@@ -22,12 +22,13 @@ class DBusPeerListener final : public PeerListener {
  public:
   using NewLink = std::function<void(std::shared_ptr<DBusPeerLink>)>;
 
-  // `name` is set if the socket has a name that we must remove.
+  // `name` is set if the socket has a name that we must remove. `leavesReserve` as in
+  // DBusPeerTransport::leaveDescriptorReserve().
   static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
                                                           UniqueDBusServer server,
                                                           std::optional<SocketName> name,
                                                           const PeerListenerOptions& options,
-                                                          NewLink onLink);
+                                                          bool leavesReserve, NewLink onLink);
 
   DBusPeerListener(const DBusPeerListener&) = delete;
   DBusPeerListener& operator=(const DBusPeerListener&) = delete;
@@ -35,7 +36,7 @@ class DBusPeerListener final : public PeerListener {
 
  private:
   DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
-                   const PeerListenerOptions& options, NewLink onLink);
+                   const PeerListenerOptions& options, bool leavesReserve, NewLink onLink);
 
   void accepted(DBusConnection* connection);
   void handOn(DBusPeerLink* link);
@@ -44,6 +45,7 @@ class DBusPeerListener final : public PeerListener {
 
   AsioRunLoop& loop_;
   const PeerListenerOptions options_;
+  const bool leavesReserve_;
   // Shared with its own running call, which may destroy this.
   std::shared_ptr<const NewLink> onLink_;
   std::optional<SocketName> name_;

@@ -135,7 +135,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
                                                                 NewConnection onConnection) {
   if (auto passed = passed_.extract(path); !passed.empty()) {
     return DBusPeerListener::create(loop_, UniqueDBusServer(passed.mapped().release()),
-                                    std::nullopt, options, wrapping(std::move(onConnection)));
+                                    std::nullopt, options, leavesReserve_,
+                                    wrapping(std::move(onConnection)));
   }
   UniqueDBusServer server;
   auto name = SocketName::take(path, permissionOf(options), [&](const std::string& bindPath) {
@@ -146,7 +147,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
   });
   if (!name) return std::unexpected(std::move(name.error()));
   return DBusPeerListener::create(loop_, std::move(server), std::move(*name), options,
-                                  wrapping(std::move(onConnection)));
+                                  leavesReserve_, wrapping(std::move(onConnection)));
 }
 
 Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
@@ -163,9 +164,9 @@ Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
         return Result<void>();
       });
   if (!made) return std::unexpected(std::move(made.error()));
-  auto listener = DBusPeerListener::create(loop_, std::move(server),
-                                           SocketName::nameless(std::move(made->bindFolder)),
-                                           options, wrapping(std::move(onConnection)));
+  auto listener = DBusPeerListener::create(
+      loop_, std::move(server), SocketName::nameless(std::move(made->bindFolder)), options,
+      leavesReserve_, wrapping(std::move(onConnection)));
   if (!listener) return std::unexpected(std::move(listener.error()));
   return Anonymous{std::move(*listener), std::move(made->endpoint)};
 }
@@ -185,7 +186,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listenOn(
   ::unsetenv("LISTEN_PID");
   ::unsetenv("LISTEN_FDS");
   if (!server) return std::unexpected(std::move(server.error()));
-  return DBusPeerListener::create(loop_, std::move(*server), std::nullopt, options,
+  return DBusPeerListener::create(loop_, std::move(*server), std::nullopt, options, leavesReserve_,
                                   wrapping(std::move(onConnection)));
 }
 

@@ -16,6 +16,10 @@ class DBusPeerTransport final : public PeerTransport {
   // none.
   explicit DBusPeerTransport(AsioRunLoop& loop, std::string endpointFolder = {});
 
+  // From now on new listeners refuse a connection that would take one of the last descriptors
+  // (isOfDescriptorReserve()).
+  void leaveDescriptorReserve() { leavesReserve_ = true; }
+
   Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
                                                const PeerListenerOptions& options,
                                                NewConnection onConnection) override;
@@ -38,6 +42,7 @@ class DBusPeerTransport final : public PeerTransport {
  private:
   AsioRunLoop& loop_;
   const std::string endpointFolder_;
+  bool leavesReserve_ = false;
   std::map<std::string, PassedServer> passed_;  // by path
 };
 

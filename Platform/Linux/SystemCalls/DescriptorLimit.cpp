@@ -1,5 +1,7 @@
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 
+#include <algorithm>
+
 #include <sys/resource.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -23,6 +25,12 @@ std::uint64_t softDescriptorLimit() {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for the calling process.
   return limit.rlim_cur;
+}
+
+bool isOfDescriptorReserve(int opened) {
+  const std::uint64_t limit = softDescriptorLimit();
+  const std::uint64_t reserve = std::min(kDescriptorReserve, limit / 4);
+  return static_cast<std::uint64_t>(opened) >= limit - reserve;
 }
 
 }  // namespace platform

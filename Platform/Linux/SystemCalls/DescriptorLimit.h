@@ -14,4 +14,10 @@ Result<std::uint64_t> raiseDescriptorLimit();
 // The soft limit of open descriptors.
 std::uint64_t softDescriptorLimit();
 
+// Whether a descriptor that was just opened is one of the last kDescriptorReserve, or of the last
+// quarter if the limit is low. The system gives out the lowest number that is free, so few
+// descriptors are left then.
+inline constexpr std::uint64_t kDescriptorReserve = 64;
+bool isOfDescriptorReserve(int opened);
+
 }  // namespace platform

@@ -25,5 +25,22 @@ TEST(DescriptorLimitTest, RaisesTheSoftLimitAndReturnsItsOldValue) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &original), 0);
 }
 
+TEST(DescriptorLimitTest, TheLastDescriptorsAreTheReserve) {
+  rlimit original{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
+  struct Row {
+    rlim_t limit;
+    int first;  // of the reserve
+  };
+  for (const Row& row : {Row{1000, 936}, Row{256, 192}, Row{100, 75}}) {
+    rlimit low = original;
+    low.rlim_cur = row.limit;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    EXPECT_FALSE(isOfDescriptorReserve(row.first - 1)) << row.limit;
+    EXPECT_TRUE(isOfDescriptorReserve(row.first)) << row.limit;
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &original), 0);
+}
+
 }  // namespace
 }  // namespace platform
