@@ -15,6 +15,7 @@
 #include "Platform/Linux/Logging/BufferedLogSink.h"
 #include "Platform/Linux/Logging/LogAtEnd.h"
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/Peers/MemoryRelief.h"
 #include "Platform/Linux/Peers/PassedSocket.h"
 #include "Platform/Linux/Processes/LinuxTasks.h"
 #include "Platform/Linux/Processes/PidfdExitWatcher.h"
@@ -66,7 +67,10 @@ struct LinuxPlatform {
   LinuxTasks tasks;
   PidfdExitWatcher exitWatcher{*runLoop};
   AsioTerminationSignals terminationSignals{*runLoop};
-  DBusPeerTransport peerTransport{*runLoop};
+  // All transports of the program share these accounts.
+  const std::shared_ptr<PeerAccounts> peerAccounts = DBusPeerTransport::makeAccounts();
+  MemoryRelief memoryRelief{*runLoop, *peerAccounts};
+  DBusPeerTransport peerTransport{*runLoop, peerAccounts};
   // Its destructor waits for lines on their way to the log, so it is destroyed first.
   AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBackground};
 

@@ -46,8 +46,23 @@ inline constexpr std::size_t kPeerPlaces = 64;
 inline constexpr std::size_t kReservedPeerPlaces = 8;
 inline constexpr Duration kPeerAdmissionTime = std::chrono::seconds(5);
 
-// The connections of one listener that a user other than root and our own may have: each may have
-// one message queued and one being read.
+// The connections of one listener that a user other than root and our own may have.
 inline constexpr std::size_t kMaxPeerConnectionsPerUser = 256;
+
+// The limits of one user other than root and our own over the whole process, and those of all such
+// users together; see PeerAccounts.h.
+inline constexpr std::size_t kMaxPeerConnectionsOfUser = 128;
+inline constexpr std::size_t kMaxPeerConnectionsOfAllUsers = 256;
+inline constexpr std::size_t kMaxPeerBytesOfUser = 4 * 1024 * 1024;
+inline constexpr std::size_t kMaxPeerBytesOfAllUsers = 8 * 1024 * 1024;
+inline constexpr std::size_t kMaxPeerCallsOfUser = 512;
+inline constexpr std::size_t kMaxPeerCallsOfAllUsers = 1024;
+
+// The time in which a message must arrive whole.
+inline constexpr Duration kPeerMessageTime = std::chrono::seconds(10);
+
+// The messages of a peer that are read although earlier ones wait to be delivered. A message of a
+// hundred bytes takes ten times as much memory, so others stay in the socket.
+inline constexpr std::size_t kPeerMessagesReadAhead = 16;
 
 }  // namespace platform

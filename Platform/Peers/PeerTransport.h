@@ -144,6 +144,7 @@ struct PeerListenerOptions {
   std::function<void(const PeerCredentials&)> excluded = {};
   WhileWaiting whileWaiting = WhileWaiting::kServeNothing;
   Duration admissionTime = kPeerAdmissionTime;
+  Duration messageTime = kPeerMessageTime;
   // Root and our own user have no limit.
   std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   PeerMessageContents contents = PeerMessageContents::kValues;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/XPC/WaitingMessages.h"
 #include "Platform/XPC/XPC.h"
 
 namespace platform {
@@ -173,8 +174,8 @@ void NSXPCConnection::listenToPeer() {
 }
 
 void NSXPCConnection::arrived(PeerMessage message) {
-  const WaitingMessages::Cost cost = WaitingMessages::costOf(message.arguments);
-  auto place = xpc_.waiting_->take(effectiveUserIdentifier_, cost);
+  const PeerCost cost = costOfWaiting(message.arguments);
+  auto place = xpc_.environment_.accounts->take(effectiveUserIdentifier_, cost);
   if (waitingMessages_ >= kMaxWaitingMessages || waitingBytes_ + cost.bytes > kMaxWaitingBytes ||
       !place) {
     xpc_.logFailure("Process " + std::to_string(processIdentifier_) +
@@ -211,7 +212,7 @@ NSXPCConnection* NSXPCConnection::currentConnection() { return currentlyServed; 
 
 bool NSXPCConnection::isInvalid() const { return invalid_ || xpc_.isEnding_; }
 
-bool NSXPCConnection::mayLog() const { return xpc_.userLines_->mayWrite(effectiveUserIdentifier_); }
+bool NSXPCConnection::mayLog() const { return xpc_.mayLog(effectiveUserIdentifier_); }
 
 // The block is put at the end of the queue, which gives its thread to other queues after a number
 // of blocks, as AsioSerialQueues.h says. Messages that the queue runs before it find the connection

@@ -58,7 +58,7 @@ class NSXPCExportedObject {
 class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnection> {
  public:
   // The limits of the peer's messages that wait to be served, in number and in bytes: one largest
-  // message and others behind it. WaitingMessages limits all connections of one user together.
+  // message and others behind it. PeerAccounts limits all connections of one user together.
   static constexpr std::size_t kMaxWaitingMessages = kMaxPeerCallsAwaitingReply;
   static constexpr std::size_t kMaxWaitingBytes = kMaxPeerMemoryFileBytes + kMaxPeerMessageBytes;
 

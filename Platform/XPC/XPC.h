@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,12 +16,12 @@
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Logging/UserLines.h"
 #include "Platform/Peers/ListenerPlace.h"
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/RunLoops/SerialQueue.h"
 #include "Platform/XPC/NSXPCConnection.h"
 #include "Platform/XPC/NSXPCListener.h"
-#include "Platform/XPC/WaitingMessages.h"
 
 namespace platform {
 
@@ -48,6 +49,8 @@ class XPC {
     std::function<ListenerPlace(std::string_view machService)> place;
     // The users who may connect to a listener without a name, if they have its endpoint.
     PeerAudience endpointClients = {};
+    // The process's, shared with the transport; messages that wait to be served take from them.
+    std::shared_ptr<PeerAccounts> accounts;
     // The limit for each listener; see PeerListenerOptions.
     std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   };
@@ -58,6 +61,10 @@ class XPC {
   // been served. Then blocks until running requests have been served. Do not destroy it on the
   // loop's thread; the loop may have stopped by then.
   ~XPC();
+
+  // Whether the log may have another line about what the user asks, by XPC or otherwise. If not, it
+  // is counted; see UserLines.h.
+  bool mayLog(std::uint32_t user) { return userLines_->mayWrite(user); }
 
   // initWithMachServiceName: of the listener, and anonymousListener.
   std::shared_ptr<NSXPCListener> makeListener(std::string machService);
@@ -85,8 +92,6 @@ class XPC {
   const std::shared_ptr<UserLines> userLines_;  // shared with its pending post
   std::atomic<std::thread::id> loopThread_;
   std::atomic<bool> isEnding_ = false;
-  // Shared with the waiting messages.
-  const std::shared_ptr<WaitingMessages> waiting_ = std::make_shared<WaitingMessages>();
   // Used only on the loop. Accepted connections live until they end.
   std::set<std::shared_ptr<NSXPCConnection>> accepted_;
 

@@ -38,7 +38,7 @@ class FakeXPCHarness final : public XPCHarness {
   SystemLog log_{sink_, "test"};
   FakePeerNetwork network_{loop_};
   std::optional<FakeXPC> here_{std::in_place, network_, PeerCredentials{100, 501, 20}, log_};
-  std::optional<FakeXPC> there_{std::in_place, network_, PeerCredentials{200, 0, 0}, log_};
+  std::optional<FakeXPC> there_{std::in_place, network_, PeerCredentials{200, 501, 20}, log_};
 };
 
 std::unique_ptr<XPCHarness> makeHarness() { return std::make_unique<FakeXPCHarness>(); }
@@ -73,7 +73,7 @@ TEST_P(XPCContract, AConnectionThatWaitsForAnEndedListenerIsRejected) {
 
 TEST_P(XPCContract, TheBytesThatWaitToBeServedAreLimited) {
   constexpr std::size_t kFirst = std::size_t{12} << 20;
-  const std::size_t none = WaitingMessages::costOf({Value("")}).bytes;
+  const std::size_t none = costOfWaiting({Value("")}).bytes;
   const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - none, 'x')); };
   listen();
   for (const std::size_t excess : {std::size_t{0}, std::size_t{1}}) {
@@ -142,6 +142,7 @@ class ConnectionsOfOneUser : public testing::Test {
                   return ListenerPlace("/mach/" + std::string(name), audience_, {});
                 },
             .endpointClients = audience_,
+            .accounts = std::make_shared<PeerAccounts>(0, PeerAccounts::limitsFor(1024)),
             .connectionsPerUser = kMost}};
   const std::shared_ptr<Welcoming> delegate_ = std::make_shared<Welcoming>();
   std::vector<std::shared_ptr<NSXPCConnection>> connections_;

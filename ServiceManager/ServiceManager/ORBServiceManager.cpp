@@ -42,6 +42,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                  .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
+      userClients_([this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
       turns_(platform_.runLoop,
              [this] {
                noticeUnreadyServices();

@@ -133,13 +133,17 @@ void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::s
   logRequest(ASL_LEVEL_DEBUG,
              stringWithFormat("Send a registration request notification for '%@'.", name));
   {
+    const std::uint32_t user = askingUser();
     const std::lock_guard lock(mutex_);
-    if (std::ranges::find(wantedNames_, name) != wantedNames_.end()) return;
-    if (wantedNames_.size() == kMaxWantedNames) {
+    if (std::ranges::find(wantedNames_, name, &WantedName::name) != wantedNames_.end()) return;
+    const auto ofUser =
+        static_cast<std::size_t>(std::ranges::count(wantedNames_, user, &WantedName::user));
+    if (wantedNames_.size() == kMaxWantedNames ||
+        (!isPrivileged(user) && ofUser == kMaxWantedNamesOfUser)) {
       ++leftOut_;
       return;
     }
-    wantedNames_.push_back(name);
+    wantedNames_.push_back({name, user});
     if (wantedNames_.size() > 1) return;  // The post of the first one serves all.
   }
   mainLoop_.post([handler = weak_from_this()] {
@@ -148,16 +152,20 @@ void ORBServiceManagerXPCHandler::sendNotificationToRegisterForName(const std::s
 }
 
 void ORBServiceManagerXPCHandler::askForWantedNames() {
-  std::vector<std::string> names;
+  std::vector<WantedName> wanted;
   std::size_t leftOut = 0;
   {
     const std::lock_guard lock(mutex_);
-    names.swap(wantedNames_);
-    std::swap(leftOut, leftOut_);
+    wanted.swap(wantedNames_);
+    const Instant now = mainLoop_.now();
+    if (leftOut_ > 0 && (!toldLeftOut_ || now - *toldLeftOut_ >= kLeftOutInterval)) {
+      toldLeftOut_ = now;
+      std::swap(leftOut, leftOut_);
+    }
   }
-  for (const std::string& name : names) {
+  for (const WantedName& one : wanted) {
     distributedCenter_.postNotificationName(kEndpointRequestNotification, std::nullopt,
-                                            Dictionary{{kEndpointRequestName, name}},
+                                            Dictionary{{kEndpointRequestName, one.name}},
                                             NSNotificationPosting::kPostToAllSessions);
   }
   if (leftOut == 0) return;

@@ -44,6 +44,10 @@ class ORBServiceManagerXPCHandler final
   static constexpr std::size_t kMaxNameBytes = 1024;
   // The unknown names whose owners may wait to be asked. The bus takes them all at once.
   static constexpr std::size_t kMaxWantedNames = 256;
+  // The part of them that one user other than root and our own may have asked for.
+  static constexpr std::size_t kMaxWantedNamesOfUser = 64;
+  // Names that had no room are told at most once in this time.
+  static constexpr platform::Duration kLeftOutInterval = std::chrono::minutes(1);
 
   // Shared with all other holders of the same endpoint; null if there is none.
   using Endpoint = std::shared_ptr<const platform::NSXPCListenerEndpoint>;
@@ -118,6 +122,11 @@ class ORBServiceManagerXPCHandler final
   mutable std::mutex mutex_;
   std::map<std::string, Entry> endpointListeners_;
   std::optional<platform::Instant> searched_;
-  std::vector<std::string> wantedNames_;  // in the order of their lookups
-  std::size_t leftOut_ = 0;               // names that had no room
+  struct WantedName {
+    std::string name;
+    std::uint32_t user = 0;
+  };
+  std::vector<WantedName> wantedNames_;  // in the order of their lookups
+  std::size_t leftOut_ = 0;              // names that had no room
+  std::optional<platform::Instant> toldLeftOut_;
 };

@@ -33,7 +33,7 @@ bool isDisconnected(const std::shared_ptr<const NSProxy>& client) {
 
 void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client) {
   if (!client) return;
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Will register a user interface client remote proxy");
+  logRegistration(client, "Will register a user interface client remote proxy");
   // Clients that have ended since the last notice must not keep others out until the next notice.
   if (registrations_.size() == kMaxUserClients)
     std::erase_if(registrations_, [](const auto& entry) { return isDisconnected(entry->client); });
@@ -41,15 +41,23 @@ void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client)
     const NSException tooMany{kNSInvalidArgumentException,
                               stringWithFormat("there are %zu clients", registrations_.size()),
                               {}};
-    vantorlogger2_line(
-        ASL_LEVEL_DEBUG,
+    logRegistration(
+        client,
         stringWithFormat("Unable to register user interface client remote proxy: Exception: %@",
                          tooMany));
     return;
   }
   registrations_.push_back(
-      std::make_shared<Registration>(Registration{std::move(client), endOfNotices(), false}));
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Did register a user interface client remote proxy");
+      std::make_shared<Registration>(Registration{client, endOfNotices(), false}));
+  logRegistration(client, "Did register a user interface client remote proxy");
+}
+
+// A client may register again and again.
+void UserInterfaceClients::logRegistration(const std::shared_ptr<const NSProxy>& client,
+                                           std::string_view line) const {
+  const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
+  const PeerConnection* const peer = distant ? distant->connectionForProxy()->peer() : nullptr;
+  if (!peer || mayLog_(peer->peer().user)) vantorlogger2_line(ASL_LEVEL_DEBUG, line);
 }
 
 void UserInterfaceClients::notifyClientsOfService(Label label, std::int64_t withJobStatusChange,

@@ -3,7 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Messages/NSProxy.h"
@@ -25,7 +28,10 @@ class UserInterfaceClients {
   // kept once for all clients.
   static constexpr std::size_t kMaxWaitingNotices = 4096;
 
-  UserInterfaceClients() = default;
+  // `mayLog` tells whether a request of the user may have another line.
+  using MayLog = std::function<bool(std::uint32_t user)>;
+  explicit UserInterfaceClients(MayLog mayLog = [](std::uint32_t) { return true; })
+      : mayLog_(std::move(mayLog)) {}
   UserInterfaceClients(const UserInterfaceClients&) = delete;
   UserInterfaceClients& operator=(const UserInterfaceClients&) = delete;
 
@@ -50,6 +56,8 @@ class UserInterfaceClients {
     bool isRemoved = false;
   };
 
+  void logRegistration(const std::shared_ptr<const platform::NSProxy>& client,
+                       std::string_view line) const;
   void sendNotices();
   bool isBehind(const Registration& registration) const;
   void sendNext(Registration& registration);
@@ -59,6 +67,7 @@ class UserInterfaceClients {
   void forgetSentNotices();
   std::uint64_t endOfNotices() const { return firstNotice_ + notices_.size(); }
 
+  const MayLog mayLog_;
   // Shared with sendNotices(), during which others may be removed.
   std::vector<std::shared_ptr<Registration>> registrations_;
   // The notices that have not been sent to all, and the number of the first one.

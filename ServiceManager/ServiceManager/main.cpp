@@ -59,7 +59,7 @@ void askSettingsOnThisThread(platform::LinuxPlatform& linux, const platform::Lis
                              const std::function<void(const SettingsClientFactories&)>& ask) {
   const auto loop = platform::AsioRunLoop::create();
   if (!loop) return;
-  platform::DBusPeerTransport transport(**loop);
+  platform::DBusPeerTransport transport(**loop, linux.peerAccounts);
   const auto placeOfName = [&](std::string_view name) { return places.connection(name); };
   withSettingsOfThisThread(SettingsThread{**loop, transport, linux.systemLog, placeOfName,
                                           protocols, linux.systemInformation},
@@ -101,7 +101,7 @@ class SettingsClientsWorker {
   struct Parts {
     Parts(platform::AsioRunLoop& loop, platform::LinuxPlatform& linux,
           const platform::ListenerPlaces& places, const platform::ProtocolTable& protocols)
-        : transport(loop),
+        : transport(loop, linux.peerAccounts),
           connections(loop, transport, center, linux.systemLog,
                       [&places](std::string_view name) { return places.connection(name); }),
           distributedCenter(platform::makeBusNotificationCenter(
@@ -129,7 +129,7 @@ class ExtensionWorker {
                   platform::CodeSignatures& signatures)
       : thread_(thread),
         root_(linux.configuration.root),
-        transport_(thread.loop()),
+        transport_(thread.loop(), linux.peerAccounts),
         host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
         jobs_(host_),
         controls_(root_),
@@ -275,7 +275,8 @@ int main(int argc, char** argv) {
   addGlobalSettingsProtocol(protocols);
   // This comes after everything that requests use, also the protocols: its threads serve requests
   // until it ends.
-  const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket));
+  const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket),
+                                            linux.peerAccounts);
   if (!xpc) return fail(xpc.error());
 
   // All that waits for an extension does so on a thread of its own, with a connection of its own.

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <sys/ioctl.h>
 
 namespace platform {
 
@@ -24,6 +25,11 @@ unsigned wantedOf(const std::vector<DBusWatch*>& watches) {
 bool isOpenAtTheOtherEnd(Descriptor socket) {
   pollfd entry{socket, POLLRDHUP, 0};
   return ::poll(&entry, 1, 0) == 0;
+}
+
+bool hasUnreadBytes(Descriptor socket) {
+  int bytes = 0;
+  return ::ioctl(socket, FIONREAD, &bytes) == 0 && bytes > 0;
 }
 
 std::unexpected<Error> noRoom() {
@@ -123,12 +129,12 @@ DBusSources::Handled DBusSources::handleWithin(Duration limit) {
 }
 
 void DBusSources::pause() {
-  paused_ = true;
+  if (std::exchange(paused_, true)) return;
   for (const auto& entry : entries_) entry->readable.reset();
 }
 
 void DBusSources::resume() {
-  paused_ = false;
+  if (!std::exchange(paused_, false)) return;
   for (const auto& entry : entries_) arm(*entry);
 }
 
@@ -261,6 +267,9 @@ void DBusSources::handle(Descriptor descriptor, unsigned flags) {
   const Entry* entry = find(descriptor);
   if (entry == nullptr) return;
   const std::vector<DBusWatch*> watches = entry->watches;
+  // A blocking call may have read what made the descriptor readable.
+  unsigned done = flags;
+  if (connection_ != nullptr && !hasUnreadBytes(descriptor)) done &= ~unsigned{DBUS_WATCH_READABLE};
   for (DBusWatch* watch : watches) {
     // Each call may end the connection, and with it destroy any watch, entry and this object.
     if (shared->owner == nullptr) return;
@@ -269,7 +278,7 @@ void DBusSources::handle(Descriptor descriptor, unsigned flags) {
     const unsigned wanted = flags & dbus_watch_get_flags(watch);
     if (wanted != 0 && dbus_watch_get_enabled(watch)) dbus_watch_handle(watch, wanted);
   }
-  if (shared->owner != nullptr && shared->callbacks.handled) shared->callbacks.handled();
+  if (shared->owner != nullptr && shared->callbacks.handled) shared->callbacks.handled(done);
 }
 
 bool DBusSources::armTimeout(DBusTimeout* timeout) {

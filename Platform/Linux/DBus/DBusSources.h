@@ -36,8 +36,10 @@ class DBusSources {
     // The peer has closed its end. Called with Urgency::kConnectionDeath; messages that the peer
     // sent before may still be unread. May destroy the sources. Optional.
     std::function<void()> peerEnded;
-    // A descriptor was handled. Servers learn from it that accepting may have failed. Optional.
-    std::function<void()> handled;
+    // A descriptor was handled, with these flags of DBusWatchFlags; a connection's was readable
+    // only if there were bytes to read. Servers learn from it that accepting may have failed. May
+    // destroy the sources. Optional.
+    std::function<void(unsigned flags)> handled;
   };
 
   // Fails with kExhausted if there is no room to watch the descriptor.
@@ -57,7 +59,7 @@ class DBusSources {
   enum class Handled { kSome, kTimedOut, kNothingToWaitFor };
   Handled handleWithin(Duration limit);
 
-  // Stops watching descriptors for reading, and resumes.
+  // Stops watching descriptors for reading, and resumes. Both may be called again.
   void pause();
   void resume();
 

@@ -132,7 +132,7 @@ Result<EncodedMessage> encodeException(std::uint32_t serial, const NSException& 
 // A message's body, taken from its memory file where it has one.
 class Body {
  public:
-  static Result<Body> of(DBusMessage* message) {
+  static Result<Body> of(DBusMessage* message, std::size_t fileLimit) {
     if (!dbus_message_has_signature(message, kMemoryFileSignature)) return Body(message, nullptr);
     int descriptor = -1;
     dbus_uint64_t size = 0;
@@ -141,7 +141,7 @@ class Body {
       return invalid("a memory file without a descriptor");
     }
     const UniqueFd file(descriptor);
-    const auto content = readSealedFile(file.get(), kMaxPeerMemoryFileBytes);
+    const auto content = readSealedFile(file.get(), fileLimit);
     if (!content) return std::unexpected(content.error());
     if (content->size() != size) return invalid("a memory file of another size than said");
     DBusErrorText error;
@@ -162,8 +162,9 @@ class Body {
   UniqueDBusMessage inner_;
 };
 
-Result<Array> readValues(DBusMessage* message, PeerMessageContents contents) {
-  auto body = Body::of(message);
+Result<Array> readValues(DBusMessage* message, PeerMessageContents contents,
+                         std::size_t fileLimit) {
+  auto body = Body::of(message, fileLimit);
   if (!body) return std::unexpected(std::move(body.error()));
   Array values;
   DBusMessageIter iterator;
@@ -234,7 +235,8 @@ bool wantsAnswer(DBusMessage* message) {
          !dbus_message_get_no_reply(message);
 }
 
-Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents contents) {
+Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents contents,
+                                  std::size_t fileLimit) {
   const char* interface = dbus_message_get_interface(message);
   if (interface != nullptr && std::strcmp(interface, kPeerInterface) != 0) {
     return invalid("the interface " + std::string(interface) + " instead of " + kPeerInterface);
@@ -245,7 +247,7 @@ Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents cont
   decoded.selector = member;
   if (decoded.selector.contains(':')) return invalid("a member with a colon");
   std::ranges::replace(decoded.selector, '_', ':');
-  auto arguments = readValues(message, contents);
+  auto arguments = readValues(message, contents, fileLimit);
   if (!arguments) {
     arguments.error().context.insert(0, "\"" + decoded.selector + "\": ");
     return std::unexpected(std::move(arguments.error()));
@@ -257,8 +259,9 @@ Result<PeerMessage> decodeMessage(DBusMessage* message, PeerMessageContents cont
   return decoded;
 }
 
-MessageResult decodeAnswer(DBusMessage* message, PeerMessageContents contents) {
-  const auto values = readValues(message, contents);
+MessageResult decodeAnswer(DBusMessage* message, PeerMessageContents contents,
+                           std::size_t fileLimit) {
+  const auto values = readValues(message, contents, fileLimit);
   if (!values) return unreadable(values.error());
   if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_ERROR) {
     return std::unexpected(exceptionOf(message, *values));

@@ -48,11 +48,13 @@ Result<EncodedMessage> encodeAnswer(std::uint32_t serial, const MessageResult& r
 
 bool wantsAnswer(DBusMessage* message);
 
-// Decodes a method call or a signal, without the reply object.
+// Decodes a method call or a signal, without the reply object. A larger memory file is refused.
 Result<PeerMessage> decodeMessage(DBusMessage* message,
-                                  PeerMessageContents contents = PeerMessageContents::kValues);
+                                  PeerMessageContents contents = PeerMessageContents::kValues,
+                                  std::size_t fileLimit = kMaxPeerMemoryFileBytes);
 // Decodes a method return or an error. A malformed one gives an NSInvalidArgumentException of ours.
 MessageResult decodeAnswer(DBusMessage* message,
-                           PeerMessageContents contents = PeerMessageContents::kValues);
+                           PeerMessageContents contents = PeerMessageContents::kValues,
+                           std::size_t fileLimit = kMaxPeerMemoryFileBytes);
 
 }  // namespace platform

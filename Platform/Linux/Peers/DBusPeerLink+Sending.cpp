@@ -57,6 +57,7 @@ MessageResult DBusPeerLink::call(std::string_view selector, const Array& argumen
   MessageResult result = awaitAnswer(*serial, deadline, whileWaiting_);
   outstanding_.erase(*serial);
   if (!ended_ && !inbox_.empty()) sources_->scheduleDispatch();
+  limitReading();
   return result;
 }
 
@@ -66,7 +67,7 @@ MessageResult DBusPeerLink::awaitAnswer(std::uint32_t serial, Instant deadline,
     if (!ended_) collect();
     const auto found = outstanding_.find(serial);
     if (found != outstanding_.end() && found->second.answer) {
-      return decodeAnswer(found->second.answer.get(), contents_);
+      return decodeAnswer(found->second.answer.get(), contents_, fileLimit());
     }
     if (ended_ || closed_) return raisedGone();
     if (loop_.now() >= deadline) return raisedNoAnswer();
@@ -186,9 +187,12 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_unix_fds(connection_.get()));
   if (message.descriptors > 0 && unsent + message.descriptors > kMaxPeerDescriptors) return false;
-  if (message.fileBytes == 0) return true;
   // libdbus does not count the files, and the socket has room for hundreds of descriptors.
-  return unreadFiles_.bytes(unread == 0) + message.fileBytes <= kMaxPeerMemoryFileBytes;
+  if (message.fileBytes > 0 &&
+      unreadFiles_.bytes(unread == 0) + message.fileBytes > kMaxPeerMemoryFileBytes) {
+    return false;
+  }
+  return account(message.wireBytes + message.fileBytes);
 }
 
 Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
@@ -207,6 +211,7 @@ Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory to send a message"});
   }
   unreadFiles_.sent(message.fileBytes, isWritten());
+  account();
   return serial;
 }
 

@@ -78,7 +78,7 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
   auto sources = DBusSources::attach(loop, link->connection_.get(),
                                      {.dispatch = [self] { self->dispatch(); },
                                       .peerEnded = [self] { self->die(); },
-                                      .handled = {}});
+                                      .handled = [self](unsigned flags) { self->handled(flags); }});
   if (!sources) return std::unexpected(std::move(sources.error()));
   link->sources_ = std::move(*sources);
   return link;
@@ -154,12 +154,6 @@ bool DBusPeerLink::peerLives() const {
   return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
 }
 
-void DBusPeerLink::admit() {
-  lease_.place.reset();
-  lease_.admissionTimer.reset();
-  if (!ended_) allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
-}
-
 void DBusPeerLink::setHandlers(PeerHandlers handlers) {
   handlers_ = std::make_shared<PeerHandlers>(std::move(handlers));
   if (!finished_ || !deathToReport_) return;
@@ -180,12 +174,14 @@ void DBusPeerLink::dispatch() {
   if (!authenticated_ && !isConnected()) return die();
   if (!authenticated_) return;
   collect();
+  limitReading();
   if (inbox_.empty() && !dbus_connection_get_is_connected(connection_.get())) {
     return scheduleDeath(sources_->wasGivenUp()
                              ? Error{ErrorCode::kInvalid, 0, "the peer has broken the protocol"}
                              : Error{ErrorCode::kNotFound, 0, "the peer has ended"});
   }
   deliverOne();
+  limitReading();
   const bool goesOn = !ended_ && (!inbox_.empty() || !isConnected());
   if (goesOn) sources_->scheduleDispatch();
 }
@@ -246,7 +242,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
     if (twoWay) std::ignore = answer(serial, Value());
     return;
   }
-  auto decoded = decodeMessage(message.get(), contents_);
+  auto decoded = decodeMessage(message.get(), contents_, fileLimit());
   message.reset();  // Its bytes no longer count as unread.
   const auto handlers = handlers_;
   std::string problem;
@@ -254,7 +250,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
     problem = describe(decoded.error());
   } else if (!handlers->message) {
     problem = "This side takes no messages.";
-  } else if (twoWay && answersOwed_ >= kMaxPeerCallsAwaitingReply) {
+  } else if (twoWay && (answersOwed_ >= kMaxPeerCallsAwaitingReply || !account(0, 1))) {
     problem = "Too many calls await their answer.";
   }
   if (!problem.empty()) {
@@ -271,7 +267,7 @@ void DBusPeerLink::deliverRequest(UniqueDBusMessage message) {
 void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
   auto answered = outstanding_.extract(dbus_message_get_reply_serial(message.get()));
   if (answered.empty()) return;
-  const MessageResult result = decodeAnswer(message.get(), contents_);
+  const MessageResult result = decodeAnswer(message.get(), contents_, fileLimit());
   message.reset();
   answered.mapped().completion(result);
 }
@@ -279,6 +275,11 @@ void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
 void DBusPeerLink::releaseAnswer() {
   --answersOwed_;
   if (ended_ && answersOwed_ == 0) lease_.held.reset();
+  if (ended_) {
+    endAccount();
+  } else {
+    account();
+  }
 }
 
 void DBusPeerLink::close() {
@@ -304,6 +305,7 @@ void DBusPeerLink::dropConnection() {
   lease_.place.reset();
   lease_.admissionTimer.reset();
   if (answersOwed_ == 0) lease_.held.reset();
+  endAccount();
   inbox_.clear();
   sources_.reset();
   if (connection_) dbus_connection_close(connection_.get());
@@ -333,6 +335,7 @@ void DBusPeerLink::die() {
 // False if there is nothing left.
 bool DBusPeerLink::deliverBeforeDeath() {
   for (;;) {
+    if (ended_) return false;
     if (authenticated_ && onAuthenticated_) {
       handOn();
       return true;

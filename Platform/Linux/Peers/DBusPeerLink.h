@@ -15,6 +15,7 @@
 #include "Platform/Linux/Peers/DBusMessages.h"
 #include "Platform/Linux/Peers/UnreadFiles.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/Values/Error.h"
@@ -33,7 +34,9 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   struct Lease {
     std::unique_ptr<PeerPlaces::Place> place;
     std::unique_ptr<PeerUserCounts::Held> held;
+    std::unique_ptr<PeerAccounts::Held> account;
     std::unique_ptr<RunLoopHandle> admissionTimer;
+    Duration messageTime = kPeerMessageTime;
   };
 
   static Result<std::shared_ptr<DBusPeerLink>> create(AsioRunLoop& loop,
@@ -88,6 +91,12 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   class Reply;
 
   void allowMessages(std::size_t bytes, std::size_t descriptors);
+  void handled(unsigned flags);
+  void messageIsLate();
+  bool account(std::size_t moreBytes = 0, std::size_t moreCalls = 0);
+  void endAccount();
+  void limitReading();
+  std::size_t fileLimit() const;
   void dispatch();
   void handOn();
   void collect();
@@ -126,11 +135,15 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   std::list<UniqueDBusMessage> inbox_;      // read, not yet delivered; libdbus limits their bytes
   std::map<std::uint32_t, Outstanding> outstanding_;
   std::size_t answersOwed_ = 0;
+  std::size_t unfinishedBytes_ = 0;  // of a message that is not whole, at most
+  std::unique_ptr<RunLoopHandle> messageTimer_;
   UnreadFiles unreadFiles_;
 
-  bool ended_ = false;     // nothing more is sent or read
-  bool finished_ = false;  // pending calls have failed, the death is known
-  bool closed_ = false;    // by its owner: no more callbacks
+  bool admitted_ = false;
+  bool readsMessages_ = false;  // it was authenticated at the last reading
+  bool ended_ = false;          // nothing more is sent or read
+  bool finished_ = false;       // pending calls have failed, the death is known
+  bool closed_ = false;         // by its owner: no more callbacks
   std::optional<Error> deathToReport_;
 };
 

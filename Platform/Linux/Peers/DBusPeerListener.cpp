@@ -25,10 +25,12 @@ UniqueFd openReserve() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXE
 }  // namespace
 
 Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
-    AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
-    const PeerListenerOptions& options, bool leavesReserve, NewLink onLink) {
-  std::unique_ptr<DBusPeerListener> listener(new DBusPeerListener(
-      loop, std::move(server), std::move(name), options, leavesReserve, std::move(onLink)));
+    AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts, UniqueDBusServer server,
+    std::optional<SocketName> name, const PeerListenerOptions& options, bool leavesReserve,
+    NewLink onLink) {
+  std::unique_ptr<DBusPeerListener> listener(
+      new DBusPeerListener(loop, std::move(accounts), std::move(server), std::move(name), options,
+                           leavesReserve, std::move(onLink)));
   listener->reserve_ = openReserve();
   if (!listener->reserve_) {
     return std::unexpected(systemError("a listener's reserve", ErrorCode::kExhausted));
@@ -44,19 +46,21 @@ Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
         static_cast<DBusPeerListener*>(data)->accepted(connection);
       },
       self, nullptr);
-  auto sources = DBusSources::attach(
-      loop, self->server_.get(),
-      {.dispatch = [] {}, .peerEnded = {}, .handled = [self] { self->afterAccepting(); }});
+  auto sources = DBusSources::attach(loop, self->server_.get(),
+                                     {.dispatch = [] {},
+                                      .peerEnded = {},
+                                      .handled = [self](unsigned) { self->afterAccepting(); }});
   if (!sources) return std::unexpected(std::move(sources.error()));
   self->sources_ = std::move(*sources);
   return listener;
 }
 
-DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server,
-                                   std::optional<SocketName> name,
+DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
+                                   UniqueDBusServer server, std::optional<SocketName> name,
                                    const PeerListenerOptions& options, bool leavesReserve,
                                    NewLink onLink)
     : loop_(loop),
+      accounts_(std::move(accounts)),
       options_(options),
       leavesReserve_(leavesReserve),
       onLink_(std::make_shared<const NewLink>(std::move(onLink))),
@@ -89,8 +93,11 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
   const std::size_t limit = places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
                                                         : options_.connectionsPerUser;
   DBusPeerLink::Lease lease;
+  lease.messageTime = options_.messageTime;
   lease.held = users_->hold(user, limit);
   if (!lease.held) return link->close();
+  lease.account = accounts_->take(user, {.connections = 1, .descriptors = 1});
+  if (!lease.account) return link->close();
   const auto refuse = [weak = std::weak_ptr(link)](const char* why) {
     if (const auto held = weak.lock()) held->refuse({ErrorCode::kDenied, 0, why});
   };

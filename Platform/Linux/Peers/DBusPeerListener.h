@@ -11,6 +11,7 @@
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/Values/Error.h"
@@ -24,18 +25,18 @@ class DBusPeerListener final : public PeerListener {
 
   // `name` is set if the socket has a name that we must remove. `leavesReserve` as in
   // DBusPeerTransport::leaveDescriptorReserve().
-  static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
-                                                          UniqueDBusServer server,
-                                                          std::optional<SocketName> name,
-                                                          const PeerListenerOptions& options,
-                                                          bool leavesReserve, NewLink onLink);
+  static Result<std::unique_ptr<DBusPeerListener>> create(
+      AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts, UniqueDBusServer server,
+      std::optional<SocketName> name, const PeerListenerOptions& options, bool leavesReserve,
+      NewLink onLink);
 
   DBusPeerListener(const DBusPeerListener&) = delete;
   DBusPeerListener& operator=(const DBusPeerListener&) = delete;
   ~DBusPeerListener() override;
 
  private:
-  DBusPeerListener(AsioRunLoop& loop, UniqueDBusServer server, std::optional<SocketName> name,
+  DBusPeerListener(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
+                   UniqueDBusServer server, std::optional<SocketName> name,
                    const PeerListenerOptions& options, bool leavesReserve, NewLink onLink);
 
   void accepted(DBusConnection* connection);
@@ -44,6 +45,7 @@ class DBusPeerListener final : public PeerListener {
   void rejectOne();
 
   AsioRunLoop& loop_;
+  const std::shared_ptr<PeerAccounts> accounts_;  // shared with all listeners of the process
   const PeerListenerOptions options_;
   const bool leavesReserve_;
   // Shared with its own running call, which may destroy this.

@@ -15,6 +15,7 @@
 #include "Platform/Linux/Sockets/SocketEndpoint.h"
 #include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/Sockets/SocketPeer.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/RunLoops/TimerQueue.h"
 
 namespace platform {
@@ -123,8 +124,17 @@ PeerConnectFailure failureOf(Error error) {
 
 }  // namespace
 
+std::shared_ptr<PeerAccounts> DBusPeerTransport::makeAccounts() {
+  return std::make_shared<PeerAccounts>(::geteuid(),
+                                        PeerAccounts::limitsFor(softDescriptorLimit()));
+}
+
 DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop, std::string endpointFolder)
-    : loop_(loop), endpointFolder_(std::move(endpointFolder)) {
+    : DBusPeerTransport(loop, makeAccounts(), std::move(endpointFolder)) {}
+
+DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
+                                     std::string endpointFolder)
+    : loop_(loop), accounts_(std::move(accounts)), endpointFolder_(std::move(endpointFolder)) {
   dbus_threads_init_default();
   // The program's signals are its own business; libdbus sends so that none is raised.
   dbus_connection_set_change_sigpipe(false);
@@ -134,7 +144,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
                                                                 const PeerListenerOptions& options,
                                                                 NewConnection onConnection) {
   if (auto passed = passed_.extract(path); !passed.empty()) {
-    return DBusPeerListener::create(loop_, UniqueDBusServer(passed.mapped().release()),
+    return DBusPeerListener::create(loop_, accounts_, UniqueDBusServer(passed.mapped().release()),
                                     std::nullopt, options, leavesReserve_,
                                     wrapping(std::move(onConnection)));
   }
@@ -146,7 +156,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
     return Result<void>();
   });
   if (!name) return std::unexpected(std::move(name.error()));
-  return DBusPeerListener::create(loop_, std::move(server), std::move(*name), options,
+  return DBusPeerListener::create(loop_, accounts_, std::move(server), std::move(*name), options,
                                   leavesReserve_, wrapping(std::move(onConnection)));
 }
 
@@ -165,8 +175,8 @@ Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
       });
   if (!made) return std::unexpected(std::move(made.error()));
   auto listener = DBusPeerListener::create(
-      loop_, std::move(server), SocketName::nameless(std::move(made->bindFolder)), options,
-      leavesReserve_, wrapping(std::move(onConnection)));
+      loop_, accounts_, std::move(server), SocketName::nameless(std::move(made->bindFolder)),
+      options, leavesReserve_, wrapping(std::move(onConnection)));
   if (!listener) return std::unexpected(std::move(listener.error()));
   return Anonymous{std::move(*listener), std::move(made->endpoint)};
 }
@@ -186,7 +196,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listenOn(
   ::unsetenv("LISTEN_PID");
   ::unsetenv("LISTEN_FDS");
   if (!server) return std::unexpected(std::move(server.error()));
-  return DBusPeerListener::create(loop_, std::move(*server), std::nullopt, options, leavesReserve_,
+  return DBusPeerListener::create(loop_, accounts_, std::move(*server), std::nullopt, options,
+                                  leavesReserve_,
                                   wrapping(std::move(onConnection)));
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include "Platform/Linux/Peers/PassedSocket.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerTransport.h"
 
 namespace platform {
@@ -13,8 +15,14 @@ namespace platform {
 class DBusPeerTransport final : public PeerTransport {
  public:
   // `endpointFolder` is where the sockets of anonymous listeners are bound; without it there are
-  // none.
+  // none. It has accounts of its own, for a program with one transport.
   explicit DBusPeerTransport(AsioRunLoop& loop, std::string endpointFolder = {});
+  // All transports of a process share the accounts.
+  DBusPeerTransport(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
+                    std::string endpointFolder = {});
+
+  // The accounts of a process that has this user and may open as many descriptors as now.
+  static std::shared_ptr<PeerAccounts> makeAccounts();
 
   // From now on new listeners refuse a connection that would take one of the last descriptors
   // (isOfDescriptorReserve()).
@@ -41,6 +49,7 @@ class DBusPeerTransport final : public PeerTransport {
 
  private:
   AsioRunLoop& loop_;
+  const std::shared_ptr<PeerAccounts> accounts_;
   const std::string endpointFolder_;
   bool leavesReserve_ = false;
   std::map<std::string, PassedServer> passed_;  // by path

@@ -12,14 +12,15 @@
 namespace platform {
 
 Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, ListenerPlaces places,
-                                                 std::optional<PassedSocket> passed) {
+                                                 std::optional<PassedSocket> passed,
+                                                 std::shared_ptr<PeerAccounts> accounts) {
   auto loop = AsioRunLoop::create();
   if (!loop) return std::unexpected(std::move(loop.error()));
   // The job host makes it, too, with its permissions. If it can't be made, only making a listener
   // without a name fails, which is logged.
   std::ignore = makeEndpointFolder(places.root());
-  return std::unique_ptr<LinuxXPC>(
-      new LinuxXPC(log, std::move(places), std::move(passed), std::move(*loop)));
+  return std::unique_ptr<LinuxXPC>(new LinuxXPC(log, std::move(places), std::move(passed),
+                                                std::move(accounts), std::move(*loop)));
 }
 
 std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
@@ -32,10 +33,10 @@ std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
 }
 
 LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
-                   std::unique_ptr<AsioRunLoop> loop)
+                   std::shared_ptr<PeerAccounts> accounts, std::unique_ptr<AsioRunLoop> loop)
     : places_(std::move(places)),
       loop_(std::move(loop)),
-      transport_(*loop_, endpointFolder(places_.root())) {
+      transport_(*loop_, accounts, endpointFolder(places_.root())) {
   if (passed) {
     transport_.adopt(places_.machService(passed->machService).path, std::move(passed->server));
   }
@@ -47,6 +48,7 @@ LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSo
       .makeQueues = [] { return std::make_unique<AsioSerialQueues>(kThreadsPerListener); },
       .place = [this](std::string_view name) { return places_.machService(name); },
       .endpointClients = places_.endpointClients(),
+      .accounts = std::move(accounts),
       .connectionsPerUser = connectionsPerUser(softDescriptorLimit())});
   thread_ = std::thread([this] { loop_->run(); });
   loopThread_ = thread_.get_id();

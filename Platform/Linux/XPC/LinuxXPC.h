@@ -28,9 +28,11 @@ class LinuxXPC {
   static constexpr std::size_t kThreadsPerListener = 2;
 
   // `places` says where the sockets of Mach services are; a passed socket is used as it is. The log
-  // outlives this. Fails with kExhausted if there are no descriptors.
-  static Result<std::unique_ptr<LinuxXPC>> make(SystemLog& log, ListenerPlaces places,
-                                                std::optional<PassedSocket> passed);
+  // outlives this. A program with other transports shares its accounts with them. Fails with
+  // kExhausted if there are no descriptors.
+  static Result<std::unique_ptr<LinuxXPC>> make(
+      SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
+      std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts());
 
   LinuxXPC(const LinuxXPC&) = delete;
   LinuxXPC& operator=(const LinuxXPC&) = delete;
@@ -47,7 +49,7 @@ class LinuxXPC {
 
  private:
   LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
-           std::unique_ptr<AsioRunLoop> loop);
+           std::shared_ptr<PeerAccounts> accounts, std::unique_ptr<AsioRunLoop> loop);
 
   // An action for which a thread waits.
   struct Awaited {

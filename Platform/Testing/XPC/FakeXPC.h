@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -27,7 +28,11 @@ struct FakeXPC {
                  [](std::string_view name) {
                    return ListenerPlace("/mach/" + std::string(name), PeerAudience::all(), {});
                  },
-             .endpointClients = PeerAudience::all()}) {}
+             .endpointClients = PeerAudience::all(),
+             .accounts = std::make_shared<PeerAccounts>(self.user,
+                                                        PeerAccounts::limitsFor(kDescriptors))}) {}
+
+  static constexpr std::uint64_t kDescriptors = 1024;
 
   FakePeerTransport transport;
   XPC xpc;

@@ -1,0 +1,162 @@
+// Other users who flood the daemon in all ways that are known. The figures are those that a flood
+// may cost: memory, time of the operator, lines of the log.
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "Tests/EndToEnd/ChildProgram.h"
+#include "Tests/EndToEnd/DaemonFixture.h"
+
+namespace platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Flood {
+  const char* way;
+  int users;
+};
+std::ostream& operator<<(std::ostream& out, const Flood& flood) {
+  return out << flood.way << " of " << flood.users;
+}
+
+constexpr int kFirstUser = 300'001;  // no machine has an account for it
+constexpr int kGroup = 65'534;
+
+class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Flood> {
+ protected:
+  static constexpr long kMaxGrowth = 32 * 1024;  // kibibytes
+  static constexpr long kMaxRest = 4 * 1024;
+  static constexpr std::size_t kMaxLines = 100;
+  // One answer in a hundred may take longer.
+  static constexpr Duration kMaxAnswerTime = 100ms;
+  static constexpr Duration kMaxSlowAnswerTime = 5s;  // on a busy machine
+
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can start programs of other users";
+    start(2);
+    letEverybodyIn();
+    for (int i = 0; i < 20; ++i) ask();  // So that everything has been used once.
+    client_.reset();
+    memory_ = memory();
+    most_ = memory_;
+    descriptors_ = descriptors();
+    lines_ = root_.logCount("\n");
+    processes_ = pids();
+  }
+
+  // Floods for this time while root asks, and checks what that has cost.
+  void flood(Duration time, bool checksAnswers) {
+    std::vector<Duration> times;
+    {
+      ChildProgram attackers(
+          {FLOOD_PROGRAM, root_.path(), GetParam().way, std::to_string(kFirstUser),
+           std::to_string(GetParam().users), std::to_string(kGroup)},
+          {});
+      ASSERT_EQ(attackers.nextLine(), "flooding");
+      const Instant end = root_.loop().now() + time;
+      while (root_.loop().now() < end) {
+        times.push_back(ask());
+        most_ = std::max(most_, memory());
+      }
+    }
+    std::ranges::sort(times);
+    const Duration slow = times.at(times.size() * 99 / 100);
+    RecordProperty("answers", static_cast<int>(times.size()));
+    RecordProperty("p99_us", static_cast<int>(slow / 1us));
+    RecordProperty("growth_KiB", static_cast<int>(most_ - memory_));
+    EXPECT_LT(slow, checksAnswers ? kMaxAnswerTime : kMaxSlowAnswerTime);
+    expectTheRestIsSmall();
+    EXPECT_LT(root_.logCount("\n") - lines_, kMaxLines);
+    expectNoneLostNoneDoubled(processes_);
+    EXPECT_EQ(root_.starts(), 1U);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(most_ - memory_, kMaxGrowth);
+#endif
+  }
+
+ private:
+  // Another user can reach the daemon's sockets from now on.
+  void letEverybodyIn() {
+    std::filesystem::permissions(root_.path(), std::filesystem::perms(0755));
+  }
+
+  // The time of an answer to root over a connection of its own.
+  Duration ask() {
+    const Instant begun = root_.loop().now();
+    UserInterfaceClient asking(root_, UserInterfaceClient::kOperatorServer);
+    EXPECT_TRUE(asking.ask("overview"));
+    return root_.loop().now() - begun;
+  }
+
+  std::string processFolder() {
+    return "/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon));
+  }
+  // The daemon's private memory in kibibytes.
+  long memory() {
+    std::ifstream file(processFolder() + "/status");
+    for (std::string name; file >> name;) {
+      long size = 0;
+      if (name == "RssAnon:" && file >> size) return size;
+    }
+    ADD_FAILURE() << "the daemon is gone";
+    return 0;
+  }
+  std::size_t descriptors() {
+    const std::filesystem::directory_iterator entries(processFolder() + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  }
+  // The daemon notices the end of its clients in a few turns, and gives memory back some time
+  // later.
+  void expectTheRestIsSmall() {
+    const auto ticks =
+        root_.loop().startTimer(50ms, RunLoop::Repeat::kEvery, [this] { root_.changed(); });
+    root_.await("the descriptors of the flood to be closed",
+                [this] { return descriptors() <= descriptors_ + names(); });
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    root_.await("the memory of the flood to be given back",
+                [this] { return memory() - memory_ < kMaxRest; });
+    RecordProperty("rest_KiB", static_cast<int>(memory() - memory_));
+#endif
+  }
+  // Names stay until there is no room for others, each with a descriptor.
+  std::size_t names() const { return GetParam().way == std::string("names") ? 768 : 0; }
+
+  long memory_ = 0;
+  long most_ = 0;
+  std::size_t descriptors_ = 0;
+  std::size_t lines_ = 0;
+  std::map<std::string, ProcessId> processes_;
+};
+
+class DaemonFlood : public FloodFixture {};
+TEST_P(DaemonFlood, CostsLittleAndPasses) { flood(1s, false); }
+
+class DaemonFloodLong : public FloodFixture {};
+TEST_P(DaemonFloodLong, CostsLittleAndPasses) { flood(30s, true); }
+
+std::string nameOf(const testing::TestParamInfo<Flood>& info) {
+  return std::string(info.param.way) + std::to_string(info.param.users);
+}
+
+constexpr Flood kFloods[] = {{"connections", 1},  {"connections", 17}, {"unfinished", 1},
+                             {"unfinished", 17},  {"oneway", 1},       {"oneway", 17},
+                             {"refused", 1},      {"refused", 17},     {"descriptors", 1},
+                             {"descriptors", 17}, {"names", 1},        {"names", 17}};
+INSTANTIATE_TEST_SUITE_P(, DaemonFlood, testing::ValuesIn(kFloods), nameOf);
+INSTANTIATE_TEST_SUITE_P(, DaemonFloodLong, testing::ValuesIn(kFloods), nameOf);
+
+}  // namespace
+}  // namespace platform
