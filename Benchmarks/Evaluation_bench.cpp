@@ -15,6 +15,7 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
+#include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
@@ -82,7 +83,8 @@ void serveJobs(const TemporaryFolder& root, int started) {
   const auto limit = raiseDescriptorLimit();
   const auto bootId = jobhost::readBootId();
   if (!limit || !bootId) return;
-  const auto processes = jobhost::LinuxProcesses::create(*program.loop, *limit);
+  const auto processes = jobhost::LinuxProcesses::create(*program.loop, *limit,
+                                                         jobhost::hostMark(root.path(), *bootId));
   if (!processes) return;
   jobhost::JobHostOptions options;
   options.root = root.path();

@@ -23,6 +23,7 @@
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
@@ -73,7 +74,7 @@ class Bed {
     auto loop = platform::AsioRunLoop::create();
     if (!limit || !loop) return;
     loop_ = std::move(*loop);
-    auto processes = LinuxProcesses::create(*loop_, *limit);
+    auto processes = LinuxProcesses::create(*loop_, *limit, hostMark(root_.path(), *readBootId()));
     if (!processes) return;
     processes_ = std::move(*processes);
     JobHostOptions options;

@@ -51,7 +51,7 @@ Bytes fileOfRecords(View input) {
     const std::size_t wanted = input[1] | static_cast<std::size_t>(input[2]) << 8;
     input = input.subspan(3);
     const View payload = input.first(std::min(wanted, input.size()));
-    const Bytes record = jobhost::makeRecord(kind, payload);
+    const Bytes record = jobhost::makeRecord(kind, payload, jobhost::bootMark(kBoot));
     file.insert(file.end(), record.begin(), record.end());
     input = input.subspan(payload.size());
   }

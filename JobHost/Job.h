@@ -21,7 +21,11 @@ struct Removal {
   std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
   // Requests for the same label that came during the removal, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
-  std::optional<platform::Instant> killAt;             // empty for never
+  std::optional<platform::Instant> killAt;  // empty for never
+  // Processes with the job's mark in sessions of their own, as the last search found them.
+  std::vector<std::unique_ptr<MarkedProcess>> descendants;
+  bool isSearching = false;  // its leader and its group have ended, and the next search decides
+  bool isKilling = false;    // the time-out is over
   std::unique_ptr<platform::RunLoopHandle> killTimer;  // then the one for a process that stays
 };
 
@@ -34,7 +38,8 @@ struct Job {
   platform::Duration exitTimeOut{};
   std::string machService;  // empty for none
   JobOrigin origin = JobOrigin::kSubmitted;
-  std::size_t cost = 0;  // counted against StateFile::kMaximumCost
+  bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
+  std::size_t cost = 0;           // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
   // The last start that is in the state file.
   StartFields lastStart;

@@ -17,9 +17,6 @@ using platform::Result;
 
 namespace {
 
-// How often a host without a state file tries to write one, in order to load its daemons.
-constexpr platform::Duration kStateRetryInterval = std::chrono::seconds(10);
-
 constexpr std::string_view kSubmittedMeanwhile = "a client has submitted the job";
 
 }  // namespace
@@ -50,7 +47,7 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
       skip(definition, "a client has removed the job, or put another in its place");
     } else if (!job || job->removal) {
       unknown.push_back(std::move(definition));
-    } else if (job->origin == JobOrigin::kSubmitted) {
+    } else if (job->origin == JobOrigin::kSubmitted && !job->isDefinitionLost) {
       skip(definition, kSubmittedMeanwhile);
     } else if (const auto refreshed = refresh(*job, definition); !refreshed) {
       log(platform::ASL_LEVEL_ERR, fmt::format("{}; the definition that it had stays",

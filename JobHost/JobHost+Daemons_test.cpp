@@ -117,6 +117,7 @@ TEST_F(JobHostDaemons, ANewBootLoadsEveryDaemonAgain) {
   startHost();
   removeDaemon();
   killHost();
+  processes_.hidesMarks = true;
   bootId_.front() = '2';
   startHost();
   EXPECT_THAT(host_->labels(), ElementsAre(kLabel, "com.example.b"));
@@ -141,7 +142,7 @@ TEST_F(JobHostDaemons, AHostKilledWhileStoppingLoadsItsDaemonsAgain) {
   killHost();
   processes_.end(101);
   startHost();
-  loop_.runReady();
+  loop_.advanceBy(10s);
   EXPECT_EQ(pid(kLabel), Value(102));
 }
 
@@ -243,6 +244,7 @@ TEST_F(JobHostDaemons, AClientsJobOfARemovedDaemonsLabelIsKept) {
   startHost();
   removeDaemon();
   ASSERT_TRUE(submit(job(kLabel)));
+  loop_.advanceBy(10s);
   for (int i = 0; i < 3; ++i) {
     restartHost();
     EXPECT_EQ(pid(kLabel), Value(102));

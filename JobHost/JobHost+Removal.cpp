@@ -70,10 +70,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
   const bool isLoaded = job->origin == JobOrigin::kLoaded;
   const auto written =
       isLoaded ? state_->appendRemovedByClient(job->label) : state_->appendRemoving(job->label);
-  if (!written) {
-    answer(std::move(completion), std::unexpected(jobError(written.error())));
-    return;
-  }
+  if (!written) noteUnwritten(written.error());
   if (isLoaded) removedByClient_.insert(job->label);
   job->removal = std::make_unique<Removal>();
   job->removal->completions.push_back(std::move(completion));
@@ -84,17 +81,15 @@ void JobHost::beginRemoval(Job& job) {
   job.isQueued = false;
   job.timer.reset();
   job.phase = JobPhase::kRemoving;
-  if (!job.process) return finishRemoval(job);
-  if (job.hasLeader) {
-    // Its end comes before the request to end.
-    const std::string label = job.label;
-    job.process->reportIfEnded();
-    if (!find(label)) return;  // The report finished the removal.
+  // A job that never had a process has left none.
+  if (!job.process && job.lastStart.process == 0) return finishRemoval(job);
+  if (job.hasLeader) job.process->reportIfEnded();
+  if (job.hasLeader || (job.process && job.process->hasRemainingProcesses())) {
+    signalGroup(job, SIGTERM);
   }
-  signalGroup(job, SIGTERM);
   armKill(job);
-  // Without a leader no exit is reported, so poll the group.
-  if (!job.hasLeader && !job.timer) awaitGroup(job);
+  // Without a leader no exit is reported.
+  if (!job.hasLeader && !job.timer) awaitRemaining(job);
 }
 
 void JobHost::signalGroup(Job& job, int signal) {
@@ -116,14 +111,16 @@ void JobHost::armKill(Job& job) {
   job.removal->killAt = loop_.now() + timeOut;
   job.removal->killTimer =
       loop_.startTimer(timeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
+        job.removal->isKilling = true;
         // If nothing remains, the next poll finishes the removal.
-        if (!job.hasLeader && !job.process->hasRemainingProcesses()) return;
+        if (!job.hasLeader && !hasRemaining(job)) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
                         platform::quotedInMessage(job.label), job.lastStart.process));
         const auto timer = std::move(job.removal->killTimer);  // The callback is part of it.
         reportIfKillFails(job);
-        signalGroup(job, SIGKILL);
+        endDescendants(job, SIGKILL);
+        if (job.process) signalGroup(job, SIGKILL);
       });
 }
 
@@ -140,19 +137,31 @@ void JobHost::reportIfKillFails(Job& job) {
       });
 }
 
-void JobHost::awaitGroup(Job& job) {
-  if (!job.process->hasRemainingProcesses()) return finishRemoval(job);
+bool JobHost::hasRemaining(const Job& job) const {
+  if (job.process && job.process->hasRemainingProcesses()) return true;
+  return std::ranges::any_of(job.removal->descendants,
+                             [](const auto& process) { return !process->hasEnded(); });
+}
+
+// The leader has ended. When what is known of the rest has ended, too, a search shows whether there
+// is more: processes in sessions of their own, and those that these have started meanwhile.
+void JobHost::awaitRemaining(Job& job) {
+  if (!hasRemaining(job)) return searchSoon(job);
+  pollRemaining(job);
+}
+
+void JobHost::pollRemaining(Job& job) {
   job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
-    if (!job.process->hasRemainingProcesses()) finishRemoval(job);
+    if (hasRemaining(job)) return;
+    const auto timer = std::move(job.timer);  // The callback is part of it.
+    searchSoon(job);
   });
 }
 
 void JobHost::finishRemoval(Job& job) {
   compactIfWanted();
-  if (auto written = state_->appendRemoved(job.label); !written) {
-    // The next host finds a removal without a process, and finishes it.
-    log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
-  }
+  const auto written = state_->appendRemoved(job.label);
+  if (!written) noteUnwritten(written.error());
   if (!job.machService.empty()) {
     sockets_.close(job.machService, job.label);
     // The name may be left over from an earlier host. Remove it, because the socket behind it ended
@@ -168,6 +177,7 @@ void JobHost::finishRemoval(Job& job) {
   const std::unique_ptr<Removal> removal = std::move(job.removal);
   setCost(job, 0);
   histories_.removeJob(job.label);
+  lastStarts_.keep(job, earliestStartOf(job), loop_.now());
   jobs_.erase(job.label);
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();
@@ -197,6 +207,7 @@ void JobHost::shutDownNext() {
     removedByClient_.clear();
     if (auto written = state_->compact({}); !written) {
       log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
+      state_->discard();
     }
     loop_.post([alive = std::weak_ptr(alive_),
                 completion = std::exchange(onShutDown_, nullptr)]() mutable {
@@ -213,9 +224,7 @@ void JobHost::shutDownNext() {
   for (const std::string& label : next) {
     compactIfWanted();
     Job& job = *find(label);
-    if (auto written = state_->appendRemoving(label); !written) {
-      log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
-    }
+    if (auto written = state_->appendRemoving(label); !written) noteUnwritten(written.error());
     job.removal = std::make_unique<Removal>();
     beginRemoval(job);
   }

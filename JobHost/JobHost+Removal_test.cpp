@@ -138,15 +138,17 @@ TEST_F(JobHostTest, ASubmissionDuringARemovalMakesANewJob) {
   EXPECT_EQ(host_->copy("com.example.a")["Program"], Value("/bin/true"));
   endLast();
   EXPECT_TRUE(*removed && *submitted);
+  loop_.advanceBy(10s);
   EXPECT_EQ(processes_.started.back().program, "/bin/false");
   EXPECT_EQ(pid("com.example.a"), Value(102));
 }
 
 TEST_F(JobHostTest, ARemovalAfterAWaitingSubmissionRemovesTheNewJob) {
   processes_.obeysTermination = false;
-  ASSERT_TRUE(submit(job("com.example.a")));
+  const Dictionary unthrottled = job("com.example.a", {{"ThrottleInterval", 0}});
+  ASSERT_TRUE(submit(unthrottled));
   const Answer removed = removeLater("com.example.a");
-  const Answer submitted = submitLater(job("com.example.a"));
+  const Answer submitted = submitLater(unthrottled);
   const Answer removedAgain = removeLater("com.example.a");
   endLast();
   EXPECT_TRUE(*removed && *submitted);
@@ -154,6 +156,23 @@ TEST_F(JobHostTest, ARemovalAfterAWaitingSubmissionRemovesTheNewJob) {
   endLast();
   EXPECT_TRUE(*removedAgain);
   EXPECT_TRUE(host_->labels().empty());
+}
+
+TEST_F(JobHostTest, TheThrottleOutlivesARemoval) {
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(submit(job("com.example.a")));
+    ASSERT_TRUE(removeLater("com.example.a")->value());
+  }
+  EXPECT_EQ(starts(), 1);
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(10s - 1ns);
+  EXPECT_EQ(starts(), 1);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(starts(), 2);
+  loop_.advanceBy(10s);
+  ASSERT_TRUE(removeLater("com.example.a")->value());
+  ASSERT_TRUE(submit(job("com.example.a")));
+  EXPECT_EQ(starts(), 3);
 }
 
 // Shutting down.

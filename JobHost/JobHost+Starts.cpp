@@ -61,16 +61,18 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
     listener = *socket;
   }
   auto record = state_->makeStartRecord(job.label, *job.lastTry);
-  if (!record) return std::unexpected(std::move(record.error()));
   const std::size_t mark = state_->mark();
-  auto process = processes_.start(definition, state_->ticketFor(*record), listener, onEndOf(job));
+  int writeError = 0;
+  auto process =
+      processes_.start(definition, state_->ticketFor(record, &writeError), listener, onEndOf(job));
   if (!process) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
     return std::unexpected(process.error());
   }
-  job.lastStart = state_->countStart(*record);
+  job.lastStart = state_->countStart(record, writeError);
+  if (state_->isBehind()) noteUnwritten(state_->whyBehind());
   job.process = *std::move(process);
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
@@ -89,17 +91,15 @@ Processes::OnEnd JobHost::onEndOf(Job& job) {
 }
 
 void JobHost::processEnded(Job& job, Ending ending) {
-  // A child has not been reaped yet, so the group is its own.
-  const bool hasGroup = ending || job.process->hasRemainingProcesses();
   // The remaining processes of the group belong to no later process of the job. Kill them before
   // the end is recorded: the next host looks for the group of a process only if its end is not on
   // record.
-  if (!job.removal && hasGroup) signalGroup(job, SIGKILL);
+  if (!job.removal && (ending || job.process->hasRemainingProcesses())) signalGroup(job, SIGKILL);
   compactIfWanted();  // A full file would reject the record of the end.
   job.hasLeader = false;
   job.lastEnd = ending;
   if (auto written = state_->appendEnded(job.label, ending); !written) {
-    log(platform::ASL_LEVEL_ERR, platform::describe(written.error()));
+    noteUnwritten(written.error());
   }
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
@@ -108,8 +108,9 @@ void JobHost::processEnded(Job& job, Ending ending) {
   const platform::Duration ran = now - job.lastTry.value_or(now);
   const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
   histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
-  if (job.removal) return hasGroup ? awaitGroup(job) : finishRemoval(job);
+  if (job.removal) return searchSoon(job);
   job.process.reset();
+  if (job.isDefinitionLost) return forget(job);
   job.shortRuns = ran < kGoodRun ? job.shortRuns + 1 : 0;
   const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
   job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);

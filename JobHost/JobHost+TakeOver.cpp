@@ -14,19 +14,13 @@ using platform::ErrorCode;
 using platform::Instant;
 using platform::Result;
 
-namespace {
-
-// The number of the first passed descriptor in a process.
-constexpr platform::Descriptor kFirstPassedDescriptor = 3;
-
-}  // namespace
-
 Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
                                const Labels& removedByClient) {
   removedByClient_ = removedByClient;
   for (const StoredJob& job : stored) {
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
+  adoptMarked();
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
   forgetMissingFiles(daemons);
   // Write a new file with what was found, so that the next host does not find it a second time.
@@ -56,8 +50,13 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
 }
 
 Result<void> JobHost::takeOverJob(const StoredJob& stored) {
+  const bool isLost = stored.dictionary == StoredJob::lostDefinition(stored.label);
   auto definition = parseJobDefinition(stored.dictionary);
-  if (!definition) {
+  if (!definition && isLost) {
+    definition = JobDefinition();
+    definition->label = stored.label;
+    definition->dictionary = stored.dictionary;
+  } else if (!definition) {
     log(platform::ASL_LEVEL_ERR,
         fmt::format("{}; the job of an earlier host is kept, and started no more",
                     platform::describe(definition.error())));
@@ -68,6 +67,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   }
   Job& job = jobs_[stored.label];
   fillIn(job, stored.origin, *definition);
+  job.isDefinitionLost = isLost;
   histories_.addJob(job.label, loop_.wallTime());
   setCost(job, StateFile::costOf(stored.label, stored.submissionBytes));
   job.lastEnd = stored.lastEnd;
@@ -128,6 +128,7 @@ Result<void> JobHost::takeOverProcess(Job& job) {
 void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
+  if (job.isDefinitionLost && !job.hasLeader) return forget(job);
   if (job.hasLeader || isStopRequested()) return;
   if (!job.machService.empty()) {
     if (const auto socket = sockets_.listen(job.machService, job.label); !socket) {
@@ -160,8 +161,21 @@ std::vector<StoredJob> JobHost::snapshot() const {
 void JobHost::compactIfWanted() {
   if (!state_->wantsCompaction()) return;
   if (auto written = state_->compact(snapshot(), removedByClient_); !written) {
-    log(platform::ASL_LEVEL_WARNING, platform::describe(written.error()));
+    noteUnwritten(written.error());
+  } else {
+    behindTimer_.reset();
   }
+}
+
+void JobHost::noteUnwritten(const platform::Error& error) {
+  if (behindTimer_) return;
+  log(platform::ASL_LEVEL_ERR,
+      fmt::format("{}; the jobs go on, and their state is written when that is possible",
+                  platform::describe(error)));
+  behindTimer_ = loop_.startTimer(kStateRetryInterval, platform::RunLoop::Repeat::kEvery, [this] {
+    if (state_->wantsCompaction() && !state_->compact(snapshot(), removedByClient_)) return;
+    const auto timer = std::move(behindTimer_);  // The callback is part of it.
+  });
 }
 
 }  // namespace jobhost

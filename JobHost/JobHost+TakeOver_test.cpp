@@ -100,6 +100,7 @@ TEST_F(JobHostTest, ARemovalIsFinishedByTheNextHost) {
   loop_.runReady();
   processes_.signals.clear();
   startHost();
+  loop_.runReady();
   EXPECT_FALSE(*lives || *gone);
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.lives"));
   EXPECT_EQ(processes_.signals.size(), 1);
@@ -198,6 +199,7 @@ TEST_F(JobHostTest, ARemovalFinishedByTheNextHostRemovesTheSocketsName) {
   ASSERT_EQ(::access(name.c_str(), F_OK), 0);
   processes_.end(101);
   startHost();
+  loop_.runReady();
   EXPECT_TRUE(host_->labels().empty());
   EXPECT_NE(::access(name.c_str(), F_OK), 0);
 }
@@ -236,6 +238,7 @@ TEST_F(JobHostTest, ARemovalWaitsForTheGroupThatOutlivedLeaderAndHost) {
 TEST_F(JobHostTest, JobsOfAnotherBootAreForgotten) {
   ASSERT_TRUE(submit(job("com.example.a")));
   killHost();
+  processes_.hidesMarks = true;
   bootId_.front() = '2';
   startHost();
   EXPECT_TRUE(host_->labels().empty());
@@ -249,6 +252,7 @@ TEST_F(JobHostTest, NothingOfAnotherPidNamespaceIsSignalledOrTakenOver) {
   killHost();
   processes_.addMember(101);
   processes_.signals.clear();
+  processes_.hidesMarks = true;
   bootId_.back() = '8';
   startHost();
   EXPECT_TRUE(host_->labels().empty());

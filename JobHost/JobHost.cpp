@@ -109,7 +109,9 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   auto done = define(job, origin, definition);
   if (done) {
     const bool wants = wantsProcessAtLoad(job.rules);
-    done = perform(job, nextAction(job.phase, JobEvent::kSubmitted, wants, true), &definition);
+    lastStarts_.giveTo(job);
+    const bool mayStart = loop_.now() >= earliestStartOf(job);
+    done = perform(job, nextAction(job.phase, JobEvent::kSubmitted, wants, mayStart), &definition);
   }
   if (!done) {
     sockets_.close(job.machService, job.label);
@@ -166,7 +168,11 @@ void JobHost::setCost(Job& job, std::size_t cost) {
 Result<void> JobHost::define(Job& job, JobOrigin origin, const JobDefinition& definition) {
   const std::string service =
       definition.machServices.empty() ? std::string() : definition.machServices.front();
-  if (!service.empty()) {
+  // A process whose definition was lost may have the socket.
+  const bool isTakenOver =
+      job.isDefinitionLost && job.hasLeader && !service.empty() &&
+      sockets_.takeOver(service, job.label, job.process->copyDescriptor(kFirstPassedDescriptor));
+  if (!service.empty() && !isTakenOver) {
     if (const auto socket = sockets_.listen(service, definition.label); !socket) {
       return std::unexpected(socket.error());
     }
@@ -183,6 +189,7 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
   job.exitTimeOut = definition.exitTimeOut;
   job.machService = definition.machServices.empty() ? "" : definition.machServices.front();
   job.origin = origin;
+  job.isDefinitionLost = false;
 }
 
 Job* JobHost::findAsOfNow(std::string_view label) {

@@ -16,6 +16,7 @@
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Job.h"
 #include "JobHost/JobHistories.h"
+#include "JobHost/LastStarts.h"
 #include "JobHost/MachSockets.h"
 #include "JobHost/Processes/Processes.h"
 #include "JobHost/State/StateFile.h"
@@ -50,6 +51,9 @@ inline constexpr char kNotificationBusLabel[] = "com.vantor.notificationbus";
 // vantor-jobhost.service, after which the service manager kills the host and leaves the jobs
 // running.
 inline constexpr platform::Duration kMaximumShutDownTimeOut = std::chrono::seconds(25);
+
+// How often a host whose state file is missing or behind tries to write it.
+inline constexpr platform::Duration kStateRetryInterval = std::chrono::seconds(10);
 
 // The jobs by label: starts their processes, keeps them alive, reports and removes them. If the
 // host is killed, the jobs go on, and the next host with the same root takes them over.
@@ -165,9 +169,21 @@ class JobHost {
   void armKill(Job& job);
   void reportIfKillFails(Job& job);
   platform::Duration exitTimeOutOf(const Job& job) const;
-  void awaitGroup(Job& job);
+  void awaitRemaining(Job& job);
+  void pollRemaining(Job& job);
+  bool hasRemaining(const Job& job) const;
   void finishRemoval(Job& job);
   void shutDownNext();
+
+  // JobHost+Search.cpp
+  void adoptMarked();
+  void adopt(const MarkedProcess& leader);
+  Job& addLostJob(const std::string& label);
+  void killUnowned(MarkedProcess& process);
+  void forget(Job& job);
+  void searchSoon(Job& job);
+  void search();
+  void endDescendants(Job& job, int signal);
 
   // JobHost+TakeOver.cpp
   platform::Result<void> takeOver(const std::vector<StoredJob>& stored,
@@ -179,6 +195,8 @@ class JobHost {
   std::vector<StoredJob> snapshot() const;
   // Must not run between StateFile::mark() and cutBackTo().
   void compactIfWanted();
+  // Says once that the state file is behind, and writes it again when that is possible.
+  void noteUnwritten(const platform::Error& error);
 
   // JobHost+Daemons.cpp
   std::string daemonFolder() const;
@@ -202,8 +220,12 @@ class JobHost {
   std::map<std::string, Job, std::less<>> jobs_;
   std::size_t totalCost_ = 0;  // of all jobs
   Labels removedByClient_;
-  std::unique_ptr<platform::RunLoopHandle> stateTimer_;  // while there is no state file
+  std::unique_ptr<platform::RunLoopHandle> stateTimer_;   // while there is no state file
+  std::unique_ptr<platform::RunLoopHandle> behindTimer_;  // while the state file is behind
+  bool isSearchDue_ = false;
+  bool isSearchFailing_ = false;
   JobHistories histories_;
+  LastStarts lastStarts_;
   // The labels of jobs whose process is due, in the order in which they fell due. A job that no
   // longer waits is skipped.
   std::deque<std::string> startQueue_;

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
@@ -88,7 +89,8 @@ class RealJobHostTest : public testing::Test {
     const auto limit = platform::raiseDescriptorLimit();
     EXPECT_TRUE(limit);
     originalDescriptorLimit_ = limit ? *limit : 1024;
-    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_);
+    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_,
+                                            hostMark(root_.path(), *readBootId()));
     EXPECT_TRUE(processes) << describe(processes.error());
     processes_ = std::move(*processes);
     startHost();
@@ -112,7 +114,8 @@ class RealJobHostTest : public testing::Test {
   // Drops the host as a kill does: its jobs go on. (They stay this process's children.)
   void dropHost() {
     host_.reset();
-    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_);
+    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_,
+                                            hostMark(root_.path(), *readBootId()));
     ASSERT_TRUE(processes);
     processes_ = std::move(*processes);
   }

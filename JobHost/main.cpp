@@ -14,6 +14,7 @@
 
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
+#include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
@@ -82,7 +83,9 @@ int main() {
   }
   auto bootId = jobhost::readBootId();
   if (!bootId) return fail(bootId.error());
-  auto processes = jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit);
+  auto processes =
+      jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit,
+                                      jobhost::hostMark(linux.configuration.root, *bootId));
   if (!processes) return fail(processes.error());
   std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;

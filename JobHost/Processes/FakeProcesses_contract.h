@@ -50,14 +50,20 @@ class FakeProcesses final : public Processes {
     if (failure && !recordsFailures) return std::unexpected(*failure);
     const platform::ProcessId process = next_++;
     completeStartRecord(ticket.record.data(), process, ticksOf(process), inodeOf(process));
-    if (::write(ticket.file, ticket.record.data(), ticket.record.size()) !=
-        static_cast<ssize_t>(ticket.record.size())) {
-      return std::unexpected(platform::systemError("recording the start"));
-    }
+    const ssize_t written =
+        ticket.file < 0 ? 0 : ::write(ticket.file, ticket.record.data(), ticket.record.size());
+    const bool isPartial = written >= 0 && written < static_cast<ssize_t>(ticket.record.size());
+    if (ticket.writeError) *ticket.writeError = written < 0 ? errno : 0;
+    if (ticket.writeError && ticket.file >= 0 && isPartial) *ticket.writeError = ENOSPC;
     if (failure) return std::unexpected(*failure);
     Process& state = processes_[process];
     state.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
     if (listener >= 0) state.listener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
+    std::int64_t startedAt = 0;
+    std::memcpy(&startedAt,
+                ticket.record.data() + sizeof(RecordHeader) + offsetof(StartFields, startedAt),
+                sizeof startedAt);
+    marked_[process] = {job.label, process, startedAt};
     started.push_back({process, job.label, job.program, listener, loop_.now()});
     StartFields identity;
     std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);
@@ -80,6 +86,27 @@ class FakeProcesses final : public Processes {
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override {
     if (!hasRemainingProcesses(identity)) return nullptr;
     return std::make_unique<Handle>(*this, identity);
+  }
+
+  platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
+      const Wanted& isWanted) override {
+    ++searches;
+    if (searchFailure) return std::unexpected(*searchFailure);
+    std::vector<std::unique_ptr<MarkedProcess>> found;
+    for (const auto& [process, marked] : marked_) {
+      if (hidesMarks || !isAlive(process) || reused_.contains(process)) continue;
+      const Marked facts{marked.label, process, marked.leader, marked.leader, ticksOf(process)};
+      if (isWanted(facts)) found.push_back(std::make_unique<MarkedHandle>(*this, process));
+    }
+    return found;
+  }
+
+  // Starts a process with the mark of this leader and a session of its own.
+  platform::ProcessId addDescendant(platform::ProcessId leader) {
+    const platform::ProcessId process = next_++;
+    processes_[process].isChild = false;
+    marked_[process] = marked_.at(leader);
+    return process;
   }
 
   // Whether a process other than the leader lives in the group.
@@ -129,8 +156,17 @@ class FakeProcesses final : public Processes {
   bool obeysTermination = true;
   bool obeysKill = true;                   // else they are in a state that no signal ends
   std::optional<platform::Error> refusal;  // of each signal
+  int searches = 0;
+  std::optional<platform::Error> searchFailure;
+  bool hidesMarks = false;  // as of another boot
 
  private:
+  struct MarkOf {
+    std::string label;
+    platform::ProcessId leader = 0;
+    std::int64_t startedAt = 0;
+  };
+
   class Handle final : public JobProcess {
    public:
     Handle(FakeProcesses& processes, const StartFields& identity)
@@ -150,6 +186,29 @@ class FakeProcesses final : public Processes {
 
    private:
     FakeProcesses& processes_;
+    const StartFields identity_;
+  };
+
+  class MarkedHandle final : public MarkedProcess {
+   public:
+    MarkedHandle(FakeProcesses& processes, platform::ProcessId process)
+        : processes_(processes),
+          marked_(processes.marked_.at(process)),
+          identity_{process, 0, processes.ticksOf(process), processes.inodeOf(process),
+                    marked_.startedAt} {}
+
+    const std::string& label() const override { return marked_.label; }
+    const StartFields& identity() const override { return identity_; }
+    bool isLeader() const override { return marked_.leader == identity_.process; }
+    bool hasEnded() const override { return !processes_.isAlive(identity_.process); }
+    platform::Result<void> signal(int signal) override {
+      processes_.signalGroup(identity_.process, signal);
+      return {};
+    }
+
+   private:
+    FakeProcesses& processes_;
+    const MarkOf marked_;
     const StartFields identity_;
   };
 
@@ -204,6 +263,7 @@ class FakeProcesses final : public Processes {
   platform::VirtualRunLoop& loop_;
   platform::ProcessId next_ = 101;
   std::map<platform::ProcessId, Process> processes_;
+  std::map<platform::ProcessId, MarkOf> marked_;
   std::set<platform::ProcessId> members_;
   std::set<platform::ProcessId> reused_;
 };

@@ -13,6 +13,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "JobHost/Processes/LinuxMarkedProcess.h"
 #include "JobHost/Processes/LinuxProcess.h"
 #include "JobHost/Processes/ProcessGroup.h"
 #include "JobHost/Processes/ProcessTable.h"
@@ -28,19 +29,21 @@ using platform::systemError;
 using platform::UniqueFd;
 
 Result<std::unique_ptr<LinuxProcesses>> LinuxProcesses::create(
-    platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit) {
-  auto spawner = ProcessSpawner::create(originalDescriptorLimit);
+    platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host) {
+  auto spawner = ProcessSpawner::create(originalDescriptorLimit, host);
   if (!spawner) return std::unexpected(std::move(spawner.error()));
-  std::unique_ptr<LinuxProcesses> processes(new LinuxProcesses(loop, *std::move(spawner)));
+  std::unique_ptr<LinuxProcesses> processes(new LinuxProcesses(loop, *std::move(spawner), host));
   if (auto started = processes->orphans_.start(); !started) {
     return std::unexpected(std::move(started.error()));
   }
   return processes;
 }
 
-LinuxProcesses::LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner)
+LinuxProcesses::LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner,
+                               std::uint64_t host)
     : loop_(loop),
       spawner_(std::move(spawner)),
+      host_(host),
       orphans_(loop, [this](ProcessId process) { return children_.contains(process); }) {}
 
 Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(const JobDefinition& job,
@@ -92,6 +95,23 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::takeOver(const StartFields& 
 std::unique_ptr<JobProcess> LinuxProcesses::remainsOf(const StartFields& identity) {
   if (!groupRemains(identity)) return nullptr;
   return std::make_unique<LinuxProcess>(identity, UniqueFd());
+}
+
+Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
+    const Wanted& isWanted) {
+  std::vector<std::unique_ptr<MarkedProcess>> found;
+  int shortage = 0;
+  const bool isRead = eachProcess([&](std::string_view number, const std::string& stat) {
+    auto marked = LinuxMarkedProcess::find(number, stat, host_, isWanted);
+    if (marked) {
+      if (*marked) found.push_back(*std::move(marked));
+      return true;
+    }
+    shortage = marked.error().osError;
+    return false;
+  });
+  if (isRead && shortage == 0) return found;
+  return std::unexpected(Error{ErrorCode::kExhausted, shortage, "finding the processes of jobs"});
 }
 
 }  // namespace jobhost

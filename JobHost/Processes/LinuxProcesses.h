@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_set>
+#include <vector>
 
 #include "JobHost/Processes/OrphanReaper.h"
 #include "JobHost/Processes/ProcessSpawner.h"
@@ -16,9 +17,10 @@ namespace jobhost {
 class LinuxProcesses final : public Processes {
  public:
   // Makes this process the parent of its children's orphans, permanently. `loop` outlives this.
-  // `originalDescriptorLimit` is the soft limit that the processes get.
+  // `originalDescriptorLimit` is the soft limit that the processes get, and `host` the hostMark()
+  // in their marks.
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
-      platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit);
+      platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host);
 
   platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
                                                       const StartTicket& ticket,
@@ -27,12 +29,15 @@ class LinuxProcesses final : public Processes {
   platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
                                                          OnEnd onEnd) override;
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;
+  platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
+      const Wanted& isWanted) override;
 
  private:
-  LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner);
+  LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner, std::uint64_t host);
 
   platform::RunLoop& loop_;
   ProcessSpawner spawner_;
+  const std::uint64_t host_;
   // The children that the handles reap. The kernel reuses none of these numbers before that.
   std::unordered_set<platform::ProcessId> children_;
   OrphanReaper orphans_;

@@ -91,7 +91,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
     const pid_t host = ::fork();
     if (host == 0) {
       const auto loop = platform::AsioRunLoop::create();
-      const auto processes = LinuxProcesses::create(**loop, kDescriptorLimit);
+      const auto processes = LinuxProcesses::create(**loop, kDescriptorLimit, kHost);
       const auto process = (*processes)->start(job, ticket, -1, [](Ending) {});
       const ProcessId number = process ? (*process)->identity().process : 0;
       ::_exit(::write(writing.get(), &number, sizeof number) == sizeof number ? 0 : 1);
@@ -107,6 +107,8 @@ class LinuxProcessesHarness final : public ProcessesHarness {
 
  private:
   static constexpr std::uint64_t kDescriptorLimit = 1024;
+  // No other run finds the marks.
+  const std::uint64_t kHost = static_cast<std::uint64_t>(::getpid());
 
   struct Started {
     UniqueFd pidfd;
@@ -120,7 +122,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
   std::map<ProcessId, Started> started_;
   std::unique_ptr<platform::AsioRunLoop> loop_ = std::move(*platform::AsioRunLoop::create());
   std::unique_ptr<LinuxProcesses> processes_ =
-      std::move(*LinuxProcesses::create(*loop_, kDescriptorLimit));
+      std::move(*LinuxProcesses::create(*loop_, kDescriptorLimit, kHost));
 };
 
 class FakeProcessesHarness final : public ProcessesHarness {
@@ -167,7 +169,7 @@ ProcessEnd endWithCore() {
   platform::TemporaryFolder folder;
   job.workingDirectory = folder.path();
   const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
   const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
   Ending result;
@@ -208,7 +210,7 @@ TEST(LinuxProcesses, ACoreDumpIsReported) {
 
 TEST(LinuxProcesses, AProcessWhoseFirstThreadHasEndedRemainsInItsGroup) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const UniqueFd reading(ends[0]);
@@ -232,7 +234,7 @@ TEST(LinuxProcesses, AProcessWhoseFirstThreadHasEndedRemainsInItsGroup) {
 
 TEST(LinuxProcesses, WithoutDescriptorsAGroupIsNotTakenForEmpty) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
   const pid_t leader = ::fork();
   if (leader == 0) {
     ::setsid();
@@ -254,7 +256,7 @@ TEST(LinuxProcesses, WithoutDescriptorsAGroupIsNotTakenForEmpty) {
 
 TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForEnded) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
   const StartFields identity{.process = ::getpid(), .startTicks = 1};
   for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
     const auto taken = [&] {
@@ -269,7 +271,7 @@ TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForEnded) {
 
 TEST(LinuxProcesses, AStoppedProcessEndsWhenItIsAskedTo) {
   const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024));
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
   platform::TemporaryFolder folder;
   const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   JobDefinition job = numberedJob(0);

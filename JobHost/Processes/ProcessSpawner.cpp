@@ -6,6 +6,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <utility>
@@ -25,6 +26,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Definitions/JobKeys.h"
 #include "JobHost/Processes/ChildLimits.h"
 #include "JobHost/Processes/FileSystemIdentity.h"
+#include "JobHost/Processes/JobEnvironment.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
@@ -50,7 +52,6 @@ constexpr mode_t kDefaultUmask = 022;
 // The time after which the child first gets SIGCONT, in case another process has stopped it.
 constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
 constexpr char kNull[] = "/dev/null";
-constexpr char kDefaultPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
 
 // Blocks all signals of this thread while it lives: a child must not run the host's handlers.
 class SignalsBlocked {
@@ -114,47 +115,19 @@ Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
 class ChildSetup {
  public:
   Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null, int listener,
-                       std::uint64_t originalDescriptorLimit);
+                       std::uint64_t originalDescriptorLimit, const JobMark& mark);
 
   SpawnedChild child{};
 
  private:
-  void addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens);
   Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
 
   std::vector<char*> arguments_;
-  std::vector<std::string> variables_;
-  std::vector<char*> environment_;
+  std::optional<JobEnvironment> environment_;
   std::vector<UniqueFd> opened_;
   std::vector<int> descriptors_;
   std::vector<ChildLimit> limits_;
 };
-
-void ChildSetup::addEnvironment(const JobDefinition& job, const JobAccount& account, bool listens) {
-  for (const auto& [name, text] : job.environment) {
-    if (listens && name.starts_with("LISTEN_")) continue;  // It would name other descriptors.
-    variables_.push_back(name + "=" + text);
-  }
-  const auto addMissing = [&](std::string_view name, std::string_view text) {
-    for (const auto& [given, ignored] : job.environment) {
-      if (given == name) return;
-    }
-    variables_.push_back(fmt::format("{}={}", name, text));
-  };
-  addMissing("PATH", kDefaultPath);
-  addMissing("HOME", account.home);
-  addMissing("USER", account.name);
-  addMissing("LOGNAME", account.name);
-  addMissing("SHELL", account.shell);
-  if (listens) {
-    variables_.push_back("LISTEN_FDS=1");
-    variables_.push_back("LISTEN_FDNAMES=" + job.machServices.front());
-    variables_.push_back("LISTEN_PID=0000000000");
-  }
-  for (std::string& variable : variables_) environment_.push_back(variable.data());
-  environment_.push_back(nullptr);
-  if (listens) child.listenPid = variables_.back().data() + variables_.back().find('0');
-}
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
   const std::pair<const std::string&, int> files[kStandardFiles] = {
@@ -183,21 +156,24 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
 }
 
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
-                                 int listener, std::uint64_t originalDescriptorLimit) {
+                                 int listener, std::uint64_t originalDescriptorLimit,
+                                 const JobMark& mark) {
   child.program = job.program.c_str();
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
     arguments_.push_back(const_cast<char*>(argument.c_str()));
   }
   arguments_.push_back(nullptr);
-  addEnvironment(job, account, listener >= 0);
+  environment_.emplace(job, account, listener >= 0, mark);
   if (auto opened = openFiles(job, account, null); !opened) return opened;
   if (listener >= 0) descriptors_.push_back(listener);
   auto limits = limitsOf(job, originalDescriptorLimit);
   if (!limits) return std::unexpected(std::move(limits.error()));
   limits_ = *std::move(limits);
   child.arguments = arguments_.data();
-  child.environment = environment_.data();
+  child.environment = environment_->variables();
+  child.listenPid = environment_->listenPid();
+  child.markPid = environment_->markPid();
   child.descriptors = descriptors_.data();
   child.descriptorCount = static_cast<int>(descriptors_.size());
   child.rootDirectory = job.rootDirectory ? job.rootDirectory->c_str() : nullptr;
@@ -256,8 +232,6 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
       return "setting the time for the start";
     case ChildStage::kIdentity:
       return "reading the new process's start time from /proc";
-    case ChildStage::kRecord:
-      return "recording the start in the state file";
     case ChildStage::kDescriptors:
       return "passing the descriptors";
     case ChildStage::kLimit:
@@ -290,8 +264,9 @@ bool pidfdsAreUnique() {
 }
 
 Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLimit,
-                                              platform::Duration startTimeOut) {
+                                              std::uint64_t host, platform::Duration startTimeOut) {
   ProcessSpawner spawner;
+  spawner.host_ = host;
   spawner.originalDescriptorLimit_ = originalDescriptorLimit;
   spawner.startTimeOut_ = startTimeOut;
   spawner.hasUniquePidfds_ = pidfdsAreUnique();
@@ -317,6 +292,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
 
 ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
     : originalDescriptorLimit_(other.originalDescriptorLimit_),
+      host_(other.host_),
       startTimeOut_(other.startTimeOut_),
       hasUniquePidfds_(other.hasUniquePidfds_),
       resetsOomScore_(other.resetsOomScore_),
@@ -350,7 +326,11 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   }
   const DumpableKept dumpable;
   ChildSetup setup;
-  if (auto prepared = setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_);
+  StartFields start;
+  std::memcpy(&start, ticket.record.data() + sizeof(RecordHeader), sizeof start);
+  const JobMark mark{host_, start.startedAt, job.label, 0};
+  if (auto prepared =
+          setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_, mark);
       !prepared) {
     return failed(std::move(prepared.error()));
   }
@@ -374,6 +354,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
                       CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &child, &pidfd);
   }
   if (process < 0) return failed(systemError("fork"));
+  if (ticket.writeError) *ticket.writeError = child.recordError;
   Spawned spawned{process, UniqueFd(pidfd)};
   if (child.error == 0 && child.stage == ChildStage::kExecute) return spawned;
   // It executed no program, so it ends at once.

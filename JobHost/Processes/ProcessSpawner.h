@@ -29,15 +29,18 @@ class ProcessSpawner {
   };
 
   // `originalDescriptorLimit` is the soft limit of the processes whose job sets none. The
-  // dispositions of real-time signals are read now and must not change later.
+  // dispositions of real-time signals are read now and must not change later. `host` is the
+  // hostMark() for the processes' marks.
   static platform::Result<ProcessSpawner> create(std::uint64_t originalDescriptorLimit,
+                                                 std::uint64_t host,
                                                  platform::Duration startTimeOut = kStartTimeOut);
 
   ProcessSpawner(ProcessSpawner&&) noexcept;
   ProcessSpawner& operator=(ProcessSpawner&&) = delete;
   ~ProcessSpawner();
 
-  // Returns when the program is being executed and the record of `ticket` is in its file. If
+  // Returns when the program is being executed and the record of `ticket` is in its file or could
+  // not be written. If
   // `listener` is not -1, the process gets it as descriptor 3. The job must then have a service.
   //
   // The error says which stage failed (finding the user, opening which file, fork, setuid, exec
@@ -54,6 +57,7 @@ class ProcessSpawner {
   ProcessSpawner() = default;
 
   std::uint64_t originalDescriptorLimit_ = 0;
+  std::uint64_t host_ = 0;
   platform::Duration startTimeOut_{};
   bool hasUniquePidfds_ = false;
   bool resetsOomScore_ = false;

@@ -235,7 +235,7 @@ class OddSurroundings {
 
 TEST_F(ProcessSpawnerAsRoot, TheSurroundingsOfTheHostDoNotReachTheJob) {
   const OddSurroundings odd;
-  auto again = ProcessSpawner::create(kDescriptorLimit);
+  auto again = ProcessSpawner::create(kDescriptorLimit, kHost);
   ASSERT_TRUE(again);
   spawner_.emplace(*std::move(again));
   // Field 41 is the scheduling policy.

@@ -26,11 +26,12 @@
 namespace jobhost {
 
 inline constexpr std::uint64_t kDescriptorLimit = 777;
+inline constexpr std::uint64_t kHost = 0xabc;
 
 class ProcessSpawnerTest : public testing::Test {
  protected:
   ProcessSpawnerTest() {
-    auto spawner = ProcessSpawner::create(kDescriptorLimit);
+    auto spawner = ProcessSpawner::create(kDescriptorLimit, kHost);
     EXPECT_TRUE(spawner) << platform::describe(spawner.error());
     spawner_.emplace(*std::move(spawner));
     file_.reset(
@@ -90,13 +91,17 @@ class ProcessSpawnerTest : public testing::Test {
     return platform::describe(spawned.error());
   }
 
+  platform::ProcessId recordedProcess() const {
+    StartFields fields;
+    std::memcpy(&fields, record_.data() + sizeof(RecordHeader), sizeof fields);
+    return fields.process;
+  }
+
   // Expects that the process of the last spawn(), if it recorded its number, is no child any more.
   // There may be other children, left by earlier tests of this program.
   void expectReaped() const {
-    StartFields fields;
-    std::memcpy(&fields, record_.data() + sizeof(RecordHeader), sizeof fields);
-    if (fields.process == 0) return;
-    EXPECT_EQ(::waitpid(fields.process, nullptr, WNOHANG), -1);
+    if (recordedProcess() == 0) return;
+    EXPECT_EQ(::waitpid(recordedProcess(), nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
   }
 

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Processes/ProcessSpawner.h"
@@ -11,6 +14,9 @@
 #include "Platform/Values/Error.h"
 
 namespace jobhost {
+
+// The number of the first passed descriptor in a process.
+inline constexpr platform::Descriptor kFirstPassedDescriptor = 3;
 
 // A handle on the process of a job, the leader, and on its group. It means that process and group
 // for as long as it lives, whatever gets their number later. Destroying it ends the watch, and not
@@ -42,6 +48,21 @@ class JobProcess {
   virtual platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) = 0;
 };
 
+// A process that carries the mark of a job: its leader, or one that descends from a leader. A
+// handle as well.
+class MarkedProcess {
+ public:
+  virtual ~MarkedProcess() = default;
+
+  virtual const std::string& label() const = 0;
+  // The identity of the process itself. The time of the start is the leader's.
+  virtual const StartFields& identity() const = 0;
+  virtual bool isLeader() const = 0;
+  virtual bool hasEnded() const = 0;
+  // As JobProcess::signalGroup(), but for this process alone.
+  virtual platform::Result<void> signal(int signal) = 0;
+};
+
 // Starts and finds the processes of jobs. Each leads a session and a process group of its own,
 // which have its number. Belongs to the run loop's thread and outlives its handles.
 class Processes {
@@ -51,9 +72,10 @@ class Processes {
   virtual ~Processes() = default;
 
   // Starts the process of `job`, which completes and appends the record of `ticket` before its
-  // program is executed. If `listener` is not -1, the process gets it as descriptor 3. `onEnd` is
-  // never called from inside this call. The error says which stage failed, and why. Then there is
-  // no process, but the record may be in the file, in part or whole.
+  // program is executed. It starts also if it can't append it, as on a full disk. If `listener` is
+  // not -1, the process gets it as descriptor 3. `onEnd` is never called from inside this call. The
+  // error says which stage failed, and why. Then there is no process, but the record may be in the
+  // file, in part or whole.
   virtual platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
                                                               const StartTicket& ticket,
                                                               platform::Descriptor listener,
@@ -68,6 +90,21 @@ class Processes {
   // left of it. No new process gets a number that still means a group, so the group is the same one
   // if no process has the number, the session has it too, and no member is older than the leader.
   virtual std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) = 0;
+
+  // A process with a mark of this host's root, boot and pid namespace, as the kernel shows it.
+  struct Marked {
+    std::string label;
+    platform::ProcessId process = 0;
+    platform::ProcessId group = 0;
+    platform::ProcessId leader = 0;  // `process` if it is the leader
+    std::uint64_t startTicks = 0;
+  };
+  using Wanted = std::function<bool(const Marked& marked)>;
+  // The processes with a mark that `isWanted` accepts, in no order. Zombies have none, and neither
+  // has a process that has overwritten its environment or that the system lets nobody read. Reads
+  // every process of the system. Fails if they can't be read for want of descriptors.
+  virtual platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
+      const Wanted& isWanted) = 0;
 };
 
 }  // namespace jobhost

@@ -4,6 +4,7 @@
 // which makes jobs and ends their processes, and instantiates:
 //   INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -205,16 +207,50 @@ TEST_P(ProcessesContract, AProgramThatCannotBeExecutedLeavesNoProcess) {
   runToEnds(0);
 }
 
-TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsNotStarted) {
-  file_.reset(::open("/dev/full", O_WRONLY | O_CLOEXEC));
-  ASSERT_TRUE(file_);
-  const JobDefinition job = harness_->job(Kind::kAlone);
-  const auto refused = processes().start(job, makeTicket(job), -1, reporting());
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().osError, ENOSPC);
-  ASSERT_NE(recorded().process, 0);
-  expectGone(recorded());
-  runToEnds(0);
+TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsStartedAllTheSame) {
+  for (const char* path : {"/dev/full", ""}) {
+    file_.reset(*path != 0 ? ::open(path, O_WRONLY | O_CLOEXEC) : -1);
+    const JobDefinition job = harness_->job(Kind::kAlone);
+    int writeError = -1;
+    StartTicket ticket = makeTicket(job);
+    ticket.writeError = &writeError;
+    JobProcess& process = hold(processes().start(job, ticket, -1, reporting()));
+    harness_->started(process.identity().process, job);
+    EXPECT_EQ(writeError, *path != 0 ? ENOSPC : 0);
+    EXPECT_EQ(recorded(), process.identity());
+    end(process, kKilled);
+    runToEnds(1);
+    ends_.clear();
+  }
+}
+
+TEST_P(ProcessesContract, AProcessIsFoundByItsMark) {
+  const StartFields identity = startElsewhere(Kind::kAlone);
+  JobProcess& own = start(Kind::kAlone);
+  std::vector<Processes::Marked> seen;
+  const auto found = processes().findMarked([&](const Processes::Marked& marked) {
+    seen.push_back(marked);
+    return marked.process == identity.process;
+  });
+  ASSERT_TRUE(found);
+  EXPECT_EQ(seen.size(), 2);
+  ASSERT_EQ(found->size(), 1);
+  MarkedProcess& process = *found->front();
+  EXPECT_EQ(process.identity(), identity);
+  EXPECT_TRUE(process.isLeader());
+  EXPECT_FALSE(process.hasEnded());
+  for (const auto& marked : seen) {
+    EXPECT_EQ(marked.leader, marked.process);
+    EXPECT_EQ(marked.group, marked.process);
+    EXPECT_THAT(marked.label, testing::StartsWith("com.example.job"));
+  }
+  EXPECT_TRUE(process.signal(SIGTERM));
+  runUntil([&] { return process.hasEnded(); });
+  end(own, kKilled);
+  runToEnds(1);
+  const auto after = processes().findMarked([](const auto&) { return true; });
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->size(), 0);
 }
 
 TEST_P(ProcessesContract, TheListenerIsDescriptorThreeAndCanBeCopiedBack) {

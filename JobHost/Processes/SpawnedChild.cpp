@@ -82,7 +82,7 @@ std::uint64_t ownPidfdInode(long process) {
   return result == 0 ? status.stx_ino : 0;
 }
 
-bool writeStartRecord(SpawnedChild& child, long process) {
+bool completeRecord(SpawnedChild& child, long process) {
   child.stage = ChildStage::kIdentity;
   errno = 0;
   const std::uint64_t ticks = ownStartTicks();
@@ -90,12 +90,17 @@ bool writeStartRecord(SpawnedChild& child, long process) {
   const std::uint64_t inode = child.hasUniquePidfds ? ownPidfdInode(process) : 0;
   if (child.hasUniquePidfds && inode == 0) return false;
   completeStartRecord(child.startRecord, static_cast<std::int32_t>(process), ticks, inode);
-  child.stage = ChildStage::kRecord;
+  return true;
+}
+
+// A start that can't be recorded, as on a full disk, succeeds all the same: the process's mark
+// tells the next host. The host cuts off a partial record.
+void writeStartRecord(SpawnedChild& child) {
+  if (child.stateFile < 0) return;
   const long written =
       ::syscall(SYS_write, child.stateFile, child.startRecord, child.startRecordSize);
-  if (written == static_cast<long>(child.startRecordSize)) return true;
-  if (written >= 0) errno = ENOSPC;  // The host cuts off the partial record.
-  return false;
+  if (written == static_cast<long>(child.startRecordSize)) return;
+  child.recordError = written >= 0 ? ENOSPC : errno;
 }
 
 bool placeDescriptors(SpawnedChild& child) {
@@ -192,13 +197,15 @@ bool prepare(SpawnedChild& child) {
   if (!startContinuing(child) || !startTimer(SIGKILL, child.startTimeOut)) return false;
   const long process = ::syscall(SYS_getpid);
   // This comes before the limits, which may forbid the write.
-  if (!writeStartRecord(child, process)) return false;
+  if (!completeRecord(child, process)) return false;
+  writeStartRecord(child);
   if (!placeDescriptors(child)) return false;
   if (!setLimits(child)) return false;
   resetSurroundings(child);
   if (!setNiceness(child)) return false;
   if (!enterFolders(child)) return false;
   if (child.listenPid) writeNumber(child.listenPid, process);
+  writeNumber(child.markPid, process);
   return true;
 }
 

@@ -15,7 +15,6 @@ enum class ChildStage : int {
   kSession,
   kTimers,
   kIdentity,  // reading its own start time
-  kRecord,
   kDescriptors,
   kLimit,
   kNice,
@@ -38,9 +37,10 @@ struct SpawnedChild {
   const char* program;
   char* const* arguments;
   char* const* environment;
-  // The place for the child's number, at the end of a variable, with room for ten digits. Null for
+  // The places for the child's number, at the end of a variable, with room for ten digits. Null for
   // none.
   char* listenPid;
+  char* markPid;
 
   // These become 0, 1, 2 and so on. Each number is above the last of those.
   const int* descriptors;
@@ -70,11 +70,13 @@ struct SpawnedChild {
   timespec continueAfter;
   timespec startTimeOut;
 
-  int stateFile;
+  int stateFile;  // -1 for none
   std::uint8_t* startRecord;
   std::size_t startRecordSize;
   bool hasUniquePidfds;
 
+  // The errno with which the start could not be recorded, or 0.
+  volatile int recordError;
   // The stage that was reached, and the errno with which it failed, or 0.
   volatile ChildStage stage;
   volatile int error;

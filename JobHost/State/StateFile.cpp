@@ -15,6 +15,7 @@
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 namespace {
@@ -33,6 +34,7 @@ constexpr char kSetAsideSuffix[] = ".set-aside";
 constexpr mode_t kMode = 0600;
 // A smaller file is not worth compacting.
 constexpr std::size_t kSmallBytes = 256 * 1024;
+constexpr std::size_t kMaximumNamedLosses = 20;
 constexpr platform::Duration kLockInterval = std::chrono::milliseconds(5);
 
 Result<UniqueFd> takeLock(const std::string& path, platform::RunLoop& loop) {
@@ -93,14 +95,14 @@ UniqueFd reopenForAppending(const UniqueFd& file) {
       retryOnInterrupt([&] { return ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC); }));
 }
 
-// A torn file gets a second name and keeps its own until it is replaced, so that a host killed in
-// between finds it again. Any other file is renamed. Only one file set aside is kept, so that they
-// do not fill the disk.
-std::string setAside(const std::string& path, bool isTorn, const std::string& why) {
+// A damaged file gets a second name and keeps its own until it is replaced, so that a host killed
+// in between finds it again. Any other file is renamed. Only one file set aside is kept, so that
+// they do not fill the disk.
+std::string setAside(const std::string& path, bool isInUse, const std::string& why) {
   const std::string aside = path + kSetAsideSuffix;
   ::unlink(aside.c_str());
   const int result =
-      isTorn ? ::link(path.c_str(), aside.c_str()) : ::rename(path.c_str(), aside.c_str());
+      isInUse ? ::link(path.c_str(), aside.c_str()) : ::rename(path.c_str(), aside.c_str());
   if (result == 0) return fmt::format("{}: {}; set aside as {}", path, why, aside);
   return fmt::format("{}: {}; it could not be set aside as {}: {}", path, why, aside,
                      platform::describe(systemError("rename")));
@@ -124,8 +126,9 @@ Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
                                              const Labels& removedByClient,
                                              std::string_view bootId) {
   std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
+  const std::uint64_t boot = bootMark(bootId);
   const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
-    const auto record = makeRecord(kind, payload);
+    const auto record = makeRecord(kind, payload, boot);
     bytes.insert(bytes.end(), record.begin(), record.end());
   };
   // These come before the jobs: the record also removes a job, and a job with the same label may
@@ -145,6 +148,26 @@ Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
   return bytes;
 }
 
+// The reason for setting a damaged file aside. Empty if it has no damage.
+std::string damageIn(const StateContents& contents) {
+  std::string text;
+  if (contents.damagedBytes > 0) {
+    text = fmt::format("{} bytes from byte {} on are damaged; the sound records are kept",
+                       contents.damagedBytes, contents.firstDamage);
+  }
+  if (contents.isTorn) {
+    if (!text.empty()) text += "; ";
+    text += "its last record is torn; what stands before it is kept";
+  }
+  std::size_t named = 0;
+  for (const std::string& label : contents.lostDefinitions) {
+    if (named == kMaximumNamedLosses) return text += ", ...";
+    text += named++ == 0 ? "; lost is the definition of " : ", ";
+    text += platform::quotedInMessage(label);
+  }
+  return text;
+}
+
 }  // namespace
 
 Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string_view bootId,
@@ -154,6 +177,7 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
   StateFile& self = *opened.file;
   self.path_ = folder + kFileName;
   self.bootId_ = bootId;
+  self.boot_ = bootMark(bootId);
   auto lock = takeLock(folder + kLockName, loop);
   if (!lock) return std::unexpected(std::move(lock.error()));
   self.lock_ = *std::move(lock);
@@ -164,13 +188,12 @@ Result<StateFile::Opened> StateFile::open(const std::string& folder, std::string
     opened.removedByClient = std::move(trusted->contents.removedByClient);
     self.file_ = reopenForAppending(trusted->file);
     self.size_ = self.compactedSize_ = trusted->contents.wholeBytes;
-    if (trusted->contents.isTorn) {
+    if (const std::string damage = damageIn(trusted->contents); !damage.empty()) {
       self.isTorn_ = self.isNamedTwice_ = true;
-      opened.warnings.push_back(
-          setAside(self.path_, true, "its last record is torn; what stands before it is kept"));
+      opened.warnings.push_back(setAside(self.path_, true, damage));
     }
   } else if (platform::isShortage(trusted.error().osError)) {
-    // The file may be valid. To go on without it would start all jobs a second time.
+    // The file may be valid. To go on without it would lose all definitions.
     return std::unexpected(std::move(trusted.error()));
   } else if (trusted.error().code != ErrorCode::kNotFound) {
     opened.warnings.push_back(
@@ -212,12 +235,17 @@ Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels&
   }
   file_ = std::move(file);
   size_ = compactedSize_ = bytes->size();
-  isTorn_ = isNamedTwice_ = false;
+  isBehind_ = isTorn_ = isNamedTwice_ = false;
   return {};
 }
 
+void StateFile::discard() {
+  ::unlink(path_.c_str());
+  file_.reset();
+}
+
 bool StateFile::wantsCompaction() const {
-  return !file_ || size_ > std::max(2 * compactedSize_, kSmallBytes) ||
+  return !file_ || isBehind_ || size_ > std::max(2 * compactedSize_, kSmallBytes) ||
          size_ + kRoomBytes > kMaximumBytes;
 }
 
@@ -239,7 +267,7 @@ Result<void> StateFile::repair() {
 }
 
 Result<void> StateFile::makeReady(std::size_t recordBytes) {
-  if (!file_) return std::unexpected(whyNoFile_);
+  if (!file_ || isBehind_) return std::unexpected(whyNoFile_);
   if (auto repaired = repair(); !repaired) return repaired;
   if (size_ + recordBytes <= kMaximumBytes) return {};
   return std::unexpected(Error{ErrorCode::kExhausted, 0,
@@ -247,7 +275,19 @@ Result<void> StateFile::makeReady(std::size_t recordBytes) {
 }
 
 Result<void> StateFile::append(RecordKind kind, std::span<const std::uint8_t> payload) {
-  return appendRecord(makeRecord(kind, payload));
+  auto appended = appendRecord(makeRecord(kind, payload, boot_));
+  if (!appended) fallBehind(appended.error());
+  return appended;
+}
+
+Result<void> StateFile::append(RecordKind kind, std::string_view label) {
+  return append(kind, bytesOf(label));
+}
+
+void StateFile::fallBehind(const Error& why) {
+  if (!file_ || isBehind_) return;
+  isBehind_ = true;
+  whyNoFile_ = why;
 }
 
 Result<void> StateFile::appendRecord(std::span<const std::uint8_t> record) {
@@ -267,7 +307,7 @@ Result<std::size_t> StateFile::appendSubmitted(JobOrigin origin, const platform:
                                                std::size_t mostCost) {
   const auto payload = submittedPayload(origin, dictionary);
   if (!payload) return std::unexpected(payload.error());
-  const auto record = makeRecord(RecordKind::kSubmitted, *payload);
+  const auto record = makeRecord(RecordKind::kSubmitted, *payload, boot_);
   const std::string* const label = dictionary["Label"].string();
   const std::size_t cost = costOf(label ? *label : "", record.size());
   if (cost > mostCost) {
@@ -285,35 +325,44 @@ Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending
 }
 
 Result<void> StateFile::appendRemoving(std::string_view label) {
-  return append(RecordKind::kRemoving, bytesOf(label));
+  return append(RecordKind::kRemoving, label);
 }
 
 Result<void> StateFile::appendRemoved(std::string_view label) {
-  return append(RecordKind::kRemoved, bytesOf(label));
+  return append(RecordKind::kRemoved, label);
 }
 
 Result<void> StateFile::appendRemovedByClient(std::string_view label) {
-  return append(RecordKind::kRemovedByClient, bytesOf(label));
+  return append(RecordKind::kRemovedByClient, label);
 }
 
-Result<std::vector<std::uint8_t>> StateFile::makeStartRecord(std::string_view label,
-                                                             platform::Instant startedAt) {
+std::vector<std::uint8_t> StateFile::makeStartRecord(std::string_view label,
+                                                     platform::Instant startedAt) {
   StartFields fields;
   fields.startedAt = startedAt.time_since_epoch().count();
-  auto record = makeRecord(RecordKind::kStarted, startPayload(fields, label));
-  // Make sure of the space now: the process can't.
-  if (auto ready = makeReady(record.size()); !ready) return std::unexpected(ready.error());
-  return record;
+  return makeRecord(RecordKind::kStarted, startPayload(fields, label), boot_);
 }
 
-StartFields StateFile::countStart(std::span<const std::uint8_t> record) {
-  size_ += record.size();
+StartTicket StateFile::ticketFor(std::span<std::uint8_t> record, int* writeError) {
+  const auto ready = makeReady(record.size());
+  if (!ready) fallBehind(ready.error());
+  return {ready ? file_.get() : -1, record, writeError};
+}
+
+StartFields StateFile::countStart(std::span<const std::uint8_t> record, int writeError) {
+  if (writeError != 0) {
+    static_cast<void>(cutBackTo(size_));  // It may be there in part.
+    fallBehind(Error{ErrorCode::kExhausted, writeError, "writing " + path_});
+  } else if (file_ && !isBehind_) {
+    size_ += record.size();
+  }
   StartFields fields;
   std::memcpy(&fields, record.data() + sizeof(RecordHeader), sizeof fields);
   return fields;
 }
 
 Result<void> StateFile::cutBackTo(std::size_t mark) {
+  if (!file_) return {};
   isTorn_ = true;
   size_ = mark;
   if (retryOnInterrupt([&] { return ::ftruncate(file_.get(), static_cast<off_t>(mark)); }) != 0) {

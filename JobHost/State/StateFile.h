@@ -20,15 +20,15 @@ namespace jobhost {
 // boot, and atomically replaced by a shorter one when it has grown.
 //
 // A record is written by one write() before its operation is answered or executed. The started
-// process itself writes the record of a start. SIGKILL does not tear a write, so each record is in
-// the file or not. A full disk can tear one. Then the partial record is cut off and its operation
-// does not happen. If the host is killed before it cuts the record off, the torn tail still belongs
-// to an operation that was neither answered nor executed.
+// process itself writes the record of a start. A full disk can tear a record, and so can SIGKILL.
+// Each record says which boot it belongs to and carries a check, so damage costs no other record.
+// A file with damage is set aside, and its sound records are taken over.
 //
-// A file with a torn tail is set aside, and the records before it are taken over. A file with any
-// other fault is set aside and not trusted at all: it is from another boot, belongs to another
-// user, can be written by others, is a symbolic link or no regular file, has no header, or has a
-// record with a wrong check.
+// A file is set aside and not read if it belongs to another user, can be written by others, is a
+// symbolic link or no regular file, or is from another boot or pid namespace.
+//
+// If a record can't be written, the file is behind: it takes no further record until compact() has
+// replaced it. So what it says was true at one time.
 //
 // Nothing calls fsync(): the next boot could not use what a power failure would lose.
 class StateFile {
@@ -55,7 +55,7 @@ class StateFile {
 
   // Opens the state file in `folder` and reads it. If there is no valid one, nothing can be
   // appended until compact() has written a new one, and each append fails with the reason. A file
-  // with a torn record gets a second name as the one set aside, and goes on under its own name
+  // with damage gets a second name as the one set aside, and goes on under its own name
   // after compact() or repair(). `bootId` is that of the current boot.
   //
   // Takes a lock, so that no other host can open it. Waits, by `loop`, for another host to end, and
@@ -64,23 +64,28 @@ class StateFile {
   static platform::Result<Opened> open(const std::string& folder, std::string_view bootId,
                                        platform::RunLoop& loop);
 
-  // Whether records can be appended.
+  // Whether there is a file. It may be behind.
   bool isWritable() const { return static_cast<bool>(file_); }
+  bool isBehind() const { return isBehind_; }
+  const platform::Error& whyBehind() const { return whyNoFile_; }
 
   // Replaces the file by one with these contents. If that fails, the old file stays.
   platform::Result<void> compact(std::span<const StoredJob> jobs,
                                  const Labels& removedByClient = {});
-  // Whether there is no file, or one with many outdated records or little space left.
+  // Removes the file, for which a full disk has room. The next host finds nothing.
+  void discard();
+  // Whether there is no file, or one that is behind, has many outdated records or little space
+  // left.
   bool wantsCompaction() const;
 
-  // Cuts off a torn record, which takes no space on the disk. Each append does so first: a record
-  // after a torn one would make the whole file invalid.
+  // Cuts off a torn record, which takes no space on the disk. Each append does so first.
   platform::Result<void> repair();
 
   // The maximum size of a job in a compacted file, if its submission takes `submissionBytes`.
   static std::size_t costOf(std::string_view label, std::size_t submissionBytes);
 
-  // Each of the following appends one record, or fails and leaves the file as it was.
+  // Each of the following appends one record, or fails and leaves the file as it was. After a
+  // failure of any but a submission the file is behind.
 
   // Returns the record's size. kExhausted if the job would cost more than `mostCost`.
   platform::Result<std::size_t> appendSubmitted(JobOrigin origin, const platform::Value& dictionary,
@@ -92,12 +97,12 @@ class StateFile {
   platform::Result<void> appendRemovedByClient(std::string_view label);
 
   // Makes the record of a start at `startedAt`, which the process itself completes and appends.
-  // Fails if the file is torn and can't be repaired, and if it has no space left.
-  platform::Result<std::vector<std::uint8_t>> makeStartRecord(std::string_view label,
-                                                              platform::Instant startedAt);
-  StartTicket ticketFor(std::span<std::uint8_t> record) const { return {file_.get(), record}; }
-  // Accounts for the record, which the process has appended, and returns its fields.
-  StartFields countStart(std::span<const std::uint8_t> record);
+  std::vector<std::uint8_t> makeStartRecord(std::string_view label, platform::Instant startedAt);
+  // Without a file if the record can't be appended. `writeError` outlives the start.
+  StartTicket ticketFor(std::span<std::uint8_t> record, int* writeError = nullptr);
+  // Accounts for the record after its process was started, and returns its fields. `writeError` is
+  // that of its ticket.
+  StartFields countStart(std::span<const std::uint8_t> record, int writeError = 0);
 
   // Removes all records since mark(), also those of a process that then failed to start.
   std::size_t mark() const { return size_; }
@@ -107,19 +112,23 @@ class StateFile {
   StateFile() = default;
 
   platform::Result<void> replaceBy(std::span<const StoredJob> jobs, const Labels& removedByClient);
+  platform::Result<void> append(RecordKind kind, std::string_view label);
   platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
   platform::Result<void> appendRecord(std::span<const std::uint8_t> record);
   platform::Result<void> makeReady(std::size_t recordBytes);
+  void fallBehind(const platform::Error& why);
 
   std::string path_;
   std::string bootId_;
+  std::uint64_t boot_ = 0;  // its mark
   // Each started process shares it until it executes its program, so the next host can wait for
   // such processes.
   platform::UniqueFd lock_;
   platform::UniqueFd file_;
-  platform::Error whyNoFile_;  // while there is none
+  platform::Error whyNoFile_;  // while there is none, or while it is behind
   std::size_t size_ = 0;
   std::size_t compactedSize_ = 0;
+  bool isBehind_ = false;
   bool isTorn_ = false;        // the file is longer than `size_`
   bool isNamedTwice_ = false;  // the name of the file set aside is a link to this file
 };

@@ -36,26 +36,61 @@ TEST_F(StateFileTest, ARecordBeyondTheMaximumSizeIsRejected) {
   EXPECT_GT(before, StateFile::kMaximumBytes - (std::size_t{2} << 20));
   // The file is filled to the last byte, and not one more.
   const std::size_t left = StateFile::kMaximumBytes - before;
-  const std::string exact(left - sizeof(RecordHeader), 'x');
-  EXPECT_FALSE(file->appendRemoving(exact + "x"));
-  EXPECT_TRUE(file->appendRemoving(exact));
+  EXPECT_TRUE(file->appendRemoving(std::string(left - sizeof(RecordHeader), 'x')));
   EXPECT_EQ(file->mark(), StateFile::kMaximumBytes);
   EXPECT_FALSE(file->appendRemoving(""));
 }
 
-TEST_F(StateFileTest, AStartWithoutSpaceFailsBeforeThereIsAProcess) {
+TEST_F(StateFileTest, AStartBeyondTheMaximumSizeIsNotRecorded) {
   auto file = create();
-  const std::size_t needed = file->makeStartRecord("a", {})->size();
+  const std::size_t needed = file->makeStartRecord("a", {}).size();
   for (const std::size_t left : {needed + 1, needed, needed - 1}) {
     ASSERT_TRUE(file->compact({}));
     const std::size_t fill = StateFile::kMaximumBytes - file->mark() - left;
     ASSERT_TRUE(file->appendRemoving(std::string(fill - sizeof(RecordHeader), 'x')));
-    const auto record = file->makeStartRecord("a", {});
-    ASSERT_EQ(record.has_value(), left >= needed) << left;
-    if (!record) {
-      EXPECT_EQ(record.error().code, ErrorCode::kExhausted);
-    }
+    auto record = file->makeStartRecord("a", {});
+    EXPECT_EQ(file->ticketFor(record).file >= 0, left >= needed) << left;
+    EXPECT_EQ(file->isBehind(), left < needed) << left;
   }
+}
+
+TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordUntilItIsWrittenAnew) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  {
+    const platform::FullDisk disk(before.size() + 1);
+    EXPECT_FALSE(file->appendRemoving("a"));
+  }
+  EXPECT_TRUE(file->isBehind());
+  EXPECT_TRUE(file->wantsCompaction());
+  EXPECT_FALSE(file->appendRemoved("a"));
+  EXPECT_FALSE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+  auto record = file->makeStartRecord("a", {});
+  EXPECT_EQ(file->ticketFor(record).file, -1);
+  EXPECT_EQ(contents(), before);
+  ASSERT_TRUE(file->compact({}));
+  EXPECT_FALSE(file->isBehind());
+  EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+}
+
+TEST_F(StateFileTest, APartOfAStartThatCouldNotBeRecordedIsCutOff) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  const std::string before = contents();
+  auto record = file->makeStartRecord("a", {});
+  const StartTicket ticket = file->ticketFor(record);
+  ASSERT_EQ(::write(ticket.file, record.data(), 10), 10);
+  file->countStart(record, ENOSPC);
+  EXPECT_TRUE(file->isBehind());
+  EXPECT_EQ(contents(), before);
+}
+
+TEST_F(StateFileTest, ADiscardedFileIsGone) {
+  auto file = create();
+  file->discard();
+  EXPECT_NE(::access(path_.c_str(), F_OK), 0);
+  EXPECT_FALSE(file->isWritable());
 }
 
 TEST_F(StateFileTest, AJobBeyondTheRemainingCostIsRejected) {
@@ -134,7 +169,8 @@ TEST_F(StateFileTest, WithoutAFileEachRecordFailsWithTheReason) {
       EXPECT_EQ(refused.error().code, ErrorCode::kExhausted);
       EXPECT_EQ(platform::describe(refused.error()),
                 "writing " + path_ + ".new: " + std::strerror(ENOSPC));
-      EXPECT_FALSE(file.makeStartRecord("a", {}));
+      auto record = file.makeStartRecord("a", {});
+      EXPECT_EQ(file.ticketFor(record).file, -1);
       EXPECT_FALSE(file.appendRemoving("a"));
       EXPECT_EQ(::access((path_ + ".new").c_str(), F_OK), -1);
     }

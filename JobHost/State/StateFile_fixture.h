@@ -43,12 +43,11 @@ class StateFileTest : public testing::Test {
   StartFields start(StateFile& file, std::string_view label, std::int32_t process,
                     platform::Instant at = {}) {
     auto record = file.makeStartRecord(label, at);
-    EXPECT_TRUE(record);
-    const StartTicket ticket = file.ticketFor(*record);
+    const StartTicket ticket = file.ticketFor(record);
     completeStartRecord(ticket.record.data(), process, 77, 88);
     EXPECT_EQ(::write(ticket.file, ticket.record.data(), ticket.record.size()),
               static_cast<ssize_t>(ticket.record.size()));
-    return file.countStart(*record);
+    return file.countStart(record);
   }
 
   std::string contents() const {

@@ -1,5 +1,6 @@
 #include "JobHost/State/StateFile.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <gmock/gmock.h>
@@ -137,10 +138,13 @@ TEST_F(StateFileTest, AFileThatEndsInsideItsHeaderIsNotTrusted) {
   }
 }
 
-TEST_F(StateFileTest, AChangedByteIsNeverTrusted) {
+TEST_F(StateFileTest, AChangedByteCostsOneRecordAtMost) {
   auto file = create();
-  for (const char* label : {"a", "b"}) {
+  const std::size_t header = file->mark();
+  std::vector<std::size_t> ends;
+  for (const char* label : {"a", "b", "c"}) {
     ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed(label)));
+    ends.push_back(file->mark());
   }
   file.reset();
   const std::string whole = contents();
@@ -149,11 +153,40 @@ TEST_F(StateFileTest, AChangedByteIsNeverTrusted) {
     changed[i] = static_cast<char>(changed[i] ^ 0x40);
     put(changed);
     const auto opened = open();
-    EXPECT_EQ(opened.warnings.size(), 1) << i;
-    // A size beyond the end looks like a torn record, and the records before it count.
+    ASSERT_EQ(opened.warnings.size(), 1) << i;
+    std::vector<std::string> expected{"a", "b", "c"};
+    if (i >= header) {
+      expected.erase(expected.begin() + (std::ranges::upper_bound(ends, i) - ends.begin()));
+    }
+    EXPECT_EQ(labelsOf(opened.jobs), expected) << i;
     for (const StoredJob& job : opened.jobs) EXPECT_EQ(job.dictionary, jobNamed(job.label));
-    EXPECT_LT(opened.jobs.size(), 2) << i;
+    EXPECT_THAT(opened.warnings[0], HasSubstr(i < ends[1] ? "damaged; the sound" : "torn")) << i;
   }
+}
+
+TEST_F(StateFileTest, AProcessWhoseSubmissionIsLostIsKept) {
+  auto file = create();
+  const std::size_t before = file->mark();
+  for (const char* label : {"runs", "ended"}) {
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed(label)));
+  }
+  const std::size_t after = file->mark();
+  const StartFields started = start(*file, "runs", 123);
+  start(*file, "ended", 124);
+  ASSERT_TRUE(file->appendEnded("ended", std::nullopt));
+  file.reset();
+  std::string changed = contents();
+  std::fill(changed.begin() + static_cast<std::ptrdiff_t>(before),
+            changed.begin() + static_cast<std::ptrdiff_t>(after), '\0');
+  put(changed);
+  const auto opened = open();
+  ASSERT_THAT(labelsOf(opened.jobs), ElementsAre("runs"));
+  EXPECT_EQ(opened.jobs[0].lastStart, started);
+  EXPECT_EQ(opened.jobs[0].dictionary, StoredJob::lostDefinition("runs"));
+  ASSERT_EQ(opened.warnings.size(), 1);
+  EXPECT_THAT(opened.warnings[0], HasSubstr(std::to_string(after - before) + " bytes from byte " +
+                                            std::to_string(before) + " on are damaged"));
+  EXPECT_THAT(opened.warnings[0], HasSubstr("lost is the definition of \"ended\", \"runs\""));
 }
 
 TEST_F(StateFileTest, AFileOfAnotherBootIsSetAside) {

@@ -24,7 +24,7 @@ using Bytes = std::vector<std::uint8_t>;
 using View = std::span<const std::uint8_t>;
 
 // Contains the version of the format.
-constexpr std::string_view kMagic = "vantorjobs 1\n";
+constexpr std::string_view kMagic = "vantorjobs 2\n";
 
 template <typename Fields>
 void add(Bytes& bytes, const Fields& fields) {
@@ -48,11 +48,11 @@ Fields take(View& bytes) {
 
 std::string textOf(View bytes) { return {bytes.begin(), bytes.end()}; }
 
-// Replays the records in their order. Each function returns the fault of its record, or an empty
-// text.
+// Replays the records in their order. Each function returns whether its record makes sense. A
+// record of an unknown job does: the job's submission was lost.
 class Replay {
  public:
-  std::string_view play(RecordKind kind, View payload) {
+  bool play(RecordKind kind, View payload) {
     switch (kind) {
       case RecordKind::kSubmitted:
         return submitted(payload);
@@ -67,87 +67,99 @@ class Replay {
       case RecordKind::kRemovedByClient:
         return removedByClient(payload);
     }
-    return "a record of an unknown kind";
+    return false;
   }
 
   StateContents contents() && {
     StateContents result;
-    for (auto& [number, job] : jobs_) result.jobs.push_back(std::move(job));
+    for (auto& [number, job] : jobs_) {
+      // Nothing but its process says anything about a job without a definition.
+      if (job.runs || !lostDefinitions_.contains(job.label)) result.jobs.push_back(std::move(job));
+    }
+    result.lostDefinitions = std::move(lostDefinitions_);
     result.removedByClient = std::move(removedByClient_);
     return result;
   }
 
  private:
-  static constexpr std::string_view kUnknownJob = "a record of a job that was never submitted";
-
   StoredJob* find(View label) {
     const auto found = numbers_.find(textOf(label));
     return found == numbers_.end() ? nullptr : &jobs_[found->second];
   }
 
-  std::string_view submitted(View payload) {
-    if (payload.empty()) return "a submission without an origin";
+  StoredJob& add(const std::string& label) {
+    const auto [place, isNew] = numbers_.try_emplace(label, next_);
+    if (isNew) ++next_;
+    StoredJob& job = jobs_[place->second];
+    job.label = label;
+    return job;
+  }
+
+  bool submitted(View payload) {
+    if (payload.empty()) return false;
     const auto origin = static_cast<JobOrigin>(payload.front());
     if (origin != JobOrigin::kLoaded && origin != JobOrigin::kSubmitted) {
-      return "a submission of an unknown origin";
+      return false;
     }
     auto dictionary = platform::readPropertyList(payload.subspan(1), "");
     const std::string* label = dictionary ? (*dictionary)["Label"].string() : nullptr;
-    if (!label) return "a submission without a label";
-    const auto [place, isNew] = numbers_.try_emplace(*label, next_);
-    if (isNew) ++next_;
-    StoredJob& job = jobs_[place->second];
-    if (!isNew && isReplacedByClient(job.origin, origin)) removedByClient_.insert(*label);
-    job.label = *label;
+    if (!label) return false;
+    const bool isKnown = numbers_.contains(*label) && !lostDefinitions_.contains(*label);
+    StoredJob& job = add(*label);
+    if (isKnown && isReplacedByClient(job.origin, origin)) removedByClient_.insert(*label);
+    lostDefinitions_.erase(*label);
     job.origin = origin;
     job.dictionary = *std::move(dictionary);
     job.submissionBytes = sizeof(RecordHeader) + payload.size();
-    return {};
+    return true;
   }
 
-  std::string_view started(View payload) {
-    if (payload.size() < sizeof(StartFields)) return "a start without a process";
+  bool started(View payload) {
+    if (payload.size() <= sizeof(StartFields)) return false;
     const auto fields = take<StartFields>(payload);
-    StoredJob* const job = find(payload);
-    if (!job) return kUnknownJob;
-    if (fields.process <= 0) return "a start without a process";
+    if (fields.process <= 0) return false;
+    StoredJob* job = find(payload);
+    if (!job) {
+      job = &add(textOf(payload));
+      job->dictionary = StoredJob::lostDefinition(job->label);
+      lostDefinitions_.insert(job->label);
+    }
     job->lastStart = fields;
     job->runs = true;
-    return {};
+    return true;
   }
 
-  std::string_view ended(View payload) {
-    if (payload.size() < sizeof(EndFields)) return "an end without a status";
+  bool ended(View payload) {
+    if (payload.size() < sizeof(EndFields)) return false;
     const auto fields = take<EndFields>(payload);
-    StoredJob* const job = find(payload);
-    if (!job) return kUnknownJob;
-    job->runs = false;
-    job->lastEnd = fields.isKnown != 0 ? Ending(processEndOf(fields.waitStatus)) : Ending();
-    return {};
+    if (StoredJob* const job = find(payload)) {
+      job->runs = false;
+      job->lastEnd = fields.isKnown != 0 ? Ending(processEndOf(fields.waitStatus)) : Ending();
+    }
+    return true;
   }
 
-  std::string_view removing(View payload) {
-    StoredJob* const job = find(payload);
-    if (!job) return kUnknownJob;
-    job->isBeingRemoved = true;
-    return {};
+  bool removing(View payload) {
+    if (StoredJob* const job = find(payload)) job->isBeingRemoved = true;
+    return true;
   }
 
-  std::string_view removed(View payload) {
+  bool removed(View payload) {
     const auto found = numbers_.find(textOf(payload));
-    if (found == numbers_.end()) return kUnknownJob;
+    if (found == numbers_.end()) return true;
+    lostDefinitions_.erase(found->first);
     jobs_.erase(found->second);
     numbers_.erase(found);
-    return {};
+    return true;
   }
 
-  std::string_view removedByClient(View payload) {
-    if (payload.empty()) return "a dismissal without a label";
+  bool removedByClient(View payload) {
+    if (payload.empty()) return false;
     removedByClient_.insert(textOf(payload));
-    if (StoredJob* const job = find(payload)) job->isBeingRemoved = true;
-    return {};
+    return removing(payload);
   }
 
+  Labels lostDefinitions_;
   Labels removedByClient_;
   std::map<std::string, std::size_t> numbers_;
   std::map<std::size_t, StoredJob> jobs_;
@@ -157,6 +169,38 @@ class Replay {
 // The part of a header before the pid namespace.
 View beforeNamespace(View header) {
   return header.first(static_cast<std::size_t>(std::ranges::find(header, '/') - header.begin()));
+}
+
+// The reason why a file without a record of this boot is not one of this boot.
+std::string_view faultOf(View bytes, View expected) {
+  if (bytes.empty()) return "it is empty";
+  if (!std::ranges::equal(bytes.first(std::min(kMagic.size(), bytes.size())), kMagic)) {
+    return "it is no state file of jobs";
+  }
+  const View boot = beforeNamespace(expected);
+  const View rest = bytes.subspan(std::min(boot.size(), bytes.size()));
+  const bool isThisBoot = std::ranges::equal(bytes.first(bytes.size() - rest.size()), boot) &&
+                          std::ranges::find(rest, '\n') != rest.end();
+  return isThisBoot ? "it is from another pid namespace" : "it is not from this boot";
+}
+
+// The size of the sound record at the beginning of `bytes`, 0 if there is none.
+std::size_t soundRecordSize(View bytes, std::uint64_t boot) {
+  if (bytes.size() < sizeof(RecordHeader)) return 0;
+  View payload = bytes;
+  const auto header = take<RecordHeader>(payload);
+  if (header.boot != boot || header.size > payload.size()) return 0;
+  return header.check == recordCheck(header, payload.data()) ? sizeof header + header.size : 0;
+}
+
+// The place of the next sound record after the first byte, or the size of `bytes`.
+std::size_t nextSoundRecord(View bytes, std::uint64_t boot) {
+  const auto mark = std::bit_cast<std::array<std::uint8_t, sizeof boot>>(boot);
+  for (auto from = bytes.begin() + 1;; ++from) {
+    from = std::search(from, bytes.end(), mark.begin(), mark.end());
+    const auto place = static_cast<std::size_t>(from - bytes.begin());
+    if (from == bytes.end() || soundRecordSize(bytes.subspan(place), boot) > 0) return place;
+  }
 }
 
 }  // namespace
@@ -183,9 +227,13 @@ Bytes stateFileHeader(std::string_view bootId) {
   return bytes;
 }
 
-Bytes makeRecord(RecordKind kind, View payload) {
-  RecordHeader header{static_cast<std::uint32_t>(payload.size()), static_cast<std::uint32_t>(kind),
-                      0};
+std::uint64_t bootMark(std::string_view bootId) {
+  return hashOn(kEmptyHash, reinterpret_cast<const std::uint8_t*>(bootId.data()), bootId.size());
+}
+
+Bytes makeRecord(RecordKind kind, View payload, std::uint64_t boot) {
+  RecordHeader header{boot, static_cast<std::uint32_t>(payload.size()),
+                      static_cast<std::uint32_t>(kind), 0};
   header.check = recordCheck(header, payload.data());
   Bytes bytes;
   bytes.reserve(sizeof header + payload.size());
@@ -220,42 +268,41 @@ Bytes endPayload(const Ending& ending, std::string_view label) {
 }
 
 Result<StateContents> readState(View bytes, std::string_view bootId) {
-  const std::size_t total = bytes.size();
-  const auto invalid = [&](std::string_view why, View rest) {
-    return std::unexpected(
-        Error{ErrorCode::kInvalid, 0, fmt::format("at byte {}: {}", total - rest.size(), why)});
-  };
-  if (bytes.empty()) return invalid("it is empty", bytes);
+  const std::uint64_t boot = bootMark(bootId);
   const Bytes expected = stateFileHeader(bootId);
-  const auto magic = bytes.first(std::min(kMagic.size(), total));
-  if (!std::ranges::equal(magic, kMagic)) return invalid("it is no state file of jobs", bytes);
-  if (total < expected.size() || !std::ranges::equal(bytes.first(expected.size()), expected)) {
-    const View boot = beforeNamespace(expected);
-    const View rest = bytes.subspan(std::min(boot.size(), total));
-    const bool isThisBoot = std::ranges::equal(bytes.first(total - rest.size()), boot) &&
-                            std::ranges::find(rest, '\n') != rest.end();
-    return invalid(isThisBoot ? "it is from another pid namespace" : "it is not from this boot",
-                   bytes);
-  }
+  const bool hasHeader =
+      bytes.size() >= expected.size() && std::ranges::equal(bytes.first(expected.size()), expected);
   Replay replay;
-  View rest = bytes.subspan(expected.size());
-  while (rest.size() >= sizeof(RecordHeader)) {
-    View behind = rest;
-    const auto header = take<RecordHeader>(behind);
-    if (header.size > behind.size()) break;
-    const View payload = behind.first(header.size);
-    if (header.check != recordCheck(header, payload.data())) {
-      return invalid("a record that does not check", rest);
+  StateContents damage;
+  const auto skip = [&](View rest, std::size_t size) {
+    if (damage.damagedBytes == 0) damage.firstDamage = bytes.size() - rest.size();
+    damage.damagedBytes += size;
+    return rest.subspan(size);
+  };
+  std::size_t wholeBytes = hasHeader ? expected.size() : 0;
+  for (View rest = bytes.subspan(wholeBytes); !rest.empty();) {
+    const std::size_t size = soundRecordSize(rest, boot);
+    if (size == 0) {
+      const std::size_t next = nextSoundRecord(rest, boot);
+      if (next == rest.size()) break;
+      rest = skip(rest, next);
+      continue;
     }
-    if (const auto fault = replay.play(static_cast<RecordKind>(header.kind), payload);
-        !fault.empty()) {
-      return invalid(fault, rest);
-    }
-    rest = behind.subspan(header.size);
+    View payload = rest.first(size);
+    const auto header = take<RecordHeader>(payload);
+    const bool makesSense = replay.play(static_cast<RecordKind>(header.kind), payload);
+    rest = makesSense ? rest.subspan(size) : skip(rest, size);
+    wholeBytes = bytes.size() - rest.size();
+  }
+  if (wholeBytes == 0) {
+    return std::unexpected(
+        Error{ErrorCode::kInvalid, 0, fmt::format("at byte 0: {}", faultOf(bytes, expected))});
   }
   StateContents contents = std::move(replay).contents();
-  contents.isTorn = !rest.empty();
-  contents.wholeBytes = total - rest.size();
+  contents.isTorn = wholeBytes < bytes.size();
+  contents.wholeBytes = wholeBytes;
+  contents.damagedBytes = damage.damagedBytes;
+  contents.firstDamage = damage.firstDamage;
   return contents;
 }
 

@@ -17,8 +17,11 @@ namespace jobhost {
 // takes it over.
 std::vector<std::uint8_t> stateFileHeader(std::string_view bootId);
 
-// The bytes of a record with its header and check.
-std::vector<std::uint8_t> makeRecord(RecordKind kind, std::span<const std::uint8_t> payload);
+std::uint64_t bootMark(std::string_view bootId);
+
+// The bytes of a record with its header and check. `boot` is a bootMark().
+std::vector<std::uint8_t> makeRecord(RecordKind kind, std::span<const std::uint8_t> payload,
+                                     std::uint64_t boot = 0);
 
 // The payloads. kInvalid for a dictionary that no property list can hold.
 platform::Result<std::vector<std::uint8_t>> submittedPayload(JobOrigin origin,
@@ -29,12 +32,17 @@ std::vector<std::uint8_t> endPayload(const Ending& ending, std::string_view labe
 struct StateContents {
   std::vector<StoredJob> jobs;  // in the order of their submission
   Labels removedByClient;
-  bool isTorn = false;         // the last record is incomplete and ignored
+  bool isTorn = false;         // no sound record follows the place where the last one ends
   std::size_t wholeBytes = 0;  // the file's size without a torn record
+  // Bytes between sound records, the place of the first, and the labels of the jobs whose
+  // submission must have been there. Such a job is in `jobs` if it has a process.
+  std::size_t damagedBytes = 0;
+  std::size_t firstDamage = 0;
+  Labels lostDefinitions;
 };
 
-// Reads the bytes of a state file. kInvalid, with the reason and the place, if they are not one of
-// this boot.
+// Reads the bytes of a state file. Damage costs only the records that it hits. kInvalid, with the
+// reason and the place, if no record is of this boot and the file does not begin as one of it.
 platform::Result<StateContents> readState(std::span<const std::uint8_t> bytes,
                                           std::string_view bootId);
 

@@ -25,6 +25,7 @@ std::uint64_t hashOn(std::uint64_t hash, const std::uint8_t* bytes, std::size_t 
 
 std::uint64_t recordCheck(const RecordHeader& header, const std::uint8_t* payload) {
   std::uint64_t check = kEmptyHash;
+  check = hashOn(check, reinterpret_cast<const std::uint8_t*>(&header.boot), sizeof header.boot);
   check = hashOn(check, reinterpret_cast<const std::uint8_t*>(&header.size), sizeof header.size);
   check = hashOn(check, reinterpret_cast<const std::uint8_t*>(&header.kind), sizeof header.kind);
   return hashOn(check, payload, header.size);

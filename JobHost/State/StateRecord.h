@@ -8,6 +8,9 @@ namespace jobhost {
 // A record in the state file: this header, then `size` bytes. It has the machine's own byte order,
 // since no record outlives its boot.
 struct RecordHeader {
+  // bootMark() of the boot and pid namespace that the record belongs to. The same bytes in front of
+  // every record also let a reader find the next one behind a damaged one.
+  std::uint64_t boot = 0;
   std::uint32_t size = 0;
   std::uint32_t kind = 0;  // a RecordKind
   std::uint64_t check = 0;

@@ -51,6 +51,11 @@ struct StoredJob {
   bool runs = false;              // the last start has no end
   std::optional<Ending> lastEnd;  // absent before the first end
   bool isBeingRemoved = false;
+
+  // The dictionary of a job whose submission can't be read any more: its label alone.
+  static platform::Value lostDefinition(const std::string& label) {
+    return platform::Dictionary{{"Label", label}};
+  }
 };
 
 // The wait status for "LastExitStatus".

@@ -130,9 +130,9 @@ TEST_P(JobsContract, ARemovalWithoutWaitingLeavesTheProcessItsTime) {
 }
 
 TEST_P(JobsContract, ARemovedJobCanBeSubmittedAgain) {
-  submit(job(machine_->program()));
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   EXPECT_TRUE(remove());
-  submit(job(machine_->program()));
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   EXPECT_TRUE(machine_->isRunning(process()));
   EXPECT_TRUE(copy()["LastExitStatus"].isNil());
 }

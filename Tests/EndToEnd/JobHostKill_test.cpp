@@ -89,14 +89,16 @@ TEST_F(JobHostKill, AtEverySystemCallOfAnExit) {
 }
 
 TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
-  const std::string extra = label(kJobs);
-  // The throttle is long, so that it is not restarted meanwhile and killed at the same call.
-  const std::string order = "submit " + extra + " 1000";
+  // The throttle is long, so that it is not restarted meanwhile and killed at the same call. It
+  // belongs to the label, so each job has another one.
+  int number = kJobs;
+  std::string extra = label(number);
+  const auto order = [&] { return "submit " + extra + " 1000"; };
   const std::string trace = root_.path("trace");
   ProcessId process = 0;
   {
     const Tracer tracer(host_->process(), {"-f"}, trace);
-    host_->send(order);
+    host_->send(order());
     ASSERT_EQ(host_->nextLine(), "done");
     process = list()[extra];
   }
@@ -109,12 +111,13 @@ TEST_F(JobHostKill, AtEverySystemCallOfANewProcess) {
   std::vector<Call> killed;
   for (const Call& call : calls) {
     SCOPED_TRACE("killed at call " + std::to_string(call.number) + " of " + call.name);
+    extra = label(++number);
     std::vector<std::string> options = call.killThere();
     options.push_back("-f");
     std::optional<std::string> answer;
     {
       const Tracer tracer(host_->process(), options);
-      host_->send(order);
+      host_->send(order());
       answer = host_->nextLineIfAny();
     }
     const bool isRefused = answer && answer->starts_with("refused");

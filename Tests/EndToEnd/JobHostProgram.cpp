@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Logging/StandardErrorLogSink.h"
@@ -79,7 +80,7 @@ int main(int argc, char** argv) {
   if (!loop) fail(loop.error());
   platform::StandardErrorLogSink sink;
   platform::SystemLog log(sink, "job_host_program", platform::ASL_LEVEL_WARNING);
-  auto processes = LinuxProcesses::create(**loop, 1024);
+  auto processes = LinuxProcesses::create(**loop, 1024, hostMark(argv[1], *readBootId()));
   if (!processes) fail(processes.error());
   JobHostOptions options;
   options.root = argv[1];

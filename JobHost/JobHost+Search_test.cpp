@@ -1,0 +1,172 @@
+// Processes that a host finds by their marks.
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "JobHost/JobHostFixture_contract.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Value;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class JobHostSearch : public JobHostTest {
+ protected:
+  const std::string state_ = root_.path("run/vantor/launchd.state");
+
+  void restartWithoutState() {
+    killHost();
+    ASSERT_EQ(::unlink(state_.c_str()), 0);
+    startHost();
+    loop_.runReady();
+  }
+  void writeDaemon(const std::string& label) {
+    root_.write("Library/LaunchDaemons/" + label + ".plist",
+                "<plist><dict><key>Label</key><string>" + label +
+                    "</string><key>Program</key><string>/bin/true</string><key>KeepAlive</key>"
+                    "<true/></dict></plist>");
+  }
+};
+
+TEST_F(JobHostSearch, ProcessesWithoutAStateFileAreKeptAndNotStartedTwice) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  for (int i = 0; i < 2; ++i) {
+    restartWithoutState();
+    EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b"));
+    EXPECT_EQ(pid("com.example.a"), Value(101));
+    EXPECT_EQ(pid("com.example.b"), Value(102));
+    restartHost();  // With what that host has written.
+    EXPECT_EQ(pid("com.example.a"), Value(101));
+  }
+  EXPECT_EQ(sink_.count("its definition is lost"), 4);
+  EXPECT_EQ(starts(), 2);
+  EXPECT_TRUE(removeLater("com.example.a")->value());
+  EXPECT_FALSE(processes_.isAlive(101));
+}
+
+TEST_F(JobHostSearch, ADaemonGetsItsLostDefinitionFromItsFile) {
+  killHost();
+  writeDaemon("com.example.daemon");
+  startHost();
+  loop_.runReady();
+  loop_.advanceBy(20s);
+  restartWithoutState();
+  EXPECT_EQ(pid("com.example.daemon"), Value(101));
+  EXPECT_EQ(host_->copy("com.example.daemon")["Program"], Value("/bin/true"));
+  endLast();
+  EXPECT_EQ(pid("com.example.daemon"), Value(102));
+}
+
+TEST_F(JobHostSearch, AJobWithoutADefinitionIsForgottenWhenItsProcessEnds) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  restartWithoutState();
+  endLast();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a"));
+  killHost();
+  processes_.end(101);
+  startHost();
+  loop_.runReady();
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobHostSearch, ASubmissionGivesAJobItsDefinitionAgain) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(20s);
+  restartWithoutState();
+  ASSERT_TRUE(submit(job("com.example.a", {{"Program", "/bin/false"}})));
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  endLast();
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+  EXPECT_EQ(processes_.started.back().program, "/bin/false");
+}
+
+TEST_F(JobHostSearch, AProcessThatTheStateFileDoesNotKnowIsItsJobs) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(20s);
+  killHost();
+  const std::string before = platform::contentOfFile(state_);
+  startHost();
+  endLast();
+  ASSERT_EQ(pid("com.example.a"), Value(102));
+  killHost();
+  root_.write("run/vantor/launchd.state", before);  // It says that process 101 runs.
+  ASSERT_EQ(::chmod(state_.c_str(), 0600), 0);
+  startHost();
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostSearch, WhatBelongsToNoJobIsKilled) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const auto descendant = processes_.addDescendant(101);
+  killHost();
+  processes_.end(101);
+  ASSERT_EQ(::unlink(state_.c_str()), 0);
+  startHost();
+  EXPECT_FALSE(processes_.isAlive(descendant));
+  EXPECT_EQ(sink_.count("belongs to no job any more, and is killed"), 1);
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobHostSearch, ARemovalEndsWhatHasLeftTheGroup) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  const auto descendant = processes_.addDescendant(101);
+  const auto other = processes_.addDescendant(102);
+  ASSERT_TRUE(removeLater("com.example.a"));
+  EXPECT_FALSE(processes_.isAlive(descendant));
+  EXPECT_TRUE(processes_.isAlive(other));
+  loop_.advanceBy(20ms);
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.b"));
+}
+
+TEST_F(JobHostSearch, WhatHasLeftTheGroupIsKilledAfterTheExitTimeOut) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const auto descendant = processes_.addDescendant(101);
+  processes_.obeysTermination = false;
+  const Answer answer = removeLater("com.example.a");
+  endLast();
+  loop_.advanceBy(20s - 1ns);
+  EXPECT_TRUE(processes_.isAlive(descendant));
+  EXPECT_FALSE(*answer);
+  loop_.advanceBy(20ms);
+  EXPECT_FALSE(processes_.isAlive(descendant));
+  EXPECT_TRUE(*answer);
+}
+
+TEST_F(JobHostSearch, ASearchThatFailsIsRepeated) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  processes_.searchFailure = platform::Error{platform::ErrorCode::kExhausted, EMFILE, "searching"};
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(1s);
+  EXPECT_FALSE(*answer);
+  processes_.searchFailure.reset();
+  loop_.advanceBy(20ms);
+  EXPECT_TRUE(*answer);
+}
+
+TEST_F(JobHostSearch, RemovalsThatWaitTogetherShareOneSearch) {
+  constexpr int kMany = 50;
+  for (int i = 0; i < kMany; ++i) ASSERT_TRUE(submit(job("com.example." + std::to_string(i))));
+  const int before = processes_.searches;
+  bool isStopped = false;
+  host_->shutDown([&] { isStopped = true; });
+  loop_.runReady();
+  EXPECT_TRUE(isStopped);
+  EXPECT_LT(processes_.searches - before, 3);
+}
+
+}  // namespace
+}  // namespace jobhost

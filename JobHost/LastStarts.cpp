@@ -1,0 +1,20 @@
+#include "JobHost/LastStarts.h"
+
+namespace jobhost {
+
+void LastStarts::keep(const Job& job, platform::Instant earliestStart, platform::Instant now) {
+  std::erase_if(entries_, [&](const auto& entry) { return entry.second.until <= now; });
+  if (!job.lastTry || earliestStart <= now || entries_.size() >= kMaximumLabels) return;
+  entries_[job.label] = {*job.lastTry, earliestStart, job.shortRuns, job.pausedUntil};
+}
+
+void LastStarts::giveTo(Job& job) {
+  const auto node = entries_.extract(job.label);
+  if (!node) return;
+  const Entry& entry = node.mapped();
+  job.lastTry = entry.lastTry;
+  job.shortRuns = entry.shortRuns;
+  job.pausedUntil = entry.pausedUntil;
+}
+
+}  // namespace jobhost

@@ -1,0 +1,73 @@
+#include "JobHost/Processes/LinuxMarkedProcess.h"
+
+extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
+#include <sys/pidfd.h>
+}
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include "JobHost/Processes/JobMark.h"
+#include "JobHost/Processes/ProcessTable.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+
+namespace jobhost {
+
+using platform::Error;
+using platform::ErrorCode;
+using platform::Result;
+using platform::UniqueFd;
+
+Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view number,
+                                                                const std::string& stat,
+                                                                std::uint64_t host,
+                                                                const Processes::Wanted& isWanted) {
+  const auto membership = membershipIn(stat);
+  if (!membership) return nullptr;
+  const auto mark = readJobMark(number);
+  if (!mark || mark->host != host) return nullptr;
+  StartFields identity;
+  std::from_chars(number.data(), number.data() + number.size(), identity.process);
+  identity.startTicks = startTicksIn(stat.data(), stat.size());
+  identity.startedAt = mark->startedAt;
+  if (!isWanted({mark->label, identity.process, static_cast<platform::ProcessId>(membership->group),
+                 mark->leader, identity.startTicks})) {
+    return nullptr;
+  }
+  UniqueFd pidfd(::pidfd_open(identity.process, 0));
+  if (!pidfd && platform::isShortage(errno)) {
+    return std::unexpected(Error{ErrorCode::kExhausted, errno, "pidfd_open"});
+  }
+  // The number may have changed hands before the pidfd was opened.
+  const auto now = pidfd ? statOf(number) : std::nullopt;
+  struct stat status{};
+  if (!now || startTicksIn(now->data(), now->size()) != identity.startTicks ||
+      ::fstat(pidfd.get(), &status) != 0) {
+    return nullptr;
+  }
+  if (pidfdsAreUnique()) identity.pidfdInode = status.st_ino;
+  return std::make_unique<LinuxMarkedProcess>(mark->label, identity,
+                                              mark->leader == identity.process, std::move(pidfd));
+}
+
+bool LinuxMarkedProcess::hasEnded() const {
+  pollfd entry{pidfd_.get(), POLLIN, 0};
+  return ::poll(&entry, 1, 0) > 0;
+}
+
+Result<void> LinuxMarkedProcess::signal(int signal) {
+  int result = ::pidfd_send_signal(pidfd_.get(), signal, nullptr, 0);
+  if (result == 0 && signal == SIGTERM) {
+    result = ::pidfd_send_signal(pidfd_.get(), SIGCONT, nullptr, 0);
+  }
+  if (result == 0 || errno == ESRCH) return {};
+  return std::unexpected(
+      platform::systemError(fmt::format("signalling process {}", identity_.process)));
+}
+
+}  // namespace jobhost
