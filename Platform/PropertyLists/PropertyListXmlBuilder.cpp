@@ -13,22 +13,13 @@
 namespace platform {
 namespace {
 
-using Problem = PropertyListXmlBuilder::Problem;
-using Place = PropertyListXmlBuilder::Place;
-
-Problem atTag(std::size_t tag, std::string text) {
-  return {ErrorCode::kInvalid, {tag, Place::At::kTag}, std::move(text)};
+PropertyListXmlBuilder::Problem at(std::size_t offset, std::string text) {
+  return {ErrorCode::kInvalid, offset, std::move(text)};
 }
 
-Problem atContent(std::size_t tag, std::string text) {
-  return {ErrorCode::kInvalid, {tag, Place::At::kContent}, std::move(text)};
+PropertyListXmlBuilder::Problem overLimitAt(std::size_t offset, std::string text) {
+  return {ErrorCode::kExhausted, offset, std::move(text)};
 }
-
-Problem overLimitAtTag(std::size_t tag, std::string text) {
-  return {ErrorCode::kExhausted, {tag, Place::At::kTag}, std::move(text)};
-}
-
-bool isBlank(std::string_view text) { return withoutSurroundingWhiteSpace(text).empty(); }
 
 // Describes the fault of a number or date: `whatIsExpected` for a malformed one.
 std::string describeScalar(ScalarProblem problem, std::string_view text,
@@ -94,74 +85,73 @@ std::string_view PropertyListXmlBuilder::nameOf(Element element) {
   return "";
 }
 
-PropertyListXmlBuilder::Step PropertyListXmlBuilder::startElement(std::string_view name,
-                                                                  const Attributes& attributes,
-                                                                  bool isEmptyTag) {
-  const std::size_t tag = tags_++;
+PropertyListXmlBuilder::Step PropertyListXmlBuilder::startElement(std::size_t tag,
+                                                                  std::string_view name,
+                                                                  const Attributes& attributes) {
   const std::optional<Element> element = elementNamed(name);
-  if (!inPropertyList_) return startPropertyList(element, name, attributes);
+  if (!inPropertyList_) return startPropertyList(tag, element, name, attributes);
   if (leaf_) {
     const std::string_view outer = nameOf(leaf_->element);
-    return atTag(
-        tag, fmt::format("<{}> inside <{}>, expected </{}>", shownInMessage(name), outer, outer));
+    return at(tag,
+              fmt::format("<{}> inside <{}>, expected </{}>", shownInMessage(name), outer, outer));
   }
   if (!element || *element == Element::kPropertyList) {
-    return atTag(tag, fmt::format("unexpected element <{}>, expected dict, array, string, integer, "
-                                  "real, true, false, date, data or key",
-                                  shownInMessage(name)));
+    return at(tag, fmt::format("unexpected element <{}>, expected dict, array, string, integer, "
+                               "real, true, false, date, data or key",
+                               shownInMessage(name)));
   }
   if (attributes.unknown || attributes.version) {
-    return atTag(tag, fmt::format("<{}> has an attribute, expected none", name));
+    return at(tag, fmt::format("<{}> has an attribute, expected none", name));
   }
   if (Step problem = checkMayStandHere(*element, tag)) return problem;
   if (++nodes_ > kMaxPropertyListNodes) {
-    return overLimitAtTag(tag, fmt::format("more than {} values and keys", kMaxPropertyListNodes));
+    return overLimitAt(tag, fmt::format("more than {} values and keys", kMaxPropertyListNodes));
   }
   if (*element == Element::kArray || *element == Element::kDictionary) {
-    Step problem = openCollection(*element == Element::kDictionary, tag);
-    return problem || !isEmptyTag ? problem : closeCollection();
+    return openCollection(*element == Element::kDictionary, tag);
   }
-  leaf_ = Leaf{*element, tag};
+  leaf_ = Leaf{*element, tag, std::nullopt};
   text_.clear();
-  return isEmptyTag ? finishLeaf() : std::nullopt;
+  return std::nullopt;
 }
 
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::startPropertyList(
-    std::optional<Element> element, std::string_view name, const Attributes& attributes) {
+    std::size_t tag, std::optional<Element> element, std::string_view name,
+    const Attributes& attributes) {
   if (element != Element::kPropertyList) {
-    return atTag(0, fmt::format("<{}>, expected <plist>", shownInMessage(name)));
+    return at(tag, fmt::format("<{}>, expected <plist>", shownInMessage(name)));
   }
   if (attributes.unknown) {
-    return atTag(0, "<plist> has an attribute other than version, expected none");
+    return at(tag, "<plist> has an attribute other than version, expected none");
   }
   if (attributes.version && *attributes.version != "1.0") {
-    return atTag(0, fmt::format("<plist> has version {}, expected \"1.0\"",
-                                quotedInMessage(*attributes.version)));
+    return at(tag, fmt::format("<plist> has version {}, expected \"1.0\"",
+                               quotedInMessage(*attributes.version)));
   }
   inPropertyList_ = true;
+  propertyList_ = tag;
   return std::nullopt;
 }
 
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::checkMayStandHere(Element element,
                                                                        std::size_t tag) {
   if (collections_.empty()) {
-    if (element == Element::kKey) return atTag(tag, "<key> outside <dict>, expected a value");
+    if (element == Element::kKey) return at(tag, "<key> outside <dict>, expected a value");
     if (root_.isNil()) return std::nullopt;
-    return atTag(tag, fmt::format("<{}> after the value, expected </plist>", nameOf(element)));
+    return at(tag, fmt::format("<{}> after the value, expected </plist>", nameOf(element)));
   }
   const Collection& collection = collections_.back();
   if (!collection.isDictionary) {
     if (element != Element::kKey) return std::nullopt;
-    return atTag(tag, "<key> inside <array>, expected a value or </array>");
+    return at(tag, "<key> inside <array>, expected a value or </array>");
   }
   if (element == Element::kKey && collection.key) {
-    return atTag(collection.keyTag, fmt::format("<key> {} has no value, expected one before the "
-                                                "next <key>",
-                                                quotedInMessage(*collection.key)));
+    return at(collection.keyTag, fmt::format("<key> {} has no value, expected one before the "
+                                             "next <key>",
+                                             quotedInMessage(*collection.key)));
   }
   if (element != Element::kKey && !collection.key) {
-    return atTag(tag,
-                 fmt::format("<{}> without a key, expected <key> or </dict>", nameOf(element)));
+    return at(tag, fmt::format("<{}> without a key, expected <key> or </dict>", nameOf(element)));
   }
   return std::nullopt;
 }
@@ -169,7 +159,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::checkMayStandHere(Element e
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::openCollection(bool isDictionary,
                                                                     std::size_t tag) {
   if (collections_.size() == kMaxPropertyListDepth) {
-    return overLimitAtTag(
+    return overLimitAt(
         tag, fmt::format("more than {} collections inside one another", kMaxPropertyListDepth));
   }
   collections_.emplace_back().isDictionary = isDictionary;
@@ -184,40 +174,34 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::closeCollection() {
     return std::nullopt;
   }
   if (collection.key) {
-    return atTag(collection.keyTag,
-                 fmt::format("<key> {} has no value, expected one before </dict>",
-                             quotedInMessage(*collection.key)));
+    return at(collection.keyTag, fmt::format("<key> {} has no value, expected one before </dict>",
+                                             quotedInMessage(*collection.key)));
   }
   add(Value(std::move(collection.entries)));
   return std::nullopt;
 }
 
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::endElement() {
-  ++tags_;
   if (leaf_) return finishLeaf();
   if (!collections_.empty()) return closeCollection();
   return std::nullopt;  // </plist>
 }
 
-PropertyListXmlBuilder::Step PropertyListXmlBuilder::text(std::string_view text) {
+PropertyListXmlBuilder::Step PropertyListXmlBuilder::text(std::size_t offset,
+                                                          std::string_view text) {
+  const std::size_t content = text.find_first_not_of(kXmlWhiteSpace);
   if (leaf_) {
     text_ += text;
+    if (content != text.npos && !leaf_->content) leaf_->content = offset + content;
     return std::nullopt;
   }
-  if (isBlank(text)) return std::nullopt;
+  if (content == text.npos) return std::nullopt;
   const std::string_view where = collections_.empty()               ? "<plist>"
                                  : collections_.back().isDictionary ? "<dict>"
                                                                     : "<array>";
-  return atContent(tags_ == 0 ? 0 : tags_ - 1,
-                   fmt::format("text {} inside {}, expected an element",
-                               quotedInMessage(withoutSurroundingWhiteSpace(text)), where));
-}
-
-PropertyListXmlBuilder::Step PropertyListXmlBuilder::entityReference(std::string_view name) {
-  return atContent(tags_ == 0 ? 0 : tags_ - 1,
-                   fmt::format("entity &{};, expected none but &amp; &lt; &gt; &quot; &apos; and "
-                               "character references",
-                               shownInMessage(name)));
+  return at(offset + content,
+            fmt::format("text {} inside {}, expected an element",
+                        quotedInMessage(withoutSurroundingWhiteSpace(text)), where));
 }
 
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishLeaf() {
@@ -229,8 +213,7 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishLeaf() {
   Result<Value, std::string> value = scalar();
   leaf_.reset();
   if (!value) {
-    const auto at = isBlank(text_) ? Place::At::kTag : Place::At::kContent;
-    return Problem{ErrorCode::kInvalid, {leaf.tag, at}, std::move(value.error())};
+    return at(leaf.content.value_or(leaf.tag), std::move(value.error()));
   }
   add(*std::move(value));
   return std::nullopt;
@@ -239,8 +222,8 @@ PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishLeaf() {
 PropertyListXmlBuilder::Step PropertyListXmlBuilder::finishKey(std::size_t tag) {
   Collection& dictionary = collections_.back();
   if (dictionary.entries.contains(text_)) {
-    return atTag(tag, fmt::format("<key> {} occurs twice in its <dict>, expected once",
-                                  quotedInMessage(text_)));
+    return at(tag, fmt::format("<key> {} occurs twice in its <dict>, expected once",
+                               quotedInMessage(text_)));
   }
   dictionary.key = std::move(text_);
   dictionary.keyTag = tag;
@@ -309,9 +292,9 @@ void PropertyListXmlBuilder::add(Value value) {
   }
 }
 
-Result<Value, Problem> PropertyListXmlBuilder::finish() && {
+auto PropertyListXmlBuilder::finish() && -> Result<Value, Problem> {
   if (!root_.isNil()) return std::move(root_);
-  return std::unexpected(atTag(0, "<plist> holds no value, expected one"));
+  return std::unexpected(at(propertyList_, "<plist> holds no value, expected one"));
 }
 
 }  // namespace platform

@@ -13,22 +13,13 @@
 namespace platform {
 
 // Builds a value from the elements and texts of an XML property list, one event at a time. Only
-// this class knows the rules of the format. It is independent of libxml2 and stores no positions:
-// an error names its place by the number of a tag.
+// this class knows the rules of the format. It is independent of the parser; an error names its
+// place by the offset that came with an event.
 class PropertyListXmlBuilder {
  public:
-  struct Place {
-    enum class At {
-      kTag,      // the tag itself
-      kContent,  // the first content after the tag that is not white space
-    };
-    std::size_t tag = 0;  // start, end and empty tags, counted from 0 in the order of the document
-    At at = At::kTag;
-  };
-
   struct Problem {
     ErrorCode code = ErrorCode::kInvalid;
-    Place place;
+    std::size_t offset = 0;
     std::string text;
   };
 
@@ -40,11 +31,10 @@ class PropertyListXmlBuilder {
     std::optional<std::string_view> version;
   };
 
-  Step startElement(std::string_view name, const Attributes& attributes, bool isEmptyTag);
+  Step startElement(std::size_t offset, std::string_view name, const Attributes& attributes);
   Step endElement();
-  Step text(std::string_view text);
-  // A reference to an entity that XML does not predefine.
-  Step entityReference(std::string_view name);
+  // A text may come in pieces.
+  Step text(std::size_t offset, std::string_view text);
 
   // The value. Call it after all events.
   Result<Value, Problem> finish() &&;
@@ -69,7 +59,7 @@ class PropertyListXmlBuilder {
     bool isDictionary = false;
     Array elements;
     Dictionary entries;
-    // The key whose value comes next, and its tag.
+    // The key whose value comes next, and the offset of its tag.
     std::optional<std::string> key;
     std::size_t keyTag = 0;
   };
@@ -77,13 +67,14 @@ class PropertyListXmlBuilder {
   // A scalar or key that is being read, from its start tag to its end tag.
   struct Leaf {
     Element element = Element::kKey;
-    std::size_t tag = 0;
+    std::size_t tag = 0;                 // its offset
+    std::optional<std::size_t> content;  // the offset of the first that is not white space
   };
 
   static std::optional<Element> elementNamed(std::string_view name);
   static std::string_view nameOf(Element element);
 
-  Step startPropertyList(std::optional<Element> element, std::string_view name,
+  Step startPropertyList(std::size_t offset, std::optional<Element> element, std::string_view name,
                          const Attributes& attributes);
   Step checkMayStandHere(Element element, std::size_t tag);
   Step openCollection(bool isDictionary, std::size_t tag);
@@ -98,7 +89,7 @@ class PropertyListXmlBuilder {
   std::string text_;  // of the leaf; keeps its memory between leaves
   Value root_;
   bool inPropertyList_ = false;
-  std::size_t tags_ = 0;
+  std::size_t propertyList_ = 0;  // the offset of <plist>
   std::size_t nodes_ = 0;
 };
 

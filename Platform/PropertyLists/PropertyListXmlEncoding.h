@@ -13,8 +13,7 @@ namespace platform {
 // `bytes` or, if these are UTF-16, of `converted`, which must live as long as the result. Fails for
 // any other encoding, and if the declaration contradicts the bytes.
 //
-// The result leaves nothing for libxml2 to guess: from four bytes it would guess UCS-4 and EBCDIC
-// among others, report ill-formed text imprecisely or to standard error, and accept some of it.
+// The result leaves nothing for a parser to guess, and its errors need no place but that in UTF-8.
 Result<std::string_view> utf8OfXml(std::span<const std::uint8_t> bytes, std::string_view sourceName,
                                    std::string& converted);
 

@@ -2,47 +2,43 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
+#include <expat.h>
 #include <fmt/core.h>
-#include <libxml/xmlreader.h>
 
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
 #include "Platform/PropertyLists/PropertyListXmlBuilder.h"
 #include "Platform/PropertyLists/PropertyListXmlEncoding.h"
-#include "Platform/PropertyLists/PropertyListXmlScanner.h"
+#include "Platform/PropertyLists/PropertyListXmlTags.h"
 #include "Platform/Texts/QuotedText.h"
 
 namespace platform {
 namespace {
 
 using Builder = PropertyListXmlBuilder;
-using Scanner = PropertyListXmlScanner;
+using XmlProblem = Builder::Problem;
 
-// libxml2 initialises itself at its first use, which is not safe if two threads do it together.
-void initializeLibxml2() {
-  static std::once_flag once;
-  std::call_once(once, xmlInitParser);
-}
-
-struct FreeReader {
-  void operator()(xmlTextReader* reader) const { xmlFreeTextReader(reader); }
+struct FreeParser {
+  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
 
-std::string_view view(const xmlChar* text) {
-  return text == nullptr ? std::string_view() : reinterpret_cast<const char*>(text);
+XmlProblem malformed(std::size_t offset, std::string text) {
+  return {ErrorCode::kInvalid, offset, std::move(text)};
 }
 
-// The first error that libxml2 reports.
-struct SyntaxError {
-  int code = 0;
-  std::size_t offset = 0;  // after the fault
-  std::string message;
-};
+XmlProblem unknownEntity(std::size_t offset, std::string_view reference) {
+  return malformed(offset, fmt::format("entity {}, expected none but &amp; &lt; &gt; &quot; "
+                                       "&apos; and character references",
+                                       shownInMessage(reference)));
+}
 
+// Feeds a builder with the events of expat, which stops at the first fault and stores no tree.
 class XmlReading {
  public:
   XmlReading(std::string_view text, std::string_view sourceName)
@@ -51,200 +47,244 @@ class XmlReading {
   Result<Value> read();
 
  private:
-  static void onError(void* self, xmlErrorPtr error);
+  // Calls a member function for an event, until there is a problem.
+  template <auto kFunction, typename... Arguments>
+  static void XMLCALL call(void* self, Arguments... arguments);
 
-  Builder::Step node(const xmlNode& node);
-  Builder::Step element(const xmlNode& node);
-  std::optional<Error> checkBeforehand() const;
-  std::optional<Error> checkNameOfDoctype(const xmlNode& doctype) const;
-  Error syntaxError() const;
-  Error noMemory() const;
-  bool endsTooSoon(std::size_t offset) const;
-  Error truncated() const;
-  Error problem(const Builder::Problem& problem) const;
-  Error errorAt(std::size_t offset, std::string_view text,
-                ErrorCode code = ErrorCode::kInvalid) const;
+  void setHandlers();
+  Builder::Step startElement(const XML_Char* name, const XML_Char** attributes);
+  Builder::Step endElement(const XML_Char* name);
+  Builder::Step characters(const XML_Char* text, int size);
+  Builder::Step skippedEntity(const XML_Char* name, int isParameter);
+  Builder::Step other(const XML_Char* text, int size);
+  Builder::Step startDoctype(const XML_Char* name, const XML_Char* system, const XML_Char* open,
+                             int hasSubset);
+  Builder::Step endDoctype();
+  Builder::Step instruction(const XML_Char* target, const XML_Char* data);
+  XmlProblem declaration() const;
+
+  std::size_t offset() const {
+    return static_cast<std::size_t>(XML_GetCurrentByteIndex(parser_.get()));
+  }
+  std::string_view currentToken() const {
+    return text_.substr(offset(), static_cast<std::size_t>(XML_GetCurrentByteCount(parser_.get())));
+  }
+  XmlProblem syntaxProblem() const;
+  XmlProblem truncated() const;
+  Error errorOf(const XmlProblem& problem) const;
 
   std::string_view text_;
   std::string_view sourceName_;
-  std::unique_ptr<xmlTextReader, FreeReader> reader_;
-  std::optional<SyntaxError> syntaxError_;
+  std::unique_ptr<std::remove_pointer_t<XML_Parser>, FreeParser> parser_;
+  std::optional<XmlProblem> problem_;
+  std::optional<std::size_t> doctype_;  // the offset of the document type that is being read
+  std::vector<std::size_t> open_;       // the offsets of the start tags of open elements
   Builder builder_;
 };
 
+template <auto kFunction, typename... Arguments>
+void XMLCALL XmlReading::call(void* self, Arguments... arguments) {
+  auto& reading = *static_cast<XmlReading*>(self);
+  // A stopped parser may still report the rest of a token.
+  if (reading.problem_) return;
+  reading.problem_ = (reading.*kFunction)(arguments...);
+  if (reading.problem_) XML_StopParser(reading.parser_.get(), XML_FALSE);
+}
+
+// Without a handler for external entities nothing outside the text is ever read.
+void XmlReading::setHandlers() {
+  XML_Parser parser = parser_.get();
+  XML_SetUserData(parser, this);
+  XML_SetElementHandler(parser, call<&XmlReading::startElement>, call<&XmlReading::endElement>);
+  XML_SetCharacterDataHandler(parser, call<&XmlReading::characters>);
+  XML_SetSkippedEntityHandler(parser, call<&XmlReading::skippedEntity>);
+  XML_SetDefaultHandlerExpand(parser, call<&XmlReading::other>);
+  XML_SetDoctypeDeclHandler(parser, call<&XmlReading::startDoctype>, call<&XmlReading::endDoctype>);
+  XML_SetProcessingInstructionHandler(parser, call<&XmlReading::instruction>);
+  // Declarations could change the meaning of the text: by entities, or by default attributes.
+  XML_SetEntityDeclHandler(parser, [](void* self, const XML_Char*, int, const XML_Char*, int,
+                                      const XML_Char*, const XML_Char*, const XML_Char*,
+                                      const XML_Char*) { call<&XmlReading::declaration>(self); });
+  XML_SetAttlistDeclHandler(
+      parser, [](void* self, const XML_Char*, const XML_Char*, const XML_Char*, const XML_Char*,
+                 int) { call<&XmlReading::declaration>(self); });
+  XML_SetNotationDeclHandler(
+      parser, [](void* self, const XML_Char*, const XML_Char*, const XML_Char*, const XML_Char*) {
+        call<&XmlReading::declaration>(self);
+      });
+  XML_SetElementDeclHandler(parser, [](void* self, const XML_Char*, XML_Content* model) {
+    auto& reading = *static_cast<XmlReading*>(self);
+    XML_FreeContentModel(reading.parser_.get(), model);
+    call<&XmlReading::declaration>(self);
+  });
+}
+
 Result<Value> XmlReading::read() {
-  if (auto error = checkBeforehand()) return std::unexpected(*std::move(error));
-  initializeLibxml2();
-  // No network, no loading of document types, no replacement of entities: these are libxml2's
-  // defaults without further options, and XML_PARSE_NONET is an additional safeguard. The encoding
-  // is known to be UTF-8, whatever the declaration says.
-  constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_COMPACT | XML_PARSE_IGNORE_ENC;
-  reader_.reset(
-      xmlReaderForMemory(text_.data(), static_cast<int>(text_.size()), nullptr, "UTF-8", kOptions));
-  if (!reader_) return std::unexpected(noMemory());
-  xmlTextReaderSetStructuredErrorHandler(reader_.get(), &XmlReading::onError, this);
-  for (;;) {
-    const int outcome = xmlTextReaderRead(reader_.get());
-    if (syntaxError_ || outcome < 0) return std::unexpected(syntaxError());
-    if (outcome == 0) break;
-    const xmlNode& current = *xmlTextReaderCurrentNode(reader_.get());
-    if (current.type == XML_DTD_NODE) {
-      if (auto error = checkNameOfDoctype(current)) return std::unexpected(*std::move(error));
-    } else if (const Builder::Step step = node(current)) {
-      return std::unexpected(problem(*step));
-    }
+  if (const auto tag = findXmlTagLongerThan(text_, kMaxPropertyListTagBytes)) {
+    return std::unexpected(
+        errorOf({ErrorCode::kExhausted, *tag,
+                 fmt::format("a tag of more than {} bytes", kMaxPropertyListTagBytes)}));
   }
+  // The encoding is known to be UTF-8, whatever the declaration says.
+  parser_.reset(XML_ParserCreate("UTF-8"));
+  if (!parser_) return std::unexpected(Error{ErrorCode::kExhausted, 0, "no memory to read XML"});
+  setHandlers();
+  const XML_Status status =
+      XML_Parse(parser_.get(), text_.data(), static_cast<int>(text_.size()), XML_TRUE);
+  if (problem_) return std::unexpected(errorOf(*problem_));
+  if (status != XML_STATUS_OK) return std::unexpected(errorOf(syntaxProblem()));
   auto value = std::move(builder_).finish();
-  if (!value) return std::unexpected(problem(value.error()));
+  if (!value) return std::unexpected(errorOf(value.error()));
   return *std::move(value);
 }
 
-// Also called for warnings, such as an entity that an external document type might define. A
-// property list has no reason for a warning, so they count as errors.
-void XmlReading::onError(void* self, xmlErrorPtr error) {
-  auto& reading = *static_cast<XmlReading*>(self);
-  if (reading.syntaxError_) return;
-  const long consumed = xmlTextReaderByteConsumed(reading.reader_.get());
-  const std::size_t offset =
-      consumed < 0 ? 0 : std::min(static_cast<std::size_t>(consumed), reading.text_.size());
-  reading.syntaxError_ = SyntaxError{error->code, offset, error->message ? error->message : ""};
-}
-
-// Reads the type from the node, which costs nothing. For a text the reader's own function scans all
-// of it to distinguish white space.
-Builder::Step XmlReading::node(const xmlNode& node) {
-  switch (node.type) {
-    case XML_ELEMENT_NODE: {
-      const bool ends = xmlTextReaderNodeType(reader_.get()) == XML_READER_TYPE_END_ELEMENT;
-      return ends ? builder_.endElement() : element(node);
-    }
-    case XML_TEXT_NODE:
-    case XML_CDATA_SECTION_NODE:
-      return builder_.text(view(node.content));
-    case XML_ENTITY_REF_NODE:
-      return builder_.entityReference(view(node.name));
-    default:  // Other kinds of libxml2, such as comments and instructions, are ignored.
-      return std::nullopt;
+Builder::Step XmlReading::startElement(const XML_Char* name, const XML_Char** attributes) {
+  // Where a document type names an external subset, expat drops unknown entities of attributes.
+  const std::string_view tag = currentToken();
+  if (const auto reference = findUnknownReference(tag)) {
+    return unknownEntity(offset() + static_cast<std::size_t>(reference->data() - tag.data()),
+                         *reference);
   }
-}
-
-Builder::Step XmlReading::element(const xmlNode& node) {
-  Builder::Attributes attributes;
-  attributes.unknown = node.nsDef != nullptr || node.ns != nullptr;
-  for (const xmlAttr* attribute = node.properties; attribute; attribute = attribute->next) {
-    if (view(attribute->name) == "version" && attribute->ns == nullptr) {
-      attributes.version = attribute->children ? view(attribute->children->content) : "";
+  open_.push_back(offset());
+  Builder::Attributes known;
+  for (; *attributes != nullptr; attributes += 2) {
+    if (std::string_view(*attributes) == "version") {
+      known.version = attributes[1];
     } else {
-      attributes.unknown = true;
+      known.unknown = true;
     }
   }
-  const bool isEmptyTag = xmlTextReaderIsEmptyElement(reader_.get()) == 1;
-  return builder_.startElement(view(node.name), attributes, isEmptyTag);
+  return builder_.startElement(offset(), name, known);
 }
 
-// Checks before libxml2 sees the text: inputs that would cost it too much, and declarations, which
-// could change the meaning of the text (entities, default attributes).
-std::optional<Error> XmlReading::checkBeforehand() const {
-  const auto doctype = Scanner::findDoctype(text_);
-  if (doctype &&
-      Scanner::hasInternalSubset(text_.substr(doctype->begin, doctype->end - doctype->begin))) {
-    return errorAt(doctype->begin,
-                   "the document type declares something of its own, expected none or only the "
-                   "public one");
-  }
-  if (const auto tag = Scanner::findTagLongerThan(text_, kMaxPropertyListTagBytes)) {
-    return errorAt(tag->begin, fmt::format("a tag of more than {} bytes", kMaxPropertyListTagBytes),
-                   ErrorCode::kExhausted);
-  }
+Builder::Step XmlReading::endElement(const XML_Char*) {
+  open_.pop_back();
+  return builder_.endElement();
+}
+
+Builder::Step XmlReading::characters(const XML_Char* text, int size) {
+  return builder_.text(offset(), {text, static_cast<std::size_t>(size)});
+}
+
+Builder::Step XmlReading::skippedEntity(const XML_Char* name, int) {
+  return unknownEntity(offset(), fmt::format("&{};", name));
+}
+
+// A reference to a parameter entity has no event of its own.
+Builder::Step XmlReading::other(const XML_Char* text, int size) {
+  if (!doctype_ || size == 0 || *text != '%') return std::nullopt;
+  return declaration();
+}
+
+Builder::Step XmlReading::startDoctype(const XML_Char* name, const XML_Char*, const XML_Char*,
+                                       int) {
+  // The parser stands at the end of the declaration, or at its bracket.
+  doctype_ = text_.rfind("<!DOCTYPE", offset());
+  if (std::string_view(name) == "plist") return std::nullopt;
+  return malformed(*doctype_,
+                   fmt::format("document type {}, expected plist", shownInMessage(name)));
+}
+
+Builder::Step XmlReading::endDoctype() {
+  doctype_.reset();
   return std::nullopt;
 }
 
-std::optional<Error> XmlReading::checkNameOfDoctype(const xmlNode& doctype) const {
-  if (view(doctype.name) == "plist") return std::nullopt;
-  const auto found = Scanner::findDoctype(text_);
-  return errorAt(found ? found->begin : 0, fmt::format("document type {}, expected plist",
-                                                       shownInMessage(view(doctype.name))));
+Builder::Step XmlReading::instruction(const XML_Char*, const XML_Char*) {
+  if (!doctype_) return std::nullopt;
+  return declaration();
 }
 
-Error XmlReading::syntaxError() const {
-  if (!syntaxError_) return noMemory();
-  const std::size_t offset = syntaxError_->offset;
-  if (endsTooSoon(offset)) return truncated();
-  const auto lastBefore = [&](char mark) {
-    const std::size_t found = text_.substr(0, offset).rfind(mark);
-    return found == text_.npos ? offset : found;
-  };
-  const std::string message(withoutSurroundingWhiteSpace(syntaxError_->message));
-  const std::string text = fmt::format("{}, expected well-formed XML", shownInMessage(message));
-  switch (syntaxError_->code) {
-    case XML_ERR_DOCUMENT_END:
-      return errorAt(offset, "content after </plist>, expected the end of the file");
-    case XML_ERR_UNDECLARED_ENTITY:
-    case XML_WAR_UNDECLARED_ENTITY: {
-      const std::size_t begin = lastBefore('&');
-      return errorAt(begin, fmt::format("entity {}, expected none but &amp; &lt; &gt; &quot; "
-                                        "&apos; and character references",
-                                        shownInMessage(text_.substr(begin, offset - begin))));
+XmlProblem XmlReading::declaration() const {
+  return malformed(doctype_.value_or(0),
+                   "the document type declares something of its own, expected none or only the "
+                   "public one");
+}
+
+XmlProblem XmlReading::syntaxProblem() const {
+  const XML_Error error = XML_GetErrorCode(parser_.get());
+  std::size_t at = std::min(offset(), text_.size());
+  switch (error) {
+    case XML_ERROR_NO_MEMORY:
+      return {ErrorCode::kExhausted, at, "no memory to read XML"};
+    case XML_ERROR_NO_ELEMENTS:
+    case XML_ERROR_UNCLOSED_TOKEN:
+    case XML_ERROR_UNCLOSED_CDATA_SECTION:
+    case XML_ERROR_PARTIAL_CHAR:
+      return truncated();
+    case XML_ERROR_JUNK_AFTER_DOC_ELEMENT:
+      return malformed(at, "content after </plist>, expected the end of the file");
+    case XML_ERROR_UNDEFINED_ENTITY:
+      return unknownEntity(at, xmlReferenceAt(text_, at));
+    case XML_ERROR_BAD_CHAR_REF:
+      return malformed(at, fmt::format("{} stands for no character, expected well-formed XML",
+                                       shownInMessage(xmlReferenceAt(text_, at))));
+    case XML_ERROR_TAG_MISMATCH: {
+      const TextPosition opened = positionInText(text_, open_.back());
+      const std::string name = shownInMessage(nameOfXmlTag(text_, open_.back()));
+      at = text_.rfind('<', at);  // The parser stands at the name.
+      return malformed(at, fmt::format("</{}> inside <{}> of {}:{}, expected </{}>",
+                                       shownInMessage(nameOfXmlTag(text_, at)), name, opened.line,
+                                       opened.column, name));
     }
-    case XML_ERR_TAG_NAME_MISMATCH:
-      return errorAt(lastBefore('<'), text);
-    default:  // Other kinds of libxml2.
-      return errorAt(offset, text);
+    case XML_ERROR_INVALID_TOKEN: {
+      const XmlFault fault = faultInXml(text_, at);
+      return malformed(fault.offset, fmt::format("{}, expected {}", fault.what, fault.expected));
+    }
+    case XML_ERROR_SYNTAX:
+      // A keyword that the end of the file cuts looks like another one.
+      if (text_.find_first_of("\"'<>[] \t\r\n", at) == text_.npos) return truncated();
+      [[fallthrough]];
+    default:  // Errors of XML that need no place of their own.
+      return malformed(at, fmt::format("{}, expected well-formed XML", XML_ErrorString(error)));
   }
 }
 
-// The only failure for which libxml2 gives no reason.
-Error XmlReading::noMemory() const {
-  return Error{ErrorCode::kExhausted, 0, fmt::format("{}: no memory to read XML", sourceName_)};
-}
-
-// Whether the error of libxml2 at `offset` means that the file ends inside an item.
-bool XmlReading::endsTooSoon(std::size_t offset) const {
-  if (text_.find_first_not_of(kXmlWhiteSpace, offset) == text_.npos) {
-    return Scanner::findUnclosed(text_) || syntaxError_->code == XML_ERR_DOCUMENT_END ||
-           syntaxError_->code == XML_ERR_DOCUMENT_EMPTY;
-  }
-  const auto unclosed = Scanner::findUnclosed(text_);
-  if (!unclosed) return false;
-  return unclosed->name.empty() ? offset >= unclosed->begin
-                                : syntaxError_->code == XML_ERR_DOCUMENT_END;
-}
-
-// libxml2 reports "Extra content at the end of the document" for a truncated document.
-Error XmlReading::truncated() const {
+// expat reports the same error for an empty file and for one that ends in an element.
+XmlProblem XmlReading::truncated() const {
+  const std::size_t end = text_.size();
   if (withoutSurroundingWhiteSpace(text_).empty()) {
-    return errorAt(text_.size(), "the file is empty, expected a property list");
+    return malformed(end, "the file is empty, expected a property list");
   }
-  const auto unclosed = Scanner::findUnclosed(text_);
-  if (!unclosed) return errorAt(text_.size(), "the file ends here, expected <plist>");
-  const TextPosition opened = positionInText(text_, unclosed->begin);
-  if (unclosed->name.empty()) {
-    return errorAt(text_.size(), fmt::format("the file ends inside what begins at {}:{}, expected "
-                                             "the rest of it",
-                                             opened.line, opened.column));
+  const std::size_t at = offset();
+  if (XML_GetErrorCode(parser_.get()) != XML_ERROR_NO_ELEMENTS && at < end) {
+    const TextPosition begun = positionInText(text_, at);
+    return malformed(end, fmt::format("the file ends inside what begins at {}:{}, expected the "
+                                      "rest of it",
+                                      begun.line, begun.column));
   }
-  const std::string name = shownInMessage(unclosed->name);
-  return errorAt(text_.size(), fmt::format("the file ends inside <{}> of {}:{}, expected </{}>",
-                                           name, opened.line, opened.column, name));
+  if (open_.empty()) return malformed(end, "the file ends here, expected <plist>");
+  const TextPosition opened = positionInText(text_, open_.back());
+  const std::string name = shownInMessage(nameOfXmlTag(text_, open_.back()));
+  return malformed(end, fmt::format("the file ends inside <{}> of {}:{}, expected </{}>", name,
+                                    opened.line, opened.column, name));
 }
 
-Error XmlReading::problem(const Builder::Problem& problem) const {
-  const Scanner::Piece tag = Scanner::findTag(text_, problem.place.tag);
-  std::size_t offset = tag.begin;
-  switch (problem.place.at) {
-    case Builder::Place::At::kTag:
-      break;
-    case Builder::Place::At::kContent:
-      offset = Scanner::findContent(text_, tag.end);
-      break;
-  }
-  return errorAt(offset, problem.text, problem.code);
-}
-
-Error XmlReading::errorAt(std::size_t offset, std::string_view text, ErrorCode code) const {
-  Error error = errorInText(text_, offset, sourceName_, text);
-  error.code = code;
+Error XmlReading::errorOf(const XmlProblem& problem) const {
+  Error error = errorInText(text_, problem.offset, sourceName_, problem.text);
+  error.code = problem.code;
   return error;
+}
+
+// Names the format of a file that does not begin with a tag.
+std::optional<std::string> otherFormat(std::string_view text) {
+  const std::string_view content = withoutSurroundingWhiteSpace(text);
+  if (content.empty() || content.front() == '<') return std::nullopt;
+  constexpr std::string_view kExpected = "expected an XML or binary property list";
+  switch (content.front()) {
+    case '{':
+    case '[':
+    case '(': {
+      const std::size_t mark = content.find_first_of(":=;(");
+      const bool isOld = content.front() == '(' || (mark != content.npos && content[mark] != ':');
+      return fmt::format(
+          "{}, {}",
+          isOld ? "a property list in the old text format" : "a text that looks like JSON",
+          kExpected);
+    }
+    default:
+      return fmt::format("a text that is no XML, {}", kExpected);
+  }
 }
 
 }  // namespace
@@ -254,6 +294,10 @@ Result<Value> readXmlPropertyList(std::span<const std::uint8_t> bytes,
   std::string converted;
   const Result<std::string_view> text = utf8OfXml(bytes, sourceName, converted);
   if (!text) return std::unexpected(text.error());
+  if (const auto other = otherFormat(*text)) {
+    const std::size_t begin = text->find_first_not_of(kXmlWhiteSpace);
+    return std::unexpected(errorInText(*text, begin, sourceName, *other));
+  }
   return XmlReading(*text, sourceName).read();
 }
 

@@ -227,16 +227,27 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"NoRoot", "<!-- nothing -->",
                   "Service.plist:1:1: <plist> holds no value, expected one"},
         Malformed{"MismatchedTags", "<array><true/></dict>",
-                  "Service.plist:2:15: Opening and ending tag mismatch: array line 2 and dict, "
-                  "expected well-formed XML"},
+                  "Service.plist:2:15: </dict> inside <array> of 2:1, expected </array>"},
         Malformed{"UndeclaredEntity", "<string>\xC3\xA9&nbsp;</string>",
                   "Service.plist:2:10: entity &nbsp;, expected none but &amp; &lt; &gt; &quot; "
                   "&apos; and character references"},
         Malformed{"ControlCharacter", "<string>a\x01</string>",
-                  "Service.plist:2:10: PCDATA invalid Char value 1, expected well-formed XML"},
+                  "Service.plist:2:10: unexpected character \"\\x01\", expected well-formed XML"},
         Malformed{"CharacterReferenceToNul", "<string>a&#0;</string>",
-                  "Service.plist:2:14: xmlParseCharRef: invalid xmlChar value 0, expected "
-                  "well-formed XML"},
+                  "Service.plist:2:10: &#0; stands for no character, expected well-formed XML"},
+        Malformed{"BareAmpersand", "<string>a & b</string>",
+                  "Service.plist:2:11: \"&\" is no reference, expected &amp; for the character &"},
+        Malformed{
+            "ReferenceWithoutEnd", "<string>a&amp b</string>",
+            "Service.plist:2:10: \"&amp\" is no reference, expected &amp; for the character &"},
+        Malformed{"HyphensInAComment", "<!-- a -- b --><true/>",
+                  "Service.plist:2:8: \"--\" inside a comment, expected none before its end"},
+        Malformed{"EndOfCharacterDataInAText", "<string>a]]></string>",
+                  "Service.plist:2:10: \"]]>\" in a text, expected ]]&gt;"},
+        Malformed{"TagWithoutItsEnd", "<array><true <false/></array>",
+                  "Service.plist:2:14: unexpected character \"<\", expected well-formed XML"},
+        Malformed{"TextInPieces", "<array>\n&#32;\n <![CDATA[ ]]> stray</array>",
+                  "Service.plist:4:16: text \"stray\" inside <array>, expected an element"},
         Malformed{"IllFormedUtf8", "<string>\xC3\xA9\xFF</string>",
                   "Service.plist:2:10: ill-formed UTF-8 (byte 0xff)"},
         Malformed{"OverlongUtf8", "<string>\xC1\x81</string>",
@@ -249,7 +260,7 @@ TEST(PropertyListXmlTest, ANulByteIsRefused) {
   using namespace std::string_view_literals;
   EXPECT_EQ(errorOfBody("<string>a\0b</string>"sv),
             "Service.plist:2:10: a NUL character, expected well-formed XML");
-  // libxml2 would take these four bytes for UCS-4.
+  // A parser could take these four bytes for UCS-4.
   EXPECT_EQ(xmlErrorOf("<\0\0\0plist>"sv),
             "Service.plist:1:2: a NUL character, expected well-formed XML");
 }
@@ -369,13 +380,48 @@ TEST(PropertyListXmlTest, OtherEncodingsAreRefused) {
             "order mark");
 }
 
+TEST(PropertyListXmlTest, OtherFormatsAreNamed) {
+  constexpr std::string_view kExpected = ", expected an XML or binary property list";
+  const auto expected = [kExpected](std::string_view place, std::string_view what) {
+    return std::string(place) + std::string(what) + std::string(kExpected);
+  };
+  for (const char* json : {"{\"Label\": \"a\"}", "[1, 2]", "{", "[]", "{}"}) {
+    EXPECT_EQ(xmlErrorOf(json), expected("Service.plist:1:1: ", "a text that looks like JSON"));
+  }
+  for (const char* old : {"\n{ Label = a; }", "\n( a, b )", "\n{ Label = ( \"a:b\" ); }"}) {
+    EXPECT_EQ(xmlErrorOf(old),
+              expected("Service.plist:2:1: ", "a property list in the old text format"));
+  }
+  EXPECT_EQ(xmlErrorOf("  Label"), expected("Service.plist:1:3: ", "a text that is no XML"));
+}
+
+TEST(PropertyListXmlTest, APlaceFarBeforeTheEndIsRight) {
+  const std::string rest(60'000, '\n');
+  EXPECT_EQ(errorOfBody("<string>\n &</string>" + rest),
+            "Service.plist:3:2: \"&\" is no reference, expected &amp; for the character &");
+  EXPECT_EQ(errorOfBody("<array></dict>" + rest).substr(0, 19), "Service.plist:2:8: ");
+}
+
+// A parser that went on after the first error needed half a minute for each, so that the test would
+// time out.
+TEST(PropertyListXmlTest, RepeatedErrorsCostNothing) {
+  constexpr std::size_t kBytes = 8'000'000;
+  EXPECT_EQ(errorOfBody("<!--" + std::string(kBytes, '-') + "-->").substr(0, 19),
+            "Service.plist:2:5: ");
+  EXPECT_EQ(errorOfBody("<string>" + std::string(kBytes, '&')).substr(0, 19),
+            "Service.plist:2:9: ");
+  std::string brackets = "<string>";
+  while (brackets.size() < kBytes) brackets += "]]>";
+  EXPECT_EQ(errorOfBody(brackets).substr(0, 19), "Service.plist:2:9: ");
+}
+
 TEST(PropertyListXmlTest, PlacesAreRightFarBeyondTheFirstBuffer) {
   std::string body = "<array>\n";
   for (int i = 0; i < 5000; ++i)
     body += "\t<string>caf\xC3\xA9 <!-- <x> --> " + std::to_string(i) + "</string>\n";
   EXPECT_EQ(errorOfBody(body + "\t<oops/></array>").substr(0, 21), "Service.plist:5003:2:");
   EXPECT_EQ(errorOfBody(body + "\t<string>&</string></array>").substr(0, 22),
-            "Service.plist:5003:11:");
+            "Service.plist:5003:10:");
   EXPECT_EQ(errorOfBody(body + "<integer>\n\xC3\xA9</integer></array>").substr(0, 21),
             "Service.plist:5004:1:");
 }
