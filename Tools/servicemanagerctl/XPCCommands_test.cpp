@@ -133,9 +133,17 @@ class XPCCommandsTest : public testing::Test {
     const auto xpc = makeXPC();
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int status = commands.run({xpc->xpc(), system_, protocols_, "/srv/root",
-                                     [this] { return whyNotConnected_; }, timeOuts.hash,
-                                     timeOuts.anyAnswer, timeOuts.lookUp, {}, false, faultOfPlace_});
+    const int status = commands.run({xpc->xpc(),
+                                     system_,
+                                     protocols_,
+                                     "/srv/root",
+                                     [this] { return whyNotConnected_; },
+                                     timeOuts.hash,
+                                     timeOuts.anyAnswer,
+                                     timeOuts.lookUp,
+                                     {},
+                                     false,
+                                     faultOfPlace_});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
   Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), TimeOuts()); }

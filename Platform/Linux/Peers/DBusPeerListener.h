@@ -25,10 +25,12 @@ class DBusPeerListener final : public PeerListener {
 
   // `name` is set if the socket has a name that we must remove. `leavesReserve` as in
   // DBusPeerTransport::leaveDescriptorReserve().
-  static Result<std::unique_ptr<DBusPeerListener>> create(
-      AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts, UniqueDBusServer server,
-      std::optional<SocketName> name, const PeerListenerOptions& options, bool leavesReserve,
-      NewLink onLink);
+  static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
+                                                          std::shared_ptr<PeerAccounts> accounts,
+                                                          UniqueDBusServer server,
+                                                          std::optional<SocketName> name,
+                                                          const PeerListenerOptions& options,
+                                                          bool leavesReserve, NewLink onLink);
 
   DBusPeerListener(const DBusPeerListener&) = delete;
   DBusPeerListener& operator=(const DBusPeerListener&) = delete;

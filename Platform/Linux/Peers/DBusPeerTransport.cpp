@@ -197,8 +197,7 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listenOn(
   ::unsetenv("LISTEN_FDS");
   if (!server) return std::unexpected(std::move(server.error()));
   return DBusPeerListener::create(loop_, accounts_, std::move(*server), std::nullopt, options,
-                                  leavesReserve_,
-                                  wrapping(std::move(onConnection)));
+                                  leavesReserve_, wrapping(std::move(onConnection)));
 }
 
 std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTransport::connect(
