@@ -268,6 +268,41 @@ int endpointPassedOn(const SocketEndpoint& endpoint, uid_t user) {
   });
 }
 
+// A member takes the name of a server that is not there.
+int nameOfAServer(const Attack& attack) {
+  return as(kMember, [&] {
+    UniqueFd socket;
+    return SocketName::take(pathOfConnection(attack.root, "com.vantor.absent"), {},
+                            [&](const std::string& path) -> Result<void> {
+                              socket = newSocket();
+                              sockaddr_un address{};
+                              address.sun_family = AF_UNIX;
+                              path.copy(address.sun_path, sizeof address.sun_path - 1);
+                              ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                                     sizeof address);
+                              ::listen(socket.get(), 1);
+                              return {};
+                            })
+        .has_value();
+  });
+}
+
+// A member puts a pipe, a link or a folder where servers bind their sockets, or enters the folder
+// with their lock.
+int fileInTheWay(const Attack& attack) {
+  return as(kMember, [&] {
+    for (const char* folder : {"", "connections/", "connections/.births/", "mach/", "control/"}) {
+      const std::string path = attack.root + "/run/vantor/" + folder + "planted";
+      if (::mkfifo(path.c_str(), 0666) == 0 || ::symlink("/etc", path.c_str()) == 0 ||
+          ::mkdir(path.c_str(), 0777) == 0) {
+        return true;
+      }
+    }
+    const std::string births = attack.root + "/run/vantor/connections/.births";
+    return static_cast<bool>(UniqueFd(::open(births.c_str(), O_RDONLY | O_CLOEXEC)));
+  });
+}
+
 std::shared_ptr<const SocketEndpoint> execInfoEndpoint(const Attack& attack) {
   const LinuxSystemInformation system(defaultPlatformConfiguration(attack.root), "/proc");
   RegistryClient client(attack.root, system);
@@ -291,6 +326,8 @@ std::optional<Way> wayOf(std::string_view name, const Attack& attack) {
   if (name == "user changed afterwards") return userChangedAfterwards;
   if (name == "rights gained afterwards") return rightsGainedAfterwards;
   if (name == "socket pair") return socketPair;
+  if (name == "name of a server") return nameOfAServer;
+  if (name == "file in the way") return fileInTheWay;
   if (name == "endpoint of a member" || name == "endpoint passed on") {
     const auto endpoint = execInfoEndpoint(attack);
     if (!endpoint) return std::nullopt;

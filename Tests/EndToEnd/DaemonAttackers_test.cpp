@@ -50,10 +50,10 @@ class DaemonAttackers : public DaemonFixture {
     EXPECT_EQ(attempt("endpoint of a member", 3), all(3));
     EXPECT_EQ(attempt("stranger", tries), none(tries));
     openTheFirstGate();
-    for (const char* way :
-         {"stranger", "wrong token", "token of another boot", "descriptor passed on",
-          "reused number", "executed afterwards", "user changed afterwards",
-          "rights gained afterwards", "socket pair", "endpoint passed on"}) {
+    for (const char* way : {"stranger", "wrong token", "token of another boot",
+                            "descriptor passed on", "reused number", "executed afterwards",
+                            "user changed afterwards", "rights gained afterwards", "socket pair",
+                            "name of a server", "file in the way", "endpoint passed on"}) {
       SCOPED_TRACE(way);
       const std::string answer = attempt(way, tries);
       if (answer != "impossible here") {
