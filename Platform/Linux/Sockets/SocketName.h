@@ -50,8 +50,8 @@ class SocketName {
   SocketName& operator=(SocketName&& other) noexcept = default;
 
   // Removes the name if it is still ours. Call it while the socket still listens: afterwards
-  // anybody may replace the name, and the number of an inode can be used again. A second call does
-  // nothing.
+  // another process may replace the name, and the number of an inode can be used again. A second
+  // call does nothing.
   void remove();
 
  private:

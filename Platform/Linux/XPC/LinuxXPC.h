@@ -42,8 +42,8 @@ class LinuxXPC {
   XPC& xpc() { return *xpc_; }
 
   // The limit of connections that one user may have to a listener, in a process with this limit of
-  // descriptors. Anybody may connect, so one user gets at most a quarter of the descriptors,
-  // counting those of messages that are never completed. At least 1, at most
+  // descriptors. An open listener is for everybody, so one user gets at most a quarter of the
+  // descriptors, counting those of messages that are never completed. At least 1, at most
   // kMaxPeerConnectionsPerUser.
   static std::size_t connectionsPerUser(std::uint64_t descriptorLimit);
 
