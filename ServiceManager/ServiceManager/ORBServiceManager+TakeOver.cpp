@@ -21,7 +21,8 @@ void ORBServiceManager::beginTakeOver() {
 // Called when all turns are over, and when settings servers have answered.
 void ORBServiceManager::continueTakeOver() {
   if (takeOver_ != TakeOver::kGoesOn || isTakeOverObserved_) return;
-  if (!hasEvaluated_ || isEvaluating()) return;
+  // The services that are still being worked on are awaited below.
+  if (!hasEvaluated_ || turns_.waiting() > 0 || !askedServices_.empty()) return;
   Array labels;
   for (const auto& [label, work] : enforcement_.work()) labels.push_back(Value(label));
   if (labels.empty()) return endTakeOver();

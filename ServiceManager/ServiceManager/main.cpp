@@ -173,7 +173,7 @@ class OperatorClients {
                   platform::CodeSignatures& signatures)
       : thread_(thread),
         root_(linux.configuration.root),
-        transport_(thread.loop()),
+        transport_(thread.loop(), linux.peerAccounts),
         connections_(thread.loop(), transport_, center_, linux.systemLog,
                      [&places](std::string_view name) { return places.connection(name); }),
         host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
