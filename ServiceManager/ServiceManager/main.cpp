@@ -193,6 +193,11 @@ class OperatorClients {
   OperatorClients(const OperatorClients&) = delete;
   OperatorClients& operator=(const OperatorClients&) = delete;
 
+  // The job host answers again, as another client knows.
+  void jobHostHasReturned() {
+    thread_.loop().post([this] { host_.waitAgain(); });
+  }
+
   OperatorWorker worker() {
     return {.perform = [&loop = thread_.loop()](
                            platform::RunLoop::Callback work) { loop.post(std::move(work)); },
@@ -321,7 +326,13 @@ int main(int argc, char** argv) {
       .xpc = (*xpc)->xpc(),
       .attributes = attributes,
       .observeJobHostReturn =
-          [&](std::function<void()> onReturn) { host.setReturnHandler(std::move(onReturn)); },
+          [&](std::function<void()> onReturn) {
+            if (!onReturn) return host.setReturnHandler({});
+            host.setReturnHandler([&operatorClients, onReturn = std::move(onReturn)] {
+              operatorClients.jobHostHasReturned();
+              onReturn();
+            });
+          },
       .withSettingsOfThisThread =
           [&](const std::function<void(const SettingsClientFactories&)>& ask) {
             askSettingsOnThisThread(linux, places, protocols, ask);

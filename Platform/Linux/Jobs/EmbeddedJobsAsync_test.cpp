@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <expected>
 #include <memory>
 #include <optional>
@@ -62,6 +63,21 @@ TEST_F(AsynchronousCallsTest, AHungHostFailsOneRequestLateAndTheNextOnesAtOnce) 
   startCopies(1);
   loop_.runReady();
   EXPECT_EQ(kept_.size(), 1u);
+}
+
+// A request that was sent meanwhile would wait as long as the first one.
+TEST_F(AsynchronousCallsTest, ARequestAfterATimeOutWaitsForThePing) {
+  startHost(keeping());
+  const auto first = startSubmission();
+  loop_.advanceBy(30s);
+  ASSERT_TRUE(*first);
+  const auto second = startSubmission();
+  loop_.advanceBy(JobHostClient::kPingTimeOut - 1ns);
+  EXPECT_FALSE(*second);
+  loop_.advanceBy(1ns);
+  ASSERT_TRUE(*second);
+  expectError(**second, LaunchdError::kInternal, "does not answer");
+  EXPECT_EQ(std::ranges::count(host_->asked, "submitJob:"), 1);
 }
 
 TEST_F(AsynchronousCallsTest, ASlowHostStillGetsRequests) {

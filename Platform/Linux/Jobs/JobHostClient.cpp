@@ -252,8 +252,9 @@ void JobHostClient::limit(RequestId id, Duration timeout) {
   });
 }
 
+// While the host is pinged, it may be about to count as hung.
 void JobHostClient::sendWaiting() {
-  if (waiting_.empty() || connectTimer_) return;
+  if (waiting_.empty() || connectTimer_ || isPinging_) return;
   if (!connection_) return connectLater(Duration::zero());
   for (auto next = waiting_.begin(); next != waiting_.end();) {
     const RequestId id = *next;
@@ -322,6 +323,8 @@ void JobHostClient::couldNotConnect(const PeerConnectFailure& failure) {
 void JobHostClient::answered(RequestId id, Room room, MessageResult result) {
   --(room == Room::kUsual ? usualUnderWay_ : longUnderWay_);
   const bool hasEnded = !result && result.error().name == kNSInvalidSendPortException;
+  const bool hasTimedOut = !result && result.error().name == kNSPortTimeoutException;
+  if (room == Room::kUsual && hasTimedOut) pingAsync();
   // Keep the connection until it reports its death: other requests may still be completed.
   if (hasEnded && !connectTimer_) connectLater(kReconnectInterval);
   sendWaiting();
@@ -331,7 +334,6 @@ void JobHostClient::answered(RequestId id, Room room, MessageResult result) {
   if (result) return complete(id, Answer{*std::move(result), request.wasRepeated});
   if (hasEnded && !(request.wasRepeated && loop_.now() >= request.deadline)) return repeat(id);
   if (room == Room::kUsual && hasEnded) awaitReturn();
-  if (room == Room::kUsual && result.error().name == kNSPortTimeoutException) pingAsync();
   complete(id, std::unexpected(unanswered(result.error(), socket_, request.timeout)));
 }
 
@@ -342,7 +344,9 @@ void JobHostClient::pingAsync() {
   connection_->callAsync(kMayChangeJobsMessage, {}, kPingTimeOut,
                          [this](const MessageResult& answer) {
                            isPinging_ = false;
-                           if (answer || answer.error().name != kNSPortTimeoutException) return;
+                           if (answer || answer.error().name != kNSPortTimeoutException) {
+                             return sendWaiting();
+                           }
                            noteHung();
                            pingUntilAnswered();
                            awaitReturn();

@@ -70,8 +70,8 @@ class JobHostClient {
 
   RunLoop& loop() const { return loop_; }
 
-  // Makes the next call wait for an absent host again.
-  void waitAgain() { isKnownAbsent_ = false; }
+  // Makes the next call wait for an absent host again, and ask one that counted as hung.
+  void waitAgain() { isKnownAbsent_ = isHung_ = false; }
 
   // Calls `onReturn` each time that a host answers again after a call() has failed because it hung
   // or was absent: on the loop, never from inside a call, once for all calls that have failed by
@@ -90,7 +90,8 @@ class JobHostClient {
   // The same without blocking: the client tries to reach an absent host, and repeats the request if
   // the host ends, while the loop goes on. Only connecting blocks, for kProbeTimeOut at most. The
   // completion runs once, on the loop and never from inside this call. It does not run if this is
-  // destroyed before. A usual request without an answer makes the client ping the host, too.
+  // destroyed before. After a usual request without an answer, the client
+  // pings the host, too, and further requests wait for the outcome.
   //
   // The host gets the requests in their order, each at once if it is connected. Only a usual one
   // may overtake long ones that wait for their turn.
