@@ -17,13 +17,12 @@ using namespace std::chrono_literals;
 
 class RandomOrdersTest : public WithKernelExtensions<ServiceManagerFixture> {
  protected:
-  RandomOrdersTest() {
-    useHealth();
-    startConfigurationServer();
-  }
+  // It has no health record, whose retry starts each service that is not ready, also one that a
+  // user interface has stopped.
+  RandomOrdersTest() { startConfigurationServer(); }
 
   struct Event {
-    const char* name;
+    std::string name;
     std::function<void()> happens;
   };
   std::vector<Event> events() {
@@ -44,9 +43,10 @@ class RandomOrdersTest : public WithKernelExtensions<ServiceManagerFixture> {
         {"wait", [this] { loop_.advanceBy(700ms); }},
         {"long wait", [this] { loop_.advanceBy(7s); }}};
     for (const char* label : {kPrimary, kAgent, kHelper}) {
-      events.push_back({"stop", [this, label] { manager().stopServices({label}); }});
-      events.push_back({"start", [this, label] { manager().startServices({label}); }});
-      events.push_back({"end", [this, label] {
+      const std::string of = std::string(" of ") + label;
+      events.push_back({"stop" + of, [this, label] { manager().stopServices({label}); }});
+      events.push_back({"start" + of, [this, label] { manager().startServices({label}); }});
+      events.push_back({"end" + of, [this, label] {
                           if (isRunning(label)) jobs_.endProcess(label);
                         }});
     }
@@ -76,7 +76,7 @@ TEST_F(RandomOrdersTest, EachServiceEndsAsItIsWanted) {
     answers_ = 0;
     for (int i = 0; i < 15; ++i) {
       const Event& event = events[random() % events.size()];
-      names += std::string(names.empty() ? "" : ", ") + event.name;
+      names += (names.empty() ? "" : ", ") + event.name;
       if (event.name == events[0].name) ++begun;
       event.happens();
     }
@@ -85,6 +85,9 @@ TEST_F(RandomOrdersTest, EachServiceEndsAsItIsWanted) {
     loop_.advanceBy(2min);
     manager().evaluateServices();
     manager().handleGlobalSettingsServerDidStart({});
+    loop_.advanceBy(1min);
+    // In the installer's mode a return does not repeat a stop that has failed.
+    returnHost();
     loop_.advanceBy(1min);
     manager().startServices({kPrimary});
     manager().evaluateSystemConfiguration();
@@ -101,7 +104,6 @@ TEST_F(RandomOrdersTest, EachServiceEndsAsItIsWanted) {
     }
     ASSERT_EQ(exitWatcher_.watchCount(), running) << names;
     takeLog();
-    takeReports();
   }
 }
 

@@ -52,7 +52,9 @@ TEST(ExtensionsReportTest, FaultsAreShownBelowTheTable) {
             "b     j           no         no process  no         yes         -\n"
             "\n"
             "a: i: was changed\\n\n"
+            "a: takes connections, but gives no answer within a second\n"
             "b: j: there is no such extension\n"
+            "b: is loaded, but takes no connection\n"
             "b: was loaded from /b.kext\n");
 }
 
