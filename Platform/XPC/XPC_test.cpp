@@ -73,8 +73,9 @@ TEST_P(XPCContract, AConnectionThatWaitsForAnEndedListenerIsRejected) {
 
 TEST_P(XPCContract, TheBytesThatWaitToBeServedAreLimited) {
   constexpr std::size_t kFirst = std::size_t{12} << 20;
-  const std::size_t none = costOfWaiting({Value("")}).bytes;
-  const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - none, 'x')); };
+  // The text is long, because a short one costs the least memory of a value.
+  const std::size_t others = costOfWaiting({Value(std::string(kFirst, 'x'))}).bytes - kFirst;
+  const auto costing = [&](std::size_t bytes) { return Value(std::string(bytes - others, 'x')); };
   listen();
   for (const std::size_t excess : {std::size_t{0}, std::size_t{1}}) {
     client_ = connect();

@@ -37,6 +37,9 @@ void DBusPeerLink::handled(unsigned flags) {
   if (isWhole) {
     unfinishedBytes_ = 0;
     messageTimer_.reset();
+    // One reading in each turn of this connection: on a busy loop its dispatch comes late, and the
+    // socket would be read again and again until then.
+    sources_->pause();
   } else if (readsMessages && (flags & DBUS_WATCH_READABLE) != 0) {
     unfinishedBytes_ = std::min(unfinishedBytes_ + kBytesPerReading, kMaxPeerMessageBytes);
     if (!messageTimer_) {
