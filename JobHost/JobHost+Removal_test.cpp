@@ -175,6 +175,14 @@ TEST_F(JobHostTest, TheThrottleOutlivesARemoval) {
   EXPECT_EQ(starts(), 3);
 }
 
+TEST_F(JobHostTest, AThrottleThatIsOverDelaysNoLongerOne) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(removeLater("com.example.a")->value());
+  loop_.advanceBy(10s);
+  ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 3600}})));
+  EXPECT_EQ(starts(), 2);
+}
+
 // Shutting down.
 
 TEST_F(JobHostTest, ShuttingDownStopsLoadedJobsThenSubmittedOnesThenTheBus) {

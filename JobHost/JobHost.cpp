@@ -109,7 +109,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   auto done = define(job, origin, definition);
   if (done) {
     const bool wants = wantsProcessAtLoad(job.rules);
-    lastStarts_.giveTo(job);
+    lastStarts_.giveTo(job, loop_.now());
     const bool mayStart = loop_.now() >= earliestStartOf(job);
     done = perform(job, nextAction(job.phase, JobEvent::kSubmitted, wants, mayStart), &definition);
   }
@@ -196,7 +196,7 @@ Job* JobHost::findAsOfNow(std::string_view label) {
   Job* const job = find(label);
   if (!job || !job->hasLeader) return job;
   job->process->reportIfEnded();
-  return find(label);  // The report may have finished its removal.
+  return find(label);
 }
 
 Value JobHost::copy(std::string_view label) {

@@ -2,8 +2,10 @@
 
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,6 +13,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHostFixture_contract.h"
+#include "JobHost/State/StateReader.h"
 #include "Platform/Testing/Machine/FileSizeLimit.h"
 
 namespace jobhost {
@@ -112,6 +115,18 @@ struct Untrusted {
   void (*make)(const std::string& path);
 };
 
+// The records carry their boot as well as the header does.
+void writeStateOf(const std::string& path, std::string_view bootId) {
+  const auto payload =
+      submittedPayload(JobOrigin::kSubmitted, platform::Dictionary{{"Label", "com.example.old"}});
+  ASSERT_TRUE(payload);
+  std::ofstream file(path);
+  for (const auto& bytes :
+       {stateFileHeader(bootId), makeRecord(RecordKind::kSubmitted, *payload, bootMark(bootId))}) {
+    file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+  }
+}
+
 class JobHostWithoutAnyFile : public JobHostTest, public testing::WithParamInterface<Untrusted> {
  protected:
   void startWithoutRoom() {
@@ -206,11 +221,7 @@ INSTANTIATE_TEST_SUITE_P(
     Each, JobHostWithoutAnyFile,
     testing::Values(
         Untrusted{"Empty", [](const auto& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); }},
-        Untrusted{"OfAnotherBoot",
-                  [](const auto& path) {
-                    // The boot id follows the 13 bytes of the magic.
-                    std::fstream(path, std::ios::in | std::ios::out).seekp(13) << '2';
-                  }},
+        Untrusted{"OfAnotherBoot", [](const auto& path) { writeStateOf(path, "22222222/1.9"); }},
         Untrusted{"Foreign", [](const auto& path) { EXPECT_EQ(::chmod(path.c_str(), 0666), 0); }},
         Untrusted{"ALink",
                   [](const auto& path) {

@@ -31,9 +31,12 @@ class JobHostRunaways : public RealJobHostTest {
   }
 
   LineChannel lines_{loop(), root_.path("lines")};
-  // In a session of its own, and a child of nobody that the job knows.
-  const std::string runaway_ =
-      "(setsid sh -c 'trap \"\" TERM; echo $$ >" + lines_.path() + "; exec sleep 1000' &); ";
+  // In a session of its own, and a child of nobody that the job knows. The leader goes on when the
+  // runaway has left the group, whose processes are killed when the leader ends.
+  const std::string left_ = root_.path("left");
+  const std::string runaway_ = "mkfifo " + left_ + "; (setsid sh -c 'trap \"\" TERM; echo $$ >" +
+                               lines_.path() + "; echo >" + left_ +
+                               "; exec sleep 1000' &); read left <" + left_ + "; ";
 };
 
 TEST_F(JobHostRunaways, ARemovalEndsWhatHasLeftTheSession) {

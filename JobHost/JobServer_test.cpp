@@ -174,13 +174,16 @@ TEST_F(JobServerTest, CopyingAllStatesStartsNothing) {
   EXPECT_EQ(processes_.started.size(), 4u);
 }
 
-TEST_F(JobServerTest, AJobWhoseRemovalHasJustFinishedHasNoState) {
+TEST_F(JobServerTest, ARemovedJobHasAStateUntilItsProcessesAreSearched) {
   submitJob();
   processes_.obeysTermination = false;
   const Answer removed = ask(kRemoveJobMessage, {kAgent, true});
   processes_.endUnreported(lastProcess());
-  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
+  const Value states = value(ask(kCopyJobStatesMessage, {}));
+  EXPECT_TRUE(states[kAgent]["PID"].isNil());
+  EXPECT_EQ(states[kAgent]["LastExitStatus"], Value(0));
   EXPECT_TRUE(*removed);
+  EXPECT_EQ(value(ask(kCopyJobStatesMessage, {})), Value(Dictionary{}));
 }
 
 TEST_F(JobServerTest, ARemovalThatWaitsIsAnsweredWhenTheGroupIsEmpty) {

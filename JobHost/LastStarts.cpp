@@ -8,9 +8,9 @@ void LastStarts::keep(const Job& job, platform::Instant earliestStart, platform:
   entries_[job.label] = {*job.lastTry, earliestStart, job.shortRuns, job.pausedUntil};
 }
 
-void LastStarts::giveTo(Job& job) {
+void LastStarts::giveTo(Job& job, platform::Instant now) {
   const auto node = entries_.extract(job.label);
-  if (!node) return;
+  if (!node || node.mapped().until <= now) return;
   const Entry& entry = node.mapped();
   job.lastTry = entry.lastTry;
   job.shortRuns = entry.shortRuns;

@@ -17,8 +17,8 @@ class LastStarts {
 
   // Keeps that of a job that is being removed. It counts until `earliestStart`.
   void keep(const Job& job, platform::Instant earliestStart, platform::Instant now);
-  // Gives a new job that of its label.
-  void giveTo(Job& job);
+  // Gives a new job that of its label, if it still counts.
+  void giveTo(Job& job, platform::Instant now);
 
  private:
   struct Entry {

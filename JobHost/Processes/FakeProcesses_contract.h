@@ -95,7 +95,8 @@ class FakeProcesses final : public Processes {
     std::vector<std::unique_ptr<MarkedProcess>> found;
     for (const auto& [process, marked] : marked_) {
       if (hidesMarks || !isAlive(process) || reused_.contains(process)) continue;
-      const Marked facts{marked.label, process, marked.leader, marked.leader, ticksOf(process)};
+      // Each leads a group of its own, also a descendant.
+      const Marked facts{marked.label, process, process, marked.leader, ticksOf(process)};
       if (isWanted(facts)) found.push_back(std::make_unique<MarkedHandle>(*this, process));
     }
     return found;

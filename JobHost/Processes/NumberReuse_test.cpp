@@ -44,7 +44,7 @@ class ReuseScenario {
       : file_(::open(state.c_str(), O_RDWR | O_APPEND | O_CLOEXEC)) {}
 
   int play() {
-    if (!isNext(1000)) return kNotPermitted;
+    if (!isNext(1000) || !pidfdsAreUnique()) return kNotPermitted;
     for (int i = 0; i < kReuses; ++i) {
       if (!reuseOnce()) return 1;
     }
@@ -68,6 +68,10 @@ class ReuseScenario {
     }
     const auto stat = statOf(std::to_string(identity.process));
     if (stat) identity.startTicks = startTicksIn(stat->data(), stat->size());
+    // As in each real record: many processes begin within one tick.
+    const UniqueFd pidfd(::pidfd_open(identity.process, 0));
+    struct stat status{};
+    if (::fstat(pidfd.get(), &status) == 0) identity.pidfdInode = status.st_ino;
     return identity;
   }
 

@@ -37,11 +37,12 @@ TEST_P(JobsContract, AKilledProcessIsCountedAsACrash) {
 }
 
 TEST_P(JobsContract, TheHistoryOutlivesRemovalsWhichAreNoCrashes) {
+  const Value unthrottled = job(machine_->program(), {{"ThrottleInterval", 0}});
   for (int i = 0; i < 12; ++i) {
-    submit(job(machine_->program()));
+    submit(unthrottled);
     EXPECT_TRUE(remove());
   }
-  submit(job(machine_->program()));
+  submit(unthrottled);
   const auto history = jobHistoryIn(copy());
   ASSERT_TRUE(history);
   EXPECT_EQ(history->starts, 13);

@@ -131,10 +131,11 @@ TEST_P(JobsContract, AnyNumberOfRequestsMayBeUnderWay) {
 }
 
 TEST_P(JobsContract, ASubmissionDuringARemovalIsDoneAfterIt) {
-  submit(job(machine_->program()));
+  const Value unthrottled = job(machine_->program(), {{"ThrottleInterval", 0}});
+  submit(unthrottled);
   const ProcessId first = process();
   const Outcome removed = removeLater();
-  const Outcome submitted = submitLater(job(machine_->program()));
+  const Outcome submitted = submitLater(unthrottled);
   EXPECT_TRUE(await(removed));
   EXPECT_TRUE(await(submitted));
   EXPECT_NE(process(), first);

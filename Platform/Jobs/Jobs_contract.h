@@ -137,6 +137,25 @@ TEST_P(JobsContract, ARemovedJobCanBeSubmittedAgain) {
   EXPECT_TRUE(copy()["LastExitStatus"].isNil());
 }
 
+TEST_P(JobsContract, AThrottleOutlivesARemoval) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
+  EXPECT_TRUE(remove());
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
+  EXPECT_FALSE(copy().isNil());
+  EXPECT_TRUE(copy()["PID"].isNil());
+  submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
+  EXPECT_TRUE(machine_->isRunning(process()));
+}
+
+TEST_P(JobsContract, TheNextHostKnowsNoThrottleOfARemovedJob) {
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
+  EXPECT_TRUE(remove());
+  machine_->stopHost();
+  machine_->startHost();
+  submit(job(machine_->program(), {{"ThrottleInterval", 3600}}));
+  EXPECT_TRUE(machine_->isRunning(process()));
+}
+
 TEST_P(JobsContract, AJobWithoutAProcessCanBeRemoved) {
   submit(job(machine_->program(), {{"KeepAlive", false}, {"RunAtLoad", true}}));
   machine_->kill(kLabel, process());

@@ -156,7 +156,7 @@ TEST_F(ServiceWaitsTest, TheReturnOfTheHostLooksForAwaitedProcesses) {
 }
 
 TEST_F(ServiceWaitsTest, AJobLostDuringTheSearchIsSubmittedForASecondRequest) {
-  endAgent(3600);
+  endAgent(5);
   run(kAgent);
   EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kAgent, nullptr, true));
   run(kAgent);
@@ -208,12 +208,12 @@ TEST_F(ServiceWaitsTest, AStopDuringASubmissionRemovesTheJob) {
 }
 
 TEST_F(ServiceWaitsTest, AStopThatIsOvertakenByAStartDropsNoBlock) {
-  endAgent(3600);
+  endAgent(5);
   completed_.clear();
   enforcement_.enforceRunningForService(kAgent, [this] { completed_.emplace_back("first"); });
   enforcement_.enforceShutdownForService(kAgent, {});
   enforcement_.enforceRunningForService(kAgent, [this] { completed_.emplace_back("second"); });
-  loop_.runReady();
+  loop_.advanceBy(12s);
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_THAT(completed_, ElementsAre("first", "second"));
 }

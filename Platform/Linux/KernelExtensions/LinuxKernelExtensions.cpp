@@ -16,6 +16,9 @@ constexpr char kIdent[] = "KextManager";
 constexpr auto kUnloadingPause = 20ms;
 // An extension that does not end by itself is killed, because the caller of unload() waits for it.
 constexpr std::int64_t kExitTimeOut = 1;
+// The throttle holds also for an extension that was unloaded. It is shorter than kControlWait, so
+// that it can be loaded again at once.
+constexpr std::int64_t kThrottle = 1;
 
 // Information on a running extension, wherever its bundle is by now.
 Dictionary jobInformationOf(const Value& job) {
@@ -168,6 +171,7 @@ Result<void> LinuxKernelExtensions::start(const KextBundle& bundle) {
                        {"Program", *bundle.programPath},
                        {"ProgramArguments", Array{*bundle.programPath}},
                        {"KeepAlive", true},
+                       {"ThrottleInterval", kThrottle},
                        {"ExitTimeOut", kExitTimeOut}};
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
   if (submitted) return {};

@@ -140,6 +140,7 @@ TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAKeepAliveJob) {
       machine_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "kext." + std::string(kGood));
   EXPECT_EQ(job["Program"], Value(machine_.program(kGood)));
   EXPECT_EQ(job["KeepAlive"], Value(true));
+  EXPECT_EQ(job["ThrottleInterval"], Value(1));
   EXPECT_EQ(job["ExitTimeOut"], Value(1));
 }
 
@@ -189,7 +190,7 @@ TEST_F(LinuxKernelExtensionsTest, ACrashedExtensionHasNoProcessUntilItsRestart) 
     return machine_.loader.KextManagerCopyLoadedKextInfo({kGood})[kGood][kOSBundleProcessKey];
   };
   EXPECT_EQ(process(), Value(0));
-  machine_.loop.advanceBy(10s);
+  machine_.loop.advanceBy(1s);
   EXPECT_EQ(process(), Value(machine_.processOf(kGood).value()));
 }
 

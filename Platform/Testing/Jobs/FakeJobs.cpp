@@ -83,7 +83,10 @@ int waitStatus(ExitStatus status) {
 }  // namespace
 
 FakeJobs::Job& FakeJobs::add(const std::string& label) {
-  Job& added = jobs_[label];
+  const auto [found, isNewJob] = jobs_.try_emplace(label);
+  Job& added = found->second;
+  const auto last = lastStarts_.extract(label);
+  if (isNewJob && last && last.mapped().until > loop_.now()) added.last = last.mapped();
   const auto [history, isNew] = histories_.try_emplace(label);
   if (isNew) history->second.since = loop_.wallTime();
   added.history = &history->second;
@@ -101,11 +104,19 @@ const FakeJobs::Job* FakeJobs::find(std::string_view label) const {
   return found == jobs_.end() ? nullptr : &found->second;
 }
 
+// Its throttle outlives it, for as long as it delays the next start.
+void FakeJobs::forget(const std::string& label) {
+  Job& forgotten = job(label);
+  forgotten.last.until = earliestStart(forgotten);
+  lastStarts_.insert_or_assign(label, forgotten.last);
+  jobs_.erase(label);
+}
+
 void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
   Job& ended = job(label);
   end(ended, status);
   if (ended.removing) {
-    jobs_.erase(std::string(label));
+    forget(std::string(label));
     return serveRequests();
   }
   if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
@@ -116,13 +127,15 @@ void FakeJobs::end(Job& job, ExitStatus status) {
   const ProcessId process = *job.process;
   job.process.reset();
   job.lastExitStatus = waitStatus(status);
-  job.history->add({loop_.wallTime(), job.lastExitStatus, loop_.now() - job.lastStart},
+  job.history->add({loop_.wallTime(), job.lastExitStatus, loop_.now() - job.last.start},
                    job.removing);
-  job.shortRuns = loop_.now() - job.lastStart < kGoodRun ? job.shortRuns + 1 : 0;
+  exitWatcher_.endProcess(process, status);
+  if (job.removing) return;
+  job.last.shortRuns = loop_.now() - job.last.start < kGoodRun ? job.last.shortRuns + 1 : 0;
   const bool hasThrottle =
       secondsOf(job.dictionary, "ThrottleInterval", kThrottle) > Duration::zero();
-  job.pausedUntil = loop_.now() + (hasThrottle ? Duration::zero() : pauseAfter(job.shortRuns));
-  exitWatcher_.endProcess(process, status);
+  job.last.pausedUntil =
+      loop_.now() + (hasThrottle ? Duration::zero() : pauseAfter(job.last.shortRuns));
 }
 
 void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string> reason) {
@@ -140,6 +153,7 @@ void FakeJobs::setReachable(bool reachable) {
     for (Request& request : requests_) giveUpLater(request);
     return;
   }
+  lastStarts_.clear();
   for (auto& [label, history] : histories_) {
     history = JobHistory();
     history.since = loop_.wallTime();
@@ -198,7 +212,7 @@ std::expected<void, NSError> FakeJobs::admit(std::string_view domain) {
 }
 
 std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job) {
-  job.lastStart = loop_.now();
+  job.last.start = loop_.now();
   const std::string program = programOf(job.dictionary);
   if (const auto reason = unstartable_.find(program); reason != unstartable_.end()) {
     return failure(LaunchdError::kInternal,
@@ -214,9 +228,9 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
 }
 
 Instant FakeJobs::earliestStart(const Job& job) const {
-  if (job.lastStart == Instant{}) return loop_.now();
+  if (job.last.start == Instant{}) return loop_.now();
   const Duration throttle = secondsOf(job.dictionary, "ThrottleInterval", kThrottle);
-  return std::max({loop_.now(), job.lastStart + throttle, job.pausedUntil});
+  return std::max({loop_.now(), job.last.start + throttle, job.last.pausedUntil});
 }
 
 // The host is another program, so it starts processes even while this one waits.
@@ -253,7 +267,7 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   Job& submitted = add(label);
   submitted.dictionary = job;
   if (submitted.process || (!isTrue(job["KeepAlive"]) && !isTrue(job["RunAtLoad"]))) return {};
-  if (!isNew) {
+  if (!isNew || earliestStart(submitted) > loop_.now()) {
     startWhenThrottleAllows(label);
     return {};
   }
@@ -276,7 +290,7 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
   if (!removed.process || !removed.ignoresTermination) {
     removed.removing = true;
     if (removed.process) end(removed, {ExitStatus::Kind::kSignalled, SIGTERM});
-    jobs_.erase(found);
+    forget(std::string(label));
     return {};
   }
   if (!std::exchange(removed.removing, true)) killLater(found->first, removed);

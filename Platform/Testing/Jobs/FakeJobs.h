@@ -90,13 +90,18 @@ class FakeJobs final : public Jobs {
   bool isCallerAllowed() const { return callerAllowed_; }
 
  private:
+  struct LastStart {
+    Instant start{};
+    int shortRuns = 0;  // in a row
+    Instant pausedUntil{};
+    Instant until{};  // it counts for the next job of the label
+  };
+
   struct Job {
     Value dictionary;
     std::optional<ProcessId> process;
     std::optional<int> lastExitStatus;  // in the format of wait()
-    Instant lastStart{};
-    int shortRuns = 0;  // in a row
-    Instant pausedUntil{};
+    LastStart last;
     std::size_t starts = 0;
     bool ignoresTermination = false;
     bool removing = false;
@@ -113,6 +118,7 @@ class FakeJobs final : public Jobs {
   std::expected<void, NSError> submit(std::string_view domain, const Value& job);
   Value copy(std::string_view domain, std::string_view label);
   Job& add(const std::string& label);
+  void forget(const std::string& label);
   Job& job(std::string_view label);
   const Job* find(std::string_view label) const;
   std::expected<void, NSError> admit(std::string_view domain);
@@ -132,6 +138,7 @@ class FakeJobs final : public Jobs {
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
+  std::map<std::string, LastStart> lastStarts_;                  // of labels without a job
   std::map<std::string, JobHistory> histories_;                  // also of labels without a job
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label

@@ -165,7 +165,7 @@ TEST_F(FakeJobsTest, ARemovalWithoutWaitingContinuesByItself) {
 }
 
 TEST_F(FakeJobsTest, ARemovalIsOverWhenTheProcessEndsByItself) {
-  submit({{"ExitTimeOut", 7}});
+  submit({{"ExitTimeOut", 7}, {"ThrottleInterval", 0}});
   jobs_.ignoreTermination(kLabel);
   loop_.scheduleOutsideEvent(2s, [this] { jobs_.endProcess(kLabel); });
   const Instant before = loop_.now();
@@ -178,7 +178,7 @@ TEST_F(FakeJobsTest, ARemovalIsOverWhenTheProcessEndsByItself) {
 }
 
 TEST_F(FakeJobsTest, AJobUnderRemovalIsSubmittedAfterItsEnd) {
-  submit({{"ExitTimeOut", 7}});
+  submit({{"ExitTimeOut", 7}, {"ThrottleInterval", 0}});
   const auto first = jobs_.process(kLabel);
   jobs_.ignoreTermination(kLabel);
   EXPECT_TRUE(remove(false));
