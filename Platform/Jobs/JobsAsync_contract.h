@@ -30,6 +30,7 @@ TEST_P(JobsContract, ARestartIsReported) {
   const ProcessId first = process();
   ProcessId reported = first;
   const auto observation = jobs_.observeStarts([&](std::string_view) { reported = process(); });
+  ASSERT_EQ(process(), first);  // The host gets requests in order, so it has the subscription.
   machine_->kill(kLabel, first);
   machine_->runUntil([&] { return reported != first; });
 }
