@@ -155,6 +155,9 @@ TEST_P(CodeSignatureContract, OnlyCodeThatRunsNeedsItsRealPath) {
 }
 
 TEST_P(CodeSignatureContract, AShortageSaysNothingAboutTheCode) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "The sanitizer's check of types needs descriptors itself.";
+#endif
   const std::string valid = harness_->makeValid(kind_, "com.vantor.sample");
   for (const std::string& path : {harness_->makeUnsigned(kind_), valid}) {
     const auto code = codeAt(path);
