@@ -11,14 +11,16 @@ using platform::NSError;
 
 namespace {
 
-LaunchdError launchdErrorOf(ErrorCode code) {
-  switch (code) {
+LaunchdError launchdErrorOf(const Error& error) {
+  switch (error.code) {
     case ErrorCode::kInvalid:
       return LaunchdError::kInvalidJob;
     case ErrorCode::kDenied:
       return LaunchdError::kNotAuthorized;
-    case ErrorCode::kNotFound:
     case ErrorCode::kExhausted:
+      if (error.osError == 0) return LaunchdError::kHostIsFull;
+      break;
+    case ErrorCode::kNotFound:
     case ErrorCode::kSystem:
       break;
   }
@@ -32,7 +34,7 @@ NSError jobError(LaunchdError code, std::string text) {
 }
 
 NSError jobError(const Error& error) {
-  return jobError(launchdErrorOf(error.code), platform::describe(error));
+  return jobError(launchdErrorOf(error), platform::describe(error));
 }
 
 }  // namespace jobhost

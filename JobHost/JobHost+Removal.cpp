@@ -181,7 +181,8 @@ void JobHost::finishRemoval(Job& job) {
   jobs_.erase(job.label);
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();
-  if (isShuttingDown_) {
+  // The last job of a rank goes on to the next rank. Each of 10,000 jobs can't go through all jobs.
+  if (isShuttingDown_ && stopping_ > 0 && --stopping_ == 0) {
     loop_.post([this, alive = std::weak_ptr(alive_)] {
       if (!alive.expired()) shutDownNext();
     });
@@ -219,7 +220,9 @@ void JobHost::shutDownNext() {
   for (const auto& [label, job] : jobs_) lowest = std::min(lowest, stoppingRank(job));
   std::vector<std::string> next;
   for (const auto& [label, job] : jobs_) {
-    if (stoppingRank(job) == lowest && !job.removal) next.push_back(label);
+    if (stoppingRank(job) != lowest) continue;
+    ++stopping_;
+    if (!job.removal) next.push_back(label);
   }
   for (const std::string& label : next) {
     compactIfWanted();

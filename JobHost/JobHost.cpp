@@ -229,9 +229,11 @@ platform::Dictionary JobHost::stateOf(const Job& job, JobHistoryDetail detail) c
   return state;
 }
 
-std::vector<std::string> JobHost::labels() const {
+std::vector<std::string> JobHost::labelsAfter(std::string_view after, std::size_t most) const {
   std::vector<std::string> labels;
-  for (const auto& [label, job] : jobs_) labels.push_back(label);
+  for (auto job = jobs_.upper_bound(after); job != jobs_.end() && labels.size() < most; ++job) {
+    labels.push_back(job->first);
+  }
   return labels;
 }
 

@@ -27,11 +27,14 @@
 
 namespace jobhost {
 
+// The jobs that a host takes. Each that runs costs it one descriptor and about 2 KiB.
+inline constexpr std::size_t kMaximumJobs = 16'384;
+
 // Where a host keeps its files, and its bounds.
 struct JobHostOptions {
   std::string root;    // the platform root
   std::string bootId;  // as readBootId() returns it
-  std::size_t maximumJobs = 4096;
+  std::size_t maximumJobs = kMaximumJobs;
   // The users who may connect to the Mach services of jobs: only the host's own and root, unless
   // this says more.
   MachSockets::AudienceOf audienceOfService = [](std::string_view) {
@@ -116,7 +119,9 @@ class JobHost {
   void setStartHandler(StartHandler handler) { onStarted_ = std::move(handler); }
 
   // Every job's label, sorted.
-  std::vector<std::string> labels() const;
+  std::vector<std::string> labels() const { return labelsAfter({}, jobs_.size()); }
+  // The first `most` of the labels that come after this one.
+  std::vector<std::string> labelsAfter(std::string_view after, std::size_t most) const;
 
   // Rejects further submissions and removes everything: first the loaded jobs, then the submitted
   // ones, all at once, then the notification bus. No process lives longer than
@@ -232,6 +237,7 @@ class JobHost {
   StartHandler onStarted_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
+  std::size_t stopping_ = 0;  // jobs that are removed before the shut-down goes on to the next ones
   // Callbacks check by it whether this still exists.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };

@@ -25,7 +25,7 @@ class JobHostTest : public testing::Test {
  protected:
   JobHostTest() { startHost(); }
 
-  void startHost(std::size_t maximumJobs = 4096) {
+  void startHost(std::size_t maximumJobs = kMaximumJobs) {
     JobHostOptions options;
     options.root = root_.path();
     options.bootId = bootId_;

@@ -174,6 +174,7 @@ TEST_F(JobHostTest, TheMaximumNumberOfJobsIsAcceptedAndNotOneMore) {
   const auto outcome = submit(job("d"));
   ASSERT_FALSE(outcome);
   EXPECT_THAT(outcome.error().localizedDescription, HasSubstr("at most 3 jobs"));
+  EXPECT_EQ(outcome.error().code, static_cast<int>(platform::LaunchdError::kHostIsFull));
   EXPECT_TRUE(submit(job("c")));
   EXPECT_TRUE(removeLater("a")->value());
   EXPECT_TRUE(submit(job("d")));

@@ -1,6 +1,8 @@
 #include "JobHost/JobServer.h"
 
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -98,7 +100,14 @@ void JobServer::serve(ClientId client, bool isAllowed, PeerMessage message) {
 void JobServer::serveAllowed(ClientId client, PeerMessage message) {
   if (message.selector == kSubmitJobMessage) return submit(std::move(message));
   if (message.selector == kRemoveJobMessage) return remove(std::move(message));
-  if (message.selector == kCopyJobStatesMessage) return answer(message.reply, copyStates());
+  if (message.selector == kCopyJobStatesMessage) {
+    return answer(message.reply, copyStatesAfter("", kMaximumJobs));
+  }
+  if (message.selector == kCopyJobStatesAfterMessage) {
+    const std::string* label = message.arguments.front().string();
+    return answer(message.reply, label ? MessageResult(copyStatesAfter(*label, kJobStatesInAPage))
+                                       : wrongArgument(message, "a label"));
+  }
   if (message.selector == kCopyJobMessage) {
     const std::string* label = message.arguments.front().string();
     return answer(message.reply,
@@ -138,12 +147,17 @@ void JobServer::remove(PeerMessage message) {
   answer(message.reply, Value());
 }
 
-Value JobServer::copyStates() {
+Value JobServer::copyStatesAfter(std::string label, std::size_t most) {
   Dictionary states;
-  for (const std::string& label : host_.labels()) {
-    Value state = host_.copyState(label);
-    if (state.isNil()) continue;  // copyState() has found its end, which finished its removal.
-    states.set(label, std::move(state));
+  while (states.empty()) {
+    const std::vector<std::string> labels = host_.labelsAfter(label, most);
+    if (labels.empty()) break;
+    for (const std::string& next : labels) {
+      Value state = host_.copyState(next);
+      if (state.isNil()) continue;  // copyState() has found its end, which finished its removal.
+      states.set(next, std::move(state));
+    }
+    label = labels.back();
   }
   return states;
 }

@@ -48,7 +48,8 @@ class JobServer {
   void serveAllowed(ClientId client, platform::PeerMessage message);
   void submit(platform::PeerMessage message);
   void remove(platform::PeerMessage message);
-  platform::Value copyStates();
+  // Those of the jobs after this label, `most` at most.
+  platform::Value copyStatesAfter(std::string label, std::size_t most);
 
   const std::uint32_t user_;
   JobHost& host_;

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -156,6 +157,20 @@ TEST_F(JobServerTest, TheStatesOfAllJobsAreCopied) {
   EXPECT_EQ(agent, Value(Dictionary{{"LastExitStatus", 3 << 8}, {"History", agent["History"]}}));
   EXPECT_EQ(agent["History"]["Crashes"], Value(1));
   EXPECT_TRUE(agent["History"]["LastEnds"].isNil());
+}
+
+TEST_F(JobServerTest, TheStatesOfManyJobsAreCopiedInPages) {
+  for (std::size_t number = 0; number <= kJobStatesInAPage; ++number) {
+    submitJob({{"Label", fmt::format("{:05}", number)}, {"KeepAlive", false}});
+  }
+  const Value first = value(ask(kCopyJobStatesAfterMessage, {""}));
+  EXPECT_EQ(first.dictionary()->size(), kJobStatesInAPage);
+  EXPECT_EQ(first.dictionary()->begin()->first, "00000");
+  const Value second = value(ask(kCopyJobStatesAfterMessage, {"01999"}));
+  ASSERT_EQ(second.dictionary()->size(), 1u);
+  EXPECT_EQ(second.dictionary()->begin()->first, "02000");
+  EXPECT_EQ(value(ask(kCopyJobStatesAfterMessage, {"02000"})), Value(Dictionary{}));
+  expectInvalidArgument(ask(kCopyJobStatesAfterMessage, {5}), "a label");
 }
 
 TEST_F(JobServerTest, CopyingAllStatesStartsNothing) {

@@ -3,8 +3,11 @@
 namespace jobhost {
 
 void LastStarts::keep(const Job& job, platform::Instant earliestStart, platform::Instant now) {
-  std::erase_if(entries_, [&](const auto& entry) { return entry.second.until <= now; });
-  if (!job.lastTry || earliestStart <= now || entries_.size() >= kMaximumLabels) return;
+  if (!job.lastTry || earliestStart <= now) return;
+  if (entries_.size() >= kMaximumLabels) {
+    std::erase_if(entries_, [&](const auto& entry) { return entry.second.until <= now; });
+  }
+  if (entries_.size() >= kMaximumLabels) return;
   entries_[job.label] = {*job.lastTry, earliestStart, job.shortRuns, job.pausedUntil};
 }
 

@@ -13,7 +13,7 @@ namespace jobhost {
 // service that is switched off and on is not started more often than one that crashes.
 class LastStarts {
  public:
-  static constexpr std::size_t kMaximumLabels = 4096;
+  static constexpr std::size_t kMaximumLabels = 16'384;
 
   // Keeps that of a job that is being removed. It counts until `earliestStart`.
   void keep(const Job& job, platform::Instant earliestStart, platform::Instant now);

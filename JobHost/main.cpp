@@ -2,6 +2,7 @@
 // host takes them over. It has no options.
 
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
@@ -21,6 +23,7 @@
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 
 namespace {
 
@@ -56,6 +59,16 @@ int fail(const platform::Error& error) {
   return EXIT_FAILURE;
 }
 
+// Tells the operator once why fewer jobs than kMaximumJobs can run.
+void reportDescriptorLimit(platform::SystemLog& log) {
+  const std::uint64_t limit = platform::softDescriptorLimit();
+  if (limit >= jobhost::kMaximumJobs + platform::kDescriptorReserve) return;
+  log.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
+              fmt::format("this process may open {} files, and each running job takes one, and one "
+                          "more for each of its services: fewer than {} jobs can run",
+                          limit, jobhost::kMaximumJobs));
+}
+
 }  // namespace
 
 int main() {
@@ -72,6 +85,7 @@ int main() {
   for (const std::string& warning : linux.configuration.warnings) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING, warning);
   }
+  reportDescriptorLimit(linux.systemLog);
   // All other programs of the root register their connections in this folder.
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
     return fail(folder.error());

@@ -60,7 +60,7 @@ Result<std::vector<gid_t>> groupsOf(const JobAccount& account) {
     }
     if (count > kMaximumGroups) {
       return std::unexpected(
-          Error{ErrorCode::kExhausted, 0,
+          Error{ErrorCode::kSystem, 0,
                 fmt::format("user {}: expected at most {} groups, found {}",
                             platform::quotedInMessage(account.name), kMaximumGroups, count)});
     }

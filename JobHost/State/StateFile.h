@@ -36,12 +36,12 @@ class StateFile {
   // How long open() waits for another host to end.
   static constexpr platform::Duration kLockTimeOut = std::chrono::seconds(5);
   // The maximum size of the file. A record beyond it is rejected.
-  static constexpr std::size_t kMaximumBytes = std::size_t{16} << 20;
+  static constexpr std::size_t kMaximumBytes = std::size_t{32} << 20;
   // The maximum cost of all known jobs, each as costOf() says. With this bound, a compacted file
   // always has room for the records of these jobs: only a submission is ever rejected for lack of
   // space. The labels removed by clients are not counted: those of one folder of daemons take 1.1
   // MiB at most.
-  static constexpr std::size_t kMaximumCost = std::size_t{12} << 20;
+  static constexpr std::size_t kMaximumCost = std::size_t{24} << 20;
   // A file with less space left than this is compacted. It is more than any job's submission and
   // start take.
   static constexpr std::size_t kRoomBytes = std::size_t{2} << 20;

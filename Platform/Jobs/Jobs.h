@@ -26,6 +26,7 @@ enum class LaunchdError : int {
   kNoSuchJob = 6,      // no job has this label
   kUnavailable = 7,    // the job host can't be reached
   kInvalidJob = 10,    // an impossible dictionary; the text names label and key
+  kHostIsFull = 12,    // the host takes no further job until another one is removed
 };
 
 // The seconds that a job gets to end if its dictionary has no "ExitTimeOut".

@@ -15,7 +15,9 @@ namespace {
 constexpr char kName[] = "ORBServiceManagerOperatorServer";
 
 // The other messages are about the catalogue, which never changes, or are no messages.
-bool needsPicture(std::string_view selector) {
+bool needsPicture(std::string_view selector, const Array& arguments) {
+  const bool isPage = selector == "overviewFrom:" || selector == "healthRecordFrom:";
+  if (isPage) return arguments.front() == Value(0);  // Further pages are about the same one.
   return selector == "overview" || selector == "healthRecord" || selector == "extensions" ||
          selector == "factsOfService:";
 }
@@ -31,7 +33,7 @@ void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, con
     return awaitServices(*labels.array(), std::move(reply));
   }
   Message message{std::string(selector), arguments, std::move(reply)};
-  if (needsPicture(selector)) {
+  if (needsPicture(selector, arguments)) {
     awaitPicture(std::move(message));
   } else {
     answer(std::move(message));
@@ -117,11 +119,22 @@ MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selecto
   OperatorReport& report = environment_.report;
   if (selector == "overview") return report.overview(*picture);
   if (selector == "healthRecord") return picture->healthRecord;
+  if (selector == "overviewFrom:" || selector == "healthRecordFrom:") {
+    const auto first = message.argument().integer();
+    if (!first || *first < 0) return message.invalidArgument("the number of a service");
+    const OperatorReport::Page page{static_cast<std::size_t>(*first), kServicesInAPage};
+    return selector == "overviewFrom:" ? report.overview(*picture, page)
+                                       : report.healthRecord(*picture, page);
+  }
   if (selector == "extensions") return Value(report.extensions(*picture));
   if (selector == "factsOfService:") {
     const Value label = message.argument();
     if (!label.string()) return message.invalidArgument("a label");
     return report.factsOfService(*picture, *label.string());
+  }
+  if (selector == "entriesOfServices:") {
+    return message.withLabels(
+        [&](const Array& labels) { return report.entriesOfServices(*picture, labels); });
   }
   if (selector == "jobsOfServices:") {
     return message.withLabels(

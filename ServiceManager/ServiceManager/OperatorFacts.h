@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 // The keys of the operator's server's answers, which are dictionaries of plain values. A fact that
 // is not known or does not apply is absent.
 
@@ -28,6 +30,10 @@ inline constexpr char kFactWorkLabel[] = "Label";
 // Boolean: it has been started lately, and does not watch every service that runs yet.
 inline constexpr char kFactIsTakingOver[] = "IsTakingOver";
 inline constexpr char kFactServices[] = "Services";  // by label, the facts marked with * below
+// In the answers to "overviewFrom:" and "healthRecordFrom:", which have the services of one page:
+// the number of all services.
+inline constexpr char kFactServiceCount[] = "ServiceCount";
+inline constexpr std::int64_t kServicesInAPage = 2000;
 inline constexpr char kFactOtherServices[] = "OtherServices";  // other products': label to products
 
 // Facts of a service.

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "Platform/Jobs/JobHistory.h"
-#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/ReportedFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
 #include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
@@ -21,24 +21,8 @@ namespace {
 constexpr Duration kProbeTime = std::chrono::seconds(2);
 // The time of a server that is known to hang. One that goes on answers much sooner.
 constexpr Duration kShortProbeTime = std::chrono::milliseconds(20);
-// If the job host took this long and did not answer about one job, it is not asked about others.
-constexpr Duration kSlowJobHostTime = std::chrono::milliseconds(200);
-// The answer about more jobs than this has only the counts of each history, and not the last ends,
-// so that it stays within the limits of a message.
-constexpr std::size_t kMostDetailedJobs = 200;
-
 double inSeconds(Duration duration) {
   return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
-}
-
-void setIfKnown(Dictionary& facts, const char* key, Value value) {
-  if (!value.isNil()) facts.set(key, std::move(value));
-}
-
-// The release that the service's entry in the catalogue asks for, nil if it asks for none.
-Value releaseIn(const Value& entry) {
-  const Value& version = entry["MinimumOSVersion"];
-  return version.isNil() ? Value() : Value(stringWithFormat("%@", version));
 }
 
 const char* wordOf(SwitchOutcome outcome) {
@@ -93,14 +77,6 @@ Array failedExtensions(const OperatorPicture& picture, std::string_view label) {
   return failed;
 }
 
-void dropLastEnds(Dictionary& facts) {
-  const auto history = jobHistoryIn(facts[kFactJob]);
-  if (!history) return;
-  Dictionary job = *facts[kFactJob].dictionary();
-  job.set(kJobHistoryKey, valueOfHistory(*history, JobHistoryDetail::kCounts));
-  facts.set(kFactJob, std::move(job));
-}
-
 bool isMissingAnswer(const NSException& exception) {
   return exception.name == kNSPortTimeoutException || exception.name == kNSInvalidSendPortException;
 }
@@ -152,25 +128,6 @@ void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture&
   if (Array failed = failedExtensions(picture, label); !failed.empty()) {
     facts.set(kFactFailedExtensions, std::move(failed));
   }
-}
-
-Value OperatorReport::overview(const OperatorPicture& picture) const {
-  Dictionary facts;
-  addOperatingFacts(facts, picture);
-  Dictionary all;
-  const Value& services = picture.catalogue->services();
-  if (services.dictionary()) {
-    for (const auto& [label, entry] : *services.dictionary()) {
-      Dictionary service;
-      addMarksOfService(service, picture, label);
-      setIfKnown(service, kFactMinimumOSVersion, releaseIn(entry));
-      all.set(label, std::move(service));
-    }
-  }
-  facts.set(kFactServices, std::move(all));
-  facts.set(kFactIsTakingOver, picture.isTakingOver);
-  facts.set(kFactOtherServices, picture.catalogue->otherProductsServices());
-  return facts;
 }
 
 Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) {
@@ -266,26 +223,6 @@ void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situati
   const bool isStoppedBefore = stop != picture.timers.shutdowns.end() && stop->second < retry;
   situation.isRetried = !isReady && retry && !isStoppedBefore;
   facts.set(kFactIsRetried, situation.isRetried);
-}
-
-Value OperatorReport::jobsOfServices(const OperatorPicture& picture, const Array& labels) const {
-  Dictionary all;
-  bool isHostAway = false;
-  for (const Value& label : labels) {
-    if (!label.string() || picture.catalogue->service(*label.string()).isNil()) continue;
-    Dictionary facts;
-    if (isHostAway) {
-      facts.set(kFactJobIsUnknown, true);
-    } else {
-      const Instant start = environment_.runLoop.now();
-      addJobFacts(facts, *label.string());
-      isHostAway = facts.contains(kFactJobIsUnknown) &&
-                   environment_.runLoop.now() - start >= kSlowJobHostTime;
-    }
-    if (labels.size() > kMostDetailedJobs) dropLastEnds(facts);
-    all.set(*label.string(), std::move(facts));
-  }
-  return all;
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -38,7 +39,19 @@ class OperatorReport {
 
   explicit OperatorReport(const Environment& environment) : environment_(environment) {}
 
-  platform::Value overview(const OperatorPicture& picture) const;
+  // A part of the services in the catalogue's order. All of them, or all of their facts, need not
+  // fit into one message.
+  struct Page {
+    std::size_t first = 0;
+    std::size_t count = SIZE_MAX;
+  };
+  platform::Value overview(const OperatorPicture& picture, Page page) const;
+  platform::Value overview(const OperatorPicture& picture) const { return overview(picture, {}); }
+  // The part of the health record that is about the services of a page; nil without a record.
+  platform::Value healthRecord(const OperatorPicture& picture, Page page) const;
+  // The entries of those labels that are services of this product, by label.
+  platform::Value entriesOfServices(const OperatorPicture& picture,
+                                    const platform::Array& labels) const;
   // Nil if no service of any product has the label. Asks the job host, which blocks for its
   // time-out at most, and each settings server of the service's switches, for two seconds at most,
   // once in half a minute.

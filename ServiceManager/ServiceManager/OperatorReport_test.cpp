@@ -1,6 +1,8 @@
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 
 #include <chrono>
+#include <string>
+#include <vector>
 
 #include "Global Settings/GlobalSettingsClient/FakeSettingsClient_fixture.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
@@ -45,6 +47,37 @@ TEST_F(OperatorReportTest, TheOverviewHasEachServiceWithItsMarks) {
   EXPECT_EQ(overview[kFactServices].dictionary()->size(), 3u);
   EXPECT_EQ(overview[kFactServices][kHelper][kFactIsStopped], Value(true));
   EXPECT_EQ(overview[kFactServices][kAgent][kFactIsStopped], Value(false));
+}
+
+TEST_F(OperatorReportTest, PagesHaveTheServicesInTheCataloguesOrder) {
+  std::vector<std::string> labels;
+  for (const std::size_t first : {0u, 2u, 4u}) {
+    const Value page = report_.overview(picture(), {.first = first, .count = 2});
+    EXPECT_EQ(page[kFactServiceCount], Value(3));
+    EXPECT_EQ(page[kFactOtherServices].isNil(), first > 0);
+    for (const auto& [label, facts] : *page[kFactServices].dictionary()) labels.push_back(label);
+  }
+  std::vector<std::string> all;
+  for (const auto& [label, entry] : *catalogue_.services().dictionary()) all.push_back(label);
+  EXPECT_EQ(labels, all);
+}
+
+TEST_F(OperatorReportTest, APageOfTheHealthRecordHasItsServicesAlone) {
+  OperatorPicture picture = this->picture();
+  EXPECT_TRUE(report_.healthRecord(picture, {}).isNil());
+  Dictionary services;
+  for (const char* label : {kPrimary, kAgent, kHelper}) services.set(label, label);
+  picture.healthRecord = Dictionary{{"CrashLimit", 3}, {"Services", services}};
+  const Value page = report_.healthRecord(picture, {.first = 1, .count = 1});
+  const std::string& second = (picture.catalogue->services().dictionary()->begin() + 1)->first;
+  EXPECT_EQ(page, Value(Dictionary{{"CrashLimit", 3},
+                                   {"Services", Dictionary{{second, second}}},
+                                   {kFactServiceCount, 3}}));
+}
+
+TEST_F(OperatorReportTest, EntriesAreThoseOfThisProductsServices) {
+  const Value entries = report_.entriesOfServices(picture(), {kAgent, "com.example.unknown", 5});
+  EXPECT_EQ(entries, Value(Dictionary{{kAgent, catalogue_.service(kAgent)}}));
 }
 
 TEST_F(OperatorReportTest, AnEmptyCatalogueHasNoService) {

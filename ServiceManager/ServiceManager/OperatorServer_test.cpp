@@ -81,6 +81,20 @@ TEST_F(OperatorServerTest, AnAnswerIsAboutAPictureThatWasTakenAfterTheQuestion) 
   EXPECT_EQ(modeIn(*answer), Value(1));
 }
 
+TEST_F(OperatorServerTest, TheFirstPageTakesAPictureAndTheOthersShareIt) {
+  publish(2);
+  const auto first = send("overviewFrom:", {0});
+  EXPECT_FALSE(*first);
+  serveMainThread(1);
+  EXPECT_EQ(modeIn(*first), Value(1));
+  EXPECT_EQ(modeIn(*send("overviewFrom:", {1})), Value(1));
+  for (const Value& wrong : {Value(-1), Value("1"), Value()}) {
+    const auto answer = send("healthRecordFrom:", {wrong});
+    ASSERT_TRUE(*answer);
+    EXPECT_FALSE(**answer);
+  }
+}
+
 TEST_F(OperatorServerTest, WhileTheMainThreadHangsTheLastPictureIsTheAnswer) {
   publish(2);
   const auto overview = send("overview");

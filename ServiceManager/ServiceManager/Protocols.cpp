@@ -20,7 +20,10 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
   add(kServiceManagerHealthProtocol,
       {{"isReadyToReport", kTwoWay}, {"getHealthStateForServices", kTwoWay}});
   add(kORBServiceManagerOperatorProtocol, {{"overview", kTwoWay},
+                                           {"overviewFrom:", kTwoWay},
                                            {"healthRecord", kTwoWay},
+                                           {"healthRecordFrom:", kTwoWay},
+                                           {"entriesOfServices:", kTwoWay},
                                            {"factsOfService:", kTwoWay},
                                            {"jobsOfServices:", kTwoWay},
                                            {"awaitServices:", kTwoWay},

@@ -22,13 +22,11 @@ void LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDom
   const AuthorizationRef* authorization = isSystemDomain ? authRef_.get() : nullptr;
   if (request.dictionary()) {
     jobs_.submitJob(forDomain, request, authorization,
-                    [isAlive = std::weak_ptr(isAlive_), request,
+                    [this, isAlive = std::weak_ptr(isAlive_), request,
                      done = std::move(done)](std::expected<void, NSError> submitted) mutable {
                       if (isAlive.expired()) return;
+                      noteSubmission(request, submitted);
                       if (submitted) return done({});
-                      vantorlogger2_line(ASL_LEVEL_ERR,
-                                         stringWithFormat("Unable to submit job:\n%@ Error: %@",
-                                                          request, submitted.error()));
                       done(std::unexpected(std::move(submitted.error())));
                     });
   } else if (const std::string* label = request.string()) {
@@ -40,6 +38,18 @@ void LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDom
   } else {
     done(std::unexpected(std::nullopt));
   }
+}
+
+// A full job host refuses thousands of jobs, and refuses them again at each retry. Only the first
+// refusal is logged, until it accepts a job again.
+void LaunchdJobs::noteSubmission(const Value& request,
+                                 const std::expected<void, NSError>& outcome) {
+  const bool isFull =
+      !outcome && outcome.error().code == static_cast<int>(LaunchdError::kHostIsFull);
+  const bool wasFull = std::exchange(isHostFull_, isFull || (isHostFull_ && !outcome));
+  if (outcome || (isFull && wasFull)) return;
+  vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to submit job:\n%@ Error: %@", request,
+                                                     outcome.error()));
 }
 
 void LaunchdJobs::unloadJobFromLaunchD(const std::string& label, Removed done) {

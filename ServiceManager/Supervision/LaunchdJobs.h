@@ -15,7 +15,7 @@
 // The daemon's only way to launchd: it submits, removes and copies jobs of the system domain with
 // the rights that the daemon has acquired. Belongs to the main thread, which never waits for an
 // answer: they come later on the loop, within a bounded time, and not after this is destroyed.
-// Failures are logged.
+// Failures are logged, those of a full job host once.
 class LaunchdJobs {
  public:
   // Both outlive this.
@@ -39,12 +39,15 @@ class LaunchdJobs {
   void copyJob(std::string_view label, platform::Jobs::Copied copied) const;
 
  private:
+  void noteSubmission(const platform::Value& request,
+                      const std::expected<void, platform::NSError>& outcome);
   void remove(std::string_view domain, const std::string& label,
               const platform::AuthorizationRef* authorization, Removed done);
 
   platform::Jobs& jobs_;
   platform::Authorization& authorization_;
   std::unique_ptr<platform::AuthorizationRef> authRef_;
+  bool isHostFull_ = false;  // it has refused a job for want of room, and has accepted none since
   // Answers that come after the end of this object are dropped.
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

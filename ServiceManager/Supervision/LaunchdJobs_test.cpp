@@ -15,6 +15,7 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 class LaunchdJobsTest : public SupervisionFixture {
  protected:
@@ -77,6 +78,20 @@ TEST_F(LaunchdJobsTest, AnInvalidRequestLogsNothing) {
     EXPECT_FALSE(error_);
   }
   EXPECT_THAT(takeLog(), IsEmpty());
+}
+
+TEST_F(LaunchdJobsTest, AFullHostIsLoggedOnceUntilItAcceptsAJob) {
+  jobs_.setFull(true);
+  for (const std::size_t lines : {1u, 0u, 0u}) {
+    EXPECT_FALSE(request(job()));
+    EXPECT_THAT(takeLog(), SizeIs(lines));
+  }
+  jobs_.setFull(false);
+  EXPECT_TRUE(request(job()));
+  EXPECT_TRUE(request(kAgent));
+  jobs_.setFull(true);
+  EXPECT_FALSE(request(job()));
+  EXPECT_THAT(takeLog(), ElementsAre(HasSubstr("Unable to submit job")));
 }
 
 TEST_F(LaunchdJobsTest, AFailedSubmissionIsLoggedWithItsDictionary) {

@@ -223,6 +223,7 @@ std::string asAdvice(const NSError& error, const std::string& hostProgram, platf
       return fmt::format("{}; \"servicemanagerctl jobs list\" tells which there are", text);
     case LaunchdError::kInternal:
     case LaunchdError::kInvalidJob:
+    case LaunchdError::kHostIsFull:
       break;
   }
   return text;
@@ -238,6 +239,7 @@ int exitStatusOf(const NSError& error) {
       return kExitNobodyThere;
     case LaunchdError::kInternal:
     case LaunchdError::kInvalidJob:
+    case LaunchdError::kHostIsFull:
       break;
   }
   return kExitFailed;

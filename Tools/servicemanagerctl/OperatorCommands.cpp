@@ -1,7 +1,9 @@
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -16,10 +18,18 @@
 #include "Tools/servicemanagerctl/Explanation.h"
 #include "Tools/servicemanagerctl/ExtensionsReport.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
+#include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 using namespace platform;
+
+namespace {
+
+// More than these would hide the message.
+constexpr std::size_t kMostNamedLabels = 100;
+
+}  // namespace
 
 OperatorCommands::OperatorCommands(CLI::App& app)
     : health_(app.add_subcommand("health", "How each service is, and how often it crashed")),
@@ -53,13 +63,13 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
 }
 
 Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
-  const auto record = daemon.ask("healthRecord");
+  const auto record = askAboutAllServices(daemon, "healthRecordFrom:");
   if (!record) return std::unexpected(record.error());
-  Array labels;
+  std::vector<std::string> labels;
   if (const Dictionary* services = (*record)[kHealthServices].dictionary()) {
-    for (const auto& [label, service] : *services) labels.push_back(Value(label));
+    for (const auto& [label, service] : *services) labels.push_back(label);
   }
-  const auto jobs = daemon.ask("jobsOfServices:", {std::move(labels)});
+  const auto jobs = askForJobs(daemon, labels);
   if (!jobs) return std::unexpected(jobs.error());
   const auto report = healthReport(*record, *jobs);
   if (json_) return dumped(asJson(report));
@@ -71,7 +81,7 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
   const auto facts = daemon.ask("factsOfService:", {label_});
   if (!facts) return std::unexpected(facts.error());
   if (!facts->dictionary()) {
-    const auto overview = daemon.ask("overview");
+    const auto overview = askAboutAllServices(daemon, "overviewFrom:");
     return std::unexpected(overview ? unknownLabel(label_, *overview) : overview.error());
   }
   const Explanation explanation = ::explain(*facts);
@@ -94,6 +104,12 @@ Refusal unknownLabel(const std::string& label, const Value& overview) {
     const Dictionary* services = overview[key].dictionary();
     if (!services) continue;
     for (const auto& [name, facts] : *services) known.push_back(plain(name));
+  }
+  if (known.size() > kMostNamedLabels) {
+    return {kExitUnknownLabel,
+            fmt::format("no service has the label \"{}\"; \"servicemanagerctl list\" tells which "
+                        "there are",
+                        abridged(label))};
   }
   std::ranges::sort(known);
   return {kExitUnknownLabel, fmt::format("no service has the label \"{}\"; there are: {}",

@@ -13,6 +13,7 @@
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
@@ -33,13 +34,6 @@ Answer<void> connect(DaemonClient& daemon) {
   return daemon.connect();
 }
 
-// All entries of the catalogue.
-Answer<Value> readCatalogue(DaemonClient& daemon) {
-  auto services = daemon.ask("services");
-  if (services && services->dictionary() == nullptr) return Value(Dictionary());
-  return services;
-}
-
 // Asks the operator's server. The user interface's server would report services as stopped if the
 // job host does not answer.
 Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& environment,
@@ -48,7 +42,7 @@ Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& en
   DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
-  const auto jobs = daemon.ask("jobsOfServices:", {asArray(labels)});
+  const auto jobs = askForJobs(daemon, labels);
   if (!jobs) return std::unexpected(jobs.error());
   std::vector<ServiceState> states;
   for (const std::string& label : labels)
@@ -56,9 +50,13 @@ Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& en
   return states;
 }
 
-// The same, but fails if one of the labels is unknown, before the command touches any service.
-Answer<Value> readCatalogueWith(DaemonClient& daemon, const std::vector<std::string>& labels) {
-  auto catalogue = readCatalogue(daemon);
+// The entries of these services in the catalogue. Fails if one of the labels is unknown, before the
+// command touches any service.
+Answer<Value> readCatalogueWith(const DaemonClient::Environment& environment,
+                                const std::vector<std::string>& labels) {
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = connect(daemon); !connected) return std::unexpected(connected.error());
+  auto catalogue = askForEntries(daemon, labels);
   if (!catalogue) return catalogue;
   std::string unknown;
   for (const std::string& label : labels) {
@@ -127,13 +125,13 @@ int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   const auto act = [&]() -> Answer<int> {
     if (list_->parsed()) return list(environment);
     if (end_->parsed()) return endInstaller(environment);
+    if (begin_->parsed()) return beginInstaller(environment);
     DaemonClient userInterface(environment, kUserInterfaceServer,
                                kORBServiceManagerUserInterfaceProtocol);
     if (const auto connected = connect(userInterface); !connected)
       return std::unexpected(connected.error());
     if (start_->parsed()) return start(userInterface, environment);
-    if (stop_->parsed()) return stop(userInterface, environment);
-    return beginInstaller(userInterface, environment);
+    return stop(userInterface, environment);
   };
   const Answer<int> outcome = act();
   if (outcome) return *outcome;
@@ -148,7 +146,7 @@ Answer<std::vector<ServiceState>> ServiceCommands::readAll(
   DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
-  const auto overview = daemon.ask("overview");
+  const auto overview = askAboutAllServices(daemon, "overviewFrom:");
   if (!overview) return std::unexpected(overview.error());
   if (const std::string work = mainThreadsWork(*overview); !work.empty())
     remark("the service manager's main thread is busy, and this is how it was before: it " + work);
@@ -160,7 +158,7 @@ Answer<std::vector<ServiceState>> ServiceCommands::readAll(
     for (const auto& [label, facts] : *services.dictionary()) labels.push_back(label);
   }
   std::ranges::sort(labels);
-  const auto jobs = daemon.ask("jobsOfServices:", {asArray(labels)});
+  const auto jobs = askForJobs(daemon, labels);
   if (!jobs) return std::unexpected(jobs.error());
   std::vector<ServiceState> states;
   for (const std::string& label : labels) {
@@ -181,7 +179,7 @@ Answer<int> ServiceCommands::list(const DaemonClient::Environment& environment) 
 
 Answer<int> ServiceCommands::start(DaemonClient& userInterface,
                                    const DaemonClient::Environment& environment) const {
-  const auto catalogue = readCatalogueWith(userInterface, labels_);
+  const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   Answer<std::vector<ServiceState>> services;
   {
@@ -214,7 +212,7 @@ Answer<Value> ServiceCommands::awaitServices(DaemonClient& userInterface,
 
 Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
                                   const DaemonClient::Environment& environment) const {
-  const auto catalogue = readCatalogueWith(userInterface, labels_);
+  const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   Answer<std::vector<ServiceState>> services;
   {
@@ -229,9 +227,8 @@ Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
   return conclude(*services, false);
 }
 
-Answer<int> ServiceCommands::beginInstaller(DaemonClient& userInterface,
-                                            const DaemonClient::Environment& environment) const {
-  const auto catalogue = readCatalogueWith(userInterface, labels_);
+Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& environment) const {
+  const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   DaemonClient installer(environment, kInstallerServer, kORBServiceManagerInstallerProtocol);
   if (const auto connected = connect(installer); !connected)

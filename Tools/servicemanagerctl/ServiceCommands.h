@@ -31,8 +31,7 @@ class ServiceCommands {
                                         const DaemonClient::Environment& environment,
                                         platform::Duration timeOut) const;
   Answer<int> stop(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
-  Answer<int> beginInstaller(DaemonClient& userInterface,
-                             const DaemonClient::Environment& environment) const;
+  Answer<int> beginInstaller(const DaemonClient::Environment& environment) const;
   Answer<int> endInstaller(const DaemonClient::Environment& environment) const;
 
   // Prints the state of the named services; fails unless all are as wanted.

@@ -1,7 +1,9 @@
 #include "Tools/servicemanagerctl/WatchCommand.h"
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -11,6 +13,7 @@
 #include <unistd.h>
 
 #include "Platform/Messages/NSProtocolChecker.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
@@ -47,17 +50,28 @@ class NoticePrinter final : public MessageReceiver {
   const bool json_;
 };
 
+// The number of services. A page behind the last one has nothing but that.
+Answer<std::int64_t> countServices(const DaemonClient::Environment& environment) {
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  const auto page = daemon.ask("overviewFrom:", {std::numeric_limits<std::int64_t>::max()});
+  if (!page) return std::unexpected(page.error());
+  return (*page)[kFactServiceCount].integer().value_or(0);
+}
+
 // Returns the number of services once the service manager has registered the client.
-Answer<std::size_t> registerClient(DaemonClient& daemon, const Value& client) {
+Answer<std::int64_t> registerClient(const DaemonClient::Environment& environment,
+                                    DaemonClient& daemon, const Value& client) {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
   if (const auto sent = daemon.ask("registerClient:", {client}); !sent)
     return std::unexpected(sent.error());
   // The registration has no answer, so wait for the answer to this one.
-  const auto services = daemon.ask("services");
-  if (!services) return std::unexpected(services.error());
-  return services->dictionary() == nullptr ? 0 : services->dictionary()->size();
+  if (const auto answered = daemon.ask("pidForService:", {Value()}); !answered)
+    return std::unexpected(answered.error());
+  return countServices(environment);
 }
 
 }  // namespace
@@ -81,7 +95,7 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
                                                               hasGone = true;
                                                               loop.stop();
                                                             });
-  const auto services = registerClient(daemon, Value(client));
+  const auto services = registerClient(environment, daemon, Value(client));
   if (!services) {
     fail(services.error().text);
     return services.error().exitStatus;

@@ -117,10 +117,19 @@ std::expected<Value, NSError> EmbeddedJobs::copyJob(std::string_view label) {
 }
 
 std::expected<Dictionary, NSError> EmbeddedJobs::copyJobStates() {
-  const auto states = valueIn(client_.call(kCopyJobStatesMessage, {}, kJobsAnswerTimeOut));
-  if (!states) return std::unexpected(states.error());
-  if (!states->dictionary()) return std::unexpected(malformedAnswer());
-  return *states->dictionary();
+  Dictionary all;
+  for (std::string last;;) {
+    const auto page = valueIn(client_.call(kCopyJobStatesAfterMessage, {last}, kJobsAnswerTimeOut));
+    if (!page) return std::unexpected(page.error());
+    const Dictionary* states = page->dictionary();
+    if (!states) return std::unexpected(malformedAnswer());
+    if (states->empty()) return all;
+    for (const auto& [label, state] : *states) {
+      if (label <= last) return std::unexpected(malformedAnswer());
+      all.set(label, state);
+      last = label;
+    }
+  }
 }
 
 // Without blocking.

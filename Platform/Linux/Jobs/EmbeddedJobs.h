@@ -35,7 +35,8 @@ class EmbeddedJobs final : public Jobs {
   // A job's dictionary, nil if no job has the label.
   std::expected<Value, NSError> copyJob(std::string_view label);
   // The state of every job's process: by label, a dictionary with "PID", "LastExitStatus" and
-  // "LastExitStatusUnknown" as far as they apply, and with the counts of its "History".
+  // "LastExitStatusUnknown" as far as they apply, and with the counts of its "History". Asks for
+  // them in pages, so they are of slightly different times.
   std::expected<Dictionary, NSError> copyJobStates();
 
  private:

@@ -42,6 +42,10 @@ TEST_F(EmbeddedJobsTest, MalformedAnswersAreErrors) {
   startHost(answering("text"));
   expectError(jobs_.copyJob(kLabel), LaunchdError::kInternal, "malformed");
   expectError(jobs_.copyJobStates(), LaunchdError::kInternal, "malformed");
+  host_->die();
+  // The second page has the same label again.
+  startHost(answering(Dictionary{{"a", Dictionary()}}));
+  expectError(jobs_.copyJobStates(), LaunchdError::kInternal, "malformed");
 }
 
 TEST_F(EmbeddedJobsTest, AnAbsentHostIsWaitedForFiveSeconds) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -30,6 +31,12 @@ inline constexpr char kCopyJobMessage[] = "copyJob:";
 // Answer: a dictionary that has for each label a dictionary with only that state, and of its
 // "History" only the counts.
 inline constexpr char kCopyJobStatesMessage[] = "copyJobStates";
+
+// Argument: a label. Answer: the same for the next labels in their order, kJobStatesInAPage at
+// most. Empty if there are none. The first page is the one after the empty label. All jobs do not
+// fit into one message if there are many.
+inline constexpr char kCopyJobStatesAfterMessage[] = "copyJobStatesAfter:";
+inline constexpr std::size_t kJobStatesInAPage = 2000;
 
 // Answer: a dictionary that has for each label of which a process was started since this caller's
 // last such request the process's number. Answered when there is one; the caller's first request

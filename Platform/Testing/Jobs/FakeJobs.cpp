@@ -264,6 +264,7 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   // A job that is being removed is submitted after its end.
   awaitRemoval(label);
   const bool isNew = !jobs_.contains(label);
+  if (isNew && isFull_) return failure(LaunchdError::kHostIsFull, "the host takes no more jobs");
   Job& submitted = add(label);
   submitted.dictionary = job;
   if (submitted.process || (!isTrue(job["KeepAlive"]) && !isTrue(job["RunAtLoad"]))) return {};

@@ -58,6 +58,9 @@ class FakeJobs final : public Jobs {
   // Such a request fails half a minute later. The other calls must not be used meanwhile.
   void setHung(bool hung);
 
+  // Whether the host has no room for further jobs.
+  void setFull(bool full) { isFull_ = full; }
+
   // Whether the host accepts changes from this caller and lets it read.
   void setCallerAllowed(bool allowed) { callerAllowed_ = allowed; }
 
@@ -150,6 +153,7 @@ class FakeJobs final : public Jobs {
   JobStartObservers startObservers_;
   bool reachable_ = true;
   bool isHung_ = false;
+  bool isFull_ = false;
   bool isObserved_ = true;  // the observers have reached the present host
   bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;

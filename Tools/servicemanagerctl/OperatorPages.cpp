@@ -1,0 +1,57 @@
+#include "Tools/servicemanagerctl/OperatorPages.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
+
+using namespace platform;
+
+namespace {
+
+// An entry of the catalogue may have a hundred values.
+constexpr std::size_t kEntriesInAPage = 100;
+
+void add(Dictionary& all, const Value& some) {
+  if (!some.dictionary()) return;
+  for (const auto& [label, facts] : *some.dictionary()) all.set(label, facts);
+}
+
+Answer<Value> askAboutLabels(DaemonClient& daemon, std::string_view selector,
+                             const std::vector<std::string>& labels, std::size_t pageSize) {
+  Dictionary all;
+  for (std::size_t first = 0; first < labels.size(); first += pageSize) {
+    const auto begin = labels.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto count = static_cast<std::ptrdiff_t>(std::min(pageSize, labels.size() - first));
+    const auto page = daemon.ask(selector, {Array(begin, begin + count)});
+    if (!page) return page;
+    add(all, *page);
+  }
+  return Value(std::move(all));
+}
+
+}  // namespace
+
+Answer<Value> askAboutAllServices(DaemonClient& daemon, std::string_view selector) {
+  Dictionary answer;
+  Dictionary services;
+  for (std::int64_t first = 0, count = 1; first < count; first += kServicesInAPage) {
+    const auto page = daemon.ask(selector, {first});
+    if (!page || !page->dictionary()) return page;
+    if (first == 0) answer = *page->dictionary();
+    add(services, (*page)[kFactServices]);
+    count = (*page)[kFactServiceCount].integer().value_or(0);
+  }
+  answer.set(kFactServices, std::move(services));
+  return Value(std::move(answer));
+}
+
+Answer<Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels) {
+  return askAboutLabels(daemon, "jobsOfServices:", labels, kServicesInAPage);
+}
+
+Answer<Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels) {
+  return askAboutLabels(daemon, "entriesOfServices:", labels, kEntriesInAPage);
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Values/Value.h"
+#include "Tools/servicemanagerctl/DaemonClient.h"
+
+// Questions to the operator's server about all services. Their answers do not fit into one message
+// if there are thousands of services, so they are asked for in pages (OperatorFacts.h), and are of
+// slightly different times.
+
+// The answer to "overviewFrom:" or "healthRecordFrom:", with the services of all pages. Facts that
+// are not about one service are those of the first page.
+Answer<platform::Value> askAboutAllServices(DaemonClient& daemon, std::string_view selector);
+
+// The facts of the jobs of these services, and their entries in the catalogue, by label.
+Answer<platform::Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels);
+Answer<platform::Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels);
