@@ -1,18 +1,23 @@
 #pragma once
 
-#include <utility>
+#include <chrono>
 
 #include "Platform/RunLoops/RunLoop.h"
 
 namespace platform {
 
-// Serves the loop one turn after the other until `isDone` holds. It must come to hold.
+// How often turnUntil() looks, which is how much too long it may measure.
+constexpr Duration kTurnCheckInterval = std::chrono::microseconds(200);
+
+// Serves the loop until `isDone` holds. It must come to hold. The loop sleeps while there is
+// nothing to do, so that the processes of a measurement have the processors to themselves.
 template <class Predicate>
 void turnUntil(RunLoop& loop, Predicate isDone) {
-  while (!isDone()) {
-    loop.post([&loop] { loop.stop(); });
-    loop.run();
-  }
+  if (isDone()) return;
+  const auto check = loop.startTimer(kTurnCheckInterval, RunLoop::Repeat::kEvery, [&] {
+    if (isDone()) loop.stop();
+  });
+  loop.run();
 }
 
 }  // namespace platform

@@ -122,21 +122,39 @@ class SettingsClientsWorker {
   std::optional<Parts> parts_;
 };
 
-// The extensions of the platform, for one thread that may wait for them.
+// The job host and the extensions of the platform, for one thread that may wait for them.
+struct ExtensionClients {
+  ExtensionClients(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                   platform::CodeSignatures& signatures)
+      : root(linux.configuration.root),
+        transport(thread.loop(), linux.peerAccounts),
+        host(transport, thread.loop(), platform::jobHostSocket(root)),
+        jobs(host),
+        controls(root),
+        tasks(thread.loop(), center, {.descriptorLimit = linux.originalDescriptorLimit}),
+        extensions(
+            {thread.loop(), jobs, signatures, controls, modules, linux.systemLog},
+            platform::LinuxKernelExtensions::folders(root, linux.mainBundle.resourcePath())) {}
+
+  KernelExtensionsPlatform platform() { return {extensions, controls, tasks, root}; }
+
+  const std::string root;
+  platform::NotificationCenter center;
+  platform::DBusPeerTransport transport;
+  platform::JobHostClient host;
+  platform::EmbeddedJobs jobs;
+  platform::LinuxKernelControls controls;
+  platform::KmodModules modules;
+  platform::LinuxTasks tasks;
+  platform::LinuxKernelExtensions extensions;
+};
+
+// The daemon's own use of its extensions.
 class ExtensionWorker {
  public:
   ExtensionWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
                   platform::CodeSignatures& signatures)
-      : thread_(thread),
-        root_(linux.configuration.root),
-        transport_(thread.loop(), linux.peerAccounts),
-        host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
-        jobs_(host_),
-        controls_(root_),
-        tasks_(thread.loop(), center_, {.descriptorLimit = linux.originalDescriptorLimit}),
-        extensions_(
-            {thread.loop(), jobs_, signatures, controls_, modules_, linux.systemLog},
-            platform::LinuxKernelExtensions::folders(root_, linux.mainBundle.resourcePath())) {
+      : thread_(thread), clients_(thread, linux, signatures) {
     perform(
         [] { vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self()); });
     thread.run();
@@ -144,20 +162,12 @@ class ExtensionWorker {
   ExtensionWorker(const ExtensionWorker&) = delete;
   ExtensionWorker& operator=(const ExtensionWorker&) = delete;
 
-  KernelExtensionsPlatform platform() { return {extensions_, controls_, tasks_, root_}; }
+  KernelExtensionsPlatform platform() { return clients_.platform(); }
   void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
 
  private:
   platform::LoopThread& thread_;
-  const std::string root_;
-  platform::NotificationCenter center_;
-  platform::DBusPeerTransport transport_;
-  platform::JobHostClient host_;
-  platform::EmbeddedJobs jobs_;
-  platform::LinuxKernelControls controls_;
-  platform::KmodModules modules_;
-  platform::LinuxTasks tasks_;
-  platform::LinuxKernelExtensions extensions_;
+  ExtensionClients clients_;
 };
 
 // Each wait of the operator's thread for the job host. A host that hangs costs two of them, and
@@ -172,20 +182,12 @@ class OperatorClients {
                   const platform::ListenerPlaces& places, const platform::ProtocolTable& protocols,
                   platform::CodeSignatures& signatures)
       : thread_(thread),
-        root_(linux.configuration.root),
-        transport_(thread.loop(), linux.peerAccounts),
-        connections_(thread.loop(), transport_, center_, linux.systemLog,
-                     [&places](std::string_view name) { return places.connection(name); }),
-        host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
-        jobs_(host_),
-        controls_(root_),
-        tasks_(thread.loop(), center_, {.descriptorLimit = linux.originalDescriptorLimit}),
-        extensions_(
-            {thread.loop(), jobs_, signatures, controls_, modules_, linux.systemLog},
-            platform::LinuxKernelExtensions::folders(root_, linux.mainBundle.resourcePath())) {
-    host_.limitWaits(kOperatorsWait);
-    addSettingsClientFactories(factories_, {thread.loop(), connections_, nullCenter_, center_,
-                                            protocols, linux.systemInformation});
+        clients_(thread, linux, signatures),
+        connections_(thread.loop(), clients_.transport, clients_.center, linux.systemLog,
+                     [&places](std::string_view name) { return places.connection(name); }) {
+    clients_.host.limitWaits(kOperatorsWait);
+    addSettingsClientFactories(factories_, {thread.loop(), connections_, nullCenter_,
+                                            clients_.center, protocols, linux.systemInformation});
     thread_.loop().post(
         [] { vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self()); });
     thread.run();
@@ -195,7 +197,7 @@ class OperatorClients {
 
   // The job host answers again, as another client knows.
   void jobHostHasReturned() {
-    thread_.loop().post([this] { host_.waitAgain(); });
+    thread_.loop().post([this] { clients_.host.waitAgain(); });
   }
 
   OperatorWorker worker() {
@@ -203,25 +205,17 @@ class OperatorClients {
                            platform::RunLoop::Callback work) { loop.post(std::move(work)); },
             .runLoop = thread_.loop(),
             .connections = connections_,
-            .jobs = jobs_,
-            .extensions = {extensions_, controls_, tasks_, root_},
+            .jobs = clients_.jobs,
+            .extensions = clients_.platform(),
             .settingsClientFactories = factories_};
   }
 
  private:
   platform::LoopThread& thread_;
-  const std::string root_;
-  platform::NotificationCenter center_;
+  ExtensionClients clients_;
   NullNotificationCenter nullCenter_;
-  platform::DBusPeerTransport transport_;
   platform::NamedConnections connections_;
   SettingsClientFactories factories_;
-  platform::JobHostClient host_;
-  platform::EmbeddedJobs jobs_;
-  platform::LinuxKernelControls controls_;
-  platform::KmodModules modules_;
-  platform::LinuxTasks tasks_;
-  platform::LinuxKernelExtensions extensions_;
 };
 
 // Whether all threads have ended in time.

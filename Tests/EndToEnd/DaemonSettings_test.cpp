@@ -33,14 +33,18 @@ class DaemonSettings : public testing::Test {
     root_.setCatalogue(catalogue);
     root_.startDaemon();
     root_.awaitStart();
-    root_.awaitLog("Evaluating service: " + kCore + "\n");
+    root_.awaitLog(kEvaluatingCore);
     set(1);
     // The first evaluation found no setting and scheduled a stop of the service; the next daemon
     // has nothing scheduled.
+    root_.kill(DaemonRoot::kDaemon, SIGSTOP);  // It writes no line after those that are counted.
+    const std::size_t evaluations = root_.logCount(kEvaluatingCore);
     root_.kill(DaemonRoot::kDaemon, SIGKILL);
     root_.await("the next daemon", [&] { return root_.starts() >= 2; });
     root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
-    awaitServices(root_, {kCore, kFeature});
+    // Before its first evaluation a daemon is busy with no service and watches none.
+    root_.awaitLog(kEvaluatingCore, evaluations + 1);
+    awaitServices(root_, {DaemonRoot::kPrimary, kCore, kFeature});
     client_ = std::make_unique<UserInterfaceClient>(root_);
     client_->registerClient();
   }
@@ -89,6 +93,7 @@ class DaemonSettings : public testing::Test {
   DaemonRoot root_;
   const std::string kFeature = DaemonRoot::label(0);
   const std::string kCore = DaemonRoot::label(1);
+  const std::string kEvaluatingCore = "Evaluating service: " + kCore + "\n";
   std::unique_ptr<UserInterfaceClient> client_;
   std::unique_ptr<UserInterfaceClient> settings_;
   std::size_t registered_ = 1;  // the number of registrations
