@@ -1,10 +1,6 @@
-#include <algorithm>
-
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/Catalogue/FeatureSwitches.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
-#include "ServiceManager/Catalogue/SwitchComparison.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 using namespace platform;
@@ -84,11 +80,15 @@ void ORBServiceManager::evaluateOtherServices(const ServiceCatalogue& catalogue,
                                               const std::string& primary) {
   const Dictionary* services = catalogue.services().dictionary();
   if (!services) return;
-  hasEvaluated_ = true;
+  takeOver_.noteEvaluation();
   for (const auto& [label, entry] : *services) {
     if (label == primary) continue;
-    turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
+    evaluateInTurn(label);
   }
+}
+
+void ORBServiceManager::evaluateInTurn(const std::string& label) {
+  turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
 }
 
 void ORBServiceManager::evaluateSystemConfigurationLater() {
@@ -134,93 +134,6 @@ void ORBServiceManager::evaluateInformationForService(const std::string& label) 
   if (catalogue_.serviceType(label) == kCoreService) {
     enforceRunningForService(label, nullptr);
   } else {
-    evaluateFeatureService(label);
+    features_.evaluate(label);
   }
-}
-
-void ORBServiceManager::evaluateFeatureService(const std::string& label) {
-  const auto configurations = featureConfigurations(catalogue_, label);
-  if (!configurations) {
-    vantorlogger2_line(ASL_LEVEL_ERR, "Malformed features referrences information encountered");
-    return;
-  }
-  const auto [asked, isNew] = askedServices_.emplace(label, false);
-  if (!isNew) {
-    asked->second = true;  // The settings may have changed since they were asked for.
-    return;
-  }
-  std::vector<SettingsQuestions::Setting> settings;
-  for (const FeatureConfiguration& configuration : *configurations) {
-    settings.push_back({configuration.source, std::nullopt});
-    for (const auto& [key, expected] : configuration.switches) {
-      settings.push_back({configuration.source, key});
-    }
-  }
-  settings_.valuesOf(
-      std::move(settings), [this, label, configurations](const SettingsQuestions::Values& values) {
-        const bool isWantedAgain = askedServices_.extract(label).mapped();
-        evaluateAfterHungServer(label, *configurations);
-        if (permissionToEvaluate(label) == EvaluationPermission::kGranted) {
-          evaluateSwitches(label, *configurations, values);
-        }
-        if (!isWantedAgain) return continueTakeOver();
-        turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
-      });
-}
-
-// A hung server's switches count as off. A server that goes on announces nothing, so it is asked
-// again when the pause is over. Each evaluation that finds it hung costs one later one.
-void ORBServiceManager::evaluateAfterHungServer(
-    const std::string& label, const std::vector<FeatureConfiguration>& configurations) {
-  const bool wasAnyHung = std::ranges::any_of(configurations, [this](const auto& configuration) {
-    return configuration.source && settings_.isHung(*configuration.source);
-  });
-  if (!wasAnyHung) return;
-  timers_.performAfterDelay(
-      {"ask the hung server", label}, EvaluationTimers::kHungServerRetryDelay, [this, label] {
-        turns_.add({"evaluate", label}, [this, label] { evaluateInformationForService(label); });
-      });
-}
-
-void ORBServiceManager::evaluateSwitches(const std::string& label,
-                                         const std::vector<FeatureConfiguration>& configurations,
-                                         const SettingsQuestions::Values& values) {
-  bool shutDown = true;
-  auto value = values.begin();
-  for (const FeatureConfiguration& configuration : configurations) {
-    ++value;  // The client alone.
-    for (const auto& [key, expected] : configuration.switches) {
-      if (evaluateSwitch(label, configuration.feature, key, expected, *value++)) shutDown = false;
-    }
-  }
-  if (!shutDown) return;
-  timers_.shutDownLater(label, [this, label] { enforceShutdownForService(label); });
-}
-
-bool ORBServiceManager::evaluateSwitch(const std::string& label, const std::string& feature,
-                                       const std::string& key, const Value& expected,
-                                       const Value& current) {
-  switch (compareSwitch(expected, current)) {
-    case SwitchComparison::kAbsent:
-      if (operatingMode_ == ORBOperatingModeNormal) {
-        vantorlogger2_line(ASL_LEVEL_WARNING,
-                           stringWithFormat("%@ exposes an invalid configuration switch key \"%@\" "
-                                            "referenced by service %@",
-                                            feature, key, label));
-      }
-      return false;
-    case SwitchComparison::kDiffers:
-      return false;
-    case SwitchComparison::kRaises:
-      vantorlogger2_line(
-          ASL_LEVEL_ERR,
-          stringWithFormat("%@:The expected object for the switchkey \"%@\" do not match the "
-                           "return switchkey value \"%@\" of type \"%@\"",
-                           label, key, current, className(current)));
-      return false;
-    case SwitchComparison::kMatches:
-      enforceRunningForService(label, nullptr);
-      return true;
-  }
-  return false;
 }

@@ -25,7 +25,7 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .catalogue = operatorsCatalogue_,
           .product = product_,
           .operatingMode = operatingMode_,
-          .isTakingOver = takeOver_ == TakeOver::kGoesOn,
+          .isTakingOver = takeOver_.goesOn(),
           .records = records_,
           .timers = timers_.dueTimes(),
           .kextsLoaded = extensions_.kextsLoaded(),

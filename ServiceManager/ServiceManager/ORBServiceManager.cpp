@@ -16,8 +16,6 @@ using namespace platform;
 namespace {
 
 constexpr std::size_t kSecretSize = 8;
-// A daemon whose own bundle can't be checked for so long is idle.
-constexpr Duration kMostOwnCheckTime = std::chrono::minutes(1);
 constexpr Duration kFirstEvaluationDelay = std::chrono::milliseconds(100);
 
 constexpr char kConfigurationStatusServer[] = "com.vantor.service.configd.status";
@@ -47,7 +45,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
              [this] {
                noticeUnreadyServices();
                operatorPublisher_.changed();
-               continueTakeOver();
+               takeOver_.continueIfQuiet();
              }),
       jobs_(platform_.jobs, platform_.authorization),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
@@ -92,6 +90,32 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .rechecks = rechecks_,
                     .onUnsupported = [this] { noticeUnreadyServices(); }}),
       timers_(platform_.runLoop),
+      ownIntegrity_({.runLoop = platform_.runLoop,
+                     .timers = timers_,
+                     .validator = validator_,
+                     .bundlePath = platform_.mainBundle.path(),
+                     .onIntact = [this] { finishLaunching(); },
+                     .announceError =
+                         [this](std::string_view error, std::string_view description) {
+                           announceStartUpError(error, description);
+                         }}),
+      features_(
+          {.catalogue = catalogue_,
+           .settings = settings_,
+           .timers = timers_,
+           .mayEvaluate =
+               [this](const std::string& label) {
+                 return permissionToEvaluate(label) == EvaluationPermission::kGranted;
+               },
+           .isInNormalMode = [this] { return operatingMode_ == ORBOperatingModeNormal; },
+           .run = [this](const std::string& label) { enforceRunningForService(label, nullptr); },
+           .shutDown = [this](const std::string& label) { enforceShutdownForService(label); },
+           .evaluateAgain = [this](const std::string& label) { evaluateInTurn(label); },
+           .onAnswer = [this] { takeOver_.continueIfQuiet(); }}),
+      takeOver_({.timers = timers_,
+                 .enforcement = enforcement_,
+                 .isDeciding = [this] { return isDeciding(); },
+                 .onEnd = [this] { operatorPublisher_.changed(); }}),
       operatorPublisher_({.runLoop = platform_.runLoop,
                           .pictures = std::make_shared<OperatorPictures>(),
                           .take = [this] { return operatorPicture(); },
@@ -112,7 +136,7 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   vantorlogger2_open(kClassName, mach_thread_self());
   if (!makeSecret()) return;
   logOwner();
-  if (acquireAuthorization()) checkOwnIntegrity();
+  if (acquireAuthorization()) ownIntegrity_.check();
 }
 
 void ORBServiceManager::finishLaunching() {
@@ -122,7 +146,7 @@ void ORBServiceManager::finishLaunching() {
   observeSettings();
   makePrimaryServiceClient();
   timers_.startWatchDog([this] { evaluateWaitingForPrimaryServiceOperatingMode(); });
-  beginTakeOver();
+  takeOver_.begin();
   evaluateForTheFirstTime();
   userClients_.removeAll();
   // Its thread registers its name meanwhile, so that it is there when the start is announced.
@@ -171,35 +195,6 @@ bool ORBServiceManager::acquireAuthorization() {
   announceStartUpError("Authorization failure",
                        "Unable to acquire the correct rights to run background services");
   return false;
-}
-
-void ORBServiceManager::checkOwnIntegrity() {
-  const auto verdict = validator_.validateBundle(platform_.mainBundle.path());
-  if (verdict.isIntact()) return finishLaunching();
-  if (verdict.isUnknown()) return ownIntegrityIsUnknown(verdict.reason);
-  vantorlogger2_line(
-      ASL_LEVEL_ERR,
-      "Internal inconsistency! The service manager bundle appears to have been tampered with\n "
-      "Service Manager is going into limbo");
-  announceStartUpError("Internal inconsistency",
-                       "The service manager bundle appears to have been tampered with");
-}
-
-// The check is repeated, also after the daemon has said that it is idle: the shortage may end.
-void ORBServiceManager::ownIntegrityIsUnknown(const std::string& reason) {
-  const Instant now = platform_.runLoop.now();
-  if (!firstOwnCheck_) firstOwnCheck_ = now;
-  if (!isIdle_ && now - *firstOwnCheck_ >= kMostOwnCheckTime) {
-    isIdle_ = true;
-    vantorlogger2_line(
-        ASL_LEVEL_ERR,
-        stringWithFormat("The service manager bundle can't be checked: %@\n Service Manager is "
-                         "going into limbo until it can",
-                         reason));
-    announceStartUpError("Internal inconsistency", "The service manager bundle can't be checked");
-  }
-  ownCheckPause_ = nextRecheckPause(ownCheckPause_);
-  timers_.performAfterDelay({"check own bundle"}, ownCheckPause_, [this] { checkOwnIntegrity(); });
 }
 
 bool ORBServiceManager::readInstalledCatalogue() {

@@ -15,14 +15,16 @@
 #include "Platform/BackgroundServices/BackgroundService.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/Values/Value.h"
-#include "ServiceManager/Catalogue/FeatureSwitches.h"
 #include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
+#include "ServiceManager/ServiceManager/FeatureEvaluation.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/OperatorPublisher.h"
+#include "ServiceManager/ServiceManager/OwnIntegrity.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
+#include "ServiceManager/ServiceManager/TakeOver.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "ServiceManager/ServiceManager/VendedOperatorServer.h"
 #include "ServiceManager/ServiceManager/VendedServers.h"
@@ -64,8 +66,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   using CompletionBlock = ServiceEnforcement::CompletionBlock;
   using StopAnswer = ServiceEnforcement::StopAnswer;
 
-  static constexpr platform::Duration kTakeOverTime = std::chrono::seconds(15);
-
   explicit ORBServiceManager(const ServiceManagerPlatform& platform);
   ORBServiceManager(const ORBServiceManager&) = delete;
   ORBServiceManager& operator=(const ORBServiceManager&) = delete;
@@ -74,9 +74,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Start-up and shut-down. A failure in the first steps of the start leaves the daemon alive but
   // idle; a shut-down stops no service.
   void backgroundServiceDidFinishLaunching(const platform::Value& notification) override;
-  // Ready means that every service that runs is watched, for those that could be evaluated within
-  // kTakeOverTime. A daemon that is idle is ready, too.
-  void backgroundServiceWhenReady(CompletionBlock ready) override;
+  // Ready means that the take-over has ended; see TakeOver.h. A daemon that is idle is ready, too.
+  void backgroundServiceWhenReady(CompletionBlock ready) override {
+    takeOver_.whenReady(std::move(ready));
+  }
   void backgroundServiceWillTerminate(const platform::Value& notification) override;
 
   // The catalogue's lookups; see CatalogueLookups.h.
@@ -286,9 +287,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   OperatorPicture operatorPicture() const;
   // Whether an evaluation has begun and not decided about every service yet, or anything goes on
   // with one.
-  bool isEvaluating() const {
-    return turns_.waiting() > 0 || !askedServices_.empty() || enforcement_.isWorking();
-  }
+  bool isEvaluating() const { return isDeciding() || enforcement_.isWorking(); }
   // Calls `settled` when nothing goes on with these services; see ServiceEnforcement.h. Elements
   // that are no labels of the catalogue are ignored.
   void whenSettled(const platform::Array& labels, CompletionBlock settled);
@@ -298,8 +297,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool makeSecret();
   void logOwner() const;
   bool acquireAuthorization();
-  void checkOwnIntegrity();
-  void ownIntegrityIsUnknown(const std::string& reason);
   void finishLaunching();
   bool readInstalledCatalogue();
   void observeServices();
@@ -309,9 +306,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);
   void vendOperatorServer();
-  void beginTakeOver();
-  void continueTakeOver();
-  void endTakeOver();
   ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
 
   bool hasService(Label label) const;
@@ -324,15 +318,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   EvaluationPermission permissionToEvaluate(const std::string& label) const;
   std::string primaryLabel() const { return catalogue_.primaryLabel(); }
   void evaluateOtherServices(const ServiceCatalogue& catalogue, const std::string& primary);
-  void evaluateFeatureService(const std::string& label);
-  void evaluateSwitches(const std::string& label,
-                        const std::vector<FeatureConfiguration>& configurations,
-                        const SettingsQuestions::Values& values);
-  void evaluateAfterHungServer(const std::string& label,
-                               const std::vector<FeatureConfiguration>& configurations);
-  // Whether the switch asks for the service to run. If so, it is made to run.
-  bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,
-                      const platform::Value& expected, const platform::Value& current);
+  // Gives the service a turn, unless its turn is pending.
+  void evaluateInTurn(const std::string& label);
+  // Whether a service waits for its turn or for the answer of a settings server.
+  bool isDeciding() const { return turns_.waiting() > 0 || features_.isAsking(); }
   void evaluateAgain(CompletionBlock then);
   void noticeUnreadyServices();
   void removeStoppedServices();
@@ -346,10 +335,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
   std::uint64_t modeChanges_ = 0;
-  // While the daemon's own bundle can't be checked.
-  std::optional<platform::Instant> firstOwnCheck_;
-  platform::Duration ownCheckPause_{};
-  bool isIdle_ = false;
   // After an announcement of the primary service's start.
   bool isAskedAboutStart_ = false;
   bool hasStartedSince_ = false;
@@ -361,8 +346,6 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::unique_ptr<ServiceHealth> healthInfo_;
 
   SettingsQuestions settings_;
-  // Services whose settings have been asked for, and whether they have been evaluated again since.
-  std::map<std::string, bool> askedServices_;
   const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;
@@ -377,11 +360,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;
   std::unique_ptr<platform::RunLoopHandle> jobStarts_;
   EvaluationTimers timers_;
-  enum class TakeOver { kNone, kGoesOn, kHasEnded };
-  TakeOver takeOver_ = TakeOver::kNone;
-  bool hasEvaluated_ = false;        // all services have had their turns
-  bool isTakeOverObserved_ = false;  // continueTakeOver() will be called
-  CompletionBlock onReady_;
+  OwnIntegrity ownIntegrity_;
+  FeatureEvaluation features_;
+  TakeOver takeOver_;
   std::shared_ptr<const ServiceCatalogue> operatorsCatalogue_;  // shared with the pictures
   OperatorPublisher operatorPublisher_;
   VendedServers servers_;  // ends early: it calls all of the above

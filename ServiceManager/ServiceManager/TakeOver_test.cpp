@@ -54,7 +54,7 @@ TEST_F(TakeOverTest, AServiceWithoutAProcessIsWaitedFor) {
 
 TEST_F(TakeOverTest, WithoutTheConfigurationServerReadinessIsBounded) {
   startAndAwaitReadiness();
-  loop_.advanceBy(ORBServiceManager::kTakeOverTime - 1ns);
+  loop_.advanceBy(TakeOver::kTakeOverTime - 1ns);
   EXPECT_EQ(ready_, 0);
   loop_.advanceBy(1ns);
   EXPECT_EQ(ready_, 1);
