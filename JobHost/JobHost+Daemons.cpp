@@ -64,10 +64,8 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
   const std::size_t mark = state_->mark();
   const auto cost = record(&job, JobOrigin::kLoaded, definition);
   if (!cost) return std::unexpected(cost.error());
-  const std::string service =
-      definition.machServices.empty() ? std::string() : definition.machServices.front();
-  if (service == job.machService) {
-    // Don't bind the socket: it may still belong to a process that was taken over.
+  if (definition.machServices == job.machServices) {
+    // Don't bind the sockets: they may still belong to a process that was taken over.
     fillIn(job, JobOrigin::kLoaded, definition);
   } else if (auto defined = define(job, JobOrigin::kLoaded, definition); !defined) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
@@ -75,6 +73,7 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
     }
     return defined;
   }
+  if (job.phase == JobPhase::kIdle) awaitDemand(job);
   setCost(job, *cost);
   return {};
 }

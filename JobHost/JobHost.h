@@ -163,8 +163,19 @@ class JobHost {
   void startNext();
   void startIfQueued(Job& job);
   void waitUntil(Job& job, platform::Instant due);
-  void retryLater(Job& job);
-  void logAndRetry(Job& job, const platform::Error& error);
+  void startFailed(Job& job);
+  void logFailedStart(Job& job, const platform::Error& error);
+
+  // JobHost+Demand.cpp
+  platform::Result<std::vector<platform::Descriptor>> listenersOf(const Job& job);
+  platform::Result<void> bindServices(const Job& job, const JobDefinition& definition);
+  std::vector<std::string> takeOverServices(const Job& job,
+                                            const std::vector<std::string>& services);
+  void closeServices(Job& job, const std::vector<std::string>& kept = {});
+  void removeNamesOfServices(const Job& job);
+  void awaitDemand(Job& job);
+  void demanded(Job& job);
+  bool isStillWanted(const Job& job) const;
 
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);

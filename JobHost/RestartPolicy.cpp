@@ -69,9 +69,15 @@ JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool may
     case JobEvent::kProcessEnded:
       if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
+    case JobEvent::kDemanded:
+      if (phase != JobPhase::kIdle) return JobAction::kNothing;
+      return mayStart ? JobAction::kStart : JobAction::kWait;
     case JobEvent::kDue:
       if (phase != JobPhase::kWaiting) return JobAction::kNothing;
+      if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
+    case JobEvent::kStartFailed:
+      return JobAction::kRetry;
   }
   return JobAction::kNothing;
 }

@@ -29,13 +29,16 @@ enum class JobPhase : unsigned char {
 enum class JobEvent {
   kSubmitted,     // its definition is new, or has been replaced
   kProcessEnded,  // `wantsProcess` is wantsProcessAfter() of that end
-  kDue,           // the throttle allows a start
+  kDemanded,      // a client has connected to one of its services
+  kDue,           // the throttle allows a start; unwanted if only a client wanted it, and has gone
+  kStartFailed,   // a start of a known job
 };
 
 enum class JobAction {
   kNothing,
   kStart,
-  kWait,  // for the throttle
+  kWait,   // for the throttle
+  kRetry,  // wait until earliestRetry()
   kBecomeIdle,
 };
 

@@ -114,16 +114,24 @@ TEST(RestartPolicy, TheNextActionFollowsFromPhaseAndEvent) {
   const Row rows[] = {
       {JobPhase::kIdle, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kIdle, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
+      {JobPhase::kIdle, JobEvent::kDemanded, kStart, kWait, kStart},
       {JobPhase::kIdle, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kIdle, JobEvent::kStartFailed, kRetry, kRetry, kRetry},
       {JobPhase::kWaiting, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kWaiting, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
-      {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kStart},
+      {JobPhase::kWaiting, JobEvent::kDemanded, kNothing, kNothing, kNothing},
+      {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kBecomeIdle},
+      {JobPhase::kWaiting, JobEvent::kStartFailed, kRetry, kRetry, kRetry},
       {JobPhase::kRunning, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
+      {JobPhase::kRunning, JobEvent::kDemanded, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kRunning, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kProcessEnded, kNothing, kNothing, kNothing},
+      {JobPhase::kRemoving, JobEvent::kDemanded, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kRemoving, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << (&row - rows));

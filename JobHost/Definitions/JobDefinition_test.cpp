@@ -258,7 +258,7 @@ TEST(JobDefinitionTest, ImpossibleValuesAreRejected) {
       {"MachServices", Dictionary{{"a/b", true}}, "found \"a/b\""},
       {"MachServices", Dictionary{{"..", true}}, "found \"..\""},
       {"MachServices", Dictionary{{"", true}}, "found \"\""},
-      {"MachServices", Dictionary{{"a", true}, {"b", true}}, "at most one service, found 2"},
+      {"MachServices", Dictionary{{"a", true}, {"b:c", true}}, "found \"b:c\""},
   };
   for (const Refused& refused : table) expectRefusal(refused);
 }

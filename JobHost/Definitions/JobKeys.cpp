@@ -242,11 +242,10 @@ Fault takeSeconds(const Value& value, JobDefinition& definition) {
 
 Fault takeMachServices(const Value& value, JobDefinition& definition) {
   const Dictionary* services = value.dictionary();
-  if (!services) return mismatch("a dictionary with the name of one service", value);
-  // A process can tell one listening socket from its other passed descriptors, but not two from
-  // each other.
-  if (services->size() > 1) {
-    return fmt::format("expected at most one service, found {}", services->size());
+  if (!services) return mismatch("a dictionary with the names of services", value);
+  if (services->size() > kMaximumServices) {
+    return fmt::format("expected at most {} services, found {}", kMaximumServices,
+                       services->size());
   }
   for (const auto& [name, options] : *services) {
     // The name becomes a socket's file name.
@@ -256,6 +255,11 @@ Fault takeMachServices(const Value& value, JobDefinition& definition) {
           "expected a service's name of 1 to {} bytes without slashes, control characters and a "
           "leading dot, found {}",
           kMaximumServiceNameBytes, quotedInMessage(name));
+    }
+    // The process gets the names of its sockets in one variable, with colons between them.
+    if (services->size() > 1 && name.find(':') != name.npos) {
+      return fmt::format("expected names without colons where there are several services, found {}",
+                         quotedInMessage(name));
     }
     if (options.boolean() != true && !options.dictionary()) {
       return fmt::format("service {}: {}", quotedInMessage(name),

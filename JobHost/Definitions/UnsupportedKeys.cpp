@@ -23,8 +23,7 @@ struct Unsupported {
 
 constexpr std::string_view kByTheClock = "this host starts no job by the clock";
 constexpr std::string_view kByFiles = "this host starts no job because files change";
-constexpr std::string_view kBySockets =
-    "this host binds no sockets but that of one of \"MachServices\"";
+constexpr std::string_view kBySockets = "this host binds no sockets but those of \"MachServices\"";
 constexpr std::string_view kByMachine =
     "this host takes every job that it is given, whatever the machine or session";
 
