@@ -50,8 +50,9 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
     } else if (job->origin == JobOrigin::kSubmitted && !job->isDefinitionLost) {
       skip(definition, kSubmittedMeanwhile);
     } else if (const auto refreshed = refresh(*job, definition); !refreshed) {
-      log(platform::ASL_LEVEL_ERR, fmt::format("{}; the definition that it had stays",
-                                               platform::describe(refreshed.error())));
+      log(platform::ASL_LEVEL_ERR,
+          fmt::format("{}: {}; the definition that it had stays", definition.file,
+                      platform::describe(refreshed.error())));
     }
   }
   return unknown;
@@ -105,8 +106,10 @@ void JobHost::loadDaemonsWhenWritable() {
 void JobHost::load(JobDefinition definition) {
   // If the file waited for a removal to finish, a client may have waited too, and have come first.
   if (find(definition.label)) return skip(definition, kSubmittedMeanwhile);
+  const std::string file = definition.file;
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
-  if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
+  if (loaded) return;
+  log(platform::ASL_LEVEL_ERR, fmt::format("{}: {}", file, loaded.error().localizedDescription));
 }
 
 }  // namespace jobhost

@@ -71,6 +71,24 @@ TEST_F(JobHostDaemons, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
   }
 }
 
+TEST_F(JobHostDaemons, ARefusalNamesTheFile) {
+  put(plist(kLabel, "<key>UserName</key><string>no-such-user</string>"));
+  startHost();
+  EXPECT_EQ(
+      sink_.count(root_.path(kFolder + "a.plist") + ": job \"com.example.a\": key \"UserName\""),
+      1);
+}
+
+TEST_F(JobHostDaemons, AnAdviceWithoutEffectIsLoggedOnce) {
+  put(plist(kLabel, "<key>TimeOut</key><integer>5</integer>"));
+  for (int i = 0; i < 3; ++i) {
+    startHost();
+    killHost();
+  }
+  startHost();
+  EXPECT_EQ(sink_.count("job \"com.example.a\": key \"TimeOut\": it has no effect"), 1);
+}
+
 TEST_F(JobHostDaemons, ADaemonThatRanOnceIsNotStartedByTheNextHost) {
   put(once(kLabel));
   startHost();

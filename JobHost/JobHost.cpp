@@ -157,7 +157,15 @@ Result<std::size_t> JobHost::record(const Job* known, JobOrigin origin,
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(definition.label)));
     return std::unexpected(std::move(error));
   }
+  if (!known || known->dictionary != definition.dictionary) logRemarks(definition);
   return StateFile::costOf(definition.label, *bytes);
+}
+
+void JobHost::logRemarks(const JobDefinition& definition) {
+  for (const std::string& remark : definition.remarks) {
+    log(platform::ASL_LEVEL_NOTICE,
+        fmt::format("job {}: {}", platform::quotedInMessage(definition.label), remark));
+  }
 }
 
 void JobHost::setCost(Job& job, std::size_t cost) {

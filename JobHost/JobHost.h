@@ -147,6 +147,8 @@ class JobHost {
   // job.
   platform::Result<std::size_t> record(const Job* known, JobOrigin origin,
                                        const JobDefinition& definition);
+  // Once for each definition of a job.
+  void logRemarks(const JobDefinition& definition);
   void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
   void log(platform::AslLevel level, const std::string& text);

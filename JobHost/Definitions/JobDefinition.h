@@ -59,6 +59,10 @@ struct JobDefinition {
   platform::Duration exitTimeOut =
       std::chrono::seconds(platform::kDefaultExitTimeOut);  // 0: no SIGKILL follows
   std::vector<std::string> machServices;
+  bool initGroups = true;  // the user's supplementary groups besides the job's own
+
+  std::string file;                  // that defines it; empty if a client does
+  std::vector<std::string> remarks;  // one text for each key that has no effect here
 
   // As it was submitted, with keys unknown to the host.
   platform::Value dictionary;

@@ -224,10 +224,16 @@ Fault takeKeepAlive(const Value& value, JobDefinition& definition) {
   return std::nullopt;
 }
 
-Fault takeRunAtLoad(const Value& value, JobDefinition& definition) {
+template <bool JobDefinition::* member>
+Fault takeSwitch(const Value& value, JobDefinition& definition) {
   if (!value.boolean()) return mismatch("a boolean", value);
-  definition.runAtLoad = *value.boolean();
+  definition.*member = *value.boolean();
   return std::nullopt;
+}
+
+// Each job has a session and a session keyring of its own anyway.
+Fault takeSessionCreate(const Value& value, JobDefinition&) {
+  return value.boolean() ? Fault() : mismatch("a boolean", value);
 }
 
 template <platform::Duration JobDefinition::* member>
@@ -292,7 +298,9 @@ constexpr std::array kKeys{
     Key{"SoftResourceLimits", takeLimits<&ResourceLimit::soft>},
     Key{"HardResourceLimits", takeLimits<&ResourceLimit::hard>},
     Key{"KeepAlive", takeKeepAlive},
-    Key{"RunAtLoad", takeRunAtLoad},
+    Key{"RunAtLoad", takeSwitch<&JobDefinition::runAtLoad>},
+    Key{"InitGroups", takeSwitch<&JobDefinition::initGroups>},
+    Key{"SessionCreate", takeSessionCreate},
     Key{"ThrottleInterval", takeSeconds<&JobDefinition::throttleInterval>},
     Key{"ExitTimeOut", takeSeconds<&JobDefinition::exitTimeOut>},
     Key{"MachServices", takeMachServices},
@@ -303,6 +311,9 @@ constexpr std::array kKeys{
 Fault takeJobKey(std::string_view key, const Value& value, JobDefinition& definition) {
   const auto found = std::ranges::find(kKeys, key, &Key::name);
   if (found != kKeys.end()) return found->take(value, definition);
+  if (const auto why = whyWithoutEffect(key)) {
+    definition.remarks.push_back(fmt::format("key \"{}\": it has no effect: {}", key, *why));
+  }
   return checkUnsupportedKey(key, value);
 }
 

@@ -10,6 +10,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -87,8 +88,8 @@ class DumpableKept {
 
 // Opens without waiting for a pipe's other end. The process then gets the file as if it had opened
 // it itself.
-Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
-  const std::string what = "opening " + platform::quotedInMessage(path);
+Result<UniqueFd> openStandardFile(std::string_view key, const std::string& path, int flags) {
+  const std::string what = fmt::format("key \"{}\": opening {}", key, platform::quotedWhole(path));
   UniqueFd file(retryOnInterrupt([&] {
     return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
   }));
@@ -124,14 +125,19 @@ class ChildSetup {
 };
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
-  const std::pair<const std::string&, int> files[kStandardFiles] = {
-      {job.standardInPath, O_RDONLY},
-      {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
-      {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
+  struct StandardFile {
+    std::string_view key;
+    const std::string& path;
+    int flags;
+  };
+  const StandardFile files[kStandardFiles] = {
+      {"StandardInPath", job.standardInPath, O_RDONLY},
+      {"StandardOutPath", job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
+      {"StandardErrorPath", job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
   };
   // With the host's permissions, a link placed by the job's user could lead to any file.
   std::optional<FileSystemIdentity> identity;
-  for (const auto& [path, flags] : files) {
+  for (const auto& [key, path, flags] : files) {
     if (path == kNull) {
       descriptors_.push_back(null);
       continue;
@@ -141,7 +147,7 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
       if (!assumed) return std::unexpected(std::move(assumed.error()));
       identity.emplace(*std::move(assumed));
     }
-    auto file = openStandardFile(path, flags);
+    auto file = openStandardFile(key, path, flags);
     if (!file) return std::unexpected(std::move(file.error()));
     descriptors_.push_back(file->get());
     opened_.push_back(*std::move(file));
@@ -231,6 +237,7 @@ timespec timespecOf(platform::Duration duration) {
 std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
                           const JobAccount& account) {
   using platform::quotedInMessage;
+  using platform::quotedWhole;
   switch (child.stage) {
     case ChildStage::kBegin:
       return "the new process";
@@ -248,7 +255,7 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kNice:
       return fmt::format("setpriority to {}", job.nice);
     case ChildStage::kRootDirectory:
-      return "chroot to " + quotedInMessage(job.rootDirectory.value_or("/"));
+      return "key \"RootDirectory\": chroot to " + quotedWhole(job.rootDirectory.value_or("/"));
     case ChildStage::kGroups:
       return "setgroups for " + quotedInMessage(account.name);
     case ChildStage::kGroup:
@@ -256,9 +263,9 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kUser:
       return fmt::format("setuid to {} ({})", account.user, quotedInMessage(account.name));
     case ChildStage::kWorkingDirectory:
-      return "chdir to " + quotedInMessage(job.workingDirectory);
+      return "key \"WorkingDirectory\": chdir to " + quotedWhole(job.workingDirectory);
     case ChildStage::kExecute:
-      return "executing " + quotedInMessage(job.program);
+      return "executing " + quotedWhole(job.program);
   }
   return "starting";
 }
@@ -326,6 +333,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(
   const bool isOwn = !job.userName && !job.groupName;
   auto account = isOwn ? ownAccount_ : lookUpAccount(job.userName, job.groupName);
   if (!account) return failed(std::move(account.error()));
+  if (!job.initGroups && job.userName) account->groups = {account->group};
   const DumpableKept dumpable;
   ChildSetup setup;
   StartFields start;

@@ -226,11 +226,16 @@ TEST_F(ProcessSpawnerTest, UnusableFoldersFilesAndLimitsAreErrors) {
     std::function<void(JobDefinition&)> change;
   };
   const Row rows[] = {
-      {"chdir to \"/no/such\"", ENOENT, [](auto& job) { job.workingDirectory = "/no/such"; }},
-      {"chdir to \"/dev/null\"", ENOTDIR, [](auto& job) { job.workingDirectory = "/dev/null"; }},
-      {"opening \"/no/such\"", ENOENT, [](auto& job) { job.standardInPath = "/no/such"; }},
-      {"opening \"/no/such\"", ENOENT, [](auto& job) { job.standardErrorPath = "/no/such"; }},
-      {"opening \"/no/such/out\"", ENOENT, [](auto& job) { job.standardOutPath = "/no/such/out"; }},
+      {"key \"WorkingDirectory\": chdir to \"/no/such\"", ENOENT,
+       [](auto& job) { job.workingDirectory = "/no/such"; }},
+      {"key \"WorkingDirectory\": chdir to \"/dev/null\"", ENOTDIR,
+       [](auto& job) { job.workingDirectory = "/dev/null"; }},
+      {"key \"StandardInPath\": opening \"/no/such\"", ENOENT,
+       [](auto& job) { job.standardInPath = "/no/such"; }},
+      {"key \"StandardErrorPath\": opening \"/no/such\"", ENOENT,
+       [](auto& job) { job.standardErrorPath = "/no/such"; }},
+      {"key \"StandardOutPath\": opening \"/no/such/out\"", ENOENT,
+       [](auto& job) { job.standardOutPath = "/no/such/out"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardInPath = "/"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardOutPath = "/"; }},
       {"setrlimit of \"NumberOfFiles\"", EPERM,
