@@ -27,7 +27,8 @@ constexpr platform::Duration kKillReportDelay = std::chrono::seconds(5);
 // While the host stops, the time-out of a job whose ExitTimeOut is 0: as long as that of a job
 // without the key. Without it, one job that does not end would keep the later ones from being
 // stopped.
-constexpr platform::Duration kDefaultShutDownTimeOut = std::chrono::seconds(20);
+constexpr platform::Duration kDefaultShutDownTimeOut =
+    std::chrono::seconds(platform::kDefaultExitTimeOut);
 
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {

@@ -42,7 +42,7 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
       waitUntil(job, earliestStartOf(job));
       return {};
     case JobAction::kRetry:
-      waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
+      waitUntil(job, earliestRetry(job.rules, job.starts.last.value_or(loop_.now())));
       return {};
     case JobAction::kStart:
       break;
@@ -58,10 +58,10 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
 }
 
 Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
-  job.lastTry = loop_.now();
+  job.starts.last = loop_.now();
   const auto listeners = listenersOf(job);
   if (!listeners) return std::unexpected(listeners.error());
-  auto record = state_->makeStartRecord(job.label, *job.lastTry);
+  auto record = state_->makeStartRecord(job.label, *job.starts.last);
   const std::size_t mark = state_->mark();
   int writeError = 0;
   auto process = processes_.start(definition, state_->ticketFor(record, &writeError), *listeners,
@@ -107,24 +107,22 @@ void JobHost::processEnded(Job& job, Ending ending) {
       fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
                   job.lastStart.process, describeEnding(ending)));
   const platform::Instant now = loop_.now();
-  const platform::Duration ran = now - job.lastTry.value_or(now);
+  const platform::Duration ran = now - job.starts.last.value_or(now);
   const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
   histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
   if (job.removal) return searchSoon(job);
   job.process.reset();
   if (job.isDefinitionLost) return forget(job);
-  job.shortRuns = ran < kGoodRun ? job.shortRuns + 1 : 0;
-  const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
-  job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);
+  noteEnd(job.rules, job.starts, now);
   const JobAction action =
-      nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, ending),
-                 now >= earliestStartOf(job));
+      nextAction(JobPhase::kRunning, JobEvent::kProcessEnded,
+                 wantsProcessAfter(job.rules, exitStatusOf(ending)), now >= earliestStartOf(job));
   if (action == JobAction::kStart) return enqueueStart(job);
   static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
 }
 
 platform::Instant JobHost::earliestStartOf(const Job& job) const {
-  return std::max(earliestStart(job.rules, job.lastTry), job.pausedUntil);
+  return earliestStart(job.rules, job.starts);
 }
 
 void JobHost::enqueueStart(Job& job) {

@@ -76,7 +76,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   job.lastStart = *stored.lastStart;
   // The clock counts from boot and the record is of this boot. Clamp it nonetheless: clocks are not
   // trusted.
-  job.lastTry = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
+  job.starts.last = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
   if (stored.runs) {
     if (auto takenOver = takeOverProcess(job); !takenOver) return takenOver;
   }
@@ -130,8 +130,8 @@ void JobHost::resume(Job& job) {
   if (const auto listeners = listenersOf(job); !listeners) {
     log(platform::ASL_LEVEL_ERR, platform::describe(listeners.error()));
   }
-  const bool wants =
-      job.lastEnd ? wantsProcessAfter(job.rules, *job.lastEnd) : wantsProcessAtLoad(job.rules);
+  const bool wants = job.lastEnd ? wantsProcessAfter(job.rules, exitStatusOf(*job.lastEnd))
+                                 : wantsProcessAtLoad(job.rules);
   const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobEvent event = job.lastEnd ? JobEvent::kProcessEnded : JobEvent::kSubmitted;
   const auto done = perform(job, nextAction(job.phase, event, wants, mayStart), nullptr);

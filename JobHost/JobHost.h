@@ -27,6 +27,11 @@
 
 namespace jobhost {
 
+using platform::JobAction;
+using platform::JobEvent;
+using platform::JobPhase;
+using platform::kGoodRun;
+
 // The jobs that a host takes. Each that runs costs it one descriptor and about 2 KiB.
 inline constexpr std::size_t kMaximumJobs = 16'384;
 
