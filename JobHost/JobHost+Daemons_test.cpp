@@ -25,14 +25,10 @@ class JobHostDaemons : public JobHostTest {
   inline static const std::string kFolder = "Library/LaunchDaemons/";
 
   static std::string plist(const std::string& label, const std::string& more) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Label</key><string>" + label +
-           "</string><key>Program</key><string>/bin/true</string><key>RunAtLoad</key><true/>" +
-           more + "</dict></plist>";
+    return daemonFile(label, "<key>RunAtLoad</key><true/>" + more);
   }
   static std::string once(const std::string& label) { return plist(label, ""); }
-  static std::string kept(const std::string& label) {
-    return plist(label, "<key>KeepAlive</key><true/>");
-  }
+  static std::string kept(const std::string& label) { return plist(label, kKeepAlive); }
 
   // The file of the daemon kLabel.
   void put(const std::string& contents) { root_.write(kFolder + "a.plist", contents); }
