@@ -25,12 +25,12 @@ using platform::Value;
 using testing::HasSubstr;
 using testing::SizeIs;
 
-constexpr char kLabel[] = "com.example.a";
-constexpr char kService[] = "com.example.service";
-constexpr char kOther[] = "com.example.other";
-
 class JobHostDemand : public JobHostTest {
  protected:
+  static constexpr char kLabel[] = "com.example.a";
+  static constexpr char kService[] = "com.example.service";
+  static constexpr char kOther[] = "com.example.other";
+
   // A job that only its clients start.
   static Dictionary demandedJob(Dictionary more = {}) {
     Dictionary dictionary{{"Label", kLabel},

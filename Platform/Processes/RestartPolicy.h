@@ -33,7 +33,7 @@ struct RestartRules {
   Duration throttleInterval = kDefaultThrottleInterval;
 };
 
-// What delays the next start of a label.
+// The facts that delay the next start of a label.
 struct RecentStarts {
   std::optional<Instant> last;  // also one that failed
   unsigned shortRuns = 0;       // in a row, up to the last end
