@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "JobHost/Processes/Processes.h"
-#include "JobHost/RestartPolicy.h"
 #include "JobHost/State/StoredJob.h"
+#include "Platform/Processes/RestartPolicy.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
@@ -34,24 +34,24 @@ struct Removal {
 struct Job {
   std::string label;
   platform::Value dictionary;
-  RestartRules rules;
+  platform::RestartRules rules;
   platform::Duration exitTimeOut{};
-  std::string machService;  // empty for none
+  std::vector<std::string> machServices;
+  // While it waits for a client: each of its services' sockets is watched.
+  std::vector<std::unique_ptr<platform::RunLoopHandle>> demand;
+  bool isDemanded = false;  // a client is the only reason for its next start
   JobOrigin origin = JobOrigin::kSubmitted;
   bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
   std::size_t cost = 0;           // counted against StateFile::kMaximumCost
-  JobPhase phase = JobPhase::kIdle;
+  platform::JobPhase phase = platform::JobPhase::kIdle;
   // The last start that is in the state file.
   StartFields lastStart;
   // Its process, which leads the group while `hasLeader`. Null if nothing is left of it.
   std::unique_ptr<JobProcess> process;
   bool hasLeader = false;
-  // The last start, also one that failed.
-  std::optional<platform::Instant> lastTry;
+  platform::RecentStarts starts;
   std::optional<Ending> lastEnd;
-  unsigned shortRuns = 0;           // in a row, up to the last end
-  platform::Instant pausedUntil{};  // because of short runs
-  bool isQueued = false;            // waits only for its turn in JobHost's queue of starts
+  bool isQueued = false;  // waits only for its turn in JobHost's queue of starts
   std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or polls a removed group
   std::unique_ptr<Removal> removal;
 };

@@ -50,8 +50,9 @@ std::vector<JobDefinition> JobHost::refreshDaemons(DaemonFolder folder) {
     } else if (job->origin == JobOrigin::kSubmitted && !job->isDefinitionLost) {
       skip(definition, kSubmittedMeanwhile);
     } else if (const auto refreshed = refresh(*job, definition); !refreshed) {
-      log(platform::ASL_LEVEL_ERR, fmt::format("{}; the definition that it had stays",
-                                               platform::describe(refreshed.error())));
+      log(platform::ASL_LEVEL_ERR,
+          fmt::format("{}: {}; the definition that it had stays", definition.file,
+                      platform::describe(refreshed.error())));
     }
   }
   return unknown;
@@ -64,10 +65,8 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
   const std::size_t mark = state_->mark();
   const auto cost = record(&job, JobOrigin::kLoaded, definition);
   if (!cost) return std::unexpected(cost.error());
-  const std::string service =
-      definition.machServices.empty() ? std::string() : definition.machServices.front();
-  if (service == job.machService) {
-    // Don't bind the socket: it may still belong to a process that was taken over.
+  if (definition.machServices == job.machServices) {
+    // Don't bind the sockets: they may still belong to a process that was taken over.
     fillIn(job, JobOrigin::kLoaded, definition);
   } else if (auto defined = define(job, JobOrigin::kLoaded, definition); !defined) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
@@ -75,6 +74,7 @@ Result<void> JobHost::refresh(Job& job, const JobDefinition& definition) {
     }
     return defined;
   }
+  if (job.phase == JobPhase::kIdle) awaitDemand(job);
   setCost(job, *cost);
   return {};
 }
@@ -106,8 +106,10 @@ void JobHost::loadDaemonsWhenWritable() {
 void JobHost::load(JobDefinition definition) {
   // If the file waited for a removal to finish, a client may have waited too, and have come first.
   if (find(definition.label)) return skip(definition, kSubmittedMeanwhile);
+  const std::string file = definition.file;
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
-  if (!loaded) log(platform::ASL_LEVEL_ERR, loaded.error().localizedDescription);
+  if (loaded) return;
+  log(platform::ASL_LEVEL_ERR, fmt::format("{}: {}", file, loaded.error().localizedDescription));
 }
 
 }  // namespace jobhost

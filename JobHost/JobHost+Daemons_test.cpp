@@ -25,14 +25,10 @@ class JobHostDaemons : public JobHostTest {
   inline static const std::string kFolder = "Library/LaunchDaemons/";
 
   static std::string plist(const std::string& label, const std::string& more) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Label</key><string>" + label +
-           "</string><key>Program</key><string>/bin/true</string><key>RunAtLoad</key><true/>" +
-           more + "</dict></plist>";
+    return daemonFile(label, "<key>RunAtLoad</key><true/>" + more);
   }
   static std::string once(const std::string& label) { return plist(label, ""); }
-  static std::string kept(const std::string& label) {
-    return plist(label, "<key>KeepAlive</key><true/>");
-  }
+  static std::string kept(const std::string& label) { return plist(label, kKeepAlive); }
 
   // The file of the daemon kLabel.
   void put(const std::string& contents) { root_.write(kFolder + "a.plist", contents); }
@@ -69,6 +65,24 @@ TEST_F(JobHostDaemons, FilesOfTheDaemonFolderAreLoadedAndTheOthersLogged) {
   for (const char* file : {"b.plist", "c.plist", "d.plist", "f.plist", "g.plist"}) {
     EXPECT_EQ(sink_.count(file), 1) << file;
   }
+}
+
+TEST_F(JobHostDaemons, ARefusalNamesTheFile) {
+  put(plist(kLabel, "<key>UserName</key><string>no-such-user</string>"));
+  startHost();
+  EXPECT_EQ(
+      sink_.count(root_.path(kFolder + "a.plist") + ": job \"com.example.a\": key \"UserName\""),
+      1);
+}
+
+TEST_F(JobHostDaemons, AnAdviceWithoutEffectIsLoggedOnce) {
+  put(plist(kLabel, "<key>TimeOut</key><integer>5</integer>"));
+  for (int i = 0; i < 3; ++i) {
+    startHost();
+    killHost();
+  }
+  startHost();
+  EXPECT_EQ(sink_.count("job \"com.example.a\": key \"TimeOut\": it has no effect"), 1);
 }
 
 TEST_F(JobHostDaemons, ADaemonThatRanOnceIsNotStartedByTheNextHost) {

@@ -27,7 +27,8 @@ constexpr platform::Duration kKillReportDelay = std::chrono::seconds(5);
 // While the host stops, the time-out of a job whose ExitTimeOut is 0: as long as that of a job
 // without the key. Without it, one job that does not end would keep the later ones from being
 // stopped.
-constexpr platform::Duration kDefaultShutDownTimeOut = std::chrono::seconds(20);
+constexpr platform::Duration kDefaultShutDownTimeOut =
+    std::chrono::seconds(platform::kDefaultExitTimeOut);
 
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
@@ -80,6 +81,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
 void JobHost::beginRemoval(Job& job) {
   job.isQueued = false;
   job.timer.reset();
+  job.demand.clear();
   job.phase = JobPhase::kRemoving;
   // A job that never had a process has left none.
   if (!job.process && job.lastStart.process == 0) return finishRemoval(job);
@@ -162,16 +164,8 @@ void JobHost::finishRemoval(Job& job) {
   compactIfWanted();
   const auto written = state_->appendRemoved(job.label);
   if (!written) noteUnwritten(written.error());
-  if (!job.machService.empty()) {
-    sockets_.close(job.machService, job.label);
-    // The name may be left over from an earlier host. Remove it, because the socket behind it ended
-    // with the process. Keep it if another job uses the same Mach service: clients still reach that
-    // job's socket by this name.
-    const bool isUsedByAnotherJob = std::ranges::any_of(jobs_, [&](const auto& entry) {
-      return entry.first != job.label && entry.second.machService == job.machService;
-    });
-    if (!isUsedByAnotherJob) sockets_.removeName(job.machService);
-  }
+  closeServices(job);
+  removeNamesOfServices(job);
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: removed", platform::quotedInMessage(job.label)));
   const std::unique_ptr<Removal> removal = std::move(job.removal);

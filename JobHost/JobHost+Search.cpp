@@ -47,7 +47,7 @@ void JobHost::adopt(const MarkedProcess& leader) {
                     platform::quotedInMessage(job->label)));
   }
   job->lastStart = leader.identity();
-  job->lastTry =
+  job->starts.last =
       std::min(platform::Instant(platform::Duration(job->lastStart.startedAt)), loop_.now());
   if (auto takenOver = takeOverProcess(*job); !takenOver) {
     log(platform::ASL_LEVEL_ERR, platform::describe(takenOver.error()));

@@ -31,10 +31,7 @@ class JobHostSearch : public JobHostTest {
     loop_.runReady();
   }
   void writeDaemon(const std::string& label) {
-    root_.write("Library/LaunchDaemons/" + label + ".plist",
-                "<plist><dict><key>Label</key><string>" + label +
-                    "</string><key>Program</key><string>/bin/true</string><key>KeepAlive</key>"
-                    "<true/></dict></plist>");
+    root_.write("Library/LaunchDaemons/" + label + ".plist", daemonFile(label, kKeepAlive));
   }
 };
 

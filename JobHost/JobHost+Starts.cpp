@@ -36,13 +36,18 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
       job.isQueued = false;
       job.timer.reset();
       job.phase = JobPhase::kIdle;
+      awaitDemand(job);
       return {};
     case JobAction::kWait:
       waitUntil(job, earliestStartOf(job));
       return {};
+    case JobAction::kRetry:
+      waitUntil(job, earliestRetry(job.rules, job.starts.last.value_or(loop_.now())));
+      return {};
     case JobAction::kStart:
       break;
   }
+  job.demand.clear();
   job.isQueued = false;
   job.timer.reset();
   job.phase = JobPhase::kIdle;
@@ -53,18 +58,14 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
 }
 
 Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
-  platform::Descriptor listener = -1;
-  job.lastTry = loop_.now();
-  if (!job.machService.empty()) {
-    const auto socket = sockets_.listen(job.machService, job.label);
-    if (!socket) return std::unexpected(socket.error());
-    listener = *socket;
-  }
-  auto record = state_->makeStartRecord(job.label, *job.lastTry);
+  job.starts.last = loop_.now();
+  const auto listeners = listenersOf(job);
+  if (!listeners) return std::unexpected(listeners.error());
+  auto record = state_->makeStartRecord(job.label, *job.starts.last);
   const std::size_t mark = state_->mark();
   int writeError = 0;
-  auto process =
-      processes_.start(definition, state_->ticketFor(record, &writeError), listener, onEndOf(job));
+  auto process = processes_.start(definition, state_->ticketFor(record, &writeError), *listeners,
+                                  onEndOf(job));
   if (!process) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
@@ -75,6 +76,7 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   if (state_->isBehind()) noteUnwritten(state_->whyBehind());
   job.process = *std::move(process);
   job.hasLeader = true;
+  job.isDemanded = false;
   job.phase = JobPhase::kRunning;
   ++histories_.of(job.label).starts;
   if (onStarted_) onStarted_(job.label, job.lastStart.process);
@@ -105,24 +107,22 @@ void JobHost::processEnded(Job& job, Ending ending) {
       fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
                   job.lastStart.process, describeEnding(ending)));
   const platform::Instant now = loop_.now();
-  const platform::Duration ran = now - job.lastTry.value_or(now);
+  const platform::Duration ran = now - job.starts.last.value_or(now);
   const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
   histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
   if (job.removal) return searchSoon(job);
   job.process.reset();
   if (job.isDefinitionLost) return forget(job);
-  job.shortRuns = ran < kGoodRun ? job.shortRuns + 1 : 0;
-  const bool hasThrottle = job.rules.throttleInterval > platform::Duration::zero();
-  job.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(job.shortRuns);
+  noteEnd(job.rules, job.starts, now);
   const JobAction action =
-      nextAction(JobPhase::kRunning, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, ending),
-                 now >= earliestStartOf(job));
+      nextAction(JobPhase::kRunning, JobEvent::kProcessEnded,
+                 wantsProcessAfter(job.rules, exitStatusOf(ending)), now >= earliestStartOf(job));
   if (action == JobAction::kStart) return enqueueStart(job);
   static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
 }
 
 platform::Instant JobHost::earliestStartOf(const Job& job) const {
-  return std::max(earliestStart(job.rules, job.lastTry), job.pausedUntil);
+  return earliestStart(job.rules, job.starts);
 }
 
 void JobHost::enqueueStart(Job& job) {
@@ -149,8 +149,9 @@ void JobHost::startNext() {
 void JobHost::startIfQueued(Job& job) {
   if (!std::exchange(job.isQueued, false)) return;
   compactIfWanted();
-  const auto done = perform(job, nextAction(job.phase, JobEvent::kDue, true, true), nullptr);
-  if (!done) logAndRetry(job, done.error());
+  const auto done =
+      perform(job, nextAction(job.phase, JobEvent::kDue, isStillWanted(job), true), nullptr);
+  if (!done) logFailedStart(job, done.error());
 }
 
 void JobHost::waitUntil(Job& job, platform::Instant due) {
@@ -164,14 +165,15 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
   });
 }
 
-void JobHost::retryLater(Job& job) {
-  waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
+void JobHost::startFailed(Job& job) {
+  const JobAction action = nextAction(job.phase, JobEvent::kStartFailed, true, false);
+  static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
 }
 
-void JobHost::logAndRetry(Job& job, const Error& error) {
+void JobHost::logFailedStart(Job& job, const Error& error) {
   log(platform::ASL_LEVEL_ERR,
       fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
-  retryLater(job);
+  startFailed(job);
 }
 
 }  // namespace jobhost

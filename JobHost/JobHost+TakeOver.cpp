@@ -76,7 +76,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
   job.lastStart = *stored.lastStart;
   // The clock counts from boot and the record is of this boot. Clamp it nonetheless: clocks are not
   // trusted.
-  job.lastTry = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
+  job.starts.last = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
   if (stored.runs) {
     if (auto takenOver = takeOverProcess(job); !takenOver) return takenOver;
   }
@@ -113,14 +113,11 @@ Result<void> JobHost::takeOverProcess(Job& job) {
   job.hasLeader = true;
   job.phase = JobPhase::kRunning;
   log(platform::ASL_LEVEL_NOTICE, what + " taken over");
-  if (!job.machService.empty() &&
-      !sockets_.takeOver(job.machService, job.label,
-                         job.process->copyDescriptor(kFirstPassedDescriptor))) {
+  for (const std::string& service : takeOverServices(job, job.machServices)) {
     log(platform::ASL_LEVEL_NOTICE,
         fmt::format("job {}: the socket of {} stays with its process, and is bound anew when that "
                     "has ended",
-                    platform::quotedInMessage(job.label),
-                    platform::quotedInMessage(job.machService)));
+                    platform::quotedInMessage(job.label), platform::quotedInMessage(service)));
   }
   return {};
 }
@@ -130,17 +127,15 @@ void JobHost::resume(Job& job) {
   if (job.removal) return beginRemoval(job);
   if (job.isDefinitionLost && !job.hasLeader) return forget(job);
   if (job.hasLeader || isStopRequested()) return;
-  if (!job.machService.empty()) {
-    if (const auto socket = sockets_.listen(job.machService, job.label); !socket) {
-      log(platform::ASL_LEVEL_ERR, platform::describe(socket.error()));
-    }
+  if (const auto listeners = listenersOf(job); !listeners) {
+    log(platform::ASL_LEVEL_ERR, platform::describe(listeners.error()));
   }
-  const bool wants =
-      job.lastEnd ? wantsProcessAfter(job.rules, *job.lastEnd) : wantsProcessAtLoad(job.rules);
+  const bool wants = job.lastEnd ? wantsProcessAfter(job.rules, exitStatusOf(*job.lastEnd))
+                                 : wantsProcessAtLoad(job.rules);
   const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobEvent event = job.lastEnd ? JobEvent::kProcessEnded : JobEvent::kSubmitted;
   const auto done = perform(job, nextAction(job.phase, event, wants, mayStart), nullptr);
-  if (!done) logAndRetry(job, done.error());
+  if (!done) logFailedStart(job, done.error());
 }
 
 std::vector<StoredJob> JobHost::snapshot() const {

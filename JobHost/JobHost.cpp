@@ -114,7 +114,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
     done = perform(job, nextAction(job.phase, JobEvent::kSubmitted, wants, mayStart), &definition);
   }
   if (!done) {
-    sockets_.close(job.machService, job.label);
+    closeServices(job);
     setCost(job, 0);
     histories_.removeJob(definition.label);
     jobs_.erase(definition.label);
@@ -143,7 +143,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
   auto done = perform(job, action, &definition);
-  if (!done) retryLater(job);
+  if (!done) startFailed(job);
   return done;
 }
 
@@ -157,7 +157,15 @@ Result<std::size_t> JobHost::record(const Job* known, JobOrigin origin,
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(definition.label)));
     return std::unexpected(std::move(error));
   }
+  if (!known || known->dictionary != definition.dictionary) logRemarks(definition);
   return StateFile::costOf(definition.label, *bytes);
+}
+
+void JobHost::logRemarks(const JobDefinition& definition) {
+  for (const std::string& remark : definition.remarks) {
+    log(platform::ASL_LEVEL_NOTICE,
+        fmt::format("job {}: {}", platform::quotedInMessage(definition.label), remark));
+  }
 }
 
 void JobHost::setCost(Job& job, std::size_t cost) {
@@ -166,18 +174,10 @@ void JobHost::setCost(Job& job, std::size_t cost) {
 }
 
 Result<void> JobHost::define(Job& job, JobOrigin origin, const JobDefinition& definition) {
-  const std::string service =
-      definition.machServices.empty() ? std::string() : definition.machServices.front();
-  // A process whose definition was lost may have the socket.
-  const bool isTakenOver =
-      job.isDefinitionLost && job.hasLeader && !service.empty() &&
-      sockets_.takeOver(service, job.label, job.process->copyDescriptor(kFirstPassedDescriptor));
-  if (!service.empty() && !isTakenOver) {
-    if (const auto socket = sockets_.listen(service, definition.label); !socket) {
-      return std::unexpected(socket.error());
-    }
-  }
-  if (job.machService != service) sockets_.close(job.machService, job.label);
+  // A process whose definition was lost may have the sockets.
+  if (job.isDefinitionLost && job.hasLeader) takeOverServices(job, definition.machServices);
+  if (auto bound = bindServices(job, definition); !bound) return bound;
+  closeServices(job, definition.machServices);
   fillIn(job, origin, definition);
   return {};
 }
@@ -187,7 +187,7 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
   job.dictionary = definition.dictionary;
   job.rules = {definition.keepAlive, definition.runAtLoad, definition.throttleInterval};
   job.exitTimeOut = definition.exitTimeOut;
-  job.machService = definition.machServices.empty() ? "" : definition.machServices.front();
+  job.machServices = definition.machServices;
   job.origin = origin;
   job.isDefinitionLost = false;
 }

@@ -27,6 +27,11 @@
 
 namespace jobhost {
 
+using platform::JobAction;
+using platform::JobEvent;
+using platform::JobPhase;
+using platform::kGoodRun;
+
 // The jobs that a host takes. Each that runs costs it one descriptor and about 2 KiB.
 inline constexpr std::size_t kMaximumJobs = 16'384;
 
@@ -147,6 +152,8 @@ class JobHost {
   // job.
   platform::Result<std::size_t> record(const Job* known, JobOrigin origin,
                                        const JobDefinition& definition);
+  // Once for each definition of a job.
+  void logRemarks(const JobDefinition& definition);
   void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
   void log(platform::AslLevel level, const std::string& text);
@@ -163,8 +170,19 @@ class JobHost {
   void startNext();
   void startIfQueued(Job& job);
   void waitUntil(Job& job, platform::Instant due);
-  void retryLater(Job& job);
-  void logAndRetry(Job& job, const platform::Error& error);
+  void startFailed(Job& job);
+  void logFailedStart(Job& job, const platform::Error& error);
+
+  // JobHost+Demand.cpp
+  platform::Result<std::vector<platform::Descriptor>> listenersOf(const Job& job);
+  platform::Result<void> bindServices(const Job& job, const JobDefinition& definition);
+  std::vector<std::string> takeOverServices(const Job& job,
+                                            const std::vector<std::string>& services);
+  void closeServices(Job& job, const std::vector<std::string>& kept = {});
+  void removeNamesOfServices(const Job& job);
+  void awaitDemand(Job& job);
+  void demanded(Job& job);
+  bool isStillWanted(const Job& job) const;
 
   // JobHost+Removal.cpp
   void answer(Completion completion, Outcome outcome);

@@ -74,6 +74,13 @@ class JobHostTest : public testing::Test {
     return dictionary;
   }
 
+  // Defines a job by a file of the daemons' folder, with more of its dictionary as XML.
+  static std::string daemonFile(const std::string& label, const std::string& more = {}) {
+    return "<plist version=\"1.0\"><dict><key>Label</key><string>" + label +
+           "</string><key>Program</key><string>/bin/true</string>" + more + "</dict></plist>";
+  }
+  inline static const std::string kKeepAlive = "<key>KeepAlive</key><true/>";
+
   // A copy of the job without its history.
   platform::Value copied(std::string_view label) {
     const platform::Value copy = host_->copy(label);

@@ -168,6 +168,19 @@ class JobHostServices : public JobHostProcesses {
   }
 };
 
+TEST_F(JobHostServices, AClientStartsTheJobAgainAndAgain) {
+  // Nobody accepts the client, so it stays a reason to start the job.
+  Dictionary job = scriptJob("com.example.job", "echo $LISTEN_FDNAMES >" + lines_.path());
+  job.remove("KeepAlive");
+  job.set("MachServices", Dictionary{{"com.example.a", true}, {"com.example.b", true}});
+  ASSERT_TRUE(submit(job));
+  EXPECT_EQ(pidOf("com.example.job"), 0);
+  EXPECT_EQ(connectTo("com.example.b"), 0);
+  for (int start = 0; start < 3; ++start) {
+    EXPECT_EQ(lines_.nextLine(), "com.example.a:com.example.b");
+  }
+}
+
 TEST_F(JobHostServices, TheSocketOutlivesTheProcessAndEndsWithTheJob) {
   ASSERT_TRUE(submit(serviceJob()));
   const std::string socket = lines_.nextLine();

@@ -22,10 +22,8 @@ class LastStarts {
 
  private:
   struct Entry {
-    platform::Instant lastTry;
+    platform::RecentStarts starts;
     platform::Instant until;
-    unsigned shortRuns = 0;
-    platform::Instant pausedUntil;
   };
 
   std::map<std::string, Entry> entries_;

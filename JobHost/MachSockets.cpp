@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -121,6 +122,17 @@ Result<Descriptor> MachSockets::listen(const std::string& service, std::string_v
   const Descriptor descriptor = socket->get();
   listeners_.emplace(service, Listener{std::string(label), *std::move(socket)});
   return descriptor;
+}
+
+Descriptor MachSockets::find(const std::string& service, std::string_view label) const {
+  const auto found = listeners_.find(service);
+  const bool isOwn = found != listeners_.end() && found->second.label == label;
+  return isOwn ? found->second.socket.get() : -1;
+}
+
+bool MachSockets::hasClient(const std::string& service, std::string_view label) const {
+  pollfd entry{find(service, label), POLLIN, 0};
+  return entry.fd >= 0 && ::poll(&entry, 1, 0) > 0;
 }
 
 bool MachSockets::takeOver(const std::string& service, std::string_view label, UniqueFd socket) {

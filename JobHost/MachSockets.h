@@ -28,6 +28,11 @@ class MachSockets {
   // keeps owning it. kInvalid if it is another job's.
   platform::Result<platform::Descriptor> listen(const std::string& service, std::string_view label);
 
+  // The same if it is bound already, else -1.
+  platform::Descriptor find(const std::string& service, std::string_view label) const;
+  // Whether a client waits in its backlog.
+  bool hasClient(const std::string& service, std::string_view label) const;
+
   // Keeps a socket that another host bound and a process of the job still has. False if clients
   // that connect by the name do not reach it.
   bool takeOver(const std::string& service, std::string_view label, platform::UniqueFd socket);

@@ -76,7 +76,11 @@ Result<JobDefinition> definitionIn(const std::string& path) {
   const auto contents = platform::readPropertyList(*bytes, path);
   if (!contents) return std::unexpected(contents.error());
   auto definition = parseJobDefinition(*contents);
-  if (!definition) definition.error().context.insert(0, path + ": ");
+  if (!definition) {
+    definition.error().context.insert(0, path + ": ");
+  } else {
+    definition->file = path;
+  }
   return definition;
 }
 

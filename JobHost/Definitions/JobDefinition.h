@@ -10,23 +10,14 @@
 #include <sys/types.h>
 
 #include "Platform/Jobs/Jobs.h"
+#include "Platform/Processes/RestartPolicy.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 
 namespace jobhost {
 
-// The conditions under which a job is restarted after its process has ended.
-struct KeepAlive {
-  // "KeepAlive" as a boolean: after every end.
-  bool always = false;
-  // "SuccessfulExit": only after ends with status 0 (true), or only after others (false).
-  std::optional<bool> successfulExit;
-  // "Crashed": only after ends by a crash's signal (true), or only after others (false).
-  std::optional<bool> crashed;
-
-  bool operator==(const KeepAlive&) const = default;
-};
+using platform::KeepAlive;
 
 // One limit of a resource. Empty if the dictionary keeps the host's limit.
 struct ResourceLimit {
@@ -55,10 +46,14 @@ struct JobDefinition {
   std::vector<ResourceLimit> limits;
   KeepAlive keepAlive;
   bool runAtLoad = false;
-  platform::Duration throttleInterval = std::chrono::seconds(10);
+  platform::Duration throttleInterval = platform::kDefaultThrottleInterval;
   platform::Duration exitTimeOut =
       std::chrono::seconds(platform::kDefaultExitTimeOut);  // 0: no SIGKILL follows
   std::vector<std::string> machServices;
+  bool initGroups = true;  // the user's supplementary groups besides the job's own
+
+  std::string file;                  // that defines it; empty if a client does
+  std::vector<std::string> remarks;  // one text for each key that has no effect here
 
   // As it was submitted, with keys unknown to the host.
   platform::Value dictionary;

@@ -12,6 +12,8 @@ namespace jobhost {
 inline constexpr std::size_t kMaximumLabelBytes = 255;
 inline constexpr std::size_t kMaximumUserNameBytes = 255;
 inline constexpr std::size_t kMaximumServiceNameBytes = 255;
+// Each has a socket, which the host keeps open.
+inline constexpr std::size_t kMaximumServices = 64;
 // The kernel's limit, without the zero at the end.
 inline constexpr std::size_t kMaximumPathBytes = 4095;
 inline constexpr std::size_t kMaximumArguments = 1024;

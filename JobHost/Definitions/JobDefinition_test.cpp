@@ -48,6 +48,12 @@ std::string refusal(const Dictionary& dictionary) {
 
 Dictionary jobWith(const char* key, Value value) { return job({{key, std::move(value)}}); }
 
+Dictionary named(std::size_t count, const Value& value) {
+  Dictionary values;
+  for (std::size_t i = 0; i < count; ++i) values.set("V" + std::to_string(i), value);
+  return values;
+}
+
 Array texts(std::size_t count) { return Array(count, Value("x")); }
 
 Value nested(std::size_t collections) {
@@ -94,6 +100,8 @@ TEST(JobDefinitionTest, EveryKeyIsRead) {
                   {"Umask", 18},
                   {"Nice", -5},
                   {"RunAtLoad", true},
+                  {"InitGroups", false},
+                  {"SessionCreate", true},
                   {"ThrottleInterval", 0},
                   {"ExitTimeOut", 3},
                   {"MachServices", Dictionary{{"com.example.port", true}}}}));
@@ -110,6 +118,8 @@ TEST(JobDefinitionTest, EveryKeyIsRead) {
   EXPECT_EQ(definition.umask, 022u);
   EXPECT_EQ(definition.nice, -5);
   EXPECT_TRUE(definition.runAtLoad);
+  EXPECT_FALSE(definition.initGroups);
+  EXPECT_THAT(definition.remarks, IsEmpty());
   EXPECT_EQ(definition.throttleInterval, 0s);
   EXPECT_EQ(definition.exitTimeOut, 3s);
   EXPECT_THAT(definition.machServices, ElementsAre("com.example.port"));
@@ -258,7 +268,7 @@ TEST(JobDefinitionTest, ImpossibleValuesAreRejected) {
       {"MachServices", Dictionary{{"a/b", true}}, "found \"a/b\""},
       {"MachServices", Dictionary{{"..", true}}, "found \"..\""},
       {"MachServices", Dictionary{{"", true}}, "found \"\""},
-      {"MachServices", Dictionary{{"a", true}, {"b", true}}, "at most one service, found 2"},
+      {"MachServices", Dictionary{{"a", true}, {"b:c", true}}, "found \"b:c\""},
   };
   for (const Refused& refused : table) expectRefusal(refused);
 }
@@ -294,7 +304,8 @@ TEST(JobDefinitionTest, UnsupportedKeysThatDecideWhenAJobRunsAreRejected) {
        "condition \"PathState\": it can't be honoured: this host starts no job because files"},
       {"KeepAlive", Dictionary{{"OtherJobEnabled", Dictionary{}}}, "because of another"},
       {"KeepAlive", Dictionary{{"NetworkState", true}}, "because of the network"},
-      {"KeepAlive", Dictionary{{"AfterInitialDemand", true}}, "on demand"},
+      {"KeepAlive", Dictionary{{"AfterInitialDemand", true}}, "from the beginning"},
+      {"EnableGlobbing", true, "as they are"},
   };
   for (const Refused& refused : table) expectRefusal(refused);
 }
@@ -349,16 +360,14 @@ TEST(JobDefinitionTest, LimitsAcceptTheMaximumAndNotOneMore) {
        [](std::size_t n) {
          return jobWith("MachServices", Dictionary{{std::string(n, 'x'), true}});
        }},
+      {"services", kMaximumServices,
+       [](std::size_t n) { return jobWith("MachServices", named(n, true)); }},
       {"arguments", kMaximumArguments,
        [](std::size_t n) { return jobWith("ProgramArguments", texts(n)); }},
       {"argument", kMaximumArgumentBytes,
        [](std::size_t n) { return jobWith("ProgramArguments", Array{std::string(n, 'x')}); }},
       {"variables", kMaximumEnvironmentVariables,
-       [](std::size_t n) {
-         Dictionary variables;
-         for (std::size_t i = 0; i < n; ++i) variables.set("V" + std::to_string(i), "");
-         return jobWith("EnvironmentVariables", std::move(variables));
-       }},
+       [](std::size_t n) { return jobWith("EnvironmentVariables", named(n, "")); }},
       {"variable", kMaximumArgumentBytes,
        [](std::size_t n) {
          return jobWith("EnvironmentVariables", Dictionary{{"A", std::string(n - 2, 'x')}});

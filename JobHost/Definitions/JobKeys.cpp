@@ -224,10 +224,16 @@ Fault takeKeepAlive(const Value& value, JobDefinition& definition) {
   return std::nullopt;
 }
 
-Fault takeRunAtLoad(const Value& value, JobDefinition& definition) {
+template <bool JobDefinition::* member>
+Fault takeSwitch(const Value& value, JobDefinition& definition) {
   if (!value.boolean()) return mismatch("a boolean", value);
-  definition.runAtLoad = *value.boolean();
+  definition.*member = *value.boolean();
   return std::nullopt;
+}
+
+// Each job has a session and a session keyring of its own anyway.
+Fault takeSessionCreate(const Value& value, JobDefinition&) {
+  return value.boolean() ? Fault() : mismatch("a boolean", value);
 }
 
 template <platform::Duration JobDefinition::* member>
@@ -242,11 +248,10 @@ Fault takeSeconds(const Value& value, JobDefinition& definition) {
 
 Fault takeMachServices(const Value& value, JobDefinition& definition) {
   const Dictionary* services = value.dictionary();
-  if (!services) return mismatch("a dictionary with the name of one service", value);
-  // A process can tell one listening socket from its other passed descriptors, but not two from
-  // each other.
-  if (services->size() > 1) {
-    return fmt::format("expected at most one service, found {}", services->size());
+  if (!services) return mismatch("a dictionary with the names of services", value);
+  if (services->size() > kMaximumServices) {
+    return fmt::format("expected at most {} services, found {}", kMaximumServices,
+                       services->size());
   }
   for (const auto& [name, options] : *services) {
     // The name becomes a socket's file name.
@@ -256,6 +261,11 @@ Fault takeMachServices(const Value& value, JobDefinition& definition) {
           "expected a service's name of 1 to {} bytes without slashes, control characters and a "
           "leading dot, found {}",
           kMaximumServiceNameBytes, quotedInMessage(name));
+    }
+    // The process gets the names of its sockets in one variable, with colons between them.
+    if (services->size() > 1 && name.find(':') != name.npos) {
+      return fmt::format("expected names without colons where there are several services, found {}",
+                         quotedInMessage(name));
     }
     if (options.boolean() != true && !options.dictionary()) {
       return fmt::format("service {}: {}", quotedInMessage(name),
@@ -288,7 +298,9 @@ constexpr std::array kKeys{
     Key{"SoftResourceLimits", takeLimits<&ResourceLimit::soft>},
     Key{"HardResourceLimits", takeLimits<&ResourceLimit::hard>},
     Key{"KeepAlive", takeKeepAlive},
-    Key{"RunAtLoad", takeRunAtLoad},
+    Key{"RunAtLoad", takeSwitch<&JobDefinition::runAtLoad>},
+    Key{"InitGroups", takeSwitch<&JobDefinition::initGroups>},
+    Key{"SessionCreate", takeSessionCreate},
     Key{"ThrottleInterval", takeSeconds<&JobDefinition::throttleInterval>},
     Key{"ExitTimeOut", takeSeconds<&JobDefinition::exitTimeOut>},
     Key{"MachServices", takeMachServices},
@@ -299,6 +311,9 @@ constexpr std::array kKeys{
 Fault takeJobKey(std::string_view key, const Value& value, JobDefinition& definition) {
   const auto found = std::ranges::find(kKeys, key, &Key::name);
   if (found != kKeys.end()) return found->take(value, definition);
+  if (const auto why = whyWithoutEffect(key)) {
+    definition.remarks.push_back(fmt::format("key \"{}\": it has no effect: {}", key, *why));
+  }
   return checkUnsupportedKey(key, value);
 }
 

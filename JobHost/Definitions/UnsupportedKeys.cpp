@@ -23,8 +23,7 @@ struct Unsupported {
 
 constexpr std::string_view kByTheClock = "this host starts no job by the clock";
 constexpr std::string_view kByFiles = "this host starts no job because files change";
-constexpr std::string_view kBySockets =
-    "this host binds no sockets but that of one of \"MachServices\"";
+constexpr std::string_view kBySockets = "this host binds no sockets but those of \"MachServices\"";
 constexpr std::string_view kByMachine =
     "this host takes every job that it is given, whatever the machine or session";
 
@@ -45,6 +44,7 @@ constexpr std::array kUnsupported{
     Unsupported{"Disabled", Kind::kSwitch,
                 "this host runs the jobs that it is given; leave the job out instead"},
     Unsupported{"MultipleInstances", Kind::kSwitch, "this host runs one process of a job"},
+    Unsupported{"EnableGlobbing", Kind::kSwitch, "this host passes arguments as they are"},
     Unsupported{"WaitForDebugger", Kind::kSwitch, "this host starts every job at once"},
     Unsupported{"LimitLoadToHosts", Kind::kAny, kByMachine},
     Unsupported{"LimitLoadFromHosts", Kind::kAny, kByMachine},
@@ -53,13 +53,18 @@ constexpr std::array kUnsupported{
     Unsupported{"LimitLoadToSessionType", Kind::kAny, kByMachine},
 };
 
+constexpr std::array kWithoutEffect{
+    Unsupported{"TimeOut", Kind::kAny,
+                "this host tells no job after which idle time it should end"},
+};
+
 constexpr std::array kUnsupportedConditions{
     Unsupported{"PathState", Kind::kAny, kByFiles},
     Unsupported{"OtherJobEnabled", Kind::kAny,
                 "this host starts and stops no job because of another"},
     Unsupported{"NetworkState", Kind::kAny,
                 "this host starts and stops no job because of the network"},
-    Unsupported{"AfterInitialDemand", Kind::kAny, "this host starts no job on demand"},
+    Unsupported{"AfterInitialDemand", Kind::kAny, "this host keeps a job alive from the beginning"},
 };
 
 Fault refusal(const Unsupported& unsupported) {
@@ -76,6 +81,11 @@ Fault checkUnsupportedKey(std::string_view key, const Value& value) {
     if (!*value.boolean()) return std::nullopt;
   }
   return refusal(*found);
+}
+
+std::optional<std::string_view> whyWithoutEffect(std::string_view key) {
+  const auto found = std::ranges::find(kWithoutEffect, key, &Unsupported::key);
+  return found == kWithoutEffect.end() ? std::nullopt : std::optional(found->why);
 }
 
 Fault checkUnsupportedCondition(std::string_view condition) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "JobHost/Definitions/JobKeys.h"
@@ -11,7 +12,11 @@ namespace jobhost {
 // that is off asks for nothing and is no fault.
 Fault checkUnsupportedKey(std::string_view key, const platform::Value& value);
 
-// The same for the keys inside "KeepAlive". Empty if the key is not one of launchd's.
+// Why a launchd key that only advises has no effect here. Empty if it is another key.
+std::optional<std::string_view> whyWithoutEffect(std::string_view key);
+
+// As checkUnsupportedKey() for the keys inside "KeepAlive". Empty if the key is not one of
+// launchd's.
 Fault checkUnsupportedCondition(std::string_view condition);
 
 }  // namespace jobhost

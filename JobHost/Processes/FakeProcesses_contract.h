@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,7 +30,7 @@ class FakeProcesses final : public Processes {
     platform::ProcessId process = 0;
     std::string label;
     std::string program;
-    platform::Descriptor listener = -1;
+    std::vector<platform::Descriptor> listeners;
     platform::Instant at;
   };
   struct Signalled {
@@ -42,10 +43,9 @@ class FakeProcesses final : public Processes {
 
   explicit FakeProcesses(platform::VirtualRunLoop& loop) : loop_(loop) {}
 
-  platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
-                                                      const StartTicket& ticket,
-                                                      platform::Descriptor listener,
-                                                      OnEnd onEnd) override {
+  platform::Result<std::unique_ptr<JobProcess>> start(
+      const JobDefinition& job, const StartTicket& ticket,
+      std::span<const platform::Descriptor> listeners, OnEnd onEnd) override {
     ++attempts;
     if (failure && !recordsFailures) return std::unexpected(*failure);
     const platform::ProcessId process = next_++;
@@ -58,13 +58,16 @@ class FakeProcesses final : public Processes {
     if (failure) return std::unexpected(*failure);
     Process& state = processes_[process];
     state.onEnd = std::make_shared<OnEnd>(std::move(onEnd));
-    if (listener >= 0) state.listener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
+    for (const platform::Descriptor listener : listeners) {
+      state.listeners.emplace_back(::fcntl(listener, F_DUPFD_CLOEXEC, 0));
+    }
     std::int64_t startedAt = 0;
     std::memcpy(&startedAt,
                 ticket.record.data() + sizeof(RecordHeader) + offsetof(StartFields, startedAt),
                 sizeof startedAt);
     marked_[process] = {job.label, process, startedAt};
-    started.push_back({process, job.label, job.program, listener, loop_.now()});
+    started.push_back(
+        {process, job.label, job.program, {listeners.begin(), listeners.end()}, loop_.now()});
     StartFields identity;
     std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);
     return std::make_unique<Handle>(*this, identity);
@@ -134,6 +137,16 @@ class FakeProcesses final : public Processes {
     Process& ended = processes_.at(process);
     ended.ended = true;
     ended.status = status;
+  }
+
+  // A copy of a descriptor that was passed to the process.
+  platform::UniqueFd copyDescriptor(platform::ProcessId process, platform::Descriptor descriptor) {
+    const auto found = processes_.find(process);
+    if (found == processes_.end()) return {};
+    const auto& listeners = found->second.listeners;
+    const auto place = static_cast<std::size_t>(descriptor - kFirstPassedDescriptor);
+    if (place >= listeners.size()) return {};
+    return platform::UniqueFd(::fcntl(listeners[place].get(), F_DUPFD_CLOEXEC, 0));
   }
 
   // Adds a process to the group, which outlives its leader.
@@ -219,7 +232,7 @@ class FakeProcesses final : public Processes {
     bool ended = false;
     bool isChild = true;
     ProcessEnd status;
-    platform::UniqueFd listener;  // its descriptor 3
+    std::vector<platform::UniqueFd> listeners;  // its descriptors 3, 4 and so on
   };
 
   bool hasRemainingProcesses(const StartFields& identity) {
@@ -239,12 +252,6 @@ class FakeProcesses final : public Processes {
       if (isAlive(group))
         end(group, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
     }
-  }
-
-  platform::UniqueFd copyDescriptor(platform::ProcessId process, platform::Descriptor descriptor) {
-    const auto found = processes_.find(process);
-    if (found == processes_.end() || descriptor != 3) return {};
-    return platform::UniqueFd(::fcntl(found->second.listener.get(), F_DUPFD_CLOEXEC, 0));
   }
 
   std::uint64_t ticksOf(platform::ProcessId process) const {

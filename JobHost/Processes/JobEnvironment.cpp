@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 namespace jobhost {
 namespace {
@@ -35,8 +36,8 @@ JobEnvironment::JobEnvironment(const JobDefinition& job, const JobAccount& accou
   addMissing("LOGNAME", account.name);
   addMissing("SHELL", account.shell);
   if (listens) {
-    variables_.push_back("LISTEN_FDS=1");
-    variables_.push_back("LISTEN_FDNAMES=" + job.machServices.front());
+    variables_.push_back(fmt::format("LISTEN_FDS={}", job.machServices.size()));
+    variables_.push_back(fmt::format("LISTEN_FDNAMES={}", fmt::join(job.machServices, ":")));
     variables_.push_back("LISTEN_PID=0000000000");
   }
   // The last one: programs that change their title overwrite the first ones.

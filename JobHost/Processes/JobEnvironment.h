@@ -10,7 +10,7 @@
 namespace jobhost {
 
 // The environment of a job's process: the dictionary's variables, those that every program expects,
-// those of a passed socket, and the mark. Nothing of the host's own.
+// those of the passed sockets, and the mark. Nothing of the host's own.
 class JobEnvironment {
  public:
   JobEnvironment(const JobDefinition& job, const JobAccount& account, bool listens,

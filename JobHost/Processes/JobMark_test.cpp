@@ -16,7 +16,7 @@ TEST_F(ProcessSpawnerTest, TheMarkNamesHostStartLabelAndLeader) {
   job.label = "com.example:job";
   job.environment = {{kJobMarkVariable, "a forged one"}};
   record_ = makeRecord(RecordKind::kStarted, startPayload(start, job.label));
-  const auto spawned = spawner_->spawn(job, {file_.get(), record_}, -1);
+  const auto spawned = spawner_->spawn(job, {file_.get(), record_}, {});
   ASSERT_TRUE(spawned);
   awaitEnd(*spawned);
   const std::string text = output();

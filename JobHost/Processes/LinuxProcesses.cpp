@@ -46,11 +46,10 @@ LinuxProcesses::LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawn
       host_(host),
       orphans_(loop, [this](ProcessId process) { return children_.contains(process); }) {}
 
-Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(const JobDefinition& job,
-                                                          const StartTicket& ticket,
-                                                          platform::Descriptor listener,
-                                                          OnEnd onEnd) {
-  auto spawned = spawner_.spawn(job, ticket, listener);
+Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
+    const JobDefinition& job, const StartTicket& ticket,
+    std::span<const platform::Descriptor> listeners, OnEnd onEnd) {
+  auto spawned = spawner_.spawn(job, ticket, listeners);
   if (!spawned) return std::unexpected(std::move(spawned.error()));
   StartFields identity;
   std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);

@@ -22,10 +22,9 @@ class LinuxProcesses final : public Processes {
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
       platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host);
 
-  platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
-                                                      const StartTicket& ticket,
-                                                      platform::Descriptor listener,
-                                                      OnEnd onEnd) override;
+  platform::Result<std::unique_ptr<JobProcess>> start(
+      const JobDefinition& job, const StartTicket& ticket,
+      std::span<const platform::Descriptor> listeners, OnEnd onEnd) override;
   platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
                                                          OnEnd onEnd) override;
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;

@@ -92,7 +92,7 @@ class LinuxProcessesHarness final : public ProcessesHarness {
     if (host == 0) {
       const auto loop = platform::AsioRunLoop::create();
       const auto processes = LinuxProcesses::create(**loop, kDescriptorLimit, kHost);
-      const auto process = (*processes)->start(job, ticket, -1, [](Ending) {});
+      const auto process = (*processes)->start(job, ticket, {}, [](Ending) {});
       const ProcessId number = process ? (*process)->identity().process : 0;
       ::_exit(::write(writing.get(), &number, sizeof number) == sizeof number ? 0 : 1);
     }
@@ -142,7 +142,7 @@ class FakeProcessesHarness final : public ProcessesHarness {
   }
   void end(ProcessId process, ExitStatus status) override { processes_.end(process, status); }
   ProcessId startElsewhere(const JobDefinition& job, const StartTicket& ticket) override {
-    const auto process = processes_.start(job, ticket, -1, [](Ending) {});
+    const auto process = processes_.start(job, ticket, {}, [](Ending) {});
     processes_.dropWatches();
     return process ? (*process)->identity().process : 0;
   }
@@ -173,7 +173,7 @@ ProcessEnd endWithCore() {
   const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
   Ending result;
-  const auto process = processes->start(job, {file.get(), record}, -1, [&](Ending ending) {
+  const auto process = processes->start(job, {file.get(), record}, {}, [&](Ending ending) {
     result = ending;
     loop->stop();
   });
@@ -279,7 +279,7 @@ TEST(LinuxProcesses, AStoppedProcessEndsWhenItIsAskedTo) {
   job.arguments = {"sleep", "1000"};
   std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
   Ending result;
-  const auto process = processes->start(job, {file.get(), record}, -1, [&](Ending ending) {
+  const auto process = processes->start(job, {file.get(), record}, {}, [&](Ending ending) {
     result = ending;
     loop->stop();
   });

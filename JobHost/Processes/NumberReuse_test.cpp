@@ -93,7 +93,7 @@ class ReuseScenario {
         makeRecord(RecordKind::kStarted, startPayload({}, job.label));
     Ending secondEnd;
     const auto second =
-        processes_->start(job, {file_.get(), record}, -1, [&](Ending end) { secondEnd = end; });
+        processes_->start(job, {file_.get(), record}, {}, [&](Ending end) { secondEnd = end; });
     if (!second || (*second)->identity().process != identity.process) return false;
     const UniqueFd pidfd(::pidfd_open(identity.process, 0));
     // No signal to the first one reaches the second, and each end is reported to its own owner.

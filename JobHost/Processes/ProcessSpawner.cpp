@@ -8,7 +8,9 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <cstddef>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -45,8 +47,6 @@ constexpr std::size_t kStackBytes = 64 * 1024;
 constexpr std::size_t kGuardBytes = 64 * 1024;  // at least a page, whatever the machine's size
 constexpr long kPidfdFileSystem = 0x50494446;   // PIDFS_MAGIC, newer than our headers
 constexpr int kStandardFiles = 3;
-// Above all descriptor numbers of the child.
-constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kDefaultUmask = 022;
 // The time after which the child first gets SIGCONT, in case another process has stopped it.
@@ -69,13 +69,6 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
-Result<UniqueFd> aboveStandardFiles(UniqueFd file, const std::string& path) {
-  if (file.get() >= kFirstOwnDescriptor) return file;
-  UniqueFd moved(::fcntl(file.get(), F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
-  if (!moved) return std::unexpected(systemError("opening " + path));
-  return moved;
-}
-
 // A process that takes other ids becomes undumpable, and so do all that share its memory. Restores
 // the host, which would leave no core if it crashed.
 class DumpableKept {
@@ -95,8 +88,8 @@ class DumpableKept {
 
 // Opens without waiting for a pipe's other end. The process then gets the file as if it had opened
 // it itself.
-Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
-  const std::string what = "opening " + platform::quotedInMessage(path);
+Result<UniqueFd> openStandardFile(std::string_view key, const std::string& path, int flags) {
+  const std::string what = fmt::format("key \"{}\": opening {}", key, platform::quotedWhole(path));
   UniqueFd file(retryOnInterrupt([&] {
     return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
   }));
@@ -108,19 +101,21 @@ Result<UniqueFd> openStandardFile(const std::string& path, int flags) {
   if (now < 0 || ::fcntl(file.get(), F_SETFL, now & ~O_NONBLOCK) != 0) {
     return std::unexpected(systemError(what));
   }
-  return aboveStandardFiles(std::move(file), platform::quotedInMessage(path));
+  return file;
 }
 
 // The memory that a SpawnedChild points to.
 class ChildSetup {
  public:
-  Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null, int listener,
+  Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null,
+                       std::span<const platform::Descriptor> listeners,
                        std::uint64_t originalDescriptorLimit, const JobMark& mark);
 
   SpawnedChild child{};
 
  private:
   Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
+  Result<void> moveAboveThoseOfTheChild();
 
   std::vector<char*> arguments_;
   std::optional<JobEnvironment> environment_;
@@ -130,14 +125,19 @@ class ChildSetup {
 };
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
-  const std::pair<const std::string&, int> files[kStandardFiles] = {
-      {job.standardInPath, O_RDONLY},
-      {job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
-      {job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
+  struct StandardFile {
+    std::string_view key;
+    const std::string& path;
+    int flags;
+  };
+  const StandardFile files[kStandardFiles] = {
+      {"StandardInPath", job.standardInPath, O_RDONLY},
+      {"StandardOutPath", job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
+      {"StandardErrorPath", job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
   };
   // With the host's permissions, a link placed by the job's user could lead to any file.
   std::optional<FileSystemIdentity> identity;
-  for (const auto& [path, flags] : files) {
+  for (const auto& [key, path, flags] : files) {
     if (path == kNull) {
       descriptors_.push_back(null);
       continue;
@@ -147,7 +147,7 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
       if (!assumed) return std::unexpected(std::move(assumed.error()));
       identity.emplace(*std::move(assumed));
     }
-    auto file = openStandardFile(path, flags);
+    auto file = openStandardFile(key, path, flags);
     if (!file) return std::unexpected(std::move(file.error()));
     descriptors_.push_back(file->get());
     opened_.push_back(*std::move(file));
@@ -155,18 +155,32 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
   return {};
 }
 
+// The child must not overwrite a descriptor before it has copied it.
+Result<void> ChildSetup::moveAboveThoseOfTheChild() {
+  const int count = static_cast<int>(descriptors_.size());
+  for (int& descriptor : descriptors_) {
+    if (descriptor >= count) continue;
+    UniqueFd moved(::fcntl(descriptor, F_DUPFD_CLOEXEC, count));
+    if (!moved) return std::unexpected(systemError("passing the descriptors"));
+    descriptor = moved.get();
+    opened_.push_back(std::move(moved));
+  }
+  return {};
+}
+
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
-                                 int listener, std::uint64_t originalDescriptorLimit,
-                                 const JobMark& mark) {
+                                 std::span<const platform::Descriptor> listeners,
+                                 std::uint64_t originalDescriptorLimit, const JobMark& mark) {
   child.program = job.program.c_str();
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
     arguments_.push_back(const_cast<char*>(argument.c_str()));
   }
   arguments_.push_back(nullptr);
-  environment_.emplace(job, account, listener >= 0, mark);
+  environment_.emplace(job, account, !listeners.empty(), mark);
   if (auto opened = openFiles(job, account, null); !opened) return opened;
-  if (listener >= 0) descriptors_.push_back(listener);
+  descriptors_.insert(descriptors_.end(), listeners.begin(), listeners.end());
+  if (auto moved = moveAboveThoseOfTheChild(); !moved) return moved;
   auto limits = limitsOf(job, originalDescriptorLimit);
   if (!limits) return std::unexpected(std::move(limits.error()));
   limits_ = *std::move(limits);
@@ -223,6 +237,7 @@ timespec timespecOf(platform::Duration duration) {
 std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
                           const JobAccount& account) {
   using platform::quotedInMessage;
+  using platform::quotedWhole;
   switch (child.stage) {
     case ChildStage::kBegin:
       return "the new process";
@@ -240,7 +255,7 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kNice:
       return fmt::format("setpriority to {}", job.nice);
     case ChildStage::kRootDirectory:
-      return "chroot to " + quotedInMessage(job.rootDirectory.value_or("/"));
+      return "key \"RootDirectory\": chroot to " + quotedWhole(job.rootDirectory.value_or("/"));
     case ChildStage::kGroups:
       return "setgroups for " + quotedInMessage(account.name);
     case ChildStage::kGroup:
@@ -248,9 +263,9 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
     case ChildStage::kUser:
       return fmt::format("setuid to {} ({})", account.user, quotedInMessage(account.name));
     case ChildStage::kWorkingDirectory:
-      return "chdir to " + quotedInMessage(job.workingDirectory);
+      return "key \"WorkingDirectory\": chdir to " + quotedWhole(job.workingDirectory);
     case ChildStage::kExecute:
-      return "executing " + quotedInMessage(job.program);
+      return "executing " + quotedWhole(job.program);
   }
   return "starting";
 }
@@ -277,9 +292,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
   spawner.ownAccount_ = *std::move(own);
   UniqueFd null(::open(kNull, O_RDWR | O_CLOEXEC | O_NOCTTY));
   if (!null) return std::unexpected(systemError("opening /dev/null"));
-  auto moved = aboveStandardFiles(std::move(null), kNull);
-  if (!moved) return std::unexpected(std::move(moved.error()));
-  spawner.null_ = *std::move(moved);
+  spawner.null_ = std::move(null);
   void* const stack = ::mmap(nullptr, kGuardBytes + kStackBytes, PROT_READ | PROT_WRITE,
                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
   if (stack == MAP_FAILED) return std::unexpected(systemError("a stack for new processes"));
@@ -305,32 +318,29 @@ ProcessSpawner::~ProcessSpawner() {
   if (stack_) ::munmap(stack_, kGuardBytes + kStackBytes);
 }
 
-Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
-                                                      const StartTicket& ticket,
-                                                      platform::Descriptor listener) {
+Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(
+    const JobDefinition& job, const StartTicket& ticket,
+    std::span<const platform::Descriptor> listeners) {
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
   };
-  if (listener >= 0 && job.machServices.empty()) {
-    return failed(Error{ErrorCode::kInvalid, 0, "a socket is passed to it, and it has no service"});
+  if (!listeners.empty() && listeners.size() != job.machServices.size()) {
+    return failed(Error{ErrorCode::kInvalid, 0,
+                        fmt::format("{} sockets are passed to it, and it has {} services",
+                                    listeners.size(), job.machServices.size())});
   }
   const bool isOwn = !job.userName && !job.groupName;
   auto account = isOwn ? ownAccount_ : lookUpAccount(job.userName, job.groupName);
   if (!account) return failed(std::move(account.error()));
-  UniqueFd ownListener;
-  if (listener >= 0 && listener < kFirstOwnDescriptor) {
-    ownListener.reset(::fcntl(listener, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
-    if (!ownListener) return failed(systemError("passing the descriptors"));
-    listener = ownListener.get();
-  }
+  if (!job.initGroups && job.userName) account->groups = {account->group};
   const DumpableKept dumpable;
   ChildSetup setup;
   StartFields start;
   std::memcpy(&start, ticket.record.data() + sizeof(RecordHeader), sizeof start);
   const JobMark mark{host_, start.startedAt, job.label, 0};
   if (auto prepared =
-          setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_, mark);
+          setup.prepare(job, *account, null_.get(), listeners, originalDescriptorLimit_, mark);
       !prepared) {
     return failed(std::move(prepared.error()));
   }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobDefinition.h"
@@ -40,15 +41,15 @@ class ProcessSpawner {
   ~ProcessSpawner();
 
   // Returns when the program is being executed and the record of `ticket` is in its file or could
-  // not be written. If
-  // `listener` is not -1, the process gets it as descriptor 3. The job must then have a service.
+  // not be written. The process gets `listeners` as descriptors 3, 4 and so on. The job must have
+  // as many services, or there must be none.
   //
   // The error says which stage failed (finding the user, opening which file, fork, setuid, exec
   // ...) and why. Then there is no process, but the record may be in the file, in part or whole.
   // Another process that stops the new one delays it a little. After the start time-out it is
   // killed.
   platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
-                                  platform::Descriptor listener);
+                                  std::span<const platform::Descriptor> listeners);
 
   // Whether each pidfd has an inode number that is unique in this boot.
   bool hasUniquePidfds() const { return hasUniquePidfds_; }

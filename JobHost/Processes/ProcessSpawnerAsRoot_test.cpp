@@ -70,6 +70,18 @@ TEST_F(ProcessSpawnerAsRoot, AGroupOfItsOwnTakesThePlaceOfTheUsers) {
   EXPECT_EQ(outputOf(job), "0\n" + id + "\n");
 }
 
+TEST_F(ProcessSpawnerAsRoot, WithoutInitGroupsTheJobHasItsOwnGroupAlone) {
+  ::setgrent();
+  const group* several = ::getgrent();
+  while (several && !several->gr_mem[0]) several = ::getgrent();
+  if (!several) GTEST_SKIP() << "no user has supplementary groups";
+  JobDefinition job = script("id -G | wc -w");
+  job.userName = several->gr_mem[0];
+  EXPECT_NE(outputOf(job), "1\n");
+  job.initGroups = false;
+  EXPECT_EQ(outputOf(job), "1\n");
+}
+
 TEST_F(ProcessSpawnerAsRoot, AFolderThatTheUserMayNotEnterIsAnError) {
   ASSERT_EQ(::mkdir(folder_.path("closed").c_str(), 0700), 0);
   JobDefinition job = script("");

@@ -49,9 +49,10 @@ class ProcessSpawnerTest : public testing::Test {
     return job;
   }
 
-  platform::Result<ProcessSpawner::Spawned> spawn(const JobDefinition& job, int listener = -1) {
+  platform::Result<ProcessSpawner::Spawned> spawn(const JobDefinition& job,
+                                                  const std::vector<int>& listeners = {}) {
     record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
-    return spawner_->spawn(job, {file_.get(), record_}, listener);
+    return spawner_->spawn(job, {file_.get(), record_}, listeners);
   }
 
   platform::ExitStatus awaitEnd(const ProcessSpawner::Spawned& spawned) {
@@ -71,9 +72,9 @@ class ProcessSpawnerTest : public testing::Test {
     return text.str();
   }
 
-  std::string outputOf(const JobDefinition& job, int listener = -1) {
+  std::string outputOf(const JobDefinition& job, const std::vector<int>& listeners = {}) {
     ::unlink(folder_.path("output").c_str());
-    const auto spawned = spawn(job, listener);
+    const auto spawned = spawn(job, listeners);
     EXPECT_TRUE(spawned) << platform::describe(spawned.error());
     if (spawned) awaitEnd(*spawned);
     return output();

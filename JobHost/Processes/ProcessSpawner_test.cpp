@@ -160,18 +160,6 @@ TEST_F(ProcessSpawnerTest, OpeningDoesNotWaitForAPipesWriter) {
                                   EndsWith(std::strerror(ENXIO))));
 }
 
-TEST_F(ProcessSpawnerTest, AListenerIsPassedByTheUsualConvention) {
-  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  JobDefinition job = script(
-      "echo $LISTEN_FDS $LISTEN_FDNAMES $OTHER; test $LISTEN_PID = $$ && readlink /proc/$$/fd/3");
-  job.machServices = {"com.example.service"};
-  job.environment = {{"LISTEN_FDS", "9"}, {"OTHER", "kept"}};
-  struct stat status{};
-  ASSERT_EQ(::fstat(socket.get(), &status), 0);
-  EXPECT_EQ(outputOf(job, socket.get()),
-            "1 com.example.service kept\nsocket:[" + std::to_string(status.st_ino) + "]\n");
-}
-
 TEST_F(ProcessSpawnerTest, TheProcessRecordsItselfBeforeItsProgramRuns) {
   JobDefinition job = script("cat " + folder_.path("state") + " | wc -c; cat /proc/$$/stat");
   job.standardInPath = folder_.path("state");
@@ -202,7 +190,7 @@ TEST_F(ProcessSpawnerTest, AProcessThatCannotRecordItselfSaysSoAndExecutesItsPro
     record_ = makeRecord(RecordKind::kStarted, startPayload({}, "com.example.job"));
     int writeError = 0;
     const auto spawned =
-        spawner_->spawn(script("echo ran"), {file_.get(), record_, &writeError}, -1);
+        spawner_->spawn(script("echo ran"), {file_.get(), record_, &writeError}, {});
     ASSERT_TRUE(spawned) << platform::describe(spawned.error());
     awaitEnd(*spawned);
     EXPECT_EQ(writeError, error);
@@ -238,11 +226,16 @@ TEST_F(ProcessSpawnerTest, UnusableFoldersFilesAndLimitsAreErrors) {
     std::function<void(JobDefinition&)> change;
   };
   const Row rows[] = {
-      {"chdir to \"/no/such\"", ENOENT, [](auto& job) { job.workingDirectory = "/no/such"; }},
-      {"chdir to \"/dev/null\"", ENOTDIR, [](auto& job) { job.workingDirectory = "/dev/null"; }},
-      {"opening \"/no/such\"", ENOENT, [](auto& job) { job.standardInPath = "/no/such"; }},
-      {"opening \"/no/such\"", ENOENT, [](auto& job) { job.standardErrorPath = "/no/such"; }},
-      {"opening \"/no/such/out\"", ENOENT, [](auto& job) { job.standardOutPath = "/no/such/out"; }},
+      {"key \"WorkingDirectory\": chdir to \"/no/such\"", ENOENT,
+       [](auto& job) { job.workingDirectory = "/no/such"; }},
+      {"key \"WorkingDirectory\": chdir to \"/dev/null\"", ENOTDIR,
+       [](auto& job) { job.workingDirectory = "/dev/null"; }},
+      {"key \"StandardInPath\": opening \"/no/such\"", ENOENT,
+       [](auto& job) { job.standardInPath = "/no/such"; }},
+      {"key \"StandardErrorPath\": opening \"/no/such\"", ENOENT,
+       [](auto& job) { job.standardErrorPath = "/no/such"; }},
+      {"key \"StandardOutPath\": opening \"/no/such/out\"", ENOENT,
+       [](auto& job) { job.standardOutPath = "/no/such/out"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardInPath = "/"; }},
       {"opening \"/\"", EISDIR, [](auto& job) { job.standardOutPath = "/"; }},
       {"setrlimit of \"NumberOfFiles\"", EPERM,
@@ -275,7 +268,7 @@ TEST_F(ProcessSpawnerTest, WithoutADescriptorForThePidfdThereIsNoFork) {
   record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
   const auto spawned = [&] {
     const DescriptorShortage shortage(DescriptorShortage::Left::kNone);
-    return spawner_->spawn(job, {file_.get(), record_}, -1);
+    return spawner_->spawn(job, {file_.get(), record_}, {});
   }();
   ASSERT_FALSE(spawned);
   EXPECT_EQ(platform::describe(spawned.error()),
@@ -284,7 +277,7 @@ TEST_F(ProcessSpawnerTest, WithoutADescriptorForThePidfdThereIsNoFork) {
 
 TEST_F(ProcessSpawnerTest, ASocketIsNotPassedToAJobWithoutAService) {
   const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const auto spawned = spawn(script("echo ran"), socket.get());
+  const auto spawned = spawn(script("echo ran"), {socket.get()});
   ASSERT_FALSE(spawned);
   EXPECT_EQ(spawned.error().code, ErrorCode::kInvalid);
   EXPECT_EQ(output(), "");
@@ -318,7 +311,7 @@ class UnexecutedProcess : public ProcessSpawnerTest {
       while (!isOver && process == 0) process = recordedProcess();
       if (process != 0) interfere(process, isOver);
     });
-    auto spawned = spawner_->spawn(job, {file_.get(), record_}, -1);
+    auto spawned = spawner_->spawn(job, {file_.get(), record_}, {});
     isOver = true;
     thread.join();
     return spawned;

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -72,14 +73,13 @@ class Processes {
   virtual ~Processes() = default;
 
   // Starts the process of `job`, which completes and appends the record of `ticket` before its
-  // program is executed. It starts also if it can't append it, as on a full disk. If `listener` is
-  // not -1, the process gets it as descriptor 3. `onEnd` is never called from inside this call. The
-  // error says which stage failed, and why. Then there is no process, but the record may be in the
-  // file, in part or whole.
-  virtual platform::Result<std::unique_ptr<JobProcess>> start(const JobDefinition& job,
-                                                              const StartTicket& ticket,
-                                                              platform::Descriptor listener,
-                                                              OnEnd onEnd) = 0;
+  // program is executed. It starts also if it can't append it, as on a full disk. The process gets
+  // `listeners`, the sockets of its services in their order, as descriptors 3, 4 and so on. `onEnd`
+  // is never called from inside this call. The error says which stage failed, and why. Then there
+  // is no process, but the record may be in the file, in part or whole.
+  virtual platform::Result<std::unique_ptr<JobProcess>> start(
+      const JobDefinition& job, const StartTicket& ticket,
+      std::span<const platform::Descriptor> listeners, OnEnd onEnd) = 0;
 
   // Watches a process that another host has started. How it ends can't be known. kNotFound if it
   // has ended, whatever process has its number now.

@@ -86,8 +86,12 @@ class ProcessesContract : public testing::TestWithParam<std::unique_ptr<Processe
   }
   JobProcess& start(Kind kind, platform::Descriptor listener = -1) {
     JobDefinition job = harness_->job(kind);
-    if (listener >= 0) job.machServices = {"com.example.service"};
-    JobProcess& process = hold(processes().start(job, makeTicket(job), listener, reporting()));
+    std::vector<platform::Descriptor> listeners;
+    if (listener >= 0) {
+      job.machServices = {"com.example.service"};
+      listeners = {listener};
+    }
+    JobProcess& process = hold(processes().start(job, makeTicket(job), listeners, reporting()));
     harness_->started(process.identity().process, job);
     return process;
   }
@@ -187,7 +191,7 @@ TEST_P(ProcessesContract, AnEndIsReportedBeforeAnythingLessUrgent) {
 
 TEST_P(ProcessesContract, AReportMayStartTheNextProcess) {
   const JobDefinition job = harness_->job(Kind::kAlone);
-  JobProcess& first = hold(processes().start(job, makeTicket(job), -1, [this](Ending ending) {
+  JobProcess& first = hold(processes().start(job, makeTicket(job), {}, [this](Ending ending) {
     ends_.push_back(ending);
     JobProcess& next = start(Kind::kAlone);
     end(next, kKilled);
@@ -200,7 +204,7 @@ TEST_P(ProcessesContract, AReportMayStartTheNextProcess) {
 
 TEST_P(ProcessesContract, AProgramThatCannotBeExecutedLeavesNoProcess) {
   const JobDefinition job = harness_->job(Kind::kUnstartable);
-  const auto refused = processes().start(job, makeTicket(job), -1, reporting());
+  const auto refused = processes().start(job, makeTicket(job), {}, reporting());
   ASSERT_FALSE(refused);
   EXPECT_NE(platform::describe(refused.error()), "");
   if (recorded().process != 0) expectGone(recorded());
@@ -214,7 +218,7 @@ TEST_P(ProcessesContract, AProcessThatCannotBeRecordedIsStartedAllTheSame) {
     int writeError = -1;
     StartTicket ticket = makeTicket(job);
     ticket.writeError = &writeError;
-    JobProcess& process = hold(processes().start(job, ticket, -1, reporting()));
+    JobProcess& process = hold(processes().start(job, ticket, {}, reporting()));
     harness_->started(process.identity().process, job);
     EXPECT_EQ(writeError, *path != 0 ? ENOSPC : 0);
     EXPECT_EQ(recorded(), process.identity());
@@ -300,7 +304,7 @@ TEST_P(ProcessesContract, RemainingProcessesLiveUntilTheyAreKilled) {
 
 TEST_P(ProcessesContract, AHandleMayBeDestroyedInItsReport) {
   const JobDefinition job = harness_->job(Kind::kAlone);
-  JobProcess& process = hold(processes().start(job, makeTicket(job), -1, [this](Ending ending) {
+  JobProcess& process = hold(processes().start(job, makeTicket(job), {}, [this](Ending ending) {
     ends_.push_back(ending);
     held_.clear();
   }));

@@ -37,6 +37,10 @@ struct ProcessEnd {
 // The end of a job's last process. Empty if it can't be known.
 using Ending = std::optional<ProcessEnd>;
 
+inline std::optional<platform::ExitStatus> exitStatusOf(const Ending& ending) {
+  return ending ? std::optional(ending->status) : std::nullopt;
+}
+
 // The labels of daemons whose files are not loaded again in this boot: a client removed the job
 // that a file had defined, or replaced it by a definition of its own.
 using Labels = std::set<std::string, std::less<>>;

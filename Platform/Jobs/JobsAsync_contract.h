@@ -152,10 +152,7 @@ TEST_P(JobsContract, ARemovalThatDoesNotBlockIsDoneAfterTheProcessesEnd) {
 }
 
 TEST_P(JobsContract, TheHostAnswersWhileARemovalWaits) {
-  submit(job(machine_->stubbornProgram(),
-             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn({{"ExitTimeOut", 0}});
   const Outcome removed = removeLater();
   machine_->runBriefly();
   EXPECT_FALSE(*removed);
@@ -171,20 +168,14 @@ TEST_P(JobsContract, TheHostAnswersWhileARemovalWaits) {
 }
 
 TEST_P(JobsContract, AStubbornProcessIsKilledByARemovalThatDoesNotBlock) {
-  submit(job(machine_->stubbornProgram(),
-             {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn({{"ExitTimeOut", 1}});
   EXPECT_TRUE(await(removeLater()));
   EXPECT_FALSE(machine_->isRunning(first));
   EXPECT_TRUE(copy().isNil());
 }
 
 TEST_P(JobsContract, TwoRemovalsOfAJobAreBothDone) {
-  submit(job(machine_->stubbornProgram(),
-             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn({{"ExitTimeOut", 0}});
   const Outcome one = removeLater();
   const Outcome two = removeLater();
   machine_->runBriefly();
@@ -204,10 +195,7 @@ TEST_P(JobsContract, ARemovalThatDoesNotBlockFailsLikeTheOther) {
 }
 
 TEST_P(JobsContract, ARemovalGoesOnWithTheNextHost) {
-  submit(job(machine_->stubbornProgram(),
-             {{"ExitTimeOut", 0}, {"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn({{"ExitTimeOut", 0}});
   const Outcome removed = removeLater();
   machine_->runBriefly();
   machine_->stopHost();

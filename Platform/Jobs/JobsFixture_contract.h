@@ -66,6 +66,14 @@ class JobsContract : public testing::TestWithParam<std::unique_ptr<JobsMachine> 
     EXPECT_TRUE(submitted) << submitted.error().localizedDescription;
   }
 
+  // A job that ignores SIGTERM. Returns its process once that does.
+  ProcessId submitStubborn(Dictionary more = {}) {
+    more.set("StandardOutPath", machine_->outputPath());
+    submit(job(machine_->stubbornProgram(), std::move(more)));
+    machine_->awaitOutput(kLabel);
+    return process();
+  }
+
   std::expected<void, NSError> remove(bool wait = true) {
     return jobs_.SMJobRemove(kDomain, kLabel, nullptr, wait);
   }

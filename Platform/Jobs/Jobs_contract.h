@@ -110,19 +110,14 @@ TEST_P(JobsContract, AWaitingRemovalReturnsAfterTheProcessesEnd) {
 }
 
 TEST_P(JobsContract, AStubbornProcessIsKilledAfterTheExitTimeOut) {
-  submit(job(machine_->stubbornProgram(),
-             {{"ExitTimeOut", 1}, {"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn({{"ExitTimeOut", 1}});
   EXPECT_TRUE(remove());
   EXPECT_FALSE(machine_->isRunning(first));
   EXPECT_TRUE(copy().isNil());
 }
 
 TEST_P(JobsContract, ARemovalWithoutWaitingLeavesTheProcessItsTime) {
-  submit(job(machine_->stubbornProgram(), {{"StandardOutPath", machine_->outputPath()}}));
-  machine_->awaitOutput(kLabel);
-  const ProcessId first = process();
+  const ProcessId first = submitStubborn();
   EXPECT_TRUE(remove(false));
   EXPECT_TRUE(machine_->isRunning(first));
   machine_->kill(kLabel, first);

@@ -28,12 +28,13 @@ Error errorInText(std::string_view text, std::size_t offset, std::string_view so
                fmt::format("{}:{}:{}: {}", sourceName, position.line, position.column, what)};
 }
 
-std::string shownInMessage(std::string_view text) {
-  constexpr std::size_t kMaxCharacters = 60;
+namespace {
+
+std::string shown(std::string_view text, std::size_t maxCharacters) {
   std::string shown;
   std::size_t characters = 0;
   for (std::size_t offset = 0; offset < text.size(); ++characters) {
-    if (characters == kMaxCharacters) return shown + "...";
+    if (characters == maxCharacters) return shown + "...";
     const std::size_t begin = offset;
     const std::int32_t character = nextCharacter(text, offset);
     const std::string_view bytes = text.substr(begin, offset - begin);
@@ -47,6 +48,15 @@ std::string shownInMessage(std::string_view text) {
   }
   return shown;
 }
+
+}  // namespace
+
+std::string shownInMessage(std::string_view text) {
+  constexpr std::size_t kMaxCharacters = 60;
+  return shown(text, kMaxCharacters);
+}
+
+std::string quotedWhole(std::string_view text) { return '"' + shown(text, text.size()) + '"'; }
 
 std::string quotedInMessage(std::string_view text) { return '"' + shownInMessage(text) + '"'; }
 

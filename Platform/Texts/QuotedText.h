@@ -17,6 +17,10 @@ std::string quotedInMessage(std::string_view text);
 // The same without the quotes.
 std::string shownInMessage(std::string_view text);
 
+// The same in quotes and without omitting anything, for a path, which nobody can find if its end is
+// missing.
+std::string quotedWhole(std::string_view text);
+
 // The position of an offset for people: line and column from 1, columns in characters.
 struct TextPosition {
   std::size_t line = 1;

@@ -7,6 +7,11 @@
 namespace platform {
 namespace {
 
+TEST(QuotedText, APathIsWhole) {
+  const std::string path(200, 'x');
+  EXPECT_EQ(quotedWhole(path + "\n"), '"' + path + "\\x0a\"");
+}
+
 TEST(QuotedText, ItStaysOneLineOfCharacters) {
   EXPECT_EQ(quotedInMessage(""), "\"\"");
   EXPECT_EQ(quotedInMessage("a \u00e9\u20ac"), "\"a \u00e9\u20ac\"");

@@ -18,9 +18,10 @@ class AsynchronousRemovalTest : public EmbeddedJobsTest {
   using Outcome = std::optional<std::expected<void, NSError>>;
 
   // Answers copies, and keeps the removals unanswered.
-  ScriptedHost::Answer keepingRemovals() {
-    return [this](PeerMessage message) {
-      if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
+  ScriptedHost::Answer keepingRemovals() { return keepingRemovalsOf(job_); }
+  ScriptedHost::Answer keepingRemovalsOf(const Value& job) {
+    return [this, job](PeerMessage message) {
+      if (message.selector == kCopyJobMessage) return answering(job)(std::move(message));
       kept_.push_back(std::move(message));
     };
   }
@@ -193,10 +194,7 @@ TEST_F(AsynchronousRemovalTest, TheRequestComesBeforeThoseOfLaterCalls) {
 }
 
 TEST_F(AsynchronousRemovalTest, AJobThatIsNeverKilledGetsAnHour) {
-  startHost([this](PeerMessage message) {
-    if (message.selector != kCopyJobMessage) return kept_.push_back(std::move(message));
-    answering(Dictionary{{"Label", kLabel}, {"ExitTimeOut", 0}})(std::move(message));
-  });
+  startHost(keepingRemovalsOf(Dictionary{{"Label", kLabel}, {"ExitTimeOut", 0}}));
   const auto removed = startRemoval();
   loop_.advanceBy(1h);
   EXPECT_FALSE(*removed);

@@ -11,22 +11,6 @@
 namespace platform {
 namespace {
 
-using namespace std::chrono_literals;
-
-// The time for which a client waits for an answer, and for an absent host, and the interval of its
-// retries.
-constexpr Duration kAnswerTimeOut = 30s;
-constexpr Duration kRestartTimeOut = 5s;
-constexpr Duration kRetryInterval = 50ms;
-
-constexpr Duration kThrottle = 10s;
-constexpr Duration kGoodRun = 1s;
-constexpr Duration kFirstPause = 10ms;
-constexpr Duration kLongestPause = 1s;
-constexpr Duration kExitTimeOut = 20s;
-// A failed start is not retried more often than this, whatever the throttle.
-constexpr Duration kLeastRetry = 1s;
-
 std::unexpected<NSError> failure(LaunchdError code, std::string text) {
   return std::unexpected(NSError{kCFErrorDomainLaunchd, static_cast<int>(code), std::move(text)});
 }
@@ -70,10 +54,10 @@ std::expected<void, NSError> check(const Value& dictionary) {
   return {};
 }
 
-// The pause of a job without a throttle after so many runs in a row that were no good ones.
-Duration pauseAfter(int shortRuns) {
-  if (shortRuns < 2) return {};
-  return std::min<Duration>(kFirstPause * (1 << std::min(shortRuns - 2, 10)), kLongestPause);
+RestartRules rulesOf(const Value& dictionary) {
+  return {.keepAlive = {.always = isTrue(dictionary["KeepAlive"])},
+          .runAtLoad = isTrue(dictionary["RunAtLoad"]),
+          .throttleInterval = secondsOf(dictionary, "ThrottleInterval", kDefaultThrottleInterval)};
 }
 
 int waitStatus(ExitStatus status) {
@@ -86,7 +70,7 @@ FakeJobs::Job& FakeJobs::add(const std::string& label) {
   const auto [found, isNewJob] = jobs_.try_emplace(label);
   Job& added = found->second;
   const auto last = lastStarts_.extract(label);
-  if (isNewJob && last && last.mapped().until > loop_.now()) added.last = last.mapped();
+  if (isNewJob && last && last.mapped().until > loop_.now()) added.recent = last.mapped().starts;
   const auto [history, isNew] = histories_.try_emplace(label);
   if (isNew) history->second.since = loop_.wallTime();
   added.history = &history->second;
@@ -106,9 +90,9 @@ const FakeJobs::Job* FakeJobs::find(std::string_view label) const {
 
 // Its throttle outlives it, for as long as it delays the next start.
 void FakeJobs::forget(const std::string& label) {
-  Job& forgotten = job(label);
-  forgotten.last.until = earliestStart(forgotten);
-  lastStarts_.insert_or_assign(label, forgotten.last);
+  const Job& forgotten = job(label);
+  lastStarts_.insert_or_assign(
+      label, LastStarts{forgotten.recent, earliestStart(forgotten.rules, forgotten.recent)});
   jobs_.erase(label);
 }
 
@@ -119,7 +103,7 @@ void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
     forget(std::string(label));
     return serveRequests();
   }
-  if (isTrue(ended.dictionary["KeepAlive"])) startWhenThrottleAllows(std::string(label));
+  act(std::string(label), JobEvent::kProcessEnded, wantsProcessAfter(ended.rules, status));
 }
 
 void FakeJobs::end(Job& job, ExitStatus status) {
@@ -127,15 +111,10 @@ void FakeJobs::end(Job& job, ExitStatus status) {
   const ProcessId process = *job.process;
   job.process.reset();
   job.lastExitStatus = waitStatus(status);
-  job.history->add({loop_.wallTime(), job.lastExitStatus, loop_.now() - job.last.start},
-                   job.removing);
+  const Duration ran = loop_.now() - job.recent.last.value_or(loop_.now());
+  job.history->add({loop_.wallTime(), job.lastExitStatus, ran}, job.removing);
   exitWatcher_.endProcess(process, status);
-  if (job.removing) return;
-  job.last.shortRuns = loop_.now() - job.last.start < kGoodRun ? job.last.shortRuns + 1 : 0;
-  const bool hasThrottle =
-      secondsOf(job.dictionary, "ThrottleInterval", kThrottle) > Duration::zero();
-  job.last.pausedUntil =
-      loop_.now() + (hasThrottle ? Duration::zero() : pauseAfter(job.last.shortRuns));
+  if (!job.removing) noteEnd(job.rules, job.recent, loop_.now());
 }
 
 void FakeJobs::setUnstartable(const std::string& path, std::optional<std::string> reason) {
@@ -161,7 +140,7 @@ void FakeJobs::setReachable(bool reachable) {
   loop_.scheduleOutsideEvent(kRetryInterval, [this] { isObserved_ = reachable_; });
   // Jobs that a host finds at its start.
   for (const auto& [label, job] : jobs_) {
-    if (!job.process && isTrue(job.dictionary["KeepAlive"])) startWhenThrottleAllows(label);
+    if (!job.process) act(label, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, {}));
   }
   isKnownAbsent_ = false;
   serveRequests();
@@ -212,7 +191,7 @@ std::expected<void, NSError> FakeJobs::admit(std::string_view domain) {
 }
 
 std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job) {
-  job.last.start = loop_.now();
+  job.recent.last = loop_.now();
   const std::string program = programOf(job.dictionary);
   if (const auto reason = unstartable_.find(program); reason != unstartable_.end()) {
     return failure(LaunchdError::kInternal,
@@ -227,27 +206,34 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   return {};
 }
 
-Instant FakeJobs::earliestStart(const Job& job) const {
-  if (job.last.start == Instant{}) return loop_.now();
-  const Duration throttle = secondsOf(job.dictionary, "ThrottleInterval", kThrottle);
-  return std::max({loop_.now(), job.last.start + throttle, job.last.pausedUntil});
+void FakeJobs::act(const std::string& label, JobEvent event, bool wantsProcess) {
+  const auto found = jobs_.find(label);
+  if (found == jobs_.end()) return;
+  Job& job = found->second;
+  const Instant earliest = earliestStart(job.rules, job.recent);
+  const JobPhase idle = event == JobEvent::kDue ? JobPhase::kWaiting : JobPhase::kIdle;
+  const JobPhase phase = job.removing  ? JobPhase::kRemoving
+                         : job.process ? JobPhase::kRunning
+                                       : idle;
+  switch (nextAction(phase, event, wantsProcess, loop_.now() >= earliest)) {
+    case JobAction::kNothing:
+    case JobAction::kBecomeIdle:
+      return;
+    case JobAction::kStart:
+      if (!start(label, job)) act(label, JobEvent::kStartFailed, true);
+      return;
+    case JobAction::kWait:
+      return startAt(label, earliest);
+    case JobAction::kRetry:
+      return startAt(label, earliestRetry(job.rules, job.recent.last.value_or(loop_.now())));
+  }
 }
 
 // The host is another program, so it starts processes even while this one waits.
-void FakeJobs::startWhenThrottleAllows(const std::string& label) {
-  const Instant earliest = earliestStart(job(label));
-  if (earliest == loop_.now()) return startAgain(label);
-  loop_.scheduleOutsideEvent(earliest - loop_.now(), [this, label] { startAgain(label); });
-}
-
-void FakeJobs::startAgain(const std::string& label) {
-  const auto found = jobs_.find(label);
-  if (found == jobs_.end() || found->second.process || found->second.removing) return;
-  // The job may have been started and have ended since this start was planned.
-  if (!reachable_ || earliestStart(found->second) > loop_.now()) return;
-  if (start(label, found->second)) return;
-  const Duration throttle = secondsOf(found->second.dictionary, "ThrottleInterval", kThrottle);
-  loop_.scheduleOutsideEvent(std::max(throttle, kLeastRetry), [this, label] { startAgain(label); });
+void FakeJobs::startAt(const std::string& label, Instant due) {
+  loop_.scheduleOutsideEvent(due - loop_.now(), [this, label] {
+    if (reachable_) act(label, JobEvent::kDue, true);
+  });
 }
 
 std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, const Value& job,
@@ -267,9 +253,11 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   if (isNew && isFull_) return failure(LaunchdError::kHostIsFull, "the host takes no more jobs");
   Job& submitted = add(label);
   submitted.dictionary = job;
-  if (submitted.process || (!isTrue(job["KeepAlive"]) && !isTrue(job["RunAtLoad"]))) return {};
-  if (!isNew || earliestStart(submitted) > loop_.now()) {
-    startWhenThrottleAllows(label);
+  submitted.rules = rulesOf(job);
+  const bool wants = wantsProcessAtLoad(submitted.rules);
+  const bool mayStart = loop_.now() >= earliestStart(submitted.rules, submitted.recent);
+  if (!isNew || !wants || !mayStart) {
+    act(label, JobEvent::kSubmitted, wants);
     return {};
   }
   auto started = start(label, submitted);
@@ -300,106 +288,13 @@ std::expected<void, NSError> FakeJobs::SMJobRemove(std::string_view domain, std:
 }
 
 void FakeJobs::killLater(const std::string& label, const Job& job) {
-  const Duration exitTimeOut = secondsOf(job.dictionary, "ExitTimeOut", kExitTimeOut);
+  const Duration exitTimeOut =
+      secondsOf(job.dictionary, "ExitTimeOut", std::chrono::seconds(kDefaultExitTimeOut));
   if (exitTimeOut == Duration::zero()) return;  // never
   loop_.scheduleOutsideEvent(exitTimeOut, [this, process = *job.process, label] {
     if (this->process(label) == process) {
       endProcess(label, {ExitStatus::Kind::kSignalled, SIGKILL});
     }
-  });
-}
-
-void FakeJobs::submitJob(std::string_view domain, const Value& job, const AuthorizationRef*,
-                         Submitted submitted) {
-  const auto call = std::make_shared<Submitted>(std::move(submitted));
-  const std::string label = job["Label"].string() ? *job["Label"].string() : "";
-  take({.giveUpAt = {},
-        .serve =
-            [this, domain = std::string(domain), job, label, call] {
-              if (find(label) && find(label)->removing) return false;
-              answerLater(call, SMJobSubmit(domain, job, nullptr));
-              return true;
-            },
-        .fail =
-            [this, call](NSError error) {
-              answerLater(call, std::expected<void, NSError>(std::unexpected(std::move(error))));
-            }});
-}
-
-void FakeJobs::copyJob(std::string_view domain, std::string_view label, Copied copied) {
-  ++copies_;
-  const auto call = std::make_shared<Copied>(std::move(copied));
-  take({.giveUpAt = {},
-        .serve =
-            [this, domain = std::string(domain), label = std::string(label), call] {
-              Value answer = copy(domain, label);
-              if (const auto hook = std::exchange(onCopied_, {})) hook();
-              answerLater(call, std::move(answer));
-              return true;
-            },
-        .fail = [this, call](const NSError&) { answerLater(call, Value(Dictionary())); }});
-}
-
-void FakeJobs::removeJob(std::string_view domain, std::string_view label, const AuthorizationRef*,
-                         Removed removed) {
-  const auto call = std::make_shared<Removed>(std::move(removed));
-  take({.giveUpAt = {},
-        .serve =
-            [this, domain = std::string(domain), label = std::string(label), call,
-             hasBegun = false]() mutable {
-              if (!std::exchange(hasBegun, true)) {
-                if (auto begun = SMJobRemove(domain, label, nullptr, false); !begun) {
-                  answerLater(call, std::move(begun));
-                  return true;
-                }
-              }
-              if (find(label) && find(label)->removing) return false;
-              answerLater(call, std::expected<void, NSError>());
-              return true;
-            },
-        .fail =
-            [this, call](NSError error) {
-              answerLater(call, std::expected<void, NSError>(std::unexpected(std::move(error))));
-            }});
-}
-
-void FakeJobs::take(Request request) {
-  requests_.push_back(std::move(request));
-  if (!reachable_ || isHung_) giveUpLater(requests_.back());
-  serveRequests();
-}
-
-void FakeJobs::giveUpLater(Request& request) {
-  Duration time = isHung_ ? kAnswerTimeOut : kRestartTimeOut;
-  if (!reachable_ && isKnownAbsent_) time = Duration::zero();
-  request.giveUpAt = loop_.now() + time;
-  loop_.scheduleOutsideEvent(time, [this] { serveRequests(); });
-}
-
-// In their order. A hook of a test may change the host meanwhile.
-void FakeJobs::serveRequests() {
-  if (std::exchange(isServing_, true)) return;
-  for (auto request = requests_.begin(); request != requests_.end();) {
-    const bool isAnswering = reachable_ && !isHung_;
-    const bool isGivenUp = !isAnswering && loop_.now() >= request->giveUpAt;
-    if (isGivenUp) {
-      isKnownAbsent_ = !reachable_;
-      request->fail(
-          reachable_ ? NSError{kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kInternal),
-                               "the job host did not answer"}
-                     : NSError{kCFErrorDomainLaunchd, static_cast<int>(LaunchdError::kUnavailable),
-                               "the job host can't be reached"});
-    }
-    const bool isDone = isGivenUp || (isAnswering && request->serve());
-    request = isDone ? requests_.erase(request) : std::next(request);
-  }
-  isServing_ = false;
-}
-
-template <class Call, class Answer>
-void FakeJobs::answerLater(Call call, Answer answer) {
-  loop_.post([call = std::move(call), answer = std::move(answer)]() mutable {
-    (*call)(std::move(answer));
   });
 }
 

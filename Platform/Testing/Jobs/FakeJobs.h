@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <list>
@@ -15,6 +16,7 @@
 #include "Platform/Jobs/JobStartObservers.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Processes/ExitWatcher.h"
+#include "Platform/Processes/RestartPolicy.h"
 #include "Platform/Testing/Processes/FakeExitWatcher.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
@@ -93,18 +95,23 @@ class FakeJobs final : public Jobs {
   bool isCallerAllowed() const { return callerAllowed_; }
 
  private:
-  struct LastStart {
-    Instant start{};
-    int shortRuns = 0;  // in a row
-    Instant pausedUntil{};
-    Instant until{};  // it counts for the next job of the label
+  // The time for which a client waits for an answer, and for an absent host, and the interval of
+  // its retries.
+  static constexpr Duration kAnswerTimeOut = std::chrono::seconds(30);
+  static constexpr Duration kRestartTimeOut = std::chrono::seconds(5);
+  static constexpr Duration kRetryInterval = std::chrono::milliseconds(50);
+
+  struct LastStarts {
+    RecentStarts starts;
+    Instant until{};  // they count for the next job of the label
   };
 
   struct Job {
     Value dictionary;
     std::optional<ProcessId> process;
     std::optional<int> lastExitStatus;  // in the format of wait()
-    LastStart last;
+    RestartRules rules;
+    RecentStarts recent;
     std::size_t starts = 0;
     bool ignoresTermination = false;
     bool removing = false;
@@ -126,9 +133,8 @@ class FakeJobs final : public Jobs {
   const Job* find(std::string_view label) const;
   std::expected<void, NSError> admit(std::string_view domain);
   std::expected<void, NSError> start(const std::string& label, Job& job);
-  Instant earliestStart(const Job& job) const;
-  void startWhenThrottleAllows(const std::string& label);
-  void startAgain(const std::string& label);
+  void act(const std::string& label, JobEvent event, bool wantsProcess);
+  void startAt(const std::string& label, Instant due);
   void end(Job& job, ExitStatus status);
   void awaitRemoval(std::string_view label);
   void killLater(const std::string& label, const Job& job);
@@ -141,7 +147,7 @@ class FakeJobs final : public Jobs {
   VirtualRunLoop& loop_;
   FakeExitWatcher& exitWatcher_;
   std::map<std::string, Job, std::less<>> jobs_;
-  std::map<std::string, LastStart> lastStarts_;                  // of labels without a job
+  std::map<std::string, LastStarts> lastStarts_;                 // of labels without a job
   std::map<std::string, JobHistory> histories_;                  // also of labels without a job
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label

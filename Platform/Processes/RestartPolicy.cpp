@@ -1,4 +1,4 @@
-#include "JobHost/RestartPolicy.h"
+#include "Platform/Processes/RestartPolicy.h"
 
 #include <algorithm>
 #include <array>
@@ -6,12 +6,8 @@
 #include <csignal>
 #include <limits>
 
-namespace jobhost {
+namespace platform {
 namespace {
-
-using platform::Duration;
-using platform::ExitStatus;
-using platform::Instant;
 
 constexpr Duration kMinimumRetryInterval = std::chrono::seconds(1);
 
@@ -34,20 +30,28 @@ bool wantsProcessAtLoad(const RestartRules& rules) {
   return rules.runAtLoad || rules.keepAlive != KeepAlive{};
 }
 
-bool wantsProcessAfter(const RestartRules& rules, const Ending& ending) {
+bool wantsProcessAfter(const RestartRules& rules, const std::optional<ExitStatus>& end) {
   const KeepAlive& keepAlive = rules.keepAlive;
   if (keepAlive.always) return true;
-  const bool succeeded = ending == Ending(ExitStatus{ExitStatus::Kind::kExited, 0});
+  const bool succeeded = end == ExitStatus{ExitStatus::Kind::kExited, 0};
   if (keepAlive.successfulExit == succeeded) return true;
   if (!keepAlive.crashed) return false;
-  if (!ending) return true;
-  const ExitStatus& status = ending->status;
-  const bool crashed = status.kind == ExitStatus::Kind::kSignalled && isCrash(status.number);
+  if (!end) return true;
+  const bool crashed = end->kind == ExitStatus::Kind::kSignalled && isCrash(end->number);
   return *keepAlive.crashed == crashed;
 }
 
-Instant earliestStart(const RestartRules& rules, std::optional<Instant> lastStart) {
-  return lastStart ? after(*lastStart, rules.throttleInterval) : Instant::min();
+Instant earliestStart(const RestartRules& rules, const RecentStarts& starts) {
+  const Instant unthrottled =
+      starts.last ? after(*starts.last, rules.throttleInterval) : Instant::min();
+  return std::max(unthrottled, starts.pausedUntil);
+}
+
+void noteEnd(const RestartRules& rules, RecentStarts& starts, Instant now) {
+  const Duration ran = now - starts.last.value_or(now);
+  starts.shortRuns = ran < kGoodRun ? starts.shortRuns + 1 : 0;
+  const bool hasThrottle = rules.throttleInterval > Duration::zero();
+  starts.pausedUntil = hasThrottle ? now : now + pauseAfterShortRuns(starts.shortRuns);
 }
 
 Duration pauseAfterShortRuns(unsigned shortRuns) {
@@ -69,11 +73,17 @@ JobAction nextAction(JobPhase phase, JobEvent event, bool wantsProcess, bool may
     case JobEvent::kProcessEnded:
       if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
+    case JobEvent::kDemanded:
+      if (phase != JobPhase::kIdle) return JobAction::kNothing;
+      return mayStart ? JobAction::kStart : JobAction::kWait;
     case JobEvent::kDue:
       if (phase != JobPhase::kWaiting) return JobAction::kNothing;
+      if (!wantsProcess) return JobAction::kBecomeIdle;
       return mayStart ? JobAction::kStart : JobAction::kWait;
+    case JobEvent::kStartFailed:
+      return JobAction::kRetry;
   }
   return JobAction::kNothing;
 }
 
-}  // namespace jobhost
+}  // namespace platform

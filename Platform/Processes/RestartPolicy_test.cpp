@@ -1,27 +1,26 @@
-#include "JobHost/RestartPolicy.h"
+#include "Platform/Processes/RestartPolicy.h"
 
 #include <csignal>
 #include <limits>
+#include <optional>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-namespace jobhost {
+namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-using platform::ExitStatus;
-using platform::Instant;
+using End = std::optional<ExitStatus>;
 
-constexpr Ending kSuccess = ExitStatus{ExitStatus::Kind::kExited, 0};
-constexpr Ending kFailure = ExitStatus{ExitStatus::Kind::kExited, 1};
-constexpr Ending kCrash = ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV};
-constexpr Ending kTerminated = ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM};
-constexpr Ending kKilled = ExitStatus{ExitStatus::Kind::kSignalled, SIGKILL};
-constexpr Ending kUnknown = std::nullopt;
+constexpr End kSuccess = ExitStatus{ExitStatus::Kind::kExited, 0};
+constexpr End kFailure = ExitStatus{ExitStatus::Kind::kExited, 1};
+constexpr End kCrash = ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV};
+constexpr End kTerminated = ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM};
+constexpr End kKilled = ExitStatus{ExitStatus::Kind::kSignalled, SIGKILL};
+constexpr End kUnknown = std::nullopt;
 
-RestartRules rulesOf(KeepAlive keepAlive, bool runAtLoad = false,
-                     platform::Duration throttle = 10s) {
+RestartRules rulesOf(KeepAlive keepAlive, bool runAtLoad = false, Duration throttle = 10s) {
   return {keepAlive, runAtLoad, throttle};
 }
 
@@ -65,7 +64,7 @@ TEST(RestartPolicy, KeepAliveDecidesByTheEnd) {
 }
 
 TEST(RestartPolicy, RunAtLoadAloneWantsOneProcess) {
-  for (const Ending& ending : {kSuccess, kFailure, kCrash, kUnknown}) {
+  for (const End& ending : {kSuccess, kFailure, kCrash, kUnknown}) {
     EXPECT_FALSE(wantsProcessAfter(rulesOf({}, true), ending));
   }
 }
@@ -80,16 +79,28 @@ TEST(RestartPolicy, TheSignalsOfFaultsAreCrashes) {
 }
 
 TEST(RestartPolicy, StartsAreOneThrottleIntervalApart) {
-  const Instant start(1h);
-  EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), std::nullopt), Instant::min());
-  EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), start), start + 10s);
-  EXPECT_EQ(earliestStart(rulesOf({}, false, 0s), start), start);
-  EXPECT_EQ(earliestStart(rulesOf({}, false, platform::Duration::max()), start), Instant::max());
+  const RecentStarts starts{.last = Instant(1h)};
+  EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), {}), Instant());
+  EXPECT_EQ(earliestStart(rulesOf({}, false, 10s), starts), *starts.last + 10s);
+  EXPECT_EQ(earliestStart(rulesOf({}, false, 0s), starts), *starts.last);
+  EXPECT_EQ(earliestStart(rulesOf({}, false, Duration::max()), starts), Instant::max());
+}
+
+TEST(RestartPolicy, OnlyWithoutAThrottleShortRunsPause) {
+  for (const Duration throttle : {Duration::zero(), Duration(5s)}) {
+    const RestartRules rules = rulesOf({}, false, throttle);
+    RecentStarts starts{.last = Instant(1h)};
+    for (int run = 0; run < 3; ++run) noteEnd(rules, starts, *starts.last + 999ms);
+    EXPECT_EQ(starts.shortRuns, 3u);
+    const Duration pause = throttle == Duration::zero() ? 999ms + 20ms : 5s;
+    EXPECT_EQ(earliestStart(rules, starts), *starts.last + pause);
+    noteEnd(rules, starts, *starts.last + kGoodRun);
+    EXPECT_EQ(starts.shortRuns, 0u);
+  }
 }
 
 TEST(RestartPolicy, ThePauseGrowsWithShortRunsUpToASecond) {
-  const platform::Duration pauses[] = {0ms,   0ms,   10ms,  20ms, 40ms, 80ms,
-                                       160ms, 320ms, 640ms, 1s,   1s};
+  const Duration pauses[] = {0ms, 0ms, 10ms, 20ms, 40ms, 80ms, 160ms, 320ms, 640ms, 1s, 1s};
   for (unsigned runs = 0; runs < std::size(pauses); ++runs) {
     EXPECT_EQ(pauseAfterShortRuns(runs), pauses[runs]) << runs;
   }
@@ -114,16 +125,24 @@ TEST(RestartPolicy, TheNextActionFollowsFromPhaseAndEvent) {
   const Row rows[] = {
       {JobPhase::kIdle, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kIdle, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
+      {JobPhase::kIdle, JobEvent::kDemanded, kStart, kWait, kStart},
       {JobPhase::kIdle, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kIdle, JobEvent::kStartFailed, kRetry, kRetry, kRetry},
       {JobPhase::kWaiting, JobEvent::kSubmitted, kStart, kWait, kBecomeIdle},
       {JobPhase::kWaiting, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
-      {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kStart},
+      {JobPhase::kWaiting, JobEvent::kDemanded, kNothing, kNothing, kNothing},
+      {JobPhase::kWaiting, JobEvent::kDue, kStart, kWait, kBecomeIdle},
+      {JobPhase::kWaiting, JobEvent::kStartFailed, kRetry, kRetry, kRetry},
       {JobPhase::kRunning, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kProcessEnded, kStart, kWait, kBecomeIdle},
+      {JobPhase::kRunning, JobEvent::kDemanded, kNothing, kNothing, kNothing},
       {JobPhase::kRunning, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kRunning, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kSubmitted, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kProcessEnded, kNothing, kNothing, kNothing},
+      {JobPhase::kRemoving, JobEvent::kDemanded, kNothing, kNothing, kNothing},
       {JobPhase::kRemoving, JobEvent::kDue, kNothing, kNothing, kNothing},
+      {JobPhase::kRemoving, JobEvent::kStartFailed, kNothing, kNothing, kNothing},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << (&row - rows));
@@ -134,4 +153,4 @@ TEST(RestartPolicy, TheNextActionFollowsFromPhaseAndEvent) {
 }
 
 }  // namespace
-}  // namespace jobhost
+}  // namespace platform
