@@ -36,7 +36,8 @@ struct Job {
   platform::Value dictionary;
   RestartRules rules;
   platform::Duration exitTimeOut{};
-  std::string machService;  // empty for none
+  std::string machService;     // empty for none
+  bool abandonsGroup = false;  // only its leader is signalled, and the rest is left alone
   JobOrigin origin = JobOrigin::kSubmitted;
   bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
   std::size_t cost = 0;           // counted against StateFile::kMaximumCost

@@ -24,6 +24,8 @@ using namespace std::string_view_literals;
 
 constexpr int kLeastNice = -20;
 constexpr int kMostNice = 19;
+// As far as launchd's numbers go. The kernel's end one below.
+constexpr int kMostAcceptedNice = 20;
 constexpr std::int64_t kMaximumUmask = 0777;
 
 bool isControl(char character) {
@@ -150,10 +152,33 @@ Fault takeUmask(const Value& value, JobDefinition& definition) {
 
 Fault takeNice(const Value& value, JobDefinition& definition) {
   const auto nice = value.integer();
-  if (!nice || *nice < kLeastNice || *nice > kMostNice) {
-    return mismatch(fmt::format("an integer from {} to {}", kLeastNice, kMostNice), value);
+  if (!nice || *nice < kLeastNice || *nice > kMostAcceptedNice) {
+    return mismatch(fmt::format("an integer from {} to {}", kLeastNice, kMostAcceptedNice), value);
   }
-  definition.nice = static_cast<int>(*nice);
+  definition.nice = std::min(static_cast<int>(*nice), kMostNice);
+  return std::nullopt;
+}
+
+struct NamedProcessType {
+  std::string_view name;
+  ProcessType type;
+};
+
+constexpr std::array kProcessTypes{
+    NamedProcessType{"Background", ProcessType::kBackground},
+    NamedProcessType{"Standard", ProcessType::kStandard},
+    NamedProcessType{"Adaptive", ProcessType::kAdaptive},
+    NamedProcessType{"Interactive", ProcessType::kInteractive},
+};
+
+Fault takeProcessType(const Value& value, JobDefinition& definition) {
+  const std::string* const name = value.string();
+  const auto known =
+      name ? std::ranges::find(kProcessTypes, *name, &NamedProcessType::name) : kProcessTypes.end();
+  if (known == kProcessTypes.end()) {
+    return mismatch("\"Background\", \"Standard\", \"Adaptive\" or \"Interactive\"", value);
+  }
+  definition.processType = known->type;
   return std::nullopt;
 }
 
@@ -224,9 +249,10 @@ Fault takeKeepAlive(const Value& value, JobDefinition& definition) {
   return std::nullopt;
 }
 
-Fault takeRunAtLoad(const Value& value, JobDefinition& definition) {
+template <bool JobDefinition::* member>
+Fault takeBoolean(const Value& value, JobDefinition& definition) {
   if (!value.boolean()) return mismatch("a boolean", value);
-  definition.runAtLoad = *value.boolean();
+  definition.*member = *value.boolean();
   return std::nullopt;
 }
 
@@ -285,10 +311,14 @@ constexpr std::array kKeys{
     Key{"StandardErrorPath", takePathOf<&JobDefinition::standardErrorPath>},
     Key{"Umask", takeUmask},
     Key{"Nice", takeNice},
+    Key{"ProcessType", takeProcessType},
+    Key{"LowPriorityIO", takeBoolean<&JobDefinition::lowPriorityIo>},
+    Key{"LowPriorityBackgroundIO", takeBoolean<&JobDefinition::lowPriorityBackgroundIo>},
     Key{"SoftResourceLimits", takeLimits<&ResourceLimit::soft>},
     Key{"HardResourceLimits", takeLimits<&ResourceLimit::hard>},
     Key{"KeepAlive", takeKeepAlive},
-    Key{"RunAtLoad", takeRunAtLoad},
+    Key{"RunAtLoad", takeBoolean<&JobDefinition::runAtLoad>},
+    Key{"AbandonProcessGroup", takeBoolean<&JobDefinition::abandonsProcessGroup>},
     Key{"ThrottleInterval", takeSeconds<&JobDefinition::throttleInterval>},
     Key{"ExitTimeOut", takeSeconds<&JobDefinition::exitTimeOut>},
     Key{"MachServices", takeMachServices},

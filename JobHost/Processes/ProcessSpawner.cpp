@@ -14,7 +14,6 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -25,8 +24,10 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobKeys.h"
 #include "JobHost/Processes/ChildLimits.h"
+#include "JobHost/Processes/ChildStart.h"
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/JobEnvironment.h"
+#include "JobHost/Processes/JobPriority.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
@@ -188,7 +189,9 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   child.limits = limits_.data();
   child.limitCount = limits_.size();
   child.umask = job.umask.value_or(kDefaultUmask);
-  child.nice = job.nice;
+  const JobPriority priority = priorityOf(job);
+  child.nice = priority.nice;
+  child.ioPriority = priority.ioPriority;
   return {};
 }
 
@@ -238,7 +241,7 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
       return fmt::format("setrlimit of \"{}\"",
                          nameOfLimit(child.limits[child.failedLimit].resource));
     case ChildStage::kNice:
-      return fmt::format("setpriority to {}", job.nice);
+      return fmt::format("setpriority to {}", child.nice);
     case ChildStage::kRootDirectory:
       return "chroot to " + quotedInMessage(job.rootDirectory.value_or("/"));
     case ChildStage::kGroups:
@@ -305,9 +308,9 @@ ProcessSpawner::~ProcessSpawner() {
   if (stack_) ::munmap(stack_, kGuardBytes + kStackBytes);
 }
 
-Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
-                                                      const StartTicket& ticket,
-                                                      platform::Descriptor listener) {
+Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const StartTicket& ticket,
+                                           platform::Descriptor listener,
+                                           platform::Descriptor group) {
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
@@ -328,7 +331,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
   ChildSetup setup;
   StartFields start;
   std::memcpy(&start, ticket.record.data() + sizeof(RecordHeader), sizeof start);
-  const JobMark mark{host_, start.startedAt, job.label, 0};
+  const JobMark mark{host_, start.startedAt, job.label, 0, job.abandonsProcessGroup};
   if (auto prepared =
           setup.prepare(job, *account, null_.get(), listener, originalDescriptorLimit_, mark);
       !prepared) {
@@ -346,20 +349,17 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(const JobDefinition& job,
 
   // The kernel suspends this thread until the child has executed its program or ended, even while
   // another process keeps the child stopped. The child's own timers bound that time.
-  int pidfd = -1;
-  int process = -1;
-  {
+  StartedChild started = [&] {
     const SignalsBlocked blocked;
-    process = ::clone(runSpawnedChild, static_cast<char*>(stack_) + kGuardBytes + kStackBytes,
-                      CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &child, &pidfd);
-  }
-  if (process < 0) return failed(systemError("fork"));
+    return startChild(child, static_cast<char*>(stack_) + kGuardBytes, kStackBytes, group);
+  }();
+  if (started.process < 0) return failed(systemError("fork"));
   if (ticket.writeError) *ticket.writeError = child.recordError;
-  Spawned spawned{process, UniqueFd(pidfd)};
-  if (child.error == 0 && child.stage == ChildStage::kExecute) return spawned;
+  if (child.error == 0 && child.stage == ChildStage::kExecute) return started;
   // It executed no program, so it ends at once.
-  retryOnInterrupt(
-      [&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), nullptr, WEXITED | __WALL); });
+  retryOnInterrupt([&] {
+    return ::waitid(P_PIDFD, static_cast<id_t>(started.pidfd.get()), nullptr, WEXITED | __WALL);
+  });
   const std::string stage = describeStage(child, job, *account);
   if (child.error == 0) {
     const auto seconds = std::chrono::duration<double>(startTimeOut_).count();
