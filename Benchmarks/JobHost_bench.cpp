@@ -23,6 +23,7 @@
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
@@ -74,7 +75,10 @@ class Bed {
     auto loop = platform::AsioRunLoop::create();
     if (!limit || !loop) return;
     loop_ = std::move(*loop);
-    auto processes = LinuxProcesses::create(*loop_, *limit, hostMark(root_.path(), *readBootId()));
+    const std::uint64_t mark = hostMark(root_.path(), *readBootId());
+    auto groups = JobGroups::create(mark);
+    auto processes = LinuxProcesses::create(
+        *loop_, *limit, mark, groups ? std::optional(*std::move(groups)) : std::nullopt);
     if (!processes) return;
     processes_ = std::move(*processes);
     JobHostOptions options;

@@ -39,7 +39,8 @@ struct Job {
   std::vector<std::string> machServices;
   // While it waits for a client: each of its services' sockets is watched.
   std::vector<std::unique_ptr<platform::RunLoopHandle>> demand;
-  bool isDemanded = false;  // a client is the only reason for its next start
+  bool isDemanded = false;     // a client is the only reason for its next start
+  bool abandonsGroup = false;  // only its leader is signalled, and the rest is left alone
   JobOrigin origin = JobOrigin::kSubmitted;
   bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
   std::size_t cost = 0;           // counted against StateFile::kMaximumCost

@@ -95,7 +95,11 @@ void JobHost::beginRemoval(Job& job) {
 }
 
 void JobHost::signalGroup(Job& job, int signal) {
-  if (const auto sent = job.process->signalGroup(signal); !sent) {
+  const auto send = [&] {
+    if (job.abandonsGroup) return job.process->signalLeader(signal);
+    return signal == SIGKILL ? job.process->killTree() : job.process->signalGroup(signal);
+  };
+  if (const auto sent = send(); !sent) {
     log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label),
                                              platform::describe(sent.error())));
   }
@@ -140,6 +144,7 @@ void JobHost::reportIfKillFails(Job& job) {
 }
 
 bool JobHost::hasRemaining(const Job& job) const {
+  if (job.abandonsGroup) return false;
   if (job.process && job.process->hasRemainingProcesses()) return true;
   return std::ranges::any_of(job.removal->descendants,
                              [](const auto& process) { return !process->hasEnded(); });
@@ -172,6 +177,7 @@ void JobHost::finishRemoval(Job& job) {
   setCost(job, 0);
   histories_.removeJob(job.label);
   lastStarts_.keep(job, earliestStartOf(job), loop_.now());
+  processes_.discard(job.label);
   jobs_.erase(job.label);
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();

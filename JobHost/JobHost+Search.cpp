@@ -34,6 +34,13 @@ void JobHost::adoptMarked() {
     const bool isOwned = job && (!process->isLeader() || job->lastStart == process->identity());
     if (!isOwned) killUnowned(*process);
   }
+  // As after the end of a leader that this host has seen.
+  std::vector<std::string> kept;
+  for (const auto& [label, job] : jobs_) {
+    if (job.abandonsGroup && !job.hasLeader) processes_.abandon(label);
+    if (job.hasLeader || job.removal || job.abandonsGroup) kept.push_back(label);
+  }
+  processes_.discardOthers(kept);
 }
 
 void JobHost::adopt(const MarkedProcess& leader) {
@@ -106,6 +113,7 @@ void JobHost::search() {
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     if (!std::ranges::binary_search(labels, marked.label)) return false;
     const Job& job = *find(marked.label);
+    if (job.abandonsGroup) return false;
     return !job.process || marked.group != job.lastStart.process;
   });
   if (!std::exchange(isSearchFailing_, !found) && !found) {

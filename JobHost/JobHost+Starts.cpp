@@ -96,7 +96,11 @@ void JobHost::processEnded(Job& job, Ending ending) {
   // The remaining processes of the group belong to no later process of the job. Kill them before
   // the end is recorded: the next host looks for the group of a process only if its end is not on
   // record.
-  if (!job.removal && (ending || job.process->hasRemainingProcesses())) signalGroup(job, SIGKILL);
+  if (job.abandonsGroup) {
+    processes_.abandon(job.label);
+  } else if (!job.removal && (ending || job.process->hasRemainingProcesses())) {
+    signalGroup(job, SIGKILL);
+  }
   compactIfWanted();  // A full file would reject the record of the end.
   job.hasLeader = false;
   job.lastEnd = ending;

@@ -87,6 +87,7 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
 }
 
 void JobHost::takeOverRemainingProcesses(Job& job) {
+  if (job.abandonsGroup) return;
   job.process = processes_.remainsOf(job.lastStart);
   if (!job.process || job.removal) return;
   log(platform::ASL_LEVEL_NOTICE,

@@ -24,7 +24,8 @@ namespace {
 
 // The keys of a copy that say how the job is. Only the host may set them.
 constexpr std::array kStateKeys{platform::kJobProcessKey, platform::kJobLastStatusKey,
-                                platform::kJobLastStatusUnknownKey, platform::kJobHistoryKey};
+                                platform::kJobLastStatusUnknownKey, platform::kJobHistoryKey,
+                                platform::kJobTreeKey};
 
 }  // namespace
 
@@ -118,6 +119,7 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
     setCost(job, 0);
     histories_.removeJob(definition.label);
     jobs_.erase(definition.label);
+    processes_.discard(definition.label);
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
@@ -188,6 +190,7 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
   job.rules = {definition.keepAlive, definition.runAtLoad, definition.throttleInterval};
   job.exitTimeOut = definition.exitTimeOut;
   job.machServices = definition.machServices;
+  job.abandonsGroup = definition.abandonsProcessGroup;
   job.origin = origin;
   job.isDefinitionLost = false;
 }
@@ -209,6 +212,8 @@ Value JobHost::copy(std::string_view label) {
   for (const auto& [key, value] : stateOf(*job, JobHistoryDetail::kCountsAndEnds)) {
     dictionary.set(key, value);
   }
+  const auto tree = job->process ? job->process->tree() : std::nullopt;
+  if (tree) dictionary.set(platform::kJobTreeKey, valueOfTree(*tree));
   return dictionary;
 }
 

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "JobHost/JobHost.h"
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
@@ -85,14 +86,13 @@ class LineChannel {
 // One job host after another below one root, in this process.
 class RealJobHostTest : public testing::Test {
  protected:
-  RealJobHostTest() {
+  enum class Groups { kNone, kIfPossible };
+
+  explicit RealJobHostTest(Groups groups = Groups::kIfPossible) : groups_(groups) {
     const auto limit = platform::raiseDescriptorLimit();
     EXPECT_TRUE(limit);
     originalDescriptorLimit_ = limit ? *limit : 1024;
-    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_,
-                                            hostMark(root_.path(), *readBootId()));
-    EXPECT_TRUE(processes) << describe(processes.error());
-    processes_ = std::move(*processes);
+    makeProcesses();
     startHost();
   }
 
@@ -114,10 +114,12 @@ class RealJobHostTest : public testing::Test {
   // Drops the host as a kill does: its jobs go on. (They stay this process's children.)
   void dropHost() {
     host_.reset();
-    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_,
-                                            hostMark(root_.path(), *readBootId()));
-    ASSERT_TRUE(processes);
-    processes_ = std::move(*processes);
+    makeProcesses();
+  }
+
+  std::optional<JobGroups> makeGroups() const {
+    auto groups = JobGroups::create(hostMark(root_.path(), *readBootId()));
+    return groups ? std::optional(*std::move(groups)) : std::nullopt;
   }
 
   // Calls `start` with a function, and runs the loop until that is called.
@@ -177,6 +179,7 @@ class RealJobHostTest : public testing::Test {
 
   static bool exists(platform::ProcessId process) { return ::kill(process, 0) == 0; }
 
+  const Groups groups_;
   platform::TemporaryFolder root_;
   platform::FakeLogSink sink_;
   platform::SystemLog log_{sink_, "jobhost"};
@@ -184,6 +187,15 @@ class RealJobHostTest : public testing::Test {
   std::uint64_t originalDescriptorLimit_ = 0;
   std::unique_ptr<LinuxProcesses> processes_;
   std::unique_ptr<JobHost> host_;
+
+ private:
+  void makeProcesses() {
+    auto processes = LinuxProcesses::create(loop(), originalDescriptorLimit_,
+                                            hostMark(root_.path(), *readBootId()),
+                                            groups_ == Groups::kNone ? std::nullopt : makeGroups());
+    ASSERT_TRUE(processes) << platform::describe(processes.error());
+    processes_ = std::move(*processes);
+  }
 };
 
 }  // namespace jobhost

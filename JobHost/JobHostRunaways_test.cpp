@@ -1,4 +1,4 @@
-// Real jobs that do not end when they are asked to.
+// Real jobs that do not end when they are asked to, without control groups.
 
 #include <chrono>
 #include <csignal>
@@ -20,6 +20,8 @@ using platform::UniqueFd;
 
 class JobHostRunaways : public RealJobHostTest {
  protected:
+  JobHostRunaways() : RealJobHostTest(Groups::kNone) {}
+
   // The process whose number comes next.
   UniqueFd nextProcess() {
     const long process = std::stol(lines_.nextLine());

@@ -16,6 +16,7 @@
 
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/RuntimeFolders.h"
@@ -97,9 +98,21 @@ int main() {
   }
   auto bootId = jobhost::readBootId();
   if (!bootId) return fail(bootId.error());
+  const std::uint64_t mark = jobhost::hostMark(linux.configuration.root, *bootId);
+  auto groups = jobhost::JobGroups::create(mark);
+  if (!groups) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
+                            "jobs have no control groups, so a process that leaves its job's "
+                            "process group is found by its environment only: " +
+                                platform::describe(groups.error()));
+  } else if (!groups->haveWeights()) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_INFO,
+                            "the control groups of jobs have no weights, so \"ProcessType\" sets "
+                            "niceness and I/O priority only");
+  }
   auto processes =
-      jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit,
-                                      jobhost::hostMark(linux.configuration.root, *bootId));
+      jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit, mark,
+                                      groups ? std::optional(*std::move(groups)) : std::nullopt);
   if (!processes) return fail(processes.error());
   std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;

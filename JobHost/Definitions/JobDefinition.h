@@ -28,6 +28,9 @@ struct ResourceLimit {
   bool operator==(const ResourceLimit&) const = default;
 };
 
+// "ProcessType".
+enum class ProcessType { kBackground, kStandard, kAdaptive, kInteractive };
+
 // A job's dictionary, checked: all that the host needs to start it and to decide about it.
 struct JobDefinition {
   std::string label;
@@ -42,10 +45,14 @@ struct JobDefinition {
   std::string standardOutPath = "/dev/null";
   std::string standardErrorPath = "/dev/null";
   std::optional<mode_t> umask;
-  int nice = 0;
+  std::optional<int> nice;
+  ProcessType processType = ProcessType::kStandard;
+  bool lowPriorityIo = false;
+  bool lowPriorityBackgroundIo = false;  // only while it is a background job
   std::vector<ResourceLimit> limits;
   KeepAlive keepAlive;
   bool runAtLoad = false;
+  bool abandonsProcessGroup = false;  // remaining processes are not killed
   platform::Duration throttleInterval = platform::kDefaultThrottleInterval;
   platform::Duration exitTimeOut =
       std::chrono::seconds(platform::kDefaultExitTimeOut);  // 0: no SIGKILL follows

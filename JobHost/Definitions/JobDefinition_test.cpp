@@ -76,7 +76,7 @@ TEST(JobDefinitionTest, TheSmallestJobHasTheDefaults) {
   EXPECT_EQ(definition.standardOutPath, "/dev/null");
   EXPECT_EQ(definition.standardErrorPath, "/dev/null");
   EXPECT_FALSE(definition.umask);
-  EXPECT_EQ(definition.nice, 0);
+  EXPECT_EQ(definition.nice, std::nullopt);
   EXPECT_THAT(definition.limits, IsEmpty());
   EXPECT_EQ(definition.keepAlive, KeepAlive{});
   EXPECT_FALSE(definition.runAtLoad);
@@ -385,7 +385,7 @@ TEST(JobDefinitionTest, LimitsAcceptTheMaximumAndNotOneMore) {
        [](std::size_t n) { return jobWith("ThrottleInterval", static_cast<std::int64_t>(n)); }},
       {"exit time-out", static_cast<std::size_t>(kMaximumJobSeconds),
        [](std::size_t n) { return jobWith("ExitTimeOut", static_cast<std::int64_t>(n)); }},
-      {"nice", 19, [](std::size_t n) { return jobWith("Nice", static_cast<std::int64_t>(n)); }},
+      {"nice", 20, [](std::size_t n) { return jobWith("Nice", static_cast<std::int64_t>(n)); }},
       {"not nice", 20,
        [](std::size_t n) { return jobWith("Nice", -static_cast<std::int64_t>(n)); }},
       {"umask", 0777, [](std::size_t n) { return jobWith("Umask", static_cast<std::int64_t>(n)); }},

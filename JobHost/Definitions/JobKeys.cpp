@@ -24,6 +24,8 @@ using namespace std::string_view_literals;
 
 constexpr int kLeastNice = -20;
 constexpr int kMostNice = 19;
+// As far as launchd's numbers go. The kernel's end one below.
+constexpr int kMostAcceptedNice = 20;
 constexpr std::int64_t kMaximumUmask = 0777;
 
 bool isControl(char character) {
@@ -150,10 +152,33 @@ Fault takeUmask(const Value& value, JobDefinition& definition) {
 
 Fault takeNice(const Value& value, JobDefinition& definition) {
   const auto nice = value.integer();
-  if (!nice || *nice < kLeastNice || *nice > kMostNice) {
-    return mismatch(fmt::format("an integer from {} to {}", kLeastNice, kMostNice), value);
+  if (!nice || *nice < kLeastNice || *nice > kMostAcceptedNice) {
+    return mismatch(fmt::format("an integer from {} to {}", kLeastNice, kMostAcceptedNice), value);
   }
-  definition.nice = static_cast<int>(*nice);
+  definition.nice = std::min(static_cast<int>(*nice), kMostNice);
+  return std::nullopt;
+}
+
+struct NamedProcessType {
+  std::string_view name;
+  ProcessType type;
+};
+
+constexpr std::array kProcessTypes{
+    NamedProcessType{"Background", ProcessType::kBackground},
+    NamedProcessType{"Standard", ProcessType::kStandard},
+    NamedProcessType{"Adaptive", ProcessType::kAdaptive},
+    NamedProcessType{"Interactive", ProcessType::kInteractive},
+};
+
+Fault takeProcessType(const Value& value, JobDefinition& definition) {
+  const std::string* const name = value.string();
+  const auto known =
+      name ? std::ranges::find(kProcessTypes, *name, &NamedProcessType::name) : kProcessTypes.end();
+  if (known == kProcessTypes.end()) {
+    return mismatch("\"Background\", \"Standard\", \"Adaptive\" or \"Interactive\"", value);
+  }
+  definition.processType = known->type;
   return std::nullopt;
 }
 
@@ -295,10 +320,14 @@ constexpr std::array kKeys{
     Key{"StandardErrorPath", takePathOf<&JobDefinition::standardErrorPath>},
     Key{"Umask", takeUmask},
     Key{"Nice", takeNice},
+    Key{"ProcessType", takeProcessType},
+    Key{"LowPriorityIO", takeSwitch<&JobDefinition::lowPriorityIo>},
+    Key{"LowPriorityBackgroundIO", takeSwitch<&JobDefinition::lowPriorityBackgroundIo>},
     Key{"SoftResourceLimits", takeLimits<&ResourceLimit::soft>},
     Key{"HardResourceLimits", takeLimits<&ResourceLimit::hard>},
     Key{"KeepAlive", takeKeepAlive},
     Key{"RunAtLoad", takeSwitch<&JobDefinition::runAtLoad>},
+    Key{"AbandonProcessGroup", takeSwitch<&JobDefinition::abandonsProcessGroup>},
     Key{"InitGroups", takeSwitch<&JobDefinition::initGroups>},
     Key{"SessionCreate", takeSessionCreate},
     Key{"ThrottleInterval", takeSeconds<&JobDefinition::throttleInterval>},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <map>
@@ -65,7 +66,7 @@ class FakeProcesses final : public Processes {
     std::memcpy(&startedAt,
                 ticket.record.data() + sizeof(RecordHeader) + offsetof(StartFields, startedAt),
                 sizeof startedAt);
-    marked_[process] = {job.label, process, startedAt};
+    marked_[process] = {job.label, process, startedAt, job.abandonsProcessGroup};
     started.push_back(
         {process, job.label, job.program, {listeners.begin(), listeners.end()}, loop_.now()});
     StartFields identity;
@@ -98,11 +99,28 @@ class FakeProcesses final : public Processes {
     std::vector<std::unique_ptr<MarkedProcess>> found;
     for (const auto& [process, marked] : marked_) {
       if (hidesMarks || !isAlive(process) || reused_.contains(process)) continue;
+      if (marked.isAbandoned && marked.leader != process) continue;
       // Each leads a group of its own, also a descendant.
       const Marked facts{marked.label, process, process, marked.leader, ticksOf(process)};
       if (isWanted(facts)) found.push_back(std::make_unique<MarkedHandle>(*this, process));
     }
     return found;
+  }
+
+  void abandon(const std::string& label) override {
+    for (const auto& [process, marked] : marked_) {
+      if (marked.label == label) abandoned_.insert(process);
+    }
+  }
+  void discard(const std::string& label) override {
+    if (hasControlGroups) killTree(label);
+    discarded.push_back(label);
+  }
+  void discardOthers(const std::vector<std::string>& labels) override {
+    std::set<std::string> others;
+    for (const auto& [process, marked] : marked_) others.insert(marked.label);
+    for (const std::string& label : labels) others.erase(label);
+    for (const std::string& label : others) discard(label);
   }
 
   // Starts a process with the mark of this leader and a session of its own.
@@ -163,6 +181,7 @@ class FakeProcesses final : public Processes {
 
   std::vector<Started> started;
   std::vector<Signalled> signals;
+  std::vector<std::string> discarded;
   int attempts = 0;
   // Makes starts fail, with the record in the file or without.
   std::optional<platform::Error> failure;
@@ -170,6 +189,7 @@ class FakeProcesses final : public Processes {
   bool obeysTermination = true;
   bool obeysKill = true;                   // else they are in a state that no signal ends
   std::optional<platform::Error> refusal;  // of each signal
+  bool hasControlGroups = false;           // of which nothing can hide
   int searches = 0;
   std::optional<platform::Error> searchFailure;
   bool hidesMarks = false;  // as of another boot
@@ -179,6 +199,7 @@ class FakeProcesses final : public Processes {
     std::string label;
     platform::ProcessId leader = 0;
     std::int64_t startedAt = 0;
+    bool isAbandoned = false;  // with its group
   };
 
   class Handle final : public JobProcess {
@@ -193,7 +214,20 @@ class FakeProcesses final : public Processes {
       processes_.signalGroup(identity_.process, signal);
       return {};
     }
+    platform::Result<void> killTree() override {
+      if (processes_.hasControlGroups) processes_.killTree(processes_.labelOf(identity_.process));
+      return signalGroup(SIGKILL);
+    }
+    platform::Result<void> signalLeader(int signal) override {
+      if (processes_.refusal) return std::unexpected(*processes_.refusal);
+      processes_.signalLeader(identity_.process, signal);
+      return {};
+    }
     bool hasRemainingProcesses() override { return processes_.hasRemainingProcesses(identity_); }
+    std::optional<platform::JobTree> tree() const override {
+      if (!processes_.hasControlGroups) return std::nullopt;
+      return platform::JobTree{.processes = processes_.countOfTree(identity_.process)};
+    }
     platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override {
       return processes_.copyDescriptor(identity_.process, descriptor);
     }
@@ -236,6 +270,9 @@ class FakeProcesses final : public Processes {
   };
 
   bool hasRemainingProcesses(const StartFields& identity) {
+    if (hasControlGroups && !isAlive(identity.process) && hasDescendants(identity.process)) {
+      return true;
+    }
     return members_.contains(identity.process) && !isAlive(identity.process) &&
            identity.pidfdInode == inodeOf(identity.process);
   }
@@ -243,6 +280,40 @@ class FakeProcesses final : public Processes {
   void reportIfEnded(platform::ProcessId process) {
     const auto found = processes_.find(process);
     if (found != processes_.end() && found->second.ended) report(process);
+  }
+
+  bool hasDescendants(platform::ProcessId leader) const {
+    return std::ranges::any_of(marked_, [&](const auto& entry) {
+      return entry.first != leader && entry.second.leader == leader && isAlive(entry.first);
+    });
+  }
+
+  std::int64_t countOfTree(platform::ProcessId leader) const {
+    return std::ranges::count_if(marked_, [&](const auto& entry) {
+      return entry.second.leader == leader && isAlive(entry.first);
+    });
+  }
+
+  const std::string& labelOf(platform::ProcessId process) const {
+    return marked_.at(process).label;
+  }
+
+  // As the kernel kills the processes of a control group.
+  void killTree(const std::string& label) {
+    for (const auto& [process, marked] : marked_) {
+      if (marked.label != label || abandoned_.contains(process) || !obeysKill) continue;
+      members_.erase(process);
+      if (!isAlive(process)) continue;
+      end(process, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, SIGKILL});
+    }
+  }
+
+  void signalLeader(platform::ProcessId leader, int signal) {
+    signals.push_back({leader, signal, loop_.now()});
+    const bool obeys = signal == SIGKILL ? obeysKill : signal == SIGTERM && obeysTermination;
+    if (obeys && isAlive(leader)) {
+      end(leader, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, signal});
+    }
   }
 
   void signalGroup(platform::ProcessId group, int signal) {
@@ -273,6 +344,7 @@ class FakeProcesses final : public Processes {
   std::map<platform::ProcessId, Process> processes_;
   std::map<platform::ProcessId, MarkOf> marked_;
   std::set<platform::ProcessId> members_;
+  std::set<platform::ProcessId> abandoned_;
   std::set<platform::ProcessId> reused_;
 };
 

@@ -19,6 +19,8 @@ namespace jobhost {
 namespace {
 
 constexpr std::size_t kHostDigits = 16;
+// Behind the time of the start.
+constexpr std::string_view kAbandons = ",abandons";
 constexpr std::size_t kChunkBytes = 4096;
 // The kernel takes no longer variable.
 constexpr std::size_t kMaximumVariableBytes = std::size_t{32} * 4096;
@@ -44,8 +46,8 @@ std::uint64_t hostMark(const std::string& root, std::string_view bootId) {
 }
 
 std::string jobMarkVariable(const JobMark& mark) {
-  return fmt::format("{}={:016x}:{}:{}:{:010}", kJobMarkVariable, mark.host, mark.startedAt,
-                     mark.label, mark.leader);
+  return fmt::format("{}={:016x}:{}{}:{}:{:010}", kJobMarkVariable, mark.host, mark.startedAt,
+                     mark.abandonsGroup ? kAbandons : "", mark.label, mark.leader);
 }
 
 std::optional<JobMark> parseJobMark(std::string_view variable) {
@@ -58,10 +60,12 @@ std::optional<JobMark> parseJobMark(std::string_view variable) {
   if (variable[kHostDigits + 1] != ':') return std::nullopt;
   JobMark mark;
   mark.label = variable.substr(second + 1, last - second - 1);
-  const bool isRead =
-      readNumber(variable.substr(1, kHostDigits), mark.host, 16) &&
-      readNumber(variable.substr(kHostDigits + 2, second - kHostDigits - 2), mark.startedAt) &&
-      readNumber(variable.substr(last + 1), mark.leader);
+  std::string_view startedAt = variable.substr(kHostDigits + 2, second - kHostDigits - 2);
+  mark.abandonsGroup = startedAt.ends_with(kAbandons);
+  if (mark.abandonsGroup) startedAt.remove_suffix(kAbandons.size());
+  const bool isRead = readNumber(variable.substr(1, kHostDigits), mark.host, 16) &&
+                      readNumber(startedAt, mark.startedAt) &&
+                      readNumber(variable.substr(last + 1), mark.leader);
   return isRead ? std::optional(mark) : std::nullopt;
 }
 

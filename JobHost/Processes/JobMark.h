@@ -20,6 +20,7 @@ struct JobMark {
   std::int64_t startedAt = 0;
   std::string label;
   platform::ProcessId leader = 0;
+  bool abandonsGroup = false;  // of the job
 };
 
 // Tells a host from those with another root, and from those of another boot or pid namespace.

@@ -31,6 +31,16 @@ TEST_F(ProcessSpawnerTest, TheMarkNamesHostStartLabelAndLeader) {
   EXPECT_EQ(mark->leader, spawned->process);
 }
 
+TEST(JobMark, AMarkTellsThatTheGroupIsAbandoned) {
+  for (const bool abandons : {false, true}) {
+    const auto mark = parseJobMark(jobMarkVariable({1, 2, "a:b", 3, abandons}));
+    ASSERT_TRUE(mark);
+    EXPECT_EQ(mark->abandonsGroup, abandons);
+    EXPECT_EQ(mark->startedAt, 2);
+    EXPECT_EQ(mark->label, "a:b");
+  }
+}
+
 TEST(JobMark, AMalformedVariableIsNone) {
   const std::string good = jobMarkVariable({1, 2, "a", 3});
   ASSERT_TRUE(parseJobMark(good));

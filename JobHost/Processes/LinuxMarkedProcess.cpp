@@ -23,18 +23,34 @@ using platform::ErrorCode;
 using platform::Result;
 using platform::UniqueFd;
 
+namespace {
+
+std::optional<JobMark> markOf(std::string_view process, const LinuxMarkedProcess::Signs& signs) {
+  auto mark = readJobMark(process);
+  if (mark) return mark->host == signs.host ? mark : std::nullopt;
+  const auto group = signs.groups ? signs.groups->holding(std::string(process)) : std::nullopt;
+  const auto label = group ? JobGroups::labelOf(*group) : std::nullopt;
+  if (!label) return std::nullopt;
+  mark.emplace().label = *label;
+  return mark;
+}
+
+}  // namespace
+
 Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view number,
                                                                 const std::string& stat,
-                                                                std::uint64_t host,
+                                                                const Signs& signs,
                                                                 const Processes::Wanted& isWanted) {
   const auto membership = membershipIn(stat);
   if (!membership) return nullptr;
-  const auto mark = readJobMark(number);
-  if (!mark || mark->host != host) return nullptr;
+  const auto mark = markOf(number, signs);
+  if (!mark) return nullptr;
   StartFields identity;
   std::from_chars(number.data(), number.data() + number.size(), identity.process);
   identity.startTicks = startTicksIn(stat.data(), stat.size());
   identity.startedAt = mark->startedAt;
+  // A descendant that its job abandons is nobody's.
+  if (mark->abandonsGroup && mark->leader != identity.process) return nullptr;
   if (!isWanted({mark->label, identity.process, static_cast<platform::ProcessId>(membership->group),
                  mark->leader, identity.startTicks})) {
     return nullptr;

@@ -6,19 +6,25 @@
 #include <string_view>
 #include <utility>
 
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/Processes.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace jobhost {
 
-// A process with a mark, held by its pidfd.
+// A process with a mark or in the control group of a job, held by its pidfd.
 class LinuxMarkedProcess final : public MarkedProcess {
  public:
-  // The process of this number and "stat" file, if it has a mark of `host` and is wanted, else
-  // null. Fails for want of descriptors.
+  // The signs of a process of a job.
+  struct Signs {
+    std::uint64_t host = 0;             // the hostMark() in its environment
+    const JobGroups* groups = nullptr;  // for a process without a mark, if not null
+  };
+  // The process of this number and "stat" file, if it is of a job and is wanted, else null. Fails
+  // for want of descriptors.
   static platform::Result<std::unique_ptr<MarkedProcess>> find(std::string_view number,
                                                                const std::string& stat,
-                                                               std::uint64_t host,
+                                                               const Signs& signs,
                                                                const Processes::Wanted& isWanted);
 
   LinuxMarkedProcess(std::string label, const StartFields& identity, bool isLeader,

@@ -93,8 +93,38 @@ Result<void> LinuxProcess::signalGroup(int signal) {
       platform::systemError(fmt::format("signalling process group {}", identity_.process)));
 }
 
+Result<void> LinuxProcess::killTree() {
+  const auto killed = controlGroup_ ? groups_->kill(*controlGroup_) : Result<void>();
+  const auto sent = signalGroup(SIGKILL);
+  return sent ? killed : sent;
+}
+
+Result<void> LinuxProcess::signalLeader(int signal) {
+  const auto send = [&](int each) {
+    return ::pidfd_send_signal(pidfd_.get(), each, nullptr, 0) == 0 ? 0 : errno;
+  };
+  int error = pidfd_ ? send(signal) : ESRCH;
+  if (error == 0 && signal == SIGTERM) error = send(SIGCONT);
+  if (error == 0 || error == ESRCH) return {};
+  errno = error;
+  return std::unexpected(
+      platform::systemError(fmt::format("signalling process {}", identity_.process)));
+}
+
 bool LinuxProcess::hasRemainingProcesses() {
-  return hasEnded() && sendToGroup(0) != ESRCH && groupRemains(identity_);
+  if (!hasEnded()) return false;
+  if (controlGroup_ && controlGroup_->isPopulated()) return true;
+  return sendToGroup(0) != ESRCH && groupRemains(identity_);
+}
+
+std::optional<platform::JobTree> LinuxProcess::tree() const {
+  if (!controlGroup_) return std::nullopt;
+  const auto use = controlGroup_->use();
+  platform::JobTree tree{.processes = static_cast<std::int64_t>(use.processes),
+                         .cpuTime = use.cpuTime,
+                         .memoryBytes = {}};
+  if (use.memoryBytes) tree.memoryBytes = static_cast<std::int64_t>(*use.memoryBytes);
+  return tree;
 }
 
 platform::UniqueFd LinuxProcess::copyDescriptor(platform::Descriptor descriptor) {

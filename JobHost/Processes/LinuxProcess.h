@@ -1,9 +1,13 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <unordered_set>
+#include <utility>
 
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/Processes.h"
+#include "Platform/Linux/Processes/ControlGroup.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/RunLoops/RunLoop.h"
 
@@ -24,11 +28,19 @@ class LinuxProcess final : public JobProcess {
   platform::Result<void> watch(platform::RunLoop& loop, OnEnd onEnd);
   // This process's child, which is in `children` until it has been reaped.
   void becomeParent(Numbers& children);
+  // The process is in this group of `groups`, which outlive it.
+  void setControlGroup(JobGroups& groups, platform::ControlGroup group) {
+    groups_ = &groups;
+    controlGroup_ = std::move(group);
+  }
 
   const StartFields& identity() const override { return identity_; }
   void reportIfEnded() override;
   platform::Result<void> signalGroup(int signal) override;
+  platform::Result<void> signalLeader(int signal) override;
+  platform::Result<void> killTree() override;
   bool hasRemainingProcesses() override;
+  std::optional<platform::JobTree> tree() const override;
   platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override;
 
  private:
@@ -39,6 +51,8 @@ class LinuxProcess final : public JobProcess {
 
   const StartFields identity_;
   platform::UniqueFd pidfd_;
+  JobGroups* groups_ = nullptr;
+  std::optional<platform::ControlGroup> controlGroup_;  // empty if its job has none
   Numbers* children_ = nullptr;  // null if it is another process's child, or was reaped
   OnEnd onEnd_;
   std::unique_ptr<platform::RunLoopHandle> source_;  // Destroyed before the descriptor.

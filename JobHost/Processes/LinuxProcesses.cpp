@@ -13,6 +13,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "JobHost/Processes/JobPriority.h"
 #include "JobHost/Processes/LinuxMarkedProcess.h"
 #include "JobHost/Processes/LinuxProcess.h"
 #include "JobHost/Processes/ProcessGroup.h"
@@ -29,10 +30,12 @@ using platform::systemError;
 using platform::UniqueFd;
 
 Result<std::unique_ptr<LinuxProcesses>> LinuxProcesses::create(
-    platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host) {
+    platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host,
+    std::optional<JobGroups> groups) {
   auto spawner = ProcessSpawner::create(originalDescriptorLimit, host);
   if (!spawner) return std::unexpected(std::move(spawner.error()));
-  std::unique_ptr<LinuxProcesses> processes(new LinuxProcesses(loop, *std::move(spawner), host));
+  std::unique_ptr<LinuxProcesses> processes(
+      new LinuxProcesses(loop, *std::move(spawner), host, std::move(groups)));
   if (auto started = processes->orphans_.start(); !started) {
     return std::unexpected(std::move(started.error()));
   }
@@ -40,20 +43,31 @@ Result<std::unique_ptr<LinuxProcesses>> LinuxProcesses::create(
 }
 
 LinuxProcesses::LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner,
-                               std::uint64_t host)
+                               std::uint64_t host, std::optional<JobGroups> groups)
     : loop_(loop),
       spawner_(std::move(spawner)),
       host_(host),
+      groups_(std::move(groups)),
       orphans_(loop, [this](ProcessId process) { return children_.contains(process); }) {}
 
 Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
     const JobDefinition& job, const StartTicket& ticket,
     std::span<const platform::Descriptor> listeners, OnEnd onEnd) {
-  auto spawned = spawner_.spawn(job, ticket, listeners);
+  std::optional<platform::ControlGroup> group;
+  UniqueFd groupFolder;
+  if (groups_) {
+    group = groups_->of(job.label);
+    // Without its group, the process is known by its process group and its mark.
+    if (auto opened = groups_->open(*group)) groupFolder = *std::move(opened);
+    if (groups_->haveWeights()) group->setWeight(priorityOf(job).weight);
+  }
+  auto spawned = spawner_.spawn(job, ticket, listeners, groupFolder.get());
   if (!spawned) return std::unexpected(std::move(spawned.error()));
   StartFields identity;
   std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);
+  if (spawned->isKilledInGroup) groups_->replaceSoon(*group);
   auto process = std::make_unique<LinuxProcess>(identity, std::move(spawned->pidfd));
+  if (spawned->isInGroup) process->setControlGroup(*groups_, *std::move(group));
   process->becomeParent(children_);
   if (auto watched = process->watch(loop_, std::move(onEnd)); !watched) {
     // Its end would never be reported.
@@ -85,6 +99,8 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::takeOver(const StartFields& 
                        status.st_ino == identity.pidfdInode);
   if (!isSame) return std::unexpected(Error{ErrorCode::kNotFound, 0, what + ": it has gone"});
   auto process = std::make_unique<LinuxProcess>(identity, std::move(pidfd));
+  auto group = groups_ ? groups_->holding(std::to_string(identity.process)) : std::nullopt;
+  if (group) process->setControlGroup(*groups_, *std::move(group));
   if (auto watched = process->watch(loop_, std::move(onEnd)); !watched) {
     return std::unexpected(std::move(watched.error()));
   }
@@ -93,7 +109,20 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::takeOver(const StartFields& 
 
 std::unique_ptr<JobProcess> LinuxProcesses::remainsOf(const StartFields& identity) {
   if (!groupRemains(identity)) return nullptr;
+  // Other members of its control group may be of a later process of the job.
   return std::make_unique<LinuxProcess>(identity, UniqueFd());
+}
+
+void LinuxProcesses::abandon(const std::string& label) {
+  if (groups_) groups_->abandon(label);
+}
+
+void LinuxProcesses::discard(const std::string& label) {
+  if (groups_) groups_->discard(label);
+}
+
+void LinuxProcesses::discardOthers(const std::vector<std::string>& labels) {
+  if (groups_) groups_->discardOthers(labels);
 }
 
 Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
@@ -101,7 +130,8 @@ Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
   std::vector<std::unique_ptr<MarkedProcess>> found;
   int shortage = 0;
   const bool isRead = eachProcess([&](std::string_view number, const std::string& stat) {
-    auto marked = LinuxMarkedProcess::find(number, stat, host_, isWanted);
+    auto marked =
+        LinuxMarkedProcess::find(number, stat, {host_, groups_ ? &*groups_ : nullptr}, isWanted);
     if (marked) {
       if (*marked) found.push_back(*std::move(marked));
       return true;

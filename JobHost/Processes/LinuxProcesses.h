@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <unordered_set>
 #include <vector>
 
+#include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/OrphanReaper.h"
 #include "JobHost/Processes/ProcessSpawner.h"
 #include "JobHost/Processes/Processes.h"
@@ -18,9 +21,11 @@ class LinuxProcesses final : public Processes {
  public:
   // Makes this process the parent of its children's orphans, permanently. `loop` outlives this.
   // `originalDescriptorLimit` is the soft limit that the processes get, and `host` the hostMark()
-  // in their marks.
+  // in their marks. Without `groups`, a process that leaves its process group is known by its mark
+  // alone.
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
-      platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host);
+      platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host,
+      std::optional<JobGroups> groups = std::nullopt);
 
   platform::Result<std::unique_ptr<JobProcess>> start(
       const JobDefinition& job, const StartTicket& ticket,
@@ -30,13 +35,18 @@ class LinuxProcesses final : public Processes {
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;
   platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) override;
+  void abandon(const std::string& label) override;
+  void discard(const std::string& label) override;
+  void discardOthers(const std::vector<std::string>& labels) override;
 
  private:
-  LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner, std::uint64_t host);
+  LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner, std::uint64_t host,
+                 std::optional<JobGroups> groups);
 
   platform::RunLoop& loop_;
   ProcessSpawner spawner_;
   const std::uint64_t host_;
+  std::optional<JobGroups> groups_;
   // The children that the handles reap. The kernel reuses none of these numbers before that.
   std::unordered_set<platform::ProcessId> children_;
   OrphanReaper orphans_;

@@ -35,8 +35,15 @@ JobDefinition numberedJob(int number) {
 }
 
 // Shells that read their exit status from a pipe of their own.
-class LinuxProcessesHarness final : public ProcessesHarness {
+class LinuxProcessesHarness : public ProcessesHarness {
  public:
+  enum class Groups { kNone, kIfPossible };
+
+  explicit LinuxProcessesHarness(Groups groups)
+      : processes_(
+            std::move(*LinuxProcesses::create(*loop_, kDescriptorLimit, kHost, groupsIf(groups)))),
+        groups_(groups) {}
+
   ~LinuxProcessesHarness() override {
     for (auto& [process, state] : started_) {
       if (state.ended) continue;
@@ -91,7 +98,8 @@ class LinuxProcessesHarness final : public ProcessesHarness {
     const pid_t host = ::fork();
     if (host == 0) {
       const auto loop = platform::AsioRunLoop::create();
-      const auto processes = LinuxProcesses::create(**loop, kDescriptorLimit, kHost);
+      const auto processes =
+          LinuxProcesses::create(**loop, kDescriptorLimit, kHost, groupsIf(groups_));
       const auto process = (*processes)->start(job, ticket, {}, [](Ending) {});
       const ProcessId number = process ? (*process)->identity().process : 0;
       ::_exit(::write(writing.get(), &number, sizeof number) == sizeof number ? 0 : 1);
@@ -110,6 +118,12 @@ class LinuxProcessesHarness final : public ProcessesHarness {
   // No other run finds the marks.
   const std::uint64_t kHost = static_cast<std::uint64_t>(::getpid());
 
+  std::optional<JobGroups> groupsIf(Groups wanted) const {
+    if (wanted == Groups::kNone) return std::nullopt;
+    auto groups = JobGroups::create(kHost);
+    return groups ? std::optional(*std::move(groups)) : std::nullopt;
+  }
+
   struct Started {
     UniqueFd pidfd;
     int pipe = -1;
@@ -121,8 +135,8 @@ class LinuxProcessesHarness final : public ProcessesHarness {
   std::map<std::string, UniqueFd> pipes_;
   std::map<ProcessId, Started> started_;
   std::unique_ptr<platform::AsioRunLoop> loop_ = std::move(*platform::AsioRunLoop::create());
-  std::unique_ptr<LinuxProcesses> processes_ =
-      std::move(*LinuxProcesses::create(*loop_, kDescriptorLimit, kHost));
+  std::unique_ptr<LinuxProcesses> processes_;
+  const Groups groups_;
 };
 
 class FakeProcessesHarness final : public ProcessesHarness {
@@ -155,7 +169,10 @@ class FakeProcessesHarness final : public ProcessesHarness {
 };
 
 std::unique_ptr<ProcessesHarness> makeLinuxHarness() {
-  return std::make_unique<LinuxProcessesHarness>();
+  return std::make_unique<LinuxProcessesHarness>(LinuxProcessesHarness::Groups::kNone);
+}
+std::unique_ptr<ProcessesHarness> makeGroupsHarness() {
+  return std::make_unique<LinuxProcessesHarness>(LinuxProcessesHarness::Groups::kIfPossible);
 }
 std::unique_ptr<ProcessesHarness> makeFakeHarness() {
   return std::make_unique<FakeProcessesHarness>();
@@ -293,6 +310,7 @@ TEST(LinuxProcesses, AStoppedProcessEndsWhenItIsAskedTo) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));
+INSTANTIATE_TEST_SUITE_P(LinuxGroups, ProcessesContract, testing::Values(&makeGroupsHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
 
 }  // namespace

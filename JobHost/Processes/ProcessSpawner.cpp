@@ -16,7 +16,6 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -27,8 +26,10 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobKeys.h"
 #include "JobHost/Processes/ChildLimits.h"
+#include "JobHost/Processes/ChildStart.h"
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/JobEnvironment.h"
+#include "JobHost/Processes/JobPriority.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
@@ -202,7 +203,9 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   child.limits = limits_.data();
   child.limitCount = limits_.size();
   child.umask = job.umask.value_or(kDefaultUmask);
-  child.nice = job.nice;
+  const JobPriority priority = priorityOf(job);
+  child.nice = priority.nice;
+  child.ioPriority = priority.ioPriority;
   return {};
 }
 
@@ -253,7 +256,7 @@ std::string describeStage(const SpawnedChild& child, const JobDefinition& job,
       return fmt::format("setrlimit of \"{}\"",
                          nameOfLimit(child.limits[child.failedLimit].resource));
     case ChildStage::kNice:
-      return fmt::format("setpriority to {}", job.nice);
+      return fmt::format("setpriority to {}", child.nice);
     case ChildStage::kRootDirectory:
       return "key \"RootDirectory\": chroot to " + quotedWhole(job.rootDirectory.value_or("/"));
     case ChildStage::kGroups:
@@ -318,9 +321,9 @@ ProcessSpawner::~ProcessSpawner() {
   if (stack_) ::munmap(stack_, kGuardBytes + kStackBytes);
 }
 
-Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(
-    const JobDefinition& job, const StartTicket& ticket,
-    std::span<const platform::Descriptor> listeners) {
+Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const StartTicket& ticket,
+                                            std::span<const platform::Descriptor> listeners,
+                                            platform::Descriptor group) {
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
@@ -338,7 +341,7 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(
   ChildSetup setup;
   StartFields start;
   std::memcpy(&start, ticket.record.data() + sizeof(RecordHeader), sizeof start);
-  const JobMark mark{host_, start.startedAt, job.label, 0};
+  const JobMark mark{host_, start.startedAt, job.label, 0, job.abandonsProcessGroup};
   if (auto prepared =
           setup.prepare(job, *account, null_.get(), listeners, originalDescriptorLimit_, mark);
       !prepared) {
@@ -356,20 +359,17 @@ Result<ProcessSpawner::Spawned> ProcessSpawner::spawn(
 
   // The kernel suspends this thread until the child has executed its program or ended, even while
   // another process keeps the child stopped. The child's own timers bound that time.
-  int pidfd = -1;
-  int process = -1;
-  {
+  StartedChild started = [&] {
     const SignalsBlocked blocked;
-    process = ::clone(runSpawnedChild, static_cast<char*>(stack_) + kGuardBytes + kStackBytes,
-                      CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &child, &pidfd);
-  }
-  if (process < 0) return failed(systemError("fork"));
+    return startChild(child, static_cast<char*>(stack_) + kGuardBytes, kStackBytes, group);
+  }();
+  if (started.process < 0) return failed(systemError("fork"));
   if (ticket.writeError) *ticket.writeError = child.recordError;
-  Spawned spawned{process, UniqueFd(pidfd)};
-  if (child.error == 0 && child.stage == ChildStage::kExecute) return spawned;
+  if (child.error == 0 && child.stage == ChildStage::kExecute) return started;
   // It executed no program, so it ends at once.
-  retryOnInterrupt(
-      [&] { return ::waitid(P_PIDFD, static_cast<id_t>(pidfd), nullptr, WEXITED | __WALL); });
+  retryOnInterrupt([&] {
+    return ::waitid(P_PIDFD, static_cast<id_t>(started.pidfd.get()), nullptr, WEXITED | __WALL);
+  });
   const std::string stage = describeStage(child, job, *account);
   if (child.error == 0) {
     const auto seconds = std::chrono::duration<double>(startTimeOut_).count();

@@ -6,6 +6,7 @@
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobDefinition.h"
+#include "JobHost/Processes/ChildStart.h"
 #include "JobHost/State/StartTicket.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Processes/ExitWatcher.h"
@@ -24,10 +25,7 @@ class ProcessSpawner {
   // How long a process may take to execute its program. The host waits for it.
   static constexpr platform::Duration kStartTimeOut = std::chrono::seconds(5);
 
-  struct Spawned {
-    platform::ProcessId process = 0;
-    platform::UniqueFd pidfd;
-  };
+  using Spawned = StartedChild;
 
   // `originalDescriptorLimit` is the soft limit of the processes whose job sets none. The
   // dispositions of real-time signals are read now and must not change later. `host` is the
@@ -48,8 +46,12 @@ class ProcessSpawner {
   // ...) and why. Then there is no process, but the record may be in the file, in part or whole.
   // Another process that stops the new one delays it a little. After the start time-out it is
   // killed.
+  //
+  // The process begins in the control group of the descriptor `group`, if that is not -1 and the
+  // system permits it. Nothing that it starts is ever outside.
   platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
-                                  std::span<const platform::Descriptor> listeners);
+                                  std::span<const platform::Descriptor> listeners,
+                                  platform::Descriptor group = -1);
 
   // Whether each pidfd has an inode number that is unique in this boot.
   bool hasUniquePidfds() const { return hasUniquePidfds_; }

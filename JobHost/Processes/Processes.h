@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Processes/ProcessSpawner.h"
 #include "JobHost/State/StoredJob.h"
+#include "Platform/Jobs/JobTree.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
@@ -40,9 +42,20 @@ class JobProcess {
   // this process signal none of them.
   virtual platform::Result<void> signalGroup(int signal) = 0;
 
-  // Whether other processes of the group live after the leader's end. False while the leader lives.
+  // The same for the leader alone.
+  virtual platform::Result<void> signalLeader(int signal) = 0;
+
+  // Kills every process of the group, and every other one in the job's control group, if it has
+  // one. Succeeds and fails as signalGroup().
+  virtual platform::Result<void> killTree() = 0;
+
+  // Whether other processes live after the leader's end that killTree() would reach. False while
+  // the leader lives.
   // True if that can't be found out. Zombies don't count. May read every process of the system.
   virtual bool hasRemainingProcesses() = 0;
+
+  // Its tree. Empty if the job has no control group.
+  virtual std::optional<platform::JobTree> tree() const = 0;
 
   // A copy of the leader's descriptor. Empty if it has no such descriptor, or the system gives no
   // copy.
@@ -101,10 +114,21 @@ class Processes {
   };
   using Wanted = std::function<bool(const Marked& marked)>;
   // The processes with a mark that `isWanted` accepts, in no order. Zombies have none, and neither
-  // has a process that has overwritten its environment or that the system lets nobody read. Reads
-  // every process of the system. Fails if they can't be read for want of descriptors.
+  // has a process that has overwritten its environment or that the system lets nobody read. Such a
+  // process is found by its control group, if it has one: with its label, and without a leader.
+  // Reads every process of the system. Fails if they can't be read for want of descriptors.
   virtual platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) = 0;
+
+  // The processes in the label's control group are nobody's from now on. No later process of the
+  // job shares their group. Does nothing where there are no control groups.
+  virtual void abandon(const std::string& label) = 0;
+
+  // Kills what is in the label's control group, and removes the group. For a job that is no more,
+  // or has no process.
+  virtual void discard(const std::string& label) = 0;
+  // The same for all labels but these.
+  virtual void discardOthers(const std::vector<std::string>& labels) = 0;
 };
 
 }  // namespace jobhost

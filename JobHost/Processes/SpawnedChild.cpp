@@ -103,6 +103,11 @@ void writeStartRecord(SpawnedChild& child) {
   child.recordError = written >= 0 ? ENOSPC : errno;
 }
 
+void enterGroup(SpawnedChild& child) {
+  if (child.groupMembers < 0) return;
+  child.isInGroup = ::syscall(SYS_write, child.groupMembers, "0", 1) == 1;
+}
+
 bool placeDescriptors(SpawnedChild& child) {
   child.stage = ChildStage::kDescriptors;
   for (int i = 0; i < child.descriptorCount; ++i) {
@@ -127,7 +132,7 @@ void resetSurroundings(const SpawnedChild& child) {
   ::syscall(SYS_umask, child.umask);
   const sched_param noPriority{};
   ::syscall(SYS_sched_setscheduler, 0, SCHED_OTHER, &noPriority);
-  ::syscall(SYS_ioprio_set, kIoPriorityOfProcess, 0, 0);
+  ::syscall(SYS_ioprio_set, kIoPriorityOfProcess, 0, child.ioPriority);
   // Keys of the session in which the host was started are not the job's.
   ::syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);
   if (!child.resetsOomScore) return;
@@ -196,6 +201,7 @@ bool prepare(SpawnedChild& child) {
   child.stage = ChildStage::kTimers;
   if (!startContinuing(child) || !startTimer(SIGKILL, child.startTimeOut)) return false;
   const long process = ::syscall(SYS_getpid);
+  enterGroup(child);
   // This comes before the limits, which may forbid the write.
   if (!completeRecord(child, process)) return false;
   writeStartRecord(child);

@@ -58,7 +58,8 @@ struct SpawnedChild {
   const ChildLimit* limits;
   std::size_t limitCount;
   mode_t umask;
-  int nice;  // 0 for the default
+  int nice;        // 0 for the default
+  int ioPriority;  // 0 for the default
   bool resetsOomScore;
 
   // The signals that may not have their default action. Bit 0 is signal 1.
@@ -70,13 +71,15 @@ struct SpawnedChild {
   timespec continueAfter;
   timespec startTimeOut;
 
-  int stateFile;  // -1 for none
+  int groupMembers;  // "cgroup.procs" of the group that it enters, -1 for none
+  int stateFile;     // -1 for none
   std::uint8_t* startRecord;
   std::size_t startRecordSize;
   bool hasUniquePidfds;
 
   // The errno with which the start could not be recorded, or 0.
   volatile int recordError;
+  volatile bool isInGroup;  // if it had to enter one
   // The stage that was reached, and the errno with which it failed, or 0.
   volatile ChildStage stage;
   volatile int error;

@@ -112,6 +112,13 @@ inline constexpr char kJobEndTimeKey[] = "Time";          // a date
 inline constexpr char kJobEndStatusKey[] = "WaitStatus";  // absent if nobody can know it
 inline constexpr char kJobRunTimeKey[] = "RunTime";       // seconds, a real number
 
+// A dictionary about the processes of the job and what they have started (Platform/Jobs/JobTree.h),
+// and its keys. Absent if the job has no process, or the host can't make control groups.
+inline constexpr char kJobTreeKey[] = "Tree";
+inline constexpr char kJobTreeProcessesKey[] = "Processes";
+inline constexpr char kJobTreeCpuTimeKey[] = "CPUTime";  // microseconds
+inline constexpr char kJobTreeMemoryKey[] = "Memory";    // bytes; absent if nobody counts them
+
 // How a job is, as a copy of SMJobCopyDictionary() says it.
 struct JobStatus {
   enum class Presence {

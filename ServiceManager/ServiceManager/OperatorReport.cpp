@@ -205,7 +205,7 @@ ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view 
   }
   Dictionary state;
   for (const char* key :
-       {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey, kJobHistoryKey}) {
+       {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey, kJobHistoryKey, kJobTreeKey}) {
     setIfKnown(state, key, job[key]);
   }
   facts.set(kFactJob, std::move(state));

@@ -80,6 +80,18 @@ TEST_F(JobsControlTest, AJobIsSubmittedListedShownAndRemoved) {
   EXPECT_EQ(root_.control({"jobs", "list"}).output, "No jobs.\n");
 }
 
+TEST_F(JobsControlTest, AJobsTreeIsCounted) {
+  const auto platform = root_.control({"platform", "--json"});
+  if (::geteuid() != 0 || platform.output.find("\"controlGroups\": null") != std::string::npos) {
+    GTEST_SKIP() << "the job host can't make control groups here";
+  }
+  submitAgent();
+  EXPECT_THAT(root_.control({"jobs", "show", "com.example.agent"}).output,
+              HasSubstr("\n1 process, CPU time "));
+  EXPECT_THAT(root_.control({"jobs", "show", "com.example.agent", "--json"}).output,
+              HasSubstr("\"processes\": 1,"));
+}
+
 TEST_F(JobsControlTest, ProgramsGetJson) {
   const auto submitted = root_.control({"jobs", "submit", agentFile(root_.program()), "--json"});
   EXPECT_THAT(submitted.output, HasSubstr("\"pid\": " + std::to_string(agent())));

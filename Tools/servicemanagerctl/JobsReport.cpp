@@ -49,7 +49,7 @@ std::string processText(const JobState& job) {
 
 bool isState(std::string_view key) {
   return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey ||
-         key == kJobHistoryKey;
+         key == kJobHistoryKey || key == kJobTreeKey;
 }
 
 Json jsonOfEnding(const JobState::Ending& ending) {
@@ -113,11 +113,40 @@ Json asJson(const JobHistory& history) {
   return json;
 }
 
+std::string memoryInWords(const std::optional<JobTree>& tree) {
+  if (!tree || !tree->memoryBytes) return "-";
+  const double kibibytes = static_cast<double>(*tree->memoryBytes) / 1024;
+  if (kibibytes < 1024) return fmt::format("{:.0f} KiB", kibibytes);
+  return fmt::format("{:.1f} MiB", kibibytes / 1024);
+}
+
+std::string cpuTimeInWords(const std::optional<JobTree>& tree) {
+  if (!tree) return "-";
+  const double seconds = secondsOfRun(tree->cpuTime);
+  if (seconds < 60) return fmt::format("{:.2f} s", seconds);
+  const auto whole = static_cast<std::int64_t>(seconds);
+  return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+std::string asText(const JobTree& tree) {
+  std::string text = fmt::format("{} process{}, CPU time {}", tree.processes,
+                                 tree.processes == 1 ? "" : "es", cpuTimeInWords(tree));
+  if (tree.memoryBytes) text += ", memory " + memoryInWords(tree);
+  return text + ".\n";
+}
+
+Json asJson(const JobTree& tree) {
+  Json json{{"processes", tree.processes}, {"cpuSeconds", secondsOfRun(tree.cpuTime)}};
+  json["memoryBytes"] = tree.memoryBytes ? Json(*tree.memoryBytes) : Json();
+  return json;
+}
+
 JobState jobState(std::string label, const Value& dictionary) {
   JobState job{.label = std::move(label),
                .process = {},
                .lastExit = endingIn(dictionary),
-               .history = jobHistoryIn(dictionary)};
+               .history = jobHistoryIn(dictionary),
+               .tree = jobTreeIn(dictionary)};
   const auto process = dictionary[kJobProcessKey].integer();
   if (process && *process > 0) job.process = static_cast<ProcessId>(*process);
   return job;
@@ -180,6 +209,7 @@ Json asJson(const JobState& job) {
 
 std::string asText(const JobState& job, const Value& dictionary, Reader reader) {
   std::string text = asTable({job}, reader);
+  if (job.tree) text += "\n" + asText(*job.tree);
   if (job.history) text += "\n" + asText(*job.history);
   text += '\n';
   const auto out = std::back_inserter(text);
@@ -197,6 +227,7 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
 Json asJson(const JobState& job, const Value& dictionary) {
   Json json = asJson(job);
   if (job.history) json["history"]["lastEnds"] = jsonOfEnds(*job.history);
+  if (job.tree) json["tree"] = asJson(*job.tree);
   json["dictionary"] = Json::object();
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (!isState(key)) json["dictionary"][key] = jsonOf(value);

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Jobs/JobHistory.h"
+#include "Platform/Jobs/JobTree.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/KernelIds.h"
@@ -31,6 +32,7 @@ struct JobState {
   std::optional<platform::ProcessId> process;
   Ending lastExit;
   std::optional<platform::JobHistory> history;  // absent if the host is an older one
+  std::optional<platform::JobTree> tree = {};   // absent if the host has no control groups
 
   bool operator==(const JobState&) const = default;
 };
@@ -41,6 +43,15 @@ JobState jobState(std::string label, const platform::Value& dictionary);
 // The counts since a time, and the last ends, as lines and for programs.
 std::string asText(const platform::JobHistory& history);
 nlohmann::ordered_json asJson(const platform::JobHistory& history);
+
+// How many processes there are and what they use, as words and for programs.
+std::string asText(const platform::JobTree& tree);
+nlohmann::ordered_json asJson(const platform::JobTree& tree);
+
+// "-", "512 KiB", "3.5 MiB".
+std::string memoryInWords(const std::optional<platform::JobTree>& tree);
+// "-", "0.12 s", "3:05:07".
+std::string cpuTimeInWords(const std::optional<platform::JobTree>& tree);
 
 // Sorted by label.
 std::vector<JobState> jobStates(const platform::Dictionary& byLabel);

@@ -144,6 +144,25 @@ TEST(JobsReportTest, ControlCharactersOfKeysAreEscaped) {
               AllOf(Not(HasSubstr("\033")), HasSubstr("\\u001b[2J  \"\\n\"\n")));
 }
 
+TEST(JobsReportTest, ATreeIsShownInWords) {
+  const auto words = [](const JobTree& tree) { return asText(tree); };
+  EXPECT_EQ(words({1, 1500ms, std::nullopt}), "1 process, CPU time 1.50 s.\n");
+  EXPECT_EQ(words({3, 3h + 4min + 5s, 3'670'016}),
+            "3 processes, CPU time 3:04:05, memory 3.5 MiB.\n");
+  EXPECT_EQ(words({0, 0s, 524'288}), "0 processes, CPU time 0.00 s, memory 512 KiB.\n");
+}
+
+TEST(JobsReportTest, AShownJobHasItsTree) {
+  const Value copy = Dictionary{{"PID", 12}, {kJobTreeKey, valueOfTree({2, 1s, 4096})}};
+  const JobState job = jobState("a", copy);
+  EXPECT_THAT(
+      asText(job, copy, Reader::kOther),
+      AllOf(HasSubstr("\n2 processes, CPU time 1.00 s, memory 4 KiB.\n"), Not(HasSubstr("Tree"))));
+  EXPECT_EQ(asJson(job, copy)["tree"].dump(),
+            R"({"processes":2,"cpuSeconds":1.0,"memoryBytes":4096})");
+  EXPECT_FALSE(asJson(job, copy)["dictionary"].contains(kJobTreeKey));
+}
+
 TEST(JobsReportTest, ASubmittedJobsFateIsASentence) {
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"PID", 12}})), "agent runs as process 12.\n");
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"LastExitStatus", 9}})),

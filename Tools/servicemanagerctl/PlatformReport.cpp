@@ -57,6 +57,7 @@ PlatformReport makePlatformReport(const SystemInformation& system,
       .systemVersion = NSProcessInfo::Extensions::osVersionString(&system),
       .marketingVersion = NSProcessInfo::Extensions::systemMajorString(&system).value_or(""),
       .bootTime = systemBootTime(system),
+      .controlGroups = {},
       .users = {},
       .processes = lineage(system, self)};
   for (const UserId uid : {UserId{0}, caller}) {
@@ -75,6 +76,10 @@ std::string asTable(const PlatformReport& report) {
   fmt::format_to(out, "Booted          {}\n", bootText(report.bootTime));
   fmt::format_to(out, "Log             {}, levels to {}\n", sinkText(report.configuration),
                  report.configuration.logLevel);
+  fmt::format_to(
+      out, "Job trees       {}\n",
+      escaped(report.controlGroups ? "control groups in " + *report.controlGroups
+                                   : "process groups and marks: " + report.controlGroups.error()));
   fmt::format_to(out, "\n{:>7}  {:<16} {}\n", "UID", "USER", "FULL NAME");
   for (const auto& [uid, identity] : report.users) {
     fmt::format_to(out, "{:>7}  {:<16} {}\n", uid, escaped(identity.posixName),
@@ -99,6 +104,8 @@ nlohmann::ordered_json asJson(const PlatformReport& report) {
   if (report.bootTime >= 0) json["bootTime"] = report.bootTime;
   json["logSink"] = sinkText(report.configuration);
   json["logLevel"] = report.configuration.logLevel;
+  json["controlGroups"] = nullptr;
+  if (report.controlGroups) json["controlGroups"] = *report.controlGroups;
   json["users"] = nlohmann::ordered_json::array();
   for (const auto& [uid, identity] : report.users) {
     json["users"].push_back(

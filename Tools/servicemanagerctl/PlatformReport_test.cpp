@@ -33,6 +33,17 @@ TEST_F(PlatformReportTest, TellsReleaseVersionAndBootTime) {
   EXPECT_THAT(table, HasSubstr("Booted          2026-01-02 03:04:05 +0000\n"));
 }
 
+TEST_F(PlatformReportTest, TellsWhereJobsHaveControlGroups) {
+  PlatformReport made = report(40, 7);
+  made.controlGroups = "/sys/fs/cgroup";
+  EXPECT_THAT(asTable(made), HasSubstr("Job trees       control groups in /sys/fs/cgroup\n"));
+  EXPECT_EQ(asJson(made)["controlGroups"], "/sys/fs/cgroup");
+  made.controlGroups = std::unexpected("there are none");
+  EXPECT_THAT(asTable(made),
+              HasSubstr("Job trees       process groups and marks: there are none\n"));
+  EXPECT_TRUE(asJson(made)["controlGroups"].is_null());
+}
+
 TEST_F(PlatformReportTest, AnUnreadableBootTimeIsUnknown) {
   system_.setBootTime(std::unexpected(Error{ErrorCode::kSystem, 2, "/proc/stat"}));
   testing::internal::CaptureStderr();

@@ -112,6 +112,7 @@ ServiceCommands::ServiceCommands(CLI::App& app)
   for (CLI::App* command : {list_, start_, stop_, begin_, end_}) {
     command->add_flag("--json", json_, "For programs");
   }
+  list_->add_flag("--wide", wide_, "With the processes of each service, their CPU time and memory");
   for (CLI::App* command : {start_, stop_, begin_}) {
     command->add_option("label", labels_, "The services' labels")->required();
   }
@@ -171,7 +172,8 @@ Answer<std::vector<ServiceState>> ServiceCommands::readAll(
 Answer<int> ServiceCommands::list(const DaemonClient::Environment& environment) const {
   const auto services = readAll(environment);
   if (!services) return std::unexpected(services.error());
-  print(json_ ? dumped(asJson(*services)) : asTable(*services, readerOf(STDOUT_FILENO)));
+  const Columns columns = wide_ ? Columns::kWide : Columns::kUsual;
+  print(json_ ? dumped(asJson(*services)) : asTable(*services, readerOf(STDOUT_FILENO), columns));
   if (std::ranges::any_of(*services, isUnknown))
     remark("the job host does not answer, so that not every service is known to run");
   return EXIT_SUCCESS;

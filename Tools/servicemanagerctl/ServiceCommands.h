@@ -44,5 +44,6 @@ class ServiceCommands {
   CLI::App* begin_;
   CLI::App* end_;
   bool json_ = false;
+  bool wide_ = false;
   std::vector<std::string> labels_;
 };

@@ -78,6 +78,13 @@ std::string crashesInWords(const JobState& job) {
                      job.history->starts == 1 ? "" : "s");
 }
 
+constexpr char kUseColumns[] = "{:>9}  {:>10}  {:>10}  ";
+
+std::string useInWords(const JobState& job) {
+  const std::string processes = job.tree ? fmt::format("{}", job.tree->processes) : "-";
+  return fmt::format(kUseColumns, processes, cpuTimeInWords(job.tree), memoryInWords(job.tree));
+}
+
 // The content of a notice; the process is absent if none runs.
 struct Notice {
   std::string label;
@@ -126,7 +133,7 @@ std::string inWords(const ServiceState& service) {
   return std::string(wordOf(service.activity));
 }
 
-std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
+std::string asTable(const std::vector<ServiceState>& services, Reader reader, Columns columns) {
   if (services.empty()) return "No services.\n";
   constexpr std::string_view kLabelHeading = "LABEL";
   constexpr std::string_view kStateHeading = "STATE";
@@ -138,19 +145,22 @@ std::string asTable(const std::vector<ServiceState>& services, Reader reader) {
   }
   std::string text;
   const auto out = std::back_inserter(text);
+  const bool isWide = columns == Columns::kWide;
+  const std::string useHeading =
+      isWide ? fmt::format(kUseColumns, "PROCESSES", "CPU TIME", "MEMORY") : "";
   const std::string heading =
       fmt::format("{:<{}}  {:<7}  {:<{}}  {:>7}  {}", kLabelHeading, labelWidth, "TYPE",
-                  kStateHeading, stateWidth, "PID", "LAST EXIT");
+                  kStateHeading, stateWidth, "PID", useHeading + "LAST EXIT");
   fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
   for (const ServiceState& service : services) {
     const JobState& job = service.job;
     const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
     const std::string ending = inWords(job.lastExit) + crashesInWords(job);
-    fmt::format_to(out, "{:<{}}  {:<7}  {}  {:>7}  {}\n", plain(job.label), labelWidth,
-                   wordOf(service.type),
-                   job.process ? coloured(state, Colour::kGreen, reader) : state,
-                   job.process ? fmt::format("{}", *job.process) : "-",
-                   isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
+    fmt::format_to(
+        out, "{:<{}}  {:<7}  {}  {:>7}  {}{}\n", plain(job.label), labelWidth, wordOf(service.type),
+        job.process ? coloured(state, Colour::kGreen, reader) : state,
+        job.process ? fmt::format("{}", *job.process) : "-", isWide ? useInWords(job) : "",
+        isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
   }
   return text;
 }
@@ -164,6 +174,7 @@ Json asJson(const ServiceState& service) {
   json["lastExit"] = job["lastExit"];
   json["neededSystem"] = service.neededSystem.empty() ? Json() : Json(service.neededSystem);
   if (service.job.history) json["history"] = asJson(*service.job.history);
+  if (service.job.tree) json["tree"] = asJson(*service.job.tree);
   if (!service.failedExtensions.empty()) json["failedExtensions"] = service.failedExtensions;
   if (!service.work.empty()) json["now"] = service.work;
   return json;

@@ -51,7 +51,9 @@ ServiceState listedService(const std::string& label, const platform::Value& fact
 std::string inWords(const ServiceState& service);
 
 // Every line has a line end. Without services the table is a sentence.
-std::string asTable(const std::vector<ServiceState>& services, Reader reader);
+enum class Columns { kUsual, kWide };  // with what the processes use
+std::string asTable(const std::vector<ServiceState>& services, Reader reader,
+                    Columns columns = Columns::kUsual);
 nlohmann::ordered_json asJson(const ServiceState& service);
 nlohmann::ordered_json asJson(const std::vector<ServiceState>& services);
 

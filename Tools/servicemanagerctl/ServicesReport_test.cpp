@@ -1,5 +1,6 @@
 #include "Tools/servicemanagerctl/ServicesReport.h"
 
+#include <chrono>
 #include <csignal>
 
 #include <gmock/gmock.h>
@@ -65,6 +66,16 @@ TEST_F(ServicesReportTest, AListedServiceFollowsFromTheOperatorsFacts) {
   EXPECT_EQ(inWords(listed({{kFactFailedExtensions, Array{"wfk"}}, {kFactIsStopped, true}})),
             "stopped");
   EXPECT_EQ(inWords(listed(failed, {{kFactJob, Dictionary{{"PID", 7}}}})), "running");
+}
+
+TEST_F(ServicesReportTest, AWideTableTellsWhatTheTreesUse) {
+  ServiceState agent = state("agent", 4711);
+  agent.job.tree = JobTree{2, std::chrono::milliseconds(1500), 4096};
+  EXPECT_EQ(asTable({agent, state("scanner")}, Reader::kOther, Columns::kWide),
+            "LABEL    TYPE     STATE        PID  PROCESSES    CPU TIME      MEMORY  LAST EXIT\n"
+            "agent    core     running     4711          2      1.50 s       4 KiB  -\n"
+            "scanner  core     stopped        -          -           -           -  -\n");
+  EXPECT_EQ(asJson(agent)["tree"]["processes"], 2);
 }
 
 TEST_F(ServicesReportTest, AServiceOfAHungJobHostIsUnknown) {

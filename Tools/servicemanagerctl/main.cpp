@@ -24,6 +24,7 @@
 #include "Platform/Linux/Logging/LogSinkChoice.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
+#include "Platform/Linux/Processes/ControlGroup.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/SystemFacts/Thread.h"
@@ -44,8 +45,11 @@
 namespace {
 
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
-  const PlatformReport report = makePlatformReport(
-      linuxPlatform.systemInformation, linuxPlatform.configuration, ::getpid(), ::getuid());
+  PlatformReport report = makePlatformReport(linuxPlatform.systemInformation,
+                                             linuxPlatform.configuration, ::getpid(), ::getuid());
+  const auto hierarchy = platform::ControlGroupHierarchy::find();
+  report.controlGroups = hierarchy ? std::expected<std::string, std::string>(hierarchy->mountPoint)
+                                   : std::unexpected(describe(hierarchy.error()));
   print(json ? dumped(asJson(report)) : asTable(report));
 }
 
