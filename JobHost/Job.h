@@ -38,8 +38,9 @@ struct Job {
   platform::Duration exitTimeOut{};
   std::string machService;  // empty for none
   JobOrigin origin = JobOrigin::kSubmitted;
-  bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
-  std::size_t cost = 0;           // counted against StateFile::kMaximumCost
+  bool hasProgramChanged = false;  // since it was verified, so it waits for a submission
+  bool isDefinitionLost = false;   // only its process is known; it is forgotten when that ends
+  std::size_t cost = 0;            // counted against StateFile::kMaximumCost
   JobPhase phase = JobPhase::kIdle;
   // The last start that is in the state file.
   StartFields lastStart;

@@ -54,7 +54,7 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
 
 Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   platform::Descriptor listener = -1;
-  job.lastTry = loop_.now();
+  const auto lastTry = std::exchange(job.lastTry, loop_.now());
   if (!job.machService.empty()) {
     const auto socket = sockets_.listen(job.machService, job.label);
     if (!socket) return std::unexpected(socket.error());
@@ -69,6 +69,8 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
+    // Nothing ran, so the throttle does not delay the program that replaces it.
+    if (process.error().code == platform::ErrorCode::kChanged) job.lastTry = lastTry;
     return std::unexpected(process.error());
   }
   job.lastStart = state_->countStart(record, writeError);
@@ -164,14 +166,21 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
   });
 }
 
-void JobHost::retryLater(Job& job) {
+void JobHost::retryLater(Job& job, const Error& error) {
+  if (error.code == platform::ErrorCode::kChanged) {
+    job.hasProgramChanged = true;
+    if (onProgramChanged_) onProgramChanged_(job.label);
+    return;
+  }
   waitUntil(job, earliestRetry(job.rules, job.lastTry.value_or(loop_.now())));
 }
 
 void JobHost::logAndRetry(Job& job, const Error& error) {
+  const bool isRetried = error.code != platform::ErrorCode::kChanged;
   log(platform::ASL_LEVEL_ERR,
-      fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
-  retryLater(job);
+      fmt::format("{}{}", platform::describe(error),
+                  isRetried ? "; it is tried again after its throttle interval" : ""));
+  retryLater(job, error);
 }
 
 }  // namespace jobhost

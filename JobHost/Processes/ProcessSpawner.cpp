@@ -27,6 +27,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Processes/ChildLimits.h"
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/JobEnvironment.h"
+#include "JobHost/Processes/ProgramFile.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
@@ -46,7 +47,7 @@ constexpr std::size_t kGuardBytes = 64 * 1024;  // at least a page, whatever the
 constexpr long kPidfdFileSystem = 0x50494446;   // PIDFS_MAGIC, newer than our headers
 constexpr int kStandardFiles = 3;
 // Above all descriptor numbers of the child.
-constexpr int kFirstOwnDescriptor = kStandardFiles + 1;
+constexpr int kFirstOwnDescriptor = kStandardFiles + 2;  // a listener and a script
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kDefaultUmask = 022;
 // The time after which the child first gets SIGCONT, in case another process has stopped it.
@@ -121,12 +122,16 @@ class ChildSetup {
 
  private:
   Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
+  Result<void> openProgram(const JobDefinition& job);
 
   std::vector<char*> arguments_;
   std::optional<JobEnvironment> environment_;
   std::vector<UniqueFd> opened_;
   std::vector<int> descriptors_;
   std::vector<ChildLimit> limits_;
+  // Open until the start, and with it the lease on the file.
+  std::optional<ProgramFile> program_;
+  UniqueFd movedProgram_;
 };
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
@@ -155,10 +160,30 @@ Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& a
   return {};
 }
 
+// Comes last: the file must not change from here on.
+Result<void> ChildSetup::openProgram(const JobDefinition& job) {
+  child.program = job.program.c_str();
+  child.programFile = -1;
+  if (!job.verifiedProgram) return {};
+  auto program = ProgramFile::open(job.program, *job.verifiedProgram);
+  if (!program) return std::unexpected(std::move(program.error()));
+  program_ = *std::move(program);
+  int file = program_->get();
+  if (file < kFirstOwnDescriptor) {
+    movedProgram_.reset(::fcntl(file, F_DUPFD_CLOEXEC, kFirstOwnDescriptor));
+    if (!movedProgram_) return std::unexpected(systemError("passing the descriptors"));
+    file = movedProgram_.get();
+  }
+  child.programFile = file;
+  if (!program_->isScript()) return {};
+  child.programFile = static_cast<int>(descriptors_.size());
+  descriptors_.push_back(file);
+  return {};
+}
+
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
                                  int listener, std::uint64_t originalDescriptorLimit,
                                  const JobMark& mark) {
-  child.program = job.program.c_str();
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
     arguments_.push_back(const_cast<char*>(argument.c_str()));
@@ -167,6 +192,7 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   environment_.emplace(job, account, listener >= 0, mark);
   if (auto opened = openFiles(job, account, null); !opened) return opened;
   if (listener >= 0) descriptors_.push_back(listener);
+  if (auto opened = openProgram(job); !opened) return opened;
   auto limits = limitsOf(job, originalDescriptorLimit);
   if (!limits) return std::unexpected(std::move(limits.error()));
   limits_ = *std::move(limits);

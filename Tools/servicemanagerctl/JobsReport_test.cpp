@@ -144,6 +144,15 @@ TEST(JobsReportTest, ControlCharactersOfKeysAreEscaped) {
               AllOf(Not(HasSubstr("\033")), HasSubstr("\\u001b[2J  \"\\n\"\n")));
 }
 
+TEST(JobsReportTest, AJobThatWaitsForAVerificationSaysSo) {
+  const Value job = Dictionary{{"Label", "agent"}, {"ProgramHasChanged", true}};
+  EXPECT_THAT(asText(jobState("agent", job), job, Reader::kOther),
+              testing::HasSubstr("ProgramHasChanged  true"));
+  const auto json = asJson(jobState("agent", job), job);
+  EXPECT_EQ(json["programHasChanged"], true);
+  EXPECT_FALSE(json["dictionary"].contains("ProgramHasChanged"));
+}
+
 TEST(JobsReportTest, ASubmittedJobsFateIsASentence) {
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"PID", 12}})), "agent runs as process 12.\n");
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"LastExitStatus", 9}})),

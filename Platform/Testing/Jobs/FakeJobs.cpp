@@ -212,8 +212,12 @@ std::expected<void, NSError> FakeJobs::admit(std::string_view domain) {
 }
 
 std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job) {
-  job.last.start = loop_.now();
   const std::string program = programOf(job.dictionary);
+  if (hasProgramChanged(job.dictionary)) {
+    return failure(LaunchdError::kProgramChanged,
+                   "job \"" + label + "\": " + program + ": changed");
+  }
+  job.last.start = loop_.now();
   if (const auto reason = unstartable_.find(program); reason != unstartable_.end()) {
     return failure(LaunchdError::kInternal,
                    "job \"" + label + "\": " + program + ": " + reason->second);
@@ -223,8 +227,14 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   ++job.starts;
   ++job.history->starts;
   exitWatcher_.startProcess(*job.process);
-  if (isObserved_) loop_.post([this, label] { startObservers_.report(label); });
+  if (isObserved_) loop_.post([this, label] { startObservers_.report(label, Start::kStarted); });
   return {};
+}
+
+bool FakeJobs::hasProgramChanged(const Value& dictionary) const {
+  const auto file = files_.find(programOf(dictionary));
+  const std::string* verified = dictionary[kJobVerifiedProgramKey].string();
+  return verified && file != files_.end() && *verified != textOfVerifiedFile(file->second);
 }
 
 Instant FakeJobs::earliestStart(const Job& job) const {
@@ -246,6 +256,9 @@ void FakeJobs::startAgain(const std::string& label) {
   // The job may have been started and have ended since this start was planned.
   if (!reachable_ || earliestStart(found->second) > loop_.now()) return;
   if (start(label, found->second)) return;
+  if (hasProgramChanged(found->second.dictionary)) {
+    return loop_.post([this, label] { startObservers_.report(label, Start::kProgramChanged); });
+  }
   const Duration throttle = secondsOf(found->second.dictionary, "ThrottleInterval", kThrottle);
   loop_.scheduleOutsideEvent(std::max(throttle, kLeastRetry), [this, label] { startAgain(label); });
 }
