@@ -4,7 +4,10 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -16,6 +19,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,6 +36,7 @@
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace benchmarks {
 namespace {
@@ -53,9 +58,10 @@ const bool kAdded[] = {
     atMost({"job-submit", 1.5,
             "submit() of a job to its answer, the process started / posix_spawn() and pidfd_open() "
             "of the same program, on one processor"}),
-    atMost({"job-restart", 1.15,
-            "SIGKILL of a job to its next process executing its program / to the same in a loop of "
-            "fork, exec and wait"}),
+    atMost(
+        {"job-restart", 1.15,
+         "SIGKILL of a job to its next process executing its verified program / to the same in a "
+         "loop of fork, exec and wait"}),
     atMost({"jobs-1000-start", 1.3,
             "1,000 jobs from the first submit() to all of them running / a loop of 1,000 forks and "
             "execs"}),
@@ -196,6 +202,24 @@ class Announcement {
   UniqueFd pipe_;
 };
 
+// A shell that the host compares with its verified state before each start.
+void setVerifiedShell(Dictionary& job) {
+  const std::string path = std::filesystem::canonical("/bin/sh").string();
+  struct stat status{};
+  if (::stat(path.c_str(), &status) != 0) std::abort();
+  platform::VerifiedFile file;
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
+  file.size = static_cast<std::uint64_t>(status.st_size);
+  file.changedSeconds = status.st_ctim.tv_sec;
+  file.changedNanoseconds = static_cast<std::uint32_t>(status.st_ctim.tv_nsec);
+  file.isSettled = true;
+  file.digestName = "SHA256";
+  file.digest = platform::Data(32);  // It is not compared.
+  job.set("Program", path);
+  job.set(platform::kJobVerifiedProgramKey, platform::textOfVerifiedFile(file));
+}
+
 void restartSubject(benchmark::State& state) {
   Bed bed;
   if (!bed) return state.SkipWithError("no host");
@@ -214,7 +238,7 @@ void restartSubject(benchmark::State& state) {
   const auto nameOf = [](int number) { return "com.example.job" + std::to_string(number); };
   for (int number = 0; number < kRestartedJobs; ++number) {
     Dictionary job = idleJob(nameOf(number));
-    job.set("Program", "/bin/sh");
+    setVerifiedShell(job);
     job.set("ProgramArguments", platform::Array{"/bin/sh", "-c", announcement.script()});
     bed.submit(std::move(job), [](auto) {});
     awaitRunning();

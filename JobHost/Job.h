@@ -42,8 +42,9 @@ struct Job {
   bool isDemanded = false;     // a client is the only reason for its next start
   bool abandonsGroup = false;  // only its leader is signalled, and the rest is left alone
   JobOrigin origin = JobOrigin::kSubmitted;
-  bool isDefinitionLost = false;  // only its process is known; it is forgotten when that ends
-  std::size_t cost = 0;           // counted against StateFile::kMaximumCost
+  bool hasProgramChanged = false;  // since it was verified, so it waits for a submission
+  bool isDefinitionLost = false;   // only its process is known; it is forgotten when that ends
+  std::size_t cost = 0;            // counted against StateFile::kMaximumCost
   platform::JobPhase phase = platform::JobPhase::kIdle;
   // The last start that is in the state file.
   StartFields lastStart;

@@ -17,6 +17,8 @@ LaunchdError launchdErrorOf(const Error& error) {
       return LaunchdError::kInvalidJob;
     case ErrorCode::kDenied:
       return LaunchdError::kNotAuthorized;
+    case ErrorCode::kChanged:
+      return LaunchdError::kProgramChanged;
     case ErrorCode::kExhausted:
       if (error.osError == 0) return LaunchdError::kHostIsFull;
       break;

@@ -58,7 +58,7 @@ Result<void> JobHost::perform(Job& job, JobAction action, const JobDefinition* d
 }
 
 Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
-  job.starts.last = loop_.now();
+  const auto lastStart = std::exchange(job.starts.last, loop_.now());
   const auto listeners = listenersOf(job);
   if (!listeners) return std::unexpected(listeners.error());
   auto record = state_->makeStartRecord(job.label, *job.starts.last);
@@ -70,6 +70,8 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
+    // Nothing ran, so the throttle does not delay the program that replaces it.
+    if (process.error().code == platform::ErrorCode::kChanged) job.starts.last = lastStart;
     return std::unexpected(process.error());
   }
   job.lastStart = state_->countStart(record, writeError);
@@ -169,15 +171,22 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
   });
 }
 
-void JobHost::startFailed(Job& job) {
+void JobHost::startFailed(Job& job, const Error& error) {
+  if (error.code == platform::ErrorCode::kChanged) {
+    job.hasProgramChanged = true;
+    if (onProgramChanged_) onProgramChanged_(job.label);
+    return;
+  }
   const JobAction action = nextAction(job.phase, JobEvent::kStartFailed, true, false);
   static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
 }
 
 void JobHost::logFailedStart(Job& job, const Error& error) {
+  const bool isRetried = error.code != platform::ErrorCode::kChanged;
   log(platform::ASL_LEVEL_ERR,
-      fmt::format("{}; it is tried again after its throttle interval", platform::describe(error)));
-  startFailed(job);
+      fmt::format("{}{}", platform::describe(error),
+                  isRetried ? "; it is tried again after its throttle interval" : ""));
+  startFailed(job, error);
 }
 
 }  // namespace jobhost

@@ -24,8 +24,8 @@ namespace {
 
 // The keys of a copy that say how the job is. Only the host may set them.
 constexpr std::array kStateKeys{platform::kJobProcessKey, platform::kJobLastStatusKey,
-                                platform::kJobLastStatusUnknownKey, platform::kJobHistoryKey,
-                                platform::kJobTreeKey};
+                                platform::kJobLastStatusUnknownKey, platform::kJobProgramChangedKey,
+                                platform::kJobHistoryKey, platform::kJobTreeKey};
 
 }  // namespace
 
@@ -145,7 +145,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);
   auto done = perform(job, action, &definition);
-  if (!done) startFailed(job);
+  if (!done) startFailed(job, done.error());
   return done;
 }
 
@@ -193,6 +193,7 @@ void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition
   job.abandonsGroup = definition.abandonsProcessGroup;
   job.origin = origin;
   job.isDefinitionLost = false;
+  job.hasProgramChanged = false;
 }
 
 Job* JobHost::findAsOfNow(std::string_view label) {
@@ -230,6 +231,7 @@ platform::Dictionary JobHost::stateOf(const Job& job, JobHistoryDetail detail) c
   } else if (job.lastEnd) {
     state.set(platform::kJobLastStatusUnknownKey, true);
   }
+  if (job.hasProgramChanged) state.set(platform::kJobProgramChangedKey, true);
   state.set(platform::kJobHistoryKey, valueOfHistory(histories_.of(job.label), detail));
   return state;
 }

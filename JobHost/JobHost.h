@@ -123,6 +123,11 @@ class JobHost {
   using StartHandler = std::function<void(const std::string& label, platform::ProcessId process)>;
   void setStartHandler(StartHandler handler) { onStarted_ = std::move(handler); }
 
+  // Called after a process of a known job could not be started because the program is not the
+  // verified file any more. It may not call this.
+  using ChangeHandler = std::function<void(const std::string& label)>;
+  void setChangeHandler(ChangeHandler handler) { onProgramChanged_ = std::move(handler); }
+
   // Every job's label, sorted.
   std::vector<std::string> labels() const { return labelsAfter({}, jobs_.size()); }
   // The first `most` of the labels that come after this one.
@@ -170,7 +175,9 @@ class JobHost {
   void startNext();
   void startIfQueued(Job& job);
   void waitUntil(Job& job, platform::Instant due);
-  void startFailed(Job& job);
+  // A start of a known job has failed. If its program has changed, another start would fail as
+  // well: a client must verify it and submit the job again. Until then the job is idle.
+  void startFailed(Job& job, const platform::Error& error);
   void logFailedStart(Job& job, const platform::Error& error);
 
   // JobHost+Demand.cpp
@@ -253,6 +260,7 @@ class JobHost {
   // longer waits is skipped.
   std::deque<std::string> startQueue_;
   StartHandler onStarted_;
+  ChangeHandler onProgramChanged_;
   std::move_only_function<void()> onShutDown_;
   bool isShuttingDown_ = false;
   std::size_t stopping_ = 0;  // jobs that are removed before the shut-down goes on to the next ones

@@ -56,6 +56,9 @@ Result<std::unique_ptr<JobServer>> JobServer::listen(RunLoop& loop, PeerTranspor
   host.setStartHandler([raw = server.get()](const std::string& label, ProcessId process) {
     for (auto& [id, client] : raw->clients_) client.starts.started(label, process);
   });
+  host.setChangeHandler([raw = server.get()](const std::string& label) {
+    for (auto& [id, client] : raw->clients_) client.starts.started(label, kNoProcess);
+  });
   return server;
 }
 

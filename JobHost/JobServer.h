@@ -31,7 +31,10 @@ class JobServer {
 
   JobServer(const JobServer&) = delete;
   JobServer& operator=(const JobServer&) = delete;
-  ~JobServer() { host_.setStartHandler({}); }
+  ~JobServer() {
+    host_.setStartHandler({});
+    host_.setChangeHandler({});
+  }
 
  private:
   using ClientId = std::uint64_t;

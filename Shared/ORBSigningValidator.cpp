@@ -16,9 +16,9 @@ ORBSigningValidator::Verdict ORBSigningValidator::validateProgram(const std::str
 ORBSigningValidator::Verdict ORBSigningValidator::validate(const std::string& path,
                                                            SecStaticCode::Kind wanted) const {
   const char* const what = wanted == SecStaticCode::Kind::kBundle ? "bundle" : "program";
-  const auto information = check(path, wanted);
-  if (!information) {
-    const CodeSigningFailure& failure = information.error();
+  auto verdict = check(path, wanted);
+  if (!verdict) {
+    const CodeSigningFailure& failure = verdict.error();
     const CodeVerdict fault = verdictOf(failure);
     if (fault == CodeVerdict::kUnknown) {
       vantorlogger_line(ASL_LEVEL_WARNING,
@@ -31,17 +31,13 @@ ORBSigningValidator::Verdict ORBSigningValidator::validate(const std::string& pa
     }
     return {fault, failure.status, failure.reason, std::nullopt};
   }
-  Verdict verdict{CodeVerdict::kIntact, errSecSuccess, {}, std::nullopt};
-  if (const std::string* text = (*information)[kSecCodeInfoIdentifier].string()) {
-    verdict.identifier = *text;
-  }
   vantorlogger_line(ASL_LEVEL_DEBUG, stringWithFormat("The %s '%@' is intact, identifier: %@", what,
-                                                      path, verdict.identifier));
-  return verdict;
+                                                      path, verdict->identifier));
+  return *std::move(verdict);
 }
 
-CodeSigningResult<Dictionary> ORBSigningValidator::check(const std::string& path,
-                                                         SecStaticCode::Kind wanted) const {
+CodeSigningResult<ORBSigningValidator::Verdict> ORBSigningValidator::check(
+    const std::string& path, SecStaticCode::Kind wanted) const {
   const auto code = signatures_.SecStaticCodeCreateWithPath(path);
   if (!code) return std::unexpected(code.error());
   if ((*code)->kind() != wanted) {
@@ -51,5 +47,11 @@ CodeSigningResult<Dictionary> ORBSigningValidator::check(const std::string& path
         path + (isBundle ? ": is a folder, not a program" : ": is a file, not a bundle")});
   }
   if (auto valid = checkCodeThatRuns(**code); !valid) return std::unexpected(valid.error());
-  return (*code)->SecCodeCopySigningInformation(kSecCSDefaultFlags);
+  const auto information = (*code)->SecCodeCopySigningInformation(kSecCSDefaultFlags);
+  if (!information) return std::unexpected(information.error());
+  Verdict verdict{CodeVerdict::kIntact, errSecSuccess, {}, std::nullopt, (*code)->verifiedFile()};
+  if (const std::string* text = (*information)[kSecCodeInfoIdentifier].string()) {
+    verdict.identifier = *text;
+  }
+  return verdict;
 }

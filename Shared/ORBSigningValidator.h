@@ -18,6 +18,8 @@ class ORBSigningValidator {
     std::string reason;  // why it is not intact, or not known to be; empty if it is
     // The identifier of intact code; nothing if its signature has none.
     std::optional<std::string> identifier;
+    // An intact program's file, by which another process can tell whether it has the same one.
+    std::optional<platform::VerifiedFile> file = {};
 
     bool isIntact() const { return verdict == platform::CodeVerdict::kIntact; }
     // The check could not be made; try again.
@@ -35,10 +37,15 @@ class ORBSigningValidator {
   // intact.
   Verdict validateProgram(const std::string& path) const;
 
+  // The protection of the program file at `path`. Nothing if it can't be opened.
+  std::optional<platform::CodeProtection> protectionOf(const std::string& path) const {
+    return signatures_.protectionOf(path);
+  }
+
  private:
   Verdict validate(const std::string& path, platform::SecStaticCode::Kind wanted) const;
-  platform::CodeSigningResult<platform::Dictionary> check(
-      const std::string& path, platform::SecStaticCode::Kind wanted) const;
+  platform::CodeSigningResult<Verdict> check(const std::string& path,
+                                             platform::SecStaticCode::Kind wanted) const;
 
   platform::CodeSignatures& signatures_;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+// Kept for the other programs of the product, which link this library. No program here uses it.
+
 // The keys of an event-monitor record, one for each of its fields.
 
 extern const char kORBEventMonitorKeyForSystemVersion[];

@@ -14,6 +14,7 @@
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace jobhost {
 
@@ -36,6 +37,7 @@ struct JobDefinition {
   std::string label;
   std::string program;                 // the path to execute, absolute
   std::vector<std::string> arguments;  // argv, never empty
+  std::optional<platform::VerifiedFile> verifiedProgram;
   std::optional<std::string> userName;
   std::optional<std::string> groupName;
   std::string workingDirectory = "/";

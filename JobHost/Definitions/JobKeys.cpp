@@ -301,6 +301,12 @@ Fault takeMachServices(const Value& value, JobDefinition& definition) {
   return std::nullopt;
 }
 
+Fault takeVerifiedProgram(const Value& value, JobDefinition& definition) {
+  if (value.string()) definition.verifiedProgram = platform::verifiedFileIn(*value.string());
+  if (definition.verifiedProgram) return std::nullopt;
+  return mismatch("the state of a file that was verified", value);
+}
+
 struct Key {
   std::string_view name;
   Fault (*take)(const Value& value, JobDefinition& definition);
@@ -310,6 +316,7 @@ constexpr std::array kKeys{
     Key{"Label", takeLabel},
     Key{"Program", takePathOf<&JobDefinition::program>},
     Key{"ProgramArguments", takeArguments},
+    Key{platform::kJobVerifiedProgramKey, takeVerifiedProgram},
     Key{"UserName", takeAccount<&JobDefinition::userName>},
     Key{"GroupName", takeAccount<&JobDefinition::groupName>},
     Key{"WorkingDirectory", takePathOf<&JobDefinition::workingDirectory>},

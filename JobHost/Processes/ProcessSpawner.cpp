@@ -30,6 +30,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/JobEnvironment.h"
 #include "JobHost/Processes/JobPriority.h"
+#include "JobHost/Processes/ProgramFile.h"
 #include "JobHost/Processes/SpawnedChild.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
@@ -116,6 +117,7 @@ class ChildSetup {
 
  private:
   Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
+  Result<void> openProgram(const JobDefinition& job);
   Result<void> moveAboveThoseOfTheChild();
 
   std::vector<char*> arguments_;
@@ -123,6 +125,9 @@ class ChildSetup {
   std::vector<UniqueFd> opened_;
   std::vector<int> descriptors_;
   std::vector<ChildLimit> limits_;
+  // Open until the start, and with it the lease on the file.
+  std::optional<ProgramFile> program_;
+  UniqueFd movedProgram_;
 };
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
@@ -169,10 +174,32 @@ Result<void> ChildSetup::moveAboveThoseOfTheChild() {
   return {};
 }
 
+// Comes after all other files: this one must not change from here on.
+Result<void> ChildSetup::openProgram(const JobDefinition& job) {
+  child.program = job.program.c_str();
+  child.programFile = -1;
+  if (!job.verifiedProgram) return {};
+  auto program = ProgramFile::open(job.program, *job.verifiedProgram);
+  if (!program) return std::unexpected(std::move(program.error()));
+  program_ = *std::move(program);
+  const int count = static_cast<int>(descriptors_.size());
+  if (program_->isScript()) {
+    child.programFile = count;
+    descriptors_.push_back(program_->get());
+    return {};
+  }
+  child.programFile = program_->get();
+  if (child.programFile < count) {
+    movedProgram_.reset(::fcntl(child.programFile, F_DUPFD_CLOEXEC, count));
+    if (!movedProgram_) return std::unexpected(systemError("passing the descriptors"));
+    child.programFile = movedProgram_.get();
+  }
+  return {};
+}
+
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
                                  std::span<const platform::Descriptor> listeners,
                                  std::uint64_t originalDescriptorLimit, const JobMark& mark) {
-  child.program = job.program.c_str();
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
     arguments_.push_back(const_cast<char*>(argument.c_str()));
@@ -181,6 +208,7 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   environment_.emplace(job, account, !listeners.empty(), mark);
   if (auto opened = openFiles(job, account, null); !opened) return opened;
   descriptors_.insert(descriptors_.end(), listeners.begin(), listeners.end());
+  if (auto opened = openProgram(job); !opened) return opened;
   if (auto moved = moveAboveThoseOfTheChild(); !moved) return moved;
   auto limits = limitsOf(job, originalDescriptorLimit);
   if (!limits) return std::unexpected(std::move(limits.error()));

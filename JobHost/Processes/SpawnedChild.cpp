@@ -222,7 +222,12 @@ int runSpawnedChild(void* argument) {
   if (!prepare(child)) return failure(child);
   resetSignals(child.signalsToReset);
   child.stage = ChildStage::kExecute;
-  ::syscall(SYS_execve, child.program, child.arguments, child.environment);
+  if (child.programFile >= 0) {
+    ::syscall(SYS_execveat, child.programFile, "", child.arguments, child.environment,
+              AT_EMPTY_PATH);
+  } else {
+    ::syscall(SYS_execve, child.program, child.arguments, child.environment);
+  }
   return failure(child);
 }
 

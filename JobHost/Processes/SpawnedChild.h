@@ -35,6 +35,7 @@ struct ChildLimit {
 // out everything: the child only makes system calls.
 struct SpawnedChild {
   const char* program;
+  int programFile;  // executed instead of `program`; -1 for none
   char* const* arguments;
   char* const* environment;
   // The places for the child's number, at the end of a variable, with room for ten digits. Null for

@@ -11,6 +11,10 @@ namespace {
 
 constexpr std::string_view kAnchored = "anchor apple generic";
 
+constexpr std::string_view kVerityWord = "fs-verity";
+constexpr std::string_view kImmutableWord = "immutable";
+constexpr std::string_view kRecheckWord = "re-check";
+
 // The words of a requirement, separated by single blanks.
 std::string withSingleBlanks(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r\n";
@@ -42,6 +46,24 @@ CodeVerdict verdictOf(const CodeSigningFailure& failure) {
     default:  // There are many, and none of them says what the file contains.
       return CodeVerdict::kUnknown;
   }
+}
+
+std::string_view protectionWord(CodeProtection protection) {
+  switch (protection) {
+    case CodeProtection::kVerity:
+      return kVerityWord;
+    case CodeProtection::kImmutable:
+      return kImmutableWord;
+    case CodeProtection::kRecheck:
+      break;
+  }
+  return kRecheckWord;
+}
+
+std::string_view describeProtection(std::string_view word) {
+  if (word == kVerityWord) return "the file system (fs-verity)";
+  if (word == kImmutableWord) return "its place, where nobody can write it (immutable)";
+  return "a comparison with what was verified, before each start (re-check)";
 }
 
 NSError errorObject(const CodeSigningFailure& failure) {

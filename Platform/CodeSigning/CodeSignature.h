@@ -3,12 +3,14 @@
 #include <cstdint>
 #include <expected>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Platform/Values/Error.h"
 #include "Platform/Values/OSStatus.h"
 #include "Platform/Values/Value.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace platform {
 
@@ -105,10 +107,25 @@ class SecStaticCode {
   // and "signing-time" (a date, if there is one). After a successful check it is the content of the
   // very signature that was checked. Without a check nothing of it is proven.
   virtual CodeSigningResult<Dictionary> SecCodeCopySigningInformation(std::uint32_t flags) = 0;
+
+  // The program file that the last check found valid. Nothing without such a check, and for a
+  // bundle.
+  virtual std::optional<VerifiedFile> verifiedFile() const = 0;
 };
 
 // Checks code that is to run, or that runs: its signer and its place.
 CodeSigningResult<void> checkCodeThatRuns(SecStaticCode& code);
+
+// The reason why a file stays as it was when it was verified.
+enum class CodeProtection {
+  kVerity,     // the file system compares all that is read from it with a digest (fs-verity)
+  kImmutable,  // nobody can write it or replace it now
+  kRecheck,    // the job host compares it with what was verified before each start
+};
+// For programs: "fs-verity", "immutable", "re-check".
+std::string_view protectionWord(CodeProtection protection);
+// For people: the end of "it is kept unchanged by ". `word` is one of the words above.
+std::string_view describeProtection(std::string_view word);
 
 // Makes static code. Any thread may call it.
 class CodeSignatures {
@@ -120,6 +137,9 @@ class CodeSignatures {
   // and with kErrnoStatusBase + errno if the path can't be examined.
   virtual CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) = 0;
+
+  // The strongest protection that the file at `path` has now. Nothing if it can't be opened.
+  virtual std::optional<CodeProtection> protectionOf(const std::string& path) = 0;
 };
 
 }  // namespace platform

@@ -44,5 +44,16 @@ TEST(CodeVerdictTest, OnlyAFaultOfTheCodeIsDamage) {
   }
 }
 
+TEST(CodeProtectionTest, EachHasAWordAndASentence) {
+  EXPECT_EQ(protectionWord(CodeProtection::kVerity), "fs-verity");
+  EXPECT_EQ(protectionWord(CodeProtection::kImmutable), "immutable");
+  EXPECT_EQ(protectionWord(CodeProtection::kRecheck), "re-check");
+  for (const auto protection :
+       {CodeProtection::kVerity, CodeProtection::kImmutable, CodeProtection::kRecheck}) {
+    const std::string_view word = protectionWord(protection);
+    EXPECT_NE(describeProtection(word).find(word), std::string_view::npos) << word;
+  }
+}
+
 }  // namespace
 }  // namespace platform

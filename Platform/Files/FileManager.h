@@ -29,7 +29,8 @@ inline constexpr char NSFileOwnerAccountID[] = "NSFileOwnerAccountID";
 inline constexpr char NSFileGroupOwnerAccountID[] = "NSFileGroupOwnerAccountID";
 inline constexpr char NSFilePosixPermissions[] = "NSFilePosixPermissions";  // at most octal 7777
 
-// The platform's file manager. Every error is of NSCocoaErrorDomain, and its description begins
+// The platform's file manager. It is kept for NSFileManagerExtensions, which no program here uses
+// (see there). Every error is of NSCocoaErrorDomain, and its description begins
 // with the path at fault. Paths are bytes, absolute or relative to the program's folder. A path
 // with a zero byte is refused. Any thread may call it; a call blocks on the disk.
 class FileManager {
@@ -51,8 +52,8 @@ class FileManager {
 
   // Replaces the file at `destination`, which must not be a folder, by a copy of a regular file
   // (`source` may be a symbolic link). At any moment either the old or the whole new content is
-  // there. At first only the owner can access the copy. Then it gets the source's owner, group,
-  // permissions, and times of access and change; if that fails, it is an error and the copy stays.
+  // there. The copy has the source's owner, group, permissions, and times of access and change from
+  // the beginning; if it can't get them, that is an error, and the copy stays with what it has.
   virtual Result<void, NSError> overwriteWithCopy(std::string_view source,
                                                   std::string_view destination) = 0;
 

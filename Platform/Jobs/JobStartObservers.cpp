@@ -20,10 +20,10 @@ std::unique_ptr<RunLoopHandle> JobStartObservers::add(Jobs::StartObserver observ
   return std::make_unique<Handle>(std::move(shared));
 }
 
-void JobStartObservers::report(std::string_view label) {
+void JobStartObservers::report(std::string_view label, Jobs::Start start) {
   // A copy, because observers may add others.
   for (const auto& known : std::vector(observers_)) {
-    if (const auto observer = known.lock()) (*observer)(label);
+    if (const auto observer = known.lock()) (*observer)(label, start);
   }
 }
 

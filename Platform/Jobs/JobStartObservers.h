@@ -16,7 +16,7 @@ class JobStartObservers {
   [[nodiscard]] std::unique_ptr<RunLoopHandle> add(Jobs::StartObserver observer);
 
   // Calls all, in the order of adding. An observer that is dropped before its turn is not called.
-  void report(std::string_view label);
+  void report(std::string_view label, Jobs::Start start);
 
   bool empty() const;
 

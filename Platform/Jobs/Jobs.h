@@ -26,7 +26,9 @@ enum class LaunchdError : int {
   kNoSuchJob = 6,      // no job has this label
   kUnavailable = 7,    // the job host can't be reached
   kInvalidJob = 10,    // an impossible dictionary; the text names label and key
-  kHostIsFull = 12,    // the host takes no further job until another one is removed
+  // The program is not the file that the dictionary says was verified. Verify it, and submit again.
+  kProgramChanged = 11,
+  kHostIsFull = 12,  // the host takes no further job until another one is removed
 };
 
 // The seconds that a job gets to end if its dictionary has no "ExitTimeOut".
@@ -84,9 +86,14 @@ class Jobs {
   virtual void removeJob(std::string_view domain, std::string_view label,
                          const AuthorizationRef* authorization, Removed removed) = 0;
 
-  using StartObserver = std::move_only_function<void(std::string_view label)>;
+  enum class Start {
+    kStarted,
+    kProgramChanged,  // not started, because its program is not the verified file any more
+  };
+  using StartObserver = std::move_only_function<void(std::string_view label, Start start)>;
 
-  // Calls `observer` after the host has started a process of any job, also after a throttle: on the
+  // Calls `observer` after the host has started a process of any job, also after a throttle, and
+  // after it could not do so because the job's program has changed: on the
   // run loop, never from inside a call of this object, and once for several starts of one job that
   // happen before the loop turns. Destroying the handle ends that. Starts are lost while no host is
   // connected (the observer then waits for the next host by itself) and while this program does not
@@ -94,10 +101,17 @@ class Jobs {
   [[nodiscard]] virtual std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) = 0;
 };
 
+// The key of a job whose program was verified: a string, textOfVerifiedFile(). Each process of the
+// job executes this very file, unchanged, or is not started.
+inline constexpr char kJobVerifiedProgramKey[] = "VerifiedProgram";
+
 // The keys of a copy that say how the job is; the rest is the dictionary as it was submitted.
 inline constexpr char kJobProcessKey[] = "PID";
 inline constexpr char kJobLastStatusKey[] = "LastExitStatus";
 inline constexpr char kJobLastStatusUnknownKey[] = "LastExitStatusUnknown";  // true
+// True: the job could not be started, because its program is not the verified file any more. It
+// waits for a submission.
+inline constexpr char kJobProgramChangedKey[] = "ProgramHasChanged";
 
 // A dictionary with the starts and ends of the label's processes (Platform/Jobs/JobHistory.h), and
 // its keys: the date from which the host counts, three numbers, and an array with a dictionary for

@@ -17,8 +17,8 @@ namespace platform {
 TEST_P(JobsContract, AStartIsReported) {
   EXPECT_TRUE(copy().isNil());  // connects
   std::vector<std::string> started;
-  const auto observation =
-      jobs_.observeStarts([&](std::string_view label) { started.emplace_back(label); });
+  const auto observation = jobs_.observeStarts(
+      [&](std::string_view label, Jobs::Start) { started.emplace_back(label); });
   submit(job(machine_->program()));
   EXPECT_EQ(started.size(), 0u);  // never from inside a call
   machine_->runUntil([&] { return !started.empty(); });
@@ -29,7 +29,8 @@ TEST_P(JobsContract, ARestartIsReported) {
   submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   const ProcessId first = process();
   ProcessId reported = first;
-  const auto observation = jobs_.observeStarts([&](std::string_view) { reported = process(); });
+  const auto observation =
+      jobs_.observeStarts([&](std::string_view, Jobs::Start) { reported = process(); });
   ASSERT_EQ(process(), first);  // The host gets requests in order, so it has the subscription.
   machine_->kill(kLabel, first);
   machine_->runUntil([&] { return reported != first; });
@@ -38,8 +39,9 @@ TEST_P(JobsContract, ARestartIsReported) {
 TEST_P(JobsContract, ADroppedObserverIsNotCalled) {
   submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   std::string first, second;
-  auto dropped = jobs_.observeStarts([&](std::string_view label) { first = label; });
-  const auto kept = jobs_.observeStarts([&](std::string_view label) { second = label; });
+  auto dropped = jobs_.observeStarts([&](std::string_view label, Jobs::Start) { first = label; });
+  const auto kept =
+      jobs_.observeStarts([&](std::string_view label, Jobs::Start) { second = label; });
   dropped.reset();
   machine_->kill(kLabel, process());
   machine_->runUntil([&] { return !second.empty(); });
@@ -49,12 +51,14 @@ TEST_P(JobsContract, ADroppedObserverIsNotCalled) {
 TEST_P(JobsContract, AnObserverMayEndItself) {
   submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   int calls = 0;
-  std::unique_ptr<RunLoopHandle> observation = jobs_.observeStarts([&](std::string_view) {
-    ++calls;
-    observation.reset();
-  });
+  std::unique_ptr<RunLoopHandle> observation =
+      jobs_.observeStarts([&](std::string_view, Jobs::Start) {
+        ++calls;
+        observation.reset();
+      });
   std::string other;
-  const auto kept = jobs_.observeStarts([&](std::string_view label) { other = label; });
+  const auto kept =
+      jobs_.observeStarts([&](std::string_view label, Jobs::Start) { other = label; });
   for (int i = 0; i < 2; ++i) {
     other.clear();
     machine_->kill(kLabel, process());
@@ -66,7 +70,7 @@ TEST_P(JobsContract, AnObserverMayEndItself) {
 TEST_P(JobsContract, ObserversSurviveARestartOfTheHost) {
   submit(job(machine_->program(), {{"ThrottleInterval", 0}}));
   int reports = 0;
-  const auto observation = jobs_.observeStarts([&](std::string_view) { ++reports; });
+  const auto observation = jobs_.observeStarts([&](std::string_view, Jobs::Start) { ++reports; });
   machine_->kill(kLabel, process());
   machine_->runUntil([&] { return reports > 0; });
   machine_->runBriefly();

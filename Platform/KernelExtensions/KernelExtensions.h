@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cerrno>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Values/Dictionary.h"
@@ -14,6 +17,9 @@ inline constexpr char kOSBundlePathKey[] = "OSBundlePath";  // of the extension'
 // Only for a user-space extension: 0 while it has no process, because it crashed and will be
 // restarted.
 inline constexpr char kOSBundleProcessKey[] = "PID";
+
+// The label of the job of a user-space extension: this, and the extension's identifier.
+inline constexpr std::string_view kExtensionJobPrefix = "kext.";
 
 // The system's extensions: bundles NAME.kext in Library/Extensions of the platform root, or in the
 // program's own resources, identified by their "CFBundleIdentifier". If the Info.plist has a
@@ -32,7 +38,8 @@ class KernelExtensions {
   virtual Result<std::string> KextManagerCreateURLForBundleIdentifier(
       const std::string& identifier) = 0;
 
-  // Checks the signature of the extension as loading would. Loads nothing.
+  // Checks the signature of the extension as loading would. Loads nothing. Fails with kDenied if
+  // the signature is not valid; see isUnchecked().
   virtual Result<void> OSKextAuthenticate(const std::string& identifier) = 0;
 
   // Loads the extension after checking its signature. Also succeeds if it is loaded. In either case
@@ -51,6 +58,15 @@ class KernelExtensions {
   // extension is loaded (isKextUnknown()).
   virtual Dictionary KextManagerCopyLoadedKextInfo(const std::vector<std::string>& identifiers) = 0;
 };
+
+// The failure of a check that could not be made, for lack of descriptors for instance. It says
+// nothing about the extension, and a later check may succeed.
+inline Error uncheckedExtension(std::string reason) {
+  return {ErrorCode::kSystem, EAGAIN, std::move(reason)};
+}
+inline bool isUnchecked(const Error& failure) {
+  return failure.code == ErrorCode::kSystem && failure.osError == EAGAIN;
+}
 
 // Whether this entry of KextManagerCopyLoadedKextInfo() means that the state is unknown.
 inline bool isKextUnknown(const Value& information) {

@@ -13,6 +13,7 @@ enum class ErrorCode {
   kDenied,     // not permitted, or not trusted
   kInvalid,    // malformed input
   kExhausted,  // out of descriptors, memory, space, or over one of our limits
+  kChanged,    // another object than the one that was meant is in its place
   kSystem,     // any other failure of a system call, see `osError`
 };
 

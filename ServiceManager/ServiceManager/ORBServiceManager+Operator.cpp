@@ -30,6 +30,7 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .timers = timers_.dueTimes(),
           .kextsLoaded = extensions_.kextsLoaded(),
           .work = enforcement_.work(),
+          .unchecked = rechecks_.waiting(),
           .extensionFailures = extensions_.failures(),
           .askedSources = settings_.askedSources()};
 }

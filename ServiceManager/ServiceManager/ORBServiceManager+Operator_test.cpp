@@ -107,6 +107,7 @@ TEST_F(OperatorTest, AServicesFactsCoverItsEvaluation) {
   EXPECT_EQ(facts[kFactProgram], Value("/opt/app/agent"));
   EXPECT_EQ(facts[kFactProgramExists], Value(true));
   EXPECT_EQ(facts[kFactProgramIsIntact], Value(true));
+  EXPECT_EQ(facts[kFactProgramProtection], Value("re-check"));
   EXPECT_EQ(facts[kFactJob]["PID"], Value(process(kAgent)));
   EXPECT_EQ(facts[kFactJob]["History"]["Starts"], Value(1));
   EXPECT_EQ(facts[kFactHealth], Value());  // This product keeps none.

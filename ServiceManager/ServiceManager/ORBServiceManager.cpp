@@ -265,8 +265,13 @@ void ORBServiceManager::observeSettings() {
   observations_.push_back(
       platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
   platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
-  jobStarts_ = platform_.jobs.observeStarts(
-      [this](std::string_view label) { enforcement_.jobHasStarted(std::string(label)); });
+  jobStarts_ = platform_.jobs.observeStarts([this](std::string_view label, Jobs::Start start) {
+    if (start == Jobs::Start::kStarted) return enforcement_.jobHasStarted(std::string(label));
+    if (label.starts_with(kExtensionJobPrefix)) {
+      return extensions_.programHasChanged(label.substr(kExtensionJobPrefix.size()));
+    }
+    enforcement_.programHasChanged(std::string(label));
+  });
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {

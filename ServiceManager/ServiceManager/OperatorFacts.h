@@ -68,10 +68,14 @@ inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this s
 inline constexpr char kFactProgram[] = "Program";  // its path; absent: the service has no job
 inline constexpr char kFactProgramExists[] = "ProgramExists";
 inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
-inline constexpr char kFactProgramIsUnchecked[] = "ProgramIsUnchecked";  // instead: it can't be
+// * Instead: it can't be checked now, and is checked again.
+inline constexpr char kFactProgramIsUnchecked[] = "ProgramIsUnchecked";
 inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, or can't be checked
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
-// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History".
+// A word of CodeProtection: what keeps an intact program as it was when it was verified.
+inline constexpr char kFactProgramProtection[] = "ProgramProtection";
+// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History",
+// "ProgramHasChanged".
 // Absent if there is no job, or if the host does not answer. "jobsOfServices:" answers with this
 // and the next.
 inline constexpr char kFactJob[] = "Job";

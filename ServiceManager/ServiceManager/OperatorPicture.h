@@ -29,6 +29,7 @@ struct OperatorPicture {
   EvaluationTimers::DueTimes timers = {};
   std::set<std::string> kextsLoaded = {};
   std::map<std::string, ServiceEnforcement::Work, std::less<>> work = {};
+  std::set<std::string, std::less<>> unchecked = {};  // the services whose program is checked again
   ExtensionControl::Failures extensionFailures = {};
   std::map<std::string, AskedSource> askedSources = {};
   platform::Value healthRecord = {};  // nil if the product keeps none

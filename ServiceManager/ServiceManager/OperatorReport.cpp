@@ -125,6 +125,7 @@ void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture&
     facts.set(kFactActivity, wordOf(work->second.activity));
     facts.set(kFactActivityFor, inSeconds(-until(work->second.since)));
   }
+  if (picture.unchecked.contains(label)) facts.set(kFactProgramIsUnchecked, true);
   if (Array failed = failedExtensions(picture, label); !failed.empty()) {
     facts.set(kFactFailedExtensions, std::move(failed));
   }
@@ -183,6 +184,7 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
+  facts.remove(kFactProgramIsUnchecked);  // It is checked now.
   const auto [state, verdict] = checkProgram(*program, environment_.files, environment_.validator);
   situation.program = state;
   facts.set(kFactProgramExists, state != ProgramState::kMissing);
@@ -194,6 +196,9 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
   }
   if (!verdict.isIntact()) facts.set(kFactProgramFault, verdict.reason);
   if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
+  if (!verdict.isIntact()) return;
+  const auto protection = environment_.validator.protectionOf(*program);
+  if (protection) facts.set(kFactProgramProtection, protectionWord(*protection));
 }
 
 ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
@@ -204,8 +209,8 @@ ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view 
     return ServiceJobState::kUnknown;
   }
   Dictionary state;
-  for (const char* key :
-       {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey, kJobHistoryKey, kJobTreeKey}) {
+  for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey,
+                          kJobProgramChangedKey, kJobHistoryKey, kJobTreeKey}) {
     setIfKnown(state, key, job[key]);
   }
   facts.set(kFactJob, std::move(state));

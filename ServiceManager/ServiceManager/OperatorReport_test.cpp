@@ -35,6 +35,7 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
             .records = records_,
             .timers = timers_.dueTimes(),
             .work = enforcement_.work(),
+            .unchecked = rechecks_.waiting(),
             .extensionFailures = control_.failures()};
   }
 };
@@ -47,6 +48,15 @@ TEST_F(OperatorReportTest, TheOverviewHasEachServiceWithItsMarks) {
   EXPECT_EQ(overview[kFactServices].dictionary()->size(), 3u);
   EXPECT_EQ(overview[kFactServices][kHelper][kFactIsStopped], Value(true));
   EXPECT_EQ(overview[kFactServices][kAgent][kFactIsStopped], Value(false));
+}
+
+TEST_F(OperatorReportTest, TheOverviewSaysWhichProgramsCannotBeChecked) {
+  rechecks_.couldNotCheck(kAgent);
+  const Value services = report_.overview(picture())[kFactServices];
+  EXPECT_EQ(services[kAgent][kFactProgramIsUnchecked], Value(true));
+  EXPECT_EQ(services[kHelper][kFactProgramIsUnchecked], Value());
+  // The report about one service checks its program itself.
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactProgramIsUnchecked], Value());
 }
 
 TEST_F(OperatorReportTest, PagesHaveTheServicesInTheCataloguesOrder) {

@@ -17,10 +17,12 @@ using namespace std::chrono_literals;
 constexpr Duration kUnloadTime = 1s;
 constexpr Duration kUnloadPause = 200ms;
 constexpr Duration kReloadEvaluationDelay = 5s;
+constexpr Duration kUncheckedPause = 5s;
 
 // Empty if the outcome is no failure, or the next step may repair it.
 std::string_view failedStep(KextLoadingState state, KextLoadingOutcome outcome) {
   if (outcome == KextLoadingOutcome::kRejected) return kKextIsRejected;
+  if (outcome == KextLoadingOutcome::kNotYet) return kKextIsUnchecked;
   if (outcome != KextLoadingOutcome::kFailed) return {};
   switch (state) {
     case KextLoadingState::kConfigure:
@@ -95,6 +97,18 @@ void ExtensionControl::startNext(std::shared_ptr<Start> start) {
 void ExtensionControl::forgetExtensionsOf(const std::string& label) {
   for (const std::string& name : environment_.catalogue.extensionsOf(label)) {
     kextsLoaded_.erase(name);
+  }
+}
+
+void ExtensionControl::programHasChanged(std::string_view identifier) {
+  const Value& extensions = environment_.catalogue.extensions();
+  if (!extensions.dictionary()) return;
+  for (const auto& [name, entry] : *extensions.dictionary()) {
+    if (environment_.catalogue.extensionIdentifier(name) != identifier) continue;
+    kextsLoaded_.erase(name);
+    for (const std::string& label : environment_.catalogue.daemonsUsingKext(name)) {
+      environment_.evaluateLater(label, Duration::zero());
+    }
   }
 }
 
@@ -177,6 +191,13 @@ void ExtensionControl::stopServicesAndUnload(const LoadPointer& load) {
   }
 }
 
+// The services that run go on, the others are not started before the extension can be checked.
+void ExtensionControl::retryLater(const std::string& name) {
+  for (const std::string& label : environment_.catalogue.daemonsUsingKext(name)) {
+    environment_.evaluateLater(label, kUncheckedPause);
+  }
+}
+
 void ExtensionControl::end(LoadPointer load) {
   loads_.erase(load->name);
   load->work.closeSocket();
@@ -188,6 +209,7 @@ void ExtensionControl::end(LoadPointer load) {
     failures_.erase(load->name);
   } else {
     failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
+    if (load->failedStep == kKextIsUnchecked) retryLater(load->name);
   }
   for (Done& done : load->callers) done(isLoaded);
 }

@@ -49,6 +49,11 @@ class ExtensionControl {
   void forgetExtensionsOf(const std::string& label);
   void forgetAll() { kextsLoaded_.clear(); }
 
+  // The job host did not start the extension's process, because its program is not the verified
+  // file any more. The services that use it are evaluated, which loads
+  // the new file.
+  void programHasChanged(std::string_view identifier);
+
   // Loads an extension unless it is loaded, and configures it. If it has to be unloaded for that,
   // the services that use it are stopped, and evaluated again 5 seconds later. `done` is called
   // later on the loop. If the extension is being loaded already, this call gets the same result.
@@ -78,6 +83,7 @@ class ExtensionControl {
   void actOnWorker(const LoadPointer& load, Action action);
   void finish(const LoadPointer& load, KextLoadingOutcome outcome);
   void stopServicesAndUnload(const LoadPointer& load);
+  void retryLater(const std::string& name);
   void end(LoadPointer load);
 
   const Environment environment_;
@@ -93,3 +99,4 @@ inline constexpr std::string_view kKextIsRejected = "isRejected";  // its versio
 inline constexpr std::string_view kKextIsNotConfigured = "isNotConfigured";
 inline constexpr std::string_view kKextIsNotLoaded = "isNotLoaded";
 inline constexpr std::string_view kKextIsNotUnloaded = "isNotUnloaded";
+inline constexpr std::string_view kKextIsUnchecked = "isUnchecked";  // its signature; it is retried

@@ -75,9 +75,10 @@ KextLoadingOutcome ExtensionLoad::configure() {
 }
 
 KextLoadingOutcome ExtensionLoad::load() {
-  return successOrFailure(
-      environment_.extensions.loader.KextManagerLoadKextWithIdentifier(identifier_.value_or(""), {})
-          .has_value());
+  const auto loaded = environment_.extensions.loader.KextManagerLoadKextWithIdentifier(
+      identifier_.value_or(""), {});
+  if (!loaded && isUnchecked(loaded.error())) return KextLoadingOutcome::kNotYet;
+  return successOrFailure(loaded.has_value());
 }
 
 KextLoadingOutcome ExtensionLoad::unload() { return successOrFailure(unloadKextWithIdentifier()); }

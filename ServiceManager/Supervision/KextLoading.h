@@ -17,7 +17,7 @@ enum class KextLoadingOutcome {
   kSucceeded,
   kFailed,    // in kUnload: not within its deadline
   kRejected,  // in kConnect and kConfigure: it answers, but can't be used as it is
-  kNotYet,    // in kUnload: try again
+  kNotYet,    // in kUnload: try again; in kLoad: its signature can't be checked now
 };
 
 // An outcome that can't happen in a state leads to kFailed; a final state stays as it is. kConnect

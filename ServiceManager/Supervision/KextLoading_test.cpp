@@ -23,6 +23,7 @@ ARROW(AConfiguredExtensionIsDone, kConfigure, kSucceeded, kDone)
 ARROW(OneThatDoesNotTakeItsOptionsIsUnloaded, kConfigure, kRejected, kUnload)
 ARROW(ALoadedExtensionIsConnectedTo, kLoad, kSucceeded, kConnect)
 ARROW(OneThatCannotBeLoadedIsUnloaded, kLoad, kFailed, kUnload)
+ARROW(OneThatCannotBeCheckedIsNotUnloaded, kLoad, kNotYet, kFailed)
 ARROW(AnUnloadedExtensionIsReloaded, kUnload, kSucceeded, kReload)
 ARROW(OneThatIsNotUnloadedYetIsUnloadedAgain, kUnload, kNotYet, kUnload)
 ARROW(OneThatIsNotUnloadedInTimeHasFailed, kUnload, kFailed, kFailed)
@@ -44,7 +45,6 @@ TEST(KextLoadingTest, AnImpossibleOutcomeIsAFailure) {
                                        {State::kConfigure, Outcome::kFailed},
                                        {State::kConfigure, Outcome::kNotYet},
                                        {State::kLoad, Outcome::kRejected},
-                                       {State::kLoad, Outcome::kNotYet},
                                        {State::kUnload, Outcome::kRejected},
                                        {State::kReload, Outcome::kRejected},
                                        {State::kReload, Outcome::kNotYet}}) {

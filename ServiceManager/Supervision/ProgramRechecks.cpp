@@ -19,6 +19,23 @@ void ProgramRechecks::hasChecked(const std::string& label) {
   for (auto& [other, waiting] : waiting_) checkAfter(other, waiting, Duration::zero());
 }
 
+void ProgramRechecks::wasRefused(const std::string& label) {
+  Duration& pause = refusals_[label];
+  pause = nextRecheckPause(pause);
+  checkAfter(label, waiting_[label], pause);
+}
+
+void ProgramRechecks::forget(const std::string& label) {
+  waiting_.erase(label);
+  refusals_.erase(label);
+}
+
+std::set<std::string, std::less<>> ProgramRechecks::waiting() const {
+  std::set<std::string, std::less<>> labels;
+  for (const auto& [label, waiting] : waiting_) labels.insert(label);
+  return labels;
+}
+
 void ProgramRechecks::checkAfter(const std::string& label, Waiting& waiting, Duration delay) {
   waiting.timer =
       runLoop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, label] { check_(label); });

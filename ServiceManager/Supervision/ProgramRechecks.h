@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "Platform/RunLoops/RunLoop.h"
@@ -27,6 +28,17 @@ class ProgramRechecks {
   // The check of the service's program has given a verdict, or the service has no program.
   void hasChecked(const std::string& label);
 
+  // The job host has refused the program, which was found valid, because it is another file by now,
+  // or has accepted it. The pause grows with every refusal in a row.
+  void wasRefused(const std::string& label);
+  void wasAccepted(const std::string& label) { refusals_.erase(label); }
+
+  // The service is stopped, so its program need not be checked.
+  void forget(const std::string& label);
+
+  // The services that wait for another check.
+  std::set<std::string, std::less<>> waiting() const;
+
  private:
   struct Waiting {
     platform::Duration pause{};
@@ -37,6 +49,7 @@ class ProgramRechecks {
   platform::RunLoop& runLoop_;
   const Check check_;
   std::map<std::string, Waiting> waiting_;
+  std::map<std::string, platform::Duration> refusals_;  // the last pause
 };
 
 // The pause after one more failure.

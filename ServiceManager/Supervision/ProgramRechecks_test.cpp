@@ -55,4 +55,36 @@ TEST_F(ProgramRechecksTest, AProgramThatWasCheckedIsNotCheckedAgain) {
   EXPECT_THAT(checked_, IsEmpty());
 }
 
+TEST_F(ProgramRechecksTest, ThePauseGrowsWithEveryRefusal) {
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  EXPECT_EQ(checked_.size(), 1u);
+  rechecks_.hasChecked("a");  // It is valid, and refused again.
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(2 * ProgramRechecks::kFirstPause - 1ns);
+  EXPECT_EQ(checked_.size(), 1u);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(checked_.size(), 2u);
+  rechecks_.wasAccepted("a");
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  EXPECT_EQ(checked_.size(), 3u);
+}
+
+TEST_F(ProgramRechecksTest, AStoppedServiceIsNotCheckedAgain) {
+  rechecks_.couldNotCheck("a");
+  rechecks_.wasRefused("b");
+  rechecks_.forget("a");
+  rechecks_.forget("b");
+  loop_.advanceBy(1min);
+  EXPECT_THAT(checked_, testing::IsEmpty());
+}
+
+TEST_F(ProgramRechecksTest, TheWaitingServicesAreKnown) {
+  rechecks_.couldNotCheck("a");
+  rechecks_.couldNotCheck("b");
+  rechecks_.hasChecked("b");
+  EXPECT_THAT(rechecks_.waiting(), testing::ElementsAre("a"));
+}
+
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
-#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -110,7 +109,7 @@ void ServiceEnforcement::checkWithJob(const std::string& label, const JobStatus&
 
 void ServiceEnforcement::checkRunningService(const std::string& label, const Value& jobInfo,
                                              const JobStatus& known) {
-  const ProgramState program = programState(label, jobInfo);
+  const ProgramState program = programOf(label, jobInfo).state;
   if (program == ProgramState::kMissing || program == ProgramState::kDamaged) {
     logDamagedProgram(label);
     reportUnready(label);
@@ -178,28 +177,28 @@ void ServiceEnforcement::launchService(const std::string& label, bool firstTime,
 
 void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, bool firstTime,
                                 LaunchAnswer answer) {
-  const ProgramState program = programState(label, jobInfo);
-  if (program == ProgramState::kMissing) {
+  const ProgramCheck program = programOf(label, jobInfo);
+  if (program.state == ProgramState::kMissing) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Cannot find program path for service: %@", label));
     answer({});
     return;
   }
-  if (program == ProgramState::kDamaged) {
+  if (program.state == ProgramState::kDamaged) {
     logDamagedProgram(label);
     answer({});
     if (!firstTime) removeDamaged(label);
     return;
   }
-  if (program == ProgramState::kUnknown) {
+  if (program.state == ProgramState::kUnknown) {
     answer({});
     return;
   }
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Starting up service %@", label));
   const std::uint64_t request = services_.contains(label) ? services_[label].request : 0;
   environment_.extensions.startAssociatedSystemExtensions(
-      label,
-      [this, label, request, jobInfo, answer = std::move(answer)](bool areConfigured) mutable {
+      label, [this, label, request, job = jobOfVerifiedProgram(jobInfo, program),
+              answer = std::move(answer)](bool areConfigured) mutable {
         if (request != 0 && !isCurrent(label, request)) return;
         if (!areConfigured) {
           vantorlogger2_line(ASL_LEVEL_DEBUG,
@@ -208,21 +207,25 @@ void ServiceEnforcement::launch(const std::string& label, const Value& jobInfo, 
           return;
         }
         advance(label, ServiceEvent::kExtensionsAreDone);
-        submit(label, jobInfo, std::move(answer));
+        submit(label, job, std::move(answer));
       });
 }
 
 // The answer is dropped if the service is stopped meanwhile. Its removal follows the submission
 // then, since the job host takes the requests for one label in their order.
-void ServiceEnforcement::submit(const std::string& label, const Value& jobInfo,
-                                LaunchAnswer answer) {
+void ServiceEnforcement::submit(const std::string& label, const Value& job, LaunchAnswer answer) {
   advance(label, ServiceEvent::kJobIsSent);
   environment_.jobs.submitJobRequest(
-      jobInfo, kSMDomainSystemLaunchd,
+      job, kSMDomainSystemLaunchd,
       [this, label, answer = std::move(answer)](const auto& submitted) mutable {
-        if (submitted) return environment_.jobs.copyJob(label, std::move(answer));
-        vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Unable to load %@.\n%@", label,
-                                                           submitted.error().value_or(NSError{})));
+        if (submitted) {
+          environment_.rechecks.wasAccepted(label);
+          return environment_.jobs.copyJob(label, std::move(answer));
+        }
+        const NSError refusal = submitted.error().value_or(NSError{});
+        vantorlogger2_line(ASL_LEVEL_ERR,
+                           stringWithFormat("Unable to load %@.\n%@", label, refusal));
+        if (hasProgramChanged(refusal)) environment_.rechecks.wasRefused(label);
         answer({});
       });
 }
@@ -286,6 +289,16 @@ void ServiceEnforcement::jobHasStarted(const std::string& label) {
   environment_.exits.lookForProcess(label);
 }
 
+void ServiceEnforcement::programHasChanged(const std::string& label) {
+  if (environment_.catalogue.jobInfo(label).isNil()) return;
+  if (activityOf(label) != ServiceActivity::kAwaitsProcess) {
+    return environment_.rechecks.wasRefused(label);
+  }
+  environment_.exits.endSearch(label);
+  advance(label, ServiceEvent::kJobIsLost);
+  check(label);
+}
+
 void ServiceEnforcement::jobHostHasReturned() {
   std::vector<std::string> labels;
   for (const auto& [label, service] : services_) labels.push_back(label);
@@ -295,100 +308,18 @@ void ServiceEnforcement::jobHostHasReturned() {
   }
 }
 
-// Making it stop.
-
-void ServiceEnforcement::enforceShutdownForService(const std::string& label, StopAnswer answer) {
-  beginStop(label);
-  const ServiceStep step = advance(label, ServiceEvent::kStop);
-  if (answer) services_[label].stops.push_back(std::move(answer));
-  if (step != ServiceStep::kJoin) remove(label);
-}
-
-// The stop is reported before the job is removed, so that its end does not count as a crash.
-void ServiceEnforcement::beginStop(const std::string& label) {
-  environment_.extensions.forgetExtensionsOf(label);
-  if (environment_.health) environment_.health->reportStopForService(label);
-  environment_.records.trackServiceForRespawn(label, false);
-}
-
-void ServiceEnforcement::stopForExtension(const std::string& label, StopAnswer answer) {
-  if (activityOf(label) != ServiceActivity::kConfiguresExtensions) {
-    enforceShutdownForService(label, std::move(answer));
-    return;
-  }
-  beginStop(label);
-  services_[label].hasLostItsJob = true;
-  removeJobIfAny(label, std::move(answer));
-}
-
-void ServiceEnforcement::removeDamaged(const std::string& label) {
-  const ServiceStep step = advance(label, ServiceEvent::kProgramIsDamaged);
-  if (step == ServiceStep::kIgnore) return;  // It is being removed.
-  Service& service = services_[label];
-  service.blocks.clear();
-  service.request = ++lastRequest_;
-  environment_.exits.endSearch(label);
-  environment_.jobs.unloadJobFromLaunchD(
-      label, [this, label](const auto& removed) { jobIsRemoved(label, removed.has_value()); });
-}
-
-// Work on the service that was under way has no result any more.
-void ServiceEnforcement::remove(const std::string& label) {
-  services_[label].request = ++lastRequest_;
-  environment_.exits.endSearch(label);
-  removeJobIfAny(label, [this, label](bool hasStopped) { jobIsRemoved(label, hasStopped); });
-}
-
-// If the job host does not answer, there may be a job, and only a removal that succeeds ends it.
-void ServiceEnforcement::removeJobIfAny(const std::string& label, StopAnswer done) {
-  environment_.jobs.copyJob(label,
-                            [this, label, done = std::move(done)](const Value& copy) mutable {
-                              if (jobStatusIn(copy).presence != JobStatus::Presence::kAbsent) {
-                                removeJob(label, std::move(done));
-                              } else if (done) {
-                                done(true);
-                              }
-                            });
-}
-
-void ServiceEnforcement::removeJob(const std::string& label, StopAnswer done) {
-  environment_.jobs.unloadJobFromLaunchD(
-      label, [label, done = std::move(done)](const auto& removed) mutable {
-        if (removed) {
-          vantorlogger2_line(ASL_LEVEL_DEBUG,
-                             stringWithFormat("Did enforce shutdown for service: %@", label));
-        } else {
-          vantorlogger2_line(ASL_LEVEL_ERR,
-                             stringWithFormat("Unable to unload %@.\n%@", label, removed.error()));
-        }
-        if (done) done(removed.has_value());
-      });
-}
-
-void ServiceEnforcement::jobIsRemoved(const std::string& label, bool hasStopped) {
-  const ServiceStep step = advance(label, ServiceEvent::kJobIsRemoved);
-  std::vector<StopAnswer> stops = std::exchange(services_[label].stops, {});
-  if (step == ServiceStep::kEndAndCheck) {
-    check(label);
-  } else {
-    services_.extract(label);
-  }
-  for (StopAnswer& answer : stops) answer(hasStopped);
-}
-
-ProgramState ServiceEnforcement::programState(const std::string& label,
-                                              const Value& jobInfo) const {
+ProgramCheck ServiceEnforcement::programOf(const std::string& label, const Value& jobInfo) const {
   const MainThreadWork::Scope scope(environment_.mainThreadWork, kWorkChecksProgram, label);
   const std::string& path = *jobInfo["Program"].string();
-  const ProgramState state = checkProgram(path, environment_.files, environment_.validator).state;
-  if (state == ProgramState::kUnknown) {
+  ProgramCheck program = checkProgram(path, environment_.files, environment_.validator);
+  if (program.state == ProgramState::kUnknown) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Program file for %@ can't be checked now", label));
     environment_.rechecks.couldNotCheck(label);
   } else {
     environment_.rechecks.hasChecked(label);
   }
-  return state;
+  return program;
 }
 
 bool ServiceEnforcement::checkOSSupportForService(const std::string& label) const {

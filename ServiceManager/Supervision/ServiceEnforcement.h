@@ -22,6 +22,7 @@
 #include "ServiceManager/Supervision/ProgramRechecks.h"
 #include "ServiceManager/Supervision/ServiceActivity.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
+#include "ServiceManager/Supervision/ServiceProgram.h"
 #include "Shared/ORBSigningValidator.h"
 
 // Makes one service run and be watched, or makes it stop. The decision has been made before. The
@@ -78,6 +79,9 @@ class ServiceEnforcement {
   // looked for may be there.
   void jobHasStarted(const std::string& label);
   void jobHostHasReturned();
+  // The job host did not start a process of the job, because the program is not the verified file
+  // any more: it may have been replaced by an installer.
+  void programHasChanged(const std::string& label);
 
   // Whether this system is recent enough for the service.
   bool checkOSSupportForService(const std::string& label) const;
@@ -121,7 +125,7 @@ class ServiceEnforcement {
                            const platform::JobStatus& known);
   void launch(const std::string& label, const platform::Value& jobInfo, bool firstTime,
               LaunchAnswer answer);
-  void submit(const std::string& label, const platform::Value& jobInfo, LaunchAnswer answer);
+  void submit(const std::string& label, const platform::Value& job, LaunchAnswer answer);
   void awaitProcess(const std::string& label, const platform::JobStatus& job,
                     bool areExtensionsConfigured);
   void checkIfJobIsLost(const std::string& label, const platform::JobStatus& known);
@@ -135,7 +139,7 @@ class ServiceEnforcement {
   void removeJobIfAny(const std::string& label, StopAnswer done);
   void removeJob(const std::string& label, StopAnswer done);
   void jobIsRemoved(const std::string& label, bool hasStopped);
-  ProgramState programState(const std::string& label, const platform::Value& jobInfo) const;
+  ProgramCheck programOf(const std::string& label, const platform::Value& jobInfo) const;
 
   const Environment environment_;
   std::map<std::string, Service> services_;  // those with which something goes on

@@ -84,8 +84,9 @@ TEST_F(ServiceWaitsTest, ASecondRequestJoinsTheFirst) {
 // The looks would come after four and six seconds.
 TEST_F(ServiceWaitsTest, AStartThatTheHostReportsIsLookedAtAtOnce) {
   endAgent(5);
-  const auto starts = jobs_.observeStarts(
-      [this](std::string_view label) { enforcement_.jobHasStarted(std::string(label)); });
+  const auto starts = jobs_.observeStarts([this](std::string_view label, Jobs::Start) {
+    enforcement_.jobHasStarted(std::string(label));
+  });
   run(kAgent);
   loop_.advanceBy(5s);
   EXPECT_EQ(agent(), ServiceActivity::kNothing);

@@ -21,6 +21,10 @@ inline constexpr std::int64_t kORBSystemMajorNumber11ElCapitan = 15;
 // The product's extensions of the process-information object: the machine's release, and facts
 // about processes and users. Nothing is cached or logged; any thread. Missing processes and users,
 // and texts that aren't UTF-8, are nil.
+//
+// Programs here use the number and the text of the release, osVersion(), osVersionString() and
+// isMacOSX7OrAbove(). The rest is kept for the other programs of the product, which link this
+// library.
 namespace NSProcessInfo::Extensions {
 
 using platform::OperatingSystemVersion;

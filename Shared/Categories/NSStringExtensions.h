@@ -8,6 +8,9 @@
 // Questions about texts. Every text is UTF-8; `std::nullopt` is nil, for which every predicate but
 // isNilOrEmpty() and isNilOrWhiteSpace() is false. An ill-formed byte has no property and equals
 // only itself. Any thread; time is linear in the texts.
+//
+// Programs here use isNilOrWhiteSpace(), boolValueFor() and isCaseInsensitiveEqualToString(). The
+// rest is kept for the other programs of the product, which link this library.
 namespace NSStringExtensions {
 
 // Methods of the class.

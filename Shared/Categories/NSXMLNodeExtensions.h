@@ -1,5 +1,7 @@
 #pragma once
 
+// Kept for the other programs of the product, which link this library. No program here uses it.
+
 #include <optional>
 #include <string_view>
 

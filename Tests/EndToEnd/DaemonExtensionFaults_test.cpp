@@ -101,6 +101,26 @@ TEST_F(DaemonExtensionFaults, AKilledExtensionGetsTheSecretAtTheNextStart) {
   EXPECT_TRUE(runs(0) && runs(1) && runs(2));
 }
 
+// Its services are stopped and started for it, which takes some seconds.
+using DaemonExtensionFaultsLong = DaemonExtensionFaults;
+
+TEST_F(DaemonExtensionFaultsLong, AReplacedExtensionIsLoadedAfterACrash) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther);
+  start();
+  const ProcessId before = extension(kOther);
+  installExtension(root_, kOther);
+  killAndAwait(before);
+  root_.await("the new extension", [&] {
+    const ProcessId now = extension(kOther);
+    return now != 0 && now != before;
+  });
+  const auto executed = "/proc/" + std::to_string(extension(kOther)) + "/exe";
+  EXPECT_TRUE(
+      std::filesystem::equivalent(executed, bundleOf(kOther) + "/Contents/Linux/extension"));
+  root_.await("its services", [&] { return runs(0) && runs(1); });
+}
+
 // Extensions outlive the daemon; the next daemon has another secret and does not know them.
 TEST_F(DaemonExtensionFaults, ARestartedDaemonSendsItsNewSecret) {
   installExtension(root_, kNetwork);

@@ -39,11 +39,6 @@ SigningOptions signing(const char* identifier) {
   return {identifier, std::chrono::sys_days{std::chrono::January / 1 / 2025}};
 }
 
-void sign(const std::string& program) {
-  const auto done = signProgram(program, CodeSigningBed::signer(), signing("com.vantor.test"));
-  EXPECT_TRUE(done) << describe(done.error());
-}
-
 std::string busAddress(const std::string& root) {
   return "unix:path=" + root + "/run/vantor/mach/" + DaemonRoot::kBus;
 }
@@ -186,6 +181,11 @@ void DaemonRoot::setCatalogueFile(const std::optional<std::string>& content) {
 void DaemonRoot::setProductFile(const std::optional<std::string>& content) {
   std::filesystem::remove(folder().path("opt/product.plist"));
   if (content) folder().write("opt/product.plist", *content);
+}
+
+void DaemonRoot::sign(const std::string& program) {
+  const auto done = signProgram(program, CodeSigningBed::signer(), signing("com.vantor.test"));
+  EXPECT_TRUE(done) << describe(done.error());
 }
 
 std::string DaemonRoot::daemonProgram() const {

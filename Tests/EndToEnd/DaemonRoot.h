@@ -68,6 +68,9 @@ class DaemonRoot {
   // The same for the product information.
   void setProductFile(const std::optional<std::string>& content);
 
+  // Signs a program with the key that the root trusts.
+  static void sign(const std::string& program);
+
   std::string daemonProgram() const;
   // Submits the daemon's job; `program` replaces the daemon and executes it in the end.
   void startDaemon(const std::optional<std::string>& program = std::nullopt);

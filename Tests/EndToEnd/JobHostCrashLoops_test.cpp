@@ -36,7 +36,7 @@ TEST(JobHostWithCrashLoops, AnswersAndStops) {
     ASSERT_TRUE(jobs.SMJobSubmit(kSMDomainSystemLaunchd, job, nullptr));
   }
   int starts = 0;
-  const auto observation = jobs.observeStarts([&](std::string_view) {
+  const auto observation = jobs.observeStarts([&](std::string_view, Jobs::Start) {
     const auto states = client.call(kCopyJobStatesMessage, {}, kAnswerTime);
     EXPECT_TRUE(states) << describe(states.error());
     if (++starts >= 64 || !states) loop->stop();

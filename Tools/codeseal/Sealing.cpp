@@ -64,6 +64,13 @@ Result<std::vector<std::string>> sealBundleAt(const std::string& path,
   return sealed;
 }
 
+// A folder that was named by mistake must not become a bundle with a seal.
+bool isBundle(const std::string& folder) {
+  std::error_code error;
+  return isBundleName(std::filesystem::path(folder).filename().string()) ||
+         std::filesystem::exists(folder + "/Info.plist", error);
+}
+
 // The error of work on a copy, about the bundle itself.
 Error aboutOriginal(Error error, const std::string& copy, const std::string& original) {
   for (std::size_t at = 0; (at = error.context.find(copy, at)) != std::string::npos;) {
@@ -99,7 +106,13 @@ Result<std::vector<std::string>> sealCode(const std::string& path, const Signing
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0, path + ": is a symbolic link; name the real path"});
   }
-  if (S_ISDIR(found->status.st_mode)) return sealBundle(path, identity, options, detached);
+  if (S_ISDIR(found->status.st_mode)) {
+    if (isBundle(path)) return sealBundle(path, identity, options, detached);
+    return std::unexpected(
+        Error{ErrorCode::kInvalid, 0,
+              path + ": is no bundle: it has neither the name of one (NAME.bundle, NAME.kext, "
+                     "NAME.app) nor an Info.plist"});
+  }
   if (auto done = sealFile(path, identity, options, detached); !done) {
     return std::unexpected(done.error());
   }

@@ -117,6 +117,18 @@ TEST_F(SealingTest, ABundleIsSealedAfterItsPrograms) {
   EXPECT_EQ(readProgramSignature(program)->identifier, "program");
 }
 
+TEST_F(SealingTest, AFolderThatIsNoBundleIsRefused) {
+  const auto identity = makeKeys();
+  bed_.folder().write("opt/text", "text");
+  const std::string folder = bed_.folder().path("opt");
+  const auto refused = sealCode(folder, identity, options(), false);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().context, testing::HasSubstr("opt: is no bundle"));
+  EXPECT_FALSE(std::filesystem::exists(folder + "/_CodeSignature"));
+  bed_.folder().write("opt/Info.plist", "<plist version=\"1.0\"><dict/></plist>");
+  EXPECT_TRUE(sealCode(folder, identity, options(), false));
+}
+
 TEST_F(SealingTest, ALinkIsRefusedAndItsBundleStaysValid) {
   const auto identity = makeKeys();
   const std::string bundle = bed_.makeBundle("X.bundle");

@@ -18,6 +18,7 @@
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Linux/CodeSigning/ProgramVerifier.h"
+#include "Platform/Linux/SystemFacts/PlatformRoot.h"
 #include "Tools/codeseal/Authority.h"
 #include "Tools/codeseal/Sealing.h"
 #include "Tools/codeseal/SignatureReport.h"
@@ -48,6 +49,12 @@ std::string realPath(const std::string& path) {
   if (!absolute.has_filename()) absolute = absolute.parent_path();  // The path ended with a slash.
   const auto folder = std::filesystem::canonical(absolute.parent_path(), error);
   return (error ? absolute : folder / absolute.filename()).string();
+}
+
+std::string ownRoot() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? "/" : platformRootOfExecutable(program.string()).value_or("/");
 }
 
 struct Arguments {
@@ -165,7 +172,7 @@ void describeCommands(CLI::App& app, Arguments& arguments) {
   auto* verify = app.add_subcommand("verify", "Check programs and bundles");
   verify->add_option("paths", arguments.paths, "What is to be checked")->required();
   verify->add_option("--root", arguments.root, "The platform root with the anchors")
-      ->default_str("/");
+      ->default_str("the one that this program lies in, else /");
   verify->add_flag("--why", arguments.why, "Tell each step that leads to the verdict");
   auto* show = app.add_subcommand("show", "Tell what signatures say, without checking them");
   show->add_option("paths", arguments.paths, "What is to be shown")->required();
@@ -188,6 +195,6 @@ int main(int argc, char** argv) {
   if (app.got_subcommand("make-keys")) return makeKeys(arguments);
   if (app.got_subcommand("sign")) return sign(arguments);
   if (app.got_subcommand("show")) return show(arguments);
-  if (arguments.root.empty()) arguments.root = "/";
+  if (arguments.root.empty()) arguments.root = ownRoot();
   return verify(arguments);
 }

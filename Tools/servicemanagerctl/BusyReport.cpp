@@ -46,6 +46,7 @@ std::string_view sentenceOfStep(std::string_view step) {
   if (step == kKextIsRejected) return "its version is too old";
   if (step == kKextIsNotConfigured) return "it could not be configured";
   if (step == kKextIsNotLoaded) return "it could not be loaded";
+  if (step == kKextIsUnchecked) return "its signature can't be checked now, and is checked again";
   if (step == kKextIsNotUnloaded) return "it could not be unloaded";
   return "the reason is not known";
 }

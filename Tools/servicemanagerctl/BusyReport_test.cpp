@@ -41,6 +41,10 @@ TEST(BusyReport, ExtensionsThatCannotBeUsedAreNamed) {
   EXPECT_EQ(failureOfExtension(
                 Dictionary{{kFactKextFailedStep, "isRejected"}, {kFactKextFailedAgo, 1.0}}),
             "the last start has failed 1.0 s ago: its version is too old");
+  EXPECT_EQ(failureOfExtension(
+                Dictionary{{kFactKextFailedStep, "isUnchecked"}, {kFactKextFailedAgo, 1.0}}),
+            "the last start has failed 1.0 s ago: its signature can't be checked now, and is "
+            "checked again");
   EXPECT_EQ(failureOfExtension(Dictionary()), "");
 }
 

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "Platform/CodeSigning/CodeSignature.h"
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
 #include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
@@ -342,6 +343,9 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
   for (const Value& row : facts.switches()) details.emplace_back("switch", aboutSwitch(row));
   if (facts.is(kFactFeaturesAreMalformed)) details.emplace_back("switch", "features are no list");
   details.emplace_back("program", aboutProgram(facts));
+  if (facts.has(kFactProgramProtection)) {
+    details.emplace_back("kept by", describeProtection(facts.text(kFactProgramProtection)));
+  }
   details.emplace_back("process", facts.job().process ? fmt::format("{}", *facts.job().process)
                                   : facts.is(kFactJobIsUnknown) ? "not known"
                                                                 : "none");

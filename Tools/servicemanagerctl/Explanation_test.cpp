@@ -215,6 +215,7 @@ TEST(ExplanationTest, EachFactThatCountsIsShown) {
                {kFactNeededKernel, 14},
                {kFactReason, "switch"},
                {kFactIsRetried, true},
+               {kFactProgramProtection, "fs-verity"},
                {kFactRetryIn, 12.34},
                {kFactStopIn, 2.04},
                {kFactSettingsChangesWait, true},
@@ -240,6 +241,7 @@ TEST(ExplanationTest, EachFactThatCountsIsShown) {
       "  switch          common: \"on\" of feature \"web\", expected 1, and there is no such "
       "settings server: does not\n"
       "  program         /opt/agent, intact, signed as com.example.agent\n"
+      "  kept by         the file system (fs-verity)\n"
       "  process         7\n"
       "  last exit       none yet\n"
       "  watched         yes\n"

@@ -49,7 +49,7 @@ std::string processText(const JobState& job) {
 
 bool isState(std::string_view key) {
   return key == kJobProcessKey || key == kJobLastStatusKey || key == kJobLastStatusUnknownKey ||
-         key == kJobHistoryKey || key == kJobTreeKey;
+         key == kJobProgramChangedKey || key == kJobHistoryKey || key == kJobTreeKey;
 }
 
 Json jsonOfEnding(const JobState::Ending& ending) {
@@ -217,7 +217,8 @@ std::string asText(const JobState& job, const Value& dictionary, Reader reader) 
   for (const auto& [key, value] : *dictionary.dictionary())
     width = std::max(width, plain(key).size());
   for (const auto& [key, value] : *dictionary.dictionary()) {
-    if (isState(key)) continue;
+    // That the job waits for a verification is told nowhere else.
+    if (isState(key) && key != kJobProgramChangedKey) continue;
     // The submitter chooses the keys: no control character may reach the terminal.
     fmt::format_to(out, "{:<{}}  {}\n", plain(key), width, shown(value));
   }
@@ -228,6 +229,7 @@ Json asJson(const JobState& job, const Value& dictionary) {
   Json json = asJson(job);
   if (job.history) json["history"]["lastEnds"] = jsonOfEnds(*job.history);
   if (job.tree) json["tree"] = asJson(*job.tree);
+  if (dictionary[kJobProgramChangedKey] == Value(true)) json["programHasChanged"] = true;
   json["dictionary"] = Json::object();
   for (const auto& [key, value] : *dictionary.dictionary()) {
     if (!isState(key)) json["dictionary"][key] = jsonOf(value);
@@ -254,6 +256,7 @@ std::string asAdvice(const NSError& error, const std::string& hostProgram, platf
       return fmt::format("{}; \"servicemanagerctl jobs list\" tells which there are", text);
     case LaunchdError::kInternal:
     case LaunchdError::kInvalidJob:
+    case LaunchdError::kProgramChanged:
     case LaunchdError::kHostIsFull:
       break;
   }
@@ -270,6 +273,7 @@ int exitStatusOf(const NSError& error) {
       return kExitNobodyThere;
     case LaunchdError::kInternal:
     case LaunchdError::kInvalidJob:
+    case LaunchdError::kProgramChanged:
     case LaunchdError::kHostIsFull:
       break;
   }

@@ -163,6 +163,15 @@ TEST(JobsReportTest, AShownJobHasItsTree) {
   EXPECT_FALSE(asJson(job, copy)["dictionary"].contains(kJobTreeKey));
 }
 
+TEST(JobsReportTest, AJobThatWaitsForAVerificationSaysSo) {
+  const Value job = Dictionary{{"Label", "agent"}, {"ProgramHasChanged", true}};
+  EXPECT_THAT(asText(jobState("agent", job), job, Reader::kOther),
+              testing::HasSubstr("ProgramHasChanged  true"));
+  const auto json = asJson(jobState("agent", job), job);
+  EXPECT_EQ(json["programHasChanged"], true);
+  EXPECT_FALSE(json["dictionary"].contains("ProgramHasChanged"));
+}
+
 TEST(JobsReportTest, ASubmittedJobsFateIsASentence) {
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"PID", 12}})), "agent runs as process 12.\n");
   EXPECT_EQ(asSentence(jobState("agent", Dictionary{{"LastExitStatus", 9}})),

@@ -50,6 +50,8 @@ std::string_view wordOf(Activity activity) {
       return "starting";
     case Activity::kNeedsExtension:
       return "no extension";
+    case Activity::kUnchecked:
+      return "unchecked";
     case Activity::kUnsupported:
       return "unsupported";
     case Activity::kUnknown:
@@ -116,6 +118,7 @@ ServiceState listedService(const std::string& label, const Value& facts, const V
       stateOf(label, type ? *type : "", facts[kFactMinimumOSVersion], jobFacts, system);
   state.failedExtensions = failedExtensions(facts);
   state.work = workOnService(facts);
+  state.isUnchecked = facts[kFactProgramIsUnchecked] == Value(true);
   if (state.activity != Activity::kStopped) return state;
   const Value& activity = facts[kFactActivity];
   if (activity == Value(kActivityAsksForItsJob) ||
@@ -124,13 +127,17 @@ ServiceState listedService(const std::string& label, const Value& facts, const V
     state.activity = Activity::kStarting;
   } else if (!state.failedExtensions.empty() && facts[kFactIsStopped] != Value(true)) {
     state.activity = Activity::kNeedsExtension;
+  } else if (state.isUnchecked) {
+    state.activity = Activity::kUnchecked;
   }
   return state;
 }
 
 std::string inWords(const ServiceState& service) {
   if (service.activity == Activity::kUnsupported) return "needs " + plain(service.neededSystem);
-  return std::string(wordOf(service.activity));
+  const std::string word(wordOf(service.activity));
+  const bool isRunning = service.activity == Activity::kRunning;
+  return service.isUnchecked && isRunning ? word + ", unchecked" : word;
 }
 
 std::string asTable(const std::vector<ServiceState>& services, Reader reader, Columns columns) {
@@ -177,6 +184,7 @@ Json asJson(const ServiceState& service) {
   if (service.job.tree) json["tree"] = asJson(*service.job.tree);
   if (!service.failedExtensions.empty()) json["failedExtensions"] = service.failedExtensions;
   if (!service.work.empty()) json["now"] = service.work;
+  if (service.isUnchecked) json["unchecked"] = true;
   return json;
 }
 
@@ -197,6 +205,7 @@ std::string asSentence(const ServiceState& service) {
     case Activity::kStopped:
     case Activity::kStarting:
     case Activity::kNeedsExtension:
+    case Activity::kUnchecked:
       return fmt::format("{} is stopped.\n", label);
     case Activity::kUnsupported:
       return fmt::format("{} is not started here: it needs release {}.\n", label,

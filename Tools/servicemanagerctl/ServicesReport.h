@@ -22,6 +22,7 @@ struct ServiceState {
     kStopped,         // it has no process, and none has ended
     kStarting,        // the same, and it is being started
     kNeedsExtension,  // the same, and one of its extensions can't be used
+    kUnchecked,       // the same, and its program can't be checked now
     kUnsupported,     // it has no process and needs a newer system
     kUnknown,         // the job host does not answer
   };
@@ -32,6 +33,7 @@ struct ServiceState {
   std::string neededSystem = {};      // the release that the service requires; empty for any
   std::string failedExtensions = {};  // the names of those that can't be used
   std::string work = {};              // the work on it, in words
+  bool isUnchecked = false;           // its program can't be checked now, whether it runs or not
 
   bool operator==(const ServiceState&) const = default;
 };
@@ -47,7 +49,8 @@ ServiceState listedService(const std::string& label, const platform::Value& fact
                            const platform::Value& jobFacts,
                            const platform::SystemInformation& system);
 
-// "running", "waiting", "stopped", "needs 10.11", "unknown", "starting", "no extension".
+// "running", "waiting", "stopped", "needs 10.11", "unknown", "starting", "no extension",
+// "unchecked", "running, unchecked".
 std::string inWords(const ServiceState& service);
 
 // Every line has a line end. Without services the table is a sentence.

@@ -78,6 +78,18 @@ TEST_F(ServicesReportTest, AWideTableTellsWhatTheTreesUse) {
   EXPECT_EQ(asJson(agent)["tree"]["processes"], 2);
 }
 
+TEST_F(ServicesReportTest, AServiceWhoseProgramCannotBeCheckedIsUnchecked) {
+  const Value facts = Dictionary{{kFactProgramIsUnchecked, true}};
+  const ServiceState stopped = listedService("agent", facts, Dictionary(), system_);
+  EXPECT_EQ(inWords(stopped), "unchecked");
+  EXPECT_EQ(asJson(stopped)["state"], "unchecked");
+  const ServiceState running =
+      listedService("agent", facts, Dictionary{{kFactJob, Dictionary{{"PID", 7}}}}, system_);
+  EXPECT_EQ(inWords(running), "running, unchecked");
+  EXPECT_EQ(asJson(running)["state"], "running");
+  EXPECT_EQ(asJson(running)["unchecked"], true);
+}
+
 TEST_F(ServicesReportTest, AServiceOfAHungJobHostIsUnknown) {
   for (const char* label : {"agent", "modern"}) {
     EXPECT_EQ(unknown(label).activity, Activity::kUnknown);

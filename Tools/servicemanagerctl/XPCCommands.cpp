@@ -252,9 +252,12 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     const std::string source = textAt(*reply, 2);
     std::optional<std::string> placeFault;
     if (environment.faultOfPlace) placeFault = environment.faultOfPlace(file);
+    std::optional<platform::CodeProtection> protection;
+    if (environment.protectionOf) protection = environment.protectionOf(file);
     if (json_) {
       list.push_back({{"path", file}, {"signing", signing}, {"sha256", hash}, {"source", source}});
       if (placeFault) list.back()["isPlaceTrusted"] = placeFault->empty();
+      if (protection) list.back()["protection"] = protectionWord(*protection);
     } else {
       const auto told = [](const std::string& text) { return text.empty() ? "-" : plain(text); };
       print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", plain(file),
@@ -263,6 +266,8 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
         print(fmt::format("  place    {}\n",
                           placeFault->empty() ? "trusted" : "not trusted: " + plain(*placeFault)));
       }
+      if (protection)
+        print(fmt::format("  kept by  {}\n", describeProtection(protectionWord(*protection))));
     }
   }
   // Print it also if a later file failed. A path may hold any bytes, and so may the text of an

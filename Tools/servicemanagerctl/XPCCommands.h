@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <semaphore>
 #include <string>
 #include <string_view>
@@ -10,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Messages/Protocol.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
@@ -46,6 +48,9 @@ class XPCCommands {
     // Why others than root and the platform's owner can change the file; empty if they can't. If it
     // is not set, nothing is said about the file's place.
     std::function<std::string(const std::string& file)> faultOfPlace = {};
+    // The protection of the file. Nothing is said about it if this is not set or tells nothing.
+    std::function<std::optional<platform::CodeProtection>(const std::string& file)> protectionOf =
+        {};
   };
   // Runs the command and returns the exit status. A registration lasts until this process ends; it
   // fails if the service manager ends first.

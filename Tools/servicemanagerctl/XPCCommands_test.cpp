@@ -143,7 +143,8 @@ class XPCCommandsTest : public testing::Test {
                                      timeOuts.lookUp,
                                      {},
                                      false,
-                                     faultOfPlace_});
+                                     faultOfPlace_,
+                                     protectionOf_});
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
   Ran run(std::vector<std::string> arguments) { return run(std::move(arguments), TimeOuts()); }
@@ -168,6 +169,7 @@ class XPCCommandsTest : public testing::Test {
   std::optional<PeerConnectFailure> whyNotConnected_ = PeerConnectFailure{
       PeerConnectFailure::Kind::kNobodyThere, {ErrorCode::kNotFound, ENOENT, "connecting"}};
   std::function<std::string(const std::string& file)> faultOfPlace_;
+  std::function<std::optional<CodeProtection>(const std::string& file)> protectionOf_;
   TemporaryFolder folder_;
   FakeLogSink sink_;
   SystemLog log_{sink_, "test"};
@@ -255,6 +257,17 @@ TEST_F(XPCCommandsTest, ThePlaceOfAFileIsAFactOfItsOwn) {
   const auto json = nlohmann::json::parse(run({"execinfo", "--json", known, "/"}).output);
   EXPECT_EQ(json[0]["isPlaceTrusted"], false);
   EXPECT_EQ(json[1]["isPlaceTrusted"], true);
+}
+
+TEST_F(XPCCommandsTest, TheProtectionOfAFileIsTold) {
+  serve();
+  protectionOf_ = [](const std::string& file) {
+    return file == "/" ? std::nullopt : std::optional(CodeProtection::kImmutable);
+  };
+  EXPECT_THAT(run({"execinfo", "/bin"}).output, testing::HasSubstr("  kept by  its place, where "));
+  EXPECT_THAT(run({"execinfo", "/"}).output, testing::Not(testing::HasSubstr("kept by")));
+  const auto json = nlohmann::json::parse(run({"execinfo", "--json", "/bin"}).output);
+  EXPECT_EQ(json[0]["protection"], "immutable");
 }
 
 TEST_F(XPCCommandsTest, ProgramsGetFilesAsJson) {

@@ -165,6 +165,9 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
     const std::string& reason = trusted.error().reason;
     return reason.substr(0, reason.find(", so that"));
   };
+  const auto protectionOf = [&](const std::string& file) {
+    return (*signatures)->protectionOf(file);
+  };
   return commands.run({.xpc = (*xpc)->xpc(),
                        .system = linuxPlatform.systemInformation,
                        .protocols = protocols,
@@ -172,7 +175,8 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
                        .whyNotConnected = whyNotConnected,
                        .group = linuxPlatform.configuration.group,
                        .isRoot = ::geteuid() == 0,
-                       .faultOfPlace = faultOfPlace});
+                       .faultOfPlace = faultOfPlace,
+                       .protectionOf = protectionOf});
 }
 
 // main() adds the failures of the output.

@@ -1,6 +1,5 @@
 #include "Platform/Linux/CodeSigning/FileFact.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <tuple>
 #include <utility>
@@ -46,8 +45,10 @@ bool isSameState(const struct stat& one, const struct stat& other) {
 }
 
 bool changedRecently(const struct stat& status, WallTime now) {
-  // The clock may have been set back since, so times in the future prove nothing either.
-  return now - std::max(timeOf(status.st_mtim), timeOf(status.st_ctim)) < kSettledAfter;
+  // Only the kernel sets this time, at every change. The time of the content's change is what
+  // somebody has set, and may lie in the future. The clock may have been set back since, so a
+  // change in the future proves nothing either.
+  return now - timeOf(status.st_ctim) < kSettledAfter;
 }
 
 CodeSigningResult<struct stat> fileStatus(const std::string& path) {

@@ -33,8 +33,8 @@ using FileFacts = std::vector<FileFact>;
 // Whether both are the same file in the same state.
 bool isSameState(const struct stat& one, const struct stat& other);
 
-// Whether a file was changed so shortly before `now` that another change might not alter its times,
-// or has times after `now`.
+// Whether a file was changed so shortly before `now` that another change might not alter the time
+// of its last change, or after `now`.
 bool changedRecently(const struct stat& status, WallTime now);
 
 // A file must not have been changed for this long before its state is unique.

@@ -9,6 +9,8 @@
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
+#include "Platform/Linux/Files/FileProtection.h"
+#include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 
@@ -73,6 +75,10 @@ class LinuxStaticCode final : public SecStaticCode {
     return informationOf(*statement, flags);
   }
 
+  std::optional<VerifiedFile> verifiedFile() const override {
+    return checked_ ? checked_->program : std::nullopt;
+  }
+
  private:
   LinuxCodeSignatures& signatures_;
   const std::string path_;  // as the caller named it
@@ -113,6 +119,13 @@ CodeSigningResult<std::unique_ptr<SecStaticCode>> LinuxCodeSignatures::SecStatic
   }
   const auto kind = isFolder ? SecStaticCode::Kind::kBundle : SecStaticCode::Kind::kProgram;
   return std::make_unique<LinuxStaticCode>(*this, path, *real, kind);
+}
+
+std::optional<CodeProtection> LinuxCodeSignatures::protectionOf(const std::string& path) {
+  const auto file = openRegularFile(path, FinalLink::kFollow);
+  if (!file) return std::nullopt;
+  if (!verityDigestOf(file->get()).empty()) return CodeProtection::kVerity;
+  return isImmutable(file->get()) ? CodeProtection::kImmutable : CodeProtection::kRecheck;
 }
 
 LinuxCodeSignatures::Verdict LinuxCodeSignatures::check(const std::string& path,

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Platform/CodeSigning/CodeSignature.h"
@@ -29,6 +30,8 @@ class LinuxCodeSignatures final : public CodeSignatures {
 
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override;
+
+  std::optional<CodeProtection> protectionOf(const std::string& path) override;
 
   using Verdict = CodeSigningResult<std::shared_ptr<const VerifiedCode>>;
 

@@ -9,8 +9,26 @@
 #include "Platform/Linux/CodeSigning/BundleVerifier.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
 #include "Platform/Linux/CodeSigning/SignedProgram.h"
+#include "Platform/Linux/Files/FileProtection.h"
 
 namespace platform {
+namespace {
+
+// Without the digest.
+VerifiedFile verifiedFileOf(const SignedProgram& program, const struct stat& status, WallTime now) {
+  VerifiedFile file;
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
+  file.size = static_cast<std::uint64_t>(status.st_size);
+  file.changedSeconds = status.st_ctim.tv_sec;
+  file.changedNanoseconds = static_cast<std::uint32_t>(status.st_ctim.tv_nsec);
+  file.isSettled = !changedRecently(status, now);
+  file.digestedBytes = program.payloadBytes;
+  file.verity = verityDigestOf(program.file.get());
+  return file;
+}
+
+}  // namespace
 
 CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
                                               const VerificationContext& context) {
@@ -27,11 +45,13 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
       isBundleSeal(program->file.get(), program->payloadBytes, program->firstByte, path);
   if (!isSeal) return std::unexpected(isSeal.error());
   if (*isSeal) return refuse(errSecCSBadObjectFormat, path + ": is a bundle's list, not a program");
+  Data digested;
   auto signature = verifySignature(program->signature, path, context,
                                    [&](const EVP_MD* kind) -> CodeSigningResult<DigestedContent> {
                                      auto digest = digestOfFile(program->file.get(),
                                                                 program->payloadBytes, kind, path);
                                      if (!digest) return std::unexpected(digest.error());
+                                     digested = *digest;
                                      return DigestedContent{*std::move(digest), program->firstByte};
                                    });
   if (!signature) return std::unexpected(signature.error());
@@ -44,6 +64,9 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   }
   facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
   VerifiedCode code{*std::move(signature), std::move(facts)};
+  code.program = verifiedFileOf(*program, after, context.now);
+  code.program->digestName = code.signature.statement.digest;
+  code.program->digest = std::move(digested);
   const std::string bundle = bundleAroundProgram(path);
   if (bundle.empty()) return code;
   const auto sealed = verifyBundle(bundle, context);

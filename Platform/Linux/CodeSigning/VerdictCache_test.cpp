@@ -159,6 +159,15 @@ TEST_F(VerdictCacheTest, AProgramChangedWithinTwoSecondsIsNotCached) {
   EXPECT_TRUE(isRemembered(path));
 }
 
+TEST_F(VerdictCacheTest, AProgramFromABuildInTheFutureIsCached) {
+  const std::string path = bed_.makeProgram("bin/program");
+  const timespec times[] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT},
+                            {.tv_sec = 1L << 32, .tv_nsec = 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  bed_.setNow(changeTimeOf(path) + 2s);
+  EXPECT_TRUE(isRemembered(path));
+}
+
 TEST_F(VerdictCacheTest, AProgramWithATimeInTheFutureIsNotCached) {
   const std::string path = bed_.makeProgram("bin/program");
   bed_.setNow(changeTimeOf(path) - 1h);

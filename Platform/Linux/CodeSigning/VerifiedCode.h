@@ -6,6 +6,7 @@
 
 #include "Platform/Linux/CodeSigning/FileFact.h"
 #include "Platform/Values/Value.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace platform {
 
@@ -29,6 +30,7 @@ struct VerifiedSignature {
 struct VerifiedCode {
   VerifiedSignature signature;
   FileFacts facts;  // the verdict holds as long as these do
+  std::optional<VerifiedFile> program = {};
 };
 
 }  // namespace platform

@@ -17,7 +17,8 @@ namespace platform {
 
 namespace {
 
-// Rejects the kernel's files, some of which have no end.
+// Rejects the kernel's files: some have no end, others less than they report, or change at every
+// reading.
 Result<FoundFile> findForDigest(const std::string& path) {
   auto found = findFile(path, FinalLink::kFollow);
   if (!found) return found;
@@ -25,7 +26,8 @@ Result<FoundFile> findForDigest(const std::string& path) {
   if (::fstatfs(found->handle.get(), &system) != 0) {
     return std::unexpected(systemError(path, errorCodeOf(errno)));
   }
-  if (S_ISREG(found->status.st_mode) && system.f_type == PROC_SUPER_MAGIC) {
+  const bool isKernels = system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC;
+  if (S_ISREG(found->status.st_mode) && isKernels) {
     return invalid(path + ": is the kernel's");
   }
   return found;

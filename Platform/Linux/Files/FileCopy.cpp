@@ -104,10 +104,12 @@ Result<void, NSError> overwriteWithCopyOfFile(const std::string& source,
   auto copy = ReplacementFile::createFor(destination);
   if (!copy) return writeFailure(destination, copy.error().osError);
   if (auto copied = copyContent(*opened, source, *copy, destination); !copied) return copied;
+  // The attributes come first: a crash must not leave a copy that its readers can't open.
+  const auto applied = applyAttributesToCopy(opened->status, copy->descriptor(), destination);
   if (const auto placed = copy->commit(); !placed) {
     return writeFailure(destination, placed.error().osError);
   }
-  return applyAttributesToCopy(opened->status, copy->descriptor(), destination);
+  return applied;
 }
 
 }  // namespace platform

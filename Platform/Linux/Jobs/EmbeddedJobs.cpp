@@ -37,6 +37,7 @@ NSError launchdErrorOf(const Error& error) {
       return launchdErrorOf(LaunchdError::kInvalidJob, describe(error));
     case ErrorCode::kNotFound:
     case ErrorCode::kExhausted:
+    case ErrorCode::kChanged:
     case ErrorCode::kSystem:
       break;
   }
@@ -219,7 +220,10 @@ void EmbeddedJobs::startsReported(const Result<JobHostClient::Answer>& answer) {
     return;
   }
   awaitStarts();
-  for (const auto& [label, process] : *started) startObservers_.report(label);
+  for (const auto& [label, process] : *started) {
+    startObservers_.report(
+        label, process.integer() == kNoProcess ? Start::kProgramChanged : Start::kStarted);
+  }
 }
 
 }  // namespace platform

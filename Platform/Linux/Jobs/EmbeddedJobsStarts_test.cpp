@@ -18,8 +18,8 @@ using testing::IsEmpty;
 class ObservedStartsTest : public EmbeddedJobsTest {
  protected:
   void observe() {
-    observation_ =
-        jobs_.observeStarts([this](std::string_view label) { started_.emplace_back(label); });
+    observation_ = jobs_.observeStarts(
+        [this](std::string_view label, Jobs::Start) { started_.emplace_back(label); });
   }
   // Answers the request that the host has kept.
   void report(const Dictionary& started) {
@@ -62,7 +62,7 @@ TEST_F(ObservedStartsTest, OneRequestServesAllObservers) {
   observe();
   std::vector<std::string> others;
   const auto other =
-      jobs_.observeStarts([&](std::string_view label) { others.emplace_back(label); });
+      jobs_.observeStarts([&](std::string_view label, Jobs::Start) { others.emplace_back(label); });
   loop_.runReady();
   report({{"a", 11}});
   loop_.runReady();
@@ -142,7 +142,7 @@ TEST_F(ObservedStartsTest, CallsOfAnObserverAreAnswered) {
     kept_.push_back(std::move(message));
   });
   Value copy;
-  const auto observation = jobs_.observeStarts([&](std::string_view label) {
+  const auto observation = jobs_.observeStarts([&](std::string_view label, Jobs::Start) {
     copy = jobs_.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
   });
   loop_.runReady();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -39,10 +40,12 @@ inline constexpr char kCopyJobStatesAfterMessage[] = "copyJobStatesAfter:";
 inline constexpr std::size_t kJobStatesInAPage = 2000;
 
 // Answer: a dictionary that has for each label of which a process was started since this caller's
-// last such request the process's number. Answered when there is one; the caller's first request
-// waits for the next start. A later request of the same caller ends this one with an empty
+// last such request the process's number, and kNoProcess for each that could not be started
+// because its program has changed. Answered when there is one; the caller's first request waits for
+// the next start. A later request of the same caller ends this one with an empty
 // dictionary.
 inline constexpr char kAwaitJobStartsMessage[] = "awaitJobStarts";
+inline constexpr std::int64_t kNoProcess = 0;
 
 // Answer: a boolean, whether this caller may change jobs. Also serves as a ping.
 inline constexpr char kMayChangeJobsMessage[] = "mayChangeJobs";

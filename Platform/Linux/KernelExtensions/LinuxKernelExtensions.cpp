@@ -61,7 +61,8 @@ Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifi
 Result<void> LinuxKernelExtensions::OSKextAuthenticate(const std::string& identifier) {
   const auto bundle = findKextBundle(identifier, folders_);
   if (!bundle) return std::unexpected(bundle.error());
-  return checkSignature(*bundle);
+  if (auto checked = checkSignature(*bundle); !checked) return std::unexpected(checked.error());
+  return {};
 }
 
 Result<void> LinuxKernelExtensions::KextManagerLoadKextWithIdentifier(
@@ -111,9 +112,10 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   const auto loaded = isLoaded(*bundle);
   if (!loaded) return std::unexpected(loaded.error());
   if (*loaded) return awaitControl(identifier);
-  if (auto checked = checkSignature(*bundle); !checked) return checked;
+  const auto program = checkSignature(*bundle);
+  if (!program) return std::unexpected(program.error());
   if (auto counted = countStart(identifier); !counted) return counted;
-  if (auto started = start(*bundle); !started) return started;
+  if (auto started = start(*bundle, *program); !started) return started;
   auto listens = awaitControl(identifier);
   if (!listens) {
     if (auto ended = end(*bundle); !ended) {
@@ -150,29 +152,33 @@ Result<bool> LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
   return !job.isNil();
 }
 
-Result<void> LinuxKernelExtensions::checkSignature(const KextBundle& bundle) {
+Result<std::optional<VerifiedFile>> LinuxKernelExtensions::checkSignature(
+    const KextBundle& bundle) {
   // The check of a program includes the bundle around it.
   const std::string& code = bundle.programPath.value_or(bundle.path);
   const auto refuse = [&](const CodeSigningFailure& failure) {
-    return std::unexpected(
-        Error{ErrorCode::kDenied, 0,
-              fmt::format("{}: {} ({})", bundle.identifier, failure.reason, failure.status)});
+    std::string why = fmt::format("{}: {} ({})", bundle.identifier, failure.reason, failure.status);
+    return std::unexpected(verdictOf(failure) == CodeVerdict::kUnknown
+                               ? uncheckedExtension(std::move(why))
+                               : Error{ErrorCode::kDenied, 0, std::move(why)});
   };
   auto checked = environment_.signatures.SecStaticCodeCreateWithPath(code);
   if (!checked) return refuse(checked.error());
   const auto valid = checkCodeThatRuns(**checked);
   if (!valid) return refuse(valid.error());
-  return {};
+  return (*checked)->verifiedFile();
 }
 
-Result<void> LinuxKernelExtensions::start(const KextBundle& bundle) {
+Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
+                                          const std::optional<VerifiedFile>& program) {
   if (bundle.kernelModule) return environment_.modules.load(*bundle.kernelModule);
-  const Dictionary job{{"Label", jobLabel(bundle.identifier)},
-                       {"Program", *bundle.programPath},
-                       {"ProgramArguments", Array{*bundle.programPath}},
-                       {"KeepAlive", true},
-                       {"ThrottleInterval", kThrottle},
-                       {"ExitTimeOut", kExitTimeOut}};
+  Dictionary job{{"Label", jobLabel(bundle.identifier)},
+                 {"Program", *bundle.programPath},
+                 {"ProgramArguments", Array{*bundle.programPath}},
+                 {"KeepAlive", true},
+                 {"ThrottleInterval", kThrottle},
+                 {"ExitTimeOut", kExitTimeOut}};
+  if (program) job.set(kJobVerifiedProgramKey, textOfVerifiedFile(*program));
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
   if (submitted) return {};
   return std::unexpected(extensionErrorOf(bundle.identifier, submitted.error()));

@@ -46,7 +46,9 @@ class LinuxKernelExtensions final : public KernelExtensions {
   // The folders of the extensions of the platform at `root`, and of a program's own bundle.
   static std::vector<std::string> folders(const std::string& root, const std::string& resourcePath);
   // The label of a user-space extension's job. No service has such a label.
-  static std::string jobLabel(const std::string& identifier) { return "kext." + identifier; }
+  static std::string jobLabel(const std::string& identifier) {
+    return std::string(kExtensionJobPrefix) + identifier;
+  }
 
   Result<std::string> KextManagerCreateURLForBundleIdentifier(
       const std::string& identifier) override;
@@ -61,8 +63,9 @@ class LinuxKernelExtensions final : public KernelExtensions {
   Result<void> load(const std::string& identifier, const std::vector<std::string>& folders);
   Result<void> unload(const std::string& identifier);
   Result<bool> isLoaded(const KextBundle& bundle);
-  Result<void> checkSignature(const KextBundle& bundle);
-  Result<void> start(const KextBundle& bundle);
+  // The program's file, nothing for a module.
+  Result<std::optional<VerifiedFile>> checkSignature(const KextBundle& bundle);
+  Result<void> start(const KextBundle& bundle, const std::optional<VerifiedFile>& program);
   Result<void> end(const KextBundle& bundle);
   Result<void> removeJob(const std::string& identifier);
   Result<void> countStart(const std::string& identifier);

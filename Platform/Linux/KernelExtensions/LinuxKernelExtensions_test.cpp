@@ -144,6 +144,26 @@ TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAKeepAliveJob) {
   EXPECT_EQ(job["ExitTimeOut"], Value(1));
 }
 
+TEST_F(LinuxKernelExtensionsTest, TheJobHostGetsTheVerifiedProgram) {
+  VerifiedFile file;
+  file.digestName = "SHA256";
+  file.digest = {1};
+  machine_.signatures.setFile(machine_.program(kGood), file);
+  ASSERT_TRUE(machine_.load(kGood));
+  const Value job =
+      machine_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "kext." + std::string(kGood));
+  EXPECT_EQ(job[kJobVerifiedProgramKey], Value(textOfVerifiedFile(file)));
+}
+
+TEST_F(LinuxKernelExtensionsTest, ASignatureThatCannotBeCheckedIsNoRefusal) {
+  machine_.signatures.setShortage(true);
+  const auto loaded = machine_.load(kGood);
+  ASSERT_FALSE(loaded);
+  EXPECT_TRUE(isUnchecked(loaded.error())) << describe(loaded.error());
+  machine_.signatures.setShortage(false);
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
 TEST_F(LinuxKernelExtensionsTest, TheSignatureIsCheckedBeforeAnythingRuns) {
   machine_.signatures.addRefused(machine_.program(kGood), SecStaticCode::Kind::kProgram,
                                  {errSecCSSignatureFailed, "is not what was signed"});

@@ -15,6 +15,7 @@ class FakeStaticCode final : public SecStaticCode {
   CodeSigningResult<void> SecStaticCodeCheckValidityWithErrors(std::uint32_t flags,
                                                                const SecRequirement&) override {
     ++signatures_.checks_[path_];
+    verified_ = std::nullopt;
     const auto code = signatures_.codes_.find(path_);
     if (code == signatures_.codes_.end()) return std::unexpected(gone());
     if (signatures_.isShort_) {
@@ -27,8 +28,11 @@ class FakeStaticCode final : public SecStaticCode {
       }
     }
     if (code->second.refusal) return std::unexpected(*code->second.refusal);
+    verified_ = code->second.file;
     return {};
   }
+
+  std::optional<VerifiedFile> verifiedFile() const override { return verified_; }
 
   CodeSigningResult<Dictionary> SecCodeCopySigningInformation(std::uint32_t flags) override {
     const auto code = signatures_.codes_.find(path_);
@@ -53,6 +57,7 @@ class FakeStaticCode final : public SecStaticCode {
   const std::string name_;  // as the caller named it
   const std::string path_;
   const Kind kind_;
+  std::optional<VerifiedFile> verified_;
 };
 
 void FakeCodeSignatures::addValid(const std::string& path, SecStaticCode::Kind kind,

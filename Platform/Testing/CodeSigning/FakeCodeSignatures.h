@@ -25,6 +25,12 @@ class FakeCodeSignatures final : public CodeSignatures {
   // The code at a path is in a place where other users can change it.
   void setElsewhere(const std::string& path) { codes_.at(path).isElsewhere = true; }
 
+  // The file of the valid program at a path, which checks then tell of.
+  void setFile(const std::string& path, const VerifiedFile& file) { codes_.at(path).file = file; }
+
+  // The protection of every file at which there is code; kRecheck unless this says more.
+  void setProtection(CodeProtection protection) { protection_ = protection; }
+
   void remove(const std::string& path);
 
   // During a shortage of descriptors nothing can be checked.
@@ -36,6 +42,10 @@ class FakeCodeSignatures final : public CodeSignatures {
   CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
       const std::string& path) override;
 
+  std::optional<CodeProtection> protectionOf(const std::string& path) override {
+    return codes_.contains(path) ? std::optional(protection_) : std::nullopt;
+  }
+
  private:
   friend class FakeStaticCode;
 
@@ -44,12 +54,14 @@ class FakeCodeSignatures final : public CodeSignatures {
     std::optional<std::string> identifier;
     std::optional<CodeSigningFailure> refusal;
     bool isElsewhere = false;
+    std::optional<VerifiedFile> file = {};
   };
 
   std::map<std::string, Code> codes_;
   std::map<std::string, std::string> links_;
   std::map<std::string, int> checks_;
   bool isShort_ = false;
+  CodeProtection protection_ = CodeProtection::kRecheck;
 };
 
 }  // namespace platform

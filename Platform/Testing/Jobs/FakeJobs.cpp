@@ -191,8 +191,12 @@ std::expected<void, NSError> FakeJobs::admit(std::string_view domain) {
 }
 
 std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job) {
-  job.recent.last = loop_.now();
   const std::string program = programOf(job.dictionary);
+  if (hasProgramChanged(job.dictionary)) {
+    return failure(LaunchdError::kProgramChanged,
+                   "job \"" + label + "\": " + program + ": changed");
+  }
+  job.recent.last = loop_.now();
   if (const auto reason = unstartable_.find(program); reason != unstartable_.end()) {
     return failure(LaunchdError::kInternal,
                    "job \"" + label + "\": " + program + ": " + reason->second);
@@ -202,7 +206,7 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   ++job.starts;
   ++job.history->starts;
   exitWatcher_.startProcess(*job.process);
-  if (isObserved_) loop_.post([this, label] { startObservers_.report(label); });
+  if (isObserved_) loop_.post([this, label] { startObservers_.report(label, Start::kStarted); });
   return {};
 }
 
@@ -220,13 +224,24 @@ void FakeJobs::act(const std::string& label, JobEvent event, bool wantsProcess) 
     case JobAction::kBecomeIdle:
       return;
     case JobAction::kStart:
-      if (!start(label, job)) act(label, JobEvent::kStartFailed, true);
+      if (!start(label, job)) startFailed(label, job);
       return;
     case JobAction::kWait:
       return startAt(label, earliest);
     case JobAction::kRetry:
       return startAt(label, earliestRetry(job.rules, job.recent.last.value_or(loop_.now())));
   }
+}
+
+void FakeJobs::startFailed(const std::string& label, const Job& job) {
+  if (!hasProgramChanged(job.dictionary)) return act(label, JobEvent::kStartFailed, true);
+  loop_.post([this, label] { startObservers_.report(label, Start::kProgramChanged); });
+}
+
+bool FakeJobs::hasProgramChanged(const Value& dictionary) const {
+  const auto file = files_.find(programOf(dictionary));
+  const std::string* verified = dictionary[kJobVerifiedProgramKey].string();
+  return verified && file != files_.end() && *verified != textOfVerifiedFile(file->second);
 }
 
 // The host is another program, so it starts processes even while this one waits.

@@ -19,6 +19,7 @@
 #include "Platform/Processes/RestartPolicy.h"
 #include "Platform/Testing/Processes/FakeExitWatcher.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace platform {
 
@@ -38,6 +39,9 @@ class FakeJobs final : public Jobs {
 
   // From now on programs at `path` can't be started for this reason, or can again without a reason.
   void setUnstartable(const std::string& path, std::optional<std::string> reason);
+
+  // The file that is at `path` now. Jobs whose dictionary has another one are not started.
+  void setFile(const std::string& path, const VerifiedFile& file) { files_[path] = file; }
 
   // The job's processes ignore SIGTERM.
   void ignoreTermination(std::string_view label) { job(label).ignoresTermination = true; }
@@ -134,6 +138,8 @@ class FakeJobs final : public Jobs {
   std::expected<void, NSError> admit(std::string_view domain);
   std::expected<void, NSError> start(const std::string& label, Job& job);
   void act(const std::string& label, JobEvent event, bool wantsProcess);
+  void startFailed(const std::string& label, const Job& job);
+  bool hasProgramChanged(const Value& dictionary) const;
   void startAt(const std::string& label, Instant due);
   void end(Job& job, ExitStatus status);
   void awaitRemoval(std::string_view label);
@@ -152,6 +158,7 @@ class FakeJobs final : public Jobs {
   std::map<std::string, std::string> unstartable_;               // why, by path
   std::map<std::string, std::string, std::less<>> irremovable_;  // why, by label
   std::list<Request> requests_;
+  std::map<std::string, VerifiedFile> files_;  // by path
   bool isServing_ = false;
   std::function<void()> onSubmitted_;
   std::function<void()> onCopied_;

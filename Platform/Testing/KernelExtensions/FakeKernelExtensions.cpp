@@ -40,6 +40,9 @@ Result<void> FakeKernelExtensions::OSKextAuthenticate(const std::string& identif
   if (auto found = KextManagerCreateURLForBundleIdentifier(identifier); !found) {
     return std::unexpected(found.error());
   }
+  if (at(identifier).isUnchecked) {
+    return std::unexpected(uncheckedExtension(identifier + ": Too many open files"));
+  }
   if (at(identifier).loadFails)
     return extensionFailure(ErrorCode::kDenied, 0, identifier, "unsigned");
   return {};
@@ -54,6 +57,9 @@ Result<void> FakeKernelExtensions::KextManagerLoadKextWithIdentifier(
   // A copy, because the test's callback may change everything.
   if (const auto onLoad = at(identifier).onLoad) onLoad();
   Extension& extension = at(identifier);
+  if (extension.isUnchecked && !extension.isLoaded) {
+    return std::unexpected(uncheckedExtension(identifier + ": Too many open files"));
+  }
   if (extension.loadFails) return extensionFailure(ErrorCode::kDenied, 0, identifier, "unsigned");
   const bool wasLoaded = std::exchange(extension.isLoaded, true);
   if (!wasLoaded) extension.hasCrashed = false;

@@ -22,6 +22,10 @@ class FakeKernelExtensions final : public KernelExtensions {
 
   // Whether loading it, also again, fails from now on.
   void setLoadFails(const std::string& identifier, bool fails) { at(identifier).loadFails = fails; }
+  // The signature of the extension can't be checked.
+  void setUnchecked(const std::string& identifier, bool unchecked) {
+    at(identifier).isUnchecked = unchecked;
+  }
   // Loading it reports success although its control does not appear, which the real loader never
   // does.
   void setWithoutControl(const std::string& identifier, bool without) {
@@ -58,6 +62,7 @@ class FakeKernelExtensions final : public KernelExtensions {
     bool isLoaded = false;
     bool isUnknown = false;
     bool loadFails = false;
+    bool isUnchecked = false;
     bool isWithoutControl = false;
     bool hasCrashed = false;
     int busyTimes = 0;
