@@ -178,8 +178,9 @@ void NSXPCConnection::arrived(PeerMessage message) {
   auto place = xpc_.environment_.accounts->take(effectiveUserIdentifier_, cost);
   if (waitingMessages_ >= kMaxWaitingMessages || waitingBytes_ + cost.bytes > kMaxWaitingBytes ||
       !place) {
-    xpc_.logFailure("Process " + std::to_string(processIdentifier_) +
-                    " sends faster than it is served; its connection has been closed.");
+    xpc_.logRefusal(effectiveUserIdentifier_,
+                    "Process " + std::to_string(processIdentifier_) +
+                        " sends faster than it is served; its connection has been closed.");
     return becomeInvalid(NSXPCConnectionInvalid);
   }
   ++waitingMessages_;

@@ -174,8 +174,9 @@ class OperatorClients {
       : thread_(thread),
         root_(linux.configuration.root),
         transport_(thread.loop(), linux.peerAccounts),
-        connections_(thread.loop(), transport_, center_, linux.systemLog,
-                     [&places](std::string_view name) { return places.connection(name); }),
+        connections_(
+            thread.loop(), transport_, center_, linux.systemLog,
+            [&places](std::string_view name) { return places.connection(name); }, linux.userLines),
         host_(transport_, thread.loop(), platform::jobHostSocket(root_)),
         jobs_(host_),
         controls_(root_),
@@ -271,7 +272,7 @@ int main(int argc, char** argv) {
   platform::NotificationCenter center;
   platform::NamedConnections connections(
       loop, linux.peerTransport, center, linux.systemLog,
-      [&](std::string_view name) { return places.connection(name); });
+      [&](std::string_view name) { return places.connection(name); }, linux.userLines);
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::LinuxExtendedAttributes attributes;
@@ -281,7 +282,7 @@ int main(int argc, char** argv) {
   // This comes after everything that requests use, also the protocols: its threads serve requests
   // until it ends.
   const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket),
-                                            linux.peerAccounts);
+                                            linux.peerAccounts, linux.userLines);
   if (!xpc) return fail(xpc.error());
 
   // All that waits for an extension does so on a thread of its own, with a connection of its own.

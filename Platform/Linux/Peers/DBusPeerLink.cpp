@@ -274,7 +274,6 @@ void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
 
 void DBusPeerLink::releaseAnswer() {
   --answersOwed_;
-  if (ended_ && answersOwed_ == 0) lease_.held.reset();
   if (ended_) {
     endAccount();
   } else {
@@ -304,7 +303,6 @@ void DBusPeerLink::dropConnection() {
   ended_ = true;
   lease_.place.reset();
   lease_.admissionTimer.reset();
-  if (answersOwed_ == 0) lease_.held.reset();
   endAccount();
   inbox_.clear();
   sources_.reset();

@@ -29,11 +29,10 @@ namespace platform {
 class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
  public:
   // Places that a listener lends to a connection: until it is admitted or ends, except that it
-  // counts against its user until it has ended and all its requests have been answered or dropped.
-  // So nobody gets room for more requests by connecting again.
+  // counts in its user's account until it has ended and all its requests have been answered or
+  // dropped. So nobody gets room for more requests by connecting again.
   struct Lease {
     std::unique_ptr<PeerPlaces::Place> place;
-    std::unique_ptr<PeerUserCounts::Held> held;
     std::unique_ptr<PeerAccounts::Held> account;
     std::unique_ptr<RunLoopHandle> admissionTimer;
     Duration messageTime = kPeerMessageTime;

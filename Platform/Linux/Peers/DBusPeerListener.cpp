@@ -1,7 +1,6 @@
 #include "Platform/Linux/Peers/DBusPeerListener.h"
 
 #include <chrono>
-#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -66,8 +65,7 @@ DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, std::shared_ptr<PeerAccoun
       onLink_(std::make_shared<const NewLink>(std::move(onLink))),
       name_(std::move(name)),
       server_(std::move(server)),
-      places_(std::make_shared<PeerPlaces>(::geteuid())),
-      users_(std::make_shared<PeerUserCounts>()) {}
+      places_(std::make_shared<PeerPlaces>(::geteuid())) {}
 
 DBusPeerListener::~DBusPeerListener() {
   if (name_) name_->remove();
@@ -90,12 +88,8 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
     return link->close();
   }
   const std::uint32_t user = link->peer().user;
-  const std::size_t limit = places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
-                                                        : options_.connectionsPerUser;
   DBusPeerLink::Lease lease;
   lease.messageTime = options_.messageTime;
-  lease.held = users_->hold(user, limit);
-  if (!lease.held) return link->close();
   lease.account = accounts_->take(user, {.connections = 1, .descriptors = 1});
   if (!lease.account) return link->close();
   const auto refuse = [weak = std::weak_ptr(link)](const char* why) {

@@ -61,7 +61,6 @@ class DBusPeerListener final : public PeerListener {
 
   // Shared with the connections that still have places.
   std::shared_ptr<PeerPlaces> places_;
-  std::shared_ptr<PeerUserCounts> users_;
   std::map<DBusPeerLink*, std::shared_ptr<DBusPeerLink>> unknown_;  // not yet handed on
 };
 

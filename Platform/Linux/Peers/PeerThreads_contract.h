@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +21,9 @@ namespace platform {
 // this from a process of its own.
 class PeerThreads final : public PeerTransportHarness {
  public:
+  // The other end's accounts.
+  explicit PeerThreads(std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts())
+      : there_(*thereLoop_, std::move(accounts), endpoints_.path()) {}
   ~PeerThreads() override {
     goOn();
     there([this](PeerTransport&) { thereLoop_->stop(); });
@@ -86,7 +90,7 @@ class PeerThreads final : public PeerTransportHarness {
   std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
   std::unique_ptr<AsioRunLoop> thereLoop_ = std::move(*AsioRunLoop::create());
   DBusPeerTransport here_{*loop_, endpoints_.path()};
-  DBusPeerTransport there_{*thereLoop_, endpoints_.path()};
+  DBusPeerTransport there_;
   std::jthread thread_{[this] { thereLoop_->run(); }};  // Destroyed first.
 };
 
