@@ -18,6 +18,7 @@
 #include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
+#include "Platform/Peers/PeerTurns.h"
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -38,10 +39,12 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
     Duration messageTime = kPeerMessageTime;
   };
 
+  // The accepting side serves its peer in `turns`.
   static Result<std::shared_ptr<DBusPeerLink>> create(AsioRunLoop& loop,
                                                       UniqueDBusConnection connection,
                                                       WhileWaiting whileWaiting,
-                                                      PeerMessageContents contents);
+                                                      PeerMessageContents contents,
+                                                      std::shared_ptr<PeerTurns> turns = nullptr);
 
   DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection, WhileWaiting whileWaiting,
                PeerMessageContents contents, int socket);

@@ -9,8 +9,11 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Peers/PeerTransportFixture_contract.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
@@ -42,6 +45,15 @@ class PeerThreads final : public PeerTransportHarness {
       done.set_value();
     });
     EXPECT_EQ(done.get_future().wait_for(60s), std::future_status::ready);
+  }
+
+  std::unique_ptr<PeerConnection> connectAsStranger(const std::string& path) override {
+    if (::geteuid() != 0) return nullptr;
+    EXPECT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+    const AsOrdinaryUser stranger;
+    auto connection = here_.connect(path, {.timeout = 60s});
+    EXPECT_TRUE(connection) << describe(connection.error().error);
+    return connection ? std::move(*connection) : nullptr;
   }
 
   void hang() override {

@@ -83,15 +83,17 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
 
   // Serves one item, or the end; each item has its own post.
   void post(Urgency urgency) {
-    loop().post(
-        [weak = weak_from_this(), urgency] {
-          const auto self = weak.lock();
-          if (!self || !self->process_.mayServe(self.get())) return;
-          if (urgency == Urgency::kConnectionDeath) return self->die();
-          self->deliverOne();
-          if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
-        },
-        urgency);
+    auto turn = [weak = weak_from_this(), urgency] {
+      const auto self = weak.lock();
+      if (!self || !self->process_.mayServe(self.get())) return;
+      if (urgency == Urgency::kConnectionDeath) return self->die();
+      self->deliverOne();
+      if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
+    };
+    if (account_ && urgency == Urgency::kOrdinary) {
+      return process_.turns_->request(peer_.user, std::move(turn));
+    }
+    loop().post(std::move(turn), urgency);
   }
 
   bool deliverOne() {
@@ -517,7 +519,10 @@ FakePeerTransport::FakePeerTransport(FakePeerNetwork& network, PeerCredentials s
 
 FakePeerTransport::FakePeerTransport(FakePeerNetwork& network, PeerCredentials self,
                                      std::shared_ptr<PeerAccounts> accounts)
-    : network_(network), self_(self), accounts_(std::move(accounts)) {}
+    : network_(network),
+      self_(self),
+      accounts_(std::move(accounts)),
+      turns_(std::make_shared<PeerTurns>(network.loop(), self.user)) {}
 
 FakePeerTransport::~FakePeerTransport() {
   for (const auto& weak : ends_) {

@@ -9,6 +9,7 @@
 
 #include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerTransport.h"
+#include "Platform/Peers/PeerTurns.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace platform {
@@ -89,6 +90,7 @@ class FakePeerTransport final : public PeerTransport {
   FakePeerNetwork& network_;
   PeerCredentials self_;
   const std::shared_ptr<PeerAccounts> accounts_;
+  const std::shared_ptr<PeerTurns> turns_;
   bool hung_ = false;
   bool dead_ = false;
   std::vector<const End*> waitingIn_;  // running calls, the innermost last

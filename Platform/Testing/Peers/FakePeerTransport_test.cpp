@@ -9,6 +9,7 @@ namespace {
 
 constexpr PeerCredentials kHere{100, 0, 0};
 constexpr PeerCredentials kThere{200, 0, 0};
+constexpr PeerCredentials kStranger{300, 1000, 1000};
 
 class FakePeerProcesses final : public PeerTransportHarness {
  public:
@@ -16,6 +17,9 @@ class FakePeerProcesses final : public PeerTransportHarness {
   PeerTransport& here() override { return here_; }
   std::string path(std::string_view name) override { return "/fake/" + std::string(name); }
   void there(const Action& action) override { action(there_); }
+  std::unique_ptr<PeerConnection> connectAsStranger(const std::string& path) override {
+    return std::move(*stranger_.connect(path, {}));
+  }
   void hang() override { there_.hang(); }
   void goOn() override { there_.goOn(); }
 
@@ -38,6 +42,7 @@ class FakePeerProcesses final : public PeerTransportHarness {
   FakePeerNetwork network_{loop_};
   FakePeerTransport here_{network_, kHere};
   FakePeerTransport there_{network_, kThere};
+  FakePeerTransport stranger_{network_, kStranger};
   const std::function<bool()>* done_ = nullptr;
 };
 
