@@ -179,6 +179,21 @@ TEST_F(ConnectionsOfOneUser, AreRefusedAndLoggedOutsideOfTheAudience) {
   EXPECT_EQ(sink_.count("process 100 of user 501: this user may not use service"), 10u);
 }
 
+TEST_F(ConnectionsOfOneUser, EndWhenTheirProcessChangesItsUser) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto connection = client_.xpc.makeConnection("service");
+  connection->setRemoteObjectInterface(&xpcTestProtocol());
+  ASSERT_TRUE(add(connection));
+  client_.transport.becomeUser(503);
+  bool hasFailed = false;
+  connection->sendMessage(
+      "echo:withReply:", {Value(1)}, [](const Array&) { FAIL() << "answered"; },
+      [&](const NSError&) { hasFailed = true; });
+  loop_.runReady();
+  EXPECT_TRUE(hasFailed);
+  EXPECT_EQ(sink_.count("process 100 of user 501, which has become another user's"), 1u);
+}
+
 TEST_F(ConnectionsOfOneUser, AreCountedForAllListenersTogether) {
   const auto listener = start(xpc_.makeListener("service"));
   const auto anonymous = start(xpc_.makeAnonymousListener());
