@@ -71,7 +71,8 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
     // Don't admit it. It keeps an unadmitted peer's place for as long as that lasts, which is
     // enough to be told.
     refusals_.write(
-        fmt::format("process {} of user {} may not use the jobs", peer.process, peer.user));
+        fmt::format("process {} of user {} may not use the jobs", peer.process, peer.user),
+        peer.user);
   }
   const ClientId id = ++lastClient_;
   connection->setHandlers(
@@ -83,7 +84,8 @@ void JobServer::accept(std::unique_ptr<PeerConnection> connection) {
              // it connected.
              if (isAllowed && why.code != ErrorCode::kNotFound) {
                refusals_.write(fmt::format("process {} of user {} was cut off: {}", peer.process,
-                                           peer.user, describe(why)));
+                                           peer.user, describe(why)),
+                               peer.user);
              }
              clients_.erase(id);
            }});

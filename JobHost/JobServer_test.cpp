@@ -282,8 +282,8 @@ TEST_F(JobServerTest, AClientThatDisconnectsIsNotLogged) {
 }
 
 TEST_F(JobServerTest, AFloodOfRefusalsIsNoFloodOfLogLines) {
-  for (std::size_t i = 0; i <= RefusalLog::kLinesPerPeriod; ++i) Client(network_, kHostsUser + 1);
-  EXPECT_EQ(sink_.count("may not use the jobs"), RefusalLog::kLinesPerPeriod);
+  for (std::size_t i = 0; i <= UserLines::kLinesPerUser; ++i) Client(network_, kHostsUser + 1);
+  EXPECT_EQ(sink_.count("may not use the jobs"), UserLines::kLinesPerUser);
 }
 
 TEST_F(JobServerTest, ARefusedClientKeepsItsPlaceForAShortTime) {

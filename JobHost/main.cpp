@@ -22,6 +22,7 @@
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NamedConnections/BusClients.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
@@ -90,6 +91,9 @@ int main() {
   // All other programs of the root register their connections in this folder.
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
     return fail(folder.error());
+  }
+  if (const auto clients = platform::writeBusClients(linux.configuration); !clients) {
+    return fail(clients.error());
   }
   const platform::ListenerPlaces places(linux.configuration);
   if (const auto folder = platform::shareEndpointFolder(places.root(), places.endpointClients());

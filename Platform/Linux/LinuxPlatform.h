@@ -25,7 +25,9 @@
 #include "Platform/Logging/LogSink.h"
 #include "Platform/Logging/NSLog.h"
 #include "Platform/Logging/SystemLog.h"
+#include "Platform/Logging/UserLines.h"
 #include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/SystemFacts/CurrentUser.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Platform/Values/Error.h"
 
@@ -71,6 +73,9 @@ struct LinuxPlatform {
   const std::shared_ptr<PeerAccounts> peerAccounts = DBusPeerTransport::makeAccounts();
   MemoryRelief memoryRelief{*runLoop, *peerAccounts};
   DBusPeerTransport peerTransport{*runLoop, peerAccounts};
+  // All servers of the program share these limits.
+  const std::shared_ptr<UserLines> userLines =
+      std::make_shared<UserLines>(currentEffectiveUserId(), *runLoop, systemLog, "NSConnection");
   // Its destructor waits for lines on their way to the log, so it is destroyed first.
   AsioSerialQueues utilityQueues{kUtilityThreads, AsioSerialQueues::Work::kBackground};
 

@@ -2,28 +2,23 @@
 
 #include <utility>
 
-#include "Platform/Texts/StringFormat.h"
-
 namespace platform {
 
-RefusalLog::RefusalLog(RunLoop& loop, SystemLog& log, std::string ident)
-    : loop_(loop), log_(log), client_{std::move(ident), "com.vantor.platform"} {}
+namespace {
 
-void RefusalLog::write(std::string_view line) {
-  const Instant now = loop_.now();
-  if (!periodStart_ || now - *periodStart_ >= kPeriod) {
-    periodStart_ = now;
-    linesInPeriod_ = 0;
-  }
-  if (linesInPeriod_ == kLinesPerPeriod) {
-    ++missing_;
-    return;
-  }
-  ++linesInPeriod_;
-  std::string text(line);
-  if (const auto missing = static_cast<unsigned long>(std::exchange(missing_, 0)); missing > 0)
-    text += stringWithFormat(" (%lu lines like this one were left out before it)", missing);
-  log_.asl_log(&client_, ASL_LEVEL_WARNING, text);
+constexpr char kFacility[] = "com.vantor.platform";
+constexpr std::uint32_t kRoot = 0;
+
+}  // namespace
+
+RefusalLog::RefusalLog(RunLoop& loop, SystemLog& log, std::string ident)
+    : RefusalLog(log, ident, std::make_shared<UserLines>(kRoot, loop, log, ident)) {}
+
+RefusalLog::RefusalLog(SystemLog& log, std::string ident, std::shared_ptr<UserLines> lines)
+    : log_(log), client_{std::move(ident), kFacility}, lines_(std::move(lines)) {}
+
+void RefusalLog::write(std::string_view line, std::optional<std::uint32_t> user) {
+  if (lines_->mayWriteFailure(user)) log_.asl_log(&client_, ASL_LEVEL_WARNING, line);
 }
 
 }  // namespace platform

@@ -32,25 +32,63 @@ TEST_F(RefusalLogTest, ALineIsAWarningUnderItsOwnIdent) {
 }
 
 TEST_F(RefusalLogTest, TheLinesOfAPeriodAreLimited) {
-  write(RefusalLog::kLinesPerPeriod - 1);
-  EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod - 1);
+  write(UserLines::kLinesPerUser - 1);
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser - 1);
   write(1);
-  EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod);
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser);
   write(1);
-  EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod);
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser);
 }
 
-TEST_F(RefusalLogTest, TheNextPeriodsFirstLineCountsTheMissingOnes) {
-  write(RefusalLog::kLinesPerPeriod + 2);
-  loop_.advanceBy(RefusalLog::kPeriod - 1ns);
-  write(1);
-  EXPECT_EQ(sink_.texts().size(), RefusalLog::kLinesPerPeriod);
-  loop_.advanceBy(1ns);
+TEST_F(RefusalLogTest, TheMissingLinesAreCountedIfNobodyAsksAgain) {
+  write(UserLines::kLinesPerUser + 2);
+  refusals_.leaveOut(3);
+  loop_.runReady();
+  loop_.advanceBy(UserLines::kPeriod - 1ns);
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser);
   sink_.clear();
-  write(2);
-  EXPECT_THAT(
-      sink_.texts(),
-      testing::ElementsAre("refused (3 lines like this one were left out before it)", "refused"));
+  loop_.advanceBy(1ns);
+  EXPECT_THAT(sink_.texts(),
+              testing::ElementsAre("5 lines about failures of this program were left out"));
+  write(1);
+  EXPECT_EQ(sink_.texts().back(), "refused");
+}
+
+TEST_F(RefusalLogTest, EachUserHasItsOwnLines) {
+  for (int line = 0; line < 100; ++line) refusals_.write("first", 1000);
+  refusals_.write("second", 1001);
+  refusals_.write("own");
+  EXPECT_EQ(sink_.count("first"), UserLines::kLinesPerUser);
+  EXPECT_EQ(sink_.count("second"), 1u);
+  EXPECT_EQ(sink_.count("own"), 1u);
+}
+
+TEST_F(RefusalLogTest, RootsRefusalsAreLimitedToo) {
+  for (int line = 0; line < 100; ++line) refusals_.write("refused", 0);
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser);
+}
+
+TEST_F(RefusalLogTest, LogsMayShareTheirLimits) {
+  const auto lines = std::make_shared<UserLines>(900, loop_, log_, "Ident");
+  RefusalLog first(log_, "First", lines);
+  RefusalLog second(log_, "Second", lines);
+  for (std::size_t line = 0; line < UserLines::kLinesPerUser; ++line) {
+    first.write("first", 1000);
+    second.write("second", 1000);
+  }
+  EXPECT_EQ(sink_.texts().size(), UserLines::kLinesPerUser);
+}
+
+// The lines of strangers leave room for those of root and of this program.
+TEST_F(RefusalLogTest, ManyUsersDoNotSuppressOwnFailures) {
+  for (std::uint32_t user = 1000; user < 1010; ++user) {
+    for (int line = 0; line < 100; ++line) refusals_.write("stranger", user);
+  }
+  EXPECT_EQ(sink_.count("stranger"), UserLines::kLinesOfAll);
+  refusals_.write("root", 0);
+  refusals_.write("own");
+  EXPECT_EQ(sink_.count("root"), 1u);
+  EXPECT_EQ(sink_.count("own"), 1u);
 }
 
 }  // namespace

@@ -15,9 +15,10 @@
 
 namespace platform {
 
-// Limits the log lines that users can cause by what they ask. In each minute the first lines of a
-// user are written, and the others are counted. When the minute is over, one line tells the count
-// of each user. Root and our own user have no limit. Any thread may use it.
+// Limits the log lines that users can cause. In each minute the first lines of a user are written,
+// and the others are counted. When the minute is over, one line tells the count of each user, also
+// if nobody causes another line. Everything in a process that logs for its peers shares one. Any
+// thread may use it.
 class UserLines : public std::enable_shared_from_this<UserLines> {
  public:
   static constexpr std::size_t kLinesPerUser = 10;
@@ -31,7 +32,15 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
   UserLines(std::uint32_t ownUser, RunLoop& loop, SystemLog& log, std::string ident);
 
   // Whether a line about something that the user has asked may be written. If not, it is counted.
+  // Root and our own user have no limit.
   bool mayWrite(std::uint32_t user);
+
+  // The same for a line about a failure: of a user, also of root, or of this program itself. Other
+  // users' lines leave room for those.
+  bool mayWriteFailure(std::optional<std::uint32_t> user);
+
+  // Counts lines about failures of this program that its caller has left out.
+  void leaveOut(std::size_t lines);
 
  private:
   struct Count {
@@ -39,6 +48,9 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
     std::size_t leftOut = 0;
   };
 
+  bool isOrdinary(std::uint32_t key) const;
+  Count& countOf(std::uint32_t key);
+  void tellLater();
   void tellCounts();
 
   const std::uint32_t ownUser_;
@@ -50,7 +62,7 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
   std::mutex mutex_;
   std::optional<Instant> periodStart_;
   bool willTell_ = false;
-  std::size_t written_ = 0;
+  std::size_t written_ = 0;  // about ordinary users
   std::map<std::uint32_t, Count> counts_;
 };
 

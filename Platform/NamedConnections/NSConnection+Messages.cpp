@@ -16,6 +16,9 @@
 namespace platform {
 namespace {
 
+// The peer whose message this thread delivers.
+thread_local const PeerCredentials* servedPeer = nullptr;
+
 constexpr std::string_view kAuthenticate = "NSConnectionAuthenticate:";
 constexpr std::string_view kObjectKeyword = "NSDistantObject:";
 
@@ -150,6 +153,8 @@ MessageResult NSConnection::sendOneWay(std::int64_t object, std::string_view sel
   }
 }
 
+const PeerCredentials* NSConnection::currentPeer() { return servedPeer; }
+
 void NSConnection::handle(PeerMessage message) {
   if (!valid_) return;
   if (stage_ != Stage::kOpen) return handleAuthentication(std::move(message));
@@ -207,7 +212,10 @@ void NSConnection::perform(const Request& request, std::unique_ptr<PeerReply> pe
   if (nestedRequests_ == kMaxNestedRequests)
     return reply.answer(raise(kNSInvalidArgumentException, "too many requests inside one another"));
   ++nestedRequests_;
+  const PeerCredentials peer = peer_->peer();
+  const PeerCredentials* const before = std::exchange(servedPeer, &peer);
   request.object->sendMessageAsync(request.selector, request.arguments, std::move(reply));
+  servedPeer = before;
   --nestedRequests_;
 }
 

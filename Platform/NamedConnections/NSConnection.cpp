@@ -102,7 +102,8 @@ void NSConnection::logRefusal(std::string_view name, const PeerCredentials& peer
                               std::string_view why) {
   connections_.refusals_.write(
       stringWithFormat("Ended a connection of \"%@\" with process %d of user %u: %@", name,
-                       peer.process, peer.user, why));
+                       peer.process, peer.user, why),
+      peer.user);
 }
 
 }  // namespace platform

@@ -115,6 +115,9 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
   // The peer's connection with the kernel's credentials; null if this connection has a name.
   const PeerConnection* peer() const { return peer_.get(); }
 
+  // The peer whose message this thread delivers to an object now, null if there is none.
+  static const PeerCredentials* currentPeer();
+
   const std::vector<std::shared_ptr<NSConnection>>& childConnections() const { return children_; }
 
  private:

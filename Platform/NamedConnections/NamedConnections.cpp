@@ -12,12 +12,13 @@ constexpr char kIdent[] = "NSConnection";
 }  // namespace
 
 NamedConnections::NamedConnections(RunLoop& loop, PeerTransport& transport,
-                                   NotificationCenter& center, SystemLog& log, PlaceOfName place)
+                                   NotificationCenter& center, SystemLog& log, PlaceOfName place,
+                                   std::shared_ptr<UserLines> lines)
     : loop_(loop),
       transport_(transport),
       center_(center),
       failures_(loop, log, kIdent),
-      refusals_(loop, log, kIdent),
+      refusals_(lines ? RefusalLog(log, kIdent, std::move(lines)) : RefusalLog(loop, log, kIdent)),
       place_(std::move(place)) {}
 
 std::shared_ptr<NSConnection> NamedConnections::makeConnection() {

@@ -11,6 +11,7 @@
 
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/Logging/SystemLog.h"
+#include "Platform/Logging/UserLines.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/Notifications/NotificationCenter.h"
 #include "Platform/Peers/ListenerPlace.h"
@@ -31,9 +32,10 @@ class NamedConnections {
   // Returns where the listener of a name is.
   using PlaceOfName = std::function<ListenerPlace(std::string_view name)>;
 
-  // All but `place` outlive this.
+  // The references outlive this. `lines` are the limits for lines about peers, which a program with
+  // other servers shares with them; without them it has its own.
   NamedConnections(RunLoop& loop, PeerTransport& transport, NotificationCenter& center,
-                   SystemLog& log, PlaceOfName place);
+                   SystemLog& log, PlaceOfName place, std::shared_ptr<UserLines> lines = nullptr);
   NamedConnections(const NamedConnections&) = delete;
   NamedConnections& operator=(const NamedConnections&) = delete;
 

@@ -2,7 +2,7 @@
 
 // Contract for foreign and for hostile peers.
 
-#include "Platform/Logging/RefusalLog.h"
+#include "Platform/Logging/UserLines.h"
 #include "Platform/NamedConnections/NamedConnectionsFixture_contract.h"
 #include "Platform/NamedConnections/RemoteReferences.h"
 
@@ -220,9 +220,9 @@ TEST_P(NamedConnectionsPeersContract, OnlyAMalformedObjectNumberEndsTheConnectio
 
 TEST_P(NamedConnectionsPeersContract, AFloodOfRefusedPeersIsNoFloodOfLines) {
   vend();
-  for (std::size_t peer = 0; peer < RefusalLog::kLinesPerPeriod + 5; ++peer)
+  for (std::size_t peer = 0; peer < UserLines::kLinesPerUser + 5; ++peer)
     EXPECT_EQ(callOf(intrude(), "echo:", {Value(1)}), kNSFailedAuthenticationException);
-  EXPECT_EQ(linesThere("its first message was not"), RefusalLog::kLinesPerPeriod);
+  EXPECT_EQ(linesThere("its first message was not"), UserLines::kLinesPerUser);
   there([](ConnectedProgram& there) {
     EXPECT_FALSE(there.connections.makeConnection()->registerName("server"));
   });

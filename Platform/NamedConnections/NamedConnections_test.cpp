@@ -139,6 +139,28 @@ TEST_F(NamedConnectionsTest, AProcessThatHasBecomeAnotherUsersIsRefused) {
   EXPECT_TRUE(connection->childConnections().empty());
 }
 
+TEST_F(NamedConnectionsTest, AnObjectKnowsThePeerOfItsMessage) {
+  struct Asked final : MessageReceiver {
+    MessageResult receiveMessage(std::string_view, const Array&) override {
+      if (const PeerCredentials* const current = NSConnection::currentPeer()) peer = *current;
+      return Value();
+    }
+    PeerCredentials peer;
+  } asked;
+  const auto connection = vend("server");
+  connection->setRootObject(std::make_shared<NSProtocolChecker>(&asked, &kServerProtocol));
+  const auto client = program_.connections.connectionWithRegisteredName("server");
+  ASSERT_TRUE(client);
+  TokenDelegate right("client", "server");
+  client->setDelegate(&right);
+  const auto proxy = client->rootProxy();
+  ASSERT_TRUE(proxy);
+  (*proxy)->setProtocolForProxy(&kServerProtocol);
+  EXPECT_TRUE((*proxy)->sendMessage("nothing", {}));
+  EXPECT_EQ(asked.peer, (PeerCredentials{100, 1, 1}));
+  EXPECT_EQ(NSConnection::currentPeer(), nullptr);
+}
+
 TEST_F(NamedConnectionsTest, TheNameOfADeadOwnerIsFree) {
   const auto connection = vend("server");
   serverTransport_.die();

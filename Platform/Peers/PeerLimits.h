@@ -46,9 +46,6 @@ inline constexpr std::size_t kPeerPlaces = 64;
 inline constexpr std::size_t kReservedPeerPlaces = 8;
 inline constexpr Duration kPeerAdmissionTime = std::chrono::seconds(5);
 
-// The connections of one listener that a user other than root and our own may have.
-inline constexpr std::size_t kMaxPeerConnectionsPerUser = 256;
-
 // The limits of one user other than root and our own over the whole process, and those of all such
 // users together; see PeerAccounts.h.
 inline constexpr std::size_t kMaxPeerConnectionsOfUser = 128;

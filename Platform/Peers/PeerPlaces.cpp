@@ -1,6 +1,7 @@
 #include "Platform/Peers/PeerPlaces.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 namespace platform {
@@ -54,32 +55,6 @@ bool PeerPlaces::makeRoom(std::uint32_t newcomer) {
   entries_.erase(oldest);
   victim->pushedOut();
   return true;
-}
-
-class PeerUserCounts::One final : public Held {
- public:
-  One(std::shared_ptr<PeerUserCounts> counts, std::uint32_t user)
-      : counts_(std::move(counts)), user_(user) {}
-  One(const One&) = delete;
-  One& operator=(const One&) = delete;
-  ~One() override {
-    const auto found = counts_->counts_.find(user_);
-    if (--found->second == 0) counts_->counts_.erase(found);
-  }
-
- private:
-  std::shared_ptr<PeerUserCounts> counts_;
-  const std::uint32_t user_;
-};
-
-std::unique_ptr<PeerUserCounts::Held> PeerUserCounts::hold(std::uint32_t user, std::size_t limit) {
-  std::size_t& count = counts_[user];
-  if (count >= limit) {
-    if (count == 0) counts_.erase(user);
-    return nullptr;
-  }
-  ++count;
-  return std::make_unique<One>(shared_from_this(), user);
 }
 
 }  // namespace platform

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
 
 #include "Platform/Peers/PeerLimits.h"
@@ -34,8 +33,6 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
 
   std::size_t taken() const { return entries_.size(); }
 
-  bool isPrivileged(std::uint32_t user) const { return user == 0 || user == ownUser_; }
-
  private:
   struct Entry {
     std::uint32_t user;
@@ -43,27 +40,13 @@ class PeerPlaces : public std::enable_shared_from_this<PeerPlaces> {
   };
   class Taken;
 
+  bool isPrivileged(std::uint32_t user) const { return user == 0 || user == ownUser_; }
   bool makeRoom(std::uint32_t newcomer);
 
   const std::uint32_t ownUser_;
   const std::size_t places_;
   const std::size_t kept_;
   std::list<std::shared_ptr<Entry>> entries_;  // oldest first; shared with the place
-};
-
-// The number of connections that each user has at a listener.
-class PeerUserCounts : public std::enable_shared_from_this<PeerUserCounts> {
- public:
-  class Held {
-   public:
-    virtual ~Held() = default;
-  };
-  // Counts one more until the handle is destroyed; null if that would exceed `limit`.
-  std::unique_ptr<Held> hold(std::uint32_t user, std::size_t limit);
-
- private:
-  class One;
-  std::map<std::uint32_t, std::size_t> counts_;
 };
 
 }  // namespace platform

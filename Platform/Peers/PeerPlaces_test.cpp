@@ -112,27 +112,5 @@ TEST_F(PeerPlacesTest, APlaceOutlivesTheListener) {
   EXPECT_TRUE(out_.empty());
 }
 
-TEST(PeerUserCountsTest, TheCountOfAUserIsLimited) {
-  const auto counts = std::make_shared<PeerUserCounts>();
-  auto first = counts->hold(kAnna, 2);
-  const auto second = counts->hold(kAnna, 2);
-  EXPECT_TRUE(first && second);
-  EXPECT_FALSE(counts->hold(kAnna, 2));
-  EXPECT_TRUE(counts->hold(kBen, 2));
-  first.reset();
-  EXPECT_TRUE(counts->hold(kAnna, 2));
-  EXPECT_FALSE(counts->hold(kBen, 0));
-}
-
-TEST(PeerUserCountsTest, TheCountOfAUserHasTheListenersLimit) {
-  const auto counts = std::make_shared<PeerUserCounts>();
-  std::vector<decltype(counts->hold(kAnna, 0))> held;
-  for (std::size_t i = 1; i <= kMaxPeerConnectionsPerUser; ++i) {
-    held.push_back(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
-    EXPECT_TRUE(held.back()) << i;
-  }
-  EXPECT_FALSE(counts->hold(kAnna, kMaxPeerConnectionsPerUser));
-}
-
 }  // namespace
 }  // namespace platform

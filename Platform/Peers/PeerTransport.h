@@ -145,8 +145,6 @@ struct PeerListenerOptions {
   WhileWaiting whileWaiting = WhileWaiting::kServeNothing;
   Duration admissionTime = kPeerAdmissionTime;
   Duration messageTime = kPeerMessageTime;
-  // Root and our own user have no limit.
-  std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
   PeerMessageContents contents = PeerMessageContents::kValues;
 };
 

@@ -30,6 +30,9 @@ class PeerTransportHarness {
   // Runs an action in the other process and returns when it is done.
   using Action = std::function<void(PeerTransport&)>;
   virtual void there(const Action& action) = 0;
+  // A connection of another user, who is neither root nor our own, to the other process. Null if
+  // this test can't have one.
+  virtual std::unique_ptr<PeerConnection> connectAsStranger(const std::string& path) = 0;
   // Makes the other process stop reading from its sockets, and resume.
   virtual void hang() = 0;
   virtual void goOn() = 0;

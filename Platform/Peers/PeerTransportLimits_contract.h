@@ -242,4 +242,24 @@ TEST_P(PeerTransportContract, ADroppedNewcomerIsRefused) {
   EXPECT_EQ(connection.error().kind, PeerConnectFailure::Kind::kRefused);
 }
 
+TEST_P(PeerTransportContract, TheConnectionsOfAUserShareItsTurns) {
+  constexpr std::size_t kConnections = 12;
+  start({.audience = PeerAudience::all()});
+  std::vector<std::unique_ptr<PeerConnection>> flood;
+  while (flood.size() < kConnections) {
+    flood.push_back(harness_->connectAsStranger(path()));
+    if (!flood.back()) GTEST_SKIP() << "only root can become another user";
+  }
+  runUntilNoted("connected", 1 + kConnections);
+  const std::size_t before = journal_.entries().size();
+  harness_->hang();
+  for (const auto& stranger : flood) ASSERT_TRUE(stranger->send("stranger", {}));
+  ASSERT_TRUE(client_->send("own", {}));
+  harness_->goOn();
+  runUntilNoted("stranger", kConnections);
+  const Log notes = journal_.entries();
+  const auto own = std::ranges::find(notes, "own") - notes.begin();
+  EXPECT_LT(static_cast<std::size_t>(own), before + 4);
+}
+
 }  // namespace platform

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/Texts/StringFormat.h"
 #include "Platform/XPC/WaitingMessages.h"
 #include "Platform/XPC/XPC.h"
 
@@ -173,13 +174,30 @@ void NSXPCConnection::listenToPeer() {
                           }});
 }
 
+// A process may give up its rights, or pass its connection on and end. A one-way message may be the
+// last one of its process.
+bool NSXPCConnection::isOfItsProcess(const PeerMessage& message) const {
+  if (role_ != Role::kAccepted || peer_->peerIsUnchanged()) return true;
+  return !message.reply && !peer_->peerLives();
+}
+
 void NSXPCConnection::arrived(PeerMessage message) {
+  if (!isOfItsProcess(message)) {
+    if (peer_->peerLives()) {  // A caller that has ended is no error to log.
+      xpc_.logRefusal(effectiveUserIdentifier_,
+                      stringWithFormat("Ended the connection of process %d of user %u, which has "
+                                       "become another user's",
+                                       processIdentifier_.load(), effectiveUserIdentifier_.load()));
+    }
+    return becomeInvalid(NSXPCConnectionInvalid);
+  }
   const PeerCost cost = costOfWaiting(message.arguments);
   auto place = xpc_.environment_.accounts->take(effectiveUserIdentifier_, cost);
   if (waitingMessages_ >= kMaxWaitingMessages || waitingBytes_ + cost.bytes > kMaxWaitingBytes ||
       !place) {
-    xpc_.logFailure("Process " + std::to_string(processIdentifier_) +
-                    " sends faster than it is served; its connection has been closed.");
+    xpc_.logRefusal(effectiveUserIdentifier_,
+                    "Process " + std::to_string(processIdentifier_) +
+                        " sends faster than it is served; its connection has been closed.");
     return becomeInvalid(NSXPCConnectionInvalid);
   }
   ++waitingMessages_;

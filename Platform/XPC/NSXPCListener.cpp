@@ -53,13 +53,13 @@ void NSXPCListener::invalidate() {
 void NSXPCListener::listenOnce() {
   if (std::exchange(hasListened_, true)) return;
   PeerListenerOptions options{.audience = xpc_.environment_.endpointClients,
-                              .connectionsPerUser = xpc_.environment_.connectionsPerUser,
                               .contents = PeerMessageContents::kValuesAndEndpoints};
   options.excluded = [weak = weak_from_this()](const PeerCredentials& peer) {
     const auto self = weak.lock();
     if (!self) return;
     const std::string what = self->machService_.empty() ? "this endpoint" : self->machService_;
-    self->xpc_.logFailure(
+    self->xpc_.logRefusal(
+        peer.user,
         stringWithFormat("Refused a connection of process %d of user %u: this user may not use %@",
                          peer.process, peer.user, what));
   };
@@ -89,7 +89,8 @@ void NSXPCListener::listenOnce() {
 void NSXPCListener::arrived(std::unique_ptr<PeerConnection> peer) {
   if (!peer->peerIsUnchanged()) {
     const PeerCredentials was = peer->peer();
-    return xpc_.logFailure(
+    return xpc_.logRefusal(
+        was.user,
         stringWithFormat("Refused a connection of process %d of user %u, which has ended or has "
                          "become another user's",
                          was.process, was.user));

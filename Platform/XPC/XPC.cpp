@@ -6,11 +6,20 @@
 
 namespace platform {
 
+namespace {
+
+constexpr char kIdent[] = "NSXPCConnection";
+
+}  // namespace
+
 XPC::XPC(Environment environment)
     : environment_(std::move(environment)),
-      failures_(environment_.loop, environment_.log, "NSXPCConnection"),
-      userLines_(std::make_shared<UserLines>(currentEffectiveUserId(), environment_.loop,
-                                             environment_.log, "NSXPCConnection")),
+      userLines_(environment_.lines
+                     ? environment_.lines
+                     : std::make_shared<UserLines>(currentEffectiveUserId(), environment_.loop,
+                                                   environment_.log, kIdent)),
+      failures_(environment_.loop, environment_.log, kIdent),
+      refusals_(environment_.log, kIdent, userLines_),
       clientQueues_(addQueues()) {}
 
 XPC::~XPC() {

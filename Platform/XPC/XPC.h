@@ -51,8 +51,9 @@ class XPC {
     PeerAudience endpointClients = {};
     // The process's, shared with the transport; messages that wait to be served take from them.
     std::shared_ptr<PeerAccounts> accounts;
-    // The limit for each listener; see PeerListenerOptions.
-    std::size_t connectionsPerUser = kMaxPeerConnectionsPerUser;
+    // The limits for lines about peers, which a program with other servers shares with them.
+    // Without them it has its own.
+    std::shared_ptr<UserLines> lines = {};
   };
   explicit XPC(Environment environment);
   XPC(const XPC&) = delete;
@@ -84,12 +85,14 @@ class XPC {
   // Whether this is the loop's thread, which noteLoopThread() has stored.
   bool isOnLoop() const { return std::this_thread::get_id() == loopThread_; }
   void noteLoopThread() { loopThread_ = std::this_thread::get_id(); }
-  // Logs errors of peers or the system, with a limit of lines per minute. Call it on the loop.
+  // Log errors of this program, and of a user's peers, with a limit of lines per minute.
   void logFailure(std::string_view line) { failures_.write(line); }
+  void logRefusal(std::uint32_t user, std::string_view line) { refusals_.write(line, user); }
 
   const Environment environment_;
+  const std::shared_ptr<UserLines> userLines_;
   RefusalLog failures_;
-  const std::shared_ptr<UserLines> userLines_;  // shared with its pending post
+  RefusalLog refusals_;
   std::atomic<std::thread::id> loopThread_;
   std::atomic<bool> isEnding_ = false;
   // Used only on the loop. Accepted connections live until they end.

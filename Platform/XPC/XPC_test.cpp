@@ -92,7 +92,7 @@ TEST_P(XPCContract, TheBytesThatWaitToBeServedAreLimited) {
   }
 }
 
-// An XPC whose listeners have a limit of connections per user, and its clients.
+// An XPC of a process with few connections for each user, and its clients.
 class ConnectionsOfOneUser : public testing::Test {
  protected:
   static constexpr std::size_t kMost = 3;
@@ -131,7 +131,13 @@ class ConnectionsOfOneUser : public testing::Test {
   FakePeerNetwork network_{loop_};
   FakeXPC client_{network_, {100, 501, 20}, log_};
   FakeXPC neighbour_{network_, {101, 502, 20}, log_};
-  FakePeerTransport transport_{network_, {200, 0, 0}};
+  static constexpr PeerCost kOfUser{
+      .connections = kMost, .descriptors = 1000, .bytes = 1 << 20, .calls = 1000};
+  static constexpr PeerCost kOfAll{
+      .connections = 9 * kMost, .descriptors = 9000, .bytes = 9 << 20, .calls = 9000};
+  const std::shared_ptr<PeerAccounts> accounts_ =
+      std::make_shared<PeerAccounts>(0, PeerAccounts::Limits{.user = kOfUser, .all = kOfAll});
+  FakePeerTransport transport_{network_, {200, 0, 0}, accounts_};
   PeerAudience audience_ = PeerAudience::all();
   XPC xpc_{{.loop = loop_,
             .transport = transport_,
@@ -143,8 +149,7 @@ class ConnectionsOfOneUser : public testing::Test {
                   return ListenerPlace("/mach/" + std::string(name), audience_, {});
                 },
             .endpointClients = audience_,
-            .accounts = std::make_shared<PeerAccounts>(0, PeerAccounts::limitsFor(1024)),
-            .connectionsPerUser = kMost}};
+            .accounts = accounts_}};
   const std::shared_ptr<Welcoming> delegate_ = std::make_shared<Welcoming>();
   std::vector<std::shared_ptr<NSXPCConnection>> connections_;
 };
@@ -174,13 +179,28 @@ TEST_F(ConnectionsOfOneUser, AreRefusedAndLoggedOutsideOfTheAudience) {
   EXPECT_EQ(sink_.count("process 100 of user 501: this user may not use service"), 10u);
 }
 
-TEST_F(ConnectionsOfOneUser, AreCountedForEachListener) {
+TEST_F(ConnectionsOfOneUser, EndWhenTheirProcessChangesItsUser) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto connection = client_.xpc.makeConnection("service");
+  connection->setRemoteObjectInterface(&xpcTestProtocol());
+  ASSERT_TRUE(add(connection));
+  client_.transport.becomeUser(503);
+  bool hasFailed = false;
+  connection->sendMessage(
+      "echo:withReply:", {Value(1)}, [](const Array&) { FAIL() << "answered"; },
+      [&](const NSError&) { hasFailed = true; });
+  loop_.runReady();
+  EXPECT_TRUE(hasFailed);
+  EXPECT_EQ(sink_.count("process 100 of user 501, which has become another user's"), 1u);
+}
+
+TEST_F(ConnectionsOfOneUser, AreCountedForAllListenersTogether) {
   const auto listener = start(xpc_.makeListener("service"));
   const auto anonymous = start(xpc_.makeAnonymousListener());
-  for (std::size_t i = 0; i < kMost; ++i) {
+  for (std::size_t i = 1; i < kMost; ++i) {
     EXPECT_TRUE(add(client_.xpc.makeConnection("service")));
-    EXPECT_TRUE(add(client_.xpc.makeConnection(anonymous->endpoint())));
   }
+  EXPECT_TRUE(add(client_.xpc.makeConnection(anonymous->endpoint())));
   EXPECT_FALSE(add(client_.xpc.makeConnection("service")));
   EXPECT_FALSE(add(client_.xpc.makeConnection(anonymous->endpoint())));
 }

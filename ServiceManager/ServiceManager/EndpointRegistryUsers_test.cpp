@@ -3,7 +3,9 @@
 #include <string>
 
 #include "Platform/Logging/UserLines.h"
+#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "ServiceManager/ServiceManager/EndpointRegistry_fixture.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
 
@@ -79,6 +81,53 @@ TEST_F(RegistryUsersTest, AFloodOfRefusedRequestsIsNotAFloodOfLines) {
   EXPECT_LE(takeLog().size(), UserLines::kLinesPerUser);
   loop_.advanceBy(UserLines::kPeriod);
   EXPECT_EQ(systemSink_.count("lines about requests of user 501 were left out"), 1u);
+}
+
+// A registry whose main loop is busy, so that unknown names wait to be asked for.
+class WantedNamesTest : public XPCStartUpTest {
+ protected:
+  static constexpr char kService[] = "registry";
+
+  WantedNamesTest() {
+    listener_->setDelegate(registry_);
+    listener_->resume();
+  }
+
+  void lookUpMany(FakeXPC& user, const std::string& prefix, std::size_t names) {
+    const auto connection =
+        connect(user.xpc.makeConnection(kService), kORBServiceManagerXPCInterfaceProtocol);
+    for (std::size_t i = 0; i < names; ++i) {
+      const std::string name = prefix + std::to_string(i);
+      call(*connection,
+           "xpcListenerEndpointForPasskey:withName:withReply:", {passkey(), Value(name)});
+    }
+  }
+  // The names that are asked for when the main loop runs.
+  std::size_t requested() {
+    requests_.clear();
+    mainLoop_.runReady();
+    loop_.runReady();
+    return requests_.size();
+  }
+
+  VirtualRunLoop mainLoop_;
+  FakeXPC server_{network_, {200, 0, 0}, systemLog_};
+  FakeXPC anna_{network_, {300, 501, 20}, systemLog_};
+  FakeXPC bert_{network_, {301, 502, 20}, systemLog_};
+  FakeXPC root_{network_, {302, 0, 0}, systemLog_};
+  std::shared_ptr<ORBServiceManagerXPCHandler> registry_ =
+      std::make_shared<ORBServiceManagerXPCHandler>(mainLoop_, system_, *center_, protocols_);
+  std::shared_ptr<NSXPCListener> listener_ = server_.xpc.makeListener(kService);
+};
+
+TEST_F(WantedNamesTest, TheNamesThatAUserWantsAreLimited) {
+  constexpr std::size_t kMost = ORBServiceManagerXPCHandler::kMaxWantedNamesOfUser;
+  lookUpMany(anna_, "anna", kMost + 10);
+  EXPECT_EQ(requested(), kMost);
+  lookUpMany(anna_, "anna", kMost + 10);
+  lookUpMany(bert_, "bert", 1);
+  lookUpMany(root_, "root", kMost + 10);
+  EXPECT_EQ(requested(), kMost + 1 + kMost + 10);
 }
 
 }  // namespace

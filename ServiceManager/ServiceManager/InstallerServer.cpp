@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ServiceManager/ServiceManager/ChangeRequests.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
@@ -10,10 +11,18 @@ using namespace platform;
 void InstallerServer::takeMessage(std::string_view selector, const Array& arguments,
                                   MessageReply reply) {
   const ServerMessage message{ORBServiceManager::kClassName, selector, arguments};
-  if (selector == "evaluateServices") return reply.answer(manager_.evaluateServices());
-  if (selector != "shutdownServices:") return reply.answer(message.unrecognizedSelector());
+  const bool isEnd = selector == "evaluateServices";
+  if (!isEnd && selector != "shutdownServices:") {
+    return reply.answer(message.unrecognizedSelector());
+  }
   const Value labels = message.argument();
-  if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
+  if (!isEnd && !labels.array()) {
+    return reply.answer(message.invalidArgument("an array of labels"));
+  }
+  if (auto refusal = changes_.refusal()) {
+    return reply.answer(std::unexpected(*std::move(refusal)));
+  }
+  if (isEnd) return reply.answer(manager_.evaluateServices());
   manager_.shutdownServices(*labels.array(),
                             [reply = std::move(reply)](bool haveAllStopped) mutable {
                               reply.answer(Value(haveAllStopped));

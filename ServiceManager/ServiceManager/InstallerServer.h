@@ -4,6 +4,7 @@
 
 #include "Platform/Messages/NSProxy.h"
 
+class ChangeRequests;
 class ORBServiceManager;
 
 // The root object of the installer's server: "shutdownServices:" with an array of labels, which an
@@ -11,12 +12,14 @@ class ORBServiceManager;
 // thread. Any other message raises. An installer is answered once its services have been shut down.
 class InstallerServer final : public platform::MessageTarget {
  public:
-  // `manager` outlives this.
-  explicit InstallerServer(ORBServiceManager& manager) : manager_(manager) {}
+  // Both outlive this. `changes` limits the requests.
+  InstallerServer(ORBServiceManager& manager, ChangeRequests& changes)
+      : manager_(manager), changes_(changes) {}
 
   void takeMessage(std::string_view selector, const platform::Array& arguments,
                    platform::MessageReply reply) override;
 
  private:
   ORBServiceManager& manager_;
+  ChangeRequests& changes_;
 };

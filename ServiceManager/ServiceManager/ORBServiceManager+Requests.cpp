@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
@@ -10,7 +11,7 @@
 using namespace platform;
 
 // Any client may name any job of the machine: the bus, this daemon, an extension. Only the
-// catalogue's services may be asked about, started and stopped.
+// catalogue's services may be asked about, started and stopped, and each once by a request.
 bool ORBServiceManager::hasService(Label label) const {
   return label && !catalogue_.service(*label).isNil();
 }
@@ -19,7 +20,8 @@ std::vector<std::string> ORBServiceManager::knownLabels(const Array& labels) con
   std::vector<std::string> known;
   for (const Value& element : labels) {
     const std::string* label = element.string();
-    if (label && hasService(*label)) known.push_back(*label);
+    if (!label || !hasService(*label)) continue;
+    if (std::ranges::find(known, *label) == known.end()) known.push_back(*label);
   }
   return known;
 }

@@ -184,6 +184,19 @@ TEST_F(RequestsTest, AShutdownWithoutTheJobHostFails) {
   EXPECT_THAT(jobs_.labels(), ElementsAre(kAgent));
 }
 
+TEST_F(RequestsTest, ARequestNamesEachServiceOnce) {
+  run(kAgent);
+  manager().stopServices({kAgent});
+  loop_.advanceBy(1s);
+  const auto linesOfOne = takeLog();
+  manager().startServices({kAgent});
+  loop_.advanceBy(1s);
+  takeLog();
+  manager().stopServices(Array(1000, Value(kAgent)));
+  loop_.advanceBy(1s);
+  EXPECT_EQ(takeLog().size(), linesOfOne.size());
+}
+
 TEST_F(RequestsTest, AnElementThatIsNoLabelIsIgnored) {
   run(kHelper);
   EXPECT_TRUE(shutDown({1, Array{}, kHelper, Value::nullMarker()}));

@@ -43,8 +43,9 @@ class MessagesTest : public ServiceManagerFixture {
     EXPECT_THAT(result.error().reason, HasSubstr(reason));
   }
 
-  InstallerServer installer_{manager()};
-  UserInterfaceServer userInterface_{manager()};
+  ChangeRequests changes_{loop_, 0, [](std::uint32_t) { return true; }};
+  InstallerServer installer_{manager(), changes_};
+  UserInterfaceServer userInterface_{manager(), changes_};
   AuthServer auth_{manager().secret()};
 };
 

@@ -16,7 +16,8 @@ void ServerMessage::withLabel(MessageReply reply,
   method(*label.string(), std::move(reply));
 }
 
-MessageResult ServerMessage::withLabels(const std::function<Value(const Array&)>& method) const {
+MessageResult ServerMessage::withLabels(
+    const std::function<MessageResult(const Array&)>& method) const {
   const Value labels = argument();
   if (!labels.array()) return invalidArgument("an array of labels");
   return method(*labels.array());

@@ -24,7 +24,7 @@ struct ServerMessage {
   void withLabel(platform::MessageReply reply,
                  const std::function<void(Label, platform::MessageReply)>& method) const;
   platform::MessageResult withLabels(
-      const std::function<platform::Value(const platform::Array&)>& method) const;
+      const std::function<platform::MessageResult(const platform::Array&)>& method) const;
 
   // An exception that says what was expected in place of the first argument.
   std::unexpected<platform::NSException> invalidArgument(std::string_view expected) const;

@@ -1,12 +1,14 @@
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 
 #include <deque>
+#include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2_fixture.h"
+#include "Platform/Logging/UserLines.h"
 #include "Platform/Testing/NamedConnections/ConnectedProgram.h"
 #include "Platform/Testing/Peers/FakePeerTransport.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
@@ -103,6 +105,31 @@ TEST_F(UserInterfaceClientsTest, AtTheLimitDisconnectedClientsMakeRoom) {
   connection->invalidate();
   clients_.registerClient(late.proxy);
   EXPECT_THAT(clients_.userClients(), ElementsAre(staying.proxy, late.proxy));
+}
+
+TEST_F(UserInterfaceClientsTest, TheLinesAboutAUsersRegistrationsAreLimited) {
+  VirtualRunLoop loop;
+  FakePeerNetwork network(loop);
+  FakePeerTransport transport(network, {100, 0, 0});
+  FakePeerTransport users(network, {200, 501, 20});
+  ConnectedProgram program(loop, transport, [](std::string_view name) {
+    return ListenerPlace(std::string(name), PeerAudience::all(), {});
+  });
+  TokenDelegate delegate("server", "client");
+  const auto server = program.connections.makeConnection();
+  server->setDelegate(&delegate);
+  ASSERT_TRUE(server->registerName("server"));
+  const auto peer = users.connect("server", {});
+  ASSERT_TRUE(peer);
+  ASSERT_EQ(server->childConnections().size(), 1u);
+  const auto window = std::make_shared<NSDistantObject>(
+      server->childConnections().front(), NSDistantObject::Description{1, "Window", {}});
+  const auto lines = std::make_shared<UserLines>(0, loop, program.log, "Ident");
+  UserInterfaceClients clients([&](std::uint32_t user) { return lines->mayWrite(user); });
+  for (int i = 0; i < 1000; ++i) clients.registerClient(window);
+  EXPECT_EQ(lines_.take().size(), UserLines::kLinesPerUser);
+  loop.advanceBy(UserLines::kPeriod);
+  EXPECT_EQ(program.sink.count("1990 lines about requests of user 501 were left out"), 1u);
 }
 
 // Notices.

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ServiceManager/ServiceManager/ChangeRequests.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
 
@@ -35,13 +36,15 @@ MessageResult UserInterfaceServer::answerTo(const ServerMessage& message) {
   const std::string_view selector = message.selector;
   if (selector == "services") return manager_.services();
   if (selector == "stopServices:") {
-    return message.withLabels([this](const Array& labels) {
+    return message.withLabels([this](const Array& labels) -> MessageResult {
+      if (auto refusal = changes_.refusal()) return std::unexpected(*std::move(refusal));
       manager_.stopServices(labels);
       return Value();
     });
   }
   if (selector == "startServices:") {
-    return message.withLabels([this](const Array& labels) {
+    return message.withLabels([this](const Array& labels) -> MessageResult {
+      if (auto refusal = changes_.refusal()) return std::unexpected(*std::move(refusal));
       manager_.startServices(labels);
       return Value();
     });

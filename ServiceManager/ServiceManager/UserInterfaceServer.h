@@ -4,6 +4,7 @@
 
 #include "Platform/Messages/NSProxy.h"
 
+class ChangeRequests;
 class ORBServiceManager;
 struct ServerMessage;
 
@@ -14,8 +15,9 @@ struct ServerMessage;
 // about a label are answered when the job host has answered.
 class UserInterfaceServer final : public platform::MessageTarget {
  public:
-  // `manager` outlives this.
-  explicit UserInterfaceServer(ORBServiceManager& manager) : manager_(manager) {}
+  // Both outlive this. `changes` limits the requests to stop and start services.
+  UserInterfaceServer(ORBServiceManager& manager, ChangeRequests& changes)
+      : manager_(manager), changes_(changes) {}
 
   void takeMessage(std::string_view selector, const platform::Array& arguments,
                    platform::MessageReply reply) override;
@@ -24,4 +26,5 @@ class UserInterfaceServer final : public platform::MessageTarget {
   platform::MessageResult answerTo(const ServerMessage& message);
 
   ORBServiceManager& manager_;
+  ChangeRequests& changes_;
 };

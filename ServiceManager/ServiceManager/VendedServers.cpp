@@ -1,5 +1,6 @@
 #include "ServiceManager/ServiceManager/VendedServers.h"
 
+#include "Platform/SystemFacts/CurrentUser.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
@@ -20,8 +21,10 @@ constexpr std::uint64_t kFirstMinorVersion = 8;
 VendedServers::VendedServers(const Environment& environment, ORBServiceManager& manager)
     : environment_(environment),
       manager_(manager),
-      installerServer_(manager),
-      userInterfaceServer_(manager),
+      changes_(environment.runLoop, currentEffectiveUserId(),
+               [&xpc = environment.xpc](std::uint32_t user) { return xpc.mayLog(user); }),
+      installerServer_(manager, changes_),
+      userInterfaceServer_(manager, changes_),
       authServer_(manager.secret()) {}
 
 VendedServers::~VendedServers() {

@@ -14,6 +14,7 @@
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/XPC.h"
 #include "ServiceManager/ServiceManager/AuthServer.h"
+#include "ServiceManager/ServiceManager/ChangeRequests.h"
 #include "ServiceManager/ServiceManager/InstallerServer.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
@@ -78,6 +79,7 @@ class VendedServers {
 
   const Environment environment_;
   ORBServiceManager& manager_;
+  ChangeRequests changes_;
   InstallerServer installerServer_;
   UserInterfaceServer userInterfaceServer_;
   AuthServer authServer_;

@@ -183,8 +183,9 @@ class OperatorClients {
                   platform::CodeSignatures& signatures)
       : thread_(thread),
         clients_(thread, linux, signatures),
-        connections_(thread.loop(), clients_.transport, clients_.center, linux.systemLog,
-                     [&places](std::string_view name) { return places.connection(name); }) {
+        connections_(
+            thread.loop(), clients_.transport, clients_.center, linux.systemLog,
+            [&places](std::string_view name) { return places.connection(name); }, linux.userLines) {
     clients_.host.limitWaits(kOperatorsWait);
     addSettingsClientFactories(factories_, {thread.loop(), connections_, nullCenter_,
                                             clients_.center, protocols, linux.systemInformation});
@@ -265,7 +266,7 @@ int main(int argc, char** argv) {
   platform::NotificationCenter center;
   platform::NamedConnections connections(
       loop, linux.peerTransport, center, linux.systemLog,
-      [&](std::string_view name) { return places.connection(name); });
+      [&](std::string_view name) { return places.connection(name); }, linux.userLines);
   const auto distributedCenter = platform::makeBusNotificationCenter(
       *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
   platform::LinuxExtendedAttributes attributes;
@@ -275,7 +276,7 @@ int main(int argc, char** argv) {
   // This comes after everything that requests use, also the protocols: its threads serve requests
   // until it ends.
   const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket),
-                                            linux.peerAccounts);
+                                            linux.peerAccounts, linux.userLines);
   if (!xpc) return fail(xpc.error());
 
   // All that waits for an extension does so on a thread of its own, with a connection of its own.

@@ -1,6 +1,7 @@
 // An attacker on the daemon's machine. Started as root, it tries one way in again and again as
 // other users, and prints "served N of M": how often the daemon accepted it. The arguments are the
-// platform root, the way and the number of tries. It prints "impossible here" if this machine does
+// platform root, the way and the number of tries. "registry: " before the way means the registry of
+// endpoints, and not the user interface's server. It prints "impossible here" if this machine does
 // not permit the way.
 
 #include <cerrno>
@@ -66,24 +67,29 @@ struct Attack {
   std::string root;
   std::string socket;
   Data token;
+  bool isOnRegistry = false;  // and not on the user interface's server
 };
 
-// Whether the server accepts the token of the process that has this connected socket now.
-bool isAccepted(UniqueFd socket, const Data& token) {
+// Whether the server accepts the token of the process that has this connected socket now: in the
+// first message of a named connection, and in each request to the registry.
+bool isAccepted(UniqueFd socket, const Attack& attack) {
   const auto loop = std::move(*AsioRunLoop::create());
   auto connection = openOverSocket(std::move(socket));
   if (!connection) return false;
   const auto link = DBusPeerLink::create(*loop, std::move(*connection), WhileWaiting::kServeNothing,
                                          PeerMessageContents::kValues);
   if (!link || !(*link)->awaitWelcome(loop->now() + 10s)) return false;
-  const bool accepted = (*link)->call(kAuthenticate, {Value(token)}, 10s).has_value();
+  const auto answer =
+      attack.isOnRegistry
+          ? (*link)->call(RegistryClient::kLookUp, {Value(attack.token), Value("name"), {}}, 10s)
+          : (*link)->call(kAuthenticate, {Value(attack.token)}, 10s);
   (*link)->close();
-  return accepted;
+  return answer.has_value();
 }
 
-bool connectAndShow(const std::string& path, const Data& token) {
-  auto socket = connectToSocket(path, 5s);
-  return socket && isAccepted(std::move(*socket), token);
+bool connectAndShow(const Attack& attack) {
+  auto socket = connectToSocket(attack.socket, 5s);
+  return socket && isAccepted(std::move(*socket), attack);
 }
 
 UniqueFd newSocket() { return UniqueFd(::socket(AF_UNIX, SOCK_STREAM, 0)); }
@@ -120,14 +126,14 @@ int as(uid_t user, const std::function<bool()>& action) {
 // The ways in.
 
 int memberWithTheToken(const Attack& attack) {
-  return as(kMember, [&] { return connectAndShow(attack.socket, attack.token); });
+  return as(kMember, [&] { return connectAndShow(attack); });
 }
 
 int wrongToken(const Attack& attack) {
   return as(kMember, [&] {
-    Data wrong = attack.token;
-    for (auto& byte : wrong) byte = static_cast<std::uint8_t>(std::random_device()());
-    return connectAndShow(attack.socket, wrong);
+    Attack wrong = attack;
+    for (auto& byte : wrong.token) byte = static_cast<std::uint8_t>(std::random_device()());
+    return connectAndShow(wrong);
   });
 }
 
@@ -136,14 +142,14 @@ int tokenOfAnotherBoot(const Attack& attack) {
   static std::uint8_t difference = 0;
   if (++difference == 0) ++difference;
   return as(kMember, [&] {
-    Data old = attack.token;
-    for (auto& byte : old) byte ^= difference;
-    return connectAndShow(attack.socket, old);
+    Attack old = attack;
+    for (auto& byte : old.token) byte ^= difference;
+    return connectAndShow(old);
   });
 }
 
 int strangerWithTheToken(const Attack& attack) {
-  return as(kStranger, [&] { return connectAndShow(attack.socket, attack.token); });
+  return as(kStranger, [&] { return connectAndShow(attack); });
 }
 
 // A member connects, passes the connection on to a stranger and ends.
@@ -151,7 +157,7 @@ int descriptorPassedOn(const Attack& attack) {
   const UniqueFd socket = newSocket();
   const int connected = as(kMember, [&] { return connectWith(socket, attack.socket); });
   if (connected != kServed) return EXIT_FAILURE;
-  return as(kStranger, [&] { return isAccepted(UniqueFd(::dup(socket.get())), attack.token); });
+  return as(kStranger, [&] { return isAccepted(UniqueFd(::dup(socket.get())), attack); });
 }
 
 // The process that connected has ended, and another one of the same user has got its number.
@@ -168,7 +174,7 @@ int reusedNumber(const Attack& attack) {
   arguments.set_tid_size = 1;
   const auto next = static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
   if (next == 0) {
-    ::_exit(become(kMember) ? exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token))
+    ::_exit(become(kMember) ? exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack))
                             : EXIT_FAILURE);
   }
   if (next < 0) return errno == EEXIST ? kRefused : kImpossible;
@@ -181,8 +187,8 @@ int executedAfterwards(const Attack& attack) {
     const UniqueFd socket = newSocket();
     if (!connectWith(socket, attack.socket) || !become(kStranger)) return EXIT_FAILURE;
     const std::string descriptor = std::to_string(socket.get());
-    ::execl(attack.program.c_str(), attack.program.c_str(), attack.root.c_str(), "--show",
-            descriptor.c_str(), nullptr);
+    ::execl(attack.program.c_str(), attack.program.c_str(), attack.root.c_str(),
+            attack.isOnRegistry ? "registry: --show" : "--show", descriptor.c_str(), nullptr);
     return EXIT_FAILURE;
   });
 }
@@ -192,7 +198,7 @@ int userChangedAfterwards(const Attack& attack) {
   return inChild([&] {
     const UniqueFd socket = newSocket();
     if (!connectWith(socket, attack.socket) || !become(kStranger)) return EXIT_FAILURE;
-    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token));
+    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack));
   });
 }
 
@@ -203,7 +209,7 @@ int rightsGainedAfterwards(const Attack& attack) {
     if (::syscall(SYS_setresuid, kStranger, kStranger, 0) != 0) return EXIT_FAILURE;
     if (!connectWith(socket, attack.socket)) return kRefused;
     if (::syscall(SYS_setresuid, 0, 0, 0) != 0) return EXIT_FAILURE;
-    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack.token));
+    return exitStatus(isAccepted(UniqueFd(::dup(socket.get())), attack));
   });
 }
 
@@ -345,13 +351,17 @@ int main(int argc, char** argv) {
   if (argc != 4) return 2;
   const std::string root = argv[1];
   const LinuxSystemInformation system(defaultPlatformConfiguration(root), "/proc");
+  std::string_view name = argv[2];
+  constexpr std::string_view kOnRegistry = "registry: ";
+  const bool isOnRegistry = name.starts_with(kOnRegistry);
+  if (isOnRegistry) name.remove_prefix(kOnRegistry.size());
   const Attack attack{std::filesystem::read_symlink("/proc/self/exe"), root,
-                      pathOfConnection(root, kServer), systemProfileData(system)};
+                      isOnRegistry ? pathOfMachService(root, kEndpointRegistryService)
+                                   : pathOfConnection(root, kServer),
+                      systemProfileData(system), isOnRegistry};
   // The second half of "executed afterwards".
-  if (std::string_view(argv[2]) == "--show") {
-    return exitStatus(isAccepted(UniqueFd(std::atoi(argv[3])), attack.token));
-  }
-  const auto way = wayOf(argv[2], attack);
+  if (name == "--show") return exitStatus(isAccepted(UniqueFd(std::atoi(argv[3])), attack));
+  const auto way = wayOf(name, attack);
   if (!way) return 2;
   const int tries = std::atoi(argv[3]);
   int served = 0;

@@ -4,9 +4,9 @@
 
 namespace platform {
 
-void DaemonFixture::start(int services) {
+void DaemonFixture::start(int services, const Dictionary& catalogue) {
   services_ = services;
-  root_.setCatalogue(DaemonRoot::catalogue(services));
+  root_.setCatalogue(catalogue);
   const std::size_t before = evaluations();
   root_.startDaemon();
   root_.awaitStart();

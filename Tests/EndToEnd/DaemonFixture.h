@@ -19,9 +19,13 @@ class DaemonFixture : public testing::Test {
  protected:
   using Notice = UserInterfaceClient::Notice;
 
+  // `configuration` is more of platform.plist, as XML.
+  explicit DaemonFixture(const std::string& configuration = {}) : root_(configuration) {}
+
   // Starts a daemon with services 0 to `services` - 1, and makes a client that gets all
   // notifications.
-  void start(int services);
+  void start(int services) { start(services, DaemonRoot::catalogue(services)); }
+  void start(int services, const Dictionary& catalogue);
   // Waits until a daemon that has just started has evaluated all services; `before` is the result
   // of evaluations() before its start.
   void awaitEvaluation(std::size_t before);

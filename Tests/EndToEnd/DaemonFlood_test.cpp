@@ -61,11 +61,7 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
   void flood(Duration time) {
     std::vector<Duration> times;
     {
-      ChildProgram attackers(
-          {FLOOD_PROGRAM, root_.path(), GetParam().way, std::to_string(kFirstUser),
-           std::to_string(GetParam().users), std::to_string(kGroup)},
-          {});
-      ASSERT_EQ(attackers.nextLine(), "flooding");
+      const auto attackers = startAttackers();
       const Instant end = root_.loop().now() + time;
       while (root_.loop().now() < end) {
         times.push_back(ask());
@@ -86,6 +82,19 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
     EXPECT_LT(most_ - memory_, kMaxGrowth);
 #endif
   }
+
+  // They flood until they are destroyed.
+  std::unique_ptr<ChildProgram> startAttackers() {
+    auto attackers = std::make_unique<ChildProgram>(
+        std::vector<std::string>{FLOOD_PROGRAM, root_.path(), GetParam().way,
+                                 std::to_string(kFirstUser), std::to_string(GetParam().users),
+                                 std::to_string(kGroup)},
+        std::vector<std::string>{});
+    EXPECT_EQ(attackers->nextLine(), "flooding");
+    return attackers;
+  }
+
+  std::size_t lines_ = 0;
 
  private:
   // Another user can reach the daemon's sockets from now on.
@@ -137,7 +146,6 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
   long memory_ = 0;
   long most_ = 0;
   std::size_t descriptors_ = 0;
-  std::size_t lines_ = 0;
   std::map<std::string, ProcessId> processes_;
 };
 
@@ -150,6 +158,31 @@ constexpr Duration kLongFlood = 30s;
 constexpr Duration kLongFlood = 5s;
 #endif
 
+// Services are stopped and started really, within a limit, and each once by a request.
+class DaemonChanges : public FloodFixture {
+ protected:
+  // Some thirty for each change of a service.
+  static constexpr std::size_t kMaxLinesOfChanges = 2000;
+  bool isOver_ = false;
+};
+TEST_P(DaemonChanges, AreLimited) {
+  {
+    const auto attackers = startAttackers();
+    const auto pause = root_.loop().startTimer(3s, RunLoop::Repeat::kOnce, [this] {
+      isOver_ = true;
+      root_.changed();
+    });
+    root_.await("the end of the flood", [this] { return isOver_; });
+  }
+  EXPECT_LT(root_.logCount("\n") - lines_, kMaxLinesOfChanges);
+  EXPECT_GT(root_.logCount("too many changes of services"), 0u);
+  UserInterfaceClient root(root_);
+  EXPECT_TRUE(root.ask("startServices:", {Value(Array{DaemonRoot::label(0)})}));
+  EXPECT_TRUE(root.ask("services"));
+  awaitServices(root_, {DaemonRoot::label(0)});
+  EXPECT_GT(root_.processOf(DaemonRoot::label(0)), 0);
+}
+
 class DaemonFloodLong : public FloodFixture {};
 TEST_P(DaemonFloodLong, CostsLittleAndPasses) { flood(kLongFlood); }
 
@@ -161,6 +194,8 @@ constexpr Flood kFloods[] = {{"connections", 1},  {"connections", 17}, {"unfinis
                              {"unfinished", 17},  {"oneway", 1},       {"oneway", 17},
                              {"refused", 1},      {"refused", 17},     {"descriptors", 1},
                              {"descriptors", 17}, {"names", 1},        {"names", 17}};
+INSTANTIATE_TEST_SUITE_P(, DaemonChanges,
+                         testing::Values(Flood{"changes", 1}, Flood{"changes", 17}), nameOf);
 INSTANTIATE_TEST_SUITE_P(, DaemonFlood, testing::ValuesIn(kFloods), nameOf);
 INSTANTIATE_TEST_SUITE_P(, DaemonFloodLong, testing::ValuesIn(kFloods), nameOf);
 

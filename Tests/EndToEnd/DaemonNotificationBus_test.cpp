@@ -71,12 +71,12 @@ TEST_F(DaemonNotificationBus, TheConfigurationServerRestartsWhileThereIsNone) {
 // The daemon waits for the job host for so long that the bus closes its connection before it has
 // logged in.
 TEST_F(DaemonNotificationBus, AStartWithoutAnAnswerOfTheJobHostIsAnnounced) {
-  std::string impatient = contentOfFile(root_.folder().path("bus.conf"));
+  std::string impatient = contentOfFile(root_.folder().path("etc/vantor/notification-bus.conf"));
   const std::string limit = "<limit name=\"auth_timeout\">";
   const std::size_t at = impatient.find(limit);
   ASSERT_NE(at, impatient.npos);
   impatient.replace(at + limit.size(), impatient.find('<', at + 1) - at - limit.size(), "1000");
-  root_.folder().write("bus.conf", impatient);
+  root_.folder().write("etc/vantor/notification-bus.conf", impatient);
   bool isBack = false;
   const auto returned = root_.center().observeReturn([&] {
     isBack = true;

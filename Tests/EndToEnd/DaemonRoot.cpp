@@ -66,20 +66,21 @@ PlatformConfiguration configurationOf(const std::string& root) {
 
 }  // namespace
 
-DaemonRoot::DaemonRoot()
-    : root_(groupEntry()),
+DaemonRoot::DaemonRoot(const std::string& configuration)
+    : root_(groupEntry() + configuration),
       system_(configurationOf(root_.folder().path()), "/proc"),
       client_(transport_, *loop_, jobHostSocket(root_.folder().path())) {
   ::umask(022);  // A file that a test writes must not be writable for everybody.
   folder().write("etc/vantor/platform.plist",
                  "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>"
                  "<key>NotificationBus</key><string>" +
-                     busAddress(path()) + "</string>" + groupEntry() + "</dict></plist>");
+                     busAddress(path()) + "</string>" + groupEntry() + configuration +
+                     "</dict></plist>");
   folder().write("etc/vantor/anchors/authority.pem",
                  pemOfCertificate(CodeSigningBed::authority().chain.front().get()).value());
-  folder().write("bus.conf", contentOfFile(NOTIFICATION_BUS_CONFIGURATION));
+  folder().write("etc/vantor/notification-bus.conf", contentOfFile(NOTIFICATION_BUS_CONFIGURATION));
   if (::geteuid() != 0) {
-    folder().write("notification-bus.d/owner.conf",
+    folder().write("etc/vantor/notification-bus.d/owner.conf",
                    "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
                        "\"><allow send_type=\"signal\" "
                        "send_interface=\"com.vantor.DistributedNotification\"/>"
@@ -207,13 +208,13 @@ void DaemonRoot::startDaemon(const std::optional<std::string>& program) {
 void DaemonRoot::startBus() {
   const auto bus = jobs_.SMJobSubmit(
       kSMDomainSystemLaunchd,
-      Dictionary{
-          {"Label", kBus},
-          {"ProgramArguments", Array{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile",
-                                     "--nosyslog", "--config-file=" + folder().path("bus.conf")}},
-          {"MachServices", Dictionary{{kBus, true}}},
-          {"KeepAlive", true},
-          {"ThrottleInterval", 0}},
+      Dictionary{{"Label", kBus},
+                 {"ProgramArguments",
+                  Array{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
+                        "--config-file=" + folder().path("etc/vantor/notification-bus.conf")}},
+                 {"MachServices", Dictionary{{kBus, true}}},
+                 {"KeepAlive", true},
+                 {"ThrottleInterval", 0}},
       nullptr);
   EXPECT_TRUE(bus) << bus.error().localizedDescription;
 }

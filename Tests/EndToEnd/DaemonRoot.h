@@ -39,7 +39,8 @@ class DaemonRoot {
       "com.vantor.servicemanager.notification.serverdidstartError";
   static constexpr char kEvaluating[] = "Evaluating the system configuration";
 
-  DaemonRoot();
+  // `configuration` is more of platform.plist, as XML.
+  explicit DaemonRoot(const std::string& configuration = {});
   DaemonRoot(const DaemonRoot&) = delete;
   DaemonRoot& operator=(const DaemonRoot&) = delete;
   // Ends all jobs. A test fails if the daemon has ended by itself, or has written to its standard

@@ -33,6 +33,7 @@
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/Testing/Machine/PassedDescriptors.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
@@ -82,19 +83,7 @@ class RawConnection {
     return true;
   }
   bool writeWith(std::string_view bytes, const std::vector<int>& descriptors) {
-    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
-    std::vector<char> control(CMSG_SPACE(sizeof(int) * descriptors.size()));
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
-    std::memcpy(CMSG_DATA(header), descriptors.data(), sizeof(int) * descriptors.size());
-    return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) > 0;
+    return sendWithDescriptors(socket_.get(), bytes, descriptors) > 0;
   }
   // Takes what the daemon has sent. False if it has hung up.
   bool drain() {
@@ -159,6 +148,7 @@ class Attacker {
       if (way == "oneway") sendOneWay();
       if (way == "refused") askInVain();
       if (way == "descriptors") addDescriptors();
+      if (way == "changes") changeServices();
       begin();
     }
   }
@@ -229,6 +219,21 @@ class Attacker {
       }
       return !held->drain();
     });
+  }
+  // Stops and starts the first service, as often as it is answered.
+  void changeServices() {
+    static const std::string stop = marshalled(
+        "stopServices:", {Value(Array(100, Value("com.vantor.test.0")))}, PeerMessageKind::kTwoWay);
+    static const std::string start =
+        marshalled("startServices:", {Value(Array(100, Value("com.vantor.test.0")))},
+                   PeerMessageKind::kTwoWay);
+    if (connections_.empty()) {
+      RawConnection* const made = add(pathOfConnection(root_, kUserInterface));
+      if (!made || !made->write(token())) return;
+    }
+    turn_ = (turn_ + 1) % 2;
+    if (!connections_.back()->write(turn_ == 0 ? start : stop)) connections_.clear();
+    std::erase_if(connections_, [](const auto& held) { return !held->drain(); });
   }
   void addDescriptors() {
     static const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));

@@ -24,17 +24,22 @@
 
 namespace platform {
 
-// A bus with the product's configuration, in its own folder.
+// A bus with the product's configuration, in its own folder. It is open to every user unless
+// `clients` says something else.
 class TestBus {
  public:
+  static constexpr char kOpen[] =
+      "<busconfig><policy context=\"default\"><allow user=\"*\"/></policy></busconfig>";
+
   TestBus() : TestBus(contentOfFile(NOTIFICATION_BUS_CONFIGURATION)) {}
-  explicit TestBus(const std::string& configuration) {
-    // So that the bus itself rejects other users.
+  explicit TestBus(const std::string& configuration, const std::string& clients = kOpen) {
+    // So that the bus itself, and not its folder, rejects other users.
     std::filesystem::permissions(folder_.path(), std::filesystem::perms::others_exec,
                                  std::filesystem::perm_options::add);
-    folder_.write("bus.conf", configuration);
+    folder_.write("etc/vantor/bus.conf", configuration);
+    folder_.write("run/vantor/notification-bus-clients", clients);
     if (::geteuid() != 0) {
-      folder_.write("notification-bus.d/owner.conf",
+      folder_.write("etc/vantor/notification-bus.d/owner.conf",
                     "<busconfig><policy user=\"" + std::to_string(::geteuid()) +
                         "\"><allow send_type=\"signal\" "
                         "send_interface=\"com.vantor.DistributedNotification\"/>"
@@ -47,7 +52,7 @@ class TestBus {
     program_.emplace(
         std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
                                  "--print-address", "--address=" + address_,
-                                 "--config-file=" + folder_.path("bus.conf")},
+                                 "--config-file=" + folder_.path("etc/vantor/bus.conf")},
         std::vector<std::string>{});
     EXPECT_THAT(program_->nextLine(), testing::StartsWith(address_));
   }

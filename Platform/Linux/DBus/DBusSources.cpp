@@ -96,12 +96,14 @@ DBusSources::~DBusSources() {
 void DBusSources::scheduleDispatch() {
   if (dispatchPosted_) return;
   dispatchPosted_ = true;
-  loop_.post([weak = std::weak_ptr(shared_)] {
+  auto dispatch = [weak = std::weak_ptr(shared_)] {
     const auto shared = weak.lock();
     if (!shared || shared->owner == nullptr) return;
     shared->owner->dispatchPosted_ = false;
     shared->callbacks.dispatch();
-  });
+  };
+  if (shared_->callbacks.post) return shared_->callbacks.post(std::move(dispatch));
+  loop_.post(std::move(dispatch));
 }
 
 DBusSources::Handled DBusSources::handleWithin(Duration limit) {

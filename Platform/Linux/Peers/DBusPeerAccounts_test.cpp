@@ -2,17 +2,19 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Peers/DBusMessages.h"
+#include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/Peers/PeerThreads_contract.h"
 #include "Platform/Linux/Peers/RawPeer_contract.h"
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerLimits.h"
 
 namespace platform {
@@ -28,7 +30,9 @@ std::string largeFrame() {
 
 class DBusPeerAccountsTest : public testing::Test, protected PeerTransportBed {
  protected:
-  DBusPeerAccountsTest() : PeerTransportBed(std::make_unique<PeerThreads>()) {}
+  explicit DBusPeerAccountsTest(
+      std::unique_ptr<PeerThreads> threads = std::make_unique<PeerThreads>())
+      : PeerTransportBed(std::move(threads)) {}
 
   // Starts a server that everybody may reach.
   void open(PeerListenerOptions options = {}) {
@@ -37,13 +41,14 @@ class DBusPeerAccountsTest : public testing::Test, protected PeerTransportBed {
     ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
   }
   std::unique_ptr<RawPeer> connectAsOrdinaryUser() {
-    // The other threads stay root, so the C library's function, which changes all threads, can't be
-    // used.
-    EXPECT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0);
+    const AsOrdinaryUser user;
     auto peer = std::make_unique<RawPeer>(path());
     peer->authenticate();
-    EXPECT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0);
     return peer;
+  }
+  bool isOrdinaryUserRefused() {
+    const AsOrdinaryUser user;
+    return RawPeer(path()).awaitClose();
   }
   // The server reads them concurrently, so any may be the one that takes too much.
   static bool awaitCloseOfAny(const std::vector<std::unique_ptr<RawPeer>>& peers) {
@@ -103,11 +108,75 @@ TEST_F(DBusPeerAccountsTest, TheConnectionsOfAUserAreLimited) {
     peers.push_back(connectAsOrdinaryUser());
   }
   ASSERT_FALSE(HasFailure());
-  EXPECT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0);
-  EXPECT_TRUE(RawPeer(path()).awaitClose());
-  EXPECT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0);
+  EXPECT_TRUE(isOrdinaryUserRefused());
   EXPECT_TRUE(isServed());
   RawPeer(path()).authenticate();
+}
+
+// A server with few connections for each user.
+class DBusPeerFewConnections : public DBusPeerAccountsTest {
+ protected:
+  static constexpr std::size_t kMost = 2;
+  DBusPeerFewConnections()
+      : DBusPeerAccountsTest(std::make_unique<PeerThreads>(std::make_shared<PeerAccounts>(
+            ::geteuid(),
+            PeerAccounts::Limits{.user = ofConnections(kMost), .all = ofConnections(2 * kMost)}))) {
+  }
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    open();
+  }
+  auto connectHereAsOrdinaryUser() {
+    const AsOrdinaryUser user;
+    return harness_->here().connect(path(), {.timeout = 60s});
+  }
+
+ private:
+  static PeerCost ofConnections(std::size_t connections) {
+    return {.connections = connections, .descriptors = 1000, .bytes = 1 << 20, .calls = 1000};
+  }
+};
+
+TEST_F(DBusPeerFewConnections, AnEndMakesRoom) {
+  const auto first = connectAsOrdinaryUser();
+  auto second = connectAsOrdinaryUser();
+  EXPECT_TRUE(isOrdinaryUserRefused());
+  EXPECT_TRUE(isServed());
+  RawPeer(path()).authenticate();  // Root has no limit.
+  runUntilNoted("client died");
+  second.reset();
+  runUntilNoted("client died", 2);
+  second = connectAsOrdinaryUser();
+}
+
+TEST_F(DBusPeerFewConnections, AnEndedOneCountsUntilItIsAnswered) {
+  const auto other = connectAsOrdinaryUser();
+  auto asked = connectHereAsOrdinaryUser();
+  ASSERT_TRUE(asked);
+  (*asked)->callAsync("keep", {}, 60s, [](const MessageResult&) {});
+  runUntilNoted("kept");
+  asked->reset();
+  runUntilNoted("client died");
+  EXPECT_FALSE(connectHereAsOrdinaryUser());
+  harness_->there([this](PeerTransport&) { server_.kept.clear(); });
+  EXPECT_TRUE(connectHereAsOrdinaryUser());
+}
+
+TEST_F(DBusPeerFewConnections, AllListenersShareTheAccount) {
+  const std::string other = harness_->path("other");
+  std::unique_ptr<PeerListener> listener;
+  harness_->there([&](PeerTransport& there) {
+    auto made = there.listen(other, {.audience = PeerAudience::all()}, [](auto) {});
+    ASSERT_TRUE(made);
+    listener = std::move(*made);
+  });
+  const auto first = connectAsOrdinaryUser();
+  const auto second = connectAsOrdinaryUser();
+  {
+    const AsOrdinaryUser user;
+    EXPECT_TRUE(RawPeer(other).awaitClose());
+  }
+  harness_->there([&](PeerTransport&) { listener.reset(); });
 }
 
 }  // namespace

@@ -64,7 +64,8 @@ class DBusPeerLink::Reply final : public PeerReply {
 Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
                                                            UniqueDBusConnection connection,
                                                            WhileWaiting whileWaiting,
-                                                           PeerMessageContents contents) {
+                                                           PeerMessageContents contents,
+                                                           std::shared_ptr<PeerTurns> turns) {
   int socket = -1;
   if (!dbus_connection_get_socket(connection.get(), &socket)) {
     return std::unexpected(Error{ErrorCode::kSystem, 0, "a D-Bus connection without a socket"});
@@ -75,10 +76,15 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
       std::make_shared<DBusPeerLink>(loop, std::move(connection), whileWaiting, contents, socket);
   link->peer_ = *peer;
   DBusPeerLink* self = link.get();  // The link outlives its sources.
-  auto sources = DBusSources::attach(loop, link->connection_.get(),
-                                     {.dispatch = [self] { self->dispatch(); },
-                                      .peerEnded = [self] { self->die(); },
-                                      .handled = [self](unsigned flags) { self->handled(flags); }});
+  DBusSources::Callbacks callbacks{.dispatch = [self] { self->dispatch(); },
+                                   .peerEnded = [self] { self->die(); },
+                                   .handled = [self](unsigned flags) { self->handled(flags); }};
+  if (turns) {
+    callbacks.post = [turns = std::move(turns), user = peer->user](RunLoop::Callback dispatch) {
+      turns->request(user, std::move(dispatch));
+    };
+  }
+  auto sources = DBusSources::attach(loop, link->connection_.get(), std::move(callbacks));
   if (!sources) return std::unexpected(std::move(sources.error()));
   link->sources_ = std::move(*sources);
   return link;
@@ -274,7 +280,6 @@ void DBusPeerLink::deliverAnswer(UniqueDBusMessage message) {
 
 void DBusPeerLink::releaseAnswer() {
   --answersOwed_;
-  if (ended_ && answersOwed_ == 0) lease_.held.reset();
   if (ended_) {
     endAccount();
   } else {
@@ -304,7 +309,6 @@ void DBusPeerLink::dropConnection() {
   ended_ = true;
   lease_.place.reset();
   lease_.admissionTimer.reset();
-  if (answersOwed_ == 0) lease_.held.reset();
   endAccount();
   inbox_.clear();
   sources_.reset();

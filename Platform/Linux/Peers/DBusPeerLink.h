@@ -18,6 +18,7 @@
 #include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
+#include "Platform/Peers/PeerTurns.h"
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -29,20 +30,21 @@ namespace platform {
 class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
  public:
   // Places that a listener lends to a connection: until it is admitted or ends, except that it
-  // counts against its user until it has ended and all its requests have been answered or dropped.
-  // So nobody gets room for more requests by connecting again.
+  // counts in its user's account until it has ended and all its requests have been answered or
+  // dropped. So nobody gets room for more requests by connecting again.
   struct Lease {
     std::unique_ptr<PeerPlaces::Place> place;
-    std::unique_ptr<PeerUserCounts::Held> held;
     std::unique_ptr<PeerAccounts::Held> account;
     std::unique_ptr<RunLoopHandle> admissionTimer;
     Duration messageTime = kPeerMessageTime;
   };
 
+  // The accepting side serves its peer in `turns`.
   static Result<std::shared_ptr<DBusPeerLink>> create(AsioRunLoop& loop,
                                                       UniqueDBusConnection connection,
                                                       WhileWaiting whileWaiting,
-                                                      PeerMessageContents contents);
+                                                      PeerMessageContents contents,
+                                                      std::shared_ptr<PeerTurns> turns = nullptr);
 
   DBusPeerLink(AsioRunLoop& loop, UniqueDBusConnection connection, WhileWaiting whileWaiting,
                PeerMessageContents contents, int socket);

@@ -1,7 +1,6 @@
 #include "Platform/Linux/Peers/DBusPeerListener.h"
 
 #include <chrono>
-#include <limits>
 #include <utility>
 
 #include <fcntl.h>
@@ -25,12 +24,10 @@ UniqueFd openReserve() { return UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXE
 }  // namespace
 
 Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
-    AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts, UniqueDBusServer server,
-    std::optional<SocketName> name, const PeerListenerOptions& options, bool leavesReserve,
-    NewLink onLink) {
-  std::unique_ptr<DBusPeerListener> listener(
-      new DBusPeerListener(loop, std::move(accounts), std::move(server), std::move(name), options,
-                           leavesReserve, std::move(onLink)));
+    AsioRunLoop& loop, SharedByListeners shared, UniqueDBusServer server,
+    std::optional<SocketName> name, const PeerListenerOptions& options, NewLink onLink) {
+  std::unique_ptr<DBusPeerListener> listener(new DBusPeerListener(
+      loop, std::move(shared), std::move(server), std::move(name), options, std::move(onLink)));
   listener->reserve_ = openReserve();
   if (!listener->reserve_) {
     return std::unexpected(systemError("a listener's reserve", ErrorCode::kExhausted));
@@ -55,19 +52,16 @@ Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
   return listener;
 }
 
-DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
+DBusPeerListener::DBusPeerListener(AsioRunLoop& loop, SharedByListeners shared,
                                    UniqueDBusServer server, std::optional<SocketName> name,
-                                   const PeerListenerOptions& options, bool leavesReserve,
-                                   NewLink onLink)
+                                   const PeerListenerOptions& options, NewLink onLink)
     : loop_(loop),
-      accounts_(std::move(accounts)),
+      shared_(std::move(shared)),
       options_(options),
-      leavesReserve_(leavesReserve),
       onLink_(std::make_shared<const NewLink>(std::move(onLink))),
       name_(std::move(name)),
       server_(std::move(server)),
-      places_(std::make_shared<PeerPlaces>(::geteuid())),
-      users_(std::make_shared<PeerUserCounts>()) {}
+      places_(std::make_shared<PeerPlaces>(::geteuid())) {}
 
 DBusPeerListener::~DBusPeerListener() {
   if (name_) name_->remove();
@@ -79,10 +73,10 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
   int socket = -1;
   const bool isKnown = dbus_connection_get_socket(connection, &socket) != 0;
   // As if there were no descriptor.
-  if (leavesReserve_ && isKnown && isOfDescriptorReserve(socket)) return;
+  if (shared_.leavesReserve && isKnown && isOfDescriptorReserve(socket)) return;
   acceptedOne_ = true;
   auto created = DBusPeerLink::create(loop_, UniqueDBusConnection(dbus_connection_ref(connection)),
-                                      options_.whileWaiting, options_.contents);
+                                      options_.whileWaiting, options_.contents, shared_.turns);
   if (!created) return;
   const std::shared_ptr<DBusPeerLink>& link = *created;
   if (!link->isIn(options_.audience)) {
@@ -90,13 +84,9 @@ void DBusPeerListener::accepted(DBusConnection* connection) {
     return link->close();
   }
   const std::uint32_t user = link->peer().user;
-  const std::size_t limit = places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
-                                                        : options_.connectionsPerUser;
   DBusPeerLink::Lease lease;
   lease.messageTime = options_.messageTime;
-  lease.held = users_->hold(user, limit);
-  if (!lease.held) return link->close();
-  lease.account = accounts_->take(user, {.connections = 1, .descriptors = 1});
+  lease.account = shared_.accounts->take(user, {.connections = 1, .descriptors = 1});
   if (!lease.account) return link->close();
   const auto refuse = [weak = std::weak_ptr(link)](const char* why) {
     if (const auto held = weak.lock()) held->refuse({ErrorCode::kDenied, 0, why});

@@ -8,10 +8,10 @@
 #include "Platform/Linux/DBus/DBusHandles.h"
 #include "Platform/Linux/DBus/DBusSources.h"
 #include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Linux/Peers/SharedByListeners.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
-#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/Values/Error.h"
@@ -23,23 +23,19 @@ class DBusPeerListener final : public PeerListener {
  public:
   using NewLink = std::function<void(std::shared_ptr<DBusPeerLink>)>;
 
-  // `name` is set if the socket has a name that we must remove. `leavesReserve` as in
-  // DBusPeerTransport::leaveDescriptorReserve().
-  static Result<std::unique_ptr<DBusPeerListener>> create(AsioRunLoop& loop,
-                                                          std::shared_ptr<PeerAccounts> accounts,
-                                                          UniqueDBusServer server,
-                                                          std::optional<SocketName> name,
-                                                          const PeerListenerOptions& options,
-                                                          bool leavesReserve, NewLink onLink);
+  // `name` is set if the socket has a name that we must remove.
+  static Result<std::unique_ptr<DBusPeerListener>> create(
+      AsioRunLoop& loop, SharedByListeners shared, UniqueDBusServer server,
+      std::optional<SocketName> name, const PeerListenerOptions& options, NewLink onLink);
 
   DBusPeerListener(const DBusPeerListener&) = delete;
   DBusPeerListener& operator=(const DBusPeerListener&) = delete;
   ~DBusPeerListener() override;
 
  private:
-  DBusPeerListener(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
-                   UniqueDBusServer server, std::optional<SocketName> name,
-                   const PeerListenerOptions& options, bool leavesReserve, NewLink onLink);
+  DBusPeerListener(AsioRunLoop& loop, SharedByListeners shared, UniqueDBusServer server,
+                   std::optional<SocketName> name, const PeerListenerOptions& options,
+                   NewLink onLink);
 
   void accepted(DBusConnection* connection);
   void handOn(DBusPeerLink* link);
@@ -47,9 +43,8 @@ class DBusPeerListener final : public PeerListener {
   void rejectOne();
 
   AsioRunLoop& loop_;
-  const std::shared_ptr<PeerAccounts> accounts_;  // shared with all listeners of the process
+  const SharedByListeners shared_;
   const PeerListenerOptions options_;
-  const bool leavesReserve_;
   // Shared with its own running call, which may destroy this.
   std::shared_ptr<const NewLink> onLink_;
   std::optional<SocketName> name_;
@@ -61,7 +56,6 @@ class DBusPeerListener final : public PeerListener {
 
   // Shared with the connections that still have places.
   std::shared_ptr<PeerPlaces> places_;
-  std::shared_ptr<PeerUserCounts> users_;
   std::map<DBusPeerLink*, std::shared_ptr<DBusPeerLink>> unknown_;  // not yet handed on
 };
 

@@ -257,49 +257,6 @@ TEST_F(DBusPeerStrangersTest, AFloodOfConnectionsTakesNoPlaceFromAdmittedOnes) {
   EXPECT_TRUE(another->call("echo:", {Value(1)}, 60s));
 }
 
-TEST_F(DBusPeerStrangersTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  start({.audience = PeerAudience::all(), .connectionsPerUser = 2});
-  ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
-  const auto connected = [&] {
-    const AsOrdinaryUser user;
-    auto peer = std::make_unique<RawPeer>(path());
-    peer->authenticate();
-    return peer;
-  };
-  const auto first = connected();
-  auto second = connected();
-  {
-    const AsOrdinaryUser user;
-    EXPECT_TRUE(RawPeer(path()).awaitClose());
-  }
-  expectNothingElseDisturbed();
-  RawPeer(path()).authenticate();  // Root's connections are counted separately.
-  runUntilNoted("client died");
-  second.reset();
-  runUntilNoted("client died", 2);
-  second = connected();
-}
-
-TEST_F(DBusPeerStrangersTest, AnEndedConnectionCountsUntilItIsAnswered) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  start({.audience = PeerAudience::all(), .connectionsPerUser = 1});
-  ASSERT_EQ(::chmod(path().substr(0, path().rfind('/')).c_str(), 0711), 0);
-  const auto connectAsUser = [&] {
-    const AsOrdinaryUser user;
-    return harness_->here().connect(path(), {.timeout = 60s});
-  };
-  auto asked = connectAsUser();
-  ASSERT_TRUE(asked);
-  (*asked)->callAsync("keep", {}, 60s, [](const MessageResult&) {});
-  runUntilNoted("kept");
-  asked->reset();
-  runUntilNoted("client died");
-  EXPECT_FALSE(connectAsUser());
-  harness_->there([this](PeerTransport&) { server_.kept.clear(); });
-  EXPECT_TRUE(connectAsUser());
-}
-
 TEST_F(DBusPeerStrangersTest, TheDescriptorsOfAMessageAreLimited) {
   start();
   const UniqueFd file(::open("/dev/null", O_RDONLY | O_CLOEXEC));

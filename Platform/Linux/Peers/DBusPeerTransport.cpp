@@ -134,7 +134,10 @@ DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop, std::string endpointFold
 
 DBusPeerTransport::DBusPeerTransport(AsioRunLoop& loop, std::shared_ptr<PeerAccounts> accounts,
                                      std::string endpointFolder)
-    : loop_(loop), accounts_(std::move(accounts)), endpointFolder_(std::move(endpointFolder)) {
+    : loop_(loop),
+      shared_{.accounts = std::move(accounts),
+              .turns = std::make_shared<PeerTurns>(loop, ::geteuid())},
+      endpointFolder_(std::move(endpointFolder)) {
   dbus_threads_init_default();
   // The program's signals are its own business; libdbus sends so that none is raised.
   dbus_connection_set_change_sigpipe(false);
@@ -144,9 +147,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
                                                                 const PeerListenerOptions& options,
                                                                 NewConnection onConnection) {
   if (auto passed = passed_.extract(path); !passed.empty()) {
-    return DBusPeerListener::create(loop_, accounts_, UniqueDBusServer(passed.mapped().release()),
-                                    std::nullopt, options, leavesReserve_,
-                                    wrapping(std::move(onConnection)));
+    return DBusPeerListener::create(loop_, shared_, UniqueDBusServer(passed.mapped().release()),
+                                    std::nullopt, options, wrapping(std::move(onConnection)));
   }
   UniqueDBusServer server;
   auto name = SocketName::take(path, permissionOf(options), [&](const std::string& bindPath) {
@@ -156,8 +158,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listen(const std::strin
     return Result<void>();
   });
   if (!name) return std::unexpected(std::move(name.error()));
-  return DBusPeerListener::create(loop_, accounts_, std::move(server), std::move(*name), options,
-                                  leavesReserve_, wrapping(std::move(onConnection)));
+  return DBusPeerListener::create(loop_, shared_, std::move(server), std::move(*name), options,
+                                  wrapping(std::move(onConnection)));
 }
 
 Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
@@ -174,9 +176,9 @@ Result<PeerTransport::Anonymous> DBusPeerTransport::listenAnonymously(
         return Result<void>();
       });
   if (!made) return std::unexpected(std::move(made.error()));
-  auto listener = DBusPeerListener::create(
-      loop_, accounts_, std::move(server), SocketName::nameless(std::move(made->bindFolder)),
-      options, leavesReserve_, wrapping(std::move(onConnection)));
+  auto listener = DBusPeerListener::create(loop_, shared_, std::move(server),
+                                           SocketName::nameless(std::move(made->bindFolder)),
+                                           options, wrapping(std::move(onConnection)));
   if (!listener) return std::unexpected(std::move(listener.error()));
   return Anonymous{std::move(*listener), std::move(made->endpoint)};
 }
@@ -196,8 +198,8 @@ Result<std::unique_ptr<PeerListener>> DBusPeerTransport::listenOn(
   ::unsetenv("LISTEN_PID");
   ::unsetenv("LISTEN_FDS");
   if (!server) return std::unexpected(std::move(server.error()));
-  return DBusPeerListener::create(loop_, accounts_, std::move(*server), std::nullopt, options,
-                                  leavesReserve_, wrapping(std::move(onConnection)));
+  return DBusPeerListener::create(loop_, shared_, std::move(*server), std::nullopt, options,
+                                  wrapping(std::move(onConnection)));
 }
 
 std::expected<std::unique_ptr<PeerConnection>, PeerConnectFailure> DBusPeerTransport::connect(

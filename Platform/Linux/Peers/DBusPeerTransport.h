@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Platform/Linux/Peers/PassedSocket.h"
+#include "Platform/Linux/Peers/SharedByListeners.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerTransport.h"
@@ -26,7 +27,7 @@ class DBusPeerTransport final : public PeerTransport {
 
   // From now on new listeners refuse a connection that would take one of the last descriptors
   // (isOfDescriptorReserve()).
-  void leaveDescriptorReserve() { leavesReserve_ = true; }
+  void leaveDescriptorReserve() { shared_.leavesReserve = true; }
 
   Result<std::unique_ptr<PeerListener>> listen(const std::string& path,
                                                const PeerListenerOptions& options,
@@ -49,9 +50,8 @@ class DBusPeerTransport final : public PeerTransport {
 
  private:
   AsioRunLoop& loop_;
-  const std::shared_ptr<PeerAccounts> accounts_;
+  SharedByListeners shared_;
   const std::string endpointFolder_;
-  bool leavesReserve_ = false;
   std::map<std::string, PassedServer> passed_;  // by path
 };
 

@@ -15,9 +15,9 @@ class AsOrdinaryUser {
  public:
   static constexpr uid_t kUser = 65534;
 
-  explicit AsOrdinaryUser(const std::vector<gid_t>& groups = {}) {
+  explicit AsOrdinaryUser(const std::vector<gid_t>& groups = {}, uid_t user = kUser) {
     EXPECT_EQ(::syscall(SYS_setgroups, groups.size(), groups.data()), 0);
-    EXPECT_EQ(::syscall(SYS_setresuid, -1, kUser, -1), 0);
+    EXPECT_EQ(::syscall(SYS_setresuid, -1, user, -1), 0);
   }
   AsOrdinaryUser(const AsOrdinaryUser&) = delete;
   AsOrdinaryUser& operator=(const AsOrdinaryUser&) = delete;

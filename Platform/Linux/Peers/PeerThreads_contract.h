@@ -6,10 +6,14 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
+#include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Peers/PeerTransportFixture_contract.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
@@ -20,6 +24,9 @@ namespace platform {
 // this from a process of its own.
 class PeerThreads final : public PeerTransportHarness {
  public:
+  // The other end's accounts.
+  explicit PeerThreads(std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts())
+      : there_(*thereLoop_, std::move(accounts), endpoints_.path()) {}
   ~PeerThreads() override {
     goOn();
     there([this](PeerTransport&) { thereLoop_->stop(); });
@@ -38,6 +45,15 @@ class PeerThreads final : public PeerTransportHarness {
       done.set_value();
     });
     EXPECT_EQ(done.get_future().wait_for(60s), std::future_status::ready);
+  }
+
+  std::unique_ptr<PeerConnection> connectAsStranger(const std::string& path) override {
+    if (::geteuid() != 0) return nullptr;
+    EXPECT_EQ(::chmod(folder_.path().c_str(), 0711), 0);
+    const AsOrdinaryUser stranger;
+    auto connection = here_.connect(path, {.timeout = 60s});
+    EXPECT_TRUE(connection) << describe(connection.error().error);
+    return connection ? std::move(*connection) : nullptr;
   }
 
   void hang() override {
@@ -86,7 +102,7 @@ class PeerThreads final : public PeerTransportHarness {
   std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
   std::unique_ptr<AsioRunLoop> thereLoop_ = std::move(*AsioRunLoop::create());
   DBusPeerTransport here_{*loop_, endpoints_.path()};
-  DBusPeerTransport there_{*thereLoop_, endpoints_.path()};
+  DBusPeerTransport there_;
   std::jthread thread_{[this] { thereLoop_->run(); }};  // Destroyed first.
 };
 

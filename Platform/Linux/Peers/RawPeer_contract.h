@@ -16,6 +16,7 @@
 #include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/PassedDescriptors.h"
 
 namespace platform {
 
@@ -75,19 +76,8 @@ class RawPeer {
 
   // Attaches the descriptors to the first byte.
   bool writeWith(std::string_view bytes, const std::vector<int>& descriptors) {
-    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
-    std::vector<char> control(CMSG_SPACE(sizeof(int) * descriptors.size()));
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
-    std::memcpy(CMSG_DATA(header), descriptors.data(), sizeof(int) * descriptors.size());
-    return ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    return sendWithDescriptors(socket_.get(), bytes, descriptors) ==
+           static_cast<long>(bytes.size());
   }
 
   // Waits until the other side closes, whatever it sends before.

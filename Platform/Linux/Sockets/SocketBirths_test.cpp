@@ -1,5 +1,6 @@
 #include "Platform/Linux/Sockets/SocketBirths.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -8,10 +9,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/Sockets/SocketName.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/ProtectedFiles.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
@@ -30,6 +37,23 @@ class SocketBirthsTest : public testing::Test {
     EXPECT_EQ(births.error().code, ErrorCode::kDenied) << describe(births.error());
   }
   std::string path() const { return folder_.path(".births"); }
+  // Takes a name and leaves its socket as a killed process does.
+  Result<void> takeAndLeaveName() {
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto listen = [&](const std::string& at) -> Result<void> {
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      at.copy(address.sun_path, sizeof(address.sun_path) - 1);
+      const auto* name = reinterpret_cast<const sockaddr*>(&address);
+      if (::bind(socket.get(), name, sizeof(address)) == 0 && ::listen(socket.get(), 1) == 0) {
+        return {};
+      }
+      return std::unexpected(systemError("binding"));
+    };
+    const auto taken = SocketName::take(folder_.path("name"), {.mode = 0666}, listen);
+    if (!taken) return std::unexpected(taken.error());
+    return {};
+  }
 
   TemporaryFolder folder_;
 };
@@ -109,6 +133,37 @@ TEST_F(SocketBirthsTest, OtherFilesInTheFolderOfNamesHoldNobodyUp) {
   const auto taken = SocketName::take(folder_.path("name.fifo"), {}, bind);
   ASSERT_FALSE(taken);
   EXPECT_EQ(taken.error().code, ErrorCode::kInvalid);
+}
+
+// Names of another user's, in a folder that its group may write, with the files of former releases.
+TEST_F(SocketBirthsTest, ProtectedFilesHoldNobodyUp) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  const auto protection = ProtectedFiles::turnOn();
+  if (!protection) GTEST_SKIP() << "fs.protected_fifos and fs.protected_regular are not writable";
+  constexpr uid_t kOwner = 65534;
+  constexpr uid_t kMember = 65533;
+  const auto give = [](const std::string& path, uid_t user, mode_t mode) {
+    ASSERT_EQ(::chown(path.c_str(), user, kOwner), 0);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+  };
+  give(folder_.path(), kOwner, 01775);
+  give(folder_.write(".lock", ""), kMember, 0666);
+  ASSERT_EQ(::mkfifo(folder_.path("pipe").c_str(), 0666), 0);
+  give(folder_.path("pipe"), kMember, 0666);
+  // The kernel refuses even root to open these as former releases did.
+  for (const char* file : {".lock", "pipe"}) {
+    const UniqueFd opened(::open(folder_.path(file).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_FALSE(opened) << file;
+    EXPECT_EQ(errno, EACCES) << file;
+  }
+  // Root and the owner in turn, each with the leftover of the other.
+  for (int turn = 0; turn < 2; ++turn) {
+    const auto asRoot = takeAndLeaveName();
+    EXPECT_TRUE(asRoot) << describe(asRoot.error());
+    const AsOrdinaryUser owner;
+    const auto asOwner = takeAndLeaveName();
+    EXPECT_TRUE(asOwner) << describe(asOwner.error());
+  }
 }
 
 }  // namespace

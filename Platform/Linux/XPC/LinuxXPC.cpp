@@ -1,39 +1,30 @@
 #include "Platform/Linux/XPC/LinuxXPC.h"
 
-#include <algorithm>
 #include <tuple>
 #include <utility>
 
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/RunLoops/AsioSerialQueues.h"
-#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
-#include "Platform/Peers/PeerLimits.h"
 
 namespace platform {
 
 Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, ListenerPlaces places,
                                                  std::optional<PassedSocket> passed,
-                                                 std::shared_ptr<PeerAccounts> accounts) {
+                                                 std::shared_ptr<PeerAccounts> accounts,
+                                                 std::shared_ptr<UserLines> lines) {
   auto loop = AsioRunLoop::create();
   if (!loop) return std::unexpected(std::move(loop.error()));
   // The job host makes it, too, with its permissions. If it can't be made, only making a listener
   // without a name fails, which is logged.
   std::ignore = makeEndpointFolder(places.root());
   return std::unique_ptr<LinuxXPC>(new LinuxXPC(log, std::move(places), std::move(passed),
-                                                std::move(accounts), std::move(*loop)));
-}
-
-std::size_t LinuxXPC::connectionsPerUser(std::uint64_t descriptorLimit) {
-  // A connection, a file that is read for it, and the descriptors of a message that is never
-  // completed.
-  constexpr std::uint64_t kDescriptorsEach = 2 + kMaxPeerDescriptors;
-  constexpr std::uint64_t kShare = 4;
-  return static_cast<std::size_t>(std::clamp<std::uint64_t>(
-      descriptorLimit / kShare / kDescriptorsEach, 1, kMaxPeerConnectionsPerUser));
+                                                std::move(accounts), std::move(lines),
+                                                std::move(*loop)));
 }
 
 LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
-                   std::shared_ptr<PeerAccounts> accounts, std::unique_ptr<AsioRunLoop> loop)
+                   std::shared_ptr<PeerAccounts> accounts, std::shared_ptr<UserLines> lines,
+                   std::unique_ptr<AsioRunLoop> loop)
     : places_(std::move(places)),
       loop_(std::move(loop)),
       transport_(*loop_, accounts, endpointFolder(places_.root())) {
@@ -49,7 +40,7 @@ LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSo
       .place = [this](std::string_view name) { return places_.machService(name); },
       .endpointClients = places_.endpointClients(),
       .accounts = std::move(accounts),
-      .connectionsPerUser = connectionsPerUser(softDescriptorLimit())});
+      .lines = std::move(lines)});
   thread_ = std::thread([this] { loop_->run(); });
   loopThread_ = thread_.get_id();
 }

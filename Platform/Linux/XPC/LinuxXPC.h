@@ -28,11 +28,12 @@ class LinuxXPC {
   static constexpr std::size_t kThreadsPerListener = 2;
 
   // `places` says where the sockets of Mach services are; a passed socket is used as it is. The log
-  // outlives this. A program with other transports shares its accounts with them. Fails with
-  // kExhausted if there are no descriptors.
+  // outlives this. A program with other transports shares its accounts with them, and one with
+  // other servers its limits of log lines. Fails with kExhausted if there are no descriptors.
   static Result<std::unique_ptr<LinuxXPC>> make(
       SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
-      std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts());
+      std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts(),
+      std::shared_ptr<UserLines> lines = nullptr);
 
   LinuxXPC(const LinuxXPC&) = delete;
   LinuxXPC& operator=(const LinuxXPC&) = delete;
@@ -41,15 +42,10 @@ class LinuxXPC {
 
   XPC& xpc() { return *xpc_; }
 
-  // The limit of connections that one user may have to a listener, in a process with this limit of
-  // descriptors. An open listener is for everybody, so one user gets at most a quarter of the
-  // descriptors, counting those of messages that are never completed. At least 1, at most
-  // kMaxPeerConnectionsPerUser.
-  static std::size_t connectionsPerUser(std::uint64_t descriptorLimit);
-
  private:
   LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
-           std::shared_ptr<PeerAccounts> accounts, std::unique_ptr<AsioRunLoop> loop);
+           std::shared_ptr<PeerAccounts> accounts, std::shared_ptr<UserLines> lines,
+           std::unique_ptr<AsioRunLoop> loop);
 
   // An action for which a thread waits.
   struct Awaited {

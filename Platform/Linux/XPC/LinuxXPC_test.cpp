@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <filesystem>
 #include <future>
-#include <limits>
 #include <memory>
 #include <mutex>
 #include <tuple>
@@ -242,20 +241,6 @@ TEST(LinuxXPCTest, ABusyQueueDoesNotBlockOtherConnections) {
   busy.reset();
   listener.reset();
   harness.end();
-}
-
-TEST(LinuxXPCTest, OneUserGetsAtMostAQuarterOfTheDescriptors) {
-  constexpr std::uint64_t kEach = 4 * (2 + kMaxPeerDescriptors);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(0), 1u);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach - 1), 1u);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(2 * kEach), 2u);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(1024), 14u);
-  const std::uint64_t enough = kEach * kMaxPeerConnectionsPerUser;
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough - 1), kMaxPeerConnectionsPerUser - 1);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough), kMaxPeerConnectionsPerUser);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(enough + kEach), kMaxPeerConnectionsPerUser);
-  EXPECT_EQ(LinuxXPC::connectionsPerUser(std::numeric_limits<std::uint64_t>::max()),
-            kMaxPeerConnectionsPerUser);
 }
 
 }  // namespace

@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <limits>
 #include <map>
 #include <optional>
 #include <utility>
 
+#include "Platform/Peers/PeerLimits.h"
 #include "Platform/Peers/PeerMessageRules.h"
 #include "Platform/Peers/PeerPlaces.h"
 
@@ -83,15 +83,17 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
 
   // Serves one item, or the end; each item has its own post.
   void post(Urgency urgency) {
-    loop().post(
-        [weak = weak_from_this(), urgency] {
-          const auto self = weak.lock();
-          if (!self || !self->process_.mayServe(self.get())) return;
-          if (urgency == Urgency::kConnectionDeath) return self->die();
-          self->deliverOne();
-          if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
-        },
-        urgency);
+    auto turn = [weak = weak_from_this(), urgency] {
+      const auto self = weak.lock();
+      if (!self || !self->process_.mayServe(self.get())) return;
+      if (urgency == Urgency::kConnectionDeath) return self->die();
+      self->deliverOne();
+      if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
+    };
+    if (account_ && urgency == Urgency::kOrdinary) {
+      return process_.turns_->request(peer_.user, std::move(turn));
+    }
+    loop().post(std::move(turn), urgency);
   }
 
   bool deliverOne() {
@@ -127,16 +129,35 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
     if (std::exchange(ended_, true)) return;
     admissionTimer_.reset();
     place_.reset();
-    if (answersOwed_ == 0) held_.reset();
+    endAccount();
     inbox_.clear();
     if (!other_->ended_) return other_->post(Urgency::kConnectionDeath);
     // The sides no longer need each other.
     const auto other = std::move(other_);
     other->other_.reset();
   }
+  // Takes what the connection costs now, and so many more calls. False if the user may not have
+  // that.
+  bool account(std::size_t moreCalls = 0) {
+    if (!account_) return true;
+    return account_->change({.connections = 1,
+                             .descriptors = 1 + (admitted_ ? kMaxPeerDescriptors : 0),
+                             .calls = answersOwed_ + moreCalls});
+  }
+  void endAccount() {
+    if (answersOwed_ == 0) {
+      account_.reset();
+    } else if (account_) {
+      account_->change({.connections = 1, .calls = answersOwed_});
+    }
+  }
   void releaseAnswer() {
     --answersOwed_;
-    if (ended_ && answersOwed_ == 0) held_.reset();
+    if (ended_) {
+      endAccount();
+    } else {
+      account();
+    }
   }
   void close() {
     closed_ = true;
@@ -160,7 +181,7 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
   std::shared_ptr<End> other_;  // until both have ended
   std::shared_ptr<PeerHandlers> handlers_ = std::make_shared<PeerHandlers>();
   std::unique_ptr<PeerPlaces::Place> place_;
-  std::unique_ptr<PeerUserCounts::Held> held_;
+  std::unique_ptr<PeerAccounts::Held> account_;  // of the accepting side
   std::unique_ptr<RunLoopHandle> admissionTimer_;
   bool admitted_ = true;
   bool isDying_ = false;  // the peer has ended, and its last messages are being delivered
@@ -215,7 +236,7 @@ void FakePeerTransport::End::deliverRequest(Item item) {
   const char* problem = nullptr;
   if (!handlers->message) {
     problem = "This side takes no messages.";
-  } else if (item.serial != 0 && answersOwed_ >= kMaxPeerCallsAwaitingReply) {
+  } else if (item.serial != 0 && (answersOwed_ >= kMaxPeerCallsAwaitingReply || !account(1))) {
     problem = "Too many calls await their answer.";
   }
   if (problem != nullptr) {
@@ -407,6 +428,9 @@ class FakePeerTransport::Connection final : public PeerConnection {
     end_->admitted_ = true;
     end_->place_.reset();
     end_->admissionTimer_.reset();
+    if (!end_->ended_ && !end_->account()) {
+      end_->refuse({ErrorCode::kExhausted, 0, "its user takes too much of this process"});
+    }
   }
   void setHandlers(PeerHandlers handlers) override {
     end_->handlers_ = std::make_shared<PeerHandlers>(std::move(handlers));
@@ -443,8 +467,7 @@ class FakePeerNetwork::Listener final : public PeerListener {
         path_(std::move(path)),
         options_(options),
         onConnection_(std::make_shared<PeerTransport::NewConnection>(std::move(onConnection))),
-        places_(std::make_shared<PeerPlaces>(process.self_.user)),
-        users_(std::make_shared<PeerUserCounts>()) {
+        places_(std::make_shared<PeerPlaces>(process.self_.user)) {
     network_.listeners_[path_] = this;
   }
   Listener(const Listener&) = delete;
@@ -464,10 +487,8 @@ class FakePeerNetwork::Listener final : public PeerListener {
       if (options_.excluded) options_.excluded(peer);
       return false;
     }
-    end->held_ =
-        users_->hold(user, places_->isPrivileged(user) ? std::numeric_limits<std::size_t>::max()
-                                                       : options_.connectionsPerUser);
-    if (!end->held_) return false;
+    end->account_ = process_->accounts_->take(user, {.connections = 1, .descriptors = 1});
+    if (!end->account_) return false;
     const auto refuse = [weak = std::weak_ptr(end)](const char* why) {
       if (const auto held = weak.lock()) held->refuse({ErrorCode::kDenied, 0, why});
     };
@@ -489,11 +510,19 @@ class FakePeerNetwork::Listener final : public PeerListener {
   const PeerListenerOptions options_;
   std::shared_ptr<PeerTransport::NewConnection> onConnection_;  // with running calls
   std::shared_ptr<PeerPlaces> places_;                          // with connections that hold them
-  std::shared_ptr<PeerUserCounts> users_;
 };
 
 FakePeerTransport::FakePeerTransport(FakePeerNetwork& network, PeerCredentials self)
-    : network_(network), self_(self) {}
+    : FakePeerTransport(
+          network, self,
+          std::make_shared<PeerAccounts>(self.user, PeerAccounts::limitsFor(kDescriptors))) {}
+
+FakePeerTransport::FakePeerTransport(FakePeerNetwork& network, PeerCredentials self,
+                                     std::shared_ptr<PeerAccounts> accounts)
+    : network_(network),
+      self_(self),
+      accounts_(std::move(accounts)),
+      turns_(std::make_shared<PeerTurns>(network.loop(), self.user)) {}
 
 FakePeerTransport::~FakePeerTransport() {
   for (const auto& weak : ends_) {

@@ -7,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Peers/PeerAccounts.h"
 #include "Platform/Peers/PeerTransport.h"
+#include "Platform/Peers/PeerTurns.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 
 namespace platform {
@@ -40,7 +42,13 @@ class FakePeerNetwork {
 // only if its options permit it. It must outlive its connections, and the network all processes.
 class FakePeerTransport final : public PeerTransport {
  public:
+  // The descriptors that the process may open, if it has accounts of its own.
+  static constexpr std::uint64_t kDescriptors = 65'536;
+
   FakePeerTransport(FakePeerNetwork& network, PeerCredentials self);
+  // All transports and the XPC of a process share the accounts.
+  FakePeerTransport(FakePeerNetwork& network, PeerCredentials self,
+                    std::shared_ptr<PeerAccounts> accounts);
   FakePeerTransport(const FakePeerTransport&) = delete;
   FakePeerTransport& operator=(const FakePeerTransport&) = delete;
   ~FakePeerTransport() override;
@@ -81,6 +89,8 @@ class FakePeerTransport final : public PeerTransport {
 
   FakePeerNetwork& network_;
   PeerCredentials self_;
+  const std::shared_ptr<PeerAccounts> accounts_;
+  const std::shared_ptr<PeerTurns> turns_;
   bool hung_ = false;
   bool dead_ = false;
   std::vector<const End*> waitingIn_;  // running calls, the innermost last

@@ -9,6 +9,7 @@ namespace {
 
 constexpr PeerCredentials kHere{100, 0, 0};
 constexpr PeerCredentials kThere{200, 0, 0};
+constexpr PeerCredentials kStranger{300, 1000, 1000};
 
 class FakePeerProcesses final : public PeerTransportHarness {
  public:
@@ -16,6 +17,9 @@ class FakePeerProcesses final : public PeerTransportHarness {
   PeerTransport& here() override { return here_; }
   std::string path(std::string_view name) override { return "/fake/" + std::string(name); }
   void there(const Action& action) override { action(there_); }
+  std::unique_ptr<PeerConnection> connectAsStranger(const std::string& path) override {
+    return std::move(*stranger_.connect(path, {}));
+  }
   void hang() override { there_.hang(); }
   void goOn() override { there_.goOn(); }
 
@@ -38,6 +42,7 @@ class FakePeerProcesses final : public PeerTransportHarness {
   FakePeerNetwork network_{loop_};
   FakePeerTransport here_{network_, kHere};
   FakePeerTransport there_{network_, kThere};
+  FakePeerTransport stranger_{network_, kStranger};
   const std::function<bool()>* done_ = nullptr;
 };
 
@@ -124,34 +129,54 @@ TEST_F(FakePeerTransportTest, AServerOfAnotherUserIsNotTrusted) {
   EXPECT_TRUE(daemon_.connect("name", {.servers = servers}));
 }
 
-TEST_F(FakePeerTransportTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
-  const auto listener = listen(daemon_, {.connectionsPerUser = 3});
-  std::vector<std::unique_ptr<PeerConnection>> held;
-  for (int i = 0; i < 3; ++i) held.push_back(std::move(*client_.connect("name", {})));
+// A process whose users may have one connection and two calls.
+class FakePeerAccountsTest : public FakePeerTransportTest {
+ protected:
+  static constexpr PeerCost kMost{.connections = 1, .descriptors = 100, .bytes = 0, .calls = 2};
+  FakePeerTransport small_{
+      network_,
+      {4, 0, 0},
+      std::make_shared<PeerAccounts>(
+          0, PeerAccounts::Limits{.user = kMost,
+                                  .all = {.connections = 9, .descriptors = 900, .calls = 9}})};
+  std::unique_ptr<PeerListener> listener_ = listen(small_);
+};
+
+TEST_F(FakePeerAccountsTest, TheConnectionsOfAnOrdinaryUserAreLimited) {
+  auto held = std::move(*client_.connect("name", {}));
   const auto refused = client_.connect("name", {});
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().kind, PeerConnectFailure::Kind::kRefused);
   EXPECT_TRUE(stranger_.connect("name", {}));
+  EXPECT_TRUE(daemon_.connect("name", {}));
   loop_.runReady();
-  held.pop_back();
+  held.reset();
   loop_.runReady();
   EXPECT_TRUE(client_.connect("name", {}));
 }
 
-TEST_F(FakePeerTransportTest, AnEndedConnectionCountsUntilItIsAnswered) {
-  const auto listener = listen(daemon_, {.connectionsPerUser = 1});
+TEST_F(FakePeerAccountsTest, AnEndedConnectionCountsUntilItIsAnswered) {
   auto connection = std::move(*client_.connect("name", {}));
-  std::unique_ptr<PeerReply> kept;
-  accepted_.back()->setHandlers(
-      {.message = [&](PeerMessage message) { kept = std::move(message.reply); }, .death = {}});
   connection->callAsync("wait", {}, 1s, [](const MessageResult&) {});
   loop_.runReady();
-  ASSERT_TRUE(kept);
+  ASSERT_EQ(replies_.size(), 1u);
   connection.reset();
   loop_.runReady();
   EXPECT_FALSE(client_.connect("name", {}));
-  kept.reset();
+  replies_.clear();
   EXPECT_TRUE(client_.connect("name", {}));
+}
+
+TEST_F(FakePeerAccountsTest, TheCallsOfAnOrdinaryUserAreLimited) {
+  const auto connection = std::move(*client_.connect("name", {}));
+  for (std::size_t i = 0; i < kMost.calls; ++i) {
+    connection->callAsync("wait", {}, 1s, [](const MessageResult&) {});
+  }
+  loop_.runReady();
+  EXPECT_EQ(replies_.size(), kMost.calls);
+  EXPECT_EQ(connection->call("wait", {}, 1s).error().name, kNSInvalidArgumentException);
+  replies_.clear();
+  EXPECT_EQ(connection->call("wait", {}, 1s).error().name, kNSPortTimeoutException);
 }
 
 TEST_F(FakePeerTransportTest, ADeadProcessEndsItsConnectionsAndLeavesItsName) {

@@ -17,7 +17,8 @@ namespace platform {
 struct FakeXPC {
   // All of them outlive this.
   FakeXPC(FakePeerNetwork& network, PeerCredentials self, SystemLog& log)
-      : transport(network, self),
+      : accounts(std::make_shared<PeerAccounts>(self.user, PeerAccounts::limitsFor(kDescriptors))),
+        transport(network, self, accounts),
         xpc({.loop = network.loop(),
              .transport = transport,
              .log = log,
@@ -29,11 +30,11 @@ struct FakeXPC {
                    return ListenerPlace("/mach/" + std::string(name), PeerAudience::all(), {});
                  },
              .endpointClients = PeerAudience::all(),
-             .accounts = std::make_shared<PeerAccounts>(self.user,
-                                                        PeerAccounts::limitsFor(kDescriptors))}) {}
+             .accounts = accounts}) {}
 
   static constexpr std::uint64_t kDescriptors = 1024;
 
+  const std::shared_ptr<PeerAccounts> accounts;
   FakePeerTransport transport;
   XPC xpc;
 };

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,6 +21,43 @@
 #include "Platform/Testing/Peers/FakePeerTransport.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
+
+// A centre that counts the observations that others keep.
+class CountingCenter final : public platform::DistributedNotificationCenter {
+ public:
+  explicit CountingCenter(DistributedNotificationCenter& center) : center_(center) {}
+
+  std::unique_ptr<Observation> addObserver(
+      std::optional<std::string> name, std::optional<std::string> object, Handler handler,
+      platform::NSNotificationSuspensionBehavior behavior) override {
+    return std::make_unique<Counted>(count, center_.addObserver(std::move(name), std::move(object),
+                                                                std::move(handler), behavior));
+  }
+  std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
+    return center_.observeReturn(std::move(handler));
+  }
+  void postNotificationName(std::string_view name, std::optional<std::string> object,
+                            platform::Value userInfo,
+                            platform::NSNotificationPosting posting) override {
+    center_.postNotificationName(name, std::move(object), std::move(userInfo), posting);
+  }
+
+  int count = 0;
+
+ private:
+  struct Counted final : Observation {
+    Counted(int& all, std::unique_ptr<Observation> kept) : count(all), inner(std::move(kept)) {
+      ++count;
+    }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() override { --count; }
+    int& count;
+    const std::unique_ptr<Observation> inner;
+  };
+
+  DistributedNotificationCenter& center_;
+};
 
 // A program with distant objects, and a server of the status protocol.
 class VantorDistantObjectTest : public testing::Test {

@@ -341,10 +341,16 @@ TEST_F(VantorDistantObjectTest, ItKeepsItsArguments) {
 
 TEST_F(VantorDistantObjectTest, AfterItsEndItObservesNothingAndIsNoDelegate) {
   startServer();
-  auto object = make();
+  CountingCenter counting(*distributed_);
+  auto object = std::make_unique<VantorDistantObject>(
+      VantorDistantObject::Environment{loop_, program_.connections, counting, program_.center,
+                                       protocols_, system_},
+      kName, kProtocolName, kStarted);
   ASSERT_TRUE(object->isProxyValid());
+  EXPECT_EQ(counting.count, 1);
   const auto connection = object->connection();
   object.reset();
+  EXPECT_EQ(counting.count, 0);
   EXPECT_EQ(connection->delegate(), nullptr);
   announceStart();
   connection->invalidate();

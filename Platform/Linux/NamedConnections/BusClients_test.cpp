@@ -1,0 +1,52 @@
+#include "Platform/Linux/NamedConnections/BusClients.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace platform {
+namespace {
+
+std::string policy(const std::string& allowed) {
+  return "<busconfig><policy context=\"default\">" + allowed + "</policy></busconfig>\n";
+}
+
+TEST(BusClientsTest, WithoutAGroupOnlyTheOwnerMayConnect) {
+  EXPECT_EQ(busClientsText({}, 900), policy("<allow user=\"900\"/>"));
+}
+
+TEST(BusClientsTest, TheGroupMayConnect) {
+  PlatformConfiguration configuration;
+  configuration.group = "a<&\"b";
+  EXPECT_EQ(busClientsText(configuration, 0),
+            policy("<allow user=\"0\"/><allow group=\"a&lt;&amp;&quot;b\"/>"));
+}
+
+TEST(BusClientsTest, EverybodyMayConnectToAnOpenBus) {
+  PlatformConfiguration configuration;
+  configuration.group = "operators";
+  configuration.openListeners = {"states", "com.vantor.notificationbus"};
+  EXPECT_EQ(busClientsText(configuration, 0), policy("<allow user=\"0\"/><allow user=\"*\"/>"));
+}
+
+TEST(BusClientsTest, ItIsWrittenForEveryReader) {
+  const TemporaryFolder folder;
+  std::filesystem::create_directories(folder.path("run/vantor"));
+  const PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
+  for (int turn = 0; turn < 2; ++turn) {
+    ASSERT_TRUE(writeBusClients(configuration));
+    EXPECT_EQ(contentOfFile(pathOfBusClients(folder.path())),
+              busClientsText(configuration, ::geteuid()));
+  }
+  struct stat status{};
+  ASSERT_EQ(::stat(pathOfBusClients(folder.path()).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0644u);
+}
+
+}  // namespace
+}  // namespace platform
