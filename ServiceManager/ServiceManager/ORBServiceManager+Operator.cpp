@@ -25,10 +25,11 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .catalogue = operatorsCatalogue_,
           .product = product_,
           .operatingMode = operatingMode_,
+          .isInstallerAtWork = isInstallerAtWork_,
           .isTakingOver = takeOver_ == TakeOver::kGoesOn,
           .records = records_,
           .timers = timers_.dueTimes(),
-          .kextsLoaded = extensions_.kextsLoaded(),
+          .configuredExtensions = extensions_.configured(),
           .work = enforcement_.work(),
           .extensionFailures = extensions_.failures(),
           .askedSources = settings_.askedSources()};

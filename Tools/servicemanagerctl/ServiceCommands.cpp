@@ -246,8 +246,10 @@ Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& env
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
   if (!json_)
-    print(withRootInHints(
-        "None of these is started by itself until \"servicemanagerctl installer end\".\n"));
+    print(
+        withRootInHints("None of these is started by itself until \"servicemanagerctl installer "
+                        "end\", or until the "
+                        "configuration server ends and starts again.\n"));
   // A service may have stopped since.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");
