@@ -76,7 +76,10 @@ void reportDescriptorLimit(platform::SystemLog& log) {
 int main() {
   std::optional<TerminationBlocked> blocked(std::in_place);
   auto made = platform::LinuxPlatform::make();
-  if (!made) return fail(made.error());
+  if (!made) {
+    platform::logFailedStart(made.error());
+    return fail(made.error());
+  }
   platform::LinuxPlatform& linux = **made;
   // Nobody reads the standard error of a service.
   const auto fail = [&linux](const platform::Error& error) {

@@ -31,10 +31,14 @@ ClientRecord* records = nullptr;
 // been destroyed.
 thread_local ClientRecord* threadRecord = nullptr;
 
+// Code that runs late on a thread must not touch an object that has been destroyed.
+thread_local bool isThreadEnding = false;
+
 // Stands in for the destructor of a thread-specific key.
 class ThreadExit {
  public:
   ~ThreadExit() {
+    isThreadEnding = true;
     if (threadRecord != nullptr) vantorlogger_client_destructor(threadRecord);
   }
   void watch() {}
@@ -71,7 +75,7 @@ void vantorlogger_open(const char* ident, const char* facility) {
   }
   SystemLog* log = boundLog.load(std::memory_order_acquire);
   if (log == nullptr) return;
-  threadExit.watch();
+  if (!isThreadEnding) threadExit.watch();
   auto record = std::make_unique<ClientRecord>();
   record->client = log->asl_open(ident, facility, 0);
   record->openCount = 1;

@@ -149,6 +149,24 @@ TEST_F(LoggerTest, CodeThatRunsLateOnAThreadFindsItsClient) {
   EXPECT_THAT(sink_.messagesOf("ending"), testing::SizeIs(1));
 }
 
+TEST_F(LoggerTest, CodeThatRunsLateOnAThreadMayOpenItsFirstClient) {
+  onFreshThread([] {
+    // Destroyed after the logger's own object, which the close leaves behind.
+    struct Late {
+      ~Late() {
+        vantorlogger_open("first", "f");
+        vantorlogger_line(ASL_LEVEL_DEBUG, "late");
+        vantorlogger_close();
+      }
+    };
+    static thread_local Late late;
+    [[maybe_unused]] const Late* touched = &late;
+    vantorlogger_open("before", "f");
+    vantorlogger_close();
+  });
+  EXPECT_THAT(sink_.messagesOf("first"), testing::SizeIs(1));
+}
+
 TEST_F(LoggerTest, TheThreadsDestructorDoesNothing) {
   onFreshThread([this] {
     vantorlogger_open("first", "one");

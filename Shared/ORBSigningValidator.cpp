@@ -5,6 +5,20 @@
 
 using namespace platform;
 
+namespace {
+
+// A client of the log for one verdict. Without its own, the first line on a thread would open the
+// client of all library code that speaks on the thread later, and hide the names that it opens.
+class LogClient {
+ public:
+  LogClient() { vantorlogger_open("ORBSigningValidator", "com.vantor.hostagent"); }
+  LogClient(const LogClient&) = delete;
+  LogClient& operator=(const LogClient&) = delete;
+  ~LogClient() { vantorlogger_close(); }
+};
+
+}  // namespace
+
 ORBSigningValidator::Verdict ORBSigningValidator::validateBundle(const std::string& path) const {
   return validate(path, SecStaticCode::Kind::kBundle);
 }
@@ -15,6 +29,7 @@ ORBSigningValidator::Verdict ORBSigningValidator::validateProgram(const std::str
 
 ORBSigningValidator::Verdict ORBSigningValidator::validate(const std::string& path,
                                                            SecStaticCode::Kind wanted) const {
+  const LogClient client;
   const char* const what = wanted == SecStaticCode::Kind::kBundle ? "bundle" : "program";
   auto verdict = check(path, wanted);
   if (!verdict) {

@@ -98,6 +98,20 @@ TEST_F(ORBSigningValidatorTest, AProgramIsNoBundleNorTheOtherWayAround) {
   EXPECT_EQ(signatures_.checks("/X.bundle") + signatures_.checks("/bin/p"), 0);
 }
 
+// Other library code on the thread opens the log under its own name.
+TEST_F(ORBSigningValidatorTest, ItLeavesNoLogClientBehind) {
+  signatures_.addValid("/bin/p", kProgram, "p");
+  ASSERT_TRUE(validator_.validateProgram("/bin/p").isIntact());
+  EXPECT_EQ(sink_.messages().back().ident, "ORBSigningValidator");
+  vantorlogger_open("another", "com.example.facility");
+  vantorlogger_line(ASL_LEVEL_DEBUG, "a line");
+  EXPECT_EQ(sink_.messages().back().ident, "another");
+  ASSERT_TRUE(validator_.validateProgram("/bin/p").isIntact());
+  vantorlogger_line(ASL_LEVEL_DEBUG, "a line");
+  EXPECT_EQ(sink_.messages().back().ident, "another");
+  vantorlogger_close();
+}
+
 TEST_F(ORBSigningValidatorTest, EachCallVerifiesAgain) {
   signatures_.addValid("/bin/p", kProgram, "p");
   EXPECT_TRUE(validator_.validateProgram("/bin/p").isIntact());

@@ -7,14 +7,15 @@
 namespace platform {
 namespace {
 
-// The host runs before any log exists, so it can only use standard error.
-void printError(const std::string& text) {
-  std::fputs(("VGBackgroundServiceMain: " + text + "\n").c_str(), stderr);
+void reportError(const BackgroundServiceHost& host, const std::string& text) {
+  const std::string line = "VGBackgroundServiceMain: " + text;
+  std::fputs((line + "\n").c_str(), stderr);
+  if (host.report) host.report(line);
 }
 
 // The service manager may miss an announcement, but our work does not depend on it.
-void printFailure(const Result<void>& announcement) {
-  if (!announcement) printError(describe(announcement.error()) + "; going on without");
+void reportFailure(const BackgroundServiceHost& host, const Result<void>& announcement) {
+  if (!announcement) reportError(host, describe(announcement.error()) + "; going on without");
 }
 
 }  // namespace
@@ -24,28 +25,28 @@ int VGBackgroundServiceMain(std::string_view className, int /*argumentCount*/,
   const std::string name(className);
   const auto* const makeInstance = host.classes.find(className);
   if (!makeInstance) {
-    printError("there is no class \"" + name +
-               "\"; add it to the table of classes that main() fills");
+    reportError(host, "there is no class \"" + name +
+                          "\"; add it to the table of classes that main() fills");
     return EXIT_FAILURE;
   }
 
   auto watch = host.terminationSignals.watchTermination([&loop = host.runLoop] { loop.stop(); });
   if (!watch) {
-    printError(describe(watch.error()) + "; free what it needs and start the program again");
+    reportError(host, describe(watch.error()) + "; free what it needs and start the program again");
     return EXIT_FAILURE;
   }
   host.terminationWatch = *std::move(watch);
 
   const auto instance = (*makeInstance)();
   if (!instance) {
-    printError("no instance of class \"" + name + "\" could be made");
+    reportError(host, "no instance of class \"" + name + "\" could be made");
     return EXIT_FAILURE;
   }
   instance->backgroundServiceDidFinishLaunching(Value());
   instance->backgroundServiceWhenReady(
-      [&readiness = host.readiness] { printFailure(readiness.announceReady()); });
+      [&host] { reportFailure(host, host.readiness.announceReady()); });
   host.runLoop.run();
-  printFailure(host.readiness.announceStopping());
+  reportFailure(host, host.readiness.announceStopping());
   instance->backgroundServiceWillTerminate(Value());
   return EXIT_SUCCESS;
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "Platform/BackgroundServices/ServiceReadiness.h"
@@ -37,6 +38,8 @@ struct BackgroundServiceHost {
   TerminationSignals& terminationSignals;
   ServiceReadiness& readiness;
   const BackgroundServiceClasses& classes;
+  // Gets the errors that are printed to standard error, which nobody may read. Optional.
+  std::function<void(const std::string& error)> report = {};
 
   // Made by the host and left here, so that a further termination request during the program's
   // clean-up does not kill it. Ends with this struct, which `runLoop` must outlive.
@@ -50,7 +53,7 @@ struct BackgroundServiceHost {
 // An earlier request counts as soon as the loop runs; further ones change nothing.
 //
 // If there is no such class, no instance of it, or termination requests can't be watched, it prints
-// the reason to standard error and returns another status without any of these calls.
+// and reports the reason and returns another status without any of these calls.
 //
 // The arguments are ignored, because a background service has no options; they belong to the
 // routine's signature.

@@ -72,7 +72,9 @@ class BackgroundServiceTest : public testing::Test {
   FakeTerminationSignals signals_{loop_};
   FakeServiceReadiness readiness_;
   BackgroundServiceClasses classes_;
-  BackgroundServiceHost host_{loop_, signals_, readiness_, classes_};
+  std::vector<std::string> reported_;
+  BackgroundServiceHost host_{loop_, signals_, readiness_, classes_,
+                              [this](const std::string& error) { reported_.push_back(error); }};
   std::function<void()> whileLaunching_;
   Duration readyAfter_{};
   std::function<void()> whileTerminating_;
@@ -163,6 +165,7 @@ TEST_F(BackgroundServiceTest, AnUnknownClassIsAnErrorWithAdvice) {
       text,
       "VGBackgroundServiceMain: there is no class \"Servise\"; add it to the table of classes "
       "that main() fills\n");
+  EXPECT_THAT(reported_, ElementsAre(text.substr(0, text.size() - 1)));
   EXPECT_THAT(happened_, IsEmpty());
   EXPECT_THAT(readiness_.announcements(), IsEmpty());
 }
@@ -193,6 +196,7 @@ TEST_F(BackgroundServiceTest, AFailedAnnouncementIsOnlyReported) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "VGBackgroundServiceMain: nobody listens; going on without\n"
             "VGBackgroundServiceMain: nobody listens; going on without\n");
+  EXPECT_THAT(reported_, testing::SizeIs(2));
   EXPECT_EQ(status, 0);
   EXPECT_THAT(happened_,
               ElementsAre("made 0", "did finish launching 0", "will terminate 2", "destroyed 2"));

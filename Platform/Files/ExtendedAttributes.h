@@ -19,9 +19,9 @@ class ExtendedAttributes {
   virtual ~ExtendedAttributes() = default;
 
   // The attribute's bytes, at most `bufferSize` of them; follows symbolic links. A file that a
-  // download tool has marked in the system's own way has the where-from attribute, too. Every
-  // failure has its errno: ENODATA if there is no such attribute, ERANGE if it is larger, ENOTSUP
-  // if the file system has no attributes.
+  // download tool has marked in the system's own way has the where-from attribute, too, whose
+  // frame may make it larger than `bufferSize`. Every failure has its errno: ENODATA if there is no
+  // such attribute, ERANGE if it is larger, ENOTSUP if the file system has no attributes.
   virtual Result<Data> getxattr(const std::string& path, std::string_view name,
                                 std::size_t bufferSize) = 0;
 };

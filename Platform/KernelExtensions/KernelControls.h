@@ -8,6 +8,7 @@
 
 #include "Platform/Files/FileNames.h"
 #include "Platform/Values/Error.h"
+#include "Platform/Values/KernelIds.h"
 
 namespace platform {
 
@@ -47,6 +48,10 @@ class ControlSocket {
   // Connects to the control that was found. Fails with kNotFound if its extension is gone, and with
   // kDenied if another user offers it.
   virtual Result<void> connect() = 0;
+
+  // The process that offers the control. It has another number after a restart of its extension; 0
+  // without a connection.
+  virtual ProcessId offeredBy() const = 0;
 
   // The extension defines the numbers and meanings of its options. If it refuses, the error has its
   // errno. If it does not answer in time, sends a malformed answer or has ended, the connection and

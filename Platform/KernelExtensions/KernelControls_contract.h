@@ -77,6 +77,11 @@ class KernelControlsContract
   std::unique_ptr<ControlsMachine> machine_ = GetParam()();
 };
 
+TEST_P(KernelControlsContract, AConnectedControlHasAProcess) {
+  EXPECT_EQ(open()->offeredBy(), 0);
+  EXPECT_GT(connected()->offeredBy(), 0);
+}
+
 TEST_P(KernelControlsContract, AnUnknownControlIsNotFound) {
   const auto socket = open();
   const auto found = socket->findControl("com.example.other");

@@ -14,17 +14,16 @@ namespace platform {
 
 // Keys of the information on a loaded extension.
 inline constexpr char kOSBundlePathKey[] = "OSBundlePath";  // of the extension's bundle
-// Only for a user-space extension: 0 while it has no process, because it crashed and will be
-// restarted.
+// 0 while its program has no process, because it crashed and will be restarted.
 inline constexpr char kOSBundleProcessKey[] = "PID";
 
 // The label of the job of a user-space extension: this, and the extension's identifier.
 inline constexpr std::string_view kExtensionJobPrefix = "kext.";
 
 // The system's extensions: bundles NAME.kext in Library/Extensions of the platform root, or in the
-// program's own resources, identified by their "CFBundleIdentifier". If the Info.plist has a
-// "CFBundleExecutable", it is a user-space extension and runs as a job, which outlives the caller.
-// If it has an "OSKernelModule", it is a module of the kernel.
+// program's own resources, identified by their "CFBundleIdentifier". If its Info.plist
+// has an "OSKernelModule", that module of the kernel is loaded first. The "CFBundleExecutable" runs
+// as a job, which outlives the caller, and offers the control.
 //
 // All calls belong to the run loop's thread and block it for a limited time. An error names the
 // extension and the reason.

@@ -21,6 +21,10 @@ bool hasReadabilityHandlers(const PlatformConfiguration& configuration) {
   return integerValue(configuration.kernelRelease) >= kFirstKernelWithReadabilityHandlers;
 }
 
+std::string programName(const std::string& executable) {
+  return executable.substr(executable.rfind('/') + 1);
+}
+
 }  // namespace
 
 LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::optional<PassedSocket> passedSocket_,
@@ -38,9 +42,7 @@ LinuxPlatform::LinuxPlatform(ServiceNotify readiness_, std::optional<PassedSocke
       fileManager(configuration.usersRoot),
       logSink(std::move(logSink_)),
       standardError(std::make_unique<StandardErrorLogSink>()),
-      systemLog(logSink,
-                mainBundle.executablePath().substr(mainBundle.executablePath().rfind('/') + 1),
-                configuration.logLevel),
+      systemLog(logSink, programName(mainBundle.executablePath()), configuration.logLevel),
       runLoop(std::move(runLoop_)),
       tasks(*runLoop, notificationCenter,
             {.callsReadabilityHandlers = hasReadabilityHandlers(configuration),
@@ -77,6 +79,18 @@ Result<std::unique_ptr<LinuxPlatform>> LinuxPlatform::makeWith(
   return std::unique_ptr<LinuxPlatform>(new LinuxPlatform(
       std::move(readiness), *std::move(passedSocket), *descriptorLimit, *std::move(configuration),
       *std::move(mainBundle), *std::move(logSink), *std::move(runLoop)));
+}
+
+void logFailedStart(const Error& error) {
+  const auto executable = runningExecutablePath();
+  if (!executable) return;
+  const auto root = platformRootOfExecutable(*executable);
+  if (!root) return;
+  auto sink = makeLogSink(*root, chooseLogSink(*root));
+  if (!sink) return;
+  BufferedLogSink buffered(*std::move(sink));
+  SystemLog log(buffered, programName(*executable));
+  log.asl_log(nullptr, ASL_LEVEL_ERR, "the program does not start: " + describe(error));
 }
 
 }  // namespace platform

@@ -91,4 +91,8 @@ struct LinuxPlatform {
                 std::unique_ptr<AsioRunLoop> runLoop);
 };
 
+// Writes an error of LinuxPlatform::make() to the log that the running program's root has without
+// its configuration, if the root can be found. For programs whose standard error nobody reads.
+void logFailedStart(const Error& error);
+
 }  // namespace platform

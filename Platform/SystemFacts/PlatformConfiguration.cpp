@@ -141,17 +141,8 @@ bool readNotificationBus(const Value& value, Configuration& configuration) {
   return true;
 }
 
-bool readJobBackend(const Value& value, Configuration& configuration) {
-  const std::string* name = value.string();
-  if (!name) return false;
-  if (*name == "embedded") {
-    configuration.jobBackend = Configuration::JobBackend::kEmbedded;
-  } else if (*name == "systemd") {
-    configuration.jobBackend = Configuration::JobBackend::kSystemd;
-  } else {
-    return false;
-  }
-  return true;
+bool readJobBackend(const Value& value, Configuration& /*configuration*/) {
+  return value == Value("embedded");
 }
 
 bool readLogSink(const Value& value, Configuration& configuration) {
@@ -203,7 +194,7 @@ constexpr std::array kKeys{
         readLanguages},
     Key{"NotificationBus", "\"system\" or a D-Bus address (\"unix:path=...\")",
         readNotificationBus},
-    Key{"JobBackend", "\"embedded\" or \"systemd\"", readJobBackend},
+    Key{"JobBackend", "\"embedded\", the only one that is built", readJobBackend},
     Key{"LogSink", "\"journal\", \"syslog\" or \"file\"", readLogSink},
     Key{"LogLevel", "an integer from 0 to 7", readLogLevel},
 };

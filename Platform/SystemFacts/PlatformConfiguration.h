@@ -13,9 +13,9 @@
 namespace platform {
 
 // The content of `etc/vantor/platform.plist` below the platform root. Every key is optional. It
-// does not configure the daemon, which has no options.
+// does not configure the daemon, which has no options. A key "JobBackend" may only be "embedded",
+// since there is no other job host.
 struct PlatformConfiguration {
-  enum class JobBackend { kEmbedded, kSystemd };
   enum class LogSink { kJournal, kSyslog, kFile };
 
   // The folder above every path of the platform layer: absolute, without a slash at its end unless
@@ -53,11 +53,6 @@ struct PlatformConfiguration {
   // "NotificationBus": the D-Bus address of the bus that carries notifications, or "system". If it
   // is absent, the platform chooses.
   std::optional<std::string> notificationBus;
-
-  // "JobBackend": "embedded" or "systemd". If it is absent, the platform chooses. Nothing reads it
-  // yet, since the embedded host is the only one there is; it is checked so that a file written for
-  // both stays valid.
-  std::optional<JobBackend> jobBackend;
 
   // "LogSink": "journal", "syslog" or "file". If it is absent, the platform chooses.
   std::optional<LogSink> logSink;

@@ -34,7 +34,6 @@ TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   EXPECT_THAT(configuration.nameOwners, IsEmpty());
   EXPECT_THAT(configuration.languages, IsEmpty());
   EXPECT_FALSE(configuration.notificationBus);
-  EXPECT_FALSE(configuration.jobBackend);
   EXPECT_FALSE(configuration.logSink);
   EXPECT_EQ(configuration.logLevel, 7);
 }
@@ -54,7 +53,7 @@ TEST(PlatformConfigurationTest, EveryKeyIsRead) {
                                     {"NameOwners", Dictionary{{"settings", "keeper"}}},
                                     {"Languages", Array{"de", "en"}},
                                     {"NotificationBus", "unix:path=/run/bus"},
-                                    {"JobBackend", "systemd"},
+                                    {"JobBackend", "embedded"},
                                     {"LogSink", "file"},
                                     {"LogLevel", 3}});
   ASSERT_TRUE(configuration) << configuration.error().context;
@@ -68,7 +67,6 @@ TEST(PlatformConfigurationTest, EveryKeyIsRead) {
   EXPECT_THAT(configuration->warnings, IsEmpty());
   EXPECT_THAT(configuration->languages, ElementsAre("de", "en"));
   EXPECT_EQ(configuration->notificationBus, "unix:path=/run/bus");
-  EXPECT_EQ(configuration->jobBackend, PlatformConfiguration::JobBackend::kSystemd);
   EXPECT_EQ(configuration->logSink, PlatformConfiguration::LogSink::kFile);
   EXPECT_EQ(configuration->logLevel, 3);
 }
@@ -150,8 +148,9 @@ TEST(PlatformConfigurationTest, AWrongValueNamesFileKeyAndExpectation) {
       {"NotificationBus", "session", "D-Bus address"},
       {"NotificationBus", ":path=/x", "D-Bus address"},
       {"NotificationBus", true, "D-Bus address"},
-      {"JobBackend", "Embedded", "\"embedded\" or \"systemd\""},
-      {"JobBackend", 1, "\"embedded\" or \"systemd\""},
+      {"JobBackend", "Embedded", "\"embedded\", the only one that is built"},
+      {"JobBackend", "systemd", "\"embedded\", the only one that is built"},
+      {"JobBackend", 1, "\"embedded\", the only one that is built"},
       {"LogSink", "stderr", "\"journal\", \"syslog\" or \"file\""},
       {"LogSink", Dictionary(), "\"journal\", \"syslog\" or \"file\""},
       {"LogLevel", -1, "an integer from 0 to 7"},

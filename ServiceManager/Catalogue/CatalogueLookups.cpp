@@ -40,9 +40,6 @@ Value jobInfoWithLabel(Label label, const Value& inServicePlist) {
   for (const auto& [key, value] : defaultJobInfoTemplate()) job.set(key, value);
   job.set("Label", *label);
   job.set("Program", pathByAppendingComponent(*programPath, *program));
-  for (const char* key : {"UserName", "WorkingDirectory"}) {
-    if (const std::string* text = jobSpec[key].string()) job.set(key, *text);
-  }
   return job;
 }
 

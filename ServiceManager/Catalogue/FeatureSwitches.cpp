@@ -13,6 +13,11 @@ FeatureConfiguration configurationIn(const std::string& feature, const Value& co
 
 }  // namespace
 
+bool areFeaturesMalformed(const ServiceCatalogue& catalogue, Label label) {
+  const Value features = catalogue.service(label)["Features"];
+  return !features.isNil() && !features.array();
+}
+
 std::optional<std::vector<FeatureConfiguration>> featureConfigurations(
     const ServiceCatalogue& catalogue, Label label) {
   const Value features = catalogue.service(label)["Features"];

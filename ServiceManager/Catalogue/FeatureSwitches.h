@@ -14,6 +14,10 @@ struct FeatureConfiguration {
   platform::Dictionary switches;      // the keys of the settings and the values that ask for it
 };
 
+// Whether the service's "Features" are there and not an array. It is a feature service then, and no
+// switch can ask for it: the evaluation and the retry leave it as it is. Pure.
+bool areFeaturesMalformed(const ServiceCatalogue& catalogue, Label label);
+
 // The configurations of all features of a feature service, in the catalogue's order, which is the
 // order in which an evaluation reads their switches. A configuration without switches is included,
 // since an evaluation makes the client of its settings server, too. Nothing if the service's

@@ -59,6 +59,13 @@ StartUpResult<ServiceCatalogue> catalogueOfProduct(const Value& servicePlist,
     vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
     return std::unexpected(StartUpError{"Uknown product type", why});
   }
+  const std::string* primary = servicePlist["Primary"].string();
+  if (primary && !matching.contains(*primary)) {
+    vantorlogger2_line(ASL_LEVEL_ERR,
+                       stringWithFormat("The primary service %@ does not belong to the current "
+                                        "product: %@. No service is evaluated",
+                                        *primary, installTypeName));
+  }
   Dictionary others;
   for (const auto& [label, entry] : *servicePlist["Services"].dictionary()) {
     if (!matching.contains(label)) others.set(label, entry["Products"]);

@@ -190,6 +190,15 @@ TEST_F(InstalledCatalogueTest, ACatalogueHasTheProductsServicesAlone) {
   EXPECT_THAT(lines_.take(), IsEmpty());
 }
 
+TEST_F(InstalledCatalogueTest, APrimaryServiceOfAnotherProductIsAnErrorInTheLog) {
+  const auto catalogue = catalogueOfProduct(servicePlistWith("Primary", "foreign"), kHouseholdType);
+  ASSERT_TRUE(catalogue);
+  EXPECT_TRUE(catalogue->jobInfo(catalogue->primaryLabel()).isNil());
+  EXPECT_THAT(lines_.take(),
+              ElementsAre("3 The primary service foreign does not belong to the current product: "
+                          "kKLXInstallTypeHouseholdID. No service is evaluated"));
+}
+
 TEST_F(InstalledCatalogueTest, AProductWithoutAServiceIsUnknown) {
   const std::string why =
       "Unable to resolve services that match the current product: kKLXInstallTypeUnmanagedID";

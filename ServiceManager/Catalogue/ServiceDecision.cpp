@@ -33,6 +33,7 @@ std::string_view whyUnwanted(const ServiceSituation& situation) {
 // service, so if that is stopped, no other service is evaluated, either.
 std::string_view whyNotEvaluated(const ServiceSituation& situation) {
   if (situation.isStopped) return kReasonStopped;
+  if (!situation.isPrimaryOfProduct) return kReasonPrimaryOtherProduct;
   switch (evaluationPermission(situation.operatingMode, situation.isPrimaryStopped)) {
     case EvaluationPermission::kGranted:
       return {};

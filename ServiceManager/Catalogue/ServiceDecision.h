@@ -58,6 +58,7 @@ struct ServiceSituation {
   std::int64_t operatingMode = ORBOperatingModeNormal;
   bool isStopped = false;           // by the user interface
   bool isPrimaryStopped = false;    // by the user interface
+  bool isPrimaryOfProduct = true;   // else no evaluation gets beyond the primary service
   bool hasFailedExtension = false;  // the last start of one of its extensions has failed
   // The service is not ready, and the timer that starts such services again is running.
   bool isRetried = false;
@@ -88,6 +89,7 @@ inline constexpr std::string_view kReasonStopped = "stopped";
 inline constexpr std::string_view kReasonInstaller = "installer";
 inline constexpr std::string_view kReasonWaiting = "waiting";
 inline constexpr std::string_view kReasonPrimaryStopped = "primaryStopped";
+inline constexpr std::string_view kReasonPrimaryOtherProduct = "primaryOtherProduct";
 inline constexpr std::string_view kReasonNoProgram = "noProgram";
 inline constexpr std::string_view kReasonDamaged = "damaged";
 inline constexpr std::string_view kReasonUnchecked = "unchecked";

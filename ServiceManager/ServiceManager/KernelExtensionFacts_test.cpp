@@ -32,6 +32,20 @@ TEST_F(KernelExtensionFactsTest, EachExtensionIsReported) {
   EXPECT_EQ(controls_.clients(kNetwork), 0);
 }
 
+// The daemon forgets it for the next start of a service that uses it.
+TEST_F(KernelExtensionFactsTest, AStopOfAServiceLeavesItsExtensionsConfigured) {
+  EXPECT_TRUE(startExtensions(kHelper));
+  stop(kHelper);
+  ASSERT_THAT(manager().kextsLoaded(), IsEmpty());
+  EXPECT_EQ(extensionFacts()["net"]["IsConfigured"], Value(true));
+  controls_.setProcess(kNetwork, 2);
+  EXPECT_EQ(extensionFacts()["net"]["IsConfigured"], Value(false));
+  EXPECT_TRUE(startExtensions(kHelper));
+  EXPECT_EQ(extensionFacts()["net"]["IsConfigured"], Value(true));
+  EXPECT_TRUE(extensions_.KextManagerUnloadKextWithIdentifier(kNetwork));
+  EXPECT_EQ(extensionFacts()["net"]["IsConfigured"], Value(false));
+}
+
 TEST_F(KernelExtensionFactsTest, AHungExtensionIsReportedAfterASecond) {
   EXPECT_TRUE(startExtensions(kHelper));
   controls_.setHanging(kNetwork, true);

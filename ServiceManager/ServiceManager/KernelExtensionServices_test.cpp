@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
+#include "ServiceManager/Supervision/HealthRecord.h"
 #include "ServiceManager/Supervision/KernelExtensions_fixture.h"
 
 namespace {
@@ -41,8 +42,12 @@ TEST_F(KernelExtensionServicesTest, UnloadingStopsServicesAndEvaluatesThemAgain)
   ASSERT_TRUE(isRunning(kAgent) && isRunning(kHelper) && isRunning(kPrimary));
   network_.version = integer(4);
   extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  bool haveStopped = false;
+  extensions_.setOnUnload(kNetwork,
+                          [&] { haveStopped = !isRunning(kAgent) && !isRunning(kHelper); });
   takeLog();
   EXPECT_TRUE(load(kNetwork, "net"));
+  EXPECT_TRUE(haveStopped);  // before the extension was unloaded
   EXPECT_EQ(jobs_.starts(kPrimary), 1u);
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.agent"), 1u);
   EXPECT_EQ(countInLog("Did enforce shutdown for service: com.example.helper"), 1u);
@@ -56,6 +61,23 @@ TEST_F(KernelExtensionServicesTest, UnloadingStopsServicesAndEvaluatesThemAgain)
   EXPECT_EQ(countInLog("Evaluating service"), 2u);
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_TRUE(isRunning(kHelper));
+}
+
+TEST_F(KernelExtensionServicesTest, AServiceThatIsStoppedForAReloadHasNotCrashed) {
+  keepsHealthRecord_ = true;
+  useHealth();
+  run(kHelper);
+  manager().evaluateInformationForService(kHelper);
+  stop(kAgent);  // Its extensions are forgotten.
+  network_.version = integer(4);
+  extensions_.setOnLoad(kNetwork, [this] { network_.version = integer(5); });
+  run(kHelper);
+  loop_.advanceBy(10s);
+  EXPECT_EQ(jobs_.starts(kHelper), 1u);
+  EXPECT_GE(countInLog("com.example.helper with PID"), 1u);
+  const Value helper = manager().healthInfo()->healthRecord()[kHealthServices][kHelper];
+  EXPECT_EQ(helper[kHealthStatus], Value(kRunning));
+  EXPECT_EQ(helper[kHealthCrashes].integer().value_or(0), 0);
 }
 
 TEST_F(KernelExtensionServicesTest, AFailedUnloadingEvaluatesItsServicesAgain) {

@@ -101,6 +101,7 @@ class ORBExecInfoHandler::FileHash {
 ORBExecInfoHandler::ORBExecInfoHandler(const Environment& environment,
                                        ExecInfoHandlerDelegate* delegate)
     : environment_(environment), delegate_(delegate) {
+  // Never closed: its lines come from the queues of XPC, until the end of the program.
   vantorlogger2_open(kClassName, mach_thread_self());
 }
 

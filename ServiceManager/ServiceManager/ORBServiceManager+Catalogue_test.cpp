@@ -29,7 +29,7 @@ TEST(Catalogue, JobsAreKeptAliveAndTheirOutputDiscarded) {
                         {"StandardErrorPath", "/dev/null"}}));
 }
 
-TEST(Catalogue, AJobIsItsSpecificationWithTemplateAndLabel) {
+TEST(Catalogue, AJobIsItsJobSpecWithTemplateAndLabel) {
   EXPECT_EQ(job(catalogueWithJob({{"Program", "bin/agent"},
                                   {"ProgramArguments", Array{"agent", "-d"}},
                                   {"UserName", "nobody"},
@@ -51,14 +51,14 @@ TEST(Catalogue, AJobCannotOptOutOfBeingKeptAlive) {
   EXPECT_EQ(job(catalogue)["KeepAlive"].boolean(), true);
 }
 
-TEST(Catalogue, TheTemplateOverridesTheSpecificationsOutputPaths) {
+TEST(Catalogue, TheTemplateOverridesTheJobSpecsOutputPaths) {
   const Value catalogue = catalogueWithJob(
       {{"Program", "a"}, {"StandardOutPath", "/tmp/out"}, {"StandardErrorPath", "/tmp/error"}});
   EXPECT_EQ(job(catalogue)["StandardOutPath"], Value("/dev/null"));
   EXPECT_EQ(job(catalogue)["StandardErrorPath"], Value("/dev/null"));
 }
 
-TEST(Catalogue, TheLabelOverridesTheSpecifications) {
+TEST(Catalogue, TheLabelOverridesTheJobSpecs) {
   const Value catalogue = catalogueWithJob({{"Program", "a"}, {"Label", "another"}});
   EXPECT_EQ(job(catalogue)["Label"], Value(kAgent));
 }
@@ -74,7 +74,7 @@ TEST(Catalogue, AJobHasNoUserOrFolderByDefault) {
   EXPECT_TRUE(bare["WorkingDirectory"].isNil());
 }
 
-TEST(Catalogue, AServiceWithoutASpecificationHasNoJob) {
+TEST(Catalogue, AServiceWithoutAJobSpecHasNoJob) {
   const Value catalogue = catalogueWithEntry({{"Products", Array{}}});
   EXPECT_EQ(ORBServiceManager::serviceTypeForLabel(kAgent, catalogue), "CoreService");
   EXPECT_TRUE(job(catalogue).isNil());

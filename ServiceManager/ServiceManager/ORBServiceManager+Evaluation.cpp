@@ -1,3 +1,5 @@
+#include <source_location>
+
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
@@ -7,17 +9,21 @@ using namespace platform;
 
 namespace {
 
-void logStoppedByUserInterface(const std::string& label) {
+void logStoppedByUserInterface(
+    const std::string& label, const std::source_location& where = std::source_location::current()) {
   vantorlogger2_line(
       ASL_LEVEL_DEBUG,
       stringWithFormat(
-          "%@ is not actively being monitored as per the request of the user interface", label));
+          "%@ is not actively being monitored as per the request of the user interface", label),
+      where);
 }
 
 }  // namespace
 
 void ORBServiceManager::setMode(std::int64_t mode) {
   operatingMode_ = mode;
+  // An installer that died does not end its work.
+  if (mode == ORBOperatingModeNormal) isInstallerAtWork_ = false;
   ++modeChanges_;
   operatorPublisher_.changed();
 }

@@ -72,6 +72,14 @@ TEST_F(EvaluationTest, AStoppedPrimaryServiceEndsTheEvaluation) {
   EXPECT_THAT(jobs_.labels(), IsEmpty());
 }
 
+TEST_F(EvaluationTest, AStoppedPrimaryServiceSchedulesNoRetry) {
+  useHealth();
+  manager().healthInfo()->reportUnreadyStateForService(kAgent);
+  manager().trackServiceForUserClientShutdownRequest(kPrimary, true);
+  evaluate();
+  EXPECT_FALSE(manager().reevaluationTimer());
+}
+
 TEST_F(EvaluationTest, WithoutThePrimaryServiceNoOtherIsEvaluated) {
   damageProgram("configd");
   evaluate();
@@ -369,6 +377,10 @@ TEST_F(OperatingModeTest, OnlyTrueMeansThatTheServerIsUp) {
   manager().evaluateWaitingForPrimaryServiceOperatingMode();
   loop_.runReady();
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
+  configurationServer_.answer = Value(1);  // the same number as true
+  manager().evaluateWaitingForPrimaryServiceOperatingMode();
+  loop_.runReady();
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
 }
 
 }  // namespace

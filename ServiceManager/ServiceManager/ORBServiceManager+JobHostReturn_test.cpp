@@ -117,6 +117,24 @@ TEST_F(JobHostReturnTest, TheReturnLeavesTheInstallersPrimaryServiceAlone) {
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
+// It reports no end.
+TEST_F(JobHostReturnTest, AnInstallerThatDiedIsForgottenInNormalMode) {
+  startConfigurationServer();
+  evaluate();
+  shutDown({kPrimary, kAgent});
+  manager().handleGlobalSettingsServerWillShutdown({});
+  EXPECT_TRUE(manager().operatorPicture().isInstallerAtWork);
+  manager().handleGlobalSettingsServerDidStart({});
+  loop_.runReady();
+  ASSERT_EQ(manager().operatingMode(), kNormal);
+  EXPECT_FALSE(manager().operatorPicture().isInstallerAtWork);
+  manager().handleGlobalSettingsServerWillShutdown({});
+  stopConfigurationServer();
+  EXPECT_TRUE(jobs_.SMJobRemove(kSMDomainSystemLaunchd, kPrimary, nullptr, true));
+  returnJobHost();
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
 TEST_F(JobHostReturnTest, AnEndedPrimaryServiceIsStartedFirst) {
   startConfigurationServer();
   evaluate();

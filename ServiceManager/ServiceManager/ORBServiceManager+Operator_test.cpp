@@ -200,7 +200,7 @@ TEST_F(OperatorTest, ANeededReleaseIsReportedBesideTheSystems) {
   system_.setRelease("14.0.0", {10, 10, 0});
   Dictionary services = *catalogue()["Services"].dictionary();
   services.set(kAgent, entry("agent", {{"MinimumOSVersion", "10.11"}}));
-  services.set(kHelper, entry("helper", {{"MinimumOSVersion", "10.12"}, {"Features", "none"}}));
+  services.set(kHelper, entry("helper", {{"MinimumOSVersion", 10.12}, {"Features", "none"}}));
   install(catalogue(services));
   start();
   const Value agent = factsOf(kAgent);
@@ -210,6 +210,7 @@ TEST_F(OperatorTest, ANeededReleaseIsReportedBesideTheSystems) {
   EXPECT_EQ(agent[kFactIsSupported], Value(false));
   EXPECT_EQ(agent[kFactReason], Value("unsupported"));
   const Value helper = factsOf(kHelper);
+  EXPECT_EQ(helper[kFactMinimumOSVersion], Value(10.12));  // The tool says that it is no text.
   EXPECT_EQ(helper[kFactNeededKernel], Value());
   EXPECT_EQ(helper[kFactIsSupported], Value(false));
   EXPECT_EQ(helper[kFactFeaturesAreMalformed], Value(true));

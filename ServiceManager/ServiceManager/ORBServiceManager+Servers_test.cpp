@@ -220,6 +220,12 @@ TEST_F(ServersTest, EachServerAdmitsItsOwnProtocolOnly) {
   EXPECT_TRUE(isRunning(kAgent));
 }
 
+TEST_F(ServersTest, TheDaemonItselfAuthenticatesForTwoOfThem) {
+  EXPECT_EQ(manager().installerConnection()->delegate(), &manager());
+  EXPECT_EQ(manager().userInterfaceConnection()->delegate(), &manager());
+  EXPECT_EQ(manager().deamonConnection()->delegate(), manager().connectionAuthenticator());
+}
+
 TEST_F(ServersTest, APeerOfAnotherBootIsRefusedByEach) {
   FakeSystemInformation otherBoot;
   otherBoot.setBootTime(FakeSystemInformation::kBootTime + 1);

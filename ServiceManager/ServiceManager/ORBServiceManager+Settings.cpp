@@ -130,7 +130,6 @@ bool ORBServiceManager::evaluateServices() {
 }
 
 void ORBServiceManager::evaluateRunningModeAfterInstallerEvent() {
-  isInstallerAtWork_ = false;
   setMode(ORBOperatingModeNormal);
   askWhetherPrimaryServiceIsUp([this](std::optional<bool> isUp) {
     if (isUp == true) {
@@ -169,6 +168,7 @@ void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) 
                                       healthInfo_ ? setOfLabels(labels) : Value()));
   // When all have had their turn, the next retry is scheduled.
   for (const std::string& label : labels) {
+    if (label != primaryLabel() && areFeaturesMalformed(catalogue_, label)) continue;
     turns_.add({"retry", label}, [this, label] { enforceRunningForService(label, nullptr); });
   }
 }

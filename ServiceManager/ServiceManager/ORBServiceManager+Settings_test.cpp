@@ -235,6 +235,18 @@ TEST_F(SettingsTest, TenChangesInTwoSecondsAreOneEvaluation) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+TEST_F(SettingsTest, AFurtherChangeDoesNotPutOffThePendingEvaluation) {
+  didChange();
+  loop_.advanceBy(1s);
+  didChange();
+  loop_.advanceBy(1s - 1ns);
+  EXPECT_EQ(evaluations(), 0u);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(evaluations(), 1u);
+  loop_.advanceBy(10s);
+  EXPECT_EQ(evaluations(), 1u);
+}
+
 TEST_F(SettingsTest, AChangeAfterTheEvaluationIsEvaluatedAgain) {
   didChange();
   loop_.advanceBy(2s);
@@ -290,6 +302,21 @@ TEST_F(SettingsTest, RestartsOfSettingsServersAreOneEvaluation) {
 }
 
 // Services that are not ready.
+
+TEST_F(SettingsTest, TheRetryLeavesAServiceWithMalformedFeaturesAlone) {
+  Dictionary services = *catalogue()["Services"].dictionary();
+  services.set(kAgent, entry("agent", {{"Features", "none"}}));
+  services.set(kPrimary, entry("configd", {{"Features", "none"}}));
+  install(catalogue(services));
+  useHealth();
+  for (const char* label : {kPrimary, kAgent, kHelper})
+    manager().healthInfo()->reportUnreadyStateForService(label);
+  manager().scheduleReevaluation();
+  loop_.advanceBy(20s);
+  EXPECT_FALSE(isRunning(kAgent));
+  EXPECT_TRUE(isRunning(kHelper));
+  EXPECT_TRUE(isRunning(kPrimary));  // Every other service waits for it.
+}
 
 TEST_F(SettingsTest, WithoutAHealthRecordNothingIsReevaluated) {
   evaluate();

@@ -117,10 +117,10 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void handleGlobalSettingsServerWillShutdown(
       const platform::DistributedNotification& notification);
   void handleGlobalSettingsDidChange(const platform::DistributedNotification& notification);
-  // Notices may have been missed: evaluates, unless an installer is at work, as if those of the
+  // Notices may have been missed: evaluates, unless in installer mode, as if those of the
   // primary service and of a change of the settings had come.
   void handleNotificationsReturn();
-  // The job host answers again. Unless an installer is at work, this repeats requests that may have
+  // The job host answers again. Unless in installer mode, this repeats requests that may have
   // failed: it removes services that the user interface has stopped, and evaluates all others.
   void handleJobHostReturn();
   // A settings server was started again.
@@ -339,7 +339,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   bool isAskedAboutStart_ = false;
   bool hasStartedSince_ = false;
   // The mode does not hold this: the end of the primary service changes the mode, too, and the
-  // installer may be replacing that service.
+  // installer may be replacing that service. The normal mode ends it.
   bool isInstallerAtWork_ = false;
   platform::Dictionary monitoredProcessesRunLoopSources_;
   platform::Dictionary serviceToFeatureNotificationMap_;

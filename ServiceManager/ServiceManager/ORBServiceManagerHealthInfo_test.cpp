@@ -248,6 +248,15 @@ TEST_F(HealthInfoTest, TheCrashLimitIsReachedAtThree) {
   }
 }
 
+TEST_F(HealthInfoTest, ASummaryClearsCountersBelowTheLimitToo) {
+  crash(kAgent, 2);
+  put(kAgent, kRunning);
+  EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary{{kAgent, 0}}));
+  crash(kAgent, 1);
+  put(kAgent, kRunning);
+  EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary{{kAgent, 0}}));
+}
+
 TEST_F(HealthInfoTest, AnotherCrashLimitCountsInstead) {
   health_->setCrashLimit(1);
   crash(kAgent, 1);
@@ -282,6 +291,13 @@ TEST_F(HealthInfoTest, AServiceIsListedUnderItsName) {
             Value(Dictionary{{"/opt/app/agent", 0}, {kHelper, 0}}));
   EXPECT_THAT(takeLog(),  // The log has its label.
               testing::Contains(testing::HasSubstr("\ncom.example.agent: 1")));
+}
+
+TEST_F(HealthInfoTest, TheLastOfTwoServicesWithOneNameIsListed) {
+  health_->setServiceNamesToReport({{kAgent, "/opt/app/same"}, {kHelper, "/opt/app/same"}});
+  put(kAgent, kRunning);
+  put(kHelper, kUnready);
+  EXPECT_EQ(health_->getHealthStateForServices(), Value(Dictionary{{"/opt/app/same", 1}}));
 }
 
 TEST_F(HealthInfoTest, ASummaryOmitsAnUnmonitoredService) {

@@ -7,8 +7,10 @@
 
 // Facts of the service manager and of every service.
 inline constexpr char kFactOperatingMode[] = "OperatingMode";  // integer, see OperatingMode.h
-inline constexpr char kFactProduct[] = "Product";              // the installed one's name
-inline constexpr char kFactPrimary[] = "Primary";              // the primary service's label
+// Boolean: an installer has begun and not ended yet. The primary service's end changes the mode.
+inline constexpr char kFactIsInstallerAtWork[] = "IsInstallerAtWork";
+inline constexpr char kFactProduct[] = "Product";  // the installed one's name
+inline constexpr char kFactPrimary[] = "Primary";  // the primary service's label
 // Seconds until services that are not ready are started again, until a change of the settings is
 // evaluated, and until the watchdog checks the configuration server; reals.
 inline constexpr char kFactRetryIn[] = "RetryIn";
@@ -61,7 +63,7 @@ inline constexpr char kActivityIsRemovedBeforeItRuns[] = "isRemovedBeforeItRuns"
 // * array: the names of its extensions whose last start has failed; absent if there are none.
 inline constexpr char kFactFailedExtensions[] = "FailedExtensions";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
-inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * string
+inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * as in the catalogue
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
 inline constexpr char kFactKernel[] = "KernelMajorNumber";
 inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this system
@@ -114,9 +116,10 @@ inline constexpr char kFactKextIsLoaded[] = "IsLoaded";
 inline constexpr char kFactKextLoadedPath[] = "LoadedPath";
 // The process of a loaded user-space extension; 0 while it has none.
 inline constexpr char kFactKextProcess[] = "PID";
-inline constexpr char kFactKextIsConnected[] = "IsConnected";    // its control accepts connections
-inline constexpr char kFactKextIsAnswering[] = "IsAnswering";    // answers; absent: unconnected
-inline constexpr char kFactKextIsConfigured[] = "IsConfigured";  // is one of kextsLoaded()
+inline constexpr char kFactKextIsConnected[] = "IsConnected";  // its control accepts connections
+inline constexpr char kFactKextIsAnswering[] = "IsAnswering";  // answers; absent: unconnected
+inline constexpr char kFactKextIsConfigured[] =
+    "IsConfigured";  // by this daemon, and not restarted since
 // The step at which its last start has failed (a word of ExtensionControl.h), and how many seconds
 // ago that was, a real.
 inline constexpr char kFactKextFailedStep[] = "FailedStep";

@@ -4,9 +4,9 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
+#include "Platform/Values/KernelIds.h"
 #include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Catalogue/OperatingMode.h"
@@ -24,10 +24,11 @@ struct OperatorPicture {
   std::shared_ptr<const ServiceCatalogue> catalogue = {};  // never null; shared by all pictures
   std::optional<std::string> product = {};
   std::int64_t operatingMode = ORBOperatingModeNormal;
+  bool isInstallerAtWork = false;
   bool isTakingOver = false;  // not every service that runs is watched yet
   MonitoringRecords records = {};
   EvaluationTimers::DueTimes timers = {};
-  std::set<std::string> kextsLoaded = {};
+  std::map<std::string, platform::ProcessId> configuredExtensions = {};
   std::map<std::string, ServiceEnforcement::Work, std::less<>> work = {};
   std::set<std::string, std::less<>> unchecked = {};  // the services whose program is checked again
   ExtensionControl::Failures extensionFailures = {};

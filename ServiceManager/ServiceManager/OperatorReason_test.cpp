@@ -87,6 +87,34 @@ TEST_F(OperatorReasonTest, WithoutTheConfigurationServerServicesWait) {
   EXPECT_FALSE(isRunning(kHelper));
 }
 
+TEST_F(OperatorReasonTest, APrimaryServiceOfAnotherProductIsTheReason) {
+  Dictionary foreign = entry("configd");
+  foreign.set("Products", Array{"kKLXInstallTypePersonalID"});
+  install(catalogue({{kPrimary, foreign}, {kHelper, entry("helper")}}));
+  startConfigurationServer();
+  start();
+  loop_.advanceBy(1s);
+  EXPECT_EQ(countInLog("does not belong to the current product"), 1u);
+  EXPECT_EQ(reasonOf(kHelper), "primaryOtherProduct");
+  EXPECT_EQ(reasonOf(kPrimary), "otherProduct");
+  EXPECT_FALSE(isRunning(kHelper));
+}
+
+TEST_F(OperatorReasonTest, AServiceWithMalformedFeaturesIsNotRetried) {
+  startAll();
+  Dictionary services = *manager().serviceInfo()["Services"].dictionary();
+  Dictionary agent = *services[kAgent].dictionary();
+  agent.set("Features", "none");
+  services.set(kAgent, std::move(agent));
+  install(catalogue(services));
+  manager_.reset();
+  start();
+  loop_.advanceBy(1s);
+  EXPECT_EQ(serviceFacts(kAgent)[kFactHealth]["Status"], Value(kUnready));
+  EXPECT_FALSE(isRetried(kAgent));
+  EXPECT_EQ(reasonOf(kAgent), "malformedFeatures");
+}
+
 TEST_F(OperatorReasonTest, WithoutThePrimaryServiceNoOtherIsStarted) {
   startAll();
   stop(kHelper);

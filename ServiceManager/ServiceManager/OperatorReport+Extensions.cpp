@@ -19,7 +19,7 @@ Dictionary OperatorReport::extensions(const OperatorPicture& picture) const {
 
 Dictionary OperatorReport::factsOfKext(const OperatorPicture& picture, const std::string& name,
                                        const std::optional<std::string>& identifier) const {
-  Dictionary facts{{kFactKextIsConfigured, picture.kextsLoaded.contains(name)}};
+  Dictionary facts{{kFactKextIsConfigured, false}};
   Array services;
   for (const std::string& label : picture.catalogue->daemonsUsingKext(name))
     services.push_back(Value(label));
@@ -48,6 +48,10 @@ Dictionary OperatorReport::factsOfKext(const OperatorPicture& picture, const std
   if (!process.isNil()) facts.set(kFactKextProcess, process);
   const auto socket = connectToControl(environment_.extensions.controls, *identifier);
   facts.set(kFactKextIsConnected, socket.has_value());
+  const auto configured = picture.configuredExtensions.find(name);
+  // A process that was started again has not been configured.
+  facts.set(kFactKextIsConfigured, socket && configured != picture.configuredExtensions.end() &&
+                                       configured->second == (*socket)->offeredBy());
   if (socket) facts.set(kFactKextIsAnswering, (*socket)->ping().has_value());
   return facts;
 }

@@ -54,7 +54,7 @@ Value OperatorReport::overview(const OperatorPicture& picture, Page page) const 
   for (const auto& [label, entry] : servicesOf(picture, page)) {
     Dictionary service;
     addMarksOfService(service, picture, label);
-    setIfKnown(service, kFactMinimumOSVersion, releaseIn(entry));
+    setIfKnown(service, kFactMinimumOSVersion, entry["MinimumOSVersion"]);
     all.set(label, std::move(service));
   }
   facts.set(kFactServices, std::move(all));

@@ -92,6 +92,7 @@ Duration OperatorReport::until(Instant due) const { return due - environment_.ru
 void OperatorReport::addOperatingFacts(Dictionary& facts, const OperatorPicture& picture) const {
   const EvaluationTimers::DueTimes& timers = picture.timers;
   facts.set(kFactOperatingMode, picture.operatingMode);
+  facts.set(kFactIsInstallerAtWork, picture.isInstallerAtWork);
   if (picture.product) facts.set(kFactProduct, *picture.product);
   facts.set(kFactPrimary, picture.catalogue->primaryLabel());
   if (timers.reevaluation) facts.set(kFactRetryIn, inSeconds(until(*timers.reevaluation)));
@@ -153,6 +154,7 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
       .operatingMode = picture.operatingMode,
       .isStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(label),
       .isPrimaryStopped = records.isServiceBeingTrackedForUserClientShutdownRequest(primary),
+      .isPrimaryOfProduct = !catalogue.service(primary).isNil(),
       .hasFailedExtension = facts.contains(kFactFailedExtensions)};
   facts.set(kFactIsPrimaryStopped, situation.isPrimaryStopped);
   addSystemFacts(facts, situation, entry);
@@ -160,6 +162,8 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
   situation.job = addJobFacts(facts, label);
   addHealthFacts(facts, situation, picture, label);
   addSwitches(facts, situation, picture, label);
+  if (situation.areFeaturesMalformed && !situation.isPrimary) situation.isRetried = false;
+  facts.set(kFactIsRetried, situation.isRetried);
   facts.set(kFactReason, reasonOf(situation));
   return facts;
 }
@@ -172,7 +176,7 @@ void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situati
   situation.support = osSupport(version, kernel);
   facts.set(kFactIsSupported, situation.support == OSSupport::kSupported);
   if (version.isNil()) return;
-  facts.set(kFactMinimumOSVersion, releaseIn(entry));
+  facts.set(kFactMinimumOSVersion, version);
   if (const auto needed = kernelMajorNumberForMinimumOSVersion(version)) {
     facts.set(kFactNeededKernel, *needed);
   }
@@ -227,7 +231,6 @@ void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situati
   // A service that is stopped before the retry is no longer one of those that are not ready.
   const bool isStoppedBefore = stop != picture.timers.shutdowns.end() && stop->second < retry;
   situation.isRetried = !isReady && retry && !isStoppedBefore;
-  facts.set(kFactIsRetried, situation.isRetried);
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,

@@ -280,8 +280,12 @@ class ServiceManagerFixture : public SupervisedMachine {
       bus_.makeCenter(systemLog_);
   platform::FakePeerNetwork network_{loop_};
   platform::FakePeerTransport transport_{network_, {100, 0, 0}};
+  std::function<void(std::string_view name)> onName_;  // a name that the daemon serves or looks up
   platform::NamedConnections connections_{loop_, transport_, notificationCenter_, systemLog_,
-                                          &nameInFolder};
+                                          [this](std::string_view name) {
+                                            if (onName_) onName_(name);
+                                            return nameInFolder(name);
+                                          }};
   platform::FakeXPC xpc_{network_, {100, 0, 0}, systemLog_};
   platform::FakeExtendedAttributes attributes_;
   platform::ProtocolTable protocols_;

@@ -4,8 +4,11 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
+#include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
@@ -27,6 +30,7 @@ class RecordingCenter final : public DistributedNotificationCenter {
                                            NSNotificationSuspensionBehavior behavior) override {
     EXPECT_FALSE(object);
     behaviors.emplace(name.value_or("any"), behavior);
+    if (onObserve) onObserve(name.value_or("any"));
     return center_->addObserver(std::move(name), std::move(object), std::move(handler), behavior);
   }
   std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
@@ -43,6 +47,7 @@ class RecordingCenter final : public DistributedNotificationCenter {
   std::multimap<std::string, NSNotificationSuspensionBehavior> behaviors;
   std::vector<std::pair<std::string, NSNotificationPosting>> postings;
   std::function<void()> onPost;
+  std::function<void(const std::string& name)> onObserve;
   int returnsObserved = 0;
 
  private:
@@ -83,7 +88,6 @@ TEST_F(StartUpCallsTest, OnlyTheConfigurationServersNoticesAreImmediate) {
 }
 
 TEST_F(StartUpCallsTest, TheStartIsAnnouncedLast) {
-  useHealth();
   int announcements = 0;
   recording_->onPost = [&] {
     ++announcements;
@@ -96,6 +100,62 @@ TEST_F(StartUpCallsTest, TheStartIsAnnouncedLast) {
   };
   start();
   EXPECT_EQ(announcements, 1);
+}
+
+// Each step sees what the steps before it have made, and not what the later ones make.
+TEST_F(StartUpCallsTest, TheStepsComeInTheirOrder) {
+  installProduct(kHostedManagedGuid);  // It keeps a health record.
+  std::vector<std::string> observed;
+  recording_->onObserve = [&](const std::string& name) {
+    if (observed.size() < 3) {
+      EXPECT_EQ(manager().operatingMode(), kNormal) << name;
+      EXPECT_FALSE(manager().monitoredProcessesInfo().empty()) << name;
+      EXPECT_FALSE(manager().watchDog()) << name;
+    }
+    observed.push_back(name);
+  };
+  std::vector<std::string> registered;
+  onName_ = [&](std::string_view name) {
+    if (!name.starts_with("com.vantor.servicemanager.") && !name.ends_with(".auth")) return;
+    if (name.ends_with("operator.server")) return;
+    EXPECT_TRUE(manager().watchDog()) << name;
+    EXPECT_EQ(manager().operatingMode(), kWaiting) << name;  // The first evaluation has begun.
+    EXPECT_FALSE(manager().xpcListener()) << name;
+    registered.emplace_back(name);
+  };
+  std::vector<std::string> reportsBefore;
+  recording_->onPost = [&] { reportsBefore = reports_; };
+  start();
+  ASSERT_GE(observed.size(), 3u);
+  observed.resize(3);
+  EXPECT_THAT(observed, ElementsAre("com.vantor.notification.configd.didstart",
+                                    "com.vantor.notification.configd.willshutdown",
+                                    "KLXGlobalSettingsDidChangeNotification"));
+  EXPECT_THAT(registered, ElementsAre("com.vantor.servicemanager.installer.server",
+                                      "com.vantor.servicemanager.userinterface.server",
+                                      "com.vantor.common.servicemanager.auth"));
+  EXPECT_THAT(reportsBefore, testing::Not(testing::Contains("ready")));
+  EXPECT_THAT(reports_, testing::Contains("ready"));
+}
+
+TEST_F(StartUpCallsTest, TheOwnerIsLoggedBeforeTheRightIsRequested) {
+  jobs_.setCallerAllowed(false);
+  start();
+  EXPECT_THAT(takeLog(),
+              ElementsAre("7 real UID: 501 | effective UID: 0", "7 real GID: 20 | effective GID: 0",
+                          "3 Copy Rights Unsuccessful: -60005"));
+}
+
+TEST_F(StartUpCallsTest, ARequestForARegistrationGoesToAllSessions) {
+  system_.setRelease("15.0.0", {10, 11, 0});
+  start();
+  recording_->postings.clear();
+  ASSERT_TRUE(manager().xpcHandler());
+  manager().xpcHandler()->xpcListenerEndpoint(systemProfileData(system_), "missing",
+                                              [](const auto& /*endpoint*/) {});
+  loop_.runReady();
+  EXPECT_THAT(recording_->postings, ElementsAre(Pair(kEndpointRequestNotification,
+                                                     NSNotificationPosting::kPostToAllSessions)));
 }
 
 TEST_F(StartUpCallsTest, TheRightIsRequestedBeforeItsUse) {

@@ -241,8 +241,19 @@ int fail(const platform::Error& error) {
 
 int main(int argc, char** argv) {
   auto made = platform::LinuxPlatform::make();
-  if (!made) return fail(made.error());
+  if (!made) {
+    platform::logFailedStart(made.error());
+    return fail(made.error());
+  }
   platform::LinuxPlatform& linux = **made;
+  // Nobody reads the standard error of a service.
+  const auto report = [&linux](const std::string& text) {
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR, text);
+  };
+  const auto fail = [&report](const platform::Error& error) {
+    report("the service manager does not start: " + platform::describe(error));
+    return ::fail(error);
+  };
   // The process holds the secret of this run.
   if (auto forbidden = platform::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
   platform::RunLoop& loop = *linux.runLoop;
@@ -337,7 +348,7 @@ int main(int argc, char** argv) {
   classes.add(ORBServiceManager::kClassName,
               [&] { return std::make_unique<ORBServiceManager>(serviceManagerPlatform); });
   platform::BackgroundServiceHost backgroundHost{loop, linux.terminationSignals, linux.readiness,
-                                                 classes};
+                                                 classes, report};
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
   // Destructors would wait for a worker that hangs.

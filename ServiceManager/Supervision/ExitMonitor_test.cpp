@@ -109,6 +109,14 @@ TEST_F(ExitMonitorTest, ALabelOutsideTheCatalogueIsNeverWatched) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+TEST_F(ExitMonitorTest, ALabelOutsideTheCatalogueIsLookedForToo) {
+  const Instant before = loop_.now();
+  EXPECT_FALSE(monitor("com.example.foreign"));
+  EXPECT_EQ(loop_.now() - before, 12s);
+  EXPECT_THAT(takeLog(), ElementsAre("4 Could not determine the PID of the requested job "
+                                     "label:com.example.foreign"));
+}
+
 TEST_F(ExitMonitorTest, MonitoringTwiceArmsOneWatch) {
   submit(kAgent);
   EXPECT_TRUE(monitor(kAgent));

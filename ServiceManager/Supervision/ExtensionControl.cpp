@@ -207,7 +207,9 @@ void ExtensionControl::end(LoadPointer load) {
   const bool isLoaded = load->state == KextLoadingState::kDone;
   if (isLoaded) {
     failures_.erase(load->name);
+    configured_[load->name] = load->work.configuredProcess();
   } else {
+    configured_.erase(load->name);
     failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
     if (load->failedStep == kKextIsUnchecked) retryLater(load->name);
   }

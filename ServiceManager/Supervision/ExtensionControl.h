@@ -47,7 +47,10 @@ class ExtensionControl {
   // The extensions of a service that stops stay loaded, and are configured again with its next
   // start.
   void forgetExtensionsOf(const std::string& label);
-  void forgetAll() { kextsLoaded_.clear(); }
+  void forgetAll() {
+    kextsLoaded_.clear();
+    configured_.clear();
+  }
 
   // The job host did not start the extension's process, because its program is not the verified
   // file any more. The services that use it are evaluated, which loads
@@ -69,8 +72,11 @@ class ExtensionControl {
   using Failures = std::map<std::string, Failure, std::less<>>;
   const Failures& failures() const { return failures_; }
 
-  // The names of the extensions that were loaded and configured in this run.
+  // The names of the extensions that need not be configured for the next start of a service.
   const std::set<std::string>& kextsLoaded() const { return kextsLoaded_; }
+  // The processes of those whose last start has succeeded, by name. The stop of a service does not
+  // change this. An extension that was restarted since has another process.
+  const std::map<std::string, platform::ProcessId>& configured() const { return configured_; }
 
  private:
   struct Start;
@@ -88,6 +94,7 @@ class ExtensionControl {
 
   const Environment environment_;
   std::set<std::string> kextsLoaded_;
+  std::map<std::string, platform::ProcessId> configured_;
   Failures failures_;
   std::map<std::string, LoadPointer> loads_;  // those under way, by name
   // Answers of the worker and of services that come after the end of this object are dropped.

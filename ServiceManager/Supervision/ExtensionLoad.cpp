@@ -71,6 +71,7 @@ KextLoadingOutcome ExtensionLoad::configure() {
     socket_.reset();
     return KextLoadingOutcome::kRejected;
   }
+  configured_ = socket_->offeredBy();
   return KextLoadingOutcome::kSucceeded;
 }
 

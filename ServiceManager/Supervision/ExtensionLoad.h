@@ -46,6 +46,8 @@ class ExtensionLoad {
   KextLoadingOutcome configure();
   KextLoadingOutcome load();
   KextLoadingOutcome unload();
+  // The process of the extension that was configured; 0 if none was.
+  platform::ProcessId configuredProcess() const { return configured_; }
   // The socket of connect() is never kept beyond the end.
   void closeSocket() { socket_.reset(); }
 
@@ -58,4 +60,5 @@ class ExtensionLoad {
   const platform::Array options_;
   const platform::Value secret_;
   std::unique_ptr<platform::ControlSocket> socket_;
+  platform::ProcessId configured_ = 0;
 };

@@ -120,6 +120,15 @@ TEST_F(LaunchdJobsTest, UnloadingRemovesTheJobAndWaits) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+TEST_F(LaunchdJobsTest, UnloadingWaitsForTheProcess) {
+  request(job());
+  jobs_.ignoreTermination(kAgent);
+  const Instant before = loop_.now();
+  EXPECT_TRUE(unload(launchd_));
+  EXPECT_EQ(loop_.now() - before, std::chrono::seconds(20));
+  EXPECT_FALSE(isRunning(kAgent));
+}
+
 TEST_F(LaunchdJobsTest, AFailedUnloadingIsLogged) {
   EXPECT_FALSE(unload(launchd_));
   EXPECT_THAT(takeLog(),

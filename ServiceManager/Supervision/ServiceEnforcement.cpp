@@ -1,6 +1,7 @@
 #include "ServiceManager/Supervision/ServiceEnforcement.h"
 
 #include <optional>
+#include <source_location>
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
@@ -11,9 +12,10 @@ using namespace platform;
 
 namespace {
 
-void logDamagedProgram(std::string_view label) {
+void logDamagedProgram(std::string_view label,
+                       const std::source_location& where = std::source_location::current()) {
   vantorlogger2_line(ASL_LEVEL_WARNING,
-                     stringWithFormat("Program file for %@ appears to be damaged", label));
+                     stringWithFormat("Program file for %@ appears to be damaged", label), where);
 }
 
 }  // namespace

@@ -243,8 +243,11 @@ TEST_F(ServiceEnforcementTest, AHealthRecordIsOptional) {
 
 TEST_F(ServiceEnforcementTest, AStopIsReportedBeforeTheJobIsRemoved) {
   run(kAgent);
+  std::vector<std::string> reportsBefore;
+  jobs_.setOnCopied([&] { reportsBefore = reports_; });
   EXPECT_TRUE(stop(kAgent));
-  EXPECT_THAT(takeReports(), ElementsAre("stop com.example.agent"));
+  EXPECT_THAT(reportsBefore, ElementsAre("stop com.example.agent"));
+  EXPECT_EQ(takeReports(), reportsBefore);
   EXPECT_THAT(takeLog(), ElementsAre("7 Did enforce shutdown for service: com.example.agent"));
   EXPECT_THAT(jobs_.labels(), IsEmpty());
   EXPECT_FALSE(records_.isServiceBeingTrackedForRespawn(kAgent));

@@ -1,6 +1,7 @@
 // Faulty catalogues: each fault has its own announcement or disables one service, and the daemon
 // stays.
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -9,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "Platform/PropertyLists/PropertyList.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 
 namespace platform {
@@ -163,6 +166,19 @@ TEST_F(DaemonCatalogue, AWrongTypeInAServiceAffectsOnlyThatService) {
   root_.awaitLog("Malformed features referrences information encountered", 7);
   // No version, or an unknown one: the service is not started.
   root_.awaitLog("Unknown OS version: 'text'.  Not starting service");
+}
+
+// Nobody reads what a service says to its standard error.
+TEST(DaemonProgram, AConfigurationThatCannotBeReadIsAnErrorInTheLog) {
+  const TemporaryFolder root;
+  root.write("etc/vantor/platform.plist", "<plist");
+  for (const char* folder : {"log", "sbin"}) std::filesystem::create_directories(root.path(folder));
+  std::filesystem::copy_file(SERVICEMANAGERD, root.path("sbin/servicemanagerd"));
+  ChildProgram daemon({root.path("sbin/servicemanagerd")}, {});
+  EXPECT_EQ(daemon.waitForExit().number, 1);
+  const std::string log = contentOfFile(root.path("log/system.log"));
+  EXPECT_NE(log.find("the program does not start: "), log.npos) << log;
+  EXPECT_NE(log.find("platform.plist:1"), log.npos) << log;
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // hung.
 
 #include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -14,7 +17,21 @@ namespace {
 
 using testing::HasSubstr;
 
-class DaemonKernelExtensions : public DaemonExtensionsFixture {};
+class DaemonKernelExtensions : public DaemonExtensionsFixture {
+ protected:
+  // The status and the errors of the program.
+  std::pair<int, std::string> kextunload(std::vector<std::string> arguments) {
+    const std::string program = root_.folder().path("sbin/kextunload");
+    if (!std::filesystem::exists(program)) {
+      std::filesystem::create_directories(root_.folder().path("sbin"));
+      std::filesystem::copy_file(KEXTUNLOAD, program);
+    }
+    arguments.insert(arguments.begin(), program);
+    ChildProgram child(std::move(arguments), {});
+    const int code = child.waitForExit().number;
+    return {code, child.errors()};
+  }
+};
 
 TEST_F(DaemonKernelExtensions, TheNetworkExtensionProvesThatItHasTheSecret) {
   installExtension(root_, kNetwork);
@@ -66,6 +83,33 @@ TEST_F(DaemonKernelExtensions, AnExtensionThatNeverListensFailsInTime) {
   root_.awaitLog("Failed to load kext 'com.example.nke.files'", 2);
 }
 
+TEST_F(DaemonKernelExtensions, AModuleIsLoadedBesideTheProgramOfItsControl) {
+  constexpr char kModule[] = "dummy";
+  KmodModules modules;
+  if (modules.isLoaded(kModule)) GTEST_SKIP() << "the module \"dummy\" is in use here";
+  if (const auto loaded = modules.load(kModule); !loaded) {
+    GTEST_SKIP() << "no module can be loaded here: " << describe(loaded.error());
+  }
+  ASSERT_TRUE(modules.unload(kModule));
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther, "<key>OSKernelModule</key><string>dummy</string>");
+  start();
+  EXPECT_TRUE(runs(0) && runs(1) && runs(2));
+  EXPECT_TRUE(modules.isLoaded(kModule));
+  EXPECT_EQ(kextunload({"-b", kOther}), std::pair(0, std::string()));
+  EXPECT_FALSE(modules.isLoaded(kModule));
+}
+
+TEST_F(DaemonKernelExtensions, AModuleThatCannotBeLoadedIsTheReason) {
+  installExtension(root_, kNetwork);
+  installExtension(root_, kOther, "<key>OSKernelModule</key><string>vantor_test_none</string>");
+  start();
+  EXPECT_FALSE(runs(0) || runs(1));
+  EXPECT_TRUE(runs(2));
+  EXPECT_EQ(extension(kOther), 0);
+  root_.awaitLog("the kernel module \"vantor_test_none\"");
+}
+
 TEST_F(DaemonKernelExtensions, AHungExtensionIsKilled) {
   installExtension(root_, kNetwork, "<key>ControlHangs</key><true/>");
   installExtension(root_, kOther);
@@ -104,14 +148,8 @@ TEST_F(DaemonKernelExtensions, TheProgramUnloadsByIdentifierAndByPath) {
   installExtension(root_, kNetwork);
   installExtension(root_, kOther);
   start();
-  const std::string program = root_.folder().path("sbin/kextunload");
-  std::filesystem::create_directories(root_.folder().path("sbin"));
-  std::filesystem::copy_file(KEXTUNLOAD, program);
   const auto run = [&](std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), program);
-    ChildProgram child(std::move(arguments), {});
-    const int code = child.waitForExit().number;
-    return std::pair(code, child.errors());
+    return kextunload(std::move(arguments));
   };
   {
     const auto client = connectToControl(controls_, kOther);

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -18,9 +19,12 @@
 namespace {
 
 using platform::ChildProgram;
+using platform::contentOfFile;
 using platform::ExitStatus;
 using platform::NotifySocket;
 using platform::UniqueFd;
+using testing::AllOf;
+using testing::HasSubstr;
 
 class JobHostProgram : public testing::Test {
  protected:
@@ -52,6 +56,16 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   // No job is left for the next host.
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
+}
+
+// Nobody reads what a service says to its standard error.
+TEST_F(JobHostProgram, AConfigurationThatCannotBeReadIsAnErrorInTheLog) {
+  root_.write("etc/vantor/platform.plist", "<plist");
+  ChildProgram host({program_}, {});
+  EXPECT_EQ(host.waitForExit().number, 1);
+  EXPECT_THAT(contentOfFile(root_.path("log/system.log")),
+              AllOf(HasSubstr("jobhost["), HasSubstr("the program does not start: "),
+                    HasSubstr("platform.plist:1")));
 }
 
 TEST_F(JobHostProgram, AStopWhileItStartsItsDaemonsEndsThemToo) {

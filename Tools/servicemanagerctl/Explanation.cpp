@@ -88,6 +88,11 @@ std::string nameOfSwitch(const Value& row) {
 }
 
 std::string textOfUnknownRelease(const Facts& facts) {
+  const Value& version = facts[kFactMinimumOSVersion];
+  if (!version.string()) {
+    return fmt::format("its \"MinimumOSVersion\" in the catalogue is {}, which is no text",
+                       shown(version));
+  }
   return fmt::format("it asks for release {}, which is not known",
                      facts.text(kFactMinimumOSVersion));
 }
@@ -116,7 +121,8 @@ std::string whyWanted(const Facts& facts) {
 std::string whyUnwanted(const Facts& facts) {
   const std::string reason = facts.reason();
   if (reason == kReasonMalformedFeatures) {
-    return "the features that the catalogue gives it are no list";
+    return "the features that the catalogue gives it are no list, so that it is neither started "
+           "nor stopped";
   }
   if (reason == kReasonNoSwitch) return "no switch could ask for it";
   if (reason == kReasonNotEvaluated) return "its switches have not been looked at yet";
@@ -167,6 +173,12 @@ std::string whatForbidsIt(const Facts& facts) {
   if (reason == kReasonPrimaryStopped) {
     return "the primary service was asked to be stopped, and without it no other is started";
   }
+  if (reason == kReasonPrimaryOtherProduct) {
+    return fmt::format(
+        "the primary service {} does not belong to the installed product, and without it no other "
+        "is started",
+        facts.text(kFactPrimary));
+  }
   return {};
 }
 
@@ -209,6 +221,8 @@ std::string verdictOfRunning(const Facts& facts) {
   if (const std::string why = whyItIsNotToRun(facts); !why.empty()) {
     return fmt::format("{}, although {}.", is, why);
   }
+  if (facts.reason() == kReasonMalformedFeatures)
+    return fmt::format("{}, although {}.", is, whyUnwanted(facts));
   if (const std::string why = whyUnwanted(facts); !why.empty()) {
     return fmt::format("{}, although {}, for the moment or until the next evaluation.", is, why);
   }
@@ -234,10 +248,8 @@ std::string aboutProduct(const Facts& facts) {
 
 std::string aboutSystem(const Facts& facts) {
   if (!facts.has(kFactMinimumOSVersion)) return "runs on any release";
+  if (!facts.has(kFactNeededKernel)) return textOfUnknownRelease(facts) + ": never started";
   const std::string version = facts.text(kFactMinimumOSVersion);
-  if (!facts.has(kFactNeededKernel)) {
-    return fmt::format("asks for release {}, which is not known: never started", version);
-  }
   return fmt::format("needs release {} (kernel {}), and this is kernel {}: {}", version,
                      facts.number(kFactNeededKernel), facts.number(kFactKernel),
                      facts.is(kFactIsSupported) ? "supported" : "not supported");
@@ -250,7 +262,9 @@ std::string aboutMode(const Facts& facts) {
     case ORBOperatingModeInstaller:
       return "an installer is at work";
     case ORBOperatingModeWaitingForPrimaryService:
-      return "waiting for the configuration server";
+      return facts.is(kFactIsInstallerAtWork)
+                 ? "waiting for the configuration server, and an installer is at work"
+                 : "waiting for the configuration server";
     default:
       return fmt::format("{}, which this tool does not know", facts.mode());
   }

@@ -92,6 +92,9 @@ const std::vector<ExplanationRow> kRunning{
     {"unsupported",
      {{kFactMinimumOSVersion, "10.12"}},
      "agent runs as process 7, although it asks for release 10.12, which is not known."},
+    {"malformedFeatures", feature({}, {{kFactFeaturesAreMalformed, true}}),
+     "agent runs as process 7, although the features that the catalogue gives it are no list, so "
+     "that it is neither started nor stopped."},
 };
 
 const std::vector<ExplanationRow> kNotRunning{
@@ -104,6 +107,13 @@ const std::vector<ExplanationRow> kNotRunning{
     {"unsupported",
      {{kFactMinimumOSVersion, "10.12"}},
      "agent does not run: it asks for release 10.12, which is not known."},
+    {"unsupported",
+     {{kFactMinimumOSVersion, 10.8}},
+     "agent does not run: its \"MinimumOSVersion\" in the catalogue is 10.8, which is no text."},
+    {"primaryOtherProduct",
+     {},
+     "agent does not run: the primary service configd does not belong to the installed product, "
+     "and without it no other is started."},
     {"stopped",
      {{kFactIsStopped, true}, {kFactOperatingMode, 1}},
      "agent does not run: it was asked to be stopped; \"servicemanagerctl start agent\" starts "
@@ -126,7 +136,8 @@ const std::vector<ExplanationRow> kNotRunning{
      "agent does not run: the primary service was asked to be stopped, and without it no other is "
      "started."},
     {"malformedFeatures", feature({}, {{kFactFeaturesAreMalformed, true}}),
-     "agent does not run: the features that the catalogue gives it are no list."},
+     "agent does not run: the features that the catalogue gives it are no list, so that it is "
+     "neither started nor stopped."},
     {"noSwitch", feature({}), "agent does not run: no switch could ask for it."},
     {"notEvaluated", feature({aSwitch("notAsked")}),
      "agent does not run: its switches have not been looked at yet."},
@@ -193,6 +204,19 @@ TEST(ExplanationTest, AnEndedJobWaitsForItsThrottle) {
             "agent does not run: it is wanted, and its process has ended (killed by SIGKILL); the "
             "job host starts it again when its throttle allows it.");
   EXPECT_THAT(explanation.details, Contains(Pair("last exit", "killed by SIGKILL")));
+}
+
+TEST(ExplanationTest, AnInstallerIsNamedAlsoWhileTheConfigurationServerIsAwaited) {
+  const auto mode = [](bool isInstallerAtWork) {
+    return explain(factsWith({{kFactReason, "waiting"},
+                              {kFactOperatingMode, 2},
+                              {kFactIsInstallerAtWork, isInstallerAtWork}}))
+        .details;
+  };
+  EXPECT_THAT(mode(false), Contains(Pair("mode", "waiting for the configuration server")));
+  EXPECT_THAT(
+      mode(true),
+      Contains(Pair("mode", "waiting for the configuration server, and an installer is at work")));
 }
 
 TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {

@@ -1,5 +1,7 @@
 #include "Tools/servicemanagerctl/Output.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -46,12 +48,6 @@ std::string asWord(const std::string& text) {
     word += character;
   }
   return word + "'";
-}
-
-// Whether it is one of U+0080 to U+009F, which some terminals take for control characters, too.
-bool isSecondControl(std::string_view character) {
-  return character.size() == 2 && character[0] == '\xc2' &&
-         static_cast<unsigned char>(character[1]) < 0xa0;
 }
 
 }  // namespace
@@ -130,25 +126,40 @@ std::string withRootInHints(std::string_view text) {
   }
 }
 
+bool steersTerminals(std::int32_t character) {
+  struct Range {
+    std::int32_t first;
+    std::int32_t last;
+  };
+  static constexpr std::array<Range, 9> kRanges{{{0x00, 0x1F},
+                                                 {0x7F, 0x9F},
+                                                 {0xAD, 0xAD},
+                                                 {0x61C, 0x61C},
+                                                 {0x200B, 0x200F},
+                                                 {0x2028, 0x202E},
+                                                 {0x2060, 0x206F},
+                                                 {0xFEFF, 0xFEFF},
+                                                 {0xFFF9, 0xFFFB}}};
+  return std::ranges::any_of(kRanges, [character](const Range& range) {
+    return character >= range.first && character <= range.last;
+  });
+}
+
 std::string escaped(std::string_view text) {
   std::string result;
-  while (!text.empty()) {
-    // The length of the next character, or of one byte that begins none.
-    std::size_t length = 1;
-    while (length < 4 && platform::findIllFormedUtf8(text.substr(0, length))) ++length;
-    const std::string_view character = text.substr(0, length);
-    const auto code = static_cast<unsigned char>(character.front());
-    if (platform::findIllFormedUtf8(character)) {
-      length = 1;
+  for (std::size_t offset = 0; offset < text.size();) {
+    const std::size_t begin = offset;
+    const std::int32_t character = platform::nextCharacter(text, offset);
+    if (character < 0) {
       result += "\\ufffd";
-    } else if (character.size() == 1 && (code < 0x20 || code == 0x7f)) {
-      result += code == '\n' ? "\\n" : fmt::format("\\u{:04x}", code);
-    } else if (isSecondControl(character)) {
-      result += fmt::format("\\u{:04x}", static_cast<unsigned char>(character[1]));
+      offset = begin + 1;
+    } else if (character == '\n') {
+      result += "\\n";
+    } else if (steersTerminals(character)) {
+      result += fmt::format("\\u{:04x}", character);
     } else {
-      result += character;
+      result += text.substr(begin, offset - begin);
     }
-    text.remove_prefix(length);
   }
   return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -50,6 +51,9 @@ void setRootOfHints(std::string root);
 // quotation marks included. remark() and fail() call this themselves.
 std::string withRootInHints(std::string_view text);
 
-// The text with control characters and ill-formed UTF-8 as \uXXXX; other characters stay as they
+// Whether a terminal obeys the character or hides it: controls, formats, other orders of writing.
+bool steersTerminals(std::int32_t character);
+
+// The text with such characters and ill-formed UTF-8 as \uXXXX; other characters stay as they
 // are.
 std::string escaped(std::string_view text);

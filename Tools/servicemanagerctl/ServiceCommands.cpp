@@ -105,8 +105,7 @@ ServiceCommands::ServiceCommands(CLI::App& app)
       start_(app.add_subcommand("start", "Start services, also ones that were stopped")),
       stop_(app.add_subcommand("stop", "Stop services until they are started again")),
       installer_(app.add_subcommand("installer", "Make way for an installer")),
-      begin_(installer_->add_subcommand("begin",
-                                        "Stop services; none is started until the installer ends")),
+      begin_(installer_->add_subcommand("begin", "Stop services, until the installer ends")),
       end_(installer_->add_subcommand("end", "Let the service manager decide again")) {
   installer_->require_subcommand(1);
   for (CLI::App* command : {list_, start_, stop_, begin_, end_}) {
@@ -248,8 +247,10 @@ Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& env
   if (!services) return std::unexpected(services.error());
   const int status = conclude(*services, false);
   if (!json_)
-    print(withRootInHints(
-        "None of these is started by itself until \"servicemanagerctl installer end\".\n"));
+    print(
+        withRootInHints("None of these is started by itself until \"servicemanagerctl installer "
+                        "end\", or until the "
+                        "configuration server ends and starts again.\n"));
   // A service may have stopped since.
   if (status == EXIT_SUCCESS && !haveAllStopped)
     return fail("not every service could be stopped; \"servicemanagerctl log\" tells why");

@@ -60,12 +60,18 @@ std::string_view wordOf(Activity activity) {
   return "";
 }
 
+// Empty if any release will do.
+std::string nameOfRelease(const Value& needed) {
+  if (needed.isNil()) return "";
+  return needed.string() ? *needed.string() : stringWithFormat("%@, no text", needed);
+}
+
 ServiceState stateOf(const std::string& label, std::string_view type, const Value& needed,
                      const Value& jobFacts, const SystemInformation& system) {
   ServiceState state{
       .job = jobState(label, jobFacts[kFactJob]),
       .type = type == kFeatureService ? ServiceState::Type::kFeature : ServiceState::Type::kCore,
-      .neededSystem = needed.isNil() ? "" : stringWithFormat("%@", needed)};
+      .neededSystem = nameOfRelease(needed)};
   state.activity = jobFacts[kFactJobIsUnknown] == Value(true)
                        ? Activity::kUnknown
                        : activityOf(state.job, needed, system);

@@ -59,6 +59,7 @@ TEST_F(ServicesReportTest, AListedServiceFollowsFromTheOperatorsFacts) {
   };
   EXPECT_EQ(listed({{kFactType, "FeatureService"}}).type, Type::kFeature);
   EXPECT_EQ(listed({{kFactMinimumOSVersion, "10.99"}}).activity, Activity::kUnsupported);
+  EXPECT_EQ(inWords(listed({{kFactMinimumOSVersion, 10.8}})), "needs 10.8, no text");
   EXPECT_EQ(inWords(listed({{kFactActivity, kActivityAwaitsProcess}})), "starting");
   const Dictionary failed{{kFactFailedExtensions, Array{"wfk"}}};
   EXPECT_EQ(inWords(listed(failed)), "no extension");

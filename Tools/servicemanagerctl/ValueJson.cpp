@@ -1,8 +1,12 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 #include <cmath>
+#include <string_view>
+
+#include <langinfo.h>
 
 #include "Platform/PropertyLists/PropertyListScalars.h"
+#include "Tools/servicemanagerctl/Output.h"
 
 using namespace platform;
 using Json = nlohmann::ordered_json;
@@ -51,7 +55,9 @@ Json jsonOf(const Value& value) {
 }
 
 std::string shown(const Value& value) {
-  return jsonOf(value).dump(-1, ' ', true, Json::error_handler_t::replace);
+  const bool isUtf8 = std::string_view(::nl_langinfo(CODESET)) == "UTF-8";
+  std::string text = jsonOf(value).dump(-1, ' ', !isUtf8, Json::error_handler_t::replace);
+  return isUtf8 ? escaped(text) : text;
 }
 
 std::string plain(const std::string& text) {

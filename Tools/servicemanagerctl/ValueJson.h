@@ -10,7 +10,8 @@
 // "inf" or "-inf", and any other value that JSON lacks as null.
 nlohmann::ordered_json jsonOf(const platform::Value& value);
 
-// The same as text on one line, in ASCII: unambiguous, and it can't steer a terminal.
+// The same as text on one line, unambiguous, which can't steer a terminal: in ASCII unless the
+// locale has UTF-8.
 std::string shown(const platform::Value& value);
 
 // Text that another program has chosen: as shown(), but without its quotation marks.

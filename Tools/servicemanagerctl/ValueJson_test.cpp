@@ -1,6 +1,8 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
+#include <clocale>
 #include <limits>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +29,16 @@ TEST(ValueJsonTest, ShownTextIsAsciiOnOneLine) {
   EXPECT_EQ(shown("a\n\033[2J\"\u00e9"), R"("a\n\u001b[2J\"\u00e9")");
   EXPECT_EQ(plain("com.example"), "com.example");
   EXPECT_EQ(plain("\033"), "\\u001b");
+}
+
+TEST(ValueJsonTest, ShownTextIsReadableInALocaleOfUtf8) {
+  const std::string before = std::setlocale(LC_CTYPE, nullptr);
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "there is no C.UTF-8";
+  EXPECT_EQ(shown("Grüße, \u65e5\u672c"), "\"Grüße, \u65e5\u672c\"");
+  EXPECT_EQ(plain("a\n\033\x7f\u0085"), "a\\n\\u001b\\u007f\\u0085");
+  EXPECT_EQ(plain("\u202e\ufeffx"), "\\u202e\\ufeffx");
+  EXPECT_EQ(plain("\xff"), "\ufffd");
+  std::setlocale(LC_CTYPE, before.c_str());
 }
 
 TEST(ValueJsonTest, AMessageRepeats80CharactersAtMost) {

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <cstdlib>
 #include <optional>
 #include <sstream>
@@ -238,6 +239,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setlocale(LC_CTYPE, "");  // Texts are shown in the terminal's characters.
   prepareStandardFiles();
   return concludingStatus(run(argc, argv));
 }

@@ -32,9 +32,6 @@ Result<Data> LinuxExtendedAttributes::getxattr(const std::string& path, std::str
   const std::string text(origin->begin(), origin->end());
   auto list = writePropertyList(Array{Value(text)}, PropertyListFormat::kBinary);
   if (!list || text.contains('\0')) return bytes;  // Not a text.
-  if (list->size() > bufferSize) {
-    return std::unexpected(Error{ErrorCode::kSystem, ERANGE, path + ": " + kOrigin});
-  }
   return std::move(*list);
 }
 

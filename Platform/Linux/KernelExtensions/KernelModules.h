@@ -13,8 +13,9 @@ class KernelModules {
   virtual ~KernelModules() = default;
 
   virtual bool isLoaded(const std::string& module) = 0;
-  // Also succeeds if the module is loaded. Fails with kNotFound if the system has no such module,
-  // and with kDenied if the kernel lets us load none.
+  // Also succeeds if the module is loaded. If it fails, it leaves no module of an alias behind.
+  // Fails with kNotFound if the system has no such module, and with kDenied if the kernel lets us
+  // load none.
   virtual Result<void> load(const std::string& module) = 0;
   // Fails with kNotFound if the module is not loaded, and with kDenied (EBUSY) if it is in use.
   virtual Result<void> unload(const std::string& module) = 0;

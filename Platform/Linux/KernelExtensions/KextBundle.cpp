@@ -1,5 +1,6 @@
 #include "Platform/Linux/KernelExtensions/KextBundle.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <system_error>
 
@@ -26,7 +27,11 @@ Result<std::vector<std::string>> kextsAt(const std::string& place) {
   if (std::filesystem::exists(place + "/Contents", error)) return std::vector{place};
   std::vector<std::string> paths;
   const auto names = namesInFolder(place, kMaxKextsInFolder);
-  if (!names) return paths;
+  if (!names) {
+    const int number = names.error().osError;
+    if (number == ENOENT || number == ENOTDIR) return paths;
+    return std::unexpected(names.error());
+  }
   if (names->size() > kMaxKextsInFolder) {
     return std::unexpected(
         Error{ErrorCode::kExhausted, 0,
@@ -48,24 +53,23 @@ Result<KextBundle> readKextBundle(const std::string& path) {
   if (identifier == nullptr || !isPlainFileName(*identifier, kMaxNameBytes)) {
     return unusable(infoPath, "\"CFBundleIdentifier\" is not there, or no identifier");
   }
-  KextBundle bundle{path, *identifier, std::nullopt, std::nullopt};
   const Value& program = (*info)["CFBundleExecutable"];
-  const Value& module = (*info)["OSKernelModule"];
-  if (program.isNil() == module.isNil()) {
-    return unusable(infoPath,
-                    "expected either \"CFBundleExecutable\" (a program in Contents/Linux) or "
-                    "\"OSKernelModule\" (the name or alias of a module)");
+  const Value& module = (*info)[kKernelModuleKey];
+  if (program.isNil()) {
+    return unusable(
+        infoPath,
+        "expected \"CFBundleExecutable\" (a program in Contents/Linux, which offers the "
+        "control of the extension, also of an \"OSKernelModule\")");
   }
-  const Value& named = program.isNil() ? module : program;
-  if (named.string() == nullptr || !isPlainFileName(*named.string(), kMaxNameBytes)) {
+  const auto isName = [](const Value& value) {
+    return value.string() != nullptr && isPlainFileName(*value.string(), kMaxNameBytes);
+  };
+  if (!isName(program) || (!module.isNil() && !isName(module))) {
     return unusable(infoPath, "\"CFBundleExecutable\" or \"OSKernelModule\" is no name");
   }
-  if (program.isNil()) {
-    bundle.kernelModule = *module.string();
-  } else {
-    bundle.programPath = fmt::format("{}{}{}", path, kProgramsFolder, *program.string());
-  }
-  return bundle;
+  return KextBundle{path, *identifier,
+                    fmt::format("{}{}{}", path, kProgramsFolder, *program.string()),
+                    module.isNil() ? std::nullopt : std::optional(*module.string())};
 }
 
 Result<KextBundle> findKextBundle(const std::string& identifier,

@@ -10,13 +10,17 @@
 
 namespace platform {
 
-// An extension on disk, NAME.kext/Contents/. It has either a program or a module.
+// An extension on disk, NAME.kext/Contents/. Its program offers its control. A module of the kernel
+// offers none by itself, so a bundle with a module has a program, too.
 struct KextBundle {
   std::string path;
   std::string identifier;
-  std::optional<std::string> programPath;   // of a user-space extension
+  std::string programPath;                  // offers the control
   std::optional<std::string> kernelModule;  // a module's name or alias
 };
+
+// The key of an Info.plist and of an extension's job.
+inline constexpr char kKernelModuleKey[] = "OSKernelModule";
 
 // The folder of a bundle's program.
 inline constexpr std::string_view kProgramsFolder = "/Contents/Linux/";
@@ -28,7 +32,8 @@ inline constexpr std::size_t kMaxKextsInFolder = 1024;
 Result<KextBundle> readKextBundle(const std::string& path);
 
 // The extension with this identifier in the first of `folders` that has one. Each is a folder of
-// bundles NAME.kext, or such a bundle itself; missing folders are skipped. Fails with kNotFound if
+// bundles NAME.kext, or such a bundle itself; missing folders are skipped,
+// and one that can't be read is an error. Fails with kNotFound if
 // there is none; the error names a bundle that could not be read. Fails with kInvalid if two
 // bundles of one folder claim the identifier, because either might be meant, and with kExhausted if
 // a folder has more than kMaxKextsInFolder entries.

@@ -33,35 +33,35 @@ class KextBundleTest : public testing::Test {
 
   TemporaryFolder folder_;
   const std::string identifier_ = key("CFBundleIdentifier", "com.example.x");
+  const std::string program_ = key("CFBundleExecutable", "p");
 };
 
-TEST_F(KextBundleTest, AnExtensionIsAProgramOrAModule) {
+TEST_F(KextBundleTest, AnExtensionIsAProgramPerhapsWithAModule) {
   const auto program = read(identifier_ + key("CFBundleExecutable", "wfk"));
   ASSERT_TRUE(program);
   EXPECT_EQ(program->identifier, "com.example.x");
   EXPECT_EQ(program->programPath, folder_.path("X.kext/Contents/Linux/wfk"));
   EXPECT_FALSE(program->kernelModule);
-  const auto module = read(identifier_ + key("OSKernelModule", "net-pf-10"));
+  const auto module = read(identifier_ + program_ + key("OSKernelModule", "net-pf-10"));
   ASSERT_TRUE(module);
   EXPECT_EQ(module->kernelModule, "net-pf-10");
-  EXPECT_FALSE(module->programPath);
+  EXPECT_EQ(module->programPath, folder_.path("X.kext/Contents/Linux/p"));
 }
 
-TEST_F(KextBundleTest, ABundleWithNeitherOrBothIsNoExtension) {
-  expectRefused(read(identifier_), "expected either");
-  expectRefused(read(identifier_ + key("CFBundleExecutable", "a") + key("OSKernelModule", "b")),
-                "expected either");
+TEST_F(KextBundleTest, ABundleWithoutAProgramIsNoExtension) {
+  expectRefused(read(identifier_), "expected \"CFBundleExecutable\"");
+  expectRefused(read(identifier_ + key("OSKernelModule", "b")), "which offers the control");
 }
 
 TEST_F(KextBundleTest, NamesThatArePathsAreRefused) {
   for (const char* name : {"", "../x", "a/b", "/bin/sh", ".", ".."}) {
     expectRefused(read(identifier_ + key("CFBundleExecutable", name)), "is no name");
-    expectRefused(read(identifier_ + key("OSKernelModule", name)), "is no name");
-    expectRefused(read(key("CFBundleIdentifier", name) + key("OSKernelModule", "b")),
-                  "CFBundleIdentifier");
+    expectRefused(read(identifier_ + program_ + key("OSKernelModule", name)), "is no name");
+    expectRefused(read(key("CFBundleIdentifier", name) + program_), "CFBundleIdentifier");
   }
-  EXPECT_TRUE(read(identifier_ + key("OSKernelModule", std::string(255, 'a'))));
-  expectRefused(read(identifier_ + key("OSKernelModule", std::string(256, 'a'))), "is no name");
+  EXPECT_TRUE(read(identifier_ + program_ + key("OSKernelModule", std::string(255, 'a'))));
+  expectRefused(read(identifier_ + program_ + key("OSKernelModule", std::string(256, 'a'))),
+                "is no name");
   expectRefused(read("<key>CFBundleIdentifier</key><integer>1</integer>"), "CFBundleIdentifier");
 }
 
@@ -78,8 +78,8 @@ TEST_F(KextBundleTest, TheErrorNamesAnUnreadableBundle) {
 TEST_F(KextBundleTest, AnEarlierFolderTakesPrecedence) {
   for (const char* folder : {"first", "second"}) {
     folder_.write(std::string(folder) + "/X.kext/Contents/Info.plist",
-                  "<plist version=\"1.0\"><dict>" + identifier_ + key("OSKernelModule", folder) +
-                      "</dict></plist>");
+                  "<plist version=\"1.0\"><dict>" + identifier_ + program_ +
+                      key("OSKernelModule", folder) + "</dict></plist>");
   }
   const auto found =
       findKextBundle("com.example.x", {folder_.path("first"), folder_.path("second")});
@@ -88,7 +88,7 @@ TEST_F(KextBundleTest, AnEarlierFolderTakesPrecedence) {
 }
 
 TEST_F(KextBundleTest, TwoBundlesWithOneIdentifierAreRefused) {
-  read(identifier_ + key("OSKernelModule", "a"));
+  read(identifier_ + program_ + key("OSKernelModule", "a"));
   std::filesystem::copy(folder_.path("X.kext"), folder_.path("A.kext"),
                         std::filesystem::copy_options::recursive);
   const auto found = findKextBundle("com.example.x", {folder_.path()});
@@ -99,7 +99,7 @@ TEST_F(KextBundleTest, TwoBundlesWithOneIdentifierAreRefused) {
 }
 
 TEST_F(KextBundleTest, ABundlesPathCanBeSpelledInAnyWay) {
-  read(identifier_ + key("OSKernelModule", "a"));
+  read(identifier_ + program_ + key("OSKernelModule", "a"));
   std::filesystem::rename(folder_.path("X.kext"), folder_.path("X"));
   for (const char* path : {"X", "X/"}) {
     EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path(path)})) << path;
@@ -107,7 +107,7 @@ TEST_F(KextBundleTest, ABundlesPathCanBeSpelledInAnyWay) {
 }
 
 TEST_F(KextBundleTest, AFolderWithTooManyEntriesIsNotSearched) {
-  read(identifier_ + key("OSKernelModule", "a"));
+  read(identifier_ + program_ + key("OSKernelModule", "a"));
   std::size_t entries = 1;
   const auto find = [&](std::size_t count) {
     for (; entries < count; ++entries) folder_.write(std::to_string(entries), "");
@@ -127,7 +127,7 @@ TEST_F(KextBundleTest, DanglingOrCircularLinksAreNoBundles) {
   ASSERT_FALSE(missing);
   EXPECT_EQ(missing.error().code, ErrorCode::kNotFound);
   EXPECT_THAT(missing.error().context, HasSubstr("Circle.kext"));
-  read(identifier_ + key("OSKernelModule", "a"));
+  read(identifier_ + program_ + key("OSKernelModule", "a"));
   EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path()}));
 }
 

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <ranges>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -104,15 +106,25 @@ bool KmodModules::isLoaded(const std::string& module) {
 }
 
 Result<void> KmodModules::load(const std::string& module) {
-  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+  std::vector<Module> inserted;
+  auto loaded = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    const bool wasThere = isInKernel(found);
     const int result = kmod_module_probe_insert_module(
         found, KMOD_PROBE_APPLY_BLACKLIST_ALIAS_ONLY | KMOD_PROBE_IGNORE_COMMAND, nullptr, nullptr,
         nullptr, nullptr);
-    if (result == 0) return {};
+    if (result == 0) {
+      if (!wasThere) inserted.emplace_back(kmod_module_ref(found));
+      return {};
+    }
     if (result > 0)
       return moduleFailure(module, "modprobe.d says that it is not to be loaded", EPERM);
     return moduleFailure(module, "the kernel does not load it", -result);
   });
+  if (loaded) return loaded;
+  // An alias may stand for several modules.
+  for (const Module& each : std::views::reverse(inserted))
+    kmod_module_remove_module(each.get(), O_NONBLOCK);
+  return loaded;
 }
 
 Result<void> KmodModules::unload(const std::string& module) {

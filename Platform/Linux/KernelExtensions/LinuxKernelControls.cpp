@@ -14,6 +14,7 @@
 
 #include "Platform/Linux/KernelExtensions/ControlFolder.h"
 #include "Platform/Linux/KernelExtensions/ControlMessages.h"
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 
@@ -75,8 +76,11 @@ class LinuxControlSocket final : public ControlSocket {
       return fail(checked.error().code, checked.error().osError, checked.error().context);
     }
     isConnected_ = true;
+    if (const auto peer = peerOfSocket(socket_.get(), path_)) process_ = peer->process;
     return {};
   }
+
+  ProcessId offeredBy() const override { return isConnected_ ? process_ : 0; }
 
   Result<ControlInteger> getIntegerOption(std::uint32_t option) override {
     ControlAnswerBuffer answer;
@@ -163,6 +167,7 @@ class LinuxControlSocket final : public ControlSocket {
   UniqueFd target_;  // the control's socket in the folder
   UniqueFd socket_;
   bool isConnected_ = false;
+  ProcessId process_ = 0;
 };
 
 }  // namespace

@@ -80,18 +80,8 @@ Dictionary LinuxKernelExtensions::KextManagerCopyLoadedKextInfo(
   Dictionary loaded;
   for (const std::string& identifier : identifiers) {
     const Value job = copyJob(identifier);
-    if (!job.isNil() && !isJobUnknown(job)) {
-      loaded.set(identifier, jobInformationOf(job));
-      continue;
-    }
-    const auto bundle = findKextBundle(identifier, folders_);
-    if (bundle && bundle->kernelModule) {
-      // For a module the kernel has the answer, even if the job host does not respond.
-      if (environment_.modules.isLoaded(*bundle->kernelModule))
-        loaded.set(identifier, Dictionary{{kOSBundlePathKey, bundle->path}});
-    } else if (isJobUnknown(job)) {
-      loaded.set(identifier, Dictionary());
-    }
+    if (job.isNil()) continue;
+    loaded.set(identifier, isJobUnknown(job) ? Dictionary() : jobInformationOf(job));
   }
   return loaded;
 }
@@ -115,47 +105,68 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   const auto program = checkSignature(*bundle);
   if (!program) return std::unexpected(program.error());
   if (auto counted = countStart(identifier); !counted) return counted;
-  if (auto started = start(*bundle, *program); !started) return started;
-  auto listens = awaitControl(identifier);
-  if (!listens) {
-    if (auto ended = end(*bundle); !ended) {
-      listens.error().context += fmt::format(" (and {})", describe(ended.error()));
+  const bool insertsModule =
+      bundle->kernelModule && !environment_.modules.isLoaded(*bundle->kernelModule);
+  auto outcome = start(*bundle, *program);
+  if (!outcome) {
+    starts_[identifier].pop_back();  // Nothing has run.
+  } else {
+    outcome = awaitControl(identifier);
+    if (outcome) return outcome;
+    if (auto ended = removeJob(identifier); !ended) {
+      outcome.error().context += fmt::format(" (and {})", describe(ended.error()));
     }
   }
-  return listens;
+  if (insertsModule && environment_.modules.isLoaded(*bundle->kernelModule)) {
+    if (auto ended = environment_.modules.unload(*bundle->kernelModule); !ended) {
+      outcome.error().context += fmt::format(" (and {})", describe(ended.error()));
+    }
+  }
+  return outcome;
 }
 
 Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
   const Value job = copyJob(identifier);
-  if (!job.isNil() && !isJobUnknown(job)) {
+  if (isJobUnknown(job)) return std::unexpected(unknownJob(identifier));
+  const std::optional<std::string> module = moduleOf(identifier, job);
+  if (!job.isNil()) {
     const auto socket = connectToControl(environment_.controls, identifier);
     if (socket) {
       const auto prepared = (*socket)->prepareToUnload();
-      if (!prepared && prepared.error().code == ErrorCode::kDenied) {
+      // An extension that does not know this request can't be asked.
+      if (!prepared && prepared.error().code == ErrorCode::kDenied &&
+          prepared.error().osError != EOPNOTSUPP) {
         return std::unexpected(Error{ErrorCode::kDenied, prepared.error().osError,
                                      identifier + ": can't be unloaded"});
       }
     }
-    return removeJob(identifier);
+    if (auto removed = removeJob(identifier); !removed) return removed;
+    if (!module || !environment_.modules.isLoaded(*module)) return {};
   }
-  const auto bundle = findKextBundle(identifier, folders_);
-  if (bundle && bundle->kernelModule) return environment_.modules.unload(*bundle->kernelModule);
-  if (isJobUnknown(job)) return std::unexpected(unknownJob(identifier));
+  if (module) return environment_.modules.unload(*module);
   return std::unexpected(Error{ErrorCode::kNotFound, 0, identifier + ": is not loaded"});
 }
 
+// The job knows its module also when the bundle has gone.
+std::optional<std::string> LinuxKernelExtensions::moduleOf(const std::string& identifier,
+                                                           const Value& job) {
+  if (const std::string* module = job[kKernelModuleKey].string()) return *module;
+  const auto bundle = findKextBundle(identifier, folders_);
+  return bundle ? bundle->kernelModule : std::nullopt;
+}
+
 Result<bool> LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
-  if (bundle.kernelModule) return environment_.modules.isLoaded(*bundle.kernelModule);
   const Value job = copyJob(bundle.identifier);
   // An extension that may be running is neither trusted unchecked nor started a second time.
   if (isJobUnknown(job)) return std::unexpected(unknownJob(bundle.identifier));
-  return !job.isNil();
+  if (job.isNil()) return false;
+  return !bundle.kernelModule || environment_.modules.isLoaded(*bundle.kernelModule);
 }
 
 Result<std::optional<VerifiedFile>> LinuxKernelExtensions::checkSignature(
     const KextBundle& bundle) {
   // The check of a program includes the bundle around it.
-  const std::string& code = bundle.programPath.value_or(bundle.path);
+  const std::string& code = bundle.programPath;
   const auto refuse = [&](const CodeSigningFailure& failure) {
     std::string why = fmt::format("{}: {} ({})", bundle.identifier, failure.reason, failure.status);
     return std::unexpected(verdictOf(failure) == CodeVerdict::kUnknown
@@ -171,22 +182,20 @@ Result<std::optional<VerifiedFile>> LinuxKernelExtensions::checkSignature(
 
 Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
                                           const std::optional<VerifiedFile>& program) {
-  if (bundle.kernelModule) return environment_.modules.load(*bundle.kernelModule);
   Dictionary job{{"Label", jobLabel(bundle.identifier)},
-                 {"Program", *bundle.programPath},
-                 {"ProgramArguments", Array{*bundle.programPath}},
+                 {"Program", bundle.programPath},
+                 {"ProgramArguments", Array{bundle.programPath}},
                  {"KeepAlive", true},
                  {"ThrottleInterval", kThrottle},
                  {"ExitTimeOut", kExitTimeOut}};
   if (program) job.set(kJobVerifiedProgramKey, textOfVerifiedFile(*program));
+  if (bundle.kernelModule) {
+    if (auto loaded = environment_.modules.load(*bundle.kernelModule); !loaded) return loaded;
+    job.set(kKernelModuleKey, *bundle.kernelModule);
+  }
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
   if (submitted) return {};
   return std::unexpected(extensionErrorOf(bundle.identifier, submitted.error()));
-}
-
-Result<void> LinuxKernelExtensions::end(const KextBundle& bundle) {
-  return bundle.kernelModule ? environment_.modules.unload(*bundle.kernelModule)
-                             : removeJob(bundle.identifier);
 }
 
 Result<void> LinuxKernelExtensions::removeJob(const std::string& identifier) {

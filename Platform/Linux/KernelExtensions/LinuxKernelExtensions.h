@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,8 @@
 
 namespace platform {
 
-// Extensions as bundles on disk, run by the job host or loaded into the kernel. Failures are also
-// logged, as "KextManager", because its callers report only that loading failed.
+// Extensions as bundles on disk, run by the job host, some beside a module of the kernel. Failures
+// are also logged, as "KextManager", because its callers report only that loading failed.
 class LinuxKernelExtensions final : public KernelExtensions {
  public:
   // The limit of waiting for the control of a loaded extension.
@@ -62,11 +63,10 @@ class LinuxKernelExtensions final : public KernelExtensions {
   Result<void> logged(Result<void> result);
   Result<void> load(const std::string& identifier, const std::vector<std::string>& folders);
   Result<void> unload(const std::string& identifier);
+  std::optional<std::string> moduleOf(const std::string& identifier, const Value& job);
   Result<bool> isLoaded(const KextBundle& bundle);
-  // The program's file, nothing for a module.
   Result<std::optional<VerifiedFile>> checkSignature(const KextBundle& bundle);
   Result<void> start(const KextBundle& bundle, const std::optional<VerifiedFile>& program);
-  Result<void> end(const KextBundle& bundle);
   Result<void> removeJob(const std::string& identifier);
   Result<void> countStart(const std::string& identifier);
   Result<void> awaitControl(const std::string& identifier);

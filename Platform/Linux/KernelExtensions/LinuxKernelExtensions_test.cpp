@@ -49,6 +49,8 @@ class FakeKernelModules final : public KernelModules {
 // Extensions in a folder, on fakes only.
 class Machine final : public ExtensionsMachine {
  public:
+  static constexpr char kModule[] = "com.example.module";
+
   Machine() {
     installProgram(kGood);
     installProgram(kSilent);
@@ -78,9 +80,13 @@ class Machine final : public ExtensionsMachine {
     install(identifier, "<key>CFBundleExecutable</key><string>program</string>");
     signatures.addValid(program(identifier), SecStaticCode::Kind::kProgram, identifier);
   }
-  void installModule(const std::string& identifier, const std::string& module) {
-    install(identifier, "<key>OSKernelModule</key><string>" + module + "</string>");
-    signatures.addValid(bundle(identifier), SecStaticCode::Kind::kBundle, identifier);
+  // A module, and a program that offers its control.
+  void installModule() {
+    installProgram(kModule);
+    install(kModule,
+            "<key>CFBundleExecutable</key><string>program</string>"
+            "<key>OSKernelModule</key><string>example_module</string>");
+    offer(kModule);
   }
   // Their controls listen while the extensions run.
   void offer(const std::string& identifier) {
@@ -123,6 +129,7 @@ class LinuxKernelExtensionsTest : public testing::Test {
  protected:
   static constexpr const char* kGood = ExtensionsMachine::kGood;
   static constexpr const char* kSilent = ExtensionsMachine::kSilent;
+  static constexpr const char* kModule = Machine::kModule;
 
   void expectRefused(const Result<void>& result, ErrorCode code, const std::string& reason) {
     ASSERT_FALSE(result);
@@ -229,20 +236,6 @@ TEST_F(LinuxKernelExtensionsTest, WithoutAnAnswerOfTheJobHostTheStateIsUnknown) 
   EXPECT_TRUE(isKextUnknown(information()));
 }
 
-TEST_F(LinuxKernelExtensionsTest, AModulesStateComesFromTheKernelAlone) {
-  constexpr char kModule[] = "com.example.module";
-  machine_.installModule(kModule, "example_module");
-  machine_.fakeControls.offer(kModule,
-                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
-  machine_.jobs.setReachable(false);
-  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({kModule}).empty());
-  machine_.jobs.setReachable(true);
-  ASSERT_TRUE(machine_.load(kModule));
-  machine_.jobs.setReachable(false);
-  EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kModule})[kModule][kOSBundlePathKey],
-            Value(machine_.bundle(kModule)));
-}
-
 TEST_F(LinuxKernelExtensionsTest, AnIdentifierThatTwoBundlesClaimIsNotLoaded) {
   const std::string other = machine_.folder.path("Library/Extensions/A.kext");
   std::filesystem::copy(machine_.bundle(kGood), other, std::filesystem::copy_options::recursive);
@@ -337,55 +330,96 @@ TEST_F(LinuxKernelExtensionsTest, AHungHostChangesNothing) {
   EXPECT_TRUE(machine_.unload(kGood));
 }
 
-TEST_F(LinuxKernelExtensionsTest, AModuleIsUnloadedWithoutTheJobHost) {
-  machine_.installModule("com.example.module", "example_module");
-  machine_.fakeControls.offer("com.example.module",
-                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
-  ASSERT_TRUE(machine_.load("com.example.module"));
-  machine_.jobs.setReachable(false);
-  EXPECT_TRUE(machine_.unload("com.example.module"));
+// After a repair it can be started at once.
+TEST_F(LinuxKernelExtensionsTest, AStartThatNeverHappenedIsNotCounted) {
+  machine_.jobs.setUnstartable(machine_.program(kGood), "no such interpreter");
+  for (int i = 0; i < 5; ++i) {
+    const auto refused = machine_.load(kGood);
+    ASSERT_FALSE(refused);
+    EXPECT_THAT(refused.error().context, HasSubstr("no such interpreter"));
+  }
+  machine_.jobs.setUnstartable(machine_.program(kGood), std::nullopt);
+  EXPECT_TRUE(machine_.load(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedBesideTheProgramThatOffersItsControl) {
+  machine_.installModule();
+  ASSERT_TRUE(machine_.load(kModule));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+  EXPECT_TRUE(machine_.processOf(kModule));
+  EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kModule})[kModule][kOSBundleProcessKey],
+            Value(machine_.processOf(kModule).value()));
+  EXPECT_TRUE(machine_.load(kModule));
+  EXPECT_TRUE(machine_.unload(kModule));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  EXPECT_EQ(machine_.unload(kModule).error().code, ErrorCode::kNotFound);
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleIsUnloadedWithoutItsBundle) {
+  machine_.installModule();
+  ASSERT_TRUE(machine_.load(kModule));
+  std::filesystem::remove_all(machine_.bundle(kModule));
+  EXPECT_TRUE(machine_.unload(kModule));
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
 }
 
-TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedByTheKernel) {
-  machine_.installModule("com.example.module", "example_module");
-  machine_.fakeControls.offer("com.example.module",
-                              [&] { return std::make_unique<KeepingHandler>(machine_.kept); });
-  ASSERT_TRUE(machine_.load("com.example.module"));
-  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
-  EXPECT_TRUE(machine_.loader.KextManagerCopyLoadedKextInfo({"com.example.module"})
-                  .contains("com.example.module"));
-  EXPECT_TRUE(machine_.load("com.example.module"));
+TEST_F(LinuxKernelExtensionsTest, AModuleInUseIsUnloadedLater) {
+  machine_.installModule();
+  ASSERT_TRUE(machine_.load(kModule));
   machine_.modules.isInUse = true;
-  const auto inUse = machine_.unload("com.example.module");
-  ASSERT_FALSE(inUse);
-  EXPECT_EQ(inUse.error().osError, EBUSY);
+  for (int i = 0; i < 2; ++i) {
+    const auto inUse = machine_.unload(kModule);
+    ASSERT_FALSE(inUse);
+    EXPECT_EQ(inUse.error().osError, EBUSY);
+  }
   machine_.modules.isInUse = false;
-  EXPECT_TRUE(machine_.unload("com.example.module"));
+  EXPECT_TRUE(machine_.unload(kModule));
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AModuleThatWasRemovedIsLoadedAgain) {
+  machine_.installModule();
+  ASSERT_TRUE(machine_.load(kModule));
+  machine_.modules.loaded.clear();
+  EXPECT_TRUE(machine_.load(kModule));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+  machine_.modules.loaded.clear();
+  EXPECT_TRUE(machine_.unload(kModule));
 }
 
 TEST_F(LinuxKernelExtensionsTest, AModulesBundleIsCheckedFirst) {
-  machine_.installModule("com.example.module", "example_module");
-  machine_.signatures.addRefused(machine_.bundle("com.example.module"),
-                                 SecStaticCode::Kind::kBundle,
+  machine_.installModule();
+  machine_.signatures.addRefused(machine_.program(kModule), SecStaticCode::Kind::kProgram,
                                  {errSecCSBadResource, "Info.plist was changed"});
-  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied, "Info.plist was changed");
+  expectRefused(machine_.load(kModule), ErrorCode::kDenied, "Info.plist was changed");
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
 }
 
 TEST_F(LinuxKernelExtensionsTest, AKernelThatLoadsNoModulesIsReportedAsTheReason) {
-  machine_.installModule("com.example.module", "example_module");
+  machine_.installModule();
   machine_.modules.refusal = Error{ErrorCode::kDenied, EPERM, "the kernel does not load it"};
-  expectRefused(machine_.load("com.example.module"), ErrorCode::kDenied,
-                "the kernel does not load it");
+  expectRefused(machine_.load(kModule), ErrorCode::kDenied, "the kernel does not load it");
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
 }
 
-// Otherwise its user would connect and load in turns without end.
-TEST_F(LinuxKernelExtensionsTest, AModuleWithoutAControlIsUnloadedAgain) {
-  machine_.installModule("com.example.module", "example_module");
-  EXPECT_FALSE(machine_.load("com.example.module"));
+TEST_F(LinuxKernelExtensionsTest, AFailedStartLeavesNoModuleBehind) {
+  machine_.installModule();
+  machine_.listens = false;
+  EXPECT_FALSE(machine_.load(kModule));
   EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  machine_.jobs.setUnstartable(machine_.program(kModule), "no such interpreter");
+  EXPECT_FALSE(machine_.load(kModule));
+  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+}
+
+TEST_F(LinuxKernelExtensionsTest, AFailedStartLeavesAnothersModuleAlone) {
+  machine_.installModule();
+  machine_.modules.loaded = {"example_module"};
+  machine_.listens = false;
+  EXPECT_FALSE(machine_.load(kModule));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
 }
 
 TEST_F(LinuxKernelExtensionsTest, ResourcesAndTheCallersFoldersAreSearchedToo) {

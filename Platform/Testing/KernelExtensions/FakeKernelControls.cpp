@@ -42,6 +42,11 @@ class FakeKernelControls::FakeSocket final : public ControlSocket {
     return {};
   }
 
+  ProcessId offeredBy() const override {
+    const Control* const control = handler_ ? controls_.find(name_) : nullptr;
+    return control ? control->process : 0;
+  }
+
   Result<ControlInteger> getIntegerOption(std::uint32_t option) override {
     if (auto answers = await(); !answers) return std::unexpected(answers.error());
     const auto bytes = handler_->getOption(option);

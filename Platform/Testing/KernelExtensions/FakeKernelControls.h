@@ -27,6 +27,10 @@ class FakeKernelControls final : public KernelControls {
   void setHanging(std::string_view name, bool isHanging) {
     controls_.at(std::string(name)).isHanging = isHanging;
   }
+  // It was restarted as this process.
+  void setProcess(std::string_view name, ProcessId process) {
+    controls_.at(std::string(name)).process = process;
+  }
   // It belongs to a user who is not trusted.
   void setForeign(std::string_view name) { controls_.at(std::string(name)).isForeign = true; }
   // The control exists, but nobody can connect to it.
@@ -53,6 +57,7 @@ class FakeKernelControls final : public KernelControls {
     bool isHanging = false;
     bool isForeign = false;
     bool isUnreachable = false;
+    ProcessId process = 1;
     int clients = 0;
     int connections = 0;
   };

@@ -49,8 +49,9 @@ Result<void> FakeKernelExtensions::OSKextAuthenticate(const std::string& identif
 }
 
 Result<void> FakeKernelExtensions::KextManagerLoadKextWithIdentifier(
-    const std::string& identifier, const std::vector<std::string>& /*folders*/) {
+    const std::string& identifier, const std::vector<std::string>& folders) {
   requests_.push_back("load " + identifier);
+  for (const std::string& folder : folders) requests_.back() += " " + folder;
   if (!extensions_.contains(identifier)) {
     return extensionFailure(ErrorCode::kNotFound, 0, identifier, "no such extension");
   }
@@ -76,6 +77,7 @@ Result<void> FakeKernelExtensions::KextManagerUnloadKextWithIdentifier(
   if (!extensions_.contains(identifier) || !at(identifier).isLoaded) {
     return extensionFailure(ErrorCode::kNotFound, 0, identifier, "not loaded");
   }
+  if (const auto onUnload = at(identifier).onUnload) onUnload();
   Extension& extension = at(identifier);
   if (extension.busyTimes > 0) {
     --extension.busyTimes;

@@ -38,6 +38,9 @@ class FakeKernelExtensions final : public KernelExtensions {
   void setOnLoad(const std::string& identifier, std::function<void()> onLoad) {
     at(identifier).onLoad = std::move(onLoad);
   }
+  void setOnUnload(const std::string& identifier, std::function<void()> onUnload) {
+    at(identifier).onUnload = std::move(onUnload);
+  }
   // Whether the state of the extension is unknown.
   void setUnknown(const std::string& identifier, bool unknown) {
     at(identifier).isUnknown = unknown;
@@ -46,7 +49,7 @@ class FakeKernelExtensions final : public KernelExtensions {
   void setLoaded(const std::string& identifier) { at(identifier).isLoaded = true; }
 
   bool isLoaded(const std::string& identifier) const { return extensions_.at(identifier).isLoaded; }
-  // The requests in order, as "load ID" and "unload ID".
+  // The requests in order, as "load ID" and "unload ID", and the folders of a load behind it.
   const std::vector<std::string>& requests() const { return requests_; }
 
   Result<std::string> KextManagerCreateURLForBundleIdentifier(
@@ -67,6 +70,7 @@ class FakeKernelExtensions final : public KernelExtensions {
     bool hasCrashed = false;
     int busyTimes = 0;
     std::function<void()> onLoad;
+    std::function<void()> onUnload;
   };
   Extension& at(const std::string& identifier) { return extensions_.at(identifier); }
   bool canBeConnectedTo(const std::string& identifier);

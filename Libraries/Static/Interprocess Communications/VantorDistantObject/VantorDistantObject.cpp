@@ -1,6 +1,7 @@
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
 
 #include <algorithm>
+#include <source_location>
 #include <utility>
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/TokenComparison.h"
@@ -64,9 +65,9 @@ const Protocol& ownMethods() {
   return methods;
 }
 
-void logNoConnection() {
+void logNoConnection(const std::source_location& where = std::source_location::current()) {
   vantorlogger_line(platform::ASL_LEVEL_DEBUG,
-                    "Unable to establish a valid connection to the vended object");
+                    "Unable to establish a valid connection to the vended object", where);
 }
 
 }  // namespace

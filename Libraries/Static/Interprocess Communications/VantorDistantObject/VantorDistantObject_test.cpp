@@ -305,6 +305,7 @@ TEST_F(VantorDistantObjectTest, ItConformsToTheRemoteProtocolWithoutAdoptingIt) 
   const auto object = make();
   EXPECT_TRUE(object->conformsToProtocol(kProtocolName));
   EXPECT_TRUE(object->conformsToProtocol("NSConnectionDelegate"));
+  EXPECT_TRUE(object->conformsToProtocol("NSObject"));
   EXPECT_FALSE(object->conformsToProtocol("OtherProtocol"));
 }
 

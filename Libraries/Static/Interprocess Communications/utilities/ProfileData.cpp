@@ -43,7 +43,7 @@ platform::Data token(const platform::SystemInformation& system, const Table& tab
 }  // namespace
 
 // The partner's index falls for one token and rises for the other. Neither may change, since
-// products in the field compute the tokens like this.
+// each program of a product has its own copy of this code.
 platform::Data systemProfileData(const platform::SystemInformation& system) {
   return token(system, kSystemTable, [](std::size_t at) { return kTokenBytes - 1 - at; });
 }

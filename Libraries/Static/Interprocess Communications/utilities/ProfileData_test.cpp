@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -102,6 +104,19 @@ TEST(ProfileDataTest, TheTwoTokensDiffer) {
   EXPECT_EQ(systemProfileData(system).size(), 16u);
   EXPECT_EQ(clientProfileData(system).size(), 16u);
   EXPECT_NE(systemProfileData(system), clientProfileData(system));
+}
+
+TEST(ProfileDataTest, AnyThreadMayAskForTheTokens) {
+  const platform::LinuxSystemInformation system(platform::defaultPlatformConfiguration("/"),
+                                                "/proc");
+  const Data expected = systemProfileData(system);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int question = 0; question < 1000; ++question)
+        ASSERT_EQ(systemProfileData(system), expected);
+    });
+  }
 }
 
 }  // namespace

@@ -337,4 +337,13 @@ TEST_F(ORBLogger2Test, PendingLinesAreLimitedAndLostOnesReported) {
   EXPECT_EQ(log_.dropped(), 0U);
 }
 
+TEST_F(ORBLogger2Test, ALineBeyondTheLimitIsCutAndNotLost) {
+  vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "%@",
+                    std::string(WorkQueue::kMaximumBacklog + 1, 'x'));
+  EXPECT_EQ(log_.dropped(), 0U);
+  queues_.runPending();
+  ASSERT_EQ(sink_.messages().size(), 1U);
+  EXPECT_LE(sink_.messages()[0].text.size(), SystemLog::kMaximumMessageSize + 100);
+}
+
 }  // namespace

@@ -14,6 +14,7 @@ WorkQueue::WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::S
     : systemLog_(systemLog), queue_(std::move(queue)) {}
 
 bool WorkQueue::add(int level, std::string_view text) {
+  text = text.substr(0, platform::SystemLog::kMaximumMessageSize + 1);  // It is cut there anyway.
   const std::lock_guard lock(mutex_);
   const std::size_t cost = waiting_.cost() + costInWriting_ + text.size() + kLineOverhead;
   if (cost > kMaximumBacklog) {
