@@ -23,9 +23,9 @@ using platform::Value;
 namespace {
 
 // The keys of a copy that say how the job is. Only the host may set them.
-constexpr std::array kStateKeys{platform::kJobProcessKey, platform::kJobLastStatusKey,
+constexpr std::array kStateKeys{platform::kJobProcessKey,           platform::kJobLastStatusKey,
                                 platform::kJobLastStatusUnknownKey, platform::kJobProgramChangedKey,
-                                platform::kJobHistoryKey, platform::kJobTreeKey};
+                                platform::kJobHistoryKey,           platform::kJobTreeKey};
 
 }  // namespace
 

@@ -82,7 +82,7 @@ TEST_F(JobHostGroups, ASecondLeaderIsKilledAlone) {
   second.label = "com.example.a";
   std::vector<std::uint8_t> record =
       makeRecord(RecordKind::kStarted, startPayload({}, second.label));
-  ASSERT_TRUE(processes_.start(second, {-1, record}, -1, [](Ending) {}));
+  ASSERT_TRUE(processes_.start(second, {-1, record}, {}, [](Ending) {}));
   startHost();
   EXPECT_TRUE(processes_.isAlive(101));
   EXPECT_FALSE(processes_.isAlive(102));

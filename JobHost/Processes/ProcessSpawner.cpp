@@ -350,8 +350,8 @@ ProcessSpawner::~ProcessSpawner() {
 }
 
 Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const StartTicket& ticket,
-                                            std::span<const platform::Descriptor> listeners,
-                                            platform::Descriptor group) {
+                                           std::span<const platform::Descriptor> listeners,
+                                           platform::Descriptor group) {
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));

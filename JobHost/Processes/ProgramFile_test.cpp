@@ -157,7 +157,7 @@ TEST_F(ProgramFileTest, AScriptHasItsSocketAsUsual) {
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
   const platform::UniqueFd first(ends[0]);
   const platform::UniqueFd second(ends[1]);
-  EXPECT_THAT(outputOf(job, ends[0]), HasSubstr("pipe:"));
+  EXPECT_THAT(outputOf(job, {ends[0]}), HasSubstr("pipe:"));
 }
 
 TEST_F(ProgramFileTest, AProgramInheritsNoDescriptorOfItself) {

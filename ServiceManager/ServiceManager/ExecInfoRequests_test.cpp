@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,9 @@ class Interrupting final : public CodeSignatures {
     steps_.push_back("signing of " + fileNameOf(path));
     if (path == file) action();
     return signatures_.SecStaticCodeCreateWithPath(path);
+  }
+  std::optional<CodeProtection> protectionOf(const std::string& path) override {
+    return signatures_.protectionOf(path);
   }
 
   std::string file;

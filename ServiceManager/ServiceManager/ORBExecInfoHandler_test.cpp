@@ -94,12 +94,14 @@ TEST_F(ExecInfoTest, MissingInformationIsAnErrorLine) {
       EXPECT_EQ(flags, 2u);
       return std::unexpected(CodeSigningFailure{errSecCSUnsigned, "gone"});
     }
+    std::optional<VerifiedFile> verifiedFile() const override { return std::nullopt; }
   };
   struct Signatures final : CodeSignatures {
     CodeSigningResult<std::unique_ptr<SecStaticCode>> SecStaticCodeCreateWithPath(
         const std::string&) override {
       return std::make_unique<Code>();
     }
+    std::optional<CodeProtection> protectionOf(const std::string&) override { return std::nullopt; }
   } signatures;
   ORBExecInfoHandler handler({signatures, attributes_, protocols_}, nullptr);
   EXPECT_EQ(handler.calculateSigningForPath("/program"), "");
