@@ -182,13 +182,13 @@ bool NSXPCConnection::isOfItsProcess(const PeerMessage& message) const {
 }
 
 void NSXPCConnection::arrived(PeerMessage message) {
+  if (!peer_) return;  // The connection has been given up, and ends in a later turn.
   if (!isOfItsProcess(message)) {
-    if (peer_->peerLives()) {  // A caller that has ended is no error to log.
+    if (peer_->peerLives())  // A caller that has ended is no error to log.
       xpc_.logRefusal(effectiveUserIdentifier_,
                       stringWithFormat("Ended the connection of process %d of user %u, which has "
                                        "become another user's",
                                        processIdentifier_.load(), effectiveUserIdentifier_.load()));
-    }
     return becomeInvalid(NSXPCConnectionInvalid);
   }
   const PeerCost cost = costOfWaiting(message.arguments);

@@ -340,4 +340,18 @@ TEST_P(XPCContract, TheMessagesThatWaitToBeServedAreLimited) {
   EXPECT_EQ(call(*other, "echo:withReply:", {Value(2)}), Array{Value(2)});
 }
 
+// The messages behind the one that broke the limit are on their way already.
+TEST_P(XPCContract, AFloodBeyondThatLimitHarmsNobody) {
+  start();
+  call(*client_, "echo:withReply:", {Value(1)});
+  const auto serverSide = delegate_->accepted.at(0).lock();
+  const auto other = connect();
+  serverSide->suspend();
+  for (std::size_t i = 0; i < 4 * NSXPCConnection::kMaxWaitingMessages; ++i) {
+    client_->sendMessage("note:", {Value("flood")}, nullptr, nullptr);
+  }
+  journal_.await("interrupted");
+  EXPECT_EQ(call(*other, "echo:withReply:", {Value(2)}), Array{Value(2)});
+}
+
 }  // namespace platform

@@ -194,6 +194,22 @@ TEST_F(ConnectionsOfOneUser, EndWhenTheirProcessChangesItsUser) {
   EXPECT_EQ(sink_.count("process 100 of user 501, which has become another user's"), 1u);
 }
 
+TEST_F(ConnectionsOfOneUser, EndWithTheRequestsOfTheirDeadProcess) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto connection = client_.xpc.makeConnection("service");
+  connection->setRemoteObjectInterface(&xpcTestProtocol());
+  ASSERT_TRUE(add(connection));
+  for (int i = 0; i < 100; ++i) {
+    connection->sendMessage(
+        "echo:withReply:", {Value(i)}, [](const Array&) { FAIL() << "answered"; },
+        [](const NSError&) {});
+  }
+  loop_.post([this] { client_.transport.die(); });
+  loop_.runReady();
+  EXPECT_TRUE(sink_.texts().empty());
+  EXPECT_TRUE(add(neighbour_.xpc.makeConnection("service")));
+}
+
 TEST_F(ConnectionsOfOneUser, AreCountedForAllListenersTogether) {
   const auto listener = start(xpc_.makeListener("service"));
   const auto anonymous = start(xpc_.makeAnonymousListener());
