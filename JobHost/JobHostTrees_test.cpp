@@ -35,12 +35,20 @@ class JobHostTrees : public RealJobHostTest {
     const long process = std::stol(lines_.nextLine());
     return UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
   }
-  static bool endsWithin(const UniqueFd& process, int milliseconds) {
+  static bool hasEnded(const UniqueFd& process) {
     pollfd entry{process.get(), POLLIN, 0};
-    return ::poll(&entry, 1, milliseconds) > 0;
+    return !process || ::poll(&entry, 1, 0) > 0;
   }
-  static bool ends(const UniqueFd& process) { return !process || endsWithin(process, 60'000); }
-  static bool hasEnded(const UniqueFd& process) { return !process || endsWithin(process, 0); }
+  // Runs the host until the process has ended.
+  bool ends(const UniqueFd& process) {
+    const auto poll = loop().startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
+      if (hasEnded(process)) loop().stop();
+    });
+    const auto deadline =
+        loop().startTimer(kTestDeadline, platform::RunLoop::Repeat::kOnce, [&] { loop().stop(); });
+    loop().run();
+    return hasEnded(process);
+  }
 
   platform::JobHistory history(std::string_view label) {
     return jobHistoryIn(host_->copy(label)).value();

@@ -225,7 +225,7 @@ TEST(JobDefinitionTest, WrongTypesAreRejected) {
       {"StandardOutPath", Date{}, "found a date"},
       {"StandardErrorPath", Dictionary{}, "found an empty dictionary"},
       {"Umask", true, "expected an integer from 0 to 511"},
-      {"Nice", "5", "expected an integer from -20 to 19, found the string \"5\""},
+      {"Nice", "5", "expected an integer from -20 to 20, found the string \"5\""},
       {"SoftResourceLimits", 5, "expected a dictionary of integers"},
       {"HardResourceLimits", Dictionary{{"CPU", "1"}}, "limit \"CPU\": expected an integer"},
       {"KeepAlive", 1, "expected a boolean or a dictionary"},
