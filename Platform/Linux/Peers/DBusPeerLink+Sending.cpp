@@ -16,6 +16,11 @@ namespace {
 // The interval at which a blocking call checks whether the peer has read the files before it.
 constexpr Duration kFileCheckInterval = std::chrono::milliseconds(2);
 
+Error noDescriptors() {
+  return {ErrorCode::kInvalid, 0,
+          "a large message or an endpoint to a peer that takes no descriptors"};
+}
+
 }  // namespace
 
 bool DBusPeerLink::awaitWelcome(Instant deadline) {
@@ -50,6 +55,7 @@ MessageResult DBusPeerLink::call(std::string_view selector, const Array& argumen
     if (!isConnected()) return raisedGone();
     if (!waitForRoom(deadline)) return raisedNoAnswer();
   }
+  if (!canBeSent(*encoded)) return raised(kNSInvalidArgumentException, describe(noDescriptors()));
   auto serial = transmit(*encoded);
   if (!serial) return raisedGone();
   encoded->message.reset();
@@ -120,6 +126,9 @@ void DBusPeerLink::callAsync(std::string_view selector, const Array& arguments, 
   if (outstanding_.size() >= kMaxPeerCallsAwaitingReply) {
     return failLater({kNSInvalidArgumentException, "Too many calls await their answer.", {}});
   }
+  if (!canBeSent(*encoded)) {
+    return failLater({kNSInvalidArgumentException, describe(noDescriptors()), {}});
+  }
   if (!hasRoom(*encoded)) {
     return failLater({kNSPortTimeoutException, "The peer leaves too much unread.", {}});
   }
@@ -162,6 +171,7 @@ Result<void> DBusPeerLink::answer(std::uint32_t serial, const MessageResult& res
   if (!isConnected()) return std::unexpected(connectionEnded());
   Result<void> outcome;
   auto encoded = encodeAnswer(serial, result, contents_);
+  if (encoded && !canBeSent(*encoded)) encoded = std::unexpected(noDescriptors());
   if (!encoded) {
     outcome = std::unexpected(encoded.error());
     encoded =
@@ -195,13 +205,13 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
   return account(message.wireBytes + message.fileBytes);
 }
 
+bool DBusPeerLink::canBeSent(const EncodedMessage& message) {
+  return !dbus_message_contains_unix_fds(message.message.get()) ||
+         dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD);
+}
+
 Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {
-  if (dbus_message_contains_unix_fds(message.message.get()) &&
-      !dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD)) {
-    return std::unexpected(Error{ErrorCode::kInvalid, 0,
-                                 "a large message or an endpoint to a peer that takes no "
-                                 "descriptors"});
-  }
+  if (!canBeSent(message)) return std::unexpected(noDescriptors());
   const auto isWritten = [this] {
     return dbus_connection_get_outgoing_size(connection_.get()) == 0;
   };

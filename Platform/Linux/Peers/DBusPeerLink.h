@@ -112,6 +112,8 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   bool waitForRoom(Instant deadline);
   bool waitOnce(Instant deadline);
   bool hasRoom(const EncodedMessage& message);
+  // Whether the peer takes descriptors, if the message has some.
+  bool canBeSent(const EncodedMessage& message);
   Result<std::uint32_t> transmit(const EncodedMessage& message);
   void scheduleDeath(Error why);
   void die();

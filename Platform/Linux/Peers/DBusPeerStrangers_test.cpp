@@ -119,6 +119,17 @@ TEST_F(DBusPeerStrangersTest, AnEndlessAuthenticationIsCutOff) {
   expectNothingElseDisturbed();
 }
 
+TEST_F(DBusPeerStrangersTest, APeerWithoutDescriptorsIsToldThatItsAnswerIsTooLarge) {
+  start();
+  RawPeer peer(path());
+  peer.authenticate(RawPeer::Descriptors::kRefused);
+  EXPECT_TRUE(peer.write(messageOfBytes(kMaxPeerMessageBytes)));
+  EXPECT_EQ(peer.readMessage(), DBUS_MESSAGE_TYPE_ERROR);
+  EXPECT_TRUE(peer.write(messageOfBytes(1000)));
+  EXPECT_EQ(peer.readMessage(), DBUS_MESSAGE_TYPE_METHOD_RETURN);
+  expectNothingElseDisturbed();
+}
+
 TEST_F(DBusPeerStrangersTest, AFalseUserIdIsRefused) {
   start({.admissionTime = 60s});
   RawPeer peer(path());

@@ -46,15 +46,19 @@ class RawPeer {
     return true;
   }
 
-  // Authenticates as a client that may pass descriptors.
-  void authenticate() {
+  enum class Descriptors { kTaken, kRefused };
+
+  // Authenticates as a client that may pass descriptors, or one that takes none.
+  void authenticate(Descriptors descriptors = Descriptors::kTaken) {
     std::string digits;
     for (const char digit : std::to_string(::geteuid())) digits += {'3', digit};
     write(std::string_view("\0AUTH EXTERNAL ", 15));
     write(digits + "\r\n");
     EXPECT_TRUE(readLine().starts_with("OK "));
-    write("NEGOTIATE_UNIX_FD\r\n");
-    EXPECT_EQ(readLine(), "AGREE_UNIX_FD");
+    if (descriptors == Descriptors::kTaken) {
+      write("NEGOTIATE_UNIX_FD\r\n");
+      EXPECT_EQ(readLine(), "AGREE_UNIX_FD");
+    }
     write("BEGIN\r\n");
     // Descriptors that arrive with the end of the authentication would be lost.
     UniqueDBusMessage ping(dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
@@ -64,14 +68,15 @@ class RawPeer {
     EXPECT_GT(::recv(socket_.get(), answer, sizeof(answer), 0), 0);
   }
 
-  // Reads one message of any kind. The kernel closes the descriptors in it.
-  void readMessage() {
+  // Reads one message of any kind, which is returned. The kernel closes the descriptors in it.
+  int readMessage() {
     std::string header = readBytes(16);
     std::uint32_t body = 0;
     std::uint32_t fields = 0;
     std::memcpy(&body, header.data() + 4, sizeof(body));
     std::memcpy(&fields, header.data() + 12, sizeof(fields));
     readBytes((fields + 7) / 8 * 8 + body);
+    return header[1];
   }
 
   // Attaches the descriptors to the first byte.
