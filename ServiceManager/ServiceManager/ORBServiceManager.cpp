@@ -39,8 +39,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
       settings_({.worker = platform_.settingsWorker,
                  .onMain = [&loop = platform_.runLoop](
                                RunLoop::Callback callback) { loop.post(std::move(callback)); },
-                 .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
+      lastUser_(std::make_shared<LastLoggedInUser>(platform_.withSettingsOfThisThread)),
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
       userClients_([this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
       turns_(platform_.runLoop,
@@ -103,7 +103,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                 .system = platform_.system,
                 .xpc = platform_.xpc,
                 .codeSignatures = platform_.codeSignatures,
-                .attributes = platform_.attributes},
+                .attributes = platform_.attributes,
+                .lastUser = lastUser_},
                *this) {}
 
 ORBServiceManager::~ORBServiceManager() { platform_.observeJobHostReturn({}); }

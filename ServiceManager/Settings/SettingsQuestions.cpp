@@ -10,7 +10,7 @@ struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
       : onMain(environment.onMain),
         onRestart(environment.onRestart),
         ownerIsAlive(std::move(isAlive)),
-        sources(environment.worker.factories, environment.withFactoriesOfThisThread, *this) {}
+        sources(environment.worker.factories, *this) {}
 
   void globalSettingsServerDidRestart(SettingsClient& /*client*/) override {
     onMain([onRestart = onRestart, ownerIsAlive = ownerIsAlive] {
@@ -110,8 +110,4 @@ void SettingsQuestions::forgetConnections() {
     if (clients->primaryService) clients->primaryService->serverDidStart({});
     clients->sources.forgetConnections();
   });
-}
-
-Value SettingsQuestions::getLastLoggedInUserHomeDirectory() const {
-  return clients_->sources.getLastLoggedInUserHomeDirectory();
 }

@@ -45,7 +45,6 @@ class SettingsQuestions {
     SettingsWorker worker;
     // Runs a callback on the main thread.
     std::function<void(platform::RunLoop::Callback callback)> onMain;
-    SettingsSources::WithFactories withFactoriesOfThisThread;
     // A settings server was started again.
     std::function<void()> onRestart;
   };
@@ -74,9 +73,6 @@ class SettingsQuestions {
   // The sources that have been asked.
   const std::map<std::string, AskedSource>& askedSources() const { return askedSources_; }
   bool isHung(const std::string& source) const;
-
-  // See SettingsSources.h. Any thread.
-  platform::Value getLastLoggedInUserHomeDirectory() const;
 
  private:
   struct Clients;
