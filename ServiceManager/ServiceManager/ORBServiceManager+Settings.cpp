@@ -110,9 +110,9 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
+  settings_.forgetConnections();  // A server that announces a change does not hang any more.
   // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;
-  settings_.forgetConnections();  // A server that announces a change does not hang any more.
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
                                       EvaluationTimers::kSettingsChangeDelay.count()));

@@ -45,7 +45,7 @@ class SettingsQuestions {
     SettingsWorker worker;
     // Runs a callback on the main thread.
     std::function<void(platform::RunLoop::Callback callback)> onMain;
-    // A settings server was started again.
+    // A settings server was started again. One call may stand for several restarts.
     std::function<void()> onRestart;
   };
 
@@ -67,7 +67,7 @@ class SettingsQuestions {
 
   // The configuration server has announced its start: it is called again even if it hung lately.
   void primaryServiceDidStart();
-  // The starts of all servers may have been missed.
+  // The starts of all servers may have been missed: each is called again, even if it hung lately.
   void forgetConnections();
 
   // The sources that have been asked.
