@@ -54,6 +54,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
              {.onWatch =
                   [this](const std::string& label, ProcessId process) {
                     notifyClientsOfService(label, UserInterfaceClients::kJobRuns, process);
+                    operatorPublisher_.changed();
                   },
               .onEnd =
                   [this](const std::string& label, ProcessId process) {
@@ -74,7 +75,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                          timers_.performAfterDelay({"evaluate", label}, delay, [this, label] {
                            evaluateInformationForService(label);
                          });
-                       }}),
+                       },
+                   .onEnd = [this] { operatorPublisher_.changed(); }}),
       rechecks_(platform_.runLoop, [this](const std::string& label) { checkProgramAgain(label); }),
       enforcement_({.runLoop = platform_.runLoop,
                     .mainThreadWork = *mainThreadWork_,
@@ -90,7 +92,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .validator = validator_,
                     .onUnready = [this] { scheduleReevaluation(); },
                     .rechecks = rechecks_,
-                    .onUnsupported = [this] { noticeUnreadyServices(); }}),
+                    .onUnsupported = [this] { noticeUnreadyServices(); },
+                    .onActivity = [this] { operatorPublisher_.changed(); }}),
       timers_(platform_.runLoop),
       operatorPublisher_({.runLoop = platform_.runLoop,
                           .pictures = std::make_shared<OperatorPictures>(),

@@ -189,5 +189,6 @@ void ExtensionControl::end(LoadPointer load) {
   } else {
     failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
   }
+  environment_.onEnd();
   for (Done& done : load->callers) done(isLoaded);
 }
