@@ -155,6 +155,7 @@ void ORBServiceManager::scheduleReevaluation() {
 // A service that is being started reports by itself if it does not become ready.
 void ORBServiceManager::noticeUnreadyServices() {
   if (timers_.reevaluationTimer() || !healthInfo_) return;
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   for (const std::string& label : healthInfo_->problemServices()) {
     if (enforcement_.activityOf(label) == ServiceActivity::kNothing) return scheduleReevaluation();
   }
@@ -162,6 +163,7 @@ void ORBServiceManager::noticeUnreadyServices() {
 
 void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) {
   timers_.cancelReevaluationTimer();
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   const std::set<std::string> labels =
       healthInfo_ ? healthInfo_->problemServices() : std::set<std::string>();
   vantorlogger2_line(ASL_LEVEL_DEBUG,
