@@ -87,7 +87,6 @@ void serveXPC(const std::string& path, int started) {
   LinuxExtendedAttributes attributes;
   ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
-  LastUser lastUser;
   const auto xpc =
       LinuxXPC::make(log, ListenerPlaces(defaultPlatformConfiguration(root)), std::nullopt);
   if (!xpc) return;
@@ -97,7 +96,8 @@ void serveXPC(const std::string& path, int started) {
   listener->setDelegate(registry);
   listener->resume();
   const auto info = std::make_shared<ORBExecInfoHandler>(
-      ORBExecInfoHandler::Environment{**signatures, attributes, protocols}, &lastUser);
+      ORBExecInfoHandler::Environment{**signatures, attributes, protocols},
+      std::make_shared<LastUser>());
   const auto infoListener = (*xpc)->xpc().makeAnonymousListener();
   infoListener->setDelegate(info);
   infoListener->resume();

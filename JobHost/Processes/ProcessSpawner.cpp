@@ -92,9 +92,14 @@ class DumpableKept {
 // it itself.
 Result<UniqueFd> openStandardFile(std::string_view key, const std::string& path, int flags) {
   const std::string what = fmt::format("key \"{}\": opening {}", key, platform::quotedWhole(path));
-  UniqueFd file(retryOnInterrupt([&] {
-    return ::open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
-  }));
+  const auto openWith = [&](int with) {
+    return retryOnInterrupt([&] {
+      return ::open(path.c_str(), with | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
+    });
+  };
+  // With O_CREAT, a file system that is frozen holds up the host, even if the file exists.
+  UniqueFd file(openWith(flags & ~O_CREAT));
+  if (!file && errno == ENOENT && (flags & O_CREAT) != 0) file.reset(openWith(flags));
   if (!file) return std::unexpected(systemError(what));
   struct stat status{};
   if (::fstat(file.get(), &status) != 0) return std::unexpected(systemError(what));

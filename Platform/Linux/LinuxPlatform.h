@@ -61,8 +61,8 @@ struct LinuxPlatform {
   // the two of these sinks ever waits for them.
   BufferedLogSink logSink;
   BufferedLogSink standardError;
-  LogAtEnd logAtEnd{logSink.progress()};
   SystemLog systemLog;
+  LogAtEnd logAtEnd{logSink.progress(), systemLog.announced()};
   NSLogOutput nsLog{systemLog, standardError};
   std::unique_ptr<AsioRunLoop> runLoop;
   NotificationCenter notificationCenter;

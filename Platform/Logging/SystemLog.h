@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -52,6 +53,11 @@ class SystemLog {
 
   const std::string& programName() const { return defaultClient_.ident; }
 
+  // The number of messages that wait in front of this for another thread, which will log them.
+  // Their keeper counts them; a program that ends waits for them. Shared with that.
+  using Announced = std::atomic<std::uint64_t>;
+  const std::shared_ptr<Announced>& announced() const { return announced_; }
+
   // Counts a message that was dropped before it came here, to report it with the others.
   void countLost() { lost_.count(); }
 
@@ -63,6 +69,7 @@ class SystemLog {
   const AslClient defaultClient_;
   const int maximumLevel_;
   LostMessages lost_;
+  const std::shared_ptr<Announced> announced_ = std::make_shared<Announced>(0);
 };
 
 }  // namespace platform

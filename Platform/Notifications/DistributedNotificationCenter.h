@@ -35,10 +35,9 @@ enum class NSNotificationPosting { kThisSession, kPostToAllSessions };
 // Announcements between the programs of this machine: all observers of the name receive them, and
 // nobody answers. The poster receives its own, too, if it observes the name.
 //
-// A post is not a delivery: without a bus it is lost, which is logged, and an observer does not
-// receive earlier posts. Only the posts of a program that the bus has not yet registered wait for
-// that. Observers survive a restart of the bus. They miss posts in between, and
-// observeReturn() reports that.
+// A post is not a delivery: it may end with its bus, and an observer does not receive earlier
+// posts. Posts of a program that no bus has registered wait for that, within a limit. Observers
+// survive a restart of the bus. They may miss posts in between, and observeReturn() reports that.
 class DistributedNotificationCenter {
  public:
   using Handler = std::function<void(const DistributedNotification&)>;
@@ -67,9 +66,10 @@ class DistributedNotificationCenter {
   [[nodiscard]] virtual std::unique_ptr<Observation> observeReturn(
       std::function<void()> handler) = 0;
 
-  // Posts without blocking. A notification that can't be sent is logged and dropped: without a bus,
-  // with a user info that is not a dictionary, contains a remote object or is too large, or with an
-  // empty name. Posts of a flood that are dropped may share a line. Any thread may call it.
+  // Posts without blocking. A notification that can't be sent is logged and dropped: beyond the
+  // limit of those that wait, with a user info that is not a dictionary, contains a remote object
+  // or is too large, or with an empty name. Posts of a flood that are dropped may share a line. Any
+  // thread may call it.
   virtual void postNotificationName(std::string_view name, std::optional<std::string> object,
                                     Value userInfo, NSNotificationPosting posting) = 0;
 };

@@ -15,7 +15,7 @@ namespace platform {
 // Callbacks of one kind that never end: each causes the next.
 class EndlessCallbacks {
  public:
-  enum Kind { kExits, kPostedExits, kTimers, kPosts, kSources, kKinds };
+  enum Kind { kExits, kPostedExits, kDeaths, kPostedDeaths, kTimers, kPosts, kSources, kKinds };
 
   // More than a loop calls in one turn.
   static constexpr int kCount = 20;
@@ -23,9 +23,10 @@ class EndlessCallbacks {
 
   EndlessCallbacks(RunLoop& loop, Kind kind, int& calls) : loop_(loop), calls_(calls) {
     for (int i = 0; i < kCount; ++i) {
-      if (kind == kExits || kind == kSources) {
+      if (isSource(kind)) {
         streams_.push_back(std::make_unique<TestStream>());
         streams_.back()->write(1);
+        if (kind == kDeaths) streams_.back()->closePeer();
       }
       handles_.emplace_back();
       start(kind, static_cast<std::size_t>(i));
@@ -33,25 +34,31 @@ class EndlessCallbacks {
   }
 
  private:
+  static bool isSource(Kind kind) { return kind == kExits || kind == kDeaths || kind == kSources; }
+  static Urgency urgencyOf(Kind kind) {
+    if (kind == kExits || kind == kPostedExits) return Urgency::kProcessExit;
+    if (kind == kDeaths || kind == kPostedDeaths) return Urgency::kConnectionDeath;
+    return Urgency::kOrdinary;
+  }
+
   void start(Kind kind, std::size_t i) {
     const auto callback = [this, kind, i] {
       if (++calls_ == kMostCalls) loop_.stop();  // It starves something.
-      if (kind != kSources) start(kind, i);
+      if (!isSource(kind) || kind == kExits) start(kind, i);
     };
     switch (kind) {
       case kExits:
-      case kSources: {
-        const auto urgency = kind == kExits ? Urgency::kProcessExit : Urgency::kOrdinary;
-        handles_[i] = *loop_.watchReadable(streams_[i]->descriptor(), urgency, callback);
+      case kDeaths:
+      case kSources:
+        handles_[i] = *loop_.watchReadable(streams_[i]->descriptor(), urgencyOf(kind), callback);
         return;
-      }
       case kTimers:
         handles_[i] = loop_.startTimer(0s, RunLoop::Repeat::kOnce, callback);
         return;
       case kPostedExits:
-        return loop_.post(callback, Urgency::kProcessExit);
+      case kPostedDeaths:
       case kPosts:
-        return loop_.post(callback);
+        return loop_.post(callback, urgencyOf(kind));
       case kKinds:
         return;
     }
@@ -115,6 +122,7 @@ TEST_P(RunLoopContract, NoEndlessKindStarvesAnother) {
     SCOPED_TRACE(kind);
     const CallsBefore before =
         runAmongEndless(*GetParam()(), {static_cast<EndlessCallbacks::Kind>(kind)});
+    EXPECT_TRUE(before.all());
     EXPECT_EQ(before.termination, 0);
     EXPECT_LE(before.exit, EndlessCallbacks::kCount);
     EXPECT_LE(before.most(), 1000);
@@ -126,9 +134,21 @@ TEST_P(RunLoopContract, AllEndlessKindsTogetherStarveNone) {
       runAmongEndless(*GetParam()(), {EndlessCallbacks::kExits, EndlessCallbacks::kPostedExits,
                                       EndlessCallbacks::kTimers, EndlessCallbacks::kPosts,
                                       EndlessCallbacks::kSources});
+  EXPECT_TRUE(before.all());
   EXPECT_EQ(before.termination, 0);
   EXPECT_LE(before.exit, 2 * EndlessCallbacks::kCount);
   EXPECT_LE(before.most(), 10000);
+}
+
+// All exits come before each death, and all deaths before each ordinary callback.
+TEST_P(RunLoopContract, EndlessExitsAndDeathsLetOrdinaryCallbacksPass) {
+  const CallsBefore before = runAmongEndless(
+      *GetParam()(),
+      {EndlessCallbacks::kExits, EndlessCallbacks::kDeaths, EndlessCallbacks::kPosts});
+  EXPECT_TRUE(before.all());
+  EXPECT_EQ(before.termination, 0);
+  EXPECT_LE(before.exit, EndlessCallbacks::kCount);
+  EXPECT_LT(before.most(), EndlessCallbacks::kMostCalls);
 }
 
 // A thousand of a kind that are ready at once keep the others waiting for a few of them.

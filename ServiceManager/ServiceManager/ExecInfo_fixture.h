@@ -25,7 +25,7 @@ class ExecInfoFixture : public ServiceManagerFixture, public ExecInfoHandlerDele
     handler_ = std::make_shared<ORBExecInfoHandler>(
         ORBExecInfoHandler::Environment{signatures_, attributes_, protocols_,
                                         [this] { return now_ += tick_; }},
-        this);
+        std::shared_ptr<ExecInfoHandlerDelegate>(std::shared_ptr<void>(), this));
   }
 
   platform::Value getLastLoggedInUserHomeDirectory() override {

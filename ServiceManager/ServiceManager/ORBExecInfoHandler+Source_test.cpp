@@ -26,6 +26,16 @@ TEST_F(ExecInfoSourceTest, AfterTheDaemonsEndTheDelegateIsNotAsked) {
   EXPECT_TRUE(lines().empty());
 }
 
+// The main thread removes the delegate when the daemon ends, and a settings server may hang.
+TEST_F(ExecInfoSourceTest, ADelegateIsRemovedWhileItIsAsked) {
+  makeDatabase(events(event("id", "https://example.com/id")));
+  attributes_.set("/file", kQuarantine, "id");
+  meanwhile_ = [this] { handler_->setDelegate(nullptr); };
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), "https://example.com/id");
+  EXPECT_EQ(handler_->getURLFromQuarantineForFile("/file"), std::nullopt);
+  EXPECT_EQ(delegateCalls_, 1);
+}
+
 class LongExecInfoQuery : public ExecInfoSourceTest {
  protected:
   LongExecInfoQuery() {

@@ -99,15 +99,15 @@ class ORBExecInfoHandler::FileHash {
 };
 
 ORBExecInfoHandler::ORBExecInfoHandler(const Environment& environment,
-                                       ExecInfoHandlerDelegate* delegate)
-    : environment_(environment), delegate_(delegate) {
+                                       std::shared_ptr<ExecInfoHandlerDelegate> delegate)
+    : environment_(environment), delegate_(std::move(delegate)) {
   // Never closed: its lines come from the queues of XPC, until the end of the program.
   vantorlogger2_open(kClassName, mach_thread_self());
 }
 
-void ORBExecInfoHandler::setDelegate(ExecInfoHandlerDelegate* delegate) {
+void ORBExecInfoHandler::setDelegate(std::shared_ptr<ExecInfoHandlerDelegate> delegate) {
   const std::lock_guard lock(delegateMutex_);
-  delegate_ = delegate;
+  std::swap(delegate_, delegate);
 }
 
 bool ORBExecInfoHandler::listener(
@@ -241,12 +241,17 @@ std::optional<std::string> ORBExecInfoHandler::getURLFromQuarantineForFile(
 }
 
 std::optional<std::string> ORBExecInfoHandler::homeOfLastUser() {
-  const std::lock_guard lock(delegateMutex_);
-  // Other requests may have held the lock for long, so check this now.
-  if (!delegate_ || isCancelled()) return std::nullopt;
+  // Requests ask one after the other, so that a server that hangs costs its time-outs once.
+  const std::lock_guard asking(askingMutex_);
+  // Another request may have asked for long, so check this now.
+  const auto delegate = [this] {
+    const std::lock_guard lock(delegateMutex_);
+    return delegate_;
+  }();
+  if (!delegate || isCancelled()) return std::nullopt;
   const Instant asked = environment_.now();
   if (pausedUntil_ && asked < *pausedUntil_) return std::nullopt;
-  const Value home = delegate_->getLastLoggedInUserHomeDirectory();
+  const Value home = delegate->getLastLoggedInUserHomeDirectory();
   const Instant answered = environment_.now();
   pausedUntil_.reset();
   if (home.string()) return *home.string();

@@ -60,13 +60,14 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
     std::function<platform::CodeSigningResult<platform::SecRequirement>(std::string_view text)>
         makeRequirement = platform::SecRequirementCreateWithString;
   };
-  // initWithDelegate: - call setDelegate(nullptr) before the delegate ends.
-  ORBExecInfoHandler(const Environment& environment, ExecInfoHandlerDelegate* delegate);
+  // initWithDelegate: - a call of the delegate may go on after setDelegate(nullptr), and keeps the
+  // delegate meanwhile.
+  ORBExecInfoHandler(const Environment& environment,
+                     std::shared_ptr<ExecInfoHandlerDelegate> delegate);
   ORBExecInfoHandler(const ORBExecInfoHandler&) = delete;
   ORBExecInfoHandler& operator=(const ORBExecInfoHandler&) = delete;
 
-  // Waits while a call of the delegate is in progress.
-  void setDelegate(ExecInfoHandlerDelegate* delegate);
+  void setDelegate(std::shared_ptr<ExecInfoHandlerDelegate> delegate);
   // Requests in progress end soon, with the answers that they have found so far, and later ones get
   // empty answers: the daemon is about to end, and neither a large file nor a user's database must
   // delay that. A check of a signature that has begun, and a call of the delegate, are not cut
@@ -109,7 +110,8 @@ class ORBExecInfoHandler final : public platform::NSXPCListenerDelegate,
 
   const Environment environment_;
   std::stop_source stop_;
-  std::mutex delegateMutex_;
-  ExecInfoHandlerDelegate* delegate_;
-  std::optional<platform::Instant> pausedUntil_;  // guarded by delegateMutex_
+  std::mutex delegateMutex_;  // never held during a call of the delegate
+  std::shared_ptr<ExecInfoHandlerDelegate> delegate_;
+  std::mutex askingMutex_;                        // held by the one request that calls the delegate
+  std::optional<platform::Instant> pausedUntil_;  // guarded by askingMutex_
 };

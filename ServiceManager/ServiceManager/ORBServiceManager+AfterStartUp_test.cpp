@@ -82,8 +82,7 @@ TEST_F(AfterStartUpTest, TheReturnOfTheBusFindsARestartedPrimaryService) {
   post("com.vantor.notification.configd.willshutdown");
   stopConfigurationServer();
   bus_.stop();
-  startConfigurationServer();
-  post("com.vantor.notification.configd.didstart");
+  startConfigurationServer();  // Its announcement ends with the bus.
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeWaitingForPrimaryService);
   takeLog();
   bus_.start();

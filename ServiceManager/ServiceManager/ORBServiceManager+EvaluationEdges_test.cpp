@@ -176,6 +176,33 @@ TEST_F(EvaluationEdgesTest, OnlyNormalModeWarnsOfAMissingSwitch) {
                                      "7 Primary service is shutting down"));
 }
 
+// The main thread may be busy while they are announced.
+TEST_F(EvaluationEdgesTest, RestartsOfServersAreOneCallOfTheMainThread) {
+  KLXGlobalSettingsClientDelegate* delegate = nullptr;
+  factories_.add("commonSettingsClientWithDelegate:",
+                 [&](KLXGlobalSettingsClientDelegate& ours) -> SettingsClientResult {
+                   delegate = &ours;
+                   return std::make_unique<FakeSettingsClient>(settings_["common"]);
+                 });
+  std::vector<RunLoop::Callback> posted;
+  int restarts = 0;
+  SettingsQuestions questions(
+      {.worker = platform().settingsWorker,
+       .onMain = [&](RunLoop::Callback callback) { posted.push_back(std::move(callback)); },
+       .onRestart = [&] { ++restarts; }});
+  questions.valuesOf({{"common", std::nullopt}}, [](auto) {});
+  loop_.runReady();
+  ASSERT_TRUE(delegate);
+  posted.clear();
+  FakeSettingsClient server(settings_["common"]);
+  for (int i = 0; i < 10; ++i) delegate->globalSettingsServerDidRestart(server);
+  ASSERT_EQ(posted.size(), 1u);
+  posted.front()();
+  EXPECT_EQ(restarts, 1);
+  delegate->globalSettingsServerDidRestart(server);
+  EXPECT_EQ(posted.size(), 2u);
+}
+
 TEST_F(EvaluationEdgesTest, ARetryIgnoresAFeatureServicesSwitches) {
   useScanner(features());
   useHealth();

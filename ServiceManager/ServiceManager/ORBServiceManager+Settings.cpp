@@ -110,9 +110,9 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
+  settings_.forgetConnections();  // A server that announces a change does not hang any more.
   // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;
-  settings_.forgetConnections();  // A server that announces a change does not hang any more.
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Will evaluate the system configuration in %f seconds",
                                       EvaluationTimers::kSettingsChangeDelay.count()));
@@ -154,6 +154,7 @@ void ORBServiceManager::scheduleReevaluation() {
 // A service that is being started reports by itself if it does not become ready.
 void ORBServiceManager::noticeUnreadyServices() {
   if (timers_.reevaluationTimer() || !healthInfo_) return;
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   for (const std::string& label : healthInfo_->problemServices()) {
     if (enforcement_.activityOf(label) == ServiceActivity::kNothing) return scheduleReevaluation();
   }
@@ -161,6 +162,7 @@ void ORBServiceManager::noticeUnreadyServices() {
 
 void ORBServiceManager::reevaluateConfiguration(const RunLoopHandle* /*timer*/) {
   timers_.cancelReevaluationTimer();
+  const MainThreadWork::Scope scope(*mainThreadWork_, kWorkReadsHealth, "");
   const std::set<std::string> labels =
       healthInfo_ ? healthInfo_->problemServices() : std::set<std::string>();
   vantorlogger2_line(ASL_LEVEL_DEBUG,

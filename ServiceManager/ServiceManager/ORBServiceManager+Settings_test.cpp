@@ -146,6 +146,24 @@ TEST_F(SettingsTest, TheReturnOfTheBusLooksUpServersAgain) {
   EXPECT_EQ(evaluations(), 1u);
 }
 
+// A timer that has fired in another mode is kept, and prevents further ones.
+TEST_F(SettingsTest, EachChangeLooksUpServersAgain) {
+  useFeature();
+  startConfigurationServer();
+  evaluate();
+  enterMode(kWaiting);
+  didChange();
+  loop_.advanceBy(2s);
+  ASSERT_TRUE(manager().globalSettingsDidChangeEffectTimer());
+  const int before = forgetCalls_;
+  didChange();
+  loop_.runReady();
+  EXPECT_EQ(forgetCalls_, before + 1);
+  for (int i = 0; i < 10; ++i) didChange();
+  loop_.runReady();
+  EXPECT_EQ(forgetCalls_, before + 2);
+}
+
 TEST_F(SettingsTest, AServerThatHungDuringTheReturnIsRetried) {
   startConfigurationServer();
   didStart();

@@ -37,8 +37,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
       settings_({.worker = platform_.settingsWorker,
                  .onMain = [&loop = platform_.runLoop](
                                RunLoop::Callback callback) { loop.post(std::move(callback)); },
-                 .withFactoriesOfThisThread = platform_.withSettingsOfThisThread,
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
+      lastUser_(std::make_shared<LastLoggedInUser>(platform_.withSettingsOfThisThread)),
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
       userClients_([this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
       turns_(platform_.runLoop,
@@ -52,6 +52,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
              {.onWatch =
                   [this](const std::string& label, ProcessId process) {
                     notifyClientsOfService(label, UserInterfaceClients::kJobRuns, process);
+                    operatorPublisher_.changed();
                   },
               .onEnd =
                   [this](const std::string& label, ProcessId process) {
@@ -72,7 +73,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                          timers_.performAfterDelay({"evaluate", label}, delay, [this, label] {
                            evaluateInformationForService(label);
                          });
-                       }}),
+                       },
+                   .onEnd = [this] { operatorPublisher_.changed(); }}),
       rechecks_(platform_.runLoop, [this](const std::string& label) { checkProgramAgain(label); }),
       enforcement_({.runLoop = platform_.runLoop,
                     .mainThreadWork = *mainThreadWork_,
@@ -88,7 +90,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .validator = validator_,
                     .onUnready = [this] { scheduleReevaluation(); },
                     .rechecks = rechecks_,
-                    .onUnsupported = [this] { noticeUnreadyServices(); }}),
+                    .onUnsupported = [this] { noticeUnreadyServices(); },
+                    .onActivity = [this] { operatorPublisher_.changed(); }}),
       timers_(platform_.runLoop),
       ownIntegrity_({.runLoop = platform_.runLoop,
                      .timers = timers_,
@@ -127,7 +130,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                 .system = platform_.system,
                 .xpc = platform_.xpc,
                 .codeSignatures = platform_.codeSignatures,
-                .attributes = platform_.attributes},
+                .attributes = platform_.attributes,
+                .lastUser = lastUser_},
                *this) {}
 
 ORBServiceManager::~ORBServiceManager() { platform_.observeJobHostReturn({}); }

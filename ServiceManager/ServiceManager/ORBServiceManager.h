@@ -20,6 +20,7 @@
 #include "ServiceManager/Catalogue/ServiceDecision.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/ServiceManager/FeatureEvaluation.h"
+#include "ServiceManager/ServiceManager/LastLoggedInUser.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/OperatorPublisher.h"
 #include "ServiceManager/ServiceManager/OwnIntegrity.h"
@@ -57,8 +58,7 @@ void ORBExitNoteKQueueCallBack(const ExitNoteContext& info, platform::ProcessId 
 // host, a process, a removal or an extension goes on while the run loop serves others, and ends
 // with a callback. An operation fails only by its result; failures are logged.
 class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
-                                public platform::NSConnectionDelegate,
-                                public ExecInfoHandlerDelegate {
+                                public platform::NSConnectionDelegate {
  public:
   using Label = ::Label;
   static constexpr char kClassName[] = "ORBServiceManager";
@@ -138,9 +138,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // answer comes when the last of them has ended: false if any of them could not be stopped.
   // Elements that are no labels of the catalogue are ignored.
   void shutdownServices(const platform::Array& labels, StopAnswer answer);
-  // For the executable-information service, on one of its queues.
-  platform::Value getLastLoggedInUserHomeDirectory() override {
-    return settings_.getLastLoggedInUserHomeDirectory();
+  // For the executable-information service, whose requests share that object. Any thread.
+  platform::Value getLastLoggedInUserHomeDirectory() const {
+    return lastUser_->getLastLoggedInUserHomeDirectory();
   }
 
   // Jobs and processes.
@@ -346,6 +346,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::unique_ptr<ServiceHealth> healthInfo_;
 
   SettingsQuestions settings_;
+  const std::shared_ptr<LastLoggedInUser> lastUser_;  // shared with requests of other threads
   const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;

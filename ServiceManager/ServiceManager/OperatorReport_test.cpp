@@ -18,7 +18,7 @@ using testing::IsEmpty;
 class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsClientDelegate {
  protected:
   SettingsClientFactories factories_;
-  SettingsSources sources_{factories_, {}, *this};
+  SettingsSources sources_{factories_, *this};
   EvaluationTimers timers_{loop_};
   OperatorReport report_{{.runLoop = loop_,
                           .files = files_,

@@ -46,7 +46,7 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
   }
 
   SettingsClientFactories factories_;
-  SettingsSources sources_{factories_, {}, *this};
+  SettingsSources sources_{factories_, *this};
   OperatorReport report_{{.runLoop = loop_,
                           .files = files_,
                           .system = system_,

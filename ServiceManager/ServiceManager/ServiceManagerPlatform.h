@@ -19,9 +19,9 @@
 #include "Platform/SystemFacts/RandomDevice.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/XPC/XPC.h"
+#include "ServiceManager/ServiceManager/LastLoggedInUser.h"
 #include "ServiceManager/ServiceManager/OperatorWorker.h"
 #include "ServiceManager/Settings/SettingsQuestions.h"
-#include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
 
@@ -63,5 +63,5 @@ struct ServiceManagerPlatform {
   std::function<void(std::function<void()> onReturn)> observeJobHostReturn;
   // Calls a function with factories whose clients belong to the calling thread, which need not be
   // the main thread, and end with the call.
-  SettingsSources::WithFactories withSettingsOfThisThread;
+  LastLoggedInUser::WithFactories withSettingsOfThisThread;
 };

@@ -304,7 +304,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   std::optional<ORBServiceManager> manager_;
   const ORBSigningValidator validator_{signatures_};
   KLXGlobalSettingsClientDelegate reportsDelegate_;
-  SettingsSources reportsSources_{factories_, {}, reportsDelegate_};
+  SettingsSources reportsSources_{factories_, reportsDelegate_};
   OperatorReport report_{
       {loop_, files_, system_, validator_, extensionsPlatform_, jobs_, reportsSources_}};
 };

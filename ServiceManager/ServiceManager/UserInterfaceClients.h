@@ -24,9 +24,9 @@ class UserInterfaceClients {
   // The notices that have been sent over one connection and not answered; others wait. So a client
   // that takes 100 ms for each is still in time for the last.
   static constexpr std::size_t kMaxNoticesUnderWay = 16;
-  // The notices that may wait for a client: one for each job that the job host may keep. They are
-  // kept once for all clients.
-  static constexpr std::size_t kMaxWaitingNotices = 4096;
+  // The notices that may wait for a client: one for each job that the job host takes. They are kept
+  // once for all clients.
+  static constexpr std::size_t kMaxWaitingNotices = 16'384;
 
   // `mayLog` tells whether a request of the user may have another line.
   using MayLog = std::function<bool(std::uint32_t user)>;

@@ -21,7 +21,7 @@ constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 struct VendedOperatorServer::Parts {
   explicit Parts(const Environment& environment)
       : validator(environment.codeSignatures),
-        sources(environment.worker.settingsClientFactories, {}, delegate),
+        sources(environment.worker.settingsClientFactories, delegate),
         report({.runLoop = environment.worker.runLoop,
                 .files = environment.files,
                 .system = environment.system,

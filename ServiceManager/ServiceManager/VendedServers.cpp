@@ -64,7 +64,7 @@ void VendedServers::vendXPCListeners() {
   execHandler_ = std::make_shared<ORBExecInfoHandler>(
       ORBExecInfoHandler::Environment{environment_.codeSignatures, environment_.attributes,
                                       environment_.protocols},
-      &manager_);
+      environment_.lastUser);
   xpcHandler_ = std::make_shared<ORBServiceManagerXPCHandler>(
       environment_.runLoop, environment_.system, environment_.distributedCenter,
       environment_.protocols);

@@ -36,6 +36,7 @@ class VendedServers {
     platform::XPC& xpc;
     platform::CodeSignatures& codeSignatures;
     platform::ExtendedAttributes& attributes;
+    std::shared_ptr<ExecInfoHandlerDelegate> lastUser;  // shared with the requests that ask it
   };
 
   // One server that clients find by its name.
@@ -44,12 +45,12 @@ class VendedServers {
     std::shared_ptr<platform::NSProtocolChecker> rootObject;
   };
 
-  // `manager` performs the servers' requests, and is their delegate.
+  // `manager` performs the servers' requests, and is the delegate of the named ones.
   VendedServers(const Environment& environment, ORBServiceManager& manager);
   VendedServers(const VendedServers&) = delete;
   VendedServers& operator=(const VendedServers&) = delete;
-  // Requests to the executable-information service may outlast this: they lose their delegate, and
-  // end soon.
+  // Waits for no request. Those to the executable-information service may outlast this: they end
+  // soon, and later ones have no delegate.
   ~VendedServers();
 
   // A name that can't be registered is logged, and the other servers are vended all the same.

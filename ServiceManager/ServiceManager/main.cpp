@@ -66,8 +66,8 @@ void askSettingsOnThisThread(platform::LinuxPlatform& linux, const platform::Lis
                            ask);
 }
 
-// How long the program waits for its workers at its end. A server or an extension that
-// hangs must not hold it up.
+// How long the program waits for its workers at its end. A server, an extension, or a file that
+// can't be read must not hold it up.
 constexpr std::chrono::milliseconds kWorkersEnd{500};
 
 // The clients of settings servers, for one thread that may wait for them.
@@ -219,17 +219,16 @@ class OperatorClients {
   SettingsClientFactories factories_;
 };
 
-// Whether all threads have ended in time.
+// Whether all threads, and those of the XPC, have ended in time.
 bool endTogether(std::initializer_list<platform::LoopThread*> threads,
-                 const platform::RunLoop& loop) {
+                 std::unique_ptr<platform::LinuxXPC> xpc, const platform::RunLoop& loop) {
   for (platform::LoopThread* thread : threads) thread->askToStop();
+  const std::future<void> endOfXPC = platform::LinuxXPC::endAside(std::move(xpc));
   const platform::Instant deadline = loop.now() + kWorkersEnd;
+  const auto left = [&] { return std::max(deadline - loop.now(), platform::Duration::zero()); };
   bool haveEnded = true;
-  for (platform::LoopThread* thread : threads) {
-    const platform::Duration left = std::max(deadline - loop.now(), platform::Duration::zero());
-    haveEnded = thread->stopWithin(left) && haveEnded;
-  }
-  return haveEnded;
+  for (platform::LoopThread* thread : threads) haveEnded = thread->stopWithin(left()) && haveEnded;
+  return endOfXPC.wait_for(left()) == std::future_status::ready && haveEnded;
 }
 
 int fail(const platform::Error& error) {
@@ -286,8 +285,8 @@ int main(int argc, char** argv) {
   addGlobalSettingsProtocol(protocols);
   // This comes after everything that requests use, also the protocols: its threads serve requests
   // until it ends.
-  const auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket),
-                                            linux.peerAccounts, linux.userLines);
+  auto xpc = platform::LinuxXPC::make(linux.systemLog, places, std::move(linux.passedSocket),
+                                      linux.peerAccounts, linux.userLines);
   if (!xpc) return fail(xpc.error());
 
   // All that waits for an extension does so on a thread of its own, with a connection of its own.
@@ -352,7 +351,8 @@ int main(int argc, char** argv) {
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
   // Destructors would wait for a worker that hangs.
-  if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()}, loop)) {
+  if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()},
+                   std::move(*xpc), loop)) {
     platform::endProgramNow(status);
   }
   return status;

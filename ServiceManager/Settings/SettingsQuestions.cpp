@@ -1,5 +1,6 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 
+#include <atomic>
 #include <utility>
 
 using namespace platform;
@@ -10,10 +11,13 @@ struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
       : onMain(environment.onMain),
         onRestart(environment.onRestart),
         ownerIsAlive(std::move(isAlive)),
-        sources(environment.worker.factories, environment.withFactoriesOfThisThread, *this) {}
+        sources(environment.worker.factories, *this) {}
 
+  // The main thread may be busy while servers announce one start after the other.
   void globalSettingsServerDidRestart(SettingsClient& /*client*/) override {
-    onMain([onRestart = onRestart, ownerIsAlive = ownerIsAlive] {
+    if (isRestartPosted->exchange(true)) return;
+    onMain([onRestart = onRestart, ownerIsAlive = ownerIsAlive, isPosted = isRestartPosted] {
+      *isPosted = false;
       if (!ownerIsAlive.expired()) onRestart();
     });
   }
@@ -21,6 +25,10 @@ struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
   const std::function<void(RunLoop::Callback)> onMain;
   const std::function<void()> onRestart;
   const std::weak_ptr<int> ownerIsAlive;
+  // Shared with the posted callback.
+  const std::shared_ptr<std::atomic<bool>> isRestartPosted =
+      std::make_shared<std::atomic<bool>>(false);
+  std::atomic<bool> willForget = false;  // it is posted to the worker
   SettingsSources sources;
   std::unique_ptr<VantorDistantObject> primaryService;
 };
@@ -106,12 +114,10 @@ void SettingsQuestions::primaryServiceDidStart() {
 }
 
 void SettingsQuestions::forgetConnections() {
+  if (clients_->willForget.exchange(true)) return;
   environment_.worker.perform([clients = clients_] {
+    clients->willForget = false;
     if (clients->primaryService) clients->primaryService->serverDidStart({});
     clients->sources.forgetConnections();
   });
-}
-
-Value SettingsQuestions::getLastLoggedInUserHomeDirectory() const {
-  return clients_->sources.getLastLoggedInUserHomeDirectory();
 }

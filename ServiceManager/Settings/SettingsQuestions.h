@@ -45,8 +45,7 @@ class SettingsQuestions {
     SettingsWorker worker;
     // Runs a callback on the main thread.
     std::function<void(platform::RunLoop::Callback callback)> onMain;
-    SettingsSources::WithFactories withFactoriesOfThisThread;
-    // A settings server was started again.
+    // A settings server was started again. One call may stand for several restarts.
     std::function<void()> onRestart;
   };
 
@@ -68,15 +67,12 @@ class SettingsQuestions {
 
   // The configuration server has announced its start: it is called again even if it hung lately.
   void primaryServiceDidStart();
-  // The starts of all servers may have been missed.
+  // The starts of all servers may have been missed: each is called again, even if it hung lately.
   void forgetConnections();
 
   // The sources that have been asked.
   const std::map<std::string, AskedSource>& askedSources() const { return askedSources_; }
   bool isHung(const std::string& source) const;
-
-  // See SettingsSources.h. Any thread.
-  platform::Value getLastLoggedInUserHomeDirectory() const;
 
  private:
   struct Clients;

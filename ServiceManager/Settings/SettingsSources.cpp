@@ -14,11 +14,8 @@ constexpr char kClientFactorySuffix[] = "SettingsClientWithDelegate:";
 }  // namespace
 
 SettingsSources::SettingsSources(const SettingsClientFactories& factories,
-                                 WithFactories withFactoriesOfThisThread,
                                  KLXGlobalSettingsClientDelegate& delegate)
-    : factories_(factories),
-      withFactoriesOfThisThread_(std::move(withFactoriesOfThisThread)),
-      delegate_(delegate) {}
+    : factories_(factories), delegate_(delegate) {}
 
 SettingsClient* SettingsSources::configurationWithSelectorPrefix(const std::string& prefix) {
   if (!configurationClients_) configurationClients_.emplace();
@@ -53,17 +50,4 @@ void SettingsSources::forgetConnections() {
   for (const auto& [prefix, client] : *configurationClients_) {
     if (client) client->forgetConnection();
   }
-}
-
-Value SettingsSources::getLastLoggedInUserHomeDirectory() const {
-  // Use a client of its own: the answer must not depend on the clients that evaluations have made.
-  Value home;
-  const auto ask = [&](const SettingsClientFactories& factories) {
-    const auto* factory = factories.find("cmxSettingsClientWithDelegate:");
-    if (!factory) return;
-    const SettingsClientResult client = (*factory)(delegate_);
-    if (client && *client) home = (*client)->objectForKey("ORBCmxLastLoggedInUser");
-  };
-  withFactoriesOfThisThread_(ask);
-  return home;
 }

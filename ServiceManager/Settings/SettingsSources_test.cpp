@@ -1,8 +1,6 @@
 #include "ServiceManager/Settings/SettingsSources.h"
 
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +15,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char kCmxFactory[] = "cmxSettingsClientWithDelegate:";
-constexpr char kLastUser[] = "ORBCmxLastLoggedInUser";
 
 struct IdleDelegate final : KLXGlobalSettingsClientDelegate {};
 
@@ -42,14 +39,8 @@ class SettingsSourcesTest : public testing::Test {
   SettingsClientFactories factories_;
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;
-  std::vector<std::thread::id> askedOn_;
   IdleDelegate delegate_;
-  SettingsSources sources_{factories_,
-                           [this](const std::function<void(const SettingsClientFactories&)>& ask) {
-                             askedOn_.push_back(std::this_thread::get_id());
-                             ask(factories_);
-                           },
-                           delegate_};
+  SettingsSources sources_{factories_, delegate_};
 };
 
 TEST_F(SettingsSourcesTest, ASourcesClientIsMadeOnceAtItsFirstUse) {
@@ -130,55 +121,6 @@ TEST_F(SettingsSourcesTest, EveryClientForgetsItsConnection) {
   sources_.forgetConnections();
   EXPECT_EQ(update.forgetCalls, 2);
   EXPECT_EQ(&client("common"), &common);
-}
-
-// The last logged-in user.
-
-TEST_F(SettingsSourcesTest, TheLastUsersFolderHasItsOwnClient) {
-  settings("cmx")[kLastUser] = "/home/user";
-  sources_.configurationWithSelectorPrefix("cmx");
-  EXPECT_EQ(sources_.getLastLoggedInUserHomeDirectory(), Value("/home/user"));
-  EXPECT_EQ(clientsMade_, 2);
-  settings_["cmx"][kLastUser] = "/home/another";
-  EXPECT_EQ(sources_.getLastLoggedInUserHomeDirectory(), Value("/home/another"));
-  EXPECT_EQ(clientsMade_, 3);
-}
-
-TEST_F(SettingsSourcesTest, TheLastUsersFolderIsReadOnTheCallingThread) {
-  settings("cmx")[kLastUser] = "/home/user";
-  std::thread::id asking;
-  std::thread([&] {
-    asking = std::this_thread::get_id();
-    EXPECT_EQ(sources_.getLastLoggedInUserHomeDirectory(), Value("/home/user"));
-  }).join();
-  EXPECT_THAT(askedOn_, ElementsAre(asking));
-  EXPECT_FALSE(sources_.configurationClients());
-}
-
-TEST_F(SettingsSourcesTest, TheLastUserNeedsAClientAndTheSetting) {
-  EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
-  settings("cmx");
-  EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
-  EXPECT_THAT(lines_.take(), IsEmpty());
-}
-
-TEST_F(SettingsSourcesTest, AFactoryThatReturnsNullKnowsNoLastUser) {
-  bool raises = false;
-  factories_.add(kCmxFactory, [&raises](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-    if (raises) return raised(kNSInvalidArgumentException, "out of order");
-    return nullptr;
-  });
-  EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
-  raises = true;
-  EXPECT_TRUE(sources_.getLastLoggedInUserHomeDirectory().isNil());
-  EXPECT_THAT(lines_.take(), IsEmpty());
-}
-
-TEST_F(SettingsSourcesTest, TheLastUserNeedsTheThreadsFactories) {
-  settings("cmx")[kLastUser] = "/home/user";
-  const SettingsSources sources(
-      factories_, [](const std::function<void(const SettingsClientFactories&)>&) {}, delegate_);
-  EXPECT_TRUE(sources.getLastLoggedInUserHomeDirectory().isNil());
 }
 
 }  // namespace

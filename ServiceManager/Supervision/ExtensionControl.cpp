@@ -213,5 +213,6 @@ void ExtensionControl::end(LoadPointer load) {
     failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
     if (load->failedStep == kKextIsUnchecked) retryLater(load->name);
   }
+  environment_.onEnd();
   for (Done& done : load->callers) done(isLoaded);
 }

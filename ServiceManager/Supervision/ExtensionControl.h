@@ -33,6 +33,7 @@ class ExtensionControl {
     // Stops a service before its extension is unloaded, and evaluates it again afterwards.
     std::function<void(const std::string& label, Done done)> stopService;
     std::function<void(const std::string& label, platform::Duration delay)> evaluateLater;
+    std::function<void()> onEnd;  // the load of an extension has ended
   };
 
   explicit ExtensionControl(const Environment& environment);

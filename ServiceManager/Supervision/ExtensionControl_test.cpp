@@ -108,6 +108,7 @@ TEST_F(ExtensionControlTest, AServiceWithoutExtensionsNeedsNone) {
 
 TEST_F(ExtensionControlTest, AServicesExtensionsAreLoadedInOrder) {
   EXPECT_TRUE(start(kAgent));
+  EXPECT_EQ(endedLoads_, 2);
   EXPECT_THAT(requests(), ElementsAre(kLoadNetwork, kLoadOther));
   EXPECT_THAT(control_.kextsLoaded(), ElementsAre("net", "other"));
   EXPECT_THAT(takeLog(), ElementsAre(kConnected, kConnected));

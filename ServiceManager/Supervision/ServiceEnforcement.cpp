@@ -56,8 +56,11 @@ ServiceStep ServiceEnforcement::advance(const std::string& label, ServiceEvent e
   const auto [next, step] = nextServiceActivity(activityOf(label), event);
   if (next != ServiceActivity::kNothing || services_.contains(label)) {
     Service& service = services_[label];
-    if (service.activity != next) service.since = environment_.runLoop.now();
-    service.activity = next;
+    if (service.activity != next) {
+      service.since = environment_.runLoop.now();
+      service.activity = next;
+      environment_.onActivity();
+    }
   }
   return step;
 }

@@ -52,6 +52,7 @@ class ServiceEnforcement {
     std::function<void()> onUnready;  // a service has been reported as not ready
     ProgramRechecks& rechecks;
     std::function<void()> onUnsupported;  // a service is left out, and its blocks are dropped
+    std::function<void()> onActivity;     // the activity of a service has changed
   };
 
   explicit ServiceEnforcement(const Environment& environment) : environment_(environment) {}

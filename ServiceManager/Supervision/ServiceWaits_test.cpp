@@ -81,6 +81,21 @@ TEST_F(ServiceWaitsTest, ASecondRequestJoinsTheFirst) {
   EXPECT_THAT(takeReports(), ElementsAre("start com.example.agent"));
 }
 
+// The operator's picture depends on it.
+TEST_F(ServiceWaitsTest, EachChangeOfAnActivityIsReported) {
+  endAgent(5);
+  activities_ = 0;
+  run(kAgent);
+  EXPECT_EQ(agent(), ServiceActivity::kAwaitsProcess);
+  const int before = activities_;
+  EXPECT_GT(before, 0);
+  loop_.advanceBy(3s);  // There is no process yet.
+  EXPECT_EQ(activities_, before);
+  loop_.advanceBy(3s);
+  EXPECT_EQ(agent(), ServiceActivity::kNothing);
+  EXPECT_GT(activities_, before);
+}
+
 // The looks would come after four and six seconds.
 TEST_F(ServiceWaitsTest, AStartThatTheHostReportsIsLookedAtAtOnce) {
   endAgent(5);

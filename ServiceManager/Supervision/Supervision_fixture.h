@@ -53,6 +53,7 @@ class SupervisionFixture : public SupervisedMachine {
            }}};
   // The evaluations that the extension control has asked for.
   std::vector<std::pair<std::string, platform::Duration>> evaluations_;
+  int endedLoads_ = 0;  // of extensions
   ExtensionControl control_{
       {.runLoop = loop_,
        .onWorker = [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
@@ -63,17 +64,18 @@ class SupervisionFixture : public SupervisedMachine {
            [this](const std::string& label, ExtensionControl::Done done) {
              enforcement_.stopForExtension(label, std::move(done));
            },
-       .evaluateLater =
-           [this](const std::string& label, platform::Duration delay) {
-             evaluations_.emplace_back(label, delay);
-           }}};
+       .evaluateLater = [this](
+                            const std::string& label,
+                            platform::Duration delay) { evaluations_.emplace_back(label, delay); },
+       .onEnd = [this] { ++endedLoads_; }}};
   platform::TurnQueue turns_{loop_};
   std::vector<std::string> rechecked_;
   ProgramRechecks rechecks_{loop_, [this](const std::string& label) {
                               rechecked_.push_back(label);
                               enforcement_.enforceRunningForService(label, {});
                             }};
-  int unready_ = 0;  // how often a service was reported as not ready
+  int unready_ = 0;     // how often a service was reported as not ready
+  int activities_ = 0;  // changes of them
   MainThreadWork mainThreadWork_{loop_};
   ServiceEnforcement enforcement_{{.runLoop = loop_,
                                    .mainThreadWork = mainThreadWork_,
@@ -89,5 +91,6 @@ class SupervisionFixture : public SupervisedMachine {
                                    .validator = validator_,
                                    .onUnready = [this] { ++unready_; },
                                    .rechecks = rechecks_,
-                                   .onUnsupported = [] {}}};
+                                   .onUnsupported = [] {},
+                                   .onActivity = [this] { ++activities_; }}};
 };

@@ -179,6 +179,23 @@ TEST_F(DaemonExecInfo, TheDaemonEndsWhileEndlessFilesAreHashed) {
   }
 }
 
+// The service asks the settings server for the home of the last user.
+TEST_F(DaemonExecInfo, TheDaemonEndsWhileASettingsServerIsAsked) {
+  const std::string file = root_.folder().write("files/quarantined", "abc");
+  if (!setAttribute(file, "user.com.apple.quarantine", "0081;5f3e9c02;Browser;0E2D-77A1")) {
+    GTEST_SKIP() << "this file system takes no attributes";
+  }
+  root_.kill(DaemonRoot::kPrimary, SIGSTOP);
+  std::list<ChildProgram> callers = askFor(file, LinuxXPC::kThreadsPerListener + 1);
+  // The attribute is read just before the server is asked.
+  root_.awaitLog("Failed to get attributes for file '" + file + "'");
+  const Instant begin = root_.loop().now();
+  root_.endDaemonAndAwaitNext();
+  EXPECT_LT(root_.loop().now() - begin, 4s);  // The server's time-out is 5 s.
+  for (ChildProgram& caller : callers) caller.waitForExit();
+  root_.kill(DaemonRoot::kPrimary, SIGCONT);
+}
+
 // There are more of them than the service has threads, and each would take hours.
 TEST_F(DaemonExecInfo, DeadCallersOfAnEndlessFileHarmNobody) {
   const std::string endless = sparseFile("endless", kEndless);

@@ -1,5 +1,6 @@
 // A service that depends on a switch, and a settings server that hangs, dies and comes back.
 
+#include <chrono>
 #include <csignal>
 #include <optional>
 #include <string>
@@ -142,6 +143,21 @@ TEST_F(DaemonSettings, AHungServerStopsItsServicesUntilItIsRestarted) {
   awaitRunning(kFeature);
   EXPECT_NE(configurationServer(), before);
   expectAtWork();
+}
+
+TEST_F(DaemonSettings, AChangeIsServedAtOnceAfterItsServerHung) {
+  const ProcessId server = configurationServer();
+  ASSERT_GT(server, 0);
+  ASSERT_EQ(::kill(server, SIGSTOP), 0);
+  announceChange();
+  awaitEnd(kFeature);
+  client_->forgetNotices();
+  ASSERT_EQ(::kill(server, SIGCONT), 0);
+  const Instant begin = root_.loop().now();
+  set(1);
+  awaitRunning(kFeature);
+  EXPECT_LT(root_.loop().now() - begin,
+            std::chrono::seconds(20));  // Without the change it is asked after 31 s.
 }
 
 TEST_F(DaemonSettings, ASlowServerIsWaitedForAndItsAnswersCount) {

@@ -24,8 +24,10 @@ namespace platform {
 // times. That requires write permission, and TrustedPlace trusts everybody who has it.
 class VerdictCache {
  public:
-  // The limits of the cache. The least recently used verdict is dropped first.
-  static constexpr std::size_t kMaxVerdicts = 256;
+  // The limits of the cache. The least recently used verdict is dropped first. An evaluation checks
+  // the programs of all services in the same order each time, so a cache with less room than they
+  // need would remember none of them: there is room for as many as the job host takes jobs.
+  static constexpr std::size_t kMaxVerdicts = 16'384;
   static constexpr std::size_t kMaxFacts = 65'536;
 
   // Null if there is no valid verdict. Takes a system call for each file or folder of the verdict.

@@ -190,6 +190,31 @@ TEST_F(VerdictCacheTest, TheLeastRecentlyUsedVerdictIsDroppedFirst) {
   EXPECT_TRUE(cache.find("2", 1, now));
 }
 
+// An evaluation checks them in the same order each time.
+TEST_F(VerdictCacheTest, AThousandProgramsAreCheckedOnce) {
+  VerdictCache cache;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 1000; ++i) {
+    paths.push_back(bed_.folder().write("programs/" + std::to_string(i), ""));
+  }
+  const WallTime now = changeTimeOf(paths.back()) + 1h;
+  int checks = 0;
+  for (int pass = 0; pass < 2; ++pass) {
+    for (const std::string& path : paths) {
+      if (cache.find(path, 1, now)) continue;
+      ++checks;
+      auto code = std::make_shared<VerifiedCode>();
+      FileFact fact;
+      fact.path = path;
+      fact.covers = FileFact::Covers::kContents;
+      ASSERT_EQ(::lstat(path.c_str(), &fact.status), 0);
+      code->facts.push_back(fact);
+      cache.remember(path, 1, now, code);
+    }
+  }
+  EXPECT_EQ(checks, 1000);
+}
+
 TEST_F(VerdictCacheTest, TheNumberOfFactsIsBounded) {
   VerdictCache cache;
   FileFact fact;

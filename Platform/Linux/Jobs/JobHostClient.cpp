@@ -246,6 +246,10 @@ JobHostClient::RequestId JobHostClient::callAsync(std::string_view selector, con
 void JobHostClient::limit(RequestId id, Duration timeout) {
   const auto found = requests_.find(id);
   if (found == requests_.end() || found->second.limitTimer) return;
+  if (waiting_.contains(id)) {
+    found->second.timeout = timeout;
+    return;
+  }
   found->second.limitTimer = loop_.startTimer(timeout, RunLoop::Repeat::kOnce, [this, id, timeout] {
     complete(id, std::unexpected(
                      unanswered(NSException{kNSPortTimeoutException, {}, {}}, socket_, timeout)));

@@ -97,8 +97,8 @@ class JobHostClient {
   // may overtake long ones that wait for their turn.
   RequestId callAsync(std::string_view selector, const Array& arguments, Duration timeout,
                       Completion completion, Room room = Room::kUsual);
-  // Gives a request of callAsync() only this long from now on. Does nothing if it is completed, or
-  // about to fail.
+  // Gives a request of callAsync() only this long from now on, or, if it waits for its turn, from
+  // then on. Does nothing if it is completed, or about to fail.
   void limit(RequestId id, Duration timeout);
 
  private:

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <vector>
+#include <list>
+#include <memory>
+#include <utility>
 
 #include <unistd.h>
 
@@ -17,8 +19,19 @@ constexpr timespec kProbePause{0, 2'000'000};     // 2 ms
 
 constexpr int kFatalSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV};
 
-std::atomic<const LogProgress*> logAtEnd = nullptr;
-static_assert(std::atomic<const LogProgress*>::is_always_lock_free);
+struct LogToAwait {
+  std::shared_ptr<const LogProgress> progress;            // shared with the sink
+  std::shared_ptr<const SystemLog::Announced> announced;  // shared with the log
+
+  // An announced message counts until the buffer has it, so this reads that number first.
+  bool isWritten() const {
+    return announced->load(std::memory_order_acquire) == 0 && progress->waiting() == 0;
+  }
+};
+
+std::atomic<const LogToAwait*> logAtEnd = nullptr;
+static_assert(std::atomic<const LogToAwait*>::is_always_lock_free);
+static_assert(SystemLog::Announced::is_always_lock_free);
 
 std::int64_t nanoseconds() {
   timespec now{};
@@ -28,10 +41,10 @@ std::int64_t nanoseconds() {
 
 // Makes only calls that a signal handler may make.
 void awaitLog() {
-  const LogProgress* progress = logAtEnd.load(std::memory_order_acquire);
-  if (progress == nullptr) return;
+  const LogToAwait* log = logAtEnd.load(std::memory_order_acquire);
+  if (log == nullptr) return;
   const std::int64_t end = nanoseconds() + kEndTime;
-  while (progress->waiting() != 0 && nanoseconds() < end) ::nanosleep(&kProbePause, nullptr);
+  while (!log->isWritten() && nanoseconds() < end) ::nanosleep(&kProbePause, nullptr);
 }
 
 // The signal's action is the default one again. It is raised for one that another process has sent;
@@ -52,11 +65,12 @@ void handle(int signal) {
 
 }  // namespace
 
-LogAtEnd::LogAtEnd(std::shared_ptr<const LogProgress> progress) {
+LogAtEnd::LogAtEnd(std::shared_ptr<const LogProgress> progress,
+                   std::shared_ptr<const SystemLog::Announced> announced) {
   // Kept to the end of the program: a handler of another thread may be reading an earlier one.
-  static auto* const kept = new std::vector<std::shared_ptr<const LogProgress>>;
-  kept->push_back(progress);
-  logAtEnd.store(progress.get(), std::memory_order_release);
+  static auto* const kept = new std::list<LogToAwait>;
+  kept->push_back({std::move(progress), std::move(announced)});
+  logAtEnd.store(&kept->back(), std::memory_order_release);
   for (const int signal : kFatalSignals) handle(signal);
   static const bool isRegistered = std::atexit(awaitLog) == 0;
   static_cast<void>(isRegistered);

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "Platform/Linux/Logging/LogProgress.h"
+#include "Platform/Logging/SystemLog.h"
 
 namespace platform {
 
@@ -13,8 +14,10 @@ namespace platform {
 // It handles SIGABRT, SIGBUS, SIGFPE, SIGILL and SIGSEGV, but for those that are handled already.
 class LogAtEnd {
  public:
-  // The progress is shared with the sink and with the handlers, which may run at any time.
-  explicit LogAtEnd(std::shared_ptr<const LogProgress> progress);
+  // The progress of the buffer, and the messages that are announced to it. They are shared with the
+  // sink, the log and the handlers, which may run at any time.
+  LogAtEnd(std::shared_ptr<const LogProgress> progress,
+           std::shared_ptr<const SystemLog::Announced> announced);
   LogAtEnd(const LogAtEnd&) = delete;
   LogAtEnd& operator=(const LogAtEnd&) = delete;
   ~LogAtEnd();

@@ -4,7 +4,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
+#include <thread>
+#include <type_traits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -39,10 +42,14 @@ class LogAtEndTest : public testing::Test {
       HungDisk disk;
       if (diskHangs) disk.hang();
       BufferedLogSink sink(disk.makeSink(file));
-      const LogAtEnd atEnd(sink.progress());
+      const LogAtEnd atEnd(sink.progress(), announced_);
       for (int i = 0; i < 2000; ++i)
         static_cast<void>(sink.write({"I", "f", ASL_LEVEL_INFO, std::to_string(i)}));
-      end();
+      if constexpr (std::is_invocable_v<End, LogSink&>) {
+        end(sink);
+      } else {
+        end();
+      }
       ::_exit(77);
     }
     int status = 0;
@@ -50,6 +57,9 @@ class LogAtEndTest : public testing::Test {
     return status;
   }
 
+  // Messages that another thread will log.
+  const std::shared_ptr<SystemLog::Announced> announced_ =
+      std::make_shared<SystemLog::Announced>(0);
   TemporaryLogFolder folder_;
   const std::string path_ = folder_.path("system.log");
 };
@@ -83,6 +93,22 @@ TEST_F(LogAtEndTest, AnExitWithoutDestructorsWritesWhatIsBuffered) {
   const int status = run([] { std::exit(5); });
   EXPECT_TRUE(WIFEXITED(status)) << status;
   EXPECT_THAT(contentOfFile(path_), EndsWith("> 1999\n"));
+}
+
+TEST_F(LogAtEndTest, AnAbortWritesWhatAnotherThreadIsAboutToLog) {
+  constexpr int kMessages = 1000;
+  const int status = run([this](LogSink& sink) {
+    *announced_ = kMessages;
+    std::thread([&] {
+      for (int i = 0; i < kMessages; ++i) {
+        static_cast<void>(sink.write({"I", "f", ASL_LEVEL_INFO, "late " + std::to_string(i)}));
+        announced_->fetch_sub(1);
+      }
+    }).detach();
+    std::abort();
+  });
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+  EXPECT_THAT(contentOfFile(path_), EndsWith("> late 999\n"));
 }
 
 TEST_F(LogAtEndTest, AnAbortBesideAHungDiskIsBounded) {

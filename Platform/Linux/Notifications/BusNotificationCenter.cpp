@@ -106,7 +106,7 @@ BusNotificationCenter::BusNotificationCenter(AsioRunLoop& loop, std::string addr
                                 address_));
 }
 
-BusNotificationCenter::~BusNotificationCenter() { dropEarlyPosts(); }
+BusNotificationCenter::~BusNotificationCenter() { logWaitingPosts(); }
 
 void BusNotificationCenter::connect() {
   // Any program may fill the bus's backlog, so connecting must not wait for room in it.
@@ -163,14 +163,12 @@ void BusNotificationCenter::lost() {
   const bool hasLasted = wasRegistered && loop_.now() - connectedAt_ >= kRetryTime;
   mayHaveMissed_ = true;
   awaited_.clear();
-  if (wasEverRegistered_) dropEarlyPosts();
   if (!stash_.empty()) dispatchLater();
   connectAfter(hasLasted ? Duration::zero() : kRetryTime);
 }
 
-void BusNotificationCenter::dropEarlyPosts() {
-  earlyBytes_ = 0;
-  for (const EarlyPost& post : std::exchange(early_, {})) {
+void BusNotificationCenter::logWaitingPosts() {
+  for (const WaitingPost& post : waiting_) {
     const Error why{ErrorCode::kNotFound, 0,
                     "the notification bus at " + address_ + " has gone before it answered"};
     lostPosts_.write(lostPostText(post.name, why));
@@ -197,11 +195,10 @@ void BusNotificationCenter::registered() {
   registered_ = true;
   // Send nothing into a connection that has ended; lost() follows.
   if (!sources_ || hasEnded(sources_->descriptor())) return;
-  for (const EarlyPost& post : early_)
+  for (const WaitingPost& post : waiting_)
     dbus_connection_send(connection_.get(), post.message.get(), nullptr);
-  early_.clear();
-  earlyBytes_ = 0;
-  wasEverRegistered_ = true;
+  waiting_.clear();
+  waitingBytes_ = 0;
 }
 
 std::unique_ptr<DistributedNotificationCenter::Observation> BusNotificationCenter::addObserver(
@@ -308,30 +305,28 @@ void BusNotificationCenter::send(const DistributedNotification& notification) {
 Result<void> BusNotificationCenter::trySend(const DistributedNotification& notification) {
   auto message = encodeNotification(notification);
   if (!message) return std::unexpected(std::move(message.error()));
-  const bool waitsForFirstBus = !wasEverRegistered_ && !socketPath_.empty();
-  if (waitsForFirstBus || (connection_ && !registered_)) {
+  if (socketPath_.empty())
+    return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
+  // An end that lost() has not handled yet counts, too.
+  if (!registered_ || hasEnded(sources_->descriptor())) {
     return queue({notification.name, *std::move(message)});
   }
-  if (!connection_)
-    return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " is not there");
   const auto unsent =
       static_cast<std::size_t>(dbus_connection_get_outgoing_size(connection_.get()));
   // The limit may already be exceeded, because requests for signals are not held back.
   if (unsent >= kMaxUnsentNotificationBytes ||
       (unsent > 0 && sizeOf(message->get()) > kMaxUnsentNotificationBytes - unsent))
     return failed(ErrorCode::kExhausted, "the notification bus does not read");
-  if (hasEnded(sources_->descriptor()))
-    return failed(ErrorCode::kNotFound, "the notification bus at " + address_ + " has gone");
   if (!dbus_connection_send(connection_.get(), message->get(), nullptr)) return outOfMemory();
   return {};
 }
 
-Result<void> BusNotificationCenter::queue(EarlyPost post) {
+Result<void> BusNotificationCenter::queue(WaitingPost post) {
   const std::size_t size = sizeOf(post.message.get());
-  if (size > kMaxUnsentNotificationBytes - earlyBytes_)
+  if (size > kMaxUnsentNotificationBytes - waitingBytes_)
     return failed(ErrorCode::kExhausted, "the notification bus does not answer");
-  earlyBytes_ += size;
-  early_.push_back(std::move(post));
+  waitingBytes_ += size;
+  waiting_.push_back(std::move(post));
   return {};
 }
 

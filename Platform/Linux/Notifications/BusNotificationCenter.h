@@ -29,10 +29,10 @@ namespace platform {
 //
 // The policy of the bus decides who may send; everybody may receive.
 //
-// It connects and reconnects on the loop for as long as it lives. Until a bus has registered it for
-// the first time, posts are queued, up to a limit, and survive the end of a connection: a program
-// announces its start once, and the bus closes the connection of a program that was busy for longer
-// than the bus waits for a log-in. Later, posts are queued only while a bus answers its Hello.
+// It connects and reconnects on the loop for as long as it lives. While no bus has registered it,
+// posts are queued, up to a limit, and survive the end of a connection: a program announces its
+// start once, and the bus closes the connection of a program that was busy for longer than the bus
+// waits for a log-in. Posts that libdbus has taken are lost with their bus.
 class BusNotificationCenter final : public DistributedNotificationCenter {
  public:
   // See makeBusNotificationCenter() in NotificationBus.h.
@@ -54,7 +54,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
  private:
   class Observer;
   enum class Awaited { kHello, kMatch };
-  struct EarlyPost {
+  struct WaitingPost {
     std::string name;
     UniqueDBusMessage message;
   };
@@ -64,7 +64,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   void peerEnded();
   void keepSignals();
   void lost();
-  void dropEarlyPosts();
+  void logWaitingPosts();
   void dispatchLater();
   bool sayHello();
   void registered();
@@ -79,7 +79,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   void sendFromOtherThread(const DistributedNotification& notification);
   void send(const DistributedNotification& notification);
   Result<void> trySend(const DistributedNotification& notification);
-  Result<void> queue(EarlyPost post);
+  Result<void> queue(WaitingPost post);
 
   void dispatch();
   void handleReply(DBusMessage& reply);
@@ -101,12 +101,11 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   std::unique_ptr<DBusSources> sources_;
   Instant connectedAt_;  // of the connection, or of the last one
   bool registered_ = false;
-  bool wasEverRegistered_ = false;  // and has sent the posts that waited for it
   // Observers may have missed posts, until the bus has confirmed the rules of all of them.
   bool mayHaveMissed_ = false;
   std::map<std::uint32_t, Awaited> awaited_;  // by the serial of the request
-  std::deque<EarlyPost> early_;               // posts that wait for the registration
-  std::size_t earlyBytes_ = 0;
+  std::deque<WaitingPost> waiting_;           // posts that wait for the registration
+  std::size_t waitingBytes_ = 0;
   // Signals that arrived while we waited for a confirmation, or before the bus ended.
   std::deque<UniqueDBusMessage> stash_;
   std::unique_ptr<RunLoopHandle> retry_;

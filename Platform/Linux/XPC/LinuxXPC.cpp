@@ -56,6 +56,16 @@ LinuxXPC::~LinuxXPC() {
   }
 }
 
+std::future<void> LinuxXPC::endAside(std::unique_ptr<LinuxXPC> xpc) {
+  std::promise<void> ended;
+  auto end = ended.get_future();
+  std::thread([xpc = std::move(xpc), ended = std::move(ended)]() mutable {
+    xpc.reset();
+    ended.set_value_at_thread_exit();
+  }).detach();
+  return end;
+}
+
 void LinuxXPC::performOnLoop(const std::function<void()>& action) {
   if (std::this_thread::get_id() == loopThread_) return action();
   const auto done = std::make_shared<std::promise<void>>();

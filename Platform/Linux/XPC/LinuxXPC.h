@@ -40,6 +40,11 @@ class LinuxXPC {
   // Ends the connections and blocks until running requests have been served.
   ~LinuxXPC();
 
+  // Ends it on a thread of its own. The future is ready when that is done, and waits for nobody: a
+  // check of a signature or a read of a disk that hangs can't be cancelled. A program that can't
+  // wait that long has to end by endProgramNow() (Logging/LogAtEnd.h).
+  static std::future<void> endAside(std::unique_ptr<LinuxXPC> xpc);
+
   XPC& xpc() { return *xpc_; }
 
  private:

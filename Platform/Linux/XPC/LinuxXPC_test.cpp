@@ -155,6 +155,41 @@ TEST(LinuxXPCTest, ARunningRequestMayUseItsListenerWhileTheXPCEnds) {
   server.reset();
 }
 
+// Holds its thread until it may end.
+class Holding final : public NSXPCListenerDelegate {
+ public:
+  bool listener(NSXPCListener& /*listener*/, const std::shared_ptr<NSXPCConnection>&) override {
+    begun.set_value();
+    mayEnd.get_future().wait();
+    return false;
+  }
+
+  std::promise<void> begun;
+  std::promise<void> mayEnd;
+};
+
+TEST(LinuxXPCTest, AnEndAsideWaitsForNoRequest) {
+  TemporaryFolder folder;
+  FakeLogSink sink;
+  SystemLog log(sink, "test");
+  const auto client = std::move(*LinuxXPC::make(
+      log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt));
+  auto server = std::move(*LinuxXPC::make(
+      log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt));
+  const auto delegate = std::make_shared<Holding>();
+  auto listener = server->xpc().makeAnonymousListener();
+  listener->setDelegate(delegate);
+  listener->resume();
+  const auto connection = client->xpc().makeConnection(listener->endpoint());
+  connection->resume();
+  delegate->begun.get_future().wait();
+  listener.reset();
+  const std::future<void> end = LinuxXPC::endAside(std::move(server));
+  EXPECT_EQ(end.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  delegate->mayEnd.set_value();
+  EXPECT_EQ(end.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+}
+
 TEST(LinuxXPCTest, ALongRequestLearnsThatItsXPCHasEnded) {
   LinuxXPCHarness harness;
   XPCJournal journal(harness);

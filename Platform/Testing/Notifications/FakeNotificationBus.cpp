@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "Platform/Values/Error.h"
-
 namespace platform {
 
 class FakeNotificationBus::Center final : public DistributedNotificationCenter {
@@ -30,15 +28,15 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
   void postNotificationName(std::string_view name, std::optional<std::string> object,
                             Value userInfo, NSNotificationPosting /*posting*/) override {
     DistributedNotification notification{std::string(name), std::move(object), std::move(userInfo)};
-    Result<void> possible = checkDistributedNotification(notification);
-    if (possible && !bus_.running_)
-      possible = std::unexpected(Error{ErrorCode::kNotFound, 0, "the bus is not there"});
-    if (!possible) return logLostPost(log_, notification.name, possible.error());
-    if (!isLoggedIn_ && isLate()) {
+    if (const auto possible = checkDistributedNotification(notification); !possible) {
+      logLostPost(log_, notification.name, possible.error());
+    } else if (!bus_.running_) {
+      bus_.waiting_.push_back(std::move(notification));
+    } else if (!isLoggedIn_ && isLate()) {
       logIn();
       early_.push_back(std::move(notification));
     } else {
-      deliver(std::move(notification));
+      bus_.deliver(std::move(notification));
     }
   }
 
@@ -53,15 +51,10 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
     }
     retry_ = bus_.loop_.startTimer(kRetryTime, RunLoop::Repeat::kOnce, [this] {
       isLoggedIn_ = true;
-      for (DistributedNotification& post : std::exchange(early_, {})) deliver(std::move(post));
+      for (DistributedNotification& post : std::exchange(early_, {})) {
+        bus_.deliver(std::move(post));
+      }
     });
-  }
-
-  void deliver(DistributedNotification notification) {
-    bus_.loop_.post(
-        [&bus = bus_, notification = std::move(notification), end = bus_.observers_.nextNumber()] {
-          bus.observers_.deliver(notification, end);
-        });
   }
 
   class Observer final : public Observation {
@@ -84,9 +77,16 @@ class FakeNotificationBus::Center final : public DistributedNotificationCenter {
 
 FakeNotificationBus::~FakeNotificationBus() = default;
 
+void FakeNotificationBus::deliver(DistributedNotification notification) {
+  loop_.post([this, notification = std::move(notification), end = observers_.nextNumber()] {
+    observers_.deliver(notification, end);
+  });
+}
+
 void FakeNotificationBus::start() {
   if (running_.exchange(true)) return;
   loop_.post([this] { returnObservers_.notify(); });
+  for (DistributedNotification& post : std::exchange(waiting_, {})) deliver(std::move(post));
 }
 
 std::unique_ptr<DistributedNotificationCenter> FakeNotificationBus::makeCenter(SystemLog& log) {

@@ -29,15 +29,18 @@ class FakeNotificationBus {
   // The centre logs failed posts to `log`, as the real one does.
   std::unique_ptr<DistributedNotificationCenter> makeCenter(SystemLog& log);
 
-  // Posts to a stopped bus are lost. start() after stop() is reported as the bus's return.
+  // Posts to a stopped bus wait for start(), which is reported as the bus's return.
   void stop() { running_ = false; }
   void start();
 
  private:
   class Center;
 
+  void deliver(DistributedNotification notification);
+
   RunLoop& loop_;
   std::atomic<bool> running_ = true;
+  std::vector<DistributedNotification> waiting_;  // posted while it was stopped
   DistributedObservers observers_;
   ReturnObservers returnObservers_;
 };

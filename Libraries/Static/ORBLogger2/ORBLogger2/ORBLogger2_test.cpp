@@ -324,6 +324,13 @@ TEST_F(ORBLogger2Test, PendingLinesAreWrittenWhenTheStateEnds) {
   EXPECT_THAT(sink_.messages(), ElementsAre(Message{"A", kFacility, ASL_LEVEL_ERR, "last words"}));
 }
 
+TEST_F(ORBLogger2Test, PendingLinesAreAnnouncedToTheLog) {
+  for (int i = 0; i < 3; ++i) vantorlogger2_log(kThread, ASL_LEVEL_ERR, "line");
+  EXPECT_EQ(*log_.announced(), 3U);
+  queues_.runPending();
+  EXPECT_EQ(*log_.announced(), 0U);
+}
+
 TEST_F(ORBLogger2Test, PendingLinesAreLimitedAndLostOnesReported) {
   const std::string part(WorkQueue::kMaximumBacklog / 8 - WorkQueue::kLineOverhead, 'x');
   for (int i = 0; i < 8; ++i) vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "%@", part);

@@ -11,7 +11,7 @@ constexpr std::size_t kKeptLines = 1024;
 }  // namespace
 
 WorkQueue::WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::SerialQueue> queue)
-    : systemLog_(systemLog), queue_(std::move(queue)) {}
+    : systemLog_(systemLog), announced_(systemLog.announced()), queue_(std::move(queue)) {}
 
 bool WorkQueue::add(int level, std::string_view text) {
   text = text.substr(0, platform::SystemLog::kMaximumMessageSize + 1);  // It is cut there anyway.
@@ -23,6 +23,7 @@ bool WorkQueue::add(int level, std::string_view text) {
   }
   waiting_.texts += text;
   waiting_.lines.push_back({level, text.size()});
+  announced_->fetch_add(1, std::memory_order_relaxed);
   return !std::exchange(blockOnItsWay_, true);
 }
 
@@ -44,6 +45,8 @@ void WorkQueue::writeWaiting() {
                        std::string_view(inWriting_.texts).substr(begin, line.size));
     begin += line.size;
   }
+  // Only now: whoever reads 0 finds them all in the log.
+  announced_->fetch_sub(inWriting_.lines.size(), std::memory_order_release);
   inWriting_.texts.clear();
   inWriting_.lines.clear();
   if (inWriting_.texts.capacity() > kKeptText) inWriting_.texts = {};

@@ -51,6 +51,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   void writeWaiting();
 
   platform::SystemLog& systemLog_;
+  const std::shared_ptr<platform::SystemLog::Announced> announced_;  // the log's
   const std::shared_ptr<platform::SerialQueue> queue_;
 
   std::mutex mutex_;
