@@ -100,5 +100,23 @@ TEST_F(DaemonFrozenLog, KilledServicesComeBackAndTheLossIsReported) {
   expectNoneLostNoneDoubled(pids());
 }
 
+// The bounds are generous: a write that is held up lasts ten minutes.
+TEST_F(DaemonFrozenLog, RequestsAndTheEndAreServed) {
+  const std::string label = DaemonRoot::label(0);
+  freezeLog();
+  const Instant begin = root_.loop().now();
+  const auto explained = root_.host().control({"explain", label});
+  EXPECT_EQ(explained.status, kSuccess) << explained.errors;
+  EXPECT_NE(explained.output.find(label), explained.output.npos) << explained.output;
+  const auto stopped = root_.host().control({"stop", label});
+  EXPECT_EQ(stopped.status, kSuccess) << stopped.errors;
+  EXPECT_EQ(root_.processOf(label), 0);
+  EXPECT_LT(root_.loop().now() - begin, std::chrono::seconds(20));
+  const Instant asked = root_.loop().now();
+  root_.endDaemonAndAwaitNext();
+  EXPECT_LT(root_.loop().now() - asked, std::chrono::seconds(20));
+  thawLog();
+}
+
 }  // namespace
 }  // namespace platform

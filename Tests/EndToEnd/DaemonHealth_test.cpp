@@ -76,6 +76,22 @@ class DaemonHealth : public testing::Test {
   std::unique_ptr<UserInterfaceClient> client_;
 };
 
+// The job host counts, so the next daemon knows what the one before has seen.
+TEST_F(DaemonHealth, TheCountsOutliveTheDaemon) {
+  crash(kA);
+  crash(kA);
+  root_.killDaemon();
+  root_.awaitStart();
+  awaitServices(root_, {DaemonRoot::kPrimary, kA, kB});
+  const auto [healthStatus, health] = control({"health"});
+  EXPECT_EQ(healthStatus, 0) << health;
+  EXPECT_THAT(health, HasSubstr("3 starts, 2 ends, 2 crashes."));
+  EXPECT_EQ(crashesOf(kA), Value(0));  // The record in memory begins with the daemon.
+  const auto [listStatus, list] = control({"list"});
+  EXPECT_EQ(listStatus, 0) << list;
+  EXPECT_THAT(list, HasSubstr("2 crashes in 3 starts"));
+}
+
 TEST_F(DaemonHealth, ACrashLoopIsUnhealthyForOneSummary) {
   const Value healthy = Dictionary{{DaemonRoot::kPrimary, 0}, {kA, 0}, {kB, 0}};
   EXPECT_EQ(summary(), healthy);
