@@ -346,7 +346,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::unique_ptr<ServiceHealth> healthInfo_;
 
   SettingsQuestions settings_;
-  const std::shared_ptr<LastLoggedInUser> lastUser_;  // shared with requests of other threads
+  const std::shared_ptr<LastLoggedInUser> lastUser_;      // shared with requests of other threads
   const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
   platform::TurnQueue turns_;
