@@ -1,0 +1,22 @@
+#pragma once
+
+#include <utility>
+
+#include "ServiceManager/Workers/ExtensionClients.h"
+
+// The daemon's own use of its extensions, on a thread that may wait for them. The thread runs from
+// the constructor on; stop it before this ends.
+class ExtensionWorker {
+ public:
+  ExtensionWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
+                  platform::CodeSignatures& signatures);
+  ExtensionWorker(const ExtensionWorker&) = delete;
+  ExtensionWorker& operator=(const ExtensionWorker&) = delete;
+
+  KernelExtensionsPlatform platform() { return clients_.platform(); }
+  void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
+
+ private:
+  platform::LoopThread& thread_;
+  ExtensionClients clients_;
+};
