@@ -25,8 +25,8 @@ class CrashLoopsTest : public OperatorFixture {
                    entry("crash", {{"JobSpec", Dictionary{{"Program", "crash"}}}}));
     }
     install(catalogue(services));
-    starts_ = jobs_.observeStarts([this, life](std::string_view started) {
-      if (!started.starts_with("com.example.crash")) return;
+    starts_ = jobs_.observeStarts([this, life](std::string_view started, Jobs::Start start) {
+      if (start != Jobs::Start::kStarted || !started.starts_with("com.example.crash")) return;
       loop_.scheduleOutsideEvent(life, [this, label = std::string(started)] {
         if (isRunning(label.c_str())) jobs_.endProcess(label, {ExitStatus::Kind::kSignalled, 6});
       });
