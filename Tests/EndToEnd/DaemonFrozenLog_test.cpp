@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +29,15 @@ class DaemonFrozenLog : public DaemonFixture {
       tracers_.push_back(freezeLogOf(process));
   }
   void thawLog() { tracers_.clear(); }
+
+  // The state of its main thread in /proc: 'Z' once the process has ended.
+  static char stateOf(ProcessId process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name = text.rfind(") ");
+    return name == text.npos ? 'Z' : text[name + 2];
+  }
 
   void expectTheOperatorIsAnswered() {
     const auto listed = root_.host().control({"list"});
@@ -112,10 +122,17 @@ TEST_F(DaemonFrozenLog, RequestsAndTheEndAreServed) {
   EXPECT_EQ(stopped.status, kSuccess) << stopped.errors;
   EXPECT_EQ(root_.processOf(label), 0);
   EXPECT_LT(root_.loop().now() - begin, std::chrono::seconds(20));
+  root_.expectStart();
+  const ProcessId daemon = root_.processOf(DaemonRoot::kDaemon);
   const Instant asked = root_.loop().now();
-  root_.endDaemonAndAwaitNext();
+  root_.kill(DaemonRoot::kDaemon, SIGTERM);
+  // The tracer holds the thread of the log, and nothing else is left of the daemon.
+  const auto look = root_.loop().startTimer(std::chrono::milliseconds(10), RunLoop::Repeat::kEvery,
+                                            [this] { root_.changed(); });
+  root_.await("the end of the daemon", [&] { return stateOf(daemon) == 'Z'; });
   EXPECT_LT(root_.loop().now() - asked, std::chrono::seconds(20));
   thawLog();
+  root_.awaitStart();
 }
 
 }  // namespace
