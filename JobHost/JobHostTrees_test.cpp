@@ -61,8 +61,8 @@ class JobHostTrees : public RealJobHostTest {
   // A job that starts a process with a session of its own, twice forked, deaf to SIGTERM and
   // without the mark, and then goes on with `then`.
   Dictionary jobWithRunaway(const std::string& then) const {
-    const std::string runaway = "trap '' TERM HUP INT; echo $$ >" + lines_.path() + "; echo >" +
-                                ready_ + "; exec /bin/sleep 1000";
+    const std::string runaway = "trap '' TERM HUP INT PIPE; echo $$ >" + lines_.path() +
+                                "; echo >" + ready_ + "; exec /bin/sleep 1000";
     Dictionary job =
         scriptJob(kTreeLabel, "[ -p " + ready_ + " ] || mkfifo " + ready_ +
                                   "; (setsid /usr/bin/env -i /bin/sh -c \"" +
