@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "JobHost/JobHostBed_contract.h"
@@ -164,6 +165,7 @@ TEST_F(JobHostTrees, AGroupThatAKilledHostLeftIsRemoved) {
   EXPECT_TRUE(std::filesystem::exists(group));
   dropHost();
   ::kill(leader, SIGKILL);
+  ASSERT_EQ(::waitpid(leader, nullptr, 0), leader);
   ASSERT_TRUE(std::filesystem::remove(root_.path("run/vantor/launchd.state")));
   startHost();
   EXPECT_FALSE(std::filesystem::exists(group));
