@@ -80,8 +80,11 @@ class DaemonHealth : public testing::Test {
 TEST_F(DaemonHealth, TheCountsOutliveTheDaemon) {
   crash(kA);
   crash(kA);
+  const std::string evaluation = "Evaluating service: " + kB + "\n";
+  const std::size_t before = root_.logCount(evaluation);
   root_.killDaemon();
   root_.awaitStart();
+  root_.awaitLog(evaluation, before + 1);
   awaitServices(root_, {DaemonRoot::kPrimary, kA, kB});
   const auto [healthStatus, health] = control({"health"});
   EXPECT_EQ(healthStatus, 0) << health;
