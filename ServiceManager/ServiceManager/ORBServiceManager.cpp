@@ -153,7 +153,8 @@ void ORBServiceManager::finishLaunching() {
   takeOver_.begin();
   evaluateForTheFirstTime();
   userClients_.removeAll();
-  // Its thread registers its name meanwhile, so that it is there when the start is announced.
+  // Its thread registers its name meanwhile. Nothing waits for that, so a client that comes right
+  // after the announcement may find the name missing for a moment.
   vendOperatorServer();
   servers_.vendServers();
   servers_.vendXPCListeners();
