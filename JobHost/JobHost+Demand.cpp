@@ -90,9 +90,13 @@ void JobHost::awaitDemand(Job& job) {
   job.isDemanded = false;
   if (isShuttingDown_ || job.isDefinitionLost) return;
   for (const std::string& service : job.machServices) {
-    const Descriptor listener = sockets_.find(service, job.label);
-    if (listener < 0) continue;
-    auto watch = loop_.watchReadable(listener, platform::Urgency::kOrdinary,
+    // A process that was taken over may have had no socket that could be kept.
+    const auto listener = sockets_.listen(service, job.label);
+    if (!listener) {
+      log(platform::ASL_LEVEL_ERR, platform::describe(listener.error()));
+      continue;
+    }
+    auto watch = loop_.watchReadable(*listener, platform::Urgency::kOrdinary,
                                      [this, &job] { demanded(job); });
     if (watch) {
       job.demand.push_back(*std::move(watch));

@@ -141,6 +141,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
   }
   setCost(job, *cost);
   if (isReplaced) removedByClient_.insert(job.label);
+  job.isDemanded = false;  // The new definition may have other services, or none.
   const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobAction action =
       nextAction(job.phase, JobEvent::kSubmitted, wantsProcessAtLoad(job.rules), mayStart);

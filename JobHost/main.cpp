@@ -95,8 +95,10 @@ int main() {
   if (const auto folder = platform::makeConnectionsFolder(linux.configuration); !folder) {
     return fail(folder.error());
   }
+  // The jobs matter more than the bus, which admits only root without this file.
   if (const auto clients = platform::writeBusClients(linux.configuration); !clients) {
-    return fail(clients.error());
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
+                            "the bus admits only root: " + platform::describe(clients.error()));
   }
   const platform::ListenerPlaces places(linux.configuration);
   if (const auto folder = platform::shareEndpointFolder(places.root(), places.endpointClients());

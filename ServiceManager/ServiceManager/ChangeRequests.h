@@ -18,7 +18,7 @@ class ChangeRequests {
  public:
   // In a minute that starts with a request: of one user, and of all users together.
   static constexpr std::size_t kOfUser = 20;
-  static constexpr std::size_t kOfAll = 40;
+  static constexpr std::size_t kOfAll = 160;
   static constexpr platform::Duration kPeriod = std::chrono::minutes(1);
 
   // Whether a line about a request of the user may be written.

@@ -19,10 +19,12 @@ void InstallerServer::takeMessage(std::string_view selector, const Array& argume
   if (!isEnd && !labels.array()) {
     return reply.answer(message.invalidArgument("an array of labels"));
   }
+  // The end always passes: without it all services would stay stopped. Repeated ends are one
+  // evaluation.
+  if (isEnd) return reply.answer(manager_.evaluateServices());
   if (auto refusal = changes_.refusal()) {
     return reply.answer(std::unexpected(*std::move(refusal)));
   }
-  if (isEnd) return reply.answer(manager_.evaluateServices());
   manager_.shutdownServices(*labels.array(),
                             [reply = std::move(reply)](bool haveAllStopped) mutable {
                               reply.answer(Value(haveAllStopped));

@@ -10,19 +10,24 @@ Duration nextRecheckPause(Duration pause) {
 
 void ProgramRechecks::couldNotCheck(const std::string& label) {
   Waiting& waiting = waiting_[label];
+  waiting.isRefused = false;
   waiting.pause = nextRecheckPause(waiting.pause);
   checkAfter(label, waiting, waiting.pause);
 }
 
 void ProgramRechecks::hasChecked(const std::string& label) {
   waiting_.erase(label);
-  for (auto& [other, waiting] : waiting_) checkAfter(other, waiting, Duration::zero());
+  for (auto& [other, waiting] : waiting_) {
+    if (!waiting.isRefused) checkAfter(other, waiting, Duration::zero());
+  }
 }
 
 void ProgramRechecks::wasRefused(const std::string& label) {
   Duration& pause = refusals_[label];
   pause = nextRecheckPause(pause);
-  checkAfter(label, waiting_[label], pause);
+  Waiting& waiting = waiting_[label];
+  waiting.isRefused = true;
+  checkAfter(label, waiting, pause);
 }
 
 void ProgramRechecks::forget(const std::string& label) {

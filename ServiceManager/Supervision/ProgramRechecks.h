@@ -42,6 +42,7 @@ class ProgramRechecks {
  private:
   struct Waiting {
     platform::Duration pause{};
+    bool isRefused = false;  // by the job host, so the verdict on another program changes nothing
     std::unique_ptr<platform::RunLoopHandle> timer;
   };
   void checkAfter(const std::string& label, Waiting& waiting, platform::Duration delay);

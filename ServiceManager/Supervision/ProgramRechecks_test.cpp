@@ -71,6 +71,17 @@ TEST_F(ProgramRechecksTest, ThePauseGrowsWithEveryRefusal) {
   EXPECT_EQ(checked_.size(), 3u);
 }
 
+TEST_F(ProgramRechecksTest, RefusedProgramsDoNotCheckEachOtherAtOnce) {
+  rechecks_.wasRefused("a");
+  rechecks_.wasRefused("b");
+  rechecks_.hasChecked("a");
+  rechecks_.wasRefused("a");
+  rechecks_.couldNotCheck("c");
+  rechecks_.hasChecked("d");
+  loop_.advanceBy(ProgramRechecks::kFirstPause - 1ns);
+  EXPECT_THAT(checked_, ElementsAre("c"));
+}
+
 TEST_F(ProgramRechecksTest, AStoppedServiceIsNotCheckedAgain) {
   rechecks_.couldNotCheck("a");
   rechecks_.wasRefused("b");

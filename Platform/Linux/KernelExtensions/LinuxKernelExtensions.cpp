@@ -30,7 +30,12 @@ Dictionary jobInformationOf(const Value& job) {
 }
 
 Error extensionErrorOf(const std::string& identifier, const NSError& error) {
-  return {ErrorCode::kSystem, 0, fmt::format("{}: {}", identifier, error.localizedDescription)};
+  std::string why = fmt::format("{}: {}", identifier, error.localizedDescription);
+  // The program was replaced after the check, so nothing is known about the new one.
+  if (error.code == static_cast<int>(LaunchdError::kProgramChanged)) {
+    return uncheckedExtension(std::move(why));
+  }
+  return {ErrorCode::kSystem, 0, std::move(why)};
 }
 
 Error unknownJob(const std::string& identifier) {
@@ -160,6 +165,8 @@ Result<bool> LinuxKernelExtensions::isLoaded(const KextBundle& bundle) {
   // An extension that may be running is neither trusted unchecked nor started a second time.
   if (isJobUnknown(job)) return std::unexpected(unknownJob(bundle.identifier));
   if (job.isNil()) return false;
+  // The job waits for another submission: its program is no longer the verified one.
+  if (job[kJobProgramChangedKey] == Value(true)) return false;
   return !bundle.kernelModule || environment_.modules.isLoaded(*bundle.kernelModule);
 }
 

@@ -292,6 +292,38 @@ TEST_F(LinuxKernelExtensionsTest, ACrashedExtensionIsRestartedByTheHost) {
   EXPECT_TRUE(machine_.load(kGood));
 }
 
+TEST_F(LinuxKernelExtensionsTest, AReplacedExtensionIsVerifiedAndStartedAgain) {
+  VerifiedFile file;
+  file.digestName = "SHA256";
+  file.digest = {1};
+  const auto install = [&] {
+    machine_.signatures.setFile(machine_.program(kGood), file);
+    machine_.jobs.setFile(machine_.program(kGood), file);
+  };
+  install();
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.loop.advanceBy(10s);
+  file.digest = {2};
+  install();
+  machine_.jobs.endProcess("kext." + std::string(kGood), {ExitStatus::Kind::kExited, 0});
+  machine_.loop.runReady();
+  ASSERT_FALSE(machine_.processOf(kGood));
+  EXPECT_TRUE(machine_.load(kGood));
+  EXPECT_TRUE(machine_.processOf(kGood));
+}
+
+TEST_F(LinuxKernelExtensionsTest, AProgramThatIsReplacedAfterItsCheckIsUnchecked) {
+  VerifiedFile file;
+  file.digestName = "SHA256";
+  file.digest = {1};
+  machine_.signatures.setFile(machine_.program(kGood), file);
+  file.digest = {2};
+  machine_.jobs.setFile(machine_.program(kGood), file);
+  const auto loaded = machine_.load(kGood);
+  ASSERT_FALSE(loaded);
+  EXPECT_TRUE(isUnchecked(loaded.error())) << describe(loaded.error());
+}
+
 // Its user unloads and loads an extension that never becomes usable again and again.
 TEST_F(LinuxKernelExtensionsTest, NoExtensionIsStartedMoreThanThreeTimesAMinute) {
   for (int i = 0; i < 3; ++i) {

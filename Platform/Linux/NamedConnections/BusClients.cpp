@@ -1,6 +1,9 @@
 #include "Platform/Linux/NamedConnections/BusClients.h"
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -34,6 +37,20 @@ std::string xmlText(std::string_view text) {
   return escaped;
 }
 
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Result<void> replace(const std::string& path, const std::string& text) {
+  auto file = ReplacementFile::createFor(path);
+  if (!file) return std::unexpected(std::move(file.error()));
+  const std::vector<std::uint8_t> bytes(text.begin(), text.end());
+  if (auto written = file->append(bytes); !written) return written;
+  if (auto permitted = file->setMode(kMode); !permitted) return permitted;
+  return file->commit();
+}
+
 }  // namespace
 
 std::string busClientsText(const PlatformConfiguration& configuration, std::uint32_t ownUser) {
@@ -52,12 +69,11 @@ std::string pathOfBusClients(std::string_view root) {
 
 Result<void> writeBusClients(const PlatformConfiguration& configuration) {
   const std::string text = busClientsText(configuration, ::geteuid());
-  auto file = ReplacementFile::createFor(pathOfBusClients(configuration.root));
-  if (!file) return std::unexpected(std::move(file.error()));
-  const std::vector<std::uint8_t> bytes(text.begin(), text.end());
-  if (auto written = file->append(bytes); !written) return written;
-  if (auto permitted = file->setMode(kMode); !permitted) return permitted;
-  return file->commit();
+  const std::string path = pathOfBusClients(configuration.root);
+  if (contentOf(path) == text) return {};  // A full disk changes nothing then.
+  auto written = replace(path, text);
+  if (!written) ::unlink(path.c_str());  // It could admit too many.
+  return written;
 }
 
 }  // namespace platform

@@ -48,5 +48,25 @@ TEST(BusClientsTest, ItIsWrittenForEveryReader) {
   EXPECT_EQ(status.st_mode & 07777u, 0644u);
 }
 
+TEST(BusClientsTest, WhatIsUnchangedNeedsNoRoom) {
+  const TemporaryFolder folder;
+  std::filesystem::create_directories(folder.path("run/vantor"));
+  const PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
+  ASSERT_TRUE(writeBusClients(configuration));
+  struct stat before{};
+  ASSERT_EQ(::stat(pathOfBusClients(folder.path()).c_str(), &before), 0);
+  ASSERT_TRUE(writeBusClients(configuration));
+  struct stat after{};
+  ASSERT_EQ(::stat(pathOfBusClients(folder.path()).c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST(BusClientsTest, AFileThatCannotBeReplacedAdmitsNobody) {
+  const TemporaryFolder folder;
+  PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
+  EXPECT_FALSE(writeBusClients(configuration));  // There is no folder.
+  EXPECT_FALSE(std::filesystem::exists(pathOfBusClients(folder.path())));
+}
+
 }  // namespace
 }  // namespace platform

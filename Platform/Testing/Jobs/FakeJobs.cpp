@@ -233,8 +233,9 @@ void FakeJobs::act(const std::string& label, JobEvent event, bool wantsProcess) 
   }
 }
 
-void FakeJobs::startFailed(const std::string& label, const Job& job) {
-  if (!hasProgramChanged(job.dictionary)) return act(label, JobEvent::kStartFailed, true);
+void FakeJobs::startFailed(const std::string& label, Job& job) {
+  job.waitsForSubmission = hasProgramChanged(job.dictionary);
+  if (!job.waitsForSubmission) return act(label, JobEvent::kStartFailed, true);
   loop_.post([this, label] { startObservers_.report(label, Start::kProgramChanged); });
 }
 
@@ -268,6 +269,7 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   if (isNew && isFull_) return failure(LaunchdError::kHostIsFull, "the host takes no more jobs");
   Job& submitted = add(label);
   submitted.dictionary = job;
+  submitted.waitsForSubmission = false;
   submitted.rules = rulesOf(job);
   const bool wants = wantsProcessAtLoad(submitted.rules);
   const bool mayStart = loop_.now() >= earliestStart(submitted.rules, submitted.recent);
@@ -332,6 +334,7 @@ Value FakeJobs::copy(std::string_view domain, std::string_view label) {
   Dictionary dictionary = *known->dictionary.dictionary();
   if (known->process) dictionary.set(kJobProcessKey, *known->process);
   if (known->lastExitStatus) dictionary.set(kJobLastStatusKey, *known->lastExitStatus);
+  if (known->waitsForSubmission) dictionary.set(kJobProgramChangedKey, true);
   dictionary.set(kJobHistoryKey, valueOfHistory(*known->history, JobHistoryDetail::kCountsAndEnds));
   return dictionary;
 }

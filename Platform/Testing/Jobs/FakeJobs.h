@@ -119,7 +119,8 @@ class FakeJobs final : public Jobs {
     std::size_t starts = 0;
     bool ignoresTermination = false;
     bool removing = false;
-    JobHistory* history = nullptr;  // never null
+    bool waitsForSubmission = false;  // because its program has changed
+    JobHistory* history = nullptr;    // never null
   };
 
   // A call that does not block, until it is answered.
@@ -138,7 +139,7 @@ class FakeJobs final : public Jobs {
   std::expected<void, NSError> admit(std::string_view domain);
   std::expected<void, NSError> start(const std::string& label, Job& job);
   void act(const std::string& label, JobEvent event, bool wantsProcess);
-  void startFailed(const std::string& label, const Job& job);
+  void startFailed(const std::string& label, Job& job);
   bool hasProgramChanged(const Value& dictionary) const;
   void startAt(const std::string& label, Instant due);
   void end(Job& job, ExitStatus status);
