@@ -153,11 +153,11 @@ void ORBServiceManager::finishLaunching() {
   takeOver_.begin();
   evaluateForTheFirstTime();
   userClients_.removeAll();
-  // Its thread registers its name meanwhile. Nothing waits for that, so a client that comes right
-  // after the announcement may find the name missing for a moment.
+  // Its thread registers its name meanwhile.
   vendOperatorServer();
   servers_.vendServers();
   servers_.vendXPCListeners();
+  platform_.operatorWorker.awaitWork();  // The announcement tells clients that all names are there.
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
