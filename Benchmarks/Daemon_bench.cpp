@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -31,6 +32,7 @@
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/SystemFacts/DevRandom.h"
+#include "Platform/Processes/RestartPolicy.h"
 #include "Platform/Testing/Files/FakeExtendedAttributes.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
 #include "Platform/Testing/KernelExtensions/FakeKernelExtensions.h"
@@ -48,6 +50,7 @@ using namespace platform;
 
 constexpr int kFewServices = 10;
 constexpr int kManyServices = 1000;
+constexpr int kRestarts = 10;
 constexpr double kBytesPerService = 4096;  // with the copies of the picture for the operator
 
 const bool kAdded[] = {
@@ -193,13 +196,15 @@ void restartSubject(benchmark::State& state) {
     const MessageResult process = client.ask("pidForService:", {label});
     if (!process || !process->integer()) return state.SkipWithError("no process");
     client.forgetNotices();
+    // A job that ends sooner is started again after a pause.
+    std::this_thread::sleep_for(kGoodRun);
     const auto start = Clock::now();
     ::kill(static_cast<pid_t>(*process->integer()), SIGKILL);
     while (!client.hasNotice(label, 1)) daemon.root().loop().run();
     state.SetIterationTime(since(start));
   }
 }
-BENCHMARK(restartSubject)->Name("daemon-restart/subject")->UseManualTime();
+BENCHMARK(restartSubject)->Name("daemon-restart/subject")->UseManualTime()->Iterations(kRestarts);
 
 void restartBaseline(benchmark::State& state) {
   DaemonRoot root;
@@ -215,13 +220,14 @@ void restartBaseline(benchmark::State& state) {
   }
   for (auto _ : state) {
     const ProcessId process = root.processOf(label);
+    std::this_thread::sleep_for(kGoodRun);
     const auto start = Clock::now();
     ::kill(process, SIGKILL);
     if (root.host().nextOutput() != "ready") return state.SkipWithError("no next process");
     state.SetIterationTime(since(start));
   }
 }
-BENCHMARK(restartBaseline)->Name("daemon-restart/baseline")->UseManualTime();
+BENCHMARK(restartBaseline)->Name("daemon-restart/baseline")->UseManualTime()->Iterations(kRestarts);
 
 // This process and its job host, each on a processor.
 class Pinned {

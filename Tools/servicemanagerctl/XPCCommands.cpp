@@ -61,8 +61,14 @@ Refusal notConnected(const XPCCommands::Environment& environment) {
         refusalOfPermission(*failure, "the service manager", environment.group, environment.isRoot);
     if (refused) return *std::move(refused);
   }
+  // It is reachable now: a daemon that was restarted meanwhile, or one that refused this client.
+  if (!failure) {
+    return {kExitFailed,
+            "the service manager ended the connection before it answered; it may have been "
+            "restarted: try again, and see \"servicemanagerctl log\""};
+  }
   // A process has the name, even if it does not answer.
-  if (!failure || failure->kind == PeerConnectFailure::Kind::kTimedOut)
+  if (failure->kind == PeerConnectFailure::Kind::kTimedOut)
     return {kExitFailed, fmt::format("the service manager takes no connection; {}", kBusy)};
   return {kExitNobodyThere,
           fmt::format("no service manager serves endpoints below {}; is it running? "

@@ -373,10 +373,19 @@ TEST_F(XPCCommandsTest, WithoutADaemonNobodyIsThere) {
 }
 
 TEST_F(XPCCommandsTest, ADaemonThatTakesNoConnectionIsNotMissing) {
-  whyNotConnected_.reset();  // as a daemon that was stopped by a signal
+  // as a daemon that was stopped by a signal
+  whyNotConnected_ = PeerConnectFailure{PeerConnectFailure::Kind::kTimedOut,
+                                        {ErrorCode::kSystem, ETIMEDOUT, "connecting"}};
   expectFailures(all_, TimeOuts(), kExitFailed,
                  "servicemanagerctl: the service manager takes no connection; it is there, but too "
                  "busy or stuck: try again later, and see \"servicemanagerctl log\"\n");
+}
+
+TEST_F(XPCCommandsTest, ADaemonThatIsThereAgainIsNotCalledBusy) {
+  whyNotConnected_.reset();  // as a daemon that was restarted while it was asked
+  expectFailures(all_, TimeOuts(), kExitFailed,
+                 "servicemanagerctl: the service manager ended the connection before it answered; "
+                 "it may have been restarted: try again, and see \"servicemanagerctl log\"\n");
 }
 
 TEST_F(XPCCommandsTest, AnEmptyNameIsNotUnderstood) {
