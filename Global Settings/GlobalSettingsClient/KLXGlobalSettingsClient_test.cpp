@@ -126,7 +126,7 @@ constexpr Expected kExpected[] = {
     {"webControl", "com.vantor.WebControlPreferences", "com.vantor.WebControlPreferences.didStart"},
 };
 
-TEST_F(KLXGlobalSettingsClientTest, EachFactoryIsFoundByItsSelectorAndSpeaksToItsOwnServer) {
+TEST_F(KLXGlobalSettingsClientTest, EachFactorySpeaksToItsOwnServer) {
   SettingsClientFactories factories;
   addSettingsClientFactories(factories, environment());
   for (const Expected& expected : kExpected) {

@@ -301,7 +301,7 @@ TEST_F(ExtensionControlTest, AFailureIsRememberedUntilAStartSucceeds) {
   EXPECT_TRUE(control_.failures().empty());
 }
 
-TEST_F(ExtensionControlTest, AnOldExtensionInUseIsTooOldAndNotOnlyInUse) {
+TEST_F(ExtensionControlTest, AnOldExtensionInUseIsTooOld) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   auto client = connectToControl(controls_, kNetwork);
