@@ -392,12 +392,4 @@ TEST_F(KLXGlobalSettingsClientTest, ItAnswersForItsOwnMethodsAndForTheProtocols)
   EXPECT_TRUE(client.conformsToProtocol("KLXGlobalSettingsProtocol"));
 }
 
-TEST_F(KLXGlobalSettingsClientTest, EveryDomainHasNamesOfItsOwn) {
-  std::set<std::string> names;
-  for (const GlobalSettingsDomain& domain : kGlobalSettingsDomains) {
-    names.insert({domain.prefix, domain.connectionName, domain.startNotification});
-  }
-  EXPECT_EQ(names.size(), 3 * kGlobalSettingsDomains.size());
-}
-
 }  // namespace
