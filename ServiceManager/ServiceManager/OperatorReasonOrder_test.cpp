@@ -24,10 +24,15 @@ class OperatorReasonOrderTest : public ServiceManagerFixture {
 
   void begin(const Faults& faults) {
     faults_ = faults;
-    system_.setRelease("15.0.0", {10, 11, 0});
+    manager_.reset();
+    for (const char* label : {kPrimary, kHelper}) {
+      jobs_.SMJobRemove(kSMDomainSystemLaunchd, label, nullptr, true);
+      ASSERT_FALSE(isRunning(label));
+    }
+    system_.setRelease("14.0.0", {10, 10, 0});
     use(catalogue({{kPrimary, entry("configd")},
                    {kHelper, entry("helper", {{"MinimumOSVersion",
-                                               faults.isUnsupported ? "10.12" : "10.11"}})}}));
+                                               faults.isUnsupported ? "10.11" : "10.10"}})}}));
     if (faults.program == ProgramState::kMissing) files_.remove(pathOf("helper"));
     if (faults.program == ProgramState::kDamaged) damageProgram("helper");
     enterMode(faults.mode);
@@ -48,7 +53,7 @@ class OperatorReasonOrderTest : public ServiceManagerFixture {
     if (reason == kReasonStopped) faults_.isStopped = false;
     if (reason == kReasonPrimaryStopped) faults_.isPrimaryStopped = false;
     if (reason == kReasonInstaller || reason == kReasonWaiting) enterMode(kNormal);
-    if (reason == kReasonUnsupported) system_.setRelease("16.0.0", {10, 12, 0});
+    if (reason == kReasonUnsupported) system_.setRelease("15.0.0", {10, 11, 0});
     if (reason == kReasonNoProgram || reason == kReasonDamaged) addProgram("helper");
     mark();
   }
@@ -78,7 +83,7 @@ TEST_F(OperatorReasonOrderTest, TheServiceStartsWhenEachReasonIsRepaired) {
         const Faults faults{mode, (more & 1) != 0, (more & 2) != 0, (more & 4) != 0, program};
         SCOPED_TRACE(testing::Message() << "mode " << mode << ", program "
                                         << static_cast<int>(program) << ", others " << more);
-        begin(faults);
+        ASSERT_NO_FATAL_FAILURE(begin(faults));
         expectEachReasonOnce();
         ASSERT_FALSE(HasFailure());
       }

@@ -1,5 +1,6 @@
 #include "ServiceManager/ServiceManager/TakeOver.h"
 
+#include <cstddef>
 #include <optional>
 
 #include "ServiceManager/Supervision/Supervision_fixture.h"
@@ -20,17 +21,23 @@ class TakeOverTest : public SupervisionFixture {
     EXPECT_FALSE(takeOver_->goesOn());
     EXPECT_EQ(ready_, 1);
     EXPECT_EQ(ends_, 1);
+    EXPECT_EQ(workAtEnd_, 0u);
   }
 
   EvaluationTimers timers_{loop_};
   bool isDeciding_ = false;
   int ends_ = 0;
+  std::size_t workAtEnd_ = 0;  // services with work
   int ready_ = 0;
   std::optional<TakeOver> takeOver_{
       std::in_place, TakeOver::Environment{.timers = timers_,
                                            .enforcement = enforcement_,
                                            .isDeciding = [this] { return isDeciding_; },
-                                           .onEnd = [this] { ++ends_; }}};
+                                           .onEnd =
+                                               [this] {
+                                                 ++ends_;
+                                                 workAtEnd_ = enforcement_.work().size();
+                                               }}};
 };
 
 TEST_F(TakeOverTest, BeforeItBeginsEverybodyIsReady) {
@@ -73,9 +80,9 @@ TEST_F(TakeOverTest, ItWaitsForTheWorkOnServices) {
 TEST_F(TakeOverTest, WorkThatBeginsMeanwhileIsWaitedForToo) {
   begin();
   takeOver_->noteEvaluation();
-  enforcement_.enforceRunningForService(
-      kAgent, [this] { enforcement_.enforceRunningForService(kHelper, {}); });
+  enforcement_.enforceRunningForService(kAgent, {});
   takeOver_->continueIfQuiet();
+  enforcement_.enforceRunningForService(kHelper, {});
   loop_.runReady();
   EXPECT_TRUE(isRunning(kHelper));
   expectEnd();

@@ -57,7 +57,15 @@ class VendedOperatorServerTest : public SupervisedMachine {
     VantorDistantObject client(
         {loop_, tool_.connections, *center_, tool_.center, protocols_, system}, kServer,
         kORBServiceManagerOperatorProtocol, std::nullopt);
-    return client.sendMessage("overview").value_or(Value());
+    const auto proxy = client.rootProxy();
+    if (!proxy) return {};
+    Value answer;
+    // Both programs are on one loop, so the client must not block it.
+    proxy->sendMessageAsync("overview", {}, MessageReply([&answer](const MessageResult& result) {
+                              answer = result.value_or(Value());
+                            }));
+    loop_.runReady();
+    return answer;
   }
 
   ProtocolTable protocols_;
