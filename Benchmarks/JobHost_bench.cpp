@@ -1,4 +1,5 @@
-// The cost that the job host adds to starting a process, and the cost of a job.
+// The cost that the job host adds to starting a process, and the cost of a job. One file, because
+// all of them measure the same host.
 
 #include <algorithm>
 #include <array>

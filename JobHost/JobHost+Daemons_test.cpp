@@ -175,7 +175,7 @@ TEST_F(JobHostDaemons, AChangedFileReplacesTheDefinitionForTheNextStartOnly) {
   EXPECT_EQ(starts(), 1);
 }
 
-TEST_F(JobHostDaemons, AChangedFileWithAnUnknownUserLeavesTheDefinitionAsItWas) {
+TEST_F(JobHostDaemons, AFileWithAnUnknownUserChangesNoDefinition) {
   put(kept(kLabel));
   startHost();
   killHost();

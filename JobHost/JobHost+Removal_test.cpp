@@ -38,7 +38,7 @@ TEST_F(JobHostTest, RemovingAJobThatWaitsForItsThrottleIsDoneAtOnce) {
   EXPECT_EQ(starts(), 1);
 }
 
-TEST_F(JobHostTest, AProcessThatDoesNotEndIsKilledAfterTheExitTimeOut) {
+TEST_F(JobHostTest, AStubbornProcessIsKilledAfterTheExitTimeOut) {
   processes_.obeysTermination = false;
   for (const auto& [more, timeOut] :
        {std::pair<Dictionary, platform::Duration>{{}, 20s}, {{{"ExitTimeOut", 3}}, 3s}}) {

@@ -105,7 +105,7 @@ TEST_F(JobHostSearch, AProcessThatTheStateFileDoesNotKnowIsItsJobs) {
   EXPECT_EQ(starts(), 2);
 }
 
-TEST_F(JobHostSearch, WhatBelongsToNoJobIsKilled) {
+TEST_F(JobHostSearch, AProcessThatBelongsToNoJobIsKilled) {
   ASSERT_TRUE(submit(job("com.example.a")));
   const auto descendant = processes_.addDescendant(101);
   killHost();
@@ -129,7 +129,7 @@ TEST_F(JobHostSearch, ARemovalEndsWhatHasLeftTheGroup) {
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.b"));
 }
 
-TEST_F(JobHostSearch, WhatHasLeftTheGroupIsKilledAfterTheExitTimeOut) {
+TEST_F(JobHostSearch, AProcessThatLeftTheGroupIsKilledAfterTheExitTimeOut) {
   ASSERT_TRUE(submit(job("com.example.a")));
   const auto descendant = processes_.addDescendant(101);
   processes_.obeysTermination = false;

@@ -51,7 +51,7 @@ TEST_F(JobHostTest, AProcessTakenOverIsKeptAliveAndItsEndIsUnknown) {
             Value(job("com.example.a", {{"PID", 102}, {"LastExitStatusUnknown", true}})));
 }
 
-TEST_F(JobHostTest, AProcessThatEndedWithoutAHostIsStartedAgainByTheRules) {
+TEST_F(JobHostTest, AProcessThatEndedWithoutAHostIsRestartedByTheRules) {
   ASSERT_TRUE(submit(job("com.example.kept")));
   ASSERT_TRUE(submit(job("com.example.once", {{"KeepAlive", false}, {"RunAtLoad", true}})));
   loop_.advanceBy(10s);
@@ -125,7 +125,7 @@ TEST_F(JobHostTest, RemainingProcessesOfAnEndWithoutAHostAreKilledFirst) {
   EXPECT_EQ(pid("com.example.a"), Value(102));
 }
 
-TEST_F(JobHostTest, AGroupThatHasEndedWithItsLeaderIsNotSignalledByTheNextHost) {
+TEST_F(JobHostTest, TheNextHostDoesNotSignalAGroupThatHasEnded) {
   ASSERT_TRUE(submit(job("com.example.a")));
   killHost();
   processes_.end(101);
@@ -142,7 +142,7 @@ TEST_F(JobHostTest, RemainingProcessesOfAProcessTakenOverAreKilled) {
   EXPECT_EQ(processes_.signals[0], (FakeProcesses::Signalled{101, SIGKILL, loop_.now()}));
 }
 
-TEST_F(JobHostTest, AnotherGroupWithTheNumberOfAProcessTakenOverIsNotSignalled) {
+TEST_F(JobHostTest, ANewGroupWithTheNumberOfATakenOverOneIsNotSignalled) {
   ASSERT_TRUE(submit(job("com.example.kept", {{"ThrottleInterval", 3600}})));
   ASSERT_TRUE(submit(job("com.example.removed")));
   ASSERT_TRUE(submit(job("com.example.ends")));
@@ -164,7 +164,7 @@ TEST_F(JobHostTest, AnotherGroupWithTheNumberOfAProcessTakenOverIsNotSignalled) 
   EXPECT_THAT(processes_.signals, testing::IsEmpty());
 }
 
-TEST_F(JobHostTest, AnotherGroupThatGetsTheNumberDuringARemovalIsNotKilled) {
+TEST_F(JobHostTest, ANewGroupWithTheNumberOfARemovedOneIsNotKilled) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
   ASSERT_TRUE(submit(job("com.example.b")));

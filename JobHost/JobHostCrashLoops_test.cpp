@@ -48,7 +48,7 @@ class JobHostCrashLoops : public JobHostTest {
   }
 };
 
-TEST_F(JobHostCrashLoops, WithoutAThrottleAGoodRunIsFollowedByAStartAtOnce) {
+TEST_F(JobHostCrashLoops, WithoutAThrottleAGoodRunIsRestartedAtOnce) {
   ASSERT_TRUE(submit(unthrottled("com.example.a")));
   for (int i = 0; i < 20; ++i) {
     loop_.advanceBy(kGoodRun);

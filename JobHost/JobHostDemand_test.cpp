@@ -131,7 +131,7 @@ TEST_F(JobHostDemand, AFailedStartIsRetriedWhileAClientWaits) {
   EXPECT_EQ(starts(), 1u);
 }
 
-TEST_F(JobHostDemand, AProcessThatItsRulesDoNotRestartIsRestartedByAClient) {
+TEST_F(JobHostDemand, AClientRestartsAProcessThatItsRulesDoNot) {
   ASSERT_TRUE(submit(demandedJob({{"RunAtLoad", true}})));
   EXPECT_EQ(starts(), 1u);
   loop_.advanceBy(1min);

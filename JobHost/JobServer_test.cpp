@@ -313,7 +313,7 @@ TEST_F(JobServerTest, AMessageThatWantsNoAnswerDoesNothing) {
   EXPECT_THAT(host_->labels(), IsEmpty());
 }
 
-TEST_F(JobServerTest, ARequestIsCarriedOutAfterItsClientHasGone) {
+TEST_F(JobServerTest, ARequestIsCarriedOutAfterItsClientHungUp) {
   submitJob();
   processes_.obeysTermination = false;
   ask(kRemoveJobMessage, {kAgent, true});
@@ -373,7 +373,7 @@ TEST_F(JobServerTest, ASecondRequestForStartsEndsTheFirst) {
   EXPECT_FALSE(*second);
 }
 
-TEST_F(JobServerTest, AClientThatDoesNotAskAgainKeepsABoundedNumberOfStarts) {
+TEST_F(JobServerTest, ASubscriberThatDoesNotAskAgainKeepsFewStarts) {
   ask(kAwaitJobStartsMessage, {});
   for (std::size_t i = 0; i < StartSubscription::kMaximumLabels + 2; ++i) {
     submitJob({{"Label", "job" + std::to_string(i)}});
@@ -382,7 +382,7 @@ TEST_F(JobServerTest, AClientThatDoesNotAskAgainKeepsABoundedNumberOfStarts) {
             StartSubscription::kMaximumLabels);
 }
 
-TEST_F(JobServerTest, AClientThatHasGoneIsNoLongerTold) {
+TEST_F(JobServerTest, AClientThatHungUpIsNoLongerNotified) {
   ask(kAwaitJobStartsMessage, {});
   rootClient_->transport.die();
   loop_.runReady();

@@ -93,7 +93,7 @@ TEST_F(MachSocketsTest, TheSocketOfAnEarlierHostIsTakenOverOnce) {
   EXPECT_FALSE(isTakenOver({}));
 }
 
-TEST_F(MachSocketsTest, ASocketBoundElsewhereByTheSameNameIsNotTakenOver) {
+TEST_F(MachSocketsTest, ASocketOfTheSameNameElsewhereIsNotTakenOver) {
   folder_.write("elsewhere/file", "");
   EXPECT_FALSE(isTakenOver(listenAt(folder_.path("elsewhere/" + boundName()))));
 }

@@ -1,15 +1,15 @@
 #pragma once
 
-// Kept for the other programs of the product, which link this library. No program here uses it.
+// Other programs of the product link this library. No program of this project uses it.
 
 #include <cstdint>
 #include <span>
 #include <string>
 
-// Checksums of a file's content, which the caller passes as a whole. Pure; any thread; never fails.
+// Computes checksums. The caller passes the whole content of a file. Pure; any thread; never fails.
 class ORBInstallerChecksum {
  public:
-  // Lower-case hexadecimal digits, 64 of SHA-256 and 40 of SHA-1.
+  // The checksum has lower-case hexadecimal digits: 64 for SHA-256, 40 for SHA-1.
   static std::string generateSHA256(std::span<const std::uint8_t> data);
   static std::string generateSHA1(std::span<const std::uint8_t> data);
 };

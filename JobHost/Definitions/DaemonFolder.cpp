@@ -11,8 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemFacts/PlatformRoot.h"
 #include "Platform/PropertyLists/PropertyList.h"

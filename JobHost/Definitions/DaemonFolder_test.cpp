@@ -50,7 +50,7 @@ TEST_F(DaemonFolderTest, AMissingFolderCountsAsEmpty) {
   EXPECT_THAT(folder.faults, IsEmpty());
 }
 
-TEST_F(DaemonFolderTest, TheFilesWithTheFirstNamesAreLoadedIfThereAreTooMany) {
+TEST_F(DaemonFolderTest, TheFirstOfTooManyFilesAreLoaded) {
   // Made from the last to the first, because only the names count.
   for (std::size_t number = kMaximumDaemonFiles - 1; number > 0; --number) add(number);
   EXPECT_EQ(read().definitions.size(), kMaximumDaemonFiles - 1);
@@ -131,7 +131,7 @@ TEST_F(DaemonFolderTest, AFileIsNoFolder) {
   expectNothing(HasSubstr(root_.path("daemons") + ": is not a folder"));
 }
 
-TEST_F(DaemonFolderTest, AFileOfAnotherUserOrThatOthersCanWriteIsNotLoaded) {
+TEST_F(DaemonFolderTest, AFileThatIsNotTrustedIsNotLoaded) {
   add(0);
   add(1);
   const std::string path = root_.path("daemons/00000.plist");

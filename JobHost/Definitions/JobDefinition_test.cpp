@@ -1,3 +1,5 @@
+// One file, because each test reads a dictionary with one changed key.
+
 #include "JobHost/Definitions/JobDefinition.h"
 
 #include <gmock/gmock.h>

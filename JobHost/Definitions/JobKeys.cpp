@@ -1,3 +1,5 @@
+// One file, because it is one table: each key and its reader.
+
 #include "JobHost/Definitions/JobKeys.h"
 
 #include <algorithm>

@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "JobHost/State/StateRecord.h"
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 
 namespace jobhost {
 

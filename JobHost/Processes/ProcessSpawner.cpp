@@ -1,3 +1,6 @@
+// One file, because the steps of a start share their descriptors, and a step that fails cleans up
+// the ones before.
+
 #include "JobHost/Processes/ProcessSpawner.h"
 
 extern "C" {  // glibc 2.36 declares this header's functions without C linkage.

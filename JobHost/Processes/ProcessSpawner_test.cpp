@@ -1,3 +1,5 @@
+// One file, because each test starts real programs by the same fixture.
+
 #include "JobHost/Processes/ProcessSpawner.h"
 
 #include <atomic>

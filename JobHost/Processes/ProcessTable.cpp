@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"

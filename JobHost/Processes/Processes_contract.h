@@ -313,7 +313,7 @@ TEST_P(ProcessesContract, AHandleMayBeDestroyedInItsReport) {
   runToEnds(1);
 }
 
-TEST_P(ProcessesContract, AnotherHostsProcessIsTakenOverAndItsEndReportedAsUnknown) {
+TEST_P(ProcessesContract, TheEndOfATakenOverProcessIsReportedAsUnknown) {
   const StartFields identity = startElsewhere(Kind::kAlone);
   JobProcess& process = hold(processes().takeOver(identity, reporting()));
   EXPECT_EQ(process.identity(), identity);
@@ -337,7 +337,7 @@ TEST_P(ProcessesContract, RemainingProcessesOfAProcessTakenOverAreFound) {
   runUntil([&] { return !process.hasRemainingProcesses(); });
 }
 
-TEST_P(ProcessesContract, WhatAnotherHostsProcessLeftIsFoundAndKilled) {
+TEST_P(ProcessesContract, TheRemainingProcessesOfAnotherHostAreKilled) {
   const StartFields identity = startElsewhere(Kind::kWithMember);
   harness_->end(identity.process, {Status::Kind::kExited, 0});
   const auto remains = processes().remainsOf(identity);

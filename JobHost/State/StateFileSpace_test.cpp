@@ -54,7 +54,7 @@ TEST_F(StateFileTest, AStartBeyondTheMaximumSizeIsNotRecorded) {
   }
 }
 
-TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordUntilItIsWrittenAnew) {
+TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordBeforeItsRewrite) {
   auto file = create();
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string before = contents();
@@ -74,7 +74,7 @@ TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordUntilItIsWrittenAnew) {
   EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
 }
 
-TEST_F(StateFileTest, APartOfAStartThatCouldNotBeRecordedIsCutOff) {
+TEST_F(StateFileTest, APartOfAnUnrecordedStartIsCutOff) {
   auto file = create();
   ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
   const std::string before = contents();

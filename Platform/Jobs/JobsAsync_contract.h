@@ -146,7 +146,7 @@ TEST_P(JobsContract, ASubmissionDuringARemovalIsDoneAfterIt) {
   EXPECT_NE(process(), first);
 }
 
-TEST_P(JobsContract, ARemovalThatDoesNotBlockIsDoneAfterTheProcessesEnd) {
+TEST_P(JobsContract, AnAsynchronousRemovalIsDoneAfterTheProcessesEnd) {
   submit(job(machine_->program()));
   const ProcessId first = process();
   const auto removed = await(removeLater());
@@ -171,7 +171,7 @@ TEST_P(JobsContract, TheHostAnswersWhileARemovalWaits) {
   EXPECT_TRUE(copy().isNil());
 }
 
-TEST_P(JobsContract, AStubbornProcessIsKilledByARemovalThatDoesNotBlock) {
+TEST_P(JobsContract, AnAsynchronousRemovalKillsAStubbornProcess) {
   const ProcessId first = submitStubborn({{"ExitTimeOut", 1}});
   EXPECT_TRUE(await(removeLater()));
   EXPECT_FALSE(machine_->isRunning(first));

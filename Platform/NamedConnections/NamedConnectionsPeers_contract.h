@@ -147,7 +147,7 @@ TEST_P(NamedConnectionsPeersContract, AServerThatSendsFirstIsRefused) {
   EXPECT_EQ(here().sink.count("it spoke before it had authenticated itself"), 1u);
 }
 
-TEST_P(NamedConnectionsPeersContract, ASilentServerCostsOneTimeoutUntilItAnnouncesItself) {
+TEST_P(NamedConnectionsPeersContract, AHungServerCostsOneTimeoutUntilItAnnouncesItself) {
   vendImpostor([](PeerConnection&, const PeerMessage&) {});
   client_ = lookUp();
   client_->setRequestTimeout(20ms);

@@ -84,7 +84,7 @@ TEST_F(NamedConnectionsTest, AHungServerIsAskedAgainAfterAPause) {
   EXPECT_NE(program_.connections.connectionWithRegisteredName("server"), nullptr);
 }
 
-TEST_F(NamedConnectionsTest, ASilentServerDoesNotBlockAnother) {
+TEST_F(NamedConnectionsTest, AHungServerDoesNotBlockAnother) {
   const auto connection = vend("server");
   const auto other = vend("other");
   serverTransport_.hang();

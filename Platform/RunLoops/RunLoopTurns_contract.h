@@ -152,7 +152,7 @@ TEST_P(RunLoopContract, EndlessExitsAndDeathsLetOrdinaryCallbacksPass) {
 }
 
 // A thousand of a kind that are ready at once keep the others waiting for a few of them.
-TEST_P(RunLoopContract, ManyTimersThatAreDueAtOnceLetPostsAndSourcesHaveTheirTurns) {
+TEST_P(RunLoopContract, ManyDueTimersLetPostsAndSourcesHaveTheirTurns) {
   std::vector<std::unique_ptr<RunLoopHandle>> timers;
   int calls = 0;
   for (int i = 0; i < 1000; ++i) {

@@ -166,7 +166,7 @@ TEST_F(RequestOfSeveralTurns, IsAnsweredOnceWithItsSigningAndSource) {
                            "source of short", "source of long"}));
 }
 
-TEST_F(RequestOfSeveralTurns, IsNotContinuedWhenItsClientHasGone) {
+TEST_F(RequestOfSeveralTurns, IsNotContinuedWhenItsClientHungUp) {
   interruptible_.action = [this] { accepted_[0]->invalidate(); };
   serve();
   EXPECT_EQ(steps_,

@@ -225,4 +225,13 @@ TEST_F(StartNotificationTest, AnUnknownNotificationIsIgnored) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+// The executable-information service asks on a queue of its own.
+
+TEST_F(RequestsTest, TheLastUsersHomeIsAskedOnTheCallingThread) {
+  settings("cmx")["ORBCmxLastLoggedInUser"] = "/home/user";
+  EXPECT_EQ(manager().getLastLoggedInUserHomeDirectory(), Value("/home/user"));
+  EXPECT_EQ(askedOnAnotherThread_, 1);
+  EXPECT_THAT(manager().askedSources(), IsEmpty());
+}
+
 }  // namespace

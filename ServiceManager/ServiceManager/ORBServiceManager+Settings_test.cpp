@@ -396,13 +396,4 @@ TEST_F(SettingsTest, UnreadyServicesAreRetriedInAnyMode) {
   }
 }
 
-// The executable-information service asks on a queue of its own.
-
-TEST_F(SettingsTest, TheLastUsersHomeIsAskedForWithClientsOfTheCallingThread) {
-  settings("cmx")["ORBCmxLastLoggedInUser"] = "/home/user";
-  EXPECT_EQ(manager().getLastLoggedInUserHomeDirectory(), Value("/home/user"));
-  EXPECT_EQ(askedOnAnotherThread_, 1);
-  EXPECT_THAT(manager().askedSources(), IsEmpty());
-}
-
 }  // namespace

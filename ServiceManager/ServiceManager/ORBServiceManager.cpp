@@ -6,6 +6,7 @@
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/RandomNumber.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/SystemFacts/CurrentUser.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/InstalledCatalogue.h"
@@ -123,6 +124,10 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                           .pictures = std::make_shared<OperatorPictures>(),
                           .take = [this] { return operatorPicture(); },
                           .health = healthInfo_}),
+      changes_(platform_.runLoop, currentEffectiveUserId(),
+               [this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
+      installerServer_(*this, changes_),
+      userInterfaceServer_(*this, changes_),
       servers_({.runLoop = platform_.runLoop,
                 .connections = platform_.connections,
                 .distributedCenter = platform_.distributedCenter,
@@ -131,8 +136,11 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                 .xpc = platform_.xpc,
                 .codeSignatures = platform_.codeSignatures,
                 .attributes = platform_.attributes,
-                .lastUser = lastUser_},
-               *this) {}
+                .lastUser = lastUser_,
+                .installer = installerServer_,
+                .userInterface = userInterfaceServer_,
+                .delegate = *this,
+                .secret = secret_}) {}
 
 ORBServiceManager::~ORBServiceManager() { platform_.observeJobHostReturn({}); }
 

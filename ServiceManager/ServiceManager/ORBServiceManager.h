@@ -18,8 +18,10 @@
 #include "ServiceManager/Catalogue/OperatingMode.h"
 #include "ServiceManager/Catalogue/ServiceCatalogue.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
+#include "ServiceManager/ServiceManager/ChangeRequests.h"
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/ServiceManager/FeatureEvaluation.h"
+#include "ServiceManager/ServiceManager/InstallerServer.h"
 #include "ServiceManager/ServiceManager/LastLoggedInUser.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/OperatorPublisher.h"
@@ -27,6 +29,7 @@
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
 #include "ServiceManager/ServiceManager/TakeOver.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
+#include "ServiceManager/ServiceManager/UserInterfaceServer.h"
 #include "ServiceManager/ServiceManager/VendedOperatorServer.h"
 #include "ServiceManager/ServiceManager/VendedServers.h"
 #include "ServiceManager/Settings/SettingsQuestions.h"
@@ -366,6 +369,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   TakeOver takeOver_;
   std::shared_ptr<const ServiceCatalogue> operatorsCatalogue_;  // shared with the pictures
   OperatorPublisher operatorPublisher_;
+  ChangeRequests changes_;
+  InstallerServer installerServer_;
+  UserInterfaceServer userInterfaceServer_;
   VendedServers servers_;  // ends early: it calls all of the above
   std::optional<VendedOperatorServer> operatorServer_;
   // Requests of the operator's thread that come after the end of this object are dropped.

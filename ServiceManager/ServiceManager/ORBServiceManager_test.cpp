@@ -125,7 +125,7 @@ TEST_F(StartUpTest, AfterAMinuteOfShortageTheDaemonIsIdleUntilItEnds) {
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
-TEST_F(StartUpTest, ABundleThatTurnsOutDamagedAfterAShortageIsNotCheckedAgain) {
+TEST_F(StartUpTest, ADamagedBundleIsNotCheckedAgainAfterAShortage) {
   signatures_.setShortage(true);
   start();
   signatures_.setShortage(false);

@@ -280,10 +280,10 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPi
   time -= environment_.runLoop.now() - start;
   if (!current && isMissingAnswer(current.error())) {
     time = Duration::zero();  // It is not asked about its other switches.
-    silentUntil_[asked->first] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
+    hungUntil_[asked->first] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
     return SwitchOutcome::kNoAnswer;
   }
-  silentUntil_.erase(asked->first);
+  hungUntil_.erase(asked->first);
   if (!current) {
     facts.set(kFactRefusal, refusalIn(current.error()));
     return SwitchOutcome::kRefused;
@@ -293,7 +293,7 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPi
 }
 
 Duration OperatorReport::timeFor(const std::string& source, AskedSource state) const {
-  const auto silent = silentUntil_.find(source);
-  const bool isSilent = silent != silentUntil_.end() && environment_.runLoop.now() < silent->second;
-  return isSilent || state == AskedSource::kHung ? kShortProbeTime : kProbeTime;
+  const auto hung = hungUntil_.find(source);
+  const bool isHung = hung != hungUntil_.end() && environment_.runLoop.now() < hung->second;
+  return isHung || state == AskedSource::kHung ? kShortProbeTime : kProbeTime;
 }

@@ -90,5 +90,5 @@ class OperatorReport {
 
   const Environment environment_;
   // Settings servers that did not answer a probe, until they get the whole time again.
-  std::map<std::string, platform::Instant> silentUntil_;
+  std::map<std::string, platform::Instant> hungUntil_;
 };

@@ -180,7 +180,7 @@ TEST_F(OperatorServerTest, AWaitForServicesEndsWhenTheMainThreadSaysSo) {
   EXPECT_EQ(**answer, Value(true));
 }
 
-TEST_F(OperatorServerTest, WhatTheMainThreadDropsEndsWithTheServer) {
+TEST_F(OperatorServerTest, CallsThatTheMainThreadDropsEndWithTheServer) {
   const auto overview = send("overview");
   const auto settled = send("awaitServices:", {Array{kAgent}});
   RunLoop::Callback late = std::move(requests_.front());

@@ -1,79 +1,111 @@
-// The daemon is ready when it watches every service that runs.
+#include "ServiceManager/ServiceManager/TakeOver.h"
 
-#include <chrono>
+#include <cstddef>
+#include <optional>
 
-#include "ServiceManager/ServiceManager/OperatorFacts.h"
-#include "ServiceManager/ServiceManager/StartUp_fixture.h"
+#include "ServiceManager/Supervision/Supervision_fixture.h"
 
 namespace {
 
 using namespace platform;
 using namespace std::chrono_literals;
 
-class TakeOverTest : public StartUpFixture {
+// The take-over beside an enforcement, without the daemon that evaluates.
+class TakeOverTest : public SupervisionFixture {
  protected:
-  void startAndAwaitReadiness() {
-    manager().backgroundServiceDidFinishLaunching({});
-    manager().backgroundServiceWhenReady([this] { ++ready_; });
+  void begin() {
+    takeOver_->begin();
+    takeOver_->whenReady([this] { ++ready_; });
   }
-  bool isTakingOver() { return report_.overview(picture())[kFactIsTakingOver] == Value(true); }
+  void expectEnd() {
+    EXPECT_FALSE(takeOver_->goesOn());
+    EXPECT_EQ(ready_, 1);
+    EXPECT_EQ(ends_, 1);
+    EXPECT_EQ(workAtEnd_, 0u);
+  }
 
+  EvaluationTimers timers_{loop_};
+  bool isDeciding_ = false;
+  int ends_ = 0;
+  std::size_t workAtEnd_ = 0;  // services with work
   int ready_ = 0;
+  std::optional<TakeOver> takeOver_{
+      std::in_place, TakeOver::Environment{.timers = timers_,
+                                           .enforcement = enforcement_,
+                                           .isDeciding = [this] { return isDeciding_; },
+                                           .onEnd =
+                                               [this] {
+                                                 ++ends_;
+                                                 workAtEnd_ = enforcement_.work().size();
+                                               }}};
 };
 
-TEST_F(TakeOverTest, TheDaemonIsReadyWhenAllServicesAreWatched) {
-  startConfigurationServer();
-  startAndAwaitReadiness();
-  loop_.runReady();
-  EXPECT_EQ(ready_, 0);
-  EXPECT_TRUE(isTakingOver());
-  loop_.advanceBy(1s);
+TEST_F(TakeOverTest, BeforeItBeginsEverybodyIsReady) {
+  EXPECT_FALSE(takeOver_->goesOn());
+  takeOver_->whenReady([this] { ++ready_; });
   EXPECT_EQ(ready_, 1);
-  EXPECT_FALSE(isTakingOver());
-  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
+  takeOver_->noteEvaluation();
+  takeOver_->continueIfQuiet();
+  EXPECT_EQ(ends_, 0);
+}
+
+TEST_F(TakeOverTest, ItEndsWhenEverythingHasBeenEvaluated) {
+  begin();
+  takeOver_->continueIfQuiet();
+  EXPECT_TRUE(takeOver_->goesOn());
+  takeOver_->noteEvaluation();
+  isDeciding_ = true;
+  takeOver_->continueIfQuiet();
+  EXPECT_TRUE(takeOver_->goesOn());
+  EXPECT_EQ(ready_, 0);
+  isDeciding_ = false;
+  takeOver_->continueIfQuiet();
+  expectEnd();
   loop_.advanceBy(1h);
-  EXPECT_EQ(ready_, 1);
+  expectEnd();
 }
 
-TEST_F(TakeOverTest, AServiceWithoutAProcessIsWaitedFor) {
-  Dictionary services = *catalogue()["Services"].dictionary();
-  services.set(kAgent, entry("agent", {{"JobSpec", Dictionary{{"Program", "agent"}}}}));
-  install(catalogue(services));
-  startConfigurationServer();
-  start();
-  loop_.advanceBy(1s);
-  jobs_.endProcess(kAgent);  // Its throttle delays the next start.
-  manager_.reset();
-  startAndAwaitReadiness();
-  loop_.advanceBy(1s);
-  EXPECT_EQ(ready_, 0);
-  loop_.advanceBy(9s);
-  EXPECT_EQ(ready_, 1);
-  EXPECT_TRUE(manager().isServiceBeingTrackedForRespawn(kAgent));
+TEST_F(TakeOverTest, ItWaitsForTheWorkOnServices) {
+  begin();
+  takeOver_->noteEvaluation();
+  enforcement_.enforceRunningForService(kAgent, {});
+  takeOver_->continueIfQuiet();
+  takeOver_->continueIfQuiet();
+  EXPECT_TRUE(takeOver_->goesOn());
+  loop_.runReady();
+  EXPECT_TRUE(isRunning(kAgent));
+  expectEnd();
 }
 
-TEST_F(TakeOverTest, WithoutTheConfigurationServerReadinessIsBounded) {
-  startAndAwaitReadiness();
+TEST_F(TakeOverTest, WorkThatBeginsMeanwhileIsWaitedForToo) {
+  begin();
+  takeOver_->noteEvaluation();
+  enforcement_.enforceRunningForService(kAgent, {});
+  takeOver_->continueIfQuiet();
+  enforcement_.enforceRunningForService(kHelper, {});
+  loop_.runReady();
+  EXPECT_TRUE(isRunning(kHelper));
+  expectEnd();
+}
+
+TEST_F(TakeOverTest, ItsTimeIsBounded) {
+  begin();
   loop_.advanceBy(TakeOver::kTakeOverTime - 1ns);
-  EXPECT_EQ(ready_, 0);
+  EXPECT_TRUE(takeOver_->goesOn());
   loop_.advanceBy(1ns);
-  EXPECT_EQ(ready_, 1);
-  EXPECT_FALSE(isTakingOver());
+  expectEnd();
 }
 
-TEST_F(TakeOverTest, AnIdleDaemonIsReadyAtOnce) {
-  installProduct("unknown");
-  startAndAwaitReadiness();
-  EXPECT_EQ(ready_, 1);
-}
-
-TEST_F(TakeOverTest, ADaemonMayEndBeforeItIsReady) {
-  startConfigurationServer();
-  startAndAwaitReadiness();
-  loop_.advanceBy(100ms);
-  manager_.reset();
-  loop_.advanceBy(1min);
-  EXPECT_LE(ready_, 1);
+TEST_F(TakeOverTest, WorkMayEndAfterIt) {
+  begin();
+  takeOver_->noteEvaluation();
+  enforcement_.enforceRunningForService(kAgent, {});
+  takeOver_->continueIfQuiet();
+  takeOver_.reset();
+  loop_.runReady();
+  EXPECT_TRUE(isRunning(kAgent));
+  EXPECT_EQ(ready_, 0);
+  EXPECT_EQ(ends_, 0);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "ServiceManager/ServiceManager/VendedServers.h"
 
-#include "Platform/SystemFacts/CurrentUser.h"
-#include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
@@ -18,15 +16,6 @@ constexpr std::uint64_t kFirstMinorVersion = 8;
 
 }  // namespace
 
-VendedServers::VendedServers(const Environment& environment, ORBServiceManager& manager)
-    : environment_(environment),
-      manager_(manager),
-      changes_(environment.runLoop, currentEffectiveUserId(),
-               [&xpc = environment.xpc](std::uint32_t user) { return xpc.mayLog(user); }),
-      installerServer_(manager, changes_),
-      userInterfaceServer_(manager, changes_),
-      authServer_(manager.secret()) {}
-
 VendedServers::~VendedServers() {
   endXPCListeners();
   // The delegate and the targets of the root objects end here; connections may last longer.
@@ -37,10 +26,10 @@ VendedServers::~VendedServers() {
 
 void VendedServers::vendServers() {
   connectionAuthenticator_ = std::make_unique<KLXConnectionAuthenticator>(environment_.system);
-  installer_ =
-      vend(kInstallerServer, kORBServiceManagerInstallerProtocol, manager_, installerServer_);
-  userInterface_ = vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol, manager_,
-                        userInterfaceServer_);
+  installer_ = vend(kInstallerServer, kORBServiceManagerInstallerProtocol, environment_.delegate,
+                    environment_.installer);
+  userInterface_ = vend(kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol,
+                        environment_.delegate, environment_.userInterface);
   deamon_ = vend(kAuthServer, kServiceManagerAuthProtocol, *connectionAuthenticator_, authServer_);
 }
 

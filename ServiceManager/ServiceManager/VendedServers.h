@@ -6,6 +6,7 @@
 #include "Platform/CodeSigning/CodeSignature.h"
 #include "Platform/Files/ExtendedAttributes.h"
 #include "Platform/Messages/NSProtocolChecker.h"
+#include "Platform/Messages/NSProxy.h"
 #include "Platform/Messages/Protocol.h"
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/NamedConnections/NamedConnections.h"
@@ -14,13 +15,8 @@
 #include "Platform/XPC/NSXPCListener.h"
 #include "Platform/XPC/XPC.h"
 #include "ServiceManager/ServiceManager/AuthServer.h"
-#include "ServiceManager/ServiceManager/ChangeRequests.h"
-#include "ServiceManager/ServiceManager/InstallerServer.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerXPCHandler.h"
-#include "ServiceManager/ServiceManager/UserInterfaceServer.h"
-
-class ORBServiceManager;
 
 // The daemon's servers: names, protocols, root objects, and the two XPC listeners. They end with
 // this. Belongs to the main thread.
@@ -37,6 +33,11 @@ class VendedServers {
     platform::CodeSignatures& codeSignatures;
     platform::ExtendedAttributes& attributes;
     std::shared_ptr<ExecInfoHandlerDelegate> lastUser;  // shared with the requests that ask it
+    // The objects behind the two servers that change services, and the delegate of both.
+    platform::MessageTarget& installer;
+    platform::MessageTarget& userInterface;
+    platform::NSConnectionDelegate& delegate;
+    const platform::Value& secret;  // of this run
   };
 
   // One server that clients find by its name.
@@ -45,8 +46,8 @@ class VendedServers {
     std::shared_ptr<platform::NSProtocolChecker> rootObject;
   };
 
-  // `manager` performs the servers' requests, and is the delegate of the named ones.
-  VendedServers(const Environment& environment, ORBServiceManager& manager);
+  explicit VendedServers(const Environment& environment)
+      : environment_(environment), authServer_(environment.secret) {}
   VendedServers(const VendedServers&) = delete;
   VendedServers& operator=(const VendedServers&) = delete;
   // Waits for no request. Those to the executable-information service may outlast this: they end
@@ -79,10 +80,6 @@ class VendedServers {
   void endXPCListeners();
 
   const Environment environment_;
-  ORBServiceManager& manager_;
-  ChangeRequests changes_;
-  InstallerServer installerServer_;
-  UserInterfaceServer userInterfaceServer_;
   AuthServer authServer_;
   std::unique_ptr<KLXConnectionAuthenticator> connectionAuthenticator_;
   Server installer_;

@@ -23,7 +23,6 @@ using testing::Pair;
 using testing::UnorderedElementsAre;
 
 constexpr char kConnected[] = "7 Connected to Generic Kext";
-constexpr char kNotConnected[] = "7 Unable to establish connection with the Generic kext";
 constexpr char kUnloadOther[] = "unload com.example.nke.other";
 
 class ExtensionControlTest : public WithKernelExtensions<SupervisionFixture> {
@@ -38,55 +37,7 @@ class ExtensionControlTest : public WithKernelExtensions<SupervisionFixture> {
       control_.startAssociatedSystemExtensions(label, std::move(done));
     });
   }
-  std::unique_ptr<ControlSocket> connect(std::string_view name) {
-    return createControlSocketWithIdentifier(controls_, name);
-  }
 };
-
-// The control socket.
-
-TEST_F(ExtensionControlTest, AControlSocketIsConnected) {
-  extensions_.setLoaded(kNetwork);
-  EXPECT_TRUE(connect(kNetwork));
-  EXPECT_THAT(takeLog(), ElementsAre(kConnected));
-}
-
-TEST_F(ExtensionControlTest, AnUnknownControlHasNoSocketAndNoLine) {
-  EXPECT_FALSE(connect(kNetwork));
-  EXPECT_FALSE(connect(""));
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
-TEST_F(ExtensionControlTest, ASocketThatCannotBeOpenedIsNotLogged) {
-  extensions_.setLoaded(kNetwork);
-  controls_.setWithoutDescriptors(true);
-  EXPECT_FALSE(connect(kNetwork));
-  EXPECT_THAT(takeLog(), IsEmpty());
-}
-
-TEST_F(ExtensionControlTest, AConnectionThatFailsIsLogged) {
-  extensions_.setLoaded(kNetwork);
-  controls_.setUnreachable(kNetwork);
-  EXPECT_FALSE(connect(kNetwork));
-  EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
-}
-
-TEST_F(ExtensionControlTest, AnotherUsersControlIsIgnored) {
-  extensions_.setLoaded(kNetwork);
-  controls_.setForeign(kNetwork);
-  EXPECT_FALSE(connect(kNetwork));
-  EXPECT_THAT(takeLog(), ElementsAre(kNotConnected));
-}
-
-TEST_F(ExtensionControlTest, AControlsNameIsCutTo96Bytes) {
-  for (const std::size_t size : {95u, 96u, 97u, 1000u}) {
-    const std::string name(size, 'a');
-    const std::string cut = name.substr(0, 96);
-    controls_.offer(cut, [this] { return std::make_unique<Handler>(network_); });
-    EXPECT_TRUE(connect(name)) << size;
-    controls_.withdraw(cut);
-  }
-}
 
 // The services that use an extension.
 
@@ -301,7 +252,7 @@ TEST_F(ExtensionControlTest, AFailureIsRememberedUntilAStartSucceeds) {
   EXPECT_TRUE(control_.failures().empty());
 }
 
-TEST_F(ExtensionControlTest, AnOldExtensionInUseIsTooOldAndNotOnlyInUse) {
+TEST_F(ExtensionControlTest, AnOldExtensionInUseIsTooOld) {
   extensions_.setLoaded(kNetwork);
   network_.version = integer(4);
   auto client = connectToControl(controls_, kNetwork);

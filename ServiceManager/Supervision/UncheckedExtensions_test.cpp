@@ -52,7 +52,7 @@ TEST_F(UncheckedExtensionsTest, ARunningServiceOfOneGoesOn) {
   EXPECT_EQ(jobs_.process(kHelper), before);
 }
 
-TEST_F(UncheckedExtensionsTest, AReplacedExtensionIsLoadedAnewForItsServices) {
+TEST_F(UncheckedExtensionsTest, AReplacedExtensionIsLoadedAgainForItsServices) {
   extensions_.setUnchecked(kNetwork, false);
   run();
   ASSERT_THAT(control_.kextsLoaded(), ElementsAre("net"));

@@ -1,6 +1,6 @@
 #pragma once
 
-// Kept for the other programs of the product, which link this library. No program here uses it.
+// Other programs of the product link this library. No program of this project uses it.
 
 #include <optional>
 #include <string>

@@ -187,7 +187,7 @@ TEST(NSStringExtensionsTest, AnEmptyPrefixOrSuffixIsNeverFound) {
 }
 
 // From the standard's example.
-TEST(NSStringExtensionsTest, TheSha256IsThatOfTheTextUpToItsFirstZeroByte) {
+TEST(NSStringExtensionsTest, TheSha256EndsAtTheFirstZeroByte) {
   constexpr char kOfAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
   EXPECT_EQ(sha256Hash("abc"), kOfAbc);
   EXPECT_EQ(sha256Hash(std::string_view("abc\0def", 7)), kOfAbc);

@@ -71,19 +71,19 @@ TEST_F(DaemonNotificationBus, TheConfigurationServerRestartsWhileThereIsNone) {
 // The daemon waits for the job host for so long that the bus closes its connection before it has
 // logged in.
 TEST_F(DaemonNotificationBus, AStartWithoutAnAnswerOfTheJobHostIsAnnounced) {
-  std::string impatient = contentOfFile(root_.folder().path("etc/vantor/notification-bus.conf"));
+  std::string strictBus = contentOfFile(root_.folder().path("etc/vantor/notification-bus.conf"));
   const std::string limit = "<limit name=\"auth_timeout\">";
-  const std::size_t at = impatient.find(limit);
-  ASSERT_NE(at, impatient.npos);
-  impatient.replace(at + limit.size(), impatient.find('<', at + 1) - at - limit.size(), "1000");
-  root_.folder().write("etc/vantor/notification-bus.conf", impatient);
+  const std::size_t at = strictBus.find(limit);
+  ASSERT_NE(at, strictBus.npos);
+  strictBus.replace(at + limit.size(), strictBus.find('<', at + 1) - at - limit.size(), "1000");
+  root_.folder().write("etc/vantor/notification-bus.conf", strictBus);
   bool isBack = false;
   const auto returned = root_.center().observeReturn([&] {
     isBack = true;
     root_.changed();
   });
   root_.kill(DaemonRoot::kBus, SIGKILL);
-  root_.await("the impatient bus", [&] { return isBack; });
+  root_.await("the strict bus", [&] { return isBack; });
 
   // The daemon's program begins when the job host has stopped.
   const std::string gate = root_.folder().path("gate");

@@ -185,7 +185,7 @@ TEST_F(DaemonSettings, ASlowServerIsWaitedForAndItsAnswersCount) {
   ::kill(server, SIGCONT);
 }
 
-TEST_F(DaemonSettings, AServerInACrashLoopHarmsItsServicesOnlyForAWhile) {
+TEST_F(DaemonSettings, AServersCrashLoopDoesNoLastingHarm) {
   for (int i = 0; i < 3; ++i) {
     client_->forgetNotices();
     root_.kill(DaemonRoot::kPrimary, SIGKILL);

@@ -1,3 +1,6 @@
+// One file, because the verdict and the details are two views of the same facts, which only this
+// file reads.
+
 #include "Tools/servicemanagerctl/Explanation.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// One file, because each test changes the same facts of one service.
+
 #include "Tools/servicemanagerctl/Explanation.h"
 
 #include <csignal>

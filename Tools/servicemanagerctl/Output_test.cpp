@@ -78,7 +78,7 @@ TEST(OutputTest, AFailedCommandKeepsItsStatus) {
   EXPECT_EQ(lost.errors, kNoSpace);
 }
 
-TEST(OutputDeathTest, AReaderThatHasGoneIsAFailureUnlessItMayLeave) {
+TEST(OutputDeathTest, AClosedReaderIsAFailureUnlessItMayLeave) {
   // Runs in its own process, since letReaderLeave() can't be undone.
   EXPECT_EXIT(
       {

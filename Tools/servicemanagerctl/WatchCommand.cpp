@@ -89,10 +89,10 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
   const auto client = std::make_shared<NSProtocolChecker>(
       &printer,
       environment.objects.protocols.find(kORBServiceManagerUserInterfaceDelegateProtocol));
-  bool hasGone = false;
+  bool hasDied = false;
   const auto death = environment.objects.center.addObserver(kNSConnectionDidDieNotification,
                                                             nullptr, [&](const Notification&) {
-                                                              hasGone = true;
+                                                              hasDied = true;
                                                               loop.stop();
                                                             });
   const auto services = registerClient(environment, daemon, Value(client));
@@ -103,7 +103,7 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
   letReaderLeave();
   warn(fmt::format("Watching {} services; Ctrl-C ends it.\n", *services));
   loop.run();
-  if (!hasGone) return EXIT_SUCCESS;
+  if (!hasDied) return EXIT_SUCCESS;
   fail("the service manager has gone; the job host starts it again, so watch again then");
   return kExitNobodyThere;
 }

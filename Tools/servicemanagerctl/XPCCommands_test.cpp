@@ -1,3 +1,5 @@
+// One file, because each test runs the same program beside the same daemon on the real transport.
+
 #include "Tools/servicemanagerctl/XPCCommands.h"
 
 #include <chrono>

@@ -11,8 +11,8 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-#include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/RegularFile.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 
 namespace platform {
 namespace {

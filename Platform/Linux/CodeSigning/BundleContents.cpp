@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "Platform/Files/Bundle.h"
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 

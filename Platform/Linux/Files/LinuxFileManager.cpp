@@ -5,7 +5,7 @@
 #include "Platform/Linux/Files/CocoaFileErrors.h"
 #include "Platform/Linux/Files/FileCopy.h"
 #include "Platform/Linux/Files/FolderCreation.h"
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 
 namespace platform {
 namespace {

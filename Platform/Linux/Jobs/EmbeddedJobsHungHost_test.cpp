@@ -82,7 +82,7 @@ TEST_F(EmbeddedJobsTest, AHungHostThatHasEndedIsReplacedWithinTheTurn) {
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(submit()); }), 0s);
 }
 
-TEST_F(EmbeddedJobsTest, ARemovalIsSentAlthoughTheHostDidNotAnswerForTheJob) {
+TEST_F(EmbeddedJobsTest, ARemovalIsSentWithoutAnAnswerAboutTheJob) {
   startHost([this](PeerMessage message) {
     if (message.selector != kCopyJobMessage) return answering(Value())(std::move(message));
     kept_.push_back(std::move(message));
@@ -162,7 +162,7 @@ class HostReturnTest : public EmbeddedJobsTest {
   int returns_ = 0;
 };
 
-TEST_F(HostReturnTest, TheReturnOfAHungHostIsReportedOnceForAllFailedCalls) {
+TEST_F(HostReturnTest, TheReturnOfAHungHostIsReportedOnce) {
   startHost(keeping());
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(submit());
   loop_.advanceBy(1h);
@@ -206,7 +206,7 @@ TEST_F(HostReturnTest, TheNextHostAfterAMissingOneCountsAsReturned) {
   EXPECT_EQ(returns_, 1);
 }
 
-TEST_F(HostReturnTest, TheReturnIsStillReportedIfAHungHostEndsInACall) {
+TEST_F(HostReturnTest, TheReturnIsReportedIfAHungHostEndsInACall) {
   startHost(keeping());
   EXPECT_FALSE(submit());
   loop_.advanceBy(2s);

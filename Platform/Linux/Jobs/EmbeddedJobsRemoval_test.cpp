@@ -158,7 +158,7 @@ TEST_F(AsynchronousRemovalTest, ACallThatFindsTheHostDeadLosesNoRemoval) {
   EXPECT_EQ(host_->connections, 1);
 }
 
-TEST_F(AsynchronousRemovalTest, ARequestToAHungHostTimesOutAndIsNotRepeated) {
+TEST_F(AsynchronousRemovalTest, ARequestThatTimesOutIsNotRepeated) {
   startHost(keepingRemovals());
   const auto removed = startRemoval();
   loop_.advanceBy(50s);
@@ -214,8 +214,8 @@ TEST_F(AsynchronousRemovalTest, AnotherDomainIsAnError) {
 }
 
 TEST_F(AsynchronousRemovalTest, AClientWithoutARestartTimeOutStillWaitsForARestart) {
-  JobHostClient impatient(transport_, loop_, kSocket, Duration::zero());
-  EmbeddedJobs jobs(impatient);
+  JobHostClient withoutTimeOut(transport_, loop_, kSocket, Duration::zero());
+  EmbeddedJobs jobs(withoutTimeOut);
   startHost(keepingRemovals());
   std::optional<std::expected<void, NSError>> removed;
   jobs.removeJob(kSMDomainSystemLaunchd, kLabel, nullptr,

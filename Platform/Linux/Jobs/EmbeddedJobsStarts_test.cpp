@@ -107,7 +107,7 @@ TEST_F(ObservedStartsTest, AnAbsentHostIsTriedUntilItIsThere) {
   EXPECT_THAT(started_, ElementsAre("a"));
 }
 
-TEST_F(ObservedStartsTest, AHostThatDoesNotAcceptHoldsUpATenthOfASecondEachSecond) {
+TEST_F(ObservedStartsTest, AHostThatDoesNotAcceptHoldsUpOneCallInASecond) {
   startHost(keeping());
   host_->hang();
   observe();

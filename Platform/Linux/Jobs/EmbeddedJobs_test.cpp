@@ -167,7 +167,7 @@ TEST_F(EmbeddedJobsTest, AValueThatCannotBeSentIsRejected) {
   EXPECT_THAT(host_->asked, ElementsAre());
 }
 
-TEST_F(EmbeddedJobsTest, AHostThatEndsLateInARequestIsReplacedByTheNext) {
+TEST_F(EmbeddedJobsTest, AHostThatEndsInARequestIsReplaced) {
   startHost([this](PeerMessage message) {
     if (message.selector == kCopyJobMessage) return answering(job_)(std::move(message));
     kept_.push_back(std::move(message));

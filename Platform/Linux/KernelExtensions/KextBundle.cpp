@@ -7,9 +7,9 @@
 #include <fmt/format.h>
 
 #include "Platform/Files/FileNames.h"
-#include "Platform/Linux/Files/FolderNames.h"
 #include "Platform/Linux/Files/PropertyListFile.h"
 #include "Platform/Linux/KernelExtensions/ControlFolder.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 
 namespace platform {
 namespace {

@@ -58,10 +58,10 @@ class ServingThread {
 
   void hang() {
     loop_->post([this] {
-      standsStill_.count_down();
+      hasHung_.count_down();
       goesOn_.wait();
     });
-    standsStill_.wait();
+    hasHung_.wait();
     hangs_ = true;
   }
 
@@ -71,7 +71,7 @@ class ServingThread {
   }
 
   std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
-  std::latch standsStill_{1};
+  std::latch hasHung_{1};
   std::latch goesOn_{1};
   bool hangs_ = false;
   std::jthread thread_;
@@ -80,7 +80,7 @@ class ServingThread {
 class LinuxControlsMachine final : public ControlsMachine {
  public:
   KernelControls& controls() override { return controls_; }
-  KernelControls& controlsWithShortTimeout() override { return impatientControls_; }
+  KernelControls& controlsWithShortTimeout() override { return controlsWithShortTimeout_; }
   void offer(const std::string& name, MakeControlHandler makeHandler) override {
     servers_.try_emplace(name, root_.path(), name, std::move(makeHandler));
   }
@@ -90,7 +90,7 @@ class LinuxControlsMachine final : public ControlsMachine {
  private:
   TemporaryFolder root_;
   LinuxKernelControls controls_{root_.path(), kTimeout};
-  LinuxKernelControls impatientControls_{root_.path(), kShortTimeout};
+  LinuxKernelControls controlsWithShortTimeout_{root_.path(), kShortTimeout};
   std::map<std::string, ServingThread> servers_;
 };
 

@@ -1,3 +1,6 @@
+// One file, because each test runs on the same machine of fakes, which the contract suite uses,
+// too.
+
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 
 #include <cerrno>

@@ -48,7 +48,7 @@ TEST(BusClientsTest, ItIsWrittenForEveryReader) {
   EXPECT_EQ(status.st_mode & 07777u, 0644u);
 }
 
-TEST(BusClientsTest, WhatIsUnchangedNeedsNoRoom) {
+TEST(BusClientsTest, AnUnchangedFileIsNotWritten) {
   const TemporaryFolder folder;
   std::filesystem::create_directories(folder.path("run/vantor"));
   const PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());

@@ -15,7 +15,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {

@@ -2,19 +2,19 @@
 
 #include <cerrno>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <tuple>
+#include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
@@ -27,10 +27,6 @@ using LockClock = std::chrono::steady_clock;
 constexpr char kBirthsFolder[] = ".births";
 constexpr mode_t kBirthsMode = 0700;
 constexpr auto kLockPause = 5ms;
-
-struct CloseFolder {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
 
 std::unexpected<Error> birthsFailure(std::string what) {
   // Another kind of file has the folder's name.
@@ -89,17 +85,15 @@ Result<void> SocketBirths::lock(Duration wait) const {
   return {};
 }
 
-// The process that has the lock is the only one with a socket here.
+// The process that has the lock is the only one with a socket here. A leftover that can't be found
+// now is removed by the next process.
 void SocketBirths::removeLeftovers() const {
   UniqueFd copy(::openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!copy) return;
-  const std::unique_ptr<DIR, CloseFolder> entries(::fdopendir(copy.get()));
-  if (!entries) return;
-  std::ignore = copy.release();
-  while (const dirent* entry = ::readdir(entries.get())) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") ::unlinkat(folder_.get(), entry->d_name, 0);
-  }
+  std::ignore = eachNameInFolder(std::move(copy), [this](std::string_view name) {
+    ::unlinkat(folder_.get(), std::string(name).c_str(), 0);
+    return true;
+  });
 }
 
 UniqueFd SocketBirths::leave() {

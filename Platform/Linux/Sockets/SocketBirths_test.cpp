@@ -76,7 +76,7 @@ TEST_F(SocketBirthsTest, OneProcessAtATimeIsInside) {
   EXPECT_TRUE(enter());
 }
 
-TEST_F(SocketBirthsTest, WhatAKilledProcessLeftIsRemoved) {
+TEST_F(SocketBirthsTest, TheLeftoversOfAKilledProcessAreRemoved) {
   ASSERT_TRUE(enter());
   std::ofstream(path() + "/socket-left") << "";
   ASSERT_TRUE(enter());

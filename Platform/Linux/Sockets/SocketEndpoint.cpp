@@ -3,10 +3,11 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
 namespace platform {
@@ -24,10 +26,6 @@ constexpr std::string_view kBirthPrefix = "new-";
 constexpr char kSocketName[] = "socket";
 constexpr int kBirthAttempts = 8;
 constexpr int kMaxLeftovers = 1024;
-
-struct CloseEntries {
-  void operator()(DIR* entries) const { ::closedir(entries); }
-};
 
 std::unexpected<Error> endpointFailure(const char* what) {
   const bool isExhausted = errno == EMFILE || errno == ENFILE || errno == ENOSPC;
@@ -72,6 +70,15 @@ Result<UniqueFd> bindAndOpen(const UniqueFd& folder, const SocketPermission& per
   return descriptor;
 }
 
+// Keeps the folder of a maker that lives: it holds the lock.
+void removeLeftover(int births, const std::string& name) {
+  const UniqueFd birth(
+      ::openat(births, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!birth || ::flock(birth.get(), LOCK_EX | LOCK_NB) != 0) return;
+  ::unlinkat(birth.get(), kSocketName, 0);
+  ::unlinkat(births, name.c_str(), AT_REMOVEDIR);
+}
+
 }  // namespace
 
 Result<std::shared_ptr<const SocketEndpoint>> SocketEndpoint::of(UniqueFd descriptor) {
@@ -103,19 +110,13 @@ void SocketEndpoint::removeLeftovers(const std::string& birthsFolder) {
   UniqueFd folder(::open(birthsFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folder) return;
   const int births = folder.get();
-  const std::unique_ptr<DIR, CloseEntries> entries(::fdopendir(births));
-  if (!entries) return;
-  std::ignore = folder.release();
   int left = kMaxLeftovers;
-  for (const dirent* entry; left > 0 && (entry = ::readdir(entries.get())) != nullptr;) {
-    if (!std::string_view(entry->d_name).starts_with(kBirthPrefix)) continue;
-    --left;
-    const UniqueFd birth(
-        ::openat(births, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!birth || ::flock(birth.get(), LOCK_EX | LOCK_NB) != 0) continue;
-    ::unlinkat(birth.get(), kSocketName, 0);
-    ::unlinkat(births, entry->d_name, AT_REMOVEDIR);
-  }
+  // A leftover that can't be found now is removed by the next clean-up.
+  std::ignore = eachNameInFolder(std::move(folder), [births, &left](std::string_view name) {
+    if (!name.starts_with(kBirthPrefix)) return true;
+    removeLeftover(births, std::string(name));
+    return --left > 0;
+  });
 }
 
 // A datagram socket can't be connected to a listener. The kernel compares the types only after it

@@ -169,7 +169,7 @@ TEST_F(SocketEndpointTest, AFailedBindLeavesNothing) {
 
 // A process that is killed between making a folder and removing it leaves the folder and perhaps a
 // socket.
-TEST_F(SocketEndpointTest, WhatAKilledProcessLeftIsRemoved) {
+TEST_F(SocketEndpointTest, TheLeftoversOfAKilledProcessAreRemoved) {
   const std::string killed = births_.path("new-killed");
   ASSERT_EQ(::mkdir(killed.c_str(), 0700), 0);
   ASSERT_EQ(bindTo(listener_, killed + "/socket"), 0);

@@ -287,7 +287,7 @@ TEST_F(ProcFolderTest, TheMarkOfADeletedFileIsRemovedOnce) {
   EXPECT_EQ(system_.processPath(70), "/nowhere/demo(deleted)");
 }
 
-TEST_F(ProcFolderTest, TheBootTimeIsReadAnewEachTime) {
+TEST_F(ProcFolderTest, TheBootTimeIsReadEachTime) {
   EXPECT_EQ(system_.bootTime(), 1767323045);
   proc_.write("stat", "btime 1767323046\n");
   EXPECT_EQ(system_.bootTime(), 1767323046);

@@ -135,7 +135,7 @@ class Busy final : public NSXPCListenerDelegate {
   static constexpr int kTurns = 1000;  // The XPC's loop stops within the first few.
 };
 
-TEST(LinuxXPCTest, ARunningRequestMayUseItsListenerWhileTheXPCEnds) {
+TEST(LinuxXPCTest, ARunningRequestMayUseItsListenerAtTheEnd) {
   TemporaryFolder folder;
   FakeLogSink sink;
   SystemLog log(sink, "test");

@@ -43,7 +43,7 @@ Data expectedClientToken(std::uint8_t m) {
   return token;
 }
 
-TEST(ProfileDataTest, TheTokensAreTheTablesMixedWithTheLowestByteOfTheBootTime) {
+TEST(ProfileDataTest, TheTokensMixTablesWithTheLowestByteOfBootTime) {
   const struct {
     std::int64_t bootTime;
     std::uint8_t mask;
@@ -65,7 +65,7 @@ TEST(ProfileDataTest, TheTokensAreTheTablesMixedWithTheLowestByteOfTheBootTime) 
   }
 }
 
-TEST(ProfileDataTest, TheTokensOfAKnownBootTimeAreThoseOfEveryOtherBuild) {
+TEST(ProfileDataTest, AKnownBootTimeGivesTheSameTokensInEachBuild) {
   platform::FakeSystemInformation system;
   system.setBootTime(0x6957'0085);
   EXPECT_THAT(systemProfileData(system),
@@ -76,7 +76,7 @@ TEST(ProfileDataTest, TheTokensOfAKnownBootTimeAreThoseOfEveryOtherBuild) {
                           0xd9, 0x07, 0x20, 0x42));
 }
 
-TEST(ProfileDataTest, AnUnreadableBootTimeGivesAMaskOfAllBitsOnBothSides) {
+TEST(ProfileDataTest, AnUnreadableBootTimeGivesBothSidesTheSameMask) {
   platform::FakeSystemInformation system;
   system.setBootTime(
       std::unexpected(platform::Error{platform::ErrorCode::kSystem, EACCES, "/proc/stat"}));

@@ -1,7 +1,12 @@
-#include "Platform/Linux/Files/FolderNames.h"
+#include "Platform/Linux/SystemCalls/FolderNames.h"
 
 #include <cerrno>
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -44,6 +49,26 @@ TEST_F(FolderNamesTest, AFailureIsNotTakenForTheEnd) {
     EXPECT_EQ(names.error().osError, EIO);
     EXPECT_EQ(names.error().context, path());
   });
+}
+
+TEST_F(FolderNamesTest, AnOpenFolderIsReadAndClosed) {
+  UniqueFd folder(::open(path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const int number = folder.get();
+  std::set<std::string, std::less<>> names;
+  EXPECT_TRUE(eachNameInFolder(std::move(folder), [&](std::string_view name) {
+    EXPECT_GE(::fcntl(number, F_GETFD), 0);
+    return names.emplace(name).second;
+  }));
+  EXPECT_THAT(names, ElementsAre(".b", "a", "c"));
+  EXPECT_EQ(::fcntl(number, F_GETFD), -1);
+}
+
+TEST_F(FolderNamesTest, AnotherFileThanAFolderIsAnError) {
+  const auto read =
+      eachNameInFolder(UniqueFd(::open((folder_.path("a")).c_str(), O_RDONLY | O_CLOEXEC)),
+                       [](std::string_view) { return true; });
+  ASSERT_FALSE(read);
+  EXPECT_EQ(read.error().osError, ENOTDIR);
 }
 
 }  // namespace
