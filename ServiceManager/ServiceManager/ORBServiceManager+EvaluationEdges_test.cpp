@@ -189,6 +189,7 @@ TEST_F(EvaluationEdgesTest, RestartsOfServersAreOneCallOfTheMainThread) {
   SettingsQuestions questions(
       {.worker = platform().settingsWorker,
        .onMain = [&](RunLoop::Callback callback) { posted.push_back(std::move(callback)); },
+       .now = [&] { return loop_.now(); },
        .onRestart = [&] { ++restarts; }});
   questions.valuesOf({{"common", std::nullopt}}, [](auto) {});
   loop_.runReady();
