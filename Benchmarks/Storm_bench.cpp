@@ -31,8 +31,7 @@ const bool kAdded[] = {
     atMost({"storm-explain-p99", 1, "`explain` of a healthy service, the same"}),
     atMost({"storm-explain-switch", 1,
             "`explain` of a service whose settings server is stopped, the median / on a quiet "
-            "machine, "
-            "+ 50 ms"}),
+            "machine, + 50 ms"}),
     atMost({"storm-restart", 1.5,
             "SIGKILL of a healthy service to its client told of the new process, the median / the "
             "same on a quiet machine"}),
