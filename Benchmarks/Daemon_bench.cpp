@@ -100,10 +100,9 @@ class DaemonInProcess {
         .workersExtensions = {extensions_, controls_, linux_->tasks, root_.path()},
         .onExtensionWorker = [this](RunLoop::Callback work) { post(std::move(work)); },
         .owner = {},
-        .settingsWorker = {[this](RunLoop::Callback work) { post(std::move(work)); },
-                           {*linux_->runLoop, connections_, root_.center(),
-                            linux_->notificationCenter, protocols_, linux_->systemInformation},
-                           factories_},
+        .settingsWorker = {[this](const std::string&, SettingsWorker::Work work) {
+          post([this, work = std::move(work)]() mutable { work(settingsParts_); });
+        }},
         .operatorWorker = {[](RunLoop::Callback work) { work(); },
                            *linux_->runLoop,
                            connections_,
@@ -117,8 +116,9 @@ class DaemonInProcess {
         .withSettingsOfThisThread = [](const auto&) {},
     });
     manager_->backgroundServiceDidFinishLaunching({});
-    turnUntil(*linux_->runLoop,
-              [this] { return manager_->operatingMode() == ORBOperatingModeNormal; });
+    turnUntil(*linux_->runLoop, [this] {
+      return manager_->watchDog() && manager_->operatingMode() == ORBOperatingModeNormal;
+    });
   }
 
   // Serves the loop until the evaluation has ended.
@@ -171,6 +171,10 @@ class DaemonInProcess {
   ProtocolTable protocols_;
   const Bundle bundle_{bundleLayoutOfExecutable(root_.daemonProgram()), {}};
   SettingsClientFactories factories_;
+  const SettingsParts settingsParts_{
+      {*linux_->runLoop, connections_, root_.center(), linux_->notificationCenter, protocols_,
+       linux_->systemInformation},
+      factories_};
   // not used by the benchmark
   VirtualRunLoop unusedLoop_;
   FakePeerNetwork unusedNetwork_{unusedLoop_};

@@ -124,8 +124,9 @@ class Bed {
   bool isReady() const { return isReady_; }
   // Serves the loop until the evaluation has ended.
   void evaluate() {
-    turnUntil(*program_.loop,
-              [this] { return manager_.operatingMode() == ORBOperatingModeNormal; });
+    turnUntil(*program_.loop, [this] {
+      return manager_.watchDog() && manager_.operatingMode() == ORBOperatingModeNormal;
+    });
     manager_.evaluateSystemConfiguration();
     turnUntil(*program_.loop, [this] { return !manager_.isEvaluating(); });
   }
@@ -184,35 +185,37 @@ class Bed {
     signatures_.addValid(root_.path("sleep"), SecStaticCode::Kind::kProgram, "sleep");
     signatures_.addValid(root_.path(), SecStaticCode::Kind::kBundle, "daemon");
     addSettingsClientFactories(factories_, environment());
-    return {*program_.loop,
-            jobs_,
-            authorization_,
-            exitWatcher_,
-            files_,
-            signatures_,
-            random_,
-            program_.system,
-            program_.connections,
-            *bus_,
-            program_.center,
-            program_.protocols,
-            bundle_,
-            {extensions_, controls_, tasks_, "/"},
-            [this](RunLoop::Callback work) { program_.loop->post(std::move(work)); },
-            {},
-            {[this](RunLoop::Callback work) { program_.loop->post(std::move(work)); },
-             environment(), factories_},
-            {[](RunLoop::Callback work) { work(); },
-             *program_.loop,
-             program_.connections,
-             jobs_,
-             {extensions_, controls_, tasks_, "/"},
-             factories_},
-            [] { return nullptr; },
-            xpc_.xpc,
-            attributes_,
-            [](std::function<void()>) {},
-            [](const auto&) {}};
+    return {
+        *program_.loop,
+        jobs_,
+        authorization_,
+        exitWatcher_,
+        files_,
+        signatures_,
+        random_,
+        program_.system,
+        program_.connections,
+        *bus_,
+        program_.center,
+        program_.protocols,
+        bundle_,
+        {extensions_, controls_, tasks_, "/"},
+        [this](RunLoop::Callback work) { program_.loop->post(std::move(work)); },
+        {},
+        {[this](const std::string&, SettingsWorker::Work work) {
+          program_.loop->post([this, work = std::move(work)]() mutable { work(settingsParts_); });
+        }},
+        {[](RunLoop::Callback work) { work(); },
+         *program_.loop,
+         program_.connections,
+         jobs_,
+         {extensions_, controls_, tasks_, "/"},
+         factories_},
+        [] { return nullptr; },
+        xpc_.xpc,
+        attributes_,
+        [](std::function<void()>) {},
+        [](const auto&) {}};
   }
 
   TemporaryFolder root_;
@@ -239,6 +242,7 @@ class Bed {
   const Bundle bundle_{{root_.path(), root_.path("Info.plist"), root_.path("daemon"), root_.path()},
                        {}};
   SettingsClientFactories factories_;
+  const SettingsParts settingsParts_{environment(), factories_};
   FakePeerNetwork unusedNetwork_{unusedLoop_};
   FakeXPC xpc_{unusedNetwork_, {}, program_.log};
   FakeExtendedAttributes attributes_;

@@ -29,10 +29,9 @@ const bool kAdded[] = {
     atMost({"storm-list-p99", 1,
             "`list` in a storm, the 99th percentile / on a quiet machine, + 50 ms"}),
     atMost({"storm-explain-p99", 1, "`explain` of a healthy service, the same"}),
-    atMost(
-        {"storm-explain-switch", 1,
-         "`explain` of a service whose settings server is stopped, the median (the first may take "
-         "2 s) / on a quiet machine, + 50 ms"}),
+    atMost({"storm-explain-switch", 1,
+            "`explain` of a service whose settings server is stopped, the median / on a quiet "
+            "machine, + 50 ms"}),
     atMost({"storm-restart", 1.5,
             "SIGKILL of a healthy service to its client told of the new process, the median / the "
             "same on a quiet machine"}),

@@ -60,6 +60,10 @@ class DistributedNotificationCenter {
       std::optional<std::string> name, std::optional<std::string> object, Handler handler,
       NSNotificationSuspensionBehavior behavior = NSNotificationSuspensionBehavior::kCoalesce) = 0;
 
+  // Whether the bus is there, but has not confirmed all observers yet. When it has, observeReturn()
+  // reports it.
+  virtual bool isAwaitingConfirmation() const { return false; }
+
   // Calls `handler` on the run loop, and never from inside a call of this centre, each time the bus
   // has confirmed all observers after they may have missed posts, because the bus was gone or did
   // not answer. Call it on the run loop's thread.

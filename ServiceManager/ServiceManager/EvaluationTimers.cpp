@@ -16,6 +16,7 @@ void EvaluationTimers::startWatchDog(Callback call) {
   watchDog_.due = runLoop_.now() + kWatchDogInterval;
   watchDog_.handle =
       runLoop_.startTimer(kWatchDogInterval, RunLoop::Repeat::kEvery, std::move(call));
+  onChange_();
 }
 
 EvaluationTimers::DueTimer EvaluationTimers::startOnce(Duration delay, Callback call) {
@@ -26,10 +27,22 @@ EvaluationTimers::DueTimer EvaluationTimers::startOnce(Duration delay, Callback 
 void EvaluationTimers::startSettingsChangeTimer(Callback call) {
   settingsChange_ =
       startOnce(std::chrono::duration_cast<Duration>(kSettingsChangeDelay), std::move(call));
+  onChange_();
+}
+
+void EvaluationTimers::cancelSettingsChangeTimer() {
+  settingsChange_ = {};
+  onChange_();
 }
 
 void EvaluationTimers::startReevaluationTimer(Callback call) {
   reevaluation_ = startOnce(kReevaluationPeriod, std::move(call));
+  onChange_();
+}
+
+void EvaluationTimers::cancelReevaluationTimer() {
+  reevaluation_ = {};
+  onChange_();
 }
 
 void EvaluationTimers::shutDownLater(const std::string& label, Callback call) {
@@ -38,6 +51,7 @@ void EvaluationTimers::shutDownLater(const std::string& label, Callback call) {
 
 void EvaluationTimers::performAfterDelay(DelayedCalls::Key key, Duration delay, Callback call) {
   delayedCalls_.perform(std::move(key), std::move(call), delay);
+  onChange_();
 }
 
 EvaluationTimers::DueTimes EvaluationTimers::dueTimes() const {

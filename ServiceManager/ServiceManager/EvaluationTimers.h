@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/RunLoops/DelayedCalls.h"
@@ -24,9 +25,11 @@ class EvaluationTimers {
   // A stop that is due is not withdrawn if a switch asks for the service again within this time.
   static constexpr platform::Duration kFeatureShutdownDelay = std::chrono::seconds(3);
 
-  // `runLoop` outlives this.
-  explicit EvaluationTimers(platform::RunLoop& runLoop)
-      : runLoop_(runLoop), delayedCalls_(runLoop) {}
+  // `runLoop` outlives this. `onChange` is called when a due time has changed, but not when a timer
+  // fires.
+  explicit EvaluationTimers(
+      platform::RunLoop& runLoop, Callback onChange = [] {})
+      : runLoop_(runLoop), onChange_(std::move(onChange)), delayedCalls_(runLoop) {}
 
   // After this time a settings server that did not answer is asked again.
   static constexpr platform::Duration kHungServerRetryDelay =
@@ -37,10 +40,10 @@ class EvaluationTimers {
   // Calls once, kSettingsChangeDelay after a change of the settings. Such a timer must not exist
   // yet.
   void startSettingsChangeTimer(Callback call);
-  void cancelSettingsChangeTimer() { settingsChange_ = {}; }
+  void cancelSettingsChangeTimer();
   // Calls once, after kReevaluationPeriod.
   void startReevaluationTimer(Callback call);
-  void cancelReevaluationTimer() { reevaluation_ = {}; }
+  void cancelReevaluationTimer();
   // Calls once, after kFeatureShutdownDelay. A shut-down of the service that is pending stays as it
   // is, and no other is added.
   void shutDownLater(const std::string& label, Callback call);
@@ -82,6 +85,7 @@ class EvaluationTimers {
   std::optional<platform::Duration> until(const DueTimer& timer) const;
 
   platform::RunLoop& runLoop_;
+  const Callback onChange_;
   DueTimer watchDog_;
   DueTimer settingsChange_;
   DueTimer reevaluation_;

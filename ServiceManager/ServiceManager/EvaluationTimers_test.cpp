@@ -190,6 +190,25 @@ TEST_F(EvaluationTimersTest, DelayedCallsComeInTheOrderOfTheirTimes) {
   EXPECT_THAT(take(), ElementsAre("late"));
 }
 
+TEST_F(EvaluationTimersTest, EachStartAndCancellationIsReported) {
+  timers_.emplace(loop_, note("changed"));
+  const auto expectOneReport = [this] { EXPECT_THAT(take(), ElementsAre("changed")); };
+  timers_->startWatchDog([] {});
+  expectOneReport();
+  timers_->startSettingsChangeTimer([] {});
+  expectOneReport();
+  timers_->cancelSettingsChangeTimer();
+  expectOneReport();
+  timers_->startReevaluationTimer([] {});
+  expectOneReport();
+  timers_->cancelReevaluationTimer();
+  expectOneReport();
+  timers_->shutDownLater("agent", [] {});
+  expectOneReport();
+  timers_->performAfterDelay({"delayed"}, 1s, [] {});
+  expectOneReport();
+}
+
 TEST_F(EvaluationTimersTest, PendingCallsEndWithTheirOwner) {
   timers_->startWatchDog(note("watchdog"));
   timers_->startSettingsChangeTimer(note("settings"));

@@ -240,7 +240,7 @@ TEST_F(KernelExtensionServicesTest, UnloadingForgetsAllExtensionsOfStoppedServic
 TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndForgetsExtensions) {
   EXPECT_TRUE(startExtensions(kHelper));
   ASSERT_THAT(manager().kextsLoaded(), ElementsAre("net"));
-  manager().backgroundServiceDidFinishLaunching({});
+  launch();
   EXPECT_THAT(manager().kextsLoaded(), IsEmpty());
   EXPECT_EQ(manager().secret().data()->size(), 8u);
 }

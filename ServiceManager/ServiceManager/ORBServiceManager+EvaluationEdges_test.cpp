@@ -189,6 +189,7 @@ TEST_F(EvaluationEdgesTest, RestartsOfServersAreOneCallOfTheMainThread) {
   SettingsQuestions questions(
       {.worker = platform().settingsWorker,
        .onMain = [&](RunLoop::Callback callback) { posted.push_back(std::move(callback)); },
+       .now = [&] { return loop_.now(); },
        .onRestart = [&] { ++restarts; }});
   questions.valuesOf({{"common", std::nullopt}}, [](auto) {});
   loop_.runReady();
@@ -217,15 +218,11 @@ TEST_F(EvaluationEdgesTest, ARetryIgnoresAFeatureServicesSwitches) {
 
 TEST_F(EvaluationEdgesTest, AnEvaluationKeepsItsCatalogue) {
   useScanner(features());
-  // During the notice of the primary service's start, a second launch reads another catalogue.
-  const auto client = registerClient();
-  client->onNotice = [this, &client] {
-    client->onNotice = nullptr;
-    install(catalogue({{kPrimary, entry("configd")}, {kAgent, entry("agent")}}));
-    startConfigurationServer();
-    manager().backgroundServiceDidFinishLaunching({});
-  };
-  evaluate();
+  manager().evaluateSystemConfiguration();
+  // While the primary service is being started, a second launch reads another catalogue.
+  install(catalogue({{kPrimary, entry("configd")}, {kAgent, entry("agent")}}));
+  startConfigurationServer();
+  launch();
   EXPECT_EQ(countInLog("Evaluating service: com.example.scanner"), 1u);
   EXPECT_FALSE(isRunning(kScanner));  // The catalogue of that moment has no job for it.
   EXPECT_TRUE(isRunning(kAgent));

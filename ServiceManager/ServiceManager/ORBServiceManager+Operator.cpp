@@ -33,7 +33,8 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .work = enforcement_.work(),
           .unchecked = rechecks_.waiting(),
           .extensionFailures = extensions_.failures(),
-          .askedSources = settings_.askedSources()};
+          .askedSources = settings_.askedSources(),
+          .lastValues = settings_.lastValues()};
 }
 
 ORBServiceManagerOperatorServer::MainThread ORBServiceManager::operatorsMainThread() {

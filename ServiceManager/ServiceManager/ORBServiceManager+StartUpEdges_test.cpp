@@ -1,5 +1,6 @@
 // Starts on other systems, and with catalogues whose optional parts are wrong.
 
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -14,6 +15,13 @@ using testing::IsEmpty;
 
 class StartUpEdgesTest : public StartUpFixture {
  protected:
+  // Starts the daemon. `event` happens when it asks whether the configuration server is up.
+  void startWith(std::function<void()> event) {
+    manager().backgroundServiceDidFinishLaunching({});
+    // Behind the turn of the worker, which acquires the rights, and that of the answer.
+    loop_.post([this, event = std::move(event)] { loop_.post(event); });
+    loop_.runReady();
+  }
   bool isVended(const char* name) {
     Program other(*this, 300);
     return other.connections.connectionWithRegisteredName(name) != nullptr;
@@ -60,17 +68,20 @@ TEST_F(StartUpEdgesTest, AServerThatHungFirstIsNoticedAtOnce) {
 // The server's answer is on its way when its end is announced.
 TEST_F(StartUpEdgesTest, AServerThatEndsDuringTheStartIsStartedAgain) {
   startConfigurationServer();
-  manager().backgroundServiceDidFinishLaunching({});
-  manager().handleGlobalSettingsServerWillShutdown({});
-  loop_.runReady();
+  startWith([this] {
+    EXPECT_TRUE(manager().watchDog());
+    manager().handleGlobalSettingsServerWillShutdown({});
+  });
   EXPECT_EQ(manager().operatingMode(), kWaiting);
   EXPECT_TRUE(isRunning(kPrimary));
 }
 
 TEST_F(StartUpEdgesTest, AnInstallerDuringTheStartIsLeftAlone) {
   startConfigurationServer();
-  manager().backgroundServiceDidFinishLaunching({});
-  manager().shutdownServices({}, {});
+  startWith([this] {
+    EXPECT_TRUE(manager().watchDog());
+    manager().shutdownServices({}, {});
+  });
   loop_.advanceBy(std::chrono::seconds(1));
   EXPECT_EQ(manager().operatingMode(), kInstaller);
   EXPECT_FALSE(isRunning(kPrimary));

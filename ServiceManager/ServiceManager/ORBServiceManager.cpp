@@ -18,6 +18,8 @@ namespace {
 
 constexpr std::size_t kSecretSize = 8;
 constexpr Duration kFirstEvaluationDelay = std::chrono::milliseconds(100);
+// The start waits so long for a bus that is there to confirm the observers.
+constexpr Duration kBusTime = std::chrono::seconds(2);
 
 constexpr char kConfigurationStatusServer[] = "com.vantor.service.configd.status";
 
@@ -38,6 +40,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
       settings_({.worker = platform_.settingsWorker,
                  .onMain = [&loop = platform_.runLoop](
                                RunLoop::Callback callback) { loop.post(std::move(callback)); },
+                 .now = [&loop = platform_.runLoop] { return loop.now(); },
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
       lastUser_(std::make_shared<LastLoggedInUser>(platform_.withSettingsOfThisThread)),
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
@@ -93,7 +96,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                     .rechecks = rechecks_,
                     .onUnsupported = [this] { noticeUnreadyServices(); },
                     .onActivity = [this] { operatorPublisher_.changed(); }}),
-      timers_(platform_.runLoop),
+      timers_(platform_.runLoop, [this] { operatorPublisher_.changed(); }),
       ownIntegrity_({.runLoop = platform_.runLoop,
                      .timers = timers_,
                      .validator = validator_,
@@ -115,7 +118,11 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
            .run = [this](const std::string& label) { enforceRunningForService(label, nullptr); },
            .shutDown = [this](const std::string& label) { enforceShutdownForService(label); },
            .evaluateAgain = [this](const std::string& label) { evaluateInTurn(label); },
-           .onAnswer = [this] { takeOver_.continueIfQuiet(); }}),
+           .onAnswer =
+               [this] {
+                 operatorPublisher_.changed();
+                 takeOver_.continueIfQuiet();
+               }}),
       takeOver_({.timers = timers_,
                  .enforcement = enforcement_,
                  .isDeciding = [this] { return isDeciding(); },
@@ -148,24 +155,51 @@ void ORBServiceManager::backgroundServiceDidFinishLaunching(const Value& /*notif
   vantorlogger2_open(kClassName, mach_thread_self());
   if (!makeSecret()) return;
   logOwner();
-  if (acquireAuthorization()) ownIntegrity_.check();
+  acquireAuthorization();
+}
+
+void ORBServiceManager::backgroundServiceWhenReady(CompletionBlock ready) {
+  if (!isAcquiringAuthorization_) return takeOver_.whenReady(std::move(ready));
+  onAcquired_ = std::move(ready);
 }
 
 void ORBServiceManager::finishLaunching() {
   if (!readInstalledCatalogue()) return;
+  takeOver_.begin();
   observeServices();
   makeMonitoringRecords();
   observeSettings();
   makePrimaryServiceClient();
   timers_.startWatchDog([this] { evaluateWaitingForPrimaryServiceOperatingMode(); });
-  takeOver_.begin();
+  if (!platform_.distributedCenter.isAwaitingConfirmation()) return beginWork();
+  // The primary service may announce its start between a question and the bus's confirmation, so
+  // the confirmation comes first.
+  setMode(ORBOperatingModeWaitingForPrimaryService);
+  isBusAwaited_ = true;
+  timers_.performAfterDelay({"begin without the bus"}, kBusTime, [this] { endWaitForBus(); });
+}
+
+void ORBServiceManager::endWaitForBus() {
+  if (std::exchange(isBusAwaited_, false)) beginWork();
+}
+
+void ORBServiceManager::beginWork() {
   evaluateForTheFirstTime();
   userClients_.removeAll();
   // Its thread registers its name meanwhile.
   vendOperatorServer();
   servers_.vendServers();
   servers_.vendXPCListeners();
-  platform_.operatorWorker.awaitWork();  // The announcement tells clients that all names are there.
+  // The announcement tells clients that all names are there.
+  platform_.operatorWorker.perform(
+      [this, &loop = platform_.runLoop, isAlive = std::weak_ptr(isAlive_)] {
+        loop.post([this, isAlive] {
+          if (!isAlive.expired()) announceStart();
+        });
+      });
+}
+
+void ORBServiceManager::announceStart() {
   platform_.distributedCenter.postNotificationName(kServerDidStart, std::nullopt, {},
                                                    NSNotificationPosting::kPostToAllSessions);
   if (healthInfo_) healthInfo_->setReadyToReport(true);
@@ -201,13 +235,24 @@ void ORBServiceManager::logOwner() const {
                                                        owner.realGroup, owner.effectiveUser));
 }
 
-bool ORBServiceManager::acquireAuthorization() {
-  const OSStatus status = jobs_.acquireRights();
-  if (status == errAuthorizationSuccess) return true;
-  vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status));
-  announceStartUpError("Authorization failure",
-                       "Unable to acquire the correct rights to run background services");
-  return false;
+void ORBServiceManager::acquireAuthorization() {
+  isAcquiringAuthorization_ = true;
+  jobs_.acquireRights(
+      platform_.onExtensionWorker,
+      [&loop = platform_.runLoop](RunLoop::Callback work) { loop.post(std::move(work)); },
+      [this](OSStatus status) { authorizationIsAcquired(status); });
+}
+
+void ORBServiceManager::authorizationIsAcquired(OSStatus status) {
+  isAcquiringAuthorization_ = false;
+  if (status == errAuthorizationSuccess) {
+    ownIntegrity_.check();
+  } else {
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status));
+    announceStartUpError("Authorization failure",
+                         "Unable to acquire the correct rights to run background services");
+  }
+  if (onAcquired_) takeOver_.whenReady(std::exchange(onAcquired_, nullptr));
 }
 
 bool ORBServiceManager::readInstalledCatalogue() {
@@ -275,8 +320,10 @@ void ORBServiceManager::observeSettings() {
   observe(kConfigurationServerWillShutdown,
           &ORBServiceManager::handleGlobalSettingsServerWillShutdown);
   observe(kSettingsDidChange, &ORBServiceManager::handleGlobalSettingsDidChange);
-  observations_.push_back(
-      platform_.distributedCenter.observeReturn([this] { handleNotificationsReturn(); }));
+  observations_.push_back(platform_.distributedCenter.observeReturn([this] {
+    if (isBusAwaited_) return endWaitForBus();
+    handleNotificationsReturn();
+  }));
   platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
   jobStarts_ = platform_.jobs.observeStarts([this](std::string_view label, Jobs::Start start) {
     if (start == Jobs::Start::kStarted) return enforcement_.jobHasStarted(std::string(label));

@@ -78,9 +78,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // idle; a shut-down stops no service.
   void backgroundServiceDidFinishLaunching(const platform::Value& notification) override;
   // Ready means that the take-over has ended; see TakeOver.h. A daemon that is idle is ready, too.
-  void backgroundServiceWhenReady(CompletionBlock ready) override {
-    takeOver_.whenReady(std::move(ready));
-  }
+  void backgroundServiceWhenReady(CompletionBlock ready) override;
   void backgroundServiceWillTerminate(const platform::Value& notification) override;
 
   // The catalogue's lookups; see CatalogueLookups.h.
@@ -299,8 +297,12 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   // Start-up, in its order. A step that fails has logged and announced why.
   bool makeSecret();
   void logOwner() const;
-  bool acquireAuthorization();
+  void acquireAuthorization();
+  void authorizationIsAcquired(platform::OSStatus status);
   void finishLaunching();
+  void endWaitForBus();
+  void beginWork();
+  void announceStart();
   bool readInstalledCatalogue();
   void observeServices();
   void makeMonitoringRecords();
@@ -338,6 +340,9 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   std::optional<std::string> product_;
   std::int64_t operatingMode_ = ORBOperatingModeNormal;
   std::uint64_t modeChanges_ = 0;
+  bool isAcquiringAuthorization_ = false;
+  CompletionBlock onAcquired_;  // a request for readiness that has come meanwhile
+  bool isBusAwaited_ = false;   // by the start
   // After an announcement of the primary service's start.
   bool isAskedAboutStart_ = false;
   bool hasStartedSince_ = false;

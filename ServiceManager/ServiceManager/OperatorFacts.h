@@ -95,6 +95,9 @@ inline constexpr char kFactSource[] = "Source";  // the prefix of its settings s
 inline constexpr char kFactKey[] = "Key";
 inline constexpr char kFactExpected[] = "Expected";
 inline constexpr char kFactCurrent[] = "Current";
+// Real: how many seconds ago an evaluation was told this value; absent if the server has told it
+// now.
+inline constexpr char kFactCurrentAge[] = "CurrentAge";
 inline constexpr char kFactRefusal[] = "Refusal";  // that exception's name and reason
 inline constexpr char kFactOutcome[] = "Outcome";  // one of these
 inline constexpr char kOutcomeMatches[] = "matches";

@@ -33,5 +33,6 @@ struct OperatorPicture {
   std::set<std::string, std::less<>> unchecked = {};  // the services whose program is checked again
   ExtensionControl::Failures extensionFailures = {};
   std::map<std::string, AskedSource> askedSources = {};
+  SettingsQuestions::LastValues lastValues = {};
   platform::Value healthRecord = {};  // nil if the product keeps none
 };

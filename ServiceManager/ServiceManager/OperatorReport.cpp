@@ -16,11 +16,12 @@ using namespace platform;
 
 namespace {
 
-// The time in which each settings server must answer for all switches of a service. With that of
-// the job host, the times of all servers add up to less than the operator's command waits.
-constexpr Duration kProbeTime = std::chrono::seconds(2);
+// The time for all questions to settings servers. If a server does not answer within it, the report
+// says so and has the value of the last evaluation.
+constexpr Duration kProbeTime = std::chrono::milliseconds(40);
 // The time of a server that is known to hang. One that goes on answers much sooner.
 constexpr Duration kShortProbeTime = std::chrono::milliseconds(20);
+
 double inSeconds(Duration duration) {
   return std::chrono::duration<double>(std::max(duration, Duration::zero())).count();
 }
@@ -243,7 +244,7 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
     return;
   }
   Array all;
-  SourceTimes left;
+  ProbeTimes left{.all = kProbeTime, .ofSource = {}};
   for (const FeatureConfiguration& configuration : *configurations) {
     for (const auto& [key, expected] : configuration.switches) {
       Dictionary row{
@@ -260,7 +261,7 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
 SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPicture& picture,
                                              const FeatureConfiguration& configuration,
                                              const std::string& key, const Value& expected,
-                                             SourceTimes& left) {
+                                             ProbeTimes& left) {
   if (!configuration.source) return SwitchOutcome::kNoSource;
   facts.set(kFactSource, *configuration.source);
   const auto asked = picture.askedSources.find(*configuration.source);
@@ -270,26 +271,48 @@ SwitchOutcome OperatorReport::addSwitchFacts(Dictionary& facts, const OperatorPi
           ? environment_.sources.configurationWithSelectorPrefix(asked->first)
           : nullptr;
   if (!client) return SwitchOutcome::kNoSource;
-  // This time is for all switches of the server, however many there are.
-  Duration& time =
-      left.try_emplace(asked->first, timeFor(asked->first, asked->second)).first->second;
-  const Instant start = environment_.runLoop.now();
-  const MessageResult current = time <= Duration::zero()
-                                    ? std::unexpected(NSException{kNSPortTimeoutException, "", {}})
-                                    : client->probeObjectForKey(key, time);
-  time -= environment_.runLoop.now() - start;
-  if (!current && isMissingAnswer(current.error())) {
-    time = Duration::zero();  // It is not asked about its other switches.
-    hungUntil_[asked->first] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
-    return SwitchOutcome::kNoAnswer;
-  }
-  hungUntil_.erase(asked->first);
+  const MessageResult current = probe(*client, *asked, key, left);
+  if (!current && isMissingAnswer(current.error()))
+    return addLastValue(facts, picture, asked->first, key, expected);
   if (!current) {
     facts.set(kFactRefusal, refusalIn(current.error()));
     return SwitchOutcome::kRefused;
   }
   setIfKnown(facts, kFactCurrent, *current);
   return outcomeOf(compareSwitch(expected, *current));
+}
+
+MessageResult OperatorReport::probe(SettingsClient& client,
+                                    const std::pair<const std::string, AskedSource>& asked,
+                                    const std::string& key, ProbeTimes& left) {
+  const auto& [source, state] = asked;
+  Duration& ofSource = left.ofSource.try_emplace(source, timeFor(source, state)).first->second;
+  const Duration time = std::min(ofSource, left.all);
+  if (time <= Duration::zero())
+    return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
+  const Instant start = environment_.runLoop.now();
+  MessageResult current = client.probeObjectForKey(key, time);
+  const Duration taken = environment_.runLoop.now() - start;
+  ofSource -= taken;
+  left.all -= taken;
+  if (current || !isMissingAnswer(current.error())) {
+    hungUntil_.erase(source);
+  } else {
+    ofSource = Duration::zero();  // It is not asked about its other switches.
+    hungUntil_[source] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
+  }
+  return current;
+}
+
+// The last evaluation has decided by this value.
+SwitchOutcome OperatorReport::addLastValue(Dictionary& facts, const OperatorPicture& picture,
+                                           const std::string& source, const std::string& key,
+                                           const Value& expected) const {
+  const auto last = picture.lastValues.find({source, key});
+  if (last == picture.lastValues.end()) return SwitchOutcome::kNoAnswer;
+  facts.set(kFactCurrent, last->second.value);
+  facts.set(kFactCurrentAge, inSeconds(-until(last->second.at)));
+  return outcomeOf(compareSwitch(expected, last->second.value));
 }
 
 Duration OperatorReport::timeFor(const std::string& source, AskedSource state) const {

@@ -6,9 +6,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Files/FileReader.h"
 #include "Platform/Jobs/Jobs.h"
+#include "Platform/Messages/NSProxy.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Value.h"
@@ -53,8 +55,8 @@ class OperatorReport {
   platform::Value entriesOfServices(const OperatorPicture& picture,
                                     const platform::Array& labels) const;
   // Nil if no service of any product has the label. Asks the job host, which blocks for its
-  // time-out at most, and each settings server of the service's switches, for two seconds at most,
-  // once in half a minute.
+  // time-out at most, and the settings servers of the service's switches, all of which together
+  // block for 40 ms at most.
   platform::Value factsOfService(const OperatorPicture& picture, std::string_view label);
   // The facts of the jobs of those labels that are services of this product, by label.
   platform::Value jobsOfServices(const OperatorPicture& picture,
@@ -78,17 +80,26 @@ class OperatorReport {
                       const OperatorPicture& picture, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, ServiceSituation& situation,
                    const OperatorPicture& picture, std::string_view label);
-  // The rest of the time that each settings server gets to answer for these facts, by its prefix.
-  using SourceTimes = std::map<std::string, platform::Duration>;
-  // Adds its result to the facts of the switch.
+  // The rest of the time that settings servers get to answer for these facts.
+  struct ProbeTimes {
+    platform::Duration all;
+    std::map<std::string, platform::Duration> ofSource;  // by prefix
+  };
+  // These add their results to the facts of the switch.
   SwitchOutcome addSwitchFacts(platform::Dictionary& facts, const OperatorPicture& picture,
                                const FeatureConfiguration& configuration, const std::string& key,
-                               const platform::Value& expected, SourceTimes& left);
+                               const platform::Value& expected, ProbeTimes& left);
+  SwitchOutcome addLastValue(platform::Dictionary& facts, const OperatorPicture& picture,
+                             const std::string& source, const std::string& key,
+                             const platform::Value& expected) const;
+  platform::MessageResult probe(SettingsClient& client,
+                                const std::pair<const std::string, AskedSource>& asked,
+                                const std::string& key, ProbeTimes& left);
   platform::Duration timeFor(const std::string& source, AskedSource state) const;
   platform::Dictionary factsOfKext(const OperatorPicture& picture, const std::string& name,
                                    const std::optional<std::string>& identifier) const;
 
   const Environment environment_;
-  // Settings servers that did not answer a probe, until they get the whole time again.
+  // The settings servers that did not answer a probe, and until when they get less time.
   std::map<std::string, platform::Instant> hungUntil_;
 };

@@ -18,10 +18,10 @@ using testing::IsEmpty;
 
 class OperatorSwitchesTest : public OperatorFixture {};
 
-// A server that answers slowly.
+// A server that answers slowly, or, if it hangs, never.
 class SlowClient final : public SettingsClient {
  public:
-  SlowClient(VirtualRunLoop& loop, Duration time) : loop_(loop), time_(time) {}
+  SlowClient(VirtualRunLoop& loop, const Duration& time) : loop_(loop), time_(time) {}
   Value objectForKey(std::string_view key) override {
     return probeObjectForKey(key, 10s).value_or(Value());
   }
@@ -30,61 +30,90 @@ class SlowClient final : public SettingsClient {
     if (time_ <= timeOut) return Value(1);
     return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
   }
+  bool isServerHung() override { return time_ > 10s; }
   void forgetConnection() override {}
 
  private:
   VirtualRunLoop& loop_;
-  const Duration time_;
+  const Duration& time_;
 };
 
-TEST_F(OperatorSwitchesTest, ASlowSettingsServerHasTwoSecondsInAll) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<SlowClient>(loop_, 1s);
-                 });
-  startAll();
-  const Instant before = loop_.now();
-  const Value facts = serviceFacts(kAgent);
-  EXPECT_EQ(loop_.now() - before, 2s);
-  std::vector<std::string> outcomes;
-  for (const Value& row : *facts[kFactSwitches].array())
-    outcomes.push_back(*row[kFactOutcome].string());
-  EXPECT_THAT(outcomes, ElementsAre("matches", "clashes", "noAnswer", "noAnswer", "noSource"));
+class SlowSwitchesTest : public OperatorSwitchesTest {
+ protected:
+  static constexpr Duration kHangs = 1h;
+
+  // The server takes this time for each answer from now on.
+  void startAllWithin(Duration time) {
+    time_ = time;
+    factories_.add("commonSettingsClientWithDelegate:",
+                   [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                     return std::make_unique<SlowClient>(loop_, time_);
+                   });
+    startAll();
+  }
+  Value facts() {
+    const Instant before = loop_.now();
+    Value facts = serviceFacts(kAgent);
+    taken_ = loop_.now() - before;
+    return facts;
+  }
+  static std::vector<std::string> outcomesIn(const Value& facts) {
+    std::vector<std::string> outcomes;
+    for (const Value& row : *facts[kFactSwitches].array())
+      outcomes.push_back(*row[kFactOutcome].string());
+    return outcomes;
+  }
+
+  Duration time_{};
+  Duration taken_{};  // by the last facts()
+};
+
+TEST_F(SlowSwitchesTest, ASlowServerHasFortyMillisecondsInAll) {
+  startAllWithin(15ms);
+  const Value slow = facts();
+  EXPECT_EQ(taken_, 40ms);
+  const Array& switches = *slow[kFactSwitches].array();
+  EXPECT_EQ(switches[0][kFactCurrentAge], Value());
+  EXPECT_EQ(switches[1][kFactCurrentAge], Value());
+  EXPECT_FALSE(switches[2][kFactCurrentAge].isNil());
+  EXPECT_FALSE(switches[3][kFactCurrentAge].isNil());
+  EXPECT_THAT(outcomesIn(slow),
+              ElementsAre("matches", "clashes", "matches", "matches", "noSource"));
 }
 
-TEST_F(OperatorSwitchesTest, AHungSettingsServerIsWaitedForOnce) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<SlowClient>(loop_, 10s);
-                 });
-  startAll();
-  const Instant before = loop_.now();
-  const Value facts = serviceFacts(kAgent);
-  EXPECT_EQ(loop_.now() - before, 2s);
-  const Array& switches = *facts[kFactSwitches].array();
-  ASSERT_EQ(switches.size(), 5u);
-  for (std::size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(switches[i][kFactOutcome], Value("noAnswer"));
-    EXPECT_EQ(switches[i][kFactCurrent], Value());
-  }
-  EXPECT_EQ(switches[4][kFactOutcome], Value("noSource"));
+TEST_F(SlowSwitchesTest, WithoutAnAnswerTheValuesOfTheLastEvaluationCount) {
+  startAllWithin(0ms);
+  loop_.advanceBy(3s);
+  time_ = kHangs;
+  const Value facts = this->facts();
+  EXPECT_EQ(taken_, 40ms);
+  EXPECT_THAT(outcomesIn(facts),
+              ElementsAre("matches", "clashes", "matches", "matches", "noSource"));
+  const Value& row = (*facts[kFactSwitches].array())[0];
+  EXPECT_EQ(row[kFactCurrent], Value(1));
+  EXPECT_NEAR(row[kFactCurrentAge].real().value_or(0), 4, 1);
+  EXPECT_EQ(facts[kFactReason], Value(kReasonSwitch));
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
-TEST_F(OperatorSwitchesTest, AServerThatHungLatelyGetsLittleTime) {
-  factories_.add("commonSettingsClientWithDelegate:",
-                 [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                   return std::make_unique<SlowClient>(loop_, 10s);
-                 });
-  startAll();
-  serviceFacts(kAgent);
-  const Instant before = loop_.now();
-  serviceFacts(kAgent);
-  EXPECT_EQ(loop_.now() - before, 20ms);
+TEST_F(SlowSwitchesTest, AServerThatNeverAnsweredHasNoValues) {
+  startAllWithin(kHangs);
+  loop_.advanceBy(1min);
+  EXPECT_THAT(outcomesIn(facts()),
+              ElementsAre("noAnswer", "noAnswer", "noAnswer", "noAnswer", "noSource"));
+  EXPECT_LE(taken_, 40ms);
+}
+
+TEST_F(SlowSwitchesTest, AServerThatHungLatelyGetsLessTime) {
+  startAllWithin(0ms);
+  time_ = kHangs;
+  facts();
+  EXPECT_EQ(taken_, 40ms);
+  facts();
+  EXPECT_EQ(taken_, 20ms);
   loop_.sleepFor(30s);
-  const Instant later = loop_.now();
-  serviceFacts(kAgent);
-  EXPECT_EQ(loop_.now() - later, 2s);
+  facts();
+  EXPECT_EQ(taken_, 40ms);
 }
 
 // A server that raises at once for one of its keys.

@@ -18,6 +18,4 @@ struct OperatorWorker {
   platform::Jobs& jobs;
   KernelExtensionsPlatform extensions;  // waits a second at most
   const SettingsClientFactories& settingsClientFactories;
-  // Blocks until the work that was given before is done, for a bounded time. Any other thread.
-  std::function<void()> awaitWork = [] {};
 };

@@ -37,7 +37,7 @@ struct ProcessOwner {
 struct ServiceManagerPlatform {
   platform::RunLoop& runLoop;
   platform::Jobs& jobs;
-  platform::Authorization& authorization;
+  platform::Authorization& authorization;  // for work on the extension worker
   platform::ExitWatcher& exitWatcher;
   platform::FileReader& files;
   platform::CodeSignatures& codeSignatures;

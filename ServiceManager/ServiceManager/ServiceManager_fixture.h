@@ -87,12 +87,17 @@ class ServiceManagerFixture : public SupervisedMachine {
     hasHealthRecord_ = true;
     restart();
   }
+  // The rights have been acquired, and the first steps of the start been done.
+  void launch() {
+    manager().backgroundServiceDidFinishLaunching({});
+    loop_.runReady();
+  }
   void restart() {
     installProduct(hasHealthRecord_ ? kHostedManagedGuid : kServerManagedGuid);
     manager_.reset();
     const bool isServerUp = configurationProgram_.has_value();
     if (!isServerUp) startConfigurationServer();
-    manager().backgroundServiceDidFinishLaunching({});
+    launch();
     passOverEvaluation();
     if (!isServerUp) stopConfigurationServer();
     loop_.runReady();
@@ -208,9 +213,9 @@ class ServiceManagerFixture : public SupervisedMachine {
             extensionsPlatform_,
             [this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
             owner_,
-            {[this](platform::RunLoop::Callback work) { loop_.post(std::move(work)); },
-             {loop_, connections_, *center_, notificationCenter_, protocols_, system_},
-             factories_},
+            {[this](const std::string&, SettingsWorker::Work work) {
+              loop_.post([this, work = std::move(work)]() mutable { work(settingsParts_); });
+            }},
             {[](platform::RunLoop::Callback work) { work(); }, loop_, connections_, jobs_,
              extensionsPlatform_, factories_},
             [this]() -> std::unique_ptr<ServiceHealth> {
@@ -291,6 +296,8 @@ class ServiceManagerFixture : public SupervisedMachine {
   platform::ProtocolTable protocols_;
   ProcessOwner owner_{501, 0, 20};
   SettingsClientFactories factories_;
+  const SettingsParts settingsParts_{
+      {loop_, connections_, *center_, notificationCenter_, protocols_, system_}, factories_};
   int askedOnAnotherThread_ = 0;  // with factories of the calling thread
   std::map<std::string, std::map<std::string, Value>> settings_;
   int clientsMade_ = 0;

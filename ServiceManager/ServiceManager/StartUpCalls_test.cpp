@@ -1,5 +1,6 @@
 // The daemon's exact calls of the platform while it starts.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -33,8 +34,10 @@ class RecordingCenter final : public DistributedNotificationCenter {
     if (onObserve) onObserve(name.value_or("any"));
     return center_->addObserver(std::move(name), std::move(object), std::move(handler), behavior);
   }
+  bool isAwaitingConfirmation() const override { return isAwaitingConfirmation_; }
   std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
     ++returnsObserved;
+    onReturn = handler;
     return center_->observeReturn(std::move(handler));
   }
   void postNotificationName(std::string_view name, std::optional<std::string> object,
@@ -49,6 +52,8 @@ class RecordingCenter final : public DistributedNotificationCenter {
   std::function<void()> onPost;
   std::function<void(const std::string& name)> onObserve;
   int returnsObserved = 0;
+  std::function<void()> onReturn;
+  bool isAwaitingConfirmation_ = false;
 
  private:
   std::unique_ptr<DistributedNotificationCenter> center_;
@@ -199,6 +204,44 @@ TEST_F(StartUpCallsTest, OnlyTheFirstFailureIsAnnounced) {
   EXPECT_EQ(error(), Value("Internal inconsistency"));
   jobs_.setCallerAllowed(false);
   EXPECT_EQ(error(), Value("Authorization failure"));
+}
+
+TEST_F(StartUpCallsTest, NothingIsAskedBeforeTheBusConfirms) {
+  startConfigurationServer();
+  recording_->isAwaitingConfirmation_ = true;
+  start();
+  EXPECT_EQ(configurationServer_.questions, 0);
+  EXPECT_THAT(recording_->postings, testing::IsEmpty());
+  recording_->onReturn();
+  loop_.runReady();
+  EXPECT_EQ(configurationServer_.questions, 1);
+  EXPECT_THAT(announcements_, testing::SizeIs(1));
+  EXPECT_EQ(countInLog("Notifications may have been missed"), 0u);
+  recording_->onReturn();
+  EXPECT_EQ(countInLog("Notifications may have been missed"), 1u);
+}
+
+TEST_F(StartUpCallsTest, AHungBusDelaysTheStartByTwoSeconds) {
+  startConfigurationServer();
+  recording_->isAwaitingConfirmation_ = true;
+  start();
+  loop_.advanceBy(std::chrono::milliseconds(1999));
+  EXPECT_EQ(configurationServer_.questions, 0);
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  loop_.advanceBy(std::chrono::milliseconds(1));
+  EXPECT_EQ(configurationServer_.questions, 1);
+  EXPECT_THAT(announcements_, testing::SizeIs(1));
+  recording_->onReturn();
+  EXPECT_EQ(countInLog("Notifications may have been missed"), 1u);
+  EXPECT_THAT(announcements_, testing::SizeIs(1));
+}
+
+TEST_F(StartUpCallsTest, TheMainThreadDoesNotWaitForTheJobHost) {
+  jobs_.setReachable(false);
+  const Instant before = loop_.now();
+  manager().backgroundServiceDidFinishLaunching({});
+  EXPECT_EQ(loop_.now(), before);
+  EXPECT_THAT(authorization_.created, testing::IsEmpty());  // The worker will ask.
 }
 
 TEST_F(StartUpCallsTest, AnIdleDaemonObservesNoReturn) {

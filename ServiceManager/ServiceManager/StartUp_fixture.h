@@ -27,10 +27,7 @@ class StartUpFixture : public ServiceManagerFixture {
     }
   }
 
-  void start() {
-    manager().backgroundServiceDidFinishLaunching({});
-    loop_.runReady();
-  }
+  void start() { launch(); }
 
   std::vector<DistributedNotification> announcements_;
   std::vector<std::unique_ptr<platform::DistributedNotificationCenter::Observation>> observations_;

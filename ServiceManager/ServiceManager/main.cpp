@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <unistd.h>
 
@@ -17,7 +18,6 @@
 #include "Platform/Linux/CodeSigning/LinuxCodeSignatures.h"
 #include "Platform/Linux/Files/LinuxExtendedAttributes.h"
 #include "Platform/Linux/Files/LinuxFileReader.h"
-#include "Platform/Linux/Jobs/EmbeddedAuthorization.h"
 #include "Platform/Linux/Jobs/EmbeddedJobs.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
@@ -81,7 +81,6 @@ int main(int argc, char** argv) {
 
   platform::JobHostClient host(linux.peerTransport, loop, platform::jobHostSocket(root));
   platform::EmbeddedJobs jobs(host);
-  platform::EmbeddedAuthorization authorization(host);
   platform::LinuxFileReader files;
   platform::DevRandom randomDevice;
   platform::NotificationCenter center;
@@ -89,7 +88,8 @@ int main(int argc, char** argv) {
       loop, linux.peerTransport, center, linux.systemLog,
       [&](std::string_view name) { return places.connection(name); }, linux.userLines);
   const auto distributedCenter = platform::makeBusNotificationCenter(
-      *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog);
+      *linux.runLoop, platform::notificationBusAddress(linux.configuration), linux.systemLog,
+      platform::Duration::zero());
   platform::LinuxExtendedAttributes attributes;
   platform::ProtocolTable protocols;
   addServiceManagerProtocols(protocols);
@@ -103,20 +103,19 @@ int main(int argc, char** argv) {
   // All that waits for an extension does so on a thread of its own, with a connection of its own.
   const auto extensionThread = platform::LoopThread::create();
   if (!extensionThread) return fail(extensionThread.error());
-  // So does all that waits for a settings server.
-  const auto settingsThread = platform::LoopThread::create();
-  if (!settingsThread) return fail(settingsThread.error());
+  // All that waits for a settings server does so on the thread of that server.
+  const auto settingsWorker = SettingsClientsWorker::make({linux, places, protocols});
+  if (!settingsWorker) return fail(settingsWorker.error());
   // The operator is answered on a thread of its own, also while the main thread is busy.
   const auto operatorThread = platform::LoopThread::create();
   if (!operatorThread) return fail(operatorThread.error());
   ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
-  SettingsClientsWorker settingsWorker(**settingsThread, linux, places, protocols);
   OperatorClients operatorClients(**operatorThread, linux, places, protocols, **signatures);
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,
       .jobs = jobs,
-      .authorization = authorization,
+      .authorization = extensionWorker.authorization(),
       .exitWatcher = linux.exitWatcher,
       .files = files,
       .codeSignatures = **signatures,
@@ -131,7 +130,7 @@ int main(int argc, char** argv) {
       .onExtensionWorker =
           [&](platform::RunLoop::Callback work) { extensionWorker.perform(std::move(work)); },
       .owner = {::getuid(), ::geteuid(), ::getgid()},
-      .settingsWorker = settingsWorker.worker(),
+      .settingsWorker = (*settingsWorker)->worker(),
       .operatorWorker = operatorClients.worker(),
       .makeHealthInfo =
           [&] {
@@ -162,8 +161,9 @@ int main(int argc, char** argv) {
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
   // Destructors would wait for a worker that hangs.
-  if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()},
-                   std::move(*xpc), loop)) {
+  std::vector<platform::LoopThread*> threads = (*settingsWorker)->threads();
+  threads.insert(threads.end(), {extensionThread->get(), operatorThread->get()});
+  if (!endTogether(threads, std::move(*xpc), loop)) {
     platform::endProgramNow(status);
   }
   return status;

@@ -1,19 +1,17 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 
 #include <atomic>
-#include <utility>
 
 using namespace platform;
 
-// The clients of the servers, on the worker's thread.
-struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
-  explicit Clients(const Environment& environment, std::weak_ptr<int> isAlive)
+// The client of one server, on that server's thread.
+struct SettingsQuestions::Client final : KLXGlobalSettingsClientDelegate {
+  Client(const Environment& environment, std::weak_ptr<int> isAlive)
       : onMain(environment.onMain),
         onRestart(environment.onRestart),
-        ownerIsAlive(std::move(isAlive)),
-        sources(environment.worker.factories, *this) {}
+        ownerIsAlive(std::move(isAlive)) {}
 
-  // The main thread may be busy while servers announce one start after the other.
+  // The main thread may be busy while the server announces one start after the other.
   void globalSettingsServerDidRestart(SettingsClient& /*client*/) override {
     if (isRestartPosted->exchange(true)) return;
     onMain([onRestart = onRestart, ownerIsAlive = ownerIsAlive, isPosted = isRestartPosted] {
@@ -22,67 +20,125 @@ struct SettingsQuestions::Clients final : KLXGlobalSettingsClientDelegate {
     });
   }
 
+  SettingsClient* settings(const std::string& source, const SettingsParts& parts) {
+    if (!sources) sources.emplace(parts.factories, *this);
+    return sources->configurationWithSelectorPrefix(source);
+  }
+  void forgetConnection() {
+    if (primaryService) primaryService->serverDidStart({});
+    if (sources) sources->forgetConnections();
+  }
+
   const std::function<void(RunLoop::Callback)> onMain;
   const std::function<void()> onRestart;
   const std::weak_ptr<int> ownerIsAlive;
   // Shared with the posted callback.
   const std::shared_ptr<std::atomic<bool>> isRestartPosted =
       std::make_shared<std::atomic<bool>>(false);
-  std::atomic<bool> willForget = false;  // it is posted to the worker
-  SettingsSources sources;
+  std::atomic<bool> willForget = false;  // it is posted to the server's thread
+  std::optional<SettingsSources> sources;
   std::unique_ptr<VantorDistantObject> primaryService;
 };
 
-SettingsQuestions::SettingsQuestions(Environment environment)
-    : environment_(std::move(environment)),
-      clients_(std::make_shared<Clients>(environment_, isAlive_)) {}
+// The answers of several servers to one question, as far as they have come. Belongs to the main
+// thread.
+struct SettingsQuestions::Answers {
+  std::vector<Setting> settings;
+  Values values;
+  std::size_t missing = 0;  // servers
+  std::move_only_function<void(Values)> answer;
+};
 
-// The clients belong to the worker, so they end there.
+SettingsQuestions::SettingsQuestions(Environment environment)
+    : environment_(std::move(environment)) {}
+
+// Each client ends on its server's thread.
 SettingsQuestions::~SettingsQuestions() {
-  environment_.worker.perform([clients = std::move(clients_)] {});
+  for (auto& [server, client] : clients_) {
+    environment_.worker.perform(server, [client = std::move(client)](const SettingsParts&) {});
+  }
+}
+
+const std::shared_ptr<SettingsQuestions::Client>& SettingsQuestions::clientOf(
+    const std::string& server) {
+  auto& client = clients_[server];
+  if (!client) client = std::make_shared<Client>(environment_, isAlive_);
+  return client;
 }
 
 template <class Answer>
-void SettingsQuestions::ask(std::move_only_function<Answer(Clients& clients)> question,
-                            std::move_only_function<void(Answer)> answer) {
-  environment_.worker.perform([clients = clients_, isAlive = std::weak_ptr(isAlive_),
-                               onMain = environment_.onMain, question = std::move(question),
-                               answer = std::move(answer)]() mutable {
-    onMain([isAlive, answer = std::move(answer), result = question(*clients)]() mutable {
-      if (!isAlive.expired()) answer(std::move(result));
-    });
-  });
+void SettingsQuestions::ask(
+    const std::string& server,
+    std::move_only_function<Answer(Client& client, const SettingsParts& parts)> question,
+    std::move_only_function<void(Answer)> answer) {
+  environment_.worker.perform(
+      server, [client = clientOf(server), isAlive = std::weak_ptr(isAlive_),
+               onMain = environment_.onMain, question = std::move(question),
+               answer = std::move(answer)](const SettingsParts& parts) mutable {
+        onMain([isAlive, answer = std::move(answer), result = question(*client, parts)]() mutable {
+          if (!isAlive.expired()) answer(std::move(result));
+        });
+      });
 }
 
 void SettingsQuestions::valuesOf(std::vector<Setting> settings,
                                  std::move_only_function<void(Values)> answer) {
+  std::map<std::string, std::vector<std::size_t>> placesOfSources;
+  for (std::size_t place = 0; place < settings.size(); ++place) {
+    if (settings[place].source) placesOfSources[*settings[place].source].push_back(place);
+  }
+  const std::size_t count = settings.size();
+  const auto answers = std::make_shared<Answers>(
+      Answers{std::move(settings), Values(count), placesOfSources.size(), std::move(answer)});
+  if (placesOfSources.empty()) {
+    return environment_.onMain([answers, isAlive = std::weak_ptr(isAlive_)] {
+      if (!isAlive.expired()) answers->answer(std::move(answers->values));
+    });
+  }
+  for (auto& [source, places] : placesOfSources) askSource(source, std::move(places), answers);
+}
+
+void SettingsQuestions::askSource(const std::string& source, std::vector<std::size_t> places,
+                                  const std::shared_ptr<Answers>& answers) {
   struct Found {
     Values values;
-    std::map<std::string, AskedSource> sources;
+    AskedSource state = AskedSource::kMissing;
   };
+  std::vector<std::optional<std::string>> keys;
+  for (const std::size_t place : places) keys.push_back(answers->settings[place].key);
   ask<Found>(
-      [settings = std::move(settings)](Clients& clients) {
+      source,
+      [source, keys = std::move(keys)](Client& server, const SettingsParts& parts) {
         Found found;
-        for (const Setting& setting : settings) {
-          SettingsClient* client = nullptr;
-          if (setting.source) {
-            client = clients.sources.configurationWithSelectorPrefix(*setting.source);
-            found.sources.emplace(*setting.source, AskedSource::kMissing);
-          }
-          Value value = client && setting.key ? client->objectForKey(*setting.key) : Value();
-          if (client) {
-            found.sources[*setting.source] =
-                client->isServerHung() ? AskedSource::kHung : AskedSource::kAnswers;
-          }
-          // An object of the server belongs to the connection, and so to the worker.
+        SettingsClient* const client = server.settings(source, parts);
+        for (const auto& key : keys) {
+          Value value = client && key ? client->objectForKey(*key) : Value();
+          // An object of the server belongs to the connection, and so to the server's thread.
           found.values.push_back(value.remoteObject() ? Value() : std::move(value));
+        }
+        if (client) {
+          found.state = client->isServerHung() ? AskedSource::kHung : AskedSource::kAnswers;
         }
         return found;
       },
-      [this, answer = std::move(answer)](Found found) mutable {
-        for (const auto& [source, state] : found.sources) askedSources_[source] = state;
-        answer(std::move(found.values));
+      [this, source, places = std::move(places), answers](Found found) {
+        askedSources_[source] = found.state;
+        for (std::size_t i = 0; i < places.size(); ++i) {
+          const auto& key = answers->settings[places[i]].key;
+          if (key) note(source, *key, found.values[i]);
+          answers->values[places[i]] = std::move(found.values[i]);
+        }
+        if (--answers->missing == 0) answers->answer(std::move(answers->values));
       });
+}
+
+void SettingsQuestions::note(const std::string& source, const std::string& key,
+                             const Value& value) {
+  if (value.isNil()) {
+    lastValues_.erase({source, key});
+  } else {
+    lastValues_.insert_or_assign({source, key}, LastValue{value, environment_.now()});
+  }
 }
 
 bool SettingsQuestions::isHung(const std::string& source) const {
@@ -92,32 +148,38 @@ bool SettingsQuestions::isHung(const std::string& source) const {
 
 void SettingsQuestions::makePrimaryServiceClient(const char* server, const char* protocol,
                                                  const char* startNotification) {
-  environment_.worker.perform([=, clients = clients_, objects = environment_.worker.objects] {
-    clients->primaryService =
-        std::make_unique<VantorDistantObject>(objects, server, protocol, startNotification);
-  });
+  primaryServer_ = server;
+  environment_.worker.perform(primaryServer_,
+                              [=, client = clientOf(primaryServer_)](const SettingsParts& parts) {
+                                client->primaryService = std::make_unique<VantorDistantObject>(
+                                    parts.objects, server, protocol, startNotification);
+                              });
 }
 
 void SettingsQuestions::isPrimaryServiceUp(std::move_only_function<void(bool)> answer) {
   ask<bool>(
-      [](Clients& clients) {
-        return clients.primaryService &&
-               clients.primaryService->sendMessage("isServerUp") == Value(true);
+      primaryServer_,
+      [](Client& client, const SettingsParts&) {
+        return client.primaryService &&
+               client.primaryService->sendMessage("isServerUp") == Value(true);
       },
       std::move(answer));
 }
 
 void SettingsQuestions::primaryServiceDidStart() {
-  environment_.worker.perform([clients = clients_] {
-    if (clients->primaryService) clients->primaryService->serverDidStart({});
+  const auto client = clients_.find(primaryServer_);
+  if (client == clients_.end()) return;
+  environment_.worker.perform(primaryServer_, [client = client->second](const SettingsParts&) {
+    if (client->primaryService) client->primaryService->serverDidStart({});
   });
 }
 
 void SettingsQuestions::forgetConnections() {
-  if (clients_->willForget.exchange(true)) return;
-  environment_.worker.perform([clients = clients_] {
-    clients->willForget = false;
-    if (clients->primaryService) clients->primaryService->serverDidStart({});
-    clients->sources.forgetConnections();
-  });
+  for (const auto& [server, client] : clients_) {
+    if (client->willForget.exchange(true)) continue;
+    environment_.worker.perform(server, [client = client](const SettingsParts&) {
+      client->willForget = false;
+      client->forgetConnection();
+    });
+  }
 }

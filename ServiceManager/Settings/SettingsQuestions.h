@@ -1,26 +1,33 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Global Settings/GlobalSettingsClient/SettingsClient.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/VantorDistantObject.h"
-#include "Platform/Notifications/DistributedNotificationCenter.h"
 #include "Platform/RunLoops/RunLoop.h"
+#include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 
-// The parts of the platform that ask settings servers on a thread of their own.
-struct SettingsWorker {
-  // Runs work on that thread, one piece after the other.
-  std::function<void(platform::RunLoop::Callback work)> perform;
-  // For work on that thread only.
+// The parts of the platform that ask settings servers on one thread.
+struct SettingsParts {
   VantorDistantObject::Environment objects;
   const SettingsClientFactories& factories;
+};
+
+// Asks settings servers on threads that may wait for them.
+struct SettingsWorker {
+  using Work = std::move_only_function<void(const SettingsParts& parts)>;
+  // Runs work on the thread of this server, one piece after the other. The parts belong to that
+  // thread, and are the same for all work on the server.
+  std::function<void(const std::string& server, Work work)> perform;
 };
 
 // A settings server that has been asked.
@@ -30,9 +37,10 @@ enum class AskedSource {
   kHung,  // it did not answer the last question, or was not asked because it hung lately
 };
 
-// Asks the settings servers and the configuration server on behalf of the daemon. A server that
-// hangs costs its time-outs on the worker's thread, and the main thread goes on. Answers come in
-// the order of the questions, as callbacks on the main thread. Belongs to that thread.
+// Asks the settings servers and the configuration server on behalf of the daemon. Each server has a
+// thread, so a hung server delays only the answers that need it, and the main thread goes on.
+// Answers come as callbacks on the main thread, those of one server in the order of the questions.
+// Belongs to that thread.
 class SettingsQuestions {
  public:
   struct Setting {
@@ -45,9 +53,18 @@ class SettingsQuestions {
     SettingsWorker worker;
     // Runs a callback on the main thread.
     std::function<void(platform::RunLoop::Callback callback)> onMain;
-    // A settings server was started again. One call may stand for several restarts.
+    std::function<platform::Instant()> now;
+    // A settings server was started again. One call may stand for several restarts of it.
     std::function<void()> onRestart;
   };
+
+  // The values that servers have told an evaluation last, by source and key. A setting without a
+  // value has no entry, nor has one of a server that did not answer.
+  struct LastValue {
+    platform::Value value;
+    platform::Instant at;
+  };
+  using LastValues = std::map<std::pair<std::string, std::string>, LastValue>;
 
   explicit SettingsQuestions(Environment environment);
   SettingsQuestions(const SettingsQuestions&) = delete;
@@ -55,8 +72,9 @@ class SettingsQuestions {
   // Answers that have not come are dropped.
   ~SettingsQuestions();
 
-  // The values of these settings, in their order; nil if there is none or its server can't be
-  // reached. A value that stands for an object of the server counts as nil.
+  // The values of these settings, in their order, when all their servers have answered; nil if
+  // there is none or its server can't be reached. A value that stands for an object of the server
+  // counts as nil.
   void valuesOf(std::vector<Setting> settings, std::move_only_function<void(Values)> answer);
 
   // Makes the client of the configuration server, which posts the notification at its start.
@@ -73,15 +91,25 @@ class SettingsQuestions {
   // The sources that have been asked.
   const std::map<std::string, AskedSource>& askedSources() const { return askedSources_; }
   bool isHung(const std::string& source) const;
+  const LastValues& lastValues() const { return lastValues_; }
 
  private:
-  struct Clients;
+  struct Client;
+  struct Answers;
+  const std::shared_ptr<Client>& clientOf(const std::string& server);
   template <class Answer>
-  void ask(std::move_only_function<Answer(Clients& clients)> question,
+  void ask(const std::string& server,
+           std::move_only_function<Answer(Client& client, const SettingsParts& parts)> question,
            std::move_only_function<void(Answer)> answer);
+  void askSource(const std::string& source, std::vector<std::size_t> places,
+                 const std::shared_ptr<Answers>& answers);
+  void note(const std::string& source, const std::string& key, const platform::Value& value);
 
   const Environment environment_;
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
-  std::shared_ptr<Clients> clients_;  // the worker's
+  // By server. Each client belongs to its server's thread.
+  std::map<std::string, std::shared_ptr<Client>> clients_;
+  std::string primaryServer_;
   std::map<std::string, AskedSource> askedSources_;
+  LastValues lastValues_;
 };

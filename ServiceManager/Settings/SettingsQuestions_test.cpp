@@ -1,7 +1,7 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 
-#include <chrono>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -13,284 +13,139 @@
 #include <gtest/gtest.h>
 
 #include "Global Settings/GlobalSettingsClient/FakeSettingsClient_fixture.h"
-#include "Global Settings/GlobalSettingsClient/FakeSettingsServer_fixture.h"
-#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2_fixture.h"
-#include "Platform/Testing/NamedConnections/ConnectedProgram.h"
-#include "Platform/Testing/Notifications/FakeNotificationBus.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/NamedConnections/NamedConnections.h"
+#include "Platform/Notifications/NotificationCenter.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
 #include "Platform/Testing/Peers/FakePeerTransport.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
+#include "ServiceManager/Settings/NullNotificationCenter.h"
 
 namespace {
 
 using namespace platform;
+using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Pair;
-using testing::UnorderedElementsAre;
 
-constexpr char kPrimaryName[] = "com.example.status";
-constexpr char kPrimaryProtocol[] = "StatusProtocol";
-
-// The configuration server's object. Its connections are real.
-class PrimaryStatus final : public MessageReceiver {
- public:
-  MessageResult receiveMessage(std::string_view selector, const Array&) override {
-    EXPECT_EQ(selector, "isServerUp");
-    ++questions;
-    return answer;
-  }
-  MessageResult answer = Value(true);
-  int questions = 0;
-};
-
-// The worker's and the main thread's work wait in queues, and the test serves each.
+// Two settings servers, "one" and "two". The test plays the thread of each, and runs its work.
 class SettingsQuestionsTest : public testing::Test {
  protected:
-  using Setting = SettingsQuestions::Setting;
-  using Values = SettingsQuestions::Values;
-
   SettingsQuestionsTest() {
-    protocols_.add(kPrimaryProtocol, Protocol(kPrimaryProtocol, {{"isServerUp"}}));
-  }
-
-  // The settings that a prefix's server holds; naming them makes the prefix resolve.
-  std::map<std::string, Value>& settings(const std::string& prefix) {
-    factories_.add(prefix + "SettingsClientWithDelegate:",
-                   [this, prefix](KLXGlobalSettingsClientDelegate& delegate) {
-                     auto client =
-                         std::make_unique<FakeSettingsClient>(settings_[prefix], &forgetCalls_);
-                     client->isHung = &isHung_[prefix];
-                     clients_[prefix] = {&delegate, client.get()};
-                     return SettingsClientResult(std::move(client));
-                   });
-    return settings_[prefix];
-  }
-  void restart(const std::string& prefix) {
-    const auto& [delegate, client] = clients_.at(prefix);
-    delegate->globalSettingsServerDidRestart(*client);
-  }
-
-  static void serve(std::deque<RunLoop::Callback>& work) {
-    while (!work.empty()) {
-      RunLoop::Callback next = std::move(work.front());
-      work.pop_front();
-      next();
+    for (const char* source : {"one", "two"}) {
+      factories_.add(std::string(source) + "SettingsClientWithDelegate:",
+                     [this, source](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
+                       auto client = std::make_unique<FakeSettingsClient>(settings_[source]);
+                       client->isHung = &isHung_[source];
+                       return client;
+                     });
+      settings_[source] = {{"key", std::string("of ") + source}};
     }
   }
-  void serveBoth() {
-    serve(onWorker_);
-    serve(onMain_);
+
+  // The answer, once it has come.
+  std::shared_ptr<std::optional<SettingsQuestions::Values>> ask(
+      std::vector<SettingsQuestions::Setting> settings) {
+    auto answer = std::make_shared<std::optional<SettingsQuestions::Values>>();
+    questions_->valuesOf(std::move(settings), [answer](SettingsQuestions::Values values) {
+      *answer = std::move(values);
+    });
+    loop_.runReady();
+    return answer;
   }
-  Values valuesOf(std::vector<Setting> settings) {
-    std::optional<Values> values;
-    questions_->valuesOf(std::move(settings), [&](Values answer) { values = std::move(answer); });
-    EXPECT_FALSE(values);
-    serveBoth();
-    EXPECT_TRUE(values);
-    return std::move(values).value_or(Values());
-  }
-  bool isPrimaryUp() {
-    std::optional<bool> isUp;
-    questions_->isPrimaryServiceUp([&](bool answer) { isUp = answer; });
-    serveBoth();
-    EXPECT_TRUE(isUp);
-    return isUp.value_or(false);
+  void serve(const std::string& server) {
+    for (auto& work : std::exchange(work_[server], {})) work(parts_);
+    loop_.runReady();
   }
 
-  // The configuration server is another program, which serves until this is destroyed.
-  struct PrimaryProgram {
-    PrimaryProgram(SettingsQuestionsTest& test, PrimaryStatus& status)
-        : transport(test.network_, {200, 0, 0}),
-          program(test.loop_, transport, &place),
-          authenticator(test.system_),
-          connection(program.connections.makeConnection()) {
-      connection->setDelegate(&authenticator);
-      connection->setRootObject(
-          std::make_shared<NSProtocolChecker>(&status, test.protocols_.find(kPrimaryProtocol)));
-      EXPECT_TRUE(connection->registerName(kPrimaryName));
-    }
-    FakePeerTransport transport;
-    ConnectedProgram program;
-    KLXConnectionAuthenticator authenticator;
-    std::shared_ptr<NSConnection> connection;
-  };
-  static std::string place(std::string_view name) { return "/names/" + std::string(name); }
-
-  struct MadeClient {
-    KLXGlobalSettingsClientDelegate* delegate;
-    FakeSettingsClient* client;
-  };
-
-  Logger2Lines lines_;
   VirtualRunLoop loop_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
   FakeSystemInformation system_;
-  ProtocolTable protocols_;
-  FakeNotificationBus bus_{loop_};
+  NotificationCenter center_;
+  NullNotificationCenter nullCenter_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport transport_{network_, {100, 0, 0}};
-  ConnectedProgram daemon_{loop_, transport_, &place};
-  std::unique_ptr<DistributedNotificationCenter> center_ = bus_.makeCenter(daemon_.log);
+  NamedConnections connections_{loop_, transport_, center_, log_,
+                                [](std::string_view name) { return std::string(name); }};
+  const ProtocolTable protocols_;
+  SettingsClientFactories factories_;
   std::map<std::string, std::map<std::string, Value>> settings_;
   std::map<std::string, bool> isHung_;
-  std::map<std::string, MadeClient> clients_;
-  int forgetCalls_ = 0;
-  SettingsClientFactories factories_;
-  std::deque<RunLoop::Callback> onWorker_;
-  std::deque<RunLoop::Callback> onMain_;
-  int restarts_ = 0;
+  const SettingsParts parts_{{loop_, connections_, nullCenter_, center_, protocols_, system_},
+                             factories_};
+  std::map<std::string, std::deque<SettingsWorker::Work>> work_;
   std::optional<SettingsQuestions> questions_{
       std::in_place,
       SettingsQuestions::Environment{
           .worker = {.perform =
-                         [this](RunLoop::Callback work) { onWorker_.push_back(std::move(work)); },
-                     .objects = {loop_, daemon_.connections, *center_, daemon_.center, protocols_,
-                                 system_},
-                     .factories = factories_},
-          .onMain = [this](RunLoop::Callback call) { onMain_.push_back(std::move(call)); },
-          .onRestart = [this] { ++restarts_; }}};
+                         [this](const std::string& server, SettingsWorker::Work work) {
+                           work_[server].push_back(std::move(work));
+                         }},
+          .onMain = [this](RunLoop::Callback callback) { loop_.post(std::move(callback)); },
+          .now = [this] { return loop_.now(); },
+          .onRestart = [] {}}};
 };
 
-// Settings.
-
-TEST_F(SettingsQuestionsTest, TheValuesComeInTheirOrder) {
-  settings("common") = {{"mode", "on"}, {"level", 3}};
-  settings("update") = {{"mode", "off"}};
-  EXPECT_THAT(valuesOf({{"update", "mode"}, {"common", "level"}, {"common", "mode"}}),
-              ElementsAre(Value("off"), Value(3), Value("on")));
+TEST_F(SettingsQuestionsTest, AHungServerDelaysNoAnswerOfAnother) {
+  const auto hung = ask({{"one", "key"}});
+  const auto healthy = ask({{"two", "key"}});
+  serve("two");
+  ASSERT_TRUE(*healthy);
+  EXPECT_THAT(**healthy, ElementsAre(Value("of two")));
+  EXPECT_FALSE(*hung);
+  serve("one");
+  ASSERT_TRUE(*hung);
+  EXPECT_THAT(**hung, ElementsAre(Value("of one")));
 }
 
-TEST_F(SettingsQuestionsTest, AMissingSettingOrServerIsNil) {
-  settings("common") = {{"mode", "on"}};
-  EXPECT_THAT(valuesOf({{"common", "absent"}, {"unknown", "mode"}, {std::nullopt, "mode"}}),
-              ElementsAre(Value(), Value(), Value()));
+TEST_F(SettingsQuestionsTest, AQuestionToTwoServersWaitsForBoth) {
+  const auto answer =
+      ask({{"two", std::nullopt}, {"two", "key"}, {std::nullopt, "key"}, {"one", "key"}});
+  serve("one");
+  EXPECT_FALSE(*answer);
+  serve("two");
+  ASSERT_TRUE(*answer);
+  EXPECT_THAT(**answer, ElementsAre(Value(), Value("of two"), Value(), Value("of one")));
 }
 
-TEST_F(SettingsQuestionsTest, AQuestionWithoutAKeyOnlyMakesTheClient) {
-  settings("common");
-  EXPECT_THAT(valuesOf({{"common", std::nullopt}}), ElementsAre(Value()));
-  EXPECT_TRUE(clients_.contains("common"));
-  EXPECT_THAT(questions_->askedSources(), ElementsAre(Pair("common", AskedSource::kAnswers)));
+TEST_F(SettingsQuestionsTest, WithoutAServerTheAnswerIsNil) {
+  const auto answer = ask({{std::nullopt, "key"}});
+  ASSERT_TRUE(*answer);
+  EXPECT_THAT(**answer, ElementsAre(Value()));
 }
 
-TEST_F(SettingsQuestionsTest, EachAskedSourceIsKnown) {
-  settings("common");
-  settings("update");
-  isHung_["update"] = true;
-  EXPECT_THAT(questions_->askedSources(), IsEmpty());
-  valuesOf({{"common", "mode"}, {"update", "mode"}, {"unknown", "mode"}});
-  EXPECT_THAT(questions_->askedSources(),
-              UnorderedElementsAre(Pair("common", AskedSource::kAnswers),
-                                   Pair("update", AskedSource::kHung),
-                                   Pair("unknown", AskedSource::kMissing)));
-  EXPECT_TRUE(questions_->isHung("update"));
-  EXPECT_FALSE(questions_->isHung("common"));
-  EXPECT_FALSE(questions_->isHung("never asked"));
-  isHung_["update"] = false;
-  valuesOf({{"update", "mode"}});
-  EXPECT_FALSE(questions_->isHung("update"));
+TEST_F(SettingsQuestionsTest, EachSourceHasItsState) {
+  isHung_["two"] = true;
+  ask({{"one", "key"}, {"two", "key"}, {"three", "key"}});
+  serve("one");
+  EXPECT_EQ(questions_->askedSources().size(), 1u);
+  serve("two");
+  serve("three");
+  EXPECT_EQ(questions_->askedSources().at("one"), AskedSource::kAnswers);
+  EXPECT_TRUE(questions_->isHung("two"));
+  EXPECT_EQ(questions_->askedSources().at("three"), AskedSource::kMissing);
 }
 
-TEST_F(SettingsQuestionsTest, AnswersComeInTheOrderOfTheQuestions) {
-  settings("common") = {{"mode", "on"}};
-  std::vector<std::string> answers;
-  questions_->valuesOf({{"common", "mode"}}, [&](const Values&) { answers.push_back("first"); });
-  questions_->isPrimaryServiceUp([&](bool) { answers.push_back("second"); });
-  questions_->valuesOf({{"common", "mode"}}, [&](const Values&) { answers.push_back("third"); });
-  serve(onWorker_);
-  EXPECT_THAT(answers, IsEmpty());
-  serve(onMain_);
-  EXPECT_THAT(answers, ElementsAre("first", "second", "third"));
+TEST_F(SettingsQuestionsTest, TheLastValueIsKeptWithItsTime) {
+  ask({{"one", "key"}});
+  loop_.advanceBy(1s);
+  serve("one");
+  const auto known = questions_->lastValues().at({"one", "key"});
+  EXPECT_EQ(known.value, Value("of one"));
+  EXPECT_EQ(known.at, loop_.now());
+  settings_["one"].clear();
+  ask({{"one", "key"}});
+  serve("one");
+  EXPECT_THAT(questions_->lastValues(), IsEmpty());
 }
 
-TEST_F(SettingsQuestionsTest, AnswersAfterItsEndAreDropped) {
-  settings("common") = {{"mode", "on"}};
-  int answers = 0;
-  questions_->valuesOf({{"common", "mode"}}, [&](const Values&) { ++answers; });
-  serve(onWorker_);
-  questions_->valuesOf({{"common", "mode"}}, [&](const Values&) { ++answers; });
+TEST_F(SettingsQuestionsTest, AnAnswerAfterTheEndIsDropped) {
+  const auto answer = ask({{"one", "key"}});
   questions_.reset();
-  serveBoth();
-  EXPECT_EQ(answers, 0);
-}
-
-// Restarts of the settings servers.
-
-TEST_F(SettingsQuestionsTest, ManyRestartsBeforeTheMainThreadIsFreeAreOneCall) {
-  settings("common");
-  settings("update");
-  valuesOf({{"common", "mode"}, {"update", "mode"}});
-  restart("common");
-  restart("update");
-  restart("common");
-  EXPECT_EQ(restarts_, 0);
-  serve(onMain_);
-  EXPECT_EQ(restarts_, 1);
-  restart("common");
-  serve(onMain_);
-  EXPECT_EQ(restarts_, 2);
-}
-
-TEST_F(SettingsQuestionsTest, ARestartAfterItsEndIsIgnored) {
-  settings("common");
-  valuesOf({{"common", "mode"}});
-  restart("common");
-  questions_.reset();
-  serveBoth();
-  EXPECT_EQ(restarts_, 0);
-}
-
-TEST_F(SettingsQuestionsTest, EachConnectionIsForgottenOnceForManyCalls) {
-  settings("common");
-  settings("update");
-  valuesOf({{"common", "mode"}, {"update", "mode"}});
-  questions_->forgetConnections();
-  questions_->forgetConnections();
-  EXPECT_EQ(forgetCalls_, 0);
-  serve(onWorker_);
-  EXPECT_EQ(forgetCalls_, 2);
-  questions_->forgetConnections();
-  serve(onWorker_);
-  EXPECT_EQ(forgetCalls_, 4);
-}
-
-// The configuration server.
-
-TEST_F(SettingsQuestionsTest, WithoutAClientThePrimaryServiceIsDown) {
-  PrimaryStatus status;
-  const PrimaryProgram program(*this, status);
-  EXPECT_FALSE(isPrimaryUp());
-  EXPECT_EQ(status.questions, 0);
-}
-
-TEST_F(SettingsQuestionsTest, ThePrimaryServiceSaysWhetherItIsUp) {
-  PrimaryStatus status;
-  const PrimaryProgram program(*this, status);
-  questions_->makePrimaryServiceClient(kPrimaryName, kPrimaryProtocol, "com.example.started");
-  EXPECT_TRUE(isPrimaryUp());
-  status.answer = Value(false);
-  EXPECT_FALSE(isPrimaryUp());
-  status.answer = Value("YES");
-  EXPECT_FALSE(isPrimaryUp());
-  EXPECT_EQ(status.questions, 3);
-}
-
-TEST_F(SettingsQuestionsTest, APrimaryServiceThatCannotBeReachedIsDown) {
-  questions_->makePrimaryServiceClient(kPrimaryName, kPrimaryProtocol, "com.example.started");
-  EXPECT_FALSE(isPrimaryUp());
-}
-
-TEST_F(SettingsQuestionsTest, AHungPrimaryServiceIsAskedAgainAfterItsStart) {
-  PrimaryStatus status;
-  std::optional<PrimaryProgram> program(std::in_place, *this, status);
-  questions_->makePrimaryServiceClient(kPrimaryName, kPrimaryProtocol, "com.example.started");
-  program->transport.hang();
-  EXPECT_FALSE(isPrimaryUp());
-  program.reset();
-  program.emplace(*this, status);
-  EXPECT_FALSE(isPrimaryUp());
-  questions_->primaryServiceDidStart();
-  EXPECT_TRUE(isPrimaryUp());
+  serve("one");
+  EXPECT_FALSE(*answer);
 }
 
 }  // namespace

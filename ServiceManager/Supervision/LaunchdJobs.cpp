@@ -8,13 +8,30 @@
 
 using namespace platform;
 
-OSStatus LaunchdJobs::acquireRights() {
-  auto created = authorization_.AuthorizationCreate(kAuthorizationFlagDefaults);
-  if (!created) return errAuthorizationSuccess;
-  authRef_ = std::move(*created);
+namespace {
+
+OSStatus copyRights(Authorization& authorization, AuthorizationRef& reference) {
   constexpr std::array<std::string_view, 1> kRights{kSMRightModifySystemDaemons};
-  return authorization_.AuthorizationCopyRights(
-      *authRef_, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
+  return authorization.AuthorizationCopyRights(
+      reference, kRights, kAuthorizationFlagExtendRights | kAuthorizationFlagPreAuthorize);
+}
+
+}  // namespace
+
+void LaunchdJobs::acquireRights(const Perform& onWorker, const Perform& onMain, Acquired acquired) {
+  onWorker([this, isAlive = std::weak_ptr(isAlive_), &authorization = authorization_, onMain,
+            acquired = std::move(acquired)]() mutable {
+    auto created = authorization.AuthorizationCreate(kAuthorizationFlagDefaults);
+    auto reference = created ? std::move(*created) : nullptr;
+    const OSStatus status =
+        reference ? copyRights(authorization, *reference) : errAuthorizationSuccess;
+    onMain([this, isAlive, reference = std::move(reference), status,
+            acquired = std::move(acquired)]() mutable {
+      if (isAlive.expired()) return;
+      authRef_ = std::move(reference);
+      acquired(status);
+    });
+  });
 }
 
 void LaunchdJobs::submitJobRequest(const Value& request, std::string_view forDomain, Done done) {

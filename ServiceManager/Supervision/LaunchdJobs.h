@@ -9,6 +9,7 @@
 
 #include "Platform/Jobs/Authorization.h"
 #include "Platform/Jobs/Jobs.h"
+#include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
 
@@ -22,10 +23,13 @@ class LaunchdJobs {
   LaunchdJobs(platform::Jobs& jobs, platform::Authorization& authorization)
       : jobs_(jobs), authorization_(authorization) {}
 
-  // Asks for the right to change the system's jobs. The status of the refusal, or
+  // Asks for the right to change the system's jobs. Gets the status of the refusal, or
   // errAuthorizationSuccess, also if no authorization can be created: the job host checks each
-  // request itself. Blocks until the job host has answered: nothing can be done before.
-  platform::OSStatus acquireRights();
+  // request itself. The question waits for the job host, so it is asked by `onWorker` on a thread
+  // that may wait, and answered by `onMain` on the main thread.
+  using Perform = std::function<void(platform::RunLoop::Callback work)>;
+  using Acquired = std::move_only_function<void(platform::OSStatus)>;
+  void acquireRights(const Perform& onWorker, const Perform& onMain, Acquired acquired);
 
   // Submits a dictionary, or removes the job that a string names and waits for its end. Any other
   // request fails at once, without an error.
@@ -45,7 +49,7 @@ class LaunchdJobs {
               const platform::AuthorizationRef* authorization, Removed done);
 
   platform::Jobs& jobs_;
-  platform::Authorization& authorization_;
+  platform::Authorization& authorization_;  // the worker's
   std::unique_ptr<platform::AuthorizationRef> authRef_;
   bool isHostFull_ = false;  // it has refused a job for want of room, and has accepted none since
   // Answers that come after the end of this object are dropped.

@@ -32,6 +32,14 @@ class LaunchdJobsTest : public SupervisionFixture {
     return answerTo<Value>([&](auto answer) { launchd_.copyJob(kAgent, std::move(answer)); });
   }
 
+  OSStatus acquireRights(LaunchdJobs& jobs) {
+    const LaunchdJobs::Perform perform = [this](RunLoop::Callback work) {
+      loop_.post(std::move(work));
+    };
+    return answerTo<OSStatus>(
+        [&](auto answer) { jobs.acquireRights(perform, perform, std::move(answer)); });
+  }
+
   bool unload(LaunchdJobs& jobs) {
     return answerTo<bool>([&](auto answer) {
       jobs.unloadJobFromLaunchD(kAgent, [answer = std::move(answer)](const auto& removed) mutable {
@@ -171,7 +179,7 @@ class AuthorizationProbe final : public Jobs {
 TEST_F(LaunchdJobsTest, TheAuthorizationIsForTheSystemsDomainAlone) {
   AuthorizationProbe probe;
   LaunchdJobs jobs(probe, authorization_);
-  EXPECT_EQ(jobs.acquireRights(), errAuthorizationSuccess);
+  EXPECT_EQ(acquireRights(jobs), errAuthorizationSuccess);
   for (const char* domain : {kSMDomainSystemLaunchd, "kSMDomainUserLaunchd"}) {
     jobs.submitJobRequest(job(), domain, {});
     jobs.submitJobRequest(kAgent, domain, {});
@@ -185,12 +193,12 @@ TEST_F(LaunchdJobsTest, TheAuthorizationIsForTheSystemsDomainAlone) {
 
 TEST_F(LaunchdJobsTest, ACallerWithoutTheRightIsRefused) {
   jobs_.setCallerAllowed(false);
-  EXPECT_NE(launchd_.acquireRights(), errAuthorizationSuccess);
+  EXPECT_NE(acquireRights(launchd_), errAuthorizationSuccess);
 }
 
 TEST_F(LaunchdJobsTest, AnUnreachableJobHostIsNoRefusal) {
   jobs_.setReachable(false);
-  EXPECT_EQ(launchd_.acquireRights(), errAuthorizationSuccess);
+  EXPECT_EQ(acquireRights(launchd_), errAuthorizationSuccess);
 }
 
 TEST_F(LaunchdJobsTest, AJobIsAbsentPresentOrUnknown) {

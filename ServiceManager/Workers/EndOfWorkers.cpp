@@ -4,7 +4,7 @@
 #include <future>
 #include <utility>
 
-bool endTogether(std::initializer_list<platform::LoopThread*> threads,
+bool endTogether(const std::vector<platform::LoopThread*>& threads,
                  std::unique_ptr<platform::LinuxXPC> xpc, const platform::RunLoop& loop) {
   for (platform::LoopThread* thread : threads) thread->askToStop();
   const std::future<void> endOfXPC = platform::LinuxXPC::endAside(std::move(xpc));

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <initializer_list>
 #include <memory>
+#include <vector>
 
 #include "Platform/Linux/RunLoops/LoopThread.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
@@ -14,6 +14,6 @@ constexpr std::chrono::milliseconds kWorkersEnd{500};
 
 // Stops the threads, and those of the XPC, and waits for all of them together. False if they have
 // not ended within kWorkersEnd: the program can only leave them behind then.
-[[nodiscard]] bool endTogether(std::initializer_list<platform::LoopThread*> threads,
+[[nodiscard]] bool endTogether(const std::vector<platform::LoopThread*>& threads,
                                std::unique_ptr<platform::LinuxXPC> xpc,
                                const platform::RunLoop& loop);

@@ -2,10 +2,11 @@
 
 #include <utility>
 
+#include "Platform/Linux/Jobs/EmbeddedAuthorization.h"
 #include "ServiceManager/Workers/ExtensionClients.h"
 
-// The daemon's own use of its extensions, on a thread that may wait for them. The thread runs from
-// the constructor on; stop it before this ends.
+// The daemon's own use of its extensions, on a thread that may wait for them and for the job host.
+// The thread runs from the constructor on; stop it before this ends.
 class ExtensionWorker {
  public:
   ExtensionWorker(platform::LoopThread& thread, platform::LinuxPlatform& linux,
@@ -14,9 +15,12 @@ class ExtensionWorker {
   ExtensionWorker& operator=(const ExtensionWorker&) = delete;
 
   KernelExtensionsPlatform platform() { return clients_.platform(); }
+  // For work on the thread.
+  platform::Authorization& authorization() { return authorization_; }
   void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
 
  private:
   platform::LoopThread& thread_;
   ExtensionClients clients_;
+  platform::EmbeddedAuthorization authorization_{clients_.host};
 };

@@ -1,8 +1,6 @@
 #include "ServiceManager/Workers/OperatorClients.h"
 
 #include <chrono>
-#include <future>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -15,8 +13,6 @@ namespace {
 // Each wait of the operator's thread for the job host. A host that hangs costs two of them, and
 // then a short probe once a second.
 constexpr std::chrono::milliseconds kOperatorsWait{250};
-// The start waits so long for the operator's thread to register its name.
-constexpr std::chrono::milliseconds kOperatorsStart{1000};
 
 }  // namespace
 
@@ -44,11 +40,5 @@ OperatorWorker OperatorClients::worker() {
           .connections = connections_,
           .jobs = clients_.jobs,
           .extensions = clients_.platform(),
-          .settingsClientFactories = factories_,
-          .awaitWork =
-              [&loop = thread_.loop()] {
-                const auto isDone = std::make_shared<std::promise<void>>();
-                loop.post([isDone] { isDone->set_value(); });
-                static_cast<void>(isDone->get_future().wait_for(kOperatorsStart));
-              }};
+          .settingsClientFactories = factories_};
 }

@@ -1,6 +1,5 @@
 #include "ServiceManager/Workers/SettingsClientsWorker.h"
 
-#include <future>
 #include <string_view>
 #include <utility>
 
@@ -14,48 +13,98 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/Settings/SettingsOfThisThread.h"
 
-struct SettingsClientsWorker::Parts {
-  Parts(platform::AsioRunLoop& loop, platform::LinuxPlatform& linux,
-        const platform::ListenerPlaces& places, const platform::ProtocolTable& protocols)
-      : transport(loop, linux.peerAccounts),
-        connections(loop, transport, center, linux.systemLog,
-                    [&places](std::string_view name) { return places.connection(name); }),
+namespace {
+
+// The clients of one thread, made and ended on it.
+struct SettingsPartsOfThread {
+  SettingsPartsOfThread(platform::AsioRunLoop& loop,
+                        const SettingsClientsWorker::Environment& environment)
+      : transport(loop, environment.linux.peerAccounts),
+        connections(loop, transport, center, environment.linux.systemLog,
+                    [&places = environment.places](std::string_view name) {
+                      return places.connection(name);
+                    }),
         distributedCenter(platform::makeBusNotificationCenter(
-            loop, platform::notificationBusAddress(linux.configuration), linux.systemLog)),
-        objects{loop, connections, *distributedCenter, center, protocols, linux.systemInformation} {
-    addSettingsClientFactories(factories, objects);
+            loop, platform::notificationBusAddress(environment.linux.configuration),
+            environment.linux.systemLog)),
+        parts{{loop, connections, *distributedCenter, center, environment.protocols,
+               environment.linux.systemInformation},
+              factories} {
+    addSettingsClientFactories(factories, parts.objects);
   }
 
   platform::NotificationCenter center;
   platform::DBusPeerTransport transport;
   platform::NamedConnections connections;
   std::unique_ptr<platform::DistributedNotificationCenter> distributedCenter;
-  VantorDistantObject::Environment objects;
   SettingsClientFactories factories;
+  const SettingsParts parts;
 };
 
-SettingsClientsWorker::SettingsClientsWorker(platform::LoopThread& thread,
-                                             platform::LinuxPlatform& linux,
-                                             const platform::ListenerPlaces& places,
-                                             const platform::ProtocolTable& protocols)
-    : thread_(thread) {
-  std::promise<void> made;
-  thread_.loop().post([&] {
-    vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
-    parts_ = std::make_unique<Parts>(thread_.loop(), linux, places, protocols);
-    made.set_value();
-  });
-  thread_.run([this] { parts_.reset(); });
-  made.get_future().wait();
+}  // namespace
+
+class SettingsClientsWorker::Thread {
+ public:
+  Thread(std::unique_ptr<platform::LoopThread> thread, const Environment& environment)
+      : thread_(std::move(thread)) {
+    loop().post([this, environment] {
+      vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
+      parts_ = std::make_unique<SettingsPartsOfThread>(loop(), environment);
+    });
+    thread_->run([this] { parts_.reset(); });
+  }
+
+  platform::LoopThread* thread() const { return thread_.get(); }
+  void perform(SettingsWorker::Work work) {
+    loop().post([this, work = std::move(work)]() mutable { work(parts_->parts); });
+  }
+
+ private:
+  platform::AsioRunLoop& loop() { return thread_->loop(); }
+
+  std::unique_ptr<SettingsPartsOfThread> parts_;  // the thread's
+  const std::unique_ptr<platform::LoopThread> thread_;
+};
+
+SettingsClientsWorker::SettingsClientsWorker(const Environment& environment)
+    : environment_(environment) {}
+
+platform::Result<std::unique_ptr<SettingsClientsWorker>> SettingsClientsWorker::make(
+    const Environment& environment) {
+  std::unique_ptr<SettingsClientsWorker> made(new SettingsClientsWorker(environment));
+  if (auto first = made->startThread(); !first) return std::unexpected(std::move(first.error()));
+  return made;
 }
 
 SettingsClientsWorker::~SettingsClientsWorker() = default;
 
+platform::Result<SettingsClientsWorker::Thread*> SettingsClientsWorker::startThread() {
+  auto thread = platform::LoopThread::create();
+  if (!thread) return std::unexpected(std::move(thread.error()));
+  threads_.push_back(std::make_unique<Thread>(std::move(*thread), environment_));
+  return threads_.back().get();
+}
+
+SettingsClientsWorker::Thread& SettingsClientsWorker::threadOf(const std::string& server) {
+  const auto known = threadOfServer_.find(server);
+  if (known != threadOfServer_.end()) return *known->second;
+  Thread* thread = threads_.front().get();
+  if (!threadOfServer_.empty() && threads_.size() < kMaximumThreads) {
+    thread = startThread().value_or(thread);
+  }
+  return *threadOfServer_.emplace(server, thread).first->second;
+}
+
 SettingsWorker SettingsClientsWorker::worker() {
-  return {.perform = [&loop = thread_.loop()](
-                         platform::RunLoop::Callback work) { loop.post(std::move(work)); },
-          .objects = parts_->objects,
-          .factories = parts_->factories};
+  return {.perform = [this](const std::string& server, SettingsWorker::Work work) {
+    threadOf(server).perform(std::move(work));
+  }};
+}
+
+std::vector<platform::LoopThread*> SettingsClientsWorker::threads() const {
+  std::vector<platform::LoopThread*> threads;
+  for (const auto& thread : threads_) threads.push_back(thread->thread());
+  return threads;
 }
 
 void askSettingsOnThisThread(platform::LinuxPlatform& linux, const platform::ListenerPlaces& places,

@@ -19,8 +19,10 @@ class DaemonFixture : public testing::Test {
  protected:
   using Notice = UserInterfaceClient::Notice;
 
-  // `configuration` is more of platform.plist, as XML.
-  explicit DaemonFixture(const std::string& configuration = {}) : root_(configuration) {}
+  // See DaemonRoot.
+  explicit DaemonFixture(const std::string& configuration = {},
+                         const DaemonRoot::PrepareLog& prepareLog = {})
+      : root_(configuration, prepareLog) {}
 
   // Starts a daemon with services 0 to `services` - 1, and makes a client that gets all
   // notifications.

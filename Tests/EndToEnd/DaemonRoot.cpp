@@ -66,7 +66,7 @@ PlatformConfiguration configurationOf(const std::string& root) {
 
 }  // namespace
 
-DaemonRoot::DaemonRoot(const std::string& configuration)
+DaemonRoot::DaemonRoot(const std::string& configuration, const PrepareLog& prepareLog)
     : root_(groupEntry() + configuration),
       system_(configurationOf(root_.folder().path()), "/proc"),
       client_(transport_, *loop_, jobHostSocket(root_.folder().path())) {
@@ -100,6 +100,7 @@ DaemonRoot::DaemonRoot(const std::string& configuration)
   sign(daemonProgram());
 
   std::filesystem::create_directories(folder().path("log"));
+  if (prepareLog) prepareLog(folder().path("log"));
   logFile_.reset(
       ::open(folder().path("log/system.log").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0640));
   EXPECT_TRUE(logFile_);

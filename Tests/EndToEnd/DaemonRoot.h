@@ -39,8 +39,10 @@ class DaemonRoot {
       "com.vantor.servicemanager.notification.serverdidstartError";
   static constexpr char kEvaluating[] = "Evaluating the system configuration";
 
-  // `configuration` is more of platform.plist, as XML.
-  explicit DaemonRoot(const std::string& configuration = {});
+  // `configuration` is more of platform.plist, as XML. `prepareLog` is called with the log's empty
+  // folder.
+  using PrepareLog = std::function<void(const std::string& folder)>;
+  explicit DaemonRoot(const std::string& configuration = {}, const PrepareLog& prepareLog = {});
   DaemonRoot(const DaemonRoot&) = delete;
   DaemonRoot& operator=(const DaemonRoot&) = delete;
   // Ends all jobs. A test fails if the daemon has ended by itself, or has written to its standard

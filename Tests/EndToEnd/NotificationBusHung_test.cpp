@@ -67,6 +67,17 @@ TEST_F(StoppedBusTest, IsWaitedForOnceAndItsReturnIsReported) {
   EXPECT_THAT(got_, testing::ElementsAre("a99"));
 }
 
+TEST_F(StoppedBusTest, ACentreWithoutATimeIsConfirmedOnTheLoop) {
+  bus_.program().signal(SIGSTOP);
+  const auto center = makeBusNotificationCenter(*loop_, bus_.address(), log_, Duration::zero());
+  const Observation returned = center->observeReturn([&] { loop_->stop(); });
+  const Observation observer = center->addObserver("a", std::nullopt, note());
+  EXPECT_TRUE(center->isAwaitingConfirmation());
+  bus_.program().signal(SIGCONT);
+  runOrFail(*loop_, "the bus's confirmation is not told");
+  EXPECT_FALSE(center->isAwaitingConfirmation());
+}
+
 TEST_F(NotificationBusTest, AFullBacklogDelaysNobody) {
   bus_.program().signal(SIGSTOP);
   const std::string path = bus_.address().substr(bus_.address().find('/'));

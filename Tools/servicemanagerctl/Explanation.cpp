@@ -288,13 +288,20 @@ std::string aboutProgram(const Facts& facts) {
              : path + ", intact";
 }
 
+std::string aboutValue(const Value& row) {
+  const std::string current = shown(row[kFactCurrent]);
+  if (row[kFactCurrentAge].isNil()) return ", is " + current;
+  return fmt::format(", was {} {} ago (its settings server gives no answer now)", current,
+                     inSeconds(row[kFactCurrentAge]));
+}
+
 std::string aboutSwitch(const Value& row) {
   const std::string* given = row[kFactOutcome].string();
   const std::string outcome = given ? *given : "";
   const std::string source = row[kFactSource].isNil() ? "" : plainOrShown(row[kFactSource]) + ": ";
   const std::string name =
       fmt::format("{}{}, expected {}", source, nameOfSwitch(row), shown(row[kFactExpected]));
-  const std::string is = ", is " + shown(row[kFactCurrent]);
+  const std::string is = aboutValue(row);
   if (outcome == kOutcomeMatches) return name + is + ": asks for it";
   if (outcome == kOutcomeDiffers) return name + is + ": does not";
   if (outcome == kOutcomeClashes) return name + is + ", which is of another kind: does not";

@@ -286,6 +286,15 @@ TEST(ExplanationTest, AServersExceptionIsShownEscaped) {
       HasSubstr(", and its settings server answers with Corrupt: page\\u001b[2J 7: does not\n"));
 }
 
+TEST(ExplanationTest, AValueOfTheLastEvaluationIsShownWithItsAge) {
+  Dictionary row = aSwitch("matches", 1);
+  row.set(kFactCurrentAge, 3.21);
+  EXPECT_THAT(
+      asText(explain(factsWith(feature({row}))), Reader::kOther),
+      HasSubstr("expected 1, was 1 3.2 s ago (its settings server gives no answer now): asks "
+                "for it\n"));
+}
+
 TEST(ExplanationTest, OnlyARunningServiceWillBeStopped) {
   for (const bool runs : {true, false}) {
     const Value job = runs ? Value(Dictionary{{"PID", 7}}) : Value();

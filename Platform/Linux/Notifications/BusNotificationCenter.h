@@ -45,6 +45,7 @@ class BusNotificationCenter final : public DistributedNotificationCenter {
   std::unique_ptr<Observation> addObserver(std::optional<std::string> name,
                                            std::optional<std::string> object, Handler handler,
                                            NSNotificationSuspensionBehavior behavior) override;
+  bool isAwaitingConfirmation() const override { return connection_ && !awaited_.empty(); }
   std::unique_ptr<Observation> observeReturn(std::function<void()> handler) override {
     return returnObservers_.add(std::move(handler));
   }

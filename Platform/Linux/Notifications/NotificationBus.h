@@ -26,7 +26,8 @@ std::string notificationBusAddress(const PlatformConfiguration& configuration);
 // A centre on the message bus at `address`, a socket's path in the syntax of D-Bus, for instance
 // "unix:path=/run/dbus/system_bus_socket". Any other address is logged and gives a centre without a
 // bus. It connects and reconnects on the loop for as long as it lives. Adding an observer blocks
-// for at most `confirmationTime`. The loop and the log outlive it. A handler must not destroy it.
+// for at most `confirmationTime`; without such a time, isAwaitingConfirmation() tells the rest. The
+// loop and the log outlive it. A handler must not destroy it.
 std::unique_ptr<DistributedNotificationCenter> makeBusNotificationCenter(
     AsioRunLoop& loop, std::string address, SystemLog& log,
     Duration confirmationTime = std::chrono::seconds(2));
