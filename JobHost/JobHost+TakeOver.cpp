@@ -127,7 +127,14 @@ void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
   if (job.isDefinitionLost && !job.hasLeader) return forget(job);
-  if (job.hasLeader || isStopRequested()) return;
+  if (isStopRequested()) return;
+  if (job.hasLeader && job.label == kNotificationBusLabel && options_.isBusOutdated) {
+    log(platform::ASL_LEVEL_NOTICE,
+        fmt::format("job {}: process {} is restarted, because other users may use the bus now",
+                    platform::quotedInMessage(job.label), job.lastStart.process));
+    signalGroup(job, SIGTERM);
+  }
+  if (job.hasLeader) return;
   if (const auto listeners = listenersOf(job); !listeners) {
     log(platform::ASL_LEVEL_ERR, platform::describe(listeners.error()));
   }

@@ -45,6 +45,9 @@ struct JobHostOptions {
   MachSockets::AudienceOf audienceOfService = [](std::string_view) {
     return platform::PeerAudience();
   };
+  // Whether a notification bus that is taken over has read another configuration, so that it may
+  // admit other users. It is restarted.
+  bool isBusOutdated = false;
   // Whether a stop was requested while the host is being created. Called before each job that
   // create() would start. May be empty.
   std::function<bool()> isStopRequested = {};

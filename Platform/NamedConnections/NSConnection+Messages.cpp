@@ -176,7 +176,12 @@ void NSConnection::handleAuthentication(PeerMessage message) {
   if (delegate_ == nullptr) return refuse(std::move(message.reply), "there is no delegate");
   if (!delegate_->authenticateComponents({}, *data))
     return refuse(std::move(message.reply), "its authentication was wrong");
-  if (!peer_->peerIsUnchanged())
+  const PeerState peer = peer_->peerState();
+  // No failure of the authentication: the client may try again.
+  if (peer == PeerState::kUnknown)
+    return breakOff(std::move(message.reply),
+                    "this process is short of descriptors and can't ask who has connected");
+  if (peer != PeerState::kUnchanged)
     return refuse(std::move(message.reply),
                   "the process that connected has ended or has become another user's");
   if (!valid_ || delegate_ == nullptr) return invalidate();

@@ -139,6 +139,21 @@ TEST_F(NamedConnectionsTest, AProcessThatHasBecomeAnotherUsersIsRefused) {
   EXPECT_TRUE(connection->childConnections().empty());
 }
 
+TEST_F(NamedConnectionsTest, AServerWithoutDescriptorsBlamesNoClient) {
+  const auto connection = vend("server");
+  TokenDelegate right("client", "server");
+  const auto nameOfFailure = [&]() -> std::string {
+    const auto client = program_.connections.connectionWithRegisteredName("server");
+    client->setDelegate(&right);
+    const auto proxy = client->rootProxy();
+    return proxy ? "" : proxy.error().name;
+  };
+  serverTransport_.setShortage(true);
+  EXPECT_EQ(nameOfFailure(), kNSInvalidArgumentException);
+  serverTransport_.setShortage(false);
+  EXPECT_EQ(nameOfFailure(), "");
+}
+
 TEST_F(NamedConnectionsTest, AnObjectKnowsThePeerOfItsMessage) {
   struct Asked final : MessageReceiver {
     MessageResult receiveMessage(std::string_view, const Array&) override {

@@ -164,6 +164,7 @@ int main(int argc, char** argv) {
   // Destructors would wait for a worker that hangs.
   if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()},
                    std::move(*xpc), loop)) {
+    linux.userLines->tellCounts();
     platform::endProgramNow(status);
   }
   return status;

@@ -80,7 +80,7 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
                                    .peerEnded = [self] { self->die(); },
                                    .handled = [self](unsigned flags) { self->handled(flags); }};
   if (turns) {
-    callbacks.post = [turns = std::move(turns), user = peer->user](RunLoop::Callback dispatch) {
+    callbacks.post = [turns = std::move(turns), user = peer->user](PeerTurns::Turn dispatch) {
       turns->request(user, std::move(dispatch));
     };
   }
@@ -138,9 +138,15 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
 
 // The order matters: if the process lives afterwards, the user was that of no other process with
 // its number.
-bool DBusPeerLink::peerIsUnchanged() const {
-  if (peer_.process == 0) return isConnected();
-  return effectiveUserOf(peer_.process) == peer_.user && peerLives();
+PeerState DBusPeerLink::peerState() const {
+  if (!isConnected()) return PeerState::kEnded;
+  if (peer_.process == 0) return PeerState::kUnchanged;
+  const auto user = effectiveUserOf(peer_.process);
+  if (!user && user.error().code == ErrorCode::kNotFound) return PeerState::kEnded;
+  if (!user) return PeerState::kUnknown;
+  const PeerState living = livingState();
+  if (living != PeerState::kUnchanged) return living;
+  return *user == peer_.user ? PeerState::kUnchanged : PeerState::kOtherUser;
 }
 
 bool DBusPeerLink::isIn(const PeerAudience& audience) const {
@@ -148,16 +154,18 @@ bool DBusPeerLink::isIn(const PeerAudience& audience) const {
          (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
 }
 
-bool DBusPeerLink::peerLives() const {
-  if (!isConnected()) return false;
+// Whether the process lives, whatever its user is.
+PeerState DBusPeerLink::livingState() const {
   int descriptor = -1;
   socklen_t length = sizeof(descriptor);
   if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
     const UniqueFd process(descriptor);
     pollfd entry{process.get(), POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 0;
+    return ::poll(&entry, 1, 0) == 0 ? PeerState::kUnchanged : PeerState::kEnded;
   }
-  return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
+  if (isShortage(errno)) return PeerState::kUnknown;
+  const bool lives = errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
+  return lives ? PeerState::kUnchanged : PeerState::kEnded;
 }
 
 void DBusPeerLink::setHandlers(PeerHandlers handlers) {
