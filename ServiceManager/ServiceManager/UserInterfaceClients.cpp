@@ -33,7 +33,7 @@ bool isDisconnected(const std::shared_ptr<const NSProxy>& client) {
 
 void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client) {
   if (!client) return;
-  logRegistration(client, "Will register a user interface client remote proxy");
+  logOf(client, "Will register a user interface client remote proxy");
   // Clients that have ended since the last notice must not keep others out until the next notice.
   if (registrations_.size() == kMaxUserClients)
     std::erase_if(registrations_, [](const auto& entry) { return isDisconnected(entry->client); });
@@ -41,20 +41,19 @@ void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client)
     const NSException tooMany{kNSInvalidArgumentException,
                               stringWithFormat("there are %zu clients", registrations_.size()),
                               {}};
-    logRegistration(
-        client,
-        stringWithFormat("Unable to register user interface client remote proxy: Exception: %@",
-                         tooMany));
+    logOf(client,
+          stringWithFormat("Unable to register user interface client remote proxy: Exception: %@",
+                           tooMany));
     return;
   }
   registrations_.push_back(
       std::make_shared<Registration>(Registration{client, endOfNotices(), false}));
-  logRegistration(client, "Did register a user interface client remote proxy");
+  logOf(client, "Did register a user interface client remote proxy");
 }
 
-// A client may register again and again.
-void UserInterfaceClients::logRegistration(const std::shared_ptr<const NSProxy>& client,
-                                           std::string_view line) const {
+// A client may register, and be removed, again and again.
+void UserInterfaceClients::logOf(const std::shared_ptr<const NSProxy>& client,
+                                 std::string_view line) const {
   const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
   const PeerConnection* const peer = distant ? distant->connectionForProxy()->peer() : nullptr;
   if (!peer || mayLog_(peer->peer().user)) vantorlogger2_line(ASL_LEVEL_DEBUG, line);
@@ -106,12 +105,12 @@ void UserInterfaceClients::answered(const std::shared_ptr<const NSProxy>& client
 void UserInterfaceClients::abandon(const std::shared_ptr<const NSProxy>& client) {
   const auto isOfClient = [&](const auto& entry) { return entry->client == client; };
   if (std::ranges::none_of(registrations_, isOfClient)) return;
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Attempting to remove an abandoned remote user client");
+  logOf(client, "Attempting to remove an abandoned remote user client");
   for (const auto& entry : registrations_) {
     if (isOfClient(entry)) entry->isRemoved = true;
   }
   std::erase_if(registrations_, isOfClient);
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Did remove an abandoned remote user client");
+  logOf(client, "Did remove an abandoned remote user client");
 }
 
 // From the end of its connection a client learns that it gets no more notices.

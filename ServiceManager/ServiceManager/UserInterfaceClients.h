@@ -56,8 +56,7 @@ class UserInterfaceClients {
     bool isRemoved = false;
   };
 
-  void logRegistration(const std::shared_ptr<const platform::NSProxy>& client,
-                       std::string_view line) const;
+  void logOf(const std::shared_ptr<const platform::NSProxy>& client, std::string_view line) const;
   void sendNotices();
   bool isBehind(const Registration& registration) const;
   void sendNext(Registration& registration);

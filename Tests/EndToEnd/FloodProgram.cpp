@@ -149,6 +149,7 @@ class Attacker {
       if (way == "refused") askInVain();
       if (way == "descriptors") addDescriptors();
       if (way == "changes") changeServices();
+      if (way == "evaluations") evaluateServices();
       begin();
     }
   }
@@ -233,6 +234,16 @@ class Attacker {
     }
     turn_ = (turn_ + 1) % 2;
     if (!connections_.back()->write(turn_ == 0 ? start : stop)) connections_.clear();
+    std::erase_if(connections_, [](const auto& held) { return !held->drain(); });
+  }
+  // Ends an installer's work that nobody has begun.
+  void evaluateServices() {
+    static const std::string frame = marshalled("evaluateServices", {}, PeerMessageKind::kTwoWay);
+    if (connections_.empty()) {
+      RawConnection* const made = add(pathOfConnection(root_, kInstaller));
+      if (!made || !made->write(token())) return;
+    }
+    if (!connections_.back()->write(frame)) connections_.clear();
     std::erase_if(connections_, [](const auto& held) { return !held->drain(); });
   }
   void addDescriptors() {
