@@ -21,6 +21,7 @@ thread_local const PeerCredentials* servedPeer = nullptr;
 
 constexpr std::string_view kAuthenticate = "NSConnectionAuthenticate:";
 constexpr std::string_view kObjectKeyword = "NSDistantObject:";
+constexpr char kShortage[] = "this process is short of descriptors and can't ask whose it is";
 
 NSException exception(const char* name, std::string reason) {
   return NSException{name, std::move(reason), {}};
@@ -160,6 +161,7 @@ void NSConnection::handle(PeerMessage message) {
   if (stage_ != Stage::kOpen) return handleAuthentication(std::move(message));
   if (message.selector == kAuthenticate)
     return breakOff(std::move(message.reply), "it authenticated itself twice");
+  if (!isOfItsProcess(message)) return;
   const auto request = readRequest(message);
   if (!request) return breakOff(std::move(message.reply), request.error().context);
   perform(*request, std::move(message.reply));
@@ -178,9 +180,7 @@ void NSConnection::handleAuthentication(PeerMessage message) {
     return refuse(std::move(message.reply), "its authentication was wrong");
   const PeerState peer = peer_->peerState();
   // No failure of the authentication: the client may try again.
-  if (peer == PeerState::kUnknown)
-    return breakOff(std::move(message.reply),
-                    "this process is short of descriptors and can't ask who has connected");
+  if (peer == PeerState::kUnknown) return breakOff(std::move(message.reply), kShortage);
   if (peer != PeerState::kUnchanged)
     return refuse(std::move(message.reply),
                   "the process that connected has ended or has become another user's");
@@ -188,6 +188,30 @@ void NSConnection::handleAuthentication(PeerMessage message) {
   stage_ = Stage::kOpen;
   peer_->admit();
   (void)message.reply->answer(Value(delegate_->authenticationDataForComponents({})));
+}
+
+// False if the request may be another process's: then it is refused, or its connection ended.
+bool NSConnection::isOfItsProcess(PeerMessage& message) {
+  if (role_ != Role::kChild) return true;
+  switch (peer_->peerState()) {
+    case PeerState::kUnchanged:
+      return true;
+    case PeerState::kUnknown:
+      connections_.refusals_.write(
+          stringWithFormat("Refused a request to \"%@\" of process %d of user %u: %@", name_,
+                           peer_->peer().process, peer_->peer().user, kShortage),
+          peer_->peer().user);
+      if (message.reply) (void)message.reply->answer(raise(kNSInvalidArgumentException, kShortage));
+      return false;
+    case PeerState::kEnded:             // No error to log.
+      if (!message.reply) return true;  // It may be the last one of its process.
+      invalidate();
+      return false;
+    case PeerState::kOtherUser:
+      break;
+  }
+  refuse(std::move(message.reply), "its process has become another user's");
+  return false;
 }
 
 Result<NSConnection::Request> NSConnection::readRequest(const PeerMessage& message) {
