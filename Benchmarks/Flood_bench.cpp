@@ -42,7 +42,7 @@ struct Figures {
   double flood = 0;  // the worst
 };
 
-// Of the times that root's questions take, each over a connection of its own.
+// The percentile of the times that root's questions take, each over a connection of its own.
 double percentileOfAnswers(RealDaemon& daemon) {
   std::vector<double> times;
   const auto begun = Clock::now();
