@@ -31,8 +31,8 @@ struct PeerCredentials {
   bool operator==(const PeerCredentials&) const = default;
 };
 
-// The process that connected, by the kernel's present word. It may have given up its rights, or have
-// handed its connection on and ended.
+// The process that connected, by the kernel's present word. It may have given up its rights, or
+// have handed its connection on and ended.
 enum class PeerState {
   kUnchanged,  // it lives, and has the user that it connected as; also if the kernel can't tell, as
                // for a process of another pid namespace
