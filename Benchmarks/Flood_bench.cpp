@@ -24,7 +24,8 @@ using namespace platform;
 
 constexpr double kAllowedDelay = 0.1;  // seconds that root may wait longer
 constexpr int kPercent = 99;
-constexpr std::array kWays{"connections", "unfinished", "oneway", "refused", "descriptors"};
+constexpr std::array kWays{"connections", "unfinished", "oneway",
+                           "questions",   "refused",    "descriptors"};
 
 const bool kAdded[] = {
     atMost({"flood-list-p99", 1,

@@ -207,10 +207,10 @@ std::string nameOf(const testing::TestParamInfo<Flood>& info) {
   return std::string(info.param.way) + std::to_string(info.param.users);
 }
 
-constexpr Flood kFloods[] = {{"connections", 1},  {"connections", 17}, {"unfinished", 1},
-                             {"unfinished", 17},  {"oneway", 1},       {"oneway", 17},
-                             {"refused", 1},      {"refused", 17},     {"descriptors", 1},
-                             {"descriptors", 17}, {"names", 1},        {"names", 17}};
+constexpr Flood kFloods[] = {
+    {"connections", 1}, {"connections", 17}, {"unfinished", 1}, {"unfinished", 17}, {"oneway", 1},
+    {"oneway", 17},     {"questions", 1},    {"questions", 17}, {"refused", 1},     {"refused", 17},
+    {"descriptors", 1}, {"descriptors", 17}, {"names", 1},      {"names", 17}};
 INSTANTIATE_TEST_SUITE_P(, DaemonChanges,
                          testing::Values(Flood{"changes", 1}, Flood{"changes", 17}), nameOf);
 INSTANTIATE_TEST_SUITE_P(, DaemonEvaluations,

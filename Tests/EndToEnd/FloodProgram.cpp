@@ -43,6 +43,7 @@ using namespace platform;
 using namespace std::chrono_literals;
 
 constexpr char kUserInterface[] = "com.vantor.servicemanager.userinterface.server";
+constexpr char kOperator[] = "com.vantor.servicemanager.operator.server";
 constexpr char kInstaller[] = "com.vantor.servicemanager.installer.server";
 constexpr std::size_t kMostConnections = 300;
 
@@ -146,6 +147,7 @@ class Attacker {
       if (way == "connections") addConnections();
       if (way == "unfinished") addUnfinished();
       if (way == "oneway") sendOneWay();
+      if (way == "questions") askWithoutWaiting();
       if (way == "refused") askInVain();
       if (way == "descriptors") addDescriptors();
       if (way == "changes") changeServices();
@@ -205,6 +207,20 @@ class Attacker {
       if (made) made->write(token());
     }
     std::erase_if(connections_, [](const auto& held) { return !held->write(many); });
+  }
+  // Long questions that want no answer.
+  void askWithoutWaiting() {
+    static const std::string frames = [] {
+      const Array labels(1000, Value("com.vantor.test.0"));
+      return marshalled("awaitServices:", {Value(labels)}, PeerMessageKind::kOneWay) +
+             marshalled("factsOfService:", {Value(std::string(30'000, 'x'))},
+                        PeerMessageKind::kOneWay);
+    }();
+    if (connections_.size() < 20) {
+      RawConnection* const made = add(pathOfConnection(root_, kOperator));
+      if (made) made->write(token());
+    }
+    std::erase_if(connections_, [](const auto& held) { return !held->write(frames); });
   }
   void askInVain() {
     static const std::string lookup = marshalled(
