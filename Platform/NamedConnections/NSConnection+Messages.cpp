@@ -195,6 +195,7 @@ bool NSConnection::isOfItsProcess(PeerMessage& message) {
   if (role_ != Role::kChild) return true;
   switch (peer_->peerState()) {
     case PeerState::kUnchanged:
+    case PeerState::kEnded:  // It was sent before that, as the end of an installer's work may be.
       return true;
     case PeerState::kUnknown:
       connections_.refusals_.write(
@@ -203,9 +204,8 @@ bool NSConnection::isOfItsProcess(PeerMessage& message) {
           peer_->peer().user);
       if (message.reply) (void)message.reply->answer(raise(kNSInvalidArgumentException, kShortage));
       return false;
-    case PeerState::kEnded:             // No error to log.
-      if (!message.reply) return true;  // It may be the last one of its process.
-      invalidate();
+    case PeerState::kPassedOn:
+      refuse(std::move(message.reply), "its process has passed it on and ended");
       return false;
     case PeerState::kOtherUser:
       break;

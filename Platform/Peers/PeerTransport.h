@@ -31,14 +31,14 @@ struct PeerCredentials {
   bool operator==(const PeerCredentials&) const = default;
 };
 
-// The process that connected, by the kernel's present word. It may have given up its rights, or
-// have handed its connection on and ended.
+// The process that connected, by the kernel's present word.
 enum class PeerState {
   kUnchanged,  // it lives, and has the user that it connected as; also if the kernel can't tell, as
                // for a process of another pid namespace
-  kOtherUser,
-  kEnded,    // also if the connection has ended
-  kUnknown,  // this process has no descriptor or memory left to ask
+  kOtherUser,  // it has become another user's, for instance because it has given up its rights
+  kPassedOn,   // it has ended, and another process has its end of the connection
+  kEnded,      // it has ended, or at least the connection
+  kUnknown,    // this process has no descriptor or memory left to ask
 };
 
 // The right to answer one two-way message. If it is dropped without an answer, nothing is sent: the

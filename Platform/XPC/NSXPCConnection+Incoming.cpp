@@ -59,6 +59,12 @@ bool NSXPCConnection::isOfItsProcess(PeerMessage& message) {
     case PeerState::kEnded:             // No error to log.
       if (!message.reply) return true;  // It may be the last one of its process.
       break;
+    case PeerState::kPassedOn:
+      xpc_.logRefusal(effectiveUserIdentifier_,
+                      stringWithFormat("Ended the connection of process %d of user %u, which has "
+                                       "passed it on and ended",
+                                       processIdentifier_.load(), effectiveUserIdentifier_.load()));
+      break;
     case PeerState::kOtherUser:
       xpc_.logRefusal(effectiveUserIdentifier_,
                       stringWithFormat("Ended the connection of process %d of user %u, which has "

@@ -89,7 +89,7 @@ void NSXPCListener::listenOnce() {
 void NSXPCListener::arrived(std::unique_ptr<PeerConnection> peer) {
   // If the kernel could not be asked, it is with each request.
   const PeerState state = peer->peerState();
-  if (state == PeerState::kOtherUser || state == PeerState::kEnded) {
+  if (state != PeerState::kUnchanged && state != PeerState::kUnknown) {
     const PeerCredentials was = peer->peer();
     return xpc_.logRefusal(
         was.user,

@@ -6,22 +6,8 @@
 #include <tuple>
 #include <utility>
 
-extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
-#include <sys/pidfd.h>
-}
-#include <csignal>
-
-#include <poll.h>
-#include <sys/socket.h>
-
 #include "Platform/Linux/Sockets/SocketPeer.h"
-#include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Peers/PeerLimits.h"
-
-#ifndef SO_PEERPIDFD  // Newer than this C library.
-#define SO_PEERPIDFD 77
-#endif
 
 namespace platform {
 
@@ -134,38 +120,6 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
         return true;  // Accept all users; the layers above tell them apart.
       },
       this, nullptr);
-}
-
-// The order matters: if the process lives afterwards, the user was that of no other process with
-// its number.
-PeerState DBusPeerLink::peerState() const {
-  if (!isConnected()) return PeerState::kEnded;
-  if (peer_.process == 0) return PeerState::kUnchanged;
-  const auto user = effectiveUserOf(peer_.process);
-  if (!user && user.error().code == ErrorCode::kNotFound) return PeerState::kEnded;
-  if (!user) return PeerState::kUnknown;
-  const PeerState living = livingState();
-  if (living != PeerState::kUnchanged) return living;
-  return *user == peer_.user ? PeerState::kUnchanged : PeerState::kOtherUser;
-}
-
-bool DBusPeerLink::isIn(const PeerAudience& audience) const {
-  return audience.admitsUser(peer_.user, ::geteuid()) ||
-         (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
-}
-
-// Whether the process lives, whatever its user is.
-PeerState DBusPeerLink::livingState() const {
-  int descriptor = -1;
-  socklen_t length = sizeof(descriptor);
-  if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
-    const UniqueFd process(descriptor);
-    pollfd entry{process.get(), POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 0 ? PeerState::kUnchanged : PeerState::kEnded;
-  }
-  if (isShortage(errno)) return PeerState::kUnknown;
-  const bool lives = errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
-  return lives ? PeerState::kUnchanged : PeerState::kEnded;
 }
 
 void DBusPeerLink::setHandlers(PeerHandlers handlers) {
