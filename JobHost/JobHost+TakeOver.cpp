@@ -21,6 +21,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
   adoptMarked();
+  restartOutdatedBus();
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
   forgetMissingFiles(daemons);
   // Write a new file with what was found, so that the next host does not find it a second time.
@@ -47,6 +48,15 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
     loadDaemonsWhenWritable();
   }
   return {};
+}
+
+void JobHost::restartOutdatedBus() {
+  Job* const job = options_.isBusOutdated ? find(kNotificationBusLabel) : nullptr;
+  if (!job || !job->hasLeader || job->removal) return;
+  log(platform::ASL_LEVEL_NOTICE,
+      fmt::format("job {}: process {} is restarted, because other users may use the bus now",
+                  platform::quotedInMessage(job->label), job->lastStart.process));
+  signalGroup(*job, SIGTERM);
 }
 
 Result<void> JobHost::takeOverJob(const StoredJob& stored) {
@@ -127,14 +137,7 @@ void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
   if (job.isDefinitionLost && !job.hasLeader) return forget(job);
-  if (isStopRequested()) return;
-  if (job.hasLeader && job.label == kNotificationBusLabel && options_.isBusOutdated) {
-    log(platform::ASL_LEVEL_NOTICE,
-        fmt::format("job {}: process {} is restarted, because other users may use the bus now",
-                    platform::quotedInMessage(job.label), job.lastStart.process));
-    signalGroup(job, SIGTERM);
-  }
-  if (job.hasLeader) return;
+  if (job.hasLeader || isStopRequested()) return;
   if (const auto listeners = listenersOf(job); !listeners) {
     log(platform::ASL_LEVEL_ERR, platform::describe(listeners.error()));
   }

@@ -224,6 +224,7 @@ class JobHost {
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
   void takeOverRemainingProcesses(Job& job);
+  void restartOutdatedBus();
   void resume(Job& job);
   std::vector<StoredJob> snapshot() const;
   // Must not run between StateFile::mark() and cutBackTo().

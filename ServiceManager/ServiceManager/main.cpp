@@ -161,10 +161,10 @@ int main(int argc, char** argv) {
                                                  classes, report};
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
+  linux.userLines->tellCounts();  // There may be no destructors.
   // Destructors would wait for a worker that hangs.
   if (!endTogether({settingsThread->get(), extensionThread->get(), operatorThread->get()},
                    std::move(*xpc), loop)) {
-    linux.userLines->tellCounts();
     platform::endProgramNow(status);
   }
   return status;
