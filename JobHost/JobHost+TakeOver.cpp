@@ -21,7 +21,6 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
     if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
   }
   adoptMarked();
-  restartOutdatedBus();
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
   forgetMissingFiles(daemons);
   // Write a new file with what was found, so that the next host does not find it a second time.
@@ -39,6 +38,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
   }
   // Refresh the definitions before the jobs resume, so that they resume by their present rules.
   std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
+  restartOutdatedBus();
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
   }
@@ -48,15 +48,6 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
     loadDaemonsWhenWritable();
   }
   return {};
-}
-
-void JobHost::restartOutdatedBus() {
-  Job* const job = options_.isBusOutdated ? find(kNotificationBusLabel) : nullptr;
-  if (!job || !job->hasLeader || job->removal) return;
-  log(platform::ASL_LEVEL_NOTICE,
-      fmt::format("job {}: process {} is restarted, because other users may use the bus now",
-                  platform::quotedInMessage(job->label), job->lastStart.process));
-  signalGroup(*job, SIGTERM);
 }
 
 Result<void> JobHost::takeOverJob(const StoredJob& stored) {

@@ -224,7 +224,6 @@ class JobHost {
   platform::Result<void> takeOverJob(const StoredJob& stored);
   platform::Result<void> takeOverProcess(Job& job);
   void takeOverRemainingProcesses(Job& job);
-  void restartOutdatedBus();
   void resume(Job& job);
   std::vector<StoredJob> snapshot() const;
   // Must not run between StateFile::mark() and cutBackTo().
@@ -243,6 +242,8 @@ class JobHost {
   void loadDaemons(std::vector<JobDefinition> definitions);
   void loadDaemonsWhenWritable();
   void load(JobDefinition definition);
+  // If it was taken over, and has read another configuration.
+  void restartOutdatedBus();
 
   platform::RunLoop& loop_;
   Processes& processes_;
