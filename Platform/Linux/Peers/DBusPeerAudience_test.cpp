@@ -5,16 +5,20 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/Peers/PeerThreads_contract.h"
+#include "Platform/Linux/Peers/RawPeer_contract.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Testing/Machine/DescriptorShortage.h"
 
 namespace platform {
@@ -109,6 +113,27 @@ TEST_F(DBusPeerAudienceTest, AProcessWithAnotherUserThanWhenItConnectedIsNoticed
   ASSERT_TRUE(other);
   EXPECT_TRUE(other->call("echo:", {Value(1)}, 60s));
   EXPECT_EQ(statesOfClients(), (std::vector{PeerState::kUnchanged, PeerState::kOtherUser}));
+}
+
+TEST_F(DBusPeerAudienceTest, AConnectionThatWasPassedOnIsNoticed) {
+  start({.audience = PeerAudience::all()});
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path().copy(address.sun_path, sizeof address.sun_path - 1);
+  const pid_t maker = ::fork();
+  if (maker == 0) {
+    ::_exit(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                    0
+                ? 0
+                : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(maker, &status, 0), maker);
+  ASSERT_EQ(status, 0);
+  RawPeer holder(std::move(socket));
+  holder.authenticate();
+  EXPECT_EQ(statesOfClients(), (std::vector{PeerState::kUnchanged, PeerState::kPassedOn}));
 }
 
 // The connections exist, and work without further descriptors.
