@@ -1,5 +1,6 @@
 // The jobs that the files in Library/LaunchDaemons define.
 
+#include <csignal>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -110,6 +111,15 @@ void JobHost::load(JobDefinition definition) {
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
   if (loaded) return;
   log(platform::ASL_LEVEL_ERR, fmt::format("{}: {}", file, loaded.error().localizedDescription));
+}
+
+void JobHost::restartOutdatedBus() {
+  Job* const job = options_.isBusOutdated ? find(kNotificationBusLabel) : nullptr;
+  if (!job || !job->hasLeader || job->removal) return;
+  log(platform::ASL_LEVEL_NOTICE,
+      fmt::format("job {}: process {} is restarted, because other users may use the bus now",
+                  platform::quotedInMessage(kNotificationBusLabel), job->lastStart.process));
+  signalGroup(*job, SIGTERM);
 }
 
 }  // namespace jobhost

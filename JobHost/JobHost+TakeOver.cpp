@@ -38,6 +38,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
   }
   // Refresh the definitions before the jobs resume, so that they resume by their present rules.
   std::vector<JobDefinition> unknown = refreshDaemons(std::move(daemons));
+  restartOutdatedBus();
   for (const StoredJob& job : stored) {
     if (Job* const known = find(job.label)) resume(*known);
   }

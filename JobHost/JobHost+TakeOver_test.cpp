@@ -305,5 +305,22 @@ TEST_F(JobHostTest, AJobRestartedForeverDoesNotFillTheStateFile) {
   EXPECT_EQ(pid("com.example.a"), Value(2601));
 }
 
+TEST_F(JobHostTest, ABusWithAnOutdatedConfigurationIsRestarted) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job(kNotificationBusLabel)));
+  loop_.advanceBy(20s);
+  restartHost();
+  EXPECT_TRUE(processes_.signals.empty());
+  isBusOutdated_ = true;
+  restartHost();
+  ASSERT_EQ(processes_.signals.size(), 1u);
+  EXPECT_EQ(processes_.signals.front().group, 102);
+  EXPECT_EQ(processes_.signals.front().signal, SIGTERM);
+  processes_.end(102);
+  loop_.runReady();
+  EXPECT_EQ(pid(kNotificationBusLabel), Value(103));
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+}
+
 }  // namespace
 }  // namespace jobhost

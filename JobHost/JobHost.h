@@ -45,6 +45,9 @@ struct JobHostOptions {
   MachSockets::AudienceOf audienceOfService = [](std::string_view) {
     return platform::PeerAudience();
   };
+  // Whether a notification bus that is taken over has read another configuration, so that it may
+  // admit other users. It is restarted.
+  bool isBusOutdated = false;
   // Whether a stop was requested while the host is being created. Called before each job that
   // create() would start. May be empty.
   std::function<bool()> isStopRequested = {};
@@ -239,6 +242,8 @@ class JobHost {
   void loadDaemons(std::vector<JobDefinition> definitions);
   void loadDaemonsWhenWritable();
   void load(JobDefinition definition);
+  // If it was taken over, and has read another configuration.
+  void restartOutdatedBus();
 
   platform::RunLoop& loop_;
   Processes& processes_;

@@ -30,6 +30,7 @@ class JobHostTest : public testing::Test {
     options.root = root_.path();
     options.bootId = bootId_;
     options.maximumJobs = maximumJobs;
+    options.isBusOutdated = isBusOutdated_;
     options.isStopRequested = isStopRequested_;
     auto host = JobHost::create(loop_, processes_, log_, std::move(options));
     ASSERT_TRUE(host) << platform::describe(host.error());
@@ -105,7 +106,8 @@ class JobHostTest : public testing::Test {
   platform::FakeLogSink sink_;
   platform::SystemLog log_{sink_, "jobhost"};
   FakeProcesses processes_{loop_};
-  std::function<bool()> isStopRequested_;  // for the next host
+  bool isBusOutdated_ = false;             // for the next host
+  std::function<bool()> isStopRequested_;  // the same
   std::unique_ptr<JobHost> host_;
 };
 

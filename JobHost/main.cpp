@@ -96,7 +96,8 @@ int main() {
     return fail(folder.error());
   }
   // The jobs matter more than the bus, which admits only root without this file.
-  if (const auto clients = platform::writeBusClients(linux.configuration); !clients) {
+  const auto clients = platform::writeBusClients(linux.configuration);
+  if (!clients) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
                             "the bus admits only root: " + platform::describe(clients.error()));
   }
@@ -139,6 +140,7 @@ int main() {
   options.audienceOfService = [&places](std::string_view service) {
     return places.machService(service).clients;
   };
+  options.isBusOutdated = clients.value_or(true);
   options.isStopRequested = &TerminationBlocked::isPending;
   auto created =
       jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));

@@ -30,6 +30,8 @@ std::string leftOutLine(std::uint32_t key, std::size_t lines) {
 UserLines::UserLines(std::uint32_t ownUser, RunLoop& loop, SystemLog& log, std::string ident)
     : ownUser_(ownUser), loop_(loop), log_(log), client_{std::move(ident), "com.vantor.platform"} {}
 
+UserLines::~UserLines() { tellCounts(); }
+
 bool UserLines::mayWrite(std::uint32_t user) {
   return user == 0 || user == ownUser_ || mayWriteFailure(user);
 }

@@ -30,6 +30,10 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
 
   // The loop and the log outlive this.
   UserLines(std::uint32_t ownUser, RunLoop& loop, SystemLog& log, std::string ident);
+  UserLines(const UserLines&) = delete;
+  UserLines& operator=(const UserLines&) = delete;
+  // Tells the counts.
+  ~UserLines();
 
   // Whether a line about something that the user has asked may be written. If not, it is counted.
   // Root and our own user have no limit.
@@ -42,6 +46,9 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
   // Counts lines about failures of this program that its caller has left out.
   void leaveOut(std::size_t lines);
 
+  // Tells the counts before the minute is over, for a program that ends without destructors.
+  void tellCounts();
+
  private:
   struct Count {
     std::size_t written = 0;
@@ -51,7 +58,6 @@ class UserLines : public std::enable_shared_from_this<UserLines> {
   bool isOrdinary(std::uint32_t key) const;
   Count& countOf(std::uint32_t key);
   void tellLater();
-  void tellCounts();
 
   const std::uint32_t ownUser_;
   RunLoop& loop_;

@@ -95,12 +95,21 @@ TEST_F(UserLinesTest, ATimerThatIsLateTellsAll) {
   EXPECT_THAT(sink_.texts(), ElementsAre("2 lines about requests of user 1000 were left out"));
 }
 
-TEST_F(UserLinesTest, AnEndBeforeTheCountIsHarmless) {
+TEST_F(UserLinesTest, TheEndTellsTheCountOnce) {
   auto lines = std::make_shared<UserLines>(kOwnUser, loop_, log_, "Ident");
   for (int line = 0; line < 100; ++line) lines->mayWrite(kFirstUser);
   lines.reset();
+  EXPECT_THAT(sink_.texts(), ElementsAre("90 lines about requests of user 1000 were left out"));
   passPeriod();
-  EXPECT_THAT(sink_.texts(), IsEmpty());
+  EXPECT_EQ(sink_.texts().size(), 1u);
+}
+
+TEST_F(UserLinesTest, CountsThatWereToldEarlyAreNotToldAgain) {
+  writable(kFirstUser, UserLines::kLinesPerUser + 1);
+  lines_->tellCounts();
+  EXPECT_THAT(sink_.texts(), ElementsAre("1 lines about requests of user 1000 were left out"));
+  passPeriod();
+  EXPECT_EQ(sink_.texts().size(), 1u);
 }
 
 }  // namespace

@@ -27,6 +27,9 @@ class MessageReply {
       answer(raised(kNSInvalidSendPortException, "The message was dropped without an answer."));
   }
 
+  // Whether the sender wants an answer and has none yet.
+  bool isWanted() const { return answer_ != nullptr; }
+
   // Only the first call has an effect.
   void answer(MessageResult result) {
     if (auto answer = std::exchange(answer_, nullptr)) answer(std::move(result));

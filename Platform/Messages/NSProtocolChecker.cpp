@@ -47,6 +47,10 @@ void NSProtocolChecker::sendMessageAsync(std::string_view selector, const Array&
                                          MessageReply reply) const {
   if (auto refused = refusal(selector, arguments))
     return reply.answer(std::unexpected(std::move(*refused)));
+  // Nothing would limit questions that wait, if their sender does not wait for the answers.
+  const bool isQuestion =
+      methodSignatureForSelector(selector)->kind == MethodDescription::Kind::kTwoWay;
+  if (isQuestion && !reply.isWanted()) return;
   target_->takeMessage(selector, arguments, std::move(reply));
 }
 

@@ -26,7 +26,8 @@ class NSProtocolChecker final : public NSProxy {
 
   std::string_view className() const override { return "NSProtocolChecker"; }
   bool conformsToProtocol(std::string_view protocolName) const override;
-  // Raises NSInvalidArgumentException, too, if the target has not answered yet.
+  // A message of a two-way method whose sender wants no answer is dropped. sendMessage() raises
+  // NSInvalidArgumentException, too, if the target has not answered yet.
   MessageResult sendMessage(std::string_view selector, const Array& arguments) const override;
   void sendMessageAsync(std::string_view selector, const Array& arguments,
                         MessageReply reply) const override;

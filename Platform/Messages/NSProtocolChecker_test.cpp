@@ -50,6 +50,15 @@ TEST(NSProtocolCheckerTest, TheNumberOfArgumentsMustFitTheSelector) {
   EXPECT_EQ(target.last, "");
 }
 
+TEST(NSProtocolCheckerTest, AQuestionWithoutARightToAnAnswerIsDropped) {
+  Target target;
+  const NSProtocolChecker checker(&target, &kProtocol);
+  checker.sendMessageAsync("greet:", {Value("you")}, {});
+  EXPECT_EQ(target.last, "");
+  checker.sendMessageAsync("wave", {}, {});
+  EXPECT_EQ(target.last, "wave");
+}
+
 TEST(NSProtocolCheckerTest, WithoutATargetItOnlyDescribesTheProtocol) {
   const NSProtocolChecker checker(nullptr, &kProtocol);
   EXPECT_TRUE(checker.respondsToSelector("wave"));

@@ -21,6 +21,7 @@ thread_local const PeerCredentials* servedPeer = nullptr;
 
 constexpr std::string_view kAuthenticate = "NSConnectionAuthenticate:";
 constexpr std::string_view kObjectKeyword = "NSDistantObject:";
+constexpr char kShortage[] = "this process is short of descriptors and can't ask whose it is";
 
 NSException exception(const char* name, std::string reason) {
   return NSException{name, std::move(reason), {}};
@@ -160,6 +161,7 @@ void NSConnection::handle(PeerMessage message) {
   if (stage_ != Stage::kOpen) return handleAuthentication(std::move(message));
   if (message.selector == kAuthenticate)
     return breakOff(std::move(message.reply), "it authenticated itself twice");
+  if (!isOfItsProcess(message)) return;
   const auto request = readRequest(message);
   if (!request) return breakOff(std::move(message.reply), request.error().context);
   perform(*request, std::move(message.reply));
@@ -176,13 +178,40 @@ void NSConnection::handleAuthentication(PeerMessage message) {
   if (delegate_ == nullptr) return refuse(std::move(message.reply), "there is no delegate");
   if (!delegate_->authenticateComponents({}, *data))
     return refuse(std::move(message.reply), "its authentication was wrong");
-  if (!peer_->peerIsUnchanged())
+  const PeerState peer = peer_->peerState();
+  // No failure of the authentication: the client may try again.
+  if (peer == PeerState::kUnknown) return breakOff(std::move(message.reply), kShortage);
+  if (peer != PeerState::kUnchanged)
     return refuse(std::move(message.reply),
                   "the process that connected has ended or has become another user's");
   if (!valid_ || delegate_ == nullptr) return invalidate();
   stage_ = Stage::kOpen;
   peer_->admit();
   (void)message.reply->answer(Value(delegate_->authenticationDataForComponents({})));
+}
+
+// False if the request may be another process's: then it is refused, or its connection ended.
+bool NSConnection::isOfItsProcess(PeerMessage& message) {
+  if (role_ != Role::kChild) return true;
+  switch (peer_->peerState()) {
+    case PeerState::kUnchanged:
+    case PeerState::kEnded:  // It was sent before that, as the end of an installer's work may be.
+      return true;
+    case PeerState::kUnknown:
+      connections_.refusals_.write(
+          stringWithFormat("Refused a request to \"%@\" of process %d of user %u: %@", name_,
+                           peer_->peer().process, peer_->peer().user, kShortage),
+          peer_->peer().user);
+      if (message.reply) (void)message.reply->answer(raise(kNSInvalidArgumentException, kShortage));
+      return false;
+    case PeerState::kPassedOn:
+      refuse(std::move(message.reply), "its process has passed it on and ended");
+      return false;
+    case PeerState::kOtherUser:
+      break;
+  }
+  refuse(std::move(message.reply), "its process has become another user's");
+  return false;
 }
 
 Result<NSConnection::Request> NSConnection::readRequest(const PeerMessage& message) {

@@ -152,6 +152,7 @@ class NSConnection final : public std::enable_shared_from_this<NSConnection> {
     Array arguments;
   };
   // Fails if the message breaks the protocol.
+  bool isOfItsProcess(PeerMessage& message);
   Result<Request> readRequest(const PeerMessage& message);
   void perform(const Request& request, std::unique_ptr<PeerReply> peersReply);
   MessageReply replyThrough(std::unique_ptr<PeerReply> reply);

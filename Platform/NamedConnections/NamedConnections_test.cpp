@@ -57,7 +57,28 @@ class NamedConnectionsTest : public testing::Test {
     return connection;
   }
 
+  // Its object answers every message.
+  std::shared_ptr<NSConnection> vendAnswering(std::string_view name) {
+    auto connection = vend(name);
+    connection->setRootObject(std::make_shared<NSProtocolChecker>(&answering_, &kServerProtocol));
+    return connection;
+  }
+  // Null on failure.
+  std::shared_ptr<NSDistantObject> authenticatedProxy(std::string_view name) {
+    client_ = program_.connections.connectionWithRegisteredName(name);
+    if (!client_) return nullptr;
+    client_->setDelegate(&clientDelegate_);
+    auto proxy = client_->rootProxy();
+    if (!proxy) return nullptr;
+    (*proxy)->setProtocolForProxy(&kServerProtocol);
+    return *proxy;
+  }
+
+  struct Answering final : MessageReceiver {
+    MessageResult receiveMessage(std::string_view, const Array&) override { return Value(); }
+  } answering_;
   TokenDelegate delegate_{"server", "client"};
+  TokenDelegate clientDelegate_{"client", "server"};
   VirtualRunLoop loop_;
   FakePeerNetwork network_{loop_};
   FakePeerTransport transport_{network_, {100, 1, 1}};
@@ -66,6 +87,7 @@ class NamedConnectionsTest : public testing::Test {
                             [](std::string_view name) { return std::string(name); }};
   ConnectedProgram server_{loop_, serverTransport_,
                            [](std::string_view name) { return std::string(name); }};
+  std::shared_ptr<NSConnection> client_;
 };
 
 TEST_F(NamedConnectionsTest, AHungServerIsAskedAgainAfterAPause) {
@@ -137,6 +159,47 @@ TEST_F(NamedConnectionsTest, AProcessThatHasBecomeAnotherUsersIsRefused) {
   ASSERT_FALSE(proxy);
   EXPECT_EQ(proxy.error().name, kNSFailedAuthenticationException);
   EXPECT_TRUE(connection->childConnections().empty());
+}
+
+TEST_F(NamedConnectionsTest, AProcessThatBecomesAnotherUsersIsServedNoMore) {
+  const auto connection = vendAnswering("server");
+  const auto proxy = authenticatedProxy("server");
+  ASSERT_TRUE(proxy);
+  EXPECT_TRUE(proxy->sendMessage("nothing", {}));
+  transport_.becomeUser(3);
+  const auto refused = proxy->sendMessage("nothing", {});
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().name, kNSFailedAuthenticationException);
+  EXPECT_TRUE(connection->childConnections().empty());
+  EXPECT_EQ(server_.sink.count("its process has become another user's"), 1u);
+}
+
+TEST_F(NamedConnectionsTest, AServerWithoutDescriptorsRefusesARequest) {
+  const auto connection = vendAnswering("server");
+  const auto proxy = authenticatedProxy("server");
+  ASSERT_TRUE(proxy);
+  serverTransport_.setShortage(true);
+  const auto refused = proxy->sendMessage("nothing", {});
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().name, kNSInvalidArgumentException);
+  serverTransport_.setShortage(false);
+  EXPECT_TRUE(proxy->sendMessage("nothing", {}));
+  EXPECT_EQ(connection->childConnections().size(), 1u);
+}
+
+TEST_F(NamedConnectionsTest, AServerWithoutDescriptorsBlamesNoClient) {
+  const auto connection = vend("server");
+  TokenDelegate right("client", "server");
+  const auto nameOfFailure = [&]() -> std::string {
+    const auto client = program_.connections.connectionWithRegisteredName("server");
+    client->setDelegate(&right);
+    const auto proxy = client->rootProxy();
+    return proxy ? "" : proxy.error().name;
+  };
+  serverTransport_.setShortage(true);
+  EXPECT_EQ(nameOfFailure(), kNSInvalidArgumentException);
+  serverTransport_.setShortage(false);
+  EXPECT_EQ(nameOfFailure(), "");
 }
 
 TEST_F(NamedConnectionsTest, AnObjectKnowsThePeerOfItsMessage) {

@@ -22,13 +22,23 @@
 namespace platform {
 
 // The credentials of the process that connected, by the kernel and never by a message. The number
-// names the process only while PeerConnection::peerLives().
+// names the process only until it has ended: see PeerConnection::peerState().
 struct PeerCredentials {
   ProcessId process = 0;
   std::uint32_t user = 0;
   std::uint32_t group = 0;
 
   bool operator==(const PeerCredentials&) const = default;
+};
+
+// The process that connected, by the kernel's present word.
+enum class PeerState {
+  kUnchanged,  // it lives, and has the user that it connected as; also if the kernel can't tell, as
+               // for a process of another pid namespace
+  kOtherUser,  // it has become another user's, for instance because it has given up its rights
+  kPassedOn,   // it has ended, and another process has its end of the connection
+  kEnded,      // it has ended, or at least the connection
+  kUnknown,    // this process has no descriptor or memory left to ask
 };
 
 // The right to answer one two-way message. If it is dropped without an answer, nothing is sent: the
@@ -82,14 +92,9 @@ class PeerConnection {
 
   virtual PeerCredentials peer() const = 0;
 
-  // Whether the process in peer() still lives, so that its number means no other process. If the
-  // kernel can't tell (before 6.5), whether any process has that number.
-  virtual bool peerLives() const = 0;
-
-  // Whether that process lives and still has the user that it connected as: a process may give up
-  // its rights, or hand its connection on and end. True if the kernel can't tell, as for a process
-  // of another pid namespace.
-  virtual bool peerIsUnchanged() const = 0;
+  // Whether the number in peer() still means that process, and whose it is. Before Linux 6.5 any
+  // process of that number and user passes.
+  virtual PeerState peerState() const = 0;
 
   // The peer has shown that it may use this listener: its admission time ends, its place becomes
   // free, and its messages may have the full size. Does nothing if that has happened, and on a

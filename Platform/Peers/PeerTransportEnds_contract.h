@@ -52,7 +52,7 @@ TEST_P(PeerTransportContract, ConnectingToAHungProcessTimesOut) {
 TEST_P(PeerTransportContract, EachSideHasTheKernelsCredentialsOfTheOther) {
   start();
   EXPECT_GT(client_->peer().process, 0);
-  EXPECT_TRUE(client_->peerLives());
+  EXPECT_EQ(client_->peerState(), PeerState::kUnchanged);
   settle();
   PeerCredentials seen;
   harness_->there([&](PeerTransport&) { seen = server_.connections.front()->peer(); });
@@ -66,7 +66,7 @@ TEST_P(PeerTransportContract, TheEndOfThePeerIsReportedOnce) {
   settle();
   harness_->there([this](PeerTransport&) { server_.connections.clear(); });
   runUntilNoted("death");
-  EXPECT_FALSE(client_->peerLives());
+  EXPECT_EQ(client_->peerState(), PeerState::kEnded);
   harness_->loop().post([this] { journal_.note("later"); });
   runUntilNoted("later");
   EXPECT_EQ(journal_.count("death"), 1u);

@@ -4,7 +4,7 @@
 
 namespace platform {
 
-void PeerTurns::request(std::uint32_t user, RunLoop::Callback turn) {
+void PeerTurns::request(std::uint32_t user, Turn turn) {
   const bool isPrivileged = user == 0 || user == ownUser_;
   (isPrivileged ? privileged_ : others_[user]).push_back(std::move(turn));
   post();
@@ -20,22 +20,29 @@ void PeerTurns::post() {
 
 void PeerTurns::takeNext() {
   isPosted_ = false;
-  RunLoop::Callback turn = next();
-  if (!privileged_.empty() || !others_.empty()) post();
-  turn();
+  while (!privileged_.empty() || !others_.empty()) {
+    const bool wasPrivileged = wasPrivileged_;
+    const std::uint32_t lastUser = lastUser_;
+    Turn turn = next();
+    // Before the turn, which may run the loop.
+    if (!privileged_.empty() || !others_.empty()) post();
+    if (turn()) return;
+    wasPrivileged_ = wasPrivileged;
+    lastUser_ = lastUser;
+  }
 }
 
-RunLoop::Callback PeerTurns::next() {
+PeerTurns::Turn PeerTurns::next() {
   wasPrivileged_ = others_.empty() || (!privileged_.empty() && !wasPrivileged_);
   if (wasPrivileged_) {
-    RunLoop::Callback turn = std::move(privileged_.front());
+    Turn turn = std::move(privileged_.front());
     privileged_.pop_front();
     return turn;
   }
   auto user = others_.upper_bound(lastUser_);
   if (user == others_.end()) user = others_.begin();
   lastUser_ = user->first;
-  RunLoop::Callback turn = std::move(user->second.front());
+  Turn turn = std::move(user->second.front());
   user->second.pop_front();
   if (user->second.empty()) others_.erase(user);
   return turn;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -19,21 +20,25 @@ class PeerTurns : public std::enable_shared_from_this<PeerTurns> {
   PeerTurns(const PeerTurns&) = delete;
   PeerTurns& operator=(const PeerTurns&) = delete;
 
+  // Returns whether it did anything. If not, it does not count: the next one follows at once. So
+  // the turns of connections that have ended delay nobody.
+  using Turn = std::move_only_function<bool()>;
+
   // Calls `turn` on the loop, after earlier turns of the same user.
-  void request(std::uint32_t user, RunLoop::Callback turn);
+  void request(std::uint32_t user, Turn turn);
 
  private:
   void post();
   void takeNext();
-  RunLoop::Callback next();
+  Turn next();
 
   RunLoop& loop_;
   const std::uint32_t ownUser_;
   bool isPosted_ = false;
   bool wasPrivileged_ = false;  // the last turn
   std::uint32_t lastUser_ = 0;  // of the last turn of others
-  std::deque<RunLoop::Callback> privileged_;
-  std::map<std::uint32_t, std::deque<RunLoop::Callback>> others_;  // none is empty
+  std::deque<Turn> privileged_;
+  std::map<std::uint32_t, std::deque<Turn>> others_;  // none is empty
 };
 
 }  // namespace platform

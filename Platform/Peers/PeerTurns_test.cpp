@@ -21,7 +21,14 @@ class PeerTurnsTest : public testing::Test {
   static constexpr std::uint32_t kBen = 1001;
 
   void request(std::uint32_t user, std::string name) {
-    turns_->request(user, [this, name = std::move(name)] { taken_.push_back(name); });
+    turns_->request(user, [this, name = std::move(name)] {
+      taken_.push_back(name);
+      return true;
+    });
+  }
+  // As a connection does that has ended meanwhile.
+  void requestNothing(std::uint32_t user) {
+    turns_->request(user, [] { return false; });
   }
 
   VirtualRunLoop loop_;
@@ -48,7 +55,10 @@ TEST_F(PeerTurnsTest, RootAndTheOwnUserGetEverySecondTurn) {
 }
 
 TEST_F(PeerTurnsTest, ATurnMayRequestTheNext) {
-  turns_->request(kAnna, [this] { request(kAnna, "later"); });
+  turns_->request(kAnna, [this] {
+    request(kAnna, "later");
+    return true;
+  });
   request(kBen, "ben");
   loop_.runReady();
   EXPECT_THAT(taken_, ElementsAre("ben", "later"));
@@ -67,6 +77,33 @@ TEST_F(PeerTurnsTest, OtherPostsComeBetweenTurns) {
   loop_.post([this] { taken_.push_back("post"); });
   loop_.runReady();
   EXPECT_THAT(taken_, ElementsAre("a1", "post", "a2"));
+}
+
+TEST_F(PeerTurnsTest, ATurnThatDoesNothingDelaysNobody) {
+  for (int i = 0; i < 1000; ++i) requestNothing(kAnna);
+  request(kAnna, "a1");
+  request(kBen, "b1");
+  loop_.post([this] { taken_.push_back("post"); });
+  loop_.runReady();
+  EXPECT_THAT(taken_, ElementsAre("a1", "post", "b1"));
+}
+
+TEST_F(PeerTurnsTest, ATurnThatDoesNothingIsNotTheTurnOfItsUser) {
+  requestNothing(0);
+  request(0, "root");
+  requestNothing(kAnna);
+  request(kAnna, "a1");
+  request(kBen, "b1");
+  loop_.runReady();
+  EXPECT_THAT(taken_, ElementsAre("root", "a1", "b1"));
+}
+
+TEST_F(PeerTurnsTest, OnlyTurnsThatDoNothingEndTheLoop) {
+  for (int i = 0; i < 3; ++i) requestNothing(kAnna);
+  loop_.runReady();
+  request(kBen, "b1");
+  loop_.runReady();
+  EXPECT_THAT(taken_, ElementsAre("b1"));
 }
 
 TEST_F(PeerTurnsTest, TheEndDropsTurns) {

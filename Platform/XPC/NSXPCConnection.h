@@ -167,7 +167,7 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   void begin();
   void listenToPeer();
   void arrived(PeerMessage message);
-  bool isOfItsProcess(const PeerMessage& message) const;
+  bool isOfItsProcess(PeerMessage& message);
   void transmit(std::shared_ptr<Outgoing> message);
   void replied(std::uint64_t number, const MessageResult& result);
   bool connect();

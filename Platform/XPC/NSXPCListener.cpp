@@ -87,7 +87,9 @@ void NSXPCListener::listenOnce() {
 }
 
 void NSXPCListener::arrived(std::unique_ptr<PeerConnection> peer) {
-  if (!peer->peerIsUnchanged()) {
+  // If the kernel could not be asked, it is with each request.
+  const PeerState state = peer->peerState();
+  if (state != PeerState::kUnchanged && state != PeerState::kUnknown) {
     const PeerCredentials was = peer->peer();
     return xpc_.logRefusal(
         was.user,

@@ -97,12 +97,23 @@ class ConnectionsOfOneUser : public testing::Test {
  protected:
   static constexpr std::size_t kMost = 3;
 
+  struct Answering final : NSXPCExportedObject {
+    void receiveMessage(std::string_view /*selector*/, const Array& arguments,
+                        XPCReply reply) override {
+      ++messages;
+      if (reply) reply(arguments);
+    }
+    int messages = 0;
+  };
   struct Welcoming final : NSXPCListenerDelegate {
     bool listener(NSXPCListener& /*listener*/,
                   const std::shared_ptr<NSXPCConnection>& connection) override {
+      connection->setExportedInterface(&xpcTestProtocol());
+      connection->setExportedObject(object);
       connection->resume();
       return true;
     }
+    const std::shared_ptr<Answering> object = std::make_shared<Answering>();
   };
 
   std::shared_ptr<NSXPCListener> start(std::shared_ptr<NSXPCListener> listener) {
@@ -192,6 +203,31 @@ TEST_F(ConnectionsOfOneUser, EndWhenTheirProcessChangesItsUser) {
   loop_.runReady();
   EXPECT_TRUE(hasFailed);
   EXPECT_EQ(sink_.count("process 100 of user 501, which has become another user's"), 1u);
+}
+
+// It can't ask then whose process has the connection.
+TEST_F(ConnectionsOfOneUser, OutliveTheRequestsToAServerWithoutDescriptors) {
+  const auto listener = start(xpc_.makeListener("service"));
+  const auto connection = client_.xpc.makeConnection("service");
+  connection->setRemoteObjectInterface(&xpcTestProtocol());
+  ASSERT_TRUE(add(connection));
+  std::vector<std::string> answers;
+  const auto ask = [&] {
+    connection->sendMessage("note:", {Value("one-way")}, nullptr, nullptr);
+    connection->sendMessage(
+        "echo:withReply:", {Value(1)}, [&](const Array&) { answers.emplace_back("answered"); },
+        [&](const NSError& error) { answers.push_back(std::to_string(error.code)); });
+    loop_.runReady();
+  };
+  transport_.setShortage(true);
+  ask();
+  EXPECT_THAT(answers, testing::ElementsAre(std::to_string(NSXPCConnectionReplyInvalid)));
+  EXPECT_EQ(delegate_->object->messages, 0);
+  transport_.setShortage(false);
+  ask();
+  EXPECT_EQ(answers.back(), "answered");
+  EXPECT_EQ(delegate_->object->messages, 2);
+  EXPECT_EQ(sink_.count("Refused a message of process 100 of user 501"), 2u);
 }
 
 TEST_F(ConnectionsOfOneUser, EndWithTheRequestsOfTheirDeadProcess) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 
 #include "Platform/RunLoops/RunLoop.h"
@@ -25,18 +26,27 @@ class ChangeRequests {
   using MayLog = std::function<bool(std::uint32_t user)>;
 
   // The loop outlives this.
-  ChangeRequests(const platform::RunLoop& loop, std::uint32_t ownUser, MayLog mayLog);
+  ChangeRequests(platform::RunLoop& loop, std::uint32_t ownUser, MayLog mayLog);
 
   // Counts a request of the user. An exception if there have been too many.
   std::optional<platform::NSException> refusalOf(std::uint32_t user);
   // The same for the request that this thread serves.
   std::optional<platform::NSException> refusal();
 
+  // For a request that must not be lost: counts it and calls `change` at once. If there have been
+  // too many, one call of all of them comes when their minute is over.
+  void performOf(std::uint32_t user, platform::RunLoop::Callback change);
+  // The same for the request that this thread serves.
+  void perform(platform::RunLoop::Callback change);
+
  private:
-  const platform::RunLoop& loop_;
+  bool count(std::uint32_t user);
+
+  platform::RunLoop& loop_;
   const std::uint32_t ownUser_;
   const MayLog mayLog_;
   std::optional<platform::Instant> periodStart_;
   std::size_t ofAll_ = 0;
   std::map<std::uint32_t, std::size_t> ofUsers_;
+  std::unique_ptr<platform::RunLoopHandle> delayed_;
 };

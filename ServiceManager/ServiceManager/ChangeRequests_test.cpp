@@ -1,5 +1,7 @@
 #include "ServiceManager/ServiceManager/ChangeRequests.h"
 
+#include <utility>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -62,9 +64,29 @@ TEST_F(ChangeRequestsTest, ARefusalIsAnExceptionAndALine) {
   EXPECT_THAT(lines_.take(), testing::IsEmpty());
 }
 
+TEST_F(ChangeRequestsTest, NoNecessaryRequestIsLost) {
+  std::size_t performed = 0;
+  const auto perform = [&](std::uint32_t user, std::size_t requests) {
+    for (std::size_t i = 0; i < requests; ++i) requests_.performOf(user, [&] { ++performed; });
+    return std::exchange(performed, 0);
+  };
+  EXPECT_EQ(perform(kUser, 1000), ChangeRequests::kOfUser);
+  EXPECT_EQ(perform(0, 1000), 1000u);
+  loop_.advanceBy(ChangeRequests::kPeriod - 1ns);
+  EXPECT_EQ(std::exchange(performed, 0), 0u);
+  loop_.advanceBy(1ns);
+  EXPECT_EQ(std::exchange(performed, 0), 1u);
+  EXPECT_EQ(perform(kUser, 1000), ChangeRequests::kOfUser);
+  loop_.advanceBy(ChangeRequests::kPeriod);
+  EXPECT_EQ(performed, 1u);
+}
+
 // The daemon's own calls serve nobody's request.
 TEST_F(ChangeRequestsTest, WithoutARequestNothingIsRefused) {
   for (int i = 0; i < 1000; ++i) EXPECT_FALSE(requests_.refusal());
+  int performed = 0;
+  for (int i = 0; i < 1000; ++i) requests_.perform([&] { ++performed; });
+  EXPECT_EQ(performed, 1000);
 }
 
 }  // namespace

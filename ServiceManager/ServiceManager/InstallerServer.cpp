@@ -19,9 +19,11 @@ void InstallerServer::takeMessage(std::string_view selector, const Array& argume
   if (!isEnd && !labels.array()) {
     return reply.answer(message.invalidArgument("an array of labels"));
   }
-  // The end always passes: without it all services would stay stopped. Repeated ends are one
-  // evaluation.
-  if (isEnd) return reply.answer(manager_.evaluateServices());
+  if (isEnd) {
+    // The end always passes: without it all services would stay stopped.
+    changes_.perform([this] { manager_.evaluateServices(); });
+    return reply.answer(Value(true));
+  }
   if (auto refusal = changes_.refusal()) {
     return reply.answer(std::unexpected(*std::move(refusal)));
   }

@@ -1,6 +1,7 @@
-#include <algorithm>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,10 +19,10 @@ bool ORBServiceManager::hasService(Label label) const {
 
 std::vector<std::string> ORBServiceManager::knownLabels(const Array& labels) const {
   std::vector<std::string> known;
+  std::set<std::string_view> seen;
   for (const Value& element : labels) {
     const std::string* label = element.string();
-    if (!label || !hasService(*label)) continue;
-    if (std::ranges::find(known, *label) == known.end()) known.push_back(*label);
+    if (label && hasService(*label) && seen.insert(*label).second) known.push_back(*label);
   }
   return known;
 }

@@ -44,7 +44,8 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                  .onRestart = [this] { globalSettingsServerDidRestart(); }}),
       lastUser_(std::make_shared<LastLoggedInUser>(platform_.withSettingsOfThisThread)),
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
-      userClients_([this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
+      userClients_(platform.owner.effectiveUser,
+                   [this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
       turns_(platform_.runLoop,
              [this] {
                noticeUnreadyServices();

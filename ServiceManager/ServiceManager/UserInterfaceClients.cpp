@@ -16,6 +16,9 @@ namespace {
 
 // More than any user has windows: a client that registers again and again must not fill our memory.
 constexpr std::size_t kMaxUserClients = 1024;
+// The registrations of one user, and of all users together, but for root and our own.
+constexpr std::size_t kMaxClientsOfUser = 256;
+constexpr std::size_t kMaxClientsOfUsers = 768;
 
 Value statusNotice(std::string_view label, std::int64_t status, std::int64_t process) {
   Dictionary notice{{"Label", label}, {"status", status}};
@@ -29,35 +32,57 @@ bool isDisconnected(const std::shared_ptr<const NSProxy>& client) {
   return distant && !distant->connectionForProxy()->isValid();
 }
 
+// The user of a client of another program.
+std::optional<std::uint32_t> userOf(const std::shared_ptr<const NSProxy>& client) {
+  const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
+  const PeerConnection* const peer = distant ? distant->connectionForProxy()->peer() : nullptr;
+  return peer ? std::optional(peer->peer().user) : std::nullopt;
+}
+
 }  // namespace
 
 void UserInterfaceClients::registerClient(std::shared_ptr<const NSProxy> client) {
   if (!client) return;
-  logRegistration(client, "Will register a user interface client remote proxy");
+  logOf(client, "Will register a user interface client remote proxy");
+  const std::optional<std::uint32_t> user = userOf(client);
   // Clients that have ended since the last notice must not keep others out until the next notice.
-  if (registrations_.size() == kMaxUserClients)
+  if (!hasRoomFor(user))
     std::erase_if(registrations_, [](const auto& entry) { return isDisconnected(entry->client); });
-  if (registrations_.size() == kMaxUserClients) {
+  if (!hasRoomFor(user)) {
     const NSException tooMany{kNSInvalidArgumentException,
                               stringWithFormat("there are %zu clients", registrations_.size()),
                               {}};
-    logRegistration(
-        client,
-        stringWithFormat("Unable to register user interface client remote proxy: Exception: %@",
-                         tooMany));
+    logOf(client,
+          stringWithFormat("Unable to register user interface client remote proxy: Exception: %@",
+                           tooMany));
     return;
   }
   registrations_.push_back(
-      std::make_shared<Registration>(Registration{client, endOfNotices(), false}));
-  logRegistration(client, "Did register a user interface client remote proxy");
+      std::make_shared<Registration>(Registration{client, user, endOfNotices(), false}));
+  logOf(client, "Did register a user interface client remote proxy");
 }
 
-// A client may register again and again.
-void UserInterfaceClients::logRegistration(const std::shared_ptr<const NSProxy>& client,
-                                           std::string_view line) const {
-  const auto distant = std::dynamic_pointer_cast<const NSDistantObject>(client);
-  const PeerConnection* const peer = distant ? distant->connectionForProxy()->peer() : nullptr;
-  if (!peer || mayLog_(peer->peer().user)) vantorlogger2_line(ASL_LEVEL_DEBUG, line);
+bool UserInterfaceClients::hasRoomFor(std::optional<std::uint32_t> user) const {
+  if (registrations_.size() >= kMaxUserClients) return false;
+  if (!isOrdinary(user)) return true;
+  std::size_t ofUser = 0;
+  std::size_t ofUsers = 0;
+  for (const auto& entry : registrations_) {
+    if (entry->user == user) ++ofUser;
+    if (isOrdinary(entry->user)) ++ofUsers;
+  }
+  return ofUser < kMaxClientsOfUser && ofUsers < kMaxClientsOfUsers;
+}
+
+bool UserInterfaceClients::isOrdinary(std::optional<std::uint32_t> user) const {
+  return user && *user != 0 && *user != ownUser_;
+}
+
+// A client may register, and be removed, again and again.
+void UserInterfaceClients::logOf(const std::shared_ptr<const NSProxy>& client,
+                                 std::string_view line) const {
+  const std::optional<std::uint32_t> user = userOf(client);
+  if (!user || mayLog_(*user)) vantorlogger2_line(ASL_LEVEL_DEBUG, line);
 }
 
 void UserInterfaceClients::notifyClientsOfService(Label label, std::int64_t withJobStatusChange,
@@ -106,12 +131,12 @@ void UserInterfaceClients::answered(const std::shared_ptr<const NSProxy>& client
 void UserInterfaceClients::abandon(const std::shared_ptr<const NSProxy>& client) {
   const auto isOfClient = [&](const auto& entry) { return entry->client == client; };
   if (std::ranges::none_of(registrations_, isOfClient)) return;
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Attempting to remove an abandoned remote user client");
+  logOf(client, "Attempting to remove an abandoned remote user client");
   for (const auto& entry : registrations_) {
     if (isOfClient(entry)) entry->isRemoved = true;
   }
   std::erase_if(registrations_, isOfClient);
-  vantorlogger2_line(ASL_LEVEL_DEBUG, "Did remove an abandoned remote user client");
+  logOf(client, "Did remove an abandoned remote user client");
 }
 
 // From the end of its connection a client learns that it gets no more notices.

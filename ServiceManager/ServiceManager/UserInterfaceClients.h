@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -30,13 +31,14 @@ class UserInterfaceClients {
 
   // `mayLog` tells whether a request of the user may have another line.
   using MayLog = std::function<bool(std::uint32_t user)>;
-  explicit UserInterfaceClients(MayLog mayLog = [](std::uint32_t) { return true; })
-      : mayLog_(std::move(mayLog)) {}
+  explicit UserInterfaceClients(
+      std::uint32_t ownUser, MayLog mayLog = [](std::uint32_t) { return true; })
+      : ownUser_(ownUser), mayLog_(std::move(mayLog)) {}
   UserInterfaceClients(const UserInterfaceClients&) = delete;
   UserInterfaceClients& operator=(const UserInterfaceClients&) = delete;
 
   // The client is notified from now on, until a notice can't be delivered to it. Refused, with a
-  // log line, when there are as many clients as may be.
+  // log line, when there are as many clients as may be, also of its user.
   void registerClient(std::shared_ptr<const platform::NSProxy> client);
 
   // Returns at once. Only a process that runs is part of the notice. Each client gets its notices
@@ -52,12 +54,14 @@ class UserInterfaceClients {
  private:
   struct Registration {
     std::shared_ptr<const platform::NSProxy> client;
+    std::optional<std::uint32_t> user;  // nothing for a client of this program
     std::uint64_t next = 0;  // the number of the first notice that has not been sent to it
     bool isRemoved = false;
   };
 
-  void logRegistration(const std::shared_ptr<const platform::NSProxy>& client,
-                       std::string_view line) const;
+  bool hasRoomFor(std::optional<std::uint32_t> user) const;
+  bool isOrdinary(std::optional<std::uint32_t> user) const;
+  void logOf(const std::shared_ptr<const platform::NSProxy>& client, std::string_view line) const;
   void sendNotices();
   bool isBehind(const Registration& registration) const;
   void sendNext(Registration& registration);
@@ -67,6 +71,7 @@ class UserInterfaceClients {
   void forgetSentNotices();
   std::uint64_t endOfNotices() const { return firstNotice_ + notices_.size(); }
 
+  const std::uint32_t ownUser_;
   const MayLog mayLog_;
   // Shared with sendNotices(), during which others may be removed.
   std::vector<std::shared_ptr<Registration>> registrations_;

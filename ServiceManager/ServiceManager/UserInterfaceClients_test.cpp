@@ -22,6 +22,7 @@ using testing::IsEmpty;
 
 constexpr char kLabel[] = "com.example.agent";
 constexpr std::size_t kClientLimit = 1024;
+constexpr std::size_t kLimitOfUser = 256;
 constexpr char kWillRegister[] = "7 Will register a user interface client remote proxy";
 constexpr char kDidRegister[] = "7 Did register a user interface client remote proxy";
 constexpr char kRemoving[] = "7 Attempting to remove an abandoned remote user client";
@@ -43,7 +44,7 @@ class UserInterfaceClientsTest : public testing::Test {
 
   Logger2Lines lines_;
   ProtocolTable protocols_;
-  UserInterfaceClients clients_;
+  UserInterfaceClients clients_{0};
 };
 
 // Registering.
@@ -107,7 +108,7 @@ TEST_F(UserInterfaceClientsTest, AtTheLimitDisconnectedClientsMakeRoom) {
   EXPECT_THAT(clients_.userClients(), ElementsAre(staying.proxy, late.proxy));
 }
 
-TEST_F(UserInterfaceClientsTest, TheLinesAboutAUsersRegistrationsAreLimited) {
+TEST_F(UserInterfaceClientsTest, AUsersRegistrationsAndTheirLinesAreLimited) {
   VirtualRunLoop loop;
   FakePeerNetwork network(loop);
   FakePeerTransport transport(network, {100, 0, 0});
@@ -125,9 +126,13 @@ TEST_F(UserInterfaceClientsTest, TheLinesAboutAUsersRegistrationsAreLimited) {
   const auto window = std::make_shared<NSDistantObject>(
       server->childConnections().front(), NSDistantObject::Description{1, "Window", {}});
   const auto lines = std::make_shared<UserLines>(0, loop, program.log, "Ident");
-  UserInterfaceClients clients([&](std::uint32_t user) { return lines->mayWrite(user); });
+  UserInterfaceClients clients(0, [&](std::uint32_t user) { return lines->mayWrite(user); });
   for (int i = 0; i < 1000; ++i) clients.registerClient(window);
   EXPECT_EQ(lines_.take().size(), UserLines::kLinesPerUser);
+  EXPECT_EQ(clients.userClients().size(), kLimitOfUser);
+  const UserInterface roots(protocols_);
+  clients.registerClient(roots.proxy);
+  EXPECT_EQ(clients.userClients().back(), roots.proxy);
   loop.advanceBy(UserLines::kPeriod);
   EXPECT_EQ(program.sink.count("1990 lines about requests of user 501 were left out"), 1u);
 }

@@ -152,7 +152,7 @@ class UserInterfaceNoticesTest : public testing::Test {
   ConnectedProgram daemon_{loop_, transport_, &nameItself};
   TokenDelegate delegate_{"server", "client"};
   Root root_{*this};
-  std::unique_ptr<UserInterfaceClients> clients_ = std::make_unique<UserInterfaceClients>();
+  std::unique_ptr<UserInterfaceClients> clients_ = std::make_unique<UserInterfaceClients>(0);
   std::shared_ptr<NSConnection> server_;
   std::list<Windows> programs_;
 };

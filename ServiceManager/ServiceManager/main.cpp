@@ -160,6 +160,7 @@ int main(int argc, char** argv) {
                                                  classes, report};
   const int status =
       platform::VGBackgroundServiceMain(ORBServiceManager::kClassName, argc, argv, backgroundHost);
+  linux.userLines->tellCounts();  // There may be no destructors.
   // Destructors would wait for a worker that hangs.
   std::vector<platform::LoopThread*> threads = (*settingsWorker)->threads();
   threads.insert(threads.end(), {extensionThread->get(), operatorThread->get()});

@@ -202,6 +202,22 @@ int userChangedAfterwards(const Attack& attack) {
   });
 }
 
+// The same after it has shown its token.
+int userChangedAfterTheToken(const Attack& attack) {
+  return inChild([&] {
+    auto socket = connectToSocket(attack.socket, 5s);
+    auto connection = socket ? openOverSocket(std::move(*socket)) : UniqueDBusConnection();
+    const auto loop = std::move(*AsioRunLoop::create());
+    if (!connection) return EXIT_FAILURE;
+    const auto link = DBusPeerLink::create(
+        *loop, std::move(*connection), WhileWaiting::kServeNothing, PeerMessageContents::kValues);
+    if (!link || !(*link)->awaitWelcome(loop->now() + 10s)) return EXIT_FAILURE;
+    if (!(*link)->call(kAuthenticate, {Value(attack.token)}, 10s)) return EXIT_FAILURE;
+    if (!(*link)->call("services", {}, 10s) || !become(kStranger)) return EXIT_FAILURE;
+    return exitStatus((*link)->call("services", {}, 10s).has_value());
+  });
+}
+
 // A stranger's process becomes root after it has connected, as a program with the set-user-ID bit.
 int rightsGainedAfterwards(const Attack& attack) {
   return inChild([&] {
@@ -330,6 +346,7 @@ std::optional<Way> wayOf(std::string_view name, const Attack& attack) {
   if (name == "reused number") return reusedNumber;
   if (name == "executed afterwards") return executedAfterwards;
   if (name == "user changed afterwards") return userChangedAfterwards;
+  if (name == "user changed after the token") return userChangedAfterTheToken;
   if (name == "rights gained afterwards") return rightsGainedAfterwards;
   if (name == "socket pair") return socketPair;
   if (name == "name of a server") return nameOfAServer;

@@ -77,9 +77,9 @@ TEST_F(DaemonAttackers, FindNoWayIn) {
   openTheFirstGate();
   for (const char* way :
        {"stranger", "wrong token", "token of another boot", "descriptor passed on", "reused number",
-        "executed afterwards", "user changed afterwards", "rights gained afterwards", "socket pair",
-        "endpoint passed on", "name of a server", "file in the way",
-        "registry: descriptor passed on", "registry: reused number",
+        "executed afterwards", "user changed afterwards", "user changed after the token",
+        "rights gained afterwards", "socket pair", "endpoint passed on", "name of a server",
+        "file in the way", "registry: descriptor passed on", "registry: reused number",
         "registry: executed afterwards", "registry: user changed afterwards",
         "registry: rights gained afterwards"}) {
     expectRefused(way, 100);
@@ -109,6 +109,9 @@ TEST_F(DaemonAttackersLong, APassedConnectionIsRefused) { expectNoWayIn("descrip
 TEST_F(DaemonAttackersLong, AReusedNumberIsRefused) { expectNoWayIn("reused number"); }
 TEST_F(DaemonAttackersLong, AnExecutedProgramIsRefused) { expectNoWayIn("executed afterwards"); }
 TEST_F(DaemonAttackersLong, AnotherUserIsRefused) { expectNoWayIn("user changed afterwards"); }
+TEST_F(DaemonAttackersLong, AnotherUserIsRefusedAfterTheToken) {
+  expectNoWayIn("user changed after the token");
+}
 TEST_F(DaemonAttackersLong, GainedRightsAreRefused) { expectNoWayIn("rights gained afterwards"); }
 TEST_F(DaemonAttackersLong, ASocketPairIsRefused) { expectNoWayIn("socket pair"); }
 TEST_F(DaemonAttackersLong, APassedEndpointIsRefused) { expectNoWayIn("endpoint passed on"); }

@@ -95,6 +95,7 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
   }
 
   std::size_t lines_ = 0;
+  std::map<std::string, ProcessId> processes_;
 
  private:
   // Another user can reach the daemon's sockets from now on.
@@ -146,7 +147,6 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
   long memory_ = 0;
   long most_ = 0;
   std::size_t descriptors_ = 0;
-  std::map<std::string, ProcessId> processes_;
 };
 
 class DaemonFlood : public FloodFixture {};
@@ -163,10 +163,8 @@ class DaemonChanges : public FloodFixture {
  protected:
   // Some thirty for each change of a service.
   static constexpr std::size_t kMaxLinesOfChanges = 2000;
-  bool isOver_ = false;
-};
-TEST_P(DaemonChanges, AreLimited) {
-  {
+
+  void floodForSomeTime() {
     const auto attackers = startAttackers();
     const auto pause = root_.loop().startTimer(3s, RunLoop::Repeat::kOnce, [this] {
       isOver_ = true;
@@ -174,6 +172,12 @@ TEST_P(DaemonChanges, AreLimited) {
     });
     root_.await("the end of the flood", [this] { return isOver_; });
   }
+
+ private:
+  bool isOver_ = false;
+};
+TEST_P(DaemonChanges, AreLimited) {
+  floodForSomeTime();
   EXPECT_LT(root_.logCount("\n") - lines_, kMaxLinesOfChanges);
   EXPECT_GT(root_.logCount("too many changes of services"), 0u);
   UserInterfaceClient root(root_);
@@ -183,6 +187,19 @@ TEST_P(DaemonChanges, AreLimited) {
   EXPECT_GT(root_.processOf(DaemonRoot::label(0)), 0);
 }
 
+// The end of an installer's work is never refused.
+class DaemonEvaluations : public DaemonChanges {};
+TEST_P(DaemonEvaluations, AreLimitedAndPass) {
+  floodForSomeTime();
+  EXPECT_LT(root_.logCount("\n") - lines_, kMaxLinesOfChanges);
+  EXPECT_EQ(root_.logCount("too many changes of services"), 0u);
+  expectNoneLostNoneDoubled(processes_);
+  UserInterfaceClient root(root_, UserInterfaceClient::kInstallerServer);
+  const std::size_t before = evaluations();
+  EXPECT_EQ(root.ask("evaluateServices"), MessageResult(true));
+  awaitEvaluation(before);
+}
+
 class DaemonFloodLong : public FloodFixture {};
 TEST_P(DaemonFloodLong, CostsLittleAndPasses) { flood(kLongFlood); }
 
@@ -190,12 +207,15 @@ std::string nameOf(const testing::TestParamInfo<Flood>& info) {
   return std::string(info.param.way) + std::to_string(info.param.users);
 }
 
-constexpr Flood kFloods[] = {{"connections", 1},  {"connections", 17}, {"unfinished", 1},
-                             {"unfinished", 17},  {"oneway", 1},       {"oneway", 17},
-                             {"refused", 1},      {"refused", 17},     {"descriptors", 1},
-                             {"descriptors", 17}, {"names", 1},        {"names", 17}};
+constexpr Flood kFloods[] = {
+    {"connections", 1}, {"connections", 17}, {"unfinished", 1}, {"unfinished", 17}, {"oneway", 1},
+    {"oneway", 17},     {"questions", 1},    {"questions", 17}, {"refused", 1},     {"refused", 17},
+    {"descriptors", 1}, {"descriptors", 17}, {"names", 1},      {"names", 17}};
 INSTANTIATE_TEST_SUITE_P(, DaemonChanges,
                          testing::Values(Flood{"changes", 1}, Flood{"changes", 17}), nameOf);
+INSTANTIATE_TEST_SUITE_P(, DaemonEvaluations,
+                         testing::Values(Flood{"evaluations", 1}, Flood{"evaluations", 17}),
+                         nameOf);
 INSTANTIATE_TEST_SUITE_P(, DaemonFlood, testing::ValuesIn(kFloods), nameOf);
 INSTANTIATE_TEST_SUITE_P(, DaemonFloodLong, testing::ValuesIn(kFloods), nameOf);
 

@@ -2,11 +2,14 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
 
 namespace platform {
@@ -48,6 +51,42 @@ TEST_F(DaemonNotificationBus, ItDiesWhileTheConfigurationServerRestarts) {
     // Earlier posts reach nobody.
     root_.await("the test's own return", [&] { return ownReturns > ownBefore; });
   }
+}
+
+// A bus never reads its configuration again, and its clients' connections would stay.
+TEST_F(DaemonNotificationBus, AnotherGroupIsServedByTheNextHostsBus) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can start programs as other users";
+  constexpr char kOther[] = "daemon";  // a user, and its group
+  const auto isOtherServed = [&] {
+    ChildProgram client(
+        {"/usr/bin/setpriv", std::string("--reuid=") + kOther, std::string("--regid=") + kOther,
+         "--clear-groups", "/usr/bin/dbus-send",
+         "--bus=unix:path=" + root_.folder().path("run/vantor/mach/") + DaemonRoot::kBus,
+         "--print-reply", "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.AddMatch",
+         "string:type='signal'"},
+        {});
+    return client.waitForExit() == ExitStatus{};
+  };
+  start(1);
+  std::filesystem::permissions(root_.path(), std::filesystem::perms(0755));
+  EXPECT_FALSE(isOtherServed());
+  const std::string path = root_.folder().path("etc/vantor/platform.plist");
+  std::string changed = contentOfFile(path);
+  const std::string group = std::string("<string>") + DaemonRoot::kGroup + "</string>";
+  ASSERT_NE(changed.find(group), changed.npos);
+  changed.replace(changed.find(group), group.size(),
+                  std::string("<string>") + kOther + "</string>");
+  root_.folder().write("etc/vantor/platform.plist", changed);
+  bool isBack = false;
+  const auto returned = root_.center().observeReturn([&] {
+    isBack = true;
+    root_.changed();
+  });
+  root_.host().killHost();
+  root_.host().startHost();
+  root_.await("the bus of the other group", [&] { return isBack; });
+  EXPECT_TRUE(isOtherServed());
+  root_.awaitLog("because other users may use the bus now", 1);
 }
 
 TEST_F(DaemonNotificationBus, TheConfigurationServerRestartsWhileThereIsNone) {

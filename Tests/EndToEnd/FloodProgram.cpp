@@ -43,6 +43,7 @@ using namespace platform;
 using namespace std::chrono_literals;
 
 constexpr char kUserInterface[] = "com.vantor.servicemanager.userinterface.server";
+constexpr char kOperator[] = "com.vantor.servicemanager.operator.server";
 constexpr char kInstaller[] = "com.vantor.servicemanager.installer.server";
 constexpr std::size_t kMostConnections = 300;
 
@@ -146,9 +147,11 @@ class Attacker {
       if (way == "connections") addConnections();
       if (way == "unfinished") addUnfinished();
       if (way == "oneway") sendOneWay();
+      if (way == "questions") askWithoutWaiting();
       if (way == "refused") askInVain();
       if (way == "descriptors") addDescriptors();
       if (way == "changes") changeServices();
+      if (way == "evaluations") evaluateServices();
       begin();
     }
   }
@@ -205,6 +208,20 @@ class Attacker {
     }
     std::erase_if(connections_, [](const auto& held) { return !held->write(many); });
   }
+  // Long questions that want no answer.
+  void askWithoutWaiting() {
+    static const std::string frames = [] {
+      const Array labels(1000, Value("com.vantor.test.0"));
+      return marshalled("awaitServices:", {Value(labels)}, PeerMessageKind::kOneWay) +
+             marshalled("factsOfService:", {Value(std::string(30'000, 'x'))},
+                        PeerMessageKind::kOneWay);
+    }();
+    if (connections_.size() < 20) {
+      RawConnection* const made = add(pathOfConnection(root_, kOperator));
+      if (made) made->write(token());
+    }
+    std::erase_if(connections_, [](const auto& held) { return !held->write(frames); });
+  }
   void askInVain() {
     static const std::string lookup = marshalled(
         RegistryClient::kLookUp, {Value(Data(16)), Value("name"), {}}, PeerMessageKind::kTwoWay);
@@ -233,6 +250,16 @@ class Attacker {
     }
     turn_ = (turn_ + 1) % 2;
     if (!connections_.back()->write(turn_ == 0 ? start : stop)) connections_.clear();
+    std::erase_if(connections_, [](const auto& held) { return !held->drain(); });
+  }
+  // Ends an installer's work that nobody has begun.
+  void evaluateServices() {
+    static const std::string frame = marshalled("evaluateServices", {}, PeerMessageKind::kTwoWay);
+    if (connections_.empty()) {
+      RawConnection* const made = add(pathOfConnection(root_, kInstaller));
+      if (!made || !made->write(token())) return;
+    }
+    if (!connections_.back()->write(frame)) connections_.clear();
     std::erase_if(connections_, [](const auto& held) { return !held->drain(); });
   }
   void addDescriptors() {

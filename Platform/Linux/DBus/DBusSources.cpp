@@ -98,12 +98,13 @@ void DBusSources::scheduleDispatch() {
   dispatchPosted_ = true;
   auto dispatch = [weak = std::weak_ptr(shared_)] {
     const auto shared = weak.lock();
-    if (!shared || shared->owner == nullptr) return;
+    if (!shared || shared->owner == nullptr) return false;
     shared->owner->dispatchPosted_ = false;
     shared->callbacks.dispatch();
+    return true;
   };
   if (shared_->callbacks.post) return shared_->callbacks.post(std::move(dispatch));
-  loop_.post(std::move(dispatch));
+  loop_.post([dispatch = std::move(dispatch)] { std::ignore = dispatch(); });
 }
 
 DBusSources::Handled DBusSources::handleWithin(Duration limit) {

@@ -40,8 +40,9 @@ class DBusSources {
     // only if there were bytes to read. Servers learn from it that accepting may have failed. May
     // destroy the sources. Optional.
     std::function<void(unsigned flags)> handled;
-    // Posts each dispatch instead of the loop, for instance in an order of its own. Optional.
-    std::function<void(RunLoop::Callback)> post = {};
+    // Posts each dispatch instead of the loop, for instance in an order of its own. A dispatch
+    // returns whether these sources were still there. Optional.
+    std::function<void(std::move_only_function<bool()>)> post = {};
   };
 
   // Fails with kExhausted if there is no room to watch the descriptor.

@@ -48,9 +48,12 @@ struct Lookup {
   ModuleList modules;  // empty if no module has the name
 };
 
+bool isPartOfKernel(kmod_module* module) {
+  return kmod_module_get_initstate(module) == KMOD_MODULE_BUILTIN;
+}
+
 bool isInKernel(kmod_module* module) {
-  const int state = kmod_module_get_initstate(module);
-  return state == KMOD_MODULE_LIVE || state == KMOD_MODULE_BUILTIN;
+  return kmod_module_get_initstate(module) == KMOD_MODULE_LIVE || isPartOfKernel(module);
 }
 
 Result<Lookup> lookUp(const std::optional<std::string>& folder, const std::string& module) {
@@ -94,18 +97,28 @@ Result<void> forEach(const std::optional<std::string>& folder, const std::string
   return {};
 }
 
+// False also if no module has the name.
+bool areAll(const std::optional<std::string>& folder, const std::string& module,
+            bool (*condition)(kmod_module*)) {
+  bool holds = true;
+  const auto looked = forEach(folder, module, [&](kmod_module* found) -> Result<void> {
+    holds = holds && condition(found);
+    return {};
+  });
+  return looked && holds;
+}
+
 }  // namespace
 
 bool KmodModules::isLoaded(const std::string& module) {
-  bool isLoaded = true;
-  const auto looked = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
-    isLoaded = isLoaded && isInKernel(found);
-    return {};
-  });
-  return looked && isLoaded;
+  return areAll(folder_, module, isInKernel);
 }
 
-Result<void> KmodModules::load(const std::string& module) {
+bool KmodModules::isBuiltIn(const std::string& module) {
+  return areAll(folder_, module, isPartOfKernel);
+}
+
+Result<std::vector<std::string>> KmodModules::load(const std::string& module) {
   std::vector<Module> inserted;
   auto loaded = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
     const bool wasThere = isInKernel(found);
@@ -120,25 +133,34 @@ Result<void> KmodModules::load(const std::string& module) {
       return moduleFailure(module, "modprobe.d says that it is not to be loaded", EPERM);
     return moduleFailure(module, "the kernel does not load it", -result);
   });
-  if (loaded) return loaded;
+  if (loaded) {
+    std::vector<std::string> names;
+    for (const Module& each : inserted) names.emplace_back(kmod_module_get_name(each.get()));
+    return names;
+  }
   // An alias may stand for several modules.
   for (const Module& each : std::views::reverse(inserted))
     kmod_module_remove_module(each.get(), O_NONBLOCK);
-  return loaded;
+  return std::unexpected(std::move(loaded.error()));
 }
 
 Result<void> KmodModules::unload(const std::string& module) {
-  if (!isLoaded(module)) return moduleFailure(module, "it is not loaded", ENOENT);
-  return forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
-    if (kmod_module_get_initstate(found) == KMOD_MODULE_BUILTIN) {
-      return moduleFailure(module, "it is built into the kernel", EBUSY);
-    }
+  bool isOneLoaded = false;
+  bool isOneRemoved = false;
+  auto unloaded = forEach(folder_, module, [&](kmod_module* found) -> Result<void> {
+    if (!isInKernel(found)) return {};
+    isOneLoaded = true;
+    if (isPartOfKernel(found)) return {};
+    isOneRemoved = true;
     const int result = kmod_module_remove_module(found, O_NONBLOCK);
     if (result == 0) return {};
     const bool isInUse = result == -EBUSY || result == -EWOULDBLOCK;
     if (isInUse) return moduleFailure(module, "it is in use", EBUSY);
     return moduleFailure(module, "the kernel does not unload it", -result);
   });
+  if (!unloaded || isOneRemoved) return unloaded;
+  if (isOneLoaded) return moduleFailure(module, "it is built into the kernel", EBUSY);
+  return moduleFailure(module, "it is not loaded", ENOENT);
 }
 
 }  // namespace platform

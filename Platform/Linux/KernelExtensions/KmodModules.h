@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Platform/Linux/KernelExtensions/KernelModules.h"
 
@@ -17,7 +18,8 @@ class KmodModules final : public KernelModules {
       : folder_(std::move(folder)) {}
 
   bool isLoaded(const std::string& module) override;
-  Result<void> load(const std::string& module) override;
+  bool isBuiltIn(const std::string& module) override;
+  Result<std::vector<std::string>> load(const std::string& module) override;
   Result<void> unload(const std::string& module) override;
 
  private:

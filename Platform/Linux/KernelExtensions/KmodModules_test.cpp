@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,6 +72,10 @@ TEST(KmodModulesTest, AModuleThatTheKernelRejectsIsRefusedWithTheReason) {
             std::string::npos)
       << describe(refused.error());
   EXPECT_FALSE(modules.isLoaded("vantor_test_no_module"));
+  const auto unloaded = modules.unload("vantor_test_no_module");
+  ASSERT_FALSE(unloaded);
+  EXPECT_EQ(unloaded.error().code, ErrorCode::kNotFound);
+  EXPECT_THAT(unloaded.error().context, HasSubstr("it is not loaded"));
 }
 
 TEST(KmodModulesTest, AModuleWhoseFileIsMissingIsNotFound) {
@@ -87,7 +92,8 @@ TEST(KmodModulesTest, ABuiltInModuleIsLoadedAndStays) {
   folder.addBuiltIn("vantor_test_built_in");
   KmodModules modules = folder.modules();
   EXPECT_TRUE(modules.isLoaded("vantor_test_built_in"));
-  EXPECT_TRUE(modules.load("vantor_test_built_in"));
+  EXPECT_TRUE(modules.isBuiltIn("vantor_test_built_in"));
+  EXPECT_EQ(modules.load("vantor_test_built_in"), std::vector<std::string>());
   const auto refused = modules.unload("vantor_test_built_in");
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().code, ErrorCode::kDenied);
@@ -101,13 +107,15 @@ TEST(KmodModulesTest, ALoadedModuleIsFoundWithoutItsFolder) {
   const ModulesFolder empty;
   KmodModules modules = empty.modules();
   EXPECT_TRUE(modules.isLoaded(running));
-  EXPECT_TRUE(modules.load(running));
+  EXPECT_FALSE(modules.isBuiltIn(running));
+  EXPECT_EQ(modules.load(running), std::vector<std::string>());
 }
 
 TEST(KmodModulesTest, AnUnknownModuleIsNotFound) {
   KmodModules modules;
   const std::string name = "no_such_module_as_this";
   EXPECT_FALSE(modules.isLoaded(name));
+  EXPECT_FALSE(modules.isBuiltIn(name));
   const auto loaded = modules.load(name);
   ASSERT_FALSE(loaded);
   EXPECT_EQ(loaded.error().code, ErrorCode::kNotFound) << describe(loaded.error());

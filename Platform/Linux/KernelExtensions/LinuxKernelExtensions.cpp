@@ -1,6 +1,7 @@
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 
 #include <cerrno>
+#include <ranges>
 #include <utility>
 
 #include <fmt/format.h>
@@ -110,24 +111,30 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   const auto program = checkSignature(*bundle);
   if (!program) return std::unexpected(program.error());
   if (auto counted = countStart(identifier); !counted) return counted;
-  const bool insertsModule =
-      bundle->kernelModule && !environment_.modules.isLoaded(*bundle->kernelModule);
-  auto outcome = start(*bundle, *program);
-  if (!outcome) {
-    starts_[identifier].pop_back();  // Nothing has run.
-  } else {
-    outcome = awaitControl(identifier);
-    if (outcome) return outcome;
-    if (auto ended = removeJob(identifier); !ended) {
-      outcome.error().context += fmt::format(" (and {})", describe(ended.error()));
-    }
+  std::vector<std::string> inserted;
+  auto outcome = start(*bundle, *program, inserted);
+  const bool hasRun = outcome || mayHaveBeenSubmitted(identifier);
+  if (outcome) outcome = awaitControl(identifier);
+  if (outcome) return outcome;
+  const auto add = [&](const Error& another) {
+    outcome.error().context += fmt::format(" (and {})", describe(another));
+  };
+  if (!hasRun) {
+    starts_[identifier].pop_back();
+  } else if (auto ended = removeJob(identifier); !ended) {
+    add(ended.error());
+    return outcome;  // The program may run, and uses the module.
   }
-  if (insertsModule && environment_.modules.isLoaded(*bundle->kernelModule)) {
-    if (auto ended = environment_.modules.unload(*bundle->kernelModule); !ended) {
-      outcome.error().context += fmt::format(" (and {})", describe(ended.error()));
-    }
+  for (const std::string& module : std::views::reverse(inserted)) {
+    if (auto ended = environment_.modules.unload(module); !ended) add(ended.error());
   }
   return outcome;
+}
+
+// After a failed submission. The host may have made it and ended before its answer.
+bool LinuxKernelExtensions::mayHaveBeenSubmitted(const std::string& identifier) {
+  const Value job = copyJob(identifier);
+  return !job.isNil() && job[kJobProgramChangedKey] != Value(true);
 }
 
 Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
@@ -146,9 +153,13 @@ Result<void> LinuxKernelExtensions::unload(const std::string& identifier) {
       }
     }
     if (auto removed = removeJob(identifier); !removed) return removed;
-    if (!module || !environment_.modules.isLoaded(*module)) return {};
   }
-  if (module) return environment_.modules.unload(*module);
+  if (module && !environment_.modules.isBuiltIn(*module)) {
+    const auto unloaded = environment_.modules.unload(*module);
+    // Somebody else may have removed the module before.
+    if (unloaded || job.isNil() || unloaded.error().code != ErrorCode::kNotFound) return unloaded;
+  }
+  if (!job.isNil()) return {};
   return std::unexpected(Error{ErrorCode::kNotFound, 0, identifier + ": is not loaded"});
 }
 
@@ -188,7 +199,8 @@ Result<std::optional<VerifiedFile>> LinuxKernelExtensions::checkSignature(
 }
 
 Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
-                                          const std::optional<VerifiedFile>& program) {
+                                          const std::optional<VerifiedFile>& program,
+                                          std::vector<std::string>& inserted) {
   Dictionary job{{"Label", jobLabel(bundle.identifier)},
                  {"Program", bundle.programPath},
                  {"ProgramArguments", Array{bundle.programPath}},
@@ -197,7 +209,9 @@ Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
                  {"ExitTimeOut", kExitTimeOut}};
   if (program) job.set(kJobVerifiedProgramKey, textOfVerifiedFile(*program));
   if (bundle.kernelModule) {
-    if (auto loaded = environment_.modules.load(*bundle.kernelModule); !loaded) return loaded;
+    auto loaded = environment_.modules.load(*bundle.kernelModule);
+    if (!loaded) return std::unexpected(std::move(loaded.error()));
+    inserted = *std::move(loaded);
     job.set(kKernelModuleKey, *bundle.kernelModule);
   }
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);

@@ -66,7 +66,10 @@ class LinuxKernelExtensions final : public KernelExtensions {
   std::optional<std::string> moduleOf(const std::string& identifier, const Value& job);
   Result<bool> isLoaded(const KextBundle& bundle);
   Result<std::optional<VerifiedFile>> checkSignature(const KextBundle& bundle);
-  Result<void> start(const KextBundle& bundle, const std::optional<VerifiedFile>& program);
+  // Adds the modules that it has inserted, also if it fails.
+  Result<void> start(const KextBundle& bundle, const std::optional<VerifiedFile>& program,
+                     std::vector<std::string>& inserted);
+  bool mayHaveBeenSubmitted(const std::string& identifier);
   Result<void> removeJob(const std::string& identifier);
   Result<void> countStart(const std::string& identifier);
   Result<void> awaitControl(const std::string& identifier);

@@ -33,18 +33,21 @@ using testing::HasSubstr;
 class FakeKernelModules final : public KernelModules {
  public:
   bool isLoaded(const std::string& module) override { return loaded.contains(module); }
-  Result<void> load(const std::string& module) override {
+  bool isBuiltIn(const std::string& module) override { return module == builtIn; }
+  Result<std::vector<std::string>> load(const std::string& module) override {
     if (refusal) return std::unexpected(*refusal);
-    loaded.insert(module);
-    return {};
+    if (loaded.insert(module).second) return std::vector{module};
+    return std::vector<std::string>();
   }
   Result<void> unload(const std::string& module) override {
+    if (module == builtIn) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, "built in"});
     if (isInUse) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, module});
     if (loaded.erase(module) == 1) return {};
     return std::unexpected(Error{ErrorCode::kNotFound, ENOENT, module});
   }
 
   std::set<std::string> loaded;
+  std::string builtIn;  // one of those that are loaded
   std::optional<Error> refusal;
   bool isInUse = false;
 };
@@ -455,6 +458,54 @@ TEST_F(LinuxKernelExtensionsTest, AFailedStartLeavesAnothersModuleAlone) {
   machine_.listens = false;
   EXPECT_FALSE(machine_.load(kModule));
   EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+}
+
+TEST_F(LinuxKernelExtensionsTest, ABuiltInModuleOutlivesItsExtension) {
+  machine_.installModule();
+  machine_.modules.loaded = {"example_module"};
+  machine_.modules.builtIn = "example_module";
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(machine_.load(kModule));
+    EXPECT_TRUE(machine_.unload(kModule));
+    EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+    EXPECT_EQ(machine_.unload(kModule).error().code, ErrorCode::kNotFound);
+  }
+}
+
+TEST_F(LinuxKernelExtensionsTest, ALostAnswerToAStartLeavesNothingBehind) {
+  machine_.installModule();
+  for (std::size_t i = 0; i < LinuxKernelExtensions::kMostStarts; ++i) {
+    machine_.jobs.loseNextAnswer();
+    EXPECT_FALSE(machine_.load(kModule));
+    EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+    EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
+  }
+  EXPECT_EQ(machine_.load(kModule).error().code, ErrorCode::kExhausted);  // They have run.
+}
+
+TEST_F(LinuxKernelExtensionsTest, ARejectedStartIsNotCounted) {
+  machine_.installModule();
+  machine_.jobs.setFull(true);
+  for (std::size_t i = 0; i < 2 * LinuxKernelExtensions::kMostStarts; ++i) {
+    EXPECT_FALSE(machine_.load(kModule));
+    EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
+  }
+  machine_.jobs.setFull(false);
+  EXPECT_TRUE(machine_.load(kModule));
+}
+
+// Its program may run.
+TEST_F(LinuxKernelExtensionsTest, AModuleStaysWhileItsJobCannotBeRemoved) {
+  machine_.installModule();
+  machine_.listens = false;
+  const std::string label = LinuxKernelExtensions::jobLabel(kModule);
+  machine_.jobs.refuseRemoval(label, "not now");
+  EXPECT_FALSE(machine_.load(kModule));
+  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
+  machine_.listens = true;
+  EXPECT_TRUE(machine_.load(kModule));
+  machine_.jobs.setUnstartable(machine_.program(kModule), "the end of the test");
+  machine_.jobs.endProcess(label);
 }
 
 TEST_F(LinuxKernelExtensionsTest, ResourcesAndTheCallersFoldersAreSearchedToo) {

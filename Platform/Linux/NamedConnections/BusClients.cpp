@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -67,13 +68,14 @@ std::string pathOfBusClients(std::string_view root) {
   return pathBelowRoot(root, "run/vantor/notification-bus-clients");
 }
 
-Result<void> writeBusClients(const PlatformConfiguration& configuration) {
+Result<bool> writeBusClients(const PlatformConfiguration& configuration) {
   const std::string text = busClientsText(configuration, ::geteuid());
   const std::string path = pathOfBusClients(configuration.root);
-  if (contentOf(path) == text) return {};  // A full disk changes nothing then.
+  if (contentOf(path) == text) return false;  // A full disk changes nothing then.
   auto written = replace(path, text);
-  if (!written) ::unlink(path.c_str());  // It could admit too many.
-  return written;
+  if (written) return true;
+  ::unlink(path.c_str());  // It could admit too many.
+  return std::unexpected(std::move(written.error()));
 }
 
 }  // namespace platform

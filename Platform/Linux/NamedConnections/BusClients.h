@@ -18,7 +18,8 @@ std::string busClientsText(const PlatformConfiguration& configuration, std::uint
 // Where that part is, below a platform root.
 std::string pathOfBusClients(std::string_view root);
 
-// Writes it, for the job host, which starts the bus afterwards. The folder must exist.
-[[nodiscard]] Result<void> writeBusClients(const PlatformConfiguration& configuration);
+// Writes it, for the job host, which starts the bus afterwards. Returns whether it has changed: a
+// bus that runs already has read the part before. The folder must exist.
+[[nodiscard]] Result<bool> writeBusClients(const PlatformConfiguration& configuration);
 
 }  // namespace platform

@@ -39,7 +39,9 @@ TEST(BusClientsTest, ItIsWrittenForEveryReader) {
   std::filesystem::create_directories(folder.path("run/vantor"));
   const PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
   for (int turn = 0; turn < 2; ++turn) {
-    ASSERT_TRUE(writeBusClients(configuration));
+    const auto isChanged = writeBusClients(configuration);
+    ASSERT_TRUE(isChanged);
+    EXPECT_EQ(*isChanged, turn == 0);
     EXPECT_EQ(contentOfFile(pathOfBusClients(folder.path())),
               busClientsText(configuration, ::geteuid()));
   }

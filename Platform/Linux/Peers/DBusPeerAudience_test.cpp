@@ -3,16 +3,23 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Peers/OtherUsers_fixture.h"
 #include "Platform/Linux/Peers/PeerThreads_contract.h"
+#include "Platform/Linux/Peers/RawPeer_contract.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
 
 namespace platform {
 namespace {
@@ -38,6 +45,14 @@ class DBusPeerAudienceTest : public testing::Test, protected PeerTransportBed {
   }
   // As an administrator may: the first gate is open.
   void openToAll() { EXPECT_EQ(::chmod(path().c_str(), 0666), 0); }
+
+  std::vector<PeerState> statesOfClients() {
+    std::vector<PeerState> states;
+    harness_->there([&](PeerTransport&) {
+      for (const auto& connection : server_.connections) states.push_back(connection->peerState());
+    });
+    return states;
+  }
 
   std::optional<PeerConnectFailure> failureAsUser(const std::vector<gid_t>& groups = {}) {
     const AsOrdinaryUser user(groups);
@@ -86,17 +101,9 @@ TEST_F(DBusPeerAudienceTest, OnlyMembersOfTheGroupAreAdmittedBesides) {
 
 // The thread is an ordinary user's while it connects, and the process root's.
 TEST_F(DBusPeerAudienceTest, AProcessWithAnotherUserThanWhenItConnectedIsNoticed) {
-  const auto areUnchanged = [this] {
-    std::vector<bool> unchanged;
-    harness_->there([&](PeerTransport&) {
-      for (const auto& connection : server_.connections)
-        unchanged.push_back(connection->peerIsUnchanged());
-    });
-    return unchanged;
-  };
   start({.audience = PeerAudience::all()});
   EXPECT_TRUE(call("echo:", {Value(1)}));
-  EXPECT_EQ(areUnchanged(), std::vector<bool>{true});
+  EXPECT_EQ(statesOfClients(), std::vector{PeerState::kUnchanged});
   if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const auto connectAsUser = [this] {
     const AsOrdinaryUser user;
@@ -105,7 +112,42 @@ TEST_F(DBusPeerAudienceTest, AProcessWithAnotherUserThanWhenItConnectedIsNoticed
   const auto other = connectAsUser();
   ASSERT_TRUE(other);
   EXPECT_TRUE(other->call("echo:", {Value(1)}, 60s));
-  EXPECT_EQ(areUnchanged(), (std::vector<bool>{true, false}));
+  EXPECT_EQ(statesOfClients(), (std::vector{PeerState::kUnchanged, PeerState::kOtherUser}));
+}
+
+TEST_F(DBusPeerAudienceTest, AConnectionThatWasPassedOnIsNoticed) {
+  start({.audience = PeerAudience::all()});
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path().copy(address.sun_path, sizeof address.sun_path - 1);
+  const pid_t maker = ::fork();
+  if (maker == 0) {
+    ::_exit(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                    0
+                ? 0
+                : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(maker, &status, 0), maker);
+  ASSERT_EQ(status, 0);
+  RawPeer holder(std::move(socket));
+  holder.authenticate();
+  EXPECT_EQ(statesOfClients(), (std::vector{PeerState::kUnchanged, PeerState::kPassedOn}));
+}
+
+// The connections exist, and work without further descriptors.
+TEST_F(DBusPeerAudienceTest, WithoutDescriptorsTheUserOfAProcessIsUnknown) {
+  start({.audience = PeerAudience::all()});
+  EXPECT_TRUE(call("echo:", {Value(1)}));
+  {
+    const DescriptorShortage shortage(DescriptorShortage::Left::kNone);
+    EXPECT_EQ(statesOfClients(), std::vector{PeerState::kUnknown});
+  }
+  {
+    const DescriptorShortage shortage(DescriptorShortage::Left::kOne);
+    EXPECT_EQ(statesOfClients(), std::vector{PeerState::kUnchanged});
+  }
 }
 
 // An ordinary user's listener in the place of the server.

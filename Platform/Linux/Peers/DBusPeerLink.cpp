@@ -6,22 +6,8 @@
 #include <tuple>
 #include <utility>
 
-extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
-#include <sys/pidfd.h>
-}
-#include <csignal>
-
-#include <poll.h>
-#include <sys/socket.h>
-
 #include "Platform/Linux/Sockets/SocketPeer.h"
-#include "Platform/Linux/SystemCalls/SystemCall.h"
-#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Peers/PeerLimits.h"
-
-#ifndef SO_PEERPIDFD  // Newer than this C library.
-#define SO_PEERPIDFD 77
-#endif
 
 namespace platform {
 
@@ -80,7 +66,7 @@ Result<std::shared_ptr<DBusPeerLink>> DBusPeerLink::create(AsioRunLoop& loop,
                                    .peerEnded = [self] { self->die(); },
                                    .handled = [self](unsigned flags) { self->handled(flags); }};
   if (turns) {
-    callbacks.post = [turns = std::move(turns), user = peer->user](RunLoop::Callback dispatch) {
+    callbacks.post = [turns = std::move(turns), user = peer->user](PeerTurns::Turn dispatch) {
       turns->request(user, std::move(dispatch));
     };
   }
@@ -134,30 +120,6 @@ void DBusPeerLink::awaitPeer(Lease lease, std::function<void()> authenticated,
         return true;  // Accept all users; the layers above tell them apart.
       },
       this, nullptr);
-}
-
-// The order matters: if the process lives afterwards, the user was that of no other process with
-// its number.
-bool DBusPeerLink::peerIsUnchanged() const {
-  if (peer_.process == 0) return isConnected();
-  return effectiveUserOf(peer_.process) == peer_.user && peerLives();
-}
-
-bool DBusPeerLink::isIn(const PeerAudience& audience) const {
-  return audience.admitsUser(peer_.user, ::geteuid()) ||
-         (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
-}
-
-bool DBusPeerLink::peerLives() const {
-  if (!isConnected()) return false;
-  int descriptor = -1;
-  socklen_t length = sizeof(descriptor);
-  if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
-    const UniqueFd process(descriptor);
-    pollfd entry{process.get(), POLLIN, 0};
-    return ::poll(&entry, 1, 0) == 0;
-  }
-  return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
 }
 
 void DBusPeerLink::setHandlers(PeerHandlers handlers) {

@@ -63,8 +63,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
 
   // The operations of PeerConnection.
   PeerCredentials peer() const { return peer_; }
-  bool peerLives() const;
-  bool peerIsUnchanged() const;
+  PeerState peerState() const;
   // Whether the peer belongs to an audience of ours.
   bool isIn(const PeerAudience& audience) const;
   void admit();
@@ -92,6 +91,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   };
   class Reply;
 
+  std::optional<bool> processLives() const;
   void allowMessages(std::size_t bytes, std::size_t descriptors);
   void handled(unsigned flags);
   void messageIsLate();

@@ -165,7 +165,7 @@ TEST_F(DBusPeerProcessTest, AKilledServersCallsFailAndItsNameIsReplaced) {
   auto connection = connect();
   ASSERT_TRUE(connection);
   EXPECT_EQ(connection->peer().process, server_);
-  EXPECT_TRUE(connection->peerLives());
+  EXPECT_EQ(connection->peerState(), PeerState::kUnchanged);
   std::vector<std::string> log;
   connection->setHandlers({.message = {}, .death = [&](const Error&) {
                              log.push_back("death");
@@ -178,7 +178,7 @@ TEST_F(DBusPeerProcessTest, AKilledServersCallsFailAndItsNameIsReplaced) {
   }
   EXPECT_TRUE(connection->call("echo:", {Value(1)}, 60s));
   kill();
-  EXPECT_FALSE(connection->peerLives());
+  EXPECT_EQ(connection->peerState(), PeerState::kEnded);
   loop_->run();
   const std::string gone = kNSInvalidSendPortException;
   EXPECT_EQ(log, (std::vector<std::string>{gone, gone, "death"}));

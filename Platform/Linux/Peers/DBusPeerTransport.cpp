@@ -33,8 +33,7 @@ class DBusPeerConnection final : public PeerConnection {
   ~DBusPeerConnection() override { link_->close(); }
 
   PeerCredentials peer() const override { return link_->peer(); }
-  bool peerLives() const override { return link_->peerLives(); }
-  bool peerIsUnchanged() const override { return link_->peerIsUnchanged(); }
+  PeerState peerState() const override { return link_->peerState(); }
   void admit() override { link_->admit(); }
   void setHandlers(PeerHandlers handlers) override { link_->setHandlers(std::move(handlers)); }
   MessageResult call(std::string_view selector, const Array& arguments, Duration timeout) override {

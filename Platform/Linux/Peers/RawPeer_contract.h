@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,6 +32,9 @@ class RawPeer {
       ADD_FAILURE() << describe(socket.error());
     }
   }
+
+  // Over a socket that is connected already.
+  explicit RawPeer(UniqueFd socket) : socket_(std::move(socket)) {}
 
   int socket() const { return socket_.get(); }
 

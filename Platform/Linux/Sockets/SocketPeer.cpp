@@ -54,22 +54,28 @@ bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group
   return std::ranges::find(groups, group) != groups.end();
 }
 
-std::optional<std::uint32_t> effectiveUserOf(ProcessId process) {
+Result<std::uint32_t> effectiveUserOf(ProcessId process) {
   const std::string path = "/proc/" + std::to_string(process) + "/status";
+  const auto failure = [&] {
+    const bool isGone = errno == ENOENT || errno == ESRCH;
+    return std::unexpected(systemError(path, isGone ? ErrorCode::kNotFound : errorCodeOf(errno)));
+  };
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return std::nullopt;
+  if (!file) return failure();
   std::array<char, kStatusBytes> bytes{};
   const ssize_t size =
       retryOnInterrupt([&] { return ::read(file.get(), bytes.data(), bytes.size()); });
-  if (size <= 0) return std::nullopt;
+  if (size < 0) return failure();
   // "Uid:", then the real user, the effective one and two others.
   const std::string_view text(bytes.data(), static_cast<std::size_t>(size));
   const std::size_t line = text.find("\nUid:\t");
   const std::size_t tab = line == text.npos ? line : text.find('\t', line + sizeof("\nUid:\t") - 1);
-  if (tab == text.npos) return std::nullopt;
+  const Error unreadable{ErrorCode::kSystem, 0, path + " can't be read"};
+  if (tab == text.npos) return std::unexpected(unreadable);
   std::uint32_t user = 0;
   const auto read = std::from_chars(text.data() + tab + 1, text.data() + text.size(), user);
-  return read.ec == std::errc() ? std::optional(user) : std::nullopt;
+  if (read.ec != std::errc()) return std::unexpected(unreadable);
+  return user;
 }
 
 }  // namespace platform

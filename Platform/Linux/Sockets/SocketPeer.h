@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "Platform/Peers/PeerTransport.h"
@@ -17,7 +16,8 @@ Result<PeerCredentials> peerOfSocket(int socket, std::string what);
 // Whether that process was in the group when it connected.
 bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group);
 
-// The effective user that the process has now; nothing if there is none with that number.
-std::optional<std::uint32_t> effectiveUserOf(ProcessId process);
+// The effective user that the process has now. Fails with kNotFound if there is no process with
+// that number, and otherwise if /proc can't be read, for instance without descriptors.
+Result<std::uint32_t> effectiveUserOf(ProcessId process);
 
 }  // namespace platform

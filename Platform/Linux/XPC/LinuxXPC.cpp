@@ -1,5 +1,6 @@
 #include "Platform/Linux/XPC/LinuxXPC.h"
 
+#include <system_error>
 #include <tuple>
 #include <utility>
 
@@ -57,12 +58,19 @@ LinuxXPC::~LinuxXPC() {
 }
 
 std::future<void> LinuxXPC::endAside(std::unique_ptr<LinuxXPC> xpc) {
-  std::promise<void> ended;
-  auto end = ended.get_future();
-  std::thread([xpc = std::move(xpc), ended = std::move(ended)]() mutable {
-    xpc.reset();
-    ended.set_value_at_thread_exit();
-  }).detach();
+  std::future<void> end = xpc->ended_.get_future();
+  LinuxXPC* const ending = xpc.release();  // It is left behind if there is no thread.
+  try {
+    std::thread([ending] {
+      std::unique_ptr<LinuxXPC> owned(ending);
+      std::promise<void> ended = std::move(owned->ended_);
+      owned.reset();
+      ended.set_value_at_thread_exit();
+    }).detach();
+  } catch (const std::system_error&) {
+    // To end it here could take for ever. Its own threads go on, so the program must not destroy
+    // what they use.
+  }
   return end;
 }
 

@@ -41,8 +41,9 @@ class LinuxXPC {
   ~LinuxXPC();
 
   // Ends it on a thread of its own. The future is ready when that is done, and waits for nobody: a
-  // check of a signature or a read of a disk that hangs can't be cancelled. A program that can't
-  // wait that long has to end by endProgramNow() (Logging/LogAtEnd.h).
+  // check of a signature or a read of a disk that hangs can't be cancelled. If there is no room for
+  // a thread, it is never ready. A program that can't wait that long has to end by endProgramNow()
+  // (Logging/LogAtEnd.h).
   static std::future<void> endAside(std::unique_ptr<LinuxXPC> xpc);
 
   XPC& xpc() { return *xpc_; }
@@ -69,6 +70,7 @@ class LinuxXPC {
   DBusPeerTransport transport_;
   std::optional<XPC> xpc_;
   std::thread thread_;
+  std::promise<void> ended_;    // for endAside()
   std::thread::id loopThread_;  // other threads may read it while the thread is joined
 };
 

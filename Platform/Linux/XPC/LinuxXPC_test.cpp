@@ -1,6 +1,7 @@
 #include "Platform/Linux/XPC/LinuxXPC.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -10,9 +11,11 @@
 #include <tuple>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/InterceptedSystemCall.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Platform/XPC/XPCTurns_contract.h"
 #include "Platform/XPC/XPC_contract.h"
@@ -188,6 +191,20 @@ TEST(LinuxXPCTest, AnEndAsideWaitsForNoRequest) {
   EXPECT_EQ(end.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   delegate->mayEnd.set_value();
   EXPECT_EQ(end.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+}
+
+// It is left behind, so it outlives the test.
+TEST(LinuxXPCTest, AnEndWithoutAThreadNeitherBlocksNorFails) {
+  TemporaryFolder folder;
+  static FakeLogSink sink;
+  static SystemLog log(sink, "test");
+  auto xpc = std::move(*LinuxXPC::make(
+      log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt));
+  std::future<void> end;
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] { end = LinuxXPC::endAside(std::move(xpc)); });
+  EXPECT_EQ(end.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 }
 
 TEST(LinuxXPCTest, ALongRequestLearnsThatItsXPCHasEnded) {

@@ -256,6 +256,7 @@ std::expected<void, NSError> FakeJobs::SMJobSubmit(std::string_view domain, cons
                                                    const AuthorizationRef*) {
   auto submitted = submit(domain, job);
   if (const auto call = std::exchange(onSubmitted_, {})) call();
+  if (std::exchange(losesAnswer_, false)) return failure(LaunchdError::kUnavailable, "no answer");
   return submitted;
 }
 

@@ -55,6 +55,9 @@ class FakeJobs final : public Jobs {
   void setOnSubmitted(std::function<void()> call) { onSubmitted_ = std::move(call); }
   void setOnCopied(std::function<void()> call) { onCopied_ = std::move(call); }
 
+  // The answer to the next submission, which is made, is lost.
+  void loseNextAnswer() { losesAnswer_ = true; }
+
   // Whether the host answers. Without it its jobs continue, but are not restarted. The starts at
   // the beginning of the next host are not reported to observers, and the next host begins to count
   // at 0.
@@ -168,6 +171,7 @@ class FakeJobs final : public Jobs {
   bool reachable_ = true;
   bool isHung_ = false;
   bool isFull_ = false;
+  bool losesAnswer_ = false;
   bool isObserved_ = true;  // the observers have reached the present host
   bool isKnownAbsent_ = false;
   bool callerAllowed_ = true;

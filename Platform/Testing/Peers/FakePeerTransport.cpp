@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include "Platform/Peers/PeerLimits.h"
@@ -85,15 +86,19 @@ class FakePeerTransport::End final : public std::enable_shared_from_this<End> {
   void post(Urgency urgency) {
     auto turn = [weak = weak_from_this(), urgency] {
       const auto self = weak.lock();
-      if (!self || !self->process_.mayServe(self.get())) return;
-      if (urgency == Urgency::kConnectionDeath) return self->die();
-      self->deliverOne();
+      if (!self || !self->process_.mayServe(self.get())) return false;
+      if (urgency == Urgency::kConnectionDeath) {
+        self->die();
+        return true;
+      }
+      const bool isServed = self->deliverOne();
       if (self->isDying_ && self->inbox_.empty()) self->post(Urgency::kConnectionDeath);
+      return isServed;
     };
     if (account_ && urgency == Urgency::kOrdinary) {
       return process_.turns_->request(peer_.user, std::move(turn));
     }
-    loop().post(std::move(turn), urgency);
+    loop().post([turn = std::move(turn)] { std::ignore = turn(); }, urgency);
   }
 
   bool deliverOne() {
@@ -420,9 +425,11 @@ class FakePeerTransport::Connection final : public PeerConnection {
   ~Connection() override { end_->close(); }
 
   PeerCredentials peer() const override { return end_->peer_; }
-  bool peerLives() const override { return end_->isConnected() && !end_->other_->process_.dead_; }
-  bool peerIsUnchanged() const override {
-    return peerLives() && end_->other_->process_.self_.user == end_->peer_.user;
+  PeerState peerState() const override {
+    if (!end_->isConnected() || end_->other_->process_.dead_) return PeerState::kEnded;
+    if (end_->process_.hasShortage_) return PeerState::kUnknown;
+    const bool isUnchanged = end_->other_->process_.self_.user == end_->peer_.user;
+    return isUnchanged ? PeerState::kUnchanged : PeerState::kOtherUser;
   }
   void admit() override {
     end_->admitted_ = true;

@@ -74,6 +74,9 @@ class FakePeerTransport final : public PeerTransport {
   // The process gives up its user for another one. Its connections keep its credentials.
   void becomeUser(std::uint32_t user) { self_.user = user; }
 
+  // The process has no descriptors left, until it has some again. Its connections work without.
+  void setShortage(bool isShort) { hasShortage_ = isShort; }
+
   // The process ends: its connections end without callbacks for it. The names on which it listened
   // stay as leftovers.
   void die();
@@ -93,6 +96,7 @@ class FakePeerTransport final : public PeerTransport {
   const std::shared_ptr<PeerTurns> turns_;
   bool hung_ = false;
   bool dead_ = false;
+  bool hasShortage_ = false;
   std::vector<const End*> waitingIn_;  // running calls, the innermost last
   std::vector<std::weak_ptr<End>> ends_;
 };

@@ -186,7 +186,7 @@ TEST_F(FakePeerTransportTest, ADeadProcessEndsItsConnectionsAndLeavesItsName) {
   connection->setHandlers({.message = {}, .death = [&](const Error&) { ++deaths; }});
   loop_.runReady();
   daemon_.die();
-  EXPECT_FALSE(connection->peerLives());
+  EXPECT_EQ(connection->peerState(), PeerState::kEnded);
   loop_.runReady();
   EXPECT_EQ(deaths, 1);
   EXPECT_EQ(client_.connect("name", {}).error().kind, PeerConnectFailure::Kind::kNobodyThere);

@@ -1,0 +1,60 @@
+// The process at the other end of a connection.
+
+#include <cerrno>
+#include <csignal>
+#include <optional>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Linux/Sockets/SocketPeer.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+
+#ifndef SO_PEERPIDFD  // Newer than this C library.
+#define SO_PEERPIDFD 77
+#endif
+
+namespace platform {
+
+// The order matters: if the process lives afterwards, the user was that of no other process with
+// its number.
+PeerState DBusPeerLink::peerState() const {
+  if (peer_.process == 0) return isConnected() ? PeerState::kUnchanged : PeerState::kEnded;
+  const auto user = effectiveUserOf(peer_.process);
+  const bool isGone = !user && user.error().code == ErrorCode::kNotFound;
+  if (!user && !isGone) return PeerState::kUnknown;
+  const bool hasItsUser = !isGone && *user == peer_.user;
+  // libdbus has closed the socket.
+  if (!isConnected()) return isGone || hasItsUser ? PeerState::kEnded : PeerState::kOtherUser;
+  if (!isGone) {
+    const auto lives = processLives();
+    if (!lives) return PeerState::kUnknown;
+    if (*lives) return hasItsUser ? PeerState::kUnchanged : PeerState::kOtherUser;
+  }
+  // A process closes its descriptors before it has ended.
+  pollfd otherEnd{socket_, POLLRDHUP, 0};
+  return ::poll(&otherEnd, 1, 0) == 0 ? PeerState::kPassedOn : PeerState::kEnded;
+}
+
+bool DBusPeerLink::isIn(const PeerAudience& audience) const {
+  return audience.admitsUser(peer_.user, ::geteuid()) ||
+         (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
+}
+
+// Nothing if there is no descriptor to ask by.
+std::optional<bool> DBusPeerLink::processLives() const {
+  int descriptor = -1;
+  socklen_t length = sizeof(descriptor);
+  if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
+    const UniqueFd process(descriptor);
+    pollfd entry{process.get(), POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 0;
+  }
+  if (isShortage(errno)) return std::nullopt;
+  return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
+}
+
+}  // namespace platform
