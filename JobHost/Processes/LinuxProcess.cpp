@@ -63,12 +63,12 @@ void LinuxProcess::ended() {
   source_.reset();
   const auto end = platform::endOfChild(pidfd_.get());
   auto onEnd = std::exchange(onEnd_, nullptr);
-  bool isDestroyed = false;
-  isDestroyed_ = &isDestroyed;
+  const auto isDestroyed = std::make_shared<bool>(false);
+  isDestroyed_ = isDestroyed;
   // Reaped afterwards: until then nothing else can get the number of the group.
   onEnd(end ? Ending(ProcessEnd(end->status, end->dumpedCore)) : std::nullopt);
-  if (isDestroyed) return;
-  isDestroyed_ = nullptr;
+  if (*isDestroyed) return;
+  isDestroyed_.reset();
   reap();
 }
 

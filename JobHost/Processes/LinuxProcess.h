@@ -59,7 +59,7 @@ class LinuxProcess final : public JobProcess {
   OnEnd onEnd_;
   std::unique_ptr<platform::RunLoopHandle> source_;  // Destroyed before the descriptor.
   // Set while the callback of the end runs, which may destroy this.
-  bool* isDestroyed_ = nullptr;
+  std::shared_ptr<bool> isDestroyed_;
 };
 
 }  // namespace jobhost
