@@ -2,6 +2,7 @@
 
 #include <expected>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,7 +24,8 @@ struct Removal {
   std::vector<std::move_only_function<void()>> afterwards;
   std::optional<platform::Instant> killAt;  // empty for never
   // Processes with the job's mark or in its control group, as far as the searches have found them.
-  std::vector<std::unique_ptr<MarkedProcess>> descendants;
+  // By their numbers. Those that have ended are dropped before each search.
+  std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> descendants;
   platform::Duration searchPause{};  // from the last search to the next one
   bool isSearching = false;  // its leader and its group have ended, and the next search decides
   bool isKilling = false;    // the time-out is over

@@ -129,7 +129,9 @@ void JobHost::armKill(Job& job) {
                         platform::quotedInMessage(job.label()), job.lastStart.process));
         const auto timer = std::move(job.removal->killTimer);  // The callback is part of it.
         reportIfKillFails(job);
-        for (const auto& process : job.removal->descendants) endDescendant(job, *process, SIGKILL);
+        for (const auto& [number, process] : job.removal->descendants) {
+          endDescendant(job, *process, SIGKILL);
+        }
         if (job.process) signalGroup(job, SIGKILL);
       });
 }
@@ -151,7 +153,7 @@ bool JobHost::hasRemaining(const Job& job) const {
   if (job.abandonsGroup()) return false;
   if (job.process && job.process->hasRemainingProcesses()) return true;
   return std::ranges::any_of(job.removal->descendants,
-                             [](const auto& process) { return !process->hasEnded(); });
+                             [](const auto& entry) { return !entry.second->hasEnded(); });
 }
 
 // The leader has ended. A search shows whether there is more than its process group: processes in

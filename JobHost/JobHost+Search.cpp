@@ -17,16 +17,6 @@ namespace jobhost {
 
 using platform::Result;
 
-namespace {
-
-bool isKnownDescendant(const Removal& removal, const MarkedProcess& process) {
-  return std::ranges::any_of(removal.descendants, [&](const auto& known) {
-    return known->identity().isSameProcessAs(process.identity());
-  });
-}
-
-}  // namespace
-
 // A leader that the state file does not know keeps its job from being started twice.
 Result<void> JobHost::adoptMarked() {
   const auto found = processes_.findMarked([this](const Processes::Marked& marked) {
@@ -122,7 +112,7 @@ void JobHost::search() {
     if (!job.removal || !job.removal->isSearching) continue;
     job.removal->isSearching = false;
     std::erase_if(job.removal->descendants,
-                  [](const auto& process) { return process->hasEnded(); });
+                  [](const auto& entry) { return entry.second->hasEnded(); });
     labels.push_back(label);
   }
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
@@ -138,9 +128,10 @@ void JobHost::search() {
   if (found) {
     for (auto& process : *found) {
       Job& job = *find(process->label());
-      if (isKnownDescendant(*job.removal, *process)) continue;
-      endDescendant(job, *process, job.removal->isKilling ? SIGKILL : SIGTERM);
-      job.removal->descendants.push_back(std::move(process));
+      auto& known = job.removal->descendants[process->identity().process];
+      if (known) continue;
+      known = std::move(process);
+      endDescendant(job, *known, job.removal->isKilling ? SIGKILL : SIGTERM);
       labelsWithNew.insert(job.label());
     }
   }
