@@ -2,6 +2,7 @@
 
 #include <expected>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,8 +23,10 @@ struct Removal {
   // Requests for the same label that came during the removal, in their order.
   std::vector<std::move_only_function<void()>> afterwards;
   std::optional<platform::Instant> killAt;  // empty for never
-  // Processes with the job's mark in sessions of their own, as the last search found them.
-  std::vector<std::unique_ptr<MarkedProcess>> descendants;
+  // Processes with the job's mark or in its control group, as far as the searches have found them.
+  // By their numbers. Those that have ended are dropped before each search.
+  std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> descendants;
+  platform::Duration searchPause{};  // from the last search to the next one
   bool isSearching = false;  // its leader and its group have ended, and the next search decides
   bool isKilling = false;    // the time-out is over
   std::unique_ptr<platform::RunLoopHandle> killTimer;  // then the one for a process that stays
@@ -32,15 +35,14 @@ struct Removal {
 // The part of a job that the host keeps in memory. The rest of the definition is parsed again from
 // the dictionary at each start, because most of thousands of jobs do nothing most of the time.
 struct Job {
-  std::string label;
+  const std::string* key = nullptr;  // of its entry in JobHost's map, which does not move
   platform::Value dictionary;
   platform::RestartRules rules;
   platform::Duration exitTimeOut{};
   std::vector<std::string> machServices;
   // While it waits for a client: each of its services' sockets is watched.
   std::vector<std::unique_ptr<platform::RunLoopHandle>> demand;
-  bool isDemanded = false;     // a client is the only reason for its next start
-  bool abandonsGroup = false;  // only its leader is signalled, and the rest is left alone
+  bool isDemanded = false;  // a client is the only reason for its next start
   JobOrigin origin = JobOrigin::kSubmitted;
   bool hasProgramChanged = false;  // since it was verified, so it waits for a submission
   bool isDefinitionLost = false;   // only its process is known; it is forgotten when that ends
@@ -56,6 +58,13 @@ struct Job {
   bool isQueued = false;  // waits only for its turn in JobHost's queue of starts
   std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or polls a removed group
   std::unique_ptr<Removal> removal;
+
+  const std::string& label() const { return *key; }
+  // Only its leader is signalled, and the rest is left alone. The definition that its process was
+  // started with decides, not one that came later.
+  bool abandonsGroup() const { return lastStart.abandonsGroup != 0; }
+  // Its process may live, but there was no descriptor to watch it.
+  bool awaitsAdoption() const { return phase == platform::JobPhase::kRunning && !hasLeader; }
 };
 
 }  // namespace jobhost

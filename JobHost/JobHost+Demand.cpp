@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "JobHost/Definitions/JobDefinitionLimits.h"
 #include "JobHost/JobHost.h"
 #include "Platform/Texts/QuotedText.h"
 
@@ -32,7 +33,7 @@ Descriptor passedDescriptor(std::size_t place) {
 Result<std::vector<Descriptor>> JobHost::listenersOf(const Job& job) {
   std::vector<Descriptor> listeners;
   for (const std::string& service : job.machServices) {
-    const auto listener = sockets_.listen(service, job.label);
+    const auto listener = sockets_.listen(service, job.label());
     if (!listener) return std::unexpected(listener.error());
     listeners.push_back(*listener);
   }
@@ -52,15 +53,22 @@ Result<void> JobHost::bindServices(const Job& job, const JobDefinition& definiti
   return {};
 }
 
-// Returns the services whose sockets stay with the process.
+// Returns the services whose sockets stay with the process. A process keeps the numbers that its
+// sockets had at its start, and its definition may have other services by now.
 std::vector<std::string> JobHost::takeOverServices(const Job& job,
                                                    const std::vector<std::string>& services) {
   std::vector<std::string> left;
   for (std::size_t place = 0; place < services.size(); ++place) {
     auto socket = job.process->copyDescriptor(passedDescriptor(place));
-    if (!sockets_.takeOver(services[place], job.label, std::move(socket))) {
+    if (!sockets_.takeOver(services[place], job.label(), std::move(socket))) {
       left.push_back(services[place]);
     }
+  }
+  for (std::size_t place = 0; place < kMaximumServices && !left.empty(); ++place) {
+    std::erase_if(left, [&](const std::string& service) {
+      auto socket = job.process->copyDescriptor(passedDescriptor(place));
+      return sockets_.takeOver(service, job.label(), std::move(socket));
+    });
   }
   return left;
 }
@@ -68,7 +76,7 @@ std::vector<std::string> JobHost::takeOverServices(const Job& job,
 void JobHost::closeServices(Job& job, const std::vector<std::string>& kept) {
   job.demand.clear();
   for (const std::string& service : job.machServices) {
-    if (!contains(kept, service)) sockets_.close(service, job.label);
+    if (!contains(kept, service)) sockets_.close(service, job.label());
   }
 }
 
@@ -78,7 +86,7 @@ void JobHost::closeServices(Job& job, const std::vector<std::string>& kept) {
 void JobHost::removeNamesOfServices(const Job& job) {
   for (const std::string& service : job.machServices) {
     const bool isUsedByAnotherJob = std::ranges::any_of(jobs_, [&](const auto& entry) {
-      return entry.first != job.label && contains(entry.second.machServices, service);
+      return entry.first != job.label() && contains(entry.second.machServices, service);
     });
     if (!isUsedByAnotherJob) sockets_.removeName(service);
   }
@@ -91,7 +99,7 @@ void JobHost::awaitDemand(Job& job) {
   if (isShuttingDown_ || job.isDefinitionLost) return;
   for (const std::string& service : job.machServices) {
     // A process that was taken over may have had no socket that could be kept.
-    const auto listener = sockets_.listen(service, job.label);
+    const auto listener = sockets_.listen(service, job.label());
     if (!listener) {
       log(platform::ASL_LEVEL_ERR, platform::describe(listener.error()));
       continue;
@@ -103,7 +111,7 @@ void JobHost::awaitDemand(Job& job) {
     } else {
       log(platform::ASL_LEVEL_ERR,
           fmt::format("job {}: the service {} does not start it: {}",
-                      platform::quotedInMessage(job.label), platform::quotedInMessage(service),
+                      platform::quotedInMessage(job.label()), platform::quotedInMessage(service),
                       platform::describe(watch.error())));
     }
   }
@@ -122,7 +130,7 @@ void JobHost::demanded(Job& job) {
 // The client may have gone while the throttle delayed the start.
 bool JobHost::isStillWanted(const Job& job) const {
   return !job.isDemanded || std::ranges::any_of(job.machServices, [&](const auto& service) {
-    return sockets_.hasClient(service, job.label);
+    return sockets_.hasClient(service, job.label());
   });
 }
 

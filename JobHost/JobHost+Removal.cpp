@@ -21,6 +21,10 @@ namespace {
 // process, so no exit is reported.
 constexpr platform::Duration kGroupInterval = std::chrono::milliseconds(20);
 
+// The longest time between two searches, each of which reads every process of the system. Each
+// search that finds nothing new doubles the time to the next one.
+constexpr platform::Duration kMaximumSearchPause = std::chrono::seconds(1);
+
 // How long after SIGKILL a process that stays is reported.
 constexpr platform::Duration kKillReportDelay = std::chrono::seconds(5);
 
@@ -32,7 +36,7 @@ constexpr platform::Duration kDefaultShutDownTimeOut =
 
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
-  if (job.label == kNotificationBusLabel) return 2;
+  if (job.label() == kNotificationBusLabel) return 2;
   return job.origin == JobOrigin::kLoaded ? 0 : 1;
 }
 
@@ -70,9 +74,9 @@ void JobHost::remove(std::string_view label, Completion completion) {
   // restarts it.
   const bool isLoaded = job->origin == JobOrigin::kLoaded;
   const auto written =
-      isLoaded ? state_->appendRemovedByClient(job->label) : state_->appendRemoving(job->label);
+      isLoaded ? state_->appendRemovedByClient(job->label()) : state_->appendRemoving(job->label());
   if (!written) noteUnwritten(written.error());
-  if (isLoaded) removedByClient_.insert(job->label);
+  if (isLoaded) removedByClient_.insert(job->label());
   job->removal = std::make_unique<Removal>();
   job->removal->completions.push_back(std::move(completion));
   beginRemoval(*job);
@@ -91,16 +95,16 @@ void JobHost::beginRemoval(Job& job) {
   }
   armKill(job);
   // Without a leader no exit is reported.
-  if (!job.hasLeader && !job.timer) awaitRemaining(job);
+  if (!job.hasLeader && !job.removal->isSearching) searchSoon(job);
 }
 
 void JobHost::signalGroup(Job& job, int signal) {
   const auto send = [&] {
-    if (job.abandonsGroup) return job.process->signalLeader(signal);
+    if (job.abandonsGroup()) return job.process->signalLeader(signal);
     return signal == SIGKILL ? job.process->killTree() : job.process->signalGroup(signal);
   };
   if (const auto sent = send(); !sent) {
-    log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label),
+    log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label()),
                                              platform::describe(sent.error())));
   }
 }
@@ -122,10 +126,12 @@ void JobHost::armKill(Job& job) {
         if (!job.hasLeader && !hasRemaining(job)) return;
         log(platform::ASL_LEVEL_WARNING,
             fmt::format("job {}: process group {} did not end when asked to, and is killed",
-                        platform::quotedInMessage(job.label), job.lastStart.process));
+                        platform::quotedInMessage(job.label()), job.lastStart.process));
         const auto timer = std::move(job.removal->killTimer);  // The callback is part of it.
         reportIfKillFails(job);
-        endDescendants(job, SIGKILL);
+        for (const auto& [number, process] : job.removal->descendants) {
+          endDescendant(job, *process, SIGKILL);
+        }
         if (job.process) signalGroup(job, SIGKILL);
       });
 }
@@ -138,47 +144,48 @@ void JobHost::reportIfKillFails(Job& job) {
             fmt::format(
                 "job {}: process group {} has not ended {} s after SIGKILL; its removal "
                 "waits",
-                platform::quotedInMessage(job.label), job.lastStart.process,
+                platform::quotedInMessage(job.label()), job.lastStart.process,
                 std::chrono::duration_cast<std::chrono::seconds>(kKillReportDelay).count()));
       });
 }
 
 bool JobHost::hasRemaining(const Job& job) const {
-  if (job.abandonsGroup) return false;
+  if (job.abandonsGroup()) return false;
   if (job.process && job.process->hasRemainingProcesses()) return true;
   return std::ranges::any_of(job.removal->descendants,
-                             [](const auto& process) { return !process->hasEnded(); });
+                             [](const auto& entry) { return !entry.second->hasEnded(); });
 }
 
-// The leader has ended. When what is known of the rest has ended, too, a search shows whether there
-// is more: processes in sessions of their own, and those that these have started meanwhile.
-void JobHost::awaitRemaining(Job& job) {
-  if (!hasRemaining(job)) return searchSoon(job);
-  pollRemaining(job);
-}
-
-void JobHost::pollRemaining(Job& job) {
-  job.timer = loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job] {
-    if (hasRemaining(job)) return;
-    const auto timer = std::move(job.timer);  // The callback is part of it.
-    searchSoon(job);
-  });
+// The leader has ended. A search shows whether there is more than its process group: processes in
+// sessions of their own, and those that these have started meanwhile.
+void JobHost::pollRemaining(Job& job, bool hasFoundNew) {
+  Removal& removal = *job.removal;
+  removal.searchPause =
+      hasFoundNew ? kGroupInterval
+                  : std::clamp(2 * removal.searchPause, kGroupInterval, kMaximumSearchPause);
+  const platform::Instant nextSearch = loop_.now() + removal.searchPause;
+  job.timer =
+      loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job, nextSearch] {
+        if (hasRemaining(job) && loop_.now() < nextSearch) return;
+        const auto timer = std::move(job.timer);  // The callback is part of it.
+        searchSoon(job);
+      });
 }
 
 void JobHost::finishRemoval(Job& job) {
   compactIfWanted();
-  const auto written = state_->appendRemoved(job.label);
+  const auto written = state_->appendRemoved(job.label());
   if (!written) noteUnwritten(written.error());
   closeServices(job);
   removeNamesOfServices(job);
   log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: removed", platform::quotedInMessage(job.label)));
+      fmt::format("job {}: removed", platform::quotedInMessage(job.label())));
   const std::unique_ptr<Removal> removal = std::move(job.removal);
   setCost(job, 0);
-  histories_.removeJob(job.label);
+  histories_.removeJob(job.label());
   lastStarts_.keep(job, earliestStartOf(job), loop_.now());
-  processes_.discard(job.label);
-  jobs_.erase(job.label);
+  processes_.discard(job.label());
+  jobs_.erase(job.label());
   for (Completion& completion : removal->completions) answer(std::move(completion), {});
   for (auto& request : removal->afterwards) request();
   // The last job of a rank goes on to the next rank. Each of 10,000 jobs can't go through all jobs.

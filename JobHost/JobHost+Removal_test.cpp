@@ -86,6 +86,19 @@ TEST_F(JobHostTest, AnExitTimeOutOfZeroNeverKills) {
   EXPECT_TRUE(*answer);
 }
 
+TEST_F(JobHostTest, AnExitTimeOutOfZeroHoldsUpNoOtherJob) {
+  processes_.obeysTermination = false;
+  ASSERT_TRUE(submit(job("com.example.a", {{"ExitTimeOut", 0}})));
+  ASSERT_TRUE(submit(job("com.example.b")));
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(24h);
+  processes_.obeysTermination = true;
+  EXPECT_TRUE(*removeLater("com.example.b"));
+  EXPECT_TRUE(submit(job("com.example.c")));
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_FALSE(*answer);
+}
+
 TEST_F(JobHostTest, RemovingWaitsForMembersWhoseLeaderHasEnded) {
   processes_.obeysTermination = false;
   ASSERT_TRUE(submit(job("com.example.a")));
@@ -180,6 +193,20 @@ TEST_F(JobHostTest, AThrottleThatIsOverDelaysNoLongerOne) {
   ASSERT_TRUE(removeLater("com.example.a")->value());
   loop_.advanceBy(10s);
   ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 3600}})));
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostTest, ARefusedSubmissionDoesNotEndTheThrottle) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(removeLater("com.example.a")->value());
+  processes_.failure = platform::Error{platform::ErrorCode::kSystem, ENOENT, "executing"};
+  EXPECT_FALSE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
+  EXPECT_EQ(processes_.attempts, 2);
+  processes_.failure.reset();
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(10s - 1ns);
+  EXPECT_EQ(starts(), 1);
+  loop_.advanceBy(1ns);
   EXPECT_EQ(starts(), 2);
 }
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -13,8 +15,10 @@
 
 namespace jobhost {
 
+using platform::Result;
+
 // A leader that the state file does not know keeps its job from being started twice.
-void JobHost::adoptMarked() {
+Result<void> JobHost::adoptMarked() {
   const auto found = processes_.findMarked([this](const Processes::Marked& marked) {
     const Job* const job = find(marked.label);
     if (!job) return true;
@@ -22,50 +26,49 @@ void JobHost::adoptMarked() {
     // Descendants in sessions of their own stay with their job.
     return marked.process == marked.leader ? !isKnown : false;
   });
-  if (!found) {
-    log(platform::ASL_LEVEL_ERR, platform::describe(found.error()));
-    return;
-  }
+  if (!found) return std::unexpected(found.error());
   for (const auto& process : *found) {
     if (process->isLeader()) adopt(*process);
   }
   for (const auto& process : *found) {
     const Job* const job = find(process->label());
-    const bool isOwned = job && (!process->isLeader() || job->lastStart == process->identity());
+    const bool isOwned = job && (!process->isLeader() || job->awaitsAdoption() ||
+                                 job->lastStart.isSameProcessAs(process->identity()));
     if (!isOwned) killUnowned(*process);
   }
   // As after the end of a leader that this host has seen.
   std::vector<std::string> kept;
   for (const auto& [label, job] : jobs_) {
-    if (job.abandonsGroup && !job.hasLeader) processes_.abandon(label);
-    if (job.hasLeader || job.removal || job.abandonsGroup) kept.push_back(label);
+    const bool hasLeader = job.hasLeader || job.awaitsAdoption();
+    if (job.abandonsGroup() && !hasLeader) processes_.abandon(label);
+    if (hasLeader || job.removal) kept.push_back(label);
   }
   processes_.discardOthers(kept);
+  return {};
 }
 
 void JobHost::adopt(const MarkedProcess& leader) {
   Job* job = find(leader.label());
   if (job && job->hasLeader) return;
+  if (job && job->awaitsAdoption() && !job->lastStart.isSameProcessAs(leader.identity())) return;
   if (!job) {
     job = &addLostJob(leader.label());
     log(platform::ASL_LEVEL_WARNING,
         fmt::format("job {}: its definition is lost; its process is kept until it ends or another "
                     "definition is submitted",
-                    platform::quotedInMessage(job->label)));
+                    platform::quotedInMessage(job->label())));
   }
   job->lastStart = leader.identity();
   job->starts.last =
       std::min(platform::Instant(platform::Duration(job->lastStart.startedAt)), loop_.now());
-  if (auto takenOver = takeOverProcess(*job); !takenOver) {
-    log(platform::ASL_LEVEL_ERR, platform::describe(takenOver.error()));
-  }
+  takeOverProcess(*job);
 }
 
 Job& JobHost::addLostJob(const std::string& label) {
   JobDefinition definition;
   definition.label = label;
   definition.dictionary = StoredJob::lostDefinition(label);
-  Job& job = jobs_[label];
+  Job& job = insertJob(label);
   fillIn(job, JobOrigin::kSubmitted, definition);
   job.isDefinitionLost = true;
   histories_.addJob(label, loop_.wallTime());
@@ -89,10 +92,11 @@ void JobHost::forget(Job& job) {
   job.phase = JobPhase::kRemoving;
   job.removal = std::make_unique<Removal>();
   job.removal->isKilling = true;
-  awaitRemaining(job);
+  searchSoon(job);
 }
 
-// All jobs whose leaders have ended by then share one search.
+// All jobs whose leaders have ended by then share one search. Processes that are started after it
+// are found by the next one, so none escapes its SIGTERM.
 void JobHost::searchSoon(Job& job) {
   job.removal->isSearching = true;
   if (std::exchange(isSearchDue_, true)) return;
@@ -107,21 +111,28 @@ void JobHost::search() {
   for (auto& [label, job] : jobs_) {
     if (!job.removal || !job.removal->isSearching) continue;
     job.removal->isSearching = false;
-    job.removal->descendants.clear();
+    std::erase_if(job.removal->descendants,
+                  [](const auto& entry) { return entry.second->hasEnded(); });
     labels.push_back(label);
   }
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     if (!std::ranges::binary_search(labels, marked.label)) return false;
     const Job& job = *find(marked.label);
-    if (job.abandonsGroup) return false;
+    if (job.abandonsGroup()) return false;
     return !job.process || marked.group != job.lastStart.process;
   });
   if (!std::exchange(isSearchFailing_, !found) && !found) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(found.error()));
   }
+  std::set<std::string_view> labelsWithNew;
   if (found) {
     for (auto& process : *found) {
-      find(process->label())->removal->descendants.push_back(std::move(process));
+      Job& job = *find(process->label());
+      auto& known = job.removal->descendants[process->identity().process];
+      if (known) continue;
+      known = std::move(process);
+      endDescendant(job, *known, job.removal->isKilling ? SIGKILL : SIGTERM);
+      labelsWithNew.insert(job.label());
     }
   }
   for (const std::string& label : labels) {
@@ -130,17 +141,14 @@ void JobHost::search() {
       finishRemoval(job);
       continue;
     }
-    endDescendants(job, job.removal->isKilling ? SIGKILL : SIGTERM);
-    pollRemaining(job);
+    pollRemaining(job, !found || labelsWithNew.contains(label));
   }
 }
 
-void JobHost::endDescendants(Job& job, int signal) {
-  for (const auto& process : job.removal->descendants) {
-    if (const auto sent = process->signal(signal); !sent) {
-      log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label),
-                                               platform::describe(sent.error())));
-    }
+void JobHost::endDescendant(Job& job, MarkedProcess& process, int signal) {
+  if (const auto sent = process.signal(signal); !sent) {
+    log(platform::ASL_LEVEL_ERR, fmt::format("job {}: {}", platform::quotedInMessage(job.label()),
+                                             platform::describe(sent.error())));
   }
 }
 

@@ -165,5 +165,79 @@ TEST_F(JobHostSearch, RemovalsThatWaitTogetherShareOneSearch) {
   EXPECT_LT(processes_.searches - before, 3);
 }
 
+class JobHostAdoption : public JobHostSearch {
+ protected:
+  const platform::Error shortage_{platform::ErrorCode::kExhausted, EMFILE, "pidfd_open"};
+
+  JobHostAdoption() { processes_.hasControlGroups = true; }
+
+  // The next host has no descriptors for the processes that run.
+  void restartWithoutDescriptors() {
+    killHost();
+    processes_.takeOverFailure = shortage_;
+    startHost();
+    loop_.runReady();
+  }
+};
+
+TEST_F(JobHostAdoption, AProcessWithoutADescriptorIsTakenOverLater) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  for (const bool hasState : {true, false}) {
+    processes_.takeOverFailure = shortage_;
+    if (hasState) {
+      restartHost();
+    } else {
+      restartWithoutState();
+    }
+    loop_.advanceBy(1min);
+    EXPECT_TRUE(processes_.isAlive(101));
+    EXPECT_EQ(pid("com.example.a"), Value(101));
+    restartHost();  // The state file still says that it runs.
+    EXPECT_EQ(pid("com.example.a"), Value(101));
+    sink_.clear();
+    processes_.takeOverFailure.reset();
+    loop_.advanceBy(1s);
+    EXPECT_EQ(sink_.count("process 101 of an earlier host taken over"), 1);
+  }
+  EXPECT_EQ(starts(), 1);
+  endLast();
+  EXPECT_FALSE(processes_.isAlive(101));
+  EXPECT_THAT(host_->labels(), IsEmpty());  // Its definition is lost.
+}
+
+TEST_F(JobHostAdoption, AProcessThatEndsBeforeThatIsReplaced) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(20s);
+  restartWithoutDescriptors();
+  processes_.end(101);
+  processes_.takeOverFailure.reset();
+  loop_.advanceBy(1s);
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+}
+
+TEST_F(JobHostAdoption, AProcessIsRemovedBeforeThat) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  restartWithoutDescriptors();
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(20ms);
+  EXPECT_TRUE(*answer);
+  EXPECT_FALSE(processes_.isAlive(101));
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobHostAdoption, AHostThatCannotSearchDoesNotStart) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  killHost();
+  processes_.searchFailure = shortage_;
+  JobHostOptions options;
+  options.root = root_.path();
+  options.bootId = bootId_;
+  EXPECT_FALSE(JobHost::create(loop_, processes_, log_, options));
+  EXPECT_TRUE(processes_.isAlive(101));
+  processes_.searchFailure.reset();
+  startHost();
+  EXPECT_EQ(pid("com.example.a"), Value(101));
+}
+
 }  // namespace
 }  // namespace jobhost

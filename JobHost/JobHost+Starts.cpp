@@ -61,7 +61,8 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   const auto lastStart = std::exchange(job.starts.last, loop_.now());
   const auto listeners = listenersOf(job);
   if (!listeners) return std::unexpected(listeners.error());
-  auto record = state_->makeStartRecord(job.label, *job.starts.last);
+  auto record =
+      state_->makeStartRecord(job.label(), *job.starts.last, definition.abandonsProcessGroup);
   const std::size_t mark = state_->mark();
   int writeError = 0;
   auto process = processes_.start(definition, state_->ticketFor(record, &writeError), *listeners,
@@ -80,10 +81,10 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   job.hasLeader = true;
   job.isDemanded = false;
   job.phase = JobPhase::kRunning;
-  ++histories_.of(job.label).starts;
-  if (onStarted_) onStarted_(job.label, job.lastStart.process);
+  ++histories_.of(job.label()).starts;
+  if (onStarted_) onStarted_(job.label(), job.lastStart.process);
   log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label),
+      fmt::format("job {}: started process {}", platform::quotedInMessage(job.label()),
                   job.lastStart.process));
   return {};
 }
@@ -98,24 +99,24 @@ void JobHost::processEnded(Job& job, Ending ending) {
   // The remaining processes of the group belong to no later process of the job. Kill them before
   // the end is recorded: the next host looks for the group of a process only if its end is not on
   // record.
-  if (job.abandonsGroup) {
-    processes_.abandon(job.label);
+  if (job.abandonsGroup()) {
+    processes_.abandon(job.label());
   } else if (!job.removal && (ending || job.process->hasRemainingProcesses())) {
     signalGroup(job, SIGKILL);
   }
   compactIfWanted();  // A full file would reject the record of the end.
   job.hasLeader = false;
   job.lastEnd = ending;
-  if (auto written = state_->appendEnded(job.label, ending); !written) {
+  if (auto written = state_->appendEnded(job.label(), ending); !written) {
     noteUnwritten(written.error());
   }
   log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label),
+      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label()),
                   job.lastStart.process, describeEnding(ending)));
   const platform::Instant now = loop_.now();
   const platform::Duration ran = now - job.starts.last.value_or(now);
   const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
-  histories_.of(job.label).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
+  histories_.of(job.label()).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
   if (job.removal) return searchSoon(job);
   job.process.reset();
   if (job.isDefinitionLost) return forget(job);
@@ -135,7 +136,7 @@ void JobHost::enqueueStart(Job& job) {
   job.timer.reset();
   job.phase = JobPhase::kWaiting;
   job.isQueued = true;
-  startQueue_.push_back(job.label);
+  startQueue_.push_back(job.label());
   if (startQueue_.size() == 1) postNextStart();
 }
 
@@ -174,7 +175,7 @@ void JobHost::waitUntil(Job& job, platform::Instant due) {
 void JobHost::startFailed(Job& job, const Error& error) {
   if (error.code == platform::ErrorCode::kChanged) {
     job.hasProgramChanged = true;
-    if (onProgramChanged_) onProgramChanged_(job.label);
+    if (onProgramChanged_) onProgramChanged_(job.label());
     return;
   }
   const JobAction action = nextAction(job.phase, JobEvent::kStartFailed, true, false);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <utility>
 
@@ -14,13 +15,19 @@ using platform::ErrorCode;
 using platform::Instant;
 using platform::Result;
 
+namespace {
+
+// How often to look for a descriptor for a process that could not be taken over.
+constexpr platform::Duration kAdoptionInterval = std::chrono::seconds(1);
+
+}  // namespace
+
 Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
                                const Labels& removedByClient) {
   removedByClient_ = removedByClient;
-  for (const StoredJob& job : stored) {
-    if (auto takenOver = takeOverJob(job); !takenOver) return takenOver;
-  }
-  adoptMarked();
+  for (const StoredJob& job : stored) takeOverJob(job);
+  // Without this, running services would be started a second time.
+  if (auto adopted = adoptMarked(); !adopted) return adopted;
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
   forgetMissingFiles(daemons);
   // Write a new file with what was found, so that the next host does not find it a second time.
@@ -50,7 +57,7 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
   return {};
 }
 
-Result<void> JobHost::takeOverJob(const StoredJob& stored) {
+void JobHost::takeOverJob(const StoredJob& stored) {
   const bool isLost = stored.dictionary == StoredJob::lostDefinition(stored.label);
   auto definition = parseJobDefinition(stored.dictionary);
   if (!definition && isLost) {
@@ -66,50 +73,59 @@ Result<void> JobHost::takeOverJob(const StoredJob& stored) {
     definition->label = stored.label;
     definition->dictionary = stored.dictionary;
   }
-  Job& job = jobs_[stored.label];
+  Job& job = insertJob(stored.label);
   fillIn(job, stored.origin, *definition);
   job.isDefinitionLost = isLost;
-  histories_.addJob(job.label, loop_.wallTime());
+  histories_.addJob(job.label(), loop_.wallTime());
   setCost(job, StateFile::costOf(stored.label, stored.submissionBytes));
   job.lastEnd = stored.lastEnd;
   if (stored.isBeingRemoved) job.removal = std::make_unique<Removal>();
-  if (!stored.lastStart) return {};
+  if (!stored.lastStart) return;
   job.lastStart = *stored.lastStart;
   // The clock counts from boot and the record is of this boot. Clamp it nonetheless: clocks are not
   // trusted.
   job.starts.last = std::min(Instant(platform::Duration(stored.lastStart->startedAt)), loop_.now());
-  if (stored.runs) {
-    if (auto takenOver = takeOverProcess(job); !takenOver) return takenOver;
-  }
+  if (stored.runs) takeOverProcess(job);
   // While a job was being removed, its leader may already have ended (and been recorded) although
   // other processes of its group still ran. Look for them.
-  if (!job.hasLeader && (stored.runs || job.removal)) takeOverRemainingProcesses(job);
-  return {};
+  const bool mayHaveLeader = job.hasLeader || job.awaitsAdoption();
+  if (!mayHaveLeader && (stored.runs || job.removal)) takeOverRemainingProcesses(job);
 }
 
 void JobHost::takeOverRemainingProcesses(Job& job) {
-  if (job.abandonsGroup) return;
+  if (job.abandonsGroup()) return;
   job.process = processes_.remainsOf(job.lastStart);
   if (!job.process || job.removal) return;
   log(platform::ASL_LEVEL_NOTICE,
       fmt::format("job {}: what process {} of an earlier host left of its group is killed",
-                  platform::quotedInMessage(job.label), job.lastStart.process));
+                  platform::quotedInMessage(job.label()), job.lastStart.process));
   // As after any end: the remaining processes belong to no later process of the job.
   signalGroup(job, SIGKILL);
   job.process.reset();
 }
 
-Result<void> JobHost::takeOverProcess(Job& job) {
+void JobHost::takeOverProcess(Job& job) {
   auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
-  const std::string what = fmt::format("job {}: process {} of an earlier host",
-                                       platform::quotedInMessage(job.label), job.lastStart.process);
+  const std::string what =
+      fmt::format("job {}: process {} of an earlier host", platform::quotedInMessage(job.label()),
+                  job.lastStart.process);
   if (!watched && watched.error().code != ErrorCode::kNotFound) {
-    return std::unexpected(std::move(watched.error()));
+    if (!job.awaitsAdoption()) {
+      log(platform::ASL_LEVEL_ERR,
+          fmt::format("{} is kept, and taken over when that is possible: {}", what,
+                      platform::describe(watched.error())));
+    }
+    job.phase = JobPhase::kRunning;
+    job.timer = loop_.startTimer(kAdoptionInterval, platform::RunLoop::Repeat::kOnce,
+                                 [this, &job] { retryAdoption(job); });
+    return;
   }
+  job.timer.reset();
   if (!watched) {
+    job.phase = JobPhase::kIdle;
     job.lastEnd = Ending();
     log(platform::ASL_LEVEL_NOTICE, what + " has ended meanwhile");
-    return {};
+    return;
   }
   job.process = *std::move(watched);
   job.hasLeader = true;
@@ -119,16 +135,24 @@ Result<void> JobHost::takeOverProcess(Job& job) {
     log(platform::ASL_LEVEL_NOTICE,
         fmt::format("job {}: the socket of {} stays with its process, and is bound anew when that "
                     "has ended",
-                    platform::quotedInMessage(job.label), platform::quotedInMessage(service)));
+                    platform::quotedInMessage(job.label()), platform::quotedInMessage(service)));
   }
-  return {};
+}
+
+void JobHost::retryAdoption(Job& job) {
+  const auto timer = std::move(job.timer);  // The callback is part of it.
+  takeOverProcess(job);
+  if (job.hasLeader || job.awaitsAdoption()) return;
+  takeOverRemainingProcesses(job);
+  resume(job);
 }
 
 void JobHost::resume(Job& job) {
   compactIfWanted();
   if (job.removal) return beginRemoval(job);
-  if (job.isDefinitionLost && !job.hasLeader) return forget(job);
-  if (job.hasLeader || isStopRequested()) return;
+  if (job.hasLeader || job.awaitsAdoption()) return;
+  if (job.isDefinitionLost) return forget(job);
+  if (isStopRequested()) return;
   if (const auto listeners = listenersOf(job); !listeners) {
     log(platform::ASL_LEVEL_ERR, platform::describe(listeners.error()));
   }
@@ -148,7 +172,7 @@ std::vector<StoredJob> JobHost::snapshot() const {
     stored.origin = job.origin;
     stored.dictionary = job.dictionary;
     if (job.lastStart.process != 0) stored.lastStart = job.lastStart;
-    stored.runs = job.hasLeader;
+    stored.runs = job.hasLeader || job.awaitsAdoption();
     stored.lastEnd = job.lastEnd;
     stored.isBeingRemoved = job.removal != nullptr;
   }

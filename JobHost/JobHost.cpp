@@ -104,13 +104,13 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
   const std::size_t mark = state_->mark();
   const auto cost = record(nullptr, origin, definition);
   if (!cost) return std::unexpected(cost.error());
-  Job& job = jobs_[definition.label];
+  Job& job = insertJob(definition.label);
   setCost(job, *cost);
   histories_.addJob(definition.label, loop_.wallTime());
   auto done = define(job, origin, definition);
   if (done) {
     const bool wants = wantsProcessAtLoad(job.rules);
-    lastStarts_.giveTo(job, loop_.now());
+    lastStarts_.lendTo(job, loop_.now());
     const bool mayStart = loop_.now() >= earliestStartOf(job);
     done = perform(job, nextAction(job.phase, JobEvent::kSubmitted, wants, mayStart), &definition);
   }
@@ -123,7 +123,10 @@ Result<void> JobHost::addJob(JobOrigin origin, const JobDefinition& definition) 
     if (auto cut = state_->cutBackTo(mark); !cut) {
       log(platform::ASL_LEVEL_ERR, platform::describe(cut.error()));
     }
+    return done;
   }
+  // A refused submission does not end the throttle of its label.
+  lastStarts_.forget(definition.label);
   return done;
 }
 
@@ -140,7 +143,7 @@ Result<void> JobHost::replaceDefinition(Job& job, JobOrigin origin,
     return defined;
   }
   setCost(job, *cost);
-  if (isReplaced) removedByClient_.insert(job.label);
+  if (isReplaced) removedByClient_.insert(job.label());
   job.isDemanded = false;  // The new definition may have other services, or none.
   const bool mayStart = loop_.now() >= earliestStartOf(job);
   const JobAction action =
@@ -185,13 +188,17 @@ Result<void> JobHost::define(Job& job, JobOrigin origin, const JobDefinition& de
   return {};
 }
 
+Job& JobHost::insertJob(const std::string& label) {
+  const auto entry = jobs_.try_emplace(label).first;
+  entry->second.key = &entry->first;
+  return entry->second;
+}
+
 void JobHost::fillIn(Job& job, JobOrigin origin, const JobDefinition& definition) {
-  job.label = definition.label;
   job.dictionary = definition.dictionary;
   job.rules = {definition.keepAlive, definition.runAtLoad, definition.throttleInterval};
   job.exitTimeOut = definition.exitTimeOut;
   job.machServices = definition.machServices;
-  job.abandonsGroup = definition.abandonsProcessGroup;
   job.origin = origin;
   job.isDefinitionLost = false;
   job.hasProgramChanged = false;
@@ -226,14 +233,16 @@ Value JobHost::copyState(std::string_view label) {
 
 platform::Dictionary JobHost::stateOf(const Job& job, JobHistoryDetail detail) const {
   platform::Dictionary state;
-  if (job.hasLeader) state.set(platform::kJobProcessKey, job.lastStart.process);
+  if (job.hasLeader || job.awaitsAdoption()) {
+    state.set(platform::kJobProcessKey, job.lastStart.process);
+  }
   if (job.lastEnd && *job.lastEnd) {
     state.set(platform::kJobLastStatusKey, waitStatusOf(**job.lastEnd));
   } else if (job.lastEnd) {
     state.set(platform::kJobLastStatusUnknownKey, true);
   }
   if (job.hasProgramChanged) state.set(platform::kJobProgramChangedKey, true);
-  state.set(platform::kJobHistoryKey, valueOfHistory(histories_.of(job.label), detail));
+  state.set(platform::kJobHistoryKey, valueOfHistory(histories_.of(job.label()), detail));
   return state;
 }
 

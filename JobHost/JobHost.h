@@ -90,8 +90,9 @@ class JobHost {
   // stays. After a stop request it starts nothing more, and the host after shutDown() loads the
   // rest.
   //
-  // Fails if another host runs there (after waiting for it for StateFile::kLockTimeOut), and if
-  // the folders for sockets and state can't be made. The arguments outlive this.
+  // Fails if another host runs there (after waiting for it for StateFile::kLockTimeOut), if the
+  // folders for sockets and state can't be made, and if there are no descriptors to find out what
+  // runs. The arguments outlive this.
   static platform::Result<std::unique_ptr<JobHost>> create(platform::RunLoop& loop,
                                                            Processes& processes,
                                                            platform::SystemLog& log,
@@ -156,6 +157,7 @@ class JobHost {
   platform::Result<void> replaceDefinition(Job& job, JobOrigin origin,
                                            const JobDefinition& definition);
   platform::Result<void> define(Job& job, JobOrigin origin, const JobDefinition& definition);
+  Job& insertJob(const std::string& label);
   // Records the definition in the state file and returns the job's cost. `known` is null for a new
   // job.
   platform::Result<std::size_t> record(const Job* known, JobOrigin origin,
@@ -202,27 +204,29 @@ class JobHost {
   void armKill(Job& job);
   void reportIfKillFails(Job& job);
   platform::Duration exitTimeOutOf(const Job& job) const;
-  void awaitRemaining(Job& job);
-  void pollRemaining(Job& job);
+  void pollRemaining(Job& job, bool hasFoundNew);
   bool hasRemaining(const Job& job) const;
   void finishRemoval(Job& job);
   void shutDownNext();
 
   // JobHost+Search.cpp
-  void adoptMarked();
+  platform::Result<void> adoptMarked();
   void adopt(const MarkedProcess& leader);
   Job& addLostJob(const std::string& label);
   void killUnowned(MarkedProcess& process);
   void forget(Job& job);
   void searchSoon(Job& job);
   void search();
-  void endDescendants(Job& job, int signal);
+  void endDescendant(Job& job, MarkedProcess& process, int signal);
 
   // JobHost+TakeOver.cpp
   platform::Result<void> takeOver(const std::vector<StoredJob>& stored,
                                   const Labels& removedByClient);
-  platform::Result<void> takeOverJob(const StoredJob& stored);
-  platform::Result<void> takeOverProcess(Job& job);
+  void takeOverJob(const StoredJob& stored);
+  void takeOverProcess(Job& job);
+  // The process may live, and there was no descriptor to watch it. Nothing is started or killed in
+  // its place before that is known.
+  void retryAdoption(Job& job);
   void takeOverRemainingProcesses(Job& job);
   void resume(Job& job);
   std::vector<StoredJob> snapshot() const;

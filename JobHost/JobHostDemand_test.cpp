@@ -183,5 +183,15 @@ TEST_F(JobHostDemand, AServiceOfAnotherJobIsRefusedAndNoneIsBound) {
   EXPECT_NE(::access(root_.path("run/vantor/mach/c").c_str(), F_OK), 0);
 }
 
+TEST_F(JobHostDemand, ASocketIsTakenOverUnderTheNumberOfItsStart) {
+  ASSERT_TRUE(submit(demandedJob({{"KeepAlive", true}})));
+  ASSERT_TRUE(
+      submit(demandedJob({{"KeepAlive", true}, {"MachServices", Dictionary{{kOther, true}}}})));
+  restartHost();
+  EXPECT_EQ(sink_.count("stays with its process"), 0);
+  const UniqueFd client = connect(kOther);
+  acceptInProcess(1);
+}
+
 }  // namespace
 }  // namespace jobhost

@@ -1,5 +1,6 @@
 // Jobs whose processes can't leave their control group, and jobs that abandon them.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -156,6 +157,42 @@ TEST_F(JobHostGroups, TheNextHostLeavesAnAbandonedGroupAlone) {
   ASSERT_TRUE(removeLater("com.example.a")->value());
   restartHost();
   EXPECT_TRUE(processes_.isAlive(descendant));
+}
+
+TEST_F(JobHostGroups, TheDefinitionOfItsStartDecidesWhetherAGroupIsAbandoned) {
+  ASSERT_TRUE(submit(abandoning("com.example.a")));
+  const auto abandoned = processes_.addDescendant(101);
+  ASSERT_TRUE(submit(job("com.example.a")));
+  restartHost();
+  endLast();
+  EXPECT_TRUE(processes_.isAlive(abandoned));
+  loop_.advanceBy(20s);
+  const auto leader = processes_.started.back().process;
+  ASSERT_EQ(pid("com.example.a"), Value(leader));
+  const auto owned = processes_.addDescendant(leader);
+  ASSERT_TRUE(submit(abandoning("com.example.a")));
+  endLast();
+  EXPECT_FALSE(processes_.isAlive(owned));
+  EXPECT_TRUE(processes_.isAlive(abandoned));
+}
+
+TEST_F(JobHostGroups, AProcessThatComesLaterIsAskedToEndOnce) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"ExitTimeOut", 0}})));
+  const auto stubborn = processes_.addDescendant(101);
+  processes_.obeysTermination = false;
+  const Answer answer = removeLater("com.example.a");
+  endLast();
+  loop_.advanceBy(10s);
+  const auto late = processes_.addDescendant(101);
+  processes_.obeysTermination = true;
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(processes_.isAlive(late));
+  EXPECT_TRUE(processes_.isAlive(stubborn));
+  EXPECT_EQ(std::ranges::count(processes_.signals, stubborn, &FakeProcesses::Signalled::group), 1);
+  EXPECT_FALSE(*answer);
+  processes_.end(stubborn);
+  loop_.advanceBy(20ms);
+  EXPECT_TRUE(*answer);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -55,8 +56,9 @@ class JobHostTrees : public RealJobHostTest {
     return jobHistoryIn(host_->copy(label)).value();
   }
 
-  std::string groupOf(std::string_view label) const {
-    return JobGroups::create(hostMark(root_.path(), *readBootId()))->of(label).folder();
+  std::string groupOf(std::string_view label, bool abandonsGroup = false) const {
+    const auto groups = JobGroups::create(hostMark(root_.path(), *readBootId()));
+    return groups->of(label, abandonsGroup).folder();
   }
 
   // A job that starts a process with a session of its own, twice forked, deaf to SIGTERM and
@@ -148,12 +150,30 @@ TEST_F(JobHostTrees, AnAbandonedProcessSurvivesItsJob) {
   job.set("RunAtLoad", true);
   ASSERT_TRUE(submit(job));
   const UniqueFd runaway = nextProcess();
-  const std::string group = groupOf(kTreeLabel);
   ASSERT_TRUE(remove(kTreeLabel));
-  EXPECT_FALSE(std::filesystem::exists(group));
+  EXPECT_FALSE(std::filesystem::exists(groupOf(kTreeLabel)));
+  EXPECT_FALSE(std::filesystem::exists(groupOf(kTreeLabel, true)));
   dropHost();
   startHost();
   EXPECT_FALSE(hasEnded(runaway));
+  ::syscall(SYS_pidfd_send_signal, runaway.get(), SIGKILL, nullptr, 0);
+  EXPECT_TRUE(ends(runaway));
+}
+
+TEST_F(JobHostTrees, AnAbandonedProcessThatCannotBeMovedIsNotKilled) {
+  Dictionary job = jobWithRunaway("exec sleep 1000");
+  job.set("AbandonProcessGroup", true);
+  ASSERT_TRUE(submit(job));
+  const UniqueFd runaway = nextProcess();
+  const std::filesystem::path group = groupOf(kTreeLabel, true);
+  ASSERT_TRUE(std::filesystem::exists(group));
+  // The one group that there is may have no other beside it.
+  std::ofstream(group.parent_path() / "cgroup.max.descendants") << "1" << std::flush;
+  ASSERT_TRUE(remove(kTreeLabel));
+  dropHost();
+  startHost();
+  EXPECT_FALSE(hasEnded(runaway));
+  EXPECT_TRUE(std::filesystem::exists(group));
   ::syscall(SYS_pidfd_send_signal, runaway.get(), SIGKILL, nullptr, 0);
   EXPECT_TRUE(ends(runaway));
 }

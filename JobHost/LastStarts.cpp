@@ -8,13 +8,12 @@ void LastStarts::keep(const Job& job, platform::Instant earliestStart, platform:
     std::erase_if(entries_, [&](const auto& entry) { return entry.second.until <= now; });
   }
   if (entries_.size() >= kMaximumLabels) return;
-  entries_[job.label] = {job.starts, earliestStart};
+  entries_[job.label()] = {job.starts, earliestStart};
 }
 
-void LastStarts::giveTo(Job& job, platform::Instant now) {
-  const auto node = entries_.extract(job.label);
-  if (!node || node.mapped().until <= now) return;
-  job.starts = node.mapped().starts;
+void LastStarts::lendTo(Job& job, platform::Instant now) const {
+  const auto entry = entries_.find(job.label());
+  if (entry != entries_.end() && entry->second.until > now) job.starts = entry->second.starts;
 }
 
 }  // namespace jobhost

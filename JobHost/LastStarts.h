@@ -17,8 +17,10 @@ class LastStarts {
 
   // Keeps that of a job that is being removed. It counts until `earliestStart`.
   void keep(const Job& job, platform::Instant earliestStart, platform::Instant now);
-  // Gives a new job that of its label, if it still counts.
-  void giveTo(Job& job, platform::Instant now);
+  // Gives a new job that of its label, if it still counts, and keeps it in case the job is refused.
+  void lendTo(Job& job, platform::Instant now) const;
+  // The label has a job, which has its last start.
+  void forget(const std::string& label) { entries_.erase(label); }
 
  private:
   struct Entry {

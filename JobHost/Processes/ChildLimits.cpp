@@ -33,16 +33,21 @@ constexpr SoftLimit kDefaults[] = {
 };
 
 // A soft limit that the job sets itself is taken as it is: if it is too high, the start fails.
-Result<ChildLimit> limitOf(int resource, const ResourceLimit* own, std::optional<rlim_t> soft) {
+// Empty if the host has the same limit, which the process inherits.
+Result<std::optional<ChildLimit>> limitOf(int resource, const ResourceLimit* own,
+                                          std::optional<rlim_t> soft) {
   ChildLimit limit{resource, {}};
   if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) {
     return std::unexpected(
         platform::systemError(fmt::format("getrlimit of \"{}\"", nameOfLimit(resource))));
   }
+  const rlimit before = limit.value;
   if (own && own->hard) limit.value.rlim_max = *own->hard;
   limit.value.rlim_cur = std::min(soft.value_or(limit.value.rlim_cur), limit.value.rlim_max);
   if (own && own->soft) limit.value.rlim_cur = *own->soft;
-  return limit;
+  const bool isSame =
+      limit.value.rlim_cur == before.rlim_cur && limit.value.rlim_max == before.rlim_max;
+  return isSame ? std::nullopt : std::optional(limit);
 }
 
 }  // namespace
@@ -58,13 +63,13 @@ Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
     const auto limit = limitOf(own.resource, &own,
                                known == defaults.end() ? std::nullopt : std::optional(known->soft));
     if (!limit) return std::unexpected(limit.error());
-    limits.push_back(*limit);
+    if (*limit) limits.push_back(**limit);
     if (known != defaults.end()) defaults.erase(known);
   }
   for (const SoftLimit& each : defaults) {
     const auto limit = limitOf(each.resource, nullptr, each.soft);
     if (!limit) return std::unexpected(limit.error());
-    limits.push_back(*limit);
+    if (*limit) limits.push_back(**limit);
   }
   return limits;
 }

@@ -10,8 +10,8 @@
 namespace jobhost {
 
 // The limits to set in a job's process: the job's own, and for the other resources the default soft
-// limits within the host's hard ones. So the soft limits that the host was started with reach no
-// job.
+// limits within the host's hard ones, as far as the host's own differ. So the soft limits that the
+// host was started with reach no job.
 platform::Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
                                                    std::uint64_t originalDescriptorLimit);
 

@@ -76,6 +76,7 @@ class FakeProcesses final : public Processes {
 
   platform::Result<std::unique_ptr<JobProcess>> takeOver(const StartFields& identity,
                                                          OnEnd onEnd) override {
+    if (takeOverFailure) return std::unexpected(*takeOverFailure);
     const auto found = processes_.find(identity.process);
     if (found == processes_.end() || found->second.ended ||
         identity.startTicks != ticksOf(identity.process) ||
@@ -107,11 +108,8 @@ class FakeProcesses final : public Processes {
     return found;
   }
 
-  void abandon(const std::string& label) override {
-    for (const auto& [process, marked] : marked_) {
-      if (marked.label == label) abandoned_.insert(process);
-    }
-  }
+  // The kill of a tree leaves them alone in any case.
+  void abandon(const std::string&) override {}
   void discard(const std::string& label) override {
     if (hasControlGroups) killTree(label);
     discarded.push_back(label);
@@ -192,6 +190,7 @@ class FakeProcesses final : public Processes {
   bool hasControlGroups = false;           // of which nothing can hide
   int searches = 0;
   std::optional<platform::Error> searchFailure;
+  std::optional<platform::Error> takeOverFailure;
   bool hidesMarks = false;  // as of another boot
 
  private:
@@ -243,7 +242,9 @@ class FakeProcesses final : public Processes {
         : processes_(processes),
           marked_(processes.marked_.at(process)),
           identity_{process, 0, processes.ticksOf(process), processes.inodeOf(process),
-                    marked_.startedAt} {}
+                    marked_.startedAt} {
+      identity_.abandonsGroup = marked_.isAbandoned ? 1 : 0;
+    }
 
     const std::string& label() const override { return marked_.label; }
     const StartFields& identity() const override { return identity_; }
@@ -257,7 +258,7 @@ class FakeProcesses final : public Processes {
    private:
     FakeProcesses& processes_;
     const MarkOf marked_;
-    const StartFields identity_;
+    StartFields identity_;
   };
 
   struct Process {
@@ -301,7 +302,7 @@ class FakeProcesses final : public Processes {
   // As the kernel kills the processes of a control group.
   void killTree(const std::string& label) {
     for (const auto& [process, marked] : marked_) {
-      if (marked.label != label || abandoned_.contains(process) || !obeysKill) continue;
+      if (marked.label != label || marked.isAbandoned || !obeysKill) continue;
       members_.erase(process);
       if (!isAlive(process)) continue;
       end(process, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, SIGKILL});
@@ -344,7 +345,6 @@ class FakeProcesses final : public Processes {
   std::map<platform::ProcessId, Process> processes_;
   std::map<platform::ProcessId, MarkOf> marked_;
   std::set<platform::ProcessId> members_;
-  std::set<platform::ProcessId> abandoned_;
   std::set<platform::ProcessId> reused_;
 };
 

@@ -20,6 +20,8 @@ namespace {
 
 // The prefix of a job's group. Without it, a label could mean one of the kernel's own files.
 constexpr std::string_view kJobPrefix = "job-";
+// That of its group for abandoned processes.
+constexpr std::string_view kAbandoningPrefix = "abandons-";
 constexpr std::string_view kAbandoned = "abandoned";
 constexpr std::string_view kPlain =
     "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
@@ -27,8 +29,8 @@ constexpr std::string_view kPlain =
 constexpr char kHashed = '~';
 constexpr std::size_t kMaximumNameBytes = 200;
 
-std::string groupNameOf(std::string_view label) {
-  std::string name(kJobPrefix);
+std::string groupNameOf(std::string_view label, bool abandonsGroup = false) {
+  std::string name(abandonsGroup ? kAbandoningPrefix : kJobPrefix);
   for (const char character : label) {
     if (kPlain.find(character) != kPlain.npos) {
       name += character;
@@ -79,11 +81,22 @@ JobGroups::~JobGroups() {
   ControlGroup(folder_).remove();
 }
 
-ControlGroup JobGroups::of(std::string_view label) const {
-  return ControlGroup(fmt::format("{}/{}", folder_, groupNameOf(label)));
+ControlGroup JobGroups::of(std::string_view label, bool abandonsGroup) const {
+  return ControlGroup(fmt::format("{}/{}", folder_, groupNameOf(label, abandonsGroup)));
+}
+
+std::string JobGroups::nameOf(const ControlGroup& group) const {
+  const std::string& path = group.folder();
+  const std::size_t end = path.rfind('/');
+  return path.compare(0, end, folder_) == 0 ? path.substr(end + 1) : path;
+}
+
+ControlGroup JobGroups::named(const std::string& name) const {
+  return ControlGroup(name.starts_with('/') ? name : fmt::format("{}/{}", folder_, name));
 }
 
 Result<platform::UniqueFd> JobGroups::open(const ControlGroup& group) {
+  discarded_.erase(group.folder());
   if (outworn_.contains(group.folder()) && group.remove()) outworn_.erase(group.folder());
   auto opened = group.open();
   if (opened || opened.error().code != ErrorCode::kNotFound) return opened;
@@ -100,17 +113,21 @@ Result<void> JobGroups::kill(const ControlGroup& group) {
 std::optional<ControlGroup> JobGroups::holding(const std::string& process) const {
   const std::string folder =
       hierarchy_.folderOf(platform::contentOfKernelFile(fmt::format("/proc/{}/cgroup", process)));
-  const std::string prefix = fmt::format("/{}/{}", name_, kJobPrefix);
-  const std::size_t begin = folder.find(prefix);
-  if (begin == folder.npos) return std::nullopt;
-  // The process may be in a group below the job's.
-  return ControlGroup(folder.substr(0, folder.find('/', begin + prefix.size())));
+  for (const std::string_view kind : {kJobPrefix, kAbandoningPrefix}) {
+    const std::string prefix = fmt::format("/{}/{}", name_, kind);
+    const std::size_t begin = folder.find(prefix);
+    if (begin == folder.npos) continue;
+    // The process may be in a group below the job's.
+    return ControlGroup(folder.substr(0, folder.find('/', begin + prefix.size())));
+  }
+  return std::nullopt;
 }
 
 std::optional<std::string> JobGroups::labelOf(const ControlGroup& group) {
   std::string_view name = group.folder();
-  name.remove_prefix(name.rfind('/') + 1 + kJobPrefix.size());
-  if (name.find(kHashed) != name.npos) return std::nullopt;
+  name.remove_prefix(name.rfind('/') + 1);
+  if (!name.starts_with(kJobPrefix) || name.find(kHashed) != name.npos) return std::nullopt;
+  name.remove_prefix(kJobPrefix.size());
   std::string label;
   for (std::size_t i = 0; i < name.size(); ++i) {
     unsigned byte = 0;
@@ -125,21 +142,26 @@ std::optional<std::string> JobGroups::labelOf(const ControlGroup& group) {
 
 void JobGroups::discard(std::string_view label) {
   discard(of(label));
+  const ControlGroup abandoning = of(label, true);
+  if (!abandoning.remove()) discarded_.insert(abandoning.folder());
   removeDiscarded();
 }
 
 void JobGroups::discardOthers(const std::vector<std::string>& labels) {
   std::unordered_set<std::string> kept;
-  for (const std::string& label : labels) kept.insert(groupNameOf(label));
+  for (const std::string& label : labels) {
+    kept.insert(groupNameOf(label));
+    kept.insert(groupNameOf(label, true));
+  }
   std::vector<std::string> others;
   static_cast<void>(platform::eachNameInFolder(folder_, [&](std::string_view name) {
-    if (name.starts_with(kJobPrefix) && !kept.contains(std::string(name))) {
-      others.emplace_back(name);
-    }
+    if (!kept.contains(std::string(name))) others.emplace_back(name);
     return true;
   }));
   for (const std::string& name : others) {
-    discard(ControlGroup(fmt::format("{}/{}", folder_, name)));
+    const ControlGroup group(fmt::format("{}/{}", folder_, name));
+    if (name.starts_with(kJobPrefix)) discard(group);
+    if (name.starts_with(kAbandoningPrefix)) group.remove();
   }
 }
 
@@ -151,7 +173,7 @@ void JobGroups::discard(const ControlGroup& group) {
 }
 
 void JobGroups::abandon(std::string_view label) {
-  const ControlGroup group = of(label);
+  const ControlGroup group = of(label, true);
   if (group.processes().empty()) return;
   const ControlGroup abandoned(fmt::format("{}/{}", folder_, kAbandoned));
   if (open(abandoned)) group.moveAllTo(abandoned);

@@ -49,6 +49,7 @@ Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view
   std::from_chars(number.data(), number.data() + number.size(), identity.process);
   identity.startTicks = startTicksIn(stat.data(), stat.size());
   identity.startedAt = mark->startedAt;
+  identity.abandonsGroup = mark->abandonsGroup ? 1 : 0;
   // A descendant that its job abandons is nobody's.
   if (mark->abandonsGroup && mark->leader != identity.process) return nullptr;
   if (!isWanted({mark->label, identity.process, static_cast<platform::ProcessId>(membership->group),

@@ -26,6 +26,7 @@ constexpr unsigned kToProcessGroup = 1U << 2;
 }  // namespace
 
 LinuxProcess::~LinuxProcess() {
+  if (isDestroyed_) *isDestroyed_ = true;
   if (!children_) return;
   // If it lives, it is an orphan from now on.
   children_->erase(identity_.process);
@@ -62,10 +63,13 @@ void LinuxProcess::ended() {
   source_.reset();
   const auto end = platform::endOfChild(pidfd_.get());
   auto onEnd = std::exchange(onEnd_, nullptr);
-  const std::weak_ptr<bool> alive = alive_;
+  const auto isDestroyed = std::make_shared<bool>(false);
+  isDestroyed_ = isDestroyed;
   // Reaped afterwards: until then nothing else can get the number of the group.
   onEnd(end ? Ending(ProcessEnd(end->status, end->dumpedCore)) : std::nullopt);
-  if (!alive.expired()) reap();
+  if (*isDestroyed) return;
+  isDestroyed_.reset();
+  reap();
 }
 
 void LinuxProcess::reap() {
@@ -94,7 +98,7 @@ Result<void> LinuxProcess::signalGroup(int signal) {
 }
 
 Result<void> LinuxProcess::killTree() {
-  const auto killed = controlGroup_ ? groups_->kill(*controlGroup_) : Result<void>();
+  const auto killed = groups_ ? groups_->kill(controlGroup()) : Result<void>();
   const auto sent = signalGroup(SIGKILL);
   return sent ? killed : sent;
 }
@@ -113,13 +117,13 @@ Result<void> LinuxProcess::signalLeader(int signal) {
 
 bool LinuxProcess::hasRemainingProcesses() {
   if (!hasEnded()) return false;
-  if (controlGroup_ && controlGroup_->isPopulated()) return true;
+  if (groups_ && controlGroup().isPopulated()) return true;
   return sendToGroup(0) != ESRCH && groupRemains(identity_);
 }
 
 std::optional<platform::JobTree> LinuxProcess::tree() const {
-  if (!controlGroup_) return std::nullopt;
-  const auto use = controlGroup_->use();
+  if (!groups_) return std::nullopt;
+  const auto use = controlGroup().use();
   platform::JobTree tree{.processes = static_cast<std::int64_t>(use.processes),
                          .cpuTime = use.cpuTime,
                          .memoryBytes = {}};

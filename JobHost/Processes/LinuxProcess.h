@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <unordered_set>
 #include <utility>
 
@@ -29,9 +30,9 @@ class LinuxProcess final : public JobProcess {
   // This process's child, which is in `children` until it has been reaped.
   void becomeParent(Numbers& children);
   // The process is in this group of `groups`, which outlive it.
-  void setControlGroup(JobGroups& groups, platform::ControlGroup group) {
+  void setControlGroup(JobGroups& groups, const platform::ControlGroup& group) {
     groups_ = &groups;
-    controlGroup_ = std::move(group);
+    groupName_ = groups.nameOf(group);
   }
 
   const StartFields& identity() const override { return identity_; }
@@ -45,19 +46,20 @@ class LinuxProcess final : public JobProcess {
 
  private:
   bool hasEnded() const;
+  platform::ControlGroup controlGroup() const { return groups_->named(groupName_); }
   void ended();
   void reap();
   int sendToGroup(int signal) const;
 
   const StartFields identity_;
   platform::UniqueFd pidfd_;
-  JobGroups* groups_ = nullptr;
-  std::optional<platform::ControlGroup> controlGroup_;  // empty if its job has none
+  JobGroups* groups_ = nullptr;  // null if it has no group
+  std::string groupName_;
   Numbers* children_ = nullptr;  // null if it is another process's child, or was reaped
   OnEnd onEnd_;
   std::unique_ptr<platform::RunLoopHandle> source_;  // Destroyed before the descriptor.
-  // Expires with this, which the callback of the end may destroy.
-  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  // Set while the callback of the end runs, which may destroy this.
+  std::shared_ptr<bool> isDestroyed_;
 };
 
 }  // namespace jobhost

@@ -56,7 +56,7 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
   std::optional<platform::ControlGroup> group;
   UniqueFd groupFolder;
   if (groups_) {
-    group = groups_->of(job.label);
+    group = groups_->of(job.label, job.abandonsProcessGroup);
     // Without its group, the process is known by its process group and its mark.
     if (auto opened = groups_->open(*group)) groupFolder = *std::move(opened);
     if (groups_->haveWeights()) group->setWeight(priorityOf(job).weight);
@@ -67,7 +67,7 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
   std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);
   if (spawned->isKilledInGroup) groups_->replaceSoon(*group);
   auto process = std::make_unique<LinuxProcess>(identity, std::move(spawned->pidfd));
-  if (spawned->isInGroup) process->setControlGroup(*groups_, *std::move(group));
+  if (spawned->isInGroup) process->setControlGroup(*groups_, *group);
   process->becomeParent(children_);
   if (auto watched = process->watch(loop_, std::move(onEnd)); !watched) {
     // Its end would never be reported.
@@ -100,7 +100,7 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::takeOver(const StartFields& 
   if (!isSame) return std::unexpected(Error{ErrorCode::kNotFound, 0, what + ": it has gone"});
   auto process = std::make_unique<LinuxProcess>(identity, std::move(pidfd));
   auto group = groups_ ? groups_->holding(std::to_string(identity.process)) : std::nullopt;
-  if (group) process->setControlGroup(*groups_, *std::move(group));
+  if (group) process->setControlGroup(*groups_, *group);
   if (auto watched = process->watch(loop_, std::move(onEnd)); !watched) {
     return std::unexpected(std::move(watched.error()));
   }

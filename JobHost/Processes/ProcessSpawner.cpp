@@ -6,6 +6,7 @@
 extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -19,6 +20,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -268,6 +270,23 @@ bool hasDefaultOomScore() {
          text[0] == '0';
 }
 
+// Whether this process has exactly the ids and groups of its account.
+bool hasIdsOf(const JobAccount& account) {
+  uid_t users[3];
+  gid_t groups[3];
+  if (::getresuid(&users[0], &users[1], &users[2]) != 0) return false;
+  if (::getresgid(&groups[0], &groups[1], &groups[2]) != 0) return false;
+  if (std::ranges::count(users, account.user) != 3) return false;
+  if (std::ranges::count(groups, account.group) != 3) return false;
+  const int count = ::getgroups(0, nullptr);
+  std::vector<gid_t> now(static_cast<std::size_t>(std::max(count, 0)));
+  if (count < 0 || ::getgroups(count, now.data()) != count) return false;
+  std::vector<gid_t> wanted = account.groups;
+  std::ranges::sort(now);
+  std::ranges::sort(wanted);
+  return now == wanted;
+}
+
 timespec timespecOf(platform::Duration duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
   return {seconds.count(), (duration - seconds).count()};
@@ -329,6 +348,7 @@ Result<ProcessSpawner> ProcessSpawner::create(std::uint64_t originalDescriptorLi
   auto own = lookUpAccount({}, {});
   if (!own) return std::unexpected(std::move(own.error()));
   spawner.ownAccount_ = *std::move(own);
+  spawner.hasItsIds_ = hasIdsOf(spawner.ownAccount_);
   UniqueFd null(::open(kNull, O_RDWR | O_CLOEXEC | O_NOCTTY));
   if (!null) return std::unexpected(systemError("opening /dev/null"));
   spawner.null_ = std::move(null);
@@ -350,6 +370,7 @@ ProcessSpawner::ProcessSpawner(ProcessSpawner&& other) noexcept
       resetsOomScore_(other.resetsOomScore_),
       signalsToReset_(other.signalsToReset_),
       ownAccount_(std::move(other.ownAccount_)),
+      hasItsIds_(other.hasItsIds_),
       null_(std::move(other.null_)),
       stack_(std::exchange(other.stack_, nullptr)) {}
 
@@ -389,6 +410,9 @@ Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const Start
   child.startRecordSize = ticket.record.size();
   child.hasUniquePidfds = hasUniquePidfds_;
   child.resetsOomScore = resetsOomScore_;
+  // The process inherits these. Setting them once more would make each restart slower.
+  child.resetsScheduler = ::sched_getscheduler(0) != SCHED_OTHER;
+  if (isOwn && hasItsIds_) child.changesIds = false;
   child.signalsToReset = signalsToReset_;
   child.continueAfter = timespecOf(kContinueAfter);
   child.startTimeOut = timespecOf(startTimeOut_);

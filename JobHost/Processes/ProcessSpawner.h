@@ -67,6 +67,7 @@ class ProcessSpawner {
   std::uint64_t signalsToReset_ = 0;
   // The host's own account, which most jobs run as. It stays the same while the host runs.
   JobAccount ownAccount_;
+  bool hasItsIds_ = false;   // A process of this account inherits them.
   platform::UniqueFd null_;  // /dev/null, for most standard files
   void* stack_ = nullptr;    // for the child, until it executes its program
 };

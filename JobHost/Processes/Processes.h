@@ -120,12 +120,13 @@ class Processes {
   virtual platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) = 0;
 
-  // The processes in the label's control group are nobody's from now on. No later process of the
-  // job shares their group. Does nothing where there are no control groups.
+  // The processes of the label that it abandons are nobody's from now on. If they stay in its
+  // control group because a step fails, they are not killed either. Does nothing where there are no
+  // control groups.
   virtual void abandon(const std::string& label) = 0;
 
-  // Kills what is in the label's control group, and removes the group. For a job that is no more,
-  // or has no process.
+  // Kills what is in the label's control group, but not what it abandons, and removes the group.
+  // For a job that is no more, or has no process.
   virtual void discard(const std::string& label) = 0;
   // The same for all labels but these.
   virtual void discardOthers(const std::vector<std::string>& labels) = 0;

@@ -131,7 +131,7 @@ bool setLimits(SpawnedChild& child) {
 void resetSurroundings(const SpawnedChild& child) {
   ::syscall(SYS_umask, child.umask);
   const sched_param noPriority{};
-  ::syscall(SYS_sched_setscheduler, 0, SCHED_OTHER, &noPriority);
+  if (child.resetsScheduler) ::syscall(SYS_sched_setscheduler, 0, SCHED_OTHER, &noPriority);
   ::syscall(SYS_ioprio_set, kIoPriorityOfProcess, 0, child.ioPriority);
   // Keys of the session in which the host was started are not the job's.
   ::syscall(SYS_keyctl, KEYCTL_JOIN_SESSION_KEYRING, nullptr);

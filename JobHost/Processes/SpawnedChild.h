@@ -62,6 +62,7 @@ struct SpawnedChild {
   int nice;        // 0 for the default
   int ioPriority;  // 0 for the default
   bool resetsOomScore;
+  bool resetsScheduler;
 
   // The signals that may not have their default action. Bit 0 is signal 1.
   std::uint64_t signalsToReset;

@@ -337,8 +337,10 @@ Result<void> StateFile::appendRemovedByClient(std::string_view label) {
 }
 
 std::vector<std::uint8_t> StateFile::makeStartRecord(std::string_view label,
-                                                     platform::Instant startedAt) {
+                                                     platform::Instant startedAt,
+                                                     bool abandonsGroup) {
   StartFields fields;
+  fields.abandonsGroup = abandonsGroup ? 1 : 0;
   fields.startedAt = startedAt.time_since_epoch().count();
   return makeRecord(RecordKind::kStarted, startPayload(fields, label), boot_);
 }

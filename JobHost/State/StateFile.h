@@ -97,7 +97,8 @@ class StateFile {
   platform::Result<void> appendRemovedByClient(std::string_view label);
 
   // Makes the record of a start at `startedAt`, which the process itself completes and appends.
-  std::vector<std::uint8_t> makeStartRecord(std::string_view label, platform::Instant startedAt);
+  std::vector<std::uint8_t> makeStartRecord(std::string_view label, platform::Instant startedAt,
+                                            bool abandonsGroup = false);
   // Without a file if the record can't be appended. `writeError` outlives the start.
   StartTicket ticketFor(std::span<std::uint8_t> record, int* writeError = nullptr);
   // Accounts for the record after its process was started, and returns its fields. `writeError` is

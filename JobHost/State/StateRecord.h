@@ -32,12 +32,18 @@ enum class RecordKind : std::uint32_t {
 // number in this boot.
 struct StartFields {
   std::int32_t process = 0;
-  std::uint32_t reserved = 0;
+  // Not 0 if the definition that it was started with has "AbandonProcessGroup".
+  std::uint32_t abandonsGroup = 0;
   std::uint64_t startTicks = 0;  // since boot, in the unit of /proc/PID/stat
   std::uint64_t pidfdInode = 0;  // 0 if the kernel has no unique ones
   std::int64_t startedAt = 0;    // by the run loop's clock
 
   bool operator==(const StartFields&) const = default;
+  // Not every source of an identity tells `abandonsGroup`.
+  bool isSameProcessAs(const StartFields& other) const {
+    return process == other.process && startTicks == other.startTicks &&
+           pidfdInode == other.pidfdInode && startedAt == other.startedAt;
+  }
 };
 
 struct EndFields {

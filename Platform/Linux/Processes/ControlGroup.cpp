@@ -117,8 +117,14 @@ Result<UniqueFd> ControlGroup::open() const {
 }
 
 bool ControlGroup::isPopulated() const {
-  if (::access(folder_.c_str(), F_OK) != 0 && errno == ENOENT) return false;
-  return contentOfKernelFile(folder_ + "/cgroup.events").find("populated 0") == std::string::npos;
+  // Each end of a leader costs this, so it is one short read.
+  const std::string path = folder_ + "/cgroup.events";
+  const UniqueFd file(retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+  if (!file) return errno != ENOENT;
+  char bytes[128];
+  const ssize_t count = retryOnInterrupt([&] { return ::read(file.get(), bytes, sizeof bytes); });
+  const std::string_view text(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  return text.find("populated 0") == text.npos;
 }
 
 std::vector<ProcessId> ControlGroup::processes() const {

@@ -82,6 +82,11 @@ TEST(ControlGroupTest, OnlyControllersThatAreThereAreHandedDown) {
   folder.write("cpu.weight", "");
   group.setWeight(20);
   EXPECT_EQ(contentOfFile(folder.path("cpu.weight")), "20");
+  folder.write("cgroup.controllers", "io\n");
+  folder.write("io.weight", "");
+  EXPECT_TRUE(group.handControllersDown());
+  group.setWeight(500);
+  EXPECT_EQ(contentOfFile(folder.path("io.weight")), "500");
 }
 
 TEST(ControlGroupTest, MemoryIsToldIfItIsCounted) {
