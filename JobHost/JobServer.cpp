@@ -119,7 +119,7 @@ void JobServer::serveAllowed(ClientId client, PeerMessage message) {
                   label ? MessageResult(host_.copy(*label)) : wrongArgument(message, "a label"));
   }
   if (message.selector == kAwaitJobStartsMessage) {
-    return clients_.at(client).starts.await(std::move(message.reply));
+    return awaitStarts(clients_.at(client).starts, std::move(message.reply));
   }
   answer(message.reply,
          std::unexpected(NSException{kNSInvalidArgumentException,
@@ -150,6 +150,17 @@ void JobServer::remove(PeerMessage message) {
     log.asl_log(nullptr, ASL_LEVEL_ERR, outcome.error().localizedDescription);
   });
   answer(message.reply, Value());
+}
+
+// A program may have changed while the client had no connection, or under an earlier host. Nobody
+// else would tell it.
+void JobServer::awaitStarts(StartSubscription& starts, std::unique_ptr<PeerReply> reply) {
+  const bool isFirstRequest = !starts.isActive();
+  starts.await(std::move(reply));
+  if (!isFirstRequest) return;
+  for (const std::string& label : host_.labelsOfChangedPrograms()) {
+    starts.started(label, kNoProcess);
+  }
 }
 
 Value JobServer::copyStatesAfter(std::string label, std::size_t most) {

@@ -18,6 +18,9 @@ class StartSubscription {
   // Answers now if a process was started since the last answer, and otherwise at the next start.
   void await(std::unique_ptr<platform::PeerReply> reply);
 
+  // Whether there was a first await().
+  bool isActive() const { return isActive_; }
+
   // A process was started, or, if it is kNoProcess, could not be started. Ignored before the first
   // await(). Dropped if the client has left too many labels unread.
   void started(const std::string& label, platform::ProcessId process);

@@ -21,10 +21,11 @@ constexpr std::size_t kHashBytes = 32;
 
 CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
   const auto file = openRegularFile(item.path);
-  if (!file && file.error().osError != 0) {
-    return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
+  if (!file &&
+      (file.error().code == ErrorCode::kNotFound || file.error().code == ErrorCode::kInvalid)) {
+    return changedMeanwhile(describe(file.error()));  // It was a regular file a moment ago.
   }
-  if (!file) return refuseResource(describe(file.error()));
+  if (!file) return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
   if (static_cast<std::uint64_t>(file->status.st_size) != item.size) {
     return changedMeanwhile(item.path + ": was changed while it was looked at");
   }

@@ -28,17 +28,18 @@ VerifiedFile verifiedFileOf(const SignedProgram& program, const struct stat& sta
   return file;
 }
 
-}  // namespace
-
-CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
-                                              const VerificationContext& context) {
-  FileFacts facts;
+// Notes in `facts` on what the verdict is based, also if it fails.
+CodeSigningResult<VerifiedCode> verifyWithFacts(const std::string& path,
+                                                const VerificationContext& context,
+                                                FileFacts& facts) {
   if (auto trusted = context.place.check(path, facts); !trusted) {
     return std::unexpected(trusted.error());
   }
+  const struct stat before = facts.back().status;
   auto program = openSignedProgram(path);
   if (!program) return std::unexpected(program.error());
-  if (!isSameState(facts.back().status, program->status)) {
+  facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
+  if (!isSameState(before, program->status)) {
     return changedMeanwhile(path + ": was replaced while it was looked at");
   }
   const auto isSeal =
@@ -59,11 +60,10 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   if (::fstat(program->file.get(), &after) != 0) {
     return std::unexpected(failureOfSystemCall(path, errno));
   }
-  if (!isSameState(facts.back().status, after)) {
+  if (!isSameState(before, after)) {
     return changedMeanwhile(path + ": was changed while it was read");
   }
-  facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
-  VerifiedCode code{*std::move(signature), std::move(facts)};
+  VerifiedCode code{*std::move(signature), facts};
   code.program = verifiedFileOf(*program, after, context.now);
   code.program->digestName = code.signature.statement.digest;
   code.program->digest = std::move(digested);
@@ -74,6 +74,16 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   code.facts.insert(code.facts.end(), sealed->facts.begin(), sealed->facts.end());
   code.signature.notBefore = std::max(code.signature.notBefore, sealed->signature.notBefore);
   code.signature.notAfter = std::min(code.signature.notAfter, sealed->signature.notAfter);
+  return code;
+}
+
+}  // namespace
+
+CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
+                                              const VerificationContext& context) {
+  FileFacts facts;
+  auto code = verifyWithFacts(path, context, facts);
+  if (!code) return std::unexpected(failureOfCheck(code.error(), facts, path));
   return code;
 }
 
