@@ -1,6 +1,7 @@
 #include "JobHost/Processes/ProgramFile.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 
 #include <fcntl.h>
@@ -74,7 +75,8 @@ TEST_F(ProgramFileTest, AChangeBeforeTheLeaseIsFound) {
       SYS_openat,
       [&](const platform::InterceptedCall& call) {
         // The file has been found and compared.
-        if (call.pathAt(1).starts_with("/proc/self/fd/")) ::chmod(path.c_str(), 0700);
+        const bool isFound = call.pathAt(1).starts_with("/proc/self/fd/");
+        if (isFound) std::filesystem::resize_file(path, verified.size + 1);
         return 0;
       },
       [&] { program = ProgramFile::open(path, verified); });
