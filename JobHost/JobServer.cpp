@@ -152,15 +152,9 @@ void JobServer::remove(PeerMessage message) {
   answer(message.reply, Value());
 }
 
-// A program may have changed while the client had no connection, or under an earlier host. Nobody
-// else would tell it.
 void JobServer::awaitStarts(StartSubscription& starts, std::unique_ptr<PeerReply> reply) {
-  const bool isFirstRequest = !starts.isActive();
+  if (!starts.hasBegun()) starts.begin(host_.labelsOfChangedPrograms());
   starts.await(std::move(reply));
-  if (!isFirstRequest) return;
-  for (const std::string& label : host_.labelsOfChangedPrograms()) {
-    starts.started(label, kNoProcess);
-  }
 }
 
 Value JobServer::copyStatesAfter(std::string label, std::size_t most) {
