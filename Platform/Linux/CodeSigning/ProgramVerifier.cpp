@@ -30,8 +30,14 @@ VerifiedFile verifiedFileOf(const SignedProgram& program, const struct stat& sta
 
 }  // namespace
 
-CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
-                                              const VerificationContext& context) {
+void dependOn(VerifiedCode& code, const VerifiedCode& part) {
+  code.facts.insert(code.facts.end(), part.facts.begin(), part.facts.end());
+  code.signature.notBefore = std::max(code.signature.notBefore, part.signature.notBefore);
+  code.signature.notAfter = std::min(code.signature.notAfter, part.signature.notAfter);
+}
+
+CodeSigningResult<VerifiedCode> verifyProgramAlone(const std::string& path,
+                                                   const VerificationContext& context) {
   FileFacts facts;
   if (auto trusted = context.place.check(path, facts); !trusted) {
     return std::unexpected(trusted.error());
@@ -67,13 +73,18 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   code.program = verifiedFileOf(*program, after, context.now);
   code.program->digestName = code.signature.statement.digest;
   code.program->digest = std::move(digested);
+  return code;
+}
+
+CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
+                                              const VerificationContext& context) {
+  auto code = verifyProgramAlone(path, context);
+  if (!code) return code;
   const std::string bundle = bundleAroundProgram(path);
   if (bundle.empty()) return code;
   const auto sealed = verifyBundle(bundle, context);
   if (!sealed) return std::unexpected(sealed.error());
-  code.facts.insert(code.facts.end(), sealed->facts.begin(), sealed->facts.end());
-  code.signature.notBefore = std::max(code.signature.notBefore, sealed->signature.notBefore);
-  code.signature.notAfter = std::min(code.signature.notAfter, sealed->signature.notAfter);
+  dependOn(*code, *sealed);
   return code;
 }
 
