@@ -6,6 +6,7 @@
 #include "Platform/Linux/CodeSigning/BundleContents.h"
 #include "Platform/Linux/CodeSigning/BundleSeal.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
@@ -83,10 +84,22 @@ CodeSigningResult<VerifiedCode> verifyBundleWithFacts(const std::string& path,
   if (auto trusted = checkPlaces(contents->facts, context.place); !trusted) {
     return std::unexpected(trusted.error());
   }
-  if (auto intact = checkBundleSeal(*seal, *contents, path); !intact) {
+  VerifiedCode code{*std::move(verified), facts};
+  const auto checkProgram = [&](const std::string& program,
+                                const std::string& identifier) -> CodeSigningResult<void> {
+    const auto alone = verifyProgramAlone(program, context);
+    if (!alone) return std::unexpected(alone.error());
+    if (alone->signature.statement.identifier != identifier) {
+      return refuse(errSecCSBadResource, program + ": the bundle was sealed with a program \"" +
+                                             identifier + "\", and this is another one");
+    }
+    dependOn(code, *alone);
+    return {};
+  };
+  if (auto intact = checkBundleSeal(*seal, *contents, path, checkProgram); !intact) {
     return std::unexpected(intact.error());
   }
-  return VerifiedCode{*std::move(verified), std::move(facts)};
+  return code;
 }
 
 }  // namespace

@@ -67,23 +67,34 @@ CodeSigningResult<VerifiedCode> verifyWithFacts(const std::string& path,
   code.program = verifiedFileOf(*program, after, context.now);
   code.program->digestName = code.signature.statement.digest;
   code.program->digest = std::move(digested);
-  const std::string bundle = bundleAroundProgram(path);
-  if (bundle.empty()) return code;
-  const auto sealed = verifyBundle(bundle, context);
-  if (!sealed) return std::unexpected(sealed.error());
-  code.facts.insert(code.facts.end(), sealed->facts.begin(), sealed->facts.end());
-  code.signature.notBefore = std::max(code.signature.notBefore, sealed->signature.notBefore);
-  code.signature.notAfter = std::min(code.signature.notAfter, sealed->signature.notAfter);
   return code;
 }
 
 }  // namespace
 
-CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
-                                              const VerificationContext& context) {
+void dependOn(VerifiedCode& code, const VerifiedCode& part) {
+  code.facts.insert(code.facts.end(), part.facts.begin(), part.facts.end());
+  code.signature.notBefore = std::max(code.signature.notBefore, part.signature.notBefore);
+  code.signature.notAfter = std::min(code.signature.notAfter, part.signature.notAfter);
+}
+
+CodeSigningResult<VerifiedCode> verifyProgramAlone(const std::string& path,
+                                                   const VerificationContext& context) {
   FileFacts facts;
   auto code = verifyWithFacts(path, context, facts);
   if (!code) return std::unexpected(failureOfCheck(code.error(), facts, path));
+  return code;
+}
+
+CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
+                                              const VerificationContext& context) {
+  auto code = verifyProgramAlone(path, context);
+  if (!code) return code;
+  const std::string bundle = bundleAroundProgram(path);
+  if (bundle.empty()) return code;
+  const auto sealed = verifyBundle(bundle, context);
+  if (!sealed) return std::unexpected(sealed.error());
+  dependOn(*code, *sealed);
   return code;
 }
 

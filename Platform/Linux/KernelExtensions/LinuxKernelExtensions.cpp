@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "Platform/Linux/SystemCalls/Shortage.h"
-#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/SystemFacts/LibraryPath.h"
 
 namespace platform {
 namespace {
@@ -54,7 +54,7 @@ LinuxKernelExtensions::LinuxKernelExtensions(const Environment& environment,
 
 std::vector<std::string> LinuxKernelExtensions::folders(const std::string& root,
                                                         const std::string& resourcePath) {
-  return {pathBelowRoot(root, "Library/Extensions"), resourcePath};
+  return {libraryPath(root, "Extensions"), resourcePath};
 }
 
 Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifier(
