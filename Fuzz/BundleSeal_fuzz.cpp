@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     return 0;
   }
   for (const auto& [path, item] : *seal) {
-    fuzz::require(item.sha256.empty() != item.linkText.empty(), "a file or a link");
+    const int kinds = !item.sha256.empty() + !item.linkText.empty() + !item.identifier.empty();
+    fuzz::require(kinds == 1, "a file, a link or a signed program");
     fuzz::require(item.sha256.empty() || item.sha256.size() == 32, "the size of a digest");
   }
   return 0;

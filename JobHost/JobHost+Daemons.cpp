@@ -1,4 +1,4 @@
-// The jobs that the files in Library/LaunchDaemons define.
+// The jobs that the files in the folder LaunchDaemons of the library define.
 
 #include <csignal>
 #include <string>
@@ -10,6 +10,7 @@
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
+#include "Platform/SystemFacts/LibraryPath.h"
 #include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
@@ -32,7 +33,9 @@ void JobHost::forgetMissingFiles(const DaemonFolder& folder) {
   std::erase_if(removedByClient_, [&](const std::string& label) { return !found.contains(label); });
 }
 
-std::string JobHost::daemonFolder() const { return options_.root + "/Library/LaunchDaemons"; }
+std::string JobHost::daemonFolder() const {
+  return platform::libraryPath(options_.root, "LaunchDaemons");
+}
 
 void JobHost::skip(const JobDefinition& definition, std::string_view why) {
   log(platform::ASL_LEVEL_NOTICE, fmt::format("job {}: its file is not loaded: {}",

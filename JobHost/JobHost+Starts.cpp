@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <csignal>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -180,6 +182,14 @@ void JobHost::startFailed(Job& job, const Error& error) {
   }
   const JobAction action = nextAction(job.phase, JobEvent::kStartFailed, true, false);
   static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
+}
+
+std::vector<std::string> JobHost::labelsOfChangedPrograms() const {
+  std::vector<std::string> labels;
+  for (const auto& [label, job] : jobs_) {
+    if (job.hasProgramChanged) labels.push_back(label);
+  }
+  return labels;
 }
 
 void JobHost::logFailedStart(Job& job, const Error& error) {

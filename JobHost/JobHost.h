@@ -131,6 +131,8 @@ class JobHost {
   // verified file any more. It may not call this.
   using ChangeHandler = std::function<void(const std::string& label)>;
   void setChangeHandler(ChangeHandler handler) { onProgramChanged_ = std::move(handler); }
+  // The labels of the jobs that wait for a submission for this reason.
+  std::vector<std::string> labelsOfChangedPrograms() const;
 
   // Every job's label, sorted.
   std::vector<std::string> labels() const { return labelsAfter({}, jobs_.size()); }

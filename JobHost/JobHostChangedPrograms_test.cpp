@@ -47,6 +47,7 @@ TEST_F(JobHostChangedPrograms, AKnownJobWaitsForASubmission) {
   endLast();
   EXPECT_THAT(changed_, ElementsAre("agent"));
   EXPECT_EQ(isChanged(), Value(true));
+  EXPECT_THAT(host_->labelsOfChangedPrograms(), ElementsAre("agent"));
   const auto attempts = processes_.attempts;
   verify();
   loop_.advanceBy(24h);
@@ -54,6 +55,7 @@ TEST_F(JobHostChangedPrograms, AKnownJobWaitsForASubmission) {
   ASSERT_TRUE(submit(agent()));
   EXPECT_EQ(starts(), 2u);
   EXPECT_EQ(isChanged(), Value());
+  EXPECT_THAT(host_->labelsOfChangedPrograms(), testing::IsEmpty());
 }
 
 TEST_F(JobHostChangedPrograms, ARefusedStartCountsForNoThrottle) {
@@ -84,6 +86,7 @@ TEST_F(JobHostChangedPrograms, TheNextHostDecidesForItself) {
   endLast();
   restartHost();
   EXPECT_EQ(isChanged(), Value(true));
+  EXPECT_THAT(host_->labelsOfChangedPrograms(), ElementsAre("agent"));
   verify();
   restartHost();
   EXPECT_EQ(isChanged(), Value());

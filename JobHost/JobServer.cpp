@@ -119,7 +119,7 @@ void JobServer::serveAllowed(ClientId client, PeerMessage message) {
                   label ? MessageResult(host_.copy(*label)) : wrongArgument(message, "a label"));
   }
   if (message.selector == kAwaitJobStartsMessage) {
-    return clients_.at(client).starts.await(std::move(message.reply));
+    return awaitStarts(clients_.at(client).starts, std::move(message.reply));
   }
   answer(message.reply,
          std::unexpected(NSException{kNSInvalidArgumentException,
@@ -150,6 +150,11 @@ void JobServer::remove(PeerMessage message) {
     log.asl_log(nullptr, ASL_LEVEL_ERR, outcome.error().localizedDescription);
   });
   answer(message.reply, Value());
+}
+
+void JobServer::awaitStarts(StartSubscription& starts, std::unique_ptr<PeerReply> reply) {
+  if (!starts.hasBegun()) starts.begin(host_.labelsOfChangedPrograms());
+  starts.await(std::move(reply));
 }
 
 Value JobServer::copyStatesAfter(std::string label, std::size_t most) {

@@ -51,6 +51,7 @@ class JobServer {
   void serveAllowed(ClientId client, platform::PeerMessage message);
   void submit(platform::PeerMessage message);
   void remove(platform::PeerMessage message);
+  void awaitStarts(StartSubscription& starts, std::unique_ptr<platform::PeerReply> reply);
   // Those of the jobs after this label, `most` at most.
   platform::Value copyStatesAfter(std::string label, std::size_t most);
 

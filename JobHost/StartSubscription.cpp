@@ -2,17 +2,23 @@
 
 #include <utility>
 
+#include "Platform/Linux/Jobs/JobHostMessages.h"
+
 namespace jobhost {
+
+void StartSubscription::begin(const std::vector<std::string>& changed) {
+  hasBegun_ = true;
+  for (const std::string& label : changed) started(label, platform::kNoProcess);
+}
 
 void StartSubscription::await(std::unique_ptr<platform::PeerReply> reply) {
   if (reply_) answer();
-  isActive_ = true;
   reply_ = std::move(reply);
   if (!unread_.empty()) answer();
 }
 
 void StartSubscription::started(const std::string& label, platform::ProcessId process) {
-  if (!isActive_) return;
+  if (!hasBegun_) return;
   if (unread_.size() >= kMaximumLabels && !unread_.contains(label)) return;
   unread_.set(label, process);
   if (reply_) answer();

@@ -1,6 +1,8 @@
 // The job host: runs until SIGTERM or SIGINT, and then ends its jobs. If it is killed, the next
-// host takes them over. It has no options.
+// host takes them over. At SIGHUP the installed program replaces it and takes them over. It has no
+// options.
 
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -19,6 +21,7 @@
 #include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
+#include "JobHost/Replacement.h"
 #include "JobHost/RuntimeFolders.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
@@ -26,8 +29,22 @@
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/SystemFacts/ProgramArguments.h"
 
 namespace {
+
+// How long the log may delay the host that replaces this one.
+constexpr platform::Duration kLogTime = std::chrono::milliseconds(500);
+
+constexpr std::string_view kHelp =
+    R"(Usage: jobhost [--help | --version]
+
+Starts the jobs in the LaunchDaemons folder of its platform root, keeps them and those that the
+service manager submits, and serves "servicemanagerctl jobs".
+
+SIGTERM and SIGINT end it and all jobs. SIGHUP replaces it by the program that is installed now; the
+jobs go on, as they do when it is killed. See jobhost(8).
+)";
 
 // Blocks SIGTERM and SIGINT while the host is created, when the loop, which handles them, does not
 // run. Tells whether one is pending. Must be made before there are other threads, which would
@@ -73,8 +90,10 @@ void reportDescriptorLimit(platform::SystemLog& log) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (const auto status = platform::answerArguments(argc, argv, kHelp)) return *status;
   std::optional<TerminationBlocked> blocked(std::in_place);
+  const jobhost::ReplacementRequests replacementRequests;
   auto made = platform::LinuxPlatform::make();
   if (!made) {
     platform::logFailedStart(made.error());
@@ -156,6 +175,28 @@ int main() {
   if (const auto announced = linux.readiness.announceReady(); !announced) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
                             platform::describe(announced.error()));
+  }
+  const auto replacement = replacementRequests.watch(*linux.runLoop, [&] {
+    if (isStopping) return;
+    static_cast<void>(linux.readiness.announceReloading());
+    linux.logSink.flush(kLogTime);
+    linux.readiness.returnToEnvironment();
+    const platform::Error error = jobhost::replaceProgram(linux.originalDescriptorLimit);
+    linux.readiness = platform::ServiceNotify::takeFromEnvironment();
+    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
+                            "the job host goes on as it is: " + platform::describe(error));
+    static_cast<void>(linux.readiness.announceReady());
+  });
+  if (!replacement) return fail(replacement.error());
+  const auto announceAlive = [&] {
+    static_cast<void>(
+        linux.readiness.announceAlive(fmt::format("keeps {} jobs", host->labels().size())));
+  };
+  std::unique_ptr<platform::RunLoopHandle> watchdog;
+  if (const auto time = linux.readiness.watchdogTime(); time.count() > 0) {
+    announceAlive();
+    watchdog =
+        linux.runLoop->startTimer(time / 2, platform::RunLoop::Repeat::kEvery, announceAlive);
   }
   linux.runLoop->run();
   return EXIT_SUCCESS;

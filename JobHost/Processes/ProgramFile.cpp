@@ -1,12 +1,10 @@
 #include "JobHost/Processes/ProgramFile.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <span>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -15,6 +13,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/Digests/ContentHash.h"
+#include "Platform/Linux/Files/FilePieces.h"
 #include "Platform/Linux/Files/FileProtection.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -29,8 +28,6 @@ using platform::ErrorCode;
 using platform::Result;
 using platform::UniqueFd;
 using platform::VerifiedFile;
-
-constexpr std::uint64_t kCopiedAtOnce = 64 * 1024;
 
 std::unexpected<Error> changed(const std::string& path, std::string_view why) {
   return std::unexpected(
@@ -67,23 +64,26 @@ Result<ContentHash> newHash(const VerifiedFile& verified, const std::string& pat
   return ContentHash::create(kind, path);
 }
 
-Result<bool> hasDigest(ContentHash& hash, const VerifiedFile& verified) {
-  const auto digest = hash.finish();
-  if (!digest) return std::unexpected(digest.error());
-  return *digest == verified.digest;
+std::unexpected<Error> failureOfReading(const Error& error, const std::string& path) {
+  if (error.code != ErrorCode::kInvalid) return std::unexpected(error);
+  return changed(path, "has become shorter since it was verified");
 }
 
-Result<void> compareDigest(int file, const VerifiedFile& verified, const std::string& path) {
+Result<void> compareDigest(ContentHash& hash, const VerifiedFile& verified,
+                           const std::string& path) {
+  const auto digest = hash.finish();
+  if (!digest) return std::unexpected(digest.error());
+  if (*digest != verified.digest) return changed(path, "has been changed since it was verified");
+  return {};
+}
+
+Result<void> compareContent(int file, const VerifiedFile& verified, const std::string& path) {
   auto hash = newHash(verified, path);
   if (!hash) return std::unexpected(hash.error());
   if (auto added = hash->addFrom(file, 0, verified.digestedBytes); !added) {
-    if (added.error().code != ErrorCode::kInvalid) return added;
-    return changed(path, "has become shorter since it was verified");
+    return failureOfReading(added.error(), path);
   }
-  const auto same = hasDigest(*hash, verified);
-  if (!same) return std::unexpected(same.error());
-  if (!*same) return changed(path, "has been changed since it was verified");
-  return {};
+  return compareDigest(*hash, verified, path);
 }
 
 Result<UniqueFd> makeSealable(const std::string& path) {
@@ -111,22 +111,14 @@ Result<void> writeAll(int file, std::span<const std::uint8_t> bytes, const std::
 Result<void> copyContent(int from, int to, const VerifiedFile& verified, const std::string& path) {
   auto hash = newHash(verified, path);
   if (!hash) return std::unexpected(hash.error());
-  std::vector<std::uint8_t> piece(std::min(kCopiedAtOnce, verified.digestedBytes));
-  for (std::uint64_t at = 0; at < verified.digestedBytes;) {
-    const std::uint64_t wanted = std::min<std::uint64_t>(piece.size(), verified.digestedBytes - at);
-    const ssize_t count = platform::retryOnInterrupt(
-        [&] { return ::pread(from, piece.data(), wanted, static_cast<off_t>(at)); });
-    if (count < 0) return std::unexpected(platform::systemError(path));
-    if (count == 0) return changed(path, "has become shorter since it was verified");
-    const auto bytes = std::span(piece).first(static_cast<std::size_t>(count));
-    if (auto added = hash->add(bytes); !added) return added;
-    if (auto written = writeAll(to, bytes, path); !written) return written;
-    at += bytes.size();
+  const auto take = [&](std::span<const std::uint8_t> piece) {
+    const auto added = hash->add(piece);
+    return added ? writeAll(to, piece, path) : added;
+  };
+  if (auto read = platform::readPieces(from, 0, verified.digestedBytes, path, take); !read) {
+    return failureOfReading(read.error(), path);
   }
-  const auto same = hasDigest(*hash, verified);
-  if (!same) return std::unexpected(same.error());
-  if (!*same) return changed(path, "has been changed since it was verified");
-  return {};
+  return compareDigest(*hash, verified, path);
 }
 
 Result<UniqueFd> sealedCopy(int script, const VerifiedFile& verified, const std::string& path) {
@@ -175,7 +167,7 @@ Result<ProgramFile> ProgramFile::open(const std::string& path, const VerifiedFil
     if (verified.digestedBytes > kMaximumYoungBytes) {
       return changed(path, "was changed too shortly before it was verified");
     }
-    if (auto same = compareDigest(file, verified, path); !same) {
+    if (auto same = compareContent(file, verified, path); !same) {
       return std::unexpected(same.error());
     }
   }

@@ -1,15 +1,18 @@
 #include "JobHost/Processes/ProgramFile.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <string>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "JobHost/Processes/VerifiedProgram_fixture.h"
+#include "Platform/Testing/Machine/InterceptedSystemCall.h"
 
 namespace jobhost {
 namespace {
@@ -62,6 +65,49 @@ TEST_F(ProgramFileTest, AChangeThatLeavesTheTimesIsFoundByTheDigest) {
   EXPECT_EQ(codeOf(jobOf(path, verified)), ErrorCode::kChanged);
   verified.isSettled = true;
   EXPECT_EQ(outputOf(jobOf(path, verified)), "text\n");
+}
+
+TEST_F(ProgramFileTest, AChangeBeforeTheLeaseIsFound) {
+  const std::string path = makeProgram("program");
+  const VerifiedFile verified = verify(path);
+  platform::Result<ProgramFile> program = std::unexpected(platform::Error{});
+  platform::withInterceptedSystemCall(
+      SYS_openat,
+      [&](const platform::InterceptedCall& call) {
+        // The file has been found and compared.
+        const bool isFound = call.pathAt(1).starts_with("/proc/self/fd/");
+        if (isFound) std::filesystem::resize_file(path, verified.size + 1);
+        return 0;
+      },
+      [&] { program = ProgramFile::open(path, verified); });
+  ASSERT_FALSE(program);
+  EXPECT_EQ(program.error().code, ErrorCode::kChanged);
+  EXPECT_THAT(program.error().context, HasSubstr("has been changed since it was verified"));
+}
+
+TEST_F(ProgramFileTest, AFileThatIsShorterThanItsDigestedPartDoesNotRun) {
+  for (const std::string& path :
+       {makeProgram("program"), make("script", "#!/bin/sh\necho one\n")}) {
+    VerifiedFile verified = verify(path, /*isSettled=*/false);
+    ++verified.digestedBytes;
+    EXPECT_EQ(codeOf(jobOf(path, verified)), ErrorCode::kChanged);
+    EXPECT_THAT(refusal(jobOf(path, verified)), HasSubstr("has become shorter"));
+  }
+}
+
+TEST_F(ProgramFileTest, AnUnknownDigestIsVerifiedAgain) {
+  const std::string path = makeProgram("program");
+  VerifiedFile verified = verify(path, /*isSettled=*/false);
+  verified.digestName = "unknown";
+  EXPECT_EQ(codeOf(jobOf(path, verified)), ErrorCode::kChanged);
+}
+
+TEST_F(ProgramFileTest, AFileThatHasLostItsVerityDoesNotRun) {
+  const std::string path = makeProgram("program");
+  VerifiedFile verified = verify(path);
+  verified.verity = {1};
+  EXPECT_EQ(codeOf(jobOf(path, verified)), ErrorCode::kChanged);
+  EXPECT_THAT(refusal(jobOf(path, verified)), HasSubstr("is not protected by the file system"));
 }
 
 TEST_F(ProgramFileTest, AYoungLargeProgramIsVerifiedAgain) {

@@ -12,7 +12,8 @@ class FileReader {
  public:
   virtual ~FileReader() = default;
 
-  // Whether a file of any kind exists at `path` and can be reached; follows symbolic links.
+  // Whether a file of any kind exists at `path` and can be reached; follows symbolic links. True if
+  // the system can't tell, so that nobody takes a file for removed because the disk has a fault.
   virtual bool fileExistsAtPath(const std::string& path) = 0;
 
   // The property list at `path`. Errors name the file and the place in it; their code is kNotFound

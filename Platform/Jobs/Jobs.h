@@ -93,11 +93,12 @@ class Jobs {
   using StartObserver = std::move_only_function<void(std::string_view label, Start start)>;
 
   // Calls `observer` after the host has started a process of any job, also after a throttle, and
-  // after it could not do so because the job's program has changed: on the
-  // run loop, never from inside a call of this object, and once for several starts of one job that
-  // happen before the loop turns. Destroying the handle ends that. Starts are lost while no host is
-  // connected (the observer then waits for the next host by itself) and while this program does not
-  // turn for very long, so an observer may only look earlier at what it would look at anyway.
+  // after it could not do so because the job's program has changed: on the run loop, never from
+  // inside a call of this object, and once for several starts of one job that happen before the
+  // loop turns. Destroying the handle ends that. Starts are lost while no host is connected (the
+  // observer then waits for the next host by itself) and while this program does not turn for very
+  // long, so an observer may only look earlier at what it would look at anyway. A job whose program
+  // has changed is reported again with each new connection to a host, until it is submitted.
   [[nodiscard]] virtual std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) = 0;
 };
 

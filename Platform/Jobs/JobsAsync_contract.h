@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Platform/Jobs/JobsFixture_contract.h"
+#include "Platform/Values/VerifiedFile.h"
 
 namespace platform {
 
@@ -85,6 +86,38 @@ TEST_P(JobsContract, ObserversSurviveARestartOfTheHost) {
     machine_->runBriefly();
   }
   EXPECT_GT(reports, before);
+}
+
+TEST_P(JobsContract, AChangedProgramIsReportedToEachNewConnection) {
+  const Dictionary restarted{{"ThrottleInterval", 0}};
+  submit(job(machine_->program(), restarted));
+  const ProcessId first = process();
+  VerifiedFile other;
+  other.digestName = "SHA256";
+  other.digest = {1};
+  Dictionary changed = restarted;
+  changed.set(kJobVerifiedProgramKey, textOfVerifiedFile(other));
+  submit(job(machine_->program(), changed));
+  machine_->kill(kLabel, first);
+  ASSERT_EQ(copy()[kJobProgramChangedKey], Value(true));
+  std::vector<std::string> reported;
+  const auto observation = jobs_.observeStarts([&](std::string_view label, Jobs::Start start) {
+    if (start == Jobs::Start::kProgramChanged) reported.emplace_back(label);
+  });
+  machine_->runUntil([&] { return !reported.empty(); });
+  machine_->stopHost();
+  machine_->startHost();
+  machine_->runUntil([&] { return reported.size() > 1; });
+  EXPECT_THAT(reported, testing::Each(kLabel));
+}
+
+TEST_P(JobsContract, AFailedStartOfAKnownJobIsTheAnswer) {
+  const Dictionary once{{"KeepAlive", false}, {"RunAtLoad", true}, {"ThrottleInterval", 0}};
+  submit(job(machine_->program(), once));
+  machine_->kill(kLabel, process());
+  expectError(jobs_.SMJobSubmit(kDomain, job(machine_->unstartableProgram(), once), nullptr),
+              LaunchdError::kInternal);
+  EXPECT_EQ(copy()["Program"], Value(machine_->unstartableProgram()));
 }
 
 TEST_P(JobsContract, ASubmissionThatDoesNotBlockStartsTheJob) {

@@ -237,6 +237,19 @@ TEST_F(KernelExtensionServicesTest, UnloadingForgetsAllExtensionsOfStoppedServic
   EXPECT_THAT(manager().kextsLoaded(), ElementsAre("other"));
 }
 
+TEST_F(KernelExtensionServicesTest, AnExtensionThatTheJobHostHasLostIsLoadedAtItsReturn) {
+  startConfigurationServer();
+  evaluate();
+  ASSERT_TRUE(isRunning(kHelper));
+  ASSERT_TRUE(extensions_.KextManagerUnloadKextWithIdentifier(kNetwork));
+  evaluate();
+  ASSERT_FALSE(extensions_.isLoaded(kNetwork));
+  manager().handleJobHostReturn();
+  loop_.runReady();
+  EXPECT_TRUE(extensions_.isLoaded(kNetwork));
+  EXPECT_TRUE(isRunning(kHelper));
+}
+
 TEST_F(KernelExtensionServicesTest, AStartMakesASecretAndForgetsExtensions) {
   EXPECT_TRUE(startExtensions(kHelper));
   ASSERT_THAT(manager().kextsLoaded(), ElementsAre("net"));

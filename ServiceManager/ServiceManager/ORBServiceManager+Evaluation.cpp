@@ -108,7 +108,10 @@ EvaluationPermission ORBServiceManager::permissionToEvaluate(const std::string& 
 
 // The primary service is awaited in a mode that evaluates nothing.
 void ORBServiceManager::checkProgramAgain(const std::string& label) {
-  if (operatingMode_ == ORBOperatingModeWaitingForPrimaryService && label == primaryLabel()) {
+  const bool isAwaited = operatingMode_ == ORBOperatingModeWaitingForPrimaryService &&
+                         label == primaryLabel() &&
+                         !isServiceBeingTrackedForUserClientShutdownRequest(label);
+  if (isAwaited) {
     enforceRunningForService(label, nullptr);
   } else {
     evaluateInformationForService(label);

@@ -98,6 +98,7 @@ void ORBServiceManager::removeStoppedServices() {
 void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
   enforcement_.jobHostHasReturned();
+  extensions_.forgetLoaded();
   if (operatingMode_ != ORBOperatingModeInstaller) removeStoppedServices();
   evaluateAgain([this] {
     if (operatingMode_ != ORBOperatingModeWaitingForPrimaryService || isInstallerAtWork_) return;

@@ -28,6 +28,7 @@
 #include "Platform/Linux/RunLoops/LoopThread.h"
 #include "Platform/Linux/SystemCalls/CoreDumps.h"
 #include "Platform/Linux/SystemFacts/DevRandom.h"
+#include "Platform/Linux/SystemFacts/ProgramArguments.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
@@ -42,6 +43,13 @@
 
 namespace {
 
+constexpr std::string_view kHelp =
+    R"(Usage: servicemanagerd [--help | --version]
+
+Decides which services of the product run, by the catalogue in its bundle and the product's
+settings. The job host starts it; servicemanagerctl talks to it. See servicemanagerd(8).
+)";
+
 int fail(const platform::Error& error) {
   std::fputs(("servicemanagerd: " + platform::describe(error) + "\n").c_str(), stderr);
   return EXIT_FAILURE;
@@ -50,6 +58,7 @@ int fail(const platform::Error& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (const auto status = platform::answerArguments(argc, argv, kHelp)) return *status;
   auto made = platform::LinuxPlatform::make();
   if (!made) {
     platform::logFailedStart(made.error());

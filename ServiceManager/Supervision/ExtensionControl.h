@@ -49,9 +49,12 @@ class ExtensionControl {
   // start.
   void forgetExtensionsOf(const std::string& label);
   void forgetAll() {
-    kextsLoaded_.clear();
+    forgetLoaded();
     configured_.clear();
   }
+  // The job host may have lost an extension's job. So each extension is looked for again with the
+  // next evaluation of a service that uses it.
+  void forgetLoaded() { kextsLoaded_.clear(); }
 
   // The job host did not start the extension's process, because its program is not the verified
   // file any more. The services that use it are evaluated, which loads

@@ -23,9 +23,10 @@ void ProgramRechecks::hasChecked(const std::string& label) {
 }
 
 void ProgramRechecks::wasRefused(const std::string& label) {
+  Waiting& waiting = waiting_[label];
+  if (waiting.isRefused && waiting.isCheckDue) return;
   Duration& pause = refusals_[label];
   pause = nextRecheckPause(pause);
-  Waiting& waiting = waiting_[label];
   waiting.isRefused = true;
   checkAfter(label, waiting, pause);
 }
@@ -42,6 +43,9 @@ std::set<std::string, std::less<>> ProgramRechecks::waiting() const {
 }
 
 void ProgramRechecks::checkAfter(const std::string& label, Waiting& waiting, Duration delay) {
-  waiting.timer =
-      runLoop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, label] { check_(label); });
+  waiting.isCheckDue = true;
+  waiting.timer = runLoop_.startTimer(delay, RunLoop::Repeat::kOnce, [this, label] {
+    waiting_.at(label).isCheckDue = false;
+    check_(label);
+  });
 }

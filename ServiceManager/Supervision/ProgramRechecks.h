@@ -29,7 +29,8 @@ class ProgramRechecks {
   void hasChecked(const std::string& label);
 
   // The job host has refused the program, which was found valid, because it is another file by now,
-  // or has accepted it. The pause grows with every refusal in a row.
+  // or has accepted it. The pause grows with every refusal in a row. The answer to a submission and
+  // the notice of the same refusal count once.
   void wasRefused(const std::string& label);
   void wasAccepted(const std::string& label) { refusals_.erase(label); }
 
@@ -42,7 +43,8 @@ class ProgramRechecks {
  private:
   struct Waiting {
     platform::Duration pause{};
-    bool isRefused = false;  // by the job host, so the verdict on another program changes nothing
+    bool isRefused = false;   // by the job host, so the verdict on another program changes nothing
+    bool isCheckDue = false;  // the timer runs
     std::unique_ptr<platform::RunLoopHandle> timer;
   };
   void checkAfter(const std::string& label, Waiting& waiting, platform::Duration delay);

@@ -71,6 +71,19 @@ TEST_F(ProgramRechecksTest, ThePauseGrowsWithEveryRefusal) {
   EXPECT_EQ(checked_.size(), 3u);
 }
 
+TEST_F(ProgramRechecksTest, ARefusalThatIsReportedTwiceCountsOnce) {
+  rechecks_.wasRefused("a");
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  EXPECT_THAT(checked_, ElementsAre("a"));
+  rechecks_.wasRefused("a");
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(2 * ProgramRechecks::kFirstPause - 1ns);
+  EXPECT_THAT(checked_, ElementsAre("a"));
+  loop_.advanceBy(1ns);
+  EXPECT_THAT(checked_, ElementsAre("a", "a"));
+}
+
 TEST_F(ProgramRechecksTest, RefusedProgramsDoNotCheckEachOtherAtOnce) {
   rechecks_.wasRefused("a");
   rechecks_.wasRefused("b");

@@ -109,6 +109,19 @@ TEST_F(ReplacedProgramsTest, AChangeDuringTheSearchForTheProcessEndsTheSearch) {
   EXPECT_TRUE(isRunning(kAgent));
 }
 
+// The host reports the refusal of a known job, and it also is the answer to the submission.
+TEST_F(ReplacedProgramsTest, ThePauseDoublesWithEachRefusal) {
+  run();
+  jobs_.setFile(pathOf("agent"), file(2));
+  endAgent();
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  ASSERT_THAT(rechecked_, testing::ElementsAre(kAgent));
+  loop_.advanceBy(2 * ProgramRechecks::kFirstPause - 1ns);
+  EXPECT_THAT(rechecked_, testing::ElementsAre(kAgent));
+  loop_.advanceBy(1ns);
+  EXPECT_THAT(rechecked_, testing::ElementsAre(kAgent, kAgent));
+}
+
 TEST_F(ReplacedProgramsTest, ADamagedReplacementLosesItsJob) {
   run();
   jobs_.setFile(pathOf("agent"), file(2));

@@ -168,6 +168,21 @@ TEST_F(DaemonCatalogue, AWrongTypeInAServiceAffectsOnlyThatService) {
   root_.awaitLog("Unknown OS version: 'text'.  Not starting service");
 }
 
+TEST(DaemonProgram, AnswersItsArgumentsAndStartsNothing) {
+  const TemporaryFolder root;
+  root.write("etc/vantor/platform.plist", "<plist version=\"1.0\"><dict/></plist>");
+  std::filesystem::create_directories(root.path("sbin"));
+  const std::string program = root.path("sbin/servicemanagerd");
+  std::filesystem::copy_file(SERVICEMANAGERD, program);
+  ChildProgram help({program, "--help"}, {});
+  EXPECT_EQ(help.waitForExit().number, 0);
+  EXPECT_TRUE(help.restOfOutput().starts_with("Usage: servicemanagerd"));
+  ChildProgram wrong({program, "--halp"}, {});
+  EXPECT_EQ(wrong.waitForExit().number, 2);
+  EXPECT_NE(wrong.errors().find("--halp"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(root.path("run")));
+}
+
 // Nobody reads what a service says to its standard error.
 TEST(DaemonProgram, AConfigurationThatCannotBeReadIsAnErrorInTheLog) {
   const TemporaryFolder root;

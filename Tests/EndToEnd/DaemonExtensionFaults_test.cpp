@@ -103,23 +103,43 @@ TEST_F(DaemonExtensionFaults, AKilledExtensionGetsTheSecretAtTheNextStart) {
 }
 
 // Its services are stopped and started for it, which takes some seconds.
-using DaemonExtensionFaultsLong = DaemonExtensionFaults;
+class DaemonExtensionFaultsLong : public DaemonExtensionFaults {
+ protected:
+  void startExtensions() {
+    installExtension(root_, kNetwork);
+    installExtension(root_, kOther);
+    start();
+  }
+  // Expects that the new extension and its services run.
+  void expectReplacement(ProcessId before) {
+    root_.await("the new extension", [&] {
+      const ProcessId now = extension(kOther);
+      return now != 0 && now != before;
+    });
+    const auto executed = "/proc/" + std::to_string(extension(kOther)) + "/exe";
+    EXPECT_TRUE(
+        std::filesystem::equivalent(executed, bundleOf(kOther) + "/Contents/Linux/extension"));
+    root_.await("its services", [&] { return runs(0) && runs(1); });
+  }
+};
 
 TEST_F(DaemonExtensionFaultsLong, AReplacedExtensionIsLoadedAfterACrash) {
-  installExtension(root_, kNetwork);
-  installExtension(root_, kOther);
-  start();
+  startExtensions();
   const ProcessId before = extension(kOther);
   installExtension(root_, kOther);
   killAndAwait(before);
-  root_.await("the new extension", [&] {
-    const ProcessId now = extension(kOther);
-    return now != 0 && now != before;
-  });
-  const auto executed = "/proc/" + std::to_string(extension(kOther)) + "/exe";
-  EXPECT_TRUE(
-      std::filesystem::equivalent(executed, bundleOf(kOther) + "/Contents/Linux/extension"));
-  root_.await("its services", [&] { return runs(0) && runs(1); });
+  expectReplacement(before);
+}
+
+// The host that finds the other program has no client yet that it could tell.
+TEST_F(DaemonExtensionFaultsLong, AnExtensionReplacedBesideAHostsRestartIsLoaded) {
+  startExtensions();
+  const ProcessId before = extension(kOther);
+  root_.host().killHost();
+  installExtension(root_, kOther);
+  killAndAwait(before);
+  root_.host().startHost();
+  expectReplacement(before);
 }
 
 // Extensions outlive the daemon; the next daemon has another secret and does not know them.

@@ -58,6 +58,58 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
+TEST_F(JobHostProgram, ReplacesItselfWithoutAnEffectOnItsJobs) {
+  NotifySocket manager(root_.path("notify"));
+  ChildProgram host({program_},
+                    {"NOTIFY_SOCKET=" + root_.path("notify"), "WATCHDOG_USEC=3600000000"});
+  const auto runningDaemon = [this] {
+    platform::ProcessId daemon = 0;
+    std::ifstream(root_.path("output")) >> daemon;
+    return daemon;
+  };
+  EXPECT_EQ(manager.next(), "READY=1");
+  EXPECT_EQ(manager.next(), "WATCHDOG=1\nSTATUS=keeps 1 jobs");
+  const platform::ProcessId daemon = runningDaemon();
+  ASSERT_GT(daemon, 0);
+  for (int round = 0; round < 3; ++round) {
+    // A package replaces the file.
+    std::filesystem::copy_file(JOBHOST, root_.path("bin/new"));
+    std::filesystem::rename(root_.path("bin/new"), program_);
+    host.signal(SIGHUP);
+    EXPECT_THAT(manager.next(), testing::StartsWith("RELOADING=1\n"));
+    EXPECT_EQ(manager.next(), "READY=1");
+    EXPECT_EQ(manager.next(), "WATCHDOG=1\nSTATUS=keeps 1 jobs");
+    EXPECT_TRUE(platform::isRunning(daemon));
+    EXPECT_EQ(runningDaemon(), daemon);
+  }
+  // Without its file it goes on.
+  std::filesystem::remove(program_);
+  host.signal(SIGHUP);
+  EXPECT_THAT(manager.next(), testing::StartsWith("RELOADING=1\n"));
+  EXPECT_EQ(manager.next(), "READY=1");
+  EXPECT_TRUE(platform::isRunning(daemon));
+  host.signal(SIGTERM);
+  EXPECT_EQ(manager.next(), "STOPPING=1");
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+  EXPECT_FALSE(platform::isRunning(daemon));
+}
+
+TEST_F(JobHostProgram, AnswersItsArgumentsAndStartsNothing) {
+  ChildProgram help({program_, "--help"}, {});
+  EXPECT_EQ(help.waitForExit(), ExitStatus{});
+  EXPECT_THAT(help.restOfOutput(), HasSubstr("Usage: jobhost"));
+  ChildProgram version({program_, "--version"}, {});
+  EXPECT_EQ(version.waitForExit(), ExitStatus{});
+  EXPECT_THAT(version.restOfOutput(), testing::StartsWith("jobhost "));
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {program_, "--halp"}, {program_, ""}, {program_, "--help", "--halp"}}) {
+    ChildProgram wrong(arguments, {});
+    EXPECT_EQ(wrong.waitForExit().number, 2);
+    EXPECT_THAT(wrong.errors(), HasSubstr("there is no argument \"" + arguments.back() + "\""));
+  }
+  EXPECT_FALSE(std::filesystem::exists(root_.path("run")));
+}
+
 // Nobody reads what a service says to its standard error.
 TEST_F(JobHostProgram, AConfigurationThatCannotBeReadIsAnErrorInTheLog) {
   root_.write("etc/vantor/platform.plist", "<plist");

@@ -49,7 +49,8 @@ std::vector<std::string> programsOf(const std::string& bundle) {
 // Signs the bundle at `path`, program by program, and returns what was signed, relative to it.
 Result<std::vector<std::string>> sealBundleAt(const std::string& path,
                                               const SigningIdentity& identity,
-                                              const SigningOptions& options, bool detached) {
+                                              const SigningOptions& options, bool detached,
+                                              SealPrograms programs) {
   std::vector<std::string> sealed;
   for (const std::string& program : programsOf(path)) {
     if (auto done = sealFile(program, identity, options, detached); !done) {
@@ -57,7 +58,7 @@ Result<std::vector<std::string>> sealBundleAt(const std::string& path,
     }
     sealed.push_back(program.substr(path.size()));
   }
-  if (auto done = signBundle(path, identity, withIdentifier(options, path)); !done) {
+  if (auto done = signBundle(path, identity, withIdentifier(options, path), programs); !done) {
     return std::unexpected(done.error());
   }
   sealed.emplace_back();
@@ -83,13 +84,14 @@ Error aboutOriginal(Error error, const std::string& copy, const std::string& ori
 // A copy is signed, and takes the bundle's place when all of it is done.
 Result<std::vector<std::string>> sealBundle(const std::string& path,
                                             const SigningIdentity& identity,
-                                            const SigningOptions& options, bool detached) {
+                                            const SigningOptions& options, bool detached,
+                                            SealPrograms programs) {
   if (const auto contents = listBundle(path); !contents) {
     return std::unexpected(Error{ErrorCode::kInvalid, 0, contents.error().reason});
   }
   auto copy = StagedBundle::make(path);
   if (!copy) return std::unexpected(std::move(copy.error()));
-  auto sealed = sealBundleAt(copy->path(), identity, options, detached);
+  auto sealed = sealBundleAt(copy->path(), identity, options, detached, programs);
   if (!sealed) return std::unexpected(aboutOriginal(sealed.error(), copy->path(), path));
   if (auto done = copy->commit(); !done) return std::unexpected(std::move(done.error()));
   for (std::string& one : *sealed) one.insert(0, path);
@@ -99,7 +101,8 @@ Result<std::vector<std::string>> sealBundle(const std::string& path,
 }  // namespace
 
 Result<std::vector<std::string>> sealCode(const std::string& path, const SigningIdentity& identity,
-                                          const SigningOptions& options, bool detached) {
+                                          const SigningOptions& options, bool detached,
+                                          SealPrograms programs) {
   const auto found = findFile(path, FinalLink::kRefuse);
   if (!found) return std::unexpected(found.error());
   if (S_ISLNK(found->status.st_mode)) {
@@ -107,7 +110,7 @@ Result<std::vector<std::string>> sealCode(const std::string& path, const Signing
         Error{ErrorCode::kInvalid, 0, path + ": is a symbolic link; name the real path"});
   }
   if (S_ISDIR(found->status.st_mode)) {
-    if (isBundle(path)) return sealBundle(path, identity, options, detached);
+    if (isBundle(path)) return sealBundle(path, identity, options, detached, programs);
     return std::unexpected(
         Error{ErrorCode::kInvalid, 0,
               path + ": is no bundle: it has neither the name of one (NAME.bundle, NAME.kext, "

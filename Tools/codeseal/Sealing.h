@@ -10,8 +10,8 @@
 // at its end, another file one beside it (an ELF program too with `detached`), a bundle a seal,
 // after each program in its Contents/Linux. A bundle gets all its signatures in one step; after a
 // failure it is as it was. A symbolic link is refused. Without an identifier in `options` each gets
-// its file name, a bundle without ".bundle".
-platform::Result<std::vector<std::string>> sealCode(const std::string& path,
-                                                    const platform::SigningIdentity& identity,
-                                                    const platform::SigningOptions& options,
-                                                    bool detached);
+// its file name, a bundle without ".bundle". `programs` is how a bundle's seal names its programs.
+platform::Result<std::vector<std::string>> sealCode(
+    const std::string& path, const platform::SigningIdentity& identity,
+    const platform::SigningOptions& options, bool detached,
+    platform::SealPrograms programs = platform::SealPrograms::kByContent);

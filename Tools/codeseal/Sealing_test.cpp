@@ -67,6 +67,20 @@ TEST_F(SealingTest, AKeyThatDoesNotFitTheCertificateIsRefused) {
   EXPECT_FALSE(readIdentity(keys_ + "/signer.pem", keys_ + "/signer.pem"));
 }
 
+// The bundle and its program come in packages of their own.
+TEST_F(SealingTest, AProgramSealedByItsSignatureMayBeReplaced) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeUnsealedBundle("Sample.bundle");
+  ASSERT_TRUE(sealCode(bundle, identity, options(), false, SealPrograms::kBySignature));
+  EXPECT_TRUE(bed_.check(bundle));
+  const std::string program = bed_.makeFile("Sample.bundle/Contents/Linux/program",
+                                            "\x7f"
+                                            "ELF newer program");
+  EXPECT_FALSE(bed_.check(bundle));
+  ASSERT_TRUE(sealCode(program, identity, options(), false));
+  EXPECT_TRUE(bed_.check(bundle));
+}
+
 TEST_F(SealingTest, AnAnchorIsTrustedWhateverTheUmask) {
   makeAuthority({keys_, "Test", CodeSigningBed::kSignedAt});
   std::filesystem::remove_all(bed_.folder().path("etc"));

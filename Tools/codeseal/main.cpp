@@ -68,6 +68,7 @@ struct Arguments {
   std::string certificates;
   std::optional<std::string> identifier;
   bool detached = false;
+  bool programsBySignature = false;
   bool why = false;
 };
 
@@ -92,8 +93,9 @@ int sign(const Arguments& arguments) {
   if (!identity) return fail(describe(identity.error()));
   auto json = nlohmann::ordered_json::array();
   for (const std::string& path : arguments.paths) {
-    const auto sealed =
-        sealCode(realPath(path), *identity, {arguments.identifier, now()}, arguments.detached);
+    const auto sealed = sealCode(
+        realPath(path), *identity, {arguments.identifier, now()}, arguments.detached,
+        arguments.programsBySignature ? SealPrograms::kBySignature : SealPrograms::kByContent);
     if (!sealed) return fail(describe(sealed.error()));
     for (const std::string& one : *sealed) {
       json.push_back(one);
@@ -169,6 +171,9 @@ void describeCommands(CLI::App& app, Arguments& arguments) {
       ->required();
   sign->add_option("--identifier", arguments.identifier, "Default: each file's name");
   sign->add_flag("--detached", arguments.detached, "Write NAME.p7s also for programs");
+  sign->add_flag("--programs-by-signature", arguments.programsBySignature,
+                 "A bundle's seal names its programs by their signatures, so that they may be "
+                 "replaced");
   auto* verify = app.add_subcommand("verify", "Check programs and bundles");
   verify->add_option("paths", arguments.paths, "What is to be checked")->required();
   verify->add_option("--root", arguments.root, "The platform root with the anchors")

@@ -56,7 +56,10 @@ class NotifySocket {
 
 class ServiceNotifyTest : public testing::Test {
  protected:
-  ~ServiceNotifyTest() override { ::unsetenv("NOTIFY_SOCKET"); }
+  ~ServiceNotifyTest() override {
+    for (const char* variable : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+      ::unsetenv(variable);
+  }
 
   TemporaryFolder folder_;
 };
@@ -138,6 +141,47 @@ TEST_F(ServiceNotifyTest, TheAddressIsTakenOutOfTheEnvironment) {
   ServiceNotify second = ServiceNotify::takeFromEnvironment();
   EXPECT_TRUE(second.announceReady());
   EXPECT_EQ(socket.next(), "");
+}
+
+TEST_F(ServiceNotifyTest, TheWatchdogIsThatOfThisProcess) {
+  struct Case {
+    const char* time;
+    std::string process;
+    std::chrono::microseconds expected;
+  };
+  const std::string own = std::to_string(::getpid());
+  for (const Case& one : {Case{"3000000", own, std::chrono::seconds(3)}, Case{"7", "", {}},
+                          Case{"7", "1", {}}, Case{"", own, {}}, Case{"3s", own, {}},
+                          Case{"-3", own, {}}, Case{"99999999999999999999", own, {}}}) {
+    ::setenv("WATCHDOG_USEC", one.time, 1);
+    ::setenv("WATCHDOG_PID", one.process.c_str(), 1);
+    if (one.process.empty()) ::unsetenv("WATCHDOG_PID");
+    const auto expected = one.process.empty() ? std::chrono::microseconds(7) : one.expected;
+    EXPECT_EQ(ServiceNotify::takeFromEnvironment().watchdogTime(), expected) << one.time;
+    EXPECT_EQ(std::getenv("WATCHDOG_USEC"), nullptr);
+    EXPECT_EQ(std::getenv("WATCHDOG_PID"), nullptr);
+  }
+}
+
+TEST_F(ServiceNotifyTest, TheNextProgramOfThisProcessGetsTheVariablesBack) {
+  NotifySocket socket(folder_.path("notify"));
+  const ServiceNotify notify(folder_.path("notify"), kAnnounceTimeout, std::chrono::seconds(2));
+  notify.returnToEnvironment();
+  ServiceNotify next = ServiceNotify::takeFromEnvironment();
+  EXPECT_EQ(next.watchdogTime(), std::chrono::seconds(2));
+  EXPECT_TRUE(next.announceReloading());
+  EXPECT_THAT(socket.next(), testing::MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+"));
+  EXPECT_TRUE(next.announceAlive("keeps 2 jobs"));
+  EXPECT_EQ(socket.next(), "WATCHDOG=1\nSTATUS=keeps 2 jobs");
+}
+
+TEST_F(ServiceNotifyTest, AnAnnouncementOfLifeNeverBlocks) {
+  NotifySocket hanging(folder_.path("hanging"));
+  ServiceNotify notify(folder_.path("hanging"), std::chrono::hours(1));
+  Result<void> announced;
+  for (int sent = 0; announced && sent < 100'000; ++sent) announced = notify.announceAlive("");
+  ASSERT_FALSE(announced);
+  EXPECT_EQ(announced.error().osError, EAGAIN);
 }
 
 }  // namespace

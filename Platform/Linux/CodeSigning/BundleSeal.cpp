@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/PropertyLists/PropertyList.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
@@ -17,18 +18,35 @@ namespace {
 constexpr std::string_view kFiles = "files2";
 constexpr std::string_view kHash = "hash2";
 constexpr std::string_view kLink = "symlink";
+constexpr std::string_view kSigned = "signed";
+constexpr std::string_view kProgramFolder = "Contents/Linux/";
+constexpr std::string_view kDetachedSuffix = ".p7s";
 constexpr std::size_t kHashBytes = 32;
 
 CodeSigningResult<Data> digestOfItem(const BundleContents::Item& item) {
   const auto file = openRegularFile(item.path);
-  if (!file && file.error().osError != 0) {
-    return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
+  if (!file &&
+      (file.error().code == ErrorCode::kNotFound || file.error().code == ErrorCode::kInvalid)) {
+    return changedMeanwhile(describe(file.error()));  // It was a regular file a moment ago.
   }
-  if (!file) return refuseResource(describe(file.error()));
+  if (!file) return std::unexpected(failureOfSystemCall(item.path, file.error().osError));
   if (static_cast<std::uint64_t>(file->status.st_size) != item.size) {
     return changedMeanwhile(item.path + ": was changed while it was looked at");
   }
   return digestOfFile(file->get(), item.size, EVP_sha256(), item.path);
+}
+
+bool isProgram(const std::string& path) {
+  return path.starts_with(kProgramFolder) && !path.ends_with(kDetachedSuffix);
+}
+
+CodeSigningResult<std::string> identifierOfProgram(const std::string& path) {
+  auto statement = readProgramSignature(path);
+  if (!statement) return std::unexpected(statement.error());
+  if (statement->identifier && !statement->identifier->empty()) {
+    return *std::move(statement->identifier);
+  }
+  return refuseResource(path + ": its signature has no identifier, so no seal can name it");
 }
 
 // std::nullopt if the entry is ill-formed.
@@ -36,10 +54,13 @@ std::optional<SealedItem> readItem(const Value& entry) {
   const Dictionary* const fields = entry.dictionary();
   if (!fields || fields->size() != 1) return std::nullopt;
   if (const Data* hash = entry[kHash].data(); hash && hash->size() == kHashBytes) {
-    return SealedItem{*hash, {}};
+    return SealedItem{*hash, {}, {}};
   }
   if (const std::string* text = entry[kLink].string(); text && !text->empty()) {
-    return SealedItem{{}, *text};
+    return SealedItem{{}, *text, {}};
+  }
+  if (const std::string* identifier = entry[kSigned].string(); identifier && !identifier->empty()) {
+    return SealedItem{{}, {}, *identifier};
   }
   return std::nullopt;
 }
@@ -58,8 +79,9 @@ CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes
   for (const auto& [path, entry] : *files) {
     auto item = readItem(entry);
     if (!item) {
-      return refuseResource(name + ": \"" + path +
-                            "\": expected \"hash2\" with 32 bytes or \"symlink\" with a text");
+      return refuseResource(
+          name + ": \"" + path +
+          "\": expected \"hash2\" with 32 bytes, or \"symlink\" or \"signed\" with a text");
     }
     seal.emplace(path, *std::move(item));
   }
@@ -76,11 +98,17 @@ CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t 
   return readBundleSeal(*bytes, name).has_value();
 }
 
-CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents) {
+CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents, SealPrograms programs) {
   Dictionary files;
   for (const auto& [path, item] : contents.items) {
     if (item.isLink) {
       files.set(path, Dictionary{{std::string(kLink), item.linkText}});
+      continue;
+    }
+    if (programs == SealPrograms::kBySignature && isProgram(path)) {
+      auto identifier = identifierOfProgram(item.path);
+      if (!identifier) return std::unexpected(identifier.error());
+      files.set(path, Dictionary{{std::string(kSigned), *std::move(identifier)}});
       continue;
     }
     auto digest = digestOfItem(item);
@@ -94,12 +122,13 @@ CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents) {
 }
 
 CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleContents& contents,
-                                        const std::string& bundle) {
+                                        const std::string& bundle,
+                                        const CheckSealedProgram& checkProgram) {
   for (const auto& [path, item] : contents.items) {
     const auto sealed = seal.find(path);
     if (sealed == seal.end())
       return refuseResource(item.path + ": was added after the bundle was sealed");
-    if (item.isLink != sealed->second.sha256.empty()) {
+    if (item.isLink == sealed->second.linkText.empty()) {
       return refuseResource(item.path + ": was a " + (item.isLink ? "file" : "symbolic link") +
                             " when the bundle was sealed");
     }
@@ -114,9 +143,14 @@ CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleCont
   }
   for (const auto& [path, item] : contents.items) {
     if (item.isLink) continue;
+    const SealedItem& sealed = seal.find(path)->second;
+    if (!sealed.identifier.empty()) {
+      if (auto intact = checkProgram(item.path, sealed.identifier); !intact) return intact;
+      continue;
+    }
     const auto digest = digestOfItem(item);
     if (!digest) return std::unexpected(digest.error());
-    if (*digest != seal.find(path)->second.sha256) {
+    if (*digest != sealed.sha256) {
       return refuseResource(item.path + ": was changed after the bundle was sealed");
     }
   }

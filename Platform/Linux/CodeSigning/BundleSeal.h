@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <span>
 #include <string>
@@ -15,12 +16,16 @@ namespace platform {
 // The list of a bundle's content, CodeResources: a property list
 //
 //   files2: { "Contents/Linux/program": { hash2: <SHA-256 of the file> },
+//             "Contents/Linux/other":   { signed: "identifier of its signature" },
 //             "Contents/current":       { symlink: "versions/2" } }
 //
 // with paths relative to the bundle. Folders are not listed, so an empty folder is not covered.
+// A program that is sealed by its signature may be replaced by another one with a trusted signature
+// of the same identifier: the bundle and its program then come in packages of their own.
 struct SealedItem {
-  Data sha256;           // of a file
-  std::string linkText;  // of a symbolic link; empty for a file
+  Data sha256;             // of a file
+  std::string linkText;    // of a symbolic link
+  std::string identifier;  // of a program that is sealed by its signature
 };
 using BundleSeal = std::map<std::string, SealedItem, std::less<>>;
 
@@ -33,12 +38,21 @@ CodeSigningResult<BundleSeal> readBundleSeal(std::span<const std::uint8_t> bytes
 CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t firstByte,
                                      const std::string& name);
 
-// Makes the list for these contents. Reads all files.
-CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents);
+// How a seal names the programs in Contents/Linux.
+enum class SealPrograms { kByContent, kBySignature };
+
+// Makes the list for these contents. Reads all files. A program that is sealed by its signature has
+// one already, with an identifier.
+CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents, SealPrograms programs);
+
+// Whether the program at `path` has a trusted signature with this identifier.
+using CheckSealedProgram =
+    std::function<CodeSigningResult<void>(const std::string& path, const std::string& identifier)>;
 
 // Whether the contents are the sealed ones. Checks first that nothing was added, is missing or
-// links elsewhere, then hashes each file. Reads all files.
+// links elsewhere, then hashes each file or checks its signature. Reads all files.
 CodeSigningResult<void> checkBundleSeal(const BundleSeal& seal, const BundleContents& contents,
-                                        const std::string& bundle);
+                                        const std::string& bundle,
+                                        const CheckSealedProgram& checkProgram);
 
 }  // namespace platform

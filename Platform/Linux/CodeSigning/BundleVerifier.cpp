@@ -6,6 +6,7 @@
 #include "Platform/Linux/CodeSigning/BundleContents.h"
 #include "Platform/Linux/CodeSigning/BundleSeal.h"
 #include "Platform/Linux/CodeSigning/ContentDigest.h"
+#include "Platform/Linux/CodeSigning/ProgramVerifier.h"
 #include "Platform/Linux/CodeSigning/SignatureTrailer.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
@@ -50,11 +51,10 @@ CodeSigningResult<void> checkIsBundleFolder(const std::string& path) {
   return refuse(errSecCSBadObjectFormat, path + ": has no folder \"Contents\", so it is no bundle");
 }
 
-}  // namespace
-
-CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
-                                             const VerificationContext& context) {
-  FileFacts facts;
+// Notes in `facts` on what the verdict is based, also if it fails.
+CodeSigningResult<VerifiedCode> verifyBundleWithFacts(const std::string& path,
+                                                      const VerificationContext& context,
+                                                      FileFacts& facts) {
   if (auto trusted = context.place.check(path, facts); !trusted) {
     return std::unexpected(trusted.error());
   }
@@ -80,14 +80,36 @@ CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
   if (!seal) return std::unexpected(seal.error());
   const auto contents = listBundle(path);
   if (!contents) return std::unexpected(contents.error());
+  facts.insert(facts.end(), contents->facts.begin(), contents->facts.end());
   if (auto trusted = checkPlaces(contents->facts, context.place); !trusted) {
     return std::unexpected(trusted.error());
   }
-  if (auto intact = checkBundleSeal(*seal, *contents, path); !intact) {
+  VerifiedCode code{*std::move(verified), facts};
+  const auto checkProgram = [&](const std::string& program,
+                                const std::string& identifier) -> CodeSigningResult<void> {
+    const auto alone = verifyProgramAlone(program, context);
+    if (!alone) return std::unexpected(alone.error());
+    if (alone->signature.statement.identifier != identifier) {
+      return refuse(errSecCSBadResource, program + ": the bundle was sealed with a program \"" +
+                                             identifier + "\", and this is another one");
+    }
+    dependOn(code, *alone);
+    return {};
+  };
+  if (auto intact = checkBundleSeal(*seal, *contents, path, checkProgram); !intact) {
     return std::unexpected(intact.error());
   }
-  facts.insert(facts.end(), contents->facts.begin(), contents->facts.end());
-  return VerifiedCode{*std::move(verified), std::move(facts)};
+  return code;
+}
+
+}  // namespace
+
+CodeSigningResult<VerifiedCode> verifyBundle(const std::string& path,
+                                             const VerificationContext& context) {
+  FileFacts facts;
+  auto code = verifyBundleWithFacts(path, context, facts);
+  if (!code) return std::unexpected(failureOfCheck(code.error(), facts, path));
+  return code;
 }
 
 CodeSigningResult<SignatureStatement> readBundleSignature(const std::string& path) {

@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <utility>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -81,6 +83,48 @@ TEST_F(ChangedMeanwhileTest, AProgramThatIsCutIsCheckedAgain) {
                     [&] { std::filesystem::resize_file(path, 1); }, path),
                 "program: became shorter while it was read");
   EXPECT_EQ(bed_.refusal(path).status, errSecCSUnsigned);
+}
+
+// Its size changes too, because the times of a young file may stay.
+TEST_F(ChangedMeanwhileTest, AProgramThatIsOverwrittenIsCheckedAgain) {
+  const std::string path = bed_.makeProgram("bin/program");
+  const auto overwrite = [&] {
+    std::fstream(path, std::ios::in | std::ios::out | std::ios::binary).seekp(5) << "other";
+    std::ofstream(path, std::ios::app | std::ios::binary) << "more";
+  };
+  expectUnknown(checkWith(
+                    SYS_pread64, [](const auto&) { return true; }, overwrite, path),
+                "program: was changed while it was checked");
+  EXPECT_EQ(bed_.refusal(path).status, errSecCSUnsigned);
+}
+
+// An upgrade puts a new bundle in the place of the old one, whose seal has been read.
+TEST_F(ChangedMeanwhileTest, ABundleThatIsExchangedIsCheckedAgain) {
+  const std::string bundle = bed_.makeBundle("Sample.bundle");
+  const std::string next = bed_.makeUnsealedBundle("next/Sample.bundle");
+  bed_.folder().write("next/Sample.bundle/Contents/Resources/text", "another");
+  ASSERT_TRUE(signBundle(next, CodeSigningBed::signer(), CodeSigningBed::options()));
+  const auto exchange = [&] {
+    ASSERT_EQ(::renameat2(AT_FDCWD, next.c_str(), AT_FDCWD, bundle.c_str(), RENAME_EXCHANGE), 0);
+  };
+  expectUnknown(checkWith(
+                    SYS_getdents64,
+                    [&](const InterceptedCall& call) {
+                      const auto folder = "/proc/self/fd/" + std::to_string(call.arguments[0]);
+                      return std::filesystem::read_symlink(folder) == bundle;
+                    },
+                    exchange, bundle),
+                "Sample.bundle: was changed while it was checked");
+  EXPECT_TRUE(bed_.check(bundle));
+}
+
+TEST_F(ChangedMeanwhileTest, AResourceThatVanishesBeforeItIsReadIsCheckedAgain) {
+  const std::string bundle = bed_.makeBundle("Sample.bundle");
+  const std::string text = bundle + "/Contents/Resources/text";
+  const auto remove = [&] { std::filesystem::remove(text); };
+  expectUnknown(checkWith(SYS_openat, opening(text), remove, bundle),
+                "text: No such file or directory");
+  EXPECT_EQ(bed_.refusal(bundle).status, errSecCSBadResource);
 }
 
 TEST_F(ChangedMeanwhileTest, AResourceThatIsWrittenToIsCheckedAgain) {

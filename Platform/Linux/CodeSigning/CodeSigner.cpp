@@ -134,10 +134,11 @@ namespace {
 // Both files are complete and on the disk before either is put in place, because a list without its
 // signature is a broken seal.
 Result<void> writeSeal(const std::string& path, const std::string& folder, const struct stat& like,
-                       const SigningIdentity& identity, const SigningOptions& options) {
+                       const SigningIdentity& identity, const SigningOptions& options,
+                       SealPrograms programs) {
   const auto contents = listBundle(path);
   if (!contents) return std::unexpected(signingError(contents.error()));
-  const auto list = makeBundleSeal(*contents);
+  const auto list = makeBundleSeal(*contents, programs);
   if (!list) return std::unexpected(signingError(list.error()));
   const auto digest = digestOfBytes(*list, EVP_sha256(), path);
   if (!digest) return std::unexpected(signingError(digest.error()));
@@ -158,13 +159,13 @@ Result<void> writeSeal(const std::string& path, const std::string& folder, const
 }  // namespace
 
 Result<void> signBundle(const std::string& path, const SigningIdentity& identity,
-                        const SigningOptions& options) {
+                        const SigningOptions& options, SealPrograms programs) {
   const std::string folder = sealFolderOfBundle(path);
   struct stat status{};
   if (::lstat(path.c_str(), &status) != 0) return std::unexpected(systemError(path));
   const bool isNew = ::mkdir(folder.c_str(), kNewFolderMode) == 0;
   if (!isNew && errno != EEXIST) return std::unexpected(systemError(folder));
-  auto done = writeSeal(path, folder, status, identity, options);
+  auto done = writeSeal(path, folder, status, identity, options, programs);
   if (!done && isNew) ::rmdir(folder.c_str());
   return done;
 }

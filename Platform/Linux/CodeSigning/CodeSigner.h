@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Platform/Linux/Certificates/CmsSigner.h"
+#include "Platform/Linux/CodeSigning/BundleSeal.h"
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -23,7 +24,8 @@ Result<void> signDetached(const std::string& path, const SigningIdentity& identi
 
 // Seals a bundle. Sign its programs first.
 Result<void> signBundle(const std::string& path, const SigningIdentity& identity,
-                        const SigningOptions& options);
+                        const SigningOptions& options,
+                        SealPrograms programs = SealPrograms::kByContent);
 
 // Whether the file is an ELF program, so that a signature can be appended.
 Result<bool> canCarrySignature(const std::string& path);

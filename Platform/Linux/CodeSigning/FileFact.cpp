@@ -1,5 +1,6 @@
 #include "Platform/Linux/CodeSigning/FileFact.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <tuple>
 #include <utility>
@@ -62,6 +63,15 @@ CodeSigningResult<struct stat> fileStatus(const std::string& path) {
 
 std::unexpected<CodeSigningFailure> changedMeanwhile(std::string reason) {
   return refuse(kErrnoStatusBase + EAGAIN, std::move(reason));
+}
+
+CodeSigningFailure failureOfCheck(CodeSigningFailure failure, const FileFacts& facts,
+                                  const std::string& path) {
+  if (verdictOf(failure) == CodeVerdict::kUnknown ||
+      std::ranges::all_of(facts, &FileFact::stillHolds)) {
+    return failure;
+  }
+  return changedMeanwhile(path + ": was changed while it was checked").error();
 }
 
 CodeSigningFailure failureOfOpening(const std::string& path, const Error& error) {

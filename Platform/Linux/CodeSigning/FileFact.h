@@ -46,6 +46,11 @@ CodeSigningResult<struct stat> fileStatus(const std::string& path);
 // The failure of a check during which a file changed. The next check gives the verdict.
 std::unexpected<CodeSigningFailure> changedMeanwhile(std::string reason);
 
+// The failure of a check of these files. If one of them has changed since, the failure is that of a
+// check during which a file changed: parts of two states fit nothing that anybody signed.
+CodeSigningFailure failureOfCheck(CodeSigningFailure failure, const FileFacts& facts,
+                                  const std::string& path);
+
 // The failure for a failed system call on `path`.
 CodeSigningFailure failureOfSystemCall(const std::string& path, int errorNumber);
 

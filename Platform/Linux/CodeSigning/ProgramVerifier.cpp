@@ -28,17 +28,18 @@ VerifiedFile verifiedFileOf(const SignedProgram& program, const struct stat& sta
   return file;
 }
 
-}  // namespace
-
-CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
-                                              const VerificationContext& context) {
-  FileFacts facts;
+// Notes in `facts` on what the verdict is based, also if it fails.
+CodeSigningResult<VerifiedCode> verifyWithFacts(const std::string& path,
+                                                const VerificationContext& context,
+                                                FileFacts& facts) {
   if (auto trusted = context.place.check(path, facts); !trusted) {
     return std::unexpected(trusted.error());
   }
+  const struct stat before = facts.back().status;
   auto program = openSignedProgram(path);
   if (!program) return std::unexpected(program.error());
-  if (!isSameState(facts.back().status, program->status)) {
+  facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
+  if (!isSameState(before, program->status)) {
     return changedMeanwhile(path + ": was replaced while it was looked at");
   }
   const auto isSeal =
@@ -59,21 +60,41 @@ CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
   if (::fstat(program->file.get(), &after) != 0) {
     return std::unexpected(failureOfSystemCall(path, errno));
   }
-  if (!isSameState(facts.back().status, after)) {
+  if (!isSameState(before, after)) {
     return changedMeanwhile(path + ": was changed while it was read");
   }
-  facts.insert(facts.end(), program->detachedFacts.begin(), program->detachedFacts.end());
-  VerifiedCode code{*std::move(signature), std::move(facts)};
+  VerifiedCode code{*std::move(signature), facts};
   code.program = verifiedFileOf(*program, after, context.now);
   code.program->digestName = code.signature.statement.digest;
   code.program->digest = std::move(digested);
+  return code;
+}
+
+}  // namespace
+
+void dependOn(VerifiedCode& code, const VerifiedCode& part) {
+  code.facts.insert(code.facts.end(), part.facts.begin(), part.facts.end());
+  code.signature.notBefore = std::max(code.signature.notBefore, part.signature.notBefore);
+  code.signature.notAfter = std::min(code.signature.notAfter, part.signature.notAfter);
+}
+
+CodeSigningResult<VerifiedCode> verifyProgramAlone(const std::string& path,
+                                                   const VerificationContext& context) {
+  FileFacts facts;
+  auto code = verifyWithFacts(path, context, facts);
+  if (!code) return std::unexpected(failureOfCheck(code.error(), facts, path));
+  return code;
+}
+
+CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
+                                              const VerificationContext& context) {
+  auto code = verifyProgramAlone(path, context);
+  if (!code) return code;
   const std::string bundle = bundleAroundProgram(path);
   if (bundle.empty()) return code;
   const auto sealed = verifyBundle(bundle, context);
   if (!sealed) return std::unexpected(sealed.error());
-  code.facts.insert(code.facts.end(), sealed->facts.begin(), sealed->facts.end());
-  code.signature.notBefore = std::max(code.signature.notBefore, sealed->signature.notBefore);
-  code.signature.notAfter = std::min(code.signature.notAfter, sealed->signature.notAfter);
+  dependOn(*code, *sealed);
   return code;
 }
 

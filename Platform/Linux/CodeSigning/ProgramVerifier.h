@@ -11,6 +11,13 @@ namespace platform {
 CodeSigningResult<VerifiedCode> verifyProgram(const std::string& path,
                                               const VerificationContext& context);
 
+// The same without the bundle.
+CodeSigningResult<VerifiedCode> verifyProgramAlone(const std::string& path,
+                                                   const VerificationContext& context);
+
+// Adds to `code` what the verdict on another part of it depends on.
+void dependOn(VerifiedCode& code, const VerifiedCode& part);
+
 // The content of the signature of the program at `path`. Checks only its form; the certificates are
 // those in the signature.
 CodeSigningResult<SignatureStatement> readProgramSignature(const std::string& path);

@@ -10,9 +10,10 @@
 
 namespace platform {
 
-// The content of an open file is read here, and nowhere else: in pieces, because a mapping would
-// crash the process if the file is truncated meanwhile. EINTR and short reads are retried. Callers
-// read as much as the file had when it was opened, so that a growing file has an end, too.
+// The content of an open file is read here: in pieces, because a mapping would crash the process if
+// the file is truncated meanwhile. EINTR and short reads are retried. Callers read as much as the
+// file had when it was opened, so that a growing file has an end, too. A small file that is needed
+// whole is read by readToEnd() in RegularFile.h.
 
 // The largest piece. Large enough to make the cost of system calls small, small enough for the
 // second-level cache.

@@ -1,8 +1,10 @@
 #include "Platform/Linux/Files/LinuxFileReader.h"
 
+#include <cerrno>
 #include <filesystem>
 
 #include "Platform/Files/FileReader_contract.h"
+#include "Platform/Testing/Machine/InterceptedSystemCall.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
@@ -35,6 +37,16 @@ TEST(LinuxFileReader, ADanglingLinkDoesNotExist) {
   std::filesystem::create_symlink(folder.path("nowhere"), folder.path("link"));
   LinuxFileReader reader;
   EXPECT_FALSE(reader.fileExistsAtPath(folder.path("link")));
+}
+
+TEST(LinuxFileReader, AFileThatCannotBeLookedUpCountsAsThere) {
+  LinuxFileReader reader;
+  withInterceptedSystemCall(
+      SYS_access, [](const InterceptedCall& call) { return call.nth == 1 ? EIO : ENOENT; },
+      [&] {
+        EXPECT_TRUE(reader.fileExistsAtPath("/program"));
+        EXPECT_FALSE(reader.fileExistsAtPath("/program"));
+      });
 }
 
 }  // namespace

@@ -41,9 +41,9 @@ inline constexpr std::size_t kJobStatesInAPage = 2000;
 
 // Answer: a dictionary that has for each label of which a process was started since this caller's
 // last such request the process's number, and kNoProcess for each that could not be started
-// because its program has changed. Answered when there is one; the caller's first request waits for
-// the next start. A later request of the same caller ends this one with an empty
-// dictionary.
+// because its program has changed. Answered when there is one. The caller's first request waits for
+// the next start, unless jobs wait for a submission because their programs have changed. A later
+// request of the same caller ends this one with an empty dictionary.
 inline constexpr char kAwaitJobStartsMessage[] = "awaitJobStarts";
 inline constexpr std::int64_t kNoProcess = 0;
 

@@ -7,9 +7,11 @@
 #include <fmt/format.h>
 
 #include "Platform/Files/FileNames.h"
+#include "Platform/KernelExtensions/KernelExtensions.h"
 #include "Platform/Linux/Files/PropertyListFile.h"
 #include "Platform/Linux/KernelExtensions/ControlFolder.h"
 #include "Platform/Linux/SystemCalls/FolderNames.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
 
 namespace platform {
 namespace {
@@ -19,6 +21,12 @@ constexpr std::size_t kMaxNameBytes = 255;
 
 std::unexpected<Error> unusable(const std::string& infoPath, std::string_view why) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, fmt::format("{}: {}", infoPath, why)});
+}
+
+// Whether a file could not be read now, and may hold anything: for lack of descriptors or memory,
+// by a fault of the disk, or because of another process's lease.
+bool isUnread(const Error& error) {
+  return isShortage(error.osError) || error.osError == EIO || error.osError == EAGAIN;
 }
 
 // The bundles at `place`: the bundle itself, or those in the folder.
@@ -75,14 +83,21 @@ Result<KextBundle> readKextBundle(const std::string& path) {
 Result<KextBundle> findKextBundle(const std::string& identifier,
                                   const std::vector<std::string>& folders) {
   std::string unreadable;
+  std::optional<Error> unread;
   const auto look = [&](const std::string& path) -> std::optional<KextBundle> {
     auto bundle = readKextBundle(path);
     if (bundle && bundle->identifier == identifier) return *std::move(bundle);
     if (!bundle && unreadable.empty()) unreadable = fmt::format(" ({})", describe(bundle.error()));
+    if (!bundle && !unread && isUnread(bundle.error())) unread = bundle.error();
     return std::nullopt;
+  };
+  const auto unchecked = [&](const Error& why) {
+    return std::unexpected(
+        uncheckedExtension(fmt::format("{}: can't be looked for: {}", identifier, describe(why))));
   };
   for (const std::string& folder : folders) {
     const auto paths = kextsAt(folder);
+    if (!paths && isUnread(paths.error())) return unchecked(paths.error());
     if (!paths) return std::unexpected(paths.error());
     std::optional<KextBundle> found;
     for (const std::string& path : *paths) {
@@ -96,6 +111,7 @@ Result<KextBundle> findKextBundle(const std::string& identifier,
       found = std::move(bundle);
     }
     if (found) return *std::move(found);
+    if (unread) return unchecked(*unread);
   }
   return std::unexpected(
       Error{ErrorCode::kNotFound, 0,

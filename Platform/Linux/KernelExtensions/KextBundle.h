@@ -32,11 +32,12 @@ inline constexpr std::size_t kMaxKextsInFolder = 1024;
 Result<KextBundle> readKextBundle(const std::string& path);
 
 // The extension with this identifier in the first of `folders` that has one. Each is a folder of
-// bundles NAME.kext, or such a bundle itself; missing folders are skipped,
-// and one that can't be read is an error. Fails with kNotFound if
-// there is none; the error names a bundle that could not be read. Fails with kInvalid if two
-// bundles of one folder claim the identifier, because either might be meant, and with kExhausted if
-// a folder has more than kMaxKextsInFolder entries.
+// bundles NAME.kext, or such a bundle itself; missing folders are skipped, and one that can't be
+// read is an error. Fails with kNotFound if there is none; the error names a bundle that could not
+// be read. If that says nothing about the bundle, for lack of descriptors for instance, the failure
+// is that of an unchecked extension (isUnchecked()). Fails with kInvalid if two bundles of one
+// folder claim the identifier, because either might be meant, and with kExhausted if a folder has
+// more than kMaxKextsInFolder entries.
 Result<KextBundle> findKextBundle(const std::string& identifier,
                                   const std::vector<std::string>& folders);
 

@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/KernelExtensions/KernelExtensions.h"
+#include "Platform/Testing/Machine/DescriptorShortage.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
@@ -73,6 +75,21 @@ TEST_F(KextBundleTest, TheErrorNamesAnUnreadableBundle) {
   EXPECT_THAT(found.error().context, HasSubstr("Bad.kext/Contents/Info.plist"));
   read(identifier_ + key("CFBundleExecutable", "wfk"));
   EXPECT_TRUE(findKextBundle("com.example.x", {folder_.path("not there"), folder_.path()}));
+}
+
+TEST_F(KextBundleTest, WithoutDescriptorsNothingIsKnownAboutABundle) {
+  read(identifier_ + program_);
+  const auto find = [&] { return findKextBundle("com.example.x", {folder_.path()}); };
+  for (const auto left : {DescriptorShortage::Left::kNone, DescriptorShortage::Left::kOne}) {
+    const auto found = [&] {
+      const DescriptorShortage shortage(left);
+      return find();
+    }();
+    ASSERT_FALSE(found);
+    EXPECT_TRUE(isUnchecked(found.error())) << describe(found.error());
+    EXPECT_THAT(found.error().context, HasSubstr("can't be looked for"));
+  }
+  EXPECT_TRUE(find());
 }
 
 TEST_F(KextBundleTest, AnEarlierFolderTakesPrecedence) {

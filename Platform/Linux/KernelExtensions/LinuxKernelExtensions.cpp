@@ -6,7 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/Linux/SystemCalls/Shortage.h"
+#include "Platform/SystemFacts/LibraryPath.h"
 
 namespace platform {
 namespace {
@@ -54,7 +55,7 @@ LinuxKernelExtensions::LinuxKernelExtensions(const Environment& environment,
 
 std::vector<std::string> LinuxKernelExtensions::folders(const std::string& root,
                                                         const std::string& resourcePath) {
-  return {pathBelowRoot(root, "Library/Extensions"), resourcePath};
+  return {libraryPath(root, "Extensions"), resourcePath};
 }
 
 Result<std::string> LinuxKernelExtensions::KextManagerCreateURLForBundleIdentifier(
@@ -249,10 +250,12 @@ Result<void> LinuxKernelExtensions::awaitControl(const std::string& identifier) 
     const auto socket = connectToControl(environment_.controls, identifier);
     if (socket) return {};
     if (loop.now() >= deadline) {
-      return std::unexpected(
-          Error{socket.error().code, socket.error().osError,
-                fmt::format("{}: its control does not listen after {} s: {}", identifier,
-                            kControlWait / 1s, socket.error().context)});
+      const auto& [code, number, reason] = socket.error();
+      std::string why = fmt::format("{}: its control does not listen after {} s: {}", identifier,
+                                    kControlWait / 1s, reason);
+      // Without a descriptor for a connection, nothing is known about the control.
+      if (isShortage(number)) return std::unexpected(uncheckedExtension(std::move(why)));
+      return std::unexpected(Error{code, number, std::move(why)});
     }
     loop.sleepFor(kUnloadingPause);
   }

@@ -279,6 +279,16 @@ TEST_F(LinuxKernelExtensionsTest, ARunningExtensionThatDoesNotListenIsLeftRunnin
   EXPECT_FALSE(machine_.processOf(kGood));
 }
 
+TEST_F(LinuxKernelExtensionsTest, WithoutDescriptorsARunningExtensionIsUnchecked) {
+  ASSERT_TRUE(machine_.load(kGood));
+  machine_.fakeControls.setWithoutDescriptors(true);
+  const auto loaded = machine_.load(kGood);
+  machine_.fakeControls.setWithoutDescriptors(false);
+  ASSERT_FALSE(loaded);
+  EXPECT_TRUE(isUnchecked(loaded.error())) << describe(loaded.error());
+  EXPECT_TRUE(machine_.processOf(kGood));
+}
+
 TEST_F(LinuxKernelExtensionsTest, AHungExtensionIsUnloadedByForce) {
   ASSERT_TRUE(machine_.load(kGood));
   machine_.fakeControls.setHanging(kGood, true);

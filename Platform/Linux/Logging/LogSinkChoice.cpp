@@ -34,7 +34,7 @@ Choice chooseLogSink(const std::string& root, const LogSockets& sockets) {
 }
 
 std::string logFile(const std::string& root) {
-  return (root.ends_with('/') ? root : root + "/") + "log/system.log";
+  return pathBelowRoot(root, root == "/" ? "var/log/vantor/system.log" : "log/system.log");
 }
 
 Result<std::unique_ptr<LogSink>> makeLogSink(const std::string& root, Choice choice,

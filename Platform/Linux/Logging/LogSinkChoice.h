@@ -22,7 +22,8 @@ struct LogSockets {
 PlatformConfiguration::LogSink chooseLogSink(const std::string& root,
                                              const LogSockets& sockets = {});
 
-// The log file of the platform at `root`: log/system.log below it.
+// The log file of the platform at `root`: log/system.log below it, and
+// /var/log/vantor/system.log where the root is the machine's.
 std::string logFile(const std::string& root);
 
 // Makes that sink; the file is logFile(). Its receiver need not be running. Fails only if the

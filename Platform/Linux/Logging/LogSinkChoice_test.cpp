@@ -58,6 +58,11 @@ TEST_F(LogSinkChoiceTest, TheFileLiesBelowTheRoot) {
   EXPECT_TRUE(std::filesystem::is_regular_file(root + "/log/system.log"));
 }
 
+TEST_F(LogSinkChoiceTest, TheMachinesRootHasItsLogBelowVar) {
+  EXPECT_EQ(logFile("/"), "/var/log/vantor/system.log");
+  EXPECT_EQ(logFile("/srv/demo"), "/srv/demo/log/system.log");
+}
+
 TEST_F(LogSinkChoiceTest, AChoiceHoldsWhileItsReceiverIsMissing) {
   EXPECT_TRUE(makes<JournalLogSink>(Choice::kJournal));
   EXPECT_TRUE(makes<SyslogLogSink>(Choice::kSyslog));

@@ -21,6 +21,13 @@ Result<std::uint64_t> raiseDescriptorLimit() {
   return before;
 }
 
+void restoreDescriptorLimit(std::uint64_t soft) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for the calling process.
+  limit.rlim_cur = soft;
+  ::setrlimit(RLIMIT_NOFILE, &limit);  // Lowering the soft limit can't fail.
+}
+
 std::uint64_t softDescriptorLimit() {
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);  // It can't fail for the calling process.

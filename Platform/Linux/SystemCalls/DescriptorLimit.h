@@ -11,6 +11,9 @@ namespace platform {
 // that use select() break with a higher one.
 Result<std::uint64_t> raiseDescriptorLimit();
 
+// Sets the soft limit back, for a program that replaces this one in its process.
+void restoreDescriptorLimit(std::uint64_t soft);
+
 // The soft limit of open descriptors.
 std::uint64_t softDescriptorLimit();
 

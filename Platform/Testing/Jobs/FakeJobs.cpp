@@ -103,7 +103,8 @@ void FakeJobs::endProcess(std::string_view label, ExitStatus status) {
     forget(std::string(label));
     return serveRequests();
   }
-  act(std::string(label), JobEvent::kProcessEnded, wantsProcessAfter(ended.rules, status));
+  static_cast<void>(
+      act(std::string(label), JobEvent::kProcessEnded, wantsProcessAfter(ended.rules, status)));
 }
 
 void FakeJobs::end(Job& job, ExitStatus status) {
@@ -137,10 +138,14 @@ void FakeJobs::setReachable(bool reachable) {
     history = JobHistory();
     history.since = loop_.wallTime();
   }
-  loop_.scheduleOutsideEvent(kRetryInterval, [this] { isObserved_ = reachable_; });
+  loop_.scheduleOutsideEvent(kRetryInterval, [this] {
+    isObserved_ = reachable_;
+    reportChangedPrograms();
+  });
   // Jobs that a host finds at its start.
   for (const auto& [label, job] : jobs_) {
-    if (!job.process) act(label, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, {}));
+    if (job.process) continue;
+    static_cast<void>(act(label, JobEvent::kProcessEnded, wantsProcessAfter(job.rules, {})));
   }
   isKnownAbsent_ = false;
   serveRequests();
@@ -210,9 +215,10 @@ std::expected<void, NSError> FakeJobs::start(const std::string& label, Job& job)
   return {};
 }
 
-void FakeJobs::act(const std::string& label, JobEvent event, bool wantsProcess) {
+std::expected<void, NSError> FakeJobs::act(const std::string& label, JobEvent event,
+                                           bool wantsProcess) {
   const auto found = jobs_.find(label);
-  if (found == jobs_.end()) return;
+  if (found == jobs_.end()) return {};
   Job& job = found->second;
   const Instant earliest = earliestStart(job.rules, job.recent);
   const JobPhase idle = event == JobEvent::kDue ? JobPhase::kWaiting : JobPhase::kIdle;
@@ -222,21 +228,44 @@ void FakeJobs::act(const std::string& label, JobEvent event, bool wantsProcess) 
   switch (nextAction(phase, event, wantsProcess, loop_.now() >= earliest)) {
     case JobAction::kNothing:
     case JobAction::kBecomeIdle:
-      return;
-    case JobAction::kStart:
-      if (!start(label, job)) startFailed(label, job);
-      return;
+      break;
+    case JobAction::kStart: {
+      auto started = start(label, job);
+      if (!started) startFailed(label, job);
+      return started;
+    }
     case JobAction::kWait:
-      return startAt(label, earliest);
+      startAt(label, earliest);
+      break;
     case JobAction::kRetry:
-      return startAt(label, earliestRetry(job.rules, job.recent.last.value_or(loop_.now())));
+      startAt(label, earliestRetry(job.rules, job.recent.last.value_or(loop_.now())));
+      break;
   }
+  return {};
 }
 
 void FakeJobs::startFailed(const std::string& label, Job& job) {
   job.waitsForSubmission = hasProgramChanged(job.dictionary);
-  if (!job.waitsForSubmission) return act(label, JobEvent::kStartFailed, true);
+  if (job.waitsForSubmission) return reportChangedProgram(label);
+  static_cast<void>(act(label, JobEvent::kStartFailed, true));  // Only a start can fail.
+}
+
+void FakeJobs::reportChangedProgram(const std::string& label) {
+  if (!isObserved_) return;
   loop_.post([this, label] { startObservers_.report(label, Start::kProgramChanged); });
+}
+
+void FakeJobs::reportChangedPrograms() {
+  for (const auto& [label, job] : jobs_) {
+    if (job.waitsForSubmission) reportChangedProgram(label);
+  }
+}
+
+std::unique_ptr<RunLoopHandle> FakeJobs::observeStarts(StartObserver observer) {
+  const bool isFirst = startObservers_.empty();
+  auto handle = startObservers_.add(std::move(observer));
+  if (isFirst) reportChangedPrograms();
+  return handle;
 }
 
 bool FakeJobs::hasProgramChanged(const Value& dictionary) const {
@@ -248,7 +277,7 @@ bool FakeJobs::hasProgramChanged(const Value& dictionary) const {
 // The host is another program, so it starts processes even while this one waits.
 void FakeJobs::startAt(const std::string& label, Instant due) {
   loop_.scheduleOutsideEvent(due - loop_.now(), [this, label] {
-    if (reachable_) act(label, JobEvent::kDue, true);
+    if (reachable_) static_cast<void>(act(label, JobEvent::kDue, true));
   });
 }
 
@@ -274,10 +303,7 @@ std::expected<void, NSError> FakeJobs::submit(std::string_view domain, const Val
   submitted.rules = rulesOf(job);
   const bool wants = wantsProcessAtLoad(submitted.rules);
   const bool mayStart = loop_.now() >= earliestStart(submitted.rules, submitted.recent);
-  if (!isNew || !wants || !mayStart) {
-    act(label, JobEvent::kSubmitted, wants);
-    return {};
-  }
+  if (!isNew || !wants || !mayStart) return act(label, JobEvent::kSubmitted, wants);
   auto started = start(label, submitted);
   if (!started) jobs_.erase(label);
   return started;

@@ -91,9 +91,7 @@ class FakeJobs final : public Jobs {
   void copyJob(std::string_view domain, std::string_view label, Copied copied) override;
   void removeJob(std::string_view domain, std::string_view label,
                  const AuthorizationRef* authorization, Removed removed) override;
-  std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override {
-    return startObservers_.add(std::move(observer));
-  }
+  std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;
 
   // The beginning of every call: waits for an absent host as long as the real client does, and then
   // not again before the host has been there.
@@ -141,8 +139,11 @@ class FakeJobs final : public Jobs {
   const Job* find(std::string_view label) const;
   std::expected<void, NSError> admit(std::string_view domain);
   std::expected<void, NSError> start(const std::string& label, Job& job);
-  void act(const std::string& label, JobEvent event, bool wantsProcess);
+  // Fails if it starts a process and that fails.
+  std::expected<void, NSError> act(const std::string& label, JobEvent event, bool wantsProcess);
   void startFailed(const std::string& label, Job& job);
+  void reportChangedProgram(const std::string& label);
+  void reportChangedPrograms();
   bool hasProgramChanged(const Value& dictionary) const;
   void startAt(const std::string& label, Instant due);
   void end(Job& job, ExitStatus status);

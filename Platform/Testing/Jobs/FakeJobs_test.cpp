@@ -20,7 +20,10 @@ constexpr ExitStatus kKilled{ExitStatus::Kind::kSignalled, SIGKILL};
 
 class FakeJobsMachine final : public JobsMachine {
  public:
-  FakeJobsMachine() { jobs_.setUnstartable(unstartableProgram(), "Permission denied"); }
+  FakeJobsMachine() {
+    jobs_.setUnstartable(unstartableProgram(), "Permission denied");
+    jobs_.setFile(program(), {});
+  }
 
   Jobs& jobs() override { return jobs_; }
   std::string program() override { return "/opt/agent"; }

@@ -1,0 +1,59 @@
+# Completion of servicemanagerctl for bash, with the labels that there are now.
+
+_servicemanagerctl_labels() {
+  servicemanagerctl "$@" list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }'
+}
+
+_servicemanagerctl() {
+  local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local commands=() root=() index
+  for ((index = 1; index < COMP_CWORD; ++index)); do
+    case ${COMP_WORDS[index]} in
+      --root)
+        root=(--root "${COMP_WORDS[index + 1]}")
+        index=$((index + 1))
+        ;;
+      -*) ;;
+      *) commands+=("${COMP_WORDS[index]}") ;;
+    esac
+  done
+  if [ "$previous" = --root ]; then
+    mapfile -t COMPREPLY < <(compgen -d -- "$word")
+    return
+  fi
+  if [ "$previous" = --type ]; then
+    mapfile -t COMPREPLY < <(compgen -W 'boolean integer real number string data' -- "$word")
+    return
+  fi
+  local words=
+  case ${commands[*]:0:2} in
+    '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
+      jobs platform log-test' ;;
+    start* | stop* | explain | 'installer begin') words=$(_servicemanagerctl_labels "${root[@]}") ;;
+    installer) words='begin end' ;;
+    settings) words='list get set unset' ;;
+    settings\ *)
+      if [ "${#commands[@]}" -eq 2 ]; then
+        words='update common deviceControl appControl cmx heartbeat ntp webControl'
+      fi
+      ;;
+    endpoints) words='lookup register' ;;
+    jobs) words='list show submit remove' ;;
+    'jobs show' | 'jobs remove') words=$(_servicemanagerctl_labels "${root[@]}" jobs) ;;
+    'jobs submit' | execinfo*)
+      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      return
+      ;;
+  esac
+  if [[ $word == -* ]]; then
+    words='--help --json --root'
+    case ${commands[*]:0:2} in
+      list) words+=' --wide' ;;
+      health) words+=' --openmetrics' ;;
+      log) words+=' --follow' ;;
+      'settings set') words+=' --type' ;;
+    esac
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+}
+complete -F _servicemanagerctl servicemanagerctl

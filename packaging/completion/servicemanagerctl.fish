@@ -1,0 +1,43 @@
+# Completion of servicemanagerctl for fish, with the labels that there are now.
+
+function __servicemanagerctl_labels
+    servicemanagerctl $argv list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }'
+end
+
+# Whether the words so far, without options, are these.
+function __servicemanagerctl_at
+    set -l words (string match -v -- '-*' (commandline -opc))
+    test "$words[2..-1]" = "$argv"
+end
+
+function __servicemanagerctl_in
+    set -l words (string match -v -- '-*' (commandline -opc))
+    string match -q -- "$argv*" "$words[2..-1]"
+end
+
+complete -c servicemanagerctl -f
+complete -c servicemanagerctl -l help -d 'The commands or options'
+complete -c servicemanagerctl -l json -d 'For programs'
+complete -c servicemanagerctl -l root -x -a '(__fish_complete_directories)' -d 'Another platform root'
+complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list start stop health explain extensions watch installer settings log endpoints execinfo jobs platform log-test'
+complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l wide
+complete -c servicemanagerctl -n '__servicemanagerctl_in health' -l openmetrics
+complete -c servicemanagerctl -n '__servicemanagerctl_in log' -s f -l follow
+for command in start stop 'installer begin'
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -a '(__servicemanagerctl_labels)'
+end
+complete -c servicemanagerctl -n '__servicemanagerctl_at explain' -a '(__servicemanagerctl_labels)'
+complete -c servicemanagerctl -n '__servicemanagerctl_at installer' -a 'begin end'
+complete -c servicemanagerctl -n '__servicemanagerctl_at settings' -a 'list get set unset'
+for command in list get set unset
+    complete -c servicemanagerctl -n "__servicemanagerctl_at settings $command" -a 'update common deviceControl appControl cmx heartbeat ntp webControl'
+end
+complete -c servicemanagerctl -n '__servicemanagerctl_in settings set' -l type -x -a 'boolean integer real number string data'
+complete -c servicemanagerctl -n '__servicemanagerctl_at endpoints' -a 'lookup register'
+complete -c servicemanagerctl -n '__servicemanagerctl_at jobs' -a 'list show submit remove'
+for command in show remove
+    complete -c servicemanagerctl -n "__servicemanagerctl_at jobs $command" -a '(__servicemanagerctl_labels jobs)'
+end
+for command in 'jobs submit' execinfo
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -F
+end

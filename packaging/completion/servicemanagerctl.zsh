@@ -1,0 +1,42 @@
+#compdef servicemanagerctl
+# Completion of servicemanagerctl for zsh, with the labels that there are now.
+
+local -a commands root labels
+local word
+integer at=2
+while ((at < CURRENT)); do
+  word=$words[at]
+  case $word in
+    --root) root=(--root $words[at+1]); ((++at)) ;;
+    -*) ;;
+    *) commands+=($word) ;;
+  esac
+  ((++at))
+done
+
+_servicemanagerctl_labels() {
+  labels=(${(f)"$(servicemanagerctl $root $@ list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }')"})
+  compadd -a labels
+}
+
+if [[ $words[CURRENT-1] == --root ]]; then
+  _directories
+elif [[ $words[CURRENT-1] == --type ]]; then
+  compadd boolean integer real number string data
+elif [[ $words[CURRENT] == -* ]]; then
+  compadd -- --help --json --root --wide --openmetrics --follow --type
+else
+  case "$commands[1] $commands[2]" in
+    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs \
+      platform log-test ;;
+    start\ * | stop\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
+    'installer ') compadd begin end ;;
+    'settings ') compadd list get set unset ;;
+    settings\ *) (($#commands == 2)) &&
+      compadd update common deviceControl appControl cmx heartbeat ntp webControl ;;
+    'endpoints ') compadd lookup register ;;
+    'jobs ') compadd list show submit remove ;;
+    'jobs show' | 'jobs remove') _servicemanagerctl_labels jobs ;;
+    'jobs submit' | execinfo\ *) _files ;;
+  esac
+fi
