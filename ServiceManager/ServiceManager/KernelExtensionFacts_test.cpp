@@ -82,6 +82,16 @@ TEST_F(KernelExtensionFactsTest, AnExtensionsFaultIsReported) {
   EXPECT_THAT(requests(), IsEmpty());
 }
 
+TEST_F(KernelExtensionFactsTest, TheStepThatFailedLastIsReported) {
+  extensions_.setLoadFails(kNetwork, true);
+  EXPECT_FALSE(startExtensions(kHelper));
+  loop_.advanceBy(3s);
+  const Dictionary facts = extensionFacts();
+  EXPECT_EQ(facts["net"][kFactKextFailedStep], Value("isNotLoaded"));
+  EXPECT_EQ(facts["net"][kFactKextFailedAgo], Value(3.0));
+  EXPECT_TRUE(facts["other"][kFactKextFailedStep].isNil());
+}
+
 TEST_F(KernelExtensionFactsTest, FactsThatTheCatalogueLacksAreAbsent) {
   Dictionary all = catalogueOfKexts();
   all.set("KernelExtensions",
