@@ -1,22 +1,29 @@
 // The daemon's workers, each on a thread of its own.
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
 #include <optional>
-#include <thread>
 #include <utility>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
 #include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/SystemFacts/Thread.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/Workers/ExtensionWorker.h"
 #include "ServiceManager/Workers/OperatorClients.h"
 #include "ServiceManager/Workers/SettingsClientsWorker.h"
@@ -40,13 +47,21 @@ class WorkersTest : public testing::Test {
   // To be called before the worker ends.
   void stop() { EXPECT_TRUE(thread_->stopWithin(1min)); }
 
-  // Whether the worker does its work on another thread.
-  static bool works(const Perform& perform) {
-    const auto thread = std::make_shared<std::promise<std::thread::id>>();
+  // Expects that the worker has a thread that logs as the service manager.
+  void expectThread(const Perform& perform) {
+    const auto thread = std::make_shared<std::promise<std::uint32_t>>();
     auto done = thread->get_future();
-    perform([thread] { thread->set_value(std::this_thread::get_id()); });
-    return done.wait_for(1min) == std::future_status::ready &&
-           done.get() != std::this_thread::get_id();
+    perform([thread] {
+      vantorlogger2_line(ASL_LEVEL_ERR, "a line");
+      thread->set_value(mach_thread_self());
+    });
+    ASSERT_EQ(done.wait_for(1min), std::future_status::ready);
+    const std::uint32_t number = done.get();
+    EXPECT_NE(number, mach_thread_self());
+    logger_.queueFor(number)->sync([] {});  // The line has been written.
+    const auto lines = sink_.messagesOf(ORBServiceManager::kClassName);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0].text, testing::HasSubstr("a line"));
   }
 
   TemporaryFolder root_;
@@ -54,12 +69,17 @@ class WorkersTest : public testing::Test {
   std::optional<ListenerPlaces> places_;
   ProtocolTable protocols_;
   FakeCodeSignatures signatures_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  AsioSerialQueues queues_{1, AsioSerialQueues::Work::kBackground};
+  Logger2State logger_{log_, queues_};
+  const Logger2Binding binding_{logger_};
   const std::unique_ptr<LoopThread> thread_ = *LoopThread::create();
 };
 
 TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
   ExtensionWorker worker(*thread_, *linux_, signatures_);
-  EXPECT_TRUE(works([&](RunLoop::Callback work) { worker.perform(std::move(work)); }));
+  expectThread([&](RunLoop::Callback work) { worker.perform(std::move(work)); });
   stop();
 }
 
@@ -67,13 +87,13 @@ TEST_F(WorkersTest, TheSettingsWorkerHasItsClientsAtOnce) {
   SettingsClientsWorker clients(*thread_, *linux_, *places_, protocols_);
   const SettingsWorker worker = clients.worker();
   EXPECT_NE(worker.factories.find("cmxSettingsClientWithDelegate:"), nullptr);
-  EXPECT_TRUE(works(worker.perform));
+  expectThread(worker.perform);
   stop();
 }
 
 TEST_F(WorkersTest, TheOperatorsWorkerHasItsThread) {
   OperatorClients clients(*thread_, *linux_, *places_, protocols_, signatures_);
-  EXPECT_TRUE(works(clients.worker().perform));
+  expectThread(clients.worker().perform);
   stop();
 }
 
