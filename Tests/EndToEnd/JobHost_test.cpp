@@ -58,16 +58,6 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
   EXPECT_TRUE(std::filesystem::is_empty(root_.path("run/vantor/mach")));
 }
 
-TEST_F(JobHostProgram, OnlyItsUserMayOpenItsSocket) {
-  NotifySocket manager(root_.path("notify"));
-  ChildProgram host({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
-  EXPECT_EQ(manager.next(), "READY=1");
-  EXPECT_EQ(std::filesystem::status(root_.path("run/vantor/launchd")).permissions(),
-            std::filesystem::perms(0600));
-  host.signal(SIGTERM);
-  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
-}
-
 // Nobody reads what a service says to its standard error.
 TEST_F(JobHostProgram, AConfigurationThatCannotBeReadIsAnErrorInTheLog) {
   root_.write("etc/vantor/platform.plist", "<plist");
