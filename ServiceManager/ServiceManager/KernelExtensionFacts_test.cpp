@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 #include "ServiceManager/Supervision/KernelExtensions_fixture.h"
 
