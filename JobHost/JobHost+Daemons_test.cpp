@@ -183,7 +183,9 @@ TEST_F(JobHostDaemons, AFileWithAnUnknownUserChangesNoDefinition) {
   startHost();
   EXPECT_EQ(pid(kLabel), Value(101));
   EXPECT_EQ(host_->copy(kLabel)["KeepAlive"], Value(true));
-  EXPECT_EQ(sink_.count("no-such-user"), 1);
+  const auto errors = sink_.messagesAtLevel(platform::ASL_LEVEL_ERR);
+  ASSERT_EQ(errors.size(), 1);
+  EXPECT_THAT(errors[0].text, testing::HasSubstr("no-such-user"));
 }
 
 TEST_F(JobHostDaemons, AnEndWithoutAHostIsJudgedByTheChangedFile) {

@@ -114,6 +114,10 @@ class JobServerTest : public testing::Test {
   std::optional<Client> rootClient_;
 };
 
+TEST_F(JobServerTest, OnlyItsUserMayOpenItsSocket) {
+  EXPECT_EQ(network_.socketMode(kSocket), 0600u);
+}
+
 TEST_F(JobServerTest, ASubmissionIsAnsweredWhenTheProcessRuns) {
   EXPECT_EQ(value(ask(kSubmitJobMessage, {job()})), Value());
   ASSERT_EQ(processes_.started.size(), 1u);

@@ -153,6 +153,14 @@ TEST_F(StateFileTest, AFailedReplacementLeavesTheOldFileInUse) {
   EXPECT_THAT(labelsOf(open().jobs), ElementsAre("a", "c"));
 }
 
+TEST_F(StateFileTest, AReplacementThatCannotTakeItsPlaceIsRemoved) {
+  auto file = create();
+  ASSERT_EQ(::unlink(path_.c_str()), 0);
+  ASSERT_EQ(::mkdir(path_.c_str(), 0700), 0);
+  EXPECT_FALSE(file->compact({}));
+  EXPECT_EQ(::access((path_ + ".new").c_str(), F_OK), -1);
+}
+
 TEST_F(StateFileTest, WithoutAFileEachRecordFailsWithTheReason) {
   for (const char* const content : {"", "no state file"}) {
     put(content);

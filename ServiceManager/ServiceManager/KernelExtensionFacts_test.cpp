@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/ServiceManager_fixture.h"
 #include "ServiceManager/Supervision/KernelExtensions_fixture.h"
 
@@ -80,6 +81,16 @@ TEST_F(KernelExtensionFactsTest, AnExtensionsFaultIsReported) {
   EXPECT_EQ(facts["other"]["Fault"], Value("com.example.nke.other: unsigned"));
   EXPECT_FALSE(facts["other"]["Path"].isNil());
   EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(KernelExtensionFactsTest, TheStepThatFailedLastIsReported) {
+  extensions_.setLoadFails(kNetwork, true);
+  EXPECT_FALSE(startExtensions(kHelper));
+  loop_.advanceBy(3s);
+  const Dictionary facts = extensionFacts();
+  EXPECT_EQ(facts["net"][kFactKextFailedStep], Value("isNotLoaded"));
+  EXPECT_EQ(facts["net"][kFactKextFailedAgo], Value(3.0));
+  EXPECT_TRUE(facts["other"][kFactKextFailedStep].isNil());
 }
 
 TEST_F(KernelExtensionFactsTest, FactsThatTheCatalogueLacksAreAbsent) {

@@ -145,6 +145,8 @@ TEST_F(QuarantineDatabaseTest, AWriteAheadLogIsReadWithoutMapping) {
   EXPECT_EQ(origin(), std::nullopt);  // The database is in use.
   EXPECT_EQ(originIn(crashed), kUrl);
   EXPECT_FALSE(std::filesystem::exists(crashed.path(kFile) + std::string("-shm")));
+  // It was not written into the database.
+  EXPECT_TRUE(std::filesystem::exists(crashed.path(kFile) + std::string("-wal")));
 }
 
 TEST_F(QuarantineDatabaseTest, FoldersAndDevicesAreNoDatabases) {

@@ -1,5 +1,7 @@
 #include "ServiceManager/Settings/SettingsOfThisThread.h"
 
+#include <cstddef>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,13 +41,16 @@ class SettingsOfThisThreadTest : public testing::Test {
   // Calls `ask` with a client that belongs to the thread of `transport`.
   void withClient(platform::PeerTransport& transport,
                   const std::function<void(SettingsClient&)>& ask) {
+    bool isAsked = false;
     withSettingsOfThisThread({loop_, transport, log_, &nameOf, protocols_, system_},
                              [&](const SettingsClientFactories& factories) {
                                const auto client =
                                    (*factories.find("cmxSettingsClientWithDelegate:"))(delegate_);
                                ASSERT_TRUE(client);
                                ask(**client);
+                               isAsked = true;
                              });
+    EXPECT_TRUE(isAsked);
     loop_.runReady();
   }
 
@@ -63,14 +68,17 @@ class SettingsOfThisThreadTest : public testing::Test {
 };
 
 TEST_F(SettingsOfThisThreadTest, EveryDomainHasAFactory) {
+  std::size_t domains = 0;
   withSettingsOfThisThread({loop_, transport_, log_, &nameOf, protocols_, system_},
                            [&](const SettingsClientFactories& factories) {
                              for (const GlobalSettingsDomain& domain : kGlobalSettingsDomains) {
                                const std::string selector =
                                    std::string(domain.prefix) + "SettingsClientWithDelegate:";
                                EXPECT_NE(factories.find(selector), nullptr) << selector;
+                               ++domains;
                              }
                            });
+  EXPECT_EQ(domains, std::size(kGlobalSettingsDomains));
 }
 
 TEST_F(SettingsOfThisThreadTest, AServerAnswers) {

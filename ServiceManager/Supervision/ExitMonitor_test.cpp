@@ -169,6 +169,18 @@ TEST_F(ExitMonitorTest, AnAnswerThatIsOlderThanAnEndIsNotUsed) {
   EXPECT_THAT(ended_, ElementsAre(Event{kAgent, first}));
 }
 
+TEST_F(ExitMonitorTest, ASuccessorWithTheSameNumberIsWatched) {
+  submit(kAgent);
+  monitor(kAgent);
+  const int number = process(kAgent);
+  jobs_.setNextProcess(number);
+  kill(kAgent);
+  ASSERT_EQ(process(kAgent), number);
+  records_.trackServiceForRespawn(kAgent, false);
+  EXPECT_TRUE(monitor(kAgent));
+  EXPECT_EQ(exitWatcher_.watchCount(), 1u);
+}
+
 TEST_F(ExitMonitorTest, ASuccessorIsWatchedBesideAnEndingProcess) {
   submit(kAgent);
   monitor(kAgent);

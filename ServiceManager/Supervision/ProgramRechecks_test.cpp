@@ -104,6 +104,14 @@ TEST_F(ProgramRechecksTest, AStoppedServiceIsNotCheckedAgain) {
   EXPECT_THAT(checked_, testing::IsEmpty());
 }
 
+TEST_F(ProgramRechecksTest, AStopForgetsTheRefusals) {
+  rechecks_.wasRefused("a");
+  rechecks_.forget("a");
+  rechecks_.wasRefused("a");
+  loop_.advanceBy(ProgramRechecks::kFirstPause);
+  EXPECT_THAT(checked_, ElementsAre("a"));
+}
+
 TEST_F(ProgramRechecksTest, TheWaitingServicesAreKnown) {
   rechecks_.couldNotCheck("a");
   rechecks_.couldNotCheck("b");

@@ -49,6 +49,7 @@ TEST(NSXMLNodeExtensionsTest, TextsThatXmlCannotHoldAreRefused) {
   const auto wrong = NSXMLNodeExtensions::attributeWithName("a", "text");
   ASSERT_FALSE(wrong);
   EXPECT_EQ(wrong.error().context, "an attribute's number is of the class NSString");
+  EXPECT_EQ(wrong.error().osError, 0);
 }
 
 TEST(NSXMLElementExtensionsTest, ChildrenAreAddedInTheirOrder) {

@@ -195,6 +195,7 @@ TEST(HashValueTest, AnInvalidArchivesErrorNamesTheFault) {
     const auto decoded = HashValue::unarchive(listOf(archive), "archive");
     ASSERT_FALSE(decoded) << error;
     EXPECT_EQ(decoded.error().code, ErrorCode::kInvalid);
+    EXPECT_EQ(decoded.error().osError, 0);
     EXPECT_EQ(decoded.error().context, error);
   }
   const auto garbage = HashValue::unarchive(dataOf("bplist00"), "archive");

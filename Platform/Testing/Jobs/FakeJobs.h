@@ -43,6 +43,9 @@ class FakeJobs final : public Jobs {
   // The file that is at `path` now. Jobs whose dictionary has another one are not started.
   void setFile(const std::string& path, const VerifiedFile& file) { files_[path] = file; }
 
+  // The number of the next process.
+  void setNextProcess(ProcessId process) { lastProcess_ = process - 1; }
+
   // The job's processes ignore SIGTERM.
   void ignoreTermination(std::string_view label) { job(label).ignoresTermination = true; }
 

@@ -486,6 +486,10 @@ class FakePeerNetwork::Listener final : public PeerListener {
     }
   }
 
+  std::uint32_t socketMode() const {
+    return options_.socketMode.value_or(options_.audience.socketMode());
+  }
+
   // Hands the new connection to the owner. False if it is rejected.
   bool handOn(const std::shared_ptr<FakePeerTransport::End>& end, const PeerCredentials& peer) {
     const std::uint32_t user = peer.user;
@@ -550,6 +554,10 @@ void FakePeerTransport::serveAll() {
     for (std::size_t i = 0; i < end->inbox_.size(); ++i) end->post(Urgency::kOrdinary);
     if (!end->ended_ && !end->isConnected()) end->post(Urgency::kConnectionDeath);
   }
+}
+
+std::uint32_t FakePeerNetwork::socketMode(const std::string& path) const {
+  return listeners_.at(path)->socketMode();
 }
 
 Result<std::unique_ptr<PeerListener>> FakePeerTransport::listen(const std::string& path,

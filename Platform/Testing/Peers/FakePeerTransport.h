@@ -25,6 +25,9 @@ class FakePeerNetwork {
 
   VirtualRunLoop& loop() { return loop_; }
 
+  // The mode of the socket on which a process listens.
+  std::uint32_t socketMode(const std::string& path) const;
+
  private:
   friend class FakePeerTransport;
 

@@ -145,6 +145,11 @@ TEST_F(ORBLogger2Test, ALineBeforeAnyOpenUsesTheControlQueue) {
   EXPECT_EQ(get_queue(kThread)->label(), "com.vantor.logger2.default");
 }
 
+TEST_F(ORBLogger2Test, AThreadHasAQueueBeforeTheFirstLine) {
+  ASSERT_NE(state_->queueFor(kThread), nullptr);
+  EXPECT_EQ(state_->queueFor(kThread)->label(), "com.vantor.logger2.default");
+}
+
 TEST_F(ORBLogger2Test, TheSenderNameIsFixedAtTheFirstUse) {
   defaultLogger2Sender = "servicemanagerd";
   EXPECT_EQ(identOf(kThread), "servicemanagerd");

@@ -1,0 +1,51 @@
+// The standard files of jobs.
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include "JobHost/Processes/ProcessSpawnerFixture_contract.h"
+
+namespace jobhost {
+namespace {
+
+using platform::UniqueFd;
+using testing::ElementsAre;
+
+// The events of a file since it is watched.
+std::vector<std::uint32_t> eventsOf(const UniqueFd& watch) {
+  std::array<inotify_event, 16> events{};
+  const ssize_t size = ::read(watch.get(), events.data(), sizeof events);
+  std::vector<std::uint32_t> masks;
+  for (std::size_t i = 0;
+       (i + 1) * sizeof(inotify_event) <= static_cast<std::size_t>(std::max<ssize_t>(size, 0)); ++i)
+    masks.push_back(events[i].mask);
+  return masks;
+}
+
+// On a frozen file system an open that may create the file blocks, even if the file exists.
+TEST_F(ProcessSpawnerTest, AFileThatExistsIsOpenedOnce) {
+  std::ofstream(folder_.path("output")) << "before\n";
+  const UniqueFd watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ASSERT_GE(::inotify_add_watch(watch.get(), folder_.path("output").c_str(),
+                                IN_OPEN | IN_MODIFY | IN_CLOSE_WRITE),
+            0);
+  JobDefinition job = script("echo after");
+  job.standardErrorPath = "/dev/null";
+  const auto spawned = spawn(job);
+  ASSERT_TRUE(spawned);
+  awaitEnd(*spawned);
+  EXPECT_THAT(eventsOf(watch), ElementsAre(IN_OPEN, IN_MODIFY, IN_CLOSE_WRITE));
+  EXPECT_EQ(output(), "before\nafter\n");
+}
+
+}  // namespace
+}  // namespace jobhost

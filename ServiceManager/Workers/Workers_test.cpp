@@ -1,0 +1,123 @@
+// The daemon's workers, each on a thread of its own.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
+#include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
+#include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/SystemFacts/Thread.h"
+#include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
+#include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "ServiceManager/ServiceManager/ORBServiceManager.h"
+#include "ServiceManager/Workers/ExtensionWorker.h"
+#include "ServiceManager/Workers/OperatorClients.h"
+#include "ServiceManager/Workers/SettingsClientsWorker.h"
+
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+
+// A platform root without a job host, a notification bus and servers.
+class WorkersTest : public testing::Test {
+ protected:
+  using Perform = std::function<void(RunLoop::Callback work)>;
+
+  WorkersTest() {
+    root_.write("etc/vantor/platform.plist", "<plist version=\"1.0\"><dict/></plist>");
+    linux_ = std::move(*LinuxPlatform::makeAt(root_.path()));
+    places_.emplace(linux_->configuration);
+    addGlobalSettingsProtocol(protocols_);
+  }
+  // To be called before the worker ends.
+  void stop() { EXPECT_TRUE(thread_->stopWithin(1min)); }
+
+  // Expects that the worker has a thread that logs as the service manager.
+  void expectThread(const Perform& perform) {
+    const auto thread = std::make_shared<std::promise<std::uint32_t>>();
+    auto done = thread->get_future();
+    perform([thread] {
+      vantorlogger2_line(ASL_LEVEL_ERR, "a line");
+      thread->set_value(mach_thread_self());
+    });
+    ASSERT_EQ(done.wait_for(1min), std::future_status::ready);
+    const std::uint32_t number = done.get();
+    EXPECT_NE(number, mach_thread_self());
+    logger_.queueFor(number)->sync([] {});  // The line has been written.
+    const auto lines = sink_.messagesOf(ORBServiceManager::kClassName);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0].text, testing::HasSubstr("a line"));
+  }
+
+  TemporaryFolder root_;
+  std::unique_ptr<LinuxPlatform> linux_;
+  std::optional<ListenerPlaces> places_;
+  ProtocolTable protocols_;
+  FakeCodeSignatures signatures_;
+  FakeLogSink sink_;
+  SystemLog log_{sink_, "test"};
+  AsioSerialQueues queues_{1, AsioSerialQueues::Work::kBackground};
+  Logger2State logger_{log_, queues_};
+  const Logger2Binding binding_{logger_};
+  const std::unique_ptr<LoopThread> thread_ = *LoopThread::create();
+};
+
+TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
+  ExtensionWorker worker(*thread_, *linux_, signatures_);
+  expectThread([&](RunLoop::Callback work) { worker.perform(std::move(work)); });
+  stop();
+}
+
+TEST_F(WorkersTest, TheSettingsWorkerHasItsClientsAtOnce) {
+  SettingsClientsWorker clients(*thread_, *linux_, *places_, protocols_);
+  const SettingsWorker worker = clients.worker();
+  EXPECT_NE(worker.factories.find("cmxSettingsClientWithDelegate:"), nullptr);
+  expectThread(worker.perform);
+  stop();
+}
+
+TEST_F(WorkersTest, TheOperatorsWorkerHasItsThread) {
+  OperatorClients clients(*thread_, *linux_, *places_, protocols_, signatures_);
+  expectThread(clients.worker().perform);
+  stop();
+}
+
+TEST_F(WorkersTest, TheOperatorWaitsLessForTheJobHostThanOthers) {
+  OperatorClients clients(*thread_, *linux_, *places_, protocols_, signatures_);
+  const OperatorWorker worker = clients.worker();
+  const auto waited = std::make_shared<std::promise<Duration>>();
+  worker.perform([&worker, waited] {
+    const Instant start = monotonicTime();
+    EXPECT_TRUE(worker.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, "com.example.a").isNil());
+    waited->set_value(monotonicTime() - start);
+  });
+  EXPECT_LT(waited->get_future().get(), JobHostClient::kRestartTimeOut);
+  stop();
+}
+
+TEST_F(WorkersTest, AnyThreadMayAskForSettings) {
+  bool isAsked = false;
+  askSettingsOnThisThread(*linux_, *places_, protocols_,
+                          [&](const SettingsClientFactories& factories) {
+                            EXPECT_NE(factories.find("cmxSettingsClientWithDelegate:"), nullptr);
+                            isAsked = true;
+                          });
+  EXPECT_TRUE(isAsked);
+}
+
+}  // namespace
