@@ -46,9 +46,9 @@ SIGTERM and SIGINT end it and all jobs. SIGHUP replaces it by the program that i
 jobs go on, as they do when it is killed. See jobhost(8).
 )";
 
-// Blocks SIGTERM and SIGINT while the host is created, when the loop, which handles them, does not
-// run. Tells whether one is pending. Must be made before there are other threads, which would
-// receive the signals instead.
+// Blocks SIGTERM and SIGINT while the host is created or replaced, when the loop, which handles
+// them, does not run. Tells whether one is pending. Must be made before there are other threads,
+// which would receive the signals instead.
 class TerminationBlocked {
  public:
   TerminationBlocked() {
@@ -176,8 +176,8 @@ int main(int argc, char** argv) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
                             platform::describe(announced.error()));
   }
-  const auto replacement = replacementRequests.watch(*linux.runLoop, [&] {
-    if (isStopping) return;
+  const auto replace = [&] {
+    if (isStopping) return blocked.reset();
     static_cast<void>(linux.readiness.announceReloading());
     linux.logSink.flush(kLogTime);
     linux.readiness.returnToEnvironment();
@@ -186,6 +186,13 @@ int main(int argc, char** argv) {
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
                             "the job host goes on as it is: " + platform::describe(error));
     static_cast<void>(linux.readiness.announceReady());
+    blocked.reset();
+  };
+  // A request to end that this program has noted already comes before the next turn. One that comes
+  // later stays pending for the program that replaces this one.
+  const auto replacement = replacementRequests.watch(*linux.runLoop, [&] {
+    blocked.emplace();
+    linux.runLoop->post(replace);
   });
   if (!replacement) return fail(replacement.error());
   const auto announceAlive = [&] {

@@ -6,10 +6,13 @@
 #include <sstream>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
@@ -46,6 +49,34 @@ class JobHostProgram : public testing::Test {
   const std::string program_ = root_.path("bin/jobhost");
 };
 
+// Makes the daemon's output a pipe, and reads from it which process each start has made.
+class StartedDaemons {
+ public:
+  explicit StartedDaemons(const std::string& path) {
+    EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    pipe_ = UniqueFd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    EXPECT_TRUE(pipe_);
+  }
+  platform::ProcessId next() const {
+    std::string line;
+    for (char byte = 0; byte != '\n'; line += byte) {
+      pollfd entry{pipe_.get(), POLLIN, 0};
+      if (::poll(&entry, 1, 60'000) != 1 || ::read(pipe_.get(), &byte, 1) != 1) {
+        ADD_FAILURE() << "no daemon was started";
+        return -1;
+      }
+    }
+    return std::stoi(line);
+  }
+  bool hasMore() const {
+    pollfd entry{pipe_.get(), POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 1;
+  }
+
+ private:
+  UniqueFd pipe_;
+};
+
 TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
   NotifySocket manager(root_.path("notify"));
   ChildProgram host({program_}, {"NOTIFY_SOCKET=" + root_.path("notify")});
@@ -59,17 +90,13 @@ TEST_F(JobHostProgram, RunsItsDaemonsUntilItIsStopped) {
 }
 
 TEST_F(JobHostProgram, ReplacesItselfWithoutAnEffectOnItsJobs) {
+  const StartedDaemons started(root_.path("output"));
   NotifySocket manager(root_.path("notify"));
   ChildProgram host({program_},
                     {"NOTIFY_SOCKET=" + root_.path("notify"), "WATCHDOG_USEC=3600000000"});
-  const auto runningDaemon = [this] {
-    platform::ProcessId daemon = 0;
-    std::ifstream(root_.path("output")) >> daemon;
-    return daemon;
-  };
   EXPECT_EQ(manager.next(), "READY=1");
   EXPECT_EQ(manager.next(), "WATCHDOG=1\nSTATUS=keeps 1 jobs");
-  const platform::ProcessId daemon = runningDaemon();
+  const platform::ProcessId daemon = started.next();
   ASSERT_GT(daemon, 0);
   for (int round = 0; round < 3; ++round) {
     // A package replaces the file.
@@ -80,7 +107,7 @@ TEST_F(JobHostProgram, ReplacesItselfWithoutAnEffectOnItsJobs) {
     EXPECT_EQ(manager.next(), "READY=1");
     EXPECT_EQ(manager.next(), "WATCHDOG=1\nSTATUS=keeps 1 jobs");
     EXPECT_TRUE(platform::isRunning(daemon));
-    EXPECT_EQ(runningDaemon(), daemon);
+    EXPECT_FALSE(started.hasMore());
   }
   // Without its file it goes on.
   std::filesystem::remove(program_);
@@ -92,6 +119,25 @@ TEST_F(JobHostProgram, ReplacesItselfWithoutAnEffectOnItsJobs) {
   EXPECT_EQ(manager.next(), "STOPPING=1");
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   EXPECT_FALSE(platform::isRunning(daemon));
+}
+
+TEST_F(JobHostProgram, AStopWhileItReplacesItselfEndsItsJobs) {
+  const StartedDaemons started(root_.path("output"));
+  for (int round = 0; round < 10; ++round) {
+    NotifySocket manager(root_.path("notify" + std::to_string(round)));
+    ChildProgram host({program_},
+                      {"NOTIFY_SOCKET=" + root_.path("notify" + std::to_string(round))});
+    EXPECT_EQ(manager.next(), "READY=1");
+    const platform::ProcessId daemon = started.next();
+    ASSERT_GT(daemon, 0);
+    host.signal(SIGHUP);
+    if (round % 2 == 1) {
+      EXPECT_THAT(manager.next(), testing::StartsWith("RELOADING=1\n"));
+    }
+    host.signal(SIGTERM);
+    EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
+    EXPECT_FALSE(platform::isRunning(daemon));
+  }
 }
 
 TEST_F(JobHostProgram, AnswersItsArgumentsAndStartsNothing) {
