@@ -23,13 +23,16 @@
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/Replacement.h"
 #include "JobHost/RuntimeFolders.h"
+#include "JobHost/Systemd/SystemdProcesses.h"
 #include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/BusClients.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
+#include "Platform/Linux/SystemFacts/ExecutablePath.h"
 #include "Platform/Linux/SystemFacts/ProgramArguments.h"
+#include "Platform/Linux/Systemd/SystemdManager.h"
 
 namespace {
 
@@ -76,6 +79,30 @@ class TerminationBlocked {
 int fail(const platform::Error& error) {
   std::fputs(("jobhost: " + platform::describe(error) + "\n").c_str(), stderr);
   return EXIT_FAILURE;
+}
+
+// The control groups of jobs, if the host makes them itself.
+std::optional<jobhost::JobGroups> makeGroups(std::uint64_t mark, platform::SystemLog& log) {
+  auto groups = jobhost::JobGroups::create(mark);
+  if (!groups) {
+    log.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
+                "jobs have no control groups, so a process that leaves its job's "
+                "process group is found by its environment only: " +
+                    platform::describe(groups.error()));
+    return std::nullopt;
+  }
+  if (!groups->haveWeights()) {
+    log.asl_log(nullptr, platform::ASL_LEVEL_INFO,
+                "the control groups of jobs have no weights, so \"ProcessType\" sets "
+                "niceness and I/O priority only");
+  }
+  return *std::move(groups);
+}
+
+// The program that systemd executes for each job lies beside this one.
+std::string pathOfStarter() {
+  const auto own = platform::runningExecutablePath();
+  return own ? own->substr(0, own->rfind('/') + 1) + "jobstart" : "/usr/bin/jobstart";
 }
 
 // Tells the operator once why fewer jobs than kMaximumJobs can run.
@@ -128,21 +155,16 @@ int main(int argc, char** argv) {
   auto bootId = jobhost::readBootId();
   if (!bootId) return fail(bootId.error());
   const std::uint64_t mark = jobhost::hostMark(linux.configuration.root, *bootId);
-  auto groups = jobhost::JobGroups::create(mark);
-  if (!groups) {
-    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
-                            "jobs have no control groups, so a process that leaves its job's "
-                            "process group is found by its environment only: " +
-                                platform::describe(groups.error()));
-  } else if (!groups->haveWeights()) {
-    linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_INFO,
-                            "the control groups of jobs have no weights, so \"ProcessType\" sets "
-                            "niceness and I/O priority only");
-  }
-  auto processes =
-      jobhost::LinuxProcesses::create(*linux.runLoop, linux.originalDescriptorLimit, mark,
-                                      groups ? std::optional(*std::move(groups)) : std::nullopt);
-  if (!processes) return fail(processes.error());
+  const bool usesSystemd =
+      linux.configuration.jobBackend == platform::PlatformConfiguration::JobBackend::kSystemd;
+  auto own = jobhost::LinuxProcesses::create(
+      *linux.runLoop, linux.originalDescriptorLimit, mark,
+      usesSystemd ? std::nullopt : makeGroups(mark, linux.systemLog));
+  if (!own) return fail(own.error());
+  platform::SystemdManager manager;
+  jobhost::SystemdProcesses units(**own, manager,
+                                  {linux.configuration.root, mark, pathOfStarter()});
+  jobhost::Processes& processes = usesSystemd ? static_cast<jobhost::Processes&>(units) : **own;
   std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;
   // Watch before the first job is started: a stop request during the start also ends the daemons
@@ -162,7 +184,7 @@ int main(int argc, char** argv) {
   options.isBusOutdated = clients.value_or(true);
   options.isStopRequested = &TerminationBlocked::isPending;
   auto created =
-      jobhost::JobHost::create(*linux.runLoop, **processes, linux.systemLog, std::move(options));
+      jobhost::JobHost::create(*linux.runLoop, processes, linux.systemLog, std::move(options));
   if (!created) return fail(created.error());
   host = *std::move(created);
   blocked.reset();

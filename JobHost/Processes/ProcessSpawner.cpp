@@ -32,11 +32,11 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include "JobHost/Definitions/JobKeys.h"
 #include "JobHost/Processes/ChildLimits.h"
 #include "JobHost/Processes/ChildStart.h"
-#include "JobHost/Processes/FileSystemIdentity.h"
 #include "JobHost/Processes/JobEnvironment.h"
 #include "JobHost/Processes/JobPriority.h"
 #include "JobHost/Processes/ProgramFile.h"
 #include "JobHost/Processes/SpawnedChild.h"
+#include "JobHost/Processes/StandardFiles.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Texts/QuotedText.h"
 
@@ -53,8 +53,6 @@ using platform::UniqueFd;
 constexpr std::size_t kStackBytes = 64 * 1024;
 constexpr std::size_t kGuardBytes = 64 * 1024;  // at least a page, whatever the machine's size
 constexpr long kPidfdFileSystem = 0x50494446;   // PIDFS_MAGIC, newer than our headers
-constexpr int kStandardFiles = 3;
-constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kDefaultUmask = 022;
 // The time after which the child first gets SIGCONT, in case another process has stopped it.
 constexpr platform::Duration kContinueAfter = std::chrono::milliseconds(50);
@@ -93,29 +91,6 @@ class DumpableKept {
   int was_ = ::prctl(PR_GET_DUMPABLE);
 };
 
-// Opens without waiting for a pipe's other end. The process then gets the file as if it had opened
-// it itself.
-Result<UniqueFd> openStandardFile(std::string_view key, const std::string& path, int flags) {
-  const std::string what = fmt::format("key \"{}\": opening {}", key, platform::quotedWhole(path));
-  const auto openWith = [&](int with) {
-    return retryOnInterrupt([&] {
-      return ::open(path.c_str(), with | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kNewFileMode);
-    });
-  };
-  // With O_CREAT, a file system that is frozen holds up the host, even if the file exists.
-  UniqueFd file(openWith(flags & ~O_CREAT));
-  if (!file && errno == ENOENT && (flags & O_CREAT) != 0) file.reset(openWith(flags));
-  if (!file) return std::unexpected(systemError(what));
-  struct stat status{};
-  if (::fstat(file.get(), &status) != 0) return std::unexpected(systemError(what));
-  if (S_ISDIR(status.st_mode)) return std::unexpected(Error{ErrorCode::kSystem, EISDIR, what});
-  const int now = ::fcntl(file.get(), F_GETFL);
-  if (now < 0 || ::fcntl(file.get(), F_SETFL, now & ~O_NONBLOCK) != 0) {
-    return std::unexpected(systemError(what));
-  }
-  return file;
-}
-
 // The memory that a SpawnedChild points to.
 class ChildSetup {
  public:
@@ -141,32 +116,11 @@ class ChildSetup {
 };
 
 Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
-  struct StandardFile {
-    std::string_view key;
-    const std::string& path;
-    int flags;
-  };
-  const StandardFile files[kStandardFiles] = {
-      {"StandardInPath", job.standardInPath, O_RDONLY},
-      {"StandardOutPath", job.standardOutPath, O_WRONLY | O_CREAT | O_APPEND},
-      {"StandardErrorPath", job.standardErrorPath, O_WRONLY | O_CREAT | O_APPEND},
-  };
-  // With the host's permissions, a link placed by the job's user could lead to any file.
-  std::optional<FileSystemIdentity> identity;
-  for (const auto& [key, path, flags] : files) {
-    if (path == kNull) {
-      descriptors_.push_back(null);
-      continue;
-    }
-    if (!identity && ::geteuid() == 0 && account.user != 0) {
-      auto assumed = FileSystemIdentity::assume(account);
-      if (!assumed) return std::unexpected(std::move(assumed.error()));
-      identity.emplace(*std::move(assumed));
-    }
-    auto file = openStandardFile(key, path, flags);
-    if (!file) return std::unexpected(std::move(file.error()));
-    descriptors_.push_back(file->get());
-    opened_.push_back(*std::move(file));
+  auto files = openStandardFiles(job, account);
+  if (!files) return std::unexpected(std::move(files.error()));
+  for (UniqueFd& file : *files) {
+    descriptors_.push_back(file ? file.get() : null);
+    if (file) opened_.push_back(std::move(file));
   }
   return {};
 }

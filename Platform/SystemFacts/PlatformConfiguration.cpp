@@ -141,8 +141,11 @@ bool readNotificationBus(const Value& value, Configuration& configuration) {
   return true;
 }
 
-bool readJobBackend(const Value& value, Configuration& /*configuration*/) {
-  return value == Value("embedded");
+bool readJobBackend(const Value& value, Configuration& configuration) {
+  if (value != Value("embedded") && value != Value("systemd")) return false;
+  configuration.jobBackend = value == Value("systemd") ? Configuration::JobBackend::kSystemd
+                                                       : Configuration::JobBackend::kEmbedded;
+  return true;
 }
 
 bool readLogSink(const Value& value, Configuration& configuration) {
@@ -194,7 +197,7 @@ constexpr std::array kKeys{
         readLanguages},
     Key{"NotificationBus", "\"system\" or a D-Bus address (\"unix:path=...\")",
         readNotificationBus},
-    Key{"JobBackend", "\"embedded\", the only one that is built", readJobBackend},
+    Key{"JobBackend", "\"embedded\" or \"systemd\"", readJobBackend},
     Key{"LogSink", "\"journal\", \"syslog\" or \"file\"", readLogSink},
     Key{"LogLevel", "an integer from 0 to 7", readLogLevel},
 };

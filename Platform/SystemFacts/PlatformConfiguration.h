@@ -13,10 +13,10 @@
 namespace platform {
 
 // The content of `etc/vantor/platform.plist` below the platform root. Every key is optional. It
-// does not configure the daemon, which has no options. A key "JobBackend" may only be "embedded",
-// since there is no other job host.
+// does not configure the daemon, which has no options.
 struct PlatformConfiguration {
   enum class LogSink { kJournal, kSyslog, kFile };
+  enum class JobBackend { kEmbedded, kSystemd };
 
   // The folder above every path of the platform layer: absolute, without a slash at its end unless
   // it is "/".
@@ -59,6 +59,10 @@ struct PlatformConfiguration {
 
   // "LogLevel": the least severe level that is logged, 0 to 7.
   int logLevel = 7;
+
+  // "JobBackend": "embedded" or "systemd", which starts the processes of jobs: the job host itself,
+  // or systemd in transient units.
+  JobBackend jobBackend = JobBackend::kEmbedded;
 };
 
 // The path of a file below a platform root: "/etc/file" or "ROOT/etc/file" for "etc/file".

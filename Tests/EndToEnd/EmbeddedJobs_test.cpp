@@ -17,76 +17,12 @@
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
+#include "Tests/EndToEnd/RealJobsMachine_fixture.h"
 
 namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-
-// A client of a real host. Only its waits for an absent host pass in virtual time.
-class Client {
- public:
-  explicit Client(const JobHostRoot& root)
-      : client_(transport_, waits_, jobHostSocket(root.folder().path())) {}
-
-  EmbeddedJobs& jobs() { return jobs_; }
-  EmbeddedAuthorization& authorization() { return authorization_; }
-  VirtualRunLoop& waits() { return waits_; }
-
-  // Runs both loops until `done` holds, for at most a minute.
-  void runUntil(const std::function<bool()>& done) {
-    const Instant deadline = loop_->now() + 1min;
-    const auto timer = loop_->startTimer(1ms, RunLoop::Repeat::kEvery, [&] {
-      waits_.advanceBy(1ms);
-      if (done() || loop_->now() >= deadline) loop_->stop();
-    });
-    loop_->run();
-    EXPECT_TRUE(done());
-  }
-
- private:
-  std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
-  DBusPeerTransport transport_{*loop_};
-  VirtualRunLoop waits_;
-  JobHostClient client_;
-  EmbeddedJobs jobs_{client_};
-  EmbeddedAuthorization authorization_{client_};
-};
-
-class RealJobsMachine final : public JobsMachine {
- public:
-  Jobs& jobs() override { return client_.jobs(); }
-  std::string program() override { return root_.program(); }
-  std::string stubbornProgram() override { return root_.stubbornProgram(); }
-  std::string outputPath() override { return root_.outputPath(); }
-  void awaitOutput(const std::string&) override { EXPECT_EQ(root_.nextOutput(), "ready"); }
-  std::string unstartableProgram() override { return root_.unstartableProgram(); }
-  void kill(const std::string&, ProcessId process) override { killAndAwait(process); }
-  bool isRunning(ProcessId process) override { return platform::isRunning(process); }
-  void awaitProcessAfter(const std::string& label, ProcessId process) override {
-    const Instant deadline = loop_->now() + 1min;
-    while (loop_->now() < deadline) {
-      const Value job = jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
-      if (job["PID"].integer().value_or(process) != process) return;
-    }
-    ADD_FAILURE() << "the job has no other process";
-  }
-  void runBriefly() override {
-    const Instant until = client_.waits().now() + 100ms;
-    client_.runUntil([&] { return client_.waits().now() >= until; });
-  }
-  void runUntil(const std::function<bool()>& done) override { client_.runUntil(done); }
-  void stopHost() override { root_.killHost(); }
-  void startHost() override { root_.startHost(); }
-  void startHostSoon() override {
-    client_.waits().scheduleOutsideEvent(1s, [this] { root_.startHost(); });
-  }
-
- private:
-  std::unique_ptr<AsioRunLoop> loop_ = std::move(*AsioRunLoop::create());
-  JobHostRoot root_;
-  Client client_{root_};
-};
 
 std::unique_ptr<JobsMachine> makeRealJobsMachine() { return std::make_unique<RealJobsMachine>(); }
 
@@ -100,7 +36,7 @@ class RealOffice final : public AuthorizationOffice {
 
  private:
   JobHostRoot root_;
-  Client client_{root_};
+  RealClient client_{root_};
 };
 
 std::unique_ptr<AuthorizationOffice> makeOffice() { return std::make_unique<RealOffice>(); }

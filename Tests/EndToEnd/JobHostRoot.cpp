@@ -39,6 +39,7 @@ JobHostRoot::JobHostRoot(const std::string& configuration) {
                         configuration + "</dict></plist>");
   std::filesystem::permissions(file, std::filesystem::perms(0644));
   std::filesystem::copy_file(JOBHOST, hostProgram());
+  std::filesystem::copy_file(JOBSTART, folder_.path("jobstart"));
   std::filesystem::copy_file(SERVICEMANAGERCTL, controlProgram());
   std::filesystem::copy_file(JOB_PROGRAM, program());
   std::filesystem::copy_file(JOB_PROGRAM, stubbornProgram());

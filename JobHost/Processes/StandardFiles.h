@@ -1,0 +1,17 @@
+#pragma once
+
+#include <array>
+
+#include "JobHost/Definitions/JobAccount.h"
+#include "JobHost/Definitions/JobDefinition.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Platform/Values/Error.h"
+
+namespace jobhost {
+
+// The standard input, output and error of a job's process, opened with the permissions of the job's
+// user if the host is root. Empty for /dev/null.
+platform::Result<std::array<platform::UniqueFd, 3>> openStandardFiles(const JobDefinition& job,
+                                                                      const JobAccount& account);
+
+}  // namespace jobhost

@@ -1,0 +1,160 @@
+#include "Platform/Linux/Systemd/SystemdManager.h"
+
+#include <csignal>
+#include <utility>
+
+#include <fmt/format.h>
+#include <poll.h>
+
+#include "Platform/Linux/Systemd/SystemdBus.h"
+#include "Platform/Linux/Systemd/UnitMessages.h"
+#include "Platform/Linux/Systemd/UnitNames.h"
+
+namespace platform {
+namespace {
+
+constexpr char kNotLoaded[] = "not-found";
+constexpr char kUnitInterface[] = "org.freedesktop.systemd1.Unit";
+constexpr char kServiceInterface[] = "org.freedesktop.systemd1.Service";
+constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
+std::string jobRule(const std::string& unit) {
+  return fmt::format("type='signal',sender='{}',interface='{}',member='JobRemoved',arg2='{}'",
+                     kSystemdName, kSystemdInterface, unit);
+}
+
+std::string removalRule(const std::string& unit) {
+  return fmt::format("type='signal',sender='{}',interface='{}',member='UnitRemoved',arg0='{}'",
+                     kSystemdName, kSystemdInterface, unit);
+}
+
+std::string changeRule(const std::string& unit) {
+  return fmt::format("type='signal',sender='{}',interface='{}',path='{}'", kSystemdName,
+                     kPropertiesInterface, unitObjectPath(unit));
+}
+
+Result<UniqueDBusMessage> propertyOf(SystemdBus& bus, const std::string& unit,
+                                     const char* interface, const char* name) {
+  return bus.call(unitObjectPath(unit), kPropertiesInterface, "Get",
+                  appendingTexts({interface, name}));
+}
+
+}  // namespace
+
+SystemdManager::SystemdManager(std::string busSocket)
+    : bus_(std::make_unique<SystemdBus>(std::move(busSocket))) {}
+
+SystemdManager::~SystemdManager() = default;
+
+Result<void> SystemdManager::startTransientUnit(const std::string& unit,
+                                                const std::vector<UnitProperty>& properties) {
+  const auto append = [&](DBusMessageIter& into) {
+    return appendTransientUnit(into, unit, properties);
+  };
+  auto started = bus_->call(kSystemdPath, kSystemdInterface, "StartTransientUnit", append);
+  if (started) return {};
+  return std::unexpected(std::move(started.error()));
+}
+
+void SystemdManager::expectJob(const std::string& unit) {
+  if (bus_->connect()) bus_->listen(jobRule(unit));
+}
+
+void SystemdManager::forgetJob(const std::string& unit) { bus_->stopListening(jobRule(unit)); }
+
+SystemdManager::Awaited SystemdManager::awaitStart(const std::string& unit, int descriptor,
+                                                   Duration limit) {
+  const Instant deadline = monotonicNow() + limit;
+  pollfd entry{descriptor, POLLIN, 0};
+  while (monotonicNow() < deadline) {
+    if (::poll(&entry, 1, bus_->isConnected() ? 0 : millisecondsOf(deadline - monotonicNow())) > 0)
+      return Awaited::kReadable;
+    const UniqueDBusMessage message = bus_->nextMessage(deadline, descriptor);
+    if (message && isFailedJob(message.get(), unit)) return Awaited::kFailed;
+  }
+  return ::poll(&entry, 1, 0) > 0 ? Awaited::kReadable : Awaited::kTimedOut;
+}
+
+std::optional<std::uint64_t> SystemdManager::number(const std::string& unit, const char* interface,
+                                                    const char* name) {
+  const auto answer = propertyOf(*bus_, unit, interface, name);
+  return answer ? numberIn(answer->get()) : std::nullopt;
+}
+
+std::string SystemdManager::text(const std::string& unit, const char* interface, const char* name) {
+  const auto answer = propertyOf(*bus_, unit, interface, name);
+  return answer ? textIn(answer->get()) : std::string();
+}
+
+Result<SystemdManager::Status> SystemdManager::statusOf(const std::string& unit) {
+  const auto process = propertyOf(*bus_, unit, kServiceInterface, "MainPID");
+  if (!process) return std::unexpected(process.error());
+  Status status;
+  status.mainProcess = static_cast<std::uint32_t>(numberIn(process->get()).value_or(0));
+  status.isTransient = number(unit, kUnitInterface, "Transient") == 1;
+  status.slice = text(unit, kServiceInterface, "Slice");
+  // Read last: systemd may unload the unit meanwhile.
+  status.isLoaded = text(unit, kUnitInterface, "LoadState") != kNotLoaded;
+  return status;
+}
+
+std::optional<std::int32_t> SystemdManager::exitStatusOf(const std::string& unit) {
+  const auto status = number(unit, kServiceInterface, "ExecMainStatus");
+  return status ? std::optional(static_cast<std::int32_t>(*status)) : std::nullopt;
+}
+
+std::optional<SystemdManager::MainEnd> SystemdManager::awaitEndOf(const std::string& unit,
+                                                                  std::uint32_t process,
+                                                                  Duration limit) {
+  const Instant deadline = monotonicNow() + limit;
+  if (bus_->isSilent() || !bus_->connect()) return std::nullopt;
+  bus_->listen(changeRule(unit));
+  std::optional<MainEnd> end;
+  for (;;) {
+    const auto code = number(unit, kServiceInterface, "ExecMainCode");
+    if (!code) break;
+    if (*code != 0) {
+      const auto status = number(unit, kServiceInterface, "ExecMainStatus");
+      const bool isSame = number(unit, kServiceInterface, "ExecMainPID") == process;
+      if (status && isSame)
+        end = {static_cast<std::int32_t>(*code), static_cast<std::int32_t>(*status)};
+      break;
+    }
+    // systemd has not reaped the process yet. The next signal of the unit says so.
+    if (monotonicNow() >= deadline || !bus_->nextMessage(deadline)) break;
+  }
+  bus_->stopListening(changeRule(unit));
+  return end;
+}
+
+void SystemdManager::release(const std::string& unit) {
+  if (bus_->isSilent() || !bus_->connect()) return;
+  bus_->send("StopUnit", appendingTexts({unit, "replace"}));
+  bus_->send("ResetFailedUnit", appendingTexts({unit}));
+}
+
+bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
+  const Instant deadline = monotonicNow() + limit;
+  if (bus_->isSilent() || !bus_->connect()) return false;
+  bus_->listen(removalRule(unit));
+  release(unit);
+  bool isRemoved = false;
+  do {
+    isRemoved = text(unit, kUnitInterface, "LoadState") == kNotLoaded;
+  } while (!isRemoved && bus_->nextMessage(deadline));
+  bus_->stopListening(removalRule(unit));
+  return isRemoved;
+}
+
+void SystemdManager::killAll(const std::string& unit) {
+  if (bus_->isSilent() || !bus_->connect()) return;
+  bus_->send("KillUnit", [&](DBusMessageIter& into) {
+    const char* name = unit.c_str();
+    const char* all = "all";
+    const std::int32_t kill = SIGKILL;
+    return dbus_message_iter_append_basic(&into, DBUS_TYPE_STRING, &name) &&
+           dbus_message_iter_append_basic(&into, DBUS_TYPE_STRING, &all) &&
+           dbus_message_iter_append_basic(&into, DBUS_TYPE_INT32, &kill);
+  });
+}
+
+}  // namespace platform
