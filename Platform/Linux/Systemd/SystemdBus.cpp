@@ -46,7 +46,7 @@ int millisecondsOf(Duration duration) {
 Result<void> SystemdBus::connect() {
   if (connection_ && dbus_connection_get_is_connected(connection_.get())) return {};
   connection_.reset();
-  const Duration limit = isSilent_ ? SystemdManager::kSilentTimeOut : SystemdManager::kTimeOut;
+  const Duration limit = isHung_ ? SystemdManager::kSilentTimeOut : SystemdManager::kTimeOut;
   auto socket = connectToSocket(socket_, limit);
   if (!socket) {
     socket.error().context =
@@ -72,12 +72,12 @@ Result<UniqueDBusMessage> SystemdBus::callOnce(DBusMessage* message, Duration li
   UniqueDBusMessage answer(dbus_connection_send_with_reply_and_block(
       connection_.get(), message, millisecondsOf(limit), error.get()));
   if (answer) {
-    isSilent_ = false;
+    isHung_ = false;
     return answer;
   }
   const bool isLate = (error.is(DBUS_ERROR_NO_REPLY) || error.is(DBUS_ERROR_TIMEOUT)) &&
                       monotonicNow() - start >= limit - kClockTolerance;
-  isSilent_ = isLate;
+  isHung_ = isLate;
   const char* method = dbus_message_get_member(message);
   if (isLate)
     return std::unexpected(
@@ -92,7 +92,7 @@ Result<UniqueDBusMessage> SystemdBus::callOnce(DBusMessage* message, Duration li
 Result<UniqueDBusMessage> SystemdBus::call(const std::string& path, const char* interface,
                                            const char* method, const AppendArguments& append) {
   const Instant deadline =
-      monotonicNow() + (isSilent_ ? SystemdManager::kSilentTimeOut : SystemdManager::kTimeOut);
+      monotonicNow() + (isHung_ ? SystemdManager::kSilentTimeOut : SystemdManager::kTimeOut);
   for (;;) {
     if (auto connected = connect(); !connected)
       return std::unexpected(std::move(connected.error()));

@@ -28,7 +28,7 @@ class SystemdBus {
     return connection_ && dbus_connection_get_is_connected(connection_.get()) != 0;
   }
   // Whether the last call had no answer.
-  bool isSilent() const { return isSilent_; }
+  bool isHung() const { return isHung_; }
 
   // Calls systemd. Its errors are kSystem; kNotFound means that it is away, and kExhausted that a
   // unit of the name exists.
@@ -54,7 +54,7 @@ class SystemdBus {
 
   const std::string socket_;
   UniqueDBusConnection connection_;
-  bool isSilent_ = false;
+  bool isHung_ = false;
 };
 
 }  // namespace platform

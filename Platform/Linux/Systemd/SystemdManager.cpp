@@ -106,7 +106,7 @@ std::optional<SystemdManager::MainEnd> SystemdManager::awaitEndOf(const std::str
                                                                   std::uint32_t process,
                                                                   Duration limit) {
   const Instant deadline = monotonicNow() + limit;
-  if (bus_->isSilent() || !bus_->connect()) return std::nullopt;
+  if (bus_->isHung() || !bus_->connect()) return std::nullopt;
   bus_->listen(changeRule(unit));
   std::optional<MainEnd> end;
   for (;;) {
@@ -127,14 +127,14 @@ std::optional<SystemdManager::MainEnd> SystemdManager::awaitEndOf(const std::str
 }
 
 void SystemdManager::release(const std::string& unit) {
-  if (bus_->isSilent() || !bus_->connect()) return;
+  if (bus_->isHung() || !bus_->connect()) return;
   bus_->send("StopUnit", appendingTexts({unit, "replace"}));
   bus_->send("ResetFailedUnit", appendingTexts({unit}));
 }
 
 bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
   const Instant deadline = monotonicNow() + limit;
-  if (bus_->isSilent() || !bus_->connect()) return false;
+  if (bus_->isHung() || !bus_->connect()) return false;
   bus_->listen(removalRule(unit));
   release(unit);
   bool isRemoved = false;
@@ -146,7 +146,7 @@ bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
 }
 
 void SystemdManager::killAll(const std::string& unit) {
-  if (bus_->isSilent() || !bus_->connect()) return;
+  if (bus_->isHung() || !bus_->connect()) return;
   bus_->send("KillUnit", [&](DBusMessageIter& into) {
     const char* name = unit.c_str();
     const char* all = "all";
