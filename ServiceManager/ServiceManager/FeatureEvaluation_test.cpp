@@ -85,12 +85,14 @@ class FeatureEvaluationTest : public testing::Test {
   SettingsClientFactories factories_;
   std::deque<RunLoop::Callback> onWorker_;
   std::deque<RunLoop::Callback> onMain_;
+  const SettingsParts parts_{
+      {loop_, daemon_.connections, *center_, daemon_.center, protocols_, system_}, factories_};
   SettingsQuestions questions_{
-      {.worker =
-           {.perform = [this](RunLoop::Callback work) { onWorker_.push_back(std::move(work)); },
-            .objects = {loop_, daemon_.connections, *center_, daemon_.center, protocols_, system_},
-            .factories = factories_},
+      {.worker = {[this](const std::string&, SettingsWorker::Work work) {
+         onWorker_.push_back([this, work = std::move(work)]() mutable { work(parts_); });
+       }},
        .onMain = [this](RunLoop::Callback call) { onMain_.push_back(std::move(call)); },
+       .now = [this] { return loop_.now(); },
        .onRestart = [] {}}};
   EvaluationTimers timers_{loop_};
   ServiceCatalogue catalogue_;

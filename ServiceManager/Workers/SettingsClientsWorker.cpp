@@ -13,43 +13,13 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/Settings/SettingsOfThisThread.h"
 
-namespace {
-
-// The clients of one thread, made and ended on it.
-struct SettingsPartsOfThread {
-  SettingsPartsOfThread(platform::AsioRunLoop& loop,
-                        const SettingsClientsWorker::Environment& environment)
-      : transport(loop, environment.linux.peerAccounts),
-        connections(loop, transport, center, environment.linux.systemLog,
-                    [&places = environment.places](std::string_view name) {
-                      return places.connection(name);
-                    }),
-        distributedCenter(platform::makeBusNotificationCenter(
-            loop, platform::notificationBusAddress(environment.linux.configuration),
-            environment.linux.systemLog)),
-        parts{{loop, connections, *distributedCenter, center, environment.protocols,
-               environment.linux.systemInformation},
-              factories} {
-    addSettingsClientFactories(factories, parts.objects);
-  }
-
-  platform::NotificationCenter center;
-  platform::DBusPeerTransport transport;
-  platform::NamedConnections connections;
-  std::unique_ptr<platform::DistributedNotificationCenter> distributedCenter;
-  SettingsClientFactories factories;
-  const SettingsParts parts;
-};
-
-}  // namespace
-
 class SettingsClientsWorker::Thread {
  public:
   Thread(std::unique_ptr<platform::LoopThread> thread, const Environment& environment)
       : thread_(std::move(thread)) {
     loop().post([this, environment] {
       vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
-      parts_ = std::make_unique<SettingsPartsOfThread>(loop(), environment);
+      parts_ = std::make_unique<Parts>(loop(), environment);
     });
     thread_->run([this] { parts_.reset(); });
   }
@@ -60,9 +30,34 @@ class SettingsClientsWorker::Thread {
   }
 
  private:
+  // The clients of one thread, made and ended on it.
+  struct Parts {
+    Parts(platform::AsioRunLoop& loop, const SettingsClientsWorker::Environment& environment)
+        : transport(loop, environment.linux.peerAccounts),
+          connections(loop, transport, center, environment.linux.systemLog,
+                      [&places = environment.places](std::string_view name) {
+                        return places.connection(name);
+                      }),
+          distributedCenter(platform::makeBusNotificationCenter(
+              loop, platform::notificationBusAddress(environment.linux.configuration),
+              environment.linux.systemLog)),
+          parts{{loop, connections, *distributedCenter, center, environment.protocols,
+                 environment.linux.systemInformation},
+                factories} {
+      addSettingsClientFactories(factories, parts.objects);
+    }
+
+    platform::NotificationCenter center;
+    platform::DBusPeerTransport transport;
+    platform::NamedConnections connections;
+    std::unique_ptr<platform::DistributedNotificationCenter> distributedCenter;
+    SettingsClientFactories factories;
+    const SettingsParts parts;
+  };
+
   platform::AsioRunLoop& loop() { return thread_->loop(); }
 
-  std::unique_ptr<SettingsPartsOfThread> parts_;  // the thread's
+  std::unique_ptr<Parts> parts_;  // the thread's
   const std::unique_ptr<platform::LoopThread> thread_;
 };
 

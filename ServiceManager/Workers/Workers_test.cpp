@@ -83,12 +83,22 @@ TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
   stop();
 }
 
-TEST_F(WorkersTest, TheSettingsWorkerHasItsClientsAtOnce) {
-  SettingsClientsWorker clients(*thread_, *linux_, *places_, protocols_);
+TEST_F(WorkersTest, EachSettingsServerHasAThreadWithItsClients) {
+  const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
+  ASSERT_TRUE(made) << describe(made.error());
+  SettingsClientsWorker& clients = **made;
   const SettingsWorker worker = clients.worker();
-  EXPECT_NE(worker.factories.find("cmxSettingsClientWithDelegate:"), nullptr);
-  expectThread(worker.perform);
-  stop();
+  expectThread([&](RunLoop::Callback work) {
+    worker.perform("common", [work = std::move(work)](const SettingsParts& parts) mutable {
+      EXPECT_NE(parts.factories.find("cmxSettingsClientWithDelegate:"), nullptr);
+      work();
+    });
+  });
+  worker.perform("common", [](const SettingsParts&) {});
+  EXPECT_EQ(clients.threads().size(), 1u);
+  worker.perform("update", [](const SettingsParts&) {});
+  EXPECT_EQ(clients.threads().size(), 2u);
+  for (LoopThread* thread : clients.threads()) EXPECT_TRUE(thread->stopWithin(1min));
 }
 
 TEST_F(WorkersTest, TheOperatorsWorkerHasItsThread) {
