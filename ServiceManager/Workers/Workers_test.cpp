@@ -84,7 +84,11 @@ TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
 }
 
 TEST_F(WorkersTest, TheSettingsWorkerHasItsClientsAtOnce) {
+  // The thread is busy, until the constructor returns or for a moment.
+  std::promise<void> returned;
+  thread_->loop().post([wait = returned.get_future().share()] { wait.wait_for(50ms); });
   SettingsClientsWorker clients(*thread_, *linux_, *places_, protocols_);
+  returned.set_value();
   const SettingsWorker worker = clients.worker();
   EXPECT_NE(worker.factories.find("cmxSettingsClientWithDelegate:"), nullptr);
   expectThread(worker.perform);
