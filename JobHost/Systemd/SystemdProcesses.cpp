@@ -159,7 +159,7 @@ Result<std::unique_ptr<JobProcess>> SystemdProcesses::start(
   manager_.forgetJob(unit);
   if (!starter) return failed(std::move(starter.error()));
   const auto refused = [&](Error why) {
-    discardUnit(unit);
+    endUnit(unit);
     return failed(std::move(why));
   };
   const auto identity = identityOf(*starter, mark.startedAt);
@@ -224,7 +224,7 @@ Result<ProcessId> SystemdProcesses::awaitStarter(const std::string& unit, Starte
     if (const auto stage = setupStageOf(*status); !stage.empty())
       why.context += fmt::format(": {}", stage);
   }
-  discardUnit(unit);
+  endUnit(unit);
   return std::unexpected(std::move(why));
 }
 
@@ -266,10 +266,17 @@ void SystemdProcesses::abandon(const std::string& label) {
       {{"Description", "abandoned by " + label}, {"Slice", slice_}, {"PIDs", std::move(numbers)}}));
 }
 
-void SystemdProcesses::discardUnit(const std::string& unit) {
+// For a unit that this host has started.
+void SystemdProcesses::endUnit(const std::string& unit) {
   if (const auto group = groupOf(unit); group && group->isPopulated())
     static_cast<void>(group->kill());
   manager_.release(unit);
+}
+
+// A unit without processes was released with the handle of its last process. A unit outside of the
+// slice is another's.
+void SystemdProcesses::discardUnit(const std::string& unit) {
+  if (const auto group = groupOf(unit); group && group->isPopulated()) endUnit(unit);
 }
 
 void SystemdProcesses::discard(const std::string& label) { discardUnit(unitNameOf(label)); }

@@ -60,6 +60,7 @@ class SystemdProcesses final : public Processes {
   platform::Result<std::unique_ptr<SystemdProcess>> hold(const std::string& unit,
                                                          const StartFields& identity, OnEnd onEnd);
   std::optional<platform::ControlGroup> groupOf(const std::string& unit) const;
+  void endUnit(const std::string& unit);
   void discardUnit(const std::string& unit);
 
   LinuxProcesses& processes_;

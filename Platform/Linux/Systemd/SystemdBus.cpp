@@ -135,7 +135,7 @@ void SystemdBus::stopListening(const std::string& rule) {
 }
 
 UniqueDBusMessage SystemdBus::nextMessage(Instant deadline, int otherDescriptor) {
-  while (connection_) {
+  while (connection_ && monotonicNow() < deadline) {
     if (UniqueDBusMessage message{dbus_connection_pop_message(connection_.get())}) {
       if (!isDisconnected(message.get())) return message;
       connection_.reset();

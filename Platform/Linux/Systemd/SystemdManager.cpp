@@ -13,7 +13,8 @@
 namespace platform {
 namespace {
 
-constexpr char kNotLoaded[] = "not-found";
+// Drop-ins without a unit are "bad-setting", and load again with each question.
+constexpr char kLoaded[] = "loaded";
 constexpr char kUnitInterface[] = "org.freedesktop.systemd1.Unit";
 constexpr char kServiceInterface[] = "org.freedesktop.systemd1.Service";
 constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
@@ -93,7 +94,7 @@ Result<SystemdManager::Status> SystemdManager::statusOf(const std::string& unit)
   status.isTransient = number(unit, kUnitInterface, "Transient") == 1;
   status.slice = text(unit, kServiceInterface, "Slice");
   // Read last: systemd may unload the unit meanwhile.
-  status.isLoaded = text(unit, kUnitInterface, "LoadState") != kNotLoaded;
+  status.isLoaded = text(unit, kUnitInterface, "LoadState") == kLoaded;
   return status;
 }
 
@@ -139,7 +140,7 @@ bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
   release(unit);
   bool isRemoved = false;
   do {
-    isRemoved = text(unit, kUnitInterface, "LoadState") == kNotLoaded;
+    isRemoved = text(unit, kUnitInterface, "LoadState") != kLoaded;
   } while (!isRemoved && bus_->nextMessage(deadline));
   bus_->stopListening(removalRule(unit));
   return isRemoved;
