@@ -25,8 +25,6 @@ class RegistryUsersTest : public XPCStartUpTest {
     std::shared_ptr<NSXPCListener> listener;
   };
 
-  RegistryUsersTest() { start(); }
-
   std::optional<Array> registerAs(User& user, const std::string& name) {
     const Value endpoint(std::shared_ptr<const RemoteObject>(user.listener->endpoint()));
     return call(*user.registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
@@ -36,6 +34,11 @@ class RegistryUsersTest : public XPCStartUpTest {
   static Array done() { return {Value(true), Value()}; }
   static Array refused(const char* why) { return {Value(false), Value(why)}; }
 
+  // The users connect to a daemon that serves.
+  const bool isStarted_ = [this] {
+    start();
+    return true;
+  }();
   User anna_{*this, 300, 501};
   User bert_{*this, 301, 502};
   User root_{*this, 302, 0};

@@ -87,8 +87,6 @@ class FeatureEvaluationTest : public testing::Test {
   std::deque<RunLoop::Callback> onMain_;
   const SettingsParts parts_{
       {loop_, daemon_.connections, *center_, daemon_.center, protocols_, system_}, factories_};
-  const SettingsParts parts_{
-      {loop_, daemon_.connections, *center_, daemon_.center, protocols_, system_}, factories_};
   SettingsQuestions questions_{
       {.worker = {[this](const std::string&, SettingsWorker::Work work) {
          onWorker_.push_back([this, work = std::move(work)]() mutable { work(parts_); });
