@@ -188,8 +188,9 @@ class DaemonFrozenDiskLong : private DiskOfLog, public DaemonBesideLog {
     expectControl({"explain", label}, label + " runs as process");
     expectControl({"stop", label}, label + " is stopped");
     EXPECT_EQ(root_.processOf(label), 0);
+    client_->forgetNotices();
     expectControl({"start", label}, label);
-    awaitServices(root_, labels());
+    root_.await(label + " to be back", [&] { return client_->hasNotice(label, 1); });
     expectKilledServiceIsReported(DaemonRoot::label(0));
   }
 };
