@@ -25,6 +25,9 @@ class RegistryUsersTest : public XPCStartUpTest {
     std::shared_ptr<NSXPCListener> listener;
   };
 
+  // The users have connected.
+  RegistryUsersTest() { loop_.runReady(); }
+
   std::optional<Array> registerAs(User& user, const std::string& name) {
     const Value endpoint(std::shared_ptr<const RemoteObject>(user.listener->endpoint()));
     return call(*user.registry, "registerXPCListenerEndpoint:forPasskey:withName:withReply:",
