@@ -107,8 +107,8 @@ TEST_F(DaemonNotificationBus, TheConfigurationServerRestartsWhileThereIsNone) {
   root_.awaitLog(kEvaluatingService, evaluations + 1);
 }
 
-// The daemon waits for the job host for so long that the bus closes its connection before it has
-// logged in.
+// The job host takes longer to answer than the bus waits for a log-in. The daemon's loop goes on
+// meanwhile and logs in.
 TEST_F(DaemonNotificationBus, AStartWithoutAnAnswerOfTheJobHostIsAnnounced) {
   std::string strictBus = contentOfFile(root_.folder().path("etc/vantor/notification-bus.conf"));
   const std::string limit = "<limit name=\"auth_timeout\">";
@@ -138,8 +138,8 @@ TEST_F(DaemonNotificationBus, AStartWithoutAnAnswerOfTheJobHostIsAnnounced) {
   root_.awaitStart();
   root_.host().continueHost();
   EXPECT_EQ(root_.logCount("was not posted"), 0U);
-  root_.awaitLog("Notifications may have been missed\n");  // It had to connect again.
   root_.awaitLog(kEvaluatingService);
+  EXPECT_EQ(root_.logCount("Notifications may have been missed\n"), 0U);
 }
 
 }  // namespace
