@@ -66,7 +66,7 @@ const bool kAdded[] = {
     atMost({"jobs-1000-start", 1.3,
             "1,000 jobs from the first submit() to all of them running / a loop of 1,000 forks and "
             "execs"}),
-    atMost({"job-memory", 1, "bytes of the host for each of 1,000 idle jobs / 4096 (as ns)"}),
+    atMost({"job-memory", 1, "bytes of the host for each of 1,000 idle jobs / 2048 (as ns)"}),
 };
 
 class NullSink final : public platform::LogSink {
@@ -414,7 +414,7 @@ void memorySubject(benchmark::State& state) {
 BENCHMARK(memorySubject)->Name("job-memory/subject")->UseManualTime()->Iterations(1);
 
 void memoryBaseline(benchmark::State& state) {
-  for (auto _ : state) state.SetIterationTime(4096e-9);
+  for (auto _ : state) state.SetIterationTime(2048e-9);
 }
 BENCHMARK(memoryBaseline)->Name("job-memory/baseline")->UseManualTime()->Iterations(1);
 
