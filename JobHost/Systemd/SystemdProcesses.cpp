@@ -279,7 +279,15 @@ void SystemdProcesses::discardUnit(const std::string& unit) {
   if (const auto group = groupOf(unit); group && group->isPopulated()) endUnit(unit);
 }
 
-void SystemdProcesses::discard(const std::string& label) { discardUnit(unitNameOf(label)); }
+void SystemdProcesses::discard(const std::string& label) {
+  const std::string unit = unitNameOf(label);
+  discardUnit(unit);
+  // The unit may still be there: it came to "failed" after its release, or systemd has not read
+  // that yet. It must be awaited, because systemd ignores requests of a host that has ended.
+  const auto status = manager_.statusOf(unit);
+  const bool isLeft = status && status->isLoaded && status->isTransient && status->slice == slice_;
+  if (isLeft && status->mainProcess == 0) manager_.releaseAndAwait(unit, kReleaseTimeOut);
+}
 
 void SystemdProcesses::discardOthers(const std::vector<std::string>& labels) {
   if (!hierarchy_) return;

@@ -33,6 +33,8 @@ class SystemdProcesses final : public Processes {
  public:
   // How long a start may take until its program is executed.
   static constexpr platform::Duration kStartTimeOut = std::chrono::seconds(5);
+  // How long the end of a removal waits until systemd has unloaded the unit.
+  static constexpr platform::Duration kReleaseTimeOut = std::chrono::seconds(1);
 
   // `processes` finds and holds processes. It and `manager` outlive this.
   SystemdProcesses(LinuxProcesses& processes, platform::SystemdManager& manager,

@@ -160,20 +160,24 @@ TEST_F(SystemdUnits, AClientStartsAJobAndItsSocketIsPassed) {
 }
 
 TEST_F(SystemdUnits, AUnitOfAnotherOwnerIsLeftAlone) {
-  awaitThat([] { return propertyOf(kUnit, "LoadState") == "not-found"; });
-  const std::string file = std::string("/run/systemd/system/") + kUnit;
+  const std::string unit = "vantor-com.example.foreign.service";
+  const std::string file = "/run/systemd/system/" + unit;
   std::ofstream(file) << "[Service]\nExecStart=/bin/sleep 1000\n";
   system({"/usr/bin/systemctl", "daemon-reload"});
-  system({"/usr/bin/systemctl", "start", kUnit});
-  const std::string other = propertyOf(kUnit, "MainPID");
-  const auto submitted = submit(jobOf(root_.program()));
-  ASSERT_FALSE(submitted);
-  EXPECT_THAT(submitted.error().localizedDescription, HasSubstr("is no job"));
-  EXPECT_EQ(propertyOf(kUnit, "MainPID"), other);
-  system({"/usr/bin/systemctl", "stop", kUnit});
+  system({"/usr/bin/systemctl", "start", unit});
+  const std::string other = propertyOf(unit, "MainPID");
+  Dictionary job = jobOf(root_.program());
+  job.set("Label", "com.example.foreign");
+  const auto submitted = submit(job);
+  EXPECT_FALSE(submitted);
+  if (!submitted) {
+    EXPECT_THAT(submitted.error().localizedDescription, HasSubstr("is no job"));
+  }
+  EXPECT_EQ(propertyOf(unit, "MainPID"), other);
+  system({"/usr/bin/systemctl", "stop", unit});
   std::filesystem::remove(file);
   system({"/usr/bin/systemctl", "daemon-reload"});
-  expectSubmitted(jobOf(root_.program()));
+  expectSubmitted(job);
 }
 
 TEST_F(SystemdUnits, ProcessesOutliveAReloadAndANewSystemd) {
