@@ -138,6 +138,10 @@ TEST_F(DBusPeerAudienceTest, AConnectionThatWasPassedOnIsNoticed) {
 
 // The connections exist, and work without further descriptors.
 TEST_F(DBusPeerAudienceTest, WithoutDescriptorsTheUserOfAProcessIsUnknown) {
+#ifdef __SANITIZE_ADDRESS__
+  // The sanitizer's check of types opens a pipe of its own, which fails without descriptors.
+  GTEST_SKIP() << "the sanitizer needs descriptors itself";
+#endif
   start({.audience = PeerAudience::all()});
   EXPECT_TRUE(call("echo:", {Value(1)}));
   {
