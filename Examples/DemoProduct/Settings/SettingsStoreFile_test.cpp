@@ -65,6 +65,29 @@ TEST_F(SettingsStoreTest, AnEmptyFileCountsAsNew) {
   EXPECT_TRUE(store_->set(kOne, "a", 1));
 }
 
+TEST_F(SettingsStoreTest, OnlyTheOwnerMayReadTheFileAndItsLog) {
+  using std::filesystem::perms;
+  constexpr perms kOwnerOnly = perms::owner_read | perms::owner_write;
+  const std::string log = path_ + "-wal";
+  const auto modeOf = [](const std::string& path) {
+    return std::filesystem::status(path).permissions();
+  };
+  ASSERT_TRUE(store_->set(kOne, "a", 1));
+  EXPECT_EQ(modeOf(path_), kOwnerOnly);
+  EXPECT_EQ(modeOf(log), kOwnerOnly);
+
+  // As an earlier version left them when it was killed.
+  store_.reset();
+  for (const std::string& path : {path_, log}) {
+    std::ofstream(path, std::ios::app).close();
+    std::filesystem::permissions(path, kOwnerOnly | perms::group_read | perms::others_read);
+  }
+  open();
+  ASSERT_TRUE(store_->set(kOne, "a", 2));
+  EXPECT_EQ(modeOf(path_), kOwnerOnly);
+  EXPECT_EQ(modeOf(log), kOwnerOnly);
+}
+
 TEST_F(SettingsStoreTest, AnUnreadableSettingIsSkipped) {
   ASSERT_TRUE(store_->set(kOne, "good", 1));
   execute(

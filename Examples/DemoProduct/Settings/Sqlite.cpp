@@ -1,8 +1,12 @@
 #include "Examples/DemoProduct/Settings/Sqlite.h"
 
+#include <cerrno>
 #include <utility>
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using platform::Error;
 using platform::ErrorCode;
@@ -33,6 +37,22 @@ Error errorOf(sqlite3* database, const std::string& path) {
   return {
       codeOf(status), sqlite3_system_errno(database),
       path + ": " + sqlite3_errmsg(database) + " (SQLite's error " + std::to_string(status) + ")"};
+}
+
+// SQLite gives a log that it makes the mode of the database, and keeps the mode of one that is
+// there. Errors are left to SQLite, which opens the same file. An existing file is not opened here,
+// since closing it would release the locks of this process on it.
+void restrictToOwner(const std::string& path) {
+  constexpr mode_t kOwnerOnly = 0600;
+  const int made =
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
+  if (made >= 0) {
+    ::close(made);
+    return;
+  }
+  if (errno != EEXIST) return;
+  for (const char* ending : {"", "-wal", "-shm"})
+    ::fchmodat(AT_FDCWD, (path + ending).c_str(), kOwnerOnly, AT_SYMLINK_NOFOLLOW);
 }
 
 }  // namespace
@@ -108,6 +128,7 @@ void SqliteDatabase::Closer::operator()(sqlite3* database) const { sqlite3_close
 
 Result<SqliteDatabase> SqliteDatabase::open(const std::string& path,
                                             std::chrono::milliseconds timeOut) {
+  restrictToOwner(path);
   sqlite3* opened = nullptr;
   const int status =
       sqlite3_open_v2(path.c_str(), &opened,

@@ -52,8 +52,8 @@ class SqliteDatabase {
  public:
   static constexpr std::chrono::milliseconds kTimeOut{5000};
 
-  // Opens the file, or creates it. The folder decides who may read it, since SQLite keeps a log
-  // beside it. A symbolic link is rejected. Waits for another program to release the file, for
+  // Opens the file, or creates it. Only its owner may read it and the log that SQLite keeps beside
+  // it. A symbolic link is rejected. Waits for another program to release the file, for
   // `timeOut` at most.
   //
   // A commit survives any end of this program. A power failure may cost the last changes but never
