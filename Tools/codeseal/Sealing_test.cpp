@@ -81,6 +81,20 @@ TEST_F(SealingTest, AProgramSealedByItsSignatureMayBeReplaced) {
   EXPECT_TRUE(bed_.check(bundle));
 }
 
+TEST_F(SealingTest, ProgramsSealedByTheirSignaturesNeedIdentifiersOfTheirOwn) {
+  const auto identity = makeKeys();
+  const std::string bundle = bed_.makeUnsealedBundle("Sample.bundle");
+  bed_.makeFile("Sample.bundle/Contents/Linux/another");
+  const auto refused = sealCode(bundle, identity, CodeSigningBed::options("same"), false,
+                                SealPrograms::kBySignature);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(refused.error().context,
+              testing::AllOf(testing::StartsWith(bundle + "/Contents/Linux/program: "),
+                             HasSubstr("\"same\"")));
+  EXPECT_TRUE(sealCode(bundle, identity, options(), false, SealPrograms::kBySignature));
+  EXPECT_TRUE(bed_.check(bundle));
+}
+
 TEST_F(SealingTest, AnAnchorIsTrustedWhateverTheUmask) {
   makeAuthority({keys_, "Test", CodeSigningBed::kSignedAt});
   std::filesystem::remove_all(bed_.folder().path("etc"));

@@ -93,5 +93,31 @@ TEST_F(BundleProgramsTest, AProgramWithoutASignatureCannotBeSealedByIt) {
                           SealPrograms::kBySignature));
 }
 
+TEST_F(BundleProgramsTest, ProgramsOfTheSameIdentifierCannotBeSealedByIt) {
+  const std::string other = bed_.makeProgram("Sample.bundle/Contents/Linux/other");
+  const auto sealAgain = [&] {
+    return signBundle(bundle_, CodeSigningBed::signer(), CodeSigningBed::options(),
+                      SealPrograms::kBySignature);
+  };
+  const auto refused = sealAgain();
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(describe(refused.error()),
+              HasSubstr("has the identifier \"com.vantor.sample\" as Contents/Linux/other has"));
+  ASSERT_TRUE(
+      signProgram(other, CodeSigningBed::signer(), CodeSigningBed::options("com.vantor.other")));
+  EXPECT_TRUE(sealAgain());
+  EXPECT_TRUE(bed_.check(bundle_));
+}
+
+TEST_F(BundleProgramsTest, AProgramWithASignatureBesideItCannotBeSealedByIt) {
+  bed_.makeFile(kProgram);
+  ASSERT_TRUE(signDetached(program_, CodeSigningBed::signer(), CodeSigningBed::options()));
+  const auto refused = signBundle(bundle_, CodeSigningBed::signer(), CodeSigningBed::options(),
+                                  SealPrograms::kBySignature);
+  ASSERT_FALSE(refused);
+  EXPECT_THAT(describe(refused.error()), HasSubstr("program.p7s by its content"));
+  EXPECT_TRUE(signBundle(bundle_, CodeSigningBed::signer(), CodeSigningBed::options()));
+}
+
 }  // namespace
 }  // namespace platform

@@ -49,6 +49,30 @@ CodeSigningResult<std::string> identifierOfProgram(const std::string& path) {
   return refuseResource(path + ": its signature has no identifier, so no seal can name it");
 }
 
+// The programs that a seal names by their signatures.
+class SealedPrograms {
+ public:
+  // The program's identifier, or why the seal can't name this program by its signature.
+  CodeSigningResult<std::string> add(const BundleContents& contents, const std::string& path) {
+    const std::string& file = contents.items.find(path)->second.path;
+    if (contents.items.contains(path + std::string(kDetachedSuffix))) {
+      return refuseResource(file + ": the seal keeps " + file + std::string(kDetachedSuffix) +
+                            " by its content, so no other program could replace this one");
+    }
+    auto identifier = identifierOfProgram(file);
+    if (!identifier) return identifier;
+    const auto [other, isNew] = pathsByIdentifier_.emplace(*identifier, path);
+    if (!isNew) {
+      return refuseResource(file + ": has the identifier \"" + *identifier + "\" as " +
+                            other->second + " has, so either could take the other's place");
+    }
+    return identifier;
+  }
+
+ private:
+  std::map<std::string, std::string> pathsByIdentifier_;
+};
+
 // std::nullopt if the entry is ill-formed.
 std::optional<SealedItem> readItem(const Value& entry) {
   const Dictionary* const fields = entry.dictionary();
@@ -100,13 +124,14 @@ CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t 
 
 CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents, SealPrograms programs) {
   Dictionary files;
+  SealedPrograms sealedPrograms;
   for (const auto& [path, item] : contents.items) {
     if (item.isLink) {
       files.set(path, Dictionary{{std::string(kLink), item.linkText}});
       continue;
     }
     if (programs == SealPrograms::kBySignature && isProgram(path)) {
-      auto identifier = identifierOfProgram(item.path);
+      auto identifier = sealedPrograms.add(contents, path);
       if (!identifier) return std::unexpected(identifier.error());
       files.set(path, Dictionary{{std::string(kSigned), *std::move(identifier)}});
       continue;

@@ -42,7 +42,7 @@ CodeSigningResult<bool> isBundleSeal(int file, std::uint64_t size, std::uint8_t 
 enum class SealPrograms { kByContent, kBySignature };
 
 // Makes the list for these contents. Reads all files. A program that is sealed by its signature has
-// one already, with an identifier.
+// one already, at its end and with an identifier that no other program of the bundle has.
 CodeSigningResult<Data> makeBundleSeal(const BundleContents& contents, SealPrograms programs);
 
 // Whether the program at `path` has a trusted signature with this identifier.
