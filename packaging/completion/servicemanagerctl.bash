@@ -1,7 +1,17 @@
 # Completion of servicemanagerctl for bash, with the labels that there are now.
 
 _servicemanagerctl_labels() {
-  servicemanagerctl "$@" list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }'
+  servicemanagerctl "$@" list 2>/dev/null | awk 'NR > 1 && $1 ~ /^[A-Za-z0-9_.-]+$/ && $1 ~ /[.]/ { print $1 }'
+}
+
+# The labels that begin with the word. `compgen -W` would expand what is in them as the shell does.
+_servicemanagerctl_complete_labels() {
+  local word=$1 label
+  shift
+  COMPREPLY=()
+  while read -r label; do
+    if [[ $label == "$word"* ]]; then COMPREPLY+=("$label"); fi
+  done < <(_servicemanagerctl_labels "$@")
 }
 
 _servicemanagerctl() {
@@ -29,7 +39,12 @@ _servicemanagerctl() {
   case ${commands[*]:0:2} in
     '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
       jobs platform log-test' ;;
-    start* | stop* | explain | 'installer begin') words=$(_servicemanagerctl_labels "${root[@]}") ;;
+    start* | stop* | explain | 'installer begin')
+      if [[ $word != -* ]]; then
+        _servicemanagerctl_complete_labels "$word" "${root[@]}"
+        return
+      fi
+      ;;
     installer) words='begin end' ;;
     settings) words='list get set unset' ;;
     settings\ *)
@@ -39,7 +54,12 @@ _servicemanagerctl() {
       ;;
     endpoints) words='lookup register' ;;
     jobs) words='list show submit remove' ;;
-    'jobs show' | 'jobs remove') words=$(_servicemanagerctl_labels "${root[@]}" jobs) ;;
+    'jobs show' | 'jobs remove')
+      if [[ $word != -* ]]; then
+        _servicemanagerctl_complete_labels "$word" "${root[@]}" jobs
+        return
+      fi
+      ;;
     'jobs submit' | execinfo*)
       mapfile -t COMPREPLY < <(compgen -f -- "$word")
       return

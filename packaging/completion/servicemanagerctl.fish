@@ -1,7 +1,7 @@
 # Completion of servicemanagerctl for fish, with the labels that there are now.
 
 function __servicemanagerctl_labels
-    servicemanagerctl $argv list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }'
+    servicemanagerctl $argv list 2>/dev/null | awk 'NR > 1 && $1 ~ /^[A-Za-z0-9_.-]+$/ && $1 ~ /[.]/ { print $1 }'
 end
 
 # Whether the words so far, without options, are these.

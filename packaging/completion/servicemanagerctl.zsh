@@ -15,7 +15,7 @@ while ((at < CURRENT)); do
 done
 
 _servicemanagerctl_labels() {
-  labels=(${(f)"$(servicemanagerctl $root $@ list 2>/dev/null | awk 'NR > 1 && $1 ~ /[.]/ { print $1 }')"})
+  labels=(${(f)"$(servicemanagerctl $root $@ list 2>/dev/null | awk 'NR > 1 && $1 ~ /^[A-Za-z0-9_.-]+$/ && $1 ~ /[.]/ { print $1 }')"})
   compadd -a labels
 }
 
