@@ -38,12 +38,15 @@ void FeatureEvaluation::settingsHaveCome(const std::string& label,
                                          const SettingsQuestions::Values& values) {
   const bool isWantedAgain = asked_.extract(label).mapped();
   evaluateAfterHungServer(label, configurations);
-  if (environment_.mayEvaluate(label)) evaluateSwitches(label, configurations, values);
-  if (isWantedAgain) {
-    environment_.evaluateAgain(label);
-  } else {
-    environment_.onAnswer();
+  const bool mayEvaluate = environment_.mayEvaluate(label);
+  const bool hasMatch = mayEvaluate && evaluateSwitches(label, configurations, values);
+  // A slow server may have held up the values of others, which have changed since. A shutdown is
+  // never withdrawn, so only values that are asked for after the last request decide on one.
+  if (isWantedAgain) return environment_.evaluateAgain(label);
+  if (mayEvaluate && !hasMatch) {
+    environment_.timers.shutDownLater(label, [this, label] { environment_.shutDown(label); });
   }
+  environment_.onAnswer();
 }
 
 // A hung server's switches count as off. A server that goes on announces nothing, so it is asked
@@ -59,19 +62,18 @@ void FeatureEvaluation::evaluateAfterHungServer(const std::string& label,
                                         [this, label] { environment_.evaluateAgain(label); });
 }
 
-void FeatureEvaluation::evaluateSwitches(const std::string& label,
+bool FeatureEvaluation::evaluateSwitches(const std::string& label,
                                          const Configurations& configurations,
                                          const SettingsQuestions::Values& values) {
-  bool shutDown = true;
+  bool hasMatch = false;
   auto value = values.begin();
   for (const FeatureConfiguration& configuration : configurations) {
     ++value;  // The client alone.
     for (const auto& [key, expected] : configuration.switches) {
-      if (evaluateSwitch(label, configuration.feature, key, expected, *value++)) shutDown = false;
+      if (evaluateSwitch(label, configuration.feature, key, expected, *value++)) hasMatch = true;
     }
   }
-  if (!shutDown) return;
-  environment_.timers.shutDownLater(label, [this, label] { environment_.shutDown(label); });
+  return hasMatch;
 }
 
 bool FeatureEvaluation::evaluateSwitch(const std::string& label, const std::string& feature,

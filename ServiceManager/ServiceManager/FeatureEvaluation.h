@@ -45,7 +45,8 @@ class FeatureEvaluation {
   void settingsHaveCome(const std::string& label, const Configurations& configurations,
                         const SettingsQuestions::Values& values);
   void evaluateAfterHungServer(const std::string& label, const Configurations& configurations);
-  void evaluateSwitches(const std::string& label, const Configurations& configurations,
+  // Whether any switch asks for the service to run.
+  bool evaluateSwitches(const std::string& label, const Configurations& configurations,
                         const SettingsQuestions::Values& values);
   // Whether the switch asks for the service to run. If so, it is made to run.
   bool evaluateSwitch(const std::string& label, const std::string& feature, const std::string& key,

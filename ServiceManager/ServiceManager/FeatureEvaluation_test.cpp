@@ -211,6 +211,21 @@ TEST_F(FeatureEvaluationTest, ARequestDuringAQuestionGetsOneMoreTurn) {
   EXPECT_THAT(takeDecisions(), ElementsAre("run", "evaluate again"));
 }
 
+// The values may be older than the request, and a shutdown is never withdrawn.
+TEST_F(FeatureEvaluationTest, ARequestDuringAQuestionPreventsAShutDownByItsValues) {
+  settings_["common"] = {{"web", 2}, {"strict", false}};
+  settings_["update"] = {{"mail", "off"}};
+  features_.evaluate(kFilter);
+  features_.evaluate(kFilter);
+  serveSettings();
+  EXPECT_THAT(takeDecisions(), ElementsAre("evaluate again"));
+  loop_.advanceBy(1h);
+  EXPECT_THAT(takeDecisions(), IsEmpty());
+  evaluate();
+  loop_.advanceBy(EvaluationTimers::kFeatureShutdownDelay);
+  EXPECT_THAT(takeDecisions(), ElementsAre("answer", "shut down"));
+}
+
 TEST_F(FeatureEvaluationTest, AHungServerIsAskedAgainOnceForManyEvaluations) {
   settings_["common"] = {{"web", 1}, {"strict", false}};
   settings_["update"] = {{"mail", "off"}};
