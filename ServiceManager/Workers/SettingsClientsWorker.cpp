@@ -1,8 +1,11 @@
 #include "ServiceManager/Workers/SettingsClientsWorker.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
+#include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
@@ -13,24 +16,37 @@
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/Settings/SettingsOfThisThread.h"
 
+namespace {
+
+bool isSettingsServer(std::string_view server) {
+  return std::ranges::any_of(kGlobalSettingsDomains, [server](const GlobalSettingsDomain& domain) {
+    return server == domain.prefix;
+  });
+}
+
+}  // namespace
+
+static_assert(SettingsClientsWorker::kMaximumThreads == std::size(kGlobalSettingsDomains) + 1);
+
 class SettingsClientsWorker::Thread {
  public:
   Thread(std::unique_ptr<platform::LoopThread> thread, const Environment& environment)
-      : thread_(std::move(thread)) {
-    loop().post([this, environment] {
-      vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self());
-      parts_ = std::make_unique<Parts>(loop(), environment);
-    });
+      : environment_(environment), thread_(std::move(thread)) {
+    loop().post(
+        [] { vantorlogger2_open(ORBServiceManager::kClassName, platform::mach_thread_self()); });
     thread_->run([this] { parts_.reset(); });
   }
 
   platform::LoopThread* thread() const { return thread_.get(); }
   void perform(SettingsWorker::Work work) {
-    loop().post([this, work = std::move(work)]() mutable { work(parts_->parts); });
+    loop().post([this, work = std::move(work)]() mutable {
+      if (!parts_) parts_ = std::make_unique<Parts>(loop(), environment_);
+      work(parts_->parts);
+    });
   }
 
  private:
-  // The clients of one thread, made and ended on it.
+  // The clients of one thread, made for its first work and ended on it.
   struct Parts {
     Parts(platform::AsioRunLoop& loop, const SettingsClientsWorker::Environment& environment)
         : transport(loop, environment.linux.peerAccounts),
@@ -57,6 +73,7 @@ class SettingsClientsWorker::Thread {
 
   platform::AsioRunLoop& loop() { return thread_->loop(); }
 
+  const Environment environment_;
   std::unique_ptr<Parts> parts_;  // the thread's
   const std::unique_ptr<platform::LoopThread> thread_;
 };
@@ -67,7 +84,10 @@ SettingsClientsWorker::SettingsClientsWorker(const Environment& environment)
 platform::Result<std::unique_ptr<SettingsClientsWorker>> SettingsClientsWorker::make(
     const Environment& environment) {
   std::unique_ptr<SettingsClientsWorker> made(new SettingsClientsWorker(environment));
-  if (auto first = made->startThread(); !first) return std::unexpected(std::move(first.error()));
+  for (int thread = 0; thread < 2; ++thread) {
+    if (auto started = made->startThread(); !started)
+      return std::unexpected(std::move(started.error()));
+  }
   return made;
 }
 
@@ -84,7 +104,9 @@ SettingsClientsWorker::Thread& SettingsClientsWorker::threadOf(const std::string
   const auto known = threadOfServer_.find(server);
   if (known != threadOfServer_.end()) return *known->second;
   Thread* thread = threads_.front().get();
-  if (!threadOfServer_.empty() && threads_.size() < kMaximumThreads) {
+  if (threadOfServer_.empty()) {
+    thread = threads_.back().get();
+  } else if (isSettingsServer(server)) {
     thread = startThread().value_or(thread);
   }
   return *threadOfServer_.emplace(server, thread).first->second;

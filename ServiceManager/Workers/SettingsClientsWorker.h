@@ -13,12 +13,14 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 
 // The clients of settings servers. Each server has a thread, since a server that hangs must delay
-// no other. A thread is started when its server is first asked, so no wait is needed for it.
+// no other. A thread is started when its server is first asked, so no wait is needed for it. If the
+// system has no thread left, the server shares one with others of its kind. The server that is
+// asked first always has its own: it is the configuration server, on which everything depends.
 // Belongs to the main thread.
 class SettingsClientsWorker {
  public:
   // The eight settings servers, and the status server of the configuration server. A catalogue may
-  // name others, which do not exist.
+  // name others, which do not exist. They use the shared thread, which comes in addition.
   static constexpr std::size_t kMaximumThreads = 9;
 
   // All of it outlives this.
@@ -28,7 +30,7 @@ class SettingsClientsWorker {
     const platform::ProtocolTable& protocols;
   };
 
-  // Starts the first thread, which also asks the servers for which no other can be had.
+  // Starts the shared thread, and that of the server that will be asked first.
   static platform::Result<std::unique_ptr<SettingsClientsWorker>> make(
       const Environment& environment);
   SettingsClientsWorker(const SettingsClientsWorker&) = delete;
@@ -47,7 +49,7 @@ class SettingsClientsWorker {
   Thread& threadOf(const std::string& server);
 
   const Environment environment_;
-  std::vector<std::unique_ptr<Thread>> threads_;
+  std::vector<std::unique_ptr<Thread>> threads_;  // The first is the shared one.
   std::map<std::string, Thread*> threadOfServer_;
 };
 

@@ -1,16 +1,21 @@
 // The daemon's workers, each on a thread of its own.
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
 #include <optional>
+#include <string>
+#include <thread>
 #include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
+#include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
@@ -22,6 +27,7 @@
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"
+#include "Platform/Testing/Machine/InterceptedSystemCall.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/Workers/ExtensionWorker.h"
@@ -64,6 +70,15 @@ class WorkersTest : public testing::Test {
     EXPECT_THAT(lines[0].text, testing::HasSubstr("a line"));
   }
 
+  // The thread that asks this server.
+  static std::thread::id threadOf(const SettingsWorker& worker, const std::string& server) {
+    const auto thread = std::make_shared<std::promise<std::thread::id>>();
+    auto id = thread->get_future();
+    worker.perform(
+        server, [thread](const SettingsParts&) { thread->set_value(std::this_thread::get_id()); });
+    return id.get();
+  }
+
   TemporaryFolder root_;
   std::unique_ptr<LinuxPlatform> linux_;
   std::optional<ListenerPlaces> places_;
@@ -95,10 +110,41 @@ TEST_F(WorkersTest, EachSettingsServerHasAThreadWithItsClients) {
     });
   });
   worker.perform("common", [](const SettingsParts&) {});
-  EXPECT_EQ(clients.threads().size(), 1u);
+  EXPECT_EQ(clients.threads().size(), 2u);  // and a shared one
   worker.perform("update", [](const SettingsParts&) {});
-  EXPECT_EQ(clients.threads().size(), 2u);
+  EXPECT_EQ(clients.threads().size(), 3u);
   for (LoopThread* thread : clients.threads()) EXPECT_TRUE(thread->stopWithin(1min));
+}
+
+TEST_F(WorkersTest, WithoutAThreadASettingsServerSharesOne) {
+  const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
+  ASSERT_TRUE(made) << describe(made.error());
+  const SettingsWorker worker = (*made)->worker();
+  std::thread::id primary;
+  std::thread::id update;
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] {
+        primary = threadOf(worker, "status");
+        update = threadOf(worker, "update");
+      });
+  EXPECT_NE(primary, update);
+  EXPECT_EQ(threadOf(worker, "unknown"), update);
+  EXPECT_NE(threadOf(worker, "common"), update);
+  EXPECT_EQ(threadOf(worker, "status"), primary);
+  for (LoopThread* thread : (*made)->threads()) EXPECT_TRUE(thread->stopWithin(1min));
+}
+
+TEST_F(WorkersTest, ServersThatDoNotExistUseUpNoThread) {
+  const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
+  ASSERT_TRUE(made) << describe(made.error());
+  const SettingsWorker worker = (*made)->worker();
+  const std::thread::id primary = threadOf(worker, "status");
+  for (int i = 0; i < 20; ++i) EXPECT_NE(threadOf(worker, "unknown" + std::to_string(i)), primary);
+  EXPECT_EQ((*made)->threads().size(), 2u);
+  for (const GlobalSettingsDomain& domain : kGlobalSettingsDomains) threadOf(worker, domain.prefix);
+  EXPECT_EQ((*made)->threads().size(), SettingsClientsWorker::kMaximumThreads + 1);
+  for (LoopThread* thread : (*made)->threads()) EXPECT_TRUE(thread->stopWithin(1min));
 }
 
 TEST_F(WorkersTest, TheOperatorsWorkerHasItsThread) {

@@ -1,5 +1,6 @@
 #include "Platform/Linux/RunLoops/LoopThread.h"
 
+#include <system_error>
 #include <utility>
 
 namespace platform {
@@ -7,13 +8,32 @@ namespace platform {
 Result<std::unique_ptr<LoopThread>> LoopThread::create() {
   auto loop = AsioRunLoop::create();
   if (!loop) return std::unexpected(std::move(loop.error()));
-  return std::unique_ptr<LoopThread>(new LoopThread(std::move(*loop)));
+  std::unique_ptr<LoopThread> made(new LoopThread(std::move(*loop)));
+  try {
+    made->thread_ = std::thread([self = made.get()] { self->serve(); });
+  } catch (const std::system_error& error) {
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, error.code().value(), "a thread for a run loop"});
+  }
+  return made;
 }
 
 LoopThread::~LoopThread() {
   if (!thread_.joinable()) return;
-  askToStop();
+  if (hasBegun_) {
+    askToStop();
+  } else {
+    begin_.set_value({});
+  }
   thread_.join();
+}
+
+void LoopThread::serve() {
+  const std::function<void()> atEnd = begin_.get_future().get();
+  if (!atEnd) return;
+  loop_->run();
+  atEnd();
+  ended_.set_value();
 }
 
 void LoopThread::askToStop() {
@@ -21,15 +41,12 @@ void LoopThread::askToStop() {
 }
 
 void LoopThread::run(std::function<void()> atEnd) {
-  thread_ = std::thread([this, atEnd = std::move(atEnd)] {
-    loop_->run();
-    atEnd();
-    ended_.set_value();
-  });
+  hasBegun_ = true;
+  begin_.set_value(std::move(atEnd));
 }
 
 bool LoopThread::stopWithin(Duration limit) {
-  if (!thread_.joinable()) return true;
+  if (!hasBegun_ || !thread_.joinable()) return true;
   askToStop();
   if (ended_.get_future().wait_for(limit) != std::future_status::ready) return false;
   thread_.join();

@@ -4,6 +4,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 
@@ -14,7 +15,8 @@ namespace platform {
 // this has ended.
 class LoopThread {
  public:
-  // Fails with kExhausted if the system has no descriptors left.
+  // Fails with kExhausted if the system has no descriptors or no threads left. The thread is there
+  // from now on, so that run() can't fail.
   static Result<std::unique_ptr<LoopThread>> create();
 
   LoopThread(const LoopThread&) = delete;
@@ -35,8 +37,11 @@ class LoopThread {
 
  private:
   explicit LoopThread(std::unique_ptr<AsioRunLoop> loop) : loop_(std::move(loop)) {}
+  void serve();
 
   std::unique_ptr<AsioRunLoop> loop_;
+  bool hasBegun_ = false;
+  std::promise<std::function<void()>> begin_;  // the function is empty if the loop is not to run
   std::promise<void> ended_;
   std::thread thread_;
 };

@@ -1,5 +1,6 @@
 #include "Platform/Linux/RunLoops/LoopThread.h"
 
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <string>
@@ -7,6 +8,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+
+#include "Platform/Testing/Machine/InterceptedSystemCall.h"
 
 namespace platform {
 namespace {
@@ -70,6 +74,16 @@ TEST(LoopThreadTest, SeveralEndAtTheSameTime) {
   for (LoopThread* thread : {first->get(), second->get()}) thread->askToStop();
   EXPECT_TRUE((*first)->stopWithin(std::chrono::minutes(1)));
   EXPECT_TRUE((*second)->stopWithin(std::chrono::minutes(1)));
+}
+
+TEST(LoopThreadTest, WithoutAThreadItsCreationFails) {
+  ErrorCode code{};
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] {
+        if (const auto thread = LoopThread::create(); !thread) code = thread.error().code;
+      });
+  EXPECT_EQ(code, ErrorCode::kExhausted);
 }
 
 TEST(LoopThreadTest, OneThatNeverRanEndsToo) { EXPECT_TRUE(LoopThread::create()); }
