@@ -38,6 +38,8 @@ class ChangeRequests {
   void performOf(std::uint32_t user, platform::RunLoop::Callback change);
   // The same for the request that this thread serves.
   void perform(platform::RunLoop::Callback change);
+  // Drops the call that waits for the end of the minute.
+  void forgetDelayed() { delayed_.reset(); }
 
  private:
   bool count(std::uint32_t user);

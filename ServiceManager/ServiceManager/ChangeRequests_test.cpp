@@ -81,6 +81,21 @@ TEST_F(ChangeRequestsTest, NoNecessaryRequestIsLost) {
   EXPECT_EQ(performed, 1u);
 }
 
+TEST_F(ChangeRequestsTest, ADelayedRequestCanBeForgotten) {
+  std::size_t performed = 0;
+  const auto exceedLimit = [&] {
+    for (std::size_t i = 0; i <= ChangeRequests::kOfUser; ++i)
+      requests_.performOf(kUser, [&] { ++performed; });
+  };
+  exceedLimit();
+  requests_.forgetDelayed();
+  loop_.advanceBy(ChangeRequests::kPeriod);
+  EXPECT_EQ(performed, ChangeRequests::kOfUser);
+  exceedLimit();
+  loop_.advanceBy(ChangeRequests::kPeriod);
+  EXPECT_EQ(performed, 2 * ChangeRequests::kOfUser + 1);
+}
+
 // The daemon's own calls serve nobody's request.
 TEST_F(ChangeRequestsTest, WithoutARequestNothingIsRefused) {
   for (int i = 0; i < 1000; ++i) EXPECT_FALSE(requests_.refusal());

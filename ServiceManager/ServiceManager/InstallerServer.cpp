@@ -27,6 +27,8 @@ void InstallerServer::takeMessage(std::string_view selector, const Array& argume
   if (auto refusal = changes_.refusal()) {
     return reply.answer(std::unexpected(*std::move(refusal)));
   }
+  // The delayed end belongs to earlier work, and would start services amid this one.
+  changes_.forgetDelayed();
   manager_.shutdownServices(*labels.array(),
                             [reply = std::move(reply)](bool haveAllStopped) mutable {
                               reply.answer(Value(haveAllStopped));

@@ -49,6 +49,15 @@ class MessagesTest : public ServiceManagerFixture {
   AuthServer auth_{manager().secret()};
 };
 
+TEST_F(MessagesTest, ADelayedEndDoesNotEndALaterInstallersWork) {
+  std::size_t ends = 0;
+  for (std::size_t i = 0; i <= ChangeRequests::kOfUser; ++i)
+    changes_.performOf(1000, [&] { ++ends; });
+  EXPECT_EQ(send("shutdownServices:", {Array{}}), Value(true));
+  loop_.advanceBy(ChangeRequests::kPeriod);
+  EXPECT_EQ(ends, ChangeRequests::kOfUser);
+}
+
 TEST_F(MessagesTest, TheQueriesAnswerByTheirSelectors) {
   EXPECT_EQ(send("services"), manager().services());
   EXPECT_EQ(send("pidForService:", {kAgent}), Value(process(kAgent)));
