@@ -56,6 +56,7 @@ class KLXGlobalSettingsClient final : public VantorDistantObject, public Setting
 
   // Forwarded like every other message.
   platform::Value objectForKey(std::string_view key) override;
+  bool hasAnswered() override { return !recentException(); }
   platform::MessageResult probeObjectForKey(std::string_view key,
                                             platform::Duration timeOut) override;
   bool isServerHung() override { return isRemoteServerHung(); }

@@ -20,6 +20,10 @@ class SettingsClient {
   // The setting's current value, nil if there is none or the server can't be reached.
   virtual platform::Value objectForKey(std::string_view key) = 0;
 
+  // Whether the server has answered the last objectForKey(), so that nil means that it has no such
+  // setting.
+  virtual bool hasAnswered() { return !isServerHung(); }
+
   // A probe: one attempt within `timeOut`. A failure is returned, and neither logged nor
   // remembered.
   virtual platform::MessageResult probeObjectForKey(std::string_view key,

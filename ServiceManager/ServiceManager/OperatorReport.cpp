@@ -286,7 +286,8 @@ MessageResult OperatorReport::probe(SettingsClient& client,
                                     const std::pair<const std::string, AskedSource>& asked,
                                     const std::string& key, ProbeTimes& left) {
   const auto& [source, state] = asked;
-  Duration& ofSource = left.ofSource.try_emplace(source, timeFor(source, state)).first->second;
+  const Duration whole = timeFor(source, state);
+  Duration& ofSource = left.ofSource.try_emplace(source, whole).first->second;
   const Duration time = std::min(ofSource, left.all);
   if (time <= Duration::zero())
     return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
@@ -299,7 +300,9 @@ MessageResult OperatorReport::probe(SettingsClient& client,
     hungUntil_.erase(source);
   } else {
     ofSource = Duration::zero();  // It is not asked about its other switches.
-    hungUntil_[source] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
+    // A server that had only the rest of the time may just be slow.
+    if (time == whole)
+      hungUntil_[source] = environment_.runLoop.now() + NamedConnections::kHungServerPause;
   }
   return current;
 }
@@ -310,7 +313,7 @@ SwitchOutcome OperatorReport::addLastValue(Dictionary& facts, const OperatorPict
                                            const Value& expected) const {
   const auto last = picture.lastValues.find({source, key});
   if (last == picture.lastValues.end()) return SwitchOutcome::kNoAnswer;
-  facts.set(kFactCurrent, last->second.value);
+  setIfKnown(facts, kFactCurrent, last->second.value);
   facts.set(kFactCurrentAge, inSeconds(-until(last->second.at)));
   return outcomeOf(compareSwitch(expected, last->second.value));
 }

@@ -21,13 +21,14 @@ class OperatorSwitchesTest : public OperatorFixture {};
 // A server that answers slowly, or, if it hangs, never.
 class SlowClient final : public SettingsClient {
  public:
-  SlowClient(VirtualRunLoop& loop, const Duration& time) : loop_(loop), time_(time) {}
+  SlowClient(VirtualRunLoop& loop, const Duration& time, const Value& answer)
+      : loop_(loop), time_(time), answer_(answer) {}
   Value objectForKey(std::string_view key) override {
     return probeObjectForKey(key, 10s).value_or(Value());
   }
   MessageResult probeObjectForKey(std::string_view, Duration timeOut) override {
     loop_.sleepFor(std::min(timeOut, time_));
-    if (time_ <= timeOut) return Value(1);
+    if (time_ <= timeOut) return answer_;
     return std::unexpected(NSException{kNSPortTimeoutException, "", {}});
   }
   bool isServerHung() override { return time_ > 10s; }
@@ -36,6 +37,7 @@ class SlowClient final : public SettingsClient {
  private:
   VirtualRunLoop& loop_;
   const Duration& time_;
+  const Value& answer_;
 };
 
 class SlowSwitchesTest : public OperatorSwitchesTest {
@@ -47,7 +49,7 @@ class SlowSwitchesTest : public OperatorSwitchesTest {
     time_ = time;
     factories_.add("commonSettingsClientWithDelegate:",
                    [this](KLXGlobalSettingsClientDelegate&) -> SettingsClientResult {
-                     return std::make_unique<SlowClient>(loop_, time_);
+                     return std::make_unique<SlowClient>(loop_, time_, answer_);
                    });
     startAll();
   }
@@ -65,6 +67,7 @@ class SlowSwitchesTest : public OperatorSwitchesTest {
   }
 
   Duration time_{};
+  Value answer_ = 1;  // to every question
   Duration taken_{};  // by the last facts()
 };
 
@@ -102,6 +105,26 @@ TEST_F(SlowSwitchesTest, AServerThatNeverAnsweredHasNoValues) {
   EXPECT_THAT(outcomesIn(facts()),
               ElementsAre("noAnswer", "noAnswer", "noAnswer", "noAnswer", "noSource"));
   EXPECT_LE(taken_, 40ms);
+}
+
+TEST_F(SlowSwitchesTest, AnAbsentSettingStaysAbsentWithoutAnAnswer) {
+  answer_ = Value();
+  startAllWithin(0ms);
+  loop_.advanceBy(3s);
+  time_ = kHangs;
+  const Value facts = this->facts();
+  EXPECT_THAT(outcomesIn(facts), ElementsAre("absent", "absent", "absent", "absent", "noSource"));
+  const Value& row = (*facts[kFactSwitches].array())[0];
+  EXPECT_EQ(row[kFactCurrent], Value());
+  EXPECT_NEAR(row[kFactCurrentAge].real().value_or(0), 4, 1);
+}
+
+TEST_F(SlowSwitchesTest, ASlowServerIsNotTakenForAHungOne) {
+  startAllWithin(15ms);
+  facts();
+  time_ = kHangs;
+  facts();
+  EXPECT_EQ(taken_, 40ms);
 }
 
 TEST_F(SlowSwitchesTest, AServerThatHungLatelyGetsLessTime) {

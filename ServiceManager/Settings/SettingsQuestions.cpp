@@ -102,6 +102,7 @@ void SettingsQuestions::askSource(const std::string& source, std::vector<std::si
                                   const std::shared_ptr<Answers>& answers) {
   struct Found {
     Values values;
+    std::vector<bool> areAnswered;
     AskedSource state = AskedSource::kMissing;
   };
   std::vector<std::optional<std::string>> keys;
@@ -115,6 +116,7 @@ void SettingsQuestions::askSource(const std::string& source, std::vector<std::si
           Value value = client && key ? client->objectForKey(*key) : Value();
           // An object of the server belongs to the connection, and so to the server's thread.
           found.values.push_back(value.remoteObject() ? Value() : std::move(value));
+          found.areAnswered.push_back(client && key && client->hasAnswered());
         }
         if (client) {
           found.state = client->isServerHung() ? AskedSource::kHung : AskedSource::kAnswers;
@@ -125,19 +127,19 @@ void SettingsQuestions::askSource(const std::string& source, std::vector<std::si
         askedSources_[source] = found.state;
         for (std::size_t i = 0; i < places.size(); ++i) {
           const auto& key = answers->settings[places[i]].key;
-          if (key) note(source, *key, found.values[i]);
+          if (key) note(source, *key, found.values[i], found.areAnswered[i]);
           answers->values[places[i]] = std::move(found.values[i]);
         }
         if (--answers->missing == 0) answers->answer(std::move(answers->values));
       });
 }
 
-void SettingsQuestions::note(const std::string& source, const std::string& key,
-                             const Value& value) {
-  if (value.isNil()) {
-    lastValues_.erase({source, key});
-  } else {
+void SettingsQuestions::note(const std::string& source, const std::string& key, const Value& value,
+                             bool isAnswered) {
+  if (isAnswered) {
     lastValues_.insert_or_assign({source, key}, LastValue{value, environment_.now()});
+  } else {
+    lastValues_.erase({source, key});
   }
 }
 

@@ -58,8 +58,8 @@ class SettingsQuestions {
     std::function<void()> onRestart;
   };
 
-  // The values that servers have told an evaluation last, by source and key. A setting without a
-  // value has no entry, nor has one of a server that did not answer.
+  // The values that servers have told an evaluation last, by source and key. A setting that its
+  // server does not have is nil. If the server did not answer, the setting has no entry.
   struct LastValue {
     platform::Value value;
     platform::Instant at;
@@ -103,7 +103,8 @@ class SettingsQuestions {
            std::move_only_function<void(Answer)> answer);
   void askSource(const std::string& source, std::vector<std::size_t> places,
                  const std::shared_ptr<Answers>& answers);
-  void note(const std::string& source, const std::string& key, const platform::Value& value);
+  void note(const std::string& source, const std::string& key, const platform::Value& value,
+            bool isAnswered);
 
   const Environment environment_;
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();

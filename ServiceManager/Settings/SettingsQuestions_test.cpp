@@ -135,9 +135,17 @@ TEST_F(SettingsQuestionsTest, TheLastValueIsKeptWithItsTime) {
   const auto known = questions_->lastValues().at({"one", "key"});
   EXPECT_EQ(known.value, Value("of one"));
   EXPECT_EQ(known.at, loop_.now());
+}
+
+TEST_F(SettingsQuestionsTest, AnAbsentSettingIsKeptUntilItsServerDoesNotAnswer) {
   settings_["one"].clear();
   ask({{"one", "key"}});
   serve("one");
+  EXPECT_EQ(questions_->lastValues().at({"one", "key"}).value, Value());
+  isHung_["one"] = true;
+  ask({{"one", "key"}, {"three", "key"}});
+  serve("one");
+  serve("three");
   EXPECT_THAT(questions_->lastValues(), IsEmpty());
 }
 
