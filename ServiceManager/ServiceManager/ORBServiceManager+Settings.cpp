@@ -19,6 +19,12 @@ Value setOfLabels(const std::set<std::string>& labels) {
 
 void ORBServiceManager::handleGlobalSettingsServerDidStart(
     const DistributedNotification& /*notification*/) {
+  if (isBusAwaited_) {
+    // The first evaluation will ask. Begun before it, another would make the daemon ready too
+    // early.
+    settings_.primaryServiceDidStart();
+    return;
+  }
   // A question that is under way stands for all notices that come meanwhile, but its answer may be
   // older than they are, so it is asked once more then.
   if (isAskedAboutStart_) {

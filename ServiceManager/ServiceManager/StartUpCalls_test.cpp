@@ -221,6 +221,21 @@ TEST_F(StartUpCallsTest, NothingIsAskedBeforeTheBusConfirms) {
   EXPECT_EQ(countInLog("Notifications may have been missed"), 1u);
 }
 
+TEST_F(StartUpCallsTest, AnAnnouncementBeforeTheBusConfirmsStartsNothing) {
+  startConfigurationServer();
+  recording_->isAwaitingConfirmation_ = true;
+  start();
+  post("com.vantor.notification.configd.didstart");
+  loop_.runReady();
+  EXPECT_EQ(configurationServer_.questions, 0);
+  EXPECT_EQ(manager().operatingMode(), kWaiting);
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 0u);
+  recording_->onReturn();
+  loop_.runReady();
+  EXPECT_EQ(configurationServer_.questions, 1);
+  EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
+}
+
 TEST_F(StartUpCallsTest, AHungBusDelaysTheStartByTwoSeconds) {
   startConfigurationServer();
   recording_->isAwaitingConfirmation_ = true;
