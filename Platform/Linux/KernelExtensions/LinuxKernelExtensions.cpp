@@ -112,8 +112,13 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
   const auto program = checkSignature(*bundle);
   if (!program) return std::unexpected(program.error());
   if (auto counted = countStart(identifier); !counted) return counted;
-  std::vector<std::string> inserted;
-  auto outcome = start(*bundle, *program, inserted);
+  const auto inserted = insertModule(*bundle);
+  if (!inserted) {
+    // Nothing was submitted. A job of an earlier load, whose module has gone, stays.
+    starts_[identifier].pop_back();
+    return std::unexpected(inserted.error());
+  }
+  auto outcome = submitJob(*bundle, *program);
   const bool hasRun = outcome || mayHaveBeenSubmitted(identifier);
   if (outcome) outcome = awaitControl(identifier);
   if (outcome) return outcome;
@@ -126,7 +131,7 @@ Result<void> LinuxKernelExtensions::load(const std::string& identifier,
     add(ended.error());
     return outcome;  // The program may run, and uses the module.
   }
-  for (const std::string& module : std::views::reverse(inserted)) {
+  for (const std::string& module : std::views::reverse(*inserted)) {
     if (auto ended = environment_.modules.unload(module); !ended) add(ended.error());
   }
   return outcome;
@@ -199,9 +204,13 @@ Result<std::optional<VerifiedFile>> LinuxKernelExtensions::checkSignature(
   return (*checked)->verifiedFile();
 }
 
-Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
-                                          const std::optional<VerifiedFile>& program,
-                                          std::vector<std::string>& inserted) {
+Result<std::vector<std::string>> LinuxKernelExtensions::insertModule(const KextBundle& bundle) {
+  if (!bundle.kernelModule) return {};
+  return environment_.modules.load(*bundle.kernelModule);
+}
+
+Result<void> LinuxKernelExtensions::submitJob(const KextBundle& bundle,
+                                              const std::optional<VerifiedFile>& program) {
   Dictionary job{{"Label", jobLabel(bundle.identifier)},
                  {"Program", bundle.programPath},
                  {"ProgramArguments", Array{bundle.programPath}},
@@ -209,12 +218,7 @@ Result<void> LinuxKernelExtensions::start(const KextBundle& bundle,
                  {"ThrottleInterval", kThrottle},
                  {"ExitTimeOut", kExitTimeOut}};
   if (program) job.set(kJobVerifiedProgramKey, textOfVerifiedFile(*program));
-  if (bundle.kernelModule) {
-    auto loaded = environment_.modules.load(*bundle.kernelModule);
-    if (!loaded) return std::unexpected(std::move(loaded.error()));
-    inserted = *std::move(loaded);
-    job.set(kKernelModuleKey, *bundle.kernelModule);
-  }
+  if (bundle.kernelModule) job.set(kKernelModuleKey, *bundle.kernelModule);
   const auto submitted = environment_.jobs.SMJobSubmit(kSMDomainSystemLaunchd, Value(job), nullptr);
   if (submitted) return {};
   return std::unexpected(extensionErrorOf(bundle.identifier, submitted.error()));

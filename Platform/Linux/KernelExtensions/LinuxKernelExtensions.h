@@ -66,9 +66,9 @@ class LinuxKernelExtensions final : public KernelExtensions {
   std::optional<std::string> moduleOf(const std::string& identifier, const Value& job);
   Result<bool> isLoaded(const KextBundle& bundle);
   Result<std::optional<VerifiedFile>> checkSignature(const KextBundle& bundle);
-  // Adds the modules that it has inserted, also if it fails.
-  Result<void> start(const KextBundle& bundle, const std::optional<VerifiedFile>& program,
-                     std::vector<std::string>& inserted);
+  // Returns the modules that it has inserted: none if the bundle has none, or if they were loaded.
+  Result<std::vector<std::string>> insertModule(const KextBundle& bundle);
+  Result<void> submitJob(const KextBundle& bundle, const std::optional<VerifiedFile>& program);
   bool mayHaveBeenSubmitted(const std::string& identifier);
   Result<void> removeJob(const std::string& identifier);
   Result<void> countStart(const std::string& identifier);

@@ -1,151 +1,28 @@
-// One file, because each test runs on the same machine of fakes, which the contract suite uses,
-// too.
-
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 
-#include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <optional>
-#include <set>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/KernelExtensions/KernelExtensions_contract.h"
-#include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
-#include "Platform/Testing/Jobs/FakeJobs.h"
-#include "Platform/Testing/KernelExtensions/FakeKernelControls.h"
-#include "Platform/Testing/KernelExtensions/KeepingHandler.h"
-#include "Platform/Testing/Logging/FakeLogSink.h"
-#include "Platform/Testing/Machine/TemporaryFolder.h"
-#include "Platform/Testing/Processes/FakeExitWatcher.h"
-#include "Platform/Testing/RunLoops/VirtualRunLoop.h"
+#include "Platform/Linux/KernelExtensions/LinuxKernelExtensions_fixture.h"
 
 namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
-// A kernel with the modules that a test sets.
-class FakeKernelModules final : public KernelModules {
- public:
-  bool isLoaded(const std::string& module) override { return loaded.contains(module); }
-  bool isBuiltIn(const std::string& module) override { return module == builtIn; }
-  Result<std::vector<std::string>> load(const std::string& module) override {
-    if (refusal) return std::unexpected(*refusal);
-    if (loaded.insert(module).second) return std::vector{module};
-    return std::vector<std::string>();
-  }
-  Result<void> unload(const std::string& module) override {
-    if (module == builtIn) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, "built in"});
-    if (isInUse) return std::unexpected(Error{ErrorCode::kDenied, EBUSY, module});
-    if (loaded.erase(module) == 1) return {};
-    return std::unexpected(Error{ErrorCode::kNotFound, ENOENT, module});
-  }
-
-  std::set<std::string> loaded;
-  std::string builtIn;  // one of those that are loaded
-  std::optional<Error> refusal;
-  bool isInUse = false;
-};
-
-// Extensions in a folder, on fakes only.
-class Machine final : public ExtensionsMachine {
- public:
-  static constexpr char kModule[] = "com.example.module";
-
-  Machine() {
-    installProgram(kGood);
-    installProgram(kSilent);
-    offer(kGood);
-  }
-  ~Machine() override {
-    for (const std::string& label : jobs.labels()) {
-      static_cast<void>(jobs.SMJobRemove(kSMDomainSystemLaunchd, label, nullptr, true));
-    }
-  }
-
-  KernelExtensions& extensions() override { return loader; }
-  KernelControls& controls() override { return fakeControls; }
-
-  std::string bundle(const std::string& identifier) const {
-    return folder.path("Library/Extensions/" + identifier + ".kext");
-  }
-  std::string program(const std::string& identifier) const {
-    return bundle(identifier) + "/Contents/Linux/program";
-  }
-  void install(const std::string& identifier, const std::string& keys) {
-    folder.write("Library/Extensions/" + identifier + ".kext/Contents/Info.plist",
-                 "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + identifier +
-                     "</string>" + keys + "</dict></plist>");
-  }
-  void installProgram(const std::string& identifier) {
-    install(identifier, "<key>CFBundleExecutable</key><string>program</string>");
-    signatures.addValid(program(identifier), SecStaticCode::Kind::kProgram, identifier);
-  }
-  // A module, and a program that offers its control.
-  void installModule() {
-    installProgram(kModule);
-    install(kModule,
-            "<key>CFBundleExecutable</key><string>program</string>"
-            "<key>OSKernelModule</key><string>example_module</string>");
-    offer(kModule);
-  }
-  // Their controls listen while the extensions run.
-  void offer(const std::string& identifier) {
-    fakeControls.offer(
-        identifier, [this] { return std::make_unique<KeepingHandler>(kept); },
-        [this, identifier] { return listens && processOf(identifier).has_value(); });
-  }
-  std::optional<ProcessId> processOf(const std::string& identifier) const {
-    return jobs.process(LinuxKernelExtensions::jobLabel(identifier));
-  }
-  Result<void> load(const std::string& identifier, const std::vector<std::string>& folders = {}) {
-    return loader.KextManagerLoadKextWithIdentifier(identifier, folders);
-  }
-  Result<void> unload(const std::string& identifier) {
-    return loader.KextManagerUnloadKextWithIdentifier(identifier);
-  }
-
-  TemporaryFolder folder;
-  VirtualRunLoop loop;
-  FakeLogSink sink;
-  SystemLog log{sink, "test"};
-  FakeExitWatcher watcher{loop};
-  FakeJobs jobs{loop, watcher};
-  FakeCodeSignatures signatures;
-  FakeKernelControls fakeControls{loop};
-  FakeKernelModules modules;
-  KeepingHandler::Kept kept;
-  bool listens = true;
-  LinuxKernelExtensions loader{
-      {loop, jobs, signatures, fakeControls, modules, log},
-      LinuxKernelExtensions::folders(folder.path(), folder.path("resources"))};
-};
-
-std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() { return std::make_unique<Machine>(); }
+std::unique_ptr<ExtensionsMachine> makeExtensionsMachine() {
+  return std::make_unique<FakeExtensionsMachine>();
+}
 
 INSTANTIATE_TEST_SUITE_P(OnFakes, KernelExtensionsContract,
                          testing::Values(&makeExtensionsMachine));
-
-class LinuxKernelExtensionsTest : public testing::Test {
- protected:
-  static constexpr const char* kGood = ExtensionsMachine::kGood;
-  static constexpr const char* kSilent = ExtensionsMachine::kSilent;
-  static constexpr const char* kModule = Machine::kModule;
-
-  void expectRefused(const Result<void>& result, ErrorCode code, const std::string& reason) {
-    ASSERT_FALSE(result);
-    EXPECT_EQ(result.error().code, code);
-    EXPECT_THAT(describe(result.error()), HasSubstr(reason));
-    EXPECT_EQ(machine_.sink.count(reason), 1u);
-  }
-
-  Machine machine_;
-};
 
 TEST_F(LinuxKernelExtensionsTest, AUserSpaceExtensionIsAKeepAliveJob) {
   ASSERT_TRUE(machine_.load(kGood));
@@ -388,134 +265,6 @@ TEST_F(LinuxKernelExtensionsTest, AStartThatNeverHappenedIsNotCounted) {
   }
   machine_.jobs.setUnstartable(machine_.program(kGood), std::nullopt);
   EXPECT_TRUE(machine_.load(kGood));
-}
-
-TEST_F(LinuxKernelExtensionsTest, AModuleIsLoadedBesideTheProgramThatOffersItsControl) {
-  machine_.installModule();
-  ASSERT_TRUE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
-  EXPECT_TRUE(machine_.processOf(kModule));
-  EXPECT_EQ(machine_.loader.KextManagerCopyLoadedKextInfo({kModule})[kModule][kOSBundleProcessKey],
-            Value(machine_.processOf(kModule).value()));
-  EXPECT_TRUE(machine_.load(kModule));
-  EXPECT_TRUE(machine_.unload(kModule));
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
-  EXPECT_EQ(machine_.unload(kModule).error().code, ErrorCode::kNotFound);
-}
-
-TEST_F(LinuxKernelExtensionsTest, AModuleIsUnloadedWithoutItsBundle) {
-  machine_.installModule();
-  ASSERT_TRUE(machine_.load(kModule));
-  std::filesystem::remove_all(machine_.bundle(kModule));
-  EXPECT_TRUE(machine_.unload(kModule));
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-}
-
-TEST_F(LinuxKernelExtensionsTest, AModuleInUseIsUnloadedLater) {
-  machine_.installModule();
-  ASSERT_TRUE(machine_.load(kModule));
-  machine_.modules.isInUse = true;
-  for (int i = 0; i < 2; ++i) {
-    const auto inUse = machine_.unload(kModule);
-    ASSERT_FALSE(inUse);
-    EXPECT_EQ(inUse.error().osError, EBUSY);
-  }
-  machine_.modules.isInUse = false;
-  EXPECT_TRUE(machine_.unload(kModule));
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-}
-
-TEST_F(LinuxKernelExtensionsTest, AModuleThatWasRemovedIsLoadedAgain) {
-  machine_.installModule();
-  ASSERT_TRUE(machine_.load(kModule));
-  machine_.modules.loaded.clear();
-  EXPECT_TRUE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
-  machine_.modules.loaded.clear();
-  EXPECT_TRUE(machine_.unload(kModule));
-}
-
-TEST_F(LinuxKernelExtensionsTest, AModulesBundleIsCheckedFirst) {
-  machine_.installModule();
-  machine_.signatures.addRefused(machine_.program(kModule), SecStaticCode::Kind::kProgram,
-                                 {errSecCSBadResource, "Info.plist was changed"});
-  expectRefused(machine_.load(kModule), ErrorCode::kDenied, "Info.plist was changed");
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-}
-
-TEST_F(LinuxKernelExtensionsTest, AKernelThatLoadsNoModulesIsReportedAsTheReason) {
-  machine_.installModule();
-  machine_.modules.refusal = Error{ErrorCode::kDenied, EPERM, "the kernel does not load it"};
-  expectRefused(machine_.load(kModule), ErrorCode::kDenied, "the kernel does not load it");
-  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
-}
-
-TEST_F(LinuxKernelExtensionsTest, AFailedStartLeavesNoModuleBehind) {
-  machine_.installModule();
-  machine_.listens = false;
-  EXPECT_FALSE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-  EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
-  machine_.jobs.setUnstartable(machine_.program(kModule), "no such interpreter");
-  EXPECT_FALSE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-}
-
-TEST_F(LinuxKernelExtensionsTest, AFailedStartLeavesAnothersModuleAlone) {
-  machine_.installModule();
-  machine_.modules.loaded = {"example_module"};
-  machine_.listens = false;
-  EXPECT_FALSE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
-}
-
-TEST_F(LinuxKernelExtensionsTest, ABuiltInModuleOutlivesItsExtension) {
-  machine_.installModule();
-  machine_.modules.loaded = {"example_module"};
-  machine_.modules.builtIn = "example_module";
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_TRUE(machine_.load(kModule));
-    EXPECT_TRUE(machine_.unload(kModule));
-    EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
-    EXPECT_EQ(machine_.unload(kModule).error().code, ErrorCode::kNotFound);
-  }
-}
-
-TEST_F(LinuxKernelExtensionsTest, ALostAnswerToAStartLeavesNothingBehind) {
-  machine_.installModule();
-  for (std::size_t i = 0; i < LinuxKernelExtensions::kMostStarts; ++i) {
-    machine_.jobs.loseNextAnswer();
-    EXPECT_FALSE(machine_.load(kModule));
-    EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-    EXPECT_THAT(machine_.jobs.labels(), testing::IsEmpty());
-  }
-  EXPECT_EQ(machine_.load(kModule).error().code, ErrorCode::kExhausted);  // They have run.
-}
-
-TEST_F(LinuxKernelExtensionsTest, ARejectedStartIsNotCounted) {
-  machine_.installModule();
-  machine_.jobs.setFull(true);
-  for (std::size_t i = 0; i < 2 * LinuxKernelExtensions::kMostStarts; ++i) {
-    EXPECT_FALSE(machine_.load(kModule));
-    EXPECT_THAT(machine_.modules.loaded, testing::IsEmpty());
-  }
-  machine_.jobs.setFull(false);
-  EXPECT_TRUE(machine_.load(kModule));
-}
-
-// Its program may run.
-TEST_F(LinuxKernelExtensionsTest, AModuleStaysWhileItsJobCannotBeRemoved) {
-  machine_.installModule();
-  machine_.listens = false;
-  const std::string label = LinuxKernelExtensions::jobLabel(kModule);
-  machine_.jobs.refuseRemoval(label, "not now");
-  EXPECT_FALSE(machine_.load(kModule));
-  EXPECT_THAT(machine_.modules.loaded, ElementsAre("example_module"));
-  machine_.listens = true;
-  EXPECT_TRUE(machine_.load(kModule));
-  machine_.jobs.setUnstartable(machine_.program(kModule), "the end of the test");
-  machine_.jobs.endProcess(label);
 }
 
 TEST_F(LinuxKernelExtensionsTest, ResourcesAndTheCallersFoldersAreSearchedToo) {
