@@ -92,8 +92,8 @@ class PeerConnection {
 
   virtual PeerCredentials peer() const = 0;
 
-  // Whether the number in peer() still means that process, and whose it is. Before Linux 6.5 any
-  // process of that number and user passes.
+  // Whether the number in peer() still means that process, and whose it is. Before Linux 6.5 a
+  // later process that has got that number and has that user passes.
   virtual PeerState peerState() const = 0;
 
   // The peer has shown that it may use this listener: its admission time ends, its place becomes

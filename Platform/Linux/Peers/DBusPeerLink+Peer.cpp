@@ -23,14 +23,14 @@ namespace platform {
 // its number.
 PeerState DBusPeerLink::peerState() const {
   if (peer_.process == 0) return isConnected() ? PeerState::kUnchanged : PeerState::kEnded;
-  const auto user = effectiveUserOf(peer_.process);
-  const bool isGone = !user && user.error().code == ErrorCode::kNotFound;
-  if (!user && !isGone) return PeerState::kUnknown;
-  const bool hasItsUser = !isGone && *user == peer_.user;
+  const auto status = statusOfProcess(peer_.process);
+  const bool isGone = !status && status.error().code == ErrorCode::kNotFound;
+  if (!status && !isGone) return PeerState::kUnknown;
+  const bool hasItsUser = !isGone && status->effectiveUser == peer_.user;
   // libdbus has closed the socket.
   if (!isConnected()) return isGone || hasItsUser ? PeerState::kEnded : PeerState::kOtherUser;
   if (!isGone) {
-    const auto lives = processLives();
+    const auto lives = processLives(status->hasEnded);
     if (!lives) return PeerState::kUnknown;
     if (*lives) return hasItsUser ? PeerState::kUnchanged : PeerState::kOtherUser;
   }
@@ -44,8 +44,9 @@ bool DBusPeerLink::isIn(const PeerAudience& audience) const {
          (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
 }
 
-// Nothing if there is no descriptor to ask by.
-std::optional<bool> DBusPeerLink::processLives() const {
+// Nothing if there is no descriptor to ask by. `hasEnded` is the state in /proc, for a kernel
+// without SO_PEERPIDFD: a signal reaches also a process that has ended and is not reaped.
+std::optional<bool> DBusPeerLink::processLives(bool hasEnded) const {
   int descriptor = -1;
   socklen_t length = sizeof(descriptor);
   if (::getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &length) == 0) {
@@ -54,7 +55,7 @@ std::optional<bool> DBusPeerLink::processLives() const {
     return ::poll(&entry, 1, 0) == 0;
   }
   if (isShortage(errno)) return std::nullopt;
-  return errno == ENOPROTOOPT && (::kill(peer_.process, 0) == 0 || errno == EPERM);
+  return errno == ENOPROTOOPT && !hasEnded && (::kill(peer_.process, 0) == 0 || errno == EPERM);
 }
 
 }  // namespace platform

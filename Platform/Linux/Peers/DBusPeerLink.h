@@ -91,7 +91,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
   };
   class Reply;
 
-  std::optional<bool> processLives() const;
+  std::optional<bool> processLives(bool hasEnded) const;
   void allowMessages(std::size_t bytes, std::size_t descriptors);
   void handled(unsigned flags);
   void messageIsLate();

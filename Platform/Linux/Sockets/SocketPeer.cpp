@@ -54,7 +54,7 @@ bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group
   return std::ranges::find(groups, group) != groups.end();
 }
 
-Result<std::uint32_t> effectiveUserOf(ProcessId process) {
+Result<ProcessStatus> statusOfProcess(ProcessId process) {
   const std::string path = "/proc/" + std::to_string(process) + "/status";
   const auto failure = [&] {
     const bool isGone = errno == ENOENT || errno == ESRCH;
@@ -66,16 +66,18 @@ Result<std::uint32_t> effectiveUserOf(ProcessId process) {
   const ssize_t size =
       retryOnInterrupt([&] { return ::read(file.get(), bytes.data(), bytes.size()); });
   if (size < 0) return failure();
-  // "Uid:", then the real user, the effective one and two others.
   const std::string_view text(bytes.data(), static_cast<std::size_t>(size));
+  ProcessStatus status;
+  status.hasEnded = text.contains("\nState:\tZ") || text.contains("\nState:\tX");
+  // "Uid:", then the real user, the effective one and two others.
   const std::size_t line = text.find("\nUid:\t");
   const std::size_t tab = line == text.npos ? line : text.find('\t', line + sizeof("\nUid:\t") - 1);
   const Error unreadable{ErrorCode::kSystem, 0, path + " can't be read"};
   if (tab == text.npos) return std::unexpected(unreadable);
-  std::uint32_t user = 0;
-  const auto read = std::from_chars(text.data() + tab + 1, text.data() + text.size(), user);
+  const auto read =
+      std::from_chars(text.data() + tab + 1, text.data() + text.size(), status.effectiveUser);
   if (read.ec != std::errc()) return std::unexpected(unreadable);
-  return user;
+  return status;
 }
 
 }  // namespace platform

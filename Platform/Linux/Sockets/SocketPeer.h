@@ -16,8 +16,13 @@ Result<PeerCredentials> peerOfSocket(int socket, std::string what);
 // Whether that process was in the group when it connected.
 bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group);
 
-// The effective user that the process has now. Fails with kNotFound if there is no process with
-// that number, and otherwise if /proc can't be read, for instance without descriptors.
-Result<std::uint32_t> effectiveUserOf(ProcessId process);
+struct ProcessStatus {
+  std::uint32_t effectiveUser = 0;
+  bool hasEnded = false;  // only its parent has not reaped it yet
+};
+
+// The status that the process has now. Fails with kNotFound if there is no process with that
+// number, and otherwise if /proc can't be read, for instance without descriptors.
+Result<ProcessStatus> statusOfProcess(ProcessId process);
 
 }  // namespace platform
