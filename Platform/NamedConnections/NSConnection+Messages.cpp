@@ -35,6 +35,21 @@ std::unexpected<NSException> raiseEnded() {
   return raise(kNSInvalidSendPortException, "the connection has ended");
 }
 
+// Sends no answer. It keeps the peer's reply until the object has answered, because the request
+// counts among those of its user until then.
+class UnsentReply final : public PeerReply {
+ public:
+  explicit UnsentReply(std::unique_ptr<PeerReply> kept) : kept_(std::move(kept)) {}
+
+  Result<void> answer(const MessageResult& /*result*/) override {
+    kept_.reset();
+    return {};
+  }
+
+ private:
+  std::unique_ptr<PeerReply> kept_;
+};
+
 }  // namespace
 
 std::expected<std::shared_ptr<NSDistantObject>, NSException> NSConnection::rootProxy() {
@@ -195,7 +210,11 @@ bool NSConnection::isOfItsProcess(PeerMessage& message) {
   if (role_ != Role::kChild) return true;
   switch (peer_->peerState()) {
     case PeerState::kUnchanged:
-    case PeerState::kEnded:  // It was sent before that, as the end of an installer's work may be.
+      return true;
+    case PeerState::kEnded:
+      // It was sent before that, as the end of an installer's work may be. The socket may still be
+      // open in a process that got the connection passed on, which must not learn the answer.
+      if (message.reply) message.reply = std::make_unique<UnsentReply>(std::move(message.reply));
       return true;
     case PeerState::kUnknown:
       connections_.refusals_.write(

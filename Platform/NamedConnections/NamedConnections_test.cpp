@@ -174,6 +174,27 @@ TEST_F(NamedConnectionsTest, AProcessThatBecomesAnotherUsersIsServedNoMore) {
   EXPECT_EQ(server_.sink.count("its process has become another user's"), 1u);
 }
 
+TEST_F(NamedConnectionsTest, AnEndedProcesssLastRequestIsServedWithoutAnAnswer) {
+  struct Counting final : MessageReceiver {
+    MessageResult receiveMessage(std::string_view, const Array&) override {
+      ++served;
+      return Value();
+    }
+    int served = 0;
+  } counting;
+  const auto connection = vend("server");
+  connection->setRootObject(std::make_shared<NSProtocolChecker>(&counting, &kServerProtocol));
+  const auto proxy = authenticatedProxy("server");
+  ASSERT_TRUE(proxy);
+  int answers = 0;
+  proxy->sendMessageAsync("nothing", {},
+                          MessageReply([&](const MessageResult& answer) { answers += !!answer; }));
+  transport_.leaveToReader();
+  loop_.runReady();
+  EXPECT_EQ(counting.served, 1);
+  EXPECT_EQ(answers, 0);
+}
+
 TEST_F(NamedConnectionsTest, AServerWithoutDescriptorsRefusesARequest) {
   const auto connection = vendAnswering("server");
   const auto proxy = authenticatedProxy("server");

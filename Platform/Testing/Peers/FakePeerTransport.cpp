@@ -426,9 +426,11 @@ class FakePeerTransport::Connection final : public PeerConnection {
 
   PeerCredentials peer() const override { return end_->peer_; }
   PeerState peerState() const override {
-    if (!end_->isConnected() || end_->other_->process_.dead_) return PeerState::kEnded;
+    if (!end_->isConnected()) return PeerState::kEnded;
+    const FakePeerTransport& other = end_->other_->process_;
+    if (other.dead_ || other.leftToReader_) return PeerState::kEnded;
     if (end_->process_.hasShortage_) return PeerState::kUnknown;
-    const bool isUnchanged = end_->other_->process_.self_.user == end_->peer_.user;
+    const bool isUnchanged = other.self_.user == end_->peer_.user;
     return isUnchanged ? PeerState::kUnchanged : PeerState::kOtherUser;
   }
   void admit() override {

@@ -80,6 +80,10 @@ class FakePeerTransport final : public PeerTransport {
   // The process has no descriptors left, until it has some again. Its connections work without.
   void setShortage(bool isShort) { hasShortage_ = isShort; }
 
+  // The process ends after another one has got its connections passed on and has closed them for
+  // writing. Its requests are still served, and the other process would read the answers.
+  void leaveToReader() { leftToReader_ = true; }
+
   // The process ends: its connections end without callbacks for it. The names on which it listened
   // stay as leftovers.
   void die();
@@ -99,6 +103,7 @@ class FakePeerTransport final : public PeerTransport {
   const std::shared_ptr<PeerTurns> turns_;
   bool hung_ = false;
   bool dead_ = false;
+  bool leftToReader_ = false;
   bool hasShortage_ = false;
   std::vector<const End*> waitingIn_;  // running calls, the innermost last
   std::vector<std::weak_ptr<End>> ends_;
