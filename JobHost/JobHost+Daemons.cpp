@@ -117,12 +117,16 @@ void JobHost::load(JobDefinition definition) {
 }
 
 void JobHost::restartOutdatedBus() {
-  Job* const job = options_.isBusOutdated ? find(kNotificationBusLabel) : nullptr;
-  if (!job || !job->hasLeader || job->removal) return;
-  log(platform::ASL_LEVEL_NOTICE,
-      fmt::format("job {}: process {} is restarted, because other users may use the bus now",
-                  platform::quotedInMessage(kNotificationBusLabel), job->lastStart.process));
-  signalGroup(*job, SIGTERM);
+  if (!options_.isBusOutdated) return;
+  Job* const job = find(kNotificationBusLabel);
+  if (job && job->awaitsAdoption()) return;
+  if (job && job->hasLeader && !job->removal) {
+    log(platform::ASL_LEVEL_NOTICE,
+        fmt::format("job {}: process {} is restarted, because other users may use the bus now",
+                    platform::quotedInMessage(kNotificationBusLabel), job->lastStart.process));
+    signalGroup(*job, SIGTERM);
+  }
+  if (options_.onBusRestarted) options_.onBusRestarted();
 }
 
 }  // namespace jobhost

@@ -320,6 +320,31 @@ TEST_F(JobHostTest, ABusWithAnOutdatedConfigurationIsRestarted) {
   loop_.runReady();
   EXPECT_EQ(pid(kNotificationBusLabel), Value(103));
   EXPECT_EQ(pid("com.example.a"), Value(101));
+  EXPECT_EQ(busRestarts_, 1);
+}
+
+TEST_F(JobHostTest, AnOutdatedBusThatDoesNotRunIsUpToDate) {
+  isBusOutdated_ = true;
+  restartHost();
+  EXPECT_TRUE(processes_.signals.empty());
+  EXPECT_EQ(busRestarts_, 1);
+}
+
+TEST_F(JobHostTest, AnOutdatedBusThatIsAdoptedLaterIsRestartedThen) {
+  ASSERT_TRUE(submit(job(kNotificationBusLabel)));
+  isBusOutdated_ = true;
+  processes_.takeOverFailure =
+      platform::Error{platform::ErrorCode::kExhausted, EMFILE, "descriptors"};
+  restartHost();
+  loop_.advanceBy(10s);
+  EXPECT_TRUE(processes_.signals.empty());
+  EXPECT_EQ(busRestarts_, 0);
+  processes_.takeOverFailure.reset();
+  loop_.advanceBy(1s);
+  ASSERT_FALSE(processes_.signals.empty());
+  EXPECT_EQ(processes_.signals.front().group, 101);
+  EXPECT_EQ(processes_.signals.front().signal, SIGTERM);
+  EXPECT_EQ(busRestarts_, 1);
 }
 
 }  // namespace

@@ -48,6 +48,9 @@ struct JobHostOptions {
   // Whether a notification bus that is taken over has read another configuration, so that it may
   // admit other users. It is restarted.
   bool isBusOutdated = false;
+  // Called after that bus has been signalled, or if none runs. Until then the next host must know
+  // that the bus is outdated. May be empty.
+  std::function<void()> onBusRestarted = {};
   // Whether a stop was requested while the host is being created. Called before each job that
   // create() would start. May be empty.
   std::function<bool()> isStopRequested = {};
@@ -248,7 +251,8 @@ class JobHost {
   void loadDaemons(std::vector<JobDefinition> definitions);
   void loadDaemonsWhenWritable();
   void load(JobDefinition definition);
-  // If it was taken over, and has read another configuration.
+  // If it was taken over, and has read another configuration. Again after its adoption, if that
+  // had to wait.
   void restartOutdatedBus();
 
   platform::RunLoop& loop_;

@@ -31,6 +31,7 @@ class JobHostTest : public testing::Test {
     options.bootId = bootId_;
     options.maximumJobs = maximumJobs;
     options.isBusOutdated = isBusOutdated_;
+    options.onBusRestarted = [this] { ++busRestarts_; };
     options.isStopRequested = isStopRequested_;
     auto host = JobHost::create(loop_, processes_, log_, std::move(options));
     ASSERT_TRUE(host) << platform::describe(host.error());
@@ -108,6 +109,7 @@ class JobHostTest : public testing::Test {
   FakeProcesses processes_{loop_};
   bool isBusOutdated_ = false;             // for the next host
   std::function<bool()> isStopRequested_;  // the same
+  int busRestarts_ = 0;                    // as the hosts have reported
   std::unique_ptr<JobHost> host_;
 };
 

@@ -182,6 +182,7 @@ int main(int argc, char** argv) {
     return places.machService(service).clients;
   };
   options.isBusOutdated = clients.value_or(true);
+  options.onBusRestarted = [&linux] { platform::forgetOutdatedBus(linux.configuration.root); };
   options.isStopRequested = &TerminationBlocked::isPending;
   auto created =
       jobhost::JobHost::create(*linux.runLoop, processes, linux.systemLog, std::move(options));

@@ -18,8 +18,15 @@ std::string busClientsText(const PlatformConfiguration& configuration, std::uint
 // Where that part is, below a platform root.
 std::string pathOfBusClients(std::string_view root);
 
-// Writes it, for the job host, which starts the bus afterwards. Returns whether it has changed: a
-// bus that runs already has read the part before. The folder must exist.
+// Writes it, for the job host, which starts the bus afterwards. Returns whether a bus that runs
+// already may have read another part: the part has changed now, or a job host before this one has
+// changed it and ended before it called forgetOutdatedBus(). The folder must exist.
 [[nodiscard]] Result<bool> writeBusClients(const PlatformConfiguration& configuration);
+
+// The file that says until then, also to the next job host, that the bus must be restarted.
+std::string pathOfOutdatedBus(std::string_view root);
+
+// The outdated bus has been told to end, or there was none.
+void forgetOutdatedBus(std::string_view root);
 
 }  // namespace platform

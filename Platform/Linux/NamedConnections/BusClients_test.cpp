@@ -44,6 +44,7 @@ TEST(BusClientsTest, ItIsWrittenForEveryReader) {
     EXPECT_EQ(*isChanged, turn == 0);
     EXPECT_EQ(contentOfFile(pathOfBusClients(folder.path())),
               busClientsText(configuration, ::geteuid()));
+    forgetOutdatedBus(folder.path());
   }
   struct stat status{};
   ASSERT_EQ(::stat(pathOfBusClients(folder.path()).c_str(), &status), 0);
@@ -61,6 +62,31 @@ TEST(BusClientsTest, AnUnchangedFileIsNotWritten) {
   struct stat after{};
   ASSERT_EQ(::stat(pathOfBusClients(folder.path()).c_str(), &after), 0);
   EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST(BusClientsTest, AnOutdatedBusIsKnownUntilItIsForgotten) {
+  const TemporaryFolder folder;
+  std::filesystem::create_directories(folder.path("run/vantor"));
+  const PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
+  for (int host = 0; host < 3; ++host) EXPECT_TRUE(writeBusClients(configuration).value());
+  struct stat status{};
+  ASSERT_EQ(::stat(pathOfOutdatedBus(folder.path()).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777u, 0600u);
+  forgetOutdatedBus(folder.path());
+  EXPECT_FALSE(std::filesystem::exists(pathOfOutdatedBus(folder.path())));
+  EXPECT_FALSE(writeBusClients(configuration).value());
+}
+
+TEST(BusClientsTest, WithoutItsMarkNoFileIsReplaced) {
+  const TemporaryFolder folder;
+  std::filesystem::create_directories(folder.path("run/vantor"));
+  PlatformConfiguration configuration = defaultPlatformConfiguration(folder.path());
+  ASSERT_TRUE(writeBusClients(configuration));
+  forgetOutdatedBus(folder.path());
+  std::filesystem::create_directory(pathOfOutdatedBus(folder.path()));  // It can't be written.
+  configuration.group = "operators";
+  EXPECT_FALSE(writeBusClients(configuration));
+  EXPECT_FALSE(std::filesystem::exists(pathOfBusClients(folder.path())));
 }
 
 TEST(BusClientsTest, AFileThatCannotBeReplacedAdmitsNobody) {
