@@ -142,6 +142,7 @@ void JobHost::takeOverProcess(Job& job) {
 void JobHost::retryAdoption(Job& job) {
   const auto timer = std::move(job.timer);  // The callback is part of it.
   takeOverProcess(job);
+  if (job.label() == kNotificationBusLabel) restartOutdatedBus();
   if (job.hasLeader || job.awaitsAdoption()) return;
   takeOverRemainingProcesses(job);
   resume(job);
