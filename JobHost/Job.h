@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <functional>
 #include <map>
@@ -27,8 +28,12 @@ struct Removal {
   // By their numbers. Those that have ended are dropped before each search.
   std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> descendants;
   platform::Duration searchPause{};  // from the last search to the next one
-  bool isSearching = false;  // its leader and its group have ended, and the next search decides
-  bool isKilling = false;    // the time-out is over
+  // When its group got SIGTERM, in the unit of StartFields::startTicks. A process that began in the
+  // group since then may not have got it. 0 if there was no SIGTERM.
+  std::uint64_t signalledAt = 0;
+  bool awaitsAdoption = false;  // as Job::awaitsAdoption() when the removal began
+  bool isSearching = false;     // its leader and its group have ended, and the next search decides
+  bool isKilling = false;       // the time-out is over
   std::unique_ptr<platform::RunLoopHandle> killTimer;  // then the one for a process that stays
 };
 

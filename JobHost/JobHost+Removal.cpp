@@ -83,6 +83,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
 }
 
 void JobHost::beginRemoval(Job& job) {
+  job.removal->awaitsAdoption = job.awaitsAdoption();
   job.isQueued = false;
   job.timer.reset();
   job.demand.clear();
@@ -91,6 +92,7 @@ void JobHost::beginRemoval(Job& job) {
   if (!job.process && job.lastStart.process == 0) return finishRemoval(job);
   if (job.hasLeader) job.process->reportIfEnded();
   if (job.hasLeader || (job.process && job.process->hasRemainingProcesses())) {
+    job.removal->signalledAt = processes_.ticksNow();
     signalGroup(job, SIGTERM);
   }
   armKill(job);
@@ -150,8 +152,7 @@ void JobHost::reportIfKillFails(Job& job) {
 }
 
 bool JobHost::hasRemaining(const Job& job) const {
-  if (job.abandonsGroup()) return false;
-  if (job.process && job.process->hasRemainingProcesses()) return true;
+  if (!job.abandonsGroup() && job.process && job.process->hasRemainingProcesses()) return true;
   return std::ranges::any_of(job.removal->descendants,
                              [](const auto& entry) { return !entry.second->hasEnded(); });
 }
@@ -166,7 +167,8 @@ void JobHost::pollRemaining(Job& job, bool hasFoundNew) {
   const platform::Instant nextSearch = loop_.now() + removal.searchPause;
   job.timer =
       loop_.startTimer(kGroupInterval, platform::RunLoop::Repeat::kEvery, [this, &job, nextSearch] {
-        if (hasRemaining(job) && loop_.now() < nextSearch) return;
+        const bool waits = hasRemaining(job) || job.removal->awaitsAdoption;
+        if (waits && loop_.now() < nextSearch) return;
         const auto timer = std::move(job.timer);  // The callback is part of it.
         searchSoon(job);
       });
@@ -184,6 +186,8 @@ void JobHost::finishRemoval(Job& job) {
   setCost(job, 0);
   histories_.removeJob(job.label());
   lastStarts_.keep(job, earliestStartOf(job), loop_.now());
+  // Nobody has seen the end of its leader.
+  if (job.abandonsGroup() && !job.process) processes_.abandon(job.label());
   processes_.discard(job.label());
   jobs_.erase(job.label());
   for (Completion& completion : removal->completions) answer(std::move(completion), {});

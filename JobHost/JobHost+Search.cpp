@@ -107,19 +107,39 @@ void JobHost::searchSoon(Job& job) {
 
 void JobHost::search() {
   isSearchDue_ = false;
+  // Signals it, too.
+  const auto takeOverLeader = [this](Job& job) {
+    auto watched = processes_.takeOver(job.lastStart, onEndOf(job));
+    const bool hasEnded = !watched && watched.error().code == platform::ErrorCode::kNotFound;
+    job.removal->awaitsAdoption = !watched && !hasEnded;
+    if (!watched) return false;
+    job.process = *std::move(watched);
+    job.hasLeader = true;
+    job.removal->signalledAt = processes_.ticksNow();
+    signalGroup(job, job.removal->isKilling ? SIGKILL : SIGTERM);
+    return true;
+  };
   std::vector<std::string> labels;
   for (auto& [label, job] : jobs_) {
     if (!job.removal || !job.removal->isSearching) continue;
     job.removal->isSearching = false;
     std::erase_if(job.removal->descendants,
                   [](const auto& entry) { return entry.second->hasEnded(); });
+    // The end of a leader that is taken over leads to the next search.
+    if (job.removal->awaitsAdoption && takeOverLeader(job)) continue;
     labels.push_back(label);
   }
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     if (!std::ranges::binary_search(labels, marked.label)) return false;
     const Job& job = *find(marked.label);
-    if (job.abandonsGroup()) return false;
-    return !job.process || marked.group != job.lastStart.process;
+    if (job.abandonsGroup()) {
+      // A leader that could not be watched.
+      return !job.process && marked.process == job.lastStart.process &&
+             marked.startTicks == job.lastStart.startTicks;
+    }
+    // A process that got SIGTERM with its group gets no second one.
+    return !job.process || marked.group != job.lastStart.process ||
+           marked.startTicks >= job.removal->signalledAt;
   });
   if (!std::exchange(isSearchFailing_, !found) && !found) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(found.error()));
@@ -131,13 +151,17 @@ void JobHost::search() {
       auto& known = job.removal->descendants[process->identity().process];
       if (known) continue;
       known = std::move(process);
+      const bool isLeader = known->identity().process == job.lastStart.process &&
+                            known->identity().startTicks == job.lastStart.startTicks;
+      if (isLeader) job.removal->awaitsAdoption = false;
       endDescendant(job, *known, job.removal->isKilling ? SIGKILL : SIGTERM);
       labelsWithNew.insert(job.label());
     }
   }
   for (const std::string& label : labels) {
     Job& job = *find(label);  // Finishing a removal changes no other label's job.
-    if (found && job.removal->descendants.empty() && !hasRemaining(job)) {
+    const bool mayHaveLeader = job.removal->awaitsAdoption;
+    if (found && !mayHaveLeader && job.removal->descendants.empty() && !hasRemaining(job)) {
       finishRemoval(job);
       continue;
     }

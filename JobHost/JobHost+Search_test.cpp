@@ -1,5 +1,6 @@
 // Processes that a host finds by their marks.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -143,6 +144,28 @@ TEST_F(JobHostSearch, AProcessThatLeftTheGroupIsKilledAfterTheExitTimeOut) {
   EXPECT_TRUE(*answer);
 }
 
+TEST_F(JobHostSearch, AProcessThatBeginsInTheGroupAfterSigtermGetsItToo) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"ExitTimeOut", 0}})));
+  const auto earlier = processes_.addDescendant(101, 101);
+  processes_.addMember(101);  // so that the removal waits
+  processes_.obeysTermination = false;
+  const Answer answer = removeLater("com.example.a");
+  const auto later = processes_.addDescendant(101, 101);  // from a handler of SIGTERM
+  endLast();
+  loop_.advanceBy(1min);
+  const auto asked = [&](platform::ProcessId process) {
+    return std::ranges::count(processes_.signals, process, &FakeProcesses::Signalled::group);
+  };
+  EXPECT_EQ(asked(101), 1);
+  EXPECT_EQ(asked(earlier), 0);  // It was asked with its group.
+  EXPECT_EQ(asked(later), 1);
+  EXPECT_FALSE(*answer);
+  processes_.end(later);
+  processes_.endMembers(101);
+  loop_.advanceBy(2s);
+  EXPECT_TRUE(*answer);
+}
+
 TEST_F(JobHostSearch, ASearchThatFailsIsRepeated) {
   ASSERT_TRUE(submit(job("com.example.a")));
   processes_.searchFailure = platform::Error{platform::ErrorCode::kExhausted, EMFILE, "searching"};
@@ -223,6 +246,51 @@ TEST_F(JobHostAdoption, AProcessIsRemovedBeforeThat) {
   EXPECT_TRUE(*answer);
   EXPECT_FALSE(processes_.isAlive(101));
   EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobHostAdoption, AProcessThatAbandonsItsGroupIsRemovedBeforeThat) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"AbandonProcessGroup", true}})));
+  const auto abandoned = processes_.addDescendant(101);
+  restartWithoutDescriptors();
+  const Answer answer = removeLater("com.example.a");
+  loop_.advanceBy(20ms);
+  EXPECT_TRUE(*answer);
+  EXPECT_FALSE(processes_.isAlive(101));
+  EXPECT_TRUE(processes_.isAlive(abandoned));
+  EXPECT_THAT(processes_.abandoned, ElementsAre("com.example.a"));
+}
+
+TEST_F(JobHostAdoption, ARemovalWaitsForALeaderThatNoSearchFinds) {
+  for (const bool abandons : {false, true}) {
+    const std::string label = abandons ? "com.example.b" : "com.example.a";
+    ASSERT_TRUE(submit(job(label, {{"AbandonProcessGroup", abandons}})));
+    const auto leader = processes_.started.back().process;
+    restartWithoutDescriptors();
+    processes_.hidesMarks = true;
+    const Answer answer = removeLater(label);
+    loop_.advanceBy(5s);
+    EXPECT_FALSE(*answer);
+    EXPECT_TRUE(processes_.isAlive(leader));
+    processes_.takeOverFailure.reset();
+    loop_.advanceBy(2s);
+    EXPECT_TRUE(*answer);
+    EXPECT_FALSE(processes_.isAlive(leader));
+    processes_.hidesMarks = false;
+  }
+}
+
+TEST_F(JobHostAdoption, TheTreeOfAProcessThatEndsBeforeThatIsNobodys) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  ASSERT_TRUE(submit(job("com.example.b", {{"AbandonProcessGroup", true}})));
+  loop_.advanceBy(20s);
+  restartWithoutDescriptors();
+  for (const int process : {101, 102}) processes_.end(process);
+  processes_.discarded.clear();
+  processes_.takeOverFailure.reset();
+  loop_.advanceBy(1s);
+  EXPECT_THAT(processes_.discarded, ElementsAre("com.example.a"));
+  EXPECT_THAT(processes_.abandoned, ElementsAre("com.example.b"));
+  EXPECT_EQ(starts(), 4);
 }
 
 TEST_F(JobHostAdoption, AHostThatCannotSearchDoesNotStart) {

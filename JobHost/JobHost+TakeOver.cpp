@@ -145,6 +145,9 @@ void JobHost::retryAdoption(Job& job) {
   if (job.label() == kNotificationBusLabel) restartOutdatedBus();
   if (job.hasLeader || job.awaitsAdoption()) return;
   takeOverRemainingProcesses(job);
+  // As after the end of a leader that this host has seen: its control group may hold more.
+  if (!job.removal && job.abandonsGroup()) processes_.abandon(job.label());
+  if (!job.removal && !job.abandonsGroup()) processes_.discard(job.label());
   resume(job);
 }
 

@@ -101,15 +101,17 @@ class FakeProcesses final : public Processes {
     for (const auto& [process, marked] : marked_) {
       if (hidesMarks || !isAlive(process) || reused_.contains(process)) continue;
       if (marked.isAbandoned && marked.leader != process) continue;
-      // Each leads a group of its own, also a descendant.
-      const Marked facts{marked.label, process, process, marked.leader, ticksOf(process)};
+      const auto group = marked.group == 0 ? process : marked.group;
+      const Marked facts{marked.label, process, group, marked.leader, ticksOf(process)};
       if (isWanted(facts)) found.push_back(std::make_unique<MarkedHandle>(*this, process));
     }
     return found;
   }
 
+  std::uint64_t ticksNow() const override { return ticksOf(next_); }
+
   // The kill of a tree leaves them alone in any case.
-  void abandon(const std::string&) override {}
+  void abandon(const std::string& label) override { abandoned.push_back(label); }
   void discard(const std::string& label) override {
     if (hasControlGroups) killTree(label);
     discarded.push_back(label);
@@ -121,11 +123,12 @@ class FakeProcesses final : public Processes {
     for (const std::string& label : others) discard(label);
   }
 
-  // Starts a process with the mark of this leader and a session of its own.
-  platform::ProcessId addDescendant(platform::ProcessId leader) {
+  // Starts a process with the mark of this leader and a session of its own, or in this group.
+  platform::ProcessId addDescendant(platform::ProcessId leader, platform::ProcessId group = 0) {
     const platform::ProcessId process = next_++;
     processes_[process].isChild = false;
     marked_[process] = marked_.at(leader);
+    marked_[process].group = group;
     return process;
   }
 
@@ -180,6 +183,7 @@ class FakeProcesses final : public Processes {
   std::vector<Started> started;
   std::vector<Signalled> signals;
   std::vector<std::string> discarded;
+  std::vector<std::string> abandoned;
   int attempts = 0;
   // Makes starts fail, with the record in the file or without.
   std::optional<platform::Error> failure;
@@ -198,7 +202,8 @@ class FakeProcesses final : public Processes {
     std::string label;
     platform::ProcessId leader = 0;
     std::int64_t startedAt = 0;
-    bool isAbandoned = false;  // with its group
+    bool isAbandoned = false;       // with its group
+    platform::ProcessId group = 0;  // 0 if it leads one of its own
   };
 
   class Handle final : public JobProcess {

@@ -313,5 +313,21 @@ INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHar
 INSTANTIATE_TEST_SUITE_P(LinuxGroups, ProcessesContract, testing::Values(&makeGroupsHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
 
+TEST(ProcessTable, AProcessThatBeginsNowHasTheTicksOfNow) {
+  const std::uint64_t before = startTicksNow();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    for (;;) ::pause();
+  }
+  const auto stat = statOf(std::to_string(child));
+  const std::uint64_t after = startTicksNow();
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  ASSERT_TRUE(stat);
+  const std::uint64_t ticks = startTicksIn(stat->data(), stat->size());
+  EXPECT_GE(ticks, before);
+  EXPECT_LE(ticks, after);
+}
+
 }  // namespace
 }  // namespace jobhost

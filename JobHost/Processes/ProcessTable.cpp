@@ -1,6 +1,7 @@
 #include "JobHost/Processes/ProcessTable.h"
 
 #include <cerrno>
+#include <ctime>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -14,6 +15,14 @@
 namespace jobhost {
 
 using platform::retryOnInterrupt;
+
+std::uint64_t startTicksNow() {
+  timespec now{};  // with the time of suspensions, as the kernel counts start times
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  const auto ticksPerSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+  return static_cast<std::uint64_t>(now.tv_sec) * ticksPerSecond +
+         static_cast<std::uint64_t>(now.tv_nsec) * ticksPerSecond / 1'000'000'000;
+}
 
 std::optional<std::string> statOf(std::string_view process) {
   const std::string path = fmt::format("/proc/{}/stat", process);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,6 +16,9 @@ std::optional<std::string> statOf(std::string_view process);
 
 // The group and session in a "stat" file, or nothing if the process has ended.
 std::optional<platform::ProcessMembership> membershipIn(const std::string& stat);
+
+// The start time that a process would have that began now, in the unit of its "stat" file.
+std::uint64_t startTicksNow();
 
 // Calls `each` with the number and the "stat" file of every process, zombies too, until it returns
 // false. Returns false if the processes can't be read.

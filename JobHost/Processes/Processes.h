@@ -10,6 +10,7 @@
 
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Processes/ProcessSpawner.h"
+#include "JobHost/Processes/ProcessTable.h"
 #include "JobHost/State/StoredJob.h"
 #include "Platform/Jobs/JobTree.h"
 #include "Platform/Processes/ExitWatcher.h"
@@ -103,6 +104,9 @@ class Processes {
   // left of it. No new process gets a number that still means a group, so the group is the same one
   // if no process has the number, the session has it too, and no member is older than the leader.
   virtual std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) = 0;
+
+  // A process that begins later has at least these start ticks.
+  virtual std::uint64_t ticksNow() const { return startTicksNow(); }
 
   // A process with a mark of this host's root, boot and pid namespace, as the kernel shows it.
   struct Marked {
