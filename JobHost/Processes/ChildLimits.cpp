@@ -33,9 +33,9 @@ constexpr SoftLimit kDefaults[] = {
 };
 
 // A soft limit that the job sets itself is taken as it is: if it is too high, the start fails.
-// Empty if the host has the same limit, which the process inherits.
+// Empty if the process inherits the same limit from the host.
 Result<std::optional<ChildLimit>> limitOf(int resource, const ResourceLimit* own,
-                                          std::optional<rlim_t> soft) {
+                                          std::optional<rlim_t> soft, LimitsOfHost ofHost) {
   ChildLimit limit{resource, {}};
   if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit.value) != 0) {
     return std::unexpected(
@@ -45,29 +45,32 @@ Result<std::optional<ChildLimit>> limitOf(int resource, const ResourceLimit* own
   if (own && own->hard) limit.value.rlim_max = *own->hard;
   limit.value.rlim_cur = std::min(soft.value_or(limit.value.rlim_cur), limit.value.rlim_max);
   if (own && own->soft) limit.value.rlim_cur = *own->soft;
-  const bool isSame =
-      limit.value.rlim_cur == before.rlim_cur && limit.value.rlim_max == before.rlim_max;
+  const bool isSame = ofHost == LimitsOfHost::kAreInherited &&
+                      limit.value.rlim_cur == before.rlim_cur &&
+                      limit.value.rlim_max == before.rlim_max;
   return isSame ? std::nullopt : std::optional(limit);
 }
 
 }  // namespace
 
 Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
-                                         std::uint64_t originalDescriptorLimit) {
+                                         std::uint64_t originalDescriptorLimit,
+                                         LimitsOfHost ofHost) {
   // Programs that use select() break with the host's raised limit.
   std::vector<SoftLimit> defaults{{RLIMIT_NOFILE, originalDescriptorLimit}};
   defaults.insert(defaults.end(), std::begin(kDefaults), std::end(kDefaults));
   std::vector<ChildLimit> limits;
   for (const ResourceLimit& own : job.limits) {
     const auto known = std::ranges::find(defaults, own.resource, &SoftLimit::resource);
-    const auto limit = limitOf(own.resource, &own,
-                               known == defaults.end() ? std::nullopt : std::optional(known->soft));
+    const auto limit =
+        limitOf(own.resource, &own,
+                known == defaults.end() ? std::nullopt : std::optional(known->soft), ofHost);
     if (!limit) return std::unexpected(limit.error());
     if (*limit) limits.push_back(**limit);
     if (known != defaults.end()) defaults.erase(known);
   }
   for (const SoftLimit& each : defaults) {
-    const auto limit = limitOf(each.resource, nullptr, each.soft);
+    const auto limit = limitOf(each.resource, nullptr, each.soft, ofHost);
     if (!limit) return std::unexpected(limit.error());
     if (*limit) limits.push_back(**limit);
   }

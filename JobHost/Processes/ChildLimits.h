@@ -9,10 +9,15 @@
 
 namespace jobhost {
 
+// Whether the process begins with the limits of this host. A process of systemd begins with
+// systemd's.
+enum class LimitsOfHost { kAreInherited, kAreNotInherited };
+
 // The limits to set in a job's process: the job's own, and for the other resources the default soft
-// limits within the host's hard ones, as far as the host's own differ. So the soft limits that the
-// host was started with reach no job.
+// limits within the host's hard ones. Limits that the process inherits are left out. So the soft
+// limits that the host was started with reach no job.
 platform::Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
-                                                   std::uint64_t originalDescriptorLimit);
+                                                   std::uint64_t originalDescriptorLimit,
+                                                   LimitsOfHost ofHost);
 
 }  // namespace jobhost

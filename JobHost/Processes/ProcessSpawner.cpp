@@ -174,7 +174,7 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   descriptors_.insert(descriptors_.end(), listeners.begin(), listeners.end());
   if (auto opened = openProgram(job); !opened) return opened;
   if (auto moved = moveAboveThoseOfTheChild(); !moved) return moved;
-  auto limits = limitsOf(job, originalDescriptorLimit);
+  auto limits = limitsOf(job, originalDescriptorLimit, LimitsOfHost::kAreInherited);
   if (!limits) return std::unexpected(std::move(limits.error()));
   limits_ = *std::move(limits);
   child.arguments = arguments_.data();

@@ -22,7 +22,8 @@ using platform::UnitProperty;
 
 constexpr std::size_t kMaximumUnitNameBytes = 255;
 constexpr char kPrefix[] = "vantor-";
-constexpr char kSuffix[] = ".service";
+constexpr std::string_view kSuffix = ".service";
+constexpr std::string_view kAbandoning = "..abandons";
 constexpr std::uint32_t kUmaskOfUnits = 022;
 constexpr char kPathOfUnits[] = "/usr/bin:/bin:/usr/sbin:/sbin";
 // systemd's default, for a job that sets only the hard limit.
@@ -58,7 +59,7 @@ void addLimits(const JobDefinition& job, const std::vector<ChildLimit>& limits,
 std::vector<std::string> environmentOf(const JobDefinition& job, const JobAccount& account) {
   std::vector<std::string> variables;
   for (const auto& [name, text] : job.environment) {
-    if (isNameForSystemd(name)) variables.push_back(name + "=" + text);
+    if (isSetBySystemd(name)) variables.push_back(name + "=" + text);
   }
   const std::pair<std::string_view, std::string_view> expected[] = {{"PATH", kPathOfUnits},
                                                                     {"HOME", account.home},
@@ -95,19 +96,31 @@ void addStandardFile(const char* name, int descriptor, std::vector<UnitProperty>
 
 }  // namespace
 
-std::string unitNameOf(std::string_view label) {
+std::string unitNameOf(std::string_view label, bool abandonsGroup) {
   std::string name = kPrefix + platform::escapedForUnitName(label);
-  const std::size_t room = kMaximumUnitNameBytes - (sizeof kSuffix - 1);
-  if (name.size() > room) {
+  const std::string_view kind = abandonsGroup ? kAbandoning : std::string_view();
+  const std::size_t room = kMaximumUnitNameBytes - kind.size() - kSuffix.size();
+  // A label with the end of the other kind would have another label's unit.
+  if (name.size() > room || name.ends_with(kAbandoning)) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(label.data());
     const std::string number = fmt::format("..{:016x}", hashOn(kEmptyHash, bytes, label.size()));
-    name.resize(room - number.size());
+    name.resize(std::min(name.size(), room - number.size()));
     // Half an escape would be another text.
     if (const auto escape = name.rfind('\\'); escape != name.npos && escape + 4 > name.size())
       name.resize(escape);
     name += number;
   }
-  return name + kSuffix;
+  return name.append(kind).append(kSuffix);
+}
+
+bool isUnitOfJob(std::string_view unit) {
+  return unit.starts_with(kPrefix) && unit.ends_with(kSuffix);
+}
+
+bool isAbandoningUnit(std::string_view unit) {
+  if (!isUnitOfJob(unit)) return false;
+  unit.remove_suffix(kSuffix.size());
+  return unit.ends_with(kAbandoning);
 }
 
 std::string sliceOf(const std::string& root, std::uint64_t host) {
@@ -118,18 +131,19 @@ bool isSliceOfJobs(std::string_view slice) {
   return slice == "vantor.slice" || slice.starts_with(kPrefix);
 }
 
-bool isNameForSystemd(std::string_view variable) {
+bool isSetBySystemd(std::string_view variable) {
   const auto isLetter = [](char each) {
     return (each >= 'a' && each <= 'z') || (each >= 'A' && each <= 'Z') || each == '_';
   };
   const auto isAllowed = [&](char each) { return isLetter(each) || (each >= '0' && each <= '9'); };
+  const bool isForLinker = variable.starts_with("LD_") || variable == "GLIBC_TUNABLES";
   return !variable.empty() && isLetter(variable.front()) &&
-         std::ranges::all_of(variable, isAllowed);
+         std::ranges::all_of(variable, isAllowed) && !isForLinker;
 }
 
 Result<std::vector<UnitProperty>> propertiesOf(const JobDefinition& job, const JobAccount& account,
                                                const UnitSurroundings& surroundings) {
-  const auto limits = limitsOf(job, kSoftDescriptorLimit);
+  const auto limits = limitsOf(job, kSoftDescriptorLimit, LimitsOfHost::kAreNotInherited);
   if (!limits) return std::unexpected(limits.error());
   std::vector<UnitProperty> properties{
       {"Description", job.label},

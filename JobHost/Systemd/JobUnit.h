@@ -17,8 +17,13 @@ namespace jobhost {
 // The transient unit of systemd that a job becomes. Everything here only computes.
 
 // "vantor-LABEL.service", escaped. If the label is too long for a unit's name, its end is replaced
-// by a number.
-std::string unitNameOf(std::string_view label);
+// by a number. Processes that the job abandons have a unit of their own,
+// "vantor-LABEL..abandons.service", whose processes are never killed.
+std::string unitNameOf(std::string_view label, bool abandonsGroup = false);
+bool isAbandoningUnit(std::string_view unit);
+
+// Whether the name is one that unitNameOf() makes.
+bool isUnitOfJob(std::string_view unit);
 
 // The slice of all jobs of a platform root: "vantor.slice" for "/", else one below it with the
 // host's mark.
@@ -41,8 +46,10 @@ struct UnitSurroundings {
 platform::Result<std::vector<platform::UnitProperty>> propertiesOf(
     const JobDefinition& job, const JobAccount& account, const UnitSurroundings& surroundings);
 
-// A variable whose name systemd does not take gets to the program by the starter.
-bool isNameForSystemd(std::string_view variable);
+// Whether systemd sets the variable. The starter passes the others to the program: those whose name
+// systemd does not take, and those that the dynamic linker reads, because the starter of a user
+// without rights may have capabilities.
+bool isSetBySystemd(std::string_view variable);
 
 // The end that systemd reports: a code of siginfo and its status. Empty for another code.
 Ending endingOf(std::int32_t code, std::int32_t status);

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace jobhost {
 namespace {
@@ -67,6 +68,24 @@ TEST(JobUnitTest, LongLabelsHaveDistinctNames) {
     EXPECT_LE(name.size(), 255u);
     EXPECT_THAT(name, EndsWith(".service"));
   }
+}
+
+TEST(JobUnitTest, AbandonedProcessesHaveAUnitOfTheirOwn) {
+  EXPECT_EQ(unitNameOf("a", true), "vantor-a..abandons.service");
+  EXPECT_TRUE(isAbandoningUnit(unitNameOf("a", true)));
+  EXPECT_TRUE(isAbandoningUnit(unitNameOf(std::string(250, '-'), true)));
+  EXPECT_LE(unitNameOf(std::string(250, '-'), true).size(), 255u);
+  for (const char* label : {"a", "a..abandons"}) {
+    EXPECT_FALSE(isAbandoningUnit(unitNameOf(label))) << label;
+  }
+  EXPECT_NE(unitNameOf("a..abandons"), unitNameOf("a", true));
+}
+
+TEST(JobUnitTest, OnlyUnitsWithThePrefixAreThoseOfJobs) {
+  EXPECT_TRUE(isUnitOfJob(unitNameOf("a")));
+  EXPECT_TRUE(isUnitOfJob(unitNameOf("a", true)));
+  EXPECT_FALSE(isUnitOfJob("other.service"));
+  EXPECT_FALSE(isUnitOfJob("vantor-a.scope"));
 }
 
 TEST(JobUnitTest, EachRootHasASlice) {
@@ -129,6 +148,17 @@ TEST(JobUnitTest, KeysBecomeProperties) {
                                                      {"LimitNOFILESoft", std::uint64_t{64}}}));
 }
 
+TEST(JobUnitTest, ALimitThatTheHostHasIsSetToo) {
+  rlimit own{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
+  const auto properties =
+      propertiesWith({{"SoftResourceLimits",
+                       Dictionary{{"NumberOfFiles", static_cast<std::int64_t>(own.rlim_cur)}}}});
+  EXPECT_THAT(properties, IsSupersetOf(std::vector<UnitProperty>{
+                              {"LimitNOFILE", std::uint64_t{own.rlim_max}},
+                              {"LimitNOFILESoft", std::uint64_t{own.rlim_cur}}}));
+}
+
 TEST(JobUnitTest, AJobThatIsNeverKilledHasNoStopTimeOut) {
   EXPECT_EQ(find(propertiesWith({{"ExitTimeOut", 0}}), "TimeoutStopUSec"),
             UnitProperty::Value(UINT64_MAX));
@@ -141,6 +171,15 @@ TEST(JobUnitTest, TheEnvironmentHasWhatProgramsExpect) {
   EXPECT_THAT(variables, IsSupersetOf({"HOME=/elsewhere", "A=b c", "USER=agent", "LOGNAME=agent",
                                        "SHELL=/bin/sh", "PATH=/usr/bin:/bin:/usr/sbin:/sbin"}));
   EXPECT_THAT(variables, Not(Contains(StartsWith("my.name"))));
+}
+
+TEST(JobUnitTest, TheStarterDoesNotGetVariablesOfTheLinker) {
+  const auto variables = environmentIn(propertiesWith(
+      {{"EnvironmentVariables",
+        Dictionary{{"LD_PRELOAD", "/a"}, {"GLIBC_TUNABLES", "b"}, {"OLD_A", "c"}}}}));
+  EXPECT_THAT(variables, Contains("OLD_A=c"));
+  EXPECT_THAT(variables, Not(Contains(StartsWith("LD_"))));
+  EXPECT_THAT(variables, Not(Contains(StartsWith("GLIBC_"))));
 }
 
 TEST(JobUnitTest, OnlyTheStarterMayChangeRootAndGroups) {

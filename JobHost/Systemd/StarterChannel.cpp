@@ -27,14 +27,13 @@ using platform::retryOnInterrupt;
 using platform::systemError;
 using platform::UniqueFd;
 
-// The variables that systemd does not set: their names are not systemd's, or they hold the
-// process's number.
+// The variables that systemd does not set, and those that hold the process's number.
 std::vector<std::string> variablesByStarter(const JobDefinition& job, const JobMark& mark,
                                             std::size_t listeners) {
   std::vector<std::string> variables;
   for (const auto& [name, text] : job.environment) {
     const bool isOurs = name == kJobMarkVariable || name.starts_with("LISTEN_");
-    if (!isNameForSystemd(name) && !isOurs) variables.push_back(name + "=" + text);
+    if (!isSetBySystemd(name) && !isOurs) variables.push_back(name + "=" + text);
   }
   if (listeners > 0) {
     variables.push_back(fmt::format("LISTEN_FDS={}", listeners));

@@ -30,6 +30,9 @@ class StarterChannel {
 
   // For the standard input of the unit.
   platform::Descriptor endOfStarter() const { return starterEnd_.get(); }
+  // To be called when systemd has that end: otherwise the host does not notice when the starter
+  // ends.
+  void closeEndOfStarter() { starterEnd_.reset(); }
   // Readable when the starter has said that it is ready, or has ended.
   platform::Descriptor readiness() const { return hostEnd_.get(); }
 

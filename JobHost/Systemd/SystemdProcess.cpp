@@ -28,7 +28,7 @@ void SystemdProcess::ended() {
 platform::Result<void> SystemdProcess::killTree() {
   // Also if systemd is silent.
   const auto killed = group_ && group_->isPopulated() ? group_->kill() : platform::Result<void>();
-  if (!group_) manager_.killAll(unit_);
+  if (!group_) manager_.signalAll(unit_, SIGKILL);
   const auto sent = signalGroup(SIGKILL);
   return sent ? killed : sent;
 }

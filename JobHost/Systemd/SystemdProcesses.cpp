@@ -130,7 +130,7 @@ Result<std::unique_ptr<SystemdProcess>> SystemdProcesses::hold(const std::string
 Result<std::unique_ptr<JobProcess>> SystemdProcesses::start(
     const JobDefinition& job, const StartTicket& ticket,
     std::span<const platform::Descriptor> listeners, OnEnd onEnd) {
-  const std::string unit = unitNameOf(job.label);
+  const std::string unit = unitNameOf(job.label, job.abandonsProcessGroup);
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
@@ -155,6 +155,7 @@ Result<std::unique_ptr<JobProcess>> SystemdProcesses::start(
 
   manager_.expectJob(unit);
   auto begun = startUnit(unit, job, *account, *channel, output.get(), error.get());
+  channel->closeEndOfStarter();
   auto starter = begun ? awaitStarter(unit, *channel) : std::unexpected(std::move(begun.error()));
   manager_.forgetJob(unit);
   if (!starter) return failed(std::move(starter.error()));
@@ -210,8 +211,22 @@ Result<void> SystemdProcesses::startUnit(const std::string& unit, const JobDefin
   }
 }
 
+// The job's user can stop the starter, which must not hold up the host.
+SystemdManager::Awaited SystemdProcesses::awaitReadiness(const std::string& unit,
+                                                         const StarterChannel& channel) {
+  platform::Duration waited{};
+  for (platform::Duration interval = kContinueInterval; waited < kStartTimeOut; interval *= 2) {
+    interval = std::min(interval, kStartTimeOut - waited);
+    const auto awaited = manager_.awaitStart(unit, channel.readiness(), interval);
+    if (awaited != SystemdManager::Awaited::kTimedOut) return awaited;
+    manager_.signalAll(unit, SIGCONT);
+    waited += interval;
+  }
+  return SystemdManager::Awaited::kTimedOut;
+}
+
 Result<ProcessId> SystemdProcesses::awaitStarter(const std::string& unit, StarterChannel& channel) {
-  const auto awaited = manager_.awaitStart(unit, channel.readiness(), kStartTimeOut);
+  const auto awaited = awaitReadiness(unit, channel);
   if (awaited == SystemdManager::Awaited::kReadable) {
     if (const auto process = channel.takeReady()) return *process;
   }
@@ -252,7 +267,7 @@ Result<std::vector<std::unique_ptr<MarkedProcess>>> SystemdProcesses::findMarked
 
 // The processes get a scope of their own, since systemd keeps a unit in which there are processes.
 void SystemdProcesses::abandon(const std::string& label) {
-  const std::string unit = unitNameOf(label);
+  const std::string unit = unitNameOf(label, true);
   const auto group = groupOf(unit);
   if (!group) return;
   std::vector<std::uint32_t> numbers;
@@ -266,9 +281,10 @@ void SystemdProcesses::abandon(const std::string& label) {
       {{"Description", "abandoned by " + label}, {"Slice", slice_}, {"PIDs", std::move(numbers)}}));
 }
 
-// For a unit that this host has started.
+// For a unit that this host has started. If the processes are abandoned, systemd kills the main
+// process alone.
 void SystemdProcesses::endUnit(const std::string& unit) {
-  if (const auto group = groupOf(unit); group && group->isPopulated())
+  if (const auto group = groupOf(unit); group && group->isPopulated() && !isAbandoningUnit(unit))
     static_cast<void>(group->kill());
   manager_.release(unit);
 }
@@ -276,29 +292,38 @@ void SystemdProcesses::endUnit(const std::string& unit) {
 // A unit without processes was released with the handle of its last process. A unit outside of the
 // slice is another's.
 void SystemdProcesses::discardUnit(const std::string& unit) {
-  if (const auto group = groupOf(unit); group && group->isPopulated()) endUnit(unit);
+  const auto group = groupOf(unit);
+  if (group && group->isPopulated() && !isAbandoningUnit(unit)) endUnit(unit);
 }
 
 void SystemdProcesses::discard(const std::string& label) {
-  const std::string unit = unitNameOf(label);
-  discardUnit(unit);
-  // The unit may still be there: it came to "failed" after its release, or systemd has not read
-  // that yet. It must be awaited, because systemd ignores requests of a host that has ended.
-  const auto status = manager_.statusOf(unit);
-  const bool isLeft = status && status->isLoaded && status->isTransient && status->slice == slice_;
-  if (isLeft && status->mainProcess == 0) manager_.releaseAndAwait(unit, kReleaseTimeOut);
+  for (const bool abandonsGroup : {false, true}) {
+    const std::string unit = unitNameOf(label, abandonsGroup);
+    discardUnit(unit);
+    // The unit may still be there: it came to "failed" after its release, or systemd has not read
+    // that yet. systemd ignores requests of a host that has ended, so the release must be read.
+    // Its effect is not awaited: while the host itself is stopped, systemd stops units after it.
+    const auto status = manager_.statusOf(unit);
+    const bool isLeft =
+        status && status->isLoaded && status->isTransient && status->slice == slice_;
+    if (isLeft && status->mainProcess == 0) manager_.releaseAndConfirm(unit);
+  }
 }
 
 void SystemdProcesses::discardOthers(const std::vector<std::string>& labels) {
   if (!hierarchy_) return;
   std::vector<std::string> kept;
   for (const std::string& label : labels) kept.push_back(unitNameOf(label));
+  kept.push_back(hostUnit_);
   std::error_code error;
   const std::string folder = hierarchy_->folderOf("0::" + groupPathOf(slice_) + "\n");
   for (std::filesystem::directory_iterator each(folder, error), end; !error && each != end;
        each.increment(error)) {
     const std::string unit = each->path().filename().string();
-    if (unit.ends_with(kUnitSuffix) && std::ranges::find(kept, unit) == kept.end())
+    if (!isUnitOfJob(unit) || isAbandoningUnit(unit) || std::ranges::find(kept, unit) != kept.end())
+      continue;
+    // An administrator can put units of their own into the slice.
+    if (const auto status = manager_.statusOf(unit); status && status->isTransient)
       discardUnit(unit);
   }
 }

@@ -33,8 +33,8 @@ class SystemdProcesses final : public Processes {
  public:
   // How long a start may take until its program is executed.
   static constexpr platform::Duration kStartTimeOut = std::chrono::seconds(5);
-  // How long the end of a removal waits until systemd has unloaded the unit.
-  static constexpr platform::Duration kReleaseTimeOut = std::chrono::seconds(1);
+  // After this time, and then after each doubled one, a starter that was stopped is continued.
+  static constexpr platform::Duration kContinueInterval = std::chrono::milliseconds(50);
 
   // `processes` finds and holds processes. It and `manager` outlive this.
   SystemdProcesses(LinuxProcesses& processes, platform::SystemdManager& manager,
@@ -57,6 +57,8 @@ class SystemdProcesses final : public Processes {
                                    const JobAccount& account, const StarterChannel& channel,
                                    int output, int error);
   platform::Result<void> clearUnit(const std::string& unit);
+  platform::SystemdManager::Awaited awaitReadiness(const std::string& unit,
+                                                   const StarterChannel& channel);
   platform::Result<platform::ProcessId> awaitStarter(const std::string& unit,
                                                      StarterChannel& channel);
   platform::Result<std::unique_ptr<SystemdProcess>> hold(const std::string& unit,

@@ -232,6 +232,36 @@ TEST_F(SystemdUnits, AJobGoesOnWithoutTheBus) {
   awaitThat([&] { return process() != 0 && process() != before; });
 }
 
+TEST_F(SystemdUnits, ARemovalLeavesAbandonedProcessesAlone) {
+  const ProcessId left =
+      std::stoi(outputOf("sleep 1000 & echo $!", {{"AbandonProcessGroup", true}}));
+  EXPECT_TRUE(client_.jobs().SMJobRemove(kSMDomainSystemLaunchd, kLabel, nullptr, true));
+  EXPECT_TRUE(isRunning(left));
+  root_.killHost();
+  root_.startHost();
+  EXPECT_TRUE(copy().isNil());
+  EXPECT_TRUE(isRunning(left));
+  ::kill(left, SIGKILL);
+}
+
+TEST_F(SystemdUnits, AUnitOfTheAdministratorInTheSliceIsLeftAlone) {
+  expectSubmitted(jobOf(root_.program()));
+  const std::string slice = propertyOf(kUnit, "Slice");
+  const std::string unit = "vantor-com.example.own.service";
+  const std::string file = "/run/systemd/system/" + unit;
+  std::ofstream(file) << "[Service]\nExecStart=/bin/sleep 1000\nSlice=" << slice << "\n";
+  system({"/usr/bin/systemctl", "daemon-reload"});
+  system({"/usr/bin/systemctl", "start", unit});
+  const std::string before = propertyOf(unit, "MainPID");
+  root_.killHost();
+  root_.startHost();
+  awaitThat([&] { return process() != 0; });
+  EXPECT_EQ(propertyOf(unit, "MainPID"), before);
+  system({"/usr/bin/systemctl", "stop", unit});
+  std::filesystem::remove(file);
+  system({"/usr/bin/systemctl", "daemon-reload"});
+}
+
 TEST_F(SystemdUnits, RemainingProcessesAreKilledOrAbandoned) {
   const std::string script = "sleep 1000 & echo $!";
   const ProcessId killed = std::stoi(outputOf(script));
@@ -243,6 +273,11 @@ TEST_F(SystemdUnits, RemainingProcessesAreKilledOrAbandoned) {
   // The unit is free for the next process.
   expectSubmitted(jobOf(root_.program()));
   awaitThat([&] { return process() != 0; });
+  EXPECT_TRUE(isRunning(left));
+  EXPECT_TRUE(client_.jobs().SMJobRemove(kSMDomainSystemLaunchd, kLabel, nullptr, true));
+  root_.killHost();
+  root_.startHost();
+  EXPECT_TRUE(copy().isNil());
   EXPECT_TRUE(isRunning(left));
   ::kill(left, SIGKILL);
 }

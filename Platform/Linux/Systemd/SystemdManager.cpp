@@ -1,6 +1,5 @@
 #include "Platform/Linux/Systemd/SystemdManager.h"
 
-#include <csignal>
 #include <utility>
 
 #include <fmt/format.h>
@@ -133,6 +132,11 @@ void SystemdManager::release(const std::string& unit) {
   bus_->send("ResetFailedUnit", appendingTexts({unit}));
 }
 
+void SystemdManager::releaseAndConfirm(const std::string& unit) {
+  release(unit);
+  static_cast<void>(text(unit, kUnitInterface, "LoadState"));
+}
+
 bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
   const Instant deadline = monotonicNow() + limit;
   if (bus_->isHung() || !bus_->connect()) return false;
@@ -146,15 +150,15 @@ bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
   return isRemoved;
 }
 
-void SystemdManager::killAll(const std::string& unit) {
+void SystemdManager::signalAll(const std::string& unit, int signal) {
   if (bus_->isHung() || !bus_->connect()) return;
   bus_->send("KillUnit", [&](DBusMessageIter& into) {
     const char* name = unit.c_str();
     const char* all = "all";
-    const std::int32_t kill = SIGKILL;
+    const std::int32_t number = signal;
     return dbus_message_iter_append_basic(&into, DBUS_TYPE_STRING, &name) &&
            dbus_message_iter_append_basic(&into, DBUS_TYPE_STRING, &all) &&
-           dbus_message_iter_append_basic(&into, DBUS_TYPE_INT32, &kill);
+           dbus_message_iter_append_basic(&into, DBUS_TYPE_INT32, &number);
   });
 }
 

@@ -67,10 +67,12 @@ class SystemdManager {
 
   // Stops the unit and forgets that it failed, so that systemd unloads it. Does not wait.
   void release(const std::string& unit);
+  // The same, and returns when systemd has read the requests, which it handles in their order.
+  void releaseAndConfirm(const std::string& unit);
   // The same, and returns whether systemd has unloaded it within `limit`.
   bool releaseAndAwait(const std::string& unit, Duration limit);
-  // Kills all processes of the unit. Does not wait.
-  void killAll(const std::string& unit);
+  // Signals all processes of the unit. Does not wait.
+  void signalAll(const std::string& unit, int signal);
 
  private:
   std::optional<std::uint64_t> number(const std::string& unit, const char* interface,
