@@ -161,13 +161,21 @@ std::optional<platform::ProcessId> StarterChannel::takeReady() {
   return sender.pid;
 }
 
-Result<void> StarterChannel::go(const JobDefinition& job, platform::Duration limit) {
+Result<void> StarterChannel::go() {
   if (::send(hostEnd_.get(), &kGo, 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
     return std::unexpected(systemError("the starter of jobs"));
   }
+  return {};
+}
+
+bool StarterChannel::awaitExecution(platform::Duration limit) {
   pollfd entry{failures_.get(), POLLIN, 0};
   const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
-  if (retryOnInterrupt([&] { return ::poll(&entry, 1, static_cast<int>(milliseconds)); }) <= 0) {
+  return retryOnInterrupt([&] { return ::poll(&entry, 1, static_cast<int>(milliseconds)); }) > 0;
+}
+
+Result<void> StarterChannel::takeExecution(const JobDefinition& job) {
+  if (!awaitExecution(platform::Duration::zero())) {
     return std::unexpected(
         Error{ErrorCode::kSystem, ETIMEDOUT, describeStarterStage(StartStage::kExecute, job)});
   }

@@ -39,9 +39,12 @@ class StarterChannel {
   // The number of the starter that is ready. Empty if it has ended.
   std::optional<platform::ProcessId> takeReady();
 
-  // Lets the starter execute the program. Returns when it does, or why it can't. Waits for at most
-  // `limit`.
-  platform::Result<void> go(const JobDefinition& job, platform::Duration limit);
+  // Lets the starter execute the program.
+  platform::Result<void> go();
+  // Whether the starter executes the program, or has said why it can't, within `limit`.
+  bool awaitExecution(platform::Duration limit);
+  // To be called after awaitExecution(). Fails if the program is not executed.
+  platform::Result<void> takeExecution(const JobDefinition& job);
 
  private:
   platform::UniqueFd hostEnd_;

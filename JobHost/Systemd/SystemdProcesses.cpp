@@ -168,9 +168,14 @@ Result<std::unique_ptr<JobProcess>> SystemdProcesses::start(
   auto process = hold(unit, *identity, std::move(onEnd));
   if (!process) return refused(std::move(process.error()));
   appendRecord(ticket, *identity);
-  if (auto gone = channel->go(job, kStartTimeOut); !gone) {
+  auto executed = channel->go();
+  if (executed) {
+    awaitContinuing(unit, [&](platform::Duration limit) { return channel->awaitExecution(limit); });
+    executed = channel->takeExecution(job);
+  }
+  if (!executed) {
     process->reset();
-    return refused(std::move(gone.error()));
+    return refused(std::move(executed.error()));
   }
   return std::unique_ptr<JobProcess>(*std::move(process));
 }
@@ -211,22 +216,25 @@ Result<void> SystemdProcesses::startUnit(const std::string& unit, const JobDefin
   }
 }
 
-// The job's user can stop the starter, which must not hold up the host.
-SystemdManager::Awaited SystemdProcesses::awaitReadiness(const std::string& unit,
-                                                         const StarterChannel& channel) {
+// The job's user can stop the starter, which must not hold up the host. Calls `wait` with a limit
+// until it returns true, and continues the starter in between.
+bool SystemdProcesses::awaitContinuing(const std::string& unit, const Wait& wait) {
   platform::Duration waited{};
   for (platform::Duration interval = kContinueInterval; waited < kStartTimeOut; interval *= 2) {
     interval = std::min(interval, kStartTimeOut - waited);
-    const auto awaited = manager_.awaitStart(unit, channel.readiness(), interval);
-    if (awaited != SystemdManager::Awaited::kTimedOut) return awaited;
+    if (wait(interval)) return true;
     manager_.signalAll(unit, SIGCONT);
     waited += interval;
   }
-  return SystemdManager::Awaited::kTimedOut;
+  return false;
 }
 
 Result<ProcessId> SystemdProcesses::awaitStarter(const std::string& unit, StarterChannel& channel) {
-  const auto awaited = awaitReadiness(unit, channel);
+  auto awaited = SystemdManager::Awaited::kTimedOut;
+  awaitContinuing(unit, [&](platform::Duration limit) {
+    awaited = manager_.awaitStart(unit, channel.readiness(), limit);
+    return awaited != SystemdManager::Awaited::kTimedOut;
+  });
   if (awaited == SystemdManager::Awaited::kReadable) {
     if (const auto process = channel.takeReady()) return *process;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,8 +58,8 @@ class SystemdProcesses final : public Processes {
                                    const JobAccount& account, const StarterChannel& channel,
                                    int output, int error);
   platform::Result<void> clearUnit(const std::string& unit);
-  platform::SystemdManager::Awaited awaitReadiness(const std::string& unit,
-                                                   const StarterChannel& channel);
+  using Wait = std::function<bool(platform::Duration limit)>;
+  bool awaitContinuing(const std::string& unit, const Wait& wait);
   platform::Result<platform::ProcessId> awaitStarter(const std::string& unit,
                                                      StarterChannel& channel);
   platform::Result<std::unique_ptr<SystemdProcess>> hold(const std::string& unit,

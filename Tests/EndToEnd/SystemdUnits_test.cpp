@@ -86,6 +86,13 @@ class SystemdUnits : public testing::Test {
     std::string text = system({"/usr/bin/systemctl", "show", "--value", "-p", name, unit});
     return text.substr(0, text.find('\n'));
   }
+  // Replaces the starter by a shell script, in which $0.real is the starter.
+  void replaceStarter(const std::string& script) {
+    const std::string starter = root_.folder().path("jobstart");
+    std::filesystem::rename(starter, starter + ".real");
+    std::ofstream(starter) << "#!/bin/sh\n" << script << "\n";
+    std::filesystem::permissions(starter, std::filesystem::perms(0755));
+  }
   static ProcessId processOfBus() { return std::stoi(propertyOf("dbus.service", "MainPID")); }
 
   JobHostRoot root_{"<key>JobBackend</key><string>systemd</string>"};
@@ -230,6 +237,19 @@ TEST_F(SystemdUnits, AJobGoesOnWithoutTheBus) {
   EXPECT_EQ(process(), before);
   killAndAwait(before);
   awaitThat([&] { return process() != 0 && process() != before; });
+}
+
+TEST_F(SystemdUnits, AStarterThatWasStoppedIsContinued) {
+  replaceStarter("kill -STOP $$; exec \"$0.real\"");
+  expectSubmitted(jobOf(root_.program()));
+  EXPECT_NE(process(), 0);
+}
+
+TEST_F(SystemdUnits, TheEndOfAStarterIsNoticed) {
+  replaceStarter("exit 1");
+  const auto submitted = submit(jobOf(root_.program()));
+  ASSERT_FALSE(submitted);
+  EXPECT_THAT(submitted.error().localizedDescription, HasSubstr("(status 1)"));
 }
 
 TEST_F(SystemdUnits, ARemovalLeavesAbandonedProcessesAlone) {
