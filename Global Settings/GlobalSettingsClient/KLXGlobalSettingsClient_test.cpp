@@ -265,6 +265,7 @@ TEST_F(KLXGlobalSettingsClientTest, AHungServerIsAskedAgainAfterForgetConnection
   EXPECT_EQ(timeOf([&] { EXPECT_TRUE(client->objectForKey("a").isNil()); }), 0s);
   client->forgetConnection();
   EXPECT_FALSE(client->objectForKey("a").isNil());
+  EXPECT_TRUE(client->hasAnswered());
 }
 
 TEST_F(KLXGlobalSettingsClientTest, AnotherObjectsRetryInitialiserRaisesItsTimeOut) {
@@ -288,6 +289,7 @@ TEST_F(KLXGlobalSettingsClientTest, WithoutAServerASettingIsNil) {
   const auto client = Client::ntpSettingsClientWithDelegate(environment(), &delegate_);
   EXPECT_TRUE(client->objectForKey("a").isNil());
   EXPECT_EQ(client->recentException()->name, "VantorNilProxyException");
+  EXPECT_FALSE(client->hasAnswered());
 }
 
 TEST_F(KLXGlobalSettingsClientTest, AServersStartForgetsTheConnectionThenNotifiesTheDelegate) {
