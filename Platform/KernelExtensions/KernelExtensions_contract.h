@@ -12,24 +12,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/KernelExtensions/ExtensionsMachine_fixture.h"
 #include "Platform/KernelExtensions/KernelControls.h"
 #include "Platform/KernelExtensions/KernelExtensions.h"
 #include "Platform/Values/Value.h"
 
 namespace platform {
-
-// A machine with two installed extensions, none of them loaded: the control of one answers, the
-// control of the other never listens.
-class ExtensionsMachine {
- public:
-  static constexpr char kGood[] = "com.example.nke.good";
-  static constexpr char kSilent[] = "com.example.nke.silent";
-
-  virtual ~ExtensionsMachine() = default;
-
-  virtual KernelExtensions& extensions() = 0;
-  virtual KernelControls& controls() = 0;
-};
 
 class KernelExtensionsContract
     : public testing::TestWithParam<std::unique_ptr<ExtensionsMachine> (*)()> {

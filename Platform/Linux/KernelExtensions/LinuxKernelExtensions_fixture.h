@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Platform/KernelExtensions/KernelExtensions_contract.h"
+#include "Platform/KernelExtensions/ExtensionsMachine_fixture.h"
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
 #include "Platform/Testing/Jobs/FakeJobs.h"

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Platform/KernelExtensions/KernelExtensions_contract.h"
 #include "Platform/Linux/KernelExtensions/LinuxKernelExtensions_fixture.h"
 
 namespace platform {
