@@ -186,13 +186,15 @@ TEST_F(NamedConnectionsTest, AnEndedProcesssLastRequestIsServedWithoutAnAnswer) 
   connection->setRootObject(std::make_shared<NSProtocolChecker>(&counting, &kServerProtocol));
   const auto proxy = authenticatedProxy("server");
   ASSERT_TRUE(proxy);
-  int answers = 0;
-  proxy->sendMessageAsync("nothing", {},
-                          MessageReply([&](const MessageResult& answer) { answers += !!answer; }));
+  // The request is open until its connection ends, which is after this function.
+  const auto answers = std::make_shared<int>(0);
+  proxy->sendMessageAsync("nothing", {}, MessageReply([answers](const MessageResult& answer) {
+                            *answers += !!answer;
+                          }));
   transport_.leaveToReader();
   loop_.runReady();
   EXPECT_EQ(counting.served, 1);
-  EXPECT_EQ(answers, 0);
+  EXPECT_EQ(*answers, 0);
 }
 
 TEST_F(NamedConnectionsTest, AServerWithoutDescriptorsRefusesARequest) {
