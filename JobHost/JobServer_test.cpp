@@ -1,3 +1,5 @@
+// One file, because each test asks the same server by the same fixture.
+
 #include "JobHost/JobServer.h"
 
 #include <chrono>
