@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <string>
+#include <string_view>
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -21,6 +23,7 @@ namespace {
 using namespace platform;
 using Clock = std::chrono::steady_clock;
 
+constexpr std::string_view kEvaluation = "Evaluating the system configuration\n";
 constexpr double kDelay = 2.0;  // seconds that the daemon waits for further changes
 
 const bool kAdded =
@@ -62,10 +65,11 @@ void settingSubject(benchmark::State& state) {
     // checked, which it may not be at the start. Without this change the configuration server's
     // megabytes might be hashed again.
     program.set("other", 1);
-    // Any evaluation of the start would look like the one of this change, whose delay would then
-    // take in the next change as well.
-    const auto evaluatedBy = Clock::now() + std::chrono::seconds(4);
-    root.await("the evaluation of the other setting", [&] { return Clock::now() > evaluatedBy; });
+    // The next change would otherwise join the evaluation of this one, and have less delay.
+    root.await("the evaluation of the other setting", [&] {
+      return root.logHasBehind("settings change: other\n", kEvaluation) &&
+             root.logHasBehind(kEvaluation, evaluated);
+    });
     const bool isOff = program.client().objectForKey("on").isNil() && root.processOf(label) == 0;
     const auto start = Clock::now();
     program.set("on", 1);
