@@ -7,8 +7,8 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 DoctorCommand::DoctorCommand(CLI::App& app)
-    : doctor_(
-          app.add_subcommand("doctor", "What is wrong with this installation, and what to do")) {
+    : doctor_(app.add_subcommand("doctor",
+                                 "Find the faults of this installation, and say what to do")) {
   doctor_->add_flag("--json", json_, "For programs");
 }
 

@@ -84,7 +84,7 @@ struct AnchorsFact {
     std::optional<platform::WallTime> notAfter = {};
   };
   std::vector<Anchor> anchors;
-  std::vector<std::string> remarks;        // what is wrong with single files
+  std::vector<std::string> remarks;        // the faults of single files
   std::optional<std::string> unread = {};  // why no verdict can be given
 };
 

@@ -9,14 +9,14 @@
 #include "Tools/servicemanagerctl/DoctorFacts.h"
 #include "Tools/servicemanagerctl/Output.h"
 
-// What "servicemanagerctl doctor" says about the facts. Pure.
+// The judgement of "servicemanagerctl doctor" about the facts. Pure.
 
 struct Finding {
   enum class Severity { kOk, kNote, kWarning, kError };
   std::string code;  // stable, for programs: a part and a fault, as in "daemon-hung"
   Severity severity = Severity::kOk;
   std::string text;         // one sentence
-  std::string advice = {};  // what to do next; empty if there is nothing to do
+  std::string advice = {};  // the next step; empty if there is none
 
   bool operator==(const Finding&) const = default;
 };

@@ -11,16 +11,16 @@
 #include <fmt/format.h>
 
 #include "ServiceManager/Catalogue/OperatingMode.h"
-#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/Catalogue/ServiceDecision.h"
+#include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 
 namespace {
 
 using namespace platform;
-using Service = MetricsReport::Service;
+using MetricsService = MetricsReport::Service;
 
-double inSeconds(Duration duration) { return std::chrono::duration<double>(duration).count(); }
+double secondsOf(Duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 // Escapes a label's value, of which the format knows three characters.
 std::string metricLabel(std::string_view text) {
@@ -55,7 +55,7 @@ class MetricsText {
   std::string_view name_;
 };
 
-std::string serviceLabel(const Service& service) {
+std::string serviceLabel(const MetricsService& service) {
   return fmt::format("service=\"{}\"", metricLabel(service.label));
 }
 
@@ -64,21 +64,21 @@ struct ServiceMetric {
   std::string_view name;
   std::string_view type;
   std::string_view help;
-  std::function<std::optional<double>(const Service&)> valueOf;
+  std::function<std::optional<double>(const MetricsService&)> valueOf;
 };
 
 std::optional<double> asNumber(std::optional<bool> flag) {
   return flag ? std::optional(*flag ? 1.0 : 0.0) : std::nullopt;
 }
 
-std::optional<double> wantedOf(const Service& service) {
+std::optional<double> wantedOf(const MetricsService& service) {
   if (service.isRunning == true) return 1;
   return asNumber(oughtToRun(service.reason));
 }
 
 ServiceMetric countOf(std::string_view name, std::string_view help,
                       std::int64_t JobHistory::* count) {
-  return {name, "counter", help, [count](const Service& service) -> std::optional<double> {
+  return {name, "counter", help, [count](const MetricsService& service) -> std::optional<double> {
             if (!service.history) return std::nullopt;
             return static_cast<double>((*service.history).*count);
           }};
@@ -87,7 +87,7 @@ ServiceMetric countOf(std::string_view name, std::string_view help,
 const std::vector<ServiceMetric>& serviceMetrics() {
   static const std::vector<ServiceMetric> kMetrics{
       {"servicemanager_service_running", "gauge", "Whether the service has a process.",
-       [](const Service& service) { return asNumber(service.isRunning); }},
+       [](const MetricsService& service) { return asNumber(service.isRunning); }},
       {"servicemanager_service_wanted", "gauge", "Whether the service ought to run.", wantedOf},
       countOf("servicemanager_service_starts_total", "How often a process was started.",
               &JobHistory::starts),
@@ -95,17 +95,17 @@ const std::vector<ServiceMetric>& serviceMetrics() {
       countOf("servicemanager_service_crashes_total", "How often a process crashed.",
               &JobHistory::crashes),
       {"servicemanager_service_processes", "gauge", "The processes of the service.",
-       [](const Service& service) -> std::optional<double> {
+       [](const MetricsService& service) -> std::optional<double> {
          if (!service.tree) return std::nullopt;
          return static_cast<double>(service.tree->processes);
        }},
       {"servicemanager_service_cpu_seconds_total", "counter", "The CPU time of its processes.",
-       [](const Service& service) -> std::optional<double> {
+       [](const MetricsService& service) -> std::optional<double> {
          if (!service.tree) return std::nullopt;
-         return inSeconds(service.tree->cpuTime);
+         return secondsOf(service.tree->cpuTime);
        }},
       {"servicemanager_service_memory_bytes", "gauge", "The memory of its processes.",
-       [](const Service& service) -> std::optional<double> {
+       [](const MetricsService& service) -> std::optional<double> {
          if (!service.tree || !service.tree->memoryBytes) return std::nullopt;
          return static_cast<double>(*service.tree->memoryBytes);
        }},
@@ -113,20 +113,21 @@ const std::vector<ServiceMetric>& serviceMetrics() {
   return kMetrics;
 }
 
-void addServiceMetrics(MetricsText& text, const std::vector<Service>& services) {
+void addServiceMetrics(MetricsText& text, const std::vector<MetricsService>& services) {
   for (const ServiceMetric& metric : serviceMetrics()) {
-    const bool hasAny = std::ranges::any_of(
-        services, [&](const Service& service) { return metric.valueOf(service).has_value(); });
+    const bool hasAny = std::ranges::any_of(services, [&](const MetricsService& service) {
+      return metric.valueOf(service).has_value();
+    });
     if (!hasAny) continue;
     text.describe(metric.name, metric.type, metric.help);
-    for (const Service& service : services) {
+    for (const MetricsService& service : services) {
       if (const auto value = metric.valueOf(service)) text.add(serviceLabel(service), *value);
     }
   }
-  const auto hasReason = [](const Service& service) { return !service.reason.empty(); };
+  const auto hasReason = [](const MetricsService& service) { return !service.reason.empty(); };
   if (std::ranges::none_of(services, hasReason)) return;
   text.describe("servicemanager_service_down_reason", "gauge", "Why the service does not run.");
-  for (const Service& service : services) {
+  for (const MetricsService& service : services) {
     if (hasReason(service))
       text.add(fmt::format("{},reason=\"{}\"", serviceLabel(service), metricLabel(service.reason)),
                1);
@@ -136,7 +137,7 @@ void addServiceMetrics(MetricsText& text, const std::vector<Service>& services) 
 void addManager(MetricsText& text, const MetricsReport::Manager& manager) {
   text.describe("servicemanager_answer_seconds", "gauge",
                 "How long the service manager took to tell of all services.");
-  text.add(inSeconds(manager.answerTime));
+  text.add(secondsOf(manager.answerTime));
   text.describe("servicemanager_main_thread_busy_seconds", "gauge",
                 "For how long its main thread has done one thing, 0 if it is free.");
   text.add(manager.busyFor);
@@ -160,14 +161,14 @@ MetricsReport::Manager managerIn(const Value& overview, const Value& jobs) {
   const Dictionary* services = overview[kFactServices].dictionary();
   if (!services) return manager;
   for (const auto& [label, facts] : *services) {
-    Service service{.label = label};
+    MetricsService service{.label = label};
     const JobState job = jobState(label, jobs[label][kFactJob]);
     if (jobs[label][kFactJobIsUnknown] != Value(true)) service.isRunning = job.process.has_value();
     service.history = job.history;
     service.tree = job.tree;
     manager.services.push_back(std::move(service));
   }
-  std::ranges::sort(manager.services, {}, &Service::label);
+  std::ranges::sort(manager.services, {}, &MetricsService::label);
   return manager;
 }
 
@@ -185,7 +186,7 @@ std::string asMetrics(const MetricsReport& report) {
   text.add(report.manager ? 1 : 0);
   text.describe("servicemanager_collected_timestamp_seconds", "gauge",
                 "When these metrics were collected.");
-  text.add(std::floor(inSeconds(report.collected.time_since_epoch())));
+  text.add(std::floor(secondsOf(report.collected.time_since_epoch())));
   if (report.manager) addManager(text, *report.manager);
   return text.take();
 }

@@ -12,9 +12,9 @@
 
 #include "Platform/Values/Time.h"
 
-// What `work` returns, or nothing if it takes longer than `limit`. It runs on a thread of its own,
-// because a call to a disk or a name service that hangs can't be interrupted. The thread then
-// stays behind, so `work` owns all that it uses.
+// Returns the result of `work`, or nothing if that takes longer than `limit`. It runs on a thread
+// of its own, because a call to a disk or a name service that hangs can't be interrupted. The
+// thread then stays behind, so `work` owns all that it uses.
 template <typename T>
 std::optional<T> withinTime(platform::Duration limit, std::function<T()> work) {
   struct Shared {
