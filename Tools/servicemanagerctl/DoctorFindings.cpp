@@ -113,9 +113,9 @@ std::string asText(const std::vector<Finding>& findings, Reader reader) {
   std::string text;
   const auto out = std::back_inserter(text);
   for (const Finding& finding : findings) {
-    fmt::format_to(out, "{}  {:<22}  {}\n", severityWord(finding.severity, reader), finding.code,
+    fmt::format_to(out, "{}  {:<26}  {}\n", severityWord(finding.severity, reader), finding.code,
                    escaped(finding.text));
-    if (!finding.advice.empty()) fmt::format_to(out, "{:33}{}\n", "", escaped(finding.advice));
+    if (!finding.advice.empty()) fmt::format_to(out, "{:37}{}\n", "", escaped(finding.advice));
   }
   const auto count = [&](Severity severity) {
     return std::ranges::count(findings, severity, &Finding::severity);

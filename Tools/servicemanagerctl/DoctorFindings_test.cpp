@@ -210,9 +210,9 @@ TEST(DoctorFindingsTest, PeopleGetALineForEachAndACount) {
   const std::vector<Finding> findings{{"part", Severity::kOk, "Good."},
                                       {"part-bad", Severity::kError, "Bad\033[2J.", "Repair it."}};
   EXPECT_EQ(asText(findings, Reader::kOther),
-            "ok       part                    Good.\n"
-            "error    part-bad                Bad\\u001b[2J.\n"
-            "                                 Repair it.\n"
+            "ok       part                        Good.\n"
+            "error    part-bad                    Bad\\u001b[2J.\n"
+            "                                     Repair it.\n"
             "1 errors, 0 warnings, 0 notes.\n");
   EXPECT_THAT(asText(findings, Reader::kTerminal), HasSubstr("\033[31merror"));
 }

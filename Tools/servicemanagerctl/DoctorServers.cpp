@@ -43,7 +43,7 @@ ServerWords wordsOfDaemon() {
 
 ServerWords wordsOfBus(const DoctorFacts& facts) {
   if (!facts.configuration.notificationBus || *facts.configuration.notificationBus == "system")
-    return {"bus", "The notification bus, which is the system's",
+    return {"bus", "The notification bus, the one of the system,",
             "Start the message bus of the system (dbus.service).",
             "Look at the message bus of the system (dbus.service).", ""};
   return {"bus", "The notification bus",
