@@ -75,7 +75,7 @@ TEST_F(DaemonMetrics, ADamagedProgramIsNamed) {
 }
 
 TEST_F(DaemonMetrics, AScraperGetsTheFile) {
-  start(0);
+  startAll();
   const std::string file = root_.folder().write("vantor.prom", "servicemanager_up 1\n");
   ChildProgram program({root_.folder().path("servicemanagerctl"), "metrics", "--serve", file}, {});
   program.send("GET /metrics HTTP/1.1\r\n\r");
