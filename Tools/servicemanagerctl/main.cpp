@@ -31,9 +31,11 @@
 #include "Platform/SystemFacts/Thread.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/Arguments.h"
+#include "Tools/servicemanagerctl/DoctorCommand.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
+#include "Tools/servicemanagerctl/MetricsCommand.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
@@ -196,6 +198,8 @@ int run(int argc, char** argv) {
   const WatchCommand watchCommand(app);
   const SettingsCommands settingsCommands(app);
   const OperatorCommands operatorCommands(app);
+  const DoctorCommand doctorCommand(app);
+  const MetricsCommand metricsCommand(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   const XPCCommands xpcCommands(app);
@@ -221,6 +225,8 @@ int run(int argc, char** argv) {
 
   auto linuxPlatform =
       root.empty() ? platform::LinuxPlatform::make() : platform::LinuxPlatform::makeAt(root);
+  if (!linuxPlatform && doctorCommand.parsed())
+    return doctorCommand.runWithout(linuxPlatform.error());
   if (!linuxPlatform) return fail(linuxPlatform.error());
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
@@ -229,6 +235,11 @@ int run(int argc, char** argv) {
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
   if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
   if (xpcCommands.parsed()) return runXPCCommand(xpcCommands, linux);
+  if (metricsCommand.parsed()) return runServiceCommand(metricsCommand, linux);
+  if (metricsCommand.isScraped()) return metricsCommand.answerScraper(*linux.runLoop);
+  if (doctorCommand.parsed())
+    return doctorCommand.run({linux.peerTransport, linux.configuration, linux.runLoop->wallTime(),
+                              hostProgram(linux, !root.empty())});
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));

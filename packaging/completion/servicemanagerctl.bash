@@ -31,6 +31,10 @@ _servicemanagerctl() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
   fi
+  if [ "$previous" = --serve ]; then
+    mapfile -t COMPREPLY < <(compgen -f -- "$word")
+    return
+  fi
   if [ "$previous" = --type ]; then
     mapfile -t COMPREPLY < <(compgen -W 'boolean integer real number string data' -- "$word")
     return
@@ -38,7 +42,7 @@ _servicemanagerctl() {
   local words=
   case ${commands[*]:0:2} in
     '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
-      jobs platform log-test' ;;
+      jobs platform log-test doctor metrics' ;;
     start* | stop* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
@@ -71,6 +75,7 @@ _servicemanagerctl() {
       list) words+=' --wide' ;;
       health) words+=' --openmetrics' ;;
       log) words+=' --follow' ;;
+      metrics) words+=' --serve' ;;
       'settings set') words+=' --type' ;;
     esac
   fi

@@ -19,9 +19,10 @@ complete -c servicemanagerctl -f
 complete -c servicemanagerctl -l help -d 'The commands or options'
 complete -c servicemanagerctl -l json -d 'For programs'
 complete -c servicemanagerctl -l root -x -a '(__fish_complete_directories)' -d 'Another platform root'
-complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list start stop health explain extensions watch installer settings log endpoints execinfo jobs platform log-test'
+complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list start stop health explain extensions watch installer settings log endpoints execinfo jobs platform log-test doctor metrics'
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l wide
 complete -c servicemanagerctl -n '__servicemanagerctl_in health' -l openmetrics
+complete -c servicemanagerctl -n '__servicemanagerctl_in metrics' -l serve -r -F
 complete -c servicemanagerctl -n '__servicemanagerctl_in log' -s f -l follow
 for command in start stop 'installer begin'
     complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -a '(__servicemanagerctl_labels)'

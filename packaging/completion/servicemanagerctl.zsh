@@ -21,14 +21,16 @@ _servicemanagerctl_labels() {
 
 if [[ $words[CURRENT-1] == --root ]]; then
   _directories
+elif [[ $words[CURRENT-1] == --serve ]]; then
+  _files
 elif [[ $words[CURRENT-1] == --type ]]; then
   compadd boolean integer real number string data
 elif [[ $words[CURRENT] == -* ]]; then
-  compadd -- --help --json --root --wide --openmetrics --follow --type
+  compadd -- --help --json --root --wide --openmetrics --follow --type --serve
 else
   case "$commands[1] $commands[2]" in
     ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs \
-      platform log-test ;;
+      platform log-test doctor metrics ;;
     start\ * | stop\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "Platform/Linux/NamedConnections/ListenerPlaces.h"
+#include "Platform/Peers/PeerTransport.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/Values/Time.h"
+#include "Tools/servicemanagerctl/DoctorFacts.h"
+
+// The probes of "servicemanagerctl doctor". Each is bounded, whatever hangs, and changes nothing.
+
+// A server has this long to accept a connection, and a disk to answer.
+inline constexpr platform::Duration kServerProbeTime = std::chrono::seconds(2);
+inline constexpr platform::Duration kDiskProbeTime = std::chrono::seconds(5);
+
+struct DoctorEnvironment {
+  platform::PeerTransport& transport;
+  const platform::PlatformConfiguration& configuration;
+  platform::WallTime now;
+  std::string hostProgram;  // the installed job host's path
+};
+
+// All facts, by the probes below.
+DoctorFacts probe(const DoctorEnvironment& environment);
+
+// The servers: each is asked for a connection, which shows whether its loop turns.
+ServerFact probeHost(const DoctorEnvironment& environment, const platform::ListenerPlaces& places);
+ServerFact probeDaemon(const DoctorEnvironment& environment,
+                       const platform::ListenerPlaces& places);
+ServerFact probeBus(const platform::PlatformConfiguration& configuration);
+ServerFact probeSystemd();
+
+// The machine. These may wait for a disk or a name service.
+Fact<std::vector<InstalledFile>> probeInstallation(const std::string& root,
+                                                   const std::string& hostProgram);
+Fact<GroupFact> probeGroup(const std::string& name);
+Fact<std::vector<SocketFile>> probeSockets(const platform::PlatformConfiguration& configuration);
+Fact<LimitsFact> probeLimits(const std::optional<platform::ProcessId>& host);
+Fact<KernelFact> probeKernel(const std::string& root,
+                             const std::optional<platform::ProcessId>& host);
+Fact<AnchorsFact> probeAnchors(const std::string& root, platform::WallTime now);
+Fact<ClockFact> probeClock(const std::string& root, platform::WallTime now);
+Fact<DiskFact> probeDisk(const std::string& use, const std::string& path);
+
+// The path of the service manager's program, and of its catalogue.
+std::string daemonProgramOf(const std::string& root);
+std::string catalogueOf(const std::string& root);
+
+// Whether the process executes the installed file.
+RunningProgram runningProgram(platform::ProcessId process, std::string installed);
+
+// The fact that a failed system call leaves, by errno.
+std::unexpected<NotKnown> notKnown(const std::string& what);
