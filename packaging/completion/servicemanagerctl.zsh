@@ -23,12 +23,17 @@ if [[ $words[CURRENT-1] == --root ]]; then
   _directories
 elif [[ $words[CURRENT-1] == --type ]]; then
   compadd boolean integer real number string data
+elif [[ $words[CURRENT-1] == --format ]]; then
+  compadd text json sarif
+elif [[ $words[CURRENT-1] == --to ]]; then
+  compadd xml binary json
 elif [[ $words[CURRENT] == -* ]]; then
-  compadd -- --help --json --root --wide --openmetrics --follow --type
+  compadd -- --help --json --root --wide --openmetrics --follow --type --strict --format --no-programs --catalogue --settings --release \
+    --product --diff --to --output
 else
   case "$commands[1] $commands[2]" in
-    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs \
-      platform log-test ;;
+    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs lint \
+      explain-code plan plist platform log-test ;;
     start\ * | stop\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
@@ -37,6 +42,7 @@ else
     'endpoints ') compadd lookup register ;;
     'jobs ') compadd list show submit remove ;;
     'jobs show' | 'jobs remove') _servicemanagerctl_labels jobs ;;
-    'jobs submit' | execinfo\ *) _files ;;
+    'plist ') compadd convert get set lint diff ;;
+    'jobs submit' | execinfo\ * | lint\ * | plan\ * | plist\ *) _files ;;
   esac
 fi
