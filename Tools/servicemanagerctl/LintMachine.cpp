@@ -34,7 +34,7 @@ std::string folderOf(const std::string& path) {
   return slash == 0 || slash == path.npos ? "/" : path.substr(0, slash);
 }
 
-bool isThere(const std::string& path) {
+bool pathExists(const std::string& path) {
   struct stat status{};
   return ::stat(path.c_str(), &status) == 0;
 }
@@ -47,7 +47,8 @@ ProgramState stateOfFile(const std::string& path) {
     if (error != ENOENT && error != ENOTDIR) {
       return {ProgramState::Kind::kUnchecked, std::generic_category().message(error)};
     }
-    return {isThere(folderOf(path)) ? ProgramState::Kind::kMissing : ProgramState::Kind::kNotHere};
+    return {pathExists(folderOf(path)) ? ProgramState::Kind::kMissing
+                                       : ProgramState::Kind::kNotHere};
   }
   const bool isExecutable =
       S_ISREG(status.st_mode) && (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
@@ -113,7 +114,7 @@ lint::Machine makeLintMachine(const std::string& root) {
                 return signatures->check(path);
               },
           .propertyList = [](const std::string& path) -> std::optional<Result<Value>> {
-            if (!isThere(folderOf(path))) return std::nullopt;
+            if (!pathExists(folderOf(path))) return std::nullopt;
             return readPropertyListFile(path);
           }};
 }
