@@ -19,7 +19,6 @@
 namespace {
 
 using namespace platform;
-using lint::ProgramState;
 
 // The platform root, whether its configuration can be read or not.
 Result<std::string> rootToCheck(const std::string& given) {
@@ -40,34 +39,34 @@ bool pathExists(const std::string& path) {
 }
 
 // The state of the file alone, without its signature.
-ProgramState stateOfFile(const std::string& path) {
+lint::ProgramState stateOfFile(const std::string& path) {
   struct stat status{};
   if (::stat(path.c_str(), &status) != 0) {
     const int error = errno;
     if (error != ENOENT && error != ENOTDIR) {
-      return {ProgramState::Kind::kUnchecked, std::generic_category().message(error)};
+      return {lint::ProgramState::Kind::kUnchecked, std::generic_category().message(error)};
     }
-    return {pathExists(folderOf(path)) ? ProgramState::Kind::kMissing
-                                       : ProgramState::Kind::kNotHere};
+    return {pathExists(folderOf(path)) ? lint::ProgramState::Kind::kMissing
+                                       : lint::ProgramState::Kind::kNotHere};
   }
   const bool isExecutable =
       S_ISREG(status.st_mode) && (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
-  return {isExecutable ? ProgramState::Kind::kSound : ProgramState::Kind::kNoProgram};
+  return {isExecutable ? lint::ProgramState::Kind::kSound : lint::ProgramState::Kind::kNoProgram};
 }
 
 class Signatures {
  public:
   explicit Signatures(const std::string& root) : root_(rootToCheck(root)) {}
 
-  ProgramState check(const std::string& path) {
+  lint::ProgramState check(const std::string& path) {
     const auto signatures = open();
-    if (!signatures) return {ProgramState::Kind::kUnchecked, describe(signatures.error())};
+    if (!signatures) return {lint::ProgramState::Kind::kUnchecked, describe(signatures.error())};
     const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
                                                                &std::free);
     const auto code = (*signatures)->SecStaticCodeCreateWithPath(resolved ? resolved.get() : path);
     if (!code) return stateOf(code.error());
     const auto valid = checkCodeThatRuns(**code);
-    return valid ? ProgramState{} : stateOf(valid.error());
+    return valid ? lint::ProgramState{} : stateOf(valid.error());
   }
 
  private:
@@ -84,18 +83,18 @@ class Signatures {
     return signatures_.get();
   }
 
-  static ProgramState stateOf(const CodeSigningFailure& failure) {
+  static lint::ProgramState stateOf(const CodeSigningFailure& failure) {
     switch (verdictOf(failure)) {
       case CodeVerdict::kIntact:
         return {};
       case CodeVerdict::kNotSigned:
-        return {ProgramState::Kind::kUnsigned, failure.reason};
+        return {lint::ProgramState::Kind::kUnsigned, failure.reason};
       case CodeVerdict::kDamaged:
-        return {ProgramState::Kind::kRefused, failure.reason};
+        return {lint::ProgramState::Kind::kRefused, failure.reason};
       case CodeVerdict::kUnknown:
         break;
     }
-    return {ProgramState::Kind::kUnchecked, failure.reason};
+    return {lint::ProgramState::Kind::kUnchecked, failure.reason};
   }
 
   Result<std::string> root_;
@@ -109,8 +108,8 @@ lint::Machine makeLintMachine(const std::string& root) {
   const auto signatures = std::make_shared<Signatures>(root);
   return {.program =
               [signatures](const std::string& path, bool mustBeSigned) {
-                ProgramState state = stateOfFile(path);
-                if (state.kind != ProgramState::Kind::kSound || !mustBeSigned) return state;
+                lint::ProgramState state = stateOfFile(path);
+                if (state.kind != lint::ProgramState::Kind::kSound || !mustBeSigned) return state;
                 return signatures->check(path);
               },
           .propertyList = [](const std::string& path) -> std::optional<Result<Value>> {
