@@ -355,6 +355,12 @@ Fault takeJobKey(std::string_view key, const Value& value, JobDefinition& defini
   return checkUnsupportedKey(key, value);
 }
 
+std::vector<std::string_view> honouredJobKeys() {
+  std::vector<std::string_view> names;
+  for (const Key& key : kKeys) names.push_back(key.name);
+  return names;
+}
+
 std::string nameOfLimit(int resource) {
   const auto known = std::ranges::find(kResources, resource, &NamedResource::resource);
   return known == kResources.end() ? fmt::format("{}", resource) : std::string(known->name);

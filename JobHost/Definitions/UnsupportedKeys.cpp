@@ -83,6 +83,13 @@ Fault checkUnsupportedKey(std::string_view key, const Value& value) {
   return refusal(*found);
 }
 
+std::vector<std::string_view> unsupportedJobKeys() {
+  std::vector<std::string_view> names;
+  for (const Unsupported& unsupported : kUnsupported) names.push_back(unsupported.key);
+  for (const Unsupported& unsupported : kWithoutEffect) names.push_back(unsupported.key);
+  return names;
+}
+
 std::optional<std::string_view> whyWithoutEffect(std::string_view key) {
   const auto found = std::ranges::find(kWithoutEffect, key, &Unsupported::key);
   return found == kWithoutEffect.end() ? std::nullopt : std::optional(found->why);

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "JobHost/Definitions/JobKeys.h"
 
@@ -11,6 +12,9 @@ namespace jobhost {
 // honour: a job that silently ran at other times than it says would be worse than none. A switch
 // that is off asks for nothing and is no fault.
 Fault checkUnsupportedKey(std::string_view key, const platform::Value& value);
+
+// The keys of launchd that this host knows and does not honour.
+std::vector<std::string_view> unsupportedJobKeys();
 
 // Why a launchd key that only advises has no effect here. Empty if it is another key.
 std::optional<std::string_view> whyWithoutEffect(std::string_view key);

@@ -202,12 +202,6 @@ constexpr std::array kKeys{
     Key{"LogLevel", "an integer from 0 to 7", readLogLevel},
 };
 
-std::string knownKeys() {
-  std::vector<std::string_view> names;
-  for (const Key& key : kKeys) names.push_back(key.name);
-  return fmt::format("{}", fmt::join(names, ", "));
-}
-
 // A key or value from the file, escaped for a line of text.
 std::string quotedExcerpt(std::string_view text) {
   constexpr std::size_t kShown = 64;
@@ -240,6 +234,12 @@ PlatformConfiguration defaultPlatformConfiguration(std::string_view root) {
   return configuration;
 }
 
+std::vector<std::string_view> platformConfigurationKeys() {
+  std::vector<std::string_view> names;
+  for (const Key& key : kKeys) names.push_back(key.name);
+  return names;
+}
+
 Result<PlatformConfiguration> parsePlatformConfiguration(const Value& contents,
                                                          std::string_view file,
                                                          std::string_view root) {
@@ -253,8 +253,8 @@ Result<PlatformConfiguration> parsePlatformConfiguration(const Value& contents,
   for (const auto& [name, value] : *entries) {
     const auto key = std::ranges::find(kKeys, name, &Key::name);
     if (key == kKeys.end()) {
-      return invalid(
-          fmt::format("unknown key {}; expected one of: {}", quotedExcerpt(name), knownKeys()));
+      return invalid(fmt::format("unknown key {}; expected one of: {}", quotedExcerpt(name),
+                                 fmt::join(platformConfigurationKeys(), ", ")));
     }
     if (!key->read(value, configuration)) {
       return invalid(

@@ -71,6 +71,9 @@ std::string pathBelowRoot(std::string_view root, std::string_view path);
 // The configuration without a file.
 PlatformConfiguration defaultPlatformConfiguration(std::string_view root);
 
+// The keys of the file.
+std::vector<std::string_view> platformConfigurationKeys();
+
 // The configuration in the property list `contents`. A wrong type, an impossible value and an
 // unknown key fail with kInvalid. The text begins with `file` (the file's name) and names the key
 // and the expected value.

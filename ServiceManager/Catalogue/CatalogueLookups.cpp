@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "ServiceManager/Catalogue/PathComponents.h"
 
 using namespace platform;
@@ -22,34 +23,35 @@ Dictionary defaultJobInfoTemplate() {
 }
 
 Value serviceEntryWithLabel(Label label, const Value& inServicePlist) {
-  return entryOf(inServicePlist["Services"], label);
+  return entryOf(inServicePlist[catalogue_keys::kServices], label);
 }
 
 Value featureEntryWithFeatureName(Label featureName, const Value& inServicePlist) {
-  return entryOf(inServicePlist["Features"], featureName);
+  return entryOf(inServicePlist[catalogue_keys::kFeatures], featureName);
 }
 
 Value jobInfoWithLabel(Label label, const Value& inServicePlist) {
-  const Value jobSpec = serviceEntryWithLabel(label, inServicePlist)["JobSpec"];
-  const std::string* program = jobSpec["Program"].string();
-  const std::string* programPath = inServicePlist["ProgramPath"].string();
+  const Value jobSpec = serviceEntryWithLabel(label, inServicePlist)[catalogue_keys::kJobSpec];
+  const std::string* program = jobSpec[catalogue_keys::kProgram].string();
+  const std::string* programPath = inServicePlist[catalogue_keys::kProgramPath].string();
   if (!jobSpec.dictionary() || !program || !programPath || !label) return {};
 
   Dictionary job = *jobSpec.dictionary();
   // On top, so that a service can't opt out of being kept alive.
   for (const auto& [key, value] : defaultJobInfoTemplate()) job.set(key, value);
   job.set("Label", *label);
-  job.set("Program", pathByAppendingComponent(*programPath, *program));
+  job.set(catalogue_keys::kProgram, pathByAppendingComponent(*programPath, *program));
   return job;
 }
 
 std::string_view serviceTypeForLabel(Label label, const Value& inServicePlist) {
   // The value may be malformed: any "Features" makes it a feature service.
-  const bool hasFeatures = !serviceEntryWithLabel(label, inServicePlist)["Features"].isNil();
+  const bool hasFeatures =
+      !serviceEntryWithLabel(label, inServicePlist)[catalogue_keys::kFeatures].isNil();
   return hasFeatures ? kFeatureService : kCoreService;
 }
 
 Value primaryServiceInfo(const Value& inServicePlist) {
-  const std::string* primary = inServicePlist["Primary"].string();
+  const std::string* primary = inServicePlist[catalogue_keys::kPrimary].string();
   return jobInfoWithLabel(primary ? Label(*primary) : std::nullopt, inServicePlist);
 }

@@ -4,6 +4,7 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "ServiceManager/Catalogue/PathComponents.h"
 
 using namespace platform;
@@ -32,8 +33,8 @@ StartUpResult<Value> readServicePlist(FileReader& files, std::string_view resour
 
 StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
                                                        const Value& servicePlist) {
-  const std::string* programPath = servicePlist["ProgramPath"].string();
-  const std::string* file = servicePlist["ProductInfo"].string();
+  const std::string* programPath = servicePlist[catalogue_keys::kProgramPath].string();
+  const std::string* file = servicePlist[catalogue_keys::kProductInfo].string();
   const Value information =
       programPath && file ? dictionaryAtPath(files, pathByAppendingComponent(*programPath, *file))
                           : Value();
@@ -43,7 +44,7 @@ StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
     return std::unexpected(
         StartUpError{"Malformed Configuration", "Unable to resolve product information"});
   }
-  const std::string* key = servicePlist["ProductInfoKey"].string();
+  const std::string* key = servicePlist[catalogue_keys::kProductInfoKey].string();
   const std::string* guid = key ? information[*key].string() : nullptr;
   if (const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr) return type;
   vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID");
@@ -52,14 +53,14 @@ StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
 
 StartUpResult<ServiceCatalogue> catalogueOfProduct(const Value& servicePlist,
                                                    std::string_view installTypeName) {
-  Dictionary matching = servicesOfProduct(servicePlist["Services"], installTypeName);
+  Dictionary matching = servicesOfProduct(servicePlist[catalogue_keys::kServices], installTypeName);
   if (matching.empty()) {
     const std::string why = stringWithFormat(
         "Unable to resolve services that match the current product: %@", installTypeName);
     vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
     return std::unexpected(StartUpError{"Uknown product type", why});
   }
-  const std::string* primary = servicePlist["Primary"].string();
+  const std::string* primary = servicePlist[catalogue_keys::kPrimary].string();
   if (primary && !matching.contains(*primary)) {
     vantorlogger2_line(ASL_LEVEL_ERR,
                        stringWithFormat("The primary service %@ does not belong to the current "
@@ -67,10 +68,10 @@ StartUpResult<ServiceCatalogue> catalogueOfProduct(const Value& servicePlist,
                                         *primary, installTypeName));
   }
   Dictionary others;
-  for (const auto& [label, entry] : *servicePlist["Services"].dictionary()) {
-    if (!matching.contains(label)) others.set(label, entry["Products"]);
+  for (const auto& [label, entry] : *servicePlist[catalogue_keys::kServices].dictionary()) {
+    if (!matching.contains(label)) others.set(label, entry[catalogue_keys::kProducts]);
   }
   Dictionary ofProduct = *servicePlist.dictionary();
-  ofProduct.set("Services", std::move(matching));
+  ofProduct.set(catalogue_keys::kServices, std::move(matching));
   return ServiceCatalogue(std::move(ofProduct), std::move(others));
 }

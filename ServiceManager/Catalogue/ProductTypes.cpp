@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
+
 using namespace platform;
 
 namespace {
@@ -17,6 +19,8 @@ constexpr std::array<ProductType, 5> kProductTypes{{
 
 }  // namespace
 
+std::span<const ProductType> productTypes() { return kProductTypes; }
+
 const ProductType* productTypeForGuid(std::string_view guid) {
   const auto found = std::ranges::find(kProductTypes, guid, &ProductType::guid);
   return found == kProductTypes.end() ? nullptr : &*found;
@@ -26,7 +30,7 @@ Dictionary servicesOfProduct(const Value& services, std::string_view installType
   Dictionary matching;
   if (!services.dictionary()) return matching;
   for (const auto& [label, entry] : *services.dictionary()) {
-    const Array* products = entry["Products"].array();
+    const Array* products = entry[catalogue_keys::kProducts].array();
     if (!products) continue;
     const bool isOfProduct = std::ranges::any_of(*products, [&](const Value& product) {
       return product.string() && *product.string() == installTypeName;

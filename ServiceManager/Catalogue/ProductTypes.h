@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <string_view>
 
 #include "Platform/Values/Value.h"
@@ -11,6 +12,9 @@ struct ProductType {
   std::string_view installTypeName;  // in the catalogue's "Products"
   bool keepsHealthInfo = false;
 };
+
+// All of them.
+std::span<const ProductType> productTypes();
 
 // The product whose GUID is exactly this one, or null.
 const ProductType* productTypeForGuid(std::string_view guid);

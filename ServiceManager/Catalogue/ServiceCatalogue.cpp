@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
+
 using namespace platform;
 
 ServiceCatalogue::ServiceCatalogue(Value serviceInfo, Dictionary otherProductsServices)
@@ -10,14 +12,14 @@ ServiceCatalogue::ServiceCatalogue(Value serviceInfo, Dictionary otherProductsSe
       otherProductsServices_(std::move(otherProductsServices)) {}
 
 std::string ServiceCatalogue::primaryLabel() const {
-  const std::string* label = serviceInfo_["Primary"].string();
+  const std::string* label = serviceInfo_[catalogue_keys::kPrimary].string();
   return label ? *label : std::string();
 }
 
 std::optional<std::string> ServiceCatalogue::labelForNotification(std::string_view name) const {
   if (!services().dictionary()) return std::nullopt;
   for (const auto& [label, entry] : *services().dictionary()) {
-    const std::string* notification = entry["Notification"].string();
+    const std::string* notification = entry[catalogue_keys::kNotification].string();
     if (notification && *notification == name) return label;
   }
   return std::nullopt;
@@ -26,7 +28,7 @@ std::optional<std::string> ServiceCatalogue::labelForNotification(std::string_vi
 std::vector<std::string> ServiceCatalogue::extensionsOf(Label label) const {
   std::vector<std::string> names;
   const Value entry = service(label);
-  const Array* extensions = entry["KernelExtensions"].array();
+  const Array* extensions = entry[catalogue_keys::kKernelExtensions].array();
   if (!extensions) return names;
   for (const Value& name : *extensions) {
     if (name.string()) names.push_back(*name.string());
@@ -35,7 +37,7 @@ std::vector<std::string> ServiceCatalogue::extensionsOf(Label label) const {
 }
 
 std::optional<std::string> ServiceCatalogue::extensionIdentifier(std::string_view kextName) const {
-  const std::string* identifier = extensions()[kextName]["Identifier"].string();
+  const std::string* identifier = extensions()[kextName][catalogue_keys::kIdentifier].string();
   return identifier ? std::optional(*identifier) : std::nullopt;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Platform/Values/Value.h"
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
 
 // The catalogue of the installed product: which services there are and what each needs. A value,
@@ -24,7 +25,7 @@ class ServiceCatalogue {
   const platform::Dictionary& otherProductsServices() const { return otherProductsServices_; }
 
   // The services by label, nil in an empty catalogue.
-  const platform::Value& services() const { return serviceInfo_["Services"]; }
+  const platform::Value& services() const { return serviceInfo_[catalogue_keys::kServices]; }
   // The label of the primary service, which every other service depends on; empty without one.
   std::string primaryLabel() const;
   // The first service that announces its start by this notification.
@@ -47,7 +48,9 @@ class ServiceCatalogue {
   // The identifier of the extension; nothing if the catalogue gives it none.
   std::optional<std::string> extensionIdentifier(std::string_view kextName) const;
   // The extensions by name, nil without any.
-  const platform::Value& extensions() const { return serviceInfo_["KernelExtensions"]; }
+  const platform::Value& extensions() const {
+    return serviceInfo_[catalogue_keys::kKernelExtensions];
+  }
 
  private:
   platform::Value serviceInfo_;

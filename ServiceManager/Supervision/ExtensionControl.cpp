@@ -7,6 +7,7 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 
 using namespace platform;
 
@@ -79,7 +80,7 @@ void ExtensionControl::startNext(std::shared_ptr<Start> start) {
   }
   const std::string name = start->names[start->next++];
   const std::optional<std::string> identifier = environment_.catalogue.extensionIdentifier(name);
-  const Value options = environment_.catalogue.extensions()[name]["Options"];
+  const Value options = environment_.catalogue.extensions()[name][catalogue_keys::kOptions];
   loadKextWithIdentifier(identifier, name, options.array() ? *options.array() : Array(),
                          [this, name, identifier, start = std::move(start)](bool isLoaded) mutable {
                            if (isLoaded) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "ServiceManager/Catalogue/PathComponents.h"
 #include "ServiceManager/Supervision/VGKextManager.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
@@ -17,7 +18,6 @@ constexpr std::string_view kNetworkKext = "com.vantor.nke.wfk";
 constexpr std::uint32_t kVersionOption = 3;
 constexpr std::uint32_t kSecretOption = 5;
 constexpr std::int32_t kLatestUnusableVersion = 4;
-constexpr std::string_view kSecureOption = "secure";
 
 constexpr char kSystemExtensions[] = "/System/Library/Extensions";
 
@@ -65,7 +65,7 @@ KextLoadingOutcome ExtensionLoad::connect() {
 
 KextLoadingOutcome ExtensionLoad::configure() {
   for (const Value& option : options_) {
-    if (option != Value(kSecureOption) || !isNetworkKext()) continue;
+    if (option != Value(catalogue_keys::kSecureOption) || !isNetworkKext()) continue;
     const Data* const secret = secret_.data();
     if (secret && socket_->setOption(kSecretOption, *secret)) continue;
     socket_.reset();

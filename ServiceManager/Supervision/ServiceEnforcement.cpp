@@ -6,6 +6,7 @@
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
+#include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -328,7 +329,7 @@ ProgramCheck ServiceEnforcement::programOf(const std::string& label, const Value
 }
 
 bool ServiceEnforcement::checkOSSupportForService(const std::string& label) const {
-  const Value version = environment_.catalogue.service(label)["MinimumOSVersion"];
+  const Value version = environment_.catalogue.service(label)[catalogue_keys::kMinimumOSVersion];
   const OSSupport support =
       osSupport(version, NSProcessInfo::Extensions::systemMajorNumber(&environment_.system));
   if (support == OSSupport::kUnknownRelease) {

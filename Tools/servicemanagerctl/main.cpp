@@ -34,11 +34,14 @@
 #include "Tools/servicemanagerctl/DoctorCommand.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/LintCommand.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/MetricsCommand.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/PlanCommand.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
+#include "Tools/servicemanagerctl/PlistCommands.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -203,6 +206,9 @@ int run(int argc, char** argv) {
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   const XPCCommands xpcCommands(app);
+  const LintCommand lintCommand(app);
+  const PlanCommand planCommand(app);
+  const PlistCommands plistCommands(app);
   std::string root;
   addRootOption(app, root);
   try {
@@ -222,6 +228,9 @@ int run(int argc, char** argv) {
     return checked.error().exitStatus;
   }
   setRootOfHints(root);
+  if (lintCommand.parsed()) return lintCommand.run(root);
+  if (plistCommands.parsed()) return plistCommands.run();
+  if (planCommand.parsed() && !planCommand.asksDaemon()) return planCommand.run(root);
 
   auto linuxPlatform =
       root.empty() ? platform::LinuxPlatform::make() : platform::LinuxPlatform::makeAt(root);
@@ -234,6 +243,7 @@ int run(int argc, char** argv) {
   if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
   if (settingsCommands.parsed()) return runServiceCommand(settingsCommands, linux);
+  if (planCommand.parsed()) return runServiceCommand(planCommand, linux);
   if (xpcCommands.parsed()) return runXPCCommand(xpcCommands, linux);
   if (metricsCommand.parsed()) return runServiceCommand(metricsCommand, linux);
   if (metricsCommand.isScraped()) return metricsCommand.answerScraper(*linux.runLoop);

@@ -35,14 +35,20 @@ _servicemanagerctl() {
     mapfile -t COMPREPLY < <(compgen -f -- "$word")
     return
   fi
-  if [ "$previous" = --type ]; then
-    mapfile -t COMPREPLY < <(compgen -W 'boolean integer real number string data' -- "$word")
+  local choices=
+  case $previous in
+    --type) choices='boolean integer real number string data' ;;
+    --format) choices='text json sarif' ;;
+    --to) choices='xml binary json' ;;
+  esac
+  if [ -n "$choices" ]; then
+    mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$word")
     return
   fi
   local words=
   case ${commands[*]:0:2} in
     '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
-      jobs platform log-test doctor metrics' ;;
+      jobs lint explain-code plan plist platform log-test doctor metrics' ;;
     start* | stop* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
@@ -64,9 +70,12 @@ _servicemanagerctl() {
         return
       fi
       ;;
-    'jobs submit' | execinfo*)
-      mapfile -t COMPREPLY < <(compgen -f -- "$word")
-      return
+    plist) words='convert get set lint diff' ;;
+    'jobs submit' | execinfo* | lint* | plan* | plist\ *)
+      if [[ $word != -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
+      fi
       ;;
   esac
   if [[ $word == -* ]]; then
@@ -76,7 +85,10 @@ _servicemanagerctl() {
       health) words+=' --openmetrics' ;;
       log) words+=' --follow' ;;
       metrics) words+=' --serve' ;;
-      'settings set') words+=' --type' ;;
+      'settings set' | 'plist set') words+=' --type' ;;
+      lint*) words+=' --strict --format --no-programs' ;;
+      plan*) words+=' --catalogue --settings --release --product --diff' ;;
+      'plist convert') words+=' --to --output' ;;
     esac
   fi
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")

@@ -25,12 +25,17 @@ elif [[ $words[CURRENT-1] == --serve ]]; then
   _files
 elif [[ $words[CURRENT-1] == --type ]]; then
   compadd boolean integer real number string data
+elif [[ $words[CURRENT-1] == --format ]]; then
+  compadd text json sarif
+elif [[ $words[CURRENT-1] == --to ]]; then
+  compadd xml binary json
 elif [[ $words[CURRENT] == -* ]]; then
-  compadd -- --help --json --root --wide --openmetrics --follow --type --serve
+  compadd -- --help --json --root --wide --openmetrics --follow --type --serve --strict --format --no-programs \
+    --catalogue --settings --release --product --diff --to --output
 else
   case "$commands[1] $commands[2]" in
-    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs \
-      platform log-test doctor metrics ;;
+    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs lint \
+      explain-code plan plist platform log-test doctor metrics ;;
     start\ * | stop\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
@@ -39,6 +44,7 @@ else
     'endpoints ') compadd lookup register ;;
     'jobs ') compadd list show submit remove ;;
     'jobs show' | 'jobs remove') _servicemanagerctl_labels jobs ;;
-    'jobs submit' | execinfo\ *) _files ;;
+    'plist ') compadd convert get set lint diff ;;
+    'jobs submit' | execinfo\ * | lint\ * | plan\ * | plist\ *) _files ;;
   esac
 fi
