@@ -135,6 +135,35 @@ TEST_F(WorkersTest, WithoutAThreadASettingsServerSharesOne) {
   for (LoopThread* thread : (*made)->threads()) EXPECT_TRUE(thread->stopWithin(1min));
 }
 
+TEST_F(WorkersTest, ASettingsServerGetsItsThreadWhenThereIsOne) {
+  const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
+  ASSERT_TRUE(made) << describe(made.error());
+  const SettingsWorker worker = (*made)->worker();
+  std::thread::id primary;
+  std::thread::id shared;
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] {
+        primary = threadOf(worker, "status");
+        shared = threadOf(worker, "update");
+        EXPECT_FALSE(worker.giveThread("update"));
+      });
+  const SettingsWorker::OnSharedThread onShared = worker.giveThread("update");
+  ASSERT_TRUE(onShared);
+  const std::thread::id own = threadOf(worker, "update");
+  EXPECT_NE(own, shared);
+  EXPECT_NE(own, primary);
+  const auto thread = std::make_shared<std::promise<std::thread::id>>();
+  auto id = thread->get_future();
+  onShared([thread](const SettingsParts&) { thread->set_value(std::this_thread::get_id()); });
+  EXPECT_EQ(id.get(), shared);
+  for (const char* server : {"update", "status", "unknown"}) {
+    threadOf(worker, server);
+    EXPECT_FALSE(worker.giveThread(server)) << server;
+  }
+  for (LoopThread* each : (*made)->threads()) EXPECT_TRUE(each->stopWithin(1min));
+}
+
 TEST_F(WorkersTest, ServersThatDoNotExistUseUpNoThread) {
   const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
   ASSERT_TRUE(made) << describe(made.error());
