@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -10,19 +11,24 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/RunLoops/MonotonicTime.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
@@ -95,6 +101,40 @@ class WorkersTest : public testing::Test {
 TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
   ExtensionWorker worker(*thread_, *linux_, signatures_);
   expectThread([&](RunLoop::Callback work) { worker.perform(std::move(work)); });
+  stop();
+}
+
+// A host that has been stopped leaves such a socket.
+TEST_F(WorkersTest, AJobHostWithAFullBacklogIsProbedOnTheThread) {
+  ExtensionWorker worker(*thread_, *linux_, signatures_);
+  RunLoop& loop = *linux_->runLoop;
+  const JobHostClient::Probe probe = worker.probeOfJobHost(loop);
+  const auto mayConnect = [&] {
+    const auto answer = std::make_shared<std::optional<bool>>();
+    probe([answer, &loop](bool mayConnect) {
+      *answer = mayConnect;
+      loop.stop();
+    });
+    loop.run();
+    return answer->value();
+  };
+  EXPECT_TRUE(mayConnect());  // There is no host.
+
+  std::filesystem::create_directories(root_.path("run/vantor"));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = jobHostSocket(root_.path());
+  ASSERT_LT(path.size(), sizeof(address.sun_path));
+  path.copy(address.sun_path, path.size());
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const UniqueFd listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(listening.get(), name, sizeof(address)), 0);
+  ASSERT_EQ(::listen(listening.get(), 0), 0);
+  std::vector<UniqueFd> backlog;
+  do {
+    backlog.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  } while (::connect(backlog.back().get(), name, sizeof(address)) == 0);
+  EXPECT_FALSE(mayConnect());
   stop();
 }
 
