@@ -231,11 +231,11 @@ TEST_F(LaunchdJobsTest, EachAnswerIsKnown) {
 TEST_F(LaunchdJobsTest, ARefreshedJobIsKnown) {
   request(job());
   const int first = process(kAgent);
-  launchd_.refresh(kAgent);
-  jobs_.setOnCopied([this] {
+  jobs_.setOnCopied([this, first] {
     jobs_.endProcess(kAgent);
-    launchd_.processEnded(kAgent, process(kAgent));  // It asks again, behind this answer.
+    launchd_.processEnded(kAgent, first);  // It asks again, behind this answer.
   });
+  launchd_.refresh(kAgent);
   loop_.runReady();
   EXPECT_NE(process(kAgent), first);
   EXPECT_EQ(launchd_.known()->find(kAgent).status.process, process(kAgent));
