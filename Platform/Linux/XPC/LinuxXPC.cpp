@@ -18,16 +18,17 @@ Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, ListenerPlaces 
   // The job host makes it, too, with its permissions. If it can't be made, only making a listener
   // without a name fails, which is logged.
   std::ignore = makeEndpointFolder(places.root());
-  std::unique_ptr<LinuxXPC> made(new LinuxXPC(log, std::move(places), std::move(passed),
-                                              std::move(accounts), std::move(lines),
-                                              std::move(*loop)));
   try {
+    // The constructor may start threads of a pool.
+    std::unique_ptr<LinuxXPC> made(new LinuxXPC(log, std::move(places), std::move(passed),
+                                                std::move(accounts), std::move(lines),
+                                                std::move(*loop)));
     made->thread_ = std::thread([loop = made->loop_.get()] { loop->run(); });
+    made->loopThread_ = made->thread_.get_id();
+    return made;
   } catch (const std::system_error& error) {
     return std::unexpected(Error{ErrorCode::kExhausted, error.code().value(), "a thread for XPC"});
   }
-  made->loopThread_ = made->thread_.get_id();
-  return made;
 }
 
 LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
