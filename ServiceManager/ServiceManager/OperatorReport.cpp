@@ -190,6 +190,7 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
+  facts.remove(kFactProgramIsUnchecked);  // The job host may have refused an intact one.
   situation.program = ProgramState::kSound;
   const auto found = picture.programs->find(label);
   if (found == picture.programs->end()) return;
@@ -197,7 +198,6 @@ void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situat
   situation.program = finding.state;
   facts.set(kFactProgramCheckedAgo, inSeconds(-until(finding.at)));
   facts.set(kFactProgramExists, finding.state != ProgramState::kMissing);
-  facts.remove(kFactProgramIsUnchecked);  // The job host may have refused an intact one.
   if (finding.state == ProgramState::kMissing) return;
   if (finding.state == ProgramState::kUnknown) {
     facts.set(kFactProgramIsUnchecked, true);
