@@ -81,6 +81,11 @@ class Jobs {
   using Copied = std::move_only_function<void(Value copy)>;
   virtual void copyJob(std::string_view domain, std::string_view label, Copied copied) = 0;
 
+  // The states of the next jobs after `label` in the order of labels, of as many as fit into one
+  // answer: by label, a dictionary with those keys of a copy that say how the job is, and of its
+  // "History" the counts. Empty if there are no further jobs, nil if the host did not answer.
+  virtual void copyStatesAfter(std::string_view label, Copied copied) = 0;
+
   // With `wait`.
   using Removed = std::move_only_function<void(std::expected<void, NSError>)>;
   virtual void removeJob(std::string_view domain, std::string_view label,

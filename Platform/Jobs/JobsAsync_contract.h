@@ -145,6 +145,34 @@ TEST_P(JobsContract, ASubmissionThatDoesNotBlockFailsLikeTheOther) {
   EXPECT_TRUE(isJobUnknown(await(copyLater())));
 }
 
+TEST_P(JobsContract, TheStatesOfAllJobsComeInPages) {
+  std::vector<std::string> labels;
+  for (const char* name : {"a", "b", "c"}) {
+    Dictionary some = *job(machine_->program()).dictionary();
+    some.set("Label", name);
+    submit(some);
+    labels.emplace_back(name);
+  }
+  std::vector<std::string> copied;
+  for (std::string last;;) {
+    const Value page =
+        await(later<Value>([&](auto answer) { jobs_.copyStatesAfter(last, std::move(answer)); }));
+    ASSERT_TRUE(page.dictionary());
+    if (page.dictionary()->empty()) break;
+    for (const auto& [label, state] : *page.dictionary()) {
+      EXPECT_EQ(state["PID"], jobs_.SMJobCopyDictionary(kDomain, label)["PID"]);
+      EXPECT_EQ(state["History"]["Starts"], Value(1));
+      EXPECT_TRUE(state["Label"].isNil());
+      copied.push_back(last = label);
+    }
+  }
+  EXPECT_EQ(copied, labels);
+  machine_->stopHost();
+  EXPECT_TRUE(await(later<Value>([&](auto answer) {
+                jobs_.copyStatesAfter("", std::move(answer));
+              })).isNil());
+}
+
 TEST_P(JobsContract, RequestsWithoutAHostKeepTheirOrder) {
   EXPECT_TRUE(copy().isNil());  // connects
   machine_->stopHost();

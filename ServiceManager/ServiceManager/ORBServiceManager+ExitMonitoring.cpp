@@ -24,6 +24,7 @@ void ORBServiceManager::processOfServiceEnded(const std::string& label, ProcessI
                          std::numeric_limits<std::int64_t>::min());
   trackServiceForRespawn(label, false);
   vantorlogger2_line(ASL_LEVEL_DEBUG, stringWithFormat("Respawning job: %@", label));
+  jobs_.processEnded(label, process);
   evaluateSystemConfigurationLater();
   operatorPublisher_.changed();
 }

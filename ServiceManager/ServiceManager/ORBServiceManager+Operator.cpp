@@ -15,9 +15,7 @@ void ORBServiceManager::vendOperatorServer() {
                                         .main = operatorsMainThread(),
                                         .mainThreadWork = mainThreadWork_,
                                         .protocols = platform_.protocols,
-                                        .system = platform_.system,
-                                        .files = platform_.files,
-                                        .codeSignatures = platform_.codeSignatures});
+                                        .system = platform_.system});
 }
 
 OperatorPicture ORBServiceManager::operatorPicture() const {
@@ -28,6 +26,8 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .isInstallerAtWork = isInstallerAtWork_,
           .isTakingOver = takeOver_.goesOn(),
           .records = records_,
+          .jobs = jobs_.known(),
+          .programs = enforcement_.programFindings(),
           .timers = timers_.dueTimes(),
           .configuredExtensions = extensions_.configured(),
           .work = enforcement_.work(),
@@ -53,7 +53,11 @@ ORBServiceManagerOperatorServer::MainThread ORBServiceManager::operatorsMainThre
           .whenSettled =
               [this, onMain](Array labels, RunLoop::Callback settled) {
                 onMain([this, labels = std::move(labels), settled = std::move(settled)]() mutable {
-                  whenSettled(labels, std::move(settled));
+                  // The client asks next what has become of the services.
+                  whenSettled(labels, [this, isAlive = std::weak_ptr(isAlive_),
+                                       settled = std::move(settled)]() mutable {
+                    if (!isAlive.expired()) operatorPublisher_.publish(std::move(settled));
+                  });
                 });
               }};
 }

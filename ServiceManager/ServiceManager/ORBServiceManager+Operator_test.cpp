@@ -146,13 +146,49 @@ TEST_F(OperatorTest, APendingStopIsReported) {
   EXPECT_EQ(factsOf(kAgent)[kFactStopIn], Value());
 }
 
-TEST_F(OperatorTest, AHungJobHostIsReportedInsteadOfTheJob) {
+TEST_F(OperatorTest, AHungJobHostChangesNoFact) {
   startAll();
-  EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value());
-  jobs_.setReachable(false);
+  const Value running = factsOf(kAgent);
+  jobs_.setHung(true);
+  const Instant before = loop_.now();
+  EXPECT_EQ(factsOf(kAgent), running);
+  EXPECT_EQ(loop_.now(), before);
+  exitWatcher_.endProcess(process(kAgent), {});
+  loop_.runReady();
+  const Value ended = factsOf(kAgent)[kFactJob];
+  EXPECT_EQ(ended["PID"], Value());
+  EXPECT_EQ(ended["LastExitStatusUnknown"], Value(true));
+}
+
+TEST_F(OperatorTest, WithoutAnAnswerOfTheJobHostAJobIsUnknown) {
+  install(catalogue());
+  jobs_.setHung(true);
+  start();
   EXPECT_EQ(factsOf(kAgent)[kFactJob], Value());
   EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value(true));
   EXPECT_EQ(factsOf(kAgent)[kFactReason], Value("unknown"));
+  jobs_.setHung(false);
+  loop_.runReady();
+  EXPECT_EQ(factsOf(kAgent)[kFactJobIsUnknown], Value());
+}
+
+TEST_F(OperatorTest, AJobIsKnownInEachMode) {
+  startAll();
+  enterMode(ORBOperatingModeInstaller);
+  kill(kHelper);
+  const Value job = factsOf(kHelper)[kFactJob];
+  EXPECT_EQ(job["PID"], Value(process(kHelper)));
+  EXPECT_EQ(job["LastExitStatus"], Value(9));
+  EXPECT_EQ(job["History"]["Starts"], Value(2));
+}
+
+TEST_F(OperatorTest, TheNextDaemonKnowsAllJobsAtOnce) {
+  startAll();
+  manager_.reset();
+  client_.reset();
+  stopConfigurationServer();
+  start();  // It waits for the configuration server, and evaluates nothing.
+  EXPECT_EQ(factsOf(kHelper)[kFactJob]["PID"], Value(process(kHelper)));
 }
 
 TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
@@ -160,6 +196,7 @@ TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
   kill(kHelper);
   manager().stopServices({kAgent});
   loop_.runReady();
+  EXPECT_EQ(ask("awaitServices:", {Array{kAgent}}), Value(true));  // It publishes a picture.
   const Value jobs =
       ask("jobsOfServices:", {Array{kHelper, kAgent, kForeign, "com.example.nobody", 5}});
   EXPECT_EQ(jobs.dictionary()->size(), 2u);
@@ -171,21 +208,25 @@ TEST_F(OperatorTest, TheJobsOfTheProductAreReportedByLabel) {
   EXPECT_EQ(helper["History"]["LastEnds"].array()->size(), 1u);
   const Array many(201, Value(kHelper));
   EXPECT_TRUE(ask("jobsOfServices:", {many})[kHelper][kFactJob]["History"]["LastEnds"].isNil());
+}
+
+TEST_F(OperatorTest, TreesCostOneWaitForAnAbsentJobHost) {
+  startAll();
   jobs_.setReachable(false);
-  const Dictionary unknown{{kFactJobIsUnknown, true}};
   const Instant before = loop_.now();
-  EXPECT_EQ(ask("jobsOfServices:", {Array{kHelper, kAgent, kPrimary}}),
-            Value(Dictionary{{kHelper, unknown}, {kAgent, unknown}, {kPrimary, unknown}}));
-  EXPECT_EQ(loop_.now() - before, 5s);  // One wait for the job host.
+  EXPECT_EQ(ask("treesOfServices:", {Array{kHelper, kAgent, kPrimary}}), Value(Dictionary()));
+  EXPECT_EQ(loop_.now() - before, 5s);
 }
 
 TEST_F(OperatorTest, AServiceThatCannotStartIsReportedWithReasons) {
   startAll();
   kill(kHelper);
   damageProgram("helper");
-  evaluate();
   files_.remove(pathOf("agent"));
+  evaluate();
+  loop_.advanceBy(3s);
   const Value helper = factsOf(kHelper);
+  EXPECT_EQ(helper[kFactProgramCheckedAgo], Value(3.0));
   EXPECT_EQ(helper[kFactProgramIsIntact], Value(false));
   EXPECT_EQ(helper[kFactProgramFault], Value("changed"));
   EXPECT_EQ(helper[kFactJob], Value());

@@ -103,6 +103,8 @@ void ORBServiceManager::removeStoppedServices() {
 // without its settings, an evaluation would stop every service that depends on them.
 void ORBServiceManager::handleJobHostReturn() {
   vantorlogger2_line(ASL_LEVEL_DEBUG, "The job host answers again");
+  jobs_.refreshAll();
+  if (isBusAwaited_) return;  // Nothing was asked for yet, and the first evaluation will ask.
   enforcement_.jobHostHasReturned();
   extensions_.forgetLoaded();
   if (operatingMode_ != ORBOperatingModeInstaller) removeStoppedServices();

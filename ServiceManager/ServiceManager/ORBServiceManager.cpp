@@ -52,7 +52,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                operatorPublisher_.changed();
                takeOver_.continueIfQuiet();
              }),
-      jobs_(platform_.jobs, platform_.authorization),
+      jobs_(platform_.jobs, platform_.authorization, [this] { operatorPublisher_.changed(); }),
       exits_(platform_.runLoop, platform_.exitWatcher, jobs_, records_,
              {.onWatch =
                   [this](const std::string& label, ProcessId process) {
@@ -327,12 +327,25 @@ void ORBServiceManager::observeSettings() {
   }));
   platform_.observeJobHostReturn([this] { handleJobHostReturn(); });
   jobStarts_ = platform_.jobs.observeStarts([this](std::string_view label, Jobs::Start start) {
-    if (start == Jobs::Start::kStarted) return enforcement_.jobHasStarted(std::string(label));
+    if (start == Jobs::Start::kStarted) return jobHasStarted(std::string(label));
     if (label.starts_with(kExtensionJobPrefix)) {
       return extensions_.programHasChanged(label.substr(kExtensionJobPrefix.size()));
     }
+    if (hasService(label)) jobs_.refresh(std::string(label));
     enforcement_.programHasChanged(std::string(label));
   });
+  jobs_.refreshAll();  // Later starts are reported.
+}
+
+// The work on the service asks the job host itself, and a watched process is known.
+void ORBServiceManager::jobHasStarted(const std::string& label) {
+  const ServiceActivity activity = enforcement_.activityOf(label);
+  const bool isAskedFor =
+      activity == ServiceActivity::kIsSubmitted || activity == ServiceActivity::kAwaitsProcess;
+  enforcement_.jobHasStarted(label);
+  if (hasService(label) && !isAskedFor && !isServiceBeingTrackedForRespawn(label)) {
+    jobs_.refresh(label);
+  }
 }
 
 void ORBServiceManager::makePrimaryServiceClient() {

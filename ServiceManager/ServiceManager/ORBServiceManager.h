@@ -307,6 +307,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void observeServices();
   void makeMonitoringRecords();
   void observeSettings();
+  void jobHasStarted(const std::string& label);
   void makePrimaryServiceClient();
   void evaluateForTheFirstTime();
   void announceStartUpError(std::string_view error, std::string_view description);

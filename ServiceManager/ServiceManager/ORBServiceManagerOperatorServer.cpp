@@ -14,7 +14,8 @@ namespace {
 
 constexpr char kName[] = "ORBServiceManagerOperatorServer";
 
-// The other messages are about the catalogue, which never changes, or are no messages.
+// The other messages are about the catalogue, which never changes, or are no messages, or follow an
+// answer about a picture.
 bool needsPicture(std::string_view selector, const Array& arguments) {
   const bool isPage = selector == "overviewFrom:" || selector == "healthRecordFrom:";
   if (isPage) return arguments.front() == Value(0);  // Further pages are about the same one.
@@ -139,6 +140,10 @@ MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selecto
   if (selector == "jobsOfServices:") {
     return message.withLabels(
         [&](const Array& labels) { return report.jobsOfServices(*picture, labels); });
+  }
+  if (selector == "treesOfServices:") {
+    return message.withLabels(
+        [&](const Array& labels) { return report.treesOfServices(*picture, labels); });
   }
   return message.unrecognizedSelector();
 }

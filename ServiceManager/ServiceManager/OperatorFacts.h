@@ -68,6 +68,9 @@ inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a 
 inline constexpr char kFactKernel[] = "KernelMajorNumber";
 inline constexpr char kFactIsSupported[] = "IsSupported";  // boolean: by this system
 inline constexpr char kFactProgram[] = "Program";  // its path; absent: the service has no job
+// How many seconds ago an evaluation has checked it last, a real. The next facts are what it has
+// found. They are absent if none has needed the program yet.
+inline constexpr char kFactProgramCheckedAgo[] = "ProgramCheckedAgo";
 inline constexpr char kFactProgramExists[] = "ProgramExists";
 inline constexpr char kFactProgramIsIntact[] = "ProgramIsIntact";
 // * Instead: it can't be checked now, and is checked again.
@@ -76,12 +79,12 @@ inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, o
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
 // A word of CodeProtection: what keeps an intact program as it was when it was verified.
 inline constexpr char kFactProgramProtection[] = "ProgramProtection";
-// The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History",
-// "ProgramHasChanged".
-// Absent if there is no job, or if the host does not answer. "jobsOfServices:" answers with this
+// The job host's last answer about its job: "PID", "LastExitStatus", "LastExitStatusUnknown",
+// "History", "ProgramHasChanged".
+// Absent if there is no job, or if the host has not told of it. "jobsOfServices:" answers with this
 // and the next.
 inline constexpr char kFactJob[] = "Job";
-inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead, if the host does not answer
+inline constexpr char kFactJobIsUnknown[] = "JobIsUnknown";  // instead: the host has not answered
 inline constexpr char kFactHealth[] = "Health";  // its part of ServiceHealth::healthRecord()
 // Boolean: it will be started again after kFactRetryIn.
 inline constexpr char kFactIsRetried[] = "IsRetried";

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "Platform/Values/KernelIds.h"
@@ -14,7 +15,9 @@
 #include "ServiceManager/ServiceManager/EvaluationTimers.h"
 #include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Supervision/ExtensionControl.h"
+#include "ServiceManager/Supervision/KnownJobs.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ProgramFindings.h"
 #include "ServiceManager/Supervision/ServiceEnforcement.h"
 
 // The state of the daemon at one instant, for the operator. The main thread takes it, and other
@@ -27,6 +30,10 @@ struct OperatorPicture {
   bool isInstallerAtWork = false;
   bool isTakingOver = false;  // not every service that runs is watched yet
   MonitoringRecords records = {};
+  // These are never null. They are tables that do not change, shared with later pictures.
+  std::shared_ptr<const KnownJobTable> jobs = std::make_shared<const KnownJobTable>();
+  std::shared_ptr<const ProgramFindings::Table> programs =
+      std::make_shared<const ProgramFindings::Table>();
   EvaluationTimers::DueTimes timers = {};
   std::map<std::string, platform::ProcessId> configuredExtensions = {};
   std::map<std::string, ServiceEnforcement::Work, std::less<>> work = {};

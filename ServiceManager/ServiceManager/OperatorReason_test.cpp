@@ -170,10 +170,11 @@ TEST_F(OperatorReasonTest, AServiceIsRetriedWhileAnInstallerIsAtWork) {
   EXPECT_EQ(reasonOf(kAgent), "noProgram");
   damageProgram("agent");
   files_.addFile(pathOf("agent"));
+  loop_.advanceBy(20s);
   EXPECT_EQ(reasonOf(kAgent), "damaged");
   addProgram("agent");
-  EXPECT_EQ(reasonOf(kAgent), "noMatch");  // The retry starts it all the same.
   loop_.advanceBy(20s);
+  EXPECT_EQ(reasonOf(kAgent), "noMatch");  // The retry starts it all the same.
   EXPECT_TRUE(isRunning(kAgent));
   EXPECT_FALSE(isRunning(kHelper));
 }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Platform/Jobs/JobHistory.h"
+#include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/ReportedFacts.h"
@@ -35,14 +36,6 @@ std::span<const Dictionary::Entry> servicesOf(const OperatorPicture& picture,
   if (first == all) return {};
   const Dictionary& services = *picture.catalogue->services().dictionary();
   return {services.begin() + static_cast<std::ptrdiff_t>(first), std::min(page.count, all - first)};
-}
-
-void dropLastEnds(Dictionary& facts) {
-  const auto history = jobHistoryIn(facts[kFactJob]);
-  if (!history) return;
-  Dictionary job = *facts[kFactJob].dictionary();
-  job.set(kJobHistoryKey, valueOfHistory(*history, JobHistoryDetail::kCounts));
-  facts.set(kFactJob, std::move(job));
 }
 
 }  // namespace
@@ -86,21 +79,29 @@ Value OperatorReport::entriesOfServices(const OperatorPicture& picture, const Ar
 }
 
 Value OperatorReport::jobsOfServices(const OperatorPicture& picture, const Array& labels) const {
+  const JobHistoryDetail detail = labels.size() > kMostDetailedJobs
+                                      ? JobHistoryDetail::kCounts
+                                      : JobHistoryDetail::kCountsAndEnds;
   Dictionary all;
-  bool isHostAway = false;
   for (const Value& label : labels) {
     if (!label.string() || picture.catalogue->service(*label.string()).isNil()) continue;
     Dictionary facts;
-    if (isHostAway) {
-      facts.set(kFactJobIsUnknown, true);
-    } else {
-      const Instant start = environment_.runLoop.now();
-      addJobFacts(facts, *label.string());
-      isHostAway = facts.contains(kFactJobIsUnknown) &&
-                   environment_.runLoop.now() - start >= kSlowJobHostTime;
-    }
-    if (labels.size() > kMostDetailedJobs) dropLastEnds(facts);
+    addJobFacts(facts, picture.jobs->find(*label.string()), detail);
     all.set(*label.string(), std::move(facts));
   }
   return all;
+}
+
+Value OperatorReport::treesOfServices(const OperatorPicture& picture, const Array& labels) const {
+  Dictionary trees;
+  for (const Value& label : labels) {
+    if (!label.string() || picture.catalogue->service(*label.string()).isNil()) continue;
+    if (!picture.jobs->find(*label.string()).status.process) continue;
+    const Instant start = environment_.runLoop.now();
+    const Value job =
+        environment_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, *label.string());
+    setIfKnown(trees, *label.string(), job[kJobTreeKey]);
+    if (isJobUnknown(job) && environment_.runLoop.now() - start >= kSlowJobHostTime) break;
+  }
+  return trees;
 }

@@ -4,12 +4,11 @@
 #include <chrono>
 #include <utility>
 
-#include "Platform/Jobs/JobHistory.h"
 #include "ServiceManager/Catalogue/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/ReportedFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
-#include "ServiceManager/Supervision/ServiceProgram.h"
+#include "ServiceManager/Supervision/ProgramFindings.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 
 using namespace platform;
@@ -159,8 +158,8 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
       .hasFailedExtension = facts.contains(kFactFailedExtensions)};
   facts.set(kFactIsPrimaryStopped, situation.isPrimaryStopped);
   addSystemFacts(facts, situation, entry);
-  addProgramFacts(facts, situation, catalogue.jobInfo(label));
-  situation.job = addJobFacts(facts, label);
+  addProgramFacts(facts, situation, picture, label);
+  situation.job = addJobFacts(facts, picture.jobs->find(label), JobHistoryDetail::kCountsAndEnds);
   addHealthFacts(facts, situation, picture, label);
   addSwitches(facts, situation, picture, label);
   if (situation.areFeaturesMalformed && !situation.isPrimary) situation.isRetried = false;
@@ -183,43 +182,49 @@ void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situati
   }
 }
 
+// A program that no evaluation has needed is not checked, and does not count as damaged.
 void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situation,
-                                     const Value& jobInfo) const {
+                                     const OperatorPicture& picture, std::string_view label) const {
   situation.program = std::nullopt;
+  const Value jobInfo = picture.catalogue->jobInfo(label);
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
-  facts.remove(kFactProgramIsUnchecked);  // It is checked now.
-  const auto [state, verdict] = checkProgram(*program, environment_.files, environment_.validator);
-  situation.program = state;
-  facts.set(kFactProgramExists, state != ProgramState::kMissing);
-  if (state == ProgramState::kMissing) return;
-  if (verdict.isUnknown()) {
+  facts.remove(kFactProgramIsUnchecked);  // The job host may have refused an intact one.
+  situation.program = ProgramState::kSound;
+  const auto found = picture.programs->find(label);
+  if (found == picture.programs->end()) return;
+  const ProgramFinding& finding = found->second;
+  situation.program = finding.state;
+  facts.set(kFactProgramCheckedAgo, inSeconds(-until(finding.at)));
+  facts.set(kFactProgramExists, finding.state != ProgramState::kMissing);
+  if (finding.state == ProgramState::kMissing) return;
+  if (finding.state == ProgramState::kUnknown) {
     facts.set(kFactProgramIsUnchecked, true);
   } else {
-    facts.set(kFactProgramIsIntact, verdict.isIntact());
+    facts.set(kFactProgramIsIntact, finding.state == ProgramState::kSound);
   }
-  if (!verdict.isIntact()) facts.set(kFactProgramFault, verdict.reason);
-  if (verdict.identifier) facts.set(kFactProgramIdentifier, *verdict.identifier);
-  if (!verdict.isIntact()) return;
-  const auto protection = environment_.validator.protectionOf(*program);
-  if (protection) facts.set(kFactProgramProtection, protectionWord(*protection));
+  if (finding.state != ProgramState::kSound) facts.set(kFactProgramFault, finding.fault);
+  if (finding.identifier) facts.set(kFactProgramIdentifier, *finding.identifier);
+  if (finding.protection) facts.set(kFactProgramProtection, protectionWord(*finding.protection));
 }
 
-ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, std::string_view label) const {
-  const Value job = environment_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, label);
-  if (job.isNil()) return ServiceJobState::kAbsent;
-  if (isJobUnknown(job)) {
+ServiceJobState OperatorReport::addJobFacts(Dictionary& facts, const KnownJob& job,
+                                            JobHistoryDetail detail) {
+  const JobStatus& status = job.status;
+  if (status.presence == JobStatus::Presence::kAbsent) return ServiceJobState::kAbsent;
+  if (status.presence == JobStatus::Presence::kUnknown) {
     facts.set(kFactJobIsUnknown, true);
     return ServiceJobState::kUnknown;
   }
   Dictionary state;
-  for (const char* key : {kJobProcessKey, kJobLastStatusKey, kJobLastStatusUnknownKey,
-                          kJobProgramChangedKey, kJobHistoryKey, kJobTreeKey}) {
-    setIfKnown(state, key, job[key]);
-  }
+  if (status.process) state.set(kJobProcessKey, *status.process);
+  setIfKnown(state, kJobLastStatusKey, status.lastExitStatus);
+  if (job.isLastExitStatusUnknown) state.set(kJobLastStatusUnknownKey, true);
+  if (job.hasProgramChanged) state.set(kJobProgramChangedKey, true);
+  if (job.history) state.set(kJobHistoryKey, valueOfHistory(*job.history, detail));
   facts.set(kFactJob, std::move(state));
-  return jobStatusIn(job).process ? ServiceJobState::kRuns : ServiceJobState::kHasNoProcess;
+  return status.process ? ServiceJobState::kRuns : ServiceJobState::kHasNoProcess;
 }
 
 void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situation,

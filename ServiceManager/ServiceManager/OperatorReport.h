@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Platform/Files/FileReader.h"
+#include "Platform/Jobs/JobHistory.h"
 #include "Platform/Jobs/Jobs.h"
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/RunLoops/RunLoop.h"
@@ -20,7 +20,7 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 #include "ServiceManager/Settings/SettingsSources.h"
 #include "ServiceManager/Supervision/ExtensionLoad.h"
-#include "Shared/ORBSigningValidator.h"
+#include "ServiceManager/Supervision/KnownJobs.h"
 
 // The report to the operator on the daemon and its services; the keys are in OperatorFacts.h and
 // HealthRecord.h. A report must not change what the daemon will do: it asks no settings server that
@@ -31,11 +31,9 @@ class OperatorReport {
   // All of it outlives this.
   struct Environment {
     const platform::RunLoop& runLoop;
-    platform::FileReader& files;
     const platform::SystemInformation& system;
-    const ORBSigningValidator& validator;
     KernelExtensionsPlatform extensions;
-    platform::Jobs& jobs;
+    platform::Jobs& jobs;      // for trees
     SettingsSources& sources;  // for probes
   };
 
@@ -54,13 +52,16 @@ class OperatorReport {
   // The entries of those labels that are services of this product, by label.
   platform::Value entriesOfServices(const OperatorPicture& picture,
                                     const platform::Array& labels) const;
-  // Nil if no service of any product has the label. Asks the job host, which blocks for its
-  // time-out at most, and the settings servers of the service's switches, all of which together
-  // block for 40 ms at most.
+  // Nil if no service of any product has the label. Asks the settings servers of the service's
+  // switches, all of which together block for 40 ms at most.
   platform::Value factsOfService(const OperatorPicture& picture, std::string_view label);
   // The facts of the jobs of those labels that are services of this product, by label.
   platform::Value jobsOfServices(const OperatorPicture& picture,
                                  const platform::Array& labels) const;
+  // The trees of those that have a process (kJobTreeKey), by label. Asks the job host, which blocks
+  // for its time-out at most: nobody else can tell how much the processes take now.
+  platform::Value treesOfServices(const OperatorPicture& picture,
+                                  const platform::Array& labels) const;
   // The extensions of the catalogue by name. Blocks for a second at most for each extension that
   // takes no connection.
   platform::Dictionary extensions(const OperatorPicture& picture) const;
@@ -70,12 +71,13 @@ class OperatorReport {
   void addOperatingFacts(platform::Dictionary& facts, const OperatorPicture& picture) const;
   void addMarksOfService(platform::Dictionary& facts, const OperatorPicture& picture,
                          std::string_view label) const;
-  ServiceJobState addJobFacts(platform::Dictionary& facts, std::string_view label) const;
+  static ServiceJobState addJobFacts(platform::Dictionary& facts, const KnownJob& job,
+                                     platform::JobHistoryDetail detail);
   // Each of these adds its facts both to `facts` and to the situation of the service.
   void addSystemFacts(platform::Dictionary& facts, ServiceSituation& situation,
                       const platform::Value& entry) const;
   void addProgramFacts(platform::Dictionary& facts, ServiceSituation& situation,
-                       const platform::Value& jobInfo) const;
+                       const OperatorPicture& picture, std::string_view label) const;
   void addHealthFacts(platform::Dictionary& facts, ServiceSituation& situation,
                       const OperatorPicture& picture, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, ServiceSituation& situation,

@@ -21,9 +21,7 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
   SettingsSources sources_{factories_, *this};
   EvaluationTimers timers_{loop_};
   OperatorReport report_{{.runLoop = loop_,
-                          .files = files_,
                           .system = system_,
-                          .validator = validator_,
                           .extensions = extensionsPlatform_,
                           .jobs = jobs_,
                           .sources = sources_}};
@@ -33,6 +31,8 @@ class OperatorReportTest : public SupervisionFixture, public KLXGlobalSettingsCl
             .catalogue = std::make_shared<ServiceCatalogue>(catalogue_),
             .product = "product",
             .records = records_,
+            .jobs = launchd_.known(),
+            .programs = enforcement_.programFindings(),
             .timers = timers_.dueTimes(),
             .work = enforcement_.work(),
             .unchecked = rechecks_.waiting(),
@@ -55,7 +55,7 @@ TEST_F(OperatorReportTest, TheOverviewSaysWhichProgramsCannotBeChecked) {
   const Value services = report_.overview(picture())[kFactServices];
   EXPECT_EQ(services[kAgent][kFactProgramIsUnchecked], Value(true));
   EXPECT_EQ(services[kHelper][kFactProgramIsUnchecked], Value());
-  // The report about one service checks its program itself.
+  // The report about one service has what the last check has found.
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactProgramIsUnchecked], Value());
 }
 
@@ -120,6 +120,9 @@ TEST_F(OperatorReportTest, TimersOfAnOldPictureGoOn) {
 }
 
 TEST_F(OperatorReportTest, AServicesFactsFollowItsJob) {
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("unknown"));
+  launchd_.refreshAll();
+  loop_.runReady();
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactJob], Value());
   EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("notStarted"));
   enforcement_.enforceRunningForService(kAgent, nullptr);
@@ -158,8 +161,30 @@ TEST_F(OperatorReportTest, TheWorkOnAServiceIsReportedWithItsTime) {
 }
 
 TEST_F(OperatorReportTest, OnlyLabelsOfThisProductsServicesHaveJobs) {
+  launchd_.refreshAll();
+  loop_.runReady();
   const Value jobs = report_.jobsOfServices(picture(), {kAgent, "com.example.unknown", 5, Value()});
   EXPECT_EQ(jobs, Value(Dictionary{{kAgent, Dictionary()}}));
+}
+
+TEST_F(OperatorReportTest, AHungJobHostDelaysNoReport) {
+  for (const char* label : {kAgent, kHelper}) enforcement_.enforceRunningForService(label, nullptr);
+  loop_.runReady();
+  jobs_.setHung(true);
+  const Instant before = loop_.now();
+  EXPECT_EQ(report_.factsOfService(picture(), kAgent)[kFactReason], Value("core"));
+  EXPECT_EQ(report_.jobsOfServices(picture(), {kHelper})[kHelper][kFactJob]["PID"],
+            Value(process(kHelper)));
+  EXPECT_EQ(loop_.now(), before);
+}
+
+TEST_F(OperatorReportTest, OnlyJobsWithAProcessAreAskedForTheirTrees) {
+  enforcement_.enforceRunningForService(kAgent, nullptr);
+  loop_.runReady();
+  const int copies = jobs_.copies();
+  // The fake host has no control groups.
+  EXPECT_EQ(report_.treesOfServices(picture(), {kAgent, kHelper, 5}), Value(Dictionary()));
+  EXPECT_EQ(jobs_.copies(), copies + 1);
 }
 
 }  // namespace

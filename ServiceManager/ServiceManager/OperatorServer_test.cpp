@@ -48,9 +48,7 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
   SettingsClientFactories factories_;
   SettingsSources sources_{factories_, *this};
   OperatorReport report_{{.runLoop = loop_,
-                          .files = files_,
                           .system = system_,
-                          .validator = validator_,
                           .extensions = extensionsPlatform_,
                           .jobs = jobs_,
                           .sources = sources_}};
@@ -167,7 +165,9 @@ TEST_F(OperatorServerTest, AHungMainThreadGetsOneRequestForAllQuestions) {
 
 TEST_F(OperatorServerTest, JobsAreReportedWithoutTheMainThread) {
   publish(0);
-  EXPECT_EQ(**send("jobsOfServices:", {Array{kAgent}}), Value(Dictionary{{kAgent, Dictionary()}}));
+  EXPECT_EQ(**send("jobsOfServices:", {Array{kAgent}}),
+            Value(Dictionary{{kAgent, Dictionary{{kFactJobIsUnknown, true}}}}));
+  EXPECT_EQ(**send("treesOfServices:", {Array{kAgent}}), Value(Dictionary()));
   EXPECT_TRUE(requests_.empty());
 }
 

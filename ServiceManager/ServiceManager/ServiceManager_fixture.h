@@ -309,9 +309,7 @@ class ServiceManagerFixture : public SupervisedMachine {
   StatusServer configurationServer_;
   std::optional<Program> configurationProgram_;
   std::optional<ORBServiceManager> manager_;
-  const ORBSigningValidator validator_{signatures_};
   KLXGlobalSettingsClientDelegate reportsDelegate_;
   SettingsSources reportsSources_{factories_, reportsDelegate_};
-  OperatorReport report_{
-      {loop_, files_, system_, validator_, extensionsPlatform_, jobs_, reportsSources_}};
+  OperatorReport report_{{loop_, system_, extensionsPlatform_, jobs_, reportsSources_}};
 };

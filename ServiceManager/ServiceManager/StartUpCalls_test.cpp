@@ -236,6 +236,19 @@ TEST_F(StartUpCallsTest, AnAnnouncementBeforeTheBusConfirmsStartsNothing) {
   EXPECT_EQ(manager().operatingMode(), ORBOperatingModeNormal);
 }
 
+TEST_F(StartUpCallsTest, TheJobHostsReturnBeforeTheBusConfirmsStartsNothing) {
+  recording_->isAwaitingConfirmation_ = true;
+  start();
+  jobHostReturned_();
+  loop_.runReady();
+  EXPECT_EQ(configurationServer_.questions, 0);
+  EXPECT_EQ(countInLog("Evaluating the system configuration"), 0u);
+  EXPECT_THAT(jobs_.labels(), testing::IsEmpty());
+  recording_->onReturn();
+  loop_.runReady();
+  EXPECT_TRUE(isRunning(kPrimary));
+}
+
 TEST_F(StartUpCallsTest, AHungBusDelaysTheStartByTwoSeconds) {
   startConfigurationServer();
   recording_->isAwaitingConfirmation_ = true;

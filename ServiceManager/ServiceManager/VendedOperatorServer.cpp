@@ -8,7 +8,6 @@
 #include "ServiceManager/ServiceManager/OperatorReport.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "ServiceManager/Settings/SettingsSources.h"
-#include "Shared/ORBSigningValidator.h"
 
 using namespace platform;
 
@@ -20,12 +19,9 @@ constexpr char kOperatorServer[] = "com.vantor.servicemanager.operator.server";
 
 struct VendedOperatorServer::Parts {
   explicit Parts(const Environment& environment)
-      : validator(environment.codeSignatures),
-        sources(environment.worker.settingsClientFactories, delegate),
+      : sources(environment.worker.settingsClientFactories, delegate),
         report({.runLoop = environment.worker.runLoop,
-                .files = environment.files,
                 .system = environment.system,
-                .validator = validator,
                 .extensions = environment.worker.extensions,
                 .jobs = environment.worker.jobs,
                 .sources = sources}),
@@ -46,7 +42,6 @@ struct VendedOperatorServer::Parts {
   // Its delegate and its root object's target end here, and its children may last longer.
   ~Parts() { connection->invalidate(); }
 
-  const ORBSigningValidator validator;
   KLXGlobalSettingsClientDelegate delegate;
   SettingsSources sources;  // for probes
   OperatorReport report;

@@ -2,8 +2,6 @@
 
 #include <memory>
 
-#include "Platform/CodeSigning/CodeSignature.h"
-#include "Platform/Files/FileReader.h"
 #include "Platform/Messages/Protocol.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
@@ -22,8 +20,6 @@ class VendedOperatorServer {
     std::shared_ptr<const MainThreadWork> mainThreadWork;
     const platform::ProtocolTable& protocols;
     const platform::SystemInformation& system;
-    platform::FileReader& files;
-    platform::CodeSignatures& codeSignatures;
   };
 
   explicit VendedOperatorServer(const Environment& environment);

@@ -44,9 +44,7 @@ class VendedOperatorServerTest : public SupervisedMachine {
                  .whenSettled = [](Array, RunLoop::Callback settled) { settled(); }},
         .mainThreadWork = std::make_shared<MainThreadWork>(loop_),
         .protocols = protocols_,
-        .system = system_,
-        .files = files_,
-        .codeSignatures = signatures_});
+        .system = system_});
   }
   void serveThread() {
     for (RunLoop::Callback& next : std::exchange(work_, {})) next();

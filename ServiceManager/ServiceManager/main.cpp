@@ -120,6 +120,7 @@ int main(int argc, char** argv) {
   if (!operatorThread) return fail(operatorThread.error());
   ExtensionWorker extensionWorker(**extensionThread, linux, **signatures);
   OperatorClients operatorClients(**operatorThread, linux, places, protocols, **signatures);
+  host.setProbe(extensionWorker.probeOfJobHost(loop));
 
   const ServiceManagerPlatform serviceManagerPlatform{
       .runLoop = loop,

@@ -1,6 +1,7 @@
 #include "ServiceManager/Settings/SettingsQuestions.h"
 
 #include <atomic>
+#include <utility>
 
 using namespace platform;
 
@@ -66,17 +67,34 @@ const std::shared_ptr<SettingsQuestions::Client>& SettingsQuestions::clientOf(
   return client;
 }
 
+// While a question is on the shared thread, its answer could come after that of a later question.
+// The client ends on the thread to which it belongs.
+void SettingsQuestions::giveThread(const std::string& server) {
+  const auto client = clients_.find(server);
+  if (!environment_.worker.giveThread || client == clients_.end() || unanswered_[server] > 0)
+    return;
+  const auto onSharedThread = environment_.worker.giveThread(server);
+  if (!onSharedThread) return;
+  auto last = std::exchange(client->second, std::make_shared<Client>(environment_, isAlive_));
+  onSharedThread([last = std::move(last)](const SettingsParts&) {});
+}
+
 template <class Answer>
 void SettingsQuestions::ask(
     const std::string& server,
     std::move_only_function<Answer(Client& client, const SettingsParts& parts)> question,
     std::move_only_function<void(Answer)> answer) {
+  giveThread(server);
+  ++unanswered_[server];
   environment_.worker.perform(
-      server, [client = clientOf(server), isAlive = std::weak_ptr(isAlive_),
+      server, [this, server, client = clientOf(server), isAlive = std::weak_ptr(isAlive_),
                onMain = environment_.onMain, question = std::move(question),
                answer = std::move(answer)](const SettingsParts& parts) mutable {
-        onMain([isAlive, answer = std::move(answer), result = question(*client, parts)]() mutable {
-          if (!isAlive.expired()) answer(std::move(result));
+        onMain([this, server, isAlive, answer = std::move(answer),
+                result = question(*client, parts)]() mutable {
+          if (isAlive.expired()) return;
+          --unanswered_[server];
+          answer(std::move(result));
         });
       });
 }

@@ -26,8 +26,13 @@ struct SettingsParts {
 struct SettingsWorker {
   using Work = std::move_only_function<void(const SettingsParts& parts)>;
   // Runs work on the thread of this server, one piece after the other. The parts belong to that
-  // thread, and are the same for all work on the server.
+  // thread, and are the same for all work on the server until it gets another thread.
   std::function<void(const std::string& server, Work work)> perform;
+  // If this server shares a thread because there was no other, and there is one now, gives it that
+  // for all further work. Then the answer runs work on the shared thread; else it is empty. May be
+  // empty itself.
+  using OnSharedThread = std::function<void(Work work)>;
+  std::function<OnSharedThread(const std::string& server)> giveThread = {};
 };
 
 // A settings server that has been asked.
@@ -97,6 +102,7 @@ class SettingsQuestions {
   struct Client;
   struct Answers;
   const std::shared_ptr<Client>& clientOf(const std::string& server);
+  void giveThread(const std::string& server);
   template <class Answer>
   void ask(const std::string& server,
            std::move_only_function<Answer(Client& client, const SettingsParts& parts)> question,
@@ -110,6 +116,7 @@ class SettingsQuestions {
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
   // By server. Each client belongs to its server's thread.
   std::map<std::string, std::shared_ptr<Client>> clients_;
+  std::map<std::string, std::size_t> unanswered_;  // questions, by server
   std::string primaryServer_;
   std::map<std::string, AskedSource> askedSources_;
   LastValues lastValues_;

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,13 +77,23 @@ class SettingsQuestionsTest : public testing::Test {
   const SettingsParts parts_{{loop_, connections_, nullCenter_, center_, protocols_, system_},
                              factories_};
   std::map<std::string, std::deque<SettingsWorker::Work>> work_;
+  bool hasThread_ = false;  // for servers that share one
+  std::set<std::string> isOnOwnThread_;
   std::optional<SettingsQuestions> questions_{
       std::in_place,
       SettingsQuestions::Environment{
-          .worker = {.perform =
-                         [this](const std::string& server, SettingsWorker::Work work) {
-                           work_[server].push_back(std::move(work));
-                         }},
+          .worker =
+              {.perform =
+                   [this](const std::string& server, SettingsWorker::Work work) {
+                     work_[isOnOwnThread_.contains(server) ? server + "'s own" : server].push_back(
+                         std::move(work));
+                   },
+               .giveThread = [this](const std::string& server) -> SettingsWorker::OnSharedThread {
+                 if (!hasThread_ || !isOnOwnThread_.insert(server).second) return {};
+                 return [this, server](SettingsWorker::Work work) {
+                   work_[server].push_back(std::move(work));
+                 };
+               }},
           .onMain = [this](RunLoop::Callback callback) { loop_.post(std::move(callback)); },
           .now = [this] { return loop_.now(); },
           .onRestart = [] {}}};
@@ -98,6 +109,21 @@ TEST_F(SettingsQuestionsTest, AHungServerDelaysNoAnswerOfAnother) {
   serve("one");
   ASSERT_TRUE(*hung);
   EXPECT_THAT(**hung, ElementsAre(Value("of one")));
+}
+
+TEST_F(SettingsQuestionsTest, AServerGetsItsThreadBetweenTwoQuestions) {
+  const auto first = ask({{"one", "key"}});
+  hasThread_ = true;
+  const auto second = ask({{"one", "key"}});  // The first one has no answer yet.
+  serve("one");
+  EXPECT_TRUE(*first && *second);
+  const auto third = ask({{"one", "key"}});
+  serve("one");  // The first client ends on its thread.
+  EXPECT_FALSE(*third);
+  settings_["one"]["key"] = "new";
+  serve("one's own");
+  ASSERT_TRUE(*third);
+  EXPECT_THAT(**third, ElementsAre(Value("new")));
 }
 
 TEST_F(SettingsQuestionsTest, AQuestionToTwoServersWaitsForBoth) {

@@ -17,7 +17,7 @@ constexpr Duration kPidPollInterval = std::chrono::seconds(2);
 
 }  // namespace
 
-ExitMonitor::ExitMonitor(RunLoop& runLoop, ExitWatcher& exitWatcher, const LaunchdJobs& jobs,
+ExitMonitor::ExitMonitor(RunLoop& runLoop, ExitWatcher& exitWatcher, LaunchdJobs& jobs,
                          MonitoringRecords& records, Events events)
     : runLoop_(runLoop),
       exitWatcher_(exitWatcher),
@@ -127,16 +127,15 @@ bool ExitMonitor::armExitWatch(const std::string& label, ProcessId process) {
   });
   if (isArmed) return true;
   const auto watch = exitWatches_.insert(exitWatches_.end(), {label, process, nullptr});
-  auto armed =
-      exitWatcher_.watchExit(process, [this, watch, label, process](std::optional<ExitStatus>) {
-        // Copy these: erasing the watch destroys this callback.
-        const std::string service = label;
-        const Callback& onEnd = events_.onEnd;
-        const ProcessId ended = process;
-        askAgain(service);
-        exitWatches_.erase(watch);
-        onEnd(service, ended);
-      });
+  auto armed = exitWatcher_.watchExit(process, [this, watch](std::optional<ExitStatus>) {
+    // Erasing the watch destroys this callback.
+    const std::string service = watch->label;
+    const Callback& onEnd = events_.onEnd;
+    const ProcessId ended = watch->process;
+    askAgain(service);
+    exitWatches_.erase(watch);
+    onEnd(service, ended);
+  });
   if (!armed) {
     exitWatches_.erase(watch);
     return false;

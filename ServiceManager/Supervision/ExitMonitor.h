@@ -28,8 +28,8 @@ class ExitMonitor {
   };
 
   // All of them outlive this.
-  ExitMonitor(platform::RunLoop& runLoop, platform::ExitWatcher& exitWatcher,
-              const LaunchdJobs& jobs, MonitoringRecords& records, Events events);
+  ExitMonitor(platform::RunLoop& runLoop, platform::ExitWatcher& exitWatcher, LaunchdJobs& jobs,
+              MonitoringRecords& records, Events events);
 
   // Whether the process is watched now.
   using Done = std::move_only_function<void(bool isWatched)>;
@@ -64,7 +64,7 @@ class ExitMonitor {
 
   platform::RunLoop& runLoop_;
   platform::ExitWatcher& exitWatcher_;
-  const LaunchdJobs& jobs_;
+  LaunchdJobs& jobs_;
   MonitoringRecords& records_;
   const Events events_;
   std::map<std::string, Search> searches_;  // by label

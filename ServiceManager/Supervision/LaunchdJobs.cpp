@@ -1,6 +1,8 @@
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 
+#include <algorithm>
 #include <array>
+#include <string>
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
@@ -76,22 +78,72 @@ void LaunchdJobs::unloadJobFromLaunchD(const std::string& label, Removed done) {
 void LaunchdJobs::remove(std::string_view domain, const std::string& label,
                          const AuthorizationRef* authorization, Removed done) {
   jobs_.removeJob(domain, label, authorization,
-                  [isAlive = std::weak_ptr(isAlive_), label,
+                  [this, isAlive = std::weak_ptr(isAlive_), label,
                    done = std::move(done)](std::expected<void, NSError> removed) mutable {
                     if (isAlive.expired()) return;
-                    if (!removed) {
+                    if (removed) {
+                      update(label, Value());
+                    } else {
                       vantorlogger2_line(ASL_LEVEL_ERR,
                                          stringWithFormat("Unable to remove job: %@\n:%@", label,
                                                           removed.error()));
+                      refresh(label);
                     }
                     done(std::move(removed));
                   });
 }
 
-void LaunchdJobs::copyJob(std::string_view label, Jobs::Copied copied) const {
-  jobs_.copyJob(
-      kSMDomainSystemLaunchd, label,
-      [isAlive = std::weak_ptr(isAlive_), copied = std::move(copied)](Value copy) mutable {
-        if (!isAlive.expired()) copied(std::move(copy));
+void LaunchdJobs::copyJob(std::string_view label, Jobs::Copied copied) {
+  jobs_.copyJob(kSMDomainSystemLaunchd, label,
+                [this, isAlive = std::weak_ptr(isAlive_), label = std::string(label),
+                 copied = std::move(copied)](Value copy) mutable {
+                  if (isAlive.expired()) return;
+                  update(label, copy);
+                  copied(std::move(copy));
+                });
+}
+
+// A job host counts from its start on. If it has been restarted, all counts are new.
+void LaunchdJobs::update(std::string_view label, const Value& copy) {
+  const auto before = known_.find(label).history;
+  hasChanged(known_.update(label, copy));
+  const auto now = known_.find(label).history;
+  if (before && now && before->since != now->since) refreshAll();
+}
+
+void LaunchdJobs::hasChanged(bool isChange) const {
+  if (isChange && onChange_) onChange_();
+}
+
+// The answer that is under way may be older than the event for which it is asked again.
+void LaunchdJobs::refresh(const std::string& label) {
+  const auto [refresh, isNew] = refreshes_.try_emplace(label, false);
+  if (!isNew) {
+    refresh->second = true;
+    return;
+  }
+  copyJob(label, [this, label](const Value&) {
+    const bool isAskedAgain = refreshes_.extract(label).mapped();
+    if (isAskedAgain) this->refresh(label);
+  });
+}
+
+void LaunchdJobs::refreshAll() { refreshAfter("", ++refreshRound_); }
+
+void LaunchdJobs::refreshAfter(const std::string& label, std::uint64_t round) {
+  jobs_.copyStatesAfter(
+      label, [this, isAlive = std::weak_ptr(isAlive_), label, round](const Value& states) {
+        if (isAlive.expired() || round != refreshRound_) return;
+        const Dictionary* page = states.dictionary();
+        if (!page) return;  // The return of the job host refreshes all again.
+        hasChanged(known_.updatePage(label, *page));
+        std::string last = label;
+        for (const auto& [next, state] : *page) last = std::max(last, next);
+        if (last > label) refreshAfter(last, round);
       });
+}
+
+void LaunchdJobs::processEnded(const std::string& label, ProcessId process) {
+  hasChanged(known_.processEnded(label, process));
+  refresh(label);
 }

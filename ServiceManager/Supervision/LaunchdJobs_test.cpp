@@ -168,6 +168,7 @@ class AuthorizationProbe final : public Jobs {
     given.push_back(authorization);
   }
   void copyJob(std::string_view, std::string_view, Copied) override {}
+  void copyStatesAfter(std::string_view, Copied) override {}
   void removeJob(std::string_view, std::string_view, const AuthorizationRef* authorization,
                  Removed) override {
     given.push_back(authorization);
@@ -211,12 +212,81 @@ TEST_F(LaunchdJobsTest, AJobIsAbsentPresentOrUnknown) {
   EXPECT_EQ(jobStatusIn(copy()).presence, Presence::kUnknown);
 }
 
+TEST_F(LaunchdJobsTest, EachAnswerIsKnown) {
+  request(job());
+  copy();
+  EXPECT_EQ(launchd_.known()->find(kAgent).status.process, process(kAgent));
+  EXPECT_EQ(changes_, 1);
+  copy();
+  EXPECT_EQ(changes_, 1);
+  jobs_.setReachable(false);
+  copy();
+  EXPECT_EQ(launchd_.known()->find(kAgent).status.process, process(kAgent));
+  jobs_.setReachable(true);
+  EXPECT_TRUE(unload(launchd_));
+  EXPECT_EQ(launchd_.known()->find(kAgent).status.presence, JobStatus::Presence::kAbsent);
+  EXPECT_EQ(changes_, 2);
+}
+
+TEST_F(LaunchdJobsTest, ARefreshedJobIsKnown) {
+  request(job());
+  const int first = process(kAgent);
+  jobs_.setOnCopied([this, first] {
+    jobs_.endProcess(kAgent);
+    launchd_.processEnded(kAgent, first);  // It asks again, behind this answer.
+  });
+  launchd_.refresh(kAgent);
+  loop_.runReady();
+  EXPECT_NE(process(kAgent), first);
+  EXPECT_EQ(launchd_.known()->find(kAgent).status.process, process(kAgent));
+}
+
+TEST_F(LaunchdJobsTest, RefreshesWhileOneIsUnderWayAreOneMore) {
+  for (int i = 0; i < 100; ++i) launchd_.refresh(kAgent);
+  loop_.runReady();
+  EXPECT_EQ(jobs_.copies(), 2);
+}
+
+TEST_F(LaunchdJobsTest, AllJobsAreRefreshedInPages) {
+  for (const char* label : {kPrimary, kAgent, kHelper}) request(catalogue_.jobInfo(label));
+  launchd_.refreshAll();
+  launchd_.refreshAll();  // replaces the first
+  loop_.runReady();
+  for (const char* label : {kPrimary, kAgent, kHelper})
+    EXPECT_EQ(launchd_.known()->find(label).status.process, process(label));
+  using Presence = JobStatus::Presence;
+  EXPECT_EQ(launchd_.known()->find("com.example.zero").status.presence, Presence::kAbsent);
+  EXPECT_EQ(jobs_.copies(), 0);
+}
+
+TEST_F(LaunchdJobsTest, ACountThatBeginsAgainRefreshesAllJobs) {
+  for (const char* label : {kPrimary, kAgent}) request(catalogue_.jobInfo(label));
+  launchd_.refreshAll();
+  loop_.advanceBy(std::chrono::minutes(1));
+  EXPECT_EQ(launchd_.known()->find(kPrimary).history->starts, 1);
+  jobs_.setReachable(false);
+  jobs_.setReachable(true);  // another host
+  copy();
+  loop_.runReady();
+  EXPECT_EQ(launchd_.known()->find(kPrimary).history->starts, 0);
+}
+
+TEST_F(LaunchdJobsTest, WithoutTheHostNothingBecomesKnown) {
+  jobs_.setReachable(false);
+  launchd_.refreshAll();
+  loop_.advanceBy(std::chrono::minutes(1));
+  EXPECT_EQ(launchd_.known()->find(kAgent).status.presence, JobStatus::Presence::kUnknown);
+  EXPECT_EQ(changes_, 0);
+}
+
 TEST_F(LaunchdJobsTest, AnswersAfterItsEndAreDropped) {
   {
     LaunchdJobs jobs(jobs_, authorization_);
     jobs.copyJob(kAgent, [](const Value&) { ADD_FAILURE(); });
     jobs.submitJobRequest(job(), kSMDomainSystemLaunchd, [](const auto&) { ADD_FAILURE(); });
     jobs.unloadJobFromLaunchD(kAgent, [](const auto&) { ADD_FAILURE(); });
+    jobs.refresh(kAgent);
+    jobs.refreshAll();
   }
   loop_.runReady();
   EXPECT_THAT(takeLog(), IsEmpty());

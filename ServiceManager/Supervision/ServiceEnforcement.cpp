@@ -314,10 +314,11 @@ void ServiceEnforcement::jobHostHasReturned() {
   }
 }
 
-ProgramCheck ServiceEnforcement::programOf(const std::string& label, const Value& jobInfo) const {
+ProgramCheck ServiceEnforcement::programOf(const std::string& label, const Value& jobInfo) {
   const MainThreadWork::Scope scope(environment_.mainThreadWork, kWorkChecksProgram, label);
   const std::string& path = *jobInfo["Program"].string();
   ProgramCheck program = checkProgram(path, environment_.files, environment_.validator);
+  programFindings_.note(label, path, program, environment_.validator, environment_.runLoop.now());
   if (program.state == ProgramState::kUnknown) {
     vantorlogger2_line(ASL_LEVEL_WARNING,
                        stringWithFormat("Program file for %@ can't be checked now", label));

@@ -19,6 +19,7 @@
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 #include "ServiceManager/Supervision/MainThreadWork.h"
 #include "ServiceManager/Supervision/MonitoringRecords.h"
+#include "ServiceManager/Supervision/ProgramFindings.h"
 #include "ServiceManager/Supervision/ProgramRechecks.h"
 #include "ServiceManager/Supervision/ServiceActivity.h"
 #include "ServiceManager/Supervision/ServiceHealth.h"
@@ -94,6 +95,10 @@ class ServiceEnforcement {
     platform::Instant since;
   };
   std::map<std::string, Work, std::less<>> work() const;
+  // The findings of the last checks of programs.
+  std::shared_ptr<const ProgramFindings::Table> programFindings() const {
+    return programFindings_.table();
+  }
   // Whether anything goes on with any service.
   bool isWorking() const { return !services_.empty(); }
   // Calls `settled` when the work on all these services has ended, at once if there is none.
@@ -140,9 +145,10 @@ class ServiceEnforcement {
   void removeJobIfAny(const std::string& label, StopAnswer done);
   void removeJob(const std::string& label, StopAnswer done);
   void jobIsRemoved(const std::string& label, bool hasStopped);
-  ProgramCheck programOf(const std::string& label, const platform::Value& jobInfo) const;
+  ProgramCheck programOf(const std::string& label, const platform::Value& jobInfo);
 
   const Environment environment_;
   std::map<std::string, Service> services_;  // those with which something goes on
   std::uint64_t lastRequest_ = 0;
+  ProgramFindings programFindings_;
 };

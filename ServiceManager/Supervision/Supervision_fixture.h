@@ -34,7 +34,8 @@ class SupervisionFixture : public SupervisedMachine {
   Value secret_ = platform::Data{1, 2, 3, 4, 5, 6, 7, 8};
   std::unique_ptr<ServiceHealth> health_;
   ORBSigningValidator validator_{signatures_};
-  LaunchdJobs launchd_{jobs_, authorization_};
+  int changes_ = 0;  // of what is known of jobs
+  LaunchdJobs launchd_{jobs_, authorization_, [this] { ++changes_; }};
   MonitoringRecords records_;
   // The reports of the exit monitor.
   std::vector<Event> watched_;

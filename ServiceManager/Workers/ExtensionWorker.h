@@ -17,6 +17,8 @@ class ExtensionWorker {
   KernelExtensionsPlatform platform() { return clients_.platform(); }
   // For work on the thread.
   platform::Authorization& authorization() { return authorization_; }
+  // Connects to the job host on the thread, for a client on `loop`, which outlives the thread.
+  platform::JobHostClient::Probe probeOfJobHost(platform::RunLoop& loop);
   void perform(platform::RunLoop::Callback work) { thread_.loop().post(std::move(work)); }
 
  private:

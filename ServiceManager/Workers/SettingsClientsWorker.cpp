@@ -112,10 +112,22 @@ SettingsClientsWorker::Thread& SettingsClientsWorker::threadOf(const std::string
   return *threadOfServer_.emplace(server, thread).first->second;
 }
 
+SettingsWorker::OnSharedThread SettingsClientsWorker::giveThread(const std::string& server) {
+  Thread* const shared = threads_.front().get();
+  const auto known = threadOfServer_.find(server);
+  const bool isSharing = known != threadOfServer_.end() && known->second == shared;
+  if (!isSharing || !isSettingsServer(server)) return {};
+  const auto started = startThread();
+  if (!started) return {};
+  known->second = *started;
+  return [shared](SettingsWorker::Work work) { shared->perform(std::move(work)); };
+}
+
 SettingsWorker SettingsClientsWorker::worker() {
-  return {.perform = [this](const std::string& server, SettingsWorker::Work work) {
-    threadOf(server).perform(std::move(work));
-  }};
+  return {
+      .perform = [this](const std::string& server,
+                        SettingsWorker::Work work) { threadOf(server).perform(std::move(work)); },
+      .giveThread = [this](const std::string& server) { return giveThread(server); }};
 }
 
 std::vector<platform::LoopThread*> SettingsClientsWorker::threads() const {

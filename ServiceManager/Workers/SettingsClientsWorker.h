@@ -14,9 +14,9 @@
 
 // The clients of settings servers. Each server has a thread, since a server that hangs must delay
 // no other. A thread is started when its server is first asked, so no wait is needed for it. If the
-// system has no thread left, the server shares one with others of its kind. The server that is
-// asked first always has its own: it is the configuration server, on which everything depends.
-// Belongs to the main thread.
+// system has no thread left, the server shares one with others of its kind until there is one. The
+// server that is asked first always has its own: it is the configuration server, on which
+// everything depends. Belongs to the main thread.
 class SettingsClientsWorker {
  public:
   // The eight settings servers, and the status server of the configuration server. A catalogue may
@@ -47,6 +47,7 @@ class SettingsClientsWorker {
 
   platform::Result<Thread*> startThread();
   Thread& threadOf(const std::string& server);
+  SettingsWorker::OnSharedThread giveThread(const std::string& server);
 
   const Environment environment_;
   std::vector<std::unique_ptr<Thread>> threads_;  // The first is the shared one.

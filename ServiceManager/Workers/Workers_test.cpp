@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -10,19 +11,24 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 
 #include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/Logger2State.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Linux/Jobs/JobHostClient.h"
+#include "Platform/Linux/Jobs/JobHostMessages.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/RunLoops/AsioSerialQueues.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/RunLoops/MonotonicTime.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Testing/CodeSigning/FakeCodeSignatures.h"
@@ -98,6 +104,40 @@ TEST_F(WorkersTest, TheExtensionWorkerHasItsThread) {
   stop();
 }
 
+// A host that has been stopped leaves such a socket.
+TEST_F(WorkersTest, AJobHostWithAFullBacklogIsProbedOnTheThread) {
+  ExtensionWorker worker(*thread_, *linux_, signatures_);
+  RunLoop& loop = *linux_->runLoop;
+  const JobHostClient::Probe probe = worker.probeOfJobHost(loop);
+  const auto mayConnect = [&] {
+    const auto answer = std::make_shared<std::optional<bool>>();
+    probe([answer, &loop](bool mayConnect) {
+      *answer = mayConnect;
+      loop.stop();
+    });
+    loop.run();
+    return answer->value();
+  };
+  EXPECT_TRUE(mayConnect());  // There is no host.
+
+  std::filesystem::create_directories(root_.path("run/vantor"));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = jobHostSocket(root_.path());
+  ASSERT_LT(path.size(), sizeof(address.sun_path));
+  path.copy(address.sun_path, path.size());
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const UniqueFd listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(listening.get(), name, sizeof(address)), 0);
+  ASSERT_EQ(::listen(listening.get(), 0), 0);
+  std::vector<UniqueFd> backlog;
+  do {
+    backlog.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  } while (::connect(backlog.back().get(), name, sizeof(address)) == 0);
+  EXPECT_FALSE(mayConnect());
+  stop();
+}
+
 TEST_F(WorkersTest, EachSettingsServerHasAThreadWithItsClients) {
   const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
   ASSERT_TRUE(made) << describe(made.error());
@@ -133,6 +173,35 @@ TEST_F(WorkersTest, WithoutAThreadASettingsServerSharesOne) {
   EXPECT_NE(threadOf(worker, "common"), update);
   EXPECT_EQ(threadOf(worker, "status"), primary);
   for (LoopThread* thread : (*made)->threads()) EXPECT_TRUE(thread->stopWithin(1min));
+}
+
+TEST_F(WorkersTest, ASettingsServerGetsItsThreadWhenThereIsOne) {
+  const auto made = SettingsClientsWorker::make({*linux_, *places_, protocols_});
+  ASSERT_TRUE(made) << describe(made.error());
+  const SettingsWorker worker = (*made)->worker();
+  std::thread::id primary;
+  std::thread::id shared;
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] {
+        primary = threadOf(worker, "status");
+        shared = threadOf(worker, "update");
+        EXPECT_FALSE(worker.giveThread("update"));
+      });
+  const SettingsWorker::OnSharedThread onShared = worker.giveThread("update");
+  ASSERT_TRUE(onShared);
+  const std::thread::id own = threadOf(worker, "update");
+  EXPECT_NE(own, shared);
+  EXPECT_NE(own, primary);
+  const auto thread = std::make_shared<std::promise<std::thread::id>>();
+  auto id = thread->get_future();
+  onShared([thread](const SettingsParts&) { thread->set_value(std::this_thread::get_id()); });
+  EXPECT_EQ(id.get(), shared);
+  for (const char* server : {"update", "status", "unknown"}) {
+    threadOf(worker, server);
+    EXPECT_FALSE(worker.giveThread(server)) << server;
+  }
+  for (LoopThread* each : (*made)->threads()) EXPECT_TRUE(each->stopWithin(1min));
 }
 
 TEST_F(WorkersTest, ServersThatDoNotExistUseUpNoThread) {

@@ -51,6 +51,8 @@ class HeldMainThread : public testing::Test {
 
 TEST_F(HeldMainThread, HoldsUpNoAnswerToTheOperator) {
   const std::string agent = std::to_string(root_.processOf(kAgent));
+  // The last picture has all that has happened so far.
+  EXPECT_THAT(quickly({"list"}).output, HasSubstr(agent));
   std::optional<HeldThread> held(std::in_place, root_.processOf(DemoRoot::kDaemon));
   if (!held->isHeld()) GTEST_SKIP() << "this user may not hold a thread of another program";
 

@@ -276,6 +276,7 @@ std::string aboutMode(const Facts& facts) {
 std::string aboutProgram(const Facts& facts) {
   if (!facts.has(kFactProgram)) return "none";
   const std::string path = facts.text(kFactProgram);
+  if (!facts.has(kFactProgramExists)) return path + ", not checked yet";
   if (!facts.is(kFactProgramExists)) return path + ", which is not there";
   if (facts.is(kFactProgramIsUnchecked)) {
     return fmt::format("{}, which can't be checked now: {}", path, facts.text(kFactProgramFault));

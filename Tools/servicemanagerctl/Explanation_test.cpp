@@ -233,6 +233,12 @@ TEST(ExplanationTest, AServiceOfAnotherProductIsNotManaged) {
   EXPECT_EQ(explanation.details.size(), 1u);
 }
 
+TEST(ExplanationTest, AProgramThatNoEvaluationHasNeededIsNotChecked) {
+  const Explanation explanation = explain(
+      factsWith({{kFactReason, "stopped"}, {kFactProgramExists, {}}, {kFactProgramIsIntact, {}}}));
+  EXPECT_THAT(asText(explanation, Reader::kOther), HasSubstr("/opt/agent, not checked yet\n"));
+}
+
 TEST(ExplanationTest, EachFactThatCountsIsShown) {
   const Explanation explanation = explain(factsWith(
       feature({aSwitch("matches", 1), aSwitch("differs", 0), aSwitch("clashes", "1"),

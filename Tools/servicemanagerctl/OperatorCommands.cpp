@@ -85,8 +85,9 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
     return std::unexpected(overview ? unknownLabel(label_, *overview) : overview.error());
   }
   const Explanation explanation = ::explain(*facts);
-  return json_ ? dumped(asJson(explanation, *facts))
-               : withRootInHints(asText(explanation, readerOf(STDOUT_FILENO)));
+  if (!json_) return withRootInHints(asText(explanation, readerOf(STDOUT_FILENO)));
+  const Value all = withTrees(daemon, {label_}, Dictionary{{label_, *facts}});
+  return dumped(asJson(explanation, all[label_]));
 }
 
 Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {

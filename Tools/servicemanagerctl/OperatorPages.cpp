@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 
 using namespace platform;
@@ -50,6 +51,22 @@ Answer<Value> askAboutAllServices(DaemonClient& daemon, std::string_view selecto
 
 Answer<Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels) {
   return askAboutLabels(daemon, "jobsOfServices:", labels, kServicesInAPage);
+}
+
+Value withTrees(DaemonClient& daemon, const std::vector<std::string>& labels, const Value& jobs) {
+  const auto trees = askAboutLabels(daemon, "treesOfServices:", labels, kServicesInAPage);
+  if (!trees || !trees->dictionary() || !jobs.dictionary()) return jobs;
+  Dictionary all = *jobs.dictionary();
+  for (const auto& [label, tree] : *trees->dictionary()) {
+    const Value& facts = jobs[label];
+    if (!facts[kFactJob].dictionary()) continue;
+    Dictionary job = *facts[kFactJob].dictionary();
+    job.set(kJobTreeKey, tree);
+    Dictionary more = *facts.dictionary();
+    more.set(kFactJob, std::move(job));
+    all.set(label, std::move(more));
+  }
+  return all;
 }
 
 Answer<Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels) {

@@ -17,4 +17,8 @@ Answer<platform::Value> askAboutAllServices(DaemonClient& daemon, std::string_vi
 
 // The facts of the jobs of these services, and their entries in the catalogue, by label.
 Answer<platform::Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels);
+// The facts of jobs with the trees of their processes. Asks the job host for the trees; if it does
+// not answer in time, they are left out.
+platform::Value withTrees(DaemonClient& daemon, const std::vector<std::string>& labels,
+                          const platform::Value& jobs);
 Answer<platform::Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels);

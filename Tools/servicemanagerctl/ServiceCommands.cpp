@@ -158,8 +158,9 @@ Answer<std::vector<ServiceState>> ServiceCommands::readAll(
     for (const auto& [label, facts] : *services.dictionary()) labels.push_back(label);
   }
   std::ranges::sort(labels);
-  const auto jobs = askForJobs(daemon, labels);
+  auto jobs = askForJobs(daemon, labels);
   if (!jobs) return std::unexpected(jobs.error());
+  if (json_ || wide_) jobs = withTrees(daemon, labels, *jobs);
   std::vector<ServiceState> states;
   for (const std::string& label : labels) {
     states.push_back(

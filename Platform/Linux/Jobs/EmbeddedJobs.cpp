@@ -165,6 +165,16 @@ void EmbeddedJobs::copyJob(std::string_view domain, std::string_view label, Copi
       });
 }
 
+void EmbeddedJobs::copyStatesAfter(std::string_view label, Copied copied) {
+  client_.callAsync(
+      kCopyJobStatesAfterMessage, Array{label}, kJobsAnswerTimeOut,
+      [alive = std::weak_ptr(alive_), copied = std::move(copied)](const auto& answer) mutable {
+        if (alive.expired()) return;
+        const auto states = valueIn(answer);
+        copied(states && states->dictionary() ? *states : Value());
+      });
+}
+
 // The host gets two requests at once. The answer to the first, a copy of the job, limits the
 // second.
 void EmbeddedJobs::removeJob(std::string_view domain, std::string_view label,

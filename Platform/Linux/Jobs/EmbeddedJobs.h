@@ -26,6 +26,7 @@ class EmbeddedJobs final : public Jobs {
   void submitJob(std::string_view domain, const Value& job, const AuthorizationRef* authorization,
                  Submitted submitted) override;
   void copyJob(std::string_view domain, std::string_view label, Copied copied) override;
+  void copyStatesAfter(std::string_view label, Copied copied) override;
   void removeJob(std::string_view domain, std::string_view label,
                  const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;

@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <cstddef>
 #include <expected>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -11,8 +13,10 @@ namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
+using testing::SizeIs;
 
 // Submissions and copies without blocking.
 
@@ -148,6 +152,63 @@ TEST_F(AsynchronousCallsTest, TheNextHostGetsTheRequestsInTheirOrder) {
   ASSERT_TRUE(*submitted);
   EXPECT_TRUE(**submitted);
   EXPECT_THAT(host_->asked, ElementsAre("submitJob:", "copyJob:", "copyJob:"));
+}
+
+TEST_F(AsynchronousCallsTest, AHostThatAcceptsNoConnectionBlocksOnce) {
+  std::vector<std::move_only_function<void(bool)>> probes;
+  client_.setProbe([&](auto answer) { probes.push_back(std::move(answer)); });
+  startHost(answering(job_));
+  host_->hang();
+  startCopies(1);
+  EXPECT_EQ(timeOf([&] { loop_.runReady(); }), JobHostClient::kProbeTimeOut);
+  for (const std::size_t probed : {1u, 2u, 3u}) {
+    EXPECT_EQ(timeOf([&] { loop_.advanceBy(1s); }), 1s);
+    ASSERT_EQ(probes.size(), probed);
+    startCopies(1);
+    EXPECT_EQ(timeOf([&] { loop_.runReady(); }), 0s);
+    if (probed < 3) probes.back()(false);
+  }
+  EXPECT_EQ(host_->connections, 0);
+  host_->goOn();
+  probes.back()(true);
+  loop_.runReady();
+  EXPECT_THAT(copies_, AllOf(SizeIs(4), Each(job_)));
+  EXPECT_EQ(host_->connections, 1);
+}
+
+TEST_F(AsynchronousCallsTest, TheReturnOfAHostThatAcceptedNothingIsProbed) {
+  std::vector<std::move_only_function<void(bool)>> probes;
+  client_.setProbe([&](auto answer) { probes.push_back(std::move(answer)); });
+  int returns = 0;
+  client_.setReturnHandler([&] { ++returns; });
+  startHost(answering(Value(true)));
+  host_->hang();
+  startCopies(1);
+  for (int second = 0; second < 10; ++second) {
+    loop_.advanceBy(1s);
+    for (auto& answer : std::exchange(probes, {})) answer(false);
+  }
+  EXPECT_THAT(copies_, ElementsAre(Value(Dictionary())));
+  host_->goOn();
+  loop_.advanceBy(1s);
+  for (auto& answer : std::exchange(probes, {})) answer(true);
+  loop_.runReady();
+  EXPECT_EQ(returns, 1);
+}
+
+TEST_F(AsynchronousCallsTest, AProbeMayAnswerAfterTheClient) {
+  std::move_only_function<void(bool)> probe;
+  {
+    JobHostClient client(transport_, loop_, kSocket);
+    client.setProbe([&](auto answer) { probe = std::move(answer); });
+    startHost(answering(job_));
+    host_->hang();
+    client.callAsync(kMayChangeJobsMessage, {}, 30s, [](const auto&) { ADD_FAILURE(); });
+    loop_.advanceBy(2s);
+  }
+  ASSERT_TRUE(probe);
+  probe(true);
+  loop_.runReady();
 }
 
 TEST_F(AsynchronousCallsTest, AnAbsentHostFailsTheNextRequestsAtOnce) {

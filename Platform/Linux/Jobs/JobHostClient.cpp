@@ -169,6 +169,13 @@ void JobHostClient::probeForReturnLater() {
 
 // A connected host gets one ping, and its answer tells of the return.
 void JobHostClient::probeForReturn() {
+  if (mustProbe()) {
+    return probeHost([this](bool mayConnect) {
+      if (!isReturnAwaited_) return;
+      if (mayConnect) return probeForReturn();
+      probeForReturnLater();
+    });
+  }
   if (!connection_ && !connectOnce(kProbeTimeOut)) return probeForReturnLater();
   nextProbe_.reset();
   connection_->callAsync(kMayChangeJobsMessage, {}, Duration::max(),
@@ -258,7 +265,7 @@ void JobHostClient::limit(RequestId id, Duration timeout) {
 
 // While the host is pinged, it may be about to count as hung.
 void JobHostClient::sendWaiting() {
-  if (waiting_.empty() || connectTimer_ || isPinging_) return;
+  if (waiting_.empty() || connectTimer_ || isProbed_ || isPinging_) return;
   if (!connection_) return connectLater(Duration::zero());
   for (auto next = waiting_.begin(); next != waiting_.end();) {
     const RequestId id = *next;
@@ -294,12 +301,29 @@ void JobHostClient::connectLater(Duration delay) {
 
 void JobHostClient::connectForWaiting() {
   connectTimer_.reset();
+  if (mustProbe() && !waiting_.empty()) {
+    isProbed_ = true;
+    return probeHost([this](bool mayConnect) {
+      isProbed_ = false;
+      if (mayConnect || connection_) return connectForWaiting();
+      couldNotConnect({PeerConnectFailure::Kind::kTimedOut, hung(socket_)});
+    });
+  }
   if (!connection_ && !waiting_.empty()) {
     if (const auto connected = connectOnce(kProbeTimeOut); !connected) {
       return couldNotConnect(connected.error());
     }
   }
   sendWaiting();
+}
+
+void JobHostClient::probeHost(std::move_only_function<void(bool mayConnect)> answer) {
+  probe_([this, isAlive = std::weak_ptr(isAlive_),
+          answer = std::move(answer)](bool mayConnect) mutable {
+    if (isAlive.expired()) return;
+    if (mayConnect) isHung_ = false;
+    answer(mayConnect);
+  });
 }
 
 // Fails the requests that have waited long enough, and lets the others wait on.

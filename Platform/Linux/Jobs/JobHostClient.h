@@ -79,6 +79,15 @@ class JobHostClient {
   // kProbeTimeOut if it does not accept.
   void setReturnHandler(std::function<void()> onReturn);
 
+  // Tries to connect to the host on another thread, and answers on the loop whether connecting does
+  // not block, since the host accepts connections or is absent. The answer may never come if that
+  // thread ends.
+  using Probe = std::function<void(std::move_only_function<void(bool mayConnect)> answer)>;
+  // Uses this, instead of connecting, while a host that is there accepts no connection. Without it
+  // callAsync() and the wait for the host's return connect on the loop once a second, which blocks
+  // for kProbeTimeOut.
+  void setProbe(Probe probe) { probe_ = std::move(probe); }
+
   using Completion = std::move_only_function<void(Result<Answer>)>;
 
   // Requests that may wait long at the host, as removals do, leave room for the usual ones. Each
@@ -88,7 +97,8 @@ class JobHostClient {
   static constexpr std::size_t kMaximumLong = 48;
 
   // The same without blocking: the client tries to reach an absent host, and repeats the request if
-  // the host ends, while the loop goes on. Only connecting blocks, for kProbeTimeOut at most. The
+  // the host ends, while the loop goes on. Only connecting blocks, for kProbeTimeOut at most, and
+  // with a probe only once until the host accepts connections again. The
   // completion runs once, on the loop and never from inside this call. It does not run if this is
   // destroyed before. After a usual request without an answer, the client
   // pings the host, too, and further requests wait for the outcome.
@@ -133,6 +143,8 @@ class JobHostClient {
   void send(RequestId id);
   void connectLater(Duration delay);
   void connectForWaiting();
+  bool mustProbe() const { return isHung_ && !connection_ && probe_; }
+  void probeHost(std::move_only_function<void(bool mayConnect)> answer);
   void couldNotConnect(const PeerConnectFailure& failure);
   void answered(RequestId id, Room room, MessageResult result);
   void pingAsync();
@@ -159,6 +171,10 @@ class JobHostClient {
   std::size_t longUnderWay_ = 0;
   bool isPinging_ = false;                       // after a request that was not answered in time
   std::unique_ptr<RunLoopHandle> connectTimer_;  // nothing is sent before it fires
+  Probe probe_;
+  bool isProbed_ = false;  // before the requests that wait are sent
+  // Answers of probes that come after the end of this are dropped.
+  std::shared_ptr<int> isAlive_ = std::make_shared<int>();
   RequestId lastRequest_ = 0;
 };
 

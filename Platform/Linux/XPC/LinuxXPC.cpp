@@ -18,9 +18,17 @@ Result<std::unique_ptr<LinuxXPC>> LinuxXPC::make(SystemLog& log, ListenerPlaces 
   // The job host makes it, too, with its permissions. If it can't be made, only making a listener
   // without a name fails, which is logged.
   std::ignore = makeEndpointFolder(places.root());
-  return std::unique_ptr<LinuxXPC>(new LinuxXPC(log, std::move(places), std::move(passed),
+  try {
+    // The constructor may start threads of a pool.
+    std::unique_ptr<LinuxXPC> made(new LinuxXPC(log, std::move(places), std::move(passed),
                                                 std::move(accounts), std::move(lines),
                                                 std::move(*loop)));
+    made->thread_ = std::thread([loop = made->loop_.get()] { loop->run(); });
+    made->loopThread_ = made->thread_.get_id();
+    return made;
+  } catch (const std::system_error& error) {
+    return std::unexpected(Error{ErrorCode::kExhausted, error.code().value(), "a thread for XPC"});
+  }
 }
 
 LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
@@ -42,13 +50,11 @@ LinuxXPC::LinuxXPC(SystemLog& log, ListenerPlaces places, std::optional<PassedSo
       .endpointClients = places_.endpointClients(),
       .accounts = std::move(accounts),
       .lines = std::move(lines)});
-  thread_ = std::thread([this] { loop_->run(); });
-  loopThread_ = thread_.get_id();
 }
 
 LinuxXPC::~LinuxXPC() {
   loop_->stop();
-  thread_.join();
+  if (thread_.joinable()) thread_.join();
   const std::lock_guard lock(mutex_);
   loopHasEnded_ = true;
   for (const Awaited& left : std::exchange(awaited_, {})) {

@@ -29,7 +29,8 @@ class LinuxXPC {
 
   // `places` says where the sockets of Mach services are; a passed socket is used as it is. The log
   // outlives this. A program with other transports shares its accounts with them, and one with
-  // other servers its limits of log lines. Fails with kExhausted if there are no descriptors.
+  // other servers its limits of log lines. Fails with kExhausted if there are no descriptors or
+  // no threads.
   static Result<std::unique_ptr<LinuxXPC>> make(
       SystemLog& log, ListenerPlaces places, std::optional<PassedSocket> passed,
       std::shared_ptr<PeerAccounts> accounts = DBusPeerTransport::makeAccounts(),

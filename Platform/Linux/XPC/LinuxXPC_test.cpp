@@ -193,6 +193,20 @@ TEST(LinuxXPCTest, AnEndAsideWaitsForNoRequest) {
   EXPECT_EQ(end.wait_for(std::chrono::seconds(60)), std::future_status::ready);
 }
 
+TEST(LinuxXPCTest, WithoutAThreadThereIsAnError) {
+  TemporaryFolder folder;
+  FakeLogSink sink;
+  SystemLog log(sink, "test");
+  withInterceptedSystemCall(
+      SYS_clone3, [](const InterceptedCall&) { return EAGAIN; },
+      [&] {
+        const auto made = LinuxXPC::make(
+            log, ListenerPlaces(defaultPlatformConfiguration(folder.path())), std::nullopt);
+        ASSERT_FALSE(made);
+        EXPECT_EQ(made.error().code, ErrorCode::kExhausted);
+      });
+}
+
 // It is left behind, so it outlives the test.
 TEST(LinuxXPCTest, AnEndWithoutAThreadNeitherBlocksNorFails) {
   TemporaryFolder folder;

@@ -1,6 +1,8 @@
 // The calls that do not block, as requests that the host serves in their order.
 
+#include <cstddef>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "Platform/Testing/Jobs/FakeJobs.h"
@@ -43,6 +45,25 @@ void FakeJobs::copyJob(std::string_view domain, std::string_view label, Copied c
               return true;
             },
         .fail = [this, call](const NSError&) { answerLater(call, Value(Dictionary())); }});
+}
+
+void FakeJobs::copyStatesAfter(std::string_view label, Copied copied) {
+  constexpr std::size_t kPage = 2;
+  const auto call = std::make_shared<Copied>(std::move(copied));
+  take({.giveUpAt = {},
+        .serve =
+            [this, label = std::string(label), call] {
+              Dictionary states;
+              for (auto job = jobs_.upper_bound(label); job != jobs_.end(); ++job) {
+                if (states.size() == kPage) break;
+                Dictionary state;
+                addState(state, job->second, JobHistoryDetail::kCounts);
+                states.set(job->first, std::move(state));
+              }
+              answerLater(call, callerAllowed_ ? Value(std::move(states)) : Value());
+              return true;
+            },
+        .fail = [this, call](const NSError&) { answerLater(call, Value()); }});
 }
 
 void FakeJobs::removeJob(std::string_view domain, std::string_view label, const AuthorizationRef*,

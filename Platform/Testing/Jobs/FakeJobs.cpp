@@ -359,11 +359,15 @@ Value FakeJobs::copy(std::string_view domain, std::string_view label) {
   const Job* known = find(label);
   if (!known) return {};
   Dictionary dictionary = *known->dictionary.dictionary();
-  if (known->process) dictionary.set(kJobProcessKey, *known->process);
-  if (known->lastExitStatus) dictionary.set(kJobLastStatusKey, *known->lastExitStatus);
-  if (known->waitsForSubmission) dictionary.set(kJobProgramChangedKey, true);
-  dictionary.set(kJobHistoryKey, valueOfHistory(*known->history, JobHistoryDetail::kCountsAndEnds));
+  addState(dictionary, *known, JobHistoryDetail::kCountsAndEnds);
   return dictionary;
+}
+
+void FakeJobs::addState(Dictionary& dictionary, const Job& job, JobHistoryDetail detail) {
+  if (job.process) dictionary.set(kJobProcessKey, *job.process);
+  if (job.lastExitStatus) dictionary.set(kJobLastStatusKey, *job.lastExitStatus);
+  if (job.waitsForSubmission) dictionary.set(kJobProgramChangedKey, true);
+  dictionary.set(kJobHistoryKey, valueOfHistory(*job.history, detail));
 }
 
 }  // namespace platform

@@ -92,6 +92,8 @@ class FakeJobs final : public Jobs {
   void submitJob(std::string_view domain, const Value& job, const AuthorizationRef* authorization,
                  Submitted submitted) override;
   void copyJob(std::string_view domain, std::string_view label, Copied copied) override;
+  // A page has two jobs.
+  void copyStatesAfter(std::string_view label, Copied copied) override;
   void removeJob(std::string_view domain, std::string_view label,
                  const AuthorizationRef* authorization, Removed removed) override;
   std::unique_ptr<RunLoopHandle> observeStarts(StartObserver observer) override;
@@ -136,6 +138,7 @@ class FakeJobs final : public Jobs {
 
   std::expected<void, NSError> submit(std::string_view domain, const Value& job);
   Value copy(std::string_view domain, std::string_view label);
+  static void addState(Dictionary& dictionary, const Job& job, JobHistoryDetail detail);
   Job& add(const std::string& label);
   void forget(const std::string& label);
   Job& job(std::string_view label);
