@@ -25,9 +25,9 @@ struct PeerParts;
 class VANTOR_KIT_API Endpoint {
  public:
   // Gets a message with its arguments and returns the values of the reply. An error ends the
-  // client's wait without a reply. Runs on threads of the library: the messages of one client one
-  // after the other, those of several clients at the same time. It must check the types of the
-  // arguments.
+  // client's connection, because a reply has no room for it. Runs on threads of the library: the
+  // messages of one client one after the other, those of several clients at the same time. It must
+  // check the types of the arguments.
   using Handler = std::function<Result<Array>(const std::string& selector, const Array& arguments)>;
 
   // Listens from now on. Other selectors than these are refused. The program outlives this. Fails
