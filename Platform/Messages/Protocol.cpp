@@ -8,7 +8,7 @@ std::size_t MethodDescription::argumentCount() const {
   return static_cast<std::size_t>(std::ranges::count(selector, ':'));
 }
 
-Protocol::Protocol(std::string name, std::initializer_list<MethodDescription> methods)
+Protocol::Protocol(std::string name, std::span<const MethodDescription> methods)
     : name_(std::move(name)) {
   for (const MethodDescription& added : methods) {
     if (!method(added.selector)) methods_.push_back(added);

@@ -2,8 +2,10 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/Values/NameTable.h"
@@ -26,7 +28,9 @@ struct MethodDescription {
 class Protocol {
  public:
   // Later methods with the same selector are ignored.
-  Protocol(std::string name, std::initializer_list<MethodDescription> methods);
+  Protocol(std::string name, std::initializer_list<MethodDescription> methods)
+      : Protocol(std::move(name), std::span(methods.begin(), methods.size())) {}
+  Protocol(std::string name, std::span<const MethodDescription> methods);
 
   const std::string& name() const { return name_; }
   const std::vector<MethodDescription>& methods() const { return methods_; }
