@@ -1,11 +1,15 @@
 // A host without space for its state file, or without a valid one.
 
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,6 +24,7 @@ namespace jobhost {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using platform::Value;
 using testing::ElementsAre;
 
@@ -73,6 +78,109 @@ TEST_F(JobHostWithoutSpace, AHostThatCannotReplaceATornFileUsesItsValidRecords) 
   EXPECT_EQ(sink_.count("torn"), 1);
   EXPECT_THAT(host_->labels(), ElementsAre("com.example.a", "com.example.b", "com.example.c"));
   EXPECT_EQ(starts(), 4);
+}
+
+// Everything that would make the file longer or replace it fails.
+class JobHostRemovalWithoutSpace : public JobHostWithoutSpace {
+ protected:
+  std::uintmax_t fileSize() const {
+    return std::filesystem::file_size(root_.path("run/vantor/launchd.state"));
+  }
+  // But for so many bytes.
+  void fillDisk(std::uintmax_t room = 0) {
+    putObstacle();
+    disk_.emplace(fileSize() + room);
+  }
+  void emptyDisk() {
+    disk_.reset();
+    std::filesystem::remove_all(obstacle_);
+  }
+  std::optional<platform::FullDisk> disk_;
+};
+
+TEST_F(JobHostRemovalWithoutSpace, IsKnownToTheNextHost) {
+  ASSERT_TRUE(submit(job("com.example.kept")));
+  ASSERT_TRUE(submit(job("com.example.removed")));
+  fillDisk();
+  EXPECT_TRUE(removeLater("com.example.removed")->value());
+  restartHost();
+  loop_.advanceBy(1min);  // The removal is finished.
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.kept"));
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostRemovalWithoutSpace, EndsAProcessWhoseStartWasNotRecorded) {
+  ASSERT_TRUE(submit(job("com.example.a", {{"ThrottleInterval", 0}})));
+  fillDisk();
+  endLast();
+  EXPECT_EQ(pid("com.example.a"), Value(102));
+  processes_.obeysTermination = false;
+  removeLater("com.example.a");
+  restartHost();
+  loop_.advanceBy(1h);
+  EXPECT_TRUE(host_->labels().empty());
+  EXPECT_EQ(starts(), 2);
+}
+
+TEST_F(JobHostRemovalWithoutSpace, KeepsADaemonsFileFromTheNextHost) {
+  killHost();
+  root_.write("Library/LaunchDaemons/d.plist", daemonFile("com.example.d", kKeepAlive));
+  startHost();
+  ASSERT_EQ(starts(), 1);
+  fillDisk();
+  EXPECT_TRUE(removeLater("com.example.d")->value());
+  restartHost();
+  loop_.advanceBy(1min);
+  EXPECT_TRUE(host_->labels().empty());
+  disk_.reset();
+  loop_.advanceBy(1h);
+  EXPECT_EQ(starts(), 1);
+}
+
+// The disk is full at each byte of the records of an end, a start, a removal and a submission.
+class JobHostOnAFullDisk : public JobHostRemovalWithoutSpace {
+ protected:
+  // Returns whether all records had room.
+  bool play(std::uintmax_t room) {
+    const auto unthrottled = [](const char* label) {
+      return job(label, {{"ThrottleInterval", 0}});
+    };
+    EXPECT_TRUE(submit(unthrottled("a")));
+    const auto process = static_cast<platform::ProcessId>(*pid("a").integer());
+    EXPECT_TRUE(submit(unthrottled("removed")));
+    loop_.advanceBy(1h);
+    const std::uintmax_t size = fileSize();
+    fillDisk(room);
+    processes_.end(process);
+    loop_.runReady();
+    EXPECT_TRUE(removeLater("removed")->value());
+    const bool isAccepted = submit(unthrottled("new")).has_value();
+    const bool hasRoom = isAccepted && fileSize() < size + room;
+    const std::vector<std::string> labels = host_->labels();
+    EXPECT_EQ(labels, isAccepted ? std::vector<std::string>({"a", "new"}) : std::vector{"a"s});
+    const auto processes = [&] { return std::pair(pid("a"), pid("new")); };
+    const auto before = processes();
+    const std::size_t startsBefore = starts();
+    for (const bool isStillFull : {true, false}) {
+      if (!isStillFull) emptyDisk();
+      restartHost();
+      loop_.advanceBy(
+          1min);  // The removal is finished, and the file is replaced if that is possible.
+      EXPECT_EQ(host_->labels(), labels);
+      EXPECT_EQ(processes(), before);
+    }
+    EXPECT_EQ(starts(), startsBefore);
+    for (const std::string& label : labels) EXPECT_TRUE(removeLater(label)->value());
+    return hasRoom;
+  }
+};
+
+TEST_F(JobHostOnAFullDisk, NothingRunsTwiceAndNoRemovalIsForgotten) {
+  for (std::uintmax_t room = 0; !HasFailure(); ++room) {
+    SCOPED_TRACE(room);
+    if (play(room)) break;
+  }
 }
 
 TEST_F(JobHostTest, AFullDiskStopsNoKnownJob) {

@@ -5,6 +5,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 }
 #include <fstream>
 #include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -115,8 +116,10 @@ class LinuxProcessesHarness : public ProcessesHarness {
 
  private:
   static constexpr std::uint64_t kDescriptorLimit = 1024;
-  // No other run finds the marks.
-  const std::uint64_t kHost = static_cast<std::uint64_t>(::getpid());
+  // No other harness has its marks and groups, also none in another pid namespace, where the same
+  // numbers of processes share the control groups.
+  const std::uint64_t kHost =
+      (std::uint64_t{std::random_device()()} << 32) | std::random_device()();
 
   std::optional<JobGroups> groupsIf(Groups wanted) const {
     if (wanted == Groups::kNone) return std::nullopt;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "JobHost/State/StateReader.h"
+#include "JobHost/State/SubmissionInPlace.h"
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -325,7 +326,7 @@ Result<void> StateFile::appendEnded(std::string_view label, const Ending& ending
 }
 
 Result<void> StateFile::appendRemoving(std::string_view label) {
-  return append(RecordKind::kRemoving, label);
+  return appendRemoval(RecordKind::kRemoving, RecordKind::kSubmittedAndRemoving, label);
 }
 
 Result<void> StateFile::appendRemoved(std::string_view label) {
@@ -333,7 +334,15 @@ Result<void> StateFile::appendRemoved(std::string_view label) {
 }
 
 Result<void> StateFile::appendRemovedByClient(std::string_view label) {
-  return append(RecordKind::kRemovedByClient, label);
+  return appendRemoval(RecordKind::kRemovedByClient, RecordKind::kSubmittedAndRemovedByClient,
+                       label);
+}
+
+Result<void> StateFile::appendRemoval(RecordKind kind, RecordKind inPlace, std::string_view label) {
+  auto appended = append(kind, label);
+  // If this fails, too, the file says nothing of the removal until it is replaced.
+  if (!appended && file_) static_cast<void>(changeSubmission(file_, boot_, label, inPlace));
+  return appended;
 }
 
 std::vector<std::uint8_t> StateFile::makeStartRecord(std::string_view label,

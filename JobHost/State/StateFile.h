@@ -28,7 +28,8 @@ namespace jobhost {
 // symbolic link or no regular file, or is from another boot or pid namespace.
 //
 // If a record can't be written, the file is behind: it takes no further record until compact() has
-// replaced it. So what it says was true at one time.
+// replaced it. So what it says was true at one time. Only a removal is noted nonetheless: the job's
+// submission gets another kind in place, which takes no space on most file systems.
 //
 // Nothing calls fsync(): the next boot could not use what a power failure would lose.
 class StateFile {
@@ -114,6 +115,8 @@ class StateFile {
 
   platform::Result<void> replaceBy(std::span<const StoredJob> jobs, const Labels& removedByClient);
   platform::Result<void> append(RecordKind kind, std::string_view label);
+  // Appends a record of the first kind, or changes the kind of the job's submission to the second.
+  platform::Result<void> appendRemoval(RecordKind kind, RecordKind inPlace, std::string_view label);
   platform::Result<void> append(RecordKind kind, std::span<const std::uint8_t> payload);
   platform::Result<void> appendRecord(std::span<const std::uint8_t> record);
   platform::Result<void> makeReady(std::size_t recordBytes);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "JobHost/State/StateFile_fixture.h"
+#include "JobHost/State/StateReader.h"
 #include "Platform/Testing/Machine/FileSizeLimit.h"
 
 namespace jobhost {
@@ -60,7 +61,7 @@ TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordBeforeItsRewrite) {
   const std::string before = contents();
   {
     const platform::FullDisk disk(before.size() + 1);
-    EXPECT_FALSE(file->appendRemoving("a"));
+    EXPECT_FALSE(file->appendEnded("a", Ending()));
   }
   EXPECT_TRUE(file->isBehind());
   EXPECT_TRUE(file->wantsCompaction());
@@ -72,6 +73,54 @@ TEST_F(StateFileTest, AFileThatIsBehindTakesNoRecordBeforeItsRewrite) {
   ASSERT_TRUE(file->compact({}));
   EXPECT_FALSE(file->isBehind());
   EXPECT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+}
+
+TEST_F(StateFileTest, ARemovalWithoutSpaceChangesTheJobsSubmission) {
+  auto file = create();
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kLoaded, jobNamed("b")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("c")));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));  // again
+  start(*file, "a", 123);
+  const std::size_t size = contents().size();
+  {
+    const platform::FullDisk disk(size);
+    EXPECT_FALSE(file->appendRemoving("a"));
+    EXPECT_FALSE(file->appendRemovedByClient("b"));
+    EXPECT_FALSE(file->appendRemoving("unknown"));
+    EXPECT_TRUE(file->isBehind());
+  }
+  EXPECT_EQ(contents().size(), size);
+  file.reset();
+  const auto next = open();
+  EXPECT_THAT(next.warnings, IsEmpty());
+  ASSERT_THAT(labelsOf(next.jobs), ElementsAre("a", "b", "c"));
+  EXPECT_TRUE(next.jobs[0].isBeingRemoved);
+  EXPECT_TRUE(next.jobs[0].runs);
+  EXPECT_TRUE(next.jobs[1].isBeingRemoved);
+  EXPECT_FALSE(next.jobs[2].isBeingRemoved);
+  EXPECT_THAT(next.removedByClient, ElementsAre("b"));
+}
+
+TEST_F(StateFileTest, ARecordWithinASubmissionIsNotChanged) {
+  auto file = create();
+  const auto inner = submittedPayload(JobOrigin::kSubmitted, jobNamed("a"));
+  ASSERT_TRUE(inner);
+  const auto record = makeRecord(RecordKind::kSubmitted, *inner, bootMark(kBoot));
+  ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+  ASSERT_TRUE(file->appendSubmitted(
+      JobOrigin::kSubmitted,
+      Dictionary{{"Label", "b"}, {"Fill", platform::Data(record.begin(), record.end())}}));
+  {
+    const platform::FullDisk disk(contents().size());
+    EXPECT_FALSE(file->appendRemoving("a"));
+  }
+  file.reset();
+  const auto next = open();
+  EXPECT_THAT(next.warnings, IsEmpty());
+  ASSERT_THAT(labelsOf(next.jobs), ElementsAre("a", "b"));
+  EXPECT_TRUE(next.jobs[0].isBeingRemoved);
+  EXPECT_FALSE(next.jobs[1].isBeingRemoved);
 }
 
 TEST_F(StateFileTest, APartOfAnUnrecordedStartIsCutOff) {

@@ -5,6 +5,7 @@
 #include <bit>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include <fmt/format.h>
@@ -55,7 +56,7 @@ class Replay {
   bool play(RecordKind kind, View payload) {
     switch (kind) {
       case RecordKind::kSubmitted:
-        return submitted(payload);
+        return submitted(payload) != nullptr;
       case RecordKind::kStarted:
         return started(payload);
       case RecordKind::kEnded:
@@ -66,6 +67,10 @@ class Replay {
         return removed(payload);
       case RecordKind::kRemovedByClient:
         return removedByClient(payload);
+      case RecordKind::kSubmittedAndRemoving:
+        return submittedAndRemoving(payload) != nullptr;
+      case RecordKind::kSubmittedAndRemovedByClient:
+        return submittedAndRemovedByClient(payload);
     }
     return false;
   }
@@ -95,15 +100,16 @@ class Replay {
     return job;
   }
 
-  bool submitted(View payload) {
-    if (payload.empty()) return false;
+  // Null for a record that makes no sense.
+  StoredJob* submitted(View payload) {
+    if (payload.empty()) return nullptr;
     const auto origin = static_cast<JobOrigin>(payload.front());
     if (origin != JobOrigin::kLoaded && origin != JobOrigin::kSubmitted) {
-      return false;
+      return nullptr;
     }
     auto dictionary = platform::readPropertyList(payload.subspan(1), "");
     const std::string* label = dictionary ? (*dictionary)["Label"].string() : nullptr;
-    if (!label) return false;
+    if (!label) return nullptr;
     const bool isKnown = numbers_.contains(*label) && !lostDefinitions_.contains(*label);
     StoredJob& job = add(*label);
     if (isKnown && isReplacedByClient(job.origin, origin)) removedByClient_.insert(*label);
@@ -111,7 +117,19 @@ class Replay {
     job.origin = origin;
     job.dictionary = *std::move(dictionary);
     job.submissionBytes = sizeof(RecordHeader) + payload.size();
-    return true;
+    return &job;
+  }
+
+  StoredJob* submittedAndRemoving(View payload) {
+    StoredJob* const job = submitted(payload);
+    if (job) job->isBeingRemoved = true;
+    return job;
+  }
+
+  bool submittedAndRemovedByClient(View payload) {
+    const StoredJob* const job = submittedAndRemoving(payload);
+    if (job) removedByClient_.insert(job->label);
+    return job != nullptr;
   }
 
   bool started(View payload) {
@@ -193,6 +211,15 @@ std::size_t soundRecordSize(View bytes, std::uint64_t boot) {
   return header.check == recordCheck(header, payload.data()) ? sizeof header + header.size : 0;
 }
 
+bool isSubmissionOf(std::string_view label, View record) {
+  const auto header = take<RecordHeader>(record);
+  if (header.kind != static_cast<std::uint32_t>(RecordKind::kSubmitted) || record.empty()) {
+    return false;
+  }
+  const auto dictionary = platform::readPropertyList(record.subspan(1), "");
+  return dictionary && (*dictionary)["Label"] == Value(label);
+}
+
 // The place of the next sound record after the first byte, or the size of `bytes`.
 std::size_t nextSoundRecord(View bytes, std::uint64_t boot) {
   const auto mark = std::bit_cast<std::array<std::uint8_t, sizeof boot>>(boot);
@@ -265,6 +292,25 @@ Bytes endPayload(const Ending& ending, std::string_view label) {
   add(bytes, fields);
   add(bytes, label);
   return bytes;
+}
+
+std::optional<std::size_t> placeOfSubmission(View bytes, std::uint64_t boot,
+                                             std::string_view label) {
+  std::optional<std::size_t> place;
+  for (std::size_t at = 0; at < bytes.size();) {
+    const View rest = bytes.subspan(at);
+    const std::size_t size = soundRecordSize(rest, boot);
+    if (size > 0 && isSubmissionOf(label, rest.first(size))) place = at;
+    at += size > 0 ? size : nextSoundRecord(rest, boot);
+  }
+  return place;
+}
+
+RecordHeader headerWithKind(RecordKind kind, View bytes) {
+  auto header = take<RecordHeader>(bytes);
+  header.kind = static_cast<std::uint32_t>(kind);
+  header.check = recordCheck(header, bytes.data());
+  return header;
 }
 
 Result<StateContents> readState(View bytes, std::string_view bootId) {

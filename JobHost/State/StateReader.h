@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -40,6 +41,13 @@ struct StateContents {
   std::size_t firstDamage = 0;
   Labels lostDefinitions;
 };
+
+// The place of the last sound submission of the job in the bytes of a state file.
+std::optional<std::size_t> placeOfSubmission(std::span<const std::uint8_t> bytes,
+                                             std::uint64_t boot, std::string_view label);
+
+// The header of the sound record at the beginning of `bytes`, with another kind.
+RecordHeader headerWithKind(RecordKind kind, std::span<const std::uint8_t> bytes);
 
 // Reads the bytes of a state file. Damage costs only the records that it hits. kInvalid, with the
 // reason and the place, if no record is of this boot and the file does not begin as one of it.

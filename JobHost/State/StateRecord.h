@@ -26,6 +26,10 @@ enum class RecordKind : std::uint32_t {
   // boot, and the job, if it is known, is being removed. This is one record, because half of it
   // would be wrong.
   kRemovedByClient = 6,
+  // The same bytes as kSubmitted. The kind was changed in place when the job's removal began,
+  // because a full disk had no room for kRemoving or kRemovedByClient.
+  kSubmittedAndRemoving = 7,
+  kSubmittedAndRemovedByClient = 8,
 };
 
 // The identity of a job's process, by which a later host tells it from any other that may get its

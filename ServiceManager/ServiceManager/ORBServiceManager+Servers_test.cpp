@@ -67,6 +67,28 @@ TEST_F(MessagesTest, TheQueriesAnswerByTheirSelectors) {
   EXPECT_EQ(send("lastExitStatusForService:", {kAgent}), Value(9));
 }
 
+TEST_F(MessagesTest, ServicesComeInPages) {
+  const Value all = manager().services();
+  EXPECT_EQ(send("servicesAfter:", {""}), all);
+  EXPECT_EQ(send("servicesAfter:", {(all.dictionary()->end() - 1)->first}), Value(Dictionary()));
+  expectRaised("servicesAfter:", 5, "expected a label, got NSNumber");
+  expectRaised("servicesAfter:", "com.example.unknown", "expected the label of a service");
+}
+
+TEST_F(MessagesTest, TooManyServicesForAMessageRaise) {
+  Dictionary services = *catalogue()["Services"].dictionary();
+  const Value large = Array(60'000, Value(true));
+  for (const char* label : {kAgent, kHelper}) services.set(label, entry(label, {{"Large", large}}));
+  use(catalogue(services));
+  const MessageResult answer = receive("services", {});
+  ASSERT_FALSE(answer);
+  EXPECT_EQ(answer.error().name, kNSInvalidArgumentException);
+  EXPECT_THAT(answer.error().reason, HasSubstr("don't fit into one message"));
+  EXPECT_THAT(answer.error().reason, HasSubstr("\"servicesAfter:\""));
+  const Value page = send("servicesAfter:", {""});
+  EXPECT_TRUE(page.dictionary() && !page.dictionary()->empty());
+}
+
 TEST_F(MessagesTest, TheInstallersAnswerWaitsForTheLastService) {
   jobs_.ignoreTermination(kAgent);
   bool isAnswered = false;

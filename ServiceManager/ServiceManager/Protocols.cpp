@@ -11,6 +11,7 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
       {{"evaluateServices", kTwoWay}, {"shutdownServices:", kTwoWay}});
   add(kORBServiceManagerUserInterfaceProtocol, {{"registerClient:", kOneWay},
                                                 {"services", kTwoWay},
+                                                {"servicesAfter:", kTwoWay},
                                                 {"pidForService:", kTwoWay},
                                                 {"lastExitStatusForService:", kTwoWay},
                                                 {"stopServices:", kOneWay},

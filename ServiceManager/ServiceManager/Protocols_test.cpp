@@ -23,6 +23,7 @@ TEST(ServiceManagerProtocols, EachMethodHasItsKind) {
         {"stopServices:", kOneWay},
         {"startServices:", kOneWay},
         {"services", kTwoWay},
+        {"servicesAfter:", kTwoWay},
         {"pidForService:", kTwoWay},
         {"lastExitStatusForService:", kTwoWay}}},
       {kORBServiceManagerUserInterfaceDelegateProtocol, {{"jobStatusDidChangeWithInfo:", kTwoWay}}},

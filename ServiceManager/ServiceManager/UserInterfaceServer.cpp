@@ -2,9 +2,12 @@
 
 #include <utility>
 
+#include "Platform/Peers/PeerMessageRules.h"
+#include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/ServiceManager/ChangeRequests.h"
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 #include "ServiceManager/ServiceManager/ServerMessages.h"
+#include "ServiceManager/ServiceManager/ServicePages.h"
 
 using namespace platform;
 
@@ -34,7 +37,8 @@ void UserInterfaceServer::takeMessage(std::string_view selector, const Array& ar
 
 MessageResult UserInterfaceServer::answerTo(const ServerMessage& message) {
   const std::string_view selector = message.selector;
-  if (selector == "services") return manager_.services();
+  if (selector == "services") return services(message);
+  if (selector == "servicesAfter:") return servicesAfter(message);
   if (selector == "stopServices:") {
     return message.withLabels([this](const Array& labels) -> MessageResult {
       if (auto refusal = changes_.refusal()) return std::unexpected(*std::move(refusal));
@@ -56,4 +60,24 @@ MessageResult UserInterfaceServer::answerTo(const ServerMessage& message) {
     return Value();
   }
   return message.unrecognizedSelector();
+}
+
+MessageResult UserInterfaceServer::services(const ServerMessage& message) const {
+  Value services = manager_.services();
+  const auto measured = peerBodyBytes({services});
+  if (measured) return services;
+  return raised(kNSInvalidArgumentException,
+                stringWithFormat("-[%@ %@]: the services don't fit into one message (%@); "
+                                 "\"servicesAfter:\" answers with a part of them",
+                                 message.receiver, message.selector, describe(measured.error())));
+}
+
+MessageResult UserInterfaceServer::servicesAfter(const ServerMessage& message) const {
+  const Value last = message.argument();
+  if (!last.string()) return message.invalidArgument("a label");
+  const Value services = manager_.services();
+  if (!services.dictionary()) return Value(Dictionary());
+  auto page = pageOfServices(*services.dictionary(), *last.string());
+  if (!page) return message.invalidArgument("the label of a service, or an empty text");
+  return Value(*std::move(page));
 }

@@ -135,6 +135,16 @@ TEST_F(ExitMonitorTest, AWatchThatCannotBeArmedCountsAsSuccess) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+TEST_F(ExitMonitorTest, AWatchThatCouldNotBeArmedIsArmedLater) {
+  submit(kAgent);
+  exitWatcher_.setWatchLimit(0);
+  EXPECT_TRUE(monitor(kAgent));
+  exitWatcher_.setWatchLimit(1);
+  EXPECT_TRUE(monitor(kAgent));
+  EXPECT_TRUE(isMonitored(kAgent));
+  EXPECT_EQ(exitWatcher_.watchCount(), 1u);
+}
+
 TEST_F(ExitMonitorTest, AnEndIsReportedOnceAndItsWatchRemoved) {
   submit(kAgent, 3600);
   monitor(kAgent);

@@ -4,6 +4,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -14,6 +15,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 namespace platform {
@@ -108,10 +110,12 @@ class RealControlGroup : public testing::Test {
     const auto hierarchy = ControlGroupHierarchy::find();
     if (!hierarchy) GTEST_SKIP() << describe(hierarchy.error());
     const std::string own = hierarchy->folderOf(contentOfKernelFile("/proc/self/cgroup"));
-    group_.emplace(own + "/vantor-test-" + std::to_string(::getpid()));
-    const auto opened = group_->open();
-    if (!opened) GTEST_SKIP() << describe(opened.error());
+    // Its name is unique also among tests in other pid namespaces.
+    std::string folder = own + "/vantor-test-XXXXXX";
+    if (!::mkdtemp(folder.data())) GTEST_SKIP() << describe(systemError("mkdtemp"));
+    group_.emplace(folder);
     isMade_ = true;
+    EXPECT_TRUE(group_->open());
   }
   void TearDown() override {
     if (!isMade_) return;
