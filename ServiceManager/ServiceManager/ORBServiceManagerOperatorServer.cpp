@@ -140,5 +140,9 @@ MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selecto
     return message.withLabels(
         [&](const Array& labels) { return report.jobsOfServices(*picture, labels); });
   }
+  if (selector == "reasonsOfServices:") {
+    return message.withLabels(
+        [&](const Array& labels) { return report.reasonsOfServices(*picture, labels); });
+  }
   return message.unrecognizedSelector();
 }

@@ -76,6 +76,8 @@ inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, o
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
 // A word of CodeProtection: what keeps an intact program as it was when it was verified.
 inline constexpr char kFactProgramProtection[] = "ProgramProtection";
+// Its job's "ThrottleInterval", as in the catalogue.
+inline constexpr char kFactThrottle[] = "ThrottleInterval";
 // The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History",
 // "ProgramHasChanged".
 // Absent if there is no job, or if the host does not answer. "jobsOfServices:" answers with this

@@ -134,6 +134,11 @@ void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture&
 }
 
 Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) {
+  return factsOf(picture, label, {.all = kProbeTime});
+}
+
+Value OperatorReport::factsOf(const OperatorPicture& picture, std::string_view label,
+                              ProbeTimes left) {
   const ServiceCatalogue& catalogue = *picture.catalogue;
   const Value entry = catalogue.service(label);
   const bool isOfProduct = !entry.isNil();
@@ -162,7 +167,7 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
   addProgramFacts(facts, situation, catalogue.jobInfo(label));
   situation.job = addJobFacts(facts, label);
   addHealthFacts(facts, situation, picture, label);
-  addSwitches(facts, situation, picture, label);
+  addSwitches(facts, situation, picture, label, left);
   if (situation.areFeaturesMalformed && !situation.isPrimary) situation.isRetried = false;
   facts.set(kFactIsRetried, situation.isRetried);
   facts.set(kFactReason, reasonOf(situation));
@@ -186,6 +191,7 @@ void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situati
 void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situation,
                                      const Value& jobInfo) const {
   situation.program = std::nullopt;
+  setIfKnown(facts, kFactThrottle, jobInfo["ThrottleInterval"]);
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);
@@ -235,7 +241,8 @@ void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situati
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
-                                 const OperatorPicture& picture, std::string_view label) {
+                                 const OperatorPicture& picture, std::string_view label,
+                                 ProbeTimes& left) {
   if (situation.type != kFeatureService) return;
   const auto configurations = featureConfigurations(*picture.catalogue, label);
   if (!configurations) {
@@ -244,7 +251,6 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
     return;
   }
   Array all;
-  ProbeTimes left{.all = kProbeTime, .ofSource = {}};
   for (const FeatureConfiguration& configuration : *configurations) {
     for (const auto& [key, expected] : configuration.switches) {
       Dictionary row{

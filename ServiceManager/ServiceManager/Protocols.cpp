@@ -26,6 +26,7 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                            {"entriesOfServices:", kTwoWay},
                                            {"factsOfService:", kTwoWay},
                                            {"jobsOfServices:", kTwoWay},
+                                           {"reasonsOfServices:", kTwoWay},
                                            {"awaitServices:", kTwoWay},
                                            {"extensions", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
