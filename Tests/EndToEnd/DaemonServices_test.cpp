@@ -131,8 +131,7 @@ TEST_F(DaemonServicesLong, AStopFailsWhileTheJobHostHangs) {
   root_.awaitLog("Unable to unload " + label);
   EXPECT_TRUE(isRunning(process));
   // No other client gets "stopped" as the answer, or waits for the host as long again.
-  EXPECT_THAT(root_.host().control({"list"}).output,
-              ContainsRegex(label + " +core +unknown +-  -\n"));
+  EXPECT_THAT(root_.host().control({"list"}).output, ContainsRegex(label + " +core +unknown +-  "));
   EXPECT_THAT(root_.host().control({"explain", label}).output,
               HasSubstr("Whether " + label + " runs is not known: the job host gives no answer."));
 

@@ -33,12 +33,14 @@
 #include "Tools/servicemanagerctl/Arguments.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
+#include "Tools/servicemanagerctl/ListCommand.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
+#include "Tools/servicemanagerctl/ShowCommand.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
@@ -192,6 +194,8 @@ int run(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  const ListCommand listCommand(app);
+  const ShowCommand showCommand(app);
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
   const SettingsCommands settingsCommands(app);
@@ -224,6 +228,8 @@ int run(int argc, char** argv) {
   if (!linuxPlatform) return fail(linuxPlatform.error());
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
+  if (listCommand.parsed()) return runServiceCommand(listCommand, linux);
+  if (showCommand.parsed()) return runServiceCommand(showCommand, linux);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
   if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
@@ -241,5 +247,6 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");  // Texts are shown in the terminal's characters.
   prepareStandardFiles();
+  letReaderLeave();  // The reader may be head, or a pager.
   return concludingStatus(run(argc, argv));
 }

@@ -31,15 +31,19 @@ _servicemanagerctl() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word")
     return
   fi
+  if [ "$previous" = --type ] && [ "${commands[0]}" = list ]; then
+    mapfile -t COMPREPLY < <(compgen -W 'core feature' -- "$word")
+    return
+  fi
   if [ "$previous" = --type ]; then
     mapfile -t COMPREPLY < <(compgen -W 'boolean integer real number string data' -- "$word")
     return
   fi
   local words=
   case ${commands[*]:0:2} in
-    '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
-      jobs platform log-test' ;;
-    start* | stop* | explain | 'installer begin')
+    '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch
+      installer settings log endpoints execinfo jobs platform log-test' ;;
+    list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
         return
@@ -68,7 +72,10 @@ _servicemanagerctl() {
   if [[ $word == -* ]]; then
     words='--help --json --root'
     case ${commands[*]:0:2} in
-      list) words+=' --wide' ;;
+      list*) words+=' --wide --failed --type --fields --value' ;;
+      start* | stop* | restart*) words+=' --wait --no-wait --timeout' ;;
+      is-*) words+=' --quiet' ;;
+      explain) words+=' --all --not-running' ;;
       health) words+=' --openmetrics' ;;
       log) words+=' --follow' ;;
       'settings set') words+=' --type' ;;

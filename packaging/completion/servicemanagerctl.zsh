@@ -22,14 +22,15 @@ _servicemanagerctl_labels() {
 if [[ $words[CURRENT-1] == --root ]]; then
   _directories
 elif [[ $words[CURRENT-1] == --type ]]; then
-  compadd boolean integer real number string data
+  [[ $commands[1] == list ]] && compadd core feature || compadd boolean integer real number string data
 elif [[ $words[CURRENT] == -* ]]; then
-  compadd -- --help --json --root --wide --openmetrics --follow --type
+  compadd -- --help --json --root --wide --failed --fields --value --wait --no-wait --timeout \
+    --quiet --all --not-running --openmetrics --follow --type
 else
   case "$commands[1] $commands[2]" in
-    ' ') compadd list start stop health explain extensions watch installer settings log endpoints execinfo jobs \
-      platform log-test ;;
-    start\ * | stop\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
+    ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch \
+      installer settings log endpoints execinfo jobs platform log-test ;;
+    list\ * | show\ * | start\ * | stop\ * | restart\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
     settings\ *) (($#commands == 2)) &&
