@@ -63,6 +63,8 @@ inline constexpr char kActivityIsRemovedBeforeItRuns[] = "isRemovedBeforeItRuns"
 // * array: the names of its extensions whose last start has failed; absent if there are none.
 inline constexpr char kFactFailedExtensions[] = "FailedExtensions";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
+// Its job's "ThrottleInterval", as in the catalogue.
+inline constexpr char kFactThrottle[] = "ThrottleInterval";
 inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * as in the catalogue
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
 inline constexpr char kFactKernel[] = "KernelMajorNumber";
@@ -76,8 +78,6 @@ inline constexpr char kFactProgramFault[] = "ProgramFault";  // why it is not, o
 inline constexpr char kFactProgramIdentifier[] = "ProgramIdentifier";  // that its signature names
 // A word of CodeProtection: what keeps an intact program as it was when it was verified.
 inline constexpr char kFactProgramProtection[] = "ProgramProtection";
-// Its job's "ThrottleInterval", as in the catalogue.
-inline constexpr char kFactThrottle[] = "ThrottleInterval";
 // The job host's facts of its job: "PID", "LastExitStatus", "LastExitStatusUnknown", "History",
 // "ProgramHasChanged".
 // Absent if there is no job, or if the host does not answer. "jobsOfServices:" answers with this

@@ -171,6 +171,7 @@ Value OperatorReport::factsOf(const OperatorPicture& picture, std::string_view l
   if (situation.areFeaturesMalformed && !situation.isPrimary) situation.isRetried = false;
   facts.set(kFactIsRetried, situation.isRetried);
   facts.set(kFactReason, reasonOf(situation));
+  setIfKnown(facts, kFactThrottle, catalogue.jobInfo(label)["ThrottleInterval"]);
   return facts;
 }
 
@@ -191,7 +192,6 @@ void OperatorReport::addSystemFacts(Dictionary& facts, ServiceSituation& situati
 void OperatorReport::addProgramFacts(Dictionary& facts, ServiceSituation& situation,
                                      const Value& jobInfo) const {
   situation.program = std::nullopt;
-  setIfKnown(facts, kFactThrottle, jobInfo["ThrottleInterval"]);
   const std::string* program = jobInfo["Program"].string();
   if (!program) return;
   facts.set(kFactProgram, *program);

@@ -61,12 +61,12 @@ class OperatorReport {
   // The facts of the jobs of those labels that are services of this product, by label.
   platform::Value jobsOfServices(const OperatorPicture& picture,
                                  const platform::Array& labels) const;
-  // Why those of these services that are of this product run or do not, by label. Asks no settings
-  // server: the switches have the values of the last evaluation.
-  platform::Value reasonsOfServices(const OperatorPicture& picture, const platform::Array& labels);
   // The extensions of the catalogue by name. Blocks for a second at most for each extension that
   // takes no connection.
   platform::Dictionary extensions(const OperatorPicture& picture) const;
+  // Why those of these services that are of this product run or do not, by label. Asks no settings
+  // server: the switches have the values of the last evaluation.
+  platform::Value reasonsOfServices(const OperatorPicture& picture, const platform::Array& labels);
 
  private:
   // The rest of the time that settings servers get to answer for these facts.

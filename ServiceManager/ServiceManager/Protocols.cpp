@@ -26,9 +26,9 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                            {"entriesOfServices:", kTwoWay},
                                            {"factsOfService:", kTwoWay},
                                            {"jobsOfServices:", kTwoWay},
-                                           {"reasonsOfServices:", kTwoWay},
                                            {"awaitServices:", kTwoWay},
-                                           {"extensions", kTwoWay}});
+                                           {"extensions", kTwoWay},
+                                           {"reasonsOfServices:", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
       {{"signatureWithReply:", kTwoWay},
        {"registerXPCListenerEndpoint:forPasskey:withName:withReply:", kTwoWay},

@@ -26,7 +26,7 @@ class OperatorsDayTest : public testing::Test {
  protected:
   static constexpr char kAgent[] = "com.vantor.demo.agent";
   static constexpr char kWebFilter[] = "com.vantor.demo.webfilter";
-  static constexpr int kTimedOut = 7;
+  static constexpr int kTimedOut = 8;
   static constexpr int kNoSuchLabel = 3;
 
   static std::vector<std::string> environmentOf(ProcessId process) {

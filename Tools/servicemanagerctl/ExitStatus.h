@@ -9,4 +9,4 @@ inline constexpr int kExitNotPermitted = 4;   // this user may not
 inline constexpr int kExitNobodyThere = 5;    // no service manager, job host or settings server
 // The server and the tool do not recognize each other
 inline constexpr int kExitNotAuthenticated = 6;
-inline constexpr int kExitTimedOut = 7;  // the request was not done within --timeout
+inline constexpr int kExitTimedOut = 8;  // the request was not done within --timeout
