@@ -1,6 +1,7 @@
 #include "Tools/servicemanagerctl/ListCommand.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <utility>
 
@@ -58,7 +59,7 @@ ListCommand::ListCommand(CLI::App& app)
   list_->add_flag("--failed", failed_, "Only services that are to run and do not");
   list_->add_option("--type", type_, "Only services of this type: core or feature")
       ->check(CLI::IsMember({"core", "feature"}));
-  list_->add_option("--fields", fields_, "The columns: " + namesOfFields())->delimiter(',');
+  list_->add_option("--fields", fields_, "The columns: " + namesOfFields());
   list_->add_flag("--value", value_, "For scripts: the fields alone, with a tabulator between")
       ->excludes("--json");
   for (CLI::App* command : {isRunning_, isFailed_}) {
@@ -122,7 +123,10 @@ Answer<int> ListCommand::judge(const DaemonClient::Environment& environment) con
 
 Answer<ServiceFields> ListCommand::fields() const {
   ServiceFields fields;
-  for (const std::string& name : fields_) {
+  for (std::string rest = fields_; !rest.empty();) {
+    const std::size_t end = std::min(rest.find(','), rest.size());
+    const std::string name = rest.substr(0, end);
+    rest.erase(0, end + 1);
     const auto field = fieldNamed(name);
     if (!field) {
       return std::unexpected(Refusal{

@@ -33,7 +33,7 @@ class ListCommand {
   CLI::App* isRunning_;
   CLI::App* isFailed_;
   std::vector<std::string> labels_;
-  std::vector<std::string> fields_;
+  std::string fields_;  // their names, with a comma between
   std::string type_;
   bool json_ = false;
   bool wide_ = false;
