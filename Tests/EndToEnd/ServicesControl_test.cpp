@@ -59,7 +59,7 @@ TEST_F(ServicesControlTest, TheListShowsEachServiceOfTheProduct) {
             ContainsRegex(
                 "com\\.vantor\\.demo\\.modern +core +needs 10\\.11 +- .*  this system is older\n"),
             ContainsRegex("com\\.vantor\\.demo\\.webfilter +feature +stopped +- .*  "
-                          "switch off: common/WebFilterEnabled\n"),
+                          "switch off: common/WebFilterEnabled and 1 more\n"),
             Not(HasSubstr("parental"))));  // of another product
   const auto json = root_.control({"list", "--json"});
   EXPECT_THAT(json.output,
