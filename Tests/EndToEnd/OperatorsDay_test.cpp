@@ -48,7 +48,6 @@ TEST_F(OperatorsDayTest, AnInstallerHasABannerAndIsAReason) {
   EXPECT_EQ(refused.status, exited(kFailed));
   EXPECT_THAT(refused.errors, HasSubstr("an installer is at work"));
   ASSERT_EQ(root_.control({"installer", "end"}).status, exited(0));
-  EXPECT_EQ(root_.control({"reload-settings"}).status, exited(0));
 }
 
 TEST_F(OperatorsDayTest, AStartOfASwitchedOffServiceSaysThatItIsUndone) {
