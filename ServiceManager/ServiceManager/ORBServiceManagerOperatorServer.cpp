@@ -127,6 +127,10 @@ MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selecto
     return selector == "overviewFrom:" ? report.overview(*picture, page)
                                        : report.healthRecord(*picture, page);
   }
+  if (selector == "reasonsOfServices:") {
+    return message.withLabels(
+        [&](const Array& labels) { return report.reasonsOfServices(*picture, labels); });
+  }
   if (selector == "extensions") return Value(report.extensions(*picture));
   if (selector == "factsOfService:") {
     const Value label = message.argument();

@@ -49,11 +49,12 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   ORBServiceManagerOperatorServer& operator=(const ORBServiceManagerOperatorServer&) = delete;
 
   // "overview"; "healthRecord"; "factsOfService:" with a label; "jobsOfServices:" with an array of
-  // labels; "treesOfServices:" and "entriesOfServices:" with the same; "extensions".
-  // "overviewFrom:" and "healthRecordFrom:" with a number answer with a page of services, the first
-  // of which has this number, and with the number of all services. See OperatorReport.h for the
-  // answers and for how long each blocks. "awaitServices:" with an array of labels is answered, by
-  // true, when the service manager is no longer busy with any of these services.
+  // labels; "treesOfServices:", "entriesOfServices:" and "reasonsOfServices:" with the same;
+  // "extensions". "overviewFrom:" and "healthRecordFrom:" with a number answer with a page of
+  // services, the first of which has this number, and with the number of all services. See
+  // OperatorReport.h for the answers and for how long each blocks. "awaitServices:" with an array
+  // of labels is answered, by true, when the service manager is no longer busy with any of these
+  // services.
   void takeMessage(std::string_view selector, const platform::Array& arguments,
                    platform::MessageReply reply) override;
 

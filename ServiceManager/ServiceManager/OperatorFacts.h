@@ -63,6 +63,8 @@ inline constexpr char kActivityIsRemovedBeforeItRuns[] = "isRemovedBeforeItRuns"
 // * array: the names of its extensions whose last start has failed; absent if there are none.
 inline constexpr char kFactFailedExtensions[] = "FailedExtensions";
 inline constexpr char kFactIsPrimaryStopped[] = "IsPrimaryStoppedByUserInterface";
+// Its job's "ThrottleInterval", as in the catalogue.
+inline constexpr char kFactThrottle[] = "ThrottleInterval";
 inline constexpr char kFactMinimumOSVersion[] = "MinimumOSVersion";     // * as in the catalogue
 inline constexpr char kFactNeededKernel[] = "NeededKernelMajorNumber";  // of a known release
 inline constexpr char kFactKernel[] = "KernelMajorNumber";

@@ -133,6 +133,11 @@ void OperatorReport::addMarksOfService(Dictionary& facts, const OperatorPicture&
 }
 
 Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string_view label) {
+  return factsOf(picture, label, {.all = kProbeTime});
+}
+
+Value OperatorReport::factsOf(const OperatorPicture& picture, std::string_view label,
+                              ProbeTimes left) {
   const ServiceCatalogue& catalogue = *picture.catalogue;
   const Value entry = catalogue.service(label);
   const bool isOfProduct = !entry.isNil();
@@ -161,10 +166,11 @@ Value OperatorReport::factsOfService(const OperatorPicture& picture, std::string
   addProgramFacts(facts, situation, picture, label);
   situation.job = addJobFacts(facts, picture.jobs->find(label), JobHistoryDetail::kCountsAndEnds);
   addHealthFacts(facts, situation, picture, label);
-  addSwitches(facts, situation, picture, label);
+  addSwitches(facts, situation, picture, label, left);
   if (situation.areFeaturesMalformed && !situation.isPrimary) situation.isRetried = false;
   facts.set(kFactIsRetried, situation.isRetried);
   facts.set(kFactReason, reasonOf(situation));
+  setIfKnown(facts, kFactThrottle, catalogue.jobInfo(label)["ThrottleInterval"]);
   return facts;
 }
 
@@ -240,7 +246,8 @@ void OperatorReport::addHealthFacts(Dictionary& facts, ServiceSituation& situati
 }
 
 void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
-                                 const OperatorPicture& picture, std::string_view label) {
+                                 const OperatorPicture& picture, std::string_view label,
+                                 ProbeTimes& left) {
   if (situation.type != kFeatureService) return;
   const auto configurations = featureConfigurations(*picture.catalogue, label);
   if (!configurations) {
@@ -249,7 +256,6 @@ void OperatorReport::addSwitches(Dictionary& facts, ServiceSituation& situation,
     return;
   }
   Array all;
-  ProbeTimes left{.all = kProbeTime, .ofSource = {}};
   for (const FeatureConfiguration& configuration : *configurations) {
     for (const auto& [key, expected] : configuration.switches) {
       Dictionary row{

@@ -65,8 +65,17 @@ class OperatorReport {
   // The extensions of the catalogue by name. Blocks for a second at most for each extension that
   // takes no connection.
   platform::Dictionary extensions(const OperatorPicture& picture) const;
+  // Why those of these services that are of this product run or do not, by label. Asks no settings
+  // server: the switches have the values of the last evaluation.
+  platform::Value reasonsOfServices(const OperatorPicture& picture, const platform::Array& labels);
 
  private:
+  // The rest of the time that settings servers get to answer for these facts.
+  struct ProbeTimes {
+    platform::Duration all{};
+    std::map<std::string, platform::Duration> ofSource = {};  // by prefix
+  };
+  platform::Value factsOf(const OperatorPicture& picture, std::string_view label, ProbeTimes left);
   platform::Duration until(platform::Instant due) const;
   void addOperatingFacts(platform::Dictionary& facts, const OperatorPicture& picture) const;
   void addMarksOfService(platform::Dictionary& facts, const OperatorPicture& picture,
@@ -81,12 +90,7 @@ class OperatorReport {
   void addHealthFacts(platform::Dictionary& facts, ServiceSituation& situation,
                       const OperatorPicture& picture, std::string_view label) const;
   void addSwitches(platform::Dictionary& facts, ServiceSituation& situation,
-                   const OperatorPicture& picture, std::string_view label);
-  // The rest of the time that settings servers get to answer for these facts.
-  struct ProbeTimes {
-    platform::Duration all;
-    std::map<std::string, platform::Duration> ofSource;  // by prefix
-  };
+                   const OperatorPicture& picture, std::string_view label, ProbeTimes& left);
   // These add their results to the facts of the switch.
   SwitchOutcome addSwitchFacts(platform::Dictionary& facts, const OperatorPicture& picture,
                                const FeatureConfiguration& configuration, const std::string& key,

@@ -29,7 +29,8 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                            {"jobsOfServices:", kTwoWay},
                                            {"treesOfServices:", kTwoWay},
                                            {"awaitServices:", kTwoWay},
-                                           {"extensions", kTwoWay}});
+                                           {"extensions", kTwoWay},
+                                           {"reasonsOfServices:", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,
       {{"signatureWithReply:", kTwoWay},
        {"registerXPCListenerEndpoint:forPasskey:withName:withReply:", kTwoWay},

@@ -57,7 +57,7 @@ TEST_F(HeldMainThread, HoldsUpNoAnswerToTheOperator) {
   if (!held->isHeld()) GTEST_SKIP() << "this user may not hold a thread of another program";
 
   const auto listed = listOfBusyDaemon();
-  EXPECT_THAT(listed.output, ContainsRegex("demo\\.agent +core +running +" + agent + "  -\n"));
+  EXPECT_THAT(listed.output, ContainsRegex("demo\\.agent +core +running +" + agent + "  "));
   EXPECT_THAT(listed.errors, AllOf(HasSubstr(kBusy), HasSubstr("gives no answer, for ")));
   EXPECT_THAT(quickly({"explain", kAgent}).output,
               AllOf(HasSubstr("runs as process " + agent + ", because"),

@@ -10,3 +10,4 @@ inline constexpr int kExitNobodyThere = 5;    // no service manager, job host or
 // The server and the tool do not recognize each other
 inline constexpr int kExitNotAuthenticated = 6;
 inline constexpr int kExitWarnings = 7;  // "doctor" found warnings, and no error
+inline constexpr int kExitTimedOut = 8;  // the request was not done within --timeout

@@ -21,6 +21,7 @@
 #include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
+#include "Tools/servicemanagerctl/NextStep.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -385,6 +386,8 @@ std::vector<std::pair<std::string, std::string>> detailsOf(const Facts& facts) {
                                              inSeconds(facts[kFactStopIn])));
   }
   details.emplace_back("next retry", aboutRetry(facts));
+  if (auto step = nextStep(facts.all()); !step.empty())
+    details.emplace_back("next step", std::move(step));
   if (facts.is(kFactSettingsChangesWait)) {
     details.emplace_back("settings",
                          "a change came outside normal mode; further ones are evaluated "
@@ -427,9 +430,7 @@ std::string asText(const Explanation& explanation, Reader reader) {
 
 Json asJson(const Explanation& explanation, const Value& facts) {
   const std::string* label = facts[kFactLabel].string();
-  return {{"label", label ? *label : ""},
-          {"runs", explanation.runs},
-          {"reason", explanation.reason},
-          {"verdict", explanation.verdict},
-          {"facts", jsonOf(facts)}};
+  return {{"label", label ? *label : ""}, {"runs", explanation.runs},
+          {"reason", explanation.reason}, {"verdict", explanation.verdict},
+          {"nextStep", nextStep(facts)},  {"facts", jsonOf(facts)}};
 }

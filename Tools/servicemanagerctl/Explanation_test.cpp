@@ -9,8 +9,6 @@
 
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
-#include "Tools/servicemanagerctl/ExitStatus.h"
-#include "Tools/servicemanagerctl/OperatorCommands.h"
 
 namespace {
 
@@ -405,16 +403,6 @@ TEST(ExplanationTest, ProgramsGetTheFactsToo) {
   EXPECT_EQ(json["runs"], true);
   EXPECT_EQ(json["reason"], "core");
   EXPECT_EQ(json["facts"]["Job"]["PID"], 7);
-}
-
-TEST(ExplanationTest, AnUnknownLabelNamesTheKnownOnes) {
-  const Value overview =
-      Dictionary{{kFactServices, Dictionary{{"web", Dictionary()}, {"agent", Dictionary()}}},
-                 {kFactOtherServices, Dictionary{{"mail", Array{"office"}}}}};
-  EXPECT_EQ(unknownLabel("agnt\033", overview),
-            (Refusal{kExitUnknownLabel,
-                     "no service has the label \"agnt\\u001b\"; there are: agent, mail, web"}));
-  EXPECT_EQ(unknownLabel("x", {}).exitStatus, kExitUnknownLabel);
 }
 
 TEST(ExplanationTest, TheLastEndIsForgottenWithTheJob) {

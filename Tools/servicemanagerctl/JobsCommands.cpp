@@ -19,6 +19,8 @@ namespace {
 
 using namespace platform;
 
+constexpr char kServiceManagersLabel[] = "com.vantor.servicemanager";
+
 }  // namespace
 
 struct JobsCommands::Connected {
@@ -119,5 +121,9 @@ int JobsCommands::remove(const Connected& to) const {
   if (!outcome) return to.refuse(outcome.error());
   print(json_ ? dumped(nlohmann::ordered_json{{"label", label_}, {"removed", true}})
               : plain(label_) + " is removed.\n");
+  if (label_ == kServiceManagersLabel)
+    remark(
+        "without it nobody watches the services; \"servicemanagerctl jobs submit FILE\" brings it "
+        "back, with its file in the folder LaunchDaemons of the product");
   return EXIT_SUCCESS;
 }

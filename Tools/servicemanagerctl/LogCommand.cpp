@@ -78,15 +78,13 @@ LogCommand::LogCommand(CLI::App& app)
 int LogCommand::run(const PlatformConfiguration& configuration, RunLoop& loop) const {
   if (configuration.logSink == Sink::kJournal)
     return fail(
-        "this platform logs to the journal; read it with \"journalctl SYSLOG_FACILITY=3\", and "
-        "with "
-        "-f to follow it");
+        "this platform logs to the journal; read it with \"journalctl _COMM=servicemanagerd + "
+        "_COMM=jobhost\", and with -f to follow it");
   if (configuration.logSink == Sink::kSyslog)
     return fail(
         "this platform logs to the system log; its daemon decides where that goes, usually "
         "/var/log/daemon.log and /var/log/syslog");
   const std::string path = logFile(configuration.root);
-  letReaderLeave();  // The reader may be a pager, or head.
   if (follow_) return follow(path, loop);
   std::error_code error;
   if (!std::filesystem::exists(path, error) && !error)

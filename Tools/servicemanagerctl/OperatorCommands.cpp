@@ -1,13 +1,9 @@
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
@@ -18,18 +14,12 @@
 #include "Tools/servicemanagerctl/Explanation.h"
 #include "Tools/servicemanagerctl/ExtensionsReport.h"
 #include "Tools/servicemanagerctl/HealthReport.h"
+#include "Tools/servicemanagerctl/Labels.h"
 #include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 using namespace platform;
-
-namespace {
-
-// More than these would hide the message.
-constexpr std::size_t kMostNamedLabels = 100;
-
-}  // namespace
 
 OperatorCommands::OperatorCommands(CLI::App& app)
     : health_(app.add_subcommand("health", "How each service is, and how often it crashed")),
@@ -40,10 +30,17 @@ OperatorCommands::OperatorCommands(CLI::App& app)
     command->add_flag("--json", json_, "For programs");
   }
   health_->add_flag("--openmetrics", openMetrics_, "For monitoring systems")->excludes("--json");
-  explain_->add_option("label", label_, "The service's label")->required();
+  CLI::Option* const label = explain_->add_option("label", label_, "The service's label");
+  CLI::Option* const all = explain_->add_flag("--all", all_, "All services");
+  explain_->add_flag("--not-running", notRunning_, "Only those without a process")->needs(all);
+  label->excludes(all);
 }
 
 int OperatorCommands::run(const DaemonClient::Environment& environment) const {
+  if (explain_->parsed() && !all_ && label_.empty()) {
+    fail("explain needs the label of a service, or --all");
+    return kExitNotUnderstood;
+  }
   const auto act = [&]() -> Answer<std::string> {
     const BlockedCallProgress progress({.what = "the service manager to answer"});
     DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
@@ -78,16 +75,40 @@ Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
 }
 
 Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
+  if (all_) return explainAll(daemon);
   const auto facts = daemon.ask("factsOfService:", {label_});
   if (!facts) return std::unexpected(facts.error());
   if (!facts->dictionary()) {
     const auto overview = askAboutAllServices(daemon, "overviewFrom:");
-    return std::unexpected(overview ? unknownLabel(label_, *overview) : overview.error());
+    return std::unexpected(overview ? unknownLabel(label_, labelsIn(*overview)) : overview.error());
   }
   const Explanation explanation = ::explain(*facts);
   if (!json_) return withRootInHints(asText(explanation, readerOf(STDOUT_FILENO)));
   const Value all = withTrees(daemon, {label_}, Dictionary{{label_, *facts}});
   return dumped(asJson(explanation, all[label_]));
+}
+
+// The services are explained one after the other, so the facts are of slightly different times.
+Answer<std::string> OperatorCommands::explainAll(DaemonClient& daemon) const {
+  const auto overview = askAboutAllServices(daemon, "overviewFrom:");
+  if (!overview) return std::unexpected(overview.error());
+  const Reader reader = readerOf(STDOUT_FILENO);
+  auto json = nlohmann::ordered_json::array();
+  std::string text;
+  for (const std::string& label :
+       labelsIn(Dictionary{{kFactServices, (*overview)[kFactServices]}})) {
+    const auto facts = daemon.ask("factsOfService:", {label});
+    if (!facts) return std::unexpected(facts.error());
+    const Explanation explanation = ::explain(*facts);
+    if (notRunning_ && explanation.runs) continue;
+    if (json_) {
+      json.push_back(asJson(explanation, *facts));
+    } else {
+      text += (text.empty() ? "" : "\n") + asText(explanation, reader);
+    }
+  }
+  if (json_) return dumped(json);
+  return text.empty() ? "All services run.\n" : withRootInHints(text);
 }
 
 Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {
@@ -97,22 +118,4 @@ Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {
     remark("the job host does not answer, so that not every extension is known to be loaded");
   if (json_) return dumped(jsonOfExtensions(*facts));
   return tableOfExtensions(*facts, readerOf(STDOUT_FILENO));
-}
-
-Refusal unknownLabel(const std::string& label, const Value& overview) {
-  std::vector<std::string> known;
-  for (const char* key : {kFactServices, kFactOtherServices}) {
-    const Dictionary* services = overview[key].dictionary();
-    if (!services) continue;
-    for (const auto& [name, facts] : *services) known.push_back(plain(name));
-  }
-  if (known.size() > kMostNamedLabels) {
-    return {kExitUnknownLabel,
-            fmt::format("no service has the label \"{}\"; \"servicemanagerctl list\" tells which "
-                        "there are",
-                        abridged(label))};
-  }
-  std::ranges::sort(known);
-  return {kExitUnknownLabel, fmt::format("no service has the label \"{}\"; there are: {}",
-                                         abridged(label), fmt::join(known, ", "))};
 }

@@ -6,8 +6,8 @@
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
 
-// "servicemanagerctl health | explain LABEL | extensions": the service manager's view, which these
-// commands only read.
+// "servicemanagerctl health | explain LABEL | explain --all | extensions": the service manager's
+// view, which these commands only read.
 class OperatorCommands {
  public:
   // Adds the commands to `app`, which outlives this.
@@ -24,6 +24,7 @@ class OperatorCommands {
   // The text to print.
   Answer<std::string> health(DaemonClient& daemon) const;
   Answer<std::string> explain(DaemonClient& daemon) const;
+  Answer<std::string> explainAll(DaemonClient& daemon) const;
   Answer<std::string> extensions(DaemonClient& daemon) const;
 
   CLI::App* health_;
@@ -31,8 +32,7 @@ class OperatorCommands {
   CLI::App* extensions_;
   bool json_ = false;
   bool openMetrics_ = false;
+  bool all_ = false;
+  bool notRunning_ = false;
   std::string label_;
 };
-
-// The error for an unknown label; `overview` is the service manager's list of all services.
-Refusal unknownLabel(const std::string& label, const platform::Value& overview);

@@ -14,6 +14,8 @@ namespace {
 
 // An entry of the catalogue may have a hundred values.
 constexpr std::size_t kEntriesInAPage = 100;
+// The answer about more jobs has no last ends.
+constexpr std::size_t kDetailedJobsInAPage = 200;
 
 void add(Dictionary& all, const Value& some) {
   if (!some.dictionary()) return;
@@ -71,4 +73,12 @@ Value withTrees(DaemonClient& daemon, const std::vector<std::string>& labels, co
 
 Answer<Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels) {
   return askAboutLabels(daemon, "entriesOfServices:", labels, kEntriesInAPage);
+}
+
+Answer<Value> askForJobsWithEnds(DaemonClient& daemon, const std::vector<std::string>& labels) {
+  return askAboutLabels(daemon, "jobsOfServices:", labels, kDetailedJobsInAPage);
+}
+
+Answer<Value> askForReasons(DaemonClient& daemon, const std::vector<std::string>& labels) {
+  return askAboutLabels(daemon, "reasonsOfServices:", labels, kEntriesInAPage);
 }

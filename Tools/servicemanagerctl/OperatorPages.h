@@ -22,3 +22,8 @@ Answer<platform::Value> askForJobs(DaemonClient& daemon, const std::vector<std::
 platform::Value withTrees(DaemonClient& daemon, const std::vector<std::string>& labels,
                           const platform::Value& jobs);
 Answer<platform::Value> askForEntries(DaemonClient& daemon, const std::vector<std::string>& labels);
+// The facts of jobs as above, with how the last processes of each ended, however many there are.
+Answer<platform::Value> askForJobsWithEnds(DaemonClient& daemon,
+                                           const std::vector<std::string>& labels);
+// Why these services run or do not, by label.
+Answer<platform::Value> askForReasons(DaemonClient& daemon, const std::vector<std::string>& labels);

@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -53,11 +54,21 @@ std::string asWord(const std::string& text) {
 }  // namespace
 
 Reader readerOf(int descriptor) {
-  return ::isatty(descriptor) == 1 ? Reader::kTerminal : Reader::kOther;
+  if (::isatty(descriptor) != 1) return Reader::kOther;
+  const char* const noColor = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  const bool isPlain = (noColor != nullptr && *noColor != '\0') || terminal == nullptr ||
+                       std::string_view(terminal) == "dumb";
+  return isPlain ? Reader::kPlainTerminal : Reader::kTerminal;
+}
+
+std::size_t widthOfTerminal(int descriptor) {
+  winsize size{};
+  return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 std::string coloured(std::string_view text, Colour colour, Reader reader) {
-  if (reader == Reader::kOther) return std::string(text);
+  if (reader != Reader::kTerminal) return std::string(text);
   return fmt::format("{}{}\033[0m", codeOf(colour), text);
 }
 
@@ -124,6 +135,23 @@ std::string withRootInHints(std::string_view text) {
     result += fmt::format("{}--root {} ", kHint, asWord(rootOfHints));
     text.remove_prefix(at + kHint.size());
   }
+}
+
+std::vector<std::string> wrapped(std::string_view text, std::size_t width) {
+  std::vector<std::string> lines;
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find(' '), text.size());
+    const std::string_view word = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    const bool fits =
+        !lines.empty() && (width == 0 || lines.back().size() + 1 + word.size() <= width);
+    if (fits) {
+      lines.back() += fmt::format(" {}", word);
+    } else {
+      lines.emplace_back(word);
+    }
+  }
+  return lines;
 }
 
 bool steersTerminals(std::int32_t character) {

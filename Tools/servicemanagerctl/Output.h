@@ -1,20 +1,27 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/Values/Error.h"
 
-// The reader of the output: only a person at a terminal gets colours and lines that change.
-enum class Reader { kTerminal, kOther };
+// The reader of the output: only a person at a terminal gets colours and lines that change. A plain
+// terminal gets neither, but what fits its width.
+enum class Reader { kTerminal, kPlainTerminal, kOther };
 
-// The reader of that standard file.
+// The reader of that standard file. A terminal is plain if the environment has "NO_COLOR", or
+// "TERM" says that it is dumb.
 Reader readerOf(int descriptor);
+
+// The columns of the terminal; 0 if it is none, or does not say.
+std::size_t widthOfTerminal(int descriptor);
 
 enum class Colour { kBold, kRed, kGreen };
 
-// The text in that colour if the reader is a terminal.
+// The text in that colour if the reader is a terminal that is not plain.
 std::string coloured(std::string_view text, Colour colour, Reader reader);
 
 // Call this first. A closed standard file is replaced by one that can be neither read nor written:
@@ -50,6 +57,9 @@ void setRootOfHints(std::string root);
 // Adds that root to each hint in the text; all hints have the form "servicemanagerctl COMMAND ...",
 // quotation marks included. remark() and fail() call this themselves.
 std::string withRootInHints(std::string_view text);
+
+// The words of the text in lines of at most that width, but for a longer word; 0 for any width.
+std::vector<std::string> wrapped(std::string_view text, std::size_t width);
 
 // Whether a terminal obeys the character or hides it: controls, formats, other orders of writing.
 bool steersTerminals(std::int32_t character);

@@ -1,17 +1,18 @@
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <utility>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tools/servicemanagerctl/ActionRemarks.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
-#include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
@@ -24,6 +25,10 @@ using namespace platform;
 // The service manager waits up to twelve seconds for a new job's process, and the job host may
 // first have to stop an older one.
 constexpr Duration kStartTime = std::chrono::seconds(60);
+// A question that comes when the time is over gets this time, so that it has an answer.
+constexpr Duration kShortestWait = std::chrono::milliseconds(100);
+// More would hide the outcome.
+constexpr std::size_t kMostRemarks = 10;
 // The limit of a wait; it also bounds the sum of the catalogue's values.
 constexpr std::int64_t kLongestWait = 24 * 60 * 60;
 
@@ -91,6 +96,18 @@ bool isUnknown(const ServiceState& service) {
   return service.activity == ServiceState::Activity::kUnknown;
 }
 
+bool hasProcess(const ServiceState& service) { return service.job.process.has_value(); }
+
+Duration startTime(std::size_t services) {
+  return std::min<Duration>(kStartTime * static_cast<std::int64_t>(services),
+                            std::chrono::seconds(kLongestWait));
+}
+
+WaitProgress::Wait startOf(const std::vector<std::string>& labels) {
+  return {.what = labels.size() == 1 ? labels.front() + " to start"
+                                     : fmt::format("{} services to start", labels.size())};
+}
+
 WaitProgress::Wait removalOf(const std::vector<std::string>& labels, const Value& catalogue) {
   if (labels.size() == 1)
     return WaitProgress::removalOf(labels.front(), exitTimeOutOf(labels.front(), catalogue));
@@ -100,37 +117,46 @@ WaitProgress::Wait removalOf(const std::vector<std::string>& labels, const Value
 }  // namespace
 
 ServiceCommands::ServiceCommands(CLI::App& app)
-    : list_(
-          app.add_subcommand("list", "All services: type, state, process, how the last one ended")),
-      start_(app.add_subcommand("start", "Start services, also ones that were stopped")),
-      stop_(app.add_subcommand("stop", "Stop services until they are started again")),
+    : start_(app.add_subcommand("start", "Start services, also ones that were stopped")),
+      stop_(app.add_subcommand("stop",
+                               "Stop services until they, or the service manager, are started "
+                               "again")),
+      restart_(app.add_subcommand("restart", "Stop services, then start them")),
+      reloadSettings_(app.add_subcommand("reload-settings",
+                                         "Read the settings again, and decide which services run")),
       installer_(app.add_subcommand("installer", "Make way for an installer")),
       begin_(installer_->add_subcommand("begin", "Stop services, until the installer ends")),
       end_(installer_->add_subcommand("end", "Let the service manager decide again")) {
   installer_->require_subcommand(1);
-  for (CLI::App* command : {list_, start_, stop_, begin_, end_}) {
+  for (CLI::App* command : {start_, stop_, restart_, reloadSettings_, begin_, end_}) {
     command->add_flag("--json", json_, "For programs");
   }
-  list_->add_flag("--wide", wide_, "With the processes of each service, their CPU time and memory");
-  for (CLI::App* command : {start_, stop_, begin_}) {
+  for (CLI::App* command : {start_, stop_, restart_}) {
+    command->add_flag("--wait,!--no-wait", wait_, "Until it is done, which is usual; or not");
+    command->add_option("--timeout", timeOut_, "The seconds to wait")
+        ->check(CLI::Range(std::int64_t{1}, kLongestWait));
+  }
+  for (CLI::App* command : {start_, stop_, restart_, begin_}) {
     command->add_option("label", labels_, "The services' labels")->required();
   }
 }
 
 bool ServiceCommands::parsed() const {
-  return list_->parsed() || start_->parsed() || stop_->parsed() || installer_->parsed();
+  return start_->parsed() || stop_->parsed() || restart_->parsed() || reloadSettings_->parsed() ||
+         installer_->parsed();
 }
 
 int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   const auto act = [&]() -> Answer<int> {
-    if (list_->parsed()) return list(environment);
     if (end_->parsed()) return endInstaller(environment);
     if (begin_->parsed()) return beginInstaller(environment);
+    if (reloadSettings_->parsed()) return reloadSettings(environment);
     DaemonClient userInterface(environment, kUserInterfaceServer,
                                kORBServiceManagerUserInterfaceProtocol);
     if (const auto connected = connect(userInterface); !connected)
       return std::unexpected(connected.error());
     if (start_->parsed()) return start(userInterface, environment);
+    if (restart_->parsed()) return restart(userInterface, environment);
     return stop(userInterface, environment);
   };
   const Answer<int> outcome = act();
@@ -139,94 +165,111 @@ int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   return outcome.error().exitStatus;
 }
 
-// Asks the operator's server alone, which answers also while the daemon's main thread is busy.
-Answer<std::vector<ServiceState>> ServiceCommands::readAll(
-    const DaemonClient::Environment& environment) const {
-  const BlockedCallProgress progress({.what = "the service manager to answer"});
-  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
-  if (const auto connected = daemon.connect(); !connected)
-    return std::unexpected(connected.error());
-  const auto overview = askAboutAllServices(daemon, "overviewFrom:");
-  if (!overview) return std::unexpected(overview.error());
-  if (const std::string work = mainThreadsWork(*overview); !work.empty())
-    remark("the service manager's main thread is busy, and this is how it was before: it " + work);
-  if ((*overview)[kFactIsTakingOver] == Value(true))
-    remark("the service manager has just started and is still taking over the services");
-  const Value& services = (*overview)[kFactServices];
-  std::vector<std::string> labels;
-  if (services.dictionary()) {
-    for (const auto& [label, facts] : *services.dictionary()) labels.push_back(label);
-  }
-  std::ranges::sort(labels);
-  auto jobs = askForJobs(daemon, labels);
-  if (!jobs) return std::unexpected(jobs.error());
-  if (json_ || wide_) jobs = withTrees(daemon, labels, *jobs);
-  std::vector<ServiceState> states;
-  for (const std::string& label : labels) {
-    states.push_back(
-        listedService(label, services[label], (*jobs)[label], environment.objects.system));
-  }
-  return states;
-}
-
-Answer<int> ServiceCommands::list(const DaemonClient::Environment& environment) const {
-  const auto services = readAll(environment);
-  if (!services) return std::unexpected(services.error());
-  const Columns columns = wide_ ? Columns::kWide : Columns::kUsual;
-  print(json_ ? dumped(asJson(*services)) : asTable(*services, readerOf(STDOUT_FILENO), columns));
-  if (std::ranges::any_of(*services, isUnknown))
-    remark("the job host does not answer, so that not every service is known to run");
-  return EXIT_SUCCESS;
-}
-
 Answer<int> ServiceCommands::start(DaemonClient& userInterface,
                                    const DaemonClient::Environment& environment) const {
   const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
-  Answer<std::vector<ServiceState>> services;
   {
-    const BlockedCallProgress progress(
-        {.what = labels_.size() == 1 ? labels_.front() + " to start"
-                                     : fmt::format("{} services to start", labels_.size())});
-    const auto sent = userInterface.ask("startServices:", {asArray(labels_)});
-    if (!sent) return std::unexpected(sent.error());
-    const auto done = awaitServices(userInterface, environment,
-                                    kStartTime * static_cast<std::int64_t>(labels_.size()));
+    const BlockedCallProgress progress(startOf(labels_));
+    const auto done =
+        request("startServices:", userInterface, environment, startTime(labels_.size()));
     if (!done) return std::unexpected(done.error());
-    services = readStates(environment, *catalogue, labels_);
   }
+  if (!wait_) return concludeWithoutWait("started");
+  const auto services = readStates(environment, *catalogue, labels_);
   if (!services) return std::unexpected(services.error());
-  return conclude(*services, true);
-}
-
-// The request before has no answer. The first question here is answered when the service manager
-// has taken it, the second one when it is done.
-Answer<Value> ServiceCommands::awaitServices(DaemonClient& userInterface,
-                                             const DaemonClient::Environment& environment,
-                                             Duration timeOut) const {
-  auto taken = userInterface.ask("pidForService:", {labels_.front()});
-  if (!taken) return taken;
-  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
-  if (const auto connected = daemon.connect(); !connected)
-    return std::unexpected(connected.error());
-  return daemon.ask("awaitServices:", {asArray(labels_)}, timeOut);
+  return concludeWithRemarks(*services, true, environment);
 }
 
 Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
                                   const DaemonClient::Environment& environment) const {
   const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
-  Answer<std::vector<ServiceState>> services;
   {
     const BlockedCallProgress progress(removalOf(labels_, *catalogue));
-    const auto sent = userInterface.ask("stopServices:", {asArray(labels_)});
-    if (!sent) return std::unexpected(sent.error());
+    const auto done =
+        request("stopServices:", userInterface, environment, removalTime(labels_, *catalogue));
+    if (!done) return std::unexpected(done.error());
+  }
+  if (!wait_) return concludeWithoutWait("stopped");
+  const auto services = readStates(environment, *catalogue, labels_);
+  if (!services) return std::unexpected(services.error());
+  return concludeWithRemarks(*services, false, environment);
+}
+
+// The start is only asked for when the stop is over: the service manager would start a service that
+// is being stopped, too, but a stop that fails must be reported.
+Answer<int> ServiceCommands::restart(DaemonClient& userInterface,
+                                     const DaemonClient::Environment& environment) const {
+  const auto catalogue = readCatalogueWith(environment, labels_);
+  if (!catalogue) return std::unexpected(catalogue.error());
+  {
+    const BlockedCallProgress progress(removalOf(labels_, *catalogue));
+    if (const auto sent = userInterface.ask("stopServices:", {asArray(labels_)}); !sent)
+      return std::unexpected(sent.error());
     const auto done = awaitServices(userInterface, environment, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
-    services = readStates(environment, *catalogue, labels_);
   }
-  if (!services) return std::unexpected(services.error());
-  return conclude(*services, false);
+  const auto stopped = readStates(environment, *catalogue, labels_);
+  if (!stopped) return std::unexpected(stopped.error());
+  if (std::ranges::any_of(*stopped, hasProcess)) return conclude(*stopped, false);
+  return start(userInterface, environment);
+}
+
+Answer<void> ServiceCommands::request(std::string_view selector, DaemonClient& userInterface,
+                                      const DaemonClient::Environment& environment,
+                                      Duration usualTime) const {
+  if (const auto sent = userInterface.ask(selector, {asArray(labels_)}); !sent)
+    return std::unexpected(sent.error());
+  if (wait_) return awaitServices(userInterface, environment, usualTime);
+  // The request has no answer; that to the next question shows that it was taken.
+  const auto taken = userInterface.ask("pidForService:", {labels_.front()});
+  if (!taken) return std::unexpected(taken.error());
+  return {};
+}
+
+// The request before has no answer. The first question here is answered when the service manager
+// has taken it, the second one when it is done.
+Answer<void> ServiceCommands::awaitServices(DaemonClient& userInterface,
+                                            const DaemonClient::Environment& environment,
+                                            Duration usualTime) const {
+  const Duration limit = timeOut_ ? Duration(std::chrono::seconds(*timeOut_)) : usualTime;
+  const RunLoop& loop = environment.objects.loop;
+  const Instant deadline = loop.now() + limit;
+  auto done = userInterface.ask("pidForService:", {labels_.front()},
+                                std::min(limit, DaemonClient::kTimeOut));
+  if (done) {
+    DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+    if (const auto connected = daemon.connect(); !connected)
+      return std::unexpected(connected.error());
+    done = daemon.ask("awaitServices:", {asArray(labels_)},
+                      std::max<Duration>(deadline - loop.now(), kShortestWait));
+  }
+  if (done) return {};
+  if (!timeOut_ || loop.now() < deadline) return std::unexpected(done.error());
+  return std::unexpected(
+      Refusal{kExitTimedOut, fmt::format("it was not done within {} s, and still goes on; "
+                                         "\"servicemanagerctl explain {}\" tells how far it is",
+                                         *timeOut_, abridged(labels_.front()))});
+}
+
+// The message is that of an installer's end, so it must not come while one is at work.
+Answer<int> ServiceCommands::reloadSettings(const DaemonClient::Environment& environment) const {
+  {
+    DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+    if (const auto connected = connect(daemon); !connected)
+      return std::unexpected(connected.error());
+    const auto overview = daemon.ask("overviewFrom:", {0});
+    if (!overview) return std::unexpected(overview.error());
+    if ((*overview)[kFactIsInstallerAtWork] == Value(true)) {
+      return std::unexpected(
+          Refusal{kExitFailed,
+                  "an installer is at work, and nothing is evaluated until its end; it ends with "
+                  "\"servicemanagerctl installer end\""});
+    }
+  }
+  return evaluate(environment,
+                  "The settings are read again, and decide anew which services run.\n");
 }
 
 Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& environment) const {
@@ -259,6 +302,11 @@ Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& env
 }
 
 Answer<int> ServiceCommands::endInstaller(const DaemonClient::Environment& environment) const {
+  return evaluate(environment, "The service manager decides anew which services run.\n");
+}
+
+Answer<int> ServiceCommands::evaluate(const DaemonClient::Environment& environment,
+                                      const std::string& sentence) const {
   DaemonClient installer(environment, kInstallerServer, kORBServiceManagerInstallerProtocol);
   if (const auto connected = connect(installer); !connected)
     return std::unexpected(connected.error());
@@ -268,8 +316,7 @@ Answer<int> ServiceCommands::endInstaller(const DaemonClient::Environment& envir
     return std::unexpected(Refusal{kExitFailed,
                                    "the service manager did not take the request; see "
                                    "\"servicemanagerctl log\""});
-  print(json_ ? dumped(nlohmann::ordered_json{{"evaluating", true}})
-              : "The service manager decides anew which services run.\n");
+  print(json_ ? dumped(nlohmann::ordered_json{{"evaluating", true}}) : sentence);
   return EXIT_SUCCESS;
 }
 
@@ -290,4 +337,35 @@ int ServiceCommands::conclude(const std::vector<ServiceState>& services, bool sh
   if (asWanted) return EXIT_SUCCESS;
   return fail(fmt::format("not every service {}; \"servicemanagerctl log\" tells why",
                           shouldRun ? "runs" : "is stopped"));
+}
+
+int ServiceCommands::concludeWithRemarks(const std::vector<ServiceState>& services, bool shouldRun,
+                                         const DaemonClient::Environment& environment) const {
+  const int status = conclude(services, shouldRun);
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (!daemon.connect()) return status;
+  std::size_t remarks = 0;
+  for (const std::string& label : labels_) {
+    const auto facts = daemon.ask("factsOfService:", {label});
+    if (!facts || remarks == kMostRemarks) break;
+    const std::string text = shouldRun ? remarkAfterStart(*facts) : remarkAfterStop(*facts);
+    if (text.empty()) continue;
+    remark(text);
+    ++remarks;
+  }
+  if (!shouldRun && status == EXIT_SUCCESS) remark(lastingOfStop(labels_));
+  return status;
+}
+
+int ServiceCommands::concludeWithoutWait(std::string_view what) const {
+  const auto json = [&] {
+    auto list = nlohmann::ordered_json::array();
+    for (const std::string& label : labels_) list.push_back({{"label", label}, {"asked", what}});
+    return dumped(list);
+  };
+  std::string text;
+  for (const std::string& label : labels_)
+    text += fmt::format("{} is to be {}.\n", plain(label), what);
+  print(json_ ? json() : text);
+  return EXIT_SUCCESS;
 }

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -8,8 +11,8 @@
 #include "Tools/servicemanagerctl/DaemonClient.h"
 #include "Tools/servicemanagerctl/ServicesReport.h"
 
-// "servicemanagerctl list | start LABEL... | stop LABEL... | installer begin LABEL... |
-// installer end".
+// "servicemanagerctl start LABEL... | stop LABEL... | restart LABEL... | reload-settings |
+// installer begin LABEL... | installer end".
 class ServiceCommands {
  public:
   // Adds the commands to `app`, which outlives this.
@@ -23,27 +26,40 @@ class ServiceCommands {
   int run(const DaemonClient::Environment& environment) const;
 
  private:
-  Answer<int> list(const DaemonClient::Environment& environment) const;
-  Answer<std::vector<ServiceState>> readAll(const DaemonClient::Environment& environment) const;
   Answer<int> start(DaemonClient& userInterface,
                     const DaemonClient::Environment& environment) const;
-  Answer<platform::Value> awaitServices(DaemonClient& userInterface,
-                                        const DaemonClient::Environment& environment,
-                                        platform::Duration timeOut) const;
   Answer<int> stop(DaemonClient& userInterface, const DaemonClient::Environment& environment) const;
+  Answer<int> restart(DaemonClient& userInterface,
+                      const DaemonClient::Environment& environment) const;
+  Answer<int> reloadSettings(const DaemonClient::Environment& environment) const;
+  Answer<int> evaluate(const DaemonClient::Environment& environment,
+                       const std::string& sentence) const;
+  // Sends the request, and waits for its effect if the user wants that.
+  Answer<void> request(std::string_view selector, DaemonClient& userInterface,
+                       const DaemonClient::Environment& environment,
+                       platform::Duration usualTime) const;
+  Answer<void> awaitServices(DaemonClient& userInterface,
+                             const DaemonClient::Environment& environment,
+                             platform::Duration usualTime) const;
   Answer<int> beginInstaller(const DaemonClient::Environment& environment) const;
   Answer<int> endInstaller(const DaemonClient::Environment& environment) const;
 
   // Prints the state of the named services; fails unless all are as wanted.
   int conclude(const std::vector<ServiceState>& services, bool shouldRun) const;
+  // The same after a start or a stop, with remarks on each service that does not stay so.
+  int concludeWithRemarks(const std::vector<ServiceState>& services, bool shouldRun,
+                          const DaemonClient::Environment& environment) const;
+  int concludeWithoutWait(std::string_view what) const;
 
-  CLI::App* list_;
   CLI::App* start_;
   CLI::App* stop_;
+  CLI::App* restart_;
+  CLI::App* reloadSettings_;
   CLI::App* installer_;
   CLI::App* begin_;
   CLI::App* end_;
   bool json_ = false;
-  bool wide_ = false;
+  bool wait_ = true;
+  std::optional<std::int64_t> timeOut_;  // in seconds
   std::vector<std::string> labels_;
 };

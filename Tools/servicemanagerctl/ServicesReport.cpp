@@ -1,8 +1,5 @@
 #include "Tools/servicemanagerctl/ServicesReport.h"
 
-#include <algorithm>
-#include <iterator>
-
 #include <fmt/format.h>
 
 #include "Platform/Texts/StringFormat.h"
@@ -12,6 +9,7 @@
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Tools/servicemanagerctl/BusyReport.h"
+#include "Tools/servicemanagerctl/TimeWords.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -32,10 +30,6 @@ Activity activityOf(const JobState& job, const Value& neededSystem,
   if (job.process) return Activity::kRunning;
   if (isUnsupported(neededSystem, system)) return Activity::kUnsupported;
   return job.lastExit == JobState::Ending{} ? Activity::kStopped : Activity::kWaiting;
-}
-
-std::string_view wordOf(ServiceState::Type type) {
-  return type == ServiceState::Type::kFeature ? "feature" : "core";
 }
 
 std::string_view wordOf(Activity activity) {
@@ -78,21 +72,6 @@ ServiceState stateOf(const std::string& label, std::string_view type, const Valu
   return state;
 }
 
-// ", 3 crashes in 5 starts"; empty without a crash.
-std::string crashesInWords(const JobState& job) {
-  if (!job.history || job.history->crashes == 0) return {};
-  return fmt::format(", {} crash{} in {} start{}", job.history->crashes,
-                     job.history->crashes == 1 ? "" : "es", job.history->starts,
-                     job.history->starts == 1 ? "" : "s");
-}
-
-constexpr char kUseColumns[] = "{:>9}  {:>10}  {:>10}  ";
-
-std::string useInWords(const JobState& job) {
-  const std::string processes = job.tree ? fmt::format("{}", job.tree->processes) : "-";
-  return fmt::format(kUseColumns, processes, cpuTimeInWords(job.tree), memoryInWords(job.tree));
-}
-
 // The content of a notice; the process is absent if none runs.
 struct Notice {
   std::string label;
@@ -110,6 +89,17 @@ std::optional<Notice> readNotice(const Value& notice) {
 }
 
 }  // namespace
+
+std::string_view typeWord(ServiceState::Type type) {
+  return type == ServiceState::Type::kFeature ? "feature" : "core";
+}
+
+std::string crashesInWords(const JobState& job) {
+  if (!job.history || job.history->crashes == 0) return {};
+  return fmt::format(", {} crash{} in {} start{}", job.history->crashes,
+                     job.history->crashes == 1 ? "" : "es", job.history->starts,
+                     job.history->starts == 1 ? "" : "s");
+}
 
 ServiceState serviceState(const std::string& label, const Value& services, const Value& jobFacts,
                           const SystemInformation& system) {
@@ -146,42 +136,10 @@ std::string inWords(const ServiceState& service) {
   return service.isUnchecked && isRunning ? word + ", unchecked" : word;
 }
 
-std::string asTable(const std::vector<ServiceState>& services, Reader reader, Columns columns) {
-  if (services.empty()) return "No services.\n";
-  constexpr std::string_view kLabelHeading = "LABEL";
-  constexpr std::string_view kStateHeading = "STATE";
-  std::size_t labelWidth = kLabelHeading.size();
-  std::size_t stateWidth = kStateHeading.size();
-  for (const ServiceState& service : services) {
-    labelWidth = std::max(labelWidth, plain(service.job.label).size());
-    stateWidth = std::max(stateWidth, inWords(service).size());
-  }
-  std::string text;
-  const auto out = std::back_inserter(text);
-  const bool isWide = columns == Columns::kWide;
-  const std::string useHeading =
-      isWide ? fmt::format(kUseColumns, "PROCESSES", "CPU TIME", "MEMORY") : "";
-  const std::string heading =
-      fmt::format("{:<{}}  {:<7}  {:<{}}  {:>7}  {}", kLabelHeading, labelWidth, "TYPE",
-                  kStateHeading, stateWidth, "PID", useHeading + "LAST EXIT");
-  fmt::format_to(out, "{}\n", coloured(heading, Colour::kBold, reader));
-  for (const ServiceState& service : services) {
-    const JobState& job = service.job;
-    const std::string state = fmt::format("{:<{}}", inWords(service), stateWidth);
-    const std::string ending = inWords(job.lastExit) + crashesInWords(job);
-    fmt::format_to(
-        out, "{:<{}}  {:<7}  {}  {:>7}  {}{}\n", plain(job.label), labelWidth, wordOf(service.type),
-        job.process ? coloured(state, Colour::kGreen, reader) : state,
-        job.process ? fmt::format("{}", *job.process) : "-", isWide ? useInWords(job) : "",
-        isFailure(job.lastExit) ? coloured(ending, Colour::kRed, reader) : ending);
-  }
-  return text;
-}
-
 Json asJson(const ServiceState& service) {
   const Json job = asJson(service.job);
   Json json{{"label", service.job.label},
-            {"type", wordOf(service.type)},
+            {"type", typeWord(service.type)},
             {"state", wordOf(service.activity)}};
   json["pid"] = job["pid"];
   json["lastExit"] = job["lastExit"];
@@ -191,6 +149,9 @@ Json asJson(const ServiceState& service) {
   if (!service.failedExtensions.empty()) json["failedExtensions"] = service.failedExtensions;
   if (!service.work.empty()) json["now"] = service.work;
   if (service.isUnchecked) json["unchecked"] = true;
+  if (!service.reason.empty()) json["reason"] = service.reason;
+  if (!service.why.empty()) json["why"] = service.why;
+  if (service.since) json["since"] = timeAsText(*service.since);
   return json;
 }
 

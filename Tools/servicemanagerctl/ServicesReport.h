@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/SystemFacts/SystemInformation.h"
+#include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 #include "Tools/servicemanagerctl/JobsReport.h"
 #include "Tools/servicemanagerctl/Output.h"
@@ -34,6 +35,10 @@ struct ServiceState {
   std::string failedExtensions = {};  // the names of those that can't be used
   std::string work = {};              // the work on it, in words
   bool isUnchecked = false;           // its program can't be checked now, whether it runs or not
+  // The service manager's word for why it does not run, see reasonOf(); empty if it runs.
+  std::string reason = {};
+  std::string why = {};  // the same in a few words, or a remark on one that runs; see whyInWords()
+  std::optional<platform::WallTime> since = {};  // its process runs, or has ended
 
   bool operator==(const ServiceState&) const = default;
 };
@@ -53,10 +58,11 @@ ServiceState listedService(const std::string& label, const platform::Value& fact
 // "unchecked", "running, unchecked".
 std::string inWords(const ServiceState& service);
 
-// Every line has a line end. Without services the table is a sentence.
-enum class Columns { kUsual, kWide };  // with what the processes use
-std::string asTable(const std::vector<ServiceState>& services, Reader reader,
-                    Columns columns = Columns::kUsual);
+std::string_view typeWord(ServiceState::Type type);  // "core", "feature"
+
+// ", 3 crashes in 5 starts"; empty without a crash.
+std::string crashesInWords(const JobState& job);
+
 nlohmann::ordered_json asJson(const ServiceState& service);
 nlohmann::ordered_json asJson(const std::vector<ServiceState>& services);
 

@@ -69,16 +69,6 @@ TEST_F(ServicesReportTest, AListedServiceFollowsFromTheOperatorsFacts) {
   EXPECT_EQ(inWords(listed(failed, {{kFactJob, Dictionary{{"PID", 7}}}})), "running");
 }
 
-TEST_F(ServicesReportTest, AWideTableTellsWhatTheTreesUse) {
-  ServiceState agent = state("agent", 4711);
-  agent.job.tree = JobTree{2, std::chrono::milliseconds(1500), 4096};
-  EXPECT_EQ(asTable({agent, state("scanner")}, Reader::kOther, Columns::kWide),
-            "LABEL    TYPE     STATE        PID  PROCESSES    CPU TIME      MEMORY  LAST EXIT\n"
-            "agent    core     running     4711          2      1.50 s       4 KiB  -\n"
-            "scanner  core     stopped        -          -           -           -  -\n");
-  EXPECT_EQ(asJson(agent)["tree"]["processes"], 2);
-}
-
 TEST_F(ServicesReportTest, AServiceWhoseProgramCannotBeCheckedIsUnchecked) {
   const Value facts = Dictionary{{kFactProgramIsUnchecked, true}};
   const ServiceState stopped = listedService("agent", facts, Dictionary(), system_);
@@ -108,30 +98,14 @@ TEST_F(ServicesReportTest, AnUnknownLastEndIsAnEnd) {
   EXPECT_EQ(serviceState("agent", catalogue_, facts, system_).activity, Activity::kWaiting);
 }
 
-TEST_F(ServicesReportTest, TheTableIsAligned) {
-  EXPECT_EQ(asTable(services(), Reader::kOther),
-            "LABEL    TYPE     STATE            PID  LAST EXIT\n"
-            "agent    core     running         4711  -\n"
-            "filter   feature  waiting            -  killed by SIGKILL\n"
-            "modern   core     needs 10.99        -  -\n"
-            "scanner  core     stopped            -  -\n");
-  EXPECT_EQ(asTable(std::vector<ServiceState>{}, Reader::kTerminal), "No services.\n");
-}
-
 TEST_F(ServicesReportTest, CrashesAreToldWithTheLastExit) {
   const Dictionary history{{"Since", Date{0}}, {"Starts", 3}, {"Ends", 2}, {"Crashes", 1}};
   const Dictionary job{{"PID", 7}, {"LastExitStatus", SIGKILL}, {"History", history}};
   const ServiceState service =
       listedService("agent", Value(Dictionary()), Dictionary{{kFactJob, job}}, system_);
-  EXPECT_THAT(asTable({service}, Reader::kOther),
-              HasSubstr("  killed by SIGKILL, 1 crash in 3 starts\n"));
+  EXPECT_EQ(crashesInWords(service.job), ", 1 crash in 3 starts");
+  EXPECT_EQ(crashesInWords(state("agent", 7).job), "");
   EXPECT_EQ(asJson(service)["history"]["crashes"], 1);
-}
-
-TEST_F(ServicesReportTest, OnATerminalRunningAndFailedServicesAreColoured) {
-  EXPECT_THAT(asTable(services(), Reader::kTerminal),
-              AllOf(HasSubstr("\033[32mrunning    \033[0m"),
-                    HasSubstr("\033[31mkilled by SIGKILL\033[0m"), HasSubstr("\033[1mLABEL")));
 }
 
 TEST_F(ServicesReportTest, ProgramsGetWordsThatDoNotChange) {
@@ -143,6 +117,17 @@ TEST_F(ServicesReportTest, ProgramsGetWordsThatDoNotChange) {
             R"("lastExit":{"kind":"exited","code":3},"neededSystem":null})");
   EXPECT_EQ(asJson(services()).size(), 4u);
   EXPECT_EQ(asJson(std::vector<ServiceState>{}).dump(), "[]");
+}
+
+TEST_F(ServicesReportTest, TheReasonAndTheTimeAreAdded) {
+  ServiceState service = state("agent");
+  service.reason = "stopped";
+  service.why = "stopped by hand";
+  service.since = WallTime{std::chrono::seconds(0)};
+  const auto json = asJson(service);
+  EXPECT_EQ(json["reason"], "stopped");
+  EXPECT_EQ(json["why"], "stopped by hand");
+  EXPECT_EQ(json["since"], "1970-01-01T00:00:00Z");
 }
 
 TEST_F(ServicesReportTest, AServicesFateIsASentence) {

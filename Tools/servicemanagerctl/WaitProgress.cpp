@@ -29,7 +29,7 @@ WaitProgress::~WaitProgress() {
 
 void WaitProgress::tell() {
   ++seconds_;
-  if (reader_ == Reader::kOther && seconds_ > 1) return;
+  if (reader_ != Reader::kTerminal && seconds_ > 1) return;
   std::string text = fmt::format("Waiting for {}, {} s so far", escaped(wait_.what), seconds_);
   if (!wait_.note.empty()) text += fmt::format(" ({})", wait_.note);
   write_(reader_ == Reader::kTerminal ? kClearLine + text : text + "\n");

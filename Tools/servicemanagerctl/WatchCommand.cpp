@@ -100,7 +100,6 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
     fail(services.error().text);
     return services.error().exitStatus;
   }
-  letReaderLeave();
   warn(fmt::format("Watching {} services; Ctrl-C ends it.\n", *services));
   loop.run();
   if (!hasDied) return EXIT_SUCCESS;

@@ -35,6 +35,7 @@
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/JobsCommands.h"
 #include "Tools/servicemanagerctl/LintCommand.h"
+#include "Tools/servicemanagerctl/ListCommand.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/MetricsCommand.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
@@ -44,6 +45,7 @@
 #include "Tools/servicemanagerctl/PlistCommands.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
+#include "Tools/servicemanagerctl/ShowCommand.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
@@ -197,6 +199,8 @@ int run(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  const ListCommand listCommand(app);
+  const ShowCommand showCommand(app);
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
   const SettingsCommands settingsCommands(app);
@@ -239,6 +243,8 @@ int run(int argc, char** argv) {
   if (!linuxPlatform) return fail(linuxPlatform.error());
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
+  if (listCommand.parsed()) return runServiceCommand(listCommand, linux);
+  if (showCommand.parsed()) return runServiceCommand(showCommand, linux);
   if (serviceCommands.parsed()) return runServiceCommand(serviceCommands, linux);
   if (operatorCommands.parsed()) return runServiceCommand(operatorCommands, linux);
   if (watchCommand.parsed()) return runServiceCommand(watchCommand, linux);
@@ -262,5 +268,6 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");  // Texts are shown in the terminal's characters.
   prepareStandardFiles();
+  letReaderLeave();  // The reader may be head, or a pager.
   return concludingStatus(run(argc, argv));
 }

@@ -41,15 +41,16 @@ _servicemanagerctl() {
     --format) choices='text json sarif' ;;
     --to) choices='xml binary json' ;;
   esac
+  if [ "$previous" = --type ] && [ "${commands[0]}" = list ]; then choices='core feature'; fi
   if [ -n "$choices" ]; then
     mapfile -t COMPREPLY < <(compgen -W "$choices" -- "$word")
     return
   fi
   local words=
   case ${commands[*]:0:2} in
-    '') words='list start stop health explain extensions watch installer settings log endpoints execinfo
-      jobs lint explain-code plan plist platform log-test doctor metrics' ;;
-    start* | stop* | explain | 'installer begin')
+    '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch
+      installer settings log endpoints execinfo jobs lint explain-code plan plist platform log-test doctor metrics' ;;
+    list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
         return
@@ -81,7 +82,10 @@ _servicemanagerctl() {
   if [[ $word == -* ]]; then
     words='--help --json --root'
     case ${commands[*]:0:2} in
-      list) words+=' --wide' ;;
+      list*) words+=' --wide --failed --type --fields --value' ;;
+      start* | stop* | restart*) words+=' --wait --no-wait --timeout' ;;
+      is-*) words+=' --quiet' ;;
+      explain) words+=' --all --not-running' ;;
       health) words+=' --openmetrics' ;;
       log) words+=' --follow' ;;
       metrics) words+=' --serve' ;;

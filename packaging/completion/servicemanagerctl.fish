@@ -19,14 +19,29 @@ complete -c servicemanagerctl -f
 complete -c servicemanagerctl -l help -d 'The commands or options'
 complete -c servicemanagerctl -l json -d 'For programs'
 complete -c servicemanagerctl -l root -x -a '(__fish_complete_directories)' -d 'Another platform root'
-complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list start stop health explain extensions watch installer settings log endpoints execinfo jobs lint explain-code plan plist platform log-test doctor metrics'
+complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list show start stop restart reload-settings is-running is-failed health explain extensions watch installer settings log endpoints execinfo jobs lint explain-code plan plist platform log-test doctor metrics'
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l wide
+complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l failed
+complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l value
+complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l fields -x
+complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l type -x -a 'core feature'
+for command in start stop restart
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -l wait
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -l no-wait
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -l timeout -x
+end
+complete -c servicemanagerctl -n '__servicemanagerctl_in explain' -l all
+complete -c servicemanagerctl -n '__servicemanagerctl_in explain' -l not-running
 complete -c servicemanagerctl -n '__servicemanagerctl_in health' -l openmetrics
 complete -c servicemanagerctl -n '__servicemanagerctl_in metrics' -l serve -r -F
 complete -c servicemanagerctl -n '__servicemanagerctl_in log' -s f -l follow
-for command in start stop 'installer begin'
+for command in list start stop restart is-running is-failed 'installer begin'
     complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -a '(__servicemanagerctl_labels)'
 end
+for command in is-running is-failed
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -s q -l quiet
+end
+complete -c servicemanagerctl -n '__servicemanagerctl_at show' -a '(__servicemanagerctl_labels)'
 complete -c servicemanagerctl -n '__servicemanagerctl_at explain' -a '(__servicemanagerctl_labels)'
 complete -c servicemanagerctl -n '__servicemanagerctl_at installer' -a 'begin end'
 complete -c servicemanagerctl -n '__servicemanagerctl_at settings' -a 'list get set unset'
