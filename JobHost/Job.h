@@ -60,7 +60,8 @@ struct Job {
   bool hasLeader = false;
   platform::RecentStarts starts;
   std::optional<Ending> lastEnd;
-  bool isQueued = false;  // waits only for its turn in JobHost's queue of starts
+  unsigned shortCrashes = 0;  // in a row, each within kCrashLoopRun
+  bool isQueued = false;      // waits only for its turn in JobHost's queue of starts
   std::unique_ptr<platform::RunLoopHandle> timer;  // the throttle's, or polls a removed group
   std::unique_ptr<Removal> removal;
 

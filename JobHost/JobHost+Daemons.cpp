@@ -10,6 +10,7 @@
 
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/SystemFacts/LibraryPath.h"
 #include "Platform/Texts/QuotedText.h"
 
@@ -111,9 +112,11 @@ void JobHost::load(JobDefinition definition) {
   // If the file waited for a removal to finish, a client may have waited too, and have come first.
   if (find(definition.label)) return skip(definition, kSubmittedMeanwhile);
   const std::string file = definition.file;
+  const std::string label = definition.label;
   const auto loaded = submitNow(JobOrigin::kLoaded, std::move(definition));
   if (loaded) return;
-  log(platform::ASL_LEVEL_ERR, fmt::format("{}: {}", file, loaded.error().localizedDescription));
+  log(platform::ASL_LEVEL_ERR, fmt::format("{}: {}", file, loaded.error().localizedDescription),
+      {.messageId = platform::kStartFailedId, .label = label});
 }
 
 void JobHost::restartOutdatedBus() {

@@ -1,7 +1,9 @@
 // The starts and ends of the jobs' processes.
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +13,8 @@
 
 #include "JobHost/JobErrors.h"
 #include "JobHost/JobHost.h"
+#include "Platform/Jobs/JobHistory.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
@@ -87,7 +91,10 @@ Result<void> JobHost::startProcess(Job& job, const JobDefinition& definition) {
   if (onStarted_) onStarted_(job.label(), job.lastStart.process);
   log(platform::ASL_LEVEL_INFO,
       fmt::format("job {}: started process {}", platform::quotedInMessage(job.label()),
-                  job.lastStart.process));
+                  job.lastStart.process),
+      {.messageId = platform::kServiceStartedId,
+       .label = job.label(),
+       .process = job.lastStart.process});
   return {};
 }
 
@@ -112,13 +119,8 @@ void JobHost::processEnded(Job& job, Ending ending) {
   if (auto written = state_->appendEnded(job.label(), ending); !written) {
     noteUnwritten(written.error());
   }
-  log(platform::ASL_LEVEL_INFO,
-      fmt::format("job {}: process {} ended ({})", platform::quotedInMessage(job.label()),
-                  job.lastStart.process, describeEnding(ending)));
   const platform::Instant now = loop_.now();
-  const platform::Duration ran = now - job.starts.last.value_or(now);
-  const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
-  histories_.of(job.label()).add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
+  recordEnd(job, ending, now - job.starts.last.value_or(now));
   if (job.removal) return searchSoon(job);
   job.process.reset();
   if (job.isDefinitionLost) return forget(job);
@@ -128,6 +130,28 @@ void JobHost::processEnded(Job& job, Ending ending) {
                  wantsProcessAfter(job.rules, exitStatusOf(ending)), now >= earliestStartOf(job));
   if (action == JobAction::kStart) return enqueueStart(job);
   static_cast<void>(perform(job, action, nullptr));  // Only a start can fail.
+}
+
+void JobHost::recordEnd(Job& job, Ending ending, platform::Duration ran) {
+  platform::JobHistory& history = histories_.of(job.label());
+  const std::int64_t crashes = history.crashes;
+  const auto status = ending ? std::optional(waitStatusOf(*ending)) : std::nullopt;
+  history.add({loop_.wallTime(), status, ran}, job.removal || isShuttingDown_);
+  const bool hasCrashed = history.crashes > crashes;
+  const std::string name = platform::quotedInMessage(job.label());
+  log(platform::ASL_LEVEL_INFO,
+      fmt::format("job {}: process {} ended ({})", name, job.lastStart.process,
+                  describeEnding(ending)),
+      {.messageId = hasCrashed ? platform::kServiceCrashedId : platform::kServiceEndedId,
+       .label = job.label(),
+       .process = job.lastStart.process});
+  job.shortCrashes = hasCrashed && ran < kCrashLoopRun ? job.shortCrashes + 1 : 0;
+  if (job.shortCrashes != kCrashLoop) return;
+  log(platform::ASL_LEVEL_WARNING,
+      fmt::format("job {}: crash loop, {} crashes in a row within {} s of their start", name,
+                  kCrashLoop,
+                  std::chrono::duration_cast<std::chrono::seconds>(kCrashLoopRun).count()),
+      {.messageId = platform::kCrashLoopId, .label = job.label()});
 }
 
 platform::Instant JobHost::earliestStartOf(const Job& job) const {
@@ -196,7 +220,9 @@ void JobHost::logFailedStart(Job& job, const Error& error) {
   const bool isRetried = error.code != platform::ErrorCode::kChanged;
   log(platform::ASL_LEVEL_ERR,
       fmt::format("{}{}", platform::describe(error),
-                  isRetried ? "; it is tried again after its throttle interval" : ""));
+                  isRetried ? "; it is tried again after its throttle interval" : ""),
+      {.messageId = isRetried ? platform::kStartFailedId : platform::kProgramDamagedId,
+       .label = job.label()});
   startFailed(job, error);
 }
 

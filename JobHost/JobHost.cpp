@@ -62,8 +62,10 @@ Job* JobHost::find(std::string_view label) {
   return found == jobs_.end() ? nullptr : &found->second;
 }
 
-void JobHost::log(platform::AslLevel level, const std::string& text) {
-  log_.asl_log(nullptr, level, text);
+void JobHost::log(platform::AslLevel level, const std::string& text, platform::LogFields fields,
+                  const std::source_location& where) {
+  fields.where = where;
+  log_.asl_log(nullptr, level, text, fields);
 }
 
 void JobHost::submit(JobDefinition definition, Completion completion) {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,6 +22,7 @@
 #include "JobHost/Processes/Processes.h"
 #include "JobHost/State/StateFile.h"
 #include "Platform/Jobs/Jobs.h"
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
@@ -34,6 +36,10 @@ using platform::kGoodRun;
 
 // The jobs that a host takes. Each that runs costs it one descriptor and about 2 KiB.
 inline constexpr std::size_t kMaximumJobs = 16'384;
+
+// So many crashes in a row, each so soon after its start, are a crash loop. The log says so once.
+inline constexpr unsigned kCrashLoop = 3;
+inline constexpr platform::Duration kCrashLoopRun = std::chrono::seconds(10);
 
 // Where a host keeps its files, and its bounds.
 struct JobHostOptions {
@@ -171,7 +177,8 @@ class JobHost {
   void logRemarks(const JobDefinition& definition);
   void setCost(Job& job, std::size_t cost);
   static void fillIn(Job& job, JobOrigin origin, const JobDefinition& definition);
-  void log(platform::AslLevel level, const std::string& text);
+  void log(platform::AslLevel level, const std::string& text, platform::LogFields fields = {},
+           const std::source_location& where = std::source_location::current());
 
   // JobHost+Starts.cpp
   // Parses the dictionary if `definition` is null.
@@ -179,6 +186,8 @@ class JobHost {
   platform::Result<void> startProcess(Job& job, const JobDefinition& definition);
   Processes::OnEnd onEndOf(Job& job);
   void processEnded(Job& job, Ending ending);
+  // Counts and logs the end, and the beginning of a crash loop.
+  void recordEnd(Job& job, Ending ending, platform::Duration ran);
   platform::Instant earliestStartOf(const Job& job) const;
   void enqueueStart(Job& job);
   void postNextStart();

@@ -1,15 +1,19 @@
 // Jobs that end soon after each start, and many jobs that end at once.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gmock/gmock.h>
 
 #include "JobHost/JobHostFixture_contract.h"
+#include "Platform/Logging/LogMessageIds.h"
 
 namespace jobhost {
 namespace {
@@ -194,6 +198,61 @@ TEST_F(JobHostCrashLoops, StartsEndsAndCrashesAreCounted) {
   EXPECT_EQ(counted.crashes, 1);
   EXPECT_THAT(counted.lastEnds, ElementsAre(platform::JobHistory::End{since + 5s, SIGSEGV, 5s},
                                             platform::JobHistory::End{since + 8s, 0, 3s}));
+}
+
+TEST_F(JobHostCrashLoops, StartsAndEndsAreEventsOfTheLog) {
+  using Event = platform::FakeLogSink::Event;
+  ASSERT_TRUE(submit(
+      job("com.example.a", {{"ThrottleInterval", 0}, {"KeepAlive", false}, {"RunAtLoad", true}})));
+  endLast();
+  ASSERT_TRUE(submit(unthrottled("com.example.b")));
+  endLast(kSegmentationFault);
+  ASSERT_TRUE(removeLater("com.example.b")->value());
+  EXPECT_THAT(sink_.events(), ElementsAre(Event{platform::kServiceStartedId, "com.example.a", 101},
+                                          Event{platform::kServiceEndedId, "com.example.a", 101},
+                                          Event{platform::kServiceStartedId, "com.example.b", 102},
+                                          Event{platform::kServiceCrashedId, "com.example.b", 102},
+                                          Event{platform::kServiceStartedId, "com.example.b", 103},
+                                          Event{platform::kServiceEndedId, "com.example.b", 103}));
+}
+
+TEST_F(JobHostCrashLoops, ACrashLoopIsLoggedOnce) {
+  const auto loops = [this] {
+    return std::ranges::count(sink_.events(), std::string_view(platform::kCrashLoopId),
+                              [](const auto& event) { return event.messageId; });
+  };
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const auto crash = [this](Duration ran) {
+    loop_.advanceBy(ran);
+    const std::size_t before = starts();
+    endLast(kSegmentationFault);
+    for (int i = 0; i < 10 && starts() == before; ++i) loop_.advanceBy(1s);
+  };
+  crash(0s);
+  crash(0s);
+  EXPECT_EQ(loops(), 0);
+  crash(0s);
+  EXPECT_EQ(loops(), 1);
+  for (int i = 0; i < 20; ++i) crash(0s);
+  EXPECT_EQ(loops(), 1);
+  // A long run ends it.
+  crash(kCrashLoopRun);
+  crash(0s);
+  crash(0s);
+  EXPECT_EQ(loops(), 1);
+  crash(0s);
+  EXPECT_EQ(loops(), 2);
+}
+
+TEST_F(JobHostCrashLoops, AFailedStartIsAnEventOfTheLog) {
+  using Event = platform::FakeLogSink::Event;
+  ASSERT_TRUE(submit(unthrottled("com.example.a")));
+  processes_.failure = platform::Error{platform::ErrorCode::kSystem, ENOENT, "executing"};
+  endLast();
+  EXPECT_EQ(sink_.events().back(), (Event{platform::kStartFailedId, "com.example.a", 0}));
+  processes_.failure = platform::Error{platform::ErrorCode::kChanged, 0, "another program"};
+  loop_.advanceBy(10s);
+  EXPECT_EQ(sink_.events().back(), (Event{platform::kProgramDamagedId, "com.example.a", 0}));
 }
 
 TEST_F(JobHostCrashLoops, TheCountsOutliveARemovalWhichIsNoCrash) {

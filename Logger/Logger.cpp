@@ -112,5 +112,6 @@ void vantorlogger_line(int level, std::string_view message, const std::source_lo
   const AslClient* client = vantorlogger_getclient();
   log->asl_log(client, level,
                platform::stringWithFormat("[%s:%u] %s", vantor_srcbasename(where.file_name()),
-                                          where.line(), message));
+                                          where.line(), message),
+               {.where = where});
 }

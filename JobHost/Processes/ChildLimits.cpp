@@ -1,7 +1,9 @@
 #include "JobHost/Processes/ChildLimits.h"
 
 #include <algorithm>
+#include <fstream>
 #include <optional>
+#include <string>
 
 #include <fmt/format.h>
 #include <sys/resource.h>
@@ -23,13 +25,8 @@ constexpr rlim_t kDefaultStackBytes = rlim_t{8} << 20;
 
 // The kernel's, for process 1.
 constexpr SoftLimit kDefaults[] = {
-    {RLIMIT_CPU, RLIM_INFINITY},
-    {RLIMIT_FSIZE, RLIM_INFINITY},
-    {RLIMIT_DATA, RLIM_INFINITY},
-    {RLIMIT_STACK, kDefaultStackBytes},
-    {RLIMIT_CORE, 0},
-    {RLIMIT_RSS, RLIM_INFINITY},
-    {RLIMIT_AS, RLIM_INFINITY},
+    {RLIMIT_CPU, RLIM_INFINITY},        {RLIMIT_FSIZE, RLIM_INFINITY}, {RLIMIT_DATA, RLIM_INFINITY},
+    {RLIMIT_STACK, kDefaultStackBytes}, {RLIMIT_RSS, RLIM_INFINITY},   {RLIMIT_AS, RLIM_INFINITY},
 };
 
 // A soft limit that the job sets itself is taken as it is: if it is too high, the start fails.
@@ -51,13 +48,28 @@ Result<std::optional<ChildLimit>> limitOf(int resource, const ResourceLimit* own
   return isSame ? std::nullopt : std::optional(limit);
 }
 
+// Read once: it is a setting of the machine, and the next host reads it again.
+rlim_t softCoreLimitHere() {
+  static const rlim_t kLimit = [] {
+    std::string pattern;
+    std::getline(std::ifstream("/proc/sys/kernel/core_pattern"), pattern);
+    return softCoreLimit(pattern);
+  }();
+  return kLimit;
+}
+
 }  // namespace
+
+rlim_t softCoreLimit(std::string_view corePattern) {
+  return corePattern.starts_with('|') ? RLIM_INFINITY : 0;
+}
 
 Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,
                                          std::uint64_t originalDescriptorLimit,
                                          LimitsOfHost ofHost) {
   // Programs that use select() break with the host's raised limit.
-  std::vector<SoftLimit> defaults{{RLIMIT_NOFILE, originalDescriptorLimit}};
+  std::vector<SoftLimit> defaults{{RLIMIT_NOFILE, originalDescriptorLimit},
+                                  {RLIMIT_CORE, softCoreLimitHere()}};
   defaults.insert(defaults.end(), std::begin(kDefaults), std::end(kDefaults));
   std::vector<ChildLimit> limits;
   for (const ResourceLimit& own : job.limits) {

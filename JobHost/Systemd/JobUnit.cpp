@@ -49,8 +49,9 @@ void addLimits(const JobDefinition& job, const std::vector<ChildLimit>& limits,
         std::ranges::find(job.limits, limit.resource, &ResourceLimit::resource) != job.limits.end();
     const auto known = std::ranges::find(kLimitProperties, limit.resource,
                                          &std::pair<int, std::string_view>::first);
-    if (!isOwn || known == std::end(kLimitProperties))
-      continue;  // Otherwise systemd's own defaults hold.
+    // Otherwise systemd's own defaults hold, but theirs keeps cores from a collector.
+    const bool isCollected = limit.resource == RLIMIT_CORE && limit.value.rlim_cur > 0;
+    if ((!isOwn && !isCollected) || known == std::end(kLimitProperties)) continue;
     to.push_back({std::string(known->second), std::uint64_t{limit.value.rlim_max}});
     to.push_back({std::string(known->second) + "Soft", std::uint64_t{limit.value.rlim_cur}});
   }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string_view>
 
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Time.h"
 
@@ -31,6 +32,7 @@ struct LogRecord {
   // When and by which thread it was logged: now and by the calling thread, if absent.
   std::optional<WallTime> time = std::nullopt;
   std::optional<std::uint32_t> thread = std::nullopt;
+  LogFields fields = {};
 };
 
 // The destination of messages. Any thread may call it; calls never block on another process.

@@ -26,7 +26,8 @@ std::unique_ptr<AslClient> SystemLog::asl_open(std::string_view ident, std::stri
   return std::make_unique<AslClient>(AslClient{std::string(ident), std::string(facility)});
 }
 
-void SystemLog::asl_log(const AslClient* client, int level, std::string_view message) {
+void SystemLog::asl_log(const AslClient* client, int level, std::string_view message,
+                        const LogFields& fields) {
   const int clamped =
       std::clamp(level, static_cast<int>(ASL_LEVEL_EMERG), static_cast<int>(ASL_LEVEL_DEBUG));
   if (clamped > maximumLevel_) return;
@@ -43,7 +44,8 @@ void SystemLog::asl_log(const AslClient* client, int level, std::string_view mes
                          .facility = speaker.facility,
                          .level = static_cast<AslLevel>(clamped),
                          .message = message,
-                         .isUrgent = clamped <= ASL_LEVEL_ERR};
+                         .isUrgent = clamped <= ASL_LEVEL_ERR,
+                         .fields = fields};
   if (!lost_.report(sink_, record.isUrgent) || !sink_.write(record)) countLost();
 }
 

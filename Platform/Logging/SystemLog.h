@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Logging/LogSink.h"
 #include "Platform/Logging/LostMessages.h"
 
@@ -46,7 +47,8 @@ class SystemLog {
 
   // Writes the finished text `message` unchanged. A null client is the default client, whose ident
   // is the program's name. Levels outside 0 to 7 count as the nearest of them.
-  void asl_log(const AslClient* client, int level, std::string_view message);
+  void asl_log(const AslClient* client, int level, std::string_view message,
+               const LogFields& fields = {});
 
   // Closes the client; null does nothing. Static, because a queue's finaliser has only the client.
   static void asl_close(std::unique_ptr<AslClient> client);

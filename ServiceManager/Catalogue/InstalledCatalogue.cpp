@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "ServiceManager/Catalogue/PathComponents.h"
@@ -26,7 +27,8 @@ StartUpResult<Value> readServicePlist(FileReader& files, std::string_view resour
   Value list = dictionaryAtPath(files, pathByAppendingComponent(resourcePath, "Service.plist"));
   if (!primaryServiceInfo(list).isNil()) return list;
   vantorlogger2_line(ASL_LEVEL_ERR,
-                     "Malformed configuration file. Unable to resolve primary service information");
+                     "Malformed configuration file. Unable to resolve primary service information",
+                     {.messageId = kDaemonIdleId});
   return std::unexpected(
       StartUpError{"Malformed Configuration", "Unable to resolve primary service information"});
 }
@@ -40,14 +42,16 @@ StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
                           : Value();
   if (information.isNil()) {
     vantorlogger2_line(ASL_LEVEL_ERR,
-                       "Malformed configuration file. Unable to resolve product information");
+                       "Malformed configuration file. Unable to resolve product information",
+                       {.messageId = kDaemonIdleId});
     return std::unexpected(
         StartUpError{"Malformed Configuration", "Unable to resolve product information"});
   }
   const std::string* key = servicePlist[catalogue_keys::kProductInfoKey].string();
   const std::string* guid = key ? information[*key].string() : nullptr;
   if (const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr) return type;
-  vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID");
+  vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID",
+                     {.messageId = kDaemonIdleId});
   return std::unexpected(StartUpError{"Unkown product type", "Unable to resolve GUID"});
 }
 
@@ -57,7 +61,8 @@ StartUpResult<ServiceCatalogue> catalogueOfProduct(const Value& servicePlist,
   if (matching.empty()) {
     const std::string why = stringWithFormat(
         "Unable to resolve services that match the current product: %@", installTypeName);
-    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why));
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Cannot resolve product services. %@", why),
+                       {.messageId = kDaemonIdleId});
     return std::unexpected(StartUpError{"Uknown product type", why});
   }
   const std::string* primary = servicePlist[catalogue_keys::kPrimary].string();

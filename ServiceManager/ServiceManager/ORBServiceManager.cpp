@@ -6,6 +6,7 @@
 
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/RandomNumber.h"
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/SystemFacts/CurrentUser.h"
 #include "Platform/SystemFacts/Thread.h"
 #include "Platform/Texts/StringFormat.h"
@@ -219,7 +220,8 @@ bool ORBServiceManager::makeSecret() {
   if (!generateRandomNumber(platform_.randomDevice, bytes)) {
     vantorlogger2_line(
         ASL_LEVEL_ERR,
-        "Service Manager is unable to continue because it can't initialize the kexts");
+        "Service Manager is unable to continue because it can't initialize the kexts",
+        {.messageId = kDaemonIdleId});
     return false;
   }
   secret_ = std::move(bytes);
@@ -249,7 +251,8 @@ void ORBServiceManager::authorizationIsAcquired(OSStatus status) {
   if (status == errAuthorizationSuccess) {
     ownIntegrity_.check();
   } else {
-    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status));
+    vantorlogger2_line(ASL_LEVEL_ERR, stringWithFormat("Copy Rights Unsuccessful: %d", status),
+                       {.messageId = kDaemonIdleId});
     announceStartUpError("Authorization failure",
                          "Unable to acquire the correct rights to run background services");
   }

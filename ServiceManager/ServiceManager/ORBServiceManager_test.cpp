@@ -1,5 +1,6 @@
 #include <chrono>
 
+#include "Platform/Logging/LogMessageIds.h"
 #include "ServiceManager/ServiceManager/StartUp_fixture.h"
 #include "ServiceManager/Supervision/MonitoringRecord.h"
 
@@ -20,6 +21,8 @@ class StartUpTest : public StartUpFixture {
   // The daemon lives, has logged and announced why it does nothing, and does nothing.
   void expectIdle(const std::string& logLine, const char* error, const char* description) {
     start();
+    queues_.runPending();
+    EXPECT_THAT(logSink_.events(), Contains(FakeLogSink::Event{kDaemonIdleId, "", 0}));
     EXPECT_THAT(takeLog(), Contains("3 " + logLine));
     EXPECT_THAT(announcements_, ElementsAre(DistributedNotification{
                                     kDidStartError, std::nullopt,

@@ -1,6 +1,7 @@
 #include "ServiceManager/ServiceManager/OwnIntegrity.h"
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Supervision/ProgramRechecks.h"
 
@@ -13,7 +14,8 @@ void OwnIntegrity::check() {
   vantorlogger2_line(
       ASL_LEVEL_ERR,
       "Internal inconsistency! The service manager bundle appears to have been tampered with\n "
-      "Service Manager is going into limbo");
+      "Service Manager is going into limbo",
+      {.messageId = kDaemonIdleId});
   environment_.announceError("Internal inconsistency",
                              "The service manager bundle appears to have been tampered with");
 }
@@ -27,7 +29,8 @@ void OwnIntegrity::checkAgainLater(const std::string& reason) {
         ASL_LEVEL_ERR,
         stringWithFormat("The service manager bundle can't be checked: %@\n Service Manager is "
                          "going into limbo until it can",
-                         reason));
+                         reason),
+        {.messageId = kDaemonIdleId});
     environment_.announceError("Internal inconsistency",
                                "The service manager bundle can't be checked");
   }

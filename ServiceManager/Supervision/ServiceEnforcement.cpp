@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Catalogue/CatalogueKeys.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
@@ -16,7 +17,8 @@ namespace {
 void logDamagedProgram(std::string_view label,
                        const std::source_location& where = std::source_location::current()) {
   vantorlogger2_line(ASL_LEVEL_WARNING,
-                     stringWithFormat("Program file for %@ appears to be damaged", label), where);
+                     stringWithFormat("Program file for %@ appears to be damaged", label),
+                     {.messageId = kProgramDamagedId, .label = label}, where);
 }
 
 }  // namespace
@@ -230,7 +232,8 @@ void ServiceEnforcement::submit(const std::string& label, const Value& job, Laun
         }
         const NSError refusal = submitted.error().value_or(NSError{});
         vantorlogger2_line(ASL_LEVEL_ERR,
-                           stringWithFormat("Unable to load %@.\n%@", label, refusal));
+                           stringWithFormat("Unable to load %@.\n%@", label, refusal),
+                           {.messageId = kStartFailedId, .label = label});
         if (hasProgramChanged(refusal)) environment_.rechecks.wasRefused(label);
         answer({});
       });

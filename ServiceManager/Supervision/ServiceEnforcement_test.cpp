@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Testing/KernelExtensions/KeepingHandler.h"
 #include "Platform/Texts/StringFormat.h"
 #include "ServiceManager/Supervision/Supervision_fixture.h"
@@ -73,6 +74,8 @@ TEST_F(ServiceEnforcementTest, AMissingProgramIsNotLaunched) {
 TEST_F(ServiceEnforcementTest, ADamagedProgramIsNotSubmitted) {
   damageProgram("agent");
   EXPECT_TRUE(launch(kAgent, true).isNil());
+  queues_.runPending();
+  EXPECT_THAT(logSink_.events(), ElementsAre(FakeLogSink::Event{kProgramDamagedId, kAgent, 0}));
   EXPECT_THAT(takeLog(), ElementsAre("4 Program file for com.example.agent appears to be damaged"));
 }
 

@@ -20,6 +20,7 @@
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/PropertyLists/PropertyList.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
+#include "Tests/EndToEnd/JobBackend.h"
 
 namespace platform {
 namespace {
@@ -75,7 +76,7 @@ DaemonRoot::DaemonRoot(const std::string& configuration, const PrepareLog& prepa
                  "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>"
                  "<key>NotificationBus</key><string>" +
                      busAddress(path()) + "</string>" + groupEntry() + configuration +
-                     "</dict></plist>");
+                     jobBackendEntry(configuration) + "</dict></plist>");
   folder().write("etc/vantor/anchors/authority.pem",
                  pemOfCertificate(CodeSigningBed::authority().chain.front().get()).value());
   folder().write("etc/vantor/notification-bus.conf", contentOfFile(NOTIFICATION_BUS_CONFIGURATION));

@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tests/EndToEnd/ExitStatuses.h"
+#include "Tests/EndToEnd/JobBackend.h"
 
 namespace platform {
 namespace {
@@ -24,6 +26,12 @@ JobHostRoot::Finished runToEnd(std::vector<std::string> arguments) {
 DemoRoot::DemoRoot() {
   const auto made = runToEnd({MAKE_ROOT, path(), "--built", BUILT});
   EXPECT_EQ(made.status, kSuccess) << made.errors;
+  if (testsUseSystemd()) {
+    const std::string file = path() + "/etc/vantor/platform.plist";
+    std::string configuration = contentOfFile(file);
+    configuration.insert(configuration.rfind("</dict>"), jobBackendEntry());
+    folder_.write("root/etc/vantor/platform.plist", configuration);
+  }
   // Follows the log before anything is written to it, so that no line is missed.
   folder_.write("root/log/system.log", "The log begins.\n");
   log_ = std::make_unique<ChildProgram>(std::vector<std::string>{controlProgram(), "log", "-f"},

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Tests/EndToEnd/JobBackend.h"
 
 namespace platform {
 namespace {
@@ -36,8 +37,10 @@ JobHostRoot::JobHostRoot(const std::string& configuration) {
   const std::string file =
       folder_.write("etc/vantor/platform.plist",
                     "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>" +
-                        configuration + "</dict></plist>");
+                        configuration + jobBackendEntry(configuration) + "</dict></plist>");
   std::filesystem::permissions(file, std::filesystem::perms(0644));
+  // systemd executes the starter as the job's user.
+  if (testsUseSystemd()) std::filesystem::permissions(folder_.path(), std::filesystem::perms(0755));
   std::filesystem::copy_file(JOBHOST, hostProgram());
   std::filesystem::copy_file(JOBSTART, folder_.path("jobstart"));
   std::filesystem::copy_file(SERVICEMANAGERCTL, controlProgram());

@@ -46,6 +46,26 @@ const char* sinkText(const PlatformConfiguration& configuration) {
   return "";
 }
 
+const char* backendText(const PlatformConfiguration& configuration) {
+  switch (configuration.jobBackend) {
+    case PlatformConfiguration::JobBackend::kEmbedded:
+      return "embedded";
+    case PlatformConfiguration::JobBackend::kSystemd:
+      return "systemd";
+  }
+  return "";
+}
+
+bool startsInUnits(const PlatformConfiguration& configuration) {
+  return configuration.jobBackend == PlatformConfiguration::JobBackend::kSystemd;
+}
+
+std::string treesText(const PlatformReport& report) {
+  if (startsInUnits(report.configuration)) return "units of systemd";
+  if (report.controlGroups) return "control groups in " + *report.controlGroups;
+  return "process groups and marks: " + report.controlGroups.error();
+}
+
 }  // namespace
 
 PlatformReport makePlatformReport(const SystemInformation& system,
@@ -76,10 +96,8 @@ std::string asTable(const PlatformReport& report) {
   fmt::format_to(out, "Booted          {}\n", bootText(report.bootTime));
   fmt::format_to(out, "Log             {}, levels to {}\n", sinkText(report.configuration),
                  report.configuration.logLevel);
-  fmt::format_to(
-      out, "Job trees       {}\n",
-      escaped(report.controlGroups ? "control groups in " + *report.controlGroups
-                                   : "process groups and marks: " + report.controlGroups.error()));
+  fmt::format_to(out, "Job backend     {}\n", backendText(report.configuration));
+  fmt::format_to(out, "Job trees       {}\n", escaped(treesText(report)));
   fmt::format_to(out, "\n{:>7}  {:<16} {}\n", "UID", "USER", "FULL NAME");
   for (const auto& [uid, identity] : report.users) {
     fmt::format_to(out, "{:>7}  {:<16} {}\n", uid, escaped(identity.posixName),
@@ -104,8 +122,10 @@ nlohmann::ordered_json asJson(const PlatformReport& report) {
   if (report.bootTime >= 0) json["bootTime"] = report.bootTime;
   json["logSink"] = sinkText(report.configuration);
   json["logLevel"] = report.configuration.logLevel;
+  json["jobBackend"] = backendText(report.configuration);
   json["controlGroups"] = nullptr;
-  if (report.controlGroups) json["controlGroups"] = *report.controlGroups;
+  if (report.controlGroups && !startsInUnits(report.configuration))
+    json["controlGroups"] = *report.controlGroups;
   json["users"] = nlohmann::ordered_json::array();
   for (const auto& [uid, identity] : report.users) {
     json["users"].push_back(

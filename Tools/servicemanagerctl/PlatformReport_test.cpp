@@ -44,6 +44,18 @@ TEST_F(PlatformReportTest, TellsWhereJobsHaveControlGroups) {
   EXPECT_TRUE(asJson(made)["controlGroups"].is_null());
 }
 
+TEST_F(PlatformReportTest, TellsWhichBackendStartsJobs) {
+  PlatformReport made = report(40, 7);
+  made.controlGroups = "/sys/fs/cgroup";
+  EXPECT_THAT(asTable(made), HasSubstr("Job backend     embedded\n"));
+  EXPECT_EQ(asJson(made)["jobBackend"], "embedded");
+  made.configuration.jobBackend = PlatformConfiguration::JobBackend::kSystemd;
+  EXPECT_THAT(asTable(made),
+              HasSubstr("Job backend     systemd\nJob trees       units of systemd\n"));
+  EXPECT_EQ(asJson(made)["jobBackend"], "systemd");
+  EXPECT_TRUE(asJson(made)["controlGroups"].is_null());
+}
+
 TEST_F(PlatformReportTest, AnUnreadableBootTimeIsUnknown) {
   system_.setBootTime(std::unexpected(Error{ErrorCode::kSystem, 2, "/proc/stat"}));
   testing::internal::CaptureStderr();

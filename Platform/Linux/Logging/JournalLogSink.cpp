@@ -28,6 +28,16 @@ void appendField(std::string& entry, std::string_view name, std::string_view val
   entry += '\n';
 }
 
+void appendFields(std::string& entry, const LogFields& fields) {
+  if (fields.messageId) appendField(entry, "MESSAGE_ID", fields.messageId);
+  if (!fields.label.empty()) appendField(entry, "VANTOR_LABEL", fields.label);
+  if (fields.process != 0) appendField(entry, "VANTOR_PID", std::to_string(fields.process));
+  if (fields.where.line() == 0) return;
+  const std::string_view path = fields.where.file_name();
+  appendField(entry, "CODE_FILE", path.substr(path.rfind('/') + 1));
+  appendField(entry, "CODE_LINE", std::to_string(fields.where.line()));
+}
+
 Result<void> writeEntry(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const auto written =
@@ -48,13 +58,14 @@ Result<std::unique_ptr<JournalLogSink>> JournalLogSink::make(std::string socketP
 
 Result<void> JournalLogSink::write(const LogRecord& record) {
   std::string entry;
-  entry.reserve(128 + record.ident.size() + record.facility.size() + record.message.size());
+  entry.reserve(256 + record.ident.size() + record.facility.size() + record.message.size());
   const char priority = static_cast<char>('0' + static_cast<int>(record.level));
   appendField(entry, "MESSAGE", record.message);
   appendField(entry, "PRIORITY", {&priority, 1});
   appendField(entry, "SYSLOG_FACILITY", "3");
   appendField(entry, "SYSLOG_IDENTIFIER", record.ident);
   appendField(entry, "VANTOR_FACILITY", record.facility);
+  appendFields(entry, record.fields);
   auto sent = socket_.send(entry);
   if (sent || (sent.error().osError != EMSGSIZE && sent.error().osError != ENOBUFS)) return sent;
   return sendAsMemoryFile(entry);

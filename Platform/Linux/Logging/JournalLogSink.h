@@ -11,8 +11,9 @@ namespace platform {
 inline constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 
 // Messages in the journal's native protocol, one datagram each: MESSAGE, PRIORITY,
-// SYSLOG_IDENTIFIER, SYSLOG_FACILITY (3, daemon) and VANTOR_FACILITY, the named facility. A message
-// that is too large for a datagram is sent as a sealed memory file.
+// SYSLOG_IDENTIFIER, SYSLOG_FACILITY (3, daemon) and VANTOR_FACILITY, the named facility; where
+// they are known MESSAGE_ID, VANTOR_LABEL, VANTOR_PID (of the service), CODE_FILE and CODE_LINE. A
+// message that is too large for a datagram is sent as a sealed memory file.
 class JournalLogSink final : public LogSink {
  public:
   // The journal need not be running yet. Fails only if the system has no descriptor left.

@@ -27,9 +27,13 @@ LogRecord LogBuffer::Batch::operator[](std::size_t index) const {
   record.ident = next(line.ident);
   record.facility = next(line.facility);
   record.level = line.level;
+  record.fields.label = next(line.label);
   record.message = next(line.message);
   record.time = line.time;
   record.thread = line.thread;
+  record.fields.messageId = line.messageId;
+  record.fields.process = line.process;
+  record.fields.where = line.where;
   return record;
 }
 
@@ -48,11 +52,18 @@ bool LogBuffer::add(const LogRecord& record) {
   waiting_.lines_.push_back({.begin = waiting_.texts_.size(),
                              .ident = static_cast<std::uint32_t>(record.ident.size()),
                              .facility = static_cast<std::uint32_t>(record.facility.size()),
+                             .label = static_cast<std::uint32_t>(record.fields.label.size()),
                              .message = record.message.size(),
                              .time = record.time.value_or(std::chrono::system_clock::now()),
                              .thread = record.thread.value_or(mach_thread_self()),
-                             .level = record.level});
-  waiting_.texts_.append(record.ident).append(record.facility).append(record.message);
+                             .level = record.level,
+                             .messageId = record.fields.messageId,
+                             .process = record.fields.process,
+                             .where = record.fields.where});
+  waiting_.texts_.append(record.ident)
+      .append(record.facility)
+      .append(record.fields.label)
+      .append(record.message);
   return true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,8 @@ class LogBuffer {
   static constexpr std::size_t kOverhead = 64;
 
   static std::size_t costOf(const LogRecord& record) {
-    return record.ident.size() + record.facility.size() + record.message.size() + kOverhead;
+    return record.ident.size() + record.facility.size() + record.message.size() +
+           record.fields.label.size() + kOverhead;
   }
 
   // Messages that were taken out. They occupy the buffer until each is released.
@@ -40,10 +42,14 @@ class LogBuffer {
       std::size_t begin;
       std::uint32_t ident;
       std::uint32_t facility;
+      std::uint32_t label;
       std::size_t message;
       WallTime time;
       std::uint32_t thread;
       AslLevel level;
+      const char* messageId;
+      ProcessId process;
+      std::source_location where;
     };
 
     std::string texts_;  // one after the other

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Logging/LogBuffer.h"
 
 #include <chrono>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,26 @@ TEST(LogBufferTest, AMessageComesOutAsItWentIn) {
   EXPECT_EQ(batch[0].message, "text");
   EXPECT_EQ(batch[0].time, record.time);
   EXPECT_EQ(batch[0].thread, 77U);
+}
+
+TEST(LogBufferTest, AMessageKeepsItsFields) {
+  LogBuffer buffer({});
+  LogRecord record = ordinaryRecord("text");
+  record.fields = {.messageId = "id",
+                   .label = "com.example.agent",
+                   .process = 77,
+                   .where = std::source_location::current()};
+  ASSERT_TRUE(buffer.add(record));
+  ASSERT_TRUE(buffer.add(ordinaryRecord("next")));
+  LogBuffer::Batch batch;
+  buffer.take(batch);
+  EXPECT_EQ(batch[0].message, "text");
+  EXPECT_STREQ(batch[0].fields.messageId, "id");
+  EXPECT_EQ(batch[0].fields.label, "com.example.agent");
+  EXPECT_EQ(batch[0].fields.process, 77);
+  EXPECT_EQ(batch[0].fields.where.line(), record.fields.where.line());
+  EXPECT_EQ(batch[1].message, "next");
+  EXPECT_EQ(batch[1].fields.messageId, nullptr);
 }
 
 TEST(LogBufferTest, AMessageKeepsItsTimeAndThread) {

@@ -1,5 +1,6 @@
 #include <filesystem>
 #include <memory>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 
 #include "Platform/Linux/Logging/JournalLogSink.h"
 #include "Platform/Linux/Logging/SyslogLogSink.h"
+#include "Platform/Logging/LogMessageIds.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Testing/Logging/LogReceiver.h"
 
@@ -136,6 +138,27 @@ TEST(JournalLogSinkTest, AnEntryFollowsTheJournalsProtocol) {
   ASSERT_THAT(datagrams, SizeIs(2));
   EXPECT_EQ(datagrams[0].bytes, "MESSAGE=one\nPRIORITY=3\n" + rest);
   EXPECT_EQ(datagrams[1].bytes, "MESSAGE\n\3\0\0\0\0\0\0\0a\nb\nPRIORITY=7\n"s + rest);
+}
+
+TEST(JournalLogSinkTest, KnownFieldsAreWritten) {
+  TemporaryLogFolder folder;
+  LogReceiver receiver(folder.path("socket"));
+  const auto sink = JournalLogSink::make(folder.path("socket")).value();
+  LogRecord record = kInfoRecord;
+  record.fields = {.messageId = kServiceStartedId,
+                   .label = "com.example.agent",
+                   .process = 77,
+                   .where = std::source_location::current()};
+  ASSERT_TRUE(sink->write(record));
+  const auto datagrams = receiver.take();
+  ASSERT_THAT(datagrams, SizeIs(1));
+  const auto fields = parseJournalEntry(datagrams[0].bytes);
+  ASSERT_TRUE(fields);
+  EXPECT_EQ(fields->at("MESSAGE_ID"), kServiceStartedId);
+  EXPECT_EQ(fields->at("VANTOR_LABEL"), "com.example.agent");
+  EXPECT_EQ(fields->at("VANTOR_PID"), "77");
+  EXPECT_EQ(fields->at("CODE_FILE"), "SocketLogSink_test.cpp");
+  EXPECT_EQ(fields->at("CODE_LINE"), std::to_string(record.fields.where.line()));
 }
 
 TEST(JournalLogSinkTest, AMessageTooLargeForADatagramIsASealedFile) {

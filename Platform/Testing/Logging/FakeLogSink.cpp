@@ -14,6 +14,10 @@ Result<void> FakeLogSink::write(const LogRecord& record) {
   }
   messages_.push_back({std::string(record.ident), std::string(record.facility), record.level,
                        std::string(record.message)});
+  const LogFields& fields = record.fields;
+  if (fields.messageId) {
+    events_.push_back({fields.messageId, std::string(fields.label), fields.process});
+  }
   return {};
 }
 
@@ -54,10 +58,16 @@ std::size_t FakeLogSink::count(std::string_view part) const {
   return select([part](const Message& message) { return message.text.contains(part); }).size();
 }
 
+std::vector<FakeLogSink::Event> FakeLogSink::events() const {
+  const std::lock_guard lock(mutex_);
+  return events_;
+}
+
 void FakeLogSink::clear() { take(); }
 
 std::vector<FakeLogSink::Message> FakeLogSink::take() {
   const std::lock_guard lock(mutex_);
+  events_.clear();
   return std::exchange(messages_, {});
 }
 

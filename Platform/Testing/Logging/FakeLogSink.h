@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Platform/Logging/LogSink.h"
+#include "Platform/Values/KernelIds.h"
 
 namespace platform {
 
@@ -20,6 +21,15 @@ class FakeLogSink final : public LogSink {
     std::string text;
 
     bool operator==(const Message&) const = default;
+  };
+
+  // The fields of a message that has a message id.
+  struct Event {
+    std::string_view messageId;
+    std::string label;
+    ProcessId process = 0;
+
+    bool operator==(const Event&) const = default;
   };
 
   Result<void> write(const LogRecord& record) override;
@@ -38,6 +48,8 @@ class FakeLogSink final : public LogSink {
   std::vector<Message> messagesOf(std::string_view ident) const;
   // The number of messages whose text contains `part`.
   std::size_t count(std::string_view part) const;
+  // The messages with a message id.
+  std::vector<Event> events() const;
   void clear();
   // Returns the messages and removes them.
   std::vector<Message> take();
@@ -48,6 +60,7 @@ class FakeLogSink final : public LogSink {
 
   mutable std::mutex mutex_;
   std::vector<Message> messages_;
+  std::vector<Event> events_;
   std::size_t refused_ = 0;
   bool failing_ = false;
 };

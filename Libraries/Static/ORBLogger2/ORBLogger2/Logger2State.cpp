@@ -149,7 +149,8 @@ std::shared_ptr<SerialQueue> Logger2State::queueFor(std::uint32_t threadNumber) 
   return choose(threadNumber)->queue();
 }
 
-void Logger2State::log(std::uint32_t threadNumber, int level, std::string_view message) {
+void Logger2State::log(std::uint32_t threadNumber, int level, std::string_view message,
+                       const platform::LogFields& fields) {
   initDefault();
   std::shared_ptr<WorkQueue> toStart;
   {
@@ -157,7 +158,7 @@ void Logger2State::log(std::uint32_t threadNumber, int level, std::string_view m
     // pending block.
     const std::lock_guard lock(threadQueuesMutex_);
     const std::shared_ptr<WorkQueue>& queue = choose(threadNumber);
-    if (queue->add(level, message)) toStart = queue;
+    if (queue->add(level, message, fields)) toStart = queue;
   }
   if (toStart) toStart->start();
 }

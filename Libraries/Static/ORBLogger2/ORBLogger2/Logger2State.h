@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/WorkQueue.h"
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/SerialQueue.h"
 
@@ -31,7 +32,8 @@ class Logger2State {
   void processDefaultOpen(std::string_view ident);
   void open(std::string_view ident, std::uint32_t threadNumber);
   void close(std::uint32_t threadNumber);
-  void log(std::uint32_t threadNumber, int level, std::string_view message);
+  void log(std::uint32_t threadNumber, int level, std::string_view message,
+           const platform::LogFields& fields);
 
   // Shared with the table and with the block that writes pending lines.
   std::shared_ptr<platform::SerialQueue> queueFor(std::uint32_t threadNumber);

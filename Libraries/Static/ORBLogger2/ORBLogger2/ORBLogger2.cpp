@@ -56,13 +56,24 @@ const char* vantorlogger2_srcbasename(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-void vantorlogger2_logText(std::uint32_t threadNumber, int level, std::string_view message) {
-  if (Logger2State* state = bound()) state->log(threadNumber, level, message);
+void vantorlogger2_logText(std::uint32_t threadNumber, int level, std::string_view message,
+                           const platform::LogFields& fields) {
+  if (Logger2State* state = bound()) state->log(threadNumber, level, message, fields);
 }
 
 bool vantorlogger2_isBound() { return bound() != nullptr; }
 
 void vantorlogger2_line(int level, std::string_view message, const std::source_location& where) {
-  vantorlogger2_log(platform::mach_thread_self(), level, "[%s:%u] %@",
-                    vantorlogger2_srcbasename(where.file_name()), where.line(), message);
+  vantorlogger2_line(level, message, platform::LogFields{}, where);
+}
+
+void vantorlogger2_line(int level, std::string_view message, platform::LogFields fields,
+                        const std::source_location& where) {
+  if (!vantorlogger2_isBound()) return;
+  fields.where = where;
+  vantorlogger2_logText(
+      platform::mach_thread_self(), level,
+      platform::stringWithFormat("[%s:%u] %@", vantorlogger2_srcbasename(where.file_name()),
+                                 where.line(), message),
+      fields);
 }

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Logging/LogSink.h"
 #include "Platform/RunLoops/SerialQueue.h"
 #include "Platform/Texts/StringFormat.h"
@@ -57,7 +58,8 @@ void vantorlogger2_logging_error(
     const Arguments&... /*arguments*/) {}
 
 // Logs the text that vantorlogger2_log has formatted.
-void vantorlogger2_logText(std::uint32_t threadNumber, int level, std::string_view message);
+void vantorlogger2_logText(std::uint32_t threadNumber, int level, std::string_view message,
+                           const platform::LogFields& fields = {});
 bool vantorlogger2_isBound();
 
 template <typename... Arguments>
@@ -70,4 +72,8 @@ void vantorlogger2_log(std::uint32_t threadNumber, int level,
 
 // A line of the calling thread as the daemon's classes write it: "[FILE:LINE] MESSAGE".
 void vantorlogger2_line(int level, std::string_view message,
+                        const std::source_location& where = std::source_location::current());
+
+// The same with more fields.
+void vantorlogger2_line(int level, std::string_view message, platform::LogFields fields,
                         const std::source_location& where = std::source_location::current());

@@ -108,6 +108,15 @@ TEST_F(ORBLogger2Test, ALineHasIdentFacilityLevelAndText) {
                                                     ASL_LEVEL_WARNING, "[main.cpp:12] text"}));
 }
 
+TEST_F(ORBLogger2Test, ALineKeepsItsFields) {
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "line", {.messageId = "id", .label = "label", .process = 7});
+  vantorlogger2_line(ASL_LEVEL_DEBUG, "next", {.messageId = "other"});
+  queues_.runPending();
+  EXPECT_THAT(sink_.texts(), ElementsAre(testing::EndsWith("] line"), testing::EndsWith("] next")));
+  EXPECT_THAT(sink_.events(), ElementsAre(FakeLogSink::Event{"id", "label", 7},
+                                          FakeLogSink::Event{"other", "", 0}));
+}
+
 TEST_F(ORBLogger2Test, ALineIsWrittenOnTheQueueNotByTheCaller) {
   vantorlogger2_open("A", kThread);
   vantorlogger2_log(kThread, ASL_LEVEL_DEBUG, "line");

@@ -13,16 +13,18 @@ constexpr std::size_t kKeptLines = 1024;
 WorkQueue::WorkQueue(platform::SystemLog& systemLog, std::shared_ptr<platform::SerialQueue> queue)
     : systemLog_(systemLog), announced_(systemLog.announced()), queue_(std::move(queue)) {}
 
-bool WorkQueue::add(int level, std::string_view text) {
+bool WorkQueue::add(int level, std::string_view text, const platform::LogFields& fields) {
   text = text.substr(0, platform::SystemLog::kMaximumMessageSize + 1);  // It is cut there anyway.
   const std::lock_guard lock(mutex_);
-  const std::size_t cost = waiting_.cost() + costInWriting_ + text.size() + kLineOverhead;
+  const std::size_t cost =
+      waiting_.cost() + costInWriting_ + text.size() + fields.label.size() + kLineOverhead;
   if (cost > kMaximumBacklog) {
     systemLog_.countLost();
     return false;
   }
-  waiting_.texts += text;
-  waiting_.lines.push_back({level, text.size()});
+  waiting_.texts.append(text).append(fields.label);
+  waiting_.lines.push_back(
+      {level, text.size(), fields.label.size(), fields.messageId, fields.process, fields.where});
   announced_->fetch_add(1, std::memory_order_relaxed);
   return !std::exchange(blockOnItsWay_, true);
 }
@@ -39,11 +41,19 @@ void WorkQueue::writeWaiting() {
     blockOnItsWay_ = false;
   }
   const auto* client = static_cast<const platform::AslClient*>(queue_->context());
-  std::size_t begin = 0;
+  std::string_view texts = inWriting_.texts;
+  const auto next = [&texts](std::size_t size) {
+    const std::string_view text = texts.substr(0, size);
+    texts.remove_prefix(size);
+    return text;
+  };
   for (const Lines::Line& line : inWriting_.lines) {
-    systemLog_.asl_log(client, line.level,
-                       std::string_view(inWriting_.texts).substr(begin, line.size));
-    begin += line.size;
+    const std::string_view text = next(line.size);
+    systemLog_.asl_log(client, line.level, text,
+                       {.messageId = line.messageId,
+                        .label = next(line.label),
+                        .process = line.process,
+                        .where = line.where});
   }
   // Only now: whoever reads 0 finds them all in the log.
   announced_->fetch_sub(inWriting_.lines.size(), std::memory_order_release);

@@ -3,12 +3,15 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Platform/Logging/LogFields.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/RunLoops/SerialQueue.h"
+#include "Platform/Values/KernelIds.h"
 
 // The pending lines of one of logger 2's serial queues. Lines that come while others wait are
 // written by the same block. A block for each line would cost the caller more than the line's text
@@ -30,8 +33,9 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   // Shared with its pending blocks and with the logger's callers.
   const std::shared_ptr<platform::SerialQueue>& queue() const { return queue_; }
 
-  // Copies the text. True if no block is pending, so that the caller must call start().
-  [[nodiscard]] bool add(int level, std::string_view text);
+  // Copies the text and the label. True if no block is pending, so that the caller must call
+  // start().
+  [[nodiscard]] bool add(int level, std::string_view text, const platform::LogFields& fields);
 
   // Submits the block that writes the pending lines. Returns at once.
   void start();
@@ -41,8 +45,12 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
     struct Line {
       int level;
       std::size_t size;
+      std::size_t label;  // its size
+      const char* messageId;
+      platform::ProcessId process;
+      std::source_location where;
     };
-    std::string texts;  // one after the other
+    std::string texts;  // one after the other, each with its label behind it
     std::vector<Line> lines;
 
     std::size_t cost() const { return texts.size() + lines.size() * kLineOverhead; }
