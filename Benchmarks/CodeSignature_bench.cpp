@@ -25,8 +25,10 @@ namespace {
 
 using namespace platform;
 
+// A verdict depends on six files and folders on the way to the program and on three of the anchors.
+// Each costs a system call, so that a change counts for the next check; the baseline has three.
 const bool kGoals =
-    benchmarks::atMost({"signature-unchanged", 3,
+    benchmarks::atMost({"signature-unchanged", 4,
                         "verifying an unchanged program again, against open + fstat + close"}) &&
     benchmarks::atMost({"signature-hash", 1 / 0.95,
                         "verifying a changed program of 64 MiB, against OpenSSL's SHA-256 of it"});

@@ -27,6 +27,7 @@ struct Removal {
   // Processes with the job's mark or in its control group, as far as the searches have found them.
   // By their numbers. Those that have ended are dropped before each search.
   std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> descendants;
+  std::uint64_t beganAt = 0;         // in the unit of StartFields::startTicks
   platform::Duration searchPause{};  // from the last search to the next one
   // When its group got SIGTERM, in the unit of StartFields::startTicks. A process that began in the
   // group since then may not have got it. 0 if there was no SIGTERM.

@@ -83,6 +83,7 @@ void JobHost::remove(std::string_view label, Completion completion) {
 }
 
 void JobHost::beginRemoval(Job& job) {
+  job.removal->beganAt = processes_.ticksNow();
   job.removal->awaitsAdoption = job.awaitsAdoption();
   job.isQueued = false;
   job.timer.reset();

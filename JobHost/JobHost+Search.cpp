@@ -9,7 +9,9 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
 #include "Platform/Texts/QuotedText.h"
 
@@ -17,10 +19,19 @@ namespace jobhost {
 
 using platform::Result;
 
+bool JobHost::isTrusted(const Processes::Marked& marked, const Job* job) {
+  if (marked.user == 0 || marked.user == ::geteuid()) return true;
+  const std::string* const name = job ? job->dictionary["UserName"].string() : nullptr;
+  if (!name) return false;
+  const auto account = lookUpAccount(*name, {});
+  return account && account->user == marked.user;
+}
+
 // A leader that the state file does not know keeps its job from being started twice.
 Result<void> JobHost::adoptMarked() {
   const auto found = processes_.findMarked([this](const Processes::Marked& marked) {
     const Job* const job = find(marked.label);
+    if (!isTrusted(marked, job)) return false;
     if (!job) return true;
     const bool isKnown = job->hasLeader && job->lastStart.process == marked.process;
     // Descendants in sessions of their own stay with their job.
@@ -91,6 +102,7 @@ void JobHost::killUnowned(MarkedProcess& process) {
 void JobHost::forget(Job& job) {
   job.phase = JobPhase::kRemoving;
   job.removal = std::make_unique<Removal>();
+  job.removal->beganAt = processes_.ticksNow();
   job.removal->isKilling = true;
   searchSoon(job);
 }
@@ -132,6 +144,9 @@ void JobHost::search() {
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     if (!std::ranges::binary_search(labels, marked.label)) return false;
     const Job& job = *find(marked.label);
+    // A descendant may have changed its user. Others can start new processes with this mark as fast
+    // as they are killed, and the removal would not end.
+    if (marked.startTicks >= job.removal->beganAt && !isTrusted(marked, &job)) return false;
     if (job.abandonsGroup()) {
       // A leader that could not be watched.
       return !job.process && marked.process == job.lastStart.process &&

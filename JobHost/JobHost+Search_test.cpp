@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +22,8 @@ using namespace std::chrono_literals;
 using platform::Value;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+constexpr platform::UserId kAnotherUser = 65533;
 
 class JobHostSearch : public JobHostTest {
  protected:
@@ -116,6 +120,45 @@ TEST_F(JobHostSearch, AProcessThatBelongsToNoJobIsKilled) {
   EXPECT_FALSE(processes_.isAlive(descendant));
   EXPECT_EQ(sink_.count("belongs to no job any more, and is killed"), 1);
   EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobHostSearch, AnotherUsersMarkTakesNoJobsPlace) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  loop_.advanceBy(20s);
+  killHost();
+  processes_.end(101);
+  const auto ofJob = processes_.forge("com.example.a", kAnotherUser);
+  const auto ofNoJob = processes_.forge("com.example.none", kAnotherUser);
+  startHost();
+  loop_.runReady();
+  EXPECT_THAT(host_->labels(), ElementsAre("com.example.a"));
+  EXPECT_EQ(pid("com.example.a"), Value(std::int64_t{processes_.started.back().process}));
+  EXPECT_EQ(starts(), 2);
+  EXPECT_TRUE(processes_.isAlive(ofJob));
+  EXPECT_TRUE(processes_.isAlive(ofNoJob));
+}
+
+TEST_F(JobHostSearch, AMarkOfTheJobsUserCounts) {
+  const passwd* const nobody = ::getpwnam("nobody");
+  if (!nobody) GTEST_SKIP() << "there is no user nobody";
+  ASSERT_TRUE(submit(job("com.example.a", {{"UserName", "nobody"}})));
+  killHost();
+  processes_.end(101);
+  const auto leader = processes_.forge("com.example.a", nobody->pw_uid);
+  startHost();
+  EXPECT_EQ(pid("com.example.a"), Value(std::int64_t{leader}));
+}
+
+TEST_F(JobHostSearch, ARemovalWaitsForNoNewMarkOfAnotherUser) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const auto before = processes_.forge("com.example.a", kAnotherUser, 101);
+  processes_.obeysTermination = false;
+  const Answer answer = removeLater("com.example.a");
+  const auto later = processes_.forge("com.example.a", kAnotherUser, 101);
+  loop_.advanceBy(21s);
+  EXPECT_TRUE(answer->value());
+  EXPECT_FALSE(processes_.isAlive(before));
+  EXPECT_TRUE(processes_.isAlive(later));
 }
 
 TEST_F(JobHostSearch, ARemovalEndsWhatHasLeftTheGroup) {

@@ -225,6 +225,9 @@ class JobHost {
 
   // JobHost+Search.cpp
   platform::Result<void> adoptMarked();
+  // Whether the mark is one that this host has made, or the user of that job may have. `job` may be
+  // null.
+  static bool isTrusted(const Processes::Marked& marked, const Job* job);
   void adopt(const MarkedProcess& leader);
   Job& addLostJob(const std::string& label);
   void killUnowned(MarkedProcess& process);

@@ -102,7 +102,8 @@ class FakeProcesses final : public Processes {
       if (hidesMarks || !isAlive(process) || reused_.contains(process)) continue;
       if (marked.isAbandoned && marked.leader != process) continue;
       const auto group = marked.group == 0 ? process : marked.group;
-      const Marked facts{marked.label, process, group, marked.leader, ticksOf(process)};
+      const Marked facts{marked.label,  process,          group,
+                         marked.leader, ticksOf(process), marked.user};
       if (isWanted(facts)) found.push_back(std::make_unique<MarkedHandle>(*this, process));
     }
     return found;
@@ -129,6 +130,15 @@ class FakeProcesses final : public Processes {
     processes_[process].isChild = false;
     marked_[process] = marked_.at(leader);
     marked_[process].group = group;
+    return process;
+  }
+
+  // Starts a process of another user, with the mark of a leader or of a descendant of `leader`.
+  platform::ProcessId forge(const std::string& label, platform::UserId user,
+                            platform::ProcessId leader = 0) {
+    const platform::ProcessId process = next_++;
+    processes_[process].isChild = false;
+    marked_[process] = {.label = label, .leader = leader == 0 ? process : leader, .user = user};
     return process;
   }
 
@@ -204,6 +214,7 @@ class FakeProcesses final : public Processes {
     std::int64_t startedAt = 0;
     bool isAbandoned = false;       // with its group
     platform::ProcessId group = 0;  // 0 if it leads one of its own
+    platform::UserId user = 0;
   };
 
   class Handle final : public JobProcess {

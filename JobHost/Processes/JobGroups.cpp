@@ -4,6 +4,8 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "JobHost/State/StateRecord.h"
 #include "Platform/Linux/SystemCalls/FolderNames.h"
@@ -118,9 +120,20 @@ std::optional<ControlGroup> JobGroups::holding(const std::string& process) const
     const std::size_t begin = folder.find(prefix);
     if (begin == folder.npos) continue;
     // The process may be in a group below the job's.
-    return ControlGroup(folder.substr(0, folder.find('/', begin + prefix.size())));
+    ControlGroup group(folder.substr(0, folder.find('/', begin + prefix.size())));
+    // Users can make groups where systemd lets them, with any name.
+    struct stat status{};
+    const bool isOurs =
+        ::stat(group.folder().c_str(), &status) == 0 && status.st_uid == ::geteuid();
+    return isOurs ? std::optional(std::move(group)) : std::nullopt;
   }
   return std::nullopt;
+}
+
+bool JobGroups::isOf(const ControlGroup& group, std::string_view label) {
+  const std::string_view name =
+      std::string_view(group.folder()).substr(group.folder().rfind('/') + 1);
+  return name == groupNameOf(label) || name == groupNameOf(label, true);
 }
 
 std::optional<std::string> JobGroups::labelOf(const ControlGroup& group) {

@@ -50,9 +50,12 @@ class JobGroups {
   // Whether the groups can have weights.
   bool haveWeights() const { return haveWeights_; }
 
-  // The group that holds a process, if it is of either kind. It may be one that an earlier host has
-  // made in a group of its own.
+  // The group that holds a process, if it is of either kind and belongs to the host's user. It may
+  // be one that an earlier host has made in a group of its own.
   std::optional<platform::ControlGroup> holding(const std::string& process) const;
+
+  // Whether it is a group of this label, of either kind.
+  static bool isOf(const platform::ControlGroup& group, std::string_view label);
 
   // The label of a job's group, if its name tells. Empty for a group whose processes are abandoned.
   static std::optional<std::string> labelOf(const platform::ControlGroup& group);

@@ -12,6 +12,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/stat.h>
 
 #include "JobHost/Processes/JobMark.h"
+#include "JobHost/Processes/MarkOwner.h"
 #include "JobHost/Processes/ProcessTable.h"
 #include "Platform/Linux/SystemCalls/Shortage.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
@@ -35,6 +36,14 @@ std::optional<JobMark> markOf(std::string_view process, const LinuxMarkedProcess
   return mark;
 }
 
+// Only the host puts processes into the groups of jobs.
+Result<platform::UserId> ownerOf(std::string_view process, const JobMark& mark,
+                                 const LinuxMarkedProcess::Signs& signs) {
+  const auto group = signs.groups ? signs.groups->holding(std::string(process)) : std::nullopt;
+  if (group && JobGroups::isOf(*group, mark.label)) return platform::UserId{0};
+  return ownerOfMark(process);
+}
+
 }  // namespace
 
 Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view number,
@@ -52,8 +61,10 @@ Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view
   identity.abandonsGroup = mark->abandonsGroup ? 1 : 0;
   // A descendant that its job abandons is nobody's.
   if (mark->abandonsGroup && mark->leader != identity.process) return nullptr;
+  const auto owner = ownerOf(number, *mark, signs);
+  if (!owner) return std::unexpected(owner.error());
   if (!isWanted({mark->label, identity.process, static_cast<platform::ProcessId>(membership->group),
-                 mark->leader, identity.startTicks})) {
+                 mark->leader, identity.startTicks, *owner})) {
     return nullptr;
   }
   UniqueFd pidfd(::pidfd_open(identity.process, 0));

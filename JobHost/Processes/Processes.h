@@ -15,6 +15,7 @@
 #include "Platform/Jobs/JobTree.h"
 #include "Platform/Processes/ExitWatcher.h"
 #include "Platform/RunLoops/RunLoop.h"
+#include "Platform/SystemFacts/SystemInformation.h"
 #include "Platform/Values/Error.h"
 
 namespace jobhost {
@@ -115,6 +116,8 @@ class Processes {
     platform::ProcessId group = 0;
     platform::ProcessId leader = 0;  // `process` if it is the leader
     std::uint64_t startTicks = 0;
+    // The user who may have made the mark: root if the process is in the job's control group.
+    platform::UserId user = 0;
   };
   using Wanted = std::function<bool(const Marked& marked)>;
   // The processes with a mark that `isWanted` accepts, in no order. Zombies have none, and neither

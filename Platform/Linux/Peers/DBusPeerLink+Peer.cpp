@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <optional>
 
 #include <poll.h>
@@ -42,6 +43,11 @@ PeerState DBusPeerLink::peerState() const {
 bool DBusPeerLink::isIn(const PeerAudience& audience) const {
   return audience.admitsUser(peer_.user, ::geteuid()) ||
          (audience.group && peerWasInGroup(socket_, peer_, *audience.group));
+}
+
+// Closing another user's descriptor can block this process, so none is taken without need.
+bool DBusPeerLink::mayPassDescriptors(std::uint32_t from, std::uint32_t to) const {
+  return contents_ == PeerMessageContents::kValuesAndEndpoints || from == 0 || from == to;
 }
 
 // Nothing if there is no descriptor to ask by. `hasEnded` is the state in /proc, for a kernel

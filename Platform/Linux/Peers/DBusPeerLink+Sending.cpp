@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include <unistd.h>
+
 #include "Platform/Linux/Peers/DBusPeerLink.h"
 #include "Platform/Peers/PeerLimits.h"
 #include "Platform/Peers/PeerMessageRules.h"
@@ -206,8 +208,10 @@ bool DBusPeerLink::hasRoom(const EncodedMessage& message) {
 }
 
 bool DBusPeerLink::canBeSent(const EncodedMessage& message) {
-  return !dbus_message_contains_unix_fds(message.message.get()) ||
-         dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD);
+  if (!dbus_message_contains_unix_fds(message.message.get())) return true;
+  // Only the accepting side has an account.
+  const bool isTaken = lease_.account || mayPassDescriptors(::geteuid(), peer_.user);
+  return isTaken && dbus_connection_can_send_type(connection_.get(), DBUS_TYPE_UNIX_FD);
 }
 
 Result<std::uint32_t> DBusPeerLink::transmit(const EncodedMessage& message) {

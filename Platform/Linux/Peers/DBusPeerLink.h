@@ -93,6 +93,7 @@ class DBusPeerLink final : public std::enable_shared_from_this<DBusPeerLink> {
 
   std::optional<bool> processLives(bool hasEnded) const;
   void allowMessages(std::size_t bytes, std::size_t descriptors);
+  bool mayPassDescriptors(std::uint32_t from, std::uint32_t to) const;
   void handled(unsigned flags);
   void messageIsLate();
   bool account(std::size_t moreBytes = 0, std::size_t moreCalls = 0);

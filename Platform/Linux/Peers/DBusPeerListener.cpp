@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "Platform/Linux/Sockets/SocketPeer.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
@@ -49,6 +50,7 @@ Result<std::unique_ptr<DBusPeerListener>> DBusPeerListener::create(
                                       .handled = [self](unsigned) { self->afterAccepting(); }});
   if (!sources) return std::unexpected(std::move(sources.error()));
   self->sources_ = std::move(*sources);
+  permitDescriptors(self->sources_->descriptor(), false);  // A connection that is admitted may.
   return listener;
 }
 

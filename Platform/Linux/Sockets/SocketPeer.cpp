@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -14,6 +15,10 @@
 
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
+
+#ifndef SO_PASSRIGHTS  // Newer than this C library.
+#define SO_PASSRIGHTS 83
+#endif
 
 namespace platform {
 
@@ -52,6 +57,11 @@ bool peerWasInGroup(int socket, const PeerCredentials& peer, std::uint32_t group
   if (!known) return false;
   groups.resize(size / sizeof(gid_t));
   return std::ranges::find(groups, group) != groups.end();
+}
+
+void permitDescriptors(int socket, bool arePermitted) {
+  const int value = arePermitted ? 1 : 0;
+  std::ignore = ::setsockopt(socket, SOL_SOCKET, SO_PASSRIGHTS, &value, sizeof value);
 }
 
 Result<ProcessStatus> statusOfProcess(ProcessId process) {
