@@ -76,8 +76,8 @@ std::optional<double> wantedOf(const MetricsService& service) {
   return asNumber(oughtToRun(service.reason));
 }
 
-ServiceMetric countOf(std::string_view name, std::string_view help,
-                      std::int64_t JobHistory::* count) {
+ServiceMetric countMetric(std::string_view name, std::string_view help,
+                          std::int64_t JobHistory::* count) {
   return {name, "counter", help, [count](const MetricsService& service) -> std::optional<double> {
             if (!service.history) return std::nullopt;
             return static_cast<double>((*service.history).*count);
@@ -89,11 +89,12 @@ const std::vector<ServiceMetric>& serviceMetrics() {
       {"servicemanager_service_running", "gauge", "Whether the service has a process.",
        [](const MetricsService& service) { return asNumber(service.isRunning); }},
       {"servicemanager_service_wanted", "gauge", "Whether the service ought to run.", wantedOf},
-      countOf("servicemanager_service_starts_total", "How often a process was started.",
-              &JobHistory::starts),
-      countOf("servicemanager_service_ends_total", "How often a process ended.", &JobHistory::ends),
-      countOf("servicemanager_service_crashes_total", "How often a process crashed.",
-              &JobHistory::crashes),
+      countMetric("servicemanager_service_starts_total", "How often a process was started.",
+                  &JobHistory::starts),
+      countMetric("servicemanager_service_ends_total", "How often a process ended.",
+                  &JobHistory::ends),
+      countMetric("servicemanager_service_crashes_total", "How often a process crashed.",
+                  &JobHistory::crashes),
       {"servicemanager_service_processes", "gauge", "The processes of the service.",
        [](const MetricsService& service) -> std::optional<double> {
          if (!service.tree) return std::nullopt;
