@@ -130,13 +130,13 @@ TEST_F(DaemonServices, AHungJobHostDelaysNoAnswerToTheOperator) {
   root_.host().stopHost();
   const Instant before = monotonicTime();
   EXPECT_THAT(root_.host().control({"list"}).output,
-              ContainsRegex(label + " +core +running +" + std::to_string(process) + "  -\n"));
+              ContainsRegex(label + " +core +running +" + std::to_string(process) + " "));
   EXPECT_THAT(root_.host().control({"explain", label}).output,
               HasSubstr(label + " runs as process " + std::to_string(process) + ", because"));
   killAndAwait(ended);
   root_.await("the end", [&] { return client_->hasNotice(other, 0); });
   EXPECT_THAT(root_.host().control({"list"}).output,
-              ContainsRegex(other + " +core +waiting +-  unknown\n"));
+              ContainsRegex(other + " +core +waiting +- .* ended: unknown\n"));
   EXPECT_THAT(root_.host().control({"explain", other}).output,
               HasSubstr("it is wanted, and its process has ended"));
   EXPECT_LT(monotonicTime() - before, 20s);  // A wait for the job host takes 30 s.
@@ -146,7 +146,7 @@ TEST_F(DaemonServices, AHungJobHostDelaysNoAnswerToTheOperator) {
   root_.await("the service to be back", [&] { return client_->hasNotice(other, 1); });
   EXPECT_THAT(root_.host().control({"list"}).output,
               ContainsRegex(other + " +core +running +" + std::to_string(root_.processOf(other)) +
-                            "  killed by SIGKILL, 1 crash in 2 starts\n"));
+                            " .* killed by SIGKILL, 1 crash in 2 starts\n"));
 }
 
 TEST_F(DaemonServicesLong, AStopFailsWhileTheJobHostHangs) {

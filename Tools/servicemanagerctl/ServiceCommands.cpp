@@ -55,6 +55,16 @@ Answer<std::vector<ServiceState>> readStates(const DaemonClient::Environment& en
   return states;
 }
 
+// Answers when the service manager is no longer busy with these services. The operator's server
+// then knows what has become of them.
+Answer<Value> awaitSettled(const DaemonClient::Environment& environment,
+                           const std::vector<std::string>& labels, Duration limit) {
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  return daemon.ask("awaitServices:", {asArray(labels)}, limit);
+}
+
 // The entries of these services in the catalogue. Fails if one of the labels is unknown, before the
 // command touches any service.
 Answer<Value> readCatalogueWith(const DaemonClient::Environment& environment,
@@ -239,11 +249,8 @@ Answer<void> ServiceCommands::awaitServices(DaemonClient& userInterface,
   auto done = userInterface.ask("pidForService:", {labels_.front()},
                                 std::min(limit, DaemonClient::kTimeOut));
   if (done) {
-    DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
-    if (const auto connected = daemon.connect(); !connected)
-      return std::unexpected(connected.error());
-    done = daemon.ask("awaitServices:", {asArray(labels_)},
-                      std::max<Duration>(deadline - loop.now(), kShortestWait));
+    done = awaitSettled(environment, labels_,
+                        std::max<Duration>(deadline - loop.now(), kShortestWait));
   }
   if (done) return {};
   if (!timeOut_ || loop.now() < deadline) return std::unexpected(done.error());
@@ -286,6 +293,8 @@ Answer<int> ServiceCommands::beginInstaller(const DaemonClient::Environment& env
         installer.ask("shutdownServices:", {asArray(labels_)}, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
     haveAllStopped = *done == Value(true);
+    const auto settled = awaitSettled(environment, labels_, DaemonClient::kTimeOut);
+    if (!settled) return std::unexpected(settled.error());
     services = readStates(environment, *catalogue, labels_);
   }
   if (!services) return std::unexpected(services.error());
