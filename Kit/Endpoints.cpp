@@ -56,6 +56,18 @@ std::shared_ptr<platform::NSXPCConnection> connectionToRegistry(ProgramParts& pr
   return registry;
 }
 
+std::shared_ptr<platform::NSXPCConnection> connectionTo(
+    platform::XPC& xpc, std::shared_ptr<const platform::NSXPCListenerEndpoint> endpoint,
+    std::shared_ptr<const platform::Protocol> interface) {
+  auto connection = xpc.makeConnection(std::move(endpoint));
+  connection->setRemoteObjectInterface(interface.get());
+  // The handler owns the interface: the XPC's thread may still have to send a message when its
+  // caller has timed out and has dropped the peer.
+  connection->setInvalidationHandler([interface = std::move(interface)] {});
+  connection->resume();
+  return connection;
+}
+
 }  // namespace
 
 struct EndpointParts {
@@ -133,7 +145,6 @@ struct EndpointParts {
 };
 
 struct PeerParts {
-  platform::Protocol protocol;
   std::shared_ptr<platform::NSXPCConnection> connection;
 };
 
@@ -171,11 +182,10 @@ Result<Peer> Peer::lookUp(Program& program, std::string_view name,
                                    std::max(left, milliseconds::zero()));
     if (!reply) return reply.error();
     if (auto endpoint = reply->empty() ? nullptr : platform::endpointIn(reply->front())) {
-      auto made = std::make_unique<PeerParts>(protocolOf(std::string(name), selectors),
-                                              (*xpc)->makeConnection(std::move(endpoint)));
-      made->connection->setRemoteObjectInterface(&made->protocol);
-      made->connection->resume();
-      return Peer(std::move(made));
+      auto interface =
+          std::make_shared<const platform::Protocol>(protocolOf(std::string(name), selectors));
+      return Peer(std::make_unique<PeerParts>(
+          connectionTo(**xpc, std::move(endpoint), std::move(interface))));
     }
     if (loop.now() + kLookupPause >= deadline)
       return Error{ErrorCode::kNotFound, std::string(name) + ": nobody has registered it"};

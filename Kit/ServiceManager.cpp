@@ -84,8 +84,12 @@ Result<void> ServiceManager::stop(const std::vector<std::string>& labels) {
 
 Result<bool> ServiceManager::beginInstallation(const std::vector<std::string>& labels) {
   VantorDistantObject& installer = parts_->installer;
-  if (installer.isProxyValid()) installer.connection()->setReplyTimeout(kRemovalTime);
+  const auto connection = installer.isProxyValid() ? installer.connection() : nullptr;
+  const platform::Duration usual =
+      connection ? connection->replyTimeout() : platform::Duration::zero();
+  if (connection) connection->setReplyTimeout(kRemovalTime);
   const auto done = ask(installer, "shutdownServices:", {labelsOf(labels)});
+  if (connection) connection->setReplyTimeout(usual);
   if (!done) return done.error();
   return *done == platform::Value(true);
 }

@@ -82,9 +82,9 @@ class NSXPCConnection final : public std::enable_shared_from_this<NSXPCConnectio
   NSXPCConnection& operator=(const NSXPCConnection&) = delete;
   ~NSXPCConnection();
 
-  // Set these before the first resume(). The interfaces outlive the connection. A message outside
-  // of the exported interface is refused. The handlers are destroyed when the connection becomes
-  // invalid.
+  // Set these before the first resume(). The interfaces outlive the connection, or the invalidation
+  // handler owns them. A message outside of the exported interface is refused. The handlers are
+  // destroyed when the connection becomes invalid; it uses no interface afterwards.
   void setExportedInterface(const Protocol* interface) { exportedInterface_ = interface; }
   // Shared with the connection for as long as that lives.
   void setExportedObject(std::shared_ptr<NSXPCExportedObject> object) {

@@ -3,8 +3,10 @@
 // The contract of every XPC, on any transport. A test program instantiates it with a harness:
 //   INSTANTIATE_TEST_SUITE_P(Fake, XPCContract, testing::Values(&makeFakeXPCHarness));
 
+#include <memory>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "Platform/XPC/XPCFixture_contract.h"
@@ -311,6 +313,27 @@ TEST_P(XPCContract, AMessageBeforeAResumeIsSentThen) {
 }
 
 // A caller without an answer can't know when to continue.
+// A caller may drop its connection before the message has been sent.
+TEST_P(XPCContract, AnInterfaceOfTheInvalidationHandlerOutlivesTheMessages) {
+  listen();
+  std::shared_ptr<const Protocol> interface(new Protocol(xpcTestProtocol()),
+                                            [this](const Protocol* protocol) {
+                                              delete protocol;
+                                              journal_.note("interface gone");
+                                            });
+  std::shared_ptr<void> message(nullptr, [this](void*) { journal_.note("message gone"); });
+  auto connection = harness_->here().makeConnection(kService);
+  connection->setRemoteObjectInterface(interface.get());
+  connection->setInvalidationHandler([interface = std::move(interface)] {});
+  connection->resume();
+  connection->sendMessage(
+      "keepWithReply:", {}, [message](const Array&) {},
+      [message = std::move(message)](const NSError&) {});
+  connection.reset();
+  journal_.await("interface gone");
+  EXPECT_EQ(journal_.count("message gone"), 1u);
+}
+
 TEST_P(XPCContract, AMessageBehindALargeOneWaitsWithIt) {
   start();
   call(*client_, "echo:withReply:", {Value(1)});
