@@ -36,6 +36,16 @@ class OperatorsDayTest : public testing::Test {
     return environment;
   }
 
+  // Whether the agent sooner or later has a process, and another one than `before`.
+  bool agentComesToHaveAnotherProcess(ProcessId before) const {
+    const Instant begin = monotonicTime();
+    do {
+      const ProcessId now = root_.processOf(kAgent);
+      if (now > 0 && now != before) return true;
+    } while (monotonicTime() - begin < std::chrono::minutes(1));
+    return false;
+  }
+
   DemoRoot root_;
 };
 
@@ -86,6 +96,28 @@ TEST_F(OperatorsDayTest, AWaitEndsAfterItsTimeOut) {
   stubborn.closeInput();
   const auto waited = root_.control({"stop", kAgent});
   EXPECT_EQ(waited.status, exited(0)) << waited.errors;
+}
+
+TEST_F(OperatorsDayTest, ARestartGoesOnAfterItsTimeOut) {
+  const ProcessId agent = root_.processOf(kAgent);
+  ASSERT_GT(agent, 0);
+  // With the agent's environment it counts as one that the agent has started.
+  ChildProgram stubborn({"/bin/sh", "-c", "trap '' TERM; echo ready; read line"},
+                        environmentOf(agent));
+  EXPECT_EQ(stubborn.nextLine(), "ready");
+  const auto late = root_.control({"restart", kAgent, "--timeout", "1"});
+  EXPECT_EQ(late.status, exited(kTimedOut)) << late.errors;
+  EXPECT_THAT(late.errors, HasSubstr("it was not done within 1 s, and still goes on"));
+  stubborn.closeInput();
+  EXPECT_TRUE(agentComesToHaveAnotherProcess(agent));
+}
+
+TEST_F(OperatorsDayTest, ARestartNeedsNoWait) {
+  const ProcessId agent = root_.processOf(kAgent);
+  const auto asked = root_.control({"restart", "--no-wait", kAgent});
+  EXPECT_EQ(asked.status, exited(0)) << asked.errors;
+  EXPECT_EQ(asked.output, "com.vantor.demo.agent is to be restarted.\n");
+  EXPECT_TRUE(agentComesToHaveAnotherProcess(agent));
 }
 
 TEST_F(OperatorsDayTest, WithoutAWaitTheRequestIsEnough) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -11,6 +12,7 @@
 
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/Files/ReplacementFile.h"
+#include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/PropertyLists/PropertyList.h"
 #include "Platform/PropertyLists/PropertyListLimits.h"
 #include "Platform/PropertyLists/PropertyListScalars.h"
@@ -34,11 +36,21 @@ Result<std::string> propertyListText(const Value& value, PropertyListFormat form
   return std::string(bytes->begin(), bytes->end());
 }
 
-// The file that a symbolic link leads to, else the path itself.
-std::string targetOf(const std::string& path) {
+// A file to write: one that is there, or a new one.
+struct Target {
+  std::string path;
+  std::optional<struct stat> replaced = {};
+};
+
+// Follows a symbolic link. A link in /dev may lead to no path, and must not be replaced either.
+Result<Target> targetOf(const std::string& path) {
+  struct stat status{};
+  if (::lstat(path.c_str(), &status) != 0) return Target{path};
   const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
                                                              &std::free);
-  return resolved ? resolved.get() : path;
+  if (!resolved || ::stat(resolved.get(), &status) != 0) return std::unexpected(systemError(path));
+  if (!S_ISREG(status.st_mode)) return invalid(path + ": is not a regular file");
+  return Target{resolved.get(), status};
 }
 
 }  // namespace
@@ -90,16 +102,16 @@ Result<std::string> contentOf(const Value& value, FileForm form) {
 }
 
 Result<void> writeConfigurationFile(const std::string& path, const std::string& content) {
-  const std::string target = targetOf(path);
-  auto file = ReplacementFile::createFor(target);
+  const auto target = targetOf(path);
+  if (!target) return std::unexpected(target.error());
+  auto file = ReplacementFile::createFor(target->path);
   if (!file) return std::unexpected(file.error());
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(content.data());
   if (auto written = file->append(std::span(bytes, content.size())); !written) return written;
-  struct stat status{};
-  const bool replaces = ::stat(target.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-  auto given = replaces
-                   ? file->setOwnerAndMode(status.st_uid, status.st_gid, status.st_mode & 07777)
-                   : file->setMode(0644);
+  const auto& replaced = target->replaced;
+  auto given = replaced ? file->setOwnerAndMode(replaced->st_uid, replaced->st_gid,
+                                                replaced->st_mode & 07777)
+                        : file->setMode(0644);
   if (!given) return given;
   return file->commit();
 }

@@ -25,5 +25,5 @@ platform::Result<ConfigurationFile> readConfigurationFile(const std::string& pat
 platform::Result<std::string> contentOf(const platform::Value& value, FileForm form);
 
 // Replaces the file atomically, as writePropertyListFile() does. A symbolic link stays, and its
-// target is replaced.
+// target is replaced. Fails if there is anything but a regular file, such as a device.
 platform::Result<void> writeConfigurationFile(const std::string& path, const std::string& content);

@@ -4,6 +4,7 @@
 #include <string>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
@@ -60,6 +61,26 @@ TEST_F(ConfigurationFileTest, AReplacedFileKeepsItsModeAndItsLink) {
   EXPECT_TRUE(fs::is_symlink(link));
   EXPECT_EQ(fs::status(path_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(readConfigurationFile(path_)->value, Value(Array{}));
+}
+
+TEST_F(ConfigurationFileTest, OnlyARegularFileIsReplaced) {
+  namespace fs = std::filesystem;
+  ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+  const std::string link = folder_.path("link");
+  fs::create_symlink("file", link);
+  for (const std::string& path : {path_, link}) {
+    const auto written = writeConfigurationFile(path, "{}");
+    ASSERT_FALSE(written);
+    EXPECT_EQ(written.error().context, path + ": is not a regular file");
+  }
+  EXPECT_TRUE(fs::is_fifo(path_));
+  EXPECT_TRUE(fs::is_symlink(link));
+}
+
+TEST_F(ConfigurationFileTest, ALinkToNothingIsAnError) {
+  std::filesystem::create_symlink("none", path_);
+  EXPECT_FALSE(writeConfigurationFile(path_, "{}"));
+  EXPECT_TRUE(std::filesystem::is_symlink(path_));
 }
 
 TEST_F(ConfigurationFileTest, AMissingFolderIsAnError) {

@@ -14,13 +14,6 @@ using namespace platform;
 
 namespace {
 
-template <typename T>
-Fact<T> ofDisk(std::function<Fact<T>()> work) {
-  auto fact = withinTime<Fact<T>>(kDiskProbeTime, std::move(work));
-  if (fact) return *std::move(fact);
-  return std::unexpected(NotKnown{NotKnown::Why::kTimedOut, {}});
-}
-
 // The folder of the log. Where it goes to a receiver of the system, that writes below /var/log.
 std::string folderOfLog(const PlatformConfiguration& configuration) {
   if (configuration.logSink != PlatformConfiguration::LogSink::kFile) return "/var/log";

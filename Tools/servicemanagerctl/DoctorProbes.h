@@ -1,19 +1,32 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Peers/PeerTransport.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Platform/Values/Time.h"
 #include "Tools/servicemanagerctl/DoctorFacts.h"
+#include "Tools/servicemanagerctl/WithinTime.h"
 
 // The probes of "servicemanagerctl doctor". Each is bounded, whatever hangs, and changes nothing.
 
 // A server has this long to accept a connection, and a disk to answer.
 inline constexpr platform::Duration kServerProbeTime = std::chrono::seconds(2);
 inline constexpr platform::Duration kDiskProbeTime = std::chrono::seconds(5);
+
+// The fact that `work` finds, which may wait for a disk or a name service.
+template <typename T>
+Fact<T> ofDisk(std::function<Fact<T>()> work) {
+  auto fact = withinTime<Fact<T>>(kDiskProbeTime, std::move(work));
+  if (fact) return *std::move(fact);
+  return std::unexpected(NotKnown{NotKnown::Why::kTimedOut, {}});
+}
 
 struct DoctorEnvironment {
   platform::PeerTransport& transport;
@@ -48,7 +61,7 @@ Fact<DiskFact> probeDisk(const std::string& use, const std::string& path);
 std::string daemonProgramOf(const std::string& root);
 std::string catalogueOf(const std::string& root);
 
-// Whether the process executes the installed file.
+// Whether the process executes the installed file. Takes kDiskProbeTime at most.
 RunningProgram runningProgram(platform::ProcessId process, std::string installed);
 
 // The fact that a failed system call leaves, by errno.

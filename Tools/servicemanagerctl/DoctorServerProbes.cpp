@@ -90,20 +90,21 @@ ServerFact greetBus(const UniqueFd& socket) {
   return {State::kFailed, "it speaks another protocol", {}};
 }
 
+Fact<bool> executesFile(ProcessId process, const std::string& path) {
+  struct stat running{};
+  const std::string link = fmt::format("/proc/{}/exe", process);
+  if (::stat(link.c_str(), &running) != 0) return notKnown(link);
+  struct stat file{};
+  return ::stat(path.c_str(), &file) == 0 && file.st_dev == running.st_dev &&
+         file.st_ino == running.st_ino;
+}
+
 }  // namespace
 
 RunningProgram runningProgram(ProcessId process, std::string installed) {
-  RunningProgram program{.process = process, .installed = std::move(installed)};
-  struct stat running{};
-  const std::string link = fmt::format("/proc/{}/exe", process);
-  if (::stat(link.c_str(), &running) != 0) {
-    program.isInstalledFile = notKnown(link);
-    return program;
-  }
-  struct stat file{};
-  program.isInstalledFile = ::stat(program.installed.c_str(), &file) == 0 &&
-                            file.st_dev == running.st_dev && file.st_ino == running.st_ino;
-  return program;
+  auto isInstalledFile =
+      ofDisk<bool>([process, installed] { return executesFile(process, installed); });
+  return {process, std::move(installed), std::move(isInstalledFile)};
 }
 
 ServerFact probeHost(const DoctorEnvironment& environment, const ListenerPlaces& places) {

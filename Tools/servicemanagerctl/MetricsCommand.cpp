@@ -25,22 +25,22 @@ namespace {
 
 // A service manager that does not accept a connection in this time counts as down.
 constexpr Duration kAcceptTime = std::chrono::seconds(2);
-// The time for the reasons of services that do not run. The rest is left out.
-constexpr Duration kReasonsTime = std::chrono::seconds(5);
 // A scraper has this long to send its request.
 constexpr Duration kRequestTime = std::chrono::seconds(5);
 // A thousand services are half a megabyte.
 constexpr std::size_t kMaxMetricsBytes = std::size_t{64} * 1024 * 1024;
 
-// Asks why each service does not run that does not.
-void addReasons(DaemonClient& daemon, RunLoop& loop, MetricsReport::Manager& manager) {
-  const Instant deadline = loop.now() + kReasonsTime;
+// Adds why services do not run. Without an answer the metrics have no reasons.
+void addReasons(DaemonClient& daemon, MetricsReport::Manager& manager) {
+  std::vector<std::string> down;
+  for (const MetricsReport::Service& service : manager.services) {
+    if (service.isRunning == false) down.push_back(service.label);
+  }
+  const auto reasons = askForReasons(daemon, down);
+  if (!reasons) return remark(reasons.error().text);
   for (MetricsReport::Service& service : manager.services) {
-    if (service.isRunning != false) continue;
-    if (loop.now() >= deadline) return;
-    const auto facts = daemon.ask("factsOfService:", {service.label});
-    if (!facts) return;
-    if (const std::string* reason = (*facts)[kFactReason].string()) service.reason = *reason;
+    const std::string* reason = (*reasons)[service.label][kFactReason].string();
+    if (reason) service.reason = *reason;
   }
 }
 
@@ -112,7 +112,7 @@ Answer<MetricsReport::Manager> MetricsCommand::collect(
   if (!jobs) return std::unexpected(jobs.error());
   MetricsReport::Manager manager = managerIn(*overview, *jobs);
   manager.answerTime = answerTime;
-  addReasons(daemon, loop, manager);
+  addReasons(daemon, manager);
   return manager;
 }
 

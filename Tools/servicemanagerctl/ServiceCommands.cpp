@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
+#include <initializer_list>
 #include <utility>
 
 #include <fmt/format.h>
@@ -106,7 +107,12 @@ bool isUnknown(const ServiceState& service) {
   return service.activity == ServiceState::Activity::kUnknown;
 }
 
-bool hasProcess(const ServiceState& service) { return service.job.process.has_value(); }
+// Whether a service still has the process that it had before.
+bool keepsProcess(const std::vector<ServiceState>& before, const std::vector<ServiceState>& after) {
+  return !std::ranges::equal(before, after, [](const ServiceState& one, const ServiceState& other) {
+    return !one.job.process || one.job.process != other.job.process;
+  });
+}
 
 Duration startTime(std::size_t services) {
   return std::min<Duration>(kStartTime * static_cast<std::int64_t>(services),
@@ -122,6 +128,11 @@ WaitProgress::Wait removalOf(const std::vector<std::string>& labels, const Value
   if (labels.size() == 1)
     return WaitProgress::removalOf(labels.front(), exitTimeOutOf(labels.front(), catalogue));
   return {.what = fmt::format("{} services to end", labels.size())};
+}
+
+WaitProgress::Wait restartOf(const std::vector<std::string>& labels, const Value& catalogue) {
+  if (labels.size() != 1) return {.what = fmt::format("{} services to restart", labels.size())};
+  return {.what = labels.front() + " to restart", .note = removalOf(labels, catalogue).note};
 }
 
 }  // namespace
@@ -182,7 +193,7 @@ Answer<int> ServiceCommands::start(DaemonClient& userInterface,
   {
     const BlockedCallProgress progress(startOf(labels_));
     const auto done =
-        request("startServices:", userInterface, environment, startTime(labels_.size()));
+        request({"startServices:"}, userInterface, environment, startTime(labels_.size()));
     if (!done) return std::unexpected(done.error());
   }
   if (!wait_) return concludeWithoutWait("started");
@@ -198,7 +209,7 @@ Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
   {
     const BlockedCallProgress progress(removalOf(labels_, *catalogue));
     const auto done =
-        request("stopServices:", userInterface, environment, removalTime(labels_, *catalogue));
+        request({"stopServices:"}, userInterface, environment, removalTime(labels_, *catalogue));
     if (!done) return std::unexpected(done.error());
   }
   if (!wait_) return concludeWithoutWait("stopped");
@@ -207,39 +218,44 @@ Answer<int> ServiceCommands::stop(DaemonClient& userInterface,
   return concludeWithRemarks(*services, false, environment);
 }
 
-// The start is only asked for when the stop is over: the service manager would start a service that
-// is being stopped, too, but a stop that fails must be reported.
+// The start is asked for together with the stop, and the service manager starts each service when
+// its stop is over. If this command asked later, its time-out or end would leave services stopped.
 Answer<int> ServiceCommands::restart(DaemonClient& userInterface,
                                      const DaemonClient::Environment& environment) const {
   const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
+  const auto before = readStates(environment, *catalogue, labels_);
+  if (!before) return std::unexpected(before.error());
   {
-    const BlockedCallProgress progress(removalOf(labels_, *catalogue));
-    if (const auto sent = userInterface.ask("stopServices:", {asArray(labels_)}); !sent)
-      return std::unexpected(sent.error());
-    const auto done = awaitServices(userInterface, environment, removalTime(labels_, *catalogue));
+    const BlockedCallProgress progress(restartOf(labels_, *catalogue));
+    const auto done = request({"stopServices:", "startServices:"}, userInterface, environment,
+                              removalTime(labels_, *catalogue) + startTime(labels_.size()));
     if (!done) return std::unexpected(done.error());
   }
-  const auto stopped = readStates(environment, *catalogue, labels_);
-  if (!stopped) return std::unexpected(stopped.error());
-  if (std::ranges::any_of(*stopped, hasProcess)) return conclude(*stopped, false);
-  return start(userInterface, environment);
+  if (!wait_) return concludeWithoutWait("restarted");
+  const auto after = readStates(environment, *catalogue, labels_);
+  if (!after) return std::unexpected(after.error());
+  if (keepsProcess(*before, *after)) return conclude(*after, false);
+  return concludeWithRemarks(*after, true, environment);
 }
 
-Answer<void> ServiceCommands::request(std::string_view selector, DaemonClient& userInterface,
+Answer<void> ServiceCommands::request(std::initializer_list<std::string_view> selectors,
+                                      DaemonClient& userInterface,
                                       const DaemonClient::Environment& environment,
                                       Duration usualTime) const {
-  if (const auto sent = userInterface.ask(selector, {asArray(labels_)}); !sent)
-    return std::unexpected(sent.error());
+  for (const std::string_view selector : selectors) {
+    if (const auto sent = userInterface.ask(selector, {asArray(labels_)}); !sent)
+      return std::unexpected(sent.error());
+  }
   if (wait_) return awaitServices(userInterface, environment, usualTime);
-  // The request has no answer; that to the next question shows that it was taken.
+  // The requests have no answer; that to the next question shows that they were taken.
   const auto taken = userInterface.ask("pidForService:", {labels_.front()});
   if (!taken) return std::unexpected(taken.error());
   return {};
 }
 
-// The request before has no answer. The first question here is answered when the service manager
-// has taken it, the second one when it is done.
+// The requests before have no answer. The first question here is answered when the service manager
+// has taken them, the second one when they are done.
 Answer<void> ServiceCommands::awaitServices(DaemonClient& userInterface,
                                             const DaemonClient::Environment& environment,
                                             Duration usualTime) const {

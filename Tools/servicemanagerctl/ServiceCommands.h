@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,9 +35,9 @@ class ServiceCommands {
   Answer<int> reloadSettings(const DaemonClient::Environment& environment) const;
   Answer<int> evaluate(const DaemonClient::Environment& environment,
                        const std::string& sentence) const;
-  // Sends the request, and waits for its effect if the user wants that.
-  Answer<void> request(std::string_view selector, DaemonClient& userInterface,
-                       const DaemonClient::Environment& environment,
+  // Sends the requests, and waits for their effect if the user wants that.
+  Answer<void> request(std::initializer_list<std::string_view> selectors,
+                       DaemonClient& userInterface, const DaemonClient::Environment& environment,
                        platform::Duration usualTime) const;
   Answer<void> awaitServices(DaemonClient& userInterface,
                              const DaemonClient::Environment& environment,
