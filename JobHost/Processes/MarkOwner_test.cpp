@@ -28,8 +28,8 @@ std::string vectorOf(const std::vector<std::pair<Word, Word>>& entries) {
 
 template <typename Word>
 void expectThatRightsAreSeen() {
-  for (const Word isSecure : {0, 1}) {
-    for (const std::size_t before : {1, 2}) {
+  for (const Word isSecure : {Word{0}, Word{1}}) {
+    for (const std::size_t before : {std::size_t{1}, std::size_t{2}}) {
       std::vector<std::pair<Word, Word>> entries(before, {AT_HWCAP, 0xbfebfbff});
       entries.insert(entries.end(), {{AT_SECURE, isSecure}, {AT_PLATFORM, 1}, {AT_NULL, 0}});
       EXPECT_EQ(hasGainedRights(vectorOf(entries)), isSecure != 0);
