@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <expected>
 #include <functional>
@@ -18,6 +19,10 @@
 
 namespace jobhost {
 
+// The time that a process which another user may have started gets to end after its SIGKILL. Then
+// the removal ends without it.
+inline constexpr platform::Duration kStrangersKillTime = std::chrono::seconds(1);
+
 // A job that is being removed, and the requests that wait for it.
 struct Removal {
   std::vector<std::move_only_function<void(std::expected<void, platform::NSError>)>> completions;
@@ -27,6 +32,10 @@ struct Removal {
   // Processes with the job's mark or in its control group, as far as the searches have found them.
   // By their numbers. Those that have ended are dropped before each search.
   std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> descendants;
+  // The same for processes with a mark that another user may have forged. The removal waits for
+  // them only until this time.
+  std::map<platform::ProcessId, std::unique_ptr<MarkedProcess>> strangers;
+  platform::Instant strangersUntil;
   std::uint64_t beganAt = 0;         // in the unit of StartFields::startTicks
   platform::Duration searchPause{};  // from the last search to the next one
   // When its group got SIGTERM, in the unit of StartFields::startTicks. A process that began in the

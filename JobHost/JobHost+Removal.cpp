@@ -34,6 +34,11 @@ constexpr platform::Duration kKillReportDelay = std::chrono::seconds(5);
 constexpr platform::Duration kDefaultShutDownTimeOut =
     std::chrono::seconds(platform::kDefaultExitTimeOut);
 
+// How long the removal of a job whose ExitTimeOut is 0 waits for processes that another user may
+// have started.
+constexpr platform::Duration kStrangersTimeOut =
+    std::chrono::seconds(platform::kDefaultExitTimeOut);
+
 // Jobs of a lower rank are stopped first.
 int stoppingRank(const Job& job) {
   if (job.label() == kNotificationBusLabel) return 2;
@@ -120,7 +125,10 @@ platform::Duration JobHost::exitTimeOutOf(const Job& job) const {
 
 void JobHost::armKill(Job& job) {
   const platform::Duration timeOut = exitTimeOutOf(job);
-  if (timeOut <= platform::Duration::zero()) return;
+  const bool isKilled = timeOut > platform::Duration::zero();
+  job.removal->strangersUntil =
+      loop_.now() + (isKilled ? timeOut + kStrangersKillTime : kStrangersTimeOut);
+  if (!isKilled) return;
   job.removal->killAt = loop_.now() + timeOut;
   job.removal->killTimer =
       loop_.startTimer(timeOut, platform::RunLoop::Repeat::kOnce, [this, &job] {
@@ -132,8 +140,8 @@ void JobHost::armKill(Job& job) {
                         platform::quotedInMessage(job.label()), job.lastStart.process));
         const auto timer = std::move(job.removal->killTimer);  // The callback is part of it.
         reportIfKillFails(job);
-        for (const auto& [number, process] : job.removal->descendants) {
-          endDescendant(job, *process, SIGKILL);
+        for (const auto* found : {&job.removal->descendants, &job.removal->strangers}) {
+          for (const auto& [number, process] : *found) endDescendant(job, *process, SIGKILL);
         }
         if (job.process) signalGroup(job, SIGKILL);
       });
@@ -154,8 +162,10 @@ void JobHost::reportIfKillFails(Job& job) {
 
 bool JobHost::hasRemaining(const Job& job) const {
   if (!job.abandonsGroup() && job.process && job.process->hasRemainingProcesses()) return true;
-  return std::ranges::any_of(job.removal->descendants,
-                             [](const auto& entry) { return !entry.second->hasEnded(); });
+  const auto isAlive = [](const auto& entry) { return !entry.second->hasEnded(); };
+  if (std::ranges::any_of(job.removal->descendants, isAlive)) return true;
+  return loop_.now() < job.removal->strangersUntil &&
+         std::ranges::any_of(job.removal->strangers, isAlive);
 }
 
 // The leader has ended. A search shows whether there is more than its process group: processes in

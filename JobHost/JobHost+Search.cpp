@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -9,35 +11,49 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/JobHost.h"
+#include "JobHost/TrustedUsers.h"
 #include "Platform/Texts/QuotedText.h"
 
 namespace jobhost {
 
 using platform::Result;
 
-bool JobHost::isTrusted(const Processes::Marked& marked, const Job* job) {
-  if (marked.user == 0 || marked.user == ::geteuid()) return true;
-  const std::string* const name = job ? job->dictionary["UserName"].string() : nullptr;
-  if (!name) return false;
-  const auto account = lookUpAccount(*name, {});
-  return account && account->user == marked.user;
+namespace {
+
+// A removal signals no more processes of strangers. Each costs it a descriptor.
+constexpr std::size_t kMaximumStrangers = 256;
+
+bool isRecordedLeader(const Processes::Marked& marked, const Job& job) {
+  return marked.process == job.lastStart.process && marked.startTicks == job.lastStart.startTicks;
 }
 
+const std::string* userNameOf(const Job& job) { return job.dictionary["UserName"].string(); }
+
+}  // namespace
+
 // A leader that the state file does not know keeps its job from being started twice.
-Result<void> JobHost::adoptMarked() {
-  const auto found = processes_.findMarked([this](const Processes::Marked& marked) {
+Result<void> JobHost::adoptMarked(const DaemonFolder& daemons) {
+  std::map<std::string_view, const std::string*> usersOfDaemons;
+  for (const JobDefinition& daemon : daemons.definitions) {
+    if (daemon.userName && !removedByClient_.contains(daemon.label))
+      usersOfDaemons[daemon.label] = &*daemon.userName;
+  }
+  TrustedUsers users;
+  const auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     const Job* const job = find(marked.label);
-    if (!isTrusted(marked, job)) return false;
-    if (!job) return true;
-    const bool isKnown = job->hasLeader && job->lastStart.process == marked.process;
     // Descendants in sessions of their own stay with their job.
-    return marked.process == marked.leader ? !isKnown : false;
+    if (job && marked.process != marked.leader) return false;
+    if (job && job->hasLeader && job->lastStart.process == marked.process) return false;
+    const auto daemon = usersOfDaemons.find(marked.label);
+    const bool isDaemons = (!job || job->isDefinitionLost) && daemon != usersOfDaemons.end();
+    const std::string* const ofJob = job ? userNameOf(*job) : nullptr;
+    return users.areMakersOf(marked, isDaemons ? daemon->second : ofJob);
   });
   if (!found) return std::unexpected(found.error());
+  // Its process may be one of those that were not adopted.
+  if (users.failure()) return std::unexpected(*users.failure());
   for (const auto& process : *found) {
     if (process->isLeader()) adopt(*process);
   }
@@ -104,7 +120,18 @@ void JobHost::forget(Job& job) {
   job.removal = std::make_unique<Removal>();
   job.removal->beganAt = processes_.ticksNow();
   job.removal->isKilling = true;
+  job.removal->strangersUntil = loop_.now() + kStrangersKillTime;
   searchSoon(job);
+}
+
+// A descendant may have changed its user. It is in the job's control group all the same. Without
+// one, nothing tells it from a process of a stranger. Strangers can start new processes with this
+// mark as fast as they are killed, so only those from before the removal count, for a limited time.
+bool JobHost::waitsForStranger(const Processes::Marked& marked, const Job& job) const {
+  const bool isTreeKnown =
+      job.process ? job.process->hasControlGroup() : processes_.haveControlGroups();
+  return !isTreeKnown && marked.startTicks < job.removal->beganAt &&
+         loop_.now() < job.removal->strangersUntil;
 }
 
 // All jobs whose leaders have ended by then share one search. Processes that are started after it
@@ -135,26 +162,31 @@ void JobHost::search() {
   for (auto& [label, job] : jobs_) {
     if (!job.removal || !job.removal->isSearching) continue;
     job.removal->isSearching = false;
-    std::erase_if(job.removal->descendants,
-                  [](const auto& entry) { return entry.second->hasEnded(); });
+    const auto hasEnded = [](const auto& entry) { return entry.second->hasEnded(); };
+    std::erase_if(job.removal->descendants, hasEnded);
+    std::erase_if(job.removal->strangers, hasEnded);
+    if (loop_.now() >= job.removal->strangersUntil) job.removal->strangers.clear();
     // The end of a leader that is taken over leads to the next search.
     if (job.removal->awaitsAdoption && takeOverLeader(job)) continue;
     labels.push_back(label);
   }
+  TrustedUsers users;
+  std::set<platform::ProcessId> strangers;
   auto found = processes_.findMarked([&](const Processes::Marked& marked) {
     if (!std::ranges::binary_search(labels, marked.label)) return false;
     const Job& job = *find(marked.label);
-    // A descendant may have changed its user. Others can start new processes with this mark as fast
-    // as they are killed, and the removal would not end.
-    if (marked.startTicks >= job.removal->beganAt && !isTrusted(marked, &job)) return false;
-    if (job.abandonsGroup()) {
-      // A leader that could not be watched.
-      return !job.process && marked.process == job.lastStart.process &&
-             marked.startTicks == job.lastStart.startTicks;
-    }
+    // A leader that could not be watched.
+    const bool isUnwatchedLeader = !job.process && isRecordedLeader(marked, job);
+    if (job.abandonsGroup() || isUnwatchedLeader) return isUnwatchedLeader;
     // A process that got SIGTERM with its group gets no second one.
-    return !job.process || marked.group != job.lastStart.process ||
-           marked.startTicks >= job.removal->signalledAt;
+    const bool wasSignalled = job.process && marked.group == job.lastStart.process &&
+                              marked.startTicks < job.removal->signalledAt;
+    if (wasSignalled) return false;
+    // If a lookup has failed, the process counts as a stranger's: a removal never waits for the
+    // name service.
+    if (users.areMakersOf(marked, userNameOf(job))) return true;
+    if (!waitsForStranger(marked, job) || strangers.size() >= kMaximumStrangers) return false;
+    return strangers.insert(marked.process).second;
   });
   if (!std::exchange(isSearchFailing_, !found) && !found) {
     log(platform::ASL_LEVEL_WARNING, platform::describe(found.error()));
@@ -163,7 +195,9 @@ void JobHost::search() {
   if (found) {
     for (auto& process : *found) {
       Job& job = *find(process->label());
-      auto& known = job.removal->descendants[process->identity().process];
+      const platform::ProcessId number = process->identity().process;
+      auto& held = strangers.contains(number) ? job.removal->strangers : job.removal->descendants;
+      auto& known = held[number];
       if (known) continue;
       known = std::move(process);
       const bool isLeader = known->identity().process == job.lastStart.process &&
@@ -176,7 +210,8 @@ void JobHost::search() {
   for (const std::string& label : labels) {
     Job& job = *find(label);  // Finishing a removal changes no other label's job.
     const bool mayHaveLeader = job.removal->awaitsAdoption;
-    if (found && !mayHaveLeader && job.removal->descendants.empty() && !hasRemaining(job)) {
+    const bool hasNone = job.removal->descendants.empty() && job.removal->strangers.empty();
+    if (found && !mayHaveLeader && hasNone && !hasRemaining(job)) {
       finishRemoval(job);
       continue;
     }

@@ -26,9 +26,9 @@ Result<void> JobHost::takeOver(const std::vector<StoredJob>& stored,
                                const Labels& removedByClient) {
   removedByClient_ = removedByClient;
   for (const StoredJob& job : stored) takeOverJob(job);
-  // Without this, running services would be started a second time.
-  if (auto adopted = adoptMarked(); !adopted) return adopted;
   DaemonFolder daemons = readDaemonFolder(daemonFolder());
+  // Without this, running services would be started a second time.
+  if (auto adopted = adoptMarked(daemons); !adopted) return adopted;
   forgetMissingFiles(daemons);
   // Write a new file with what was found, so that the next host does not find it a second time.
   if (auto written = state_->compact(snapshot(), removedByClient_); !written) {

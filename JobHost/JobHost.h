@@ -224,10 +224,10 @@ class JobHost {
   void shutDownNext();
 
   // JobHost+Search.cpp
-  platform::Result<void> adoptMarked();
-  // Whether the mark is one that this host has made, or the user of that job may have. `job` may be
-  // null.
-  static bool isTrusted(const Processes::Marked& marked, const Job* job);
+  // `daemons` tells the users of daemons whose definitions are lost.
+  platform::Result<void> adoptMarked(const DaemonFolder& daemons);
+  // Whether a removal ends a process with a mark that may be forged, and waits for it.
+  bool waitsForStranger(const Processes::Marked& marked, const Job& job) const;
   void adopt(const MarkedProcess& leader);
   Job& addLostJob(const std::string& label);
   void killUnowned(MarkedProcess& process);

@@ -103,6 +103,18 @@ Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
   return account;
 }
 
+Result<uid_t> lookUpUser(const std::string& userName) {
+  uid_t user = 0;
+  const auto found = lookUp<passwd>(
+      "the user " + platform::quotedInMessage(userName),
+      [&](passwd* entry, char* buffer, std::size_t size, passwd** result) {
+        return ::getpwnam_r(userName.c_str(), entry, buffer, size, result);
+      },
+      [&](const passwd& entry) { user = entry.pw_uid; });
+  if (!found) return std::unexpected(found.error());
+  return user;
+}
+
 Result<void> checkAccount(const JobDefinition& job) {
   // Check one after the other, because the text names the key.
   const auto check = [&](const char* key, const std::optional<std::string>& user,

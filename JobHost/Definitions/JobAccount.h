@@ -27,6 +27,9 @@ struct JobAccount {
 platform::Result<JobAccount> lookUpAccount(const std::optional<std::string>& userName,
                                            const std::optional<std::string>& groupName);
 
+// The number of the user alone. Fails and blocks as lookUpAccount().
+platform::Result<uid_t> lookUpUser(const std::string& userName);
+
 // Whether the system knows the job's user and group. kInvalid, with a text that names the label,
 // the key and the name, if it does not. Another error if the lookup fails. May block on the name
 // service.

@@ -61,7 +61,8 @@ rlim_t softCoreLimitHere() {
 }  // namespace
 
 rlim_t softCoreLimit(std::string_view corePattern) {
-  return corePattern.starts_with('|') ? RLIM_INFINITY : 0;
+  // A program, or a program's socket, since Linux 6.16.
+  return corePattern.starts_with('|') || corePattern.starts_with('@') ? RLIM_INFINITY : 0;
 }
 
 Result<std::vector<ChildLimit>> limitsOf(const JobDefinition& job,

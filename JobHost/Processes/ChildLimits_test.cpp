@@ -7,6 +7,7 @@ namespace {
 
 TEST(ChildLimitsTest, ACollectorGetsCoresOfEverySize) {
   EXPECT_EQ(softCoreLimit("|/lib/systemd/systemd-coredump %P %u"), RLIM_INFINITY);
+  EXPECT_EQ(softCoreLimit("@/run/coredump.socket"), RLIM_INFINITY);
 }
 
 TEST(ChildLimitsTest, WithoutACollectorNoCoreIsWritten) {

@@ -111,6 +111,7 @@ class FakeProcesses final : public Processes {
 
   std::uint64_t ticksNow() const override { return ticksOf(next_); }
 
+  bool haveControlGroups() const override { return hasControlGroups; }
   // The kill of a tree leaves them alone in any case.
   void abandon(const std::string& label) override { abandoned.push_back(label); }
   void discard(const std::string& label) override {
@@ -201,7 +202,7 @@ class FakeProcesses final : public Processes {
   bool obeysTermination = true;
   bool obeysKill = true;                   // else they are in a state that no signal ends
   std::optional<platform::Error> refusal;  // of each signal
-  bool hasControlGroups = false;           // of which nothing can hide
+  bool hasControlGroups = false;           // of which nothing can hide, and no forged process is
   int searches = 0;
   std::optional<platform::Error> searchFailure;
   std::optional<platform::Error> takeOverFailure;
@@ -239,6 +240,7 @@ class FakeProcesses final : public Processes {
       return {};
     }
     bool hasRemainingProcesses() override { return processes_.hasRemainingProcesses(identity_); }
+    bool hasControlGroup() const override { return processes_.hasControlGroups; }
     std::optional<platform::JobTree> tree() const override {
       if (!processes_.hasControlGroups) return std::nullopt;
       return platform::JobTree{.processes = processes_.countOfTree(identity_.process)};
@@ -301,13 +303,14 @@ class FakeProcesses final : public Processes {
 
   bool hasDescendants(platform::ProcessId leader) const {
     return std::ranges::any_of(marked_, [&](const auto& entry) {
-      return entry.first != leader && entry.second.leader == leader && isAlive(entry.first);
+      return entry.first != leader && entry.second.leader == leader && entry.second.user == 0 &&
+             isAlive(entry.first);
     });
   }
 
   std::int64_t countOfTree(platform::ProcessId leader) const {
     return std::ranges::count_if(marked_, [&](const auto& entry) {
-      return entry.second.leader == leader && isAlive(entry.first);
+      return entry.second.leader == leader && entry.second.user == 0 && isAlive(entry.first);
     });
   }
 
@@ -318,7 +321,7 @@ class FakeProcesses final : public Processes {
   // As the kernel kills the processes of a control group.
   void killTree(const std::string& label) {
     for (const auto& [process, marked] : marked_) {
-      if (marked.label != label || marked.isAbandoned || !obeysKill) continue;
+      if (marked.label != label || marked.isAbandoned || marked.user != 0 || !obeysKill) continue;
       members_.erase(process);
       if (!isAlive(process)) continue;
       end(process, platform::ExitStatus{platform::ExitStatus::Kind::kSignalled, SIGKILL});

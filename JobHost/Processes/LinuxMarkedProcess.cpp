@@ -36,11 +36,10 @@ std::optional<JobMark> markOf(std::string_view process, const LinuxMarkedProcess
   return mark;
 }
 
-// Only the host puts processes into the groups of jobs.
+// Other users can't put processes into the groups of jobs.
 Result<platform::UserId> ownerOf(std::string_view process, const JobMark& mark,
                                  const LinuxMarkedProcess::Signs& signs) {
-  const auto group = signs.groups ? signs.groups->holding(std::string(process)) : std::nullopt;
-  if (group && JobGroups::isOf(*group, mark.label)) return platform::UserId{0};
+  if (signs.isInGroupOf && signs.isInGroupOf(process, mark.label)) return platform::UserId{0};
   return ownerOfMark(process);
 }
 

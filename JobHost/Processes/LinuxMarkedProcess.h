@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +13,9 @@
 
 namespace jobhost {
 
+// Whether the process is in a control group of the label's job.
+using IsInGroupOf = std::function<bool(std::string_view process, std::string_view label)>;
+
 // A process with a mark or in the control group of a job, held by its pidfd.
 class LinuxMarkedProcess final : public MarkedProcess {
  public:
@@ -19,6 +23,7 @@ class LinuxMarkedProcess final : public MarkedProcess {
   struct Signs {
     std::uint64_t host = 0;             // the hostMark() in its environment
     const JobGroups* groups = nullptr;  // for a process without a mark, if not null
+    const IsInGroupOf& isInGroupOf;     // whether a mark can't be forged; may be empty
   };
   // The process of this number and "stat" file, if it is of a job and is wanted, else null. Fails
   // for want of descriptors.

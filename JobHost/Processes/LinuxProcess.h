@@ -41,6 +41,7 @@ class LinuxProcess final : public JobProcess {
   platform::Result<void> signalLeader(int signal) override;
   platform::Result<void> killTree() override;
   bool hasRemainingProcesses() override;
+  bool hasControlGroup() const override { return groups_ != nullptr; }
   std::optional<platform::JobTree> tree() const override;
   platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override;
 

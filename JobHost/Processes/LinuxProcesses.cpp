@@ -7,6 +7,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
@@ -14,7 +15,6 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/wait.h>
 
 #include "JobHost/Processes/JobPriority.h"
-#include "JobHost/Processes/LinuxMarkedProcess.h"
 #include "JobHost/Processes/LinuxProcess.h"
 #include "JobHost/Processes/ProcessGroup.h"
 #include "JobHost/Processes/ProcessTable.h"
@@ -127,11 +127,20 @@ void LinuxProcesses::discardOthers(const std::vector<std::string>& labels) {
 
 Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
     const Wanted& isWanted) {
+  if (!groups_) return findMarked(isWanted, {});
+  return findMarked(isWanted, [this](std::string_view process, std::string_view label) {
+    const auto group = groups_->holding(std::string(process));
+    return group && JobGroups::isOf(*group, label);
+  });
+}
+
+Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
+    const Wanted& isWanted, const IsInGroupOf& isInGroupOf) {
   std::vector<std::unique_ptr<MarkedProcess>> found;
   int shortage = 0;
   const bool isRead = eachProcess([&](std::string_view number, const std::string& stat) {
-    auto marked =
-        LinuxMarkedProcess::find(number, stat, {host_, groups_ ? &*groups_ : nullptr}, isWanted);
+    auto marked = LinuxMarkedProcess::find(
+        number, stat, {host_, groups_ ? &*groups_ : nullptr, isInGroupOf}, isWanted);
     if (marked) {
       if (*marked) found.push_back(*std::move(marked));
       return true;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "JobHost/Processes/JobGroups.h"
+#include "JobHost/Processes/LinuxMarkedProcess.h"
 #include "JobHost/Processes/OrphanReaper.h"
 #include "JobHost/Processes/ProcessSpawner.h"
 #include "JobHost/Processes/Processes.h"
@@ -35,6 +36,10 @@ class LinuxProcesses final : public Processes {
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;
   platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) override;
+  // The same if another program puts the jobs' processes into control groups.
+  platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
+      const Wanted& isWanted, const IsInGroupOf& isInGroupOf);
+  bool haveControlGroups() const override { return groups_.has_value(); }
   void abandon(const std::string& label) override;
   void discard(const std::string& label) override;
   void discardOthers(const std::vector<std::string>& labels) override;

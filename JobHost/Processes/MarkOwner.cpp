@@ -1,7 +1,9 @@
 #include "JobHost/Processes/MarkOwner.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -37,18 +39,28 @@ Result<std::string> beginOf(std::string_view process, const char* name) {
   return std::string(text, static_cast<std::size_t>(size > 0 ? size : 0));
 }
 
-// Whether the kernel says in the auxiliary vector that the program has more rights than the process
-// had before.
-bool hasGainedRights(std::string_view vector) {
-  Elf64_auxv_t entry{};
+// AT_SECURE in an auxiliary vector with entries of this form. Empty if it is not there, or if the
+// vector has another form.
+template <typename Entry>
+std::optional<bool> secureIn(std::string_view vector) {
+  Entry entry{};
+  std::optional<bool> isSecure;
   for (; vector.size() >= sizeof entry; vector.remove_prefix(sizeof entry)) {
     std::memcpy(&entry, vector.data(), sizeof entry);
-    if (entry.a_type == AT_SECURE) return entry.a_un.a_val != 0;
+    // A type and a value of a 32-bit program, read as a type.
+    if (std::uint64_t{entry.a_type} > UINT32_MAX) return std::nullopt;
+    if (entry.a_type == AT_SECURE) isSecure = entry.a_un.a_val != 0;
+    if (entry.a_type == AT_NULL) break;
   }
-  return true;
+  return isSecure;
 }
 
 }  // namespace
+
+bool hasGainedRights(std::string_view vector) {
+  const auto isSecure = secureIn<Elf64_auxv_t>(vector);
+  return isSecure ? *isSecure : secureIn<Elf32_auxv_t>(vector).value_or(true);
+}
 
 Result<UserId> ownerOfMark(std::string_view process) {
   const auto status = beginOf(process, "status");
@@ -56,7 +68,11 @@ Result<UserId> ownerOfMark(std::string_view process) {
   const auto vector = beginOf(process, "auxv");
   if (!vector) return std::unexpected(vector.error());
   const auto users = platform::parseProcessStatus(*status);
-  return users && !hasGainedRights(*vector) ? users->realUser : kUnknownUser;
+  if (!users) return kUnknownUser;
+  // A service's program may have the set-group-ID bit or capabilities of its file. So if the real
+  // user is another one, it counts nonetheless.
+  const bool isPowerful = users->realUser == 0 || users->realUser == ::geteuid();
+  return isPowerful && hasGainedRights(*vector) ? kUnknownUser : users->realUser;
 }
 
 }  // namespace jobhost

@@ -56,6 +56,9 @@ class JobProcess {
   // True if that can't be found out. Zombies don't count. May read every process of the system.
   virtual bool hasRemainingProcesses() = 0;
 
+  // Whether the job has a control group, which all that its processes start is in.
+  virtual bool hasControlGroup() const = 0;
+
   // Its tree. Empty if the job has no control group.
   virtual std::optional<platform::JobTree> tree() const = 0;
 
@@ -126,6 +129,9 @@ class Processes {
   // Reads every process of the system. Fails if they can't be read for want of descriptors.
   virtual platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) = 0;
+
+  // Whether processes begin in control groups, as far as each group can be made.
+  virtual bool haveControlGroups() const = 0;
 
   // The processes of the label that it abandons are nobody's from now on. If they stay in its
   // control group because a step fails, they are not killed either. Does nothing where there are no

@@ -124,8 +124,8 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 }
 
 Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
-                                             const Labels& removedByClient,
-                                             std::string_view bootId) {
+                                             const Labels& removedByClient, std::string_view bootId,
+                                             PlacesOfSubmissions& places) {
   std::vector<std::uint8_t> bytes = stateFileHeader(bootId);
   const std::uint64_t boot = bootMark(bootId);
   const auto add = [&](RecordKind kind, std::span<const std::uint8_t> payload) {
@@ -139,6 +139,7 @@ Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
   for (const StoredJob& job : jobs) {
     const auto submitted = submittedPayload(job.origin, job.dictionary);
     if (!submitted) return std::unexpected(submitted.error());
+    places[job.label] = bytes.size();
     add(RecordKind::kSubmitted, *submitted);
     // If the job runs, its last end was before its last start.
     if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
@@ -210,7 +211,8 @@ Result<void> StateFile::compact(std::span<const StoredJob> jobs, const Labels& r
 }
 
 Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels& removedByClient) {
-  const auto bytes = contentsOf(jobs, removedByClient, bootId_);
+  PlacesOfSubmissions places;
+  const auto bytes = contentsOf(jobs, removedByClient, bootId_, places);
   if (!bytes) return std::unexpected(bytes.error());
   const std::string temporary = path_ + kNewSuffix;
   if (::unlink(temporary.c_str()) != 0 && errno != ENOENT) {
@@ -235,6 +237,7 @@ Result<void> StateFile::replaceBy(std::span<const StoredJob> jobs, const Labels&
     return std::unexpected(std::move(error));
   }
   file_ = std::move(file);
+  submissions_ = std::move(places);
   size_ = compactedSize_ = bytes->size();
   isBehind_ = isTorn_ = isNamedTwice_ = false;
   return {};
@@ -318,6 +321,7 @@ Result<std::size_t> StateFile::appendSubmitted(JobOrigin origin, const platform:
                     path_, kMaximumCost, mostCost, cost)});
   }
   if (auto appended = appendRecord(record); !appended) return std::unexpected(appended.error());
+  if (label) submissions_[*label] = size_ - record.size();
   return record.size();
 }
 
@@ -330,6 +334,8 @@ Result<void> StateFile::appendRemoving(std::string_view label) {
 }
 
 Result<void> StateFile::appendRemoved(std::string_view label) {
+  if (const auto known = submissions_.find(label); known != submissions_.end())
+    submissions_.erase(known);
   return append(RecordKind::kRemoved, label);
 }
 
@@ -340,8 +346,11 @@ Result<void> StateFile::appendRemovedByClient(std::string_view label) {
 
 Result<void> StateFile::appendRemoval(RecordKind kind, RecordKind inPlace, std::string_view label) {
   auto appended = append(kind, label);
+  if (appended || !file_) return appended;
+  const auto place = submissions_.find(label);
+  const auto known = place == submissions_.end() ? std::nullopt : std::optional(place->second);
   // If this fails, too, the file says nothing of the removal until it is replaced.
-  if (!appended && file_) static_cast<void>(changeSubmission(file_, boot_, label, inPlace));
+  static_cast<void>(changeSubmission(file_, boot_, label, inPlace, known));
   return appended;
 }
 

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -15,6 +17,10 @@
 #include "Platform/Values/Error.h"
 
 namespace jobhost {
+
+// The place of each label's last submission in the file, if this host has written it. A record that
+// was cut off since leaves a wrong place.
+using PlacesOfSubmissions = std::map<std::string, std::size_t, std::less<>>;
 
 // The file that tells the next host about the jobs if this one is killed. It is append-only, of one
 // boot, and atomically replaced by a shorter one when it has grown.
@@ -129,6 +135,7 @@ class StateFile {
   // such processes.
   platform::UniqueFd lock_;
   platform::UniqueFd file_;
+  PlacesOfSubmissions submissions_;
   platform::Error whyNoFile_;  // while there is none, or while it is behind
   std::size_t size_ = 0;
   std::size_t compactedSize_ = 0;

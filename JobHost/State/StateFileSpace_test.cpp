@@ -102,6 +102,32 @@ TEST_F(StateFileTest, ARemovalWithoutSpaceChangesTheJobsSubmission) {
   EXPECT_THAT(next.removedByClient, ElementsAre("b"));
 }
 
+TEST_F(StateFileTest, ASubmissionIsChangedAfterACompactionOrACut) {
+  for (const bool isCut : {false, true}) {
+    auto file = create();
+    StoredJob job;
+    job.label = "a";
+    job.dictionary = jobNamed("a");
+    ASSERT_TRUE(file->compact({&job, 1}));
+    const std::size_t mark = file->mark();
+    if (isCut) {
+      ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("a")));
+      ASSERT_TRUE(file->cutBackTo(mark));
+    }
+    ASSERT_TRUE(file->appendSubmitted(JobOrigin::kSubmitted, jobNamed("b")));
+    {
+      const platform::FullDisk disk(contents().size());
+      EXPECT_FALSE(file->appendRemoving("a"));
+    }
+    file.reset();
+    const auto next = open();
+    EXPECT_THAT(next.warnings, IsEmpty());
+    ASSERT_THAT(labelsOf(next.jobs), ElementsAre("a", "b"));
+    EXPECT_TRUE(next.jobs[0].isBeingRemoved);
+    EXPECT_FALSE(next.jobs[1].isBeingRemoved);
+  }
+}
+
 TEST_F(StateFileTest, ARecordWithinASubmissionIsNotChanged) {
   auto file = create();
   const auto inner = submittedPayload(JobOrigin::kSubmitted, jobNamed("a"));

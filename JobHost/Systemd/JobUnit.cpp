@@ -1,6 +1,7 @@
 #include "JobHost/Systemd/JobUnit.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <utility>
@@ -112,6 +113,29 @@ std::string unitNameOf(std::string_view label, bool abandonsGroup) {
     name += number;
   }
   return name.append(kind).append(kSuffix);
+}
+
+std::string groupPathOf(const std::string& slice) {
+  std::string path;
+  for (std::size_t dash = slice.find('-'); dash != slice.npos; dash = slice.find('-', dash + 1)) {
+    path += "/" + slice.substr(0, dash) + ".slice";
+  }
+  return path + "/" + slice;
+}
+
+bool isInUnitOf(std::string_view groups, const std::string& slice, std::string_view label) {
+  constexpr std::string_view kVersion2 = "0::";
+  while (!groups.empty() && !groups.starts_with(kVersion2)) {
+    const std::size_t end = groups.find('\n');
+    groups.remove_prefix(end == groups.npos ? groups.size() : end + 1);
+  }
+  const std::string_view line = groups.substr(0, groups.find('\n'));
+  // The process may be in a group below the unit's.
+  return std::ranges::any_of(std::array{false, true}, [&](bool abandonsGroup) {
+    const std::string unit =
+        fmt::format("{}{}/{}", kVersion2, groupPathOf(slice), unitNameOf(label, abandonsGroup));
+    return line == unit || line.starts_with(unit + "/");
+  });
 }
 
 bool isUnitOfJob(std::string_view unit) {

@@ -32,6 +32,13 @@ std::string sliceOf(const std::string& root, std::uint64_t host);
 // Whether a host has made the slice.
 bool isSliceOfJobs(std::string_view slice);
 
+// The control group of a slice: "/vantor.slice/vantor-1.slice" for "vantor-1.slice".
+std::string groupPathOf(const std::string& slice);
+
+// Whether a process is in a unit of the label, of either kind. `groups` is the content of its
+// /proc/PID/cgroup. Only root can put a process there.
+bool isInUnitOf(std::string_view groups, const std::string& slice, std::string_view label);
+
 // The facts in a unit's properties besides the job's own dictionary.
 struct UnitSurroundings {
   std::string slice;

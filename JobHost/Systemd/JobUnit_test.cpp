@@ -54,6 +54,23 @@ std::vector<std::string> environmentIn(const std::vector<UnitProperty>& properti
   return found ? std::get<std::vector<std::string>>(*found) : std::vector<std::string>();
 }
 
+TEST(JobUnitTest, AProcessIsInAUnitOfItsLabelAlone) {
+  const std::string slice = "vantor-1.slice";
+  const std::string folder = "0::/vantor.slice/vantor-1.slice/vantor-com.example.a";
+  const auto isIn = [&](const std::string& groups) {
+    return isInUnitOf(groups, slice, "com.example.a");
+  };
+  EXPECT_TRUE(isIn(folder + ".service\n"));
+  EXPECT_TRUE(isIn(folder + ".service/below\n"));
+  EXPECT_TRUE(isIn(folder + "..abandons.service\n"));
+  EXPECT_TRUE(isIn("1:name=systemd:/x\n" + folder + ".service\n"));
+  EXPECT_FALSE(isIn(folder + ".service2\n"));
+  EXPECT_FALSE(isIn(folder + ".b.service\n"));
+  EXPECT_FALSE(isIn("0::/vantor.slice/vantor-com.example.a.service\n"));
+  EXPECT_FALSE(isIn("0::/user.slice/vantor.slice/vantor-1.slice/vantor-com.example.a.service\n"));
+  EXPECT_FALSE(isIn(""));
+}
+
 TEST(JobUnitTest, ALabelIsEscapedLikeAUnitsName) {
   EXPECT_EQ(unitNameOf("com.example.agent"), "vantor-com.example.agent.service");
   EXPECT_EQ(unitNameOf("my-agent 2/x"), "vantor-my\\x2dagent\\x202-x.service");

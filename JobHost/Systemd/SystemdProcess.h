@@ -37,6 +37,7 @@ class SystemdProcess final : public JobProcess {
   }
   platform::Result<void> killTree() override;
   bool hasRemainingProcesses() override;
+  bool hasControlGroup() const override { return group_.has_value(); }
   std::optional<platform::JobTree> tree() const override;
   platform::UniqueFd copyDescriptor(platform::Descriptor descriptor) override {
     return process_->copyDescriptor(descriptor);

@@ -8,6 +8,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -49,16 +50,6 @@ std::string unitOfThisProcess() {
   const std::string path = groups.substr(begin, groups.find('\n', begin) - begin);
   const std::string last = path.substr(path.rfind('/') + 1);
   return last.ends_with(kUnitSuffix) ? last : std::string();
-}
-
-// The "Slice" directory of a unit in the hierarchy: "/vantor.slice/vantor-1.slice" for
-// "vantor-1.slice".
-std::string groupPathOf(const std::string& slice) {
-  std::string path;
-  for (std::size_t dash = slice.find('-'); dash != slice.npos; dash = slice.find('-', dash + 1)) {
-    path += "/" + slice.substr(0, dash) + ".slice";
-  }
-  return path + "/" + slice;
 }
 
 Result<StartFields> identityOf(ProcessId process, std::int64_t startedAt) {
@@ -270,7 +261,11 @@ std::unique_ptr<JobProcess> SystemdProcesses::remainsOf(const StartFields& ident
 
 Result<std::vector<std::unique_ptr<MarkedProcess>>> SystemdProcesses::findMarked(
     const Wanted& isWanted) {
-  return processes_.findMarked(isWanted);
+  return processes_.findMarked(isWanted, [this](std::string_view process, std::string_view label) {
+    const std::string groups =
+        platform::contentOfKernelFile(fmt::format("/proc/{}/cgroup", process));
+    return isInUnitOf(groups, slice_, label);
+  });
 }
 
 // The processes get a scope of their own, since systemd keeps a unit in which there are processes.

@@ -49,6 +49,7 @@ class SystemdProcesses final : public Processes {
   std::unique_ptr<JobProcess> remainsOf(const StartFields& identity) override;
   platform::Result<std::vector<std::unique_ptr<MarkedProcess>>> findMarked(
       const Wanted& isWanted) override;
+  bool haveControlGroups() const override { return hierarchy_.has_value(); }
   void abandon(const std::string& label) override;
   void discard(const std::string& label) override;
   void discardOthers(const std::vector<std::string>& labels) override;
