@@ -1,10 +1,20 @@
+#include <cstddef>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "ServiceManager/ServiceManager/ORBServiceManager.h"
 
 // The operator's server, which answers on a thread of its own.
 
 using namespace platform;
+
+namespace {
+
+// If more jobs than this are not watched, pages of states cost less than a copy of each.
+constexpr std::size_t kMostJobsAskedAbout = 16;
+
+}  // namespace
 
 void ORBServiceManager::vendOperatorServer() {
   operatorsCatalogue_ = std::make_shared<ServiceCatalogue>(catalogue_);
@@ -37,6 +47,19 @@ OperatorPicture ORBServiceManager::operatorPicture() const {
           .lastValues = settings_.lastValues()};
 }
 
+// Only the end of a watched process is noticed, and the job host reports only starts. Further
+// pictures have the answers.
+void ORBServiceManager::refreshUnwatchedJobs() {
+  jobs_.completeRefresh();
+  std::vector<std::string> labels;
+  for (const auto& [label, job] : jobs_.known()->jobs) {
+    if (!job.status.process || !hasService(label)) continue;
+    if (!isServiceBeingTrackedForRespawn(label)) labels.push_back(label);
+  }
+  if (labels.size() > kMostJobsAskedAbout) return jobs_.refreshAll();
+  for (const std::string& label : labels) jobs_.refresh(label);
+}
+
 ORBServiceManagerOperatorServer::MainThread ORBServiceManager::operatorsMainThread() {
   const auto onMain = [&loop = platform_.runLoop,
                        isAlive = std::weak_ptr(isAlive_)](RunLoop::Callback work) {
@@ -48,16 +71,13 @@ ORBServiceManagerOperatorServer::MainThread ORBServiceManager::operatorsMainThre
               [this, onMain](RunLoop::Callback published) {
                 onMain([this, published = std::move(published)]() mutable {
                   operatorPublisher_.publish(std::move(published));
+                  refreshUnwatchedJobs();
                 });
               },
           .whenSettled =
               [this, onMain](Array labels, RunLoop::Callback settled) {
                 onMain([this, labels = std::move(labels), settled = std::move(settled)]() mutable {
-                  // The client asks next what has become of the services.
-                  whenSettled(labels, [this, isAlive = std::weak_ptr(isAlive_),
-                                       settled = std::move(settled)]() mutable {
-                    if (!isAlive.expired()) operatorPublisher_.publish(std::move(settled));
-                  });
+                  whenSettled(labels, std::move(settled));
                 });
               }};
 }

@@ -180,6 +180,11 @@ TEST_F(OperatorTest, AJobIsKnownInEachMode) {
   EXPECT_EQ(job["PID"], Value(process(kHelper)));
   EXPECT_EQ(job["LastExitStatus"], Value(9));
   EXPECT_EQ(job["History"]["Starts"], Value(2));
+  // The successor is not watched, and has none itself.
+  jobs_.setUnstartable(pathOf("helper"), "no such interpreter");
+  kill(kHelper);
+  factsOf(kHelper);  // The daemon asks the job host.
+  EXPECT_EQ(factsOf(kHelper)[kFactJob]["PID"], Value());
 }
 
 TEST_F(OperatorTest, TheNextDaemonKnowsAllJobsAtOnce) {

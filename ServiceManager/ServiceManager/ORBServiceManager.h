@@ -313,6 +313,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void announceStartUpError(std::string_view error, std::string_view description);
   void vendOperatorServer();
   ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
+  void refreshUnwatchedJobs();
 
   bool hasService(Label label) const;
   // The elements that are labels of the catalogue, in order.

@@ -13,6 +13,7 @@ using namespace platform;
 namespace {
 
 constexpr char kName[] = "ORBServiceManagerOperatorServer";
+constexpr std::string_view kAwaitServices = "awaitServices:";
 
 // The other messages are about the catalogue, which never changes, or are no messages, or follow an
 // answer about a picture.
@@ -27,7 +28,7 @@ bool needsPicture(std::string_view selector, const Array& arguments) {
 
 void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, const Array& arguments,
                                                   MessageReply reply) {
-  if (selector == "awaitServices:") {
+  if (selector == kAwaitServices) {
     const ServerMessage message{kName, selector, arguments};
     const Value labels = message.argument();
     if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
@@ -43,8 +44,10 @@ void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, con
 
 void ORBServiceManagerOperatorServer::awaitPicture(Message message) {
   const Id id = ++lastId_;
-  message.limit = environment_.runLoop.startTimer(kPictureTime, RunLoop::Repeat::kOnce,
-                                                  [this, id] { answerWithoutMainThread(id); });
+  if (message.selector != kAwaitServices) {
+    message.limit = environment_.runLoop.startTimer(kPictureTime, RunLoop::Repeat::kOnce,
+                                                    [this, id] { answerWithoutMainThread(id); });
+  }
   waiting_.emplace(id, std::move(message));
   if (!askedAt_) askForPicture();
 }
@@ -69,8 +72,12 @@ void ORBServiceManagerOperatorServer::pictureIsPublished(Id last) {
 void ORBServiceManagerOperatorServer::awaitServices(const Array& labels, MessageReply reply) {
   const Id id = ++lastId_;
   unsettled_.emplace(id, std::move(reply));
-  environment_.main.whenSettled(
-      labels, onThisThread([this, id] { unsettled_.extract(id).mapped().answer(Value(true)); }));
+  environment_.main.whenSettled(labels, onThisThread([this, id] { servicesAreSettled(id); }));
+}
+
+// The client asks next what has become of the services. Those that settle at once share a picture.
+void ORBServiceManagerOperatorServer::servicesAreSettled(Id id) {
+  awaitPicture({std::string(kAwaitServices), {}, std::move(unsettled_.extract(id).mapped())});
 }
 
 RunLoop::Callback ORBServiceManagerOperatorServer::onThisThread(RunLoop::Callback callback) const {
@@ -118,6 +125,7 @@ MessageResult ORBServiceManagerOperatorServer::answerTo(std::string_view selecto
   const ServerMessage message{kName, selector, arguments};
   const OperatorPictures::Picture picture = environment_.pictures->latest();
   OperatorReport& report = environment_.report;
+  if (selector == kAwaitServices) return Value(true);
   if (selector == "overview") return report.overview(*picture);
   if (selector == "healthRecord") return picture->healthRecord;
   if (selector == "overviewFrom:" || selector == "healthRecordFrom:") {

@@ -71,6 +71,7 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   void askForPicture();
   void pictureIsPublished(Id last);
   void awaitServices(const platform::Array& labels, platform::MessageReply reply);
+  void servicesAreSettled(Id id);
   void answer(Message message);
   platform::MessageResult answerTo(std::string_view selector, const platform::Array& arguments);
   void answerWithoutMainThread(Id id);

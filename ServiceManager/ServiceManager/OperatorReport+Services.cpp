@@ -20,6 +20,9 @@ namespace {
 
 // If the job host took this long and did not answer about one job, it is not asked about others.
 constexpr Duration kSlowJobHostTime = std::chrono::milliseconds(200);
+// The time for all trees of one answer. A job host that is slow must not delay each further client
+// by its answer time for each job.
+constexpr Duration kTreesTime = std::chrono::seconds(1);
 // The answer about more jobs than this has only the counts of each history, and not the last ends,
 // so that it stays within the limits of a message.
 constexpr std::size_t kMostDetailedJobs = 200;
@@ -94,10 +97,12 @@ Value OperatorReport::jobsOfServices(const OperatorPicture& picture, const Array
 
 Value OperatorReport::treesOfServices(const OperatorPicture& picture, const Array& labels) const {
   Dictionary trees;
+  const Instant due = environment_.runLoop.now() + kTreesTime;
   for (const Value& label : labels) {
     if (!label.string() || picture.catalogue->service(*label.string()).isNil()) continue;
     if (!picture.jobs->find(*label.string()).status.process) continue;
     const Instant start = environment_.runLoop.now();
+    if (start >= due) break;
     const Value job =
         environment_.jobs.SMJobCopyDictionary(kSMDomainSystemLaunchd, *label.string());
     setIfKnown(trees, *label.string(), job[kJobTreeKey]);

@@ -58,8 +58,9 @@ class OperatorReport {
   // The facts of the jobs of those labels that are services of this product, by label.
   platform::Value jobsOfServices(const OperatorPicture& picture,
                                  const platform::Array& labels) const;
-  // The trees of those that have a process (kJobTreeKey), by label. Asks the job host, which blocks
-  // for its time-out at most: nobody else can tell how much the processes take now.
+  // The trees of those that have a process (kJobTreeKey), by label. Asks the job host, since
+  // nobody else can tell how much the processes take now. After a second, or an answer that did not
+  // come, it is not asked about further jobs. So this blocks for a second and one time-out at most.
   platform::Value treesOfServices(const OperatorPicture& picture,
                                   const platform::Array& labels) const;
   // The extensions of the catalogue by name. Blocks for a second at most for each extension that

@@ -177,7 +177,24 @@ TEST_F(OperatorServerTest, AWaitForServicesEndsWhenTheMainThreadSaysSo) {
   EXPECT_FALSE(*answer);
   settled_.front()();
   loop_.runReady();
+  loop_.advanceBy(1h);
+  EXPECT_FALSE(*answer);  // It waits for a picture of the settled services.
+  serveMainThread(0);
   EXPECT_EQ(**answer, Value(true));
+}
+
+TEST_F(OperatorServerTest, WaitsThatEndTogetherShareAPicture) {
+  const auto first = send("awaitServices:", {Array{kAgent}});
+  const auto second = send("awaitServices:", {Array{kAgent}});
+  const auto third = send("awaitServices:", {Array{kAgent}});
+  for (RunLoop::Callback& settled : settled_) settled();
+  loop_.runReady();
+  serveMainThread(0);
+  EXPECT_EQ(**first, Value(true));
+  serveMainThread(0);
+  EXPECT_EQ(**second, Value(true));
+  EXPECT_EQ(**third, Value(true));
+  EXPECT_TRUE(requests_.empty());
 }
 
 TEST_F(OperatorServerTest, CallsThatTheMainThreadDropsEndWithTheServer) {

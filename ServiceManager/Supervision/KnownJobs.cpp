@@ -62,9 +62,20 @@ bool KnownJobs::updatePage(std::string_view after, const Dictionary& states) {
   for (const std::string& label : absent) {
     if (set(label, {})) hasChanged = true;
   }
-  if (!last.empty() || table_->isComplete) return hasChanged;
-  table_.change().isComplete = true;
-  return true;
+  if (!last.empty()) return hasChanged;
+  if (!table_->isComplete) {
+    table_.change().isComplete = true;
+    hasChanged = true;
+  }
+  forgetAbsentJobs();
+  return hasChanged;
+}
+
+// In a complete table a job without an entry is absent, too. The host has jobs of others, which
+// come and go.
+void KnownJobs::forgetAbsentJobs() {
+  const auto isAbsent = [](const auto& job) { return job.second == KnownJob(); };
+  if (std::ranges::any_of(table_->jobs, isAbsent)) std::erase_if(table_.change().jobs, isAbsent);
 }
 
 bool KnownJobs::processEnded(std::string_view label, ProcessId process) {

@@ -49,6 +49,7 @@ class KnownJobs {
 
  private:
   bool set(std::string_view label, KnownJob job);
+  void forgetAbsentJobs();
 
   SharedTable<KnownJobTable> table_;
 };

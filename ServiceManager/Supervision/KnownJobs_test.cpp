@@ -86,6 +86,17 @@ TEST_F(KnownJobsTest, JobsThatNoPageHasAreAbsent) {
   EXPECT_FALSE(known_.updatePage("d", {}));
 }
 
+TEST_F(KnownJobsTest, ACompleteTableForgetsAbsentJobs) {
+  for (const char* label : {"a", "b", "c"}) known_.update(label, state(1));
+  known_.update("c", Value());
+  known_.updatePage("", {{"b", state(1)}});
+  EXPECT_EQ(known_.table()->jobs.size(), 3u);  // "d" and later ones are still unknown.
+  known_.updatePage("b", {});
+  EXPECT_EQ(known_.table()->jobs.size(), 1u);
+  EXPECT_EQ(presence("a"), Presence::kAbsent);
+  EXPECT_EQ(presence("c"), Presence::kAbsent);
+}
+
 TEST_F(KnownJobsTest, APageKeepsTheLastEndsOfAJobThatHasNotEndedAgain) {
   JobHistory history{WallTime(1000s), 2, 1, 0, {}};
   JobHistory counts = history;

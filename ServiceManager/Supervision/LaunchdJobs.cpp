@@ -109,6 +109,7 @@ void LaunchdJobs::update(std::string_view label, const Value& copy) {
   hasChanged(known_.update(label, copy));
   const auto now = known_.find(label).history;
   if (before && now && before->since != now->since) refreshAll();
+  if (!isJobUnknown(copy)) completeRefresh();
 }
 
 void LaunchdJobs::hasChanged(bool isChange) const {
@@ -128,19 +129,43 @@ void LaunchdJobs::refresh(const std::string& label) {
   });
 }
 
-void LaunchdJobs::refreshAll() { refreshAfter("", ++refreshRound_); }
+// Each copied job of a restarted host asks for this, so a call must not restart the round.
+void LaunchdJobs::refreshAll() {
+  if (isRefreshingAll_) {
+    isAnotherRoundDue_ = true;
+    return;
+  }
+  isRefreshingAll_ = true;
+  isRoundMissing_ = false;
+  refreshAfter("");
+}
 
-void LaunchdJobs::refreshAfter(const std::string& label, std::uint64_t round) {
-  jobs_.copyStatesAfter(
-      label, [this, isAlive = std::weak_ptr(isAlive_), label, round](const Value& states) {
-        if (isAlive.expired() || round != refreshRound_) return;
-        const Dictionary* page = states.dictionary();
-        if (!page) return;  // The return of the job host refreshes all again.
-        hasChanged(known_.updatePage(label, *page));
-        std::string last = label;
-        for (const auto& [next, state] : *page) last = std::max(last, next);
-        if (last > label) refreshAfter(last, round);
-      });
+// The return of a host is noticed only if it counted as hung or absent, and not if it was slow.
+void LaunchdJobs::completeRefresh() {
+  if (isRoundMissing_) refreshAll();
+}
+
+void LaunchdJobs::refreshAfter(const std::string& label) {
+  jobs_.copyStatesAfter(label,
+                        [this, isAlive = std::weak_ptr(isAlive_), label](const Value& states) {
+                          if (!isAlive.expired()) pageHasCome(label, states);
+                        });
+}
+
+void LaunchdJobs::pageHasCome(const std::string& after, const Value& states) {
+  const Dictionary* page = states.dictionary();
+  if (!page) return roundHasEnded(false);
+  hasChanged(known_.updatePage(after, *page));
+  std::string last = after;
+  for (const auto& [next, state] : *page) last = std::max(last, next);
+  if (last > after) return refreshAfter(last);
+  roundHasEnded(true);
+}
+
+void LaunchdJobs::roundHasEnded(bool isComplete) {
+  isRefreshingAll_ = false;
+  isRoundMissing_ = !isComplete;
+  if (std::exchange(isAnotherRoundDue_, false)) refreshAll();
 }
 
 void LaunchdJobs::processEnded(const std::string& label, ProcessId process) {

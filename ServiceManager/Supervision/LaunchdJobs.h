@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <expected>
 #include <functional>
 #include <map>
@@ -50,17 +49,21 @@ class LaunchdJobs {
 
   // The last answers of the job host about jobs.
   std::shared_ptr<const KnownJobTable> known() const { return known_.table(); }
-  // Asks for the state of this job, or of all jobs, only to know it. While a question about a job
-  // is under way, further calls are one further question.
+  // Asks for the state of this job, or of all jobs, only to know it. While a question about a job,
+  // or about all, is under way, further calls are one further question.
   void refresh(const std::string& label);
   void refreshAll();
+  // Asks about all jobs again if the host has not answered the last time.
+  void completeRefresh();
   // The process of the job has ended.
   void processEnded(const std::string& label, platform::ProcessId process);
 
  private:
   void update(std::string_view label, const platform::Value& copy);
   void hasChanged(bool isChange) const;
-  void refreshAfter(const std::string& label, std::uint64_t round);
+  void refreshAfter(const std::string& label);
+  void pageHasCome(const std::string& after, const platform::Value& states);
+  void roundHasEnded(bool isComplete);
   void noteSubmission(const platform::Value& request,
                       const std::expected<void, platform::NSError>& outcome);
   void remove(std::string_view domain, const std::string& label,
@@ -72,7 +75,9 @@ class LaunchdJobs {
   std::unique_ptr<platform::AuthorizationRef> authRef_;
   KnownJobs known_;
   std::map<std::string, bool> refreshes_;  // under way; whether another one follows
-  std::uint64_t refreshRound_ = 0;         // pages of an earlier round are ignored
+  bool isRefreshingAll_ = false;
+  bool isAnotherRoundDue_ = false;  // after the one that is under way
+  bool isRoundMissing_ = false;     // the host has not answered the last one
   bool isHostFull_ = false;  // it has refused a job for want of room, and has accepted none since
   // Answers that come after the end of this object are dropped.
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();

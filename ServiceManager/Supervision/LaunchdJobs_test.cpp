@@ -1,6 +1,7 @@
 #include "ServiceManager/Supervision/LaunchdJobs.h"
 
 #include <chrono>
+#include <deque>
 #include <expected>
 #include <optional>
 #include <utility>
@@ -152,7 +153,7 @@ TEST_F(LaunchdJobsTest, TheHostRefusesAnotherDomain) {
 }
 
 // Notes the authorizations of requests.
-class AuthorizationProbe final : public Jobs {
+class AuthorizationProbe : public Jobs {
  public:
   std::expected<void, NSError> SMJobSubmit(std::string_view, const Value&,
                                            const AuthorizationRef*) override {
@@ -250,7 +251,7 @@ TEST_F(LaunchdJobsTest, RefreshesWhileOneIsUnderWayAreOneMore) {
 TEST_F(LaunchdJobsTest, AllJobsAreRefreshedInPages) {
   for (const char* label : {kPrimary, kAgent, kHelper}) request(catalogue_.jobInfo(label));
   launchd_.refreshAll();
-  launchd_.refreshAll();  // replaces the first
+  launchd_.refreshAll();  // one more after the first
   loop_.runReady();
   for (const char* label : {kPrimary, kAgent, kHelper})
     EXPECT_EQ(launchd_.known()->find(label).status.process, process(label));
@@ -269,6 +270,54 @@ TEST_F(LaunchdJobsTest, ACountThatBeginsAgainRefreshesAllJobs) {
   copy();
   loop_.runReady();
   EXPECT_EQ(launchd_.known()->find(kPrimary).history->starts, 0);
+}
+
+// Answers about one job at once, and keeps the questions about all.
+class CountingHost final : public AuthorizationProbe {
+ public:
+  void copyJob(std::string_view, std::string_view, Copied copied) override {
+    const JobHistory history{.since = since, .starts = 1, .ends = 0, .crashes = 0, .lastEnds = {}};
+    copied(Dictionary{{kJobHistoryKey, valueOfHistory(history, JobHistoryDetail::kCountsAndEnds)}});
+  }
+  void copyStatesAfter(std::string_view, Copied copied) override {
+    rounds.push_back(std::move(copied));
+  }
+  WallTime since{std::chrono::seconds(1)};
+  std::deque<Copied> rounds;
+};
+
+TEST_F(LaunchdJobsTest, ARestartedHostIsAskedForAllJobsTwiceAtMost) {
+  CountingHost host;
+  LaunchdJobs jobs(host, authorization_);
+  const auto copyAll = [&] {
+    for (const char* label : {"a", "b", "c"}) jobs.copyJob(label, [](const Value&) {});
+  };
+  copyAll();
+  EXPECT_EQ(host.rounds.size(), 0u);
+  host.since += std::chrono::seconds(1);
+  copyAll();
+  EXPECT_EQ(host.rounds.size(), 1u);
+  host.rounds[0](Dictionary());
+  EXPECT_EQ(host.rounds.size(), 2u);
+  host.rounds[1](Dictionary());
+  copyAll();
+  EXPECT_EQ(host.rounds.size(), 2u);
+}
+
+TEST_F(LaunchdJobsTest, ARoundWithoutAnAnswerIsRepeatedWithTheNextCopy) {
+  CountingHost host;
+  LaunchdJobs jobs(host, authorization_);
+  jobs.refreshAll();
+  host.rounds[0](Value());
+  EXPECT_EQ(host.rounds.size(), 1u);
+  for (int i = 0; i < 2; ++i) {
+    jobs.copyJob(kAgent, [](const Value&) {});
+    EXPECT_EQ(host.rounds.size(), 2u);
+  }
+  host.rounds[1](Dictionary());
+  EXPECT_TRUE(jobs.known()->isComplete);
+  jobs.completeRefresh();
+  EXPECT_EQ(host.rounds.size(), 2u);
 }
 
 TEST_F(LaunchdJobsTest, WithoutTheHostNothingBecomesKnown) {

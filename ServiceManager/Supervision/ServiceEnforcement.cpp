@@ -235,6 +235,9 @@ void ServiceEnforcement::submit(const std::string& label, const Value& job, Laun
                            stringWithFormat("Unable to load %@.\n%@", label, refusal),
                            {.messageId = kStartFailedId, .label = label});
         if (hasProgramChanged(refusal)) environment_.rechecks.wasRefused(label);
+        // The process may run if only the answer is missing. Its start, which has been reported
+        // during the submission, asked for no copy.
+        environment_.jobs.refresh(label);
         answer({});
       });
 }

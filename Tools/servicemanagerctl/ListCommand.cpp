@@ -115,6 +115,9 @@ Answer<int> ListCommand::judge(const DaemonClient::Environment& environment) con
                         service.why.empty() ? "" : ", ", service.why));
     }
   }
+  const bool isOld = !mainThreadsWork(answer->overview).empty();
+  if (isOld && !quiet_) remarkOnAnswer(*answer);
+  if (isOld && isRunning_->parsed()) return kExitFailed;
   const bool isSo =
       isRunning_->parsed()
           ? !services.empty() && std::ranges::all_of(services, isOf(ServiceMark::kRunning))

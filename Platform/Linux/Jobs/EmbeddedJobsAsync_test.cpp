@@ -16,6 +16,7 @@ using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 // Submissions and copies without blocking.
@@ -45,6 +46,8 @@ class AsynchronousCallsTest : public EmbeddedJobsTest {
   }
 
   std::vector<Value> copies_;
+  std::vector<std::move_only_function<void(bool)>> probes_;
+  int returns_ = 0;
 };
 
 TEST_F(AsynchronousCallsTest, AHungHostFailsOnlyTheFirstRequestLate) {
@@ -194,6 +197,56 @@ TEST_F(AsynchronousCallsTest, TheReturnOfAHostThatAcceptedNothingIsProbed) {
   for (auto& answer : std::exchange(probes, {})) answer(true);
   loop_.runReady();
   EXPECT_EQ(returns, 1);
+}
+
+TEST_F(AsynchronousCallsTest, RequestsFailIfNoProbeAnswers) {
+  client_.setProbe([this](auto answer) { probes_.push_back(std::move(answer)); });
+  startHost(answering(job_));
+  host_->hang();
+  startCopies(1);
+  loop_.advanceBy(JobHostClient::kRestartTimeOut);
+  EXPECT_THAT(copies_, IsEmpty());
+  loop_.advanceBy(JobHostClient::kProbeInterval + 2 * JobHostClient::kProbeTimeOut);
+  EXPECT_THAT(copies_, ElementsAre(Value(Dictionary())));
+  EXPECT_EQ(probes_.size(), 1u);  // The thread that does not answer gets no further ones.
+}
+
+TEST_F(AsynchronousCallsTest, AHostIsReachedAlsoIfNoProbeAnswers) {
+  client_.setProbe([this](auto answer) { probes_.push_back(std::move(answer)); });
+  startHost(answering(job_));
+  host_->hang();
+  startCopies(1);
+  loop_.advanceBy(2s);
+  host_->goOn();
+  loop_.advanceBy(JobHostClient::kProbeAnswerTimeOut);
+  EXPECT_THAT(copies_, ElementsAre(job_));
+  ASSERT_EQ(probes_.size(), 1u);
+  probes_.front()(false);  // too late
+  startCopies(1);
+  loop_.runReady();
+  EXPECT_THAT(copies_, ElementsAre(job_, job_));
+  // After its answer, however late, the thread is used again.
+  host_->die();
+  startHost(answering(job_));
+  host_->hang();
+  startCopies(1);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(probes_.size(), 2u);
+}
+
+TEST_F(AsynchronousCallsTest, AHostReturnsAlsoIfNoProbeAnswers) {
+  client_.setProbe([this](auto answer) { probes_.push_back(std::move(answer)); });
+  client_.setReturnHandler([this] { ++returns_; });
+  startHost(answering(Value(true)));
+  host_->hang();
+  startCopies(1);
+  loop_.advanceBy(JobHostClient::kRestartTimeOut + 2s);
+  for (auto& answer : std::exchange(probes_, {})) answer(false);
+  loop_.advanceBy(2s);
+  EXPECT_EQ(probes_.size(), 1u);  // for the return alone
+  host_->goOn();
+  loop_.advanceBy(JobHostClient::kProbeAnswerTimeOut);
+  EXPECT_EQ(returns_, 1);
 }
 
 TEST_F(AsynchronousCallsTest, AProbeMayAnswerAfterTheClient) {

@@ -317,13 +317,32 @@ void JobHostClient::connectForWaiting() {
   sendWaiting();
 }
 
-void JobHostClient::probeHost(std::move_only_function<void(bool mayConnect)> answer) {
-  probe_([this, isAlive = std::weak_ptr(isAlive_),
-          answer = std::move(answer)](bool mayConnect) mutable {
-    if (isAlive.expired()) return;
-    if (mayConnect) isHung_ = false;
-    answer(mayConnect);
+void JobHostClient::probeHost(Probed answer) {
+  const ProbeId id = ++lastProbeId_;
+  probes_.emplace(id, PendingProbe{std::move(answer),
+                                   loop_.startTimer(kProbeAnswerTimeOut, RunLoop::Repeat::kOnce,
+                                                    [this, id] { probeIsLate(id); })});
+  probe_([this, isAlive = std::weak_ptr(isAlive_), id](bool mayConnect) {
+    if (!isAlive.expired()) probeHasAnswered(id, mayConnect);
   });
+}
+
+// Requests must not depend on what else the probe's thread does. Until the late answer has come
+// this connects itself, and that thread gets no further probes, which it would do one by one.
+void JobHostClient::probeIsLate(ProbeId id) {
+  auto probe = probes_.extract(id);
+  ++lateProbes_;
+  probe.mapped().answer(true);
+}
+
+void JobHostClient::probeHasAnswered(ProbeId id, bool mayConnect) {
+  auto probe = probes_.extract(id);
+  if (!probe) {
+    --lateProbes_;
+    return;
+  }
+  if (mayConnect) isHung_ = false;
+  probe.mapped().answer(mayConnect);
 }
 
 // Fails the requests that have waited long enough, and lets the others wait on.

@@ -33,6 +33,8 @@ class JobHostClient {
   static constexpr Duration kProbeInterval = std::chrono::seconds(1);
   // The time-out of a probe.
   static constexpr Duration kProbeTimeOut = std::chrono::milliseconds(100);
+  // How long setProbe()'s thread gets for its answer. It may be busy for longer with other work.
+  static constexpr Duration kProbeAnswerTimeOut = 2 * kProbeInterval;
 
   struct Answer {
     Value value;
@@ -85,7 +87,8 @@ class JobHostClient {
   using Probe = std::function<void(std::move_only_function<void(bool mayConnect)> answer)>;
   // Uses this, instead of connecting, while a host that is there accepts no connection. Without it
   // callAsync() and the wait for the host's return connect on the loop once a second, which blocks
-  // for kProbeTimeOut.
+  // for kProbeTimeOut. So they do after a probe has not answered within kProbeAnswerTimeOut, until
+  // it has.
   void setProbe(Probe probe) { probe_ = std::move(probe); }
 
   using Completion = std::move_only_function<void(Result<Answer>)>;
@@ -112,6 +115,8 @@ class JobHostClient {
   void limit(RequestId id, Duration timeout);
 
  private:
+  using ProbeId = std::uint64_t;
+
   static constexpr Duration kConnectTimeOut = std::chrono::seconds(5);
 
   // A request of callAsync() without an answer yet.
@@ -143,8 +148,11 @@ class JobHostClient {
   void send(RequestId id);
   void connectLater(Duration delay);
   void connectForWaiting();
-  bool mustProbe() const { return isHung_ && !connection_ && probe_; }
-  void probeHost(std::move_only_function<void(bool mayConnect)> answer);
+  bool mustProbe() const { return isHung_ && !connection_ && probe_ && lateProbes_ == 0; }
+  using Probed = std::move_only_function<void(bool mayConnect)>;
+  void probeHost(Probed answer);
+  void probeIsLate(ProbeId id);
+  void probeHasAnswered(ProbeId id, bool mayConnect);
   void couldNotConnect(const PeerConnectFailure& failure);
   void answered(RequestId id, Room room, MessageResult result);
   void pingAsync();
@@ -173,6 +181,13 @@ class JobHostClient {
   std::unique_ptr<RunLoopHandle> connectTimer_;  // nothing is sent before it fires
   Probe probe_;
   bool isProbed_ = false;  // before the requests that wait are sent
+  struct PendingProbe {
+    std::move_only_function<void(bool mayConnect)> answer;
+    std::unique_ptr<RunLoopHandle> limit;
+  };
+  std::map<ProbeId, PendingProbe> probes_;
+  ProbeId lastProbeId_ = 0;
+  std::size_t lateProbes_ = 0;  // those without an answer in time, which may still come
   // Answers of probes that come after the end of this are dropped.
   std::shared_ptr<int> isAlive_ = std::make_shared<int>();
   RequestId lastRequest_ = 0;
