@@ -47,7 +47,7 @@ std::optional<std::string_view> nearName(std::string_view name,
   // A third of the letters, so that short names are not taken for one another.
   std::size_t limit = std::max<std::size_t>(1, name.size() / 3);
   for (const std::string_view candidate : known) {
-    const auto [shorter, longer] = std::minmax(name.size(), candidate.size());
+    const auto [shorter, longer] = std::minmax({name.size(), candidate.size()});
     if (longer > kLongestName || longer - shorter > limit) continue;
     const std::size_t difference = distance(name, candidate);
     if (difference > limit || (nearest && difference == limit)) continue;
