@@ -1,15 +1,17 @@
 #include "JobHost/Processes/ChildLimits.h"
 
 #include <algorithm>
-#include <fstream>
 #include <optional>
-#include <string>
+#include <string_view>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include "JobHost/Definitions/JobKeys.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 
 namespace jobhost {
 namespace {
@@ -48,14 +50,16 @@ Result<std::optional<ChildLimit>> limitOf(int resource, const ResourceLimit* own
   return isSame ? std::nullopt : std::optional(limit);
 }
 
-// Read once: it is a setting of the machine, and the next host reads it again.
+// Read once: it is a setting of the machine, and the next host reads it again. Without a descriptor
+// the next start reads it.
 rlim_t softCoreLimitHere() {
-  static const rlim_t kLimit = [] {
-    std::string pattern;
-    std::getline(std::ifstream("/proc/sys/kernel/core_pattern"), pattern);
-    return softCoreLimit(pattern);
-  }();
-  return kLimit;
+  static std::optional<rlim_t> limit;
+  if (limit) return *limit;
+  const platform::UniqueFd file(::open("/proc/sys/kernel/core_pattern", O_RDONLY | O_CLOEXEC));
+  char first = 0;
+  if (!file || ::read(file.get(), &first, 1) != 1) return softCoreLimit("");
+  limit = softCoreLimit(std::string_view(&first, 1));
+  return *limit;
 }
 
 }  // namespace
