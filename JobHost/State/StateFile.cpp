@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include <fcntl.h>
@@ -123,6 +124,12 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
+std::uint32_t hashOf(std::string_view label) {
+  return static_cast<std::uint32_t>(std::hash<std::string_view>()(label));
+}
+
+static_assert(StateFile::kMaximumBytes <= UINT32_MAX);
+
 Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
                                              const Labels& removedByClient, std::string_view bootId,
                                              PlacesOfSubmissions& places) {
@@ -139,7 +146,7 @@ Result<std::vector<std::uint8_t>> contentsOf(std::span<const StoredJob> jobs,
   for (const StoredJob& job : jobs) {
     const auto submitted = submittedPayload(job.origin, job.dictionary);
     if (!submitted) return std::unexpected(submitted.error());
-    places[job.label] = bytes.size();
+    places[hashOf(job.label)] = static_cast<std::uint32_t>(bytes.size());
     add(RecordKind::kSubmitted, *submitted);
     // If the job runs, its last end was before its last start.
     if (job.runs && job.lastEnd) add(RecordKind::kEnded, endPayload(*job.lastEnd, job.label));
@@ -321,7 +328,7 @@ Result<std::size_t> StateFile::appendSubmitted(JobOrigin origin, const platform:
                     path_, kMaximumCost, mostCost, cost)});
   }
   if (auto appended = appendRecord(record); !appended) return std::unexpected(appended.error());
-  if (label) submissions_[*label] = size_ - record.size();
+  if (label) submissions_[hashOf(*label)] = static_cast<std::uint32_t>(size_ - record.size());
   return record.size();
 }
 
@@ -334,8 +341,7 @@ Result<void> StateFile::appendRemoving(std::string_view label) {
 }
 
 Result<void> StateFile::appendRemoved(std::string_view label) {
-  if (const auto known = submissions_.find(label); known != submissions_.end())
-    submissions_.erase(known);
+  submissions_.erase(hashOf(label));
   return append(RecordKind::kRemoved, label);
 }
 
@@ -347,8 +353,9 @@ Result<void> StateFile::appendRemovedByClient(std::string_view label) {
 Result<void> StateFile::appendRemoval(RecordKind kind, RecordKind inPlace, std::string_view label) {
   auto appended = append(kind, label);
   if (appended || !file_) return appended;
-  const auto place = submissions_.find(label);
-  const auto known = place == submissions_.end() ? std::nullopt : std::optional(place->second);
+  const auto place = submissions_.find(hashOf(label));
+  const auto known =
+      place == submissions_.end() ? std::nullopt : std::optional<std::size_t>(place->second);
   // If this fails, too, the file says nothing of the removal until it is replaced.
   static_cast<void>(changeSubmission(file_, boot_, label, inPlace, known));
   return appended;
