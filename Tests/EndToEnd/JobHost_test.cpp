@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -122,6 +123,43 @@ TEST_F(JobHostProgram, ReplacesItselfWithoutAnEffectOnItsJobs) {
   EXPECT_EQ(manager.next(), "STOPPING=1");
   EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
   EXPECT_FALSE(platform::isRunning(daemon));
+}
+
+TEST_F(JobHostProgram, AReplacedHostKnowsTheLimitOfDescriptorsForItsJobs) {
+  if (platform::testsUseSystemd()) GTEST_SKIP() << "systemd sets the limits of its processes";
+  root_.write("Library/LaunchDaemons/com.example.daemon.plist",
+              "<plist version=\"1.0\"><dict><key>Label</key><string>com.example.daemon</string>"
+              "<key>ProgramArguments</key><array><string>/bin/sh</string><string>-c</string>"
+              "<string>echo $$; ulimit -S -n; exec sleep 1000</string></array>"
+              "<key>StandardOutPath</key><string>" +
+                  root_.path("output") +
+                  "</string><key>KeepAlive</key><true/><key>ThrottleInterval</key><integer>0"
+                  "</integer></dict></plist>");
+  const StartedDaemons started(root_.path("output"));
+  NotifySocket manager(root_.path("notify"));
+  ChildProgram host({"/bin/sh", "-c", "ulimit -S -n 512; exec \"$0\"", program_},
+                    {"NOTIFY_SOCKET=" + root_.path("notify")});
+  EXPECT_EQ(manager.next(), "READY=1");
+  platform::ProcessId daemon = started.next();
+  EXPECT_EQ(started.next(), 512);
+  // The last time there is no program that could replace it.
+  for (const bool isReplaced : {true, true, false}) {
+    if (!isReplaced) std::filesystem::remove(program_);
+    rlimit before{};
+    ASSERT_EQ(::prlimit(host.process(), RLIMIT_NOFILE, nullptr, &before), 0);
+    host.signal(SIGHUP);
+    EXPECT_THAT(manager.next(), testing::StartsWith("RELOADING=1\n"));
+    EXPECT_EQ(manager.next(), "READY=1");
+    rlimit after{};
+    ASSERT_EQ(::prlimit(host.process(), RLIMIT_NOFILE, nullptr, &after), 0);
+    EXPECT_EQ(after.rlim_cur, before.rlim_cur);
+    ASSERT_GT(daemon, 0);
+    ASSERT_EQ(::kill(daemon, SIGKILL), 0);
+    daemon = started.next();
+    EXPECT_EQ(started.next(), 512);
+  }
+  host.signal(SIGTERM);
+  EXPECT_EQ(host.waitForExit(), ExitStatus{}) << host.errors();
 }
 
 TEST_F(JobHostProgram, AStopWhileItReplacesItselfEndsItsJobs) {
