@@ -8,9 +8,9 @@
 
 #include "Benchmarks/Goal.h"
 #include "Benchmarks/RawEcho.h"
-#include "Examples/DemoProduct/Settings/SettingsServers.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Kit/SettingsServer/SettingsServers.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Platform/Linux/Peers/DBusPeerTransport.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"

@@ -108,6 +108,11 @@ Program::Program(std::unique_ptr<ProgramParts> parts) : parts_(std::move(parts))
 Program::~Program() = default;
 
 const std::string& Program::name() const { return parts_->name; }
+const std::string& Program::path() const { return parts_->linux->mainBundle.executablePath(); }
+Dictionary Program::bundleInfo() const {
+  const platform::Value info(parts_->linux->mainBundle.infoDictionary());
+  return ValueAccess::from(info).dictionary().value_or(Dictionary());
+}
 const std::string& Program::root() const { return parts_->linux->configuration.root; }
 
 void Program::log(LogLevel level, std::string_view text) const {

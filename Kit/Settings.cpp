@@ -8,6 +8,7 @@
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
 #include "Kit/ProgramParts.h"
+#include "Kit/SettingsServer/SettingsServers.h"
 #include "Kit/Values.h"
 #include "Platform/Peers/PeerMessageRules.h"
 
@@ -24,7 +25,7 @@ ServerNames namesOf(std::string_view domain) {
     if (domain == known.prefix || domain == known.connectionName)
       return {known.connectionName, known.startNotification};
   }
-  return {std::string(domain), std::nullopt};
+  return {std::string(domain), std::string(domain) + kOwnDomainStartSuffix};
 }
 
 class SettingsObservation final : public Observation {

@@ -92,6 +92,9 @@ DaemonRoot::DaemonRoot(const std::string& configuration, const PrepareLog& prepa
     std::filesystem::copy_file(from, folder().path("opt/") + to);
     sign(folder().path("opt/") + to);
   }
+  // Programs of the demo look for it beside them, and extensions in opt/demo.
+  std::filesystem::copy_file(KIT_LIBRARY, folder().path("opt/libvantor-kit.so.1"));
+  std::filesystem::create_directory_symlink(".", folder().path("opt/demo"));
   folder().write(std::string(kBundle) + "/Contents/Info.plist",
                  "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
                  "<string>com.vantor.servicemanager</string></dict></plist>");

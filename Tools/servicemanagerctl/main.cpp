@@ -38,11 +38,13 @@
 #include "Tools/servicemanagerctl/ListCommand.h"
 #include "Tools/servicemanagerctl/LogCommand.h"
 #include "Tools/servicemanagerctl/MetricsCommand.h"
+#include "Tools/servicemanagerctl/NewCommand.h"
 #include "Tools/servicemanagerctl/OperatorCommands.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/PlanCommand.h"
 #include "Tools/servicemanagerctl/PlatformReport.h"
 #include "Tools/servicemanagerctl/PlistCommands.h"
+#include "Tools/servicemanagerctl/RunCommand.h"
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/ShowCommand.h"
@@ -213,6 +215,8 @@ int run(int argc, char** argv) {
   const LintCommand lintCommand(app);
   const PlanCommand planCommand(app);
   const PlistCommands plistCommands(app);
+  const NewCommand newCommand(app);
+  const RunCommand runCommand(app);
   std::string root;
   addRootOption(app, root);
   try {
@@ -234,6 +238,8 @@ int run(int argc, char** argv) {
   setRootOfHints(root);
   if (lintCommand.parsed()) return lintCommand.run(root);
   if (plistCommands.parsed()) return plistCommands.run();
+  if (newCommand.parsed()) return newCommand.run();
+  if (runCommand.parsed()) return runCommand.run(root);
   if (planCommand.parsed() && !planCommand.asksDaemon()) return planCommand.run(root);
 
   auto linuxPlatform =

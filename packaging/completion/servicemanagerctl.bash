@@ -49,7 +49,7 @@ _servicemanagerctl() {
   local words=
   case ${commands[*]:0:2} in
     '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch
-      installer settings log endpoints execinfo jobs lint explain-code plan plist platform log-test doctor metrics' ;;
+      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor metrics' ;;
     list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
@@ -71,8 +71,14 @@ _servicemanagerctl() {
         return
       fi
       ;;
+    new*)
+      if [[ $word != -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -d -- "$word")
+        return
+      fi
+      ;;
     plist) words='convert get set lint diff' ;;
-    'jobs submit' | execinfo* | lint* | plan* | plist\ *)
+    'jobs submit' | execinfo* | lint* | plan* | run* | plist\ *)
       if [[ $word != -* ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return
@@ -91,6 +97,8 @@ _servicemanagerctl() {
       metrics) words+=' --serve' ;;
       'settings set' | 'plist set') words+=' --type' ;;
       lint*) words+=' --strict --format --no-programs' ;;
+      new*) words+=' --product' ;;
+      run*) words+=' --catalogue --settings' ;;
       plan*) words+=' --catalogue --settings --release --product --diff' ;;
       'plist convert') words+=' --to --output' ;;
     esac

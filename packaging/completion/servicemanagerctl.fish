@@ -19,7 +19,7 @@ complete -c servicemanagerctl -f
 complete -c servicemanagerctl -l help -d 'The commands or options'
 complete -c servicemanagerctl -l json -d 'For programs'
 complete -c servicemanagerctl -l root -x -a '(__fish_complete_directories)' -d 'Another platform root'
-complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list show start stop restart reload-settings is-running is-failed health explain extensions watch installer settings log endpoints execinfo jobs lint explain-code plan plist platform log-test doctor metrics'
+complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list show start stop restart reload-settings is-running is-failed health explain extensions watch installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor metrics'
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l wide
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l failed
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l value
@@ -63,10 +63,13 @@ complete -c servicemanagerctl -n '__servicemanagerctl_in lint' -l no-programs
 complete -c servicemanagerctl -n '__servicemanagerctl_in lint' -l format -x -a 'text json sarif'
 for option in catalogue settings
     complete -c servicemanagerctl -n '__servicemanagerctl_in plan' -l $option -r -F
+    complete -c servicemanagerctl -n '__servicemanagerctl_in run' -l $option -r -F
 end
 complete -c servicemanagerctl -n '__servicemanagerctl_in plan' -l release -x
 complete -c servicemanagerctl -n '__servicemanagerctl_in plan' -l product -x
 complete -c servicemanagerctl -n '__servicemanagerctl_in plan' -l diff
+complete -c servicemanagerctl -n '__servicemanagerctl_in new' -a '(__fish_complete_directories)'
+complete -c servicemanagerctl -n '__servicemanagerctl_in new' -l product -x
 complete -c servicemanagerctl -n '__servicemanagerctl_at plist' -a 'convert get set lint diff'
 for command in convert get set lint diff
     complete -c servicemanagerctl -n "__servicemanagerctl_in plist $command" -F

@@ -1,10 +1,8 @@
-#include "Examples/DemoProduct/Extensions/Challenge.h"
+#include "Challenge.h"
 
 #include <string_view>
 
 #include <gtest/gtest.h>
-
-#include "Platform/Digests/Digest.h"
 
 namespace {
 
@@ -16,8 +14,10 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 TEST(ChallengeTest, TheAnswerIsTheHmacOfTheChallenge) {
   const auto answer = answerToChallenge(bytesOf("Jefe"), bytesOf("what do ya want for nothing?"));
   ASSERT_TRUE(answer);
-  EXPECT_EQ(platform::hexadecimalText(*answer),
-            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  EXPECT_EQ(*answer,
+            (vantor::Bytes{0x5b, 0xdc, 0xc1, 0x46, 0xbf, 0x60, 0x75, 0x4e, 0x6a, 0x04, 0x24,
+                           0x26, 0x08, 0x95, 0x75, 0xc7, 0x5a, 0x00, 0x3f, 0x08, 0x9d, 0x27,
+                           0x39, 0x83, 0x9d, 0xec, 0x58, 0xb9, 0x64, 0xec, 0x38, 0x43}));
 }
 
 TEST(ChallengeTest, AnotherSecretOrChallengeHasAnotherAnswer) {

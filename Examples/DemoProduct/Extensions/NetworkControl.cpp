@@ -1,19 +1,15 @@
-#include "Examples/DemoProduct/Extensions/NetworkControl.h"
+#include "NetworkControl.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "Examples/DemoProduct/Extensions/Challenge.h"
+#include "Challenge.h"
 
 namespace {
 
 constexpr std::uint32_t kVersionOption = 3;
 constexpr std::uint32_t kSecretOption = 5;
-
-std::unexpected<platform::Error> refuse(int number, const char* why) {
-  return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, number, why});
-}
 
 }  // namespace
 
@@ -30,40 +26,40 @@ void KeptSecret::forget() {
   size_ = 0;
 }
 
-platform::Result<platform::Data> NetworkControl::getOption(std::uint32_t option) {
+int NetworkControl::getOption(std::uint32_t option, vantor::Bytes& bytes) {
   switch (option) {
-    case kVersionOption: {
-      platform::Data bytes(sizeof version_);
+    case kVersionOption:
+      bytes.resize(sizeof version_);
       std::memcpy(bytes.data(), &version_, sizeof version_);
-      return bytes;
-    }
-    case kAnswerOption: {
-      if (!challenge_) return refuse(ENOENT, "there is no challenge");
-      if (secret_.bytes().empty()) return refuse(ENOKEY, "no secret has been told");
-      auto answer = answerToChallenge(secret_.bytes(), *challenge_);
-      challenge_.reset();  // A challenge is answered once.
-      if (!answer) return refuse(EIO, "the answer can't be made");
-      return *std::move(answer);
-    }
+      return 0;
+    case kAnswerOption:
+      return readAnswer(bytes);
     default:
-      return refuse(ENOPROTOOPT, "there is no such option to read");
+      return ENOPROTOOPT;
   }
 }
 
-platform::Result<void> NetworkControl::setOption(std::uint32_t option,
-                                                 std::span<const std::uint8_t> bytes) {
+int NetworkControl::readAnswer(vantor::Bytes& bytes) {
+  if (!challenge_) return ENOENT;
+  if (secret_.bytes().empty()) return ENOKEY;  // No secret has been told.
+  auto answer = answerToChallenge(secret_.bytes(), *challenge_);
+  challenge_.reset();  // A challenge is answered once.
+  if (!answer) return EIO;
+  bytes = *std::move(answer);
+  return 0;
+}
+
+int NetworkControl::setOption(std::uint32_t option, const std::uint8_t* bytes, std::size_t size) {
   switch (option) {
     case kSecretOption:
-      if (!secret_.keep(bytes)) return refuse(EINVAL, "this is no secret");
+      if (!secret_.keep({bytes, size})) return EINVAL;
       onSecret_();
-      return {};
+      return 0;
     case kChallengeOption:
-      if (bytes.empty() || bytes.size() > kMaxChallengeBytes) {
-        return refuse(EINVAL, "this is no challenge");
-      }
-      challenge_.emplace(bytes.begin(), bytes.end());
-      return {};
+      if (size == 0 || size > kMaxChallengeBytes) return EINVAL;
+      challenge_.emplace(bytes, bytes + size);
+      return 0;
     default:
-      return refuse(ENOPROTOOPT, "there is no such option to write");
+      return ENOPROTOOPT;
   }
 }

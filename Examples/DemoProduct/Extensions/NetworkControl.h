@@ -1,12 +1,15 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
+#include <utility>
 
-#include "Platform/KernelExtensions/ControlHandler.h"
-#include "Platform/Values/Value.h"
+#include <vantor/Extension.h>
+#include <vantor/Value.h>
 
 // The network extension's secret. Only the last one is kept, and none is left in memory when this
 // ends.
@@ -32,19 +35,20 @@ class KeptSecret {
 
 // One client's view of the network extension: it can read the version, and make the extension prove
 // that it has the secret. No client gets the secret itself.
-class NetworkControl final : public platform::ControlHandler {
+class NetworkControl final : public vantor::ControlHandler {
  public:
   // All clients share `secret`. `onSecret` is called whenever a client has written one.
   NetworkControl(std::int32_t version, KeptSecret& secret, std::function<void()> onSecret)
       : version_(version), secret_(secret), onSecret_(std::move(onSecret)) {}
 
-  platform::Result<platform::Data> getOption(std::uint32_t option) override;
-  platform::Result<void> setOption(std::uint32_t option,
-                                   std::span<const std::uint8_t> bytes) override;
+  int getOption(std::uint32_t option, vantor::Bytes& bytes) override;
+  int setOption(std::uint32_t option, const std::uint8_t* bytes, std::size_t size) override;
 
  private:
+  int readAnswer(vantor::Bytes& bytes);
+
   const std::int32_t version_;
   KeptSecret& secret_;
   const std::function<void()> onSecret_;
-  std::optional<platform::Data> challenge_;
+  std::optional<vantor::Bytes> challenge_;
 };

@@ -7,131 +7,149 @@
 // after its start.
 
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include <unistd.h>
+#include <vantor/Extension.h>
+#include <vantor/Program.h>
 
-#include "Examples/DemoProduct/Extensions/NetworkControl.h"
-#include "Platform/BackgroundServices/BackgroundService.h"
-#include "Platform/KernelExtensions/KernelControls.h"
-#include "Platform/Linux/KernelExtensions/ControlServer.h"
-#include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/SystemCalls/CoreDumps.h"
+#include "NetworkControl.h"
 
 namespace {
 
-class OrdinaryControl final : public platform::ControlHandler {
+class OrdinaryControl final : public vantor::ControlHandler {
  public:
-  platform::Result<platform::Data> getOption(std::uint32_t /*option*/) override {
-    return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, ENOPROTOOPT, "none"});
-  }
-  platform::Result<void> setOption(std::uint32_t /*option*/,
-                                   std::span<const std::uint8_t> /*bytes*/) override {
-    return std::unexpected(platform::Error{platform::ErrorCode::kInvalid, ENOPROTOOPT, "none"});
+  int getOption(std::uint32_t /*option*/, vantor::Bytes& /*bytes*/) override { return ENOPROTOOPT; }
+  int setOption(std::uint32_t /*option*/, const std::uint8_t* /*bytes*/,
+                std::size_t /*size*/) override {
+    return ENOPROTOOPT;
   }
 };
 
 // Twice the limit of an option.
-constexpr std::int64_t kMostAnswerBytes = 2 * platform::kMaxControlOptionBytes;
+constexpr std::int64_t kMostAnswerBytes = 8192;
+
+// The failures that the extension's Info.plist asks for.
+struct Faults {
+  explicit Faults(const vantor::Dictionary& info)
+      : version(static_cast<std::int32_t>(integer(info, "ControlVersion").value_or(5))),
+        answerBytes(integer(info, "ControlAnswerBytes")),
+        isDeaf(flag(info, "ControlIsDeaf")),
+        hangs(flag(info, "ControlHangs")),
+        crashes(flag(info, "ControlCrashes")),
+        crashesAfter(integer(info, "CrashesAfter")) {}
+
+  static vantor::Value valueOf(const vantor::Dictionary& info, const char* key) {
+    const auto found = info.find(key);
+    return found == info.end() ? vantor::Value() : found->second;
+  }
+  static std::optional<std::int64_t> integer(const vantor::Dictionary& info, const char* key) {
+    return valueOf(info, key).integer();
+  }
+  static bool flag(const vantor::Dictionary& info, const char* key) {
+    return valueOf(info, key).boolean() == true;
+  }
+
+  const std::int32_t version;
+  const std::optional<std::int64_t> answerBytes;
+  const bool isDeaf;
+  const bool hangs;
+  const bool crashes;
+  const std::optional<std::int64_t> crashesAfter;
+};
 
 // A faulty control for the network extension.
-class FaultyControl final : public platform::ControlHandler {
+class FaultyControl final : public vantor::ControlHandler {
  public:
-  FaultyControl(std::unique_ptr<platform::ControlHandler> control, const platform::Dictionary& info)
-      : control_(std::move(control)), info_(info) {}
+  FaultyControl(std::unique_ptr<vantor::ControlHandler> control, const Faults& faults)
+      : control_(std::move(control)), faults_(faults) {}
 
-  platform::Result<platform::Data> getOption(std::uint32_t option) override {
+  int getOption(std::uint32_t option, vantor::Bytes& bytes) override {
     crashIfConfigured();
-    auto answer = control_->getOption(option);
-    const auto length = info_["ControlAnswerBytes"].integer();
-    if (answer && length)
-      answer->resize(
-          static_cast<std::size_t>(std::clamp<std::int64_t>(*length, 0, kMostAnswerBytes)));
-    return answer;
+    const int number = control_->getOption(option, bytes);
+    if (number == 0 && faults_.answerBytes) {
+      bytes.resize(static_cast<std::size_t>(
+          std::clamp<std::int64_t>(*faults_.answerBytes, 0, kMostAnswerBytes)));
+    }
+    return number;
   }
-  platform::Result<void> setOption(std::uint32_t option,
-                                   std::span<const std::uint8_t> bytes) override {
+  int setOption(std::uint32_t option, const std::uint8_t* bytes, std::size_t size) override {
     crashIfConfigured();
-    return control_->setOption(option, bytes);
+    return control_->setOption(option, bytes, size);
   }
 
  private:
   void crashIfConfigured() const {
-    if (info_["ControlCrashes"].boolean() == true) std::abort();
+    if (faults_.crashes) std::abort();
   }
 
-  const std::unique_ptr<platform::ControlHandler> control_;
-  const platform::Dictionary& info_;
+  const std::unique_ptr<vantor::ControlHandler> control_;
+  const Faults& faults_;
 };
 
-class DemoExtension final : public platform::VGBackgroundServiceDelegate {
+class DemoExtension {
  public:
-  explicit DemoExtension(platform::LinuxPlatform& linux)
-      : linux_(linux), info_(linux.mainBundle.infoDictionary()) {}
+  explicit DemoExtension(vantor::Program& program)
+      : program_(program),
+        isNetwork_(Faults::valueOf(program.bundleInfo(), "CFBundleIdentifier") ==
+                   vantor::Value("com.vantor.nke.wfk")),
+        faults_(program.bundleInfo()) {}
 
-  void backgroundServiceDidFinishLaunching(const platform::Value& /*notification*/) override {
-    if (const auto seconds = info_["CrashesAfter"].integer()) {
-      crash_ = linux_.runLoop->startTimer(std::chrono::seconds(*seconds),
-                                          platform::RunLoop::Repeat::kOnce, [] { std::abort(); });
+  void start() {
+    if (faults_.crashesAfter) {
+      std::signal(SIGALRM, [](int /*signal*/) { std::abort(); });
+      ::alarm(static_cast<unsigned>(*faults_.crashesAfter));
     }
-    if (info_["ControlIsDeaf"].boolean() == true) return log("at work, without a control");
-    const std::string* const identifier = info_["CFBundleIdentifier"].string();
-    auto server = platform::ControlServer::listen(*linux_.runLoop, linux_.configuration.root,
-                                                  identifier ? *identifier : std::string(),
-                                                  [this] { return makeHandler(); });
-    if (!server) return log("no control: " + platform::describe(server.error()));
-    server_ = *std::move(server);
+    if (faults_.isDeaf) return log("at work, without a control");
+    auto control = vantor::ExtensionControl::offer(program_, [this] { return makeHandler(); });
+    if (!control) return log("no control: " + control.error().text);
+    control_ = std::move(*control);
     log("at work");
   }
-  void backgroundServiceWillTerminate(const platform::Value& /*notification*/) override {
+  void end() {
     log("asked to end");
-    server_.reset();
+    control_.reset();
   }
 
  private:
-  std::unique_ptr<platform::ControlHandler> makeHandler() {
-    if (info_["ControlHangs"].boolean() == true) ::raise(SIGSTOP);
-    const std::string* const identifier = info_["CFBundleIdentifier"].string();
-    if (!identifier || *identifier != "com.vantor.nke.wfk") {
-      return std::make_unique<OrdinaryControl>();
-    }
-    const auto version = static_cast<std::int32_t>(info_["ControlVersion"].integer().value_or(5));
+  std::unique_ptr<vantor::ControlHandler> makeHandler() {
+    if (faults_.hangs) ::raise(SIGSTOP);
+    if (!isNetwork_) return std::make_unique<OrdinaryControl>();
     return std::make_unique<FaultyControl>(
-        std::make_unique<NetworkControl>(version, secret_, [this] { log("has been told"); }),
-        info_);
+        std::make_unique<NetworkControl>(faults_.version, secret_,
+                                         [this] { log("has been told"); }),
+        faults_);
   }
-  void log(const std::string& line) {
-    linux_.systemLog.asl_log(nullptr, platform::ASL_LEVEL_NOTICE, line);
-  }
+  void log(const std::string& line) { program_.log(vantor::LogLevel::kNotice, line); }
 
-  platform::LinuxPlatform& linux_;
-  const platform::Dictionary& info_;
+  vantor::Program& program_;
+  const bool isNetwork_;
+  const Faults faults_;
   KeptSecret secret_;
-  std::unique_ptr<platform::ControlServer> server_;
-  std::unique_ptr<platform::RunLoopHandle> crash_;
+  std::optional<vantor::ExtensionControl> control_;
 };
+
+int fail(const vantor::Error& error) {
+  std::fputs((error.text + "\n").c_str(), stderr);
+  return EXIT_FAILURE;
+}
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  auto made = platform::LinuxPlatform::make();
+int main() {
+  const auto made = vantor::Program::make();
+  if (!made) return fail(made.error());
   // Before any secret can be in memory.
-  auto forbidden = platform::forbidCoreDumps();
-  if (!made || !forbidden) {
-    const platform::Error& error = made ? forbidden.error() : made.error();
-    std::fputs((platform::describe(error) + "\n").c_str(), stderr);
-    return EXIT_FAILURE;
-  }
-  platform::LinuxPlatform& linux = **made;
-  platform::BackgroundServiceClasses classes;
-  classes.add("DemoExtension", [&] { return std::make_unique<DemoExtension>(linux); });
-  platform::BackgroundServiceHost host{*linux.runLoop, linux.terminationSignals, linux.readiness,
-                                       classes};
-  return platform::VGBackgroundServiceMain("DemoExtension", argc, argv, host);
+  if (const auto forbidden = vantor::forbidCoreDumps(); !forbidden) return fail(forbidden.error());
+  vantor::Program& program = **made;
+  DemoExtension extension(program);
+  return program.run([&] { extension.start(); }, [&] { extension.end(); });
 }

@@ -49,6 +49,11 @@ class VANTOR_KIT_API Program {
 
   // The last part of the path of the running program.
   const std::string& name() const;
+  // The absolute path of the running program, without symbolic links. Files of the product lie
+  // beside it.
+  const std::string& path() const;
+  // The Info.plist of the bundle that the program lies in, empty if it lies in none.
+  Dictionary bundleInfo() const;
   // The folder of the installation, "/" if it is that of the machine. Paths of the product are
   // below it.
   const std::string& root() const;

@@ -1,4 +1,4 @@
-#include "Examples/DemoProduct/Settings/SettingConversions.h"
+#include "Kit/SettingsServer/SettingConversions.h"
 
 #include <cmath>
 #include <cstdint>

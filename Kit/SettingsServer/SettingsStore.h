@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "Examples/DemoProduct/Settings/SettingsFile.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Kit/SettingsServer/SettingsFile.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
 

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Kit/SettingsServer/SettingsStore.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 
 // A store of two domains in a file of its own.

@@ -1,6 +1,6 @@
 // Settings files that can't be opened or written: the caller gets an error, and no setting is lost.
 
-#include "Examples/DemoProduct/Settings/SettingsFile.h"
+#include "Kit/SettingsServer/SettingsFile.h"
 
 #include <chrono>
 #include <filesystem>
@@ -13,7 +13,7 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
-#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Kit/SettingsServer/SettingsStore.h"
 #include "Platform/Testing/Machine/FileSizeLimit.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 

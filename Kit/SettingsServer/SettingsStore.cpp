@@ -1,4 +1,4 @@
-#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Kit/SettingsServer/SettingsStore.h"
 
 #include <algorithm>
 #include <utility>

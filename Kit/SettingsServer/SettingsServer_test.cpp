@@ -5,9 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Examples/DemoProduct/Settings/SettingsServers.h"
+#include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsClient.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Kit/SettingsServer/SettingsServers.h"
 #include "Libraries/Static/Interprocess Communications/VantorDistantObject/KLXConnectionAuthenticator.h"
 #include "Platform/Testing/Logging/FakeLogSink.h"
 #include "Platform/Testing/Machine/TemporaryFolder.h"
@@ -123,6 +124,28 @@ TEST_F(SettingsServerTest, EveryDomainIsServedUnderItsNameAndAnnounced) {
     client.sendMessage("setObject:forKey:sender:", {domain.prefix, "name", Value()});
     EXPECT_EQ(client.objectForKey("name"), Value(domain.prefix));
   }
+}
+
+TEST_F(SettingsServerTest, ADomainOfOnesOwnIsServedAndAnnounced) {
+  stop();
+  const std::string name = "com.example.agent.settings";
+  int started = 0;
+  const auto observation = distributed_->addObserver(
+      name + ".didStart", std::nullopt, [&](const DistributedNotification&) { ++started; });
+  auto domains = SettingsServers::domainNames();
+  domains.push_back(name);
+  const auto store =
+      SettingsStore::open(folder_.path("own.sqlite"), domains, [](std::string_view) {});
+  ASSERT_TRUE(store);
+  const SettingsServers servers({serverProgram_.connections, authenticator_, protocols_,
+                                 *serverDistributed_, **store, refusals_},
+                                {name});
+  loop_.runReady();
+  EXPECT_EQ(started, 1);
+  Client client(environment(), name);
+  client.sendMessage("setObject:forKey:sender:", {"value", "key", Value()});
+  EXPECT_EQ(client.objectForKey("key"), Value("value"));
+  EXPECT_THAT(takeChanges(), Contains(name + "/key"));
 }
 
 TEST_F(SettingsServerTest, ANameThatIsTakenIsNotAnnounced) {

@@ -1,4 +1,4 @@
-#include "Examples/DemoProduct/Settings/SettingsFile.h"
+#include "Kit/SettingsServer/SettingsFile.h"
 
 #include <cerrno>
 #include <cstdio>

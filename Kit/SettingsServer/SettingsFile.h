@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Examples/DemoProduct/Settings/Sqlite.h"
+#include "Kit/SettingsServer/Sqlite.h"
 #include "Platform/Values/Error.h"
 #include "Platform/Values/Value.h"
 

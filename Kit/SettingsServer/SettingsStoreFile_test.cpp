@@ -6,7 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Examples/DemoProduct/Settings/SettingsStore_fixture.h"
+#include "Kit/SettingsServer/SettingsStore_fixture.h"
 
 namespace {
 

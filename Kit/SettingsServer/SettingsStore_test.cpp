@@ -1,9 +1,9 @@
-#include "Examples/DemoProduct/Settings/SettingsStore.h"
+#include "Kit/SettingsServer/SettingsStore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Examples/DemoProduct/Settings/SettingsStore_fixture.h"
+#include "Kit/SettingsServer/SettingsStore_fixture.h"
 #include "Platform/Peers/PeerLimits.h"
 #include "Platform/Peers/PeerMessageRules.h"
 

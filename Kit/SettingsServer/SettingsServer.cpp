@@ -1,11 +1,11 @@
-#include "Examples/DemoProduct/Settings/SettingsServer.h"
+#include "Kit/SettingsServer/SettingsServer.h"
 
 #include <algorithm>
 #include <optional>
 #include <utility>
 
-#include "Examples/DemoProduct/Settings/SettingConversions.h"
 #include "Global Settings/GlobalSettingsClient/KLXGlobalSettingsProtocol.h"
+#include "Kit/SettingsServer/SettingConversions.h"
 
 using platform::Array;
 using platform::Dictionary;
@@ -64,10 +64,10 @@ struct SettingsServer::Method {
   Answer (SettingsServer::*perform)(const Arguments&);
 };
 
-SettingsServer::SettingsServer(const GlobalSettingsDomain& domain, SettingsStore& store,
+SettingsServer::SettingsServer(ServedDomain domain, SettingsStore& store,
                                platform::DistributedNotificationCenter& center,
                                platform::RefusalLog& refusals)
-    : domain_(domain), store_(store), center_(center), refusals_(refusals) {}
+    : domain_(std::move(domain)), store_(store), center_(center), refusals_(refusals) {}
 
 MessageResult SettingsServer::receiveMessage(std::string_view selector, const Array& arguments) {
   using Self = SettingsServer;

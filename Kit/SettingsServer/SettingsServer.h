@@ -4,11 +4,16 @@
 #include <string_view>
 #include <vector>
 
-#include "Examples/DemoProduct/Settings/SettingsStore.h"
-#include "Global Settings/GlobalSettingsClient/GlobalSettingsDomains.h"
+#include "Kit/SettingsServer/SettingsStore.h"
 #include "Platform/Logging/RefusalLog.h"
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/Notifications/DistributedNotificationCenter.h"
+
+// A domain that is served: the name of its server, and the notification that announces the server.
+struct ServedDomain {
+  std::string connectionName;
+  std::string startNotification;
+};
 
 // The root object of one settings domain. It answers KLXGlobalSettingsProtocol from the store, and
 // posts each change, once that is on the disk, with the domain's connection name as the object.
@@ -21,7 +26,7 @@
 class SettingsServer final : public platform::MessageReceiver {
  public:
   // All of them outlive this; the store knows the domain by its connection name.
-  SettingsServer(const GlobalSettingsDomain& domain, SettingsStore& store,
+  SettingsServer(ServedDomain domain, SettingsStore& store,
                  platform::DistributedNotificationCenter& center, platform::RefusalLog& refusals);
 
   platform::MessageResult receiveMessage(std::string_view selector,
@@ -55,7 +60,7 @@ class SettingsServer final : public platform::MessageReceiver {
   Answer removeKeys(const std::vector<std::string>& keys);
   void postChange(const std::string& key);
 
-  const GlobalSettingsDomain domain_;
+  const ServedDomain domain_;
   SettingsStore& store_;
   platform::DistributedNotificationCenter& center_;
   platform::RefusalLog& refusals_;

@@ -1,4 +1,4 @@
-#include "Examples/DemoProduct/Settings/Sqlite.h"
+#include "Kit/SettingsServer/Sqlite.h"
 
 #include <cerrno>
 #include <utility>
