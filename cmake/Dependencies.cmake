@@ -13,6 +13,7 @@ find_package(ICU REQUIRED COMPONENTS uc i18n)
 find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 find_package(nlohmann_json REQUIRED)
+find_package(ZLIB REQUIRED)
 find_package(CLI11 REQUIRED)
 # An oracle for tests; no product code uses it.
 pkg_check_modules(libplist REQUIRED IMPORTED_TARGET libplist-2.0)

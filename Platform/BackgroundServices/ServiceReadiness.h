@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Platform/Values/Error.h"
 
 namespace platform {
@@ -12,6 +14,9 @@ class ServiceReadiness {
 
   // The program has started and does its work.
   virtual Result<void> announceReady() = 0;
+
+  // The program's state in a few words for people. Never blocks.
+  virtual Result<void> announceStatus(std::string_view status) = 0;
 
   // The program is shutting down.
   virtual Result<void> announceStopping() = 0;

@@ -1,5 +1,7 @@
 #include "ServiceManager/Catalogue/InstalledCatalogue.h"
 
+#include <expected>
+#include <string>
 #include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
@@ -12,43 +14,69 @@ using namespace platform;
 
 namespace {
 
-// A dictionary, or nil; the log has the reason.
-Value dictionaryAtPath(FileReader& files, const std::string& path) {
+// A dictionary, or what is wrong with the file.
+std::expected<Value, std::string> dictionaryAtPath(FileReader& files, const std::string& path) {
   const auto list = files.propertyListAtPath(path);
-  if (list && list->dictionary()) return *list;
-  vantorlogger2_line(ASL_LEVEL_DEBUG,
-                     list ? path + ": expected a dictionary" : describe(list.error()));
-  return {};
+  if (!list) return std::unexpected(describe(list.error()));
+  if (!list->dictionary()) return std::unexpected(path + ": expected a dictionary");
+  return *list;
+}
+
+// Why primaryServiceInfo() is nil.
+std::string faultOfPrimary(const Value& list) {
+  const std::string* primary = list[catalogue_keys::kPrimary].string();
+  if (!primary) return "\"Primary\" names no service";
+  const Value& entry = list[catalogue_keys::kServices][*primary];
+  if (!entry.dictionary())
+    return stringWithFormat("\"Services\" has no \"%@\", which is the \"Primary\"", *primary);
+  if (!entry[catalogue_keys::kJobSpec].dictionary())
+    return stringWithFormat("the primary service \"%@\" has no \"JobSpec\"", *primary);
+  if (!entry[catalogue_keys::kJobSpec][catalogue_keys::kProgram].string())
+    return stringWithFormat("the \"JobSpec\" of the primary service \"%@\" has no \"Program\"",
+                            *primary);
+  return "\"ProgramPath\" is missing or no text";
+}
+
+std::unexpected<StartUpError> withoutPrimary(std::string cause) {
+  vantorlogger2_line(ASL_LEVEL_ERR, cause);
+  vantorlogger2_line(ASL_LEVEL_ERR,
+                     "Malformed configuration file. Unable to resolve primary service information",
+                     {.messageId = kDaemonIdleId});
+  return std::unexpected(StartUpError{"Malformed Configuration",
+                                      "Unable to resolve primary service information",
+                                      std::move(cause)});
 }
 
 }  // namespace
 
 StartUpResult<Value> readServicePlist(FileReader& files, std::string_view resourcePath) {
-  Value list = dictionaryAtPath(files, pathByAppendingComponent(resourcePath, "Service.plist"));
-  if (!primaryServiceInfo(list).isNil()) return list;
-  vantorlogger2_line(ASL_LEVEL_ERR,
-                     "Malformed configuration file. Unable to resolve primary service information",
-                     {.messageId = kDaemonIdleId});
-  return std::unexpected(
-      StartUpError{"Malformed Configuration", "Unable to resolve primary service information"});
+  const std::string path = pathByAppendingComponent(resourcePath, "Service.plist");
+  auto list = dictionaryAtPath(files, path);
+  if (!list) return withoutPrimary(std::move(list.error()));
+  if (primaryServiceInfo(*list).isNil()) return withoutPrimary(path + ": " + faultOfPrimary(*list));
+  return *std::move(list);
 }
 
 StartUpResult<const ProductType*> readInstalledProduct(FileReader& files,
                                                        const Value& servicePlist) {
   const std::string* programPath = servicePlist[catalogue_keys::kProgramPath].string();
   const std::string* file = servicePlist[catalogue_keys::kProductInfo].string();
-  const Value information =
-      programPath && file ? dictionaryAtPath(files, pathByAppendingComponent(*programPath, *file))
-                          : Value();
-  if (information.isNil()) {
+  std::expected<Value, std::string> information =
+      std::unexpected("\"ProductInfo\" of the catalogue names no file");
+  if (programPath && file) {
+    information = dictionaryAtPath(files, pathByAppendingComponent(*programPath, *file));
+    if (!information) vantorlogger2_line(ASL_LEVEL_DEBUG, information.error());
+  }
+  if (!information) {
     vantorlogger2_line(ASL_LEVEL_ERR,
                        "Malformed configuration file. Unable to resolve product information",
                        {.messageId = kDaemonIdleId});
-    return std::unexpected(
-        StartUpError{"Malformed Configuration", "Unable to resolve product information"});
+    return std::unexpected(StartUpError{"Malformed Configuration",
+                                        "Unable to resolve product information",
+                                        std::move(information.error())});
   }
   const std::string* key = servicePlist[catalogue_keys::kProductInfoKey].string();
-  const std::string* guid = key ? information[*key].string() : nullptr;
+  const std::string* guid = key ? (*information)[*key].string() : nullptr;
   if (const ProductType* type = guid ? productTypeForGuid(*guid) : nullptr) return type;
   vantorlogger2_line(ASL_LEVEL_ERR, "Uknown product type. Unable to resolve GUID",
                      {.messageId = kDaemonIdleId});

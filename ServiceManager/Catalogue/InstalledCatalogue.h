@@ -15,6 +15,7 @@
 struct StartUpError {
   std::string error;
   std::string description;
+  std::string cause = {};  // for the operator: the file, and what is wrong in it; may be empty
 };
 template <typename T>
 using StartUpResult = std::expected<T, StartUpError>;

@@ -14,6 +14,7 @@ using namespace platform;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::StartsWith;
 
 constexpr char kResources[] = "/Daemon.bundle/Contents/Resources";
 constexpr char kPlist[] = "/Daemon.bundle/Contents/Resources/Service.plist";
@@ -67,7 +68,8 @@ class InstalledCatalogueTest : public testing::Test {
   void expectNoPrimaryIn(const Value& plist) {
     files_.addPropertyList(kPlist, plist);
     expectNoPrimary();
-    EXPECT_THAT(lines_.take(), ElementsAre(kNoPrimaryLine));
+    EXPECT_THAT(lines_.take(),
+                ElementsAre(StartsWith("3 " + std::string(kPlist) + ": "), kNoPrimaryLine));
   }
   void expectNoProductInformation(const Value& plist) {
     expectError(readInstalledProduct(files_, plist), "Malformed Configuration",
@@ -96,21 +98,21 @@ TEST_F(InstalledCatalogueTest, TheCatalogueIsReadFromTheBundlesResources) {
 TEST_F(InstalledCatalogueTest, AnAbsentCatalogueIsMalformed) {
   expectNoPrimary();
   EXPECT_THAT(lines_.take(),
-              ElementsAre(MatchesRegex("7 .*" + std::string(kPlist) + ".*"), kNoPrimaryLine));
+              ElementsAre(MatchesRegex("3 .*" + std::string(kPlist) + ".*"), kNoPrimaryLine));
 }
 
 TEST_F(InstalledCatalogueTest, TheReasonOfAMalformedCatalogueIsLogged) {
   files_.addFile(kPlist, "<plist><dict></plist>");
   expectNoPrimary();
   EXPECT_THAT(lines_.take(),
-              ElementsAre(MatchesRegex("7 .*" + std::string(kPlist) + ":1:.*"), kNoPrimaryLine));
+              ElementsAre(MatchesRegex("3 .*" + std::string(kPlist) + ":1:.*"), kNoPrimaryLine));
 }
 
 TEST_F(InstalledCatalogueTest, ACatalogueThatIsNoDictionaryIsMalformed) {
   files_.addPropertyList(kPlist, Array{servicePlist()});
   expectNoPrimary();
   EXPECT_THAT(lines_.take(),
-              ElementsAre("7 " + std::string(kPlist) + ": expected a dictionary", kNoPrimaryLine));
+              ElementsAre("3 " + std::string(kPlist) + ": expected a dictionary", kNoPrimaryLine));
 }
 
 TEST_F(InstalledCatalogueTest, ACatalogueNeedsAPrimaryServiceWithAJob) {
@@ -123,6 +125,16 @@ TEST_F(InstalledCatalogueTest, ACatalogueNeedsAPrimaryServiceWithAJob) {
   expectNoPrimaryIn(servicePlistWith("Services", Dictionary{{"configd", Dictionary{}}}));
   const Dictionary withoutProgram{{"JobSpec", Dictionary{{"UserName", "root"}}}};
   expectNoPrimaryIn(servicePlistWith("Services", Dictionary{{"configd", withoutProgram}}));
+}
+
+TEST_F(InstalledCatalogueTest, TheCauseNamesTheFileAndTheKey) {
+  files_.addPropertyList(kPlist, servicePlistWith("Primary", "unknown"));
+  EXPECT_EQ(readServicePlist(files_, kResources).error().cause,
+            std::string(kPlist) + ": \"Services\" has no \"unknown\", which is the \"Primary\"");
+  files_.addPropertyList(kPlist, servicePlistWithout("ProgramPath"));
+  EXPECT_EQ(readServicePlist(files_, kResources).error().cause,
+            std::string(kPlist) + ": \"ProgramPath\" is missing or no text");
+  lines_.take();
 }
 
 // The product's information file.

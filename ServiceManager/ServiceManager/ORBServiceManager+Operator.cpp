@@ -16,8 +16,22 @@ constexpr std::size_t kMostJobsAskedAbout = 16;
 
 }  // namespace
 
+void ORBServiceManager::goIdle(std::string why) {
+  idleReason_ = std::move(why);
+  if (platform_.announceStatus) platform_.announceStatus("idle: " + *idleReason_);
+  vendOperatorServer();
+}
+
+// A shortage during the check of the own bundle may end.
+void ORBServiceManager::endIdleness() {
+  if (!std::exchange(idleReason_, std::nullopt)) return;
+  if (platform_.announceStatus) platform_.announceStatus("");
+}
+
 void ORBServiceManager::vendOperatorServer() {
-  operatorsCatalogue_ = std::make_shared<ServiceCatalogue>(catalogue_);
+  // An idle daemon may have read the catalogue of all products.
+  operatorsCatalogue_ =
+      std::make_shared<ServiceCatalogue>(idleReason_ ? ServiceCatalogue() : catalogue_);
   operatorPublisher_.publish();
   operatorServer_.emplace(
       VendedOperatorServer::Environment{.worker = platform_.operatorWorker,
@@ -31,6 +45,7 @@ void ORBServiceManager::vendOperatorServer() {
 OperatorPicture ORBServiceManager::operatorPicture() const {
   return {.taken = platform_.runLoop.now(),
           .catalogue = operatorsCatalogue_,
+          .idleReason = idleReason_,
           .product = product_,
           .operatingMode = operatingMode_,
           .isInstallerAtWork = isInstallerAtWork_,

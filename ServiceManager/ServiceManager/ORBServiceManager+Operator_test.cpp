@@ -25,11 +25,15 @@ TEST_F(OperatorTest, TheServerIsThereWhenTheStartIsAnnounced) {
   EXPECT_EQ(ask("overview"), Value());
 }
 
-TEST_F(OperatorTest, AnIdleDaemonHasNoSuchServer) {
+TEST_F(OperatorTest, AnIdleDaemonSaysWhyAndHasNoServices) {
   installProduct("unknown");
   start();
-  EXPECT_EQ(ask("overview"), Value());
-  EXPECT_EQ(connections_.connectionWithRegisteredName(kServer), nullptr);
+  loop_.runReady();
+  const Value overview = ask("overview");
+  EXPECT_EQ(overview[kFactIdleReason], Value("Unable to resolve GUID"));
+  ASSERT_TRUE(overview[kFactServices].dictionary());
+  EXPECT_THAT(*overview[kFactServices].dictionary(), IsEmpty());
+  EXPECT_EQ(ask("factsOfService:", {kHelper}), Value());
 }
 
 TEST_F(OperatorTest, AStrangerIsRefused) {

@@ -186,6 +186,7 @@ void ORBServiceManager::endWaitForBus() {
 }
 
 void ORBServiceManager::beginWork() {
+  endIdleness();
   evaluateForTheFirstTime();
   userClients_.removeAll();
   // Its thread registers its name meanwhile.
@@ -222,6 +223,7 @@ bool ORBServiceManager::makeSecret() {
         ASL_LEVEL_ERR,
         "Service Manager is unable to continue because it can't initialize the kexts",
         {.messageId = kDaemonIdleId});
+    goIdle("It has no random bytes for its secret");
     return false;
   }
   secret_ = std::move(bytes);
@@ -261,7 +263,7 @@ void ORBServiceManager::authorizationIsAcquired(OSStatus status) {
 
 bool ORBServiceManager::readInstalledCatalogue() {
   const auto announce = [this](const StartUpError& error) {
-    announceStartUpError(error.error, error.description);
+    announceStartUpError(error.error, error.description, error.cause);
     return false;
   };
   const auto list = readServicePlist(platform_.files, platform_.mainBundle.resourcePath());
@@ -374,7 +376,9 @@ void ORBServiceManager::evaluateForTheFirstTime() {
   });
 }
 
-void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description) {
+void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description,
+                                             std::string_view cause) {
+  goIdle(cause.empty() ? std::string(description) : stringWithFormat("%@: %@", description, cause));
   platform_.distributedCenter.postNotificationName(
       kServerDidStartError, std::nullopt,
       Dictionary{{"Error", error}, {"Description", description}},

@@ -310,7 +310,11 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void jobHasStarted(const std::string& label);
   void makePrimaryServiceClient();
   void evaluateForTheFirstTime();
-  void announceStartUpError(std::string_view error, std::string_view description);
+  void announceStartUpError(std::string_view error, std::string_view description,
+                            std::string_view cause = {});
+  // Serves the operator alone.
+  void goIdle(std::string why);
+  void endIdleness();
   void vendOperatorServer();
   ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
   void refreshUnwatchedJobs();
@@ -381,6 +385,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   UserInterfaceServer userInterfaceServer_;
   VendedServers servers_;  // ends early: it calls all of the above
   std::optional<VendedOperatorServer> operatorServer_;
+  std::optional<std::string> idleReason_;
   // Requests of the operator's thread that come after the end of this object are dropped.
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -29,6 +29,8 @@ inline constexpr char kFactWork[] = "Work";
 inline constexpr char kFactWorkLabel[] = "Label";
 
 // Facts of the service manager alone.
+// Text: why it is idle. Then there are no services.
+inline constexpr char kFactIdleReason[] = "IdleReason";
 // Boolean: it has been started lately, and does not watch every service that runs yet.
 inline constexpr char kFactIsTakingOver[] = "IsTakingOver";
 inline constexpr char kFactServices[] = "Services";  // by label, the facts marked with * below

@@ -25,6 +25,7 @@
 struct OperatorPicture {
   platform::Instant taken{};
   std::shared_ptr<const ServiceCatalogue> catalogue = {};  // never null; shared by all pictures
+  std::optional<std::string> idleReason = {};
   std::optional<std::string> product = {};
   std::int64_t operatingMode = ORBOperatingModeNormal;
   bool isInstallerAtWork = false;

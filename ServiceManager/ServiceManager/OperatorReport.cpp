@@ -91,6 +91,7 @@ Duration OperatorReport::until(Instant due) const { return due - environment_.ru
 
 void OperatorReport::addOperatingFacts(Dictionary& facts, const OperatorPicture& picture) const {
   const EvaluationTimers::DueTimes& timers = picture.timers;
+  if (picture.idleReason) facts.set(kFactIdleReason, *picture.idleReason);
   facts.set(kFactOperatingMode, picture.operatingMode);
   facts.set(kFactIsInstallerAtWork, picture.isInstallerAtWork);
   if (picture.product) facts.set(kFactProduct, *picture.product);

@@ -64,4 +64,7 @@ struct ServiceManagerPlatform {
   // Calls a function with factories whose clients belong to the calling thread, which need not be
   // the main thread, and end with the call.
   LastLoggedInUser::WithFactories withSettingsOfThisThread;
+  // Tells the program that started the daemon its state in a few words; empty if it is as usual.
+  // Optional.
+  std::function<void(const std::string& status)> announceStatus = {};
 };

@@ -162,6 +162,11 @@ int main(int argc, char** argv) {
           [&](const std::function<void(const SettingsClientFactories&)>& ask) {
             askSettingsOnThisThread(linux, places, protocols, ask);
           },
+      .announceStatus =
+          [&linux](const std::string& status) {
+            // Nothing depends on it.
+            static_cast<void>(linux.readiness.announceStatus(status));
+          },
   };
   platform::BackgroundServiceClasses classes;
   classes.add(ORBServiceManager::kClassName,

@@ -99,6 +99,21 @@ TEST_F(DaemonCatalogue, AMissingPrimaryServiceIsAnnounced) {
   }
 }
 
+TEST_F(DaemonCatalogue, AnIdleDaemonSaysWhy) {
+  root_.setCatalogueFile("<plist version=\"1.0\">\n<dict>\n<key>Primary</plist>");
+  expectFailure("Malformed Configuration", "Unable to resolve primary service information");
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"list"}, {"explain", DaemonRoot::label(0)}, {"health"}}) {
+    const auto refused = root_.host().control(command);
+    EXPECT_EQ(refused.status.number, 5) << command.front();
+    EXPECT_THAT(refused.errors,
+                testing::ContainsRegex("is idle: Unable to resolve primary service information: "
+                                       ".*/Service\\.plist:3:"))
+        << command.front();
+  }
+  root_.awaitLog("/Service.plist:3:");
+}
+
 TEST_F(DaemonCatalogue, AMissingProductIsAnnounced) {
   const auto expectUnreadable = [&] {
     expectFailure("Malformed Configuration", "Unable to resolve product information");

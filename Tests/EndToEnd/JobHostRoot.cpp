@@ -44,6 +44,7 @@ JobHostRoot::JobHostRoot(const std::string& configuration) {
   std::filesystem::copy_file(JOBHOST, hostProgram());
   std::filesystem::copy_file(JOBSTART, folder_.path("jobstart"));
   std::filesystem::copy_file(SERVICEMANAGERCTL, controlProgram());
+  std::filesystem::copy_file(SERVICEMANAGERCTL "-full", controlProgram() + "-full");
   std::filesystem::copy_file(JOB_PROGRAM, program());
   std::filesystem::copy_file(JOB_PROGRAM, stubbornProgram());
   std::filesystem::permissions(folder_.write("text", "neither a program nor a script\n"),

@@ -1,12 +1,15 @@
 #include <csignal>
 #include <filesystem>
+#include <regex>
 #include <string>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "Platform/PropertyLists/PropertyList.h"
+#include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/ExitStatuses.h"
 #include "Tests/EndToEnd/JobHostRoot.h"
 
@@ -78,6 +81,27 @@ TEST_F(JobsControlTest, AJobIsSubmittedListedShownAndRemoved) {
   EXPECT_EQ(removed.errors, "");
   EXPECT_FALSE(isRunning(first));
   EXPECT_EQ(root_.control({"jobs", "list"}).output, "No jobs.\n");
+}
+
+TEST_F(JobsControlTest, TheQuickProgramShowsWhatTheWholeToolShows) {
+  submitAgent();
+  const std::string whole = root_.controlProgram() + "-full";
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{}, {"--json"}, {"--root", root_.folder().path()}}) {
+    std::vector<std::string> arguments{"jobs", "show", "com.example.agent"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const auto shown = root_.control(arguments);
+    EXPECT_EQ(shown.status, exited(0)) << shown.errors;
+    arguments.insert(arguments.begin(), whole);
+    ChildProgram program(arguments, {});
+    EXPECT_EQ(program.waitForExit(), exited(0));
+    // The use of processor and memory may change between the two.
+    const auto withoutTimes = [](const std::string& text) {
+      const std::regex usage("[0-9]+ process[^\\n]*|\"(cpuSeconds|memoryBytes)\": [^,\\n]*");
+      return std::regex_replace(text, usage, "");
+    };
+    EXPECT_EQ(withoutTimes(shown.output), withoutTimes(program.restOfOutput()));
+  }
 }
 
 TEST_F(JobsControlTest, AJobsTreeIsCounted) {

@@ -22,6 +22,7 @@ class ServiceManagerControlTest : public testing::Test {
   ServiceManagerControlTest() {
     configure("<key>KernelRelease</key><string>14.5.0</string>");
     std::filesystem::copy_file(SERVICEMANAGERCTL, control_);
+    std::filesystem::copy_file(SERVICEMANAGERCTL "-full", control_ + "-full");
   }
 
   void configure(const std::string& keys) {

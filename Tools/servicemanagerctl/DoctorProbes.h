@@ -20,13 +20,29 @@
 inline constexpr platform::Duration kServerProbeTime = std::chrono::seconds(2);
 inline constexpr platform::Duration kDiskProbeTime = std::chrono::seconds(5);
 
-// The fact that `work` finds, which may wait for a disk or a name service.
+// All probes together have this long, and one that begins late at least kLateProbeTime.
+inline constexpr platform::Duration kDoctorTime = std::chrono::seconds(9);
+inline constexpr platform::Duration kLateProbeTime = std::chrono::milliseconds(500);
+
+// The fact that `work` finds, which may wait for a disk or a name service. Other probes are made
+// meanwhile.
 template <typename T>
-Fact<T> ofDisk(std::function<Fact<T>()> work) {
-  auto fact = withinTime<Fact<T>>(kDiskProbeTime, std::move(work));
-  if (fact) return *std::move(fact);
-  return std::unexpected(NotKnown{NotKnown::Why::kTimedOut, {}});
-}
+class PendingFact {
+ public:
+  PendingFact(platform::Instant deadline, std::function<Fact<T>()> work)
+      : deadline_(deadline), fact_(std::move(work)) {}
+
+  // Waits for it. Call it once.
+  Fact<T> get() {
+    auto fact = fact_.by(deadline_);
+    if (fact) return *std::move(fact);
+    return std::unexpected(NotKnown{NotKnown::Why::kTimedOut, {}});
+  }
+
+ private:
+  platform::Instant deadline_;
+  PendingResult<Fact<T>> fact_;
+};
 
 struct DoctorEnvironment {
   platform::PeerTransport& transport;
@@ -35,10 +51,12 @@ struct DoctorEnvironment {
   std::string hostProgram;  // the installed job host's path
 };
 
-// All facts, by the probes below.
+// All facts, by the probes below, which are made side by side. Takes kDoctorTime and kLateProbeTime
+// at most.
 DoctorFacts probe(const DoctorEnvironment& environment);
 
-// The servers: each is asked for a connection, which shows whether its loop turns.
+// The servers: each is asked for a connection, which shows whether its loop turns. The first two
+// leave out whether its program is the installed one.
 ServerFact probeHost(const DoctorEnvironment& environment, const platform::ListenerPlaces& places);
 ServerFact probeDaemon(const DoctorEnvironment& environment,
                        const platform::ListenerPlaces& places);
@@ -61,8 +79,8 @@ Fact<DiskFact> probeDisk(const std::string& use, const std::string& path);
 std::string daemonProgramOf(const std::string& root);
 std::string catalogueOf(const std::string& root);
 
-// Whether the process executes the installed file. Takes kDiskProbeTime at most.
-RunningProgram runningProgram(platform::ProcessId process, std::string installed);
+// Whether the process executes this file. It may wait for a disk.
+Fact<bool> executesFile(platform::ProcessId process, const std::string& path);
 
 // The fact that a failed system call leaves, by errno.
 std::unexpected<NotKnown> notKnown(const std::string& what);

@@ -47,7 +47,7 @@ ServerFact probePeer(PeerTransport& transport, const std::string& socket,
   const auto connected =
       transport.connect(socket, {.timeout = kServerProbeTime, .servers = servers});
   if (!connected) return factOf(connected.error());
-  return {State::kAnswers, {}, runningProgram((*connected)->peer().process, std::move(installed))};
+  return {State::kAnswers, {}, RunningProgram{(*connected)->peer().process, std::move(installed)}};
 }
 
 ServerFact factOfBusError(const Error& error) {
@@ -90,6 +90,8 @@ ServerFact greetBus(const UniqueFd& socket) {
   return {State::kFailed, "it speaks another protocol", {}};
 }
 
+}  // namespace
+
 Fact<bool> executesFile(ProcessId process, const std::string& path) {
   struct stat running{};
   const std::string link = fmt::format("/proc/{}/exe", process);
@@ -97,14 +99,6 @@ Fact<bool> executesFile(ProcessId process, const std::string& path) {
   struct stat file{};
   return ::stat(path.c_str(), &file) == 0 && file.st_dev == running.st_dev &&
          file.st_ino == running.st_ino;
-}
-
-}  // namespace
-
-RunningProgram runningProgram(ProcessId process, std::string installed) {
-  auto isInstalledFile =
-      ofDisk<bool>([process, installed] { return executesFile(process, installed); });
-  return {process, std::move(installed), std::move(isInstalledFile)};
 }
 
 ServerFact probeHost(const DoctorEnvironment& environment, const ListenerPlaces& places) {

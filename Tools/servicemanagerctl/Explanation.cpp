@@ -413,24 +413,3 @@ Explanation explain(const Value& value) {
   }
   return explanation;
 }
-
-std::string asText(const Explanation& explanation, Reader reader) {
-  std::string text =
-      coloured(explanation.verdict, explanation.runs ? Colour::kGreen : Colour::kBold, reader) +
-      "\n\n";
-  std::size_t width = 0;
-  for (const auto& [heading, sentence] : explanation.details) {
-    width = std::max(width, heading.size());
-  }
-  for (const auto& [heading, sentence] : explanation.details) {
-    fmt::format_to(std::back_inserter(text), "  {:<{}}  {}\n", heading, width, sentence);
-  }
-  return text;
-}
-
-Json asJson(const Explanation& explanation, const Value& facts) {
-  const std::string* label = facts[kFactLabel].string();
-  return {{"label", label ? *label : ""}, {"runs", explanation.runs},
-          {"reason", explanation.reason}, {"verdict", explanation.verdict},
-          {"nextStep", nextStep(facts)},  {"facts", jsonOf(facts)}};
-}

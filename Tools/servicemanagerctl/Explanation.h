@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +27,6 @@ struct Explanation {
 // as absent. Pure.
 Explanation explain(const platform::Value& facts);
 
-// Every line has a line end.
-std::string asText(const Explanation& explanation, Reader reader);
+// Every line has a line end, and fits the width; 0 for any width.
+std::string asText(const Explanation& explanation, Reader reader, std::size_t width = 0);
 nlohmann::ordered_json asJson(const Explanation& explanation, const platform::Value& facts);

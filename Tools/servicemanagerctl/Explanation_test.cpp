@@ -173,6 +173,19 @@ const std::vector<ExplanationRow> kNotRunning{
      "agent does not run: it is wanted but was not started; \"servicemanagerctl log\" tells why."},
 };
 
+TEST(ExplanationText, LinesFitTheWidth) {
+  const Explanation explanation{
+      .runs = false,
+      .reason = {},
+      .verdict = "com.example.agent does not run: it was stopped.",
+      .details = {{"mode", "normal"}, {"program", "/opt/agent, damaged or not signed"}}};
+  EXPECT_EQ(asText(explanation, Reader::kOther, 34),
+            "com.example.agent does not run: it\nwas stopped.\n\n"
+            "  mode     normal\n"
+            "  program  /opt/agent, damaged or\n"
+            "           not signed\n");
+}
+
 TEST(ExplanationTest, AServiceThatRunsHasOneOfTheseReasons) {
   for (const ExplanationRow& row : kRunning) {
     Changes changes = row.changes;

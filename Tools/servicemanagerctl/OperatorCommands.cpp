@@ -21,6 +21,17 @@
 
 using namespace platform;
 
+namespace {
+
+// The hints get their root before a line break divides them.
+std::string textForReader(Explanation explanation) {
+  explanation.verdict = withRootInHints(explanation.verdict);
+  for (auto& [heading, sentence] : explanation.details) sentence = withRootInHints(sentence);
+  return asText(explanation, readerOf(STDOUT_FILENO), widthOfTerminal(STDOUT_FILENO));
+}
+
+}  // namespace
+
 OperatorCommands::OperatorCommands(CLI::App& app)
     : health_(app.add_subcommand("health", "How each service is, and how often it crashed")),
       explain_(app.add_subcommand("explain", "Why a service runs or does not")),
@@ -47,8 +58,13 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
     if (const auto connected = daemon.connect(); !connected) {
       return std::unexpected(connected.error());
     }
+    if (explain_->parsed()) return explain(daemon);
+    // An idle one has neither a health record nor extensions.
+    if (const auto overview = daemon.ask("overviewFrom:", {0});
+        overview && overview->dictionary() && !(*overview)[kFactIdleReason].isNil())
+      return std::unexpected(askAboutAllServices(daemon, "overviewFrom:").error());
     if (extensions_->parsed()) return extensions(daemon);
-    return health_->parsed() ? health(daemon) : explain(daemon);
+    return health(daemon);
   };
   const Answer<std::string> text = act();
   if (!text) {
@@ -83,7 +99,7 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
     return std::unexpected(overview ? unknownLabel(label_, labelsIn(*overview)) : overview.error());
   }
   const Explanation explanation = ::explain(*facts);
-  if (!json_) return withRootInHints(asText(explanation, readerOf(STDOUT_FILENO)));
+  if (!json_) return textForReader(explanation);
   const Value all = withTrees(daemon, {label_}, Dictionary{{label_, *facts}});
   return dumped(asJson(explanation, all[label_]));
 }
@@ -92,7 +108,6 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
 Answer<std::string> OperatorCommands::explainAll(DaemonClient& daemon) const {
   const auto overview = askAboutAllServices(daemon, "overviewFrom:");
   if (!overview) return std::unexpected(overview.error());
-  const Reader reader = readerOf(STDOUT_FILENO);
   auto json = nlohmann::ordered_json::array();
   std::string text;
   for (const std::string& label :
@@ -104,11 +119,11 @@ Answer<std::string> OperatorCommands::explainAll(DaemonClient& daemon) const {
     if (json_) {
       json.push_back(asJson(explanation, *facts));
     } else {
-      text += (text.empty() ? "" : "\n") + asText(explanation, reader);
+      text += (text.empty() ? "" : "\n") + textForReader(explanation);
     }
   }
   if (json_) return dumped(json);
-  return text.empty() ? "All services run.\n" : withRootInHints(text);
+  return text.empty() ? "All services run.\n" : text;
 }
 
 Answer<std::string> OperatorCommands::extensions(DaemonClient& daemon) const {

@@ -5,8 +5,12 @@
 #include <cstdint>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 using namespace platform;
 
@@ -20,6 +24,13 @@ constexpr std::size_t kDetailedJobsInAPage = 200;
 void add(Dictionary& all, const Value& some) {
   if (!some.dictionary()) return;
   for (const auto& [label, facts] : *some.dictionary()) all.set(label, facts);
+}
+
+Refusal refusalOfIdle(const std::string& reason) {
+  return {kExitNobodyThere,
+          fmt::format("the service manager is idle: {}; repair that and end its process, and the "
+                      "job host starts it again",
+                      plain(reason))};
 }
 
 Answer<Value> askAboutLabels(DaemonClient& daemon, std::string_view selector,
@@ -43,6 +54,8 @@ Answer<Value> askAboutAllServices(DaemonClient& daemon, std::string_view selecto
   for (std::int64_t first = 0, count = 1; first < count; first += kServicesInAPage) {
     const auto page = daemon.ask(selector, {first});
     if (!page || !page->dictionary()) return page;
+    if (const std::string* reason = (*page)[kFactIdleReason].string())
+      return std::unexpected(refusalOfIdle(*reason));
     if (first == 0) answer = *page->dictionary();
     add(services, (*page)[kFactServices]);
     count = (*page)[kFactServiceCount].integer().value_or(0);

@@ -12,7 +12,8 @@
 // slightly different times.
 
 // The answer to "overviewFrom:" or "healthRecordFrom:", with the services of all pages. Facts that
-// are not about one service are those of the first page.
+// are not about one service are those of the first page. An idle service manager's overview is a
+// refusal with the reason.
 Answer<platform::Value> askAboutAllServices(DaemonClient& daemon, std::string_view selector);
 
 // The facts of the jobs of these services, and their entries in the catalogue, by label.

@@ -1,5 +1,6 @@
 #include "Tools/servicemanagerctl/XPCCommands.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <expected>
@@ -17,6 +18,7 @@
 #include "Platform/XPC/NSXPCListener.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/FileVerdict.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
@@ -240,6 +242,7 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
                                  kORBExecutableInfoProtocol);
   auto list = nlohmann::ordered_json::array();
   Answer<int> done = EXIT_SUCCESS;
+  FileVerdict::Kind worst = FileVerdict::Kind::kIntact;
   for (const std::string& path : paths_) {
     const auto absolute = absolutePath(path);
     if (!absolute) {
@@ -256,18 +259,26 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
     const std::string signing = textAt(*reply, 0);
     const std::string hash = textAt(*reply, 1);
     const std::string source = textAt(*reply, 2);
+    std::optional<FileVerdict> verdict;
+    if (environment.check) verdict = fileVerdict(environment.check(file));
+    if (verdict) worst = std::max(worst, verdict->kind);
     std::optional<std::string> placeFault;
     if (environment.faultOfPlace) placeFault = environment.faultOfPlace(file);
     std::optional<platform::CodeProtection> protection;
     if (environment.protectionOf) protection = environment.protectionOf(file);
     if (json_) {
       list.push_back({{"path", file}, {"signing", signing}, {"sha256", hash}, {"source", source}});
+      if (verdict) {
+        list.back()["verdict"] = verdictWord(verdict->kind);
+        list.back()["reason"] = verdict->reason;
+      }
       if (placeFault) list.back()["isPlaceTrusted"] = placeFault->empty();
       if (protection) list.back()["protection"] = protectionWord(*protection);
     } else {
       const auto told = [](const std::string& text) { return text.empty() ? "-" : plain(text); };
       print(fmt::format("{}\n  signing  {}\n  sha256   {}\n  source   {}\n", plain(file),
                         told(signing), told(hash), told(source)));
+      if (verdict) print(fmt::format("  verdict  {}\n", inWords(*verdict)));
       if (placeFault) {
         print(fmt::format("  place    {}\n",
                           placeFault->empty() ? "trusted" : "not trusted: " + plain(*placeFault)));
@@ -279,5 +290,6 @@ Answer<int> XPCCommands::tellExecutables(const Environment& environment,
   // Print it also if a later file failed. A path may hold any bytes, and so may the text of an
   // attribute.
   if (json_) print(dumped(list));
+  if (done) done = exitStatusOf(worst);
   return done;
 }

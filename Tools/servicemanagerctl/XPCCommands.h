@@ -51,6 +51,9 @@ class XPCCommands {
     // The protection of the file. Nothing is said about it if this is not set or tells nothing.
     std::function<std::optional<platform::CodeProtection>(const std::string& file)> protectionOf =
         {};
+    // The check of the file's signature, wherever it lies. If it is not set, nothing is said about
+    // it.
+    std::function<platform::CodeSigningResult<void>(const std::string& file)> check = {};
   };
   // Runs the command and returns the exit status. A registration lasts until this process ends; it
   // fails if the service manager ends first.

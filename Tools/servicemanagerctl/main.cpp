@@ -7,6 +7,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -26,6 +27,7 @@
 #include "Platform/Linux/NamedConnections/ListenerPlaces.h"
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/Processes/ControlGroup.h"
+#include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/SystemFacts/Thread.h"
@@ -48,18 +50,24 @@
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/ShowCommand.h"
+#include "Tools/servicemanagerctl/SupportCommand.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
 
 namespace {
 
-void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
+PlatformReport platformReport(const platform::LinuxPlatform& linuxPlatform) {
   PlatformReport report = makePlatformReport(linuxPlatform.systemInformation,
                                              linuxPlatform.configuration, ::getpid(), ::getuid());
   const auto hierarchy = platform::ControlGroupHierarchy::find();
   report.controlGroups = hierarchy ? std::expected<std::string, std::string>(hierarchy->mountPoint)
                                    : std::unexpected(describe(hierarchy.error()));
+  return report;
+}
+
+void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
+  const PlatformReport report = platformReport(linuxPlatform);
   print(json ? dumped(asJson(report)) : asTable(report));
 }
 
@@ -112,13 +120,16 @@ std::string hostProgram(const platform::LinuxPlatform& linuxPlatform, bool isOth
   return platform::pathBelowRoot(linuxPlatform.configuration.root, "usr/bin/jobhost");
 }
 
+// No wait for a host: a person can ask again, and wants to know at once that no host runs.
+platform::JobHostClient jobHostClient(platform::LinuxPlatform& linuxPlatform) {
+  return {linuxPlatform.peerTransport, *linuxPlatform.runLoop,
+          platform::jobHostSocket(linuxPlatform.configuration.root), platform::Duration::zero(),
+          platform::ListenerPlaces(linuxPlatform.configuration).servers()};
+}
+
 int runJobsCommand(const JobsCommands& commands, platform::LinuxPlatform& linuxPlatform,
                    const std::string& hostProgram) {
-  // No wait for a host: a person can ask again, and wants to know at once that no host runs.
-  platform::JobHostClient client(linuxPlatform.peerTransport, *linuxPlatform.runLoop,
-                                 platform::jobHostSocket(linuxPlatform.configuration.root),
-                                 platform::Duration::zero(),
-                                 platform::ListenerPlaces(linuxPlatform.configuration).servers());
+  platform::JobHostClient client = jobHostClient(linuxPlatform);
   platform::EmbeddedJobs jobs(client);
   return commands.run(jobs, *linuxPlatform.runLoop, hostProgram);
 }
@@ -147,6 +158,27 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
                        .group = linuxPlatform.configuration.group,
                        .isRoot = ::geteuid() == 0});
 }
+
+DoctorEnvironment doctorEnvironment(platform::LinuxPlatform& linux, std::string hostProgram) {
+  return {linux.peerTransport, linux.configuration, linux.runLoop->wallTime(),
+          std::move(hostProgram)};
+}
+
+// The support bundle asks everybody.
+struct SupportQuestions {
+  const SupportCommand& command;
+  platform::LinuxPlatform& linuxPlatform;
+  std::string hostProgram;
+
+  int run(const DaemonClient::Environment& environment) const {
+    platform::JobHostClient client = jobHostClient(linuxPlatform);
+    platform::EmbeddedJobs jobs(client);
+    return command.run({.daemon = environment,
+                        .doctor = doctorEnvironment(linuxPlatform, hostProgram),
+                        .jobs = jobs,
+                        .platform = asJson(platformReport(linuxPlatform))});
+  }
+};
 
 int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
   const platform::ListenerPlaces places(linuxPlatform.configuration);
@@ -178,6 +210,13 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
   const auto protectionOf = [&](const std::string& file) {
     return (*signatures)->protectionOf(file);
   };
+  const auto check = [&](const std::string& file) -> platform::CodeSigningResult<void> {
+    const auto code = (*signatures)->SecStaticCodeCreateWithPath(file);
+    if (!code) return std::unexpected(code.error());
+    const auto anchored = platform::SecRequirementCreateWithString("anchor apple generic");
+    if (!anchored) return std::unexpected(anchored.error());
+    return (*code)->SecStaticCodeCheckValidityWithErrors(platform::kSecCSDefaultFlags, *anchored);
+  };
   return commands.run({.xpc = (*xpc)->xpc(),
                        .system = linuxPlatform.systemInformation,
                        .protocols = protocols,
@@ -186,7 +225,8 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
                        .group = linuxPlatform.configuration.group,
                        .isRoot = ::geteuid() == 0,
                        .faultOfPlace = faultOfPlace,
-                       .protectionOf = protectionOf});
+                       .protectionOf = protectionOf,
+                       .check = check});
 }
 
 // main() adds the failures of the output.
@@ -209,6 +249,7 @@ int run(int argc, char** argv) {
   const OperatorCommands operatorCommands(app);
   const DoctorCommand doctorCommand(app);
   const MetricsCommand metricsCommand(app);
+  const SupportCommand supportCommand(app);
   const LogCommand logCommand(app);
   const JobsCommands jobsCommands(app);
   const XPCCommands xpcCommands(app);
@@ -246,6 +287,11 @@ int run(int argc, char** argv) {
       root.empty() ? platform::LinuxPlatform::make() : platform::LinuxPlatform::makeAt(root);
   if (!linuxPlatform && doctorCommand.parsed())
     return doctorCommand.runWithout(linuxPlatform.error());
+  if (!linuxPlatform && supportCommand.parsed()) {
+    const auto loop = platform::AsioRunLoop::create();
+    return supportCommand.runWithout(linuxPlatform.error(),
+                                     loop ? (*loop)->wallTime() : platform::WallTime());
+  }
   if (!linuxPlatform) return fail(linuxPlatform.error());
   platform::LinuxPlatform& linux = **linuxPlatform;
   if (platformCommand->parsed()) reportPlatform(linux, json);
@@ -260,8 +306,10 @@ int run(int argc, char** argv) {
   if (metricsCommand.parsed()) return runServiceCommand(metricsCommand, linux);
   if (metricsCommand.isScraped()) return metricsCommand.answerScraper(*linux.runLoop);
   if (doctorCommand.parsed())
-    return doctorCommand.run({linux.peerTransport, linux.configuration, linux.runLoop->wallTime(),
-                              hostProgram(linux, !root.empty())});
+    return doctorCommand.run(doctorEnvironment(linux, hostProgram(linux, !root.empty())));
+  if (supportCommand.parsed())
+    return runServiceCommand(
+        SupportQuestions{supportCommand, linux, hostProgram(linux, !root.empty())}, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));

@@ -49,7 +49,7 @@ _servicemanagerctl() {
   local words=
   case ${commands[*]:0:2} in
     '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch
-      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor metrics' ;;
+      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics' ;;
     list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
@@ -78,7 +78,7 @@ _servicemanagerctl() {
       fi
       ;;
     plist) words='convert get set lint diff' ;;
-    'jobs submit' | execinfo* | lint* | plan* | run* | plist\ *)
+    'jobs submit' | support-bundle | execinfo* | lint* | plan* | run* | plist\ *)
       if [[ $word != -* ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         return

@@ -36,7 +36,7 @@ elif [[ $words[CURRENT] == -* ]]; then
 else
   case "$commands[1] $commands[2]" in
     ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch \
-      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor metrics ;;
+      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics ;;
     list\ * | show\ * | start\ * | stop\ * | restart\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
@@ -47,6 +47,6 @@ else
     'jobs show' | 'jobs remove') _servicemanagerctl_labels jobs ;;
     new\ *) _directories ;;
     'plist ') compadd convert get set lint diff ;;
-    'jobs submit' | execinfo\ * | lint\ * | plan\ * | run\ * | plist\ *) _files ;;
+    'jobs submit' | support-bundle\ * | execinfo\ * | lint\ * | plan\ * | run\ * | plist\ *) _files ;;
   esac
 fi

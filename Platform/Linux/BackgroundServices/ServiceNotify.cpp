@@ -92,6 +92,10 @@ Result<void> ServiceNotify::announceReloading() {
   return send("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds.count()));
 }
 
+Result<void> ServiceNotify::announceStatus(std::string_view status) {
+  return send("STATUS=" + std::string(status.substr(0, status.find('\n'))), Wait::kNever);
+}
+
 Result<void> ServiceNotify::announceAlive(std::string_view state) {
   return send("WATCHDOG=1\nSTATUS=" + std::string(state), Wait::kNever);
 }

@@ -24,6 +24,8 @@ class ServiceNotify final : public ServiceReadiness {
       : address_(std::move(address)), timeout_(timeout), watchdogTime_(watchdogTime) {}
 
   Result<void> announceReady() override { return send("READY=1"); }
+  // Text with a line end is cut there.
+  Result<void> announceStatus(std::string_view status) override;
   Result<void> announceStopping() override { return send("STOPPING=1"); }
 
   // The program replaces itself, and announces again when it is ready.

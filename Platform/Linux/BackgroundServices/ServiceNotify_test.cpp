@@ -69,6 +69,8 @@ TEST_F(ServiceNotifyTest, AnnouncesToASocketWithAPath) {
   ServiceNotify notify(folder_.path("notify"), kAnnounceTimeout);
   EXPECT_TRUE(notify.announceReady());
   EXPECT_EQ(socket.next(), "READY=1");
+  EXPECT_TRUE(notify.announceStatus("idle: it has no catalogue\nREADY=1"));
+  EXPECT_EQ(socket.next(), "STATUS=idle: it has no catalogue");
   EXPECT_TRUE(notify.announceStopping());
   EXPECT_EQ(socket.next(), "STOPPING=1");
   EXPECT_EQ(socket.next(), "");

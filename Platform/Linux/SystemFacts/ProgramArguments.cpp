@@ -18,6 +18,8 @@ int printAnswer(const std::string& text) {
 
 }  // namespace
 
+std::string_view productVersion() { return kVersion; }
+
 std::optional<int> answerArguments(int count, const char* const* arguments, std::string_view help) {
   if (count <= 1) return std::nullopt;
   const std::string_view path = arguments[0];

@@ -10,4 +10,7 @@ namespace platform {
 // error. Without arguments the program is to start.
 std::optional<int> answerArguments(int count, const char* const* arguments, std::string_view help);
 
+// The product's version, three numbers.
+std::string_view productVersion();
+
 }  // namespace platform

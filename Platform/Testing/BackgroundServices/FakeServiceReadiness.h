@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/BackgroundServices/ServiceReadiness.h"
@@ -16,6 +17,9 @@ class FakeServiceReadiness final : public ServiceReadiness {
   const std::vector<std::string>& announcements() const { return announcements_; }
 
   Result<void> announceReady() override { return announce("READY=1"); }
+  Result<void> announceStatus(std::string_view status) override {
+    return announce("STATUS=" + std::string(status));
+  }
   Result<void> announceStopping() override { return announce("STOPPING=1"); }
 
  private:
