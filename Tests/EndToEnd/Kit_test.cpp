@@ -23,10 +23,13 @@ using testing::StartsWith;
 
 class KitTest : public testing::Test {
  protected:
-  KitTest() { std::filesystem::copy_file(KIT_PROGRAM, program_); }
+  KitTest() {
+    std::filesystem::copy_file(KIT_PROGRAM, program_);
+    std::filesystem::copy_file(KIT_C_PROGRAM, programInC_);
+  }
 
   ChildProgram start(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), program_);
+    if (arguments.front() != programInC_) arguments.insert(arguments.begin(), program_);
     return ChildProgram(std::move(arguments), {});
   }
   // The output of a program that has succeeded.
@@ -39,6 +42,7 @@ class KitTest : public testing::Test {
 
   const DemoRoot root_;
   const std::string program_ = root_.path() + "/opt/demo/kit_program";
+  const std::string programInC_ = root_.path() + "/opt/demo/kit_c_program";
 };
 
 TEST_F(KitTest, ReadsChangesAndWatchesSettings) {
@@ -69,6 +73,20 @@ TEST_F(KitTest, ServesAndCallsAnEndpoint) {
                     HasSubstr("-[other:withReply:]: not a message of this object")));
   server.signal(SIGTERM);
   EXPECT_EQ(server.nextLine(), "ending");
+  EXPECT_EQ(server.waitForExit(), kSuccess);
+}
+
+TEST_F(KitTest, AProgramInCUsesSettings) {
+  EXPECT_EQ(outputOf({programInC_}), "[7]\nerror 3: a setting can't be nil\n(null)\n");
+}
+
+TEST_F(KitTest, AProgramInCServesAndCallsAnEndpoint) {
+  ChildProgram server = start({programInC_, "serve"});
+  EXPECT_EQ(server.nextLine(), "agent runs");
+  EXPECT_EQ(server.nextLine(), "serving");
+  EXPECT_EQ(outputOf({programInC_, "call"}), "[hello]\n");
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.nextLine(), "ending after 1 calls");
   EXPECT_EQ(server.waitForExit(), kSuccess);
 }
 

@@ -5,10 +5,14 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -76,10 +80,10 @@ Result<void> layOut(const BenchRoot& root, const ServiceBench& bench) {
   return platform::writePropertyListFile(root.path("Library/LaunchDaemons/job.plist"), job, form);
 }
 
-// The host's standard error is a pipe, and its end the end of the host.
+// The host's standard error is a pipe, whose end is the end of the host.
 struct HostProcess {
   ::pid_t process = 0;
-  UniqueFd log;
+  UniqueFd errors;
 };
 
 Result<HostProcess> startHost(const std::string& program) {
@@ -112,33 +116,71 @@ bool readInto(std::string& text, const UniqueFd& file) {
   return got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR));
 }
 
+// The log that the host writes, from its beginning.
+class HostLog {
+ public:
+  static Result<HostLog> open(const std::string& path) {
+    HostLog log;
+    log.file_.reset(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0640));
+    log.changes_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!log.file_ || !log.changes_ ||
+        ::inotify_add_watch(log.changes_.get(), path.c_str(), IN_MODIFY) < 0)
+      return std::unexpected(platform::systemError(path));
+    return log;
+  }
+
+  // Readable when there may be new lines.
+  int changes() const { return changes_.get(); }
+
+  // Calls `each` for each new line.
+  void read(const std::function<void(std::string_view)>& each) {
+    std::string ignored;
+    readInto(ignored, changes_);
+    while (readInto(text_, file_)) {
+    }
+    for (std::size_t end = 0; (end = text_.find('\n')) != text_.npos; text_.erase(0, end + 1))
+      each(std::string_view(text_).substr(0, end));
+  }
+
+ private:
+  HostLog() = default;
+
+  UniqueFd file_;
+  UniqueFd changes_;
+  std::string text_;
+};
+
 class Bench {
  public:
-  Bench(const ServiceBench& bench, HostProcess host, UniqueFd output, UniqueFd signals)
+  Bench(const ServiceBench& bench, HostProcess host, HostLog log, UniqueFd output, UniqueFd signals)
       : bench_(bench),
         host_(std::move(host)),
+        log_(std::move(log)),
         output_(std::move(output)),
         signals_(std::move(signals)),
         lines_(bench.label, bench.throttle) {}
 
   Result<void> run() {
-    std::array<pollfd, 3> waiting{pollfd{host_.log.get(), POLLIN, 0},
-                                  pollfd{output_.get(), POLLIN, 0},
-                                  pollfd{signals_.get(), POLLIN, 0}};
+    std::array<pollfd, 4> waiting{
+        pollfd{host_.errors.get(), POLLIN, 0}, pollfd{log_.changes(), POLLIN, 0},
+        pollfd{output_.get(), POLLIN, 0}, pollfd{signals_.get(), POLLIN, 0}};
+    std::string errors;
     for (bool hostRuns = true; hostRuns;) {
       if (::poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR)
         return std::unexpected(platform::systemError("poll"));
-      if (waiting[1].revents != 0) showOutput();
-      if (waiting[2].revents != 0) end();
-      if (waiting[0].revents != 0) hostRuns = showLog();
+      if (waiting[2].revents != 0) showOutput();
+      if (waiting[3].revents != 0) end();
+      if (waiting[1].revents != 0) showLog();
+      if (waiting[0].revents != 0) hostRuns = readInto(errors, host_.errors);
     }
     showOutput();
+    showLog();
     while (::waitpid(host_.process, nullptr, 0) < 0 && errno == EINTR) {
     }
-    if (isAsked_ && !lines_.isRejected()) return {};
-    return std::unexpected(Error{
-        ErrorCode::kInvalid, 0,
-        lines_.isRejected() ? "the job host rejects the job" : "the job host ended:\n" + log_});
+    if (lines_.isRejected())
+      return std::unexpected(Error{ErrorCode::kInvalid, 0, "the job host rejects the job"});
+    if (isAsked_) return {};
+    return std::unexpected(Error{ErrorCode::kInvalid, 0, "the job host ended: " + errors});
   }
 
  private:
@@ -161,28 +203,19 @@ class Bench {
     ::kill(host_.process, SIGTERM);
   }
 
-  bool showLog() {
-    std::string text;
-    const bool goesOn = readInto(text, host_.log);
-    log_ += text;
-    std::size_t end = 0;
-    while ((end = log_.find('\n')) != log_.npos) {
-      if (const auto told = lines_.tell(std::string_view(log_).substr(0, end), bench_.now()))
-        print("== " + *told + "\n");
-      else if (log_.starts_with("jobhost: "))
-        return goesOn;  // It could not start, and ends: its log is the reason.
-      log_.erase(0, end + 1);
-      if (lines_.isRejected() && !isAsked_) askToEnd();
-    }
-    return goesOn;
+  void showLog() {
+    log_.read([this](std::string_view line) {
+      if (const auto told = lines_.tell(line, bench_.now())) print("== " + escaped(*told) + "\n");
+    });
+    if (lines_.isRejected() && !isAsked_) askToEnd();
   }
 
   const ServiceBench& bench_;
   const HostProcess host_;
+  HostLog log_;
   const UniqueFd output_;
   const UniqueFd signals_;
   BenchLines lines_;
-  std::string log_;  // the lines that have not been told
   bool isAsked_ = false;
 };
 
@@ -201,7 +234,10 @@ Result<void> runOnBench(const ServiceBench& bench) {
   ::sigprocmask(SIG_BLOCK, &ends, nullptr);
   UniqueFd signals(::signalfd(-1, &ends, SFD_CLOEXEC));
   if (!signals) return std::unexpected(platform::systemError("signalfd"));
+  auto log = HostLog::open(root->path("log/system.log"));
+  if (!log) return std::unexpected(log.error());
   auto host = startHost(root->path("usr/bin/jobhost"));
   if (!host) return std::unexpected(host.error());
-  return Bench(bench, *std::move(host), std::move(output), std::move(signals)).run();
+  return Bench(bench, *std::move(host), *std::move(log), std::move(output), std::move(signals))
+      .run();
 }
