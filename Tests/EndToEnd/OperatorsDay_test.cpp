@@ -76,14 +76,6 @@ TEST_F(OperatorsDayTest, APlanTellsOnlyTheChangesAgainstNow) {
   EXPECT_THAT(changed.output, Not(HasSubstr(kAgent)));
 }
 
-TEST_F(OperatorsDayTest, AllServicesThatDoNotRunAreExplained) {
-  const auto explained = root_.control({"explain", "--all", "--not-running"});
-  EXPECT_EQ(explained.status, exited(0)) << explained.errors;
-  EXPECT_THAT(explained.output,
-              AllOf(HasSubstr(std::string(kWebFilter) + " does not run: none of its switches"),
-                    Not(HasSubstr(std::string(kAgent) + " runs"))));
-}
-
 TEST_F(OperatorsDayTest, AStartOfASwitchedOffServiceSaysThatItIsUndone) {
   const auto started = root_.control({"start", kWebFilter});
   EXPECT_EQ(started.status, exited(0)) << started.errors;
