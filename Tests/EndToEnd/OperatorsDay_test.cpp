@@ -60,6 +60,22 @@ TEST_F(OperatorsDayTest, AnInstallerHasABannerAndIsAReason) {
   ASSERT_EQ(root_.control({"installer", "end"}).status, exited(0));
 }
 
+TEST_F(OperatorsDayTest, APlanTellsOnlyTheChangesAgainstNow) {
+  const std::string catalogue =
+      root_.path() +
+      "/Library/ServiceManager/ServiceManager.bundle/Contents/Resources/Service.plist";
+  const auto same = root_.control({"plan", "--catalogue", catalogue, "--diff"});
+  EXPECT_EQ(same.status, exited(0)) << same.errors;
+  EXPECT_EQ(same.output, "The same services would run as now.\n");
+  const std::string settings = root_.path() + "/settings.json";
+  std::ofstream(settings) << R"({"common": {"WebFilterEnabled": 1}})";
+  const auto changed =
+      root_.control({"plan", "--catalogue", catalogue, "--settings", settings, "--diff"});
+  EXPECT_EQ(changed.status, exited(0)) << changed.errors;
+  EXPECT_THAT(changed.output, ContainsRegex("^\\+ com\\.vantor\\.demo\\.webfilter: "));
+  EXPECT_THAT(changed.output, Not(HasSubstr(kAgent)));
+}
+
 TEST_F(OperatorsDayTest, AStartOfASwitchedOffServiceSaysThatItIsUndone) {
   const auto started = root_.control({"start", kWebFilter});
   EXPECT_EQ(started.status, exited(0)) << started.errors;

@@ -41,10 +41,11 @@ std::optional<Request> quickRequest(int count, const char* const* arguments) {
   int words = 0;
   for (int i = 1; i < count; ++i) {
     const std::string_view word = arguments[i];
-    if (word == "--json" && words > 0) {
+    if (word == "--json" && words > 1) {
       request.json = true;
     } else if (word == "--root" && i + 1 < count && request.root.empty()) {
       request.root = arguments[++i];
+      if (request.root.empty()) return std::nullopt;
     } else if (word.empty() || word.starts_with('-') || findIllFormedUtf8(word)) {
       return std::nullopt;
     } else if ((words == 0 && word == "jobs") || (words == 1 && word == "show")) {

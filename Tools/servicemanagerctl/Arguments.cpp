@@ -6,6 +6,7 @@
 
 #include "Platform/Texts/Utf8.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
+#include "Tools/servicemanagerctl/Labels.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -25,6 +26,15 @@ bool isPath(const CLI::Option& option) {
 const CLI::App& innermost(const CLI::App& app) {
   const auto named = app.get_subcommands();
   return named.empty() ? app : innermost(*named.back());
+}
+
+// "did you mean list? "; empty if no command is similar.
+std::string commandMeant(const CLI::App& command, const std::string& word) {
+  std::vector<std::string> known;
+  for (const CLI::App* nested : command.get_subcommands([](const CLI::App*) { return true; }))
+    known.push_back(nested->get_name());
+  const auto nearest = nearestLabels(word, known);
+  return nearest.empty() ? "" : fmt::format("did you mean {}? ", nearest.front());
 }
 
 }  // namespace
@@ -60,8 +70,9 @@ std::string parseErrorText(const CLI::App& app, const CLI::ParseError& error,
     const std::string& word = strange.front();
     const std::string before = &command == &app ? "" : command.get_name() + " ";
     return fmt::format(
-        "there is no {} \"{}{}\"; \"servicemanagerctl {}--help\" tells which there are",
-        word.starts_with('-') ? "option" : "command", before, abridged(word), before);
+        "there is no {} \"{}{}\"; {}\"servicemanagerctl {}--help\" tells which there are",
+        word.starts_with('-') ? "option" : "command", before, abridged(word),
+        commandMeant(command, word), before);
   }
   std::string text = error.what();
   for (const std::string& word : arguments) {

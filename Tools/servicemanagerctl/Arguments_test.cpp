@@ -83,6 +83,15 @@ TEST_F(ArgumentsTest, AnUnknownWordIsNamed) {
             "there are");
 }
 
+TEST_F(ArgumentsTest, ASimilarCommandIsProposed) {
+  EXPECT_EQ(refusal({"job"}),
+            "there is no command \"job\"; did you mean jobs? "
+            "\"servicemanagerctl --help\" tells which there are");
+  EXPECT_EQ(refusal({"jobs", "remoe"}),
+            "there is no command \"jobs remoe\"; did you mean remove? "
+            "\"servicemanagerctl jobs --help\" tells which there are");
+}
+
 TEST_F(ArgumentsTest, AMissingArgumentIsNamed) {
   EXPECT_EQ(refusal({}), "A subcommand is required");
   EXPECT_EQ(refusal({"jobs", "show"}), "label is required");

@@ -8,37 +8,36 @@
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 using namespace platform;
-using Kind = FileVerdict::Kind;
 
 namespace {
 
-Kind kindOf(const CodeSigningFailure& failure) {
+FileVerdict::Kind kindOf(const CodeSigningFailure& failure) {
   if (failure.status == kErrnoStatusBase + ENOENT || failure.status == kErrnoStatusBase + ENOTDIR)
-    return Kind::kMissing;
+    return FileVerdict::Kind::kMissing;
   switch (verdictOf(failure)) {
     case CodeVerdict::kIntact:
-      return Kind::kIntact;
+      return FileVerdict::Kind::kIntact;
     case CodeVerdict::kDamaged:
-      return Kind::kDamaged;
+      return FileVerdict::Kind::kDamaged;
     case CodeVerdict::kNotSigned:
-      return Kind::kNotSigned;
+      return FileVerdict::Kind::kNotSigned;
     case CodeVerdict::kUnknown:
-      return Kind::kUnknown;
+      return FileVerdict::Kind::kUnknown;
   }
-  return Kind::kUnknown;
+  return FileVerdict::Kind::kUnknown;
 }
 
-std::string_view sentenceBegin(Kind kind) {
+std::string_view sentenceBegin(FileVerdict::Kind kind) {
   switch (kind) {
-    case Kind::kIntact:
+    case FileVerdict::Kind::kIntact:
       return "intact";
-    case Kind::kNotSigned:
+    case FileVerdict::Kind::kNotSigned:
       return "not signed";
-    case Kind::kUnknown:
+    case FileVerdict::Kind::kUnknown:
       return "could not be told";
-    case Kind::kMissing:
+    case FileVerdict::Kind::kMissing:
       return "there is no such file";
-    case Kind::kDamaged:
+    case FileVerdict::Kind::kDamaged:
       return "damaged, or not signed by a trusted signer";
   }
   return "";
@@ -51,17 +50,17 @@ FileVerdict fileVerdict(const CodeSigningResult<void>& check) {
   return {kindOf(check.error()), check.error().reason};
 }
 
-std::string_view verdictWord(Kind kind) {
+std::string_view verdictWord(FileVerdict::Kind kind) {
   switch (kind) {
-    case Kind::kIntact:
+    case FileVerdict::Kind::kIntact:
       return "intact";
-    case Kind::kNotSigned:
+    case FileVerdict::Kind::kNotSigned:
       return "unsigned";
-    case Kind::kUnknown:
+    case FileVerdict::Kind::kUnknown:
       return "unknown";
-    case Kind::kMissing:
+    case FileVerdict::Kind::kMissing:
       return "missing";
-    case Kind::kDamaged:
+    case FileVerdict::Kind::kDamaged:
       return "damaged";
   }
   return "";
@@ -73,17 +72,17 @@ std::string inWords(const FileVerdict& verdict) {
   return text;
 }
 
-int exitStatusOf(Kind kind) {
+int exitStatusOf(FileVerdict::Kind kind) {
   switch (kind) {
-    case Kind::kIntact:
+    case FileVerdict::Kind::kIntact:
       return EXIT_SUCCESS;
-    case Kind::kNotSigned:
+    case FileVerdict::Kind::kNotSigned:
       return kExitNotSigned;
-    case Kind::kUnknown:
+    case FileVerdict::Kind::kUnknown:
       return kExitNotTold;
-    case Kind::kMissing:
+    case FileVerdict::Kind::kMissing:
       return kExitUnknownLabel;
-    case Kind::kDamaged:
+    case FileVerdict::Kind::kDamaged:
       return kExitFailed;
   }
   return kExitFailed;

@@ -10,23 +10,22 @@
 namespace {
 
 using namespace platform;
-using Kind = FileVerdict::Kind;
 
 struct Row {
   CodeSigningResult<void> check;
-  Kind kind;
+  FileVerdict::Kind kind;
   const char* text;
 };
 
 TEST(FileVerdictTest, EachKindHasItsWordsAndStatus) {
-  const Row rows[] = {{{}, Kind::kIntact, "intact"},
-                      {refuse(errSecCSUnsigned, "x: no signature"), Kind::kNotSigned,
+  const Row rows[] = {{{}, FileVerdict::Kind::kIntact, "intact"},
+                      {refuse(errSecCSUnsigned, "x: no signature"), FileVerdict::Kind::kNotSigned,
                        "not signed: x: no signature"},
-                      {refuse(kErrnoStatusBase + EMFILE, "x: no descriptor"), Kind::kUnknown,
-                       "could not be told: x: no descriptor"},
-                      {refuse(kErrnoStatusBase + ENOENT, "x: none"), Kind::kMissing,
+                      {refuse(kErrnoStatusBase + EMFILE, "x: no descriptor"),
+                       FileVerdict::Kind::kUnknown, "could not be told: x: no descriptor"},
+                      {refuse(kErrnoStatusBase + ENOENT, "x: none"), FileVerdict::Kind::kMissing,
                        "there is no such file: x: none"},
-                      {refuse(errSecCSSignatureFailed, "x: changed"), Kind::kDamaged,
+                      {refuse(errSecCSSignatureFailed, "x: changed"), FileVerdict::Kind::kDamaged,
                        "damaged, or not signed by a trusted signer: x: changed"}};
   std::set<std::string_view> words;
   std::set<int> statuses;

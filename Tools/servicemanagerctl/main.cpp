@@ -28,6 +28,7 @@
 #include "Platform/Linux/Notifications/NotificationBus.h"
 #include "Platform/Linux/Processes/ControlGroup.h"
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
+#include "Platform/Linux/SystemFacts/ProgramArguments.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/SystemFacts/Thread.h"
@@ -233,6 +234,7 @@ int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPla
 int run(int argc, char** argv) {
   CLI::App app("Looks at the service manager and what it runs on.", "servicemanagerctl");
   app.require_subcommand(1);
+  app.set_version_flag("--version", "servicemanagerctl " + std::string(platform::productVersion()));
   bool json = false;
   auto* platformCommand =
       app.add_subcommand("platform", "What the platform layer knows of this machine");

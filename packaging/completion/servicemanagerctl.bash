@@ -87,6 +87,7 @@ _servicemanagerctl() {
   esac
   if [[ $word == -* ]]; then
     words='--help --json --root'
+    if [ -z "${commands[*]}" ]; then words+=' --version'; fi
     case ${commands[*]:0:2} in
       list*) words+=' --wide --failed --type --fields --value' ;;
       start* | stop* | restart*) words+=' --wait --no-wait --timeout' ;;

@@ -30,13 +30,14 @@ elif [[ $words[CURRENT-1] == --format ]]; then
 elif [[ $words[CURRENT-1] == --to ]]; then
   compadd xml binary json
 elif [[ $words[CURRENT] == -* ]]; then
-  compadd -- --help --json --root --wide --failed --fields --value --wait --no-wait --timeout --quiet --all \
+  compadd -- --help --version --json --root --wide --failed --fields --value --wait --no-wait --timeout --quiet --all \
     --not-running --openmetrics --follow --type --serve --strict --format --no-programs --catalogue --settings \
     --release --product --diff --to --output
 else
   case "$commands[1] $commands[2]" in
     ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch \
-      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics ;;
+      installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor \
+      support-bundle metrics ;;
     list\ * | show\ * | start\ * | stop\ * | restart\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
