@@ -1,8 +1,8 @@
 // An attacker on the daemon's machine. Started as root, it tries one way in again and again as
 // other users, and prints "served N of M": how often the daemon accepted it. The arguments are the
 // platform root, the way and the number of tries. "registry: " before the way means the registry of
-// endpoints, and not the user interface's server. It prints "impossible here" if this machine does
-// not permit the way.
+// endpoints, and not the user interface's server: the tries then look up, replace and revoke root's
+// name in turn. It prints "impossible here" if this machine does not permit the way.
 
 #include <cerrno>
 #include <chrono>
@@ -40,6 +40,7 @@
 #include "Platform/Linux/SystemFacts/LinuxSystemInformation.h"
 #include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
+#include "Tests/EndToEnd/RegistryAttack.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
 namespace {
@@ -49,6 +50,9 @@ using namespace std::chrono_literals;
 
 constexpr char kServer[] = "com.vantor.servicemanager.userinterface.server";
 constexpr char kAuthenticate[] = "NSConnectionAuthenticate:";
+constexpr std::string_view kOnRegistry = "registry: ";
+constexpr char kShow[] = "--show";
+constexpr int kKindsOfRequest = 3;
 // The product's group in the tests has this number, and so has a user with no other group.
 constexpr uid_t kMember = 65534;
 constexpr uid_t kStranger = 65533;
@@ -67,24 +71,24 @@ struct Attack {
   std::string root;
   std::string socket;
   Data token;
-  bool isOnRegistry = false;  // and not on the user interface's server
+  std::optional<RegistryAttack> onRegistry;  // else on the user interface's server
 };
 
 // Whether the server accepts the token of the process that has this connected socket now: in the
-// first message of a named connection, and in each request to the registry.
+// first message of a named connection, and in a request to the registry.
 bool isAccepted(UniqueFd socket, const Attack& attack) {
   const auto loop = std::move(*AsioRunLoop::create());
   auto connection = openOverSocket(std::move(socket));
   if (!connection) return false;
-  const auto link = DBusPeerLink::create(*loop, std::move(*connection), WhileWaiting::kServeNothing,
-                                         PeerMessageContents::kValues);
+  const auto link = DBusPeerLink::create(
+      *loop, std::move(*connection), WhileWaiting::kServeNothing,
+      attack.onRegistry ? PeerMessageContents::kValuesAndEndpoints : PeerMessageContents::kValues);
   if (!link || !(*link)->awaitWelcome(loop->now() + 10s)) return false;
-  const auto answer =
-      attack.isOnRegistry
-          ? (*link)->call(RegistryClient::kLookUp, {Value(attack.token), Value("name"), {}}, 10s)
-          : (*link)->call(kAuthenticate, {Value(attack.token)}, 10s);
+  const bool isServed = attack.onRegistry
+                            ? attack.onRegistry->isServed(**link, attack.token)
+                            : (*link)->call(kAuthenticate, {Value(attack.token)}, 10s).has_value();
   (*link)->close();
-  return answer.has_value();
+  return isServed;
 }
 
 bool connectAndShow(const Attack& attack) {
@@ -126,7 +130,28 @@ int as(uid_t user, const std::function<bool()>& action) {
 // The ways in.
 
 int memberWithTheToken(const Attack& attack) {
-  return as(kMember, [&] { return connectAndShow(attack); });
+  return as(kMember, [&] {
+    Attack permitted = attack;
+    if (attack.onRegistry) permitted.onRegistry->kind = RegistryAttack::Kind::kLookUp;
+    return connectAndShow(permitted);
+  });
+}
+
+int memberWithItsOwnName(const Attack& attack) {
+  return as(kMember, [&] {
+    Attack permitted = attack;
+    permitted.onRegistry = RegistryAttack{RegistryAttack::Kind::kReplace, "members"};
+    return connectAndShow(permitted);
+  });
+}
+
+int memberWithRootsName(const Attack& attack) {
+  return as(kMember, [&] {
+    Attack change = attack;
+    if (change.onRegistry->kind == RegistryAttack::Kind::kLookUp)
+      change.onRegistry->kind = RegistryAttack::Kind::kReplace;
+    return connectAndShow(change);
+  });
 }
 
 int wrongToken(const Attack& attack) {
@@ -181,14 +206,22 @@ int reusedNumber(const Attack& attack) {
   return statusOf(next);
 }
 
+// The program that shows the token over a descriptor: the second half of "executed afterwards".
+std::string wayToShow(const Attack& attack) {
+  if (!attack.onRegistry) return kShow;
+  return std::string(kOnRegistry) + kShow +
+         std::to_string(static_cast<int>(attack.onRegistry->kind));
+}
+
 // A process of root's connects, gives up its rights and runs a stranger's program.
 int executedAfterwards(const Attack& attack) {
   return inChild([&] {
     const UniqueFd socket = newSocket();
     if (!connectWith(socket, attack.socket) || !become(kStranger)) return EXIT_FAILURE;
     const std::string descriptor = std::to_string(socket.get());
-    ::execl(attack.program.c_str(), attack.program.c_str(), attack.root.c_str(),
-            attack.isOnRegistry ? "registry: --show" : "--show", descriptor.c_str(), nullptr);
+    const std::string way = wayToShow(attack);
+    ::execl(attack.program.c_str(), attack.program.c_str(), attack.root.c_str(), way.c_str(),
+            descriptor.c_str(), nullptr);
     return EXIT_FAILURE;
   });
 }
@@ -229,55 +262,12 @@ int rightsGainedAfterwards(const Attack& attack) {
   });
 }
 
-// The registry's answer to a member that registers this descriptor as an endpoint.
-bool registers(const Attack& attack, int descriptor) {
-  auto socket = connectToSocket(pathOfMachService(attack.root, kEndpointRegistryService), 5s);
-  auto connection = socket ? openOverSocket(std::move(*socket)) : UniqueDBusConnection();
-  if (!connection || !*connection) return false;
-  // No descriptor can be passed before the connection is admitted, as the answer shows.
-  const UniqueDBusMessage ping(
-      dbus_message_new_method_call(nullptr, "/", DBUS_INTERFACE_PEER, "Ping"));
-  const UniqueDBusMessage pong(
-      dbus_connection_send_with_reply_and_block(connection->get(), ping.get(), 10'000, nullptr));
-  const UniqueDBusMessage message(dbus_message_new_method_call(
-      nullptr, "/", kPeerInterface, "registerXPCListenerEndpoint_forPasskey_withName_withReply_"));
-  DBusMessageIter arguments;
-  dbus_message_iter_init_append(message.get(), &arguments);
-  const auto append = [&](int type, const char* signature, const void* value) {
-    DBusMessageIter variant;
-    dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, signature, &variant);
-    dbus_message_iter_append_basic(&variant, type, value);
-    dbus_message_iter_close_container(&arguments, &variant);
-  };
-  append(DBUS_TYPE_UNIX_FD, "h", &descriptor);
-  DBusMessageIter variant;
-  DBusMessageIter bytes;
-  dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, "ay", &variant);
-  dbus_message_iter_open_container(&variant, DBUS_TYPE_ARRAY, "y", &bytes);
-  for (const std::uint8_t byte : attack.token) {
-    dbus_message_iter_append_basic(&bytes, DBUS_TYPE_BYTE, &byte);
-  }
-  dbus_message_iter_close_container(&variant, &bytes);
-  dbus_message_iter_close_container(&arguments, &variant);
-  const char* name = "attacker";
-  append(DBUS_TYPE_STRING, "s", &name);
-  const std::uint8_t nil = 0;
-  append(DBUS_TYPE_BYTE, "y", &nil);
-  DBusErrorText error;
-  const UniqueDBusMessage reply(dbus_connection_send_with_reply_and_block(
-      connection->get(), message.get(), 10'000, error.get()));
-  if (!reply) return false;
-  const MessageResult answer = decodeAnswer(reply.get());
-  const Array* values = answer ? answer->array() : nullptr;
-  return values != nullptr && !values->empty() && values->front() == Value(true);
-}
-
 int socketPair(const Attack& attack) {
   return as(kMember, [&] {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) return false;
     const UniqueFd ends[] = {UniqueFd(pair[0]), UniqueFd(pair[1])};
-    return registers(attack, pair[0]);
+    return isRegistered(pair[0], attack.root, attack.token);
   });
 }
 
@@ -344,6 +334,8 @@ using Way = std::function<int(const Attack&)>;
 
 std::optional<Way> wayOf(std::string_view name, const Attack& attack) {
   if (name == "member") return memberWithTheToken;
+  if (name == "own name") return memberWithItsOwnName;
+  if (name == "root's name") return memberWithRootsName;
   if (name == "wrong token") return wrongToken;
   if (name == "token of another boot") return tokenOfAnotherBoot;
   if (name == "stranger") return strangerWithTheToken;
@@ -374,20 +366,27 @@ int main(int argc, char** argv) {
   const std::string root = argv[1];
   const LinuxSystemInformation system(defaultPlatformConfiguration(root), "/proc");
   std::string_view name = argv[2];
-  constexpr std::string_view kOnRegistry = "registry: ";
   const bool isOnRegistry = name.starts_with(kOnRegistry);
   if (isOnRegistry) name.remove_prefix(kOnRegistry.size());
-  const Attack attack{std::filesystem::read_symlink("/proc/self/exe"), root,
-                      isOnRegistry ? pathOfMachService(root, kEndpointRegistryService)
-                                   : pathOfConnection(root, kServer),
-                      systemProfileData(system), isOnRegistry};
-  // The second half of "executed afterwards".
-  if (name == "--show") return exitStatus(isAccepted(UniqueFd(std::atoi(argv[3])), attack));
+  Attack attack{std::filesystem::read_symlink("/proc/self/exe"), root,
+                isOnRegistry ? pathOfMachService(root, kEndpointRegistryService)
+                             : pathOfConnection(root, kServer),
+                systemProfileData(system),
+                isOnRegistry ? std::optional(RegistryAttack()) : std::nullopt};
+  const auto setKind = [&](int number) {
+    if (isOnRegistry)
+      attack.onRegistry->kind = static_cast<RegistryAttack::Kind>(number % kKindsOfRequest);
+  };
+  if (name.starts_with(kShow)) {
+    setKind(name.back() - '0');
+    return exitStatus(isAccepted(UniqueFd(std::atoi(argv[3])), attack));
+  }
   const auto way = wayOf(name, attack);
   if (!way) return 2;
   const int tries = std::atoi(argv[3]);
   int served = 0;
   for (int i = 0; i < tries; ++i) {
+    setKind(i);
     const int status = (*way)(attack);
     if (status == kImpossible) return std::puts("impossible here"), EXIT_SUCCESS;
     if (status != kServed && status != kRefused) return 3;

@@ -27,6 +27,7 @@
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/EndpointOwner.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
 namespace platform {
@@ -34,53 +35,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
-
-constexpr char kWho[] = "whoWithReply:";
-
-const Protocol& whoProtocol() {
-  static const Protocol protocol("Who", {{kWho, MethodDescription::Kind::kTwoWay}});
-  return protocol;
-}
-
-// A service of the product exports this object, which returns its name.
-class Greeter final : public NSXPCListenerDelegate,
-                      public NSXPCExportedObject,
-                      public std::enable_shared_from_this<Greeter> {
- public:
-  explicit Greeter(std::string name) : name_(std::move(name)) {}
-
-  bool listener(NSXPCListener& /*listener*/,
-                const std::shared_ptr<NSXPCConnection>& connection) override {
-    connection->setExportedInterface(&whoProtocol());
-    connection->setExportedObject(shared_from_this());
-    connection->resume();
-    return true;
-  }
-  void receiveMessage(std::string_view /*selector*/, const Array& /*arguments*/,
-                      XPCReply reply) override {
-    reply({Value(name_)});
-  }
-
- private:
-  const std::string name_;
-};
-
-// The service. Ends before its XPC.
-class Owner {
- public:
-  Owner(XPC& xpc, std::string name)
-      : greeter_(std::make_shared<Greeter>(std::move(name))),
-        listener_(xpc.makeAnonymousListener()) {
-    listener_->setDelegate(greeter_);
-    listener_->resume();
-  }
-
-  Value endpoint() { return Value(std::shared_ptr<const RemoteObject>(listener_->endpoint())); }
-
- private:
-  const std::shared_ptr<Greeter> greeter_;
-  const std::shared_ptr<NSXPCListener> listener_;
-};
 
 class DaemonEndpoints : public DaemonFixture {
  protected:
@@ -119,7 +73,7 @@ class DaemonEndpoints : public DaemonFixture {
     EXPECT_TRUE(std::ranges::includes(now, atStart_)) << testing::PrintToString(now);
   }
 
-  void registerOwner(Owner& owner, const std::string& name) {
+  void registerOwner(EndpointOwner& owner, const std::string& name) {
     const auto connection = owners_.connect();
     EXPECT_EQ(RegistryClient::ask(*connection, RegistryClient::kRegister,
                                   {owner.endpoint(), owners_.passkey(), Value(name)}),
@@ -133,10 +87,7 @@ class DaemonEndpoints : public DaemonFixture {
   }
   // The answer of the endpoint's owner to another program; nothing if there is none.
   std::optional<Array> askOwner(std::shared_ptr<const NSXPCListenerEndpoint> endpoint) {
-    const auto connection = askers_.xpc().makeConnection(std::move(endpoint));
-    connection->setRemoteObjectInterface(&whoProtocol());
-    connection->resume();
-    return RegistryClient::ask(*connection, kWho);
+    return EndpointOwner::ask(askers_.xpc(), std::move(endpoint));
   }
 
   // Expects the daemon's main thread to answer within a time that only a slow machine needs.
@@ -158,7 +109,7 @@ TEST_F(DaemonEndpoints, AThousandClientsAreServedWhileOthersDie) {
   // Those of the clients, with room for the daemon's others and the test's own.
   constexpr std::uint64_t kDescriptors = 3 * kClients;
   if (softDescriptorLimit() < kDescriptors) GTEST_SKIP() << "too few descriptors";
-  std::list<Owner> owners;
+  std::list<EndpointOwner> owners;
   std::vector<Value> endpoints;
   for (int i = 0; i < kNames; ++i) {
     owners.emplace_back(owners_.xpc(), std::to_string(i));
@@ -251,9 +202,9 @@ TEST_F(DaemonEndpoints, ClientsThatAskWhileTheDaemonEndsHarmNothing) {
 }
 
 TEST_F(DaemonEndpoints, AWrongPasskeyIsIgnored) {
-  Owner owner(owners_.xpc(), "right");
+  EndpointOwner owner(owners_.xpc(), "right");
   registerOwner(owner, "name");
-  Owner intruder(owners_.xpc(), "wrong");
+  EndpointOwner intruder(owners_.xpc(), "wrong");
   const Value foreign = intruder.endpoint();
   const Data right = *owners_.passkey().data();
   Data longer = right;
@@ -340,14 +291,14 @@ TEST_F(DaemonEndpoints, UnknownNamesAndThoseOfDeadOwnersAreRequested) {
   EXPECT_EQ(requests, (std::vector<Value>{Dictionary{{"requestName", "missing"}}}));
   {
     RegistryClient mortal(root_.path(), root_.system());
-    Owner owner(mortal.xpc(), "mortal");
+    EndpointOwner owner(mortal.xpc(), "mortal");
     registerOwner(owner, "missing");
     EXPECT_EQ(askOwner(lookUp("missing")), Array{Value("mortal")});
   }
   // Its owner has died, so the name is asked for again.
   EXPECT_EQ(lookUp("missing"), nullptr);
   root_.await("another request to register", [&] { return requests.size() == 2; });
-  Owner successor(owners_.xpc(), "successor");
+  EndpointOwner successor(owners_.xpc(), "successor");
   registerOwner(successor, "missing");
   EXPECT_EQ(askOwner(lookUp("missing")), Array{Value("successor")});
   EXPECT_EQ(requests.size(), 2U);

@@ -5,8 +5,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <ostream>
@@ -18,6 +16,7 @@
 
 #include "Tests/EndToEnd/ChildProgram.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/ProcessUse.h"
 
 namespace platform {
 namespace {
@@ -111,23 +110,9 @@ class FloodFixture : public DaemonFixture, public testing::WithParamInterface<Fl
     return root_.loop().now() - begun;
   }
 
-  std::string processFolder() {
-    return "/proc/" + std::to_string(root_.processOf(DaemonRoot::kDaemon));
-  }
-  // The daemon's private memory in kibibytes.
-  long memory() {
-    std::ifstream file(processFolder() + "/status");
-    for (std::string name; file >> name;) {
-      long size = 0;
-      if (name == "RssAnon:" && file >> size) return size;
-    }
-    ADD_FAILURE() << "the daemon is gone";
-    return 0;
-  }
-  std::size_t descriptors() {
-    const std::filesystem::directory_iterator entries(processFolder() + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-  }
+  ProcessId daemon() { return root_.processOf(DaemonRoot::kDaemon); }
+  long memory() { return privateMemoryOf(daemon()); }
+  std::size_t descriptors() { return descriptorsOf(daemon()); }
   // The daemon notices the end of its clients in a few turns, and gives memory back some time
   // later.
   void expectTheRestIsSmall() {

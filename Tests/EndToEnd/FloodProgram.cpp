@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,14 +19,12 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Libraries/Static/Interprocess Communications/utilities/ProfileData.h"
 #include "Platform/Linux/NamedConnections/ConnectionsFolder.h"
 #include "Platform/Linux/Peers/DBusMessages.h"
-#include "Platform/Linux/Sockets/SocketEndpoint.h"
 #include "Platform/Linux/Sockets/SocketName.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
@@ -113,25 +110,6 @@ class RawConnection {
   UniqueFd socket_;
   bool isOpen_ = false;
 };
-
-// Binds and listens below /tmp, where other users can, and leaves nothing there.
-std::shared_ptr<const SocketEndpoint> endpointOf(const UniqueFd& listener) {
-  std::string folder = "/tmp/flood-XXXXXX";
-  if (::mkdtemp(folder.data()) == nullptr) std::abort();
-  const std::string path = folder + "/socket";
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const bool listens =
-      ::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-      ::listen(listener.get(), 8) == 0;
-  UniqueFd inode(::open(path.c_str(), O_PATH | O_CLOEXEC));
-  ::unlink(path.c_str());
-  ::rmdir(folder.c_str());
-  auto endpoint = SocketEndpoint::of(std::move(inode));
-  if (!listens || !endpoint) std::abort();
-  return std::move(*endpoint);
-}
 
 // One user's attack.
 class Attacker {
@@ -278,7 +256,7 @@ class Attacker {
   [[noreturn]] void floodNames() {
     RegistryClient client(root_, system_);
     const UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const Value endpoint(std::shared_ptr<const RemoteObject>(endpointOf(listener)));
+    const Value endpoint = RegistryClient::endpointOf(listener);
     auto connection = client.connect();
     for (std::size_t number = 0;; ++number) {
       const std::string name = std::to_string(::getuid()) + "." + std::to_string(number);

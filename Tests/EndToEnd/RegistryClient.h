@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Linux/XPC/LinuxXPC.h"
 #include "Platform/Logging/SystemLog.h"
 #include "Platform/Messages/Protocol.h"
@@ -36,6 +37,10 @@ class RegistryClient {
   // Connects to the executable-information service, whose endpoint the registry returns; null if it
   // does not.
   std::shared_ptr<NSXPCConnection> connectToExecInfo();
+
+  // The endpoint of a socket, which this binds below /tmp, where every user can, and which listens
+  // from then on. Nothing stays there.
+  static Value endpointOf(const UniqueFd& listener);
 
   // Blocks for the reply, for a minute at most; nothing if there is an error instead.
   static std::optional<Array> ask(NSXPCConnection& connection, std::string_view selector,
