@@ -46,6 +46,7 @@
 #include "Tools/servicemanagerctl/ServiceCommands.h"
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/ShowCommand.h"
+#include "Tools/servicemanagerctl/TopCommand.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
@@ -58,7 +59,7 @@ void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const auto hierarchy = platform::ControlGroupHierarchy::find();
   report.controlGroups = hierarchy ? std::expected<std::string, std::string>(hierarchy->mountPoint)
                                    : std::unexpected(describe(hierarchy.error()));
-  print(json ? dumped(asJson(report)) : asTable(report));
+  print(json ? dumpedAnswer(asJson(report)) : asTable(report));
 }
 
 // The time that the log has for the lines of log-test.
@@ -87,8 +88,9 @@ bool mayNotWrite(const std::string& path) {
   return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno == EACCES;
 }
 
-int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
+int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message, bool json) {
   const std::uint64_t lost = writeTestLines(linuxPlatform, message);
+  if (json) print(dumpedAnswer({{"lines", 2}, {"lost", lost}}));
   if (lost == 0) return EXIT_SUCCESS;
   const platform::PlatformConfiguration& configuration = linuxPlatform.configuration;
   if (configuration.logSink == platform::PlatformConfiguration::LogSink::kFile) {
@@ -199,10 +201,12 @@ int run(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  logTestCommand->add_flag("--json", json, "For programs");
   const ListCommand listCommand(app);
   const ShowCommand showCommand(app);
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
+  const TopCommand topCommand(app);
   const SettingsCommands settingsCommands(app);
   const OperatorCommands operatorCommands(app);
   const DoctorCommand doctorCommand(app);
@@ -256,10 +260,11 @@ int run(int argc, char** argv) {
   if (doctorCommand.parsed())
     return doctorCommand.run({linux.peerTransport, linux.configuration, linux.runLoop->wallTime(),
                               hostProgram(linux, !root.empty())});
+  if (topCommand.parsed()) return topCommand.run(*linux.runLoop, root);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
-  if (logTestCommand->parsed()) return runLogTest(linux, message);
+  if (logTestCommand->parsed()) return runLogTest(linux, message, json);
   return EXIT_SUCCESS;
 }
 
