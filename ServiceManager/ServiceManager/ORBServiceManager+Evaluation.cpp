@@ -1,4 +1,5 @@
 #include <source_location>
+#include <utility>
 
 #include "Libraries/Static/ORBLogger2/ORBLogger2/ORBLogger2.h"
 #include "Platform/Texts/StringFormat.h"
@@ -21,9 +22,11 @@ void logStoppedByUserInterface(
 }  // namespace
 
 void ORBServiceManager::setMode(std::int64_t mode) {
-  operatingMode_ = mode;
+  if (std::exchange(operatingMode_, mode) != mode)
+    tellOperator({.kind = OperatorEvent::Kind::kMode, .number = mode});
   // An installer that died does not end its work.
-  if (mode == ORBOperatingModeNormal) isInstallerAtWork_ = false;
+  if (mode == ORBOperatingModeNormal && std::exchange(isInstallerAtWork_, false))
+    tellOperator({.kind = OperatorEvent::Kind::kInstaller, .number = 0});
   ++modeChanges_;
   operatorPublisher_.changed();
 }

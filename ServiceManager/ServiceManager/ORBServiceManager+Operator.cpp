@@ -38,8 +38,32 @@ void ORBServiceManager::vendOperatorServer() {
                                         .pictures = operatorPublisher_.pictures(),
                                         .main = operatorsMainThread(),
                                         .mainThreadWork = mainThreadWork_,
+                                        .events = events_,
                                         .protocols = platform_.protocols,
                                         .system = platform_.system});
+}
+
+void ORBServiceManager::tellOperator(OperatorEvent event) {
+  event.time = platform_.runLoop.wallTime();
+  events_->add(std::move(event));
+}
+
+void ORBServiceManager::notifyClientsOfService(Label label, std::int64_t withJobStatusChange,
+                                               std::int64_t andPID) {
+  userClients_.notifyClientsOfService(label, withJobStatusChange, andPID);
+  const bool runs = withJobStatusChange == UserInterfaceClients::kJobRuns;
+  if (label)
+    tellOperator({.kind = OperatorEvent::Kind::kService,
+                  .subject = std::string(*label),
+                  .number = runs ? andPID : 0});
+}
+
+// An evaluation comes to the same result again and again.
+void ORBServiceManager::tellDecision(const std::string& label, bool isWanted) {
+  const auto [known, isNew] = decisions_.try_emplace(label, isWanted);
+  if (!isNew && std::exchange(known->second, isWanted) == isWanted) return;
+  tellOperator(
+      {.kind = OperatorEvent::Kind::kEvaluation, .subject = label, .number = isWanted ? 1 : 0});
 }
 
 OperatorPicture ORBServiceManager::operatorPicture() const {

@@ -44,7 +44,8 @@ void ORBServiceManager::enforceShutdownForService(Label label, StopAnswer answer
 
 void ORBServiceManager::shutdownServices(const Array& labels, StopAnswer answer) {
   setMode(ORBOperatingModeInstaller);
-  isInstallerAtWork_ = true;
+  if (!std::exchange(isInstallerAtWork_, true))
+    tellOperator({.kind = OperatorEvent::Kind::kInstaller, .number = 1});
   // The last of the services that hold this gives the answer.
   struct Request {
     explicit Request(StopAnswer whenOver) : answer(std::move(whenOver)) {}

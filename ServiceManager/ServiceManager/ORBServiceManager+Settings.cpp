@@ -119,6 +119,8 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
   vantorlogger2_line(ASL_LEVEL_DEBUG,
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
+  const std::string* const key = notification.userInfo["KLXGlobalSettingsKeyModified"].string();
+  tellOperator({.kind = OperatorEvent::Kind::kSettings, .subject = key ? *key : std::string()});
   settings_.forgetConnections();  // A server that announces a change does not hang any more.
   // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;

@@ -47,6 +47,7 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
       mainThreadWork_(std::make_shared<MainThreadWork>(platform_.runLoop)),
       userClients_(platform.owner.effectiveUser,
                    [this](std::uint32_t user) { return platform_.xpc.mayLog(user); }),
+      events_(std::make_shared<OperatorEvents>(platform_.runLoop.wallTime())),
       turns_(platform_.runLoop,
              [this] {
                noticeUnreadyServices();
@@ -80,7 +81,13 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                            evaluateInformationForService(label);
                          });
                        },
-                   .onEnd = [this] { operatorPublisher_.changed(); }}),
+                   .onEnd =
+                       [this](const std::string& name, std::string_view failedStep) {
+                         tellOperator({.kind = OperatorEvent::Kind::kExtension,
+                                       .subject = name,
+                                       .step = failedStep});
+                         operatorPublisher_.changed();
+                       }}),
       rechecks_(platform_.runLoop, [this](const std::string& label) { checkProgramAgain(label); }),
       enforcement_({.runLoop = platform_.runLoop,
                     .mainThreadWork = *mainThreadWork_,
@@ -108,23 +115,30 @@ ORBServiceManager::ORBServiceManager(const ServiceManagerPlatform& platform)
                          [this](std::string_view error, std::string_view description) {
                            announceStartUpError(error, description);
                          }}),
-      features_(
-          {.catalogue = catalogue_,
-           .settings = settings_,
-           .timers = timers_,
-           .mayEvaluate =
-               [this](const std::string& label) {
-                 return permissionToEvaluate(label) == EvaluationPermission::kGranted;
-               },
-           .isInNormalMode = [this] { return operatingMode_ == ORBOperatingModeNormal; },
-           .run = [this](const std::string& label) { enforceRunningForService(label, nullptr); },
-           .shutDown = [this](const std::string& label) { enforceShutdownForService(label); },
-           .evaluateAgain = [this](const std::string& label) { evaluateInTurn(label); },
-           .onAnswer =
-               [this] {
-                 operatorPublisher_.changed();
-                 takeOver_.continueIfQuiet();
-               }}),
+      features_({.catalogue = catalogue_,
+                 .settings = settings_,
+                 .timers = timers_,
+                 .mayEvaluate =
+                     [this](const std::string& label) {
+                       return permissionToEvaluate(label) == EvaluationPermission::kGranted;
+                     },
+                 .isInNormalMode = [this] { return operatingMode_ == ORBOperatingModeNormal; },
+                 .run =
+                     [this](const std::string& label) {
+                       tellDecision(label, true);
+                       enforceRunningForService(label, nullptr);
+                     },
+                 .shutDown =
+                     [this](const std::string& label) {
+                       tellDecision(label, false);
+                       enforceShutdownForService(label);
+                     },
+                 .evaluateAgain = [this](const std::string& label) { evaluateInTurn(label); },
+                 .onAnswer =
+                     [this] {
+                       operatorPublisher_.changed();
+                       takeOver_.continueIfQuiet();
+                     }}),
       takeOver_({.timers = timers_,
                  .enforcement = enforcement_,
                  .isDeciding = [this] { return isDeciding(); },

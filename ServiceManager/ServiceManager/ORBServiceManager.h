@@ -24,6 +24,7 @@
 #include "ServiceManager/ServiceManager/InstallerServer.h"
 #include "ServiceManager/ServiceManager/LastLoggedInUser.h"
 #include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
+#include "ServiceManager/ServiceManager/OperatorEvents.h"
 #include "ServiceManager/ServiceManager/OperatorPublisher.h"
 #include "ServiceManager/ServiceManager/OwnIntegrity.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
@@ -205,9 +206,7 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void registerClient(std::shared_ptr<const platform::NSProxy> client) {
     userClients_.registerClient(std::move(client));
   }
-  void notifyClientsOfService(Label label, std::int64_t withJobStatusChange, std::int64_t andPID) {
-    userClients_.notifyClientsOfService(label, withJobStatusChange, andPID);
-  }
+  void notifyClientsOfService(Label label, std::int64_t withJobStatusChange, std::int64_t andPID);
 
   // The per-run secret, for a peer that has been authenticated.
   platform::Value retrieveKey() const { return secret_; }
@@ -318,6 +317,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void vendOperatorServer();
   ORBServiceManagerOperatorServer::MainThread operatorsMainThread();
   void refreshUnwatchedJobs();
+  void tellOperator(OperatorEvent event);
+  void tellDecision(const std::string& label, bool isWanted);
 
   bool hasService(Label label) const;
   // The elements that are labels of the catalogue, in order.
@@ -363,6 +364,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::shared_ptr<LastLoggedInUser> lastUser_;      // shared with requests of other threads
   const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
+  const std::shared_ptr<OperatorEvents> events_;  // shared with the operator's thread
+  std::map<std::string, bool> decisions_;         // the last ones about feature services
   platform::TurnQueue turns_;
   // While an evaluation waits for the primary service, another one need not wait, too.
   std::weak_ptr<void> waitForPrimary_;

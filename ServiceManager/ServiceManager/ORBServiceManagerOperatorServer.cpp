@@ -14,6 +14,7 @@ namespace {
 
 constexpr char kName[] = "ORBServiceManagerOperatorServer";
 constexpr std::string_view kAwaitServices = "awaitServices:";
+constexpr std::string_view kEventsAfter = "eventsAfter:";
 
 // The other messages are about the catalogue, which never changes, or are no messages, or follow an
 // answer about a picture.
@@ -33,6 +34,12 @@ void ORBServiceManagerOperatorServer::takeMessage(std::string_view selector, con
     const Value labels = message.argument();
     if (!labels.array()) return reply.answer(message.invalidArgument("an array of labels"));
     return awaitServices(*labels.array(), std::move(reply));
+  }
+  if (selector == kEventsAfter) {
+    const ServerMessage message{kName, selector, arguments};
+    const auto number = message.argument().integer();
+    if (!number) return reply.answer(message.invalidArgument("the number of an event"));
+    return awaitEvents(*number, std::move(reply));
   }
   Message message{std::string(selector), arguments, std::move(reply)};
   if (needsPicture(selector, arguments)) {
@@ -78,6 +85,33 @@ void ORBServiceManagerOperatorServer::awaitServices(const Array& labels, Message
 // The client asks next what has become of the services. Those that settle at once share a picture.
 void ORBServiceManagerOperatorServer::servicesAreSettled(Id id) {
   awaitPicture({std::string(kAwaitServices), {}, std::move(unsettled_.extract(id).mapped())});
+}
+
+void ORBServiceManagerOperatorServer::awaitEvents(std::int64_t number, MessageReply reply) {
+  OperatorEvents& events = *environment_.events;
+  // A client that knows no number yet wants one at once.
+  if (number < 0) return reply.answer(events.after(events.last(), 0));
+  const Id id = ++lastId_;
+  const bool isFirst = eventRequests_.empty();
+  eventRequests_.emplace(
+      id, EventRequest{number, std::move(reply),
+                       environment_.runLoop.startTimer(kEventsTime, RunLoop::Repeat::kOnce,
+                                                       [this, id] { answerWithEvents(id); })});
+  // First, so that no event is added in between.
+  if (isFirst) events.whenAdded(onThisThread([this] { eventsWereAdded(); }));
+  if (events.last() != number) return answerWithEvents(id);
+  if (eventRequests_.size() > kMostWaitingForEvents)
+    answerWithEvents(eventRequests_.begin()->first);
+}
+
+void ORBServiceManagerOperatorServer::eventsWereAdded() {
+  while (!eventRequests_.empty()) answerWithEvents(eventRequests_.begin()->first);
+}
+
+void ORBServiceManagerOperatorServer::answerWithEvents(Id id) {
+  EventRequest request = std::move(eventRequests_.extract(id).mapped());
+  request.limit.reset();
+  request.reply.answer(environment_.events->after(request.number, kEventsInAnAnswer));
 }
 
 RunLoop::Callback ORBServiceManagerOperatorServer::onThisThread(RunLoop::Callback callback) const {

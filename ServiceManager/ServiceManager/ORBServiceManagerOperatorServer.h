@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -11,6 +12,7 @@
 
 #include "Platform/Messages/NSProxy.h"
 #include "Platform/RunLoops/RunLoop.h"
+#include "ServiceManager/ServiceManager/OperatorEvents.h"
 #include "ServiceManager/ServiceManager/OperatorPictures.h"
 #include "ServiceManager/Supervision/MainThreadWork.h"
 
@@ -26,6 +28,12 @@ class OperatorReport;
 class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
  public:
   static constexpr platform::Duration kPictureTime = std::chrono::milliseconds(100);
+  // A client that asks for events gets an answer within this time, without an event if none came.
+  static constexpr platform::Duration kEventsTime = std::chrono::seconds(20);
+  static constexpr std::size_t kEventsInAnAnswer = 500;
+  // The clients that wait for events. The one that has waited longest is answered if there are
+  // more.
+  static constexpr std::size_t kMostWaitingForEvents = 256;
 
   // The requests to the main thread. Both functions return at once and call back on any thread, or
   // drop the callback if the daemon ends.
@@ -42,6 +50,7 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
     OperatorReport& report;
     MainThread main;
     std::shared_ptr<const MainThreadWork> mainThreadWork;
+    std::shared_ptr<OperatorEvents> events;
   };
   explicit ORBServiceManagerOperatorServer(Environment environment)
       : environment_(std::move(environment)) {}
@@ -54,7 +63,8 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   // services, the first of which has this number, and with the number of all services. See
   // OperatorReport.h for the answers and for how long each blocks. "awaitServices:" with an array
   // of labels is answered, by true, when the service manager is no longer busy with any of these
-  // services.
+  // services. "eventsAfter:" with a number is answered with the events that follow it, as soon as
+  // there is one; a negative number asks for the last number.
   void takeMessage(std::string_view selector, const platform::Array& arguments,
                    platform::MessageReply reply) override;
 
@@ -72,6 +82,9 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   void pictureIsPublished(Id last);
   void awaitServices(const platform::Array& labels, platform::MessageReply reply);
   void servicesAreSettled(Id id);
+  void awaitEvents(std::int64_t number, platform::MessageReply reply);
+  void eventsWereAdded();
+  void answerWithEvents(Id id);
   void answer(Message message);
   platform::MessageResult answerTo(std::string_view selector, const platform::Array& arguments);
   void answerWithoutMainThread(Id id);
@@ -84,5 +97,11 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   std::map<Id, Message> waiting_;                   // for a picture
   std::map<Id, platform::MessageReply> unsettled_;  // those of "awaitServices:"
   std::optional<platform::Instant> askedAt_;        // for the picture that is under way
+  struct EventRequest {
+    std::int64_t number;
+    platform::MessageReply reply;
+    std::unique_ptr<platform::RunLoopHandle> limit;
+  };
+  std::map<Id, EventRequest> eventRequests_;
   const std::shared_ptr<int> isAlive_ = std::make_shared<int>();
 };

@@ -135,3 +135,25 @@ inline constexpr char kFactKextIsConfigured[] =
 inline constexpr char kFactKextFailedStep[] = "FailedStep";
 inline constexpr char kFactKextFailedAgo[] = "FailedAgo";
 inline constexpr char kFactKextServices[] = "Services";  // the labels that name it
+
+// Facts of an answer to "eventsAfter:".
+inline constexpr char kFactEvents[] = "Events";        // array, the oldest first
+inline constexpr char kFactLastEvent[] = "LastEvent";  // integer: ask for what follows it next
+// Integer: how many events are not told, because the daemon does not keep them any more.
+inline constexpr char kFactMissedEvents[] = "MissedEvents";
+
+// Facts of an event.
+inline constexpr char kFactEvent[] = "Event";     // one of the words below
+inline constexpr char kFactEventTime[] = "Time";  // a date
+// "Label", and its process, absent if it has ended.
+inline constexpr char kEventService[] = "service";
+inline constexpr char kFactEventProcess[] = "PID";
+inline constexpr char kEventSettings[] = "settings";    // "Key", absent if it is not announced
+inline constexpr char kEventMode[] = "mode";            // "OperatingMode"
+inline constexpr char kEventInstaller[] = "installer";  // "IsInstallerAtWork"
+// Its name, and "FailedStep" if its start has failed.
+inline constexpr char kEventExtension[] = "extension";
+inline constexpr char kFactEventExtension[] = "Extension";
+// "Label" of a feature service, and whether its switches ask for it: another result than before.
+inline constexpr char kEventEvaluation[] = "evaluation";
+inline constexpr char kFactEventIsWanted[] = "IsWanted";

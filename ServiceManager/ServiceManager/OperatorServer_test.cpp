@@ -56,6 +56,7 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
   std::deque<RunLoop::Callback> requests_;  // that the main thread has not served
   std::deque<RunLoop::Callback> settled_;
   std::shared_ptr<MainThreadWork> mainWork_ = std::make_shared<MainThreadWork>(loop_);
+  std::shared_ptr<OperatorEvents> events_ = std::make_shared<OperatorEvents>();
   std::optional<ORBServiceManagerOperatorServer> server_{
       std::in_place,
       ORBServiceManagerOperatorServer::Environment{
@@ -68,7 +69,8 @@ class OperatorServerTest : public SupervisionFixture, public KLXGlobalSettingsCl
                   [this](Array, RunLoop::Callback settled) {
                     settled_.push_back(std::move(settled));
                   }},
-          .mainThreadWork = mainWork_}};
+          .mainThreadWork = mainWork_,
+          .events = events_}};
 };
 
 TEST_F(OperatorServerTest, AnAnswerIsAboutAPictureThatWasTakenAfterTheQuestion) {
@@ -207,6 +209,48 @@ TEST_F(OperatorServerTest, CallsThatTheMainThreadDropsEndWithTheServer) {
   EXPECT_TRUE(*overview && !**overview);
   EXPECT_TRUE(*settled && !**settled);
   late();
+  loop_.runReady();
+}
+
+TEST_F(OperatorServerTest, AClientGetsTheNextEventWithoutTheMainThread) {
+  const auto number = send("eventsAfter:", {-1});
+  EXPECT_EQ((***number)[kFactLastEvent], Value(0));
+  const auto answer = send("eventsAfter:", {0});
+  const auto other = send("eventsAfter:", {0});
+  EXPECT_FALSE(*answer || *other);
+  events_->add({.kind = OperatorEvent::Kind::kMode, .number = 2});
+  loop_.runReady();
+  EXPECT_EQ((***answer)[kFactLastEvent], Value(1));
+  EXPECT_EQ((***other)[kFactLastEvent], Value(1));
+  EXPECT_EQ((***send("eventsAfter:", {0}))[kFactLastEvent], Value(1));
+  const auto next = send("eventsAfter:", {1});
+  EXPECT_FALSE(*next);
+  events_->add({.kind = OperatorEvent::Kind::kMode, .number = 0});
+  loop_.runReady();
+  EXPECT_EQ((***next)[kFactLastEvent], Value(2));
+  EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(OperatorServerTest, WithoutAnEventTheAnswerIsEmptyInTime) {
+  const auto answer = send("eventsAfter:", {0});
+  loop_.advanceBy(ORBServiceManagerOperatorServer::kEventsTime - 1ms);
+  EXPECT_FALSE(*answer);
+  loop_.advanceBy(1ms);
+  EXPECT_EQ((***answer)[kFactEvents], Value(Array()));
+}
+
+TEST_F(OperatorServerTest, TheRequestsForEventsAreLimited) {
+  const auto first = send("eventsAfter:", {0});
+  for (std::size_t i = 1; i < ORBServiceManagerOperatorServer::kMostWaitingForEvents; ++i)
+    send("eventsAfter:", {0});
+  EXPECT_FALSE(*first);
+  const auto last = send("eventsAfter:", {0});
+  EXPECT_TRUE(*first);
+  EXPECT_FALSE(*last);
+  EXPECT_FALSE(**send("eventsAfter:", {"one"}));
+  server_.reset();
+  EXPECT_TRUE(*last && !**last);
+  events_->add({.kind = OperatorEvent::Kind::kMode});
   loop_.runReady();
 }
 

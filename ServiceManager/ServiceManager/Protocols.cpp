@@ -29,6 +29,7 @@ void addServiceManagerProtocols(ProtocolTable& protocols) {
                                            {"jobsOfServices:", kTwoWay},
                                            {"treesOfServices:", kTwoWay},
                                            {"awaitServices:", kTwoWay},
+                                           {"eventsAfter:", kTwoWay},
                                            {"extensions", kTwoWay},
                                            {"reasonsOfServices:", kTwoWay}});
   add(kORBServiceManagerXPCInterfaceProtocol,

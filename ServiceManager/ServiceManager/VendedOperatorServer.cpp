@@ -29,7 +29,8 @@ struct VendedOperatorServer::Parts {
                 .pictures = environment.pictures,
                 .report = report,
                 .main = environment.main,
-                .mainThreadWork = environment.mainThreadWork}),
+                .mainThreadWork = environment.mainThreadWork,
+                .events = environment.events}),
         authenticator(environment.system),
         connection(environment.worker.connections.makeConnection()) {
     connection->setDelegate(&authenticator);

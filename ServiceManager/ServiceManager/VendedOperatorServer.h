@@ -5,6 +5,7 @@
 #include "Platform/Messages/Protocol.h"
 #include "Platform/SystemFacts/SystemInformation.h"
 #include "ServiceManager/ServiceManager/ORBServiceManagerOperatorServer.h"
+#include "ServiceManager/ServiceManager/OperatorEvents.h"
 #include "ServiceManager/ServiceManager/OperatorPictures.h"
 #include "ServiceManager/ServiceManager/OperatorWorker.h"
 
@@ -18,6 +19,7 @@ class VendedOperatorServer {
     std::shared_ptr<OperatorPictures> pictures;
     ORBServiceManagerOperatorServer::MainThread main;
     std::shared_ptr<const MainThreadWork> mainThreadWork;
+    std::shared_ptr<OperatorEvents> events;
     const platform::ProtocolTable& protocols;
     const platform::SystemInformation& system;
   };

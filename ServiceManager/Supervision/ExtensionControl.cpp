@@ -214,6 +214,6 @@ void ExtensionControl::end(LoadPointer load) {
     failures_[load->name] = {load->failedStep, environment_.runLoop.now()};
     if (load->failedStep == kKextIsUnchecked) retryLater(load->name);
   }
-  environment_.onEnd();
+  environment_.onEnd(load->name, isLoaded ? std::string_view() : load->failedStep);
   for (Done& done : load->callers) done(isLoaded);
 }

@@ -33,7 +33,8 @@ class ExtensionControl {
     // Stops a service before its extension is unloaded, and evaluates it again afterwards.
     std::function<void(const std::string& label, Done done)> stopService;
     std::function<void(const std::string& label, platform::Duration delay)> evaluateLater;
-    std::function<void()> onEnd;  // the load of an extension has ended
+    // The load of an extension has ended; the step is empty if it has not failed.
+    std::function<void(const std::string& name, std::string_view failedStep)> onEnd;
   };
 
   explicit ExtensionControl(const Environment& environment);

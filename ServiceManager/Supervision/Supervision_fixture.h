@@ -68,7 +68,7 @@ class SupervisionFixture : public SupervisedMachine {
        .evaluateLater = [this](
                             const std::string& label,
                             platform::Duration delay) { evaluations_.emplace_back(label, delay); },
-       .onEnd = [this] { ++endedLoads_; }}};
+       .onEnd = [this](const std::string&, std::string_view) { ++endedLoads_; }}};
   platform::TurnQueue turns_{loop_};
   std::vector<std::string> rechecked_;
   ProgramRechecks rechecks_{loop_, [this](const std::string& label) {

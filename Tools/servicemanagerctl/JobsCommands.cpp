@@ -82,7 +82,7 @@ int JobsCommands::show(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label_);
   const JobState state = jobState(label_, *job);
-  print(json_ ? dumped(asJson(state, *job)) : asText(state, *job, readerOf(STDOUT_FILENO)));
+  print(json_ ? dumpedAnswer(asJson(state, *job)) : asText(state, *job, readerOf(STDOUT_FILENO)));
   return EXIT_SUCCESS;
 }
 
@@ -97,7 +97,7 @@ int JobsCommands::submit(const Connected& to) const {
   if (!job) return to.refuse(job.error());
   if (job->isNil()) return to.refuseUnknown(label);  // Another client has removed it already.
   const JobState state = jobState(label, *job);
-  print(json_ ? dumped(asJson(state)) : asSentence(state));
+  print(json_ ? dumpedAnswer(asJson(state)) : asSentence(state));
   return EXIT_SUCCESS;
 }
 
@@ -119,7 +119,7 @@ int JobsCommands::remove(const Connected& to) const {
   to.loop.run();
   progress.reset();
   if (!outcome) return to.refuse(outcome.error());
-  print(json_ ? dumped(nlohmann::ordered_json{{"label", label_}, {"removed", true}})
+  print(json_ ? dumpedAnswer({{"label", label_}, {"removed", true}})
               : plain(label_) + " is removed.\n");
   if (label_ == kServiceManagersLabel)
     remark(

@@ -64,7 +64,9 @@ ListCommand::ListCommand(CLI::App& app)
       ->excludes("--json");
   for (CLI::App* command : {isRunning_, isFailed_}) {
     command->add_option("label", labels_, "The services' labels")->required();
-    command->add_flag("-q,--quiet", quiet_, "Tell by the exit status alone");
+    CLI::Option* const quiet =
+        command->add_flag("-q,--quiet", quiet_, "Tell by the exit status alone");
+    command->add_flag("--json", json_, "For programs")->excludes(quiet);
   }
 }
 
@@ -109,7 +111,9 @@ Answer<int> ListCommand::judge(const DaemonClient::Environment& environment) con
     return [mark](const ServiceState& service) { return markOf(service) == mark; };
   };
   const std::vector<ServiceState>& services = answer->services;
-  if (!quiet_) {
+  if (json_) {
+    print(dumped(asJson(services)));
+  } else if (!quiet_) {
     for (const ServiceState& service : services) {
       print(fmt::format("{}: {}{}{}\n", plain(service.job.label), inWords(service),
                         service.why.empty() ? "" : ", ", service.why));

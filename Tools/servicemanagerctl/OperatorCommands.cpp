@@ -85,7 +85,7 @@ Answer<std::string> OperatorCommands::health(DaemonClient& daemon) const {
   const auto jobs = askForJobs(daemon, labels);
   if (!jobs) return std::unexpected(jobs.error());
   const auto report = healthReport(*record, *jobs);
-  if (json_) return dumped(asJson(report));
+  if (json_) return dumpedAnswer(asJson(report));
   if (openMetrics_) return asOpenMetrics(report);
   return asTable(report, readerOf(STDOUT_FILENO));
 }
@@ -101,7 +101,7 @@ Answer<std::string> OperatorCommands::explain(DaemonClient& daemon) const {
   const Explanation explanation = ::explain(*facts);
   if (!json_) return textForReader(explanation);
   const Value all = withTrees(daemon, {label_}, Dictionary{{label_, *facts}});
-  return dumped(asJson(explanation, all[label_]));
+  return dumpedAnswer(asJson(explanation, all[label_]));
 }
 
 // The services are explained one after the other, so the facts are of slightly different times.

@@ -103,7 +103,8 @@ PlistCommands::PlistCommands(CLI::App& app)
                    "boolean, integer, real, number, string, data (in base 64) or json. Without it, "
                    "the type that the value has, else what it looks like")
       ->check(CLI::IsMember({"boolean", "integer", "real", "number", "string", "data", "json"}));
-  for (CLI::App* command : {get_, diff_}) command->add_flag("--json", json_, "For programs");
+  for (CLI::App* command : {get_, set_, lint_, diff_})
+    command->add_flag("--json", json_, "For programs");
 }
 
 int PlistCommands::run() const {
@@ -155,20 +156,27 @@ Answer<int> PlistCommands::set() const {
   if (!content) return refusePlist(content.error());
   if (const auto written = writeConfigurationFile(file_, *content); !written)
     return refusePlist(written.error());
+  if (json_) print(dumpedAnswer({{"file", file_}, {"path", path_}, {"value", jsonOf(*value)}}));
   return EXIT_SUCCESS;
 }
 
 Answer<int> PlistCommands::lint() const {
   int status = EXIT_SUCCESS;
+  Json rows = Json::array();
   for (const std::string& name : files_) {
     const auto file = readConfigurationFile(name);
-    if (file) {
+    if (json_) {
+      rows.push_back({{"file", name}, {"form", nullptr}, {"fault", nullptr}});
+      if (file) rows.back()["form"] = nameOf(file->form);
+      if (!file) rows.back()["fault"] = describe(file.error());
+    } else if (file) {
       print(fmt::format("{}: {}, no fault\n", escaped(name), nameOf(file->form)));
     } else {
-      status = refusePlist(file.error()).error().exitStatus;
       fail(describe(file.error()));
     }
+    if (!file) status = refusePlist(file.error()).error().exitStatus;
   }
+  if (json_) print(dumpedAnswer({{"files", std::move(rows)}, {"valid", status == EXIT_SUCCESS}}));
   return status;
 }
 

@@ -341,7 +341,7 @@ Answer<int> ServiceCommands::evaluate(const DaemonClient::Environment& environme
     return std::unexpected(Refusal{kExitFailed,
                                    "the service manager did not take the request; see "
                                    "\"servicemanagerctl log\""});
-  print(json_ ? dumped(nlohmann::ordered_json{{"evaluating", true}}) : sentence);
+  print(json_ ? dumpedAnswer(nlohmann::ordered_json{{"evaluating", true}}) : sentence);
   return EXIT_SUCCESS;
 }
 

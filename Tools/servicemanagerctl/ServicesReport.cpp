@@ -6,7 +6,6 @@
 #include "ServiceManager/Catalogue/CatalogueLookups.h"
 #include "ServiceManager/Catalogue/MinimumOSVersion.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
-#include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "Shared/Categories/NSProcessInfo+Extensions.h"
 #include "Tools/servicemanagerctl/BusyReport.h"
 #include "Tools/servicemanagerctl/TimeWords.h"
@@ -70,22 +69,6 @@ ServiceState stateOf(const std::string& label, std::string_view type, const Valu
                        ? Activity::kUnknown
                        : activityOf(state.job, needed, system);
   return state;
-}
-
-// The content of a notice; the process is absent if none runs.
-struct Notice {
-  std::string label;
-  std::optional<std::int64_t> process;
-};
-
-std::optional<Notice> readNotice(const Value& notice) {
-  const std::string* label = notice["Label"].string();
-  const auto status = notice["status"].integer();
-  const auto process = notice["PID"].integer();
-  if (label == nullptr || !status) return std::nullopt;
-  if (*status != UserInterfaceClients::kJobRuns) return Notice{*label, std::nullopt};
-  if (!process) return std::nullopt;
-  return Notice{*label, process};
 }
 
 }  // namespace
@@ -181,23 +164,4 @@ std::string asSentence(const ServiceState& service) {
       return fmt::format("Whether {} runs is not known: the job host does not answer.\n", label);
   }
   return "";
-}
-
-std::optional<std::string> noticeAsText(const Value& notice, std::string_view time, Reader reader) {
-  const auto read = readNotice(notice);
-  if (!read) return std::nullopt;
-  if (!read->process)
-    return fmt::format("{}  {}  {}\n", time, plain(read->label),
-                       coloured("ended", Colour::kRed, reader));
-  return fmt::format("{}  {}  {} as process {}\n", time, plain(read->label),
-                     coloured("runs", Colour::kGreen, reader), *read->process);
-}
-
-std::optional<std::string> noticeAsJson(const Value& notice, std::string_view time) {
-  const auto read = readNotice(notice);
-  if (!read) return std::nullopt;
-  Json json{{"time", time}, {"label", read->label}};
-  json["state"] = read->process ? "running" : "ended";
-  json["pid"] = read->process ? Json(*read->process) : Json();
-  return json.dump() + "\n";
 }

@@ -68,8 +68,3 @@ nlohmann::ordered_json asJson(const std::vector<ServiceState>& services);
 
 // The state of a service after a command to start or stop it, as a sentence.
 std::string asSentence(const ServiceState& service);
-
-// A status notice as a line with the time, and the same for programs. Nothing if it is no notice.
-std::optional<std::string> noticeAsText(const platform::Value& notice, std::string_view time,
-                                        Reader reader);
-std::optional<std::string> noticeAsJson(const platform::Value& notice, std::string_view time);

@@ -139,26 +139,4 @@ TEST_F(ServicesReportTest, AServicesFateIsASentence) {
             "SIGTERM.\n");
 }
 
-TEST_F(ServicesReportTest, ANoticeIsALine) {
-  const Value runs = Dictionary{{"Label", "agent"}, {"status", 1}, {"PID", 4711}};
-  const Value ended = Dictionary{{"Label", "agent"}, {"status", 0}};
-  EXPECT_EQ(noticeAsText(runs, "T", Reader::kOther), "T  agent  runs as process 4711\n");
-  EXPECT_EQ(noticeAsText(ended, "T", Reader::kOther), "T  agent  ended\n");
-  EXPECT_EQ(noticeAsText(ended, "T", Reader::kTerminal), "T  agent  \033[31mended\033[0m\n");
-  EXPECT_EQ(noticeAsJson(runs, "T"), R"({"time":"T","label":"agent","state":"running","pid":4711})"
-                                     "\n");
-  EXPECT_EQ(noticeAsJson(ended, "T"), R"({"time":"T","label":"agent","state":"ended","pid":null})"
-                                      "\n");
-}
-
-TEST_F(ServicesReportTest, OtherMessagesAreNoLine) {
-  for (const Value& notice :
-       {Value(), Value("agent"), Value(Dictionary{{"Label", "agent"}}),
-        Value(Dictionary{{"status", 0}}), Value(Dictionary{{"Label", 1}, {"status", 0}}),
-        Value(Dictionary{{"Label", "agent"}, {"status", 1}})}) {
-    EXPECT_EQ(noticeAsText(notice, "T", Reader::kOther), std::nullopt);
-    EXPECT_EQ(noticeAsJson(notice, "T"), std::nullopt);
-  }
-}
-
 }  // namespace

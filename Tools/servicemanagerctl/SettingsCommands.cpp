@@ -122,7 +122,7 @@ Answer<SettingState> SettingsCommands::read(DaemonClient& server) const {
 }
 
 void SettingsCommands::report(const SettingState& setting) const {
-  print(json_ ? dumped(asJson(setting)) : asSentence(setting, domain_));
+  print(json_ ? dumpedAnswer(asJson(setting)) : asSentence(setting, domain_));
 }
 
 Answer<int> SettingsCommands::get(DaemonClient& server) const {

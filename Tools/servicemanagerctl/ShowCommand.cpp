@@ -51,6 +51,6 @@ Answer<std::string> ShowCommand::show(const DaemonClient::Environment& environme
   std::optional<WallTime> started;
   if (const auto process = jobState(label_, (*facts)[kFactJob]).process)
     started = startOfProcess(*process, now);
-  return json_ ? dumped(detailsAsJson(*facts, started, now))
+  return json_ ? dumpedAnswer(detailsAsJson(*facts, started, now))
                : withRootInHints(detailsAsText(*facts, started, now, readerOf(STDOUT_FILENO)));
 }

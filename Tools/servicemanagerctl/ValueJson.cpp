@@ -80,3 +80,14 @@ std::string abridged(const std::string& text) {
 std::string dumped(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
+
+std::string dumpedAnswer(Json json) {
+  if (json.is_object()) json["version"] = kJsonVersion;
+  return dumped(json);
+}
+
+std::string dumpedLine(Json event) {
+  Json line{{"version", kJsonVersion}};
+  line.update(event);
+  return line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}

@@ -22,3 +22,13 @@ std::string abridged(const std::string& text);
 
 // For programs. Ill-formed UTF-8 becomes U+FFFD, since paths may hold any bytes.
 std::string dumped(const nlohmann::ordered_json& json);
+
+// The version of the answers to programs, which the schemas describe. Within a version keys are
+// added, and none is renamed or removed.
+inline constexpr int kJsonVersion = 1;
+
+// The same for an answer: an object gets the version. Arrays and null stay as they are.
+std::string dumpedAnswer(nlohmann::ordered_json json);
+
+// An event of a stream, on one line, with the version.
+std::string dumpedLine(nlohmann::ordered_json event);

@@ -1,108 +1,111 @@
 #include "Tools/servicemanagerctl/WatchCommand.h"
 
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <utility>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "Platform/Messages/NSProtocolChecker.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
-#include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/Output.h"
-#include "Tools/servicemanagerctl/ServicesReport.h"
+#include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
 
 using namespace platform;
+using namespace std::chrono_literals;
 
-// In the log's format, so that the two can be compared.
-std::string textOf(WallTime time) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-  return fmt::format("{:%FT%T}Z", fmt::gmtime(seconds.time_since_epoch().count()));
-}
-
-// Prints the service manager's status notices.
-class NoticePrinter final : public MessageReceiver {
- public:
-  NoticePrinter(RunLoop& loop, bool json) : loop_(loop), json_(json) {}
-
-  MessageResult receiveMessage(std::string_view /*jobStatusDidChangeWithInfo:*/,
-                               const Array& arguments) override {
-    const std::string time = textOf(loop_.wallTime());
-    const auto line = json_ ? noticeAsJson(arguments.front(), time)
-                            : noticeAsText(arguments.front(), time, readerOf(STDOUT_FILENO));
-    // If the reader has gone, the service manager need not notify this program either.
-    if (line && !print(*line)) loop_.stop();
-    return Value();
-  }
-
- private:
-  RunLoop& loop_;
-  const bool json_;
-};
+// The server answers within 20 s, also if nothing has happened.
+constexpr Duration kEventsTimeOut = 30s;
+constexpr Duration kPauseBeforeRetry = 1s;
 
 // The number of services. A page behind the last one has nothing but that.
-Answer<std::int64_t> countServices(const DaemonClient::Environment& environment) {
-  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
-  if (const auto connected = daemon.connect(); !connected)
-    return std::unexpected(connected.error());
+Answer<std::int64_t> countServices(DaemonClient& daemon) {
   const auto page = daemon.ask("overviewFrom:", {std::numeric_limits<std::int64_t>::max()});
   if (!page) return std::unexpected(page.error());
   return (*page)[kFactServiceCount].integer().value_or(0);
 }
 
-// Returns the number of services once the service manager has registered the client.
-Answer<std::int64_t> registerClient(const DaemonClient::Environment& environment,
-                                    DaemonClient& daemon, const Value& client) {
+struct Beginning {
+  std::int64_t services = 0;
+  std::int64_t lastEvent = 0;
+};
+
+Answer<Beginning> begin(DaemonClient& daemon) {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
-  if (const auto sent = daemon.ask("registerClient:", {client}); !sent)
-    return std::unexpected(sent.error());
-  // The registration has no answer, so wait for the answer to this one.
-  if (const auto answered = daemon.ask("pidForService:", {Value()}); !answered)
-    return std::unexpected(answered.error());
-  return countServices(environment);
+  const auto events = daemon.ask("eventsAfter:", {-1});
+  if (!events) return std::unexpected(events.error());
+  const auto services = countServices(daemon);
+  if (!services) return std::unexpected(services.error());
+  return Beginning{*services, (*events)[kFactLastEvent].integer().value_or(0)};
+}
+
+void pauseFor(RunLoop& loop, Duration duration) {
+  const auto timer = loop.startTimer(duration, RunLoop::Repeat::kOnce, [&loop] { loop.stop(); });
+  loop.run();
 }
 
 }  // namespace
 
 WatchCommand::WatchCommand(CLI::App& app)
-    : watch_(app.add_subcommand("watch", "Each start and end of a service as it happens")) {
-  watch_->add_flag("--json", json_, "For programs, a line each");
+    : watch_(app.add_subcommand("watch",
+                                "Each event as it happens: starts and ends of services, "
+                                "settings, the mode, extensions")) {
+  watch_->add_flag("--json{lines}", lines_, "For programs, a line for each event")
+      ->check(CLI::IsMember({"lines"}));
 }
 
 int WatchCommand::run(const DaemonClient::Environment& environment) const {
   RunLoop& loop = environment.objects.loop;
-  DaemonClient daemon(environment, kUserInterfaceServer, kORBServiceManagerUserInterfaceProtocol);
-  NoticePrinter printer(loop, json_);
-  // The connection holds it weakly, so nobody else owns it.
-  const auto client = std::make_shared<NSProtocolChecker>(
-      &printer,
-      environment.objects.protocols.find(kORBServiceManagerUserInterfaceDelegateProtocol));
-  bool hasDied = false;
-  const auto death = environment.objects.center.addObserver(kNSConnectionDidDieNotification,
-                                                            nullptr, [&](const Notification&) {
-                                                              hasDied = true;
-                                                              loop.stop();
-                                                            });
-  const auto services = registerClient(environment, daemon, Value(client));
-  if (!services) {
-    fail(services.error().text);
-    return services.error().exitStatus;
+  std::optional<DaemonClient> daemon;
+  const auto renew = [&]() -> DaemonClient& {
+    // After a failure the name would not be looked up again for a while.
+    environment.objects.connections.serverDidStart(kOperatorServer);
+    return daemon.emplace(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  };
+  const auto beginning = begin(renew());
+  if (!beginning) {
+    fail(beginning.error().text);
+    return beginning.error().exitStatus;
   }
-  warn(fmt::format("Watching {} services; Ctrl-C ends it.\n", *services));
-  loop.run();
-  if (!hasDied) return EXIT_SUCCESS;
-  fail("the service manager has gone; the job host starts it again, so watch again then");
-  return kExitNobodyThere;
+  warn(fmt::format("Watching {} services; Ctrl-C ends it.\n", beginning->services));
+  std::int64_t last = beginning->lastEvent;
+  for (;;) {
+    const auto ended = follow(*daemon, loop, last);
+    if (ended) return *ended;
+    if (!show(lineOfConnection("does not answer; waiting for it", loop.wallTime())))
+      return EXIT_SUCCESS;
+    remark(ended.error().text);
+    do pauseFor(loop, kPauseBeforeRetry);
+    while (!renew().connect());
+    if (!show(lineOfConnection("", loop.wallTime()))) return EXIT_SUCCESS;
+  }
+}
+
+Answer<int> WatchCommand::follow(DaemonClient& daemon, RunLoop& loop, std::int64_t& last) const {
+  for (;;) {
+    const auto answer = daemon.ask("eventsAfter:", {last}, kEventsTimeOut);
+    if (!answer) return std::unexpected(answer.error());
+    const std::int64_t missed = (*answer)[kFactMissedEvents].integer().value_or(0);
+    if (missed > 0 && !show(lineOfMissed(missed, loop.wallTime()))) return EXIT_SUCCESS;
+    last = (*answer)[kFactLastEvent].integer().value_or(last);
+    const Array* const events = (*answer)[kFactEvents].array();
+    if (!events)
+      return std::unexpected(Refusal{EXIT_FAILURE, "the service manager told no events"});
+    for (const Value& event : *events) {
+      const auto line = lineOfEvent(event, readerOf(STDOUT_FILENO));
+      if (line && !show(*line)) return EXIT_SUCCESS;
+    }
+  }
+}
+
+// If the reader has gone, nothing is left to do.
+bool WatchCommand::show(const WatchLine& line) const {
+  return print(lines_.empty() ? line.text : dumpedLine(line.json));
 }

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include <CLI/CLI.hpp>
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
+#include "Tools/servicemanagerctl/WatchReport.h"
 
-// "servicemanagerctl watch": each status notice of the service manager as it comes, until either of
-// the two ends.
+// "servicemanagerctl watch": each event of the service manager as it happens. If the service
+// manager ends, it waits for the next one.
 class WatchCommand {
  public:
   // Adds the command to `app`, which outlives this.
@@ -19,6 +23,11 @@ class WatchCommand {
   int run(const DaemonClient::Environment& environment) const;
 
  private:
+  // Prints what comes until the connection fails: returns why, or an exit status if the reader has
+  // gone. `last` is the number of the last event that was printed.
+  Answer<int> follow(DaemonClient& daemon, platform::RunLoop& loop, std::int64_t& last) const;
+  bool show(const WatchLine& line) const;
+
   CLI::App* watch_;
-  bool json_ = false;
+  std::string lines_;  // not empty: JSON
 };

@@ -121,12 +121,19 @@ Answer<std::shared_ptr<const NSXPCListenerEndpoint>> endpointOf(
 // Prints each peer that connects, and rejects it: the tool serves nothing.
 class PeerPrinter final : public NSXPCListenerDelegate {
  public:
+  explicit PeerPrinter(bool json) : json_(json) {}
+
   bool listener(NSXPCListener& /*listener*/,
                 const std::shared_ptr<NSXPCConnection>& connection) override {
-    print(fmt::format("process {} of user {} connects\n", connection->processIdentifier(),
-                      connection->effectiveUserIdentifier()));
+    const auto process = connection->processIdentifier();
+    const auto user = connection->effectiveUserIdentifier();
+    print(json_ ? dumpedLine({{"event", "connected"}, {"pid", process}, {"uid", user}})
+                : fmt::format("process {} of user {} connects\n", process, user));
     return false;
   }
+
+ private:
+  const bool json_;
 };
 
 // The service works in another folder and needs the path of the file itself. So resolve all links
@@ -159,6 +166,8 @@ XPCCommands::XPCCommands(CLI::App& app) {
     command->add_option("NAME", name_, "The endpoint's name")->required();
   }
   lookup_->add_flag("--json", json_, "For programs");
+  register_->add_flag("--json{lines}", lines_, "For programs, a line for each event")
+      ->check(CLI::IsMember({"lines"}));
   execinfo_ = app.add_subcommand(
       "execinfo", "Who signed files, their SHA-256, and where they were downloaded from");
   execinfo_->add_option("PATH", paths_, "The files")->required();
@@ -200,7 +209,7 @@ int XPCCommands::run(const Environment& environment) const {
 
 Refusal XPCCommands::registerName(const Environment& environment, const Connection& registry,
                                   std::counting_semaphore<>& ended) const {
-  const auto printer = std::make_shared<PeerPrinter>();
+  const auto printer = std::make_shared<PeerPrinter>(!lines_.empty());
   const auto listener = environment.xpc.makeAnonymousListener();
   listener->setDelegate(printer);
   listener->resume();
@@ -214,7 +223,9 @@ Refusal XPCCommands::registerName(const Environment& environment, const Connecti
   if (reply->empty() || reply->front() != Value(true)) {
     return {kExitFailed, "the service manager refused: " + textAt(*reply, 1)};
   }
-  print(fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", plain(name_)));
+  print(!lines_.empty()
+            ? dumpedLine({{"event", "registered"}, {"name", name_}})
+            : fmt::format("{} is registered; it ends with this command (Ctrl-C)\n", plain(name_)));
   ended.acquire();
   return {kExitFailed,
           "the service manager has ended; " + abridged(name_) + " is no longer registered"};
@@ -224,7 +235,7 @@ Answer<int> XPCCommands::lookUp(const Environment& environment, const Connection
   const auto endpoint = endpointOf(environment, *registry, name_);
   if (!endpoint) return std::unexpected(endpoint.error());
   if (json_) {
-    print(dumped(nlohmann::ordered_json{{"name", name_}, {"registered", *endpoint != nullptr}}));
+    print(dumpedAnswer({{"name", name_}, {"registered", *endpoint != nullptr}}));
   } else {
     print(fmt::format(
         "{} is {}\n", plain(name_),

@@ -74,6 +74,7 @@ class XPCCommands {
   CLI::App* lookup_;
   CLI::App* execinfo_;
   bool json_ = false;
+  std::string lines_;  // not empty: JSON
   std::string name_;
   std::vector<std::string> paths_;
 };

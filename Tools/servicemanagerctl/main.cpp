@@ -52,6 +52,7 @@
 #include "Tools/servicemanagerctl/SettingsCommands.h"
 #include "Tools/servicemanagerctl/ShowCommand.h"
 #include "Tools/servicemanagerctl/SupportCommand.h"
+#include "Tools/servicemanagerctl/TopCommand.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 #include "Tools/servicemanagerctl/WatchCommand.h"
 #include "Tools/servicemanagerctl/XPCCommands.h"
@@ -69,7 +70,7 @@ PlatformReport platformReport(const platform::LinuxPlatform& linuxPlatform) {
 
 void reportPlatform(const platform::LinuxPlatform& linuxPlatform, bool json) {
   const PlatformReport report = platformReport(linuxPlatform);
-  print(json ? dumped(asJson(report)) : asTable(report));
+  print(json ? dumpedAnswer(asJson(report)) : asTable(report));
 }
 
 // The time that the log has for the lines of log-test.
@@ -98,8 +99,9 @@ bool mayNotWrite(const std::string& path) {
   return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0 && errno == EACCES;
 }
 
-int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message) {
+int runLogTest(platform::LinuxPlatform& linuxPlatform, const std::string& message, bool json) {
   const std::uint64_t lost = writeTestLines(linuxPlatform, message);
+  if (json) print(dumpedAnswer({{"lines", 2}, {"lost", lost}}));
   if (lost == 0) return EXIT_SUCCESS;
   const platform::PlatformConfiguration& configuration = linuxPlatform.configuration;
   if (configuration.logSink == platform::PlatformConfiguration::LogSink::kFile) {
@@ -243,10 +245,12 @@ int run(int argc, char** argv) {
   auto* logTestCommand =
       app.add_subcommand("log-test", "Write one line through each of the product's loggers");
   logTestCommand->add_option("message", message, "The text of the lines")->required();
+  logTestCommand->add_flag("--json", json, "For programs");
   const ListCommand listCommand(app);
   const ShowCommand showCommand(app);
   const ServiceCommands serviceCommands(app);
   const WatchCommand watchCommand(app);
+  const TopCommand topCommand(app);
   const SettingsCommands settingsCommands(app);
   const OperatorCommands operatorCommands(app);
   const DoctorCommand doctorCommand(app);
@@ -312,10 +316,11 @@ int run(int argc, char** argv) {
   if (supportCommand.parsed())
     return runServiceCommand(
         SupportQuestions{supportCommand, linux, hostProgram(linux, !root.empty())}, linux);
+  if (topCommand.parsed()) return topCommand.run(*linux.runLoop, root);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
-  if (logTestCommand->parsed()) return runLogTest(linux, message);
+  if (logTestCommand->parsed()) return runLogTest(linux, message, json);
   return EXIT_SUCCESS;
 }
 

@@ -48,7 +48,7 @@ _servicemanagerctl() {
   fi
   local words=
   case ${commands[*]:0:2} in
-    '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch
+    '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch top
       installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics' ;;
     list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
       if [[ $word != -* ]]; then

@@ -20,7 +20,7 @@ complete -c servicemanagerctl -l help -d 'The commands or options'
 complete -c servicemanagerctl -n __servicemanagerctl_at -l version -d 'The version'
 complete -c servicemanagerctl -l json -d 'For programs'
 complete -c servicemanagerctl -l root -x -a '(__fish_complete_directories)' -d 'Another platform root'
-complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list show start stop restart reload-settings is-running is-failed health explain extensions watch installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics'
+complete -c servicemanagerctl -n __servicemanagerctl_at -a 'list show start stop restart reload-settings is-running is-failed health explain extensions watch top installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics'
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l wide
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l failed
 complete -c servicemanagerctl -n '__servicemanagerctl_in list' -l value

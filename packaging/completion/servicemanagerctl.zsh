@@ -35,7 +35,7 @@ elif [[ $words[CURRENT] == -* ]]; then
     --release --product --diff --to --output
 else
   case "$commands[1] $commands[2]" in
-    ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch \
+    ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch top \
       installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor \
       support-bundle metrics ;;
     list\ * | show\ * | start\ * | stop\ * | restart\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
