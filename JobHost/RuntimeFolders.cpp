@@ -65,10 +65,11 @@ std::uint64_t startOfProcessOne() {
 
 Result<RuntimeFolders> makeRuntimeFolders(const std::string& root) {
   RuntimeFolders folders{platform::pathBelowRoot(root, "run/vantor"),
-                         platform::pathBelowRoot(root, "run/vantor/mach")};
+                         platform::pathBelowRoot(root, "run/vantor/mach"),
+                         platform::pathBelowRoot(root, "run/vantor/output")};
   if (auto made = makeFolder(platform::pathBelowRoot(root, "run")); !made)
     return std::unexpected(made.error());
-  for (const std::string& folder : {folders.runtime, folders.mach}) {
+  for (const std::string& folder : {folders.runtime, folders.mach, folders.output}) {
     if (auto made = makeFolder(folder); !made) return std::unexpected(made.error());
     if (auto checked = checkFolder(folder); !checked) return std::unexpected(checked.error());
   }

@@ -9,6 +9,7 @@ namespace jobhost {
 struct RuntimeFolders {
   std::string runtime;  // the host's files
   std::string mach;     // the sockets of jobs' services
+  std::string output;   // the pipes of what services print
 };
 
 // The folders below `root` that the host writes. Makes them if they are missing. Others may read

@@ -18,6 +18,7 @@
 
 #include "JobHost/JobHost.h"
 #include "JobHost/JobServer.h"
+#include "JobHost/Output/ServiceOutput.h"
 #include "JobHost/Processes/JobGroups.h"
 #include "JobHost/Processes/JobMark.h"
 #include "JobHost/Processes/LinuxProcesses.h"
@@ -157,13 +158,22 @@ int main(int argc, char** argv) {
   const std::uint64_t mark = jobhost::hostMark(linux.configuration.root, *bootId);
   const bool usesSystemd =
       linux.configuration.jobBackend == platform::PlatformConfiguration::JobBackend::kSystemd;
+  const auto runtime = jobhost::makeRuntimeFolders(linux.configuration.root);
+  if (!runtime) return fail(runtime.error());
+  const auto output =
+      jobhost::ServiceOutput::create(linux.configuration, runtime->output, linux.systemLog);
+  if (!output) return fail(output.error());
   auto own = jobhost::LinuxProcesses::create(
       *linux.runLoop, linux.originalDescriptorLimit, mark,
-      usesSystemd ? std::nullopt : makeGroups(mark, linux.systemLog));
+      usesSystemd ? std::nullopt : makeGroups(mark, linux.systemLog), (*output)->output());
   if (!own) return fail(own.error());
   platform::SystemdManager manager;
-  jobhost::SystemdProcesses units(**own, manager,
-                                  {linux.configuration.root, mark, pathOfStarter()});
+  const bool printsToJournal =
+      linux.configuration.serviceOutput == platform::PlatformConfiguration::ServiceOutput::kJournal;
+  jobhost::SystemdProcesses units(
+      **own, manager,
+      {linux.configuration.root, mark, pathOfStarter(),
+       printsToJournal ? jobhost::JobOutput() : (*output)->output(), printsToJournal});
   jobhost::Processes& processes = usesSystemd ? static_cast<jobhost::Processes&>(units) : **own;
   std::unique_ptr<jobhost::JobHost> host;
   bool isStopping = false;
@@ -188,6 +198,7 @@ int main(int argc, char** argv) {
       jobhost::JobHost::create(*linux.runLoop, processes, linux.systemLog, std::move(options));
   if (!created) return fail(created.error());
   host = *std::move(created);
+  (*output)->takeOver();
   blocked.reset();
 
   const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,
@@ -202,9 +213,11 @@ int main(int argc, char** argv) {
   const auto replace = [&] {
     if (isStopping) return blocked.reset();
     static_cast<void>(linux.readiness.announceReloading());
+    (*output)->stop(kLogTime);
     linux.logSink.flush(kLogTime);
     linux.readiness.returnToEnvironment();
     const platform::Error error = jobhost::replaceProgram(linux.originalDescriptorLimit);
+    (*output)->start();
     linux.readiness = platform::ServiceNotify::takeFromEnvironment();
     linux.systemLog.asl_log(nullptr, platform::ASL_LEVEL_ERR,
                             "the job host goes on as it is: " + platform::describe(error));

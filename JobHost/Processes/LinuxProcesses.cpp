@@ -31,11 +31,11 @@ using platform::UniqueFd;
 
 Result<std::unique_ptr<LinuxProcesses>> LinuxProcesses::create(
     platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host,
-    std::optional<JobGroups> groups) {
+    std::optional<JobGroups> groups, JobOutput output) {
   auto spawner = ProcessSpawner::create(originalDescriptorLimit, host);
   if (!spawner) return std::unexpected(std::move(spawner.error()));
   std::unique_ptr<LinuxProcesses> processes(
-      new LinuxProcesses(loop, *std::move(spawner), host, std::move(groups)));
+      new LinuxProcesses(loop, *std::move(spawner), host, std::move(groups), std::move(output)));
   if (auto started = processes->orphans_.start(); !started) {
     return std::unexpected(std::move(started.error()));
   }
@@ -43,11 +43,13 @@ Result<std::unique_ptr<LinuxProcesses>> LinuxProcesses::create(
 }
 
 LinuxProcesses::LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner,
-                               std::uint64_t host, std::optional<JobGroups> groups)
+                               std::uint64_t host, std::optional<JobGroups> groups,
+                               JobOutput output)
     : loop_(loop),
       spawner_(std::move(spawner)),
       host_(host),
       groups_(std::move(groups)),
+      output_(std::move(output)),
       orphans_(loop, [this](ProcessId process) { return children_.contains(process); }) {}
 
 Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
@@ -61,7 +63,7 @@ Result<std::unique_ptr<JobProcess>> LinuxProcesses::start(
     if (auto opened = groups_->open(*group)) groupFolder = *std::move(opened);
     if (groups_->haveWeights()) group->setWeight(priorityOf(job).weight);
   }
-  auto spawned = spawner_.spawn(job, ticket, listeners, groupFolder.get());
+  auto spawned = spawner_.spawn(job, ticket, listeners, groupFolder.get(), output_);
   if (!spawned) return std::unexpected(std::move(spawned.error()));
   StartFields identity;
   std::memcpy(&identity, ticket.record.data() + sizeof(RecordHeader), sizeof identity);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "JobHost/Processes/JobGroups.h"
+#include "JobHost/Processes/JobOutput.h"
 #include "JobHost/Processes/LinuxMarkedProcess.h"
 #include "JobHost/Processes/OrphanReaper.h"
 #include "JobHost/Processes/ProcessSpawner.h"
@@ -23,10 +24,10 @@ class LinuxProcesses final : public Processes {
   // Makes this process the parent of its children's orphans, permanently. `loop` outlives this.
   // `originalDescriptorLimit` is the soft limit that the processes get, and `host` the hostMark()
   // in their marks. Without `groups`, a process that leaves its process group is known by its mark
-  // alone.
+  // alone. `output` is for openStandardFiles().
   static platform::Result<std::unique_ptr<LinuxProcesses>> create(
       platform::AsioRunLoop& loop, std::uint64_t originalDescriptorLimit, std::uint64_t host,
-      std::optional<JobGroups> groups = std::nullopt);
+      std::optional<JobGroups> groups = std::nullopt, JobOutput output = {});
 
   platform::Result<std::unique_ptr<JobProcess>> start(
       const JobDefinition& job, const StartTicket& ticket,
@@ -46,12 +47,13 @@ class LinuxProcesses final : public Processes {
 
  private:
   LinuxProcesses(platform::AsioRunLoop& loop, ProcessSpawner spawner, std::uint64_t host,
-                 std::optional<JobGroups> groups);
+                 std::optional<JobGroups> groups, JobOutput output);
 
   platform::RunLoop& loop_;
   ProcessSpawner spawner_;
   const std::uint64_t host_;
   std::optional<JobGroups> groups_;
+  const JobOutput output_;
   // The children that the handles reap. The kernel reuses none of these numbers before that.
   std::unordered_set<platform::ProcessId> children_;
   OrphanReaper orphans_;

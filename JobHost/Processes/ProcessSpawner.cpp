@@ -7,6 +7,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -95,13 +96,12 @@ class DumpableKept {
 class ChildSetup {
  public:
   Result<void> prepare(const JobDefinition& job, const JobAccount& account, int null,
-                       std::span<const platform::Descriptor> listeners,
+                       std::span<const platform::Descriptor> listeners, const JobOutput& output,
                        std::uint64_t originalDescriptorLimit, const JobMark& mark);
 
   SpawnedChild child{};
 
  private:
-  Result<void> openFiles(const JobDefinition& job, const JobAccount& account, int null);
   Result<void> openProgram(const JobDefinition& job);
   Result<void> moveAboveThoseOfTheChild();
 
@@ -114,16 +114,6 @@ class ChildSetup {
   std::optional<ProgramFile> program_;
   UniqueFd movedProgram_;
 };
-
-Result<void> ChildSetup::openFiles(const JobDefinition& job, const JobAccount& account, int null) {
-  auto files = openStandardFiles(job, account);
-  if (!files) return std::unexpected(std::move(files.error()));
-  for (UniqueFd& file : *files) {
-    descriptors_.push_back(file ? file.get() : null);
-    if (file) opened_.push_back(std::move(file));
-  }
-  return {};
-}
 
 // The child must not overwrite a descriptor before it has copied it.
 Result<void> ChildSetup::moveAboveThoseOfTheChild() {
@@ -163,14 +153,20 @@ Result<void> ChildSetup::openProgram(const JobDefinition& job) {
 
 Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& account, int null,
                                  std::span<const platform::Descriptor> listeners,
-                                 std::uint64_t originalDescriptorLimit, const JobMark& mark) {
+                                 const JobOutput& output, std::uint64_t originalDescriptorLimit,
+                                 const JobMark& mark) {
   // execve() does not write to what it is given.
   for (const std::string& argument : job.arguments) {
     arguments_.push_back(const_cast<char*>(argument.c_str()));
   }
   arguments_.push_back(nullptr);
   environment_.emplace(job, account, !listeners.empty(), mark);
-  if (auto opened = openFiles(job, account, null); !opened) return opened;
+  auto files = openStandardFiles(job, account, output);
+  if (!files) return std::unexpected(std::move(files.error()));
+  for (UniqueFd& file : *files) {
+    descriptors_.push_back(file ? file.get() : null);
+    if (file) opened_.push_back(std::move(file));
+  }
   descriptors_.insert(descriptors_.end(), listeners.begin(), listeners.end());
   if (auto opened = openProgram(job); !opened) return opened;
   if (auto moved = moveAboveThoseOfTheChild(); !moved) return moved;
@@ -334,7 +330,7 @@ ProcessSpawner::~ProcessSpawner() {
 
 Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const StartTicket& ticket,
                                            std::span<const platform::Descriptor> listeners,
-                                           platform::Descriptor group) {
+                                           platform::Descriptor group, const JobOutput& output) {
   const auto failed = [&](Error error) {
     error.context.insert(0, fmt::format("job {}: ", platform::quotedInMessage(job.label)));
     return std::unexpected(std::move(error));
@@ -353,8 +349,8 @@ Result<StartedChild> ProcessSpawner::spawn(const JobDefinition& job, const Start
   StartFields start;
   std::memcpy(&start, ticket.record.data() + sizeof(RecordHeader), sizeof start);
   const JobMark mark{host_, start.startedAt, job.label, 0, job.abandonsProcessGroup};
-  if (auto prepared =
-          setup.prepare(job, *account, null_.get(), listeners, originalDescriptorLimit_, mark);
+  if (auto prepared = setup.prepare(job, *account, null_.get(), listeners, output,
+                                    originalDescriptorLimit_, mark);
       !prepared) {
     return failed(std::move(prepared.error()));
   }

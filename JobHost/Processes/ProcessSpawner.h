@@ -7,6 +7,7 @@
 #include "JobHost/Definitions/JobAccount.h"
 #include "JobHost/Definitions/JobDefinition.h"
 #include "JobHost/Processes/ChildStart.h"
+#include "JobHost/Processes/JobOutput.h"
 #include "JobHost/State/StartTicket.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Platform/Processes/ExitWatcher.h"
@@ -48,10 +49,10 @@ class ProcessSpawner {
   // killed.
   //
   // The process begins in the control group of the descriptor `group`, if that is not -1 and the
-  // system permits it. Nothing that it starts is ever outside.
+  // system permits it. Nothing that it starts is ever outside. `output` is for openStandardFiles().
   platform::Result<Spawned> spawn(const JobDefinition& job, const StartTicket& ticket,
                                   std::span<const platform::Descriptor> listeners,
-                                  platform::Descriptor group = -1);
+                                  platform::Descriptor group = -1, const JobOutput& output = {});
 
   // Whether each pidfd has an inode number that is unique in this boot.
   bool hasUniquePidfds() const { return hasUniquePidfds_; }

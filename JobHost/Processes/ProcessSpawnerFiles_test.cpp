@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <fstream>
+#include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
@@ -45,6 +47,48 @@ TEST_F(ProcessSpawnerTest, AFileThatExistsIsOpenedOnce) {
   awaitEnd(*spawned);
   EXPECT_THAT(eventsOf(watch), ElementsAre(IN_OPEN, IN_MODIFY, IN_CLOSE_WRITE));
   EXPECT_EQ(output(), "before\nafter\n");
+}
+
+class UnnamedFilesTest : public ProcessSpawnerTest {
+ protected:
+  UniqueFd openOutput() const {
+    return UniqueFd(
+        ::open(folder_.path("output").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  }
+
+  std::string printedBy(const JobDefinition& job, const JobOutput& output) {
+    record_ = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
+    const auto spawned = spawner_->spawn(job, {file_.get(), record_}, {}, -1, output);
+    EXPECT_TRUE(spawned);
+    if (spawned) awaitEnd(*spawned);
+    return this->output();
+  }
+
+  JobDefinition silentScript() const {
+    JobDefinition job = script("echo out; echo err >&2");
+    job.standardOutPath = job.standardErrorPath = "/dev/null";
+    return job;
+  }
+};
+
+TEST_F(UnnamedFilesTest, BothGoToTheJobsOutput) {
+  const auto open = [this](const JobDefinition&, const JobAccount&) { return openOutput(); };
+  EXPECT_EQ(printedBy(silentScript(), open), "out\nerr\n");
+}
+
+TEST_F(UnnamedFilesTest, AFileThatTheJobNamesStays) {
+  const auto open = [this](const JobDefinition&, const JobAccount&) { return openOutput(); };
+  JobDefinition job = silentScript();
+  job.standardOutPath = folder_.path("own");
+  EXPECT_EQ(printedBy(job, open), "err\n");
+  EXPECT_EQ(platform::contentOfFile(folder_.path("own")), "out\n");
+}
+
+TEST_F(UnnamedFilesTest, AJobStartsWithoutItsOutput) {
+  const auto none = [](const JobDefinition&, const JobAccount&) { return UniqueFd(); };
+  JobDefinition job = silentScript();
+  job.arguments = {"sh", "-c", "readlink /proc/self/fd/2 >" + folder_.path("output")};
+  EXPECT_EQ(printedBy(job, none), "/dev/null\n");
 }
 
 }  // namespace

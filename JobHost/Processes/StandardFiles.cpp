@@ -51,10 +51,24 @@ Result<UniqueFd> openStandardFile(std::string_view key, const std::string& path,
   return file;
 }
 
+// Both files are one, so that their lines keep their order. Without a descriptor the process gets
+// /dev/null.
+void openOutput(const JobDefinition& job, const JobAccount& account, const JobOutput& output,
+                std::array<UniqueFd, 3>& opened) {
+  if (!output || (opened[STDOUT_FILENO] && opened[STDERR_FILENO])) return;
+  UniqueFd file = output(job, account);
+  if (!file) return;
+  if (!opened[STDOUT_FILENO] && !opened[STDERR_FILENO])
+    opened[STDERR_FILENO].reset(::fcntl(file.get(), F_DUPFD_CLOEXEC, 0));
+  UniqueFd& place = opened[STDOUT_FILENO] ? opened[STDERR_FILENO] : opened[STDOUT_FILENO];
+  place = std::move(file);
+}
+
 }  // namespace
 
 Result<std::array<UniqueFd, 3>> openStandardFiles(const JobDefinition& job,
-                                                  const JobAccount& account) {
+                                                  const JobAccount& account,
+                                                  const JobOutput& output) {
   struct StandardFile {
     std::string_view key;
     const std::string& path;
@@ -80,6 +94,8 @@ Result<std::array<UniqueFd, 3>> openStandardFiles(const JobDefinition& job,
     if (!file) return std::unexpected(std::move(file.error()));
     opened[i] = *std::move(file);
   }
+  identity.reset();
+  openOutput(job, account, output, opened);
   return opened;
 }
 

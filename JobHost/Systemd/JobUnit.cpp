@@ -88,9 +88,10 @@ std::uint64_t capabilitiesOfStarter(const JobDefinition& job, const JobAccount& 
   return capabilities;
 }
 
-void addStandardFile(const char* name, int descriptor, std::vector<UnitProperty>& to) {
+void addStandardFile(const char* name, int descriptor, bool printsToJournal,
+                     std::vector<UnitProperty>& to) {
   if (descriptor < 0) {
-    to.push_back({name, std::string("null")});
+    to.push_back({name, std::string(printsToJournal ? "journal" : "null")});
   } else {
     to.push_back({fmt::format("{}FileDescriptor", name), UnitDescriptor{descriptor}});
   }
@@ -188,8 +189,10 @@ Result<std::vector<UnitProperty>> propertiesOf(const JobDefinition& job, const J
       {"UMask", std::uint32_t{job.umask.value_or(kUmaskOfUnits)}},
       {"Environment", environmentOf(job, account)},
   };
-  addStandardFile("StandardOutput", surroundings.outputDescriptor, properties);
-  addStandardFile("StandardError", surroundings.errorDescriptor, properties);
+  const bool printsToJournal = surroundings.printsToJournal;
+  addStandardFile("StandardOutput", surroundings.outputDescriptor, printsToJournal, properties);
+  addStandardFile("StandardError", surroundings.errorDescriptor, printsToJournal, properties);
+  if (printsToJournal) properties.push_back({"SyslogIdentifier", job.label});
   // A host that is stopped ends its jobs itself, in their order. Only then systemd may end what is
   // left.
   if (!surroundings.hostUnit.empty())

@@ -47,6 +47,7 @@ struct UnitSurroundings {
   int starterDescriptor = -1;  // the starter's end of its channel
   int outputDescriptor = -1;   // the open standard files, -1 for /dev/null
   int errorDescriptor = -1;
+  bool printsToJournal = false;  // instead of /dev/null
 };
 
 // The properties for StartTransientUnit. Fails as limitsOf().

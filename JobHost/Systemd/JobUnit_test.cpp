@@ -218,5 +218,17 @@ TEST(JobUnitTest, AnEndIsAsTheKernelReportsIt) {
   EXPECT_EQ(endingOf(0, 0), Ending());
 }
 
+TEST(JobUnitTest, WithTheJournalOnlyUnnamedFilesGoThere) {
+  UnitSurroundings surroundings;
+  surroundings.errorDescriptor = 7;
+  surroundings.printsToJournal = true;
+  const auto properties = propertiesWith({}, surroundings);
+  EXPECT_THAT(properties,
+              IsSupersetOf({UnitProperty{"StandardOutput", std::string("journal")},
+                            UnitProperty{"SyslogIdentifier", std::string("com.example.job")}}));
+  EXPECT_EQ(find(properties, "StandardError"), std::nullopt);
+  EXPECT_THAT(propertiesWith({}), Contains(UnitProperty{"StandardOutput", std::string("null")}));
+}
+
 }  // namespace
 }  // namespace jobhost

@@ -128,7 +128,7 @@ Result<std::unique_ptr<JobProcess>> SystemdProcesses::start(
   };
   auto account = lookUpAccount(job.userName, job.groupName);
   if (!account) return failed(std::move(account.error()));
-  auto files = openStandardFiles(job, *account);
+  auto files = openStandardFiles(job, *account, options_.output);
   if (!files) return failed(std::move(files.error()));
   auto& [input, output, error] = *files;
   if (!input) input.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -196,7 +196,8 @@ Result<void> SystemdProcesses::startUnit(const std::string& unit, const JobDefin
                                          const JobAccount& account, const StarterChannel& channel,
                                          int output, int error) {
   const UnitSurroundings surroundings{
-      slice_, options_.starter, hostUnit_, channel.endOfStarter(), output, error};
+      slice_, options_.starter,        hostUnit_, channel.endOfStarter(), output,
+      error,  options_.printsToJournal};
   const auto properties = propertiesOf(job, account, surroundings);
   if (!properties) return std::unexpected(properties.error());
   for (int attempt = 1;; ++attempt) {

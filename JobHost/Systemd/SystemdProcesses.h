@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "JobHost/Processes/JobOutput.h"
 #include "JobHost/Processes/LinuxProcesses.h"
 #include "JobHost/Processes/Processes.h"
 #include "JobHost/Systemd/StarterChannel.h"
@@ -21,6 +22,8 @@ struct SystemdOptions {
   std::uint64_t host;   // the hostMark()
   std::string starter;  // the path of the program that systemd executes, and which becomes the
                         // job's program
+  JobOutput output{};   // for openStandardFiles()
+  bool printsToJournal = false;  // if there is no `output`: systemd connects it
 };
 
 // Processes that systemd starts, each in a transient unit of its own. The rules of restarts, the

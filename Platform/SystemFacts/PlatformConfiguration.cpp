@@ -148,6 +148,21 @@ bool readJobBackend(const Value& value, Configuration& configuration) {
   return true;
 }
 
+bool readServiceOutput(const Value& value, Configuration& configuration) {
+  const std::string* name = value.string();
+  if (!name) return false;
+  if (*name == "log") {
+    configuration.serviceOutput = Configuration::ServiceOutput::kLog;
+  } else if (*name == "journal") {
+    configuration.serviceOutput = Configuration::ServiceOutput::kJournal;
+  } else if (*name == "discard") {
+    configuration.serviceOutput = Configuration::ServiceOutput::kDiscard;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 bool readLogSink(const Value& value, Configuration& configuration) {
   const std::string* name = value.string();
   if (!name) return false;
@@ -198,6 +213,7 @@ constexpr std::array kKeys{
     Key{"NotificationBus", "\"system\" or a D-Bus address (\"unix:path=...\")",
         readNotificationBus},
     Key{"JobBackend", "\"embedded\" or \"systemd\"", readJobBackend},
+    Key{"ServiceOutput", "\"log\", \"journal\" or \"discard\"", readServiceOutput},
     Key{"LogSink", "\"journal\", \"syslog\" or \"file\"", readLogSink},
     Key{"LogLevel", "an integer from 0 to 7", readLogLevel},
 };

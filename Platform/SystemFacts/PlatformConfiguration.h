@@ -17,6 +17,7 @@ namespace platform {
 struct PlatformConfiguration {
   enum class LogSink { kJournal, kSyslog, kFile };
   enum class JobBackend { kEmbedded, kSystemd };
+  enum class ServiceOutput { kLog, kJournal, kDiscard };
 
   // The folder above every path of the platform layer: absolute, without a slash at its end unless
   // it is "/".
@@ -63,6 +64,10 @@ struct PlatformConfiguration {
   // "JobBackend": "embedded" or "systemd", which starts the processes of jobs: the job host itself,
   // or systemd in transient units.
   JobBackend jobBackend = JobBackend::kEmbedded;
+
+  // "ServiceOutput": "log", "journal" or "discard". The output of jobs whose standard files are
+  // /dev/null goes to a file for each label, to the journal, or nowhere.
+  ServiceOutput serviceOutput = ServiceOutput::kLog;
 };
 
 // The path of a file below a platform root: "/etc/file" or "ROOT/etc/file" for "etc/file".

@@ -36,12 +36,20 @@ TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   EXPECT_FALSE(configuration.notificationBus);
   EXPECT_FALSE(configuration.logSink);
   EXPECT_EQ(configuration.logLevel, 7);
+  EXPECT_EQ(configuration.serviceOutput, PlatformConfiguration::ServiceOutput::kLog);
 }
 
 TEST(PlatformConfigurationTest, ThePlatformChoosesAnUnnamedLogSink) {
   EXPECT_FALSE(parse({})->logSink);
   EXPECT_EQ(parse({{"LogSink", "journal"}})->logSink, PlatformConfiguration::LogSink::kJournal);
   EXPECT_EQ(parse({{"LogSink", "syslog"}})->logSink, PlatformConfiguration::LogSink::kSyslog);
+}
+
+TEST(PlatformConfigurationTest, TheOutputOfServicesHasThreePlaces) {
+  using Output = PlatformConfiguration::ServiceOutput;
+  EXPECT_EQ(parse({{"ServiceOutput", "log"}})->serviceOutput, Output::kLog);
+  EXPECT_EQ(parse({{"ServiceOutput", "journal"}})->serviceOutput, Output::kJournal);
+  EXPECT_EQ(parse({{"ServiceOutput", "discard"}})->serviceOutput, Output::kDiscard);
 }
 
 TEST(PlatformConfigurationTest, EveryKeyIsRead) {
@@ -54,6 +62,7 @@ TEST(PlatformConfigurationTest, EveryKeyIsRead) {
                                     {"Languages", Array{"de", "en"}},
                                     {"NotificationBus", "unix:path=/run/bus"},
                                     {"JobBackend", "embedded"},
+                                    {"ServiceOutput", "discard"},
                                     {"LogSink", "file"},
                                     {"LogLevel", 3}});
   ASSERT_TRUE(configuration) << configuration.error().context;
@@ -153,6 +162,8 @@ TEST(PlatformConfigurationTest, AWrongValueNamesFileKeyAndExpectation) {
       {"JobBackend", 1, "\"embedded\" or \"systemd\""},
       {"LogSink", "stderr", "\"journal\", \"syslog\" or \"file\""},
       {"LogSink", Dictionary(), "\"journal\", \"syslog\" or \"file\""},
+      {"ServiceOutput", "file", "\"log\", \"journal\" or \"discard\""},
+      {"ServiceOutput", false, "\"log\", \"journal\" or \"discard\""},
       {"LogLevel", -1, "an integer from 0 to 7"},
       {"LogLevel", 8, "an integer from 0 to 7"},
       {"LogLevel", true, "an integer from 0 to 7"},

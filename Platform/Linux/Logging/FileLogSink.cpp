@@ -41,8 +41,8 @@ std::unexpected<Error> notRegular(const std::string& path) {
 
 }  // namespace
 
-FileLogSink::FileLogSink(std::string path, Limits limits)
-    : path_(std::move(path)), limits_{limits.bytes, std::max(limits.kept, 1U)} {}
+FileLogSink::FileLogSink(std::string path, Limits limits, Line kind)
+    : path_(std::move(path)), limits_{limits.bytes, std::max(limits.kept, 1U)}, kind_(kind) {}
 
 Result<void> FileLogSink::write(const LogRecord& record) {
   const std::lock_guard lock(mutex_);
@@ -113,14 +113,16 @@ void FileLogSink::appendTime(const LogRecord& record) {
 void FileLogSink::composeLine(const LogRecord& record) {
   line_.clear();
   appendTime(record);
-  appendEscaped(line_, host_, " ");
-  line_ += ' ';
-  appendEscaped(line_, record.ident, "[");
-  fmt::format_to(std::back_inserter(line_), "[{}] (", ::getpid());
-  appendEscaped(line_, record.facility, ")");
-  line_ += ") <";
-  line_ += levelName(record.level);
-  line_ += "> ";
+  if (kind_ == Line::kWhole) {
+    appendEscaped(line_, host_, " ");
+    line_ += ' ';
+    appendEscaped(line_, record.ident, "[");
+    fmt::format_to(std::back_inserter(line_), "[{}] (", ::getpid());
+    appendEscaped(line_, record.facility, ")");
+    line_ += ") <";
+    line_ += levelName(record.level);
+    line_ += "> ";
+  }
   appendEscaped(line_, record.message);
   line_ += '\n';
 }

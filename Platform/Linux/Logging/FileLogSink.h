@@ -35,8 +35,13 @@ class FileLogSink final : public LogSink {
     unsigned kept = 5;
   };
 
+  enum class Line {
+    kWhole,
+    kTimeAndText,  // "TIME MESSAGE"
+  };
+
   explicit FileLogSink(std::string path) : FileLogSink(std::move(path), Limits{}) {}
-  FileLogSink(std::string path, Limits limits);
+  FileLogSink(std::string path, Limits limits, Line kind = Line::kWhole);
 
   Result<void> write(const LogRecord& record) override;
 
@@ -51,6 +56,7 @@ class FileLogSink final : public LogSink {
 
   const std::string path_;
   const Limits limits_;
+  const Line kind_;
 
   std::mutex mutex_;
   UniqueFd file_;

@@ -1,0 +1,180 @@
+#include "JobHost/Output/OutputReader.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/Testing/Machine/TemporaryFolder.h"
+
+namespace jobhost {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::UniqueFd;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr auto kReaderDeadline = 60s;
+
+// Keeps the lines that the reader's thread passes on.
+class AwaitedLines final : public platform::LogSink {
+ public:
+  platform::Result<void> write(const platform::LogRecord& record) override {
+    const std::lock_guard lock(mutex_);
+    lines_.push_back(std::string(record.ident) + ": " + std::string(record.message));
+    changed_.notify_all();
+    return {};
+  }
+
+  // Waits for so many lines.
+  std::vector<std::string> await(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    EXPECT_TRUE(changed_.wait_for(lock, kReaderDeadline, [&] { return lines_.size() >= count; }));
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+};
+
+void print(const UniqueFd& file, const std::string& text) {
+  EXPECT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+class OutputReaderTest : public testing::Test {
+ protected:
+  OutputReaderTest() { startReader(); }
+
+  void startReader() {
+    auto reader = OutputReader::create(folder_.path(), lines_, platform::monotonicTime);
+    ASSERT_TRUE(reader) << platform::describe(reader.error());
+    reader_ = *std::move(reader);
+    const auto takenOver = reader_->takeOver();
+    EXPECT_TRUE(takenOver) << platform::describe(takenOver.error());
+  }
+
+  // The standard output of a process of that name.
+  UniqueFd open(const std::string& name) {
+    auto opened = reader_->open(name, ::geteuid());
+    EXPECT_TRUE(opened) << platform::describe(opened.error());
+    return opened ? *std::move(opened) : UniqueFd();
+  }
+
+  bool hasPipe(const std::string& name) const {
+    return std::filesystem::exists(folder_.path(name));
+  }
+
+  // A reader that has read to the end of a pipe removes it.
+  void awaitEndOf(const std::string& name) const {
+    const platform::Instant begin = platform::monotonicTime();
+    while (hasPipe(name) && platform::monotonicTime() - begin < kReaderDeadline)
+      ::poll(nullptr, 0, 1);
+    EXPECT_FALSE(hasPipe(name));
+  }
+
+  platform::TemporaryFolder folder_;
+  AwaitedLines lines_;
+  std::unique_ptr<OutputReader> reader_;
+};
+
+TEST_F(OutputReaderTest, PassesOnWhatIsPrinted) {
+  const UniqueFd a = open("a");
+  const UniqueFd b = open("b");
+  print(a, "one\n");
+  lines_.await(1);
+  print(b, "two\n");
+  EXPECT_THAT(lines_.await(2), ElementsAre("a: one", "b: two"));
+}
+
+TEST_F(OutputReaderTest, ALastLineNeedsNoEnd) {
+  UniqueFd a = open("a");
+  print(a, "last words");
+  a.reset();
+  EXPECT_THAT(lines_.await(1), ElementsAre("a: last words"));
+  awaitEndOf("a");
+}
+
+TEST_F(OutputReaderTest, TheNextProcessOfALabelIsRead) {
+  for (int i = 0; i < 50; ++i) {
+    const UniqueFd a = open("a");
+    print(a, "line\n");
+  }
+  lines_.await(50);
+  awaitEndOf("a");
+}
+
+TEST_F(OutputReaderTest, AProcessPrintsWithoutAReaderAndTheNextOneReads) {
+  const UniqueFd a = open("a");
+  reader_.reset();
+  print(a, "nobody reads\n");  // A pipe without a reader would end the process.
+  EXPECT_TRUE(hasPipe("a"));
+  startReader();
+  print(a, "again\n");
+  EXPECT_THAT(lines_.await(2), ElementsAre("a: nobody reads", "a: again"));
+}
+
+TEST_F(OutputReaderTest, TheNextReaderRemovesPipesWithoutAProcess) {
+  UniqueFd a = open("a");
+  reader_->stop();
+  a.reset();
+  ASSERT_TRUE(hasPipe("a"));
+  ASSERT_EQ(::mkfifo(folder_.path("b").c_str(), 0600), 0);
+  reader_.reset();
+  startReader();
+  EXPECT_FALSE(hasPipe("a"));
+  EXPECT_FALSE(hasPipe("b"));
+}
+
+TEST_F(OutputReaderTest, AStoppedReaderHasPassedOnEverythingAndGoesOn) {
+  const UniqueFd a = open("a");
+  print(a, "before");
+  reader_->stop();
+  EXPECT_THAT(lines_.await(1), ElementsAre("a: before"));
+  print(a, "meanwhile\n");
+  ASSERT_TRUE(reader_->start());
+  EXPECT_THAT(lines_.await(2), ElementsAre("a: before", "a: meanwhile"));
+}
+
+TEST_F(OutputReaderTest, AnUnfinishedLineOfALivingProcessIsPassedOn) {
+  const UniqueFd a = open("a");
+  print(a, "password: ");
+  EXPECT_THAT(lines_.await(1), ElementsAre("a: password: "));
+}
+
+TEST_F(OutputReaderTest, AFloodHoldsUpNeitherItsProcessNorOthers) {
+  const UniqueFd flood = open("flood");
+  const UniqueFd a = open("a");
+  const std::string text(60'000, 'x');
+  for (int i = 0; i < 200; ++i) print(flood, text + "\n");
+  print(a, "calm\n");
+  for (std::size_t count = 1;; ++count) {
+    const auto lines = lines_.await(count);
+    if (lines.size() < count || lines.back() == "a: calm") break;
+    ASSERT_LT(lines.size(), 1000U);
+  }
+}
+
+TEST_F(OutputReaderTest, AFileInAPipesPlaceIsRefused) {
+  folder_.write("a", "");
+  EXPECT_FALSE(reader_->open("a", ::geteuid()));
+  EXPECT_EQ(::symlink("/dev/null", folder_.path("b").c_str()), 0);
+  EXPECT_FALSE(reader_->open("b", ::geteuid()));
+  EXPECT_THAT(lines_.await(0), IsEmpty());
+}
+
+}  // namespace
+}  // namespace jobhost

@@ -1,0 +1,81 @@
+#include "JobHost/Output/ServiceOutput.h"
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "JobHost/Output/JournalStream.h"
+#include "JobHost/Output/OutputFiles.h"
+#include "Platform/Linux/Logging/ServiceOutputFile.h"
+#include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/Texts/QuotedText.h"
+
+namespace jobhost {
+
+using platform::Result;
+using platform::UniqueFd;
+using Kind = platform::PlatformConfiguration::ServiceOutput;
+
+ServiceOutput::ServiceOutput(Kind kind, const std::string& root, platform::SystemLog& log)
+    : kind_(kind),
+      log_(log),
+      files_(std::make_unique<OutputFiles>(platform::serviceOutputFolder(root))) {}
+
+Result<std::unique_ptr<ServiceOutput>> ServiceOutput::create(
+    const platform::PlatformConfiguration& configuration, std::string pipes,
+    platform::SystemLog& log) {
+  std::unique_ptr<ServiceOutput> output(
+      new ServiceOutput(configuration.serviceOutput, configuration.root, log));
+  auto reader = OutputReader::create(std::move(pipes), output->files_, platform::monotonicTime);
+  if (!reader) return std::unexpected(std::move(reader.error()));
+  output->reader_ = *std::move(reader);
+  return output;
+}
+
+void ServiceOutput::takeOver() {
+  if (const auto takenOver = reader_->takeOver(); !takenOver) {
+    log_.asl_log(
+        nullptr, platform::ASL_LEVEL_ERR,
+        "the output of some services is not read: " + platform::describe(takenOver.error()));
+  }
+}
+
+JobOutput ServiceOutput::output() {
+  if (kind_ == Kind::kDiscard) return {};
+  return
+      [this](const JobDefinition& job, const JobAccount& account) { return openFor(job, account); };
+}
+
+UniqueFd ServiceOutput::openFor(const JobDefinition& job, const JobAccount& account) {
+  auto opened = kind_ == Kind::kJournal
+                    ? openJournalStream(job.label)
+                    : reader_->open(platform::outputNameOf(job.label), account.user);
+  if (!opened) {
+    noteFailure(job.label, opened.error());
+    return {};
+  }
+  hasFailed_ = false;
+  return *std::move(opened);
+}
+
+// Once until it succeeds: a crash loop must not fill the log with this.
+void ServiceOutput::noteFailure(const std::string& label, const platform::Error& error) {
+  if (std::exchange(hasFailed_, true)) return;
+  log_.asl_log(nullptr, platform::ASL_LEVEL_WARNING,
+               fmt::format("job {}: its output is lost: {}", platform::quotedInMessage(label),
+                           platform::describe(error)));
+}
+
+void ServiceOutput::stop(platform::Duration limit) {
+  reader_->stop();
+  files_.flush(limit);
+}
+
+void ServiceOutput::start() {
+  if (const auto started = reader_->start(); !started) {
+    log_.asl_log(nullptr, platform::ASL_LEVEL_ERR,
+                 "the output of services is not read: " + platform::describe(started.error()));
+  }
+}
+
+}  // namespace jobhost

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "JobHost/Output/OutputReader.h"
+#include "JobHost/Processes/JobOutput.h"
+#include "Platform/Linux/Logging/BufferedLogSink.h"
+#include "Platform/Logging/SystemLog.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
+#include "Platform/Values/Time.h"
+
+namespace jobhost {
+
+// Where the jobs print whose dictionaries name no files: "ServiceOutput" of the configuration.
+class ServiceOutput {
+ public:
+  // `pipes` is the folder of the pipes. `log` outlives this.
+  static platform::Result<std::unique_ptr<ServiceOutput>> create(
+      const platform::PlatformConfiguration& configuration, std::string pipes,
+      platform::SystemLog& log);
+  ServiceOutput(const ServiceOutput&) = delete;
+  ServiceOutput& operator=(const ServiceOutput&) = delete;
+
+  // It refers to this object.
+  JobOutput output();
+
+  // Goes on with the pipes that processes of an earlier host print to, whatever the configuration
+  // says now: they would wait as soon as their pipes are full. Only for the host that has the jobs.
+  void takeOver();
+
+  // Before the host is replaced: writes what has been read, within `limit`.
+  void stop(platform::Duration limit);
+  // If it was not replaced.
+  void start();
+
+ private:
+  ServiceOutput(platform::PlatformConfiguration::ServiceOutput kind, const std::string& root,
+                platform::SystemLog& log);
+
+  platform::UniqueFd openFor(const JobDefinition& job, const JobAccount& account);
+  void noteFailure(const std::string& label, const platform::Error& error);
+
+  const platform::PlatformConfiguration::ServiceOutput kind_;
+  platform::SystemLog& log_;
+  platform::BufferedLogSink files_;
+  std::unique_ptr<OutputReader> reader_;
+  bool hasFailed_ = false;
+};
+
+}  // namespace jobhost
