@@ -200,7 +200,7 @@ TEST_F(JobHostSearch, AProcessThatIsFoundAfterTheExitTimeOutIsKilledAtOnce) {
   EXPECT_TRUE(*answer);
 }
 
-TEST_F(JobHostSearch, WhatAForgottenJobHasStartedIsKilledAtOnce) {
+TEST_F(JobHostSearch, ProcessesOfAForgottenJobAreKilledAtOnce) {
   ASSERT_TRUE(submit(job("com.example.a")));
   restartWithoutState();
   const auto descendant = processes_.addDescendant(101);

@@ -40,7 +40,7 @@ Result<void> prepareFolder(const fs::path& folder) {
   return std::unexpected(Error{ErrorCode::kInvalid, 0, folder.string() + " is not empty"});
 }
 
-Result<std::vector<fs::path>> filesOf(const fs::path& folder) {
+Result<std::vector<fs::path>> filesOfTemplate(const fs::path& folder) {
   std::error_code error;
   std::vector<fs::path> files;
   for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error))
@@ -87,7 +87,7 @@ std::optional<std::string> faultOfProductName(std::string_view name) {
 }
 
 Result<void> makeProductFolder(const ProductTemplates& templates, const std::string& folder) {
-  const auto files = filesOf(templates.folder);
+  const auto files = filesOfTemplate(templates.folder);
   if (!files) return std::unexpected(files.error());
   if (auto prepared = prepareFolder(folder); !prepared) return prepared;
   for (const fs::path& file : *files) {
