@@ -143,7 +143,8 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
                        .place = place,
                        .root = root,
                        .group = linuxPlatform.configuration.group,
-                       .isRoot = ::geteuid() == 0});
+                       .isRoot = ::geteuid() == 0,
+                       .configuration = &linuxPlatform.configuration});
 }
 
 int runXPCCommand(const XPCCommands& commands, platform::LinuxPlatform& linuxPlatform) {
@@ -256,6 +257,7 @@ int run(int argc, char** argv) {
   if (doctorCommand.parsed())
     return doctorCommand.run({linux.peerTransport, linux.configuration, linux.runLoop->wallTime(),
                               hostProgram(linux, !root.empty())});
+  if (logCommand.parsed() && !logCommand.isWholeFile()) return runServiceCommand(logCommand, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));
