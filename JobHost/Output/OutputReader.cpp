@@ -124,22 +124,19 @@ Result<UniqueFd> OutputReader::open(const std::string& name, uid_t user) {
 Result<void> OutputReader::takeOver() {
   const auto names = platform::namesInFolder(folder_, kMaximumNames);
   if (!names) return std::unexpected(names.error());
+  halt();
   std::optional<Error> failed;
-  {
-    const std::lock_guard lock(mutex_);
-    for (const std::string& name : *names) {
-      if (streams_.contains(name)) continue;
-      const auto added = add(name);
-      if (!added) {
-        failed = added.error();
-      } else if (readOnce(**added) == Found::kNoWriter) {
-        remove(**added);
-      }
+  for (const std::string& name : *names) {
+    if (streams_.contains(name)) continue;
+    const auto added = add(name);
+    if (!added) {
+      failed = added.error();
+    } else if (readOnce(**added) == Found::kNoWriter) {
+      remove(**added);
     }
-    if (!streams_.empty() && !failed) return startIfStopped();
   }
-  if (failed) return std::unexpected(*failed);
-  return {};
+  if (auto started = start(); !started || !failed) return started;
+  return std::unexpected(*std::move(failed));
 }
 
 Result<void> OutputReader::start() {
@@ -165,7 +162,7 @@ Result<void> OutputReader::startIfStopped() {
   return started;
 }
 
-void OutputReader::stop() {
+void OutputReader::halt() {
   if (!thread_.joinable()) return;
   isStopping_ = true;
   const std::uint64_t one = 1;
@@ -174,6 +171,10 @@ void OutputReader::stop() {
   thread_ = std::thread();
   std::uint64_t count = 0;
   static_cast<void>(!::read(wake_.get(), &count, sizeof count));
+}
+
+void OutputReader::stop() {
+  halt();
   std::vector<Stream*> unused;
   for (const auto& [name, stream] : streams_) {
     readOnce(*stream);

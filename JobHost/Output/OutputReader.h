@@ -60,6 +60,8 @@ class OutputReader {
   std::string pathOf(const std::string& name) const { return folder_ + "/" + name; }
   platform::Result<Stream*> add(const std::string& name);
   platform::Result<void> startIfStopped();
+  // Ends the thread; then this thread owns the streams.
+  void halt();
   void run();
   enum class Found { kBytes, kNothing, kNoWriter };
   Found readOnce(Stream& stream);

@@ -139,6 +139,14 @@ TEST_F(OutputReaderTest, TheNextReaderRemovesPipesWithoutAProcess) {
   EXPECT_FALSE(hasPipe("b"));
 }
 
+TEST_F(OutputReaderTest, TakesOverBesidePipesThatItReads) {
+  const UniqueFd a = open("a");
+  ASSERT_TRUE(reader_->takeOver());
+  print(a, "read once\n");
+  EXPECT_THAT(lines_.await(1), ElementsAre("a: read once"));
+  EXPECT_TRUE(hasPipe("a"));
+}
+
 TEST_F(OutputReaderTest, AStoppedReaderHasPassedOnEverythingAndGoesOn) {
   const UniqueFd a = open("a");
   print(a, "before");

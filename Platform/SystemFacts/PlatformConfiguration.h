@@ -58,8 +58,8 @@ struct PlatformConfiguration {
   // "LogSink": "journal", "syslog" or "file". If it is absent, the platform chooses.
   std::optional<LogSink> logSink;
 
-  // "LogLevel": the least severe level that is logged, 0 to 7.
-  int logLevel = 7;
+  // "LogLevel": the least severe level that is logged, 0 to 7. The default leaves out debug lines.
+  int logLevel = 6;
 
   // "JobBackend": "embedded" or "systemd", which starts the processes of jobs: the job host itself,
   // or systemd in transient units.

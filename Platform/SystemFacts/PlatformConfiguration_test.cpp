@@ -35,7 +35,7 @@ TEST(PlatformConfigurationTest, WithoutAFileThePlatformIsThePackagedOne) {
   EXPECT_THAT(configuration.languages, IsEmpty());
   EXPECT_FALSE(configuration.notificationBus);
   EXPECT_FALSE(configuration.logSink);
-  EXPECT_EQ(configuration.logLevel, 7);
+  EXPECT_EQ(configuration.logLevel, 6);
   EXPECT_EQ(configuration.serviceOutput, PlatformConfiguration::ServiceOutput::kLog);
 }
 

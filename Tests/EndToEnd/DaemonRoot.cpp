@@ -74,7 +74,7 @@ DaemonRoot::DaemonRoot(const std::string& configuration, const PrepareLog& prepa
   ::umask(022);  // A file that a test writes must not be writable for everybody.
   folder().write("etc/vantor/platform.plist",
                  "<plist version=\"1.0\"><dict><key>LogSink</key><string>file</string>"
-                 "<key>NotificationBus</key><string>" +
+                 "<key>LogLevel</key><integer>7</integer><key>NotificationBus</key><string>" +
                      busAddress(path()) + "</string>" + groupEntry() + configuration +
                      jobBackendEntry(configuration) + "</dict></plist>");
   folder().write("etc/vantor/anchors/authority.pem",

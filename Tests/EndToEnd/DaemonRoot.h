@@ -23,9 +23,9 @@
 
 namespace platform {
 
-// A platform root with the daemon in it, everything signed by a throw-away authority. A job host
-// and a private notification bus run there from the beginning, the daemon once it is started. The
-// test is one of the product's programs, with a loop of its own.
+// A platform root with the daemon in it, everything signed by a throw-away authority. Debug lines
+// are logged, too. A job host and a private notification bus run there from the beginning, the
+// daemon once it is started. The test is one of the product's programs, with a loop of its own.
 class DaemonRoot {
  public:
   static constexpr char kDaemon[] = "com.vantor.servicemanager";

@@ -11,6 +11,7 @@
 #include "Platform/NamedConnections/NSConnection.h"
 #include "Platform/NamedConnections/NamedConnections.h"
 #include "Platform/Peers/PeerTransport.h"
+#include "Platform/SystemFacts/PlatformConfiguration.h"
 #include "Platform/Values/Time.h"
 #include "Platform/Values/Value.h"
 
@@ -51,6 +52,8 @@ class DaemonClient {
     std::string root;                       // of the platform, for texts
     std::optional<std::string> group = {};  // of the product, for advice
     bool isRoot = false;                    // this user
+    // For commands that read the log.
+    const platform::PlatformConfiguration* configuration = nullptr;
   };
 
   // How to name the server in texts.

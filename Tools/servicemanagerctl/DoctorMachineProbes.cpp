@@ -87,7 +87,7 @@ KernelFact::Verity verityOf(const std::string& program) {
   return KernelFact::Verity::kUnknown;
 }
 
-std::optional<WallTime> timeOf(const ASN1_TIME* time) {
+std::optional<WallTime> validityTime(const ASN1_TIME* time) {
   const auto seconds = timeOfAsn1(time);
   return seconds ? std::optional<WallTime>(*seconds) : std::nullopt;
 }
@@ -246,8 +246,9 @@ Fact<AnchorsFact> probeAnchors(const std::string& root, WallTime now) {
   anchors.remarks = set->remarks;
   for (int i = 0; i < sk_X509_num(set->certificates.get()); ++i) {
     const X509* certificate = sk_X509_value(set->certificates.get(), i);
-    anchors.anchors.push_back({subjectOf(certificate), timeOf(X509_get0_notBefore(certificate)),
-                               timeOf(X509_get0_notAfter(certificate))});
+    anchors.anchors.push_back({subjectOf(certificate),
+                               validityTime(X509_get0_notBefore(certificate)),
+                               validityTime(X509_get0_notAfter(certificate))});
   }
   return anchors;
 }

@@ -49,6 +49,15 @@ Result<void> LogReader::skipToLast(std::size_t lines) {
   return {};
 }
 
+Result<void> LogReader::skipToLastBytes(off_t bytes) {
+  if (const auto opened = open(); !opened || !file_) return opened;
+  const off_t size = ::lseek(file_.get(), 0, SEEK_END);
+  const off_t begin = std::max<off_t>(0, size - bytes);
+  if (size < 0 || ::lseek(file_.get(), begin, SEEK_SET) < 0)
+    return std::unexpected(systemError(path_));
+  return {};
+}
+
 Result<std::string> LogReader::next() {
   for (;;) {
     if (!file_) {
@@ -61,6 +70,12 @@ Result<std::string> LogReader::next() {
     if (!part || !part->empty() || !replaced) return part;
     file_.reset();
   }
+}
+
+bool LogReader::isReading(const struct stat& file) const {
+  struct stat ours{};
+  return file_ && ::fstat(file_.get(), &ours) == 0 && ours.st_ino == file.st_ino &&
+         ours.st_dev == file.st_dev;
 }
 
 bool LogReader::isReplaced() const {

@@ -17,6 +17,7 @@
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
+#include "Tools/servicemanagerctl/ShownWait.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
 namespace {
@@ -160,6 +161,8 @@ ServiceCommands::ServiceCommands(CLI::App& app)
   for (CLI::App* command : {start_, stop_, restart_, begin_}) {
     command->add_option("label", labels_, "The services' labels")->required();
   }
+  for (CLI::App* command : {start_, restart_})
+    command->add_flag("--log", log_, "Show their log until they run or have failed");
 }
 
 bool ServiceCommands::parsed() const {
@@ -191,7 +194,7 @@ Answer<int> ServiceCommands::start(DaemonClient& userInterface,
   const auto catalogue = readCatalogueWith(environment, labels_);
   if (!catalogue) return std::unexpected(catalogue.error());
   {
-    const BlockedCallProgress progress(startOf(labels_));
+    const ShownWait shown(startOf(labels_), log_, environment, labels_);
     const auto done =
         request({"startServices:"}, userInterface, environment, startTime(labels_.size()));
     if (!done) return std::unexpected(done.error());
@@ -227,7 +230,7 @@ Answer<int> ServiceCommands::restart(DaemonClient& userInterface,
   const auto before = readStates(environment, *catalogue, labels_);
   if (!before) return std::unexpected(before.error());
   {
-    const BlockedCallProgress progress(restartOf(labels_, *catalogue));
+    const ShownWait shown(restartOf(labels_, *catalogue), log_, environment, labels_);
     const auto done = request({"stopServices:", "startServices:"}, userInterface, environment,
                               removalTime(labels_, *catalogue) + startTime(labels_.size()));
     if (!done) return std::unexpected(done.error());

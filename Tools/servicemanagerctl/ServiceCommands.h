@@ -61,6 +61,7 @@ class ServiceCommands {
   CLI::App* end_;
   bool json_ = false;
   bool wait_ = true;
+  bool log_ = false;
   std::optional<std::int64_t> timeOut_;  // in seconds
   std::vector<std::string> labels_;
 };

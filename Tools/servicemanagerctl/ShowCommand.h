@@ -1,10 +1,14 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "Tools/servicemanagerctl/DaemonClient.h"
+#include "Tools/servicemanagerctl/JobsReport.h"
 
 // "servicemanagerctl show LABEL".
 class ShowCommand {
@@ -21,8 +25,12 @@ class ShowCommand {
 
  private:
   Answer<std::string> show(const DaemonClient::Environment& environment) const;
+  std::string logAsText(const DaemonClient::Environment& environment, const JobState& job) const;
+  nlohmann::ordered_json logAsJson(const DaemonClient::Environment& environment,
+                                   const JobState& job) const;
 
   CLI::App* show_;
   std::string label_;
   bool json_ = false;
+  std::optional<std::size_t> lines_;
 };

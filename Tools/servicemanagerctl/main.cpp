@@ -159,7 +159,8 @@ int runServiceCommand(const Commands& commands, platform::LinuxPlatform& linuxPl
                        .place = place,
                        .root = root,
                        .group = linuxPlatform.configuration.group,
-                       .isRoot = ::geteuid() == 0});
+                       .isRoot = ::geteuid() == 0,
+                       .configuration = &linuxPlatform.configuration});
 }
 
 DoctorEnvironment doctorEnvironment(platform::LinuxPlatform& linux, std::string hostProgram) {
@@ -317,6 +318,7 @@ int run(int argc, char** argv) {
     return runServiceCommand(
         SupportQuestions{supportCommand, linux, hostProgram(linux, !root.empty())}, linux);
   if (topCommand.parsed()) return topCommand.run(*linux.runLoop, root);
+  if (logCommand.parsed() && !logCommand.isWholeFile()) return runServiceCommand(logCommand, linux);
   if (logCommand.parsed()) return logCommand.run(linux.configuration, *linux.runLoop);
   if (jobsCommands.parsed())
     return runJobsCommand(jobsCommands, linux, hostProgram(linux, !root.empty()));

@@ -40,6 +40,7 @@ _servicemanagerctl() {
     --type) choices='boolean integer real number string data' ;;
     --format) choices='text json sarif' ;;
     --to) choices='xml binary json' ;;
+    --level) choices='error warning notice info debug' ;;
   esac
   if [ "$previous" = --type ] && [ "${commands[0]}" = list ]; then choices='core feature'; fi
   if [ -n "$choices" ]; then
@@ -50,7 +51,7 @@ _servicemanagerctl() {
   case ${commands[*]:0:2} in
     '') words='list show start stop restart reload-settings is-running is-failed health explain extensions watch top
       installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor support-bundle metrics' ;;
-    list* | show | start* | stop* | restart* | is-* | explain | 'installer begin')
+    list* | show | start* | stop* | restart* | is-* | explain | log | log\ * | 'installer begin')
       if [[ $word != -* ]]; then
         _servicemanagerctl_complete_labels "$word" "${root[@]}"
         return
@@ -90,11 +91,13 @@ _servicemanagerctl() {
     if [ -z "${commands[*]}" ]; then words+=' --version'; fi
     case ${commands[*]:0:2} in
       list*) words+=' --wide --failed --type --fields --value' ;;
-      start* | stop* | restart*) words+=' --wait --no-wait --timeout' ;;
+      start* | restart*) words+=' --wait --no-wait --timeout --log' ;;
+      stop*) words+=' --wait --no-wait --timeout' ;;
       is-*) words+=' --quiet' ;;
       explain) words+=' --all --not-running' ;;
       health) words+=' --openmetrics' ;;
-      log) words+=' --follow' ;;
+      log | log\ *) words+=' --follow --since --this-run --level' ;;
+      show*) words+=' --lines' ;;
       metrics) words+=' --serve' ;;
       'settings set' | 'plist set') words+=' --type' ;;
       lint*) words+=' --strict --format --no-programs' ;;

@@ -36,7 +36,14 @@ complete -c servicemanagerctl -n '__servicemanagerctl_in explain' -l not-running
 complete -c servicemanagerctl -n '__servicemanagerctl_in health' -l openmetrics
 complete -c servicemanagerctl -n '__servicemanagerctl_in metrics' -l serve -r -F
 complete -c servicemanagerctl -n '__servicemanagerctl_in log' -s f -l follow
-for command in list start stop restart is-running is-failed 'installer begin'
+complete -c servicemanagerctl -n '__servicemanagerctl_in log' -l since -x
+complete -c servicemanagerctl -n '__servicemanagerctl_in log' -l this-run
+complete -c servicemanagerctl -n '__servicemanagerctl_in log' -l level -x -a 'error warning notice info debug'
+complete -c servicemanagerctl -n '__servicemanagerctl_in show' -l lines -x
+for command in start restart
+    complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -l log
+end
+for command in list start stop restart log is-running is-failed 'installer begin'
     complete -c servicemanagerctl -n "__servicemanagerctl_in $command" -a '(__servicemanagerctl_labels)'
 end
 for command in is-running is-failed

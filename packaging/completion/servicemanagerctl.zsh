@@ -27,18 +27,20 @@ elif [[ $words[CURRENT-1] == --type ]]; then
   [[ $commands[1] == list ]] && compadd core feature || compadd boolean integer real number string data
 elif [[ $words[CURRENT-1] == --format ]]; then
   compadd text json sarif
+elif [[ $words[CURRENT-1] == --level ]]; then
+  compadd error warning notice info debug
 elif [[ $words[CURRENT-1] == --to ]]; then
   compadd xml binary json
 elif [[ $words[CURRENT] == -* ]]; then
   compadd -- --help --version --json --root --wide --failed --fields --value --wait --no-wait --timeout --quiet --all \
     --not-running --openmetrics --follow --type --serve --strict --format --no-programs --catalogue --settings \
-    --release --product --diff --to --output
+    --release --product --diff --to --output --log --lines --since --this-run --level
 else
   case "$commands[1] $commands[2]" in
     ' ') compadd list show start stop restart reload-settings is-running is-failed health explain extensions watch top \
       installer settings log endpoints execinfo jobs lint explain-code plan new run plist platform log-test doctor \
       support-bundle metrics ;;
-    list\ * | show\ * | start\ * | stop\ * | restart\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
+    list\ * | show\ * | start\ * | stop\ * | restart\ * | log\ * | is-*\ * | explain\ * | 'installer begin') _servicemanagerctl_labels ;;
     'installer ') compadd begin end ;;
     'settings ') compadd list get set unset ;;
     settings\ *) (($#commands == 2)) &&

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/SystemCalls/UniqueFd.h"
+#include "Tools/servicemanagerctl/LabelLog.h"
+
+// Runs journalctl, and gives the lines that it prints. The destructor ends it.
+class JournalReader {
+ public:
+  // `arguments` without the program's name.
+  static platform::Result<std::unique_ptr<JournalReader>> start(std::vector<std::string> arguments);
+  JournalReader(const JournalReader&) = delete;
+  JournalReader& operator=(const JournalReader&) = delete;
+  ~JournalReader();
+
+  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
+  // not read the journal.
+  platform::Result<std::vector<std::string>> lines(bool waits);
+
+ private:
+  JournalReader(platform::UniqueFd output, int process)
+      : output_(std::move(output)), process_(process) {}
+
+  platform::UniqueFd output_;
+  int process_;
+  std::string rest_;
+};
+
+// The lines of the journal. It has more than a program can keep, so journalctl selects them.
+class JournalSource final : public LogSource {
+ public:
+  // `hasLog` says whether the lines of the service manager and the job host are there, too.
+  JournalSource(std::vector<std::string> labels, bool hasLog)
+      : labels_(std::move(labels)), hasLog_(hasLog) {}
+
+  platform::Result<std::vector<LogEntry>> read(LogFilter& filter, std::size_t most) override;
+  platform::Result<std::vector<LogEntry>> readNew(LogFilter& filter) override;
+
+ private:
+  const std::vector<std::string> labels_;
+  const bool hasLog_;
+  std::string cursor_;
+  std::unique_ptr<JournalReader> follower_;
+};
+
+// The arguments of journalctl for these lines.
+std::vector<std::string> journalArguments(const std::vector<std::string>& labels, bool hasLog,
+                                          const LogFilter& filter);

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Platform/Values/Time.h"
+#include "Tools/servicemanagerctl/DaemonClient.h"
+
+// When the present run of these services began, or the last run of one that does not run; the
+// earliest of them. Fails if none has run.
+Answer<platform::WallTime> beginOfRuns(const DaemonClient::Environment& environment,
+                                       const std::vector<std::string>& labels);
+
+// Fails if the service manager answers, and knows no service with one of the labels.
+Answer<void> checkLabels(const DaemonClient::Environment& environment,
+                         const std::vector<std::string>& labels);
