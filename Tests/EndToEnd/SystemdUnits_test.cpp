@@ -1,6 +1,7 @@
 // The units that the job host makes of jobs, and what becomes of them when systemd, an
 // administrator or the bus does something. Tests/boot-systemd boots a systemd for this program.
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -66,6 +67,26 @@ class SystemdUnits : public testing::Test {
     awaitThat([&] { return !copy()[kJobLastStatusKey].isNil(); });
     std::ifstream file(output_);
     return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  // Shell code. The first lets a process write its number.
+  static constexpr char kIgnoreTermination[] = "trap \"\" TERM; echo $$; ";
+  static constexpr char kStopItself[] = "kill -STOP $$; ";
+  // It starts a process that is forked twice, has a session of its own and not the job's mark.
+  static std::string runaway(const std::string& then) {
+    return std::string("(setsid /usr/bin/env -i /bin/sh -c '") + kIgnoreTermination + then +
+           "exec /bin/sleep 1000' &); ";
+  }
+  std::vector<ProcessId> writtenProcesses() const {
+    std::ifstream file(output_);
+    return {std::istream_iterator<ProcessId>(file), {}};
+  }
+  static bool isStopped(ProcessId process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(file, line);) {
+      if (line.starts_with("State:\tT")) return true;
+    }
+    return false;
   }
 
   Value copy() { return client_.jobs().SMJobCopyDictionary(kSMDomainSystemLaunchd, kLabel); }
@@ -280,6 +301,33 @@ TEST_F(SystemdUnits, AUnitOfTheAdministratorInTheSliceIsLeftAlone) {
   system({"/usr/bin/systemctl", "stop", unit});
   std::filesystem::remove(file);
   system({"/usr/bin/systemctl", "daemon-reload"});
+}
+
+TEST_F(SystemdUnits, ARemovalEndsTheWholeTree) {
+  expectSubmitted(jobOf("/bin/sh", {{"ProgramArguments",
+                                     Array{"/bin/sh", "-c",
+                                           runaway("") + runaway(kStopItself) + kIgnoreTermination +
+                                               kStopItself + "exec /bin/sleep 1000"}},
+                                    {"ExitTimeOut", 1},
+                                    {"StandardOutPath", output_}}));
+  awaitThat([&] { return writtenProcesses().size() == 3; });
+  const std::vector<ProcessId> tree = writtenProcesses();
+  awaitThat([&] { return std::ranges::count_if(tree, &isStopped) == 2; });
+  const Instant before = clock_->now();
+  EXPECT_TRUE(client_.jobs().SMJobRemove(kSMDomainSystemLaunchd, kLabel, nullptr, true));
+  awaitThat([&] { return std::ranges::none_of(tree, &isRunning); });
+  const Duration taken = clock_->now() - before;
+  RecordProperty("milliseconds", static_cast<int>(taken / 1ms));
+  EXPECT_LT(taken, 20s);  // the default time-out
+}
+
+TEST_F(SystemdUnits, TheEndOfALeaderEndsItsTree) {
+  const std::string ready = output_ + ".ready";
+  outputOf("mkfifo " + ready + "; " + runaway("echo >" + ready + "; ") + "read line <" + ready +
+           "; rm " + ready);
+  const std::vector<ProcessId> tree = writtenProcesses();
+  ASSERT_EQ(tree.size(), 1u);
+  awaitThat([&] { return !isRunning(tree[0]); });
 }
 
 TEST_F(SystemdUnits, RemainingProcessesAreKilledOrAbandoned) {
