@@ -90,9 +90,26 @@ std::string firstLine(std::string_view text) {
   return std::string(text.substr(0, text.find('\n')));
 }
 
-std::string topLineOf(const TopRow& row, std::size_t label) {
-  return fmt::format("{} {} {:>7} {:>6} {:>6} {}", fitted(row.label, label), fitted(row.state, 12),
-                     row.process, row.since, row.starts, row.why);
+// The widths of the columns before the reason. A narrow screen lacks two of them.
+struct Columns {
+  std::size_t label;
+  bool isNarrow;
+};
+
+Columns columnsFor(const std::vector<const TopRow*>& rows, std::size_t width) {
+  const bool isNarrow = width < 72;
+  // The others take 22 columns on a narrow screen and 36 on a wide one, and a reason needs some.
+  const std::size_t others = isNarrow ? 28 : 50;
+  std::size_t label = 5;
+  for (const TopRow* row : rows) label = std::max(label, row->label.size());
+  return {std::min(label, std::max(width, others + 10) - others), isNarrow};
+}
+
+std::string topLineOf(const TopRow& row, const Columns& columns) {
+  const std::string begin = fmt::format("{} {} {:>7} ", fitted(row.label, columns.label),
+                                        fitted(row.state, 12), row.process);
+  if (columns.isNarrow) return begin + row.why;
+  return begin + fmt::format("{:>6} {:>6} {}", row.since, row.starts, row.why);
 }
 
 }  // namespace
@@ -239,6 +256,7 @@ std::size_t TopModel::selection(const std::vector<const TopRow*>& rows) const {
 }
 
 void TopModel::select(std::ptrdiff_t step) {
+  said_.clear();
   const auto rows = shownRows();
   if (rows.empty()) return;
   const auto last = static_cast<std::ptrdiff_t>(rows.size()) - 1;
@@ -266,19 +284,18 @@ std::vector<TopLine> TopModel::linesOfList(std::size_t width, std::size_t height
   std::vector<TopLine> lines{
       {fmt::format("{} of {} services{}  {}", rows.size(), rows_.size(), filtered, problem_),
        problem_.empty() ? kPlain : kBad}};
-  // The state and the numbers take 36 columns, and the reason should have 20.
-  std::size_t label = 5;
-  for (const TopRow* row : rows) label = std::max(label, row->label.size());
-  label = std::min(label, width > 71 ? width - 56 : std::size_t{15});
+  const Columns columns = columnsFor(rows, width);
   lines.push_back(
-      {topLineOf({"LABEL", "STATE", "PID", "SINCE", "STARTS", "WHY"}, label), kHeading});
+      {topLineOf({"LABEL", "STATE", "PID", "SINCE", "STARTS", "WHY"}, columns), kHeading});
   const std::size_t room = height > kLinesAround ? height - kLinesAround : 0;
   const std::size_t selected = selection(rows);
   const std::size_t first = selected >= room && room > 0 ? selected - room + 1 : 0;
   for (std::size_t i = first; i < rows.size() && i < first + room; ++i)
-    lines.push_back({topLineOf(*rows[i], label), i == selected ? kSelected : lookOf(*rows[i])});
+    lines.push_back({topLineOf(*rows[i], columns), i == selected ? kSelected : lookOf(*rows[i])});
   lines.resize(std::max(lines.size(), room + 2));
-  lines.push_back({said_});
+  // The column of the reason may be too narrow for it.
+  const bool hasReason = said_.empty() && !rows.empty() && !rows[selected]->why.empty();
+  lines.push_back({hasReason ? rows[selected]->label + ": " + rows[selected]->why : said_});
   lines.push_back({footer(), kHeading});
   return lines;
 }

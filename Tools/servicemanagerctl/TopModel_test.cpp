@@ -16,7 +16,7 @@ using testing::Not;
 using testing::StartsWith;
 
 constexpr char kList[] =
-    "com.example.agent\trunning\t4711\t2026-01-31T11:59:00.5Z\t3\t\n"
+    "com.example.agent\trunning\t4711\t2026-01-31T11:59:00Z\t3\t\n"
     "com.example.filter\tstopped\t\t\t\tswitch off: common/On\n"
     "com.example.scanner\twaiting\t\t2026-01-31T11:00:00Z\t7\trestarts in 7 s\n";
 
@@ -52,7 +52,7 @@ TEST_F(TopModelTest, TheScreenFillsTheTerminal) {
     EXPECT_LE(lines.size(), static_cast<std::size_t>(height));
     for (const TopLine& line : lines) EXPECT_EQ(line.text.size(), static_cast<std::size_t>(width));
   }
-  EXPECT_THAT(screen(), HasSubstr("com.example.agent   running         4711   59 s      3"));
+  EXPECT_THAT(screen(), HasSubstr("com.example.agent   running         4711  1 min      3"));
   EXPECT_THAT(screen(), HasSubstr("restarts in 7 s"));
   EXPECT_THAT(screen(), StartsWith("3 of 3 services"));
 }
@@ -122,6 +122,12 @@ TEST_F(TopModelTest, APageIsTurnedAndClosed) {
   EXPECT_THAT(screen(), HasSubstr("line 99 "));
   press('q');
   EXPECT_THAT(screen(), StartsWith("3 of 3 services"));
+}
+
+TEST_F(TopModelTest, ANarrowScreenHasTheLabelAndBelowTheReason) {
+  press(top_keys::kEnd);
+  EXPECT_THAT(screen(60), HasSubstr("\ncom.example.scanner waiting            - restarts in 7 s"));
+  EXPECT_THAT(screen(40), HasSubstr("\ncom.example.scanner: restarts in 7 s"));
 }
 
 TEST_F(TopModelTest, HelpNamesEachKey) {

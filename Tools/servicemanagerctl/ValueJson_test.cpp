@@ -59,4 +59,13 @@ TEST(ValueJsonTest, ProgramsGetJsonAlsoOfIllFormedText) {
   EXPECT_EQ(dumped({{"path", "/\xff"}}), "{\n  \"path\": \"/\ufffd\"\n}\n");
 }
 
+TEST(ValueJsonTest, AnObjectHasAVersionAndAnArrayHasNone) {
+  EXPECT_EQ(dumpedAnswer({{"a", 1}, {"b", 2}}),
+            "{\n  \"a\": 1,\n  \"b\": 2,\n  \"version\": 1\n}\n");
+  EXPECT_EQ(dumpedAnswer(nlohmann::ordered_json::array()), "[]\n");
+  EXPECT_EQ(dumpedAnswer(nullptr), "null\n");
+  EXPECT_EQ(dumpedLine({{"event", "mode"}, {"mode", "normal"}}),
+            "{\"version\":1,\"event\":\"mode\",\"mode\":\"normal\"}\n");
+}
+
 }  // namespace
