@@ -32,13 +32,12 @@ ServerWords wordsOfHost(const DoctorFacts& facts) {
 }
 
 ServerWords wordsOfDaemon() {
-  return {
-      "daemon", "The service manager",
-      "\"servicemanagerctl jobs show com.vantor.servicemanager\" shows whether it runs, and the "
-      "log why one that runs is idle.",
-      "Find out what stops it, or kill it; the job host starts it again, and the services go "
-      "on.",
-      "Kill it; the job host starts the installed one, and the services go on."};
+  return {"daemon", "The service manager",
+          "\"servicemanagerctl jobs show com.vantor.servicemanager\" shows whether it runs, and "
+          "\"servicemanagerctl list\" why one that runs is idle.",
+          "Find out what stops it, or kill it; the job host starts it again, and the services go "
+          "on.",
+          "Kill it; the job host starts the installed one, and the services go on."};
 }
 
 ServerWords wordsOfBus(const DoctorFacts& facts) {
