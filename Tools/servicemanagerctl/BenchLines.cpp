@@ -11,13 +11,11 @@ BenchLines::BenchLines(const std::string& label, platform::Duration throttle)
     : mark_("job " + platform::quotedInMessage(label) + ": "), throttle_(throttle) {}
 
 std::optional<std::string> BenchLines::tell(std::string_view line, platform::Instant now) {
-  if (const std::size_t at = line.find(": its file is not loaded: "); at != line.npos) {
-    isRejected_ = true;
-    return std::string(line.substr(line.find("job ")));
-  }
   const std::size_t at = line.find(mark_);
   if (at == line.npos) return std::nullopt;
   std::string text(line.substr(at + mark_.size()));
+  // The host names the job's file before an error in it.
+  isRejected_ |= line.substr(0, at).ends_with(".plist: ");
   if (text.starts_with("started process ")) started_ = now;
   if (text == "removed") return "ended";
   if (text.starts_with("process ") && text.find(" ended (") != text.npos && !isEnding_)
