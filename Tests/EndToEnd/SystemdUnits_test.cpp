@@ -25,7 +25,9 @@ namespace platform {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 class SystemdUnits : public testing::Test {
@@ -169,6 +171,23 @@ TEST_F(SystemdUnits, AnExitStatusIsKnown) {
                                     {"KeepAlive", false},
                                     {"RunAtLoad", true}}));
   awaitThat([&] { return (copy()[kJobLastStatusKey].integer().value_or(0) & 0x7f) == SIGSEGV; });
+}
+
+// systemd would send them to the bus for as long as the host is subscribed.
+TEST_F(SystemdUnits, AStartCausesNoSignalsOfUnits) {
+  constexpr char kFence[] = "com.example.Fence";
+  ChildProgram monitor({"/usr/bin/dbus-monitor", "--system",
+                        "type='signal',path_namespace='/org/freedesktop/systemd1/unit'"},
+                       {});
+  while (monitor.nextLine().find("NameLost") == std::string::npos) {
+  }
+  expectSubmitted(jobOf(root_.program()));
+  system({"/usr/bin/dbus-send", "--system", "--type=signal", "/org/freedesktop/systemd1/unit/fence",
+          std::string(kFence) + ".Passed"});
+  std::vector<std::string> signals;
+  while (signals.empty() || signals.back().find(kFence) == std::string::npos)
+    signals.push_back(monitor.nextLine());
+  EXPECT_THAT(signals, Not(Contains(HasSubstr("PropertiesChanged"))));
 }
 
 TEST_F(SystemdUnits, ADropInOfTheAdministratorApplies) {

@@ -29,6 +29,15 @@ struct DBusServerClose {
 };
 using UniqueDBusServer = std::unique_ptr<DBusServer, DBusServerClose>;
 
+// Cancels the call, if it has no answer yet.
+struct DBusPendingCallCancel {
+  void operator()(DBusPendingCall* call) const {
+    dbus_pending_call_cancel(call);
+    dbus_pending_call_unref(call);
+  }
+};
+using UniqueDBusPendingCall = std::unique_ptr<DBusPendingCall, DBusPendingCallCancel>;
+
 class DBusErrorText {
  public:
   DBusErrorText() { dbus_error_init(&error_); }

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -57,28 +59,51 @@ Result<void> SystemdBus::connect() {
   if (!connection) return std::unexpected(std::move(connection.error()));
   connection_ = *std::move(connection);
   dbus_connection_set_exit_on_disconnect(connection_.get(), 0);
-  const UniqueDBusMessage hello(
-      dbus_message_new_method_call(kBusName, kBusObject, kBusName, "Hello"));
-  if (auto answer = callOnce(hello.get(), limit); !answer) {
+  std::vector<UniqueDBusMessage> hello;
+  hello.emplace_back(dbus_message_new_method_call(kBusName, kBusObject, kBusName, "Hello"));
+  if (auto answer = callOnce(hello, limit); !answer) {
     connection_.reset();
     return std::unexpected(std::move(answer.error()));
   }
   return {};
 }
 
-Result<UniqueDBusMessage> SystemdBus::callOnce(DBusMessage* message, Duration limit) {
+Result<std::vector<UniqueDBusMessage>> SystemdBus::callOnce(
+    const std::vector<UniqueDBusMessage>& messages, Duration limit) {
   const Instant start = monotonicNow();
+  std::vector<UniqueDBusPendingCall> calls;
+  for (const UniqueDBusMessage& message : messages) {
+    DBusPendingCall* call = nullptr;
+    dbus_connection_send_with_reply(connection_.get(), message.get(), &call, millisecondsOf(limit));
+    calls.emplace_back(call);
+  }
+  std::vector<UniqueDBusMessage> answers;
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    auto answer = answerTo(messages[i].get(), std::move(calls[i]), start, limit);
+    if (!answer) return std::unexpected(std::move(answer.error()));
+    answers.push_back(*std::move(answer));
+  }
+  return answers;
+}
+
+Result<UniqueDBusMessage> SystemdBus::answerTo(DBusMessage* message, UniqueDBusPendingCall call,
+                                               Instant start, Duration limit) {
+  const char* method = dbus_message_get_member(message);
+  if (!call) {  // The connection has ended, or there is no memory.
+    isHung_ = false;
+    return std::unexpected(
+        Error{ErrorCode::kSystem, 0, fmt::format("systemd: {}: no connection", method)});
+  }
+  dbus_pending_call_block(call.get());
+  UniqueDBusMessage answer(dbus_pending_call_steal_reply(call.get()));
   DBusErrorText error;
-  UniqueDBusMessage answer(dbus_connection_send_with_reply_and_block(
-      connection_.get(), message, millisecondsOf(limit), error.get()));
-  if (answer) {
+  if (answer && !dbus_set_error_from_message(error.get(), answer.get())) {
     isHung_ = false;
     return answer;
   }
   const bool isLate = (error.is(DBUS_ERROR_NO_REPLY) || error.is(DBUS_ERROR_TIMEOUT)) &&
                       monotonicNow() - start >= limit - kClockTolerance;
   isHung_ = isLate;
-  const char* method = dbus_message_get_member(message);
   if (isLate)
     return std::unexpected(
         Error{ErrorCode::kSystem, ETIMEDOUT, fmt::format("systemd: {}", method)});
@@ -88,24 +113,35 @@ Result<UniqueDBusMessage> SystemdBus::callOnce(DBusMessage* message, Duration li
   return std::unexpected(Error{code, 0, fmt::format("systemd: {}: {}", method, error.text())});
 }
 
-// If systemd is away, it is waited for.
 Result<UniqueDBusMessage> SystemdBus::call(const std::string& path, const char* interface,
                                            const char* method, const AppendArguments& append) {
+  auto answers = callEach(path, interface, method, {append});
+  if (!answers) return std::unexpected(std::move(answers.error()));
+  return std::move(answers->front());
+}
+
+// If systemd is away, it is waited for.
+Result<std::vector<UniqueDBusMessage>> SystemdBus::callEach(
+    const std::string& path, const char* interface, const char* method,
+    const std::vector<AppendArguments>& arguments) {
   const Instant deadline =
       monotonicNow() + (isHung_ ? SystemdManager::kSilentTimeOut : SystemdManager::kTimeOut);
   for (;;) {
     if (auto connected = connect(); !connected)
       return std::unexpected(std::move(connected.error()));
-    const UniqueDBusMessage message(
-        dbus_message_new_method_call(kSystemdName, path.c_str(), interface, method));
-    if (!message || !appendAll(message.get(), append)) {
-      return std::unexpected(
-          Error{ErrorCode::kExhausted, 0, fmt::format("systemd: {}: the message", method)});
+    std::vector<UniqueDBusMessage> messages;
+    for (const AppendArguments& append : arguments) {
+      messages.emplace_back(
+          dbus_message_new_method_call(kSystemdName, path.c_str(), interface, method));
+      if (!messages.back() || !appendAll(messages.back().get(), append)) {
+        return std::unexpected(
+            Error{ErrorCode::kExhausted, 0, fmt::format("systemd: {}: the message", method)});
+      }
     }
-    auto answer = callOnce(message.get(), std::max(deadline - monotonicNow(),
-                                                   Duration(SystemdManager::kReturnInterval)));
-    if (answer || answer.error().code != ErrorCode::kNotFound || monotonicNow() >= deadline)
-      return answer;
+    auto answers = callOnce(
+        messages, std::max(deadline - monotonicNow(), Duration(SystemdManager::kReturnInterval)));
+    if (answers || answers.error().code != ErrorCode::kNotFound || monotonicNow() >= deadline)
+      return answers;
     std::this_thread::sleep_for(SystemdManager::kReturnInterval);
   }
 }
@@ -126,12 +162,21 @@ void SystemdBus::send(const char* method, const AppendArguments& append) {
 
 void SystemdBus::listen(const std::string& rule) {
   sendTo(kBusName, kBusObject, kBusName, "AddMatch", appendingTexts({rule}));
+}
+
+void SystemdBus::subscribe(const std::string& rule) {
+  listen(rule);
   // A systemd that was restarted has forgotten its subscribers, and then sends no signals.
   send("Subscribe", {});
 }
 
 void SystemdBus::stopListening(const std::string& rule) {
   sendTo(kBusName, kBusObject, kBusName, "RemoveMatch", appendingTexts({rule}));
+}
+
+void SystemdBus::unsubscribe(const std::string& rule) {
+  stopListening(rule);
+  send("Unsubscribe", {});
 }
 
 UniqueDBusMessage SystemdBus::nextMessage(Instant deadline, int otherDescriptor) {

@@ -1,6 +1,8 @@
 #include "Platform/Linux/Systemd/SystemdManager.h"
 
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -36,6 +38,20 @@ Result<UniqueDBusMessage> propertyOf(SystemdBus& bus, const std::string& unit,
                                      const char* interface, const char* name) {
   return bus.call(unitObjectPath(unit), kPropertiesInterface, "Get",
                   appendingTexts({interface, name}));
+}
+
+struct Property {
+  const char* interface;
+  const char* name;
+};
+
+// They are read in this order, with one wait for all.
+Result<std::vector<UniqueDBusMessage>> propertiesOf(SystemdBus& bus, const std::string& unit,
+                                                    const std::vector<Property>& properties) {
+  std::vector<AppendArguments> arguments;
+  for (const auto& [interface, name] : properties)
+    arguments.push_back(appendingTexts({interface, name}));
+  return bus.callEach(unitObjectPath(unit), kPropertiesInterface, "Get", arguments);
 }
 
 }  // namespace
@@ -86,14 +102,18 @@ std::string SystemdManager::text(const std::string& unit, const char* interface,
 }
 
 Result<SystemdManager::Status> SystemdManager::statusOf(const std::string& unit) {
-  const auto process = propertyOf(*bus_, unit, kServiceInterface, "MainPID");
-  if (!process) return std::unexpected(process.error());
+  // Whether it is loaded is read last: systemd may unload the unit meanwhile.
+  const auto answers = propertiesOf(*bus_, unit,
+                                    {{kServiceInterface, "MainPID"},
+                                     {kUnitInterface, "Transient"},
+                                     {kServiceInterface, "Slice"},
+                                     {kUnitInterface, "LoadState"}});
+  if (!answers) return std::unexpected(answers.error());
   Status status;
-  status.mainProcess = static_cast<std::uint32_t>(numberIn(process->get()).value_or(0));
-  status.isTransient = number(unit, kUnitInterface, "Transient") == 1;
-  status.slice = text(unit, kServiceInterface, "Slice");
-  // Read last: systemd may unload the unit meanwhile.
-  status.isLoaded = text(unit, kUnitInterface, "LoadState") == kLoaded;
+  status.mainProcess = static_cast<std::uint32_t>(numberIn((*answers)[0].get()).value_or(0));
+  status.isTransient = numberIn((*answers)[1].get()) == 1;
+  status.slice = textIn((*answers)[2].get());
+  status.isLoaded = textIn((*answers)[3].get()) == kLoaded;
   return status;
 }
 
@@ -102,28 +122,37 @@ std::optional<std::int32_t> SystemdManager::exitStatusOf(const std::string& unit
   return status ? std::optional(static_cast<std::int32_t>(*status)) : std::nullopt;
 }
 
+// The code is 0 until systemd has reaped the process.
+std::optional<SystemdManager::MainEnd> SystemdManager::endOf(const std::string& unit,
+                                                             std::uint32_t process) {
+  const auto answers = propertiesOf(*bus_, unit,
+                                    {{kServiceInterface, "ExecMainPID"},
+                                     {kServiceInterface, "ExecMainCode"},
+                                     {kServiceInterface, "ExecMainStatus"}});
+  if (!answers) return std::nullopt;
+  const auto main = numberIn((*answers)[0].get());
+  const auto code = numberIn((*answers)[1].get());
+  const auto status = numberIn((*answers)[2].get());
+  if (main != process || !code || !status) return std::nullopt;
+  return MainEnd{static_cast<std::int32_t>(*code), static_cast<std::int32_t>(*status)};
+}
+
 std::optional<SystemdManager::MainEnd> SystemdManager::awaitEndOf(const std::string& unit,
                                                                   std::uint32_t process,
                                                                   Duration limit) {
   const Instant deadline = monotonicNow() + limit;
   if (bus_->isHung() || !bus_->connect()) return std::nullopt;
-  bus_->listen(changeRule(unit));
-  std::optional<MainEnd> end;
-  for (;;) {
-    const auto code = number(unit, kServiceInterface, "ExecMainCode");
-    if (!code) break;
-    if (*code != 0) {
-      const auto status = number(unit, kServiceInterface, "ExecMainStatus");
-      const bool isSame = number(unit, kServiceInterface, "ExecMainPID") == process;
-      if (status && isSame)
-        end = {static_cast<std::int32_t>(*code), static_cast<std::int32_t>(*status)};
-      break;
-    }
-    // systemd has not reaped the process yet. The next signal of the unit says so.
-    if (monotonicNow() >= deadline || !bus_->nextMessage(deadline)) break;
+  auto end = endOf(unit, process);
+  // systemd reaps a process before it answers, unless the host was faster. Then the next signal of
+  // the unit says so.
+  if (end && end->code == 0) {
+    bus_->subscribe(changeRule(unit));
+    do {
+      end = endOf(unit, process);
+    } while (end && end->code == 0 && monotonicNow() < deadline && bus_->nextMessage(deadline));
+    bus_->unsubscribe(changeRule(unit));
   }
-  bus_->stopListening(changeRule(unit));
-  return end;
+  return end && end->code != 0 ? end : std::nullopt;
 }
 
 void SystemdManager::release(const std::string& unit) {
@@ -140,13 +169,13 @@ void SystemdManager::releaseAndConfirm(const std::string& unit) {
 bool SystemdManager::releaseAndAwait(const std::string& unit, Duration limit) {
   const Instant deadline = monotonicNow() + limit;
   if (bus_->isHung() || !bus_->connect()) return false;
-  bus_->listen(removalRule(unit));
+  bus_->subscribe(removalRule(unit));
   release(unit);
   bool isRemoved = false;
   do {
     isRemoved = text(unit, kUnitInterface, "LoadState") != kLoaded;
   } while (!isRemoved && bus_->nextMessage(deadline));
-  bus_->stopListening(removalRule(unit));
+  bus_->unsubscribe(removalRule(unit));
   return isRemoved;
 }
 

@@ -78,6 +78,7 @@ class SystemdManager {
   std::optional<std::uint64_t> number(const std::string& unit, const char* interface,
                                       const char* name);
   std::string text(const std::string& unit, const char* interface, const char* name);
+  std::optional<MainEnd> endOf(const std::string& unit, std::uint32_t process);
 
   std::unique_ptr<SystemdBus> bus_;
 };
