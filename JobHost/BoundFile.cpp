@@ -15,15 +15,17 @@
 namespace jobhost {
 namespace {
 
-// The kernel keeps a device's minor number in the lower bits.
-constexpr int kMinorBits = 20;
-
 struct DiagnosisMessage {
   nlmsghdr header{};
   unix_diag_req request{};
 };
 
 }  // namespace
+
+dev_t deviceOfKernel(std::uint32_t number) {
+  constexpr int kMinorBits = 20;
+  return makedev(number >> kMinorBits, number & ((1U << kMinorBits) - 1));
+}
 
 std::optional<BoundFile> boundFileOf(platform::Descriptor socket) {
   struct stat status{};
@@ -56,8 +58,7 @@ std::optional<BoundFile> boundFileOf(platform::Descriptor socket) {
     unix_diag_vfs file{};
     if (attribute->rta_type != UNIX_DIAG_VFS || RTA_PAYLOAD(attribute) < sizeof file) continue;
     std::memcpy(&file, RTA_DATA(attribute), sizeof file);
-    return BoundFile{file.udiag_vfs_ino, makedev(file.udiag_vfs_dev >> kMinorBits,
-                                                 file.udiag_vfs_dev & ((1U << kMinorBits) - 1))};
+    return BoundFile{file.udiag_vfs_ino, deviceOfKernel(file.udiag_vfs_dev)};
   }
   return std::nullopt;
 }

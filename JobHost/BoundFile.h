@@ -15,6 +15,9 @@ struct BoundFile {
   dev_t device = 0;
 };
 
+// The device of a number in which the kernel keeps the minor number in the lower 20 bits.
+dev_t deviceOfKernel(std::uint32_t number);
+
 // Empty if the socket is not bound to a file, and if the kernel can't tell: it was built without
 // unix_diag, or does not let this process ask.
 std::optional<BoundFile> boundFileOf(platform::Descriptor socket);

@@ -187,6 +187,33 @@ TEST_F(JobHostSearch, AProcessThatLeftTheGroupIsKilledAfterTheExitTimeOut) {
   EXPECT_TRUE(*answer);
 }
 
+TEST_F(JobHostSearch, AProcessThatIsFoundAfterTheExitTimeOutIsKilledAtOnce) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  const auto descendant = processes_.addDescendant(101);
+  processes_.obeysTermination = processes_.obeysKill = false;
+  const Answer answer = removeLater("com.example.a");
+  endLast();
+  loop_.advanceBy(20s);
+  const auto later = processes_.addDescendant(101);
+  processes_.obeysKill = true;
+  loop_.advanceBy(2s);
+  EXPECT_FALSE(processes_.isAlive(later));
+  processes_.end(descendant);
+  loop_.advanceBy(2s);
+  EXPECT_TRUE(*answer);
+}
+
+TEST_F(JobHostSearch, ProcessesOfAForgottenJobAreKilledAtOnce) {
+  ASSERT_TRUE(submit(job("com.example.a")));
+  restartWithoutState();
+  const auto descendant = processes_.addDescendant(101);
+  processes_.obeysTermination = false;
+  endLast();
+  EXPECT_FALSE(processes_.isAlive(descendant));
+  loop_.advanceBy(1s);
+  EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
 TEST_F(JobHostSearch, AProcessThatBeginsInTheGroupAfterSigtermGetsItToo) {
   ASSERT_TRUE(submit(job("com.example.a", {{"ExitTimeOut", 0}})));
   const auto earlier = processes_.addDescendant(101, 101);

@@ -193,5 +193,13 @@ TEST_F(JobHostDemand, ASocketIsTakenOverUnderTheNumberOfItsStart) {
   acceptInProcess(1);
 }
 
+TEST_F(JobHostDemand, ASocketThatStaysWithItsProcessIsReported) {
+  ASSERT_TRUE(submit(demandedJob({{"KeepAlive", true}})));
+  ASSERT_EQ(::unlink(root_.path(std::string("run/vantor/mach/") + kOther).c_str()), 0);
+  restartHost();
+  EXPECT_EQ(sink_.count("stays with its process"), 1);
+  EXPECT_EQ(sink_.count("job \"com.example.a\": the socket of \"com.example.other\" stays"), 1);
+}
+
 }  // namespace
 }  // namespace jobhost

@@ -27,6 +27,7 @@ namespace {
 using namespace platform;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -226,6 +227,21 @@ TEST_F(JobServerTest, ARemovalThatDoesNotWaitIsAnsweredAtOnce) {
   EXPECT_TRUE(processes_.isAlive(lastProcess()));
   loop_.advanceBy(21s);
   EXPECT_THAT(host_->labels(), IsEmpty());
+}
+
+TEST_F(JobServerTest, ARemovalThatNobodyWaitsForFailsWithAnErrorInTheLog) {
+  submitJob();
+  processes_.obeysTermination = false;
+  ask(kRemoveJobMessage, {kAgent, true});
+  // The submission waits for the first removal and fails. The second removal then finds no job.
+  processes_.failure = Error{ErrorCode::kSystem, ENOEXEC, "executing /opt/agent"};
+  ask(kSubmitJobMessage, {job()});
+  EXPECT_EQ(value(ask(kRemoveJobMessage, {kAgent, false})), Value());
+  sink_.clear();
+  loop_.advanceBy(21s);
+  EXPECT_THAT(sink_.messagesAtLevel(ASL_LEVEL_ERR),
+              ElementsAre(Field(&FakeLogSink::Message::text,
+                                HasSubstr("no job has the label \"com.example.agent\""))));
 }
 
 TEST_F(JobServerTest, AMissingJobCannotBeRemoved) {

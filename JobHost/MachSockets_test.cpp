@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -124,6 +125,12 @@ TEST_F(MachSocketsTest, TheKernelTellsWhichFileASocketIsBoundTo) {
   const UniqueFd unbound(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_FALSE(boundFileOf(unbound.get()));
   EXPECT_FALSE(boundFileOf(-1));
+}
+
+TEST(BoundFileTest, ADevicesNumberIsThatOfItsPartsInTheKernel) {
+  EXPECT_EQ(deviceOfKernel((8U << 20) | 17U), makedev(8, 17));
+  EXPECT_EQ(deviceOfKernel((4095U << 20) | 0xf'ffffU), makedev(4095, 0xf'ffff));
+  EXPECT_EQ(deviceOfKernel(45), makedev(0, 45));
 }
 
 }  // namespace

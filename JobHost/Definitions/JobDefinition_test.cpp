@@ -328,6 +328,7 @@ TEST(JobDefinitionTest, OnlyADictionaryWithALabelIsAJob) {
               "job without a label: key \"Label\": expected a string, found no such key");
   EXPECT_THAT(refusal(job({{"Label", 1}})), HasSubstr("key \"Label\": expected a string"));
   EXPECT_THAT(refusal(job({{"Label", ""}})), HasSubstr("key \"Label\": expected a string"));
+  EXPECT_EQ(refusal(job({{"Label", "a b~"}})), "");
   EXPECT_THAT(refusal(job({{"Label", "a\nb"}})),
               StartsWith("job \"a\\x0ab\": key \"Label\": expected a string"));
 }

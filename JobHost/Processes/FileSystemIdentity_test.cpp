@@ -1,12 +1,14 @@
 #include "JobHost/Processes/FileSystemIdentity.h"
 
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace jobhost {
@@ -52,6 +54,19 @@ TEST_F(FileSystemIdentityTest, HasTheAccountsRightsWhileItLives) {
     EXPECT_NE(during["CapEff"], before.at("CapEff"));  // without root's capabilities for files
   }
   EXPECT_EQ(ownRights(), before);
+}
+
+TEST_F(FileSystemIdentityTest, GivesTheGroupsOfBeforeBack) {
+  std::thread([&] {
+    const gid_t groups[] = {7, 8, 9};
+    ASSERT_EQ(::syscall(SYS_setgroups, std::size(groups), groups), 0);  // of this thread alone
+    {
+      const auto identity = FileSystemIdentity::assume(account_);
+      ASSERT_TRUE(identity);
+      EXPECT_EQ(ownRights()["Groups"], "\t2345 3456 ");
+    }
+    EXPECT_EQ(ownRights()["Groups"], "\t7 8 9 ");
+  }).join();
 }
 
 TEST_F(FileSystemIdentityTest, ConcernsThisThreadAlone) {

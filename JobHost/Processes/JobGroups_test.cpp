@@ -19,6 +19,15 @@ TEST(JobGroupsTest, TheNameOfAGroupTellsItsLabel) {
   EXPECT_EQ(JobGroups::labelOf(ControlGroup(folder + "a%zz")), "a%zz");
 }
 
+TEST(JobGroupsTest, AJobHasAGroupOfEachKind) {
+  const std::string folder = "/sys/fs/cgroup/vantor-0/";
+  for (const char* kind : {"job-", "abandons-"}) {
+    EXPECT_TRUE(JobGroups::isOf(ControlGroup(folder + kind + "com.example.a"), "com.example.a"));
+    EXPECT_FALSE(JobGroups::isOf(ControlGroup(folder + kind + "com.example.b"), "com.example.a"));
+  }
+  EXPECT_FALSE(JobGroups::isOf(ControlGroup(folder + "com.example.a"), "com.example.a"));
+}
+
 TEST(JobGroupsTest, AShortenedNameTellsNoLabel) {
   EXPECT_EQ(JobGroups::labelOf(ControlGroup("/sys/fs/cgroup/job-com.example~0123456789abcdef")),
             std::nullopt);

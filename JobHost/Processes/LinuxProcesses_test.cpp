@@ -4,6 +4,7 @@ extern "C" {  // glibc 2.36 declares this header's functions without C linkage.
 #include <sys/pidfd.h>
 }
 #include <fstream>
+#include <future>
 #include <map>
 #include <random>
 #include <string>
@@ -213,6 +214,13 @@ TEST(LinuxProcesses, ACoreDumpIsReported) {
   EXPECT_EQ(endWithCore(), ProcessEnd(ExitStatus{ExitStatus::Kind::kSignalled, SIGSEGV}, true));
 }
 
+// Whether the process ends within a minute.
+bool hasEnded(ProcessId process) {
+  const UniqueFd pidfd(::pidfd_open(process, 0));
+  pollfd entry{pidfd.get(), POLLIN, 0};
+  return ::poll(&entry, 1, 60'000) == 1;
+}
+
 // A process whose first thread has ended while another one lives.
 [[noreturn]] void endFirstThread(const UniqueFd& tellTo) {
   std::thread([&] {
@@ -245,11 +253,32 @@ TEST(LinuxProcesses, AProcessWhoseFirstThreadHasEndedRemainsInItsGroup) {
   pid_t member = 0;
   ASSERT_EQ(::read(reading.get(), &member, sizeof member), ssize_t{sizeof member});
   const StartFields identity{.process = leader, .startTicks = 1};
-  EXPECT_TRUE(processes->remainsOf(identity));
-  EXPECT_EQ(::kill(-leader, SIGKILL), 0);
+  const auto remains = processes->remainsOf(identity);
+  ASSERT_TRUE(remains);
+  EXPECT_TRUE(remains->signalGroup(SIGTERM));
+  EXPECT_TRUE(hasEnded(member));
+  static_cast<void>(::kill(-leader, SIGKILL));
   EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(member), nullptr, WEXITED | WNOWAIT), 0);
   EXPECT_FALSE(processes->remainsOf(identity));  // Although it is not reaped.
   EXPECT_EQ(::waitpid(member, nullptr, 0), member);
+}
+
+// The system has no handle for the number of a thread.
+TEST(LinuxProcesses, TheNumberOfAThreadMeansNoProcess) {
+  const auto loop = std::move(*platform::AsioRunLoop::create());
+  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
+  std::promise<ProcessId> number;
+  std::promise<void> isDone;
+  std::thread other([&] {
+    number.set_value(static_cast<ProcessId>(::syscall(SYS_gettid)));
+    isDone.get_future().wait();
+  });
+  const auto taken =
+      processes->takeOver({.process = number.get_future().get(), .startTicks = 1}, {});
+  isDone.set_value();
+  other.join();
+  ASSERT_FALSE(taken);
+  EXPECT_EQ(taken.error().code, platform::ErrorCode::kNotFound);
 }
 
 TEST(LinuxProcesses, WithoutDescriptorsAGroupIsNotTakenForEmpty) {
@@ -289,48 +318,9 @@ TEST(LinuxProcesses, WithoutDescriptorsAProcessIsNotTakenForEnded) {
   EXPECT_EQ(processes->takeOver(identity, {}).error().code, platform::ErrorCode::kNotFound);
 }
 
-TEST(LinuxProcesses, AStoppedProcessEndsWhenItIsAskedTo) {
-  const auto loop = std::move(*platform::AsioRunLoop::create());
-  const auto processes = std::move(*LinuxProcesses::create(*loop, 1024, 7));
-  platform::TemporaryFolder folder;
-  const UniqueFd file(::open(folder.path("state").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  JobDefinition job = numberedJob(0);
-  job.program = "/bin/sleep";
-  job.arguments = {"sleep", "1000"};
-  std::vector<std::uint8_t> record = makeRecord(RecordKind::kStarted, startPayload({}, job.label));
-  Ending result;
-  const auto process = processes->start(job, {file.get(), record}, {}, [&](Ending ending) {
-    result = ending;
-    loop->stop();
-  });
-  ASSERT_TRUE(process);
-  const ProcessId number = (*process)->identity().process;
-  ASSERT_EQ(::kill(number, SIGSTOP), 0);
-  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(number), nullptr, WSTOPPED), 0);
-  EXPECT_TRUE((*process)->signalGroup(SIGTERM));
-  loop->run();
-  EXPECT_EQ(result, Ending(ExitStatus{ExitStatus::Kind::kSignalled, SIGTERM}));
-}
-
 INSTANTIATE_TEST_SUITE_P(Linux, ProcessesContract, testing::Values(&makeLinuxHarness));
 INSTANTIATE_TEST_SUITE_P(LinuxGroups, ProcessesContract, testing::Values(&makeGroupsHarness));
 INSTANTIATE_TEST_SUITE_P(Fake, ProcessesContract, testing::Values(&makeFakeHarness));
-
-TEST(ProcessTable, AProcessThatBeginsNowHasTheTicksOfNow) {
-  const std::uint64_t before = startTicksNow();
-  const pid_t child = ::fork();
-  if (child == 0) {
-    for (;;) ::pause();
-  }
-  const auto stat = statOf(std::to_string(child));
-  const std::uint64_t after = startTicksNow();
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  ASSERT_TRUE(stat);
-  const std::uint64_t ticks = startTicksIn(stat->data(), stat->size());
-  EXPECT_GE(ticks, before);
-  EXPECT_LE(ticks, after);
-}
 
 }  // namespace
 }  // namespace jobhost
