@@ -189,14 +189,17 @@ TEST_F(JobHostSearch, AProcessThatLeftTheGroupIsKilledAfterTheExitTimeOut) {
 
 TEST_F(JobHostSearch, AProcessThatIsFoundAfterTheExitTimeOutIsKilledAtOnce) {
   ASSERT_TRUE(submit(job("com.example.a")));
-  processes_.addDescendant(101);
-  processes_.obeysTermination = false;
+  const auto descendant = processes_.addDescendant(101);
+  processes_.obeysTermination = processes_.obeysKill = false;
   const Answer answer = removeLater("com.example.a");
   endLast();
   loop_.advanceBy(20s);
   const auto later = processes_.addDescendant(101);
+  processes_.obeysKill = true;
   loop_.advanceBy(2s);
   EXPECT_FALSE(processes_.isAlive(later));
+  processes_.end(descendant);
+  loop_.advanceBy(2s);
   EXPECT_TRUE(*answer);
 }
 

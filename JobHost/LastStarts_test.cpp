@@ -45,13 +45,16 @@ TEST(LastStartsTest, AStartCountsUntilTheNextOneIsAllowed) {
   EXPECT_FALSE(isLent(starts, "a", kStart));
 }
 
-TEST(LastStartsTest, AJobThatWasNeverStartedIsNotKept) {
+TEST(LastStartsTest, AJobThatWasNeverStartedTakesNoPlace) {
   LastStarts starts;
-  const std::string label = "a";
-  Job job;
-  job.key = &label;
-  starts.keep(job, kUntil, kStart);
-  EXPECT_FALSE(isLent(starts, label, kStart));
+  for (std::size_t i = 0; i < LastStarts::kMaximumLabels; ++i) {
+    const std::string label = std::to_string(i);
+    Job job;
+    job.key = &label;
+    starts.keep(job, kUntil, kStart);
+  }
+  starts.keep(*StartedJob("a"), kUntil, kStart);
+  EXPECT_TRUE(isLent(starts, "a", kStart));
 }
 
 TEST(LastStartsTest, WhenFullItDropsEntriesAtTheirLastInstant) {

@@ -4,11 +4,15 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "Platform/Linux/RunLoops/AsioRunLoop.h"
 #include "Platform/Linux/SystemCalls/DescriptorLimit.h"
@@ -44,6 +48,27 @@ TEST_F(ReplacementTest, EachHangUpIsARequest) {
     loop->run();
     ASSERT_EQ(count, expected);
   }
+}
+
+// Executes this program again, which then runs this test alone.
+TEST_F(ReplacementTest, TheNextProgramGetsTheLimitOfDescriptors) {
+  constexpr char kVariable[] = "VANTOR_TEST_LIMIT";
+  if (const char* const expected = ::getenv(kVariable)) {
+    ::_exit(std::to_string(platform::softDescriptorLimit()) == expected ? 0 : 1);
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const std::uint64_t limit = platform::softDescriptorLimit() - 1;
+    ::setenv(kVariable, std::to_string(limit).c_str(), 1);
+    ::setenv("GTEST_FILTER", "ReplacementTest.TheNextProgramGetsTheLimitOfDescriptors", 1);
+    ::unsetenv("GTEST_TOTAL_SHARDS");
+    static_cast<void>(replaceProgram(limit));
+    ::_exit(2);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(ReplacementTest, AHostThatGoesOnKeepsItsLimitOfDescriptors) {
