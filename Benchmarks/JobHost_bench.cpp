@@ -56,9 +56,10 @@ constexpr char kIdleProgram[] = "/bin/sleep";
 constexpr char kForEver[] = "infinity";
 
 const bool kAdded[] = {
-    atMost({"job-submit", 1.5,
-            "submit() of a job to its answer, the process started / posix_spawn() and pidfd_open() "
-            "of the same program, on one processor"}),
+    atMost({"job-submit", 6,
+            "submit() of a job to its answer, its process recorded and started in a new control "
+            "group / posix_spawn() and pidfd_open() of the same program, which does nothing, on "
+            "one processor"}),
     atMost(
         {"job-restart", 1.15,
          "SIGKILL of a job to its next process executing its verified program / to the same in a "
@@ -146,6 +147,15 @@ char* const* idleArguments() {
   return arguments.data();
 }
 
+// Two thirds of the host's time are the kernel's: clone3() into a new control group, and making
+// that. A tenth is the record in the state file. The child's own steps, with execve(), take as long
+// as posix_spawn().
+Dictionary submittedJob() {
+  Dictionary job = idleJob("com.example.job");
+  job.set("Program", IDLE_PROGRAM);
+  return job;
+}
+
 void endAndReap(pid_t process) {
   ::kill(process, SIGKILL);
   ::waitpid(process, nullptr, 0);
@@ -159,7 +169,7 @@ void submitSubject(benchmark::State& state) {
   if (!bed) return state.SkipWithError("no host");
   for (auto _ : state) {
     const auto start = Clock::now();
-    bed.submitAndAwait(idleJob("com.example.job"));
+    bed.submitAndAwait(submittedJob());
     state.SetIterationTime(since(start));
     bed.host().remove("com.example.job", [&](auto) { bed.loop().stop(); });
     bed.loop().run();
@@ -173,7 +183,7 @@ void submitBaseline(benchmark::State& state) {
     const auto start = Clock::now();
     pid_t process = 0;
     const int error =
-        ::posix_spawn(&process, kIdleProgram, nullptr, nullptr, idleArguments(), environ);
+        ::posix_spawn(&process, IDLE_PROGRAM, nullptr, nullptr, idleArguments(), environ);
     const UniqueFd pidfd(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
     state.SetIterationTime(since(start));
     if (error != 0 || !pidfd) return state.SkipWithError("posix_spawn");

@@ -92,8 +92,8 @@ void ORBServiceManager::refreshUnwatchedJobs() {
   jobs_.completeRefresh();
   std::vector<std::string> labels;
   for (const auto& [label, job] : jobs_.known()->jobs) {
-    if (!job.status.process || !hasService(label)) continue;
-    if (!isServiceBeingTrackedForRespawn(label)) labels.push_back(label);
+    if (!job.status.process || isServiceBeingTrackedForRespawn(label)) continue;
+    if (hasService(label)) labels.push_back(label);
   }
   if (labels.size() > kMostJobsAskedAbout) return jobs_.refreshAll();
   for (const std::string& label : labels) jobs_.refresh(label);

@@ -57,7 +57,9 @@ void ORBServiceManagerHealthInfo::setMonitoredServices(const std::vector<std::st
 }
 
 void ORBServiceManagerHealthInfo::stopMonitoringForService(std::string_view label) {
-  taskQueue_->async([this, label = std::string(label)] { serviceStates_.remove(label); });
+  taskQueue_->async([this, label = std::string(label)] {
+    if (serviceStates_.remove(label)) noteChange(label);
+  });
 }
 
 void ORBServiceManagerHealthInfo::reportUnreadyStateForService(std::string_view label) {
@@ -79,6 +81,7 @@ void ORBServiceManagerHealthInfo::reportForcedStopForService(std::string_view la
     // We or the installer told it to end.
     if (known == HealthStatus::kStopped || known == HealthStatus::kUpdating) return;
     crashCounters_.set(label, crashCounters_[label].integer().value_or(0) + 1);
+    noteChange(label);
     setStatus(label, HealthStatus::kUnready);
   });
 }
@@ -138,7 +141,19 @@ void ORBServiceManagerHealthInfo::takeHealthRecord(std::move_only_function<void(
 // On the queue.
 
 void ORBServiceManagerHealthInfo::setStatus(std::string_view label, HealthStatus status) {
+  if (this->status(label) == status) return;
   serviceStates_.set(label, std::to_underlying(status));
+  noteChange(label);
+}
+
+void ORBServiceManagerHealthInfo::noteChange(std::string_view label) {
+  changed_.emplace(label);
+  services_ = {};
+}
+
+void ORBServiceManagerHealthInfo::noteChangeOfAll() {
+  for (const auto& [label, value] : serviceStates_) noteChange(label);
+  for (const auto& [label, crashes] : crashCounters_) noteChange(label);
 }
 
 std::optional<HealthStatus> ORBServiceManagerHealthInfo::status(std::string_view label) const {
@@ -168,6 +183,7 @@ Value ORBServiceManagerHealthInfo::summarize() {
     text += stringWithFormat("\n%@: %lu", label, static_cast<std::uint64_t>(known));
     if (const auto said = health(label, known)) summary.set(nameToReport(label), *said);
   }
+  for (const auto& [label, crashes] : crashCounters_) noteChange(label);
   crashCounters_ = {};
   vantorlogger2_line(
       ASL_LEVEL_DEBUG,
@@ -177,23 +193,45 @@ Value ORBServiceManagerHealthInfo::summarize() {
   return summary;
 }
 
-Value ORBServiceManagerHealthInfo::record() const {
-  Dictionary services;
-  for (const auto& [label, value] : serviceStates_) {
-    Dictionary service{{kHealthName, nameToReport(label)},
-                       {kHealthStatus, value},
-                       {kHealthCrashes, crashCounters_[label].integer().value_or(0)}};
-    if (const auto said = health(label, status(label).value())) service.set(kHealthReported, *said);
-    services.set(label, std::move(service));
+bool ORBServiceManagerHealthInfo::isOnRecord(const std::string& label) const {
+  return serviceStates_.contains(label) || crashCounters_.contains(label);
+}
+
+Value ORBServiceManagerHealthInfo::recordOf(const std::string& label) const {
+  Dictionary service{{kHealthName, nameToReport(label)}};
+  const auto known = status(label);
+  if (known) service.set(kHealthStatus, std::to_underlying(*known));
+  service.set(kHealthCrashes, crashCounters_[label].integer().value_or(0));
+  // A service without a status is not supervised any more.
+  const auto said = known ? health(label, *known) : std::nullopt;
+  if (said) service.set(kHealthReported, *said);
+  return service;
+}
+
+// All services that are gone are left out at once: Dictionary::remove() takes time for each entry.
+void ORBServiceManagerHealthInfo::updateRecords() {
+  bool isAnyGone = false;
+  for (const std::string& label : std::exchange(changed_, {})) {
+    if (isOnRecord(label)) {
+      records_.set(label, recordOf(label));
+    } else {
+      isAnyGone = true;
+    }
   }
-  // Services that are not supervised any more.
-  for (const auto& [label, crashes] : crashCounters_) {
-    if (services.contains(label)) continue;
-    services.set(label, Dictionary{{kHealthName, nameToReport(label)}, {kHealthCrashes, crashes}});
+  if (!isAnyGone) return;
+  for (const auto& [label, service] : std::exchange(records_, {})) {
+    if (isOnRecord(label)) records_.set(label, service);
+  }
+}
+
+Value ORBServiceManagerHealthInfo::record() {
+  if (services_.isNil()) {
+    updateRecords();
+    services_ = records_;
   }
   return Dictionary{{kHealthReadyToReport, isReadyToReport()},
                     {kHealthCrashLimit, crashLimit_},
-                    {kHealthServices, std::move(services)}};
+                    {kHealthServices, services_}};
 }
 
 // Properties.
@@ -216,7 +254,10 @@ std::int64_t ORBServiceManagerHealthInfo::crashLimit() {
 }
 
 void ORBServiceManagerHealthInfo::setCrashLimit(std::int64_t limit) {
-  taskQueue_->sync([this, limit] { crashLimit_ = limit; });
+  taskQueue_->sync([this, limit] {
+    crashLimit_ = limit;
+    noteChangeOfAll();
+  });
 }
 
 std::map<std::string, std::string> ORBServiceManagerHealthInfo::serviceNamesToReport() {
@@ -225,7 +266,10 @@ std::map<std::string, std::string> ORBServiceManagerHealthInfo::serviceNamesToRe
 
 void ORBServiceManagerHealthInfo::setServiceNamesToReport(
     std::map<std::string, std::string> names) {
-  taskQueue_->sync([&] { serviceNamesToReport_ = std::move(names); });
+  taskQueue_->sync([&] {
+    serviceNamesToReport_ = std::move(names);
+    noteChangeOfAll();
+  });
 }
 
 MessageResult ORBServiceManagerHealthInfo::receiveMessage(std::string_view selector,

@@ -98,7 +98,12 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
   // The service's value in a summary; nothing if the summary leaves the service out.
   std::optional<std::int64_t> health(const std::string& label, HealthStatus status) const;
   platform::Value summarize();
-  platform::Value record() const;
+  bool isOnRecord(const std::string& label) const;
+  platform::Value recordOf(const std::string& label) const;
+  void updateRecords();
+  platform::Value record();
+  void noteChange(std::string_view label);
+  void noteChangeOfAll();
 
   // Sets the status and logs the line, both on the queue.
   void report(std::string_view label, HealthStatus status, const char* what);
@@ -111,6 +116,11 @@ class ORBServiceManagerHealthInfo final : public ServiceHealth, public platform:
   platform::Dictionary crashCounters_;  // label to forced stops since the last summary
   std::int64_t crashLimit_ = kDefaultCrashLimit;
   std::map<std::string, std::string> serviceNamesToReport_;
+  // Each picture for the operator takes the record of all services, and few of them have changed
+  // since the last one.
+  platform::Dictionary records_;   // by label
+  std::set<std::string> changed_;  // the labels whose record is outdated
+  platform::Value services_;       // `records_`, nil if it is outdated
 
   std::atomic<bool> readyToReport_ = false;  // written on the queue
 

@@ -334,4 +334,24 @@ TEST_F(HealthInfoTest, ReadingTheRecordClearsNoCounter) {
   EXPECT_THAT(takeLog(), IsEmpty());
 }
 
+TEST_F(HealthInfoTest, TheRecordFollowsEachChange) {
+  const auto agent = [this] { return health_->healthRecord()[kHealthServices][kAgent]; };
+  EXPECT_EQ(agent(), Value());
+  put(kAgent, kRunning);
+  EXPECT_EQ(agent()[kHealthReported], Value(kHealthy));
+  crash(kAgent, 1);
+  EXPECT_EQ(agent()[kHealthStatus], Value(kUnready));
+  EXPECT_EQ(agent()[kHealthCrashes], Value(1));
+  put(kAgent, kRunning);
+  health_->setCrashLimit(1);
+  EXPECT_EQ(agent()[kHealthReported], Value(kUnhealthy));
+  health_->setServiceNamesToReport({{kAgent, "agent"}});
+  EXPECT_EQ(agent()[kHealthName], Value("agent"));
+  health_->getHealthStateForServices();
+  EXPECT_EQ(agent()[kHealthCrashes], Value(0));
+  EXPECT_EQ(agent()[kHealthReported], Value(kHealthy));
+  health_->stopMonitoringForService(kAgent);
+  EXPECT_EQ(agent(), Value());
+}
+
 }  // namespace

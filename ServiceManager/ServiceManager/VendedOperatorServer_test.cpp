@@ -43,6 +43,7 @@ class VendedOperatorServerTest : public SupervisedMachine {
                      },
                  .whenSettled = [](Array, RunLoop::Callback settled) { settled(); }},
         .mainThreadWork = std::make_shared<MainThreadWork>(loop_),
+        .events = std::make_shared<OperatorEvents>(),
         .protocols = protocols_,
         .system = system_});
   }
