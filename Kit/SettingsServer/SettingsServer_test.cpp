@@ -145,6 +145,7 @@ TEST_F(SettingsServerTest, ADomainOfOnesOwnIsServedAndAnnounced) {
   Client client(environment(), name);
   client.sendMessage("setObject:forKey:sender:", {"value", "key", Value()});
   EXPECT_EQ(client.objectForKey("key"), Value("value"));
+  loop_.runReady();
   EXPECT_THAT(takeChanges(), Contains(name + "/key"));
 }
 

@@ -84,6 +84,6 @@ int NewCommand::run() const {
     return fail(made.error());
   print(fmt::format(
       "{} has the product \"{}\". Its README.md says which file is what. Next: cd {} && ./run\n",
-      folder_, product_, folder_));
+      escaped(folder_), product_, escaped(folder_)));
   return EXIT_SUCCESS;
 }
