@@ -1,7 +1,9 @@
 #include "JobHost/LastStarts.h"
 
 #include <chrono>
+#include <cstddef>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
