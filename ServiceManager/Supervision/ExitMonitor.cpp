@@ -123,7 +123,7 @@ bool ExitMonitor::watch(const std::string& label, std::optional<ProcessId> proce
 // report its end twice, and the ends of its successors, too.
 bool ExitMonitor::armExitWatch(const std::string& label, ProcessId process) {
   const bool isArmed = std::ranges::any_of(exitWatches_, [&](const ExitWatch& watch) {
-    return watch.label == label && watch.process == process;
+    return watch.process == process && watch.label == label;
   });
   if (isArmed) return true;
   const auto watch = exitWatches_.insert(exitWatches_.end(), {label, process, nullptr});
