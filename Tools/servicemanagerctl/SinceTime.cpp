@@ -54,7 +54,7 @@ std::optional<WallTime> ago(std::string_view text, WallTime now) {
   text.remove_prefix(static_cast<std::size_t>(end - text.data()));
   while (text.starts_with(' ')) text.remove_prefix(1);
   const auto unit = unitNamed(text);
-  if (!unit || *unit * count > now.time_since_epoch()) return std::nullopt;
+  if (!unit || count > now.time_since_epoch() / *unit) return std::nullopt;
   return now - *unit * count;
 }
 
