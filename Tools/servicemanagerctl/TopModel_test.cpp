@@ -52,7 +52,7 @@ TEST_F(TopModelTest, TheScreenFillsTheTerminal) {
     EXPECT_LE(lines.size(), static_cast<std::size_t>(height));
     for (const TopLine& line : lines) EXPECT_EQ(line.text.size(), static_cast<std::size_t>(width));
   }
-  EXPECT_THAT(screen(), HasSubstr("com.example.agent   running         4711  1 min      3"));
+  EXPECT_THAT(screen(), HasSubstr("com.example.agent   running         4711   60 s      3"));
   EXPECT_THAT(screen(), HasSubstr("restarts in 7 s"));
   EXPECT_THAT(screen(), StartsWith("3 of 3 services"));
 }
