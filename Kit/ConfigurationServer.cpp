@@ -19,16 +19,6 @@ constexpr char kStateFolder[] = "var/lib";
 constexpr char kSettingsFolder[] = "var/lib/vantor";
 constexpr char kSettingsFile[] = "var/lib/vantor/settings.sqlite";
 
-// Answers the service manager's question whether the configuration server is up.
-class ServerStatus final : public platform::MessageReceiver {
- public:
-  // The protocol has no other message.
-  platform::MessageResult receiveMessage(std::string_view /*isServerUp*/,
-                                         const platform::Array& /*arguments*/) override {
-    return true;
-  }
-};
-
 // Other users may not read the settings, or the blobs that programs keep with them.
 Result<void> makeSettingsFolder(platform::LinuxPlatform& linux) {
   const std::string& root = linux.configuration.root;
@@ -54,6 +44,16 @@ std::optional<std::string> serverOfDomain(std::string_view domain,
 }  // namespace
 
 struct ConfigurationServerParts {
+  // Answers the service manager's question whether the configuration server is up.
+  class ServerStatus final : public platform::MessageReceiver {
+   public:
+    // The protocol has no other message.
+    platform::MessageResult receiveMessage(std::string_view /*isServerUp*/,
+                                           const platform::Array& /*arguments*/) override {
+      return true;
+    }
+  };
+
   ConfigurationServerParts(ProgramParts& of, std::vector<std::string> domains,
                            std::unique_ptr<SettingsStore> opened)
       : program(of), ownDomains(std::move(domains)), store(std::move(opened)) {}
