@@ -72,7 +72,7 @@ TEST_F(ServiceOutputTest, AFileThatTheJobNamesGetsItsPart) {
 
 TEST_F(ServiceOutputTest, IsDiscardedIfTheConfigurationSaysSo) {
   const JobHostRoot root("<key>ServiceOutput</key><string>discard</string>");
-  submit(root, "readlink /proc/self/fd/1 &gt;" + root.folder().path("link") +
+  submit(root, "readlink /proc/self/fd/2 &gt;" + root.folder().path("link") +
                    "; echo hello; echo done &gt;&gt;" + root.folder().path("link"));
   const Instant begin = monotonicTime();
   while (contentOfFile(root.folder().path("link")).find("done") == std::string::npos &&
