@@ -97,7 +97,7 @@ class JobHostForgedMarks : public RealJobHostTest, public testing::WithParamInte
   }
   // The kernel shows the environment of a program a moment after it was executed.
   void awaitMark(const StrangersProgram& program) {
-    runUntil([&] { return readJobMark(program.number()).has_value(); });
+    runUntil([&] { return readJobMark(program.number()).mark.has_value(); });
   }
 
   // The same for a program that becomes root.

@@ -69,25 +69,28 @@ std::optional<JobMark> parseJobMark(std::string_view variable) {
   return isRead ? std::optional(mark) : std::nullopt;
 }
 
-std::optional<JobMark> readJobMark(std::string_view process) {
+MarkReading readJobMark(std::string_view process) {
   const std::string path = fmt::format("/proc/{}/environ", process);
   const platform::UniqueFd file(
       platform::retryOnInterrupt([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   std::string text;
+  MarkReading reading;
   while (file) {
     const std::size_t had = text.size();
     text.resize(had + kChunkBytes);
     const ssize_t count = platform::retryOnInterrupt(
         [&] { return ::read(file.get(), text.data() + had, kChunkBytes); });
     text.resize(had + static_cast<std::size_t>(count > 0 ? count : 0));
+    if (count > 0) reading.isEmpty = false;
     std::size_t end = 0;
     while ((end = text.find('\0')) != text.npos) {
-      if (const auto mark = parseJobMark(std::string_view(text).substr(0, end))) return mark;
+      reading.mark = parseJobMark(std::string_view(text).substr(0, end));
+      if (reading.mark) return reading;
       text.erase(0, end + 1);
     }
     if (count <= 0 || text.size() > kMaximumVariableBytes) break;
   }
-  return std::nullopt;
+  return reading;
 }
 
 }  // namespace jobhost

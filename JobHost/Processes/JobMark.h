@@ -31,8 +31,13 @@ std::string jobMarkVariable(const JobMark& mark);
 // Nothing if the variable is another one or is malformed.
 std::optional<JobMark> parseJobMark(std::string_view variable);
 
+struct MarkReading {
+  std::optional<JobMark> mark;
+  bool isEmpty = true;  // the kernel shows no environment
+};
+
 // The mark of a process that a host has started, also indirectly. Nothing if it has none, has ended
 // or may not be read.
-std::optional<JobMark> readJobMark(std::string_view process);
+MarkReading readJobMark(std::string_view process);
 
 }  // namespace jobhost

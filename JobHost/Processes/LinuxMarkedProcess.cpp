@@ -26,8 +26,17 @@ using platform::UniqueFd;
 
 namespace {
 
+// A job that has just been started may be executing its program, and would be started twice if its
+// process were missed.
+MarkReading awaitJobMark(std::string_view process, ExecutionWait& execution) {
+  MarkReading reading = readJobMark(process);
+  while (reading.isEmpty && isExecuting(statOf(process).value_or("")) && execution.wait())
+    reading = readJobMark(process);
+  return reading;
+}
+
 std::optional<JobMark> markOf(std::string_view process, const LinuxMarkedProcess::Signs& signs) {
-  auto mark = readJobMark(process);
+  auto mark = awaitJobMark(process, signs.execution).mark;
   if (mark) return mark->host == signs.host ? mark : std::nullopt;
   const auto group = signs.groups ? signs.groups->holding(std::string(process)) : std::nullopt;
   const auto label = group ? JobGroups::labelOf(*group) : std::nullopt;
@@ -44,6 +53,13 @@ Result<platform::UserId> ownerOf(std::string_view process, const JobMark& mark,
 }
 
 }  // namespace
+
+bool ExecutionWait::wait() {
+  if (moments_ == 0) return false;
+  --moments_;
+  ::poll(nullptr, 0, 1);
+  return true;
+}
 
 Result<std::unique_ptr<MarkedProcess>> LinuxMarkedProcess::find(std::string_view number,
                                                                 const std::string& stat,

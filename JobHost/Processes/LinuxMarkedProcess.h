@@ -16,6 +16,17 @@ namespace jobhost {
 // Whether the process is in a control group of the label's job.
 using IsInGroupOf = std::function<bool(std::string_view process, std::string_view label)>;
 
+// The time that one search waits for processes which are executing a program, all together. A user
+// can make an execution last as long as he likes.
+class ExecutionWait {
+ public:
+  // Waits for a moment. False if the time is over.
+  bool wait();
+
+ private:
+  int moments_ = 50;  // of a millisecond
+};
+
 // A process with a mark or in the control group of a job, held by its pidfd.
 class LinuxMarkedProcess final : public MarkedProcess {
  public:
@@ -24,6 +35,7 @@ class LinuxMarkedProcess final : public MarkedProcess {
     std::uint64_t host = 0;             // the hostMark() in its environment
     const JobGroups* groups = nullptr;  // for a process without a mark, if not null
     const IsInGroupOf& isInGroupOf;     // whether a mark can't be forged; may be empty
+    ExecutionWait& execution;           // for a process whose mark the kernel does not show yet
   };
   // The process of this number and "stat" file, if it is of a job and is wanted, else null. Fails
   // for want of descriptors.

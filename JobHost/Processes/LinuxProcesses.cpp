@@ -140,9 +140,10 @@ Result<std::vector<std::unique_ptr<MarkedProcess>>> LinuxProcesses::findMarked(
     const Wanted& isWanted, const IsInGroupOf& isInGroupOf) {
   std::vector<std::unique_ptr<MarkedProcess>> found;
   int shortage = 0;
+  ExecutionWait execution;
   const bool isRead = eachProcess([&](std::string_view number, const std::string& stat) {
     auto marked = LinuxMarkedProcess::find(
-        number, stat, {host_, groups_ ? &*groups_ : nullptr, isInGroupOf}, isWanted);
+        number, stat, {host_, groups_ ? &*groups_ : nullptr, isInGroupOf, execution}, isWanted);
     if (marked) {
       if (*marked) found.push_back(*std::move(marked));
       return true;

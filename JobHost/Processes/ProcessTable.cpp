@@ -1,6 +1,7 @@
 #include "JobHost/Processes/ProcessTable.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <ctime>
 
 #include <fcntl.h>
@@ -41,6 +42,26 @@ std::optional<platform::ProcessMembership> membershipIn(const std::string& stat)
   // The state is that of the first thread only, which may end before the others.
   if (membership->state == 'Z' && membership->threads <= 1) return std::nullopt;
   return *membership;
+}
+
+bool isExecuting(const std::string& stat) {
+  // Field 3 follows the name. A process without memory is a zombie or one of the kernel's.
+  constexpr int kMemorySize = 23;
+  constexpr int kEndOfEnvironment = 51;
+  std::string_view fields = stat;
+  const std::size_t name = fields.rfind(')');
+  if (name == fields.npos) return false;
+  fields.remove_prefix(name + 1);
+  bool hasMemory = false;
+  for (int field = 3; field <= kEndOfEnvironment; ++field) {
+    if (!fields.starts_with(' ')) return false;
+    fields.remove_prefix(1);
+    const std::string_view value = fields.substr(0, fields.find_first_of(" \n"));
+    if (field == kMemorySize) hasMemory = value != "0";
+    if (field == kEndOfEnvironment) return hasMemory && value == "0";
+    fields.remove_prefix(value.size());
+  }
+  return false;
 }
 
 bool eachProcess(

@@ -17,6 +17,10 @@ std::optional<std::string> statOf(std::string_view process);
 // The group and session in a "stat" file, or nothing if the process has ended.
 std::optional<platform::ProcessMembership> membershipIn(const std::string& stat);
 
+// Whether the process of this "stat" file is between two programs: it has the memory of the next
+// one, but the kernel does not show its environment yet.
+bool isExecuting(const std::string& stat);
+
 // The start time that a process would have that began now, in the unit of its "stat" file.
 std::uint64_t startTicksNow();
 

@@ -76,5 +76,23 @@ TEST(ProcessTable, AProcessThatBeginsNowHasTheTicksOfNow) {
   EXPECT_LE(ticks, after);
 }
 
+// The fields of a "stat" file, with these values for the size of its memory and for the end of its
+// environment.
+std::string statWith(const std::string& memory, const std::string& environment) {
+  std::string stat = "7 (a) b) S";
+  for (int field = 4; field <= 52; ++field)
+    stat += ' ' + (field == 23 ? memory : field == 51 ? environment : std::to_string(field));
+  return stat + '\n';
+}
+
+TEST(ProcessTable, AProcessWithMemoryButWithoutAnEnvironmentExecutesAProgram) {
+  EXPECT_TRUE(isExecuting(statWith("4096", "0")));
+  EXPECT_FALSE(isExecuting(statWith("4096", "8192")));
+  EXPECT_FALSE(isExecuting(statWith("0", "0")));
+  EXPECT_FALSE(isExecuting("7 (a) S 1 2"));
+  EXPECT_FALSE(isExecuting(""));
+  EXPECT_FALSE(isExecuting(statOf(std::to_string(::getpid())).value_or("")));
+}
+
 }  // namespace
 }  // namespace jobhost

@@ -200,7 +200,7 @@ TEST_F(XPCCommandsTest, ARegisteredNameIsReported) {
   const Ran asJson = run({"endpoints", "lookup", "--json", kExecInfoEndpoint});
   EXPECT_EQ(asJson.status, 0);
   EXPECT_EQ(nlohmann::json::parse(asJson.output),
-            (nlohmann::json{{"name", kExecInfoEndpoint}, {"registered", true}}));
+            (nlohmann::json{{"name", kExecInfoEndpoint}, {"registered", true}, {"version", 1}}));
 }
 
 TEST_F(XPCCommandsTest, AnUnregisteredNameIsAFailureWithItsReason) {
@@ -211,7 +211,7 @@ TEST_F(XPCCommandsTest, AnUnregisteredNameIsAFailureWithItsReason) {
   const Ran asJson = run({"endpoints", "lookup", "nobody", "--json"});
   EXPECT_EQ(asJson.status, kExitFailed);
   EXPECT_EQ(nlohmann::json::parse(asJson.output),
-            (nlohmann::json{{"name", "nobody"}, {"registered", false}}));
+            (nlohmann::json{{"name", "nobody"}, {"registered", false}, {"version", 1}}));
 }
 
 TEST_F(XPCCommandsTest, ARegistrationThatIsRefusedSaysWhy) {
