@@ -84,7 +84,7 @@ TEST_F(StoppedProcessTest, EndsWhenItIsAskedToAlone) {
 TEST_F(StoppedProcessTest, EndsWhenItIsFoundByItsMark) {
   std::unique_ptr<MarkedProcess> marked;
   // The kernel shows the environment of a program a moment after it was executed.
-  const auto search = loop_->startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
+  auto search = loop_->startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
     marked = findMarked();
     if (marked) loop_->stop();
   });
@@ -92,6 +92,7 @@ TEST_F(StoppedProcessTest, EndsWhenItIsFoundByItsMark) {
       loop_->startTimer(60s, platform::RunLoop::Repeat::kOnce, [this] { loop_->stop(); });
   loop_->run();
   ASSERT_TRUE(marked);
+  search.reset();  // It would end the next run of the loop too early.
   EXPECT_TRUE(marked->signal(SIGTERM));
   expectEnd();
 }

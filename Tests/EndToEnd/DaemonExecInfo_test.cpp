@@ -25,6 +25,7 @@
 #include "Platform/Digests/Digest.h"
 #include "Platform/Testing/Digests/FileSha256.h"
 #include "Tests/EndToEnd/DaemonFixture.h"
+#include "Tests/EndToEnd/ExitStatuses.h"
 #include "Tests/EndToEnd/RegistryClient.h"
 
 namespace platform {
@@ -324,7 +325,7 @@ void DaemonExecInfo::download(std::vector<std::string> tool, const std::string& 
   ASSERT_EQ(client.waitForExit(), (ExitStatus{ExitStatus::Kind::kExited, 0})) << client.errors();
   EXPECT_EQ(tell(target)->at(2), Value(url));
   const auto told = root_.host().control({"execinfo", target});
-  EXPECT_EQ(told.status.number, 0) << told.errors;
+  EXPECT_EQ(told.status, exited(kNotSigned)) << told.errors;
   EXPECT_THAT(told.output, HasSubstr("source   " + url + "\n"));
 }
 
