@@ -48,10 +48,20 @@ class StoppedProcessTest : public testing::Test {
 
   platform::ProcessId number() const { return process_->identity().process; }
 
-  std::unique_ptr<MarkedProcess> findMarked() {
-    auto found = processes_->findMarked(
-        [this](const Processes::Marked& marked) { return marked.process == number(); });
-    return found && !found->empty() ? std::move(found->front()) : nullptr;
+  // The kernel shows the environment of a program a moment after it was executed.
+  std::unique_ptr<MarkedProcess> awaitMarked() {
+    std::unique_ptr<MarkedProcess> marked;
+    const auto search = loop_->startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
+      auto found = processes_->findMarked(
+          [this](const Processes::Marked& each) { return each.process == number(); });
+      if (!found || found->empty()) return;
+      marked = std::move(found->front());
+      loop_->stop();
+    });
+    const auto deadline =
+        loop_->startTimer(60s, platform::RunLoop::Repeat::kOnce, [this] { loop_->stop(); });
+    loop_->run();
+    return marked;
   }
 
   void expectEnd() {
@@ -82,17 +92,8 @@ TEST_F(StoppedProcessTest, EndsWhenItIsAskedToAlone) {
 }
 
 TEST_F(StoppedProcessTest, EndsWhenItIsFoundByItsMark) {
-  std::unique_ptr<MarkedProcess> marked;
-  // The kernel shows the environment of a program a moment after it was executed.
-  auto search = loop_->startTimer(1ms, platform::RunLoop::Repeat::kEvery, [&] {
-    marked = findMarked();
-    if (marked) loop_->stop();
-  });
-  const auto deadline =
-      loop_->startTimer(60s, platform::RunLoop::Repeat::kOnce, [this] { loop_->stop(); });
-  loop_->run();
+  const auto marked = awaitMarked();
   ASSERT_TRUE(marked);
-  search.reset();  // It would end the next run of the loop too early.
   EXPECT_TRUE(marked->signal(SIGTERM));
   expectEnd();
 }

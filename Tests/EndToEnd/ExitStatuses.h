@@ -11,6 +11,5 @@ inline constexpr ExitStatus kSuccess = exited(0);
 // tool's own constants would hide a change.
 inline constexpr int kFailed = 1;
 inline constexpr int kNotUnderstood = 2;
-inline constexpr int kNotSigned = 9;
 
 }  // namespace platform
