@@ -82,7 +82,8 @@ bool showJob(const Request& request, const std::string& executable) {
   const auto job = jobs.copyJob(request.label);
   if (!job || job->isNil()) return false;
   const JobState state = jobState(request.label, *job);
-  print(request.json ? dumped(asJson(state, *job)) : asText(state, *job, readerOf(STDOUT_FILENO)));
+  print(request.json ? dumpedAnswer(asJson(state, *job))
+                     : asText(state, *job, readerOf(STDOUT_FILENO)));
   return true;
 }
 
