@@ -24,6 +24,15 @@ platform::Value labelsOf(const std::vector<std::string>& labels) {
   return platform::Array(labels.begin(), labels.end());
 }
 
+// A page of the services. An idle service manager has none, and that is an error.
+Result<platform::Value> overviewFrom(VantorDistantObject& operatorServer, std::int64_t first) {
+  auto page = ask(operatorServer, "overviewFrom:", {first});
+  if (!page) return page;
+  if (const std::string* reason = (*page)[kFactIdleReason].string())
+    return Error{ErrorCode::kFailed, "the service manager is idle: " + *reason};
+  return page;
+}
+
 }  // namespace
 
 struct ServiceManagerParts {
@@ -56,7 +65,7 @@ ServiceManager::~ServiceManager() = default;
 Result<std::vector<ServiceState>> ServiceManager::states() {
   std::vector<ServiceState> states;
   for (std::int64_t first = 0, count = 1; first < count; first += kServicesInAPage) {
-    const auto page = ask(parts_->operatorServer, "overviewFrom:", {first});
+    const auto page = overviewFrom(parts_->operatorServer, first);
     if (!page) return page.error();
     count = (*page)[kFactServiceCount].integer().value_or(0);
     const platform::Dictionary* const services = (*page)[kFactServices].dictionary();
@@ -102,6 +111,7 @@ Result<void> ServiceManager::endInstallation() {
 }
 
 Result<Value> ServiceManager::health() {
+  if (const auto page = overviewFrom(parts_->operatorServer, 0); !page) return page.error();
   const auto record = ask(parts_->operatorServer, "healthRecord");
   if (!record) return record.error();
   return ValueAccess::from(*record);

@@ -1,6 +1,8 @@
 // The answers of the operator's server, which change nothing.
 
 #include <chrono>
+#include <optional>
+#include <utility>
 
 #include "ServiceManager/ServiceManager/Operator_fixture.h"
 #include "ServiceManager/Supervision/HealthRecord.h"
@@ -34,6 +36,19 @@ TEST_F(OperatorTest, AnIdleDaemonSaysWhyAndHasNoServices) {
   ASSERT_TRUE(overview[kFactServices].dictionary());
   EXPECT_THAT(*overview[kFactServices].dictionary(), IsEmpty());
   EXPECT_EQ(ask("factsOfService:", {kHelper}), Value());
+}
+
+TEST_F(OperatorTest, AFailureIsAnnouncedOnceItsReasonCanBeAskedFor) {
+  installProduct("unknown");
+  operatorsWork_.emplace();
+  start();
+  EXPECT_THAT(announcements_, IsEmpty());
+  auto works = *std::exchange(operatorsWork_, std::nullopt);
+  for (auto& work : works) work();
+  loop_.runReady();
+  ASSERT_EQ(announcements_.size(), 1u);
+  EXPECT_EQ(announcements_.front().name, kDidStartError);
+  EXPECT_EQ(ask("overview")[kFactIdleReason], Value("Unable to resolve GUID"));
 }
 
 TEST_F(OperatorTest, AStrangerIsRefused) {

@@ -208,12 +208,16 @@ void ORBServiceManager::beginWork() {
   servers_.vendServers();
   servers_.vendXPCListeners();
   // The announcement tells clients that all names are there.
-  platform_.operatorWorker.perform(
-      [this, &loop = platform_.runLoop, isAlive = std::weak_ptr(isAlive_)] {
-        loop.post([this, isAlive] {
-          if (!isAlive.expired()) announceStart();
-        });
-      });
+  whenOperatorsNameIsThere([this] { announceStart(); });
+}
+
+void ORBServiceManager::whenOperatorsNameIsThere(RunLoop::Callback then) {
+  platform_.operatorWorker.perform([&loop = platform_.runLoop, isAlive = std::weak_ptr(isAlive_),
+                                    then = std::move(then)]() mutable {
+    loop.post([isAlive, then = std::move(then)]() mutable {
+      if (!isAlive.expired()) then();
+    });
+  });
 }
 
 void ORBServiceManager::announceStart() {
@@ -393,8 +397,10 @@ void ORBServiceManager::evaluateForTheFirstTime() {
 void ORBServiceManager::announceStartUpError(std::string_view error, std::string_view description,
                                              std::string_view cause) {
   goIdle(cause.empty() ? std::string(description) : stringWithFormat("%@: %@", description, cause));
-  platform_.distributedCenter.postNotificationName(
-      kServerDidStartError, std::nullopt,
-      Dictionary{{"Error", error}, {"Description", description}},
-      NSNotificationPosting::kPostToAllSessions);
+  // A program that gets the announcement can ask for the reason.
+  whenOperatorsNameIsThere(
+      [this, facts = Dictionary{{"Error", error}, {"Description", description}}] {
+        platform_.distributedCenter.postNotificationName(kServerDidStartError, std::nullopt, facts,
+                                                         NSNotificationPosting::kPostToAllSessions);
+      });
 }

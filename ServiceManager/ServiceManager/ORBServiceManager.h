@@ -302,6 +302,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   void endWaitForBus();
   void beginWork();
   void announceStart();
+  // Runs `then` when the server of the operator, whose thread makes it, has its name.
+  void whenOperatorsNameIsThere(platform::RunLoop::Callback then);
   bool readInstalledCatalogue();
   void observeServices();
   void makeMonitoringRecords();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -216,8 +217,11 @@ class ServiceManagerFixture : public SupervisedMachine {
             {[this](const std::string&, SettingsWorker::Work work) {
               loop_.post([this, work = std::move(work)]() mutable { work(settingsParts_); });
             }},
-            {[](platform::RunLoop::Callback work) { work(); }, loop_, connections_, jobs_,
-             extensionsPlatform_, factories_},
+            {[this](platform::RunLoop::Callback work) {
+               if (!operatorsWork_) return work();
+               operatorsWork_->push_back(std::move(work));
+             },
+             loop_, connections_, jobs_, extensionsPlatform_, factories_},
             [this]() -> std::unique_ptr<ServiceHealth> {
               if (keepsHealthRecord_) return makeHealthInfo();
               return std::make_unique<FakeServiceHealth>(reports_);
@@ -306,6 +310,8 @@ class ServiceManagerFixture : public SupervisedMachine {
   // The product keeps a health record: a fake one, or the real one.
   bool hasHealthRecord_ = false;
   bool keepsHealthRecord_ = false;
+  // Work of the operator's thread, if a test holds it up.
+  std::optional<std::vector<platform::RunLoop::Callback>> operatorsWork_;
   StatusServer configurationServer_;
   std::optional<Program> configurationProgram_;
   std::optional<ORBServiceManager> manager_;

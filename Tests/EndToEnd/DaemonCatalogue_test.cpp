@@ -102,8 +102,16 @@ TEST_F(DaemonCatalogue, AMissingPrimaryServiceIsAnnounced) {
 TEST_F(DaemonCatalogue, AnIdleDaemonSaysWhy) {
   root_.setCatalogueFile("<plist version=\"1.0\">\n<dict>\n<key>Primary</plist>");
   expectFailure("Malformed Configuration", "Unable to resolve primary service information");
-  for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"list"}, {"explain", DaemonRoot::label(0)}, {"health"}}) {
+  for (const std::vector<std::string>& command : {std::vector<std::string>{"list"},
+                                                  {"explain", DaemonRoot::label(0)},
+                                                  {"health"},
+                                                  {"start", DaemonRoot::label(0)},
+                                                  {"stop", DaemonRoot::label(0)},
+                                                  {"restart", DaemonRoot::label(0)},
+                                                  {"installer", "begin", DaemonRoot::label(0)},
+                                                  {"installer", "end"},
+                                                  {"reload-settings"},
+                                                  {"watch"}}) {
     const auto refused = root_.host().control(command);
     EXPECT_EQ(refused.status.number, 5) << command.front();
     EXPECT_THAT(refused.errors,
@@ -112,6 +120,19 @@ TEST_F(DaemonCatalogue, AnIdleDaemonSaysWhy) {
         << command.front();
   }
   root_.awaitLog("/Service.plist:3:");
+}
+
+TEST_F(DaemonCatalogue, AProgramOfTheKitIsToldWhyTheDaemonIsIdle) {
+  const std::string program = root_.folder().path("opt/kit_program");
+  std::filesystem::copy_file(KIT_PROGRAM, program);
+  root_.setCatalogueFile("<plist version=\"1.0\">\n<dict>\n<key>Primary</plist>");
+  expectFailure("Malformed Configuration", "Unable to resolve primary service information");
+  ChildProgram kit({program, "states"}, {});
+  EXPECT_EQ(kit.waitForExit().number, 0);
+  const std::string failure =
+      "error 6: the service manager is idle: Unable to resolve primary service information: ";
+  for (const char* what : {"states", "health"})
+    EXPECT_TRUE(kit.nextLine().starts_with(failure)) << what;
 }
 
 TEST_F(DaemonCatalogue, AMissingProductIsAnnounced) {

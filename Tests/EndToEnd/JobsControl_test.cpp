@@ -86,21 +86,23 @@ TEST_F(JobsControlTest, AJobIsSubmittedListedShownAndRemoved) {
 TEST_F(JobsControlTest, TheQuickProgramShowsWhatTheWholeToolShows) {
   submitAgent();
   const std::string whole = root_.controlProgram() + "-full";
+  const auto outputOf = [&](const std::string& program, const std::vector<std::string>& options) {
+    std::vector<std::string> arguments{program, "jobs", "show", "com.example.agent"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    ChildProgram shown(arguments, {});
+    EXPECT_EQ(shown.waitForExit(), exited(0)) << shown.errors();
+    // The use of processor and memory may change between the two.
+    const std::regex usage("[0-9]+ process[^\\n]*|\"(cpuSeconds|memoryBytes)\": [^,\\n]*");
+    return std::regex_replace(shown.restOfOutput(), usage, "");
+  };
   for (const std::vector<std::string>& options :
        {std::vector<std::string>{}, {"--json"}, {"--root", root_.folder().path()}}) {
-    std::vector<std::string> arguments{"jobs", "show", "com.example.agent"};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    const auto shown = root_.control(arguments);
-    EXPECT_EQ(shown.status, exited(0)) << shown.errors;
-    arguments.insert(arguments.begin(), whole);
-    ChildProgram program(arguments, {});
-    EXPECT_EQ(program.waitForExit(), exited(0));
-    // The use of processor and memory may change between the two.
-    const auto withoutTimes = [](const std::string& text) {
-      const std::regex usage("[0-9]+ process[^\\n]*|\"(cpuSeconds|memoryBytes)\": [^,\\n]*");
-      return std::regex_replace(text, usage, "");
-    };
-    EXPECT_EQ(withoutTimes(shown.output), withoutTimes(program.restOfOutput()));
+    const std::string expected = outputOf(whole, options);
+    EXPECT_THAT(expected, HasSubstr(root_.program()));
+    // The quick program must not need the whole one.
+    std::filesystem::rename(whole, whole + "-away");
+    EXPECT_EQ(outputOf(root_.controlProgram(), options), expected);
+    std::filesystem::rename(whole + "-away", whole);
   }
 }
 

@@ -1,9 +1,15 @@
 // A program of a product, made with the kit alone. It prints what it gets.
 //
-//   kit_program settings          changes settings of "common", and ends when it has observed the
-//   last change kit_program services LABEL    asks for the services' processes, stops the service
-//   and starts it kit_program echo NAME         serves the endpoint as a service kit_program call
-//   NAME TEXT    sends the text to it
+//   kit_program settings
+//     changes settings of "common", and ends when it has observed the last change
+//   kit_program states
+//     asks for the services' processes and the health record
+//   kit_program services LABEL
+//     asks for the services' processes, stops the service and starts it
+//   kit_program echo NAME
+//     serves the endpoint as a service
+//   kit_program call NAME TEXT
+//     sends the text to it
 
 #include <chrono>
 #include <csignal>
@@ -58,14 +64,24 @@ int useSettings(vantor::Program& program) {
   return program.run([&] { printFailure(settings.set("Last", true)); }, [] { print("ending"); });
 }
 
-int useServices(vantor::Program& program, const std::string& label) {
-  vantor::ServiceManager manager(program);
+void printStates(vantor::ServiceManager& manager) {
   const auto states = manager.states();
   printFailure(states);
-  if (states) {
-    for (const vantor::ServiceState& state : *states)
-      print(state.label + " " + (state.process ? std::to_string(*state.process) : "-"));
-  }
+  if (!states) return;
+  for (const vantor::ServiceState& state : *states)
+    print(state.label + " " + (state.process ? std::to_string(*state.process) : "-"));
+}
+
+int showServices(vantor::Program& program) {
+  vantor::ServiceManager manager(program);
+  printStates(manager);
+  printFailure(manager.health());
+  return EXIT_SUCCESS;
+}
+
+int useServices(vantor::Program& program, const std::string& label) {
+  vantor::ServiceManager manager(program);
+  printStates(manager);
   printFailure(manager.stop({label}));
   printFailure(manager.start({label}));
   const auto begun = manager.beginInstallation({label});
@@ -103,6 +119,7 @@ int main(int argc, char** argv) {
   const std::string command = argc > 1 ? argv[1] : "";
   if (!program) return printFailure(program), EXIT_FAILURE;
   if (command == "settings") return useSettings(**program);
+  if (command == "states") return showServices(**program);
   if (command == "services" && argc == 3) return useServices(**program, argv[2]);
   if (command == "echo" && argc == 3) return serve(**program, argv[2]);
   if (command == "call" && argc == 4) return call(**program, argv[2], argv[3]);

@@ -49,7 +49,7 @@ TEST_F(ServiceManagerControlTest, ReportsThePlatformBelowItsOwnRoot) {
   EXPECT_THAT(output, HasSubstr("\"root\": \"" + folder_.path() + "\""));
   EXPECT_THAT(output, HasSubstr("\"kernelRelease\": \"14.5.0\""));
   EXPECT_THAT(output, HasSubstr("\"logSink\": \"file\""));
-  EXPECT_THAT(output, HasSubstr("\"path\": \"" + control_ + "\""));
+  EXPECT_THAT(output, HasSubstr("\"path\": \"" + control_ + "-full\""));
   EXPECT_EQ(program.errors(), "");
 }
 

@@ -47,18 +47,21 @@ class Probes {
 
 using PendingServer = PendingResult<ServerFact>;
 
-ServerFact hungServer() { return {ServerFact::State::kHangs, {}, {}}; }
+ServerFact factBy(Instant deadline, PendingServer& server) {
+  if (!server.hasBegun()) return {ServerFact::State::kFailed, kNoThread, {}};
+  return server.by(deadline).value_or(ServerFact{ServerFact::State::kHangs, {}, {}});
+}
 
-// The job host and the service manager. `places` may wait for a name service.
-void probePeers(const DoctorEnvironment& environment, std::optional<ListenerPlaces> places,
-                DoctorFacts& facts) {
-  if (places) {
+// The job host and the service manager. `pending` may wait for a name service.
+void probePeers(const DoctorEnvironment& environment, PendingResult<ListenerPlaces>& pending,
+                Instant deadline, DoctorFacts& facts) {
+  if (const auto places = pending.by(deadline)) {
     facts.host = probeHost(environment, *places);
     facts.daemon = probeDaemon(environment, *places);
     return;
   }
-  facts.host =
-      facts.daemon = {ServerFact::State::kFailed, "the lookup of users and groups hangs", {}};
+  const char* const why = pending.hasBegun() ? "the lookup of users and groups hangs" : kNoThread;
+  facts.host = facts.daemon = {ServerFact::State::kFailed, why, {}};
 }
 
 std::optional<PendingFact<bool>> beginToCompare(const Probes& probes, const ServerFact& server) {
@@ -101,14 +104,14 @@ DoctorFacts probe(const DoctorEnvironment& environment) {
 
   DoctorFacts facts{.configuration = configuration, .user = ::geteuid()};
   const Instant deadline = probes.deadline();
-  probePeers(environment, places.by(deadline), facts);
+  probePeers(environment, places, deadline, facts);
   const auto host = processOf(facts.host);
   auto limits = probes.begin<LimitsFact>([host] { return probeLimits(host); });
   auto kernel = probes.begin<KernelFact>([root, host] { return probeKernel(root, host); });
   auto hostProgram = beginToCompare(probes, facts.host);
   auto daemonProgram = beginToCompare(probes, facts.daemon);
-  facts.bus = bus.by(deadline).value_or(hungServer());
-  if (systemd) facts.systemd = systemd->by(deadline).value_or(hungServer());
+  facts.bus = factBy(deadline, bus);
+  if (systemd) facts.systemd = factBy(deadline, *systemd);
   facts.installed = installed.get();
   if (group) facts.group = group->get();
   facts.sockets = sockets.get();

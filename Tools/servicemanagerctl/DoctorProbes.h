@@ -24,6 +24,9 @@ inline constexpr platform::Duration kDiskProbeTime = std::chrono::seconds(5);
 inline constexpr platform::Duration kDoctorTime = std::chrono::seconds(9);
 inline constexpr platform::Duration kLateProbeTime = std::chrono::milliseconds(500);
 
+// Why a probe could not be made.
+inline constexpr char kNoThread[] = "this system has no thread left to ask";
+
 // The fact that `work` finds, which may wait for a disk or a name service. Other probes are made
 // meanwhile.
 template <typename T>
@@ -34,6 +37,7 @@ class PendingFact {
 
   // Waits for it. Call it once.
   Fact<T> get() {
+    if (!fact_.hasBegun()) return std::unexpected(NotKnown{NotKnown::Why::kFailed, kNoThread});
     auto fact = fact_.by(deadline_);
     if (fact) return *std::move(fact);
     return std::unexpected(NotKnown{NotKnown::Why::kTimedOut, {}});

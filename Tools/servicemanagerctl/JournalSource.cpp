@@ -25,6 +25,7 @@ namespace {
 constexpr char kJournalctl[] = "journalctl";
 // Only a label's own lines count, so more lines are read than shown.
 constexpr std::size_t kReadForShown = 500;
+constexpr std::size_t kLargestPartOfJournal = std::size_t{16} << 20;
 constexpr std::size_t kLongestJournalLine = std::size_t{4} << 20;
 
 std::string cursorIn(const std::string& line) {
@@ -92,12 +93,13 @@ Result<std::vector<std::string>> JournalReader::lines(bool waits) {
   std::array<char, 65536> bytes;
   ::fcntl(output_.get(), F_SETFL, waits ? 0 : O_NONBLOCK);
   std::vector<std::string> lines;
-  for (;;) {
+  for (std::size_t size = 0; size < kLargestPartOfJournal;) {
     const ssize_t count =
         retryOnInterrupt([&] { return ::read(output_.get(), bytes.data(), bytes.size()); });
     if (count < 0 && errno == EAGAIN) return lines;
     if (count < 0) return std::unexpected(systemError("reading from journalctl"));
-    if (count == 0) break;
+    if (count == 0) return conclude(std::move(lines));
+    size += static_cast<std::size_t>(count);
     rest_.append(bytes.data(), static_cast<std::size_t>(count));
     std::size_t begin = 0;
     for (std::size_t end; (end = rest_.find('\n', begin)) != rest_.npos; begin = end + 1)
@@ -106,9 +108,14 @@ Result<std::vector<std::string>> JournalReader::lines(bool waits) {
     if (rest_.size() > kLongestJournalLine) rest_.clear();
     if (lines.size() >= LabelLog::kMostEntries) return lines;
   }
+  return lines;
+}
+
+Result<std::vector<std::string>> JournalReader::conclude(std::vector<std::string> lines) {
   int status = 0;
   retryOnInterrupt([&] { return ::waitpid(process_, &status, 0); });
   process_ = -1;
+  hasSucceeded_ = WIFEXITED(status) && WEXITSTATUS(status) == 0;
   // It has said why on its standard error. Without an entry its status is 1, too.
   if (!WIFEXITED(status) || WEXITSTATUS(status) > 1)
     return std::unexpected(Error{ErrorCode::kSystem, 0, "journalctl failed"});
@@ -152,7 +159,7 @@ Result<std::vector<LogEntry>> JournalSource::read(LogFilter& filter, std::size_t
       if (entries.size() > most) entries.pop_front();
     }
     if (!lines->empty()) cursor_ = cursorIn(lines->back());
-    if (lines->size() < LabelLog::kMostEntries) break;
+    if ((*reader)->hasEnded()) break;
   }
   return std::vector<LogEntry>(std::move_iterator(entries.begin()),
                                std::move_iterator(entries.end()));

@@ -16,16 +16,23 @@ class JournalReader {
   JournalReader& operator=(const JournalReader&) = delete;
   ~JournalReader();
 
-  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
-  // not read the journal.
+  // The whole lines that can be read; with `waits`, until the program has ended or a part is large
+  // enough. Fails if it could not read the journal.
   platform::Result<std::vector<std::string>> lines(bool waits);
+
+  // Whether there are no more lines, and whether the program had nothing to complain of then.
+  bool hasEnded() const { return process_ < 0; }
+  bool hasSucceeded() const { return hasSucceeded_; }
 
  private:
   JournalReader(platform::UniqueFd output, int process)
       : output_(std::move(output)), process_(process) {}
+  // Notes how the program has ended, which has printed these lines last.
+  platform::Result<std::vector<std::string>> conclude(std::vector<std::string> lines);
 
   platform::UniqueFd output_;
   int process_;
+  bool hasSucceeded_ = false;
   std::string rest_;
 };
 

@@ -60,9 +60,8 @@ int OperatorCommands::run(const DaemonClient::Environment& environment) const {
     }
     if (explain_->parsed()) return explain(daemon);
     // An idle one has neither a health record nor extensions.
-    if (const auto overview = daemon.ask("overviewFrom:", {0});
-        overview && overview->dictionary() && !(*overview)[kFactIdleReason].isNil())
-      return std::unexpected(askAboutAllServices(daemon, "overviewFrom:").error());
+    if (const auto page = askForPage(daemon, "overviewFrom:", 0); !page)
+      return std::unexpected(page.error());
     if (extensions_->parsed()) return extensions(daemon);
     return health(daemon);
   };

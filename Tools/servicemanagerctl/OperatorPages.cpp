@@ -9,6 +9,7 @@
 
 #include "Platform/Jobs/Jobs.h"
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
+#include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
@@ -26,11 +27,11 @@ void add(Dictionary& all, const Value& some) {
   for (const auto& [label, facts] : *some.dictionary()) all.set(label, facts);
 }
 
-Refusal refusalOfIdle(const std::string& reason) {
+Refusal refusalFor(const std::string& idleReason) {
   return {kExitNobodyThere,
           fmt::format("the service manager is idle: {}; repair that and end its process, and the "
                       "job host starts it again",
-                      plain(reason))};
+                      plain(idleReason))};
 }
 
 Answer<Value> askAboutLabels(DaemonClient& daemon, std::string_view selector,
@@ -52,16 +53,32 @@ Answer<Value> askAboutAllServices(DaemonClient& daemon, std::string_view selecto
   Dictionary answer;
   Dictionary services;
   for (std::int64_t first = 0, count = 1; first < count; first += kServicesInAPage) {
-    const auto page = daemon.ask(selector, {first});
+    const auto page = askForPage(daemon, selector, first);
     if (!page || !page->dictionary()) return page;
-    if (const std::string* reason = (*page)[kFactIdleReason].string())
-      return std::unexpected(refusalOfIdle(*reason));
     if (first == 0) answer = *page->dictionary();
     add(services, (*page)[kFactServices]);
     count = (*page)[kFactServiceCount].integer().value_or(0);
   }
   answer.set(kFactServices, std::move(services));
   return Value(std::move(answer));
+}
+
+Answer<Value> askForPage(DaemonClient& daemon, std::string_view selector, std::int64_t first) {
+  auto page = daemon.ask(selector, {first});
+  if (!page) return page;
+  if (const std::string* reason = (*page)[kFactIdleReason].string())
+    return std::unexpected(refusalFor(*reason));
+  return page;
+}
+
+Refusal orOfIdle(const Refusal& refusal, const DaemonClient::Environment& environment) {
+  if (refusal.exitStatus != kExitNobodyThere && refusal.exitStatus != kExitUnknownLabel)
+    return refusal;
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (!daemon.connect()) return refusal;
+  const auto page = daemon.ask("overviewFrom:", {0});
+  const std::string* const reason = page ? (*page)[kFactIdleReason].string() : nullptr;
+  return reason ? refusalFor(*reason) : refusal;
 }
 
 Answer<Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels) {

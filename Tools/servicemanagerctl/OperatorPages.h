@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +16,15 @@
 // are not about one service are those of the first page. An idle service manager's overview is a
 // refusal with the reason.
 Answer<platform::Value> askAboutAllServices(DaemonClient& daemon, std::string_view selector);
+
+// The page of "overviewFrom:" or "healthRecordFrom:" that begins with this service. An idle service
+// manager's overview is a refusal with the reason, here too.
+Answer<platform::Value> askForPage(DaemonClient& daemon, std::string_view selector,
+                                   std::int64_t first);
+
+// If the service manager is idle, the reason instead of a refusal that comes from that: it serves
+// the operator alone, and knows no label.
+Refusal orOfIdle(const Refusal& refusal, const DaemonClient::Environment& environment);
 
 // The facts of the jobs of these services, and their entries in the catalogue, by label.
 Answer<platform::Value> askForJobs(DaemonClient& daemon, const std::vector<std::string>& labels);

@@ -185,8 +185,9 @@ int ServiceCommands::run(const DaemonClient::Environment& environment) const {
   };
   const Answer<int> outcome = act();
   if (outcome) return *outcome;
-  fail(outcome.error().text);
-  return outcome.error().exitStatus;
+  const Refusal refusal = orOfIdle(outcome.error(), environment);
+  fail(refusal.text);
+  return refusal.exitStatus;
 }
 
 Answer<int> ServiceCommands::start(DaemonClient& userInterface,

@@ -19,8 +19,7 @@ constexpr char kLeftOut[] = "(left out)";
 
 constexpr std::string_view kIntroduction =
     "Made by servicemanagerctl support-bundle. The values of settings, the environment of jobs, "
-    "what "
-    "services\nprint, keys and secrets are left out.\n\n";
+    "what services\nprint and log, keys and secrets are left out.\n\n";
 
 }  // namespace
 

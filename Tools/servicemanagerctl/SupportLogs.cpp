@@ -1,20 +1,19 @@
 #include "Tools/servicemanagerctl/SupportLogs.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <string_view>
+#include <cstddef>
 #include <utility>
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Platform/Linux/Files/RegularFile.h"
 #include "Platform/Linux/Logging/LogSinkChoice.h"
 #include "Platform/RunLoops/MonotonicTime.h"
+#include "Tools/servicemanagerctl/JournalSource.h"
+#include "Tools/servicemanagerctl/LogEntry.h"
 #include "Tools/servicemanagerctl/WithinTime.h"
 
 using namespace platform;
@@ -26,22 +25,38 @@ using Sink = PlatformConfiguration::LogSink;
 // The end of each file, and the number of files: the current one and older ones.
 constexpr std::size_t kMaxBytesOfFile = std::size_t{4} * 1024 * 1024;
 constexpr int kMaxFiles = 4;
+constexpr int kMaxLinesOfJournal = 50'000;
 constexpr std::size_t kMaxBytesOfJournal = std::size_t{8} * 1024 * 1024;
 constexpr Duration kLogTime = std::chrono::seconds(10);
 
-constexpr char kJournal[] =
-    "/usr/bin/journalctl --no-pager --quiet -o short-iso-precise -n 50000 _COMM=servicemanagerd + "
-    "_COMM=jobhost 2>&1 </dev/null";
+constexpr std::string_view kOwnPrograms[] = {"servicemanagerd", "jobhost", "jobstart", "kextunload",
+                                             "servicemanagerctl"};
 
-std::string withoutSecretsOfAll(std::string_view log) {
-  std::string text;
-  text.reserve(log.size());
-  while (!log.empty()) {
-    const std::string_view line = log.substr(0, log.find('\n'));
-    text += withoutSecrets(std::string(line)) + '\n';
-    log.remove_prefix(std::min(line.size() + 1, log.size()));
-  }
+// Removes the text up to `end` and `end` itself from `rest`, and returns the text.
+std::string_view textUpTo(std::string_view end, std::string_view& rest) {
+  const std::size_t size = std::min(rest.find(end), rest.size());
+  const std::string_view text = rest.substr(0, size);
+  rest.remove_prefix(std::min(size + end.size(), rest.size()));
   return text;
+}
+
+// The line is "TIME HOST IDENT[PROCESS] (FACILITY) <LEVEL> MESSAGE" (FileLogSink.h). The default
+// facility of any program is "user", with the program's name.
+bool isOwnLine(std::string_view line) {
+  textUpTo(" ", line);
+  textUpTo(" ", line);
+  const std::string_view ident = textUpTo("[", line);
+  textUpTo("] (", line);
+  const std::string_view facility = textUpTo(") <", line);
+  if (facility.starts_with("com.vantor.")) return true;
+  return facility == "user" && std::ranges::find(kOwnPrograms, ident) != std::end(kOwnPrograms);
+}
+
+// Leaves the last whole lines, of so many bytes at most.
+void keepEnd(std::string& text, std::size_t bytes) {
+  if (text.size() <= bytes) return;
+  const std::size_t lineEnd = text.find('\n', text.size() - bytes - 1);
+  text.erase(0, std::min(lineEnd, text.size() - 1) + 1);
 }
 
 Result<std::string> endOfFile(const std::string& path) {
@@ -56,7 +71,71 @@ Result<std::string> endOfFile(const std::string& path) {
   return content;
 }
 
-std::vector<SupportPart> filesOf(const std::string& path) {
+// The user of the job host, whose folder this is. The service manager runs under the same one.
+uid_t ownerOf(const std::string& root) {
+  struct stat status{};
+  return ::lstat(pathBelowRoot(root, "run/vantor").c_str(), &status) == 0 ? status.st_uid : 0;
+}
+
+// The lines that the two have sent to the journal themselves. A service whose output goes there
+// writes to a connection of the job host's.
+std::vector<std::string> ownLinesInJournal(uid_t user) {
+  std::vector<std::string> arguments{"-o",
+                                     "json",
+                                     "-q",
+                                     "--no-pager",
+                                     "--all",
+                                     "--output-fields=MESSAGE,PRIORITY,SYSLOG_IDENTIFIER,_PID",
+                                     fmt::format("--lines={}", kMaxLinesOfJournal)};
+  for (const char* const program : {"servicemanagerd", "jobhost"}) {
+    if (arguments.back().starts_with("_")) arguments.emplace_back("+");
+    arguments.push_back(fmt::format("_COMM={}", program));
+    arguments.push_back(fmt::format("_UID={}", user));
+    arguments.emplace_back("_TRANSPORT=journal");
+  }
+  return arguments;
+}
+
+// The lines, or why there are none.
+Result<std::string> readJournal(const std::string& root) {
+  const auto reader = JournalReader::start(ownLinesInJournal(ownerOf(root)));
+  if (!reader) return std::unexpected(reader.error());
+  std::string text;
+  while (!(*reader)->hasEnded()) {
+    const auto lines = (*reader)->lines(/*waits=*/true);
+    if (!lines) return std::unexpected(lines.error());
+    for (const std::string& line : *lines) text += supportLineOf(line).value_or("");
+    keepEnd(text, kMaxBytesOfJournal);
+  }
+  if (text.empty())
+    return std::unexpected(
+        Error{ErrorCode::kNotFound, 0, "it has none of the product that this user may read"});
+  if (!(*reader)->hasSucceeded())
+    return std::unexpected(Error{ErrorCode::kSystem, 0, "journalctl failed"});
+  return text;
+}
+
+}  // namespace
+
+std::string ownLinesOf(std::string_view log) {
+  std::string text;
+  text.reserve(log.size());
+  while (!log.empty()) {
+    const std::string_view line = textUpTo("\n", log);
+    if (isOwnLine(line)) text += withoutSecrets(std::string(line)) + '\n';
+  }
+  return text;
+}
+
+// A secret may go over several lines of a message.
+std::optional<std::string> supportLineOf(const std::string& journalLine) {
+  auto entry = entryInJournal(journalLine, {});
+  if (!entry) return std::nullopt;
+  entry->message = withoutSecrets(std::move(entry->message));
+  return asText(*entry);
+}
+
+std::vector<SupportPart> supportLogFiles(const std::string& path) {
   std::vector<SupportPart> parts;
   for (int number = 0; number < kMaxFiles; ++number) {
     const std::string suffix = number == 0 ? "" : fmt::format(".{}", number);
@@ -64,7 +143,7 @@ std::vector<SupportPart> filesOf(const std::string& path) {
     auto content = endOfFile(path + suffix);
     if (!content && number > 0 && content.error().code == ErrorCode::kNotFound) break;
     if (content)
-      part.content = withoutSecretsOfAll(*content);
+      part.content = ownLinesOf(*content);
     else
       part.whyMissing = describe(content.error());
     parts.push_back(std::move(part));
@@ -72,27 +151,15 @@ std::vector<SupportPart> filesOf(const std::string& path) {
   return parts;
 }
 
-std::vector<SupportPart> linesOfJournal() {
+SupportPart supportJournal(const std::string& root) {
   SupportPart part{.name = "log/journal.log", .what = "the product's last lines in the journal"};
-  struct Closing {
-    void operator()(std::FILE* stream) const { ::pclose(stream); }
-  };
-  const std::unique_ptr<std::FILE, Closing> output(::popen(kJournal, "re"));
-  std::string text;
-  std::array<char, 65536> buffer{};
-  while (output && text.size() < kMaxBytesOfJournal) {
-    const std::size_t size = std::fread(buffer.data(), 1, buffer.size(), output.get());
-    if (size == 0) break;
-    text.append(buffer.data(), size);
-  }
-  if (output)
-    part.content = withoutSecretsOfAll(text);
+  auto text = readJournal(root);
+  if (text)
+    part.content = *std::move(text);
   else
-    part.whyMissing = "journalctl does not start";
-  return {std::move(part)};
+    part.whyMissing = describe(text.error());
+  return part;
 }
-
-}  // namespace
 
 std::vector<SupportPart> supportLogs(const PlatformConfiguration& configuration) {
   if (configuration.logSink == Sink::kSyslog)
@@ -100,9 +167,11 @@ std::vector<SupportPart> supportLogs(const PlatformConfiguration& configuration)
              .what = "the log",
              .whyMissing = "it goes to the system log, usually /var/log/syslog"}};
   PendingResult<std::vector<SupportPart>> pending(
-      [isJournal = configuration.logSink == Sink::kJournal, path = logFile(configuration.root)] {
-        return isJournal ? linesOfJournal() : filesOf(path);
+      [isJournal = configuration.logSink == Sink::kJournal, root = configuration.root] {
+        return isJournal ? std::vector{supportJournal(root)} : supportLogFiles(logFile(root));
       });
   if (auto parts = pending.by(monotonicTime() + kLogTime)) return *std::move(parts);
-  return {{.name = "log", .what = "the log", .whyMissing = "reading it takes too long"}};
+  const char* const why = pending.hasBegun() ? "reading it takes too long"
+                                             : "this system has no thread left to read it";
+  return {{.name = "log", .what = "the log", .whyMissing = why}};
 }

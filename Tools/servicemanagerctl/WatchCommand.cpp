@@ -11,6 +11,7 @@
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
 
@@ -25,7 +26,7 @@ constexpr Duration kPauseBeforeRetry = 1s;
 
 // The number of services. A page behind the last one has nothing but that.
 Answer<std::int64_t> countServices(DaemonClient& daemon) {
-  const auto page = daemon.ask("overviewFrom:", {std::numeric_limits<std::int64_t>::max()});
+  const auto page = askForPage(daemon, "overviewFrom:", std::numeric_limits<std::int64_t>::max());
   if (!page) return std::unexpected(page.error());
   return (*page)[kFactServiceCount].integer().value_or(0);
 }

@@ -26,13 +26,16 @@ class PendingResult {
         shared->ready.notify_one();
       }).detach();
     } catch (const std::system_error&) {
-      shared_->hasThread = false;  // The system has no thread left.
+      shared_->hasThread = false;
     }
   }
 
+  // False if the system had no thread left for the work, which then has no result.
+  bool hasBegun() const { return shared_->hasThread; }
+
   // Waits for the result until then. Nothing if it has not come. Call it once.
   std::optional<T> by(platform::Instant deadline) {
-    if (!shared_->hasThread) return std::nullopt;
+    if (!hasBegun()) return std::nullopt;
     std::unique_lock lock(shared_->mutex);
     shared_->ready.wait_for(lock, deadline - platform::monotonicTime(),
                             [this] { return shared_->result.has_value(); });

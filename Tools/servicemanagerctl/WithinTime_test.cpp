@@ -1,12 +1,15 @@
 #include "Tools/servicemanagerctl/WithinTime.h"
 
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <memory>
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include "Platform/RunLoops/MonotonicTime.h"
+#include "Platform/Testing/Machine/FailingSystemCall.h"
 
 namespace {
 
@@ -40,6 +43,15 @@ TEST(PendingResult, WorkThatHangsHasNoResult) {
   });
   EXPECT_EQ(hung.by(monotonicTime()), std::nullopt);
   end->set_value();  // The thread ends.
+  EXPECT_TRUE(hung.hasBegun());
+}
+
+TEST(PendingResult, WithoutAThreadTheWorkHasNotBegun) {
+  platform::withFailingSystemCall(SYS_clone3, EAGAIN, [] {
+    PendingResult<int> pending([] { return 1; });
+    EXPECT_FALSE(pending.hasBegun());
+    EXPECT_EQ(pending.by(monotonicTime() + kLong), std::nullopt);
+  });
 }
 
 }  // namespace

@@ -74,7 +74,8 @@ Refusal notConnected(const XPCCommands::Environment& environment) {
     return {kExitFailed, fmt::format("the service manager takes no connection; {}", kBusy)};
   return {kExitNobodyThere,
           fmt::format("no service manager serves endpoints below {}; is it running? "
-                      "\"servicemanagerctl jobs show com.vantor.servicemanager\" tells",
+                      "\"servicemanagerctl jobs show com.vantor.servicemanager\" tells, and "
+                      "\"servicemanagerctl list\" why one that runs is idle",
                       environment.root)};
 }
 

@@ -35,7 +35,7 @@ class VANTOR_KIT_API ServiceManager {
   ServiceManager& operator=(const ServiceManager&) = delete;
   ~ServiceManager();
 
-  // All services of the catalogue.
+  // All services of the catalogue. Fails with the reason if the service manager is idle.
   Result<std::vector<ServiceState>> states();
 
   // Starts services, and stops them until they are started again. Returns when the service manager
@@ -51,7 +51,8 @@ class VANTOR_KIT_API ServiceManager {
   Result<void> endInstallation();
 
   // The health record: by label under "Services", with the status and the crashes of each. Nil if
-  // this product has none. Reading it changes nothing.
+  // this product has none. Reading it changes nothing. Fails with the reason if the service manager
+  // is idle.
   Result<Value> health();
 
  private:
