@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
   const std::string name = "com.vantor.demo." + program.name() + ".endpoint";
   const auto endpoint = vantor::Endpoint::serve(
       program, name, {"greetWithReply:"},
-      [&name](const std::string& /*selector*/, const vantor::Array& /*arguments*/) {
+      [name](const std::string& /*selector*/, const vantor::Array& /*arguments*/) {
         return vantor::Array{"Hello from " + name};
       });
   if (!endpoint) return fail(endpoint.error());

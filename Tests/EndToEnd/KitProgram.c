@@ -67,7 +67,9 @@ static void started(void* context) {
 static void ending(void* context) { printf("ending after %d calls\n", ((struct Service*)context)->calls); }
 
 static int serve(vantor_program* program) {
-  struct Service service = {program, 0};
+  // The endpoint's handler uses it until the program is freed.
+  static struct Service service;
+  service.program = program;
   vantor_endpoint* endpoint = NULL;
   int status = EXIT_FAILURE;
   if (vantor_endpoint_serve(program, kEndpoint, kSelectors, echo, &service.calls, &endpoint) != VANTOR_OK)

@@ -6,12 +6,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
@@ -20,6 +22,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/Files/PropertyListFile.h"
+#include "Platform/Linux/NamedConnections/AccountNumbers.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
 #include "Tools/servicemanagerctl/BenchLines.h"
@@ -34,14 +37,12 @@ using platform::ErrorCode;
 using platform::Result;
 using platform::UniqueFd;
 
-// A platform root that is removed again. Everybody may go through it, because the job may have
-// another user.
+// A platform root that is removed again. Other users have no access.
 class BenchRoot {
  public:
   static Result<BenchRoot> make() {
     std::string path = (fs::temp_directory_path() / "vantor-run.XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr || ::chmod(path.c_str(), 0755) != 0)
-      return std::unexpected(platform::systemError(path));
+    if (::mkdtemp(path.data()) == nullptr) return std::unexpected(platform::systemError(path));
     return BenchRoot(path);
   }
   BenchRoot(BenchRoot&& other) noexcept : path_(std::exchange(other.path_, {})) {}
@@ -59,6 +60,38 @@ class BenchRoot {
   std::string path_;
 };
 
+struct JobUser {
+  ::uid_t user;
+  ::gid_t group;
+};
+
+// Nothing if the job has no user of its own, or one that the job host will reject as unknown.
+std::optional<JobUser> userOf(const Dictionary& job) {
+  const auto name = job["UserName"].string();
+  const auto* const entry = name ? ::getpwnam(name->c_str()) : nullptr;
+  if (entry == nullptr) return {};
+  JobUser user{entry->pw_uid, entry->pw_gid};
+  if (const auto group = job["GroupName"].string())
+    user.group = platform::groupNumber(*group).value_or(user.group);
+  return user;
+}
+
+// The terminal shows all that is written into the pipe, so only the job's user can write into it.
+// The job host opens it as that user, who gets no other permission in the root.
+Result<void> makeOutput(const BenchRoot& root, const Dictionary& job) {
+  const std::string pipe = root.path("output");
+  if (::mkfifo(pipe.c_str(), 0600) != 0) return std::unexpected(platform::systemError(pipe));
+  const auto user = userOf(job);
+  if (!user) return {};
+  constexpr ::uid_t kUnchanged = -1;
+  const std::string folder = root.path("");
+  if (::chown(pipe.c_str(), user->user, user->group) != 0)
+    return std::unexpected(platform::systemError(pipe));
+  if (::chown(folder.c_str(), kUnchanged, user->group) != 0 || ::chmod(folder.c_str(), 0710) != 0)
+    return std::unexpected(platform::systemError(folder));
+  return {};
+}
+
 Result<void> layOut(const BenchRoot& root, const ServiceBench& bench) {
   std::error_code error;
   for (const char* folder : {"etc/vantor", "Library/LaunchDaemons", "usr/bin", "log"}) {
@@ -67,9 +100,7 @@ Result<void> layOut(const BenchRoot& root, const ServiceBench& bench) {
   }
   fs::copy_file(bench.hostProgram, root.path("usr/bin/jobhost"), error);
   if (error) return std::unexpected(Error{ErrorCode::kSystem, error.value(), bench.hostProgram});
-  if (::mkfifo(root.path("output").c_str(), 0600) != 0 ||
-      ::chmod(root.path("output").c_str(), 0622) != 0)
-    return std::unexpected(platform::systemError(root.path("output")));
+  if (auto made = makeOutput(root, bench.job); !made) return made;
   Dictionary job = bench.job;
   for (const char* key : {"StandardOutPath", "StandardErrorPath"})
     job.set(key, root.path("output"));

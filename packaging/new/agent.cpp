@@ -42,13 +42,14 @@ void read(const vantor::Program& program, vantor::Settings& settings, Greeting& 
 }  // namespace
 
 int main() {
+  // The endpoint's handler uses it until the program has gone.
+  Greeting greeting;
   const auto made = vantor::Program::make();
   if (!made) {
     std::fputs((made.error().text + "\n").c_str(), stderr);
     return EXIT_FAILURE;
   }
   vantor::Program& program = **made;
-  Greeting greeting;
   vantor::Settings settings(program, "common");
   // The key is empty if changes may have been missed.
   const auto watch = settings.watch([&](const std::string& key) {
@@ -56,7 +57,7 @@ int main() {
   });
   const auto endpoint =
       vantor::Endpoint::serve(program, kEndpoint, {"greetWithReply:"},
-                              [&](const std::string& /*selector*/, const vantor::Array&) {
+                              [&greeting](const std::string& /*selector*/, const vantor::Array&) {
                                 return vantor::Array{greeting.text()};
                               });
   if (!endpoint) {

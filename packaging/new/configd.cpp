@@ -44,7 +44,10 @@ int main() {
     program.log(vantor::LogLevel::kError, server.error().text);
     return EXIT_FAILURE;
   }
-  if (const auto done = registerDefaults(program, *server); !done)
-    program.log(vantor::LogLevel::kWarning, "the defaults: " + done.error().text);
+  if (const auto done = registerDefaults(program, *server); !done) {
+    // Without its default a switch counts as off, so the services wait until the file is repaired.
+    program.log(vantor::LogLevel::kError, "the defaults: " + done.error().text);
+    return EXIT_FAILURE;
+  }
   return program.run([&] { server->start(); }, [&] { server->stop(); });
 }

@@ -37,7 +37,8 @@ class VANTOR_KIT_API Endpoint {
 
   Endpoint(Endpoint&& other) noexcept;
   Endpoint& operator=(Endpoint&& other) noexcept;
-  // Ends the listener. Its clients' connections go on until they or the program end.
+  // Ends the listener. Its clients' connections go on until they or the program end: all that the
+  // handler uses outlives the program, not only the endpoint.
   ~Endpoint();
 
  private:

@@ -132,7 +132,8 @@ VANTOR_KIT_API vantor_observation* vantor_settings_watch(vantor_settings* settin
 
 /* Endpoints (vantor/Endpoints.h). `selectors` ends with null. A handler of an endpoint runs on
  * threads of the library, and returns an array with the values of the reply, which the library
- * frees; null ends the client's connection. */
+ * frees; null ends the client's connection. All that the handler uses, as its context, outlives the
+ * program, not only the endpoint: clients' connections go on until the program ends. */
 typedef struct vantor_endpoint vantor_endpoint;
 typedef struct vantor_peer vantor_peer;
 typedef vantor_value* (*vantor_message_handler)(const char* selector, const vantor_value* arguments,
