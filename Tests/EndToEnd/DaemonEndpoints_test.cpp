@@ -38,14 +38,27 @@ using testing::HasSubstr;
 
 class DaemonEndpoints : public DaemonFixture {
  protected:
+  // Each descriptor by its number and its link in /proc, which for a socket contains the inode.
+  using Descriptors = std::set<std::pair<std::string, std::string>>;
+
   void SetUp() override {
     EXPECT_TRUE(raiseDescriptorLimit());
     start(1);
-    atStart_ = descriptorsOfDaemon();
+    atStart_ = descriptorsAtRest();
   }
 
-  // Each descriptor by its number and its link in /proc, which for a socket contains the inode.
-  using Descriptors = std::set<std::pair<std::string, std::string>>;
+  // The daemon takes some for a moment after its start, such as those of programs that it verifies.
+  Descriptors descriptorsAtRest() {
+    Descriptors last = descriptorsOfDaemon();
+    for (int unchanged = 0; unchanged < 5;) {
+      root_.loop().sleepFor(50ms);
+      Descriptors now = descriptorsOfDaemon();
+      unchanged = now == last ? unchanged + 1 : 0;
+      last = std::move(now);
+    }
+    return last;
+  }
+
   Descriptors descriptorsOfDaemon() {
     Descriptors descriptors;
     const std::filesystem::directory_iterator entries(
