@@ -218,6 +218,8 @@ void OutputReader::removeIfUnused(Stream& stream) {
 }
 
 void OutputReader::remove(Stream& stream) {
+  // close() does not do this while a child that has not executed its program yet has a copy.
+  ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stream.pipe.get(), nullptr);
   stream.lines.end();
   unfinished_.erase(&stream);
   ::unlink(pathOf(stream.name).c_str());

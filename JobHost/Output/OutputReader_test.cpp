@@ -1,11 +1,15 @@
 #include "JobHost/Output/OutputReader.h"
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <fcntl.h>
@@ -13,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Platform/RunLoops/MonotonicTime.h"
@@ -53,6 +58,18 @@ class AwaitedLines final : public platform::LogSink {
 
 void print(const UniqueFd& file, const std::string& text) {
   EXPECT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+// The descriptors in all epoll sets of this process.
+std::size_t watchedDescriptors() {
+  std::size_t watched = 0;
+  std::error_code error;
+  for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+    if (std::filesystem::read_symlink(each, error) != "anon_inode:[eventpoll]") continue;
+    std::ifstream facts("/proc/self/fdinfo/" + each.path().filename().string());
+    for (std::string line; std::getline(facts, line);) watched += line.starts_with("tfd:") ? 1 : 0;
+  }
+  return watched;
 }
 
 class OutputReaderTest : public testing::Test {
@@ -115,6 +132,34 @@ TEST_F(OutputReaderTest, TheNextProcessOfALabelIsRead) {
   }
   lines_.await(50);
   awaitEndOf("a");
+}
+
+// A process that the host starts has copies of all descriptors until it executes its program.
+TEST_F(OutputReaderTest, ACopyInAChildDoesNotKeepARemovedPipeWatched) {
+  UniqueFd a = open("a");
+  const std::size_t watched = watchedDescriptors();
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  const UniqueFd endOfChild(ends[0]);
+  UniqueFd end(ends[1]);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(a.get());
+    ::close(end.get());
+    char byte = 0;
+    ::_exit(::read(endOfChild.get(), &byte, 1) == 0 ? 0 : 1);
+  }
+  ASSERT_GT(child, 0);
+  a.reset();
+  awaitEndOf("a");
+  EXPECT_EQ(watchedDescriptors(), watched - 1);
+  const UniqueFd b = open("b");
+  print(b, "still read\n");
+  EXPECT_THAT(lines_.await(1), ElementsAre("b: still read"));
+  end.reset();
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(OutputReaderTest, AProcessPrintsWithoutAReaderAndTheNextOneReads) {
