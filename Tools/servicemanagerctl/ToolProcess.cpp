@@ -29,7 +29,8 @@ Result<Pipe> makePipe() {
   return pipe;
 }
 
-// The new process has no signal blocked, and its input is empty.
+// The new process has no signal blocked, and its input is empty. Its process group is its own, so
+// that Ctrl-C does not end it halfway.
 Result<pid_t> spawn(const std::vector<std::string>& arguments, int output, int errors) {
   posix_spawn_file_actions_t files;
   posix_spawnattr_t attributes;
@@ -40,7 +41,8 @@ Result<pid_t> spawn(const std::vector<std::string>& arguments, int output, int e
   ::posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
   ::posix_spawn_file_actions_adddup2(&files, errors, STDERR_FILENO);
   ::posix_spawnattr_init(&attributes);
-  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+  ::posix_spawnattr_setpgroup(&attributes, 0);
   ::posix_spawnattr_setsigmask(&attributes, &none);
   std::vector<char*> pointers;
   for (const std::string& argument : arguments)
@@ -81,6 +83,12 @@ ToolProcess::~ToolProcess() {
   if (process_ < 0) return;
   ::kill(process_, SIGKILL);
   ::waitpid(process_, nullptr, 0);
+}
+
+void ToolProcess::detach() {
+  output_.watch.reset();
+  errors_.watch.reset();
+  process_ = -1;
 }
 
 Result<void> ToolProcess::watch(Stream& stream) {

@@ -13,8 +13,9 @@
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Error.h"
 
-// This tool with another command in a process of its own. Its output is kept up to kMostBytes. The
-// process is killed with this object.
+// This tool with another command in a process of its own, which the keys of the terminal do not
+// end. Its output is kept up to kMostBytes. The process is killed with this object, unless detach()
+// was called.
 class ToolProcess {
  public:
   static constexpr std::size_t kMostBytes = std::size_t{16} << 20;
@@ -32,6 +33,9 @@ class ToolProcess {
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
   ~ToolProcess();
+
+  // The process runs on to its end, which is not reported.
+  void detach();
 
  private:
   struct Stream {

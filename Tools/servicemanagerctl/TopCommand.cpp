@@ -3,9 +3,12 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -90,6 +93,13 @@ class Top {
   Top(RunLoop& loop, const std::string& root, Curses& screen, const Signals& signals)
       : loop_(loop), root_(root), screen_(screen), signals_(signals) {}
 
+  Top(const Top&) = delete;
+  Top& operator=(const Top&) = delete;
+  // Requests that the user has made are done, also after the end of the screen.
+  ~Top() {
+    for (const auto& [id, action] : actions_) action->detach();
+  }
+
   // Returns the signal that has ended it, or 0.
   Result<int> run() {
     const InputFlags restored;
@@ -100,7 +110,6 @@ class Top {
     if (!signals) return std::unexpected(signals.error());
     const auto timer = loop_.startTimer(kInterval, RunLoop::Repeat::kEvery, [this] { tick(); });
     tick();
-    draw();
     loop_.run();
     return signal_;
   }
@@ -110,25 +119,33 @@ class Top {
 
   void tick() {
     const Instant now = loop_.now();
-    if (list_) {
-      if (now - listBegan_ >= kLate) model_.listIsLate(now - listBegan_);
-      return draw();
+    if (!list_) {
+      startList();
+    } else if (now - listBegan_ >= kLate) {
+      model_.listIsLate(now - listBegan_);
     }
-    listBegan_ = now;
-    list_ =
+    draw();
+  }
+
+  void startList() {
+    listBegan_ = loop_.now();
+    auto list =
         start({"list", "--value", "--fields", kTopFields}, [this](ToolProcess::Outcome outcome) {
           model_.listHasEnded(outcome.hasSucceeded, outcome.output, outcome.errors,
                               loop_.wallTime());
           list_.reset();
           draw();
         });
+    if (list) {
+      list_ = std::move(*list);
+    } else {
+      model_.listHasEnded(false, "", describe(list.error()), loop_.wallTime());
+    }
   }
 
-  std::unique_ptr<ToolProcess> start(std::vector<std::string> command, ToolProcess::Ended ended) {
-    auto tool = ToolProcess::start(loop_, commandLine(root_, std::move(command)), std::move(ended));
-    if (tool) return std::move(*tool);
-    model_.actionHasEnded(describe(tool.error()));
-    return nullptr;
+  Result<std::unique_ptr<ToolProcess>> start(std::vector<std::string> command,
+                                             ToolProcess::Ended ended) {
+    return ToolProcess::start(loop_, commandLine(root_, std::move(command)), std::move(ended));
   }
 
   void readKeys() {
@@ -150,19 +167,35 @@ class Top {
       case TopAction::Kind::kQuit:
         return loop_.stop();
       case TopAction::Kind::kAct:
+        return startAction(std::move(action.arguments));
       case TopAction::Kind::kPage:
-        break;
+        return startPage(std::move(action.arguments));
     }
-    const bool isPage = action.kind == TopAction::Kind::kPage;
-    std::string title = action.arguments.front() + " " + action.arguments.back();
-    // A new action replaces the report of the one that goes on; what was asked for is done anyway.
-    action_ = start(action.arguments, [this, isPage, title](ToolProcess::Outcome outcome) {
-      const std::string said = outcome.output + outcome.errors;
-      if (isPage) model_.pageHasCome(title, said);
-      model_.actionHasEnded(isPage ? "" : outcome.hasSucceeded ? outcome.output : outcome.errors);
-      action_.reset();
+  }
+
+  void startAction(std::vector<std::string> command) {
+    if (actions_.size() == kMostActions) return model_.actionHasEnded("still busy");
+    const int id = ++lastAction_;
+    auto action = start(std::move(command), [this, id](ToolProcess::Outcome outcome) {
+      model_.actionHasEnded(outcome.hasSucceeded ? outcome.output : outcome.errors);
+      actions_.erase(id);
       draw();
     });
+    if (!action) return model_.actionHasEnded(describe(action.error()));
+    actions_.emplace(id, std::move(*action));
+  }
+
+  // A new page replaces one that has not come yet.
+  void startPage(std::vector<std::string> command) {
+    std::string title = command.front() + " " + command.back();
+    auto page = start(std::move(command), [this, title](ToolProcess::Outcome outcome) {
+      model_.pageHasCome(title, outcome.output + outcome.errors);
+      model_.actionHasEnded("");
+      page_.reset();
+      draw();
+    });
+    if (!page) return model_.actionHasEnded(describe(page.error()));
+    page_ = std::move(*page);
   }
 
   void readSignals() {
@@ -183,6 +216,7 @@ class Top {
   }
 
   static constexpr int kMostEmptyReads = 100;
+  static constexpr std::size_t kMostActions = 16;  // at the same time
 
   RunLoop& loop_;
   const std::string& root_;
@@ -190,7 +224,9 @@ class Top {
   const Signals& signals_;
   TopModel model_;
   std::unique_ptr<ToolProcess> list_;
-  std::unique_ptr<ToolProcess> action_;
+  std::unique_ptr<ToolProcess> page_;
+  std::map<int, std::unique_ptr<ToolProcess>> actions_;
+  int lastAction_ = 0;
   Instant listBegan_{};
   int emptyReads_ = 0;
   int signal_ = 0;

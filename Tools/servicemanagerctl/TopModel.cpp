@@ -126,6 +126,8 @@ void TopModel::listHasEnded(bool hasSucceeded, std::string_view output, std::str
   for (const std::string& line : partsOf(output, '\n')) {
     if (auto row = topRowOf(line, now)) rows_.push_back(*std::move(row));
   }
+  // The next list may have another order, and the selection stays with its service.
+  if (selected_.empty()) selectFirst();
 }
 
 void TopModel::listIsLate(Duration late) {
@@ -157,6 +159,7 @@ TopAction TopModel::press(int key, std::size_t height) {
 void TopModel::typeFilter(int key) {
   if (key == top_keys::kEnter) {
     isTypingFilter_ = false;
+    if (!selection(shownRows())) selectFirst();
   } else if (key == top_keys::kEscape) {
     isTypingFilter_ = false;
     filter_.clear();
@@ -235,10 +238,12 @@ void TopModel::pressInPage(int key, std::size_t height) {
 
 TopAction TopModel::actOn(std::string_view verb, TopAction::Kind kind) {
   const auto rows = shownRows();
-  if (rows.empty()) return {};
-  const std::string& label = rows[selection(rows)]->label;
-  said_ = fmt::format("{} {} ...", verb, label);
-  return {.kind = kind, .arguments = {std::string(verb), label}};
+  if (!selection(rows)) {
+    said_ = "choose a service";
+    return {};
+  }
+  said_ = fmt::format("{} {} ...", verb, selected_);
+  return {.kind = kind, .arguments = {std::string(verb), selected_}};
 }
 
 std::vector<const TopRow*> TopModel::shownRows() const {
@@ -250,9 +255,14 @@ std::vector<const TopRow*> TopModel::shownRows() const {
   return shown;
 }
 
-std::size_t TopModel::selection(const std::vector<const TopRow*>& rows) const {
+std::optional<std::size_t> TopModel::selection(const std::vector<const TopRow*>& rows) const {
   const auto found = std::ranges::find(rows, selected_, &TopRow::label);
-  return found == rows.end() ? 0 : static_cast<std::size_t>(found - rows.begin());
+  if (found == rows.end()) return std::nullopt;
+  return static_cast<std::size_t>(found - rows.begin());
+}
+
+void TopModel::selectFirst() {
+  if (const auto rows = shownRows(); !rows.empty()) selected_ = rows.front()->label;
 }
 
 void TopModel::select(std::ptrdiff_t step) {
@@ -260,7 +270,9 @@ void TopModel::select(std::ptrdiff_t step) {
   const auto rows = shownRows();
   if (rows.empty()) return;
   const auto last = static_cast<std::ptrdiff_t>(rows.size()) - 1;
-  const auto wanted = static_cast<std::ptrdiff_t>(selection(rows)) + step;
+  const auto selected = selection(rows);
+  const auto before = selected ? static_cast<std::ptrdiff_t>(*selected) : std::ptrdiff_t{-1};
+  const auto wanted = before + step;
   selected_ = rows[static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(wanted, 0, last))]->label;
 }
 
@@ -288,14 +300,14 @@ std::vector<TopLine> TopModel::linesOfList(std::size_t width, std::size_t height
   lines.push_back(
       {topLineOf({"LABEL", "STATE", "PID", "SINCE", "STARTS", "WHY"}, columns), kHeading});
   const std::size_t room = height > kLinesAround ? height - kLinesAround : 0;
-  const std::size_t selected = selection(rows);
-  const std::size_t first = selected >= room && room > 0 ? selected - room + 1 : 0;
+  const std::optional<std::size_t> selected = selection(rows);
+  const std::size_t first = selected && *selected >= room && room > 0 ? *selected - room + 1 : 0;
   for (std::size_t i = first; i < rows.size() && i < first + room; ++i)
     lines.push_back({topLineOf(*rows[i], columns), i == selected ? kSelected : lookOf(*rows[i])});
   lines.resize(std::max(lines.size(), room + 2));
   // The column of the reason may be too narrow for it.
-  const bool hasReason = said_.empty() && !rows.empty() && !rows[selected]->why.empty();
-  lines.push_back({hasReason ? rows[selected]->label + ": " + rows[selected]->why : said_});
+  const bool hasReason = said_.empty() && selected && !rows[*selected]->why.empty();
+  lines.push_back({hasReason ? selected_ + ": " + rows[*selected]->why : said_});
   lines.push_back({footer(), kHeading});
   return lines;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,8 +75,9 @@ class TopModel {
   enum class View { kList, kPage, kHelp };
 
   std::vector<const TopRow*> shownRows() const;
-  // The place of the selection among the shown rows; 0 if it is not shown.
-  std::size_t selection(const std::vector<const TopRow*>& rows) const;
+  // The place of the selection among the shown rows; none if it is not shown.
+  std::optional<std::size_t> selection(const std::vector<const TopRow*>& rows) const;
+  void selectFirst();
   void select(std::ptrdiff_t step);
   void typeFilter(int key);
   TopAction pressInList(int key, std::size_t height);

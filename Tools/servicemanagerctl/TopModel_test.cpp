@@ -82,6 +82,28 @@ TEST_F(TopModelTest, TheChoiceStaysWithItsServiceAndAtTheEnds) {
   EXPECT_EQ(selected(), "a.new");
 }
 
+TEST_F(TopModelTest, TheFirstSelectionSurvivesAnotherOrder) {
+  model_.listHasEnded(true, "a.new\twaiting\n" + std::string(kList), "", kNoon);
+  EXPECT_EQ(selected(), "com.example.agent");
+  EXPECT_EQ(press('t'), (TopAction{TopAction::Kind::kAct, {"stop", "com.example.agent"}}));
+}
+
+TEST_F(TopModelTest, AServiceThatIsNotShownIsNotActedOn) {
+  model_.listHasEnded(true, "a.new\twaiting\n", "", kNoon);
+  EXPECT_EQ(selected(), "");
+  EXPECT_EQ(press('t'), TopAction());
+  EXPECT_THAT(screen(), HasSubstr("choose a service"));
+  press(top_keys::kDown);
+  EXPECT_EQ(press('t').arguments.back(), "a.new");
+}
+
+TEST_F(TopModelTest, AnAcceptedFilterSelectsAShownService) {
+  type("/scanner\n");
+  EXPECT_EQ(selected(), "com.example.scanner");
+  press(top_keys::kEscape);
+  EXPECT_EQ(press('t').arguments.back(), "com.example.scanner");
+}
+
 TEST_F(TopModelTest, AFilterShowsWhatHasItsText) {
   type("/sqx");
   press(top_keys::kBackspace);
