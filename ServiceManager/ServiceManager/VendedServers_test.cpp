@@ -19,6 +19,7 @@
 #include "Platform/Testing/RunLoops/VirtualRunLoop.h"
 #include "Platform/Testing/SystemFacts/FakeSystemInformation.h"
 #include "Platform/Testing/XPC/FakeXPC.h"
+#include "ServiceManager/ServiceManager/ORBExecInfoHandler.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 
 namespace {
@@ -37,6 +38,10 @@ class NotedMessages final : public MessageReceiver {
     return Value("answer");
   }
   std::vector<std::string> selectors;
+};
+
+struct NoLastUser final : ExecInfoHandlerDelegate {
+  Value getLastLoggedInUserHomeDirectory() override { return {}; }
 };
 
 class VendedServersTest : public testing::Test {
@@ -77,6 +82,7 @@ class VendedServersTest : public testing::Test {
   NotedMessages userInterface_;
   KLXConnectionAuthenticator delegate_{system_};
   const Value secret_ = Data{1, 2, 3, 4, 5, 6, 7, 8};
+  std::shared_ptr<ExecInfoHandlerDelegate> lastUser_ = std::make_shared<NoLastUser>();
   std::string exception_;  // of the last message, if it raised
   std::optional<VendedServers> servers_{
       std::in_place, VendedServers::Environment{.runLoop = loop_,
@@ -87,7 +93,7 @@ class VendedServersTest : public testing::Test {
                                                 .xpc = xpc_.xpc,
                                                 .codeSignatures = signatures_,
                                                 .attributes = attributes_,
-                                                .lastUser = nullptr,
+                                                .lastUser = lastUser_,
                                                 .installer = installer_,
                                                 .userInterface = userInterface_,
                                                 .delegate = delegate_,
@@ -153,6 +159,14 @@ TEST_F(VendedServersTest, TheNamesEndWithIt) {
   EXPECT_FALSE(installer->isValid());
   EXPECT_TRUE(send(kAuth, kServiceManagerAuthProtocol, "retrieveKey").isNil());
   EXPECT_THAT(installer_.selectors, IsEmpty());
+}
+
+TEST_F(VendedServersTest, ARequestThatOutlastsItKeepsNoDelegate) {
+  servers_->vendXPCListeners();
+  const auto handlerOfRequest = servers_->execHandler();
+  const std::weak_ptr<ExecInfoHandlerDelegate> lastUser = std::exchange(lastUser_, nullptr);
+  servers_.reset();
+  EXPECT_TRUE(lastUser.expired());
 }
 
 TEST_F(VendedServersTest, AnOldSystemHasNoXPCListeners) {
