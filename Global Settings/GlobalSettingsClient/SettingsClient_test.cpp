@@ -1,6 +1,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Global Settings/GlobalSettingsClient/FakeSettingsClient_fixture.h"
 #include "Global Settings/GlobalSettingsClient/FakeSettingsServer_fixture.h"
@@ -61,6 +62,21 @@ std::unique_ptr<SettingsUnderTest> makeServedSettings() {
 
 INSTANTIATE_TEST_SUITE_P(Fake, SettingsClientContract, testing::Values(&makeFakeSettings));
 INSTANTIATE_TEST_SUITE_P(Served, SettingsClientContract, testing::Values(&makeServedSettings));
+
+class SmallestClient final : public SettingsClient {
+  Value objectForKey(std::string_view) override { return {}; }
+  platform::MessageResult probeObjectForKey(std::string_view, platform::Duration) override {
+    return Value();
+  }
+  void forgetConnection() override {}
+};
+
+TEST(SettingsClientTest, AClientIsNotHungByDefault) {
+  SmallestClient client;
+  SettingsClient& settings = client;
+  EXPECT_FALSE(settings.isServerHung());
+  EXPECT_TRUE(settings.hasAnswered());
+}
 
 TEST(FakeSettingsClientTest, CountsTheForgottenConnections) {
   const std::map<std::string, Value> none;
