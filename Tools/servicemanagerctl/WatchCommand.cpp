@@ -49,8 +49,8 @@ Answer<Beginning> begin(DaemonClient& daemon) {
   return Beginning{*services, (*events)[kFactLastEvent].integer().value_or(0)};
 }
 
-// A question that is answered at once.
-Answer<void> probe(DaemonClient& daemon) {
+// Its question is answered at once.
+Answer<void> connectAgain(DaemonClient& daemon) {
   if (const auto connected = daemon.connect(); !connected)
     return std::unexpected(connected.error());
   if (const auto events = daemon.ask("eventsAfter:", {-1}); !events)
@@ -101,7 +101,7 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
     remark(ended.error().text);
     for (Answer<void> answered = std::unexpected(ended.error()); !answered;) {
       pauseFor(loop, kPauseBeforeRetry);
-      answered = probe(renew());
+      answered = connectAgain(renew());
       if (answered || !isLasting(answered.error())) continue;
       fail(answered.error().text);
       return answered.error().exitStatus;
