@@ -120,7 +120,8 @@ void ORBServiceManager::handleGlobalSettingsDidChange(const DistributedNotificat
                      stringWithFormat("Notification received for global settings change: %@",
                                       notification.userInfo["KLXGlobalSettingsKeyModified"]));
   const std::string* const key = notification.userInfo["KLXGlobalSettingsKeyModified"].string();
-  tellOperator({.kind = OperatorEvent::Kind::kSettings, .subject = key ? *key : std::string()});
+  if (auto told = settingsEvents_.keyOfEvent(key ? *key : std::string(), platform_.runLoop.now()))
+    tellOperator({.kind = OperatorEvent::Kind::kSettings, .subject = *std::move(told)});
   settings_.forgetConnections();  // A server that announces a change does not hang any more.
   // A timer that has fired counts, too: only an evaluation in normal mode makes room for another.
   if (timers_.globalSettingsDidChangeEffectTimer()) return;

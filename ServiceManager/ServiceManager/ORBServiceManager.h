@@ -28,6 +28,7 @@
 #include "ServiceManager/ServiceManager/OperatorPublisher.h"
 #include "ServiceManager/ServiceManager/OwnIntegrity.h"
 #include "ServiceManager/ServiceManager/ServiceManagerPlatform.h"
+#include "ServiceManager/ServiceManager/SettingsEventLimit.h"
 #include "ServiceManager/ServiceManager/TakeOver.h"
 #include "ServiceManager/ServiceManager/UserInterfaceClients.h"
 #include "ServiceManager/ServiceManager/UserInterfaceServer.h"
@@ -367,7 +368,8 @@ class ORBServiceManager final : public platform::VGBackgroundServiceDelegate,
   const std::shared_ptr<MainThreadWork> mainThreadWork_;  // shared with the operator's thread
   UserInterfaceClients userClients_;
   const std::shared_ptr<OperatorEvents> events_;  // shared with the operator's thread
-  std::map<std::string, bool> decisions_;         // the last ones about feature services
+  SettingsEventLimit settingsEvents_;
+  std::map<std::string, bool> decisions_;  // the last ones about feature services
   platform::TurnQueue turns_;
   // While an evaluation waits for the primary service, another one need not wait, too.
   std::weak_ptr<void> waitForPrimary_;

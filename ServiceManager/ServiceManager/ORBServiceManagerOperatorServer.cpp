@@ -91,17 +91,27 @@ void ORBServiceManagerOperatorServer::awaitEvents(std::int64_t number, MessageRe
   OperatorEvents& events = *environment_.events;
   // A client that knows no number yet wants one at once.
   if (number < 0) return reply.answer(events.after(events.last(), 0));
+  if (!makesRoomForEventRequest()) {
+    return reply.answer(std::unexpected(NSException{
+        kNSInvalidArgumentException, "Too many clients wait for events. Ask again later.", {}}));
+  }
   const Id id = ++lastId_;
   const bool isFirst = eventRequests_.empty();
   eventRequests_.emplace(
-      id, EventRequest{number, std::move(reply),
+      id, EventRequest{number, environment_.runLoop.now(), std::move(reply),
                        environment_.runLoop.startTimer(kEventsTime, RunLoop::Repeat::kOnce,
                                                        [this, id] { answerWithEvents(id); })});
   // First, so that no event is added in between.
   if (isFirst) events.whenAdded(onThisThread([this] { eventsWereAdded(); }));
-  if (events.last() != number) return answerWithEvents(id);
-  if (eventRequests_.size() > kMostWaitingForEvents)
-    answerWithEvents(eventRequests_.begin()->first);
+  if (events.last() != number) answerWithEvents(id);
+}
+
+bool ORBServiceManagerOperatorServer::makesRoomForEventRequest() {
+  if (eventRequests_.size() < kMostWaitingForEvents) return true;
+  const auto& [id, oldest] = *eventRequests_.begin();
+  if (environment_.runLoop.now() - oldest.since < kLeastEventsWait) return false;
+  answerWithEvents(id);
+  return true;
 }
 
 void ORBServiceManagerOperatorServer::eventsWereAdded() {

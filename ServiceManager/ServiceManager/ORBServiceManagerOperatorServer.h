@@ -29,11 +29,14 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
  public:
   static constexpr platform::Duration kPictureTime = std::chrono::milliseconds(100);
   // A client that asks for events gets an answer within this time, without an event if none came.
-  static constexpr platform::Duration kEventsTime = std::chrono::seconds(20);
+  // A client that has gone keeps its place for as long.
+  static constexpr platform::Duration kEventsTime = std::chrono::seconds(5);
   static constexpr std::size_t kEventsInAnAnswer = 500;
-  // The clients that wait for events. The one that has waited longest is answered if there are
-  // more.
+  // The clients that wait for events. If there is one more, the one that has waited longest is
+  // answered; unless it has waited for less than kLeastEventsWait, in which case the new one is
+  // refused. Otherwise those that are answered would ask again at once, and never wait.
   static constexpr std::size_t kMostWaitingForEvents = 256;
+  static constexpr platform::Duration kLeastEventsWait = std::chrono::seconds(1);
 
   // The requests to the main thread. Both functions return at once and call back on any thread, or
   // drop the callback if the daemon ends.
@@ -83,6 +86,9 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   void awaitServices(const platform::Array& labels, platform::MessageReply reply);
   void servicesAreSettled(Id id);
   void awaitEvents(std::int64_t number, platform::MessageReply reply);
+  // Answers the request that has waited longest if there is no other place. False if it may wait
+  // on.
+  bool makesRoomForEventRequest();
   void eventsWereAdded();
   void answerWithEvents(Id id);
   void answer(Message message);
@@ -99,6 +105,7 @@ class ORBServiceManagerOperatorServer final : public platform::MessageTarget {
   std::optional<platform::Instant> askedAt_;        // for the picture that is under way
   struct EventRequest {
     std::int64_t number;
+    platform::Instant since;
     platform::MessageReply reply;
     std::unique_ptr<platform::RunLoopHandle> limit;
   };

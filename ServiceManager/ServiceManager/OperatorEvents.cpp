@@ -11,14 +11,6 @@ using namespace platform;
 
 namespace {
 
-// Cut before a character, not inside one.
-void shorten(std::string& text) {
-  if (text.size() <= OperatorEvents::kMostTextBytes) return;
-  std::size_t size = OperatorEvents::kMostTextBytes;
-  while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80) --size;
-  text.resize(size);
-}
-
 void addContent(Dictionary& facts, const OperatorEvent& event) {
   switch (event.kind) {
     case OperatorEvent::Kind::kService:
@@ -62,8 +54,16 @@ Value factsOf(const OperatorEvent& event) {
 OperatorEvents::OperatorEvents(WallTime began)
     : first_(std::chrono::floor<std::chrono::microseconds>(began).time_since_epoch().count()) {}
 
+// Cut before a character, not inside one. A copy has no capacity for the rest.
+std::string OperatorEvents::shortened(std::string text) {
+  if (text.size() <= kMostTextBytes) return text;
+  std::size_t size = kMostTextBytes;
+  while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80) --size;
+  return text.substr(0, size);
+}
+
 void OperatorEvents::add(OperatorEvent event) {
-  shorten(event.subject);
+  event.subject = shortened(std::move(event.subject));
   RunLoop::Callback added;
   {
     const std::lock_guard lock(mutex_);
@@ -80,17 +80,25 @@ std::int64_t OperatorEvents::last() const {
   return last_;
 }
 
-Value OperatorEvents::after(std::int64_t number, std::size_t most) const {
+OperatorEvents::Part OperatorEvents::copyAfter(std::int64_t number, std::size_t most) const {
   const std::lock_guard lock(mutex_);
   const auto forgotten = last_ - static_cast<std::int64_t>(events_.size());
   if (number < first_ || number > last_) number = first_;
   const std::int64_t first = std::max(number, forgotten);
+  Part part{.missed = first - number, .last = first, .events = {}};
+  for (; part.last < last_ && part.events.size() < most; ++part.last)
+    part.events.push_back(events_[static_cast<std::size_t>(part.last - forgotten)]);
+  return part;
+}
+
+// The main thread waits for the lock, so the facts are made without it.
+Value OperatorEvents::after(std::int64_t number, std::size_t most) const {
+  const Part part = copyAfter(number, most);
   Array events;
-  for (auto next = first; next < last_ && events.size() < most; ++next)
-    events.push_back(factsOf(events_[static_cast<std::size_t>(next - forgotten)]));
-  const std::int64_t end = first + static_cast<std::int64_t>(events.size());
-  return Dictionary{
-      {kFactEvents, std::move(events)}, {kFactLastEvent, end}, {kFactMissedEvents, first - number}};
+  for (const OperatorEvent& event : part.events) events.push_back(factsOf(event));
+  return Dictionary{{kFactEvents, std::move(events)},
+                    {kFactLastEvent, part.last},
+                    {kFactMissedEvents, part.missed}};
 }
 
 void OperatorEvents::whenAdded(RunLoop::Callback added) {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Platform/RunLoops/RunLoop.h"
 #include "Platform/Values/Time.h"
@@ -42,6 +43,9 @@ class OperatorEvents {
 
   explicit OperatorEvents(platform::WallTime began = {});
 
+  // A subject as add() keeps it.
+  static std::string shortened(std::string text);
+
   // Main thread.
   void add(OperatorEvent event);
 
@@ -55,6 +59,13 @@ class OperatorEvents {
   void whenAdded(platform::RunLoop::Callback added);
 
  private:
+  struct Part {
+    std::int64_t missed;
+    std::int64_t last;  // the number of the last event of this part
+    std::vector<OperatorEvent> events;
+  };
+  Part copyAfter(std::int64_t number, std::size_t most) const;
+
   mutable std::mutex mutex_;
   std::deque<OperatorEvent> events_;
   const std::int64_t first_;  // the number before the first event

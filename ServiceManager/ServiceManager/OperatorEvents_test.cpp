@@ -70,6 +70,12 @@ TEST_F(OperatorEventsTest, ALongKeyIsCutBetweenCharacters) {
   EXPECT_EQ((*events_.after(0, 1)[kFactEvents].array())[0][kFactKey], Value(key));
 }
 
+TEST_F(OperatorEventsTest, ALongKeyTakesTheMemoryOfAShortOne) {
+  const std::string kept = OperatorEvents::shortened(std::string(64 * 1024, 'k'));
+  EXPECT_EQ(kept, std::string(OperatorEvents::kMostTextBytes, 'k'));
+  EXPECT_LE(kept.capacity(), 2 * OperatorEvents::kMostTextBytes);
+}
+
 TEST(OperatorEventFacts, EachKindHasItsFacts) {
   EXPECT_EQ(factsOf({.kind = EventKind::kSettings})[kFactEvent], Value("settings"));
   EXPECT_TRUE(factsOf({.kind = EventKind::kSettings})[kFactKey].isNil());

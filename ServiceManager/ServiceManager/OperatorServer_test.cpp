@@ -243,9 +243,13 @@ TEST_F(OperatorServerTest, TheRequestsForEventsAreLimited) {
   const auto first = send("eventsAfter:", {0});
   for (std::size_t i = 1; i < ORBServiceManagerOperatorServer::kMostWaitingForEvents; ++i)
     send("eventsAfter:", {0});
+  loop_.advanceBy(ORBServiceManagerOperatorServer::kLeastEventsWait - 1ms);
+  const auto refused = send("eventsAfter:", {0});
+  EXPECT_TRUE(*refused && !**refused);
   EXPECT_FALSE(*first);
+  loop_.advanceBy(1ms);
   const auto last = send("eventsAfter:", {0});
-  EXPECT_TRUE(*first);
+  EXPECT_TRUE(*first && **first);
   EXPECT_FALSE(*last);
   EXPECT_FALSE(**send("eventsAfter:", {"one"}));
   server_.reset();

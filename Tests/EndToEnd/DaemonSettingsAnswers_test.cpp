@@ -126,6 +126,7 @@ TEST_F(DaemonSettingsAnswers, AnExplanationNamesAHungServerAndItsLastValue) {
   root_.startDaemon();
   root_.awaitStart();
   root_.await(kFeature + " to run", [&] { return root_.processOf(kFeature) > 0; });
+  awaitServices(root_, {kFeature});
   const ProcessId before = root_.processOf(kFeature);
   // The test serves nothing until the command has ended.
   const auto explained = root_.host().control({"explain", kFeature});

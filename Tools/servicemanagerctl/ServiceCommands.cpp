@@ -29,12 +29,21 @@ using namespace platform;
 constexpr Duration kStartTime = std::chrono::seconds(60);
 // A question that comes when the time is over gets this time, so that it has an answer.
 constexpr Duration kShortestWait = std::chrono::milliseconds(100);
+// The service manager returns to the normal mode 0.1 s after its answer.
+constexpr Duration kReturnTime = std::chrono::milliseconds(200);
 // More would hide the outcome.
 constexpr std::size_t kMostRemarks = 10;
 // The limit of a wait; it also bounds the sum of the catalogue's values.
 constexpr std::int64_t kLongestWait = 24 * 60 * 60;
 
 Array asArray(const std::vector<std::string>& labels) { return {labels.begin(), labels.end()}; }
+
+// The return to the normal mode would end the work of an installer that has begun meanwhile, such
+// as that of the next command of a script.
+void awaitReturnToNormalMode(RunLoop& loop) {
+  const auto timer = loop.startTimer(kReturnTime, RunLoop::Repeat::kOnce, [&loop] { loop.stop(); });
+  loop.run();
+}
 
 Answer<void> connect(DaemonClient& daemon) {
   const BlockedCallProgress progress({.what = "the service manager to answer"});
@@ -345,6 +354,7 @@ Answer<int> ServiceCommands::evaluate(const DaemonClient::Environment& environme
     return std::unexpected(Refusal{kExitFailed,
                                    "the service manager did not take the request; see "
                                    "\"servicemanagerctl log\""});
+  awaitReturnToNormalMode(environment.objects.loop);
   print(json_ ? dumpedAnswer(nlohmann::ordered_json{{"evaluating", true}}) : sentence);
   return EXIT_SUCCESS;
 }

@@ -11,6 +11,7 @@
 #include "ServiceManager/ServiceManager/OperatorFacts.h"
 #include "ServiceManager/ServiceManager/Protocols.h"
 #include "Tools/servicemanagerctl/BlockedCallProgress.h"
+#include "Tools/servicemanagerctl/ExitStatus.h"
 #include "Tools/servicemanagerctl/OperatorPages.h"
 #include "Tools/servicemanagerctl/Output.h"
 #include "Tools/servicemanagerctl/ValueJson.h"
@@ -20,9 +21,11 @@ namespace {
 using namespace platform;
 using namespace std::chrono_literals;
 
-// The server answers within 20 s, also if nothing has happened.
+// The server answers within 5 s, also if nothing has happened.
 constexpr Duration kEventsTimeOut = 30s;
 constexpr Duration kPauseBeforeRetry = 1s;
+// A server with too many clients that wait may answer sooner without events.
+constexpr Duration kSoon = 1s;
 
 // The number of services. A page behind the last one has nothing but that.
 Answer<std::int64_t> countServices(DaemonClient& daemon) {
@@ -45,6 +48,20 @@ Answer<Beginning> begin(DaemonClient& daemon) {
   const auto services = countServices(daemon);
   if (!services) return std::unexpected(services.error());
   return Beginning{*services, (*events)[kFactLastEvent].integer().value_or(0)};
+}
+
+// Its question is answered at once.
+Answer<void> connectAgain(DaemonClient& daemon) {
+  if (const auto connected = daemon.connect(); !connected)
+    return std::unexpected(connected.error());
+  if (const auto events = daemon.ask("eventsAfter:", {-1}); !events)
+    return std::unexpected(events.error());
+  return {};
+}
+
+// No retry changes it.
+bool isLasting(const Refusal& refusal) {
+  return refusal.exitStatus == kExitNotPermitted || refusal.exitStatus == kExitNotAuthenticated;
 }
 
 void pauseFor(RunLoop& loop, Duration duration) {
@@ -83,14 +100,20 @@ int WatchCommand::run(const DaemonClient::Environment& environment) const {
     if (!show(lineOfConnection("does not answer; waiting for it", loop.wallTime())))
       return EXIT_SUCCESS;
     remark(ended.error().text);
-    do pauseFor(loop, kPauseBeforeRetry);
-    while (!renew().connect());
+    for (Answer<void> answered = std::unexpected(ended.error()); !answered;) {
+      pauseFor(loop, kPauseBeforeRetry);
+      answered = connectAgain(renew());
+      if (answered || !isLasting(answered.error())) continue;
+      fail(answered.error().text);
+      return answered.error().exitStatus;
+    }
     if (!show(lineOfConnection("", loop.wallTime()))) return EXIT_SUCCESS;
   }
 }
 
 Answer<int> WatchCommand::follow(DaemonClient& daemon, RunLoop& loop, std::int64_t& last) const {
   for (;;) {
+    const Instant asked = loop.now();
     const auto answer = daemon.ask("eventsAfter:", {last}, kEventsTimeOut);
     if (!answer) return std::unexpected(answer.error());
     const std::int64_t missed = (*answer)[kFactMissedEvents].integer().value_or(0);
@@ -103,6 +126,7 @@ Answer<int> WatchCommand::follow(DaemonClient& daemon, RunLoop& loop, std::int64
       const auto line = lineOfEvent(event, readerOf(STDOUT_FILENO));
       if (line && !show(*line)) return EXIT_SUCCESS;
     }
+    if (events->empty() && loop.now() - asked < kSoon) pauseFor(loop, kPauseBeforeRetry);
   }
 }
 

@@ -122,17 +122,18 @@ std::optional<std::int32_t> SystemdManager::exitStatusOf(const std::string& unit
   return status ? std::optional(static_cast<std::int32_t>(*status)) : std::nullopt;
 }
 
-// The code is 0 until systemd has reaped the process.
+// The code is 0 until systemd has reaped the process. The number of the process is read last, so
+// that the end is not that of a later process.
 std::optional<SystemdManager::MainEnd> SystemdManager::endOf(const std::string& unit,
                                                              std::uint32_t process) {
   const auto answers = propertiesOf(*bus_, unit,
-                                    {{kServiceInterface, "ExecMainPID"},
-                                     {kServiceInterface, "ExecMainCode"},
-                                     {kServiceInterface, "ExecMainStatus"}});
+                                    {{kServiceInterface, "ExecMainCode"},
+                                     {kServiceInterface, "ExecMainStatus"},
+                                     {kServiceInterface, "ExecMainPID"}});
   if (!answers) return std::nullopt;
-  const auto main = numberIn((*answers)[0].get());
-  const auto code = numberIn((*answers)[1].get());
-  const auto status = numberIn((*answers)[2].get());
+  const auto code = numberIn((*answers)[0].get());
+  const auto status = numberIn((*answers)[1].get());
+  const auto main = numberIn((*answers)[2].get());
   if (main != process || !code || !status) return std::nullopt;
   return MainEnd{static_cast<std::int32_t>(*code), static_cast<std::int32_t>(*status)};
 }
