@@ -109,9 +109,9 @@ std::string pathOfStarter() {
 // Tells the operator once why fewer jobs than kMaximumJobs can run.
 void reportDescriptorLimit(platform::SystemLog& log) {
   const std::uint64_t limit = platform::softDescriptorLimit();
-  if (limit >= jobhost::kMaximumJobs + platform::kDescriptorReserve) return;
+  if (limit >= 2 * jobhost::kMaximumJobs + platform::kDescriptorReserve) return;
   log.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
-              fmt::format("this process may open {} files, and each running job takes one, and one "
+              fmt::format("this process may open {} files, and each running job takes two, and one "
                           "more for each of its services: fewer than {} jobs can run",
                           limit, jobhost::kMaximumJobs));
 }
@@ -198,7 +198,7 @@ int main(int argc, char** argv) {
       jobhost::JobHost::create(*linux.runLoop, processes, linux.systemLog, std::move(options));
   if (!created) return fail(created.error());
   host = *std::move(created);
-  (*output)->takeOver();
+  (*output)->takeOver(*linux.runLoop);
   blocked.reset();
 
   const auto server = jobhost::JobServer::listen(*linux.runLoop, linux.peerTransport,

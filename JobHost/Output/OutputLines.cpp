@@ -26,10 +26,12 @@ void OutputLines::add(std::string_view bytes, platform::Instant now) {
 void OutputLines::tick(platform::Instant now) {
   startTimeIfOver(now);
   if (!pending_.empty() && now - changedAt_ >= kQuietTime) endPending();
+  if (!isOverLimit_) reportLost();
 }
 
 void OutputLines::end() {
   bytes_ = 0;
+  isOverLimit_ = false;
   if (!pending_.empty()) endPending();
   reportLost();
 }
@@ -38,6 +40,7 @@ void OutputLines::startTimeIfOver(platform::Instant now) {
   if (bytes_ > 0 && now - begin_ < kTime) return;
   begin_ = now;
   bytes_ = 0;
+  isOverLimit_ = false;
   reportLost();
 }
 
@@ -47,22 +50,23 @@ void OutputLines::endPending() {
 }
 
 void OutputLines::emit(std::string_view line) {
-  const std::size_t cost = line.size() + kOverhead;
   // After the first one that does not fit, a shorter one would be out of its order.
-  if (lost_ > 0 || bytes_ + cost > kMostBytes || !take_(line)) {
-    ++lost_;
-    return;
-  }
+  if (bytes_ + line.size() + kOverhead > kMostBytes) isOverLimit_ = true;
+  if (lost_ > 0 || isOverLimit_ || !pass(line)) ++lost_;
+}
+
+bool OutputLines::pass(std::string_view line) {
+  const std::size_t cost = line.size() + kOverhead;
+  if (!take_(line, bytes_ + cost <= kUrgentBytes)) return false;
   bytes_ += cost;
+  return true;
 }
 
 void OutputLines::reportLost() {
   if (lost_ == 0) return;
   const std::string text =
       fmt::format("[{} {} lost here]", lost_, lost_ == 1 ? "line was" : "lines were");
-  if (!take_(text)) return;
-  bytes_ += text.size() + kOverhead;
-  lost_ = 0;
+  if (pass(text)) lost_ = 0;
 }
 
 }  // namespace jobhost

@@ -20,7 +20,9 @@ class OutputLinesTest : public testing::Test {
   std::vector<std::string> taken_;
   bool isFull_ = false;
   platform::Instant now_{1h};
-  OutputLines lines_{[this](std::string_view line) {
+  bool isUrgent_ = false;  // the last line
+  OutputLines lines_{[this](std::string_view line, bool isUrgent) {
+    isUrgent_ = isUrgent;
     if (!isFull_) taken_.emplace_back(line);
     return !isFull_;
   }};
@@ -78,11 +80,33 @@ TEST_F(OutputLinesTest, LostLinesAreReportedIfNothingFollows) {
   isFull_ = true;
   lines_.add("two\n", now_);
   isFull_ = false;
-  lines_.tick(now_ + 1s);
-  EXPECT_TRUE(lines_.isUnfinished());
-  lines_.tick(now_ + OutputLines::kTime);
+  lines_.tick(now_);
   EXPECT_THAT(taken_, ElementsAre("one", "[1 line was lost here]"));
   EXPECT_FALSE(lines_.isUnfinished());
+  lines_.add("three\n", now_);
+  EXPECT_EQ(taken_.back(), "three");
+}
+
+TEST_F(OutputLinesTest, LinesAboveTheBoundAreReportedWhenTheTimeIsOver) {
+  const std::string line(8000, 'x');
+  while (!lines_.isUnfinished()) lines_.add(line + "\n", now_);
+  taken_.clear();
+  lines_.tick(now_ + OutputLines::kTime - 1ns);
+  EXPECT_THAT(taken_, IsEmpty());
+  lines_.tick(now_ + OutputLines::kTime);
+  EXPECT_THAT(taken_, ElementsAre("[1 line was lost here]"));
+  EXPECT_FALSE(lines_.isUnfinished());
+}
+
+TEST_F(OutputLinesTest, AQuietLabelHasPriorityOverAFlood) {
+  lines_.add("one\n", now_);
+  EXPECT_TRUE(isUrgent_);
+  const std::string line(8000, 'x');
+  for (std::size_t bytes = 0; bytes < OutputLines::kUrgentBytes; bytes += line.size())
+    lines_.add(line + "\n", now_);
+  EXPECT_FALSE(isUrgent_);
+  lines_.add("two\n", now_ + OutputLines::kTime);
+  EXPECT_TRUE(isUrgent_);
 }
 
 TEST_F(OutputLinesTest, LostLinesStayCountedWithoutRoom) {

@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <iterator>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -20,6 +22,7 @@
 #include <unistd.h>
 
 #include "Platform/Linux/Logging/ServiceOutputFile.h"
+#include "Platform/Linux/SystemCalls/DescriptorLimit.h"
 #include "Platform/Linux/SystemCalls/FolderNames.h"
 #include "Platform/Linux/SystemCalls/SystemCall.h"
 
@@ -38,6 +41,8 @@ constexpr std::size_t kReadBytes = 64 * 1024;
 // How often unfinished lines are looked after.
 constexpr int kTickMilliseconds = 500;
 constexpr std::size_t kMaximumNames = 65'536;
+// A start beyond them gets no pipe: each takes a descriptor.
+constexpr std::size_t kMaximumPipesOfName = 64;
 
 Result<UniqueFd> openPipe(const std::string& path, int flags) {
   UniqueFd pipe(retryOnInterrupt(
@@ -45,9 +50,14 @@ Result<UniqueFd> openPipe(const std::string& path, int flags) {
   struct stat status{};
   if (!pipe || ::fstat(pipe.get(), &status) != 0)
     return std::unexpected(systemError("opening " + path));
-  if (!S_ISFIFO(status.st_mode))
-    return std::unexpected(Error{ErrorCode::kDenied, 0, path + ": it is no pipe"});
+  if (!S_ISFIFO(status.st_mode) || status.st_uid != ::geteuid())
+    return std::unexpected(Error{ErrorCode::kDenied, 0, path + ": it is no pipe of this user"});
   return pipe;
+}
+
+// The name without the number of the start.
+std::string_view identOf(std::string_view pipeName) {
+  return pipeName.substr(0, pipeName.rfind('.'));
 }
 
 // Whether no process can write to the pipe. Only for a pipe that had a writer.
@@ -81,43 +91,64 @@ OutputReader::OutputReader(std::string folder, platform::LogSink& sink,
 
 OutputReader::~OutputReader() { stop(); }
 
-Result<OutputReader::Stream*> OutputReader::add(const std::string& name) {
-  auto pipe = openPipe(pathOf(name), O_RDONLY | O_NONBLOCK);
+Result<OutputReader::Stream*> OutputReader::add(const std::string& pipeName) {
+  auto pipe = openPipe(pathOf(pipeName), O_RDONLY | O_NONBLOCK);
   if (!pipe) return std::unexpected(std::move(pipe.error()));
-  const auto take = [this, name](std::string_view line) {
+  const auto take = [this, ident = std::string(identOf(pipeName))](std::string_view line,
+                                                                   bool isUrgent) {
     return sink_
-        .write({.ident = name,
+        .write({.ident = ident,
                 .facility = platform::kServiceOutputFacility,
                 .level = platform::ASL_LEVEL_INFO,
-                .message = line})
+                .message = line,
+                .isUrgent = isUrgent})
         .has_value();
   };
-  auto stream = std::make_unique<Stream>(Stream{name, *std::move(pipe), OutputLines(take)});
+  auto stream = std::make_unique<Stream>(Stream{pipeName, *std::move(pipe), OutputLines(take)});
   epoll_event event{.events = EPOLLIN, .data = {.ptr = stream.get()}};
   if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, stream->pipe.get(), &event) != 0)
-    return std::unexpected(systemError("reading " + pathOf(name)));
-  return streams_.emplace(name, std::move(stream)).first->second.get();
+    return std::unexpected(systemError("reading " + pathOf(pipeName)));
+  return streams_.emplace(pipeName, std::move(stream)).first->second.get();
 }
 
-Result<UniqueFd> OutputReader::open(const std::string& name, uid_t user) {
-  const std::lock_guard lock(mutex_);
-  const std::string path = pathOf(name);
-  auto known = streams_.find(name);
-  if (known == streams_.end()) {
-    // The name may be left from a host that could not take it over.
-    if (::mkfifo(path.c_str(), kPipeMode) != 0 && errno != EEXIST)
-      return std::unexpected(systemError("making " + path));
+bool OutputReader::hasRoomFor(const std::string& name) const {
+  std::size_t pipes = 0;
+  for (auto each = streams_.lower_bound(name + '.');
+       each != streams_.end() && each->first.starts_with(name + '.'); ++each) {
+    if (identOf(each->first) == name) ++pipes;
   }
+  return pipes < kMaximumPipesOfName;
+}
+
+// Names are left from earlier hosts. Each one is tried once.
+Result<std::string> OutputReader::makePipe(const std::string& name) {
+  for (;;) {
+    std::string pipeName = fmt::format("{}.{}", name, ++starts_);
+    if (::mkfifo(pathOf(pipeName).c_str(), kPipeMode) == 0) return pipeName;
+    if (errno != EEXIST) return std::unexpected(systemError("making " + pathOf(pipeName)));
+  }
+}
+
+Result<UniqueFd> OutputReader::openBothEnds(const std::string& pipeName) {
   // Before the reading end is in the map: without a writer the thread would remove the stream.
-  auto ofProcess = openPipe(path, O_RDWR);
+  auto ofProcess = openPipe(pathOf(pipeName), O_RDWR);
   if (!ofProcess) return ofProcess;
-  // The process may open its standard output again by /dev/stdout.
-  if (::geteuid() == 0 && ::fchown(ofProcess->get(), user, static_cast<gid_t>(-1)) != 0)
-    return std::unexpected(systemError("the owner of " + path));
-  if (known == streams_.end()) {
-    if (const auto added = add(name); !added) return std::unexpected(added.error());
-  }
+  if (platform::isOfDescriptorReserve(ofProcess->get()))
+    return std::unexpected(Error{ErrorCode::kExhausted, 0, "too few descriptors are left"});
+  if (const auto added = add(pipeName); !added) return std::unexpected(added.error());
+  return ofProcess;
+}
+
+Result<UniqueFd> OutputReader::open(const std::string& name) {
+  const std::lock_guard lock(mutex_);
   if (auto started = startIfStopped(); !started) return std::unexpected(started.error());
+  if (!hasRoomFor(name))
+    return std::unexpected(
+        Error{ErrorCode::kExhausted, 0, name + ": too many pipes of earlier starts are open"});
+  const auto pipeName = makePipe(name);
+  if (!pipeName) return std::unexpected(pipeName.error());
+  auto ofProcess = openBothEnds(*pipeName);
+  if (!ofProcess) ::unlink(pathOf(*pipeName).c_str());
   return ofProcess;
 }
 
@@ -130,7 +161,10 @@ Result<void> OutputReader::takeOver() {
     if (streams_.contains(name)) continue;
     const auto added = add(name);
     if (!added) {
-      failed = added.error();
+      // Another kind of file is no output of a service.
+      const bool isOther =
+          added.error().code == ErrorCode::kDenied || added.error().osError == ELOOP;
+      if (!isOther) failed = added.error();
     } else if (readOnce(**added) == Found::kNoWriter) {
       remove(**added);
     }
@@ -213,7 +247,7 @@ OutputReader::Found OutputReader::readOnce(Stream& stream) {
 
 void OutputReader::removeIfUnused(Stream& stream) {
   const std::lock_guard lock(mutex_);
-  // The label's next process may have opened the pipe meanwhile.
+  // Root may have opened the pipe by its name meanwhile.
   if (hasNoWriter(stream.pipe)) remove(stream);
 }
 
@@ -222,8 +256,8 @@ void OutputReader::remove(Stream& stream) {
   ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, stream.pipe.get(), nullptr);
   stream.lines.end();
   unfinished_.erase(&stream);
-  ::unlink(pathOf(stream.name).c_str());
-  streams_.erase(std::string(stream.name));
+  ::unlink(pathOf(stream.pipeName).c_str());
+  streams_.erase(std::string(stream.pipeName));
 }
 
 void OutputReader::tickUnfinished() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -8,8 +9,6 @@
 #include <set>
 #include <string>
 #include <thread>
-
-#include <sys/types.h>
 
 #include "JobHost/Output/OutputLines.h"
 #include "Platform/Linux/SystemCalls/UniqueFd.h"
@@ -19,17 +18,18 @@
 
 namespace jobhost {
 
-// Reads what processes print from named pipes, one for each label, and passes it to a sink in
-// lines. A process opens its pipe for reading and writing, so it can always write: without a host
-// nothing breaks, and what it prints waits in the pipe, whose name tells the next host where. The
-// last process of a label closes the pipe, and then its name is removed.
+// Reads what processes print from named pipes, and passes it to a sink in lines. Each start of a
+// label has a pipe of its own, so open() never opens one that a process may hold locked. The
+// process gets it opened for reading and writing, so it can always write: without a host nothing
+// breaks, and what it prints waits in the pipe, whose name tells the next host where. When the last
+// process has closed the pipe, its name is removed.
 //
 // A thread reads, so that a flood does not hold up the host. It is started by the first pipe, never
 // waits for a disk, and blocks all signals.
 class OutputReader {
  public:
-  // `folder` holds the pipes. `sink` takes lines without waiting, with the pipe's name as their
-  // ident; it outlives this.
+  // `folder` holds the pipes. `sink` takes lines without waiting, with the name of open() as
+  // their ident; it outlives this.
   static platform::Result<std::unique_ptr<OutputReader>> create(
       std::string folder, platform::LogSink& sink, std::function<platform::Instant()> now);
   OutputReader(const OutputReader&) = delete;
@@ -37,10 +37,12 @@ class OutputReader {
   // Passes on what has been printed until now.
   ~OutputReader();
 
-  // Opens the pipe of a name for a process of this user.
-  platform::Result<platform::UniqueFd> open(const std::string& name, uid_t user);
+  // Makes a pipe for the next process of that name, which must run as this process's own user: the
+  // owner of a pipe can make each open() and read() of it wait.
+  platform::Result<platform::UniqueFd> open(const std::string& name);
 
   // Goes on with the pipes that processes of an earlier host print to, and removes the others.
+  // After a failure it may be called again, and skips the pipes that are read.
   platform::Result<void> takeOver();
 
   // Until start(), nothing is read. The lines that have been read are passed on first.
@@ -49,7 +51,7 @@ class OutputReader {
 
  private:
   struct Stream {
-    std::string name;
+    std::string pipeName;
     platform::UniqueFd pipe;
     OutputLines lines;
   };
@@ -57,8 +59,11 @@ class OutputReader {
   OutputReader(std::string folder, platform::LogSink& sink, std::function<platform::Instant()> now,
                platform::UniqueFd epoll, platform::UniqueFd wake);
 
-  std::string pathOf(const std::string& name) const { return folder_ + "/" + name; }
-  platform::Result<Stream*> add(const std::string& name);
+  std::string pathOf(const std::string& pipeName) const { return folder_ + "/" + pipeName; }
+  bool hasRoomFor(const std::string& name) const;
+  platform::Result<std::string> makePipe(const std::string& name);
+  platform::Result<platform::UniqueFd> openBothEnds(const std::string& pipeName);
+  platform::Result<Stream*> add(const std::string& pipeName);
   platform::Result<void> startIfStopped();
   // Ends the thread; then this thread owns the streams.
   void halt();
@@ -75,7 +80,9 @@ class OutputReader {
   const platform::UniqueFd epoll_;
   const platform::UniqueFd wake_;
 
-  // Guards the map. A stream itself belongs to the thread that reads.
+  std::uint64_t starts_ = 0;
+
+  // Guards the map, which has the names of pipes. A stream itself belongs to the thread that reads.
   std::mutex mutex_;
   std::map<std::string, std::unique_ptr<Stream>> streams_;
   std::set<Stream*> unfinished_;  // of the thread

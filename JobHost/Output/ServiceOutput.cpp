@@ -3,6 +3,7 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "JobHost/Output/JournalStream.h"
 #include "JobHost/Output/OutputFiles.h"
@@ -32,12 +33,29 @@ Result<std::unique_ptr<ServiceOutput>> ServiceOutput::create(
   return output;
 }
 
-void ServiceOutput::takeOver() {
-  if (const auto takenOver = reader_->takeOver(); !takenOver) {
-    log_.asl_log(
-        nullptr, platform::ASL_LEVEL_ERR,
-        "the output of some services is not read: " + platform::describe(takenOver.error()));
+void ServiceOutput::takeOver(platform::RunLoop& loop) {
+  loop_ = &loop;
+  tryToTakeOver();
+}
+
+// A service whose pipe is not read waits for ever as soon as the pipe is full.
+void ServiceOutput::tryToTakeOver() {
+  const auto takenOver = reader_->takeOver();
+  retry_ = nullptr;
+  if (takenOver) {
+    hasFailedToRead_ = false;
+    return;
   }
+  noteThatNothingIsRead(takenOver.error());
+}
+
+void ServiceOutput::noteThatNothingIsRead(const platform::Error& error) {
+  if (!std::exchange(hasFailedToRead_, true)) {
+    log_.asl_log(nullptr, platform::ASL_LEVEL_ERR,
+                 "the output of some services is not read: " + platform::describe(error));
+  }
+  retry_ = loop_->startTimer(kRetryInterval, platform::RunLoop::Repeat::kOnce,
+                             [this] { tryToTakeOver(); });
 }
 
 JobOutput ServiceOutput::output() {
@@ -47,9 +65,11 @@ JobOutput ServiceOutput::output() {
 }
 
 UniqueFd ServiceOutput::openFor(const JobDefinition& job, const JobAccount& account) {
-  auto opened = kind_ == Kind::kJournal
-                    ? openJournalStream(job.label)
-                    : reader_->open(platform::outputNameOf(job.label), account.user);
+  // A user who owned a pipe could hold up the thread that reads, and what it has open would be the
+  // next user's.
+  if (kind_ == Kind::kLog && account.user != ::geteuid()) return {};
+  auto opened = kind_ == Kind::kJournal ? openJournalStream(job.label)
+                                        : reader_->open(platform::outputNameOf(job.label));
   if (!opened) {
     noteFailure(job.label, opened.error());
     return {};
@@ -72,10 +92,7 @@ void ServiceOutput::stop(platform::Duration limit) {
 }
 
 void ServiceOutput::start() {
-  if (const auto started = reader_->start(); !started) {
-    log_.asl_log(nullptr, platform::ASL_LEVEL_ERR,
-                 "the output of services is not read: " + platform::describe(started.error()));
-  }
+  if (const auto started = reader_->start(); !started) noteThatNothingIsRead(started.error());
 }
 
 }  // namespace jobhost
