@@ -27,7 +27,9 @@ class HostOutputTest : public testing::Test {
   }
 
   platform::UniqueFd openFor(uid_t user) {
-    return output_->output()({.label = "a"}, {.user = user});
+    JobDefinition job;
+    job.label = "a";
+    return output_->output()(job, {.user = user});
   }
 
   platform::TemporaryFolder folder_;

@@ -163,6 +163,7 @@ Result<void> ChildSetup::prepare(const JobDefinition& job, const JobAccount& acc
   environment_.emplace(job, account, !listeners.empty(), mark);
   auto files = openStandardFiles(job, account, output);
   if (!files) return std::unexpected(std::move(files.error()));
+  child.ignoresBrokenPipe = output && hasStreamToJournal(*files);
   for (UniqueFd& file : *files) {
     descriptors_.push_back(file ? file.get() : null);
     if (file) opened_.push_back(std::move(file));

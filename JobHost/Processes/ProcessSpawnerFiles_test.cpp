@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "JobHost/Processes/ProcessSpawnerFixture_contract.h"
@@ -82,6 +83,18 @@ TEST_F(UnnamedFilesTest, AFileThatTheJobNamesStays) {
   job.standardOutPath = folder_.path("own");
   EXPECT_EQ(printedBy(job, open), "err\n");
   EXPECT_EQ(platform::contentOfFile(folder_.path("own")), "out\n");
+}
+
+TEST_F(UnnamedFilesTest, AJournalThatHasEndedEndsNoJob) {
+  const auto ended = [](const JobDefinition&, const JobAccount&) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const UniqueFd journal(ends[0]);
+    return UniqueFd(ends[1]);
+  };
+  JobDefinition job = silentScript();
+  job.arguments = {"sh", "-c", "echo lost; echo alive >" + folder_.path("output")};
+  EXPECT_EQ(printedBy(job, ended), "alive\n");
 }
 
 TEST_F(UnnamedFilesTest, AJobStartsWithoutItsOutput) {

@@ -172,13 +172,17 @@ bool enterFolders(SpawnedChild& child) {
   return ::syscall(SYS_chdir, child.workingDirectory) == 0;
 }
 
-void resetSignals(std::uint64_t signals) {
+void resetSignals(std::uint64_t signals, bool ignoresBrokenPipe) {
   // Ignored signals would stay ignored, and until the program is executed a handler of the host
   // would run in the host's memory.
   const KernelSignalAction byDefault{};
   for (int signal = 1; signals != 0; ++signal, signals >>= 1) {
     if ((signals & 1) == 0) continue;
     ::syscall(SYS_rt_sigaction, signal, &byDefault, nullptr, kKernelSignalSetBytes);
+  }
+  if (ignoresBrokenPipe) {
+    const KernelSignalAction ignored{reinterpret_cast<void*>(SIG_IGN), 0, nullptr, 0};
+    ::syscall(SYS_rt_sigaction, SIGPIPE, &ignored, nullptr, kKernelSignalSetBytes);
   }
   const std::uint64_t none = 0;
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, kKernelSignalSetBytes);
@@ -220,7 +224,7 @@ bool prepare(SpawnedChild& child) {
 int runSpawnedChild(void* argument) {
   auto& child = *static_cast<SpawnedChild*>(argument);
   if (!prepare(child)) return failure(child);
-  resetSignals(child.signalsToReset);
+  resetSignals(child.signalsToReset, child.ignoresBrokenPipe);
   child.stage = ChildStage::kExecute;
   if (child.programFile >= 0) {
     ::syscall(SYS_execveat, child.programFile, "", child.arguments, child.environment,

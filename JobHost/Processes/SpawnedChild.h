@@ -66,6 +66,7 @@ struct SpawnedChild {
 
   // The signals that may not have their default action. Bit 0 is signal 1.
   std::uint64_t signalsToReset;
+  bool ignoresBrokenPipe;  // SIGPIPE: a service must not end because the journal does
 
   // Once the child has its user's ids, other processes of that user may stop it. It gets SIGCONT
   // after `continueAfter` and then after four times as long each, and SIGKILL if it has not

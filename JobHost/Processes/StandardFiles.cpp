@@ -99,4 +99,12 @@ Result<std::array<UniqueFd, 3>> openStandardFiles(const JobDefinition& job,
   return opened;
 }
 
+bool hasStreamToJournal(const std::array<UniqueFd, 3>& files) {
+  const auto isSocket = [](const UniqueFd& file) {
+    struct stat status{};
+    return file && ::fstat(file.get(), &status) == 0 && S_ISSOCK(status.st_mode);
+  };
+  return isSocket(files[STDOUT_FILENO]) || isSocket(files[STDERR_FILENO]);
+}
+
 }  // namespace jobhost

@@ -17,4 +17,7 @@ platform::Result<std::array<platform::UniqueFd, 3>> openStandardFiles(const JobD
                                                                       const JobAccount& account,
                                                                       const JobOutput& output = {});
 
+// Whether the output or the error is a stream to the journal: no other standard file is a socket.
+bool hasStreamToJournal(const std::array<platform::UniqueFd, 3>& files);
+
 }  // namespace jobhost

@@ -185,7 +185,8 @@ Result<std::vector<UnitProperty>> propertiesOf(const JobDefinition& job, const J
        job.exitTimeOut > platform::Duration::zero() ? microsecondsOf(job.exitTimeOut) : UINT64_MAX},
       {"StartLimitIntervalUSec", std::uint64_t{0}},
       {"StandardInputFileDescriptor", UnitDescriptor{surroundings.starterDescriptor}},
-      {"IgnoreSIGPIPE", false},
+      // A service must not end because the journal does.
+      {"IgnoreSIGPIPE", surroundings.printsToJournal},
       {"UMask", std::uint32_t{job.umask.value_or(kUmaskOfUnits)}},
       {"Environment", environmentOf(job, account)},
   };

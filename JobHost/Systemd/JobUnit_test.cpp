@@ -225,9 +225,11 @@ TEST(JobUnitTest, WithTheJournalOnlyUnnamedFilesGoThere) {
   const auto properties = propertiesWith({}, surroundings);
   EXPECT_THAT(properties,
               IsSupersetOf({UnitProperty{"StandardOutput", std::string("journal")},
+                            UnitProperty{"IgnoreSIGPIPE", true},
                             UnitProperty{"SyslogIdentifier", std::string("com.example.job")}}));
   EXPECT_EQ(find(properties, "StandardError"), std::nullopt);
-  EXPECT_THAT(propertiesWith({}), Contains(UnitProperty{"StandardOutput", std::string("null")}));
+  EXPECT_THAT(propertiesWith({}), IsSupersetOf({UnitProperty{"StandardOutput", std::string("null")},
+                                                UnitProperty{"IgnoreSIGPIPE", false}}));
 }
 
 }  // namespace

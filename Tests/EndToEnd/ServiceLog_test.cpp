@@ -68,7 +68,8 @@ TEST_F(ServiceLogTest, TheLogOfAServiceHasItsOutput) {
 }
 
 TEST_F(ServiceLogTest, TimesAndLevelsSelectLines) {
-  awaitOutput({"log", kAgent, "--since", "1 hour ago"}, kAgent);
+  awaitOutput({"log", kAgent, "--since", "1 hour ago"},
+              "job \"com.vantor.demo.agent\": started process ");
   for (const std::vector<std::string>& selection :
        {std::vector<std::string>{"--since", "2200-01-01"}, {"--level", "emergency"}}) {
     std::vector<std::string> command{"log", kAgent};

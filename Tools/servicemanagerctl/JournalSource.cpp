@@ -36,16 +36,14 @@ std::string cursorIn(const std::string& line) {
   return line.substr(begin, line.find('"', begin) - begin);
 }
 
-std::vector<LogEntry> entriesIn(const std::vector<std::string>& lines,
-                                const std::vector<std::string>& labels, LogFilter& filter) {
-  std::vector<LogEntry> entries;
-  for (const std::string& line : lines) {
-    auto entry = entryInJournal(line, labels);
-    if (entry) entries.push_back(*std::move(entry));
-  }
-  for (const LogEntry& entry : entries) filter.learn(entry);
-  std::erase_if(entries, [&](const LogEntry& entry) { return !filter.takes(entry); });
-  return entries;
+std::vector<std::string> argumentsOfAllLines() {
+  return {"-o",
+          "json",
+          "-q",
+          "--no-pager",
+          "--all",
+          "--output-fields=MESSAGE,PRIORITY,SYSLOG_IDENTIFIER,_PID,_TRANSPORT,VANTOR_LABEL,_UID,"
+          "_COMM,_SYSTEMD_UNIT"};
 }
 
 }  // namespace
@@ -124,10 +122,7 @@ Result<std::vector<std::string>> JournalReader::conclude(std::vector<std::string
 
 std::vector<std::string> journalArguments(const std::vector<std::string>& labels, bool hasLog,
                                           const LogFilter& filter) {
-  std::vector<std::string> arguments{
-      "-o",    "json",
-      "-q",    "--no-pager",
-      "--all", "--output-fields=MESSAGE,PRIORITY,SYSLOG_IDENTIFIER,_PID,_TRANSPORT,VANTOR_LABEL"};
+  std::vector<std::string> arguments = argumentsOfAllLines();
   if (filter.level < 7) arguments.push_back(fmt::format("--priority={}", filter.level));
   if (filter.since) {
     const auto since = std::chrono::floor<std::chrono::seconds>(*filter.since);
@@ -144,7 +139,37 @@ std::vector<std::string> journalArguments(const std::vector<std::string>& labels
   return arguments;
 }
 
+std::vector<LogEntry> JournalSource::entriesIn(const std::vector<std::string>& lines,
+                                               LogFilter& filter) const {
+  std::vector<LogEntry> entries;
+  for (const std::string& line : lines) {
+    auto entry = entryInJournal(line, labels_, owner_);
+    if (entry) entries.push_back(*std::move(entry));
+  }
+  for (const LogEntry& entry : entries) filter.learn(entry);
+  std::erase_if(entries, [&](const LogEntry& entry) { return !filter.takes(entry); });
+  return entries;
+}
+
+// The lines that tell a service's processes may be older or less severe than those that are wanted.
+Result<void> JournalSource::learnProcesses(LogFilter& filter) const {
+  auto arguments = argumentsOfAllLines();
+  arguments.insert(arguments.end(), {"_COMM=jobhost", fmt::format("_UID={}", owner_)});
+  const auto reader = JournalReader::start(std::move(arguments));
+  if (!reader) return std::unexpected(reader.error());
+  while (!(*reader)->hasEnded()) {
+    const auto lines = (*reader)->lines(/*waits=*/true);
+    if (!lines) return std::unexpected(lines.error());
+    entriesIn(*lines, filter);
+  }
+  return {};
+}
+
 Result<std::vector<LogEntry>> JournalSource::read(LogFilter& filter, std::size_t most) {
+  if (hasLog_ && (filter.since || filter.level < 7)) {
+    if (const auto learned = learnProcesses(filter); !learned)
+      return std::unexpected(learned.error());
+  }
   auto arguments = journalArguments(labels_, hasLog_, filter);
   if (most < LabelLog::kMostEntries)
     arguments.insert(arguments.begin(), fmt::format("--lines={}", most * kReadForShown));
@@ -154,7 +179,7 @@ Result<std::vector<LogEntry>> JournalSource::read(LogFilter& filter, std::size_t
   for (;;) {
     const auto lines = (*reader)->lines(/*waits=*/true);
     if (!lines) return std::unexpected(lines.error());
-    for (LogEntry& entry : entriesIn(*lines, labels_, filter)) {
+    for (LogEntry& entry : entriesIn(*lines, filter)) {
       entries.push_back(std::move(entry));
       if (entries.size() > most) entries.pop_front();
     }
@@ -165,19 +190,33 @@ Result<std::vector<LogEntry>> JournalSource::read(LogFilter& filter, std::size_t
                                std::move_iterator(entries.end()));
 }
 
+Result<void> JournalSource::startFollower(const LogFilter& filter) {
+  LogFilter later{.labels = filter.labels};
+  auto arguments = journalArguments(labels_, hasLog_, later);
+  arguments.insert(arguments.begin(), {"--follow", cursor_.empty() ? std::string("--lines=0")
+                                                                   : "--after-cursor=" + cursor_});
+  auto started = JournalReader::start(std::move(arguments));
+  if (!started) return std::unexpected(std::move(started.error()));
+  follower_ = *std::move(started);
+  hasFollowed_ = false;
+  return {};
+}
+
 Result<std::vector<LogEntry>> JournalSource::readNew(LogFilter& filter) {
+  if (follower_ && follower_->hasEnded()) {
+    if (!hasFollowed_)
+      return std::unexpected(Error{ErrorCode::kSystem, 0, "journalctl no longer follows"});
+    follower_.reset();
+  }
   if (!follower_) {
-    LogFilter later = filter;
-    later.since.reset();
-    auto arguments = journalArguments(labels_, hasLog_, later);
-    arguments.insert(
-        arguments.begin(),
-        {"--follow", cursor_.empty() ? std::string("--lines=0") : "--after-cursor=" + cursor_});
-    auto started = JournalReader::start(std::move(arguments));
-    if (!started) return std::unexpected(std::move(started.error()));
-    follower_ = *std::move(started);
+    if (const auto started = startFollower(filter); !started)
+      return std::unexpected(started.error());
   }
   const auto lines = follower_->lines(/*waits=*/false);
   if (!lines) return std::unexpected(lines.error());
-  return entriesIn(*lines, labels_, filter);
+  if (!lines->empty()) {
+    cursor_ = cursorIn(lines->back());
+    hasFollowed_ = true;
+  }
+  return entriesIn(*lines, filter);
 }

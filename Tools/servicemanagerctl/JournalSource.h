@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,8 +17,18 @@ class JournalReader {
   JournalReader& operator=(const JournalReader&) = delete;
   ~JournalReader();
 
+<<<<<<< HEAD
   // The whole lines that can be read; with `waits`, until the program has ended or a part is large
   // enough. Fails if it could not read the journal.
+||||||| 89505e2
+  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
+  // not read the journal.
+=======
+  bool hasEnded() const { return process_ < 0; }
+
+  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
+  // not read the journal.
+>>>>>>> repL
   platform::Result<std::vector<std::string>> lines(bool waits);
 
   // Whether there are no more lines, and whether the program had nothing to complain of then.
@@ -39,20 +50,27 @@ class JournalReader {
 // The lines of the journal. It has more than a program can keep, so journalctl selects them.
 class JournalSource final : public LogSource {
  public:
-  // `hasLog` says whether the lines of the service manager and the job host are there, too.
-  JournalSource(std::vector<std::string> labels, bool hasLog)
-      : labels_(std::move(labels)), hasLog_(hasLog) {}
+  // `hasLog` says whether the lines of the service manager and the job host are there, too. `owner`
+  // is their user.
+  JournalSource(std::vector<std::string> labels, bool hasLog, std::int64_t owner)
+      : labels_(std::move(labels)), hasLog_(hasLog), owner_(owner) {}
 
   platform::Result<std::vector<LogEntry>> read(LogFilter& filter, std::size_t most) override;
   platform::Result<std::vector<LogEntry>> readNew(LogFilter& filter) override;
 
  private:
+  platform::Result<void> learnProcesses(LogFilter& filter) const;
+  platform::Result<void> startFollower(const LogFilter& filter);
+  std::vector<LogEntry> entriesIn(const std::vector<std::string>& lines, LogFilter& filter) const;
+
   const std::vector<std::string> labels_;
   const bool hasLog_;
+  const std::int64_t owner_;
   std::string cursor_;
   std::unique_ptr<JournalReader> follower_;
+  bool hasFollowed_ = false;  // since its start, it has given a line
 };
 
-// The arguments of journalctl for these lines.
+// The arguments of journalctl for these lines. Its options hold for the lines of the job host, too.
 std::vector<std::string> journalArguments(const std::vector<std::string>& labels, bool hasLog,
                                           const LogFilter& filter);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ class LogSource {
 };
 
 // The log's lines about some services, and what these have printed, merged in time. Blocks only for
-// the disk, and read() for the journal.
+// the disk, and read() for the journal. A source that this user may not read is left out, with a
+// remark, if there are others.
 class LabelLog {
  public:
   // More entries are not kept in memory.
@@ -38,6 +40,10 @@ class LabelLog {
   platform::Result<std::vector<LogEntry>> readNew();
 
  private:
+  using Read = std::function<platform::Result<std::vector<LogEntry>>(LogSource& source)>;
+  // In the order of time.
+  platform::Result<std::vector<LogEntry>> fromAll(const Read& read);
+
   LogFilter filter_;
   std::vector<std::unique_ptr<LogSource>> sources_;
 };

@@ -1,8 +1,12 @@
 #include "Tools/servicemanagerctl/LabelLog.h"
 
+#include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -10,6 +14,7 @@
 
 #include "Platform/Testing/Machine/TemporaryFolder.h"
 #include "Tools/servicemanagerctl/JournalSource.h"
+#include "Tools/servicemanagerctl/LogFileSource.h"
 
 namespace {
 
@@ -108,6 +113,33 @@ TEST_F(LabelLogTest, ARotationWhileFollowingLosesNoLine) {
   std::vector<std::string> seen = messages(followed.readNew());
   for (const std::string& text : messages(followed.readNew())) seen.push_back(text);
   EXPECT_THAT(seen, ElementsAre("two", "three"));
+}
+
+// A member of the product's group may read the journal, and not the files.
+TEST_F(LabelLogTest, ASourceThatMayNotBeReadIsLeftOut) {
+  class Forbidden final : public LogSource {
+   public:
+    platform::Result<std::vector<LogEntry>> read(LogFilter&, std::size_t) override {
+      return denied();
+    }
+    platform::Result<std::vector<LogEntry>> readNew(LogFilter&) override { return denied(); }
+
+   private:
+    static platform::Result<std::vector<LogEntry>> denied() {
+      return std::unexpected(platform::Error{platform::ErrorCode::kDenied, EACCES, "a file"});
+    }
+  };
+  log(1, "starts a");
+  std::vector<std::unique_ptr<LogSource>> sources;
+  sources.push_back(std::make_unique<Forbidden>());
+  EXPECT_FALSE(LabelLog(std::move(sources), {}).read());
+  sources.clear();
+  sources.push_back(std::make_unique<Forbidden>());
+  sources.push_back(
+      std::make_unique<LogFileSource>(folder_.path("log/system.log"), entryInLogLine));
+  LabelLog read(std::move(sources), {.labels = {"a"}});
+  EXPECT_THAT(messages(read.read()), ElementsAre("starts a"));
+  EXPECT_TRUE(read.readNew());
 }
 
 TEST_F(LabelLogTest, NoFilesAreAnEmptyLog) {

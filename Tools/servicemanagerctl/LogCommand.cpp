@@ -148,11 +148,14 @@ Answer<LogFilter> LogCommand::filter(const DaemonClient::Environment& environmen
 }
 
 Answer<int> LogCommand::show(const DaemonClient::Environment& environment) const {
-  const auto wanted = filter(environment);
+  auto wanted = filter(environment);
   if (!wanted) return std::unexpected(wanted.error());
   const PlatformConfiguration& configuration = *environment.configuration;
   if (configuration.logSink == Sink::kSyslog)
     remark("this platform logs to the system log, where its lines must be looked for");
+  // The line about a start may be older than what is read.
+  if (!labels_.empty() && (wanted->since || wanted->level < ASL_LEVEL_DEBUG))
+    wanted->processes = processesOf(environment, labels_);
   LabelLog log(configuration, *wanted);
   // All lines are read: those of the job host tell the processes of the services.
   auto entries = log.read();

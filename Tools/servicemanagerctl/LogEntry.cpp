@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "Platform/Linux/Logging/LogSinkText.h"
+#include "Platform/Linux/Systemd/UnitNames.h"
 
 using namespace platform;
 using Json = nlohmann::ordered_json;
@@ -18,6 +19,7 @@ using Json = nlohmann::ordered_json;
 namespace {
 
 constexpr std::size_t kTimeSize = std::string_view("2026-01-02T03:04:05.678901Z").size();
+constexpr std::string_view kJobHost = "jobhost";
 constexpr int kLevelOfOutput = ASL_LEVEL_INFO;
 
 template <typename Number>
@@ -100,6 +102,14 @@ std::string fieldOf(const Json& entry, const char* name) {
   return found == entry.end() ? std::string() : textInField(*found);
 }
 
+// Whether systemd runs the service in this unit, or the job host. Only root makes units of the
+// system.
+bool isUnitOf(std::string_view unit, std::string_view label) {
+  const std::string own = "vantor-" + escapedForUnitName(label);
+  return unit == "vantor-jobhost.service" || unit == own + ".service" ||
+         unit == own + "..abandons.service";
+}
+
 struct JobProcess {
   std::string_view label;
   std::int64_t process;
@@ -108,7 +118,7 @@ struct JobProcess {
 // The job and the process that a line of the job host is about: "job "LABEL": started process 7".
 std::optional<JobProcess> jobIn(const LogEntry& entry) {
   std::string_view rest = entry.message;
-  if (entry.speaker != "jobhost" || !take(rest, "job \"")) return std::nullopt;
+  if (entry.speaker != kJobHost || !take(rest, "job \"")) return std::nullopt;
   const auto label = take(rest, "\": ");
   if (!label || !take(rest, "process ")) return std::nullopt;
   const auto process = numberIn<std::int64_t>(rest.substr(0, rest.find_first_not_of("0123456789")));
@@ -148,7 +158,7 @@ std::optional<LogEntry> entryInOutputLine(std::string_view line, const std::stri
 }
 
 std::optional<LogEntry> entryInJournal(const std::string& line,
-                                       const std::vector<std::string>& labels) {
+                                       const std::vector<std::string>& labels, std::int64_t owner) {
   const Json entry = Json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!entry.is_object()) return std::nullopt;
   const auto microseconds = numberIn<std::int64_t>(fieldOf(entry, "__REALTIME_TIMESTAMP"));
@@ -158,10 +168,13 @@ std::optional<LogEntry> entryInJournal(const std::string& line,
                  fieldOf(entry, "SYSLOG_IDENTIFIER"),
                  numberIn<std::int64_t>(fieldOf(entry, "_PID")).value_or(0),
                  numberIn<int>(fieldOf(entry, "PRIORITY")).value_or(kLevelOfOutput),
-                 fieldOf(entry, "MESSAGE"),
-                 fieldOf(entry, "VANTOR_LABEL")};
-  if (fieldOf(entry, "_TRANSPORT") == "stdout" &&
-      std::ranges::find(labels, found.speaker) != labels.end()) {
+                 fieldOf(entry, "MESSAGE")};
+  const bool isOwners = numberIn<std::int64_t>(fieldOf(entry, "_UID")) == owner;
+  if (isOwners) found.label = fieldOf(entry, "VANTOR_LABEL");
+  found.isTrusted = isOwners && (found.speaker != kJobHost || fieldOf(entry, "_COMM") == kJobHost);
+  const bool isWanted = std::ranges::find(labels, found.speaker) != labels.end();
+  if (isWanted && fieldOf(entry, "_TRANSPORT") == "stdout" &&
+      (isOwners || isUnitOf(fieldOf(entry, "_SYSTEMD_UNIT"), found.speaker))) {
     found.source = LogEntry::Source::kOutput;
   }
   return found;
@@ -181,7 +194,7 @@ bool mentions(std::string_view text, std::string_view label) {
 }
 
 void LogFilter::learn(const LogEntry& entry) {
-  const auto job = jobIn(entry);
+  const auto job = entry.isTrusted ? jobIn(entry) : std::nullopt;
   if (!job) return;
   if (std::ranges::find(labels, job->label) != labels.end()) {
     processes.insert(job->process);
@@ -197,9 +210,10 @@ bool LogFilter::takes(const LogEntry& entry) const {
   if (entry.level > level || (since && entry.time < *since)) return false;
   if (labels.empty()) return true;
   if (entry.source == LogEntry::Source::kOutput) return isWanted(entry.speaker);
-  return isWanted(entry.label) || processes.contains(entry.process) ||
-         std::ranges::any_of(
-             labels, [&](const std::string& wanted) { return mentions(entry.message, wanted); });
+  if (isWanted(entry.label) || processes.contains(entry.process)) return true;
+  return entry.isTrusted && std::ranges::any_of(labels, [&](const std::string& wanted) {
+           return mentions(entry.message, wanted);
+         });
 }
 
 std::string asText(const LogEntry& entry) {

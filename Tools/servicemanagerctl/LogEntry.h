@@ -22,6 +22,8 @@ struct LogEntry {
   int level = 6;
   std::string message;  // as it was logged
   std::string label{};  // of the service that the line is about, if the log has it
+  // False for a line of the journal that another user may have written, so its text proves nothing.
+  bool isTrusted = true;
 
   bool operator==(const LogEntry&) const = default;
 };
@@ -33,9 +35,10 @@ std::optional<LogEntry> entryInLogLine(std::string_view line);
 std::optional<LogEntry> entryInOutputLine(std::string_view line, const std::string& label);
 
 // The same in a line of "journalctl -o json". The output of one of these labels has the label as
-// its identifier.
+// its identifier. Any user can write any text and field but those that the journal itself adds, so
+// lines count by these: `owner` is the user of the job host and the service manager.
 std::optional<LogEntry> entryInJournal(const std::string& line,
-                                       const std::vector<std::string>& labels);
+                                       const std::vector<std::string>& labels, std::int64_t owner);
 
 // The entries to show. It learns the processes of the services from the lines of the job host.
 struct LogFilter {

@@ -1,6 +1,7 @@
 #include "Tools/servicemanagerctl/LogEntry.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -41,19 +42,62 @@ TEST(LogEntryTest, AServicesOutputHasItsLabel) {
 
 TEST(LogEntryTest, TheJournalHasTheSameEntries) {
   const std::string fields =
-      R"("__REALTIME_TIMESTAMP":"1767323045678901","_PID":"42","PRIORITY":"4",)";
+      R"("__REALTIME_TIMESTAMP":"1767323045678901","_PID":"42","PRIORITY":"4","_UID":"5",)";
   EXPECT_EQ(entryInJournal("{" + fields + R"("SYSLOG_IDENTIFIER":"Some Class",)" +
                                R"("MESSAGE":"[A.cpp:7] two\nlines","VANTOR_LABEL":"a"})",
-                           {}),
+                           {}, 5),
             (LogEntry{kLoggedAt, LogEntry::Source::kLog, "Some Class", 42, 4,
                       "[A.cpp:7] two\nlines", "a"}));
   EXPECT_EQ(entryInJournal("{" + fields + R"("SYSLOG_IDENTIFIER":"a","MESSAGE":[104,255],)" +
                                R"("_TRANSPORT":"stdout"})",
-                           {"a"}),
+                           {"a"}, 5),
             (LogEntry{kLoggedAt, LogEntry::Source::kOutput, "a", 42, 4, "h\xff"}));
-  EXPECT_EQ(entryInJournal("{", {}), std::nullopt);
-  EXPECT_EQ(entryInJournal("[]", {}), std::nullopt);
-  EXPECT_EQ(entryInJournal("{}", {}), std::nullopt);
+  EXPECT_EQ(entryInJournal("{", {}, 0), std::nullopt);
+  EXPECT_EQ(entryInJournal("[]", {}, 0), std::nullopt);
+  EXPECT_EQ(entryInJournal("{}", {}, 0), std::nullopt);
+}
+
+std::optional<LogEntry> entryOf(const std::string& fields) {
+  return entryInJournal(
+      R"({"__REALTIME_TIMESTAMP":"1767323045678901","_PID":"42","MESSAGE":"a",)" + fields + "}",
+      {"a"}, /*owner=*/0);
+}
+
+TEST(LogEntryTest, OtherUsersForgeNoOutputOfAService) {
+  const std::string output = R"("SYSLOG_IDENTIFIER":"a","_TRANSPORT":"stdout",)";
+  for (const char* const own :
+       {R"("_UID":"0")", R"("_UID":"7","_SYSTEMD_UNIT":"vantor-jobhost.service")",
+        R"("_UID":"7","_SYSTEMD_UNIT":"vantor-a.service")",
+        R"("_UID":"7","_SYSTEMD_UNIT":"vantor-a..abandons.service")"}) {
+    EXPECT_EQ(entryOf(output + own)->source, LogEntry::Source::kOutput) << own;
+  }
+  for (const char* const forged :
+       {R"("_UID":"7","_SYSTEMD_UNIT":"user@7.service")",
+        R"("_UID":"7","_SYSTEMD_UNIT":"vantor-b.service")", R"("_SYSTEMD_UNIT":"")"}) {
+    const auto entry = entryOf(output + forged);
+    EXPECT_EQ(entry->source, LogEntry::Source::kLog) << forged;
+    EXPECT_FALSE((LogFilter{.labels = {"a"}}.takes(*entry))) << forged;
+  }
+}
+
+TEST(LogEntryTest, OtherUsersForgeNoLineAboutAService) {
+  const LogFilter filter{.labels = {"a"}};
+  EXPECT_TRUE(filter.takes(*entryOf(R"("SYSLOG_IDENTIFIER":"Manager","_UID":"0")")));
+  EXPECT_FALSE(
+      filter.takes(*entryOf(R"("SYSLOG_IDENTIFIER":"Manager","_UID":"7","VANTOR_LABEL":"a")")));
+}
+
+TEST(LogFilterTest, LearnsOnlyFromTheJobHost) {
+  const auto learns = [](const std::string& fields) {
+    LogFilter filter{.labels = {"a"}};
+    auto entry = entryOf(R"("SYSLOG_IDENTIFIER":"jobhost",)" + fields);
+    entry->message = "job \"a\": started process 7";
+    filter.learn(*entry);
+    return !filter.processes.empty();
+  };
+  EXPECT_TRUE(learns(R"("_UID":"0","_COMM":"jobhost")"));
+  EXPECT_FALSE(learns(R"("_UID":"7","_COMM":"jobhost")"));
+  EXPECT_FALSE(learns(R"("_UID":"0","_COMM":"agent")"));
 }
 
 TEST(LogEntryTest, ALabelIsNamedAsAWhole) {

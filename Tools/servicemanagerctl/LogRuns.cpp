@@ -52,6 +52,22 @@ Answer<WallTime> beginOfRuns(const DaemonClient::Environment& environment,
       kExitFailed, fmt::format("{} has not run since the job host was started", labels.front())});
 }
 
+std::set<std::int64_t> processesOf(const DaemonClient::Environment& environment,
+                                   const std::vector<std::string>& labels) {
+  std::set<std::int64_t> processes;
+  const BlockedCallProgress progress({.what = "the service manager to answer"});
+  DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
+  if (!daemon.connect()) return processes;
+  for (const std::string& label : labels) {
+    const auto facts = daemon.ask("factsOfService:", {label});
+    if (!facts) break;
+    if (!facts->dictionary()) continue;
+    if (const JobState job = jobState(label, (*facts)[kFactJob]); job.process)
+      processes.insert(*job.process);
+  }
+  return processes;
+}
+
 Answer<void> checkLabels(const DaemonClient::Environment& environment,
                          const std::vector<std::string>& labels) {
   DaemonClient daemon(environment, kOperatorServer, kORBServiceManagerOperatorProtocol);
