@@ -29,7 +29,9 @@ class HostOutputTest : public testing::Test {
   platform::UniqueFd openFor(uid_t user) {
     JobDefinition job;
     job.label = "a";
-    return output_->output()(job, {.user = user});
+    JobAccount account;
+    account.user = user;
+    return output_->output()(job, account);
   }
 
   platform::TemporaryFolder folder_;

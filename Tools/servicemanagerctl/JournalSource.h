@@ -17,18 +17,8 @@ class JournalReader {
   JournalReader& operator=(const JournalReader&) = delete;
   ~JournalReader();
 
-<<<<<<< HEAD
   // The whole lines that can be read; with `waits`, until the program has ended or a part is large
   // enough. Fails if it could not read the journal.
-||||||| 89505e2
-  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
-  // not read the journal.
-=======
-  bool hasEnded() const { return process_ < 0; }
-
-  // The whole lines that can be read; with `waits`, until the program has ended. Fails if it could
-  // not read the journal.
->>>>>>> repL
   platform::Result<std::vector<std::string>> lines(bool waits);
 
   // Whether there are no more lines, and whether the program had nothing to complain of then.

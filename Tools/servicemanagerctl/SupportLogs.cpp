@@ -72,7 +72,7 @@ Result<std::string> endOfFile(const std::string& path) {
 }
 
 // The user of the job host, whose folder this is. The service manager runs under the same one.
-uid_t ownerOf(const std::string& root) {
+uid_t ownerOfHost(const std::string& root) {
   struct stat status{};
   return ::lstat(pathBelowRoot(root, "run/vantor").c_str(), &status) == 0 ? status.st_uid : 0;
 }
@@ -98,7 +98,7 @@ std::vector<std::string> ownLinesInJournal(uid_t user) {
 
 // The lines, or why there are none.
 Result<std::string> readJournal(const std::string& root) {
-  const auto reader = JournalReader::start(ownLinesInJournal(ownerOf(root)));
+  const auto reader = JournalReader::start(ownLinesInJournal(ownerOfHost(root)));
   if (!reader) return std::unexpected(reader.error());
   std::string text;
   while (!(*reader)->hasEnded()) {
@@ -129,7 +129,8 @@ std::string ownLinesOf(std::string_view log) {
 
 // A secret may go over several lines of a message.
 std::optional<std::string> supportLineOf(const std::string& journalLine) {
-  auto entry = entryInJournal(journalLine, {});
+  // The query has left out other users' lines, and the text does not tell whether one is trusted.
+  auto entry = entryInJournal(journalLine, {}, 0);
   if (!entry) return std::nullopt;
   entry->message = withoutSecrets(std::move(entry->message));
   return asText(*entry);
