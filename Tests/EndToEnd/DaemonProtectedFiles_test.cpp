@@ -38,8 +38,11 @@ TEST_F(DaemonProtectedFiles, EverythingStartsAgainAfterItsDeath) {
   client_->registerClient();
   expectKilledServiceIsReported(DaemonRoot::kPrimary);
   expectKilledServiceIsReported(DaemonRoot::label(0));
-  EXPECT_EQ(root_.host().control({"settings", "set", "common", "Key", "value"}).status,
-            ExitStatus{});
+  // Its process runs before it serves.
+  root_.await("the settings server", [this] {
+    return root_.host().control({"settings", "set", "common", "Key", "value"}).status ==
+           ExitStatus{};
+  });
   const auto found =
       root_.host().control({"endpoints", "lookup", "com.vantor.xpc.name.execinfohandler"});
   EXPECT_EQ(found.status, ExitStatus{}) << found.errors;
