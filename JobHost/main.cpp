@@ -109,9 +109,9 @@ std::string pathOfStarter() {
 // Tells the operator once why fewer jobs than kMaximumJobs can run.
 void reportDescriptorLimit(platform::SystemLog& log) {
   const std::uint64_t limit = platform::softDescriptorLimit();
-  if (limit >= 2 * jobhost::kMaximumJobs + platform::kDescriptorReserve) return;
+  if (limit >= jobhost::kMaximumJobs + platform::kDescriptorReserve) return;
   log.asl_log(nullptr, platform::ASL_LEVEL_NOTICE,
-              fmt::format("this process may open {} files, and each running job takes two, and one "
+              fmt::format("this process may open {} files, and each running job takes one, and one "
                           "more for each of its services: fewer than {} jobs can run",
                           limit, jobhost::kMaximumJobs));
 }

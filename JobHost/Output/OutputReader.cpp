@@ -133,7 +133,8 @@ Result<UniqueFd> OutputReader::openBothEnds(const std::string& pipeName) {
   // Before the reading end is in the map: without a writer the thread would remove the stream.
   auto ofProcess = openPipe(pathOf(pipeName), O_RDWR);
   if (!ofProcess) return ofProcess;
-  if (platform::isOfDescriptorReserve(ofProcess->get()))
+  // The other half is for the processes of further jobs, which matter more.
+  if (static_cast<std::uint64_t>(ofProcess->get()) >= platform::softDescriptorLimit() / 2)
     return std::unexpected(Error{ErrorCode::kExhausted, 0, "too few descriptors are left"});
   if (const auto added = add(pipeName); !added) return std::unexpected(added.error());
   return ofProcess;

@@ -287,7 +287,7 @@ TEST_F(OutputReaderTest, APipeThatCouldNotBeTakenOverIsReadLater) {
   EXPECT_THAT(lines_.await(1), ElementsAre("a: unread"));
 }
 
-TEST_F(OutputReaderTest, TheReservedDescriptorsAreNotForPipes) {
+TEST_F(OutputReaderTest, HalfOfTheDescriptorsAreNotForPipes) {
   std::vector<UniqueFd> used;
   for (int i = 0; i < 60; ++i) used.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
   const DescriptorLimit few(static_cast<rlim_t>(used.back().get()) + 8);
